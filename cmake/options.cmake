@@ -1,0 +1,45 @@
+# Target vx_options: what every target of this project is compiled and linked with.
+add_library(vx_options INTERFACE)
+target_compile_features(vx_options INTERFACE cxx_std_20)
+target_include_directories(vx_options INTERFACE ${PROJECT_SOURCE_DIR}/src ${PROJECT_SOURCE_DIR})
+target_compile_options(vx_options INTERFACE
+  -Wall -Wextra -Wpedantic -Wconversion -Wshadow -Werror
+  $<$<COMPILE_LANGUAGE:CXX>:-Wold-style-cast -Wnon-virtual-dtor -Woverloaded-virtual>)
+
+if(WIN32)
+  target_compile_definitions(vx_options INTERFACE
+    UNICODE _UNICODE _WIN32_WINNT=0x0A00 WINVER=0x0A00 NOMINMAX WIN32_LEAN_AND_MEAN)
+  # Both compile and link need the protector: the link brings its runtime.
+  target_compile_options(vx_options INTERFACE -fstack-protector-strong)
+  target_link_options(vx_options INTERFACE -fstack-protector-strong
+    -Wl,--dynamicbase,--nxcompat,--high-entropy-va,--no-insert-timestamp)
+endif()
+
+# Paths of this machine stay out of the binaries, so that two checkouts build the same bytes.
+target_compile_options(vx_options INTERFACE -ffile-prefix-map=${PROJECT_SOURCE_DIR}/=)
+
+target_compile_definitions(vx_options INTERFACE
+  $<$<CONFIG:Debug>:_GLIBCXX_ASSERTIONS>)
+if(WIN32)
+  target_compile_options(vx_options INTERFACE
+    $<$<CONFIG:Debug>:-fsanitize=undefined -fsanitize-undefined-trap-on-error>)
+endif()
+if(VX_COVERAGE)
+  target_compile_options(vx_options INTERFACE --coverage)
+  target_link_options(vx_options INTERFACE --coverage)
+endif()
+
+# Debian's rapidjson, without the rest of /usr/include on the path of a cross build.
+find_path(VX_RAPIDJSON_ROOT rapidjson/document.h
+  PATHS /usr/include NO_CMAKE_FIND_ROOT_PATH NO_DEFAULT_PATH REQUIRED)
+file(MAKE_DIRECTORY ${PROJECT_BINARY_DIR}/third_party)
+file(CREATE_LINK ${VX_RAPIDJSON_ROOT}/rapidjson ${PROJECT_BINARY_DIR}/third_party/rapidjson SYMBOLIC)
+add_library(rapidjson INTERFACE)
+target_include_directories(rapidjson SYSTEM INTERFACE ${PROJECT_BINARY_DIR}/third_party)
+
+# vx_library(NAME SOURCES... [PUBLIC LIBS...] [PRIVATE LIBS...]): one folder, one static library.
+function(vx_library name)
+  cmake_parse_arguments(arg "" "" "SOURCES;PUBLIC;PRIVATE" ${ARGN})
+  add_library(${name} STATIC ${arg_SOURCES})
+  target_link_libraries(${name} PUBLIC vx_options ${arg_PUBLIC} PRIVATE ${arg_PRIVATE})
+endfunction()

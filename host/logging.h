@@ -1,0 +1,105 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <string_view>
+#include <type_traits>
+
+// Contract of the host's logging library. The stand-in of this folder implements it; a build option
+// links the maker's own library instead.
+
+namespace Vx::Tessel::Server::Logging {
+
+enum class LogLevel : std::uint8_t { Info = 0, Warning = 1, Error = 2 };
+
+// One log line. The views live for the call that delivers the record only.
+struct LogRecord {
+  LogLevel level = LogLevel::Info;
+  std::wstring_view provider;
+  std::wstring_view caller;  // identity of the client that the line is about; empty when none is
+  std::wstring_view message;
+};
+
+// Argument types that a printf-style format can take as they are.
+template <typename T>
+concept LogArgument = std::is_arithmetic_v<std::decay_t<T>> || std::is_pointer_v<std::decay_t<T>>;
+
+// Writes log lines for one provider. Formats are printf-style and wide, with the host's meaning of
+// the letters: %s takes wide text, %S narrow text. Any thread; never throws; a line that cannot be
+// formatted or delivered is dropped. Costs almost nothing while nobody listens.
+class TraceLogger {
+ public:
+  // The same logger, with a caller identity on every record. Borrows both for its own life.
+  class ForCaller {
+   public:
+    ForCaller(const TraceLogger& owner, const wchar_t* callerId) noexcept
+        : logger(owner), caller(callerId) {}
+
+    template <LogArgument... Args>
+    void LogInfo(const wchar_t* format, Args... args) const noexcept {
+      logger.Write(LogLevel::Info, caller, format, args...);
+    }
+    template <LogArgument... Args>
+    void LogWarning(const wchar_t* format, Args... args) const noexcept {
+      logger.Write(LogLevel::Warning, caller, format, args...);
+    }
+    template <LogArgument... Args>
+    void LogError(const wchar_t* format, Args... args) const noexcept {
+      logger.Write(LogLevel::Error, caller, format, args...);
+    }
+
+   private:
+    const TraceLogger& logger;
+    const wchar_t* caller;
+  };
+
+  TraceLogger(const TraceLogger&) = delete;
+  TraceLogger& operator=(const TraceLogger&) = delete;
+
+  template <LogArgument... Args>
+  void LogInfo(const wchar_t* format, Args... args) const noexcept {
+    Write(LogLevel::Info, nullptr, format, args...);
+  }
+  template <LogArgument... Args>
+  void LogWarning(const wchar_t* format, Args... args) const noexcept {
+    Write(LogLevel::Warning, nullptr, format, args...);
+  }
+  template <LogArgument... Args>
+  void LogError(const wchar_t* format, Args... args) const noexcept {
+    Write(LogLevel::Error, nullptr, format, args...);
+  }
+
+  // `callerId` may be null.
+  ForCaller For(const wchar_t* callerId) const noexcept { return {*this, callerId}; }
+
+ private:
+  friend class LogManager;
+  explicit TraceLogger(std::wstring_view providerName) : provider(providerName) {}
+
+  void Write(LogLevel level, const wchar_t* caller, const wchar_t* format, ...) const noexcept;
+
+  std::wstring provider;
+};
+
+// Hands out loggers, which live as long as the process.
+class LogManager {
+ public:
+  // Receives every record, on the thread that logs, one record at a time. Must not throw or log.
+  using Sink = std::function<void(const LogRecord&)>;
+  using SinkId = std::uint64_t;
+
+  // The service's own logger.
+  static TraceLogger* GetLogger();
+
+  // The logger of a named provider; the same name gives the same logger.
+  static TraceLogger* SetProvider(const char* name);
+
+  // The host's (or a test's) listener. After RemoveSink has returned the sink is not called again.
+  static SinkId AddSink(Sink sink);
+  static void RemoveSink(SinkId id);
+};
+
+inline constexpr char kComponentProvider[] = "Vx-Tessel-SystemInformation";
+
+}  // namespace Vx::Tessel::Server::Logging

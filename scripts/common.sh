@@ -1,0 +1,41 @@
+# Sourced by the scripts beside it: installs what a fresh Debian 12 lacks, configures and builds.
+set -euo pipefail
+cd "$(dirname "${BASH_SOURCE[0]}")/.."
+
+packages=(
+  g++-mingw-w64-x86-64-posix ninja-build cmake wine wine64
+  rapidjson-dev googletest libcli11-dev osslsigncode openssl
+)
+native_packages=(clang-14 libclang-rt-14-dev libbson-dev pkg-config)
+lint_packages=(clang-format-14 clang-tidy-14 cppcheck)
+
+# ensure_packages NAME...: installs those that are missing.
+ensure_packages() {
+  local missing=() name
+  for name in "$@"; do
+    dpkg-query -W -f='${Status}' "$name" 2>/dev/null | grep -q 'install ok installed' ||
+      missing+=("$name")
+  done
+  if ((${#missing[@]} == 0)); then return; fi
+  echo "installing: ${missing[*]}"
+  local as_root=()
+  [[ $(id -u) == 0 ]] || as_root=(sudo)
+  "${as_root[@]}" apt-get update -q >/dev/null
+  "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive \
+    apt-get install -q -y --no-install-recommends "${missing[@]}" >/dev/null
+}
+
+# build_preset PRESET [TARGET...]: configures and builds into build/PRESET.
+build_preset() {
+  local preset=$1
+  shift
+  cmake --preset "$preset" >/dev/null
+  cmake --build "build/$preset" ${1:+--target "$@"}
+}
+
+# wine_run PRESET PROGRAM [ARG...]: runs a program of that build tree in its Wine prefix.
+wine_run() {
+  local preset=$1
+  shift
+  cmake/wine-run.sh "$PWD/build/$preset/wine" "$@"
+}

@@ -1,0 +1,30 @@
+#pragma once
+
+#include <memory>
+#include <string>
+#include <utility>
+
+namespace Vx::Platform {
+
+// One conversation with a packaged app's app service, over the host's proxy library.
+class AppService {
+ public:
+  virtual ~AppService() = default;
+
+  // Sends `text` and waits for the reply: a status (0 is success) and the reply's text. May throw
+  // standard exceptions.
+  virtual std::pair<int, std::wstring> Send(const std::wstring& text) = 0;
+
+  // Tells the host's app-service layer that the machine came up again.
+  virtual void SystemRestarted() = 0;
+};
+
+class AppServices {
+ public:
+  virtual ~AppServices() = default;
+
+  virtual std::unique_ptr<AppService> Open(const std::wstring& packageFamilyName,
+                                           const std::wstring& appServiceName) = 0;
+};
+
+}  // namespace Vx::Platform

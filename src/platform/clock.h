@@ -1,0 +1,53 @@
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <optional>
+
+#include "platform/result.h"
+#include "platform/unique_handle.h"
+
+namespace Vx::Platform {
+
+enum class WaitOutcome { Signalled, TimedOut, Failed };
+
+struct WaitResult {
+  WaitOutcome outcome = WaitOutcome::Failed;
+  std::uint32_t code = 0;  // what WaitForSingleObject returned
+  ErrorCode lastError = 0;
+};
+
+// Time and every wait that has a length. Nothing else in the program sleeps, sets a timer or reads
+// a clock, so that a test can run hours in milliseconds on the real code. Any thread may call.
+class Clock {
+ public:
+  using Duration = std::chrono::milliseconds;
+
+  virtual ~Clock() = default;
+
+  // Milliseconds since Windows started, time asleep included.
+  virtual std::uint64_t TickCount() const = 0;
+
+  // UTC now, in 100-nanosecond units since 1601-01-01 (the FILETIME scale).
+  virtual std::uint64_t UtcFileTime() const = 0;
+
+  virtual void Sleep(Duration length) = 0;
+
+  // Blocks until `handle` is signalled or `length` is over; no length means no limit. A null or
+  // closed handle fails at once.
+  virtual WaitResult Wait(RawHandle handle, std::optional<Duration> length) = 0;
+
+  // An unnamed, auto-reset waitable timer, to be waited on with Wait.
+  virtual Result<UniqueHandle> MakeTimer() = 0;
+
+  // Lets `timer` fire once, `due` from now, without waking the machine. Zero or the error.
+  virtual ErrorCode SetTimer(RawHandle timer, Duration due) = 0;
+
+  // Thread accounting, called by StartThread alone: the first on the starting thread before the new
+  // one exists, the second as the last thing the new thread does (or when it could not be made).
+  // A virtual clock advances only while every worker is parked in one of the waits above.
+  virtual void WorkerStarting() = 0;
+  virtual void WorkerEnded() = 0;
+};
+
+}  // namespace Vx::Platform

@@ -1,0 +1,30 @@
+#pragma once
+
+#include <cstdint>
+
+struct IUnknown;
+struct IWbemLocator;
+struct IWbemServices;
+
+namespace Vx::Platform {
+
+// The steps of COM that lead to the firmware's WMI namespace; what follows are calls on the
+// interfaces themselves. Every answer is the call's HRESULT. Called on one thread at a time.
+class Com {
+ public:
+  virtual ~Com() = default;
+
+  virtual std::int32_t InitializeMultithreaded() = 0;
+  virtual void Uninitialize() = 0;
+
+  // Process-wide security with default authentication and impersonation level "impersonate".
+  virtual std::int32_t InitializeSecurity() = 0;
+
+  // `locator` receives a reference that the caller releases.
+  virtual std::int32_t CreateWbemLocator(IWbemLocator** locator) = 0;
+
+  // Call-level authentication (WinNT, no authorisation, impersonate) on a proxy.
+  virtual std::int32_t SetProxyBlanket(IUnknown* proxy) = 0;
+};
+
+}  // namespace Vx::Platform

@@ -1,0 +1,32 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "platform/result.h"
+
+namespace Vx::Platform {
+
+struct RegistryValue {
+  std::uint32_t type = 0;       // REG_ code
+  std::vector<std::byte> data;  // exactly as stored, no terminator added
+};
+
+// Reads below HKEY_LOCAL_MACHINE (64-bit view, KEY_READ). Each call reads afresh.
+class Registry {
+ public:
+  virtual ~Registry() = default;
+
+  // ERROR_FILE_NOT_FOUND when the key or the value is missing.
+  virtual Result<RegistryValue> Read(const std::wstring& key, const std::wstring& value) const = 0;
+
+  // Whether the value is there, whatever its type and data, which are not read.
+  virtual bool Exists(const std::wstring& key, const std::wstring& value) const = 0;
+};
+
+// The text of a REG_SZ value: up to the first NUL, wherever the stored data ends.
+std::wstring TextOf(const RegistryValue& value);
+
+}  // namespace Vx::Platform

@@ -1,0 +1,41 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <utility>
+
+namespace Vx::Platform {
+
+// A Windows error code (GetLastError() or an HRESULT, as the operation says). Zero is "no error".
+using ErrorCode = std::uint32_t;
+
+// A value, or the error code that Windows gave instead of it.
+template <typename T>
+class Result {
+ public:
+  Result(T value) : content(std::move(value)) {}  // NOLINT(google-explicit-constructor)
+
+  static Result Failure(ErrorCode error) {
+    Result result;
+    result.code = error;
+    return result;
+  }
+
+  explicit operator bool() const noexcept { return content.has_value(); }
+  T& operator*() & { return *content; }
+  const T& operator*() const& { return *content; }
+  T&& operator*() && { return *std::move(content); }
+  T* operator->() { return &*content; }
+  const T* operator->() const { return &*content; }
+
+  // Meaningful only after a failure.
+  ErrorCode Error() const noexcept { return code; }
+
+ private:
+  Result() = default;
+
+  std::optional<T> content;
+  ErrorCode code = 0;
+};
+
+}  // namespace Vx::Platform

@@ -1,0 +1,41 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+#include "platform/result.h"
+#include "platform/unique_handle.h"
+
+namespace Vx::Platform {
+
+enum class TokenType { Primary, Impersonation };
+enum class SessionText { UserName, DomainName };
+
+// Who is signed in, and acting as them. Any thread may ask; no call waits.
+class Sessions {
+ public:
+  virtual ~Sessions() = default;
+
+  // The session at the console as Windows reports it: 0xFFFFFFFF while there is none.
+  virtual std::uint32_t ActiveConsoleSession() const = 0;
+
+  // The primary token of the user signed in to `session`.
+  virtual Result<UniqueHandle> QueryUserToken(std::uint32_t session) const = 0;
+
+  // A copy of `token` with maximum allowed access and impersonation level "impersonation".
+  virtual Result<UniqueHandle> DuplicateUserToken(RawHandle token, TokenType type) const = 0;
+
+  // The name or the domain of the user of `session`.
+  virtual Result<std::wstring> QueryText(std::uint32_t session, SessionText what) const = 0;
+
+  // The calling thread acts as the user of `token` from here on. Use Impersonation
+  // (impersonation.h), which pairs the two. Zero or the error.
+  virtual ErrorCode Impersonate(RawHandle token) = 0;
+  virtual ErrorCode Revert() = 0;
+
+  // Whether the process runs as Local System.
+  virtual Result<bool> ProcessIsLocalSystem() const = 0;
+};
+
+}  // namespace Vx::Platform

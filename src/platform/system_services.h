@@ -1,0 +1,62 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "platform/result.h"
+
+namespace Vx::Platform {
+
+// Which API sets this edition of Windows has.
+class ApiSets {
+ public:
+  virtual ~ApiSets() = default;
+
+  // `name` without ".dll". True also where the system cannot be asked.
+  virtual bool IsPresent(const std::wstring& name) const = 0;
+};
+
+// The session part of Windows; absent on editions without interactive users.
+inline constexpr wchar_t kSessionApiSet[] = L"ext-ms-win-session-wtsapi32-l1-1-0";
+
+// First-run set-up of Windows.
+class Oobe {
+ public:
+  virtual ~Oobe() = default;
+
+  struct State {
+    bool known = false;     // the query succeeded
+    bool complete = false;  // as reported; false while not known
+  };
+  virtual State Query() const = 0;
+};
+
+// Custom system event triggers, which wake background tasks of packaged apps.
+class SystemTriggers {
+ public:
+  virtual ~SystemTriggers() = default;
+
+  // Raises the trigger with this id (GUID text as the subscriber registered it) and answers the
+  // system's status; 0 is raised, 0xC0000002 means that this Windows has no custom triggers.
+  virtual std::uint32_t Raise(const std::wstring& triggerId) = 0;
+};
+
+// The lockdown policy library, loaded from a full path and unloaded with this object.
+class LockdownLibrary {
+ public:
+  virtual ~LockdownLibrary() = default;
+
+  // Asks for the lockdown mode; `mode` is left alone when the library does not write it. Answers an
+  // HRESULT (E_NOTIMPL-like negative values when the entry point is missing).
+  virtual std::int32_t QueryMode(std::int32_t& mode) const = 0;
+};
+
+class LockdownLibraries {
+ public:
+  virtual ~LockdownLibraries() = default;
+
+  virtual Result<std::unique_ptr<LockdownLibrary>> Load(const std::wstring& fullPath) = 0;
+};
+
+}  // namespace Vx::Platform

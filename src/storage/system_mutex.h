@@ -1,0 +1,50 @@
+#pragma once
+
+#include <cstdint>
+#include <exception>
+#include <string>
+
+#include "platform/unique_handle.h"
+
+namespace Vx::Tessel::Server::Storage {
+
+// A failed operation on the store's mutex: 0 create, 2 lock, 3 unlock.
+class system_mutex_exception : public std::exception {
+ public:
+  system_mutex_exception(std::string message, std::uint32_t code)
+      : text(std::move(message)), number(code) {}
+
+  const char* what() const noexcept override { return text.c_str(); }
+  std::uint32_t code() const noexcept { return number; }
+
+ private:
+  std::string text;
+  std::uint32_t number;
+};
+
+// A mutex shared by every process that names it. One thread locks and unlocks; it is re-entrant
+// there only as Windows' own mutex is. Satisfies BasicLockable.
+class SystemMutex {
+ public:
+  // Throws system_mutex_exception, code 0.
+  explicit SystemMutex(std::wstring mutexName);
+  SystemMutex(const SystemMutex&) = delete;
+  SystemMutex& operator=(const SystemMutex&) = delete;
+
+  // Releases the mutex if this object still holds it.
+  ~SystemMutex();
+
+  // Blocks without limit. A mutex whose holder died counts as owned. Throws code 2.
+  void lock();
+
+  // Throws code 3.
+  void unlock();
+
+ private:
+  Platform::UniqueHandle handle;
+  std::wstring name;
+  std::uint32_t reserved = 0;
+  bool released = true;
+};
+
+}  // namespace Vx::Tessel::Server::Storage

@@ -1,0 +1,56 @@
+#include "support/temp_folder.h"
+
+#include <atomic>
+#include <system_error>
+
+#include <windows.h>
+
+namespace Vx::Tests {
+
+namespace {
+
+// std::filesystem::remove_all of this runtime follows directory links and empties their targets.
+void RemoveTree(const std::filesystem::path& folder) {
+  std::error_code ignored;
+  for (const auto& entry : std::filesystem::directory_iterator(folder, ignored)) {
+    const std::wstring path = entry.path().wstring();
+    const DWORD attributes = GetFileAttributesW(path.c_str());
+    if (attributes == INVALID_FILE_ATTRIBUTES) continue;
+    if ((attributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0) continue;
+    if ((attributes & FILE_ATTRIBUTE_DIRECTORY) != 0) {
+      RemoveTree(entry.path());
+      continue;
+    }
+    SetFileAttributesW(path.c_str(), FILE_ATTRIBUTE_NORMAL);
+    DeleteFileW(path.c_str());
+  }
+  RemoveDirectoryW(folder.wstring().c_str());
+}
+
+}  // namespace
+
+TempFolder::TempFolder() {
+  static std::atomic<unsigned> counter{0};
+  path = std::filesystem::temp_directory_path() /
+         (L"vx-" + std::to_wstring(GetCurrentProcessId()) + L"-" + std::to_wstring(++counter));
+  std::filesystem::create_directories(path);
+}
+
+TempFolder::~TempFolder() {
+  RemoveTree(path);
+}
+
+EnvironmentOverride::EnvironmentOverride(const wchar_t* variable, const std::wstring& value)
+    : name(variable), hadValue(false) {
+  wchar_t buffer[32767];
+  const DWORD length = GetEnvironmentVariableW(name, buffer, static_cast<DWORD>(std::size(buffer)));
+  hadValue = length > 0;
+  previous.assign(buffer, length);
+  SetEnvironmentVariableW(name, value.c_str());
+}
+
+EnvironmentOverride::~EnvironmentOverride() {
+  SetEnvironmentVariableW(name, hadValue ? previous.c_str() : nullptr);
+}
+
+}  // namespace Vx::Tests

@@ -1,0 +1,52 @@
+#pragma once
+
+#include <filesystem>
+#include <string>
+
+namespace Vx::Tests {
+
+// A fresh folder under the user's temporary folder, removed with its content at the end. Directory
+// links inside it are taken away, never followed.
+class TempFolder {
+ public:
+  TempFolder();
+  TempFolder(const TempFolder&) = delete;
+  TempFolder& operator=(const TempFolder&) = delete;
+  ~TempFolder();
+
+  const std::filesystem::path& Path() const { return path; }
+  std::wstring operator/(const wchar_t* name) const { return (path / name).wstring(); }
+
+ private:
+  std::filesystem::path path;
+};
+
+// Sets an environment variable of this process for the life of the object.
+class EnvironmentOverride {
+ public:
+  EnvironmentOverride(const wchar_t* name, const std::wstring& value);
+  EnvironmentOverride(const EnvironmentOverride&) = delete;
+  EnvironmentOverride& operator=(const EnvironmentOverride&) = delete;
+  ~EnvironmentOverride();
+
+ private:
+  const wchar_t* name;
+  bool hadValue;
+  std::wstring previous;
+};
+
+// Points %programdata% at a fresh folder, so that the store of this process is its own.
+class PrivateStore {
+ public:
+  PrivateStore() : variable(L"ProgramData", folder.Path().wstring()) {}
+
+  std::wstring FilePath() const {
+    return (folder.Path() / L"Vx\\SharedServices\\shared_store.dat").wstring();
+  }
+
+ private:
+  TempFolder folder;
+  EnvironmentOverride variable;
+};
+
+}  // namespace Vx::Tests
