@@ -73,6 +73,9 @@ class Packages {
   // Full names of the family's packages on the whole machine (needs administrator rights).
   virtual std::vector<std::wstring> FindForAllUsers(const std::wstring& familyName) const = 0;
 
+  // The SID, as text, of the account "domain\user". May ask a domain controller, and so block.
+  virtual Result<std::wstring> AccountSid(const std::wstring& account) const = 0;
+
   // Full names of the family's packages that the user with this SID has registered; an empty SID is
   // the calling user.
   virtual std::vector<std::wstring> FindForUser(const std::wstring& sid,
