@@ -71,6 +71,14 @@ class TrustProvider {
   virtual SignatureVerdict VerifyInCatalog(const CatalogHit& catalog,
                                            std::uint32_t index) const = 0;
 
+  // `path` as Windows reads it before it opens anything: slashes, "." and "..", trailing dots and
+  // blanks. Looks at the text only; the file need not exist.
+  virtual Result<std::wstring> FullPath(const std::wstring& path) const = 0;
+
+  // Where the existing file `path` lies once links, mount points and short names are followed,
+  // without the "\\?\" in front.
+  virtual Result<std::wstring> FinalPath(const std::wstring& path) const = 0;
+
   // The discretionary access list of a folder; an error when it cannot be read or there is none.
   virtual Result<std::vector<AccessEntry>> FolderAccess(const std::wstring& folder) const = 0;
 };
