@@ -43,10 +43,13 @@ class Clock {
   // Lets `timer` fire once, `due` from now, without waking the machine. Zero or the error.
   virtual ErrorCode SetTimer(RawHandle timer, Duration due) = 0;
 
-  // Thread accounting, called by StartThread alone: the first on the starting thread before the new
-  // one exists, the second as the last thing the new thread does (or when it could not be made).
-  // A virtual clock advances only while every worker is parked in one of the waits above.
+  // Thread accounting, called by Thread (thread.h) alone. A virtual clock advances only while every
+  // worker is parked in one of the waits above. WorkerStarting comes on the starting thread before
+  // the new one exists; then either WorkerStarted, as the first thing on the new thread, and
+  // WorkerEnded, as its last, or WorkerNotStarted on the starting thread if none could be made.
   virtual void WorkerStarting() = 0;
+  virtual void WorkerStarted() {}
+  virtual void WorkerNotStarted() { WorkerEnded(); }
   virtual void WorkerEnded() = 0;
 };
 
