@@ -1,0 +1,420 @@
+#include "simulator/virtual_clock.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <limits>
+#include <system_error>
+#include <utility>
+
+#include <windows.h>
+
+#include <winternl.h>
+
+namespace Vx::Simulator {
+
+namespace {
+
+using Duration = Platform::Clock::Duration;
+
+constexpr Duration kFirstPatience = std::chrono::seconds(10);
+
+// Of several waits with one deadline the first is let run alone, for the sake of a fixed order. If
+// it has not come to rest after this long, it may need a lock that the next one holds.
+constexpr Duration kTurnPatience{250};
+
+// How often a parked worker looks at a handle that its own wait would reset (see Park).
+constexpr DWORD kLookInterval = 2;
+
+constexpr std::uint64_t kFirstTicks = 3'600'000;
+constexpr std::uint64_t kFirstUtc = 133'500'000'000'000'000;  // in January 2024
+constexpr std::uint64_t kFileTimePerMillisecond = 10'000;
+
+// Declared here because the toolchain's headers leave it out.
+struct EventBasicInformation {
+  ULONG type;  // 0 keeps its state until reset, 1 is reset by the wait that it ends
+  LONG state;
+};
+using NtQueryEventFunction = NTSTATUS(NTAPI*)(HANDLE, int, void*, ULONG, ULONG*);
+
+NtQueryEventFunction NtQueryEventAddress() {
+  static const auto address = reinterpret_cast<NtQueryEventFunction>(
+      reinterpret_cast<void*>(GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "NtQueryEvent")));
+  return address;
+}
+
+// Whether looking at `handle` with a wait leaves it as it is.
+bool KeepsItsState(HANDLE handle) {
+  EventBasicInformation information{};
+  if (NtQueryEventAddress()(handle, 0, &information, sizeof information, nullptr) >= 0) {
+    return information.type == 0;
+  }
+  return GetProcessId(handle) != 0 || GetThreadId(handle) != 0;
+}
+
+// Takes the signal of `handle` if it has one.
+bool TakeSignal(HANDLE handle) {
+  const DWORD code = WaitForSingleObject(handle, 0);
+  return code == WAIT_OBJECT_0 || code == WAIT_ABANDONED;
+}
+
+std::uint64_t Count(Duration length) {
+  return static_cast<std::uint64_t>(std::max<Duration::rep>(length.count(), 0));
+}
+
+Platform::WaitResult Signalled() {
+  return {Platform::WaitOutcome::Signalled, WAIT_OBJECT_0, 0};
+}
+
+Platform::WaitResult TimedOut() {
+  return {Platform::WaitOutcome::TimedOut, WAIT_TIMEOUT, 0};
+}
+
+[[noreturn]] void Die(const std::string& why) {
+  std::fprintf(stderr, "%s\n", why.c_str());
+  std::fflush(stderr);
+  std::abort();
+}
+
+Platform::UniqueHandle MakeEvent() {
+  Platform::UniqueHandle event(CreateEventW(nullptr, FALSE, FALSE, nullptr));
+  if (event == nullptr) {
+    throw std::system_error(static_cast<int>(GetLastError()), std::system_category());
+  }
+  return event;
+}
+
+}  // namespace
+
+VirtualClock::VirtualClock()
+    : patience(kFirstPatience), tickBase(kFirstTicks), utcBase(kFirstUtc) {}
+
+VirtualClock::~VirtualClock() {
+  const std::lock_guard guard(mutex);
+  if (!waiters.empty()) Die("VirtualClock: destroyed while a thread waits in it. " + Describe());
+}
+
+void VirtualClock::Advance(Duration length) {
+  const std::lock_guard driver(driving);
+  Lock lock(mutex);
+  const Duration target = now + length;
+  while (StepTo(lock, target)) {
+  }
+  now = target;
+}
+
+bool VirtualClock::AdvanceUntil(const std::function<bool()>& reached, Duration limit) {
+  const std::lock_guard driver(driving);
+  Lock lock(mutex);
+  const Duration target = now + limit;
+  for (;;) {
+    RequireRest(lock);
+    lock.unlock();
+    const bool done = reached();
+    lock.lock();
+    if (done) return true;
+    if (!StepTo(lock, target)) return false;
+  }
+}
+
+void VirtualClock::Settle() {
+  const std::lock_guard driver(driving);
+  Lock lock(mutex);
+  RequireRest(lock);
+}
+
+void VirtualClock::JumpTicks(Duration asleep) {
+  const std::lock_guard guard(mutex);
+  tickBase += Count(asleep);
+  utcBase += Count(asleep) * kFileTimePerMillisecond;
+}
+
+void VirtualClock::SetTickCount(std::uint64_t ticks) {
+  const std::lock_guard guard(mutex);
+  tickBase = ticks - Count(now);
+}
+
+void VirtualClock::SetUtcFileTime(std::uint64_t fileTime) {
+  const std::lock_guard guard(mutex);
+  utcBase = fileTime - Count(now) * kFileTimePerMillisecond;
+}
+
+void VirtualClock::SetPatience(Duration limit) {
+  const std::lock_guard guard(mutex);
+  patience = limit;
+}
+
+Duration VirtualClock::Elapsed() const {
+  const std::lock_guard guard(mutex);
+  return now;
+}
+
+std::optional<Duration> VirtualClock::UntilNextDue() {
+  const std::lock_guard guard(mutex);
+  const auto due = NextDue();
+  if (!due) return std::nullopt;
+  return std::max(due->at - now, Duration{0});
+}
+
+std::size_t VirtualClock::Workers() const {
+  const std::lock_guard guard(mutex);
+  return workers;
+}
+
+std::uint64_t VirtualClock::TickCount() const {
+  const std::lock_guard guard(mutex);
+  return tickBase + Count(now);
+}
+
+std::uint64_t VirtualClock::UtcFileTime() const {
+  const std::lock_guard guard(mutex);
+  return utcBase + Count(now) * kFileTimePerMillisecond;
+}
+
+void VirtualClock::Sleep(Duration length) {
+  if (length <= Duration{0}) return;
+  const bool worker = CallerIsWorker();
+  std::unique_lock<std::mutex> driver(driving, std::defer_lock);
+  if (!worker) driver.lock();
+  Lock lock(mutex);
+  const Duration deadline = now + length;
+  if (worker) {
+    WaitAsWorker(lock, nullptr, deadline);
+  } else {
+    WaitOutside(lock, nullptr, deadline);
+  }
+}
+
+Platform::WaitResult VirtualClock::Wait(Platform::RawHandle handle,
+                                        std::optional<Duration> length) {
+  // Kernel waits on the null handle fail just like those on a closed one.
+  const DWORD code = WaitForSingleObject(handle, 0);
+  if (code == WAIT_FAILED) return {Platform::WaitOutcome::Failed, code, GetLastError()};
+  if (code != WAIT_TIMEOUT) return {Platform::WaitOutcome::Signalled, code, 0};
+  if (length && *length <= Duration{0}) return TimedOut();
+
+  const bool worker = CallerIsWorker();
+  std::unique_lock<std::mutex> driver(driving, std::defer_lock);
+  if (!worker) driver.lock();
+  Lock lock(mutex);
+  std::optional<Duration> deadline;
+  if (length) deadline = now + *length;
+  return worker ? WaitAsWorker(lock, handle, deadline) : WaitOutside(lock, handle, deadline);
+}
+
+Platform::Result<Platform::UniqueHandle> VirtualClock::MakeTimer() {
+  Platform::UniqueHandle timer(CreateEventW(nullptr, FALSE, FALSE, nullptr));
+  HANDLE own = nullptr;
+  if (timer == nullptr || DuplicateHandle(GetCurrentProcess(), timer.get(), GetCurrentProcess(),
+                                          &own, 0, FALSE, DUPLICATE_SAME_ACCESS) == 0) {
+    return Platform::Result<Platform::UniqueHandle>::Failure(GetLastError());
+  }
+  const std::lock_guard guard(mutex);
+  // A value that is known already belonged to a timer that its owner has closed.
+  timers[timer.get()] = {Platform::UniqueHandle(own), std::nullopt, 0};
+  return timer;
+}
+
+Platform::ErrorCode VirtualClock::SetTimer(Platform::RawHandle timer, Duration due) {
+  const std::lock_guard guard(mutex);
+  const auto found = timers.find(timer);
+  if (found == timers.end()) return ERROR_INVALID_HANDLE;
+  ResetEvent(found->second.event.get());
+  found->second.due = now + due;
+  found->second.turn = nextTurn++;
+  return ERROR_SUCCESS;
+}
+
+void VirtualClock::WorkerStarting() {
+  const std::lock_guard guard(mutex);
+  ++workers;
+}
+
+void VirtualClock::WorkerStarted() {
+  HANDLE thread = nullptr;
+  DuplicateHandle(GetCurrentProcess(), GetCurrentThread(), GetCurrentProcess(), &thread, 0, FALSE,
+                  DUPLICATE_SAME_ACCESS);
+  const std::lock_guard guard(mutex);
+  threads[GetCurrentThreadId()].reset(thread);
+}
+
+void VirtualClock::WorkerNotStarted() {
+  const std::lock_guard guard(mutex);
+  --workers;
+  changed.notify_all();
+}
+
+void VirtualClock::WorkerEnded() {
+  const std::lock_guard guard(mutex);
+  --workers;
+  const auto self = threads.find(GetCurrentThreadId());
+  if (self != threads.end()) {
+    // Somebody may wait for the thread itself, whose end lies a little behind this call.
+    ending.push_back(std::move(self->second));
+    threads.erase(self);
+  }
+  changed.notify_all();
+}
+
+Platform::WaitResult VirtualClock::WaitAsWorker(Lock& lock, Platform::RawHandle handle,
+                                                std::optional<Duration> deadline) {
+  waiters.push_back({handle, handle != nullptr && KeepsItsState(handle), deadline, nextTurn++,
+                     TakeWakeEvent(), Wake::No});
+  const auto self = std::prev(waiters.end());
+  changed.notify_all();
+  const Wake wake = Park(lock, *self);
+  ResetEvent(self->wake.get());
+  idleWakeEvents.push_back(std::move(self->wake));
+  waiters.erase(self);
+  return wake == Wake::Signalled ? Signalled() : TimedOut();
+}
+
+// A handle whose signal is used up by the wait that it ends must not be waited for outside the
+// lock: between the signal and this thread's next instruction nobody could see that it runs. It is
+// looked at under the lock instead, here and in AtRest, whoever comes first.
+VirtualClock::Wake VirtualClock::Park(Lock& lock, Waiter& waiter) {
+  const HANDLE handles[] = {waiter.wake.get(), waiter.handle};
+  const DWORD count = waiter.level ? 2 : 1;
+  const DWORD limit = waiter.level || waiter.handle == nullptr ? INFINITE : kLookInterval;
+  for (;;) {
+    lock.unlock();
+    const DWORD code = WaitForMultipleObjects(count, handles, FALSE, limit);
+    lock.lock();
+    if (code == WAIT_FAILED) Die("VirtualClock: a handle was closed while a worker waits for it");
+    if (waiter.woken != Wake::No) return waiter.woken;
+    if (code == WAIT_OBJECT_0 + 1) return Wake::Signalled;
+    if (!waiter.level && waiter.handle != nullptr && TakeSignal(waiter.handle)) {
+      return Wake::Signalled;
+    }
+  }
+}
+
+Platform::WaitResult VirtualClock::WaitOutside(Lock& lock, Platform::RawHandle handle,
+                                               std::optional<Duration> deadline) {
+  for (;;) {
+    if (!WaitForRest(lock, patience)) Die("VirtualClock: " + Describe());
+    if (handle != nullptr && TakeSignal(handle)) return Signalled();
+    if (deadline && *deadline <= now) return TimedOut();
+    const auto due = NextDue();
+    if (due && (!deadline || due->at <= *deadline)) {
+      now = std::max(now, due->at);
+      Fire(*due);
+    } else if (deadline) {
+      now = *deadline;
+    } else {
+      // Nothing can happen in here any more, so only the world outside can signal the handle.
+      lock.unlock();
+      const DWORD code = WaitForSingleObject(handle, static_cast<DWORD>(Count(patience)));
+      lock.lock();
+      if (code != WAIT_TIMEOUT) return Signalled();
+      Die("VirtualClock: a thread waits without limit for something that nobody is left to do");
+    }
+  }
+}
+
+Platform::UniqueHandle VirtualClock::TakeWakeEvent() {
+  if (idleWakeEvents.empty()) return MakeEvent();
+  Platform::UniqueHandle event = std::move(idleWakeEvents.back());
+  idleWakeEvents.pop_back();
+  return event;
+}
+
+bool VirtualClock::CallerIsWorker() const {
+  const std::lock_guard guard(mutex);
+  return threads.count(GetCurrentThreadId()) != 0;
+}
+
+void VirtualClock::Release(Waiter& waiter, Wake reason) {
+  waiter.woken = reason;
+  SetEvent(waiter.wake.get());
+}
+
+bool VirtualClock::AtRest() {
+  ending.erase(std::remove_if(ending.begin(), ending.end(),
+                              [](const auto& thread) { return TakeSignal(thread.get()); }),
+               ending.end());
+  if (!ending.empty()) return false;
+  if (waiters.size() != workers) return false;
+  const auto runs = [](const Waiter& waiter) { return waiter.woken != Wake::No; };
+  if (std::any_of(waiters.begin(), waiters.end(), runs)) return false;
+
+  Platform::RawHandle quiet = nullptr;  // often all workers watch one and the same stop event
+  bool rest = true;
+  for (Waiter& waiter : waiters) {
+    if (waiter.handle == nullptr || (waiter.level && waiter.handle == quiet)) continue;
+    if (!TakeSignal(waiter.handle)) {
+      quiet = waiter.handle;
+      continue;
+    }
+    Release(waiter, Wake::Signalled);
+    rest = false;
+  }
+  return rest;
+}
+
+bool VirtualClock::WaitForRest(Lock& lock, Duration limit) {
+  const auto end = std::chrono::steady_clock::now() + limit;
+  while (!AtRest()) {
+    if (std::chrono::steady_clock::now() >= end) return false;
+    changed.wait_for(lock, std::chrono::milliseconds(1));
+  }
+  return true;
+}
+
+void VirtualClock::RequireRest(Lock& lock) {
+  if (!WaitForRest(lock, patience)) throw ClockStuck("VirtualClock: " + Describe());
+}
+
+std::optional<VirtualClock::Due> VirtualClock::NextDue() {
+  std::optional<Due> next;
+  const auto consider = [&next](Due candidate) {
+    if (!next || std::pair(candidate.at, candidate.turn) < std::pair(next->at, next->turn)) {
+      next = candidate;
+    }
+  };
+  for (Waiter& waiter : waiters) {
+    if (!waiter.deadline || waiter.woken != Wake::No) continue;
+    consider({*waiter.deadline, waiter.turn, &waiter, nullptr});
+  }
+  for (auto& [handle, timer] : timers) {
+    if (timer.due) consider({*timer.due, timer.turn, nullptr, &timer});
+  }
+  return next;
+}
+
+void VirtualClock::Fire(const Due& due) {
+  if (due.waiter != nullptr) {
+    Release(*due.waiter, Wake::Due);
+    return;
+  }
+  due.timer->due.reset();
+  SetEvent(due.timer->event.get());
+}
+
+// Lets everybody come to rest and fires what is due next, if that is no later than `limit`.
+bool VirtualClock::StepTo(Lock& lock, Duration limit) {
+  const auto dueNow = NextDue();
+  const bool moreNow = dueNow && dueNow->at <= now;
+  if (!WaitForRest(lock, moreNow ? kTurnPatience : patience) && !moreNow) {
+    throw ClockStuck("VirtualClock: " + Describe());
+  }
+  const auto due = NextDue();
+  if (!due || due->at > limit) return false;
+  now = std::max(now, due->at);
+  Fire(*due);
+  return true;
+}
+
+std::string VirtualClock::Describe() const {
+  std::size_t parked = 0;
+  for (const Waiter& waiter : waiters) {
+    if (waiter.woken == Wake::No) ++parked;
+  }
+  std::string text = std::to_string(workers) + " workers, " + std::to_string(parked) +
+                     " of them parked, " + std::to_string(ending.size()) + " ending, after " +
+                     std::to_string(now.count()) + " ms of virtual time; threads:";
+  for (const auto& [id, thread] : threads) text += " " + std::to_string(id);
+  return text;
+}
+
+}  // namespace Vx::Simulator
