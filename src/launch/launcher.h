@@ -1,6 +1,5 @@
 #pragma once
 
-#include <cstdint>
 #include <string>
 
 #include "host/logging.h"
@@ -47,11 +46,5 @@ class Launcher {
   Logging::TraceLogger* logger;
   std::wstring aliasFolder;
 };
-
-// Starts `executable` in `session` with the SYSTEM token of that session's winlogon.exe. Non-zero
-// when it was created; `processId` receives its id.
-int LaunchProcessInSession(const std::wstring& executable, const std::wstring& arguments,
-                           const std::wstring& workingDirectory, std::uint32_t session,
-                           std::uint32_t& processId);
 
 }  // namespace Vx::Tessel::Server::Services::Orvane

@@ -1,0 +1,82 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+
+#include "events/event_commands.h"
+
+namespace Vx::Tessel::Server::Services::Orvane {
+
+// One stored subscription, read from a client's text: which event runs which command. Base of the
+// power and the Zephra request, which differ in key names only.
+class EventSubscription {
+ public:
+  EventSubscription(EventSubscription&&) noexcept = default;
+  EventSubscription& operator=(EventSubscription&&) noexcept = default;
+
+  EventCommand* Command() const noexcept { return command.get(); }
+
+  // What the delivery below compares and branches on; the documented accessors of the derived
+  // classes answer the same.
+  std::uint32_t Type() const noexcept { return eventType; }
+  EventAction Action() const noexcept { return action; }
+
+ protected:
+  // Throws winrt::hresult_error when the text is not such a request.
+  EventSubscription(const std::wstring& request, std::wstring typeKey, std::wstring actionKey);
+  ~EventSubscription() = default;
+
+ private:
+  std::wstring eventTypeKey;
+  std::uint32_t eventType = 0;
+  std::wstring eventActionKey;
+  EventAction action{};
+  std::wstring commandParamsKey;
+  EventCommandPtr command;
+};
+
+// The log texts of one kind of subscription.
+struct DeliveryTexts {
+  const wchar_t* delayUnreadable;
+  const wchar_t* noDelay;
+  const wchar_t* delayStart;
+  const wchar_t* modernStandby;
+  const wchar_t* delayEnd;
+  const wchar_t* discarded;
+  const wchar_t* triggerRaised;
+  const wchar_t* executed;
+  const wchar_t* workerFailed;
+  const wchar_t* registerRuntimeError;
+  const wchar_t* registerFailed;
+  const wchar_t* unregisterRuntimeError;
+  const wchar_t* unregisterFailed;
+};
+
+// All that tells one kind of subscription from another. Outlives every worker: a constant.
+struct DeliveryKind {
+  DeliveryTexts texts;
+  const char* storeKey;
+  std::shared_ptr<const EventSubscription> (*parse)(const std::wstring& request);
+  std::mutex* handleEventMutex;
+};
+
+// Adds a request text to the stored list of its kind, unread: a malformed one fails at delivery.
+// Failures are logged; the answer is always 0.
+int RegisterSubscription(const DeliveryKind& kind, const std::wstring& request) noexcept;
+
+// Takes exactly this text off the stored list. Failures are logged; the answer is always 0.
+int UnregisterSubscription(const DeliveryKind& kind, const std::wstring& request) noexcept;
+
+// Replays the stored list against an event: one worker a subscription, none is waited for. Throws
+// std::system_error when a worker cannot be started, and what the store throws.
+void FulfillSubscriptions(const DeliveryKind& kind, std::uint32_t eventType);
+
+// Starts the detached worker that delivers one event to one stored request: it waits the delay
+// outside every lock, then decides and runs the command under the kind's mutex. Returns at once.
+// Throws std::system_error when no thread can be started.
+void StartDelivery(const DeliveryKind& kind, const std::wstring& request, std::uint32_t eventType);
+
+}  // namespace Vx::Tessel::Server::Services::Orvane

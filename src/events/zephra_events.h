@@ -1,0 +1,45 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <mutex>
+#include <string>
+
+#include "events/subscription_delivery.h"
+
+namespace Vx::Tessel::Server::Services::Orvane {
+
+// The service's own events.
+enum class ZephraEvent : std::uint32_t { PolicyChanged = 1, UserSessionAfterBoot = 2 };
+
+// A client's wish to have a command run at one of the service's own events.
+class SubscribeForZephraEventRequest final : public EventSubscription {
+ public:
+  // Throws winrt::hresult_error: the JSON layer's, or the one of an unknown action.
+  explicit SubscribeForZephraEventRequest(const std::wstring& request);
+
+  std::uint32_t EventType() const noexcept { return Type(); }
+  EventAction ZephraEventAction() const noexcept { return Action(); }
+};
+
+// Delivers Zephra events; as PowerEventManager, with a lock of its own, so that a power command and
+// a Zephra command may run at the same time.
+class ZephraEventManager {
+ public:
+  ZephraEventManager() = delete;
+
+  static void handle_event(const std::wstring& request,
+                           const std::function<void(const std::wstring&)>& completed,
+                           std::uint32_t eventType);
+
+  static std::mutex handle_event_mutex;
+};
+
+// What the service operations RegisterZephraEvent, UnregisterZephraEvent and
+// FulfillZephraManagementEventRequests do, the "Started" line of the last included; errors as in
+// subscription_delivery.h.
+int RegisterZephraSubscription(const std::wstring& request) noexcept;
+int UnregisterZephraSubscription(const std::wstring& request) noexcept;
+void FulfillZephraSubscriptions(std::uint32_t eventType);
+
+}  // namespace Vx::Tessel::Server::Services::Orvane
