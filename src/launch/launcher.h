@@ -1,5 +1,6 @@
 #pragma once
 
+#include <mutex>
 #include <string>
 
 #include "host/logging.h"
@@ -42,7 +43,13 @@ class Launcher {
   // Whether a real user's profile is at the console; `profilePath` receives it.
   bool IsRealUserSession(std::wstring& profilePath) const;
 
+  static std::mutex rLock;  // serialises package queries by family name
+
  private:
+  // The query's answer as the user of `token`; empty when there is none or acting as it fails.
+  template <typename Query>
+  std::wstring AsUser(Platform::RawHandle token, Query&& query) const;
+
   Logging::TraceLogger* logger;
   std::wstring aliasFolder;
 };

@@ -1,0 +1,208 @@
+#include "launch/launcher.h"
+
+#include <new>
+#include <utility>
+
+#include "launch/launch_rules.h"
+#include "platform/environment.h"
+#include "platform/impersonation.h"
+#include "platform/machine.h"
+#include "platform/packages.h"
+#include "platform/processes.h"
+#include "platform/system_services.h"
+
+namespace Vx::Tessel::Server::Services::Orvane {
+
+namespace {
+
+using Logging::LogManager;
+using Platform::CurrentMachine;
+using Platform::Impersonation;
+using Platform::TokenType;
+
+constexpr wchar_t kNoSessionApi[] =
+    L"Problem in GetUserTokenForCurrentUser. WTSQueryUserToken is not available in this platform.";
+constexpr wchar_t kActingAsUser[] = L"Attempting to impersonate logged in user.";
+constexpr wchar_t kNoConsoleSession[] =
+    L"Problem while detecting active console session ID. This could be caused if the business "
+    L"logic "
+    L"ran while the user was not logged in.";
+constexpr wchar_t kTokenQueryFailed[] = L"Problem while querying user's access token.";
+constexpr wchar_t kTokenCopyFailed[] = L"Problem while duplicating the user's access token.";
+constexpr wchar_t kNoPackageLength[] =
+    L"Problem while finding out the size of the buffer. Returned length is 0.";
+constexpr wchar_t kNoBuffer[] = L"Problem while allocating buffer.";
+constexpr wchar_t kPackageQueryFailed[] = L"Problem while finding package's resources.";
+constexpr wchar_t kPackageFound[] = L"Found package's full name for %ls: %ls";
+constexpr wchar_t kPathLengthFailed[] = L"Problem while finding out the size of the buffer.";
+constexpr wchar_t kPathQueryFailed[] = L"Problem while finding the full path for the package.";
+constexpr wchar_t kImpersonationFailed[] = L"Problem while impersonating logged in user.";
+constexpr wchar_t kRevertFailed[] = L"Problem while reverting the impersonation.";
+constexpr wchar_t kExpansionFailed[] = L"Problem while expanding path.";
+constexpr wchar_t kCommandLineTooLong[] =
+    L"Problem while building the command line: it is too long.";
+constexpr wchar_t kStartFailed[] = L"Problem while creating process as user %d.";
+
+constexpr wchar_t kAliasFolder[] = L"%userprofile%\\AppData\\Local\\Microsoft\\WindowsApps\\";
+constexpr wchar_t kProfile[] = L"%userprofile%";
+
+constexpr std::uint32_t kNoSession = 0xFFFFFFFF;
+constexpr std::size_t kExpandedPathChars = 520;
+
+void LogRevertFailure() {
+  LogManager::SetProvider(Logging::kComponentProvider)->LogError(kRevertFailed);
+}
+
+}  // namespace
+
+std::mutex Launcher::rLock;
+
+Launcher::Launcher()
+    : logger(LogManager::SetProvider(Logging::kComponentProvider)), aliasFolder(kAliasFolder) {}
+
+Platform::SharedHandle Launcher::GetUserTokenForCurrentUser(TokenType type) const {
+  if (!CurrentMachine().apiSets->IsPresent(Platform::kSessionApiSet)) {
+    logger->LogError(kNoSessionApi);
+    return nullptr;
+  }
+  const Platform::Sessions& sessions = *CurrentMachine().sessions;
+  const std::uint32_t session = sessions.ActiveConsoleSession();
+  logger->LogInfo(kActingAsUser);
+  if (session == kNoSession) {
+    logger->LogWarning(kNoConsoleSession);
+    return nullptr;
+  }
+  const auto queried = sessions.QueryUserToken(session);
+  if (!queried) {
+    logger->LogWarning(kTokenQueryFailed);
+    return nullptr;
+  }
+  auto copy = sessions.DuplicateUserToken(queried->get(), type);
+  if (!copy) {
+    logger->LogWarning(kTokenCopyFailed);
+    return nullptr;
+  }
+  return Platform::Share(*std::move(copy));
+}
+
+std::wstring Launcher::GetPackageFullNameByFamilyName(const std::wstring& familyName) const {
+  const std::lock_guard guard(rLock);
+  try {
+    const auto found = CurrentMachine().packages->FindByFamily(familyName);
+    if (found.bufferLength == 0) {
+      logger->LogWarning(kNoPackageLength);
+      return {};
+    }
+    if (found.error != 0 || found.fullNames.empty()) {
+      logger->LogWarning(kPackageQueryFailed);
+      return {};
+    }
+    logger->LogInfo(kPackageFound, familyName.c_str(), found.fullNames.front().c_str());
+    return found.fullNames.front();
+  } catch (const std::bad_alloc&) {
+    logger->LogWarning(kNoBuffer);
+    return {};
+  }
+}
+
+std::wstring Launcher::GetPackageInstalledPathByFullName(const std::wstring& fullName) const {
+  auto found = CurrentMachine().packages->PathByFullName(fullName);
+  if (found.sizeError != 0) {
+    logger->LogWarning(kPathLengthFailed);
+    return {};
+  }
+  if (found.error != 0) {
+    logger->LogWarning(kPathQueryFailed);
+    return {};
+  }
+  return std::move(found.path);
+}
+
+template <typename Query>
+std::wstring Launcher::AsUser(Platform::RawHandle token, Query&& query) const {
+  if (token == nullptr) return {};
+  const Impersonation asUser(token, &LogRevertFailure);
+  if (!asUser) {
+    logger->LogWarning(kImpersonationFailed);
+    return {};
+  }
+  return query();
+}
+
+std::wstring Launcher::GetPackageFullNameByFamilyName(const std::wstring& familyName,
+                                                      Platform::RawHandle token) const {
+  return AsUser(token, [&] { return GetPackageFullNameByFamilyName(familyName); });
+}
+
+std::wstring Launcher::GetPackageInstalledPathByFullName(const std::wstring& fullName,
+                                                         Platform::RawHandle token) const {
+  return AsUser(token, [&] { return GetPackageInstalledPathByFullName(fullName); });
+}
+
+std::wstring Launcher::GetPathExpandedImpersonatedAsCurrentUser(const std::wstring& path,
+                                                                Platform::RawHandle token) const {
+  return AsUser(token, [&]() -> std::wstring {
+    auto expanded = CurrentMachine().environment->ExpandForUser(token, path, kExpandedPathChars);
+    if (!expanded) {
+      logger->LogWarning(kExpansionFailed);
+      return {};
+    }
+    return *std::move(expanded);
+  });
+}
+
+std::wstring Launcher::GetAbsolutePathForUWPAlias(const std::wstring& alias) const {
+  return aliasFolder + alias;
+}
+
+bool Launcher::Run(const std::wstring& alias, const std::wstring& packageFamilyName,
+                   const std::wstring& parameter) const {
+  if (alias.empty() || packageFamilyName.empty()) return false;
+  const auto actingToken = GetUserTokenForCurrentUser(TokenType::Impersonation);
+  const auto primaryToken = GetUserTokenForCurrentUser(TokenType::Primary);
+  if (actingToken == nullptr) return false;
+
+  const std::wstring program = GetPathExpandedImpersonatedAsCurrentUser(
+      GetAbsolutePathForUWPAlias(alias), actingToken.get());
+  // Both questions under one impersonation: the answers belong to the same user.
+  const std::wstring folder = AsUser(actingToken.get(), [&]() -> std::wstring {
+    const std::wstring fullName = GetPackageFullNameByFamilyName(packageFamilyName);
+    return fullName.empty() ? fullName : GetPackageInstalledPathByFullName(fullName);
+  });
+  if (primaryToken == nullptr || program.empty() || folder.empty()) return false;
+  return RunExeAsUser(program, folder, primaryToken.get(), parameter);
+}
+
+bool Launcher::RunExeAsUser(const std::wstring& executable, const std::wstring& workingDirectory,
+                            Platform::RawHandle token, const std::wstring& parameter) const {
+  // A null token would start the program with the service's rights.
+  if (token == nullptr) return false;
+  logger->LogInfo(kActingAsUser);
+  auto commandLine = AppCommandLine(executable, parameter);
+  if (!commandLine) {
+    logger->LogWarning(kCommandLineTooLong);
+    return false;
+  }
+  auto environment = CurrentMachine().environment->Block(token);
+  if (!environment || environment->empty()) return false;
+
+  Platform::ProcessStart start;
+  start.application = executable;
+  start.commandLine = *std::move(commandLine);
+  start.workingDirectory = workingDirectory;
+  start.environment = *std::move(environment);
+  const auto started = CurrentMachine().processes->Start(token, start);
+  if (!started) logger->LogWarning(kStartFailed, started.Error());
+  return static_cast<bool>(started);
+}
+
+bool Launcher::IsRealUserSession(std::wstring& profilePath) const {
+  profilePath.clear();
+  const auto token = GetUserTokenForCurrentUser(TokenType::Impersonation);
+  if (token != nullptr) {
+    profilePath = GetPathExpandedImpersonatedAsCurrentUser(kProfile, token.get());
+  }
+  return IsRealUserProfile(profilePath);
+}
+
+}  // namespace Vx::Tessel::Server::Services::Orvane

@@ -1,0 +1,60 @@
+#include "launch/session_launch.h"
+
+#include <cstddef>
+#include <string_view>
+#include <utility>
+
+#include "launch/launch_rules.h"
+#include "platform/environment.h"
+#include "platform/machine.h"
+#include "platform/processes.h"
+#include "platform/unique_handle.h"
+
+namespace Vx::Tessel::Server::Services::Orvane {
+
+namespace {
+
+constexpr std::wstring_view kLogonProcess = L"winlogon.exe";
+constexpr std::size_t kMaxProcesses = 2048;
+
+// The SYSTEM token of a session's logon process; empty on any failure.
+Platform::UniqueHandle SystemTokenIn(std::uint32_t session) {
+  const Platform::Processes& processes = *Platform::CurrentMachine().processes;
+  for (const std::uint32_t id : processes.Ids(kMaxProcesses)) {
+    const auto image = processes.ImagePath(id);
+    if (!image || FileNameOf(*image) != kLogonProcess) continue;
+    if (processes.Session(id) != session) continue;
+    auto token = processes.PrimaryToken(id);
+    return token ? std::move(*token) : nullptr;
+  }
+  return nullptr;
+}
+
+}  // namespace
+
+int LaunchProcessInSession(const std::wstring& executable, const std::wstring& arguments,
+                           const std::wstring& workingDirectory, std::uint32_t session,
+                           std::uint32_t& processId, const std::wstring& packageFolder) {
+  const Platform::Machine& machine = Platform::CurrentMachine();
+
+  auto environment = machine.environment->Block(nullptr);
+  // Without a block of its own the program would get the service's variables.
+  if (!environment || environment->empty()) return 0;
+
+  // A null token would mean the service's own session.
+  const Platform::UniqueHandle token = SystemTokenIn(session);
+  if (token == nullptr) return 0;
+
+  Platform::ProcessStart start;
+  start.application = executable;
+  start.commandLine = SessionCommandLine(executable, arguments);
+  start.workingDirectory = SessionWorkingDirectory(workingDirectory, executable);
+  start.environment = packageFolder.empty() ? *std::move(environment)
+                                            : EnvironmentForPackage(*environment, packageFolder);
+  const auto started = machine.processes->Start(token.get(), start);
+  if (!started) return 0;
+  processId = *started;
+  return 1;
+}
+
+}  // namespace Vx::Tessel::Server::Services::Orvane
