@@ -22,6 +22,7 @@ class Sessions;
 class SystemTriggers;
 class Threads;
 class TrustProvider;
+struct InstalledMachine;
 
 // Everything outside the program, one capability a member. The capabilities outlive the machine
 // that names them; none is ever null.
@@ -65,8 +66,7 @@ class MachineScope {
   ~MachineScope();
 
  private:
-  struct Installed;
-  std::unique_ptr<Installed> installed;
+  std::unique_ptr<InstalledMachine> installed;
 };
 
 }  // namespace Vx::Platform

@@ -1,0 +1,122 @@
+#include "platform/machine.h"
+
+#include <cstdio>
+#include <cstdlib>
+
+#include <windows.h>
+
+#include "platform/worker_machine.h"
+
+namespace Vx::Platform {
+
+namespace {
+
+constexpr char kOutOfOrder[] = "A MachineScope ended while another one was installed above it.\n";
+constexpr char kWorkersRun[] = "A MachineScope ended while a worker still ran under it.\n";
+
+// A worker says "done" to a test a few instructions before it is no longer counted; only one that
+// goes on for longer than this, in milliseconds, is one that the scope's owner forgot.
+constexpr int kGrace = 2000;
+
+// The machine installed last; null: the real one.
+std::atomic<InstalledMachine*> installedLast{nullptr};
+
+// Set for ever by the first scope of the process. Until then every thread has the real machine, so
+// that in the service the question costs one load.
+std::atomic<bool> anyScopeYet{false};
+
+// Where each worker keeps the machine it was started under. TlsAlloc and not thread_local: the
+// runtime emulates that one with memory that it never gives back, and pins the module.
+class ThreadSlot {
+ public:
+  ThreadSlot() noexcept : index(TlsAlloc()) {}
+  ThreadSlot(const ThreadSlot&) = delete;
+  ThreadSlot& operator=(const ThreadSlot&) = delete;
+  // Runs when the module is unloaded, which the reference of each worker puts off until none is
+  // left, or when the process ends.
+  ~ThreadSlot() {
+    const DWORD freed = index.exchange(TLS_OUT_OF_INDEXES);
+    if (freed != TLS_OUT_OF_INDEXES) TlsFree(freed);
+  }
+
+  InstalledMachine* Get() const noexcept {
+    const DWORD slot = index.load(std::memory_order_relaxed);
+    if (slot == TLS_OUT_OF_INDEXES) return nullptr;
+    const DWORD error = GetLastError();  // TlsGetValue clears it
+    auto* value = static_cast<InstalledMachine*>(TlsGetValue(slot));
+    SetLastError(error);
+    return value;
+  }
+
+  void Set(InstalledMachine* value) noexcept {
+    const DWORD slot = index.load(std::memory_order_relaxed);
+    if (slot != TLS_OUT_OF_INDEXES) TlsSetValue(slot, value);
+  }
+
+ private:
+  std::atomic<DWORD> index;
+};
+
+ThreadSlot& WorkerSlot() noexcept {
+  static ThreadSlot slot;
+  return slot;
+}
+
+InstalledMachine& RealInstalled() noexcept {
+  static InstalledMachine real{.machine = WindowsMachine()};
+  return real;
+}
+
+[[noreturn]] void Fail(const char* message) {
+  std::fputs(message, stderr);
+  std::fflush(stderr);
+  std::abort();
+}
+
+bool WorkersEnd(const InstalledMachine& installed) {
+  for (int waited = 0; installed.workers.load() != 0; ++waited) {
+    if (waited == kGrace) return false;
+    Sleep(1);
+  }
+  return true;
+}
+
+}  // namespace
+
+InstalledMachine& CurrentInstalled() noexcept {
+  if (anyScopeYet.load(std::memory_order_acquire)) {
+    if (InstalledMachine* own = WorkerSlot().Get(); own != nullptr) return *own;
+    if (InstalledMachine* last = installedLast.load(std::memory_order_acquire); last != nullptr) {
+      return *last;
+    }
+  }
+  return RealInstalled();
+}
+
+void AdoptMachine(InstalledMachine& installed) noexcept {
+  WorkerSlot().Set(&installed);
+}
+
+const Machine& CurrentMachine() noexcept {
+  return CurrentInstalled().machine;
+}
+
+MachineScope::MachineScope(const std::function<void(Machine&)>& change)
+    : installed(std::make_unique<InstalledMachine>()) {
+  installed->machine = CurrentMachine();
+  change(installed->machine);
+  installed->previous = installedLast.load();
+  installed->workerBefore = WorkerSlot().Get();
+  if (installed->workerBefore != nullptr) WorkerSlot().Set(installed.get());
+  installedLast.store(installed.get());
+  anyScopeYet.store(true, std::memory_order_release);
+}
+
+MachineScope::~MachineScope() {
+  if (installedLast.load() != installed.get()) Fail(kOutOfOrder);
+  if (!WorkersEnd(*installed)) Fail(kWorkersRun);
+  if (installed->workerBefore != nullptr) WorkerSlot().Set(installed->workerBefore);
+  installedLast.store(installed->previous);
+}
+
+}  // namespace Vx::Platform

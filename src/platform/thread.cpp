@@ -1,0 +1,79 @@
+#include "platform/thread.h"
+
+#include <exception>
+#include <system_error>
+#include <utility>
+
+#include "platform/clock.h"
+#include "platform/machine.h"
+#include "platform/worker_machine.h"
+
+namespace Vx::Platform {
+
+namespace {
+
+constexpr char kCannotStart[] = "cannot start a thread";
+constexpr char kNotJoinable[] = "the thread is not joinable";
+
+void CountIn(InstalledMachine& installed) {
+  installed.workers.fetch_add(1);
+  installed.machine.clock->WorkerStarting();
+}
+
+// The clock first: once the worker is no longer counted, the scope that owns it may end.
+void CountOut(InstalledMachine& installed) noexcept {
+  installed.machine.clock->WorkerEnded();
+  installed.workers.fetch_sub(1);
+}
+
+UniqueHandle StartWorker(std::function<void()> body) {
+  InstalledMachine& installed = CurrentInstalled();
+  CountIn(installed);
+  try {
+    auto started = installed.machine.threads->Start([&installed, body = std::move(body)]() mutable {
+      AdoptMachine(installed);
+      body();
+      body = nullptr;  // what it owns is freed by a worker that still counts
+      CountOut(installed);
+    });
+    if (started) return *std::move(started);
+  } catch (...) {
+    CountOut(installed);
+    throw;
+  }
+  CountOut(installed);
+  throw std::system_error(std::make_error_code(std::errc::resource_unavailable_try_again),
+                          kCannotStart);
+}
+
+}  // namespace
+
+Thread::Thread(std::function<void()> body) : handle(StartWorker(std::move(body))) {}
+
+Thread& Thread::operator=(Thread&& other) noexcept {
+  if (Joinable()) std::terminate();
+  handle = std::move(other.handle);
+  return *this;
+}
+
+Thread::~Thread() {
+  if (Joinable()) std::terminate();
+}
+
+void Thread::Detach() {
+  if (!Joinable()) throw std::system_error(EINVAL, std::generic_category(), kNotJoinable);
+  handle.reset();
+}
+
+void Thread::Join() {
+  if (!Joinable()) throw std::system_error(EINVAL, std::generic_category(), kNotJoinable);
+  // Through the clock, which has to know that a worker who joins another one is parked.
+  CurrentMachine().clock->Wait(handle.get(), std::nullopt);
+  handle.reset();
+}
+
+void StartDetached(std::function<void()> body) {
+  Thread(std::move(body)).Detach();
+}
+
+}  // namespace Vx::Platform

@@ -1,0 +1,23 @@
+#include "platform/unique_handle.h"
+
+#include <utility>
+
+#include <windows.h>
+
+namespace Vx::Platform {
+
+void HandleCloser::operator()(RawHandle handle) const noexcept {
+  const DWORD error = GetLastError();
+  CloseHandle(handle);
+  SetLastError(error);
+}
+
+UniqueHandle AdoptFile(RawHandle raw) noexcept {
+  return UniqueHandle(raw == INVALID_HANDLE_VALUE ? nullptr : raw);
+}
+
+SharedHandle Share(UniqueHandle handle) {
+  return SharedHandle(std::move(handle));
+}
+
+}  // namespace Vx::Platform

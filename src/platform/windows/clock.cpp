@@ -1,0 +1,89 @@
+#include "platform/clock.h"
+
+#include <algorithm>
+#include <limits>
+
+#include <windows.h>
+
+#include "platform/windows/capabilities.h"
+
+namespace Vx::Platform {
+
+namespace {
+
+// The longest single wait: INFINITE itself would mean "no limit".
+constexpr std::int64_t kLongestWait = INFINITE - 1;
+constexpr std::int64_t kTicksPerMillisecond = 10'000;  // FILETIME units
+
+class RealClock final : public Clock {
+ public:
+  std::uint64_t TickCount() const override { return GetTickCount64(); }
+
+  std::uint64_t UtcFileTime() const override {
+    FILETIME now;
+    GetSystemTimeAsFileTime(&now);
+    return (std::uint64_t{now.dwHighDateTime} << 32) | now.dwLowDateTime;
+  }
+
+  void Sleep(Duration length) override {
+    std::int64_t left = length.count();
+    do {
+      const std::int64_t part = std::clamp<std::int64_t>(left, 0, kLongestWait);
+      ::Sleep(static_cast<DWORD>(part));
+      left -= part;
+    } while (left > 0);
+  }
+
+  WaitResult Wait(RawHandle handle, std::optional<Duration> length) override {
+    if (!length) return Interpret(WaitForSingleObject(handle, INFINITE));
+    std::int64_t left = length->count();
+    for (;;) {
+      const std::int64_t part = std::clamp<std::int64_t>(left, 0, kLongestWait);
+      const WaitResult result = Interpret(WaitForSingleObject(handle, static_cast<DWORD>(part)));
+      left -= part;
+      if (result.outcome != WaitOutcome::TimedOut || left <= 0) return result;
+    }
+  }
+
+  Result<UniqueHandle> MakeTimer() override {
+    UniqueHandle timer(CreateWaitableTimerW(nullptr, FALSE, nullptr));
+    if (timer == nullptr) return Result<UniqueHandle>::Failure(GetLastError());
+    return timer;
+  }
+
+  ErrorCode SetTimer(RawHandle timer, Duration due) override {
+    constexpr std::int64_t kLongestDue =
+        std::numeric_limits<std::int64_t>::max() / kTicksPerMillisecond;
+    LARGE_INTEGER relative;  // negative: from now
+    relative.QuadPart =
+        -std::clamp<std::int64_t>(due.count(), 0, kLongestDue) * kTicksPerMillisecond;
+    if (SetWaitableTimer(timer, &relative, 0, nullptr, nullptr, FALSE) == 0) return GetLastError();
+    return 0;
+  }
+
+  // Nothing depends on where the workers of the real machine are.
+  void WorkerStarting() override {}
+  void WorkerEnded() override {}
+
+ private:
+  static WaitResult Interpret(DWORD code) {
+    switch (code) {
+      case WAIT_OBJECT_0:
+      case WAIT_ABANDONED:
+        return {WaitOutcome::Signalled, code, 0};
+      case WAIT_TIMEOUT:
+        return {WaitOutcome::TimedOut, code, 0};
+      default:
+        return {WaitOutcome::Failed, code, GetLastError()};
+    }
+  }
+};
+
+}  // namespace
+
+Clock& WindowsClock() {
+  static RealClock clock;
+  return clock;
+}
+
+}  // namespace Vx::Platform

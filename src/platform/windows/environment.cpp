@@ -1,0 +1,81 @@
+#include "platform/environment.h"
+
+#include <algorithm>
+#include <limits>
+#include <memory>
+
+#include <windows.h>
+
+#include <userenv.h>
+
+#include "platform/windows/capabilities.h"
+
+namespace Vx::Platform {
+
+namespace {
+
+struct BlockDestroyer {
+  void operator()(void* block) const noexcept { DestroyEnvironmentBlock(block); }
+};
+
+using Text = Result<std::wstring>;
+
+// The expansion in `buffer`, whose last element stays zero only when the call left room. One
+// emulator answers "done" for a buffer that was too small, so the answer alone proves nothing.
+Text TextIn(const std::vector<wchar_t>& buffer, std::size_t maxChars) {
+  const auto end = std::find(buffer.begin(), buffer.end(), L'\0');
+  const auto length = static_cast<std::size_t>(end - buffer.begin());
+  if (length + 1 > maxChars) return Text::Failure(ERROR_INSUFFICIENT_BUFFER);
+  return std::wstring(buffer.begin(), end);
+}
+
+class RealEnvironment final : public Environment {
+ public:
+  Text Expand(const std::wstring& text, std::size_t maxChars) const override {
+    std::vector<wchar_t> buffer(Room(maxChars));
+    const DWORD needed = ExpandEnvironmentStringsW(text.c_str(), buffer.data(), Count(buffer));
+    if (needed == 0) return Text::Failure(GetLastError());
+    if (needed > buffer.size()) return Text::Failure(ERROR_INSUFFICIENT_BUFFER);
+    return TextIn(buffer, maxChars);
+  }
+
+  Text ExpandForUser(RawHandle token, const std::wstring& text,
+                     std::size_t maxChars) const override {
+    std::vector<wchar_t> buffer(Room(maxChars));
+    if (ExpandEnvironmentStringsForUserW(token, text.c_str(), buffer.data(), Count(buffer)) ==
+        FALSE) {
+      return Text::Failure(GetLastError());
+    }
+    return TextIn(buffer, maxChars);
+  }
+
+  Result<std::vector<wchar_t>> Block(RawHandle token) const override {
+    void* raw = nullptr;
+    if (CreateEnvironmentBlock(&raw, token, FALSE) == FALSE) {
+      return Result<std::vector<wchar_t>>::Failure(GetLastError());
+    }
+    const std::unique_ptr<void, BlockDestroyer> owner(raw);
+    const auto* first = static_cast<const wchar_t*>(raw);
+    const wchar_t* end = first;
+    while (*end != L'\0') end += std::wcslen(end) + 1;
+    return std::vector<wchar_t>(first, end + 1);
+  }
+
+ private:
+  // One element more than the caller allows: what fills it was too long.
+  static std::size_t Room(std::size_t maxChars) {
+    return std::min<std::size_t>(maxChars, std::numeric_limits<DWORD>::max() - 1) + 1;
+  }
+  static DWORD Count(const std::vector<wchar_t>& buffer) {
+    return static_cast<DWORD>(buffer.size());
+  }
+};
+
+}  // namespace
+
+Environment& WindowsEnvironment() {
+  static RealEnvironment environment;
+  return environment;
+}
+
+}  // namespace Vx::Platform
