@@ -7,11 +7,13 @@ namespace {
 
 Machine Assemble() {
   Machine machine;
+  machine.appServices = &WindowsAppServices();
   machine.clock = &WindowsClock();
   machine.dataProtection = &WindowsDataProtection();
   machine.environment = &WindowsEnvironment();
   machine.files = &WindowsFiles();
   machine.kernelObjects = &WindowsKernelObjects();
+  machine.packages = &WindowsPackages();
   machine.registry = &WindowsRegistry();
   machine.threads = &WindowsThreads();
   return machine;

@@ -1,0 +1,145 @@
+#include "platform/windows/package_catalog.h"
+
+#include <atomic>
+#include <map>
+#include <mutex>
+#include <utility>
+
+#include "platform/windows/winrt_calls.h"
+
+#include <windows.h>
+
+#include <combaseapi.h>
+
+namespace Vx::Platform {
+
+namespace {
+
+// Keeps the process's multithreaded apartment alive. The threads that use a catalog enter and leave
+// it one operation at a time, and with the last of them the apartment would take the catalog along.
+class MultithreadedApartmentUsage {
+ public:
+  MultithreadedApartmentUsage() { Check(CoIncrementMTAUsage(&cookie), L"CoIncrementMTAUsage"); }
+  MultithreadedApartmentUsage(const MultithreadedApartmentUsage&) = delete;
+  MultithreadedApartmentUsage& operator=(const MultithreadedApartmentUsage&) = delete;
+  ~MultithreadedApartmentUsage() { CoDecrementMTAUsage(cookie); }
+
+ private:
+  CO_MTA_USAGE_COOKIE cookie = nullptr;
+};
+
+class Uninstall final : public PackageUninstall {
+ public:
+  explicit Uninstall(Abi::IPackageUninstallingEventArgs& eventArguments)
+      : arguments(eventArguments) {}
+
+  std::wstring FamilyName() const override {
+    Abi::ComReference<Abi::IPackage> package;
+    const HRESULT got = arguments.get_Package(package.Put());
+    CheckMade(got, package, L"IPackageUninstallingEventArgs::get_Package");
+    Abi::ComReference<Abi::IPackageId> id;
+    const HRESULT identified = package->get_Id(id.Put());
+    CheckMade(identified, id, L"IPackage::get_Id");
+    Abi::HString name;
+    Check(id->get_FamilyName(name.Put()), L"IPackageId::get_FamilyName");
+    return std::wstring(name.View());
+  }
+
+  bool IsComplete() const override {
+    Abi::Boolean complete = 0;
+    Check(arguments.get_IsComplete(&complete), L"IPackageUninstallingEventArgs::get_IsComplete");
+    return complete != 0;
+  }
+
+ private:
+  Abi::IPackageUninstallingEventArgs& arguments;
+};
+
+// One handler. Shared with the delegate that the system holds, which can outlive the removal: a
+// notification that is under way then still has a handler to run in, a later one finds it closed.
+struct Subscription {
+  PackageCatalog::UninstallingHandler handler;
+  std::atomic<bool> closed{false};
+
+  HRESULT Notify(Abi::IPackageUninstallingEventArgs* arguments) noexcept {
+    if (closed.load() || arguments == nullptr) return S_OK;
+    try {
+      handler(Uninstall(*arguments));
+      return S_OK;
+    } catch (const winrt::hresult_error& error) {
+      return error.code();
+    } catch (...) {
+      return E_FAIL;
+    }
+  }
+};
+
+class WindowsPackageCatalog final : public PackageCatalog {
+ public:
+  WindowsPackageCatalog() {
+    const ApartmentScope apartment;
+    const auto statics = FactoryOf<Abi::IPackageCatalogStatics>(Abi::kPackageCatalogClass);
+    const HRESULT opened = statics->OpenForCurrentUser(catalog.Put());
+    CheckMade(opened, catalog, L"IPackageCatalogStatics::OpenForCurrentUser");
+  }
+  WindowsPackageCatalog(const WindowsPackageCatalog&) = delete;
+  WindowsPackageCatalog& operator=(const WindowsPackageCatalog&) = delete;
+
+  ~WindowsPackageCatalog() override {
+    for (const auto& [token, subscription] : subscriptions) Remove(token, *subscription);
+  }
+
+  Token AddUninstalling(UninstallingHandler handler) override {
+    const ApartmentScope apartment;
+    auto subscription = std::make_shared<Subscription>();
+    subscription->handler = std::move(handler);
+    const auto delegate = Abi::MakeDelegate<Abi::IPackageUninstallingHandler>(
+        [subscription](Abi::IPackageCatalog*,
+                       Abi::IPackageUninstallingEventArgs* arguments) noexcept -> HRESULT {
+          return subscription->Notify(arguments);
+        });
+    // The entry is made before the system knows the handler, so that nothing can fail once it does.
+    SubscriptionMap entry;
+    entry.emplace(0, std::move(subscription));
+    Abi::EventToken token;
+    Check(catalog->add_PackageUninstalling(delegate.Get(), &token),
+          L"IPackageCatalog::add_PackageUninstalling");
+    auto node = entry.extract(entry.begin());
+    node.key() = token.value;
+    const std::lock_guard guard(mutex);
+    subscriptions.insert(std::move(node));
+    return token.value;
+  }
+
+  void RemoveUninstalling(Token token) noexcept override {
+    SubscriptionMap::node_type entry;
+    {
+      const std::lock_guard guard(mutex);
+      entry = subscriptions.extract(token);
+    }
+    if (!entry.empty()) Remove(token, *entry.mapped());
+  }
+
+ private:
+  using SubscriptionMap = std::map<Token, std::shared_ptr<Subscription>>;
+
+  // Closing comes first: should the system refuse to let go, it calls into nothing.
+  void Remove(Token token, Subscription& subscription) const noexcept {
+    subscription.closed.store(true);
+    const Abi::Apartment apartment;
+    catalog->remove_PackageUninstalling(Abi::EventToken{token});
+  }
+
+  MultithreadedApartmentUsage usage;  // outlives the catalog
+  Abi::ComReference<Abi::IPackageCatalog> catalog;
+  std::mutex mutex;
+  SubscriptionMap subscriptions;  // guarded by mutex
+};
+
+}  // namespace
+
+std::shared_ptr<PackageCatalog> OpenWindowsPackageCatalog() {
+  return std::make_shared<WindowsPackageCatalog>();
+}
+
+}  // namespace Vx::Platform

@@ -1,0 +1,12 @@
+#pragma once
+
+#include <memory>
+
+#include "platform/packages.h"
+
+namespace Vx::Platform {
+
+// Opens the catalog of the user whom the calling thread acts as. Throws winrt::hresult_error.
+std::shared_ptr<PackageCatalog> OpenWindowsPackageCatalog();
+
+}  // namespace Vx::Platform

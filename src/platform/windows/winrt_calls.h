@@ -1,0 +1,55 @@
+#pragma once
+
+#include <string_view>
+
+#include "host/winrt_owners.h"
+#include "platform/hresult_error.h"
+
+// The Windows Runtime calls of this folder, with failures as winrt::hresult_error. The message
+// names the call, for the code alone does not tell which of several steps refused.
+
+namespace Vx::Platform {
+
+inline void Check(HRESULT result, const wchar_t* call) {
+  if (FAILED(result)) throw winrt::hresult_error(result, call);
+}
+
+// Enters the multithreaded apartment for a scope; throws when the thread may not.
+class ApartmentScope {
+ public:
+  ApartmentScope() { Check(apartment.Result(), L"RoInitialize"); }
+
+ private:
+  Abi::Apartment apartment;
+};
+
+inline Abi::HString MakeString(std::wstring_view text) {
+  Abi::HString result;
+  Check(result.Assign(text), L"WindowsCreateString");
+  return result;
+}
+
+// For calls that can answer success with nothing, which then counts as a broken promise.
+template <typename T>
+void CheckMade(HRESULT result, const Abi::ComReference<T>& object, const wchar_t* call) {
+  Check(result, call);
+  if (!object) throw winrt::hresult_error(E_UNEXPECTED, call);
+}
+
+template <typename T>
+Abi::ComReference<T> ActivateClass(const wchar_t* className) {
+  Abi::ComReference<T> object;
+  const HRESULT result = Abi::Activate(className, object);
+  CheckMade(result, object, className);
+  return object;
+}
+
+template <typename T>
+Abi::ComReference<T> FactoryOf(const wchar_t* className) {
+  Abi::ComReference<T> factory;
+  const HRESULT result = Abi::GetFactory(className, factory);
+  CheckMade(result, factory, className);
+  return factory;
+}
+
+}  // namespace Vx::Platform
