@@ -16,6 +16,7 @@ Machine Assemble() {
   machine.packages = &WindowsPackages();
   machine.registry = &WindowsRegistry();
   machine.threads = &WindowsThreads();
+  machine.trustProvider = &WindowsTrustProvider();
   return machine;
 }
 

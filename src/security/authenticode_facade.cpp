@@ -1,0 +1,46 @@
+#include "security/authenticode_facade.h"
+
+#include "host/logging.h"
+#include "security/authenticode_helper.h"
+#include "security/file_trust.h"
+#include "security/pinned_keys.h"
+
+namespace Vx::Tessel::Security {
+
+namespace {
+
+constexpr wchar_t kCheckFailed[] = L"Security - %S - the check failed, not trusted";
+
+// The one boundary of a trust check: whatever fails below means "not trusted".
+template <typename Check>
+bool Answer(const char* operation, const wchar_t* path, Check check) noexcept {
+  try {
+    return path != nullptr && check(std::wstring(path)).trusted;
+  } catch (...) {
+    using Server::Logging::LogManager;
+    LogManager::SetProvider(Server::Logging::kComponentProvider)->LogError(kCheckFailed, operation);
+    return false;
+  }
+}
+
+}  // namespace
+
+bool VxAuthenticodeFacade::IsFileTrusted(const wchar_t* path) {
+  return Answer("IsFileTrusted", path,
+                [](const std::wstring& file) { return JudgeFile(file, GeneralKeys()); });
+}
+
+bool VxAuthenticodeFacade::IsFileTrustedRestricted(const wchar_t* path) {
+  return Answer("IsFileTrustedRestricted", path,
+                [](const std::wstring& file) { return JudgeFile(file, RestrictedKeys()); });
+}
+
+bool VxAuthenticodeFacade::IsDropboxFileTrusted(const wchar_t* path) {
+  return Answer("IsDropboxFileTrusted", path, &JudgeDropboxFile);
+}
+
+Platform::UniqueHandle AquireFileReadOnlyLock(const std::wstring& path) {
+  return VxAuthenticodeHelper().AquireFileReadOnlyLock(path);
+}
+
+}  // namespace Vx::Tessel::Security

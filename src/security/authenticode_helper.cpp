@@ -1,0 +1,299 @@
+#include "security/authenticode_helper.h"
+
+#include <algorithm>
+#include <chrono>
+
+#include "platform/clock.h"
+#include "platform/environment.h"
+#include "platform/files.h"
+#include "platform/machine.h"
+#include "platform/trust_provider.h"
+#include "security/path_rules.h"
+#include "security/pinned_key_text.h"
+
+namespace Vx::Tessel::Security {
+
+using Platform::CurrentMachine;
+using Server::Logging::kComponentProvider;
+using Server::Logging::LogManager;
+
+namespace {
+
+constexpr char kIsPathAllowed[] = "Vx::Tessel::Security::VxAuthenticodeHelper::IsPathAllowed";
+constexpr char kAquireFileReadOnlyLock[] =
+    "Vx::Tessel::Security::VxAuthenticodeHelper::AquireFileReadOnlyLock";
+
+constexpr wchar_t kCatalogFile[] = L"Security - GetSecurityCatalogInfo - File = %s";
+constexpr wchar_t kAcquireContextFailed[] =
+    L"Security - GetSecurityCatalogInfo - Failed during CryptCATAdminAcquireContext2. "
+    L"Error Code = %d";
+constexpr wchar_t kOpenFileFailed[] =
+    L"Security - GetSecurityCatalogInfo - Failed during CreateFileW. Error Code = %d";
+constexpr wchar_t kHashFailed[] =
+    L"Security - GetSecurityCatalogInfo - Failed during CryptCATAdminCalcHashFromFileHandle2. "
+    L"Error Code = %d";
+constexpr wchar_t kFindCatalogFailed[] =
+    L"Security - GetSecurityCatalogInfo - Failed during CryptCATAdminEnumCatalogFromHash. "
+    L"Error Code = %d";
+constexpr wchar_t kSubject[] = L"Subject = %s";
+constexpr wchar_t kSubjectFailed[] = L"Error while retrieving Subject field.";
+constexpr wchar_t kPrefixMissed[] = L"%S - BeginsWith() failed [%s] [%s]";
+constexpr wchar_t kSubstringMissed[] = L"%S - Didn't find substring [%s] in [%s]";
+constexpr wchar_t kExpandFailed[] = L"%S - cannot expand [%s], error %d";
+constexpr wchar_t kNotPlain[] = L"%S - not a plain path [%s]";
+constexpr wchar_t kFinalPathFailed[] = L"%S - cannot tell where [%s] lies, error %d";
+constexpr wchar_t kLeadsElsewhere[] = L"%S - [%s] leads to [%s]";
+constexpr wchar_t kAccessFailed[] =
+    L"Security - GetNamedSecurityInfo - Failed %d of %d times. Error Code = %d";
+constexpr wchar_t kAccessException[] =
+    L"Exception in CheckForFullConrolByTrustedInstallAndSystem().";
+constexpr wchar_t kLockOutcome[] = L"%S(%s) : %s";
+
+// HRESULTs of wintrust, as the signed numbers that WinVerifyTrust returns.
+constexpr std::int32_t kVerified = 0;
+constexpr auto kUntrustedRoot = static_cast<std::int32_t>(0x800B0109);
+constexpr auto kExpired = static_cast<std::int32_t>(0x800B0101);
+
+constexpr const wchar_t* kAllowedPrefixes[] = {L"%windir%\\", L"%PROGRAMFILES(x86)%\\",
+                                               L"%PROGRAMFILES%\\"};
+constexpr wchar_t kWindowsApps[] = L":\\WindowsApps\\";
+
+constexpr std::size_t kMaxPathChars = 32767;
+constexpr std::uint32_t kGenericAll = 1U << 28;
+constexpr int kAccessAttempts = 5;
+constexpr std::chrono::milliseconds kAccessPause{250};
+
+// The count comes out of the file that is being judged; real files have a handful.
+constexpr std::uint32_t kMaxSecondarySignatures = 255;
+
+constexpr bool IsCollected(std::int32_t result) noexcept {
+  return result == kVerified || result == kUntrustedRoot || result == kExpired;
+}
+
+const wchar_t* FailureText(Platform::CatalogStep step) noexcept {
+  switch (step) {
+    case Platform::CatalogStep::AcquireContext:
+      return kAcquireContextFailed;
+    case Platform::CatalogStep::OpenFile:
+      return kOpenFileFailed;
+    case Platform::CatalogStep::Hash:
+      return kHashFailed;
+    case Platform::CatalogStep::FindCatalog:
+      break;
+  }
+  return kFindCatalogFailed;
+}
+
+// Variables put in; empty when Windows cannot.
+std::wstring Expanded(const std::wstring& text) {
+  auto expanded = CurrentMachine().environment->Expand(text, kMaxPathChars);
+  return expanded ? *std::move(expanded) : std::wstring();
+}
+
+}  // namespace
+
+VxAuthenticodeHelper::VxAuthenticodeHelper()
+    : logger(LogManager::SetProvider(kComponentProvider)) {}
+
+std::vector<SignatureRecord> VxAuthenticodeHelper::CollectSignatures(const std::wstring& path,
+                                                                     SignatureKind kind) const {
+  const Platform::TrustProvider& provider = *CurrentMachine().trustProvider;
+  std::optional<Platform::CatalogHit> catalog;
+  if (kind == SignatureKind::Catalog) {
+    logger->LogInfo(kCatalogFile, path.c_str());
+    Platform::CatalogFailure failure;
+    catalog = provider.FindCatalog(path, failure);
+    if (!catalog) {
+      logger->LogError(FailureText(failure.step), static_cast<int>(failure.error));
+      return {};
+    }
+  }
+  std::vector<SignatureRecord> records;
+  std::uint32_t last = 0;
+  for (std::uint32_t index = 0; index <= last; ++index) {
+    const Platform::SignatureVerdict verdict =
+        catalog ? provider.VerifyInCatalog(*catalog, index) : provider.VerifyEmbedded(path, index);
+    if (index == 0) last = std::min(verdict.secondaryCount, kMaxSecondarySignatures);
+    if (IsCollected(verdict.result)) Append(verdict, records);
+  }
+  return records;
+}
+
+void VxAuthenticodeHelper::Append(const Platform::SignatureVerdict& verdict,
+                                  std::vector<SignatureRecord>& records) const {
+  if (!verdict.signer) {
+    logger->LogError(kSubjectFailed);
+    return;
+  }
+  const Platform::Signer& signer = *verdict.signer;
+  if (!signer.subject.empty()) logger->LogInfo(kSubject, signer.subject.c_str());
+  if (signer.subject.empty() || !signer.names) logger->LogError(kSubjectFailed);
+  records.push_back({.public_key = FormatPublicKey(signer.publicKey),
+                     .trust_result = verdict.result,
+                     .names = signer.names.value_or(Platform::SignerNames{})});
+}
+
+bool VxAuthenticodeHelper::IsTrustedByWindows(
+    const std::vector<SignatureRecord>& records) noexcept {
+  return std::any_of(records.begin(), records.end(), [](const SignatureRecord& record) {
+    return record.trust_result == kVerified || record.trust_result == kExpired;
+  });
+}
+
+bool VxAuthenticodeHelper::IsKeyPinned(const std::vector<SignatureRecord>& records,
+                                       KeySet keys) noexcept {
+  return std::any_of(records.begin(), records.end(), [keys](const SignatureRecord& record) {
+    return std::find(keys.begin(), keys.end(), record.public_key) != keys.end();
+  });
+}
+
+bool VxAuthenticodeHelper::IsPathAllowed(const std::wstring& path) const {
+  return JudgePath(path).outcome == PathOutcome::Allowed;
+}
+
+// A client chooses the path, and several texts that begin with "C:\Windows\" name a file elsewhere:
+// with ".." in the middle, through a mount point below a folder that every user may write to, or as
+// a stream of another file. So the rule is applied twice: to the full form of the text, which is
+// what gets logged, and to where the opened file really lies. What Windows cannot resolve is
+// refused.
+PathVerdict VxAuthenticodeHelper::JudgePath(const std::wstring& path) const {
+  PathVerdict verdict;
+  const auto expanded = CurrentMachine().environment->Expand(path, kMaxPathChars);
+  if (!expanded) {
+    logger->LogError(kExpandFailed, kIsPathAllowed, path.c_str(),
+                     static_cast<int>(expanded.Error()));
+    return verdict;
+  }
+  // Anything but a path from the root of a drive stays as it is: it matches no prefix, and making
+  // it a full one would let the service's own folder decide.
+  verdict.fullPath = *expanded;
+  if (IsDrivePath(*expanded)) {
+    const auto full = CurrentMachine().trustProvider->FullPath(*expanded);
+    if (full) verdict.fullPath = *full;
+  }
+  const auto place = FindPlace(verdict.fullPath, Misses::Logged);
+  if (!place) {
+    verdict.outcome = PathOutcome::OutsidePrefixes;
+    return verdict;
+  }
+  verdict.prefix = place->prefix;
+  if (!ResolveFinalPath(path, *expanded, verdict)) return verdict;
+
+  const auto finalPlace = FindPlace(verdict.finalPath, Misses::Silent);
+  if (!finalPlace) {
+    verdict.outcome = PathOutcome::LeadsElsewhere;
+    logger->LogError(kLeadsElsewhere, kIsPathAllowed, verdict.fullPath.c_str(),
+                     verdict.finalPath.c_str());
+    return verdict;
+  }
+  // Windows moves packages to another drive and leaves a link behind; then both folders count.
+  if (place->appFolder) verdict.appFolders.push_back(*place->appFolder);
+  if (finalPlace->appFolder &&
+      !(place->appFolder && SameIgnoringCase(*finalPlace->appFolder, *place->appFolder))) {
+    verdict.appFolders.push_back(*finalPlace->appFolder);
+  }
+  const bool closed =
+      std::all_of(verdict.appFolders.begin(), verdict.appFolders.end(),
+                  [this](const auto& folder) { return HasFullControlWithRetries(folder); });
+  verdict.outcome = closed ? PathOutcome::Allowed : PathOutcome::OpenFolder;
+  return verdict;
+}
+
+// The WindowsApps folder of %PROGRAMFILES% lies below a prefix and is still judged by its access
+// list: packages are written there for whoever is signed in, not by an administrator.
+std::optional<VxAuthenticodeHelper::Place> VxAuthenticodeHelper::FindPlace(
+    const std::wstring& fullPath, Misses misses) const {
+  for (const wchar_t* allowed : kAllowedPrefixes) {
+    const std::wstring prefix = Expanded(allowed);
+    if (!prefix.empty() && BeginsWith(fullPath, prefix)) {
+      return Place{.prefix = prefix, .appFolder = WindowsAppsFolderBelow(prefix, fullPath)};
+    }
+    if (misses == Misses::Logged) {
+      logger->LogError(kPrefixMissed, kIsPathAllowed, fullPath.c_str(), prefix.c_str());
+    }
+  }
+  auto folder = DriveWindowsAppsFolder(fullPath);
+  if (folder) return Place{.prefix = {}, .appFolder = std::move(folder)};
+  if (misses == Misses::Logged) {
+    logger->LogError(kSubstringMissed, kIsPathAllowed, kWindowsApps, fullPath.c_str());
+  }
+  return std::nullopt;
+}
+
+// Fills in the final path, or the outcome when there is none to believe.
+bool VxAuthenticodeHelper::ResolveFinalPath(const std::wstring& path, const std::wstring& expanded,
+                                            PathVerdict& verdict) const {
+  if (!IsPlainPath(verdict.fullPath)) {
+    verdict.outcome = PathOutcome::NotPlain;
+    logger->LogError(kNotPlain, kIsPathAllowed, verdict.fullPath.c_str());
+    return false;
+  }
+  const Platform::TrustProvider& provider = *CurrentMachine().trustProvider;
+  const auto target = provider.FinalPath(verdict.fullPath);
+  if (!target) {
+    verdict.outcome = PathOutcome::NotFound;
+    logger->LogError(kFinalPathFailed, kIsPathAllowed, verdict.fullPath.c_str(),
+                     static_cast<int>(target.Error()));
+    return false;
+  }
+  verdict.finalPath = *target;
+  if (path == expanded) return true;
+  // Whoever starts the file does so by the text with the variables still in it, and a folder may
+  // really be called "%x%": then the file that was judged is not the one that starts.
+  const auto unexpanded = provider.FinalPath(path);
+  if (!unexpanded || SameIgnoringCase(*unexpanded, *target)) return true;
+  verdict.outcome = PathOutcome::LeadsElsewhere;
+  logger->LogError(kLeadsElsewhere, kIsPathAllowed, path.c_str(), unexpanded->c_str());
+  return false;
+}
+
+bool VxAuthenticodeHelper::HasFullControlWithRetries(const std::wstring& folder) const {
+  for (int attempt = 1; attempt <= kAccessAttempts; ++attempt) {
+    Platform::ErrorCode error = 0;
+    if (HasFullControl(folder, error)) return true;
+    logger->LogError(kAccessFailed, attempt, kAccessAttempts, static_cast<int>(error));
+    if (attempt < kAccessAttempts) CurrentMachine().clock->Sleep(kAccessPause);
+  }
+  return false;
+}
+
+bool VxAuthenticodeHelper::CheckForFullConrolByTrustedInstallAndSystem(
+    const std::wstring& folder) const {
+  Platform::ErrorCode error = 0;
+  return HasFullControl(folder, error);
+}
+
+bool VxAuthenticodeHelper::HasFullControl(const std::wstring& folder,
+                                          Platform::ErrorCode& error) const {
+  try {
+    const auto access = CurrentMachine().trustProvider->FolderAccess(folder);
+    if (!access) {
+      error = access.Error();
+      return false;
+    }
+    bool trustedInstaller = false;
+    bool system = false;
+    for (const Platform::AccessEntry& entry : *access) {
+      if (!entry.allowed || (entry.mask & kGenericAll) == 0) continue;
+      if (entry.accountDomain == L"NT SERVICE" && entry.accountName == L"TrustedInstaller") {
+        trustedInstaller = true;
+      }
+      if (entry.accountDomain == L"NT AUTHORITY" && entry.accountName == L"SYSTEM") system = true;
+    }
+    return trustedInstaller && system;
+  } catch (...) {
+    logger->LogError(kAccessException);
+    return false;
+  }
+}
+
+Platform::UniqueHandle VxAuthenticodeHelper::AquireFileReadOnlyLock(
+    const std::wstring& path) const {
+  auto opened = CurrentMachine().files->OpenReadLocked(path);
+  Platform::UniqueHandle lock = opened ? *std::move(opened) : nullptr;
+  logger->LogInfo(kLockOutcome, kAquireFileReadOnlyLock, path.c_str(),
+                  lock ? L"succeeded" : L"FAILED");
+  return lock;
+}
+
+}  // namespace Vx::Tessel::Security

@@ -1,0 +1,29 @@
+#include "security/command_line_check.h"
+
+#include "platform/command_line.h"
+
+namespace Vx::Tessel::Security {
+
+namespace {
+
+// The first word of a command line is split by rules of its own (quotes inside it are not
+// understood); a word in front makes the real first one an argument like the others.
+constexpr wchar_t kWordInFront[] = L"test.exe ";
+constexpr std::size_t kMaxCommandLine = 32767;
+
+}  // namespace
+
+bool IsCommandLineTrusted(VxAuthenticodeFacadeBase& facade,
+                          const std::wstring& commandLine) noexcept {
+  try {
+    if (commandLine.size() > kMaxCommandLine) return false;
+    // Windows stops reading at a NUL, so what follows one was never judged.
+    if (commandLine.find(L'\0') != std::wstring::npos) return false;
+    const auto words = Platform::SplitCommandLine(kWordInFront + commandLine);
+    return words.size() > 1 && facade.IsFileTrusted(words[1].c_str());
+  } catch (...) {
+    return false;
+  }
+}
+
+}  // namespace Vx::Tessel::Security

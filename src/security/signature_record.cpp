@@ -1,0 +1,55 @@
+#include "security/signature_record.h"
+
+namespace Vx::Tessel::Security {
+
+namespace {
+
+constexpr wchar_t kIssuer[] = L"DigiCert SHA2 Assured ID Code Signing CA";
+
+SignatureRecord Row(Platform::SignerNames names) {
+  return {.public_key = {}, .trust_result = 0, .names = std::move(names)};
+}
+
+}  // namespace
+
+std::vector<SignatureRecord> DropboxSigners() {
+  return {Row({.commonName = L"Dropbox, Inc",
+               .organisationalUnit = {},
+               .locality = L"San Francisco",
+               .organisation = L"Dropbox, Inc",
+               .state = L"California",
+               .country = L"US",
+               .issuerCommonName = kIssuer})};
+}
+
+std::vector<SignatureRecord> VexmoorSigners() {
+  return {Row({.commonName = L"Vexmoor Inc.",
+               .organisationalUnit = L"Vexmoor Security",
+               .locality = {},
+               .organisation = L"Vexmoor Inc.",
+               .state = {},
+               .country = L"US",
+               .issuerCommonName = kIssuer})};
+}
+
+std::vector<SignatureRecord> MicrosoftSigners() {
+  return {Row({.commonName = L"Microsoft Corporation",
+               .organisationalUnit = {},
+               .locality = L"Redmond",
+               .organisation = L"Microsoft Corporation",
+               .state = L"Washington",
+               .country = {},
+               .issuerCommonName = {}})};
+}
+
+std::vector<SignatureRecord> BitdefenderSigners() {
+  return {Row({.commonName = L"Bitdefender SRL",
+               .organisationalUnit = {},
+               .locality = L"Bucharest",
+               .organisation = L"Bitdefender SRL",
+               .state = {},
+               .country = {},
+               .issuerCommonName = kIssuer})};
+}
+
+}  // namespace Vx::Tessel::Security

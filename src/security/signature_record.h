@@ -1,0 +1,24 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "platform/trust_provider.h"
+
+namespace Vx::Tessel::Security {
+
+// One signature of a file, or a row of a signer table (then with an empty key and a zero result).
+struct SignatureRecord {
+  std::string public_key;         // in the form of FormatPublicKey
+  std::int32_t trust_result = 0;  // of WinVerifyTrust for this signature
+  Platform::SignerNames names;
+};
+
+// The signers of programs of other makers. Only the first is consulted, by IsDropboxFileTrusted.
+std::vector<SignatureRecord> DropboxSigners();
+std::vector<SignatureRecord> VexmoorSigners();
+std::vector<SignatureRecord> MicrosoftSigners();
+std::vector<SignatureRecord> BitdefenderSigners();
+
+}  // namespace Vx::Tessel::Security
