@@ -1,0 +1,50 @@
+#pragma once
+
+#include <cstdint>
+
+namespace Vx::Tessel::Server::Services {
+
+// What the module does with cryptography, for the host: data kept for this machine, and the digest
+// of a file.
+//
+// The host is built with another compiler, so as with VxService the contract is the table of slots:
+// each function one entry, in this order, all arguments scalars or pointers, nothing thrown. Any
+// thread may call; no call waits. Results are Win32 error codes: 0 success, 87 for a null argument,
+// 8 without memory, else what Windows answered; outputs are written on success only.
+class VxCryptographyHelper {
+ public:
+  VxCryptographyHelper() = default;
+  VxCryptographyHelper(const VxCryptographyHelper&) = delete;
+  VxCryptographyHelper& operator=(const VxCryptographyHelper&) = delete;
+
+  // Slot 0. Destroys the object; bit 0 of `flags` frees its memory too. Returns the object's
+  // address.
+  virtual void* Destroy(unsigned flags) = 0;
+
+  // Slot 1. Seals `size` bytes so that any process of this machine, and no other machine, can open
+  // them. `description` (NUL-terminated, may be null) is stored readable beside them. The result is
+  // freed with slot 4.
+  virtual std::uint32_t Protect(const void* plain, std::uint32_t size, const wchar_t* description,
+                                void** result, std::uint32_t* resultSize) = 0;
+
+  // Slot 2. Opens what slot 1 sealed. The result is freed with slot 4.
+  virtual std::uint32_t Unprotect(const void* sealed, std::uint32_t size, void** result,
+                                  std::uint32_t* resultSize) = 0;
+
+  // Slot 3. The SHA-256 of a file's content; `digest` has room for its 32 bytes.
+  virtual std::uint32_t FileSha256(const wchar_t* path, unsigned char* digest) = 0;
+
+  // Slot 4. Frees a result; null is allowed.
+  virtual void FreeResult(void* result) = 0;
+
+ protected:
+  ~VxCryptographyHelper() = default;
+};
+
+// The factory, exported under this name; null without memory. The object is freed through slot 0.
+using CreateCryptographyHelperFunction = VxCryptographyHelper* (*)();
+inline constexpr char kCreateCryptographyHelperExport[] = "CreateCryptographyHelper";
+
+}  // namespace Vx::Tessel::Server::Services
+
+extern "C" Vx::Tessel::Server::Services::VxCryptographyHelper* CreateCryptographyHelper();

@@ -1,0 +1,24 @@
+#pragma once
+
+#include <memory>
+#include <vector>
+
+#include "security/matching_descriptor.h"
+
+namespace Vx::Tessel::Security {
+
+// Clients without the maker's manifest that are tolerated up to a version. Each caller gets a list
+// of its own.
+
+class UwpWithNoVxManifestExemptionWhiteList {
+ public:
+  static std::shared_ptr<std::vector<UwpMatchingDescriptor>> GetExemption();
+};
+
+// The names are in lower case, as the checker compares them.
+class Win32WithNoVxManifestExemptionWhiteList {
+ public:
+  static std::shared_ptr<std::vector<Win32MatchingDescriptor>> GetExemption();
+};
+
+}  // namespace Vx::Tessel::Security

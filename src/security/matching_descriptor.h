@@ -1,0 +1,40 @@
+#pragma once
+
+#include <utility>
+
+#include "security/client_information.h"
+
+namespace Vx::Tessel::Security {
+
+// How a row of a white list is meant to be compared. The checkers by version compare names and
+// versions whatever it says; it is there for checkers of other kinds.
+struct MatchingDescriptor {
+  enum class Operation {
+    regex,
+    contained_in_list,
+    begins_with_from_list,
+    begins_with_from_list_with_env_vars,
+    numeric_range,
+    none
+  };
+
+  explicit MatchingDescriptor(Operation how) : operation(how) {}
+
+  Operation operation;
+};
+
+struct UwpMatchingDescriptor : MatchingDescriptor {
+  UwpMatchingDescriptor(Server::Uwp::UwpInformation client, Operation how)
+      : MatchingDescriptor(how), information(std::move(client)) {}
+
+  Server::Uwp::UwpInformation information;
+};
+
+struct Win32MatchingDescriptor : MatchingDescriptor {
+  Win32MatchingDescriptor(Server::Win32::Win32Information client, Operation how)
+      : MatchingDescriptor(how), information(std::move(client)) {}
+
+  Server::Win32::Win32Information information;
+};
+
+}  // namespace Vx::Tessel::Security
