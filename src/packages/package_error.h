@@ -1,0 +1,28 @@
+#pragma once
+
+#include <cstdint>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+
+#include "platform/hresult_error.h"
+
+namespace Vx::Tessel::Server::Services::Orvane {
+
+// A step of the package model that Windows refused. The text is UTF-8: the call, its code in
+// hexadecimal, and what Windows had to say about it, if anything.
+class PackageError : public std::runtime_error {
+ public:
+  // `code` is a Win32 error or an HRESULT, whichever the call gives.
+  PackageError(std::wstring_view call, std::uint32_t code, std::wstring_view details = {});
+
+  // The message of `error` names the call.
+  explicit PackageError(const winrt::hresult_error& error);
+
+  std::uint32_t Code() const noexcept { return errorCode; }
+
+ private:
+  std::uint32_t errorCode;
+};
+
+}  // namespace Vx::Tessel::Server::Services::Orvane

@@ -1,0 +1,141 @@
+#include "host/uwp_package_model.h"
+
+#include <cstddef>
+#include <new>
+#include <stdexcept>
+#include <string>
+
+#include "host/logging.h"
+#include "json/utf8.h"
+#include "packages/package_error.h"
+#include "packages/uwp_package.h"
+#include "packages/uwp_package_data_access.h"
+#include "platform/type_name.h"
+
+namespace Vx::Tessel::Server::Services::Orvane {
+
+namespace {
+
+constexpr wchar_t kThrew[] = L"%S.%S threw exception %S";
+constexpr wchar_t kNullArgument[] = L"a required argument is null";
+constexpr wchar_t kNoRoom[] = L"the buffer is too small";
+
+using Hresult = std::int32_t;
+
+constexpr Hresult kOk = 0;
+constexpr Hresult kPointer = static_cast<Hresult>(0x80004003);
+constexpr Hresult kFail = static_cast<Hresult>(0x80004005);
+constexpr Hresult kOutOfMemory = static_cast<Hresult>(0x8007000E);
+constexpr Hresult kInvalidArgument = static_cast<Hresult>(0x80070057);
+constexpr Hresult kInsufficientBuffer = static_cast<Hresult>(0x8007007A);
+
+// Windows' own mapping: what is negative already is an HRESULT.
+Hresult FromCode(std::uint32_t code) {
+  constexpr std::uint32_t kWin32Facility = 0x80070000;
+  if (static_cast<Hresult>(code) < 0) return static_cast<Hresult>(code);
+  return static_cast<Hresult>(kWin32Facility | (code & 0xFFFF));
+}
+
+class ExportedPackageModel final : public UwpPackageModel {
+ public:
+  void* Destroy(unsigned flags) override {
+    void* const address = this;
+    this->~ExportedPackageModel();
+    if ((flags & 1U) != 0) ::operator delete(address);
+    return address;
+  }
+
+  Hresult FindPackageFullName(const wchar_t* familyName, wchar_t* buffer,
+                              std::uint32_t* length) override {
+    return Answer("FindPackageFullName", familyName != nullptr && length != nullptr, [&] {
+      const std::wstring fullName = UwpPackage().FindPackageFullName(familyName);
+      const auto needed = static_cast<std::uint32_t>(fullName.size() + 1);
+      const std::uint32_t room = buffer != nullptr ? *length : 0;
+      *length = needed;
+      if (room < needed) return Refuse(kInsufficientBuffer, kNoRoom);
+      fullName.copy(buffer, fullName.size());
+      buffer[fullName.size()] = L'\0';
+      return kOk;
+    });
+  }
+
+  Hresult ShouldForceRegistration(const wchar_t* user, const wchar_t* fullName,
+                                  std::int32_t* force) override {
+    const bool complete = user != nullptr && fullName != nullptr && force != nullptr;
+    return Answer("ShouldForceRegistration", complete, [&] {
+      *force = 0;
+      *force = UwpPackage().ShouldForceRegistration(user, fullName) ? 1 : 0;
+      return kOk;
+    });
+  }
+
+  Hresult Register(const wchar_t* fullName) override {
+    return Answer("Register", fullName != nullptr, [&] {
+      UwpPackage().Register(fullName);
+      return kOk;
+    });
+  }
+
+  Hresult GetOriginAndVersion(const wchar_t* familyName, std::int32_t* origin,
+                              std::uint64_t* version) override {
+    const bool complete = familyName != nullptr && origin != nullptr && version != nullptr;
+    return Answer("GetOriginAndVersion", complete, [&] {
+      const auto found = UwpPackageDataAccess().GetOriginAndVersion(familyName);
+      *origin = found.first;
+      *version = found.second;
+      return kOk;
+    });
+  }
+
+  const wchar_t* LastError() override { return lastError.c_str(); }
+
+ private:
+  ~ExportedPackageModel() = default;
+
+  Hresult Refuse(Hresult code, const wchar_t* reason) {
+    lastError = reason;
+    return code;
+  }
+
+  // The boundary of every operation: the caller was built by another compiler, so nothing thrown
+  // may pass.
+  template <typename Operation>
+  Hresult Answer(const char* name, bool argumentsComplete, Operation&& operation) noexcept {
+    try {
+      lastError.clear();
+      if (!argumentsComplete) return Refuse(kPointer, kNullArgument);
+      return operation();
+    } catch (const PackageError& error) {
+      return Report(name, FromCode(error.Code()), error.what());
+    } catch (const std::invalid_argument& error) {
+      return Report(name, kInvalidArgument, error.what());
+    } catch (const std::bad_alloc&) {
+      return kOutOfMemory;
+    } catch (const std::exception& error) {
+      return Report(name, kFail, error.what());
+    } catch (...) {
+      return kFail;
+    }
+  }
+
+  Hresult Report(const char* operation, Hresult code, const char* text) noexcept {
+    Logging::LogManager::SetProvider(Logging::kComponentProvider)
+        ->LogError(kThrew, Platform::TypeName<UwpPackageModel>(), operation, text);
+    try {
+      lastError = Json::ToWide(text);
+    } catch (const std::bad_alloc&) {
+      lastError.clear();  // the code alone has to do
+    }
+    return code;
+  }
+
+  std::wstring lastError;
+};
+
+}  // namespace
+
+}  // namespace Vx::Tessel::Server::Services::Orvane
+
+extern "C" Vx::Tessel::Server::Services::UwpPackageModel* CreateUwpPackageModel() noexcept {
+  return new (std::nothrow) Vx::Tessel::Server::Services::Orvane::ExportedPackageModel();
+}
