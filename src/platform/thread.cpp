@@ -26,22 +26,28 @@ void CountOut(InstalledMachine& installed) noexcept {
   installed.workers.fetch_sub(1);
 }
 
+void TakeBack(InstalledMachine& installed) noexcept {
+  installed.machine.clock->WorkerNotStarted();
+  installed.workers.fetch_sub(1);
+}
+
 UniqueHandle StartWorker(std::function<void()> body) {
   InstalledMachine& installed = CurrentInstalled();
   CountIn(installed);
   try {
     auto started = installed.machine.threads->Start([&installed, body = std::move(body)]() mutable {
       AdoptMachine(installed);
+      installed.machine.clock->WorkerStarted();
       body();
       body = nullptr;  // what it owns is freed by a worker that still counts
       CountOut(installed);
     });
     if (started) return *std::move(started);
   } catch (...) {
-    CountOut(installed);
+    TakeBack(installed);
     throw;
   }
-  CountOut(installed);
+  TakeBack(installed);
   throw std::system_error(std::make_error_code(std::errc::resource_unavailable_try_again),
                           kCannotStart);
 }

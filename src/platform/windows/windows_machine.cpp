@@ -7,14 +7,20 @@ namespace {
 
 Machine Assemble() {
   Machine machine;
+  machine.apiSets = &WindowsApiSets();
   machine.appServices = &WindowsAppServices();
   machine.clock = &WindowsClock();
   machine.dataProtection = &WindowsDataProtection();
   machine.environment = &WindowsEnvironment();
   machine.files = &WindowsFiles();
   machine.kernelObjects = &WindowsKernelObjects();
+  machine.lockdownLibraries = &WindowsLockdownLibraries();
+  machine.oobe = &WindowsOobe();
   machine.packages = &WindowsPackages();
+  machine.processes = &WindowsProcesses();
   machine.registry = &WindowsRegistry();
+  machine.sessions = &WindowsSessions();
+  machine.systemTriggers = &WindowsSystemTriggers();
   machine.threads = &WindowsThreads();
   machine.trustProvider = &WindowsTrustProvider();
   return machine;

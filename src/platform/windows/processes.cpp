@@ -1,0 +1,127 @@
+#include "platform/processes.h"
+
+#include <algorithm>
+#include <limits>
+
+#include <windows.h>
+
+#include <psapi.h>
+
+#include "platform/windows/capabilities.h"
+#include "platform/windows/system_library.h"
+
+namespace Vx::Platform {
+
+namespace {
+
+constexpr DWORD kCreationFlags =
+    CREATE_NEW_CONSOLE | NORMAL_PRIORITY_CLASS | CREATE_UNICODE_ENVIRONMENT;
+static_assert(kCreationFlags == 0x430);
+
+// With the terminator. Windows refuses more; one emulator cuts it silently, and a program that runs
+// with half of its arguments is worse than one that does not run.
+constexpr std::size_t kLongestCommandLine = 32'767;
+
+// Longest path in the kernel's form.
+constexpr DWORD kLongestPath = 32'768;
+
+bool EndsEnvironment(const std::vector<wchar_t>& block) {
+  return block.size() >= 2 && block[block.size() - 1] == L'\0' && block[block.size() - 2] == L'\0';
+}
+
+// Zero, or why `start` must not reach the system.
+ErrorCode Refusal(const ProcessStart& start) {
+  if (!IsFullPath(start.application)) return ERROR_BAD_PATHNAME;
+  if (start.commandLine.size() >= kLongestCommandLine) return ERROR_FILENAME_EXCED_RANGE;
+  if (!start.environment.empty() && !EndsEnvironment(start.environment)) {
+    return ERROR_BAD_ENVIRONMENT;
+  }
+  return 0;
+}
+
+class RealProcesses final : public Processes {
+ public:
+  Result<std::uint32_t> Start(RawHandle token, const ProcessStart& start) override {
+    using Id = Result<std::uint32_t>;
+    if (const ErrorCode error = Refusal(start); error != 0) return Id::Failure(error);
+
+    std::wstring commandLine = start.commandLine;  // the call may write into it
+    std::vector<wchar_t> environment = start.environment;
+    void* block = environment.empty() ? nullptr : environment.data();
+    const wchar_t* folder =
+        start.workingDirectory.empty() ? nullptr : start.workingDirectory.c_str();
+    STARTUPINFOW startup{};
+    startup.cb = sizeof startup;
+    PROCESS_INFORMATION made{};
+    const BOOL done =
+        token == nullptr
+            ? CreateProcessW(start.application.c_str(), commandLine.data(), nullptr, nullptr, FALSE,
+                             kCreationFlags, block, folder, &startup, &made)
+            : CreateProcessAsUserW(token, start.application.c_str(), commandLine.data(), nullptr,
+                                   nullptr, FALSE, kCreationFlags, block, folder, &startup, &made);
+    if (done == FALSE) return Id::Failure(GetLastError());
+    const UniqueHandle process(made.hProcess);
+    const UniqueHandle thread(made.hThread);
+    return static_cast<std::uint32_t>(made.dwProcessId);
+  }
+
+  std::vector<std::uint32_t> Ids(std::size_t limit) const override {
+    constexpr std::size_t kMost = std::numeric_limits<DWORD>::max() / sizeof(DWORD);
+    std::vector<DWORD> ids(std::min(limit, kMost));
+    DWORD bytes = 0;
+    if (EnumProcesses(ids.data(), static_cast<DWORD>(ids.size() * sizeof(DWORD)), &bytes) ==
+        FALSE) {
+      return {};
+    }
+    ids.resize(std::min<std::size_t>(ids.size(), bytes / sizeof(DWORD)));
+    return {ids.begin(), ids.end()};
+  }
+
+  std::optional<std::wstring> ImagePath(std::uint32_t id) const override {
+    const UniqueHandle process(OpenProcess(PROCESS_QUERY_INFORMATION | PROCESS_VM_READ, FALSE, id));
+    if (process == nullptr) return std::nullopt;
+    // The kernel's own record. The list of modules lies in the process's memory, where the process
+    // itself could change its name.
+    std::wstring path(kLongestPath, L'\0');
+    DWORD length = kLongestPath;
+    if (QueryFullProcessImageNameW(process.get(), 0, path.data(), &length) == FALSE) {
+      return std::nullopt;
+    }
+    path.resize(std::min<std::size_t>(length, path.size()));
+    return path;
+  }
+
+  std::optional<std::uint32_t> Session(std::uint32_t id) const override {
+    DWORD session = 0;
+    if (ProcessIdToSessionId(id, &session) == FALSE) return std::nullopt;
+    return static_cast<std::uint32_t>(session);
+  }
+
+  Result<UniqueHandle> PrimaryToken(std::uint32_t id) const override {
+    using Token = Result<UniqueHandle>;
+    const UniqueHandle process(OpenProcess(MAXIMUM_ALLOWED, FALSE, id));
+    if (process == nullptr) return Token::Failure(GetLastError());
+    HANDLE raw = nullptr;
+    if (OpenProcessToken(process.get(), TOKEN_DUPLICATE, &raw) == FALSE) {
+      return Token::Failure(GetLastError());
+    }
+    const UniqueHandle token(raw);
+    SECURITY_ATTRIBUTES attributes{};
+    attributes.nLength = sizeof attributes;
+    HANDLE copy = nullptr;
+    if (DuplicateTokenEx(token.get(), MAXIMUM_ALLOWED, &attributes, SecurityIdentification,
+                         TokenPrimary, &copy) == FALSE) {
+      return Token::Failure(GetLastError());
+    }
+    return UniqueHandle(copy);
+  }
+};
+
+}  // namespace
+
+Processes& WindowsProcesses() {
+  static RealProcesses processes;
+  return processes;
+}
+
+}  // namespace Vx::Platform

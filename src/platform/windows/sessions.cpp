@@ -1,0 +1,85 @@
+#include "platform/sessions.h"
+
+#include <cstddef>
+#include <memory>
+
+#include <windows.h>
+
+#include <wtsapi32.h>
+
+#include "platform/windows/capabilities.h"
+
+namespace Vx::Platform {
+
+namespace {
+
+struct SessionMemoryFreer {
+  void operator()(wchar_t* memory) const noexcept { WTSFreeMemory(memory); }
+};
+using UniqueSessionText = std::unique_ptr<wchar_t, SessionMemoryFreer>;
+
+class RealSessions final : public Sessions {
+ public:
+  std::uint32_t ActiveConsoleSession() const override { return WTSGetActiveConsoleSessionId(); }
+
+  Result<UniqueHandle> QueryUserToken(std::uint32_t session) const override {
+    HANDLE raw = nullptr;
+    if (WTSQueryUserToken(session, &raw) == FALSE) {
+      return Result<UniqueHandle>::Failure(GetLastError());
+    }
+    return UniqueHandle(raw);
+  }
+
+  Result<UniqueHandle> DuplicateUserToken(RawHandle token, TokenType type) const override {
+    HANDLE raw = nullptr;
+    if (DuplicateTokenEx(token, MAXIMUM_ALLOWED, nullptr, SecurityImpersonation,
+                         type == TokenType::Primary ? TokenPrimary : TokenImpersonation,
+                         &raw) == FALSE) {
+      return Result<UniqueHandle>::Failure(GetLastError());
+    }
+    return UniqueHandle(raw);
+  }
+
+  Result<std::wstring> QueryText(std::uint32_t session, SessionText what) const override {
+    wchar_t* raw = nullptr;
+    DWORD bytes = 0;
+    if (WTSQuerySessionInformationW(WTS_CURRENT_SERVER_HANDLE, session,
+                                    what == SessionText::UserName ? WTSUserName : WTSDomainName,
+                                    &raw, &bytes) == FALSE) {
+      return Result<std::wstring>::Failure(GetLastError());
+    }
+    const UniqueSessionText text(raw);
+    if (text == nullptr) return std::wstring();
+    return std::wstring(text.get(), wcsnlen(text.get(), bytes / sizeof(wchar_t)));
+  }
+
+  ErrorCode Impersonate(RawHandle token) override {
+    return ImpersonateLoggedOnUser(token) != FALSE ? 0 : GetLastError();
+  }
+
+  ErrorCode Revert() override { return RevertToSelf() != FALSE ? 0 : GetLastError(); }
+
+  Result<bool> ProcessIsLocalSystem() const override {
+    HANDLE raw = nullptr;
+    if (OpenProcessToken(GetCurrentProcess(), TOKEN_QUERY, &raw) == FALSE) {
+      return Result<bool>::Failure(GetLastError());
+    }
+    const UniqueHandle token(raw);
+    alignas(TOKEN_USER) std::byte buffer[sizeof(TOKEN_USER) + SECURITY_MAX_SID_SIZE];
+    DWORD size = 0;
+    if (GetTokenInformation(token.get(), TokenUser, buffer, sizeof buffer, &size) == FALSE) {
+      return Result<bool>::Failure(GetLastError());
+    }
+    const auto* user = reinterpret_cast<const TOKEN_USER*>(buffer);
+    return IsWellKnownSid(user->User.Sid, WinLocalSystemSid) != FALSE;
+  }
+};
+
+}  // namespace
+
+Sessions& WindowsSessions() {
+  static RealSessions sessions;
+  return sessions;
+}
+
+}  // namespace Vx::Platform

@@ -1,0 +1,29 @@
+#pragma once
+
+#include <string_view>
+
+#include <windows.h>
+
+namespace Vx::Platform {
+
+// The function `name` of a system library that every process has loaded (ntdll, kernel32,
+// kernelbase); null where this Windows lacks it. For functions that no import may name: a static
+// import that is absent keeps the whole module from loading.
+template <typename Function>
+Function* SystemFunction(const wchar_t* loadedLibrary, const char* name) noexcept {
+  const HMODULE library = GetModuleHandleW(loadedLibrary);
+  if (library == nullptr) return nullptr;
+  return reinterpret_cast<Function*>(reinterpret_cast<void*>(GetProcAddress(library, name)));
+}
+
+// Whether `path` names a place by itself, so that neither a search nor the current folder can
+// decide what is loaded or started.
+inline bool IsFullPath(std::wstring_view path) noexcept {
+  const auto separates = [](wchar_t c) { return c == L'\\' || c == L'/'; };
+  if (path.find(L'\0') != std::wstring_view::npos) return false;
+  if (path.size() < 3) return false;
+  if (separates(path[0]) && separates(path[1])) return true;
+  return path[1] == L':' && separates(path[2]);
+}
+
+}  // namespace Vx::Platform

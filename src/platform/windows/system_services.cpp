@@ -1,0 +1,137 @@
+#include "platform/system_services.h"
+
+#include <limits>
+#include <utility>
+
+#include <windows.h>
+
+#include <winternl.h>
+
+#include "platform/windows/capabilities.h"
+#include "platform/windows/system_library.h"
+
+namespace Vx::Platform {
+
+namespace {
+
+constexpr wchar_t kNtDll[] = L"ntdll.dll";
+constexpr wchar_t kKernel32[] = L"kernel32.dll";
+
+constexpr std::uint32_t kNotImplemented = 0xC0000002;  // STATUS_NOT_IMPLEMENTED
+
+using ApiSetQuery = NTSTATUS NTAPI(const UNICODE_STRING* name, BOOLEAN* present);
+using ApiSetQueryEx = NTSTATUS NTAPI(const UNICODE_STRING* name, BOOLEAN* inSchema,
+                                     BOOLEAN* present);
+using OobeCompleteQuery = BOOL WINAPI(BOOL* complete);
+using LockdownModeQuery = HRESULT WINAPI(std::int32_t* mode);
+
+struct TriggerConfig {
+  DWORD size = sizeof(TriggerConfig);
+  const wchar_t* triggerId = nullptr;
+};
+static_assert(sizeof(TriggerConfig) == 16);
+using RaiseTrigger = DWORD NTAPI(TriggerConfig* config);
+
+class RealApiSets final : public ApiSets {
+ public:
+  bool IsPresent(const std::wstring& name) const override {
+    constexpr std::size_t kLongest = std::numeric_limits<USHORT>::max() / sizeof(wchar_t) - 1;
+    if (name.size() > kLongest) return false;
+    std::wstring copy = name;
+    UNICODE_STRING text;
+    text.Length = static_cast<USHORT>(copy.size() * sizeof(wchar_t));
+    text.MaximumLength = static_cast<USHORT>(text.Length + sizeof(wchar_t));
+    text.Buffer = copy.data();
+    // Both queries are documented to answer a BOOL and answer a status; neither writes its output
+    // when it fails.
+    BOOLEAN present = FALSE;
+    NTSTATUS status = 0;
+    if (auto* queryEx = SystemFunction<ApiSetQueryEx>(kNtDll, "ApiSetQueryApiSetPresenceEx")) {
+      BOOLEAN inSchema = FALSE;
+      status = queryEx(&text, &inSchema, &present);
+    } else if (auto* query = SystemFunction<ApiSetQuery>(kNtDll, "ApiSetQueryApiSetPresence")) {
+      status = query(&text, &present);
+    } else {
+      return true;
+    }
+    return status >= 0 && present != FALSE;
+  }
+};
+
+class RealOobe final : public Oobe {
+ public:
+  State Query() const override {
+    auto* query = SystemFunction<OobeCompleteQuery>(kKernel32, "OOBEComplete");
+    BOOL complete = FALSE;
+    if (query == nullptr || query(&complete) == FALSE) return {};
+    return {true, complete != FALSE};
+  }
+};
+
+class RealSystemTriggers final : public SystemTriggers {
+ public:
+  std::uint32_t Raise(const std::wstring& triggerId) override {
+    auto* raise = SystemFunction<RaiseTrigger>(kNtDll, "RtlRaiseCustomSystemEventTrigger");
+    if (raise == nullptr) return kNotImplemented;
+    TriggerConfig config;
+    config.triggerId = triggerId.c_str();
+    return raise(&config);
+  }
+};
+
+struct LibraryFreer {
+  void operator()(HMODULE library) const noexcept { FreeLibrary(library); }
+};
+using UniqueLibrary = std::unique_ptr<std::remove_pointer_t<HMODULE>, LibraryFreer>;
+
+class RealLockdownLibrary final : public LockdownLibrary {
+ public:
+  explicit RealLockdownLibrary(UniqueLibrary loaded) : library(std::move(loaded)) {}
+
+  std::int32_t QueryMode(std::int32_t& mode) const override {
+    auto* query = reinterpret_cast<LockdownModeQuery*>(
+        reinterpret_cast<void*>(GetProcAddress(library.get(), "WldpQueryWindowsLockdownMode")));
+    if (query == nullptr) return HRESULT_FROM_WIN32(ERROR_PROC_NOT_FOUND);
+    return query(&mode);
+  }
+
+ private:
+  UniqueLibrary library;
+};
+
+class RealLockdownLibraries final : public LockdownLibraries {
+ public:
+  Result<std::unique_ptr<LockdownLibrary>> Load(const std::wstring& fullPath) override {
+    using Loaded = Result<std::unique_ptr<LockdownLibrary>>;
+    if (!IsFullPath(fullPath)) return Loaded::Failure(ERROR_BAD_PATHNAME);
+    // The flag is about what the library itself needs: the system's folder alone is searched.
+    UniqueLibrary library(LoadLibraryExW(fullPath.c_str(), nullptr, LOAD_LIBRARY_SEARCH_SYSTEM32));
+    if (library == nullptr) return Loaded::Failure(GetLastError());
+    return std::unique_ptr<LockdownLibrary>(
+        std::make_unique<RealLockdownLibrary>(std::move(library)));
+  }
+};
+
+}  // namespace
+
+ApiSets& WindowsApiSets() {
+  static RealApiSets apiSets;
+  return apiSets;
+}
+
+Oobe& WindowsOobe() {
+  static RealOobe oobe;
+  return oobe;
+}
+
+SystemTriggers& WindowsSystemTriggers() {
+  static RealSystemTriggers triggers;
+  return triggers;
+}
+
+LockdownLibraries& WindowsLockdownLibraries() {
+  static RealLockdownLibraries libraries;
+  return libraries;
+}
+
+}  // namespace Vx::Platform
