@@ -4,9 +4,7 @@
 #include <memory>
 #include <string>
 
-namespace Vx::Json {
-class JsonObject;
-}
+#include "json/json_object.h"
 
 namespace Vx::Tessel::Server::Services::Orvane {
 
@@ -91,7 +89,7 @@ class AppServiceNotificationCommand final : public EventCommand {
 
   std::wstring PackageFamilyName() const { return packageFamilyName; }
   std::wstring AppServiceName() const { return appServiceName; }
-  std::shared_ptr<const Json::JsonObject> Payload() const { return payload; }
+  Json::JsonObject Payload() const { return payload; }
   std::wstring DelayDeliverySec() const { return delayDeliverySec; }
   std::wstring CustomTriggerGUID() const { return customTriggerGuid; }
 
@@ -101,7 +99,7 @@ class AppServiceNotificationCommand final : public EventCommand {
   std::wstring appServiceNameKey;
   std::wstring appServiceName;
   std::wstring payloadKey;
-  std::shared_ptr<const Json::JsonObject> payload;
+  Json::JsonObject payload;
   std::wstring delayKey;
   std::wstring delayDeliverySec;
   std::wstring customTriggerKey;

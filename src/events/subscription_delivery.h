@@ -70,9 +70,15 @@ int RegisterSubscription(const DeliveryKind& kind, const std::wstring& request) 
 // Takes exactly this text off the stored list. Failures are logged; the answer is always 0.
 int UnregisterSubscription(const DeliveryKind& kind, const std::wstring& request) noexcept;
 
-// Replays the stored list against an event: one worker a subscription, none is waited for. Throws
-// std::system_error when a worker cannot be started, and what the store throws.
-void FulfillSubscriptions(const DeliveryKind& kind, std::uint32_t eventType);
+// Takes a stored request's text, a completion handler that may be empty, and the event's code.
+using DeliveryHandler = void (*)(const std::wstring& request,
+                                 const std::function<void(const std::wstring&)>& completed,
+                                 std::uint32_t eventType);
+
+// Calls `handler` with every stored request of the kind and an event. Throws what it throws: a
+// std::system_error when a worker cannot be started.
+void FulfillSubscriptions(const DeliveryKind& kind, DeliveryHandler handler,
+                          std::uint32_t eventType);
 
 // Starts the detached worker that delivers one event to one stored request: it waits the delay
 // outside every lock, then decides and runs the command under the kind's mutex. Returns at once.

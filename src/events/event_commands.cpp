@@ -1,0 +1,85 @@
+#include "events/event_commands.h"
+
+#include "host/logging.h"
+#include "launch/session_launch.h"
+#include "platform/app_services.h"
+#include "platform/hresult_error.h"
+#include "platform/machine.h"
+#include "platform/sessions.h"
+#include "platform/unique_handle.h"
+#include "security/authenticode_facade.h"
+
+namespace Vx::Tessel::Server::Services::Orvane {
+
+namespace {
+
+constexpr wchar_t kNotTrusted[] = L"LaunchCommand::Execute - %s not trusted to launch as system";
+constexpr wchar_t kLaunching[] =
+    L"LaunchedCommand::Execute attempting to launch \"%s\" with args \"%s\"";
+constexpr wchar_t kLaunched[] = L"LaunchCommand::Execute returned with result %i and PID %u";
+
+constexpr wchar_t kDelayKey[] = L"delayDeliverySec";
+constexpr wchar_t kNoDelay[] = L"0";
+
+template <typename Command>
+EventCommandPtr Make(const Json::JsonObject& parameters) {
+  return EventCommandPtr(new Command(parameters), CommandDeleter([](EventCommand* command) {
+                           delete static_cast<Command*>(command);
+                         }));
+}
+
+}  // namespace
+
+LaunchCommand::LaunchCommand(const Json::JsonObject& parameters)
+    : pathKey(L"path"),
+      path(parameters.GetNamedString(pathKey)),
+      argumentsKey(L"arguments"),
+      arguments(parameters.FindString(argumentsKey).value_or(L"")),
+      delayKey(kDelayKey),
+      delayDeliverySec(parameters.GetNamedString(delayKey, kNoDelay)) {}
+
+void LaunchCommand::Execute() {
+  const Logging::TraceLogger& log = *Logging::LogManager::SetProvider(Logging::kComponentProvider);
+  const std::uint32_t session = Platform::CurrentMachine().sessions->ActiveConsoleSession();
+  std::uint32_t processId = 0;
+
+  const Platform::UniqueHandle held = Security::AquireFileReadOnlyLock(path);
+  Security::VxAuthenticodeFacade trust;
+  if (!trust.IsFileTrustedRestricted(path.c_str())) {
+    log.LogWarning(kNotTrusted, path.c_str());
+    return;
+  }
+  log.LogInfo(kLaunching, path.c_str(), arguments.c_str());
+  const int result = LaunchProcessInSession(path, arguments, {}, session, processId);
+  log.LogInfo(kLaunched, result, processId);
+}
+
+AppServiceNotificationCommand::AppServiceNotificationCommand(const Json::JsonObject& parameters)
+    : packageFamilyNameKey(L"packageFamilyName"),
+      packageFamilyName(parameters.GetNamedString(packageFamilyNameKey)),
+      appServiceNameKey(L"appServiceName"),
+      appServiceName(parameters.GetNamedString(appServiceNameKey)),
+      payloadKey(L"payload"),
+      payload(parameters.GetNamedObject(payloadKey)),
+      delayKey(kDelayKey),
+      delayDeliverySec(parameters.GetNamedString(delayKey, kNoDelay)),
+      customTriggerKey(L"customTriggerGUID"),
+      customTriggerGuid(payload.FindString(customTriggerKey).value_or(L"")) {}
+
+void AppServiceNotificationCommand::Execute() {
+  const auto service =
+      Platform::CurrentMachine().appServices->Open(packageFamilyName, appServiceName);
+  service->Send(payload.Stringify());
+}
+
+EventCommandPtr CreateEventCommand(EventAction action, const Json::JsonObject& parameters) {
+  switch (action) {
+    case EventAction::Launch:
+      return Make<LaunchCommand>(parameters);
+    case EventAction::AppServiceNotification:
+      return Make<AppServiceNotificationCommand>(parameters);
+  }
+  throw winrt::hresult_error(kUnknownAction);
+}
+
+}  // namespace Vx::Tessel::Server::Services::Orvane

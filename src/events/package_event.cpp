@@ -1,0 +1,100 @@
+#include "events/package_event.h"
+
+#include <utility>
+
+#include "events/uninstall_watch.h"
+#include "host/logging.h"
+#include "platform/hresult_error.h"
+#include "platform/impersonation.h"
+#include "platform/machine.h"
+#include "platform/sessions.h"
+#include "platform/system_services.h"
+
+namespace Vx::Tessel::Server::Services::Orvane {
+
+namespace {
+
+constexpr wchar_t kNoSessionApi[] =
+    L"Problem in PackageUninstallingPCEvent::PackageUninstallingPCEvent(): WTSQueryUserToken is "
+    L"not available on this platform";
+constexpr wchar_t kRevertFailed[] =
+    L"Problem in PackageUninstallingPCEvent::PackageUninstallingPCEvent(): reverting the "
+    L"impersonation failed";
+
+const Logging::TraceLogger& Log() {
+  return *Logging::LogManager::SetProvider(Logging::kComponentProvider);
+}
+
+void LogRevertFailure() {
+  Log().LogWarning(kRevertFailed);
+}
+
+Platform::UniqueHandle ConsoleUserToken() {
+  const Platform::Sessions& sessions = *Platform::CurrentMachine().sessions;
+  auto token = sessions.QueryUserToken(sessions.ActiveConsoleSession());
+  return token ? *std::move(token) : nullptr;
+}
+
+}  // namespace
+
+IPCEvent::IPCEvent(EventCommandPtr packageCommand)
+    : command(std::move(packageCommand)), completion(std::make_shared<CompletionEvent>()) {}
+
+IPCEvent::~IPCEvent() = default;
+
+std::int64_t IPCEvent::EventComplete(CompletionHandler handler) {
+  return completion->Add(std::move(handler));
+}
+
+std::mutex PackageUninstallingPCEvent::rLock;
+std::mutex PackageUninstallingPCEvent::register_mux;
+std::mutex PackageUninstallingPCEvent::uninstall_event_mux;
+
+PackageUninstallingPCEvent::PackageUninstallingPCEvent(std::wstring packageFamilyName,
+                                                       UninstallMoment moment,
+                                                       EventCommandPtr packageCommand)
+    : IPCEvent(std::move(packageCommand)),
+      watch(std::make_shared<UninstallWatch>(packageFamilyName, moment, command, completion)) {
+  if (!Platform::CurrentMachine().apiSets->IsPresent(Platform::kSessionApiSet)) {
+    Log().LogError(kNoSessionApi);
+    return;
+  }
+  const std::lock_guard guard(rLock);
+  if (Platform::CurrentMachine().packages->FindForAllUsers(packageFamilyName).empty()) {
+    throw winrt::hresult_error(kPackageNotInstalled);
+  }
+  catalog = OpenConsoleUserCatalog();
+}
+
+PackageUninstallingPCEvent::~PackageUninstallingPCEvent() {
+  watch->Stop();
+  for (auto& watcher : watchers) watcher.Join();
+}
+
+void PackageUninstallingPCEvent::Register() {
+  const std::lock_guard guard(register_mux);
+  if (!watchers.empty()) return;
+  watchers.emplace_back(
+      [shared = watch, opened = catalog] { UninstallWatch::Run(shared, opened); });
+}
+
+bool PackageUninstallingPCEvent::IsProcessRunningAsSystem() const {
+  const auto answer = Platform::CurrentMachine().sessions->ProcessIsLocalSystem();
+  // Guessing could watch the wrong user's packages for ever.
+  if (!answer) throw winrt::hresult_error(kConsoleUserUnavailable);
+  return *answer;
+}
+
+std::shared_ptr<Platform::PackageCatalog> PackageUninstallingPCEvent::OpenConsoleUserCatalog()
+    const {
+  Platform::Packages& packages = *Platform::CurrentMachine().packages;
+  if (!IsProcessRunningAsSystem()) return packages.OpenCatalogForCurrentUser();
+
+  const Platform::UniqueHandle token = ConsoleUserToken();
+  if (token == nullptr) throw winrt::hresult_error(kConsoleUserUnavailable);
+  const Platform::Impersonation asUser(token.get(), &LogRevertFailure);
+  if (!asUser) throw winrt::hresult_error(kConsoleUserUnavailable);
+  return packages.OpenCatalogForCurrentUser();
+}
+
+}  // namespace Vx::Tessel::Server::Services::Orvane

@@ -1,0 +1,70 @@
+#include "events/package_event_request.h"
+
+#include <utility>
+
+#include "json/json_object.h"
+#include "platform/hresult_error.h"
+
+namespace Vx::Tessel::Server::Services::Orvane {
+
+namespace {
+
+constexpr wchar_t kEventKey[] = L"catalogEvent";
+constexpr wchar_t kActionKey[] = L"catalogAction";
+constexpr wchar_t kFamilyKey[] = L"packageFamilyName";
+constexpr wchar_t kParamsKey[] = L"catalogActionParams";
+
+std::uint32_t Code(const Json::JsonObject& document, const std::wstring& key) {
+  return Json::TruncateToUint32(document.GetNamedNumber(key));
+}
+
+UninstallMoment MomentOf(PackageCatalogEvent event) {
+  switch (event) {
+    case PackageCatalogEvent::Uninstalling:
+      return UninstallMoment::Starts;
+    case PackageCatalogEvent::Uninstalled:
+      return UninstallMoment::Completed;
+  }
+  throw winrt::hresult_error(kUnknownCatalogEvent);
+}
+
+}  // namespace
+
+SubscribeForAppPackageEventRequest::SubscribeForAppPackageEventRequest(const std::wstring& request)
+    : catalogEventKey(kEventKey),
+      catalogActionKey(kActionKey),
+      packageFamilyNameKey(kFamilyKey),
+      catalogActionParamsKey(kParamsKey) {
+  const auto document = Json::JsonObject::Parse(request);
+  catalogEvent = static_cast<PackageCatalogEvent>(Code(document, catalogEventKey));
+  catalogAction = static_cast<EventAction>(Code(document, catalogActionKey));
+  packageFamilyName = document.GetNamedString(packageFamilyNameKey);
+  const auto parameters = document.GetNamedObject(catalogActionParamsKey);
+
+  const UninstallMoment moment = MomentOf(catalogEvent);
+  packageEvent = std::make_unique<PackageUninstallingPCEvent>(
+      packageFamilyName, moment, CreateEventCommand(catalogAction, parameters));
+}
+
+void SubscribeForAppPackageEventRequest::RegisterPackageEvent(const CompletionHandler& completed) {
+  if (completed) packageEvent->EventComplete(completed);
+  packageEvent->Register();
+}
+
+PackageEventCommandPtr SubscribeForAppPackageEventRequest::ParseEventCommand(
+    const std::wstring& request) {
+  try {
+    const auto document = Json::JsonObject::Parse(request);
+    const auto action = static_cast<EventAction>(Code(document, kActionKey));
+    EventCommandPtr command = CreateEventCommand(action, document.GetNamedObject(kParamsKey));
+    auto* packageCommand = dynamic_cast<PackageEventCommand*>(command.get());
+    if (packageCommand == nullptr) return nullptr;
+    PackageEventCommandPtr result(packageCommand, command.get_deleter());
+    command.release();  // NOLINT(bugprone-unused-return-value): `result` owns it now
+    return result;
+  } catch (const winrt::hresult_error&) {
+    return nullptr;
+  }
+}
+
+}  // namespace Vx::Tessel::Server::Services::Orvane

@@ -1,0 +1,135 @@
+#include "events/uninstall_watch.h"
+
+#include <exception>
+
+#include "host/logging.h"
+#include "platform/clock.h"
+#include "platform/hresult_error.h"
+#include "platform/kernel_objects.h"
+#include "platform/machine.h"
+
+namespace Vx::Tessel::Server::Services::Orvane {
+
+namespace {
+
+using std::chrono::milliseconds;
+
+constexpr wchar_t kInvoked[] =
+    L"PackageUninstallingEvent invoked. Searching for PFN: %s, PFN received: %s";
+constexpr wchar_t kTookTooLong[] =
+    L"PackageUninstallingEvent took more than %i seconds to complete";
+constexpr wchar_t kRuntimeError[] = L"PackageUninstallingEvent failed. Message: %s, Code: %i";
+constexpr wchar_t kFailed[] = L"PackageUninstallingEvent failed. %S";
+
+constexpr milliseconds kWatchStep{5000};
+constexpr milliseconds kPollStep{2000};
+constexpr int kPolls = 15;
+constexpr int kPollSeconds = 30;
+
+const Logging::TraceLogger& Log() {
+  return *Logging::LogManager::SetProvider(Logging::kComponentProvider);
+}
+
+// The end of everything that a watcher or a notification of the system runs.
+template <typename Body>
+void Contain(Body&& body) noexcept {
+  try {
+    body();
+  } catch (const winrt::hresult_error& error) {
+    Log().LogError(kRuntimeError, error.message().c_str(), error.code());
+  } catch (const std::exception& error) {
+    Log().LogError(kFailed, error.what());
+  }
+}
+
+Platform::UniqueHandle MakeStopEvent() {
+  auto event = Platform::CurrentMachine().kernelObjects->MakeManualEvent({});
+  return event ? *std::move(event) : nullptr;
+}
+
+}  // namespace
+
+std::int64_t CompletionEvent::Add(CompletionHandler handler) {
+  const std::lock_guard guard(mutex);
+  handlers.emplace_back(++lastToken, std::move(handler));
+  return lastToken;
+}
+
+void CompletionEvent::Raise(const std::wstring& text) const {
+  std::unique_lock guard(mutex);
+  const auto called = handlers;
+  guard.unlock();
+  for (const auto& [token, handler] : called) handler(text);
+}
+
+UninstallWatch::UninstallWatch(std::wstring packageFamilyName, UninstallMoment uninstallMoment,
+                               std::shared_ptr<EventCommand> packageCommand,
+                               std::shared_ptr<CompletionEvent> completionEvent)
+    : familyName(std::move(packageFamilyName)),
+      moment(uninstallMoment),
+      command(std::move(packageCommand)),
+      completion(std::move(completionEvent)),
+      stopEvent(MakeStopEvent()) {}
+
+void UninstallWatch::Run(const std::shared_ptr<UninstallWatch>& watch,
+                         const std::shared_ptr<Platform::PackageCatalog>& catalog) noexcept {
+  if (catalog == nullptr) return;
+  Contain([&] {
+    const auto token = catalog->AddUninstalling(
+        [watch](const Platform::PackageUninstall& uninstall) { watch->OnUninstalling(uninstall); });
+    while (!watch->stopping) watch->Pause(kWatchStep);
+    catalog->RemoveUninstalling(token);
+  });
+}
+
+void UninstallWatch::Stop() noexcept {
+  stopping = true;
+  if (stopEvent != nullptr) Platform::CurrentMachine().kernelObjects->Signal(stopEvent.get());
+}
+
+void UninstallWatch::OnUninstalling(const Platform::PackageUninstall& uninstall) noexcept {
+  Contain([&] { Handle(uninstall); });
+}
+
+void UninstallWatch::Handle(const Platform::PackageUninstall& uninstall) {
+  const std::lock_guard guard(PackageUninstallingPCEvent::uninstall_event_mux);
+  if (stopping || handled) return;
+  const std::wstring received = uninstall.FamilyName();
+  Log().LogInfo(kInvoked, familyName.c_str(), received.c_str());
+  if (received != familyName) return;
+  if (moment == UninstallMoment::Starts) {
+    RunCommand();
+    return;
+  }
+  AwaitCompletion(uninstall);
+  if (stopping) return;
+  const std::lock_guard queries(PackageUninstallingPCEvent::rLock);
+  // Another user may have it still; then the event stays armed.
+  if (Platform::CurrentMachine().packages->FindForAllUsers(familyName).empty()) RunCommand();
+}
+
+void UninstallWatch::AwaitCompletion(const Platform::PackageUninstall& uninstall) {
+  for (int poll = 0; poll < kPolls; ++poll) {
+    if (stopping || uninstall.IsComplete()) return;
+    Pause(kPollStep);
+  }
+  if (!stopping) Log().LogWarning(kTookTooLong, kPollSeconds);
+}
+
+void UninstallWatch::RunCommand() {
+  command->Execute();
+  // First, so that a completion handler that fails does not make the command run again.
+  handled = true;
+  completion->Raise({});
+}
+
+void UninstallWatch::Pause(milliseconds length) {
+  Platform::Clock& clock = *Platform::CurrentMachine().clock;
+  if (stopEvent != nullptr &&
+      clock.Wait(stopEvent.get(), length).outcome != Platform::WaitOutcome::Failed) {
+    return;
+  }
+  clock.Sleep(length);
+}
+
+}  // namespace Vx::Tessel::Server::Services::Orvane

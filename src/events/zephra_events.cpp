@@ -1,0 +1,73 @@
+#include "events/zephra_events.h"
+
+#include <memory>
+
+#include "host/logging.h"
+#include "storage/request_manager.h"
+
+namespace Vx::Tessel::Server::Services::Orvane {
+
+namespace {
+
+constexpr wchar_t kEventTypeKey[] = L"zephraEventType";
+constexpr wchar_t kEventActionKey[] = L"zephraEventAction";
+
+constexpr wchar_t kStarted[] = L"%S: Started";
+constexpr char kFulfillName[] =
+    "Vx::Tessel::Server::Services::Orvane::OrvaneService::FulfillZephraManagementEventRequests";
+
+constexpr DeliveryTexts kTexts = {
+    .delayUnreadable = L"Failed to retrieve delay parameter in ZephraEventManager::handle_event.",
+    .noDelay = L"ZephraEventManager::handle_event delay: None",
+    .delayStart = L"ZephraEventManager::handle_event delay: %d",
+    .modernStandby = L"ZephraEventManager::handle_event receive Modern Standby enter event",
+    .delayEnd = L"ZephraEventManager::handle_event delay end: %d",
+    .discarded = L"ZephraEventManager::handle_event Event discarded, %d ms",
+    .triggerRaised = L"ZephraEventManager::handle_event CustomTrigger raised: %u %s",
+    .executed = L"ZephraEventManager::handle_event Executed: %s",
+    .workerFailed =
+        L"Failed to execute command in ZephraEventManager::handle_event. Message: %S, Status: %i",
+    .registerRuntimeError =
+        L"OrvaneService - RegisterZephraEvent threw hresult_error: Message: %s, Code: %i",
+    .registerFailed = L"OrvaneService - RegisterZephraEvent threw %S",
+    .unregisterRuntimeError =
+        L"OrvaneService - UnregisterZephraEvent threw hresult_error: Message: %s, Code: %i",
+    .unregisterFailed = L"OrvaneService - UnregisterZephraEvent threw %S",
+};
+
+constexpr DeliveryKind kKind = {
+    .texts = kTexts,
+    .storeKey = kZephraSubscriptions,
+    .parse = [](const std::wstring& request) -> std::shared_ptr<const EventSubscription> {
+      return std::make_shared<SubscribeForZephraEventRequest>(request);
+    },
+    .handleEventMutex = &ZephraEventManager::handle_event_mutex,
+};
+
+}  // namespace
+
+std::mutex ZephraEventManager::handle_event_mutex;
+
+SubscribeForZephraEventRequest::SubscribeForZephraEventRequest(const std::wstring& request)
+    : EventSubscription(request, kEventTypeKey, kEventActionKey) {}
+
+void ZephraEventManager::handle_event(const std::wstring& request,
+                                      const std::function<void(const std::wstring&)>& /*completed*/,
+                                      std::uint32_t eventType) {
+  StartDelivery(kKind, request, eventType);
+}
+
+int RegisterZephraSubscription(const std::wstring& request) noexcept {
+  return RegisterSubscription(kKind, request);
+}
+
+int UnregisterZephraSubscription(const std::wstring& request) noexcept {
+  return UnregisterSubscription(kKind, request);
+}
+
+void FulfillZephraSubscriptions(std::uint32_t eventType) {
+  Logging::LogManager::GetLogger()->LogInfo(kStarted, kFulfillName);
+  FulfillSubscriptions(kKind, &ZephraEventManager::handle_event, eventType);
+}
+
+}  // namespace Vx::Tessel::Server::Services::Orvane

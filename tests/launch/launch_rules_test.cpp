@@ -1,0 +1,145 @@
+#include "launch/launch_rules.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace Vx::Tessel::Server::Services::Orvane {
+
+namespace {
+
+using namespace std::string_view_literals;
+
+std::vector<wchar_t> Block(std::wstring_view text) {
+  return {text.begin(), text.end()};
+}
+
+std::wstring Text(const std::vector<wchar_t>& block) {
+  return {block.begin(), block.end()};
+}
+
+constexpr wchar_t kProgram[] = L"C:\\Program Files\\a b.exe";
+constexpr wchar_t kQuoted[] = L"\"C:\\Program Files\\a b.exe\"";
+constexpr std::size_t kQuotedSize = std::size(kQuoted) - 1;
+
+TEST(AppCommandLine, QuotesThePathOnlyBeforeAParameter) {
+  EXPECT_EQ(AppCommandLine(kProgram, L""), kProgram);
+  EXPECT_EQ(AppCommandLine(kProgram, L"x \"y"), kQuoted + std::wstring(L" x \"y"));
+}
+
+TEST(AppCommandLine, RefusesWhatIsTooLong) {
+  constexpr std::size_t kRoom = kMaxCommandLine - kQuotedSize - 1;
+  EXPECT_EQ(AppCommandLine(kProgram, std::wstring(kRoom, L'p')).value().size(), kMaxCommandLine);
+  EXPECT_FALSE(AppCommandLine(kProgram, std::wstring(kRoom + 1, L'p')));
+  EXPECT_FALSE(AppCommandLine(std::wstring(kMaxPath + 1, L'p'), L""));
+}
+
+TEST(SessionCommandLine, DropsArgumentsThatDoNotFit) {
+  constexpr std::size_t kRoom = kMaxCommandLine - kQuotedSize - 1;
+  static constexpr struct {
+    const char* name;
+    std::size_t arguments;
+    std::size_t length;
+  } kCases[] = {
+      {"none", 0, kQuotedSize},
+      {"one character", 1, kQuotedSize + 2},
+      {"as many as fit", kRoom, kMaxCommandLine},
+      {"one more", kRoom + 1, kQuotedSize},
+      {"40,000", 40000, kQuotedSize},
+  };
+  for (const auto& c : kCases) {
+    SCOPED_TRACE(c.name);
+    const std::wstring line = SessionCommandLine(kProgram, std::wstring(c.arguments, L'a'));
+    EXPECT_EQ(line.size(), c.length);
+    EXPECT_TRUE(line.starts_with(kQuoted));
+  }
+}
+
+TEST(SessionCommandLine, StaysBoundedWhateverThePath) {
+  for (const std::size_t length : {kMaxCommandLine - 2, kMaxCommandLine, kMaxCommandLine * 3}) {
+    EXPECT_EQ(SessionCommandLine(std::wstring(length, L'p'), L"a").size(), kMaxCommandLine);
+  }
+}
+
+TEST(SessionWorkingDirectory, FallsBackToTheFolderOfTheProgram) {
+  const std::wstring longest(32767, L'd');
+  const struct {
+    const char* name;
+    std::wstring wanted;
+    std::wstring program;
+    std::wstring expected;
+  } cases[] = {
+      {"given", L"D:\\work", L"C:\\a\\b.exe", L"D:\\work"},
+      {"given, longest", longest, L"C:\\a\\b.exe", longest},
+      {"given, too long", longest + L"d", L"C:\\a\\b.exe", L"C:\\a"},
+      {"none", L"", L"C:\\a\\b.exe", L"C:\\a"},
+      {"program in the root", L"", L"C:\\b.exe", L"C:\\"},
+      {"program on a share", L"", L"\\\\server\\share\\b.exe", L"\\\\server\\share"},
+      {"program without a folder", L"", L"b.exe", L""},
+      {"no program", L"", L"", L""},
+      {"program too long", L"", L"C:\\" + longest, L""},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    EXPECT_EQ(SessionWorkingDirectory(c.wanted, c.program), c.expected);
+  }
+}
+
+TEST(FileNameOf, IsWhatFollowsTheLastBackslash) {
+  EXPECT_EQ(FileNameOf(L"C:\\Windows\\System32\\winlogon.exe"), L"winlogon.exe");
+  EXPECT_EQ(FileNameOf(L"winlogon.exe"), L"winlogon.exe");
+  EXPECT_EQ(FileNameOf(L"C:\\winlogon.exe\\"), L"");
+}
+
+TEST(EnvironmentForPackage, MovesOnlyTheTwoDataFolders) {
+  static constexpr struct {
+    const char* name;
+    std::wstring_view before;
+    std::wstring_view after;
+  } kCases[] = {
+      {"both",
+       L"APPDATA=C:\\u\\AppData\\Roaming\0LOCALAPPDATA=C:\\u\\AppData\\Local\0TEMP=C:\\t\0\0"sv,
+       L"APPDATA=C:\\u\\AppData\\Local\\Packages\\App_1\\LocalCache\\Roaming\0"
+       L"LOCALAPPDATA=C:\\u\\AppData\\Local\\Packages\\App_1\\LocalCache\\Local\0TEMP=C:\\t\0\0"sv},
+      {"what follows the part stays", L"LOCALAPPDATA=C:\\AppData\\Local\\x\0\0"sv,
+       L"LOCALAPPDATA=C:\\AppData\\Local\\Packages\\App_1\\LocalCache\\Local\\x\0\0"sv},
+      {"a name that only ends alike", L"MYAPPDATA=C:\\AppData\\Roaming\0\0"sv,
+       L"MYAPPDATA=C:\\AppData\\Roaming\0\0"sv},
+      {"another value", L"APPDATA=C:\\elsewhere\0\0"sv, L"APPDATA=C:\\elsewhere\0\0"sv},
+      {"the part in the wrong variable", L"APPDATA=C:\\AppData\\Local\0\0"sv,
+       L"APPDATA=C:\\AppData\\Local\0\0"sv},
+      {"no terminator", L"A=1\0B=2"sv, L"A=1\0B=2\0\0"sv},
+      {"nothing", L""sv, L"\0\0"sv},
+      {"what lies behind the end", L"A=1\0\0B=2\0\0"sv, L"A=1\0\0"sv},
+  };
+  for (const auto& c : kCases) {
+    SCOPED_TRACE(c.name);
+    EXPECT_EQ(Text(EnvironmentForPackage(Block(c.before), L"App_1")), c.after);
+  }
+}
+
+TEST(IsRealUserProfile, ExcludesTheProfilesOfNobody) {
+  static constexpr struct {
+    const wchar_t* profile;
+    bool real;
+  } kCases[] = {
+      {L"C:\\Users\\ann", true},
+      {L"", false},
+      {L"C:\\Windows\\system32\\config\\systemprofile", false},
+      {L"C:\\Windows\\System32\\config\\systemprofile", true},  // the search minds the case
+      {L"C:\\Users\\Default\\x", false},
+      {L"C:\\Users\\Default", true},  // no backslash behind it
+      {L"C:\\Users\\defaultuser0", true},
+      {L"C:\\Users\\\\defaultuser0", false},
+  };
+  for (const auto& c : kCases) {
+    SCOPED_TRACE(testing::PrintToString(c.profile));
+    EXPECT_EQ(IsRealUserProfile(c.profile), c.real);
+  }
+}
+
+}  // namespace
+
+}  // namespace Vx::Tessel::Server::Services::Orvane
