@@ -1,0 +1,132 @@
+#include "json/utf8.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+
+namespace Vx::Json {
+
+namespace {
+
+constexpr std::uint32_t kReplacement = 0xFFFD;
+
+void AppendUtf8(std::string& out, std::uint32_t point) {
+  const auto put = [&out](std::uint32_t byte) { out.push_back(static_cast<char>(byte)); };
+  if (point < 0x80) {
+    put(point);
+  } else if (point < 0x800) {
+    put(0xC0U | point >> 6U);
+    put(0x80U | (point & 0x3FU));
+  } else if (point < 0x10000) {
+    put(0xE0U | point >> 12U);
+    put(0x80U | (point >> 6U & 0x3FU));
+    put(0x80U | (point & 0x3FU));
+  } else {
+    put(0xF0U | point >> 18U);
+    put(0x80U | (point >> 12U & 0x3FU));
+    put(0x80U | (point >> 6U & 0x3FU));
+    put(0x80U | (point & 0x3FU));
+  }
+}
+
+void AppendWide(std::wstring& out, std::uint32_t point) {
+  if (point < 0x10000) {
+    out.push_back(static_cast<wchar_t>(point));
+    return;
+  }
+  out.push_back(static_cast<wchar_t>(0xD800U + ((point - 0x10000U) >> 10U)));
+  out.push_back(static_cast<wchar_t>(0xDC00U + ((point - 0x10000U) & 0x3FFU)));
+}
+
+struct Sequence {
+  std::size_t length;  // zero: not a valid sequence
+  std::uint32_t point;
+};
+
+// The sequence that starts with a byte of 0x80 or more.
+Sequence Multibyte(std::string_view text) {
+  const auto at = [text](std::size_t i) { return static_cast<std::uint8_t>(text[i]); };
+  const std::uint8_t lead = at(0);
+  std::size_t length = 0;
+  std::uint32_t smallest = 0;
+  if (lead >= 0xC2 && lead <= 0xDF) {
+    length = 2;
+    smallest = 0x80;
+  } else if ((lead & 0xF0U) == 0xE0U) {
+    length = 3;
+    smallest = 0x800;
+  } else if (lead >= 0xF0 && lead <= 0xF4) {
+    length = 4;
+    smallest = 0x10000;
+  }
+  if (length == 0 || text.size() < length) return {0, 0};
+  std::uint32_t point = lead & (0x7FU >> length);
+  for (std::size_t i = 1; i < length; ++i) {
+    if ((at(i) & 0xC0U) != 0x80U) return {0, 0};
+    point = point << 6U | (at(i) & 0x3FU);
+  }
+  const bool valid = point >= smallest && point <= 0x10FFFF && (point < 0xD800 || point > 0xDFFF);
+  return {valid ? length : 0, point};
+}
+
+// How many bytes at the front of `text` are plain ASCII, at least up to the last whole word of it.
+std::size_t AsciiPrefix(std::string_view text) {
+  std::size_t at = 0;
+  std::uint64_t word = 0;
+  while (text.size() - at >= sizeof word) {
+    std::memcpy(&word, text.data() + at, sizeof word);
+    if ((word & 0x8080808080808080U) != 0) break;
+    at += sizeof word;
+  }
+  return at;
+}
+
+}  // namespace
+
+std::string ToUtf8(std::wstring_view text) {
+  std::string out;
+  out.reserve(text.size());
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    const auto unit = static_cast<std::uint32_t>(text[i]);
+    if (unit < 0xD800 || (unit > 0xDFFF && unit < 0x10000)) {
+      AppendUtf8(out, unit);
+      continue;
+    }
+    const std::uint32_t next = i + 1 < text.size() ? static_cast<std::uint32_t>(text[i + 1]) : 0;
+    if (unit <= 0xDBFF && next >= 0xDC00 && next <= 0xDFFF) {
+      AppendUtf8(out, 0x10000 + ((unit - 0xD800) << 10U) + (next - 0xDC00));
+      ++i;
+    } else {
+      AppendUtf8(out, kReplacement);
+    }
+  }
+  return out;
+}
+
+std::wstring ToWide(std::string_view text) {
+  std::wstring out;
+  out.reserve(text.size());
+  while (!text.empty()) {
+    const auto lead = static_cast<std::uint8_t>(text.front());
+    const Sequence sequence = lead < 0x80 ? Sequence{1, lead} : Multibyte(text);
+    AppendWide(out, sequence.length == 0 ? kReplacement : sequence.point);
+    text.remove_prefix(sequence.length == 0 ? 1 : sequence.length);
+  }
+  return out;
+}
+
+bool IsUtf8(std::string_view text) noexcept {
+  for (;;) {
+    text.remove_prefix(AsciiPrefix(text));
+    while (!text.empty() && static_cast<std::uint8_t>(text.front()) < 0x80) text.remove_prefix(1);
+    if (text.empty()) return true;
+    // Text that is not ASCII seldom goes back to it for long: stay while it lasts.
+    while (!text.empty() && static_cast<std::uint8_t>(text.front()) >= 0x80) {
+      const std::size_t length = Multibyte(text).length;
+      if (length == 0) return false;
+      text.remove_prefix(length);
+    }
+  }
+}
+
+}  // namespace Vx::Json
