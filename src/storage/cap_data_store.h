@@ -1,9 +1,12 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "storage/bson_document.h"
 #include "storage/system_mutex.h"
@@ -11,20 +14,30 @@
 namespace Vx::Tessel::Server::Storage {
 
 // The machine-wide key-value store that several services share: one protected file, read before and
-// written after every change, each access under one named mutex. Cheap; made where it is needed.
+// written after every change, each access under one named mutex. Cheap; made where it is needed,
+// for one thread.
+//
+// A write empties the file and fills it in one call; what a process that dies in between leaves is
+// an empty or cut file, which the next change replaces by what that store object has in memory.
 class CapDataStore {
  public:
+  // Sees the stored element, or null when there is none, and answers the new one, or nothing to
+  // leave the file alone.
+  using Change = std::function<std::optional<BsonElement>(const BsonElement* stored)>;
+
   // Makes the folder and an empty file where they are missing and reads the file. Throws
-  // std::exception (std::runtime_error) and system_mutex_exception.
+  // std::runtime_error and system_mutex_exception.
   CapDataStore();
   CapDataStore(const CapDataStore&) = delete;
   CapDataStore& operator=(const CapDataStore&) = delete;
-  ~CapDataStore();
+  ~CapDataStore() = default;
 
-  // Writes one top-level value, keeping every other key; true when the file was written. A value
-  // equal to the stored one is left as it is and answers true. Throws system_mutex_exception.
+  // Writes one top-level value, keeping every other key; true when the file holds it. A file that
+  // holds it already is left as it is. A failed write takes the key out of memory again. Text is
+  // stored as UTF-8. Throws system_mutex_exception.
   bool persist(std::string_view key, std::wstring_view value);
   bool persist(std::string_view key, std::string_view value);
+  bool persist(std::string_view key, const wchar_t* value);
   bool persist(std::string_view key, const char* value);
   bool persist(std::string_view key, bool value);
   bool persist(std::string_view key, const BsonElement& value);
@@ -33,20 +46,60 @@ class CapDataStore {
   // (which is logged). Throws system_mutex_exception.
   bool read(std::string_view key, BsonElement& out);
 
-  // A boolean under `key` of the top level; `fallback` when it is absent, of another kind or the
-  // file cannot be read.
+  // The same for one kind of value; nothing also when it is of another kind.
+  std::optional<std::wstring> readText(std::string_view key);
+  std::optional<std::int32_t> readInt32(std::string_view key);
+  std::optional<std::int64_t> readInt64(std::string_view key);
+
+  // A boolean under `key` of the top level; `fallback` when there is none.
   bool readBool(std::string_view key, bool fallback);
 
+  // The embedded document `key`; an empty one when there is none.
+  BsonDocument readDocument(std::string_view key);
+
+  // Like readInt32 with 0 for a missing value (or one of another kind), but throws
+  // std::runtime_error when the file cannot be read.
+  std::int32_t requireInt32(std::string_view key);
+
   // Puts one member into the embedded document `documentName` without touching its other members,
-  // read and written under one hold of the mutex. True when written. The way to change the
-  // service's own document: an older copy of the whole would undo what others wrote in between.
+  // read and written under one hold of the mutex. True when the file holds it. The way to change
+  // the service's own document: an older copy of the whole would undo what others wrote in between.
+  // A value of that name that is no document is replaced by one. Throws system_mutex_exception.
   bool mergeMember(std::string_view documentName, std::string_view member,
                    const BsonElement& value);
 
-  // Reads, changes and writes one member under one hold of the mutex: `change` sees the stored
-  // element (null when absent) and answers the new one, or nothing to leave the file alone. It runs
-  // with the mutex held and must not touch the store; what it throws passes through, unlocked. True
-  // when the file holds the result. (signature completed by the owner)
+  // Like mergeMember, with a value that `change` makes of the stored one. It runs with the mutex
+  // held and must not touch a store; what it throws passes through, unlocked. True also when it
+  // answered nothing.
+  bool updateMember(std::string_view documentName, std::string_view member, const Change& change);
+
+ private:
+  class Hold;
+
+  // `path` with its variables replaced, and its last level made.
+  static std::wstring expandPathAndCreateDirectory(const std::wstring& path);
+  static bool isNTFSJunction(const std::wstring& path);
+  void initializeFile();
+
+  // The steps below need the mutex.
+  bool readFile();
+  bool writeFile();
+  void readForChange();
+  bool decode(const std::vector<std::byte>& content);
+  bool isStored(std::string_view key, const BsonElement& value) const;
+  bool store(std::string_view key, const BsonElement& value);
+
+  std::wstring programDataRoot;
+  std::wstring storeDirectory;
+  std::uint32_t headerSize;                  // bytes
+  [[maybe_unused]] std::uint32_t readMode;   // stream open mode: input and binary
+  [[maybe_unused]] std::uint32_t writeMode;  // stream open mode: output, truncate and binary
+  std::wstring storeName;
+  std::wstring filePath;
+  std::wstring storeId;  // 36 UTF-16 units as in the header; empty before the first write
+  SystemMutex mutex;
+  BsonDocument document;
+  bool current = false;  // `document` is what the file held at the last look
 };
 
 }  // namespace Vx::Tessel::Server::Storage

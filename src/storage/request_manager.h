@@ -2,11 +2,13 @@
 
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 
 #include "host/logging.h"
 #include "platform/hresult_error.h"
+#include "storage/bson_document.h"
 
 namespace Vx::Tessel::Server::Storage {
 class CapDataStore;
@@ -22,39 +24,67 @@ inline constexpr char kPackageSubscriptions[] = "PackageCatalogEventSubscription
 
 // The list of subscription requests under one key of the shared store: a JSON array whose elements
 // are the clients' own request objects. Made for one operation on one thread; several may exist.
+//
+// Changes are made to the list as it is stored at that moment, read and written under one hold of
+// the store's mutex, so that managers in other threads and processes lose nothing. A stored list
+// that is not a JSON array is never written over. The text of a stored request is its compact form:
+// the client's tokens without the white space between them.
 class RequestManager {
  public:
-  // Called with a stored request's text. May throw winrt::hresult_error.
+  // Called with a stored request's text. May throw winrt::hresult_error or a standard exception.
   using Handler = std::function<void(const std::wstring& request)>;
   using ErrorCallback =
       std::function<void(const std::wstring& request, const winrt::hresult_error& error)>;
 
   // Opens the store and reads the document. A store that cannot be made is logged; the object then
   // works in memory and keeps nothing.
-  RequestManager(std::string documentName, std::string key);
+  RequestManager(std::string embeddedDocument, std::string listKey);
+  RequestManager(const RequestManager&) = delete;
+  RequestManager& operator=(const RequestManager&) = delete;
   ~RequestManager();
 
   // Adds a request. Throws winrt::hresult_error with code 1 when an equal one (delay apart) is
-  // stored, and the JSON layer's error when the text is not a JSON object. Store failures are
-  // logged.
+  // stored, and the JSON layer's error when the text is not a JSON object or the stored list cannot
+  // be read. Store failures are logged.
   void PersistRequest(std::wstring_view request);
 
-  // Removes the first stored request with exactly this text; nothing when there is none.
+  // Removes the first stored request with exactly this text; nothing when there is none. Throws the
+  // JSON layer's error when the stored list cannot be read. Store failures are logged.
   void RemoveRequest(std::wstring_view request);
 
-  // Removes a one-shot request that has fired (equality as in RemoveRequest). True when the list no
-  // longer holds it, also when it was removed before; false when the store failed.
+  // Removes a one-shot request that has fired; white space in `request` does not count. True when
+  // the list no longer holds it, also when it was removed before; false, and logged, when the store
+  // or the list failed.
   bool CompleteRequest(std::wstring_view request);
 
-  // Calls `handler` once for every stored request, in stored order; its winrt::hresult_error is
-  // logged and handed to `onError`. No lock is held during the calls.
+  // Calls `handler` once for every stored request, in stored order. What it throws is logged and
+  // handed to `onError` (a standard exception as E_FAIL or E_OUTOFMEMORY), and the walk goes on. A
+  // stored list that cannot be read is logged and has no requests. No lock is held during the
+  // calls.
   void RegisterExistingRequests(const Handler& handler, const ErrorCallback& onError);
 
-  // The stored array's text; empty when there is none.
+  // The stored array's text at construction or the last change; empty when there is none.
   std::wstring StoredRequests() const;
 
  private:
-  // (the owner of this file completes the members)
+  // Makes the new list's text from the stored one; nothing to leave it.
+  using Edit = std::function<std::optional<std::wstring>(const std::wstring& list)>;
+
+  // Applies `edit` to the stored list, or to the copy in memory without a store. False when the
+  // store did not take it. Passes on what the store and `edit` throw.
+  bool Change(const Edit& edit);
+  bool ChangeCopy(const Edit& edit);
+  std::optional<std::wstring> ChangeStored(const Storage::BsonElement* stored, const Edit& edit);
+  void CallHandler(const std::wstring& request, const Handler& handler,
+                   const ErrorCallback& onError) const;
+  void ReportFailure(const std::wstring& request, const winrt::hresult_error& error,
+                     const ErrorCallback& onError) const;
+
+  std::string documentName;
+  std::string key;
+  std::unique_ptr<Storage::CapDataStore> store;
+  Storage::BsonDocument document;
+  Logging::TraceLogger* logger;
 };
 
 }  // namespace Vx::Tessel::Server::Services::Orvane

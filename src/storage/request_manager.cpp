@@ -1,0 +1,189 @@
+#include "storage/request_manager.h"
+
+#include <exception>
+#include <new>
+#include <utility>
+#include <vector>
+
+#include "storage/cap_data_store.h"
+#include "storage/request_list.h"
+
+namespace Vx::Tessel::Server::Services::Orvane {
+
+namespace {
+
+using Storage::BsonElement;
+
+constexpr wchar_t kNoStore[] =
+    L"RequestManager() - Failed to get DataStore. Functionality will be lost. %S";
+constexpr wchar_t kPersistFailed[] =
+    L"PersistRequest - failed to persist. This functionality won't work properly.";
+constexpr wchar_t kPersistThrewRuntime[] =
+    L"PersistRequest - failed to persist: Exception %s, Hresult %i";
+constexpr wchar_t kPersistThrew[] = L"PersistRequest - failed to persist: Exception %S";
+constexpr wchar_t kRemoveThrewRuntime[] =
+    L"RemoveRequest - failed to persist: Exception %s, Hresult %i";
+constexpr wchar_t kRemoveThrew[] = L"RemoveRequest - failed to persist: Exception %S";
+constexpr wchar_t kCompleteThrewRuntime[] =
+    L"CompleteRequest - failed to persist: Exception %s, Hresult %i";
+constexpr wchar_t kCompleteThrew[] = L"CompleteRequest - failed to persist: Exception %S";
+constexpr wchar_t kUnexpectedElement[] = L"Unexpected JSON array element";
+constexpr wchar_t kRegisterFailed[] =
+    L"RegisterExistingRequests - failed to register request. HRESULT: %i";
+
+constexpr winrt::hresult kAlreadySubscribed = 1;
+constexpr auto kFail = static_cast<winrt::hresult>(0x80004005);
+constexpr auto kOutOfMemory = static_cast<winrt::hresult>(0x8007000E);
+
+std::wstring TextOf(const std::optional<Storage::BsonView>& value) {
+  return value ? value->AsWideText().value_or(std::wstring()) : std::wstring();
+}
+
+}  // namespace
+
+RequestManager::RequestManager(std::string embeddedDocument, std::string listKey)
+    : documentName(std::move(embeddedDocument)),
+      key(std::move(listKey)),
+      logger(Logging::LogManager::GetLogger()) {
+  try {
+    store = std::make_unique<Storage::CapDataStore>();
+    document = store->readDocument(documentName);
+  } catch (const std::exception& error) {
+    store.reset();
+    logger->LogError(kNoStore, error.what());
+  }
+}
+
+RequestManager::~RequestManager() = default;
+
+std::wstring RequestManager::StoredRequests() const {
+  return TextOf(document.Find(key));
+}
+
+bool RequestManager::ChangeCopy(const Edit& edit) {
+  const std::optional<std::wstring> list = edit(StoredRequests());
+  return !list || document.Set(key, BsonElement::Text(*list));
+}
+
+std::optional<std::wstring> RequestManager::ChangeStored(const BsonElement* stored,
+                                                         const Edit& edit) {
+  // The copy follows the stored list first, so that it is right even when the write fails.
+  if (stored == nullptr) {
+    document.Erase(key);
+  } else {
+    document.Set(key, *stored);
+  }
+  std::optional<std::wstring> list = edit(StoredRequests());
+  if (list) document.Set(key, BsonElement::Text(*list));
+  return list;
+}
+
+bool RequestManager::Change(const Edit& edit) {
+  if (store == nullptr) return ChangeCopy(edit);
+  bool edited = false;
+  const auto change = [&](const BsonElement* stored) -> std::optional<BsonElement> {
+    edited = true;
+    const std::optional<std::wstring> list = ChangeStored(stored, edit);
+    if (!list) return std::nullopt;
+    return BsonElement::Text(*list);
+  };
+  try {
+    return store->updateMember(documentName, key, change);
+  } catch (const std::exception&) {
+    if (!edited) ChangeCopy(edit);
+    throw;
+  }
+}
+
+void RequestManager::PersistRequest(std::wstring_view request) {
+  // What the request itself is guilty of goes to the caller; what the store throws is logged.
+  std::optional<winrt::hresult_error> refused;
+  const Edit edit = [&](const std::wstring& list) -> std::optional<std::wstring> {
+    try {
+      std::optional<std::wstring> longer = Storage::ListWith(list, request);
+      if (!longer) refused.emplace(kAlreadySubscribed);
+      return longer;
+    } catch (const winrt::hresult_error& error) {
+      refused.emplace(error);
+      return std::nullopt;
+    }
+  };
+  try {
+    if (!Change(edit)) logger->LogError(kPersistFailed);
+  } catch (const winrt::hresult_error& error) {
+    logger->LogError(kPersistThrewRuntime, error.message().c_str(), error.code());
+  } catch (const std::exception& error) {
+    logger->LogError(kPersistThrew, error.what());
+  }
+  if (refused) throw winrt::hresult_error(*refused);
+}
+
+void RequestManager::RemoveRequest(std::wstring_view request) {
+  std::optional<winrt::hresult_error> refused;
+  const Edit edit = [&](const std::wstring& list) -> std::optional<std::wstring> {
+    try {
+      return Storage::ListWithout(list, request);
+    } catch (const winrt::hresult_error& error) {
+      refused.emplace(error);
+      return std::nullopt;
+    }
+  };
+  try {
+    Change(edit);
+  } catch (const winrt::hresult_error& error) {
+    logger->LogError(kRemoveThrewRuntime, error.message().c_str(), error.code());
+  } catch (const std::exception& error) {
+    logger->LogError(kRemoveThrew, error.what());
+  }
+  if (refused) throw winrt::hresult_error(*refused);
+}
+
+bool RequestManager::CompleteRequest(std::wstring_view request) {
+  try {
+    return Change(
+        [&](const std::wstring& list) { return Storage::ListWithoutCompleted(list, request); });
+  } catch (const winrt::hresult_error& error) {
+    logger->LogError(kCompleteThrewRuntime, error.message().c_str(), error.code());
+  } catch (const std::exception& error) {
+    logger->LogError(kCompleteThrew, error.what());
+  }
+  return false;
+}
+
+void RequestManager::RegisterExistingRequests(const Handler& handler,
+                                              const ErrorCallback& onError) {
+  std::vector<std::optional<std::wstring>> requests;
+  try {
+    requests = Storage::RequestsOf(StoredRequests());
+  } catch (const winrt::hresult_error& error) {
+    logger->LogError(kRegisterFailed, error.code());
+  }
+  for (const std::optional<std::wstring>& request : requests) {
+    if (request) {
+      CallHandler(*request, handler, onError);
+    } else {
+      logger->LogError(kUnexpectedElement);
+    }
+  }
+}
+
+void RequestManager::CallHandler(const std::wstring& request, const Handler& handler,
+                                 const ErrorCallback& onError) const {
+  try {
+    handler(request);
+  } catch (const winrt::hresult_error& error) {
+    ReportFailure(request, error, onError);
+  } catch (const std::bad_alloc&) {
+    ReportFailure(request, winrt::hresult_error(kOutOfMemory), onError);
+  } catch (const std::exception&) {
+    ReportFailure(request, winrt::hresult_error(kFail), onError);
+  }
+}
+
+void RequestManager::ReportFailure(const std::wstring& request, const winrt::hresult_error& error,
+                                   const ErrorCallback& onError) const {
+  logger->LogError(kRegisterFailed, error.code());
+  if (onError) onError(request, error);
+}
+
+}  // namespace Vx::Tessel::Server::Services::Orvane
