@@ -36,6 +36,16 @@ if(VX_COVERAGE)
   target_link_options(vx_options INTERFACE --coverage)
 endif()
 
+# The native build's sanitizers: "address;undefined", "thread", or nothing for benchmarks. They go on
+# everything in the build tree, the test framework included.
+set(VX_SANITIZE "" CACHE STRING "Sanitizers of a native build, as a list")
+if(VX_SANITIZE AND NOT WIN32)
+  list(JOIN VX_SANITIZE "," sanitizers)
+  add_compile_options(-fsanitize=${sanitizers} -fno-sanitize-recover=all -fno-omit-frame-pointer
+    -fsanitize-ignorelist=${CMAKE_CURRENT_LIST_DIR}/sanitizer-ignorelist.txt)
+  add_link_options(-fsanitize=${sanitizers})
+endif()
+
 # Debian's rapidjson, without the rest of /usr/include on the path of a cross build.
 find_path(VX_RAPIDJSON_ROOT rapidjson/document.h
   PATHS /usr/include NO_CMAKE_FIND_ROOT_PATH NO_DEFAULT_PATH REQUIRED)
