@@ -8,11 +8,6 @@ target_compile_options(vx_options INTERFACE
   # GCC 12 sees overlapping copies in plain string concatenation (its bug 105651).
   $<$<CXX_COMPILER_ID:GNU>:-Wno-restrict>)
 
-if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
-  # GCC 12 sees overlaps in libstdc++'s own string concatenation that are not there.
-  target_compile_options(vx_options INTERFACE -Wno-restrict)
-endif()
-
 if(WIN32)
   target_compile_definitions(vx_options INTERFACE
     UNICODE _UNICODE _WIN32_WINNT=0x0A00 WINVER=0x0A00 NOMINMAX WIN32_LEAN_AND_MEAN)
