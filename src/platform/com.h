@@ -4,12 +4,13 @@
 
 struct IUnknown;
 struct IWbemLocator;
-struct IWbemServices;
+struct tagSAFEARRAY;
 
 namespace Vx::Platform {
 
-// The steps of COM that lead to the firmware's WMI namespace; what follows are calls on the
-// interfaces themselves. Every answer is the call's HRESULT. Called on one thread at a time.
+// The steps of COM that lead to the firmware's WMI namespace, and the values that are handed to it;
+// what follows are calls on the interfaces themselves. Every answer is the call's HRESULT. Called
+// on one thread at a time.
 class Com {
  public:
   virtual ~Com() = default;
@@ -25,6 +26,13 @@ class Com {
 
   // Call-level authentication (WinNT, no authorisation, impersonate) on a proxy.
   virtual std::int32_t SetProxyBlanket(IUnknown* proxy) = 0;
+
+  // A BSTR with a copy of `text`, owned by the caller (see com_owners.h); null when memory is out.
+  virtual wchar_t* MakeText(const wchar_t* text) = 0;
+
+  // An array of `count` zero bytes from index 0, owned by the caller; null when memory is out.
+  virtual tagSAFEARRAY* MakeByteArray(std::uint32_t count) = 0;
+  virtual std::int32_t PutByte(tagSAFEARRAY* bytes, std::int32_t index, std::uint8_t value) = 0;
 };
 
 }  // namespace Vx::Platform

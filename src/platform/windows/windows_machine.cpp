@@ -10,6 +10,7 @@ Machine Assemble() {
   machine.apiSets = &WindowsApiSets();
   machine.appServices = &WindowsAppServices();
   machine.clock = &WindowsClock();
+  machine.com = &WindowsCom();
   machine.dataProtection = &WindowsDataProtection();
   machine.environment = &WindowsEnvironment();
   machine.files = &WindowsFiles();
