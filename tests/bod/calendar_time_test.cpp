@@ -1,0 +1,87 @@
+#include "bod/calendar_time.h"
+
+#include <cstring>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+namespace Vx::Tessel::Server::Services::Orvane {
+namespace {
+
+constexpr std::uint64_t kDay = 864'000'000'000;
+
+// The units at which Windows' own conversion puts some well-known moments.
+TEST(CalendarTimeTest, AgreesWithKnownMomentsInBothDirections) {
+  static constexpr struct {
+    CalendarTime time;
+    std::uint64_t units;
+  } kCases[] = {
+      {{1601, 1, 1, 1, 0, 0, 0, 0}, 0},
+      {{1970, 1, 4, 1, 0, 0, 0, 0}, 116'444'736'000'000'000},
+      {{2000, 2, 2, 29, 12, 34, 56, 789}, 125'963'012'967'890'000},
+      {{2038, 1, 2, 19, 3, 14, 7, 0}, 137'919'572'470'000'000},
+  };
+  for (const auto& c : kCases) {
+    SCOPED_TRACE(c.units);
+    EXPECT_EQ(FileTimeOf(c.time), c.units);
+    EXPECT_EQ(CalendarTimeOf(c.units), c.time);
+  }
+}
+
+TEST(CalendarTimeTest, AdvancesOneDayATimeFrom1601To2400) {
+  CalendarTime before = CalendarTimeOf(0);
+  for (std::uint64_t units = kDay; units < 800 * 365 * kDay; units += kDay) {
+    const CalendarTime day = CalendarTimeOf(units);
+    ASSERT_EQ(FileTimeOf(day), units);
+    ASSERT_EQ(day.dayOfWeek, (before.dayOfWeek + 1) % 7) << units;
+    before = day;
+  }
+}
+
+TEST(CalendarTimeTest, FieldsThatNameNoMomentHaveNoFileTime) {
+  for (const CalendarTime& time : {
+           CalendarTime{},
+           CalendarTime{1600, 12, 0, 31, 0, 0, 0, 0},
+           CalendarTime{30828, 1, 0, 1, 0, 0, 0, 0},
+           CalendarTime{2024, 0, 0, 1, 0, 0, 0, 0},
+           CalendarTime{2024, 13, 0, 1, 0, 0, 0, 0},
+           CalendarTime{2024, 257, 0, 1, 0, 0, 0, 0},
+           CalendarTime{2024, 1, 0, 257, 0, 0, 0, 0},
+           CalendarTime{2023, 2, 0, 29, 0, 0, 0, 0},
+           CalendarTime{2024, 1, 0, 1, 24, 0, 0, 0},
+           CalendarTime{2024, 1, 0, 1, 0, 60, 0, 0},
+           CalendarTime{2024, 1, 0, 1, 0, 0, 60, 0},
+           CalendarTime{2024, 1, 0, 1, 0, 0, 0, 1000},
+       }) {
+    EXPECT_FALSE(FileTimeOf(time).has_value()) << time.year << ' ' << time.month << ' ' << time.day;
+  }
+}
+
+TEST(EarlierOfTest, TakesTheEarlierTheFirstOnATieAndNeverNonsense) {
+  const CalendarTime early{2024, 1, 0, 1, 0, 0, 0, 0};
+  const CalendarTime late{2024, 1, 0, 1, 0, 0, 0, 1};
+  const CalendarTime sameAsEarly{2024, 1, 6, 1, 0, 0, 0, 0};
+  const CalendarTime nonsense{2024, 77, 0, 1, 0, 0, 0, 0};
+  EXPECT_EQ(EarlierOf(early, late), early);
+  EXPECT_EQ(EarlierOf(late, early), early);
+  EXPECT_EQ(EarlierOf(sameAsEarly, early), sameAsEarly);
+  EXPECT_EQ(EarlierOf(late, nonsense), late);
+  EXPECT_EQ(EarlierOf(nonsense, late), late);
+}
+
+TEST(DateOfTimeStampTest, TakesTheDateOfAWholeStampAndNothingOfAShortOne) {
+  const CalendarTime stored{2023, 4, 5, 6, 7, 8, 9, 10};
+  std::vector<std::byte> bytes(64, std::byte{0xEE});
+  std::memcpy(bytes.data(), &stored, sizeof stored);
+  const CalendarTime date{2023, 4, 0, 6, 0, 0, 0, 0};
+  for (std::size_t size = 0; size <= bytes.size(); ++size) {
+    SCOPED_TRACE(size);
+    // A copy of just this size, so that a read beyond it is seen.
+    const std::vector<std::byte> cut(bytes.begin(),
+                                     bytes.begin() + static_cast<std::ptrdiff_t>(size));
+    EXPECT_EQ(DateOfTimeStamp(cut), size < sizeof stored ? CalendarTime{} : date);
+  }
+}
+
+}  // namespace
+}  // namespace Vx::Tessel::Server::Services::Orvane
