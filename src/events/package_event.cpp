@@ -4,6 +4,7 @@
 
 #include "events/uninstall_watch.h"
 #include "host/logging.h"
+#include "platform/console_user.h"
 #include "platform/hresult_error.h"
 #include "platform/impersonation.h"
 #include "platform/machine.h"
@@ -27,12 +28,6 @@ const Logging::TraceLogger& Log() {
 
 void LogRevertFailure() {
   Log().LogWarning(kRevertFailed);
-}
-
-Platform::UniqueHandle ConsoleUserToken() {
-  const Platform::Sessions& sessions = *Platform::CurrentMachine().sessions;
-  auto token = sessions.QueryUserToken(sessions.ActiveConsoleSession());
-  return token ? *std::move(token) : nullptr;
 }
 
 }  // namespace
@@ -90,9 +85,9 @@ std::shared_ptr<Platform::PackageCatalog> PackageUninstallingPCEvent::OpenConsol
   Platform::Packages& packages = *Platform::CurrentMachine().packages;
   if (!IsProcessRunningAsSystem()) return packages.OpenCatalogForCurrentUser();
 
-  const Platform::UniqueHandle token = ConsoleUserToken();
-  if (token == nullptr) throw winrt::hresult_error(kConsoleUserUnavailable);
-  const Platform::Impersonation asUser(token.get(), &LogRevertFailure);
+  const auto token = Platform::ConsoleUserToken();
+  if (!token) throw winrt::hresult_error(kConsoleUserUnavailable);
+  const Platform::Impersonation asUser(token->get(), &LogRevertFailure);
   if (!asUser) throw winrt::hresult_error(kConsoleUserUnavailable);
   return packages.OpenCatalogForCurrentUser();
 }
