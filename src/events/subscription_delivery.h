@@ -75,8 +75,8 @@ using DeliveryHandler = void (*)(const std::wstring& request,
                                  const std::function<void(const std::wstring&)>& completed,
                                  std::uint32_t eventType);
 
-// Calls `handler` with every stored request of the kind and an event. Throws what it throws: a
-// std::system_error when a worker cannot be started.
+// Calls `handler` with every stored request of the kind and an event. One that fails, because no
+// worker can be started, is logged and the others follow. Throws nothing but std::bad_alloc.
 void FulfillSubscriptions(const DeliveryKind& kind, DeliveryHandler handler,
                           std::uint32_t eventType);
 
