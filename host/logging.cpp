@@ -199,7 +199,7 @@ void TraceLogger::Write(LogLevel level, const wchar_t* caller, const wchar_t* fo
   record.level = level;
   record.provider = provider;
   if (caller != nullptr) record.caller = caller;
-  va_list arguments;
+  va_list arguments;  // NOLINT(cppcoreguidelines-init-variables): va_start does
   va_start(arguments, format);
   record.message = Format(buffer, format, arguments);
   va_end(arguments);
@@ -217,7 +217,7 @@ TraceLogger* LogManager::SetProvider(const char* name) {
   struct Entry {
     std::string name;
     std::unique_ptr<TraceLogger> logger;
-    const Entry* next;
+    const Entry* next = nullptr;
   };
   static std::atomic<const Entry*> newest{nullptr};
   static StaticLock adding;

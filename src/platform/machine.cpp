@@ -68,8 +68,8 @@ InstalledMachine& RealInstalled() noexcept {
 }
 
 [[noreturn]] void Fail(const char* message) {
-  std::fputs(message, stderr);
-  std::fflush(stderr);
+  static_cast<void>(std::fputs(message, stderr));
+  static_cast<void>(std::fflush(stderr));
   std::abort();
 }
 

@@ -1,6 +1,7 @@
 #include "platform/registry.h"
 
 #include <cstring>
+#include <cwchar>
 
 namespace Vx::Platform {
 

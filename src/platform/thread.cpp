@@ -1,6 +1,8 @@
 #include "platform/thread.h"
 
+#include <cerrno>
 #include <exception>
+#include <optional>
 #include <system_error>
 #include <utility>
 

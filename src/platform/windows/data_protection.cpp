@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <limits>
 #include <memory>
+#include <type_traits>
 
 #include <windows.h>
 
@@ -20,7 +21,7 @@ namespace {
 using Bytes = std::vector<std::byte>;
 
 constexpr std::size_t kSha256Bytes = 32;
-constexpr std::size_t kReadStep = 64 * 1024;
+constexpr std::size_t kReadStep = std::size_t{64} * 1024;
 
 // Buffers of the data protection calls come from LocalAlloc.
 struct LocalMemoryFreer {

@@ -1,6 +1,7 @@
 #include "platform/environment.h"
 
 #include <algorithm>
+#include <cwchar>
 #include <limits>
 #include <memory>
 
@@ -58,7 +59,10 @@ class RealEnvironment final : public Environment {
     const auto* first = static_cast<const wchar_t*>(raw);
     const wchar_t* end = first;
     while (*end != L'\0') end += std::wcslen(end) + 1;
-    return std::vector<wchar_t>(first, end + 1);
+    // An empty block is two zeroes, as a filled one ends in two.
+    std::vector<wchar_t> block(static_cast<std::size_t>(end - first) + (end == first ? 2 : 1));
+    std::copy(first, end, block.begin());
+    return block;
   }
 
  private:

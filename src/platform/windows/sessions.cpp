@@ -1,6 +1,7 @@
 #include "platform/sessions.h"
 
 #include <cstddef>
+#include <cwchar>
 #include <memory>
 
 #include <windows.h>

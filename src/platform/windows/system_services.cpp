@@ -1,6 +1,8 @@
 #include "platform/system_services.h"
 
 #include <limits>
+#include <memory>
+#include <type_traits>
 #include <utility>
 
 #include <windows.h>
@@ -18,6 +20,8 @@ constexpr wchar_t kNtDll[] = L"ntdll.dll";
 constexpr wchar_t kKernel32[] = L"kernel32.dll";
 
 constexpr std::uint32_t kNotImplemented = 0xC0000002;  // STATUS_NOT_IMPLEMENTED
+// HRESULT_FROM_WIN32(ERROR_PROC_NOT_FOUND)
+constexpr auto kNoEntryPoint = static_cast<std::int32_t>(0x8007007F);
 
 using ApiSetQuery = NTSTATUS NTAPI(const UNICODE_STRING* name, BOOLEAN* present);
 using ApiSetQueryEx = NTSTATUS NTAPI(const UNICODE_STRING* name, BOOLEAN* inSchema,
@@ -91,7 +95,7 @@ class RealLockdownLibrary final : public LockdownLibrary {
   std::int32_t QueryMode(std::int32_t& mode) const override {
     auto* query = reinterpret_cast<LockdownModeQuery*>(
         reinterpret_cast<void*>(GetProcAddress(library.get(), "WldpQueryWindowsLockdownMode")));
-    if (query == nullptr) return HRESULT_FROM_WIN32(ERROR_PROC_NOT_FOUND);
+    if (query == nullptr) return kNoEntryPoint;
     return query(&mode);
   }
 

@@ -39,14 +39,15 @@ class RealThreads final : public Threads {
                            reinterpret_cast<const wchar_t*>(&Run), &starter->module) == 0) {
       return Result<UniqueHandle>::Failure(EAGAIN);
     }
+    // The runtime hands the handle out as a number.
     const std::uintptr_t raw = _beginthreadex(nullptr, 0, &Run, starter.get(), 0, nullptr);
     if (raw == 0) {
       const int error = errno;
       FreeLibrary(starter->module);
       return Result<UniqueHandle>::Failure(static_cast<ErrorCode>(error));
     }
-    static_cast<void>(starter.release());  // the thread deletes it
-    return UniqueHandle(reinterpret_cast<RawHandle>(raw));
+    static_cast<void>(starter.release());                   // the thread deletes it
+    return UniqueHandle(reinterpret_cast<RawHandle>(raw));  // NOLINT(performance-no-int-to-ptr)
   }
 };
 

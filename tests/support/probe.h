@@ -1,0 +1,30 @@
+#pragma once
+
+#include <chrono>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace Vx::Tests {
+
+// What a started probe program says of itself, see probe_main.cpp.
+struct ProbeReport {
+  std::wstring commandLine;
+  std::wstring workingDirectory;
+  std::vector<std::wstring> arguments;
+  std::vector<std::wstring> environment;  // "NAME=value", of the few variables it reports
+
+  bool HasVariable(const std::wstring& entry) const;
+};
+
+// Full path of the probe program, which lies beside the test program.
+std::wstring ProbePath();
+
+// Full path of the folder of the running test program.
+std::wstring TestFolder();
+
+// The report that appears at `path`; empty when there is none within `limit`.
+std::optional<ProbeReport> WaitForProbe(const std::wstring& path,
+                                        std::chrono::milliseconds limit = std::chrono::seconds(20));
+
+}  // namespace Vx::Tests

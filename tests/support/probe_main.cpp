@@ -1,0 +1,81 @@
+// A program for tests to start: reports how it was started. It writes lines "name=value" in UTF-8:
+// commandLine, workingDirectory, one "argument" for each of its arguments, and the variables below
+// that are set. The report goes to the file named by the first argument, when that is a full path,
+// else beside the program as "<program>.out", and appears there whole.
+//
+// A further argument "wait:NAME" keeps it running until the named event is signalled.
+#include <cstdio>
+#include <iterator>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include <windows.h>
+
+namespace {
+
+constexpr const wchar_t* kVariables[] = {L"APPDATA",     L"LOCALAPPDATA", L"ProgramData",
+                                         L"USERPROFILE", L"VX_PROBE",     L"VX_PROBE_OUT"};
+constexpr std::wstring_view kWait = L"wait:";
+constexpr DWORD kLongestWait = 60'000;  // milliseconds; a forgotten probe does not stay for ever
+
+std::string Utf8(std::wstring_view text) {
+  std::string bytes(text.size() * 3, '\0');
+  const int length =
+      WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), bytes.data(),
+                          static_cast<int>(bytes.size()), nullptr, nullptr);
+  bytes.resize(static_cast<std::size_t>(length));
+  return bytes;
+}
+
+std::string Line(std::wstring_view name, std::wstring_view value) {
+  return Utf8(name) + "=" + Utf8(value) + "\n";
+}
+
+std::string Report(int count, wchar_t** arguments) {
+  std::vector<wchar_t> buffer(32'768);
+  std::string report = Line(L"commandLine", GetCommandLineW());
+  GetCurrentDirectoryW(static_cast<DWORD>(buffer.size()), buffer.data());
+  report += Line(L"workingDirectory", buffer.data());
+  for (int i = 1; i < count; ++i) report += Line(L"argument", arguments[i]);
+  for (const wchar_t* name : kVariables) {
+    const DWORD length =
+        GetEnvironmentVariableW(name, buffer.data(), static_cast<DWORD>(buffer.size()));
+    if (length > 0) report += Line(name, {buffer.data(), length});
+  }
+  return report;
+}
+
+bool Write(const std::wstring& path, const std::string& report) {
+  const std::wstring part = path + L".part";
+  FILE* file = _wfopen(part.c_str(), L"wb");
+  if (file == nullptr) return false;
+  const bool written = std::fwrite(report.data(), 1, report.size(), file) == report.size();
+  const bool closed = std::fclose(file) == 0;
+  return written && closed &&
+         MoveFileExW(part.c_str(), path.c_str(), MOVEFILE_REPLACE_EXISTING) != FALSE;
+}
+
+void WaitFor(const wchar_t* eventName) {
+  HANDLE event = CreateEventW(nullptr, TRUE, FALSE, eventName);
+  if (event == nullptr) return;
+  WaitForSingleObject(event, kLongestWait);
+  CloseHandle(event);
+}
+
+}  // namespace
+
+int wmain(int count, wchar_t** arguments) {
+  const std::string report = Report(count, arguments);
+  const bool named = count > 1 && std::wstring_view(arguments[1]).substr(1, 2) == L":\\";
+  if (!named || !Write(arguments[1], report)) {
+    wchar_t self[MAX_PATH];
+    GetModuleFileNameW(nullptr, self, static_cast<DWORD>(std::size(self)));
+    if (!Write(std::wstring(self) + L".out", report)) return 1;
+  }
+  for (int i = 1; i < count; ++i) {
+    const std::wstring_view argument = arguments[i];
+    if (argument.starts_with(kWait)) WaitFor(arguments[i] + kWait.size());
+  }
+  return 0;
+}
