@@ -67,9 +67,10 @@ void ReadReport(Abi::IDeploymentOperation& operation, PackageRegistration& regis
     if (SUCCEEDED(registration.result)) registration.result = FAILED(read) ? read : E_UNEXPECTED;
     return;
   }
-  HRESULT extended = S_OK;
-  if (SUCCEEDED(registration.result) && SUCCEEDED(report->get_ExtendedErrorCode(&extended))) {
-    registration.result = extended;
+  if (SUCCEEDED(registration.result)) {
+    HRESULT extended = S_OK;
+    const HRESULT asked = report->get_ExtendedErrorCode(&extended);
+    registration.result = FAILED(asked) ? asked : extended;
   }
   if (SUCCEEDED(registration.result)) return;
   Abi::HString text;
