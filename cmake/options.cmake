@@ -55,3 +55,9 @@ function(vx_library name)
   add_library(${name} STATIC ${arg_SOURCES})
   target_link_libraries(${name} PUBLIC vx_options ${arg_PUBLIC} PRIVATE ${arg_PRIVATE})
 endfunction()
+
+# CLI11, header-only, likewise.
+find_path(VX_CLI11_ROOT CLI/CLI.hpp PATHS /usr/include NO_CMAKE_FIND_ROOT_PATH NO_DEFAULT_PATH REQUIRED)
+file(CREATE_LINK ${VX_CLI11_ROOT}/CLI ${PROJECT_BINARY_DIR}/third_party/CLI SYMBOLIC)
+add_library(cli11 INTERFACE)
+target_include_directories(cli11 SYSTEM INTERFACE ${PROJECT_BINARY_DIR}/third_party)

@@ -1,0 +1,245 @@
+#include "host/vxhost/scenario.h"
+
+#include <chrono>
+#include <cwchar>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <optional>
+#include <stdexcept>
+#include <vector>
+
+#include <windows.h>
+
+#include "host/vxhost/text.h"
+#include "json/json_text.h"
+#include "platform/unique_handle.h"
+
+namespace Vx::Host {
+
+namespace {
+
+using Json::WideValue;
+
+constexpr int kDefaultWait = 10;  // seconds
+constexpr wchar_t kCaller[] = L"vxhost";
+
+// A program that belongs to the scenario and goes with it.
+class Helper {
+ public:
+  explicit Helper(const std::wstring& path) {
+    STARTUPINFOW startup{};
+    startup.cb = sizeof startup;
+    PROCESS_INFORMATION started{};
+    std::wstring commandLine = L"\"" + path + L"\"";
+    if (CreateProcessW(path.c_str(), commandLine.data(), nullptr, nullptr, FALSE, 0, nullptr,
+                       nullptr, &startup, &started) == 0) {
+      throw std::runtime_error("cannot start " + Utf8(path));
+    }
+    process.reset(started.hProcess);
+    Platform::UniqueHandle thread(started.hThread);
+  }
+  Helper(const Helper&) = delete;
+  Helper& operator=(const Helper&) = delete;
+  ~Helper() {
+    TerminateProcess(process.get(), 0);
+    WaitForSingleObject(process.get(), 5000);
+  }
+
+ private:
+  Platform::UniqueHandle process;
+};
+
+const WideValue* Find(const WideValue& object, const wchar_t* key) {
+  const auto found = object.FindMember(key);
+  return found == object.MemberEnd() ? nullptr : &found->value;
+}
+
+// Waits for `condition` with a look every few milliseconds.
+template <typename Condition>
+bool WaitUntil(int seconds, Condition&& condition) {
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
+  while (!condition()) {
+    if (std::chrono::steady_clock::now() > deadline) return false;
+    Sleep(5);
+  }
+  return true;
+}
+
+std::wstring ReadIfThere(const std::wstring& path) {
+  try {
+    return ReadTextFile(path);
+  } catch (const std::runtime_error&) {
+    return {};
+  }
+}
+
+class Player {
+ public:
+  Player(const std::map<std::wstring, std::wstring>& names, Stage& where)
+      : definitions(names), stage(where) {}
+
+  bool Play(const WideValue& steps) {
+    for (const WideValue& step : steps.GetArray()) {
+      if (!step.IsObject()) throw std::runtime_error("a step is not an object");
+      stage.log.Clear();
+      Step(step);
+    }
+    return succeeded;
+  }
+
+ private:
+  void Step(const WideValue& step) {
+    if (const auto* text = Find(step, L"say")) stage.console.Heading(Utf8(Expand(*text)));
+    if (Find(step, L"start") != nullptr) {
+      stage.console.Line("-> start");
+      stage.session.Slots().Start();
+    }
+    if (const auto* id = Find(step, L"exec")) Execute(step, id->GetUint());
+    if (const auto* code = Find(step, L"power")) {
+      stage.console.Line("-> power event " + std::to_string(code->GetUint()));
+      stage.session.Slots().power_event_task(code->GetUint());
+    }
+    if (const auto* code = Find(step, L"session")) {
+      stage.console.Line("-> session change " + std::to_string(code->GetUint()));
+      stage.session.Slots().OnSessionChange(code->GetUint());
+    }
+    if (const auto* copy = Find(step, L"copy")) Copy(*copy);
+    if (const auto* path = Find(step, L"remove")) {
+      std::error_code ignored;
+      std::filesystem::remove(Expand(*path), ignored);
+    }
+    if (const auto* path = Find(step, L"run")) {
+      helpers.push_back(std::make_unique<Helper>(Expand(*path)));
+    }
+    if (const auto* file = Find(step, L"waitFor")) WaitForFile(*file);
+    if (const auto* expect = Find(step, L"expect")) ExpectLog(*expect);
+  }
+
+  // A text as it stands, anything else as JSON; definitions put in either way.
+  std::wstring Expand(const WideValue& value) const {
+    const bool text = value.IsString();
+    std::wstring result =
+        text ? std::wstring(value.GetString(), value.GetStringLength()) : Json::JsonText(value);
+    for (const auto& [name, content] : definitions) {
+      const std::wstring marker = L"${" + name + L"}";
+      const std::wstring inserted = text ? content : Escaped(content);
+      for (std::size_t at = result.find(marker); at != std::wstring::npos;
+           at = result.find(marker, at + inserted.size())) {
+        result.replace(at, marker.size(), inserted);
+      }
+    }
+    return result;
+  }
+
+  static std::wstring Escaped(const std::wstring& text) {
+    const std::wstring quoted =
+        Json::JsonText(WideValue(text.c_str(), static_cast<rapidjson::SizeType>(text.size())));
+    return quoted.substr(1, quoted.size() - 2);
+  }
+
+  void Execute(const WideValue& step, std::uint32_t id) {
+    const auto* request = Find(step, L"request");
+    const std::wstring text = request == nullptr ? L"{}" : Expand(*request);
+    stage.console.Request(id, text);
+    const Answer answer = stage.session.Execute(id, text, kCaller);
+    stage.console.Result(answer);
+    const auto* expect = Find(step, L"expect");
+    if (expect == nullptr) return;
+    if (const auto* code = Find(*expect, L"code")) {
+      const auto wanted = static_cast<std::uint32_t>(std::wcstoul(code->GetString(), nullptr, 16));
+      Check(answer.code == wanted, "the result code should be " + Describe(wanted));
+    }
+    if (const auto* response = Find(*expect, L"answer")) {
+      const std::wstring wanted = Expand(*response);
+      Check(answer.text == wanted, "the answer should be " + Utf8(wanted));
+    }
+  }
+
+  void Copy(const WideValue& copy) {
+    const std::filesystem::path from = Expand(*Find(copy, L"from"));
+    const std::filesystem::path to = Expand(*Find(copy, L"to"));
+    std::error_code error;
+    std::filesystem::create_directories(to.parent_path(), error);
+    std::filesystem::copy_file(from, to, std::filesystem::copy_options::overwrite_existing, error);
+    Check(!error, "cannot copy " + Utf8(from.wstring()) + " to " + Utf8(to.wstring()));
+  }
+
+  void WaitForFile(const WideValue& what) {
+    const std::wstring path = Expand(*Find(what, L"file"));
+    const auto* text = Find(what, L"contains");
+    const std::wstring wanted = text == nullptr ? std::wstring() : Expand(*text);
+    std::wstring content;
+    const bool came = WaitUntil(Seconds(what), [&] {
+      content = ReadIfThere(path);
+      return !content.empty() && content.find(wanted) != std::wstring::npos;
+    });
+    stage.console.Line("   " + Utf8(path) + " says:\n" + Utf8(content));
+    Check(came, Utf8(path) + " should say \"" + Utf8(wanted) + "\"");
+  }
+
+  void ExpectLog(const WideValue& expect) {
+    const auto* text = Find(expect, L"log");
+    if (text == nullptr) return;
+    const std::wstring wanted = Expand(*text);
+    Check(stage.log.WaitFor(wanted, Seconds(expect)),
+          "the log should say \"" + Utf8(wanted) + "\"");
+  }
+
+  static int Seconds(const WideValue& object) {
+    const auto* seconds = Find(object, L"seconds");
+    return seconds == nullptr ? kDefaultWait : seconds->GetInt();
+  }
+
+  void Check(bool happened, const std::string& expectation) {
+    if (happened) return;
+    succeeded = false;
+    stage.console.Failure(expectation);
+  }
+
+  const std::map<std::wstring, std::wstring>& definitions;
+  Stage& stage;
+  std::vector<std::unique_ptr<Helper>> helpers;
+  bool succeeded = true;
+};
+
+}  // namespace
+
+void LogRecorder::Add(const LogLine& line) {
+  const std::lock_guard guard(lock);
+  messages.push_back(line.message);
+}
+
+void LogRecorder::Clear() {
+  const std::lock_guard guard(lock);
+  messages.clear();
+}
+
+bool LogRecorder::WaitFor(const std::wstring& text, int seconds) const {
+  return WaitUntil(seconds, [&] {
+    const std::lock_guard guard(lock);
+    for (const std::wstring& message : messages) {
+      if (message.find(text) != std::wstring::npos) return true;
+    }
+    return false;
+  });
+}
+
+bool PlayScenario(const std::wstring& path, const std::map<std::wstring, std::wstring>& definitions,
+                  Stage& stage) {
+  Json::WideDocument document;
+  if (!Json::ParseJson(document, ReadTextFile(path))) {
+    throw std::runtime_error(Utf8(path) + " is not valid JSON");
+  }
+  const auto* steps = document.IsObject() ? Find(document, L"steps") : nullptr;
+  if (steps == nullptr || !steps->IsArray()) {
+    throw std::runtime_error(Utf8(path) + " has no \"steps\"");
+  }
+  try {
+    return Player(definitions, stage).Play(*steps);
+  } catch (const Json::Misuse&) {
+    throw std::runtime_error(Utf8(path) + ": a value is of the wrong type");
+  }
+}
+
+}  // namespace Vx::Host

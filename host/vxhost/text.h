@@ -1,0 +1,15 @@
+#pragma once
+
+#include <string>
+#include <string_view>
+
+namespace Vx::Host {
+
+// UTF-16 to UTF-8 and back; what is malformed becomes U+FFFD.
+std::string Utf8(std::wstring_view text);
+std::wstring Wide(std::string_view text);
+
+// The content of a text file as UTF-16, its byte-order mark taken away. Throws std::runtime_error.
+std::wstring ReadTextFile(const std::wstring& path);
+
+}  // namespace Vx::Host
