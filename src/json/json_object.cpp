@@ -182,7 +182,7 @@ std::wstring JsonValue::AsString() const {
 }
 
 double JsonValue::AsNumber() const {
-  const std::optional<Number> number = NumberOf(Require(JsonKind::Number).Text());
+  const std::optional<NumberVariant> number = NumberOf(Require(JsonKind::Number).Text());
   if (!number) throw winrt::hresult_error(kIllegalMethodCall);
   return std::visit([](auto value) { return static_cast<double>(value); }, *number);
 }

@@ -55,20 +55,20 @@ std::optional<double> Double(std::wstring_view spelling) {
 
 }  // namespace
 
-std::optional<Number> NumberOf(std::wstring_view spelling) {
+std::optional<NumberVariant> NumberOf(std::wstring_view spelling) {
   const bool negative = spelling.front() == L'-';
   const std::wstring_view digits = spelling.substr(negative ? 1 : 0);
   if (std::all_of(digits.begin(), digits.end(), IsDigit)) {
     constexpr std::uint64_t kMostNegative = std::uint64_t{1} << 63;
     const std::optional<std::uint64_t> magnitude = Magnitude(digits);
-    if (magnitude && !negative) return Number(*magnitude);
+    if (magnitude && !negative) return NumberVariant(*magnitude);
     if (magnitude && *magnitude <= kMostNegative) {
-      return Number(static_cast<std::int64_t>(0 - *magnitude));
+      return NumberVariant(static_cast<std::int64_t>(0 - *magnitude));
     }
   }
   const std::optional<double> value = Double(spelling);
   if (!value) return std::nullopt;
-  return Number(*value);
+  return NumberVariant(*value);
 }
 
 void Unescape(std::wstring_view spelling, std::wstring& out) {

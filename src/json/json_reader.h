@@ -21,7 +21,7 @@ inline constexpr std::size_t kMaxListNesting = kMaxNesting + 1;
 inline constexpr std::size_t kMaxTextLength = std::size_t{64} * 1024 * 1024;
 
 // A JSON number as the narrowest type that holds it exactly, or the nearest double.
-using Number = std::variant<std::int64_t, std::uint64_t, double>;
+using NumberVariant = std::variant<std::int64_t, std::uint64_t, double>;
 
 // A scalar of the text as it is spelled there; strings and keys without their quotes.
 struct Token {
@@ -31,7 +31,7 @@ struct Token {
 
 // The value of a number's spelling; empty when it is too large for a double. One that is too small
 // is zero. Whole numbers beyond 64 bits become doubles.
-std::optional<Number> NumberOf(std::wstring_view spelling);
+std::optional<NumberVariant> NumberOf(std::wstring_view spelling);
 
 // The value of a string's spelling.
 void Unescape(std::wstring_view spelling, std::wstring& out);

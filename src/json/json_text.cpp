@@ -19,7 +19,7 @@ class DocumentBuilder {
   bool Boolean(bool value) { return document.Bool(value); }
 
   bool Number(const Token& token) {
-    const std::optional<Json::Number> number = NumberOf(token.spelling);
+    const std::optional<NumberVariant> number = NumberOf(token.spelling);
     if (!number) return false;
     if (const auto* whole = std::get_if<std::uint64_t>(&*number)) {
       return *whole <= std::numeric_limits<unsigned>::max()

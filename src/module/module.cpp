@@ -1,0 +1,16 @@
+#include "host/vx_service.h"
+#include "service/orvane_service.h"
+
+#include <windows.h>
+
+// No exception may pass into the host, which another compiler built: it is told by a null pointer
+// that there is no service.
+extern "C" Vx::Tessel::Server::Services::VxService* VxCreateService() noexcept {
+  return Vx::Tessel::Server::Services::Orvane::OrvaneService::Create();
+}
+
+BOOL WINAPI DllMain(HINSTANCE module, DWORD reason, void* /*reserved*/) {
+  // Refused where the runtime has thread-local storage of its own; nothing is lost by that.
+  if (reason == DLL_PROCESS_ATTACH) DisableThreadLibraryCalls(module);
+  return TRUE;
+}

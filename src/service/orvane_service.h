@@ -1,0 +1,56 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+
+#include "host/vx_service.h"
+#include "json/json_text.h"
+#include "service/service_state.h"
+
+namespace Vx::Tessel::Server::Services::Orvane {
+
+// The service object that the host drives. Each operation hands its work to the component that
+// knows it; this class holds only what the tasks share.
+//
+// Any host thread may call any slot at any time after creation, also before Start. Nothing leaves a
+// slot as an exception, since the host's compiler could not catch it: what cannot be answered with a
+// result is logged.
+class OrvaneService final : public VxService {
+ public:
+  // A new service, to be freed through Destroy(1); null when memory ran out.
+  static OrvaneService* Create() noexcept;
+
+  // Signals both stop events and lets go of what the tasks share; running tasks keep it until they
+  // have noticed.
+  void* Destroy(unsigned flags) noexcept override;
+  std::uint32_t CreateClientContext(const wchar_t* clientId,
+                                    ClientContext** context) noexcept override;
+  std::uint32_t ReleaseClientContext(ClientContext** context) noexcept override;
+  std::uint32_t ExecuteCommand(ClientContext* context, std::uint32_t functionId,
+                               const wchar_t* request, wchar_t** response,
+                               CompletionCallback* callback) noexcept override;
+
+  // Starts the detached `startup_task` thread. A thread that cannot be made is logged; the service
+  // stays usable for commands.
+  void Start() noexcept override;
+  void power_event_task(std::uint32_t eventType) noexcept override;
+  bool oobe_event_task() noexcept override;
+  void OnSessionChange(std::uint32_t code) noexcept override;
+
+  // The store's power and platform ("Zephra") subscriptions. The second text is not used. Always 0.
+  int RegisterPowerEvent(const wchar_t* request, const wchar_t* clientId);
+  int UnregisterPowerEvent(const wchar_t* request, const wchar_t* clientId);
+  void FulfillPowerManagementEventRequests(std::uint32_t eventType);
+  int RegisterZephraEvent(const wchar_t* request, const wchar_t* clientId);
+  int UnregisterZephraEvent(const wchar_t* request, const wchar_t* clientId);
+  void FulfillZephraManagementEventRequests(std::uint32_t eventType);
+  int OnPolicyChangedEvent(const wchar_t* request, const wchar_t* clientId);
+
+ private:
+  OrvaneService();
+  ~OrvaneService();
+
+  std::shared_ptr<ServiceState> state;
+};
+
+}  // namespace Vx::Tessel::Server::Services::Orvane

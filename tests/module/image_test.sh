@@ -1,0 +1,46 @@
+#!/bin/sh
+# image_test.sh OBJDUMP DLL EXPORTS CONFIG: what the module's file promises to those who load it.
+set -u
+objdump=$1 dll=$2 exports=$3 config=$4
+failures=0
+fail() {
+  echo "failed: $*"
+  failures=$((failures + 1))
+}
+headers=$("$objdump" -p "$dll") || exit 1
+
+# Libraries of Windows itself; anything else would have to be shipped beside the module.
+windows='advapi32 bcrypt crypt32 kernel32 msvcrt ntdll ole32 oleaut32 rpcrt4 shell32 shlwapi user32
+userenv version wintrust wtsapi32'
+for import in $(echo "$headers" | sed -n 's/^.*DLL Name: *//p' | tr 'A-Z' 'a-z'); do
+  case $import in
+    api-ms-win-*.dll) ;;
+    *) echo "$windows" | tr ' ' '\n' | grep -qx "${import%.dll}" || fail "imports $import" ;;
+  esac
+done
+
+found=$(echo "$headers" |
+  sed -n '/^\[Ordinal\/Name Pointer\]/,/^$/s/^[[:space:]]*\[ *[0-9]*\] *//p' | sort)
+wanted=$(sort "$exports")
+[ "$found" = "$wanted" ] || fail "exports differ from exports.txt:
+$found"
+
+flags=$(echo "$headers" | sed -n 's/^DllCharacteristics[[:space:]]*//p')
+for bit in 0x20 0x40 0x100; do # high-entropy addresses, relocatable, no code in data
+  [ $((0x$flags & bit)) -ne 0 ] || fail "DllCharacteristics $flags lack $bit"
+done
+
+# The version resource is UTF-16; without its zero bytes its texts can be looked for as they are.
+texts=$(tr -d '\000' <"$dll" | strings)
+for text in 1.73.4044.0 'Vexmoor Inc.' FileVersion ProductVersion OrvaneService.dll; do
+  echo "$texts" | grep -qF "$text" || fail "no \"$text\" in the version resource"
+done
+
+if [ "$config" = Release ]; then
+  "$objdump" -t "$dll" 2>&1 | grep -q 'no symbols' || fail "is not stripped"
+  size=$(wc -c <"$dll")
+  [ "$size" -lt 1048576 ] || fail "has $size bytes, a MiB or more"
+fi
+
+[ "$failures" -eq 0 ] && echo passed
+exit "$failures"

@@ -1,0 +1,314 @@
+// Drives the module as its host does: through one export and the slots of a table, by number. Plain
+// C without a header of this project, so that no class declaration can hide a change of the contract.
+#include <stdint.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <wchar.h>
+
+#include <windows.h>
+
+enum {
+  kDestroy,
+  kCreateClientContext,
+  kReleaseClientContext,
+  kExecuteCommand,
+  kFreeResponse,
+  kStart,
+  kPowerEvent,
+  kReserved7,
+  kOobeEvent,
+  kSessionChange,
+  kReserved10
+};
+
+typedef struct Service {
+  void** slots;
+} Service;
+typedef Service* (*Factory)(void);
+typedef void* (*Destroy)(Service*, unsigned);
+typedef uint32_t (*CreateContext)(Service*, const wchar_t*, void**);
+typedef uint32_t (*ReleaseContext)(Service*, void**);
+typedef uint32_t (*Execute)(Service*, void*, uint32_t, const wchar_t*, wchar_t**, void*);
+typedef void (*Free)(Service*, void*);
+typedef void (*Notify)(Service*, uint32_t);
+
+// The host's callable: 64 bytes, whose last word points at the held object.
+typedef struct Held {
+  void* const* table;
+  int destroyed;
+  int outside;
+  int called;
+} Held;
+typedef struct Callback {
+  char storage[56];
+  Held* held;
+} Callback;
+
+static void Called(Held* held) { ++held->called; }
+static void DeleteThis(Held* held, char outsideTheObject) {
+  ++held->destroyed;
+  held->outside = outsideTheObject;
+}
+static void* const kHeldTable[] = {(void*)&Called, (void*)&Called, (void*)&Called, (void*)&Called,
+                                   (void*)&DeleteThis};
+
+static int failures;
+static const char* current = "";
+#define CHECK(condition)                                                       \
+  do {                                                                         \
+    if (!(condition)) {                                                        \
+      ++failures;                                                              \
+      printf("%s: line %d: failed: %s\n", current, __LINE__, #condition);      \
+    }                                                                          \
+  } while (0)
+
+static Factory factory;
+
+static Service* Make(void) {
+  Service* service = factory();
+  CHECK(service != NULL);
+  if (service == NULL) exit(1);
+  return service;
+}
+
+static void Unmake(Service* service) {
+  CHECK(((Destroy)service->slots[kDestroy])(service, 1) == (void*)service);
+}
+
+static void* Context(Service* service, const wchar_t* clientId) {
+  void* context = NULL;
+  CHECK(((CreateContext)service->slots[kCreateClientContext])(service, clientId, &context) == 0);
+  return context;
+}
+
+static void Release(Service* service, void* context) {
+  void* copy = context;
+  CHECK(((ReleaseContext)service->slots[kReleaseClientContext])(service, &copy) == 0);
+  CHECK(copy == context);
+}
+
+static void ContextsCarryACopyOfTheCallersIdentity(void) {
+  wchar_t longest[65];
+  Service* service = Make();
+  wmemset(longest, L'x', 64);
+  longest[64] = 0;
+  const struct {
+    const wchar_t* given;
+    const wchar_t* kept;
+  } cases[] = {{L"client", L"client"}, {L"", L""}, {NULL, L""}, {longest, longest}};
+  for (size_t i = 0; i < sizeof cases / sizeof *cases; ++i) {
+    wchar_t** context = Context(service, cases[i].given);
+    CHECK(context != NULL && wcscmp(*context, cases[i].kept) == 0 && *context != cases[i].given);
+    Release(service, context);
+  }
+  CHECK(((CreateContext)service->slots[kCreateClientContext])(service, L"x", NULL) == 0);
+  CHECK(((ReleaseContext)service->slots[kReleaseClientContext])(service, NULL) == 0);
+  Release(service, NULL);
+  Unmake(service);
+}
+
+static wchar_t* const kUntouched = (wchar_t*)0x5a5a5a5a;
+
+static void CommandsAnswerAndDestroyTheirCallbackOnce(void) {
+  static const struct {
+    uint32_t id;
+    const wchar_t* request;
+    int withContext, withResponse;
+    uint32_t result;
+    const wchar_t* response;  // null: a null pointer; "?": untouched
+  } kCases[] = {
+      {22, L"{}", 1, 1, 0, L"{\"result\":{\"getVersion\":\"1.73.4044.0\"}}"},
+      {20, L"{}", 1, 1, 0, L"{\"result\":{\"power_events\":[],\"zephra_events\":[]}}"},
+      {21, L"{}", 1, 1, 0, L"{\"result\":{\"sleepState\":0}}"},
+      {12, L"not JSON", 1, 1, 0, L"{\"result\":{\"launched\":false}}"},
+      {13, L"{\"launched\":true}", 1, 1, 0, L"{}"},
+      {12, L"{}", 1, 1, 0, L"{\"result\":{\"launched\":true}}"},
+      {13, L"{\"launched\":1}", 1, 1, 0x20000002, L"{}"},
+      {9, L"{\"powerEventType\":7}", 1, 1, 0, L"{}"},
+      {20, L"{}", 1, 1, 0,
+       L"{\"result\":{\"power_events\":[{\"powerEventType\":7}],\"zephra_events\":[]}}"},
+      {19, L"{\"powerEventType\":7}", 1, 1, 0, L"{}"},
+      {20, L"{}", 1, 1, 0, L"{\"result\":{\"power_events\":[],\"zephra_events\":[]}}"},
+      {1, L"{}", 1, 1, 0x20000001, L"{}"},
+      {23, L"{}", 1, 1, 0x20000001, L"{}"},
+      {4294967295u, L"{}", 1, 1, 0x20000001, L"{}"},
+      {23, L"{", 1, 1, 0x20000003, NULL},
+      {22, L"", 1, 1, 0x20000003, NULL},
+      {22, NULL, 1, 1, 0x20000002, L"?"},
+      {22, L"{}", 0, 1, 0x20000002, L"?"},
+      {22, L"{}", 1, 0, 0x20000002, L"?"},
+  };
+  Service* service = Make();
+  void* context = Context(service, L"client");
+  for (size_t i = 0; i < sizeof kCases / sizeof *kCases; ++i) {
+    char name[64];
+    sprintf(name, "row %u, id %u", (unsigned)i, kCases[i].id);
+    current = name;
+    wchar_t* response = kUntouched;
+    Held held = {kHeldTable, 0, 0, 0};
+    Callback callback = {{0}, &held};
+    CHECK(((Execute)service->slots[kExecuteCommand])(
+              service, kCases[i].withContext ? context : NULL, kCases[i].id, kCases[i].request,
+              kCases[i].withResponse ? &response : NULL, &callback) == kCases[i].result);
+    CHECK(held.destroyed == 1 && held.outside == 1 && held.called == 0 && callback.held == NULL);
+    if (kCases[i].response == NULL) {
+      CHECK(response == NULL);
+    } else if (kCases[i].response[0] == L'?') {
+      CHECK(response == kUntouched);
+    } else {
+      CHECK(response != NULL && response != kUntouched &&
+            wcscmp(response, kCases[i].response) == 0);
+      ((Free)service->slots[kFreeResponse])(service, response);
+    }
+  }
+  current = "";
+  ((Free)service->slots[kFreeResponse])(service, NULL);
+  Release(service, context);
+  Unmake(service);
+}
+
+static void ACallableInsideTheCallbackIsNotFreed(void) {
+  Service* service = Make();
+  Callback callback;
+  Held* inside = (Held*)callback.storage;
+  memset(&callback, 0, sizeof callback);
+  inside->table = kHeldTable;
+  callback.held = inside;
+  ((Execute)service->slots[kExecuteCommand])(service, NULL, 22, NULL, NULL, &callback);
+  CHECK(inside->destroyed == 1 && inside->outside == 0);
+  callback.held = NULL;
+  ((Execute)service->slots[kExecuteCommand])(service, NULL, 22, NULL, NULL, &callback);
+  ((Execute)service->slots[kExecuteCommand])(service, NULL, 22, NULL, NULL, NULL);
+  Unmake(service);
+}
+
+static void NotificationsAreTakenInAnyState(void) {
+  Service* service = Make();
+  ((Notify)service->slots[kPowerEvent])(service, 10);
+  ((Notify)service->slots[kReserved7])(service, 0);
+  ((Notify)service->slots[kSessionChange])(service, 5);
+  ((Notify)service->slots[kSessionChange])(service, 6);
+  ((Notify)service->slots[kSessionChange])(service, 7);
+  ((Notify)service->slots[kReserved10])(service, 0);
+  Unmake(service);
+}
+
+// The highest handle value that Windows gives out now: free values are reused from below, so a
+// growth of this figure is a handle that was left open. A count of handles is not kept everywhere.
+static uintptr_t HighestHandle(void) {
+  HANDLE events[64];
+  uintptr_t highest = 0;
+  for (int i = 0; i < 64; ++i) {
+    events[i] = CreateEventW(NULL, TRUE, FALSE, NULL);
+    if ((uintptr_t)events[i] > highest) highest = (uintptr_t)events[i];
+  }
+  for (int i = 0; i < 64; ++i) CloseHandle(events[i]);
+  return highest;
+}
+
+static void UseOnce(void) {
+  Service* service = Make();
+  void* context = Context(service, L"client");
+  wchar_t* response = NULL;
+  ((Execute)service->slots[kExecuteCommand])(service, context, 20, L"{}", &response, NULL);
+  ((Free)service->slots[kFreeResponse])(service, response);
+  Release(service, context);
+  Unmake(service);
+}
+
+static void AHundredServicesLeaveNoHandle(void) {
+  for (int i = 0; i < 3; ++i) UseOnce();  // what the system keeps for a process comes first
+  const uintptr_t before = HighestHandle();
+  for (int i = 0; i < 100; ++i) UseOnce();
+  CHECK(HighestHandle() == before);
+}
+
+static void ARunningServiceEndsWithItsThreads(void) {
+  for (int i = 0; i < 5; ++i) {
+    Service* service = Make();
+    ((Notify)service->slots[kStart])(service, 0);
+    Unmake(service);
+  }
+}
+
+// Points %programdata% at a fresh folder, so that the store is this program's own.
+static void UseStoreOfOwn(wchar_t* folder) {
+  wchar_t temp[MAX_PATH];
+  GetTempPathW(MAX_PATH, temp);
+  swprintf(folder, MAX_PATH, L"%lsvx-slots-%lu", temp, (unsigned long)GetCurrentProcessId());
+  CreateDirectoryW(folder, NULL);
+  SetEnvironmentVariableW(L"ProgramData", folder);
+}
+
+static void RemoveStore(const wchar_t* folder) {
+  static const wchar_t* const kParts[] = {L"\\Vx\\SharedServices", L"\\Vx", L""};
+  wchar_t path[MAX_PATH];
+  swprintf(path, MAX_PATH, L"%ls\\Vx\\SharedServices\\shared_store.dat", folder);
+  DeleteFileW(path);
+  for (int i = 0; i < 3; ++i) {
+    swprintf(path, MAX_PATH, L"%ls%ls", folder, kParts[i]);
+    CHECK(RemoveDirectoryW(path));
+  }
+}
+
+static DWORD RunSelf(const wchar_t* argument) {
+  wchar_t self[MAX_PATH], line[2 * MAX_PATH];
+  STARTUPINFOW startup = {sizeof startup};
+  PROCESS_INFORMATION process;
+  DWORD code = 0;
+  GetModuleFileNameW(NULL, self, MAX_PATH);
+  swprintf(line, 2 * MAX_PATH, L"\"%ls\" %ls", self, argument);
+  if (!CreateProcessW(self, line, NULL, NULL, FALSE, 0, NULL, NULL, &startup, &process)) return 0;
+  if (WaitForSingleObject(process.hProcess, 60000) != WAIT_OBJECT_0) {
+    TerminateProcess(process.hProcess, 0);
+  }
+  GetExitCodeProcess(process.hProcess, &code);
+  CloseHandle(process.hThread);
+  CloseHandle(process.hProcess);
+  return code;
+}
+
+// Returns 0, which the parent takes as a failure, when the process was not ended.
+static int PassAnIdentityThatIsTooLong(void) {
+  wchar_t tooLong[66];
+  void* context = NULL;
+  Service* service = factory();
+  wmemset(tooLong, L'x', 65);
+  tooLong[65] = 0;
+  ((CreateContext)service->slots[kCreateClientContext])(service, tooLong, &context);
+  return 0;
+}
+
+static HMODULE LoadBesideTests(void) {
+  wchar_t path[MAX_PATH];
+  GetModuleFileNameW(NULL, path, MAX_PATH);
+  *wcsrchr(path, L'\\') = 0;
+  wcscpy(wcsrchr(path, L'\\'), L"\\bin\\OrvaneService.dll");
+  return LoadLibraryW(path);
+}
+
+int main(int argc, char** argv) {
+  wchar_t store[MAX_PATH];
+  HMODULE module = LoadBesideTests();
+  if (module == NULL) {
+    printf("the module cannot be loaded: error %lu\n", (unsigned long)GetLastError());
+    return 1;
+  }
+  factory = (Factory)(void*)GetProcAddress(module, "VxCreateService");
+  CHECK(factory != NULL);
+  if (factory == NULL) return 1;
+  if (argc > 1 && strcmp(argv[1], "--too-long") == 0) return PassAnIdentityThatIsTooLong();
+
+  UseStoreOfOwn(store);
+  ContextsCarryACopyOfTheCallersIdentity();
+  CommandsAnswerAndDestroyTheirCallbackOnce();
+  ACallableInsideTheCallbackIsNotFreed();
+  NotificationsAreTakenInAnyState();
+  AHundredServicesLeaveNoHandle();
+  ARunningServiceEndsWithItsThreads();
+  CHECK(RunSelf(L"--too-long") != 0);
+  RemoveStore(store);
+  printf(failures == 0 ? "passed\n" : "%d checks failed\n", failures);
+  return failures != 0;
+}

@@ -1,0 +1,216 @@
+#include "service/dispatch.h"
+
+#include <string>
+#include <vector>
+
+#include <gmock/gmock.h>
+
+#include "platform/machine.h"
+#include "platform/system_services.h"
+#include "service_fixture.h"
+#include "storage/cap_data_store.h"
+
+namespace Vx::Tests {
+namespace {
+
+using Tessel::Server::Storage::BsonElement;
+using Tessel::Server::Storage::CapDataStore;
+using testing::Contains;
+using testing::HasSubstr;
+
+constexpr std::uint32_t kUnsupported = 0x20000001;
+constexpr std::uint32_t kFailed = 0x20000002;
+constexpr std::uint32_t kInvalid = 0x20000003;
+constexpr std::uint32_t kNoApiSet = 0x2000000A;
+
+class FakeApiSets : public Platform::ApiSets {
+ public:
+  bool IsPresent(const std::wstring& name) const override {
+    return name != Platform::kSessionApiSet || sessions;
+  }
+  bool sessions = true;
+};
+
+class DispatchTest : public testing::Test, protected ServiceFixture {
+ protected:
+  bool NeedsSessions(std::uint32_t id) const { return id < 18 && ((0x22D08U >> id) & 1U) != 0; }
+  bool IgnoresBadJson(std::uint32_t id) const { return id < 13 && ((0x1D01U >> id) & 1U) != 0; }
+
+  FakeApiSets apiSets;
+  Platform::MachineScope scope{[this](Platform::Machine& machine) { machine.apiSets = &apiSets; }};
+};
+
+TEST_F(DispatchTest, IdsThatNeedSessionsStopBeforeAnythingElseIsLookedAt) {
+  apiSets.sessions = false;
+  for (std::uint32_t id = 0; id < 25; ++id) {
+    SCOPED_TRACE(id);
+    // Everything else is wrong with these calls, so that the order of the checks shows.
+    const Reply reply = Execute(id, nullptr, nullptr);
+    EXPECT_EQ(reply.result, NeedsSessions(id) ? kNoApiSet : kFailed);
+    EXPECT_TRUE(reply.untouched);
+  }
+}
+
+TEST_F(DispatchTest, ANullContextRequestOrResponseIsRefusedBeforeParsing) {
+  for (std::uint32_t id = 0; id < 25; ++id) {
+    SCOPED_TRACE(id);
+    const Reply noContext = Execute(id, L"{", nullptr);
+    EXPECT_EQ(noContext.result, kFailed);
+    EXPECT_TRUE(noContext.untouched);
+    log.Clear();
+    const Reply noRequest = Execute(id, nullptr);
+    EXPECT_EQ(noRequest.result, kFailed);
+    EXPECT_TRUE(noRequest.untouched);
+    EXPECT_EQ(service->ExecuteCommand(context, id, nullptr, nullptr, nullptr), kFailed);
+    const std::wstring prefix =
+        L"warning|class Vx::Tessel::Server::Services::Orvane::OrvaneService.NullChecker - ";
+    EXPECT_THAT(log.Lines(), Contains(prefix + L"message cannot be null").Times(2));
+    EXPECT_THAT(log.Lines(), Contains(prefix + L"outString cannot be null").Times(1));
+  }
+}
+
+TEST_F(DispatchTest, OnlyCommandsWithoutArgumentsAcceptWhatIsNoJson) {
+  static const std::wstring kTexts[] = {
+      L"",
+      L" ",
+      L"{",
+      L"{}{}",
+      L"{'a':1}",
+      L"{\"a\":1,}",
+      L"// comment\n{}",
+      L"{\"a\":\"\\uDC00\"}",
+      L"{\"a\":\"\\uD800\"}",
+      L"{\"a\":\"\xd800\"}",
+      L"{\"a\":\"\x0001\"}",
+      L"1e400",
+      L"nul",
+      std::wstring(100000, L'['),
+      std::wstring(100000, L'[') + std::wstring(100000, L']'),
+      std::wstring(129, L'[') + std::wstring(129, L']'),
+      L"{\"commandParams\":" + std::wstring(100000, L'[') + std::wstring(100000, L']') + L"}",
+      L"\"" + std::wstring(1024 * 1024, L'x') + L"\"",
+  };
+  for (std::uint32_t id = 0; id < 25; ++id) {
+    for (const std::wstring& text : kTexts) {
+      SCOPED_TRACE(testing::Message() << "id " << id << ", " << text.substr(0, 20).c_str());
+      const Reply reply = Execute(id, text.c_str());
+      EXPECT_EQ(reply.result == kInvalid, !IgnoresBadJson(id));
+      EXPECT_EQ(reply.response.has_value(), IgnoresBadJson(id));
+      EXPECT_FALSE(reply.untouched);
+    }
+  }
+}
+
+TEST_F(DispatchTest, AValidRequestThatLooksOddIsAnswered) {
+  static const std::wstring kTexts[] = {
+      L"null",
+      L"7",
+      L"[]",
+      L" {} ",
+      L"{\"a\":1,\"a\":2}",
+      L"{\"a\":\"\\u0000\"}",
+      L"{\"a\":\"\\uD83D\\uDE00\"}",
+      L"{\"a\":1e-400}",
+      L"{\"a\":-" + std::wstring(300, L'9') + L"}",
+      L"{\"a\":0." + std::wstring(5000, L'3') + L"}",
+      std::wstring(128, L'[') + std::wstring(128, L']'),
+  };
+  for (const std::wstring& text : kTexts) {
+    SCOPED_TRACE(testing::PrintToString(text.substr(0, 30)));
+    EXPECT_EQ(Execute(22, text.c_str()).response, L"{\"result\":{\"getVersion\":\"1.73.4044.0\"}}");
+    EXPECT_THAT(Execute(12, text.c_str()).response, L"{\"result\":{\"launched\":false}}");
+    EXPECT_EQ(Execute(13, text.c_str()).result, kFailed);
+    EXPECT_EQ(Execute(23, text.c_str()).result, kUnsupported);
+  }
+}
+
+TEST_F(DispatchTest, AnUnknownIdIsReportedAndAnsweredWithAnEmptyObject) {
+  for (const std::uint32_t id : {1U, 23U, 24U, 0x80000000U, 0xFFFFFFFFU}) {
+    SCOPED_TRACE(id);
+    log.Clear();
+    const Reply reply = Execute(id, L"{}");
+    EXPECT_EQ(reply.result, kUnsupported);
+    EXPECT_EQ(reply.response, L"{}");
+    EXPECT_TRUE(log.Has(L"error|class Vx::Tessel::Server::Services::Orvane::OrvaneService."
+                        L"ExecuteCommand - Unsupported Function call " +
+                        std::to_wstring(static_cast<int>(id))));
+    EXPECT_THAT(log.Callers(), testing::Each(L"client"));
+  }
+}
+
+TEST_F(DispatchTest, EachRefusalSaysWhichIdAndKeyAndWhatWasWrong) {
+  static constexpr struct {
+    std::uint32_t id;
+    const wchar_t* request;
+    const wchar_t* line;
+  } kCases[] = {
+      {13, L"{}", L"function id 13: launched is missing (result 0x20000002)"},
+      {13, L"{\"launched\":null}", L"function id 13: launched is null (result 0x20000002)"},
+      {13, L"{\"launched\":1}", L"function id 13: launched is not a boolean (result 0x20000002)"},
+      {9, L"{", L"function id 9: message is not valid JSON (result 0x20000003)"},
+      {9, nullptr, L"function id 9: message is null (result 0x20000002)"},
+      {99, L"{}", L"function id 99: functionId names no command (result 0x20000001)"},
+      {6, L"{}", L"function id 6: packageFamilyName is missing (result 0x00000000)"},
+  };
+  for (const auto& c : kCases) {
+    SCOPED_TRACE(testing::PrintToString(c.line));
+    log.Clear();
+    Execute(c.id, c.request);
+    const std::wstring line =
+        L"error|class Vx::Tessel::Server::Services::Orvane::OrvaneService.ExecuteCommand - ";
+    EXPECT_THAT(log.Lines(), Contains(line + c.line).Times(1));
+  }
+}
+
+TEST_F(DispatchTest, SubscriptionsAreListedAsTheyWereSentUntilTheyAreTakenBack) {
+  const std::wstring power = L"{\"powerEventType\":7,\"x\":\"\\u00e4\"}";
+  EXPECT_EQ(Execute(9, power.c_str()).response, L"{}");
+  EXPECT_EQ(Execute(14, L"{\"zephraEventType\":1}").response, L"{}");
+  EXPECT_EQ(Execute(14, L"{\"zephraEventType\":2}").response, L"{}");
+  EXPECT_EQ(Execute(20, L"{}").response,
+            L"{\"result\":{\"power_events\":[{\"powerEventType\":7,\"x\":\"\x00e4\"}],"
+            L"\"zephra_events\":[{\"zephraEventType\":1},{\"zephraEventType\":2}]}}");
+  EXPECT_EQ(Execute(19, power.c_str()).result, 0U);
+  EXPECT_EQ(Execute(15, L"{\"zephraEventType\":1}").result, 0U);
+  EXPECT_EQ(Execute(20, L"{}").response,
+            L"{\"result\":{\"power_events\":[],\"zephra_events\":[{\"zephraEventType\":2}]}}");
+}
+
+TEST_F(DispatchTest, SubscriptionsThatDoNotFitIntoAResponseAreAFailureWithoutAnAnswer) {
+  // {"result":{"power_events":[{"x":"..."}],"zephra_events":[]}}
+  constexpr std::size_t kAround = 60;
+  const auto request = [](std::size_t length) {
+    return L"{\"x\":\"" + std::wstring(length, L'x') + L"\"}";
+  };
+  const std::wstring fits = request(65536 - kAround + 1);
+  ASSERT_EQ(Execute(9, fits.c_str()).result, 0U);
+  const Reply reply = Execute(20, L"{}");
+  EXPECT_EQ(reply.result, 0U);
+  ASSERT_TRUE(reply.response.has_value());
+  EXPECT_EQ(reply.response->size(), 65536U);
+
+  ASSERT_EQ(Execute(19, fits.c_str()).result, 0U);
+  ASSERT_EQ(Execute(9, request(65536 - kAround + 2).c_str()).result, 0U);
+  log.Clear();
+  const Reply tooLong = Execute(20, L"{}");
+  EXPECT_EQ(tooLong.result, kFailed);
+  EXPECT_EQ(tooLong.response, L"{}");
+  EXPECT_THAT(log.Lines(), Contains(HasSubstr(L"GetSubscriptions threw exception the stored "
+                                              L"requests do not fit into a response")));
+}
+
+TEST_F(DispatchTest, TheSleepStateIsWhatAnotherServiceStored) {
+  EXPECT_EQ(Execute(21, L"{}").response, L"{\"result\":{\"sleepState\":0}}");
+  CapDataStore().persist("sleep_state", BsonElement::Int32(-4));
+  EXPECT_EQ(Execute(21, L"{}").response, L"{\"result\":{\"sleepState\":-4}}");
+  CapDataStore().persist("sleep_state", BsonElement::Text(std::string_view("4")));
+  EXPECT_EQ(Execute(21, L"{}").response, L"{\"result\":{\"sleepState\":0}}");
+}
+
+TEST_F(DispatchTest, APolicyChangeIsMarkedInTheStore) {
+  EXPECT_EQ(Execute(16, L"{}").response, L"{}");
+  EXPECT_EQ(CapDataStore().readText("orvane_service_policy_changed_event"), L"yes");
+}
+
+}  // namespace
+}  // namespace Vx::Tests

@@ -1,0 +1,88 @@
+#include "service/orvane_service.h"
+
+#include <chrono>
+#include <string>
+
+#include <gmock/gmock.h>
+
+#include "platform/machine.h"
+#include "platform/system_services.h"
+#include "service_fixture.h"
+#include "simulator/virtual_clock.h"
+
+namespace Vx::Tests {
+namespace {
+
+using namespace std::chrono_literals;  // NOLINT(google-build-using-namespace)
+using testing::Contains;
+
+const std::wstring kNotCompleted = L"info|OrvaneService: OOBE not completed: 0";
+const std::wstring kCompleted = L"info|OrvaneService: Verified that OOBE completed.";
+const std::wstring kTerminated =
+    L"info|Vx::Tessel::Server::Services::Orvane::OrvaneService::startup_task: terminated (OOBE "
+    L"Completed test)";
+
+class FakeOobe : public Platform::Oobe {
+ public:
+  State Query() const override { return state; }
+  State state;
+};
+
+class FaultyThreads : public Platform::Threads {
+ public:
+  Platform::Result<Platform::UniqueHandle> Start(std::function<void()> body) override {
+    if (refuse) return Platform::Result<Platform::UniqueHandle>::Failure(11);
+    return Platform::WindowsMachine().threads->Start(std::move(body));
+  }
+  bool refuse = false;
+};
+
+class OrvaneServiceTest : public testing::Test {
+ protected:
+  Simulator::VirtualClock clock;
+  FakeOobe oobe;
+  FaultyThreads threads;
+  Platform::MachineScope scope{[this](Platform::Machine& machine) {
+    machine.clock = &clock;
+    machine.oobe = &oobe;
+    machine.threads = &threads;
+  }};
+  ServiceFixture host;
+};
+
+TEST_F(OrvaneServiceTest, WaitsForTheEndOfOobeAndSaysSoOnceAMinute) {
+  static constexpr Platform::Oobe::State kNotOver[] = {
+      {.known = true, .complete = false}, {.known = false, .complete = true}};
+  for (const auto& state : kNotOver) {
+    host.log.Clear();
+    oobe.state = state;
+    host.service->Start();
+    clock.Advance(60s);
+    EXPECT_EQ(host.log.Lines().size(), 2U);
+    clock.Advance(1s);
+    EXPECT_FALSE(host.log.Has(kCompleted));
+    oobe.state = {.known = true, .complete = true};
+    clock.Advance(1s);
+    EXPECT_TRUE(host.log.Has(kCompleted));
+  }
+}
+
+TEST_F(OrvaneServiceTest, EndsTheWaitForOobeWithTheService) {
+  host.service->Start();
+  clock.Advance(3s);
+  host.End();
+  clock.Settle();
+  EXPECT_EQ(clock.Workers(), 0U);
+  EXPECT_TRUE(host.log.Has(kTerminated));
+  EXPECT_THAT(host.log.Lines(), Contains(kNotCompleted).Times(1));
+}
+
+TEST_F(OrvaneServiceTest, AThreadThatCannotBeMadeIsLoggedAndCommandsStillWork) {
+  threads.refuse = true;
+  host.service->Start();
+  EXPECT_THAT(host.log.Lines(), Contains(testing::HasSubstr(L"OrvaneService.Start threw")));
+  EXPECT_EQ(host.Execute(22, L"{}").result, 0U);
+}
+
+}  // namespace
+}  // namespace Vx::Tests
