@@ -39,7 +39,7 @@ std::uint32_t MakeClientContext(const wchar_t* clientId, ClientContext** context
 
 std::uint32_t FreeClientContext(ClientContext** context) noexcept {
   if (context == nullptr || *context == nullptr) return kSuccess;
-  delete[] (*context)->clientId;
+  delete[](*context)->clientId;
   delete *context;
   return kSuccess;
 }

@@ -11,9 +11,9 @@ namespace Vx::Tessel::Server::Services::Orvane {
 inline constexpr std::size_t kMaxClientIdLength = 64;
 
 // Makes the record that carries a caller's identity (null counts as empty) and answers 0; nothing
-// happens for a null `context`. An identity that is too long breaks the host's contract and ends the
-// process: a shortened one could be mistaken for somebody else's. Out of memory answers 0x20000002
-// and a null record.
+// happens for a null `context`. An identity that is too long breaks the host's contract and ends
+// the process: a shortened one could be mistaken for somebody else's. Out of memory answers
+// 0x20000002 and a null record.
 std::uint32_t MakeClientContext(const wchar_t* clientId, ClientContext** context) noexcept;
 
 // Frees the record and its text; nulls are allowed. Answers 0.

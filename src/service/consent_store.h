@@ -4,8 +4,8 @@
 
 namespace Vx::Tessel::Server {
 
-// The machine policy on telling others about the owner's registration. Every call reads the registry
-// afresh; any thread.
+// The machine policy on telling others about the owner's registration. Every call reads the
+// registry afresh; any thread.
 class ConsentStore {
  public:
   // The text of a value below HKEY_LOCAL_MACHINE; empty when the key or the value is missing, or

@@ -44,8 +44,9 @@ const Json::WideValue* FindMember(const Json::WideDocument& document, const wcha
 }
 
 // The shape of the request readers: the text under `key`, empty when it cannot be read.
-std::wstring_view ReadText(const Json::WideDocument* document, const wchar_t* key, const char* reader,
-                           const char* resultName, const RequestCaller& caller) {
+std::wstring_view ReadText(const Json::WideDocument* document, const wchar_t* key,
+                           const char* reader, const char* resultName,
+                           const RequestCaller& caller) {
   if (NullChecker({{document, "document"}, {caller.className, "className"}}, caller)) return {};
   const wchar_t* text = nullptr;
   if (ParseJsonValue(document, key, &text, caller)) return text;
@@ -143,7 +144,8 @@ std::wstring LaunchQuboWithParameterRequest(const Json::WideDocument* document,
                                "parsed_parameter", caller));
 }
 
-std::wstring IsUwpInstalledRequest(const Json::WideDocument* document, const RequestCaller& caller) {
+std::wstring IsUwpInstalledRequest(const Json::WideDocument* document,
+                                   const RequestCaller& caller) {
   return std::wstring(ReadText(document, L"packageFamilyName", "IsUwpInstalledRequest",
                                "parsed_package_family_name", caller));
 }

@@ -4,7 +4,6 @@
 #include <memory>
 
 #include "host/vx_service.h"
-#include "json/json_text.h"
 #include "service/service_state.h"
 
 namespace Vx::Tessel::Server::Services::Orvane {
@@ -13,8 +12,8 @@ namespace Vx::Tessel::Server::Services::Orvane {
 // knows it; this class holds only what the tasks share.
 //
 // Any host thread may call any slot at any time after creation, also before Start. Nothing leaves a
-// slot as an exception, since the host's compiler could not catch it: what cannot be answered with a
-// result is logged.
+// slot as an exception, since the host's compiler could not catch it: what cannot be answered with
+// a result is logged.
 class OrvaneService final : public VxService {
  public:
   // A new service, to be freed through Destroy(1); null when memory ran out.

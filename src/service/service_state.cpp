@@ -16,9 +16,7 @@ Platform::UniqueHandle MakeStopEvent() {
 
 }  // namespace
 
-ServiceState::ServiceState()
-    : stopEvent(MakeStopEvent()),
-      sessionStopEvent(MakeStopEvent()) {
+ServiceState::ServiceState() : stopEvent(MakeStopEvent()), sessionStopEvent(MakeStopEvent()) {
   logger = Logging::LogManager::GetLogger();
 }
 

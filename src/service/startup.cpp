@@ -24,8 +24,8 @@ constexpr char kStartupTask[] = "Vx::Tessel::Server::Services::Orvane::OrvaneSer
 constexpr std::chrono::milliseconds kOobePoll{1000};
 constexpr int kPollsPerLogLine = 60;
 
-// Polls until first-run set-up is over; a query that Windows refuses counts as "not yet". False when
-// the service ends first.
+// Polls until first-run set-up is over; a query that Windows refuses counts as "not yet". False
+// when the service ends first.
 bool WaitForOobe(const ServiceState& state) {
   const auto& machine = Platform::CurrentMachine();
   for (int poll = 0;; ++poll) {

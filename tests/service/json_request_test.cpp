@@ -90,9 +90,9 @@ TEST_F(JsonRequestTest, EveryReaderReportsWhatIsWrongInTheSameWords) {
 }
 
 TEST_F(JsonRequestTest, AKeyNameBecomesUtf8) {
-  EXPECT_EQ(SkipAutoLaunchCriteriaRequest(Parse(L"{\"keyName\":\"\x00e4\x20ac\xd83d\xde00\"}"),
-                                          caller),
-            "\xc3\xa4\xe2\x82\xac\xf0\x9f\x98\x80");
+  EXPECT_EQ(
+      SkipAutoLaunchCriteriaRequest(Parse(L"{\"keyName\":\"\x00e4\x20ac\xd83d\xde00\"}"), caller),
+      "\xc3\xa4\xe2\x82\xac\xf0\x9f\x98\x80");
 }
 
 TEST_F(JsonRequestTest, LaunchedIsReadFromEitherBooleanOnly) {

@@ -51,8 +51,8 @@ class OrvaneServiceTest : public testing::Test {
 };
 
 TEST_F(OrvaneServiceTest, WaitsForTheEndOfOobeAndSaysSoOnceAMinute) {
-  static constexpr Platform::Oobe::State kNotOver[] = {
-      {.known = true, .complete = false}, {.known = false, .complete = true}};
+  static constexpr Platform::Oobe::State kNotOver[] = {{.known = true, .complete = false},
+                                                       {.known = false, .complete = true}};
   for (const auto& state : kNotOver) {
     host.log.Clear();
     oobe.state = state;
