@@ -31,9 +31,8 @@ for bit in 0x20 0x40 0x100; do # high-entropy addresses, relocatable, no code in
 done
 
 # The version resource is UTF-16; without its zero bytes its texts can be looked for as they are.
-texts=$(tr -d '\000' <"$dll" | strings)
 for text in 1.73.4044.0 'Vexmoor Inc.' FileVersion ProductVersion OrvaneService.dll; do
-  echo "$texts" | grep -qF "$text" || fail "no \"$text\" in the version resource"
+  tr -d '\000' <"$dll" | grep -aqF "$text" || fail "no \"$text\" in the version resource"
 done
 
 if [ "$config" = Release ]; then

@@ -1,5 +1,6 @@
 // Drives the module as its host does: through one export and the slots of a table, by number. Plain
-// C without a header of this project, so that no class declaration can hide a change of the contract.
+// C without a header of this project, so that no class declaration can hide a change of the
+// contract.
 #include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -45,7 +46,9 @@ typedef struct Callback {
   Held* held;
 } Callback;
 
-static void Called(Held* held) { ++held->called; }
+static void Called(Held* held) {
+  ++held->called;
+}
 static void DeleteThis(Held* held, char outsideTheObject) {
   ++held->destroyed;
   held->outside = outsideTheObject;
@@ -55,12 +58,12 @@ static void* const kHeldTable[] = {(void*)&Called, (void*)&Called, (void*)&Calle
 
 static int failures;
 static const char* current = "";
-#define CHECK(condition)                                                       \
-  do {                                                                         \
-    if (!(condition)) {                                                        \
-      ++failures;                                                              \
-      printf("%s: line %d: failed: %s\n", current, __LINE__, #condition);      \
-    }                                                                          \
+#define CHECK(condition)                                                  \
+  do {                                                                    \
+    if (!(condition)) {                                                   \
+      ++failures;                                                         \
+      printf("%s: line %d: failed: %s\n", current, __LINE__, #condition); \
+    }                                                                     \
   } while (0)
 
 static Factory factory;
@@ -254,8 +257,9 @@ static void RemoveStore(const wchar_t* folder) {
 
 static DWORD RunSelf(const wchar_t* argument) {
   wchar_t self[MAX_PATH], line[2 * MAX_PATH];
-  STARTUPINFOW startup = {sizeof startup};
+  STARTUPINFOW startup = {0};
   PROCESS_INFORMATION process;
+  startup.cb = sizeof startup;
   DWORD code = 0;
   GetModuleFileNameW(NULL, self, MAX_PATH);
   swprintf(line, 2 * MAX_PATH, L"\"%ls\" %ls", self, argument);
