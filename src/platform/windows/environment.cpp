@@ -21,6 +21,10 @@ struct BlockDestroyer {
 
 using Text = Result<std::wstring>;
 
+// Longest text that a counted string of Windows holds, terminator included. One emulator expands
+// the beginning of a longer one and answers that all is well.
+constexpr std::size_t kMaxText = 32767;
+
 // The expansion in `buffer`, whose last element stays zero only when the call left room. One
 // emulator answers "done" for a buffer that was too small, so the answer alone proves nothing.
 Text TextIn(const std::vector<wchar_t>& buffer, std::size_t maxChars) {
@@ -33,6 +37,7 @@ Text TextIn(const std::vector<wchar_t>& buffer, std::size_t maxChars) {
 class RealEnvironment final : public Environment {
  public:
   Text Expand(const std::wstring& text, std::size_t maxChars) const override {
+    if (text.size() >= kMaxText) return Text::Failure(ERROR_FILENAME_EXCED_RANGE);
     std::vector<wchar_t> buffer(Room(maxChars));
     const DWORD needed = ExpandEnvironmentStringsW(text.c_str(), buffer.data(), Count(buffer));
     if (needed == 0) return Text::Failure(GetLastError());
@@ -42,6 +47,7 @@ class RealEnvironment final : public Environment {
 
   Text ExpandForUser(RawHandle token, const std::wstring& text,
                      std::size_t maxChars) const override {
+    if (text.size() >= kMaxText) return Text::Failure(ERROR_FILENAME_EXCED_RANGE);
     std::vector<wchar_t> buffer(Room(maxChars));
     if (ExpandEnvironmentStringsForUserW(token, text.c_str(), buffer.data(), Count(buffer)) ==
         FALSE) {

@@ -1,0 +1,42 @@
+# vx_test_pki(PROGRAM): the targets of the throwaway test authority.
+#
+# test_pki    tests/pki/ in the build tree: pinned_general.txt and pinned_restricted.txt (usable as
+#             VX_PINNED_KEYS_...), and copies of the program of target PROGRAM:
+#               pinned.exe       signed with a key of both sets
+#               general.exe      signed with a key of the general set alone
+#               unpinned.exe     signed with a key of neither
+#               expired.exe      pinned key, certificate over since 2016
+#               self_signed.exe  pinned key, certificate that vouches for itself
+#               dual.exe         two signatures, the second with a pinned key
+#               dropbox.exe      unpinned key, common name of the Dropbox table
+#               tampered.exe     pinned.exe with a byte changed after signing
+#               appended.exe     pinned.exe with bytes after its signature
+#               unsigned.exe     not signed
+# pins_test   the two key files compiled in, in the place of `pins`
+function(vx_test_pki program)
+  set(folder ${PROJECT_BINARY_DIR}/tests/pki)
+  set(script ${PROJECT_SOURCE_DIR}/cmake/test_pki.sh)
+  set(keys ${folder}/pinned_general.txt ${folder}/pinned_restricted.txt)
+  set(certificates ca pinned general unpinned expired self_signed dropbox)
+  list(TRANSFORM certificates REPLACE "(.+)" "${folder}/\\1.crt")
+  add_custom_command(OUTPUT ${keys} ${certificates}
+    COMMAND ${script} keys ${folder}
+    DEPENDS ${script} VERBATIM COMMENT "Making the test certificate authority")
+
+  set(programs pinned general unpinned expired self_signed dual dropbox tampered appended unsigned)
+  list(TRANSFORM programs REPLACE "(.+)" "${folder}/\\1.exe")
+  add_custom_command(OUTPUT ${programs}
+    COMMAND ${script} sign ${folder} $<TARGET_FILE:${program}>
+    DEPENDS ${script} ${program} ${certificates} VERBATIM COMMENT "Signing the test programs")
+  add_custom_target(test_pki ALL DEPENDS ${keys} ${programs})
+
+  set(source ${PROJECT_BINARY_DIR}/pins/test_pinned_keys.cpp)
+  add_custom_command(OUTPUT ${source}
+    COMMAND ${CMAKE_COMMAND} -DGENERAL=${folder}/pinned_general.txt
+      -DRESTRICTED=${folder}/pinned_restricted.txt -DOUTPUT=${source}
+      -P ${PROJECT_SOURCE_DIR}/cmake/pins.cmake
+    COMMAND ${CMAKE_COMMAND} -E touch ${source}
+    DEPENDS ${keys} ${PROJECT_SOURCE_DIR}/cmake/pins.cmake VERBATIM)
+  add_library(pins_test OBJECT ${source})
+  target_link_libraries(pins_test PRIVATE vx_options)
+endfunction()

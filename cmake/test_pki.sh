@@ -1,0 +1,140 @@
+#!/bin/sh
+# A throwaway certificate authority for tests, and programs signed under it.
+#
+#   test_pki.sh keys DIR            makes the authority, its certificates and the files of pinned keys
+#   test_pki.sh sign DIR PROGRAM    signs copies of PROGRAM in every way that a test asks for
+#
+# Nothing outside DIR is read or written. The keys are made anew in each build tree and protect
+# nothing.
+set -eu
+umask 077
+mode=$1
+mkdir -p "$2"
+cd "$2"
+
+# The subject of every signer but for its common name.
+subject='/C=DE/ST=Test State/L=Testtown/O=Vx Test Makers/OU=Vx Test Unit'
+
+# issue NAME KEY START END SUBJECT: a code-signing certificate by the authority.
+issue() {
+  openssl req -new -key "$2.key" -config ca.cnf -subj "$5" -out "$1.csr"
+  openssl ca -batch -notext -config ca.cnf -in "$1.csr" -startdate "$3" -enddate "$4" -out "$1.crt"
+  rm "$1.csr"
+}
+
+# The public key of a key file in the form in which keys are pinned.
+pinned_form() {
+  openssl rsa -in "$1.key" -RSAPublicKey_out -outform DER | od -An -v -tx1 | tr -d '\n' |
+    sed 's/^ //'
+  echo
+}
+
+make_keys() {
+  rm -rf db ./*.key ./*.crt
+  mkdir db
+  : > db/index.txt
+  echo 1000 > db/serial
+  cat > ca.cnf <<'END'
+[ca]
+default_ca = authority
+[authority]
+database = db/index.txt
+new_certs_dir = db
+serial = db/serial
+certificate = ca.crt
+private_key = ca.key
+default_md = sha256
+policy = any
+unique_subject = no
+x509_extensions = signing
+[any]
+countryName = optional
+stateOrProvinceName = optional
+localityName = optional
+organizationName = optional
+organizationalUnitName = optional
+commonName = supplied
+[req]
+distinguished_name = name
+prompt = no
+[name]
+commonName = unused
+[root]
+basicConstraints = critical, CA:true
+keyUsage = critical, keyCertSign, cRLSign
+subjectKeyIdentifier = hash
+[signing]
+basicConstraints = critical, CA:false
+keyUsage = critical, digitalSignature
+extendedKeyUsage = codeSigning
+subjectKeyIdentifier = hash
+END
+  for name in ca pinned general unpinned; do
+    openssl genrsa -out "$name.key" 2048
+  done
+  openssl req -x509 -new -key ca.key -config ca.cnf -extensions root -days 7300 -sha256 \
+    -subj '/C=DE/O=Vx Test Makers/CN=Vx Test Authority' -out ca.crt
+  issue pinned pinned 20200101000000Z 20450101000000Z "$subject/CN=Vx Test Pinned"
+  issue general general 20200101000000Z 20450101000000Z "$subject/CN=Vx Test General"
+  issue unpinned unpinned 20200101000000Z 20450101000000Z "$subject/CN=Vx Test Unpinned"
+  issue expired pinned 20150101000000Z 20160101000000Z "$subject/CN=Vx Test Expired"
+  issue dropbox unpinned 20200101000000Z 20450101000000Z \
+    '/C=US/ST=California/L=San Francisco/O=Dropbox, Inc/CN=Dropbox, Inc'
+  openssl req -x509 -new -key pinned.key -config ca.cnf -extensions signing -days 7300 -sha256 \
+    -subj "$subject/CN=Vx Test Self-signed" -out self_signed.crt
+  {
+    echo '# Keys of the test authority: what IsFileTrusted accepts.'
+    pinned_form pinned
+    pinned_form general
+  } > pinned_general.txt
+  {
+    echo '# Keys of the test authority: what IsFileTrustedRestricted accepts.'
+    pinned_form pinned
+  } > pinned_restricted.txt
+}
+
+# sign CERTIFICATE KEY IN OUT [OPTION...]
+sign() {
+  certificate=$1 key=$2 from=$3 to=$4
+  shift 4
+  rm -f "$to"
+  osslsigncode sign -certs "$certificate.crt" -ac ca.crt -key "$key.key" -h sha256 \
+    -n 'Vx test program' "$@" -in "$from" -out "$to"
+}
+
+# Changes one byte in the middle of a file, far from its headers and its signature.
+flip_byte() {
+  offset=$(($(wc -c < "$1") / 2))
+  old=$(od -An -tu1 -j "$offset" -N 1 "$1" | tr -d ' ')
+  # shellcheck disable=SC2059  # the format is the byte
+  printf "\\$(printf '%03o' $(((old + 1) % 256)))" |
+    dd of="$1" bs=1 seek="$offset" conv=notrunc status=none
+}
+
+sign_programs() {
+  cp "$1" unsigned.exe
+  sign pinned pinned unsigned.exe pinned.exe
+  sign general general unsigned.exe general.exe
+  sign unpinned unpinned unsigned.exe unpinned.exe
+  sign expired pinned unsigned.exe expired.exe
+  sign self_signed pinned unsigned.exe self_signed.exe
+  sign dropbox unpinned unsigned.exe dropbox.exe
+  # Two signatures: the first with a key that is not pinned, the second with one that is.
+  sign pinned pinned unpinned.exe dual.exe -nest
+  cp pinned.exe tampered.exe
+  flip_byte tampered.exe
+  cp pinned.exe appended.exe
+  printf 'more bytes' >> appended.exe
+}
+
+# The tools are talkative; what they said is shown only when one fails.
+exec 3>&2 > "$mode.log" 2>&1
+trap 'status=$?; [ "$status" -eq 0 ] || cat "$mode.log" >&3' EXIT
+case $mode in
+  keys) make_keys ;;
+  sign) sign_programs "$3" ;;
+  *)
+    echo "test_pki.sh keys|sign DIR [PROGRAM]"
+    exit 2
+    ;;
+esac
