@@ -1,0 +1,146 @@
+#include "json/json_object.h"
+
+#include <functional>
+#include <limits>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+namespace Vx::Json {
+
+namespace {
+
+using ::testing::ElementsAre;
+
+// The code that `call` throws; zero when it throws nothing.
+winrt::hresult CodeOf(const std::function<void()>& call) {
+  try {
+    call();
+    return 0;
+  } catch (const winrt::hresult_error& error) {
+    return error.code();
+  }
+}
+
+const wchar_t kSample[] =
+    L" { \"text\" : \"a\\u0041\\n\" , \"number\" : 1.90e0 , \"yes\" : true , \"none\" : null ,"
+    L" \"inner\" : { \"deep\" : [ 1 , { \"x\" : 2 } ] } , \"\\u006bey\" : \"first\" ,"
+    L" \"key\" : \"second\" } ";
+
+TEST(JsonObject, ReadsEachKindOfMember) {
+  const JsonObject object = JsonObject::Parse(kSample);
+  EXPECT_EQ(object.GetNamedString(L"text"), L"aA\n");
+  EXPECT_EQ(object.GetNamedNumber(L"number"), 1.9);
+  EXPECT_TRUE(object.GetNamedBoolean(L"yes"));
+  EXPECT_EQ(object.GetNamedObject(L"inner").GetNamedArray(L"deep").Stringify(), L"[1,{\"x\":2}]");
+  EXPECT_TRUE(object.HasKey(L"none"));
+  EXPECT_FALSE(object.HasKey(L"deep"));
+  EXPECT_FALSE(object.HasKey(L"tex"));
+}
+
+TEST(JsonObject, TellsAMissingMemberFromOneOfAnotherKind) {
+  const JsonObject object = JsonObject::Parse(kSample);
+  EXPECT_EQ(CodeOf([&] { object.GetNamedString(L"absent"); }), kJsonValueNotFound);
+  EXPECT_EQ(CodeOf([&] { object.GetNamedNumber(L"absent"); }), kJsonValueNotFound);
+  EXPECT_EQ(CodeOf([&] { object.GetNamedObject(L"absent"); }), kJsonValueNotFound);
+  EXPECT_EQ(CodeOf([&] { object.GetNamedString(L"number"); }), kIllegalMethodCall);
+  EXPECT_EQ(CodeOf([&] { object.GetNamedNumber(L"text"); }), kIllegalMethodCall);
+  EXPECT_EQ(CodeOf([&] { object.GetNamedBoolean(L"number"); }), kIllegalMethodCall);
+  EXPECT_EQ(CodeOf([&] { object.GetNamedObject(L"yes"); }), kIllegalMethodCall);
+  EXPECT_EQ(CodeOf([&] { object.GetNamedArray(L"inner"); }), kIllegalMethodCall);
+  EXPECT_EQ(CodeOf([&] { object.GetNamedString(L"none"); }), kIllegalMethodCall);
+}
+
+TEST(JsonObject, HasTwoWaysToAskForAnOptionalText) {
+  const JsonObject object = JsonObject::Parse(kSample);
+  EXPECT_EQ(object.GetNamedString(L"absent", L"0"), L"0");
+  EXPECT_EQ(object.GetNamedString(L"key", L"0"), L"first");
+  EXPECT_EQ(CodeOf([&] { object.GetNamedString(L"number", L"0"); }), kIllegalMethodCall);
+  EXPECT_EQ(object.FindString(L"absent"), std::nullopt);
+  EXPECT_EQ(object.FindString(L"number"), std::nullopt);
+  EXPECT_EQ(object.FindString(L"key"), L"first");
+}
+
+TEST(JsonObject, RefusesTextThatIsNoObject) {
+  for (const wchar_t* text : {L"", L"[1]", L"null", L"{\"a\":1", L"{} x", L"{\"a\":\"\\uDC00\"}"}) {
+    EXPECT_EQ(CodeOf([&] { JsonObject::Parse(text); }), kInvalidJsonString);
+  }
+  EXPECT_EQ(CodeOf([] { JsonArray::Parse(L"{}"); }), kInvalidJsonString);
+}
+
+TEST(JsonObject, StringifyChangesNothingButWhiteSpace) {
+  EXPECT_EQ(JsonObject::Parse(kSample).Stringify(),
+            L"{\"text\":\"a\\u0041\\n\",\"number\":1.90e0,\"yes\":true,\"none\":null,"
+            L"\"inner\":{\"deep\":[1,{\"x\":2}]},\"\\u006bey\":\"first\",\"key\":\"second\"}");
+  EXPECT_EQ(JsonObject::Parse(L"{\"a b\":\" , : \"}").Stringify(), L"{\"a b\":\" , : \"}");
+  EXPECT_EQ(JsonObject::Parse(L"{\"a\":[ ],\"b\":[ { } , [ ] ]}").Stringify(),
+            L"{\"a\":[],\"b\":[{},[]]}");
+  EXPECT_EQ(JsonObject().Stringify(), L"{}");
+}
+
+TEST(JsonObject, ACopyOutlivesTheObjectItCameFrom) {
+  JsonObject inner;
+  {
+    const JsonObject outer = JsonObject::Parse(L"{\"payload\":{\"n\":[1,2]}}");
+    inner = outer.GetNamedObject(L"payload");
+  }
+  EXPECT_EQ(inner.Stringify(), L"{\"n\":[1,2]}");
+}
+
+TEST(JsonObject, LeavesOutAMemberOfAMemberObject) {
+  static constexpr std::pair<const wchar_t*, const wchar_t*> kCases[] = {
+      {L"{\"p\":{\"d\":1,\"x\":2},\"z\":3}", L"{\"p\":{\"x\":2},\"z\":3}"},
+      {L"{\"p\":{\"x\":2,\"d\":{\"d\":1}}}", L"{\"p\":{\"x\":2}}"},
+      {L"{\"p\":{\"x\":2,\"d\":1,\"y\":{\"d\":3}}}", L"{\"p\":{\"x\":2,\"y\":{\"d\":3}}}"},
+      {L"{\"p\":{\"d\":1}}", L"{\"p\":{}}"},
+      {L"{\"p\":{\"d\":1,\"\\u0064\":2}}", L"{\"p\":{}}"},
+      {L"{\"p\":{ }}", L"{\"p\":{}}"},
+      {L"{\"p\":[1],\"d\":1}", L"{\"p\":[1],\"d\":1}"},
+      {L"{\"d\":1}", L"{\"d\":1}"},
+      {L"{\"p\":{\"d\":1},\"p\":{\"d\":2}}", L"{\"p\":{},\"p\":{\"d\":2}}"},
+  };
+  for (const auto& [text, rest] : kCases) {
+    EXPECT_EQ(JsonObject::Parse(text).StringifyWithout(L"p", L"d"), rest);
+  }
+}
+
+TEST(JsonArray, ShowsElementsOfEveryKindInOrder) {
+  const JsonArray array = JsonArray::Parse(L"[ {\"a\": 1}, 2.0, \"x\", [ ], null, {} ]");
+  std::vector<std::wstring> texts;
+  std::vector<JsonKind> kinds;
+  for (const JsonValue& element : array) {
+    texts.emplace_back(element.Text());
+    kinds.push_back(element.Kind());
+  }
+  EXPECT_THAT(texts, ElementsAre(L"{\"a\":1}", L"2.0", L"\"x\"", L"[]", L"null", L"{}"));
+  EXPECT_THAT(kinds, ElementsAre(JsonKind::Object, JsonKind::Number, JsonKind::String,
+                                 JsonKind::Array, JsonKind::Null, JsonKind::Object));
+  EXPECT_EQ(array.Size(), 6U);
+  EXPECT_EQ(JsonArray::Parse(L"[]").Size(), 0U);
+}
+
+TEST(TruncateToUint32, HasAnAnswerForEveryNumber) {
+  constexpr std::uint32_t kNone = std::numeric_limits<std::uint32_t>::max();
+  static constexpr std::pair<double, std::uint32_t> kCases[] = {
+      {0.0, 0},
+      {1.9, 1},
+      {-0.9, 0},
+      {4294967295.9, kNone},
+      {-1.0, kNone},
+      {4294967296.0, kNone},
+      {1e300, kNone},
+      {-1e300, kNone},
+      {std::numeric_limits<double>::quiet_NaN(), kNone},
+      {std::numeric_limits<double>::infinity(), kNone},
+  };
+  for (const auto& [number, truncated] : kCases) {
+    EXPECT_EQ(TruncateToUint32(number), truncated) << number;
+  }
+}
+
+}  // namespace
+
+}  // namespace Vx::Json

@@ -1,0 +1,221 @@
+#include "storage/bson_document.h"
+
+#include <limits>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+namespace Vx::Tessel::Server::Storage {
+
+namespace {
+
+using namespace std::literals;
+using Bytes = std::vector<std::byte>;
+
+Bytes ToBytes(std::string_view text) {
+  const auto bytes = std::as_bytes(std::span(text));
+  return {bytes.begin(), bytes.end()};
+}
+
+std::string LittleEndian(std::size_t value) {
+  std::string out;
+  for (int shift = 0; shift < 32; shift += 8) out.push_back(static_cast<char>(value >> shift));
+  return out;
+}
+
+// A document around element bytes.
+std::string Document(std::string_view elements) {
+  return LittleEndian(elements.size() + 5) + std::string(elements) + '\0';
+}
+
+std::string ScopedCode(std::string_view code, std::string_view scope) {
+  const std::string body =
+      LittleEndian(code.size() + 1) + std::string(code) + '\0' + std::string(scope);
+  return LittleEndian(body.size() + 4) + body;
+}
+
+bool Decodes(std::string_view text) {
+  return BsonDocument::Decode(ToBytes(text)).has_value();
+}
+
+std::string Encoding(const BsonDocument& document) {
+  const auto bytes = document.Encoded();
+  return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
+}
+
+// One element of each kind of BSON 1.1, with its key.
+const std::string& EveryKind() {
+  static const std::string kElements =
+      "\001double\0\0\0\0\0\0\0\370\077"s + "\002text\0\004\0\0\0a\0b\0"s + "\003doc\0"s +
+      Document("\012n\0"sv) + "\004array\0"s + Document("\0200\0\001\0\0\0\0101\0\001"sv) +
+      "\005binary\0\002\0\0\0\200ab"s + "\005old\0\006\0\0\0\002\002\0\0\0ab"s +
+      "\006undefined\0"s + "\007oid\000123456789012"s + "\010bool\0\001"s +
+      "\011date\00012345678"s + "\012null\0"s + "\013regex\0^a\377\0i\0"s +
+      "\014pointer\0\002\0\0\0c\000123456789012"s + "\015code\0\003\0\0\0f(\0"s +
+      "\016symbol\0\001\0\0\0\0"s + "\017scoped\0"s + ScopedCode("f"sv, Document("\012n\0"sv)) +
+      "\020int32\0\376\377\377\377"s + "\021time\00012345678"s + "\022int64\0\0\0\0\0\001\0\0\0"s +
+      "\023decimal\0001234567890123456"s + "\377min\0"s + "\177max\0"s;
+  return kElements;
+}
+
+TEST(BsonDocument, ReadsTheKindsOfItsOwn) {
+  const auto document = BsonDocument::Decode(ToBytes(Document(EveryKind())));
+  ASSERT_TRUE(document);
+  EXPECT_EQ(document->Size(), 22U);
+  EXPECT_EQ(document->Find("double")->AsDouble(), 1.5);
+  EXPECT_EQ(document->Find("text")->AsText(), "a\0b"sv);
+  EXPECT_EQ(document->Find("text")->AsWideText(), std::wstring(L"a\0b", 3));
+  EXPECT_EQ(document->Find("bool")->AsBoolean(), true);
+  EXPECT_EQ(document->Find("int32")->AsInt32(), -2);
+  EXPECT_EQ(document->Find("int64")->AsInt64(), std::int64_t{1} << 32);
+  EXPECT_EQ(document->Find("binary")->AsBinary()->size(), 2U);
+  EXPECT_EQ(document->Find("old")->AsBinary()->size(), 2U);
+  EXPECT_EQ(document->Find("doc")->AsDocument()->Find("n")->Kind(), BsonKind::Null);
+  EXPECT_EQ(document->Find("absent"), std::nullopt);
+  EXPECT_EQ(document->Find("int32")->AsInt64(), std::nullopt);
+  EXPECT_EQ(document->Find("array")->AsDocument(), std::nullopt);
+}
+
+TEST(BsonDocument, CarriesEveryKindByteForByteThroughChangesAroundIt) {
+  const std::string first("\020own\0\001\0\0\0"sv);
+  auto document = BsonDocument::Decode(ToBytes(Document(first + EveryKind())));
+  ASSERT_TRUE(document);
+  ASSERT_TRUE(document->Set("own", BsonElement::Text(L"\u00E9 and more")));
+  ASSERT_TRUE(document->Set("new", BsonElement::Boolean(true)));
+  const std::string longer("\002own\0\014\0\0\0\303\251 and more\0"sv);
+  const std::string added("\010new\0\001"sv);
+  EXPECT_EQ(Encoding(*document), Document(longer + EveryKind() + added));
+  // The index follows the moved bytes.
+  EXPECT_EQ(document->Find("int32")->AsInt32(), -2);
+  EXPECT_EQ(document->Find("new")->AsBoolean(), true);
+
+  ASSERT_TRUE(document->Set("own", BsonElement()));
+  document->Erase("new");
+  EXPECT_EQ(Encoding(*document), Document("\012own\0"s + EveryKind()));
+  document->Erase("own");
+  EXPECT_EQ(Encoding(*document), Document(EveryKind()));
+}
+
+TEST(BsonDocument, RefusesEveryPrefixOfADocument) {
+  const std::string whole = Document(EveryKind());
+  for (std::size_t size = 0; size < whole.size(); ++size) {
+    EXPECT_FALSE(Decodes(whole.substr(0, size))) << size;
+    // Also when the length at the front goes along.
+    const std::string cut = whole.substr(0, size) + '\0';
+    if (size >= 5) Decodes(LittleEndian(cut.size()) + cut.substr(4));
+  }
+}
+
+TEST(BsonDocument, RefusesWhatIsBrokenAtAnyLevel) {
+  static const struct {
+    const char* name;
+    std::string element;
+  } kCases[] = {
+      {"unknown kind", "\024k\0"s},
+      {"kind zero", "\0k\0"s},
+      {"key without an end", "\012k"s},
+      {"key that is not UTF-8", "\012k\200\0"s},
+      {"long key that is not UTF-8", "\012key of some length \300\200\0"s},
+      {"boolean of 2", "\010k\0\002"s},
+      {"boolean without a value", "\010k\0"s},
+      {"cut number", "\020k\0\001\0\0"s},
+      {"cut object id", "\007k\00012345678901"s},
+      {"text of length 0", "\002k\0\0\0\0\0"s},
+      {"text longer than the document", "\002k\0\377\377\377\177a\0"s},
+      {"text of negative length", "\002k\0\377\377\377\377a\0"s},
+      {"text that reaches the terminator", "\002k\0\003\0\0\0a\0"s},
+      {"text without an end", "\002k\0\001\0\0\0a"s},
+      {"text that is not UTF-8", "\002k\0\002\0\0\0\377\0"s},
+      {"binary longer than the document", "\005k\0\003\0\0\0\0ab"s},
+      {"old binary with a wrong inner length", "\005k\0\006\0\0\0\002\003\0\0\0ab"s},
+      {"old binary without an inner length", "\005k\0\002\0\0\0\002ab"s},
+      {"expression without its options", "\013k\0a\0i"s},
+      {"document shorter than any", "\003k\0\004\0\0\0\0"s},
+      {"document longer than what is around it", "\003k\0\007\0\0\0\0"s},
+      {"document of negative length", "\003k\0\373\377\377\377\0"s},
+      {"document without a terminator", "\003k\0\005\0\0\0\001"s},
+      {"array with a broken element", "\004k\0"s + Document("\0100\0\007"sv)},
+      {"scope shorter than its length", "\017k\0\020\0\0\0\001\0\0\0\0\005\0\0\0\0\0"s},
+      {"scope of length 0", "\017k\0\0\0\0\0\001\0\0\0\0\005\0\0\0\0"s},
+      {"scope whose code hides its document", "\017k\0\016\0\0\0\006\0\0\0\005\0\0\0\0\0"s},
+  };
+  for (const auto& c : kCases) {
+    SCOPED_TRACE(c.name);
+    EXPECT_FALSE(Decodes(Document(c.element)));
+    EXPECT_FALSE(Decodes(Document("\003outer\0"s + Document(c.element))));
+    EXPECT_FALSE(Decodes(Document("\017outer\0"s + ScopedCode("f"sv, Document(c.element)))));
+  }
+}
+
+TEST(BsonDocument, BelievesTheOuterLengthOnlyWhenItIsTheWhole) {
+  EXPECT_TRUE(Decodes("\005\0\0\0\0"sv));
+  EXPECT_FALSE(Decodes("\005\0\0\0\0\0"sv));
+  EXPECT_FALSE(Decodes("\006\0\0\0\0"sv));
+  EXPECT_FALSE(Decodes("\004\0\0\0\0"sv));
+  EXPECT_FALSE(Decodes(""sv));
+}
+
+TEST(BsonDocument, FollowsAHundredThousandLevelsOfNesting) {
+  constexpr std::size_t kLevels = 100000;
+  constexpr std::size_t kPerLevel = 8;  // kind, key of one letter, length, terminator
+  std::string text;
+  for (std::size_t i = 0; i < kLevels; ++i) {
+    text += LittleEndian(5 + (kLevels - i) * kPerLevel) + "\003d\0"s;
+  }
+  text += LittleEndian(5) + std::string(kLevels + 1, '\0');
+  const auto document = BsonDocument::Decode(ToBytes(text));
+  ASSERT_TRUE(document);
+  EXPECT_EQ(document->Find("d")->Bytes().size(), text.size() - kPerLevel);
+  text[text.size() / 2] = '\002';
+  EXPECT_FALSE(Decodes(text));
+}
+
+TEST(BsonDocument, FindsTheFirstOfRepeatedKeysAndSettingLeavesOne) {
+  const std::string repeated =
+      Document("\020k\0\001\0\0\0\012other\0\020k\0\002\0\0\0\010k\0\001"sv);
+  auto document = BsonDocument::Decode(ToBytes(repeated));
+  ASSERT_TRUE(document);
+  EXPECT_EQ(document->Find("k")->AsInt32(), 1);
+  EXPECT_EQ(Encoding(*document), repeated);
+  ASSERT_TRUE(document->Set("k", BsonElement::Int32(3)));
+  EXPECT_EQ(Encoding(*document), Document("\020k\0\003\0\0\0\012other\0"sv));
+}
+
+TEST(BsonDocument, AppendsWhatItReads) {
+  BsonDocument inner;
+  ASSERT_TRUE(inner.AppendNull("n"));
+  BsonDocument document;
+  ASSERT_TRUE(document.AppendDouble("double", 1.5));
+  ASSERT_TRUE(document.AppendText("text", "a\0b"sv));
+  ASSERT_TRUE(document.AppendDocument("doc", inner));
+  ASSERT_TRUE(document.AppendBoolean("bool", true));
+  ASSERT_TRUE(document.AppendNull("null"));
+  ASSERT_TRUE(document.AppendInt32("int32", -2));
+  ASSERT_TRUE(document.AppendInt64("int64", std::numeric_limits<std::int64_t>::min()));
+  ASSERT_TRUE(document.AppendBinary("binary", std::as_bytes(std::span("ab", 2))));
+  ASSERT_TRUE(document.Append("element", BsonElement(inner)));
+  const auto again = BsonDocument::Decode(ToBytes(Encoding(document)));
+  ASSERT_TRUE(again);
+  EXPECT_EQ(*again, document);
+  EXPECT_EQ(again->Find("text")->AsText(), "a\0b"sv);
+  EXPECT_EQ(again->Find("doc")->AsDocument(), inner);
+  EXPECT_EQ(again->Find("element")->AsDocument(), inner);
+  EXPECT_EQ(again->Find("int64")->AsInt64(), std::numeric_limits<std::int64_t>::min());
+}
+
+TEST(BsonDocument, RefusesKeysAndTextsThatTheEncodingCannotHold) {
+  BsonDocument document;
+  EXPECT_FALSE(document.Set("a\0b"sv, BsonElement()));
+  EXPECT_FALSE(document.Set("\377", BsonElement()));
+  EXPECT_FALSE(document.AppendText("k", "\377"));
+  EXPECT_TRUE(document.Empty());
+  EXPECT_EQ(BsonElement::Text("\377"sv).AsText(), "\357\277\275"sv);
+  EXPECT_TRUE(document.Set("", BsonElement()));
+  EXPECT_TRUE(Decodes(Encoding(document)));
+}
+
+}  // namespace
+
+}  // namespace Vx::Tessel::Server::Storage

@@ -1,0 +1,95 @@
+#include "storage/request_list.h"
+
+#include <string>
+#include <utility>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "json/json_object.h"
+
+namespace Vx::Tessel::Server::Storage {
+
+namespace {
+
+using ::testing::ElementsAre;
+
+std::wstring Nested(std::size_t levels) {
+  std::wstring text = L"{\"commandParams\":";
+  for (std::size_t i = 0; i < levels; ++i) text.push_back(L'[');
+  for (std::size_t i = 0; i < levels; ++i) text.push_back(L']');
+  return text + L"}";
+}
+
+TEST(NormalisedRequest, LeavesOutTheDelayOfTheCommandOnly) {
+  static constexpr std::pair<const wchar_t*, const wchar_t*> kCases[] = {
+      {L"{\"t\" : 7, \"commandParams\" : {\"path\":\"x\", \"delayDeliverySec\":\"5\"} }",
+       L"{\"t\":7,\"commandParams\":{\"path\":\"x\"}}"},
+      {L"{\"delayDeliverySec\":\"5\"}", L"{\"delayDeliverySec\":\"5\"}"},
+      {L"{\"commandParams\":\"delayDeliverySec\"}", L"{\"commandParams\":\"delayDeliverySec\"}"},
+  };
+  for (const auto& [request, form] : kCases) EXPECT_EQ(NormalisedRequest(request), form);
+}
+
+TEST(ListWith, KeepsTheFirstRequestUnchangedAndAppendsOthers) {
+  EXPECT_EQ(ListWith(L"", L" { \"a\" : 1.0 } "), L"[ { \"a\" : 1.0 } ]");
+  EXPECT_EQ(ListWith(L"[ { \"a\" : 1.0 } ]", L"{ \"b\" : 1e3 }"), L"[{\"a\":1.0},{\"b\":1e3}]");
+  EXPECT_EQ(ListWith(L"[]", L"{ }"), L"[{}]");
+  EXPECT_EQ(ListWith(L"[5,null]", L"{}"), L"[5,null,{}]");
+}
+
+TEST(ListWith, RefusesARequestThatDiffersInItsDelayOnly) {
+  const std::wstring list =
+      L"[{\"x\":1},{\"commandParams\":{\"delayDeliverySec\":\"5\",\"path\":\"p\"}}]";
+  EXPECT_EQ(ListWith(list, L"{\"commandParams\":{\"path\":\"p\"}}"), std::nullopt);
+  EXPECT_EQ(ListWith(list, L"{\"commandParams\":{\"path\":\"p\",\"delayDeliverySec\":\"9\"}}"),
+            std::nullopt);
+  EXPECT_EQ(ListWith(list, L"{ \"x\" : 1 }"), std::nullopt);
+  EXPECT_NE(ListWith(list, L"{\"commandParams\":{\"path\":\"q\"}}"), std::nullopt);
+  EXPECT_NE(ListWith(list, L"{\"x\":1.0}"), std::nullopt);
+}
+
+TEST(ListWithout, RemovesTheFirstElementOfExactlyThatText) {
+  EXPECT_EQ(ListWithout(L"[{\"a\":1},{\"b\":2},{\"a\":1}]", L"{\"a\":1}"),
+            L"[{\"b\":2},{\"a\":1}]");
+  EXPECT_EQ(ListWithout(L"[{\"a\":1}]", L"{\"a\":1}"), L"[]");
+  EXPECT_EQ(ListWithout(L"[5,{\"a\":1}]", L"5"), std::nullopt);
+  EXPECT_EQ(ListWithout(L"[{\"a\":1,\"b\":2}]", L"{\"b\":2,\"a\":1}"), std::nullopt);
+  EXPECT_EQ(ListWithout(L"[{\"a\":1}]", L"{\"a\": 1}"), std::nullopt);
+  EXPECT_EQ(ListWithout(L"", L"{}"), std::nullopt);
+}
+
+TEST(ListWithoutCompleted, DoesNotMindWhiteSpace) {
+  EXPECT_EQ(ListWithoutCompleted(L"[{\"a\": 1},{}]", L" {\"a\" :1}"), L"[{}]");
+  EXPECT_EQ(ListWithoutCompleted(L"[{\"a\": 1},{}]", L"{\"a\":2}"), std::nullopt);
+}
+
+TEST(RequestsOf, ShowsObjectsAndTheHolesBetweenThem) {
+  EXPECT_THAT(RequestsOf(L"[ {\"a\": 1}, 5, {} ]"), ElementsAre(L"{\"a\":1}", std::nullopt, L"{}"));
+  EXPECT_TRUE(RequestsOf(L"").empty());
+}
+
+TEST(RequestList, ThrowsForAListThatCannotBeReadInsteadOfStartingANewOne) {
+  for (const std::wstring& list :
+       {std::wstring(L"{}"), std::wstring(L"["), L"[" + Nested(100000) + L"]"}) {
+    EXPECT_THROW(ListWith(list, L"{}"), winrt::hresult_error);
+    EXPECT_THROW(ListWithout(list, L"{}"), winrt::hresult_error);
+    EXPECT_THROW(ListWithoutCompleted(list, L"{}"), winrt::hresult_error);
+    EXPECT_THROW(RequestsOf(list), winrt::hresult_error);
+  }
+  EXPECT_THROW(ListWith(L"", L"[]"), winrt::hresult_error);
+}
+
+TEST(RequestList, TakesBackEveryRequestThatItTook) {
+  constexpr std::size_t kDeepest = 127;  // within the request's own object
+  const std::wstring request = Nested(kDeepest);
+  const std::optional<std::wstring> list = ListWith(L"", request);
+  ASSERT_TRUE(list);
+  EXPECT_EQ(ListWith(*list, request), std::nullopt);
+  EXPECT_EQ(ListWithout(*list, request), L"[]");
+  EXPECT_THROW(ListWith(L"", Nested(kDeepest + 1)), winrt::hresult_error);
+}
+
+}  // namespace
+
+}  // namespace Vx::Tessel::Server::Storage
