@@ -8,6 +8,7 @@
 #include <new>
 #include <string>
 
+#include "bod/set_born_on_date.h"
 #include "events/package_event_manager.h"
 #include "host/logging.h"
 #include "json/json_text.h"
@@ -129,6 +130,11 @@ std::uint32_t WriteStubFlag(const Call& call) {
   return SetExecutedMcAfeeStub(&call.request, call.caller);
 }
 
+std::uint32_t RecordBornOnDate(const Call& /*call*/) {
+  SetBornOnDate(*Logging::LogManager::GetLogger());
+  return kSuccess;
+}
+
 // To add a command, write its handler and put it into its row.
 constexpr Command kCommands[] = {
     {0, SessionApi::NotNeeded, BadJson::Ignored, nullptr},
@@ -149,7 +155,7 @@ constexpr Command kCommands[] = {
     {15, SessionApi::NotNeeded, BadJson::Refused, &OnText<&OrvaneService::UnregisterZephraEvent>},
     {16, SessionApi::NotNeeded, BadJson::Refused, &OnText<&OrvaneService::OnPolicyChangedEvent>},
     {17, SessionApi::Needed, BadJson::Refused, nullptr},
-    {18, SessionApi::NotNeeded, BadJson::Refused, nullptr},
+    {18, SessionApi::NotNeeded, BadJson::Refused, &RecordBornOnDate},
     {19, SessionApi::NotNeeded, BadJson::Refused, &OnText<&OrvaneService::UnregisterPowerEvent>},
     {20, SessionApi::NotNeeded, BadJson::Refused, &Answering<GetSubscriptions>},
     {21, SessionApi::NotNeeded, BadJson::Refused, &Answering<GetSleepState>},
