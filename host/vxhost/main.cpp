@@ -1,5 +1,6 @@
 #include <cstdio>
 #include <exception>
+#include <filesystem>
 #include <map>
 #include <memory>
 #include <string>
@@ -78,6 +79,30 @@ std::map<std::wstring, std::wstring> Definitions(const std::vector<std::string>&
   return definitions;
 }
 
+// A folder for the stored values of one run in the place of the machine's, removed at the end.
+class PrivateStore {
+ public:
+  PrivateStore()
+      : folder(std::filesystem::temp_directory_path() /
+               (L"vxhost-" + std::to_wstring(GetCurrentProcessId()))) {
+    std::filesystem::create_directories(folder);
+    SetEnvironmentVariableW(L"ProgramData", folder.wstring().c_str());
+  }
+  PrivateStore(const PrivateStore&) = delete;
+  PrivateStore& operator=(const PrivateStore&) = delete;
+  ~PrivateStore() {
+    std::error_code ignored;  // the module makes these and nothing else
+    for (const wchar_t* name :
+         {L"Vx\\SharedServices\\shared_store.dat", L"Vx\\SharedServices", L"Vx"}) {
+      std::filesystem::remove(folder / name, ignored);
+    }
+    std::filesystem::remove(folder, ignored);
+  }
+
+ private:
+  std::filesystem::path folder;
+};
+
 struct Options {
   std::string dll;
   std::uint32_t id = 0;
@@ -85,6 +110,7 @@ struct Options {
   std::string caller = "vxhost";
   std::string scenario;
   std::vector<std::string> definitions;
+  bool privateStore = false;
   std::vector<std::uint32_t> power;
   std::vector<std::uint32_t> sessions;
   int seconds = 5;
@@ -100,6 +126,7 @@ int Exec(const Options& options, Console& console) {
 }
 
 int Scenario(const Options& options, Console& console) {
+  const auto store = options.privateStore ? std::make_unique<PrivateStore>() : nullptr;
   RealHost host(options.dll, console);
   Stage stage{.session = host.session, .log = host.recorder, .console = console};
   const bool met =
@@ -142,6 +169,9 @@ int main(int argc, char** argv) {
   auto* scenario = app.add_subcommand("scenario", "play a scenario file and check what it expects");
   scenario->add_option("file", options.scenario, "the scenario")->required();
   scenario->add_option("--define", options.definitions, "NAME=VALUE for ${NAME} in the scenario");
+
+  scenario->add_flag("--private-store", options.privateStore,
+                     "keep stored values in a folder of this run");
 
   auto* events = app.add_subcommand("events", "send power and session events");
   events->add_option("--power", options.power, "power broadcast codes (PBT_)");

@@ -27,11 +27,11 @@ constexpr wchar_t kCaller[] = L"vxhost";
 // A program that belongs to the scenario and goes with it.
 class Helper {
  public:
-  explicit Helper(const std::wstring& path) {
+  Helper(const std::wstring& path, const std::wstring& arguments) {
     STARTUPINFOW startup{};
     startup.cb = sizeof startup;
     PROCESS_INFORMATION started{};
-    std::wstring commandLine = L"\"" + path + L"\"";
+    std::wstring commandLine = L"\"" + path + L"\" " + arguments;
     if (CreateProcessW(path.c_str(), commandLine.data(), nullptr, nullptr, FALSE, 0, nullptr,
                        nullptr, &startup, &started) == 0) {
       throw std::runtime_error("cannot start " + Utf8(path));
@@ -110,7 +110,9 @@ class Player {
       std::filesystem::remove(Expand(*path), ignored);
     }
     if (const auto* path = Find(step, L"run")) {
-      helpers.push_back(std::make_unique<Helper>(Expand(*path)));
+      const auto* arguments = Find(step, L"arguments");
+      helpers.push_back(std::make_unique<Helper>(
+          Expand(*path), arguments == nullptr ? std::wstring() : Expand(*arguments)));
     }
     if (const auto* file = Find(step, L"waitFor")) WaitForFile(*file);
     if (const auto* expect = Find(step, L"expect")) ExpectLog(*expect);
@@ -174,7 +176,9 @@ class Player {
       content = ReadIfThere(path);
       return !content.empty() && content.find(wanted) != std::wstring::npos;
     });
-    stage.console.Line("   " + Utf8(path) + " says:\n" + Utf8(content));
+    if (Find(what, L"quiet") == nullptr) {
+      stage.console.Line("   " + Utf8(path) + " says:\n" + Utf8(content));
+    }
     Check(came, Utf8(path) + " should say \"" + Utf8(wanted) + "\"");
   }
 

@@ -38,8 +38,9 @@ struct Stage {
 //   "exec": id, "request": object or text, "expect": {"code": "0x...", "answer": ..., "log": text}
 //   "start": true                   the service's start
 //   "power": code, "session": code  events, with "expect": {"log": text}
-//   "copy": {"from", "to"}, "remove": path, "run": path (a program that is ended with the scenario)
-//   "waitFor": {"file", "contains", "seconds"}
+//   "copy": {"from", "to"}, "remove": path, "run": path, "arguments": text (a program that is
+//   ended with the scenario)
+//   "waitFor": {"file", "contains", "seconds", "quiet"} (quiet: the content is not shown)
 // In every text ${NAME} stands for a definition. Steps after a failed one are still played, but for
 // a scenario that cannot be read nothing is. Answers whether everything that was expected happened.
 // Throws std::runtime_error when the file is no scenario.
