@@ -1,0 +1,71 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <utility>
+
+#include "launch/registration_helper.h"
+
+// The questions and actions of the launch decisions, each replaceable on its own. In every class
+// the virtual destructor comes first and the operations keep this order. One thread at a time.
+namespace Vx::Tessel::Server::Services::Orvane::Base {
+
+// Whether a piece of preloaded software is still there.
+class SoftwareCheckBehavior {
+ public:
+  virtual ~SoftwareCheckBehavior() = default;
+
+  virtual bool IsWin32Installed() const = 0;
+  virtual bool IsUwpInstalled() const = 0;
+  virtual bool IsInstalled() const = 0;
+
+  // Whether the machine came with the files that installed it.
+  virtual bool IsPreloaded() const = 0;
+};
+
+class RegistrationCheckBehavior {
+ public:
+  virtual ~RegistrationCheckBehavior() = default;
+
+  virtual RegistrationHelper::RegistrationState GetState() const = 0;
+};
+
+class ModeCheckBehavior {
+ public:
+  virtual ~ModeCheckBehavior() = default;
+
+  // Whether Windows was in S mode at the first start and is not now.
+  virtual bool HasBeenInSMode() = 0;
+
+  virtual bool IsInSMode() const = 0;
+};
+
+// Starts one app for the user at the console; true when it was started.
+class ApplicationLaunchBehavior {
+ public:
+  virtual ~ApplicationLaunchBehavior() = default;
+
+  virtual bool Run(const std::wstring& parameter) const = 0;
+  virtual bool Run() const = 0;
+};
+
+// A mark that one reason for a launch has been used.
+class ApplicationLaunchCriteriaDataAccess {
+ public:
+  virtual ~ApplicationLaunchCriteriaDataAccess() = default;
+
+  // True when the mark was stored.
+  virtual bool SaveSkipState(bool skip) const = 0;
+
+  virtual bool ShouldBeSkipped() const = 0;
+};
+
+class UwpBuildInfoDataAccess {
+ public:
+  virtual ~UwpBuildInfoDataAccess() = default;
+
+  // Windows' staged-package origin code, and the version as four 16-bit parts with major highest.
+  virtual std::pair<std::int32_t, std::uint64_t> GetOriginAndVersion() const = 0;
+};
+
+}  // namespace Vx::Tessel::Server::Services::Orvane::Base

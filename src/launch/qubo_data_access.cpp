@@ -1,0 +1,49 @@
+#include "launch/qubo_data_access.h"
+
+#include <exception>
+#include <utility>
+
+#include "launch/companion_apps.h"
+#include "packages/uwp_package_data_access.h"
+#include "storage/cap_data_store.h"
+
+namespace Vx::Tessel::Server::Services::Orvane::Qubo {
+
+QuboLaunchCriteriaDataAccess::QuboLaunchCriteriaDataAccess(std::string storeKey)
+    : key(std::move(storeKey)) {}
+
+bool QuboLaunchCriteriaDataAccess::SaveSkipState(bool skip) const {
+  try {
+    return Storage::CapDataStore().persist(key, skip);
+  } catch (const std::exception&) {
+    return false;
+  }
+}
+
+bool QuboLaunchCriteriaDataAccess::ShouldBeSkipped() const {
+  try {
+    return Storage::CapDataStore().readBool(key, false);
+  } catch (const std::exception&) {
+    return false;
+  }
+}
+
+std::pair<std::int32_t, std::uint64_t> QuboBuildInfoDataAccess::GetOriginAndVersion() const {
+  try {
+    return UwpPackageDataAccess().GetOriginAndVersion(kLumo.packageFamilyName);
+  } catch (const std::exception&) {
+    return {0, 0};
+  }
+}
+
+std::shared_ptr<Base::UwpBuildInfoDataAccess> QuboDataAccessFactory::CreateUwpBuildInfoDataAccess()
+    const {
+  return std::make_shared<QuboBuildInfoDataAccess>();
+}
+
+std::shared_ptr<Base::ApplicationLaunchCriteriaDataAccess>
+QuboDataAccessFactory::CreateApplicationLaunchCriteriaDataAccess(const std::string& key) const {
+  return std::make_shared<QuboLaunchCriteriaDataAccess>(key);
+}
+
+}  // namespace Vx::Tessel::Server::Services::Orvane::Qubo

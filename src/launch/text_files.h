@@ -1,0 +1,29 @@
+#pragma once
+
+#include <cstddef>
+#include <optional>
+#include <span>
+#include <string>
+
+#include "host/logging.h"
+
+namespace Vx::Tessel::Server::Services::Orvane {
+
+// No file that is read whole here is larger.
+inline constexpr std::size_t kMaxTextFile = 16 * 1024 * 1024;  // bytes
+
+// The text of a file whose byte-order mark says how it is encoded: UTF-8, or UTF-16 of either byte
+// order. Nothing without such a mark; half a unit at the end is dropped.
+std::optional<std::wstring> DecodeText(std::span<const std::byte> content);
+
+// The text of a file as DecodeText has it. Empty, and logged, when it has no mark; empty when it
+// cannot be read. `caller` is who the log lines are about.
+std::wstring ReadTextFile(const std::wstring& path, const wchar_t* caller,
+                          const Logging::TraceLogger& logger);
+
+// Copies a file's bytes over another; true when all were written. The side that failed is logged. A
+// destination that could not be written whole is left as it came to be.
+bool CopyFileContent(const std::wstring& source, const std::wstring& destination,
+                     const wchar_t* caller, const Logging::TraceLogger& logger);
+
+}  // namespace Vx::Tessel::Server::Services::Orvane
