@@ -114,13 +114,13 @@ void WriteDigits(std::span<std::uint8_t> buffer, BODFormat format, const Calenda
   std::size_t yearDigits = 4;
   if (format == BODFormat::SixDigits) {
     // Firmware with six digits has always been given the last digit of the year alone.
-    std::snprintf(year, sizeof year, "%02i", day.year % 10);
+    static_cast<void>(std::snprintf(year, sizeof year, "%02i", day.year % 10));
     yearDigits = 2;
   } else {
-    std::snprintf(year, sizeof year, "%04i", day.year);
+    static_cast<void>(std::snprintf(year, sizeof year, "%04i", day.year));
   }
   char monthAndDay[16] = {};
-  std::snprintf(monthAndDay, sizeof monthAndDay, "%02i%02i", day.month, day.day);
+  static_cast<void>(std::snprintf(monthAndDay, sizeof monthAndDay, "%02i%02i", day.month, day.day));
   std::copy_n(year, yearDigits, buffer.begin());
   std::copy_n(monthAndDay, 4, buffer.begin() + static_cast<std::ptrdiff_t>(yearDigits));
 }

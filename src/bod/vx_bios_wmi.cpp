@@ -146,7 +146,9 @@ std::int32_t VxBiosWmi::ExecuteCommand(int command, int commandType, std::uint32
   if (!ready && !GetReady()) return E_FAIL;
 
   wchar_t method[kMethodNameChars] = {};
-  std::swprintf(method, std::size(method), kMethodName, static_cast<long>(outputSize));
+  // Fits whatever the size is.
+  static_cast<void>(
+      std::swprintf(method, std::size(method), kMethodName, static_cast<long>(outputSize)));
 
   ClassObject methodClass;
   HRESULT result = Check(kExecuteCommand, L"IWbemServices->GetObject(InputDataBlock)",

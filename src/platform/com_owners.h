@@ -48,7 +48,7 @@ class Variant {
   VARIANT* Receive() noexcept;
 
  private:
-  VARIANT content;
+  VARIANT content{};
 };
 
 // What another program left in a VARIANT, looked at without trust: each is empty (or null) unless

@@ -120,7 +120,8 @@ TEST_F(BornOnDateManagerTest, TakesTheDayThatSetUpEndedOnlyWhenItIsEarlier) {
 TEST_F(BornOnDateManagerTest, ReadsTheTimeStampWhateverItsSizeAndType) {
   std::vector<BYTE> stamp = BytesOf({2023, 4, 4, 6, 7, 8, 9, 10});
   stamp.resize(4096, 0xEE);
-  for (const std::size_t size : {0, 1, 7, 8, 15, 16, 17, 4096}) {
+  static constexpr std::size_t kSizes[] = {0, 1, 7, 8, 15, 16, 17, 4096};
+  for (const std::size_t size : kSizes) {
     for (const DWORD type : {DWORD{REG_BINARY}, DWORD{REG_SZ}, DWORD{REG_DWORD}}) {
       SCOPED_TRACE(size);
       registry.SetEndTimeStamp({stamp.begin(), stamp.begin() + static_cast<std::ptrdiff_t>(size)},

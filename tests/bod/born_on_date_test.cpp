@@ -14,9 +14,9 @@ namespace {
 std::string Digits(int year, unsigned month, unsigned day, BODFormat format) {
   char text[32];
   if (format == BODFormat::EightDigits) {
-    std::snprintf(text, sizeof text, "%04d%02u%02u", year, month, day);
+    static_cast<void>(std::snprintf(text, sizeof text, "%04d%02u%02u", year, month, day));
   } else {
-    std::snprintf(text, sizeof text, "%02d%02u%02u", year % 100, month, day);
+    static_cast<void>(std::snprintf(text, sizeof text, "%02d%02u%02u", year % 100, month, day));
   }
   return text;
 }
@@ -98,10 +98,10 @@ std::string Written(BODFormat format, const CalendarTime& day, std::size_t size)
 
 TEST(WriteDigitsTest, WritesTheDigitsOfTheDayAndNothingBehindThem) {
   static const struct {
-    const char* name;
-    BODFormat format;
+    const char* name = nullptr;
+    BODFormat format = BODFormat::Invalid;
     CalendarTime day;
-    const char* expected;
+    const char* expected = nullptr;
   } kCases[] = {
       {"four-digit year", BODFormat::EightDigits, {2024, 3, 0, 5, 0, 0, 0, 0}, "20240305??"},
       {"only the last digit of the year",

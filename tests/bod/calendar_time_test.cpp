@@ -14,7 +14,7 @@ constexpr std::uint64_t kDay = 864'000'000'000;
 TEST(CalendarTimeTest, AgreesWithKnownMomentsInBothDirections) {
   static constexpr struct {
     CalendarTime time;
-    std::uint64_t units;
+    std::uint64_t units = 0;
   } kCases[] = {
       {{1601, 1, 1, 1, 0, 0, 0, 0}, 0},
       {{1970, 1, 4, 1, 0, 0, 0, 0}, 116'444'736'000'000'000},
@@ -30,7 +30,7 @@ TEST(CalendarTimeTest, AgreesWithKnownMomentsInBothDirections) {
 
 TEST(CalendarTimeTest, AdvancesOneDayATimeFrom1601To2400) {
   CalendarTime before = CalendarTimeOf(0);
-  for (std::uint64_t units = kDay; units < 800 * 365 * kDay; units += kDay) {
+  for (std::uint64_t units = kDay; units < kDay * 800 * 365; units += kDay) {
     const CalendarTime day = CalendarTimeOf(units);
     ASSERT_EQ(FileTimeOf(day), units);
     ASSERT_EQ(day.dayOfWeek, (before.dayOfWeek + 1) % 7) << units;
