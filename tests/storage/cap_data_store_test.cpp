@@ -1,0 +1,368 @@
+#include "storage/cap_data_store.h"
+
+#include <algorithm>
+#include <memory>
+#include <span>
+#include <stdexcept>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include <windows.h>
+
+#include <wincrypt.h>
+
+#include "storage/store_faults.h"
+#include "storage/store_file.h"
+#include "support/directory_link.h"
+#include "support/log_capture.h"
+#include "support/temp_folder.h"
+
+namespace Vx::Tessel::Server::Storage {
+
+namespace {
+
+using namespace std::string_literals;
+using Tests::Bytes;
+
+constexpr wchar_t kPersistWarning[] =
+    L"warning|CapDataStore::persist - failed to read current content.";
+constexpr wchar_t kReadError[] = L"error|CapDataStore::read - File read error";
+
+Bytes Encoded(const BsonDocument& document) {
+  return {document.Encoded().begin(), document.Encoded().end()};
+}
+
+BsonDocument WithInt(const char* key, std::int32_t value) {
+  BsonDocument document;
+  document.AppendInt32(key, value);
+  return document;
+}
+
+// The text of the standard exception that making a store throws; empty when it is made.
+std::string ConstructionError() {
+  try {
+    const CapDataStore store;
+    return {};
+  } catch (const std::exception& error) {
+    return error.what();
+  }
+}
+
+class CapDataStoreTest : public testing::Test {
+ protected:
+  std::wstring Path() const { return home.FilePath(); }
+
+  // Puts a file in the store's place before the store is made; the folder is made by a store.
+  void Plant(std::span<const std::byte> content) {
+    const CapDataStore maker;
+    Tests::WriteBytes(Path(), content);
+  }
+
+  Tests::PrivateStore home;
+  Tests::LogCapture log;
+};
+
+TEST_F(CapDataStoreTest, ANewStoreIsAnEmptyFileThatHoldsNoKey) {
+  CapDataStore store;
+  EXPECT_NE(GetFileAttributesW(Path().c_str()), INVALID_FILE_ATTRIBUTES);
+  EXPECT_TRUE(Tests::ReadBytes(Path()).empty());
+  BsonElement element;
+  EXPECT_FALSE(store.read("any", element));
+  EXPECT_TRUE(log.Lines().empty());
+}
+
+TEST_F(CapDataStoreTest, WritesAnIdAndABlobThatHoldsPlainBson) {
+  CapDataStore store;
+  ASSERT_TRUE(store.persist("ab", L"c\x00E9"));
+  Bytes file = Tests::ReadBytes(Path());
+
+  const std::wstring id = Tests::IdOf(file);
+  ASSERT_EQ(id.size(), 36U);
+  for (std::size_t i = 0; i < id.size(); ++i) {
+    const bool hyphen = i == 8 || i == 13 || i == 18 || i == 23;
+    EXPECT_TRUE(hyphen ? id[i] == L'-' : std::iswxdigit(id[i]) != 0) << i;
+  }
+
+  // Opened with neither entropy nor prompt; the description names the file.
+  DATA_BLOB sealed{static_cast<DWORD>(file.size() - Tests::kHeaderSize),
+                   reinterpret_cast<BYTE*>(file.data() + Tests::kHeaderSize)};
+  DATA_BLOB plain{};
+  wchar_t* description = nullptr;
+  ASSERT_TRUE(CryptUnprotectData(&sealed, &description, nullptr, nullptr, nullptr,
+                                 CRYPTPROTECT_LOCAL_MACHINE, &plain));
+  EXPECT_EQ(std::wstring(description), Path());
+  const std::string bytes(reinterpret_cast<const char*>(plain.pbData), plain.cbData);
+  EXPECT_EQ(bytes, "\021\0\0\0\002ab\0\004\0\0\0c\303\251\0\0"s);
+  LocalFree(description);
+  LocalFree(plain.pbData);
+}
+
+TEST_F(CapDataStoreTest, StoresEachOverloadAsItsKindAndReadsItBack) {
+  CapDataStore store;
+  ASSERT_TRUE(store.persist("wide", L"w"));
+  ASSERT_TRUE(store.persist("narrow", "n"));
+  ASSERT_TRUE(store.persist("flag", true));
+  ASSERT_TRUE(store.persist("int32", BsonElement::Int32(-7)));
+  ASSERT_TRUE(store.persist("int64", BsonElement::Int64(std::int64_t{1} << 40)));
+  ASSERT_TRUE(store.persist("document", BsonElement(WithInt("x", 1))));
+  CapDataStore other;
+  EXPECT_EQ(other.readText("wide"), L"w");
+  EXPECT_EQ(other.readText("narrow"), L"n");
+  EXPECT_TRUE(other.readBool("flag", false));
+  EXPECT_TRUE(other.readBool("absent", true));
+  EXPECT_FALSE(other.readBool("int32", false));
+  EXPECT_EQ(other.readInt32("int32"), -7);
+  EXPECT_EQ(other.readInt32("int64"), std::nullopt);
+  EXPECT_EQ(other.readInt64("int64"), std::int64_t{1} << 40);
+  EXPECT_EQ(other.readDocument("document"), WithInt("x", 1));
+  EXPECT_TRUE(other.readDocument("flag").Empty());
+  EXPECT_EQ(other.requireInt32("int32"), -7);
+  EXPECT_EQ(other.requireInt32("absent"), 0);
+}
+
+TEST_F(CapDataStoreTest, KeepsWhatOthersWroteByteForByte) {
+  // Kinds that this store has no use for: an array, an object id, a date, a decimal.
+  const std::string exotic =
+      "\110\0\0\0"
+      "\004list\0\014\0\0\0\0200\0\001\0\0\0\0"
+      "\007id\000123456789012"
+      "\011at\00012345678"
+      "\023sum\0001234567890123456\0"s;
+  const auto exoticBytes = std::as_bytes(std::span(exotic));
+  const auto theirs = BsonDocument::Decode({exoticBytes.begin(), exoticBytes.end()});
+  ASSERT_TRUE(theirs);
+  Plant(Tests::StoreFile(theirs->Encoded()));
+
+  CapDataStore store;
+  CapDataStore another;
+  ASSERT_TRUE(another.persist("Their document", BsonElement(*theirs)));
+  ASSERT_TRUE(store.mergeMember("OrvaneServiceDocument", "Flag", BsonElement::Boolean(true)));
+  ASSERT_TRUE(store.persist("top", true));
+
+  const BsonDocument after = Tests::DocumentOf(Path());
+  EXPECT_TRUE(std::ranges::equal(after.Encoded().subspan(4, exotic.size() - 5),
+                                 theirs->Encoded().subspan(4, exotic.size() - 5)));
+  EXPECT_EQ(after.Find("Their document")->AsDocument(), *theirs);
+  EXPECT_EQ(Tests::IdOf(Tests::ReadBytes(Path())), Tests::kSomeId);
+}
+
+TEST_F(CapDataStoreTest, HeaderAndBlobLeaveInOneWriteCall) {
+  Tests::FaultyFiles files;
+  const Platform::MachineScope scope([&](Platform::Machine& machine) { machine.files = &files; });
+  CapDataStore store;
+  ASSERT_TRUE(store.persist("key", L"value"));
+  ASSERT_EQ(files.writes.size(), 1U);
+  EXPECT_EQ(files.writes[0], Tests::ReadBytes(Path()));
+}
+
+TEST_F(CapDataStoreTest, DoesNotWriteAValueThatIsStoredAlready) {
+  {
+    CapDataStore store;
+    ASSERT_TRUE(store.persist("key", L"value"));
+    ASSERT_TRUE(store.mergeMember("document", "member", BsonElement::Int32(1)));
+  }
+  Tests::FaultyFiles files;
+  const Platform::MachineScope scope([&](Platform::Machine& machine) { machine.files = &files; });
+  CapDataStore store;
+  EXPECT_TRUE(store.persist("key", L"value"));
+  EXPECT_TRUE(store.mergeMember("document", "member", BsonElement::Int32(1)));
+  EXPECT_TRUE(files.writes.empty());
+  EXPECT_TRUE(store.persist("key", L"values"));
+  EXPECT_TRUE(store.mergeMember("document", "member", BsonElement::Int64(1)));
+  EXPECT_EQ(files.writes.size(), 2U);
+}
+
+TEST_F(CapDataStoreTest, WritesAValueThatOnlyItsMemoryHolds) {
+  CapDataStore store;
+  ASSERT_TRUE(store.persist("key", L"value"));
+  Tests::WriteBytes(Path(), {});
+  EXPECT_TRUE(store.persist("key", L"value"));
+  EXPECT_EQ(Tests::DocumentOf(Path()).Find("key")->AsText(), "value");
+}
+
+TEST_F(CapDataStoreTest, AFileOfHeaderSizeOrLessIsAnEmptyStore) {
+  const std::span<const std::byte> header = std::as_bytes(std::span(Tests::kSomeId));
+  for (const std::size_t size :
+       {std::size_t{0}, std::size_t{1}, std::size_t{71}, std::size_t{72}}) {
+    SCOPED_TRACE(size);
+    Plant(header.subspan(0, size));
+    log.Clear();
+    CapDataStore store;
+    EXPECT_EQ(store.readText("key"), std::nullopt);
+    EXPECT_TRUE(store.persist("key", L"value"));
+    EXPECT_TRUE(log.Lines().empty());
+    EXPECT_EQ(CapDataStore().readText("key"), L"value");
+    EXPECT_EQ(Tests::IdOf(Tests::ReadBytes(Path())) == Tests::kSomeId, size == 72);
+  }
+}
+
+TEST_F(CapDataStoreTest, ADamagedFileCannotBeReadAndIsReplacedByTheNextWrite) {
+  const Bytes good = Tests::StoreFile(WithInt("old", 1).Encoded());
+  std::vector<std::pair<const char*, Bytes>> damaged;
+  damaged.emplace_back("one byte of a blob", Bytes(good.begin(), good.begin() + 73));
+  damaged.emplace_back("cut blob", Bytes(good.begin(), good.end() - 1));
+  damaged.emplace_back("flipped last byte", good);
+  damaged.back().second.back() ^= std::byte{1};
+  Bytes shortDocument = Encoded(WithInt("old", 1));
+  shortDocument.pop_back();
+  damaged.emplace_back("broken document", Tests::StoreFile(shortDocument));
+  for (const auto& [name, content] : damaged) {
+    SCOPED_TRACE(name);
+    Plant(content);
+    log.Clear();
+    CapDataStore store;
+    BsonElement element;
+    EXPECT_FALSE(store.read("old", element));
+    EXPECT_EQ(log.Lines(), std::vector<std::wstring>{kReadError});
+    EXPECT_THROW(store.requireInt32("old"), std::runtime_error);
+
+    log.Clear();
+    EXPECT_TRUE(store.persist("new", true));
+    EXPECT_EQ(log.Lines(), std::vector<std::wstring>{kPersistWarning});
+    const BsonDocument after = Tests::DocumentOf(Path());
+    EXPECT_EQ(after.Size(), 1U);
+    EXPECT_EQ(after.Find("new")->AsBoolean(), true);
+    EXPECT_EQ(Tests::IdOf(Tests::ReadBytes(Path())), Tests::kSomeId);
+  }
+}
+
+TEST_F(CapDataStoreTest, AFileBeyondItsBoundIsNotRead) {
+  Plant({});
+  {
+    const Platform::UniqueHandle file(
+        CreateFileW(Path().c_str(), GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, 0, nullptr));
+    SetFilePointer(file.get(), 64 * 1024 * 1024 + 1, nullptr, FILE_BEGIN);
+    ASSERT_TRUE(SetEndOfFile(file.get()));
+  }
+  EXPECT_EQ(CapDataStore().readText("key"), std::nullopt);
+  EXPECT_TRUE(log.Has(kReadError));
+}
+
+TEST_F(CapDataStoreTest, AFailedWriteDropsTheKeyFromMemory) {
+  Tests::FaultyFiles files;
+  Tests::FaultyProtection protection;
+  const Platform::MachineScope scope([&](Platform::Machine& machine) {
+    machine.files = &files;
+    machine.dataProtection = &protection;
+  });
+  const struct {
+    const char* name;
+    bool& fault;
+  } kCases[] = {{"write", files.writesFail},
+                {"protect", protection.protectFails},
+                {"id", protection.uuidFails}};
+  for (const auto& c : kCases) {
+    SCOPED_TRACE(c.name);
+    Tests::WriteBytes(Path(), {});
+    CapDataStore store;
+    c.fault = true;
+    EXPECT_FALSE(store.persist("lost", true));
+    EXPECT_FALSE(store.mergeMember("lost document", "member", BsonElement::Int32(1)));
+    c.fault = false;
+    EXPECT_TRUE(Tests::ReadBytes(Path()).empty());
+    EXPECT_TRUE(store.persist("kept", true));
+    EXPECT_EQ(Tests::DocumentOf(Path()).Size(), 1U);
+  }
+}
+
+TEST_F(CapDataStoreTest, RefusesAJunctionAtEveryStep) {
+  auto store = std::make_unique<CapDataStore>();
+  ASSERT_TRUE(store->persist("key", L"value"));
+  ASSERT_TRUE(::DeleteFileW(Path().c_str()));
+  Tests::TempFolder target;
+  const Tests::DirectoryLink link(Path(), target.Path().wstring());
+
+  EXPECT_EQ(store->readText("key"), std::nullopt);
+  EXPECT_TRUE(log.Has(kReadError));
+  EXPECT_FALSE(store->persist("key", L"other"));
+  EXPECT_TRUE(log.Has(kPersistWarning));
+  EXPECT_EQ(ConstructionError(),
+            "CapDataStore::initializeFile - Juction detected while attempting access file.");
+}
+
+TEST_F(CapDataStoreTest, NamesWhatKeepsItFromBeingMade) {
+  static const struct {
+    std::wstring programData;
+    const char* message;
+  } kCases[] = {
+      {std::wstring(300, L'a'),
+       "CapDataStore::expandPathAndCreateDirectory - failed to expanded environment variable "
+       "pointing to output directory"},
+      {L"C:\\no such folder",
+       "CapDataStore::expandPathAndCreateDirectory - failed to create storage directory"},
+  };
+  for (const auto& c : kCases) {
+    const Tests::EnvironmentOverride programData(L"ProgramData", c.programData);
+    EXPECT_EQ(ConstructionError(), c.message);
+  }
+  const Tests::TempFolder folder;
+  const Tests::EnvironmentOverride programData(L"ProgramData",
+                                               L"\\\\?\\" + folder.Path().wstring());
+  EXPECT_EQ(ConstructionError(), "CapDataStore::isNTFSJunction - path to file must be valid.");
+}
+
+TEST_F(CapDataStoreTest, ThrowsWhenItsMutexFails) {
+  Tests::FaultyKernel kernel;
+  const Platform::MachineScope scope(
+      [&](Platform::Machine& machine) { machine.kernelObjects = &kernel; });
+  CapDataStore store;
+  BsonElement element;
+  kernel.lockFails = true;
+  EXPECT_THROW(store.persist("key", true), system_mutex_exception);
+  EXPECT_THROW(store.read("key", element), system_mutex_exception);
+  kernel.lockFails = false;
+  kernel.unlockFails = true;
+  EXPECT_THROW(store.persist("key", true), system_mutex_exception);
+  kernel.unlockFails = false;
+  EXPECT_TRUE(store.readBool("key", false));
+}
+
+TEST_F(CapDataStoreTest, MergesOneMemberAndLeavesTheOthers) {
+  CapDataStore store;
+  ASSERT_TRUE(store.persist("document", BsonElement(WithInt("first", 1))));
+  ASSERT_TRUE(store.mergeMember("document", "second", BsonElement::Int32(2)));
+  ASSERT_TRUE(store.mergeMember("document", "first", BsonElement::Text(L"one")));
+  BsonDocument expected;
+  expected.AppendText("first", "one");
+  expected.AppendInt32("second", 2);
+  EXPECT_EQ(store.readDocument("document"), expected);
+
+  ASSERT_TRUE(store.persist("document", L"no document"));
+  ASSERT_TRUE(store.mergeMember("document", "second", BsonElement::Int32(2)));
+  EXPECT_EQ(store.readDocument("document"), WithInt("second", 2));
+}
+
+TEST_F(CapDataStoreTest, AnUpdateSeesTheStoredValueAndMayLeaveIt) {
+  Tests::FaultyFiles files;
+  const Platform::MachineScope scope([&](Platform::Machine& machine) { machine.files = &files; });
+  CapDataStore store;
+  const auto increment = [](const BsonElement* stored) -> std::optional<BsonElement> {
+    return BsonElement::Int32(stored == nullptr ? 1 : stored->AsInt32().value() + 1);
+  };
+  ASSERT_TRUE(store.updateMember("document", "count", increment));
+  ASSERT_TRUE(CapDataStore().updateMember("document", "count", increment));
+  ASSERT_TRUE(
+      store.updateMember("document", "count", [](const BsonElement*) { return std::nullopt; }));
+  EXPECT_EQ(store.readDocument("document"), WithInt("count", 2));
+  EXPECT_EQ(files.writes.size(), 2U);
+}
+
+TEST_F(CapDataStoreTest, AnUpdateThatThrowsLeavesTheMutexFree) {
+  CapDataStore store;
+  EXPECT_THROW(store.updateMember("document", "member",
+                                  [](const BsonElement*) -> std::optional<BsonElement> {
+                                    throw std::runtime_error("refused");
+                                  }),
+               std::runtime_error);
+  const Platform::UniqueHandle mutex(
+      CreateMutexW(nullptr, FALSE, L"18CC6446-1DB5-4D23-8F2B-441BA13883D6"));
+  EXPECT_FALSE(ReleaseMutex(mutex.get()));
+  EXPECT_TRUE(Tests::ReadBytes(Path()).empty());
+}
+
+}  // namespace
+
+}  // namespace Vx::Tessel::Server::Storage

@@ -1,0 +1,206 @@
+#include "storage/request_manager.h"
+
+#include <new>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "json/json_object.h"
+#include "storage/cap_data_store.h"
+#include "storage/store_faults.h"
+#include "support/log_capture.h"
+#include "support/temp_folder.h"
+
+namespace Vx::Tessel::Server::Services::Orvane {
+
+namespace {
+
+using Storage::BsonElement;
+using Storage::CapDataStore;
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+
+constexpr wchar_t kFirst[] = L"{\"n\":1,\"commandParams\":{\"delayDeliverySec\":\"5\"}}";
+constexpr wchar_t kSecond[] = L"{\"n\":2}";
+
+class RequestManagerTest : public testing::Test {
+ protected:
+  // Each operation of the service makes a manager of its own.
+  static RequestManager Manager() { return {kServiceDocument, kPowerSubscriptions}; }
+
+  static std::wstring Stored() {
+    const Storage::BsonDocument document = CapDataStore().readDocument(kServiceDocument);
+    const std::optional<Storage::BsonView> value = document.Find(kPowerSubscriptions);
+    return value ? value->AsWideText().value() : L"nothing";
+  }
+
+  static void Plant(std::wstring_view list) {
+    ASSERT_TRUE(
+        CapDataStore().mergeMember(kServiceDocument, kPowerSubscriptions, BsonElement::Text(list)));
+  }
+
+  // The code that adding `request` throws; zero when it throws nothing.
+  static winrt::hresult Persist(std::wstring_view request) {
+    try {
+      Manager().PersistRequest(request);
+      return 0;
+    } catch (const winrt::hresult_error& error) {
+      return error.code();
+    }
+  }
+
+  Tests::PrivateStore home;
+  Tests::LogCapture log;
+};
+
+TEST_F(RequestManagerTest, StoresTheFirstRequestUnchanged) {
+  const std::wstring request = L" { \"b\" : 1.0, \"a\" : \"\\u00e9\" } ";
+  EXPECT_EQ(Persist(request), 0);
+  EXPECT_EQ(Stored(), L"[" + request + L"]");
+  EXPECT_EQ(Persist(kSecond), 0);
+  EXPECT_EQ(Stored(), L"[{\"b\":1.0,\"a\":\"\\u00e9\"},{\"n\":2}]");
+}
+
+TEST_F(RequestManagerTest, RefusesARequestThatDiffersInItsDelayOnly) {
+  EXPECT_EQ(Persist(kFirst), 0);
+  const std::wstring before = Stored();
+  EXPECT_EQ(Persist(L"{\"n\":1,\"commandParams\":{\"delayDeliverySec\":\"9\"}}"), 1);
+  EXPECT_EQ(Persist(L"{\"n\":1,\"commandParams\":{}}"), 1);
+  EXPECT_EQ(Stored(), before);
+  EXPECT_THAT(log.Lines(), IsEmpty());
+}
+
+TEST_F(RequestManagerTest, RefusesTextThatIsNoObject) {
+  for (const wchar_t* request : {L"", L"[]", L"5", L"{", L"{}x"}) {
+    EXPECT_EQ(Persist(request), Json::kInvalidJsonString);
+  }
+  EXPECT_EQ(Stored(), L"nothing");
+}
+
+TEST_F(RequestManagerTest, RemovesTheFirstElementOfExactlyThatText) {
+  Plant(L"[{\"n\":2},{\"n\":1},{\"n\":2}]");
+  Manager().RemoveRequest(L"{ \"n\":2}");
+  Manager().RemoveRequest(L"{\"n\":3}");
+  EXPECT_EQ(Stored(), L"[{\"n\":2},{\"n\":1},{\"n\":2}]");
+  Manager().RemoveRequest(kSecond);
+  EXPECT_EQ(Stored(), L"[{\"n\":1},{\"n\":2}]");
+}
+
+TEST_F(RequestManagerTest, CompletesARequestOnceAndStaysContentAfterwards) {
+  Plant(L"[{\"n\":1},{\"n\":2}]");
+  EXPECT_TRUE(Manager().CompleteRequest(L"{ \"n\" : 2 }"));
+  EXPECT_EQ(Stored(), L"[{\"n\":1}]");
+  EXPECT_TRUE(Manager().CompleteRequest(kSecond));
+  EXPECT_EQ(Stored(), L"[{\"n\":1}]");
+}
+
+TEST_F(RequestManagerTest, ReplaysObjectsInOrderPastEverythingThatFails) {
+  Plant(L"[{\"n\":1}, 5, {\"n\":2}, {\"n\":3}, {\"n\":4}, {\"n\":5}]");
+  std::vector<std::wstring> seen;
+  std::vector<std::pair<std::wstring, winrt::hresult>> failed;
+  Manager().RegisterExistingRequests(
+      [&](const std::wstring& request) {
+        seen.push_back(request);
+        if (request == L"{\"n\":2}") throw winrt::hresult_error(0x20000004);
+        if (request == L"{\"n\":3}") throw std::runtime_error("no thread");
+        if (request == L"{\"n\":4}") throw std::bad_alloc();
+      },
+      [&](const std::wstring& request, const winrt::hresult_error& error) {
+        failed.emplace_back(request, error.code());
+      });
+  EXPECT_THAT(seen,
+              ElementsAre(L"{\"n\":1}", L"{\"n\":2}", L"{\"n\":3}", L"{\"n\":4}", L"{\"n\":5}"));
+  EXPECT_THAT(failed,
+              ElementsAre(std::pair(std::wstring(L"{\"n\":2}"), 0x20000004),
+                          std::pair(std::wstring(L"{\"n\":3}"), static_cast<int>(0x80004005)),
+                          std::pair(std::wstring(L"{\"n\":4}"), static_cast<int>(0x8007000E))));
+  EXPECT_THAT(
+      log.Lines(),
+      ElementsAre(
+          L"error|Unexpected JSON array element",
+          L"error|RegisterExistingRequests - failed to register request. HRESULT: 536870916",
+          L"error|RegisterExistingRequests - failed to register request. HRESULT: -2147467259",
+          L"error|RegisterExistingRequests - failed to register request. HRESULT: -2147024882"));
+}
+
+TEST_F(RequestManagerTest, LeavesAStoredListThatItCannotReadAlone) {
+  std::wstring deep = L"[{\"commandParams\":";
+  deep.append(100000, L'[').append(100000, L']').append(L"}]");
+  for (const std::wstring& list : {std::wstring(L"no list"), std::wstring(L"{}"), deep}) {
+    Plant(list);
+    log.Clear();
+    EXPECT_EQ(Persist(kFirst), Json::kInvalidJsonString);
+    EXPECT_THROW(Manager().RemoveRequest(kFirst), winrt::hresult_error);
+    EXPECT_THAT(log.Lines(), IsEmpty());
+    EXPECT_FALSE(Manager().CompleteRequest(kFirst));
+    Manager().RegisterExistingRequests([](const std::wstring&) { FAIL(); }, nullptr);
+    EXPECT_THAT(
+        log.Lines(),
+        ElementsAre(
+            L"error|CompleteRequest - failed to persist: Exception , Hresult -2089484281",
+            L"error|RegisterExistingRequests - failed to register request. HRESULT: -2089484281"));
+    EXPECT_TRUE(Stored() == list) << "the list has changed";
+  }
+}
+
+TEST_F(RequestManagerTest, ActsOnTheListAsItIsStoredNotAsItWasRead) {
+  RequestManager early = Manager();
+  EXPECT_EQ(Persist(kFirst), 0);
+  early.PersistRequest(kSecond);
+  EXPECT_EQ(Stored(), std::wstring(L"[") + kFirst + L"," + kSecond + L"]");
+  EXPECT_EQ(early.StoredRequests(), Stored());
+}
+
+TEST_F(RequestManagerTest, LogsAStoreThatDoesNotTakeTheList) {
+  Tests::FaultyFiles files;
+  const Platform::MachineScope scope([&](Platform::Machine& machine) { machine.files = &files; });
+  Plant(std::wstring(L"[") + kFirst + L"]");
+  files.writesFail = true;
+  EXPECT_EQ(Persist(kSecond), 0);
+  Manager().RemoveRequest(kFirst);
+  EXPECT_FALSE(Manager().CompleteRequest(kFirst));
+  files.writesFail = false;
+  EXPECT_THAT(log.Lines(), ElementsAre(L"error|PersistRequest - failed to persist. This "
+                                       L"functionality won't work properly."));
+  EXPECT_EQ(Stored(), std::wstring(L"[") + kFirst + L"]");
+}
+
+TEST_F(RequestManagerTest, LogsWhatTheStoreThrows) {
+  Tests::FaultyKernel kernel;
+  const Platform::MachineScope scope(
+      [&](Platform::Machine& machine) { machine.kernelObjects = &kernel; });
+  RequestManager manager = Manager();
+  kernel.lockFails = true;
+  manager.PersistRequest(kFirst);
+  manager.RemoveRequest(kFirst);
+  EXPECT_FALSE(manager.CompleteRequest(kFirst));
+  const std::wstring cause = L"SystemMutex::lock - failed to gain ownership of mutex";
+  EXPECT_THAT(log.Lines(),
+              ElementsAre(L"error|PersistRequest - failed to persist: Exception " + cause,
+                          L"error|RemoveRequest - failed to persist: Exception " + cause,
+                          L"error|CompleteRequest - failed to persist: Exception " + cause));
+}
+
+TEST_F(RequestManagerTest, WorksInMemoryWhenThereIsNoStore) {
+  const Tests::EnvironmentOverride programData(L"ProgramData", L"C:\\no such folder");
+  RequestManager manager = Manager();
+  EXPECT_THAT(
+      log.Lines(),
+      ElementsAre(L"error|RequestManager() - Failed to get DataStore. Functionality will be "
+                  L"lost. CapDataStore::expandPathAndCreateDirectory - failed to create "
+                  L"storage directory"));
+  manager.PersistRequest(kFirst);
+  EXPECT_THROW(manager.PersistRequest(kFirst), winrt::hresult_error);
+  EXPECT_EQ(manager.StoredRequests(), std::wstring(L"[") + kFirst + L"]");
+  manager.RemoveRequest(kFirst);
+  EXPECT_EQ(manager.StoredRequests(), L"[]");
+}
+
+}  // namespace
+
+}  // namespace Vx::Tessel::Server::Services::Orvane

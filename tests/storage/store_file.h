@@ -1,0 +1,63 @@
+#pragma once
+
+#include <cstddef>
+#include <optional>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "platform/data_protection.h"
+#include "platform/files.h"
+#include "platform/machine.h"
+#include "storage/bson_document.h"
+
+// The store's file as another service sees it: written and read here without the store's own code.
+namespace Vx::Tests {
+
+using Bytes = std::vector<std::byte>;
+
+inline constexpr std::size_t kHeaderSize = 72;
+inline const std::wstring kSomeId = L"01234567-89ab-cdef-0123-456789abcdef";
+
+inline Bytes ReadBytes(const std::wstring& path) {
+  auto content = Platform::WindowsMachine().files->Read(path, std::size_t{1} << 30);
+  return content ? *std::move(content) : Bytes();
+}
+
+inline void WriteBytes(const std::wstring& path, std::span<const std::byte> content) {
+  Platform::WindowsMachine().files->Overwrite(path, content);
+}
+
+// A file with this id whose blob holds `plain`.
+inline Bytes StoreFile(std::span<const std::byte> plain, const std::wstring& id = kSomeId) {
+  const auto header = std::as_bytes(std::span(id));
+  Bytes content(header.begin(), header.end());
+  const auto blob = Platform::WindowsMachine().dataProtection->Protect(plain, L"another service");
+  content.insert(content.end(), blob->begin(), blob->end());
+  return content;
+}
+
+inline std::optional<Bytes> PlainOf(const Bytes& file) {
+  if (file.size() <= kHeaderSize) return std::nullopt;
+  auto plain =
+      Platform::WindowsMachine().dataProtection->Unprotect(std::span(file).subspan(kHeaderSize));
+  if (!plain) return std::nullopt;
+  return *std::move(plain);
+}
+
+inline std::wstring IdOf(const Bytes& file) {
+  std::wstring id;
+  for (std::size_t i = 0; i + 1 < kHeaderSize && i + 1 < file.size(); i += 2) {
+    id.push_back(static_cast<wchar_t>(std::to_integer<unsigned>(file[i]) |
+                                      std::to_integer<unsigned>(file[i + 1]) << 8U));
+  }
+  return id;
+}
+
+inline Tessel::Server::Storage::BsonDocument DocumentOf(const std::wstring& path) {
+  std::optional<Bytes> plain = PlainOf(ReadBytes(path));
+  if (!plain) return {};
+  return Tessel::Server::Storage::BsonDocument::Decode(*std::move(plain)).value();
+}
+
+}  // namespace Vx::Tests

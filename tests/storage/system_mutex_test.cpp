@@ -1,0 +1,102 @@
+#include "storage/system_mutex.h"
+
+#include <functional>
+#include <mutex>
+#include <string>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+#include <windows.h>
+
+#include "storage/store_faults.h"
+
+namespace Vx::Tessel::Server::Storage {
+
+namespace {
+
+// Each test process uses names of its own.
+std::wstring Name(const wchar_t* test) {
+  return std::wstring(L"vx-") + test + L"-" + std::to_wstring(GetCurrentProcessId());
+}
+
+// Whether another thread could have the mutex now.
+bool IsFree(const std::wstring& name) {
+  bool free = false;
+  std::thread([&] {
+    const Platform::UniqueHandle handle(CreateMutexW(nullptr, FALSE, name.c_str()));
+    const DWORD code = WaitForSingleObject(handle.get(), 0);
+    free = code == WAIT_OBJECT_0 || code == WAIT_ABANDONED;
+    if (free) ReleaseMutex(handle.get());
+  }).join();
+  return free;
+}
+
+TEST(SystemMutex, KeepsOtherThreadsOutBetweenLockAndUnlock) {
+  const std::wstring name = Name(L"exclusion");
+  SystemMutex mutex(name);
+  EXPECT_TRUE(IsFree(name));
+  mutex.lock();
+  EXPECT_FALSE(IsFree(name));
+  mutex.unlock();
+  EXPECT_TRUE(IsFree(name));
+}
+
+TEST(SystemMutex, IsReleasedByADestructorThatStillHoldsIt) {
+  const std::wstring name = Name(L"destructor");
+  const SystemMutex other(name);
+  {
+    SystemMutex mutex(name);
+    mutex.lock();
+  }
+  EXPECT_TRUE(IsFree(name));
+}
+
+TEST(SystemMutex, IsOwnedAfterItsHolderDied) {
+  SystemMutex mutex(Name(L"abandoned"));
+  std::thread([&] {
+    const Platform::UniqueHandle handle(CreateMutexW(nullptr, FALSE, Name(L"abandoned").c_str()));
+    WaitForSingleObject(handle.get(), INFINITE);
+  }).join();
+  mutex.lock();
+  EXPECT_FALSE(IsFree(Name(L"abandoned")));
+  mutex.unlock();
+}
+
+TEST(SystemMutex, ThrowsTheDocumentedErrorOfEachOperation) {
+  Tests::FaultyKernel kernel;
+  const Platform::MachineScope scope(
+      [&](Platform::Machine& machine) { machine.kernelObjects = &kernel; });
+  const struct {
+    bool Tests::FaultyKernel::*fault;
+    const char* message;
+    std::uint32_t code;
+  } kCases[] = {
+      {&Tests::FaultyKernel::makeFails, "SystemMutex::SystemMutex - failed to create mutex", 0},
+      {&Tests::FaultyKernel::lockFails, "SystemMutex::lock - failed to gain ownership of mutex", 2},
+      {&Tests::FaultyKernel::unlockFails,
+       "SystemMutex::unlock - something went wrong trying to free the mutex", 3},
+  };
+  for (const auto& c : kCases) {
+    kernel.*c.fault = true;
+    try {
+      SystemMutex mutex(Name(L"faults"));
+      mutex.lock();
+      mutex.unlock();
+      ADD_FAILURE() << c.message;
+    } catch (const system_mutex_exception& error) {
+      EXPECT_STREQ(error.what(), c.message);
+      EXPECT_EQ(error.code(), c.code);
+    }
+    kernel.*c.fault = false;
+  }
+}
+
+TEST(SystemMutex, CannotBeUnlockedByAThreadThatDoesNotHoldIt) {
+  SystemMutex mutex(Name(L"owner"));
+  EXPECT_THROW(mutex.unlock(), system_mutex_exception);
+}
+
+}  // namespace
+
+}  // namespace Vx::Tessel::Server::Storage
