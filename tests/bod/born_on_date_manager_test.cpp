@@ -17,6 +17,7 @@
 #include "platform/machine.h"
 #include "simulator/simulated_firmware.h"
 #include "simulator/virtual_clock.h"
+#include "support/private_local_machine.h"
 
 namespace Vx::Tessel::Server::Services::Orvane {
 namespace {
@@ -24,35 +25,6 @@ namespace {
 using Simulator::SimulatedFirmware;
 
 constexpr wchar_t kStats[] = L"Software\\Microsoft\\Windows\\CurrentVersion\\OOBE\\Stats";
-
-// HKEY_LOCAL_MACHINE as this process sees it, empty at first; the real one is not touched.
-class PrivateLocalMachine {
- public:
-  PrivateLocalMachine() : name(L"Software\\VxTest" + std::to_wstring(GetCurrentProcessId())) {
-    RegCreateKeyExW(HKEY_CURRENT_USER, name.c_str(), 0, nullptr, REG_OPTION_VOLATILE,
-                    KEY_ALL_ACCESS, nullptr, &root, nullptr);
-    RegOverridePredefKey(HKEY_LOCAL_MACHINE, root);
-  }
-  PrivateLocalMachine(const PrivateLocalMachine&) = delete;
-  PrivateLocalMachine& operator=(const PrivateLocalMachine&) = delete;
-  ~PrivateLocalMachine() {
-    RegOverridePredefKey(HKEY_LOCAL_MACHINE, nullptr);
-    RegCloseKey(root);
-    RegDeleteTreeW(HKEY_CURRENT_USER, name.c_str());
-  }
-
-  void SetEndTimeStamp(const std::vector<BYTE>& bytes, DWORD type = REG_BINARY) {
-    HKEY key = nullptr;
-    RegCreateKeyExW(HKEY_LOCAL_MACHINE, kStats, 0, nullptr, REG_OPTION_VOLATILE, KEY_ALL_ACCESS,
-                    nullptr, &key, nullptr);
-    RegSetValueExW(key, L"EndTimeStamp", 0, type, bytes.data(), static_cast<DWORD>(bytes.size()));
-    RegCloseKey(key);
-  }
-
- private:
-  std::wstring name;
-  HKEY root = nullptr;
-};
 
 std::vector<BYTE> BytesOf(const SYSTEMTIME& time) {
   std::vector<BYTE> bytes(sizeof time);
@@ -74,7 +46,11 @@ class BornOnDateManagerTest : public ::testing::Test {
     machine.clock = &clock;
     machine.com = &firmware;
   }};
-  PrivateLocalMachine registry;
+  void SetEndTimeStamp(const std::vector<BYTE>& bytes, DWORD type = REG_BINARY) {
+    registry.Set(kStats, L"EndTimeStamp", type, bytes);
+  }
+
+  Tests::PrivateLocalMachine registry;
   BornOnDateManager manager;
 };
 
@@ -111,7 +87,7 @@ TEST_F(BornOnDateManagerTest, TakesTheDayThatSetUpEndedOnlyWhenItIsEarlier) {
   for (const auto& c : kCases) {
     SCOPED_TRACE(c.name);
     firmware.SetWarrantyBlock(std::string(128, '\0'));
-    registry.SetEndTimeStamp(BytesOf(c.stamp));
+    SetEndTimeStamp(BytesOf(c.stamp));
     manager.conditionally_set("");
     EXPECT_EQ(firmware.BornOnDate(), c.written);
   }
@@ -124,8 +100,7 @@ TEST_F(BornOnDateManagerTest, ReadsTheTimeStampWhateverItsSizeAndType) {
   for (const std::size_t size : kSizes) {
     for (const DWORD type : {DWORD{REG_BINARY}, DWORD{REG_SZ}, DWORD{REG_DWORD}}) {
       SCOPED_TRACE(size);
-      registry.SetEndTimeStamp({stamp.begin(), stamp.begin() + static_cast<std::ptrdiff_t>(size)},
-                               type);
+      SetEndTimeStamp({stamp.begin(), stamp.begin() + static_cast<std::ptrdiff_t>(size)}, type);
       const SYSTEMTIME read = manager.get_windows_bod();
       const bool whole = size >= sizeof(SYSTEMTIME);
       const SYSTEMTIME expected{static_cast<WORD>(whole ? 2023 : 0),

@@ -1,0 +1,199 @@
+#include "launch/resume_decision.h"
+
+#include <map>
+#include <set>
+#include <string>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+namespace Vx::Tessel::Server::Services::Orvane::Qubo {
+namespace {
+
+using State = RegistrationHelper::RegistrationState;
+using ::testing::ElementsAre;
+using ::testing::UnorderedElementsAreArray;
+
+// All that a decision can be told.
+struct World {
+  bool firstPreloaded;
+  bool firstInstalled;
+  bool secondPreloaded;
+  bool secondInstalled;
+  bool wasInSMode;
+  bool isInSMode;
+  bool softwareUsed;
+  bool registrationUsed;
+  State registration;
+};
+
+class Software final : public Base::SoftwareCheckBehavior {
+ public:
+  Software(bool isPreloaded, bool isInstalled) : preloaded(isPreloaded), installed(isInstalled) {}
+  bool IsWin32Installed() const override { return installed; }
+  bool IsUwpInstalled() const override { return installed; }
+  bool IsInstalled() const override { return installed; }
+  bool IsPreloaded() const override { return preloaded; }
+
+ private:
+  bool preloaded;
+  bool installed;
+};
+
+class Registration final : public Base::RegistrationCheckBehavior {
+ public:
+  explicit Registration(State answer) : state(answer) {}
+  State GetState() const override { return state; }
+
+ private:
+  State state;
+};
+
+class Mode final : public Base::ModeCheckBehavior {
+ public:
+  Mode(bool before, bool now) : wasInSMode(before), isInSMode(now) {}
+  bool HasBeenInSMode() override { return wasInSMode; }
+  bool IsInSMode() const override { return isInSMode; }
+
+ private:
+  bool wasInSMode;
+  bool isInSMode;
+};
+
+class Mark final : public Base::ApplicationLaunchCriteriaDataAccess {
+ public:
+  explicit Mark(bool isUsed) : used(isUsed) {}
+  bool SaveSkipState(bool) const override {
+    ADD_FAILURE() << "a decision wrote a mark";
+    return false;
+  }
+  bool ShouldBeSkipped() const override { return used; }
+
+ private:
+  bool used;
+};
+
+ResumeDecision Decide(const World& world) {
+  const Software first(world.firstPreloaded, world.firstInstalled);
+  const Software second(world.secondPreloaded, world.secondInstalled);
+  const Registration registration(world.registration);
+  Mode mode(world.wasInSMode, world.isInSMode);
+  const Mark softwareUsed(world.softwareUsed);
+  const Mark registrationUsed(world.registrationUsed);
+  return DecideResume({first, second, registration, mode, softwareUsed, registrationUsed});
+}
+
+// The rule as one would say it, without an order of asking: missing software counts on a machine
+// that left S mode, skipped registration on one that is or was in it, each once, software first.
+QuboStartingPoint Expected(const World& world) {
+  const bool missing = (world.firstPreloaded && !world.firstInstalled) ||
+                       (world.secondPreloaded && !world.secondInstalled);
+  const bool software = missing && world.wasInSMode && !world.softwareUsed;
+  const bool registration = world.registration == State::SkippedOobe &&
+                            (world.wasInSMode || world.isInSMode) && !world.registrationUsed;
+  if (software) return QuboStartingPoint::Software;
+  return registration ? QuboStartingPoint::Registration : QuboStartingPoint::None;
+}
+
+// What need not be asked must not be, because asking costs: a trust check, a package query, the
+// store.
+std::set<ResumeQuestion> ExpectedQuestions(const World& world) {
+  using Q = ResumeQuestion;
+  std::set<ResumeQuestion> asked{Q::FirstPreloaded};
+  if (world.firstPreloaded) asked.insert(Q::FirstInstalled);
+  const bool firstMissing = world.firstPreloaded && !world.firstInstalled;
+  if (!firstMissing) asked.insert(Q::SecondPreloaded);
+  if (!firstMissing && world.secondPreloaded) asked.insert(Q::SecondInstalled);
+  const bool missing = firstMissing || (world.secondPreloaded && !world.secondInstalled);
+  if (missing) asked.insert(Q::HasBeenInSMode);
+  if (missing && world.wasInSMode) asked.insert(Q::SoftwareUsed);
+  if (Expected(world) == QuboStartingPoint::Software) return asked;
+
+  asked.insert(Q::RegistrationState);
+  if (world.registration != State::SkippedOobe) return asked;
+  asked.insert(Q::HasBeenInSMode);
+  if (!world.wasInSMode) asked.insert(Q::IsInSMode);
+  if (world.wasInSMode || world.isInSMode) asked.insert(Q::RegistrationUsed);
+  return asked;
+}
+
+template <typename Check>
+void ForEveryWorld(Check check) {
+  for (unsigned bits = 0; bits < 256; ++bits) {
+    for (const State state :
+         {State::Yes, State::No, State::SkippedOobe, State::Pending, State::Unknown}) {
+      const auto bit = [bits](unsigned n) { return (bits >> n & 1U) != 0; };
+      check(World{bit(0), bit(1), bit(2), bit(3), bit(4), bit(5), bit(6), bit(7), state});
+      if (::testing::Test::HasFatalFailure()) FAIL() << "bits " << bits;
+    }
+  }
+}
+
+TEST(ResumeDecisionTest, IsTheRuleInEveryWorld) {
+  ForEveryWorld(
+      [](const World& world) { ASSERT_EQ(Decide(world).startingPoint, Expected(world)); });
+}
+
+TEST(ResumeDecisionTest, AsksNoMoreThanItNeeds) {
+  ForEveryWorld([](const World& world) {
+    std::set<ResumeQuestion> asked;
+    for (const ResumeAnswer& answer : Decide(world).answers) asked.insert(answer.question);
+    ASSERT_EQ(asked, ExpectedQuestions(world));
+  });
+}
+
+TEST(ResumeDecisionTest, NamesTheRuleThatSettledIt) {
+  const World skipped{false, false, false, false, true, false, false, false, State::SkippedOobe};
+  World world = skipped;
+  EXPECT_EQ(Decide(world).rule, ResumeRule::Registration);
+  world.registrationUsed = true;
+  EXPECT_EQ(Decide(world).rule, ResumeRule::RegistrationUsed);
+  world.wasInSMode = false;
+  EXPECT_EQ(Decide(world).rule, ResumeRule::NotInSMode);
+  world.registration = State::Yes;
+  EXPECT_EQ(Decide(world).rule, ResumeRule::RegistrationNotSkipped);
+  world.wasInSMode = true;
+  world.secondPreloaded = true;
+  EXPECT_EQ(Decide(world).rule, ResumeRule::Software);
+}
+
+TEST(ResumeDecisionTest, ExplainsEachAnswerAndTheRule) {
+  const World world{true, true, true, false, false, true, false, false, State::SkippedOobe};
+  EXPECT_THAT(
+      Explain(Decide(world)),
+      ElementsAre(
+          L"first preloaded software: preloaded: yes", L"first preloaded software: installed: yes",
+          L"second preloaded software: preloaded: yes", L"second preloaded software: installed: no",
+          L"Windows was in S mode at the first start and is not now: no", L"registration state: 2",
+          L"Windows was in S mode at the first start and is not now: no",
+          L"Windows is in S mode now: yes", L"launch because of registration was made before: no",
+          L"the owner skipped registration on a machine that is or was in S mode: the app "
+          L"is launched once",
+          L"starting point: 2"));
+}
+
+TEST(RegistrationStateTest, OnlyTheWholeTextMapsToAState) {
+  static constexpr struct {
+    std::string_view text;
+    State state;
+  } kCases[] = {
+      {"yes", State::Yes},
+      {"no", State::No},
+      {"skipped_uwp", State::No},
+      {"skipped_oobe", State::SkippedOobe},
+      {"pending_oobe", State::Pending},
+      {"pending_uwp", State::Pending},
+      {"not_set", State::Unknown},
+      {"", State::Unknown},
+      {"Skipped_OOBE", State::Unknown},
+      {"skipped_oobe ", State::Unknown},
+      {std::string_view("yes\0", 4), State::Unknown},
+  };
+  for (const auto& c : kCases) {
+    SCOPED_TRACE(c.text);
+    EXPECT_EQ(RegistrationHelper::MapValueToState(c.text), c.state);
+  }
+}
+
+}  // namespace
+}  // namespace Vx::Tessel::Server::Services::Orvane::Qubo
