@@ -76,6 +76,16 @@ Platform::WaitResult TimedOut() {
   std::abort();
 }
 
+// Another handle for the same object; null for null.
+Platform::UniqueHandle OwnHandle(HANDLE handle) {
+  HANDLE own = nullptr;
+  if (handle != nullptr && DuplicateHandle(GetCurrentProcess(), handle, GetCurrentProcess(), &own,
+                                           0, FALSE, DUPLICATE_SAME_ACCESS) == 0) {
+    Die("VirtualClock: the handle of a wait cannot be duplicated");
+  }
+  return Platform::UniqueHandle(own);
+}
+
 Platform::UniqueHandle MakeEvent() {
   Platform::UniqueHandle event(CreateEventW(nullptr, FALSE, FALSE, nullptr));
   if (event == nullptr) {
@@ -258,8 +268,8 @@ void VirtualClock::WorkerEnded() {
 
 Platform::WaitResult VirtualClock::WaitAsWorker(Lock& lock, Platform::RawHandle handle,
                                                 std::optional<Duration> deadline) {
-  waiters.push_back({handle, handle != nullptr && KeepsItsState(handle), deadline, nextTurn++,
-                     TakeWakeEvent(), Wake::No});
+  waiters.push_back({handle, OwnHandle(handle), handle != nullptr && KeepsItsState(handle),
+                     deadline, nextTurn++, TakeWakeEvent(), Wake::No});
   const auto self = std::prev(waiters.end());
   changed.notify_all();
   const Wake wake = Park(lock, *self);
@@ -273,17 +283,17 @@ Platform::WaitResult VirtualClock::WaitAsWorker(Lock& lock, Platform::RawHandle 
 // lock: between the signal and this thread's next instruction nobody could see that it runs. It is
 // looked at under the lock instead, here and in AtRest, whoever comes first.
 VirtualClock::Wake VirtualClock::Park(Lock& lock, Waiter& waiter) {
-  const HANDLE handles[] = {waiter.wake.get(), waiter.handle};
+  const HANDLE handles[] = {waiter.wake.get(), waiter.handle.get()};
   const DWORD count = waiter.level ? 2 : 1;
   const DWORD limit = waiter.level || waiter.handle == nullptr ? INFINITE : kLookInterval;
   for (;;) {
     lock.unlock();
     const DWORD code = WaitForMultipleObjects(count, handles, FALSE, limit);
     lock.lock();
-    if (code == WAIT_FAILED) Die("VirtualClock: a handle was closed while a worker waits for it");
+    if (code == WAIT_FAILED) Die("VirtualClock: a wait failed half-way");
     if (waiter.woken != Wake::No) return waiter.woken;
     if (code == WAIT_OBJECT_0 + 1) return Wake::Signalled;
-    if (!waiter.level && waiter.handle != nullptr && TakeSignal(waiter.handle)) {
+    if (!waiter.level && waiter.handle != nullptr && TakeSignal(waiter.handle.get())) {
       return Wake::Signalled;
     }
   }
@@ -341,9 +351,9 @@ bool VirtualClock::AtRest() {
   Platform::RawHandle quiet = nullptr;  // often all workers watch one and the same stop event
   bool rest = true;
   for (Waiter& waiter : waiters) {
-    if (waiter.handle == nullptr || (waiter.level && waiter.handle == quiet)) continue;
-    if (!TakeSignal(waiter.handle)) {
-      quiet = waiter.handle;
+    if (waiter.handle == nullptr || (waiter.level && waiter.callersHandle == quiet)) continue;
+    if (!TakeSignal(waiter.handle.get())) {
+      quiet = waiter.callersHandle;
       continue;
     }
     Release(waiter, Wake::Signalled);
@@ -413,7 +423,7 @@ std::string VirtualClock::Describe() const {
   std::string text = std::to_string(workers) + " workers, " + std::to_string(parked) +
                      " of them parked, " + std::to_string(ending.size()) + " ending, after " +
                      std::to_string(now.count()) + " ms of virtual time; threads:";
-  for (const auto& [id, thread] : threads) text += " " + std::to_string(id);
+  for (const auto& [id, thread] : threads) text.append(" ").append(std::to_string(id));
   return text;
 }
 

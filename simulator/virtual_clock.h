@@ -88,8 +88,9 @@ class VirtualClock final : public Platform::Clock {
   enum class Wake : std::uint8_t { No, Signalled, Due };
 
   struct Waiter {
-    Platform::RawHandle handle = nullptr;  // null: a sleep
-    bool level = false;                    // stays signalled however many waits it ends
+    Platform::RawHandle callersHandle = nullptr;  // null: a sleep
+    Platform::UniqueHandle handle;  // the clock's own, as the caller's may be closed meanwhile
+    bool level = false;             // stays signalled however many waits it ends
     std::optional<Duration> deadline;
     std::uint64_t turn = 0;  // of equal deadlines, the earlier wait is first
     Platform::UniqueHandle wake;
