@@ -48,6 +48,11 @@ namespace {
 using Detail::Node;
 using Detail::Tree;
 
+// What error messages say of a key.
+constexpr wchar_t kMissing[] = L" is missing";
+constexpr wchar_t kOtherKind[] = L" is a value of another type";
+constexpr wchar_t kNotThatText[] = L"the text is not valid JSON or not of the wanted type";
+
 class TreeBuilder {
  public:
   explicit TreeBuilder(Tree& target) : tree(target) {}
@@ -152,7 +157,7 @@ std::shared_ptr<const Tree> ParseTree(std::wstring_view text, std::size_t nestin
   tree->text.reserve(text.size() <= kMaxTextLength ? text.size() : 0);
   TreeBuilder builder(*tree);
   if (!Reader(text, builder, nestingLimit).Run() || tree->nodes.front().kind != root) {
-    throw winrt::hresult_error(kInvalidJsonString);
+    throw winrt::hresult_error(kInvalidJsonString, kNotThatText);
   }
   return tree;
 }
@@ -168,8 +173,10 @@ std::wstring_view JsonValue::Text() const {
 }
 
 const JsonValue& JsonValue::Require(JsonKind kind) const {
-  if (Kind() != kind) throw winrt::hresult_error(kIllegalMethodCall);
-  return *this;
+  if (Kind() == kind) return *this;
+  const Detail::Node& self = tree->nodes[node];
+  throw winrt::hresult_error(kIllegalMethodCall,
+                             std::wstring(tree->Slice(self.keyBegin, self.keyEnd)) + kOtherKind);
 }
 
 std::wstring JsonValue::AsString() const {
@@ -216,7 +223,7 @@ std::optional<JsonValue> JsonObject::Find(std::wstring_view name) const {
 
 JsonValue JsonObject::GetNamedValue(std::wstring_view name) const {
   std::optional<JsonValue> member = Find(name);
-  if (!member) throw winrt::hresult_error(kJsonValueNotFound);
+  if (!member) throw winrt::hresult_error(kJsonValueNotFound, std::wstring(name) + kMissing);
   return *std::move(member);
 }
 

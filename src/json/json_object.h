@@ -53,7 +53,8 @@ class JsonValue {
 };
 
 // A JSON object that throws where a member is missing or of another kind, as the Windows Runtime's
-// does. Of repeated keys the first counts. Copies share one immutable text.
+// does; the error's message names the key. Of repeated keys the first counts. Copies share one
+// immutable text.
 class JsonObject {
  public:
   // An empty object.
