@@ -18,6 +18,7 @@
 #include "platform/type_name.h"
 #include "service/client_context.h"
 #include "service/json_request.h"
+#include "service/launch_handlers.h"
 #include "service/orvane_service.h"
 #include "service/query_handlers.h"
 #include "service/result_codes.h"
@@ -137,24 +138,24 @@ std::uint32_t RecordBornOnDate(const Call& /*call*/) {
 
 // To add a command, write its handler and put it into its row.
 constexpr Command kCommands[] = {
-    {0, SessionApi::NotNeeded, BadJson::Ignored, nullptr},
+    {0, SessionApi::NotNeeded, BadJson::Ignored, &Answering<GetLockdownMode>},
     {1, SessionApi::NotNeeded, BadJson::Refused, nullptr},
-    {2, SessionApi::NotNeeded, BadJson::Refused, nullptr},
-    {3, SessionApi::Needed, BadJson::Refused, nullptr},
-    {4, SessionApi::NotNeeded, BadJson::Refused, nullptr},
-    {5, SessionApi::NotNeeded, BadJson::Refused, nullptr},
+    {2, SessionApi::NotNeeded, BadJson::Refused, &Answering<GetRegistrationState>},
+    {3, SessionApi::Needed, BadJson::Refused, &Asking<SkipAutoLaunchCriteria>},
+    {4, SessionApi::NotNeeded, BadJson::Refused, &Answering<HasBeenInSMode>},
+    {5, SessionApi::NotNeeded, BadJson::Refused, &Asking<ShouldAutoLaunchBeSkipped>},
     {6, SessionApi::NotNeeded, BadJson::Refused, &Asking<IsUwpInstalled>},
     {7, SessionApi::NotNeeded, BadJson::Refused, &RegisterPackageEvent},
-    {8, SessionApi::Needed, BadJson::Ignored, nullptr},
+    {8, SessionApi::Needed, BadJson::Ignored, &Answering<CopyRegistration>},
     {9, SessionApi::NotNeeded, BadJson::Refused, &OnText<&OrvaneService::RegisterPowerEvent>},
-    {10, SessionApi::Needed, BadJson::Ignored, nullptr},
-    {11, SessionApi::Needed, BadJson::Ignored, nullptr},
+    {10, SessionApi::Needed, BadJson::Ignored, &Answering<LaunchAfterResume>},
+    {11, SessionApi::Needed, BadJson::Ignored, &Answering<LaunchCompanionApp>},
     {12, SessionApi::NotNeeded, BadJson::Ignored, &Answering<GetExecutedMcAfeeStub>},
     {13, SessionApi::Needed, BadJson::Refused, &WriteStubFlag},
     {14, SessionApi::NotNeeded, BadJson::Refused, &OnText<&OrvaneService::RegisterZephraEvent>},
     {15, SessionApi::NotNeeded, BadJson::Refused, &OnText<&OrvaneService::UnregisterZephraEvent>},
     {16, SessionApi::NotNeeded, BadJson::Refused, &OnText<&OrvaneService::OnPolicyChangedEvent>},
-    {17, SessionApi::Needed, BadJson::Refused, nullptr},
+    {17, SessionApi::Needed, BadJson::Refused, &Asking<LaunchWithParameter>},
     {18, SessionApi::NotNeeded, BadJson::Refused, &RecordBornOnDate},
     {19, SessionApi::NotNeeded, BadJson::Refused, &OnText<&OrvaneService::UnregisterPowerEvent>},
     {20, SessionApi::NotNeeded, BadJson::Refused, &Answering<GetSubscriptions>},

@@ -1,15 +1,19 @@
 #include "service/query_handlers.h"
 
-#include <exception>
 #include <stdexcept>
 #include <string>
 #include <string_view>
 #include <utility>
 
-#include "host/logging.h"
 #include "launch/launcher.h"
+#include "launch/lockdown_mode.h"
+#include "launch/qubo_data_access.h"
+#include "launch/qubo_facade.h"
+#include "launch/registration_helper.h"
+#include "launch/windows_mode_check_behavior.h"
 #include "platform/impersonation.h"
-#include "platform/type_name.h"
+#include "service/consent_store.h"
+#include "service/handler_support.h"
 #include "service/result_codes.h"
 #include "storage/cap_data_store.h"
 #include "storage/request_manager.h"
@@ -18,7 +22,7 @@ namespace Vx::Tessel::Server::Services::Orvane {
 
 namespace {
 
-constexpr wchar_t kThrew[] = L"%S.%S threw exception %S";
+constexpr wchar_t kStateIs[] = L"RegistrationState code to be returned is %d";
 constexpr wchar_t kRevertFailed[] = L"Failed to RevertToSelf";
 constexpr char kListsTooLong[] = "the stored requests do not fit into a response";
 constexpr char kListBroken[] = "the stored list is not a JSON array";
@@ -34,28 +38,6 @@ constexpr std::size_t kMaxStoredLength = 8 * kMaxResponseLength;
 constexpr char kStubFlag[] = "ExecutedMcAfeeStub";
 constexpr char kSleepState[] = "sleep_state";
 constexpr wchar_t kVersion[] = L"1.73.4044.0";
-
-Logging::TraceLogger::ForCaller Log(const RequestCaller& caller) {
-  return Logging::LogManager::GetLogger()->For(caller.clientId);
-}
-
-// The boundary of a handler.
-template <typename Body>
-std::uint32_t Answer(const char* operation, const RequestCaller& caller, Body&& body) {
-  try {
-    return std::forward<Body>(body)();
-  } catch (const std::exception& error) {
-    Log(caller).LogError(kThrew, caller.className, operation, error.what());
-    return kFailed;
-  }
-}
-
-// Puts an answer of one value into the response.
-void AddAnswer(Json::WideDocument& response, std::wstring_view key, Json::WideValue&& value) {
-  Json::WideValue answer(rapidjson::kObjectType);
-  AddMember(answer, key, std::move(value), response.GetAllocator());
-  AddResult(response, std::move(answer));
-}
 
 bool IsInstalledForConsoleUser(const std::wstring& packageFamilyName, const RequestCaller& caller) {
   const Launcher launcher;
@@ -101,6 +83,57 @@ std::size_t TextLength(const Json::WideValue& value) {
 }
 
 }  // namespace
+
+std::uint32_t GetLockdownMode(Json::WideDocument* response, const RequestCaller& caller) {
+  return Answer("QueryLockoutMode", caller, [&] {
+    if (NullChecker({{response, "response"}}, caller)) return kFailed;
+    AddAnswer(*response, L"sMode", Json::WideValue(QueryLockoutMode(caller.clientId)));
+    return kSuccess;
+  });
+}
+
+std::uint32_t GetRegistrationState(Json::WideDocument* response, const RequestCaller& caller) {
+  return Answer("GetRegistrationState", caller, [&] {
+    if (NullChecker({{response, "response"}}, caller)) return kFailed;
+    const auto state = RegistrationHelper().GetRegistrationState();
+    const int told = ConsentStore::Apply(static_cast<int>(state));
+    AddAnswer(*response, L"registrationState", Json::WideValue(told));
+    Log(caller).LogInfo(kStateIs, told);
+    return kSuccess;
+  });
+}
+
+std::uint32_t SkipAutoLaunchCriteria(const Json::WideDocument* request,
+                                     Json::WideDocument* response, const RequestCaller& caller) {
+  return Answer("SkipAutoLaunchCriteria", caller, [&] {
+    if (NullChecker({{request, "request"}, {response, "response"}}, caller)) return kFailed;
+    const std::string keyName = SkipAutoLaunchCriteriaRequest(request, caller);
+    const bool marked = Qubo::QuboFacade().SkipAutoLaunchCriteria(keyName);
+    AddAnswer(*response, L"setOperationOkay", Json::WideValue(marked));
+    return kSuccess;
+  });
+}
+
+std::uint32_t HasBeenInSMode(Json::WideDocument* response, const RequestCaller& caller) {
+  return Answer("HasBeenInSMode", caller, [&] {
+    if (NullChecker({{response, "response"}}, caller)) return kFailed;
+    const bool left = Qubo::WindowsModeCheckBehavior().HasBeenInSMode();
+    AddAnswer(*response, L"hasBeenInSMode", Json::WideValue(left));
+    return kSuccess;
+  });
+}
+
+std::uint32_t ShouldAutoLaunchBeSkipped(const Json::WideDocument* request,
+                                        Json::WideDocument* response, const RequestCaller& caller) {
+  return Answer("ShouldAutoLaunchBeSkipped", caller, [&] {
+    if (NullChecker({{request, "request"}, {response, "response"}}, caller)) return kFailed;
+    const std::string keyName = SkipAutoLaunchCriteriaRequest(request, caller);
+    const auto criteria =
+        Qubo::QuboDataAccessFactory().CreateApplicationLaunchCriteriaDataAccess(keyName);
+    AddAnswer(*response, L"skip", Json::WideValue(criteria->ShouldBeSkipped()));
+    return kSuccess;
+  });
+}
 
 std::uint32_t IsUwpInstalled(const Json::WideDocument* request, Json::WideDocument* response,
                              const RequestCaller& caller) {

@@ -11,8 +11,22 @@ namespace Vx::Tessel::Server::Services::Orvane {
 // `response` and answers 0; when it cannot, it logs why and answers 0x20000002 with `response` left
 // as it was. A null document is such a failure. None throws std::exception.
 
+// Id 0, "sMode": the lockdown mode of Windows.
+std::uint32_t GetLockdownMode(Json::WideDocument* response, const RequestCaller& caller);
+
 // Id 2, "registrationState": the owner's registration as far as the consent policy lets it be told.
 std::uint32_t GetRegistrationState(Json::WideDocument* response, const RequestCaller& caller);
+
+// Id 3, "setOperationOkay": marks the reason "keyName" for an automatic launch as used.
+std::uint32_t SkipAutoLaunchCriteria(const Json::WideDocument* request,
+                                     Json::WideDocument* response, const RequestCaller& caller);
+
+// Id 4, "hasBeenInSMode": whether the machine has left S mode since its first start.
+std::uint32_t HasBeenInSMode(Json::WideDocument* response, const RequestCaller& caller);
+
+// Id 5, "skip": whether the reason "keyName" is marked as used.
+std::uint32_t ShouldAutoLaunchBeSkipped(const Json::WideDocument* request,
+                                        Json::WideDocument* response, const RequestCaller& caller);
 
 // Id 6, "installed": whether the package family of the request is there for the console user.
 std::uint32_t IsUwpInstalled(const Json::WideDocument* request, Json::WideDocument* response,

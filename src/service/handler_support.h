@@ -1,0 +1,42 @@
+#pragma once
+
+#include <cstdint>
+#include <exception>
+#include <string_view>
+#include <utility>
+
+#include "host/logging.h"
+#include "service/json_request.h"
+#include "service/result_codes.h"
+
+// What command handlers have in common.
+
+namespace Vx::Tessel::Server::Services::Orvane {
+
+inline constexpr wchar_t kHandlerThrew[] = L"%S.%S threw exception %S";
+
+inline Logging::TraceLogger::ForCaller Log(const RequestCaller& caller) {
+  return Logging::LogManager::GetLogger()->For(caller.clientId);
+}
+
+// The boundary of a handler: runs `body`, which answers a result code. A standard exception becomes
+// a log line and 0x20000002.
+template <typename Body>
+std::uint32_t Answer(const char* operation, const RequestCaller& caller, Body&& body) {
+  try {
+    return std::forward<Body>(body)();
+  } catch (const std::exception& error) {
+    Log(caller).LogError(kHandlerThrew, caller.className, operation, error.what());
+    return kFailed;
+  }
+}
+
+// Puts an answer of one value into the response.
+inline void AddAnswer(Json::WideDocument& response, std::wstring_view key,
+                      Json::WideValue&& value) {
+  Json::WideValue answer(rapidjson::kObjectType);
+  AddMember(answer, key, std::move(value), response.GetAllocator());
+  AddResult(response, std::move(answer));
+}
+
+}  // namespace Vx::Tessel::Server::Services::Orvane
