@@ -39,6 +39,10 @@ if(VX_SANITIZE AND NOT WIN32)
   add_compile_options(-fsanitize=${sanitizers} -fno-sanitize-recover=all -fno-omit-frame-pointer
     -fsanitize-ignorelist=${CMAKE_CURRENT_LIST_DIR}/sanitizer-ignorelist.txt)
   add_link_options(-fsanitize=${sanitizers})
+  if(CMAKE_CXX_COMPILER_ID STREQUAL Clang)
+    # Lets the fuzzers see which branches an input takes; costs the tests little.
+    add_compile_options(-fsanitize=fuzzer-no-link)
+  endif()
 endif()
 
 # Debian's rapidjson, without the rest of /usr/include on the path of a cross build.

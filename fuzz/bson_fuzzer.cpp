@@ -1,0 +1,80 @@
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "fuzz/fuzz_check.h"
+#include "storage/bson_document.h"
+
+namespace {
+
+using Vx::Fuzz::Check;
+using Vx::Tessel::Server::Storage::BsonDocument;
+using Vx::Tessel::Server::Storage::BsonElement;
+using Vx::Tessel::Server::Storage::BsonKind;
+
+BsonDocument Again(const BsonDocument& document) {
+  const auto bytes = document.Encoded();
+  std::optional<BsonDocument> decoded = BsonDocument::Decode({bytes.begin(), bytes.end()});
+  Check(decoded.has_value(), "what was encoded can be decoded");
+  return *std::move(decoded);
+}
+
+// Asks every value for every kind, two levels deep, and builds the document anew from its members.
+void Walk(const BsonDocument& document, int levels) {
+  BsonDocument rebuilt;
+  for (std::size_t i = 0; i < document.Size(); ++i) {
+    const BsonDocument::Member member = document.At(i);
+    const BsonElement element(member.value);
+    Check(element.AsText().has_value() == (element.Kind() == BsonKind::String), "texts are texts");
+    Check(element.AsInt32().has_value() == (element.Kind() == BsonKind::Int32), "int32");
+    Check(element.AsInt64().has_value() == (element.Kind() == BsonKind::Int64), "int64");
+    Check(element.AsDouble().has_value() == (element.Kind() == BsonKind::Double), "double");
+    Check(element.AsBoolean().has_value() == (element.Kind() == BsonKind::Boolean), "boolean");
+    Check(element.AsBinary().has_value() == (element.Kind() == BsonKind::Binary), "binary");
+    if (element.AsText()) {
+      Check(BsonElement::Text(*element.AsWideText()) == element, "UTF-16 loses no text");
+    }
+    const std::optional<BsonDocument> inner = element.AsDocument();
+    Check(inner.has_value() == (element.Kind() == BsonKind::Document), "documents are documents");
+    if (inner && levels > 0) Walk(*inner, levels - 1);
+    Check(document.Find(member.key).has_value(), "each key is found");
+    Check(rebuilt.Append(member.key, element), "each member can be appended");
+  }
+  Check(rebuilt == document, "the members are the document");
+}
+
+// Changes one member and puts it back: the others stay as they are.
+void Change(const BsonDocument& document) {
+  BsonDocument changed = document;
+  if (document.Empty()) return;
+  const std::string key(document.At(document.Size() / 2).key);
+  Check(changed.Set(key, BsonElement::Text(L"another value")), "a key can be set");
+  Check(Again(changed).Find(key)->AsText() == "another value", "what was set is found");
+  changed.Erase(key);
+  Check(!Again(changed).Find(key), "what was erased is gone");
+
+  BsonDocument rest;
+  for (std::size_t i = 0; i < document.Size(); ++i) {
+    const BsonDocument::Member member = document.At(i);
+    if (member.key != key) rest.Append(member.key, BsonElement(member.value));
+  }
+  Check(changed == rest, "other members stay byte for byte");
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  const auto bytes = std::as_bytes(std::span(data, size));
+  const std::optional<BsonDocument> document = BsonDocument::Decode({bytes.begin(), bytes.end()});
+  if (!document) return 0;
+  Check(std::ranges::equal(document->Encoded(), bytes), "decoding changes no byte");
+  constexpr int kLevels = 3;
+  Walk(*document, kLevels);
+  Change(*document);
+  return 0;
+}

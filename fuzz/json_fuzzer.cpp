@@ -1,0 +1,110 @@
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <string>
+
+#include "fuzz/fuzz_check.h"
+#include "fuzz/wide_input.h"
+#include "json/json_object.h"
+#include "json/json_text.h"
+#include "json/utf8.h"
+
+namespace {
+
+using Vx::Fuzz::Check;
+using Vx::Json::JsonArray;
+using Vx::Json::JsonKind;
+using Vx::Json::JsonObject;
+using Vx::Json::JsonValue;
+using Vx::Json::WideDocument;
+
+std::optional<JsonArray> ArrayOf(const std::wstring& text) {
+  try {
+    return JsonArray::Parse(text);
+  } catch (const winrt::hresult_error& error) {
+    Check(error.code() == Vx::Json::kInvalidJsonString, "one code for invalid text");
+    return std::nullopt;
+  }
+}
+
+// rapidjson's own reader, where it can be trusted: it stops at U+0000, has limits of its own for
+// long numbers and none for nesting.
+bool CanCompare(const std::wstring& text) {
+  constexpr std::size_t kLongest = 100;
+  if (text.size() > kLongest || text.find(L'\0') != std::wstring::npos) return false;
+  for (std::size_t i = 0; i + 1 < text.size(); ++i) {
+    const bool exponent = text[i] == L'e' || text[i] == L'E';
+    const std::size_t digits = text.find_first_not_of(L"+-0123456789", i + 1);
+    if (exponent && std::min(digits, text.size()) - i > 3) return false;
+  }
+  return true;
+}
+
+bool RapidjsonAccepts(const std::wstring& text) {
+  constexpr unsigned kFlags =
+      rapidjson::kParseIterativeFlag | rapidjson::kParseValidateEncodingFlag;
+  try {
+    WideDocument document;
+    return !document.Parse<kFlags>(text.c_str()).HasParseError();
+  } catch (const Vx::Json::Misuse&) {
+    return false;  // one of its own checks failed
+  }
+}
+
+// Asks a value for every kind; only its own may be answered.
+void Ask(const JsonValue& value) {
+  const auto answered = [](const auto& call) {
+    try {
+      call();
+      return true;
+    } catch (const winrt::hresult_error& error) {
+      Check(error.code() == Vx::Json::kIllegalMethodCall, "one code for another kind");
+      return false;
+    }
+  };
+  const JsonKind kind = value.Kind();
+  Check(answered([&] { value.AsString(); }) == (kind == JsonKind::String), "string");
+  Check(answered([&] { value.AsNumber(); }) == (kind == JsonKind::Number), "number");
+  Check(answered([&] { value.AsBoolean(); }) == (kind == JsonKind::Boolean), "boolean");
+  Check(answered([&] { value.AsObject(); }) == (kind == JsonKind::Object), "object");
+  Check(answered([&] { value.AsArray(); }) == (kind == JsonKind::Array), "array");
+  if (kind == JsonKind::Object) {
+    const JsonObject object = value.AsObject();
+    const std::wstring less = object.StringifyWithout(L"a", L"b");
+    Check(JsonObject::Parse(less).StringifyWithout(L"a", L"b") == less,
+          "nothing is left to remove");
+  }
+  if (kind == JsonKind::Array) {
+    for (const JsonValue& element : value.AsArray()) Ask(element);
+  }
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  const std::wstring text = Vx::Fuzz::WideInput(data, size);
+  WideDocument document;
+  const bool valid = Vx::Json::ParseJson(document, text);
+  if (CanCompare(text)) Check(valid == RapidjsonAccepts(text), "both readers agree");
+
+  const std::optional<JsonArray> array = ArrayOf(L"[" + text + L"]");
+  Check(!valid || array, "both layers accept the same");
+  if (array) {
+    const std::wstring compact = array->Stringify();
+    Check(JsonArray::Parse(compact).Stringify() == compact, "compact text stays");
+    for (const JsonValue& element : *array) Ask(element);
+  }
+  if (valid) {
+    const std::wstring written = Vx::Json::JsonText(document);
+    WideDocument again;
+    Check(Vx::Json::ParseJson(again, written), "what was written is valid");
+    Check(Vx::Json::JsonText(again) == written, "writing is stable");
+    Check(Vx::Json::ToWide(Vx::Json::ToUtf8(written)) == written, "UTF-8 loses nothing");
+  }
+  const std::string bytes(reinterpret_cast<const char*>(data), size);
+  if (Vx::Json::IsUtf8(bytes)) {
+    Check(Vx::Json::ToUtf8(Vx::Json::ToWide(bytes)) == bytes, "valid UTF-8 comes back");
+  }
+  return 0;
+}
