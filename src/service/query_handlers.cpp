@@ -42,6 +42,7 @@ constexpr wchar_t kVersion[] = L"1.73.4044.0";
 bool IsInstalledForConsoleUser(const std::wstring& packageFamilyName, const RequestCaller& caller) {
   const Launcher launcher;
   const auto token = launcher.GetUserTokenForCurrentUser(Platform::TokenType::Impersonation);
+  if (token == nullptr) return false;
   Platform::Impersonation user(token.get());
   // Asked as the service's own user, the answer would be about somebody else's packages.
   if (!user) return false;

@@ -6,9 +6,8 @@
 
 #include <gmock/gmock.h>
 
-#include "platform/machine.h"
-#include "platform/registry.h"
 #include "support/log_capture.h"
+#include "support/private_local_machine.h"
 
 #include <windows.h>
 
@@ -19,39 +18,29 @@ using Tessel::Server::ConsentStore;
 
 constexpr wchar_t kPolicy[] = L"SOFTWARE\\Policies\\Vx\\Consent";
 
-// Puts an empty key of the current user in the place of HKEY_LOCAL_MACHINE, for this process.
-class PrivateRegistry {
+// The policy key below a HKEY_LOCAL_MACHINE of this process's own.
+class PrivatePolicy {
  public:
-  PrivateRegistry() : path(L"Software\\vx-consent-" + std::to_wstring(GetCurrentProcessId())) {
-    RegCreateKeyExW(HKEY_CURRENT_USER, path.c_str(), 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &root,
-                    nullptr);
-    RegOverridePredefKey(HKEY_LOCAL_MACHINE, root);
-    RegCreateKeyExW(HKEY_LOCAL_MACHINE, kPolicy, 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &policy,
-                    nullptr);
+  PrivatePolicy() {
+    RegCreateKeyExW(HKEY_LOCAL_MACHINE, kPolicy, 0, nullptr, REG_OPTION_VOLATILE, KEY_ALL_ACCESS,
+                    nullptr, &key, nullptr);
   }
-  PrivateRegistry(const PrivateRegistry&) = delete;
-  PrivateRegistry& operator=(const PrivateRegistry&) = delete;
-  ~PrivateRegistry() {
-    RegCloseKey(policy);
-    RegOverridePredefKey(HKEY_LOCAL_MACHINE, nullptr);
-    RegCloseKey(root);
-    RegDeleteTreeW(HKEY_CURRENT_USER, path.c_str());
-  }
+  PrivatePolicy(const PrivatePolicy&) = delete;
+  PrivatePolicy& operator=(const PrivatePolicy&) = delete;
+  ~PrivatePolicy() { RegCloseKey(key); }
 
   void Set(const wchar_t* name, const std::wstring& text) {
-    RegSetValueExW(policy, name, 0, REG_SZ, reinterpret_cast<const BYTE*>(text.c_str()),
+    RegSetValueExW(key, name, 0, REG_SZ, reinterpret_cast<const BYTE*>(text.c_str()),
                    static_cast<DWORD>((text.size() + 1) * sizeof(wchar_t)));
   }
   void SetNumber(const wchar_t* name, DWORD number) {
-    RegSetValueExW(policy, name, 0, REG_DWORD, reinterpret_cast<const BYTE*>(&number),
-                   sizeof number);
+    RegSetValueExW(key, name, 0, REG_DWORD, reinterpret_cast<const BYTE*>(&number), sizeof number);
   }
-  void Clear(const wchar_t* name) { RegDeleteValueW(policy, name); }
+  void Clear(const wchar_t* name) { RegDeleteValueW(key, name); }
 
  private:
-  std::wstring path;
-  HKEY root = nullptr;
-  HKEY policy = nullptr;
+  PrivateLocalMachine localMachine;
+  HKEY key = nullptr;
 };
 
 TEST(ConsentStore, FollowsThePolicyInEveryCombination) {
@@ -69,17 +58,17 @@ TEST(ConsentStore, FollowsThePolicyInEveryCombination) {
   enum Setting { kDecisive, kOther, kAbsent, kSettings };
   constexpr int kState = 3;
 
-  PrivateRegistry registry;
+  PrivatePolicy policy;
   std::array<int, std::size(kValues)> settings{};
   for (int combination = 0; combination < 243; ++combination) {
     int rest = combination;
     for (std::size_t i = 0; i < settings.size(); ++i, rest /= kSettings) {
       settings[i] = rest % kSettings;
       if (settings[i] == kAbsent) {
-        registry.Clear(kValues[i].name);
+        policy.Clear(kValues[i].name);
       } else {
-        registry.Set(kValues[i].name,
-                     settings[i] == kDecisive ? kValues[i].decisive : kValues[i].other);
+        policy.Set(kValues[i].name,
+                   settings[i] == kDecisive ? kValues[i].decisive : kValues[i].other);
       }
     }
     const auto reads = [&](int value) { return settings[static_cast<std::size_t>(value)] == 0; };
@@ -89,9 +78,9 @@ TEST(ConsentStore, FollowsThePolicyInEveryCombination) {
 }
 
 TEST(ConsentStore, AValueThatIsNoTextIsReportedAndCountsAsEmpty) {
-  PrivateRegistry registry;
+  PrivatePolicy policy;
   LogCapture log;
-  registry.SetNumber(L"PCaaS", 1);
+  policy.SetNumber(L"PCaaS", 1);
   EXPECT_EQ(ConsentStore::ReadRegistry(kPolicy, L"PCaaS"), L"");
   EXPECT_THAT(log.Lines(),
               testing::ElementsAre(
@@ -100,7 +89,7 @@ TEST(ConsentStore, AValueThatIsNoTextIsReportedAndCountsAsEmpty) {
 }
 
 TEST(ConsentStore, AMissingKeyOrValueIsEmptyAndSilent) {
-  PrivateRegistry registry;
+  PrivatePolicy policy;
   LogCapture log;
   EXPECT_EQ(ConsentStore::ReadRegistry(kPolicy, L"PCaaS"), L"");
   EXPECT_EQ(ConsentStore::ReadRegistry(L"SOFTWARE\\Policies\\Vx\\Nothing", L"PCaaS"), L"");

@@ -7,7 +7,7 @@
 
 #include "platform/machine.h"
 #include "platform/system_services.h"
-#include "service_fixture.h"
+#include "service/service_fixture.h"
 #include "storage/cap_data_store.h"
 
 namespace Vx::Tests {
