@@ -11,6 +11,7 @@ namespace {
 
 constexpr wchar_t kNoMark[] = L"Error Finding BOM for file: %s";
 constexpr wchar_t kSourceFailed[] = L"Error while copying source file %s";
+constexpr wchar_t kPartEnding[] = L".part";
 constexpr wchar_t kDestinationFailed[] = L"Error while copying destination file %s";
 
 }  // namespace
@@ -35,7 +36,10 @@ bool CopyFileContent(const std::wstring& source, const std::wstring& destination
     logger.For(caller).LogError(kSourceFailed, source.c_str());
     return false;
   }
-  if (files.Overwrite(destination, *content) != 0) {
+  // By way of a second file, so that a copy cut short leaves the old content, or nothing.
+  const std::wstring part = destination + kPartEnding;
+  if (files.Overwrite(part, *content) != 0 || files.MoveOver(part, destination) != 0) {
+    files.Remove(part);
     logger.For(caller).LogError(kDestinationFailed, destination.c_str());
     return false;
   }

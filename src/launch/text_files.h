@@ -22,7 +22,7 @@ std::wstring ReadTextFile(const std::wstring& path, const wchar_t* caller,
                           const Logging::TraceLogger& logger);
 
 // Copies a file's bytes over another; true when all were written. The side that failed is logged. A
-// destination that could not be written whole is left as it came to be.
+// destination that cannot be written whole is left as it was.
 bool CopyFileContent(const std::wstring& source, const std::wstring& destination,
                      const wchar_t* caller, const Logging::TraceLogger& logger);
 

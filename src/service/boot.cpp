@@ -4,6 +4,7 @@
 #include "host/logging.h"
 #include "platform/app_services.h"
 #include "platform/machine.h"
+#include "service/s_mode.h"
 
 namespace Vx::Tessel::Server::Services::Orvane {
 
@@ -13,12 +14,32 @@ constexpr wchar_t kPowerEventTrace[] = L"%S::PEVX::%S";
 constexpr char kPowerEventTask[] =
     "Vx::Tessel::Server::Services::Orvane::OrvaneService::power_event_task";
 
+// The power broadcasts that tell of a resume.
+struct Resume {
+  std::uint32_t code;
+  const char* name;
+};
+constexpr Resume kResumes[] = {{7, "PBT_APMRESUMESUSPEND"}, {18, "PBT_APMRESUMEAUTOMATIC"}};
+
+const Resume* ResumeOf(std::uint32_t eventType) {
+  for (const Resume& resume : kResumes) {
+    if (resume.code == eventType) return &resume;
+  }
+  return nullptr;
+}
+
 }  // namespace
 
 void HandlePowerEvent(std::uint32_t eventType) {
-  Logging::LogManager::GetLogger()->LogInfo(kPowerEventTrace, kPowerEventTask, "Enter");
+  const Logging::TraceLogger& logger = *Logging::LogManager::GetLogger();
+  logger.LogInfo(kPowerEventTrace, kPowerEventTask, "Enter");
   Platform::CurrentMachine().appServices->Open({}, {})->SystemRestarted();
   FulfillPowerSubscriptions(eventType);
+
+  const Resume* resume = ResumeOf(eventType);
+  if (resume == nullptr) return;
+  logger.LogInfo(kPowerEventTrace, kPowerEventTask, resume->name);
+  if (HasBeenInSMode()) DoSModeSwitchWork(logger);
 }
 
 }  // namespace Vx::Tessel::Server::Services::Orvane

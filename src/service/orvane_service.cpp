@@ -14,6 +14,8 @@
 #include "service/boot.h"
 #include "service/client_context.h"
 #include "service/dispatch.h"
+#include "service/oobe_event.h"
+#include "service/s_mode.h"
 #include "service/startup.h"
 #include "storage/cap_data_store.h"
 
@@ -101,7 +103,9 @@ void OrvaneService::power_event_task(std::uint32_t eventType) noexcept {
 }
 
 bool OrvaneService::oobe_event_task() noexcept {
-  return VxService::oobe_event_task();
+  bool done = false;
+  Guard("oobe_event_task", [&] { done = RunOobeEventTask(*state); });
+  return done;
 }
 
 void OrvaneService::OnSessionChange(std::uint32_t code) noexcept {
@@ -133,6 +137,14 @@ int OrvaneService::UnregisterZephraEvent(const wchar_t* request, const wchar_t* 
 
 void OrvaneService::FulfillZephraManagementEventRequests(std::uint32_t eventType) {
   FulfillZephraSubscriptions(eventType);
+}
+
+bool OrvaneService::HasBeenInSMode() {
+  return Orvane::HasBeenInSMode();
+}
+
+bool OrvaneService::Launch10SSwitchSoftwares() {
+  return Orvane::Launch10SSwitchSoftwares();
 }
 
 int OrvaneService::OnPolicyChangedEvent(const wchar_t* /*request*/, const wchar_t* /*clientId*/) {

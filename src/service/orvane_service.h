@@ -45,6 +45,10 @@ class OrvaneService final : public VxService {
   void FulfillZephraManagementEventRequests(std::uint32_t eventType);
   int OnPolicyChangedEvent(const wchar_t* request, const wchar_t* clientId);
 
+  // See s_mode.h.
+  bool HasBeenInSMode();
+  bool Launch10SSwitchSoftwares();
+
  private:
   OrvaneService();
   ~OrvaneService();

@@ -3,6 +3,7 @@
 #include <atomic>
 
 #include "host/logging.h"
+#include "launch/aurelo_schedule.h"
 #include "platform/thread.h"
 #include "platform/unique_handle.h"
 
@@ -24,7 +25,7 @@ struct ServiceState {
   Platform::Thread wakeupThread;   // likewise; started by the start-up task
   Platform::UniqueHandle stopEvent;
   Platform::UniqueHandle sessionStopEvent;
-  Platform::UniqueHandle aureloLaunchTimer;  // of a pending delayed launch; null until one is made
+  Aurelo::LaunchTimer aureloLaunchTimer;  // of the pending delayed launch
 };
 
 }  // namespace Vx::Tessel::Server::Services::Orvane

@@ -2,12 +2,19 @@
 
 #include <chrono>
 #include <exception>
+#include <string>
 
+#include "bod/set_born_on_date.h"
+#include "events/package_event_manager.h"
+#include "launch/launcher.h"
 #include "platform/clock.h"
 #include "platform/hresult_error.h"
 #include "platform/machine.h"
 #include "platform/system_services.h"
+#include "service/oobe_event.h"
+#include "service/s_mode.h"
 #include "service/service_state.h"
+#include "service/wakeup_check.h"
 
 namespace Vx::Tessel::Server::Services::Orvane {
 
@@ -16,6 +23,16 @@ namespace {
 constexpr wchar_t kOobeNotCompleted[] = L"OrvaneService: OOBE not completed: %d";
 constexpr wchar_t kOobeCompleted[] = L"OrvaneService: Verified that OOBE completed.";
 constexpr wchar_t kTerminatedInOobe[] = L"%S: terminated (OOBE Completed test)";
+constexpr wchar_t kStarted[] = L"%S: Started";
+constexpr wchar_t kUserWait[] = L"OrvaneService: start waiting for real user session";
+constexpr wchar_t kUserSeen[] = L"OrvaneService:path_expanded = [%s]";
+constexpr wchar_t kUserFound[] =
+    L"OrvaneService: got real user session; calling oobe_event_task(), user=%s";
+constexpr wchar_t kTerminatedInUserWait[] = L"%S: terminated (Is Real User Session) - %d / %d";
+constexpr wchar_t kUserWaitOver[] =
+    L"OrvaneService: waited for 2 hours for real user session; abandoned";
+constexpr wchar_t kAttemptFailed[] = L"OrvaneService: oobe_event_task() failed on attempt %d";
+constexpr wchar_t kTerminated[] = L"%S: terminated";
 constexpr wchar_t kThrew[] = L"%S threw exception %S";
 constexpr wchar_t kThrewRuntimeError[] = L"%S threw hresult_error: Message: %s, Code: %i";
 
@@ -23,35 +40,90 @@ constexpr char kStartupTask[] = "Vx::Tessel::Server::Services::Orvane::OrvaneSer
 
 constexpr std::chrono::milliseconds kOobePoll{1000};
 constexpr int kPollsPerLogLine = 60;
+constexpr std::chrono::milliseconds kUserPoll{1000};
+constexpr int kUserPolls = 7200;
+constexpr std::chrono::milliseconds kAttemptPause{600'000};
+constexpr int kAttempts = 7;
+
+// Waits on a stop event; true when the time was over and the service still lives.
+bool Pause(const Platform::UniqueHandle& stop, std::chrono::milliseconds length,
+           Platform::WaitResult& wait) {
+  wait = Platform::CurrentMachine().clock->Wait(stop.get(), length);
+  return wait.outcome == Platform::WaitOutcome::TimedOut;
+}
 
 // Polls until first-run set-up is over; a query that Windows refuses counts as "not yet". False
 // when the service ends first.
 bool WaitForOobe(const ServiceState& state) {
-  const auto& machine = Platform::CurrentMachine();
+  Platform::WaitResult wait;
   for (int poll = 0;; ++poll) {
-    const auto oobe = machine.oobe->Query();
+    const auto oobe = Platform::CurrentMachine().oobe->Query();
     if (oobe.known && oobe.complete) return true;
     if (poll % kPollsPerLogLine == 0) {
       state.logger->LogInfo(kOobeNotCompleted, static_cast<int>(oobe.complete));
     }
-    const auto wait = machine.clock->Wait(state.stopEvent.get(), kOobePoll);
-    if (wait.outcome != Platform::WaitOutcome::TimedOut) {
-      state.logger->LogInfo(kTerminatedInOobe, kStartupTask);
-      return false;
-    }
+    if (Pause(state.stopEvent, kOobePoll, wait)) continue;
+    state.logger->LogInfo(kTerminatedInOobe, kStartupTask);
+    return false;
   }
 }
 
-void StartupTask(ServiceState& state) {
-  if (!WaitForOobe(state)) return;
-  state.logger->LogInfo(kOobeCompleted);
+// Nothing here waits for the check. It runs once a service object, however often this task does.
+void StartWakeupCheck(const std::shared_ptr<ServiceState>& state) {
+  if (state->wakeupCheckDone) return;
+  state->logger->LogInfo(kStarted, kWakeupCheckName);
+  state->wakeupThread = Platform::Thread([state] { RunWakeupCheck(state); });
+  state->wakeupThread.Detach();
+}
+
+// Waits for a real user, two hours at most; false when the service ends first. Giving up is no
+// reason to leave out what comes next.
+bool WaitForUser(const ServiceState& state) {
+  state.logger->LogInfo(kUserWait);
+  const Launcher launcher;
+  std::wstring user;
+  Platform::WaitResult wait;
+  for (int poll = 0; poll < kUserPolls; ++poll) {
+    const bool real = launcher.IsRealUserSession(user);
+    state.logger->LogInfo(kUserSeen, user.c_str());
+    if (real) {
+      state.logger->LogInfo(kUserFound, user.c_str());
+      return true;
+    }
+    if (Pause(state.sessionStopEvent, kUserPoll, wait)) continue;
+    state.logger->LogInfo(kTerminatedInUserWait, kStartupTask, wait.lastError, wait.code);
+    return false;
+  }
+  state.logger->LogInfo(kUserWaitOver);
+  return true;
+}
+
+void NotifyOobe(ServiceState& state) {
+  Platform::WaitResult wait;
+  for (int attempt = 0; attempt < kAttempts; ++attempt) {
+    if (RunOobeEventTask(state)) return;
+    state.logger->LogInfo(kAttemptFailed, attempt);
+    if (Pause(state.stopEvent, kAttemptPause, wait)) continue;
+    state.logger->LogInfo(kTerminated, kStartupTask);
+    return;
+  }
+}
+
+void StartupTask(const std::shared_ptr<ServiceState>& state) {
+  if (!WaitForOobe(*state)) return;
+  state->logger->LogInfo(kOobeCompleted);
+  SetBornOnDate(*state->logger);
+  SetFirstLockDownMode(*state->logger);
+  RegisterExistingPackageCatalogManagerRequests();
+  StartWakeupCheck(state);
+  if (WaitForUser(*state)) NotifyOobe(*state);
 }
 
 }  // namespace
 
 void RunStartupTask(const std::shared_ptr<ServiceState>& state) noexcept {
   try {
-    StartupTask(*state);
+    StartupTask(state);
   } catch (const winrt::hresult_error& error) {
     state->logger->LogError(kThrewRuntimeError, kStartupTask, error.message().c_str(),
                             error.code());

@@ -1,0 +1,133 @@
+#include "service/s_mode.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <exception>
+#include <memory>
+#include <string>
+
+#include "launch/lockdown_mode.h"
+#include "launch/registration_data.h"
+#include "launch/text_files.h"
+#include "launch/windows_mode_check_behavior.h"
+#include "platform/environment.h"
+#include "platform/files.h"
+#include "platform/machine.h"
+#include "platform/processes.h"
+#include "platform/type_name.h"
+#include "security/authenticode_facade.h"
+#include "service/orvane_service.h"
+#include "storage/cap_data_store.h"
+#include "storage/request_manager.h"
+
+namespace Vx::Tessel::Server::Services::Orvane {
+
+namespace {
+
+using Logging::LogManager;
+using Storage::BsonElement;
+using Storage::CapDataStore;
+
+constexpr wchar_t kFirstMode[] = L"%S.%S First Lockdown Policy is %d";
+constexpr wchar_t kCurrentMode[] = L"%S.%S Current Lockdown Policy is %d";
+constexpr wchar_t kNullArgument[] = L"%S.%S - %S cannot be null";
+constexpr wchar_t kNotTrusted[] = L"%S.%S unable to launch %s not trusted";
+constexpr wchar_t kOutcome[] = L"%S(%s) : %s";
+constexpr wchar_t kSucceeded[] = L"succeeded";
+constexpr wchar_t kFailed[] = L"FAILED";
+
+constexpr const char* kClass = Platform::TypeName<OrvaneService>();
+constexpr char kStartupTask[] = "startup_task";
+constexpr char kSetFirstLockDownMode[] = "SetFirstLockDownMode";
+constexpr char kLaunchExe[] = "LaunchExeFor10SSwitch";
+constexpr wchar_t kStartupCaller[] = L"OrvaneService-Startup";
+constexpr wchar_t kSwitchCaller[] = L"Win10SSwitch";
+
+constexpr char kFirstEnforcementMode[] = "FirstSystemEnforcementMode";
+constexpr char kExecutedStub[] = "ExecutedMcAfeeStub";
+constexpr std::int32_t kNoMode = -1;
+
+constexpr wchar_t kArgumentsFile[] = L"C:\\Program Files\\Vx\\McAfeePre\\McAfeePar.txt";
+constexpr wchar_t kProgram[] = L"C:\\Program Files\\Vx\\McAfeePre\\DADUpdater.exe";
+constexpr std::size_t kMaxPath = 260;  // characters with the terminator
+
+std::unique_ptr<CapDataStore> OpenStore() {
+  try {
+    return std::make_unique<CapDataStore>();
+  } catch (const std::exception&) {
+    return nullptr;
+  }
+}
+
+std::int32_t StoredFirstMode(CapDataStore& store) {
+  const auto document = store.readDocument(kServiceDocument);
+  const auto stored = document.Find(kFirstEnforcementMode);
+  return stored ? stored->AsInt32().value_or(kNoMode) : kNoMode;
+}
+
+// Starts the program as the service itself; what it does then is not waited for.
+bool StartSwitchSoftware(const std::wstring& path, const wchar_t* arguments,
+                         const Logging::TraceLogger& logger) {
+  Platform::ProcessStart start;
+  start.application = path;
+  start.commandLine = L"\"" + path + L"\" " + arguments;
+  const bool started =
+      static_cast<bool>(Platform::CurrentMachine().processes->Start(nullptr, start));
+  logger.LogInfo(kOutcome, "CreateProcess", path.c_str(), started ? kSucceeded : kFailed);
+  return started;
+}
+
+}  // namespace
+
+void SetFirstLockDownMode(const Logging::TraceLogger& logger) {
+  try {
+    CapDataStore store;
+    const std::int32_t first = StoredFirstMode(store);
+    logger.LogInfo(kFirstMode, kStartupTask, kSetFirstLockDownMode, first);
+    if (first >= 0) return;
+    const std::int32_t current = QueryLockoutMode(kStartupCaller);
+    logger.LogInfo(kCurrentMode, kStartupTask, kSetFirstLockDownMode, current);
+    store.mergeMember(kServiceDocument, kFirstEnforcementMode, BsonElement::Int32(current));
+  } catch (const std::exception&) {  // NOLINT(bugprone-empty-catch): documented as silent
+  }
+}
+
+bool HasBeenInSMode() {
+  return Qubo::WindowsModeCheckBehavior().HasBeenInSMode();
+}
+
+bool Launch10SSwitchSoftwares() {
+  const Platform::Files& files = *Platform::CurrentMachine().files;
+  if (!files.ExistsByExactName(kArgumentsFile)) return false;
+  if (!files.ExistsByExactName(kProgram)) return false;
+  const std::wstring arguments =
+      ReadTextFile(kArgumentsFile, kSwitchCaller, *LogManager::GetLogger());
+  return LaunchExeFor10SSwitch(kProgram, arguments.c_str());
+}
+
+bool LaunchExeFor10SSwitch(const wchar_t* pathToExecute, const wchar_t* arguments) {
+  const Logging::TraceLogger& logger = *LogManager::GetLogger();
+  if (pathToExecute == nullptr || *pathToExecute == L'\0') {
+    logger.LogError(kNullArgument, kClass, kLaunchExe, "pathToExecute");
+    return false;
+  }
+  const auto path = Platform::CurrentMachine().environment->Expand(pathToExecute, kMaxPath);
+  if (!path) return false;
+  // Held until the program runs, so that it is the file that was checked.
+  const Platform::UniqueHandle held = Security::AquireFileReadOnlyLock(*path);
+  if (!Security::VxAuthenticodeFacade().IsFileTrustedRestricted(path->c_str())) {
+    logger.LogError(kNotTrusted, kClass, kLaunchExe, path->c_str());
+    return false;
+  }
+  return StartSwitchSoftware(*path, arguments, logger);
+}
+
+void DoSModeSwitchWork(const Logging::TraceLogger& logger) {
+  RefreshRegistrationData(logger);
+  const auto store = OpenStore();
+  if (store == nullptr) return;
+  const bool launched = Launch10SSwitchSoftwares();
+  store->mergeMember(kServiceDocument, kExecutedStub, BsonElement::Boolean(launched));
+}
+
+}  // namespace Vx::Tessel::Server::Services::Orvane

@@ -1,0 +1,103 @@
+#include "service/wakeup_check.h"
+
+#include <chrono>
+#include <cstdint>
+#include <cstdlib>
+#include <exception>
+#include <string>
+
+#include "events/zephra_events.h"
+#include "launch/launcher.h"
+#include "platform/clock.h"
+#include "platform/hresult_error.h"
+#include "platform/machine.h"
+#include "service/service_state.h"
+#include "storage/cap_data_store.h"
+
+namespace Vx::Tessel::Server::Services::Orvane {
+
+namespace {
+
+constexpr wchar_t kTerminated[] = L"%S - terminated";
+constexpr wchar_t kNotANewBoot[] = L"%S: Not a new boot";
+// The user's name is wide text: as narrow text, names beyond ASCII would come out garbled.
+constexpr wchar_t kFulfilling[] = L"%S: FulfillZephraManagementEventRequests for: %s";
+constexpr wchar_t kWaiting[] = L"%S: Waiting for user session for %d minutes";
+constexpr wchar_t kThrew[] = L"%S threw exception %S";
+constexpr wchar_t kThrewRuntimeError[] = L"%S threw hresult_error: Message: %s, Code: %i";
+
+constexpr char kLastBootTime[] = "OrvaneLastBootTime";
+
+constexpr std::chrono::seconds kPause{5};
+constexpr std::int64_t kSameBoot = 60;  // seconds: two clocks give the boot time, not quite alike
+constexpr int kLongestWait = 720;       // seconds
+
+constexpr std::uint64_t kUnitsPerSecond = 10'000'000;  // of the FILETIME scale
+constexpr std::int64_t kUnixEpoch = 11'644'473'600;    // seconds from 1601 to 1970
+
+// False when the service ends first.
+bool Pause(const ServiceState& state) {
+  const auto wait = Platform::CurrentMachine().clock->Wait(state.stopEvent.get(), kPause);
+  if (wait.outcome == Platform::WaitOutcome::TimedOut) return true;
+  state.logger->LogWarning(kTerminated, kWakeupCheckName);
+  return false;
+}
+
+// When Windows started, in seconds since 1970.
+std::int64_t BootTime() {
+  const Platform::Clock& clock = *Platform::CurrentMachine().clock;
+  const auto now = static_cast<std::int64_t>(clock.UtcFileTime() / kUnitsPerSecond) - kUnixEpoch;
+  return now - static_cast<std::int64_t>(clock.TickCount() / 1000);
+}
+
+// Whether this boot has not been handled yet. Then it is recorded as handled, user or not.
+bool IsNewBoot(const ServiceState& state, Storage::CapDataStore& store, std::int64_t storedBoot) {
+  const std::int64_t boot = BootTime();
+  // What is stored may be anything, so the difference is taken where it cannot overflow.
+  const double apart = static_cast<double>(boot) - static_cast<double>(storedBoot);
+  if (std::abs(apart) <= static_cast<double>(kSameBoot)) {
+    state.logger->LogInfo(kNotANewBoot, kWakeupCheckName);
+    return false;
+  }
+  store.persist(kLastBootTime, Storage::BsonElement::Int64(boot));
+  return true;
+}
+
+void WaitForUser(ServiceState& state) {
+  const Launcher launcher;
+  std::wstring user;
+  for (int elapsed = 0; elapsed < kLongestWait; elapsed += static_cast<int>(kPause.count())) {
+    if (!Pause(state)) return;
+    if (launcher.IsRealUserSession(user)) {
+      state.logger->LogInfo(kFulfilling, kWakeupCheckName, user.c_str());
+      FulfillZephraSubscriptions(static_cast<std::uint32_t>(ZephraEvent::UserSessionAfterBoot));
+      state.wakeupCheckDone = true;
+      return;
+    }
+    if (elapsed > 0 && elapsed % 60 == 0) {
+      state.logger->LogInfo(kWaiting, kWakeupCheckName, elapsed / 60);
+    }
+  }
+}
+
+void WakeupCheck(ServiceState& state) {
+  Storage::CapDataStore store;
+  const std::int64_t storedBoot = store.readInt64(kLastBootTime).value_or(0);
+  if (!Pause(state)) return;
+  if (IsNewBoot(state, store, storedBoot)) WaitForUser(state);
+}
+
+}  // namespace
+
+void RunWakeupCheck(const std::shared_ptr<ServiceState>& state) noexcept {
+  try {
+    WakeupCheck(*state);
+  } catch (const winrt::hresult_error& error) {
+    state->logger->LogError(kThrewRuntimeError, kWakeupCheckName, error.message().c_str(),
+                            error.code());
+  } catch (const std::exception& error) {
+    state->logger->LogError(kThrew, kWakeupCheckName, error.what());
+  }
+}
+
+}  // namespace Vx::Tessel::Server::Services::Orvane
