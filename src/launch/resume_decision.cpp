@@ -1,5 +1,6 @@
 #include "launch/resume_decision.h"
 
+#include <iterator>
 #include <string_view>
 #include <utility>
 
@@ -74,13 +75,17 @@ constexpr std::wstring_view kQuestionTexts[] = {
 
 constexpr std::wstring_view kRuleTexts[] = {
     L"the forced launch is set in the registry: the app is launched at every resume",
-    L"preloaded software is missing on a machine that left S mode: the app is launched once",
-    L"the owner skipped registration on a machine that is or was in S mode: the app is launched "
-    L"once",
+    L"preloaded software is missing on a machine that left S mode: one launch",
+    L"the owner skipped registration on a machine that is or was in S mode: one launch",
     L"the owner skipped registration, but that launch was made before: no launch",
     L"the owner skipped registration, but the machine is not and was not in S mode: no launch",
     L"software gives no reason and the owner did not skip registration: no launch",
 };
+
+static_assert(std::size(kQuestionTexts) ==
+              static_cast<std::size_t>(ResumeQuestion::RegistrationUsed) + 1);
+static_assert(std::size(kRuleTexts) ==
+              static_cast<std::size_t>(ResumeRule::RegistrationNotSkipped) + 1);
 
 }  // namespace
 

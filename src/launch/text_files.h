@@ -10,7 +10,7 @@
 namespace Vx::Tessel::Server::Services::Orvane {
 
 // No file that is read whole here is larger.
-inline constexpr std::size_t kMaxTextFile = 16 * 1024 * 1024;  // bytes
+inline constexpr std::size_t kMaxTextFile = std::size_t{16} * 1024 * 1024;  // bytes
 
 // The text of a file whose byte-order mark says how it is encoded: UTF-8, or UTF-16 of either byte
 // order. Nothing without such a mark; half a unit at the end is dropped.

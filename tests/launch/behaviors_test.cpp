@@ -149,8 +149,8 @@ class FakeLibraries final : public Platform::LockdownLibraries {
     Library(const Library&) = delete;
     Library& operator=(const Library&) = delete;
     ~Library() override { --owner.loaded; }
-    std::int32_t QueryMode(std::int32_t& mode) const override {
-      if (owner.writes) mode = owner.mode;
+    std::int32_t QueryMode(std::int32_t& answer) const override {
+      if (owner.writes) answer = owner.mode;
       return owner.status;
     }
 
@@ -160,7 +160,7 @@ class FakeLibraries final : public Platform::LockdownLibraries {
 
   Platform::Result<std::unique_ptr<Platform::LockdownLibrary>> Load(
       const std::wstring& fullPath) override {
-    path = fullPath;
+    asked = fullPath;
     using Loaded = Platform::Result<std::unique_ptr<Platform::LockdownLibrary>>;
     if (loadError != 0) return Loaded::Failure(loadError);
     return Loaded(std::make_unique<Library>(*this));
@@ -171,7 +171,7 @@ class FakeLibraries final : public Platform::LockdownLibraries {
   std::int32_t status = 0;
   Platform::ErrorCode loadError = 0;
   int loaded = 0;
-  std::wstring path;
+  std::wstring asked;
 };
 
 class LockdownModeTest : public BehaviorTest {
@@ -184,14 +184,14 @@ class LockdownModeTest : public BehaviorTest {
 
 TEST_F(LockdownModeTest, LoadsOnlyATrustedLibraryFromItsFullPath) {
   EXPECT_EQ(QueryLockoutMode(L"caller", trust), 2);
-  EXPECT_EQ(libraries.path, L"C:\\windows\\System32\\wldp.dll");
-  EXPECT_EQ(trust.asked, libraries.path);
+  EXPECT_EQ(libraries.asked, L"C:\\windows\\System32\\wldp.dll");
+  EXPECT_EQ(trust.asked, libraries.asked);
   EXPECT_EQ(libraries.loaded, 0);
 
-  libraries.path.clear();
+  libraries.asked.clear();
   trust.trusted = false;
   EXPECT_EQ(QueryLockoutMode(L"caller", trust), 0);
-  EXPECT_EQ(libraries.path, L"");
+  EXPECT_EQ(libraries.asked, L"");
   EXPECT_THAT(log.Lines(), IsEmpty());
 }
 
@@ -223,10 +223,10 @@ using WindowsModeCheckTest = BehaviorTest;
 TEST_F(WindowsModeCheckTest, WasInSModeOnlyWithALockedFirstModeOnRecord) {
   using Storage::BsonElement;
   static const struct {
-    const char* name;
+    const char* name = nullptr;
     BsonElement first;
-    const wchar_t* logged;
-    bool was;
+    const wchar_t* logged = nullptr;
+    bool was = false;
   } kCases[] = {
       {"missing", {}, L"-1", false},
       {"locked", BsonElement::Int32(2), L"2", true},

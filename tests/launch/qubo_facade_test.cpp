@@ -423,6 +423,7 @@ TEST_F(QuboFacadeTest, LaunchesTheNewerAppAndElseTheOlder) {
 
 TEST_F(QuboFacadeTest, NoParameterNamesAnotherProgram) {
   const std::wstring qubo = std::wstring(kAliases) + L"Qubo.exe";
+  const std::wstring quoted = L"\"" + qubo + L"\" ";
   static const std::wstring kParameters[] = {
       L"\" C:\\evil.exe \"",
       L"& C:\\evil.exe",
@@ -432,7 +433,7 @@ TEST_F(QuboFacadeTest, NoParameterNamesAnotherProgram) {
   for (const std::wstring& parameter : kParameters) {
     EXPECT_TRUE(QuboFacade().LaunchUwpWithParameter(parameter));
     EXPECT_EQ(console.started.back().application, qubo);
-    EXPECT_EQ(console.started.back().commandLine, L"\"" + qubo + L"\" " + parameter);
+    EXPECT_EQ(console.started.back().commandLine, quoted + parameter);
   }
   const std::size_t before = console.started.size();
   EXPECT_FALSE(QuboFacade().LaunchUwpWithParameter(std::wstring(40'000, L'x')));

@@ -12,7 +12,6 @@ namespace {
 
 using State = RegistrationHelper::RegistrationState;
 using ::testing::ElementsAre;
-using ::testing::UnorderedElementsAreArray;
 
 // All that a decision can be told.
 struct World {
@@ -167,8 +166,8 @@ TEST(ResumeDecisionTest, ExplainsEachAnswerAndTheRule) {
           L"Windows was in S mode at the first start and is not now: no", L"registration state: 2",
           L"Windows was in S mode at the first start and is not now: no",
           L"Windows is in S mode now: yes", L"launch because of registration was made before: no",
-          L"the owner skipped registration on a machine that is or was in S mode: the app "
-          L"is launched once",
+          L"the owner skipped registration on a machine that is or was in S mode: one "
+          L"launch",
           L"starting point: 2"));
 }
 
