@@ -1,0 +1,216 @@
+#include "launch/session_launch.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstddef>
+#include <filesystem>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "platform/environment.h"
+#include "platform/kernel_objects.h"
+#include "platform/machine.h"
+#include "platform/processes.h"
+#include "platform/sessions.h"
+#include "support/probe.h"
+#include "support/stand_in_logon.h"
+#include "support/temp_folder.h"
+
+namespace Vx::Tessel::Server::Services::Orvane {
+
+namespace {
+
+using namespace std::string_view_literals;
+using Platform::ErrorCode;
+using Platform::Machine;
+using Platform::MachineScope;
+using Platform::RawHandle;
+using Platform::Result;
+using Platform::UniqueHandle;
+using testing::IsEmpty;
+using testing::SizeIs;
+
+constexpr ErrorCode kDenied = 5;
+constexpr wchar_t kProgram[] = L"C:\\Program Files\\Tool\\tool.exe";
+
+struct RunningProcess {
+  std::uint32_t id;
+  std::optional<std::wstring> path;
+  std::optional<std::uint32_t> session;
+};
+
+// A machine with the processes that a test names, and with an environment of its own.
+class FakeMachine final : public Platform::Processes, public Platform::Environment {
+ public:
+  Result<std::uint32_t> Start(RawHandle token, const Platform::ProcessStart& start) override {
+    EXPECT_NE(token, nullptr);
+    starts.push_back(start);
+    if (startError != 0) return Result<std::uint32_t>::Failure(startError);
+    return std::uint32_t{4711};
+  }
+  std::vector<std::uint32_t> Ids(std::size_t limit) const override {
+    std::vector<std::uint32_t> ids;
+    for (const auto& process : running) ids.push_back(process.id);
+    ids.resize(std::min(ids.size(), limit));
+    return ids;
+  }
+  std::optional<std::wstring> ImagePath(std::uint32_t id) const override { return Get(id).path; }
+  std::optional<std::uint32_t> Session(std::uint32_t id) const override { return Get(id).session; }
+  Result<UniqueHandle> PrimaryToken(std::uint32_t id) const override {
+    tokensAsked.push_back(id);
+    if (tokenError != 0) return Result<UniqueHandle>::Failure(tokenError);
+    return *Platform::WindowsMachine().kernelObjects->MakeManualEvent({});
+  }
+
+  Result<std::wstring> Expand(const std::wstring& text, std::size_t) const override { return text; }
+  Result<std::wstring> ExpandForUser(RawHandle, const std::wstring& text,
+                                     std::size_t) const override {
+    return text;
+  }
+  Result<std::vector<wchar_t>> Block(RawHandle token) const override {
+    EXPECT_EQ(token, nullptr);
+    if (blockError != 0) return Result<std::vector<wchar_t>>::Failure(blockError);
+    return std::vector<wchar_t>(block.begin(), block.end());
+  }
+
+  std::vector<RunningProcess> running{{8, L"C:\\Windows\\System32\\winlogon.exe", 1}};
+  std::wstring_view block = L"LOCALAPPDATA=C:\\s\\AppData\\Local\0\0"sv;
+  ErrorCode tokenError = 0;
+  ErrorCode blockError = 0;
+  ErrorCode startError = 0;
+
+  std::vector<Platform::ProcessStart> starts;
+  mutable std::vector<std::uint32_t> tokensAsked;
+
+ private:
+  const RunningProcess& Get(std::uint32_t id) const {
+    return *std::find_if(running.begin(), running.end(),
+                         [id](const RunningProcess& process) { return process.id == id; });
+  }
+};
+
+class SessionLaunchTest : public testing::Test {
+ protected:
+  int Launch(const std::wstring& arguments = {}, const std::wstring& packageFolder = {}) {
+    return LaunchProcessInSession(kProgram, arguments, {}, 1, processId, packageFolder);
+  }
+
+  FakeMachine fake;
+  MachineScope scope{[this](Machine& machine) {
+    machine.processes = &fake;
+    machine.environment = &fake;
+  }};
+  std::uint32_t processId = 0;
+};
+
+TEST_F(SessionLaunchTest, TakesTheTokenOfTheFirstLogonProcessOfTheSession) {
+  using Ids = std::vector<std::uint32_t>;
+  constexpr wchar_t kLogon[] = L"C:\\Windows\\System32\\winlogon.exe";
+  const struct {
+    const char* name;
+    std::vector<RunningProcess> running;
+    Ids tokens;
+  } cases[] = {
+      {"the first of two", {{4, kLogon, 0}, {8, kLogon, 1}, {12, kLogon, 1}}, {8}},
+      {"among others", {{4, std::nullopt, 1}, {8, L"C:\\a.exe", 1}, {12, kLogon, 1}}, {12}},
+      {"in other letters", {{4, L"C:\\Windows\\System32\\WinLogon.exe", 1}}, {}},
+      {"a name that only ends alike", {{4, L"C:\\notwinlogon.exe", 1}}, {}},
+      {"a folder of that name", {{4, L"C:\\winlogon.exe\\a.exe", 1}}, {}},
+      {"in another session", {{4, kLogon, 2}}, {}},
+      {"in a session that is not known", {{4, kLogon, std::nullopt}}, {}},
+      {"nothing runs", {}, {}},
+      {"behind 2,048 others",
+       [&] {
+         std::vector<RunningProcess> many;
+         for (std::uint32_t id = 0; id < 2048; ++id) many.push_back({id, L"C:\\a.exe", 1});
+         many.push_back({2048, kLogon, 1});
+         return many;
+       }(),
+       {}},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    fake.running = c.running;
+    fake.tokensAsked.clear();
+    fake.starts.clear();
+    EXPECT_EQ(Launch() != 0, !c.tokens.empty());
+    EXPECT_EQ(fake.tokensAsked, c.tokens);
+    EXPECT_THAT(fake.starts, SizeIs(c.tokens.size()));
+  }
+}
+
+TEST_F(SessionLaunchTest, StartsTheProgramInItsOwnFolderWithTheSystemsEnvironment) {
+  EXPECT_NE(Launch(L"a \"b"), 0);
+  EXPECT_EQ(processId, 4711U);
+  ASSERT_THAT(fake.starts, SizeIs(1));
+  EXPECT_EQ(fake.starts[0].application, kProgram);
+  EXPECT_EQ(fake.starts[0].commandLine, L"\"C:\\Program Files\\Tool\\tool.exe\" a \"b");
+  EXPECT_EQ(fake.starts[0].workingDirectory, L"C:\\Program Files\\Tool");
+  EXPECT_EQ(fake.starts[0].environment, std::vector<wchar_t>(fake.block.begin(), fake.block.end()));
+}
+
+TEST_F(SessionLaunchTest, GivesAPackagedAppItsOwnDataFolder) {
+  EXPECT_NE(Launch({}, L"App_abc"), 0);
+  ASSERT_THAT(fake.starts, SizeIs(1));
+  const auto expected =
+      L"LOCALAPPDATA=C:\\s\\AppData\\Local\\Packages\\App_abc\\LocalCache\\Local\0\0"sv;
+  EXPECT_EQ(fake.starts[0].environment, std::vector<wchar_t>(expected.begin(), expected.end()));
+}
+
+TEST_F(SessionLaunchTest, StartsNothingWithoutATokenOrAnEnvironment) {
+  static constexpr ErrorCode FakeMachine::*kFailures[] = {&FakeMachine::tokenError,
+                                                          &FakeMachine::blockError};
+  for (const auto failure : kFailures) {
+    fake.*failure = kDenied;
+    EXPECT_EQ(Launch(), 0);
+    fake.*failure = 0;
+  }
+  EXPECT_THAT(fake.starts, IsEmpty());
+  EXPECT_EQ(processId, 0U);
+}
+
+TEST_F(SessionLaunchTest, AnswersZeroForAProgramThatDoesNotStart) {
+  fake.startError = kDenied;
+  EXPECT_EQ(Launch(), 0);
+  EXPECT_EQ(processId, 0U);
+}
+
+class RealSessionLaunchTest : public testing::Test {
+ protected:
+  std::optional<Tests::ProbeReport> Run(const std::wstring& arguments) {
+    std::filesystem::copy_file(Tests::ProbePath(), program);
+    std::uint32_t processId = 0;
+    const std::uint32_t session = Platform::CurrentMachine().sessions->ActiveConsoleSession();
+    EXPECT_NE(LaunchProcessInSession(program, arguments, {}, session, processId), 0);
+    EXPECT_NE(processId, 0U);
+    return Tests::WaitForProbe(program + L".out");
+  }
+
+  Tests::TempFolder folder;
+  Tests::StandInLogon logon{folder.Path().wstring()};
+  std::wstring program = folder / L"a tool.exe";
+};
+
+TEST_F(RealSessionLaunchTest, KeepsTheServicesOwnVariablesFromTheProgram) {
+  const Tests::EnvironmentOverride own(L"VX_PROBE", L"of the service");
+  const auto report = Run(L"one \"two three\"");
+  ASSERT_TRUE(report);
+  EXPECT_EQ(report->commandLine, L"\"" + program + L"\" one \"two three\"");
+  EXPECT_EQ(report->workingDirectory, folder.Path().wstring());
+  EXPECT_FALSE(report->HasVariable(L"VX_PROBE=of the service"));
+}
+
+TEST_F(RealSessionLaunchTest, LeavesOutArgumentsOf40000Characters) {
+  const auto report = Run(std::wstring(40'000, L'x'));
+  ASSERT_TRUE(report);
+  EXPECT_EQ(report->commandLine, L"\"" + program + L"\"");
+}
+
+}  // namespace
+
+}  // namespace Vx::Tessel::Server::Services::Orvane
