@@ -9,6 +9,9 @@ namespace Vx::Tests {
 
 namespace {
 
+constexpr int kTries = 400;
+constexpr DWORD kPause = 5;  // milliseconds
+
 // std::filesystem::remove_all of this runtime follows directory links and empties their targets.
 void RemoveTree(const std::filesystem::path& folder) {
   std::error_code ignored;
@@ -21,13 +24,22 @@ void RemoveTree(const std::filesystem::path& folder) {
       RemoveTree(entry.path());
       continue;
     }
-    SetFileAttributesW(path.c_str(), FILE_ATTRIBUTE_NORMAL);
-    DeleteFileW(path.c_str());
+    RemoveFile(path);
   }
   RemoveDirectoryW(folder.wstring().c_str());
 }
 
 }  // namespace
+
+void RemoveFile(const std::wstring& path) {
+  SetFileAttributesW(path.c_str(), FILE_ATTRIBUTE_NORMAL);
+  for (int tries = 0; tries < kTries; ++tries) {
+    if (DeleteFileW(path.c_str()) != FALSE) return;
+    const DWORD error = GetLastError();
+    if (error != ERROR_ACCESS_DENIED && error != ERROR_SHARING_VIOLATION) return;
+    Sleep(kPause);
+  }
+}
 
 TempFolder::TempFolder() {
   static std::atomic<unsigned> counter{0};

@@ -7,6 +7,8 @@
 
 #include <windows.h>
 
+#include "support/temp_folder.h"
+
 namespace Vx::Tests {
 
 namespace {
@@ -41,8 +43,7 @@ ProtectedFolder::ProtectedFolder() {
 ProtectedFolder::~ProtectedFolder() {
   std::error_code ignored;
   for (const auto& entry : std::filesystem::directory_iterator(path, ignored)) {
-    SetFileAttributesW(entry.path().wstring().c_str(), FILE_ATTRIBUTE_NORMAL);
-    DeleteFileW(entry.path().wstring().c_str());
+    RemoveFile(entry.path().wstring());
   }
   RemoveDirectoryW(path.c_str());
 }
