@@ -88,7 +88,7 @@ TEST_F(DispatchTest, OnlyCommandsWithoutArgumentsAcceptWhatIsNoJson) {
       std::wstring(100000, L'[') + std::wstring(100000, L']'),
       std::wstring(129, L'[') + std::wstring(129, L']'),
       L"{\"commandParams\":" + std::wstring(100000, L'[') + std::wstring(100000, L']') + L"}",
-      L"\"" + std::wstring(1024 * 1024, L'x') + L"\"",
+      L"\"" + std::wstring(std::size_t{1} << 20, L'x') + L"\"",
   };
   for (std::uint32_t id = 0; id < 25; ++id) {
     for (const std::wstring& text : kTexts) {

@@ -1,6 +1,8 @@
 #include "service/json_request.h"
 
+#include <initializer_list>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include <gmock/gmock.h>
@@ -52,26 +54,37 @@ TEST_F(JsonRequestTest, EveryReaderReportsWhatIsWrongInTheSameWords) {
   for (const Reader& reader : kReaders) {
     SCOPED_TRACE(testing::PrintToString(reader.name));
     const std::wstring key = reader.key;
-    const std::wstring missing = kClass + L"GetJsonValue - document missing key " + key;
-    const std::wstring type = kClass + L"ParseJsonValue - " + key + L" is invalid type expected 5";
+    const auto text = [](std::initializer_list<std::wstring_view> parts) {
+      std::wstring whole;
+      for (const std::wstring_view part : parts) whole.append(part);
+      return whole;
+    };
+    const auto with = [&](const wchar_t* value) {
+      return text({L"{\"", key, L"\":", value, L"}"});
+    };
+    const auto type = [&](const wchar_t* found) {
+      return text(
+          {kClass, L"ParseJsonValue - ", key, L" is invalid type expected 5 result ", found});
+    };
+    const std::wstring missing = text({kClass, L"GetJsonValue - document missing key ", key});
     const struct {
       std::wstring request;
       std::wstring value;
       std::wstring warning;
     } kCases[] = {
-        {L"{\"" + key + L"\":\"text\"}", L"text", L""},
-        {L"{\"" + key + L"\":\"\"}", L"", L""},
-        {L"{\"" + key + L"\":\"first\",\"" + key + L"\":\"second\"}", L"first", L""},
-        {L"{\"" + key + L"\":\"before\\u0000after\"}", L"before", L""},
+        {with(L"\"text\""), L"text", L""},
+        {with(L"\"\""), L"", L""},
+        {text({L"{\"", key, L"\":\"first\",\"", key, L"\":\"second\"}"}), L"first", L""},
+        {with(L"\"before\\u0000after\""), L"before", L""},
         {L"{}", L"", missing},
         {L"[]", L"", missing},
         {L"not JSON", L"", missing},
-        {L"{\"" + key + L"\\u0000\":\"text\"}", L"", missing},
-        {L"{\"" + key + L"\":null}", L"", kClass + L"GetJsonValue - " + key + L" cannot be null"},
-        {L"{\"" + key + L"\":7}", L"", type + L" result 6"},
-        {L"{\"" + key + L"\":false}", L"", type + L" result 1"},
-        {L"{\"" + key + L"\":{}}", L"", type + L" result 3"},
-        {L"{\"" + key + L"\":[]}", L"", type + L" result 4"},
+        {text({L"{\"", key, L"\\u0000\":\"text\"}"}), L"", missing},
+        {with(L"null"), L"", text({kClass, L"GetJsonValue - ", key, L" cannot be null"})},
+        {with(L"7"), L"", type(L"6")},
+        {with(L"false"), L"", type(L"1")},
+        {with(L"{}"), L"", type(L"3")},
+        {with(L"[]"), L"", type(L"4")},
     };
     for (const auto& c : kCases) {
       SCOPED_TRACE(testing::PrintToString(c.request));
@@ -80,7 +93,8 @@ TEST_F(JsonRequestTest, EveryReaderReportsWhatIsWrongInTheSameWords) {
       EXPECT_EQ(reader.read(Parse(c.request.c_str()), caller), c.value);
       std::vector<std::wstring> lines;
       if (!c.warning.empty()) {
-        lines = {c.warning, kClass + reader.name + L" - " + reader.resultName + L" cannot be null"};
+        lines = {c.warning,
+                 text({kClass, reader.name, L" - ", reader.resultName, L" cannot be null"})};
       }
       EXPECT_THAT(log.Lines(), ElementsAreArray(lines));
       EXPECT_THAT(log.Callers(), testing::Each(L"client"));
