@@ -12,6 +12,16 @@ namespace {
 constexpr int kTries = 400;
 constexpr DWORD kPause = 5;  // milliseconds
 
+// A program that has just ended holds its file and its working directory for a moment longer.
+void Insist(BOOL(WINAPI* remove)(const wchar_t*), const std::wstring& path) {
+  for (int tries = 0; tries < kTries; ++tries) {
+    if (remove(path.c_str()) != FALSE) return;
+    const DWORD error = GetLastError();
+    if (error != ERROR_ACCESS_DENIED && error != ERROR_SHARING_VIOLATION) return;
+    Sleep(kPause);
+  }
+}
+
 // std::filesystem::remove_all of this runtime follows directory links and empties their targets.
 void RemoveTree(const std::filesystem::path& folder) {
   std::error_code ignored;
@@ -26,19 +36,18 @@ void RemoveTree(const std::filesystem::path& folder) {
     }
     RemoveFile(path);
   }
-  RemoveDirectoryW(folder.wstring().c_str());
+  RemoveFolder(folder.wstring());
 }
 
 }  // namespace
 
 void RemoveFile(const std::wstring& path) {
   SetFileAttributesW(path.c_str(), FILE_ATTRIBUTE_NORMAL);
-  for (int tries = 0; tries < kTries; ++tries) {
-    if (DeleteFileW(path.c_str()) != FALSE) return;
-    const DWORD error = GetLastError();
-    if (error != ERROR_ACCESS_DENIED && error != ERROR_SHARING_VIOLATION) return;
-    Sleep(kPause);
-  }
+  Insist(&DeleteFileW, path);
+}
+
+void RemoveFolder(const std::wstring& path) {
+  Insist(&RemoveDirectoryW, path);
 }
 
 TempFolder::TempFolder() {

@@ -5,9 +5,10 @@
 
 namespace Vx::Tests {
 
-// Deletes a file. A program that has just ended holds its own file for a moment longer, so a
-// refusal is tried again for up to two seconds.
+// Delete a file, or a folder that is empty. A program that has just ended holds its file and its
+// working directory for a moment longer, so a refusal is tried again for up to two seconds.
 void RemoveFile(const std::wstring& path);
+void RemoveFolder(const std::wstring& path);
 
 // A fresh folder under the user's temporary folder, removed with its content at the end. Directory
 // links inside it are taken away, never followed.

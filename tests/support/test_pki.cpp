@@ -33,11 +33,14 @@ std::wstring PkiFile(const wchar_t* name) {
 
 ProtectedFolder::ProtectedFolder() {
   static std::atomic<unsigned> counter{0};
-  path = Variable(L"ProgramFiles") + L"\\VxTest-" + std::to_wstring(GetCurrentProcessId()) + L"-" +
-         std::to_wstring(++counter);
-  if (CreateDirectoryW(path.c_str(), nullptr) == FALSE) {
-    throw std::runtime_error("cannot make a folder below %PROGRAMFILES%");
-  }
+  const std::wstring base =
+      Variable(L"ProgramFiles") + L"\\VxTest-" + std::to_wstring(GetCurrentProcessId()) + L"-";
+  // A run that died may have left the folder of a process id that is in use again.
+  do {
+    path = base + std::to_wstring(++counter);
+    if (CreateDirectoryW(path.c_str(), nullptr) != FALSE) return;
+  } while (GetLastError() == ERROR_ALREADY_EXISTS);
+  throw std::runtime_error("cannot make a folder below %PROGRAMFILES%");
 }
 
 ProtectedFolder::~ProtectedFolder() {
@@ -45,7 +48,7 @@ ProtectedFolder::~ProtectedFolder() {
   for (const auto& entry : std::filesystem::directory_iterator(path, ignored)) {
     RemoveFile(entry.path().wstring());
   }
-  RemoveDirectoryW(path.c_str());
+  RemoveFolder(path);
 }
 
 std::wstring ProtectedFolder::Hold(const wchar_t* name) const {
