@@ -1,51 +1,32 @@
 #include "json/json_object.h"
 
+#include <algorithm>
 #include <limits>
 #include <utility>
-#include <variant>
-#include <vector>
 
-#include "json/json_reader.h"
+#include "json/json_text.h"
 
 namespace Vx::Json {
 
 namespace Detail {
 
-// One value: where it and its key stand in the compact text, and where its next sibling's node is.
-// The nodes of a container's content follow its own.
-struct Node {
-  JsonKind kind;
-  bool keyEscaped;
-  bool escaped;
-  std::uint32_t keyBegin;  // without the quotes
-  std::uint32_t keyEnd;
-  std::uint32_t begin;
-  std::uint32_t end;
-  std::uint32_t next;  // the node after this value's last
-};
+// A value of the document, by a name that the header can declare. Adds nothing, so that the
+// elements of an array are Nodes too.
+class Node : public WideValue {};
 
 struct Tree {
-  std::wstring text;  // compact
-  std::vector<Node> nodes;
+  // Memory in proportion to the text: many small objects live at once.
+  explicit Tree(std::size_t textLength)
+      : pool(std::clamp(textLength * 8, std::size_t{512}, kPoolChunk)), document(&pool) {}
 
-  std::wstring_view Slice(std::uint32_t begin, std::uint32_t end) const {
-    return std::wstring_view(text).substr(begin, end - begin);
-  }
-
-  bool KeyIs(const Node& node, std::wstring_view name) const {
-    const std::wstring_view spelling = Slice(node.keyBegin, node.keyEnd);
-    if (!node.keyEscaped) return spelling == name;
-    std::wstring key;
-    Unescape(spelling, key);
-    return key == name;
-  }
+  WidePool pool;
+  WideDocument document;
 };
 
 }  // namespace Detail
 
 namespace {
 
-using Detail::Node;
 using Detail::Tree;
 
 // What error messages say of a key.
@@ -53,170 +34,105 @@ constexpr wchar_t kMissing[] = L" is missing";
 constexpr wchar_t kOtherKind[] = L" is a value of another type";
 constexpr wchar_t kNotThatText[] = L"the text is not valid JSON or not of the wanted type";
 
-class TreeBuilder {
- public:
-  explicit TreeBuilder(Tree& target) : tree(target) {}
+// What a JsonValue points at; its header does without rapidjson's.
+const WideValue& At(const void* node) {
+  return *static_cast<const WideValue*>(node);
+}
 
-  bool Null() { return Scalar(JsonKind::Null, L"null"); }
-  bool Boolean(bool value) {
-    return Scalar(JsonKind::Boolean, value ? std::wstring_view(L"true") : L"false");
+std::wstring_view TextOf(const WideValue& value) {
+  return {value.GetString(), value.GetStringLength()};
+}
+
+JsonKind KindOf(const WideValue& value) {
+  switch (value.GetType()) {
+    case rapidjson::kFalseType:
+    case rapidjson::kTrueType:
+      return JsonKind::Boolean;
+    case rapidjson::kObjectType:
+      return JsonKind::Object;
+    case rapidjson::kArrayType:
+      return JsonKind::Array;
+    case rapidjson::kStringType:
+      return JsonKind::String;
+    case rapidjson::kNumberType:
+      return JsonKind::Number;
+    default:
+      return JsonKind::Null;
   }
-
-  bool Number(const Token& token) {
-    // A short number without an exponent cannot be too large; the others are worth a look.
-    constexpr std::size_t kSafeLength = 300;
-    if ((token.spelling.size() > kSafeLength ||
-         token.spelling.find_first_of(L"eE") != std::wstring_view::npos) &&
-        !NumberOf(token.spelling)) {
-      return false;
-    }
-    return Scalar(JsonKind::Number, token.spelling);
-  }
-
-  bool String(const Token& token) {
-    Node& node = Begin(JsonKind::String);
-    node.escaped = token.escaped;
-    Quoted(token.spelling);
-    End(node);
-    return true;
-  }
-
-  bool Key(const Token& token) {
-    Separate();
-    key.keyEscaped = token.escaped;
-    key.keyBegin = Position() + 1;
-    Quoted(token.spelling);
-    key.keyEnd = Position() - 1;
-    tree.text.push_back(L':');
-    afterKey = true;
-    return true;
-  }
-
-  bool Open(bool object) {
-    Begin(object ? JsonKind::Object : JsonKind::Array);
-    open.push_back(static_cast<std::uint32_t>(tree.nodes.size() - 1));
-    tree.text.push_back(object ? L'{' : L'[');
-    first = true;
-    return true;
-  }
-
-  bool Close(bool object, std::uint32_t) {
-    tree.text.push_back(object ? L'}' : L']');
-    End(tree.nodes[open.back()]);
-    open.pop_back();
-    return true;
-  }
-
- private:
-  std::uint32_t Position() const { return static_cast<std::uint32_t>(tree.text.size()); }
-
-  // A comma, unless nothing stands before in this container.
-  void Separate() {
-    if (!first) tree.text.push_back(L',');
-    first = false;
-  }
-
-  void Quoted(std::wstring_view spelling) {
-    tree.text.push_back(L'"');
-    tree.text.append(spelling);
-    tree.text.push_back(L'"');
-  }
-
-  Node& Begin(JsonKind kind) {
-    if (!afterKey) Separate();
-    afterKey = false;
-    Node node = std::exchange(key, {});
-    node.kind = kind;
-    node.begin = Position();
-    return tree.nodes.emplace_back(node);
-  }
-
-  void End(Node& node) {
-    node.end = Position();
-    node.next = static_cast<std::uint32_t>(tree.nodes.size());
-    first = false;
-  }
-
-  bool Scalar(JsonKind kind, std::wstring_view spelling) {
-    Node& node = Begin(kind);
-    tree.text.append(spelling);
-    End(node);
-    return true;
-  }
-
-  Tree& tree;
-  Node key = {};  // holds the key of the member whose value comes next
-  std::vector<std::uint32_t> open;
-  bool first = true;
-  bool afterKey = false;
-};
+}
 
 std::shared_ptr<const Tree> ParseTree(std::wstring_view text, std::size_t nestingLimit,
                                       JsonKind root) {
-  auto tree = std::make_shared<Tree>();
-  tree->text.reserve(text.size() <= kMaxTextLength ? text.size() : 0);
-  TreeBuilder builder(*tree);
-  if (!Reader(text, builder, nestingLimit).Run() || tree->nodes.front().kind != root) {
+  auto tree = std::make_shared<Tree>(text.size());
+  if (!ParseJson(tree->document, text, nestingLimit) || KindOf(tree->document) != root) {
     throw winrt::hresult_error(kInvalidJsonString, kNotThatText);
   }
   return tree;
 }
 
+using TextWriter = rapidjson::Writer<TextBuffer, WideEncoding, WideEncoding>;
+
+// Writes the members of `object` that `keep` lets through.
+template <typename Keep>
+void WriteObject(TextWriter& writer, const WideValue& object, Keep&& keep) {
+  writer.StartObject();
+  for (const auto& member : object.GetObject()) keep(member);
+  writer.EndObject();
+}
+
+void WriteMember(TextWriter& writer, const WideValue::Member& member) {
+  member.name.Accept(writer);
+  member.value.Accept(writer);
+}
+
 }  // namespace
 
 JsonKind JsonValue::Kind() const {
-  return tree->nodes[node].kind;
+  return KindOf(At(node));
 }
 
-std::wstring_view JsonValue::Text() const {
-  return tree->Slice(tree->nodes[node].begin, tree->nodes[node].end);
+std::wstring JsonValue::Text() const {
+  return JsonText(At(node));
 }
 
-const JsonValue& JsonValue::Require(JsonKind kind) const {
-  if (Kind() == kind) return *this;
-  const Detail::Node& self = tree->nodes[node];
-  throw winrt::hresult_error(kIllegalMethodCall,
-                             std::wstring(tree->Slice(self.keyBegin, self.keyEnd)) + kOtherKind);
+const void* JsonValue::Require(JsonKind kind, std::wstring_view name) const {
+  if (Kind() == kind) return node;
+  throw winrt::hresult_error(kIllegalMethodCall, std::wstring(name) + kOtherKind);
 }
 
 std::wstring JsonValue::AsString() const {
-  const std::wstring_view quoted = Require(JsonKind::String).Text();
-  const std::wstring_view spelling = quoted.substr(1, quoted.size() - 2);
-  if (!tree->nodes[node].escaped) return std::wstring(spelling);
-  std::wstring text;
-  Unescape(spelling, text);
-  return text;
+  return std::wstring(TextOf(At(Require(JsonKind::String))));
 }
 
 double JsonValue::AsNumber() const {
-  const std::optional<NumberVariant> number = NumberOf(Require(JsonKind::Number).Text());
-  if (!number) throw winrt::hresult_error(kIllegalMethodCall);
-  return std::visit([](auto value) { return static_cast<double>(value); }, *number);
+  return At(Require(JsonKind::Number)).GetDouble();
 }
 
 bool JsonValue::AsBoolean() const {
-  return Require(JsonKind::Boolean).Text() == L"true";
+  return At(Require(JsonKind::Boolean)).GetBool();
 }
 
 JsonObject JsonValue::AsObject() const {
-  return JsonObject(Require(JsonKind::Object));
+  Require(JsonKind::Object);
+  return JsonObject(*this);
 }
 
 JsonArray JsonValue::AsArray() const {
-  return JsonArray(Require(JsonKind::Array));
+  Require(JsonKind::Array);
+  return JsonArray(*this);
 }
 
 JsonObject::JsonObject() : JsonObject(Parse(L"{}")) {}
 
 JsonObject JsonObject::Parse(std::wstring_view text) {
-  return JsonObject(JsonValue(ParseTree(text, kMaxNesting, JsonKind::Object), 0));
+  auto tree = ParseTree(text, kMaxNesting, JsonKind::Object);
+  const WideValue* root = &tree->document;
+  return JsonObject(JsonValue(std::move(tree), root));
 }
 
 std::optional<JsonValue> JsonObject::Find(std::wstring_view name) const {
-  const Tree& tree = *value.tree;
-  const std::uint32_t end = tree.nodes[value.node].next;
-  for (std::uint32_t i = value.node + 1; i != end; i = tree.nodes[i].next) {
-    if (tree.KeyIs(tree.nodes[i], name)) return JsonValue(value.tree, i);
+  for (const auto& member : At(value.node).GetObject()) {
+    if (TextOf(member.name) == name) return JsonValue(value.tree, &member.value);
   }
   return std::nullopt;
 }
@@ -227,29 +143,34 @@ JsonValue JsonObject::GetNamedValue(std::wstring_view name) const {
   return *std::move(member);
 }
 
+JsonValue JsonObject::GetNamed(std::wstring_view name, JsonKind kind) const {
+  JsonValue member = GetNamedValue(name);
+  member.Require(kind, name);
+  return member;
+}
+
 std::wstring JsonObject::GetNamedString(std::wstring_view name) const {
-  return GetNamedValue(name).AsString();
+  return GetNamed(name, JsonKind::String).AsString();
 }
 
 double JsonObject::GetNamedNumber(std::wstring_view name) const {
-  return GetNamedValue(name).AsNumber();
+  return GetNamed(name, JsonKind::Number).AsNumber();
 }
 
 bool JsonObject::GetNamedBoolean(std::wstring_view name) const {
-  return GetNamedValue(name).AsBoolean();
+  return GetNamed(name, JsonKind::Boolean).AsBoolean();
 }
 
 JsonObject JsonObject::GetNamedObject(std::wstring_view name) const {
-  return GetNamedValue(name).AsObject();
+  return GetNamed(name, JsonKind::Object).AsObject();
 }
 
 JsonArray JsonObject::GetNamedArray(std::wstring_view name) const {
-  return GetNamedValue(name).AsArray();
+  return GetNamed(name, JsonKind::Array).AsArray();
 }
 
 std::wstring JsonObject::GetNamedString(std::wstring_view name, std::wstring_view fallback) const {
-  const std::optional<JsonValue> member = Find(name);
-  return member ? member->AsString() : std::wstring(fallback);
+  return HasKey(name) ? GetNamedString(name) : std::wstring(fallback);
 }
 
 std::optional<std::wstring> JsonObject::FindString(std::wstring_view name) const {
@@ -261,39 +182,37 @@ std::optional<std::wstring> JsonObject::FindString(std::wstring_view name) const
 std::wstring JsonObject::StringifyWithout(std::wstring_view object, std::wstring_view name) const {
   const std::optional<JsonValue> inner = Find(object);
   if (!inner || inner->Kind() != JsonKind::Object) return Stringify();
-  const Tree& tree = *value.tree;
-  const Node& root = tree.nodes[value.node];
-  const Node& container = tree.nodes[inner->node];
-
-  std::wstring out(tree.Slice(root.begin, container.begin + 1));
-  bool first = true;
-  for (std::uint32_t i = inner->node + 1; i != container.next; i = tree.nodes[i].next) {
-    const Node& member = tree.nodes[i];
-    if (tree.KeyIs(member, name)) continue;
-    if (!first) out.push_back(L',');
-    first = false;
-    out.append(tree.Slice(member.keyBegin - 1, member.end));
-  }
-  out.append(tree.Slice(container.end - 1, root.end));
-  return out;
+  TextBuffer buffer;
+  TextWriter writer(buffer);
+  WriteObject(writer, At(value.node), [&](const WideValue::Member& member) {
+    if (&member.value != inner->node) {
+      WriteMember(writer, member);
+      return;
+    }
+    member.name.Accept(writer);
+    WriteObject(writer, member.value, [&](const WideValue::Member& kept) {
+      if (TextOf(kept.name) != name) WriteMember(writer, kept);
+    });
+  });
+  return std::wstring(buffer.View());
 }
 
 JsonArray JsonArray::Parse(std::wstring_view text) {
-  return JsonArray(JsonValue(ParseTree(text, kMaxListNesting, JsonKind::Array), 0));
+  auto tree = ParseTree(text, kMaxListNesting, JsonKind::Array);
+  const WideValue* root = &tree->document;
+  return JsonArray(JsonValue(std::move(tree), root));
 }
 
 JsonArray::Iterator JsonArray::begin() const {
-  return {this, value.node + 1};
+  return {this, At(value.node).Begin()};
 }
 
 JsonArray::Iterator JsonArray::end() const {
-  return {this, value.tree->nodes[value.node].next};
+  return {this, At(value.node).End()};
 }
 
 std::size_t JsonArray::Size() const {
-  std::size_t count = 0;
-  for (Iterator i = begin(); !(i == end()); ++i) ++count;
-  return count;
+  return At(value.node).Size();
 }
 
 JsonValue JsonArray::Iterator::operator*() const {
@@ -301,7 +220,7 @@ JsonValue JsonArray::Iterator::operator*() const {
 }
 
 JsonArray::Iterator& JsonArray::Iterator::operator++() {
-  node = array->value.tree->nodes[node].next;
+  node = &At(node) + 1;
   return *this;
 }
 

@@ -22,7 +22,7 @@ class JsonObject;
 class JsonArray;
 namespace Detail {
 struct Tree;
-}
+}  // namespace Detail
 
 // One value of a parsed text. Shares the text with every value taken from it, so a copy costs a
 // reference count; immutable, any thread may use a copy of its own.
@@ -30,9 +30,9 @@ class JsonValue {
  public:
   JsonKind Kind() const;
 
-  // The value as compact JSON: the tokens as the source spells them (numbers and escapes are not
-  // rewritten, members keep their order), without the white space between them.
-  std::wstring_view Text() const;
+  // The value as compact JSON: no white space, members in their order, texts and numbers in the
+  // writer's one spelling.
+  std::wstring Text() const;
 
   // Each throws winrt::hresult_error with kIllegalMethodCall when the value is of another kind.
   std::wstring AsString() const;
@@ -44,12 +44,14 @@ class JsonValue {
  private:
   friend class JsonObject;
   friend class JsonArray;
-  JsonValue(std::shared_ptr<const Detail::Tree> owner, std::uint32_t index)
-      : tree(std::move(owner)), node(index) {}
-  const JsonValue& Require(JsonKind kind) const;
+  JsonValue(std::shared_ptr<const Detail::Tree> owner, const void* position)
+      : tree(std::move(owner)), node(position) {}
+
+  // The value, if it is of this kind; `name` is what the error says of it.
+  const void* Require(JsonKind kind, std::wstring_view name = {}) const;
 
   std::shared_ptr<const Detail::Tree> tree;
-  std::uint32_t node;
+  const void* node;  // a value in `tree`
 };
 
 // A JSON object that throws where a member is missing or of another kind, as the Windows Runtime's
@@ -85,7 +87,7 @@ class JsonObject {
   std::optional<std::wstring> FindString(std::wstring_view name) const;
 
   // As JsonValue::Text.
-  std::wstring Stringify() const { return std::wstring(value.Text()); }
+  std::wstring Stringify() const { return value.Text(); }
 
   // Stringify without the members called `name` of the member object called `object` (the first of
   // that name); the whole text when there are none.
@@ -94,6 +96,7 @@ class JsonObject {
  private:
   friend class JsonValue;
   explicit JsonObject(JsonValue object) : value(std::move(object)) {}
+  JsonValue GetNamed(std::wstring_view name, JsonKind kind) const;
 
   JsonValue value;
 };
@@ -114,9 +117,9 @@ class JsonArray {
 
    private:
     friend class JsonArray;
-    Iterator(const JsonArray* owner, std::uint32_t index) : array(owner), node(index) {}
+    Iterator(const JsonArray* owner, const void* position) : array(owner), node(position) {}
     const JsonArray* array;
-    std::uint32_t node;
+    const void* node;
   };
 
   // The iterators borrow the array.
@@ -124,7 +127,7 @@ class JsonArray {
   Iterator end() const;
 
   std::size_t Size() const;
-  std::wstring Stringify() const { return std::wstring(value.Text()); }
+  std::wstring Stringify() const { return value.Text(); }
 
  private:
   friend class JsonValue;

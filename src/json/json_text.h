@@ -9,8 +9,6 @@
 #include <string_view>
 #include <vector>
 
-#include "json/json_reader.h"
-
 // rapidjson is configured here and nowhere else: its inline functions must be the same in every
 // file that has them, and a failed check of its own may neither end the process nor go unnoticed.
 #ifdef RAPIDJSON_RAPIDJSON_H_
@@ -36,6 +34,7 @@ class Misuse : public std::logic_error {
 #define RAPIDJSON_HAS_STDSTRING 1
 
 #include <rapidjson/document.h>
+#include <rapidjson/reader.h>
 #include <rapidjson/writer.h>
 
 namespace Vx::Json {
@@ -94,12 +93,25 @@ using WideValue = WideDocument::ValueType;
 
 inline constexpr std::size_t kPoolChunk = 65536;
 
+// How deep objects and arrays may lie in one another; a text beyond it is not valid JSON. Real
+// documents use three or four levels. Values of this depth may be walked with recursion.
+inline constexpr std::size_t kMaxNesting = 128;
+
+// The same for a list whose elements are documents of their own.
+inline constexpr std::size_t kMaxListNesting = kMaxNesting + 1;
+
+// A longer text, in UTF-16 units, is not valid JSON: rapidjson counts in 32 bits.
+inline constexpr std::size_t kMaxTextLength = std::size_t{64} * 1024 * 1024;
+
 // Parses one JSON text into `document`; false, and a null document, when it is not valid JSON.
 //
 // What clients may not expect to be obvious: unpaired surrogates, raw or escaped, are not valid; an
-// escaped U+0000 is a character like others; a number too large for a double is not valid, one too
-// small is zero; whole numbers beyond 64 bits are doubles; of repeated keys the first counts. A
-// nesting beyond kMaxNesting and a text beyond kMaxTextLength are not valid. Throws std::bad_alloc.
+// escaped U+0000 is a character like others; a number too large for a double (its digits before the
+// exponent alone count too), or with an exponent of more than eight digits, is not valid, one too
+// small is zero; whole numbers beyond 64 bits
+// are doubles; of repeated keys the first counts. A nesting beyond `nestingLimit` and a text beyond
+// kMaxTextLength are not valid. Keeps its place on a stack of its own, so that nesting costs no
+// machine stack. Throws std::bad_alloc.
 bool ParseJson(WideDocument& document, std::wstring_view text,
                std::size_t nestingLimit = kMaxNesting);
 

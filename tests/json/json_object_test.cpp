@@ -71,14 +71,24 @@ TEST(JsonObject, RefusesTextThatIsNoObject) {
   EXPECT_EQ(CodeOf([] { JsonArray::Parse(L"{}"); }), kInvalidJsonString);
 }
 
-TEST(JsonObject, StringifyChangesNothingButWhiteSpace) {
+TEST(JsonObject, StringifyKeepsOrderAndRepeatedKeysAndSpellsEachValueOneWay) {
   EXPECT_EQ(JsonObject::Parse(kSample).Stringify(),
-            L"{\"text\":\"a\\u0041\\n\",\"number\":1.90e0,\"yes\":true,\"none\":null,"
-            L"\"inner\":{\"deep\":[1,{\"x\":2}]},\"\\u006bey\":\"first\",\"key\":\"second\"}");
+            L"{\"text\":\"aA\\n\",\"number\":1.9,\"yes\":true,\"none\":null,"
+            L"\"inner\":{\"deep\":[1,{\"x\":2}]},\"key\":\"first\",\"key\":\"second\"}");
   EXPECT_EQ(JsonObject::Parse(L"{\"a b\":\" , : \"}").Stringify(), L"{\"a b\":\" , : \"}");
   EXPECT_EQ(JsonObject::Parse(L"{\"a\":[ ],\"b\":[ { } , [ ] ]}").Stringify(),
             L"{\"a\":[],\"b\":[{},[]]}");
   EXPECT_EQ(JsonObject().Stringify(), L"{}");
+}
+
+TEST(JsonObject, StringifyIsStableAlsoForDoublesOfManyDigits) {
+  for (const wchar_t* number :
+       {L"0.1", L"0.12345678901234568", L"1.7976931348623157e308", L"5e-324", L"9007199254740993.5",
+        L"123456789012345678901234567890"}) {
+    const std::wstring once =
+        JsonObject::Parse(L"{\"n\":" + std::wstring(number) + L"}").Stringify();
+    EXPECT_EQ(JsonObject::Parse(once).Stringify(), once);
+  }
 }
 
 TEST(JsonObject, ACopyOutlivesTheObjectItCameFrom) {

@@ -63,7 +63,7 @@ TEST_F(RequestManagerTest, StoresTheFirstRequestUnchanged) {
   EXPECT_EQ(Persist(request), 0);
   EXPECT_EQ(Stored(), L"[" + request + L"]");
   EXPECT_EQ(Persist(kSecond), 0);
-  EXPECT_EQ(Stored(), L"[{\"b\":1.0,\"a\":\"\\u00e9\"},{\"n\":2}]");
+  EXPECT_EQ(Stored(), L"[{\"b\":1.0,\"a\":\"\xE9\"},{\"n\":2}]");
 }
 
 TEST_F(RequestManagerTest, RefusesARequestThatDiffersInItsDelayOnly) {
@@ -142,7 +142,9 @@ TEST_F(RequestManagerTest, LeavesAStoredListThatItCannotReadAlone) {
     EXPECT_THAT(
         log.Lines(),
         ElementsAre(
-            L"error|CompleteRequest - failed to persist: Exception , Hresult -2089484281",
+            L"error|CompleteRequest - failed to persist: Exception the text is not valid JSON or "
+            L"not "
+            L"of the wanted type, Hresult -2089484281",
             L"error|RegisterExistingRequests - failed to register request. HRESULT: -2089484281"));
     EXPECT_TRUE(Stored() == list) << "the list has changed";
   }
