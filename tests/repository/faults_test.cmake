@@ -1,0 +1,67 @@
+# Writes small sources, each with one fault or none, and fails unless exactly the faults are found.
+cmake_minimum_required(VERSION 3.22)
+include(${CMAKE_CURRENT_LIST_DIR}/layers.cmake)
+
+# file|its line|what is said of it; nothing when the line is in order
+set(cases
+  "src/service/a.cpp|#include \"events/x.h\"|"
+  "src/module/a.cpp|#include \"service/x.h\"|"
+  "src/events/a.cpp|#include \"launch/x.h\"|"
+  "src/storage/a.cpp|#include \"host/logging.h\"|"
+  "src/json/a.h|#include \"platform/hresult_error.h\"|"
+  "src/json/b.h|#include <rapidjson/document.h>|"
+  "src/platform/windows/a.cpp|#include <windows.h>|"
+  "src/platform/b.cpp|  CloseHandle(handle)|"
+  "src/service/b.cpp|  clock->Sleep(length)|"
+  "src/service/c.cpp|  // std::thread loses its callable, CloseHandle(x)|"
+  "src/service/d.cpp|  LoadLibraryExW(path, nullptr, 0)|"
+  "host/a.cpp|#include \"platform/unique_handle.h\"|"
+  "host/vxhost/a.cpp|#include <CLI/CLI.hpp>|"
+  "simulator/a.h|#include \"platform/clock.h\"|"
+  "src/storage/e.cpp|#include \"service/x.h\"|may not include service"
+  "src/launch/e.cpp|#include \"events/x.h\"|may not include events"
+  "src/bod/e.cpp|  #  include \"launch/x.h\"|may not include launch"
+  "src/platform/e.cpp|#include \"json/x.h\"|may not include json"
+  "src/json/e.cpp|#include \"platform/files.h\"|platform's errors alone"
+  "src/service/e.cpp|#include \"host/winrt_owners.h\"|no contract header"
+  "src/service/f.cpp|#include \"host/vxhost/text.h\"|may not include vxhost"
+  "src/service/g.cpp|#include \"simulator/x.h\"|may not include simulator"
+  "src/service/h.cpp|#include \"x.h\"|in no folder of the project"
+  "src/service/i.cpp|#include <windows.h>|Windows stops at platform"
+  "src/bod/f.h|#include <wbemcli.h>|Windows stops at platform"
+  "src/service/j.cpp|#include <rapidjson/document.h>|JSON stops at json"
+  "src/service/k.cpp|#include <fstream>|no place in the module"
+  "src/service/l.cpp|  if (x) CloseHandle(handle)|closed by its owner"
+  "src/service/m.cpp|thread_local int x|TlsAlloc slot"
+  "src/service/n.cpp|  std::thread t(x)|Platform::Thread"
+  "src/service/o.cpp|  WaitForSingleObject(x, 1)|through the clock"
+  "src/service/p.cpp|  ::Sleep(1)|through the clock"
+  "src/platform/f.cpp|  LoadLibraryW(name)|full path"
+  "src/new/a.cpp|int x|without rules"
+  "host/e.h|#include \"platform/unique_handle.h\"|host is below platform"
+  "host/f.cpp|#include \"platform/files.h\"|host is below platform"
+  "simulator/e.cpp|#include \"service/x.h\"|may not include service")
+
+file(REMOVE_RECURSE ${SCRATCH})
+foreach(case IN LISTS cases)
+  string(REPLACE "|" ";" fields "${case}")
+  list(GET fields 0 file)
+  list(GET fields 1 line)
+  file(WRITE ${SCRATCH}/${file} "\n${line}\n")
+endforeach()
+check_layers(${SCRATCH} complaints)
+
+foreach(case IN LISTS cases)
+  string(REPLACE "|" ";" fields "${case}")
+  list(GET fields 0 file)
+  list(GET fields 2 expected)
+  set(said ${complaints})
+  list(FILTER said INCLUDE REGEX "^${file}: ")
+  list(LENGTH said count)
+  if(expected STREQUAL "" AND count GREATER 0)
+    message(SEND_ERROR "in order, but: ${said}")
+  elseif(NOT expected STREQUAL "" AND NOT (count EQUAL 1 AND said MATCHES "${expected}"))
+    message(SEND_ERROR "${file}: expected one complaint '${expected}', got '${said}'")
+  endif()
+endforeach()
+file(REMOVE_RECURSE ${SCRATCH})
