@@ -19,7 +19,7 @@ void Check(HRESULT result) {
 }
 
 template <typename T>
-void CheckMade(HRESULT result, const Abi::ComReference<T>& object) {
+void CheckMade(HRESULT result, const Abi::ComPtr<T>& object) {
   Check(result);
   if (!object) throw StepFailed{E_UNEXPECTED};
 }
@@ -67,9 +67,9 @@ T Await(Abi::IAsyncOperation<T>& operation, std::chrono::milliseconds limit) {
         completion->Signal();
         return S_OK;
       });
-  Abi::ComReference<Abi::IAsyncInfo> info;
+  Abi::ComPtr<Abi::IAsyncInfo> info;
   Check(operation.QueryInterface(Abi::IidOf<Abi::IAsyncInfo>(),
-                                 reinterpret_cast<void**>(info.Put())));
+                                 reinterpret_cast<void**>(info.Receive())));
   Check(operation.put_Completed(handler.Get()));
   if (!completion->WaitUntil(deadline)) {
     info->Cancel();
@@ -90,82 +90,81 @@ T Await(Abi::IAsyncOperation<T>& operation, std::chrono::milliseconds limit) {
 // Says goodbye to the app, which otherwise keeps its service running until the object is collected.
 class ConnectionCloser {
  public:
-  explicit ConnectionCloser(const Abi::ComReference<Abi::IAppServiceConnection>& opened)
+  explicit ConnectionCloser(const Abi::ComPtr<Abi::IAppServiceConnection>& opened)
       : connection(opened) {}
   ConnectionCloser(const ConnectionCloser&) = delete;
   ConnectionCloser& operator=(const ConnectionCloser&) = delete;
   ~ConnectionCloser() {
-    Abi::ComReference<Abi::IClosable> closable;
-    if (SUCCEEDED(connection.As(closable))) closable->Close();
+    Abi::ComPtr<Abi::IClosable> closable;
+    if (SUCCEEDED(Abi::Query(connection, closable))) closable->Close();
   }
 
  private:
-  const Abi::ComReference<Abi::IAppServiceConnection>& connection;
+  const Abi::ComPtr<Abi::IAppServiceConnection>& connection;
 };
 
-Abi::ComReference<Abi::IPropertySet> MakeMessage(const std::wstring& text) {
-  Abi::ComReference<Abi::IPropertyValueStatics> values;
+Abi::ComPtr<Abi::IPropertySet> MakeMessage(const std::wstring& text) {
+  Abi::ComPtr<Abi::IPropertyValueStatics> values;
   const HRESULT found = Abi::GetFactory(Abi::kPropertyValueClass, values);
   CheckMade(found, values);
-  Abi::ComReference<IInspectable> boxed;
-  const HRESULT created = values->CreateString(MakeString(text).Get(), boxed.Put());
+  Abi::ComPtr<IInspectable> boxed;
+  const HRESULT created = values->CreateString(MakeString(text).Get(), boxed.Receive());
   CheckMade(created, boxed);
 
-  Abi::ComReference<Abi::IPropertySet> message;
+  Abi::ComPtr<Abi::IPropertySet> message;
   const HRESULT activated = Abi::Activate(Abi::kValueSetClass, message);
   CheckMade(activated, message);
-  Abi::ComReference<Abi::IStringMap> map;
-  Check(message.As(map));
+  Abi::ComPtr<Abi::IStringMap> map;
+  Check(Abi::Query(message, map));
   Abi::Boolean replaced = 0;
   Check(map->Insert(MakeString(kMessageKey).Get(), boxed.Get(), &replaced));
   return message;
 }
 
 std::wstring TextOf(Abi::IAppServiceResponse& response) {
-  Abi::ComReference<Abi::IPropertySet> message;
-  Check(response.get_Message(message.Put()));
+  Abi::ComPtr<Abi::IPropertySet> message;
+  Check(response.get_Message(message.Receive()));
   if (!message) return {};
-  Abi::ComReference<Abi::IStringMap> map;
-  Check(message.As(map));
+  Abi::ComPtr<Abi::IStringMap> map;
+  Check(Abi::Query(message, map));
   const Abi::HString key = MakeString(kReplyKey);
   Abi::Boolean present = 0;
   Check(map->HasKey(key.Get(), &present));
   if (present == 0) return {};
-  Abi::ComReference<IInspectable> boxed;
-  const HRESULT found = map->Lookup(key.Get(), boxed.Put());
+  Abi::ComPtr<IInspectable> boxed;
+  const HRESULT found = map->Lookup(key.Get(), boxed.Receive());
   CheckMade(found, boxed);
-  Abi::ComReference<Abi::IPropertyValue> value;
+  Abi::ComPtr<Abi::IPropertyValue> value;
   Abi::PropertyType type = Abi::PropertyType::Empty;
-  if (FAILED(boxed.As(value)) || FAILED(value->get_Type(&type))) return {};
+  if (FAILED(Abi::Query(boxed, value)) || FAILED(value->get_Type(&type))) return {};
   if (type != Abi::PropertyType::String) return {};
   Abi::HString text;
-  Check(value->GetString(text.Put()));
+  Check(value->GetString(text.Receive()));
   return std::wstring(text.View());
 }
 
 std::wstring Exchange(const std::wstring& packageFamilyName, const std::wstring& appServiceName,
                       const std::wstring& text, std::chrono::milliseconds limit) {
-  Abi::ComReference<Abi::IAppServiceConnection> connection;
+  Abi::ComPtr<Abi::IAppServiceConnection> connection;
   const HRESULT activated = Abi::Activate(Abi::kAppServiceConnectionClass, connection);
   CheckMade(activated, connection);
   const ConnectionCloser closer(connection);
   Check(connection->put_PackageFamilyName(MakeString(packageFamilyName).Get()));
   Check(connection->put_AppServiceName(MakeString(appServiceName).Get()));
 
-  Abi::ComReference<Abi::IAppServiceOpenOperation> opening;
-  const HRESULT begun = connection->OpenAsync(opening.Put());
+  Abi::ComPtr<Abi::IAppServiceOpenOperation> opening;
+  const HRESULT begun = connection->OpenAsync(opening.Receive());
   CheckMade(begun, opening);
   const auto opened = Await(*opening.Get(), limit);
   if (opened != Abi::AppServiceConnectionStatus::Success) {
     throw StepFailed{static_cast<int>(opened)};
   }
 
-  Abi::ComReference<Abi::IAppServiceSendOperation> sending;
+  Abi::ComPtr<Abi::IAppServiceSendOperation> sending;
   const auto message = MakeMessage(text);
-  const HRESULT sent = connection->SendMessageAsync(message.Get(), sending.Put());
+  const HRESULT sent = connection->SendMessageAsync(message.Get(), sending.Receive());
   CheckMade(sent, sending);
-  const auto response =
-      Abi::ComReference<Abi::IAppServiceResponse>::Adopt(Await(*sending.Get(), limit));
+  const auto response = Abi::ComPtr<Abi::IAppServiceResponse>(Await(*sending.Get(), limit));
   if (!response) throw StepFailed{E_UNEXPECTED};
   Abi::AppServiceResponseStatus status = Abi::AppServiceResponseStatus::Success;
   Check(response->get_Status(&status));

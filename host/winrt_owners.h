@@ -6,55 +6,16 @@
 #include <string_view>
 #include <utility>
 
+#include "host/com_ptr.h"
 #include "host/winrt_abi.h"
 
 namespace Vx::Abi {
 
-// Owns one reference to an interface; null means none.
-template <typename T>
-class ComReference {
- public:
-  ComReference() = default;
-  ComReference(const ComReference& other) noexcept : pointer(other.pointer) {
-    if (pointer != nullptr) pointer->AddRef();
-  }
-  ComReference(ComReference&& other) noexcept : pointer(std::exchange(other.pointer, nullptr)) {}
-  ComReference& operator=(ComReference other) noexcept {
-    std::swap(pointer, other.pointer);
-    return *this;
-  }
-  ~ComReference() { Reset(); }
-
-  // Takes over the reference that the caller holds.
-  static ComReference Adopt(T* owned) noexcept {
-    ComReference result;
-    result.pointer = owned;
-    return result;
-  }
-
-  // Where a call puts out a reference; what was held before is let go.
-  T** Put() noexcept {
-    Reset();
-    return &pointer;
-  }
-
-  T* Get() const noexcept { return pointer; }
-  T* operator->() const noexcept { return pointer; }
-  explicit operator bool() const noexcept { return pointer != nullptr; }
-
-  // Asks the object for another of its interfaces.
-  template <typename U>
-  HRESULT As(ComReference<U>& other) const noexcept {
-    return pointer->QueryInterface(IidOf<U>(), reinterpret_cast<void**>(other.Put()));
-  }
-
-  void Reset() noexcept {
-    if (T* held = std::exchange(pointer, nullptr)) held->Release();
-  }
-
- private:
-  T* pointer = nullptr;
-};
+// Asks `object` for another of its interfaces.
+template <typename From, typename To>
+HRESULT Query(const ComPtr<From>& object, ComPtr<To>& other) noexcept {
+  return object->QueryInterface(IidOf<To>(), reinterpret_cast<void**>(other.Receive()));
+}
 
 // Owns a Windows Runtime string. A null HSTRING is the empty text, not an error.
 class HString {
@@ -76,7 +37,7 @@ class HString {
     return result;
   }
 
-  HSTRING* Put() noexcept {
+  HSTRING* Receive() noexcept {
     WindowsDeleteString(std::exchange(handle, nullptr));
     return &handle;
   }
@@ -160,28 +121,29 @@ class Delegate final : public Interface {
 
 // A new delegate with one reference, the result's.
 template <typename Interface, typename Callable>
-ComReference<Interface> MakeDelegate(Callable callable) {
-  return ComReference<Interface>::Adopt(new Delegate<Interface, Callable>(std::move(callable)));
+ComPtr<Interface> MakeDelegate(Callable callable) {
+  return ComPtr<Interface>(new Delegate<Interface, Callable>(std::move(callable)));
 }
 
 // Makes an object of a class that needs no arguments and asks it for T.
 template <typename T>
-HRESULT Activate(const wchar_t* className, ComReference<T>& object) noexcept {
+HRESULT Activate(const wchar_t* className, ComPtr<T>& object) noexcept {
   HString name;
   HRESULT result = name.Assign(className);
-  ComReference<IInspectable> made;
-  if (SUCCEEDED(result)) result = RoActivateInstance(name.Get(), made.Put());
+  ComPtr<IInspectable> made;
+  if (SUCCEEDED(result)) result = RoActivateInstance(name.Get(), made.Receive());
   if (FAILED(result)) return result;
-  return made ? made.As(object) : E_UNEXPECTED;
+  return made ? Query(made, object) : E_UNEXPECTED;
 }
 
 // The static members of a class.
 template <typename T>
-HRESULT GetFactory(const wchar_t* className, ComReference<T>& factory) noexcept {
+HRESULT GetFactory(const wchar_t* className, ComPtr<T>& factory) noexcept {
   HString name;
   const HRESULT result = name.Assign(className);
   if (FAILED(result)) return result;
-  return RoGetActivationFactory(name.Get(), IidOf<T>(), reinterpret_cast<void**>(factory.Put()));
+  return RoGetActivationFactory(name.Get(), IidOf<T>(),
+                                reinterpret_cast<void**>(factory.Receive()));
 }
 
 }  // namespace Vx::Abi

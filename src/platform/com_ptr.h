@@ -1,46 +1,9 @@
 #pragma once
 
-#include <utility>
+#include "host/com_ptr.h"
 
 namespace Vx::Platform {
 
-// Owns one reference to a COM object. The interface may be incomplete where the owner is only
-// declared.
-template <typename Interface>
-class ComPtr {
- public:
-  ComPtr() = default;
-
-  // Takes over the reference that `owned` stands for.
-  explicit ComPtr(Interface* owned) noexcept : object(owned) {}
-  ComPtr(ComPtr&& other) noexcept : object(std::exchange(other.object, nullptr)) {}
-  ComPtr& operator=(ComPtr&& other) noexcept {
-    if (this != &other) {
-      Reset();
-      object = std::exchange(other.object, nullptr);
-    }
-    return *this;
-  }
-  ComPtr(const ComPtr&) = delete;
-  ComPtr& operator=(const ComPtr&) = delete;
-  ~ComPtr() { Reset(); }
-
-  // Where a call puts the reference that it hands out; what was held is released first.
-  Interface** Receive() noexcept {
-    Reset();
-    return &object;
-  }
-
-  void Reset() noexcept {
-    if (object != nullptr) std::exchange(object, nullptr)->Release();
-  }
-
-  Interface* Get() const noexcept { return object; }
-  Interface* operator->() const noexcept { return object; }
-  explicit operator bool() const noexcept { return object != nullptr; }
-
- private:
-  Interface* object = nullptr;
-};
+using Abi::ComPtr;
 
 }  // namespace Vx::Platform

@@ -204,7 +204,7 @@ class FakeAsync : public Fake<Operation, Abi::IAsyncInfo> {
       const std::lock_guard guard(mutex);
       if (!ended) {
         newHandler->AddRef();
-        handler = Abi::ComReference<Handler>::Adopt(newHandler);
+        handler = Abi::ComPtr<Handler>(newHandler);
         return S_OK;
       }
     }
@@ -233,7 +233,7 @@ class FakeAsync : public Fake<Operation, Abi::IAsyncInfo> {
 
  private:
   void Finish() {
-    Abi::ComReference<Handler> waiting;
+    Abi::ComPtr<Handler> waiting;
     {
       const std::lock_guard guard(mutex);
       ended = true;
@@ -243,8 +243,8 @@ class FakeAsync : public Fake<Operation, Abi::IAsyncInfo> {
   }
 
   std::mutex mutex;
-  bool ended;                          // guarded by mutex
-  Abi::ComReference<Handler> handler;  // guarded by mutex
+  bool ended;                    // guarded by mutex
+  Abi::ComPtr<Handler> handler;  // guarded by mutex
   Abi::AsyncStatus finalStatus;
   HRESULT finalError;
 };
@@ -450,14 +450,14 @@ class FakeValueSet final : public Fake<Abi::IPropertySet, Abi::IStringMap> {
   HRESULT STDMETHODCALLTYPE Insert(HSTRING key, IInspectable* value, Abi::Boolean* out) override {
     VX_STEP();
     value->AddRef();
-    values[TextOf(key)] = Abi::ComReference<IInspectable>::Adopt(value);
+    values[TextOf(key)] = Abi::ComPtr<IInspectable>(value);
     *out = 0;
     return S_OK;
   }
   VX_UNUSED(Remove, HSTRING)
   VX_UNUSED(Clear)
 
-  std::map<std::wstring, Abi::ComReference<IInspectable>> values;
+  std::map<std::wstring, Abi::ComPtr<IInspectable>> values;
 };
 
 class FakeAppServiceResponse final : public Fake<Abi::IAppServiceResponse> {
@@ -468,8 +468,7 @@ class FakeAppServiceResponse final : public Fake<Abi::IAppServiceResponse> {
     auto* set = new FakeValueSet;
     if (app.reply) {
       const auto type = app.replyIsNumber ? Abi::PropertyType{4} : Abi::PropertyType::String;
-      set->values[L"response"] =
-          Abi::ComReference<IInspectable>::Adopt(new FakePropertyValue(*app.reply, type));
+      set->values[L"response"] = Abi::ComPtr<IInspectable>(new FakePropertyValue(*app.reply, type));
     }
     *message = set;
     return S_OK;
@@ -680,12 +679,12 @@ HRESULT FakeRuntime::Step() {
 void FakeRuntime::Pend(IUnknown* operation, void (*complete)(IUnknown*)) {
   const std::lock_guard guard(pendingMutex);
   operation->AddRef();
-  pending = Abi::ComReference<IUnknown>::Adopt(operation);
+  pending = Abi::ComPtr<IUnknown>(operation);
   completePending = complete;
 }
 
 bool FakeRuntime::CompletePending() {
-  Abi::ComReference<IUnknown> operation;
+  Abi::ComPtr<IUnknown> operation;
   {
     const std::lock_guard guard(pendingMutex);
     operation = std::move(pending);
@@ -702,14 +701,14 @@ void FakeRuntime::DropPending() {
 
 std::int64_t FakeRuntime::AddHandler(Abi::IPackageUninstallingHandler* handler) {
   handler->AddRef();
-  lastHandler = Abi::ComReference<Abi::IPackageUninstallingHandler>::Adopt(handler);
+  lastHandler = Abi::ComPtr<Abi::IPackageUninstallingHandler>(handler);
   handlers[++nextToken] = lastHandler;
   return nextToken;
 }
 
 HRESULT FakeRuntime::NotifyUninstalling(const std::wstring& familyName, bool complete) {
-  const auto arguments = Abi::ComReference<Abi::IPackageUninstallingEventArgs>::Adopt(
-      new FakeUninstall(familyName, complete));
+  const auto arguments =
+      Abi::ComPtr<Abi::IPackageUninstallingEventArgs>(new FakeUninstall(familyName, complete));
   HRESULT result = S_OK;
   const auto copy = handlers;
   for (const auto& [token, handler] : copy) {

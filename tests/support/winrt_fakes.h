@@ -73,7 +73,7 @@ class FakeRuntime {
   HRESULT NotifyUninstalling(const std::wstring& familyName, bool complete);
 
   // A reference to the handler that was added last, as the system may hold it.
-  Abi::ComReference<Abi::IPackageUninstallingHandler> LastHandler() const { return lastHandler; }
+  Abi::ComPtr<Abi::IPackageUninstallingHandler> LastHandler() const { return lastHandler; }
   void ForgetHandler() { lastHandler.Reset(); }
 
   std::vector<std::wstring> machinePackages;  // full names of the one family there is
@@ -84,7 +84,7 @@ class FakeRuntime {
 
   std::vector<std::wstring> registered;     // what registration was asked for
   std::vector<std::wstring> familiesAsked;  // by every find
-  std::map<std::int64_t, Abi::ComReference<Abi::IPackageUninstallingHandler>> handlers;
+  std::map<std::int64_t, Abi::ComPtr<Abi::IPackageUninstallingHandler>> handlers;
   int cancelled = 0;                         // operations
   int closed = 0;                            // connections
   std::vector<std::wstring> openedServices;  // "family!service"
@@ -98,10 +98,10 @@ class FakeRuntime {
 
  private:
   int callsUntilFailure = -1;
-  Abi::ComReference<IUnknown> pending;
+  Abi::ComPtr<IUnknown> pending;
   void (*completePending)(IUnknown*) = nullptr;
   std::mutex pendingMutex;
-  Abi::ComReference<Abi::IPackageUninstallingHandler> lastHandler;
+  Abi::ComPtr<Abi::IPackageUninstallingHandler> lastHandler;
   std::int64_t nextToken = 100;
   HKEY machineKey = nullptr;
 };

@@ -34,14 +34,14 @@ class Uninstall final : public PackageUninstall {
       : arguments(eventArguments) {}
 
   std::wstring FamilyName() const override {
-    Abi::ComReference<Abi::IPackage> package;
-    const HRESULT got = arguments.get_Package(package.Put());
+    Abi::ComPtr<Abi::IPackage> package;
+    const HRESULT got = arguments.get_Package(package.Receive());
     CheckMade(got, package, L"IPackageUninstallingEventArgs::get_Package");
-    Abi::ComReference<Abi::IPackageId> id;
-    const HRESULT identified = package->get_Id(id.Put());
+    Abi::ComPtr<Abi::IPackageId> id;
+    const HRESULT identified = package->get_Id(id.Receive());
     CheckMade(identified, id, L"IPackage::get_Id");
     Abi::HString name;
-    Check(id->get_FamilyName(name.Put()), L"IPackageId::get_FamilyName");
+    Check(id->get_FamilyName(name.Receive()), L"IPackageId::get_FamilyName");
     return std::wstring(name.View());
   }
 
@@ -79,7 +79,7 @@ class WindowsPackageCatalog final : public PackageCatalog {
   WindowsPackageCatalog() {
     const ApartmentScope apartment;
     const auto statics = FactoryOf<Abi::IPackageCatalogStatics>(Abi::kPackageCatalogClass);
-    const HRESULT opened = statics->OpenForCurrentUser(catalog.Put());
+    const HRESULT opened = statics->OpenForCurrentUser(catalog.Receive());
     CheckMade(opened, catalog, L"IPackageCatalogStatics::OpenForCurrentUser");
   }
   WindowsPackageCatalog(const WindowsPackageCatalog&) = delete;
@@ -131,7 +131,7 @@ class WindowsPackageCatalog final : public PackageCatalog {
   }
 
   MultithreadedApartmentUsage usage;  // outlives the catalog
-  Abi::ComReference<Abi::IPackageCatalog> catalog;
+  Abi::ComPtr<Abi::IPackageCatalog> catalog;
   std::mutex mutex;
   SubscriptionMap subscriptions;  // guarded by mutex
 };

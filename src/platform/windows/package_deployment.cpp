@@ -15,25 +15,25 @@ namespace Vx::Platform {
 namespace {
 
 std::wstring FullNameOf(Abi::IPackage& package) {
-  Abi::ComReference<Abi::IPackageId> id;
-  const HRESULT result = package.get_Id(id.Put());
+  Abi::ComPtr<Abi::IPackageId> id;
+  const HRESULT result = package.get_Id(id.Receive());
   CheckMade(result, id, L"IPackage::get_Id");
   Abi::HString name;
-  Check(id->get_FullName(name.Put()), L"IPackageId::get_FullName");
+  Check(id->get_FullName(name.Receive()), L"IPackageId::get_FullName");
   return std::wstring(name.View());
 }
 
-std::vector<std::wstring> FullNamesOf(const Abi::ComReference<Abi::IPackageIterable>& packages) {
+std::vector<std::wstring> FullNamesOf(const Abi::ComPtr<Abi::IPackageIterable>& packages) {
   std::vector<std::wstring> names;
   if (!packages) return names;
-  Abi::ComReference<Abi::IPackageIterator> iterator;
-  const HRESULT result = packages->First(iterator.Put());
+  Abi::ComPtr<Abi::IPackageIterator> iterator;
+  const HRESULT result = packages->First(iterator.Receive());
   CheckMade(result, iterator, L"IIterable::First");
   Abi::Boolean more = 0;
   Check(iterator->get_HasCurrent(&more), L"IIterator::get_HasCurrent");
   while (more != 0) {
-    Abi::ComReference<Abi::IPackage> package;
-    const HRESULT current = iterator->get_Current(package.Put());
+    Abi::ComPtr<Abi::IPackage> package;
+    const HRESULT current = iterator->get_Current(package.Receive());
     CheckMade(current, package, L"IIterator::get_Current");
     names.push_back(FullNameOf(*package.Get()));
     more = 0;
@@ -61,8 +61,8 @@ void SignalWhenDone(Abi::IDeploymentOperation& operation, const SharedHandle& do
 
 // Reads the deployment's own report, as far as it gives one: a failed operation may refuse it.
 void ReadReport(Abi::IDeploymentOperation& operation, PackageRegistration& registration) {
-  Abi::ComReference<Abi::IDeploymentResult> report;
-  const HRESULT read = operation.GetResults(report.Put());
+  Abi::ComPtr<Abi::IDeploymentResult> report;
+  const HRESULT read = operation.GetResults(report.Receive());
   if (FAILED(read) || !report) {
     if (SUCCEEDED(registration.result)) registration.result = FAILED(read) ? read : E_UNEXPECTED;
     return;
@@ -74,7 +74,7 @@ void ReadReport(Abi::IDeploymentOperation& operation, PackageRegistration& regis
   }
   if (SUCCEEDED(registration.result)) return;
   Abi::HString text;
-  if (SUCCEEDED(report->get_ErrorText(text.Put()))) registration.errorText = text.View();
+  if (SUCCEEDED(report->get_ErrorText(text.Receive()))) registration.errorText = text.View();
 }
 
 PackageRegistration OutcomeOf(Abi::IDeploymentOperation& operation, Abi::IAsyncInfo& info) {
@@ -98,8 +98,8 @@ std::vector<std::wstring> FamilyPackagesOfMachine(const std::wstring& familyName
   const ApartmentScope apartment;
   const auto manager = ActivateClass<Abi::IPackageManager>(Abi::kPackageManagerClass);
   const Abi::HString family = MakeString(familyName);
-  Abi::ComReference<Abi::IPackageIterable> packages;
-  Check(manager->FindPackagesByPackageFamilyName(family.Get(), packages.Put()),
+  Abi::ComPtr<Abi::IPackageIterable> packages;
+  Check(manager->FindPackagesByPackageFamilyName(family.Get(), packages.Receive()),
         L"IPackageManager::FindPackagesByPackageFamilyName");
   return FullNamesOf(packages);
 }
@@ -110,9 +110,9 @@ std::vector<std::wstring> FamilyPackagesOfUser(const std::wstring& sid,
   const auto manager = ActivateClass<Abi::IPackageManager>(Abi::kPackageManagerClass);
   const Abi::HString user = MakeString(sid);
   const Abi::HString family = MakeString(familyName);
-  Abi::ComReference<Abi::IPackageIterable> packages;
+  Abi::ComPtr<Abi::IPackageIterable> packages;
   Check(manager->FindPackagesByUserSecurityIdPackageFamilyName(user.Get(), family.Get(),
-                                                               packages.Put()),
+                                                               packages.Receive()),
         L"IPackageManager::FindPackagesByUserSecurityIdPackageFamilyName");
   return FullNamesOf(packages);
 }
@@ -122,12 +122,12 @@ PackageRegistration RegisterStagedPackage(const std::wstring& fullName,
   const ApartmentScope apartment;
   const auto manager = ActivateClass<Abi::IPackageManager2>(Abi::kPackageManagerClass);
   const Abi::HString name = MakeString(fullName);
-  Abi::ComReference<Abi::IDeploymentOperation> operation;
+  Abi::ComPtr<Abi::IDeploymentOperation> operation;
   const HRESULT started = manager->RegisterPackageByFullNameAsync(
-      name.Get(), nullptr, Abi::DeploymentOptions::None, operation.Put());
+      name.Get(), nullptr, Abi::DeploymentOptions::None, operation.Receive());
   CheckMade(started, operation, L"IPackageManager2::RegisterPackageByFullNameAsync");
-  Abi::ComReference<Abi::IAsyncInfo> info;
-  Check(operation.As(info), L"IAsyncInfo");
+  Abi::ComPtr<Abi::IAsyncInfo> info;
+  Check(Abi::Query(operation, info), L"IAsyncInfo");
 
   const SharedHandle done = MakeCompletionEvent();
   SignalWhenDone(*operation.Get(), done);

@@ -31,22 +31,22 @@ inline Abi::HString MakeString(std::wstring_view text) {
 
 // For calls that can answer success with nothing, which then counts as a broken promise.
 template <typename T>
-void CheckMade(HRESULT result, const Abi::ComReference<T>& object, const wchar_t* call) {
+void CheckMade(HRESULT result, const Abi::ComPtr<T>& object, const wchar_t* call) {
   Check(result, call);
   if (!object) throw winrt::hresult_error(E_UNEXPECTED, call);
 }
 
 template <typename T>
-Abi::ComReference<T> ActivateClass(const wchar_t* className) {
-  Abi::ComReference<T> object;
+Abi::ComPtr<T> ActivateClass(const wchar_t* className) {
+  Abi::ComPtr<T> object;
   const HRESULT result = Abi::Activate(className, object);
   CheckMade(result, object, className);
   return object;
 }
 
 template <typename T>
-Abi::ComReference<T> FactoryOf(const wchar_t* className) {
-  Abi::ComReference<T> factory;
+Abi::ComPtr<T> FactoryOf(const wchar_t* className) {
+  Abi::ComPtr<T> factory;
   const HRESULT result = Abi::GetFactory(className, factory);
   CheckMade(result, factory, className);
   return factory;

@@ -73,15 +73,15 @@ TEST(WinrtAbiTest, EveryCalledMemberLiesInItsSlot) {
 TEST(DelegateTest, AnswersForItsOwnInterfaceAndForBeingAgileOnly) {
   const auto delegate = MakeDelegate<IPackageUninstallingHandler>(
       [](IPackageCatalog*, IPackageUninstallingEventArgs*) noexcept -> HRESULT { return S_OK; });
-  ComReference<IUnknown> unknown;
-  ComReference<IAgileObject> agile;
-  ComReference<IPackageUninstallingHandler> self;
-  ComReference<IInspectable> inspectable;
-  EXPECT_EQ(delegate.As(unknown), S_OK);
-  EXPECT_EQ(delegate.As(agile), S_OK);
-  EXPECT_EQ(delegate.As(self), S_OK);
+  ComPtr<IUnknown> unknown;
+  ComPtr<IAgileObject> agile;
+  ComPtr<IPackageUninstallingHandler> self;
+  ComPtr<IInspectable> inspectable;
+  EXPECT_EQ(Query(delegate, unknown), S_OK);
+  EXPECT_EQ(Query(delegate, agile), S_OK);
+  EXPECT_EQ(Query(delegate, self), S_OK);
   EXPECT_EQ(self.Get(), delegate.Get());
-  EXPECT_EQ(delegate.As(inspectable), E_NOINTERFACE);
+  EXPECT_EQ(Query(delegate, inspectable), E_NOINTERFACE);
   EXPECT_EQ(inspectable.Get(), nullptr);
 }
 
