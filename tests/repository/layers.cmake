@@ -25,7 +25,7 @@ set(may_include_vxhost ${any_layer})
 set(contract_headers
   host/app_service_proxy.h host/completion_callback.h host/cryptography_helper.h host/logging.h
   host/uwp_package_model.h host/vx_service.h)
-set(shared_with_platform host/winrt_owners.h)
+set(shared_with_platform host/com_ptr.h host/winrt_owners.h)
 # What the layers at the bottom may see of their upper neighbours.
 set(platform_for_json platform/hresult_error.h)
 set(platform_for_host platform/unique_handle.h)
