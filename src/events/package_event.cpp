@@ -45,7 +45,7 @@ std::mutex PackageUninstallingPCEvent::rLock;
 std::mutex PackageUninstallingPCEvent::register_mux;
 std::mutex PackageUninstallingPCEvent::uninstall_event_mux;
 
-PackageUninstallingPCEvent::PackageUninstallingPCEvent(std::wstring packageFamilyName,
+PackageUninstallingPCEvent::PackageUninstallingPCEvent(const std::wstring& packageFamilyName,
                                                        UninstallMoment moment,
                                                        EventCommandPtr packageCommand)
     : IPCEvent(std::move(packageCommand)),

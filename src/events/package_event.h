@@ -61,7 +61,7 @@ class PackageUninstallingPCEvent final : public IPCEvent {
   // Opens the console user's catalog. Throws winrt::hresult_error: kPackageNotInstalled,
   // kConsoleUserUnavailable or the package manager's own. Without the session API set there is no
   // catalog, which is logged, and the event never comes.
-  PackageUninstallingPCEvent(std::wstring packageFamilyName, UninstallMoment moment,
+  PackageUninstallingPCEvent(const std::wstring& packageFamilyName, UninstallMoment moment,
                              EventCommandPtr packageCommand);
   ~PackageUninstallingPCEvent() override;
 

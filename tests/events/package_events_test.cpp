@@ -3,6 +3,8 @@
 
 #include <atomic>
 #include <chrono>
+#include <cstdio>
+#include <cstdlib>
 #include <functional>
 #include <string>
 #include <thread>
@@ -36,7 +38,6 @@ using testing::Contains;
 using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::SizeIs;
-using testing::StartsWith;
 using Tests::FakeAppServices;
 using Tests::FakeConsole;
 using Tests::FakePackageCatalog;
@@ -408,6 +409,7 @@ TEST(PackageEventStress, SurvivesEverythingAtOnce) {
       },
   };
   std::vector<std::thread> threads;
+  threads.reserve(jobs.size());
   for (const auto& job : jobs) {
     threads.emplace_back([&, job] {
       while (!stop) {
@@ -427,7 +429,7 @@ TEST(PackageEventStress, SurvivesEverythingAtOnce) {
   }
   if (done < static_cast<int>(jobs.size())) {
     // Joining would hang, and threads may not outlive what they use.
-    std::fputs("PackageEventStress: the threads are stuck\n", stderr);
+    static_cast<void>(std::fputs("PackageEventStress: the threads are stuck\n", stderr));
     std::abort();
   }
   for (auto& thread : threads) thread.join();

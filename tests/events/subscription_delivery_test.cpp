@@ -39,7 +39,6 @@ using Platform::Result;
 using Platform::UniqueHandle;
 using std::chrono::milliseconds;
 using testing::ElementsAre;
-using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::SizeIs;
 using testing::StartsWith;
