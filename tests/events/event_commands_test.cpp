@@ -110,10 +110,10 @@ TEST(AppServiceNotificationCommand, SendsThePayloadEachTime) {
   Tests::FakeAppServices services;
   const MachineScope scope([&](Machine& machine) { machine.appServices = &services; });
   AppServiceNotificationCommand command(JsonObject::Parse(
-      LR"({"packageFamilyName":"f","appServiceName":"s","payload":{"a": [1.50, "x"]}})"));
+      LR"({"packageFamilyName":"f","appServiceName":"s","payload":{"a": [1.5, "x"]}})"));
   command.Execute();
   command.Execute();
-  EXPECT_THAT(services.Sent(), ElementsAre(LR"(f/s {"a":[1.50,"x"]})", LR"(f/s {"a":[1.50,"x"]})"));
+  EXPECT_THAT(services.Sent(), ElementsAre(LR"(f/s {"a":[1.5,"x"]})", LR"(f/s {"a":[1.5,"x"]})"));
 }
 
 // The order of the slots is a contract with code that knows the table alone.

@@ -304,8 +304,8 @@ TEST_F(PackageEventTest, LeavesNoHandleOpen) {
     Registering(Notifying(L"5", L"Gone"));
     Manager::clear_events();
   }
-  // The clock keeps a few of its own.
-  EXPECT_LE(Tests::HandleGauge(), before + 40);
+  // Values are four apart, and the clock keeps some handles of its own.
+  EXPECT_LE(Tests::HandleGauge(), before + 100);
 }
 
 class StoredPackageEventTest : public PackageEventTest {
@@ -377,7 +377,8 @@ TEST_F(StoredPackageEventTest, SkipsALateRequestThatCannotBeRead) {
 // Registration, notification, log-off and destruction at the same time, on real threads.
 TEST(PackageEventStress, SurvivesEverythingAtOnce) {
   constexpr milliseconds kLength{1500};
-  constexpr milliseconds kPatience{20000};
+  constexpr milliseconds kPatience{30000};
+  constexpr int kEnough = 5;
   FakePackageCatalog packages;
   FakeAppServices services;
   packages.Install(kFamily);
@@ -402,7 +403,11 @@ TEST(PackageEventStress, SurvivesEverythingAtOnce) {
       [&] { packages.Notify(FakeUninstall(kFamily)); },
       // Never complete: only log-off ends this one's pauses early enough.
       [&] { packages.Notify(FakeUninstall(L"Other", [] { return false; })); },
-      [&] { Manager::clear_events(); },
+      // Now and then only, so that some events live long enough to fire.
+      [&] {
+        Sleep(20);
+        Manager::clear_events();
+      },
       [&] {
         SubscribeForAppPackageEventRequest request(Notifying(L"5"));
         request.RegisterPackageEvent(nullptr);
@@ -415,13 +420,17 @@ TEST(PackageEventStress, SurvivesEverythingAtOnce) {
       while (!stop) {
         job();
         ++rounds;
+        Sleep(1);
       }
       ++done;
     });
   }
-  Sleep(static_cast<DWORD>(kLength.count()));
+  const ULONGLONG begin = GetTickCount64();
+  const ULONGLONG deadline = begin + static_cast<ULONGLONG>(kPatience.count());
+  const auto lasted = [&] { return milliseconds(GetTickCount64() - begin); };
+  // A loaded machine gets the time to let some events fire.
+  while (lasted() < kLength || (completions < kEnough && lasted() < kPatience / 2)) Sleep(10);
   stop = true;
-  const ULONGLONG deadline = GetTickCount64() + static_cast<ULONGLONG>(kPatience.count());
   while (done < static_cast<int>(jobs.size()) && GetTickCount64() < deadline) {
     // A registration that was last leaves pauses to be ended.
     Manager::clear_events();
@@ -436,7 +445,7 @@ TEST(PackageEventStress, SurvivesEverythingAtOnce) {
   Manager::clear_events();
   EXPECT_EQ(packages.Handlers(), 0U);
   EXPECT_GT(rounds, 100);
-  EXPECT_GT(completions, 0);
+  EXPECT_GE(completions, kEnough);
 }
 
 }  // namespace
