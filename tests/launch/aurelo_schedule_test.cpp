@@ -10,11 +10,11 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "launch/fake_console.h"
 #include "platform/machine.h"
 #include "platform/thread.h"
 #include "simulator/virtual_clock.h"
 #include "storage/cap_data_store.h"
+#include "support/fake_console.h"
 #include "support/log_capture.h"
 #include "support/temp_folder.h"
 

@@ -8,7 +8,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "launch/fake_console.h"
 #include "launch/lockdown_mode.h"
 #include "launch/mcafee_helper.h"
 #include "launch/qubo_behaviors.h"
@@ -19,6 +18,7 @@
 #include "platform/system_services.h"
 #include "security/authenticode_facade.h"
 #include "storage/cap_data_store.h"
+#include "support/fake_console.h"
 #include "support/log_capture.h"
 #include "support/private_local_machine.h"
 #include "support/probe.h"

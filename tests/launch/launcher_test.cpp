@@ -8,8 +8,8 @@
 #include <string>
 #include <vector>
 
-#include "launch/fake_console.h"
 #include "launch/launch_rules.h"
+#include "support/fake_console.h"
 #include "support/log_capture.h"
 #include "support/probe.h"
 #include "support/temp_folder.h"

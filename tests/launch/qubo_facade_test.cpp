@@ -10,13 +10,13 @@
 #include <gtest/gtest.h>
 
 #include "launch/aurelo.h"
-#include "launch/fake_console.h"
 #include "launch/mcafee_helper.h"
 #include "launch/qubo_behaviors.h"
 #include "launch/registration_data.h"
 #include "launch/software_check_behaviors.h"
 #include "platform/app_services.h"
 #include "storage/cap_data_store.h"
+#include "support/fake_console.h"
 #include "support/handle_gauge.h"
 #include "support/log_capture.h"
 #include "support/private_local_machine.h"

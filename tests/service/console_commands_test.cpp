@@ -6,11 +6,11 @@
 
 #include <gmock/gmock.h>
 
-#include "launch/fake_console.h"
 #include "platform/machine.h"
 #include "service/service_fixture.h"
 #include "storage/cap_data_store.h"
 #include "storage/request_manager.h"
+#include "support/fake_console.h"
 
 namespace Vx::Tests {
 namespace {

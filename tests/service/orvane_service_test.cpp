@@ -5,11 +5,11 @@
 
 #include <gmock/gmock.h>
 
-#include "launch/fake_console.h"
 #include "platform/machine.h"
 #include "platform/system_services.h"
 #include "service/service_fixture.h"
 #include "simulator/virtual_clock.h"
+#include "support/fake_console.h"
 
 namespace Vx::Tests {
 namespace {

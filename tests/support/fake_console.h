@@ -24,11 +24,11 @@ namespace Vx::Tests {
 // The console of a machine: a user, packages, and programs that can be started. Every call that
 // Windows may refuse is counted, so that each can be made to fail in turn. One thread at a time,
 // or one worker while the test waits.
-class FakeConsole final : public Platform::ApiSets,
-                          public Platform::Environment,
-                          public Platform::Packages,
-                          public Platform::Processes,
-                          public Platform::Sessions {
+class FakeConsole : public Platform::ApiSets,
+                    public Platform::Environment,
+                    public Platform::Packages,
+                    public Platform::Processes,
+                    public Platform::Sessions {
  public:
   static constexpr std::size_t kNever = std::numeric_limits<std::size_t>::max();
   static constexpr Platform::ErrorCode kDenied = 5;
