@@ -2,6 +2,7 @@
 
 #include "events/power_events.h"
 #include "host/logging.h"
+#include "launch/qubo_facade.h"
 #include "platform/app_services.h"
 #include "platform/machine.h"
 #include "service/s_mode.h"
@@ -32,6 +33,8 @@ const Resume* ResumeOf(std::uint32_t eventType) {
 
 void HandlePowerEvent(std::uint32_t eventType) {
   const Logging::TraceLogger& logger = *Logging::LogManager::GetLogger();
+  // Made for what it says of a store that cannot be read, as the first line of the event.
+  const Qubo::QuboFacade facade;
   logger.LogInfo(kPowerEventTrace, kPowerEventTask, "Enter");
   Platform::CurrentMachine().appServices->Open({}, {})->SystemRestarted();
   FulfillPowerSubscriptions(eventType);

@@ -103,9 +103,7 @@ void OrvaneService::power_event_task(std::uint32_t eventType) noexcept {
 }
 
 bool OrvaneService::oobe_event_task() noexcept {
-  bool done = false;
-  Guard("oobe_event_task", [&] { done = RunOobeEventTask(*state); });
-  return done;
+  return RunOobeEventTask(*state);
 }
 
 void OrvaneService::OnSessionChange(std::uint32_t code) noexcept {
