@@ -1,4 +1,4 @@
-# vx_test_pki(PROGRAM): the targets of the throwaway test authority.
+# vx_test_pki(PROGRAM LIBRARY): the targets of the throwaway test authority.
 #
 # test_pki    tests/pki/ in the build tree: pinned_general.txt and pinned_restricted.txt (usable as
 #             VX_PINNED_KEYS_...), and copies of the program of target PROGRAM:
@@ -12,8 +12,10 @@
 #               tampered.exe     pinned.exe with a byte changed after signing
 #               appended.exe     pinned.exe with bytes after its signature
 #               unsigned.exe     not signed
+#             and of the library of target LIBRARY:
+#               pinned.dll, general.dll, unpinned.dll, unsigned.dll
 # pins_test   the two key files compiled in, in the place of `pins`
-function(vx_test_pki program)
+function(vx_test_pki program library)
   set(folder ${PROJECT_BINARY_DIR}/tests/pki)
   set(script ${PROJECT_SOURCE_DIR}/cmake/test_pki.sh)
   set(keys ${folder}/pinned_general.txt ${folder}/pinned_restricted.txt)
@@ -25,10 +27,12 @@ function(vx_test_pki program)
 
   set(programs pinned general unpinned expired self_signed dual dropbox tampered appended unsigned)
   list(TRANSFORM programs REPLACE "(.+)" "${folder}/\\1.exe")
-  add_custom_command(OUTPUT ${programs}
-    COMMAND ${script} sign ${folder} $<TARGET_FILE:${program}>
-    DEPENDS ${script} ${program} ${certificates} VERBATIM COMMENT "Signing the test programs")
-  add_custom_target(test_pki ALL DEPENDS ${keys} ${programs})
+  set(libraries pinned general unpinned unsigned)
+  list(TRANSFORM libraries REPLACE "(.+)" "${folder}/\\1.dll")
+  add_custom_command(OUTPUT ${programs} ${libraries}
+    COMMAND ${script} sign ${folder} $<TARGET_FILE:${program}> $<TARGET_FILE:${library}>
+    DEPENDS ${script} ${program} ${library} ${certificates} VERBATIM COMMENT "Signing the test programs")
+  add_custom_target(test_pki ALL DEPENDS ${keys} ${programs} ${libraries})
 
   set(source ${PROJECT_BINARY_DIR}/pins/test_pinned_keys.cpp)
   add_custom_command(OUTPUT ${source}

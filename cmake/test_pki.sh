@@ -2,7 +2,8 @@
 # A throwaway certificate authority for tests, and programs signed under it.
 #
 #   test_pki.sh keys DIR            makes the authority, its certificates and the files of pinned keys
-#   test_pki.sh sign DIR PROGRAM    signs copies of PROGRAM in every way that a test asks for
+#   test_pki.sh sign DIR PROGRAM LIBRARY
+#                                   signs copies of both in every way that a test asks for
 #
 # Nothing outside DIR is read or written. The keys are made anew in each build tree and protect
 # nothing.
@@ -127,14 +128,24 @@ sign_programs() {
   printf 'more bytes' >> appended.exe
 }
 
+sign_libraries() {
+  cp "$1" unsigned.dll
+  for name in pinned general unpinned; do
+    sign "$name" "$name" unsigned.dll "$name.dll"
+  done
+}
+
 # The tools are talkative; what they said is shown only when one fails.
 exec 3>&2 > "$mode.log" 2>&1
 trap 'status=$?; [ "$status" -eq 0 ] || cat "$mode.log" >&3' EXIT
 case $mode in
   keys) make_keys ;;
-  sign) sign_programs "$3" ;;
+  sign)
+    sign_programs "$3"
+    sign_libraries "$4"
+    ;;
   *)
-    echo "test_pki.sh keys|sign DIR [PROGRAM]"
+    echo "test_pki.sh keys|sign DIR [PROGRAM LIBRARY]"
     exit 2
     ;;
 esac

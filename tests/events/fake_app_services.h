@@ -19,7 +19,7 @@ class FakeAppServices final : public Platform::AppServices {
     return std::make_unique<Conversation>(*this, packageFamilyName + L"/" + appServiceName + L" ");
   }
 
-  // "family/service text", in the order of sending.
+  // "family/service text", in the order of sending; the text "restarted" is a SystemRestarted.
   std::vector<std::wstring> Sent() const {
     const std::lock_guard guard(mutex);
     return sent;
@@ -27,6 +27,9 @@ class FakeAppServices final : public Platform::AppServices {
 
   // Runs on the sending thread, before the text counts as sent.
   std::function<void()> onSend = [] {};
+
+  // What every text is answered with; 0 is success.
+  int status = 1;
 
  private:
   class Conversation final : public Platform::AppService {
@@ -38,9 +41,12 @@ class FakeAppServices final : public Platform::AppServices {
       owner.onSend();
       const std::lock_guard guard(owner.mutex);
       owner.sent.push_back(prefix + text);
-      return {1, L"ignored"};
+      return {owner.status, L"ignored"};
     }
-    void SystemRestarted() override {}
+    void SystemRestarted() override {
+      const std::lock_guard guard(owner.mutex);
+      owner.sent.push_back(prefix + L"restarted");
+    }
 
    private:
     FakeAppServices& owner;

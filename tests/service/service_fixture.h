@@ -33,6 +33,8 @@ class ServiceFixture {
     service.reset();
   }
 
+  std::wstring StorePath() const { return store.FilePath(); }
+
   Reply Execute(std::uint32_t id, const wchar_t* request) { return Execute(id, request, context); }
 
   Reply Execute(std::uint32_t id, const wchar_t* request,

@@ -1,0 +1,40 @@
+#pragma once
+
+#include <filesystem>
+#include <string>
+
+#include "support/temp_folder.h"
+#include "support/test_pki.h"
+
+namespace Vx::Tests {
+
+// A Windows folder of this process alone, in a protected place, whose lockdown policy library is a
+// stand-in; see LockdownMode.
+class PrivateLockdownPolicy {
+ public:
+  // `library` is one of the signed copies of the test authority.
+  explicit PrivateLockdownPolicy(const wchar_t* library = L"pinned.dll") {
+    std::filesystem::create_directory(folder / L"System32");
+    std::filesystem::copy_file(PkiFile(library), Path());
+  }
+  PrivateLockdownPolicy(const PrivateLockdownPolicy&) = delete;
+  PrivateLockdownPolicy& operator=(const PrivateLockdownPolicy&) = delete;
+  ~PrivateLockdownPolicy() {
+    RemoveFile(Path());
+    RemoveFolder(folder / L"System32");
+  }
+
+  std::wstring Path() const { return folder / L"System32\\wldp.dll"; }
+
+ private:
+  ProtectedFolder folder;
+  EnvironmentOverride windows{L"windir", folder.Path()};
+};
+
+// The mode that the stand-in answers while this object lives.
+struct LockdownMode : EnvironmentOverride {
+  explicit LockdownMode(int mode)
+      : EnvironmentOverride(L"VX_LOCKDOWN_MODE", std::to_wstring(mode)) {}
+};
+
+}  // namespace Vx::Tests

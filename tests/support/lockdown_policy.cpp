@@ -1,0 +1,13 @@
+// A lockdown policy library for tests: answers the mode in the variable VX_LOCKDOWN_MODE of its
+// process. Without one it fails and leaves the mode alone.
+#include <cwchar>
+
+#include <windows.h>
+
+extern "C" HRESULT WINAPI WldpQueryWindowsLockdownMode(int* mode) {
+  wchar_t text[16];
+  const DWORD length = GetEnvironmentVariableW(L"VX_LOCKDOWN_MODE", text, 16);
+  if (length == 0 || length >= 16) return E_NOTIMPL;
+  *mode = static_cast<int>(std::wcstol(text, nullptr, 10));
+  return S_OK;
+}
