@@ -20,6 +20,10 @@ endif()
 # Paths of this machine stay out of the binaries, so that two checkouts build the same bytes.
 target_compile_options(vx_options INTERFACE -ffile-prefix-map=${PROJECT_SOURCE_DIR}/=)
 
+if(VX_SYMBOLS)
+  target_compile_options(vx_options INTERFACE -g1)
+endif()
+
 target_compile_definitions(vx_options INTERFACE
   $<$<CONFIG:Debug>:_GLIBCXX_ASSERTIONS>)
 if(WIN32)

@@ -258,6 +258,14 @@ std::int32_t CapDataStore::requireInt32(std::string_view key) {
   return value;
 }
 
+std::optional<CapDataStore::Content> CapDataStore::readAll() {
+  Hold hold(mutex);
+  std::optional<Content> content;
+  if (readFile()) content = Content{storeId, document};
+  hold.Release();
+  return content;
+}
+
 bool CapDataStore::mergeMember(std::string_view documentName, std::string_view member,
                                const BsonElement& value) {
   return updateMember(documentName, member, [&](const BsonElement*) { return value; });

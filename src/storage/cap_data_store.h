@@ -61,6 +61,13 @@ class CapDataStore {
   // std::runtime_error when the file cannot be read.
   std::int32_t requireInt32(std::string_view key);
 
+  // All of the file, for people to look at; nothing when it cannot be read.
+  struct Content {
+    std::wstring storeId;  // empty before the first write
+    BsonDocument document;
+  };
+  std::optional<Content> readAll();
+
   // Puts one member into the embedded document `documentName` without touching its other members,
   // read and written under one hold of the mutex. True when the file holds it. The way to change
   // the service's own document: an older copy of the whole would undo what others wrote in between.

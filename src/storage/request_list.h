@@ -8,10 +8,9 @@
 // The rules of a stored list of subscription requests: the text of a JSON array whose elements are
 // the clients' objects. An empty text is an empty list.
 //
-// An object's text is compact: its tokens as the client spelled them, without the white space
-// between them. Every operation throws winrt::hresult_error with Json::kInvalidJsonString when the
-// list is no JSON array, so that a list that cannot be read is never written over; time and memory
-// are linear in the list.
+// An object's text is compact JSON, each value in the writer's one spelling. Every operation throws
+// winrt::hresult_error with Json::kInvalidJsonString when the list is no JSON array, so that a list
+// that cannot be read is never written over; time and memory are linear in the list.
 namespace Vx::Tessel::Server::Storage {
 
 // What two requests are compared by: the object's text without the "delayDeliverySec" of its

@@ -1,0 +1,35 @@
+// The subcommands for the pinned keys and the decisions that rest on them.
+#include "host/vxhost/commands.h"
+#include "host/vxhost/text.h"
+#include "launch/qubo_facade.h"
+#include "platform/hresult_error.h"
+#include "security/file_trust.h"
+
+namespace Vx::Host {
+
+int Trust(const Options& options, Console& console) {
+  const auto keys =
+      options.general ? Tessel::Security::GeneralKeys() : Tessel::Security::RestrictedKeys();
+  const auto trust = Tessel::Security::JudgeFile(FullPath(options.file), keys);
+  for (const auto& step : Tessel::Security::Explain(trust, keys)) {
+    console.Line((step.passed ? "  yes  " : "  NO   ") + Utf8(step.text));
+  }
+  return trust.trusted ? kDone : kNotMet;
+}
+
+int Pin(const Options& options, Console& console) {
+  const auto keys = Tessel::Security::PublicKeysOf(FullPath(options.file));
+  for (const std::string& key : keys) console.Line(key);
+  if (!keys.empty()) return kDone;
+  console.Failure("the file has no signature that Windows can read");
+  return kNotMet;
+}
+
+int ExplainResume(const Options& /*options*/, Console& console) {
+  using Tessel::Server::Services::Orvane::Qubo::Explain;
+  using Tessel::Server::Services::Orvane::Qubo::QuboFacade;
+  for (const std::wstring& line : Explain(QuboFacade().ExplainResume())) console.Line(Utf8(line));
+  return kDone;
+}
+
+}  // namespace Vx::Host
