@@ -12,70 +12,54 @@ namespace {
 
 constexpr char kMisuse[] = "JSON value used as another type";
 
-constexpr std::wstring_view kNumberCharacters = L"+-.0123456789Ee";
-
-template <typename Unit>
-bool IsUtf16Unit(Unit unit) {
-  if constexpr (sizeof(Unit) > 2) return unit <= 0xFFFF;
-  return true;
-}
-
-// The characters of a text that need not end with NUL. Past the end it gives NUL for ever.
-class ViewStream {
+// Whether a text can be given to rapidjson. Refused here, outside what its grammar refuses:
+// surrogates that are not in pairs, units that are no UTF-16 (where they are wider), and a number
+// with an exponent so long that rapidjson's arithmetic on it overflows, and with it an index into
+// its tables.
+class TextCheck {
  public:
-  using Ch = wchar_t;
+  explicit TextCheck(std::wstring_view checked) : text(checked) {}
 
-  explicit ViewStream(std::wstring_view text)
-      : begin(text.data()), cursor(begin), end(begin + text.size()) {}
-
-  // Where a unit is wider than 16 bits, one that is no UTF-16 is NUL too, and so refused.
-  wchar_t Peek() const {
-    if (cursor == end) return L'\0';
-    return IsUtf16Unit(*cursor) ? *cursor : L'\0';
+  bool Passes() {
+    bool inString = false;
+    for (at = 0; at < text.size(); ++at) {
+      const auto unit = static_cast<std::uint32_t>(text[at]);
+      if (unit == L'"') {
+        inString = !inString;
+      } else if (unit >= 0xD800) {
+        if (!PassesHighUnit(unit)) return false;
+      } else if (inString) {
+        if (unit == L'\\')
+          ++at;  // what is escaped is no quote; a surrogate here is an error anyway
+      } else if ((unit == L'e' || unit == L'E') && HasLongExponent()) {
+        return false;
+      }
+    }
+    return true;
   }
-  wchar_t Take() {
-    const wchar_t unit = Peek();
-    if (cursor != end) ++cursor;
-    return unit;
-  }
-  std::size_t Tell() const { return static_cast<std::size_t>(cursor - begin); }
-  bool AtEnd() const { return cursor == end; }
-
-  // The number that was read last, if nothing was read since.
-  std::wstring_view NumberBefore() const {
-    const wchar_t* first = cursor;
-    while (first != begin && kNumberCharacters.find(first[-1]) != std::wstring_view::npos) --first;
-    return {first, static_cast<std::size_t>(cursor - first)};
-  }
-
-  // Of the in-place parse, which is not used.
-  wchar_t* PutBegin() { ThrowMisuse(); }
-  void Put(wchar_t) { ThrowMisuse(); }
-  std::size_t PutEnd(wchar_t*) { ThrowMisuse(); }
 
  private:
-  const wchar_t* begin;
-  const wchar_t* cursor;
-  const wchar_t* end;
+  bool PassesHighUnit(std::uint32_t unit) {
+    if (unit > 0xDFFF) return unit <= 0xFFFF;
+    if (unit > 0xDBFF || at + 1 == text.size()) return false;
+    const auto trail = static_cast<std::uint32_t>(text[++at]);
+    return trail >= 0xDC00 && trail <= 0xDFFF;
+  }
+
+  bool HasLongExponent() const {
+    constexpr std::size_t kLongest = 8;  // digits
+    const std::size_t digits = text.find_first_not_of(L"+-", at + 1);
+    if (digits == std::wstring_view::npos) return false;
+    const std::size_t end = std::min(text.find_first_not_of(L"0123456789", digits), text.size());
+    return end - digits > kLongest;
+  }
+
+  std::wstring_view text;
+  std::size_t at = 0;
 };
 
-// Whether a number of the text has an exponent so long that rapidjson's arithmetic on it overflows,
-// and with it an index into its tables. Strings are passed over.
-bool HasOverlongExponent(std::wstring_view text) {
-  constexpr std::size_t kLongestExponent = 8;  // digits
-  for (std::size_t i = 0; i < text.size(); ++i) {
-    if (text[i] == L'"') {
-      for (++i; i < text.size() && text[i] != L'"'; ++i) {
-        if (text[i] == L'\\') ++i;
-      }
-    } else if (text[i] == L'e' || text[i] == L'E') {
-      const std::size_t digits = text.find_first_not_of(L"+-", i + 1);
-      const std::size_t end = std::min(text.find_first_not_of(L"0123456789", digits), text.size());
-      if (digits < text.size() && end - digits > kLongestExponent) return true;
-    }
-  }
-  return false;
-}
+// A parse in place: strings are unescaped where they stand, so that they need no second copy.
+using Stream = rapidjson::GenericInsituStringStream<WideEncoding>;
 
 // The double nearest to a number that rapidjson took for `approximation`; empty when it is beyond
 // all doubles. rapidjson's own conversions are off by some units in the last place, so that a
@@ -97,7 +81,7 @@ class DocumentBuilder {
  public:
   using Size = rapidjson::SizeType;
 
-  DocumentBuilder(WideDocument& target, const ViewStream& source, std::size_t limit)
+  DocumentBuilder(WideDocument& target, const Stream& source, std::size_t limit)
       : document(target), stream(source), levelsLeft(limit) {}
 
   bool Null() { return document.Null(); }
@@ -107,7 +91,7 @@ class DocumentBuilder {
   bool Int64(std::int64_t value) { return document.Int64(value); }
   bool Uint64(std::uint64_t value) { return document.Uint64(value); }
   bool Double(double approximation) {
-    const std::optional<double> exact = NearestDouble(stream.NumberBefore(), approximation);
+    const std::optional<double> exact = NearestDouble(NumberHere(), approximation);
     return exact && document.Double(*exact);
   }
   bool RawNumber(const wchar_t*, Size, bool) { ThrowMisuse(); }  // only where it is asked for
@@ -131,13 +115,21 @@ class DocumentBuilder {
     return true;
   }
 
+  // The reader works on a copy of its stream and hands it back after the event: until then the
+  // number begins where the stream stands.
+  std::wstring_view NumberHere() const {
+    const std::wstring_view characters = L"+-.0123456789Ee";
+    const wchar_t* end = stream.src_;
+    while (*end != L'\0' && characters.find(*end) != std::wstring_view::npos) ++end;
+    return {stream.src_, static_cast<std::size_t>(end - stream.src_)};
+  }
+
   WideDocument& document;
-  const ViewStream& stream;
+  const Stream& stream;
   std::size_t levelsLeft;
 };
 
-constexpr unsigned kParseFlags =
-    rapidjson::kParseIterativeFlag | rapidjson::kParseValidateEncodingFlag;
+constexpr unsigned kParseFlags = rapidjson::kParseIterativeFlag | rapidjson::kParseInsituFlag;
 
 constexpr std::size_t kReaderStack = 1024;  // bytes; fits ScratchMemory's own block
 
@@ -173,16 +165,20 @@ void ScratchMemory::Free(void* block) {
 
 bool ParseJson(WideDocument& document, std::wstring_view text, std::size_t nestingLimit) {
   document.SetNull();
-  if (text.size() > kMaxTextLength || HasOverlongExponent(text)) return false;
+  if (text.size() > kMaxTextLength || !TextCheck(text).Passes()) return false;
+  auto* own =
+      static_cast<wchar_t*>(document.GetAllocator().Malloc((text.size() + 1) * sizeof(wchar_t)));
+  *std::copy(text.begin(), text.end(), own) = L'\0';
+  Stream stream(own);
   ScratchMemory scratch;
   rapidjson::GenericReader<WideEncoding, WideEncoding, ScratchMemory> reader(&scratch,
                                                                              kReaderStack);
-  ViewStream stream(text);
   bool valid = false;
   auto generator = [&](WideDocument& target) {
     DocumentBuilder builder(target, stream, nestingLimit);
     // A NUL among the characters looks like the end to the reader.
-    valid = !reader.template Parse<kParseFlags>(stream, builder).IsError() && stream.AtEnd();
+    valid = !reader.template Parse<kParseFlags>(stream, builder).IsError() &&
+            stream.Tell() == text.size();
     return valid;
   };
   try {

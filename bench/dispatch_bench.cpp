@@ -1,0 +1,169 @@
+// ExecuteCommand of the real module against a plain user of rapidjson that parses the same request,
+// builds and writes the same answer and copies it to a C block. Nothing of the module is linked, so
+// that both sides have rapidjson in their own configuration.
+//
+// Usage: dispatch_bench MODULE [--brief] [--json FILE]
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <stdexcept>
+#include <string>
+
+#include <windows.h>
+
+#include <rapidjson/document.h>
+#include <rapidjson/stringbuffer.h>
+#include <rapidjson/writer.h>
+
+#include "bench/ratio_table.h"
+#include "host/vx_service.h"
+
+namespace {
+
+using namespace Vx::Bench;
+using Vx::Tessel::Server::Services::ClientContext;
+using Vx::Tessel::Server::Services::CreateServiceFunction;
+using Vx::Tessel::Server::Services::VxService;
+
+using Encoding = rapidjson::UTF16<wchar_t>;
+using Document = rapidjson::GenericDocument<Encoding>;
+using Value = Document::ValueType;
+
+constexpr std::uint32_t kVersion = 22;
+constexpr std::uint32_t kNoSuchCommand = 99;
+
+// A service of the module, and a caller.
+class Service {
+ public:
+  explicit Service(const wchar_t* path)
+      : library(LoadLibraryExW(path, nullptr, LOAD_LIBRARY_SEARCH_SYSTEM32)) {
+    if (library == nullptr) throw std::runtime_error("cannot load the module");
+    const auto create = reinterpret_cast<CreateServiceFunction>(
+        reinterpret_cast<void*>(GetProcAddress(library, "VxCreateService")));
+    service = create == nullptr ? nullptr : create();
+    if (service == nullptr) throw std::runtime_error("the module gives no service");
+    service->CreateClientContext(L"bench", &context);
+  }
+  Service(const Service&) = delete;
+  Service& operator=(const Service&) = delete;
+  ~Service() {
+    service->ReleaseClientContext(&context);
+    service->Destroy(1);
+    FreeLibrary(library);
+  }
+
+  void Run(std::uint32_t id, const std::wstring& request, std::uint32_t expected) {
+    wchar_t* response = nullptr;
+    if (service->ExecuteCommand(context, id, request.c_str(), &response, nullptr) != expected) {
+      std::abort();
+    }
+    service->FreeResponse(response);
+  }
+
+ private:
+  HMODULE library;
+  VxService* service = nullptr;
+  ClientContext* context = nullptr;
+};
+
+// What a plain user does for the same command.
+void Plain(const std::wstring& request, const wchar_t* version) {
+  Document document;
+  if (document.Parse(request.c_str()).HasParseError()) std::abort();
+  Document answer;
+  answer.SetObject();
+  if (version != nullptr) {
+    Value result(rapidjson::kObjectType);
+    result.AddMember(L"getVersion", Value(version, answer.GetAllocator()), answer.GetAllocator());
+    answer.AddMember(L"result", result, answer.GetAllocator());
+  }
+  rapidjson::GenericStringBuffer<Encoding> buffer;
+  rapidjson::Writer<rapidjson::GenericStringBuffer<Encoding>, Encoding, Encoding> writer(buffer);
+  answer.Accept(writer);
+  const std::size_t bytes = buffer.GetSize() + sizeof(wchar_t);
+  void* copy = std::malloc(bytes);
+  std::memcpy(copy, buffer.GetString(), bytes);
+  Keep(copy);
+  std::free(copy);
+}
+
+std::wstring Padded(std::wstring open, std::size_t length) {
+  open.append(length - open.size() - 2, L'x');
+  return open + L"\"}";
+}
+
+void Measure(Service& service, RatioTable& table) {
+  const struct {
+    const char* name;
+    std::wstring request;
+    double goal;
+    std::size_t perTurn;
+  } kSizes[] = {
+      {"id 22, request of 150 characters", Padded(L"{\"a\":1,\"text\":\"", 150), 0.60, 200},
+      {"id 22, 2 KiB", Padded(L"{\"a\":1,\"text\":\"", 2048), 0.85, 50},
+      {"id 22, 20 KiB", Padded(L"{\"a\":1,\"text\":\"", 20480), 0.85, 10},
+  };
+  for (const auto& size : kSizes) {
+    table.Compare(
+        size.name, "plain rapidjson", size.goal, size.perTurn,
+        [&] { service.Run(kVersion, size.request, 0); },
+        [&] { Plain(size.request, L"1.73.4044.0"); });
+  }
+  // An id without a handler costs what parse, dispatch and answer cost, whatever the handler does.
+  const struct {
+    const char* name;
+    std::wstring request;
+  } kRequests[] = {
+      {"parse, dispatch, answer: id 9's request, 150",
+       Padded(L"{\"powerEventType\":7,\"eventAction\":1,\"x\":{\"path\":\"C:\\\\t.exe\"},\"y\":\"",
+              150)},
+      {"parse, dispatch, answer: id 17's request, 150", Padded(L"{\"parameter\":\"", 150)},
+      {"parse, dispatch, answer: id 20's request, 2", L"{}"},
+  };
+  for (const auto& c : kRequests) {
+    table.Compare(
+        c.name, "plain rapidjson", 0.60, 200,
+        [&] { service.Run(kNoSuchCommand, c.request, 0x20000001); },
+        [&] { Plain(c.request, nullptr); });
+  }
+}
+
+std::wstring FullPath(const char* narrow) {
+  wchar_t full[MAX_PATH * 4];
+  const std::wstring path(narrow, narrow + std::strlen(narrow));  // a path of the build tree: ASCII
+  const DWORD length = GetFullPathNameW(path.c_str(), MAX_PATH * 4, full, nullptr);
+  return {full, length};
+}
+
+void MeasureLoading(const std::wstring& module, RatioTable& table) {
+  LARGE_INTEGER frequency;
+  LARGE_INTEGER begin;
+  LARGE_INTEGER end;
+  QueryPerformanceFrequency(&frequency);
+  QueryPerformanceCounter(&begin);
+  { const Service service(module.c_str()); }
+  QueryPerformanceCounter(&end);
+  table.Report("load, create, destroy, unload",
+               static_cast<double>(end.QuadPart - begin.QuadPart) * 1e6 /
+                   static_cast<double>(frequency.QuadPart),
+               "us");
+  WIN32_FILE_ATTRIBUTE_DATA data{};
+  GetFileAttributesExW(module.c_str(), GetFileExInfoStandard, &data);
+  table.Report("size of the module", static_cast<double>(data.nFileSizeLow) / 1024, "KiB");
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (argc < 2) {
+    std::fprintf(stderr, "usage: dispatch_bench MODULE [--brief] [--json FILE]\n");
+    return 2;
+  }
+  const std::wstring module = FullPath(argv[1]);
+  argv[1] = argv[0];
+  return RunBenchmarks(argc - 1, argv + 1, [&](RatioTable& table, Effort) {
+    MeasureLoading(module, table);
+    Service service(module.c_str());
+    Measure(service, table);
+  });
+}
