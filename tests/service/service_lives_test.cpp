@@ -16,7 +16,6 @@
 #include <gmock/gmock.h>
 
 #include "events/fake_app_services.h"
-#include "launch/fake_console.h"
 #include "platform/machine.h"
 #include "platform/registry.h"
 #include "platform/system_services.h"
@@ -25,6 +24,7 @@
 #include "simulator/simulated_firmware.h"
 #include "simulator/virtual_clock.h"
 #include "storage/cap_data_store.h"
+#include "support/fake_console.h"
 
 namespace Vx::Tests {
 namespace {
