@@ -27,8 +27,7 @@ BsonDocument Again(const BsonDocument& document) {
 // Asks every value for every kind, two levels deep, and builds the document anew from its members.
 void Walk(const BsonDocument& document, int levels) {
   BsonDocument rebuilt;
-  for (std::size_t i = 0; i < document.Size(); ++i) {
-    const BsonDocument::Member member = document.At(i);
+  for (const BsonDocument::Member& member : document) {
     const BsonElement element(member.value);
     Check(element.AsText().has_value() == (element.Kind() == BsonKind::String), "texts are texts");
     Check(element.AsInt32().has_value() == (element.Kind() == BsonKind::Int32), "int32");
@@ -52,15 +51,16 @@ void Walk(const BsonDocument& document, int levels) {
 void Change(const BsonDocument& document) {
   BsonDocument changed = document;
   if (document.Empty()) return;
-  const std::string key(document.At(document.Size() / 2).key);
+  BsonDocument::Iterator middle = document.begin();
+  for (std::size_t i = document.Size() / 2; i > 0; --i) ++middle;
+  const std::string key((*middle).key);
   Check(changed.Set(key, BsonElement::Text(L"another value")), "a key can be set");
   Check(Again(changed).Find(key)->AsText() == "another value", "what was set is found");
   changed.Erase(key);
   Check(!Again(changed).Find(key), "what was erased is gone");
 
   BsonDocument rest;
-  for (std::size_t i = 0; i < document.Size(); ++i) {
-    const BsonDocument::Member member = document.At(i);
+  for (const BsonDocument::Member& member : document) {
     if (member.key != key) rest.Append(member.key, BsonElement(member.value));
   }
   Check(changed == rest, "other members stay byte for byte");

@@ -69,16 +69,19 @@ Sequence Multibyte(std::string_view text) {
   return {valid ? length : 0, point};
 }
 
-// How many bytes at the front of `text` are plain ASCII, at least up to the last whole word of it.
-std::size_t AsciiPrefix(std::string_view text) {
-  std::size_t at = 0;
+// `text` without the plain ASCII at its front.
+std::string_view AfterAscii(std::string_view text) {
+  constexpr std::uint64_t kHighBits = 0x8080808080808080U;
+  const char* at = text.data();
+  const char* const end = at + text.size();
   std::uint64_t word = 0;
-  while (text.size() - at >= sizeof word) {
-    std::memcpy(&word, text.data() + at, sizeof word);
-    if ((word & 0x8080808080808080U) != 0) break;
+  while (static_cast<std::size_t>(end - at) >= sizeof word) {
+    std::memcpy(&word, at, sizeof word);
+    if ((word & kHighBits) != 0) break;
     at += sizeof word;
   }
-  return at;
+  while (at != end && static_cast<std::uint8_t>(*at) < 0x80) ++at;
+  return {at, static_cast<std::size_t>(end - at)};
 }
 
 }  // namespace
@@ -117,8 +120,7 @@ std::wstring ToWide(std::string_view text) {
 
 bool IsUtf8(std::string_view text) noexcept {
   for (;;) {
-    text.remove_prefix(AsciiPrefix(text));
-    while (!text.empty() && static_cast<std::uint8_t>(text.front()) < 0x80) text.remove_prefix(1);
+    text = AfterAscii(text);
     if (text.empty()) return true;
     // Text that is not ASCII seldom goes back to it for long: stay while it lasts.
     while (!text.empty() && static_cast<std::uint8_t>(text.front()) >= 0x80) {

@@ -1,10 +1,10 @@
 #include "storage/bson_document.h"
 
 #include <algorithm>
-#include <array>
 #include <bit>
 #include <cstring>
 #include <limits>
+#include <new>
 
 #include "json/utf8.h"
 
@@ -18,7 +18,9 @@ constexpr std::size_t kLengthSize = 4;     // the length at the front of documen
 constexpr std::size_t kEmptyDocument = 5;  // the length and the terminator
 constexpr std::size_t kMaxDocument = std::numeric_limits<std::int32_t>::max();
 constexpr std::size_t kBinaryHead = 5;  // the length and the subtype
-constexpr std::byte kOldBinary{2};      // the subtype that repeats the length inside
+constexpr std::byte kGenericBinary{0};
+constexpr std::byte kOldBinary{2};  // the subtype that repeats the length inside
+constexpr std::size_t kObjectIdSize = 12;
 constexpr std::uint64_t kLowBits = 0x0101010101010101U;
 constexpr std::uint64_t kHighBits = 0x8080808080808080U;
 
@@ -30,8 +32,8 @@ T Load(const std::byte* at) {
 }
 
 template <typename T>
-std::array<std::byte, sizeof(T)> BytesOf(T value) {
-  return std::bit_cast<std::array<std::byte, sizeof(T)>>(value);
+void Store(std::byte* at, T value) {
+  std::memcpy(at, &value, sizeof value);
 }
 
 template <typename T>
@@ -42,8 +44,9 @@ std::optional<T> Fixed(BsonKind kind, BsonKind wanted, std::span<const std::byte
 
 template <typename T>
 std::vector<std::byte> Owned(T value) {
-  const auto bytes = BytesOf(value);
-  return {bytes.begin(), bytes.end()};
+  std::vector<std::byte> bytes(sizeof value);
+  Store(bytes.data(), value);
+  return bytes;
 }
 
 std::string_view Chars(const std::byte* begin, std::size_t size) {
@@ -54,8 +57,91 @@ std::span<const std::byte> AsBytes(std::string_view text) {
   return std::as_bytes(std::span(text));
 }
 
+// Eight bytes of which the lowest that is zero, if any, has its top bit set in the answer.
+std::uint64_t ZeroBytes(std::uint64_t word) {
+  return (word - kLowBits) & ~word & kHighBits;
+}
+
+// Copies `text` and answers whether it is plain ASCII without U+0000, as most keys are.
+bool CopyPlain(std::string_view text, std::byte* out) {
+  const auto odd = [](std::uint64_t word) { return ZeroBytes(word) | (word & kHighBits); };
+  constexpr std::size_t kWord = sizeof(std::uint64_t);
+  constexpr std::size_t kHalf = sizeof(std::uint32_t);
+  const auto* const in = reinterpret_cast<const std::byte*>(text.data());
+  const std::size_t size = text.size();
+  std::uint64_t found = 0;
+  if (size >= kWord) {
+    // The last word overlaps the one before it.
+    for (std::size_t i = 0;; i += kWord) {
+      const std::size_t at = std::min(i, size - kWord);
+      const auto word = Load<std::uint64_t>(in + at);
+      Store(out + at, word);
+      found |= odd(word);
+      if (at + kWord == size) return found == 0;
+    }
+  }
+  if (size >= kHalf) {
+    const auto first = Load<std::uint32_t>(in);
+    const auto last = Load<std::uint32_t>(in + size - kHalf);
+    Store(out, first);
+    Store(out + size - kHalf, last);
+    return odd(std::uint64_t{last} << 32U | first) == 0;
+  }
+  for (std::size_t i = 0; i < size; ++i) {
+    out[i] = in[i];
+    found |= static_cast<std::uint64_t>(in[i] == std::byte{0} || in[i] >= std::byte{0x80});
+  }
+  return found == 0;
+}
+
 bool CanBeKey(std::string_view key) {
   return key.find('\0') == std::string_view::npos && Json::IsUtf8(key);
+}
+
+// The rest walks an encoding that has been checked.
+
+constexpr BsonKind kTerminator{0};
+
+const std::byte* AfterCString(const std::byte* at) {
+  return at + std::strlen(reinterpret_cast<const char*>(at)) + 1;
+}
+
+std::size_t ValueSize(BsonKind kind, const std::byte* value) {
+  switch (kind) {
+    case BsonKind::Undefined:
+    case BsonKind::Null:
+    case BsonKind::MaxKey:
+    case BsonKind::MinKey:
+      return 0;
+    case BsonKind::Boolean:
+      return 1;
+    case BsonKind::Int32:
+      return 4;
+    case BsonKind::Double:
+    case BsonKind::DateTime:
+    case BsonKind::Timestamp:
+    case BsonKind::Int64:
+      return 8;
+    case BsonKind::ObjectId:
+      return kObjectIdSize;
+    case BsonKind::Decimal128:
+      return 16;
+    case BsonKind::String:
+    case BsonKind::Code:
+    case BsonKind::Symbol:
+      return kLengthSize + Load<std::uint32_t>(value);
+    case BsonKind::Pointer:
+      return kLengthSize + Load<std::uint32_t>(value) + kObjectIdSize;
+    case BsonKind::Binary:
+      return kBinaryHead + Load<std::uint32_t>(value);
+    case BsonKind::Document:
+    case BsonKind::Array:
+    case BsonKind::CodeWithScope:
+      return Load<std::uint32_t>(value);
+    case BsonKind::RegularExpression:
+      return static_cast<std::size_t>(AfterCString(AfterCString(value)) - value);
+  }
+  return 0;
 }
 
 }  // namespace
@@ -96,7 +182,7 @@ std::optional<std::span<const std::byte>> BsonView::AsBinary() const {
 
 std::optional<BsonDocument> BsonView::AsDocument() const {
   if (kind != BsonKind::Document) return std::nullopt;
-  return BsonDocument::Decode({bytes.begin(), bytes.end()});
+  return BsonDocument(bytes);
 }
 
 bool BsonView::operator==(const BsonView& other) const {
@@ -149,13 +235,12 @@ std::optional<BsonDocument> BsonElement::AsDocument() const {
   return View().AsDocument();
 }
 
-// Walks an encoding once from front to back and believes nothing before it is checked. What a
-// container holds lies in the same bytes, so its end is all that is kept while its content is
-// walked.
+// Checks an encoding once from front to back and believes nothing before. What a container holds
+// lies in the same bytes, so its end is all that is kept while its content is walked.
 class BsonDocument::Decoder {
  public:
-  Decoder(const std::vector<std::byte>& encoded, std::vector<Record>& index)
-      : base(encoded.data()), size(encoded.size()), records(index) {}
+  explicit Decoder(std::span<const std::byte> encoded)
+      : base(encoded.data()), size(encoded.size()) {}
 
   bool Run() {
     if (size > kMaxDocument || !OpenDocument(size) || end != size) return false;
@@ -166,7 +251,6 @@ class BsonDocument::Decoder {
         if (outer.empty()) return true;
         end = outer.back();
         outer.pop_back();
-        if (outer.empty()) records.back().end = static_cast<std::uint32_t>(at);
       } else if (!Member()) {
         return false;
       }
@@ -188,16 +272,8 @@ class BsonDocument::Decoder {
   }
 
   bool Member() {
-    const std::size_t begin = at;
     const auto kind = static_cast<BsonKind>(base[at++]);
-    if (!SkipKey()) return false;
-    if (outer.empty()) {
-      records.push_back({static_cast<std::uint32_t>(begin), static_cast<std::uint32_t>(at), 0});
-    }
-    const bool nested = !outer.empty();
-    if (!Value(kind)) return false;
-    if (!nested) records.back().end = static_cast<std::uint32_t>(at);
-    return true;
+    return SkipKey() && Value(kind);
   }
 
   bool Value(BsonKind kind) {
@@ -290,7 +366,7 @@ class BsonDocument::Decoder {
   bool SkipKey() {
     if (Left() >= sizeof(std::uint64_t)) {
       const auto word = Load<std::uint64_t>(base + at);
-      const std::uint64_t zeros = (word - kLowBits) & ~word & kHighBits;
+      const std::uint64_t zeros = ZeroBytes(word);
       const std::uint64_t upToZero = zeros ^ (zeros - 1);
       if (zeros != 0 && (word & kHighBits & upToZero) == 0) {
         at += static_cast<std::size_t>(std::countr_zero(zeros)) / 8 + 1;
@@ -313,168 +389,209 @@ class BsonDocument::Decoder {
     return end == begin + length;
   }
 
-  static constexpr std::size_t kObjectIdSize = 12;
-
   const std::byte* base;
   std::size_t size;
-  std::vector<Record>& records;
   std::size_t at = 0;
   std::size_t end = 0;             // of the document that `at` is in
   std::vector<std::size_t> outer;  // the ends of the documents around it
 };
 
-BsonDocument::BsonDocument() : bytes(Owned(static_cast<std::uint32_t>(kEmptyDocument))) {
-  bytes.push_back(std::byte{0});
+BsonDocument::Iterator::Iterator(const std::byte* member) : place{member, member, member} {
+  const auto kind = static_cast<BsonKind>(*member);
+  if (kind == kTerminator) return;
+  place.value = AfterCString(member + 1);
+  place.end = place.value + ValueSize(kind, place.value);
 }
 
-std::optional<BsonDocument> BsonDocument::Decode(std::vector<std::byte> encoded) {
-  std::optional<BsonDocument> document(std::in_place);
-  if (!Decoder(encoded, document->records).Run()) return std::nullopt;
-  document->bytes = std::move(encoded);
-  return document;
+BsonDocument::Member BsonDocument::Iterator::operator*() const {
+  const std::byte* const key = place.begin + 1;
+  return {Chars(key, static_cast<std::size_t>(place.value - key) - 1),
+          {static_cast<BsonKind>(*place.begin), {place.value, place.end}}};
 }
 
-BsonDocument::Member BsonDocument::At(std::size_t index) const {
-  const Record& record = records[index];
-  const std::byte* const base = bytes.data();
-  return {Chars(base + record.begin + 1, record.value - record.begin - 2),
-          {static_cast<BsonKind>(base[record.begin]),
-           {base + record.value, static_cast<std::size_t>(record.end - record.value)}}};
+BsonDocument::Iterator& BsonDocument::Iterator::operator++() {
+  return *this = Iterator(place.end);
 }
 
-std::size_t BsonDocument::IndexOf(std::string_view key, std::size_t from) const {
-  for (std::size_t i = from; i < records.size(); ++i) {
-    if (At(i).key == key) return i;
-  }
-  return records.size();
+BsonDocument::BsonDocument() {
+  Reserve(kEmptyDocument);
+  bytes.get()[kLengthSize] = std::byte{0};
+  SetUsed(kEmptyDocument);
+}
+
+BsonDocument::BsonDocument(std::span<const std::byte> checked) {
+  Reserve(checked.size());
+  std::ranges::copy(checked, bytes.get());
+  used = checked.size();
+}
+
+std::optional<BsonDocument> BsonDocument::Decode(std::span<const std::byte> encoded) {
+  if (!Decoder(encoded).Run()) return std::nullopt;
+  return BsonDocument(encoded);
+}
+
+BsonDocument::Iterator BsonDocument::begin() const {
+  return Iterator(bytes.get() + kLengthSize);
+}
+
+BsonDocument::Iterator BsonDocument::end() const {
+  return Iterator(bytes.get() + used - 1);
+}
+
+std::size_t BsonDocument::Size() const {
+  std::size_t count = 0;
+  for (Iterator i = begin(); !(i == end()); ++i) ++count;
+  return count;
+}
+
+BsonDocument::Iterator BsonDocument::FirstOf(std::string_view key, Iterator from) const {
+  while (!(from == end()) && (*from).key != key) ++from;
+  return from;
 }
 
 std::optional<BsonView> BsonDocument::Find(std::string_view key) const {
-  const std::size_t index = IndexOf(key, 0);
-  if (index == records.size()) return std::nullopt;
-  return At(index).value;
+  const Iterator found = FirstOf(key, begin());
+  if (found == end()) return std::nullopt;
+  return (*found).value;
 }
 
 bool BsonDocument::Set(std::string_view key, const BsonElement& value) {
-  const std::size_t index = IndexOf(key, 0);
-  if (index == records.size()) return Append(key, value);
-  const std::size_t oldSize = At(index).value.Bytes().size();
-  if (bytes.size() - oldSize + value.View().Bytes().size() > kMaxDocument) return false;
-  for (std::size_t i = records.size(); i-- > index + 1;) {
-    if (At(i).key == At(index).key) Remove(i);
+  const std::string name(key);  // `key` may lie in this document
+  const Iterator found = FirstOf(name, begin());
+  if (found == end()) return Append(name, value);
+  const std::span<const std::byte> oldBytes = (*found).value.Bytes();
+  const std::span<const std::byte> newBytes = value.View().Bytes();
+  if (used - oldBytes.size() + newBytes.size() > kMaxDocument) return false;
+
+  const auto at = static_cast<std::size_t>(found.place.begin - bytes.get());
+  bytes.get()[at] = static_cast<std::byte>(value.Kind());
+  Splice(oldBytes, newBytes);
+  for (;;) {
+    const Iterator other = FirstOf(name, Iterator(Iterator(bytes.get() + at).place.end));
+    if (other == end()) return true;
+    Splice({other.place.begin, other.place.end}, {});
   }
-  Replace(index, value.View());
-  return true;
 }
 
 void BsonDocument::Erase(std::string_view key) {
   const std::string name(key);  // `key` may lie in this document
-  for (std::size_t i = IndexOf(name, 0); i < records.size(); i = IndexOf(name, i)) Remove(i);
+  std::size_t at = kLengthSize;
+  for (;;) {
+    const Iterator found = FirstOf(name, Iterator(bytes.get() + at));
+    if (found == end()) return;
+    at = static_cast<std::size_t>(found.place.begin - bytes.get());
+    Splice({found.place.begin, found.place.end}, {});
+  }
 }
 
-void BsonDocument::Remove(std::size_t index) {
-  const Record gone = records[index];
-  bytes.erase(bytes.begin() + gone.begin, bytes.begin() + gone.end);
-  records.erase(records.begin() + static_cast<std::ptrdiff_t>(index));
-  for (std::size_t i = index; i < records.size(); ++i) {
-    records[i].begin -= gone.end - gone.begin;
-    records[i].value -= gone.end - gone.begin;
-    records[i].end -= gone.end - gone.begin;
-  }
-  StoreLength();
+void BsonDocument::Splice(std::span<const std::byte> part, std::span<const std::byte> replacement) {
+  const auto at = static_cast<std::size_t>(part.data() - bytes.get());
+  const std::size_t rest = at + part.size();
+  const std::size_t size = used - part.size() + replacement.size();
+  Reserve(size);
+  std::memmove(bytes.get() + at + replacement.size(), bytes.get() + rest, used - rest);
+  std::ranges::copy(replacement, bytes.get() + at);
+  SetUsed(size);
 }
 
-void BsonDocument::Replace(std::size_t index, const BsonView& value) {
-  Record& record = records[index];
-  const std::uint32_t oldSize = record.end - record.value;
-  const auto newSize = static_cast<std::uint32_t>(value.Bytes().size());
-  bytes[record.begin] = static_cast<std::byte>(value.Kind());
-  if (newSize < oldSize) {
-    bytes.erase(bytes.begin() + record.value + newSize, bytes.begin() + record.end);
-  } else {
-    bytes.insert(bytes.begin() + record.end, newSize - oldSize, std::byte{0});
-  }
-  std::ranges::copy(value.Bytes(), bytes.begin() + record.value);
-  const std::uint32_t shift = newSize - oldSize;  // wraps around when it shrinks, as do the sums
-  record.end += shift;
-  for (std::size_t i = index + 1; i < records.size(); ++i) {
-    records[i].begin += shift;
-    records[i].value += shift;
-    records[i].end += shift;
-  }
-  StoreLength();
+void BsonDocument::Reserve(std::size_t size) {
+  constexpr std::size_t kLeastRoom = 128;
+  if (size <= room) return;
+  const std::size_t wanted = std::max({size, 2 * room, kLeastRoom});
+  void* const grown = std::realloc(bytes.get(), wanted);
+  if (grown == nullptr) throw std::bad_alloc();
+  static_cast<void>(bytes.release());
+  bytes.reset(static_cast<std::byte*>(grown));
+  room = wanted;
 }
 
-void BsonDocument::StoreLength() {
-  const auto length = BytesOf(static_cast<std::uint32_t>(bytes.size()));
-  std::ranges::copy(length, bytes.begin());
+void BsonDocument::SetUsed(std::size_t size) {
+  used = size;
+  Store(bytes.get(), static_cast<std::uint32_t>(size));
 }
 
-bool BsonDocument::AppendRaw(std::string_view key, BsonKind kind, std::span<const std::byte> head,
-                             std::span<const std::byte> tail, std::size_t zeros) {
-  const std::size_t valueSize = head.size() + tail.size() + zeros;
-  if (!CanBeKey(key) || valueSize > kMaxDocument || key.size() > kMaxDocument ||
-      bytes.size() + key.size() + 2 + valueSize > kMaxDocument) {
-    return false;
-  }
-  const std::size_t begin = bytes.size() - 1;
-  const std::size_t value = begin + key.size() + 2;
-  // Zeros where nothing is copied to: behind the key, behind a text, and at the document's end.
-  bytes.resize(value + valueSize + 1);
-  bytes[begin] = static_cast<std::byte>(kind);
-  std::ranges::copy(AsBytes(key), bytes.begin() + static_cast<std::ptrdiff_t>(begin + 1));
-  std::ranges::copy(head, bytes.begin() + static_cast<std::ptrdiff_t>(value));
-  std::ranges::copy(tail, bytes.begin() + static_cast<std::ptrdiff_t>(value + head.size()));
-  records.push_back({static_cast<std::uint32_t>(begin), static_cast<std::uint32_t>(value),
-                     static_cast<std::uint32_t>(value + valueSize)});
-  StoreLength();
+std::byte* BsonDocument::Open(std::string_view key, BsonKind kind, std::size_t size) {
+  if (size > kMaxDocument || key.size() > kMaxDocument) return nullptr;
+  const std::size_t begin = used - 1;
+  const std::size_t end = begin + 1 + key.size() + 1 + size + 1;
+  if (end > kMaxDocument) return nullptr;
+  Reserve(end);
+  std::byte* const at = bytes.get() + begin;
+  if (!CopyPlain(key, at + 1) && !CanBeKey(key)) return nullptr;
+  *at = static_cast<std::byte>(kind);
+  std::byte* const value = at + 1 + key.size() + 1;
+  value[-1] = std::byte{0};
+  value[size] = std::byte{0};
+  SetUsed(end);
+  return value;
+}
+
+template <typename T>
+bool BsonDocument::AppendFixed(std::string_view key, BsonKind kind, T value) {
+  std::byte* const at = Open(key, kind, sizeof value);
+  if (at == nullptr) return false;
+  Store(at, value);
   return true;
 }
 
 bool BsonDocument::Append(std::string_view key, const BsonElement& value) {
-  return AppendRaw(key, value.Kind(), value.View().Bytes(), {}, 0);
+  const std::span<const std::byte> content = value.View().Bytes();
+  std::byte* const at = Open(key, value.Kind(), content.size());
+  if (at == nullptr) return false;
+  std::ranges::copy(content, at);
+  return true;
 }
 
 bool BsonDocument::AppendDouble(std::string_view key, double value) {
-  return AppendRaw(key, BsonKind::Double, BytesOf(value), {}, 0);
+  return AppendFixed(key, BsonKind::Double, value);
 }
 
 bool BsonDocument::AppendText(std::string_view key, std::string_view utf8) {
-  if (utf8.size() >= kMaxDocument || !Json::IsUtf8(utf8)) return false;
-  return AppendRaw(key, BsonKind::String, BytesOf(static_cast<std::uint32_t>(utf8.size() + 1)),
-                   AsBytes(utf8), 1);
+  if (utf8.size() > kMaxDocument || !Json::IsUtf8(utf8)) return false;
+  std::byte* const at = Open(key, BsonKind::String, kLengthSize + utf8.size() + 1);
+  if (at == nullptr) return false;
+  Store(at, static_cast<std::uint32_t>(utf8.size() + 1));
+  std::copy_n(AsBytes(utf8).data(), utf8.size(), at + kLengthSize);
+  at[kLengthSize + utf8.size()] = std::byte{0};
+  return true;
 }
 
 bool BsonDocument::AppendBoolean(std::string_view key, bool value) {
-  return AppendRaw(key, BsonKind::Boolean, BytesOf(static_cast<std::uint8_t>(value)), {}, 0);
+  return AppendFixed(key, BsonKind::Boolean, static_cast<std::uint8_t>(value));
 }
 
 bool BsonDocument::AppendNull(std::string_view key) {
-  return AppendRaw(key, BsonKind::Null, {}, {}, 0);
+  return Open(key, BsonKind::Null, 0) != nullptr;
 }
 
 bool BsonDocument::AppendInt32(std::string_view key, std::int32_t value) {
-  return AppendRaw(key, BsonKind::Int32, BytesOf(value), {}, 0);
+  return AppendFixed(key, BsonKind::Int32, value);
 }
 
 bool BsonDocument::AppendInt64(std::string_view key, std::int64_t value) {
-  return AppendRaw(key, BsonKind::Int64, BytesOf(value), {}, 0);
+  return AppendFixed(key, BsonKind::Int64, value);
 }
 
 bool BsonDocument::AppendBinary(std::string_view key, std::span<const std::byte> value) {
-  if (value.size() >= kMaxDocument) return false;
-  std::array<std::byte, kBinaryHead> head{};
-  std::ranges::copy(BytesOf(static_cast<std::uint32_t>(value.size())), head.begin());
-  return AppendRaw(key, BsonKind::Binary, head, value, 0);
+  if (value.size() > kMaxDocument) return false;
+  std::byte* const at = Open(key, BsonKind::Binary, kBinaryHead + value.size());
+  if (at == nullptr) return false;
+  Store(at, static_cast<std::uint32_t>(value.size()));
+  at[kLengthSize] = kGenericBinary;
+  std::ranges::copy(value, at + kBinaryHead);
+  return true;
 }
 
 bool BsonDocument::AppendDocument(std::string_view key, const BsonDocument& value) {
   if (&value == this) return AppendDocument(key, BsonDocument(value));
-  return AppendRaw(key, BsonKind::Document, value.Encoded(), {}, 0);
+  std::byte* const at = Open(key, BsonKind::Document, value.used);
+  if (at == nullptr) return false;
+  std::ranges::copy(value.Encoded(), at);
+  return true;
 }
 
 bool BsonDocument::operator==(const BsonDocument& other) const {
-  return std::ranges::equal(bytes, other.bytes);
+  return std::ranges::equal(Encoded(), other.Encoded());
 }
 
 }  // namespace Vx::Tessel::Server::Storage

@@ -2,6 +2,8 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstdlib>
+#include <memory>
 #include <optional>
 #include <span>
 #include <string>
@@ -105,8 +107,9 @@ class BsonElement {
   std::vector<std::byte> bytes;
 };
 
-// A BSON document: an ordered list of keys and values, kept in its encoding with an index of its
-// own level, so that what is not changed is never rewritten.
+// A BSON document: an ordered list of keys and values. It is kept as its encoding, which was
+// checked once when it came in, and walked where it lies: what is not changed is never rewritten,
+// and a document costs one block of memory whatever is in it.
 //
 // Keys may be repeated in a document made by others: the first counts, and the rest stay as they
 // are until Set or Erase touches that key. Copies are deep. One thread at a time.
@@ -117,23 +120,53 @@ class BsonDocument {
     BsonView value;
   };
 
+  // Walks the members in order; good until the document changes.
+  class Iterator {
+   public:
+    Member operator*() const;
+    Iterator& operator++();
+    bool operator==(const Iterator& other) const { return place.begin == other.place.begin; }
+
+   private:
+    friend class BsonDocument;
+
+    // Where a member stands: its type byte, its value and the end of it.
+    struct Place {
+      const std::byte* begin;
+      const std::byte* value;
+      const std::byte* end;
+    };
+
+    explicit Iterator(const std::byte* member);
+
+    Place place;
+  };
+
   // Empty.
   BsonDocument();
+  BsonDocument(const BsonDocument& other) : BsonDocument(other.Encoded()) {}
+  // What was moved from may only be assigned to or destroyed.
+  BsonDocument(BsonDocument&& other) noexcept = default;
+  BsonDocument& operator=(const BsonDocument& other) { return *this = BsonDocument(other); }
+  BsonDocument& operator=(BsonDocument&& other) noexcept = default;
+  ~BsonDocument() = default;
 
   // The document that `encoded` is, all of it; nothing when anything in it is broken at any level:
   // a length, a terminator, an unknown kind, a boolean other than 0 and 1, a key or string that is
   // not UTF-8. Nesting is followed without recursion, as deep as the bytes go.
-  static std::optional<BsonDocument> Decode(std::vector<std::byte> encoded);
+  static std::optional<BsonDocument> Decode(std::span<const std::byte> encoded);
 
   // The encoding, up to date; borrowed until the next change.
-  std::span<const std::byte> Encoded() const { return bytes; }
+  std::span<const std::byte> Encoded() const { return {bytes.get(), used}; }
 
-  std::size_t Size() const { return records.size(); }
-  bool Empty() const { return records.empty(); }
+  Iterator begin() const;
+  Iterator end() const;
 
-  // The member at `index`, which is less than Size().
-  Member At(std::size_t index) const;
+  // How many members there are, by counting them.
+  std::size_t Size() const;
+  bool Empty() const { return begin() == end(); }
 
+  // The first member called `key`; found by walking.
   std::optional<BsonView> Find(std::string_view key) const;
 
   // Puts `value` in the place of the member `key`, or at the end; other members of that key go.
@@ -162,23 +195,32 @@ class BsonDocument {
   friend class BsonView;
   class Decoder;
 
-  // Where a member stands in `bytes`: its type byte, its value and the end of it.
-  struct Record {
-    std::uint32_t begin;
-    std::uint32_t value;
-    std::uint32_t end;
+  // The memory is the C library's, whose realloc can grow it where it lies.
+  struct Freer {
+    void operator()(std::byte* memory) const noexcept { std::free(memory); }
   };
 
-  // Adds a member whose value is `head` and then `tail`.
-  bool AppendRaw(std::string_view key, BsonKind kind, std::span<const std::byte> head,
-                 std::span<const std::byte> tail, std::size_t zeros);
-  std::size_t IndexOf(std::string_view key, std::size_t from) const;
-  void Remove(std::size_t index);
-  void Replace(std::size_t index, const BsonView& value);
-  void StoreLength();
+  // A copy of `checked`, which is a document.
+  explicit BsonDocument(std::span<const std::byte> checked);
 
-  std::vector<std::byte> bytes;
-  std::vector<Record> records;
+  // Adds a member whose value has `size` bytes, to be filled in where the answer points; null when
+  // it cannot be added.
+  std::byte* Open(std::string_view key, BsonKind kind, std::size_t size);
+
+  template <typename T>
+  bool AppendFixed(std::string_view key, BsonKind kind, T value);
+
+  // The first member called `key` at or behind `from`.
+  Iterator FirstOf(std::string_view key, Iterator from) const;
+
+  // Puts `replacement` in the place of a part of the encoding.
+  void Splice(std::span<const std::byte> part, std::span<const std::byte> replacement);
+  void Reserve(std::size_t size);
+  void SetUsed(std::size_t size);
+
+  std::unique_ptr<std::byte, Freer> bytes;
+  std::size_t used = 0;  // bytes of the encoding
+  std::size_t room = 0;  // bytes of memory
 };
 
 }  // namespace Vx::Tessel::Server::Storage

@@ -169,8 +169,7 @@ void CapDataStore::readForChange() {
 bool CapDataStore::isStored(std::string_view key, const BsonElement& value) const {
   if (!current) return false;
   std::size_t equal = 0;
-  for (std::size_t i = 0; i < document.Size(); ++i) {
-    const BsonDocument::Member member = document.At(i);
+  for (const BsonDocument::Member& member : document) {
     if (member.key != key) continue;
     if (!(member.value == value.View())) return false;
     ++equal;

@@ -43,7 +43,7 @@ class SystemMutex {
  private:
   Platform::UniqueHandle handle;
   std::wstring name;
-  std::uint32_t reserved = 0;
+  [[maybe_unused]] std::uint32_t reserved = 0;
   bool released = true;
 };
 

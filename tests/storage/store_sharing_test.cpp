@@ -64,6 +64,7 @@ class StoreSharingTest : public testing::Test {
   template <typename Body>
   static void Together(int threads, const Body& body) {
     std::vector<std::thread> running;
+    running.reserve(static_cast<std::size_t>(threads));
     for (int i = 0; i < threads; ++i) running.emplace_back([&body, i] { body(i); });
     for (std::thread& thread : running) thread.join();
   }

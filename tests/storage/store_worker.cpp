@@ -71,9 +71,9 @@ int wmain(int count, wchar_t** arguments) {
   try {
     return Run(count, arguments) ? 0 : 1;
   } catch (const std::exception& error) {
-    std::fprintf(stderr, "%s\n", error.what());
+    static_cast<void>(std::fprintf(stderr, "%s\n", error.what()));
   } catch (const winrt::hresult_error& error) {
-    std::fprintf(stderr, "0x%x\n", static_cast<unsigned>(error.code()));
+    static_cast<void>(std::fprintf(stderr, "0x%x\n", static_cast<unsigned>(error.code())));
   }
   return 2;
 }
