@@ -137,7 +137,7 @@ TEST(BsonDocument, RefusesWhatIsBrokenAtAnyLevel) {
       {"document of negative length", "\003k\0\373\377\377\377\0"s},
       {"document without a terminator", "\003k\0\005\0\0\0\001"s},
       {"array with a broken element", "\004k\0"s + Document("\0100\0\007"sv)},
-      {"scope shorter than its length", "\017k\0\020\0\0\0\001\0\0\0\0\005\0\0\0\0\0"s},
+      {"scope shorter than its length", "\017k\0\020\0\0\0\001\0\0\0\0\005\0\0\0\0\012\0"s},
       {"scope of length 0", "\017k\0\0\0\0\0\001\0\0\0\0\005\0\0\0\0"s},
       {"scope whose code hides its document", "\017k\0\016\0\0\0\006\0\0\0\005\0\0\0\0\0"s},
   };

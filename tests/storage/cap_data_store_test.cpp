@@ -237,8 +237,11 @@ TEST_F(CapDataStoreTest, AFileBeyondItsBoundIsNotRead) {
     SetFilePointer(file.get(), 64 * 1024 * 1024 + 1, nullptr, FILE_BEGIN);
     ASSERT_TRUE(SetEndOfFile(file.get()));
   }
+  Tests::FaultyFiles files;
+  const Platform::MachineScope scope([&](Platform::Machine& machine) { machine.files = &files; });
   EXPECT_EQ(CapDataStore().readText("key"), std::nullopt);
   EXPECT_TRUE(log.Has(kReadError));
+  EXPECT_EQ(files.largestRead, std::size_t{64} * 1024 * 1024);
 }
 
 TEST_F(CapDataStoreTest, AFailedWriteDropsTheKeyFromMemory) {
@@ -281,6 +284,16 @@ TEST_F(CapDataStoreTest, RefusesAJunctionAtEveryStep) {
   EXPECT_TRUE(log.Has(kPersistWarning));
   EXPECT_EQ(ConstructionError(),
             "CapDataStore::initializeFile - Juction detected while attempting access file.");
+}
+
+// The emulator shows no link to a file, so the attribute is put on.
+TEST_F(CapDataStoreTest, WritesNothingThroughALinkToAFile) {
+  Tests::FaultyFiles files;
+  const Platform::MachineScope scope([&](Platform::Machine& machine) { machine.files = &files; });
+  CapDataStore store;
+  files.linksEverywhere = true;
+  EXPECT_FALSE(store.persist("key", L"value"));
+  EXPECT_TRUE(files.writes.empty());
 }
 
 TEST_F(CapDataStoreTest, NamesWhatKeepsItFromBeingMade) {

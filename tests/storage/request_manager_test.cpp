@@ -179,7 +179,9 @@ TEST_F(RequestManagerTest, LogsWhatTheStoreThrows) {
   RequestManager manager = Manager();
   kernel.lockFails = true;
   manager.PersistRequest(kFirst);
+  EXPECT_EQ(manager.StoredRequests(), std::wstring(L"[") + kFirst + L"]");
   manager.RemoveRequest(kFirst);
+  EXPECT_EQ(manager.StoredRequests(), L"[]");
   EXPECT_FALSE(manager.CompleteRequest(kFirst));
   const std::wstring cause = L"SystemMutex::lock - failed to gain ownership of mutex";
   EXPECT_THAT(log.Lines(),

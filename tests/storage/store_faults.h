@@ -14,15 +14,20 @@
 namespace Vx::Tests {
 
 inline constexpr Platform::ErrorCode kFault = 1117;  // ERROR_IO_DEVICE
+inline constexpr std::uint32_t kReparsePoint = 0x400;
 
 class FaultyFiles final : public Platform::Files {
  public:
   bool readsFail = false;
   bool writesFail = false;
+  bool linksEverywhere = false;                // each existing path is a reparse point
+  mutable std::size_t largestRead = 0;         // the bound of the last read
   std::vector<std::vector<std::byte>> writes;  // the content of each write call that was asked for
 
   Platform::Result<std::uint32_t> Attributes(const std::wstring& path) const override {
-    return real.Attributes(path);
+    Platform::Result<std::uint32_t> attributes = real.Attributes(path);
+    if (attributes && linksEverywhere) *attributes |= kReparsePoint;
+    return attributes;
   }
   bool ExistsByExactName(const std::wstring& path) const override {
     return real.ExistsByExactName(path);
@@ -33,6 +38,7 @@ class FaultyFiles final : public Platform::Files {
   Platform::ErrorCode Touch(const std::wstring& path) override { return real.Touch(path); }
   Platform::Result<std::vector<std::byte>> Read(const std::wstring& path,
                                                 std::size_t maxBytes) const override {
+    largestRead = maxBytes;
     if (readsFail) return Platform::Result<std::vector<std::byte>>::Failure(kFault);
     return real.Read(path, maxBytes);
   }
