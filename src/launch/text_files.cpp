@@ -1,5 +1,6 @@
 #include "launch/text_files.h"
 
+#include <cstdint>
 #include <utility>
 
 #include "platform/files.h"
@@ -13,6 +14,14 @@ constexpr wchar_t kNoMark[] = L"Error Finding BOM for file: %s";
 constexpr wchar_t kSourceFailed[] = L"Error while copying source file %s";
 constexpr wchar_t kPartEnding[] = L".part";
 constexpr wchar_t kDestinationFailed[] = L"Error while copying destination file %s";
+
+constexpr std::uint32_t kReadOnly = 0x1;  // FILE_ATTRIBUTE_READONLY
+
+// Asked for beforehand: the emulator's move replaces read-only files, where Windows refuses.
+bool IsReadOnly(const Platform::Files& files, const std::wstring& path) {
+  const auto attributes = files.Attributes(path);
+  return attributes && (*attributes & kReadOnly) != 0;
+}
 
 }  // namespace
 
@@ -38,7 +47,8 @@ bool CopyFileContent(const std::wstring& source, const std::wstring& destination
   }
   // By way of a second file, so that a copy cut short leaves the old content, or nothing.
   const std::wstring part = destination + kPartEnding;
-  if (files.Overwrite(part, *content) != 0 || files.MoveOver(part, destination) != 0) {
+  if (IsReadOnly(files, destination) || files.Overwrite(part, *content) != 0 ||
+      files.MoveOver(part, destination) != 0) {
     files.Remove(part);
     logger.For(caller).LogError(kDestinationFailed, destination.c_str());
     return false;

@@ -1,9 +1,12 @@
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <memory>
 #include <stdexcept>
 #include <string>
 #include <utility>
+
+#include <windows.h>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -18,6 +21,7 @@
 #include "platform/system_services.h"
 #include "security/authenticode_facade.h"
 #include "storage/cap_data_store.h"
+#include "storage/store_faults.h"
 #include "support/fake_console.h"
 #include "support/log_capture.h"
 #include "support/private_local_machine.h"
@@ -397,6 +401,74 @@ TEST(ReadTextFileTest, AnswersNothingWithoutAByteOrderMark) {
 
   std::ofstream(std::filesystem::path(path)) << "\xEF\xBB\xBF/quiet";
   EXPECT_EQ(ReadTextFile(path, L"Win10SSwitch", logger), L"/quiet");
+}
+
+TEST(CopyFileContentTest, ADestinationThatCannotBeWrittenKeepsItsContentAndNoPartIsLeft) {
+  const TempFolder folder;
+  const Tests::LogCapture log;
+  const Logging::TraceLogger& logger = *Logging::LogManager::GetLogger();
+  const auto write = [](const std::wstring& path, const char* content) {
+    std::ofstream(std::filesystem::path(path), std::ios::binary) << content;
+  };
+  const auto read = [](const std::wstring& path) {
+    std::ifstream file(std::filesystem::path(path), std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(file), {});
+  };
+  const std::wstring source = folder / L"source";
+  const std::wstring readOnly = folder / L"read only";
+  write(source, "new");
+  write(readOnly, "old");
+  SetFileAttributesW(readOnly.c_str(), FILE_ATTRIBUTE_READONLY);
+  std::filesystem::create_directory(folder.Path() / "a folder");
+
+  for (const std::wstring& to : {readOnly, folder / L"a folder", folder / L"missing\\file"}) {
+    SCOPED_TRACE(::testing::PrintToString(to));
+    ASSERT_FALSE(CopyFileContent(source, to, L"Win10SSwitch", logger));
+    EXPECT_EQ(log.Lines().back(), L"error|Error while copying destination file " + to);
+  }
+  EXPECT_FALSE(CopyFileContent(folder / L"nothing", readOnly, L"Win10SSwitch", logger));
+  EXPECT_EQ(log.Lines().back(), L"error|Error while copying source file " + folder / L"nothing");
+
+  EXPECT_EQ(read(readOnly), "old");
+  const std::filesystem::directory_iterator entries(folder.Path());
+  EXPECT_EQ(std::distance(begin(entries), end(entries)), 3);
+
+  write(source, "");
+  write(folder / L"longer", "longer");
+  EXPECT_TRUE(CopyFileContent(source, folder / L"longer", L"Win10SSwitch", logger));
+  EXPECT_EQ(read(folder / L"longer"), "");
+}
+
+// A disk that is full: the part that was begun goes away again.
+TEST(CopyFileContentTest, AWriteThatFailsLeavesNoPart) {
+  Tests::FaultyFiles files;
+  const Platform::MachineScope scope([&](Platform::Machine& machine) { machine.files = &files; });
+  const TempFolder folder;
+  std::ofstream(folder.Path() / "source") << "new";
+  std::ofstream(folder.Path() / "target") << "old";
+  files.writesFail = true;
+  EXPECT_FALSE(CopyFileContent(folder / L"source", folder / L"target", L"Win10SSwitch",
+                               *Logging::LogManager::GetLogger()));
+  std::ifstream target(folder.Path() / "target");
+  EXPECT_EQ(std::string(std::istreambuf_iterator<char>(target), {}), "old");
+  EXPECT_FALSE(std::filesystem::exists(folder.Path() / "target.part"));
+}
+
+TEST(ReadTextFileTest, AnswersNothingForWhatCannotBeRead) {
+  const TempFolder folder;
+  const Logging::TraceLogger& logger = *Logging::LogManager::GetLogger();
+  EXPECT_EQ(ReadTextFile(folder.Path().wstring(), L"", logger), L"");
+
+  const std::filesystem::path held = folder.Path() / "held";
+  std::ofstream(held) << "\xEF\xBB\xBF/quiet";
+  EXPECT_EQ(ReadTextFile(held.wstring(), L"", logger), L"/quiet");
+  const Platform::UniqueHandle lock = Platform::AdoptFile(
+      CreateFileW(held.c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr));
+  EXPECT_EQ(ReadTextFile(held.wstring(), L"", logger), L"");
+
+  std::ofstream(folder.Path() / "large") << "\xEF\xBB\xBF";
+  std::filesystem::resize_file(folder.Path() / "large", kMaxTextFile + 1);
+  EXPECT_EQ(ReadTextFile(folder / L"large", L"", logger), L"");
 }
 
 // A real program of a real user, started through its alias.
