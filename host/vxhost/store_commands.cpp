@@ -60,8 +60,7 @@ class StoreWriter {
 
   WideValue Document(const BsonDocument& document, int levelsLeft) {
     WideValue object(rapidjson::kObjectType);
-    for (std::size_t i = 0; i < document.Size(); ++i) {
-      const BsonDocument::Member member = document.At(i);
+    for (const BsonDocument::Member& member : document) {
       object.AddMember(WideValue(Json::ToWide(member.key), pool), Member(member.value, levelsLeft),
                        pool);
     }
