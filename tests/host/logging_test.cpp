@@ -3,6 +3,8 @@
 #include <gmock/gmock.h>
 
 #include <atomic>
+#include <cstdint>
+#include <cstdlib>
 #include <cstring>
 #include <cwchar>
 #include <functional>
@@ -93,6 +95,7 @@ TEST(LoggingTest, CarriesLevelProviderAndCaller) {
 TEST(LoggingTest, GivesOneLoggerAProvider) {
   std::vector<std::thread> threads;
   std::vector<TraceLogger*> loggers(8);
+  threads.reserve(loggers.size());
   for (TraceLogger*& logger : loggers) {
     threads.emplace_back([&logger] { logger = LogManager::SetProvider("Vx-Asked-At-Once"); });
   }
@@ -113,7 +116,8 @@ TEST(LoggingTest, DoesNotTouchItsArgumentsWhileNobodyListens) {
   if (IsDebuggerPresent() != FALSE) GTEST_SKIP() << "a debugger listens";
   EXPECT_EXIT(
       {
-        Logger().LogInfo(L"%s", static_cast<const wchar_t*>(nullptr) + 1);
+        // NOLINTNEXTLINE(performance-no-int-to-ptr): an address that must not be read
+        Logger().LogInfo(L"%s", reinterpret_cast<const wchar_t*>(std::uintptr_t{1}));
         std::_Exit(0);
       },
       testing::ExitedWithCode(0), "");
@@ -139,6 +143,7 @@ TEST(LoggingTest, DeliversEveryLineWholeAndOneAtATime) {
       inside.fetch_sub(1);
     });
     std::vector<std::thread> threads;
+    threads.reserve(kThreads);
     for (int t = 0; t < kThreads; ++t) {
       threads.emplace_back([t] {
         for (int i = 0; i < kLines; ++i) Logger().LogInfo(L"thread %d line %d", t, i);

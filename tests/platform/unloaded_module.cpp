@@ -8,6 +8,6 @@ extern "C" void StartWaitingWorker(HANDLE go, HANDLE done) {
   Vx::Platform::StartDetached([go, done] {
     WaitForSingleObject(go, 20'000);
     // Code and data of this module, used after its owner let go of it.
-    if (&Vx::Platform::CurrentMachine() != nullptr) SetEvent(done);
+    if (Vx::Platform::CurrentMachine().threads != nullptr) SetEvent(done);
   });
 }
