@@ -10,7 +10,7 @@ namespace {
 
 std::string Describe(std::wstring_view call, std::uint32_t code, std::wstring_view details) {
   char hexadecimal[11];
-  std::snprintf(hexadecimal, sizeof hexadecimal, "0x%x", code);
+  static_cast<void>(std::snprintf(hexadecimal, sizeof hexadecimal, "0x%x", code));
   std::string text = Json::ToUtf8(call) + " failed with " + hexadecimal;
   if (!details.empty()) text += ": " + Json::ToUtf8(details);
   return text;

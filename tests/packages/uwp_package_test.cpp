@@ -83,9 +83,9 @@ TEST(UwpPackageTest, DoesNothingWithoutTheConsoleUser) {
 
 TEST(UwpPackageTest, NamesTheFamilyQueryThatFailed) {
   static const struct {
-    const char* name;
+    const char* name = "";
     Platform::Packages::FamilyQuery query;
-    const char* failure;
+    const char* failure = "";
   } kCases[] = {
       {"no size", {87, 0, 0, {}}, "FindPackagesByPackageFamily failed with 0x57"},
       {"not on this Windows", {127, 0, 0, {}}, "FindPackagesByPackageFamily failed with 0x7f"},

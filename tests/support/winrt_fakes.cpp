@@ -601,7 +601,8 @@ HRESULT WINAPI ProvideFactory(HSTRING className, IActivationFactory** factory) {
 }
 
 [[noreturn]] void Abandon(const char* step, long error) {
-  std::fprintf(stderr, "the fake runtime cannot be set up: %s, error %ld\n", step, error);
+  static_cast<void>(
+      std::fprintf(stderr, "the fake runtime cannot be set up: %s, error %ld\n", step, error));
   std::abort();
 }
 
@@ -720,8 +721,8 @@ HRESULT FakeRuntime::NotifyUninstalling(const std::wstring& familyName, bool com
 
 }  // namespace Vx::Tests
 
-// The linker leads the calls of the whole test program through these, which keep count. NOLINTBEGIN
-// because the linker dictates the names.
+// The linker leads the calls of the whole test program through these, which keep count. It dictates
+// their names.
 // NOLINTBEGIN(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
 extern "C" {
 

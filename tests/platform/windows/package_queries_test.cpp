@@ -17,6 +17,14 @@ using ::testing::IsEmpty;
 constexpr wchar_t kFullName[] = L"Some.App_1.2.3.4_x64__0123456789abc";
 constexpr wchar_t kPath[] = L"C:\\Program Files\\WindowsApps\\Some.App";
 
+constexpr std::uint32_t kSuccess = ERROR_SUCCESS;
+constexpr std::uint32_t kInsufficientBuffer = ERROR_INSUFFICIENT_BUFFER;
+constexpr std::uint32_t kInvalidParameter = ERROR_INVALID_PARAMETER;
+constexpr std::uint32_t kNotFound = ERROR_NOT_FOUND;
+constexpr std::uint32_t kProcNotFound = ERROR_PROC_NOT_FOUND;
+constexpr std::uint32_t kInvalidData = ERROR_INVALID_DATA;
+constexpr std::uint32_t kNoneMapped = ERROR_NONE_MAPPED;
+
 // How the functions below answer; the real ones take no context either.
 struct Answers {
   long sizeStatus = ERROR_INSUFFICIENT_BUFFER;
@@ -78,7 +86,7 @@ TEST_F(PackageQueriesTest, FetchesTheFamilyInTwoCallsWithTheDocumentedFilter) {
 }
 
 TEST_F(PackageQueriesTest, StopsAfterTheFirstCallWhenThereIsNothing) {
-  for (const long status : {long{ERROR_SUCCESS}, long{ERROR_INVALID_PARAMETER}}) {
+  for (const long status : {long{kSuccess}, long{kInvalidParameter}}) {
     answers.sizeStatus = status;
     const auto query = QueryFamily(functions, L"family");
     EXPECT_EQ(query.sizeError, static_cast<std::uint32_t>(status));
@@ -89,10 +97,10 @@ TEST_F(PackageQueriesTest, StopsAfterTheFirstCallWhenThereIsNothing) {
 
 TEST_F(PackageQueriesTest, TellsTheFailureOfTheFetch) {
   answers.fetchStatus = ERROR_INSUFFICIENT_BUFFER;  // a package came in between
-  EXPECT_EQ(QueryFamily(functions, L"family").error, ERROR_INSUFFICIENT_BUFFER);
+  EXPECT_EQ(QueryFamily(functions, L"family").error, kInsufficientBuffer);
   EXPECT_THAT(QueryFamily(functions, L"family").fullNames, IsEmpty());
-  EXPECT_EQ(QueryPath(functions, kFullName).error, ERROR_INSUFFICIENT_BUFFER);
-  EXPECT_EQ(QueryOrigin(functions, kFullName).Error(), ERROR_INSUFFICIENT_BUFFER);
+  EXPECT_EQ(QueryPath(functions, kFullName).error, kInsufficientBuffer);
+  EXPECT_EQ(QueryOrigin(functions, kFullName).Error(), kInsufficientBuffer);
 }
 
 TEST_F(PackageQueriesTest, FindsThePathAndTheOrigin) {
@@ -101,20 +109,20 @@ TEST_F(PackageQueriesTest, FindsThePathAndTheOrigin) {
   EXPECT_EQ(path.sizeError, 0U);
   EXPECT_EQ(*QueryOrigin(functions, kFullName), 3);
   answers.sizeStatus = ERROR_NOT_FOUND;
-  EXPECT_EQ(QueryPath(functions, kFullName).sizeError, ERROR_NOT_FOUND);
+  EXPECT_EQ(QueryPath(functions, kFullName).sizeError, kNotFound);
 }
 
 TEST_F(PackageQueriesTest, AnswersForFunctionsThatThisWindowsLacks) {
   const AppModelFunctions none;
-  EXPECT_EQ(QueryFamily(none, L"family").sizeError, ERROR_PROC_NOT_FOUND);
-  EXPECT_EQ(QueryPath(none, kFullName).sizeError, ERROR_PROC_NOT_FOUND);
-  EXPECT_EQ(QueryOrigin(none, kFullName).Error(), ERROR_PROC_NOT_FOUND);
-  EXPECT_EQ(QueryVersion(none, kFullName).Error(), ERROR_PROC_NOT_FOUND);
+  EXPECT_EQ(QueryFamily(none, L"family").sizeError, kProcNotFound);
+  EXPECT_EQ(QueryPath(none, kFullName).sizeError, kProcNotFound);
+  EXPECT_EQ(QueryOrigin(none, kFullName).Error(), kProcNotFound);
+  EXPECT_EQ(QueryVersion(none, kFullName).Error(), kProcNotFound);
 }
 
 TEST_F(PackageQueriesTest, RefusesAnIdentityTooShortForAVersion) {
   functions.packageIdFromFullName = &ShortId;
-  EXPECT_EQ(QueryVersion(functions, kFullName).Error(), ERROR_INVALID_DATA);
+  EXPECT_EQ(QueryVersion(functions, kFullName).Error(), kInvalidData);
 }
 
 TEST(RealPackageQueriesTest, PacksTheVersionWithMajorHighest) {
@@ -131,7 +139,7 @@ TEST(AccountSidTest, FindsAccountsOfThisMachineOnly) {
   EXPECT_EQ(*system, L"S-1-5-18");
   const auto nobody = QueryAccountSid(L"nowhere\\nobody at all");
   ASSERT_FALSE(nobody);
-  EXPECT_EQ(nobody.Error(), ERROR_NONE_MAPPED);
+  EXPECT_EQ(nobody.Error(), kNoneMapped);
 }
 
 }  // namespace
