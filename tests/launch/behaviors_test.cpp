@@ -440,13 +440,13 @@ TEST(CopyFileContentTest, ADestinationThatCannotBeWrittenKeepsItsContentAndNoPar
 }
 
 // A disk that is full: the part that was begun goes away again.
-TEST(CopyFileContentTest, AWriteThatFailsLeavesNoPart) {
+TEST(CopyFileContentTest, AWriteThatStopsHalfwayLeavesNoPart) {
   Tests::FaultyFiles files;
   const Platform::MachineScope scope([&](Platform::Machine& machine) { machine.files = &files; });
   const TempFolder folder;
   std::ofstream(folder.Path() / "source") << "new";
   std::ofstream(folder.Path() / "target") << "old";
-  files.writesFail = true;
+  files.writesStopHalfway = true;
   EXPECT_FALSE(CopyFileContent(folder / L"source", folder / L"target", L"Win10SSwitch",
                                *Logging::LogManager::GetLogger()));
   std::ifstream target(folder.Path() / "target");

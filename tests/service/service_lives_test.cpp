@@ -24,6 +24,7 @@
 #include "simulator/simulated_firmware.h"
 #include "simulator/virtual_clock.h"
 #include "storage/cap_data_store.h"
+#include "storage/store_faults.h"
 #include "support/fake_console.h"
 
 namespace Vx::Tests {
@@ -423,6 +424,26 @@ TEST_F(ServiceLivesTest, AStoreThatCannotBeOpenedEndsTheNotificationsWithoutRetr
   EXPECT_THAT(lines, testing::Each(testing::StartsWith(L"0 ")));
   EXPECT_THAT(apps.Sent(), IsEmpty());
   EXPECT_THAT(console.started, IsEmpty());
+  EXPECT_EQ(clock.Workers(), 0U);
+}
+
+TEST_F(ServiceLivesTest, AnAttemptThatThrowsIsOneThatFailed) {
+  SetUpLongAgo();
+  Storage().persist(kTold, false);
+  FaultyKernel kernel;
+  const Platform::MachineScope faulty(
+      [&](Platform::Machine& machine) { machine.kernelObjects = &kernel; });
+  apps.onSend = [&] { kernel.lockFails = true; };  // the answer cannot be recorded
+  host.service->Start();
+  clock.Advance(1s);
+  kernel.lockFails = false;
+  apps.onSend = [] {};
+  const Lines lines = diary.Take();
+  EXPECT_THAT(lines, Contains(testing::HasSubstr(L"OrvaneService.oobe_event_task threw")));
+  EXPECT_THAT(lines, Contains(L"0 info|OrvaneService: oobe_event_task() failed on attempt 0"));
+  clock.Advance(20min);
+  EXPECT_EQ(apps.Sent().size(), 2U);
+  EXPECT_TRUE(Storage().readBool(kTold, false));
   EXPECT_EQ(clock.Workers(), 0U);
 }
 

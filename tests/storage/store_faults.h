@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -20,6 +21,7 @@ class FaultyFiles final : public Platform::Files {
  public:
   bool readsFail = false;
   bool writesFail = false;
+  bool writesStopHalfway = false;
   bool linksEverywhere = false;                // each existing path is a reparse point
   mutable std::size_t largestRead = 0;         // the bound of the last read
   std::vector<std::vector<std::byte>> writes;  // the content of each write call that was asked for
@@ -45,6 +47,10 @@ class FaultyFiles final : public Platform::Files {
   Platform::ErrorCode Overwrite(const std::wstring& path,
                                 std::span<const std::byte> content) override {
     writes.emplace_back(content.begin(), content.end());
+    if (writesStopHalfway) {
+      real.Overwrite(path, content.first(content.size() / 2));
+      return kFault;
+    }
     return writesFail ? kFault : real.Overwrite(path, content);
   }
   Platform::ErrorCode MoveOver(const std::wstring& from, const std::wstring& to) override {
@@ -87,9 +93,9 @@ class FaultyProtection final : public Platform::DataProtection {
 
 class FaultyKernel final : public Platform::KernelObjects {
  public:
-  bool makeFails = false;
-  bool lockFails = false;
-  bool unlockFails = false;
+  std::atomic<bool> makeFails{false};
+  std::atomic<bool> lockFails{false};
+  std::atomic<bool> unlockFails{false};
 
   Platform::Result<Platform::UniqueHandle> MakeMutex(const std::wstring& name) override {
     if (makeFails) return Platform::Result<Platform::UniqueHandle>::Failure(kFault);

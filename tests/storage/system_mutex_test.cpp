@@ -1,5 +1,6 @@
 #include "storage/system_mutex.h"
 
+#include <atomic>
 #include <functional>
 #include <mutex>
 #include <string>
@@ -68,7 +69,7 @@ TEST(SystemMutex, ThrowsTheDocumentedErrorOfEachOperation) {
   const Platform::MachineScope scope(
       [&](Platform::Machine& machine) { machine.kernelObjects = &kernel; });
   const struct {
-    bool Tests::FaultyKernel::*fault;
+    std::atomic<bool> Tests::FaultyKernel::*fault;
     const char* message;
     std::uint32_t code;
   } kCases[] = {
