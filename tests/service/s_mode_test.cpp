@@ -74,10 +74,10 @@ class FirstModeTest : public testing::Test {
 
 TEST_F(FirstModeTest, IsWrittenOnceAndOnlyOverWhatIsNoMode) {
   static const struct {
-    const char* name;
+    const char* name = nullptr;
     std::optional<Element> stored;
-    const wchar_t* first;
-    bool written;
+    const wchar_t* first = nullptr;
+    bool written = false;
   } kCases[] = {
       {"missing", std::nullopt, L"-1", true},
       {"0", Element::Int32(0), L"0", false},
