@@ -179,15 +179,25 @@ class ServiceLivesTest : public testing::Test {
   Diary diary{clock};
 };
 
+constexpr wchar_t kDateWritten[] =
+    L"OrvaneService::SetBornOnDate - successfully wrote born on date value or value was already "
+    L"set: 20240715";
+constexpr wchar_t kUserFound[] =
+    L"OrvaneService: got real user session; calling oobe_event_task(), user=C:\\Users\\ann";
+constexpr wchar_t kFulfilling[] =
+    L"CheckToSendWakeupEvent: FulfillZephraManagementEventRequests for: C:\\Users\\ann";
+
+std::wstring At(const std::wstring& second, const wchar_t* text) {
+  return second + L" info|" + text;
+}
+
 // What every start writes from the end of OOBE to the wait for a user, on a machine whose first
 // lockdown mode was recorded as 0.
 Lines StartLines(const std::wstring& second) {
   Lines lines;
   for (const wchar_t* line :
        {L"OrvaneService: Verified that OOBE completed.",
-        L"OrvaneService::SetBornOnDate - initial born on date value: 20240715",
-        L"OrvaneService::SetBornOnDate - successfully wrote born on date value or value was "
-        L"already set: 20240715",
+        L"OrvaneService::SetBornOnDate - initial born on date value: 20240715", kDateWritten,
         L"Wrote born on date to shared data store",
         L"startup_task.SetFirstLockDownMode First Lockdown Policy is 0",
         L"CheckToSendWakeupEvent: Started",
@@ -242,19 +252,13 @@ TEST_F(ServiceLivesTest, TheFirstBootRunsFromOobeToTheLaunchAnHourLater) {
                   L"60 info|OrvaneService: OOBE not completed: 0",
                   L"61 info|OrvaneService: Verified that OOBE completed.",
                   L"61 info|OrvaneService::SetBornOnDate - initial born on date value: ",
-                  L"61 info|OrvaneService::SetBornOnDate - successfully wrote born on date value "
-                  L"or value was already set: 20240715",
-                  L"61 info|Wrote born on date to shared data store",
+                  At(L"61", kDateWritten), L"61 info|Wrote born on date to shared data store",
                   L"61 info|startup_task.SetFirstLockDownMode First Lockdown Policy is -1",
                   L"61 info|startup_task.SetFirstLockDownMode Current Lockdown Policy is 2",
                   L"61 info|CheckToSendWakeupEvent: Started",
                   L"61 info|OrvaneService: start waiting for real user session",
-                  L"61 info|OrvaneService:path_expanded = [C:\\Users\\ann]",
-                  L"61 info|OrvaneService: got real user session; calling oobe_event_task(), "
-                  L"user=C:\\Users\\ann",
-                  L"61 info|Scheduling Vx Aurelo launch",
-                  L"71 info|CheckToSendWakeupEvent: FulfillZephraManagementEventRequests for: "
-                  L"C:\\Users\\ann",
+                  L"61 info|OrvaneService:path_expanded = [C:\\Users\\ann]", At(L"61", kUserFound),
+                  L"61 info|Scheduling Vx Aurelo launch", At(L"71", kFulfilling),
                   L"71 info|FulfillZephraManagementEventRequests: Started",
                   L"3661 info|Aurelo launched"));
   EXPECT_THAT(apps.Sent(), ElementsAre(kTellQubo));
@@ -344,9 +348,7 @@ TEST_F(ServiceLivesTest, ASecondStartInTheSameBootNotifiesNobody) {
   EXPECT_EQ(
       diary.Take(),
       StartLines(L"30") +
-          Lines({L"30 info|OrvaneService:path_expanded = [C:\\Users\\ann]",
-                 L"30 info|OrvaneService: got real user session; calling oobe_event_task(), "
-                 L"user=C:\\Users\\ann",
+          Lines({L"30 info|OrvaneService:path_expanded = [C:\\Users\\ann]", At(L"30", kUserFound),
                  L"30 info|Scheduling Vx Aurelo launch",
                  L"30 info|OrvaneService::oobe_event_task() / qubo not sending event",
                  L"35 info|CheckToSendWakeupEvent: Not a new boot", L"3600 info|Aurelo launched",
@@ -386,9 +388,9 @@ INSTANTIATE_TEST_SUITE_P(Users, NewBootTest,
 
 TEST_F(ServiceLivesTest, ABootIsNewWhenItIsMoreThanAMinuteFromTheOneOnRecord) {
   static const struct {
-    const char* name;
+    const char* name = nullptr;
     Element stored;
-    bool isNew;
+    bool isNew = false;
   } kCases[] = {
       {"a minute earlier", Element::Int64(kPowerOnUnix - 60), false},
       {"a minute later", Element::Int64(kPowerOnUnix + 60), false},
