@@ -71,8 +71,8 @@ Platform::WaitResult TimedOut() {
 }
 
 [[noreturn]] void Die(const std::string& why) {
-  std::fprintf(stderr, "%s\n", why.c_str());
-  std::fflush(stderr);
+  static_cast<void>(std::fprintf(stderr, "%s\n", why.c_str()));
+  static_cast<void>(std::fflush(stderr));
   std::abort();
 }
 

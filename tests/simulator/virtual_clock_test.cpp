@@ -250,7 +250,9 @@ TEST_F(VirtualClockTest, ATimerThatItsOwnerClosedSignalsNobodyElse) {
 }
 
 TEST_F(VirtualClockTest, FailsOnNullAndClosedHandlesAtOnce) {
-  const HANDLE closed = MakeEvent(true).get();
+  auto event = MakeEvent(true);
+  const HANDLE closed = event.get();
+  event.reset();
   for (const HANDLE handle : {HANDLE{nullptr}, closed}) {
     const auto result = clock.Wait(handle, 1h);
     EXPECT_EQ(result.outcome, WaitOutcome::Failed);
@@ -306,7 +308,7 @@ TEST_F(VirtualClockTest, WaitsDoNotSeeTheMachineSleepWhileClocksDo) {
   clock.Advance(1s);
   EXPECT_THAT(notes, ElementsAre(std::pair(1, 10s)));
   EXPECT_EQ(clock.TickCount(), 1000U + 3'600'000U + 10'000U);
-  EXPECT_EQ(clock.UtcFileTime(), 5'000'000U + 3'610'000ULL * 10'000U);
+  EXPECT_EQ(clock.UtcFileTime(), 5'000'000U + std::uint64_t{3'610'000} * 10'000U);
 }
 
 TEST_F(VirtualClockTest, AThreadThatCouldNotBeMadeHoldsNothingUp) {

@@ -1,0 +1,544 @@
+#include "simulator/fault_injection.h"
+
+#include <utility>
+
+#include "platform/app_services.h"
+#include "platform/clock.h"
+#include "platform/com.h"
+#include "platform/data_protection.h"
+#include "platform/environment.h"
+#include "platform/files.h"
+#include "platform/hresult_error.h"
+#include "platform/kernel_objects.h"
+#include "platform/packages.h"
+#include "platform/processes.h"
+#include "platform/registry.h"
+#include "platform/sessions.h"
+#include "platform/system_services.h"
+#include "platform/thread.h"
+#include "platform/trust_provider.h"
+
+namespace Vx::Simulator {
+
+namespace {
+
+using Platform::ErrorCode;
+using Platform::RawHandle;
+using Platform::Result;
+using Platform::UniqueHandle;
+
+using Bytes = std::vector<std::byte>;
+
+constexpr ErrorCode kDenied = 5;  // ERROR_ACCESS_DENIED
+constexpr auto kDeniedResult = static_cast<std::int32_t>(0x80070005);
+constexpr std::uint32_t kNoSession = 0xFFFFFFFF;
+constexpr int kNotSent = 1;
+constexpr int kTryAgain = 11;  // EAGAIN
+constexpr std::uint32_t kNotImplemented = 0xC0000002;
+
+// What a refused call answers.
+template <typename Answer>
+struct Refusal {
+  static Answer Make() { return Answer{}; }
+};
+template <typename T>
+struct Refusal<Result<T>> {
+  static Result<T> Make() { return Result<T>::Failure(kDenied); }
+};
+template <>
+struct Refusal<ErrorCode> {
+  static ErrorCode Make() { return kDenied; }
+};
+template <>
+struct Refusal<std::int32_t> {
+  static std::int32_t Make() { return kDeniedResult; }
+};
+template <>
+struct Refusal<Platform::SignatureVerdict> {
+  static Platform::SignatureVerdict Make() {
+    return {.result = kDeniedResult, .secondaryCount = 0, .signer = {}};
+  }
+};
+
+[[noreturn]] void Throw() {
+  throw winrt::hresult_error(kDeniedResult, L"refused");
+}
+
+// A capability with faults: what it stands in front of, and who decides.
+template <typename Capability>
+class Decorator : public Capability {
+ public:
+  Decorator(Capability& behind, FaultInjection& decider) : inner(behind), faults(decider) {}
+
+ protected:
+  template <typename Call>
+  auto Or(const char* name, Call&& call) const {
+    using Answer = decltype(call());
+    return faults.Fails(name) ? Refusal<Answer>::Make() : call();
+  }
+  template <typename Call>
+  auto OrThrow(const char* name, Call&& call) const {
+    if (faults.Fails(name)) Throw();
+    return call();
+  }
+
+  Capability& inner;
+  FaultInjection& faults;
+};
+
+class FaultyApiSets final : public Decorator<Platform::ApiSets> {
+ public:
+  using Decorator::Decorator;
+  bool IsPresent(const std::wstring& name) const override {
+    return Or("ApiSets.IsPresent", [&] { return inner.IsPresent(name); });
+  }
+};
+
+class FaultyAppService final : public Platform::AppService {
+ public:
+  FaultyAppService(std::unique_ptr<AppService> behind, FaultInjection& decider)
+      : inner(std::move(behind)), faults(decider) {}
+  std::pair<int, std::wstring> Send(const std::wstring& text) override {
+    if (faults.Fails("AppService.Send")) return {kNotSent, {}};
+    return inner->Send(text);
+  }
+  void SystemRestarted() override { inner->SystemRestarted(); }
+
+ private:
+  std::unique_ptr<AppService> inner;
+  FaultInjection& faults;
+};
+
+class FaultyAppServices final : public Decorator<Platform::AppServices> {
+ public:
+  using Decorator::Decorator;
+  std::unique_ptr<Platform::AppService> Open(const std::wstring& packageFamilyName,
+                                             const std::wstring& appServiceName) override {
+    return std::make_unique<FaultyAppService>(inner.Open(packageFamilyName, appServiceName),
+                                              faults);
+  }
+};
+
+class FaultyClock final : public Decorator<Platform::Clock> {
+ public:
+  using Decorator::Decorator;
+  std::uint64_t TickCount() const override { return inner.TickCount(); }
+  std::uint64_t UtcFileTime() const override { return inner.UtcFileTime(); }
+  void Sleep(Duration length) override { inner.Sleep(length); }
+  // A wait that fails ends the task that waits, as a null handle does.
+  Platform::WaitResult Wait(RawHandle handle, std::optional<Duration> length) override {
+    if (faults.Fails("Clock.Wait")) {
+      return {Platform::WaitOutcome::Failed, 0xFFFFFFFF, kDenied};
+    }
+    return inner.Wait(handle, length);
+  }
+  Result<UniqueHandle> MakeTimer() override {
+    return Or("Clock.MakeTimer", [&] { return inner.MakeTimer(); });
+  }
+  ErrorCode SetTimer(RawHandle timer, Duration due) override {
+    return Or("Clock.SetTimer", [&] { return inner.SetTimer(timer, due); });
+  }
+  void WorkerStarting() override { inner.WorkerStarting(); }
+  void WorkerStarted() override { inner.WorkerStarted(); }
+  void WorkerNotStarted() override { inner.WorkerNotStarted(); }
+  void WorkerEnded() override { inner.WorkerEnded(); }
+};
+
+class FaultyCom final : public Decorator<Platform::Com> {
+ public:
+  using Decorator::Decorator;
+  std::int32_t InitializeMultithreaded() override {
+    return Or("Com.InitializeMultithreaded", [&] { return inner.InitializeMultithreaded(); });
+  }
+  void Uninitialize() override { inner.Uninitialize(); }
+  std::int32_t InitializeSecurity() override {
+    return Or("Com.InitializeSecurity", [&] { return inner.InitializeSecurity(); });
+  }
+  std::int32_t CreateWbemLocator(IWbemLocator** locator) override {
+    return Or("Com.CreateWbemLocator", [&] { return inner.CreateWbemLocator(locator); });
+  }
+  std::int32_t SetProxyBlanket(IUnknown* proxy) override {
+    return Or("Com.SetProxyBlanket", [&] { return inner.SetProxyBlanket(proxy); });
+  }
+  wchar_t* MakeText(const wchar_t* text) override {
+    return Or("Com.MakeText", [&] { return inner.MakeText(text); });
+  }
+  tagSAFEARRAY* MakeByteArray(std::uint32_t count) override {
+    return Or("Com.MakeByteArray", [&] { return inner.MakeByteArray(count); });
+  }
+  std::int32_t PutByte(tagSAFEARRAY* bytes, std::int32_t index, std::uint8_t value) override {
+    return Or("Com.PutByte", [&] { return inner.PutByte(bytes, index, value); });
+  }
+};
+
+class FaultyDataProtection final : public Decorator<Platform::DataProtection> {
+ public:
+  using Decorator::Decorator;
+  Result<Bytes> Protect(std::span<const std::byte> plain,
+                        const std::wstring& description) const override {
+    return Or("DataProtection.Protect", [&] { return inner.Protect(plain, description); });
+  }
+  Result<Bytes> Unprotect(std::span<const std::byte> sealed) const override {
+    return Or("DataProtection.Unprotect", [&] { return inner.Unprotect(sealed); });
+  }
+  Result<std::wstring> NewUuid() const override {
+    return Or("DataProtection.NewUuid", [&] { return inner.NewUuid(); });
+  }
+  Result<Bytes> FileSha256(const std::wstring& path) const override {
+    return Or("DataProtection.FileSha256", [&] { return inner.FileSha256(path); });
+  }
+};
+
+class FaultyEnvironment final : public Decorator<Platform::Environment> {
+ public:
+  using Decorator::Decorator;
+  Result<std::wstring> Expand(const std::wstring& text, std::size_t maxChars) const override {
+    return Or("Environment.Expand", [&] { return inner.Expand(text, maxChars); });
+  }
+  Result<std::wstring> ExpandForUser(RawHandle token, const std::wstring& text,
+                                     std::size_t maxChars) const override {
+    return Or("Environment.ExpandForUser",
+              [&] { return inner.ExpandForUser(token, text, maxChars); });
+  }
+  Result<std::vector<wchar_t>> Block(RawHandle token) const override {
+    return Or("Environment.Block", [&] { return inner.Block(token); });
+  }
+};
+
+class FaultyFiles final : public Decorator<Platform::Files> {
+ public:
+  using Decorator::Decorator;
+  Result<std::uint32_t> Attributes(const std::wstring& path) const override {
+    return Or("Files.Attributes", [&] { return inner.Attributes(path); });
+  }
+  bool ExistsByExactName(const std::wstring& path) const override {
+    return Or("Files.ExistsByExactName", [&] { return inner.ExistsByExactName(path); });
+  }
+  ErrorCode MakeFolder(const std::wstring& path) override {
+    return Or("Files.MakeFolder", [&] { return inner.MakeFolder(path); });
+  }
+  ErrorCode Touch(const std::wstring& path) override {
+    return Or("Files.Touch", [&] { return inner.Touch(path); });
+  }
+  Result<Bytes> Read(const std::wstring& path, std::size_t maxBytes) const override {
+    return Or("Files.Read", [&] { return inner.Read(path, maxBytes); });
+  }
+  ErrorCode Overwrite(const std::wstring& path, std::span<const std::byte> content) override {
+    return Or("Files.Overwrite", [&] { return inner.Overwrite(path, content); });
+  }
+  ErrorCode MoveOver(const std::wstring& from, const std::wstring& to) override {
+    return Or("Files.MoveOver", [&] { return inner.MoveOver(from, to); });
+  }
+  ErrorCode Remove(const std::wstring& path) override {
+    return Or("Files.Remove", [&] { return inner.Remove(path); });
+  }
+  Result<UniqueHandle> OpenReadLocked(const std::wstring& path) const override {
+    return Or("Files.OpenReadLocked", [&] { return inner.OpenReadLocked(path); });
+  }
+};
+
+class FaultyKernelObjects final : public Decorator<Platform::KernelObjects> {
+ public:
+  using Decorator::Decorator;
+  Result<UniqueHandle> MakeMutex(const std::wstring& name) override {
+    return Or("KernelObjects.MakeMutex", [&] { return inner.MakeMutex(name); });
+  }
+  ErrorCode LockMutex(RawHandle mutex) override {
+    return Or("KernelObjects.LockMutex", [&] { return inner.LockMutex(mutex); });
+  }
+  // A refused unlock is one that has happened: a mutex that stays locked would stop the walk.
+  ErrorCode UnlockMutex(RawHandle mutex) override {
+    const ErrorCode error = inner.UnlockMutex(mutex);
+    return Or("KernelObjects.UnlockMutex", [&] { return error; });
+  }
+  Result<UniqueHandle> MakeManualEvent(const std::wstring& name) override {
+    return Or("KernelObjects.MakeManualEvent", [&] { return inner.MakeManualEvent(name); });
+  }
+  ErrorCode Signal(RawHandle event) override { return inner.Signal(event); }
+};
+
+class FaultyLockdownLibrary final : public Platform::LockdownLibrary {
+ public:
+  FaultyLockdownLibrary(std::unique_ptr<LockdownLibrary> behind, FaultInjection& decider)
+      : inner(std::move(behind)), faults(decider) {}
+  std::int32_t QueryMode(std::int32_t& mode) const override {
+    return faults.Fails("LockdownLibrary.QueryMode") ? kDeniedResult : inner->QueryMode(mode);
+  }
+
+ private:
+  std::unique_ptr<LockdownLibrary> inner;
+  FaultInjection& faults;
+};
+
+class FaultyLockdownLibraries final : public Decorator<Platform::LockdownLibraries> {
+ public:
+  using Decorator::Decorator;
+  Result<std::unique_ptr<Platform::LockdownLibrary>> Load(const std::wstring& fullPath) override {
+    auto loaded = Or("LockdownLibraries.Load", [&] { return inner.Load(fullPath); });
+    if (!loaded) return loaded;
+    std::unique_ptr<Platform::LockdownLibrary> library =
+        std::make_unique<FaultyLockdownLibrary>(*std::move(loaded), faults);
+    return library;
+  }
+};
+
+class FaultyOobe final : public Decorator<Platform::Oobe> {
+ public:
+  using Decorator::Decorator;
+  State Query() const override {
+    return Or("Oobe.Query", [&] { return inner.Query(); });
+  }
+};
+
+class FaultyPackages final : public Decorator<Platform::Packages> {
+ public:
+  using Decorator::Decorator;
+  FamilyQuery FindByFamily(const std::wstring& familyName) const override {
+    if (faults.Fails("Packages.FindByFamily")) return {kDenied, 0, 0, {}};
+    return inner.FindByFamily(familyName);
+  }
+  PathQuery PathByFullName(const std::wstring& fullName) const override {
+    if (faults.Fails("Packages.PathByFullName")) return {kDenied, 0, {}};
+    return inner.PathByFullName(fullName);
+  }
+  Result<std::int32_t> StagedOrigin(const std::wstring& fullName) const override {
+    return Or("Packages.StagedOrigin", [&] { return inner.StagedOrigin(fullName); });
+  }
+  Result<std::uint64_t> Version(const std::wstring& fullName) const override {
+    return Or("Packages.Version", [&] { return inner.Version(fullName); });
+  }
+  std::vector<std::wstring> FindForAllUsers(const std::wstring& familyName) const override {
+    return OrThrow("Packages.FindForAllUsers", [&] { return inner.FindForAllUsers(familyName); });
+  }
+  Result<std::wstring> AccountSid(const std::wstring& account) const override {
+    return Or("Packages.AccountSid", [&] { return inner.AccountSid(account); });
+  }
+  std::vector<std::wstring> FindForUser(const std::wstring& sid,
+                                        const std::wstring& familyName) const override {
+    return OrThrow("Packages.FindForUser", [&] { return inner.FindForUser(sid, familyName); });
+  }
+  Platform::PackageRegistration Register(const std::wstring& fullName,
+                                         std::chrono::milliseconds limit) override {
+    return OrThrow("Packages.Register", [&] { return inner.Register(fullName, limit); });
+  }
+  std::shared_ptr<Platform::PackageCatalog> OpenCatalogForCurrentUser() override {
+    return OrThrow("Packages.OpenCatalogForCurrentUser",
+                   [&] { return inner.OpenCatalogForCurrentUser(); });
+  }
+};
+
+class FaultyProcesses final : public Decorator<Platform::Processes> {
+ public:
+  using Decorator::Decorator;
+  Result<std::uint32_t> Start(RawHandle token, const Platform::ProcessStart& start) override {
+    return Or("Processes.Start", [&] { return inner.Start(token, start); });
+  }
+  std::vector<std::uint32_t> Ids(std::size_t limit) const override {
+    return Or("Processes.Ids", [&] { return inner.Ids(limit); });
+  }
+  std::optional<std::wstring> ImagePath(std::uint32_t id) const override {
+    return Or("Processes.ImagePath", [&] { return inner.ImagePath(id); });
+  }
+  std::optional<std::uint32_t> Session(std::uint32_t id) const override {
+    return Or("Processes.Session", [&] { return inner.Session(id); });
+  }
+  Result<UniqueHandle> PrimaryToken(std::uint32_t id) const override {
+    return Or("Processes.PrimaryToken", [&] { return inner.PrimaryToken(id); });
+  }
+};
+
+class FaultyRegistry final : public Decorator<Platform::Registry> {
+ public:
+  using Decorator::Decorator;
+  Result<Platform::RegistryValue> Read(const std::wstring& key,
+                                       const std::wstring& value) const override {
+    return Or("Registry.Read", [&] { return inner.Read(key, value); });
+  }
+  bool Exists(const std::wstring& key, const std::wstring& value) const override {
+    return Or("Registry.Exists", [&] { return inner.Exists(key, value); });
+  }
+};
+
+class FaultySessions final : public Decorator<Platform::Sessions> {
+ public:
+  using Decorator::Decorator;
+  std::uint32_t ActiveConsoleSession() const override {
+    if (faults.Fails("Sessions.ActiveConsoleSession")) return kNoSession;
+    return inner.ActiveConsoleSession();
+  }
+  Result<UniqueHandle> QueryUserToken(std::uint32_t session) const override {
+    return Or("Sessions.QueryUserToken", [&] { return inner.QueryUserToken(session); });
+  }
+  Result<UniqueHandle> DuplicateUserToken(RawHandle token,
+                                          Platform::TokenType type) const override {
+    return Or("Sessions.DuplicateUserToken", [&] { return inner.DuplicateUserToken(token, type); });
+  }
+  Result<std::wstring> QueryText(std::uint32_t session, Platform::SessionText what) const override {
+    return Or("Sessions.QueryText", [&] { return inner.QueryText(session, what); });
+  }
+  ErrorCode Impersonate(RawHandle token) override {
+    return Or("Sessions.Impersonate", [&] { return inner.Impersonate(token); });
+  }
+  // A refused revert is reported, but happens: the walk goes on as the service itself.
+  ErrorCode Revert() override {
+    const ErrorCode error = inner.Revert();
+    return Or("Sessions.Revert", [&] { return error; });
+  }
+  Result<bool> ProcessIsLocalSystem() const override {
+    return Or("Sessions.ProcessIsLocalSystem", [&] { return inner.ProcessIsLocalSystem(); });
+  }
+};
+
+class FaultySystemTriggers final : public Decorator<Platform::SystemTriggers> {
+ public:
+  using Decorator::Decorator;
+  std::uint32_t Raise(const std::wstring& triggerId) override {
+    if (faults.Fails("SystemTriggers.Raise")) return kNotImplemented;
+    return inner.Raise(triggerId);
+  }
+};
+
+class FaultyThreads final : public Decorator<Platform::Threads> {
+ public:
+  using Decorator::Decorator;
+  Result<UniqueHandle> Start(std::function<void()> body) override {
+    if (faults.Fails("Threads.Start")) return Result<UniqueHandle>::Failure(kTryAgain);
+    return inner.Start(std::move(body));
+  }
+};
+
+class FaultyTrustProvider final : public Decorator<Platform::TrustProvider> {
+ public:
+  using Decorator::Decorator;
+  Platform::SignatureVerdict VerifyEmbedded(const std::wstring& path,
+                                            std::uint32_t index) const override {
+    return Or("TrustProvider.VerifyEmbedded", [&] { return inner.VerifyEmbedded(path, index); });
+  }
+  std::optional<Platform::CatalogHit> FindCatalog(
+      const std::wstring& path, Platform::CatalogFailure& failure) const override {
+    if (faults.Fails("TrustProvider.FindCatalog")) {
+      failure = {.step = Platform::CatalogStep::OpenFile, .error = kDenied};
+      return std::nullopt;
+    }
+    return inner.FindCatalog(path, failure);
+  }
+  Platform::SignatureVerdict VerifyInCatalog(const Platform::CatalogHit& catalog,
+                                             std::uint32_t index) const override {
+    return Or("TrustProvider.VerifyInCatalog",
+              [&] { return inner.VerifyInCatalog(catalog, index); });
+  }
+  Result<std::wstring> FullPath(const std::wstring& path) const override {
+    return Or("TrustProvider.FullPath", [&] { return inner.FullPath(path); });
+  }
+  Result<std::wstring> FinalPath(const std::wstring& path) const override {
+    return Or("TrustProvider.FinalPath", [&] { return inner.FinalPath(path); });
+  }
+  Result<std::vector<Platform::AccessEntry>> FolderAccess(
+      const std::wstring& folder) const override {
+    return Or("TrustProvider.FolderAccess", [&] { return inner.FolderAccess(folder); });
+  }
+};
+
+}  // namespace
+
+struct FaultInjection::Decorators {
+  Decorators(const Platform::Machine& machine, FaultInjection& faults)
+      : apiSets(*machine.apiSets, faults),
+        appServices(*machine.appServices, faults),
+        clock(*machine.clock, faults),
+        com(*machine.com, faults),
+        dataProtection(*machine.dataProtection, faults),
+        environment(*machine.environment, faults),
+        files(*machine.files, faults),
+        kernelObjects(*machine.kernelObjects, faults),
+        lockdownLibraries(*machine.lockdownLibraries, faults),
+        oobe(*machine.oobe, faults),
+        packages(*machine.packages, faults),
+        processes(*machine.processes, faults),
+        registry(*machine.registry, faults),
+        sessions(*machine.sessions, faults),
+        systemTriggers(*machine.systemTriggers, faults),
+        threads(*machine.threads, faults),
+        trustProvider(*machine.trustProvider, faults) {}
+
+  FaultyApiSets apiSets;
+  FaultyAppServices appServices;
+  FaultyClock clock;
+  FaultyCom com;
+  FaultyDataProtection dataProtection;
+  FaultyEnvironment environment;
+  FaultyFiles files;
+  FaultyKernelObjects kernelObjects;
+  FaultyLockdownLibraries lockdownLibraries;
+  FaultyOobe oobe;
+  FaultyPackages packages;
+  FaultyProcesses processes;
+  FaultyRegistry registry;
+  FaultySessions sessions;
+  FaultySystemTriggers systemTriggers;
+  FaultyThreads threads;
+  FaultyTrustProvider trustProvider;
+};
+
+FaultInjection::FaultInjection() = default;
+FaultInjection::~FaultInjection() = default;
+
+void FaultInjection::Install(Platform::Machine& machine) {
+  decorators = std::make_unique<Decorators>(machine, *this);
+  machine.apiSets = &decorators->apiSets;
+  machine.appServices = &decorators->appServices;
+  machine.clock = &decorators->clock;
+  machine.com = &decorators->com;
+  machine.dataProtection = &decorators->dataProtection;
+  machine.environment = &decorators->environment;
+  machine.files = &decorators->files;
+  machine.kernelObjects = &decorators->kernelObjects;
+  machine.lockdownLibraries = &decorators->lockdownLibraries;
+  machine.oobe = &decorators->oobe;
+  machine.packages = &decorators->packages;
+  machine.processes = &decorators->processes;
+  machine.registry = &decorators->registry;
+  machine.sessions = &decorators->sessions;
+  machine.systemTriggers = &decorators->systemTriggers;
+  machine.threads = &decorators->threads;
+  machine.trustProvider = &decorators->trustProvider;
+}
+
+void FaultInjection::FailCall(std::size_t index) {
+  const std::lock_guard guard(mutex);
+  calls.clear();
+  failingName.clear();
+  failingCall = index;
+}
+
+void FaultInjection::FailNamed(const std::string& name, std::size_t skip) {
+  const std::lock_guard guard(mutex);
+  calls.clear();
+  failingCall.reset();
+  failingName = name;
+  skipped = skip;
+}
+
+void FaultInjection::Clear() {
+  const std::lock_guard guard(mutex);
+  calls.clear();
+  failingCall.reset();
+  failingName.clear();
+}
+
+std::vector<std::string> FaultInjection::Calls() const {
+  const std::lock_guard guard(mutex);
+  return calls;
+}
+
+bool FaultInjection::Fails(const char* name) {
+  const std::lock_guard guard(mutex);
+  calls.emplace_back(name);
+  if (failingCall) return calls.size() - 1 == *failingCall;
+  if (failingName != name) return false;
+  if (skipped == 0) return true;
+  --skipped;
+  return false;
+}
+
+}  // namespace Vx::Simulator

@@ -1,0 +1,51 @@
+#pragma once
+
+#include <deque>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "platform/app_services.h"
+#include "simulator/timeline.h"
+
+namespace Vx::Simulator {
+
+// The app services of a simulated machine's packaged apps: they keep what they are sent, and answer
+// as they are told, at first with success. Any thread.
+class SimulatedAppServices final : public Platform::AppServices {
+ public:
+  using Reply = std::pair<int, std::wstring>;
+
+  struct Message {
+    std::wstring packageFamilyName;
+    std::wstring appServiceName;
+    std::wstring text;
+  };
+
+  explicit SimulatedAppServices(Timeline& log) : timeline(log) {}
+
+  // The replies to the next messages, one each; when they have run out, `usual` is the reply.
+  void SetReplies(std::deque<Reply> next, Reply usual = {0, L""});
+
+  std::vector<Message> Messages() const;
+  int Restarts() const;
+
+  std::unique_ptr<Platform::AppService> Open(const std::wstring& packageFamilyName,
+                                             const std::wstring& appServiceName) override;
+
+ private:
+  class Conversation;
+
+  Reply Take(const Message& message);
+
+  Timeline& timeline;
+  mutable std::mutex mutex;  // guards what follows
+  std::vector<Message> messages;
+  std::deque<Reply> replies;
+  Reply usualReply{0, L""};
+  int restarts = 0;
+};
+
+}  // namespace Vx::Simulator

@@ -1,0 +1,69 @@
+#pragma once
+
+#include <cstddef>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "platform/files.h"
+#include "platform/trust_provider.h"
+
+namespace Vx::Simulator {
+
+// The real files, and over them some that exist in memory only, by exact path: programs and texts
+// in places that a test must not write to. Any thread.
+class SimulatedFiles final : public Platform::Files {
+ public:
+  void Add(const std::wstring& path, const std::string& content);
+
+  // Whether `path` is one of those in memory.
+  bool Holds(const std::wstring& path) const;
+
+  Platform::Result<std::uint32_t> Attributes(const std::wstring& path) const override;
+  bool ExistsByExactName(const std::wstring& path) const override;
+  Platform::ErrorCode MakeFolder(const std::wstring& path) override;
+  Platform::ErrorCode Touch(const std::wstring& path) override;
+  Platform::Result<std::vector<std::byte>> Read(const std::wstring& path,
+                                                std::size_t maxBytes) const override;
+  Platform::ErrorCode Overwrite(const std::wstring& path,
+                                std::span<const std::byte> content) override;
+  Platform::ErrorCode MoveOver(const std::wstring& from, const std::wstring& to) override;
+  Platform::ErrorCode Remove(const std::wstring& path) override;
+  Platform::Result<Platform::UniqueHandle> OpenReadLocked(const std::wstring& path) const override;
+
+ private:
+  std::optional<std::vector<std::byte>> Content(const std::wstring& path) const;
+
+  mutable std::mutex mutex;
+  std::map<std::wstring, std::vector<std::byte>> contents;
+};
+
+// What Windows says of signatures: for the paths that were given a signer, that they are well
+// signed and that the folders on the way belong to the system; for all others the real answer.
+class SimulatedTrust final : public Platform::TrustProvider {
+ public:
+  // `publicKey` as in Platform::Signer.
+  void Sign(const std::wstring& path, std::vector<std::byte> publicKey);
+
+  Platform::SignatureVerdict VerifyEmbedded(const std::wstring& path,
+                                            std::uint32_t index) const override;
+  std::optional<Platform::CatalogHit> FindCatalog(const std::wstring& path,
+                                                  Platform::CatalogFailure& failure) const override;
+  Platform::SignatureVerdict VerifyInCatalog(const Platform::CatalogHit& catalog,
+                                             std::uint32_t index) const override;
+  Platform::Result<std::wstring> FullPath(const std::wstring& path) const override;
+  Platform::Result<std::wstring> FinalPath(const std::wstring& path) const override;
+  Platform::Result<std::vector<Platform::AccessEntry>> FolderAccess(
+      const std::wstring& folder) const override;
+
+ private:
+  std::optional<std::vector<std::byte>> KeyOf(const std::wstring& path) const;
+
+  mutable std::mutex mutex;
+  std::map<std::wstring, std::vector<std::byte>> keys;
+};
+
+}  // namespace Vx::Simulator

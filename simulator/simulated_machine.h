@@ -1,0 +1,63 @@
+#pragma once
+
+#include <chrono>
+#include <memory>
+#include <string>
+
+#include "platform/machine.h"
+#include "simulator/fault_injection.h"
+#include "simulator/simulated_app_services.h"
+#include "simulator/simulated_files.h"
+#include "simulator/simulated_firmware.h"
+#include "simulator/simulated_packages.h"
+#include "simulator/simulated_processes.h"
+#include "simulator/simulated_registry.h"
+#include "simulator/simulated_system.h"
+#include "simulator/simulated_users.h"
+#include "simulator/timeline.h"
+#include "simulator/virtual_clock.h"
+
+namespace Vx::Simulator {
+
+// A whole PC in memory, one member a subject: just switched on, nobody signed in, first-run set-up
+// over, no packages, an empty registry, a firmware without a born-on date. Files that were not
+// added to it, data protection, mutexes, events and threads are the real ones.
+//
+//   SimulatedMachine machine;
+//   Platform::MachineScope scope([&](Platform::Machine& platform) { machine.Install(platform); });
+//
+// Workers that run under the scope must have ended before it does: Drain().
+class SimulatedMachine {
+ public:
+  SimulatedMachine();
+  SimulatedMachine(const SimulatedMachine&) = delete;
+  SimulatedMachine& operator=(const SimulatedMachine&) = delete;
+
+  // Puts this machine's capabilities, with `faults` over them all, in the place of `platform`'s.
+  void Install(Platform::Machine& platform);
+
+  // Sleeps and wakes: time passes that no wait sees.
+  void SleepFor(VirtualClock::Duration length);
+
+  // Switched off and on again after `off`; nobody is signed in. The service has to be destroyed
+  // and its workers gone by then.
+  void Reboot(VirtualClock::Duration off = std::chrono::minutes(1));
+
+  // Lets time pass until no worker is left; false when some remain after `limit`.
+  bool Drain(VirtualClock::Duration limit = std::chrono::hours(24));
+
+  VirtualClock clock;
+  Timeline timeline{clock};
+  SimulatedUsers users{timeline};
+  SimulatedPackages packages{timeline, users, clock};
+  SimulatedProcesses processes{timeline, users};
+  SimulatedSystem system{timeline, clock};
+  SimulatedAppServices appServices{timeline};
+  SimulatedRegistry registry;
+  SimulatedFiles files;
+  SimulatedTrust trust;
+  SimulatedFirmware firmware;
+  FaultInjection faults;
+};
+
+}  // namespace Vx::Simulator

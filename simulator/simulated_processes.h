@@ -1,0 +1,54 @@
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "platform/processes.h"
+#include "simulator/simulated_users.h"
+#include "simulator/timeline.h"
+
+namespace Vx::Simulator {
+
+struct SimulatedProcess {
+  std::uint32_t id = 0;
+  std::uint32_t session = 0;
+  std::wstring user;  // "SYSTEM" for the service's own
+  Platform::ProcessStart start;
+};
+
+// The processes of a simulated machine. Starting one only records it: no program runs, and none
+// need exist. The console's session has its logon process. Any thread.
+class SimulatedProcesses final : public Platform::Processes {
+ public:
+  SimulatedProcesses(Timeline& log, const SimulatedUsers& machineUsers)
+      : timeline(log), users(machineUsers) {}
+
+  // Every start that succeeded, in order, ended or not.
+  std::vector<SimulatedProcess> Started() const;
+
+  void End(std::uint32_t id);
+
+  // Starting `application` fails from now on; zero lets it succeed again.
+  void Refuse(const std::wstring& application, Platform::ErrorCode error);
+
+  Platform::Result<std::uint32_t> Start(Platform::RawHandle token,
+                                        const Platform::ProcessStart& start) override;
+  std::vector<std::uint32_t> Ids(std::size_t limit) const override;
+  std::optional<std::wstring> ImagePath(std::uint32_t id) const override;
+  std::optional<std::uint32_t> Session(std::uint32_t id) const override;
+  Platform::Result<Platform::UniqueHandle> PrimaryToken(std::uint32_t id) const override;
+
+ private:
+  Timeline& timeline;
+  const SimulatedUsers& users;
+  mutable std::mutex mutex;  // guards what follows
+  std::vector<SimulatedProcess> started;
+  std::map<std::uint32_t, SimulatedProcess> running;
+  std::map<std::wstring, Platform::ErrorCode> refused;
+  std::uint32_t lastId = 1000;
+};
+
+}  // namespace Vx::Simulator

@@ -1,0 +1,65 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "platform/system_services.h"
+#include "simulator/timeline.h"
+
+namespace Vx::Simulator {
+
+// The small services of a simulated Windows: first-run set-up (over at first), API sets (all
+// there), event triggers (all raised) and the lockdown policy (mode 0). Any thread.
+class SimulatedSystem final : public Platform::ApiSets,
+                              public Platform::Oobe,
+                              public Platform::SystemTriggers,
+                              public Platform::LockdownLibraries {
+ public:
+  SimulatedSystem(Timeline& log, const VirtualClock& clockOf) : timeline(log), clock(clockOf) {}
+
+  // First-run set-up is not over until the clock has passed this time since it was made.
+  void EndOobeAt(VirtualClock::Duration elapsed);
+
+  // Whether Windows can be asked about first-run set-up at all.
+  void SetOobeKnown(bool known);
+
+  void RemoveApiSet(const std::wstring& name);
+
+  // What every trigger is answered with.
+  void SetTriggerStatus(std::uint32_t status);
+  std::vector<std::wstring> RaisedTriggers() const;
+
+  // What the policy library answers: the mode that it writes (empty: none) and the HRESULT.
+  void SetLockdownMode(std::optional<std::int32_t> mode, std::int32_t result = 0);
+
+  // Loading the policy library fails from now on; zero lets it succeed again.
+  void FailLockdownLibrary(Platform::ErrorCode error);
+
+  bool IsPresent(const std::wstring& name) const override;
+  State Query() const override;
+  std::uint32_t Raise(const std::wstring& triggerId) override;
+  Platform::Result<std::unique_ptr<Platform::LockdownLibrary>> Load(
+      const std::wstring& fullPath) override;
+
+ private:
+  class Library;
+
+  Timeline& timeline;
+  const VirtualClock& clock;
+  mutable std::mutex mutex;  // guards what follows
+  VirtualClock::Duration oobeEnds{};
+  bool oobeKnown = true;
+  std::set<std::wstring> missingApiSets;
+  std::uint32_t triggerStatus = 0;
+  std::vector<std::wstring> raised;
+  std::optional<std::int32_t> lockdownMode = 0;
+  std::int32_t lockdownResult = 0;
+  Platform::ErrorCode libraryError = 0;
+};
+
+}  // namespace Vx::Simulator

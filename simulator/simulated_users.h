@@ -1,0 +1,89 @@
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "platform/environment.h"
+#include "platform/sessions.h"
+#include "simulator/timeline.h"
+
+namespace Vx::Simulator {
+
+struct SimulatedUser {
+  std::wstring name;
+  std::wstring domain;
+  std::wstring sid;
+  std::wstring profile;  // folder; it need not exist
+};
+
+// The users of a simulated machine and the console that they log on to. At first the console shows
+// the logon screen of session 1. Tokens are handles of real, unnamed kernel objects, so that
+// whoever owns one may close it. Any thread.
+class SimulatedUsers final : public Platform::Sessions, public Platform::Environment {
+ public:
+  explicit SimulatedUsers(Timeline& log) : timeline(log) {}
+
+  // Makes the user when there is none of this name ("PC\name", profile "C:\Users\name").
+  SimulatedUser Add(const std::wstring& name);
+
+  // The user of this name becomes the one at the console.
+  void LogOn(const std::wstring& name);
+
+  // Back to the logon screen, in a new session. Nothing when nobody is signed in.
+  void LogOff();
+
+  // No session is at the console (0xFFFFFFFF), as between two of them. LogOn ends it.
+  void DetachConsole();
+
+  std::optional<SimulatedUser> AtConsole() const;
+
+  // Whom the calling thread acts as; empty: the service itself.
+  std::optional<SimulatedUser> Acting() const;
+
+  // Whose token it is; empty for null, for the system's and for what is no token.
+  std::optional<SimulatedUser> UserOf(Platform::RawHandle token) const;
+  std::optional<SimulatedUser> Find(const std::wstring& name) const;
+
+  // A token of the user of this name, or, for an empty one, of the system itself.
+  Platform::Result<Platform::UniqueHandle> TokenOf(const std::wstring& name) const;
+
+  std::uint32_t ActiveConsoleSession() const override;
+  Platform::Result<Platform::UniqueHandle> QueryUserToken(std::uint32_t session) const override;
+  Platform::Result<Platform::UniqueHandle> DuplicateUserToken(
+      Platform::RawHandle token, Platform::TokenType type) const override;
+  Platform::Result<std::wstring> QueryText(std::uint32_t session,
+                                           Platform::SessionText what) const override;
+  Platform::ErrorCode Impersonate(Platform::RawHandle token) override;
+  Platform::ErrorCode Revert() override;
+  Platform::Result<bool> ProcessIsLocalSystem() const override { return true; }
+
+  Platform::Result<std::wstring> Expand(const std::wstring& text,
+                                        std::size_t maxChars) const override;
+  Platform::Result<std::wstring> ExpandForUser(Platform::RawHandle token, const std::wstring& text,
+                                               std::size_t maxChars) const override;
+  Platform::Result<std::vector<wchar_t>> Block(Platform::RawHandle token) const override;
+
+ private:
+  using Variables = std::vector<std::pair<std::wstring, std::wstring>>;
+
+  static constexpr wchar_t kSystem[] = L"";  // the name that the system's own tokens carry
+
+  static Variables VariablesOf(const SimulatedUser& user);
+  Platform::Result<Platform::UniqueHandle> MakeToken(const std::wstring& owner) const;
+  SimulatedUser AddLocked(const std::wstring& name);
+
+  Timeline& timeline;
+  mutable std::mutex mutex;  // guards what follows
+  std::map<std::wstring, SimulatedUser> users;
+  std::optional<std::uint32_t> console = 1;
+  std::uint32_t lastSession = 1;
+  std::wstring atConsole;  // empty: nobody
+  mutable std::map<Platform::RawHandle, std::wstring> tokens;
+  std::map<std::uint32_t, std::wstring> acting;  // thread id to user
+};
+
+}  // namespace Vx::Simulator
