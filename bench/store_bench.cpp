@@ -163,6 +163,7 @@ void BareThreadsAndParses(std::size_t count, const std::wstring& list) {
   std::vector<Platform::UniqueHandle> threads;
   for (std::size_t i = 0; i < count; ++i) {
     threads.emplace_back(
+        // NOLINTNEXTLINE(performance-no-int-to-ptr): the C runtime gives a handle as a number
         reinterpret_cast<HANDLE>(_beginthreadex(nullptr, 0, &Nothing, nullptr, 0, nullptr)));
   }
   for (const auto& thread : threads) WaitForSingleObject(thread.get(), INFINITE);

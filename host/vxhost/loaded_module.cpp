@@ -32,8 +32,8 @@ Answer ServiceSession::Execute(std::uint32_t id, const std::wstring& request,
   return answer;
 }
 
-void LoadedModule::Unloader::operator()(void* module) const noexcept {
-  FreeLibrary(static_cast<HMODULE>(module));
+void LoadedModule::Unloader::operator()(void* loaded) const noexcept {
+  FreeLibrary(static_cast<HMODULE>(loaded));
 }
 
 LoadedModule::LoadedModule(const std::wstring& fullPath)

@@ -21,8 +21,10 @@ LONG CALLBACK TakeDebugOutput(EXCEPTION_POINTERS* exception) {
   const EXCEPTION_RECORD& record = *exception->ExceptionRecord;
   std::wstring text;
   if (record.ExceptionCode == kWideDebugOutput && record.NumberParameters >= 2) {
+    // NOLINTNEXTLINE(performance-no-int-to-ptr): an exception carries pointers as numbers
     text = reinterpret_cast<const wchar_t*>(record.ExceptionInformation[1]);
   } else if (record.ExceptionCode == kNarrowDebugOutput && record.NumberParameters >= 2) {
+    // NOLINTNEXTLINE(performance-no-int-to-ptr): likewise
     const auto* narrow = reinterpret_cast<const char*>(record.ExceptionInformation[1]);
     text.resize(static_cast<std::size_t>(MultiByteToWideChar(CP_ACP, 0, narrow, -1, nullptr, 0)));
     MultiByteToWideChar(CP_ACP, 0, narrow, -1, text.data(), static_cast<int>(text.size()));

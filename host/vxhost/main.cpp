@@ -136,7 +136,7 @@ int Fail(const std::string& why) {
 }  // namespace
 
 int main() {
-  SetConsoleOutputCP(CP_UTF8);
+  static_cast<void>(SetConsoleOutputCP(CP_UTF8));  // a console of another kind shows what it can
   try {
     return CommandLine().Execute(Arguments());
   } catch (const winrt::hresult_error& error) {
