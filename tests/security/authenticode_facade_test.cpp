@@ -157,12 +157,14 @@ TEST(Explain, TellsTheStepsOfTheDecisionAndEndsWithTheVerdict) {
   } kCases[] = {
       {L"pinned.exe",
        PlacedIn::ProgramFiles,
+       // NOLINTNEXTLINE(bugprone-suspicious-missing-comma): one long line
        {L"+ embedded signature of \"Vx Test Pinned\" issued by \"Vx Test Authority\": 0x00000000 "
         L"(verified), key pinned",
         L"+ one signature is accepted by Windows", L"+ one signature was made with a pinned key",
         L"+ lies below C:\\Program Files\\", L"+ trusted"}},
       {L"general.exe",
        PlacedIn::ProgramFiles,
+       // NOLINTNEXTLINE(bugprone-suspicious-missing-comma): one long line
        {L"- embedded signature of \"Vx Test General\" issued by \"Vx Test Authority\": 0x00000000 "
         L"(verified), key not pinned",
         L"+ one signature is accepted by Windows", L"- one signature was made with a pinned key",

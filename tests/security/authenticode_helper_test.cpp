@@ -47,6 +47,7 @@ class AuthenticodeHelperTest : public testing::Test {
 
 std::vector<std::string> Keys(const std::vector<SignatureRecord>& records) {
   std::vector<std::string> keys;
+  keys.reserve(records.size());
   for (const auto& record : records) keys.push_back(record.public_key);
   return keys;
 }

@@ -8,7 +8,6 @@ namespace Vx::Tessel::Security {
 namespace {
 
 using testing::ElementsAre;
-using testing::IsEmpty;
 
 // A key of the right form; `fill` is a byte of its modulus.
 std::string Key(const std::string& fill = "ab") {
@@ -24,7 +23,7 @@ std::string Replaced(std::size_t position, const std::string& with) {
 TEST(FormatPublicKey, WritesTwoLowerCaseDigitsAByteWithSingleBlanksBetween) {
   static constexpr struct {
     std::initializer_list<unsigned char> bytes;
-    const char* text;
+    const char* text = "";
   } kCases[] = {{{}, ""}, {{0x00}, "00"}, {{0x30, 0x82, 0x0A, 0xFF}, "30 82 0a ff"}};
   for (const auto& c : kCases) {
     EXPECT_EQ(FormatPublicKey(std::as_bytes(std::span(c.bytes.begin(), c.bytes.size()))), c.text);
