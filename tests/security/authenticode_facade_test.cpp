@@ -149,6 +149,11 @@ TEST(PublicKeysOf, ListsTheKeysInTheFormInWhichTheyArePinned) {
               ElementsAreArray(general));
 }
 
+std::wstring Verified(const wchar_t* signer) {
+  return L"embedded signature of \"" + std::wstring(signer) +
+         L"\" issued by \"Vx Test Authority\": 0x00000000 (verified), key ";
+}
+
 TEST(Explain, TellsTheStepsOfTheDecisionAndEndsWithTheVerdict) {
   const struct {
     const wchar_t* file;
@@ -157,16 +162,12 @@ TEST(Explain, TellsTheStepsOfTheDecisionAndEndsWithTheVerdict) {
   } kCases[] = {
       {L"pinned.exe",
        PlacedIn::ProgramFiles,
-       // NOLINTNEXTLINE(bugprone-suspicious-missing-comma): one long line
-       {L"+ embedded signature of \"Vx Test Pinned\" issued by \"Vx Test Authority\": 0x00000000 "
-        L"(verified), key pinned",
-        L"+ one signature is accepted by Windows", L"+ one signature was made with a pinned key",
-        L"+ lies below C:\\Program Files\\", L"+ trusted"}},
+       {L"+ " + Verified(L"Vx Test Pinned") + L"pinned", L"+ one signature is accepted by Windows",
+        L"+ one signature was made with a pinned key", L"+ lies below C:\\Program Files\\",
+        L"+ trusted"}},
       {L"general.exe",
        PlacedIn::ProgramFiles,
-       // NOLINTNEXTLINE(bugprone-suspicious-missing-comma): one long line
-       {L"- embedded signature of \"Vx Test General\" issued by \"Vx Test Authority\": 0x00000000 "
-        L"(verified), key not pinned",
+       {L"- " + Verified(L"Vx Test General") + L"not pinned",
         L"+ one signature is accepted by Windows", L"- one signature was made with a pinned key",
         L"- its place was not looked at", L"- not trusted"}},
       {L"tampered.exe",
