@@ -1,0 +1,45 @@
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <string>
+
+#include "security/client_information.h"
+#include "security/exemption_white_list.h"
+#include "security/manifest_check_criteria.h"
+#include "security/tessel_access_manager.h"
+
+// The exemption classes as a program uses them that has nothing but their headers and the module.
+
+namespace Vx::Tessel::Security {
+
+namespace {
+
+TEST(ExportedExemptionCheck, AnswersAcrossTheModuleBoundary) {
+  const auto uwp = std::make_shared<Server::Uwp::UwpInformation>(
+      L"7C3B9E40.VxVeilo", L"7C3B9E40.VxVeilo_r4x2m8kq7tn3b", std::uint16_t{2}, std::uint16_t{0});
+  const auto win32 = std::make_shared<Server::Win32::Win32Information>(
+      L"HotKeyServiceUWP", std::uint16_t{8}, std::uint16_t{10});
+  TesselAccessManager manager;
+  manager.SetUwpChecker(std::make_shared<UwpWithNoVxManifestCheckBasedOnMajorAndMinorVersion>(
+      UwpWithNoVxManifestExemptionWhiteList::GetExemption(), uwp));
+  manager.SetWin32Checker(std::make_shared<Win32WithNoVxManifestCheckBasedOnMajorAndMinorVersion>(
+      Win32WithNoVxManifestExemptionWhiteList::GetExemption(), win32));
+  EXPECT_TRUE(manager.IsUwpExempt());
+  EXPECT_FALSE(manager.IsWin32Exempt());
+  EXPECT_EQ(win32->executableName, L"hotkeyserviceuwp");
+}
+
+TEST(ExportedExemptionCheck, ThrowsAcrossTheModuleBoundary) {
+  TesselAccessManager manager;
+  std::string message;
+  try {
+    manager.IsWin32Exempt();
+  } catch (const tessel_access_exception& error) {
+    message = error.what();
+  }
+  EXPECT_EQ(message, "The Behavior was not defined. A call to SetWin32Checker must be done.");
+}
+
+}  // namespace
+
+}  // namespace Vx::Tessel::Security
