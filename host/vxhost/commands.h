@@ -15,6 +15,7 @@ enum ExitCode : int { kDone = 0, kNotMet = 1, kUnusable = 2 };
 struct Options {
   std::string dll;
   bool privateStore = false;
+  bool simulate = false;
   std::uint32_t id = 0;
   std::string request = "{}";
   std::string caller = "vxhost";

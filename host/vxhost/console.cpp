@@ -80,13 +80,14 @@ void Console::Result(const Answer& answer) {
   Line("   result " + Describe(answer.code));
 }
 
-void Console::Log(const LogLine& line) {
+void Console::Log(const LogLine& line, const std::wstring& moment) {
   if (form == LogForm::Json) {
     Line(Utf8(JsonLine(line)));
     return;
   }
   const std::string caller = line.caller.empty() ? "" : " [" + Utf8(line.caller) + "]";
-  const std::string text = "   log " + Utf8(line.level) + caller + ": " + Utf8(line.message);
+  const std::string text =
+      "   " + Utf8(moment) + "log " + Utf8(line.level) + caller + ": " + Utf8(line.message);
   Line(coloured ? Colour(line.level) + text + "\x1b[0m" : text);
 }
 

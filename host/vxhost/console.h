@@ -20,7 +20,8 @@ class Console {
   void Line(const std::string& text);
   void Request(std::uint32_t id, const std::wstring& request);
   void Result(const Answer& answer);
-  void Log(const LogLine& line);
+  // `moment` is shown in front of the line, if it is not empty.
+  void Log(const LogLine& line, const std::wstring& moment = {});
   void Failure(const std::string& text);
 
  private:

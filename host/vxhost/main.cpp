@@ -37,9 +37,13 @@ class CommandLine {
     app.footer(kFooter);
     app.require_subcommand(1);
     app.fallthrough();
+    app.allow_windows_style_options(false);  // a path may begin with a slash
     app.add_option("--dll", options.dll, "the module (default: OrvaneService.dll beside vxhost)");
     app.add_flag("--private-store", options.privateStore,
                  "keep stored values in a folder of this run");
+    app.add_flag("--simulate", options.simulate,
+                 "exec, scenario, events: play on a simulated machine, with the service that is\n"
+                 "built into vxhost and a store of this run");
     AddModuleCommands();
     AddStoreCommands();
     AddTrustCommands();

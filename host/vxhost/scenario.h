@@ -8,12 +8,18 @@
 #include "host/vxhost/console.h"
 #include "host/vxhost/loaded_module.h"
 
+namespace Vx::Simulator {
+class SimulatedMachine;
+}  // namespace Vx::Simulator
+
 namespace Vx::Host {
 
-// Keeps the log lines that have come, for expectations. Any thread.
+// Keeps the log lines that have come, and what happened on a simulated machine, for expectations.
+// Any thread.
 class LogRecorder {
  public:
   void Add(const LogLine& line);
+  void AddEvent(const std::wstring& text);
 
   // Forgets what came before: expectations look at what a step itself brought about.
   void Clear();
@@ -21,9 +27,13 @@ class LogRecorder {
   // Waits up to `seconds` for a line that contains `text`.
   bool WaitFor(const std::wstring& text, int seconds) const;
 
+  // Whether an event whose text holds `text` has come.
+  bool Happened(const std::wstring& text) const;
+
  private:
   mutable std::mutex lock;
   std::vector<std::wstring> messages;
+  std::vector<std::wstring> events;
 };
 
 // What a scenario plays against: a service, and where its log lines can be seen.
@@ -31,6 +41,7 @@ struct Stage {
   ServiceSession& session;
   LogRecorder& log;
   Console& console;
+  Simulator::SimulatedMachine* machine;  // null: the real one
 };
 
 // Plays a scenario: a JSON document {"steps": [...]}, each step an object with one of
@@ -41,6 +52,8 @@ struct Stage {
 //   "copy": {"from", "to"}, "remove": path, "run": path, "arguments": text (a program that is
 //   ended with the scenario)
 //   "waitFor": {"file", "contains", "seconds", "quiet"} (quiet: the content is not shown)
+// and, on a simulated machine, what machine_steps.h tells, with "expect": {"event": text}. The
+// parts of a step are played in this order: changes of the machine, the call, time, expectations.
 // In every text ${NAME} stands for a definition. Steps after a failed one are still played, but for
 // a scenario that cannot be read nothing is. Answers whether everything that was expected happened.
 // Throws std::runtime_error when the file is no scenario.

@@ -1,0 +1,125 @@
+#include "host/vxhost/machine_steps.h"
+
+#include <algorithm>
+#include <chrono>
+#include <iterator>
+#include <stdexcept>
+
+#include "host/vxhost/text.h"
+
+namespace Vx::Host {
+
+namespace {
+
+using Json::WideValue;
+using Simulator::SimulatedMachine;
+using std::chrono::seconds;
+
+constexpr wchar_t kAdvance[] = L"advance";
+constexpr int kUninstallLength = 1;  // seconds
+
+// The value of a step, and what it changes.
+struct Change {
+  const WideValue& value;
+  const Expander& expand;
+  SimulatedMachine& machine;
+
+  const WideValue* Find(const wchar_t* key) const {
+    const auto found = value.FindMember(key);
+    return found == value.MemberEnd() ? nullptr : &found->value;
+  }
+  std::wstring Text(const wchar_t* key) const {
+    const WideValue* member = Find(key);
+    if (member == nullptr) throw std::runtime_error("a step lacks \"" + Utf8(key) + "\"");
+    return expand(*member);
+  }
+};
+
+void EndOobe(const Change& change) {
+  SimulatedMachine& machine = change.machine;
+  machine.system.EndOobeAt(machine.clock.Elapsed() + seconds(change.value.GetInt()));
+}
+
+void LogOn(const Change& change) {
+  change.machine.users.LogOn(change.expand(change.value));
+}
+
+void LogOff(const Change& change) {
+  change.machine.users.LogOff();
+}
+
+void Install(const Change& change) {
+  const Simulator::SimulatedPackage package{
+      .familyName = change.Text(L"family"), .fullName = change.Text(L"fullName"), .folder = {}};
+  if (change.Find(L"user") == nullptr) {
+    change.machine.packages.Stage(package);
+    return;
+  }
+  change.machine.packages.Install(package, change.machine.users.Add(change.Text(L"user")).name);
+}
+
+void Uninstall(const Change& change) {
+  const WideValue* length = change.Find(L"seconds");
+  change.machine.packages.Uninstall(
+      change.Text(L"family"), change.Text(L"user"),
+      seconds(length == nullptr ? kUninstallLength : length->GetInt()));
+}
+
+void SetAppServiceStatus(const Change& change) {
+  change.machine.appServices.SetReplies({}, {change.value.GetInt(), L""});
+}
+
+void SetRegistry(const Change& change) {
+  change.machine.registry.SetText(change.Text(L"key"), change.Text(L"value"), change.Text(L"text"));
+}
+
+void AddFile(const Change& change) {
+  change.machine.files.Add(change.Text(L"path"), Utf8(change.Text(L"text")));
+}
+
+void SetLockdownMode(const Change& change) {
+  change.machine.system.SetLockdownMode(change.value.GetInt());
+}
+
+void SleepFor(const Change& change) {
+  change.machine.SleepFor(seconds(change.value.GetInt()));
+}
+
+// In the order in which the changes of one step are made.
+constexpr struct {
+  const wchar_t* key;
+  void (*make)(const Change&);
+} kChanges[] = {
+    {L"asleep", &SleepFor},
+    {L"oobeEndsAfter", &EndOobe},
+    {L"registry", &SetRegistry},
+    {L"file", &AddFile},
+    {L"lockdownMode", &SetLockdownMode},
+    {L"appServiceStatus", &SetAppServiceStatus},
+    {L"logOff", &LogOff},
+    {L"logOn", &LogOn},
+    {L"install", &Install},
+    {L"uninstall", &Uninstall},
+};
+
+}  // namespace
+
+bool IsMachineStep(const std::wstring& key) {
+  return key == kAdvance || std::any_of(std::begin(kChanges), std::end(kChanges),
+                                        [&key](const auto& change) { return key == change.key; });
+}
+
+void ChangeMachine(const WideValue& step, const Expander& expand, SimulatedMachine& machine) {
+  for (const auto& change : kChanges) {
+    const auto found = step.FindMember(change.key);
+    if (found != step.MemberEnd()) change.make({found->value, expand, machine});
+  }
+}
+
+void PassTime(const WideValue& step, SimulatedMachine& machine) {
+  const auto found = step.FindMember(kAdvance);
+  if (found != step.MemberEnd()) machine.clock.Advance(seconds(found->value.GetInt()));
+  machine.clock.Settle();
+}
+
+}  // namespace Vx::Host
