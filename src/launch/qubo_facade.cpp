@@ -34,8 +34,8 @@ constexpr wchar_t kImpersonationFailed[] = L"Problem while impersonating logged 
 constexpr wchar_t kRevertFailed[] =
     L"Problem while reverting the impersonation while collecting data to register UWP.";
 constexpr wchar_t kNoQuboName[] =
-    L"Attempt to get package full package name for Qubo failed. Trying LumoS.";
-constexpr wchar_t kNoLumoName[] = L"Attempt to get package full package name for LumoS failed.";
+    L"Attempt to get full package full name for Qubo failed. Trying LumoS.";
+constexpr wchar_t kNoLumoName[] = L"Attempt to get full package full name for LumoS failed.";
 constexpr wchar_t kCheckingRegistration[] = L"Checking if UWP needs to be registered for %s";
 constexpr wchar_t kRegistering[] = L"Need to enforce the registration of the UWP.";
 constexpr wchar_t kNoNeedToRegister[] = L"No need to register the UWP.";

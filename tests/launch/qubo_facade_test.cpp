@@ -241,9 +241,8 @@ TEST_F(QuboFacadeTest, AnswersTheConsoleUserAsDomainAndName) {
 
 TEST_F(QuboFacadeTest, NamesTheNewerPackageAndElseTheOlder) {
   constexpr wchar_t kTrying[] =
-      L"warning|Attempt to get package full package name for Qubo failed. Trying LumoS.";
-  constexpr wchar_t kFailed[] =
-      L"warning|Attempt to get package full package name for LumoS failed.";
+      L"warning|Attempt to get full package full name for Qubo failed. Trying LumoS.";
+  constexpr wchar_t kFailed[] = L"warning|Attempt to get full package full name for LumoS failed.";
   constexpr wchar_t kActing[] = L"info|Attempting to impersonate logged in user.";
   std::wstring fullName;
   EXPECT_TRUE(QuboFacade().GetPackageFullName(fullName));
