@@ -52,16 +52,16 @@ void RatioTable::Compare(const std::string& name, const std::string& against, do
   std::vector<double> ourBatches;
   std::vector<double> theirBatches;
   for (int batch = brief ? 0 : -1; batch < batches; ++batch) {  // batch -1 warms up
-    double ourTime = 0;
-    double theirTime = 0;
+    std::vector<double> ourTurns;
+    std::vector<double> theirTurns;
     for (int turn = 0; turn < turns; ++turn) {
-      ourTime += TimeTurn(count, ours);
-      theirTime += TimeTurn(count, theirs);
+      ourTurns.push_back(TimeTurn(count, ours));
+      theirTurns.push_back(TimeTurn(count, theirs));
     }
     if (batch < 0) continue;
-    const double operations = static_cast<double>(count) * turns;
-    ourBatches.push_back(ourTime / operations);
-    theirBatches.push_back(theirTime / operations);
+    // A turn during which the processor was taken away must not weigh on its batch.
+    ourBatches.push_back(Median(std::move(ourTurns)) / static_cast<double>(count));
+    theirBatches.push_back(Median(std::move(theirTurns)) / static_cast<double>(count));
   }
   Row row{.name = name, .against = against, .goal = goal};
   row.ours = Median(std::move(ourBatches));

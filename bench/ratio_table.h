@@ -30,8 +30,8 @@ struct Figure {
 // Measures pairs and prints them.
 //
 // A pair is timed in turns, in one process: some operations of A, the same number of B, and so on,
-// so that whatever the machine does meanwhile falls on both. A batch's figure is its mean; the
-// ratio is that of the medians over the batches.
+// so that whatever the machine does meanwhile falls on both. A batch's figure is the median of
+// its turns, the ratio that of the medians over the batches.
 class RatioTable {
  public:
   explicit RatioTable(Effort howLong) : effort(howLong) {}

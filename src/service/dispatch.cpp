@@ -2,11 +2,11 @@
 
 #include <algorithm>
 #include <cstdlib>
-#include <cwchar>
 #include <exception>
 #include <iterator>
 #include <new>
 #include <string>
+#include <string_view>
 
 #include "bod/set_born_on_date.h"
 #include "events/package_event_manager.h"
@@ -34,7 +34,7 @@ constexpr wchar_t kPackageRuntimeError[] =
 constexpr wchar_t kPackageFailed[] = L"OrvaneService - RegisterAppPacakgeEvent threw %S";
 constexpr wchar_t kThrew[] = L"%S.%S threw exception %S";
 constexpr wchar_t kThrewRuntimeError[] = L"%S.%S threw hresult_error: Message: %s, Code: %i";
-constexpr wchar_t kProblem[] = L"%S.%S - function id %u: %s %s (result 0x%08x)";
+constexpr wchar_t kProblem[] = L"%S.%S - function id %u: %s %s%s (result 0x%08x)";
 constexpr wchar_t kResponseTooLong[] = L"a response has more than 65,536 characters";
 
 constexpr const char* kClass = Platform::TypeName<OrvaneService>();
@@ -87,7 +87,7 @@ RequestProblem ProblemOf(const winrt::hresult_error& error) {
     case kUnknownAction:
       return {L"catalogAction", L"is unknown"};
     default:
-      return {L"request", L"failed: " + error.message()};
+      return {L"request", L"failed: ", error.message()};
   }
 }
 
@@ -241,8 +241,8 @@ std::uint32_t Execute(OrvaneService& service, std::uint32_t id, const wchar_t* r
   Json::InlineDocument<kRequestPool> document;
   Json::InlineDocument<kResponsePool> answer;
   const Command& command = CommandOf(id);
-  const std::size_t length = wcsnlen(request, kMaxRequestLength + 1);
-  const bool valid = length <= kMaxRequestLength && Json::ParseJson(*document, {request, length});
+  const std::wstring_view text(request);
+  const bool valid = text.size() <= kMaxRequestLength && Json::ParseJson(*document, text);
   if (!valid && command.badJson == BadJson::Refused) {
     *caller.problem = {L"message", L"is not valid JSON"};
     return kInvalidRequest;
@@ -290,10 +290,12 @@ std::uint32_t Dispatch(OrvaneService& service, const ClientContext* context, std
     log.LogError(kNoMemory);
     result = kFailed;
   }
-  if (result != kSuccess || !problem.key.empty()) {
-    const bool known = !problem.key.empty();
-    log.LogError(kProblem, kClass, kExecuteCommand, id, known ? problem.key.c_str() : L"request",
-                 known ? problem.what.c_str() : L"could not be carried out", result);
+  if (result != kSuccess && problem.key == nullptr) {
+    problem = {L"request", L"could not be carried out"};
+  }
+  if (problem.key != nullptr) {
+    log.LogError(kProblem, kClass, kExecuteCommand, id, problem.key, problem.what,
+                 problem.detail.c_str(), result);
   }
   return result;
 }

@@ -12,11 +12,12 @@ namespace Vx::Tessel::Server::Services::Orvane {
 
 class OrvaneService;
 
-// What was wrong with a request, for the one log line that explains a refused one; both texts are
-// empty while nothing is known to be wrong.
+// What was wrong with a request, for the one log line that explains a refused one. Refusing costs
+// no allocation: the first two are constants of the program.
 struct RequestProblem {
-  std::wstring key;   // the member or argument
-  std::wstring what;  // continues the sentence that the key begins
+  const wchar_t* key = nullptr;  // the member or argument; null while nothing is known to be wrong
+  const wchar_t* what = L"";     // continues the sentence that the key begins
+  std::wstring detail = {};      // ends it
 };
 
 // On whose behalf an accessor reads, and what its log lines begin with.

@@ -53,7 +53,7 @@ std::uint32_t LaunchWithParameter(const Json::WideDocument* request, Json::WideD
     RequestProblem problem;
     const RequestCaller reader{caller.clientId, &problem, caller.className};
     const std::wstring parameter = LaunchQuboWithParameterRequest(request, reader);
-    if (!problem.key.empty()) {
+    if (problem.key != nullptr) {
       Log(caller).LogError(kParameterUnreadable, kNoParameter);
       if (caller.problem != nullptr) *caller.problem = problem;
       return kFailed;
