@@ -120,9 +120,7 @@ int Validate(const Options& options, Console& console) {
   try {
     Check(Json::JsonObject::Parse(TextOrFile(options.request)), report);
   } catch (const winrt::hresult_error& error) {
-    report.Bad(error.code() == kUnknownAction
-                   ? "the action is neither 1 (start a program) nor 2 (send a message)"
-                   : Utf8(error.message()));
+    report.Bad(Utf8(error.message()));
   }
   console.Line(report.Runs() ? "It can run." : "It would never run.");
   return report.Runs() ? kDone : kNotMet;

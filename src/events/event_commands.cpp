@@ -18,6 +18,9 @@ constexpr wchar_t kLaunching[] =
     L"LaunchedCommand::Execute attempting to launch \"%s\" with args \"%s\"";
 constexpr wchar_t kLaunched[] = L"LaunchCommand::Execute returned with result %i and PID %u";
 
+constexpr wchar_t kNoSuchAction[] =
+    L"the action is neither 1 (start a program) nor 2 (send a message)";
+
 constexpr wchar_t kDelayKey[] = L"delayDeliverySec";
 constexpr wchar_t kNoDelay[] = L"0";
 
@@ -79,7 +82,7 @@ EventCommandPtr CreateEventCommand(EventAction action, const Json::JsonObject& p
     case EventAction::AppServiceNotification:
       return Make<AppServiceNotificationCommand>(parameters);
   }
-  throw winrt::hresult_error(kUnknownAction);
+  throw winrt::hresult_error(kUnknownAction, kNoSuchAction);
 }
 
 }  // namespace Vx::Tessel::Server::Services::Orvane

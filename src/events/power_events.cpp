@@ -28,6 +28,8 @@ constexpr DeliveryTexts kTexts = {
     .unregisterRuntimeError =
         L"OrvaneService - UnregisterPowerEvent threw hresult_error: Message: %s, Code: %i",
     .unregisterFailed = L"OrvaneService - UnregisterPowerEvent threw %S",
+    .unregisterUnknown =
+        L"OrvaneService - UnregisterPowerEvent: no stored subscription has exactly this text: %s",
 };
 
 constexpr DeliveryKind kKind = {

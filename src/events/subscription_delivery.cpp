@@ -168,7 +168,13 @@ int RegisterSubscription(const DeliveryKind& kind, const std::wstring& request) 
 
 int UnregisterSubscription(const DeliveryKind& kind, const std::wstring& request) noexcept {
   return ChangeList(kind, kind.texts.unregisterRuntimeError, kind.texts.unregisterFailed,
-                    [&](RequestManager& manager) { manager.RemoveRequest(request); });
+                    [&](RequestManager& manager) {
+                      const std::wstring before = manager.StoredRequests();
+                      manager.RemoveRequest(request);
+                      if (manager.StoredRequests() != before) return;
+                      LogManager::GetLogger()->LogWarning(kind.texts.unregisterUnknown,
+                                                          request.c_str());
+                    });
 }
 
 void FulfillSubscriptions(const DeliveryKind& kind, DeliveryHandler handler,

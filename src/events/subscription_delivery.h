@@ -53,6 +53,7 @@ struct DeliveryTexts {
   const wchar_t* registerFailed;
   const wchar_t* unregisterRuntimeError;
   const wchar_t* unregisterFailed;
+  const wchar_t* unregisterUnknown;
 };
 
 // All that tells one kind of subscription from another. Outlives every worker: a constant.

@@ -33,6 +33,8 @@ constexpr DeliveryTexts kTexts = {
     .unregisterRuntimeError =
         L"OrvaneService - UnregisterZephraEvent threw hresult_error: Message: %s, Code: %i",
     .unregisterFailed = L"OrvaneService - UnregisterZephraEvent threw %S",
+    .unregisterUnknown =
+        L"OrvaneService - UnregisterZephraEvent: no stored subscription has exactly this text: %s",
 };
 
 constexpr DeliveryKind kKind = {

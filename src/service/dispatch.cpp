@@ -10,6 +10,8 @@
 
 #include "bod/set_born_on_date.h"
 #include "events/package_event_manager.h"
+#include "events/power_events.h"
+#include "events/zephra_events.h"
 #include "host/logging.h"
 #include "json/json_text.h"
 #include "platform/hresult_error.h"
@@ -114,6 +116,19 @@ std::uint32_t OnText(const Call& call) {
   return static_cast<std::uint32_t>((call.service.*Operation)(call.text, call.caller.clientId));
 }
 
+// Wraps a registration. A subscription is stored as it came, so what keeps one from ever running
+// changes nothing for the client; the log tells it now, not first when the event comes.
+template <int (OrvaneService::*Operation)(const wchar_t*, const wchar_t*), typename Request>
+std::uint32_t Subscribe(const Call& call) {
+  const std::uint32_t result = OnText<Operation>(call);
+  try {
+    const Request readable(call.text);
+  } catch (const winrt::hresult_error& error) {
+    *call.caller.problem = {L"request", L"will never run: ", error.message()};
+  }
+  return result;
+}
+
 // Wraps a query that only answers.
 template <std::uint32_t (*Query)(Json::WideDocument*, const RequestCaller&)>
 std::uint32_t Answering(const Call& call) {
@@ -147,12 +162,14 @@ constexpr Command kCommands[] = {
     {6, SessionApi::NotNeeded, BadJson::Refused, &Asking<IsUwpInstalled>},
     {7, SessionApi::NotNeeded, BadJson::Refused, &RegisterPackageEvent},
     {8, SessionApi::Needed, BadJson::Ignored, &Answering<CopyRegistration>},
-    {9, SessionApi::NotNeeded, BadJson::Refused, &OnText<&OrvaneService::RegisterPowerEvent>},
+    {9, SessionApi::NotNeeded, BadJson::Refused,
+     &Subscribe<&OrvaneService::RegisterPowerEvent, SubscribeForPowerEventRequest>},
     {10, SessionApi::Needed, BadJson::Ignored, &Answering<LaunchAfterResume>},
     {11, SessionApi::Needed, BadJson::Ignored, &Answering<LaunchCompanionApp>},
     {12, SessionApi::NotNeeded, BadJson::Ignored, &Answering<GetExecutedMcAfeeStub>},
     {13, SessionApi::Needed, BadJson::Refused, &WriteStubFlag},
-    {14, SessionApi::NotNeeded, BadJson::Refused, &OnText<&OrvaneService::RegisterZephraEvent>},
+    {14, SessionApi::NotNeeded, BadJson::Refused,
+     &Subscribe<&OrvaneService::RegisterZephraEvent, SubscribeForZephraEventRequest>},
     {15, SessionApi::NotNeeded, BadJson::Refused, &OnText<&OrvaneService::UnregisterZephraEvent>},
     {16, SessionApi::NotNeeded, BadJson::Refused, &OnText<&OrvaneService::OnPolicyChangedEvent>},
     {17, SessionApi::Needed, BadJson::Refused, &Asking<LaunchWithParameter>},

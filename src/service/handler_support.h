@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "host/logging.h"
+#include "json/utf8.h"
 #include "service/json_request.h"
 #include "service/result_codes.h"
 
@@ -27,6 +28,9 @@ std::uint32_t Answer(const char* operation, const RequestCaller& caller, Body&& 
     return std::forward<Body>(body)();
   } catch (const std::exception& error) {
     Log(caller).LogError(kHandlerThrew, caller.className, operation, error.what());
+    if (caller.problem != nullptr) {
+      *caller.problem = {L"request", L"failed: ", Json::ToWide(error.what())};
+    }
     return kFailed;
   }
 }

@@ -31,6 +31,8 @@ constexpr wchar_t kUnexpectedElement[] = L"Unexpected JSON array element";
 constexpr wchar_t kRegisterFailed[] =
     L"RegisterExistingRequests - failed to register request. HRESULT: %i";
 
+constexpr wchar_t kStoredAlready[] = L"the same subscription, the delay apart, is stored already";
+
 constexpr winrt::hresult kAlreadySubscribed = 1;
 constexpr auto kFail = static_cast<winrt::hresult>(0x80004005);
 constexpr auto kOutOfMemory = static_cast<winrt::hresult>(0x8007000E);
@@ -101,7 +103,7 @@ void RequestManager::PersistRequest(std::wstring_view request) {
   const Edit edit = [&](const std::wstring& list) -> std::optional<std::wstring> {
     try {
       std::optional<std::wstring> longer = Storage::ListWith(list, request);
-      if (!longer) refused.emplace(kAlreadySubscribed);
+      if (!longer) refused.emplace(kAlreadySubscribed, kStoredAlready);
       return longer;
     } catch (const winrt::hresult_error& error) {
       refused.emplace(error);

@@ -366,7 +366,12 @@ TEST_P(DeliveryTest, ReplaysWhatIsStoredUntilItIsRemoved) {
   clock.Settle();
   EXPECT_THAT(services.Sent(), SizeIs(2));
 
+  log.Clear();
   EXPECT_EQ(kind.remove(seven), 0);
+  EXPECT_THAT(log.Lines(), IsEmpty());
+  EXPECT_EQ(kind.remove(seven), 0);
+  EXPECT_TRUE(log.Has(L"warning|OrvaneService - Unregister" + kind.operation +
+                      L": no stored subscription has exactly this text: " + seven));
   kind.fulfill(7);
   clock.Settle();
   EXPECT_THAT(services.Sent(), SizeIs(2));

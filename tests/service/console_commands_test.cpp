@@ -171,7 +171,8 @@ TEST_F(ConsoleCommandsTest, APackageSubscriptionThatIsStoredAlreadyStays) {
   EXPECT_EQ(Execute(7, request.c_str()).result, 0U);
   EXPECT_EQ(Execute(7, request.c_str()).result, 0x20000009U);
   EXPECT_TRUE(log.Has(
-      L"error|OrvaneService - RegisterAppPackageEvent threw hresult_error: Message: , Code: 1"));
+      L"error|OrvaneService - RegisterAppPackageEvent threw hresult_error: Message: the same "
+      L"subscription, the delay apart, is stored already, Code: 1"));
   EXPECT_EQ(StoredPackageRequests(), L"[" + request + L"]");
 }
 

@@ -152,6 +152,11 @@ TEST_F(DispatchTest, EachRefusalSaysWhichIdAndKeyAndWhatWasWrong) {
       {9, nullptr, L"function id 9: message is null (result 0x20000002)"},
       {99, L"{}", L"function id 99: functionId names no command (result 0x20000001)"},
       {6, L"{}", L"function id 6: packageFamilyName is missing (result 0x00000000)"},
+      {9, L"{}",
+       L"function id 9: request will never run: powerEventType is missing (result 0x00000000)"},
+      {14, L"{\"zephraEventType\":\"2\"}",
+       L"function id 14: request will never run: zephraEventType is a value of another type "
+       L"(result 0x00000000)"},
   };
   for (const auto& c : kCases) {
     SCOPED_TRACE(testing::PrintToString(c.line));
@@ -198,6 +203,7 @@ TEST_F(DispatchTest, SubscriptionsThatDoNotFitIntoAResponseAreAFailureWithoutAnA
   EXPECT_TRUE(tooLong.response == L"{}");
   EXPECT_THAT(log.Lines(), Contains(HasSubstr(L"GetSubscriptions threw exception the stored "
                                               L"requests do not fit into a response")));
+  EXPECT_THAT(log.Lines(), Contains(HasSubstr(L"function id 20: request failed: the stored ")));
 }
 
 TEST_F(DispatchTest, TheSleepStateIsWhatAnotherServiceStored) {
