@@ -20,8 +20,10 @@ endif()
 # Paths of this machine stay out of the binaries, so that two checkouts build the same bytes.
 target_compile_options(vx_options INTERFACE -ffile-prefix-map=${PROJECT_SOURCE_DIR}/=)
 
+# Symbols name the folder of the build besides the source; mapped to ".", a resolved line reads
+# "./src/...", whatever the build tree is called.
 if(VX_SYMBOLS)
-  target_compile_options(vx_options INTERFACE -g1)
+  target_compile_options(vx_options INTERFACE -g1 -ffile-prefix-map=${PROJECT_BINARY_DIR}=.)
 endif()
 
 target_compile_definitions(vx_options INTERFACE
