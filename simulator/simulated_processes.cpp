@@ -10,7 +10,6 @@ using Platform::Result;
 
 constexpr Platform::ErrorCode kInvalidParameter = 87;  // ERROR_INVALID_PARAMETER
 constexpr wchar_t kSystem[] = L"SYSTEM";
-constexpr std::uint32_t kNoSession = 0xFFFFFFFF;
 
 // The logon process of the console's session; it is made up when it is asked for.
 constexpr std::uint32_t kLogonId = 600;
@@ -61,7 +60,7 @@ Result<std::uint32_t> SimulatedProcesses::Start(Platform::RawHandle token,
 
 std::vector<std::uint32_t> SimulatedProcesses::Ids(std::size_t limit) const {
   std::vector<std::uint32_t> ids;
-  if (users.ActiveConsoleSession() != kNoSession) ids.push_back(kLogonId);
+  if (users.ActiveConsoleSession() != Platform::kNoSession) ids.push_back(kLogonId);
   const std::lock_guard guard(mutex);
   for (const auto& [id, process] : running) ids.push_back(id);
   ids.resize(std::min(ids.size(), limit));

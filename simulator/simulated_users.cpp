@@ -15,7 +15,6 @@ namespace {
 using Platform::Result;
 using Platform::UniqueHandle;
 
-constexpr std::uint32_t kNoSession = 0xFFFFFFFF;
 constexpr wchar_t kComputer[] = L"PC";
 
 bool SameText(const std::wstring& left, const std::wstring& right) {
@@ -111,7 +110,7 @@ Result<UniqueHandle> SimulatedUsers::MakeToken(const std::wstring& owner) const 
 
 std::uint32_t SimulatedUsers::ActiveConsoleSession() const {
   const std::lock_guard guard(mutex);
-  return console.value_or(kNoSession);
+  return console.value_or(Platform::kNoSession);
 }
 
 Result<UniqueHandle> SimulatedUsers::QueryUserToken(std::uint32_t session) const {

@@ -36,7 +36,7 @@ class SimulatedUsers final : public Platform::Sessions, public Platform::Environ
   // Back to the logon screen, in a new session. Nothing when nobody is signed in.
   void LogOff();
 
-  // No session is at the console (0xFFFFFFFF), as between two of them. LogOn ends it.
+  // No session is at the console (Platform::kNoSession), as between two of them. LogOn ends it.
   void DetachConsole();
 
   std::optional<SimulatedUser> AtConsole() const;

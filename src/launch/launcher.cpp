@@ -46,7 +46,6 @@ constexpr wchar_t kStartFailed[] = L"Problem while creating process as user %d."
 constexpr wchar_t kAliasFolder[] = L"%userprofile%\\AppData\\Local\\Microsoft\\WindowsApps\\";
 constexpr wchar_t kProfile[] = L"%userprofile%";
 
-constexpr std::uint32_t kNoSession = 0xFFFFFFFF;
 constexpr std::size_t kExpandedPathChars = 520;
 
 void LogRevertFailure() {
@@ -68,7 +67,7 @@ Platform::SharedHandle Launcher::GetUserTokenForCurrentUser(TokenType type) cons
   const Platform::Sessions& sessions = *CurrentMachine().sessions;
   const std::uint32_t session = sessions.ActiveConsoleSession();
   logger->LogInfo(kActingAsUser);
-  if (session == kNoSession) {
+  if (session == Platform::kNoSession) {
     logger->LogWarning(kNoConsoleSession);
     return nullptr;
   }

@@ -29,7 +29,6 @@ constexpr wchar_t kImpersonationFailed[] = L"Problem while impersonating logged 
 constexpr wchar_t kExpansionFailed[] = L"Problem while expanding path.";
 constexpr wchar_t kRevertFailed[] = L"Problem while reverting the impersonation.";
 
-constexpr std::uint32_t kNoSession = 0xFFFFFFFF;
 constexpr std::size_t kMaxPath = 520;  // characters with the terminator
 
 void LogRevertFailure() {
@@ -45,7 +44,7 @@ bool McAfeeHelper::expand_path_impersonated_as_loggedin_user(const std::wstring&
   const Platform::Machine& machine = Platform::CurrentMachine();
   logger->LogInfo(kActingAsUser);
   const std::uint32_t session = machine.sessions->ActiveConsoleSession();
-  if (session == kNoSession) {
+  if (session == Platform::kNoSession) {
     logger->LogWarning(kNoConsoleSession);
     return false;
   }

@@ -10,7 +10,6 @@ namespace {
 
 constexpr ErrorCode kCallNotImplemented = 120;  // ERROR_CALL_NOT_IMPLEMENTED
 constexpr ErrorCode kNoToken = 1008;            // ERROR_NO_TOKEN
-constexpr std::uint32_t kNoSession = 0xFFFFFFFF;
 
 }  // namespace
 

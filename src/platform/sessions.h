@@ -9,6 +9,8 @@
 
 namespace Vx::Platform {
 
+inline constexpr std::uint32_t kNoSession = 0xFFFFFFFF;
+
 enum class TokenType { Primary, Impersonation };
 enum class SessionText { UserName, DomainName };
 
@@ -17,7 +19,7 @@ class Sessions {
  public:
   virtual ~Sessions() = default;
 
-  // The session at the console as Windows reports it: 0xFFFFFFFF while there is none.
+  // The session at the console as Windows reports it: kNoSession while there is none.
   virtual std::uint32_t ActiveConsoleSession() const = 0;
 
   // The primary token of the user signed in to `session`.
