@@ -31,7 +31,6 @@ using Bytes = std::vector<std::byte>;
 
 constexpr ErrorCode kDenied = 5;  // ERROR_ACCESS_DENIED
 constexpr auto kDeniedResult = static_cast<std::int32_t>(0x80070005);
-constexpr std::uint32_t kNoSession = 0xFFFFFFFF;
 constexpr int kNotSent = 1;
 constexpr int kTryAgain = 11;  // EAGAIN
 constexpr std::uint32_t kNotImplemented = 0xC0000002;
@@ -363,7 +362,7 @@ class FaultySessions final : public Decorator<Platform::Sessions> {
  public:
   using Decorator::Decorator;
   std::uint32_t ActiveConsoleSession() const override {
-    if (faults.Fails("Sessions.ActiveConsoleSession")) return kNoSession;
+    if (faults.Fails("Sessions.ActiveConsoleSession")) return Platform::kNoSession;
     return inner.ActiveConsoleSession();
   }
   Result<UniqueHandle> QueryUserToken(std::uint32_t session) const override {
@@ -441,67 +440,31 @@ class FaultyTrustProvider final : public Decorator<Platform::TrustProvider> {
 
 }  // namespace
 
-struct FaultInjection::Decorators {
-  Decorators(const Platform::Machine& machine, FaultInjection& faults)
-      : apiSets(*machine.apiSets, faults),
-        appServices(*machine.appServices, faults),
-        clock(*machine.clock, faults),
-        com(*machine.com, faults),
-        dataProtection(*machine.dataProtection, faults),
-        environment(*machine.environment, faults),
-        files(*machine.files, faults),
-        kernelObjects(*machine.kernelObjects, faults),
-        lockdownLibraries(*machine.lockdownLibraries, faults),
-        oobe(*machine.oobe, faults),
-        packages(*machine.packages, faults),
-        processes(*machine.processes, faults),
-        registry(*machine.registry, faults),
-        sessions(*machine.sessions, faults),
-        systemTriggers(*machine.systemTriggers, faults),
-        threads(*machine.threads, faults),
-        trustProvider(*machine.trustProvider, faults) {}
-
-  FaultyApiSets apiSets;
-  FaultyAppServices appServices;
-  FaultyClock clock;
-  FaultyCom com;
-  FaultyDataProtection dataProtection;
-  FaultyEnvironment environment;
-  FaultyFiles files;
-  FaultyKernelObjects kernelObjects;
-  FaultyLockdownLibraries lockdownLibraries;
-  FaultyOobe oobe;
-  FaultyPackages packages;
-  FaultyProcesses processes;
-  FaultyRegistry registry;
-  FaultySessions sessions;
-  FaultySystemTriggers systemTriggers;
-  FaultyThreads threads;
-  FaultyTrustProvider trustProvider;
-};
-
-FaultInjection::FaultInjection() = default;
-FaultInjection::~FaultInjection() = default;
+template <typename Faulty, typename Capability>
+void FaultInjection::Decorate(Capability*& capability) {
+  auto decorator = std::make_shared<Faulty>(*capability, *this);
+  capability = decorator.get();
+  decorators.push_back(std::move(decorator));
+}
 
 void FaultInjection::Install(Platform::Machine& machine) {
-  decorators = std::make_unique<Decorators>(machine, *this);
-  machine.apiSets = &decorators->apiSets;
-  machine.appServices = &decorators->appServices;
-  machine.clock = &decorators->clock;
-  machine.com = &decorators->com;
-  machine.dataProtection = &decorators->dataProtection;
-  machine.environment = &decorators->environment;
-  machine.files = &decorators->files;
-  machine.kernelObjects = &decorators->kernelObjects;
-  machine.lockdownLibraries = &decorators->lockdownLibraries;
-  machine.oobe = &decorators->oobe;
-  machine.packages = &decorators->packages;
-  machine.processes = &decorators->processes;
-  machine.registry = &decorators->registry;
-  machine.sessions = &decorators->sessions;
-  machine.systemTriggers = &decorators->systemTriggers;
-  machine.threads = &decorators->threads;
-  machine.trustProvider = &decorators->trustProvider;
+  Decorate<FaultyApiSets>(machine.apiSets);
+  Decorate<FaultyAppServices>(machine.appServices);
+  Decorate<FaultyClock>(machine.clock);
+  Decorate<FaultyCom>(machine.com);
+  Decorate<FaultyDataProtection>(machine.dataProtection);
+  Decorate<FaultyEnvironment>(machine.environment);
+  Decorate<FaultyFiles>(machine.files);
+  Decorate<FaultyKernelObjects>(machine.kernelObjects);
+  Decorate<FaultyLockdownLibraries>(machine.lockdownLibraries);
+  Decorate<FaultyOobe>(machine.oobe);
+  Decorate<FaultyPackages>(machine.packages);
+  Decorate<FaultyProcesses>(machine.processes);
+  Decorate<FaultyRegistry>(machine.registry);
+  Decorate<FaultySessions>(machine.sessions);
+  Decorate<FaultySystemTriggers>(machine.systemTriggers);
+  Decorate<FaultyThreads>(machine.threads);
+  Decorate<FaultyTrustProvider>(machine.trustProvider);
 }
 
 void FaultInjection::FailCall(std::size_t index) {

@@ -20,10 +20,9 @@ namespace Vx::Simulator {
 // call n does not exist (Calls() is no longer than n). Any thread.
 class FaultInjection {
  public:
-  FaultInjection();
+  FaultInjection() = default;
   FaultInjection(const FaultInjection&) = delete;
   FaultInjection& operator=(const FaultInjection&) = delete;
-  ~FaultInjection();
 
   // Puts decorators over what `machine` names; for the change of a MachineScope. At most once.
   void Install(Platform::Machine& machine);
@@ -44,7 +43,8 @@ class FaultInjection {
   bool Fails(const char* name);
 
  private:
-  struct Decorators;
+  template <typename Faulty, typename Capability>
+  void Decorate(Capability*& capability);
 
   mutable std::mutex mutex;  // guards what follows
   std::vector<std::string> calls;
@@ -52,7 +52,7 @@ class FaultInjection {
   std::string failingName;
   std::size_t skipped = 0;
 
-  std::unique_ptr<Decorators> decorators;
+  std::vector<std::shared_ptr<void>> decorators;
 };
 
 }  // namespace Vx::Simulator

@@ -13,6 +13,7 @@
 #include "simulator/simulated_processes.h"
 #include "simulator/simulated_registry.h"
 #include "simulator/simulated_system.h"
+#include "simulator/simulated_trust.h"
 #include "simulator/simulated_users.h"
 #include "simulator/timeline.h"
 #include "simulator/virtual_clock.h"

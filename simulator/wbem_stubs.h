@@ -13,95 +13,40 @@ namespace Vx::Simulator {
 // The WMI interfaces with every operation refused, so that what implements one writes only the
 // operations that it has. The order of the slots is the interface's own.
 
+#define VX_REFUSES(name, ...)                            \
+  HRESULT STDMETHODCALLTYPE name(__VA_ARGS__) override { \
+    return E_NOTIMPL;                                    \
+  }
+
 class WbemServicesStub : public IWbemServices {
  public:
-  HRESULT STDMETHODCALLTYPE OpenNamespace(const BSTR, LONG, IWbemContext*, IWbemServices**,
-                                          IWbemCallResult**) override {
-    return E_NOTIMPL;
-  }
-  HRESULT STDMETHODCALLTYPE CancelAsyncCall(IWbemObjectSink*) override { return E_NOTIMPL; }
-  HRESULT STDMETHODCALLTYPE QueryObjectSink(LONG, IWbemObjectSink**) override { return E_NOTIMPL; }
-  HRESULT STDMETHODCALLTYPE GetObject(const BSTR, LONG, IWbemContext*, IWbemClassObject**,
-                                      IWbemCallResult**) override {
-    return E_NOTIMPL;
-  }
-  HRESULT STDMETHODCALLTYPE GetObjectAsync(const BSTR, LONG, IWbemContext*,
-                                           IWbemObjectSink*) override {
-    return E_NOTIMPL;
-  }
-  HRESULT STDMETHODCALLTYPE PutClass(IWbemClassObject*, LONG, IWbemContext*,
-                                     IWbemCallResult**) override {
-    return E_NOTIMPL;
-  }
-  HRESULT STDMETHODCALLTYPE PutClassAsync(IWbemClassObject*, LONG, IWbemContext*,
-                                          IWbemObjectSink*) override {
-    return E_NOTIMPL;
-  }
-  HRESULT STDMETHODCALLTYPE DeleteClass(const BSTR, LONG, IWbemContext*,
-                                        IWbemCallResult**) override {
-    return E_NOTIMPL;
-  }
-  HRESULT STDMETHODCALLTYPE DeleteClassAsync(const BSTR, LONG, IWbemContext*,
-                                             IWbemObjectSink*) override {
-    return E_NOTIMPL;
-  }
-  HRESULT STDMETHODCALLTYPE CreateClassEnum(const BSTR, LONG, IWbemContext*,
-                                            IEnumWbemClassObject**) override {
-    return E_NOTIMPL;
-  }
-  HRESULT STDMETHODCALLTYPE CreateClassEnumAsync(const BSTR, LONG, IWbemContext*,
-                                                 IWbemObjectSink*) override {
-    return E_NOTIMPL;
-  }
-  HRESULT STDMETHODCALLTYPE PutInstance(IWbemClassObject*, LONG, IWbemContext*,
-                                        IWbemCallResult**) override {
-    return E_NOTIMPL;
-  }
-  HRESULT STDMETHODCALLTYPE PutInstanceAsync(IWbemClassObject*, LONG, IWbemContext*,
-                                             IWbemObjectSink*) override {
-    return E_NOTIMPL;
-  }
-  HRESULT STDMETHODCALLTYPE DeleteInstance(const BSTR, LONG, IWbemContext*,
-                                           IWbemCallResult**) override {
-    return E_NOTIMPL;
-  }
-  HRESULT STDMETHODCALLTYPE DeleteInstanceAsync(const BSTR, LONG, IWbemContext*,
-                                                IWbemObjectSink*) override {
-    return E_NOTIMPL;
-  }
-  HRESULT STDMETHODCALLTYPE CreateInstanceEnum(const BSTR, LONG, IWbemContext*,
-                                               IEnumWbemClassObject**) override {
-    return E_NOTIMPL;
-  }
-  HRESULT STDMETHODCALLTYPE CreateInstanceEnumAsync(const BSTR, LONG, IWbemContext*,
-                                                    IWbemObjectSink*) override {
-    return E_NOTIMPL;
-  }
-  HRESULT STDMETHODCALLTYPE ExecQuery(const BSTR, const BSTR, LONG, IWbemContext*,
-                                      IEnumWbemClassObject**) override {
-    return E_NOTIMPL;
-  }
-  HRESULT STDMETHODCALLTYPE ExecQueryAsync(const BSTR, const BSTR, LONG, IWbemContext*,
-                                           IWbemObjectSink*) override {
-    return E_NOTIMPL;
-  }
-  HRESULT STDMETHODCALLTYPE ExecNotificationQuery(const BSTR, const BSTR, LONG, IWbemContext*,
-                                                  IEnumWbemClassObject**) override {
-    return E_NOTIMPL;
-  }
-  HRESULT STDMETHODCALLTYPE ExecNotificationQueryAsync(const BSTR, const BSTR, LONG, IWbemContext*,
-                                                       IWbemObjectSink*) override {
-    return E_NOTIMPL;
-  }
-  HRESULT STDMETHODCALLTYPE ExecMethod(const BSTR, const BSTR, LONG, IWbemContext*,
-                                       IWbemClassObject*, IWbemClassObject**,
-                                       IWbemCallResult**) override {
-    return E_NOTIMPL;
-  }
-  HRESULT STDMETHODCALLTYPE ExecMethodAsync(const BSTR, const BSTR, LONG, IWbemContext*,
-                                            IWbemClassObject*, IWbemObjectSink*) override {
-    return E_NOTIMPL;
-  }
+  VX_REFUSES(OpenNamespace, const BSTR, LONG, IWbemContext*, IWbemServices**, IWbemCallResult**)
+  VX_REFUSES(CancelAsyncCall, IWbemObjectSink*)
+  VX_REFUSES(QueryObjectSink, LONG, IWbemObjectSink**)
+  VX_REFUSES(GetObject, const BSTR, LONG, IWbemContext*, IWbemClassObject**, IWbemCallResult**)
+  VX_REFUSES(GetObjectAsync, const BSTR, LONG, IWbemContext*, IWbemObjectSink*)
+  VX_REFUSES(PutClass, IWbemClassObject*, LONG, IWbemContext*, IWbemCallResult**)
+  VX_REFUSES(PutClassAsync, IWbemClassObject*, LONG, IWbemContext*, IWbemObjectSink*)
+  VX_REFUSES(DeleteClass, const BSTR, LONG, IWbemContext*, IWbemCallResult**)
+  VX_REFUSES(DeleteClassAsync, const BSTR, LONG, IWbemContext*, IWbemObjectSink*)
+  VX_REFUSES(CreateClassEnum, const BSTR, LONG, IWbemContext*, IEnumWbemClassObject**)
+  VX_REFUSES(CreateClassEnumAsync, const BSTR, LONG, IWbemContext*, IWbemObjectSink*)
+  VX_REFUSES(PutInstance, IWbemClassObject*, LONG, IWbemContext*, IWbemCallResult**)
+  VX_REFUSES(PutInstanceAsync, IWbemClassObject*, LONG, IWbemContext*, IWbemObjectSink*)
+  VX_REFUSES(DeleteInstance, const BSTR, LONG, IWbemContext*, IWbemCallResult**)
+  VX_REFUSES(DeleteInstanceAsync, const BSTR, LONG, IWbemContext*, IWbemObjectSink*)
+  VX_REFUSES(CreateInstanceEnum, const BSTR, LONG, IWbemContext*, IEnumWbemClassObject**)
+  VX_REFUSES(CreateInstanceEnumAsync, const BSTR, LONG, IWbemContext*, IWbemObjectSink*)
+  VX_REFUSES(ExecQuery, const BSTR, const BSTR, LONG, IWbemContext*, IEnumWbemClassObject**)
+  VX_REFUSES(ExecQueryAsync, const BSTR, const BSTR, LONG, IWbemContext*, IWbemObjectSink*)
+  VX_REFUSES(ExecNotificationQuery, const BSTR, const BSTR, LONG, IWbemContext*,
+             IEnumWbemClassObject**)
+  VX_REFUSES(ExecNotificationQueryAsync, const BSTR, const BSTR, LONG, IWbemContext*,
+             IWbemObjectSink*)
+  VX_REFUSES(ExecMethod, const BSTR, const BSTR, LONG, IWbemContext*, IWbemClassObject*,
+             IWbemClassObject**, IWbemCallResult**)
+  VX_REFUSES(ExecMethodAsync, const BSTR, const BSTR, LONG, IWbemContext*, IWbemClassObject*,
+             IWbemObjectSink*)
 
  protected:
   ~WbemServicesStub() = default;
@@ -109,51 +54,30 @@ class WbemServicesStub : public IWbemServices {
 
 class WbemClassObjectStub : public IWbemClassObject {
  public:
-  HRESULT STDMETHODCALLTYPE GetQualifierSet(IWbemQualifierSet**) override { return E_NOTIMPL; }
-  HRESULT STDMETHODCALLTYPE Get(LPCWSTR, LONG, VARIANT*, CIMTYPE*, LONG*) override {
-    return E_NOTIMPL;
-  }
-  HRESULT STDMETHODCALLTYPE Put(LPCWSTR, LONG, VARIANT*, CIMTYPE) override { return E_NOTIMPL; }
-  HRESULT STDMETHODCALLTYPE Delete(LPCWSTR) override { return E_NOTIMPL; }
-  HRESULT STDMETHODCALLTYPE GetNames(LPCWSTR, LONG, VARIANT*, SAFEARRAY**) override {
-    return E_NOTIMPL;
-  }
-  HRESULT STDMETHODCALLTYPE BeginEnumeration(LONG) override { return E_NOTIMPL; }
-  HRESULT STDMETHODCALLTYPE Next(LONG, BSTR*, VARIANT*, CIMTYPE*, LONG*) override {
-    return E_NOTIMPL;
-  }
-  HRESULT STDMETHODCALLTYPE EndEnumeration() override { return E_NOTIMPL; }
-  HRESULT STDMETHODCALLTYPE GetPropertyQualifierSet(LPCWSTR, IWbemQualifierSet**) override {
-    return E_NOTIMPL;
-  }
-  HRESULT STDMETHODCALLTYPE Clone(IWbemClassObject**) override { return E_NOTIMPL; }
-  HRESULT STDMETHODCALLTYPE GetObjectText(LONG, BSTR*) override { return E_NOTIMPL; }
-  HRESULT STDMETHODCALLTYPE SpawnDerivedClass(LONG, IWbemClassObject**) override {
-    return E_NOTIMPL;
-  }
-  HRESULT STDMETHODCALLTYPE SpawnInstance(LONG, IWbemClassObject**) override { return E_NOTIMPL; }
-  HRESULT STDMETHODCALLTYPE CompareTo(LONG, IWbemClassObject*) override { return E_NOTIMPL; }
-  HRESULT STDMETHODCALLTYPE GetPropertyOrigin(LPCWSTR, BSTR*) override { return E_NOTIMPL; }
-  HRESULT STDMETHODCALLTYPE InheritsFrom(LPCWSTR) override { return E_NOTIMPL; }
-  HRESULT STDMETHODCALLTYPE GetMethod(LPCWSTR, LONG, IWbemClassObject**,
-                                      IWbemClassObject**) override {
-    return E_NOTIMPL;
-  }
-  HRESULT STDMETHODCALLTYPE PutMethod(LPCWSTR, LONG, IWbemClassObject*,
-                                      IWbemClassObject*) override {
-    return E_NOTIMPL;
-  }
-  HRESULT STDMETHODCALLTYPE DeleteMethod(LPCWSTR) override { return E_NOTIMPL; }
-  HRESULT STDMETHODCALLTYPE BeginMethodEnumeration(LONG) override { return E_NOTIMPL; }
-  HRESULT STDMETHODCALLTYPE NextMethod(LONG, BSTR*, IWbemClassObject**,
-                                       IWbemClassObject**) override {
-    return E_NOTIMPL;
-  }
-  HRESULT STDMETHODCALLTYPE EndMethodEnumeration() override { return E_NOTIMPL; }
-  HRESULT STDMETHODCALLTYPE GetMethodQualifierSet(LPCWSTR, IWbemQualifierSet**) override {
-    return E_NOTIMPL;
-  }
-  HRESULT STDMETHODCALLTYPE GetMethodOrigin(LPCWSTR, BSTR*) override { return E_NOTIMPL; }
+  VX_REFUSES(GetQualifierSet, IWbemQualifierSet**)
+  VX_REFUSES(Get, LPCWSTR, LONG, VARIANT*, CIMTYPE*, LONG*)
+  VX_REFUSES(Put, LPCWSTR, LONG, VARIANT*, CIMTYPE)
+  VX_REFUSES(Delete, LPCWSTR)
+  VX_REFUSES(GetNames, LPCWSTR, LONG, VARIANT*, SAFEARRAY**)
+  VX_REFUSES(BeginEnumeration, LONG)
+  VX_REFUSES(Next, LONG, BSTR*, VARIANT*, CIMTYPE*, LONG*)
+  VX_REFUSES(EndEnumeration)
+  VX_REFUSES(GetPropertyQualifierSet, LPCWSTR, IWbemQualifierSet**)
+  VX_REFUSES(Clone, IWbemClassObject**)
+  VX_REFUSES(GetObjectText, LONG, BSTR*)
+  VX_REFUSES(SpawnDerivedClass, LONG, IWbemClassObject**)
+  VX_REFUSES(SpawnInstance, LONG, IWbemClassObject**)
+  VX_REFUSES(CompareTo, LONG, IWbemClassObject*)
+  VX_REFUSES(GetPropertyOrigin, LPCWSTR, BSTR*)
+  VX_REFUSES(InheritsFrom, LPCWSTR)
+  VX_REFUSES(GetMethod, LPCWSTR, LONG, IWbemClassObject**, IWbemClassObject**)
+  VX_REFUSES(PutMethod, LPCWSTR, LONG, IWbemClassObject*, IWbemClassObject*)
+  VX_REFUSES(DeleteMethod, LPCWSTR)
+  VX_REFUSES(BeginMethodEnumeration, LONG)
+  VX_REFUSES(NextMethod, LONG, BSTR*, IWbemClassObject**, IWbemClassObject**)
+  VX_REFUSES(EndMethodEnumeration)
+  VX_REFUSES(GetMethodQualifierSet, LPCWSTR, IWbemQualifierSet**)
+  VX_REFUSES(GetMethodOrigin, LPCWSTR, BSTR*)
 
  protected:
   ~WbemClassObjectStub() = default;
@@ -161,16 +85,16 @@ class WbemClassObjectStub : public IWbemClassObject {
 
 class EnumWbemClassObjectStub : public IEnumWbemClassObject {
  public:
-  HRESULT STDMETHODCALLTYPE Reset() override { return E_NOTIMPL; }
-  HRESULT STDMETHODCALLTYPE Next(LONG, ULONG, IWbemClassObject**, ULONG*) override {
-    return E_NOTIMPL;
-  }
-  HRESULT STDMETHODCALLTYPE NextAsync(ULONG, IWbemObjectSink*) override { return E_NOTIMPL; }
-  HRESULT STDMETHODCALLTYPE Clone(IEnumWbemClassObject**) override { return E_NOTIMPL; }
-  HRESULT STDMETHODCALLTYPE Skip(LONG, ULONG) override { return E_NOTIMPL; }
+  VX_REFUSES(Reset)
+  VX_REFUSES(Next, LONG, ULONG, IWbemClassObject**, ULONG*)
+  VX_REFUSES(NextAsync, ULONG, IWbemObjectSink*)
+  VX_REFUSES(Clone, IEnumWbemClassObject**)
+  VX_REFUSES(Skip, LONG, ULONG)
 
  protected:
   ~EnumWbemClassObjectStub() = default;
 };
+
+#undef VX_REFUSES
 
 }  // namespace Vx::Simulator
