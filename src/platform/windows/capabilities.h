@@ -1,24 +1,8 @@
 #pragma once
 
-namespace Vx::Platform {
+#include "platform/machine.h"
 
-class ApiSets;
-class AppServices;
-class Clock;
-class Com;
-class DataProtection;
-class Environment;
-class Files;
-class KernelObjects;
-class LockdownLibraries;
-class Oobe;
-class Packages;
-class Processes;
-class Registry;
-class Sessions;
-class SystemTriggers;
-class Threads;
-class TrustProvider;
+namespace Vx::Platform {
 
 // The real capabilities, one object each, made at the first call and never destroyed.
 ApiSets& WindowsApiSets();

@@ -9,6 +9,8 @@
 
 #include <sddl.h>
 
+#include "platform/windows/system_library.h"
+
 namespace Vx::Platform {
 
 namespace {
@@ -25,14 +27,6 @@ constexpr std::uint32_t kInformationBasic = 0;
 // PACKAGE_ID: two 32-bit members lie before the version, whose 64 bits have major highest.
 constexpr std::size_t kVersionOffset = 8;
 
-template <typename Function>
-Function Resolve(const wchar_t* module, const char* name) noexcept {
-  const HMODULE loaded = GetModuleHandleW(module);
-  if (loaded == nullptr) return nullptr;
-  // The detour over void* tells the compiler that the change of type is meant.
-  return reinterpret_cast<Function>(reinterpret_cast<void*>(GetProcAddress(loaded, name)));
-}
-
 struct LocalMemory {
   void operator()(wchar_t* memory) const noexcept { LocalFree(memory); }
 };
@@ -44,17 +38,13 @@ std::uint32_t Status(long code) {
 }  // namespace
 
 AppModelFunctions ResolveAppModel() noexcept {
-  AppModelFunctions functions;
-  functions.findPackagesByPackageFamily =
-      Resolve<AppModelFunctions::FindByFamily>(L"kernel32.dll", "FindPackagesByPackageFamily");
-  functions.getPackagePathByFullName =
-      Resolve<AppModelFunctions::PathByFullName>(L"kernel32.dll", "GetPackagePathByFullName");
-  functions.packageIdFromFullName =
-      Resolve<AppModelFunctions::IdFromFullName>(L"kernel32.dll", "PackageIdFromFullName");
-  // This one is not forwarded by kernel32.
-  functions.getStagedPackageOrigin =
-      Resolve<AppModelFunctions::StagedOrigin>(L"kernelbase.dll", "GetStagedPackageOrigin");
-  return functions;
+  using Functions = AppModelFunctions;
+  constexpr wchar_t kKernel32[] = L"kernel32.dll";
+  return {SystemFunction<Functions::FindByFamily>(kKernel32, "FindPackagesByPackageFamily"),
+          SystemFunction<Functions::PathByFullName>(kKernel32, "GetPackagePathByFullName"),
+          // This one is not forwarded by kernel32.
+          SystemFunction<Functions::StagedOrigin>(L"kernelbase.dll", "GetStagedPackageOrigin"),
+          SystemFunction<Functions::IdFromFullName>(kKernel32, "PackageIdFromFullName")};
 }
 
 Packages::FamilyQuery QueryFamily(const AppModelFunctions& functions,

@@ -10,20 +10,20 @@ namespace Vx::Platform {
 // The application-model functions that are looked up at run time; one that this Windows lacks is
 // null. The signatures are those of appmodel.h.
 struct AppModelFunctions {
-  using FindByFamily = long(__stdcall*)(const wchar_t* family, std::uint32_t filters,
-                                        std::uint32_t* count, wchar_t** fullNames,
-                                        std::uint32_t* bufferLength, wchar_t* buffer,
-                                        std::uint32_t* properties);
-  using PathByFullName = long(__stdcall*)(const wchar_t* fullName, std::uint32_t* length,
-                                          wchar_t* path);
-  using StagedOrigin = long(__stdcall*)(const wchar_t* fullName, std::int32_t* origin);
-  using IdFromFullName = long(__stdcall*)(const wchar_t* fullName, std::uint32_t flags,
-                                          std::uint32_t* bufferLength, std::uint8_t* buffer);
+  using FindByFamily = long __stdcall(const wchar_t* family, std::uint32_t filters,
+                                      std::uint32_t* count, wchar_t** fullNames,
+                                      std::uint32_t* bufferLength, wchar_t* buffer,
+                                      std::uint32_t* properties);
+  using PathByFullName = long __stdcall(const wchar_t* fullName, std::uint32_t* length,
+                                        wchar_t* path);
+  using StagedOrigin = long __stdcall(const wchar_t* fullName, std::int32_t* origin);
+  using IdFromFullName = long __stdcall(const wchar_t* fullName, std::uint32_t flags,
+                                        std::uint32_t* bufferLength, std::uint8_t* buffer);
 
-  FindByFamily findPackagesByPackageFamily = nullptr;
-  PathByFullName getPackagePathByFullName = nullptr;
-  StagedOrigin getStagedPackageOrigin = nullptr;
-  IdFromFullName packageIdFromFullName = nullptr;
+  FindByFamily* findPackagesByPackageFamily = nullptr;
+  PathByFullName* getPackagePathByFullName = nullptr;
+  StagedOrigin* getStagedPackageOrigin = nullptr;
+  IdFromFullName* packageIdFromFullName = nullptr;
 };
 
 // Those of this Windows. Does not load anything.

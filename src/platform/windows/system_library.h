@@ -6,9 +6,10 @@
 
 namespace Vx::Platform {
 
-// The function `name` of a system library that every process has loaded (ntdll, kernel32,
-// kernelbase); null where this Windows lacks it. For functions that no import may name: a static
-// import that is absent keeps the whole module from loading.
+// The function `name` of a library that is certainly loaded, as one of every process's (ntdll,
+// kernel32, kernelbase) or as an import of this module; null where this Windows lacks it. For
+// functions that no import may name: a static import that is absent keeps the whole module from
+// loading.
 template <typename Function>
 Function* SystemFunction(const wchar_t* loadedLibrary, const char* name) noexcept {
   const HMODULE library = GetModuleHandleW(loadedLibrary);

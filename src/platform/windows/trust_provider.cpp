@@ -18,6 +18,7 @@
 
 #include "platform/unique_handle.h"
 #include "platform/windows/capabilities.h"
+#include "platform/windows/system_library.h"
 
 namespace Vx::Platform {
 
@@ -187,19 +188,11 @@ struct CatalogAdminCloser {
 };
 using CatalogAdminHandle = std::unique_ptr<void, CatalogAdminCloser>;
 
-using AcquireContext2 = BOOL(WINAPI*)(HCATADMIN*, const GUID*, PCWSTR, const CERT_STRONG_SIGN_PARA*,
-                                      DWORD);
-using CalcHash2 = BOOL(WINAPI*)(HCATADMIN, HANDLE, DWORD*, BYTE*, DWORD);
-
-// No import library of this toolchain has the calls that know SHA-256.
-template <typename Function>
-Function WintrustFunction(const char* name) {
-  static const HMODULE library =
-      LoadLibraryExW(L"wintrust.dll", nullptr, LOAD_LIBRARY_SEARCH_SYSTEM32);
-  if (library == nullptr) return nullptr;
-  // Through void*: a cast from one function type to another is what the compiler warns of.
-  return reinterpret_cast<Function>(reinterpret_cast<void*>(GetProcAddress(library, name)));
-}
+// The calls that know SHA-256, which no import library of this toolchain has.
+using AcquireContext2 = BOOL WINAPI(HCATADMIN*, const GUID*, PCWSTR, const CERT_STRONG_SIGN_PARA*,
+                                    DWORD);
+using CalcHash2 = BOOL WINAPI(HCATADMIN, HANDLE, DWORD*, BYTE*, DWORD);
+constexpr wchar_t kWintrust[] = L"wintrust.dll";  // an import of this module
 
 struct CatalogAdmin {
   CatalogAdminHandle handle;
@@ -211,7 +204,7 @@ struct CatalogAdmin {
 Result<CatalogAdmin> OpenCatalogs() {
   const GUID subsystem = DRIVER_ACTION_VERIFY;
   HCATADMIN admin = nullptr;
-  if (const auto acquire = WintrustFunction<AcquireContext2>("CryptCATAdminAcquireContext2")) {
+  if (auto* acquire = SystemFunction<AcquireContext2>(kWintrust, "CryptCATAdminAcquireContext2")) {
     if (acquire(&admin, &subsystem, kCatalogHash, nullptr, 0) != FALSE) {
       return CatalogAdmin{.handle = CatalogAdminHandle(admin), .sha256 = true};
     }
@@ -225,10 +218,10 @@ Result<CatalogAdmin> OpenCatalogs() {
 }
 
 Result<std::vector<std::byte>> HashOf(const CatalogAdmin& admin, HANDLE file) {
-  using Failure = Result<std::vector<std::byte>>;
-  const auto calc2 = WintrustFunction<CalcHash2>("CryptCATAdminCalcHashFromFileHandle2");
+  using Bytes = Result<std::vector<std::byte>>;
+  auto* calc2 = SystemFunction<CalcHash2>(kWintrust, "CryptCATAdminCalcHashFromFileHandle2");
   // A context for SHA-256 finds nothing by the older hash.
-  if (admin.sha256 && calc2 == nullptr) return Failure::Failure(ERROR_CALL_NOT_IMPLEMENTED);
+  if (admin.sha256 && calc2 == nullptr) return Bytes::Failure(ERROR_CALL_NOT_IMPLEMENTED);
   const auto calculate = [&](DWORD& size, BYTE* bytes) {
     return admin.sha256 ? calc2(admin.handle.get(), file, &size, bytes, 0)
                         : CryptCATAdminCalcHashFromFileHandle(file, &size, bytes, 0);
@@ -236,11 +229,12 @@ Result<std::vector<std::byte>> HashOf(const CatalogAdmin& admin, HANDLE file) {
   DWORD size = 0;
   if (calculate(size, nullptr) == FALSE) {
     const DWORD error = GetLastError();
-    if (error != ERROR_INSUFFICIENT_BUFFER) return Failure::Failure(error);
+    if (error != ERROR_INSUFFICIENT_BUFFER) return Bytes::Failure(error);
   }
+  if (size == 0) return Bytes::Failure(ERROR_INVALID_DATA);
   std::vector<std::byte> hash(size);
-  if (size == 0 || calculate(size, reinterpret_cast<BYTE*>(hash.data())) == FALSE) {
-    return Failure::Failure(GetLastError());
+  if (calculate(size, reinterpret_cast<BYTE*>(hash.data())) == FALSE) {
+    return Bytes::Failure(GetLastError());
   }
   hash.resize(std::min<std::size_t>(hash.size(), size));
   return hash;
@@ -258,17 +252,17 @@ std::wstring MemberTag(std::span<const std::byte> hash) {
 }
 
 Result<std::wstring> CatalogOf(const CatalogAdmin& admin, std::vector<std::byte>& hash) {
-  using Failure = Result<std::wstring>;
+  using Text = Result<std::wstring>;
   HCATINFO found =
       CryptCATAdminEnumCatalogFromHash(admin.handle.get(), reinterpret_cast<BYTE*>(hash.data()),
                                        static_cast<DWORD>(hash.size()), 0, nullptr);
-  if (found == nullptr) return Failure::Failure(GetLastError());
+  if (found == nullptr) return Text::Failure(GetLastError());
   CATALOG_INFO info{};
   info.cbStruct = sizeof info;
   const BOOL named = CryptCATCatalogInfoFromContext(found, &info, 0);
   const DWORD error = GetLastError();
   CryptCATAdminReleaseCatalogContext(admin.handle.get(), found, 0);
-  if (named == FALSE) return Failure::Failure(error);
+  if (named == FALSE) return Text::Failure(error);
   info.wszCatalogFile[std::size(info.wszCatalogFile) - 1] = L'\0';
   return std::wstring(info.wszCatalogFile);
 }
@@ -381,7 +375,7 @@ class WindowsTrust final : public TrustProvider {
   }
 
   Result<std::vector<AccessEntry>> FolderAccess(const std::wstring& folder) const override {
-    using Failure = Result<std::vector<AccessEntry>>;
+    using Entries = Result<std::vector<AccessEntry>>;
     PSID owner = nullptr;
     PSID group = nullptr;
     PACL list = nullptr;
@@ -392,8 +386,8 @@ class WindowsTrust final : public TrustProvider {
         OWNER_SECURITY_INFORMATION | GROUP_SECURITY_INFORMATION | DACL_SECURITY_INFORMATION, &owner,
         &group, &list, nullptr, &raw);
     const std::unique_ptr<void, LocalFreer> descriptor(raw);
-    if (error != ERROR_SUCCESS) return Failure::Failure(error);
-    if (list == nullptr) return Failure::Failure(ERROR_NO_SECURITY_ON_OBJECT);
+    if (error != ERROR_SUCCESS) return Entries::Failure(error);
+    if (list == nullptr) return Entries::Failure(ERROR_NO_SECURITY_ON_OBJECT);
     std::vector<AccessEntry> entries;
     for (DWORD i = 0; i < list->AceCount; ++i) {
       void* ace = nullptr;

@@ -1,4 +1,3 @@
-#include "platform/machine.h"
 #include "platform/windows/capabilities.h"
 
 namespace Vx::Platform {
