@@ -26,7 +26,7 @@ struct FileTrust {
 // does; throws only what the standard library throws.
 FileTrust JudgeFile(const std::wstring& path, KeySet keys);
 
-// The decision of IsDropboxFileTrusted. `keyPinned` tells whether a signer's name is in the table.
+// The decision of IsDropboxFileTrusted, which goes by the signer's name: no key is looked at.
 FileTrust JudgeDropboxFile(const std::wstring& path);
 
 // One step of a decision, for people.
