@@ -40,11 +40,4 @@ std::size_t ThreadCount();
 // Waits until no more than `count` threads are left; false when more are after `limit`.
 bool ThreadsEnd(std::size_t count, std::chrono::milliseconds limit = std::chrono::seconds(60));
 
-// Memory of this process: what it alone has committed, and the heap blocks in use, in bytes.
-struct MemoryInUse {
-  std::size_t committed = 0;
-  std::size_t heap = 0;
-};
-MemoryInUse MeasureMemory();
-
 }  // namespace Vx::Tests

@@ -12,6 +12,7 @@
 
 #include "module/loaded_service.h"
 #include "support/handle_gauge.h"
+#include "support/memory_in_use.h"
 #include "support/temp_folder.h"
 
 namespace Vx::Tests {

@@ -33,6 +33,13 @@ class ServiceFixture {
     service.reset();
   }
 
+  // A new service in the place of an ended one; none when the factory makes none.
+  void Renew() {
+    End();
+    service.reset(Service::Create());
+    if (service != nullptr) service->CreateClientContext(L"client", &context);
+  }
+
   std::wstring StorePath() const { return store.FilePath(); }
 
   Reply Execute(std::uint32_t id, const wchar_t* request) { return Execute(id, request, context); }
