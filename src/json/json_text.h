@@ -108,10 +108,9 @@ inline constexpr std::size_t kMaxTextLength = std::size_t{64} * 1024 * 1024;
 // What clients may not expect to be obvious: unpaired surrogates, raw or escaped, are not valid; an
 // escaped U+0000 is a character like others; a number too large for a double (its digits before the
 // exponent alone count too), or with an exponent of more than eight digits, is not valid, one too
-// small is zero; whole numbers beyond 64 bits
-// are doubles; of repeated keys the first counts. A nesting beyond `nestingLimit` and a text beyond
-// kMaxTextLength are not valid. Keeps its place on a stack of its own, so that nesting costs no
-// machine stack. Throws std::bad_alloc.
+// small is zero; whole numbers beyond 64 bits are doubles; of repeated keys the first counts. A
+// nesting beyond `nestingLimit` and a text beyond kMaxTextLength are not valid. Keeps its place on
+// a stack of its own, so that nesting costs no machine stack. Throws std::bad_alloc.
 bool ParseJson(WideDocument& document, std::wstring_view text,
                std::size_t nestingLimit = kMaxNesting);
 

@@ -1,5 +1,7 @@
 #include "service/consent_store.h"
 
+#include <cstdint>
+
 #include "host/logging.h"
 #include "platform/machine.h"
 #include "platform/registry.h"

@@ -24,6 +24,7 @@
 #include "service/orvane_service.h"
 #include "service/query_handlers.h"
 #include "service/result_codes.h"
+#include "storage/request_manager.h"
 
 namespace Vx::Tessel::Server::Services::Orvane {
 
@@ -50,9 +51,6 @@ constexpr std::size_t kMaxRequestLength = std::size_t{1024} * 1024;
 // some hundred characters and for every answer but a list of subscriptions.
 constexpr std::size_t kRequestPool = 4096;
 constexpr std::size_t kResponsePool = 2048;
-
-// HRESULT of a subscription that is stored already.
-constexpr std::int32_t kAlreadySubscribed = 1;
 
 // One command being executed, as its handler sees it.
 struct Call {
@@ -129,6 +127,12 @@ std::uint32_t Subscribe(const Call& call) {
   return result;
 }
 
+// Wraps a member of the service that only answers.
+template <std::uint32_t (OrvaneService::*Query)(Json::WideDocument*, const RequestCaller&)>
+std::uint32_t ServiceAnswering(const Call& call) {
+  return (call.service.*Query)(&call.response, call.caller);
+}
+
 // Wraps a query that only answers.
 template <std::uint32_t (*Query)(Json::WideDocument*, const RequestCaller&)>
 std::uint32_t Answering(const Call& call) {
@@ -175,8 +179,9 @@ constexpr Command kCommands[] = {
     {17, SessionApi::Needed, BadJson::Refused, &Asking<LaunchWithParameter>},
     {18, SessionApi::NotNeeded, BadJson::Refused, &RecordBornOnDate},
     {19, SessionApi::NotNeeded, BadJson::Refused, &OnText<&OrvaneService::UnregisterPowerEvent>},
-    {20, SessionApi::NotNeeded, BadJson::Refused, &Answering<GetSubscriptions>},
-    {21, SessionApi::NotNeeded, BadJson::Refused, &Answering<GetSleepState>},
+    {20, SessionApi::NotNeeded, BadJson::Refused,
+     &ServiceAnswering<&OrvaneService::GetSubscriptions>},
+    {21, SessionApi::NotNeeded, BadJson::Refused, &ServiceAnswering<&OrvaneService::GetSleepState>},
     {22, SessionApi::NotNeeded, BadJson::Refused, &Answering<GetVersion>},
 };
 

@@ -5,7 +5,6 @@
 #include <string_view>
 #include <utility>
 
-#include "host/logging.h"
 #include "json/utf8.h"
 #include "service/json_request.h"
 #include "service/result_codes.h"
@@ -15,10 +14,6 @@
 namespace Vx::Tessel::Server::Services::Orvane {
 
 inline constexpr wchar_t kHandlerThrew[] = L"%S.%S threw exception %S";
-
-inline Logging::TraceLogger::ForCaller Log(const RequestCaller& caller) {
-  return Logging::LogManager::GetLogger()->For(caller.clientId);
-}
 
 // The boundary of a handler: runs `body`, which answers a result code. A standard exception becomes
 // a log line and 0x20000002.

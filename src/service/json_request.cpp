@@ -1,8 +1,7 @@
 #include "service/json_request.h"
 
-#include <cwchar>
+#include <utility>
 
-#include "host/logging.h"
 #include "json/utf8.h"
 #include "service/client_context.h"
 
@@ -21,10 +20,6 @@ constexpr wchar_t kIsNoText[] = L"is not a string";
 constexpr wchar_t kIsNoBool[] = L"is not a boolean";
 
 constexpr wchar_t kLaunched[] = L"launched";
-
-Logging::TraceLogger::ForCaller Log(const RequestCaller& caller) {
-  return Logging::LogManager::GetLogger()->For(caller.clientId);
-}
 
 void Note(const RequestCaller& caller, const wchar_t* key, const wchar_t* what) {
   if (caller.problem != nullptr) *caller.problem = {key, what};

@@ -5,6 +5,7 @@
 #include <string>
 #include <string_view>
 
+#include "host/logging.h"
 #include "json/json_text.h"
 #include "platform/type_name.h"
 
@@ -26,6 +27,11 @@ struct RequestCaller {
   RequestProblem* problem = nullptr;  // receives the last thing that was wrong; may be null
   const char* className = Platform::TypeName<OrvaneService>();
 };
+
+// The service's logger, for lines about this caller.
+inline Logging::TraceLogger::ForCaller Log(const RequestCaller& caller) {
+  return Logging::LogManager::GetLogger()->For(caller.clientId);
+}
 
 struct NullCheck {
   const void* pointer;

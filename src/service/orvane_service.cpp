@@ -15,6 +15,7 @@
 #include "service/client_context.h"
 #include "service/dispatch.h"
 #include "service/oobe_event.h"
+#include "service/query_handlers.h"
 #include "service/s_mode.h"
 #include "service/startup.h"
 #include "storage/cap_data_store.h"
@@ -135,6 +136,16 @@ int OrvaneService::UnregisterZephraEvent(const wchar_t* request, const wchar_t* 
 
 void OrvaneService::FulfillZephraManagementEventRequests(std::uint32_t eventType) {
   FulfillZephraSubscriptions(eventType);
+}
+
+std::uint32_t OrvaneService::GetSubscriptions(Json::WideDocument* response,
+                                              const RequestCaller& caller) {
+  return Orvane::GetSubscriptions(response, caller);
+}
+
+std::uint32_t OrvaneService::GetSleepState(Json::WideDocument* response,
+                                           const RequestCaller& caller) {
+  return Orvane::GetSleepState(response, caller);
 }
 
 bool OrvaneService::HasBeenInSMode() {

@@ -4,6 +4,8 @@
 #include <memory>
 
 #include "host/vx_service.h"
+#include "json/json_text.h"
+#include "service/json_request.h"
 #include "service/service_state.h"
 
 namespace Vx::Tessel::Server::Services::Orvane {
@@ -44,6 +46,10 @@ class OrvaneService final : public VxService {
   int UnregisterZephraEvent(const wchar_t* request, const wchar_t* clientId);
   void FulfillZephraManagementEventRequests(std::uint32_t eventType);
   int OnPolicyChangedEvent(const wchar_t* request, const wchar_t* clientId);
+
+  // See query_handlers.h.
+  std::uint32_t GetSubscriptions(Json::WideDocument* response, const RequestCaller& caller);
+  std::uint32_t GetSleepState(Json::WideDocument* response, const RequestCaller& caller);
 
   // See s_mode.h.
   bool HasBeenInSMode();

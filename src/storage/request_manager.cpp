@@ -33,7 +33,6 @@ constexpr wchar_t kRegisterFailed[] =
 
 constexpr wchar_t kStoredAlready[] = L"the same subscription, the delay apart, is stored already";
 
-constexpr winrt::hresult kAlreadySubscribed = 1;
 constexpr auto kFail = static_cast<winrt::hresult>(0x80004005);
 constexpr auto kOutOfMemory = static_cast<winrt::hresult>(0x8007000E);
 

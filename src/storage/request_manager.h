@@ -22,6 +22,9 @@ inline constexpr char kPowerSubscriptions[] = "PowerEventSubscriptions";
 inline constexpr char kZephraSubscriptions[] = "ZephraEventSubscriptions";
 inline constexpr char kPackageSubscriptions[] = "PackageCatalogEventSubscriptions";
 
+// The code of the error that refuses a request which is stored already.
+inline constexpr winrt::hresult kAlreadySubscribed = 1;
+
 // The list of subscription requests under one key of the shared store: a JSON array whose elements
 // are the clients' own request objects. Made for one operation on one thread; several may exist.
 //
@@ -43,9 +46,9 @@ class RequestManager {
   RequestManager& operator=(const RequestManager&) = delete;
   ~RequestManager();
 
-  // Adds a request. Throws winrt::hresult_error with code 1 when an equal one (delay apart) is
-  // stored, and the JSON layer's error when the text is not a JSON object or the stored list cannot
-  // be read. Store failures are logged.
+  // Adds a request. Throws winrt::hresult_error with kAlreadySubscribed when an equal one (delay
+  // apart) is stored, and the JSON layer's error when the text is not a JSON object or the stored
+  // list cannot be read. Store failures are logged.
   void PersistRequest(std::wstring_view request);
 
   // Removes the first stored request with exactly this text; nothing when there is none. Throws the
