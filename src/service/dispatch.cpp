@@ -91,6 +91,15 @@ RequestProblem ProblemOf(const winrt::hresult_error& error) {
   }
 }
 
+// Takes a request back whose registration failed, which must not hide what it failed of.
+void TakeBack(const Call& call) {
+  try {
+    RemoveAppPackageEvent(call.text);
+  } catch (const winrt::hresult_error&) {  // NOLINT(bugprone-empty-catch)
+    // The stored list cannot be read, so that it never took the request.
+  }
+}
+
 std::uint32_t RegisterPackageEvent(const Call& call) {
   const auto log = Logging::LogManager::GetLogger()->For(call.caller.clientId);
   try {
@@ -100,7 +109,7 @@ std::uint32_t RegisterPackageEvent(const Call& call) {
     log.LogError(kPackageRuntimeError, error.message().c_str(), error.code());
     *call.caller.problem = ProblemOf(error);
     if (error.code() == kAlreadySubscribed) return kRuntimeError;
-    RemoveAppPackageEvent(call.text);
+    TakeBack(call);
     return static_cast<std::uint32_t>(error.code());
   } catch (const std::exception& error) {
     log.LogError(kPackageFailed, error.what());

@@ -166,6 +166,16 @@ TEST_F(ConsoleCommandsTest, ARefusedPackageSubscriptionIsTakenBackAndExplained) 
   }
 }
 
+TEST_F(ConsoleCommandsTest, AStoredListThatCannotBeReadIsWhatCommand7Answers) {
+  Tessel::Server::Storage::CapDataStore().mergeMember(
+      Orvane::kServiceDocument, Orvane::kPackageSubscriptions,
+      Tessel::Server::Storage::BsonElement::Text("no list"));
+  const Reply reply = Execute(7, PackageRequest(7, 1).c_str());
+  EXPECT_EQ(reply.result, 0x83750007);
+  EXPECT_EQ(reply.response, L"{}");
+  EXPECT_EQ(StoredPackageRequests(), L"no list");
+}
+
 TEST_F(ConsoleCommandsTest, APackageSubscriptionThatIsStoredAlreadyStays) {
   const std::wstring request = PackageRequest(7, 1);
   EXPECT_EQ(Execute(7, request.c_str()).result, 0U);
