@@ -93,16 +93,15 @@ void CompareDecode(RatioTable& table, const std::string& name, const BsonDocumen
       });
 }
 
-void CompareEncode(RatioTable& table) {
-  constexpr int kMembers = 200;
+void CompareEncode(RatioTable& table, int members, std::size_t perTurn) {
   std::vector<std::string> keys;
-  for (int i = 0; i < kMembers; ++i) keys.push_back("key" + std::to_string(i));
+  for (int i = 0; i < members; ++i) keys.push_back("key" + std::to_string(i));
   const std::string text = "a text of moderate length, plain ASCII";
   table.Compare(
-      "encode 200 members", "bson_append_*", 0.50, 20,
+      "encode " + std::to_string(members) + " members", "bson_append_*", 0.50, perTurn,
       [&] {
         BsonDocument document;
-        for (int i = 0; i < kMembers; i += 2) {
+        for (int i = 0; i < members; i += 2) {
           document.AppendText(keys[static_cast<std::size_t>(i)], text);
           document.AppendInt32(keys[static_cast<std::size_t>(i) + 1], i);
         }
@@ -110,7 +109,7 @@ void CompareEncode(RatioTable& table) {
       },
       [&] {
         bson_t document = BSON_INITIALIZER;
-        for (int i = 0; i < kMembers; i += 2) {
+        for (int i = 0; i < members; i += 2) {
           const auto& first = keys[static_cast<std::size_t>(i)];
           const auto& second = keys[static_cast<std::size_t>(i) + 1];
           bson_append_utf8(&document, first.data(), static_cast<int>(first.size()), text.data(),
@@ -131,6 +130,7 @@ int main(int argc, char** argv) {
     CompareDecode(table, "state-like", StateLike(8000), 50);
     CompareDecode(table, "flat", Flat(45000), 1);
     CompareDecode(table, "state-like", StateLike(1000000), 1);
-    CompareEncode(table);
+    CompareEncode(table, 200, 20);
+    CompareEncode(table, 20'000, 1);
   });
 }

@@ -135,23 +135,6 @@ std::wstring FullPath(const char* narrow) {
   return {full, length};
 }
 
-void MeasureLoading(const std::wstring& module, RatioTable& table) {
-  LARGE_INTEGER frequency;
-  LARGE_INTEGER begin;
-  LARGE_INTEGER end;
-  QueryPerformanceFrequency(&frequency);
-  QueryPerformanceCounter(&begin);
-  { const Service service(module.c_str()); }
-  QueryPerformanceCounter(&end);
-  table.Report("load, create, destroy, unload",
-               static_cast<double>(end.QuadPart - begin.QuadPart) * 1e6 /
-                   static_cast<double>(frequency.QuadPart),
-               "us");
-  WIN32_FILE_ATTRIBUTE_DATA data{};
-  GetFileAttributesExW(module.c_str(), GetFileExInfoStandard, &data);
-  table.Report("size of the module", static_cast<double>(data.nFileSizeLow) / 1024, "KiB");
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -162,7 +145,6 @@ int main(int argc, char** argv) {
   const std::wstring module = FullPath(argv[1]);
   argv[1] = argv[0];
   return RunBenchmarks(argc - 1, argv + 1, [&](RatioTable& table, Effort) {
-    MeasureLoading(module, table);
     Service service(module.c_str());
     Measure(service, table);
   });

@@ -12,7 +12,10 @@ namespace Vx::Bench {
 namespace {
 
 constexpr int kBatches = 11;
-constexpr int kTurns = 20;  // of each side, in a batch
+constexpr int kFewBatches = 5;  // of operations that take a second
+constexpr int kMostTurns = 20;  // of each side, in a batch
+constexpr int kLeastTurns = 3;
+constexpr double kBatchTime = 1e9;  // nanoseconds; a batch of slow operations gets fewer turns
 
 using Time = std::chrono::steady_clock;
 
@@ -44,24 +47,31 @@ void WriteRow(std::FILE* file, const Row& row) {
 
 void RatioTable::Compare(const std::string& name, const std::string& against, double goal,
                          std::size_t perTurn, const std::function<void()>& ours,
-                         const std::function<void()>& theirs) {
+                         const std::function<void()>& theirs, const std::function<void()>& settle) {
   const bool brief = effort == Effort::Brief;
-  const int batches = brief ? 1 : kBatches;
-  const int turns = brief ? 1 : kTurns;
   const std::size_t count = brief ? 1 : perTurn;
+  const auto turn = [&](const std::function<void()>& operation) {
+    const double time = TimeTurn(count, operation) / static_cast<double>(count);
+    settle();
+    return time;
+  };
+  // The first pair warms up, and tells how long a turn takes.
+  const double pair = (turn(ours) + turn(theirs)) * static_cast<double>(count);
+  const int batches = brief ? 1 : pair > kBatchTime ? kFewBatches : kBatches;
+  const int turns =
+      brief ? 1 : std::clamp(static_cast<int>(kBatchTime / pair), kLeastTurns, kMostTurns);
   std::vector<double> ourBatches;
   std::vector<double> theirBatches;
-  for (int batch = brief ? 0 : -1; batch < batches; ++batch) {  // batch -1 warms up
+  for (int batch = 0; batch < batches; ++batch) {
     std::vector<double> ourTurns;
     std::vector<double> theirTurns;
-    for (int turn = 0; turn < turns; ++turn) {
-      ourTurns.push_back(TimeTurn(count, ours));
-      theirTurns.push_back(TimeTurn(count, theirs));
+    for (int i = 0; i < turns; ++i) {
+      ourTurns.push_back(turn(ours));
+      theirTurns.push_back(turn(theirs));
     }
-    if (batch < 0) continue;
     // A turn during which the processor was taken away must not weigh on its batch.
-    ourBatches.push_back(Median(std::move(ourTurns)) / static_cast<double>(count));
-    theirBatches.push_back(Median(std::move(theirTurns)) / static_cast<double>(count));
+    ourBatches.push_back(Median(std::move(ourTurns)));
+    theirBatches.push_back(Median(std::move(theirTurns)));
   }
   Row row{.name = name, .against = against, .goal = goal};
   row.ours = Median(std::move(ourBatches));

@@ -37,10 +37,12 @@ class RatioTable {
   explicit RatioTable(Effort howLong) : effort(howLong) {}
 
   // `ours` and `theirs` do one operation each. `perTurn` operations are timed together: enough that
-  // the clock's 100 ns do not show, few enough that turns stay short.
-  void Compare(const std::string& name, const std::string& against, double goal,
-               std::size_t perTurn, const std::function<void()>& ours,
-               const std::function<void()>& theirs);
+  // the clock's 100 ns do not show, few enough that turns stay short. Slow operations get fewer
+  // turns. `settle` runs after each turn and is not timed.
+  void Compare(
+      const std::string& name, const std::string& against, double goal, std::size_t perTurn,
+      const std::function<void()>& ours, const std::function<void()>& theirs,
+      const std::function<void()>& settle = [] {});
 
   void Report(const std::string& name, double value, const std::string& unit);
 

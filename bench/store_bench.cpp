@@ -1,6 +1,9 @@
 // The shared store and the subscriptions against the bare work that they cannot do without.
+#include <atomic>
+#include <functional>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <windows.h>
@@ -19,6 +22,7 @@
 #include "platform/thread.h"
 #include "storage/cap_data_store.h"
 #include "storage/request_manager.h"
+#include "support/memory_in_use.h"
 #include "support/temp_folder.h"
 
 namespace {
@@ -114,17 +118,28 @@ void Plant(const std::wstring& list) {
   CapDataStore().mergeMember(kServiceDocument, kPowerSubscriptions, BsonElement::Text(list));
 }
 
-// Commands that do nothing.
-class NoAppServices final : public Platform::AppServices {
-  class NoAppService final : public Platform::AppService {
-    std::pair<int, std::wstring> Send(const std::wstring&) override { return {}; }
+// Commands that do nothing, the first of which may be held up: commands run one at a time, so that
+// every worker is there while it waits.
+class StubbedCommands final : public Platform::AppServices {
+  class Stub final : public Platform::AppService {
+   public:
+    explicit Stub(const std::function<void()>& first) : meanwhile(first) {}
+    std::pair<int, std::wstring> Send(const std::wstring&) override {
+      if (meanwhile) std::exchange(meanwhile, nullptr)();
+      return {};
+    }
     void SystemRestarted() override {}
+
+   private:
+    std::function<void()> meanwhile;
   };
 
  public:
   std::unique_ptr<Platform::AppService> Open(const std::wstring&, const std::wstring&) override {
-    return std::make_unique<NoAppService>();
+    return std::make_unique<Stub>(std::exchange(atFirst, nullptr));
   }
+
+  std::function<void()> atFirst;  // called by the next command
 };
 
 // The real clock, which also tells when the last worker is gone.
@@ -139,17 +154,23 @@ class CountingThreads final : public Platform::Threads {
       DuplicateHandle(GetCurrentProcess(), started->get(), GetCurrentProcess(), &copy, SYNCHRONIZE,
                       FALSE, 0);
       handles.emplace_back(copy);
+      ++count;
     }
     return started;
   }
 
+  // Since the last WaitForAll. Any thread may ask.
+  std::size_t Started() const { return count; }
+
   void WaitForAll() {
     for (const auto& handle : handles) WaitForSingleObject(handle.get(), INFINITE);
     handles.clear();
+    count = 0;
   }
 
  private:
   Platform::Threads& threads;
+  std::atomic<std::size_t> count{0};
   std::vector<Platform::UniqueHandle> handles;
 };
 
@@ -169,11 +190,30 @@ void BareThreadsAndParses(std::size_t count, const std::wstring& list) {
   for (const auto& thread : threads) WaitForSingleObject(thread.get(), INFINITE);
 }
 
+// The memory while all workers of one event are there.
+void ReportPeak(RatioTable& table, StubbedCommands& commands, CountingThreads& threads,
+                std::size_t count) {
+  const auto before = Tests::MeasureMemory();
+  Tests::MemoryInUse peak;
+  commands.atFirst = [&] {
+    while (threads.Started() < count) Sleep(1);
+    peak = Tests::MeasureMemory();
+  };
+  FulfillPowerSubscriptions(7);
+  threads.WaitForAll();
+  constexpr double kMebibyte = 1 << 20;
+  const std::string of = ", one event, " + std::to_string(count) + " subscriptions match";
+  table.Report("peak address space" + of,
+               static_cast<double>(peak.addresses - before.addresses) / kMebibyte, "MiB");
+  table.Report("peak private bytes" + of,
+               static_cast<double>(peak.committed - before.committed) / kMebibyte, "MiB");
+}
+
 void MeasureDeliveries(RatioTable& table, Effort effort) {
-  NoAppServices services;
+  StubbedCommands commands;
   CountingThreads threads(*Platform::CurrentMachine().threads);
   const Platform::MachineScope scope([&](Platform::Machine& machine) {
-    machine.appServices = &services;
+    machine.appServices = &commands;
     machine.threads = &threads;
   });
   for (const std::size_t count : {std::size_t{1}, std::size_t{100}, std::size_t{1000}}) {
@@ -195,6 +235,7 @@ void MeasureDeliveries(RatioTable& table, Effort effort) {
             Keep(CapDataStore().readDocument(kServiceDocument));
             BareThreadsAndParses(count, list);
           });
+      if (matching == count) ReportPeak(table, commands, threads, count);
     }
   }
 }

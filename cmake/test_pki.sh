@@ -4,6 +4,7 @@
 #   test_pki.sh keys DIR            makes the authority, its certificates and the files of pinned keys
 #   test_pki.sh sign DIR PROGRAM LIBRARY
 #                                   signs copies of both in every way that a test asks for
+#   test_pki.sh pin DIR PROGRAM OUT signs a copy of one with a key of both sets
 #
 # Nothing outside DIR is read or written. The keys are made anew in each build tree and protect
 # nothing.
@@ -144,8 +145,9 @@ case $mode in
     sign_programs "$3"
     sign_libraries "$4"
     ;;
+  pin) sign pinned pinned "$3" "$4" ;;
   *)
-    echo "test_pki.sh keys|sign DIR [PROGRAM LIBRARY]"
+    echo "test_pki.sh keys|sign|pin DIR [PROGRAM LIBRARY|OUT]"
     exit 2
     ;;
 esac

@@ -13,6 +13,7 @@ MemoryInUse MeasureMemory() {
   MEMORY_BASIC_INFORMATION region{};
   for (const char* at = nullptr; VirtualQuery(at, &region, sizeof region) != 0;
        at = static_cast<const char*>(region.BaseAddress) + region.RegionSize) {
+    if (region.State != MEM_FREE) memory.addresses += region.RegionSize;
     if (region.State == MEM_COMMIT && region.Type == MEM_PRIVATE) {
       memory.committed += region.RegionSize;
     }

@@ -1,0 +1,11 @@
+// A program of about 1 MiB that ends at once.
+namespace {
+
+// Something that neither compiler nor linker can leave out.
+volatile unsigned char filling[1'000'000] = {1};  // NOLINT(modernize-avoid-c-arrays)
+
+}  // namespace
+
+int main() {
+  return filling[0] - 1;
+}

@@ -1,0 +1,136 @@
+// Starting a trusted program, and refusing one, against bare process creation of the same program.
+//
+// Usage: launch_bench [--brief] [--json FILE]
+#include <stdexcept>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <windows.h>
+
+#include "bench/ratio_table.h"
+#include "events/event_commands.h"
+#include "json/json_object.h"
+#include "platform/machine.h"
+#include "platform/processes.h"
+#include "platform/trust_provider.h"
+#include "platform/unique_handle.h"
+#include "support/stand_in_logon.h"
+#include "support/test_pki.h"
+
+namespace {
+
+using namespace Vx;
+using namespace Vx::Bench;
+using Tessel::Server::Services::Orvane::LaunchCommand;
+
+constexpr DWORD kLongestWait = 60'000;  // milliseconds
+
+// The real thing, which also keeps the programs that were started, so that none runs into the next
+// measurement.
+class KeptProcesses final : public Platform::Processes {
+ public:
+  explicit KeptProcesses(Platform::Processes& real) : processes(real) {}
+
+  Platform::Result<std::uint32_t> Start(Platform::RawHandle token,
+                                        const Platform::ProcessStart& start) override {
+    auto started = processes.Start(token, start);
+    if (started) Keep(OpenProcess(SYNCHRONIZE, FALSE, *started));
+    return started;
+  }
+  std::vector<std::uint32_t> Ids(std::size_t limit) const override { return processes.Ids(limit); }
+  std::optional<std::wstring> ImagePath(std::uint32_t id) const override {
+    return processes.ImagePath(id);
+  }
+  std::optional<std::uint32_t> Session(std::uint32_t id) const override {
+    return processes.Session(id);
+  }
+  Platform::Result<Platform::UniqueHandle> PrimaryToken(std::uint32_t id) const override {
+    return processes.PrimaryToken(id);
+  }
+
+  void Keep(HANDLE process) { running.emplace_back(process); }
+
+  std::size_t Running() const { return running.size(); }
+
+  void WaitForAll() {
+    for (const auto& process : running) WaitForSingleObject(process.get(), kLongestWait);
+    running.clear();
+  }
+
+ private:
+  Platform::Processes& processes;
+  std::vector<Platform::UniqueHandle> running;
+};
+
+LaunchCommand CommandFor(const std::wstring& path) {
+  std::wstring escaped;
+  for (const wchar_t unit : path) escaped.append(unit == L'\\' ? 2 : 1, unit);
+  return LaunchCommand(Json::JsonObject::Parse(L"{\"path\":\"" + escaped + L"\"}"));
+}
+
+void StartBare(const std::wstring& path, KeptProcesses& processes) {
+  std::wstring line = L"\"" + path + L"\"";
+  STARTUPINFOW start{};
+  start.cb = sizeof start;
+  PROCESS_INFORMATION started{};
+  if (CreateProcessW(path.c_str(), line.data(), nullptr, nullptr, FALSE,
+                     CREATE_NEW_CONSOLE | NORMAL_PRIORITY_CLASS, nullptr, nullptr, &start,
+                     &started) == FALSE) {
+    throw std::runtime_error("cannot start the program");
+  }
+  CloseHandle(started.hThread);
+  processes.Keep(started.hProcess);
+}
+
+void Measure(RatioTable& table) {
+  const Tests::ProtectedFolder folder;
+  const std::wstring trusted = folder.Hold(L"idle_program.exe");
+  const std::wstring refused = folder.Hold(L"unsigned_program.exe");
+  const Tests::StandInLogon logon(folder.Path());
+  KeptProcesses processes(*Platform::CurrentMachine().processes);
+  const Platform::MachineScope scope(
+      [&](Platform::Machine& machine) { machine.processes = &processes; });
+
+  LaunchCommand launch = CommandFor(trusted);
+  launch.Execute();
+  if (processes.Running() != 1) throw std::runtime_error("the signed program is not started");
+  LaunchCommand refusal = CommandFor(refused);
+  refusal.Execute();
+  if (processes.Running() != 1) throw std::runtime_error("the unsigned program is started");
+  processes.WaitForAll();
+
+  const auto settle = [&] { processes.WaitForAll(); };
+  const auto bare = [&] { StartBare(trusted, processes); };
+  table.Compare(
+      "launch of a signed 1 MiB program", "bare process creation", 1.25, 1,
+      [&] { launch.Execute(); }, bare, settle);
+  table.Compare(
+      "refusal of the same program without signature", "bare process creation", 0.10, 1,
+      [&] { refusal.Execute(); }, bare, settle);
+
+  // What Windows itself takes for the answers that the decision needs.
+  const Platform::TrustProvider& provider = *Platform::CurrentMachine().trustProvider;
+  const auto askWindows = [&](const std::wstring& path) {
+    Platform::CatalogFailure failure;
+    Bench::Keep(provider.FindCatalog(path, failure));
+    Bench::Keep(provider.VerifyEmbedded(path, 0));
+  };
+  table.Compare(
+      "the same launch", "process creation, catalog search, verification", 0, 1,
+      [&] { launch.Execute(); },
+      [&] {
+        askWindows(trusted);
+        bare();
+      },
+      settle);
+  table.Compare(
+      "the same refusal", "catalog search, verification", 0, 1, [&] { refusal.Execute(); },
+      [&] { askWindows(refused); });
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  return RunBenchmarks(argc, argv, [](RatioTable& table, Effort) { Measure(table); });
+}

@@ -1,0 +1,90 @@
+// What the module costs its host: loading it, its size, and the memory of an idle service.
+//
+// Usage: module_bench MODULE EMPTY-LIBRARY [--brief] [--json FILE]
+#include <cstdio>
+#include <cstring>
+#include <stdexcept>
+#include <string>
+
+#include <windows.h>
+
+#include "bench/ratio_table.h"
+#include "host/vx_service.h"
+#include "support/memory_in_use.h"
+
+namespace {
+
+using namespace Vx::Bench;
+using Vx::Tessel::Server::Services::CreateServiceFunction;
+using Vx::Tessel::Server::Services::kCreateServiceExport;
+using Vx::Tessel::Server::Services::VxService;
+
+constexpr DWORD kSettle = 2000;  // milliseconds until the background tasks have begun their waits
+
+class Library {
+ public:
+  explicit Library(const std::wstring& path)
+      : handle(LoadLibraryExW(path.c_str(), nullptr, LOAD_LIBRARY_SEARCH_SYSTEM32)) {
+    if (handle == nullptr) throw std::runtime_error("cannot load a library");
+  }
+  Library(const Library&) = delete;
+  Library& operator=(const Library&) = delete;
+  ~Library() { FreeLibrary(handle); }
+
+  VxService* MakeService() const {
+    const auto create = reinterpret_cast<CreateServiceFunction>(
+        reinterpret_cast<void*>(GetProcAddress(handle, kCreateServiceExport)));
+    VxService* const service = create == nullptr ? nullptr : create();
+    if (service == nullptr) throw std::runtime_error("the module gives no service");
+    return service;
+  }
+
+ private:
+  HMODULE handle;
+};
+
+std::wstring FullPath(const char* narrow) {
+  wchar_t full[MAX_PATH * 4];
+  const std::wstring path(narrow, narrow + std::strlen(narrow));  // a path of the build tree: ASCII
+  const DWORD length = GetFullPathNameW(path.c_str(), MAX_PATH * 4, full, nullptr);
+  return {full, length};
+}
+
+void ReportMemory(const std::wstring& module, RatioTable& table) {
+  constexpr double kKibibyte = 1024;
+  const auto before = Vx::Tests::MeasureMemory();
+  const Library library(module);
+  VxService* const service = library.MakeService();
+  service->Start();
+  Sleep(kSettle);
+  const auto after = Vx::Tests::MeasureMemory();
+  table.Report("private bytes of an idle, started service",
+               static_cast<double>(after.committed - before.committed) / kKibibyte, "KiB");
+  table.Report("heap blocks of it", static_cast<double>(after.heap - before.heap) / kKibibyte,
+               "KiB");
+  service->Destroy(1);
+  WIN32_FILE_ATTRIBUTE_DATA data{};
+  GetFileAttributesExW(module.c_str(), GetFileExInfoStandard, &data);
+  table.Report("size of the module", static_cast<double>(data.nFileSizeLow) / kKibibyte, "KiB");
+}
+
+void Measure(const std::wstring& module, const std::wstring& empty, RatioTable& table) {
+  table.Compare(
+      "load, create, destroy, unload", "loading and unloading an empty library", 0, 1,
+      [&] { Library(module).MakeService()->Destroy(1); }, [&] { const Library library(empty); });
+  ReportMemory(module, table);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (argc < 3) {
+    std::fprintf(stderr, "usage: module_bench MODULE EMPTY-LIBRARY [--brief] [--json FILE]\n");
+    return 2;
+  }
+  const std::wstring module = FullPath(argv[1]);
+  const std::wstring empty = FullPath(argv[2]);
+  argv[2] = argv[0];
+  return RunBenchmarks(argc - 2, argv + 2,
+                       [&](RatioTable& table, Effort) { Measure(module, empty, table); });
+}
