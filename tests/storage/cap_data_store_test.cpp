@@ -1,7 +1,12 @@
 #include "storage/cap_data_store.h"
 
 #include <algorithm>
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
 #include <memory>
+#include <optional>
+#include <random>
 #include <span>
 #include <stdexcept>
 #include <string>
@@ -18,6 +23,7 @@
 #include "storage/store_file.h"
 #include "support/directory_link.h"
 #include "support/log_capture.h"
+#include "support/setting.h"
 #include "support/temp_folder.h"
 
 namespace Vx::Tessel::Server::Storage {
@@ -199,34 +205,133 @@ TEST_F(CapDataStoreTest, AFileOfHeaderSizeOrLessIsAnEmptyStore) {
   }
 }
 
-TEST_F(CapDataStoreTest, ADamagedFileCannotBeReadAndIsReplacedByTheNextWrite) {
-  const Bytes good = Tests::StoreFile(WithInt("old", 1).Encoded());
-  std::vector<std::pair<const char*, Bytes>> damaged;
-  damaged.emplace_back("one byte of a blob", Bytes(good.begin(), good.begin() + 73));
-  damaged.emplace_back("cut blob", Bytes(good.begin(), good.end() - 1));
-  damaged.emplace_back("flipped last byte", good);
-  damaged.back().second.back() ^= std::byte{1};
-  Bytes shortDocument = Encoded(WithInt("old", 1));
-  shortDocument.pop_back();
-  damaged.emplace_back("broken document", Tests::StoreFile(shortDocument));
-  for (const auto& [name, content] : damaged) {
-    SCOPED_TRACE(name);
-    Plant(content);
+// Bytes as a fault of the disk, a torn write or another program leaves them.
+Bytes Damaged(Bytes bytes, const Bytes& others, std::mt19937& random) {
+  if (bytes.empty()) return others;
+  const auto at = static_cast<std::ptrdiff_t>(random() % bytes.size());
+  switch (random() % 5) {
+    case 0:  // cut
+      bytes.resize(static_cast<std::size_t>(at));
+      break;
+    case 1:  // flipped bits
+      for (unsigned flips = 1 + random() % 3; flips != 0; --flips) {
+        bytes[random() % bytes.size()] ^= std::byte{1} << random() % 8;
+      }
+      break;
+    case 2:  // goes on as another one does
+      bytes.resize(static_cast<std::size_t>(at));
+      if (static_cast<std::size_t>(at) < others.size()) {
+        bytes.insert(bytes.end(), others.begin() + at, others.end());
+      }
+      break;
+    case 3:  // a part is missing
+      bytes.erase(bytes.begin() + at,
+                  bytes.begin() + at +
+                      static_cast<std::ptrdiff_t>(
+                          random() % (bytes.size() - static_cast<std::size_t>(at) + 1)));
+      break;
+    default:  // a part is there twice
+      bytes.insert(bytes.begin() + at, others.begin(),
+                   others.begin() + static_cast<std::ptrdiff_t>(random() % (others.size() + 1)));
+  }
+  return bytes;
+}
+
+// What a file holds, by rules that are not the store's own code; nothing when it cannot be read.
+std::optional<BsonDocument> Held(const Bytes& file) {
+  if (file.size() <= Tests::kHeaderSize) return BsonDocument();
+  const auto plain = Tests::PlainOf(file);
+  return plain ? BsonDocument::Decode(*plain) : std::nullopt;
+}
+
+// Damaged files, and things that are none, in the place of the store's file.
+class DamagedStoreTest : public CapDataStoreTest {
+ protected:
+  DamagedStoreTest() {
+    const CapDataStore maker;
+    BsonDocument ours = WithInt("Flag", 1);
+    ours.AppendText("PowerEventSubscriptions", "[{\"n\":1}]");
+    BsonDocument theirs = WithInt("old", 1);
+    theirs.AppendDocument(kOwn, ours);
+    theirs.AppendBinary("data", Bytes(40, std::byte{7}));
+    BsonDocument foreign = WithInt(kOwn, 5);  // of a kind that this service does not write
+    foreign.AppendText("old", "text");
+    for (const BsonDocument& document : {theirs, foreign, WithInt("other", 2), BsonDocument()}) {
+      plain.push_back(Encoded(document));
+      files.push_back(Tests::StoreFile(plain.back()));
+    }
+    plain.push_back(Bytes(100, std::byte{0x41}));  // no document
+    files.push_back(plain.back());                 // no file of a store
+  }
+
+  // Either the file is damaged or the document that was put into a good one.
+  Bytes DamagedFile(std::mt19937& random) {
+    const std::size_t one = random() % files.size();
+    const std::size_t other = random() % files.size();
+    if (random() % 4 != 0) return Damaged(files[one], files[other], random);
+    return Tests::StoreFile(Damaged(plain[one], plain[other], random));
+  }
+
+  // Reads and writes the store as it lies there, whose content is `held`; nothing: unreadable.
+  void Check(const std::optional<BsonDocument>& held, bool writable) {
+    const auto logged = [&](const wchar_t* line) {
+      return held ? std::vector<std::wstring>() : std::vector<std::wstring>{line};
+    };
     log.Clear();
     CapDataStore store;
     BsonElement element;
-    EXPECT_FALSE(store.read("old", element));
-    EXPECT_EQ(log.Lines(), std::vector<std::wstring>{kReadError});
-    EXPECT_THROW(store.requireInt32("old"), std::runtime_error);
+    EXPECT_EQ(store.read("old", element), held && held->Find("old"));
+    EXPECT_EQ(log.Lines(), logged(kReadError));
 
     log.Clear();
-    EXPECT_TRUE(store.persist("new", true));
-    EXPECT_EQ(log.Lines(), std::vector<std::wstring>{kPersistWarning});
-    const BsonDocument after = Tests::DocumentOf(Path());
-    EXPECT_EQ(after.Size(), 1U);
-    EXPECT_EQ(after.Find("new")->AsBoolean(), true);
-    EXPECT_EQ(Tests::IdOf(Tests::ReadBytes(Path())), Tests::kSomeId);
+    EXPECT_EQ(store.mergeMember(kOwn, "Flag", BsonElement::Boolean(true)), writable);
+    EXPECT_EQ(log.Lines(), logged(kPersistWarning));
   }
+
+  // Every value that could be read is still there, and the new one.
+  void CheckWritten(BsonDocument expected) {
+    const auto own = expected.Find(kOwn);
+    BsonDocument members = own ? own->AsDocument().value_or(BsonDocument()) : BsonDocument();
+    members.Set("Flag", BsonElement::Boolean(true));
+    expected.Set(kOwn, BsonElement(members));
+    EXPECT_EQ(Tests::DocumentOf(Path()), expected);
+  }
+
+  static constexpr char kOwn[] = "OrvaneServiceDocument";
+
+ private:
+  std::vector<Bytes> plain;
+  std::vector<Bytes> files;
+};
+
+TEST_F(DamagedStoreTest, CannotBeReadAndIsReplacedByTheNextWrite) {
+  const std::uint32_t seed = Tests::Setting("VX_SEED", 20240731);
+  std::mt19937 random(seed);
+  std::size_t unreadable = 0;
+  const std::uint32_t count = Tests::Setting("VX_DAMAGES", 2000);
+  for (std::uint32_t n = 0; n < count && !HasFailure(); ++n) {
+    SCOPED_TRACE(testing::Message() << "VX_SEED=" << seed << ", damage " << n);
+    const Bytes file = DamagedFile(random);
+    Tests::WriteBytes(Path(), file);
+    const auto held = Held(file);
+    if (!held) ++unreadable;
+    Check(held, true);
+    CheckWritten(held.value_or(BsonDocument()));
+    if (file.size() >= Tests::kHeaderSize) {
+      EXPECT_EQ(Tests::IdOf(Tests::ReadBytes(Path())), Tests::IdOf(file));
+    }
+  }
+  std::printf("%u damages, %zu unreadable\n", count, unreadable);
+  EXPECT_GT(unreadable, count / 4);
+}
+
+TEST_F(DamagedStoreTest, AFolderInItsPlaceIsNeitherReadNorWritten) {
+  ASSERT_TRUE(::DeleteFileW(Path().c_str()));
+  ASSERT_TRUE(CreateDirectoryW(Path().c_str(), nullptr));
+  Check(std::nullopt, false);
+  EXPECT_FALSE(CapDataStore().readAll());
+  EXPECT_THROW(CapDataStore().requireInt32("old"), std::runtime_error);
+  EXPECT_NE(GetFileAttributesW(Path().c_str()) & FILE_ATTRIBUTE_DIRECTORY, 0U);
 }
 
 TEST_F(CapDataStoreTest, AFileBeyondItsBoundIsNotRead) {
