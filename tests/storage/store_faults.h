@@ -17,7 +17,7 @@ namespace Vx::Tests {
 inline constexpr Platform::ErrorCode kFault = 1117;  // ERROR_IO_DEVICE
 inline constexpr std::uint32_t kReparsePoint = 0x400;
 
-class FaultyFiles final : public Platform::Files {
+class FaultyFiles : public Platform::Files {
  public:
   bool readsFail = false;
   bool writesFail = false;

@@ -1,4 +1,9 @@
 #include <atomic>
+#include <cstdint>
+#include <cstdio>
+#include <iterator>
+#include <map>
+#include <random>
 #include <string>
 #include <thread>
 #include <vector>
@@ -11,8 +16,10 @@
 #include "storage/request_list.h"
 #include "storage/request_manager.h"
 #include "storage/store_file.h"
+#include "storage/store_storm.h"
 #include "support/log_capture.h"
 #include "support/probe.h"
+#include "support/setting.h"
 #include "support/temp_folder.h"
 
 namespace Vx::Tessel::Server::Storage {
@@ -24,6 +31,7 @@ using Services::Orvane::kServiceDocument;
 using Services::Orvane::RequestManager;
 
 constexpr DWORD kDeadline = 60'000;  // milliseconds
+constexpr wchar_t kMutexName[] = L"18CC6446-1DB5-4D23-8F2B-441BA13883D6";
 
 // A running store_worker; killed at the end when it has not ended by itself.
 class Worker {
@@ -72,27 +80,6 @@ class StoreSharingTest : public testing::Test {
   Tests::PrivateStore home;
 };
 
-TEST_F(StoreSharingTest, ThreadsAndProcessesThatMergeDifferentMembersLoseNothing) {
-  constexpr int kCount = 15;
-  const std::wstring count = std::to_wstring(kCount);
-  Worker first(L"merge document first " + count);
-  Worker second(L"merge document second " + count);
-  Together(2, [&](int i) {
-    for (int value = 0; value < kCount; ++value) {
-      CapDataStore store;
-      EXPECT_TRUE(
-          store.mergeMember("document", "thread" + std::to_string(i), BsonElement::Int32(value)));
-    }
-  });
-  EXPECT_EQ(first.ExitCode(), 0U);
-  EXPECT_EQ(second.ExitCode(), 0U);
-  const BsonDocument document = CapDataStore().readDocument("document");
-  EXPECT_EQ(document.Size(), 4U);
-  for (const char* member : {"first", "second", "thread0", "thread1"}) {
-    EXPECT_EQ(document.Find(member)->AsInt32(), kCount - 1) << member;
-  }
-}
-
 TEST_F(StoreSharingTest, SubscribersAndFlagWritersDoNotUndoOneAnother) {
   constexpr int kCount = 10;
   Worker subscriber(L"subscribe PowerEventSubscriptions process " + std::to_wstring(kCount));
@@ -114,6 +101,114 @@ TEST_F(StoreSharingTest, SubscribersAndFlagWritersDoNotUndoOneAnother) {
   const std::wstring list = RequestManager(kServiceDocument, kPowerSubscriptions).StoredRequests();
   EXPECT_EQ(RequestsOf(list).size(), static_cast<std::size_t>(kCount + kCount));
   EXPECT_EQ(CapDataStore().readDocument(kServiceDocument).Find("Flag")->AsBoolean(), true);
+}
+
+// Processes that write one store with all their threads; one after another is killed and replaced.
+class StoreStormTest : public testing::Test {
+ protected:
+  // One storm over a fresh store that holds the value of another service.
+  void Storm(std::mt19937& random) {
+    const CapDataStore maker;
+    BsonDocument others;
+    others.AppendInt32("sleep_state", kOthers);
+    Tests::WriteBytes(home.FilePath(), Tests::StoreFile(others.Encoded()));
+
+    const std::wstring name =
+        L"vx-storm-" + std::to_wstring(GetCurrentProcessId()) + L"-" + std::to_wstring(++storms);
+    const Tests::SharedNotes notes(name);
+    std::map<std::size_t, Worker> running;
+    std::vector<std::size_t> dead;  // since whose last write nothing could have cut the file
+    bool wasCut = false;
+    for (std::size_t next = 0; next < kProcesses; ++next) {
+      running.try_emplace(next, L"storm " + name + L" " + std::to_wstring(next) + L" storm");
+      if (running.size() < kAtOnce) continue;
+      const auto victim = std::next(running.begin(), static_cast<int>(random() % kAtOnce));
+      const Tests::StormProcess& process = notes->processes.at(victim->first);
+      ASSERT_TRUE(HasBegun(process));
+      Sleep(random() % kLongestLife);
+      victim->second.Kill();
+      ++kills;
+      dead.push_back(victim->first);
+      running.erase(victim);
+      if (process.writing) {
+        ++cuts;
+        wasCut = true;
+        dead.clear();
+      }
+      LookAtFile(wasCut);
+    }
+    notes->end = true;
+    for (auto& [process, worker] : running) EXPECT_EQ(worker.ExitCode(), 0U);
+
+    const BsonDocument document = Tests::DocumentOf(home.FilePath());
+    EXPECT_TRUE(wasCut || document.Find("sleep_state")->AsInt32() == kOthers);
+    const BsonDocument written = document.Find("storm")->AsDocument().value();
+    for (const auto& [process, worker] : running) {
+      Check(notes, process, &Tests::StormWriter::begun, written);
+    }
+    for (const std::size_t process : dead) {
+      Check(notes, process, &Tests::StormWriter::acknowledged, written);
+    }
+  }
+
+  unsigned kills = 0;
+  unsigned cuts = 0;       // kills inside the call that writes the file
+  unsigned emptied = 0;    // times that the file was found empty
+  unsigned abandoned = 0;  // times that the mutex was found abandoned
+  int writes = 0;
+
+ private:
+  static constexpr std::size_t kProcesses = 12;
+  static constexpr std::size_t kAtOnce = 3;
+  static constexpr DWORD kLongestLife = 16;  // milliseconds
+  static constexpr std::int32_t kOthers = 4711;
+  static_assert(kProcesses <= Tests::kMostProcesses);
+
+  static bool HasBegun(const Tests::StormProcess& process) {
+    for (DWORD waited = 0; waited < kDeadline; ++waited) {
+      if (process.writers[0].acknowledged > 0) return true;
+      Sleep(1);
+    }
+    return false;
+  }
+
+  void LookAtFile(bool mayBeEmpty) {
+    const Platform::UniqueHandle mutex(CreateMutexW(nullptr, FALSE, kMutexName));
+    const DWORD code = WaitForSingleObject(mutex.get(), kDeadline);
+    ASSERT_TRUE(code == WAIT_OBJECT_0 || code == WAIT_ABANDONED) << code;
+    const Tests::Bytes file = Tests::ReadBytes(home.FilePath());
+    ReleaseMutex(mutex.get());
+    if (code == WAIT_ABANDONED) ++abandoned;
+    if (file.empty()) ++emptied;
+    const auto plain = Tests::PlainOf(file);
+    EXPECT_TRUE(file.empty() ? mayBeEmpty : plain && BsonDocument::Decode(*plain)) << file.size();
+  }
+
+  // The store holds what the writers of `process` wrote, their value `least` or a later one.
+  void Check(const Tests::SharedNotes& notes, std::size_t process,
+             std::atomic<std::int32_t> Tests::StormWriter::*least, const BsonDocument& written) {
+    EXPECT_EQ(notes->processes.at(process).refused, 0);
+    for (std::size_t i = 0; i < Tests::kWritersOfAProcess; ++i) {
+      const Tests::StormWriter& writer = notes->processes.at(process).writers.at(i);
+      const auto found = written.Find(Tests::MemberOf(process, i));
+      const std::int32_t value = found ? found->AsInt32().value_or(-1) : 0;
+      EXPECT_GE(value, writer.*least) << "process " << process;
+      EXPECT_LE(value, writer.begun) << "process " << process;
+      writes += writer.acknowledged;
+    }
+  }
+
+  Tests::PrivateStore home;
+  unsigned storms = 0;
+};
+
+TEST_F(StoreStormTest, NoKillLosesWhatItCouldNotCut) {
+  const std::uint32_t seed = Tests::Setting("VX_SEED", GetTickCount());
+  std::mt19937 random(seed);
+  std::printf("VX_SEED=%u\n", seed);
+  while (kills < Tests::Setting("VX_KILLS", 20) && !HasFailure()) Storm(random);
+  std::printf("%u kills, %u in a write, file empty %u times, mutex abandoned %u times; %d writes\n",
+              kills, cuts, emptied, abandoned, writes);
 }
 
 TEST_F(StoreSharingTest, CopesWithWhatAKilledHolderLeft) {

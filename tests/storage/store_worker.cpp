@@ -1,15 +1,20 @@
 // Another process that uses the shared store.
 //
-//   store_worker merge DOCUMENT MEMBER COUNT   merges COUNT values into one member, last COUNT - 1
+//   store_worker storm NOTES PROCESS DOCUMENT  counts up members until the notes tell it to end
 //   store_worker subscribe KEY PREFIX COUNT    adds COUNT requests {"id":"PREFIXn"}
 //   store_worker cut FILE SIZE EVENT           takes the mutex, cuts the file to SIZE bytes,
-//   signals
-//                                              the event and waits to be killed
+//                                              signals the event and waits to be killed
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
+#include <span>
 #include <string>
 #include <string_view>
+#include <thread>
+#include <vector>
 
 #include <windows.h>
 
@@ -17,6 +22,8 @@
 #include "platform/hresult_error.h"
 #include "storage/cap_data_store.h"
 #include "storage/request_manager.h"
+#include "storage/store_faults.h"
+#include "storage/store_storm.h"
 
 namespace {
 
@@ -26,11 +33,51 @@ using Vx::Tessel::Server::Storage::CapDataStore;
 
 constexpr DWORD kLongestWait = 60'000;  // milliseconds; a forgotten worker does not stay for ever
 
-bool Merge(const std::string& document, const std::string& member, int count) {
-  for (int i = 0; i < count; ++i) {
-    CapDataStore store;
-    if (!store.mergeMember(document, member, BsonElement::Int32(i))) return false;
+// Notes when a kill would cut the file.
+class NotedFiles final : public Vx::Tests::FaultyFiles {
+ public:
+  explicit NotedFiles(std::atomic<bool>& flag) : writing(flag) {}
+  Vx::Platform::ErrorCode Overwrite(const std::wstring& path,
+                                    std::span<const std::byte> content) override {
+    writing = true;
+    const Vx::Platform::ErrorCode error = FaultyFiles::Overwrite(path, content);
+    writing = false;
+    writes.clear();
+    return error;
   }
+
+ private:
+  std::atomic<bool>& writing;
+};
+
+// A store that throws ends the process, and so the test sees it.
+void CountUp(const Vx::Tests::SharedNotes& notes, std::size_t self, std::size_t writer,
+             const std::string& document) {
+  Vx::Tests::StormProcess& process = notes->processes.at(self);
+  Vx::Tests::StormWriter& own = process.writers.at(writer);
+  for (bool last = false; !last;) {
+    last = notes->end;
+    const std::int32_t value = ++own.begun;
+    CapDataStore store;
+    if (store.mergeMember(document, Vx::Tests::MemberOf(self, writer), BsonElement::Int32(value))) {
+      own.acknowledged = value;
+    } else {
+      ++process.refused;
+    }
+  }
+}
+
+bool Storm(const std::wstring& name, std::size_t self, const std::string& document) {
+  const Vx::Tests::SharedNotes notes(name);
+  NotedFiles files(notes->processes.at(self).writing);
+  const Vx::Platform::MachineScope scope(
+      [&](Vx::Platform::Machine& machine) { machine.files = &files; });
+  std::vector<std::thread> writers;
+  writers.reserve(Vx::Tests::kWritersOfAProcess);
+  for (std::size_t i = 0; i < Vx::Tests::kWritersOfAProcess; ++i) {
+    writers.emplace_back([&, i] { CountUp(notes, self, i, document); });
+  }
+  for (std::thread& writer : writers) writer.join();
   return true;
 }
 
@@ -59,7 +106,9 @@ bool Run(int count, wchar_t** arguments) {
   if (count != 5) return false;
   const std::wstring_view verb = arguments[1];
   const auto narrow = [&](int i) { return Vx::Json::ToUtf8(arguments[i]); };
-  if (verb == L"merge") return Merge(narrow(2), narrow(3), _wtoi(arguments[4]));
+  if (verb == L"storm") {
+    return Storm(arguments[2], static_cast<std::size_t>(_wtoi(arguments[3])), narrow(4));
+  }
   if (verb == L"subscribe") return Subscribe(narrow(2), arguments[3], _wtoi(arguments[4]));
   if (verb == L"cut") return Cut(arguments[2], _wtol(arguments[3]), arguments[4]);
   return false;

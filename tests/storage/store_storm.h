@@ -1,0 +1,63 @@
+#pragma once
+
+#include <array>
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <new>
+#include <string>
+
+#include <windows.h>
+
+#include "platform/unique_handle.h"
+
+// What the writers of a storm note in shared memory, to be read after they were killed.
+namespace Vx::Tests {
+
+inline constexpr std::size_t kWritersOfAProcess = 2;
+inline constexpr std::size_t kMostProcesses = 32;
+
+struct StormWriter {
+  std::atomic<std::int32_t> begun{0};         // the last value that it set out to write
+  std::atomic<std::int32_t> acknowledged{0};  // the last one that the store said it holds
+};
+
+struct StormProcess {
+  std::atomic<bool> writing{false};  // inside the call that empties and fills the file
+  std::atomic<int> refused{0};       // writes that the store did not hold
+  std::array<StormWriter, kWritersOfAProcess> writers;
+};
+
+struct StormNotes {
+  std::atomic<bool> end{false};  // each writer begins one write more
+  std::array<StormProcess, kMostProcesses> processes;
+};
+
+// The member that a writer counts up.
+inline std::string MemberOf(std::size_t process, std::size_t writer) {
+  return std::to_string(process) + "." + std::to_string(writer);
+}
+
+// The notes under a name that several processes open; the first finds all of them zero.
+class SharedNotes {
+ public:
+  explicit SharedNotes(const std::wstring& name)
+      : mapping(CreateFileMappingW(INVALID_HANDLE_VALUE, nullptr, PAGE_READWRITE, 0,
+                                   sizeof(StormNotes), name.c_str())),
+        notes(mapping == nullptr ? nullptr
+                                 : static_cast<StormNotes*>(MapViewOfFile(
+                                       mapping.get(), FILE_MAP_ALL_ACCESS, 0, 0, 0))) {
+    if (notes == nullptr) throw std::bad_alloc();
+  }
+  SharedNotes(const SharedNotes&) = delete;
+  SharedNotes& operator=(const SharedNotes&) = delete;
+  ~SharedNotes() { UnmapViewOfFile(notes); }
+
+  StormNotes* operator->() const { return notes; }
+
+ private:
+  Platform::UniqueHandle mapping;
+  StormNotes* notes;
+};
+
+}  // namespace Vx::Tests
