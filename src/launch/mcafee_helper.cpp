@@ -41,8 +41,21 @@ McAfeeHelper::McAfeeHelper() : logger(LogManager::SetProvider(Logging::kComponen
 
 bool McAfeeHelper::expand_path_impersonated_as_loggedin_user(const std::wstring& path,
                                                              std::wstring& expanded) const {
-  const Platform::Machine& machine = Platform::CurrentMachine();
   logger->LogInfo(kActingAsUser);
+  return RunAsLoggedInUser([&](Platform::RawHandle token) {
+    auto answer = Platform::CurrentMachine().environment->ExpandForUser(token, path, kMaxPath);
+    if (!answer) {
+      logger->LogWarning(kExpansionFailed);
+      return false;
+    }
+    expanded = *std::move(answer);
+    return true;
+  });
+}
+
+bool McAfeeHelper::RunAsLoggedInUser(
+    const std::function<bool(Platform::RawHandle token)>& work) const {
+  const Platform::Machine& machine = Platform::CurrentMachine();
   const std::uint32_t session = machine.sessions->ActiveConsoleSession();
   if (session == Platform::kNoSession) {
     logger->LogWarning(kNoConsoleSession);
@@ -68,13 +81,7 @@ bool McAfeeHelper::expand_path_impersonated_as_loggedin_user(const std::wstring&
     logger->LogWarning(kImpersonationFailed);
     return false;
   }
-  auto answer = machine.environment->ExpandForUser(token->get(), path, kMaxPath);
-  if (!answer) {
-    logger->LogWarning(kExpansionFailed);
-    return false;
-  }
-  expanded = *std::move(answer);
-  return true;
+  return work(token->get());
 }
 
 }  // namespace Vx::Tessel::Server::Services::Orvane

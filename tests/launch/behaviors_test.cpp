@@ -364,6 +364,26 @@ TEST_F(RegistrationDataTest, CopiesTheMachinesDataOverTheUsers) {
   EXPECT_EQ(Copied(), "second");
 }
 
+TEST_F(RegistrationDataTest, TouchesFilesOnlyWithTheUsersRights) {
+  WriteSource("x");
+  std::filesystem::create_directories(Destination().parent_path());
+  Tests::FaultyFiles files;
+  int accesses = 0;
+  files.onContent = [&] {
+    ++accesses;
+    EXPECT_TRUE(console.acting);
+  };
+  const Platform::MachineScope inserted([&](Platform::Machine& machine) { machine.files = &files; });
+  EXPECT_TRUE(CopyRegistrationData(L"client", logger));
+  EXPECT_EQ(accesses, 3);
+  EXPECT_FALSE(console.acting);
+  console.FailCall(12);
+  EXPECT_FALSE(CopyRegistrationData(L"client", logger));
+  ASSERT_EQ(console.calls.back(), "Impersonate");
+  EXPECT_EQ(log.Lines().back(), L"warning|Problem while impersonating logged in user.");
+  EXPECT_EQ(accesses, 3);
+}
+
 TEST_F(RegistrationDataTest, NamesTheSideThatFailed) {
   EXPECT_FALSE(CopyRegistrationData(L"client", logger));
   EXPECT_EQ(log.Lines().back(), L"error|Error while copying source file " + Source().wstring());

@@ -3,6 +3,7 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -22,6 +23,7 @@ class FaultyFiles : public Platform::Files {
   bool readsFail = false;
   bool writesFail = false;
   bool writesStopHalfway = false;
+  std::function<void()> onContent = [] {};     // before content is read, written or moved
   bool linksEverywhere = false;                // each existing path is a reparse point
   mutable std::size_t largestRead = 0;         // the bound of the last read
   std::vector<std::vector<std::byte>> writes;  // the content of each write call that was asked for
@@ -40,12 +42,14 @@ class FaultyFiles : public Platform::Files {
   Platform::ErrorCode Touch(const std::wstring& path) override { return real.Touch(path); }
   Platform::Result<std::vector<std::byte>> Read(const std::wstring& path,
                                                 std::size_t maxBytes) const override {
+    onContent();
     largestRead = maxBytes;
     if (readsFail) return Platform::Result<std::vector<std::byte>>::Failure(kFault);
     return real.Read(path, maxBytes);
   }
   Platform::ErrorCode Overwrite(const std::wstring& path,
                                 std::span<const std::byte> content) override {
+    onContent();
     writes.emplace_back(content.begin(), content.end());
     if (writesStopHalfway) {
       real.Overwrite(path, content.first(content.size() / 2));
@@ -54,6 +58,7 @@ class FaultyFiles : public Platform::Files {
     return writesFail ? kFault : real.Overwrite(path, content);
   }
   Platform::ErrorCode MoveOver(const std::wstring& from, const std::wstring& to) override {
+    onContent();
     return real.MoveOver(from, to);
   }
   Platform::ErrorCode Remove(const std::wstring& path) override { return real.Remove(path); }
