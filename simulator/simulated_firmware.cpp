@@ -30,6 +30,8 @@ constexpr wchar_t kParameters[] = L"__PARAMETERS";
 constexpr wchar_t kInstancePath[] = LR"(\\PC\root\wmi:zrkBIntM.InstanceName="ACPI\\PNP0C14\\0_0")";
 constexpr wchar_t kMethodPrefix[] = L"zrkBIOSInt";
 
+constexpr wchar_t kWritten[] = L"the firmware's warranty block now begins with ";
+
 constexpr std::size_t kBlockSize = 128;
 constexpr std::int32_t kRead = 1;
 constexpr std::int32_t kWrite = 2;
@@ -327,6 +329,17 @@ SimulatedFirmware::SimulatedFirmware(Digits count, std::string bornOnDate)
 
 SimulatedFirmware::~SimulatedFirmware() = default;
 
+void SimulatedFirmware::Replace(Digits count) {
+  const std::lock_guard guard(mutex);
+  digits = count;
+  warranty.assign(kBlockSize, '\0');
+}
+
+void SimulatedFirmware::SetTimeline(Timeline& log) {
+  const std::lock_guard guard(mutex);
+  timeline = &log;
+}
+
 std::string SimulatedFirmware::BornOnDate() const {
   const std::lock_guard guard(mutex);
   return warranty.substr(0, warranty.find('\0'));
@@ -403,6 +416,9 @@ std::int32_t SimulatedFirmware::Run(Request request, std::string& output) {
     const std::size_t expected = digits == Digits::Eight ? 8 : 6;
     if (command.data.size() != expected) return kUnknownCommand;
     std::copy(command.data.begin(), command.data.end(), warranty.begin());
+    if (timeline != nullptr) {
+      timeline->Add(kWritten + std::wstring(command.data.begin(), command.data.end()));
+    }
     return returnCode;
   }
   if (command.command != kRead) return kUnknownCommand;

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "platform/com.h"
+#include "simulator/timeline.h"
 
 struct tagVARIANT;
 
@@ -39,6 +40,12 @@ class SimulatedFirmware final : public Platform::Com {
   // `bornOnDate` is the start of the warranty block.
   explicit SimulatedFirmware(Digits digits = Digits::Eight, std::string bornOnDate = {});
   ~SimulatedFirmware() override;
+
+  // Another machine's firmware from now on, without a born-on date.
+  void Replace(Digits count);
+
+  // What is written to the warranty block is told there; it has to live as long as the firmware.
+  void SetTimeline(Timeline& log);
 
   // What the warranty block holds up to its first zero byte.
   std::string BornOnDate() const;
@@ -114,7 +121,8 @@ class SimulatedFirmware final : public Platform::Com {
   void TamperWith(const std::wstring& property, tagVARIANT& value) const;
 
   mutable std::mutex mutex;
-  const Digits digits;
+  Digits digits;
+  Timeline* timeline = nullptr;
   std::string warranty;
   std::vector<Request> requests;
   std::map<std::string, Failure> failures;

@@ -4,6 +4,7 @@ namespace Vx::Simulator {
 
 SimulatedMachine::SimulatedMachine() {
   clock.SetTickCount(0);
+  firmware.SetTimeline(timeline);
 }
 
 void SimulatedMachine::Install(Platform::Machine& platform) {

@@ -22,10 +22,14 @@ std::vector<std::wstring> Timeline::Lines() const {
   return lines;
 }
 
-std::wstring Format(const Timeline::Entry& entry) {
-  std::wstring thousandths = std::to_wstring(entry.at.count() % 1000);
+std::wstring FormatMoment(VirtualClock::Duration moment) {
+  std::wstring thousandths = std::to_wstring(moment.count() % 1000);
   thousandths.insert(0, 3 - thousandths.size(), L'0');
-  return std::to_wstring(entry.at.count() / 1000) + L"." + thousandths + L" " + entry.text;
+  return std::to_wstring(moment.count() / 1000) + L"." + thousandths;
+}
+
+std::wstring Format(const Timeline::Entry& entry) {
+  return FormatMoment(entry.at) + L" " + entry.text;
 }
 
 }  // namespace Vx::Simulator

@@ -38,6 +38,9 @@ class Timeline {
   Listener listener;
 };
 
+// "61.000"
+std::wstring FormatMoment(VirtualClock::Duration moment);
+
 // "61.000 text"
 std::wstring Format(const Timeline::Entry& entry);
 

@@ -45,6 +45,9 @@ int ExplainResume(const Options& options, Console& console);
 // `path` made full against the working directory.
 std::wstring FullPath(const std::string& path);
 
+// The same of a file that has to exist. Throws std::runtime_error.
+std::wstring FullPathOfFile(const std::string& path);
+
 // A text given as it is, or as @FILE.
 std::wstring TextOrFile(const std::string& argument);
 

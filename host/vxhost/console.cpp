@@ -34,13 +34,14 @@ const char* Colour(const std::wstring& level) {
   return "\x1b[2m";
 }
 
-std::wstring JsonLine(const LogLine& line) {
+std::wstring JsonLine(const LogLine& line, const std::wstring& moment) {
   Json::WideDocument document(rapidjson::kObjectType);
   auto& allocator = document.GetAllocator();
   const auto add = [&](const wchar_t* key, const std::wstring& value) {
     document.AddMember(Json::WideValue(key, allocator), Json::WideValue(value, allocator),
                        allocator);
   };
+  if (!moment.empty()) add(L"time", moment);
   add(L"level", line.level);
   add(L"provider", line.provider);
   add(L"caller", line.caller);
@@ -82,12 +83,12 @@ void Console::Result(const Answer& answer) {
 
 void Console::Log(const LogLine& line, const std::wstring& moment) {
   if (form == LogForm::Json) {
-    Line(Utf8(JsonLine(line)));
+    Line(Utf8(JsonLine(line, moment)));
     return;
   }
   const std::string caller = line.caller.empty() ? "" : " [" + Utf8(line.caller) + "]";
-  const std::string text =
-      "   " + Utf8(moment) + "log " + Utf8(line.level) + caller + ": " + Utf8(line.message);
+  const std::string text = "   " + (moment.empty() ? "" : Utf8(moment) + " ") + "log " +
+                           Utf8(line.level) + caller + ": " + Utf8(line.message);
   Line(coloured ? Colour(line.level) + text + "\x1b[0m" : text);
 }
 

@@ -24,6 +24,9 @@ class ServiceSession {
 
   Tessel::Server::Services::VxService& Slots() { return *service; }
 
+  // Destroys the service; until another is assigned there is none.
+  void End() { service.reset(); }
+
   // Runs one command as `caller` (at most 64 characters). Blocks until it is answered.
   Answer Execute(std::uint32_t id, const std::wstring& request, const std::wstring& caller);
 

@@ -1,6 +1,7 @@
 #include "host/vxhost/log_listener.h"
 
 #include <mutex>
+#include <set>
 #include <utility>
 
 #include <windows.h>
@@ -17,10 +18,20 @@ constexpr DWORD kNarrowDebugOutput = 0x40010006;
 std::mutex listenerLock;
 LogListener::Receiver* receiver = nullptr;
 
+// Threads whose wide text was heard and is now on its way to a monitor, as narrow text.
+std::set<DWORD> passedOn;
+
+// Whether a monitor of debug output, "vxhost watch" for one, waits in another process.
+bool MonitorWaits() {
+  const Platform::UniqueHandle buffer(OpenFileMappingW(FILE_MAP_WRITE, FALSE, L"DBWIN_BUFFER"));
+  return buffer != nullptr;
+}
+
 LONG CALLBACK TakeDebugOutput(EXCEPTION_POINTERS* exception) {
   const EXCEPTION_RECORD& record = *exception->ExceptionRecord;
+  const bool wide = record.ExceptionCode == kWideDebugOutput;
   std::wstring text;
-  if (record.ExceptionCode == kWideDebugOutput && record.NumberParameters >= 2) {
+  if (wide && record.NumberParameters >= 2) {
     // NOLINTNEXTLINE(performance-no-int-to-ptr): an exception carries pointers as numbers
     text = reinterpret_cast<const wchar_t*>(record.ExceptionInformation[1]);
   } else if (record.ExceptionCode == kNarrowDebugOutput && record.NumberParameters >= 2) {
@@ -34,9 +45,12 @@ LONG CALLBACK TakeDebugOutput(EXCEPTION_POINTERS* exception) {
   }
   const std::lock_guard guard(listenerLock);
   if (receiver == nullptr) return EXCEPTION_CONTINUE_SEARCH;
+  if (passedOn.erase(GetCurrentThreadId()) != 0 && !wide) return EXCEPTION_CONTINUE_SEARCH;
   while (!text.empty() && (text.back() == L'\n' || text.back() == L'\r')) text.pop_back();
   (*receiver)(ParseLogLine(text));
-  return EXCEPTION_CONTINUE_EXECUTION;
+  if (!MonitorWaits()) return EXCEPTION_CONTINUE_EXECUTION;
+  if (wide) passedOn.insert(GetCurrentThreadId());
+  return EXCEPTION_CONTINUE_SEARCH;
 }
 
 // Cuts the first word off `rest`.

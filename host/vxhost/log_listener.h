@@ -17,7 +17,8 @@ struct LogLine {
 
 // Hears the log lines of a module in this process, in order, on the thread that logs. The module
 // writes them as debug output while somebody listens; this class is that somebody, and takes the
-// text from the exception that carries it. One at a time in a process.
+// text from the exception that carries it, which a monitor in another process then still gets. One
+// at a time in a process.
 class LogListener {
  public:
   using Receiver = std::function<void(const LogLine&)>;

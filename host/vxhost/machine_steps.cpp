@@ -70,7 +70,20 @@ void SetAppServiceStatus(const Change& change) {
 }
 
 void SetRegistry(const Change& change) {
-  change.machine.registry.SetText(change.Text(L"key"), change.Text(L"value"), change.Text(L"text"));
+  const std::wstring key = change.Text(L"key");
+  const std::wstring value = change.Text(L"value");
+  if (change.Find(L"text") == nullptr) {
+    change.machine.registry.Remove(key, value);
+  } else {
+    change.machine.registry.SetText(key, value, change.Text(L"text"));
+  }
+}
+
+void ReplaceFirmware(const Change& change) {
+  using Digits = Simulator::SimulatedFirmware::Digits;
+  const int digits = change.value.GetInt();
+  if (digits != 6 && digits != 8) throw std::runtime_error("\"firmwareDigits\" is 6 or 8");
+  change.machine.firmware.Replace(digits == 6 ? Digits::Six : Digits::Eight);
 }
 
 void AddFile(const Change& change) {
@@ -93,6 +106,7 @@ constexpr struct {
     {L"asleep", &SleepFor},
     {L"oobeEndsAfter", &EndOobe},
     {L"registry", &SetRegistry},
+    {L"firmwareDigits", &ReplaceFirmware},
     {L"file", &AddFile},
     {L"lockdownMode", &SetLockdownMode},
     {L"appServiceStatus", &SetAppServiceStatus},

@@ -20,7 +20,8 @@ bool IsMachineStep(const std::wstring& key);
 //   "install": {"family", "fullName", "user"}        without a user: on the machine only
 //   "uninstall": {"family", "user", "seconds"}
 //   "appServiceStatus": status                       what messages are answered with from now on
-//   "registry": {"key", "value", "text"}
+//   "registry": {"key", "value", "text"}             without a text: the value goes
+//   "firmwareDigits": 6 or 8                         another firmware, without a born-on date
 //   "file": {"path", "text"}                         exists in memory only
 //   "lockdownMode": mode
 //   "asleep": seconds                                time that no wait sees

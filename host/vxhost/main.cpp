@@ -26,7 +26,44 @@ constexpr char kAbout[] =
 constexpr char kFooter[] =
     "Exit codes: 0 done; 1 the command answered a failure, an expectation was not met, a file is\n"
     "not trusted or a subscription would never run; 2 wrong usage, or the module, a file or the\n"
-    "store cannot be used.";
+    "store cannot be used.\n"
+    "\n"
+    "vxhost SUBCOMMAND --help tells more and shows an example.";
+
+// Below the help of each subcommand.
+constexpr char kExecFooter[] =
+    "vxhost --dll, --private-store and --simulate choose the module and its store.\n"
+    "The answer's code decides the exit code: 0 for 0x00000000, else 1.\n"
+    "  vxhost exec 22\n"
+    "  vxhost --private-store exec 9 @subscription.json";
+constexpr char kScenarioFooter[] =
+    "vxhost --dll, --private-store and --simulate choose the module and its store.\n"
+    "A scenario is a JSON file of steps; see the samples, and docs/vxhost.md for every part.\n"
+    "Exit code 1 when an expectation was not met: the lines with !! say which.\n"
+    "  vxhost --simulate scenario first_boot.json";
+constexpr char kEventsFooter[] =
+    "vxhost --dll, --private-store and --simulate choose the module and its store.\n"
+    "Power: 4 suspending, 7 resumed by the user, 10 power status changed, 18 resumed.\n"
+    "Session: 1 console connected, 5 logon, 6 logoff, 7 locked, 8 unlocked.\n"
+    "  vxhost events --power 4 7 --seconds 10";
+constexpr char kStoreFooter[] =
+    "Reads %ProgramData%\\Vx\\SharedServices\\shared_store.dat of this machine.\n"
+    "  vxhost store show > store.json";
+constexpr char kSubscriptionsFooter[] = "  vxhost subscriptions";
+constexpr char kTrustFooter[] =
+    "The keys are those that this vxhost was built with. Lines with + speak for the file, those "
+    "with\n"
+    "- against it. Exit code 0: trusted; 1: not.\n"
+    "  vxhost trust \"C:\\Program Files\\Maker\\Tool.exe\"";
+constexpr char kPinFooter[] = "  vxhost pin Signed.exe >> restricted.txt";
+constexpr char kWatchFooter[] =
+    "  vxhost watch\n"
+    "  vxhost watch --json --seconds 60 > lines.json";
+constexpr char kValidateFooter[] =
+    "Exit code 0: it can run here; 1: it never would, and the lines with NEVER say why.\n"
+    "  vxhost validate @subscription.json";
+constexpr char kResumeFooter[] = "  vxhost explain-resume";
+constexpr char kVersion[] = "vxhost 1.73.4044.0";
 
 using Run = int (*)(const Options&, Console&);
 
@@ -35,15 +72,22 @@ class CommandLine {
  public:
   CommandLine() : app(kAbout, "vxhost") {
     app.footer(kFooter);
+    app.set_version_flag("--version", kVersion);
     app.require_subcommand(1);
     app.fallthrough();
     app.allow_windows_style_options(false);  // a path may begin with a slash
-    app.add_option("--dll", options.dll, "the module (default: OrvaneService.dll beside vxhost)");
-    app.add_flag("--private-store", options.privateStore,
-                 "keep stored values in a folder of this run");
-    app.add_flag("--simulate", options.simulate,
-                 "exec, scenario, events: play on a simulated machine, with the service that is\n"
-                 "built into vxhost and a store of this run");
+    const char* const group = "Options of exec, scenario and events";
+    moduleOptions = {
+        app.add_option("--dll", options.dll,
+                       "the module (default: OrvaneService.dll beside vxhost)")
+            ->group(group),
+        app.add_flag("--private-store", options.privateStore,
+                     "keep stored values in a folder of this run")
+            ->group(group),
+        app.add_flag("--simulate", options.simulate,
+                     "play on a simulated machine, with the service that is built into vxhost and\n"
+                     "a store of this run")
+            ->group(group)};
     AddModuleCommands();
     AddStoreCommands();
     AddTrustCommands();
@@ -53,8 +97,10 @@ class CommandLine {
   // The exit code.
   int Execute(std::vector<std::string> arguments) {
     try {
+      RefuseUnknownSubcommand(arguments);
       std::reverse(arguments.begin(), arguments.end());  // the parser takes them from the end
       app.parse(std::move(arguments));
+      RefuseUselessOptions();
     } catch (const CLI::ParseError& error) {
       return app.exit(error) == 0 ? kDone : kUnusable;
     }
@@ -63,23 +109,45 @@ class CommandLine {
   }
 
  private:
-  CLI::App* Add(CLI::App& parent, const char* name, const char* about, Run function) {
+  CLI::App* Add(CLI::App& parent, const char* name, const char* about, const char* footer,
+                Run function) {
     auto* command = parent.add_subcommand(name, about);
+    command->footer(footer);
     command->callback([this, function] { run = function; });
     return command;
   }
 
+  // The parser would say only that a subcommand is missing.
+  void RefuseUnknownSubcommand(const std::vector<std::string>& arguments) const {
+    if (arguments.empty() || arguments.front().rfind('-', 0) == 0) return;
+    const std::string& name = arguments.front();
+    const auto known = app.get_subcommands(
+        [&name](const CLI::App* command) { return command->get_name() == name; });
+    if (known.empty()) throw CLI::ValidationError("there is no subcommand \"" + name + "\"");
+  }
+
+  // What would be without effect misleads: the store, say, is then the machine's after all.
+  void RefuseUselessOptions() const {
+    if (run == &Exec || run == &Scenario || run == &Events) return;
+    for (const CLI::Option* option : moduleOptions) {
+      if (option->count() == 0) continue;
+      throw CLI::ValidationError(option->get_name(),
+                                 "only exec, scenario and events have a use for it");
+    }
+  }
+
   void AddModuleCommands() {
-    auto* exec = Add(app, "exec", "run one command and print its answer", &Exec);
+    auto* exec = Add(app, "exec", "run one command and print its answer", kExecFooter, &Exec);
     exec->add_option("id", options.id, "the command's number")->required();
     exec->add_option("request", options.request, "the request's JSON, or @FILE");
     exec->add_option("--caller", options.caller, "the client's identity")->capture_default_str();
 
-    auto* scenario = Add(app, "scenario", "play a scenario and check what it expects", &Scenario);
+    auto* scenario = Add(app, "scenario", "play a scenario and check what it expects",
+                         kScenarioFooter, &Scenario);
     scenario->add_option("file", options.file, "the scenario")->required();
     scenario->add_option("--define", options.definitions, "NAME=VALUE for ${NAME} in it");
 
-    auto* events = Add(app, "events", "send power and session events", &Events);
+    auto* events = Add(app, "events", "send power and session events", kEventsFooter, &Events);
     events->add_option("--power", options.power, "power broadcast codes (PBT_)");
     events->add_option("--session", options.sessions, "session change codes (WTS_SESSION_)");
     events->add_option("--seconds", options.seconds, "how long deliveries may take")
@@ -89,35 +157,42 @@ class CommandLine {
   void AddStoreCommands() {
     auto* store = app.add_subcommand("store", "the shared store");
     store->require_subcommand(1);
-    Add(*store, "show", "print the decrypted store as JSON, each value with its type", &ShowStore);
-    Add(app, "subscriptions", "list the stored subscriptions", &ShowSubscriptions);
+    Add(*store, "show", "print the decrypted store as JSON, each value with its type", kStoreFooter,
+        &ShowStore);
+    Add(app, "subscriptions", "list the stored subscriptions", kSubscriptionsFooter,
+        &ShowSubscriptions);
   }
 
   void AddTrustCommands() {
-    auto* trust = Add(app, "trust", "explain whether a file is trusted, step by step", &Trust);
+    auto* trust =
+        Add(app, "trust", "explain whether a file is trusted, step by step", kTrustFooter, &Trust);
     trust->add_option("file", options.file, "the file")->required();
     trust->add_flag("--general", options.general, "against the general keys, not the restricted");
 
-    auto* pin = Add(app, "pin", "print a signed file's public keys in the pinned form", &Pin);
+    auto* pin =
+        Add(app, "pin", "print a signed file's public keys in the pinned form", kPinFooter, &Pin);
     pin->add_option("file", options.file, "the file")->required();
   }
 
   void AddOtherCommands() {
-    auto* watch = Add(app, "watch", "show the log lines of a running module as they come", &Watch);
+    auto* watch = Add(app, "watch", "show the log lines of a running module as they come",
+                      kWatchFooter, &Watch);
     watch->add_option("--seconds", options.seconds, "how long; 0: until it is ended");
     watch->add_flag("--json", options.json, "one JSON object a line");
     watch->add_flag("--global", options.global, "of services (needs administrator rights)");
     watch->preparse_callback([this](std::size_t) { options.seconds = 0; });
 
-    auto* validate = Add(app, "validate", "check a subscription before it is sent", &Validate);
+    auto* validate =
+        Add(app, "validate", "check a subscription before it is sent", kValidateFooter, &Validate);
     validate->add_option("request", options.request, "the subscription's JSON, or @FILE")
         ->required();
 
     Add(app, "explain-resume", "tell whether a resume would launch the companion app, and why",
-        &ExplainResume);
+        kResumeFooter, &ExplainResume);
   }
 
   CLI::App app;
+  std::vector<const CLI::Option*> moduleOptions;
   Options options;
   Run run = nullptr;
 };

@@ -36,6 +36,15 @@ std::wstring FullPath(const std::string& path) {
   return full;
 }
 
+std::wstring FullPathOfFile(const std::string& path) {
+  std::wstring full = FullPath(path);
+  const DWORD attributes = GetFileAttributesW(full.c_str());
+  if (attributes == INVALID_FILE_ATTRIBUTES || (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0) {
+    throw std::runtime_error("there is no file " + Utf8(full));
+  }
+  return full;
+}
+
 std::wstring TextOrFile(const std::string& argument) {
   if (argument.rfind('@', 0) == 0) return ReadTextFile(FullPath(argument.substr(1)));
   return Wide(argument);
@@ -60,6 +69,9 @@ int Scenario(const Options& options, Console& console) {
 }
 
 int Events(const Options& options, Console& console) {
+  if (options.power.empty() && options.sessions.empty()) {
+    throw std::runtime_error("no event to send: name some with --power or --session");
+  }
   const auto theatre = MakeTheatre(options, console);
   const Stage& stage = theatre->Open();
   for (const std::uint32_t code : options.power) {

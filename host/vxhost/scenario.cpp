@@ -17,20 +17,27 @@
 #include "host/vxhost/text.h"
 #include "json/json_text.h"
 #include "platform/unique_handle.h"
+#include "storage/cap_data_store.h"
+#include "storage/request_manager.h"
 
 namespace Vx::Host {
 
 namespace {
 
 using Json::WideValue;
+using Tessel::Server::Services::Orvane::kServiceDocument;
+using Tessel::Server::Storage::BsonElement;
+using Tessel::Server::Storage::CapDataStore;
 
 constexpr int kDefaultWait = 10;  // seconds
 constexpr wchar_t kCaller[] = L"vxhost";
 
 // The parts of a step; machine_steps.h knows the others.
-constexpr const wchar_t* kParts[] = {L"say",   L"start",     L"exec",    L"request",
-                                     L"power", L"session",   L"copy",    L"remove",
-                                     L"run",   L"arguments", L"waitFor", L"expect"};
+constexpr const wchar_t* kParts[] = {L"say",     L"start",     L"restart", L"store", L"exec",
+                                     L"request", L"power",     L"session", L"copy",  L"remove",
+                                     L"run",     L"arguments", L"waitFor", L"expect"};
+constexpr const wchar_t* kExpectations[] = {L"code",  L"answer",  L"log",   L"seconds",
+                                            L"event", L"noEvent", L"stored"};
 
 // A program that belongs to the scenario and goes with it.
 class Helper {
@@ -98,9 +105,20 @@ class Player {
 
  private:
   // A part that nobody knows is a slip of the pen, which must not pass for an expectation met.
+  static void RequireKnownExpectations(const WideValue& expect) {
+    for (auto part = expect.MemberBegin(); part != expect.MemberEnd(); ++part) {
+      const std::wstring key = part->name.GetString();
+      if (std::find(std::begin(kExpectations), std::end(kExpectations), key) ==
+          std::end(kExpectations)) {
+        throw std::runtime_error("unknown expectation: " + Utf8(key));
+      }
+    }
+  }
+
   void RequireKnownParts(const WideValue& step) const {
     for (auto part = step.MemberBegin(); part != step.MemberEnd(); ++part) {
       const std::wstring key = part->name.GetString();
+      if (key == L"expect") RequireKnownExpectations(part->value);
       if (std::find(std::begin(kParts), std::end(kParts), key) != std::end(kParts)) continue;
       if (!IsMachineStep(key)) throw std::runtime_error("unknown part of a step: " + Utf8(key));
       if (stage.machine == nullptr) {
@@ -116,6 +134,8 @@ class Player {
       const auto expand = [this](const WideValue& value) { return Expand(value); };
       ChangeMachine(step, expand, *stage.machine);
     }
+    if (const auto* values = Find(step, L"store")) Store(*values);
+    if (Find(step, L"restart") != nullptr) Restart();
     if (Find(step, L"start") != nullptr) {
       stage.console.Line("-> start");
       stage.session.Slots().Start();
@@ -142,6 +162,24 @@ class Player {
     if (stage.machine != nullptr) PassTime(step, *stage.machine);
     if (const auto* file = Find(step, L"waitFor")) WaitForFile(*file);
     if (const auto* expect = Find(step, L"expect")) ExpectTraces(*expect);
+  }
+
+  // Keeps values as other services of the machine do.
+  void Store(const WideValue& values) {
+    for (auto value = values.MemberBegin(); value != values.MemberEnd(); ++value) {
+      stage.console.Line("-> another service stores " + Utf8(value->name.GetString()) + " = " +
+                         Utf8(Expand(value->value)));
+      CapDataStore().persist(Utf8(value->name.GetString()),
+                             BsonElement::Text(Expand(value->value)));
+    }
+  }
+
+  void Restart() {
+    stage.console.Line("-> end and start");
+    stage.session.End();
+    if (stage.machine != nullptr) stage.machine->clock.Settle();
+    stage.session = stage.newService();
+    stage.session.Slots().Start();
   }
 
   // A text as it stands, anything else as JSON; definitions put in either way.
@@ -218,6 +256,25 @@ class Player {
     if (const auto* text = Find(expect, L"event")) {
       const std::wstring wanted = Expand(*text);
       Check(stage.log.Happened(wanted), "it should have happened that \"" + Utf8(wanted) + "\"");
+    }
+    if (const auto* text = Find(expect, L"noEvent")) {
+      const std::wstring unwanted = Expand(*text);
+      Check(!stage.log.Happened(unwanted),
+            "it should not have happened that \"" + Utf8(unwanted) + "\"");
+    }
+    if (const auto* values = Find(expect, L"stored")) ExpectStored(*values);
+  }
+
+  void ExpectStored(const WideValue& values) {
+    CapDataStore store;
+    const auto document = store.readDocument(kServiceDocument);
+    for (auto value = values.MemberBegin(); value != values.MemberEnd(); ++value) {
+      const std::string key = Utf8(value->name.GetString());
+      const std::wstring wanted = Expand(value->value);
+      const auto stored = document.Find(key);
+      const std::wstring text = stored ? stored->AsWideText().value_or(L"") : std::wstring();
+      stage.console.Line("   the store holds " + key + " = \"" + Utf8(text) + "\"");
+      Check(text == wanted, key + " should be stored as \"" + Utf8(wanted) + "\"");
     }
   }
 

@@ -2,6 +2,7 @@
 #include <stdexcept>
 #include <utility>
 
+#include "events/event_commands.h"
 #include "host/vxhost/commands.h"
 #include "host/vxhost/text.h"
 #include "json/json_object.h"
@@ -97,7 +98,8 @@ CapDataStore::Content ReadStore() {
   auto content = CapDataStore().readAll();
   if (!content) {
     throw std::runtime_error(
-        "the store cannot be read: damaged, of another machine, or a link is in its place");
+        "the store cannot be read: damaged, of another machine, or a link is in its place; see\n"
+        "\"Trouble\" in docs/operations.md");
   }
   return *std::move(content);
 }
@@ -108,12 +110,15 @@ struct ListForm {
   const wchar_t* event;
   const wchar_t* action;
   const wchar_t* params;
+  const wchar_t* family;  // null: none
   const char* name;
 };
 constexpr ListForm kLists[] = {
-    {kPowerSubscriptions, L"powerEventType", L"eventAction", L"commandParams", "power"},
-    {kZephraSubscriptions, L"zephraEventType", L"zephraEventAction", L"commandParams", "platform"},
-    {kPackageSubscriptions, L"catalogEvent", L"catalogAction", L"catalogActionParams", "package"},
+    {kPowerSubscriptions, L"powerEventType", L"eventAction", L"commandParams", nullptr, "power"},
+    {kZephraSubscriptions, L"zephraEventType", L"zephraEventAction", L"commandParams", nullptr,
+     "platform"},
+    {kPackageSubscriptions, L"catalogEvent", L"catalogAction", L"catalogActionParams",
+     L"packageFamilyName", "package"},
 };
 
 std::string Cell(const std::string& text, std::size_t width) {
@@ -131,18 +136,24 @@ std::string RequestRow(const ListForm& form, const std::wstring& text) {
   const auto action = Json::TruncateToUint32(request.GetNamedNumber(form.action));
   const auto params = request.GetNamedObject(form.params);
   const std::wstring delay = params.FindString(L"delayDeliverySec").value_or(L"0");
-  const std::wstring target = action == 1
-                                  ? params.GetNamedString(L"path") + L" " +
-                                        params.FindString(L"arguments").value_or(std::wstring())
-                                  : params.GetNamedString(L"packageFamilyName") + L" " +
-                                        params.GetNamedString(L"appServiceName");
+  // Made as the module makes it, so that what shows here is what would run.
+  CreateEventCommand(static_cast<EventAction>(action), params);
+  std::wstring target = action == 1 ? params.GetNamedString(L"path") + L" " +
+                                          params.FindString(L"arguments").value_or(std::wstring())
+                                    : params.GetNamedString(L"packageFamilyName") + L" " +
+                                          params.GetNamedString(L"appServiceName");
+  if (form.family != nullptr) {
+    target += L" (when " + request.GetNamedString(form.family) + L" goes)";
+  }
   return Row(form.name + (" " + std::to_string(event)), action == 1 ? "start" : "message",
              Utf8(delay) + " s", Utf8(target));
 }
 
-void ShowList(const ListForm& form, Console& console) {
+// How many there are.
+std::size_t ShowList(const ListForm& form, Console& console) {
   const std::wstring list = RequestManager(kServiceDocument, form.key).StoredRequests();
-  for (const auto& text : Tessel::Server::Storage::RequestsOf(list)) {
+  const auto texts = Tessel::Server::Storage::RequestsOf(list);
+  for (const auto& text : texts) {
     try {
       if (!text) throw winrt::hresult_error(Json::kInvalidJsonString, L"not an object");
       console.Line(RequestRow(form, *text));
@@ -151,6 +162,7 @@ void ShowList(const ListForm& form, Console& console) {
                        "never runs: " + Utf8(error.message()) + ": " + Utf8(text.value_or(L""))));
     }
   }
+  return texts.size();
 }
 
 }  // namespace
@@ -172,7 +184,9 @@ int ShowStore(const Options& /*options*/, Console& console) {
 
 int ShowSubscriptions(const Options& /*options*/, Console& console) {
   console.Line(Row("EVENT", "ACTION", "DELAY", "TARGET"));
-  for (const ListForm& form : kLists) ShowList(form, console);
+  std::size_t count = 0;
+  for (const ListForm& form : kLists) count += ShowList(form, console);
+  if (count == 0) console.Line("(none is stored)");
   return kDone;
 }
 

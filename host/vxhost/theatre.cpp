@@ -68,7 +68,11 @@ class RealTheatre final : public Theatre {
         }),
         module(options.dll.empty() ? DefaultModule() : FullPath(options.dll)),
         session(module.NewService()),
-        stage{.session = session, .log = recorder, .console = console, .machine = nullptr} {}
+        stage{.session = session,
+              .newService = [this] { return module.NewService(); },
+              .log = recorder,
+              .console = console,
+              .machine = nullptr} {}
 
   Stage& Open() override { return stage; }
 
@@ -117,7 +121,7 @@ class SimulatedLog {
     if (said != recent.end() && said->at != now) return;
     recent.push_back({line.message, now});
     if (recent.size() > kRemembered) recent.pop_front();
-    console.Log(line, Simulator::Format({now, L""}));
+    console.Log(line, Simulator::FormatMoment(now));
   }
 
   Console& console;
@@ -134,7 +138,11 @@ class SimulatedTheatre final : public Theatre {
       : scope([this](Platform::Machine& real) { machine.Install(real); }),
         log(std::in_place, console, recorder, machine.clock),
         session(NewService()),
-        stage{.session = *session, .log = recorder, .console = console, .machine = &machine} {
+        stage{.session = *session,
+              .newService = &NewService,
+              .log = recorder,
+              .console = console,
+              .machine = &machine} {
     machine.timeline.SetListener([this, &console](const Simulator::Timeline::Entry& entry) {
       recorder.AddEvent(entry.text);
       console.Line(" * " + Utf8(Simulator::Format(entry)));
@@ -151,7 +159,7 @@ class SimulatedTheatre final : public Theatre {
   Stage& Open() override { return stage; }
 
  private:
-  static std::optional<ServiceSession> NewService() {
+  static ServiceSession NewService() {
     auto* service = Tessel::Server::Services::Orvane::OrvaneService::Create();
     if (service == nullptr) throw std::runtime_error("no memory for a service");
     return ServiceSession(service);

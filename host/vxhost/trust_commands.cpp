@@ -10,15 +10,15 @@ namespace Vx::Host {
 int Trust(const Options& options, Console& console) {
   const auto keys =
       options.general ? Tessel::Security::GeneralKeys() : Tessel::Security::RestrictedKeys();
-  const auto trust = Tessel::Security::JudgeFile(FullPath(options.file), keys);
+  const auto trust = Tessel::Security::JudgeFile(FullPathOfFile(options.file), keys);
   for (const auto& step : Tessel::Security::Explain(trust, keys)) {
-    console.Line((step.passed ? "  yes  " : "  NO   ") + Utf8(step.text));
+    console.Line((step.passed ? "  +  " : "  -  ") + Utf8(step.text));
   }
   return trust.trusted ? kDone : kNotMet;
 }
 
 int Pin(const Options& options, Console& console) {
-  const auto keys = Tessel::Security::PublicKeysOf(FullPath(options.file));
+  const auto keys = Tessel::Security::PublicKeysOf(FullPathOfFile(options.file));
   for (const std::string& key : keys) console.Line(key);
   if (!keys.empty()) return kDone;
   console.Failure("the file has no signature that Windows can read");

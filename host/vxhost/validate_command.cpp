@@ -55,6 +55,7 @@ class Report {
     console.Line("  NEVER  " + text);
     runs = false;
   }
+  void Because(const std::string& text) { console.Line("           - " + text); }
   bool Runs() const { return runs; }
 
  private:
@@ -83,8 +84,9 @@ void CheckProgram(const LaunchCommand& command, Report& report) {
     return;
   }
   report.Bad("the program is not trusted here:");
-  for (const auto& step : Tessel::Security::Explain(trust, keys)) {
-    if (!step.passed) report.Bad(Utf8(step.text));
+  const auto steps = Tessel::Security::Explain(trust, keys);
+  for (const auto& step : steps) {
+    if (!step.passed) report.Because(Utf8(step.text));
   }
 }
 

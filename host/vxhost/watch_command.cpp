@@ -1,5 +1,7 @@
 // The subcommand that shows the log lines of a module in another process.
 #include <array>
+#include <cwchar>
+#include <iterator>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -65,6 +67,16 @@ class Monitor {
   std::unique_ptr<const DebugBuffer, Unmapper> view;
 };
 
+// The local time: of the day for people, whole for programs.
+std::wstring Now(bool whole) {
+  SYSTEMTIME now;
+  GetLocalTime(&now);
+  wchar_t text[32];
+  std::swprintf(text, std::size(text), L"%04u-%02u-%02uT%02u:%02u:%02u.%03u", now.wYear, now.wMonth,
+                now.wDay, now.wHour, now.wMinute, now.wSecond, now.wMilliseconds);
+  return whole ? text : std::wcschr(text, L'T') + 1;
+}
+
 }  // namespace
 
 int Watch(const Options& options, Console& console) {
@@ -74,7 +86,8 @@ int Watch(const Options& options, Console& console) {
   while (options.seconds == 0 || GetTickCount64() < end) {
     // Debug output of programs that are not ours has no provider.
     if (!monitor.Next(250, text)) continue;
-    if (const LogLine line = ParseLogLine(text); !line.provider.empty()) console.Log(line);
+    if (const LogLine line = ParseLogLine(text); !line.provider.empty())
+      console.Log(line, Now(options.json));
   }
   return kDone;
 }

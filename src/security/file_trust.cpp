@@ -140,9 +140,15 @@ std::vector<TrustStep> Explain(const FileTrust& trust, KeySet keys) {
     steps.push_back(SignatureStep(record, L"embedded", keys));
   }
   if (steps.empty()) steps.push_back({false, L"no signature that Windows can verify"});
-  if (!trust.pinsConfigured) steps.push_back({false, L"no keys are pinned, so nothing is trusted"});
-  steps.push_back({trust.trustedByWindows, L"one signature is accepted by Windows"});
-  steps.push_back({trust.keyPinned, L"one signature was made with a pinned key"});
+  if (!trust.pinsConfigured) {
+    steps.push_back({false, L"no keys are pinned in this build, so nothing is trusted"});
+    return steps;
+  }
+  const auto signature = [&](bool passed, const wchar_t* what) {
+    steps.push_back({passed, (passed ? L"one signature " : L"no signature ") + std::wstring(what)});
+  };
+  signature(trust.trustedByWindows, L"is accepted by Windows");
+  signature(trust.keyPinned, L"was made with a pinned key");
   if (trust.place) {
     steps.push_back({trust.place->outcome == PathOutcome::Allowed, PlaceText(*trust.place)});
   } else {

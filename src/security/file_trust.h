@@ -35,7 +35,8 @@ struct TrustStep {
   std::wstring text;
 };
 
-// `trust` step by step, in the order of the decision, ending with the verdict.
+// `trust` step by step, in the order of the decision, ending with the verdict or, without
+// pinned keys, with their absence.
 std::vector<TrustStep> Explain(const FileTrust& trust, KeySet keys);
 
 // The public keys of all signatures of a file that Windows can read, each once, in the form in

@@ -168,12 +168,12 @@ TEST(Explain, TellsTheStepsOfTheDecisionAndEndsWithTheVerdict) {
       {L"general.exe",
        PlacedIn::ProgramFiles,
        {L"- " + Verified(L"Vx Test General") + L"not pinned",
-        L"+ one signature is accepted by Windows", L"- one signature was made with a pinned key",
+        L"+ one signature is accepted by Windows", L"- no signature was made with a pinned key",
         L"- its place was not looked at", L"- not trusted"}},
       {L"tampered.exe",
        PlacedIn::ProgramFiles,
-       {L"- no signature that Windows can verify", L"- one signature is accepted by Windows",
-        L"- one signature was made with a pinned key", L"- its place was not looked at",
+       {L"- no signature that Windows can verify", L"- no signature is accepted by Windows",
+        L"- no signature was made with a pinned key", L"- its place was not looked at",
         L"- not trusted"}},
   };
   for (const auto& c : kCases) {

@@ -172,7 +172,7 @@ TEST_F(SimulatedMachineTest, PlaysAFirstBootUpToTheCompanionApps) {
   EXPECT_THAT(
       machine.timeline.Lines(),
       ElementsAre(
-          L"180.000 ann logs on",
+          L"61.000 the firmware's warranty block now begins with 20240117", L"180.000 ann logs on",
           L"180.000 7C3B9E40.AureloCenter_r4x2m8kq7tn3b is installed for ann",
           L"181.000 7C3B9E40.Qubo_r4x2m8kq7tn3b is told { \"command\": \"oobe_completed\" } and "
           L"answers 0",
