@@ -228,7 +228,7 @@ void MeasureDeliveries(RatioTable& table, Effort effort) {
               " match",
           "as many bare threads, one parse, one store read", 1.20, 1,
           [&] {
-            FulfillPowerSubscriptions(7);
+            FulfillSubscriptions(kPowerEvents, 7);
             threads.WaitForAll();
           },
           [&] {

@@ -1,7 +1,5 @@
 #include "events/power_events.h"
 
-#include <memory>
-
 #include "storage/request_manager.h"
 
 namespace Vx::Tessel::Server::Services::Orvane {
@@ -32,18 +30,17 @@ constexpr DeliveryTexts kTexts = {
         L"OrvaneService - UnregisterPowerEvent: no stored subscription has exactly this text: %s",
 };
 
-constexpr DeliveryKind kKind = {
-    .texts = kTexts,
-    .storeKey = kPowerSubscriptions,
-    .parse = [](const std::wstring& request) -> std::shared_ptr<const EventSubscription> {
-      return std::make_shared<SubscribeForPowerEventRequest>(request);
-    },
-    .handleEventMutex = &PowerEventManager::handle_event_mutex,
-};
-
 }  // namespace
 
 std::mutex PowerEventManager::handle_event_mutex;
+
+constinit const DeliveryKind kPowerEvents = {
+    .texts = kTexts,
+    .storeKey = kPowerSubscriptions,
+    .parse = &ParseAs<SubscribeForPowerEventRequest>,
+    .handleEvent = &PowerEventManager::handle_event,
+    .handleEventMutex = &PowerEventManager::handle_event_mutex,
+};
 
 SubscribeForPowerEventRequest::SubscribeForPowerEventRequest(const std::wstring& request)
     : EventSubscription(request, kEventTypeKey, kEventActionKey) {}
@@ -51,19 +48,7 @@ SubscribeForPowerEventRequest::SubscribeForPowerEventRequest(const std::wstring&
 void PowerEventManager::handle_event(const std::wstring& request,
                                      const std::function<void(const std::wstring&)>& /*completed*/,
                                      std::uint32_t eventType) {
-  StartDelivery(kKind, request, eventType);
-}
-
-int RegisterPowerSubscription(const std::wstring& request) noexcept {
-  return RegisterSubscription(kKind, request);
-}
-
-int UnregisterPowerSubscription(const std::wstring& request) noexcept {
-  return UnregisterSubscription(kKind, request);
-}
-
-void FulfillPowerSubscriptions(std::uint32_t eventType) {
-  FulfillSubscriptions(kKind, &PowerEventManager::handle_event, eventType);
+  StartDelivery(kPowerEvents, request, eventType);
 }
 
 }  // namespace Vx::Tessel::Server::Services::Orvane

@@ -35,10 +35,7 @@ class PowerEventManager {
   static std::mutex handle_event_mutex;
 };
 
-// What the service operations RegisterPowerEvent, UnregisterPowerEvent and
-// FulfillPowerManagementEventRequests do; errors as in subscription_delivery.h.
-int RegisterPowerSubscription(const std::wstring& request) noexcept;
-int UnregisterPowerSubscription(const std::wstring& request) noexcept;
-void FulfillPowerSubscriptions(std::uint32_t eventType);
+// Stored and delivered as subscription_delivery.h says.
+extern const DeliveryKind kPowerEvents;
 
 }  // namespace Vx::Tessel::Server::Services::Orvane

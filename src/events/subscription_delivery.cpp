@@ -177,11 +177,10 @@ int UnregisterSubscription(const DeliveryKind& kind, const std::wstring& request
                     });
 }
 
-void FulfillSubscriptions(const DeliveryKind& kind, DeliveryHandler handler,
-                          std::uint32_t eventType) {
+void FulfillSubscriptions(const DeliveryKind& kind, std::uint32_t eventType) {
   RequestManager manager(kServiceDocument, kind.storeKey);
   manager.RegisterExistingRequests(
-      [&](const std::wstring& request) { handler(request, nullptr, eventType); },
+      [&](const std::wstring& request) { kind.handleEvent(request, nullptr, eventType); },
       [](const std::wstring&, const winrt::hresult_error&) {});
 }
 

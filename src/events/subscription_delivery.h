@@ -56,13 +56,25 @@ struct DeliveryTexts {
   const wchar_t* unregisterUnknown;
 };
 
+// Takes a stored request's text, a completion handler that may be empty, and the event's code.
+using DeliveryHandler = void (*)(const std::wstring& request,
+                                 const std::function<void(const std::wstring&)>& completed,
+                                 std::uint32_t eventType);
+
 // All that tells one kind of subscription from another. Outlives every worker: a constant.
 struct DeliveryKind {
   DeliveryTexts texts;
   const char* storeKey;
   std::shared_ptr<const EventSubscription> (*parse)(const std::wstring& request);
+  DeliveryHandler handleEvent;
   std::mutex* handleEventMutex;
 };
+
+// The `parse` of a kind whose requests are of the class `Request`.
+template <typename Request>
+std::shared_ptr<const EventSubscription> ParseAs(const std::wstring& request) {
+  return std::make_shared<Request>(request);
+}
 
 // Adds a request text to the stored list of its kind, unread: a malformed one fails at delivery.
 // Failures are logged; the answer is always 0.
@@ -71,15 +83,10 @@ int RegisterSubscription(const DeliveryKind& kind, const std::wstring& request) 
 // Takes exactly this text off the stored list. Failures are logged; the answer is always 0.
 int UnregisterSubscription(const DeliveryKind& kind, const std::wstring& request) noexcept;
 
-// Takes a stored request's text, a completion handler that may be empty, and the event's code.
-using DeliveryHandler = void (*)(const std::wstring& request,
-                                 const std::function<void(const std::wstring&)>& completed,
-                                 std::uint32_t eventType);
-
-// Calls `handler` with every stored request of the kind and an event. One that fails, because no
-// worker can be started, is logged and the others follow. Throws nothing but std::bad_alloc.
-void FulfillSubscriptions(const DeliveryKind& kind, DeliveryHandler handler,
-                          std::uint32_t eventType);
+// Hands every stored request of the kind, and an event, to the kind's handler. One that fails,
+// because no worker can be started, is logged and the others follow. Throws nothing but
+// std::bad_alloc.
+void FulfillSubscriptions(const DeliveryKind& kind, std::uint32_t eventType);
 
 // Starts the detached worker that delivers one event to one stored request: it waits the delay
 // outside every lock, then decides and runs the command under the kind's mutex. Returns at once.

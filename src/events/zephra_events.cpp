@@ -1,7 +1,5 @@
 #include "events/zephra_events.h"
 
-#include <memory>
-
 #include "host/logging.h"
 #include "storage/request_manager.h"
 
@@ -37,18 +35,17 @@ constexpr DeliveryTexts kTexts = {
         L"OrvaneService - UnregisterZephraEvent: no stored subscription has exactly this text: %s",
 };
 
-constexpr DeliveryKind kKind = {
-    .texts = kTexts,
-    .storeKey = kZephraSubscriptions,
-    .parse = [](const std::wstring& request) -> std::shared_ptr<const EventSubscription> {
-      return std::make_shared<SubscribeForZephraEventRequest>(request);
-    },
-    .handleEventMutex = &ZephraEventManager::handle_event_mutex,
-};
-
 }  // namespace
 
 std::mutex ZephraEventManager::handle_event_mutex;
+
+constinit const DeliveryKind kZephraEvents = {
+    .texts = kTexts,
+    .storeKey = kZephraSubscriptions,
+    .parse = &ParseAs<SubscribeForZephraEventRequest>,
+    .handleEvent = &ZephraEventManager::handle_event,
+    .handleEventMutex = &ZephraEventManager::handle_event_mutex,
+};
 
 SubscribeForZephraEventRequest::SubscribeForZephraEventRequest(const std::wstring& request)
     : EventSubscription(request, kEventTypeKey, kEventActionKey) {}
@@ -56,20 +53,12 @@ SubscribeForZephraEventRequest::SubscribeForZephraEventRequest(const std::wstrin
 void ZephraEventManager::handle_event(const std::wstring& request,
                                       const std::function<void(const std::wstring&)>& /*completed*/,
                                       std::uint32_t eventType) {
-  StartDelivery(kKind, request, eventType);
-}
-
-int RegisterZephraSubscription(const std::wstring& request) noexcept {
-  return RegisterSubscription(kKind, request);
-}
-
-int UnregisterZephraSubscription(const std::wstring& request) noexcept {
-  return UnregisterSubscription(kKind, request);
+  StartDelivery(kZephraEvents, request, eventType);
 }
 
 void FulfillZephraSubscriptions(std::uint32_t eventType) {
   Logging::LogManager::GetLogger()->LogInfo(kStarted, kFulfillName);
-  FulfillSubscriptions(kKind, &ZephraEventManager::handle_event, eventType);
+  FulfillSubscriptions(kZephraEvents, eventType);
 }
 
 }  // namespace Vx::Tessel::Server::Services::Orvane

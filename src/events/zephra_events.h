@@ -35,11 +35,10 @@ class ZephraEventManager {
   static std::mutex handle_event_mutex;
 };
 
-// What the service operations RegisterZephraEvent, UnregisterZephraEvent and
-// FulfillZephraManagementEventRequests do, the "Started" line of the last included; errors as in
-// subscription_delivery.h.
-int RegisterZephraSubscription(const std::wstring& request) noexcept;
-int UnregisterZephraSubscription(const std::wstring& request) noexcept;
+// Stored and delivered as subscription_delivery.h says.
+extern const DeliveryKind kZephraEvents;
+
+// FulfillSubscriptions of this kind, with the line that says so.
 void FulfillZephraSubscriptions(std::uint32_t eventType);
 
 }  // namespace Vx::Tessel::Server::Services::Orvane

@@ -31,12 +31,9 @@ constexpr std::chrono::hours kDelay{1};
 
 // A store that cannot be made is logged; what its mutex throws later is the caller's.
 std::unique_ptr<Storage::CapDataStore> OpenStore(const Logging::TraceLogger& logger) {
-  try {
-    return std::make_unique<Storage::CapDataStore>();
-  } catch (const std::exception&) {
-    logger.LogError(kNoStore);
-    return nullptr;
-  }
+  auto store = Storage::TryOpenStore();
+  if (store == nullptr) logger.LogError(kNoStore);
+  return store;
 }
 
 void LaunchUnlessMarked(const Logging::TraceLogger& logger) {

@@ -3,9 +3,9 @@
 #include <new>
 #include <utility>
 
+#include "launch/acting_as_user.h"
 #include "launch/launch_rules.h"
 #include "platform/environment.h"
-#include "platform/impersonation.h"
 #include "platform/machine.h"
 #include "platform/packages.h"
 #include "platform/processes.h"
@@ -17,18 +17,10 @@ namespace {
 
 using Logging::LogManager;
 using Platform::CurrentMachine;
-using Platform::Impersonation;
 using Platform::TokenType;
 
 constexpr wchar_t kNoSessionApi[] =
     L"Problem in GetUserTokenForCurrentUser. WTSQueryUserToken is not available in this platform.";
-constexpr wchar_t kActingAsUser[] = L"Attempting to impersonate logged in user.";
-constexpr wchar_t kNoConsoleSession[] =
-    L"Problem while detecting active console session ID. This could be caused if the business "
-    L"logic "
-    L"ran while the user was not logged in.";
-constexpr wchar_t kTokenQueryFailed[] = L"Problem while querying user's access token.";
-constexpr wchar_t kTokenCopyFailed[] = L"Problem while duplicating the user's access token.";
 constexpr wchar_t kNoPackageLength[] =
     L"Problem while finding out the size of the buffer. Returned length is 0.";
 constexpr wchar_t kNoBuffer[] = L"Problem while allocating buffer.";
@@ -36,21 +28,12 @@ constexpr wchar_t kPackageQueryFailed[] = L"Problem while finding package's reso
 constexpr wchar_t kPackageFound[] = L"Found package's full name for %ls: %ls";
 constexpr wchar_t kPathLengthFailed[] = L"Problem while finding out the size of the buffer.";
 constexpr wchar_t kPathQueryFailed[] = L"Problem while finding the full path for the package.";
-constexpr wchar_t kImpersonationFailed[] = L"Problem while impersonating logged in user.";
-constexpr wchar_t kRevertFailed[] = L"Problem while reverting the impersonation.";
-constexpr wchar_t kExpansionFailed[] = L"Problem while expanding path.";
 constexpr wchar_t kCommandLineTooLong[] =
     L"Problem while building the command line: it is too long.";
 constexpr wchar_t kStartFailed[] = L"Problem while creating process as user %d.";
 
 constexpr wchar_t kAliasFolder[] = L"%userprofile%\\AppData\\Local\\Microsoft\\WindowsApps\\";
 constexpr wchar_t kProfile[] = L"%userprofile%";
-
-constexpr std::size_t kExpandedPathChars = 520;
-
-void LogRevertFailure() {
-  LogManager::SetProvider(Logging::kComponentProvider)->LogError(kRevertFailed);
-}
 
 }  // namespace
 
@@ -64,24 +47,9 @@ Platform::SharedHandle Launcher::GetUserTokenForCurrentUser(TokenType type) cons
     logger->LogError(kNoSessionApi);
     return nullptr;
   }
-  const Platform::Sessions& sessions = *CurrentMachine().sessions;
-  const std::uint32_t session = sessions.ActiveConsoleSession();
   logger->LogInfo(kActingAsUser);
-  if (session == Platform::kNoSession) {
-    logger->LogWarning(kNoConsoleSession);
-    return nullptr;
-  }
-  const auto queried = sessions.QueryUserToken(session);
-  if (!queried) {
-    logger->LogWarning(kTokenQueryFailed);
-    return nullptr;
-  }
-  auto copy = sessions.DuplicateUserToken(queried->get(), type);
-  if (!copy) {
-    logger->LogWarning(kTokenCopyFailed);
-    return nullptr;
-  }
-  return Platform::Share(*std::move(copy));
+  const auto session = ConsoleSession(*logger);
+  return session ? UserTokenOf(*session, type, *logger) : nullptr;
 }
 
 std::wstring Launcher::GetPackageFullNameByFamilyName(const std::wstring& familyName) const {
@@ -117,37 +85,20 @@ std::wstring Launcher::GetPackageInstalledPathByFullName(const std::wstring& ful
   return std::move(found.path);
 }
 
-template <typename Query>
-std::wstring Launcher::AsUser(Platform::RawHandle token, Query&& query) const {
-  if (token == nullptr) return {};
-  const Impersonation asUser(token, &LogRevertFailure);
-  if (!asUser) {
-    logger->LogWarning(kImpersonationFailed);
-    return {};
-  }
-  return query();
-}
-
 std::wstring Launcher::GetPackageFullNameByFamilyName(const std::wstring& familyName,
                                                       Platform::RawHandle token) const {
-  return AsUser(token, [&] { return GetPackageFullNameByFamilyName(familyName); });
+  return AskAsUser(token, *logger, [&] { return GetPackageFullNameByFamilyName(familyName); });
 }
 
 std::wstring Launcher::GetPackageInstalledPathByFullName(const std::wstring& fullName,
                                                          Platform::RawHandle token) const {
-  return AsUser(token, [&] { return GetPackageInstalledPathByFullName(fullName); });
+  return AskAsUser(token, *logger, [&] { return GetPackageInstalledPathByFullName(fullName); });
 }
 
 std::wstring Launcher::GetPathExpandedImpersonatedAsCurrentUser(const std::wstring& path,
                                                                 Platform::RawHandle token) const {
-  return AsUser(token, [&]() -> std::wstring {
-    auto expanded = CurrentMachine().environment->ExpandForUser(token, path, kExpandedPathChars);
-    if (!expanded) {
-      logger->LogWarning(kExpansionFailed);
-      return {};
-    }
-    return *std::move(expanded);
-  });
+  return AskAsUser(token, *logger,
+                   [&] { return ExpandActing(token, path, *logger).value_or(std::wstring()); });
 }
 
 std::wstring Launcher::GetAbsolutePathForUWPAlias(const std::wstring& alias) const {
@@ -164,7 +115,7 @@ bool Launcher::Run(const std::wstring& alias, const std::wstring& packageFamilyN
   const std::wstring program = GetPathExpandedImpersonatedAsCurrentUser(
       GetAbsolutePathForUWPAlias(alias), actingToken.get());
   // Both questions under one impersonation: the answers belong to the same user.
-  const std::wstring folder = AsUser(actingToken.get(), [&]() -> std::wstring {
+  const std::wstring folder = AskAsUser(actingToken.get(), *logger, [&]() -> std::wstring {
     const std::wstring fullName = GetPackageFullNameByFamilyName(packageFamilyName);
     return fullName.empty() ? fullName : GetPackageInstalledPathByFullName(fullName);
   });

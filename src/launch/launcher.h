@@ -46,10 +46,6 @@ class Launcher {
   static std::mutex rLock;  // serialises package queries by family name
 
  private:
-  // The query's answer as the user of `token`; empty when there is none or acting as it fails.
-  template <typename Query>
-  std::wstring AsUser(Platform::RawHandle token, Query&& query) const;
-
   Logging::TraceLogger* logger;
   std::wstring aliasFolder;
 };

@@ -8,6 +8,7 @@
 #include "platform/environment.h"
 #include "platform/machine.h"
 #include "platform/system_services.h"
+#include "security/authenticode_facade.h"
 
 namespace Vx::Tessel::Server::Services::Orvane {
 
@@ -24,15 +25,9 @@ constexpr std::size_t kMaxPath = 260;  // characters with the terminator
 }  // namespace
 
 std::int32_t QueryLockoutMode(const wchar_t* callerName) {
-  Security::VxAuthenticodeFacade trust;
-  return QueryLockoutMode(callerName, trust);
-}
-
-std::int32_t QueryLockoutMode(const wchar_t* callerName,
-                              Security::VxAuthenticodeFacadeBase& trust) {
   const Platform::Machine& machine = Platform::CurrentMachine();
   const auto path = machine.environment->Expand(kPolicyLibrary, kMaxPath);
-  if (!path || !trust.IsFileTrusted(path->c_str())) return 0;
+  if (!path || !Security::VxAuthenticodeFacade().IsFileTrusted(path->c_str())) return 0;
 
   const auto* const logger = Logging::LogManager::SetProvider(Logging::kComponentProvider);
   const std::string caller = Json::ToUtf8(callerName != nullptr ? callerName : L"");

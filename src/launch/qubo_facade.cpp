@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "json/utf8.h"
+#include "launch/acting_as_user.h"
 #include "launch/companion_apps.h"
 #include "launch/launcher.h"
 #include "launch/qubo_behaviors.h"
@@ -30,7 +31,6 @@ using Platform::CurrentMachine;
 constexpr wchar_t kNoSessionApi[] =
     L"Problem in QuboFacade::GetCurrentUserName(): WTSQuerySessionInformation is not available on "
     L"this platform";
-constexpr wchar_t kImpersonationFailed[] = L"Problem while impersonating logged in user.";
 constexpr wchar_t kRevertFailed[] =
     L"Problem while reverting the impersonation while collecting data to register UWP.";
 constexpr wchar_t kNoQuboName[] =

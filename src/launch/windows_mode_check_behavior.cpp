@@ -5,6 +5,7 @@
 
 #include "launch/lockdown_mode.h"
 #include "storage/cap_data_store.h"
+#include "storage/request_manager.h"
 
 namespace Vx::Tessel::Server::Services::Orvane::Qubo {
 
@@ -18,8 +19,6 @@ constexpr wchar_t kSwitchedValue[] = L"%S.%S Detected S Mode Switch %d";
 
 constexpr char kNoClass[] = "";
 constexpr char kHasBeenInSMode[] = "HasBeenInSMode";
-constexpr char kServiceDocument[] = "OrvaneServiceDocument";
-constexpr char kFirstEnforcementMode[] = "FirstSystemEnforcementMode";
 constexpr std::int32_t kUnknownMode = -1;
 
 }  // namespace

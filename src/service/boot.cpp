@@ -37,7 +37,7 @@ void HandlePowerEvent(std::uint32_t eventType) {
   const Qubo::QuboFacade facade;
   logger.LogInfo(kPowerEventTrace, kPowerEventTask, "Enter");
   Platform::CurrentMachine().appServices->Open({}, {})->SystemRestarted();
-  FulfillPowerSubscriptions(eventType);
+  FulfillSubscriptions(kPowerEvents, eventType);
 
   const Resume* resume = ResumeOf(eventType);
   if (resume == nullptr) return;

@@ -10,8 +10,8 @@
 #include "platform/hresult_error.h"
 #include "platform/kernel_objects.h"
 #include "platform/machine.h"
-#include "platform/type_name.h"
 #include "service/boot.h"
+#include "service/boundary.h"
 #include "service/client_context.h"
 #include "service/dispatch.h"
 #include "service/oobe_event.h"
@@ -24,28 +24,11 @@ namespace Vx::Tessel::Server::Services::Orvane {
 
 namespace {
 
-constexpr wchar_t kThrew[] = L"%S.%S threw exception %S";
-constexpr wchar_t kThrewRuntimeError[] = L"%S.%S threw hresult_error: Message: %s, Code: %i";
-
 constexpr char kPolicyChangedKey[] = "orvane_service_policy_changed_event";
 
 constexpr unsigned kFreeMemory = 1;
 constexpr std::uint32_t kSessionLogon = 5;   // WTS_SESSION_LOGON
 constexpr std::uint32_t kSessionLogoff = 6;  // WTS_SESSION_LOGOFF
-
-// The boundary of the slots that have no result to report a failure with.
-template <typename Body>
-void Guard(const char* slot, Body&& body) noexcept {
-  const auto* logger = Logging::LogManager::GetLogger();
-  constexpr const char* kClass = Platform::TypeName<OrvaneService>();
-  try {
-    std::forward<Body>(body)();
-  } catch (const winrt::hresult_error& error) {
-    logger->LogError(kThrewRuntimeError, kClass, slot, error.message().c_str(), error.code());
-  } catch (const std::exception& error) {
-    logger->LogError(kThrew, kClass, slot, error.what());
-  }
-}
 
 void SignalIfMade(const Platform::UniqueHandle& event) {
   if (event != nullptr) Platform::CurrentMachine().kernelObjects->Signal(event.get());
@@ -67,7 +50,7 @@ OrvaneService::~OrvaneService() {
   SignalIfMade(state->stopEvent);
   SignalIfMade(state->sessionStopEvent);
   // Their watchers would keep the module loaded for ever.
-  Guard("Destroy", [] { PackageCatalogEventManager::clear_events(); });
+  Contain("Destroy", [] { PackageCatalogEventManager::clear_events(); });
 }
 
 void* OrvaneService::Destroy(unsigned flags) noexcept {
@@ -93,14 +76,14 @@ std::uint32_t OrvaneService::ExecuteCommand(ClientContext* context, std::uint32_
 }
 
 void OrvaneService::Start() noexcept {
-  Guard("Start", [this] {
+  Contain("Start", [this] {
     state->startupThread = Platform::Thread([shared = state] { RunStartupTask(shared); });
     state->startupThread.Detach();
   });
 }
 
 void OrvaneService::power_event_task(std::uint32_t eventType) noexcept {
-  Guard("power_event_task", [eventType] { HandlePowerEvent(eventType); });
+  Contain("power_event_task", [eventType] { HandlePowerEvent(eventType); });
 }
 
 bool OrvaneService::oobe_event_task() noexcept {
@@ -108,30 +91,30 @@ bool OrvaneService::oobe_event_task() noexcept {
 }
 
 void OrvaneService::OnSessionChange(std::uint32_t code) noexcept {
-  Guard("OnSessionChange", [code] {
+  Contain("OnSessionChange", [code] {
     if (code == kSessionLogon) RegisterExistingPackageCatalogManagerRequests();
     if (code == kSessionLogoff) PackageCatalogEventManager::clear_events();
   });
 }
 
 int OrvaneService::RegisterPowerEvent(const wchar_t* request, const wchar_t* /*clientId*/) {
-  return RegisterPowerSubscription(request);
+  return RegisterSubscription(kPowerEvents, request);
 }
 
 int OrvaneService::UnregisterPowerEvent(const wchar_t* request, const wchar_t* /*clientId*/) {
-  return UnregisterPowerSubscription(request);
+  return UnregisterSubscription(kPowerEvents, request);
 }
 
 void OrvaneService::FulfillPowerManagementEventRequests(std::uint32_t eventType) {
-  FulfillPowerSubscriptions(eventType);
+  FulfillSubscriptions(kPowerEvents, eventType);
 }
 
 int OrvaneService::RegisterZephraEvent(const wchar_t* request, const wchar_t* /*clientId*/) {
-  return RegisterZephraSubscription(request);
+  return RegisterSubscription(kZephraEvents, request);
 }
 
 int OrvaneService::UnregisterZephraEvent(const wchar_t* request, const wchar_t* /*clientId*/) {
-  return UnregisterZephraSubscription(request);
+  return UnregisterSubscription(kZephraEvents, request);
 }
 
 void OrvaneService::FulfillZephraManagementEventRequests(std::uint32_t eventType) {

@@ -15,6 +15,7 @@
 #include "service/consent_store.h"
 #include "service/handler_support.h"
 #include "service/result_codes.h"
+#include "service/s_mode.h"
 #include "storage/cap_data_store.h"
 #include "storage/request_manager.h"
 
@@ -35,7 +36,6 @@ constexpr wchar_t kVersionDone[] = L"GetVersion executed";
 // characters stands for one. Keeps the parse of a list that grew too long cheap.
 constexpr std::size_t kMaxStoredLength = 8 * kMaxResponseLength;
 
-constexpr char kStubFlag[] = "ExecutedMcAfeeStub";
 constexpr char kSleepState[] = "sleep_state";
 constexpr wchar_t kVersion[] = L"1.73.4044.0";
 
@@ -152,7 +152,7 @@ std::uint32_t GetExecutedMcAfeeStub(Json::WideDocument* response, const RequestC
     if (NullChecker({{response, "response"}}, caller)) return kFailed;
     Storage::CapDataStore store;
     const Storage::BsonDocument document = store.readDocument(kServiceDocument);
-    const auto flag = document.Find(kStubFlag);
+    const auto flag = document.Find(kExecutedStub);
     const bool launched = flag && flag->AsBoolean().value_or(false);
     AddAnswer(*response, L"launched", Json::WideValue(launched));
     return kSuccess;
@@ -166,7 +166,7 @@ std::uint32_t SetExecutedMcAfeeStub(const Json::WideDocument* request,
     if (!ParseJsonValue(request, &launched, caller)) return kFailed;
     Storage::CapDataStore store;
     const auto flag = Storage::BsonElement::Boolean(launched);
-    return store.mergeMember(kServiceDocument, kStubFlag, flag) ? kSuccess : kFailed;
+    return store.mergeMember(kServiceDocument, kExecutedStub, flag) ? kSuccess : kFailed;
   });
 }
 

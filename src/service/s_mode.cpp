@@ -3,7 +3,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <exception>
-#include <memory>
 #include <string>
 
 #include "launch/lockdown_mode.h"
@@ -43,21 +42,11 @@ constexpr char kLaunchExe[] = "LaunchExeFor10SSwitch";
 constexpr wchar_t kStartupCaller[] = L"OrvaneService-Startup";
 constexpr wchar_t kSwitchCaller[] = L"Win10SSwitch";
 
-constexpr char kFirstEnforcementMode[] = "FirstSystemEnforcementMode";
-constexpr char kExecutedStub[] = "ExecutedMcAfeeStub";
 constexpr std::int32_t kNoMode = -1;
 
 constexpr wchar_t kArgumentsFile[] = L"C:\\Program Files\\Vx\\McAfeePre\\McAfeePar.txt";
 constexpr wchar_t kProgram[] = L"C:\\Program Files\\Vx\\McAfeePre\\DADUpdater.exe";
 constexpr std::size_t kMaxPath = 260;  // characters with the terminator
-
-std::unique_ptr<CapDataStore> OpenStore() {
-  try {
-    return std::make_unique<CapDataStore>();
-  } catch (const std::exception&) {
-    return nullptr;
-  }
-}
 
 std::int32_t StoredFirstMode(CapDataStore& store) {
   const auto document = store.readDocument(kServiceDocument);
@@ -124,7 +113,7 @@ bool LaunchExeFor10SSwitch(const wchar_t* pathToExecute, const wchar_t* argument
 
 void DoSModeSwitchWork(const Logging::TraceLogger& logger) {
   RefreshRegistrationData(logger);
-  const auto store = OpenStore();
+  const auto store = Storage::TryOpenStore();
   if (store == nullptr) return;
   const bool launched = Launch10SSwitchSoftwares();
   store->mergeMember(kServiceDocument, kExecutedStub, BsonElement::Boolean(launched));

@@ -1,16 +1,15 @@
 #include "service/startup.h"
 
 #include <chrono>
-#include <exception>
 #include <string>
 
 #include "bod/set_born_on_date.h"
 #include "events/package_event_manager.h"
 #include "launch/launcher.h"
 #include "platform/clock.h"
-#include "platform/hresult_error.h"
 #include "platform/machine.h"
 #include "platform/system_services.h"
+#include "service/boundary.h"
 #include "service/oobe_event.h"
 #include "service/s_mode.h"
 #include "service/service_state.h"
@@ -33,8 +32,6 @@ constexpr wchar_t kUserWaitOver[] =
     L"OrvaneService: waited for 2 hours for real user session; abandoned";
 constexpr wchar_t kAttemptFailed[] = L"OrvaneService: oobe_event_task() failed on attempt %d";
 constexpr wchar_t kTerminated[] = L"%S: terminated";
-constexpr wchar_t kThrew[] = L"%S threw exception %S";
-constexpr wchar_t kThrewRuntimeError[] = L"%S threw hresult_error: Message: %s, Code: %i";
 
 constexpr char kStartupTask[] = "Vx::Tessel::Server::Services::Orvane::OrvaneService::startup_task";
 
@@ -122,14 +119,7 @@ void StartupTask(const std::shared_ptr<ServiceState>& state) {
 }  // namespace
 
 void RunStartupTask(const std::shared_ptr<ServiceState>& state) noexcept {
-  try {
-    StartupTask(state);
-  } catch (const winrt::hresult_error& error) {
-    state->logger->LogError(kThrewRuntimeError, kStartupTask, error.message().c_str(),
-                            error.code());
-  } catch (const std::exception& error) {
-    state->logger->LogError(kThrew, kStartupTask, error.what());
-  }
+  Contain("startup_task", [&] { StartupTask(state); });
 }
 
 }  // namespace Vx::Tessel::Server::Services::Orvane

@@ -3,14 +3,14 @@
 #include <chrono>
 #include <cstdint>
 #include <cstdlib>
-#include <exception>
 #include <string>
 
 #include "events/zephra_events.h"
+#include "json/utf8.h"
 #include "launch/launcher.h"
 #include "platform/clock.h"
-#include "platform/hresult_error.h"
 #include "platform/machine.h"
+#include "service/boundary.h"
 #include "service/service_state.h"
 #include "storage/cap_data_store.h"
 
@@ -20,11 +20,8 @@ namespace {
 
 constexpr wchar_t kTerminated[] = L"%S - terminated";
 constexpr wchar_t kNotANewBoot[] = L"%S: Not a new boot";
-// The user's name is wide text: as narrow text, names beyond ASCII would come out garbled.
-constexpr wchar_t kFulfilling[] = L"%S: FulfillZephraManagementEventRequests for: %s";
+constexpr wchar_t kFulfilling[] = L"%S: FulfillZephraManagementEventRequests for: %S";
 constexpr wchar_t kWaiting[] = L"%S: Waiting for user session for %d minutes";
-constexpr wchar_t kThrew[] = L"%S threw exception %S";
-constexpr wchar_t kThrewRuntimeError[] = L"%S threw hresult_error: Message: %s, Code: %i";
 
 constexpr char kLastBootTime[] = "OrvaneLastBootTime";
 
@@ -69,7 +66,7 @@ void WaitForUser(ServiceState& state) {
   for (int elapsed = 0; elapsed < kLongestWait; elapsed += static_cast<int>(kPause.count())) {
     if (!Pause(state)) return;
     if (launcher.IsRealUserSession(user)) {
-      state.logger->LogInfo(kFulfilling, kWakeupCheckName, user.c_str());
+      state.logger->LogInfo(kFulfilling, kWakeupCheckName, Json::ToUtf8(user).c_str());
       FulfillZephraSubscriptions(static_cast<std::uint32_t>(ZephraEvent::UserSessionAfterBoot));
       state.wakeupCheckDone = true;
       return;
@@ -90,14 +87,7 @@ void WakeupCheck(ServiceState& state) {
 }  // namespace
 
 void RunWakeupCheck(const std::shared_ptr<ServiceState>& state) noexcept {
-  try {
-    WakeupCheck(*state);
-  } catch (const winrt::hresult_error& error) {
-    state->logger->LogError(kThrewRuntimeError, kWakeupCheckName, error.message().c_str(),
-                            error.code());
-  } catch (const std::exception& error) {
-    state->logger->LogError(kThrew, kWakeupCheckName, error.what());
-  }
+  Contain("CheckToSendWakeupEvent", [&] { WakeupCheck(*state); });
 }
 
 }  // namespace Vx::Tessel::Server::Services::Orvane

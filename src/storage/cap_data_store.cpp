@@ -288,4 +288,12 @@ bool CapDataStore::updateMember(std::string_view documentName, std::string_view 
   return held;
 }
 
+std::unique_ptr<CapDataStore> TryOpenStore() noexcept {
+  try {
+    return std::make_unique<CapDataStore>();
+  } catch (const std::exception&) {
+    return nullptr;
+  }
+}
+
 }  // namespace Vx::Tessel::Server::Storage

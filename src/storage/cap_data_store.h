@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -108,5 +109,8 @@ class CapDataStore {
   BsonDocument document;
   bool current = false;  // `document` is what the file held at the last look
 };
+
+// A store; null where none can be made.
+std::unique_ptr<CapDataStore> TryOpenStore() noexcept;
 
 }  // namespace Vx::Tessel::Server::Storage

@@ -1,0 +1,32 @@
+#include "service/boundary.h"
+
+#include <exception>
+
+#include "host/logging.h"
+#include "platform/hresult_error.h"
+#include "platform/type_name.h"
+#include "service/orvane_service.h"
+
+namespace Vx::Tessel::Server::Services::Orvane {
+
+namespace {
+
+constexpr wchar_t kThrew[] = L"%S.%S threw exception %S";
+constexpr wchar_t kThrewRuntimeError[] = L"%S.%S threw hresult_error: Message: %s, Code: %i";
+
+constexpr const char* kClass = Platform::TypeName<OrvaneService>();
+
+}  // namespace
+
+void LogCurrentException(const char* operation) noexcept {
+  const Logging::TraceLogger& logger = *Logging::LogManager::GetLogger();
+  try {
+    throw;
+  } catch (const winrt::hresult_error& error) {
+    logger.LogError(kThrewRuntimeError, kClass, operation, error.message().c_str(), error.code());
+  } catch (const std::exception& error) {
+    logger.LogError(kThrew, kClass, operation, error.what());
+  }
+}
+
+}  // namespace Vx::Tessel::Server::Services::Orvane

@@ -1,0 +1,24 @@
+#pragma once
+
+#include <utility>
+
+namespace Vx::Tessel::Server::Services::Orvane {
+
+// Logs the exception that is being handled as one of the service's `operation`. Call it only while
+// handling one of the Windows Runtime's or the standard library's.
+void LogCurrentException(const char* operation) noexcept;
+
+// The end of a slot or a task that has no result to report a failure with: runs `body` and logs
+// what it throws. False when it threw.
+template <typename Body>
+bool Contain(const char* operation, Body&& body) noexcept {
+  try {
+    std::forward<Body>(body)();
+    return true;
+  } catch (...) {
+    LogCurrentException(operation);
+    return false;
+  }
+}
+
+}  // namespace Vx::Tessel::Server::Services::Orvane
