@@ -16,41 +16,35 @@ constexpr int kMax = std::numeric_limits<int>::max();
 
 TEST(LeadingInteger, ReadsTheWholeLeadingNumberAndNoMore) {
   const struct {
-    const char* name;
     std::wstring text;
     std::optional<int> value;
   } cases[] = {
-      {"zero", L"0", 0},
-      {"plain", L"10", 10},
-      {"negative", L"-3", -3},
-      {"plus sign", L"+7", 7},
-      {"blanks before", L" \t\r\n\v\f5", 5},
-      {"words behind", L"5 seconds", 5},
-      {"a fraction", L"5.9", 5},
-      {"hexadecimal", L"0x10", 0},
-      {"leading zeros", L"007", 7},
-      {"largest", L"2147483647", kMax},
-      {"one beyond", L"2147483648", std::nullopt},
-      {"smallest", L"-2147483648", kMin},
-      {"one below", L"-2147483649", std::nullopt},
-      {"one, beyond 64 bits", L"18446744073709551617", std::nullopt},
-      {"endless nines", std::wstring(100000, L'9'), std::nullopt},
-      {"endless zeros", std::wstring(100000, L'0') + L"4", 4},
-      {"nothing", L"", std::nullopt},
-      {"blanks only", L"  ", std::nullopt},
-      {"sign only", L"-", std::nullopt},
-      {"two signs", L"+-5", std::nullopt},
-      {"a blank behind the sign", L"- 5", std::nullopt},
-      {"letters", L"five", std::nullopt},
-      {"a NUL first",
-       std::wstring(L"\0"
-                    L"5",
-                    2),
-       std::nullopt},
-      {"a digit of another script", L"\u0665", std::nullopt},
+      {L"0", 0},
+      {L"10", 10},
+      {L"-3", -3},
+      {L"+7", 7},
+      {L" \t\r\n\v\f5", 5},
+      {L"5 seconds", 5},
+      {L"5.9", 5},
+      {L"0x10", 0},
+      {L"2147483647", kMax},
+      {L"2147483648", std::nullopt},
+      {L"-2147483648", kMin},
+      {L"-2147483649", std::nullopt},
+      {L"18446744073709551617", std::nullopt},  // one beyond 64 bits
+      {std::wstring(100000, L'9'), std::nullopt},
+      {std::wstring(100000, L'0') + L"4", 4},
+      {L"", std::nullopt},
+      {L"  ", std::nullopt},
+      {L"-", std::nullopt},
+      {L"+-5", std::nullopt},
+      {L"- 5", std::nullopt},
+      {L"five", std::nullopt},
+      {std::wstring{L'\0', L'5'}, std::nullopt},
+      {L"\u0665", std::nullopt},  // a digit of another script
   };
   for (const auto& c : cases) {
-    SCOPED_TRACE(c.name);
+    SCOPED_TRACE(testing::PrintToString(c.text.substr(0, 40)));
     EXPECT_EQ(LeadingInteger(c.text), c.value);
   }
 }

@@ -9,13 +9,11 @@
 
 #include <windows.h>
 
-#include "events/fake_app_services.h"
+#include "support/fake_app_services.h"
 #include "events/package_event_request.h"
+#include "host/logging.h"
 #include "platform/hresult_error.h"
 #include "platform/machine.h"
-#include "platform/processes.h"
-#include "platform/sessions.h"
-#include "platform/trust_provider.h"
 #include "support/log_capture.h"
 #include "support/probe.h"
 #include "support/stand_in_logon.h"
@@ -30,19 +28,16 @@ using Json::JsonObject;
 using Platform::Machine;
 using Platform::MachineScope;
 using testing::Contains;
+using testing::Each;
 using testing::ElementsAre;
-using testing::Not;
 using testing::StartsWith;
 using Tests::LogCapture;
 
-constexpr winrt::hresult kBuilt = 0;
-
-// kBuilt, or the code that building the command throws.
+// 0, or the code that building the command throws.
 winrt::hresult Building(std::uint32_t action, const std::wstring& parameters) {
   try {
-    const auto command =
-        CreateEventCommand(static_cast<EventAction>(action), JsonObject::Parse(parameters));
-    return command != nullptr ? kBuilt : -1;
+    return CreateEventCommand(static_cast<EventAction>(action), JsonObject::Parse(parameters)) ? 0
+                                                                                               : -1;
   } catch (const winrt::hresult_error& error) {
     return error.code();
   }
@@ -55,28 +50,27 @@ std::wstring Escaped(const std::wstring& path) {
 }
 
 TEST(CreateEventCommand, InsistsOnItsRequiredKeys) {
+  constexpr std::int32_t kMissing = Json::kJsonValueNotFound;
+  constexpr std::int32_t kWrongType = Json::kIllegalMethodCall;
   static constexpr struct {
-    const wchar_t* parameters;
     std::uint32_t action;
     winrt::hresult result;
+    const wchar_t* parameters;
   } kCases[] = {
-      {LR"({"path":"C:\\a.exe"})", 1, kBuilt},
-      {LR"({})", 1, Json::kJsonValueNotFound},
-      {LR"({"path":5})", 1, Json::kIllegalMethodCall},
-      {LR"({"path":null})", 1, Json::kIllegalMethodCall},
-      {LR"({"path":"C:\\a.exe","arguments":5})", 1, kBuilt},
-      {LR"({"path":"C:\\a.exe","delayDeliverySec":5})", 1, Json::kIllegalMethodCall},
-      {LR"({"packageFamilyName":"f","appServiceName":"s","payload":{}})", 2, kBuilt},
-      {LR"({"appServiceName":"s","payload":{}})", 2, Json::kJsonValueNotFound},
-      {LR"({"packageFamilyName":"f","payload":{}})", 2, Json::kJsonValueNotFound},
-      {LR"({"packageFamilyName":"f","appServiceName":"s"})", 2, Json::kJsonValueNotFound},
-      {LR"({"packageFamilyName":"f","appServiceName":"s","payload":"x"})", 2,
-       Json::kIllegalMethodCall},
-      {LR"({"packageFamilyName":"f","appServiceName":"s","payload":{},"delayDeliverySec":1})", 2,
-       Json::kIllegalMethodCall},
-      {LR"({"path":"C:\\a.exe"})", 0, kUnknownAction},
-      {LR"({"path":"C:\\a.exe"})", 3, kUnknownAction},
-      {LR"({"path":"C:\\a.exe"})", 0xFFFFFFFF, kUnknownAction},
+      {1, 0, LR"({"path":"C:\\a.exe"})"},
+      {1, kMissing, LR"({})"},
+      {1, kWrongType, LR"({"path":null})"},
+      {1, 0, LR"({"path":"C:\\a.exe","arguments":5})"},
+      {1, kWrongType, LR"({"path":"C:\\a.exe","delayDeliverySec":5})"},
+      {2, 0, LR"({"packageFamilyName":"f","appServiceName":"s","payload":{}})"},
+      {2, kMissing, LR"({"appServiceName":"s","payload":{}})"},
+      {2, kMissing, LR"({"packageFamilyName":"f","payload":{}})"},
+      {2, kMissing, LR"({"packageFamilyName":"f","appServiceName":"s"})"},
+      {2, kWrongType, LR"({"packageFamilyName":"f","appServiceName":"s","payload":"x"})"},
+      {2, kWrongType,
+       LR"({"packageFamilyName":"f","appServiceName":"s","payload":{},"delayDeliverySec":1})"},
+      {0, kUnknownAction, LR"({"path":"C:\\a.exe"})"},
+      {3, kUnknownAction, LR"({"path":"C:\\a.exe"})"},
   };
   for (const auto& c : kCases) {
     SCOPED_TRACE(testing::PrintToString(std::wstring(c.parameters)));
@@ -85,15 +79,12 @@ TEST(CreateEventCommand, InsistsOnItsRequiredKeys) {
 }
 
 TEST(LaunchCommand, PutsDefaultsWhereTextIsMissing) {
-  const LaunchCommand bare(JsonObject::Parse(LR"({"path":"p","arguments":5})"));
-  EXPECT_EQ(bare.Path(), L"p");
-  EXPECT_EQ(bare.Arguments(), L"");
-  EXPECT_EQ(bare.DelayDeliverySec(), L"0");
-
-  const LaunchCommand full(
-      JsonObject::Parse(LR"({"path":"p","arguments":"a b","delayDeliverySec":"7"})"));
-  EXPECT_EQ(full.Arguments(), L"a b");
-  EXPECT_EQ(full.DelayDeliverySec(), L"7");
+  const auto values = [](const wchar_t* parameters) {
+    const LaunchCommand command(JsonObject::Parse(parameters));
+    return command.Path() + L"|" + command.Arguments() + L"|" + command.DelayDeliverySec();
+  };
+  EXPECT_EQ(values(LR"({"path":"p","arguments":5})"), L"p||0");
+  EXPECT_EQ(values(LR"({"path":"p","arguments":"a b","delayDeliverySec":"7"})"), L"p|a b|7");
 }
 
 TEST(AppServiceNotificationCommand, LooksForTheTriggerInsideThePayloadOnly) {
@@ -129,27 +120,35 @@ TEST(EventCommand, ExecutesThroughItsFirstSlotAndAnswersThroughItsSecond) {
 
 TEST(ParseEventCommand, AnswersOnlyCommandsThatMayRunLate) {
   static constexpr struct {
-    const wchar_t* request;
     bool parsed;
+    const wchar_t* request;
   } kCases[] = {
-      {LR"({"catalogAction":1,"catalogActionParams":{"path":"p"}})", true},
-      {LR"({"catalogAction":1.9,"catalogActionParams":{"path":"p"}})", true},
-      {LR"({"catalogAction":0.9,"catalogActionParams":{"path":"p"}})", false},
-      {LR"({"catalogAction":4294967297,"catalogActionParams":{"path":"p"}})", false},
-      {LR"({"catalogAction":"1","catalogActionParams":{"path":"p"}})", false},
-      {LR"({"catalogAction":1,"catalogActionParams":{}})", false},
-      {LR"({"catalogAction":1})", false},
-      {LR"({"catalogAction":2,"catalogActionParams":
-           {"packageFamilyName":"f","appServiceName":"s","payload":{}}})",
-       false},
-      {L"{", false},
-      {L"[]", false},
+      {true, LR"({"catalogAction":1,"catalogActionParams":{"path":"p"}})"},
+      {true, LR"({"catalogAction":1.9,"catalogActionParams":{"path":"p"}})"},
+      {false, LR"({"catalogAction":0.9,"catalogActionParams":{"path":"p"}})"},
+      {false, LR"({"catalogAction":4294967297,"catalogActionParams":{"path":"p"}})"},
+      {false, LR"({"catalogAction":"1","catalogActionParams":{"path":"p"}})"},
+      {false, LR"({"catalogAction":1,"catalogActionParams":{}})"},
+      {false, LR"({"catalogAction":1})"},
+      {false,
+       LR"({"catalogAction":2,"catalogActionParams":
+                  {"packageFamilyName":"f","appServiceName":"s","payload":{}}})"},
+      {false, L"{"},
   };
   for (const auto& c : kCases) {
     SCOPED_TRACE(testing::PrintToString(std::wstring(c.request)));
     const auto command = SubscribeForAppPackageEventRequest::ParseEventCommand(c.request);
     EXPECT_EQ(command != nullptr && command->RunIfUninstalledWhileNotRunning(), c.parsed);
   }
+}
+
+bool CanBeWritten(const std::wstring& path) {
+  const HANDLE file = CreateFileW(path.c_str(), GENERIC_WRITE,
+                                  FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+                                  OPEN_EXISTING, 0, nullptr);
+  if (file == INVALID_HANDLE_VALUE) return false;
+  CloseHandle(file);
+  return true;
 }
 
 // Launches of real programs: signed by the test authority, checked and started for real.
@@ -163,9 +162,6 @@ class RealLaunchTest : public testing::Test {
   static std::wstring LockLine(const std::wstring& path, const wchar_t* outcome) {
     return L"info|Vx::Tessel::Security::VxAuthenticodeHelper::AquireFileReadOnlyLock(" + path +
            L") : " + outcome;
-  }
-  static std::wstring RefusalLine(const std::wstring& path) {
-    return L"warning|LaunchCommand::Execute - " + path + L" not trusted to launch as system";
   }
 
   Tests::TempFolder userFolder;
@@ -196,104 +192,38 @@ TEST_F(RealLaunchTest, StartsNothingThatIsNotTrusted) {
   std::filesystem::copy_file(Tests::PkiFile(L"pinned.exe"), misplaced);
   const struct {
     std::wstring path;
-    const wchar_t* lock;
+    bool held;
   } cases[] = {
-      {folder.Hold(L"general.exe"), L"succeeded"},  // its key is not in the restricted set
-      {folder.Hold(L"unpinned.exe"), L"succeeded"}, {folder.Hold(L"unsigned.exe"), L"succeeded"},
-      {folder.Hold(L"tampered.exe"), L"succeeded"}, {misplaced, L"succeeded"},
-      {folder / L"missing.exe", L"FAILED"},         {L"pinned.exe", L"FAILED"},
+      {folder.Hold(L"general.exe"), true},  // its key is not in the restricted set
+      {folder.Hold(L"unpinned.exe"), true}, {folder.Hold(L"unsigned.exe"), true},
+      {folder.Hold(L"tampered.exe"), true}, {misplaced, true},
+      {folder / L"missing.exe", false},     {L"pinned.exe", false},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(testing::PrintToString(c.path));
     log.Clear();
     Command(c.path).Execute();
-    EXPECT_EQ(log.Lines().front(), LockLine(c.path, c.lock));
-    EXPECT_EQ(log.Lines().back(), RefusalLine(c.path));
+    EXPECT_EQ(log.Lines().front(), LockLine(c.path, c.held ? L"succeeded" : L"FAILED"));
+    EXPECT_EQ(log.Lines().back(),
+              L"warning|LaunchCommand::Execute - " + c.path + L" not trusted to launch as system");
+    if (c.held) {
+      EXPECT_TRUE(CanBeWritten(c.path)) << "the file is still held";
+    }
     EXPECT_FALSE(Tests::WaitForProbe(c.path + L".out", std::chrono::milliseconds(0)));
   }
 }
 
-bool CanBeWritten(const std::wstring& path) {
-  const HANDLE file = CreateFileW(path.c_str(), GENERIC_WRITE,
-                                  FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
-                                  OPEN_EXISTING, 0, nullptr);
-  if (file == INVALID_HANDLE_VALUE) return false;
-  CloseHandle(file);
-  return true;
-}
-
-// The real check and the real start, with a look at the file at each of them.
-class Onlooker final : public Platform::TrustProvider, public Platform::Processes {
- public:
-  explicit Onlooker(std::wstring watched) : path(std::move(watched)) {}
-
-  Platform::SignatureVerdict VerifyEmbedded(const std::wstring& file,
-                                            std::uint32_t index) const override {
-    Look();
-    return trust.VerifyEmbedded(file, index);
-  }
-  std::optional<Platform::CatalogHit> FindCatalog(
-      const std::wstring& file, Platform::CatalogFailure& failure) const override {
-    return trust.FindCatalog(file, failure);
-  }
-  Platform::SignatureVerdict VerifyInCatalog(const Platform::CatalogHit& catalog,
-                                             std::uint32_t index) const override {
-    return trust.VerifyInCatalog(catalog, index);
-  }
-  Platform::Result<std::wstring> FullPath(const std::wstring& file) const override {
-    return trust.FullPath(file);
-  }
-  Platform::Result<std::wstring> FinalPath(const std::wstring& file) const override {
-    return trust.FinalPath(file);
-  }
-  Platform::Result<std::vector<Platform::AccessEntry>> FolderAccess(
-      const std::wstring& of) const override {
-    return trust.FolderAccess(of);
-  }
-
-  Platform::Result<std::uint32_t> Start(Platform::RawHandle token,
-                                        const Platform::ProcessStart& start) override {
-    Look();
-    return processes.Start(token, start);
-  }
-  std::vector<std::uint32_t> Ids(std::size_t limit) const override { return processes.Ids(limit); }
-  std::optional<std::wstring> ImagePath(std::uint32_t id) const override {
-    return processes.ImagePath(id);
-  }
-  std::optional<std::uint32_t> Session(std::uint32_t id) const override {
-    return processes.Session(id);
-  }
-  Platform::Result<Platform::UniqueHandle> PrimaryToken(std::uint32_t id) const override {
-    return processes.PrimaryToken(id);
-  }
-
-  mutable std::vector<bool> writable;
-
- private:
-  void Look() const { writable.push_back(CanBeWritten(path)); }
-
-  const std::wstring path;
-  Platform::TrustProvider& trust = *Platform::WindowsMachine().trustProvider;
-  Platform::Processes& processes = *Platform::WindowsMachine().processes;
-};
-
-TEST_F(RealLaunchTest, KeepsTheFileFromWritersWhileItIsCheckedAndStarted) {
+// Every log line of a command, from the lock on, is written while the file is held.
+TEST_F(RealLaunchTest, KeepsTheFileFromWritersFromItsCheckToItsStart) {
   const std::wstring path = folder.Hold(L"pinned.exe");
-  Onlooker onlooker(path);
-  const MachineScope scope([&](Machine& machine) {
-    machine.trustProvider = &onlooker;
-    machine.processes = &onlooker;
-  });
+  std::vector<bool> writable;
+  const auto sink = Logging::LogManager::AddSink(
+      [&](const Logging::LogRecord&) { writable.push_back(CanBeWritten(path)); });
   Command(path).Execute();
+  Logging::LogManager::RemoveSink(sink);
   ASSERT_TRUE(Tests::WaitForProbe(path + L".out"));
-  EXPECT_GE(onlooker.writable.size(), 2U);
-  EXPECT_THAT(onlooker.writable, Not(Contains(true)));
-}
-
-TEST_F(RealLaunchTest, LetsGoOfAFileThatItRefused) {
-  const std::wstring path = folder.Hold(L"unsigned.exe");
-  Command(path).Execute();
-  EXPECT_TRUE(CanBeWritten(path));
+  EXPECT_GE(writable.size(), 4U);
+  EXPECT_THAT(writable, Each(false));
 }
 
 }  // namespace

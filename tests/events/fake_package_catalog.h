@@ -1,7 +1,8 @@
 #pragma once
 
-#include <algorithm>
-#include <chrono>
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <map>
 #include <memory>
@@ -12,6 +13,7 @@
 
 #include "platform/hresult_error.h"
 #include "platform/packages.h"
+#include "support/fake_console.h"
 
 namespace Vx::Tests {
 
@@ -30,9 +32,9 @@ class FakeUninstall final : public Platform::PackageUninstall {
   std::function<bool()> isComplete;
 };
 
-// The packages of a machine and its one catalog, which tells its handlers what the test says. Any
-// thread.
-class FakePackageCatalog final : public Platform::Packages {
+// A console with packages of all users and one catalog, which tells its handlers what the test
+// says. As a package manager alone it may be used by any thread.
+class FakePackageCatalog final : public FakeConsole {
  public:
   // Calls every handler that is there at this moment, on the calling thread.
   void Notify(const Platform::PackageUninstall& uninstall) {
@@ -44,13 +46,10 @@ class FakePackageCatalog final : public Platform::Packages {
     for (const auto& [token, handler] : called) handler(uninstall);
   }
 
-  void Install(const std::wstring& familyName, std::size_t count = 1) {
+  // How many packages of the family there are.
+  void SetPackages(const std::wstring& familyName, std::size_t count) {
     const std::lock_guard guard(mutex);
-    installed[familyName] = count;
-  }
-  void Uninstall(const std::wstring& familyName) {
-    const std::lock_guard guard(mutex);
-    installed.erase(familyName);
+    packages[familyName] = count;
   }
 
   std::size_t Handlers() const {
@@ -58,41 +57,25 @@ class FakePackageCatalog final : public Platform::Packages {
     return handlers.size();
   }
 
-  FamilyQuery FindByFamily(const std::wstring&) const override { return {}; }
-  PathQuery PathByFullName(const std::wstring&) const override { return {}; }
-  Platform::Result<std::int32_t> StagedOrigin(const std::wstring&) const override { return 0; }
-  Platform::Result<std::uint64_t> Version(const std::wstring&) const override {
-    return std::uint64_t{0};
-  }
   std::vector<std::wstring> FindForAllUsers(const std::wstring& familyName) const override {
     const std::lock_guard guard(mutex);
     if (queryError != 0) throw winrt::hresult_error(queryError);
-    const auto found = installed.find(familyName);
-    if (found == installed.end()) return {};
-    return std::vector<std::wstring>(found->second, familyName);
-  }
-  Platform::Result<std::wstring> AccountSid(const std::wstring&) const override {
-    return std::wstring();
-  }
-  std::vector<std::wstring> FindForUser(const std::wstring&, const std::wstring&) const override {
-    return {};
-  }
-  Platform::PackageRegistration Register(const std::wstring&, std::chrono::milliseconds) override {
-    return {};
+    const auto found = packages.find(familyName);
+    return std::vector<std::wstring>(found != packages.end() ? found->second : 0, familyName);
   }
   std::shared_ptr<Platform::PackageCatalog> OpenCatalogForCurrentUser() override {
-    onOpen();
+    openedAsUser = acting;
     return std::make_shared<Catalog>(*this);
   }
 
-  std::function<void()> onOpen = [] {};
   winrt::hresult queryError = 0;
   winrt::hresult addError = 0;
+  std::atomic<bool> openedAsUser{false};
 
  private:
   class Catalog final : public Platform::PackageCatalog {
    public:
-    explicit Catalog(FakePackageCatalog& packages) : owner(packages) {}
+    explicit Catalog(FakePackageCatalog& console) : owner(console) {}
 
     Token AddUninstalling(UninstallingHandler handler) override {
       const std::lock_guard guard(owner.mutex);
@@ -110,7 +93,7 @@ class FakePackageCatalog final : public Platform::Packages {
   };
 
   mutable std::mutex mutex;  // guards what follows
-  std::map<std::wstring, std::size_t> installed;
+  std::map<std::wstring, std::size_t> packages;
   std::map<std::int64_t, Platform::PackageCatalog::UninstallingHandler> handlers;
   std::int64_t lastToken = 0;
 };

@@ -13,7 +13,7 @@
 
 #include <windows.h>
 
-#include "events/fake_app_services.h"
+#include "support/fake_app_services.h"
 #include "events/fake_package_catalog.h"
 #include "events/package_event_manager.h"
 #include "events/package_event_request.h"
@@ -71,95 +71,80 @@ std::wstring Launching(const std::wstring& event, const std::wstring& family = k
   return Request(event, L"1", LR"({"path":"missing.exe"})", family);
 }
 
-winrt::hresult Registering(const std::wstring& request) {
-  try {
-    Manager::register_event(request, nullptr);
-    return 0;
-  } catch (const winrt::hresult_error& error) {
-    return error.code();
-  }
-}
-
 class PackageEventTest : public testing::Test {
  protected:
+  PackageEventTest() { console.SetPackages(kFamily, 1); }
   ~PackageEventTest() override { Manager::clear_events(); }
 
-  void Register(const std::wstring& request) {
-    Manager::register_event(request,
-                            [this](const std::wstring& text) { completed.push_back(text); });
-    clock.Settle();
+  // 0, or the code that it throws.
+  winrt::hresult Register(const std::wstring& request) {
+    try {
+      Manager::register_event(request,
+                              [this](const std::wstring& text) { completed.push_back(text); });
+      clock.Settle();
+      return 0;
+    } catch (const winrt::hresult_error& error) {
+      return error.code();
+    }
   }
 
   Simulator::VirtualClock clock;
-  FakeConsole console;
-  FakePackageCatalog packages;
+  FakePackageCatalog console;
   FakeAppServices services;
   MachineScope scope{[this](Machine& machine) {
     console.Install(machine);
     machine.clock = &clock;
-    machine.packages = &packages;
     machine.appServices = &services;
   }};
   LogCapture log;
   std::vector<std::wstring> completed;
 };
 
-TEST_F(PackageEventTest, RefusesWhatItCannotWatch) {
-  packages.Install(kFamily);
-  const auto no = [](FakeConsole&) {};
+TEST_F(PackageEventTest, OpensTheCatalogAsTheConsoleUserUnlessItIsRefused) {
+  const std::wstring five = Notifying(L"5");
+  constexpr std::size_t kNever = FakeConsole::kNever;
   const struct {
     const char* name;
-    std::wstring request;
-    std::function<void(FakeConsole&)> breakIt;
     winrt::hresult result;
+    std::wstring request;
+    std::size_t failingCall = kNever;  // the token, the impersonation, the revert
+    std::uint32_t session = 1;
   } cases[] = {
-      {"event 5", Notifying(L"5"), no, 0},
-      {"event 7", Launching(L"7"), no, 0},
-      {"truncated", Notifying(L"5.9"), no, 0},
-      {"an unknown event", Notifying(L"6"), no, kUnknownCatalogEvent},
-      {"an event beyond any number", Notifying(L"4294967301"), no, kUnknownCatalogEvent},
-      {"an unknown event of no package", Notifying(L"6", L"Gone"), no, kUnknownCatalogEvent},
-      {"an unknown action", Request(L"5", L"3", L"{}"), no, kUnknownAction},
-      {"a package that is not there", Notifying(L"5", L"Gone"), no, kPackageNotInstalled},
-      {"another case of letters", Notifying(L"5", L"app_ABC"), no, kPackageNotInstalled},
-      {"no parameters", Request(L"5", L"2", L"{}"), no, Json::kJsonValueNotFound},
-      {"no family", LR"({"catalogEvent":5,"catalogAction":1})", no, Json::kJsonValueNotFound},
-      {"no JSON", L"{", no, Json::kInvalidJsonString},
-      {"nobody at the console", Notifying(L"5"), [](FakeConsole& c) { c.session = 0xFFFFFFFF; },
-       kConsoleUserUnavailable},
-      {"token refused", Notifying(L"5"), [](FakeConsole& c) { c.FailCall(0); },
-       kConsoleUserUnavailable},
-      {"impersonation refused", Notifying(L"5"), [](FakeConsole& c) { c.FailCall(1); },
-       kConsoleUserUnavailable},
-      {"revert refused", Notifying(L"5"), [](FakeConsole& c) { c.FailCall(2); }, 0},
+      {"event 5", 0, five},
+      {"event 7", 0, Launching(L"7")},
+      {"truncated", 0, Notifying(L"5.9")},
+      {"an unknown event of no package", kUnknownCatalogEvent, Notifying(L"6", L"Gone")},
+      {"an event beyond any number", kUnknownCatalogEvent, Notifying(L"4294967301")},
+      {"an unknown action", kUnknownAction, Request(L"5", L"3", L"{}")},
+      {"a package that is not there", kPackageNotInstalled, Notifying(L"5", L"Gone")},
+      {"another case of letters", kPackageNotInstalled, Notifying(L"5", L"app_ABC")},
+      {"no parameters", Json::kJsonValueNotFound, Request(L"5", L"2", L"{}")},
+      {"no JSON", Json::kInvalidJsonString, L"{"},
+      {"nobody at the console", kConsoleUserUnavailable, five, kNever, 0xFFFFFFFF},
+      {"token refused", kConsoleUserUnavailable, five, 0},
+      {"impersonation refused", kConsoleUserUnavailable, five, 1},
+      {"revert refused", 0, five, 2},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
-    console.session = 1;
-    console.FailCall(FakeConsole::kNever);
-    c.breakIt(console);
-    EXPECT_EQ(Registering(c.request), c.result);
-    clock.Settle();
-    EXPECT_EQ(packages.Handlers(), c.result == 0 ? 1U : 0U);
+    console.openedAsUser = false;
+    console.acting = false;
+    console.session = c.session;
+    console.FailCall(c.failingCall);
+    EXPECT_EQ(Register(c.request), c.result);
+    EXPECT_EQ(console.openedAsUser, c.result == 0);
+    EXPECT_EQ(console.acting, c.failingCall == 2);
+    EXPECT_EQ(console.Handlers(), c.result == 0 ? 1U : 0U);
     Manager::clear_events();
   }
   EXPECT_EQ(console.impersonations, console.reverts);
-}
-
-TEST_F(PackageEventTest, OpensTheCatalogAsTheConsoleUser) {
-  packages.Install(kFamily);
-  bool acting = false;
-  packages.onOpen = [&] { acting = console.acting; };
-  Register(Notifying(L"5"));
-  EXPECT_TRUE(acting);
-  EXPECT_FALSE(console.acting);
 }
 
 TEST_F(PackageEventTest, NeverFiresWhereWindowsHasNoSessions) {
   console.sessionApi = false;
   Register(Notifying(L"5"));
   EXPECT_EQ(clock.Workers(), 0U);
-  EXPECT_EQ(packages.Handlers(), 0U);
+  EXPECT_EQ(console.Handlers(), 0U);
   EXPECT_THAT(log.Lines(),
               ElementsAre(L"error|Problem in PackageUninstallingPCEvent::"
                           L"PackageUninstallingPCEvent(): WTSQueryUserToken is not available on "
@@ -167,143 +152,128 @@ TEST_F(PackageEventTest, NeverFiresWhereWindowsHasNoSessions) {
 }
 
 TEST_F(PackageEventTest, WatchesOnceHoweverOftenItIsRegistered) {
-  packages.Install(kFamily);
   SubscribeForAppPackageEventRequest request(Notifying(L"5"));
   request.RegisterPackageEvent(nullptr);
   request.RegisterPackageEvent(nullptr);
   clock.Settle();
-  EXPECT_EQ(packages.Handlers(), 1U);
+  EXPECT_EQ(console.Handlers(), 1U);
 }
 
 TEST_F(PackageEventTest, RunsOnceWhenAnUninstallStarts) {
-  packages.Install(kFamily);
   Register(Notifying(L"5"));
-  packages.Notify(FakeUninstall(L"Other", [] { return false; }));
+  console.Notify(FakeUninstall(L"Other", [] { return false; }));
   EXPECT_THAT(log.Lines(), ElementsAre(L"info|PackageUninstallingEvent invoked. Searching for PFN: "
                                        L"App_abc, PFN received: Other"));
   EXPECT_THAT(completed, IsEmpty());
 
   log.Clear();
-  packages.Notify(FakeUninstall(kFamily, [] { return false; }));
-  packages.Notify(FakeUninstall(kFamily, [] { return false; }));
+  console.Notify(FakeUninstall(kFamily, [] { return false; }));
+  console.Notify(FakeUninstall(kFamily, [] { return false; }));
   EXPECT_THAT(services.Sent(), SizeIs(1));
   EXPECT_THAT(completed, ElementsAre(L""));
   EXPECT_THAT(log.Lines(), ElementsAre(kInvoked));
 }
 
-TEST_F(PackageEventTest, WaitsForTheEndOfAnUninstallAndLooksWhatIsLeft) {
+TEST_F(PackageEventTest, WaitsForTheEndOfAnUninstallAndRunsUnlessAPackageRemains) {
   static constexpr struct {
     const char* name;
     int incompletePolls;
-    bool remains;
+    std::size_t remaining;
     milliseconds takes;
     int polls;
   } kCases[] = {
-      {"complete at once", 0, false, 0ms, 1},
-      {"complete at the second look", 1, false, 2000ms, 2},
-      {"complete at the last look", 14, false, 28000ms, 15},
-      {"complete too late", 15, false, 30000ms, 15},
-      {"never complete", 1000, false, 30000ms, 15},
-      {"somebody else has it still", 0, true, 0ms, 1},
-      {"never complete and still there", 1000, true, 30000ms, 15},
+      {"complete at once", 0, 0, 0ms, 1},
+      {"complete at the second look", 1, 0, 2000ms, 2},
+      {"complete at the last look", 14, 0, 28000ms, 15},
+      {"never complete", 1000, 0, 30000ms, 15},
+      {"somebody else has it still", 0, 1, 0ms, 1},
   };
   for (const auto& c : kCases) {
     SCOPED_TRACE(c.name);
-    packages.Install(kFamily, 2);
+    console.SetPackages(kFamily, 2);
     completed.clear();
     Register(Notifying(L"7"));
     log.Clear();
     const std::size_t sent = services.Sent().size();
     const std::uint64_t start = clock.TickCount();
     int polls = 0;
-    const FakeUninstall uninstall(kFamily, [&] { return polls++ >= c.incompletePolls; });
-    if (!c.remains) packages.Uninstall(kFamily);
+    console.SetPackages(kFamily, c.remaining);
 
-    packages.Notify(uninstall);
+    console.Notify(FakeUninstall(kFamily, [&] { return polls++ >= c.incompletePolls; }));
     EXPECT_EQ(milliseconds(clock.TickCount() - start), c.takes);
     EXPECT_EQ(polls, c.polls);
-    EXPECT_EQ(services.Sent().size() - sent, c.remains ? 0U : 1U);
-    EXPECT_EQ(completed.size(), c.remains ? 0U : 1U);
     std::vector<std::wstring> lines{kInvoked};
     if (c.takes == 30000ms) lines.emplace_back(kTookTooLong);
     EXPECT_EQ(log.Lines(), lines);
+    EXPECT_EQ(services.Sent().size() - sent, c.remaining == 0 ? 1U : 0U);
+
+    // What did not run stays armed, and what ran does not run again.
+    console.SetPackages(kFamily, 0);
+    console.Notify(FakeUninstall(kFamily));
+    EXPECT_EQ(services.Sent().size() - sent, 1U);
+    EXPECT_THAT(completed, ElementsAre(L""));
     Manager::clear_events();
   }
 }
 
-TEST_F(PackageEventTest, StaysArmedWhileAPackageRemains) {
-  packages.Install(kFamily);
-  Register(Notifying(L"7"));
-  packages.Notify(FakeUninstall(kFamily));
-  packages.Uninstall(kFamily);
-  packages.Notify(FakeUninstall(kFamily));
-  packages.Notify(FakeUninstall(kFamily));
-  EXPECT_THAT(services.Sent(), SizeIs(1));
-}
-
 TEST_F(PackageEventTest, StaysArmedWhenItsCommandFails) {
-  packages.Install(kFamily);
   Register(Notifying(L"5"));
   services.onSend = [] { throw std::runtime_error("boom"); };
-  packages.Notify(FakeUninstall(kFamily));
+  console.Notify(FakeUninstall(kFamily));
   EXPECT_EQ(log.Lines().back(), L"error|PackageUninstallingEvent failed. boom");
   EXPECT_THAT(completed, IsEmpty());
 
   services.onSend = [] {};
-  packages.Notify(FakeUninstall(kFamily));
+  console.Notify(FakeUninstall(kFamily));
   EXPECT_THAT(completed, SizeIs(1));
 }
 
 TEST_F(PackageEventTest, LogsAQueryAndAHandlerThatAreRefused) {
-  packages.Install(kFamily);
   Register(Notifying(L"7"));
-  packages.queryError = 5;
-  packages.Notify(FakeUninstall(kFamily));
+  console.queryError = 5;
+  console.Notify(FakeUninstall(kFamily));
   EXPECT_EQ(log.Lines().back(), L"error|PackageUninstallingEvent failed. Message: , Code: 5");
 
-  packages.queryError = 0;
-  packages.addError = 6;
+  console.queryError = 0;
+  console.addError = 6;
   Register(Notifying(L"5"));
   EXPECT_EQ(log.Lines().back(), L"error|PackageUninstallingEvent failed. Message: , Code: 6");
 }
 
 TEST_F(PackageEventTest, EndsItsWatchersWithoutWaitingOutAStep) {
-  packages.Install(kFamily);
   for (int i = 0; i < 20; ++i) Register(Notifying(L"5"));
-  EXPECT_EQ(packages.Handlers(), 20U);
+  EXPECT_EQ(console.Handlers(), 20U);
   Manager::clear_events();
-  EXPECT_EQ(packages.Handlers(), 0U);
+  EXPECT_EQ(console.Handlers(), 0U);
   EXPECT_EQ(clock.Workers(), 0U);
   EXPECT_EQ(clock.Elapsed(), 0ms);
-  packages.Notify(FakeUninstall(kFamily));
+  console.Notify(FakeUninstall(kFamily));
   EXPECT_THAT(services.Sent(), IsEmpty());
 }
 
 TEST_F(PackageEventTest, ANotificationMayOutliveItsEvent) {
-  packages.Install(kFamily);
   Register(Notifying(L"7"));
-  packages.Uninstall(kFamily);
+  console.SetPackages(kFamily, 0);
   int polls = 0;
   const FakeUninstall uninstall(kFamily, [&] {
     if (++polls == 3) Manager::clear_events();
     return false;
   });
-  packages.Notify(uninstall);
+  console.Notify(uninstall);
   EXPECT_EQ(polls, 3);
   EXPECT_THAT(services.Sent(), IsEmpty());
   EXPECT_THAT(log.Lines(), ElementsAre(kInvoked));
 }
 
 TEST_F(PackageEventTest, LeavesNoHandleOpen) {
-  packages.Install(kFamily);
-  Register(Notifying(L"5"));
-  Manager::clear_events();
-  const auto before = Tests::HandleGauge();
-  for (int i = 0; i < 50; ++i) {
+  const auto round = [this] {
     Register(Notifying(L"5"));
-    Registering(Notifying(L"5", L"Gone"));
+    Register(Notifying(L"5", L"Gone"));
     Manager::clear_events();
-  }
+  };
+  round();
+  const auto before = Tests::HandleGauge();
+  for (int i = 0; i < 50; ++i) round();
   // Values are four apart, and the clock keeps some handles of its own.
   EXPECT_LE(Tests::HandleGauge(), before + 100);
 }
@@ -317,24 +287,31 @@ class StoredPackageEventTest : public PackageEventTest {
   Tests::PrivateStore store;
 };
 
-TEST_F(StoredPackageEventTest, TakesARequestOffTheListWhenItsCommandHasRun) {
-  packages.Install(kFamily);
+TEST_F(StoredPackageEventTest, WatchesARequestAcrossLogOffsUntilItsCommandHasRun) {
+  RegisterAppPackageEvent(Notifying(L"5"));
+  EXPECT_EQ(Stored(), L"[" + Notifying(L"5") + L"]");
+  Manager::clear_events();
+  RegisterExistingPackageCatalogManagerRequests();
+  clock.Settle();
+  console.Notify(FakeUninstall(kFamily));
+  EXPECT_THAT(services.Sent(), SizeIs(1));
+  EXPECT_EQ(Stored(), L"[]");
+
   RegisterAppPackageEvent(Notifying(L"5"));
   clock.Settle();
-  EXPECT_EQ(Stored(), L"[" + Notifying(L"5") + L"]");
-  packages.Notify(FakeUninstall(kFamily));
+  console.Notify(FakeUninstall(kFamily));
   EXPECT_EQ(Stored(), L"[]");
 }
 
 TEST_F(StoredPackageEventTest, KeepsARequestWhoseRegistrationFailed) {
-  EXPECT_THROW(RegisterAppPackageEvent(Launching(L"5")), winrt::hresult_error);
-  EXPECT_EQ(Stored(), L"[" + Launching(L"5") + L"]");
-  RemoveAppPackageEvent(Launching(L"5"));
+  const std::wstring gone = Launching(L"5", L"Gone");
+  EXPECT_THROW(RegisterAppPackageEvent(gone), winrt::hresult_error);
+  EXPECT_EQ(Stored(), L"[" + gone + L"]");
+  RemoveAppPackageEvent(gone);
   EXPECT_EQ(Stored(), L"[]");
 }
 
 TEST_F(StoredPackageEventTest, ReplaysWhatIsStoredAndRunsLaunchesThatAreLate) {
-  packages.Install(kFamily);
   RequestManager list(kServiceDocument, kPackageSubscriptions);
   const std::wstring live = Notifying(L"5");
   const std::wstring unknown = Notifying(L"6");
@@ -350,20 +327,9 @@ TEST_F(StoredPackageEventTest, ReplaysWhatIsStoredAndRunsLaunchesThatAreLate) {
   EXPECT_THAT(services.Sent(), IsEmpty());
   EXPECT_EQ(Stored(), L"[" + unknown + L"," + live + L"]");
 
-  packages.Notify(FakeUninstall(kFamily));
+  console.Notify(FakeUninstall(kFamily));
   EXPECT_THAT(services.Sent(), SizeIs(1));
   EXPECT_EQ(Stored(), L"[" + unknown + L"]");
-}
-
-TEST_F(StoredPackageEventTest, WatchesAgainAfterALogOff) {
-  packages.Install(kFamily);
-  RegisterAppPackageEvent(Notifying(L"5"));
-  Manager::clear_events();
-  RegisterExistingPackageCatalogManagerRequests();
-  clock.Settle();
-  packages.Notify(FakeUninstall(kFamily));
-  EXPECT_THAT(services.Sent(), SizeIs(1));
-  EXPECT_EQ(Stored(), L"[]");
 }
 
 TEST_F(StoredPackageEventTest, SkipsALateRequestThatCannotBeRead) {
@@ -376,30 +342,23 @@ TEST_F(StoredPackageEventTest, SkipsALateRequestThatCannotBeRead) {
 
 // Registration, notification, log-off and destruction at the same time, on real threads.
 TEST(PackageEventStress, SurvivesEverythingAtOnce) {
-  constexpr milliseconds kLength{1500};
-  constexpr milliseconds kPatience{30000};
   constexpr int kEnough = 5;
   FakePackageCatalog packages;
   FakeAppServices services;
-  packages.Install(kFamily);
-  packages.Install(L"Other");
+  packages.SetPackages(kFamily, 1);
+  packages.SetPackages(L"Other", 1);
   const MachineScope scope([&](Machine& machine) {
     machine.packages = &packages;
     machine.appServices = &services;
   });
   std::atomic<bool> stop{false};
-  std::atomic<int> done{0};
-  std::atomic<int> rounds{0};
+  std::atomic<std::size_t> done{0};
   std::atomic<int> completions{0};
+  const auto count = [&](const std::wstring&) { ++completions; };
 
   const std::vector<std::function<void()>> jobs{
-      [&] {
-        Manager::register_event(Notifying(L"5"), [&](const std::wstring&) { ++completions; });
-      },
-      [&] {
-        Manager::register_event(Notifying(L"7", L"Other"),
-                                [&](const std::wstring&) { ++completions; });
-      },
+      [&] { Manager::register_event(Notifying(L"5"), count); },
+      [&] { Manager::register_event(Notifying(L"7", L"Other"), count); },
       [&] { packages.Notify(FakeUninstall(kFamily)); },
       // Never complete: only log-off ends this one's pauses early enough.
       [&] { packages.Notify(FakeUninstall(L"Other", [] { return false; })); },
@@ -417,26 +376,21 @@ TEST(PackageEventStress, SurvivesEverythingAtOnce) {
   threads.reserve(jobs.size());
   for (const auto& job : jobs) {
     threads.emplace_back([&, job] {
-      while (!stop) {
-        job();
-        ++rounds;
-        Sleep(1);
-      }
+      for (; !stop; Sleep(1)) job();
       ++done;
     });
   }
   const ULONGLONG begin = GetTickCount64();
-  const ULONGLONG deadline = begin + static_cast<ULONGLONG>(kPatience.count());
-  const auto lasted = [&] { return milliseconds(GetTickCount64() - begin); };
+  const auto lasted = [begin] { return milliseconds(GetTickCount64() - begin); };
   // A loaded machine gets the time to let some events fire.
-  while (lasted() < kLength || (completions < kEnough && lasted() < kPatience / 2)) Sleep(10);
+  while (lasted() < 1500ms || (completions < kEnough && lasted() < 15s)) Sleep(10);
   stop = true;
-  while (done < static_cast<int>(jobs.size()) && GetTickCount64() < deadline) {
+  while (done < jobs.size() && lasted() < 30s) {
     // A registration that was last leaves pauses to be ended.
     Manager::clear_events();
     Sleep(10);
   }
-  if (done < static_cast<int>(jobs.size())) {
+  if (done < jobs.size()) {
     // Joining would hang, and threads may not outlive what they use.
     static_cast<void>(std::fputs("PackageEventStress: the threads are stuck\n", stderr));
     std::abort();
@@ -444,7 +398,6 @@ TEST(PackageEventStress, SurvivesEverythingAtOnce) {
   for (auto& thread : threads) thread.join();
   Manager::clear_events();
   EXPECT_EQ(packages.Handlers(), 0U);
-  EXPECT_GT(rounds, 100);
   EXPECT_GE(completions, kEnough);
 }
 

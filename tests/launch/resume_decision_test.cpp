@@ -1,85 +1,27 @@
 #include "launch/resume_decision.h"
 
-#include <map>
 #include <set>
 #include <string>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "launch/resume_world.h"
+
 namespace Vx::Tessel::Server::Services::Orvane::Qubo {
 namespace {
 
-using State = RegistrationHelper::RegistrationState;
+using World = Tests::ResumeWorld;
+using State = World::State;
 using ::testing::ElementsAre;
 
-// All that a decision can be told.
-struct World {
-  bool firstPreloaded;
-  bool firstInstalled;
-  bool secondPreloaded;
-  bool secondInstalled;
-  bool wasInSMode;
-  bool isInSMode;
-  bool softwareUsed;
-  bool registrationUsed;
-  State registration;
-};
-
-class Software final : public Base::SoftwareCheckBehavior {
- public:
-  Software(bool isPreloaded, bool isInstalled) : preloaded(isPreloaded), installed(isInstalled) {}
-  bool IsWin32Installed() const override { return installed; }
-  bool IsUwpInstalled() const override { return installed; }
-  bool IsInstalled() const override { return installed; }
-  bool IsPreloaded() const override { return preloaded; }
-
- private:
-  bool preloaded;
-  bool installed;
-};
-
-class Registration final : public Base::RegistrationCheckBehavior {
- public:
-  explicit Registration(State answer) : state(answer) {}
-  State GetState() const override { return state; }
-
- private:
-  State state;
-};
-
-class Mode final : public Base::ModeCheckBehavior {
- public:
-  Mode(bool before, bool now) : wasInSMode(before), isInSMode(now) {}
-  bool HasBeenInSMode() override { return wasInSMode; }
-  bool IsInSMode() const override { return isInSMode; }
-
- private:
-  bool wasInSMode;
-  bool isInSMode;
-};
-
-class Mark final : public Base::ApplicationLaunchCriteriaDataAccess {
- public:
-  explicit Mark(bool isUsed) : used(isUsed) {}
-  bool SaveSkipState(bool) const override {
-    ADD_FAILURE() << "a decision wrote a mark";
-    return false;
-  }
-  bool ShouldBeSkipped() const override { return used; }
-
- private:
-  bool used;
-};
-
 ResumeDecision Decide(const World& world) {
-  const Software first(world.firstPreloaded, world.firstInstalled);
-  const Software second(world.secondPreloaded, world.secondInstalled);
-  const Registration registration(world.registration);
-  Mode mode(world.wasInSMode, world.isInSMode);
-  const Mark softwareUsed(world.softwareUsed);
-  const Mark registrationUsed(world.registrationUsed);
-  return DecideResume({first, second, registration, mode, softwareUsed, registrationUsed});
+  const Tests::WorldSoftware first(world.firstPreloaded, world.firstInstalled);
+  const Tests::WorldSoftware second(world.secondPreloaded, world.secondInstalled);
+  Tests::WorldBehavior behavior(world);
+  const Tests::WorldMark softwareUsed(world, "qubo_autolaunch_software_happened");
+  const Tests::WorldMark registrationUsed(world, "qubo_autolaunch_registration_happened");
+  return DecideResume({first, second, behavior, behavior, softwareUsed, registrationUsed});
 }
 
 // The rule as one would say it, without an order of asking: missing software counts on a machine
@@ -116,34 +58,24 @@ std::set<ResumeQuestion> ExpectedQuestions(const World& world) {
   return asked;
 }
 
-template <typename Check>
-void ForEveryWorld(Check check) {
+TEST(ResumeDecisionTest, IsTheRuleInEveryWorldAndAsksNoMoreThanItNeeds) {
   for (unsigned bits = 0; bits < 256; ++bits) {
     for (const State state :
          {State::Yes, State::No, State::SkippedOobe, State::Pending, State::Unknown}) {
       const auto bit = [bits](unsigned n) { return (bits >> n & 1U) != 0; };
-      check(World{bit(0), bit(1), bit(2), bit(3), bit(4), bit(5), bit(6), bit(7), state});
-      if (::testing::Test::HasFatalFailure()) FAIL() << "bits " << bits;
+      const World world{bit(0), bit(1), bit(2), bit(3), bit(4), bit(5), bit(6), bit(7), state};
+      const ResumeDecision decision = Decide(world);
+      ASSERT_EQ(decision.startingPoint, Expected(world)) << "bits " << bits;
+      std::set<ResumeQuestion> asked;
+      for (const ResumeAnswer& answer : decision.answers) asked.insert(answer.question);
+      ASSERT_EQ(asked, ExpectedQuestions(world)) << "bits " << bits;
+      ASSERT_TRUE(world.done.empty()) << "a decision did something";
     }
   }
 }
 
-TEST(ResumeDecisionTest, IsTheRuleInEveryWorld) {
-  ForEveryWorld(
-      [](const World& world) { ASSERT_EQ(Decide(world).startingPoint, Expected(world)); });
-}
-
-TEST(ResumeDecisionTest, AsksNoMoreThanItNeeds) {
-  ForEveryWorld([](const World& world) {
-    std::set<ResumeQuestion> asked;
-    for (const ResumeAnswer& answer : Decide(world).answers) asked.insert(answer.question);
-    ASSERT_EQ(asked, ExpectedQuestions(world));
-  });
-}
-
 TEST(ResumeDecisionTest, NamesTheRuleThatSettledIt) {
-  const World skipped{false, false, false, false, true, false, false, false, State::SkippedOobe};
-  World world = skipped;
+  World world{.wasInSMode = true, .registration = State::SkippedOobe};
   EXPECT_EQ(Decide(world).rule, ResumeRule::Registration);
   world.registrationUsed = true;
   EXPECT_EQ(Decide(world).rule, ResumeRule::RegistrationUsed);
@@ -157,7 +89,11 @@ TEST(ResumeDecisionTest, NamesTheRuleThatSettledIt) {
 }
 
 TEST(ResumeDecisionTest, ExplainsEachAnswerAndTheRule) {
-  const World world{true, true, true, false, false, true, false, false, State::SkippedOobe};
+  const World world{.firstPreloaded = true,
+                    .firstInstalled = true,
+                    .secondPreloaded = true,
+                    .isInSMode = true,
+                    .registration = State::SkippedOobe};
   EXPECT_THAT(
       Explain(Decide(world)),
       ElementsAre(

@@ -14,7 +14,7 @@
 
 #include <gmock/gmock.h>
 
-#include "events/fake_app_services.h"
+#include "support/fake_app_services.h"
 #include "events/fake_package_catalog.h"
 #include "platform/machine.h"
 #include "platform/processes.h"
@@ -92,7 +92,7 @@ class FaultWalkTest : public testing::Test {
     console.installed[kFamily] = kFullName;
     console.staged = console.registered = {kFullName};
     apps.status = 0;
-    catalog.Install(L"App_abc");
+    catalog.SetPackages(L"App_abc", 1);
   }
   ~FaultWalkTest() override {
     host.End();
@@ -314,12 +314,12 @@ TEST_F(FaultWalkTest, PackageEvent) {
   Walk({.act =
             [&] {
               sent = Sent();
-              catalog.Install(L"App_abc");
+              catalog.SetPackages(L"App_abc", 1);
               host.service->OnSessionChange(5);  // watches for what an earlier try has stored
               Expect({0, 0x20000002, 0x20000004, 0x20000005, 0x20000008, 0x20000009, 0x80070005}, 7,
                      kWatch);
               clock.Settle();
-              catalog.Uninstall(L"App_abc");
+              catalog.SetPackages(L"App_abc", 0);
               catalog.Notify(FakeUninstall(L"App_abc"));
               clock.Advance(60s);
               host.service->OnSessionChange(6);

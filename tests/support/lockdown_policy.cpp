@@ -1,5 +1,5 @@
 // A lockdown policy library for tests: answers the mode in the variable VX_LOCKDOWN_MODE of its
-// process. Without one it fails and leaves the mode alone.
+// process, and fails nevertheless where '!' follows. Without one it fails and leaves the mode alone.
 #include <cwchar>
 
 #include <windows.h>
@@ -8,6 +8,7 @@ extern "C" HRESULT WINAPI WldpQueryWindowsLockdownMode(int* mode) {
   wchar_t text[16];
   const DWORD length = GetEnvironmentVariableW(L"VX_LOCKDOWN_MODE", text, 16);
   if (length == 0 || length >= 16) return E_NOTIMPL;
-  *mode = static_cast<int>(std::wcstol(text, nullptr, 10));
-  return S_OK;
+  wchar_t* end = nullptr;
+  *mode = static_cast<int>(std::wcstol(text, &end, 10));
+  return *end == L'!' ? E_NOTIMPL : S_OK;
 }

@@ -1,6 +1,8 @@
 #include "support/temp_folder.h"
 
 #include <atomic>
+#include <filesystem>
+#include <fstream>
 #include <system_error>
 
 #include <windows.h>
@@ -72,6 +74,11 @@ EnvironmentOverride::EnvironmentOverride(const wchar_t* variable, const std::wst
 
 EnvironmentOverride::~EnvironmentOverride() {
   SetEnvironmentVariableW(name, hadValue ? previous.c_str() : nullptr);
+}
+
+void PrivateStore::Block() const {
+  std::filesystem::remove_all(folder / L"Vx");
+  std::ofstream(folder.Path() / L"Vx") << "no folder";
 }
 
 }  // namespace Vx::Tests

@@ -49,6 +49,9 @@ class PrivateStore {
     return (folder.Path() / L"Vx\\SharedServices\\shared_store.dat").wstring();
   }
 
+  // Puts a file where the store's folder would be: from now on no store can be opened.
+  void Block() const;
+
  private:
   TempFolder folder;
   EnvironmentOverride variable;
