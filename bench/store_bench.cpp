@@ -199,7 +199,7 @@ void ReportPeak(RatioTable& table, StubbedCommands& commands, CountingThreads& t
     while (threads.Started() < count) Sleep(1);
     peak = Tests::MeasureMemory();
   };
-  FulfillPowerSubscriptions(7);
+  FulfillSubscriptions(kPowerEvents, 7);
   threads.WaitForAll();
   constexpr double kMebibyte = 1 << 20;
   const std::string of = ", one event, " + std::to_string(count) + " subscriptions match";
