@@ -183,6 +183,7 @@ int ShowStore(const Options& /*options*/, Console& console) {
 }
 
 int ShowSubscriptions(const Options& /*options*/, Console& console) {
+  ReadStore();  // the module takes a damaged store for an empty one
   console.Line(Row("EVENT", "ACTION", "DELAY", "TARGET"));
   std::size_t count = 0;
   for (const ListForm& form : kLists) count += ShowList(form, console);

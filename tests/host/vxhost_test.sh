@@ -32,6 +32,8 @@ for sample in first_boot packages born_on_date consent; do
   expect 0 'Everything that was expected happened.' \
     --simulate scenario "$scenarios/$sample.json"
 done
+expect 0 'Everything that was expected happened.' --dll "$module" --private-store \
+  scenario "$scenarios/every_command.json"
 expect 0 '3671.000 ann starts' --simulate scenario "$scenarios/first_boot.json"
 
 scenario code '{"exec": 22, "expect": {"code": "20000002"}}'
