@@ -11,6 +11,8 @@ using FileTimeUnits = std::chrono::duration<std::int64_t, std::ratio<1, 10'000'0
 
 constexpr std::chrono::sys_days kFileTimeEpoch = std::chrono::year{1601} / std::chrono::January / 1;
 
+constexpr auto kUnitsADay = static_cast<std::uint64_t>(FileTimeUnits{std::chrono::days{1}}.count());
+
 constexpr unsigned kFirstYear = 1601;
 constexpr unsigned kLastYear = 30827;
 
@@ -33,12 +35,12 @@ std::optional<std::uint64_t> FileTimeOf(const CalendarTime& time) {
 }
 
 CalendarTime CalendarTimeOf(std::uint64_t fileTime) {
-  const FileTimeUnits sinceEpoch{static_cast<std::int64_t>(fileTime)};
-  const auto wholeDays = std::chrono::floor<std::chrono::days>(sinceEpoch);
+  // Divided before the duration is made: the whole number need not fit a signed one.
+  const std::chrono::days wholeDays{static_cast<std::int64_t>(fileTime / kUnitsADay)};
+  const FileTimeUnits rest{static_cast<std::int64_t>(fileTime % kUnitsADay)};
   const std::chrono::sys_days day = kFileTimeEpoch + wholeDays;
   const std::chrono::year_month_day date{day};
-  const std::chrono::hh_mm_ss ofDay{
-      std::chrono::floor<std::chrono::milliseconds>(sinceEpoch - wholeDays)};
+  const std::chrono::hh_mm_ss ofDay{std::chrono::floor<std::chrono::milliseconds>(rest)};
 
   CalendarTime time;
   time.year = static_cast<std::uint16_t>(static_cast<int>(date.year()));
