@@ -4,7 +4,7 @@
 set -u
 export WINEPREFIX="$1"
 shift
-export LC_ALL=C.UTF-8 WINEARCH=win64 WINEDEBUG=-all
+export LC_ALL=C.UTF-8 WINEARCH=win64 WINEDEBUG=${WINEDEBUG:--all}
 # The first two keep prefix creation from asking for Mono and Gecko. Without the debugger a program
 # that crashes ends with the exception's code at once; with it, some ended with 0, a success.
 export WINEDLLOVERRIDES='mscoree=;mshtml=;winemenubuilder.exe=d;winedbg.exe=d'
