@@ -21,10 +21,10 @@
 #include "platform/system_services.h"
 #include "service/private_lockdown_policy.h"
 #include "service/service_fixture.h"
+#include "simulator/fault_injection.h"
 #include "simulator/simulated_firmware.h"
 #include "simulator/virtual_clock.h"
 #include "storage/cap_data_store.h"
-#include "storage/store_faults.h"
 #include "support/fake_console.h"
 
 namespace Vx::Tests {
@@ -432,13 +432,13 @@ TEST_F(ServiceLivesTest, AStoreThatCannotBeOpenedEndsTheNotificationsWithoutRetr
 TEST_F(ServiceLivesTest, AnAttemptThatThrowsIsOneThatFailed) {
   SetUpLongAgo();
   Storage().persist(kTold, false);
-  FaultyKernel kernel;
-  const Platform::MachineScope faulty(
-      [&](Platform::Machine& machine) { machine.kernelObjects = &kernel; });
-  apps.onSend = [&] { kernel.lockFails = true; };  // the answer cannot be recorded
+  Simulator::FaultInjection faults;
+  const Platform::MachineScope faulty([&](Platform::Machine& machine) { faults.Install(machine); });
+  // The answer cannot be recorded.
+  apps.onSend = [&] { faults.FailNamed("KernelObjects.LockMutex"); };
   host.service->Start();
   clock.Advance(1s);
-  kernel.lockFails = false;
+  faults.Clear();
   apps.onSend = [] {};
   const Lines lines = diary.Take();
   EXPECT_THAT(lines, Contains(testing::HasSubstr(L"OrvaneService.oobe_event_task threw")));

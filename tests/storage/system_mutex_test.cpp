@@ -1,8 +1,5 @@
 #include "storage/system_mutex.h"
 
-#include <atomic>
-#include <functional>
-#include <mutex>
 #include <string>
 #include <thread>
 
@@ -10,7 +7,7 @@
 
 #include <windows.h>
 
-#include "storage/store_faults.h"
+#include "simulator/fault_injection.h"
 
 namespace Vx::Tessel::Server::Storage {
 
@@ -33,19 +30,18 @@ bool IsFree(const std::wstring& name) {
   return free;
 }
 
-TEST(SystemMutex, KeepsOtherThreadsOutBetweenLockAndUnlock) {
+TEST(SystemMutex, KeepsOthersOutUntilItIsUnlockedOrDestroyed) {
   const std::wstring name = Name(L"exclusion");
-  SystemMutex mutex(name);
-  EXPECT_TRUE(IsFree(name));
-  mutex.lock();
-  EXPECT_FALSE(IsFree(name));
-  mutex.unlock();
-  EXPECT_TRUE(IsFree(name));
-}
-
-TEST(SystemMutex, IsReleasedByADestructorThatStillHoldsIt) {
-  const std::wstring name = Name(L"destructor");
-  const SystemMutex other(name);
+  {
+    SystemMutex mutex(name);
+    EXPECT_TRUE(IsFree(name));
+    mutex.lock();
+    EXPECT_FALSE(IsFree(name));
+    mutex.unlock();
+    EXPECT_TRUE(IsFree(name));
+    EXPECT_THROW(mutex.unlock(), system_mutex_exception);
+  }
+  const SystemMutex other(name);  // keeps the name alive, and with it what the next one leaves
   {
     SystemMutex mutex(name);
     mutex.lock();
@@ -65,21 +61,20 @@ TEST(SystemMutex, IsOwnedAfterItsHolderDied) {
 }
 
 TEST(SystemMutex, ThrowsTheDocumentedErrorOfEachOperation) {
-  Tests::FaultyKernel kernel;
-  const Platform::MachineScope scope(
-      [&](Platform::Machine& machine) { machine.kernelObjects = &kernel; });
-  const struct {
-    std::atomic<bool> Tests::FaultyKernel::*fault;
+  Simulator::FaultInjection faults;
+  const Platform::MachineScope scope([&](Platform::Machine& machine) { faults.Install(machine); });
+  static constexpr struct {
+    const char* call;
     const char* message;
     std::uint32_t code;
   } kCases[] = {
-      {&Tests::FaultyKernel::makeFails, "SystemMutex::SystemMutex - failed to create mutex", 0},
-      {&Tests::FaultyKernel::lockFails, "SystemMutex::lock - failed to gain ownership of mutex", 2},
-      {&Tests::FaultyKernel::unlockFails,
+      {"KernelObjects.MakeMutex", "SystemMutex::SystemMutex - failed to create mutex", 0},
+      {"KernelObjects.LockMutex", "SystemMutex::lock - failed to gain ownership of mutex", 2},
+      {"KernelObjects.UnlockMutex",
        "SystemMutex::unlock - something went wrong trying to free the mutex", 3},
   };
   for (const auto& c : kCases) {
-    kernel.*c.fault = true;
+    faults.FailNamed(c.call);
     try {
       SystemMutex mutex(Name(L"faults"));
       mutex.lock();
@@ -89,13 +84,7 @@ TEST(SystemMutex, ThrowsTheDocumentedErrorOfEachOperation) {
       EXPECT_STREQ(error.what(), c.message);
       EXPECT_EQ(error.code(), c.code);
     }
-    kernel.*c.fault = false;
   }
-}
-
-TEST(SystemMutex, CannotBeUnlockedByAThreadThatDoesNotHoldIt) {
-  SystemMutex mutex(Name(L"owner"));
-  EXPECT_THROW(mutex.unlock(), system_mutex_exception);
 }
 
 }  // namespace
