@@ -12,8 +12,8 @@
 namespace Vx::Platform {
 
 // What the module does with cryptography, and nothing else: data kept for this machine, and the
-// digest of a file. It lives here because the store and the trust check, which may not include each
-// other, both need it; the host gets it through the export CreateCryptographyHelper.
+// digest of a file. The store seals and opens its file with it, and the host gets it through the
+// export CreateCryptographyHelper; it lives below both, which may not include each other.
 //
 // Keeps no state; any thread; does not wait. Errors are Win32 codes.
 class CryptographyHelper {

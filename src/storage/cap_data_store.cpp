@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "host/logging.h"
+#include "platform/cryptography_helper.h"
 #include "platform/data_protection.h"
 #include "platform/environment.h"
 #include "platform/files.h"
@@ -130,7 +131,7 @@ bool CapDataStore::decode(const std::vector<std::byte>& content) {
   if (content.size() == headerSize) return true;
 
   Platform::Result<std::vector<std::byte>> plain =
-      Platform::CurrentMachine().dataProtection->Unprotect(std::span(content).subspan(headerSize));
+      Platform::CryptographyHelper().Unprotect(std::span(content).subspan(headerSize));
   if (!plain) return false;
   std::optional<BsonDocument> decoded = BsonDocument::Decode(*std::move(plain));
   if (!decoded) return false;
@@ -141,12 +142,11 @@ bool CapDataStore::decode(const std::vector<std::byte>& content) {
 
 bool CapDataStore::writeFile() {
   if (isNTFSJunction(filePath)) return false;
-  const Platform::DataProtection& protection = *Platform::CurrentMachine().dataProtection;
   const Platform::Result<std::vector<std::byte>> blob =
-      protection.Protect(document.Encoded(), filePath);
+      Platform::CryptographyHelper().Protect(document.Encoded(), filePath);
   if (!blob) return false;
   if (storeId.empty()) {
-    Platform::Result<std::wstring> id = protection.NewUuid();
+    Platform::Result<std::wstring> id = Platform::CurrentMachine().dataProtection->NewUuid();
     if (!id) return false;
     storeId = *std::move(id);
     storeId.resize(kIdUnits);
