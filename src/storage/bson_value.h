@@ -1,0 +1,108 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+namespace Vx::Tessel::Server::Storage {
+
+// The element kinds of BSON 1.1, by their type byte. Those that this store does not use itself are
+// carried byte for byte.
+enum class BsonKind : std::uint8_t {
+  Double = 0x01,
+  String = 0x02,
+  Document = 0x03,
+  Array = 0x04,
+  Binary = 0x05,
+  Undefined = 0x06,
+  ObjectId = 0x07,
+  Boolean = 0x08,
+  DateTime = 0x09,
+  Null = 0x0A,
+  RegularExpression = 0x0B,
+  Pointer = 0x0C,
+  Code = 0x0D,
+  Symbol = 0x0E,
+  CodeWithScope = 0x0F,
+  Int32 = 0x10,
+  Timestamp = 0x11,
+  Int64 = 0x12,
+  Decimal128 = 0x13,
+  MaxKey = 0x7F,
+  MinKey = 0xFF,
+};
+
+class BsonDocument;
+
+// A value inside a document or an element; borrows their bytes and lives no longer than they stay
+// unchanged. The getters answer nothing when the value is of another kind.
+class BsonView {
+ public:
+  BsonView(BsonKind valueKind, std::span<const std::byte> valueBytes)
+      : kind(valueKind), bytes(valueBytes) {}
+
+  BsonKind Kind() const { return kind; }
+
+  // The value as it stands in the encoding.
+  std::span<const std::byte> Bytes() const { return bytes; }
+
+  std::optional<double> AsDouble() const;
+  std::optional<std::string_view> AsText() const;  // UTF-8, valid; may hold U+0000
+  std::optional<std::wstring> AsWideText() const;  // the same as UTF-16
+  std::optional<bool> AsBoolean() const;
+  std::optional<std::int32_t> AsInt32() const;
+  std::optional<std::int64_t> AsInt64() const;
+  std::optional<std::span<const std::byte>> AsBinary() const;
+  std::optional<BsonDocument> AsDocument() const;  // a copy
+
+  bool operator==(const BsonView& other) const;
+
+ private:
+  BsonKind kind;
+  std::span<const std::byte> bytes;
+};
+
+// A value of its own, without a key. Copies are deep; a new one is null. The getters answer nothing
+// when the value is of another kind.
+class BsonElement {
+ public:
+  BsonElement() = default;
+  explicit BsonElement(const BsonView& view);
+  explicit BsonElement(const BsonDocument& document);
+
+  static BsonElement Double(double value);
+  static BsonElement Text(std::string_view utf8);    // bytes that are not UTF-8 become U+FFFD
+  static BsonElement Text(std::wstring_view utf16);  // unpaired surrogates become U+FFFD
+  static BsonElement Boolean(bool value);
+  static BsonElement Int32(std::int32_t value);
+  static BsonElement Int64(std::int64_t value);
+  static BsonElement Binary(std::span<const std::byte> value);  // of the generic subtype
+
+  BsonView View() const { return {kind, bytes}; }
+
+  BsonKind Kind() const { return kind; }
+  std::optional<double> AsDouble() const { return View().AsDouble(); }
+  std::optional<std::string_view> AsText() const { return View().AsText(); }
+  std::optional<std::wstring> AsWideText() const { return View().AsWideText(); }
+  std::optional<bool> AsBoolean() const { return View().AsBoolean(); }
+  std::optional<std::int32_t> AsInt32() const { return View().AsInt32(); }
+  std::optional<std::int64_t> AsInt64() const { return View().AsInt64(); }
+  std::optional<std::span<const std::byte>> AsBinary() const { return View().AsBinary(); }
+  std::optional<BsonDocument> AsDocument() const;
+
+  bool operator==(const BsonElement& other) const { return View() == other.View(); }
+
+ private:
+  BsonElement(BsonKind elementKind, std::vector<std::byte> value)
+      : kind(elementKind), bytes(std::move(value)) {}
+
+  BsonKind kind = BsonKind::Null;
+  std::vector<std::byte> bytes;
+};
+
+}  // namespace Vx::Tessel::Server::Storage
