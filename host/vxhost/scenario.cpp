@@ -95,10 +95,18 @@ class Player {
       : definitions(names), stage(where) {}
 
   bool Play(const WideValue& steps) {
+    int number = 0;
     for (const WideValue& step : steps.GetArray()) {
-      if (!step.IsObject()) throw std::runtime_error("a step is not an object");
+      ++number;
       stage.log.Clear();
-      Step(step);
+      try {
+        Step(step);
+      } catch (const Json::Misuse&) {
+        throw std::runtime_error("step " + std::to_string(number) +
+                                 ": a value is of the wrong type");
+      } catch (const std::runtime_error& error) {
+        throw std::runtime_error("step " + std::to_string(number) + ": " + error.what());
+      }
     }
     return succeeded;
   }
@@ -333,18 +341,15 @@ bool LogRecorder::WaitFor(const std::wstring& text, int seconds) const {
 bool PlayScenario(const std::wstring& path, const std::map<std::wstring, std::wstring>& definitions,
                   Stage& stage) {
   Json::WideDocument document;
-  if (!Json::ParseJson(document, ReadTextFile(path))) {
-    throw std::runtime_error(Utf8(path) + " is not valid JSON");
+  const std::wstring text = ReadTextFile(path);
+  if (!Json::ParseJson(document, text)) {
+    throw std::runtime_error(Utf8(path) + " is not valid JSON: " + JsonFault(text));
   }
   const auto* steps = document.IsObject() ? Find(document, L"steps") : nullptr;
   if (steps == nullptr || !steps->IsArray()) {
     throw std::runtime_error(Utf8(path) + " has no \"steps\"");
   }
-  try {
-    return Player(definitions, stage).Play(*steps);
-  } catch (const Json::Misuse&) {
-    throw std::runtime_error(Utf8(path) + ": a value is of the wrong type");
-  }
+  return Player(definitions, stage).Play(*steps);
 }
 
 }  // namespace Vx::Host

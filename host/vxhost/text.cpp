@@ -1,10 +1,15 @@
 #include "host/vxhost/text.h"
 
+#include <algorithm>
 #include <fstream>
 #include <iterator>
 #include <stdexcept>
 
 #include <windows.h>
+
+#include "json/json_text.h"
+
+#include <rapidjson/error/en.h>
 
 namespace Vx::Host {
 
@@ -34,6 +39,17 @@ std::wstring ReadTextFile(const std::wstring& path) {
   std::string bytes((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
   if (bytes.rfind("\xEF\xBB\xBF", 0) == 0) bytes.erase(0, 3);
   return Wide(bytes);
+}
+
+std::string JsonFault(const std::wstring& text) {
+  Json::WideDocument document;
+  document.Parse<rapidjson::kParseIterativeFlag>(text.c_str());
+  if (!document.HasParseError()) return "more than the module takes, see docs/protocol.md";
+  const std::wstring before = text.substr(0, document.GetErrorOffset());
+  const auto line = std::count(before.begin(), before.end(), L'\n') + 1;
+  const std::size_t column = before.size() - (before.rfind(L'\n') + 1) + 1;  // npos + 1 is 0
+  return "line " + std::to_string(line) + ", column " + std::to_string(column) + ": " +
+         rapidjson::GetParseError_En(document.GetParseError());
 }
 
 }  // namespace Vx::Host

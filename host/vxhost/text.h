@@ -12,4 +12,7 @@ std::wstring Wide(std::string_view text);
 // The content of a text file as UTF-16, its byte-order mark taken away. Throws std::runtime_error.
 std::wstring ReadTextFile(const std::wstring& path);
 
+// Where and why a text, which the module's parser refused, is no JSON.
+std::string JsonFault(const std::wstring& text);
+
 }  // namespace Vx::Host

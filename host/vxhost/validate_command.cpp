@@ -10,6 +10,7 @@
 #include "host/vxhost/commands.h"
 #include "host/vxhost/text.h"
 #include "json/json_object.h"
+#include "json/json_text.h"
 #include "platform/hresult_error.h"
 #include "security/file_trust.h"
 
@@ -120,7 +121,15 @@ void Check(const Json::JsonObject& request, Report& report) {
 int Validate(const Options& options, Console& console) {
   Report report(console);
   try {
-    Check(Json::JsonObject::Parse(TextOrFile(options.request)), report);
+    const std::wstring request = TextOrFile(options.request);
+    Json::WideDocument document;
+    if (!Json::ParseJson(document, request)) {
+      report.Bad("not valid JSON: " + JsonFault(request));
+    } else if (!document.IsObject()) {
+      report.Bad("not a JSON object");
+    } else {
+      Check(Json::JsonObject::Parse(request), report);
+    }
   } catch (const winrt::hresult_error& error) {
     report.Bad(Utf8(error.message()));
   }

@@ -1,5 +1,6 @@
 // The subcommand that shows the log lines of a module in another process.
 #include <array>
+#include <cstdio>
 #include <cwchar>
 #include <iterator>
 #include <memory>
@@ -81,6 +82,8 @@ std::wstring Now(bool whole) {
 
 int Watch(const Options& options, Console& console) {
   Monitor monitor(options.global);
+  std::fprintf(stderr, "Listening for log lines%s\n",
+               options.seconds == 0 ? "; Ctrl+C ends it" : "");
   const ULONGLONG end = GetTickCount64() + static_cast<ULONGLONG>(options.seconds) * 1000;
   std::wstring text;
   while (options.seconds == 0 || GetTickCount64() < end) {
