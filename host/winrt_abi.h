@@ -7,15 +7,20 @@
 #include <winstring.h>
 
 // The Windows Runtime interfaces that this system talks to, as Windows lays them out: slots 0 to 5
-// are IUnknown's and IInspectable's, the members below follow in the order of their slots. Members
-// that nobody calls are declared because they hold their place; where a type of theirs is not
-// needed it is spelled as IInspectable*. Every HSTRING or interface that a method puts out is owned
-// by the caller. Declared by hand, for the compiler's own headers lack most of them and have
-// several of the generic ones wrong (a four-byte boolean, a wrong identifier).
+// are IUnknown's and IInspectable's, the members below follow in the order of their slots, up to
+// the last one that somebody calls. Every HSTRING or interface that a method puts out is owned by
+// the caller. Declared by hand, for the compiler's own headers lack most of them and have several
+// of the generic ones wrong (a four-byte boolean, a wrong identifier).
 
 // A destructor that these warnings ask for would take a slot of its own.
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wnon-virtual-dtor"
+
+// A member that nobody calls, and so without its parameters: it holds its place.
+#define VX_PLACE(name)                       \
+  virtual HRESULT STDMETHODCALLTYPE name() { \
+    return E_NOTIMPL;                        \
+  }
 
 namespace Vx::Abi {
 
@@ -41,11 +46,10 @@ struct IAsyncInfo : IInspectable {
   static constexpr GUID kIid{
       0x00000036, 0x0000, 0x0000, {0xc0, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x46}};
 
-  virtual HRESULT STDMETHODCALLTYPE get_Id(std::uint32_t* id) = 0;
+  VX_PLACE(get_Id)
   virtual HRESULT STDMETHODCALLTYPE get_Status(AsyncStatus* status) = 0;
   virtual HRESULT STDMETHODCALLTYPE get_ErrorCode(HRESULT* errorCode) = 0;
   virtual HRESULT STDMETHODCALLTYPE Cancel() = 0;
-  virtual HRESULT STDMETHODCALLTYPE Close() = 0;
 };
 
 template <typename T>
@@ -67,7 +71,7 @@ struct IAsyncOperation : IInspectable {
   static const GUID kIid;
 
   virtual HRESULT STDMETHODCALLTYPE put_Completed(Handler* handler) = 0;
-  virtual HRESULT STDMETHODCALLTYPE get_Completed(Handler** handler) = 0;
+  VX_PLACE(get_Completed)
   virtual HRESULT STDMETHODCALLTYPE GetResults(T* results) = 0;
 };
 
@@ -78,8 +82,6 @@ struct IIterator : IInspectable {
   virtual HRESULT STDMETHODCALLTYPE get_Current(T* current) = 0;
   virtual HRESULT STDMETHODCALLTYPE get_HasCurrent(Boolean* hasCurrent) = 0;
   virtual HRESULT STDMETHODCALLTYPE MoveNext(Boolean* hasCurrent) = 0;
-  virtual HRESULT STDMETHODCALLTYPE GetMany(std::uint32_t capacity, T* items,
-                                            std::uint32_t* actual) = 0;
 };
 
 template <typename T>
@@ -95,12 +97,10 @@ struct IStringMap : IInspectable {
       0x1b0d3570, 0x0877, 0x5ec2, {0x8a, 0x2c, 0x3b, 0x95, 0x39, 0x50, 0x6a, 0xca}};
 
   virtual HRESULT STDMETHODCALLTYPE Lookup(HSTRING key, IInspectable** value) = 0;
-  virtual HRESULT STDMETHODCALLTYPE get_Size(std::uint32_t* size) = 0;
+  VX_PLACE(get_Size)
   virtual HRESULT STDMETHODCALLTYPE HasKey(HSTRING key, Boolean* found) = 0;
-  virtual HRESULT STDMETHODCALLTYPE GetView(IInspectable** view) = 0;
+  VX_PLACE(GetView)
   virtual HRESULT STDMETHODCALLTYPE Insert(HSTRING key, IInspectable* value, Boolean* replaced) = 0;
-  virtual HRESULT STDMETHODCALLTYPE Remove(HSTRING key) = 0;
-  virtual HRESULT STDMETHODCALLTYPE Clear() = 0;
 };
 
 // The default interface of a ValueSet; has no methods of its own.
@@ -115,65 +115,55 @@ inline constexpr wchar_t kPropertyValueClass[] = L"Windows.Foundation.PropertyVa
 
 enum class PropertyType : std::int32_t { Empty = 0, String = 12 };
 
-// The array creators of slots 26 to 44 are left out: nothing of ours lies behind them.
 struct IPropertyValueStatics : IInspectable {
   static constexpr GUID kIid{
       0x629bdbc8, 0xd932, 0x4ff4, {0x96, 0xb9, 0x8d, 0x96, 0xc5, 0xc1, 0xe8, 0x58}};
 
-  virtual HRESULT STDMETHODCALLTYPE CreateEmpty(IInspectable** result) = 0;
-  virtual HRESULT STDMETHODCALLTYPE CreateUInt8(std::uint8_t value, IInspectable** result) = 0;
-  virtual HRESULT STDMETHODCALLTYPE CreateInt16(std::int16_t value, IInspectable** result) = 0;
-  virtual HRESULT STDMETHODCALLTYPE CreateUInt16(std::uint16_t value, IInspectable** result) = 0;
-  virtual HRESULT STDMETHODCALLTYPE CreateInt32(std::int32_t value, IInspectable** result) = 0;
-  virtual HRESULT STDMETHODCALLTYPE CreateUInt32(std::uint32_t value, IInspectable** result) = 0;
-  virtual HRESULT STDMETHODCALLTYPE CreateInt64(std::int64_t value, IInspectable** result) = 0;
-  virtual HRESULT STDMETHODCALLTYPE CreateUInt64(std::uint64_t value, IInspectable** result) = 0;
-  virtual HRESULT STDMETHODCALLTYPE CreateSingle(float value, IInspectable** result) = 0;
-  virtual HRESULT STDMETHODCALLTYPE CreateDouble(double value, IInspectable** result) = 0;
-  virtual HRESULT STDMETHODCALLTYPE CreateChar16(wchar_t value, IInspectable** result) = 0;
-  virtual HRESULT STDMETHODCALLTYPE CreateBoolean(Boolean value, IInspectable** result) = 0;
+  VX_PLACE(CreateEmpty)
+  VX_PLACE(CreateUInt8)
+  VX_PLACE(CreateInt16)
+  VX_PLACE(CreateUInt16)
+  VX_PLACE(CreateInt32)
+  VX_PLACE(CreateUInt32)
+  VX_PLACE(CreateInt64)
+  VX_PLACE(CreateUInt64)
+  VX_PLACE(CreateSingle)
+  VX_PLACE(CreateDouble)
+  VX_PLACE(CreateChar16)
+  VX_PLACE(CreateBoolean)
   virtual HRESULT STDMETHODCALLTYPE CreateString(HSTRING value, IInspectable** result) = 0;
 };
 
-// Members after GetString are left out.
 struct IPropertyValue : IInspectable {
   static constexpr GUID kIid{
       0x4bd682dd, 0x7554, 0x40e9, {0x9a, 0x9b, 0x82, 0x65, 0x4e, 0xde, 0x7e, 0x62}};
 
   virtual HRESULT STDMETHODCALLTYPE get_Type(PropertyType* type) = 0;
-  virtual HRESULT STDMETHODCALLTYPE get_IsNumericScalar(Boolean* scalar) = 0;
-  virtual HRESULT STDMETHODCALLTYPE GetUInt8(std::uint8_t* value) = 0;
-  virtual HRESULT STDMETHODCALLTYPE GetInt16(std::int16_t* value) = 0;
-  virtual HRESULT STDMETHODCALLTYPE GetUInt16(std::uint16_t* value) = 0;
-  virtual HRESULT STDMETHODCALLTYPE GetInt32(std::int32_t* value) = 0;
-  virtual HRESULT STDMETHODCALLTYPE GetUInt32(std::uint32_t* value) = 0;
-  virtual HRESULT STDMETHODCALLTYPE GetInt64(std::int64_t* value) = 0;
-  virtual HRESULT STDMETHODCALLTYPE GetUInt64(std::uint64_t* value) = 0;
-  virtual HRESULT STDMETHODCALLTYPE GetSingle(float* value) = 0;
-  virtual HRESULT STDMETHODCALLTYPE GetDouble(double* value) = 0;
-  virtual HRESULT STDMETHODCALLTYPE GetChar16(wchar_t* value) = 0;
-  virtual HRESULT STDMETHODCALLTYPE GetBoolean(Boolean* value) = 0;
+  VX_PLACE(get_IsNumericScalar)
+  VX_PLACE(GetUInt8)
+  VX_PLACE(GetInt16)
+  VX_PLACE(GetUInt16)
+  VX_PLACE(GetInt32)
+  VX_PLACE(GetUInt32)
+  VX_PLACE(GetInt64)
+  VX_PLACE(GetUInt64)
+  VX_PLACE(GetSingle)
+  VX_PLACE(GetDouble)
+  VX_PLACE(GetChar16)
+  VX_PLACE(GetBoolean)
   virtual HRESULT STDMETHODCALLTYPE GetString(HSTRING* value) = 0;
-};
-
-// Lies in the memory in this order, the reverse of Win32's PACKAGE_VERSION.
-struct PackageVersion {
-  std::uint16_t major;
-  std::uint16_t minor;
-  std::uint16_t build;
-  std::uint16_t revision;
 };
 
 struct IPackageId : IInspectable {
   static constexpr GUID kIid{
       0x1adb665e, 0x37c7, 0x4790, {0x99, 0x80, 0xdd, 0x7a, 0xe7, 0x4e, 0x8b, 0xb2}};
 
-  virtual HRESULT STDMETHODCALLTYPE get_Name(HSTRING* name) = 0;
-  virtual HRESULT STDMETHODCALLTYPE get_Version(PackageVersion* version) = 0;
-  virtual HRESULT STDMETHODCALLTYPE get_Architecture(std::int32_t* architecture) = 0;
-  virtual HRESULT STDMETHODCALLTYPE get_ResourceId(HSTRING* resourceId) = 0;
-  virtual HRESULT STDMETHODCALLTYPE get_Publisher(HSTRING* publisher) = 0;
-  virtual HRESULT STDMETHODCALLTYPE get_PublisherId(HSTRING* publisherId) = 0;
+  VX_PLACE(get_Name)
+  VX_PLACE(get_Version)
+  VX_PLACE(get_Architecture)
+  VX_PLACE(get_ResourceId)
+  VX_PLACE(get_Publisher)
+  VX_PLACE(get_PublisherId)
   virtual HRESULT STDMETHODCALLTYPE get_FullName(HSTRING* fullName) = 0;
   virtual HRESULT STDMETHODCALLTYPE get_FamilyName(HSTRING* familyName) = 0;
 };
@@ -183,9 +173,6 @@ struct IPackage : IInspectable {
       0x163c792f, 0xbd75, 0x413c, {0xbf, 0x23, 0xb1, 0xfe, 0x7b, 0x95, 0xd8, 0x25}};
 
   virtual HRESULT STDMETHODCALLTYPE get_Id(IPackageId** id) = 0;
-  virtual HRESULT STDMETHODCALLTYPE get_InstalledLocation(IInspectable** folder) = 0;
-  virtual HRESULT STDMETHODCALLTYPE get_IsFramework(Boolean* framework) = 0;
-  virtual HRESULT STDMETHODCALLTYPE get_Dependencies(IInspectable** dependencies) = 0;
 };
 
 using IPackageIterable = IIterable<IPackage*>;
@@ -200,11 +187,6 @@ inline constexpr GUID IPackageIterator::kIid{
 
 inline constexpr wchar_t kPackageManagerClass[] = L"Windows.Management.Deployment.PackageManager";
 
-struct DeploymentProgress {
-  std::int32_t state;
-  std::uint32_t percentage;
-};
-
 enum class DeploymentOptions : std::uint32_t { None = 0 };
 
 struct IDeploymentResult : IInspectable {
@@ -212,7 +194,7 @@ struct IDeploymentResult : IInspectable {
       0x2563b9ae, 0xb77d, 0x4c1f, {0x8a, 0x7b, 0x20, 0xe6, 0xad, 0x51, 0x5e, 0xf3}};
 
   virtual HRESULT STDMETHODCALLTYPE get_ErrorText(HSTRING* text) = 0;
-  virtual HRESULT STDMETHODCALLTYPE get_ActivityId(GUID* id) = 0;
+  VX_PLACE(get_ActivityId)
   virtual HRESULT STDMETHODCALLTYPE get_ExtendedErrorCode(HRESULT* errorCode) = 0;
 };
 
@@ -233,10 +215,10 @@ struct IDeploymentOperation : IInspectable {
   static constexpr GUID kIid{
       0x5a97aab7, 0xb6ea, 0x55ac, {0xa5, 0xdc, 0xd5, 0xb1, 0x64, 0xd9, 0x4e, 0x94}};
 
-  virtual HRESULT STDMETHODCALLTYPE put_Progress(IUnknown* handler) = 0;
-  virtual HRESULT STDMETHODCALLTYPE get_Progress(IUnknown** handler) = 0;
+  VX_PLACE(put_Progress)
+  VX_PLACE(get_Progress)
   virtual HRESULT STDMETHODCALLTYPE put_Completed(IDeploymentCompletedHandler* handler) = 0;
-  virtual HRESULT STDMETHODCALLTYPE get_Completed(IDeploymentCompletedHandler** handler) = 0;
+  VX_PLACE(get_Completed)
   virtual HRESULT STDMETHODCALLTYPE GetResults(IDeploymentResult** result) = 0;
 };
 
@@ -244,52 +226,31 @@ struct IPackageManager : IInspectable {
   static constexpr GUID kIid{
       0x9a7d4b65, 0x5e8f, 0x4fc7, {0xa2, 0xe5, 0x7f, 0x69, 0x25, 0xcb, 0x8b, 0x53}};
 
-  virtual HRESULT STDMETHODCALLTYPE AddPackageAsync(IInspectable* uri, IInspectable* dependencies,
-                                                    DeploymentOptions options,
-                                                    IDeploymentOperation** operation) = 0;
-  virtual HRESULT STDMETHODCALLTYPE UpdatePackageAsync(IInspectable* uri,
-                                                       IInspectable* dependencies,
-                                                       DeploymentOptions options,
-                                                       IDeploymentOperation** operation) = 0;
-  virtual HRESULT STDMETHODCALLTYPE RemovePackageAsync(HSTRING fullName,
-                                                       IDeploymentOperation** operation) = 0;
-  virtual HRESULT STDMETHODCALLTYPE StagePackageAsync(IInspectable* uri, IInspectable* dependencies,
-                                                      IDeploymentOperation** operation) = 0;
-  virtual HRESULT STDMETHODCALLTYPE RegisterPackageAsync(IInspectable* manifest,
-                                                         IInspectable* dependencies,
-                                                         DeploymentOptions options,
-                                                         IDeploymentOperation** operation) = 0;
-  virtual HRESULT STDMETHODCALLTYPE FindPackages(IPackageIterable** packages) = 0;
-  virtual HRESULT STDMETHODCALLTYPE FindPackagesByUserSecurityId(HSTRING sid,
-                                                                 IPackageIterable** packages) = 0;
-  virtual HRESULT STDMETHODCALLTYPE FindPackagesByNamePublisher(HSTRING name, HSTRING publisher,
-                                                                IPackageIterable** packages) = 0;
-  virtual HRESULT STDMETHODCALLTYPE FindPackagesByUserSecurityIdNamePublisher(
-      HSTRING sid, HSTRING name, HSTRING publisher, IPackageIterable** packages) = 0;
-  virtual HRESULT STDMETHODCALLTYPE FindUsers(HSTRING fullName, IInspectable** users) = 0;
-  virtual HRESULT STDMETHODCALLTYPE SetPackageState(HSTRING fullName, std::int32_t state) = 0;
-  virtual HRESULT STDMETHODCALLTYPE FindPackageByPackageFullName(HSTRING fullName,
-                                                                 IPackage** package) = 0;
-  virtual HRESULT STDMETHODCALLTYPE
-  CleanupPackageForUserAsync(HSTRING name, HSTRING sid, IDeploymentOperation** operation) = 0;
+  VX_PLACE(AddPackageAsync)
+  VX_PLACE(UpdatePackageAsync)
+  VX_PLACE(RemovePackageAsync)
+  VX_PLACE(StagePackageAsync)
+  VX_PLACE(RegisterPackageAsync)
+  VX_PLACE(FindPackages)
+  VX_PLACE(FindPackagesByUserSecurityId)
+  VX_PLACE(FindPackagesByNamePublisher)
+  VX_PLACE(FindPackagesByUserSecurityIdNamePublisher)
+  VX_PLACE(FindUsers)
+  VX_PLACE(SetPackageState)
+  VX_PLACE(FindPackageByPackageFullName)
+  VX_PLACE(CleanupPackageForUserAsync)
   virtual HRESULT STDMETHODCALLTYPE
   FindPackagesByPackageFamilyName(HSTRING familyName, IPackageIterable** packages) = 0;
   virtual HRESULT STDMETHODCALLTYPE FindPackagesByUserSecurityIdPackageFamilyName(
       HSTRING sid, HSTRING familyName, IPackageIterable** packages) = 0;
-  virtual HRESULT STDMETHODCALLTYPE
-  FindPackageByUserSecurityIdPackageFullName(HSTRING sid, HSTRING fullName, IPackage** package) = 0;
 };
 
-// Members after RegisterPackageByFullNameAsync are left out.
 struct IPackageManager2 : IInspectable {
   static constexpr GUID kIid{
       0xf7aad08d, 0x0840, 0x46f2, {0xb5, 0xd8, 0xca, 0xd4, 0x76, 0x93, 0xa0, 0x95}};
 
-  virtual HRESULT STDMETHODCALLTYPE RemovePackageWithOptionsAsync(
-      HSTRING fullName, std::uint32_t options, IDeploymentOperation** operation) = 0;
-  virtual HRESULT STDMETHODCALLTYPE
-  StagePackageWithOptionsAsync(IInspectable* uri, IInspectable* dependencies,
-                               DeploymentOptions options, IDeploymentOperation** operation) = 0;
+  VX_PLACE(RemovePackageWithOptionsAsync)
+  VX_PLACE(StagePackageWithOptionsAsync)
   // `dependencies` may be null.
   virtual HRESULT STDMETHODCALLTYPE
   RegisterPackageByFullNameAsync(HSTRING fullName, IInspectable* dependencies,
@@ -302,11 +263,10 @@ struct IPackageUninstallingEventArgs : IInspectable {
   static constexpr GUID kIid{
       0x4443aa52, 0xab22, 0x44cd, {0x82, 0xbb, 0x4e, 0xc9, 0xb8, 0x27, 0x36, 0x7a}};
 
-  virtual HRESULT STDMETHODCALLTYPE get_ActivityId(GUID* id) = 0;
+  VX_PLACE(get_ActivityId)
   virtual HRESULT STDMETHODCALLTYPE get_Package(IPackage** package) = 0;
-  virtual HRESULT STDMETHODCALLTYPE get_Progress(double* progress) = 0;
+  VX_PLACE(get_Progress)
   virtual HRESULT STDMETHODCALLTYPE get_IsComplete(Boolean* complete) = 0;
-  virtual HRESULT STDMETHODCALLTYPE get_ErrorCode(HRESULT* errorCode) = 0;
 };
 
 struct IPackageCatalog;
@@ -325,25 +285,22 @@ struct IPackageCatalog : IInspectable {
   static constexpr GUID kIid{
       0x230a3751, 0x9de3, 0x4445, {0xbe, 0x74, 0x91, 0xfb, 0x32, 0x5a, 0xbe, 0xfe}};
 
-  virtual HRESULT STDMETHODCALLTYPE add_PackageStaging(IUnknown* handler, EventToken* token) = 0;
-  virtual HRESULT STDMETHODCALLTYPE remove_PackageStaging(EventToken token) = 0;
-  virtual HRESULT STDMETHODCALLTYPE add_PackageInstalling(IUnknown* handler, EventToken* token) = 0;
-  virtual HRESULT STDMETHODCALLTYPE remove_PackageInstalling(EventToken token) = 0;
-  virtual HRESULT STDMETHODCALLTYPE add_PackageUpdating(IUnknown* handler, EventToken* token) = 0;
-  virtual HRESULT STDMETHODCALLTYPE remove_PackageUpdating(EventToken token) = 0;
+  VX_PLACE(add_PackageStaging)
+  VX_PLACE(remove_PackageStaging)
+  VX_PLACE(add_PackageInstalling)
+  VX_PLACE(remove_PackageInstalling)
+  VX_PLACE(add_PackageUpdating)
+  VX_PLACE(remove_PackageUpdating)
   virtual HRESULT STDMETHODCALLTYPE add_PackageUninstalling(IPackageUninstallingHandler* handler,
                                                             EventToken* token) = 0;
   virtual HRESULT STDMETHODCALLTYPE remove_PackageUninstalling(EventToken token) = 0;
-  virtual HRESULT STDMETHODCALLTYPE add_PackageStatusChanged(IUnknown* handler,
-                                                             EventToken* token) = 0;
-  virtual HRESULT STDMETHODCALLTYPE remove_PackageStatusChanged(EventToken token) = 0;
 };
 
 struct IPackageCatalogStatics : IInspectable {
   static constexpr GUID kIid{
       0xa18c9696, 0xe65b, 0x4634, {0xba, 0x21, 0x5e, 0x63, 0xeb, 0x72, 0x44, 0xa7}};
 
-  virtual HRESULT STDMETHODCALLTYPE OpenForCurrentPackage(IPackageCatalog** catalog) = 0;
+  VX_PLACE(OpenForCurrentPackage)
   virtual HRESULT STDMETHODCALLTYPE OpenForCurrentUser(IPackageCatalog** catalog) = 0;
 };
 
@@ -381,17 +338,13 @@ struct IAppServiceConnection : IInspectable {
   static constexpr GUID kIid{
       0x9dd474a2, 0x871f, 0x4d52, {0x89, 0xa9, 0x9e, 0x09, 0x05, 0x31, 0xbd, 0x27}};
 
-  virtual HRESULT STDMETHODCALLTYPE get_AppServiceName(HSTRING* name) = 0;
+  VX_PLACE(get_AppServiceName)
   virtual HRESULT STDMETHODCALLTYPE put_AppServiceName(HSTRING name) = 0;
-  virtual HRESULT STDMETHODCALLTYPE get_PackageFamilyName(HSTRING* name) = 0;
+  VX_PLACE(get_PackageFamilyName)
   virtual HRESULT STDMETHODCALLTYPE put_PackageFamilyName(HSTRING name) = 0;
   virtual HRESULT STDMETHODCALLTYPE OpenAsync(IAppServiceOpenOperation** operation) = 0;
   virtual HRESULT STDMETHODCALLTYPE SendMessageAsync(IPropertySet* message,
                                                      IAppServiceSendOperation** operation) = 0;
-  virtual HRESULT STDMETHODCALLTYPE add_RequestReceived(IUnknown* handler, EventToken* token) = 0;
-  virtual HRESULT STDMETHODCALLTYPE remove_RequestReceived(EventToken token) = 0;
-  virtual HRESULT STDMETHODCALLTYPE add_ServiceClosed(IUnknown* handler, EventToken* token) = 0;
-  virtual HRESULT STDMETHODCALLTYPE remove_ServiceClosed(EventToken token) = 0;
 };
 
 struct IClosable : IInspectable {
@@ -403,4 +356,5 @@ struct IClosable : IInspectable {
 
 }  // namespace Vx::Abi
 
+#undef VX_PLACE
 #pragma GCC diagnostic pop

@@ -25,12 +25,15 @@ class PrivateLocalMachine {
     RegDeleteTreeW(HKEY_CURRENT_USER, name.c_str());
   }
 
-  // Makes the key if need be.
+  // Makes the key if need be, and stores just these bytes.
   void Set(const wchar_t* key, const wchar_t* value, DWORD type, const std::vector<BYTE>& data) {
     HKEY opened = nullptr;
     RegCreateKeyExW(HKEY_LOCAL_MACHINE, key, 0, nullptr, REG_OPTION_VOLATILE, KEY_ALL_ACCESS,
                     nullptr, &opened, nullptr);
-    RegSetValueExW(opened, value, 0, type, data.data(), static_cast<DWORD>(data.size()));
+    // To a text the emulator adds the terminator that it finds behind it.
+    std::vector<BYTE> bytes = data;
+    bytes.insert(bytes.end(), {'#', '#'});
+    RegSetValueExW(opened, value, 0, type, bytes.data(), static_cast<DWORD>(data.size()));
     RegCloseKey(opened);
   }
 

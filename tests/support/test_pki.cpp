@@ -7,34 +7,22 @@
 
 #include <windows.h>
 
+#include "platform/environment.h"
+#include "platform/machine.h"
+#include "support/probe.h"
 #include "support/temp_folder.h"
 
 namespace Vx::Tests {
 
-namespace {
-
-std::wstring ProgramFolder() {
-  std::wstring path(32767, L'\0');
-  path.resize(GetModuleFileNameW(nullptr, path.data(), static_cast<DWORD>(path.size())));
-  return path.substr(0, path.rfind(L'\\'));
-}
-
-std::wstring Variable(const wchar_t* name) {
-  std::wstring value(32767, L'\0');
-  value.resize(GetEnvironmentVariableW(name, value.data(), static_cast<DWORD>(value.size())));
-  return value;
-}
-
-}  // namespace
-
 std::wstring PkiFile(const wchar_t* name) {
-  return ProgramFolder() + L"\\pki\\" + name;
+  return TestFolder() + L"\\pki\\" + name;
 }
 
 ProtectedFolder::ProtectedFolder() {
   static std::atomic<unsigned> counter{0};
-  const std::wstring base =
-      Variable(L"ProgramFiles") + L"\\VxTest-" + std::to_wstring(GetCurrentProcessId()) + L"-";
+  const std::wstring text =
+      L"%ProgramFiles%\\VxTest-" + std::to_wstring(GetCurrentProcessId()) + L"-";
+  const std::wstring base = *Platform::WindowsMachine().environment->Expand(text, MAX_PATH);
   // A run that died may have left the folder of a process id that is in use again.
   do {
     path = base + std::to_wstring(++counter);

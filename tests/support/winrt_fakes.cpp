@@ -1,14 +1,14 @@
 #include "support/winrt_fakes.h"
 
 #include <atomic>
-#include <cstdio>
-#include <cstdlib>
-#include <functional>
+#include <stdexcept>
 #include <utility>
 
 #include <windows.h>
 
 #include <combaseapi.h>
+
+#include "support/probe.h"
 
 // The classes below have no virtual destructor where the warning wants one: the interfaces' slots
 // are Windows' to decide, and only Release deletes.
@@ -60,12 +60,6 @@ class Fake : public Main, public Others... {
   std::atomic<ULONG> references{1};
 };
 
-// A member that the code under test has no reason to call.
-#define VX_UNUSED(name, ...)                             \
-  HRESULT STDMETHODCALLTYPE name(__VA_ARGS__) override { \
-    return E_NOTIMPL;                                    \
-  }
-
 // Each call into a fake begins with this, so that a test can fail every one of them in turn.
 #define VX_STEP() \
   if (const HRESULT step = FakeRuntime::Current().Step(); FAILED(step)) return step
@@ -89,12 +83,6 @@ class FakePackageId final : public Fake<Abi::IPackageId> {
   FakePackageId(std::wstring full, std::wstring family)
       : fullName(std::move(full)), familyName(std::move(family)) {}
 
-  VX_UNUSED(get_Name, HSTRING*)
-  VX_UNUSED(get_Version, Abi::PackageVersion*)
-  VX_UNUSED(get_Architecture, std::int32_t*)
-  VX_UNUSED(get_ResourceId, HSTRING*)
-  VX_UNUSED(get_Publisher, HSTRING*)
-  VX_UNUSED(get_PublisherId, HSTRING*)
   HRESULT STDMETHODCALLTYPE get_FullName(HSTRING* name) override {
     VX_STEP();
     return PutText(fullName, name);
@@ -119,9 +107,6 @@ class FakePackage final : public Fake<Abi::IPackage> {
     *id = new FakePackageId(fullName, familyName);
     return S_OK;
   }
-  VX_UNUSED(get_InstalledLocation, IInspectable**)
-  VX_UNUSED(get_IsFramework, Abi::Boolean*)
-  VX_UNUSED(get_Dependencies, IInspectable**)
 
  private:
   std::wstring fullName;
@@ -149,7 +134,6 @@ class FakePackageIterator final : public Fake<Abi::IPackageIterator> {
     *has = position < fullNames.size() ? 1 : 0;
     return S_OK;
   }
-  VX_UNUSED(GetMany, std::uint32_t, Abi::IPackage**, std::uint32_t*)
 
  private:
   static constexpr HRESULT E_BOUNDS = static_cast<HRESULT>(0x8000000B);
@@ -178,7 +162,6 @@ class FakeDeploymentResult final : public Fake<Abi::IDeploymentResult> {
     VX_STEP();
     return PutText(FakeRuntime::Current().deployment.errorText, text);
   }
-  VX_UNUSED(get_ActivityId, GUID*)
   HRESULT STDMETHODCALLTYPE get_ExtendedErrorCode(HRESULT* code) override {
     VX_STEP();
     *code = FakeRuntime::Current().deployment.extendedErrorCode;
@@ -211,9 +194,7 @@ class FakeAsync : public Fake<Operation, Abi::IAsyncInfo> {
     newHandler->Invoke(this, finalStatus);
     return S_OK;
   }
-  VX_UNUSED(get_Completed, Handler**)
 
-  VX_UNUSED(get_Id, std::uint32_t*)
   HRESULT STDMETHODCALLTYPE get_Status(Abi::AsyncStatus* out) override {
     VX_STEP();
     const std::lock_guard guard(mutex);
@@ -229,7 +210,6 @@ class FakeAsync : public Fake<Operation, Abi::IAsyncInfo> {
     ++FakeRuntime::Current().cancelled;
     return S_OK;
   }
-  VX_UNUSED(Close)
 
  private:
   void Finish() {
@@ -255,8 +235,6 @@ class FakeDeploymentOperation final
   explicit FakeDeploymentOperation(const FakeDeployment& plan)
       : FakeAsync(plan.status, plan.errorCode, plan.completion) {}
 
-  VX_UNUSED(put_Progress, IUnknown*)
-  VX_UNUSED(get_Progress, IUnknown**)
   HRESULT STDMETHODCALLTYPE GetResults(Abi::IDeploymentResult** result) override {
     VX_STEP();
     *result = new FakeDeploymentResult;
@@ -265,24 +243,9 @@ class FakeDeploymentOperation final
 };
 
 class FakePackageManager final : public Fake<Abi::IPackageManager, Abi::IPackageManager2> {
-  using Operation = Abi::IDeploymentOperation;
-  using Options = Abi::DeploymentOptions;
   using Packages = Abi::IPackageIterable;
 
  public:
-  VX_UNUSED(AddPackageAsync, IInspectable*, IInspectable*, Options, Operation**)
-  VX_UNUSED(UpdatePackageAsync, IInspectable*, IInspectable*, Options, Operation**)
-  VX_UNUSED(RemovePackageAsync, HSTRING, Operation**)
-  VX_UNUSED(StagePackageAsync, IInspectable*, IInspectable*, Operation**)
-  VX_UNUSED(RegisterPackageAsync, IInspectable*, IInspectable*, Options, Operation**)
-  VX_UNUSED(FindPackages, Packages**)
-  VX_UNUSED(FindPackagesByUserSecurityId, HSTRING, Packages**)
-  VX_UNUSED(FindPackagesByNamePublisher, HSTRING, HSTRING, Packages**)
-  VX_UNUSED(FindPackagesByUserSecurityIdNamePublisher, HSTRING, HSTRING, HSTRING, Packages**)
-  VX_UNUSED(FindUsers, HSTRING, IInspectable**)
-  VX_UNUSED(SetPackageState, HSTRING, std::int32_t)
-  VX_UNUSED(FindPackageByPackageFullName, HSTRING, Abi::IPackage**)
-  VX_UNUSED(CleanupPackageForUserAsync, HSTRING, HSTRING, Operation**)
   HRESULT STDMETHODCALLTYPE FindPackagesByPackageFamilyName(HSTRING family,
                                                             Packages** packages) override {
     VX_STEP();
@@ -293,12 +256,10 @@ class FakePackageManager final : public Fake<Abi::IPackageManager, Abi::IPackage
     VX_STEP();
     return Answer(family, FakeRuntime::Current().userPackages[TextOf(sid)], packages);
   }
-  VX_UNUSED(FindPackageByUserSecurityIdPackageFullName, HSTRING, HSTRING, Abi::IPackage**)
 
-  VX_UNUSED(RemovePackageWithOptionsAsync, HSTRING, std::uint32_t, Operation**)
-  VX_UNUSED(StagePackageWithOptionsAsync, IInspectable*, IInspectable*, Options, Operation**)
-  HRESULT STDMETHODCALLTYPE RegisterPackageByFullNameAsync(HSTRING fullName, IInspectable*, Options,
-                                                           Operation** operation) override {
+  HRESULT STDMETHODCALLTYPE
+  RegisterPackageByFullNameAsync(HSTRING fullName, IInspectable*, Abi::DeploymentOptions,
+                                 Abi::IDeploymentOperation** operation) override {
     VX_STEP();
     FakeRuntime& runtime = FakeRuntime::Current();
     runtime.registered.push_back(TextOf(fullName));
@@ -321,19 +282,16 @@ class FakeUninstall final : public Fake<Abi::IPackageUninstallingEventArgs> {
   FakeUninstall(std::wstring family, bool isComplete)
       : familyName(std::move(family)), complete(isComplete) {}
 
-  VX_UNUSED(get_ActivityId, GUID*)
   HRESULT STDMETHODCALLTYPE get_Package(Abi::IPackage** package) override {
     VX_STEP();
     *package = new FakePackage(L"", familyName);
     return S_OK;
   }
-  VX_UNUSED(get_Progress, double*)
   HRESULT STDMETHODCALLTYPE get_IsComplete(Abi::Boolean* out) override {
     VX_STEP();
     *out = complete ? 1 : 0;
     return S_OK;
   }
-  VX_UNUSED(get_ErrorCode, HRESULT*)
 
  private:
   std::wstring familyName;
@@ -342,12 +300,6 @@ class FakeUninstall final : public Fake<Abi::IPackageUninstallingEventArgs> {
 
 class FakePackageCatalog final : public Fake<Abi::IPackageCatalog> {
  public:
-  VX_UNUSED(add_PackageStaging, IUnknown*, Abi::EventToken*)
-  VX_UNUSED(remove_PackageStaging, Abi::EventToken)
-  VX_UNUSED(add_PackageInstalling, IUnknown*, Abi::EventToken*)
-  VX_UNUSED(remove_PackageInstalling, Abi::EventToken)
-  VX_UNUSED(add_PackageUpdating, IUnknown*, Abi::EventToken*)
-  VX_UNUSED(remove_PackageUpdating, Abi::EventToken)
   HRESULT STDMETHODCALLTYPE add_PackageUninstalling(Abi::IPackageUninstallingHandler* handler,
                                                     Abi::EventToken* token) override {
     VX_STEP();
@@ -359,15 +311,12 @@ class FakePackageCatalog final : public Fake<Abi::IPackageCatalog> {
     FakeRuntime::Current().handlers.erase(token.value);
     return S_OK;
   }
-  VX_UNUSED(add_PackageStatusChanged, IUnknown*, Abi::EventToken*)
-  VX_UNUSED(remove_PackageStatusChanged, Abi::EventToken)
 };
 
 class FakePackageCatalogStatics final
     : public Fake<IActivationFactory, Abi::IPackageCatalogStatics> {
  public:
-  VX_UNUSED(ActivateInstance, IInspectable**)
-  VX_UNUSED(OpenForCurrentPackage, Abi::IPackageCatalog**)
+  HRESULT STDMETHODCALLTYPE ActivateInstance(IInspectable**) override { return E_NOTIMPL; }
   HRESULT STDMETHODCALLTYPE OpenForCurrentUser(Abi::IPackageCatalog** catalog) override {
     VX_STEP();
     if (!FakeRuntime::Current().answerNothing) *catalog = new FakePackageCatalog;
@@ -386,18 +335,6 @@ class FakePropertyValue final : public Fake<Abi::IPropertyValue> {
     *out = type;
     return S_OK;
   }
-  VX_UNUSED(get_IsNumericScalar, Abi::Boolean*)
-  VX_UNUSED(GetUInt8, std::uint8_t*)
-  VX_UNUSED(GetInt16, std::int16_t*)
-  VX_UNUSED(GetUInt16, std::uint16_t*)
-  VX_UNUSED(GetInt32, std::int32_t*)
-  VX_UNUSED(GetUInt32, std::uint32_t*)
-  VX_UNUSED(GetInt64, std::int64_t*)
-  VX_UNUSED(GetUInt64, std::uint64_t*)
-  VX_UNUSED(GetSingle, float*)
-  VX_UNUSED(GetDouble, double*)
-  VX_UNUSED(GetChar16, wchar_t*)
-  VX_UNUSED(GetBoolean, Abi::Boolean*)
   HRESULT STDMETHODCALLTYPE GetString(HSTRING* out) override {
     VX_STEP();
     return PutText(text, out);
@@ -410,19 +347,7 @@ class FakePropertyValue final : public Fake<Abi::IPropertyValue> {
 
 class FakePropertyValueStatics final : public Fake<IActivationFactory, Abi::IPropertyValueStatics> {
  public:
-  VX_UNUSED(ActivateInstance, IInspectable**)
-  VX_UNUSED(CreateEmpty, IInspectable**)
-  VX_UNUSED(CreateUInt8, std::uint8_t, IInspectable**)
-  VX_UNUSED(CreateInt16, std::int16_t, IInspectable**)
-  VX_UNUSED(CreateUInt16, std::uint16_t, IInspectable**)
-  VX_UNUSED(CreateInt32, std::int32_t, IInspectable**)
-  VX_UNUSED(CreateUInt32, std::uint32_t, IInspectable**)
-  VX_UNUSED(CreateInt64, std::int64_t, IInspectable**)
-  VX_UNUSED(CreateUInt64, std::uint64_t, IInspectable**)
-  VX_UNUSED(CreateSingle, float, IInspectable**)
-  VX_UNUSED(CreateDouble, double, IInspectable**)
-  VX_UNUSED(CreateChar16, wchar_t, IInspectable**)
-  VX_UNUSED(CreateBoolean, Abi::Boolean, IInspectable**)
+  HRESULT STDMETHODCALLTYPE ActivateInstance(IInspectable**) override { return E_NOTIMPL; }
   HRESULT STDMETHODCALLTYPE CreateString(HSTRING value, IInspectable** result) override {
     VX_STEP();
     *result = new FakePropertyValue(TextOf(value), Abi::PropertyType::String);
@@ -440,13 +365,11 @@ class FakeValueSet final : public Fake<Abi::IPropertySet, Abi::IStringMap> {
     *value = found->second.Get();
     return S_OK;
   }
-  VX_UNUSED(get_Size, std::uint32_t*)
   HRESULT STDMETHODCALLTYPE HasKey(HSTRING key, Abi::Boolean* found) override {
     VX_STEP();
     *found = values.count(TextOf(key)) != 0 ? 1 : 0;
     return S_OK;
   }
-  VX_UNUSED(GetView, IInspectable**)
   HRESULT STDMETHODCALLTYPE Insert(HSTRING key, IInspectable* value, Abi::Boolean* out) override {
     VX_STEP();
     value->AddRef();
@@ -454,8 +377,6 @@ class FakeValueSet final : public Fake<Abi::IPropertySet, Abi::IStringMap> {
     *out = 0;
     return S_OK;
   }
-  VX_UNUSED(Remove, HSTRING)
-  VX_UNUSED(Clear)
 
   std::map<std::wstring, Abi::ComPtr<IInspectable>> values;
 };
@@ -509,13 +430,11 @@ class FakeSending final
 
 class FakeConnection final : public Fake<Abi::IAppServiceConnection, Abi::IClosable> {
  public:
-  VX_UNUSED(get_AppServiceName, HSTRING*)
   HRESULT STDMETHODCALLTYPE put_AppServiceName(HSTRING name) override {
     VX_STEP();
     serviceName = TextOf(name);
     return S_OK;
   }
-  VX_UNUSED(get_PackageFamilyName, HSTRING*)
   HRESULT STDMETHODCALLTYPE put_PackageFamilyName(HSTRING name) override {
     VX_STEP();
     familyName = TextOf(name);
@@ -536,10 +455,6 @@ class FakeConnection final : public Fake<Abi::IAppServiceConnection, Abi::IClosa
     *operation = new FakeSending(runtime.app);
     return S_OK;
   }
-  VX_UNUSED(add_RequestReceived, IUnknown*, Abi::EventToken*)
-  VX_UNUSED(remove_RequestReceived, Abi::EventToken)
-  VX_UNUSED(add_ServiceClosed, IUnknown*, Abi::EventToken*)
-  VX_UNUSED(remove_ServiceClosed, Abi::EventToken)
 
   HRESULT STDMETHODCALLTYPE Close() override {
     ++FakeRuntime::Current().closed;
@@ -568,25 +483,22 @@ class FakeFactory final : public Fake<IActivationFactory> {
   }
 };
 
+template <typename Factory>
+IActivationFactory* Make() {
+  return new Factory;
+}
+
 // One row a faked class.
 constexpr struct {
   const wchar_t* name;
   IActivationFactory* (*makeFactory)();
 } kClasses[] = {
-    {Abi::kPackageManagerClass,
-     []() -> IActivationFactory* {
-       return new FakeFactory<FakePackageManager, Abi::IPackageManager>;
-     }},
-    {Abi::kPackageCatalogClass,
-     []() -> IActivationFactory* { return new FakePackageCatalogStatics; }},
+    {Abi::kPackageManagerClass, &Make<FakeFactory<FakePackageManager, Abi::IPackageManager>>},
+    {Abi::kPackageCatalogClass, &Make<FakePackageCatalogStatics>},
     {Abi::kAppServiceConnectionClass,
-     []() -> IActivationFactory* {
-       return new FakeFactory<FakeConnection, Abi::IAppServiceConnection>;
-     }},
-    {Abi::kValueSetClass,
-     []() -> IActivationFactory* { return new FakeFactory<FakeValueSet, Abi::IPropertySet>; }},
-    {Abi::kPropertyValueClass,
-     []() -> IActivationFactory* { return new FakePropertyValueStatics; }},
+     &Make<FakeFactory<FakeConnection, Abi::IAppServiceConnection>>},
+    {Abi::kValueSetClass, &Make<FakeFactory<FakeValueSet, Abi::IPropertySet>>},
+    {Abi::kPropertyValueClass, &Make<FakePropertyValueStatics>},
 };
 
 HRESULT WINAPI ProvideFactory(HSTRING className, IActivationFactory** factory) {
@@ -600,63 +512,29 @@ HRESULT WINAPI ProvideFactory(HSTRING className, IActivationFactory** factory) {
   return REGDB_E_CLASSNOTREG;
 }
 
-[[noreturn]] void Abandon(const char* step, long error) {
-  static_cast<void>(
-      std::fprintf(stderr, "the fake runtime cannot be set up: %s, error %ld\n", step, error));
-  std::abort();
-}
-
-void Require(const char* step, long error) {
-  if (error != ERROR_SUCCESS) Abandon(step, error);
-}
-
-std::wstring ShimPath() {
-  wchar_t path[MAX_PATH];
-  const DWORD length = GetModuleFileNameW(nullptr, path, MAX_PATH);
-  const std::wstring program(path, length);
-  return program.substr(0, program.rfind(L'\\') + 1) + L"activation_shim.dll";
-}
-
-std::wstring PrivateKeyName() {
-  return L"Software\\VxTests-" + std::to_wstring(GetCurrentProcessId());
-}
-
 }  // namespace
 
 FakeRuntime::FakeRuntime() {
   current = this;
-  const std::wstring shim = ShimPath();
+  const std::wstring shim = TestFolder() + L"\\activation_shim.dll";
   // Stays loaded: the system keeps it anyway once it has activated from it.
   const HMODULE library = LoadLibraryW(shim.c_str());
-  if (library == nullptr) Abandon("LoadLibrary", static_cast<long>(GetLastError()));
   using SetProvider = void (*)(PFNGETACTIVATIONFACTORY);
   const auto setProvider = reinterpret_cast<SetProvider>(
       reinterpret_cast<void*>(GetProcAddress(library, "SetFactoryProvider")));
+  if (setProvider == nullptr) throw std::runtime_error("the activation library cannot be loaded");
   setProvider(&ProvideFactory);
 
-  // Activation looks the classes up below HKEY_LOCAL_MACHINE; this program alone sees another one.
-  Require("RegCreateKeyEx",
-          RegCreateKeyExW(HKEY_CURRENT_USER, PrivateKeyName().c_str(), 0, nullptr,
-                          REG_OPTION_VOLATILE, KEY_ALL_ACCESS, nullptr, &machineKey, nullptr));
+  const auto* const name = reinterpret_cast<const BYTE*>(shim.c_str());
   for (const auto& row : kClasses) {
-    const std::wstring name =
+    const std::wstring key =
         std::wstring(L"Software\\Microsoft\\WindowsRuntime\\ActivatableClassId\\") + row.name;
-    HKEY key = nullptr;
-    Require("RegCreateKeyEx",
-            RegCreateKeyExW(machineKey, name.c_str(), 0, nullptr, REG_OPTION_VOLATILE,
-                            KEY_ALL_ACCESS, nullptr, &key, nullptr));
-    Require("RegSetValueEx",
-            RegSetValueExW(key, L"DllPath", 0, REG_SZ, reinterpret_cast<const BYTE*>(shim.c_str()),
-                           static_cast<DWORD>((shim.size() + 1) * sizeof(wchar_t))));
-    RegCloseKey(key);
+    registry.Set(key.c_str(), L"DllPath", REG_SZ,
+                 {name, name + (shim.size() + 1) * sizeof(wchar_t)});
   }
-  Require("RegOverridePredefKey", RegOverridePredefKey(HKEY_LOCAL_MACHINE, machineKey));
 }
 
 FakeRuntime::~FakeRuntime() {
-  RegOverridePredefKey(HKEY_LOCAL_MACHINE, nullptr);
-  RegCloseKey(machineKey);
-  RegDeleteTreeW(HKEY_CURRENT_USER, PrivateKeyName().c_str());
   current = nullptr;
 }
 

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "host/winrt_owners.h"
+#include "support/private_local_machine.h"
 
 namespace Vx::Tests {
 
@@ -103,7 +104,8 @@ class FakeRuntime {
   std::mutex pendingMutex;
   Abi::ComPtr<Abi::IPackageUninstallingHandler> lastHandler;
   std::int64_t nextToken = 100;
-  HKEY machineKey = nullptr;
+  // Activation looks the classes up below HKEY_LOCAL_MACHINE.
+  PrivateLocalMachine registry;
 };
 
 }  // namespace Vx::Tests
