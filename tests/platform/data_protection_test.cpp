@@ -38,21 +38,18 @@ class DataProtectionTest : public testing::Test {
 };
 
 TEST_F(DataProtectionTest, OpensWhatItSealed) {
-  for (const std::size_t size : {1U, 72U, 1000U, 70'000U}) {
+  for (const std::size_t size : {1U, 100U, 70'000U}) {
     const Bytes plain = Pattern(size);
     const auto sealed = protection.Protect(plain, L"a description");
     ASSERT_TRUE(sealed) << size;
     const auto opened = protection.Unprotect(*sealed);
     ASSERT_TRUE(opened) << size;
     EXPECT_EQ(*opened, plain);
+    if (size == 1) continue;
+    EXPECT_EQ(std::search(sealed->begin(), sealed->end(), plain.begin(), plain.end()),
+              sealed->end())
+        << "readable";
   }
-}
-
-TEST_F(DataProtectionTest, LeavesNothingReadable) {
-  const Bytes plain = Pattern(100);
-  const auto sealed = protection.Protect(plain, L"");
-  ASSERT_TRUE(sealed);
-  EXPECT_EQ(std::search(sealed->begin(), sealed->end(), plain.begin(), plain.end()), sealed->end());
 }
 
 TEST_F(DataProtectionTest, RefusesDamagedContent) {
@@ -65,7 +62,6 @@ TEST_F(DataProtectionTest, RefusesDamagedContent) {
       {"first byte", [](Bytes& b) { b.front() ^= std::byte{1}; }},
       {"last byte", [](Bytes& b) { b.back() ^= std::byte{1}; }},
       {"cut by one", [](Bytes& b) { b.pop_back(); }},
-      {"cut to a few", [](Bytes& b) { b.resize(8); }},
       {"nothing left", [](Bytes& b) { b.clear(); }},
       {"plain content", [](Bytes& b) { b = Pattern(500); }},
   };

@@ -2,12 +2,12 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
+#include <functional>
 
 #include <windows.h>
 
+#include "platform/console_user.h"
 #include "platform/machine.h"
-#include "platform/sessions.h"
 #include "support/temp_folder.h"
 
 namespace Vx::Platform {
@@ -18,48 +18,34 @@ constexpr wchar_t kOwnVariable[] = L"VX_ONLY_IN_THIS_PROCESS";
 class EnvironmentTest : public testing::Test {
  protected:
   const Environment& environment = *CurrentMachine().environment;
+  const UniqueHandle token = *ConsoleUserToken();
   const Tests::EnvironmentOverride own{kOwnVariable, L"12345"};
 };
 
 TEST_F(EnvironmentTest, ExpandsUpToTheLimitAndNotOneCharacterMore) {
-  const std::wstring expanded = L"<12345>";
-  EXPECT_EQ(*environment.Expand(L"<%VX_ONLY_IN_THIS_PROCESS%>", expanded.size() + 1), expanded);
-  for (const std::size_t limit :
-       {expanded.size(), expanded.size() - 1, std::size_t{1}, std::size_t{0}}) {
-    EXPECT_EQ(environment.Expand(L"<%VX_ONLY_IN_THIS_PROCESS%>", limit).Error(),
-              static_cast<ErrorCode>(ERROR_INSUFFICIENT_BUFFER))
-        << limit;
+  const auto forProcess = [&](std::size_t limit) {
+    return environment.Expand(L"<%VX_ONLY_IN_THIS_PROCESS%> %vx none% 100%", limit);
+  };
+  const auto forUser = [&](std::size_t limit) {
+    return environment.ExpandForUser(token.get(), L"%SystemRoot%\\x", limit);
+  };
+  EXPECT_EQ(*forProcess(520), L"<12345> %vx none% 100%");
+  EXPECT_TRUE(forUser(520)->ends_with(L"\\x"));
+  EXPECT_EQ(forUser(520)->find(L'%'), std::wstring::npos);
+  const std::function<Result<std::wstring>(std::size_t)> kKinds[] = {forProcess, forUser};
+  for (const auto& expand : kKinds) {
+    const std::size_t length = expand(520)->size();
+    EXPECT_TRUE(expand(length + 1));
+    for (const std::size_t limit : {length, length - 1, std::size_t{1}, std::size_t{0}}) {
+      EXPECT_EQ(expand(limit).Error(), static_cast<ErrorCode>(ERROR_INSUFFICIENT_BUFFER)) << limit;
+    }
   }
-}
-
-TEST_F(EnvironmentTest, ExpandsForTheUserWithinTheSameLimit) {
-  const Sessions& sessions = *CurrentMachine().sessions;
-  const auto token = sessions.QueryUserToken(sessions.ActiveConsoleSession());
-  ASSERT_TRUE(token);
-  const auto whole = environment.ExpandForUser(token->get(), L"%SystemRoot%\\x", 520);
-  ASSERT_TRUE(whole);
-  EXPECT_TRUE(whole->ends_with(L"\\x"));
-  EXPECT_EQ(whole->find(L'%'), std::wstring::npos);
-  EXPECT_TRUE(environment.ExpandForUser(token->get(), L"%SystemRoot%\\x", whole->size() + 1));
-  for (const std::size_t limit :
-       {whole->size(), whole->size() - 1, std::size_t{1}, std::size_t{0}}) {
-    EXPECT_EQ(environment.ExpandForUser(token->get(), L"%SystemRoot%\\x", limit).Error(),
-              static_cast<ErrorCode>(ERROR_INSUFFICIENT_BUFFER))
-        << limit;
-  }
-}
-
-TEST_F(EnvironmentTest, LeavesWhatIsNoVariableAlone) {
-  EXPECT_EQ(*environment.Expand(L"%vx no such variable% 100%", 100), L"%vx no such variable% 100%");
-  EXPECT_EQ(*environment.Expand(L"", 100), L"");
+  EXPECT_EQ(*environment.Expand(L"", 1), L"");
 }
 
 TEST_F(EnvironmentTest, ABlockIsTerminatedAndFreeOfTheServicesOwnVariables) {
   for (const bool ofUser : {false, true}) {
-    const Sessions& sessions = *CurrentMachine().sessions;
-    auto token = sessions.QueryUserToken(sessions.ActiveConsoleSession());
-    ASSERT_TRUE(token);
-    const auto block = environment.Block(ofUser ? token->get() : nullptr);
+    const auto block = environment.Block(ofUser ? token.get() : nullptr);
     ASSERT_TRUE(block);
     ASSERT_GE(block->size(), 2U);
     EXPECT_EQ((*block)[block->size() - 1], L'\0');

@@ -3,7 +3,6 @@
 #include <gmock/gmock.h>
 
 #include <atomic>
-#include <cerrno>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -14,6 +13,7 @@
 
 #include "platform/clock.h"
 #include "platform/machine.h"
+#include "simulator/fault_injection.h"
 #include "support/handle_gauge.h"
 #include "support/probe.h"
 
@@ -55,13 +55,6 @@ class ListeningClock : public Clock {
   std::vector<std::string> notes;
 };
 
-class NoThreads : public Threads {
- public:
-  Result<UniqueHandle> Start(std::function<void()>) override {
-    return Result<UniqueHandle>::Failure(EAGAIN);
-  }
-};
-
 TEST(ThreadTest, TellsTheClockOfAWorkerUntilWhatItOwnsIsFreed) {
   ListeningClock clock;
   const MachineScope scope([&](Machine& machine) { machine.clock = &clock; });
@@ -74,11 +67,12 @@ TEST(ThreadTest, TellsTheClockOfAWorkerUntilWhatItOwnsIsFreed) {
 
 TEST(ThreadTest, ThrowsAndIsNotCountedWhenNoThreadCanBeMade) {
   ListeningClock clock;
-  NoThreads threads;
+  Simulator::FaultInjection faults;
   const MachineScope scope([&](Machine& machine) {
     machine.clock = &clock;
-    machine.threads = &threads;
+    faults.Install(machine);
   });
+  faults.FailNamed("Threads.Start");
   try {
     StartDetached([&] { clock.Note("body"); });
     FAIL() << "started";

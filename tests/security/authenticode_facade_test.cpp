@@ -75,8 +75,8 @@ TEST(VxAuthenticodeFacade, NeedsAGoodSignatureAPinnedKeyAndAProtectedPlace) {
 
 TEST(VxAuthenticodeFacade, TrustsNoPathThatIsNotThere) {
   VxAuthenticodeFacade facade;
-  for (const wchar_t* path : {static_cast<const wchar_t*>(nullptr), L"", L" ", L"C:\\no.exe",
-                              L"C:\\no\\no.exe", L"C:\\Program Files", L"a<b", L"NUL"}) {
+  for (const wchar_t* path : {static_cast<const wchar_t*>(nullptr), L"", L"C:\\no\\no.exe",
+                              L"C:\\Program Files", L"a<b", L"NUL"}) {
     EXPECT_FALSE(facade.IsFileTrusted(path));
     EXPECT_FALSE(facade.IsFileTrustedRestricted(path));
     EXPECT_FALSE(facade.IsDropboxFileTrusted(path));
@@ -107,13 +107,6 @@ TEST(VxAuthenticodeFacade, LogsEachStepOfARefusalForItsPlace) {
               path + L"]"));
 }
 
-TEST(VxAuthenticodeFacade, LogsTheStartOfADropboxCheck) {
-  const Placed file(L"unsigned.exe", PlacedIn::ProgramFiles);
-  const Tests::LogCapture log;
-  EXPECT_FALSE(VxAuthenticodeFacade().IsDropboxFileTrusted(file.Path().c_str()));
-  EXPECT_THAT(log.Lines(), ElementsAre(L"info|Starting validation of Dropbox file."));
-}
-
 TEST(FileLock, KeepsTheFileFromBeingReplacedUntilItGoes) {
   const Tests::TempFolder folder;
   const std::wstring path = folder / L"held.exe";
@@ -133,14 +126,9 @@ TEST(FileLock, KeepsTheFileFromBeingReplacedUntilItGoes) {
   EXPECT_THAT(log.Lines(), ElementsAre(line + L"succeeded", line + L"FAILED"));
 }
 
-// The content of a text file of the test authority.
-std::string Content(const wchar_t* name) {
-  std::ifstream stream(std::filesystem::path(Tests::PkiFile(name)), std::ios::binary);
-  return {std::istreambuf_iterator<char>(stream), {}};
-}
-
 TEST(PublicKeysOf, ListsTheKeysInTheFormInWhichTheyArePinned) {
-  const auto general = ParsePinnedKeys(Content(L"pinned_general.txt")).keys;
+  std::ifstream file(std::filesystem::path(Tests::PkiFile(L"pinned_general.txt")));
+  const auto general = ParsePinnedKeys(std::string(std::istreambuf_iterator<char>(file), {})).keys;
   ASSERT_EQ(general.size(), 2U);
   EXPECT_THAT(PublicKeysOf(Tests::PkiFile(L"pinned.exe")), ElementsAre(general[0]));
   EXPECT_THAT(PublicKeysOf(Tests::PkiFile(L"general.exe")), ElementsAre(general[1]));
@@ -157,28 +145,24 @@ std::wstring Verified(const wchar_t* signer) {
 TEST(Explain, TellsTheStepsOfTheDecisionAndEndsWithTheVerdict) {
   const struct {
     const wchar_t* file;
-    PlacedIn place;
     std::vector<std::wstring> steps;
   } kCases[] = {
       {L"pinned.exe",
-       PlacedIn::ProgramFiles,
        {L"+ " + Verified(L"Vx Test Pinned") + L"pinned", L"+ one signature is accepted by Windows",
         L"+ one signature was made with a pinned key", L"+ lies below C:\\Program Files\\",
         L"+ trusted"}},
       {L"general.exe",
-       PlacedIn::ProgramFiles,
        {L"- " + Verified(L"Vx Test General") + L"not pinned",
         L"+ one signature is accepted by Windows", L"- no signature was made with a pinned key",
         L"- its place was not looked at", L"- not trusted"}},
       {L"tampered.exe",
-       PlacedIn::ProgramFiles,
        {L"- no signature that Windows can verify", L"- no signature is accepted by Windows",
         L"- no signature was made with a pinned key", L"- its place was not looked at",
         L"- not trusted"}},
   };
   for (const auto& c : kCases) {
     SCOPED_TRACE(testing::PrintToString(c.file));
-    const Placed file(c.file, c.place);
+    const Placed file(c.file, PlacedIn::ProgramFiles);
     std::vector<std::wstring> lines;
     for (const auto& step : Explain(JudgeFile(file.Path(), RestrictedKeys()), RestrictedKeys())) {
       lines.push_back((step.passed ? L"+ " : L"- ") + step.text);

