@@ -80,25 +80,24 @@ TEST_F(VirtualClockTest, WakesWaitsInTheOrderOfTheirDeadlinesAtExactlyTheirTime)
   EXPECT_EQ(clock.Workers(), 0U);
 }
 
-TEST_F(VirtualClockTest, MeetsEveryWaitOfAWorkerThatPollsForTwoHours) {
+TEST_F(VirtualClockTest, AdvancesOnlyUntilWhatIsAskedForHolds) {
   std::atomic<int> polls = 0;
   StartWorker([this, &polls] {
-    while (clock.Elapsed() < 2h) {
+    while (clock.Elapsed() < 2min) {
       clock.Sleep(1s);
       ++polls;
     }
   });
   EXPECT_TRUE(clock.AdvanceUntil([&polls] { return polls == 60; }, 1h));
   EXPECT_EQ(clock.Elapsed(), 1min);
-  clock.Advance(2h);
-  EXPECT_EQ(polls, 7200);
   EXPECT_FALSE(clock.AdvanceUntil([] { return false; }, 1h)) << "nothing is left to wait for";
+  EXPECT_EQ(polls, 120);
 }
 
 TEST_F(VirtualClockTest, LetsASignalledWorkerRunBeforeTimeMoves) {
   for (const bool manual : {true, false}) {
     SCOPED_TRACE(manual ? "manual-reset" : "auto-reset");
-    for (int round = 0; round < 100; ++round) {
+    for (int round = 0; round < 30; ++round) {
       const auto event = MakeEvent(manual);
       const Duration start = clock.Elapsed();
       Duration woken{};
@@ -135,8 +134,8 @@ TEST_F(VirtualClockTest, OneSignalOfAnAutoResetEventEndsOneWait) {
 
 // Pairs of workers: one sleeps, notes the time and signals, the other must see that very time.
 TEST_F(VirtualClockTest, NeverMovesTimeBetweenASignalAndItsEffect) {
-  constexpr int kPairs = 20;
-  constexpr int kRounds = 40;
+  constexpr int kPairs = 10;
+  constexpr int kRounds = 20;
   struct Pair {
     Platform::UniqueHandle event;
     Platform::UniqueHandle taken;
@@ -176,7 +175,7 @@ TEST_F(VirtualClockTest, NeverMovesTimeBetweenASignalAndItsEffect) {
 }
 
 TEST_F(VirtualClockTest, CountsAWorkerUntilItsThreadIsReallyGone) {
-  for (int round = 0; round < 50; ++round) {
+  for (int round = 0; round < 20; ++round) {
     const Duration start = clock.Elapsed();
     const HANDLE sleeper = StartWorker([this] { clock.Sleep(5ms); });
     Duration joined{};
@@ -309,13 +308,6 @@ TEST_F(VirtualClockTest, WaitsDoNotSeeTheMachineSleepWhileClocksDo) {
   EXPECT_THAT(notes, ElementsAre(std::pair(1, 10s)));
   EXPECT_EQ(clock.TickCount(), 1000U + 3'600'000U + 10'000U);
   EXPECT_EQ(clock.UtcFileTime(), 5'000'000U + std::uint64_t{3'610'000} * 10'000U);
-}
-
-TEST_F(VirtualClockTest, AThreadThatCouldNotBeMadeHoldsNothingUp) {
-  clock.WorkerStarting();
-  clock.WorkerNotStarted();
-  clock.Advance(1s);
-  EXPECT_EQ(clock.Workers(), 0U);
 }
 
 }  // namespace

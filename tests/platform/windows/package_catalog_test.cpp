@@ -45,19 +45,15 @@ class PackageCatalogTest : public ::testing::Test {
   std::weak_ptr<int> handlerState;
 };
 
-TEST_F(PackageCatalogTest, TellsAHandlerOfEachNotification) {
+TEST_F(PackageCatalogTest, KeepsTheApartmentAndTellsAHandlerOfEachNotification) {
   catalog = OpenWindowsPackageCatalog();
   catalog->AddUninstalling(Handler());
+  EXPECT_EQ(FakeRuntime::Count().apartmentUses, 1);
+  EXPECT_EQ(FakeRuntime::Count().apartments, 0);
   EXPECT_EQ(runtime.NotifyUninstalling(kFamily, false), S_OK);
   EXPECT_EQ(runtime.NotifyUninstalling(kFamily, true), S_OK);
   EXPECT_THAT(notified,
               ElementsAre(std::wstring(kFamily) + L" begun", std::wstring(kFamily) + L" done"));
-}
-
-TEST_F(PackageCatalogTest, KeepsTheApartmentWhileItIsOpen) {
-  catalog = OpenWindowsPackageCatalog();
-  EXPECT_EQ(FakeRuntime::Count().apartmentUses, 1);
-  EXPECT_EQ(FakeRuntime::Count().apartments, 0);
 }
 
 TEST_F(PackageCatalogTest, RemovesTheHandlerOfTheTokenAndNoOther) {
@@ -74,26 +70,17 @@ TEST_F(PackageCatalogTest, RemovesTheHandlerOfTheTokenAndNoOther) {
 }
 
 TEST_F(PackageCatalogTest, IgnoresANotificationThatComesAfterTheRemoval) {
-  catalog = OpenWindowsPackageCatalog();
-  const auto token = catalog->AddUninstalling(Handler());
-  const auto held = runtime.LastHandler();
-  catalog->RemoveUninstalling(token);
-  runtime.handlers[token] = held;
-  EXPECT_EQ(runtime.NotifyUninstalling(kFamily, false), S_OK);
-  runtime.handlers.clear();
-  EXPECT_THAT(notified, IsEmpty());
-}
-
-TEST_F(PackageCatalogTest, IgnoresANotificationThatComesAfterTheCatalogIsGone) {
-  catalog = OpenWindowsPackageCatalog();
-  const auto token = catalog->AddUninstalling(Handler());
-  const auto held = runtime.LastHandler();
-  catalog.reset();
-  EXPECT_THAT(runtime.handlers, IsEmpty());
-  runtime.handlers[token] = held;
-  runtime.NotifyUninstalling(kFamily, false);
-  runtime.handlers.clear();
-  EXPECT_THAT(notified, IsEmpty());
+  for (const bool byCatalog : {false, true}) {
+    catalog = OpenWindowsPackageCatalog();
+    const auto token = catalog->AddUninstalling(Handler());
+    const auto held = runtime.LastHandler();
+    byCatalog ? catalog.reset() : catalog->RemoveUninstalling(token);
+    EXPECT_THAT(runtime.handlers, IsEmpty());
+    runtime.handlers[token] = held;
+    EXPECT_EQ(runtime.NotifyUninstalling(kFamily, false), S_OK);
+    runtime.handlers.clear();
+    EXPECT_THAT(notified, IsEmpty());
+  }
 }
 
 TEST_F(PackageCatalogTest, LetsAHandlerRemoveItselfWhileItRuns) {
