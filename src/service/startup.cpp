@@ -65,6 +65,15 @@ bool WaitForOobe(const ServiceState& state) {
   }
 }
 
+// The stored package subscriptions become live. A service that has gone since the wait for OOBE has
+// ended its subscriptions already; what comes after that would be watched for ever.
+void WatchStoredPackages(const ServiceState& state) {
+  RegisterExistingPackageCatalogManagerRequests();
+  const auto stop =
+      Platform::CurrentMachine().clock->Wait(state.stopEvent.get(), std::chrono::milliseconds(0));
+  if (stop.outcome == Platform::WaitOutcome::Signalled) PackageCatalogEventManager::clear_events();
+}
+
 // Nothing here waits for the check. It runs once a service object, however often this task does.
 void StartWakeupCheck(const std::shared_ptr<ServiceState>& state) {
   if (state->wakeupCheckDone) return;
@@ -111,7 +120,7 @@ void StartupTask(const std::shared_ptr<ServiceState>& state) {
   state->logger->LogInfo(kOobeCompleted);
   SetBornOnDate(*state->logger);
   SetFirstLockDownMode(*state->logger);
-  RegisterExistingPackageCatalogManagerRequests();
+  WatchStoredPackages(*state);
   StartWakeupCheck(state);
   if (WaitForUser(*state)) NotifyOobe(*state);
 }

@@ -42,6 +42,9 @@ class ServiceFixture {
 
   std::wstring StorePath() const { return store.FilePath(); }
 
+  // From now on no store can be opened.
+  void BlockStore() const { store.Block(); }
+
   Reply Execute(std::uint32_t id, const wchar_t* request) { return Execute(id, request, context); }
 
   Reply Execute(std::uint32_t id, const wchar_t* request,
