@@ -23,9 +23,6 @@ using Tests::kFullName;
 using Tests::PackageMachine;
 
 constexpr wchar_t kUser[] = L"PC\\ann";
-constexpr wchar_t kRevertFailed[] =
-    L"warning|Problem while reverting the impersonation of a package operation.";
-
 // The text of the exception that `operation` throws.
 std::string FailureOf(const std::function<void()>& operation) {
   try {
@@ -38,15 +35,18 @@ std::string FailureOf(const std::function<void()>& operation) {
 
 TEST(UwpPackageTest, FindsThePackageAsTheConsoleUser) {
   PackageMachine machine;
+  EXPECT_EQ(UwpPackage().FindPackageFullName(kFamily), L"");
   machine.installed[kFamily] = kFullName;
   EXPECT_EQ(UwpPackage().FindPackageFullName(kFamily), kFullName);
-  EXPECT_THAT(machine.actedAsUser, ElementsAre(true));
+  EXPECT_THAT(machine.actedAsUser, Each(true));
   EXPECT_FALSE(machine.acting);
-}
 
-TEST(UwpPackageTest, FindsNothingWithoutAPackage) {
-  PackageMachine machine;
-  EXPECT_EQ(UwpPackage().FindPackageFullName(kFamily), L"");
+  const Tests::LogCapture log;
+  machine.FailCall(3);  // the revert, after token, impersonation and query
+  EXPECT_EQ(UwpPackage().FindPackageFullName(kFamily), kFullName);
+  EXPECT_THAT(
+      log.Lines(),
+      ElementsAre(L"warning|Problem while reverting the impersonation of a package operation."));
 }
 
 // What keeps any operation from acting as the console user, and which call it names.
@@ -83,16 +83,13 @@ TEST(UwpPackageTest, DoesNothingWithoutTheConsoleUser) {
 
 TEST(UwpPackageTest, NamesTheFamilyQueryThatFailed) {
   static const struct {
-    const char* name = "";
     Platform::Packages::FamilyQuery query;
     const char* failure = "";
   } kCases[] = {
-      {"no size", {87, 0, 0, {}}, "FindPackagesByPackageFamily failed with 0x57"},
-      {"not on this Windows", {127, 0, 0, {}}, "FindPackagesByPackageFamily failed with 0x7f"},
-      {"no names", {122, 40, 8, {}}, "FindPackagesByPackageFamily failed with 0x8"},
+      {{87, 0, 0, {}}, "FindPackagesByPackageFamily failed with 0x57"},   // no size
+      {{122, 40, 8, {}}, "FindPackagesByPackageFamily failed with 0x8"},  // no names
   };
   for (const auto& c : kCases) {
-    SCOPED_TRACE(c.name);
     PackageMachine machine;
     machine.query = c.query;
     EXPECT_EQ(FailureOf([] { UwpPackage().FindPackageFullName(kFamily); }), c.failure);
@@ -100,58 +97,40 @@ TEST(UwpPackageTest, NamesTheFamilyQueryThatFailed) {
   }
 }
 
-TEST(UwpPackageTest, LogsARevertThatFails) {
-  PackageMachine machine;
-  machine.FailCall(3);  // after token, impersonation and query
-  const Tests::LogCapture log;
-  EXPECT_EQ(UwpPackage().FindPackageFullName(kFamily), L"");
-  EXPECT_THAT(log.Lines(), ElementsAre(kRevertFailed));
-}
-
 TEST(UwpPackageTest, ForcesTheRegistrationOfWhatIsStagedButNotRegistered) {
-  static const struct {
+  const std::wstring newer = L"Some.App_2.0.0.0_x64__0123456789abc";
+  const struct {
     const char* name;
-    std::vector<std::wstring> staged;
+    std::wstring staged;
     std::vector<std::wstring> registered;
     bool force;
-  } kCases[] = {
-      {"staged only", {kFullName}, {}, true},
-      {"staged and registered", {kFullName}, {kFullName}, false},
-      {"registered in other letters", {kFullName}, {L"SOME.app_1.0.0.0_X64__0123456789abc"}, false},
-      {"another version registered", {kFullName}, {L"Some.App_2.0.0.0_x64__0123456789abc"}, true},
-      {"another version staged", {L"Some.App_2.0.0.0_x64__0123456789abc"}, {}, false},
-      {"a longer name staged", {std::wstring(kFullName) + L"d"}, {}, false},
-      {"not on the machine", {}, {}, false},
+  } cases[] = {
+      {"staged only", kFullName, {}, true},
+      {"registered in other letters", kFullName, {L"SOME.app_1.0.0.0_X64__0123456789abc"}, false},
+      {"another version registered", kFullName, {newer}, true},
+      {"another version staged", newer, {}, false},
+      {"a longer name staged", std::wstring(kFullName) + L"d", {}, false},
   };
-  for (const auto& c : kCases) {
+  for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     PackageMachine machine;
-    machine.staged = c.staged;
+    machine.staged = {c.staged};
     machine.registered = c.registered;
     EXPECT_EQ(UwpPackage().ShouldForceRegistration(kUser, kFullName), c.force);
+    EXPECT_THAT(machine.actedAsUser, Each(false));  // only the service itself may ask about others
+    EXPECT_THAT(machine.familiesAsked, ElementsAre(kFamily));
+    EXPECT_THAT(machine.askedSids, Each(L"SID of PC\\ann"));
   }
-}
-
-TEST(UwpPackageTest, AsksAboutTheUserAsTheServiceItself) {
-  PackageMachine machine;
-  machine.staged = {kFullName};
-  UwpPackage().ShouldForceRegistration(kUser, kFullName);
-  EXPECT_THAT(machine.actedAsUser, Each(false));
-  EXPECT_THAT(machine.familiesAsked, ElementsAre(kFamily));
-  EXPECT_THAT(machine.askedSids, ElementsAre(L"SID of PC\\ann"));
 }
 
 TEST(UwpPackageTest, NamesWhatKeptItFromKnowingTheRegistration) {
   const auto ask = [] { UwpPackage().ShouldForceRegistration(kUser, kFullName); };
-  {
-    PackageMachine machine;
-    machine.refusal = static_cast<winrt::hresult>(0x80070005);
-    EXPECT_EQ(FailureOf(ask), "FindForAll failed with 0x80070005");
-  }
   PackageMachine machine;
   machine.staged = {kFullName};
   machine.FailCall(0);
   EXPECT_EQ(FailureOf(ask), "LookupAccountName failed with 0x5");
+  machine.refusal = static_cast<winrt::hresult>(0x80070005);
+  EXPECT_EQ(FailureOf(ask), "FindForAll failed with 0x80070005");
 }
 
 TEST(UwpPackageTest, RefusesATextThatIsNoFullName) {
@@ -161,25 +140,20 @@ TEST(UwpPackageTest, RefusesATextThatIsNoFullName) {
   }
 }
 
-TEST(UwpPackageTest, RegistersAsTheConsoleUser) {
+TEST(UwpPackageTest, RegistersAsTheConsoleUserAndRepeatsTheDeploymentsOwnWords) {
+  const auto registering = [] { UwpPackage().Register(kFullName); };
   PackageMachine machine;
-  UwpPackage().Register(kFullName);
+  registering();
   EXPECT_THAT(machine.registered, ElementsAre(kFullName));
-  EXPECT_THAT(machine.actedAsUser, ElementsAre(true));
-  EXPECT_FALSE(machine.acting);
-}
 
-TEST(UwpPackageTest, RepeatsTheDeploymentsOwnWords) {
-  PackageMachine machine;
   machine.registration = {static_cast<std::int32_t>(0x80073D02), L"Caf\u00e9 is in use."};
-  EXPECT_EQ(FailureOf([] { UwpPackage().Register(kFullName); }),
+  EXPECT_EQ(FailureOf(registering),
             "RegisterPackageByFullNameAsync failed with 0x80073d02: Caf\xC3\xA9 is in use.");
   machine.registration.errorText.clear();
-  EXPECT_EQ(FailureOf([] { UwpPackage().Register(kFullName); }),
-            "RegisterPackageByFullNameAsync failed with 0x80073d02");
+  EXPECT_EQ(FailureOf(registering), "RegisterPackageByFullNameAsync failed with 0x80073d02");
   machine.refusal = static_cast<winrt::hresult>(0x80040154);
-  EXPECT_EQ(FailureOf([] { UwpPackage().Register(kFullName); }),
-            "RegisterNow failed with 0x80040154");
+  EXPECT_EQ(FailureOf(registering), "RegisterNow failed with 0x80040154");
+  EXPECT_THAT(machine.actedAsUser, Each(true));
   EXPECT_FALSE(machine.acting) << "an exception left the thread impersonating";
 }
 
@@ -193,21 +167,18 @@ TEST(UwpPackageDataAccessTest, ReadsOriginAndVersionAsTheConsoleUser) {
 }
 
 TEST(UwpPackageDataAccessTest, NamesTheCallThatFailed) {
-  const char* const failures[] = {
-      "WTSQueryUserToken failed with 0x5", "ImpersonateLoggedOnUser failed with 0x5",
-      "FindPackagesByPackageFamily failed with 0x5", "GetStagedPackageOrigin failed with 0x5",
-      "PackageIdFromFullName failed with 0x5"};
+  const auto read = [] { UwpPackageDataAccess().GetOriginAndVersion(kFamily); };
+  PackageMachine machine;
+  EXPECT_EQ(FailureOf(read), "FindPackagesByPackageFamily failed with 0x490");
+  machine.installed[kFamily] = kFullName;
   std::size_t index = 0;
-  for (const char* failure : failures) {
-    PackageMachine machine;
-    machine.installed[kFamily] = kFullName;
+  for (const char* call :
+       {"WTSQueryUserToken", "ImpersonateLoggedOnUser", "FindPackagesByPackageFamily",
+        "GetStagedPackageOrigin", "PackageIdFromFullName"}) {
     machine.FailCall(index++);
-    EXPECT_EQ(FailureOf([] { UwpPackageDataAccess().GetOriginAndVersion(kFamily); }), failure);
+    EXPECT_EQ(FailureOf(read), std::string(call) + " failed with 0x5");
     EXPECT_FALSE(machine.acting);
   }
-  PackageMachine machine;
-  EXPECT_EQ(FailureOf([] { UwpPackageDataAccess().GetOriginAndVersion(kFamily); }),
-            "FindPackagesByPackageFamily failed with 0x490");
 }
 
 }  // namespace
