@@ -93,15 +93,24 @@ TEST(LoggingTest, CarriesLevelProviderAndCaller) {
 }
 
 TEST(LoggingTest, GivesOneLoggerAProvider) {
+  constexpr std::size_t kProviders = 1000;
+  std::atomic<bool> start{false};
+  std::vector<std::vector<TraceLogger*>> loggers(4);
   std::vector<std::thread> threads;
-  std::vector<TraceLogger*> loggers(8);
   threads.reserve(loggers.size());
-  for (TraceLogger*& logger : loggers) {
-    threads.emplace_back([&logger] { logger = LogManager::SetProvider("Vx-Asked-At-Once"); });
+  for (auto& seen : loggers) {
+    threads.emplace_back([&] {
+      while (!start) {
+      }
+      for (std::size_t i = 0; i < kProviders; ++i) {
+        seen.push_back(LogManager::SetProvider(("Vx-Asked-At-Once-" + std::to_string(i)).c_str()));
+      }
+    });
   }
+  start = true;
   for (std::thread& thread : threads) thread.join();
   EXPECT_THAT(loggers, testing::Each(loggers[0]));
-  EXPECT_NE(loggers[0], LogManager::SetProvider("Vx-Another"));
+  EXPECT_NE(loggers[0][0], loggers[0][1]);
   EXPECT_EQ(LogManager::GetLogger(), LogManager::GetLogger());
 }
 
