@@ -109,11 +109,5 @@ TEST(IsAssignableTest, TakesAValidDateOrZerosOfJustTheFirmwaresLength) {
   }
 }
 
-TEST(TextOfBlockTest, EndsAtTheFirstZeroByteOrTheEndOfTheBlock) {
-  EXPECT_EQ(TextOfBlock(std::vector<std::uint8_t>{'2', '4', 0, '1', 0}), "24");
-  EXPECT_EQ(TextOfBlock(std::vector<std::uint8_t>(128, '7')), std::string(128, '7'));
-  EXPECT_EQ(TextOfBlock({}), "");
-}
-
 }  // namespace
 }  // namespace Vx::Tessel::Server::Services::Orvane

@@ -1,8 +1,5 @@
 #include "bod/calendar_time.h"
 
-#include <cstring>
-#include <vector>
-
 #include <gtest/gtest.h>
 
 namespace Vx::Tessel::Server::Services::Orvane {
@@ -67,20 +64,6 @@ TEST(EarlierOfTest, TakesTheEarlierTheFirstOnATieAndNeverNonsense) {
   EXPECT_EQ(EarlierOf(sameAsEarly, early), sameAsEarly);
   EXPECT_EQ(EarlierOf(late, nonsense), late);
   EXPECT_EQ(EarlierOf(nonsense, late), late);
-}
-
-TEST(DateOfTimeStampTest, TakesTheDateOfAWholeStampAndNothingOfAShortOne) {
-  const CalendarTime stored{2023, 4, 5, 6, 7, 8, 9, 10};
-  std::vector<std::byte> bytes(64, std::byte{0xEE});
-  std::memcpy(bytes.data(), &stored, sizeof stored);
-  const CalendarTime date{2023, 4, 0, 6};
-  for (std::size_t size = 0; size <= bytes.size(); ++size) {
-    SCOPED_TRACE(size);
-    // A copy of just this size, so that a read beyond it is seen.
-    const std::vector<std::byte> cut(bytes.begin(),
-                                     bytes.begin() + static_cast<std::ptrdiff_t>(size));
-    EXPECT_EQ(DateOfTimeStamp(cut), size < sizeof stored ? CalendarTime{} : date);
-  }
 }
 
 }  // namespace
