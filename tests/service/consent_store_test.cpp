@@ -77,24 +77,18 @@ TEST(ConsentStore, FollowsThePolicyInEveryCombination) {
   }
 }
 
-TEST(ConsentStore, AValueThatIsNoTextIsReportedAndCountsAsEmpty) {
+TEST(ConsentStore, AMissingValueIsSilentAndOneThatIsNoTextIsReported) {
   PrivatePolicy policy;
   LogCapture log;
+  EXPECT_EQ(ConsentStore::ReadRegistry(kPolicy, L"PCaaS"), L"");
+  EXPECT_EQ(ConsentStore::ReadRegistry(L"SOFTWARE\\Policies\\Vx\\Nothing", L"PCaaS"), L"");
+  EXPECT_THAT(log.Lines(), testing::IsEmpty());
   policy.SetNumber(L"PCaaS", 1);
   EXPECT_EQ(ConsentStore::ReadRegistry(kPolicy, L"PCaaS"), L"");
   EXPECT_THAT(log.Lines(),
               testing::ElementsAre(
                   L"error|Vx::Tessel::Server::ConsentStore::ReadRegistry - Checking consent failed "
                   L"due to unsupported registry type SOFTWARE\\Policies\\Vx\\Consent - PCaaS"));
-}
-
-TEST(ConsentStore, AMissingKeyOrValueIsEmptyAndSilent) {
-  PrivatePolicy policy;
-  LogCapture log;
-  EXPECT_EQ(ConsentStore::ReadRegistry(kPolicy, L"PCaaS"), L"");
-  EXPECT_EQ(ConsentStore::ReadRegistry(L"SOFTWARE\\Policies\\Vx\\Nothing", L"PCaaS"), L"");
-  EXPECT_EQ(ConsentStore::Apply(1), 1);
-  EXPECT_THAT(log.Lines(), testing::IsEmpty());
 }
 
 }  // namespace

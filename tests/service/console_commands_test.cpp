@@ -68,29 +68,32 @@ TEST_F(ConsoleCommandsTest, APackageIsInstalledWhenTheConsoleUserHasIt) {
   EXPECT_THAT(console.calls, IsEmpty());
 }
 
-TEST_F(ConsoleCommandsTest, AReasonThatWasSkippedStaysSkipped) {
-  const wchar_t* const request = L"{\"keyName\":\"a_reason\"}";
-  EXPECT_EQ(Execute(5, request).response, L"{\"result\":{\"skip\":false}}");
-  EXPECT_EQ(Execute(3, request).response, L"{\"result\":{\"setOperationOkay\":true}}");
-  EXPECT_EQ(Execute(5, request).response, L"{\"result\":{\"skip\":true}}");
-  EXPECT_EQ(Execute(5, L"{\"keyName\":\"another\"}").response, L"{\"result\":{\"skip\":false}}");
-  EXPECT_EQ(Execute(5, L"{}").response, L"{\"result\":{\"skip\":false}}");
-  EXPECT_EQ(Execute(5, L"{}").result, 0U);
-}
-
-TEST_F(ConsoleCommandsTest, TheRegistrationStateIsReadFromTheStore) {
-  EXPECT_EQ(Execute(2, L"{}").response, L"{\"result\":{\"registrationState\":99}}");
+TEST_F(ConsoleCommandsTest, EachQuestionHasItsAnswer) {
+  static constexpr struct {
+    std::uint32_t id;
+    const wchar_t* request;
+    const wchar_t* answer;
+  } kCases[] = {
+      {5, L"{\"keyName\":\"a_reason\"}", L"\"skip\":false"},
+      {3, L"{\"keyName\":\"a_reason\"}", L"\"setOperationOkay\":true"},
+      {5, L"{\"keyName\":\"a_reason\"}", L"\"skip\":true"},
+      {5, L"{\"keyName\":\"another\"}", L"\"skip\":false"},
+      {5, L"{}", L"\"skip\":false"},
+      // A machine without a lockdown library, registration data or a reason to launch.
+      {0, L"", L"\"sMode\":0"},
+      {4, L"{}", L"\"hasBeenInSMode\":false"},
+      {10, L"", L"\"startingPoint\":0"},
+      {8, L"", L"\"copied\":false"},
+      {2, L"{}", L"\"registrationState\":99"},
+  };
+  for (const auto& c : kCases) {
+    const Reply reply = Execute(c.id, c.request);
+    EXPECT_EQ(reply.result, 0U);
+    EXPECT_EQ(reply.response, std::wstring(L"{\"result\":{").append(c.answer).append(L"}}"));
+  }
   Tessel::Server::Storage::CapDataStore().persist("registration_full_sent", "skipped_uwp");
-  log.Clear();
   EXPECT_EQ(Execute(2, L"{}").response, L"{\"result\":{\"registrationState\":1}}");
   EXPECT_TRUE(log.Has(L"info|RegistrationState code to be returned is 1"));
-}
-
-TEST_F(ConsoleCommandsTest, AMachineWithoutALockdownLibraryIsNotInSMode) {
-  EXPECT_EQ(Execute(0, L"").response, L"{\"result\":{\"sMode\":0}}");
-  EXPECT_EQ(Execute(4, L"{}").response, L"{\"result\":{\"hasBeenInSMode\":false}}");
-  EXPECT_EQ(Execute(10, L"").response, L"{\"result\":{\"startingPoint\":0}}");
-  EXPECT_EQ(Execute(8, L"").response, L"{\"result\":{\"copied\":false}}");
 }
 
 TEST_F(ConsoleCommandsTest, TheCompanionAppIsStartedWithTheParameterOfTheRequest) {
@@ -176,23 +179,20 @@ TEST_F(ConsoleCommandsTest, AStoredListThatCannotBeReadIsWhatCommand7Answers) {
   EXPECT_EQ(StoredPackageRequests(), L"no list");
 }
 
-TEST_F(ConsoleCommandsTest, APackageSubscriptionThatIsStoredAlreadyStays) {
-  const std::wstring request = PackageRequest(7, 1);
-  EXPECT_EQ(Execute(7, request.c_str()).result, 0U);
-  EXPECT_EQ(Execute(7, request.c_str()).result, 0x20000009U);
-  EXPECT_TRUE(log.Has(
-      L"error|OrvaneService - RegisterAppPackageEvent threw hresult_error: Message: the same "
-      L"subscription, the delay apart, is stored already, Code: 1"));
-  EXPECT_EQ(StoredPackageRequests(), L"[" + request + L"]");
-}
-
-TEST_F(ConsoleCommandsTest, APackageSubscriptionStaysStoredAfterAStandardException) {
+TEST_F(ConsoleCommandsTest, APackageSubscriptionStaysThatIsRepeatedOrEndsInAStandardException) {
+  const std::wstring other = PackageRequest(5, 1);
+  EXPECT_EQ(Execute(7, other.c_str()).result, 0U);
   const std::wstring request = PackageRequest(7, 1);
   console.FailCall(0);
   EXPECT_EQ(Execute(7, request.c_str()).result, 0x20000008U);
-  ASSERT_THAT(console.calls, ElementsAre("FindForAllUsers"));
+  EXPECT_THAT(console.calls, ElementsAre("FindForAllUsers"));
   EXPECT_TRUE(log.Has(L"error|OrvaneService - RegisterAppPacakgeEvent threw refused"));
-  EXPECT_EQ(StoredPackageRequests(), L"[" + request + L"]");
+  EXPECT_EQ(Execute(7, request.c_str()).result, 0x20000009U);
+  EXPECT_THAT(
+      log.Lines(),
+      Contains(L"error|OrvaneService - RegisterAppPackageEvent threw hresult_error: Message: "
+               L"the same subscription, the delay apart, is stored already, Code: 1"));
+  EXPECT_EQ(StoredPackageRequests(), L"[" + other + L"," + request + L"]");
 }
 
 }  // namespace

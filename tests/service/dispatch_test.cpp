@@ -72,22 +72,9 @@ TEST_F(DispatchTest, ANullContextRequestOrResponseIsRefusedBeforeParsing) {
 TEST_F(DispatchTest, OnlyCommandsWithoutArgumentsAcceptWhatIsNoJson) {
   static const std::wstring kTexts[] = {
       L"",
-      L" ",
       L"{",
-      L"{}{}",
-      L"{'a':1}",
-      L"{\"a\":1,}",
-      L"// comment\n{}",
       L"{\"a\":\"\\uDC00\"}",
-      L"{\"a\":\"\\uD800\"}",
-      L"{\"a\":\"\xd800\"}",
-      L"{\"a\":\"\x0001\"}",
-      L"1e400",
-      L"nul",
       std::wstring(100000, L'['),
-      std::wstring(100000, L'[') + std::wstring(100000, L']'),
-      std::wstring(129, L'[') + std::wstring(129, L']'),
-      L"{\"commandParams\":" + std::wstring(100000, L'[') + std::wstring(100000, L']') + L"}",
       L"\"" + std::wstring(std::size_t{1} << 20, L'x') + L"\"",
   };
   for (std::uint32_t id = 0; id < 25; ++id) {
@@ -104,38 +91,18 @@ TEST_F(DispatchTest, OnlyCommandsWithoutArgumentsAcceptWhatIsNoJson) {
 TEST_F(DispatchTest, AValidRequestThatLooksOddIsAnswered) {
   static const std::wstring kTexts[] = {
       L"null",
-      L"7",
       L"[]",
       L" {} ",
-      L"{\"a\":1,\"a\":2}",
-      L"{\"a\":\"\\u0000\"}",
-      L"{\"a\":\"\\uD83D\\uDE00\"}",
-      L"{\"a\":1e-400}",
-      L"{\"a\":-" + std::wstring(300, L'9') + L"}",
-      L"{\"a\":0." + std::wstring(5000, L'3') + L"}",
+      L"{\"a\":\"\\uD83D\\uDE00\\u0000\",\"a\":1e-400}",
       std::wstring(128, L'[') + std::wstring(128, L']'),
   };
   for (const std::wstring& text : kTexts) {
     SCOPED_TRACE(testing::PrintToString(text.substr(0, 30)));
     EXPECT_EQ(Execute(22, text.c_str()).response, L"{\"result\":{\"getVersion\":\"1.73.4044.0\"}}");
-    EXPECT_THAT(Execute(12, text.c_str()).response, L"{\"result\":{\"launched\":false}}");
     EXPECT_EQ(Execute(13, text.c_str()).result, kFailed);
-    EXPECT_EQ(Execute(23, text.c_str()).result, kUnsupported);
-  }
-}
-
-TEST_F(DispatchTest, AnUnknownIdIsReportedAndAnsweredWithAnEmptyObject) {
-  for (const std::uint32_t id : {1U, 23U, 24U, 0x80000000U, 0xFFFFFFFFU}) {
-    SCOPED_TRACE(id);
-    log.Clear();
-    const Reply reply = Execute(id, L"{}");
-    EXPECT_EQ(reply.result, kUnsupported);
-    EXPECT_EQ(reply.response, L"{}");
-    EXPECT_TRUE(
-        log.Has(L"error|class Vx::Tessel::Server::Services::Orvane::OrvaneService."
-                L"ExecuteCommand - Unsupported Function call " +
-                std::to_wstring(static_cast<int>(id))));
-    EXPECT_THAT(log.Callers(), testing::Each(L"client"));
+    const Reply unknown = Execute(23, text.c_str());
+    EXPECT_EQ(unknown.result, kUnsupported);
+    EXPECT_EQ(unknown.response, L"{}");
   }
 }
 
@@ -150,6 +117,8 @@ TEST_F(DispatchTest, EachRefusalSaysWhichIdAndKeyAndWhatWasWrong) {
       {13, L"{\"launched\":1}", L"function id 13: launched is not a boolean (result 0x20000002)"},
       {9, L"{", L"function id 9: message is not valid JSON (result 0x20000003)"},
       {9, nullptr, L"function id 9: message is null (result 0x20000002)"},
+      {1, L"{}", L"Unsupported Function call 1"},
+      {0xFFFFFFFF, L"{}", L"Unsupported Function call -1"},
       {99, L"{}", L"function id 99: functionId names no command (result 0x20000001)"},
       {6, L"{}", L"function id 6: packageFamilyName is missing (result 0x00000000)"},
       {9, L"{}",
@@ -165,6 +134,8 @@ TEST_F(DispatchTest, EachRefusalSaysWhichIdAndKeyAndWhatWasWrong) {
     const std::wstring line =
         L"error|class Vx::Tessel::Server::Services::Orvane::OrvaneService.ExecuteCommand - ";
     EXPECT_THAT(log.Lines(), Contains(line + c.line).Times(1));
+    EXPECT_EQ(log.Callers().front(), L"client");
+    EXPECT_EQ(log.Callers().back(), L"client");
   }
 }
 
@@ -206,15 +177,12 @@ TEST_F(DispatchTest, SubscriptionsThatDoNotFitIntoAResponseAreAFailureWithoutAnA
   EXPECT_THAT(log.Lines(), Contains(HasSubstr(L"function id 20: request failed: the stored ")));
 }
 
-TEST_F(DispatchTest, TheSleepStateIsWhatAnotherServiceStored) {
+TEST_F(DispatchTest, TheStoreIsSharedWithOtherServices) {
   EXPECT_EQ(Execute(21, L"{}").response, L"{\"result\":{\"sleepState\":0}}");
   CapDataStore().persist("sleep_state", BsonElement::Int32(-4));
   EXPECT_EQ(Execute(21, L"{}").response, L"{\"result\":{\"sleepState\":-4}}");
-  CapDataStore().persist("sleep_state", BsonElement::Text(std::string_view("4")));
+  CapDataStore().persist("sleep_state", "4");
   EXPECT_EQ(Execute(21, L"{}").response, L"{\"result\":{\"sleepState\":0}}");
-}
-
-TEST_F(DispatchTest, APolicyChangeIsMarkedInTheStore) {
   EXPECT_EQ(Execute(16, L"{}").response, L"{}");
   EXPECT_EQ(CapDataStore().readText("orvane_service_policy_changed_event"), L"yes");
 }

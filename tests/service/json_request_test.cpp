@@ -1,9 +1,6 @@
 #include "service/json_request.h"
 
-#include <initializer_list>
 #include <string>
-#include <string_view>
-#include <vector>
 
 #include <gmock/gmock.h>
 
@@ -14,7 +11,6 @@ namespace {
 
 using namespace Tessel::Server::Services::Orvane;  // NOLINT(google-build-using-namespace)
 using testing::ElementsAre;
-using testing::ElementsAreArray;
 using testing::IsEmpty;
 
 const std::wstring kClass = L"warning|class Vx::Tessel::Server::Services::Orvane::OrvaneService.";
@@ -33,81 +29,56 @@ class JsonRequestTest : public testing::Test {
   LogCapture log;
 };
 
-TEST_F(JsonRequestTest, EveryReaderReportsWhatIsWrongInTheSameWords) {
-  struct Reader {
-    std::wstring name;
-    const wchar_t* key;
-    const wchar_t* resultName;
-    std::wstring (*read)(const Json::WideDocument*, const RequestCaller&);
+TEST_F(JsonRequestTest, ATextIsReadOrWhatIsWrongIsSaidInTheSameWords) {
+  static constexpr struct {
+    const wchar_t* request;
+    const wchar_t* value;
+    const wchar_t* warning;
+  } kCases[] = {
+      {L"{\"parameter\":\"\"}", L"", nullptr},
+      {L"{\"parameter\":\"first\",\"parameter\":\"second\"}", L"first", nullptr},
+      {L"{\"parameter\":\"before\\u0000after\"}", L"before", nullptr},
+      {L"{\"parameter\\u0000\":\"text\"}", L"", L"GetJsonValue - document missing key parameter"},
+      {L"[]", L"", L"GetJsonValue - document missing key parameter"},
+      {L"not JSON", L"", L"GetJsonValue - document missing key parameter"},
+      {L"{\"parameter\":null}", L"", L"GetJsonValue - parameter cannot be null"},
+      {L"{\"parameter\":7}", L"",
+       L"ParseJsonValue - parameter is invalid type expected 5 result 6"},
+      {L"{\"parameter\":false}", L"",
+       L"ParseJsonValue - parameter is invalid type expected 5 result 1"},
+      {L"{\"parameter\":{}}", L"",
+       L"ParseJsonValue - parameter is invalid type expected 5 result 3"},
   };
-  static const Reader kReaders[] = {
-      {L"SkipAutoLaunchCriteriaRequest", L"keyName", L"parsed_key_name",
-       [](const Json::WideDocument* request, const RequestCaller& on) {
-         const std::string text = SkipAutoLaunchCriteriaRequest(request, on);
-         return std::wstring(text.begin(), text.end());
-       }},
-      {L"LaunchQuboWithParameterRequest", L"parameter", L"parsed_parameter",
-       &LaunchQuboWithParameterRequest},
-      {L"IsUwpInstalledRequest", L"packageFamilyName", L"parsed_package_family_name",
-       &IsUwpInstalledRequest},
-  };
-  for (const Reader& reader : kReaders) {
-    SCOPED_TRACE(testing::PrintToString(reader.name));
-    const std::wstring key = reader.key;
-    const auto text = [](std::initializer_list<std::wstring_view> parts) {
-      std::wstring whole;
-      for (const std::wstring_view part : parts) whole.append(part);
-      return whole;
-    };
-    const auto with = [&](const wchar_t* value) {
-      return text({L"{\"", key, L"\":", value, L"}"});
-    };
-    const auto type = [&](const wchar_t* found) {
-      return text(
-          {kClass, L"ParseJsonValue - ", key, L" is invalid type expected 5 result ", found});
-    };
-    const std::wstring missing = text({kClass, L"GetJsonValue - document missing key ", key});
-    const struct {
-      std::wstring request;
-      std::wstring value;
-      std::wstring warning;
-    } kCases[] = {
-        {with(L"\"text\""), L"text", L""},
-        {with(L"\"\""), L"", L""},
-        {text({L"{\"", key, L"\":\"first\",\"", key, L"\":\"second\"}"}), L"first", L""},
-        {with(L"\"before\\u0000after\""), L"before", L""},
-        {L"{}", L"", missing},
-        {L"[]", L"", missing},
-        {L"not JSON", L"", missing},
-        {text({L"{\"", key, L"\\u0000\":\"text\"}"}), L"", missing},
-        {with(L"null"), L"", text({kClass, L"GetJsonValue - ", key, L" cannot be null"})},
-        {with(L"7"), L"", type(L"6")},
-        {with(L"false"), L"", type(L"1")},
-        {with(L"{}"), L"", type(L"3")},
-        {with(L"[]"), L"", type(L"4")},
-    };
-    for (const auto& c : kCases) {
-      SCOPED_TRACE(testing::PrintToString(c.request));
-      log.Clear();
-      problem = {};
-      EXPECT_EQ(reader.read(Parse(c.request.c_str()), caller), c.value);
-      std::vector<std::wstring> lines;
-      if (!c.warning.empty()) {
-        lines = {c.warning,
-                 text({kClass, reader.name, L" - ", reader.resultName, L" cannot be null"})};
-      }
-      EXPECT_THAT(log.Lines(), ElementsAreArray(lines));
+  for (const auto& c : kCases) {
+    SCOPED_TRACE(testing::PrintToString(c.request));
+    log.Clear();
+    EXPECT_EQ(LaunchQuboWithParameterRequest(Parse(c.request), caller), c.value);
+    if (c.warning == nullptr) {
+      EXPECT_THAT(log.Lines(), IsEmpty());
+      EXPECT_EQ(problem.key, nullptr);
+    } else {
+      EXPECT_THAT(log.Lines(),
+                  ElementsAre(kClass + c.warning, kClass + L"LaunchQuboWithParameterRequest - "
+                                                           L"parsed_parameter cannot be null"));
       EXPECT_THAT(log.Callers(), testing::Each(L"client"));
-      EXPECT_EQ(problem.key == nullptr ? std::wstring() : problem.key,
-                c.warning.empty() ? L"" : key);
+      EXPECT_STREQ(problem.key, L"parameter");
     }
   }
 }
 
-TEST_F(JsonRequestTest, AKeyNameBecomesUtf8) {
+TEST_F(JsonRequestTest, TheOtherReadersHaveAKeyAndWordsOfTheirOwn) {
+  EXPECT_EQ(IsUwpInstalledRequest(Parse(L"{\"packageFamilyName\":\"f\"}"), caller), L"f");
   EXPECT_EQ(
       SkipAutoLaunchCriteriaRequest(Parse(L"{\"keyName\":\"\x00e4\x20ac\xd83d\xde00\"}"), caller),
       "\xc3\xa4\xe2\x82\xac\xf0\x9f\x98\x80");
+  EXPECT_EQ(IsUwpInstalledRequest(Parse(L"{}"), caller), L"");
+  EXPECT_EQ(SkipAutoLaunchCriteriaRequest(Parse(L"{}"), caller), "");
+  EXPECT_THAT(
+      log.Lines(),
+      ElementsAre(kClass + L"GetJsonValue - document missing key packageFamilyName",
+                  kClass + L"IsUwpInstalledRequest - parsed_package_family_name cannot be null",
+                  kClass + L"GetJsonValue - document missing key keyName",
+                  kClass + L"SkipAutoLaunchCriteriaRequest - parsed_key_name cannot be null"));
 }
 
 TEST_F(JsonRequestTest, LaunchedIsReadFromEitherBooleanOnly) {

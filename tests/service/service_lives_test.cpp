@@ -104,9 +104,10 @@ class Diary {
 class TimedOobe final : public Platform::Oobe {
  public:
   explicit TimedOobe(const Simulator::VirtualClock& timeOf) : clock(timeOf) {}
-  State Query() const override { return {true, clock.Elapsed() >= ends}; }
+  State Query() const override { return {known, clock.Elapsed() >= ends}; }
 
   std::chrono::milliseconds ends{0};
+  bool known = true;
 
  private:
   const Simulator::VirtualClock& clock;
@@ -254,6 +255,32 @@ TEST_F(ServiceLivesTest, TheFirstBootRunsFromOobeToTheLaunchAnHourLater) {
   EXPECT_TRUE(store.readBool(kTold, false));
   EXPECT_EQ(store.readInt64(kBootTime), kPowerOnUnix);
   EXPECT_EQ(store.readDocument(kDocument).Find(kFirstMode)->AsInt32(), 2);
+}
+
+TEST_F(ServiceLivesTest, OobeThatDoesNotEndIsReportedOnceAMinute) {
+  oobe.ends = 10'000h;
+  host.service->Start();
+  clock.Advance(60s);
+  oobe.ends = 0s;
+  oobe.known = false;  // a failed query proves nothing
+  clock.Advance(130s);
+  Lines expected;
+  for (const int minute : {0, 1, 2, 3}) {
+    expected.push_back(std::to_wstring(60 * minute) + L" info|OrvaneService: OOBE not completed: " +
+                       (minute < 2 ? L"0" : L"1"));
+  }
+  EXPECT_EQ(diary.Take(), expected);
+  EXPECT_EQ(clock.Workers(), 1U);
+  EXPECT_EQ(StoreBytes(), "");
+}
+
+TEST_F(ServiceLivesTest, AThreadThatCannotBeMadeIsLoggedAndCommandsStillWork) {
+  Simulator::FaultInjection faults;
+  const Platform::MachineScope faulty([&](Platform::Machine& machine) { faults.Install(machine); });
+  faults.FailNamed("Threads.Start");
+  host.service->Start();
+  EXPECT_THAT(diary.Take(), ElementsAre(testing::HasSubstr(L"OrvaneService.Start threw")));
+  EXPECT_EQ(host.Execute(22, L"{}").result, 0U);
 }
 
 TEST_F(ServiceLivesTest, TwoHoursWithoutAUserDoNotKeepTheCompanionAppUninformed) {
