@@ -9,11 +9,11 @@
 
 #include <windows.h>
 
-#include "support/fake_app_services.h"
 #include "events/package_event_request.h"
 #include "host/logging.h"
 #include "platform/hresult_error.h"
 #include "platform/machine.h"
+#include "support/fake_app_services.h"
 #include "support/log_capture.h"
 #include "support/probe.h"
 #include "support/stand_in_logon.h"

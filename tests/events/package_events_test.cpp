@@ -13,7 +13,6 @@
 
 #include <windows.h>
 
-#include "support/fake_app_services.h"
 #include "events/fake_package_catalog.h"
 #include "events/package_event_manager.h"
 #include "events/package_event_request.h"
@@ -21,8 +20,8 @@
 #include "platform/machine.h"
 #include "simulator/virtual_clock.h"
 #include "storage/request_manager.h"
+#include "support/fake_app_services.h"
 #include "support/fake_console.h"
-#include "support/handle_gauge.h"
 #include "support/log_capture.h"
 #include "support/temp_folder.h"
 
@@ -263,19 +262,6 @@ TEST_F(PackageEventTest, ANotificationMayOutliveItsEvent) {
   EXPECT_EQ(polls, 3);
   EXPECT_THAT(services.Sent(), IsEmpty());
   EXPECT_THAT(log.Lines(), ElementsAre(kInvoked));
-}
-
-TEST_F(PackageEventTest, LeavesNoHandleOpen) {
-  const auto round = [this] {
-    Register(Notifying(L"5"));
-    Register(Notifying(L"5", L"Gone"));
-    Manager::clear_events();
-  };
-  round();
-  const auto before = Tests::HandleGauge();
-  for (int i = 0; i < 50; ++i) round();
-  // Values are four apart, and the clock keeps some handles of its own.
-  EXPECT_LE(Tests::HandleGauge(), before + 100);
 }
 
 class StoredPackageEventTest : public PackageEventTest {

@@ -14,7 +14,6 @@
 
 #include <windows.h>
 
-#include "support/fake_app_services.h"
 #include "events/power_events.h"
 #include "events/zephra_events.h"
 #include "platform/machine.h"
@@ -23,6 +22,7 @@
 #include "simulator/virtual_clock.h"
 #include "storage/cap_data_store.h"
 #include "storage/request_manager.h"
+#include "support/fake_app_services.h"
 #include "support/log_capture.h"
 #include "support/temp_folder.h"
 

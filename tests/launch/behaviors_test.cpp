@@ -248,7 +248,8 @@ TEST_F(RegistrationDataTest, TouchesFilesOnlyWithTheUsersRights) {
     ++accesses;
     EXPECT_TRUE(console.acting);
   };
-  const Platform::MachineScope inserted([&](Platform::Machine& machine) { machine.files = &files; });
+  const Platform::MachineScope inserted(
+      [&](Platform::Machine& machine) { machine.files = &files; });
   EXPECT_TRUE(CopyRegistrationData(L"client", logger));
   EXPECT_EQ(accesses, 3);
   EXPECT_FALSE(console.acting);

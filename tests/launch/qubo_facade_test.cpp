@@ -1,7 +1,6 @@
 #include "launch/qubo_facade.h"
 
 #include <filesystem>
-#include <functional>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -11,14 +10,10 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "launch/aurelo.h"
-#include "launch/registration_data.h"
 #include "launch/resume_world.h"
-#include "launch/software_check_behaviors.h"
 #include "platform/machine.h"
 #include "support/fake_app_services.h"
 #include "support/fake_console.h"
-#include "support/handle_gauge.h"
 #include "support/log_capture.h"
 #include "support/private_local_machine.h"
 #include "support/probe.h"
@@ -33,7 +28,6 @@ using ::testing::Contains;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 using ::testing::SizeIs;
-using Tests::FakeConsole;
 
 constexpr wchar_t kQuboFamily[] = L"7C3B9E40.Qubo_r4x2m8kq7tn3b";
 constexpr wchar_t kLumoFamily[] = L"7C3B9E40.VxLumos_r4x2m8kq7tn3b";
@@ -69,7 +63,7 @@ class QuboFacadeTest : public ::testing::Test {
   QuboFacadeTest() { console.installed = {{kQuboFamily, kQuboName}, {kLumoFamily, kLumoName}}; }
 
   Tests::PrivateStore store;
-  FakeConsole console;
+  Tests::FakeConsole console;
   Platform::MachineScope scope{[this](Platform::Machine& machine) { console.Install(machine); }};
   Tests::LogCapture log;
 };
@@ -315,50 +309,6 @@ TEST_F(QuboFacadeTest, AParameterReachesTheStartedAppAsItWasGiven) {
               ElementsAre(L"one", L"two three", L"&", L"\u00E4", L"C:\\evil.exe"));
   EXPECT_EQ(report->workingDirectory, profile / kQuboName);
   EXPECT_EQ(report->commandLine, L"\"" + (aliases / "Qubo.exe").wstring() + L"\" " + parameter);
-}
-
-// Every operation that acts as the user, with each call that Windows can refuse failing in turn,
-// once with an error and once with an exception where there may be one.
-TEST_F(QuboFacadeTest, TheThreadIsItselfAgainWhicheverCallFails) {
-  std::wstring text;
-  const std::pair<const char*, std::function<void()>> operations[] = {
-      {"user name", [&] { QuboFacade().GetCurrentUserName(text); }},
-      {"package name", [&] { QuboFacade().GetPackageFullName(text); }},
-      {"registration", [] { QuboFacade().RegisterApp(); }},
-      {"launch", [] { QuboFacade().LaunchUwpWithParameter(L"x"); }},
-      {"resume", [] { QuboFacade().LaunchUwpWhenComingBackFromSleepIfNeeded(); }},
-      {"assistant's package", [] { SentraSoftwareCheckBehavior().IsUwpInstalled(); }},
-      {"version", [] { QuboFacade().IsStubClient(); }},
-      {"registration data",
-       [] { CopyRegistrationData(L"client", *Logging::LogManager::GetLogger()); }},
-      {"AI-experience app", [] { Aurelo::AureloFacade().LaunchUwpForOobe(); }},
-  };
-  console.staged = {kQuboName};
-  console.installed[L"7C3B9E40.AureloCenter_r4x2m8kq7tn3b"] = L"Aurelo_1";
-  console.installed.erase(kQuboFamily);  // so that the second of each two is asked for as well
-  for (const auto& [name, run] : operations) {
-    for (const bool thrown : {false, true}) {
-      console.registered.clear();
-      console.FailCall(FakeConsole::kNever);
-      run();
-      const std::size_t count = console.calls.size();
-      ASSERT_GT(count, 2U) << name;
-      const std::uintptr_t handles = Tests::HandleGauge();
-      for (std::size_t call = 0; call < count; ++call) {
-        SCOPED_TRACE(::testing::Message() << name << ", call " << call << " of " << count);
-        console.impersonations = 0;
-        console.reverts = 0;
-        console.registered.clear();
-        console.FailCall(call, thrown);
-        EXPECT_NO_THROW(run());
-        const bool revertFails = call < console.calls.size() && console.calls[call] == "Revert";
-        EXPECT_EQ(console.reverts, console.impersonations);
-        EXPECT_EQ(console.acting && !revertFails, false);
-        console.acting = false;
-      }
-      EXPECT_EQ(Tests::HandleGauge(), handles);
-    }
-  }
 }
 
 }  // namespace

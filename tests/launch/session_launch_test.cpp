@@ -12,11 +12,10 @@
 #include <utility>
 #include <vector>
 
-#include "platform/environment.h"
 #include "platform/kernel_objects.h"
 #include "platform/machine.h"
-#include "platform/processes.h"
 #include "platform/sessions.h"
+#include "support/fake_console.h"
 #include "support/probe.h"
 #include "support/stand_in_logon.h"
 #include "support/temp_folder.h"
@@ -32,6 +31,7 @@ using Platform::MachineScope;
 using Platform::RawHandle;
 using Platform::Result;
 using Platform::UniqueHandle;
+using testing::IsEmpty;
 using testing::SizeIs;
 
 constexpr ErrorCode kDenied = 5;
@@ -43,15 +43,9 @@ struct RunningProcess {
   std::optional<std::uint32_t> session;
 };
 
-// A machine with the processes that a test names, and with an environment of its own.
-class FakeMachine final : public Platform::Processes, public Platform::Environment {
+// A console with the processes that a test names.
+class FakeMachine final : public Tests::FakeConsole {
  public:
-  Result<std::uint32_t> Start(RawHandle token, const Platform::ProcessStart& start) override {
-    EXPECT_NE(token, nullptr);
-    starts.push_back(start);
-    if (startError != 0) return Result<std::uint32_t>::Failure(startError);
-    return std::uint32_t{4711};
-  }
   std::vector<std::uint32_t> Ids(std::size_t limit) const override {
     std::vector<std::uint32_t> ids;
     for (const auto& process : running) ids.push_back(process.id);
@@ -65,11 +59,9 @@ class FakeMachine final : public Platform::Processes, public Platform::Environme
     if (tokenError != 0) return Result<UniqueHandle>::Failure(tokenError);
     return *Platform::WindowsMachine().kernelObjects->MakeManualEvent({});
   }
-
-  Result<std::wstring> Expand(const std::wstring& text, std::size_t) const override { return text; }
-  Result<std::wstring> ExpandForUser(RawHandle, const std::wstring& text,
-                                     std::size_t) const override {
-    return text;
+  Result<std::uint32_t> Start(RawHandle token, const Platform::ProcessStart& start) override {
+    EXPECT_NE(token, nullptr);
+    return FakeConsole::Start(token, start);
   }
   Result<std::vector<wchar_t>> Block(RawHandle token) const override {
     EXPECT_EQ(token, nullptr);
@@ -81,9 +73,6 @@ class FakeMachine final : public Platform::Processes, public Platform::Environme
   std::wstring_view block = L"LOCALAPPDATA=C:\\s\\AppData\\Local\0\0"sv;
   ErrorCode tokenError = 0;
   ErrorCode blockError = 0;
-  ErrorCode startError = 0;
-
-  std::vector<Platform::ProcessStart> starts;
   mutable std::vector<std::uint32_t> tokensAsked;
 
  private:
@@ -100,10 +89,7 @@ class SessionLaunchTest : public testing::Test {
   }
 
   FakeMachine fake;
-  MachineScope scope{[this](Machine& machine) {
-    machine.processes = &fake;
-    machine.environment = &fake;
-  }};
+  MachineScope scope{[this](Machine& machine) { fake.Install(machine); }};
   std::uint32_t processId = 0;
 };
 
@@ -132,33 +118,35 @@ TEST_F(SessionLaunchTest, TakesTheTokenOfTheFirstLogonProcessOfTheSession) {
     EXPECT_EQ(Launch() != 0, !c.tokens.empty());
     EXPECT_EQ(fake.tokensAsked, c.tokens);
   }
-  EXPECT_THAT(fake.starts, SizeIs(2));
+  EXPECT_THAT(fake.started, SizeIs(2));
 }
 
 TEST_F(SessionLaunchTest, StartsTheProgramInItsOwnFolderWithTheSystemsEnvironment) {
   EXPECT_NE(Launch(L"a \"b"), 0);
-  EXPECT_EQ(processId, 4711U);
-  ASSERT_FALSE(fake.starts.empty());
-  EXPECT_EQ(fake.starts[0].application, kProgram);
-  EXPECT_EQ(fake.starts[0].commandLine, L"\"C:\\Program Files\\Tool\\tool.exe\" a \"b");
-  EXPECT_EQ(fake.starts[0].workingDirectory, L"C:\\Program Files\\Tool");
-  EXPECT_EQ(fake.starts[0].environment, std::vector<wchar_t>(fake.block.begin(), fake.block.end()));
+  EXPECT_EQ(processId, 42U);
+  ASSERT_FALSE(fake.started.empty());
+  EXPECT_EQ(fake.started[0].application, kProgram);
+  EXPECT_EQ(fake.started[0].commandLine, L"\"C:\\Program Files\\Tool\\tool.exe\" a \"b");
+  EXPECT_EQ(fake.started[0].workingDirectory, L"C:\\Program Files\\Tool");
+  EXPECT_EQ(fake.started[0].environment,
+            std::vector<wchar_t>(fake.block.begin(), fake.block.end()));
 
   ASSERT_NE(Launch({}, L"App_abc"), 0);  // a packaged app has data folders of its own
   const auto moved =
       L"LOCALAPPDATA=C:\\s\\AppData\\Local\\Packages\\App_abc\\LocalCache\\Local\0\0"sv;
-  EXPECT_EQ(fake.starts[1].environment, std::vector<wchar_t>(moved.begin(), moved.end()));
+  EXPECT_EQ(fake.started[1].environment, std::vector<wchar_t>(moved.begin(), moved.end()));
 }
 
 TEST_F(SessionLaunchTest, AnswersZeroWithoutATokenAnEnvironmentOrAStart) {
-  static constexpr ErrorCode FakeMachine::*kFailures[] = {
-      &FakeMachine::tokenError, &FakeMachine::blockError, &FakeMachine::startError};
-  for (const auto failure : kFailures) {
+  fake.notStarting = {kProgram};
+  EXPECT_EQ(Launch(), 0);
+  fake.notStarting.clear();
+  for (const auto failure : {&FakeMachine::tokenError, &FakeMachine::blockError}) {
     fake.*failure = kDenied;
     EXPECT_EQ(Launch(), 0);
     fake.*failure = 0;
   }
-  EXPECT_THAT(fake.starts, SizeIs(1));  // the one that failed
+  EXPECT_THAT(fake.started, IsEmpty());
   EXPECT_EQ(processId, 0U);
 }
 
