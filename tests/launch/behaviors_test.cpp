@@ -23,6 +23,7 @@
 #include "support/fake_console.h"
 #include "support/log_capture.h"
 #include "support/private_local_machine.h"
+#include "support/registration_files.h"
 #include "support/temp_folder.h"
 
 namespace Vx::Tessel::Server::Services::Orvane {
@@ -31,7 +32,6 @@ namespace {
 using State = RegistrationHelper::RegistrationState;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
-using Tests::FakeConsole;
 using Tests::TempFolder;
 
 constexpr wchar_t kSentra[] = L"7C3B9E40.SentraAssistant_r4x2m8kq7tn3b";
@@ -46,7 +46,7 @@ class BehaviorTest : public ::testing::Test {
   Tests::PrivateStore store;
   TempFolder programs;
   Tests::EnvironmentOverride programFiles{L"ProgramFiles", programs.Path().wstring()};
-  FakeConsole console;
+  Tests::FakeConsole console;
   Platform::MachineScope scope{[this](Platform::Machine& machine) { console.Install(machine); }};
   Tests::LogCapture log;
 };
@@ -159,30 +159,27 @@ TEST_F(WindowsModeCheckTest, SaysThatTheStoreCannotBeOpened) {
 using McAfeeHelperTest = BehaviorTest;
 
 TEST_F(McAfeeHelperTest, SaysWhichStepFailed) {
-  static constexpr wchar_t kActing[] = L"info|Attempting to impersonate logged in user.";
   static const struct {
     std::size_t failing;
-    std::vector<std::wstring> lines;
-    bool expanded;
+    const wchar_t* line;
+    const wchar_t* expanded;
   } kCases[] = {
-      {0, {kActing, L"warning|Problem while querying user's access token."}, false},
-      {1, {kActing, L"warning|Problem while duplicating the user's access token."}, false},
-      {2, {kActing, L"warning|Problem while impersonating logged in user."}, false},
-      {3, {kActing, L"warning|Problem while expanding path."}, false},
-      {4, {kActing, L"error|Problem while reverting the impersonation."}, true},
-      {FakeConsole::kNever, {kActing}, true},
+      {0, L"warning|Problem while querying user's access token.", L""},
+      {3, L"warning|Problem while expanding path.", L""},
+      {4, L"error|Problem while reverting the impersonation.",
+       L"C:\\Users\\ann\\AppData\\Roaming\\x"},
   };
   for (const auto& c : kCases) {
-    SCOPED_TRACE(c.failing);
     log.Clear();
     console.FailCall(c.failing);
     std::wstring expanded;
-    EXPECT_EQ(McAfeeHelper().expand_path_impersonated_as_loggedin_user(L"%AppData%\\x", expanded),
-              c.expanded);
-    EXPECT_EQ(expanded, c.expanded ? L"C:\\Users\\ann\\AppData\\Roaming\\x" : L"");
-    EXPECT_EQ(log.Lines(), c.lines);
+    const bool done =
+        McAfeeHelper().expand_path_impersonated_as_loggedin_user(L"%AppData%\\x", expanded);
+    EXPECT_NE(done, expanded.empty());
+    EXPECT_EQ(expanded, c.expanded);
+    EXPECT_THAT(log.Lines(),
+                ElementsAre(L"info|Attempting to impersonate logged in user.", c.line));
   }
-  EXPECT_THAT(console.expansionLimits, ElementsAre(520));
 }
 
 TEST_F(McAfeeHelperTest, NeedsAConsoleAndSessions) {
@@ -202,46 +199,11 @@ TEST_F(McAfeeHelperTest, NeedsAConsoleAndSessions) {
 
 class RegistrationDataTest : public BehaviorTest {
  protected:
-  RegistrationDataTest() {
-    console.userVariables = {{L"%programdata%", machineData.Path().wstring()},
-                             {L"%AppData%", userData.Path().wstring()}};
-    std::filesystem::create_directories(machineData.Path() / "Vx" / "Registration");
-  }
-
-  void WriteSource(const std::string& content) const {
-    std::ofstream(Source(), std::ios::binary) << content;
-  }
-  std::filesystem::path Source() const {
-    return machineData.Path() / "Vx" / "Registration" / "registration_subset.xml";
-  }
-  std::filesystem::path Destination() const {
-    return userData.Path() / "Vx" / "Vx Setup" / "REGDATA" / "RegistrationSubset.xml";
-  }
-  std::string Copied() const {
-    std::ifstream file(Destination(), std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
-  }
-
-  TempFolder machineData;
-  TempFolder userData;
+  Tests::RegistrationFiles data{console};
   const Logging::TraceLogger& logger = *Logging::LogManager::GetLogger();
 };
 
-TEST_F(RegistrationDataTest, CopiesTheMachinesDataOverTheUsers) {
-  const std::string content("\xFF\xFE<\0x\0\r\n\0\x1A", 9);
-  WriteSource(content);
-  std::filesystem::create_directories(Destination().parent_path());
-  std::ofstream(Destination()) << "older and longer than what comes";
-  EXPECT_TRUE(CopyRegistrationData(L"client", logger));
-  EXPECT_EQ(Copied(), content);
-  WriteSource("second");
-  EXPECT_TRUE(RefreshRegistrationData(logger));
-  EXPECT_EQ(Copied(), "second");
-}
-
-TEST_F(RegistrationDataTest, TouchesFilesOnlyWithTheUsersRights) {
-  WriteSource("x");
-  std::filesystem::create_directories(Destination().parent_path());
+TEST_F(RegistrationDataTest, CopiesTheMachinesDataOverTheUsersWithTheUsersRightsAlone) {
   Tests::FaultyFiles files;
   int accesses = 0;
   files.onContent = [&] {
@@ -250,36 +212,37 @@ TEST_F(RegistrationDataTest, TouchesFilesOnlyWithTheUsersRights) {
   };
   const Platform::MachineScope inserted(
       [&](Platform::Machine& machine) { machine.files = &files; });
+  const std::string content("\xFF\xFE<\0x\0\r\n\0\x1A", 9);
+  data.WriteSource(content);
+  std::ofstream(data.Destination()) << "older and longer than what comes";
   EXPECT_TRUE(CopyRegistrationData(L"client", logger));
-  EXPECT_EQ(accesses, 3);
+  EXPECT_EQ(data.Copied(), content);
+  data.WriteSource("second");
+  EXPECT_TRUE(RefreshRegistrationData(logger));
+  EXPECT_EQ(data.Copied(), "second");
+  EXPECT_EQ(accesses, 6);
   EXPECT_FALSE(console.acting);
-  console.FailCall(12);
-  EXPECT_FALSE(CopyRegistrationData(L"client", logger));
-  ASSERT_EQ(console.calls.back(), "Impersonate");
-  EXPECT_EQ(log.Lines().back(), L"warning|Problem while impersonating logged in user.");
-  EXPECT_EQ(accesses, 3);
+
+  // Neither path, and then not the right to copy.
+  for (const std::size_t call : {std::size_t{3}, std::size_t{8}, std::size_t{12}}) {
+    console.FailCall(call);
+    EXPECT_FALSE(CopyRegistrationData(L"client", logger));
+    ASSERT_EQ(console.calls[call], call == 12 ? "Impersonate" : "ExpandForUser");
+  }
+  EXPECT_EQ(accesses, 6);
 }
 
 TEST_F(RegistrationDataTest, NamesTheSideThatFailed) {
   EXPECT_FALSE(CopyRegistrationData(L"client", logger));
-  EXPECT_EQ(log.Lines().back(), L"error|Error while copying source file " + Source().wstring());
+  EXPECT_EQ(log.Lines().back(),
+            L"error|Error while copying source file " + data.Source().wstring());
   EXPECT_EQ(log.Callers().back(), L"client");
-  WriteSource("x");
+  data.WriteSource("x");
+  std::filesystem::remove(data.Destination().parent_path());
   EXPECT_FALSE(RefreshRegistrationData(logger));
   EXPECT_EQ(log.Lines().back(),
-            L"error|Error while copying destination file " + Destination().wstring());
+            L"error|Error while copying destination file " + data.Destination().wstring());
   EXPECT_EQ(log.Callers().back(), L"Win10SSwitch");
-}
-
-TEST_F(RegistrationDataTest, CopiesNothingUnlessBothPathsAreKnown) {
-  WriteSource("x");
-  std::filesystem::create_directories(Destination().parent_path());
-  for (const std::size_t call : {std::size_t{3}, std::size_t{8}}) {
-    console.FailCall(call);
-    EXPECT_FALSE(CopyRegistrationData(L"client", logger));
-    ASSERT_EQ(console.calls[call], "ExpandForUser");
-  }
-  EXPECT_FALSE(std::filesystem::exists(Destination()));
 }
 
 // A folder of files and what is logged about them.

@@ -28,6 +28,7 @@
 #include "storage/cap_data_store.h"
 #include "support/fake_app_services.h"
 #include "support/fake_console.h"
+#include "support/registration_files.h"
 
 namespace Vx::Tests {
 namespace {
@@ -498,31 +499,10 @@ TEST_F(ServiceLivesTest, NoPackageIsWatchedForAServiceThatIsGone) {
 // A machine that a resume finds in the state under test.
 class ResumeTest : public ServiceLivesTest {
  protected:
-  ResumeTest() {
-    console.userVariables = {{L"%programdata%", machineData.Path().wstring()},
-                             {L"%AppData%", userData.Path().wstring()}};
-    std::filesystem::create_directories(Source().parent_path());
-    std::filesystem::create_directories(Destination().parent_path());
-    std::ofstream(Source()) << "registered";
-  }
-
-  std::filesystem::path Source() const {
-    return machineData.Path() / "Vx" / "Registration" / "registration_subset.xml";
-  }
-  std::filesystem::path Destination() const {
-    return userData.Path() / "Vx" / "Vx Setup" / "REGDATA" / "RegistrationSubset.xml";
-  }
-  static void SetFirstMode(int mode) {
-    Storage().mergeMember(kDocument, kFirstMode, Element::Int32(mode));
-  }
-  static std::optional<bool> ExecutedStub() {
-    const auto element = Storage().readDocument(kDocument).Find("ExecutedMcAfeeStub");
-    return element ? element->AsBoolean() : std::nullopt;
-  }
+  ResumeTest() { data.WriteSource("registered"); }
 
   PrivateLockdownPolicy policy;
-  TempFolder machineData;
-  TempFolder userData;
+  RegistrationFiles data{console};
 };
 
 TEST_F(ResumeTest, OnlyAResumeOfAMachineThatLeftSModeBringsItsWorkAbout) {
@@ -535,7 +515,6 @@ TEST_F(ResumeTest, OnlyAResumeOfAMachineThatLeftSModeBringsItsWorkAbout) {
     bool works;
   } kCases[] = {
       {"power status", 10, 2, 0, nullptr, false},
-      {"suspend", 4, 2, 0, nullptr, false},
       {"resume, never in S mode", 7, 0, 0, L"PBT_APMRESUMESUSPEND", false},
       {"resume, in S mode still", 18, 2, 2, L"PBT_APMRESUMEAUTOMATIC", false},
       {"resume, left S mode", 7, 2, 0, L"PBT_APMRESUMESUSPEND", true},
@@ -545,9 +524,9 @@ TEST_F(ResumeTest, OnlyAResumeOfAMachineThatLeftSModeBringsItsWorkAbout) {
   for (const auto& c : kCases) {
     SCOPED_TRACE(c.name);
     const LockdownMode mode(c.current);
-    SetFirstMode(c.first);
+    Storage().mergeMember(kDocument, kFirstMode, Element::Int32(c.first));
     Storage().mergeMember(kDocument, "ExecutedMcAfeeStub", Element::Boolean(true));
-    std::filesystem::remove(Destination());
+    std::filesystem::remove(data.Destination());
     host.service->power_event_task(c.event);
     Lines expected{L"0 info|power_event_task::PEVX::Enter"};
     if (c.resume != nullptr) {
@@ -556,8 +535,9 @@ TEST_F(ResumeTest, OnlyAResumeOfAMachineThatLeftSModeBringsItsWorkAbout) {
     EXPECT_EQ(diary.Take(), expected);
     EXPECT_EQ(apps.Sent().size(), ++restarts);
     EXPECT_EQ(apps.Sent().back(), L"/ restarted");
-    EXPECT_EQ(std::filesystem::exists(Destination()), c.works);
-    EXPECT_EQ(ExecutedStub(), !c.works);  // nothing is preloaded, so that nothing was started
+    EXPECT_EQ(data.Copied(), c.works ? "registered" : "");
+    // Nothing is preloaded, so that nothing was started.
+    EXPECT_EQ(Storage().readDocument(kDocument).Find("ExecutedMcAfeeStub")->AsBoolean(), !c.works);
   }
 }
 
@@ -569,7 +549,7 @@ TEST_F(ResumeTest, WithoutAStoreNothingIsKnownOfSMode) {
                                     L"WindowsModeCheckBehavior")
                                .Times(2));
   EXPECT_EQ(apps.Sent().size(), 1U);
-  EXPECT_FALSE(std::filesystem::exists(Destination()));
+  EXPECT_EQ(data.Copied(), "");
 }
 
 }  // namespace
