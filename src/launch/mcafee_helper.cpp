@@ -24,8 +24,9 @@ bool McAfeeHelper::expand_path_impersonated_as_loggedin_user(const std::wstring&
   logger->LogInfo(kActingAsUser);
   return RunAsLoggedInUser([&](Platform::RawHandle token) {
     auto answer = ExpandActing(token, path, *logger);
-    if (answer) expanded = *std::move(answer);
-    return answer.has_value();
+    if (!answer) return false;
+    expanded = *std::move(answer);
+    return true;
   });
 }
 
