@@ -65,9 +65,9 @@ TEST_F(SixDigitFirmwareTest, GetsTheLastDigitOfTheYearAlone) {
 TEST_F(BornOnDateManagerTest, TakesTheDayThatSetUpEndedOnlyWhenItIsEarlier) {
   EXPECT_EQ(SetOver(""), "20240715") << "set-up left no record";
   static constexpr struct {
-    const char* name;
-    SYSTEMTIME stamp;
-    const char* written;
+    const char* name = nullptr;
+    SYSTEMTIME stamp{};
+    const char* written = nullptr;
     std::size_t size = sizeof(SYSTEMTIME);  // of what is stored
     DWORD type = REG_BINARY;
   } kCases[] = {

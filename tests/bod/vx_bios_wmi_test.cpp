@@ -143,9 +143,9 @@ TEST_F(VxBiosWmiTest, AnswersAndLogsTheResultOfTheStepThatFails) {
   static constexpr wchar_t kSetup[] = L"SetupInputDataBlock";
   static constexpr wchar_t kGetPath[] = L"GetBiosMethodObjectPath";
   static constexpr struct {
-    const char* step;
-    const wchar_t* operation;
-    const wchar_t* function;
+    const char* step = nullptr;
+    const wchar_t* operation = nullptr;
+    const wchar_t* function = nullptr;
     // What the step answers when it succeeds and hands nothing out, and what comes of that.
     std::optional<std::int32_t> claimed = std::nullopt;
     std::int32_t result = E_POINTER;
@@ -215,9 +215,9 @@ TEST_F(VxBiosWmiTest, ACommandWhoseConnectionFailsIsEFailAndTheNextOneConnectsAn
 
 TEST_F(VxBiosWmiTest, GoesOnWhereComWasSetUpByOthers) {
   static constexpr struct {
-    const char* step;
-    const wchar_t* function;
-    std::int32_t result;
+    const char* step = nullptr;
+    const wchar_t* function = nullptr;
+    std::int32_t result = S_OK;
     bool logged = true;
   } kCases[] = {
       // The apartment was not entered by the channel, so it is not the channel's to leave.
@@ -243,10 +243,10 @@ TEST_F(VxBiosWmiTest, AReplyThatFailsToComeIsLoggedAndLeavesTheBufferAlone) {
   static constexpr wchar_t kQuery[] = L"OutputDataBlock->QueryInterface(OutputDataObject)";
   static constexpr wchar_t kGetCode[] = L"OutputDataObject->Get(ReturnCode)";
   static constexpr struct {
-    const char* step;
-    std::int32_t result;
-    const wchar_t* function;
-    std::int32_t logged;
+    const char* step = nullptr;
+    std::int32_t result = S_OK;
+    const wchar_t* function = nullptr;
+    std::int32_t logged = S_OK;
     std::int32_t returnCode = 77;  // as it was
   } kCases[] = {
       {"ExecMethod", S_OK, kGetBlock, E_POINTER},
