@@ -33,7 +33,8 @@ if(WIN32)
     $<$<CONFIG:Debug>:-fsanitize=undefined -fsanitize-undefined-trap-on-error>)
 endif()
 if(VX_COVERAGE)
-  target_compile_options(vx_options INTERFACE --coverage)
+  # Counters of several threads lose steps without it, and some become negative.
+  target_compile_options(vx_options INTERFACE --coverage -fprofile-update=atomic)
   target_link_options(vx_options INTERFACE --coverage)
 endif()
 
