@@ -27,7 +27,7 @@ constexpr DeliveryTexts kTexts = {
         L"OrvaneService - UnregisterPowerEvent threw hresult_error: Message: %s, Code: %i",
     .unregisterFailed = L"OrvaneService - UnregisterPowerEvent threw %S",
     .unregisterUnknown =
-        L"OrvaneService - UnregisterPowerEvent: no stored subscription has exactly this text: %s",
+        L"OrvaneService - UnregisterPowerEvent: no stored subscription has exactly this text",
 };
 
 }  // namespace

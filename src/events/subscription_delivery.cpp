@@ -172,8 +172,7 @@ int UnregisterSubscription(const DeliveryKind& kind, const std::wstring& request
                       const std::wstring before = manager.StoredRequests();
                       manager.RemoveRequest(request);
                       if (manager.StoredRequests() != before) return;
-                      LogManager::GetLogger()->LogWarning(kind.texts.unregisterUnknown,
-                                                          request.c_str());
+                      LogManager::GetLogger()->LogWarning(kind.texts.unregisterUnknown);
                     });
 }
 

@@ -32,7 +32,7 @@ constexpr DeliveryTexts kTexts = {
         L"OrvaneService - UnregisterZephraEvent threw hresult_error: Message: %s, Code: %i",
     .unregisterFailed = L"OrvaneService - UnregisterZephraEvent threw %S",
     .unregisterUnknown =
-        L"OrvaneService - UnregisterZephraEvent: no stored subscription has exactly this text: %s",
+        L"OrvaneService - UnregisterZephraEvent: no stored subscription has exactly this text",
 };
 
 }  // namespace

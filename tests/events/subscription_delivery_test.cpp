@@ -306,9 +306,8 @@ TEST_P(DeliveryTest, ReplaysWhatIsStoredForEachOfItsEventsUntilItIsRemoved) {
   EXPECT_EQ(UnregisterSubscription(kind.delivery, seven), 0);
   EXPECT_THAT(log.Lines(), IsEmpty());
   EXPECT_EQ(UnregisterSubscription(kind.delivery, seven), 0);
-  EXPECT_THAT(log.Lines(),
-              ElementsAre(L"warning|OrvaneService - Unregister" + kind.operation +
-                          L": no stored subscription has exactly this text: " + seven));
+  EXPECT_THAT(log.Lines(), ElementsAre(L"warning|OrvaneService - Unregister" + kind.operation +
+                                       L": no stored subscription has exactly this text"));
   Fulfill(7);
   EXPECT_THAT(services.Sent(), SizeIs(2));
   Fulfill(18);

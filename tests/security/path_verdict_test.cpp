@@ -139,6 +139,16 @@ TEST_F(PathVerdictTest, FollowsALinkOutOfAProtectedFolder) {
   EXPECT_EQ(log.Lines()[2], Line(L" - [" + path + L"] leads to [" + outside / L"evil.exe" + L"]"));
 }
 
+// Whoever owns the link decides what the path names a moment later.
+TEST_F(PathVerdictTest, RefusesAProtectedFileReachedThroughAnUnprotectedLink) {
+  const Tests::ProtectedFolder folder;
+  folder.Hold(L"unsigned.exe");
+  const Tests::TempFolder outside;
+  const Tests::DirectoryLink link(outside / L"link", folder.Path());
+  EXPECT_EQ(helper.JudgePath(outside / L"link\\unsigned.exe").outcome,
+            PathOutcome::OutsidePrefixes);
+}
+
 TEST_F(PathVerdictTest, RefusesAFolderThatIsReallyNamedLikeAVariable) {
   const Tests::ProtectedFolder folder;
   const std::wstring held = folder.Hold(L"unsigned.exe");
