@@ -6,8 +6,10 @@ export WINEPREFIX="$1"
 shift
 export LC_ALL=C.UTF-8 WINEARCH=win64 WINEDEBUG=${WINEDEBUG:--all}
 # The first two keep prefix creation from asking for Mono and Gecko. Without the debugger a program
-# that crashes ends with the exception's code at once; with it, some ended with 0, a success.
-export WINEDLLOVERRIDES='mscoree=;mshtml=;winemenubuilder.exe=d;winedbg.exe=d'
+# that crashes ends with the exception's code at once; with it, some ended with 0, a success. The
+# desktop, which has nothing to show, would be started by the first program with a message window,
+# and keep that one's output open until the server goes.
+export WINEDLLOVERRIDES='mscoree=;mshtml=;winemenubuilder.exe=d;winedbg.exe=d;explorer.exe=d'
 unset DISPLAY
 mkdir -p "$WINEPREFIX"
 # Wine's background services inherit the first client's open files. Warming the server here, with
