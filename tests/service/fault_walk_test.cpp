@@ -14,7 +14,6 @@
 
 #include <gmock/gmock.h>
 
-#include "support/fake_app_services.h"
 #include "events/fake_package_catalog.h"
 #include "platform/machine.h"
 #include "platform/processes.h"
@@ -25,6 +24,7 @@
 #include "simulator/simulated_firmware.h"
 #include "simulator/virtual_clock.h"
 #include "storage/store_file.h"
+#include "support/fake_app_services.h"
 #include "support/fake_console.h"
 #include "support/handle_gauge.h"
 #include "support/test_pki.h"

@@ -1,5 +1,6 @@
 // A lockdown policy library for tests: answers the mode in the variable VX_LOCKDOWN_MODE of its
-// process, and fails nevertheless where '!' follows. Without one it fails and leaves the mode alone.
+// process, and fails nevertheless where '!' follows. Without one it fails and leaves the mode
+// alone.
 #include <cwchar>
 
 #include <windows.h>
