@@ -1,10 +1,9 @@
 #include "support/probe.h"
 
 #include <algorithm>
-#include <cstring>
-#include <filesystem>
-#include <fstream>
+#include <cstdio>
 #include <iterator>
+#include <string_view>
 
 #include <windows.h>
 
@@ -12,12 +11,23 @@ namespace Vx::Tests {
 
 namespace {
 
-std::optional<std::wstring> Content(const std::wstring& path) {
-  std::ifstream file(std::filesystem::path(path), std::ios::binary);
-  if (!file) return std::nullopt;
-  const std::string bytes{std::istreambuf_iterator<char>(file), {}};
-  std::wstring text(bytes.size() / sizeof(wchar_t), L'\0');
-  std::memcpy(text.data(), bytes.data(), text.size() * sizeof(wchar_t));
+std::optional<std::string> Content(const std::wstring& path) {
+  FILE* file = _wfopen(path.c_str(), L"rb");
+  if (file == nullptr) return std::nullopt;
+  std::string content;
+  char piece[4096];
+  while (const std::size_t got = std::fread(piece, 1, sizeof piece, file)) {
+    content.append(piece, got);
+  }
+  static_cast<void>(std::fclose(file));
+  return content;
+}
+
+std::wstring Wide(std::string_view utf8) {
+  std::wstring text(utf8.size(), L'\0');
+  const int length = MultiByteToWideChar(CP_UTF8, 0, utf8.data(), static_cast<int>(utf8.size()),
+                                         text.data(), static_cast<int>(text.size()));
+  text.resize(static_cast<std::size_t>(length));
   return text;
 }
 
@@ -63,7 +73,7 @@ std::wstring ProbePath() {
 std::optional<ProbeReport> WaitForProbe(const std::wstring& path, std::chrono::milliseconds limit) {
   const ULONGLONG end = GetTickCount64() + static_cast<ULONGLONG>(limit.count());
   for (;;) {
-    if (const auto content = Content(path)) return Parse(*content);
+    if (const auto content = Content(path)) return Parse(Wide(*content));
     if (GetTickCount64() >= end) return std::nullopt;
     Sleep(5);
   }

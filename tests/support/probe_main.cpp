@@ -1,4 +1,4 @@
-// A program for tests to start: reports how it was started. It writes lines "name=value" in UTF-16:
+// A program for tests to start: reports how it was started. It writes lines "name=value" in UTF-8:
 // commandLine, workingDirectory, one "argument" for each of its arguments, and the variables below
 // that are set. The report goes to the file named by the first argument, when that is a full path,
 // else beside the program as "<program>.out", and appears there whole.
@@ -19,30 +19,38 @@ constexpr const wchar_t* kVariables[] = {L"APPDATA",     L"LOCALAPPDATA", L"Prog
 constexpr std::wstring_view kWait = L"wait:";
 constexpr DWORD kLongestWait = 60'000;  // milliseconds; a forgotten probe does not stay for ever
 
-std::wstring Line(const std::wstring& name, const std::wstring& value) {
-  return name + L"=" + value + L"\n";
+std::string Utf8(std::wstring_view text) {
+  std::string bytes(text.size() * 3, '\0');
+  const int length =
+      WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), bytes.data(),
+                          static_cast<int>(bytes.size()), nullptr, nullptr);
+  bytes.resize(static_cast<std::size_t>(length));
+  return bytes;
 }
 
-std::wstring Report(int count, wchar_t** arguments) {
+std::string Line(std::wstring_view name, std::wstring_view value) {
+  return Utf8(name) + "=" + Utf8(value) + "\n";
+}
+
+std::string Report(int count, wchar_t** arguments) {
   std::vector<wchar_t> buffer(32'768);
-  std::wstring report = Line(L"commandLine", GetCommandLineW());
+  std::string report = Line(L"commandLine", GetCommandLineW());
   GetCurrentDirectoryW(static_cast<DWORD>(buffer.size()), buffer.data());
   report += Line(L"workingDirectory", buffer.data());
   for (int i = 1; i < count; ++i) report += Line(L"argument", arguments[i]);
   for (const wchar_t* name : kVariables) {
     const DWORD length =
         GetEnvironmentVariableW(name, buffer.data(), static_cast<DWORD>(buffer.size()));
-    if (length > 0) report += Line(name, std::wstring(buffer.data(), length));
+    if (length > 0) report += Line(name, {buffer.data(), length});
   }
   return report;
 }
 
-bool Write(const std::wstring& path, const std::wstring& report) {
+bool Write(const std::wstring& path, const std::string& report) {
   const std::wstring part = path + L".part";
   FILE* file = _wfopen(part.c_str(), L"wb");
   if (file == nullptr) return false;
-  const bool written =
-      std::fwrite(report.data(), sizeof(wchar_t), report.size(), file) == report.size();
+  const bool written = std::fwrite(report.data(), 1, report.size(), file) == report.size();
   const bool closed = std::fclose(file) == 0;
   return written && closed &&
          MoveFileExW(part.c_str(), path.c_str(), MOVEFILE_REPLACE_EXISTING) != FALSE;
@@ -58,7 +66,7 @@ void WaitFor(const wchar_t* eventName) {
 }  // namespace
 
 int wmain(int count, wchar_t** arguments) {
-  const std::wstring report = Report(count, arguments);
+  const std::string report = Report(count, arguments);
   const bool named = count > 1 && std::wstring_view(arguments[1]).substr(1, 2) == L":\\";
   if (!named || !Write(arguments[1], report)) {
     wchar_t self[MAX_PATH];
