@@ -15,6 +15,7 @@
 #include <rapidjson/stringbuffer.h>
 #include <rapidjson/writer.h>
 
+#include "bench/full_path.h"
 #include "bench/ratio_table.h"
 #include "host/vx_service.h"
 
@@ -126,13 +127,6 @@ void Measure(Service& service, RatioTable& table) {
         [&] { service.Run(kNoSuchCommand, c.request, 0x20000001); },
         [&] { Plain(c.request, nullptr); });
   }
-}
-
-std::wstring FullPath(const char* narrow) {
-  wchar_t full[MAX_PATH * 4];
-  const std::wstring path(narrow, narrow + std::strlen(narrow));  // a path of the build tree: ASCII
-  const DWORD length = GetFullPathNameW(path.c_str(), MAX_PATH * 4, full, nullptr);
-  return {full, length};
 }
 
 }  // namespace

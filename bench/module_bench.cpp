@@ -2,12 +2,12 @@
 //
 // Usage: module_bench MODULE EMPTY-LIBRARY [--brief] [--json FILE]
 #include <cstdio>
-#include <cstring>
 #include <stdexcept>
 #include <string>
 
 #include <windows.h>
 
+#include "bench/full_path.h"
 #include "bench/ratio_table.h"
 #include "host/vx_service.h"
 #include "support/memory_in_use.h"
@@ -42,13 +42,6 @@ class Library {
  private:
   HMODULE handle;
 };
-
-std::wstring FullPath(const char* narrow) {
-  wchar_t full[MAX_PATH * 4];
-  const std::wstring path(narrow, narrow + std::strlen(narrow));  // a path of the build tree: ASCII
-  const DWORD length = GetFullPathNameW(path.c_str(), MAX_PATH * 4, full, nullptr);
-  return {full, length};
-}
 
 void ReportMemory(const std::wstring& module, RatioTable& table) {
   constexpr double kKibibyte = 1024;

@@ -36,14 +36,14 @@ constexpr char kFirstMode[] = "FirstSystemEnforcementMode";
 
 TEST(LockdownPolicyTest, OnlyALibraryWithAPinnedSignatureIsLoadedAndItIsFreedAgain) {
   static constexpr struct {
-    const wchar_t* library;
+    const wchar_t* fileName;
     std::int32_t mode;
   } kCases[] = {
       {L"pinned.dll", 2}, {L"general.dll", 2}, {L"unpinned.dll", 0}, {L"unsigned.dll", 0}};
   const LockdownMode locked(2);
   for (const auto& c : kCases) {
-    SCOPED_TRACE(testing::PrintToString(std::wstring(c.library)));
-    const PrivateLockdownPolicy policy(c.library);
+    SCOPED_TRACE(testing::PrintToString(std::wstring(c.fileName)));
+    const PrivateLockdownPolicy policy(c.fileName);
     const LogCapture log;
     EXPECT_EQ(Orvane::QueryLockoutMode(L"caller"), c.mode);
     EXPECT_EQ(GetModuleHandleW(policy.Path().c_str()), nullptr);
