@@ -34,6 +34,11 @@ constexpr wchar_t kMonitorEvent[] = L"DBWIN_DATA_READY";
 // The question for a monitor is a call into the system, so its answer holds for this long.
 constexpr std::uint64_t kMonitorAnswerHolds = 1000;  // milliseconds
 
+// Whoever writes waits until the monitor has taken the line before, at most ten seconds. One that
+// let a line wait this long has stopped reading, and gets no more lines for a while.
+constexpr std::uint64_t kMonitorIsStuck = 5000;        // milliseconds
+constexpr std::uint64_t kMonitorIsLeftAlone = 60'000;  // milliseconds
+
 // Longest message, and longest line with the level, provider and caller before it, in characters.
 // What is longer is cut: a line is to be read, and its buffer lies on the stack of whoever logs.
 constexpr std::size_t kLongestMessage = 4096;
@@ -106,20 +111,26 @@ EventTrace& Trace() noexcept {
   return trace;
 }
 
+// The last answer to whether a monitor of debug output listens, and until when it holds.
+std::atomic<bool> monitorListens{false};
+std::atomic<std::uint64_t> askForMonitorAgain{0};
+
+bool RememberMonitor(bool listens, std::uint64_t until) noexcept {
+  monitorListens.store(listens, std::memory_order_relaxed);
+  askForMonitorAgain.store(until, std::memory_order_relaxed);
+  return listens;
+}
+
 // Whether a debugger or a monitor of debug output would show a line.
 bool DebuggerListens() noexcept {
-  static std::atomic<std::uint64_t> askAgain{0};
-  static std::atomic<bool> monitor{false};
   if (IsDebuggerPresent() != FALSE) return true;
   const std::uint64_t now = GetTickCount64();
-  if (now < askAgain.load(std::memory_order_relaxed)) {
-    return monitor.load(std::memory_order_relaxed);
+  if (now < askForMonitorAgain.load(std::memory_order_relaxed)) {
+    return monitorListens.load(std::memory_order_relaxed);
   }
   const LastErrorKept kept;
   const Platform::UniqueHandle event(OpenEventW(SYNCHRONIZE, FALSE, kMonitorEvent));
-  monitor.store(event != nullptr, std::memory_order_relaxed);
-  askAgain.store(now + kMonitorAnswerHolds, std::memory_order_relaxed);
-  return event != nullptr;
+  return RememberMonitor(event != nullptr, now + kMonitorAnswerHolds);
 }
 
 struct SinkEntry {
@@ -168,7 +179,10 @@ void DeliverToDebugger(const LogRecord& record, const wchar_t* line) {
   _snwprintf(text, std::size(text) - 2, L"%s %s", NamesOf(record.level).text, line);
   text[std::size(text) - 2] = L'\0';
   std::wcscat(text, L"\n");
+  const std::uint64_t before = GetTickCount64();
   OutputDebugStringW(text);
+  const std::uint64_t now = GetTickCount64();
+  if (now - before >= kMonitorIsStuck) RememberMonitor(false, now + kMonitorIsLeftAlone);
 }
 
 // Lines for people: `provider [caller] message`.

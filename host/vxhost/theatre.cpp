@@ -1,6 +1,7 @@
 #include "host/vxhost/theatre.h"
 
 #include <algorithm>
+#include <chrono>
 #include <deque>
 #include <filesystem>
 #include <optional>
@@ -23,6 +24,11 @@ namespace {
 namespace Logging = Tessel::Server::Logging;
 
 constexpr DWORD kLongestPath = 32768;  // characters
+
+// How long, in real time, a simulated worker may run on: longer than the ten seconds that a monitor
+// of debug output which does not read keeps a line.
+constexpr std::chrono::seconds kPatience{30};
+
 constexpr const wchar_t* kLevels[] = {L"INFO", L"WARNING", L"ERROR"};
 
 // The module beside this program.
@@ -143,6 +149,7 @@ class SimulatedTheatre final : public Theatre {
               .log = recorder,
               .console = console,
               .machine = &machine} {
+    machine.clock.SetPatience(kPatience);
     machine.timeline.SetListener([this, &console](const Simulator::Timeline::Entry& entry) {
       recorder.AddEvent(entry.text);
       console.Line(" * " + Utf8(Simulator::Format(entry)));

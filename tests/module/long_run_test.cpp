@@ -6,7 +6,9 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <string>
+#include <latch>
+#include <thread>
+#include <vector>
 
 #include <windows.h>
 
@@ -23,11 +25,16 @@ namespace {
 constexpr std::size_t kBytesAStep = 8;
 constexpr std::size_t kAllowance = std::size_t{16} * 1024;
 
-// Memory is committed in pieces; a run may need a few more of them.
-constexpr std::size_t kCommitAllowance = std::size_t{8} * 1024 * 1024;
+// Memory is committed in pieces; the heap may need one more of them.
+constexpr std::size_t kCommitAllowance = std::size_t{256} * 1024;
 
 // Threads that the system's own pools may add.
 constexpr std::size_t kSystemThreads = 4;
+
+// Deliveries between two waits for their workers: as many as a host has between two events; bounds
+// how many threads run at once.
+constexpr std::size_t kSubscriptions = 3;
+constexpr std::size_t kDeliveriesAtOnce = 16 * kSubscriptions;
 
 struct Figures {
   std::uintptr_t handles = 0;
@@ -57,14 +64,23 @@ void Subscribe(LoadedService& service) {
                   LR"({"powerEventType":7,"eventAction":2,"commandParams":)"
                   LR"({"packageFamilyName":"f","appServiceName":"s","payload":{}}})");
 }
-constexpr std::size_t kSubscriptions = 3;
+
+// Has as many threads alive at once as the deliveries will have at most. The system keeps a block
+// for every thread of the fullest moment so far, and whether that moment comes during the warm-up
+// is chance otherwise.
+void ReachTheMostThreads() {
+  std::latch all(static_cast<std::ptrdiff_t>(kDeliveriesAtOnce + 2 * kSystemThreads));
+  std::vector<std::jthread> threads(kDeliveriesAtOnce + 2 * kSystemThreads);
+  for (std::jthread& thread : threads) {
+    thread = std::jthread([&all] { all.arrive_and_wait(); });
+  }
+}
 
 // Whether all workers of these deliveries ended.
 bool Deliver(LoadedService& service, std::size_t deliveries, std::size_t quiet) {
   for (std::size_t done = 0; done < deliveries; done += kSubscriptions) {
     service.Slots().power_event_task(7);
-    // As many as a host has between two events; also bounds how many threads run at once.
-    if (done % (16 * kSubscriptions) == 0 && !ThreadsEnd(quiet + kSystemThreads)) return false;
+    if (done % kDeliveriesAtOnce == 0 && !ThreadsEnd(quiet + kSystemThreads)) return false;
   }
   return ThreadsEnd(quiet + kSystemThreads);
 }
@@ -117,6 +133,7 @@ bool Run(std::size_t deliveries, std::size_t commands) {
   LoadedService service;
   Subscribe(service);
   const std::size_t quiet = ThreadCount();
+  ReachTheMostThreads();
   bool good = Deliver(service, 300, quiet) && Command(service, 300);
   const Figures warm = Measure("warm");
   good = Deliver(service, deliveries, quiet) && good;
