@@ -1,0 +1,179 @@
+#include "platform/windows/signature_verification.h"
+
+#include <cstddef>
+#include <optional>
+#include <span>
+#include <string>
+
+#include <windows.h>
+// The trust headers need the types of this one.
+#include <wincrypt.h>
+
+#include <softpub.h>
+#include <wintrust.h>
+
+namespace Vx::Platform {
+
+namespace {
+
+// WINTRUST_SIGNATURE_SETTINGS and the WINTRUST_DATA that points to it are newer than the headers of
+// this toolchain.
+struct SignatureSettings {
+  DWORD size;
+  DWORD index;
+  DWORD flags;
+  DWORD secondarySignatures;  // out
+  DWORD verifiedIndex;        // out
+  CERT_STRONG_SIGN_PARA* cryptoPolicy;
+};
+static_assert(sizeof(SignatureSettings) == 32);
+static_assert(offsetof(SignatureSettings, cryptoPolicy) == 24);
+
+constexpr DWORD kVerifySpecific = 0x1;     // WSS_VERIFY_SPECIFIC
+constexpr DWORD kGetSecondaryCount = 0x2;  // WSS_GET_SECONDARY_SIG_COUNT
+
+struct TrustData {
+  DWORD size;
+  void* policyCallbackData;
+  void* sipClientData;
+  DWORD uiChoice;
+  DWORD revocationChecks;
+  DWORD unionChoice;
+  const void* subject;
+  DWORD stateAction;
+  HANDLE stateData;
+  wchar_t* urlReference;
+  DWORD provFlags;
+  DWORD uiContext;
+  SignatureSettings* signatureSettings;
+};
+static_assert(sizeof(TrustData) == 88);
+static_assert(offsetof(TrustData, subject) == 40);
+static_assert(offsetof(TrustData, stateData) == 56);
+static_assert(offsetof(TrustData, signatureSettings) == 80);
+
+constexpr DWORD kEncoding = X509_ASN_ENCODING | PKCS_7_ASN_ENCODING;
+
+LONG VerifyTrust(TrustData& data) {
+  GUID action = WINTRUST_ACTION_GENERIC_VERIFY_V2;
+  // With this window, unlike with a null one, no policy provider may ask anybody anything.
+  return WinVerifyTrust(static_cast<HWND>(INVALID_HANDLE_VALUE), &action, &data);
+}
+
+// One verification. What it opened is closed by the second call on every path, a failed
+// verification included, because that leaves state behind too.
+class Verification {
+ public:
+  Verification(DWORD unionChoice, const void* subject, DWORD index)
+      : settings{.size = sizeof settings,
+                 .index = index,
+                 .flags = kVerifySpecific | kGetSecondaryCount,
+                 .secondarySignatures = 0,
+                 .verifiedIndex = 0,
+                 .cryptoPolicy = nullptr},
+        data{.size = sizeof data,
+             .policyCallbackData = nullptr,
+             .sipClientData = nullptr,
+             .uiChoice = WTD_UI_NONE,
+             .revocationChecks = WTD_REVOKE_NONE,
+             .unionChoice = unionChoice,
+             .subject = subject,
+             .stateAction = WTD_STATEACTION_VERIFY,
+             .stateData = nullptr,
+             .urlReference = nullptr,
+             .provFlags = WTD_REVOCATION_CHECK_NONE,
+             .uiContext = WTD_UICONTEXT_EXECUTE,
+             .signatureSettings = &settings},
+        result(VerifyTrust(data)) {}
+  Verification(const Verification&) = delete;
+  Verification& operator=(const Verification&) = delete;
+  ~Verification() {
+    data.stateAction = WTD_STATEACTION_CLOSE;
+    VerifyTrust(data);
+  }
+
+  LONG TrustResult() const { return result; }
+  DWORD SecondaryCount() const { return settings.secondarySignatures; }
+
+  // The certificate of the signer, owned by this verification; null when the state names none.
+  const CERT_CONTEXT* SignerCertificate() const {
+    if (data.stateData == nullptr) return nullptr;
+    CRYPT_PROVIDER_DATA* provider = WTHelperProvDataFromStateData(data.stateData);
+    if (provider == nullptr) return nullptr;
+    CRYPT_PROVIDER_SGNR* signer = WTHelperGetProvSignerFromChain(provider, 0, FALSE, 0);
+    if (signer == nullptr) return nullptr;
+    const CRYPT_PROVIDER_CERT* certificate = WTHelperGetProvCertFromChain(signer, 0);
+    return certificate == nullptr ? nullptr : certificate->pCert;
+  }
+
+ private:
+  SignatureSettings settings;
+  TrustData data;
+  LONG result;
+};
+
+// The length that Windows reports counts, not a terminator: a NUL inside a name must not make it
+// equal to a shorter one.
+std::wstring Attribute(const CERT_CONTEXT* certificate, DWORD flags, const char* attribute) {
+  std::string type(attribute);
+  const DWORD length =
+      CertGetNameStringW(certificate, CERT_NAME_ATTR_TYPE, flags, type.data(), nullptr, 0);
+  if (length <= 1) return {};
+  std::wstring text(length, L'\0');
+  const DWORD written =
+      CertGetNameStringW(certificate, CERT_NAME_ATTR_TYPE, flags, type.data(), text.data(), length);
+  text.resize(written == 0 ? 0 : written - 1);
+  return text;
+}
+
+std::wstring NameText(CERT_NAME_BLOB name) {
+  const DWORD length = CertNameToStrW(kEncoding, &name, CERT_X500_NAME_STR, nullptr, 0);
+  if (length <= 1) return {};
+  std::wstring text(length, L'\0');
+  const DWORD written = CertNameToStrW(kEncoding, &name, CERT_X500_NAME_STR, text.data(), length);
+  text.resize(written == 0 ? 0 : written - 1);
+  return text;
+}
+
+// Whether the encoded name can be taken apart at all. The calls that read one attribute give the
+// same empty text for "not there" and "not readable".
+bool IsReadable(const CERT_NAME_BLOB& name) {
+  DWORD size = 0;
+  return CryptDecodeObject(kEncoding, X509_NAME, name.pbData, name.cbData, 0, nullptr, &size) !=
+         FALSE;
+}
+
+std::optional<SignerNames> NamesOf(const CERT_CONTEXT* certificate) {
+  const CERT_INFO& info = *certificate->pCertInfo;
+  if (!IsReadable(info.Subject) || !IsReadable(info.Issuer)) return std::nullopt;
+  const auto subject = [certificate](const char* attribute) {
+    return Attribute(certificate, 0, attribute);
+  };
+  return SignerNames{
+      .commonName = subject(szOID_COMMON_NAME),
+      .organisationalUnit = subject(szOID_ORGANIZATIONAL_UNIT_NAME),
+      .locality = subject(szOID_LOCALITY_NAME),
+      .organisation = subject(szOID_ORGANIZATION_NAME),
+      .state = subject(szOID_STATE_OR_PROVINCE_NAME),
+      .country = subject(szOID_COUNTRY_NAME),
+      .issuerCommonName = Attribute(certificate, CERT_NAME_ISSUER_FLAG, szOID_COMMON_NAME)};
+}
+
+}  // namespace
+
+SignatureVerdict VerifySignature(DWORD unionChoice, const void* subject, std::uint32_t index) {
+  const Verification verification(unionChoice, subject, index);
+  SignatureVerdict verdict{.result = verification.TrustResult(),
+                           .secondaryCount = verification.SecondaryCount(),
+                           .signer = std::nullopt};
+  const CERT_CONTEXT* certificate = verification.SignerCertificate();
+  if (certificate == nullptr) return verdict;
+  const CRYPT_BIT_BLOB& key = certificate->pCertInfo->SubjectPublicKeyInfo.PublicKey;
+  const auto bytes = std::as_bytes(std::span(key.pbData, key.cbData));
+  verdict.signer = Signer{.publicKey = {bytes.begin(), bytes.end()},
+                          .subject = NameText(certificate->pCertInfo->Subject),
+                          .names = NamesOf(certificate)};
+  return verdict;
+}
+
+}  // namespace Vx::Platform
