@@ -4,7 +4,6 @@
 #include <string>
 
 #include "gmock/gmock.h"
-#include "gtest/gtest.h"
 
 #include <windows.h>
 
@@ -17,19 +16,10 @@ using ::testing::IsEmpty;
 constexpr wchar_t kFullName[] = L"Some.App_1.2.3.4_x64__0123456789abc";
 constexpr wchar_t kPath[] = L"C:\\Program Files\\WindowsApps\\Some.App";
 
-constexpr std::uint32_t kSuccess = ERROR_SUCCESS;
-constexpr std::uint32_t kInsufficientBuffer = ERROR_INSUFFICIENT_BUFFER;
-constexpr std::uint32_t kInvalidParameter = ERROR_INVALID_PARAMETER;
-constexpr std::uint32_t kNotFound = ERROR_NOT_FOUND;
-constexpr std::uint32_t kProcNotFound = ERROR_PROC_NOT_FOUND;
-constexpr std::uint32_t kInvalidData = ERROR_INVALID_DATA;
-constexpr std::uint32_t kNoneMapped = ERROR_NONE_MAPPED;
-
 // How the functions below answer; the real ones take no context either.
 struct Answers {
   long sizeStatus = ERROR_INSUFFICIENT_BUFFER;
   long fetchStatus = ERROR_SUCCESS;
-  std::uint32_t count = 2;
   std::uint32_t filters = 0;
 } answers;
 
@@ -38,10 +28,8 @@ long __stdcall FindByFamily(const wchar_t*, std::uint32_t filters, std::uint32_t
                             std::uint32_t*) {
   answers.filters = filters;
   if (buffer == nullptr) {
-    if (answers.sizeStatus == ERROR_INSUFFICIENT_BUFFER) {
-      *count = answers.count;
-      *length = 8;
-    }
+    *count = answers.sizeStatus == ERROR_INSUFFICIENT_BUFFER ? 2 : 0;
+    *length = 4 * *count;
     return answers.sizeStatus;
   }
   if (answers.fetchStatus != ERROR_SUCCESS) return answers.fetchStatus;
@@ -53,7 +41,7 @@ long __stdcall FindByFamily(const wchar_t*, std::uint32_t filters, std::uint32_t
 
 long __stdcall PathByFullName(const wchar_t*, std::uint32_t* length, wchar_t* path) {
   if (path == nullptr) {
-    if (answers.sizeStatus == ERROR_INSUFFICIENT_BUFFER) *length = std::size(kPath);
+    *length = std::size(kPath);
     return answers.sizeStatus;
   }
   if (answers.fetchStatus == ERROR_SUCCESS) std::wmemcpy(path, kPath, std::size(kPath));
@@ -61,7 +49,7 @@ long __stdcall PathByFullName(const wchar_t*, std::uint32_t* length, wchar_t* pa
 }
 
 long __stdcall StagedOrigin(const wchar_t*, std::int32_t* origin) {
-  if (answers.fetchStatus == ERROR_SUCCESS) *origin = 3;
+  *origin = 3;
   return answers.fetchStatus;
 }
 
@@ -72,9 +60,9 @@ long __stdcall ShortId(const wchar_t*, std::uint32_t, std::uint32_t* length, std
 
 class PackageQueriesTest : public ::testing::Test {
  protected:
-  void SetUp() override { answers = Answers(); }
+  PackageQueriesTest() { answers = Answers(); }
 
-  AppModelFunctions functions{&FindByFamily, &PathByFullName, &StagedOrigin, nullptr};
+  const AppModelFunctions functions{&FindByFamily, &PathByFullName, &StagedOrigin, &ShortId};
 };
 
 TEST_F(PackageQueriesTest, FetchesTheFamilyInTwoCallsWithTheDocumentedFilter) {
@@ -85,61 +73,51 @@ TEST_F(PackageQueriesTest, FetchesTheFamilyInTwoCallsWithTheDocumentedFilter) {
   EXPECT_EQ(answers.filters, 0xF0U);
 }
 
+TEST_F(PackageQueriesTest, FindsThePathAndTheOrigin) {
+  EXPECT_EQ(QueryPath(functions, kFullName).path, kPath);
+  EXPECT_EQ(QueryPath(functions, kFullName).sizeError, 0U);
+  EXPECT_EQ(*QueryOrigin(functions, kFullName), 3);
+}
+
 TEST_F(PackageQueriesTest, StopsAfterTheFirstCallWhenThereIsNothing) {
-  for (const long status : {long{kSuccess}, long{kInvalidParameter}}) {
-    answers.sizeStatus = status;
+  for (const std::uint32_t status : {ERROR_SUCCESS, ERROR_INVALID_PARAMETER, ERROR_NOT_FOUND}) {
+    answers.sizeStatus = static_cast<long>(status);
     const auto query = QueryFamily(functions, L"family");
-    EXPECT_EQ(query.sizeError, static_cast<std::uint32_t>(status));
+    EXPECT_EQ(query.sizeError, status);
     EXPECT_EQ(query.bufferLength, 0U);
     EXPECT_THAT(query.fullNames, IsEmpty());
+    EXPECT_EQ(QueryPath(functions, kFullName).sizeError, status);
   }
 }
 
 TEST_F(PackageQueriesTest, TellsTheFailureOfTheFetch) {
-  answers.fetchStatus = ERROR_INSUFFICIENT_BUFFER;  // a package came in between
-  EXPECT_EQ(QueryFamily(functions, L"family").error, kInsufficientBuffer);
+  constexpr std::uint32_t kGrown = ERROR_INSUFFICIENT_BUFFER;  // a package came in between
+  answers.fetchStatus = ERROR_INSUFFICIENT_BUFFER;
+  EXPECT_EQ(QueryFamily(functions, L"family").error, kGrown);
   EXPECT_THAT(QueryFamily(functions, L"family").fullNames, IsEmpty());
-  EXPECT_EQ(QueryPath(functions, kFullName).error, kInsufficientBuffer);
-  EXPECT_EQ(QueryOrigin(functions, kFullName).Error(), kInsufficientBuffer);
-}
-
-TEST_F(PackageQueriesTest, FindsThePathAndTheOrigin) {
-  const auto path = QueryPath(functions, kFullName);
-  EXPECT_EQ(path.path, kPath);
-  EXPECT_EQ(path.sizeError, 0U);
-  EXPECT_EQ(*QueryOrigin(functions, kFullName), 3);
-  answers.sizeStatus = ERROR_NOT_FOUND;
-  EXPECT_EQ(QueryPath(functions, kFullName).sizeError, kNotFound);
+  EXPECT_EQ(QueryPath(functions, kFullName).error, kGrown);
+  EXPECT_EQ(QueryOrigin(functions, kFullName).Error(), kGrown);
 }
 
 TEST_F(PackageQueriesTest, AnswersForFunctionsThatThisWindowsLacks) {
+  constexpr std::uint32_t kMissing = ERROR_PROC_NOT_FOUND;
   const AppModelFunctions none;
-  EXPECT_EQ(QueryFamily(none, L"family").sizeError, kProcNotFound);
-  EXPECT_EQ(QueryPath(none, kFullName).sizeError, kProcNotFound);
-  EXPECT_EQ(QueryOrigin(none, kFullName).Error(), kProcNotFound);
-  EXPECT_EQ(QueryVersion(none, kFullName).Error(), kProcNotFound);
+  EXPECT_EQ(QueryFamily(none, L"family").sizeError, kMissing);
+  EXPECT_EQ(QueryPath(none, kFullName).sizeError, kMissing);
+  EXPECT_EQ(QueryOrigin(none, kFullName).Error(), kMissing);
+  EXPECT_EQ(QueryVersion(none, kFullName).Error(), kMissing);
 }
 
-TEST_F(PackageQueriesTest, RefusesAnIdentityTooShortForAVersion) {
-  functions.packageIdFromFullName = &ShortId;
-  EXPECT_EQ(QueryVersion(functions, kFullName).Error(), kInvalidData);
-}
-
-TEST(RealPackageQueriesTest, PacksTheVersionWithMajorHighest) {
-  const auto functions = ResolveAppModel();
-  const auto version = QueryVersion(functions, kFullName);
-  ASSERT_TRUE(version);
-  EXPECT_EQ(*version, 0x0001'0002'0003'0004U);
-  EXPECT_FALSE(QueryVersion(functions, L"no full name"));
+TEST_F(PackageQueriesTest, PacksTheVersionWithMajorHighestAndRefusesAShortIdentity) {
+  const auto real = ResolveAppModel();
+  EXPECT_EQ(*QueryVersion(real, kFullName), 0x0001'0002'0003'0004U);
+  EXPECT_FALSE(QueryVersion(real, L"no full name"));
+  EXPECT_EQ(QueryVersion(functions, kFullName).Error(), std::uint32_t{ERROR_INVALID_DATA});
 }
 
 TEST(AccountSidTest, FindsAccountsOfThisMachineOnly) {
-  const auto system = QueryAccountSid(L"NT AUTHORITY\\SYSTEM");
-  ASSERT_TRUE(system);
-  EXPECT_EQ(*system, L"S-1-5-18");
-  const auto nobody = QueryAccountSid(L"nowhere\\nobody at all");
-  ASSERT_FALSE(nobody);
-  EXPECT_EQ(nobody.Error(), kNoneMapped);
+  EXPECT_EQ(*QueryAccountSid(L"NT AUTHORITY\\SYSTEM"), L"S-1-5-18");
+  EXPECT_EQ(QueryAccountSid(L"nowhere\\nobody at all").Error(), std::uint32_t{ERROR_NONE_MAPPED});
 }
 
 }  // namespace

@@ -1,73 +1,73 @@
 #include "host/winrt_abi.h"
 
 #include <cstring>
+#include <vector>
 
-#include "gtest/gtest.h"
+#include "gmock/gmock.h"
 #include "host/winrt_owners.h"
 
 namespace Vx::Abi {
 namespace {
 
+using ::testing::ElementsAre;
+
 // The slot that a call through `method` takes: this compiler stores it in the pointer, in bytes and
 // with bit 0 set.
 template <typename Method>
-std::intptr_t SlotOf(Method method) {
+int SlotOf(Method method) {
   std::intptr_t stored[2];
   static_assert(sizeof method == sizeof stored);
   std::memcpy(stored, &method, sizeof stored);
-  return (stored[0] & 1) != 0 ? (stored[0] - 1) / static_cast<std::intptr_t>(sizeof(void*)) : -1;
+  return (stored[0] & 1) != 0 ? static_cast<int>((stored[0] - 1) / sizeof(void*)) : -1;
+}
+
+template <typename... Methods>
+std::vector<int> Slots(Methods... methods) {
+  return {SlotOf(methods)...};
 }
 
 // The fakes share the declarations with the code under test, so only numbers show a missing or
 // misplaced member.
 TEST(WinrtAbiTest, EveryCalledMemberLiesInItsSlot) {
-  const struct {
-    const char* name;
-    std::intptr_t actual;
-    std::intptr_t slot;
-  } kCases[] = {
-      {"get_Status", SlotOf(&IAsyncInfo::get_Status), 7},
-      {"get_ErrorCode", SlotOf(&IAsyncInfo::get_ErrorCode), 8},
-      {"Cancel", SlotOf(&IAsyncInfo::Cancel), 9},
-      {"operation put_Completed", SlotOf(&IAppServiceOpenOperation::put_Completed), 6},
-      {"operation GetResults", SlotOf(&IAppServiceSendOperation::GetResults), 8},
-      {"operation handler", SlotOf(&IAppServiceOpenOperation::Handler::Invoke), 3},
-      {"deployment put_Completed", SlotOf(&IDeploymentOperation::put_Completed), 8},
-      {"deployment GetResults", SlotOf(&IDeploymentOperation::GetResults), 10},
-      {"deployment handler", SlotOf(&IDeploymentCompletedHandler::Invoke), 3},
-      {"First", SlotOf(&IPackageIterable::First), 6},
-      {"get_Current", SlotOf(&IPackageIterator::get_Current), 6},
-      {"get_HasCurrent", SlotOf(&IPackageIterator::get_HasCurrent), 7},
-      {"MoveNext", SlotOf(&IPackageIterator::MoveNext), 8},
-      {"Lookup", SlotOf(&IStringMap::Lookup), 6},
-      {"HasKey", SlotOf(&IStringMap::HasKey), 8},
-      {"Insert", SlotOf(&IStringMap::Insert), 10},
-      {"CreateString", SlotOf(&IPropertyValueStatics::CreateString), 18},
-      {"get_Type", SlotOf(&IPropertyValue::get_Type), 6},
-      {"GetString", SlotOf(&IPropertyValue::GetString), 19},
-      {"get_FullName", SlotOf(&IPackageId::get_FullName), 12},
-      {"get_FamilyName", SlotOf(&IPackageId::get_FamilyName), 13},
-      {"get_Id", SlotOf(&IPackage::get_Id), 6},
-      {"get_ErrorText", SlotOf(&IDeploymentResult::get_ErrorText), 6},
-      {"get_ExtendedErrorCode", SlotOf(&IDeploymentResult::get_ExtendedErrorCode), 8},
-      {"find for all", SlotOf(&IPackageManager::FindPackagesByPackageFamilyName), 19},
-      {"find for one", SlotOf(&IPackageManager::FindPackagesByUserSecurityIdPackageFamilyName), 20},
-      {"register", SlotOf(&IPackageManager2::RegisterPackageByFullNameAsync), 8},
-      {"get_Package", SlotOf(&IPackageUninstallingEventArgs::get_Package), 7},
-      {"get_IsComplete", SlotOf(&IPackageUninstallingEventArgs::get_IsComplete), 9},
-      {"uninstalling handler", SlotOf(&IPackageUninstallingHandler::Invoke), 3},
-      {"add_PackageUninstalling", SlotOf(&IPackageCatalog::add_PackageUninstalling), 12},
-      {"remove_PackageUninstalling", SlotOf(&IPackageCatalog::remove_PackageUninstalling), 13},
-      {"OpenForCurrentUser", SlotOf(&IPackageCatalogStatics::OpenForCurrentUser), 7},
-      {"put_AppServiceName", SlotOf(&IAppServiceConnection::put_AppServiceName), 7},
-      {"put_PackageFamilyName", SlotOf(&IAppServiceConnection::put_PackageFamilyName), 9},
-      {"OpenAsync", SlotOf(&IAppServiceConnection::OpenAsync), 10},
-      {"SendMessageAsync", SlotOf(&IAppServiceConnection::SendMessageAsync), 11},
-      {"get_Message", SlotOf(&IAppServiceResponse::get_Message), 6},
-      {"response get_Status", SlotOf(&IAppServiceResponse::get_Status), 7},
-      {"IClosable::Close", SlotOf(&IClosable::Close), 6},
-  };
-  for (const auto& c : kCases) EXPECT_EQ(c.actual, c.slot) << c.name;
+  using Opening = IAppServiceOpenOperation;
+  using Sending = IAppServiceSendOperation;
+  using Deployment = IDeploymentOperation;
+  using Manager = IPackageManager;
+  using Connection = IAppServiceConnection;
+  using Uninstall = IPackageUninstallingEventArgs;
+  EXPECT_THAT(Slots(&Opening::Handler::Invoke, &IDeploymentCompletedHandler::Invoke,
+                    &IPackageUninstallingHandler::Invoke),
+              ElementsAre(3, 3, 3));
+  EXPECT_THAT(Slots(&IAsyncInfo::get_Status, &IAsyncInfo::get_ErrorCode, &IAsyncInfo::Cancel),
+              ElementsAre(7, 8, 9));
+  EXPECT_THAT(Slots(&Opening::put_Completed, &Sending::GetResults), ElementsAre(6, 8));
+  EXPECT_THAT(Slots(&Deployment::put_Completed, &Deployment::GetResults), ElementsAre(8, 10));
+  EXPECT_THAT(Slots(&IPackageIterable::First, &IPackageIterator::get_Current,
+                    &IPackageIterator::get_HasCurrent, &IPackageIterator::MoveNext),
+              ElementsAre(6, 6, 7, 8));
+  EXPECT_THAT(Slots(&IStringMap::Lookup, &IStringMap::HasKey, &IStringMap::Insert),
+              ElementsAre(6, 8, 10));
+  EXPECT_THAT(Slots(&IPropertyValueStatics::CreateString, &IPropertyValue::get_Type,
+                    &IPropertyValue::GetString),
+              ElementsAre(18, 6, 19));
+  EXPECT_THAT(Slots(&IPackage::get_Id, &IPackageId::get_FullName, &IPackageId::get_FamilyName),
+              ElementsAre(6, 12, 13));
+  EXPECT_THAT(Slots(&IDeploymentResult::get_ErrorText, &IDeploymentResult::get_ExtendedErrorCode),
+              ElementsAre(6, 8));
+  EXPECT_THAT(Slots(&Manager::FindPackagesByPackageFamilyName,
+                    &Manager::FindPackagesByUserSecurityIdPackageFamilyName,
+                    &IPackageManager2::RegisterPackageByFullNameAsync),
+              ElementsAre(19, 20, 8));
+  EXPECT_THAT(Slots(&Uninstall::get_Package, &Uninstall::get_IsComplete), ElementsAre(7, 9));
+  EXPECT_THAT(
+      Slots(&IPackageCatalog::add_PackageUninstalling, &IPackageCatalog::remove_PackageUninstalling,
+            &IPackageCatalogStatics::OpenForCurrentUser),
+      ElementsAre(12, 13, 7));
+  EXPECT_THAT(Slots(&Connection::put_AppServiceName, &Connection::put_PackageFamilyName,
+                    &Connection::OpenAsync, &Connection::SendMessageAsync, &IClosable::Close),
+              ElementsAre(7, 9, 10, 11, 6));
+  EXPECT_THAT(Slots(&IAppServiceResponse::get_Message, &IAppServiceResponse::get_Status),
+              ElementsAre(6, 7));
 }
 
 TEST(DelegateTest, AnswersForItsOwnInterfaceAndForBeingAgileOnly) {
@@ -87,10 +87,7 @@ TEST(DelegateTest, AnswersForItsOwnInterfaceAndForBeingAgileOnly) {
 
 TEST(ApartmentTest, LeavesAThreadOfAnotherApartmentWhereItIs) {
   ASSERT_EQ(RoInitialize(RO_INIT_SINGLETHREADED), S_OK);
-  {
-    const Apartment apartment;
-    EXPECT_EQ(apartment.Result(), S_OK);
-  }
+  EXPECT_EQ(Apartment().Result(), S_OK);
   // Still single-threaded: entering it once more is not a change.
   EXPECT_EQ(RoInitialize(RO_INIT_SINGLETHREADED), S_FALSE);
   RoUninitialize();
