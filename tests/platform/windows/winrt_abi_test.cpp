@@ -18,7 +18,8 @@ int SlotOf(Method method) {
   std::intptr_t stored[2];
   static_assert(sizeof method == sizeof stored);
   std::memcpy(stored, &method, sizeof stored);
-  return (stored[0] & 1) != 0 ? static_cast<int>((stored[0] - 1) / sizeof(void*)) : -1;
+  return (stored[0] & 1) != 0 ? static_cast<int>((stored[0] - 1) / std::intptr_t{sizeof(void*)})
+                              : -1;
 }
 
 template <typename... Methods>
