@@ -1,21 +1,37 @@
 #include "security/authenticode_helper.h"
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
+#include <algorithm>
+#include <chrono>
+#include <filesystem>
+#include <map>
+#include <stdexcept>
+
+#include "platform/machine.h"
+#include "platform/trust_provider.h"
 #include "security/authenticode_facade.h"
-#include "security/fake_trust.h"
 #include "security/file_trust.h"
+#include "simulator/virtual_clock.h"
+#include "support/directory_link.h"
 #include "support/log_capture.h"
+#include "support/temp_folder.h"
 #include "support/test_pki.h"
 
 namespace Vx::Tessel::Security {
 
 namespace {
 
+using namespace std::chrono_literals;
+using Platform::AccessEntry;
+using Platform::CatalogStep;
+using Platform::Result;
 using Platform::SignatureVerdict;
 using testing::ElementsAre;
 using testing::IsEmpty;
+using testing::SizeIs;
+using Tests::PkiFile;
+using Tests::ProtectedFolder;
 
 constexpr std::int32_t Code(std::uint32_t hresult) {
   return static_cast<std::int32_t>(hresult);
@@ -24,6 +40,79 @@ constexpr auto kUntrustedRoot = Code(0x800B0109);
 constexpr auto kExpired = Code(0x800B0101);
 constexpr auto kBadDigest = Code(0x80096010);
 constexpr auto kNoSignature = Code(0x800B0100);
+
+constexpr std::uint32_t kGenericAll = 0x10000000;
+constexpr std::uint32_t kFullControl = 0x1F01FF;
+
+// What the emulator lacks: several signatures, catalogs, results that depend on a chain, and access
+// lists as Windows keeps them. Paths are resolved by the real thing unless `finalPaths` has them.
+class FakeTrust : public Platform::TrustProvider {
+ public:
+  SignatureVerdict VerifyEmbedded(const std::wstring& path, std::uint32_t index) const override {
+    return Verdict(L"embedded " + path, embedded, index);
+  }
+  SignatureVerdict VerifyInCatalog(const Platform::CatalogHit& catalog,
+                                   std::uint32_t index) const override {
+    return Verdict(L"catalog " + catalog.catalogPath, inCatalog, index);
+  }
+  std::optional<Platform::CatalogHit> FindCatalog(
+      const std::wstring& path, Platform::CatalogFailure& failure) const override {
+    failure = catalogFailure.value_or(failure);
+    if (catalogFailure) return std::nullopt;
+    return Platform::CatalogHit{
+        .catalogPath = L"C:\\x.cat", .memberTag = L"00FF", .memberPath = path, .hash = {}};
+  }
+  Result<std::wstring> FullPath(const std::wstring& path) const override {
+    return real.FullPath(path);
+  }
+  Result<std::wstring> FinalPath(const std::wstring& path) const override {
+    const auto found = finalPaths.find(path);
+    return found != finalPaths.end() ? found->second : real.FinalPath(path);
+  }
+  // The answers to successive questions; the last one repeats.
+  Result<std::vector<AccessEntry>> FolderAccess(const std::wstring& folder) const override {
+    folders.push_back(folder);
+    if (access.empty()) throw std::runtime_error("no answer");
+    return access.at(std::min(folders.size(), access.size()) - 1);
+  }
+
+  using Verdicts = std::vector<SignatureVerdict>;
+  Verdicts embedded;
+  Verdicts inCatalog;
+  std::optional<Platform::CatalogFailure> catalogFailure;
+  std::map<std::wstring, std::wstring> finalPaths;
+  std::vector<Result<std::vector<AccessEntry>>> access;
+  mutable std::vector<std::wstring> asked;
+  mutable std::vector<std::wstring> folders;
+
+ private:
+  SignatureVerdict Verdict(const std::wstring& what, const Verdicts& all, std::uint32_t i) const {
+    asked.push_back(what + L" " + std::to_wstring(i));
+    if (i < all.size()) return all[i];
+    return {.result = kNoSignature, .secondaryCount = 0, .signer = {}};
+  }
+
+  const TrustProvider& real = *Platform::WindowsMachine().trustProvider;
+};
+
+class AuthenticodeHelperTest : public testing::Test {
+ protected:
+  std::vector<std::string> Keys(SignatureKind kind = SignatureKind::Embedded) const {
+    std::vector<std::string> keys;
+    for (const auto& record : helper.CollectSignatures(L"C:\\f", kind)) {
+      keys.push_back(record.public_key);
+    }
+    return keys;
+  }
+
+  FakeTrust trust;
+  Simulator::VirtualClock clock;
+  Platform::MachineScope scope{[this](Platform::Machine& machine) {
+    machine.trustProvider = &trust;
+    machine.clock = &clock;
+  }};
+  VxAuthenticodeHelper helper;
+};
 
 // A signature whose public key is the one byte `key`.
 SignatureVerdict Signed(std::int32_t result, unsigned char key, std::uint32_t more = 0) {
@@ -34,29 +123,12 @@ SignatureVerdict Signed(std::int32_t result, unsigned char key, std::uint32_t mo
                                      .names = Platform::SignerNames{}}};
 }
 
-class AuthenticodeHelperTest : public testing::Test {
- protected:
-  Tests::FakeTrust trust;
-  Platform::MachineScope scope{
-      [this](Platform::Machine& machine) { machine.trustProvider = &trust; }};
-  VxAuthenticodeHelper helper;
-};
-
-std::vector<std::string> Keys(const std::vector<SignatureRecord>& records) {
-  std::vector<std::string> keys;
-  keys.reserve(records.size());
-  for (const auto& record : records) keys.push_back(record.public_key);
-  return keys;
-}
-
 TEST_F(AuthenticodeHelperTest, AsksForEverySignatureThatTheFirstAnswerCounts) {
   // Later counts are not believed: only the first call reports the number.
   trust.embedded = {Signed(0, 0xA1, 2), Signed(kBadDigest, 0xB2, 9), Signed(kExpired, 0xC3, 9)};
-  EXPECT_THAT(Keys(helper.CollectSignatures(L"C:\\f", SignatureKind::Embedded)),
-              ElementsAre("a1", "c3"));
+  EXPECT_THAT(Keys(), ElementsAre("a1", "c3"));
   trust.inCatalog = {Signed(0, 0x11, 1), Signed(0, 0x12)};
-  EXPECT_THAT(Keys(helper.CollectSignatures(L"C:\\f", SignatureKind::Catalog)),
-              ElementsAre("11", "12"));
+  EXPECT_THAT(Keys(SignatureKind::Catalog), ElementsAre("11", "12"));
   EXPECT_THAT(trust.asked,
               ElementsAre(L"embedded C:\\f 0", L"embedded C:\\f 1", L"embedded C:\\f 2",
                           L"catalog C:\\x.cat 0", L"catalog C:\\x.cat 1"));
@@ -64,7 +136,7 @@ TEST_F(AuthenticodeHelperTest, AsksForEverySignatureThatTheFirstAnswerCounts) {
 
 TEST_F(AuthenticodeHelperTest, EndsForACountThatNoRealFileHas) {
   trust.embedded = {Signed(0, 1, 0xFFFFFFFF)};
-  EXPECT_EQ(helper.CollectSignatures(L"C:\\f", SignatureKind::Embedded).size(), 1U);
+  EXPECT_THAT(Keys(), SizeIs(1));
   EXPECT_LE(trust.asked.size(), 256U);
 }
 
@@ -93,30 +165,26 @@ TEST_F(AuthenticodeHelperTest, LogsSubjectsAndNamesThatCannotBeRead) {
   trust.embedded[1].signer->names.reset();
   trust.embedded[2].signer.reset();
   const Tests::LogCapture log;
-  EXPECT_THAT(Keys(helper.CollectSignatures(L"C:\\f", SignatureKind::Embedded)),
-              ElementsAre("01", "02"));
+  EXPECT_THAT(Keys(), ElementsAre("01", "02"));
   EXPECT_THAT(log.Lines(), ElementsAre(L"info|Subject = CN=1", L"info|Subject = CN=2",
                                        L"error|Error while retrieving Subject field.",
                                        L"error|Error while retrieving Subject field."));
 }
 
 TEST_F(AuthenticodeHelperTest, LogsTheStepAtWhichACatalogSearchFailed) {
-  using Platform::CatalogStep;
-  static constexpr struct {
-    CatalogStep step;
-    const wchar_t* function;
-  } kCases[] = {{CatalogStep::AcquireContext, L"CryptCATAdminAcquireContext2"},
-                {CatalogStep::OpenFile, L"CreateFileW"},
-                {CatalogStep::Hash, L"CryptCATAdminCalcHashFromFileHandle2"},
-                {CatalogStep::FindCatalog, L"CryptCATAdminEnumCatalogFromHash"}};
-  for (const auto& c : kCases) {
-    trust.catalogFailure = {.step = c.step, .error = 1168};
+  const std::pair<CatalogStep, std::wstring> kCases[] = {
+      {CatalogStep::AcquireContext, L"CryptCATAdminAcquireContext2"},
+      {CatalogStep::OpenFile, L"CreateFileW"},
+      {CatalogStep::Hash, L"CryptCATAdminCalcHashFromFileHandle2"},
+      {CatalogStep::FindCatalog, L"CryptCATAdminEnumCatalogFromHash"}};
+  for (const auto& [step, function] : kCases) {
+    trust.catalogFailure = {.step = step, .error = 1168};
     const Tests::LogCapture log;
-    EXPECT_THAT(helper.CollectSignatures(L"C:\\f", SignatureKind::Catalog), IsEmpty());
-    EXPECT_THAT(log.Lines(),
-                ElementsAre(L"info|Security - GetSecurityCatalogInfo - File = C:\\f",
-                            L"error|Security - GetSecurityCatalogInfo - Failed during " +
-                                std::wstring(c.function) + L". Error Code = 1168"));
+    EXPECT_THAT(Keys(SignatureKind::Catalog), IsEmpty());
+    EXPECT_THAT(log.Lines(), ElementsAre(L"info|Security - GetSecurityCatalogInfo - File = C:\\f",
+                                         L"error|Security - GetSecurityCatalogInfo - Failed "
+                                         L"during " +
+                                             function + L". Error Code = 1168"));
   }
 }
 
@@ -125,10 +193,8 @@ TEST_F(AuthenticodeHelperTest, ComparesKeysAsExactText) {
       {.public_key = "00", .trust_result = 0, .names = {}},
       {.public_key = "ab cd", .trust_result = 0, .names = {}}};
   for (const std::string_view pinned : {"ab cd", "AB CD", "ab", "ab cd ef", ""}) {
-    EXPECT_EQ(VxAuthenticodeHelper::IsKeyPinned(records, {&pinned, 1}), pinned == "ab cd")
-        << pinned;
+    EXPECT_EQ(VxAuthenticodeHelper::IsKeyPinned(records, {&pinned, 1}), pinned == "ab cd");
   }
-  EXPECT_FALSE(VxAuthenticodeHelper::IsKeyPinned(records, {}));
 }
 
 TEST_F(AuthenticodeHelperTest, TakesAcceptanceAndPinFromDifferentSignatures) {
@@ -144,7 +210,7 @@ TEST_F(AuthenticodeHelperTest, TakesAcceptanceAndPinFromDifferentSignatures) {
       {"pinned one is expired", kExpired, kBadDigest, true},
       {"pinned one has an untrusted root", kUntrustedRoot, kUntrustedRoot, false},
       {"pinned one is broken", kBadDigest, 0, false}};
-  const Tests::ProtectedFolder folder;
+  const ProtectedFolder folder;
   const std::wstring path = folder.Hold(L"unsigned.exe");
   for (const auto& c : kCases) {
     SCOPED_TRACE(c.name);
@@ -155,7 +221,7 @@ TEST_F(AuthenticodeHelperTest, TakesAcceptanceAndPinFromDifferentSignatures) {
 }
 
 TEST_F(AuthenticodeHelperTest, ComparesTheDropboxNameExactly) {
-  const Tests::ProtectedFolder folder;
+  const ProtectedFolder folder;
   const std::wstring path = folder.Hold(L"unsigned.exe");
   const struct {
     std::wstring commonName;
@@ -166,16 +232,209 @@ TEST_F(AuthenticodeHelperTest, ComparesTheDropboxNameExactly) {
                 {L"dropbox, inc", 0, false},
                 {std::wstring(L"Dropbox, Inc\0.evil", 18), 0, false},
                 {L"", 0, false}};
+  trust.inCatalog = {Signed(0, 2)};
   for (const auto& c : kCases) {
     trust.embedded = {Signed(c.result, 1)};
     trust.embedded[0].signer->names->commonName = c.commonName;
-    trust.inCatalog = {Signed(0, 2)};
     const Tests::LogCapture log;
     EXPECT_EQ(VxAuthenticodeFacade().IsDropboxFileTrusted(path.c_str()), c.trusted);
     EXPECT_EQ(log.Lines().front(), L"info|Starting validation of Dropbox file.");
     EXPECT_EQ(log.Has(L"error|Dropbox file is not trusted by windows."),
               c.result == kUntrustedRoot);
   }
+}
+
+class PathVerdictTest : public AuthenticodeHelperTest {
+ protected:
+  PathOutcome Outcome(const std::wstring& path) const { return helper.JudgePath(path).outcome; }
+};
+
+TEST_F(PathVerdictTest, AllowsEveryTextThatNamesAProtectedFile) {
+  const ProtectedFolder folder;
+  const std::wstring path = folder.Hold(L"unsigned.exe");
+  const std::wstring below = path.substr(3);
+  for (const std::wstring& text : {path, L"C:\\Windows\\..\\" + below, L"C:/" + below,
+                                   L"C:\\.\\" + below, path + L".", path + L" "}) {
+    SCOPED_TRACE(testing::PrintToString(text));
+    EXPECT_EQ(Outcome(text), PathOutcome::Allowed);
+    EXPECT_EQ(helper.JudgePath(text).fullPath, path);
+  }
+  for (const wchar_t* text :
+       {L"C:\\windows\\notepad.exe", L"C:\\WINDOWS\\NOTEPAD.EXE", L"%WinDir%\\notepad.exe"}) {
+    EXPECT_TRUE(helper.IsPathAllowed(text)) << testing::PrintToString(text);
+  }
+}
+
+// Each text begins like an allowed path, or would by some reading, and none names a file there. The
+// outcome tells at which gate it must fail, so that a gate that goes missing is noticed.
+TEST_F(PathVerdictTest, RefusesTextsThatOnlyLookProtected) {
+  const Tests::TempFolder outside;
+  const std::wstring evil = outside / L"evil.exe";
+  std::filesystem::copy_file(PkiFile(L"unsigned.exe"), evil);
+  const std::wstring below = evil.substr(3);  // without the drive
+  std::wstring slashed = below;
+  std::replace(slashed.begin(), slashed.end(), L'\\', L'/');
+  using enum PathOutcome;
+  const std::pair<std::wstring, PathOutcome> kCases[] = {
+      {L"C:\\Windows\\..\\" + below, OutsidePrefixes},
+      {L"C:\\Windows/../" + slashed, OutsidePrefixes},
+      {L"%windir%\\..\\" + below, OutsidePrefixes},
+      {L"C:\\Windows\\..\\WindowsApps\\..\\" + below, OutsidePrefixes},
+      {L"\\\\?\\C:\\Windows\\notepad.exe", OutsidePrefixes},
+      {L"\\\\.\\C:\\Windows\\notepad.exe", OutsidePrefixes},
+      {L"\\\\localhost\\c$\\Windows\\notepad.exe", OutsidePrefixes},
+      {L"\\Windows\\notepad.exe", OutsidePrefixes},
+      {L"notepad.exe", OutsidePrefixes},
+      {L"C:Windows\\notepad.exe", OutsidePrefixes},
+      {L"C:\\W\u0131ndows\\notepad.exe", OutsidePrefixes},
+      {L"C:\\Windows2\\x.exe", OutsidePrefixes},
+      {L"C:\\Windows", OutsidePrefixes},
+      {L"", OutsidePrefixes},
+      {L"C:\\Windows\\tracing\\x:evil.exe", NotPlain},
+      {L"C:\\Windows\\C:\\" + below, NotPlain},
+      {L"C:\\Windows\\", NotPlain},
+      {L"\\\\?\\C:\\WindowsApps\\..\\" + below, NotPlain},
+      {L"x:\\WindowsApps\\y:evil.exe", NotPlain},
+      {L"C:\\Windows\\no such file.exe", NotFound},
+      {L"C:\\Windows\\system32", NotFound},
+      {L"C:\\Windows\\" + std::wstring(300, L'a'), NotFound},
+      {L"C:\\Windows\\" + std::wstring(40000, L'a'), NotExpanded},
+  };
+  for (const auto& [path, outcome] : kCases) {
+    EXPECT_EQ(Outcome(path), outcome) << testing::PrintToString(path);
+  }
+}
+
+TEST_F(PathVerdictTest, FollowsALinkOutOfAProtectedFolder) {
+  const Tests::TempFolder outside;
+  std::filesystem::copy_file(PkiFile(L"unsigned.exe"), outside / L"evil.exe");
+  const ProtectedFolder folder;
+  const Tests::DirectoryLink link(folder / L"link", outside.Path().wstring());
+  const std::wstring path = folder / L"link\\evil.exe";
+  const Tests::LogCapture log;
+  EXPECT_EQ(Outcome(path), PathOutcome::LeadsElsewhere);
+  EXPECT_TRUE(log.Has(L"error|Vx::Tessel::Security::VxAuthenticodeHelper::IsPathAllowed - [" +
+                      path + L"] leads to [" + outside / L"evil.exe" + L"]"));
+}
+
+// Whoever owns the link decides what the path names a moment later.
+TEST_F(PathVerdictTest, RefusesAProtectedFileReachedThroughAnUnprotectedLink) {
+  const ProtectedFolder folder;
+  folder.Hold(L"unsigned.exe");
+  const Tests::TempFolder outside;
+  const Tests::DirectoryLink link(outside / L"link", folder.Path());
+  EXPECT_EQ(Outcome(outside / L"link\\unsigned.exe"), PathOutcome::OutsidePrefixes);
+}
+
+TEST_F(PathVerdictTest, RefusesAFolderThatIsReallyNamedLikeAVariable) {
+  const ProtectedFolder folder;
+  const std::wstring held = folder.Hold(L"unsigned.exe");
+  const Tests::EnvironmentOverride variable(L"VxTestPlace", held.substr(3));
+  EXPECT_EQ(Outcome(L"C:\\%VxTestPlace%"), PathOutcome::Allowed);
+  trust.finalPaths[L"C:\\%VxTestPlace%"] = L"C:\\%VxTestPlace%";
+  EXPECT_EQ(Outcome(L"C:\\%VxTestPlace%"), PathOutcome::LeadsElsewhere);
+}
+
+AccessEntry Entry(const wchar_t* domain, const wchar_t* name, std::uint32_t mask = kGenericAll) {
+  return {.allowed = true, .mask = mask, .accountName = name, .accountDomain = domain};
+}
+const AccessEntry kInstaller = Entry(L"NT SERVICE", L"TrustedInstaller");
+const AccessEntry kSystem = Entry(L"NT AUTHORITY", L"SYSTEM");
+
+TEST_F(PathVerdictTest, ChecksTheAccessOfWindowsAppsFoldersOnly) {
+  const std::wstring inPrograms = L"C:\\Program Files\\WindowsApps\\Vx.App\\app.exe";
+  const std::wstring folder = L"C:\\Program Files\\WindowsApps";
+  const std::wstring shouted = L"C:\\PROGRAM FILES\\windowsapps";
+  const std::wstring onDrive = L"D:\\WindowsApps\\Vx.App\\app.exe";
+  const std::wstring ordinary = L"C:\\Program Files\\Vx\\a.exe";
+  const struct {
+    const char* name;
+    std::wstring path;
+    std::wstring finalPath;
+    std::vector<std::wstring> folders;
+  } kCases[] = {
+      {"below %PROGRAMFILES%", inPrograms, inPrograms, {folder}},
+      {"other letter case", shouted + L"\\a.exe", inPrograms, {shouted}},
+      {"on another drive", onDrive, onDrive, {L"D:\\WindowsApps"}},
+      {"moved to another drive", inPrograms, onDrive, {folder, L"D:\\WindowsApps"}},
+      {"an ordinary program", ordinary, ordinary, {}},
+  };
+  for (const auto& c : kCases) {
+    SCOPED_TRACE(c.name);
+    trust.finalPaths = {{c.path, c.finalPath}};
+    trust.folders.clear();
+    trust.access = {std::vector{kInstaller, kSystem}};
+    EXPECT_TRUE(helper.IsPathAllowed(c.path));
+    EXPECT_EQ(trust.folders, c.folders);
+    trust.access = {std::vector{kInstaller}};
+    EXPECT_EQ(helper.IsPathAllowed(c.path), c.folders.empty());
+  }
+}
+
+TEST_F(PathVerdictTest, DemandsGenericAllForBothAccounts) {
+  AccessEntry denied = kSystem;
+  denied.allowed = false;
+  const auto weakInstaller = Entry(L"NT SERVICE", L"TrustedInstaller", kFullControl);
+  const auto weakSystem = Entry(L"NT AUTHORITY", L"SYSTEM", kFullControl);
+  const struct {
+    const char* name;
+    std::vector<AccessEntry> access;
+    bool full;
+  } kCases[] = {
+      {"both, others between", {kSystem, Entry(L"BUILTIN", L"Users"), kInstaller}, true},
+      {"only TrustedInstaller", {kInstaller}, false},
+      {"only SYSTEM", {kSystem, kSystem}, false},
+      {"an installer without the generic bit", {weakInstaller, kSystem}, false},
+      {"a SYSTEM without the generic bit", {kInstaller, weakSystem}, false},
+      {"SYSTEM denied", {kInstaller, denied}, false},
+      {"other letter case", {Entry(L"NT SERVICE", L"trustedinstaller"), kSystem}, false},
+      {"TrustedInstaller of another domain", {Entry(L"PC", L"TrustedInstaller"), kSystem}, false},
+      {"SYSTEM of another domain", {kInstaller, Entry(L"PC", L"SYSTEM")}, false},
+  };
+  for (const auto& c : kCases) {
+    trust.access = {c.access};
+    EXPECT_EQ(helper.CheckForFullConrolByTrustedInstallAndSystem(L"D:\\WindowsApps"), c.full)
+        << c.name;
+  }
+}
+
+TEST_F(PathVerdictTest, TriesFiveTimesWithPausesBetweenUntilTheFirstSuccess) {
+  const std::wstring path = L"D:\\WindowsApps\\app.exe";
+  trust.finalPaths[path] = path;
+  const auto failure = Result<std::vector<AccessEntry>>::Failure(5);
+  trust.access = {failure};
+  const Tests::LogCapture log;
+  EXPECT_FALSE(helper.IsPathAllowed(path));
+  EXPECT_EQ(clock.Elapsed(), 4 * 250ms);
+  ASSERT_THAT(log.Lines(), SizeIs(8));
+  for (std::size_t attempt = 1; attempt <= 5; ++attempt) {
+    EXPECT_EQ(log.Lines()[attempt + 2], L"error|Security - GetNamedSecurityInfo - Failed " +
+                                            std::to_wstring(attempt) +
+                                            L" of 5 times. Error Code = 5");
+  }
+  trust.folders.clear();
+  trust.access = {failure, failure, std::vector{kInstaller, kSystem}};
+  EXPECT_TRUE(helper.IsPathAllowed(path));
+  EXPECT_EQ(clock.Elapsed(), 6 * 250ms);
+}
+
+TEST_F(PathVerdictTest, TakesAnExceptionForARefusalAndLogsIt) {
+  const Tests::LogCapture log;
+  EXPECT_FALSE(helper.CheckForFullConrolByTrustedInstallAndSystem(L"D:\\WindowsApps"));
+  EXPECT_THAT(log.Lines(),
+              ElementsAre(L"error|Exception in CheckForFullConrolByTrustedInstallAndSystem()."));
+}
+
+TEST(FolderAccess, ReadsTheAccountsOfARealFolder) {
+  const auto& real = *Platform::WindowsMachine().trustProvider;
+  const ProtectedFolder folder;
+  const auto access = real.FolderAccess(folder.Path());
+  ASSERT_TRUE(access);
+  EXPECT_TRUE(std::any_of(access->begin(), access->end(), [](const AccessEntry& entry) {
+    return entry.allowed && entry.accountDomain == kSystem.accountDomain &&
+           entry.accountName == kSystem.accountName;
+  }));
+  EXPECT_EQ(real.FolderAccess(folder / L"not there").Error(), 2U);
 }
 
 }  // namespace
