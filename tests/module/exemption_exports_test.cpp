@@ -30,14 +30,17 @@ TEST(ExportedExemptionCheck, AnswersAcrossTheModuleBoundary) {
 }
 
 TEST(ExportedExemptionCheck, ThrowsAcrossTheModuleBoundary) {
-  TesselAccessManager manager;
-  std::string message;
-  try {
-    manager.IsWin32Exempt();
-  } catch (const tessel_access_exception& error) {
-    message = error.what();
+  for (const bool win32 : {false, true}) {
+    TesselAccessManager manager;
+    std::string message;
+    try {
+      win32 ? manager.IsWin32Exempt() : manager.IsUwpExempt();
+    } catch (const tessel_access_exception& error) {
+      message = error.what();
+    }
+    EXPECT_EQ(message, std::string("The Behavior was not defined. A call to Set") +
+                           (win32 ? "Win32" : "Uwp") + "Checker must be done.");
   }
-  EXPECT_EQ(message, "The Behavior was not defined. A call to SetWin32Checker must be done.");
 }
 
 }  // namespace

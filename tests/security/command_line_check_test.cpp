@@ -1,6 +1,5 @@
 #include "security/command_line_check.h"
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 namespace Vx::Tessel::Security {

@@ -30,63 +30,42 @@ TEST(BeginsWith, FoldsTheLettersAToZAndNothingElse) {
 }
 
 TEST(IsPlainPath, AcceptsOnlyDriveFoldersAndName) {
-  static constexpr struct {
-    const wchar_t* path;
-    bool drive;
-    bool plain;
-  } kCases[] = {
-      {L"C:\\Program Files (x86)\\Vx.Tool\\a-b_1.exe", true, true},
-      {L"C:\\\u00E9\u4E2D\\x", true, true},
-      {L"C:\\", true, false},
-      {L"C:/a", true, false},
-      {L"C:\\a/b", true, false},
-      {L"C:\\a\\\\b", true, false},
-      {L"C:\\a\\..\\b", true, false},
-      {L"C:\\a.\\b", true, false},
-      {L"C:\\a\\b ", true, false},
-      {L"C:\\a:b", true, false},
-      {L"C:\\a\\b:c.exe", true, false},
-      {L"C:\\a\\*", true, false},
-      {L"C:\\a\\b\x01", true, false},
-      {L"C:a", false, false},
-      {L"", false, false},
-      {L"a\\b", false, false},
-      {L"\\\\server\\share\\a", false, false},
-      {L"\\\\?\\C:\\a", false, false},
-      {L"1:\\a", false, false},
-      {L"\u00E9:\\a", false, false},
-  };
-  for (const auto& c : kCases) {
-    SCOPED_TRACE(testing::PrintToString(c.path));
-    EXPECT_EQ(IsDrivePath(c.path), c.drive);
-    EXPECT_EQ(IsPlainPath(c.path), c.plain);
+  for (const wchar_t* plain :
+       {L"C:\\Program Files (x86)\\Vx.Tool\\a-b_1.exe", L"C:\\\u00E9\u4E2D\\x"}) {
+    EXPECT_TRUE(IsDrivePath(plain) && IsPlainPath(plain)) << testing::PrintToString(plain);
+  }
+  for (const wchar_t* onDrive :
+       {L"C:\\", L"C:/a", L"C:\\a/b", L"C:\\a\\\\b", L"C:\\a\\..\\b", L"C:\\a.\\b", L"C:\\a\\b ",
+        L"C:\\a:b", L"C:\\a\\b:c.exe", L"C:\\a\\*", L"C:\\a\\b\x01"}) {
+    EXPECT_TRUE(IsDrivePath(onDrive) && !IsPlainPath(onDrive)) << testing::PrintToString(onDrive);
+  }
+  for (const wchar_t* other :
+       {L"C:a", L"", L"a\\b", L"\\\\server\\share\\a", L"\\\\?\\C:\\a", L"1:\\a", L"\u00E9:\\a"}) {
+    EXPECT_FALSE(IsDrivePath(other) || IsPlainPath(other)) << testing::PrintToString(other);
   }
 }
 
-std::optional<std::wstring> Expected(const wchar_t* folder) {
-  return folder == nullptr ? std::nullopt : std::optional<std::wstring>(folder);
-}
-
 TEST(WindowsAppsFolder, IsTheTextUpToItsName) {
+  static constexpr wchar_t kNone[] = L"none";
   static constexpr struct {
     const wchar_t* path;
-    const wchar_t* onDrive;  // null: none
-    const wchar_t* below;    // below "C:\Program Files\"
+    const wchar_t* onDrive;
+    const wchar_t* below;  // below "C:\Program Files\"
   } kCases[] = {
-      {L"D:\\WindowsApps\\a\\b.exe", L"D:\\WindowsApps", nullptr},
-      {L"D:\\windowsapps\\a", nullptr, nullptr},
-      {L"D:\\WindowsApps", nullptr, nullptr},
-      {L"D:\\WindowsApps2\\a", nullptr, nullptr},
-      {L"D:\\x\\WindowsApps\\a", nullptr, nullptr},
-      {L"C:\\Program Files\\WindowsApps\\a", nullptr, L"C:\\Program Files\\WindowsApps"},
-      {L"c:\\program files\\windowsapps\\a", nullptr, L"c:\\program files\\windowsapps"},
-      {L"C:\\Program Files\\WindowsApps", nullptr, nullptr},
-      {L"C:\\Program Files\\x\\WindowsApps\\a", nullptr, nullptr},
+      {L"D:\\WindowsApps\\a\\b.exe", L"D:\\WindowsApps", kNone},
+      {L"D:\\windowsapps\\a", kNone, kNone},
+      {L"D:\\WindowsApps", kNone, kNone},
+      {L"D:\\WindowsApps2\\a", kNone, kNone},
+      {L"D:\\x\\WindowsApps\\a", kNone, kNone},
+      {L"C:\\Program Files\\WindowsApps\\a", kNone, L"C:\\Program Files\\WindowsApps"},
+      {L"c:\\program files\\windowsapps\\a", kNone, L"c:\\program files\\windowsapps"},
+      {L"C:\\Program Files\\WindowsApps", kNone, kNone},
+      {L"C:\\Program Files\\x\\WindowsApps\\a", kNone, kNone},
   };
   for (const auto& c : kCases) {
     SCOPED_TRACE(testing::PrintToString(c.path));
-    EXPECT_EQ(DriveWindowsAppsFolder(c.path), Expected(c.onDrive));
-    EXPECT_EQ(WindowsAppsFolderBelow(L"C:\\Program Files\\", c.path), Expected(c.below));
+    EXPECT_EQ(DriveWindowsAppsFolder(c.path).value_or(kNone), c.onDrive);
+    EXPECT_EQ(WindowsAppsFolderBelow(L"C:\\Program Files\\", c.path).value_or(kNone), c.below);
   }
 }
 
