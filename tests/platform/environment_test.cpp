@@ -37,7 +37,7 @@ TEST_F(EnvironmentTest, ExpandsUpToTheLimitAndNotOneCharacterMore) {
     const std::size_t length = expand(520)->size();
     EXPECT_TRUE(expand(length + 1));
     for (const std::size_t limit : {length, length - 1, std::size_t{1}, std::size_t{0}}) {
-      EXPECT_EQ(expand(limit).Error(), static_cast<ErrorCode>(ERROR_INSUFFICIENT_BUFFER)) << limit;
+      EXPECT_EQ(expand(limit).Error(), ErrorCode{ERROR_INSUFFICIENT_BUFFER}) << limit;
     }
   }
   EXPECT_EQ(*environment.Expand(L"", 1), L"");

@@ -31,19 +31,17 @@ class ImpersonationTest : public testing::Test {
  protected:
   ImpersonationTest() {
     failedReverts = 0;
-    token = *ConsoleUserToken();
     faults.Clear();
   }
 
   Simulator::FaultInjection faults;
   MachineScope scope{[this](Machine& machine) { faults.Install(machine); }};
-  UniqueHandle token;
+  UniqueHandle token = *ConsoleUserToken();
 };
 
 TEST_F(ImpersonationTest, ActsAsTheUserUntilItIsReverted) {
   Impersonation user(token.get());
-  ASSERT_TRUE(user) << user.Error();
-  EXPECT_TRUE(ThreadActsAsAnother());
+  EXPECT_TRUE(user && ThreadActsAsAnother());
   EXPECT_EQ(user.Revert(), 0U);
   EXPECT_FALSE(ThreadActsAsAnother());
 }
@@ -51,7 +49,7 @@ TEST_F(ImpersonationTest, ActsAsTheUserUntilItIsReverted) {
 TEST_F(ImpersonationTest, EndsWithTheScopeThatAnExceptionLeaves) {
   try {
     const Impersonation user(token.get());
-    ASSERT_TRUE(ThreadActsAsAnother());
+    EXPECT_TRUE(ThreadActsAsAnother());
     throw std::runtime_error("in the middle");
   } catch (const std::runtime_error&) {
     EXPECT_FALSE(ThreadActsAsAnother());
@@ -73,7 +71,7 @@ TEST_F(ImpersonationTest, ReportsAFailedRevertOnceAndDoesNotTryAgain) {
   faults.FailNamed("Sessions.Revert");
   {
     Impersonation user(token.get(), &CountFailedRevert);
-    EXPECT_EQ(user.Revert(), static_cast<ErrorCode>(ERROR_ACCESS_DENIED));
+    EXPECT_EQ(user.Revert(), ErrorCode{ERROR_ACCESS_DENIED});
   }
   EXPECT_THAT(faults.Calls(), ElementsAre("Sessions.Impersonate", "Sessions.Revert"));
   EXPECT_EQ(failedReverts, 0) << "the caller knows already";

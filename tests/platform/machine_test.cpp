@@ -17,15 +17,15 @@ class MachineTest : public testing::Test {
   static std::function<void(Machine&)> Use(Registry& registry) {
     return [&registry](Machine& machine) { machine.registry = &registry; };
   }
+  static void WaitFor(const UniqueHandle& event) {
+    WindowsMachine().clock->Wait(event.get(), std::chrono::seconds(20));
+  }
 
+  Registry* const windows = WindowsMachine().registry;
   UniqueHandle go = *CurrentMachine().kernelObjects->MakeManualEvent(L"");
   Simulator::SimulatedRegistry outerRegistry;
   Simulator::SimulatedRegistry innerRegistry;
 };
-
-void WaitFor(const UniqueHandle& event) {
-  WindowsMachine().clock->Wait(event.get(), std::chrono::seconds(20));
-}
 
 TEST_F(MachineTest, GivesTheOneBeforeBackWhenAScopeEnds) {
   const MachineScope outer(Use(outerRegistry));
@@ -38,54 +38,36 @@ TEST_F(MachineTest, GivesTheOneBeforeBackWhenAScopeEnds) {
 }
 
 TEST_F(MachineTest, KeepsForAWorkerTheMachineThatItWasStartedUnder) {
-  Registry* seenByWorker = nullptr;
-  Registry* seenByItsWorker = nullptr;
-  Registry* seenUnderNoScope = nullptr;
   Thread early([&] {
     WaitFor(go);
-    seenUnderNoScope = CurrentMachine().registry;
+    EXPECT_EQ(CurrentMachine().registry, windows);
   });
-  {
-    const MachineScope outer(Use(outerRegistry));
-    Thread worker([&] {
-      WaitFor(go);
-      seenByWorker = CurrentMachine().registry;
-      Thread([&] { seenByItsWorker = CurrentMachine().registry; }).Join();
-    });
-    {
-      const MachineScope inner(Use(innerRegistry));
-      CurrentMachine().kernelObjects->Signal(go.get());
-      worker.Join();
-      early.Join();
-    }
-  }
-  EXPECT_EQ(seenByWorker, &outerRegistry);
-  EXPECT_EQ(seenByItsWorker, &outerRegistry);
-  EXPECT_EQ(seenUnderNoScope, WindowsMachine().registry);
+  const MachineScope outer(Use(outerRegistry));
+  Thread worker([&] {
+    WaitFor(go);
+    EXPECT_EQ(CurrentMachine().registry, &outerRegistry);
+    Thread([&] { EXPECT_EQ(CurrentMachine().registry, &outerRegistry); }).Join();
+  });
+  const MachineScope inner(Use(innerRegistry));
+  CurrentMachine().kernelObjects->Signal(go.get());
+  worker.Join();
+  early.Join();
 }
 
 TEST_F(MachineTest, AppliesAScopeToTheWorkerThatMadeIt) {
-  Registry* within = nullptr;
-  Registry* after = nullptr;
   Thread([&] {
     {
       const MachineScope scope(Use(innerRegistry));
-      within = CurrentMachine().registry;
+      EXPECT_EQ(CurrentMachine().registry, &innerRegistry);
     }
-    after = CurrentMachine().registry;
+    EXPECT_EQ(CurrentMachine().registry, windows);
   }).Join();
-  EXPECT_EQ(within, &innerRegistry);
-  EXPECT_EQ(after, WindowsMachine().registry);
 }
 
 TEST_F(MachineTest, DiesWhenAScopeEndsBeforeTheOneAboveIt) {
-  EXPECT_DEATH(
-      {
-        auto lower = std::make_unique<MachineScope>(Use(outerRegistry));
-        const MachineScope upper(Use(innerRegistry));
-        lower.reset();
-      },
-      "another one was installed above it");
+  auto lower = std::make_unique<MachineScope>(Use(outerRegistry));
+  const MachineScope upper(Use(innerRegistry));
+  EXPECT_DEATH(lower.reset(), "another one was installed above it");
 }
 
 TEST_F(MachineTest, DiesWhenAScopeEndsUnderARunningWorker) {
