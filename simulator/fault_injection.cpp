@@ -294,7 +294,13 @@ class FaultyPackages final : public Decorator<Platform::Packages> {
   using Decorator::Decorator;
   FamilyQuery FindByFamily(const std::wstring& familyName) const override {
     if (faults.Fails("Packages.FindByFamily")) return {kDenied, 0, 0, {}};
-    return inner.FindByFamily(familyName);
+    FamilyQuery query = inner.FindByFamily(familyName);
+    // Windows is asked twice: for the room that the names need, and for the names.
+    if (!query.fullNames.empty() && faults.Fails("Packages.FamilyNames")) {
+      query.error = kDenied;
+      query.fullNames.clear();
+    }
+    return query;
   }
   PathQuery PathByFullName(const std::wstring& fullName) const override {
     if (faults.Fails("Packages.PathByFullName")) return {kDenied, 0, {}};

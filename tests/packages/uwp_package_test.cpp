@@ -1,28 +1,38 @@
 #include "packages/uwp_package.h"
 
 #include <functional>
+#include <iterator>
+#include <memory>
 #include <stdexcept>
 #include <string>
-#include <utility>
 
-#include "gmock/gmock.h"
-#include "gtest/gtest.h"
-#include "packages/package_machine.h"
+#include <gmock/gmock.h>
+
+#include "host/uwp_package_model.h"
 #include "packages/uwp_package_data_access.h"
-#include "support/log_capture.h"
+#include "support/machine_test.h"
+
+extern "C" Vx::Tessel::Server::Services::UwpPackageModel* CreateUwpPackageModel() noexcept;
 
 namespace Vx::Tessel::Server::Services::Orvane {
 namespace {
 
-using ::testing::Each;
+using ::testing::Contains;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
+using ::testing::Not;
 using ::testing::Pair;
-using Tests::kFamily;
-using Tests::kFullName;
-using Tests::PackageMachine;
+using ::testing::StartsWith;
 
+constexpr wchar_t kFamily[] = L"Some.App_0123456789abc";
+constexpr wchar_t kFullName[] = L"Some.App_1.1.2.3_x64__0123456789abc";
+constexpr std::uint64_t kVersion = 0x0001'0001'0002'0003;
 constexpr wchar_t kUser[] = L"PC\\ann";
+
+constexpr std::int32_t Hresult(std::uint32_t code) {
+  return static_cast<std::int32_t>(code);
+}
+
 // The text of the exception that `operation` throws.
 std::string FailureOf(const std::function<void()>& operation) {
   try {
@@ -33,152 +43,213 @@ std::string FailureOf(const std::function<void()>& operation) {
   }
 }
 
-TEST(UwpPackageTest, FindsThePackageAsTheConsoleUser) {
-  PackageMachine machine;
-  EXPECT_EQ(UwpPackage().FindPackageFullName(kFamily), L"");
-  machine.installed[kFamily] = kFullName;
-  EXPECT_EQ(UwpPackage().FindPackageFullName(kFamily), kFullName);
-  EXPECT_THAT(machine.actedAsUser, Each(true));
-  EXPECT_FALSE(machine.acting);
+class UwpPackageTest : public Tests::MachineTest {
+ protected:
+  // After each test: no exception may leave the thread impersonating.
+  void TearDown() override { EXPECT_FALSE(machine.users.Acting()); }
 
-  const Tests::LogCapture log;
-  machine.FailCall(3);  // the revert, after token, impersonation and query
+  void Fail(const char* call) { machine.faults.FailNamed(call); }
+  void Stage() { machine.packages.Stage({kFamily, kFullName, {}}); }
+  void Install() { machine.packages.Install({kFamily, kFullName, {}}, L"ann"); }
+};
+
+TEST_F(UwpPackageTest, FindsThePackageOfTheConsoleUserAlone) {
+  machine.users.Add(L"bob");
+  machine.packages.Install({kFamily, kFullName, {}}, L"bob");
+  EXPECT_EQ(UwpPackage().FindPackageFullName(kFamily), L"");
+  Install();
+  Fail("Sessions.Revert");
   EXPECT_EQ(UwpPackage().FindPackageFullName(kFamily), kFullName);
   EXPECT_THAT(
       log.Lines(),
-      ElementsAre(L"warning|Problem while reverting the impersonation of a package operation."));
+      Contains(L"warning|Problem while reverting the impersonation of a package operation."));
 }
 
-// What keeps any operation from acting as the console user, and which call it names.
-constexpr struct {
-  const char* failure;
-  void (*breakIt)(PackageMachine& machine);
-} kNoConsoleUser[] = {
-    {"WTSQueryUserToken failed with 0x78",
-     [](PackageMachine& machine) { machine.sessionApi = false; }},
-    {"WTSQueryUserToken failed with 0x3f0",
-     [](PackageMachine& machine) { machine.session = 0xFFFFFFFF; }},
-    {"WTSQueryUserToken failed with 0x5", [](PackageMachine& machine) { machine.FailCall(0); }},
-    {"ImpersonateLoggedOnUser failed with 0x5",
-     [](PackageMachine& machine) { machine.FailCall(1); }},
-};
-
-TEST(UwpPackageTest, DoesNothingWithoutTheConsoleUser) {
+TEST_F(UwpPackageTest, DoesNothingWithoutTheConsoleUser) {
+  const struct {
+    const char* failure;
+    std::function<void()> breakIt;
+  } cases[] = {
+      {"WTSQueryUserToken failed with 0x5", [&] { Fail("Sessions.QueryUserToken"); }},
+      {"ImpersonateLoggedOnUser failed with 0x5", [&] { Fail("Sessions.Impersonate"); }},
+      {"WTSQueryUserToken failed with 0x3f0", [&] { machine.users.DetachConsole(); }},
+      {"WTSQueryUserToken failed with 0x78",
+       [&] { machine.system.RemoveApiSet(Platform::kSessionApiSet); }},
+  };
   const std::function<void()> operations[] = {
       [] { UwpPackage().FindPackageFullName(kFamily); },
       [] { UwpPackage().Register(kFullName); },
       [] { UwpPackageDataAccess().GetOriginAndVersion(kFamily); },
   };
-  for (const auto& operation : operations) {
-    for (const auto& c : kNoConsoleUser) {
-      SCOPED_TRACE(c.failure);
-      PackageMachine machine;
-      c.breakIt(machine);
+  for (const auto& c : cases) {
+    for (const auto& operation : operations) {
+      machine.faults.Clear();
+      c.breakIt();
       EXPECT_EQ(FailureOf(operation), c.failure);
-      EXPECT_THAT(machine.actedAsUser, IsEmpty());
-      EXPECT_FALSE(machine.acting);
+      EXPECT_THAT(machine.faults.Calls(), Not(Contains(StartsWith("Packages."))));
     }
   }
 }
 
-TEST(UwpPackageTest, NamesTheFamilyQueryThatFailed) {
-  static const struct {
-    Platform::Packages::FamilyQuery query;
-    const char* failure = "";
+TEST_F(UwpPackageTest, ForcesTheRegistrationOfWhatIsStagedButNotRegistered) {
+  static constexpr struct {
+    const wchar_t* staged;  // asked about: version 1 of the app of the same letter
+    const wchar_t* registered;
+    bool force;
   } kCases[] = {
-      {{87, 0, 0, {}}, "FindPackagesByPackageFamily failed with 0x57"},   // no size
-      {{122, 40, 8, {}}, "FindPackagesByPackageFamily failed with 0x8"},  // no names
+      {L"A_1.0.0.0_x64__p", L"", true},
+      {L"B_1.0.0.0_x64__p", L"b_1.0.0.0_X64__p", false},
+      {L"C_1.0.0.0_x64__p", L"C_2.0.0.0_x64__p", true},
+      {L"D_2.0.0.0_x64__p", L"", false},
+      {L"E_1.0.0.0_x64__pq", L"", false},
   };
   for (const auto& c : kCases) {
-    PackageMachine machine;
-    machine.query = c.query;
-    EXPECT_EQ(FailureOf([] { UwpPackage().FindPackageFullName(kFamily); }), c.failure);
-    EXPECT_FALSE(machine.acting) << "an exception left the thread impersonating";
+    const std::wstring letter(1, c.staged[0]);
+    SCOPED_TRACE(testing::PrintToString(letter));
+    machine.packages.Stage({letter + L"_p", c.staged, {}});
+    if (c.registered[0] != 0) machine.packages.Install({letter + L"_p", c.registered, {}}, L"ann");
+    machine.faults.Clear();
+    EXPECT_EQ(UwpPackage().ShouldForceRegistration(kUser, letter + L"_1.0.0.0_x64__p"), c.force);
+    // Only the service itself may ask about others.
+    EXPECT_THAT(machine.faults.Calls(), Not(Contains("Sessions.Impersonate")));
   }
 }
 
-TEST(UwpPackageTest, ForcesTheRegistrationOfWhatIsStagedButNotRegistered) {
-  const std::wstring newer = L"Some.App_2.0.0.0_x64__0123456789abc";
-  const struct {
-    const char* name;
-    std::wstring staged;
-    std::vector<std::wstring> registered;
-    bool force;
-  } cases[] = {
-      {"staged only", kFullName, {}, true},
-      {"registered in other letters", kFullName, {L"SOME.app_1.0.0.0_X64__0123456789abc"}, false},
-      {"another version registered", kFullName, {newer}, true},
-      {"another version staged", newer, {}, false},
-      {"a longer name staged", std::wstring(kFullName) + L"d", {}, false},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.name);
-    PackageMachine machine;
-    machine.staged = {c.staged};
-    machine.registered = c.registered;
-    EXPECT_EQ(UwpPackage().ShouldForceRegistration(kUser, kFullName), c.force);
-    EXPECT_THAT(machine.actedAsUser, Each(false));  // only the service itself may ask about others
-    EXPECT_THAT(machine.familiesAsked, ElementsAre(kFamily));
-    EXPECT_THAT(machine.askedSids, Each(L"SID of PC\\ann"));
-  }
-}
-
-TEST(UwpPackageTest, NamesWhatKeptItFromKnowingTheRegistration) {
+TEST_F(UwpPackageTest, NamesTheCallThatFailed) {
+  const auto find = [] { UwpPackage().FindPackageFullName(kFamily); };
   const auto ask = [] { UwpPackage().ShouldForceRegistration(kUser, kFullName); };
-  PackageMachine machine;
-  machine.staged = {kFullName};
-  machine.FailCall(0);
-  EXPECT_EQ(FailureOf(ask), "LookupAccountName failed with 0x5");
-  machine.refusal = static_cast<winrt::hresult>(0x80070005);
-  EXPECT_EQ(FailureOf(ask), "FindForAll failed with 0x80070005");
+  const auto enroll = [] { UwpPackage().Register(kFullName); };
+  const auto read = [] { UwpPackageDataAccess().GetOriginAndVersion(kFamily); };
+  const struct {
+    std::function<void()> operation;
+    const char* call;
+    const char* failure;
+  } cases[] = {
+      {find, "Packages.FindByFamily", "FindPackagesByPackageFamily failed with 0x5"},
+      {find, "Packages.FamilyNames", "FindPackagesByPackageFamily failed with 0x5"},
+      {ask, "Packages.AccountSid", "LookupAccountName failed with 0x5"},
+      {ask, "Packages.FindForAllUsers", "refused failed with 0x80070005"},
+      {enroll, "Packages.Register", "refused failed with 0x80070005"},
+      {read, "Packages.StagedOrigin", "GetStagedPackageOrigin failed with 0x5"},
+      {read, "Packages.Version", "PackageIdFromFullName failed with 0x5"},
+  };
+  EXPECT_EQ(FailureOf(read), "FindPackagesByPackageFamily failed with 0x490");
+  Install();
+  for (const auto& c : cases) {
+    Fail(c.call);
+    EXPECT_EQ(FailureOf(c.operation), c.failure) << c.call;
+    EXPECT_FALSE(machine.users.Acting());
+  }
 }
 
-TEST(UwpPackageTest, RefusesATextThatIsNoFullName) {
-  PackageMachine machine;
+TEST_F(UwpPackageTest, RefusesATextThatIsNoFullName) {
   for (const wchar_t* text : {L"", L"Some.App", kFamily, L"a_b_c_d_e_f"}) {
     EXPECT_THROW(UwpPackage().ShouldForceRegistration(kUser, text), std::invalid_argument);
   }
 }
 
-TEST(UwpPackageTest, RegistersAsTheConsoleUserAndRepeatsTheDeploymentsOwnWords) {
+TEST_F(UwpPackageTest, RegistersForTheConsoleUserAndRepeatsTheDeploymentsOwnWords) {
   const auto registering = [] { UwpPackage().Register(kFullName); };
-  PackageMachine machine;
+  Stage();
   registering();
-  EXPECT_THAT(machine.registered, ElementsAre(kFullName));
+  EXPECT_EQ(UwpPackage().FindPackageFullName(kFamily), kFullName);
+  EXPECT_THAT(UwpPackageDataAccess().GetOriginAndVersion(kFamily), Pair(3, kVersion));
 
-  machine.registration = {static_cast<std::int32_t>(0x80073D02), L"Caf\u00e9 is in use."};
+  machine.packages.SetRegistration({Hresult(0x80073D02), L"Caf\u00e9 is in use."}, {});
   EXPECT_EQ(FailureOf(registering),
             "RegisterPackageByFullNameAsync failed with 0x80073d02: Caf\xC3\xA9 is in use.");
-  machine.registration.errorText.clear();
+  machine.packages.SetRegistration({Hresult(0x80073D02), L""}, {});
   EXPECT_EQ(FailureOf(registering), "RegisterPackageByFullNameAsync failed with 0x80073d02");
-  machine.refusal = static_cast<winrt::hresult>(0x80040154);
-  EXPECT_EQ(FailureOf(registering), "RegisterNow failed with 0x80040154");
-  EXPECT_THAT(machine.actedAsUser, Each(true));
-  EXPECT_FALSE(machine.acting) << "an exception left the thread impersonating";
 }
 
-TEST(UwpPackageDataAccessTest, ReadsOriginAndVersionAsTheConsoleUser) {
-  PackageMachine machine;
-  machine.installed[kFamily] = kFullName;
-  machine.version = 0x0001'0001'0002'0003;
-  EXPECT_THAT(UwpPackageDataAccess().GetOriginAndVersion(kFamily), Pair(3, 0x0001'0001'0002'0003U));
-  EXPECT_THAT(machine.actedAsUser, ElementsAre(true));
-  EXPECT_FALSE(machine.acting);
+struct Destroyer {
+  void operator()(UwpPackageModel* model) const { EXPECT_EQ(model->Destroy(1), model); }
+};
+
+class UwpPackageModelTest : public UwpPackageTest {
+ protected:
+  std::unique_ptr<UwpPackageModel, Destroyer> model{CreateUwpPackageModel()};
+};
+
+TEST_F(UwpPackageModelTest, WritesTheNameIntoABufferThatIsLargeEnough) {
+  Install();
+  constexpr auto needed = static_cast<std::uint32_t>(std::size(kFullName));
+  std::uint32_t length = 0;
+  EXPECT_EQ(model->FindPackageFullName(kFamily, nullptr, &length), Hresult(0x8007007A));
+  EXPECT_EQ(length, needed);
+
+  std::wstring buffer(needed + 1, L'#');
+  length = needed - 1;
+  EXPECT_EQ(model->FindPackageFullName(kFamily, buffer.data(), &length), Hresult(0x8007007A));
+  EXPECT_EQ(buffer, std::wstring(needed + 1, L'#')) << "written beyond what was offered";
+
+  EXPECT_EQ(model->FindPackageFullName(kFamily, buffer.data(), &length), 0);
+  EXPECT_STREQ(buffer.c_str(), kFullName);
+  EXPECT_EQ(buffer.back(), L'#');
+  EXPECT_STREQ(model->LastError(), L"");
+
+  EXPECT_EQ(model->FindPackageFullName(L"Other_p", buffer.data(), &length), 0);
+  EXPECT_STREQ(buffer.c_str(), L"");
+  EXPECT_EQ(length, 1U);
 }
 
-TEST(UwpPackageDataAccessTest, NamesTheCallThatFailed) {
-  const auto read = [] { UwpPackageDataAccess().GetOriginAndVersion(kFamily); };
-  PackageMachine machine;
-  EXPECT_EQ(FailureOf(read), "FindPackagesByPackageFamily failed with 0x490");
-  machine.installed[kFamily] = kFullName;
-  std::size_t index = 0;
-  for (const char* call :
-       {"WTSQueryUserToken", "ImpersonateLoggedOnUser", "FindPackagesByPackageFamily",
-        "GetStagedPackageOrigin", "PackageIdFromFullName"}) {
-    machine.FailCall(index++);
-    EXPECT_EQ(FailureOf(read), std::string(call) + " failed with 0x5");
-    EXPECT_FALSE(machine.acting);
-  }
+TEST_F(UwpPackageModelTest, AnswersRegistrationOriginAndVersion) {
+  Stage();
+  std::int32_t force = 7;
+  EXPECT_EQ(model->ShouldForceRegistration(kUser, kFullName, &force), 0);
+  EXPECT_EQ(force, 1);
+  // As a host of another compiler registers: through slot 3 of the object's table.
+  using RegisterSlot = std::int32_t (*)(void* self, const wchar_t* fullName);
+  void* const object = model.get();
+  EXPECT_EQ(reinterpret_cast<RegisterSlot>((*static_cast<void***>(object))[3])(object, kFullName),
+            0);
+  EXPECT_EQ(model->ShouldForceRegistration(kUser, kFullName, &force), 0);
+  EXPECT_EQ(force, 0);
+
+  std::int32_t origin = 0;
+  std::uint64_t version = 0;
+  EXPECT_EQ(model->GetOriginAndVersion(kFamily, &origin, &version), 0);
+  EXPECT_EQ(origin, 3);
+  EXPECT_EQ(version, kVersion);
+}
+
+TEST_F(UwpPackageModelTest, TurnsEachFailureIntoACodeAndAText) {
+  Stage();
+  machine.packages.SetRegistration({Hresult(0x80073CF6), L"The package is broken."}, {});
+  EXPECT_EQ(model->Register(kFullName), Hresult(0x80073CF6));
+  EXPECT_STREQ(model->LastError(),
+               L"RegisterPackageByFullNameAsync failed with 0x80073cf6: The package is broken.");
+  EXPECT_THAT(log.Lines(),
+              ElementsAre(L"error|class Vx::Tessel::Server::Services::UwpPackageModel.Register "
+                          L"threw exception RegisterPackageByFullNameAsync failed with "
+                          L"0x80073cf6: The package is broken."));
+  machine.packages.SetRegistration({}, {});
+  EXPECT_EQ(model->Register(kFullName), 0);
+  EXPECT_STREQ(model->LastError(), L"") << "an old failure is still told";
+
+  std::int32_t force = 7;
+  EXPECT_EQ(model->ShouldForceRegistration(kUser, L"no full name", &force), Hresult(0x80070057));
+  EXPECT_EQ(force, 0);
+  machine.users.DetachConsole();
+  EXPECT_EQ(model->Register(kFullName), Hresult(0x800703F0)) << "a Win32 error as an HRESULT";
+}
+
+TEST_F(UwpPackageModelTest, RefusesNullArgumentsWithoutAskingTheMachine) {
+  std::int32_t number = 0;
+  std::uint64_t version = 0;
+  const std::int32_t answers[] = {
+      model->FindPackageFullName(nullptr, nullptr, nullptr),
+      model->FindPackageFullName(kFamily, nullptr, nullptr),
+      model->ShouldForceRegistration(nullptr, kFullName, &number),
+      model->ShouldForceRegistration(kUser, nullptr, &number),
+      model->ShouldForceRegistration(kUser, kFullName, nullptr),
+      model->Register(nullptr),
+      model->GetOriginAndVersion(nullptr, &number, &version),
+      model->GetOriginAndVersion(kFamily, nullptr, &version),
+      model->GetOriginAndVersion(kFamily, &number, nullptr),
+  };
+  EXPECT_THAT(answers, ::testing::Each(Hresult(0x80004003)));
+  EXPECT_THAT(machine.faults.Calls(), IsEmpty());
 }
 
 }  // namespace
