@@ -66,8 +66,8 @@ class VxService {
   ~VxService() = default;
 };
 
-// The module's one factory, exported under this name. The host calls it once; the object is freed
-// through slot 0.
+// The module's one factory, exported under this name. Each call makes a service of its own, null
+// when there is no memory; the host makes one. It is freed through slot 0.
 using CreateServiceFunction = VxService* (*)();
 inline constexpr char kCreateServiceExport[] = "VxCreateService";
 

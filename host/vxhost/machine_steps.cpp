@@ -24,15 +24,8 @@ struct Change {
   const Expander& expand;
   SimulatedMachine& machine;
 
-  const WideValue* Find(const wchar_t* key) const {
-    const auto found = value.FindMember(key);
-    return found == value.MemberEnd() ? nullptr : &found->value;
-  }
-  std::wstring Text(const wchar_t* key) const {
-    const WideValue* member = Find(key);
-    if (member == nullptr) throw std::runtime_error("a step lacks \"" + Utf8(key) + "\"");
-    return expand(*member);
-  }
+  const WideValue* Find(const wchar_t* key) const { return Host::Find(value, key); }
+  std::wstring Text(const wchar_t* key) const { return expand(Member(value, key)); }
 };
 
 void EndOobe(const Change& change) {
@@ -117,6 +110,17 @@ constexpr struct {
 };
 
 }  // namespace
+
+const WideValue* Find(const WideValue& object, const wchar_t* key) {
+  const auto found = object.FindMember(key);
+  return found == object.MemberEnd() ? nullptr : &found->value;
+}
+
+const WideValue& Member(const WideValue& object, const wchar_t* key) {
+  const WideValue* member = Find(object, key);
+  if (member == nullptr) throw std::runtime_error("a step lacks \"" + Utf8(key) + "\"");
+  return *member;
+}
 
 bool IsMachineStep(const std::wstring& key) {
   return key == kAdvance || std::any_of(std::begin(kChanges), std::end(kChanges),

@@ -63,7 +63,10 @@ constexpr char kValidateFooter[] =
     "Exit code 0: it can run here; 1: it never would, and the lines with NEVER say why.\n"
     "  vxhost validate @subscription.json";
 constexpr char kResumeFooter[] = "  vxhost explain-resume";
-constexpr char kVersion[] = "vxhost 1.73.4044.0";
+constexpr char kVersion[] = "vxhost " VX_VERSION;
+
+// What may be waited for at most: a day.
+constexpr int kLongestSeconds = 86'400;
 
 using Run = int (*)(const Options&, Console&);
 
@@ -151,6 +154,7 @@ class CommandLine {
     events->add_option("--power", options.power, "power broadcast codes (PBT_)");
     events->add_option("--session", options.sessions, "session change codes (WTS_SESSION_)");
     events->add_option("--seconds", options.seconds, "how long deliveries may take")
+        ->check(CLI::Range(0, kLongestSeconds))
         ->capture_default_str();
   }
 
@@ -177,7 +181,8 @@ class CommandLine {
   void AddOtherCommands() {
     auto* watch = Add(app, "watch", "show the log lines of a running module as they come",
                       kWatchFooter, &Watch);
-    watch->add_option("--seconds", options.seconds, "how long; 0: until it is ended");
+    watch->add_option("--seconds", options.seconds, "how long; 0: until it is ended")
+        ->check(CLI::Range(0, kLongestSeconds));
     watch->add_flag("--json", options.json, "one JSON object a line");
     watch->add_flag("--global", options.global, "of services (needs administrator rights)");
     watch->preparse_callback([this](std::size_t) { options.seconds = 0; });

@@ -18,7 +18,7 @@
 #include "json/json_text.h"
 #include "platform/unique_handle.h"
 #include "storage/cap_data_store.h"
-#include "storage/request_manager.h"
+#include "storage/service_document.h"
 
 namespace Vx::Host {
 
@@ -64,11 +64,6 @@ class Helper {
  private:
   Platform::UniqueHandle process;
 };
-
-const WideValue* Find(const WideValue& object, const wchar_t* key) {
-  const auto found = object.FindMember(key);
-  return found == object.MemberEnd() ? nullptr : &found->value;
-}
 
 // Waits for `condition` with a look every few milliseconds.
 template <typename Condition>
@@ -231,8 +226,8 @@ class Player {
   }
 
   void Copy(const WideValue& copy) {
-    const std::filesystem::path from = Expand(*Find(copy, L"from"));
-    const std::filesystem::path to = Expand(*Find(copy, L"to"));
+    const std::filesystem::path from = Expand(Member(copy, L"from"));
+    const std::filesystem::path to = Expand(Member(copy, L"to"));
     std::error_code error;
     std::filesystem::create_directories(to.parent_path(), error);
     std::filesystem::copy_file(from, to, std::filesystem::copy_options::overwrite_existing, error);
@@ -240,7 +235,7 @@ class Player {
   }
 
   void WaitForFile(const WideValue& what) {
-    const std::wstring path = Expand(*Find(what, L"file"));
+    const std::wstring path = Expand(Member(what, L"file"));
     const auto* text = Find(what, L"contains");
     const std::wstring wanted = text == nullptr ? std::wstring() : Expand(*text);
     std::wstring content;
@@ -342,8 +337,9 @@ bool PlayScenario(const std::wstring& path, const std::map<std::wstring, std::ws
                   Stage& stage) {
   Json::WideDocument document;
   const std::wstring text = ReadTextFile(path);
-  if (!Json::ParseJson(document, text)) {
-    throw std::runtime_error(Utf8(path) + " is not valid JSON: " + JsonFault(text));
+  Json::ParseFault fault;
+  if (!Json::ParseJson(document, text, Json::kMaxNesting, &fault)) {
+    throw std::runtime_error(Utf8(path) + " is not valid JSON: " + FaultText(text, fault));
   }
   const auto* steps = document.IsObject() ? Find(document, L"steps") : nullptr;
   if (steps == nullptr || !steps->IsArray()) {

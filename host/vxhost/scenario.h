@@ -46,23 +46,10 @@ struct Stage {
   Simulator::SimulatedMachine* machine;  // null: the real one
 };
 
-// Plays a scenario: a JSON document {"steps": [...]}, each step an object with one of
-//   "say": text                     a heading for the reader
-//   "exec": id, "request": object or text, "expect": {"code": "0x...", "answer": ..., "log": text}
-//   "start": true                   the service's start
-//   "restart": true                 the service is destroyed, and another one made and started
-//   "store": {key: text, ...}       values of other services, kept in the shared store
-//   "power": code, "session": code  events, with "expect": {"log": text}
-//   "copy": {"from", "to"}, "remove": path, "run": path, "arguments": text (a program that is
-//   ended with the scenario)
-//   "waitFor": {"file", "contains", "seconds", "quiet"} (quiet: the content is not shown)
-// In "expect", "stored": {key: text, ...} tells what the module has to have kept in the store. On a
-// simulated machine, the parts that machine_steps.h tells come with them, and "event": text and
-// "noEvent": text are expected of what happened there. The parts of a step are played in this
-// order: changes of the machine, the call, time, expectations. In every text ${NAME} stands for a
-// definition. Steps after a failed one are still played, but for a scenario that cannot be read
-// nothing is. Answers whether everything that was expected happened. Throws std::runtime_error when
-// the file is no scenario.
+// Plays a scenario: a JSON document {"steps": [...]}, whose parts docs/vxhost.md describes. In
+// every text ${NAME} stands for a definition. Steps after a failed one are still played, but for a
+// scenario that cannot be read nothing is. Answers whether everything that was expected happened.
+// Throws std::runtime_error when the file is no scenario.
 bool PlayScenario(const std::wstring& path, const std::map<std::wstring, std::wstring>& definitions,
                   Stage& stage);
 

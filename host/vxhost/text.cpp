@@ -5,32 +5,18 @@
 #include <iterator>
 #include <stdexcept>
 
-#include <windows.h>
-
-#include "json/json_text.h"
+#include "json/utf8.h"
 
 #include <rapidjson/error/en.h>
 
 namespace Vx::Host {
 
 std::string Utf8(std::wstring_view text) {
-  const int units = static_cast<int>(text.size());
-  std::string result(static_cast<std::size_t>(WideCharToMultiByte(CP_UTF8, 0, text.data(), units,
-                                                                  nullptr, 0, nullptr, nullptr)),
-                     '\0');
-  WideCharToMultiByte(CP_UTF8, 0, text.data(), units, result.data(),
-                      static_cast<int>(result.size()), nullptr, nullptr);
-  return result;
+  return Json::ToUtf8(text);
 }
 
 std::wstring Wide(std::string_view text) {
-  const int bytes = static_cast<int>(text.size());
-  std::wstring result(
-      static_cast<std::size_t>(MultiByteToWideChar(CP_UTF8, 0, text.data(), bytes, nullptr, 0)),
-      L'\0');
-  MultiByteToWideChar(CP_UTF8, 0, text.data(), bytes, result.data(),
-                      static_cast<int>(result.size()));
-  return result;
+  return Json::ToWide(text);
 }
 
 std::wstring ReadTextFile(const std::wstring& path) {
@@ -41,15 +27,15 @@ std::wstring ReadTextFile(const std::wstring& path) {
   return Wide(bytes);
 }
 
-std::string JsonFault(const std::wstring& text) {
-  Json::WideDocument document;
-  document.Parse<rapidjson::kParseIterativeFlag>(text.c_str());
-  if (!document.HasParseError()) return "more than the module takes, see docs/protocol.md";
-  const std::wstring before = text.substr(0, document.GetErrorOffset());
+std::string FaultText(const std::wstring& text, const Json::ParseFault& fault) {
+  const std::wstring before = text.substr(0, fault.offset);
   const auto line = std::count(before.begin(), before.end(), L'\n') + 1;
   const std::size_t column = before.size() - (before.rfind(L'\n') + 1) + 1;  // npos + 1 is 0
+  const bool ours =
+      fault.code == rapidjson::kParseErrorNone || fault.code == rapidjson::kParseErrorTermination;
   return "line " + std::to_string(line) + ", column " + std::to_string(column) + ": " +
-         rapidjson::GetParseError_En(document.GetParseError());
+         (ours ? "more than the module takes, see docs/protocol.md"
+               : rapidjson::GetParseError_En(fault.code));
 }
 
 }  // namespace Vx::Host

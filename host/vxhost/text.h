@@ -3,16 +3,19 @@
 #include <string>
 #include <string_view>
 
+#include "json/json_text.h"
+
 namespace Vx::Host {
 
-// UTF-16 to UTF-8 and back; what is malformed becomes U+FFFD.
+// UTF-16 to UTF-8 and back; what is malformed becomes U+FFFD. Under the names of the command line's
+// own world, where nearly every line needs one.
 std::string Utf8(std::wstring_view text);
 std::wstring Wide(std::string_view text);
 
 // The content of a text file as UTF-16, its byte-order mark taken away. Throws std::runtime_error.
 std::wstring ReadTextFile(const std::wstring& path);
 
-// Where and why a text, which the module's parser refused, is no JSON.
-std::string JsonFault(const std::wstring& text);
+// Where and why a text is no JSON: the module's parser has refused it with `fault`.
+std::string FaultText(const std::wstring& text, const Json::ParseFault& fault);
 
 }  // namespace Vx::Host

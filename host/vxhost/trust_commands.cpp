@@ -1,4 +1,6 @@
 // The subcommands for the pinned keys and the decisions that rest on them.
+#include <cstdio>
+
 #include "host/vxhost/commands.h"
 #include "host/vxhost/text.h"
 #include "launch/qubo_facade.h"
@@ -21,7 +23,8 @@ int Pin(const Options& options, Console& console) {
   const auto keys = Tessel::Security::PublicKeysOf(FullPathOfFile(options.file));
   for (const std::string& key : keys) console.Line(key);
   if (!keys.empty()) return kDone;
-  console.Failure("the file has no signature that Windows can read");
+  // Not among the keys: the output is often appended to a file of pinned keys.
+  std::fprintf(stderr, "vxhost: the file has no signature that Windows can read\n");
   return kNotMet;
 }
 

@@ -123,8 +123,9 @@ int Validate(const Options& options, Console& console) {
   try {
     const std::wstring request = TextOrFile(options.request);
     Json::WideDocument document;
-    if (!Json::ParseJson(document, request)) {
-      report.Bad("not valid JSON: " + JsonFault(request));
+    Json::ParseFault fault;
+    if (!Json::ParseJson(document, request, Json::kMaxNesting, &fault)) {
+      report.Bad("not valid JSON: " + FaultText(request, fault));
     } else if (!document.IsObject()) {
       report.Bad("not a JSON object");
     } else {

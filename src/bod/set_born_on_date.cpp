@@ -10,6 +10,7 @@
 #include "platform/machine.h"
 #include "storage/bson_document.h"
 #include "storage/cap_data_store.h"
+#include "storage/service_document.h"
 
 namespace Vx::Tessel::Server::Services::Orvane {
 
@@ -32,14 +33,10 @@ constexpr wchar_t kException[] = L"OrvaneService::SetBornOnDate threw exception 
 constexpr char kUnknownException[] = "Unknown exception";
 
 constexpr wchar_t kTesselProgram[] = LR"(%programfiles(x86)%\Vx\Vx Lumo Tessel\VxLumoTessel.exe)";
-constexpr std::size_t kMaxPath = 260;  // characters with the terminator
-
-constexpr char kServiceDocument[] = "OrvaneServiceDocument";
-constexpr char kBornOnDate[] = "born_on_date";
 
 bool TesselIsInstalled() {
   const Platform::Machine& machine = Platform::CurrentMachine();
-  const auto path = machine.environment->Expand(kTesselProgram, kMaxPath);
+  const auto path = machine.environment->Expand(kTesselProgram, Platform::kShortPath);
   return path && machine.files->Attributes(*path);
 }
 

@@ -21,6 +21,10 @@ constexpr wchar_t kNoSessionApi[] =
 constexpr wchar_t kRevertFailed[] =
     L"Problem in PackageUninstallingPCEvent::PackageUninstallingPCEvent(): reverting the "
     L"impersonation failed";
+constexpr wchar_t kNotInstalled[] = L"the package is not installed";
+constexpr wchar_t kOwnAccountUnknown[] = L"the account of this process cannot be determined";
+constexpr wchar_t kNoConsoleUser[] = L"nobody is signed in at the console";
+constexpr wchar_t kCannotImpersonate[] = L"the console user cannot be impersonated";
 
 const Logging::TraceLogger& Log() {
   return *Logging::LogManager::SetProvider(Logging::kComponentProvider);
@@ -56,7 +60,7 @@ PackageUninstallingPCEvent::PackageUninstallingPCEvent(const std::wstring& packa
   }
   const std::lock_guard guard(rLock);
   if (Platform::CurrentMachine().packages->FindForAllUsers(packageFamilyName).empty()) {
-    throw winrt::hresult_error(kPackageNotInstalled);
+    throw winrt::hresult_error(kPackageNotInstalled, kNotInstalled);
   }
   catalog = OpenConsoleUserCatalog();
 }
@@ -76,7 +80,7 @@ void PackageUninstallingPCEvent::Register() {
 bool PackageUninstallingPCEvent::IsProcessRunningAsSystem() const {
   const auto answer = Platform::CurrentMachine().sessions->ProcessIsLocalSystem();
   // Guessing could watch the wrong user's packages for ever.
-  if (!answer) throw winrt::hresult_error(kConsoleUserUnavailable);
+  if (!answer) throw winrt::hresult_error(kConsoleUserUnavailable, kOwnAccountUnknown);
   return *answer;
 }
 
@@ -86,9 +90,9 @@ std::shared_ptr<Platform::PackageCatalog> PackageUninstallingPCEvent::OpenConsol
   if (!IsProcessRunningAsSystem()) return packages.OpenCatalogForCurrentUser();
 
   const auto token = Platform::ConsoleUserToken();
-  if (!token) throw winrt::hresult_error(kConsoleUserUnavailable);
+  if (!token) throw winrt::hresult_error(kConsoleUserUnavailable, kNoConsoleUser);
   const Platform::Impersonation asUser(token->get(), &LogRevertFailure);
-  if (!asUser) throw winrt::hresult_error(kConsoleUserUnavailable);
+  if (!asUser) throw winrt::hresult_error(kConsoleUserUnavailable, kCannotImpersonate);
   return packages.OpenCatalogForCurrentUser();
 }
 

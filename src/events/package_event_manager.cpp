@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "host/logging.h"
+#include "json/json_object.h"
 #include "platform/hresult_error.h"
 #include "storage/request_manager.h"
 
@@ -64,7 +65,8 @@ void RegisterAppPackageEvent(const std::wstring& request) {
 }
 
 void RemoveAppPackageEvent(const std::wstring& request) {
-  StoredPackageRequests().RemoveRequest(request);
+  // The list holds what was written of the request, not the client's own spelling.
+  StoredPackageRequests().RemoveRequest(Json::JsonObject::Parse(request).Stringify());
 }
 
 bool CompleteAppPackageEvent(const std::wstring& request) {

@@ -14,6 +14,8 @@ constexpr wchar_t kActionKey[] = L"catalogAction";
 constexpr wchar_t kFamilyKey[] = L"packageFamilyName";
 constexpr wchar_t kParamsKey[] = L"catalogActionParams";
 
+constexpr wchar_t kUnknownEvent[] = L"catalogEvent is unknown";
+
 std::uint32_t Code(const Json::JsonObject& document, const std::wstring& key) {
   return Json::TruncateToUint32(document.GetNamedNumber(key));
 }
@@ -25,7 +27,7 @@ UninstallMoment MomentOf(PackageCatalogEvent event) {
     case PackageCatalogEvent::Uninstalled:
       return UninstallMoment::Completed;
   }
-  throw winrt::hresult_error(kUnknownCatalogEvent);
+  throw winrt::hresult_error(kUnknownCatalogEvent, kUnknownEvent);
 }
 
 }  // namespace

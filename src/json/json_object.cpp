@@ -10,10 +10,6 @@ namespace Vx::Json {
 
 namespace Detail {
 
-// A value of the document, by a name that the header can declare. Adds nothing, so that the
-// elements of an array are Nodes too.
-class Node : public WideValue {};
-
 struct Tree {
   // Memory in proportion to the text: many small objects live at once.
   explicit Tree(std::size_t textLength)

@@ -24,6 +24,9 @@ class TextCheck {
 
   bool Passes() { return !NeedsALook() || PassesALook(); }
 
+  // Of a text that does not pass, the units before what is refused.
+  std::size_t FaultAt() const { return std::min(at, text.size()); }
+
  private:
   // Whether the text has anything that could be refused; few have. Does not tell strings from
   // numbers and branches nowhere, so that the compiler makes it a loop over many units at a time,
@@ -182,9 +185,17 @@ void ScratchMemory::Free(void* block) {
   if (header->onHeap) std::free(header);
 }
 
-bool ParseJson(WideDocument& document, std::wstring_view text, std::size_t nestingLimit) {
+bool ParseJson(WideDocument& document, std::wstring_view text, std::size_t nestingLimit,
+               ParseFault* fault) {
+  const auto tell = [fault](std::size_t offset, rapidjson::ParseErrorCode code) {
+    if (fault != nullptr) *fault = {.offset = offset, .code = code};
+  };
   document.SetNull();
-  if (text.size() > kMaxTextLength || !TextCheck(text).Passes()) return false;
+  TextCheck check(text);
+  if (text.size() > kMaxTextLength || !check.Passes()) {
+    tell(check.FaultAt(), rapidjson::kParseErrorNone);
+    return false;
+  }
   auto* own =
       static_cast<wchar_t*>(document.GetAllocator().Malloc((text.size() + 1) * sizeof(wchar_t)));
   wchar_t* const end = std::copy(text.begin(), text.end(), own);
@@ -197,8 +208,13 @@ bool ParseJson(WideDocument& document, std::wstring_view text, std::size_t nesti
   auto generator = [&](WideDocument& target) {
     DocumentBuilder builder(target, stream, nestingLimit);
     // A NUL among the characters looks like the end to the reader.
-    valid = !reader.template Parse<kParseFlags>(stream, builder).IsError() &&
-            stream.Tell() == text.size();
+    const rapidjson::ParseResult result = reader.template Parse<kParseFlags>(stream, builder);
+    valid = !result.IsError() && stream.Tell() == text.size();
+    if (result.IsError()) {
+      tell(result.Offset(), result.Code());
+    } else if (!valid) {
+      tell(stream.Tell(), rapidjson::kParseErrorDocumentRootNotSingular);
+    }
     return valid;
   };
   try {
@@ -206,6 +222,7 @@ bool ParseJson(WideDocument& document, std::wstring_view text, std::size_t nesti
   } catch (const Misuse&) {
     // How an unpaired trailing surrogate in an escape shows.
     valid = false;
+    tell(stream.Tell(), rapidjson::kParseErrorStringUnicodeSurrogateInvalid);
   }
   return valid;
 }

@@ -103,6 +103,14 @@ inline constexpr std::size_t kMaxListNesting = kMaxNesting + 1;
 // A longer text, in UTF-16 units, is not valid JSON: rapidjson counts in 32 bits.
 inline constexpr std::size_t kMaxTextLength = std::size_t{64} * 1024 * 1024;
 
+// Where and why a text is not valid JSON.
+struct ParseFault {
+  std::size_t offset = 0;  // UTF-16 units before the fault
+  // None: rapidjson was not asked, because the text is too long, holds an unpaired surrogate, or
+  // has a number whose exponent is too long. Termination: nested too deep, or a number too large.
+  rapidjson::ParseErrorCode code = rapidjson::kParseErrorNone;
+};
+
 // Parses one JSON text into `document`; false, and a null document, when it is not valid JSON.
 //
 // What clients may not expect to be obvious: unpaired surrogates, raw or escaped, are not valid; an
@@ -110,9 +118,10 @@ inline constexpr std::size_t kMaxTextLength = std::size_t{64} * 1024 * 1024;
 // exponent alone count too), or with an exponent of more than eight digits, is not valid, one too
 // small is zero; whole numbers beyond 64 bits are doubles; of repeated keys the first counts. A
 // nesting beyond `nestingLimit` and a text beyond kMaxTextLength are not valid. Keeps its place on
-// a stack of its own, so that nesting costs no machine stack. Throws std::bad_alloc.
+// a stack of its own, so that nesting costs no machine stack. `fault`, unless null, is told of what
+// is not valid. Throws std::bad_alloc.
 bool ParseJson(WideDocument& document, std::wstring_view text,
-               std::size_t nestingLimit = kMaxNesting);
+               std::size_t nestingLimit = kMaxNesting, ParseFault* fault = nullptr);
 
 // A document together with the memory that a small one needs, so that it costs no allocation. Made
 // on the stack; the pool goes on on the heap after `PoolBytes`.

@@ -14,7 +14,8 @@ using LaunchTimer = std::weak_ptr<void>;
 // Schedules the one launch of the AI-experience app for an hour from now, unless it has been made.
 //
 // Each call starts a detached worker with a timer of its own; the first whose hour is over takes
-// the mark in the store and launches, the others find the mark. A worker is not ended by a stop of
+// the mark in the store and launches, later ones find the mark (two whose hours end at the same
+// moment may both launch). A worker is not ended by a stop of
 // the service. A timer that cannot be set does not hold the launch up: it is made at once.
 //
 // `logger` lives as long as the process. `aureloLaunchTimer` is written before the worker starts.

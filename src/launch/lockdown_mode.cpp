@@ -20,13 +20,12 @@ constexpr wchar_t kCallFailed[] = L"%S.%S - failed on function %s with HRESULT 0
 constexpr char kQueryLockoutMode[] = "QueryLockoutMode";
 constexpr wchar_t kQueryFunction[] = L"WldpQueryWindowsLockdownMode";
 constexpr wchar_t kPolicyLibrary[] = L"%windir%\\System32\\wldp.dll";
-constexpr std::size_t kMaxPath = 260;  // characters with the terminator
 
 }  // namespace
 
 std::int32_t QueryLockoutMode(const wchar_t* callerName) {
   const Platform::Machine& machine = Platform::CurrentMachine();
-  const auto path = machine.environment->Expand(kPolicyLibrary, kMaxPath);
+  const auto path = machine.environment->Expand(kPolicyLibrary, Platform::kShortPath);
   if (!path || !Security::VxAuthenticodeFacade().IsFileTrusted(path->c_str())) return 0;
 
   const auto* const logger = Logging::LogManager::SetProvider(Logging::kComponentProvider);

@@ -17,12 +17,11 @@ namespace {
 
 constexpr char kNotImplemented[] = "Method not implemented yet.";
 
-constexpr std::size_t kMaxPath = 260;  // characters with the terminator
 constexpr std::uint32_t kFolderAttribute = 0x10;
 
 bool FolderExists(const std::wstring& pathWithVariables) {
   const Platform::Machine& machine = Platform::CurrentMachine();
-  const auto path = machine.environment->Expand(pathWithVariables, kMaxPath);
+  const auto path = machine.environment->Expand(pathWithVariables, Platform::kShortPath);
   if (!path) return false;
   const auto attributes = machine.files->Attributes(*path);
   return attributes && (*attributes & kFolderAttribute) != 0;

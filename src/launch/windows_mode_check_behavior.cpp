@@ -5,7 +5,7 @@
 
 #include "launch/lockdown_mode.h"
 #include "storage/cap_data_store.h"
-#include "storage/request_manager.h"
+#include "storage/service_document.h"
 
 namespace Vx::Tessel::Server::Services::Orvane::Qubo {
 

@@ -9,6 +9,9 @@
 
 namespace Vx::Platform {
 
+// What the paths of this system itself fit into, in characters with the terminator.
+inline constexpr std::size_t kShortPath = 260;
+
 // Environment variables of the process and of users.
 class Environment {
  public:

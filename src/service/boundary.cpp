@@ -13,19 +13,22 @@ namespace {
 
 constexpr wchar_t kThrew[] = L"%S.%S threw exception %S";
 constexpr wchar_t kThrewRuntimeError[] = L"%S.%S threw hresult_error: Message: %s, Code: %i";
+constexpr char kUnknown[] = "of an unknown kind";
 
 constexpr const char* kClass = Platform::TypeName<OrvaneService>();
 
 }  // namespace
 
-void LogCurrentException(const char* operation) noexcept {
-  const Logging::TraceLogger& logger = *Logging::LogManager::GetLogger();
+void LogCurrentException(const char* operation, const wchar_t* caller) noexcept {
+  const auto logger = Logging::LogManager::GetLogger()->For(caller);
   try {
     throw;
   } catch (const winrt::hresult_error& error) {
     logger.LogError(kThrewRuntimeError, kClass, operation, error.message().c_str(), error.code());
   } catch (const std::exception& error) {
     logger.LogError(kThrew, kClass, operation, error.what());
+  } catch (...) {
+    logger.LogError(kThrew, kClass, operation, kUnknown);
   }
 }
 

@@ -4,9 +4,9 @@
 
 namespace Vx::Tessel::Server::Services::Orvane {
 
-// Logs the exception that is being handled as one of the service's `operation`. Call it only while
-// handling one of the Windows Runtime's or the standard library's.
-void LogCurrentException(const char* operation) noexcept;
+// Logs the exception that is being handled as one of the service's `operation`, on behalf of the
+// client `caller`; null: of nobody. Call it only while handling one.
+void LogCurrentException(const char* operation, const wchar_t* caller = nullptr) noexcept;
 
 // The end of a slot or a task that has no result to report a failure with: runs `body` and logs
 // what it throws. False when it threw.

@@ -18,6 +18,7 @@
 #include "platform/machine.h"
 #include "platform/system_services.h"
 #include "platform/type_name.h"
+#include "service/boundary.h"
 #include "service/client_context.h"
 #include "service/json_request.h"
 #include "service/launch_handlers.h"
@@ -35,8 +36,6 @@ constexpr wchar_t kNoMemory[] = L"OrvaneService::ExecuteCommand: malloc() return
 constexpr wchar_t kPackageRuntimeError[] =
     L"OrvaneService - RegisterAppPackageEvent threw hresult_error: Message: %s, Code: %i";
 constexpr wchar_t kPackageFailed[] = L"OrvaneService - RegisterAppPacakgeEvent threw %S";
-constexpr wchar_t kThrew[] = L"%S.%S threw exception %S";
-constexpr wchar_t kThrewRuntimeError[] = L"%S.%S threw hresult_error: Message: %s, Code: %i";
 constexpr wchar_t kProblem[] = L"%S.%S - function id %u: %s %s%s (result 0x%08x)";
 constexpr wchar_t kResponseTooLong[] = L"a response has more than 65,536 characters";
 
@@ -234,20 +233,20 @@ class CallbackOwner {
 
 // The boundary of the handlers: most end their own failures, what they let out ends here.
 std::uint32_t RunHandler(Handler handler, const Call& call, std::uint32_t id) {
-  const auto log = Logging::LogManager::GetLogger()->For(call.caller.clientId);
   if (handler == nullptr) {
-    log.LogError(kUnsupported, kClass, kExecuteCommand, id);
+    Logging::LogManager::GetLogger()
+        ->For(call.caller.clientId)
+        .LogError(kUnsupported, kClass, kExecuteCommand, id);
     *call.caller.problem = {L"functionId", L"names no command"};
     return kUnsupportedFunction;
   }
   try {
     return handler(call);
-  } catch (const winrt::hresult_error& error) {
-    log.LogError(kThrewRuntimeError, kClass, kExecuteCommand, error.message().c_str(),
-                 error.code());
+  } catch (const winrt::hresult_error&) {
+    LogCurrentException(kExecuteCommand, call.caller.clientId);
     return kRuntimeError;
-  } catch (const std::exception& error) {
-    log.LogError(kThrew, kClass, kExecuteCommand, error.what());
+  } catch (...) {
+    LogCurrentException(kExecuteCommand, call.caller.clientId);
     return kStandardException;
   }
 }
@@ -319,6 +318,9 @@ std::uint32_t Dispatch(OrvaneService& service, const ClientContext* context, std
     if (result == kSuccess) result = Execute(service, id, request, response, caller);
   } catch (const std::bad_alloc&) {
     log.LogError(kNoMemory);
+    result = kFailed;
+  } catch (...) {
+    LogCurrentException(kExecuteCommand, caller.clientId);
     result = kFailed;
   }
   if (result != kSuccess && problem.key == nullptr) {

@@ -37,7 +37,7 @@ constexpr wchar_t kVersionDone[] = L"GetVersion executed";
 constexpr std::size_t kMaxStoredLength = 8 * kMaxResponseLength;
 
 constexpr char kSleepState[] = "sleep_state";
-constexpr wchar_t kVersion[] = L"1.73.4044.0";
+constexpr wchar_t kVersion[] = L"" VX_VERSION;
 
 bool IsInstalledForConsoleUser(const std::wstring& packageFamilyName, const RequestCaller& caller) {
   const Launcher launcher;

@@ -17,7 +17,7 @@
 #include "security/authenticode_facade.h"
 #include "service/orvane_service.h"
 #include "storage/cap_data_store.h"
-#include "storage/request_manager.h"
+#include "storage/service_document.h"
 
 namespace Vx::Tessel::Server::Services::Orvane {
 
@@ -46,7 +46,6 @@ constexpr std::int32_t kNoMode = -1;
 
 constexpr wchar_t kArgumentsFile[] = L"C:\\Program Files\\Vx\\McAfeePre\\McAfeePar.txt";
 constexpr wchar_t kProgram[] = L"C:\\Program Files\\Vx\\McAfeePre\\DADUpdater.exe";
-constexpr std::size_t kMaxPath = 260;  // characters with the terminator
 
 std::int32_t StoredFirstMode(CapDataStore& store) {
   const auto document = store.readDocument(kServiceDocument);
@@ -100,7 +99,8 @@ bool LaunchExeFor10SSwitch(const wchar_t* pathToExecute, const wchar_t* argument
     logger.LogError(kNullArgument, kClass, kLaunchExe, "pathToExecute");
     return false;
   }
-  const auto path = Platform::CurrentMachine().environment->Expand(pathToExecute, kMaxPath);
+  const auto path =
+      Platform::CurrentMachine().environment->Expand(pathToExecute, Platform::kShortPath);
   if (!path) return false;
   // Held until the program runs, so that it is the file that was checked.
   const Platform::UniqueHandle held = Security::AquireFileReadOnlyLock(*path);

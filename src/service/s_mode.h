@@ -4,10 +4,6 @@
 
 namespace Vx::Tessel::Server::Services::Orvane {
 
-// The member of the service's document that tells whether the last switch work started its
-// software.
-inline constexpr char kExecutedStub[] = "ExecutedMcAfeeStub";
-
 // Records the lockdown mode of the machine's first start in the store, unless one is recorded.
 // Failures leave the store as it was and are not logged.
 void SetFirstLockDownMode(const Logging::TraceLogger& logger);

@@ -9,8 +9,8 @@ namespace Vx::Tessel::Server::Storage::Bson {
 
 namespace {
 
-// What a container holds
-// lies in the same bytes, so its end is all that is kept while its content is walked.
+// Whether bytes are one well-formed document. What a container holds lies in the same bytes, so its
+// end is all that is kept while its content is walked.
 class Checker {
  public:
   explicit Checker(std::span<const std::byte> encoded)

@@ -9,18 +9,13 @@
 #include "host/logging.h"
 #include "platform/hresult_error.h"
 #include "storage/bson_document.h"
+#include "storage/service_document.h"
 
 namespace Vx::Tessel::Server::Storage {
 class CapDataStore;
 }
 
 namespace Vx::Tessel::Server::Services::Orvane {
-
-// The keys of the stored lists, all in the document "OrvaneServiceDocument".
-inline constexpr char kServiceDocument[] = "OrvaneServiceDocument";
-inline constexpr char kPowerSubscriptions[] = "PowerEventSubscriptions";
-inline constexpr char kZephraSubscriptions[] = "ZephraEventSubscriptions";
-inline constexpr char kPackageSubscriptions[] = "PackageCatalogEventSubscriptions";
 
 // The code of the error that refuses a request which is stored already.
 inline constexpr winrt::hresult kAlreadySubscribed = 1;
@@ -61,9 +56,9 @@ class RequestManager {
   bool CompleteRequest(std::wstring_view request);
 
   // Calls `handler` once for every stored request, in stored order. What it throws is logged and
-  // handed to `onError` (a standard exception as E_FAIL or E_OUTOFMEMORY), and the walk goes on. A
-  // stored list that cannot be read is logged and has no requests. No lock is held during the
-  // calls.
+  // handed to `onError` (a standard exception as E_FAIL or E_OUTOFMEMORY), and the walk goes on;
+  // what `onError` throws ends it and is the caller's. A stored list that cannot be read is logged
+  // and has no requests. No lock is held during the calls.
   void RegisterExistingRequests(const Handler& handler, const ErrorCallback& onError);
 
   // The stored array's text at construction or the last change; empty when there is none.

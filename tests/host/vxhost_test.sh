@@ -52,6 +52,8 @@ expect 2 '"logOn" needs a simulated machine' --dll "$module" --private-store \
   scenario "$work/event.json"
 scenario expectation '{"exec": 22, "expect": {"lgo": "x"}}'
 expect 2 'unknown expectation: lgo' --simulate scenario "$work/expectation.json"
+scenario member '{"copy": {"from": "a"}}'
+expect 2 'step 1: a step lacks "to"' --simulate scenario "$work/member.json"
 scenario type '{"advance": "a while"}'
 expect 2 'a value is of the wrong type' --simulate scenario "$work/type.json"
 printf '{"steps": [' > "$work/broken.json"
@@ -64,9 +66,11 @@ expect 2 'build it with scripts/build' --dll "$work/missing.dll" exec 22
 expect 2 'there is no subcommand "exce"' exce 22
 expect 2 'only exec, scenario and events have a use for it' --private-store store show
 expect 2 'no event to send' events
+expect 2 '--seconds' --simulate events --power 7 --seconds -1
 expect 2 'there is no file' trust "$work/missing.exe"
 expect 1 'NEVER  power event 99 never comes' validate '{"powerEventType":99,"eventAction":2,
   "commandParams":{"packageFamilyName":"a","appServiceName":"b","payload":{}}}'
+expect 1 'line 1, column 13: ' validate '{"a":"\udc00"}'
 for command in exec scenario events 'store show' subscriptions trust pin watch validate \
   explain-resume; do
   # shellcheck disable=SC2086

@@ -159,7 +159,8 @@ TEST_F(ConsoleCommandsTest, ARefusedPackageSubscriptionIsTakenBackAndExplained) 
     log.Clear();
     console.staged.assign(c.packageGone ? 0 : 1, L"Family_x_full");
     console.session = c.session;
-    const Reply reply = Execute(7, c.request.c_str());
+    // White space must not hide the request from its removal.
+    const Reply reply = Execute(7, (L"{ " + c.request.substr(1)).c_str());
     EXPECT_EQ(reply.result, c.result);
     EXPECT_EQ(reply.response, L"{}");
     EXPECT_THAT(StoredPackageRequests(), testing::AnyOf(L"", L"[]"));
