@@ -51,9 +51,9 @@ TEST_F(FaultInjectionTest, AFaultWalkMeetsEachCallOnce) {
     if (index >= calls.size()) break;
     failed.push_back(calls[index]);
   }
-  EXPECT_THAT(failed,
-              ElementsAre("Sessions.ActiveConsoleSession", "Sessions.QueryUserToken",
-                          "Sessions.Impersonate", "Packages.FindByFamily", "Sessions.Revert"));
+  EXPECT_THAT(failed, ElementsAre("Sessions.ActiveConsoleSession", "Sessions.QueryUserToken",
+                                  "Sessions.Impersonate", "Packages.FindByFamily",
+                                  "Packages.FamilyNames", "Sessions.Revert"));
 }
 
 TEST_F(FaultInjectionTest, NamedCallsFailAfterThoseThatAreLeftOut) {
