@@ -41,6 +41,12 @@ SimulatedUser SimulatedUsers::AddLocked(const std::wstring& name) {
       .first->second;
 }
 
+void SimulatedUsers::SetProfile(const std::wstring& name, const std::wstring& folder) {
+  const std::lock_guard guard(mutex);
+  AddLocked(name);
+  users[name].profile = folder;
+}
+
 void SimulatedUsers::LogOn(const std::wstring& name) {
   {
     const std::lock_guard guard(mutex);

@@ -30,6 +30,9 @@ class SimulatedUsers final : public Platform::Sessions, public Platform::Environ
   // Makes the user when there is none of this name ("PC\name", profile "C:\Users\name").
   SimulatedUser Add(const std::wstring& name);
 
+  // Gives the user of this name another profile folder.
+  void SetProfile(const std::wstring& name, const std::wstring& folder);
+
   // The user of this name becomes the one at the console.
   void LogOn(const std::wstring& name);
 

@@ -5,14 +5,13 @@
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include <windows.h>
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
-#include "launch/mcafee_helper.h"
 #include "launch/qubo_behaviors.h"
 #include "launch/registration_data.h"
 #include "launch/software_check_behaviors.h"
@@ -20,11 +19,7 @@
 #include "launch/windows_mode_check_behavior.h"
 #include "storage/cap_data_store.h"
 #include "storage/store_faults.h"
-#include "support/fake_console.h"
-#include "support/log_capture.h"
-#include "support/private_local_machine.h"
-#include "support/registration_files.h"
-#include "support/temp_folder.h"
+#include "support/machine_test.h"
 
 namespace Vx::Tessel::Server::Services::Orvane {
 namespace {
@@ -32,46 +27,47 @@ namespace {
 using State = RegistrationHelper::RegistrationState;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
-using Tests::TempFolder;
 
 constexpr wchar_t kSentra[] = L"7C3B9E40.SentraAssistant_r4x2m8kq7tn3b";
 constexpr wchar_t kSentraKey[] = L"SOFTWARE\\WOW6432Node\\Vexmoor\\SentraActive";
 
-class BehaviorTest : public ::testing::Test {
+void Write(const std::filesystem::path& path, std::string_view content) {
+  std::ofstream(path, std::ios::binary) << content;
+}
+
+std::string Read(const std::filesystem::path& path) {
+  std::ifstream file(path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(file), {}};
+}
+
+class BehaviorTest : public Tests::StoreTest {
  protected:
   void MakeFolder(const char* name) const {
     std::filesystem::create_directories(programs.Path() / name);
   }
 
-  Tests::PrivateStore store;
-  TempFolder programs;
+  Tests::TempFolder programs;
   Tests::EnvironmentOverride programFiles{L"ProgramFiles", programs.Path().wstring()};
-  Tests::FakeConsole console;
-  Platform::MachineScope scope{[this](Platform::Machine& machine) { console.Install(machine); }};
-  Tests::LogCapture log;
 };
 
-using SoftwareCheckTest = BehaviorTest;
-
-TEST_F(SoftwareCheckTest, SentraIsInstalledByItsValueOrItsPackage) {
-  Tests::PrivateLocalMachine registry;
+TEST_F(BehaviorTest, SentraIsInstalledByItsValueOrItsPackage) {
   const Qubo::SentraSoftwareCheckBehavior sentra;
   EXPECT_FALSE(sentra.IsInstalled());
-  registry.Set(kSentraKey, L"Another", REG_SZ, {});
+  machine.registry.SetText(kSentraKey, L"Another", L"");
   EXPECT_FALSE(sentra.IsInstalled());
 
-  console.installed[kSentra] = L"Sentra_1";
+  machine.packages.Install({kSentra, L"Sentra_1", {}}, L"ann");
   EXPECT_TRUE(sentra.IsInstalled());
-  console.session = 0xFFFFFFFF;  // nobody is there
+  machine.users.DetachConsole();
   EXPECT_FALSE(sentra.IsInstalled());
 
-  registry.Set(kSentraKey, L"Version", REG_BINARY, {});
-  console.calls.clear();
+  machine.registry.SetText(kSentraKey, L"Version", L"");
+  machine.faults.Clear();
   EXPECT_TRUE(sentra.IsInstalled());
-  EXPECT_THAT(console.calls, IsEmpty());  // the value answers; nobody is asked for a package
+  EXPECT_THAT(machine.faults.Calls(), ElementsAre("Registry.Exists"));  // the value answers
 }
 
-TEST_F(SoftwareCheckTest, FoldersTellPreloadedAndInstalled) {
+TEST_F(BehaviorTest, FoldersTellPreloadedAndInstalled) {
   const Qubo::SentraSoftwareCheckBehavior sentra;
   const Qubo::McAfeeSoftwareCheckBehavior mcafee;
   MakeFolder("vx");
@@ -92,9 +88,7 @@ TEST_F(SoftwareCheckTest, FoldersTellPreloadedAndInstalled) {
   EXPECT_FALSE(sentra.IsPreloaded());
 }
 
-using RegistrationHelperTest = BehaviorTest;
-
-TEST_F(RegistrationHelperTest, ReadsTheStateThatAnotherServiceStored) {
+TEST_F(BehaviorTest, ReadsTheStateThatAnotherServiceStored) {
   EXPECT_EQ(RegistrationHelper().GetRegistrationState(), State::Unknown);
   EXPECT_THAT(log.Lines(), ElementsAre(L"info|value for registration_full_sent is not_set",
                                        L"warning|registration_full_sent key doesn't exist."));
@@ -110,10 +104,7 @@ TEST_F(RegistrationHelperTest, ReadsTheStateThatAnotherServiceStored) {
   EXPECT_EQ(check.GetState(), State::Unknown);
 }
 
-// The library of this machine is missing or unsigned, so the mode now is 0.
-using WindowsModeCheckTest = BehaviorTest;
-
-TEST_F(WindowsModeCheckTest, WasInSModeOnlyWithALockedFirstModeOnRecord) {
+TEST_F(BehaviorTest, WasInSModeOnlyWithALockedFirstModeOnRecord) {
   using Storage::BsonElement;
   static const struct {
     BsonElement first;
@@ -141,65 +132,25 @@ TEST_F(WindowsModeCheckTest, WasInSModeOnlyWithALockedFirstModeOnRecord) {
   }
 }
 
-TEST_F(WindowsModeCheckTest, KeepsTheDocumentAsItWasWhenItWasMade) {
-  Qubo::WindowsModeCheckBehavior check;
-  Storage::CapDataStore().mergeMember("OrvaneServiceDocument", "FirstSystemEnforcementMode",
-                                      Storage::BsonElement::Int32(2));
-  EXPECT_FALSE(check.HasBeenInSMode());
-  EXPECT_TRUE(Qubo::WindowsModeCheckBehavior().HasBeenInSMode());
-}
-
-TEST_F(WindowsModeCheckTest, SaysThatTheStoreCannotBeOpened) {
-  store.Block();
-  Qubo::WindowsModeCheckBehavior check;
-  EXPECT_TRUE(log.Has(L"error|Could not retrive OrvaneService for WindowsModeCheckBehavior"));
-  EXPECT_FALSE(check.HasBeenInSMode());
-}
-
-using McAfeeHelperTest = BehaviorTest;
-
-TEST_F(McAfeeHelperTest, SaysWhichStepFailed) {
-  static const struct {
-    std::size_t failing;
-    const wchar_t* line;
-    const wchar_t* expanded;
-  } kCases[] = {
-      {0, L"warning|Problem while querying user's access token.", L""},
-      {3, L"warning|Problem while expanding path.", L""},
-      {4, L"error|Problem while reverting the impersonation.",
-       L"C:\\Users\\ann\\AppData\\Roaming\\x"},
-  };
-  for (const auto& c : kCases) {
-    log.Clear();
-    console.FailCall(c.failing);
-    std::wstring expanded;
-    const bool done =
-        McAfeeHelper().expand_path_impersonated_as_loggedin_user(L"%AppData%\\x", expanded);
-    EXPECT_NE(done, expanded.empty());
-    EXPECT_EQ(expanded, c.expanded);
-    EXPECT_THAT(log.Lines(),
-                ElementsAre(L"info|Attempting to impersonate logged in user.", c.line));
-  }
-}
-
-TEST_F(McAfeeHelperTest, NeedsAConsoleAndSessions) {
-  std::wstring expanded;
-  console.sessionApi = false;
-  EXPECT_FALSE(McAfeeHelper().expand_path_impersonated_as_loggedin_user(L"x", expanded));
-  EXPECT_THAT(log.Lines().back(),
-              L"error|Problem in McAfeeHelper::expand_path_impersonated_as_loggedin_user(): "
-              L"WTSQueryUserToken is not available on this platform");
-  console.session = 0xFFFFFFFF;
-  EXPECT_FALSE(McAfeeHelper().expand_path_impersonated_as_loggedin_user(L"x", expanded));
-  EXPECT_THAT(log.Lines().back(),
-              L"warning|Problem while detecting active console session ID. This could be caused if "
-              L"the business logic ran while the user was not logged in.");
-  EXPECT_THAT(console.calls, IsEmpty());
-}
-
 class RegistrationDataTest : public BehaviorTest {
  protected:
-  Tests::RegistrationFiles data{console};
+  RegistrationDataTest() {
+    machine.users.SetProfile(L"ann", user.Path().wstring());
+    std::filesystem::create_directories(Source().parent_path());
+    std::filesystem::create_directories(Destination().parent_path());
+  }
+
+  std::filesystem::path Source() const {
+    return everyones.Path() / "Vx" / "Registration" / "registration_subset.xml";
+  }
+  std::filesystem::path Destination() const {
+    return user.Path() / "AppData" / "Roaming" / "Vx" / "Vx Setup" / "REGDATA" /
+           "RegistrationSubset.xml";
+  }
+
+  Tests::TempFolder everyones;
+  Tests::TempFolder user;
+  Tests::EnvironmentOverride programData{L"ProgramData", everyones.Path().wstring()};
   const Logging::TraceLogger& logger = *Logging::LogManager::GetLogger();
 };
 
@@ -208,53 +159,47 @@ TEST_F(RegistrationDataTest, CopiesTheMachinesDataOverTheUsersWithTheUsersRights
   int accesses = 0;
   files.onContent = [&] {
     ++accesses;
-    EXPECT_TRUE(console.acting);
+    EXPECT_TRUE(machine.users.Acting());
   };
   const Platform::MachineScope inserted(
-      [&](Platform::Machine& machine) { machine.files = &files; });
+      [&](Platform::Machine& platform) { platform.files = &files; });
   const std::string content("\xFF\xFE<\0x\0\r\n\0\x1A", 9);
-  data.WriteSource(content);
-  std::ofstream(data.Destination()) << "older and longer than what comes";
+  Write(Source(), content);
+  Write(Destination(), "older and longer than what comes");
   EXPECT_TRUE(CopyRegistrationData(L"client", logger));
-  EXPECT_EQ(data.Copied(), content);
-  data.WriteSource("second");
+  EXPECT_EQ(Read(Destination()), content);
+  Write(Source(), "second");
   EXPECT_TRUE(RefreshRegistrationData(logger));
-  EXPECT_EQ(data.Copied(), "second");
+  EXPECT_EQ(Read(Destination()), "second");
   EXPECT_EQ(accesses, 6);
-  EXPECT_FALSE(console.acting);
+  EXPECT_FALSE(machine.users.Acting());
 
   // Neither path, and then not the right to copy.
-  for (const std::size_t call : {std::size_t{3}, std::size_t{8}, std::size_t{12}}) {
-    console.FailCall(call);
+  const std::pair<const char*, std::size_t> refused[] = {{"Environment.ExpandForUser", 0},
+                                                         {"Environment.ExpandForUser", 1},
+                                                         {"Sessions.Impersonate", 2}};
+  for (const auto& [call, succeeding] : refused) {
+    machine.faults.FailNamed(call, succeeding);
     EXPECT_FALSE(CopyRegistrationData(L"client", logger));
-    ASSERT_EQ(console.calls[call], call == 12 ? "Impersonate" : "ExpandForUser");
   }
   EXPECT_EQ(accesses, 6);
 }
 
 TEST_F(RegistrationDataTest, NamesTheSideThatFailed) {
   EXPECT_FALSE(CopyRegistrationData(L"client", logger));
-  EXPECT_EQ(log.Lines().back(),
-            L"error|Error while copying source file " + data.Source().wstring());
+  EXPECT_EQ(log.Lines().back(), L"error|Error while copying source file " + Source().wstring());
   EXPECT_EQ(log.Callers().back(), L"client");
-  data.WriteSource("x");
-  std::filesystem::remove(data.Destination().parent_path());
+  Write(Source(), "x");
+  std::filesystem::remove(Destination().parent_path());
   EXPECT_FALSE(RefreshRegistrationData(logger));
   EXPECT_EQ(log.Lines().back(),
-            L"error|Error while copying destination file " + data.Destination().wstring());
+            L"error|Error while copying destination file " + Destination().wstring());
   EXPECT_EQ(log.Callers().back(), L"Win10SSwitch");
 }
 
 // A folder of files and what is logged about them.
 class TextFileTest : public ::testing::Test {
  protected:
-  void Write(const wchar_t* name, std::string_view content) const {
-    std::ofstream(folder.Path() / name, std::ios::binary) << content;
-  }
-  std::string Read(const wchar_t* name) const {
-    std::ifstream file(folder.Path() / name, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
-  }
   std::wstring Text(const wchar_t* name) const {
     return ReadTextFile(folder / name, L"Win10SSwitch", logger);
   }
@@ -262,22 +207,22 @@ class TextFileTest : public ::testing::Test {
     return CopyFileContent(folder / from, folder / to, L"Win10SSwitch", logger);
   }
 
-  TempFolder folder;
+  Tests::TempFolder folder;
   Tests::LogCapture log;
   const Logging::TraceLogger& logger = *Logging::LogManager::GetLogger();
 };
 
 TEST_F(TextFileTest, AFileHasATextOnlyIfItCanBeReadAndHasAByteOrderMark) {
-  Write(L"marked", "\xEF\xBB\xBF/quiet");
+  Write(folder / L"marked", "\xEF\xBB\xBF/quiet");
   EXPECT_EQ(Text(L"marked"), L"/quiet");
   EXPECT_EQ(Text(L"missing"), L"");
   EXPECT_EQ(Text(L""), L"");  // a folder
-  Write(L"large", "\xEF\xBB\xBF");
+  Write(folder / L"large", "\xEF\xBB\xBF");
   std::filesystem::resize_file(folder.Path() / "large", kMaxTextFile + 1);
   EXPECT_EQ(Text(L"large"), L"");
   EXPECT_THAT(log.Lines(), IsEmpty());
 
-  Write(L"plain", "/quiet");
+  Write(folder / L"plain", "/quiet");
   EXPECT_EQ(Text(L"plain"), L"");
   EXPECT_THAT(log.Lines(),
               ElementsAre(L"warning|Error Finding BOM for file: " + folder / L"plain"));
@@ -285,10 +230,10 @@ TEST_F(TextFileTest, AFileHasATextOnlyIfItCanBeReadAndHasAByteOrderMark) {
 }
 
 TEST_F(TextFileTest, ADestinationThatCannotBeWrittenKeepsItsContentAndNoPartIsLeft) {
-  Write(L"source", "new");
-  Write(L"read only", "old");
+  Write(folder / L"source", "new");
+  Write(folder / L"read only", "old");
   SetFileAttributesW((folder / L"read only").c_str(), FILE_ATTRIBUTE_READONLY);
-  Write(L"target", "old");
+  Write(folder / L"target", "old");
   std::filesystem::create_directory(folder.Path() / "a folder");
   for (const wchar_t* to : {L"read only", L"a folder", L"missing\\file"}) {
     SCOPED_TRACE(::testing::PrintToString(std::wstring(to)));
@@ -300,18 +245,19 @@ TEST_F(TextFileTest, ADestinationThatCannotBeWrittenKeepsItsContentAndNoPartIsLe
   {
     // A disk that is full.
     Tests::FaultyFiles files;
-    const Platform::MachineScope scope([&](Platform::Machine& machine) { machine.files = &files; });
+    const Platform::MachineScope scope(
+        [&](Platform::Machine& platform) { platform.files = &files; });
     files.writesStopHalfway = true;
     EXPECT_FALSE(Copy(L"source", L"target"));
   }
-  EXPECT_EQ(Read(L"read only"), "old");
-  EXPECT_EQ(Read(L"target"), "old");
+  EXPECT_EQ(Read(folder / L"read only"), "old");
+  EXPECT_EQ(Read(folder / L"target"), "old");
   const std::filesystem::directory_iterator entries(folder.Path());
   EXPECT_EQ(std::distance(begin(entries), end(entries)), 4);
 
-  Write(L"source", "");
+  Write(folder / L"source", "");
   EXPECT_TRUE(Copy(L"source", L"target"));
-  EXPECT_EQ(Read(L"target"), "");
+  EXPECT_EQ(Read(folder / L"target"), "");
 }
 
 }  // namespace

@@ -2,23 +2,20 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdint>
+#include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
+
+#include "launch/text_files.h"
 
 namespace Vx::Tessel::Server::Services::Orvane {
 
 namespace {
 
 using namespace std::string_view_literals;
-
-std::vector<wchar_t> Block(std::wstring_view text) {
-  return {text.begin(), text.end()};
-}
-
-std::wstring Text(const std::vector<wchar_t>& block) {
-  return {block.begin(), block.end()};
-}
 
 constexpr wchar_t kProgram[] = L"C:\\Program Files\\a b.exe";
 constexpr wchar_t kQuoted[] = L"\"C:\\Program Files\\a b.exe\"";
@@ -34,16 +31,13 @@ TEST(AppCommandLine, QuotesThePathOnlyBeforeAParameterAndRefusesWhatIsTooLong) {
   EXPECT_FALSE(AppCommandLine(std::wstring(kMaxPath + 1, L'p'), L""));
 }
 
-TEST(SessionCommandLine, DropsArgumentsThatDoNotFit) {
+TEST(SessionCommandLine, DropsArgumentsThatDoNotFitAndStaysBoundedWhateverThePath) {
   EXPECT_EQ(SessionCommandLine(kProgram, L""), kQuoted);
   EXPECT_EQ(SessionCommandLine(kProgram, L"a"), kQuoted + std::wstring(L" a"));
   EXPECT_EQ(SessionCommandLine(kProgram, std::wstring(kRoom, L'a')).size(), kMaxCommandLine);
   for (const std::size_t tooMany : {kRoom + 1, std::size_t{40000}}) {
     EXPECT_EQ(SessionCommandLine(kProgram, std::wstring(tooMany, L'a')), kQuoted);
   }
-}
-
-TEST(SessionCommandLine, StaysBoundedWhateverThePath) {
   for (const std::size_t length : {kMaxCommandLine - 2, kMaxCommandLine, kMaxCommandLine * 3}) {
     EXPECT_EQ(SessionCommandLine(std::wstring(length, L'p'), L"a").size(), kMaxCommandLine);
   }
@@ -94,7 +88,8 @@ TEST(EnvironmentForPackage, MovesOnlyTheTwoDataFolders) {
   };
   for (const auto& c : kCases) {
     SCOPED_TRACE(c.name);
-    EXPECT_EQ(Text(EnvironmentForPackage(Block(c.before), L"App_1")), c.after);
+    EXPECT_EQ(EnvironmentForPackage({c.before.begin(), c.before.end()}, L"App_1"),
+              (std::vector<wchar_t>{c.after.begin(), c.after.end()}));
   }
 }
 
@@ -115,6 +110,30 @@ TEST(IsRealUserProfile, ExcludesTheProfilesOfNobody) {
   for (const auto& c : kCases) {
     SCOPED_TRACE(testing::PrintToString(c.profile));
     EXPECT_EQ(IsRealUserProfile(c.profile), c.real);
+  }
+}
+
+TEST(DecodeText, FollowsTheByteOrderMark) {
+  using Bytes = std::vector<std::uint8_t>;
+  static const struct {
+    const char* name;
+    Bytes bytes;
+    std::optional<std::wstring> text;
+  } kCases[] = {
+      {"UTF-8", {0xEF, 0xBB, 0xBF, 'a', 0xC3, 0xA4}, L"a\u00E4"},
+      {"UTF-16, low byte first", {0xFF, 0xFE, 'a', 0, 0xE4, 0}, L"a\u00E4"},
+      {"UTF-16, high byte first", {0xFE, 0xFF, 0, 'a', 0, 0xE4}, L"a\u00E4"},
+      {"half a unit at the end", {0xFF, 0xFE, 'a', 0, 'b'}, L"a"},
+      {"broken UTF-8", {0xEF, 0xBB, 0xBF, 'a', 0xC3}, L"a\uFFFD"},
+      {"only the mark", {0xEF, 0xBB, 0xBF}, L""},
+      {"only the UTF-16 mark", {0xFF, 0xFE}, L""},
+      {"no mark", {'a', 'b'}, std::nullopt},
+      {"half a mark", {0xEF, 0xBB}, std::nullopt},
+      {"nothing", {}, std::nullopt},
+  };
+  for (const auto& c : kCases) {
+    SCOPED_TRACE(c.name);
+    EXPECT_EQ(DecodeText(std::as_bytes(std::span(c.bytes))), c.text);
   }
 }
 

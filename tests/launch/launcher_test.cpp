@@ -1,15 +1,10 @@
 #include "launch/launcher.h"
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <cstddef>
-#include <string>
-#include <vector>
 
 #include "launch/launch_rules.h"
-#include "support/fake_console.h"
-#include "support/log_capture.h"
+#include "launch/mcafee_helper.h"
+#include "support/machine_test.h"
 
 namespace Vx::Tessel::Server::Services::Orvane {
 
@@ -18,70 +13,98 @@ namespace {
 using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::SizeIs;
+using Lines = std::vector<std::wstring>;
 
 constexpr wchar_t kFamily[] = L"App_abc";
 constexpr wchar_t kProgram[] = L"C:\\Users\\ann\\AppData\\Local\\Microsoft\\WindowsApps\\app.exe";
 constexpr wchar_t kActing[] = L"info|Attempting to impersonate logged in user.";
+constexpr wchar_t kNoToken[] = L"warning|Problem while querying user's access token.";
+constexpr wchar_t kNotExpanded[] = L"warning|Problem while expanding path.";
+constexpr wchar_t kNotReverted[] = L"error|Problem while reverting the impersonation.";
+constexpr wchar_t kNoConsole[] =
+    L"warning|Problem while detecting active console session ID. This could be caused if the "
+    L"business logic ran while the user was not logged in.";
 
-class LauncherTest : public testing::Test {
+class LauncherTest : public Tests::MachineTest {
  protected:
-  LauncherTest() { console.installed[kFamily] = L"App_1_x64__abc"; }
+  LauncherTest() { machine.packages.Install({kFamily, L"App_1_x64__abc", {}}, L"ann"); }
 
-  Tests::FakeConsole console;
-  Platform::MachineScope scope{[this](Platform::Machine& machine) { console.Install(machine); }};
-  Tests::LogCapture log;
+  bool Expand(std::wstring& expanded) const {
+    return McAfeeHelper().expand_path_impersonated_as_loggedin_user(L"%AppData%\\x", expanded);
+  }
+
   Launcher launcher;
 };
 
 TEST_F(LauncherTest, StartsTheAliasInTheInstallFolderAsTheUser) {
   EXPECT_TRUE(launcher.Run(L"app.exe", kFamily));
-  ASSERT_THAT(console.started, SizeIs(1));
-  EXPECT_EQ(console.started[0].application, kProgram);
-  EXPECT_EQ(console.started[0].commandLine, kProgram);
-  EXPECT_EQ(console.started[0].workingDirectory, L"C:\\Apps\\App_1_x64__abc");
-  EXPECT_EQ(console.started[0].environment, (std::vector<wchar_t>{L'A', L'=', L'1', L'\0', L'\0'}));
-  EXPECT_THAT(console.expansionLimits, ElementsAre(520));
+  ASSERT_THAT(machine.processes.Started(), SizeIs(1));
+  const auto started = machine.processes.Started()[0];
+  EXPECT_EQ(started.user, L"ann");
+  EXPECT_EQ(started.start.application, kProgram);
+  EXPECT_EQ(started.start.commandLine, kProgram);
+  EXPECT_EQ(started.start.workingDirectory, L"C:\\Program Files\\WindowsApps\\App_1_x64__abc");
+  EXPECT_EQ(started.start.environment, *machine.users.Block(machine.users.TokenOf(L"ann")->get()));
 }
 
 TEST_F(LauncherTest, SaysWhichStepOfALaunchFailed) {
-  using Lines = std::vector<std::wstring>;
   const std::wstring found = L"info|Found package's full name for App_abc: App_1_x64__abc";
-  const std::wstring query = L"warning|Problem while querying user's access token.";
   const std::wstring copy = L"warning|Problem while duplicating the user's access token.";
   const std::wstring impersonation = L"warning|Problem while impersonating logged in user.";
-  const std::wstring expansion = L"warning|Problem while expanding path.";
-  const std::wstring revert = L"error|Problem while reverting the impersonation.";
   const std::wstring size = L"warning|Problem while finding out the size of the buffer.";
-  const std::wstring start = L"warning|Problem while creating process as user 5.";
   const struct {
     const char* call;
-    bool runs;
+    std::size_t succeeding;  // so often before it fails
     Lines lines;
   } cases[] = {
-      {"QueryUserToken", false, {kActing, query, kActing}},
-      {"DuplicateUserToken", false, {kActing, copy, kActing}},
-      {"QueryUserToken", false, {kActing, kActing, query, found}},
-      {"DuplicateUserToken", false, {kActing, kActing, copy, found}},
-      {"Impersonate", false, {kActing, kActing, impersonation, found}},
-      {"ExpandForUser", false, {kActing, kActing, expansion, found}},
-      {"Revert", true, {kActing, kActing, revert, found, kActing}},
-      {"Impersonate", false, {kActing, kActing, impersonation}},
-      {"FindByFamily", false, {kActing, kActing, size + L" Returned length is 0."}},
-      {"PathByFullName", false, {kActing, kActing, found, size}},
-      {"Revert", true, {kActing, kActing, found, revert, kActing}},
-      {"Block", false, {kActing, kActing, found, kActing}},
-      {"Start", false, {kActing, kActing, found, kActing, start}},
+      {"Sessions.QueryUserToken", 0, {kActing, kNoToken, kActing, kNoToken}},
+      {"Sessions.QueryUserToken", 1, {kActing, kActing, kNoToken, found}},
+      {"Sessions.DuplicateUserToken", 0, {kActing, copy, kActing, copy}},
+      {"Sessions.DuplicateUserToken", 1, {kActing, kActing, copy, found}},
+      {"Sessions.Impersonate", 0, {kActing, kActing, impersonation, impersonation}},
+      {"Sessions.Impersonate", 1, {kActing, kActing, impersonation}},
+      {"Sessions.Revert", 0, {kActing, kActing, kNotReverted, found, kNotReverted, kActing}},
+      {"Environment.ExpandForUser", 0, {kActing, kActing, kNotExpanded, found}},
+      {"Packages.FindByFamily", 0, {kActing, kActing, size + L" Returned length is 0."}},
+      {"Packages.FamilyNames",
+       0,
+       {kActing, kActing, L"warning|Problem while finding package's resources."}},
+      {"Packages.PathByFullName", 0, {kActing, kActing, found, size}},
+      {"Environment.Block", 0, {kActing, kActing, found, kActing}},
+      {"Processes.Start",
+       0,
+       {kActing, kActing, found, kActing, L"warning|Problem while creating process as user 5."}},
   };
-  for (std::size_t index = 0; index < std::size(cases); ++index) {
-    SCOPED_TRACE(testing::Message() << "call " << index << ", " << cases[index].call);
+  for (const auto& c : cases) {
+    SCOPED_TRACE(testing::Message() << c.call << " after " << c.succeeding);
     log.Clear();
-    console.started.clear();
-    console.FailCall(index);
-    EXPECT_EQ(launcher.Run(L"app.exe", kFamily), cases[index].runs);
-    ASSERT_GT(console.calls.size(), index);
-    EXPECT_EQ(console.calls[index], cases[index].call);
-    EXPECT_EQ(log.Lines(), cases[index].lines);
-    EXPECT_THAT(console.started, SizeIs(cases[index].runs ? 1 : 0));
+    const std::size_t before = machine.processes.Started().size();
+    machine.faults.FailNamed(c.call, c.succeeding);
+    const bool runs = c.call == std::string("Sessions.Revert");
+    EXPECT_EQ(launcher.Run(L"app.exe", kFamily), runs);
+    EXPECT_EQ(log.Lines(), c.lines);
+    EXPECT_THAT(machine.processes.Started(), SizeIs(before + (runs ? 1 : 0)));
+    EXPECT_FALSE(machine.users.Acting());
+  }
+}
+
+TEST_F(LauncherTest, SaysWhichStepOfAnExpansionFailed) {
+  static constexpr struct {
+    const char* call;
+    const wchar_t* line;
+    const wchar_t* expanded;
+  } kCases[] = {
+      {"Sessions.QueryUserToken", kNoToken, L""},
+      {"Environment.ExpandForUser", kNotExpanded, L""},
+      {"Sessions.Revert", kNotReverted, L"C:\\Users\\ann\\AppData\\Roaming\\x"},
+  };
+  for (const auto& c : kCases) {
+    log.Clear();
+    machine.faults.FailNamed(c.call);
+    std::wstring expanded;
+    EXPECT_EQ(Expand(expanded), c.expanded[0] != 0);
+    EXPECT_EQ(expanded, c.expanded);
+    EXPECT_THAT(log.Lines(), ElementsAre(kActing, c.line));
   }
 }
 
@@ -89,41 +112,48 @@ TEST_F(LauncherTest, AsksWindowsNothingWithoutAnAliasAFamilyATokenOrSessions) {
   EXPECT_FALSE(launcher.Run(L"", kFamily));
   EXPECT_FALSE(launcher.Run(L"app.exe", L""));
   EXPECT_FALSE(launcher.RunExeAsUser(kProgram, L"C:\\Apps", nullptr));
-  EXPECT_THAT(log.Lines(), IsEmpty());
-  console.sessionApi = false;
+  EXPECT_THAT(machine.faults.Calls(), IsEmpty());
+  machine.system.RemoveApiSet(Platform::kSessionApiSet);
+  std::wstring expanded;
   EXPECT_EQ(launcher.GetUserTokenForCurrentUser(Platform::TokenType::Primary), nullptr);
-  EXPECT_THAT(log.Lines(), ElementsAre(L"error|Problem in GetUserTokenForCurrentUser. "
-                                       L"WTSQueryUserToken is not available in this platform."));
-  EXPECT_THAT(console.calls, IsEmpty());
+  EXPECT_FALSE(Expand(expanded));
+  EXPECT_THAT(log.Lines(),
+              ElementsAre(L"error|Problem in GetUserTokenForCurrentUser. WTSQueryUserToken is not "
+                          L"available in this platform.",
+                          kActing,
+                          L"error|Problem in McAfeeHelper::expand_path_impersonated_as_loggedin_"
+                          L"user(): WTSQueryUserToken is not available on this platform"));
 }
 
-TEST_F(LauncherTest, StartsNothingWhileNobodyIsAtTheConsole) {
-  constexpr wchar_t kNoConsole[] =
-      L"warning|Problem while detecting active console session ID. This could be caused if the "
-      L"business logic ran while the user was not logged in.";
-  console.session = 0xFFFFFFFF;
+TEST_F(LauncherTest, StartsAndExpandsNothingWhileNobodyIsAtTheConsole) {
+  machine.users.DetachConsole();
   std::wstring profile = L"left over";
   EXPECT_FALSE(launcher.Run(L"app.exe", kFamily));
   EXPECT_FALSE(launcher.IsRealUserSession(profile));
   EXPECT_EQ(profile, L"");
-  EXPECT_THAT(log.Lines(),
-              ElementsAre(kActing, kNoConsole, kActing, kNoConsole, kActing, kNoConsole));
+  EXPECT_FALSE(Expand(profile));
+  EXPECT_EQ(log.Lines(), (Lines{kActing, kNoConsole, kActing, kNoConsole, kActing, kNoConsole,
+                                kActing, kNoConsole}));
 }
 
 TEST_F(LauncherTest, RefusesAParameterThatIsTooLong) {
   EXPECT_FALSE(launcher.Run(L"app.exe", kFamily, std::wstring(kMaxCommandLine, L'x')));
-  EXPECT_THAT(console.started, IsEmpty());
+  EXPECT_THAT(machine.processes.Started(), IsEmpty());
   EXPECT_EQ(log.Lines().back(),
             L"warning|Problem while building the command line: it is too long.");
 }
 
 TEST_F(LauncherTest, TellsTheProfileAndWhetherItIsARealUsers) {
+  const std::wstring system = L"C:\\Windows\\system32\\config\\systemprofile";
   std::wstring profile;
   EXPECT_TRUE(launcher.IsRealUserSession(profile));
   EXPECT_EQ(profile, L"C:\\Users\\ann");
-  console.userVariables = {{L"%userprofile%", L"C:\\Windows\\system32\\config\\systemprofile"}};
+  machine.users.SetProfile(L"ann", system);
   EXPECT_FALSE(launcher.IsRealUserSession(profile));
-  EXPECT_EQ(profile, L"C:\\Windows\\system32\\config\\systemprofile");
+  EXPECT_EQ(profile, system);
+  machine.users.SetProfile(L"ann", std::wstring(520, L'x'));
+  EXPECT_FALSE(launcher.IsRealUserSession(profile));
+  EXPECT_EQ(profile, L"");
 }
 
 }  // namespace

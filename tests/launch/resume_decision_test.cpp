@@ -6,32 +6,71 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "launch/resume_world.h"
+#include "launch/behaviors.h"
 
 namespace Vx::Tessel::Server::Services::Orvane::Qubo {
 namespace {
 
-using World = Tests::ResumeWorld;
-using State = World::State;
+using State = RegistrationHelper::RegistrationState;
 using ::testing::ElementsAre;
 
-ResumeDecision Decide(const World& world) {
-  const Tests::WorldSoftware first(world.firstPreloaded, world.firstInstalled);
-  const Tests::WorldSoftware second(world.secondPreloaded, world.secondInstalled);
-  Tests::WorldBehavior behavior(world);
-  const Tests::WorldMark softwareUsed(world, "qubo_autolaunch_software_happened");
-  const Tests::WorldMark registrationUsed(world, "qubo_autolaunch_registration_happened");
-  return DecideResume({first, second, behavior, behavior, softwareUsed, registrationUsed});
-}
+// All that a resume decision can be told. It answers each question itself.
+struct World final : Base::RegistrationCheckBehavior, Base::ModeCheckBehavior {
+  struct Software final : Base::SoftwareCheckBehavior {
+    bool IsWin32Installed() const override { return installed; }
+    bool IsUwpInstalled() const override { return installed; }
+    bool IsInstalled() const override { return installed; }
+    bool IsPreloaded() const override { return preloaded; }
+    bool preloaded = false;
+    bool installed = false;
+  };
+  struct Mark final : Base::ApplicationLaunchCriteriaDataAccess {
+    bool SaveSkipState(bool) const override {
+      ADD_FAILURE() << "a decision did something";
+      return true;
+    }
+    bool ShouldBeSkipped() const override { return used; }
+    bool used = false;
+  };
+
+  // The bits from the lowest: the first software preloaded and installed, the second likewise, was
+  // and is in S mode, software used, registration used.
+  World(unsigned bits, State state) : registration(state) {
+    const auto bit = [bits](unsigned n) { return (bits >> n & 1U) != 0; };
+    first.preloaded = bit(0);
+    first.installed = bit(1);
+    second.preloaded = bit(2);
+    second.installed = bit(3);
+    wasInSMode = bit(4);
+    isInSMode = bit(5);
+    softwareUsed.used = bit(6);
+    registrationUsed.used = bit(7);
+  }
+
+  State GetState() const override { return registration; }
+  bool HasBeenInSMode() override { return wasInSMode; }
+  bool IsInSMode() const override { return isInSMode; }
+  ResumeDecision Decide() {
+    return DecideResume({first, second, *this, *this, softwareUsed, registrationUsed});
+  }
+
+  Software first;
+  Software second;
+  bool wasInSMode = false;
+  bool isInSMode = false;
+  Mark softwareUsed;
+  Mark registrationUsed;
+  State registration;
+};
 
 // The rule as one would say it, without an order of asking: missing software counts on a machine
 // that left S mode, skipped registration on one that is or was in it, each once, software first.
 QuboStartingPoint Expected(const World& world) {
-  const bool missing = (world.firstPreloaded && !world.firstInstalled) ||
-                       (world.secondPreloaded && !world.secondInstalled);
-  const bool software = missing && world.wasInSMode && !world.softwareUsed;
+  const bool missing = (world.first.preloaded && !world.first.installed) ||
+                       (world.second.preloaded && !world.second.installed);
+  const bool software = missing && world.wasInSMode && !world.softwareUsed.used;
   const bool registration = world.registration == State::SkippedOobe &&
-                            (world.wasInSMode || world.isInSMode) && !world.registrationUsed;
+                            (world.wasInSMode || world.isInSMode) && !world.registrationUsed.used;
   if (software) return QuboStartingPoint::Software;
   return registration ? QuboStartingPoint::Registration : QuboStartingPoint::None;
 }
@@ -40,11 +79,8 @@ TEST(ResumeDecisionTest, IsTheRuleInEveryWorld) {
   for (unsigned bits = 0; bits < 256; ++bits) {
     for (const State state :
          {State::Yes, State::No, State::SkippedOobe, State::Pending, State::Unknown}) {
-      const auto bit = [bits](unsigned n) { return (bits >> n & 1U) != 0; };
-      const World world{bit(0), bit(1), bit(2), bit(3), bit(4), bit(5), bit(6), bit(7), state};
-      const ResumeDecision decision = Decide(world);
-      ASSERT_EQ(decision.startingPoint, Expected(world)) << "bits " << bits;
-      ASSERT_TRUE(world.done.empty()) << "a decision did something";
+      World world(bits, state);
+      ASSERT_EQ(world.Decide().startingPoint, Expected(world)) << "bits " << bits;
     }
   }
 }
@@ -55,31 +91,37 @@ TEST(ResumeDecisionTest, NamesTheRuleThatSettledItAndAsksNoMoreThanThat) {
   using Q = ResumeQuestion;
   const struct {
     ResumeRule rule;
-    World world;
+    unsigned bits;
+    State state;
     std::vector<Q> asked;
   } cases[] = {
       {ResumeRule::RegistrationNotSkipped,
-       {},
+       0,
+       State::Yes,
        {Q::FirstPreloaded, Q::SecondPreloaded, Q::RegistrationState}},
       {ResumeRule::Software,
-       {.firstPreloaded = true, .wasInSMode = true},
+       0x11,
+       State::Yes,
        {Q::FirstPreloaded, Q::FirstInstalled, Q::HasBeenInSMode, Q::SoftwareUsed}},
       {ResumeRule::NotInSMode,
-       {.secondPreloaded = true, .registration = State::SkippedOobe},
+       0x04,
+       State::SkippedOobe,
        {Q::FirstPreloaded, Q::SecondPreloaded, Q::SecondInstalled, Q::HasBeenInSMode,
         Q::RegistrationState, Q::HasBeenInSMode, Q::IsInSMode}},
       {ResumeRule::Registration,
-       {.wasInSMode = true, .registration = State::SkippedOobe},
+       0x10,
+       State::SkippedOobe,
        {Q::FirstPreloaded, Q::SecondPreloaded, Q::RegistrationState, Q::HasBeenInSMode,
         Q::RegistrationUsed}},
       {ResumeRule::RegistrationUsed,
-       {.isInSMode = true, .registrationUsed = true, .registration = State::SkippedOobe},
+       0xA0,
+       State::SkippedOobe,
        {Q::FirstPreloaded, Q::SecondPreloaded, Q::RegistrationState, Q::HasBeenInSMode,
         Q::IsInSMode, Q::RegistrationUsed}},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(static_cast<int>(c.rule));
-    const ResumeDecision decision = Decide(c.world);
+    const ResumeDecision decision = World(c.bits, c.state).Decide();
     EXPECT_EQ(decision.rule, c.rule);
     std::vector<Q> asked;
     for (const ResumeAnswer& answer : decision.answers) asked.push_back(answer.question);
@@ -88,13 +130,8 @@ TEST(ResumeDecisionTest, NamesTheRuleThatSettledItAndAsksNoMoreThanThat) {
 }
 
 TEST(ResumeDecisionTest, ExplainsEachAnswerAndTheRule) {
-  const World world{.firstPreloaded = true,
-                    .firstInstalled = true,
-                    .secondPreloaded = true,
-                    .isInSMode = true,
-                    .registration = State::SkippedOobe};
   EXPECT_THAT(
-      Explain(Decide(world)),
+      Explain(World(0x27, State::SkippedOobe).Decide()),
       ElementsAre(
           L"first preloaded software: preloaded: yes", L"first preloaded software: installed: yes",
           L"second preloaded software: preloaded: yes", L"second preloaded software: installed: no",
