@@ -1,7 +1,8 @@
 #include "support/probe.h"
 
 #include <algorithm>
-#include <cstdio>
+#include <filesystem>
+#include <fstream>
 #include <iterator>
 #include <string_view>
 
@@ -11,18 +12,6 @@ namespace Vx::Tests {
 
 namespace {
 
-std::optional<std::string> Content(const std::wstring& path) {
-  FILE* file = _wfopen(path.c_str(), L"rb");
-  if (file == nullptr) return std::nullopt;
-  std::string content;
-  char piece[4096];
-  while (const std::size_t got = std::fread(piece, 1, sizeof piece, file)) {
-    content.append(piece, got);
-  }
-  static_cast<void>(std::fclose(file));
-  return content;
-}
-
 std::wstring Wide(std::string_view utf8) {
   std::wstring text(utf8.size(), L'\0');
   const int length = MultiByteToWideChar(CP_UTF8, 0, utf8.data(), static_cast<int>(utf8.size()),
@@ -31,24 +20,15 @@ std::wstring Wide(std::string_view utf8) {
   return text;
 }
 
-ProbeReport Parse(const std::wstring& text) {
+ProbeReport Parse(std::wstring_view text) {
   ProbeReport report;
-  for (std::size_t begin = 0; begin < text.size();) {
-    const std::size_t end = std::min(text.find(L'\n', begin), text.size());
-    const std::wstring line = text.substr(begin, end - begin);
-    begin = end + 1;
-    const std::size_t equals = line.find(L'=');
-    const std::wstring name = line.substr(0, equals);
-    const std::wstring value = equals == std::wstring::npos ? L"" : line.substr(equals + 1);
-    if (name == L"commandLine") {
-      report.commandLine = value;
-    } else if (name == L"workingDirectory") {
-      report.workingDirectory = value;
-    } else if (name == L"argument") {
-      report.arguments.push_back(value);
-    } else {
-      report.environment.push_back(line);
-    }
+  for (std::size_t end = 0; (end = text.find(L'\n')) != text.npos; text.remove_prefix(end + 1)) {
+    const std::wstring line(text.substr(0, end));
+    const std::size_t value = line.find(L'=') + 1;
+    if (line.starts_with(L"commandLine=")) report.commandLine = line.substr(value);
+    if (line.starts_with(L"workingDirectory=")) report.workingDirectory = line.substr(value);
+    if (line.starts_with(L"argument=")) report.arguments.push_back(line.substr(value));
+    report.lines.push_back(line);
   }
   return report;
 }
@@ -56,7 +36,7 @@ ProbeReport Parse(const std::wstring& text) {
 }  // namespace
 
 bool ProbeReport::HasVariable(const std::wstring& entry) const {
-  return std::find(environment.begin(), environment.end(), entry) != environment.end();
+  return std::find(lines.begin(), lines.end(), entry) != lines.end();
 }
 
 std::wstring TestFolder() {
@@ -73,7 +53,9 @@ std::wstring ProbePath() {
 std::optional<ProbeReport> WaitForProbe(const std::wstring& path, std::chrono::milliseconds limit) {
   const ULONGLONG end = GetTickCount64() + static_cast<ULONGLONG>(limit.count());
   for (;;) {
-    if (const auto content = Content(path)) return Parse(Wide(*content));
+    if (std::ifstream file(std::filesystem::path(path), std::ios::binary); file) {
+      return Parse(Wide(std::string(std::istreambuf_iterator<char>(file), {})));
+    }
     if (GetTickCount64() >= end) return std::nullopt;
     Sleep(5);
   }

@@ -12,8 +12,9 @@ struct ProbeReport {
   std::wstring commandLine;
   std::wstring workingDirectory;
   std::vector<std::wstring> arguments;
-  std::vector<std::wstring> environment;  // "NAME=value", of the few variables it reports
+  std::vector<std::wstring> lines;  // all of it
 
+  // Whether it had this variable, "NAME=value", of those that it reports.
   bool HasVariable(const std::wstring& entry) const;
 };
 

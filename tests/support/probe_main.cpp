@@ -1,7 +1,7 @@
 // A program for tests to start: reports how it was started. It writes lines "name=value" in UTF-8:
-// commandLine, workingDirectory, one "argument" for each of its arguments, and the variables below
-// that are set. The report goes to the file named by the first argument, when that is a full path,
-// else beside the program as "<program>.out", and appears there whole.
+// commandLine, workingDirectory, one "argument" for each of its arguments, and the variable
+// VX_PROBE when it is set. The report goes to the file named by the first argument, when that is a
+// full path, else beside the program as "<program>.out", and appears there whole.
 //
 // A further argument "wait:NAME" keeps it running until the named event is signalled.
 #include <cstdio>
@@ -14,8 +14,6 @@
 
 namespace {
 
-constexpr const wchar_t* kVariables[] = {L"APPDATA",     L"LOCALAPPDATA", L"ProgramData",
-                                         L"USERPROFILE", L"VX_PROBE",     L"VX_PROBE_OUT"};
 constexpr std::wstring_view kWait = L"wait:";
 constexpr DWORD kLongestWait = 60'000;  // milliseconds; a forgotten probe does not stay for ever
 
@@ -38,11 +36,9 @@ std::string Report(int count, wchar_t** arguments) {
   GetCurrentDirectoryW(static_cast<DWORD>(buffer.size()), buffer.data());
   report += Line(L"workingDirectory", buffer.data());
   for (int i = 1; i < count; ++i) report += Line(L"argument", arguments[i]);
-  for (const wchar_t* name : kVariables) {
-    const DWORD length =
-        GetEnvironmentVariableW(name, buffer.data(), static_cast<DWORD>(buffer.size()));
-    if (length > 0) report += Line(name, {buffer.data(), length});
-  }
+  const DWORD length =
+      GetEnvironmentVariableW(L"VX_PROBE", buffer.data(), static_cast<DWORD>(buffer.size()));
+  if (length > 0) report += Line(L"VX_PROBE", {buffer.data(), length});
   return report;
 }
 

@@ -5,6 +5,8 @@
 
 #include <windows.h>
 
+#include "platform/machine.h"
+#include "platform/processes.h"
 #include "support/probe.h"
 
 namespace Vx::Tests {
@@ -15,19 +17,13 @@ StandInLogon::StandInLogon(const std::wstring& folder) {
       L"vx-logon-" + std::to_wstring(GetCurrentProcessId()) + L"-" + std::to_wstring(++counter);
   const std::wstring program = folder + L"\\winlogon.exe";
   const std::wstring report = folder + L"\\winlogon.out";
-  std::wstring commandLine = L"\"" + program + L"\" \"" + report + L"\" wait:" + name;
-  STARTUPINFOW startup{};
-  startup.cb = sizeof startup;
-  PROCESS_INFORMATION made{};
-
   leave.reset(CreateEventW(nullptr, TRUE, FALSE, name.c_str()));
-  if (leave == nullptr || CopyFileW(ProbePath().c_str(), program.c_str(), TRUE) == FALSE ||
-      CreateProcessW(program.c_str(), commandLine.data(), nullptr, nullptr, FALSE, 0, nullptr,
-                     nullptr, &startup, &made) == FALSE) {
-    throw std::runtime_error("cannot start the stand-in logon process");
-  }
-  const Platform::UniqueHandle thread(made.hThread);
-  process.reset(made.hProcess);
+  CopyFileW(ProbePath().c_str(), program.c_str(), TRUE);
+  Platform::ProcessStart start;
+  start.application = program;
+  start.commandLine = L"\"" + program + L"\" \"" + report + L"\" wait:" + name;
+  const auto id = Platform::WindowsMachine().processes->Start(nullptr, start);
+  if (id) process.reset(OpenProcess(SYNCHRONIZE | PROCESS_TERMINATE, FALSE, *id));
   if (!WaitForProbe(report)) throw std::runtime_error("the stand-in logon process is not running");
 }
 

@@ -24,23 +24,6 @@ void Insist(BOOL(WINAPI* remove)(const wchar_t*), const std::wstring& path) {
   }
 }
 
-// std::filesystem::remove_all of this runtime follows directory links and empties their targets.
-void RemoveTree(const std::filesystem::path& folder) {
-  std::error_code ignored;
-  for (const auto& entry : std::filesystem::directory_iterator(folder, ignored)) {
-    const std::wstring path = entry.path().wstring();
-    const DWORD attributes = GetFileAttributesW(path.c_str());
-    if (attributes == INVALID_FILE_ATTRIBUTES) continue;
-    if ((attributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0) continue;
-    if ((attributes & FILE_ATTRIBUTE_DIRECTORY) != 0) {
-      RemoveTree(entry.path());
-      continue;
-    }
-    RemoveFile(path);
-  }
-  RemoveFolder(folder.wstring());
-}
-
 }  // namespace
 
 void RemoveFile(const std::wstring& path) {
@@ -52,6 +35,19 @@ void RemoveFolder(const std::wstring& path) {
   Insist(&RemoveDirectoryW, path);
 }
 
+// std::filesystem::remove_all of this runtime follows directory links and empties their targets.
+void RemoveTree(const std::wstring& folder) {
+  std::error_code ignored;
+  for (const auto& entry : std::filesystem::directory_iterator(folder, ignored)) {
+    const std::wstring path = entry.path().wstring();
+    const DWORD attributes = GetFileAttributesW(path.c_str());
+    if (attributes == INVALID_FILE_ATTRIBUTES) continue;
+    if ((attributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0) continue;
+    (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0 ? RemoveTree(path) : RemoveFile(path);
+  }
+  RemoveFolder(folder);
+}
+
 TempFolder::TempFolder() {
   static std::atomic<unsigned> counter{0};
   path = std::filesystem::temp_directory_path() /
@@ -60,20 +56,19 @@ TempFolder::TempFolder() {
 }
 
 TempFolder::~TempFolder() {
-  RemoveTree(path);
+  RemoveTree(path.wstring());
 }
 
 EnvironmentOverride::EnvironmentOverride(const wchar_t* variable, const std::wstring& value)
-    : name(variable), hadValue(false) {
+    : name(variable) {
   wchar_t buffer[32767];
   const DWORD length = GetEnvironmentVariableW(name, buffer, static_cast<DWORD>(std::size(buffer)));
-  hadValue = length > 0;
-  previous.assign(buffer, length);
+  if (length > 0) previous.emplace(buffer, length);
   SetEnvironmentVariableW(name, value.c_str());
 }
 
 EnvironmentOverride::~EnvironmentOverride() {
-  SetEnvironmentVariableW(name, hadValue ? previous.c_str() : nullptr);
+  SetEnvironmentVariableW(name, previous ? previous->c_str() : nullptr);
 }
 
 void PrivateStore::Block() const {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <filesystem>
+#include <optional>
 #include <string>
 
 namespace Vx::Tests {
@@ -10,8 +11,10 @@ namespace Vx::Tests {
 void RemoveFile(const std::wstring& path);
 void RemoveFolder(const std::wstring& path);
 
-// A fresh folder under the user's temporary folder, removed with its content at the end. Directory
-// links inside it are taken away, never followed.
+// Deletes a folder with its content, but nothing behind a directory link inside it.
+void RemoveTree(const std::wstring& folder);
+
+// A fresh folder under the user's temporary folder, removed with its content at the end.
 class TempFolder {
  public:
   TempFolder();
@@ -36,8 +39,7 @@ class EnvironmentOverride {
 
  private:
   const wchar_t* name;
-  bool hadValue;
-  std::wstring previous;
+  std::optional<std::wstring> previous;
 };
 
 // Points %programdata% at a fresh folder, so that the store of this process is its own.

@@ -1,9 +1,7 @@
 #include "support/test_pki.h"
 
 #include <atomic>
-#include <filesystem>
 #include <stdexcept>
-#include <system_error>
 
 #include <windows.h>
 
@@ -32,11 +30,7 @@ ProtectedFolder::ProtectedFolder() {
 }
 
 ProtectedFolder::~ProtectedFolder() {
-  std::error_code ignored;
-  for (const auto& entry : std::filesystem::directory_iterator(path, ignored)) {
-    RemoveFile(entry.path().wstring());
-  }
-  RemoveFolder(path);
+  RemoveTree(path);
 }
 
 std::wstring ProtectedFolder::Hold(const wchar_t* name) const {

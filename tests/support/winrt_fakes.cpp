@@ -58,6 +58,11 @@ class Fake : public Main, public Others... {
   std::atomic<ULONG> references{1};
 };
 
+template <typename Made>
+typename Made::Default* Make() {
+  return new Made;
+}
+
 template <typename T>
 Abi::ComPtr<T> Shared(T* object) {
   object->AddRef();
@@ -75,6 +80,12 @@ template <typename T, typename Value>
 HRESULT Put(T* out, Value value) {
   return Answer([&] { *out = static_cast<T>(value); });
 }
+template <typename Made, typename Out, typename... Arguments>
+HRESULT PutNew(Out** out, const Arguments&... arguments) {
+  return Answer([&] {
+    if (!runtime->answerNothing) *out = new Made(arguments...);
+  });
+}
 HRESULT Put(HSTRING* out, const std::wstring& text) {
   return Answer([&] { WindowsCreateString(text.data(), static_cast<UINT32>(text.size()), out); });
 }
@@ -90,9 +101,7 @@ class FakePackage final : public Fake<Abi::IPackage, Abi::IPackageId> {
  public:
   explicit FakePackage(std::wstring anyName) : name(std::move(anyName)) {}
 
-  STDMETHODIMP get_Id(Abi::IPackageId** id) override {
-    return Answer([&] { *id = new FakePackage(name); });
-  }
+  STDMETHODIMP get_Id(Abi::IPackageId** id) override { return PutNew<FakePackage>(id, name); }
   STDMETHODIMP get_FullName(HSTRING* out) override { return Put(out, name); }
   STDMETHODIMP get_FamilyName(HSTRING* out) override {
     return Put(out, name.substr(0, name.find(L'_')) + name.substr(name.rfind(L'_')));
@@ -108,10 +117,10 @@ class FakePackages final : public Fake<Abi::IPackageIterable, Abi::IPackageItera
   explicit FakePackages(std::vector<std::wstring> names) : fullNames(std::move(names)) {}
 
   STDMETHODIMP First(Abi::IPackageIterator** first) override {
-    return Answer([&] { *first = new FakePackages(fullNames); });
+    return PutNew<FakePackages>(first, fullNames);
   }
   STDMETHODIMP get_Current(Abi::IPackage** package) override {
-    return Answer([&] { *package = new FakePackage(fullNames.at(position)); });
+    return PutNew<FakePackage>(package, fullNames.at(position));
   }
   STDMETHODIMP get_HasCurrent(Abi::Boolean* has) override {
     return Put(has, position < fullNames.size());
@@ -189,7 +198,6 @@ class FakeDeploymentResult final : public Fake<Abi::IDeploymentResult> {
   STDMETHODIMP get_ExtendedErrorCode(HRESULT* code) override {
     return Put(code, runtime->extendedErrorCode);
   }
-  static Abi::IDeploymentResult* Make() { return new FakeDeploymentResult; }
 };
 
 class FakePackageManager final : public Fake<Abi::IPackageManager, Abi::IPackageManager2> {
@@ -197,28 +205,19 @@ class FakePackageManager final : public Fake<Abi::IPackageManager, Abi::IPackage
 
  public:
   STDMETHODIMP FindPackagesByPackageFamilyName(HSTRING family, Packages** packages) override {
-    return Find(family, runtime->machinePackages, packages);
+    runtime->familiesAsked.push_back(TextOf(family));
+    return PutNew<FakePackages>(packages, runtime->machinePackages);
   }
   STDMETHODIMP FindPackagesByUserSecurityIdPackageFamilyName(HSTRING sid, HSTRING family,
                                                              Packages** packages) override {
-    return Find(family, runtime->userPackages[TextOf(sid)], packages);
+    runtime->familiesAsked.push_back(TextOf(family));
+    return PutNew<FakePackages>(packages, runtime->userPackages[TextOf(sid)]);
   }
   STDMETHODIMP RegisterPackageByFullNameAsync(HSTRING fullName, IInspectable*,
                                               Abi::DeploymentOptions,
                                               Abi::IDeploymentOperation** operation) override {
-    return Answer([&] {
-      runtime->registered.push_back(TextOf(fullName));
-      if (runtime->answerNothing) return;
-      *operation = new FakeDeployment(runtime->deployment, &FakeDeploymentResult::Make);
-    });
-  }
-
- private:
-  static HRESULT Find(HSTRING family, const std::vector<std::wstring>& names, Packages** packages) {
-    return Answer([&] {
-      runtime->familiesAsked.push_back(TextOf(family));
-      if (!runtime->answerNothing) *packages = new FakePackages(names);
-    });
+    runtime->registered.push_back(TextOf(fullName));
+    return PutNew<FakeDeployment>(operation, runtime->deployment, &Make<FakeDeploymentResult>);
   }
 };
 
@@ -228,7 +227,7 @@ class FakeUninstall final : public Fake<Abi::IPackageUninstallingEventArgs> {
       : familyName(std::move(family)), complete(isComplete) {}
 
   STDMETHODIMP get_Package(Abi::IPackage** package) override {
-    return Answer([&] { *package = new FakePackage(familyName); });
+    return PutNew<FakePackage>(package, familyName);
   }
   STDMETHODIMP get_IsComplete(Abi::Boolean* out) override { return Put(out, complete); }
 
@@ -255,9 +254,7 @@ class FakePackageCatalog final : public Fake<Abi::IPackageCatalog> {
 class FakePackageCatalogStatics final : public Fake<Abi::IPackageCatalogStatics> {
  public:
   STDMETHODIMP OpenForCurrentUser(Abi::IPackageCatalog** catalog) override {
-    return Answer([&] {
-      if (!runtime->answerNothing) *catalog = new FakePackageCatalog;
-    });
+    return PutNew<FakePackageCatalog>(catalog);
   }
 };
 
@@ -281,8 +278,7 @@ class FakePropertyValue final : public Fake<Abi::IPropertyValue> {
 class FakePropertyValueStatics final : public Fake<Abi::IPropertyValueStatics> {
  public:
   STDMETHODIMP CreateString(HSTRING value, IInspectable** result) override {
-    return Answer(
-        [&] { *result = new FakePropertyValue(TextOf(value), Abi::PropertyType::String); });
+    return PutNew<FakePropertyValue>(result, TextOf(value), Abi::PropertyType::String);
   }
 };
 
@@ -316,34 +312,29 @@ class FakeAppServiceResponse final : public Fake<Abi::IAppServiceResponse> {
   STDMETHODIMP get_Status(Abi::AppServiceResponseStatus* status) override {
     return Put(status, runtime->responseStatus);
   }
-  static Abi::IAppServiceResponse* Make() { return new FakeAppServiceResponse; }
 };
+
+Abi::AppServiceConnectionStatus ConnectionStatus() {
+  return static_cast<Abi::AppServiceConnectionStatus>(runtime->connectionStatus);
+}
 
 class FakeConnection final : public Fake<Abi::IAppServiceConnection, Abi::IClosable> {
  public:
-  STDMETHODIMP put_AppServiceName(HSTRING name) override {
-    return Answer([&] { serviceName = TextOf(name); });
-  }
+  STDMETHODIMP put_AppServiceName(HSTRING name) override { return Put(&serviceName, TextOf(name)); }
   STDMETHODIMP put_PackageFamilyName(HSTRING name) override {
-    return Answer([&] { familyName = TextOf(name); });
+    return Put(&familyName, TextOf(name));
   }
   STDMETHODIMP OpenAsync(Abi::IAppServiceOpenOperation** operation) override {
-    return Answer([&] {
-      runtime->openedServices.push_back(familyName + L"!" + serviceName);
-      *operation = new FakeOpening(runtime->opening, [] {
-        return static_cast<Abi::AppServiceConnectionStatus>(runtime->connectionStatus);
-      });
-    });
+    runtime->openedServices.push_back(familyName + L"!" + serviceName);
+    return PutNew<FakeOpening>(operation, runtime->opening, &ConnectionStatus);
   }
   STDMETHODIMP SendMessageAsync(Abi::IPropertySet* message,
                                 Abi::IAppServiceSendOperation** operation) override {
-    return Answer([&] {
-      const auto& values = static_cast<FakeValueSet*>(message)->values;
-      EXPECT_EQ(values.size(), 1U);
-      const auto& value = values.at(L"message");
-      runtime->messages.push_back(static_cast<FakePropertyValue*>(value.Get())->text);
-      *operation = new FakeSending(runtime->replying, &FakeAppServiceResponse::Make);
-    });
+    const auto& values = static_cast<FakeValueSet*>(message)->values;
+    EXPECT_EQ(values.size(), 1U);
+    const auto& value = values.at(L"message");
+    runtime->messages.push_back(static_cast<FakePropertyValue*>(value.Get())->text);
+    return PutNew<FakeSending>(operation, runtime->replying, &Make<FakeAppServiceResponse>);
   }
   STDMETHODIMP Close() override {
     ++runtime->closed;
@@ -355,22 +346,15 @@ class FakeConnection final : public Fake<Abi::IAppServiceConnection, Abi::IClosa
   std::wstring serviceName;
 };
 
-template <typename Made>
-IInspectable* Make() {
-  return static_cast<typename Made::Default*>(new Made);
+// What there is of a faked class: an instance, or else its static members.
+IInspectable* MakeOf(const std::wstring& className) {
+  if (className == Abi::kPackageManagerClass) return Make<FakePackageManager>();
+  if (className == Abi::kPackageCatalogClass) return Make<FakePackageCatalogStatics>();
+  if (className == Abi::kAppServiceConnectionClass) return Make<FakeConnection>();
+  if (className == Abi::kValueSetClass) return Make<FakeValueSet>();
+  if (className == Abi::kPropertyValueClass) return Make<FakePropertyValueStatics>();
+  return nullptr;
 }
-
-// What there is of each faked class: an instance, or else its static members.
-constexpr struct {
-  const wchar_t* name;
-  IInspectable* (*make)();
-} kClasses[] = {
-    {Abi::kPackageManagerClass, &Make<FakePackageManager>},
-    {Abi::kPackageCatalogClass, &Make<FakePackageCatalogStatics>},
-    {Abi::kAppServiceConnectionClass, &Make<FakeConnection>},
-    {Abi::kValueSetClass, &Make<FakeValueSet>},
-    {Abi::kPropertyValueClass, &Make<FakePropertyValueStatics>},
-};
 
 bool InApartment() {
   APTTYPE type{};
@@ -381,11 +365,8 @@ bool InApartment() {
 HRESULT Activate(HSTRING className, REFIID iid, void** object) {
   if (!InApartment()) return CO_E_NOTINITIALIZED;
   if (runtime->Fails()) return E_ACCESSDENIED;
-  const std::wstring name = TextOf(className);
-  for (const auto& row : kClasses) {
-    if (name == row.name) return Abi::ComPtr(row.make())->QueryInterface(iid, object);
-  }
-  return REGDB_E_CLASSNOTREG;
+  const Abi::ComPtr made(MakeOf(TextOf(className)));
+  return made ? made->QueryInterface(iid, object) : REGDB_E_CLASSNOTREG;
 }
 
 }  // namespace
