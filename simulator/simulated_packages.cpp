@@ -78,12 +78,12 @@ void SimulatedPackages::Uninstall(const std::wstring& familyName, const std::wst
   if (!owner) return;
   timeline.Add(user + L" uninstalls " + familyName);
   const auto uninstall = std::make_shared<Uninstalling>(familyName);
-  Platform::StartDetached([this, uninstall, sid = owner->sid] { Notify(sid, *uninstall); });
+  Platform::StartDetached([this, uninstall, user] { Notify(user, *uninstall); });
   Platform::StartDetached([this, uninstall, owner = *owner, length] {
     clock.Sleep(length);
     Remove(uninstall->FamilyName(), owner);
     uninstall->Complete();
-    Notify(owner.sid, *uninstall);
+    Notify(owner.name, *uninstall);
   });
 }
 
@@ -100,17 +100,25 @@ void SimulatedPackages::Remove(const std::wstring& familyName, const SimulatedUs
   timeline.Add(familyName + L" is gone for " + user.name);
 }
 
-// The handlers may wait, and ask about packages meanwhile.
-void SimulatedPackages::Notify(const std::wstring& sid,
-                               const Platform::PackageUninstall& uninstall) const {
-  std::vector<Platform::PackageCatalog::UninstallingHandler> called;
-  {
-    const std::lock_guard guard(mutex);
-    for (const auto& [token, watch] : watches) {
-      if (watch.sid == sid) called.push_back(watch.handler);
-    }
+std::vector<Platform::PackageCatalog::UninstallingHandler> SimulatedPackages::HandlersOf(
+    const std::wstring& user) const {
+  const auto owner = users.Find(user);
+  std::vector<Platform::PackageCatalog::UninstallingHandler> found;
+  const std::lock_guard guard(mutex);
+  for (const auto& [token, watch] : watches) {
+    if (owner && watch.sid == owner->sid) found.push_back(watch.handler);
   }
-  for (const auto& handler : called) handler(uninstall);
+  return found;
+}
+
+// The handlers may wait, and ask about packages meanwhile.
+void SimulatedPackages::Notify(const std::wstring& user,
+                               const Platform::PackageUninstall& uninstall) const {
+  for (const auto& handler : HandlersOf(user)) handler(uninstall);
+}
+
+std::size_t SimulatedPackages::Handlers(const std::wstring& user) const {
+  return HandlersOf(user).size();
 }
 
 void SimulatedPackages::SetRegistration(Platform::PackageRegistration answer,

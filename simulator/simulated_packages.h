@@ -1,6 +1,7 @@
 #pragma once
 
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -43,6 +44,12 @@ class SimulatedPackages final : public Platform::Packages {
   void Uninstall(const std::wstring& familyName, const std::wstring& user,
                  Platform::Clock::Duration length = std::chrono::seconds(1));
 
+  // Tells the user's catalogs, on the calling thread, of an uninstall that its maker answers for.
+  void Notify(const std::wstring& user, const Platform::PackageUninstall& uninstall) const;
+
+  // How many handlers the user's catalogs have.
+  std::size_t Handlers(const std::wstring& user) const;
+
   // What Register answers from now on: a failure, or success after `length`.
   void SetRegistration(Platform::PackageRegistration answer, Platform::Clock::Duration length);
 
@@ -75,7 +82,8 @@ class SimulatedPackages final : public Platform::Packages {
   std::wstring ActingSid() const;
   std::vector<std::wstring> Registered(const std::wstring& sid, const std::wstring& family) const;
   void Remove(const std::wstring& familyName, const SimulatedUser& user);
-  void Notify(const std::wstring& sid, const Platform::PackageUninstall& uninstall) const;
+  std::vector<Platform::PackageCatalog::UninstallingHandler> HandlersOf(
+      const std::wstring& user) const;
 
   Timeline& timeline;
   const SimulatedUsers& users;

@@ -1,7 +1,6 @@
 #include "events/event_commands.h"
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include <filesystem>
 #include <string>
@@ -12,8 +11,6 @@
 #include "events/package_event_request.h"
 #include "host/logging.h"
 #include "platform/hresult_error.h"
-#include "platform/machine.h"
-#include "support/fake_app_services.h"
 #include "support/log_capture.h"
 #include "support/probe.h"
 #include "support/stand_in_logon.h"
@@ -25,13 +22,9 @@ namespace Vx::Tessel::Server::Services::Orvane {
 namespace {
 
 using Json::JsonObject;
-using Platform::Machine;
-using Platform::MachineScope;
 using testing::Contains;
 using testing::Each;
-using testing::ElementsAre;
 using testing::StartsWith;
-using Tests::LogCapture;
 
 // 0, or the code that building the command throws.
 winrt::hresult Building(std::uint32_t action, const std::wstring& parameters) {
@@ -97,22 +90,12 @@ TEST(AppServiceNotificationCommand, LooksForTheTriggerInsideThePayloadOnly) {
   EXPECT_EQ(trigger(LR"({"customTriggerGUID":5}})"), L"");
 }
 
-TEST(AppServiceNotificationCommand, SendsThePayloadEachTime) {
-  Tests::FakeAppServices services;
-  const MachineScope scope([&](Machine& machine) { machine.appServices = &services; });
-  AppServiceNotificationCommand command(JsonObject::Parse(
-      LR"({"packageFamilyName":"f","appServiceName":"s","payload":{"a": [1.5, "x"]}})"));
-  command.Execute();
-  command.Execute();
-  EXPECT_THAT(services.Sent(), ElementsAre(LR"(f/s {"a":[1.5,"x"]})", LR"(f/s {"a":[1.5,"x"]})"));
-}
-
 // The order of the slots is a contract with code that knows the table alone.
 TEST(EventCommand, ExecutesThroughItsFirstSlotAndAnswersThroughItsSecond) {
   LaunchCommand launch(JsonObject::Parse(LR"({"path":""})"));
   PackageEventCommand& command = launch;
   void*** object = reinterpret_cast<void***>(&command);
-  const LogCapture log;
+  const Tests::LogCapture log;
   reinterpret_cast<void (*)(void*)>((*object)[0])(object);
   EXPECT_THAT(log.Lines(), Contains(StartsWith(L"warning|LaunchCommand::Execute - ")));
   EXPECT_TRUE(reinterpret_cast<bool (*)(void*)>((*object)[1])(object));
@@ -167,7 +150,7 @@ class RealLaunchTest : public testing::Test {
   Tests::TempFolder userFolder;
   Tests::ProtectedFolder folder;
   Tests::StandInLogon logon{userFolder.Path().wstring()};
-  LogCapture log;
+  Tests::LogCapture log;
 };
 
 TEST_F(RealLaunchTest, StartsATrustedProgramAndReportsIt) {

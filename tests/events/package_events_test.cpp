@@ -1,5 +1,4 @@
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include <atomic>
 #include <chrono>
@@ -13,47 +12,27 @@
 
 #include <windows.h>
 
-#include "events/fake_package_catalog.h"
 #include "events/package_event_manager.h"
 #include "events/package_event_request.h"
 #include "platform/hresult_error.h"
-#include "platform/machine.h"
-#include "simulator/virtual_clock.h"
 #include "storage/request_manager.h"
-#include "support/fake_app_services.h"
-#include "support/fake_console.h"
-#include "support/log_capture.h"
-#include "support/temp_folder.h"
+#include "support/machine_test.h"
 
 namespace Vx::Tessel::Server::Services::Orvane {
 
 namespace {
 
 using namespace std::chrono_literals;
-using Platform::Machine;
-using Platform::MachineScope;
 using std::chrono::milliseconds;
 using testing::Contains;
 using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::SizeIs;
-using Tests::FakeAppServices;
-using Tests::FakeConsole;
-using Tests::FakePackageCatalog;
-using Tests::FakeUninstall;
-using Tests::LogCapture;
 using Manager = PackageCatalogEventManager;
 
 constexpr wchar_t kFamily[] = L"App_abc";
 constexpr wchar_t kInvoked[] =
     L"info|PackageUninstallingEvent invoked. Searching for PFN: App_abc, PFN received: App_abc";
-constexpr wchar_t kTookTooLong[] =
-    L"warning|PackageUninstallingEvent took more than 30 seconds to complete";
-constexpr wchar_t kRunningLate[] =
-    L"info|RegisterExistingPackageCatalogManagerRequests - App uninstalled while service was not "
-    L"running. Executing command now";
-constexpr wchar_t kNotTrusted[] =
-    L"warning|LaunchCommand::Execute - missing.exe not trusted to launch as system";
 
 std::wstring Request(const std::wstring& event, const std::wstring& action,
                      const std::wstring& params, const std::wstring& family = kFamily) {
@@ -70,9 +49,28 @@ std::wstring Launching(const std::wstring& event, const std::wstring& family = k
   return Request(event, L"1", LR"({"path":"missing.exe"})", family);
 }
 
-class PackageEventTest : public testing::Test {
+// A notification whose completion state is asked for and answered by the test.
+class FakeUninstall final : public Platform::PackageUninstall {
+ public:
+  explicit FakeUninstall(
+      std::wstring family, std::function<bool()> complete = [] { return true; })
+      : familyName(std::move(family)), isComplete(std::move(complete)) {}
+
+  std::wstring FamilyName() const override { return familyName; }
+  bool IsComplete() const override { return isComplete(); }
+
+ private:
+  std::wstring familyName;
+  std::function<bool()> isComplete;
+};
+
+// The package is bob's, so that it can go without a word to ann's catalogs.
+class PackageEventTest : public Tests::StoreTest {
  protected:
-  PackageEventTest() { console.SetPackages(kFamily, 1); }
+  PackageEventTest() {
+    machine.users.Add(L"bob");
+    machine.packages.Install({kFamily, L"App_1", {}}, L"bob");
+  }
   ~PackageEventTest() override { Manager::clear_events(); }
 
   // 0, or the code that it throws.
@@ -80,224 +78,183 @@ class PackageEventTest : public testing::Test {
     try {
       Manager::register_event(request,
                               [this](const std::wstring& text) { completed.push_back(text); });
-      clock.Settle();
+      machine.clock.Settle();
       return 0;
     } catch (const winrt::hresult_error& error) {
       return error.code();
     }
   }
+  void Remove() {
+    machine.packages.Uninstall(kFamily, L"bob", 0ms);
+    machine.clock.Settle();
+  }
+  void Notify(
+      const std::wstring& family, std::function<bool()> complete = [] { return true; }) {
+    machine.packages.Notify(L"ann", FakeUninstall(family, std::move(complete)));
+  }
+  std::wstring Stored() const {
+    return RequestManager(kServiceDocument, kPackageSubscriptions).StoredRequests();
+  }
 
-  Simulator::VirtualClock clock;
-  FakePackageCatalog console;
-  FakeAppServices services;
-  MachineScope scope{[this](Machine& machine) {
-    console.Install(machine);
-    machine.clock = &clock;
-    machine.appServices = &services;
-  }};
-  LogCapture log;
   std::vector<std::wstring> completed;
 };
 
 TEST_F(PackageEventTest, OpensTheCatalogAsTheConsoleUserUnlessItIsRefused) {
-  const std::wstring five = Notifying(L"5");
-  constexpr std::size_t kNever = FakeConsole::kNever;
   const struct {
-    const char* name;
     winrt::hresult result;
     std::wstring request;
-    std::size_t failingCall = kNever;  // the token, the impersonation, the revert
-    std::uint32_t session = 1;
+    const char* failing = "";
   } cases[] = {
-      {"event 5", 0, five},
-      {"event 7", 0, Launching(L"7")},
-      {"truncated", 0, Notifying(L"5.9")},
-      {"an unknown event of no package", kUnknownCatalogEvent, Notifying(L"6", L"Gone")},
-      {"an event beyond any number", kUnknownCatalogEvent, Notifying(L"4294967301")},
-      {"an unknown action", kUnknownAction, Request(L"5", L"3", L"{}")},
-      {"a package that is not there", kPackageNotInstalled, Notifying(L"5", L"Gone")},
-      {"another case of letters", kPackageNotInstalled, Notifying(L"5", L"app_ABC")},
-      {"no parameters", Json::kJsonValueNotFound, Request(L"5", L"2", L"{}")},
-      {"no JSON", Json::kInvalidJsonString, L"{"},
-      {"nobody at the console", kConsoleUserUnavailable, five, kNever, 0xFFFFFFFF},
-      {"token refused", kConsoleUserUnavailable, five, 0},
-      {"impersonation refused", kConsoleUserUnavailable, five, 1},
-      {"revert refused", 0, five, 2},
+      {0, Notifying(L"5")},
+      {0, Launching(L"7")},
+      {0, Notifying(L"5.9")},
+      {kUnknownCatalogEvent, Notifying(L"6", L"Gone")},
+      {kUnknownCatalogEvent, Notifying(L"4294967301")},
+      {kUnknownAction, Request(L"5", L"3", L"{}")},
+      {kPackageNotInstalled, Notifying(L"5", L"Gone")},
+      {kPackageNotInstalled, Notifying(L"5", L"app_ABC")},
+      {Json::kJsonValueNotFound, Request(L"5", L"2", L"{}")},
+      {Json::kInvalidJsonString, L"{"},
+      {kConsoleUserUnavailable, Notifying(L"5"), "Sessions.ProcessIsLocalSystem"},
+      {kConsoleUserUnavailable, Notifying(L"5"), "Sessions.ActiveConsoleSession"},
+      {kConsoleUserUnavailable, Notifying(L"5"), "Sessions.QueryUserToken"},
+      {kConsoleUserUnavailable, Notifying(L"5"), "Sessions.Impersonate"},
+      {0, Notifying(L"5"), "Sessions.Revert"},
   };
   for (const auto& c : cases) {
-    SCOPED_TRACE(c.name);
-    console.openedAsUser = false;
-    console.acting = false;
-    console.session = c.session;
-    console.FailCall(c.failingCall);
+    SCOPED_TRACE(testing::PrintToString(c.request) + c.failing);
+    machine.faults.FailNamed(c.failing);
     EXPECT_EQ(Register(c.request), c.result);
-    EXPECT_EQ(console.openedAsUser, c.result == 0);
-    EXPECT_EQ(console.acting, c.failingCall == 2);
-    EXPECT_EQ(console.Handlers(), c.result == 0 ? 1U : 0U);
+    EXPECT_EQ(machine.packages.Handlers(L"ann"), c.result == 0 ? 1U : 0U);
+    EXPECT_FALSE(machine.users.Acting());
     Manager::clear_events();
   }
-  EXPECT_EQ(console.impersonations, console.reverts);
 }
 
 TEST_F(PackageEventTest, NeverFiresWhereWindowsHasNoSessions) {
-  console.sessionApi = false;
-  Register(Notifying(L"5"));
-  EXPECT_EQ(clock.Workers(), 0U);
-  EXPECT_EQ(console.Handlers(), 0U);
+  machine.system.RemoveApiSet(Platform::kSessionApiSet);
+  EXPECT_EQ(Register(Notifying(L"5")), 0);
+  EXPECT_EQ(machine.clock.Workers(), 0U);
   EXPECT_THAT(log.Lines(),
               ElementsAre(L"error|Problem in PackageUninstallingPCEvent::"
                           L"PackageUninstallingPCEvent(): WTSQueryUserToken is not available on "
                           L"this platform"));
 }
 
-TEST_F(PackageEventTest, WatchesOnceHoweverOftenItIsRegistered) {
-  SubscribeForAppPackageEventRequest request(Notifying(L"5"));
-  request.RegisterPackageEvent(nullptr);
-  request.RegisterPackageEvent(nullptr);
-  clock.Settle();
-  EXPECT_EQ(console.Handlers(), 1U);
-}
-
 TEST_F(PackageEventTest, RunsOnceWhenAnUninstallStarts) {
-  Register(Notifying(L"5"));
-  console.Notify(FakeUninstall(L"Other", [] { return false; }));
+  SubscribeForAppPackageEventRequest request(Notifying(L"5"));
+  request.RegisterPackageEvent([this](const std::wstring& text) { completed.push_back(text); });
+  request.RegisterPackageEvent(nullptr);  // watches once all the same
+  machine.clock.Settle();
+  const auto incomplete = [] { return false; };
+  Notify(L"Other", incomplete);
   EXPECT_THAT(log.Lines(), ElementsAre(L"info|PackageUninstallingEvent invoked. Searching for PFN: "
                                        L"App_abc, PFN received: Other"));
-  EXPECT_THAT(completed, IsEmpty());
+  EXPECT_THAT(Sent(), IsEmpty());
 
   log.Clear();
-  console.Notify(FakeUninstall(kFamily, [] { return false; }));
-  console.Notify(FakeUninstall(kFamily, [] { return false; }));
-  EXPECT_THAT(services.Sent(), SizeIs(1));
+  Notify(kFamily, incomplete);
+  Notify(kFamily, incomplete);
+  EXPECT_THAT(Sent(), SizeIs(1));
   EXPECT_THAT(completed, ElementsAre(L""));
   EXPECT_THAT(log.Lines(), ElementsAre(kInvoked));
 }
 
 TEST_F(PackageEventTest, WaitsForTheEndOfAnUninstallAndRunsUnlessAPackageRemains) {
   static constexpr struct {
-    const char* name;
     int incompletePolls;
-    std::size_t remaining;
+    bool remains;
     milliseconds takes;
     int polls;
   } kCases[] = {
-      {"complete at once", 0, 0, 0ms, 1},
-      {"complete at the second look", 1, 0, 2000ms, 2},
-      {"complete at the last look", 14, 0, 28000ms, 15},
-      {"never complete", 1000, 0, 30000ms, 15},
-      {"somebody else has it still", 0, 1, 0ms, 1},
+      {0, false, 0ms, 1},         {1, false, 2000ms, 2}, {14, false, 28000ms, 15},
+      {1000, false, 30000ms, 15}, {0, true, 0ms, 1},
   };
   for (const auto& c : kCases) {
-    SCOPED_TRACE(c.name);
-    console.SetPackages(kFamily, 2);
+    SCOPED_TRACE(&c - kCases);
+    machine.packages.Install({kFamily, L"App_1", {}}, L"bob");
     completed.clear();
     Register(Notifying(L"7"));
     log.Clear();
-    const std::size_t sent = services.Sent().size();
-    const std::uint64_t start = clock.TickCount();
+    const std::size_t sent = Sent().size();
+    const std::uint64_t start = machine.clock.TickCount();
     int polls = 0;
-    console.SetPackages(kFamily, c.remaining);
+    if (!c.remains) Remove();
 
-    console.Notify(FakeUninstall(kFamily, [&] { return polls++ >= c.incompletePolls; }));
-    EXPECT_EQ(milliseconds(clock.TickCount() - start), c.takes);
+    Notify(kFamily, [&] { return polls++ >= c.incompletePolls; });
+    EXPECT_EQ(milliseconds(machine.clock.TickCount() - start), c.takes);
     EXPECT_EQ(polls, c.polls);
     std::vector<std::wstring> lines{kInvoked};
-    if (c.takes == 30000ms) lines.emplace_back(kTookTooLong);
+    if (c.takes == 30000ms) {
+      lines.emplace_back(L"warning|PackageUninstallingEvent took more than 30 seconds to complete");
+    }
     EXPECT_EQ(log.Lines(), lines);
-    EXPECT_EQ(services.Sent().size() - sent, c.remaining == 0 ? 1U : 0U);
+    EXPECT_EQ(Sent().size() - sent, c.remains ? 0U : 1U);
 
     // What did not run stays armed, and what ran does not run again.
-    console.SetPackages(kFamily, 0);
-    console.Notify(FakeUninstall(kFamily));
-    EXPECT_EQ(services.Sent().size() - sent, 1U);
+    if (c.remains) Remove();
+    Notify(kFamily);
+    EXPECT_EQ(Sent().size() - sent, 1U);
     EXPECT_THAT(completed, ElementsAre(L""));
     Manager::clear_events();
   }
 }
 
-TEST_F(PackageEventTest, StaysArmedWhenItsCommandFails) {
-  Register(Notifying(L"5"));
-  services.onSend = [] { throw std::runtime_error("boom"); };
-  console.Notify(FakeUninstall(kFamily));
+TEST_F(PackageEventTest, StaysArmedWhenItsQueryOrItsCommandFails) {
+  Register(Notifying(L"7"));
+  machine.faults.FailNamed("Packages.FindForAllUsers");
+  Notify(kFamily);
+  EXPECT_EQ(log.Lines().back(),
+            L"error|PackageUninstallingEvent failed. Message: refused, Code: -2147024891");
+  machine.faults.Clear();
+  Remove();
+  machine.timeline.SetListener([](const auto&) { throw std::runtime_error("boom"); });
+  Notify(kFamily);
   EXPECT_EQ(log.Lines().back(), L"error|PackageUninstallingEvent failed. boom");
   EXPECT_THAT(completed, IsEmpty());
-
-  services.onSend = [] {};
-  console.Notify(FakeUninstall(kFamily));
+  machine.timeline.SetListener({});
+  Notify(kFamily);
   EXPECT_THAT(completed, SizeIs(1));
-}
-
-TEST_F(PackageEventTest, LogsAQueryAndAHandlerThatAreRefused) {
-  Register(Notifying(L"7"));
-  console.queryError = 5;
-  console.Notify(FakeUninstall(kFamily));
-  EXPECT_EQ(log.Lines().back(), L"error|PackageUninstallingEvent failed. Message: , Code: 5");
-
-  console.queryError = 0;
-  console.addError = 6;
-  Register(Notifying(L"5"));
-  EXPECT_EQ(log.Lines().back(), L"error|PackageUninstallingEvent failed. Message: , Code: 6");
 }
 
 TEST_F(PackageEventTest, EndsItsWatchersWithoutWaitingOutAStep) {
   for (int i = 0; i < 20; ++i) Register(Notifying(L"5"));
-  EXPECT_EQ(console.Handlers(), 20U);
+  EXPECT_EQ(machine.packages.Handlers(L"ann"), 20U);
   Manager::clear_events();
-  EXPECT_EQ(console.Handlers(), 0U);
-  EXPECT_EQ(clock.Workers(), 0U);
-  EXPECT_EQ(clock.Elapsed(), 0ms);
-  console.Notify(FakeUninstall(kFamily));
-  EXPECT_THAT(services.Sent(), IsEmpty());
+  EXPECT_EQ(machine.packages.Handlers(L"ann"), 0U);
+  EXPECT_EQ(machine.clock.Workers(), 0U);
+  EXPECT_EQ(machine.clock.Elapsed(), 0ms);
 }
 
 TEST_F(PackageEventTest, ANotificationMayOutliveItsEvent) {
   Register(Notifying(L"7"));
-  console.SetPackages(kFamily, 0);
+  Remove();
   int polls = 0;
-  const FakeUninstall uninstall(kFamily, [&] {
+  Notify(kFamily, [&] {
     if (++polls == 3) Manager::clear_events();
     return false;
   });
-  console.Notify(uninstall);
   EXPECT_EQ(polls, 3);
-  EXPECT_THAT(services.Sent(), IsEmpty());
+  EXPECT_THAT(Sent(), IsEmpty());
   EXPECT_THAT(log.Lines(), ElementsAre(kInvoked));
 }
 
-class StoredPackageEventTest : public PackageEventTest {
- protected:
-  std::wstring Stored() const {
-    return RequestManager(kServiceDocument, kPackageSubscriptions).StoredRequests();
+TEST_F(PackageEventTest, WatchesAStoredRequestAcrossLogOffsUntilItsCommandHasRun) {
+  for (const bool loggedOff : {true, false}) {
+    RegisterAppPackageEvent(Notifying(L"5"));
+    EXPECT_EQ(Stored(), L"[" + Notifying(L"5") + L"]");
+    if (loggedOff) {
+      Manager::clear_events();
+      RegisterExistingPackageCatalogManagerRequests();
+    }
+    machine.clock.Settle();
+    Notify(kFamily);
+    EXPECT_EQ(Stored(), L"[]");
   }
-
-  Tests::PrivateStore store;
-};
-
-TEST_F(StoredPackageEventTest, WatchesARequestAcrossLogOffsUntilItsCommandHasRun) {
-  RegisterAppPackageEvent(Notifying(L"5"));
-  EXPECT_EQ(Stored(), L"[" + Notifying(L"5") + L"]");
-  Manager::clear_events();
-  RegisterExistingPackageCatalogManagerRequests();
-  clock.Settle();
-  console.Notify(FakeUninstall(kFamily));
-  EXPECT_THAT(services.Sent(), SizeIs(1));
-  EXPECT_EQ(Stored(), L"[]");
-
-  RegisterAppPackageEvent(Notifying(L"5"));
-  clock.Settle();
-  console.Notify(FakeUninstall(kFamily));
-  EXPECT_EQ(Stored(), L"[]");
+  EXPECT_THAT(Sent(), SizeIs(2));
 }
 
-TEST_F(StoredPackageEventTest, KeepsARequestWhoseRegistrationFailed) {
-  const std::wstring gone = Launching(L"5", L"Gone");
-  EXPECT_THROW(RegisterAppPackageEvent(gone), winrt::hresult_error);
-  EXPECT_EQ(Stored(), L"[" + gone + L"]");
-  RemoveAppPackageEvent(gone);
-  EXPECT_EQ(Stored(), L"[]");
-}
-
-TEST_F(StoredPackageEventTest, ReplaysWhatIsStoredAndRunsLaunchesThatAreLate) {
+TEST_F(PackageEventTest, ReplaysWhatIsStoredAndRunsLaunchesThatAreLate) {
   RequestManager list(kServiceDocument, kPackageSubscriptions);
   const std::wstring live = Notifying(L"5");
   const std::wstring unknown = Notifying(L"6");
@@ -306,36 +263,34 @@ TEST_F(StoredPackageEventTest, ReplaysWhatIsStoredAndRunsLaunchesThatAreLate) {
   }
   log.Clear();
   RegisterExistingPackageCatalogManagerRequests();
-  clock.Settle();
-
-  EXPECT_THAT(log.Lines(), Contains(kRunningLate).Times(2));
-  EXPECT_THAT(log.Lines(), Contains(kNotTrusted).Times(1));
-  EXPECT_THAT(services.Sent(), IsEmpty());
+  machine.clock.Settle();
+  EXPECT_THAT(log.Lines(),
+              Contains(L"info|RegisterExistingPackageCatalogManagerRequests - App uninstalled "
+                       L"while service was not running. Executing command now")
+                  .Times(2));
+  EXPECT_THAT(
+      log.Lines(),
+      Contains(L"warning|LaunchCommand::Execute - missing.exe not trusted to launch as system")
+          .Times(1));
+  EXPECT_THAT(Sent(), IsEmpty());
   EXPECT_EQ(Stored(), L"[" + unknown + L"," + live + L"]");
 
-  console.Notify(FakeUninstall(kFamily));
-  EXPECT_THAT(services.Sent(), SizeIs(1));
+  Notify(kFamily);
+  EXPECT_THAT(Sent(), SizeIs(1));
   EXPECT_EQ(Stored(), L"[" + unknown + L"]");
-}
-
-TEST_F(StoredPackageEventTest, SkipsALateRequestThatCannotBeRead) {
-  Manager::execute_command(L"{");
-  Manager::execute_command(Notifying(L"5"));
-  EXPECT_THAT(log.Lines(), IsEmpty());
-  Manager::execute_command(Launching(L"5"));
-  EXPECT_THAT(log.Lines(), Contains(kNotTrusted));
 }
 
 // Registration, notification, log-off and destruction at the same time, on real threads.
 TEST(PackageEventStress, SurvivesEverythingAtOnce) {
   constexpr int kEnough = 5;
-  FakePackageCatalog packages;
-  FakeAppServices services;
-  packages.SetPackages(kFamily, 1);
-  packages.SetPackages(L"Other", 1);
-  const MachineScope scope([&](Machine& machine) {
-    machine.packages = &packages;
-    machine.appServices = &services;
+  Simulator::SimulatedMachine simulated;  // but for its clock
+  simulated.users.LogOn(L"ann");
+  simulated.packages.Install({kFamily, L"App_1", {}}, L"ann");
+  simulated.packages.Install({L"Other", L"Other_1", {}}, L"ann");
+  const Platform::MachineScope scope([&](Platform::Machine& machine) {
+    machine.packages = &simulated.packages;
+    machine.sessions = &simulated.users;
+    machine.appServices = &simulated.appServices;
   });
   std::atomic<bool> stop{false};
   std::atomic<std::size_t> done{0};
@@ -345,9 +300,9 @@ TEST(PackageEventStress, SurvivesEverythingAtOnce) {
   const std::vector<std::function<void()>> jobs{
       [&] { Manager::register_event(Notifying(L"5"), count); },
       [&] { Manager::register_event(Notifying(L"7", L"Other"), count); },
-      [&] { packages.Notify(FakeUninstall(kFamily)); },
+      [&] { simulated.packages.Notify(L"ann", FakeUninstall(kFamily)); },
       // Never complete: only log-off ends this one's pauses early enough.
-      [&] { packages.Notify(FakeUninstall(L"Other", [] { return false; })); },
+      [&] { simulated.packages.Notify(L"ann", FakeUninstall(L"Other", [] { return false; })); },
       // Now and then only, so that some events live long enough to fire.
       [&] {
         Sleep(20);
@@ -383,7 +338,7 @@ TEST(PackageEventStress, SurvivesEverythingAtOnce) {
   }
   for (auto& thread : threads) thread.join();
   Manager::clear_events();
-  EXPECT_EQ(packages.Handlers(), 0U);
+  EXPECT_EQ(simulated.packages.Handlers(L"ann"), 0U);
   EXPECT_GE(completions, kEnough);
 }
 
