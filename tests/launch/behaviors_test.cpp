@@ -1,5 +1,6 @@
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <iterator>
 #include <memory>
 #include <stdexcept>
@@ -42,10 +43,6 @@ std::string Read(const std::filesystem::path& path) {
 
 class BehaviorTest : public Tests::StoreTest {
  protected:
-  void MakeFolder(const char* name) const {
-    std::filesystem::create_directories(programs.Path() / name);
-  }
-
   Tests::TempFolder programs;
   Tests::EnvironmentOverride programFiles{L"ProgramFiles", programs.Path().wstring()};
 };
@@ -70,20 +67,21 @@ TEST_F(BehaviorTest, SentraIsInstalledByItsValueOrItsPackage) {
 TEST_F(BehaviorTest, FoldersTellPreloadedAndInstalled) {
   const Qubo::SentraSoftwareCheckBehavior sentra;
   const Qubo::McAfeeSoftwareCheckBehavior mcafee;
-  MakeFolder("vx");
-  std::ofstream(programs.Path() / "vx" / "SentraPre") << "a file is no folder";
-  EXPECT_FALSE(sentra.IsPreloaded());
-  std::filesystem::remove(programs.Path() / "vx" / "SentraPre");
-  MakeFolder("vx/SentraPre");
-  EXPECT_TRUE(sentra.IsPreloaded());
-  EXPECT_FALSE(mcafee.IsPreloaded());
-  MakeFolder("Vx/McAfeePre");
-  EXPECT_TRUE(mcafee.IsPreloaded());
-  EXPECT_FALSE(mcafee.IsInstalled());
-  MakeFolder("Common Files/McAfee");
-  EXPECT_TRUE(mcafee.IsInstalled());
+  const std::pair<const char*, std::function<bool()>> answers[] = {
+      {"Vx/SentraPre", [&] { return sentra.IsPreloaded(); }},
+      {"Vx/McAfeePre", [&] { return mcafee.IsPreloaded(); }},
+      {"Common Files/McAfee", [&] { return mcafee.IsInstalled(); }},
+  };
+  for (const auto& [folder, answer] : answers) {
+    const auto path = programs.Path() / folder;
+    std::filesystem::create_directories(path.parent_path());
+    Write(path, "a file is no folder");
+    EXPECT_FALSE(answer()) << folder;
+    std::filesystem::remove(path);
+    std::filesystem::create_directory(path);
+    EXPECT_TRUE(answer()) << folder;
+  }
   EXPECT_THROW(mcafee.IsUwpInstalled(), std::logic_error);
-
   const Tests::EnvironmentOverride tooLong(L"ProgramFiles", L"C:\\" + std::wstring(260, L'x'));
   EXPECT_FALSE(sentra.IsPreloaded());
 }

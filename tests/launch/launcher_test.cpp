@@ -88,26 +88,6 @@ TEST_F(LauncherTest, SaysWhichStepOfALaunchFailed) {
   }
 }
 
-TEST_F(LauncherTest, SaysWhichStepOfAnExpansionFailed) {
-  static constexpr struct {
-    const char* call;
-    const wchar_t* line;
-    const wchar_t* expanded;
-  } kCases[] = {
-      {"Sessions.QueryUserToken", kNoToken, L""},
-      {"Environment.ExpandForUser", kNotExpanded, L""},
-      {"Sessions.Revert", kNotReverted, L"C:\\Users\\ann\\AppData\\Roaming\\x"},
-  };
-  for (const auto& c : kCases) {
-    log.Clear();
-    machine.faults.FailNamed(c.call);
-    std::wstring expanded;
-    EXPECT_EQ(Expand(expanded), c.expanded[0] != 0);
-    EXPECT_EQ(expanded, c.expanded);
-    EXPECT_THAT(log.Lines(), ElementsAre(kActing, c.line));
-  }
-}
-
 TEST_F(LauncherTest, AsksWindowsNothingWithoutAnAliasAFamilyATokenOrSessions) {
   EXPECT_FALSE(launcher.Run(L"", kFamily));
   EXPECT_FALSE(launcher.Run(L"app.exe", L""));
