@@ -12,7 +12,7 @@
 namespace Vx::Platform {
 namespace {
 
-using std::string_view_literals::operator""sv;
+using namespace std::string_view_literals;
 
 constexpr wchar_t kKey[] = L"Software\\Some\\Key";
 

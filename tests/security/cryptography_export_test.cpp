@@ -21,24 +21,18 @@ struct Object {
   void* const* slots;
 };
 
-template <typename Function>
-Function Slot(Object* object, std::size_t number) {
-  return reinterpret_cast<Function>(object->slots[number]);
-}
-
-using Destroy = void* (*)(Object*, unsigned);
-using Protect = std::uint32_t (*)(Object*, const void*, std::uint32_t, const wchar_t*, void**,
-                                  std::uint32_t*);
-using Unprotect = std::uint32_t (*)(Object*, const void*, std::uint32_t, void**, std::uint32_t*);
-using FileSha256 = std::uint32_t (*)(Object*, const wchar_t*, unsigned char*);
-using FreeResult = void (*)(Object*, void*);
-
 class CryptographyExportTest : public testing::Test {
  protected:
-  CryptographyExportTest() : object(reinterpret_cast<Object*>(CreateCryptographyHelper())) {}
-  ~CryptographyExportTest() override { EXPECT_EQ(Slot<Destroy>(object, 0)(object, 1), object); }
+  ~CryptographyExportTest() override { EXPECT_EQ(Call<void*>(0, 1U), object); }
 
-  Object* object;
+  // All arguments are scalars and pointers, so that their number and order are the contract.
+  template <typename Answer = std::uint32_t, typename... Arguments>
+  Answer Call(std::size_t slot, Arguments... arguments) const {
+    using Function = Answer (*)(Object*, Arguments...);
+    return reinterpret_cast<Function>(object->slots[slot])(object, arguments...);
+  }
+
+  Object* const object = reinterpret_cast<Object*>(CreateCryptographyHelper());
 };
 
 TEST_F(CryptographyExportTest, OpensWhatItSealed) {
@@ -46,30 +40,29 @@ TEST_F(CryptographyExportTest, OpensWhatItSealed) {
        {std::string_view("text\0and more", 13), std::string_view()}) {
     void* sealed = nullptr;
     std::uint32_t sealedSize = 0;
-    ASSERT_EQ(Slot<Protect>(object, 1)(object, plain.empty() ? "" : plain.data(),
-                                       static_cast<std::uint32_t>(plain.size()), L"what it is",
-                                       &sealed, &sealedSize),
+    ASSERT_EQ(Call(1, plain.empty() ? "" : plain.data(), static_cast<std::uint32_t>(plain.size()),
+                   L"what it is", &sealed, &sealedSize),
               0U);
     EXPECT_EQ(std::string_view(static_cast<char*>(sealed), sealedSize).find("text"),
               std::string_view::npos);
     void* opened = nullptr;
     std::uint32_t openedSize = 0;
-    ASSERT_EQ(Slot<Unprotect>(object, 2)(object, sealed, sealedSize, &opened, &openedSize), 0U);
+    ASSERT_EQ(Call(2, sealed, sealedSize, &opened, &openedSize), 0U);
     EXPECT_EQ(std::string_view(static_cast<char*>(opened), openedSize), plain);
-    Slot<FreeResult>(object, 4)(object, sealed);
-    Slot<FreeResult>(object, 4)(object, opened);
+    Call<void>(4, sealed);
+    Call<void>(4, opened);
   }
-  Slot<FreeResult>(object, 4)(object, nullptr);
+  Call<void>(4, nullptr);
 }
 
 TEST_F(CryptographyExportTest, LeavesTheOutputsAloneWhenItFails) {
   int untouched = 0;
   void* result = &untouched;
   std::uint32_t size = 7;
-  EXPECT_NE(Slot<Unprotect>(object, 2)(object, "not sealed", 10, &result, &size), 0U);
-  EXPECT_EQ(Slot<Unprotect>(object, 2)(object, nullptr, 0, &result, &size), 87U);
-  EXPECT_EQ(Slot<Protect>(object, 1)(object, "x", 1, nullptr, nullptr, &size), 87U);
-  EXPECT_EQ(Slot<Protect>(object, 1)(object, "x", 1, nullptr, &result, nullptr), 87U);
+  EXPECT_NE(Call(2, "not sealed", 10, &result, &size), 0U);
+  EXPECT_EQ(Call(2, nullptr, 0, &result, &size), 87U);
+  EXPECT_EQ(Call(1, "x", 1, nullptr, nullptr, &size), 87U);
+  EXPECT_EQ(Call(1, "x", 1, nullptr, &result, nullptr), 87U);
   EXPECT_EQ(result, &untouched);
   EXPECT_EQ(size, 7U);
 }
@@ -84,10 +77,10 @@ TEST_F(CryptographyExportTest, DigestsAFile) {
   const std::vector<std::byte> zeros(200'000);  // more than one piece that is read
   ASSERT_EQ(Platform::CurrentMachine().files->Overwrite(path, zeros), 0U);
   unsigned char digest[32] = {};
-  ASSERT_EQ(Slot<FileSha256>(object, 3)(object, path.c_str(), digest), 0U);
+  ASSERT_EQ(Call(3, path.c_str(), digest), 0U);
   EXPECT_EQ(std::memcmp(digest, kDigest, sizeof digest), 0);
-  EXPECT_EQ(Slot<FileSha256>(object, 3)(object, (path + L"x").c_str(), digest), 2U);
-  EXPECT_EQ(Slot<FileSha256>(object, 3)(object, nullptr, digest), 87U);
+  EXPECT_EQ(Call(3, (path + L"x").c_str(), digest), 2U);
+  EXPECT_EQ(Call(3, nullptr, digest), 87U);
 }
 
 }  // namespace
