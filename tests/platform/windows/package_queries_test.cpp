@@ -80,7 +80,7 @@ TEST_F(PackageQueriesTest, FindsThePathAndTheOrigin) {
 }
 
 TEST_F(PackageQueriesTest, StopsAfterTheFirstCallWhenThereIsNothing) {
-  for (const std::uint32_t status : {ERROR_SUCCESS, ERROR_INVALID_PARAMETER, ERROR_NOT_FOUND}) {
+  for (const std::uint32_t status : {0U, 87U, 1168U}) {  // success, invalid parameter, not found
     answers.sizeStatus = static_cast<long>(status);
     const auto query = QueryFamily(functions, L"family");
     EXPECT_EQ(query.sizeError, status);
