@@ -2,7 +2,6 @@
 
 #include <string>
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "json/json_object.h"
@@ -10,8 +9,6 @@
 namespace Vx::Tessel::Server::Storage {
 
 namespace {
-
-using ::testing::ElementsAre;
 
 std::wstring Nested(std::size_t levels) {
   std::wstring text = L"{\"commandParams\":";
@@ -47,22 +44,6 @@ TEST(ListWithout, RemovesTheFirstElementOfExactlyThatTextOrOnceFiredInAnySpacing
   EXPECT_EQ(ListWithout(L"[{\"a\":1}]", L"{\"a\": 1}"), std::nullopt);
   EXPECT_EQ(ListWithout(L"", L"{}"), std::nullopt);
   EXPECT_EQ(ListWithoutCompleted(L"[{\"a\": 1},{}]", L" {\"a\" :1}"), L"[{}]");
-}
-
-TEST(RequestsOf, ShowsObjectsAndTheHolesBetweenThem) {
-  EXPECT_THAT(RequestsOf(L"[ {\"a\": 1}, 5, {} ]"), ElementsAre(L"{\"a\":1}", std::nullopt, L"{}"));
-  EXPECT_TRUE(RequestsOf(L"").empty());
-}
-
-TEST(RequestList, ThrowsForAListThatCannotBeReadInsteadOfStartingANewOne) {
-  for (const std::wstring& list :
-       {std::wstring(L"{}"), std::wstring(L"["), L"[" + Nested(100000) + L"]"}) {
-    EXPECT_THROW(ListWith(list, L"{}"), winrt::hresult_error);
-    EXPECT_THROW(ListWithout(list, L"{}"), winrt::hresult_error);
-    EXPECT_THROW(ListWithoutCompleted(list, L"{}"), winrt::hresult_error);
-    EXPECT_THROW(RequestsOf(list), winrt::hresult_error);
-  }
-  EXPECT_THROW(ListWith(L"", L"[]"), winrt::hresult_error);
 }
 
 TEST(RequestList, TakesBackEveryRequestThatItTook) {

@@ -14,6 +14,7 @@
 // What the writers of a storm note in shared memory, to be read after they were killed.
 namespace Vx::Tests {
 
+inline constexpr char kStormDocument[] = "storm";
 inline constexpr std::size_t kWritersOfAProcess = 2;
 inline constexpr std::size_t kMostProcesses = 32;
 

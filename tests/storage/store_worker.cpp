@@ -1,9 +1,6 @@
 // Another process that uses the shared store.
 //
-//   store_worker storm NOTES PROCESS DOCUMENT  counts up members until the notes tell it to end
-//   store_worker subscribe KEY PREFIX COUNT    adds COUNT requests {"id":"PREFIXn"}
-//   store_worker cut FILE SIZE EVENT           takes the mutex, cuts the file to SIZE bytes,
-//                                              signals the event and waits to be killed
+//   store_worker NOTES PROCESS  counts up members until the notes tell it to end
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
@@ -12,26 +9,18 @@
 #include <exception>
 #include <span>
 #include <string>
-#include <string_view>
 #include <thread>
 #include <vector>
 
-#include <windows.h>
-
-#include "json/utf8.h"
 #include "platform/hresult_error.h"
 #include "storage/cap_data_store.h"
-#include "storage/request_manager.h"
 #include "storage/store_faults.h"
 #include "storage/store_storm.h"
 
 namespace {
 
-using Vx::Tessel::Server::Services::Orvane::RequestManager;
 using Vx::Tessel::Server::Storage::BsonElement;
 using Vx::Tessel::Server::Storage::CapDataStore;
-
-constexpr DWORD kLongestWait = 60'000;  // milliseconds; a forgotten worker does not stay for ever
 
 // Notes when a kill would cut the file.
 class NotedFiles final : public Vx::Tests::FaultyFiles {
@@ -51,15 +40,15 @@ class NotedFiles final : public Vx::Tests::FaultyFiles {
 };
 
 // A store that throws ends the process, and so the test sees it.
-void CountUp(const Vx::Tests::SharedNotes& notes, std::size_t self, std::size_t writer,
-             const std::string& document) {
+void CountUp(const Vx::Tests::SharedNotes& notes, std::size_t self, std::size_t writer) {
   Vx::Tests::StormProcess& process = notes->processes.at(self);
   Vx::Tests::StormWriter& own = process.writers.at(writer);
   for (bool last = false; !last;) {
     last = notes->end;
     const std::int32_t value = ++own.begun;
     CapDataStore store;
-    if (store.mergeMember(document, Vx::Tests::MemberOf(self, writer), BsonElement::Int32(value))) {
+    if (store.mergeMember(Vx::Tests::kStormDocument, Vx::Tests::MemberOf(self, writer),
+                          BsonElement::Int32(value))) {
       own.acknowledged = value;
     } else {
       ++process.refused;
@@ -67,7 +56,7 @@ void CountUp(const Vx::Tests::SharedNotes& notes, std::size_t self, std::size_t 
   }
 }
 
-bool Storm(const std::wstring& name, std::size_t self, const std::string& document) {
+void Storm(const std::wstring& name, std::size_t self) {
   const Vx::Tests::SharedNotes notes(name);
   NotedFiles files(notes->processes.at(self).writing);
   const Vx::Platform::MachineScope scope(
@@ -75,50 +64,18 @@ bool Storm(const std::wstring& name, std::size_t self, const std::string& docume
   std::vector<std::thread> writers;
   writers.reserve(Vx::Tests::kWritersOfAProcess);
   for (std::size_t i = 0; i < Vx::Tests::kWritersOfAProcess; ++i) {
-    writers.emplace_back([&, i] { CountUp(notes, self, i, document); });
+    writers.emplace_back([&, i] { CountUp(notes, self, i); });
   }
   for (std::thread& writer : writers) writer.join();
-  return true;
-}
-
-bool Subscribe(const std::string& key, const std::wstring& prefix, int count) {
-  for (int i = 0; i < count; ++i) {
-    RequestManager manager(Vx::Tessel::Server::Services::Orvane::kServiceDocument, key);
-    manager.PersistRequest(L"{\"id\":\"" + prefix + std::to_wstring(i) + L"\"}");
-  }
-  return true;
-}
-
-bool Cut(const wchar_t* file, long size, const wchar_t* event) {
-  HANDLE mutex = CreateMutexW(nullptr, FALSE, L"18CC6446-1DB5-4D23-8F2B-441BA13883D6");
-  WaitForSingleObject(mutex, INFINITE);
-  HANDLE handle =
-      CreateFileW(file, GENERIC_WRITE, FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0, nullptr);
-  const bool cut = SetFilePointer(handle, size, nullptr, FILE_BEGIN) == static_cast<DWORD>(size) &&
-                   SetEndOfFile(handle) != 0;
-  CloseHandle(handle);
-  SetEvent(CreateEventW(nullptr, TRUE, FALSE, event));
-  Sleep(kLongestWait);
-  return cut;
-}
-
-bool Run(int count, wchar_t** arguments) {
-  if (count != 5) return false;
-  const std::wstring_view verb = arguments[1];
-  const auto narrow = [&](int i) { return Vx::Json::ToUtf8(arguments[i]); };
-  if (verb == L"storm") {
-    return Storm(arguments[2], static_cast<std::size_t>(_wtoi(arguments[3])), narrow(4));
-  }
-  if (verb == L"subscribe") return Subscribe(narrow(2), arguments[3], _wtoi(arguments[4]));
-  if (verb == L"cut") return Cut(arguments[2], _wtol(arguments[3]), arguments[4]);
-  return false;
 }
 
 }  // namespace
 
 int wmain(int count, wchar_t** arguments) {
   try {
-    return Run(count, arguments) ? 0 : 1;
+    if (count != 3) return 1;
+    Storm(arguments[1], static_cast<std::size_t>(_wtoi(arguments[2])));
+    return 0;
   } catch (const std::exception& error) {
     static_cast<void>(std::fprintf(stderr, "%s\n", error.what()));
   } catch (const winrt::hresult_error& error) {
