@@ -1,6 +1,8 @@
 #include "bod/born_on_date_manager.h"
 
 #include <cstring>
+#include <filesystem>
+#include <fstream>
 #include <stdexcept>
 #include <string>
 #include <system_error>
@@ -13,26 +15,27 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "platform/clock.h"
+#include "bod/set_born_on_date.h"
 #include "platform/machine.h"
 #include "simulator/simulated_firmware.h"
+#include "simulator/simulated_registry.h"
 #include "simulator/virtual_clock.h"
-#include "support/private_local_machine.h"
+#include "storage/cap_data_store.h"
+#include "support/log_capture.h"
+#include "support/temp_folder.h"
 
 namespace Vx::Tessel::Server::Services::Orvane {
 namespace {
 
 using Simulator::SimulatedFirmware;
+using ::testing::ElementsAre;
+using ::testing::StartsWith;
 
 constexpr wchar_t kStats[] = L"Software\\Microsoft\\Windows\\CurrentVersion\\OOBE\\Stats";
 
 class BornOnDateManagerTest : public ::testing::Test {
  protected:
-  explicit BornOnDateManagerTest(
-      SimulatedFirmware::Digits digits = SimulatedFirmware::Digits::Eight)
-      : firmware(digits) {
-    clock.SetUtcFileTime(*FileTimeOf({2024, 7, 0, 15, 10, 20, 30, 0}));
-  }
+  BornOnDateManagerTest() { clock.SetUtcFileTime(*FileTimeOf({2024, 7, 0, 15, 10, 20, 30, 0})); }
 
   // What the firmware holds after an empty date was to be set where it held `block` before.
   std::string SetOver(std::string block) {
@@ -42,22 +45,30 @@ class BornOnDateManagerTest : public ::testing::Test {
     return firmware.BornOnDate();
   }
 
+  static std::string Stored() {
+    const auto document = Storage::CapDataStore().readDocument("OrvaneServiceDocument");
+    const auto element = document.Find("born_on_date");
+    return element ? std::string(element->AsText().value_or("not a text")) : "missing";
+  }
+
+  Tests::PrivateStore store;
+  Tests::TempFolder programs;
+  Tests::EnvironmentOverride programFiles{L"ProgramFiles(x86)", programs.Path().wstring()};
   Simulator::VirtualClock clock;
   SimulatedFirmware firmware;
+  Simulator::SimulatedRegistry registry;
   Platform::MachineScope scope{[this](Platform::Machine& machine) {
     machine.clock = &clock;
     machine.com = &firmware;
+    machine.registry = &registry;
   }};
-  Tests::PrivateLocalMachine registry;
+  Tests::LogCapture log;
+  const Logging::TraceLogger& logger = *Logging::LogManager::GetLogger();
   BornOnDateManager manager;
 };
 
-class SixDigitFirmwareTest : public BornOnDateManagerTest {
- protected:
-  SixDigitFirmwareTest() : BornOnDateManagerTest(SimulatedFirmware::Digits::Six) {}
-};
-
-TEST_F(SixDigitFirmwareTest, GetsTheLastDigitOfTheYearAlone) {
+TEST_F(BornOnDateManagerTest, AFirmwareOfSixDigitsGetsTheLastDigitOfTheYearAlone) {
+  firmware.Replace(SimulatedFirmware::Digits::Six);
   EXPECT_EQ(SetOver(""), "040715");
   EXPECT_EQ(firmware.Requests().back().size, 6);
 }
@@ -83,17 +94,17 @@ TEST_F(BornOnDateManagerTest, TakesTheDayThatSetUpEndedOnlyWhenItIsEarlier) {
   };
   for (const auto& c : kCases) {
     SCOPED_TRACE(c.name);
-    std::vector<BYTE> bytes(4096, 0xEE);
-    std::memcpy(bytes.data(), &c.stamp, sizeof c.stamp);
-    bytes.resize(c.size);
-    registry.Set(kStats, L"EndTimeStamp", c.type, bytes);
+    Platform::RegistryValue value{c.type, std::vector<std::byte>(4096)};
+    std::memcpy(value.data.data(), &c.stamp, sizeof c.stamp);
+    value.data.resize(c.size);
+    registry.Set(kStats, L"EndTimeStamp", value);
     EXPECT_EQ(SetOver(""), c.written);
   }
 }
 
 TEST_F(BornOnDateManagerTest, NeverWritesOverAValidDateUnlessToldNotToLook) {
   EXPECT_EQ(SetOver("20200102"), "20200102");
-  manager.conditionally_set("20240229");
+  manager.conditionally_set("00000000");
   EXPECT_EQ(firmware.BornOnDate(), "20200102");
   for (const auto& request : firmware.Requests()) EXPECT_EQ(request.command, 1);
 
@@ -101,6 +112,8 @@ TEST_F(BornOnDateManagerTest, NeverWritesOverAValidDateUnlessToldNotToLook) {
   EXPECT_FALSE(writer.born_on_date_has_been_set());
   writer.conditionally_set("20240229");
   EXPECT_EQ(firmware.BornOnDate(), "20240229");
+  writer.conditionally_set("00000000");
+  EXPECT_FALSE(manager.born_on_date_has_been_set());
 }
 
 TEST_F(BornOnDateManagerTest, WritesWhereTheFirmwareHoldsAnythingButADate) {
@@ -114,12 +127,6 @@ TEST_F(BornOnDateManagerTest, AFirmwareCodeOfItsOwnIsNoFailure) {
   firmware.SetReturnCode(3);
   manager.conditionally_set("20240229");
   EXPECT_EQ(manager.get_born_on_date().get(), "20240229");
-}
-
-TEST_F(BornOnDateManagerTest, ZerosAreWrittenAndAreNoDateAfterwards) {
-  manager.conditionally_set("00000000");
-  EXPECT_EQ(firmware.BornOnDate(), "00000000");
-  EXPECT_FALSE(manager.born_on_date_has_been_set());
 }
 
 TEST_F(BornOnDateManagerTest, RefusesADateThatTheFirmwareCannotTake) {
@@ -156,11 +163,48 @@ TEST_F(BornOnDateManagerTest, AFailedCommandIsThrownWithItsResultAndName) {
   }
 }
 
-TEST_F(BornOnDateManagerTest, AUnreadableFeatureBlockMeansSixDigits) {
+TEST_F(BornOnDateManagerTest, LeavesTheWorkToLumoTesselWhereThatIsInstalled) {
+  const auto folder = programs.Path() / "Vx" / "Vx Lumo Tessel";
+  std::filesystem::create_directories(folder);
+  std::ofstream(folder / "VxLumoTessel.exe") << "program";
+  SetBornOnDate(logger);
+  EXPECT_EQ(firmware.BornOnDate(), "");
+  EXPECT_EQ(Stored(), "missing");
+  EXPECT_THAT(log.Lines(), ElementsAre(L"info|Lumo Tessel was found",
+                                       L"info|Tessel is installed. Not setting born on date"));
+}
+
+TEST_F(BornOnDateManagerTest, AFailedCommandIsLoggedWithItsResultAndNothingIsStored) {
+  firmware.Fail("ExecMethod", static_cast<std::int32_t>(0x80041003));
+  SetBornOnDate(logger);
+  EXPECT_EQ(Stored(), "missing");
+  EXPECT_THAT(
+      log.Lines(),
+      ElementsAre(L"warning|class Vx::Tessel::Server::Shared::WMI::VxBiosWmi.ExecuteCommand - "
+                  L"failed on function IWbemServices->ExecMethod(BIOS method) with HRESULT "
+                  L"0x80041003",
+                  ::testing::AllOf(
+                      StartsWith(L"error|OrvaneService::SetBornOnDate threw system error "
+                                 L"\"VxBiosWmi::ExecuteCommand failure - Command: BIOS WMI Read, "
+                                 L"Command type: Warranty"),
+                      ::testing::EndsWith(L"\" with status -2147217405"))));
+}
+
+TEST_F(BornOnDateManagerTest, AStoreThatCannotBeOpenedStopsBeforeTheFirmwareIsTouched) {
+  store.Block();
+  SetBornOnDate(logger);
+  EXPECT_TRUE(firmware.Requests().empty());
+  EXPECT_THAT(log.Lines().back(),
+              StartsWith(L"error|OrvaneService::SetBornOnDate threw exception "));
+}
+
+TEST_F(BornOnDateManagerTest, AnUnreadableFirmwareMeansSixDigitsAndStoresNoDate) {
   firmware.SetTamper([](const std::wstring& property, VARIANT& value) {
     if (property == L"Data") VariantClear(&value);
   });
   EXPECT_EQ(manager.get_num_bod_digits(), BODFormat::SixDigits);
+  SetBornOnDate(logger);
+  EXPECT_EQ(Stored(), "");
 }
 
 TEST(BornOnDateSystemTimeTest, HoldsTheDateAndNothingElse) {
