@@ -78,7 +78,9 @@ void SimulatedPackages::Uninstall(const std::wstring& familyName, const std::wst
   if (!owner) return;
   timeline.Add(user + L" uninstalls " + familyName);
   const auto uninstall = std::make_shared<Uninstalling>(familyName);
-  Platform::StartDetached([this, uninstall, user] { Notify(user, *uninstall); });
+  if (length > Platform::Clock::Duration::zero()) {
+    Platform::StartDetached([this, uninstall, user] { Notify(user, *uninstall); });
+  }
   Platform::StartDetached([this, uninstall, owner = *owner, length] {
     clock.Sleep(length);
     Remove(uninstall->FamilyName(), owner);

@@ -39,8 +39,9 @@ class SimulatedPackages final : public Platform::Packages {
   void Install(const SimulatedPackage& package, const std::wstring& user);
 
   // Takes the user's packages of the family away, `length` from now; those whom no user has any
-  // more go from the machine. The user's catalogs tell of the start at once and of the end, on
-  // workers of the current machine, which has to be the one of these packages.
+  // more go from the machine. The user's catalogs tell of the start at once (of one without length
+  // not at all) and of the end, on workers of the current machine, which has to be the one of these
+  // packages.
   void Uninstall(const std::wstring& familyName, const std::wstring& user,
                  Platform::Clock::Duration length = std::chrono::seconds(1));
 

@@ -25,7 +25,8 @@ class SimulatedSystem final : public Platform::ApiSets,
   // First-run set-up is not over until the clock has passed this time since it was made.
   void EndOobeAt(VirtualClock::Duration elapsed);
 
-  // Whether Windows can be asked about first-run set-up at all.
+  // Whether Windows can be asked about first-run set-up at all. If not, the rest of the answer
+  // means nothing, whatever it says.
   void SetOobeKnown(bool known);
 
   void RemoveApiSet(const std::wstring& name);

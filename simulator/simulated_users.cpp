@@ -87,6 +87,11 @@ std::optional<SimulatedUser> SimulatedUsers::Acting() const {
   return users.at(found->second);
 }
 
+bool SimulatedUsers::AnyoneActs() const {
+  const std::lock_guard guard(mutex);
+  return !acting.empty();
+}
+
 std::optional<SimulatedUser> SimulatedUsers::UserOf(Platform::RawHandle token) const {
   const std::lock_guard guard(mutex);
   const auto found = tokens.find(token);

@@ -47,6 +47,9 @@ class SimulatedUsers final : public Platform::Sessions, public Platform::Environ
   // Whom the calling thread acts as; empty: the service itself.
   std::optional<SimulatedUser> Acting() const;
 
+  // Whether any thread, ended or not, has not gone back to being the service itself.
+  bool AnyoneActs() const;
+
   // Whose token it is; empty for null, for the system's and for what is no token.
   std::optional<SimulatedUser> UserOf(Platform::RawHandle token) const;
   std::optional<SimulatedUser> Find(const std::wstring& name) const;

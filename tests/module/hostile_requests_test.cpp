@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <random>
+#include <sstream>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -41,74 +42,29 @@ Text Nested(std::wstring_view open, std::wstring_view close, std::size_t levels)
   return Repeated(open, levels) + L"1" + Repeated(close, levels);
 }
 
-// Values to stand where another is expected, some of them no JSON at all.
+// Values to stand where another is expected, some of them no JSON at all; a space parts them.
+constexpr std::wstring_view kValues =
+    LR"(null true false [] {} "" 0 -0 -1 7.9 1 4294967295 4294967296 9223372036854775808 )"
+    LR"(99999999999999999999999999999999 1e308 1e309 -1e999 1e-999 1e99999999999999999999 )"
+    LR"(1E+00000000000000001 NaN Infinity 0x10 01 1. .5 +1 "7" "\u0000" "C:\\a\u0000b.exe" )"
+    LR"("\ud800" "\udc00" "\udc00\ud800" "\ud83d\ude00" "\x" "\u12" "open 'single' undefined )"
+    LR"([1,] {"a":1,} {"a":1,"a":{}} {1:2} [null,[null,{"":null}]] /**/1 "%s%n%S%99999d" )"
+    LR"("99999999999999999999" "-5" "1e9" "0x7fffffff" "..\\..\\.." "\\\\server\\share\\a.exe" )"
+    LR"("\\\\?\\C:\\a.exe" "CON" "C:\\windows\\system32\\cmd.exe:stream")";
+
+// Texts of units that are no characters, between quotation marks.
+constexpr std::wstring_view kUnits[] = {L"\xD800", L"\xDC00", L"\xDC00\xD800", L"\xFFFF\x1"};
+
 const std::vector<Text>& Values() {
-  static const std::vector<Text> values = {L"null",
-                                           L"true",
-                                           L"false",
-                                           L"[]",
-                                           L"{}",
-                                           L"\"\"",
-                                           L"0",
-                                           L"-0",
-                                           L"-1",
-                                           L"7.9",
-                                           L"1",
-                                           L"4294967295",
-                                           L"4294967296",
-                                           L"9223372036854775808",
-                                           L"99999999999999999999999999999999",
-                                           L"1e308",
-                                           L"1e309",
-                                           L"-1e999",
-                                           L"1e-999",
-                                           L"1e99999999999999999999",
-                                           L"1E+00000000000000001",
-                                           L"NaN",
-                                           L"Infinity",
-                                           L"0x10",
-                                           L"01",
-                                           L"1.",
-                                           L".5",
-                                           L"+1",
-                                           Text(5000, L'9'),
-                                           L"0." + Text(5000, L'3'),
-                                           L"\"7\"",
-                                           L"\"\\u0000\"",
-                                           L"\"C:\\\\a\\u0000b.exe\"",
-                                           L"\"\\ud800\"",
-                                           L"\"\\udc00\"",
-                                           L"\"\\udc00\\ud800\"",
-                                           L"\"\\ud83d\\ude00\"",
-                                           Text(L"\"") + wchar_t{0xD800} + L"\"",
-                                           Text(L"\"") + wchar_t{0xDC00} + L"\"",
-                                           Text(L"\"") + wchar_t{0xDC00} + wchar_t{0xD800} + L"\"",
-                                           Text(L"\"") + wchar_t{0xFFFF} + wchar_t{1} + L"\"",
-                                           L"\"\\x\"",
-                                           L"\"\\u12\"",
-                                           L"\"open",
-                                           L"'single'",
-                                           L"undefined",
-                                           L"[1,]",
-                                           L"{\"a\":1,}",
-                                           L"{\"a\":1,\"a\":{}}",
-                                           L"{1:2}",
-                                           L"[null,[null,{\"\":null}]]",
-                                           L"/**/1",
-                                           L"\"%s%n%S%99999d\"",
-                                           L"\"99999999999999999999\"",
-                                           L"\"-5\"",
-                                           L"\"1e9\"",
-                                           L"\"0x7fffffff\"",
-                                           L"\"..\\\\..\\\\..\"",
-                                           L"\"\\\\\\\\server\\\\share\\\\a.exe\"",
-                                           L"\"\\\\\\\\?\\\\C:\\\\a.exe\"",
-                                           L"\"CON\"",
-                                           L"\"C:\\\\windows\\\\system32\\\\cmd.exe:stream\"",
-                                           Nested(L"[", L"]", 100),
-                                           Nested(L"{\"a\":", L"}", 126),
-                                           Nested(L"[", L"]", 128),
-                                           Nested(L"[", L"]", 129)};
+  static const std::vector<Text> values = [] {
+    std::vector<Text> made{Text(5000, L'9'),        L"0." + Text(5000, L'3'),
+                           Nested(L"[", L"]", 100), Nested(L"{\"a\":", L"}", 126),
+                           Nested(L"[", L"]", 128), Nested(L"[", L"]", 129)};
+    for (const std::wstring_view units : kUnits) made.push_back(L"\"" + Text(units) + L"\"");
+    std::wistringstream words{Text(kValues)};
+    for (Text word; words >> word;) made.push_back(word);
+    return made;
+  }();
   return values;
 }
 
@@ -235,18 +191,19 @@ class HostileRequestsTest : public testing::Test {
   std::size_t sent = 0;
 
  private:
+  static std::uint32_t Code(std::int32_t error) { return static_cast<std::uint32_t>(error); }
+
   static bool Documented(std::uint32_t id, const ModuleReply& reply) {
     static constexpr std::array kCodes = {0U,          0x20000001U, 0x20000002U, 0x20000003U,
                                           0x20000008U, 0x20000009U, 0x2000000AU};
-    static constexpr std::array kPackageCodes = {
-        kNoPackageManager,
-        0x20000004U,
-        0x20000005U,
-        0x20000006U,
-        0x20000007U,
-        static_cast<std::uint32_t>(Json::kInvalidJsonString),
-        static_cast<std::uint32_t>(Json::kJsonValueNotFound),
-        static_cast<std::uint32_t>(Json::kIllegalMethodCall)};
+    static const std::array kPackageCodes = {kNoPackageManager,
+                                             0x20000004U,
+                                             0x20000005U,
+                                             0x20000006U,
+                                             0x20000007U,
+                                             Code(Json::kInvalidJsonString),
+                                             Code(Json::kJsonValueNotFound),
+                                             Code(Json::kIllegalMethodCall)};
     const auto has = [&](const auto& codes) {
       return std::find(codes.begin(), codes.end(), reply.code) != codes.end();
     };

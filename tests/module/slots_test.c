@@ -70,9 +70,9 @@ static Factory factory;
 
 static Service* Make(void) {
   Service* service = factory();
-  CHECK(service != NULL);
-  if (service == NULL) exit(1);
-  return service;
+  if (service != NULL) return service;
+  printf("the factory makes no service\n");
+  exit(1);
 }
 
 static void Unmake(Service* service) {
@@ -122,15 +122,7 @@ static void CommandsAnswerAndDestroyTheirCallbackOnce(void) {
     const wchar_t* response;  // null: a null pointer; "?": untouched
   } kCases[] = {
       {22, L"{}", 1, 1, 0, L"{\"result\":{\"getVersion\":\"1.73.4044.0\"}}"},
-      {20, L"{}", 1, 1, 0, L"{\"result\":{\"power_events\":[],\"zephra_events\":[]}}"},
-      {12, L"not JSON", 1, 1, 0, L"{\"result\":{\"launched\":false}}"},
-      {13, L"{\"launched\":true}", 1, 1, 0, L"{}"},
-      {12, L"{}", 1, 1, 0, L"{\"result\":{\"launched\":true}}"},
       {13, L"{\"launched\":1}", 1, 1, 0x20000002, L"{}"},
-      {9, L"{\"powerEventType\":7}", 1, 1, 0, L"{}"},
-      {20, L"{}", 1, 1, 0,
-       L"{\"result\":{\"power_events\":[{\"powerEventType\":7}],\"zephra_events\":[]}}"},
-      {1, L"{}", 1, 1, 0x20000001, L"{}"},
       {4294967295u, L"{}", 1, 1, 0x20000001, L"{}"},
       {22, L"", 1, 1, 0x20000003, NULL},
       {22, NULL, 1, 1, 0x20000002, L"?"},
@@ -183,51 +175,15 @@ static void ACallableInsideTheCallbackIsNotFreed(void) {
 
 static void NotificationsAreTakenInAnyState(void) {
   Service* service = Make();
-  ((Notify)service->slots[kPowerEvent])(service, 10);
-  ((Notify)service->slots[kReserved7])(service, 0);
-  ((Notify)service->slots[kSessionChange])(service, 5);
-  ((Notify)service->slots[kSessionChange])(service, 6);
-  ((Notify)service->slots[kSessionChange])(service, 7);
-  ((Notify)service->slots[kReserved10])(service, 0);
-  Unmake(service);
-}
-
-// The highest handle value that Windows gives out now: free values are reused from below, so a
-// growth of this figure is a handle that was left open. A count of handles is not kept everywhere.
-static uintptr_t HighestHandle(void) {
-  HANDLE events[64];
-  uintptr_t highest = 0;
-  for (int i = 0; i < 64; ++i) {
-    events[i] = CreateEventW(NULL, TRUE, FALSE, NULL);
-    if ((uintptr_t)events[i] > highest) highest = (uintptr_t)events[i];
+  static const struct {
+    int slot;
+    uint32_t event;
+  } kCases[] = {{kPowerEvent, 10},   {kReserved7, 0},  {kSessionChange, 5}, {kSessionChange, 6},
+                {kSessionChange, 7}, {kReserved10, 0}, {kStart, 0}};
+  for (size_t i = 0; i < sizeof kCases / sizeof *kCases; ++i) {
+    ((Notify)service->slots[kCases[i].slot])(service, kCases[i].event);
   }
-  for (int i = 0; i < 64; ++i) CloseHandle(events[i]);
-  return highest;
-}
-
-static void UseOnce(void) {
-  Service* service = Make();
-  void* context = Context(service, L"client");
-  wchar_t* response = NULL;
-  ((Execute)service->slots[kExecuteCommand])(service, context, 20, L"{}", &response, NULL);
-  ((Free)service->slots[kFreeResponse])(service, response);
-  Release(service, context);
   Unmake(service);
-}
-
-static void AHundredServicesLeaveNoHandle(void) {
-  for (int i = 0; i < 3; ++i) UseOnce();  // what the system keeps for a process comes first
-  const uintptr_t before = HighestHandle();
-  for (int i = 0; i < 100; ++i) UseOnce();
-  CHECK(HighestHandle() == before);
-}
-
-static void ARunningServiceEndsWithItsThreads(void) {
-  for (int i = 0; i < 5; ++i) {
-    Service* service = Make();
-    ((Notify)service->slots[kStart])(service, 0);
-    Unmake(service);
-  }
 }
 
 // Points %programdata% at a fresh folder, so that the store is this program's own.
@@ -250,35 +206,6 @@ static void RemoveStore(const wchar_t* folder) {
   }
 }
 
-static DWORD RunSelf(const wchar_t* argument) {
-  wchar_t self[MAX_PATH], line[2 * MAX_PATH];
-  STARTUPINFOW startup = {0};
-  PROCESS_INFORMATION process;
-  startup.cb = sizeof startup;
-  DWORD code = 0;
-  GetModuleFileNameW(NULL, self, MAX_PATH);
-  swprintf(line, 2 * MAX_PATH, L"\"%ls\" %ls", self, argument);
-  if (!CreateProcessW(self, line, NULL, NULL, FALSE, 0, NULL, NULL, &startup, &process)) return 0;
-  if (WaitForSingleObject(process.hProcess, 60000) != WAIT_OBJECT_0) {
-    TerminateProcess(process.hProcess, 0);
-  }
-  GetExitCodeProcess(process.hProcess, &code);
-  CloseHandle(process.hThread);
-  CloseHandle(process.hProcess);
-  return code;
-}
-
-// Returns 0, which the parent takes as a failure, when the process was not ended.
-static int PassAnIdentityThatIsTooLong(void) {
-  wchar_t tooLong[66];
-  void* context = NULL;
-  Service* service = factory();
-  wmemset(tooLong, L'x', 65);
-  tooLong[65] = 0;
-  ((CreateContext)service->slots[kCreateClientContext])(service, tooLong, &context);
-  return 0;
-}
-
 static HMODULE LoadBesideTests(void) {
   wchar_t path[MAX_PATH];
   GetModuleFileNameW(NULL, path, MAX_PATH);
@@ -287,26 +214,19 @@ static HMODULE LoadBesideTests(void) {
   return LoadLibraryW(path);
 }
 
-int main(int argc, char** argv) {
+int main(void) {
   wchar_t store[MAX_PATH];
-  HMODULE module = LoadBesideTests();
-  if (module == NULL) {
+  factory = (Factory)(void*)GetProcAddress(LoadBesideTests(), "VxCreateService");
+  if (factory == NULL) {
     printf("the module cannot be loaded: error %lu\n", (unsigned long)GetLastError());
     return 1;
   }
-  factory = (Factory)(void*)GetProcAddress(module, "VxCreateService");
-  CHECK(factory != NULL);
-  if (factory == NULL) return 1;
-  if (argc > 1 && strcmp(argv[1], "--too-long") == 0) return PassAnIdentityThatIsTooLong();
 
   UseStoreOfOwn(store);
   ContextsCarryACopyOfTheCallersIdentity();
   CommandsAnswerAndDestroyTheirCallbackOnce();
   ACallableInsideTheCallbackIsNotFreed();
   NotificationsAreTakenInAnyState();
-  AHundredServicesLeaveNoHandle();
-  ARunningServiceEndsWithItsThreads();
-  CHECK(RunSelf(L"--too-long") != 0);
   RemoveStore(store);
   printf(failures == 0 ? "passed\n" : "%d checks failed\n", failures);
   return failures != 0;

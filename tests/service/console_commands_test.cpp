@@ -2,70 +2,61 @@
 
 #include <cstdint>
 #include <string>
-#include <vector>
 
 #include <gmock/gmock.h>
 
-#include "platform/machine.h"
-#include "service/service_fixture.h"
+#include "service/simulated_service.h"
 #include "storage/cap_data_store.h"
 #include "storage/request_manager.h"
-#include "support/fake_console.h"
 
 namespace Vx::Tests {
 namespace {
 
 namespace Orvane = Tessel::Server::Services::Orvane;
 using testing::Contains;
-using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 
 constexpr std::uint32_t kFailed = 0x20000002;
-constexpr wchar_t kFamily[] = L"7C3B9E40.Qubo_r4x2m8kq7tn3b";
-constexpr wchar_t kFullName[] = L"7C3B9E40.Qubo_2.0.0.0_x64__r4x2m8kq7tn3b";
-constexpr std::uint32_t kNobody = 0xFFFFFFFF;
+constexpr wchar_t kLaunched[] = L"{\"result\":{\"launched\":true}}";
 
-class ConsoleCommandsTest : public testing::Test, protected ServiceFixture {
+class ConsoleCommandsTest : public SimulatedServiceTest {
  protected:
   ConsoleCommandsTest() {
-    console.installed[kFamily] = kFullName;
-    console.staged = {kFullName};
-    console.registered = {kFullName};
+    InstallApp(L"App");
+    InstallApp(L"7C3B9E40.Qubo");
   }
 
-  FakeConsole console;
-  Platform::MachineScope scope{[this](Platform::Machine& machine) { console.Install(machine); }};
+  Reply Execute(std::uint32_t id, const std::wstring& request) {
+    return host.Execute(id, request.c_str());
+  }
 };
 
 TEST_F(ConsoleCommandsTest, APackageIsInstalledWhenTheConsoleUserHasIt) {
   const std::wstring installed = L"{\"result\":{\"installed\":true}}";
   const std::wstring absent = L"{\"result\":{\"installed\":false}}";
-  const std::wstring request = std::wstring(L"{\"packageFamilyName\":\"") + kFamily + L"\"}";
-  EXPECT_EQ(Execute(6, request.c_str()).response, installed);
-  EXPECT_EQ(console.impersonations, 1);
-  EXPECT_FALSE(console.acting);
+  const std::wstring request = L"{\"packageFamilyName\":\"App_r4x2m8kq7tn3b\"}";
+  EXPECT_EQ(Execute(6, request).response, installed);
   EXPECT_EQ(Execute(6, L"{\"packageFamilyName\":\"Other_x\"}").response, absent);
   EXPECT_EQ(Execute(6, L"{\"packageFamilyName\":7}").response, absent);
 
-  // The calls that Windows may refuse, and a revert that fails when the answer is there already.
-  console.FailCall(FakeConsole::kNever);
-  Execute(6, request.c_str());
-  const std::vector<std::string> calls = console.calls;
-  ASSERT_EQ(calls.back(), "Revert");
-  for (std::size_t i = 0; i < calls.size(); ++i) {
-    SCOPED_TRACE(calls[i]);
-    log.Clear();
-    console.FailCall(i);
-    const Reply reply = Execute(6, request.c_str());
+  // A revert fails when the answer is there already.
+  for (const char* call : {"Sessions.QueryUserToken", "Sessions.Impersonate",
+                           "Packages.FindByFamily", "Sessions.Revert"}) {
+    SCOPED_TRACE(call);
+    const bool reverting = std::string(call) == "Sessions.Revert";
+    host.log.Clear();
+    machine.faults.FailNamed(call);
+    const Reply reply = Execute(6, request);
     EXPECT_EQ(reply.result, 0U);
-    EXPECT_EQ(reply.response, calls[i] == "Revert" ? installed : absent);
-    EXPECT_EQ(log.Has(L"warning|Failed to RevertToSelf"), calls[i] == "Revert");
+    EXPECT_EQ(reply.response, reverting ? installed : absent);
+    EXPECT_EQ(host.log.Has(L"warning|Failed to RevertToSelf"), reverting);
   }
-  console.FailCall(FakeConsole::kNever);
-  console.session = kNobody;
-  EXPECT_EQ(Execute(6, request.c_str()).response, absent);
-  EXPECT_THAT(console.calls, IsEmpty());
+  machine.faults.Clear();
+  machine.users.LogOn(L"bob");
+  EXPECT_EQ(Execute(6, request).response, absent);
+  machine.users.DetachConsole();
+  EXPECT_EQ(Execute(6, request).response, absent);
 }
 
 TEST_F(ConsoleCommandsTest, EachQuestionHasItsAnswer) {
@@ -93,34 +84,36 @@ TEST_F(ConsoleCommandsTest, EachQuestionHasItsAnswer) {
   }
   Tessel::Server::Storage::CapDataStore().persist("registration_full_sent", "skipped_uwp");
   EXPECT_EQ(Execute(2, L"{}").response, L"{\"result\":{\"registrationState\":1}}");
-  EXPECT_TRUE(log.Has(L"info|RegistrationState code to be returned is 1"));
+  EXPECT_TRUE(host.log.Has(L"info|RegistrationState code to be returned is 1"));
 }
 
 TEST_F(ConsoleCommandsTest, TheCompanionAppIsStartedWithTheParameterOfTheRequest) {
-  EXPECT_EQ(Execute(11, L"").response, L"{\"result\":{\"launched\":true}}");
-  EXPECT_EQ(Execute(17, L"{\"parameter\":\"--page=1 \\\"x\\\"\"}").response,
-            L"{\"result\":{\"launched\":true}}");
-  ASSERT_EQ(console.started.size(), 2U);
+  EXPECT_EQ(Execute(11, L"").response, kLaunched);
+  for (const wchar_t* parameter :
+       {LR"(--page=1 \"x\")", LR"(first","parameter":"second)", LR"(before\u0000after)"}) {
+    const std::wstring request = std::wstring(L"{\"parameter\":\"") + parameter + L"\"}";
+    EXPECT_EQ(Execute(17, request).response, kLaunched);
+  }
   const std::wstring alias = L"C:\\Users\\ann\\AppData\\Local\\Microsoft\\WindowsApps\\Qubo.exe";
-  EXPECT_EQ(console.started[0].commandLine, alias);
-  EXPECT_EQ(console.started[1].commandLine, L"\"" + alias + L"\" --page=1 \"x\"");
-
-  console.session = kNobody;
+  const std::wstring quoted = L"\"" + alias + L"\"";
+  EXPECT_THAT(Started(), testing::ElementsAre(alias, quoted + L" --page=1 \"x\"",
+                                              quoted + L" first", quoted + L" before"));
+  machine.users.DetachConsole();
   EXPECT_EQ(Execute(11, L"").response, L"{\"result\":{\"launched\":false}}");
 }
 
 TEST_F(ConsoleCommandsTest, WithoutAReadableParameterNothingIsStarted) {
   for (const wchar_t* request : {L"{}", L"{\"parameter\":null}", L"{\"parameter\":5}", L"[]"}) {
     SCOPED_TRACE(testing::PrintToString(request));
-    log.Clear();
+    host.log.Clear();
     const Reply reply = Execute(17, request);
     EXPECT_EQ(reply.result, kFailed);
     EXPECT_EQ(reply.response, L"{}");
-    EXPECT_THAT(log.Lines(), Contains(HasSubstr(L"Problem while parsing the parameter property of "
-                                                L"JSON's request. ")));
+    EXPECT_THAT(host.log.Lines(), Contains(HasSubstr(L"Problem while parsing the parameter "
+                                                     L"property of JSON's request. ")));
   }
-  EXPECT_THAT(console.started, IsEmpty());
-  EXPECT_EQ(Execute(17, L"{\"parameter\":\"\"}").response, L"{\"result\":{\"launched\":true}}");
+  EXPECT_THAT(Started(), IsEmpty());
+  EXPECT_EQ(Execute(17, L"{\"parameter\":\"\"}").response, kLaunched);
 }
 
 std::wstring StoredPackageRequests() {
@@ -131,42 +124,40 @@ std::wstring StoredPackageRequests() {
 std::wstring PackageRequest(int event, int action) {
   return L"{\"catalogEvent\":" + std::to_wstring(event) + L",\"catalogAction\":" +
          std::to_wstring(action) +
-         L",\"packageFamilyName\":\"Family_x\",\"catalogActionParams\":{\"path\":\"C:\\\\a.exe\"}}";
+         L",\"packageFamilyName\":\"App_r4x2m8kq7tn3b\",\"catalogActionParams\":{\"path\":\"C:"
+         L"\\\\a.exe\"}}";
 }
 
 TEST_F(ConsoleCommandsTest, ARefusedPackageSubscriptionIsTakenBackAndExplained) {
   const std::wstring good = PackageRequest(5, 1);
+  std::wstring gone = good;
+  gone.replace(gone.find(L"App_"), 4, L"Bpp_");
   const struct {
-    const char* name;
     std::wstring request;
-    bool packageGone;
-    std::uint32_t session;
     std::uint32_t result;
     std::wstring problem;
+    bool nobody = false;
   } kCases[] = {
-      {"package gone", good, true, 1, 0x20000004,
-       L"packageFamilyName names a package that is not installed"},
-      {"nobody signed in", good, false, kNobody, 0x20000005,
-       L"request needs a user at the console"},
-      {"event", PackageRequest(6, 1), false, 1, 0x20000006, L"catalogEvent is unknown"},
-      {"action", PackageRequest(5, 3), false, 1, 0x20000007, L"catalogAction is unknown"},
-      {"no keys", L"{}", false, 1, 0x83750009, L"request failed: catalogEvent is missing"},
-      {"type", L"{\"catalogEvent\":\"5\"}", false, 1, 0x8000000E,
+      {gone, 0x20000004, L"packageFamilyName names a package that is not installed"},
+      {PackageRequest(6, 1), 0x20000006, L"catalogEvent is unknown"},
+      {PackageRequest(5, 3), 0x20000007, L"catalogAction is unknown"},
+      {L"{}", 0x83750009, L"request failed: catalogEvent is missing"},
+      {L"{\"catalogEvent\":\"5\"}", 0x8000000E,
        L"request failed: catalogEvent is a value of another type"},
+      {good, 0x20000005, L"request needs a user at the console", true},
   };
   for (const auto& c : kCases) {
-    SCOPED_TRACE(c.name);
-    log.Clear();
-    console.staged.assign(c.packageGone ? 0 : 1, L"Family_x_full");
-    console.session = c.session;
+    SCOPED_TRACE(testing::PrintToString(c.problem));
+    host.log.Clear();
+    if (c.nobody) machine.users.DetachConsole();
     // White space must not hide the request from its removal.
-    const Reply reply = Execute(7, (L"{ " + c.request.substr(1)).c_str());
+    const Reply reply = Execute(7, L"{ " + c.request.substr(1));
     EXPECT_EQ(reply.result, c.result);
     EXPECT_EQ(reply.response, L"{}");
     EXPECT_THAT(StoredPackageRequests(), testing::AnyOf(L"", L"[]"));
-    EXPECT_THAT(log.Lines(), Contains(HasSubstr(L"error|OrvaneService - RegisterAppPackageEvent "
-                                                L"threw hresult_error: Message: ")));
-    EXPECT_THAT(log.Lines(), Contains(HasSubstr(L"function id 7: " + c.problem)).Times(1));
+    EXPECT_THAT(host.log.Lines(), Contains(HasSubstr(L"error|OrvaneService - RegisterAppPackage"
+                                                     L"Event threw hresult_error: Message: ")));
+    EXPECT_THAT(host.log.Lines(), Contains(HasSubstr(L"function id 7: " + c.problem)).Times(1));
   }
 }
 
@@ -174,7 +165,7 @@ TEST_F(ConsoleCommandsTest, AStoredListThatCannotBeReadIsWhatCommand7Answers) {
   Tessel::Server::Storage::CapDataStore().mergeMember(
       Orvane::kServiceDocument, Orvane::kPackageSubscriptions,
       Tessel::Server::Storage::BsonElement::Text("no list"));
-  const Reply reply = Execute(7, PackageRequest(7, 1).c_str());
+  const Reply reply = Execute(7, PackageRequest(7, 1));
   EXPECT_EQ(reply.result, 0x83750007);
   EXPECT_EQ(reply.response, L"{}");
   EXPECT_EQ(StoredPackageRequests(), L"no list");
@@ -182,15 +173,16 @@ TEST_F(ConsoleCommandsTest, AStoredListThatCannotBeReadIsWhatCommand7Answers) {
 
 TEST_F(ConsoleCommandsTest, APackageSubscriptionStaysThatIsRepeatedOrEndsInAStandardException) {
   const std::wstring other = PackageRequest(5, 1);
-  EXPECT_EQ(Execute(7, other.c_str()).result, 0U);
+  EXPECT_EQ(Execute(7, other).result, 0U);
   const std::wstring request = PackageRequest(7, 1);
-  console.FailCall(0);
-  EXPECT_EQ(Execute(7, request.c_str()).result, 0x20000008U);
-  EXPECT_THAT(console.calls, ElementsAre("FindForAllUsers"));
-  EXPECT_TRUE(log.Has(L"error|OrvaneService - RegisterAppPacakgeEvent threw refused"));
-  EXPECT_EQ(Execute(7, request.c_str()).result, 0x20000009U);
+  machine.faults.FailNamed("Threads.Start");
+  EXPECT_EQ(Execute(7, request).result, 0x20000008U);
+  EXPECT_THAT(host.log.Lines(),
+              Contains(HasSubstr(L"error|OrvaneService - RegisterAppPacakgeEvent threw ")));
+  machine.faults.Clear();
+  EXPECT_EQ(Execute(7, request).result, 0x20000009U);
   EXPECT_THAT(
-      log.Lines(),
+      host.log.Lines(),
       Contains(L"error|OrvaneService - RegisterAppPackageEvent threw hresult_error: Message: "
                L"the same subscription, the delay apart, is stored already, Code: 1"));
   EXPECT_EQ(StoredPackageRequests(), L"[" + other + L"," + request + L"]");

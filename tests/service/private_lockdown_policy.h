@@ -9,7 +9,7 @@
 namespace Vx::Tests {
 
 // A Windows folder of this process alone, in a protected place, whose lockdown policy library is a
-// stand-in; see LockdownMode.
+// stand-in.
 class PrivateLockdownPolicy {
  public:
   // `library` is one of the signed copies of the test authority.
@@ -29,12 +29,6 @@ class PrivateLockdownPolicy {
  private:
   ProtectedFolder folder;
   EnvironmentOverride windows{L"windir", folder.Path()};
-};
-
-// The mode that the stand-in answers while this object lives.
-struct LockdownMode : EnvironmentOverride {
-  explicit LockdownMode(int mode)
-      : EnvironmentOverride(L"VX_LOCKDOWN_MODE", std::to_wstring(mode)) {}
 };
 
 }  // namespace Vx::Tests

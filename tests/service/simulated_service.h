@@ -1,0 +1,63 @@
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "platform/machine.h"
+#include "service/service_fixture.h"
+#include "simulator/simulated_machine.h"
+
+namespace Vx::Tests {
+
+constexpr std::uint64_t kPowerOn = 133'655'000'000'000'000;  // 2024-07-15T03:33:20Z as a FILETIME
+
+// A service on a machine in memory, at whose console ann is signed in.
+class SimulatedServiceTest : public testing::Test {
+ protected:
+  SimulatedServiceTest() {
+    machine.clock.SetUtcFileTime(kPowerOn);
+    machine.users.LogOn(L"ann");
+  }
+  ~SimulatedServiceTest() override {
+    host.End();
+    machine.clock.Advance(std::chrono::hours(2));  // its delayed launches are not ended by it
+  }
+
+  // An app of the maker with this name, for ann.
+  void InstallApp(const std::wstring& name) {
+    const std::wstring publisher = L"r4x2m8kq7tn3b";
+    machine.packages.Install({.familyName = name + L"_" + publisher,
+                              .fullName = name + L"_2.0.0.0_x64__" + publisher,
+                              .folder = {}},
+                             L"ann");
+  }
+
+  // What apps were sent, as "family/service text".
+  std::vector<std::wstring> Sent() const {
+    std::vector<std::wstring> sent;
+    for (const auto& message : machine.appServices.Messages()) {
+      sent.push_back(message.packageFamilyName + L"/" + message.appServiceName + L" " +
+                     message.text);
+    }
+    return sent;
+  }
+
+  // The command lines of the programs that were started.
+  std::vector<std::wstring> Started() const {
+    std::vector<std::wstring> lines;
+    for (const auto& process : machine.processes.Started()) {
+      lines.push_back(process.start.commandLine);
+    }
+    return lines;
+  }
+
+  Simulator::SimulatedMachine machine;
+  Platform::MachineScope scope{[this](Platform::Machine& real) { machine.Install(real); }};
+  ServiceFixture host;
+};
+
+}  // namespace Vx::Tests
