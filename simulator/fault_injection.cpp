@@ -438,6 +438,9 @@ class FaultyTrustProvider final : public Decorator<Platform::TrustProvider> {
   Result<std::wstring> FinalPath(const std::wstring& path) const override {
     return Or("TrustProvider.FinalPath", [&] { return inner.FinalPath(path); });
   }
+  Result<std::wstring> FinalPathOf(Platform::RawHandle file) const override {
+    return Or("TrustProvider.FinalPathOf", [&] { return inner.FinalPathOf(file); });
+  }
   Result<std::vector<Platform::AccessEntry>> FolderAccess(
       const std::wstring& folder) const override {
     return Or("TrustProvider.FolderAccess", [&] { return inner.FolderAccess(folder); });

@@ -69,6 +69,10 @@ Result<std::wstring> SimulatedTrust::FinalPath(const std::wstring& path) const {
   return RealTrust().FinalPath(path);
 }
 
+Result<std::wstring> SimulatedTrust::FinalPathOf(Platform::RawHandle file) const {
+  return RealTrust().FinalPathOf(file);
+}
+
 Result<std::vector<Platform::AccessEntry>> SimulatedTrust::FolderAccess(
     const std::wstring& folder) const {
   {

@@ -26,6 +26,7 @@ class SimulatedTrust final : public Platform::TrustProvider {
                                              std::uint32_t index) const override;
   Platform::Result<std::wstring> FullPath(const std::wstring& path) const override;
   Platform::Result<std::wstring> FinalPath(const std::wstring& path) const override;
+  Platform::Result<std::wstring> FinalPathOf(Platform::RawHandle file) const override;
   Platform::Result<std::vector<Platform::AccessEntry>> FolderAccess(
       const std::wstring& folder) const override;
 

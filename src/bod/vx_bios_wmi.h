@@ -53,7 +53,6 @@ class VxBiosWmi {
     const std::uint8_t* bytes;
   };
 
-  std::int32_t Connect();
   void Disconnect();
   std::int32_t GetClass(const wchar_t* name, ClassObject& object) const;
   std::int32_t SetupInputDataBlock(const Input& input, const ClassObject& methodInput,

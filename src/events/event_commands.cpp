@@ -47,13 +47,13 @@ void LaunchCommand::Execute() {
   std::uint32_t processId = 0;
 
   const Platform::UniqueHandle held = Security::AquireFileReadOnlyLock(path);
-  Security::VxAuthenticodeFacade trust;
-  if (!trust.IsFileTrustedRestricted(path.c_str())) {
+  const auto program = Security::TrustedProgram(path, held.get());
+  if (!program) {
     log.LogWarning(kNotTrusted, path.c_str());
     return;
   }
   log.LogInfo(kLaunching, path.c_str(), arguments.c_str());
-  const int result = LaunchProcessInSession(path, arguments, {}, session, processId);
+  const int result = LaunchProcessInSession(*program, arguments, {}, session, processId);
   log.LogInfo(kLaunched, result, processId);
 }
 

@@ -13,14 +13,20 @@ QuboLaunchCriteriaDataAccess::QuboLaunchCriteriaDataAccess(std::string storeKey)
     : key(std::move(storeKey)) {}
 
 bool QuboLaunchCriteriaDataAccess::SaveSkipState(bool skip) const {
+  if (key.empty()) return false;  // no criterion at all
   try {
-    return Storage::CapDataStore().persist(key, skip);
+    Storage::CapDataStore store;
+    // A document under a client's key is somebody's data, perhaps all of this service's.
+    Storage::BsonElement stored;
+    if (store.read(key, stored) && stored.AsDocument()) return false;
+    return store.persist(key, skip);
   } catch (const std::exception&) {
     return false;
   }
 }
 
 bool QuboLaunchCriteriaDataAccess::ShouldBeSkipped() const {
+  if (key.empty()) return false;
   try {
     return Storage::CapDataStore().readBool(key, false);
   } catch (const std::exception&) {

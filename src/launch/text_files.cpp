@@ -1,6 +1,9 @@
 #include "launch/text_files.h"
 
+#include <cstddef>
 #include <cstdint>
+#include <mutex>
+#include <span>
 #include <utility>
 
 #include "platform/files.h"
@@ -21,6 +24,20 @@ constexpr std::uint32_t kReadOnly = 0x1;  // FILE_ATTRIBUTE_READONLY
 bool IsReadOnly(const Platform::Files& files, const std::wstring& path) {
   const auto attributes = files.Attributes(path);
   return attributes && (*attributes & kReadOnly) != 0;
+}
+
+// By way of a second file, so that a copy cut short leaves the old content, or nothing.
+bool Replace(Platform::Files& files, const std::wstring& destination,
+             std::span<const std::byte> content) {
+  if (IsReadOnly(files, destination)) return false;
+  static std::mutex copying;  // the second file is the same for every copy
+  const std::lock_guard guard(copying);
+  const std::wstring part = destination + kPartEnding;
+  const bool written = files.Overwrite(part, content) == 0;
+  if (written && files.MoveOver(part, destination) == 0) return true;
+  files.Remove(part);
+  // Whoever has the destination open may keep it from being replaced and still let it be written.
+  return written && files.Overwrite(destination, content) == 0;
 }
 
 }  // namespace
@@ -45,15 +62,9 @@ bool CopyFileContent(const std::wstring& source, const std::wstring& destination
     logger.For(caller).LogError(kSourceFailed, source.c_str());
     return false;
   }
-  // By way of a second file, so that a copy cut short leaves the old content, or nothing.
-  const std::wstring part = destination + kPartEnding;
-  if (IsReadOnly(files, destination) || files.Overwrite(part, *content) != 0 ||
-      files.MoveOver(part, destination) != 0) {
-    files.Remove(part);
-    logger.For(caller).LogError(kDestinationFailed, destination.c_str());
-    return false;
-  }
-  return true;
+  if (Replace(files, destination, *content)) return true;
+  logger.For(caller).LogError(kDestinationFailed, destination.c_str());
+  return false;
 }
 
 }  // namespace Vx::Tessel::Server::Services::Orvane

@@ -7,9 +7,10 @@ namespace Vx::Platform {
 
 // Runs the calling thread as another user for the life of this object.
 //
-// Belongs to one thread: made, used and destroyed there, and not kept across a wait. The operation
-// that uses it logs a failed revert in its own words: it calls Revert() and looks at the answer.
-// The destructor reverts only what an exception left behind, and reports through `onRevertFailure`.
+// Belongs to one thread: made, used and destroyed there. What is waited for meanwhile has a bound.
+// The operation that uses it logs a failed revert in its own words: it calls Revert() and looks at
+// the answer. The destructor reverts only what an exception left behind, and reports through
+// `onRevertFailure`.
 class Impersonation {
  public:
   using RevertFailed = void (*)();

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "platform/result.h"
+#include "platform/unique_handle.h"
 
 namespace Vx::Platform {
 
@@ -78,6 +79,9 @@ class TrustProvider {
   // Where the existing file `path` lies once links, mount points and short names are followed,
   // without the "\\?\" in front.
   virtual Result<std::wstring> FinalPath(const std::wstring& path) const = 0;
+
+  // The same of an open file.
+  virtual Result<std::wstring> FinalPathOf(RawHandle file) const = 0;
 
   // The discretionary access list of a folder; an error when it cannot be read or there is none.
   virtual Result<std::vector<AccessEntry>> FolderAccess(const std::wstring& folder) const = 0;

@@ -5,6 +5,7 @@
 #include "launch/qubo_facade.h"
 #include "platform/app_services.h"
 #include "platform/machine.h"
+#include "service/boundary.h"
 #include "service/s_mode.h"
 
 namespace Vx::Tessel::Server::Services::Orvane {
@@ -36,7 +37,9 @@ void HandlePowerEvent(std::uint32_t eventType) {
   // Made for what it says of a store that cannot be read, as the first line of the event.
   const Qubo::QuboFacade facade;
   logger.LogInfo(kPowerEventTrace, kPowerEventTask, "Enter");
-  Platform::CurrentMachine().appServices->Open({}, {})->SystemRestarted();
+  // The subscribers must not suffer from what the host's library makes of this.
+  Contain("power_event_task",
+          [] { Platform::CurrentMachine().appServices->Open({}, {})->SystemRestarted(); });
   FulfillSubscriptions(kPowerEvents, eventType);
 
   const Resume* resume = ResumeOf(eventType);

@@ -76,10 +76,8 @@ std::uint32_t OrvaneService::ExecuteCommand(ClientContext* context, std::uint32_
 }
 
 void OrvaneService::Start() noexcept {
-  Contain("Start", [this] {
-    state->startupThread = Platform::Thread([shared = state] { RunStartupTask(shared); });
-    state->startupThread.Detach();
-  });
+  Contain("Start",
+          [this] { Platform::StartDetached([shared = state] { RunStartupTask(shared); }); });
 }
 
 void OrvaneService::power_event_task(std::uint32_t eventType) noexcept {

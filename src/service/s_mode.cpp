@@ -75,7 +75,14 @@ void SetFirstLockDownMode(const Logging::TraceLogger& logger) {
     if (first >= 0) return;
     const std::int32_t current = QueryLockoutMode(kStartupCaller);
     logger.LogInfo(kCurrentMode, kStartupTask, kSetFirstLockDownMode, current);
-    store.mergeMember(kServiceDocument, kFirstEnforcementMode, BsonElement::Int32(current));
+    // Once recorded it stays: what could not be read above may be there all the same.
+    store.updateMember(kServiceDocument, kFirstEnforcementMode,
+                       [current](const BsonElement* stored) -> std::optional<BsonElement> {
+                         if (stored != nullptr && stored->AsInt32().value_or(kNoMode) >= 0) {
+                           return std::nullopt;
+                         }
+                         return BsonElement::Int32(current);
+                       });
   } catch (const std::exception&) {  // NOLINT(bugprone-empty-catch): documented as silent
   }
 }
@@ -104,11 +111,12 @@ bool LaunchExeFor10SSwitch(const wchar_t* pathToExecute, const wchar_t* argument
   if (!path) return false;
   // Held until the program runs, so that it is the file that was checked.
   const Platform::UniqueHandle held = Security::AquireFileReadOnlyLock(*path);
-  if (!Security::VxAuthenticodeFacade().IsFileTrustedRestricted(path->c_str())) {
+  const auto program = Security::TrustedProgram(*path, held.get());
+  if (!program) {
     logger.LogError(kNotTrusted, kClass, kLaunchExe, path->c_str());
     return false;
   }
-  return StartSwitchSoftware(*path, arguments, logger);
+  return StartSwitchSoftware(*program, arguments, logger);
 }
 
 void DoSModeSwitchWork(const Logging::TraceLogger& logger) {

@@ -4,7 +4,6 @@
 
 #include "host/logging.h"
 #include "launch/aurelo_schedule.h"
-#include "platform/thread.h"
 #include "platform/unique_handle.h"
 
 namespace Vx::Tessel::Server::Services::Orvane {
@@ -21,8 +20,6 @@ struct ServiceState {
 
   Logging::TraceLogger* logger = nullptr;
   std::atomic<bool> wakeupCheckDone{false};
-  Platform::Thread startupThread;  // detached as soon as it runs
-  Platform::Thread wakeupThread;   // likewise; started by the start-up task
   Platform::UniqueHandle stopEvent;
   Platform::UniqueHandle sessionStopEvent;
   Aurelo::LaunchTimer aureloLaunchTimer;  // of the pending delayed launch

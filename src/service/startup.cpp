@@ -78,8 +78,7 @@ void WatchStoredPackages(const ServiceState& state) {
 void StartWakeupCheck(const std::shared_ptr<ServiceState>& state) {
   if (state->wakeupCheckDone) return;
   state->logger->LogInfo(kStarted, kWakeupCheckName);
-  state->wakeupThread = Platform::Thread([state] { RunWakeupCheck(state); });
-  state->wakeupThread.Detach();
+  Platform::StartDetached([state] { RunWakeupCheck(state); });
 }
 
 // Waits for a real user, two hours at most; false when the service ends first. Giving up is no

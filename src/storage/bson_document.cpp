@@ -165,8 +165,8 @@ bool BsonDocument::Set(std::string_view key, const BsonElement& value) {
   if (used - oldBytes.size() + newBytes.size() > kMaxDocument) return false;
 
   const auto at = static_cast<std::size_t>(found.place.begin - bytes.get());
-  bytes.get()[at] = static_cast<std::byte>(value.Kind());
   Splice(oldBytes, newBytes);
+  bytes.get()[at] = static_cast<std::byte>(value.Kind());  // the splice may have moved the bytes
   for (;;) {
     const Iterator other = FirstOf(name, Iterator(Iterator(bytes.get() + at).place.end));
     if (other == end()) return true;

@@ -141,10 +141,11 @@ bool CapDataStore::decode(const std::vector<std::byte>& content) {
 }
 
 bool CapDataStore::writeFile() {
-  if (isNTFSJunction(filePath)) return false;
+  // A file beyond the limit would not be read again, and the next write would replace it.
+  if (isNTFSJunction(filePath) || document.Encoded().size() > kMaxFileSize) return false;
   const Platform::Result<std::vector<std::byte>> blob =
       Platform::CryptographyHelper().Protect(document.Encoded(), filePath);
-  if (!blob) return false;
+  if (!blob || headerSize + blob->size() > kMaxFileSize) return false;
   if (storeId.empty()) {
     Platform::Result<std::wstring> id = Platform::CurrentMachine().dataProtection->NewUuid();
     if (!id) return false;

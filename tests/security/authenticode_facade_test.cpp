@@ -1,10 +1,13 @@
 #include "security/authenticode_facade.h"
 
+#include <filesystem>
+
 #include <gmock/gmock.h>
 
 #include "platform/files.h"
 #include "platform/machine.h"
 #include "security/file_trust.h"
+#include "support/directory_link.h"
 #include "support/log_capture.h"
 #include "support/temp_folder.h"
 #include "support/test_pki.h"
@@ -72,6 +75,29 @@ TEST(VxAuthenticodeFacade, LogsEachStepOfARefusalForItsPlace) {
           failed + L"C:\\windows\\]", failed + L"C:\\Program Files (x86)\\]",
           failed + L"C:\\Program Files\\]",
           rule + L"Didn't find substring [:\\WindowsApps\\] in [" + path + L"]"));
+}
+
+// Both answers by name are those of the genuine program; what counts is which one is locked.
+TEST(TrustedProgramTest, IsWhatTheLockHoldsWhereverALinkLeadsNow) {
+  const Tests::ProtectedFolder genuine;
+  const Tests::ProtectedFolder forged;
+  const std::wstring program = genuine.Hold(kPinned);
+  std::filesystem::copy_file(PkiFile(L"unsigned.exe"), forged / kPinned);
+  const Tests::ProtectedFolder crossing;
+  const std::wstring link = crossing / L"link";
+  const std::wstring path = link + L"\\" + kPinned;
+  Platform::UniqueHandle ofForged;
+  {
+    const Tests::DirectoryLink there(link, forged.Path());
+    ofForged = AquireFileReadOnlyLock(path);
+    ASSERT_NE(ofForged, nullptr);
+    EXPECT_EQ(TrustedProgram(path, ofForged.get()), std::nullopt);
+  }
+  const Tests::DirectoryLink here(link, genuine.Path());
+  EXPECT_EQ(TrustedProgram(path, AquireFileReadOnlyLock(path).get()), program);
+  EXPECT_EQ(TrustedProgram(program, AquireFileReadOnlyLock(program).get()), program);
+  EXPECT_EQ(TrustedProgram(path, nullptr), path);
+  EXPECT_EQ(TrustedProgram(path, ofForged.get()), std::nullopt);
 }
 
 TEST(FileLock, KeepsTheFileFromBeingReplacedUntilItGoes) {

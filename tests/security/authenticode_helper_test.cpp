@@ -69,6 +69,9 @@ class FakeTrust : public Platform::TrustProvider {
     const auto found = finalPaths.find(path);
     return found != finalPaths.end() ? found->second : real.FinalPath(path);
   }
+  Result<std::wstring> FinalPathOf(Platform::RawHandle file) const override {
+    return real.FinalPathOf(file);
+  }
   // The answers to successive questions; the last one repeats.
   Result<std::vector<AccessEntry>> FolderAccess(const std::wstring& folder) const override {
     folders.push_back(folder);

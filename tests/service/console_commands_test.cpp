@@ -116,6 +116,17 @@ TEST_F(ConsoleCommandsTest, WithoutAReadableParameterNothingIsStarted) {
   EXPECT_EQ(Execute(17, L"{\"parameter\":\"\"}").response, kLaunched);
 }
 
+TEST_F(ConsoleCommandsTest, NoMarkReplacesADocument) {
+  Tessel::Server::Storage::CapDataStore().mergeMember(
+      Orvane::kServiceDocument, "n", Tessel::Server::Storage::BsonElement::Int32(1));
+  for (const wchar_t* request : {L"{\"keyName\":\"OrvaneServiceDocument\"}", L"{}"}) {
+    EXPECT_EQ(Execute(3, request).response, L"{\"result\":{\"setOperationOkay\":false}}");
+    EXPECT_EQ(Execute(5, request).response, L"{\"result\":{\"skip\":false}}");
+  }
+  EXPECT_FALSE(
+      Tessel::Server::Storage::CapDataStore().readDocument("OrvaneServiceDocument").Empty());
+}
+
 std::wstring StoredPackageRequests() {
   return Orvane::RequestManager(Orvane::kServiceDocument, Orvane::kPackageSubscriptions)
       .StoredRequests();

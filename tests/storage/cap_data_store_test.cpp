@@ -276,6 +276,13 @@ TEST_F(CapDataStoreTest, AsksForNoMoreOfAFileThanItsBound) {
   EXPECT_EQ(disk.largestRead, std::size_t{64} * 1024 * 1024);
 }
 
+TEST_F(CapDataStoreTest, AWriteBeyondTheLimitLeavesTheFile) {
+  CapDataStore store;
+  ASSERT_TRUE(store.persist("small", "s"));
+  EXPECT_FALSE(store.persist("large", std::string(std::size_t{64} * 1024 * 1024, 'x')));
+  EXPECT_EQ(store.readText("small"), L"s");
+}
+
 TEST_F(CapDataStoreTest, AFailedWriteDropsTheKeyFromMemory) {
   for (const char* call : {"Files.Overwrite", "DataProtection.Protect", "DataProtection.NewUuid"}) {
     SCOPED_TRACE(call);

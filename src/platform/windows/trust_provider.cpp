@@ -121,9 +121,12 @@ class WindowsTrust final : public TrustProvider {
   Result<std::wstring> FinalPath(const std::wstring& path) const override {
     const UniqueHandle file = OpenShared(path, FILE_READ_ATTRIBUTES);
     if (!file) return Result<std::wstring>::Failure(GetLastError());
-    auto text = SizedText([&file](wchar_t* buffer, DWORD size) {
-      return GetFinalPathNameByHandleW(file.get(), buffer, size,
-                                       FILE_NAME_NORMALIZED | VOLUME_NAME_DOS);
+    return FinalPathOf(file.get());
+  }
+
+  Result<std::wstring> FinalPathOf(RawHandle file) const override {
+    auto text = SizedText([file](wchar_t* buffer, DWORD size) {
+      return GetFinalPathNameByHandleW(file, buffer, size, FILE_NAME_NORMALIZED | VOLUME_NAME_DOS);
     });
     if (text && text->starts_with(kExtendedPrefix)) text->erase(0, std::size(kExtendedPrefix) - 1);
     return text;
