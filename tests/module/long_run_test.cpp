@@ -6,13 +6,13 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <latch>
 #include <thread>
 #include <vector>
 
 #include <windows.h>
 
 #include "module/loaded_service.h"
+#include "platform/unique_handle.h"
 #include "support/handle_gauge.h"
 #include "support/memory_in_use.h"
 #include "support/temp_folder.h"
@@ -69,11 +69,12 @@ void Subscribe(LoadedService& service) {
 // for every thread of the fullest moment so far, and whether that moment comes during the warm-up
 // is chance otherwise.
 void ReachTheMostThreads() {
-  std::latch all(static_cast<std::ptrdiff_t>(kDeliveriesAtOnce + 2 * kSystemThreads));
+  const Platform::UniqueHandle all(CreateEventW(nullptr, TRUE, FALSE, nullptr));
   std::vector<std::jthread> threads(kDeliveriesAtOnce + 2 * kSystemThreads);
   for (std::jthread& thread : threads) {
-    thread = std::jthread([&all] { all.arrive_and_wait(); });
+    thread = std::jthread([&all] { WaitForSingleObject(all.get(), INFINITE); });
   }
+  SetEvent(all.get());
 }
 
 // Whether all workers of these deliveries ended.

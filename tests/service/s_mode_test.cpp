@@ -82,8 +82,8 @@ TEST_F(SModeTest, APolicyLibraryThatDoesNotLoadMeansUnlocked) {
 TEST_F(SModeTest, TheFirstModeIsWrittenOnceAndOnlyOverWhatIsNoMode) {
   static const struct {
     Element stored;
-    const wchar_t* first;
-    bool written;
+    const wchar_t* first = nullptr;
+    bool written = false;
   } kCases[] = {{{}, L"-1", true},
                 {Element::Int32(0), L"0", false},
                 {Element::Int32(-5), L"-5", true},
