@@ -21,7 +21,6 @@ void SimulatedMachine::Install(Platform::Machine& platform) {
   platform.registry = &registry;
   platform.sessions = &users;
   platform.systemTriggers = &system;
-  platform.trustProvider = &trust;
   faults.Install(platform);
 }
 
@@ -30,13 +29,6 @@ void SimulatedMachine::SleepFor(VirtualClock::Duration length) {
                std::to_wstring(std::chrono::duration_cast<std::chrono::seconds>(length).count()) +
                L" s");
   clock.JumpTicks(length);
-}
-
-void SimulatedMachine::Reboot(VirtualClock::Duration off) {
-  users.LogOff();
-  clock.JumpTicks(off);
-  clock.SetTickCount(0);
-  timeline.Add(L"the machine starts");
 }
 
 bool SimulatedMachine::Drain(VirtualClock::Duration limit) {

@@ -13,7 +13,6 @@
 #include "simulator/simulated_processes.h"
 #include "simulator/simulated_registry.h"
 #include "simulator/simulated_system.h"
-#include "simulator/simulated_trust.h"
 #include "simulator/simulated_users.h"
 #include "simulator/timeline.h"
 #include "simulator/virtual_clock.h"
@@ -22,7 +21,7 @@ namespace Vx::Simulator {
 
 // A whole PC in memory, one member a subject: just switched on, nobody signed in, first-run set-up
 // over, no packages, an empty registry, a firmware without a born-on date. Files that were not
-// added to it, data protection, mutexes, events and threads are the real ones.
+// added to it, signatures, data protection, mutexes, events and threads are the real ones.
 //
 //   SimulatedMachine machine;
 //   Platform::MachineScope scope([&](Platform::Machine& platform) { machine.Install(platform); });
@@ -40,10 +39,6 @@ class SimulatedMachine {
   // Sleeps and wakes: time passes that no wait sees.
   void SleepFor(VirtualClock::Duration length);
 
-  // Switched off and on again after `off`; nobody is signed in. The service has to be destroyed
-  // and its workers gone by then.
-  void Reboot(VirtualClock::Duration off = std::chrono::minutes(1));
-
   // Lets time pass until no worker is left; false when some remain after `limit`.
   bool Drain(VirtualClock::Duration limit = std::chrono::hours(24));
 
@@ -56,7 +51,6 @@ class SimulatedMachine {
   SimulatedAppServices appServices{timeline};
   SimulatedRegistry registry;
   SimulatedFiles files;
-  SimulatedTrust trust;
   SimulatedFirmware firmware;
   FaultInjection faults;
 };

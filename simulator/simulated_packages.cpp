@@ -1,6 +1,7 @@
 #include "simulator/simulated_packages.h"
 
 #include <atomic>
+#include <memory>
 #include <utility>
 
 #include "platform/thread.h"
@@ -78,15 +79,23 @@ void SimulatedPackages::Uninstall(const std::wstring& familyName, const std::wst
   if (!owner) return;
   timeline.Add(user + L" uninstalls " + familyName);
   const auto uninstall = std::make_shared<Uninstalling>(familyName);
+  const auto begin = std::make_shared<Platform::Thread>();
   if (length > Platform::Clock::Duration::zero()) {
-    Platform::StartDetached([this, uninstall, user] { Notify(user, *uninstall); });
+    *begin = Platform::Thread([this, uninstall, user] { Notify(user, *uninstall); });
   }
-  Platform::StartDetached([this, uninstall, owner = *owner, length] {
-    clock.Sleep(length);
-    Remove(uninstall->FamilyName(), owner);
-    uninstall->Complete();
-    Notify(owner.name, *uninstall);
-  });
+  try {
+    Platform::StartDetached([this, uninstall, owner = *owner, length, begin] {
+      clock.Sleep(length);
+      Remove(uninstall->FamilyName(), owner);
+      uninstall->Complete();
+      // One notification after the other: a handler holds its lock while it polls for the end.
+      if (begin->Joinable()) begin->Join();
+      Notify(owner.name, *uninstall);
+    });
+  } catch (...) {
+    if (begin->Joinable()) begin->Detach();
+    throw;
+  }
 }
 
 void SimulatedPackages::Remove(const std::wstring& familyName, const SimulatedUser& user) {

@@ -74,12 +74,6 @@ void SimulatedUsers::DetachConsole() {
   atConsole.clear();
 }
 
-std::optional<SimulatedUser> SimulatedUsers::AtConsole() const {
-  const std::lock_guard guard(mutex);
-  if (atConsole.empty()) return std::nullopt;
-  return users.at(atConsole);
-}
-
 std::optional<SimulatedUser> SimulatedUsers::Acting() const {
   const std::lock_guard guard(mutex);
   const auto found = acting.find(GetCurrentThreadId());

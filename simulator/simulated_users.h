@@ -42,8 +42,6 @@ class SimulatedUsers final : public Platform::Sessions, public Platform::Environ
   // No session is at the console (Platform::kNoSession), as between two of them. LogOn ends it.
   void DetachConsole();
 
-  std::optional<SimulatedUser> AtConsole() const;
-
   // Whom the calling thread acts as; empty: the service itself.
   std::optional<SimulatedUser> Acting() const;
 
