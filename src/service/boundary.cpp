@@ -11,7 +11,6 @@ namespace Vx::Tessel::Server::Services::Orvane {
 
 namespace {
 
-constexpr wchar_t kThrew[] = L"%S.%S threw exception %S";
 constexpr wchar_t kThrewRuntimeError[] = L"%S.%S threw hresult_error: Message: %s, Code: %i";
 constexpr char kUnknown[] = "of an unknown kind";
 

@@ -4,6 +4,9 @@
 
 namespace Vx::Tessel::Server::Services::Orvane {
 
+// What is logged of an exception: class, operation, and what it says.
+inline constexpr wchar_t kThrew[] = L"%S.%S threw exception %S";
+
 // Logs the exception that is being handled as one of the service's `operation`, on behalf of the
 // client `caller`; null: of nobody. Call it only while handling one.
 void LogCurrentException(const char* operation, const wchar_t* caller = nullptr) noexcept;

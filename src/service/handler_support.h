@@ -6,14 +6,13 @@
 #include <utility>
 
 #include "json/utf8.h"
+#include "service/boundary.h"
 #include "service/json_request.h"
 #include "service/result_codes.h"
 
 // What command handlers have in common.
 
 namespace Vx::Tessel::Server::Services::Orvane {
-
-inline constexpr wchar_t kHandlerThrew[] = L"%S.%S threw exception %S";
 
 // The boundary of a handler: runs `body`, which answers a result code. A standard exception becomes
 // a log line and 0x20000002.
@@ -22,7 +21,7 @@ std::uint32_t Answer(const char* operation, const RequestCaller& caller, Body&& 
   try {
     return std::forward<Body>(body)();
   } catch (const std::exception& error) {
-    Log(caller).LogError(kHandlerThrew, caller.className, operation, error.what());
+    Log(caller).LogError(kThrew, caller.className, operation, error.what());
     if (caller.problem != nullptr) {
       *caller.problem = {L"request", L"failed: ", Json::ToWide(error.what())};
     }

@@ -13,6 +13,7 @@
 
 #include "platform/unique_handle.h"
 #include "platform/windows/capabilities.h"
+#include "platform/windows/local_memory.h"
 
 namespace Vx::Platform {
 
@@ -22,12 +23,6 @@ using Bytes = std::vector<std::byte>;
 
 constexpr std::size_t kSha256Bytes = 32;
 constexpr std::size_t kReadStep = std::size_t{64} * 1024;
-
-// Buffers of the data protection calls come from LocalAlloc.
-struct LocalMemoryFreer {
-  void operator()(void* memory) const noexcept { LocalFree(memory); }
-};
-using UniqueLocalMemory = std::unique_ptr<void, LocalMemoryFreer>;
 
 struct AlgorithmCloser {
   void operator()(void* algorithm) const noexcept { BCryptCloseAlgorithmProvider(algorithm, 0); }
@@ -43,7 +38,7 @@ DATA_BLOB BlobOf(std::span<const std::byte> bytes) {
 }
 
 Bytes TakeBlob(const DATA_BLOB& blob) {
-  const UniqueLocalMemory owner(blob.pbData);
+  const UniqueLocalMemory<void> owner(blob.pbData);
   const auto* first = reinterpret_cast<const std::byte*>(blob.pbData);
   return Bytes(first, first + blob.cbData);
 }

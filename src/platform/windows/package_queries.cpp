@@ -2,13 +2,13 @@
 
 #include <cstddef>
 #include <cstring>
-#include <memory>
 #include <vector>
 
 #include <windows.h>
 
 #include <sddl.h>
 
+#include "platform/windows/local_memory.h"
 #include "platform/windows/system_library.h"
 
 namespace Vx::Platform {
@@ -26,10 +26,6 @@ constexpr std::uint32_t kInformationBasic = 0;
 
 // PACKAGE_ID: two 32-bit members lie before the version, whose 64 bits have major highest.
 constexpr std::size_t kVersionOffset = 8;
-
-struct LocalMemory {
-  void operator()(wchar_t* memory) const noexcept { LocalFree(memory); }
-};
 
 std::uint32_t Status(long code) {
   return static_cast<std::uint32_t>(code);
@@ -139,7 +135,7 @@ Result<std::wstring> QueryAccountSid(const std::wstring& account) {
   }
   wchar_t* text = nullptr;
   if (ConvertSidToStringSidW(sid.data(), &text) == FALSE) return Text::Failure(GetLastError());
-  const std::unique_ptr<wchar_t, LocalMemory> owner(text);
+  const UniqueLocalMemory<wchar_t> owner(text);
   return std::wstring(text);
 }
 

@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cstddef>
 #include <iterator>
-#include <memory>
 #include <utility>
 
 #include <windows.h>
@@ -15,6 +14,7 @@
 
 #include "platform/unique_handle.h"
 #include "platform/windows/capabilities.h"
+#include "platform/windows/local_memory.h"
 #include "platform/windows/signature_catalogs.h"
 #include "platform/windows/signature_verification.h"
 
@@ -23,10 +23,6 @@ namespace Vx::Platform {
 namespace {
 
 constexpr wchar_t kExtendedPrefix[] = L"\\\\?\\";
-
-struct LocalFreer {
-  void operator()(void* block) const noexcept { LocalFree(block); }
-};
 
 void LookUpAccount(PSID sid, AccessEntry& entry) {
   DWORD nameLength = 0;
@@ -143,7 +139,7 @@ class WindowsTrust final : public TrustProvider {
         name.data(), SE_FILE_OBJECT,
         OWNER_SECURITY_INFORMATION | GROUP_SECURITY_INFORMATION | DACL_SECURITY_INFORMATION, &owner,
         &group, &list, nullptr, &raw);
-    const std::unique_ptr<void, LocalFreer> descriptor(raw);
+    const UniqueLocalMemory<void> descriptor(raw);
     if (error != ERROR_SUCCESS) return Entries::Failure(error);
     if (list == nullptr) return Entries::Failure(ERROR_NO_SECURITY_ON_OBJECT);
     std::vector<AccessEntry> entries;
