@@ -25,8 +25,8 @@ constexpr char kAbout[] =
     "an operator what the module stores, trusts and decides.";
 constexpr char kFooter[] =
     "Exit codes: 0 done; 1 the command answered a failure, an expectation was not met, a file is\n"
-    "not trusted or a subscription would never run; 2 wrong usage, or the module, a file or the\n"
-    "store cannot be used.\n"
+    "not trusted or has no signature to pin, or a subscription would never run; 2 wrong usage, or\n"
+    "the module, a file or the store cannot be used.\n"
     "\n"
     "vxhost SUBCOMMAND --help tells more and shows an example.";
 

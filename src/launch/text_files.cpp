@@ -36,7 +36,8 @@ bool Replace(Platform::Files& files, const std::wstring& destination,
   const bool written = files.Overwrite(part, content) == 0;
   if (written && files.MoveOver(part, destination) == 0) return true;
   files.Remove(part);
-  // Whoever has the destination open may keep it from being replaced and still let it be written.
+  // Whoever has the destination open may keep it from being replaced and still let it be
+  // written; only that copy can be cut short.
   return written && files.Overwrite(destination, content) == 0;
 }
 

@@ -5,23 +5,17 @@
 #include <string>
 #include <vector>
 
-#include <gtest/gtest.h>
-
-#include "platform/machine.h"
 #include "service/service_fixture.h"
-#include "simulator/simulated_machine.h"
+#include "support/machine_test.h"
 
 namespace Vx::Tests {
 
 constexpr std::uint64_t kPowerOn = 133'655'000'000'000'000;  // 2024-07-15T03:33:20Z as a FILETIME
 
 // A service on a machine in memory, at whose console ann is signed in.
-class SimulatedServiceTest : public testing::Test {
+class SimulatedServiceTest : public MachineTest {
  protected:
-  SimulatedServiceTest() {
-    machine.clock.SetUtcFileTime(kPowerOn);
-    machine.users.LogOn(L"ann");
-  }
+  SimulatedServiceTest() { machine.clock.SetUtcFileTime(kPowerOn); }
   ~SimulatedServiceTest() override {
     host.End();
     machine.clock.Advance(std::chrono::hours(2));  // its delayed launches are not ended by it
@@ -36,16 +30,6 @@ class SimulatedServiceTest : public testing::Test {
                              L"ann");
   }
 
-  // What apps were sent, as "family/service text".
-  std::vector<std::wstring> Sent() const {
-    std::vector<std::wstring> sent;
-    for (const auto& message : machine.appServices.Messages()) {
-      sent.push_back(message.packageFamilyName + L"/" + message.appServiceName + L" " +
-                     message.text);
-    }
-    return sent;
-  }
-
   // The command lines of the programs that were started.
   std::vector<std::wstring> Started() const {
     std::vector<std::wstring> lines;
@@ -55,8 +39,6 @@ class SimulatedServiceTest : public testing::Test {
     return lines;
   }
 
-  Simulator::SimulatedMachine machine;
-  Platform::MachineScope scope{[this](Platform::Machine& real) { machine.Install(real); }};
   ServiceFixture host;
 };
 
