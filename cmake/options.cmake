@@ -60,11 +60,25 @@ file(CREATE_LINK ${VX_RAPIDJSON_ROOT}/rapidjson ${PROJECT_BINARY_DIR}/third_part
 add_library(rapidjson INTERFACE)
 target_include_directories(rapidjson SYSTEM INTERFACE ${PROJECT_BINARY_DIR}/third_party)
 
-# vx_library(NAME SOURCES... [PUBLIC LIBS...] [PRIVATE LIBS...]): one folder, one static library.
+# vx_library(NAME [PORTABLE SOURCES...] [WINDOWS SOURCES...] [LIBS...]): one folder, one static
+# library. The portable sources (parsers and rules) are also built as Linux programs, for sanitizers
+# and fuzzers. A library without any does not exist there, and is left out where another names it.
 function(vx_library name)
-  cmake_parse_arguments(arg "" "" "SOURCES;PUBLIC;PRIVATE" ${ARGN})
-  add_library(${name} STATIC ${arg_SOURCES})
-  target_link_libraries(${name} PUBLIC vx_options ${arg_PUBLIC} PRIVATE ${arg_PRIVATE})
+  cmake_parse_arguments(arg "" "" "PORTABLE;WINDOWS;LIBS" ${ARGN})
+  set(sources ${arg_PORTABLE})
+  if(WIN32)
+    list(APPEND sources ${arg_WINDOWS})
+  endif()
+  if(NOT sources)
+    return()
+  endif()
+  add_library(${name} STATIC ${sources})
+  target_link_libraries(${name} PUBLIC vx_options)
+  foreach(library IN LISTS arg_LIBS)
+    if(WIN32 OR TARGET ${library})
+      target_link_libraries(${name} PUBLIC ${library})
+    endif()
+  endforeach()
 endfunction()
 
 # CLI11, header-only, likewise.

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <utility>
 
 namespace Vx::Tessel::Server::Services {
 
@@ -18,6 +19,14 @@ struct CompletionCallback {
 };
 
 // Destroys a callback that was passed by value, without calling it. Null or empty is allowed.
-void DestroyCallback(CompletionCallback* callback) noexcept;
+inline void DestroyCallback(CompletionCallback* callback) noexcept {
+  constexpr std::size_t kDeleteThisSlot = 4;
+  using DeleteThis = void (*)(CompletionCallback::Held * self, bool outsideTheObject);
+  if (callback == nullptr) return;
+  CompletionCallback::Held* held = std::exchange(callback->held, nullptr);
+  if (held == nullptr) return;
+  const bool outside = static_cast<void*>(held) != static_cast<void*>(callback);
+  reinterpret_cast<DeleteThis>(held->table[kDeleteThisSlot])(held, outside);
+}
 
 }  // namespace Vx::Tessel::Server::Services

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <cstdlib>
 
 namespace Vx::Tessel::Server::Services {
 
@@ -42,7 +43,7 @@ class VxService {
                                        CompletionCallback* callback) = 0;
 
   // Slot 4. Frees a response; null is allowed.
-  virtual void FreeResponse(void* response);
+  virtual void FreeResponse(void* response) { std::free(response); }
 
   // Slot 5. Starts the background work.
   virtual void Start() {}

@@ -106,8 +106,8 @@ class AppServiceNotificationCommand final : public EventCommand {
   std::wstring customTriggerGuid;
 };
 
-// The command of an action, from its parameters. Throws winrt::hresult_error: kUnknownAction, or
-// the JSON layer's.
+// The command of an action, from its parameters. Throws winrt::hresult_error:
+// kUnknownAction, or the JSON layer's.
 EventCommandPtr CreateEventCommand(EventAction action, const Json::JsonObject& parameters);
 
 }  // namespace Vx::Tessel::Server::Services::Orvane

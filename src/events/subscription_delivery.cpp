@@ -30,7 +30,7 @@ constexpr wchar_t kModernStandbyEvent[] = L"{CE7DC567-F47B-4A07-8489-C9DEB372B88
 
 constexpr wchar_t kCommandParams[] = L"commandParams";
 
-constexpr winrt::hresult kUnspecified = static_cast<winrt::hresult>(0x80004005);
+constexpr std::int32_t kUnspecified = static_cast<std::int32_t>(0x80004005);
 
 const Logging::TraceLogger& Log() {
   return *LogManager::SetProvider(Logging::kComponentProvider);
@@ -116,7 +116,7 @@ void Deliver(const DeliveryKind& kind, const std::wstring& request, std::uint32_
   }
 }
 
-winrt::hresult StatusOf(const std::exception& error) {
+std::int32_t StatusOf(const std::exception& error) {
   const auto* system = dynamic_cast<const std::system_error*>(&error);
   return system != nullptr ? system->code().value() : kUnspecified;
 }

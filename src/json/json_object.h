@@ -13,9 +13,9 @@
 namespace Vx::Json {
 
 // The codes of the Windows Runtime's own JSON layer, which clients of this one know.
-inline constexpr auto kInvalidJsonString = static_cast<winrt::hresult>(0x83750007);
-inline constexpr auto kJsonValueNotFound = static_cast<winrt::hresult>(0x83750009);
-inline constexpr auto kIllegalMethodCall = static_cast<winrt::hresult>(0x8000000E);
+inline constexpr auto kInvalidJsonString = static_cast<std::int32_t>(0x83750007);
+inline constexpr auto kJsonValueNotFound = static_cast<std::int32_t>(0x83750009);
+inline constexpr auto kIllegalMethodCall = static_cast<std::int32_t>(0x8000000E);
 
 enum class JsonKind : std::uint8_t { Null, Boolean, Number, String, Array, Object };
 
@@ -35,7 +35,8 @@ class JsonValue {
   // writer's one spelling.
   std::wstring Text() const;
 
-  // Each throws winrt::hresult_error with kIllegalMethodCall when the value is of another kind.
+  // Each throws winrt::hresult_error with kIllegalMethodCall when the value is of another
+  // kind.
   std::wstring AsString() const;
   double AsNumber() const;
   bool AsBoolean() const;
@@ -105,8 +106,8 @@ class JsonObject {
 // A JSON array, walked from the front. Copies share one immutable text.
 class JsonArray {
  public:
-  // Throws winrt::hresult_error with kInvalidJsonString when `text` is not valid JSON or not an
-  // array. Elements may nest as deep as a text of their own.
+  // Throws winrt::hresult_error with kInvalidJsonString when `text` is not valid JSON or
+  // not an array. Elements may nest as deep as a text of their own.
   static JsonArray Parse(std::wstring_view text);
 
   // An iterator good for a range-for loop.

@@ -1,8 +1,9 @@
+#include "launch/text_decoding.h"
+
 #include <cstdint>
 #include <string_view>
 
 #include "json/utf8.h"
-#include "launch/text_files.h"
 
 namespace Vx::Tessel::Server::Services::Orvane {
 

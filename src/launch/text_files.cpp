@@ -6,6 +6,7 @@
 #include <span>
 #include <utility>
 
+#include "launch/text_decoding.h"
 #include "platform/files.h"
 #include "platform/machine.h"
 

@@ -1,8 +1,6 @@
 #pragma once
 
 #include <cstddef>
-#include <optional>
-#include <span>
 #include <string>
 
 #include "host/logging.h"
@@ -11,10 +9,6 @@ namespace Vx::Tessel::Server::Services::Orvane {
 
 // No file that is read whole here is larger.
 inline constexpr std::size_t kMaxTextFile = std::size_t{16} * 1024 * 1024;  // bytes
-
-// The text of a file whose byte-order mark says how it is encoded: UTF-8, or UTF-16 of either byte
-// order. Nothing without such a mark; half a unit at the end is dropped.
-std::optional<std::wstring> DecodeText(std::span<const std::byte> content);
 
 // The text of a file as DecodeText has it. Empty, and logged, when it has no mark; empty when it
 // cannot be read. `caller` is who the log lines are about.

@@ -33,8 +33,8 @@ constexpr wchar_t kRegisterFailed[] =
 
 constexpr wchar_t kStoredAlready[] = L"the same subscription, the delay apart, is stored already";
 
-constexpr auto kFail = static_cast<winrt::hresult>(0x80004005);
-constexpr auto kOutOfMemory = static_cast<winrt::hresult>(0x8007000E);
+constexpr auto kFail = static_cast<std::int32_t>(0x80004005);
+constexpr auto kOutOfMemory = static_cast<std::int32_t>(0x8007000E);
 
 std::wstring TextOf(const std::optional<Storage::BsonView>& value) {
   return value ? value->AsWideText().value_or(std::wstring()) : std::wstring();

@@ -18,7 +18,7 @@ class CapDataStore;
 namespace Vx::Tessel::Server::Services::Orvane {
 
 // The code of the error that refuses a request which is stored already.
-inline constexpr winrt::hresult kAlreadySubscribed = 1;
+inline constexpr std::int32_t kAlreadySubscribed = 1;
 
 // The list of subscription requests under one key of the shared store: a JSON array whose elements
 // are the clients' own request objects. Made for one operation on one thread; several may exist.
@@ -29,7 +29,8 @@ inline constexpr winrt::hresult kAlreadySubscribed = 1;
 // the client's tokens without the white space between them.
 class RequestManager {
  public:
-  // Called with a stored request's text. May throw winrt::hresult_error or a standard exception.
+  // Called with a stored request's text. May throw winrt::hresult_error or a standard
+  // exception.
   using Handler = std::function<void(const std::wstring& request)>;
   using ErrorCallback =
       std::function<void(const std::wstring& request, const winrt::hresult_error& error)>;
@@ -41,9 +42,9 @@ class RequestManager {
   RequestManager& operator=(const RequestManager&) = delete;
   ~RequestManager();
 
-  // Adds a request. Throws winrt::hresult_error with kAlreadySubscribed when an equal one (delay
-  // apart) is stored, and the JSON layer's error when the text is not a JSON object or the stored
-  // list cannot be read. Store failures are logged.
+  // Adds a request. Throws winrt::hresult_error with kAlreadySubscribed when an equal one
+  // (delay apart) is stored, and the JSON layer's error when the text is not a JSON object or the
+  // stored list cannot be read. Store failures are logged.
   void PersistRequest(std::wstring_view request);
 
   // Removes the first stored request with exactly this text; nothing when there is none. Throws the

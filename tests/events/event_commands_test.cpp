@@ -27,7 +27,7 @@ using testing::Each;
 using testing::StartsWith;
 
 // 0, or the code that building the command throws.
-winrt::hresult Building(std::uint32_t action, const std::wstring& parameters) {
+std::int32_t Building(std::uint32_t action, const std::wstring& parameters) {
   try {
     return CreateEventCommand(static_cast<EventAction>(action), JsonObject::Parse(parameters)) ? 0
                                                                                                : -1;
@@ -47,7 +47,7 @@ TEST(CreateEventCommand, InsistsOnItsRequiredKeys) {
   constexpr std::int32_t kWrongType = Json::kIllegalMethodCall;
   static constexpr struct {
     std::uint32_t action;
-    winrt::hresult result;
+    std::int32_t result;
     const wchar_t* parameters;
   } kCases[] = {
       {1, 0, LR"({"path":"C:\\a.exe"})"},

@@ -74,7 +74,7 @@ class PackageEventTest : public Tests::StoreTest {
   ~PackageEventTest() override { Manager::clear_events(); }
 
   // 0, or the code that it throws.
-  winrt::hresult Register(const std::wstring& request) {
+  std::int32_t Register(const std::wstring& request) {
     try {
       Manager::register_event(request,
                               [this](const std::wstring& text) { completed.push_back(text); });
@@ -101,7 +101,7 @@ class PackageEventTest : public Tests::StoreTest {
 
 TEST_F(PackageEventTest, OpensTheCatalogAsTheConsoleUserUnlessItIsRefused) {
   const struct {
-    winrt::hresult result;
+    std::int32_t result;
     std::wstring request;
     const char* failing = "";
   } cases[] = {

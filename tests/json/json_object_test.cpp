@@ -16,7 +16,7 @@ namespace {
 using ::testing::ElementsAre;
 
 // The code that `call` throws; zero when it throws nothing.
-winrt::hresult CodeOf(const std::function<void()>& call) {
+std::int32_t CodeOf(const std::function<void()>& call) {
   try {
     call();
     return 0;

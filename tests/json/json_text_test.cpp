@@ -28,7 +28,7 @@ bool IsValid(const std::wstring& text) {
 void ExpectValid(const std::wstring& text, bool valid) {
   SCOPED_TRACE(testing::PrintToString(text.substr(0, 60)));
   EXPECT_EQ(IsValid(text), valid);
-  winrt::hresult code = 0;
+  std::int32_t code = 0;
   try {
     JsonObject::Parse(L"{\"v\":" + text + L"}");
   } catch (const winrt::hresult_error& error) {

@@ -9,7 +9,7 @@
 #include <string_view>
 #include <vector>
 
-#include "launch/text_files.h"
+#include "launch/text_decoding.h"
 
 namespace Vx::Tessel::Server::Services::Orvane {
 

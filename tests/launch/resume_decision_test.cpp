@@ -143,28 +143,5 @@ TEST(ResumeDecisionTest, ExplainsEachAnswerAndTheRule) {
           L"starting point: 2"));
 }
 
-TEST(RegistrationStateTest, OnlyTheWholeTextMapsToAState) {
-  static constexpr struct {
-    std::string_view text;
-    State state;
-  } kCases[] = {
-      {"yes", State::Yes},
-      {"no", State::No},
-      {"skipped_uwp", State::No},
-      {"skipped_oobe", State::SkippedOobe},
-      {"pending_oobe", State::Pending},
-      {"pending_uwp", State::Pending},
-      {"not_set", State::Unknown},
-      {"", State::Unknown},
-      {"Skipped_OOBE", State::Unknown},
-      {"skipped_oobe ", State::Unknown},
-      {std::string_view("yes\0", 4), State::Unknown},
-  };
-  for (const auto& c : kCases) {
-    SCOPED_TRACE(c.text);
-    EXPECT_EQ(RegistrationHelper::MapValueToState(c.text), c.state);
-  }
-}
-
 }  // namespace
 }  // namespace Vx::Tessel::Server::Services::Orvane::Qubo

@@ -15,20 +15,21 @@ set(cases
   "src/service/b.cpp|  clock->Sleep(length)|"
   "src/service/c.cpp|  // std::thread loses its callable, CloseHandle(x)|"
   "src/service/d.cpp|  LoadLibraryExW(path, nullptr, 0)|"
-  "host/a.cpp|#include \"platform/unique_handle.h\"|"
-  "host/vxhost/a.cpp|#include <CLI/CLI.hpp>|"
+  "src/module/main.cpp|BOOL WINAPI DllMain(x)|"
+  "standins/a.cpp|#include \"platform/x.h\"|"
+  "vxhost/a.cpp|#include <CLI/CLI.hpp>|"
   "simulator/a.h|#include \"platform/clock.h\"|"
   "src/storage/e.cpp|#include \"service/x.h\"|may not include service"
   "src/launch/e.cpp|#include \"events/x.h\"|may not include events"
   "src/bod/e.cpp|  #  include \"launch/x.h\"|may not include launch"
   "src/platform/e.cpp|#include \"json/x.h\"|may not include json"
-  "src/json/e.cpp|#include \"platform/files.h\"|platform's errors alone"
-  "src/service/e.cpp|#include \"host/winrt_owners.h\"|no contract header"
-  "src/service/f.cpp|#include \"host/vxhost/text.h\"|may not include vxhost"
+  "src/json/e.cpp|#include \"storage/e.h\"|may not include storage"
+  "src/service/e.cpp|#include \"service/x.h\"|does not begin with a header named e.h"
+  "src/service/f.cpp|#include \"vxhost/text.h\"|may not include vxhost"
   "src/service/g.cpp|#include \"simulator/x.h\"|may not include simulator"
   "src/service/h.cpp|#include \"x.h\"|in no folder of the project"
   "src/service/i.cpp|#include <windows.h>|Windows stops at platform"
-  "src/bod/f.h|#include <wbemcli.h>|Windows stops at platform"
+  "src/launch/f.h|#include <wbemcli.h>|Windows stops at platform"
   "src/service/j.cpp|#include <rapidjson/document.h>|JSON stops at json"
   "src/service/k.cpp|#include <fstream>|no place in the module"
   "src/service/l.cpp|  if (x) CloseHandle(handle)|closed by its owner"
@@ -37,9 +38,9 @@ set(cases
   "src/service/o.cpp|  WaitForSingleObject(x, 1)|through the clock"
   "src/service/p.cpp|  ::Sleep(1)|through the clock"
   "src/platform/f.cpp|  LoadLibraryW(name)|full path"
-  "src/new/a.cpp|int x|without rules"
-  "host/e.h|#include \"platform/unique_handle.h\"|host is below platform"
-  "host/f.cpp|#include \"platform/files.h\"|host is below platform"
+  "src/new/a.h|int x|without rules"
+  "host/e.h|#include \"platform/unique_handle.h\"|host may not include platform"
+  "standins/e.h|#include \"service/x.h\"|standins may not include service"
   "simulator/e.cpp|#include \"service/x.h\"|may not include service")
 
 file(REMOVE_RECURSE ${SCRATCH})
@@ -47,7 +48,14 @@ foreach(case IN LISTS cases)
   string(REPLACE "|" ";" fields "${case}")
   list(GET fields 0 file)
   list(GET fields 1 line)
-  file(WRITE ${SCRATCH}/${file} "\n${line}\n")
+  list(GET fields 2 expected)
+  # Only the cases about names show how a source begins; the others begin as they should.
+  get_filename_component(stem ${file} NAME_WE)
+  set(first "#include \"host/${stem}.h\"\n")
+  if(file MATCHES "\\.h$" OR expected MATCHES "begin with")
+    set(first "")
+  endif()
+  file(WRITE ${SCRATCH}/${file} "\n${first}${line}\n")
 endforeach()
 check_layers(${SCRATCH} complaints)
 

@@ -1,34 +1,29 @@
-# check_layers(ROOT RESULT): reads every source of src/, host/ and simulator/ below ROOT and puts a
-# list of "file: what is wrong" into RESULT. The rules are those of ARCHITECTURE.md.
+# check_layers(ROOT RESULT): reads every source of src/, host/, standins/, vxhost/ and simulator/ below
+# ROOT and puts a list of "file: what is wrong" into RESULT. The rules are those of ARCHITECTURE.md.
 
-# A layer is a folder of src/, or host, vxhost or simulator. Each may include itself and these.
-set(below_data json platform host)
-set(below_manager storage security packages ${below_data})
-set(may_include_module service events launch bod ${below_manager})
-set(may_include_service events launch bod ${below_manager})
-set(may_include_events launch ${below_manager})
-set(may_include_launch ${below_manager})
-set(may_include_bod ${below_manager})
-set(may_include_storage ${below_data})
-set(may_include_security ${below_data})
-set(may_include_packages ${below_data})
-set(may_include_json platform host)
-set(may_include_platform host)
+set(folders src host standins vxhost simulator)
+
+# A layer is a folder of src/, or one of the other folders. Each may include itself and these.
+set(below_managers json platform host)
+set(below_service storage security packages ${below_managers})
 set(may_include_host "")
-set(may_include_simulator platform)
-set(any_layer
-  module service events launch bod storage security packages json platform host vxhost simulator)
+set(may_include_platform host)
+set(may_include_json platform host)
+set(may_include_storage ${below_managers})
+set(may_include_security ${below_managers})
+set(may_include_packages ${below_managers})
+set(may_include_launch ${below_service})
+set(may_include_bod ${below_service})
+set(may_include_events launch ${below_service})
+set(may_include_service events launch bod ${below_service})
+set(may_include_module service ${may_include_service})
+set(may_include_standins platform host)
+set(may_include_simulator platform host)
+set(any_layer module standins simulator vxhost ${may_include_module})
 set(may_include_vxhost ${any_layer})
 
-# What src/ may see of host/. The rest belongs to the stand-ins; one of their headers is shared with
-# the platform, which speaks to the same runtime.
-set(contract_headers
-  host/app_service_proxy.h host/completion_callback.h host/cryptography_helper.h host/logging.h
-  host/uwp_package_model.h host/vx_service.h)
-set(shared_with_platform host/com_ptr.h host/winrt_owners.h)
-# What the layers at the bottom may see of their upper neighbours.
-set(platform_for_json platform/hresult_error.h)
-set(platform_for_host platform/unique_handle.h)
+# The layers that speak to Windows. bod calls the interfaces of WMI itself, module holds DllMain.
+set(windows_layers platform bod module standins simulator)
 
 # These make the module large or bring what this runtime gets wrong.
 set(barred_headers "^(iostream|fstream|sstream|filesystem|regex|locale|thread|future|format)$")
@@ -39,49 +34,30 @@ set(barred_words
   "[^A-Za-z0-9_]thread_local[^A-Za-z0-9_]|^$|a thread's value lives in a TlsAlloc slot"
   "std::j?thread[^A-Za-z0-9_]|^$|threads are started by Platform::Thread"
   "std::async[^A-Za-z0-9_]|^$|threads are started by Platform::Thread"
-  "[^A-Za-z0-9_]WaitFor(Single|Multiple)Objects?(Ex)? *\\(|^(src/platform|simulator|host/vxhost)/|waiting goes through the clock"
-  "[^A-Za-z0-9_>.]Sleep(Ex)? *\\(|^(src/platform|simulator|host/vxhost)/|waiting goes through the clock"
+  "[^A-Za-z0-9_]WaitFor(Single|Multiple)Objects?(Ex)? *\\(|^(src/platform|simulator|vxhost)/|waiting goes through the clock"
+  "[^A-Za-z0-9_>.]Sleep(Ex)? *\\(|^(src/platform|simulator|vxhost)/|waiting goes through the clock"
   "[^A-Za-z0-9_]LoadLibrary[AW]? *\\(|^$|a library is loaded from its full path")
 
 function(layer_of path result)
-  if(path MATCHES "^src/([^/]+)/")
-    set(${result} ${CMAKE_MATCH_1} PARENT_SCOPE)
-  elseif(path MATCHES "^(host/)?(vxhost|host|simulator)/")
+  set(${result} "" PARENT_SCOPE)
+  if(path MATCHES "^(src/)?([^/]+)/")
     set(${result} ${CMAKE_MATCH_2} PARENT_SCOPE)
-  else()
-    set(${result} unknown PARENT_SCOPE)
   endif()
 endfunction()
 
-# Puts into RESULT why FILE, of LAYER, may not include "INCLUDED"; empty when it may.
-function(judge_own_include layer file included result)
+# Puts into RESULT why a source of LAYER may not include "INCLUDED"; empty when it may.
+function(judge_own_include layer included result)
   set(${result} "" PARENT_SCOPE)
   layer_of(${included} target)
-  if(target STREQUAL "unknown")
-    layer_of(src/${included} target)
-  endif()
   if(NOT target IN_LIST any_layer)
     set(${result} "includes ${included}, which is in no folder of the project" PARENT_SCOPE)
-  elseif(target STREQUAL layer OR layer STREQUAL "vxhost")
-    return()
-  elseif(layer STREQUAL "host" AND target STREQUAL "platform")
-    # The contract headers are below everything; only the stand-ins behind them use an owner.
-    if(file MATCHES "\\.h$" OR NOT included IN_LIST platform_for_host)
-      set(${result} "includes ${included}, but host is below platform" PARENT_SCOPE)
-    endif()
-  elseif(NOT target IN_LIST may_include_${layer})
+  elseif(NOT target STREQUAL layer AND NOT target IN_LIST may_include_${layer})
     set(${result} "includes ${included}, but ${layer} may not include ${target}" PARENT_SCOPE)
-  elseif(target STREQUAL "host" AND NOT included IN_LIST contract_headers
-      AND NOT (layer STREQUAL "platform" AND included IN_LIST shared_with_platform))
-    set(${result} "includes ${included}, which is no contract header" PARENT_SCOPE)
-  elseif(layer STREQUAL "json" AND target STREQUAL "platform"
-      AND NOT included IN_LIST platform_for_json)
-    set(${result} "includes ${included}, but json may have platform's errors alone" PARENT_SCOPE)
   endif()
 endfunction()
 
 # The same for <INCLUDED>. Headers of the system and of C end in .h; those of C++ do not.
-function(judge_foreign_include layer file included result)
+function(judge_foreign_include layer included result)
   set(${result} "" PARENT_SCOPE)
   if(layer STREQUAL "vxhost")
     return()
@@ -92,13 +68,24 @@ function(judge_foreign_include layer file included result)
   elseif(included MATCHES "/")
     set(${result} "includes <${included}>, a library that only vxhost uses" PARENT_SCOPE)
   elseif(included MATCHES "\\.h$")
-    # The firmware channel calls COM interfaces itself; module holds DllMain.
-    if(NOT layer MATCHES "^(platform|host|simulator)$"
-        AND NOT (layer MATCHES "^(bod|module)$" AND file MATCHES "\\.cpp$"))
+    if(NOT layer IN_LIST windows_layers)
       set(${result} "includes <${included}>, but Windows stops at platform" PARENT_SCOPE)
     endif()
   elseif(included MATCHES "${barred_headers}")
     set(${result} "includes <${included}>, which has no place in the module" PARENT_SCOPE)
+  endif()
+endfunction()
+
+# A reader finds the source of X.h by its name: X.cpp begins with a header of that name, unless it is
+# the entry point of a program or library.
+function(judge_name file content includes result)
+  set(${result} "" PARENT_SCOPE)
+  if(content MATCHES "[ :](wmain|main|DllMain)\\(" OR NOT file MATCHES "([^/]+)\\.cpp$")
+    return()
+  endif()
+  set(stem ${CMAKE_MATCH_1})
+  if(NOT includes MATCHES "^[^<>\";]*\"([^\";]*/)?${stem}\\.h(;|$)")
+    set(${result} "does not begin with a header named ${stem}.h" PARENT_SCOPE)
   endif()
 endfunction()
 
@@ -110,12 +97,16 @@ function(judge_file file content result)
     list(APPEND complaints "${file}: lies in a folder without rules")
   endif()
   string(REGEX MATCHALL "\n[ \t]*#[ \t]*include[ \t]*[<\"][^>\"\n]+" includes "${content}")
+  judge_name(${file} "${content}" "${includes}" complaint)
+  if(complaint)
+    list(APPEND complaints "${file}: ${complaint}")
+  endif()
   foreach(line IN LISTS includes)
     string(REGEX REPLACE ".*[<\"]" "" included "${line}")
     if(line MATCHES "<")
-      judge_foreign_include(${layer} ${file} ${included} complaint)
+      judge_foreign_include(${layer} ${included} complaint)
     else()
-      judge_own_include(${layer} ${file} ${included} complaint)
+      judge_own_include(${layer} ${included} complaint)
     endif()
     if(complaint)
       list(APPEND complaints "${file}: ${complaint}")
@@ -140,7 +131,7 @@ endfunction()
 
 function(check_layers root result)
   set(complaints "")
-  foreach(folder IN ITEMS src host simulator)
+  foreach(folder IN LISTS folders)
     file(GLOB_RECURSE files RELATIVE ${root}
       ${root}/${folder}/*.h ${root}/${folder}/*.cpp ${root}/${folder}/*.c)
     foreach(file IN LISTS files)

@@ -45,7 +45,7 @@ class RequestManagerTest : public testing::Test {
   }
 
   // The code that adding `request` throws; zero when it throws nothing.
-  static winrt::hresult Persist(std::wstring_view request) {
+  static std::int32_t Persist(std::wstring_view request) {
     try {
       Manager().PersistRequest(request);
       return 0;
@@ -83,7 +83,7 @@ TEST_F(RequestManagerTest, KeepsAListOfWhatWasAddedAndNotTakenAway) {
 TEST_F(RequestManagerTest, ReplaysObjectsInOrderPastEverythingThatFails) {
   Plant(L"[{\"n\":1}, 5, {\"n\":2}, {\"n\":3}, {\"n\":4}, {\"n\":5}]");
   std::wstring seen;
-  std::vector<std::pair<std::wstring, winrt::hresult>> failed;
+  std::vector<std::pair<std::wstring, std::int32_t>> failed;
   Manager().RegisterExistingRequests(
       [&](const std::wstring& request) {
         seen += request;

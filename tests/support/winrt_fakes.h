@@ -10,8 +10,8 @@
 #include <string>
 #include <vector>
 
-#include "host/winrt_owners.h"
 #include "platform/hresult_error.h"
+#include "platform/winrt/winrt_owners.h"
 
 namespace Vx::Tests {
 

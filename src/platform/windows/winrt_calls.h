@@ -2,8 +2,8 @@
 
 #include <string_view>
 
-#include "host/winrt_owners.h"
 #include "platform/hresult_error.h"
+#include "platform/winrt/winrt_owners.h"
 
 // The Windows Runtime calls of this folder, with failures as winrt::hresult_error. The message
 // names the call, for the code alone does not tell which of several steps refused.

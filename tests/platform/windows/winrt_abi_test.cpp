@@ -1,10 +1,10 @@
-#include "host/winrt_abi.h"
+#include "platform/winrt/winrt_abi.h"
 
 #include <cstring>
 #include <vector>
 
 #include "gmock/gmock.h"
-#include "host/winrt_owners.h"
+#include "platform/winrt/winrt_owners.h"
 
 namespace Vx::Abi {
 namespace {

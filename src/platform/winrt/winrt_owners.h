@@ -1,0 +1,151 @@
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <utility>
+
+#include "platform/com_ptr.h"
+#include "platform/winrt/winrt_abi.h"
+
+namespace Vx::Abi {
+
+using Platform::ComPtr;
+
+// Asks `object` for another of its interfaces.
+template <typename From, typename To>
+HRESULT Query(const ComPtr<From>& object, ComPtr<To>& other) noexcept {
+  return object->QueryInterface(IidOf<To>(), reinterpret_cast<void**>(other.Receive()));
+}
+
+// Owns a Windows Runtime string. A null HSTRING is the empty text, not an error.
+class HString {
+ public:
+  HString() = default;
+  HString(HString&& other) noexcept : handle(std::exchange(other.handle, nullptr)) {}
+  HString& operator=(HString&& other) noexcept {
+    std::swap(handle, other.handle);
+    return *this;
+  }
+  ~HString() { WindowsDeleteString(handle); }
+
+  // Becomes a copy of `text`, or stays as it is on failure.
+  HRESULT Assign(std::wstring_view text) noexcept {
+    HSTRING copy = nullptr;
+    const HRESULT result =
+        WindowsCreateString(text.data(), static_cast<std::uint32_t>(text.size()), &copy);
+    if (SUCCEEDED(result)) WindowsDeleteString(std::exchange(handle, copy));
+    return result;
+  }
+
+  HSTRING* Receive() noexcept {
+    WindowsDeleteString(std::exchange(handle, nullptr));
+    return &handle;
+  }
+
+  HSTRING Get() const noexcept { return handle; }
+
+  // Lives as long as this object keeps the string.
+  std::wstring_view View() const noexcept {
+    std::uint32_t length = 0;
+    const wchar_t* text = WindowsGetStringRawBuffer(handle, &length);
+    return {text, length};
+  }
+
+ private:
+  HSTRING handle = nullptr;
+};
+
+// The calling thread in the multithreaded apartment for the life of this object. A thread that is
+// in another apartment already stays there, and is then not taken out of it at the end.
+class Apartment {
+ public:
+  Apartment() noexcept : result(RoInitialize(RO_INIT_MULTITHREADED)) {}
+  Apartment(const Apartment&) = delete;
+  Apartment& operator=(const Apartment&) = delete;
+  ~Apartment() {
+    if (SUCCEEDED(result)) RoUninitialize();
+  }
+
+  // What the thread was told; S_OK for one that was in another apartment before.
+  HRESULT Result() const noexcept { return result == RPC_E_CHANGED_MODE ? S_OK : result; }
+
+ private:
+  HRESULT result;
+};
+
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wnon-virtual-dtor"  // the base's slots are Windows' to decide
+
+// A delegate that runs `callable(sender, argument)`, which answers an HRESULT and does not throw.
+// Called on whatever thread the system likes (it says that it is agile, so nothing is marshalled).
+// The callable dies with the last reference, which the system may hold longer than the maker.
+template <typename Interface, typename Callable>
+class Delegate final : public Interface {
+ public:
+  explicit Delegate(Callable body) : callable(std::move(body)) {}
+
+  HRESULT STDMETHODCALLTYPE QueryInterface(REFIID iid, void** object) noexcept override {
+    if (object == nullptr) return E_POINTER;
+    *object = nullptr;
+    if (iid != IidOf<IUnknown>() && iid != IidOf<Interface>() && iid != IidOf<IAgileObject>()) {
+      return E_NOINTERFACE;
+    }
+    AddRef();
+    *object = static_cast<Interface*>(this);
+    return S_OK;
+  }
+
+  ULONG STDMETHODCALLTYPE AddRef() noexcept override {
+    return references.fetch_add(1, std::memory_order_relaxed) + 1;
+  }
+
+  ULONG STDMETHODCALLTYPE Release() noexcept override {
+    const ULONG left = references.fetch_sub(1, std::memory_order_acq_rel) - 1;
+    if (left == 0) delete this;
+    return left;
+  }
+
+  HRESULT STDMETHODCALLTYPE Invoke(typename Interface::Sender sender,
+                                   typename Interface::Argument argument) noexcept override {
+    return callable(sender, argument);
+  }
+
+ private:
+  ~Delegate() = default;
+
+  std::atomic<ULONG> references{1};
+  Callable callable;
+};
+
+#pragma GCC diagnostic pop
+
+// A new delegate with one reference, the result's.
+template <typename Interface, typename Callable>
+ComPtr<Interface> MakeDelegate(Callable callable) {
+  return ComPtr<Interface>(new Delegate<Interface, Callable>(std::move(callable)));
+}
+
+// Makes an object of a class that needs no arguments and asks it for T.
+template <typename T>
+HRESULT Activate(const wchar_t* className, ComPtr<T>& object) noexcept {
+  HString name;
+  HRESULT result = name.Assign(className);
+  ComPtr<IInspectable> made;
+  if (SUCCEEDED(result)) result = RoActivateInstance(name.Get(), made.Receive());
+  if (FAILED(result)) return result;
+  return made ? Query(made, object) : E_UNEXPECTED;
+}
+
+// The static members of a class.
+template <typename T>
+HRESULT GetFactory(const wchar_t* className, ComPtr<T>& factory) noexcept {
+  HString name;
+  const HRESULT result = name.Assign(className);
+  if (FAILED(result)) return result;
+  return RoGetActivationFactory(name.Get(), IidOf<T>(),
+                                reinterpret_cast<void**>(factory.Receive()));
+}
+
+}  // namespace Vx::Abi

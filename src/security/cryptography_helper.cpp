@@ -1,0 +1,106 @@
+#include "host/cryptography_helper.h"
+
+#include <cstdlib>
+#include <cstring>
+#include <limits>
+#include <new>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "platform/cryptography_helper.h"
+
+namespace Vx::Tessel::Security {
+
+namespace {
+
+// Win32 error codes.
+constexpr std::uint32_t kSuccess = 0;
+constexpr std::uint32_t kNotEnoughMemory = 8;
+constexpr std::uint32_t kGeneralFailure = 31;
+constexpr std::uint32_t kInvalidParameter = 87;
+constexpr std::size_t kDigestSize = 32;
+
+using Bytes = Platform::Result<std::vector<std::byte>>;
+
+std::span<const std::byte> Input(const void* data, std::uint32_t size) {
+  return {static_cast<const std::byte*>(data), size};
+}
+
+// Hands `bytes` over in a block of this module's own heap, which slot 4 frees.
+std::uint32_t HandOver(const Bytes& bytes, void** result, std::uint32_t* resultSize) {
+  if (!bytes) return bytes.Error();
+  if (bytes->size() > std::numeric_limits<std::uint32_t>::max()) return kNotEnoughMemory;
+  // One byte more, so that empty data is a block like any other and not a null pointer.
+  void* block = std::malloc(bytes->size() + 1);
+  if (block == nullptr) return kNotEnoughMemory;
+  if (!bytes->empty()) std::memcpy(block, bytes->data(), bytes->size());
+  *result = block;
+  *resultSize = static_cast<std::uint32_t>(bytes->size());
+  return kSuccess;
+}
+
+// The boundary of every slot: nothing thrown may reach the host's compiler.
+template <typename Work>
+std::uint32_t Answer(Work&& work) noexcept {
+  try {
+    return work();
+  } catch (const std::bad_alloc&) {
+    return kNotEnoughMemory;
+  } catch (...) {
+    return kGeneralFailure;
+  }
+}
+
+class ExportedHelper final : public Server::Services::VxCryptographyHelper {
+ public:
+  void* Destroy(unsigned flags) override {
+    void* address = this;
+    if ((flags & 1U) != 0) {
+      delete this;
+    } else {
+      this->~ExportedHelper();
+    }
+    return address;
+  }
+
+  std::uint32_t Protect(const void* plain, std::uint32_t size, const wchar_t* description,
+                        void** result, std::uint32_t* resultSize) override {
+    if (plain == nullptr || result == nullptr || resultSize == nullptr) return kInvalidParameter;
+    return Answer([&] {
+      const std::wstring text = description == nullptr ? L"" : description;
+      return HandOver(helper.Protect(Input(plain, size), text), result, resultSize);
+    });
+  }
+
+  std::uint32_t Unprotect(const void* sealed, std::uint32_t size, void** result,
+                          std::uint32_t* resultSize) override {
+    if (sealed == nullptr || result == nullptr || resultSize == nullptr) return kInvalidParameter;
+    return Answer(
+        [&] { return HandOver(helper.Unprotect(Input(sealed, size)), result, resultSize); });
+  }
+
+  std::uint32_t FileSha256(const wchar_t* path, unsigned char* digest) override {
+    if (path == nullptr || digest == nullptr) return kInvalidParameter;
+    return Answer([&]() -> std::uint32_t {
+      const Bytes sum = helper.FileSha256(path);
+      if (!sum) return sum.Error();
+      if (sum->size() != kDigestSize) return kGeneralFailure;
+      std::memcpy(digest, sum->data(), kDigestSize);
+      return kSuccess;
+    });
+  }
+
+  void FreeResult(void* result) override { std::free(result); }
+
+ private:
+  Platform::CryptographyHelper helper;
+};
+
+}  // namespace
+
+}  // namespace Vx::Tessel::Security
+
+extern "C" Vx::Tessel::Server::Services::VxCryptographyHelper* CreateCryptographyHelper() {
+  return new (std::nothrow) Vx::Tessel::Security::ExportedHelper;
+}

@@ -1,0 +1,87 @@
+#include "standins/app_service_exchange.h"
+
+#include <chrono>
+#include <string>
+#include <thread>
+
+#include "gmock/gmock.h"
+#include "host/app_service_proxy.h"
+#include "support/winrt_fakes.h"
+
+namespace Vx::Tessel::Server::TesselCommunication {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+using ::testing::Pair;
+using namespace std::chrono_literals;
+
+class AppServiceExchangeTest : public Tests::RuntimeTest {
+ protected:
+  static std::pair<int, std::wstring> Exchange(std::chrono::milliseconds limit = 10s) {
+    return ExchangeWithAppService(L"Some.App_0123", L"Some.Service", L"question", limit);
+  }
+};
+
+TEST_F(AppServiceExchangeTest, SendsEachTextOfAProxyAndAnswersTheReply) {
+  AppServiceProxySDK proxy(L"Some.App_0123", L"Some.Service");
+  EXPECT_THAT(proxy.send_message(L"one"), Pair(0, L"understood"));
+  EXPECT_THAT(proxy.send_message(L"two"), Pair(0, L"understood"));
+  EXPECT_EQ(openedServices, std::vector(2, std::wstring(L"Some.App_0123!Some.Service")));
+  EXPECT_THAT(messages, ElementsAre(L"one", L"two"));
+  EXPECT_EQ(closed, 2);
+}
+
+TEST_F(AppServiceExchangeTest, AnswersAnEmptyTextWhenTheReplyHasNone) {
+  replyIsNumber = true;
+  EXPECT_THAT(Exchange(), Pair(0, L""));
+  reply.reset();
+  EXPECT_THAT(Exchange(), Pair(0, L""));
+}
+
+TEST_F(AppServiceExchangeTest, TellsARefusedConnectionFromARefusedMessage) {
+  responseStatus = 1;
+  EXPECT_THAT(Exchange(), Pair(kResponseStatusBase + 1, L""));
+  messages.clear();
+  connectionStatus = 1;
+  EXPECT_THAT(Exchange(), Pair(1, L""));
+  EXPECT_THAT(messages, IsEmpty());
+  EXPECT_EQ(closed, 2);
+}
+
+TEST_F(AppServiceExchangeTest, AnswersTheErrorOfAnOperationThatFailed) {
+  for (const HRESULT error : {E_ACCESSDENIED, S_OK}) {
+    opening = {.status = Abi::AsyncStatus::Error, .error = error};
+    EXPECT_THAT(Exchange(), Pair(error == S_OK ? E_FAIL : error, L""));
+  }
+  opening = {.status = Abi::AsyncStatus::Canceled};
+  EXPECT_THAT(Exchange(), Pair(E_FAIL, L""));
+}
+
+TEST_F(AppServiceExchangeTest, WaitsForAnAppThatTakesItsTime) {
+  opening.onRequest = true;
+  replying.onRequest = true;
+  std::thread app([this] { CompletePendingOnes(2); });
+  EXPECT_THAT(Exchange(), Pair(0, L"understood"));
+  app.join();
+}
+
+TEST_F(AppServiceExchangeTest, GivesUpOnAnAppThatNeverAnswers) {
+  replying.onRequest = true;
+  EXPECT_THAT(Exchange(1ms), Pair(HRESULT_FROM_WIN32(ERROR_TIMEOUT), L""));
+  EXPECT_EQ(cancelled, 1);
+  EXPECT_EQ(closed, 1);
+  EXPECT_TRUE(CompletePending()) << "its answer finds nobody, and does no harm";
+}
+
+TEST_F(AppServiceExchangeTest, AnswersTheFailureOfEachStep) {
+  ExpectEachFailureTold(15, [] { return Exchange().first; });
+}
+
+TEST(AppServiceExchangeWithoutRuntimeTest, AnswersThatThereAreNoAppServices) {
+  EXPECT_THAT(ExchangeWithAppService(L"Some.App_0123", L"Some.Service", L"", 1ms),
+              Pair(REGDB_E_CLASSNOTREG, L""));
+}
+
+}  // namespace
+}  // namespace Vx::Tessel::Server::TesselCommunication

@@ -1,0 +1,57 @@
+#include "vxhost/loaded_module.h"
+
+#include <stdexcept>
+
+#include <windows.h>
+
+#include "vxhost/text.h"
+
+namespace Vx::Host {
+
+using Tessel::Server::Services::ClientContext;
+
+namespace {
+
+std::string LoadFailure(const std::wstring& path, DWORD error) {
+  return "cannot load " + Utf8(path) + " (error " + std::to_string(error) +
+         "); build it with scripts/build, or name it with --dll";
+}
+
+}  // namespace
+
+Answer ServiceSession::Execute(std::uint32_t id, const std::wstring& request,
+                               const std::wstring& caller) {
+  ClientContext* context = nullptr;
+  service->CreateClientContext(caller.c_str(), &context);
+  Answer answer;
+  wchar_t* response = nullptr;
+  answer.code = service->ExecuteCommand(context, id, request.c_str(), &response, nullptr);
+  if (response != nullptr) answer.text = response;
+  service->FreeResponse(response);
+  service->ReleaseClientContext(&context);
+  return answer;
+}
+
+void LoadedModule::Unloader::operator()(void* loaded) const noexcept {
+  FreeLibrary(static_cast<HMODULE>(loaded));
+}
+
+LoadedModule::LoadedModule(const std::wstring& fullPath)
+    : module(LoadLibraryExW(fullPath.c_str(), nullptr, LOAD_LIBRARY_SEARCH_SYSTEM32)) {
+  if (module == nullptr) throw std::runtime_error(LoadFailure(fullPath, GetLastError()));
+  factory = reinterpret_cast<Tessel::Server::Services::CreateServiceFunction>(
+      reinterpret_cast<void*>(GetProcAddress(static_cast<HMODULE>(module.get()),
+                                             Tessel::Server::Services::kCreateServiceExport)));
+  if (factory == nullptr) {
+    throw std::runtime_error(Utf8(fullPath) + " is no service module: it exports no " +
+                             Tessel::Server::Services::kCreateServiceExport);
+  }
+}
+
+ServiceSession LoadedModule::NewService() const {
+  auto* service = factory();
+  if (service == nullptr) throw std::runtime_error("the module's factory gave no service");
+  return ServiceSession(service);
+}
+
+}  // namespace Vx::Host

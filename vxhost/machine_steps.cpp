@@ -1,0 +1,143 @@
+#include "vxhost/machine_steps.h"
+
+#include <algorithm>
+#include <chrono>
+#include <iterator>
+#include <stdexcept>
+
+#include "vxhost/text.h"
+
+namespace Vx::Host {
+
+namespace {
+
+using Json::WideValue;
+using Simulator::SimulatedMachine;
+using std::chrono::seconds;
+
+constexpr wchar_t kAdvance[] = L"advance";
+constexpr int kUninstallLength = 1;  // seconds
+
+// The value of a step, and what it changes.
+struct Change {
+  const WideValue& value;
+  const Expander& expand;
+  SimulatedMachine& machine;
+
+  const WideValue* Find(const wchar_t* key) const { return Host::Find(value, key); }
+  std::wstring Text(const wchar_t* key) const { return expand(Member(value, key)); }
+};
+
+void EndOobe(const Change& change) {
+  SimulatedMachine& machine = change.machine;
+  machine.system.EndOobeAt(machine.clock.Elapsed() + seconds(change.value.GetInt()));
+}
+
+void LogOn(const Change& change) {
+  change.machine.users.LogOn(change.expand(change.value));
+}
+
+void LogOff(const Change& change) {
+  change.machine.users.LogOff();
+}
+
+void Install(const Change& change) {
+  const Simulator::SimulatedPackage package{
+      .familyName = change.Text(L"family"), .fullName = change.Text(L"fullName"), .folder = {}};
+  if (change.Find(L"user") == nullptr) {
+    change.machine.packages.Stage(package);
+    return;
+  }
+  change.machine.packages.Install(package, change.machine.users.Add(change.Text(L"user")).name);
+}
+
+void Uninstall(const Change& change) {
+  const WideValue* length = change.Find(L"seconds");
+  change.machine.packages.Uninstall(
+      change.Text(L"family"), change.Text(L"user"),
+      seconds(length == nullptr ? kUninstallLength : length->GetInt()));
+}
+
+void SetAppServiceStatus(const Change& change) {
+  change.machine.appServices.SetReplies({}, {change.value.GetInt(), L""});
+}
+
+void SetRegistry(const Change& change) {
+  const std::wstring key = change.Text(L"key");
+  const std::wstring value = change.Text(L"value");
+  if (change.Find(L"text") == nullptr) {
+    change.machine.registry.Remove(key, value);
+  } else {
+    change.machine.registry.SetText(key, value, change.Text(L"text"));
+  }
+}
+
+void ReplaceFirmware(const Change& change) {
+  using Digits = Simulator::SimulatedFirmware::Digits;
+  const int digits = change.value.GetInt();
+  if (digits != 6 && digits != 8) throw std::runtime_error("\"firmwareDigits\" is 6 or 8");
+  change.machine.firmware.Replace(digits == 6 ? Digits::Six : Digits::Eight);
+}
+
+void AddFile(const Change& change) {
+  change.machine.files.Add(change.Text(L"path"), Utf8(change.Text(L"text")));
+}
+
+void SetLockdownMode(const Change& change) {
+  change.machine.system.SetLockdownMode(change.value.GetInt());
+}
+
+void SleepFor(const Change& change) {
+  change.machine.SleepFor(seconds(change.value.GetInt()));
+}
+
+// In the order in which the changes of one step are made.
+constexpr struct {
+  const wchar_t* key;
+  void (*make)(const Change&);
+} kChanges[] = {
+    {L"asleep", &SleepFor},
+    {L"oobeEndsAfter", &EndOobe},
+    {L"registry", &SetRegistry},
+    {L"firmwareDigits", &ReplaceFirmware},
+    {L"file", &AddFile},
+    {L"lockdownMode", &SetLockdownMode},
+    {L"appServiceStatus", &SetAppServiceStatus},
+    {L"logOff", &LogOff},
+    {L"logOn", &LogOn},
+    {L"install", &Install},
+    {L"uninstall", &Uninstall},
+};
+
+}  // namespace
+
+const WideValue* Find(const WideValue& object, const wchar_t* key) {
+  const auto found = object.FindMember(key);
+  return found == object.MemberEnd() ? nullptr : &found->value;
+}
+
+const WideValue& Member(const WideValue& object, const wchar_t* key) {
+  const WideValue* member = Find(object, key);
+  if (member == nullptr) throw std::runtime_error("a step lacks \"" + Utf8(key) + "\"");
+  return *member;
+}
+
+bool IsMachineStep(const std::wstring& key) {
+  return key == kAdvance || std::any_of(std::begin(kChanges), std::end(kChanges),
+                                        [&key](const auto& change) { return key == change.key; });
+}
+
+void ChangeMachine(const WideValue& step, const Expander& expand, SimulatedMachine& machine) {
+  for (const auto& change : kChanges) {
+    const auto found = step.FindMember(change.key);
+    if (found != step.MemberEnd()) change.make({found->value, expand, machine});
+  }
+}
+
+void PassTime(const WideValue& step, SimulatedMachine& machine) {
+  const auto found = step.FindMember(kAdvance);
+  if (found != step.MemberEnd()) machine.clock.Advance(seconds(found->value.GetInt()));
+  machine.clock.Settle();
+}
+
+}  // namespace Vx::Host

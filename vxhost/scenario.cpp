@@ -1,0 +1,351 @@
+#include "vxhost/scenario.h"
+
+#include <algorithm>
+#include <chrono>
+#include <cwchar>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <memory>
+#include <optional>
+#include <stdexcept>
+#include <vector>
+
+#include <windows.h>
+
+#include "json/json_text.h"
+#include "platform/unique_handle.h"
+#include "storage/cap_data_store.h"
+#include "storage/service_document.h"
+#include "vxhost/machine_steps.h"
+#include "vxhost/text.h"
+
+namespace Vx::Host {
+
+namespace {
+
+using Json::WideValue;
+using Tessel::Server::Services::Orvane::kServiceDocument;
+using Tessel::Server::Storage::BsonElement;
+using Tessel::Server::Storage::CapDataStore;
+
+constexpr int kDefaultWait = 10;  // seconds
+constexpr wchar_t kCaller[] = L"vxhost";
+
+// The parts of a step; machine_steps.h knows the others.
+constexpr const wchar_t* kParts[] = {L"say",     L"start",     L"restart", L"store", L"exec",
+                                     L"request", L"power",     L"session", L"copy",  L"remove",
+                                     L"run",     L"arguments", L"waitFor", L"expect"};
+constexpr const wchar_t* kExpectations[] = {L"code",  L"answer",  L"log",   L"seconds",
+                                            L"event", L"noEvent", L"stored"};
+
+// A program that belongs to the scenario and goes with it.
+class Helper {
+ public:
+  Helper(const std::wstring& path, const std::wstring& arguments) {
+    STARTUPINFOW startup{};
+    startup.cb = sizeof startup;
+    PROCESS_INFORMATION started{};
+    std::wstring commandLine = L"\"" + path + L"\" " + arguments;
+    if (CreateProcessW(path.c_str(), commandLine.data(), nullptr, nullptr, FALSE, 0, nullptr,
+                       nullptr, &startup, &started) == 0) {
+      throw std::runtime_error("cannot start " + Utf8(path));
+    }
+    process.reset(started.hProcess);
+    Platform::UniqueHandle thread(started.hThread);
+  }
+  Helper(const Helper&) = delete;
+  Helper& operator=(const Helper&) = delete;
+  ~Helper() {
+    TerminateProcess(process.get(), 0);
+    WaitForSingleObject(process.get(), 5000);
+  }
+
+ private:
+  Platform::UniqueHandle process;
+};
+
+// Waits for `condition` with a look every few milliseconds.
+template <typename Condition>
+bool WaitUntil(int seconds, Condition&& condition) {
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
+  while (!condition()) {
+    if (std::chrono::steady_clock::now() > deadline) return false;
+    Sleep(5);
+  }
+  return true;
+}
+
+std::wstring ReadIfThere(const std::wstring& path) {
+  try {
+    return ReadTextFile(path);
+  } catch (const std::runtime_error&) {
+    return {};
+  }
+}
+
+class Player {
+ public:
+  Player(const std::map<std::wstring, std::wstring>& names, Stage& where)
+      : definitions(names), stage(where) {}
+
+  bool Play(const WideValue& steps) {
+    int number = 0;
+    for (const WideValue& step : steps.GetArray()) {
+      ++number;
+      stage.log.Clear();
+      try {
+        Step(step);
+      } catch (const Json::Misuse&) {
+        throw std::runtime_error("step " + std::to_string(number) +
+                                 ": a value is of the wrong type");
+      } catch (const std::runtime_error& error) {
+        throw std::runtime_error("step " + std::to_string(number) + ": " + error.what());
+      }
+    }
+    return succeeded;
+  }
+
+ private:
+  // A part that nobody knows is a slip of the pen, which must not pass for an expectation met.
+  static void RequireKnownExpectations(const WideValue& expect) {
+    for (auto part = expect.MemberBegin(); part != expect.MemberEnd(); ++part) {
+      const std::wstring key = part->name.GetString();
+      if (std::find(std::begin(kExpectations), std::end(kExpectations), key) ==
+          std::end(kExpectations)) {
+        throw std::runtime_error("unknown expectation: " + Utf8(key));
+      }
+    }
+  }
+
+  void RequireKnownParts(const WideValue& step) const {
+    for (auto part = step.MemberBegin(); part != step.MemberEnd(); ++part) {
+      const std::wstring key = part->name.GetString();
+      if (key == L"expect") RequireKnownExpectations(part->value);
+      if (std::find(std::begin(kParts), std::end(kParts), key) != std::end(kParts)) continue;
+      if (!IsMachineStep(key)) throw std::runtime_error("unknown part of a step: " + Utf8(key));
+      if (stage.machine == nullptr) {
+        throw std::runtime_error("\"" + Utf8(key) + "\" needs a simulated machine: --simulate");
+      }
+    }
+  }
+
+  void Step(const WideValue& step) {
+    RequireKnownParts(step);
+    if (const auto* text = Find(step, L"say")) stage.console.Heading(Utf8(Expand(*text)));
+    if (stage.machine != nullptr) {
+      const auto expand = [this](const WideValue& value) { return Expand(value); };
+      ChangeMachine(step, expand, *stage.machine);
+    }
+    if (const auto* values = Find(step, L"store")) Store(*values);
+    if (Find(step, L"restart") != nullptr) Restart();
+    if (Find(step, L"start") != nullptr) {
+      stage.console.Line("-> start");
+      stage.session.Slots().Start();
+    }
+    if (const auto* id = Find(step, L"exec")) Execute(step, id->GetUint());
+    if (const auto* code = Find(step, L"power")) {
+      stage.console.Line("-> power event " + std::to_string(code->GetUint()));
+      stage.session.Slots().power_event_task(code->GetUint());
+    }
+    if (const auto* code = Find(step, L"session")) {
+      stage.console.Line("-> session change " + std::to_string(code->GetUint()));
+      stage.session.Slots().OnSessionChange(code->GetUint());
+    }
+    if (const auto* copy = Find(step, L"copy")) Copy(*copy);
+    if (const auto* path = Find(step, L"remove")) {
+      std::error_code ignored;
+      std::filesystem::remove(Expand(*path), ignored);
+    }
+    if (const auto* path = Find(step, L"run")) {
+      const auto* arguments = Find(step, L"arguments");
+      helpers.push_back(std::make_unique<Helper>(
+          Expand(*path), arguments == nullptr ? std::wstring() : Expand(*arguments)));
+    }
+    if (stage.machine != nullptr) PassTime(step, *stage.machine);
+    if (const auto* file = Find(step, L"waitFor")) WaitForFile(*file);
+    if (const auto* expect = Find(step, L"expect")) ExpectTraces(*expect);
+  }
+
+  // Keeps values as other services of the machine do.
+  void Store(const WideValue& values) {
+    for (auto value = values.MemberBegin(); value != values.MemberEnd(); ++value) {
+      stage.console.Line("-> another service stores " + Utf8(value->name.GetString()) + " = " +
+                         Utf8(Expand(value->value)));
+      CapDataStore().persist(Utf8(value->name.GetString()),
+                             BsonElement::Text(Expand(value->value)));
+    }
+  }
+
+  void Restart() {
+    stage.console.Line("-> end and start");
+    stage.session.End();
+    if (stage.machine != nullptr) stage.machine->clock.Settle();
+    stage.session = stage.newService();
+    stage.session.Slots().Start();
+  }
+
+  // A text as it stands, anything else as JSON; definitions put in either way.
+  std::wstring Expand(const WideValue& value) const {
+    const bool text = value.IsString();
+    std::wstring result =
+        text ? std::wstring(value.GetString(), value.GetStringLength()) : Json::JsonText(value);
+    for (const auto& [name, content] : definitions) {
+      const std::wstring marker = L"${" + name + L"}";
+      const std::wstring inserted = text ? content : Escaped(content);
+      for (std::size_t at = result.find(marker); at != std::wstring::npos;
+           at = result.find(marker, at + inserted.size())) {
+        result.replace(at, marker.size(), inserted);
+      }
+    }
+    return result;
+  }
+
+  static std::wstring Escaped(const std::wstring& text) {
+    const std::wstring quoted =
+        Json::JsonText(WideValue(text.c_str(), static_cast<rapidjson::SizeType>(text.size())));
+    return quoted.substr(1, quoted.size() - 2);
+  }
+
+  void Execute(const WideValue& step, std::uint32_t id) {
+    const auto* request = Find(step, L"request");
+    const std::wstring text = request == nullptr ? L"{}" : Expand(*request);
+    stage.console.Request(id, text);
+    const Answer answer = stage.session.Execute(id, text, kCaller);
+    stage.console.Result(answer);
+    const auto* expect = Find(step, L"expect");
+    if (expect == nullptr) return;
+    if (const auto* code = Find(*expect, L"code")) {
+      const auto wanted = static_cast<std::uint32_t>(std::wcstoul(code->GetString(), nullptr, 16));
+      Check(answer.code == wanted, "the result code should be " + Describe(wanted));
+    }
+    if (const auto* response = Find(*expect, L"answer")) {
+      const std::wstring wanted = Expand(*response);
+      Check(answer.text == wanted, "the answer should be " + Utf8(wanted));
+    }
+  }
+
+  void Copy(const WideValue& copy) {
+    const std::filesystem::path from = Expand(Member(copy, L"from"));
+    const std::filesystem::path to = Expand(Member(copy, L"to"));
+    std::error_code error;
+    std::filesystem::create_directories(to.parent_path(), error);
+    std::filesystem::copy_file(from, to, std::filesystem::copy_options::overwrite_existing, error);
+    Check(!error, "cannot copy " + Utf8(from.wstring()) + " to " + Utf8(to.wstring()));
+  }
+
+  void WaitForFile(const WideValue& what) {
+    const std::wstring path = Expand(Member(what, L"file"));
+    const auto* text = Find(what, L"contains");
+    const std::wstring wanted = text == nullptr ? std::wstring() : Expand(*text);
+    std::wstring content;
+    const bool came = WaitUntil(Seconds(what), [&] {
+      content = ReadIfThere(path);
+      return !content.empty() && content.find(wanted) != std::wstring::npos;
+    });
+    if (Find(what, L"quiet") == nullptr) {
+      stage.console.Line("   " + Utf8(path) + " says:\n" + Utf8(content));
+    }
+    Check(came, Utf8(path) + " should say \"" + Utf8(wanted) + "\"");
+  }
+
+  void ExpectTraces(const WideValue& expect) {
+    if (const auto* text = Find(expect, L"log")) {
+      const std::wstring wanted = Expand(*text);
+      // On a simulated machine all that could happen has happened.
+      const int patience = stage.machine == nullptr ? Seconds(expect) : 0;
+      Check(stage.log.WaitFor(wanted, patience), "the log should say \"" + Utf8(wanted) + "\"");
+    }
+    if (const auto* text = Find(expect, L"event")) {
+      const std::wstring wanted = Expand(*text);
+      Check(stage.log.Happened(wanted), "it should have happened that \"" + Utf8(wanted) + "\"");
+    }
+    if (const auto* text = Find(expect, L"noEvent")) {
+      const std::wstring unwanted = Expand(*text);
+      Check(!stage.log.Happened(unwanted),
+            "it should not have happened that \"" + Utf8(unwanted) + "\"");
+    }
+    if (const auto* values = Find(expect, L"stored")) ExpectStored(*values);
+  }
+
+  void ExpectStored(const WideValue& values) {
+    CapDataStore store;
+    const auto document = store.readDocument(kServiceDocument);
+    for (auto value = values.MemberBegin(); value != values.MemberEnd(); ++value) {
+      const std::string key = Utf8(value->name.GetString());
+      const std::wstring wanted = Expand(value->value);
+      const auto stored = document.Find(key);
+      const std::wstring text = stored ? stored->AsWideText().value_or(L"") : std::wstring();
+      stage.console.Line("   the store holds " + key + " = \"" + Utf8(text) + "\"");
+      Check(text == wanted, key + " should be stored as \"" + Utf8(wanted) + "\"");
+    }
+  }
+
+  static int Seconds(const WideValue& object) {
+    const auto* seconds = Find(object, L"seconds");
+    return seconds == nullptr ? kDefaultWait : seconds->GetInt();
+  }
+
+  void Check(bool happened, const std::string& expectation) {
+    if (happened) return;
+    succeeded = false;
+    stage.console.Failure(expectation);
+  }
+
+  const std::map<std::wstring, std::wstring>& definitions;
+  Stage& stage;
+  std::vector<std::unique_ptr<Helper>> helpers;
+  bool succeeded = true;
+};
+
+}  // namespace
+
+void LogRecorder::Add(const LogLine& line) {
+  const std::lock_guard guard(lock);
+  messages.push_back(line.message);
+}
+
+void LogRecorder::AddEvent(const std::wstring& text) {
+  const std::lock_guard guard(lock);
+  events.push_back(text);
+}
+
+void LogRecorder::Clear() {
+  const std::lock_guard guard(lock);
+  messages.clear();
+  events.clear();
+}
+
+bool LogRecorder::Happened(const std::wstring& text) const {
+  const std::lock_guard guard(lock);
+  return std::any_of(events.begin(), events.end(), [&text](const std::wstring& event) {
+    return event.find(text) != std::wstring::npos;
+  });
+}
+
+bool LogRecorder::WaitFor(const std::wstring& text, int seconds) const {
+  return WaitUntil(seconds, [&] {
+    const std::lock_guard guard(lock);
+    for (const std::wstring& message : messages) {
+      if (message.find(text) != std::wstring::npos) return true;
+    }
+    return false;
+  });
+}
+
+bool PlayScenario(const std::wstring& path, const std::map<std::wstring, std::wstring>& definitions,
+                  Stage& stage) {
+  Json::WideDocument document;
+  const std::wstring text = ReadTextFile(path);
+  Json::ParseFault fault;
+  if (!Json::ParseJson(document, text, Json::kMaxNesting, &fault)) {
+    throw std::runtime_error(Utf8(path) + " is not valid JSON: " + FaultText(text, fault));
+  }
+  const auto* steps = document.IsObject() ? Find(document, L"steps") : nullptr;
+  if (steps == nullptr || !steps->IsArray()) {
+    throw std::runtime_error(Utf8(path) + " has no \"steps\"");
+  }
+  return Player(definitions, stage).Play(*steps);
+}
+
+}  // namespace Vx::Host

@@ -1,0 +1,194 @@
+#include "vxhost/store_commands.h"
+
+#include <stdexcept>
+#include <utility>
+
+#include "events/event_commands.h"
+#include "json/json_object.h"
+#include "json/json_text.h"
+#include "json/utf8.h"
+#include "platform/hresult_error.h"
+#include "storage/cap_data_store.h"
+#include "storage/request_list.h"
+#include "storage/request_manager.h"
+#include "vxhost/text.h"
+
+#include <rapidjson/prettywriter.h>
+
+namespace Vx::Host {
+
+namespace {
+
+using namespace Tessel::Server::Services::Orvane;
+using Json::WideDocument;
+using Json::WideValue;
+using Tessel::Server::Storage::BsonDocument;
+using Tessel::Server::Storage::BsonKind;
+using Tessel::Server::Storage::BsonView;
+using Tessel::Server::Storage::CapDataStore;
+
+// Documents lie in one another as deep as their writer likes; what is deeper is shown by its size.
+constexpr int kShownLevels = 32;
+
+const wchar_t* KindName(BsonKind kind) {
+  switch (kind) {
+    case BsonKind::Double:
+      return L"double";
+    case BsonKind::String:
+      return L"text";
+    case BsonKind::Document:
+      return L"document";
+    case BsonKind::Binary:
+      return L"binary";
+    case BsonKind::Boolean:
+      return L"bool";
+    case BsonKind::Null:
+      return L"null";
+    case BsonKind::Int32:
+      return L"int32";
+    case BsonKind::Int64:
+      return L"int64";
+    default:
+      return L"other";
+  }
+}
+
+// A document as JSON: each member an object of its type and its value, or of its size in bytes
+// where a value would say nothing.
+class StoreWriter {
+ public:
+  explicit StoreWriter(WideDocument& target) : pool(target.GetAllocator()) {}
+
+  WideValue Document(const BsonDocument& document, int levelsLeft) {
+    WideValue object(rapidjson::kObjectType);
+    for (const BsonDocument::Member& member : document) {
+      object.AddMember(WideValue(Json::ToWide(member.key), pool), Member(member.value, levelsLeft),
+                       pool);
+    }
+    return object;
+  }
+
+ private:
+  WideValue Member(const BsonView& view, int levelsLeft) {
+    WideValue member(rapidjson::kObjectType);
+    member.AddMember(L"type", WideValue(KindName(view.Kind()), pool), pool);
+    if (const auto embedded = levelsLeft > 0 ? view.AsDocument() : std::nullopt) {
+      member.AddMember(L"value", Document(*embedded, levelsLeft - 1), pool);
+    } else if (WideValue value = Scalar(view); !value.IsNull()) {
+      member.AddMember(L"value", value, pool);
+    } else {
+      member.AddMember(L"bytes", static_cast<std::uint64_t>(view.Bytes().size()), pool);
+    }
+    return member;
+  }
+
+  WideValue Scalar(const BsonView& view) {
+    if (const auto text = view.AsWideText()) return WideValue(*text, pool);
+    if (const auto flag = view.AsBoolean()) return WideValue(*flag);
+    if (const auto number = view.AsInt32()) return WideValue(*number);
+    if (const auto number = view.AsInt64()) return WideValue(*number);
+    if (const auto number = view.AsDouble()) return WideValue(*number);
+    return WideValue();
+  }
+
+  Json::WidePool& pool;
+};
+
+CapDataStore::Content ReadStore() {
+  auto content = CapDataStore().readAll();
+  if (!content) {
+    throw std::runtime_error(
+        "the store cannot be read: damaged, of another machine, or a link is in its place; see\n"
+        "\"Trouble\" in docs/operations.md");
+  }
+  return *std::move(content);
+}
+
+// The keys of one kind of subscription.
+struct ListForm {
+  const char* key;
+  const wchar_t* event;
+  const wchar_t* action;
+  const wchar_t* params;
+  const wchar_t* family;  // null: none
+  const char* name;
+};
+constexpr ListForm kLists[] = {
+    {kPowerSubscriptions, L"powerEventType", L"eventAction", L"commandParams", nullptr, "power"},
+    {kZephraSubscriptions, L"zephraEventType", L"zephraEventAction", L"commandParams", nullptr,
+     "platform"},
+    {kPackageSubscriptions, L"catalogEvent", L"catalogAction", L"catalogActionParams",
+     L"packageFamilyName", "package"},
+};
+
+std::string Cell(const std::string& text, std::size_t width) {
+  return text.size() < width ? text + std::string(width - text.size(), ' ') : text + " ";
+}
+
+std::string Row(const std::string& event, const std::string& action, const std::string& delay,
+                const std::string& target) {
+  return Cell(event, 14) + Cell(action, 9) + Cell(delay, 7) + target;
+}
+
+std::string RequestRow(const ListForm& form, const std::wstring& text) {
+  const auto request = Json::JsonObject::Parse(text);
+  const auto event = Json::TruncateToUint32(request.GetNamedNumber(form.event));
+  const auto action = Json::TruncateToUint32(request.GetNamedNumber(form.action));
+  const auto params = request.GetNamedObject(form.params);
+  const std::wstring delay = params.FindString(L"delayDeliverySec").value_or(L"0");
+  // Made as the module makes it, so that what shows here is what would run.
+  CreateEventCommand(static_cast<EventAction>(action), params);
+  std::wstring target = action == 1 ? params.GetNamedString(L"path") + L" " +
+                                          params.FindString(L"arguments").value_or(std::wstring())
+                                    : params.GetNamedString(L"packageFamilyName") + L" " +
+                                          params.GetNamedString(L"appServiceName");
+  if (form.family != nullptr) {
+    target += L" (when " + request.GetNamedString(form.family) + L" goes)";
+  }
+  return Row(form.name + (" " + std::to_string(event)), action == 1 ? "start" : "message",
+             Utf8(delay) + " s", Utf8(target));
+}
+
+// How many there are.
+std::size_t ShowList(const ListForm& form, Console& console) {
+  const std::wstring list = RequestManager(kServiceDocument, form.key).StoredRequests();
+  const auto texts = Tessel::Server::Storage::RequestsOf(list);
+  for (const auto& text : texts) {
+    try {
+      if (!text) throw winrt::hresult_error(Json::kInvalidJsonString, L"not an object");
+      console.Line(RequestRow(form, *text));
+    } catch (const winrt::hresult_error& error) {
+      console.Line(Row(form.name, "-", "-",
+                       "never runs: " + Utf8(error.message()) + ": " + Utf8(text.value_or(L""))));
+    }
+  }
+  return texts.size();
+}
+
+}  // namespace
+
+int ShowStore(const Options& /*options*/, Console& console) {
+  const CapDataStore::Content content = ReadStore();
+  WideDocument document(rapidjson::kObjectType);
+  auto& pool = document.GetAllocator();
+  document.AddMember(L"storeId", WideValue(content.storeId, pool), pool);
+  document.AddMember(L"document", StoreWriter(document).Document(content.document, kShownLevels),
+                     pool);
+  Json::TextBuffer buffer;
+  rapidjson::PrettyWriter<Json::TextBuffer, Json::WideEncoding, Json::WideEncoding> writer(buffer);
+  writer.SetIndent(L' ', 2);
+  document.Accept(writer);
+  console.Line(Utf8(buffer.View()));
+  return kDone;
+}
+
+int ShowSubscriptions(const Options& /*options*/, Console& console) {
+  ReadStore();  // the module takes a damaged store for an empty one
+  console.Line(Row("EVENT", "ACTION", "DELAY", "TARGET"));
+  std::size_t count = 0;
+  for (const ListForm& form : kLists) count += ShowList(form, console);
+  if (count == 0) console.Line("(none is stored)");
+  return kDone;
+}
+
+}  // namespace Vx::Host

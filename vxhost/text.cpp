@@ -1,0 +1,70 @@
+#include "vxhost/text.h"
+
+#include <algorithm>
+#include <fstream>
+#include <iterator>
+#include <stdexcept>
+
+#include <windows.h>
+
+#include "json/utf8.h"
+
+#include <rapidjson/error/en.h>
+
+namespace Vx::Host {
+
+namespace {
+
+constexpr DWORD kLongestPath = 32768;  // characters
+
+}  // namespace
+
+std::string Utf8(std::wstring_view text) {
+  return Json::ToUtf8(text);
+}
+
+std::wstring Wide(std::string_view text) {
+  return Json::ToWide(text);
+}
+
+std::wstring ReadTextFile(const std::wstring& path) {
+  std::ifstream file(path.c_str(), std::ios::binary);
+  if (!file) throw std::runtime_error("cannot read " + Utf8(path));
+  std::string bytes((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
+  if (bytes.rfind("\xEF\xBB\xBF", 0) == 0) bytes.erase(0, 3);
+  return Wide(bytes);
+}
+
+std::wstring FullPath(const std::string& path) {
+  std::wstring full(kLongestPath, L'\0');
+  full.resize(GetFullPathNameW(Wide(path).c_str(), kLongestPath, full.data(), nullptr));
+  if (full.empty()) throw std::runtime_error(path + " is not a path");
+  return full;
+}
+
+std::wstring FullPathOfFile(const std::string& path) {
+  std::wstring full = FullPath(path);
+  const DWORD attributes = GetFileAttributesW(full.c_str());
+  if (attributes == INVALID_FILE_ATTRIBUTES || (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0) {
+    throw std::runtime_error("there is no file " + Utf8(full));
+  }
+  return full;
+}
+
+std::wstring TextOrFile(const std::string& argument) {
+  if (argument.rfind('@', 0) == 0) return ReadTextFile(FullPath(argument.substr(1)));
+  return Wide(argument);
+}
+
+std::string FaultText(const std::wstring& text, const Json::ParseFault& fault) {
+  const std::wstring before = text.substr(0, fault.offset);
+  const auto line = std::count(before.begin(), before.end(), L'\n') + 1;
+  const std::size_t column = before.size() - (before.rfind(L'\n') + 1) + 1;  // npos + 1 is 0
+  const bool ours =
+      fault.code == rapidjson::kParseErrorNone || fault.code == rapidjson::kParseErrorTermination;
+  return "line " + std::to_string(line) + ", column " + std::to_string(column) + ": " +
+         (ours ? "more than the module takes, see docs/protocol.md"
+               : rapidjson::GetParseError_En(fault.code));
+}
+
+}  // namespace Vx::Host

@@ -1,0 +1,192 @@
+#include "vxhost/theatre.h"
+
+#include <algorithm>
+#include <chrono>
+#include <deque>
+#include <filesystem>
+#include <optional>
+#include <stdexcept>
+#include <utility>
+
+#include <windows.h>
+
+#include "host/logging.h"
+#include "platform/machine.h"
+#include "service/orvane_service.h"
+#include "simulator/simulated_machine.h"
+#include "vxhost/log_listener.h"
+#include "vxhost/text.h"
+
+namespace Vx::Host {
+
+namespace {
+
+namespace Logging = Tessel::Server::Logging;
+
+constexpr DWORD kLongestPath = 32768;  // characters
+
+// How long, in real time, a simulated worker may run on: longer than the ten seconds that a monitor
+// of debug output which does not read keeps a line.
+constexpr std::chrono::seconds kPatience{30};
+
+constexpr const wchar_t* kLevels[] = {L"INFO", L"WARNING", L"ERROR"};
+
+// The module beside this program.
+std::wstring DefaultModule() {
+  std::wstring program(kLongestPath, L'\0');
+  program.resize(GetModuleFileNameW(nullptr, program.data(), kLongestPath));
+  return program.substr(0, program.rfind(L'\\') + 1) + L"OrvaneService.dll";
+}
+
+// A folder for the stored values of one run in the place of the machine's, removed at the end.
+class PrivateStore {
+ public:
+  PrivateStore()
+      : folder(std::filesystem::temp_directory_path() /
+               (L"vxhost-" + std::to_wstring(GetCurrentProcessId()))) {
+    std::filesystem::create_directories(folder);
+    SetEnvironmentVariableW(L"ProgramData", folder.wstring().c_str());
+  }
+  PrivateStore(const PrivateStore&) = delete;
+  PrivateStore& operator=(const PrivateStore&) = delete;
+  ~PrivateStore() {
+    std::error_code ignored;  // the module makes these and nothing else
+    for (const wchar_t* name :
+         {L"Vx\\SharedServices\\shared_store.dat", L"Vx\\SharedServices", L"Vx"}) {
+      std::filesystem::remove(folder / name, ignored);
+    }
+    std::filesystem::remove(folder, ignored);
+  }
+
+ private:
+  std::filesystem::path folder;
+};
+
+// The real module and a service of it, its log lines shown and kept. Made in this order and gone in
+// the other: the module may log until it is unloaded.
+class RealTheatre final : public Theatre {
+ public:
+  RealTheatre(const Options& options, Console& console)
+      : store(options.privateStore ? std::make_unique<PrivateStore>() : nullptr),
+        listener([this, &console](const LogLine& line) {
+          console.Log(line);
+          recorder.Add(line);
+        }),
+        module(options.dll.empty() ? DefaultModule() : FullPath(options.dll)),
+        session(module.NewService()),
+        stage{.session = session,
+              .newService = [this] { return module.NewService(); },
+              .log = recorder,
+              .console = console,
+              .machine = nullptr} {}
+
+  Stage& Open() override { return stage; }
+
+ private:
+  std::unique_ptr<PrivateStore> store;
+  LogRecorder recorder;
+  LogListener listener;
+  LoadedModule module;
+  ServiceSession session;
+  Stage stage;
+};
+
+// Shows and keeps the log lines of the linked service, each with its virtual moment. The lines that
+// a poll repeats from moment to moment are shown once.
+class SimulatedLog {
+ public:
+  SimulatedLog(Console& output, LogRecorder& keeper, const Simulator::VirtualClock& timeOf)
+      : console(output),
+        recorder(keeper),
+        clock(timeOf),
+        sink(Logging::LogManager::AddSink(
+            [this](const Logging::LogRecord& record) { Take(record); })) {}
+  SimulatedLog(const SimulatedLog&) = delete;
+  SimulatedLog& operator=(const SimulatedLog&) = delete;
+  ~SimulatedLog() { Logging::LogManager::RemoveSink(sink); }
+
+ private:
+  // More than the lines of one round of any poll.
+  static constexpr std::size_t kRemembered = 5;
+
+  struct Said {
+    std::wstring message;
+    Simulator::VirtualClock::Duration at;
+  };
+
+  void Take(const Logging::LogRecord& record) {
+    const LogLine line{.level = kLevels[static_cast<int>(record.level)],
+                       .provider = std::wstring(record.provider),
+                       .caller = std::wstring(record.caller),
+                       .message = std::wstring(record.message)};
+    recorder.Add(line);
+    const auto now = clock.Elapsed();
+    const auto said = std::find_if(recent.begin(), recent.end(), [&line](const Said& one) {
+      return one.message == line.message;
+    });
+    if (said != recent.end() && said->at != now) return;
+    recent.push_back({line.message, now});
+    if (recent.size() > kRemembered) recent.pop_front();
+    console.Log(line, Simulator::FormatMoment(now));
+  }
+
+  Console& console;
+  LogRecorder& recorder;
+  const Simulator::VirtualClock& clock;
+  std::deque<Said> recent;  // only the sink uses it, which is called by one thread at a time
+  Logging::LogManager::SinkId sink;
+};
+
+// The service of this program on a machine in memory, with a store of its own.
+class SimulatedTheatre final : public Theatre {
+ public:
+  explicit SimulatedTheatre(Console& console)
+      : scope([this](Platform::Machine& real) { machine.Install(real); }),
+        log(std::in_place, console, recorder, machine.clock),
+        session(NewService()),
+        stage{.session = *session,
+              .newService = &NewService,
+              .log = recorder,
+              .console = console,
+              .machine = &machine} {
+    machine.clock.SetPatience(kPatience);
+    machine.timeline.SetListener([this, &console](const Simulator::Timeline::Entry& entry) {
+      recorder.AddEvent(entry.text);
+      console.Line(" * " + Utf8(Simulator::Format(entry)));
+    });
+  }
+  // Tasks that the service does not end run out before their machine goes; nobody looks any more.
+  ~SimulatedTheatre() override {
+    session.reset();
+    machine.timeline.SetListener({});
+    log.reset();
+    machine.Drain();
+  }
+
+  Stage& Open() override { return stage; }
+
+ private:
+  static ServiceSession NewService() {
+    auto* service = Tessel::Server::Services::Orvane::OrvaneService::Create();
+    if (service == nullptr) throw std::runtime_error("no memory for a service");
+    return ServiceSession(service);
+  }
+
+  PrivateStore store;
+  LogRecorder recorder;
+  Simulator::SimulatedMachine machine;
+  Platform::MachineScope scope;
+  std::optional<SimulatedLog> log;
+  std::optional<ServiceSession> session;
+  Stage stage;
+};
+
+}  // namespace
+
+std::unique_ptr<Theatre> MakeTheatre(const Options& options, Console& console) {
+  if (!options.simulate) return std::make_unique<RealTheatre>(options, console);
+  if (!options.dll.empty()) throw std::runtime_error("--simulate has no use for --dll");
+  return std::make_unique<SimulatedTheatre>(console);
+}
+
+}  // namespace Vx::Host

@@ -1,0 +1,22 @@
+#pragma once
+
+#include <memory>
+
+#include "vxhost/console.h"
+#include "vxhost/options.h"
+#include "vxhost/scenario.h"
+
+namespace Vx::Host {
+
+// The service that a subcommand plays with, and what is around it: the real module on this machine,
+// or, with --simulate, the service linked into this program on a simulated one.
+class Theatre {
+ public:
+  virtual ~Theatre() = default;
+  virtual Stage& Open() = 0;
+};
+
+// Throws std::runtime_error when the module cannot be used.
+std::unique_ptr<Theatre> MakeTheatre(const Options& options, Console& console);
+
+}  // namespace Vx::Host

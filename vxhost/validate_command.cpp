@@ -1,0 +1,141 @@
+#include "vxhost/validate_command.h"
+
+#include <algorithm>
+#include <iterator>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "events/delivery_rules.h"
+#include "events/event_commands.h"
+#include "json/json_object.h"
+#include "json/json_text.h"
+#include "platform/hresult_error.h"
+#include "security/file_trust.h"
+#include "vxhost/text.h"
+
+namespace Vx::Host {
+
+namespace {
+
+using namespace Tessel::Server::Services::Orvane;
+
+struct Form {
+  const char* kind;
+  const wchar_t* event;
+  const wchar_t* action;
+  const wchar_t* params;
+  std::vector<std::uint32_t> codes;
+};
+
+// The codes that Windows or the module itself sends.
+const Form& FormOf(const Json::JsonObject& request) {
+  static const Form kForms[] = {
+      {"power",
+       L"powerEventType",
+       L"eventAction",
+       L"commandParams",
+       {0x4, 0x6, 0x7, 0x9, 0xA, 0xB, 0x12, 0x8013}},
+      {"platform", L"zephraEventType", L"zephraEventAction", L"commandParams", {1, 2}},
+      {"package", L"catalogEvent", L"catalogAction", L"catalogActionParams", {5, 7}},
+  };
+  for (const Form& form : kForms) {
+    if (request.HasKey(form.event)) return form;
+  }
+  throw winrt::hresult_error(
+      Json::kJsonValueNotFound,
+      L"none of powerEventType, zephraEventType and catalogEvent is there: no subscription");
+}
+
+class Report {
+ public:
+  explicit Report(Console& where) : console(where) {}
+  void Good(const std::string& text) { console.Line("  ok     " + text); }
+  void Warn(const std::string& text) { console.Line("  hint   " + text); }
+  void Bad(const std::string& text) {
+    console.Line("  NEVER  " + text);
+    runs = false;
+  }
+  void Because(const std::string& text) { console.Line("           - " + text); }
+  bool Runs() const { return runs; }
+
+ private:
+  Console& console;
+  bool runs = true;
+};
+
+void CheckDelay(const Json::JsonObject& params, Report& report) {
+  const auto text = params.FindString(L"delayDeliverySec");
+  if (!text) return;
+  const std::optional<int> delay = LeadingInteger(*text);
+  if (!delay) {
+    report.Warn("delayDeliverySec \"" + Utf8(*text) + "\" is no number: runs without a delay");
+  } else if (*delay < -2) {
+    report.Bad("delayDeliverySec " + std::to_string(*delay) + ": every delivery is dropped");
+  } else {
+    report.Good("runs " + std::to_string(std::max(*delay, 0)) + " s after the event");
+  }
+}
+
+void CheckProgram(const LaunchCommand& command, Report& report) {
+  const auto keys = Tessel::Security::RestrictedKeys();
+  const auto trust = Tessel::Security::JudgeFile(command.Path(), keys);
+  if (trust.trusted) {
+    report.Good("the program is trusted here");
+    return;
+  }
+  report.Bad("the program is not trusted here:");
+  const auto steps = Tessel::Security::Explain(trust, keys);
+  for (const auto& step : steps) {
+    if (!step.passed) report.Because(Utf8(step.text));
+  }
+}
+
+void Check(const Json::JsonObject& request, Report& report) {
+  const Form& form = FormOf(request);
+  const std::uint32_t code = Json::TruncateToUint32(request.GetNamedNumber(form.event));
+  const std::string event = std::string(form.kind) + " event " + std::to_string(code);
+  if (std::find(form.codes.begin(), form.codes.end(), code) == form.codes.end()) {
+    report.Bad(event + " never comes");
+  } else {
+    report.Good(event);
+  }
+  const auto action =
+      static_cast<EventAction>(Json::TruncateToUint32(request.GetNamedNumber(form.action)));
+  const Json::JsonObject params = request.GetNamedObject(form.params);
+  if (form.params == std::wstring(L"catalogActionParams")) {
+    request.GetNamedString(L"packageFamilyName");
+    if (params.HasKey(L"delayDeliverySec")) {
+      report.Warn("package subscriptions run without a delay");
+    }
+  }
+  const EventCommandPtr command = CreateEventCommand(action, params);
+  CheckDelay(params, report);
+  if (action == EventAction::Launch) {
+    CheckProgram(static_cast<const LaunchCommand&>(*command), report);
+  }
+}
+
+}  // namespace
+
+int Validate(const Options& options, Console& console) {
+  Report report(console);
+  try {
+    const std::wstring request = TextOrFile(options.request);
+    Json::WideDocument document;
+    Json::ParseFault fault;
+    if (!Json::ParseJson(document, request, Json::kMaxNesting, &fault)) {
+      report.Bad("not valid JSON: " + FaultText(request, fault));
+    } else if (!document.IsObject()) {
+      report.Bad("not a JSON object");
+    } else {
+      Check(Json::JsonObject::Parse(request), report);
+    }
+  } catch (const winrt::hresult_error& error) {
+    report.Bad(Utf8(error.message()));
+  }
+  console.Line(report.Runs() ? "It can run." : "It would never run.");
+  return report.Runs() ? kDone : kNotMet;
+}
+
+}  // namespace Vx::Host
