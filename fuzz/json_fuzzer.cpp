@@ -22,7 +22,7 @@ using Vx::Json::WideDocument;
 std::optional<JsonArray> ArrayOf(const std::wstring& text) {
   try {
     return JsonArray::Parse(text);
-  } catch (const winrt::hresult_error& error) {
+  } catch (const Vx::Platform::WindowsRuntimeError& error) {
     Check(error.code() == Vx::Json::kInvalidJsonString, "one code for invalid text");
     return std::nullopt;
   }
@@ -58,7 +58,7 @@ void Ask(const JsonValue& value) {
     try {
       call();
       return true;
-    } catch (const winrt::hresult_error& error) {
+    } catch (const Vx::Platform::WindowsRuntimeError& error) {
       Check(error.code() == Vx::Json::kIllegalMethodCall, "one code for another kind");
       return false;
     }

@@ -19,7 +19,7 @@ template <typename Call>
 auto Try(const Call& call) -> std::optional<decltype(call())> {
   try {
     return call();
-  } catch (const winrt::hresult_error& error) {
+  } catch (const Vx::Platform::WindowsRuntimeError& error) {
     Check(error.code() == Vx::Json::kInvalidJsonString, "one code for invalid input");
     return std::nullopt;
   }

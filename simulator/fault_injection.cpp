@@ -8,7 +8,6 @@
 #include "platform/data_protection.h"
 #include "platform/environment.h"
 #include "platform/files.h"
-#include "platform/hresult_error.h"
 #include "platform/kernel_objects.h"
 #include "platform/packages.h"
 #include "platform/processes.h"
@@ -17,6 +16,7 @@
 #include "platform/system_services.h"
 #include "platform/thread.h"
 #include "platform/trust_provider.h"
+#include "platform/windows_runtime_error.h"
 
 namespace Vx::Simulator {
 
@@ -60,7 +60,7 @@ struct Refusal<Platform::SignatureVerdict> {
 };
 
 [[noreturn]] void Throw() {
-  throw winrt::hresult_error(kDeniedResult, L"refused");
+  throw Platform::WindowsRuntimeError(kDeniedResult, L"refused");
 }
 
 // A capability with faults: what it stands in front of, and who decides.

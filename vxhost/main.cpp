@@ -12,7 +12,7 @@
 
 #include <CLI/CLI.hpp>
 
-#include "platform/hresult_error.h"
+#include "platform/windows_runtime_error.h"
 #include "vxhost/module_commands.h"
 #include "vxhost/store_commands.h"
 #include "vxhost/text.h"
@@ -227,7 +227,7 @@ int main() {
   static_cast<void>(SetConsoleOutputCP(CP_UTF8));  // a console of another kind shows what it can
   try {
     return CommandLine().Execute(Arguments());
-  } catch (const winrt::hresult_error& error) {
+  } catch (const Vx::Platform::WindowsRuntimeError& error) {
     return Fail(Utf8(error.message()));
   } catch (const std::exception& error) {
     return Fail(error.what());

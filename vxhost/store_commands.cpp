@@ -7,7 +7,7 @@
 #include "json/json_object.h"
 #include "json/json_text.h"
 #include "json/utf8.h"
-#include "platform/hresult_error.h"
+#include "platform/windows_runtime_error.h"
 #include "storage/cap_data_store.h"
 #include "storage/request_list.h"
 #include "storage/request_manager.h"
@@ -155,9 +155,9 @@ std::size_t ShowList(const ListForm& form, Console& console) {
   const auto texts = Tessel::Server::Storage::RequestsOf(list);
   for (const auto& text : texts) {
     try {
-      if (!text) throw winrt::hresult_error(Json::kInvalidJsonString, L"not an object");
+      if (!text) throw Platform::WindowsRuntimeError(Json::kInvalidJsonString, L"not an object");
       console.Line(RequestRow(form, *text));
-    } catch (const winrt::hresult_error& error) {
+    } catch (const Platform::WindowsRuntimeError& error) {
       console.Line(Row(form.name, "-", "-",
                        "never runs: " + Utf8(error.message()) + ": " + Utf8(text.value_or(L""))));
     }

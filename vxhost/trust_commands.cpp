@@ -3,7 +3,7 @@
 #include <cstdio>
 
 #include "launch/qubo_facade.h"
-#include "platform/hresult_error.h"
+#include "platform/windows_runtime_error.h"
 #include "security/file_trust.h"
 #include "vxhost/text.h"
 

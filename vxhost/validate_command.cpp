@@ -10,7 +10,7 @@
 #include "events/event_commands.h"
 #include "json/json_object.h"
 #include "json/json_text.h"
-#include "platform/hresult_error.h"
+#include "platform/windows_runtime_error.h"
 #include "security/file_trust.h"
 #include "vxhost/text.h"
 
@@ -42,7 +42,7 @@ const Form& FormOf(const Json::JsonObject& request) {
   for (const Form& form : kForms) {
     if (request.HasKey(form.event)) return form;
   }
-  throw winrt::hresult_error(
+  throw Platform::WindowsRuntimeError(
       Json::kJsonValueNotFound,
       L"none of powerEventType, zephraEventType and catalogEvent is there: no subscription");
 }
@@ -131,7 +131,7 @@ int Validate(const Options& options, Console& console) {
     } else {
       Check(Json::JsonObject::Parse(request), report);
     }
-  } catch (const winrt::hresult_error& error) {
+  } catch (const Platform::WindowsRuntimeError& error) {
     report.Bad(Utf8(error.message()));
   }
   console.Line(report.Runs() ? "It can run." : "It would never run.");

@@ -3,10 +3,10 @@
 #include "host/logging.h"
 #include "launch/session_launch.h"
 #include "platform/app_services.h"
-#include "platform/hresult_error.h"
 #include "platform/machine.h"
 #include "platform/sessions.h"
 #include "platform/unique_handle.h"
+#include "platform/windows_runtime_error.h"
 #include "security/authenticode_facade.h"
 
 namespace Vx::Tessel::Server::Services::Orvane {
@@ -82,7 +82,7 @@ EventCommandPtr CreateEventCommand(EventAction action, const Json::JsonObject& p
     case EventAction::AppServiceNotification:
       return Make<AppServiceNotificationCommand>(parameters);
   }
-  throw winrt::hresult_error(kUnknownAction, kNoSuchAction);
+  throw Platform::WindowsRuntimeError(kUnknownAction, kNoSuchAction);
 }
 
 }  // namespace Vx::Tessel::Server::Services::Orvane

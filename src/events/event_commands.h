@@ -19,7 +19,7 @@ enum class EventAction : std::uint32_t { Launch = 1, AppServiceNotification = 2 
 class EventCommand {
  public:
   // Blocks for as long as the command takes. Outcomes are only logged. May throw
-  // winrt::hresult_error and std::exception.
+  // Platform::WindowsRuntimeError and std::exception.
   virtual void Execute() = 0;
 
  protected:
@@ -57,7 +57,7 @@ using PackageEventCommandPtr = std::unique_ptr<PackageEventCommand, CommandDelet
 class LaunchCommand final : public PackageEventCommand {
  public:
   // Reads "path" (required), "arguments" (empty unless it is a string) and "delayDeliverySec" ("0"
-  // when absent). Throws the JSON layer's winrt::hresult_error.
+  // when absent). Throws the JSON layer's Platform::WindowsRuntimeError.
   explicit LaunchCommand(const Json::JsonObject& parameters);
 
   // The file stays open against writing from before the trust check until the program is started.
@@ -82,7 +82,7 @@ class AppServiceNotificationCommand final : public EventCommand {
  public:
   // Reads "packageFamilyName", "appServiceName" and "payload" (required), "delayDeliverySec" ("0"
   // when absent) and, inside the payload, "customTriggerGUID" (empty unless it is a string). Throws
-  // the JSON layer's winrt::hresult_error.
+  // the JSON layer's Platform::WindowsRuntimeError.
   explicit AppServiceNotificationCommand(const Json::JsonObject& parameters);
 
   void Execute() override;
@@ -106,7 +106,7 @@ class AppServiceNotificationCommand final : public EventCommand {
   std::wstring customTriggerGuid;
 };
 
-// The command of an action, from its parameters. Throws winrt::hresult_error:
+// The command of an action, from its parameters. Throws Platform::WindowsRuntimeError:
 // kUnknownAction, or the JSON layer's.
 EventCommandPtr CreateEventCommand(EventAction action, const Json::JsonObject& parameters);
 

@@ -5,11 +5,11 @@
 #include "events/uninstall_watch.h"
 #include "host/logging.h"
 #include "platform/console_user.h"
-#include "platform/hresult_error.h"
 #include "platform/impersonation.h"
 #include "platform/machine.h"
 #include "platform/sessions.h"
 #include "platform/system_services.h"
+#include "platform/windows_runtime_error.h"
 
 namespace Vx::Tessel::Server::Services::Orvane {
 
@@ -60,7 +60,7 @@ PackageUninstallingPCEvent::PackageUninstallingPCEvent(const std::wstring& packa
   }
   const std::lock_guard guard(rLock);
   if (Platform::CurrentMachine().packages->FindForAllUsers(packageFamilyName).empty()) {
-    throw winrt::hresult_error(kPackageNotInstalled, kNotInstalled);
+    throw Platform::WindowsRuntimeError(kPackageNotInstalled, kNotInstalled);
   }
   catalog = OpenConsoleUserCatalog();
 }
@@ -80,7 +80,7 @@ void PackageUninstallingPCEvent::Register() {
 bool PackageUninstallingPCEvent::IsProcessRunningAsSystem() const {
   const auto answer = Platform::CurrentMachine().sessions->ProcessIsLocalSystem();
   // Guessing could watch the wrong user's packages for ever.
-  if (!answer) throw winrt::hresult_error(kConsoleUserUnavailable, kOwnAccountUnknown);
+  if (!answer) throw Platform::WindowsRuntimeError(kConsoleUserUnavailable, kOwnAccountUnknown);
   return *answer;
 }
 
@@ -90,9 +90,9 @@ std::shared_ptr<Platform::PackageCatalog> PackageUninstallingPCEvent::OpenConsol
   if (!IsProcessRunningAsSystem()) return packages.OpenCatalogForCurrentUser();
 
   const auto token = Platform::ConsoleUserToken();
-  if (!token) throw winrt::hresult_error(kConsoleUserUnavailable, kNoConsoleUser);
+  if (!token) throw Platform::WindowsRuntimeError(kConsoleUserUnavailable, kNoConsoleUser);
   const Platform::Impersonation asUser(token->get(), &LogRevertFailure);
-  if (!asUser) throw winrt::hresult_error(kConsoleUserUnavailable, kCannotImpersonate);
+  if (!asUser) throw Platform::WindowsRuntimeError(kConsoleUserUnavailable, kCannotImpersonate);
   return packages.OpenCatalogForCurrentUser();
 }
 

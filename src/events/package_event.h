@@ -58,7 +58,7 @@ enum class UninstallMoment { Starts, Completed };
 // being handled. Such a one shares what it uses, so nothing of this object is touched afterwards.
 class PackageUninstallingPCEvent final : public IPCEvent {
  public:
-  // Opens the console user's catalog. Throws winrt::hresult_error: kPackageNotInstalled,
+  // Opens the console user's catalog. Throws Platform::WindowsRuntimeError: kPackageNotInstalled,
   // kConsoleUserUnavailable or the package manager's own. Without the session API set there is no
   // catalog, which is logged, and the event never comes.
   PackageUninstallingPCEvent(const std::wstring& packageFamilyName, UninstallMoment moment,

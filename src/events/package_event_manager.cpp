@@ -4,7 +4,7 @@
 
 #include "host/logging.h"
 #include "json/json_object.h"
-#include "platform/hresult_error.h"
+#include "platform/windows_runtime_error.h"
 #include "storage/request_manager.h"
 
 namespace Vx::Tessel::Server::Services::Orvane {
@@ -24,7 +24,7 @@ void MakeLive(const std::wstring& request) {
       request, [request](const std::wstring&) { CompleteAppPackageEvent(request); });
 }
 
-void RunLate(const std::wstring& request, const winrt::hresult_error& error) {
+void RunLate(const std::wstring& request, const Platform::WindowsRuntimeError& error) {
   if (error.code() != kPackageNotInstalled) return;
   Logging::LogManager::GetLogger()->LogInfo(kRunningLate);
   PackageCatalogEventManager::execute_command(request);

@@ -16,7 +16,7 @@ class PackageCatalogEventManager {
 
   // Makes the subscription live. `completed` is told when its command has run, on the system's
   // catalog thread, and must not call back into this class. The last argument is ignored. Throws
-  // winrt::hresult_error as SubscribeForAppPackageEventRequest, std::system_error when the
+  // Platform::WindowsRuntimeError as SubscribeForAppPackageEventRequest, std::system_error when the
   // watcher cannot be started.
   static void register_event(const std::wstring& request, const CompletionHandler& completed,
                              const void* argument = nullptr);

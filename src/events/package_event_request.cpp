@@ -3,7 +3,7 @@
 #include <utility>
 
 #include "json/json_object.h"
-#include "platform/hresult_error.h"
+#include "platform/windows_runtime_error.h"
 
 namespace Vx::Tessel::Server::Services::Orvane {
 
@@ -27,7 +27,7 @@ UninstallMoment MomentOf(PackageCatalogEvent event) {
     case PackageCatalogEvent::Uninstalled:
       return UninstallMoment::Completed;
   }
-  throw winrt::hresult_error(kUnknownCatalogEvent, kUnknownEvent);
+  throw Platform::WindowsRuntimeError(kUnknownCatalogEvent, kUnknownEvent);
 }
 
 }  // namespace
@@ -64,7 +64,7 @@ PackageEventCommandPtr SubscribeForAppPackageEventRequest::ParseEventCommand(
     PackageEventCommandPtr result(packageCommand, command.get_deleter());
     command.release();  // NOLINT(bugprone-unused-return-value): `result` owns it now
     return result;
-  } catch (const winrt::hresult_error&) {
+  } catch (const Platform::WindowsRuntimeError&) {
     return nullptr;
   }
 }

@@ -15,7 +15,7 @@ enum class PackageCatalogEvent : std::uint32_t { Uninstalling = 5, Uninstalled =
 // catalog; see PackageUninstallingPCEvent for what that needs.
 class SubscribeForAppPackageEventRequest {
  public:
-  // Throws winrt::hresult_error: the JSON layer's, or one of package_event.h and
+  // Throws Platform::WindowsRuntimeError: the JSON layer's, or one of package_event.h and
   // event_commands.h.
   explicit SubscribeForAppPackageEventRequest(const std::wstring& request);
   SubscribeForAppPackageEventRequest(SubscribeForAppPackageEventRequest&&) noexcept = default;

@@ -12,7 +12,7 @@ namespace Vx::Tessel::Server::Services::Orvane {
 // A client's wish to have a command run at a power event.
 class SubscribeForPowerEventRequest final : public EventSubscription {
  public:
-  // Throws winrt::hresult_error: the JSON layer's, or the one of an unknown action.
+  // Throws Platform::WindowsRuntimeError: the JSON layer's, or the one of an unknown action.
   explicit SubscribeForPowerEventRequest(const std::wstring& request);
 
   std::uint32_t PowerEventType() const noexcept { return Type(); }

@@ -10,11 +10,11 @@
 #include "json/json_object.h"
 #include "json/utf8.h"
 #include "platform/clock.h"
-#include "platform/hresult_error.h"
 #include "platform/kernel_objects.h"
 #include "platform/machine.h"
 #include "platform/system_services.h"
 #include "platform/thread.h"
+#include "platform/windows_runtime_error.h"
 #include "storage/request_manager.h"
 
 namespace Vx::Tessel::Server::Services::Orvane {
@@ -125,7 +125,7 @@ std::int32_t StatusOf(const std::exception& error) {
 void Work(const DeliveryKind& kind, const std::wstring& request, std::uint32_t eventType) noexcept {
   try {
     Deliver(kind, request, eventType);
-  } catch (const winrt::hresult_error& error) {
+  } catch (const Platform::WindowsRuntimeError& error) {
     Log().LogError(kind.texts.workerFailed, Json::ToUtf8(error.message()).c_str(), error.code());
   } catch (const std::exception& error) {
     Log().LogError(kind.texts.workerFailed, error.what(), StatusOf(error));
@@ -139,7 +139,7 @@ int ChangeList(const DeliveryKind& kind, const wchar_t* runtimeError, const wcha
   try {
     RequestManager manager(kServiceDocument, kind.storeKey);
     change(manager);
-  } catch (const winrt::hresult_error& error) {
+  } catch (const Platform::WindowsRuntimeError& error) {
     LogManager::GetLogger()->LogError(runtimeError, error.message().c_str(), error.code());
   } catch (const std::exception& error) {
     LogManager::GetLogger()->LogError(failed, error.what());
@@ -180,7 +180,7 @@ void FulfillSubscriptions(const DeliveryKind& kind, std::uint32_t eventType) {
   RequestManager manager(kServiceDocument, kind.storeKey);
   manager.RegisterExistingRequests(
       [&](const std::wstring& request) { kind.handleEvent(request, nullptr, eventType); },
-      [](const std::wstring&, const winrt::hresult_error&) {});
+      [](const std::wstring&, const Platform::WindowsRuntimeError&) {});
 }
 
 void StartDelivery(const DeliveryKind& kind, const std::wstring& request, std::uint32_t eventType) {

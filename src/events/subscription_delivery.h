@@ -25,7 +25,7 @@ class EventSubscription {
   EventAction Action() const noexcept { return action; }
 
  protected:
-  // Throws winrt::hresult_error when the text is not such a request.
+  // Throws Platform::WindowsRuntimeError when the text is not such a request.
   EventSubscription(const std::wstring& request, std::wstring typeKey, std::wstring actionKey);
   ~EventSubscription() = default;
 

@@ -4,9 +4,9 @@
 
 #include "host/logging.h"
 #include "platform/clock.h"
-#include "platform/hresult_error.h"
 #include "platform/kernel_objects.h"
 #include "platform/machine.h"
+#include "platform/windows_runtime_error.h"
 
 namespace Vx::Tessel::Server::Services::Orvane {
 
@@ -35,7 +35,7 @@ template <typename Body>
 void Contain(Body&& body) noexcept {
   try {
     body();
-  } catch (const winrt::hresult_error& error) {
+  } catch (const Platform::WindowsRuntimeError& error) {
     Log().LogError(kRuntimeError, error.message().c_str(), error.code());
   } catch (const std::exception& error) {
     Log().LogError(kFailed, error.what());

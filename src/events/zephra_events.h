@@ -15,7 +15,7 @@ enum class ZephraEvent : std::uint32_t { PolicyChanged = 1, UserSessionAfterBoot
 // A client's wish to have a command run at one of the service's own events.
 class SubscribeForZephraEventRequest final : public EventSubscription {
  public:
-  // Throws winrt::hresult_error: the JSON layer's, or the one of an unknown action.
+  // Throws Platform::WindowsRuntimeError: the JSON layer's, or the one of an unknown action.
   explicit SubscribeForZephraEventRequest(const std::wstring& request);
 
   std::uint32_t EventType() const noexcept { return Type(); }

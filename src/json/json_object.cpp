@@ -61,7 +61,7 @@ std::shared_ptr<const Tree> ParseTree(std::wstring_view text, std::size_t nestin
                                       JsonKind root) {
   auto tree = std::make_shared<Tree>(text.size());
   if (!ParseJson(tree->document, text, nestingLimit) || KindOf(tree->document) != root) {
-    throw winrt::hresult_error(kInvalidJsonString, kNotThatText);
+    throw Platform::WindowsRuntimeError(kInvalidJsonString, kNotThatText);
   }
   return tree;
 }
@@ -93,7 +93,7 @@ std::wstring JsonValue::Text() const {
 
 const void* JsonValue::Require(JsonKind kind, std::wstring_view name) const {
   if (Kind() == kind) return node;
-  throw winrt::hresult_error(kIllegalMethodCall, std::wstring(name) + kOtherKind);
+  throw Platform::WindowsRuntimeError(kIllegalMethodCall, std::wstring(name) + kOtherKind);
 }
 
 std::wstring JsonValue::AsString() const {
@@ -135,7 +135,8 @@ std::optional<JsonValue> JsonObject::Find(std::wstring_view name) const {
 
 JsonValue JsonObject::GetNamedValue(std::wstring_view name) const {
   std::optional<JsonValue> member = Find(name);
-  if (!member) throw winrt::hresult_error(kJsonValueNotFound, std::wstring(name) + kMissing);
+  if (!member)
+    throw Platform::WindowsRuntimeError(kJsonValueNotFound, std::wstring(name) + kMissing);
   return *std::move(member);
 }
 

@@ -8,7 +8,7 @@
 #include <string_view>
 #include <utility>
 
-#include "platform/hresult_error.h"
+#include "platform/windows_runtime_error.h"
 
 namespace Vx::Json {
 
@@ -35,7 +35,7 @@ class JsonValue {
   // writer's one spelling.
   std::wstring Text() const;
 
-  // Each throws winrt::hresult_error with kIllegalMethodCall when the value is of another
+  // Each throws Platform::WindowsRuntimeError with kIllegalMethodCall when the value is of another
   // kind.
   std::wstring AsString() const;
   double AsNumber() const;
@@ -64,7 +64,7 @@ class JsonObject {
   // An empty object.
   JsonObject();
 
-  // Throws winrt::hresult_error with kInvalidJsonString when `text` is not valid JSON (see
+  // Throws Platform::WindowsRuntimeError with kInvalidJsonString when `text` is not valid JSON (see
   // ParseJson for the fine print) or not an object.
   static JsonObject Parse(std::wstring_view text);
 
@@ -73,7 +73,7 @@ class JsonObject {
   // The member, or nothing.
   std::optional<JsonValue> Find(std::wstring_view name) const;
 
-  // The getters throw winrt::hresult_error: kJsonValueNotFound when the member is absent,
+  // The getters throw Platform::WindowsRuntimeError: kJsonValueNotFound when the member is absent,
   // kIllegalMethodCall when it is of another kind (JSON null is another kind).
   JsonValue GetNamedValue(std::wstring_view name) const;
   std::wstring GetNamedString(std::wstring_view name) const;
@@ -106,7 +106,7 @@ class JsonObject {
 // A JSON array, walked from the front. Copies share one immutable text.
 class JsonArray {
  public:
-  // Throws winrt::hresult_error with kInvalidJsonString when `text` is not valid JSON or
+  // Throws Platform::WindowsRuntimeError with kInvalidJsonString when `text` is not valid JSON or
   // not an array. Elements may nest as deep as a text of their own.
   static JsonArray Parse(std::wstring_view text);
 

@@ -21,7 +21,7 @@ std::string Describe(std::wstring_view call, std::uint32_t code, std::wstring_vi
 PackageError::PackageError(std::wstring_view call, std::uint32_t code, std::wstring_view details)
     : std::runtime_error(Describe(call, code, details)), errorCode(code) {}
 
-PackageError::PackageError(const winrt::hresult_error& error)
+PackageError::PackageError(const Platform::WindowsRuntimeError& error)
     : PackageError(error.message(), static_cast<std::uint32_t>(error.code())) {}
 
 }  // namespace Vx::Tessel::Server::Services::Orvane

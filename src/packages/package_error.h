@@ -5,7 +5,7 @@
 #include <string>
 #include <string_view>
 
-#include "platform/hresult_error.h"
+#include "platform/windows_runtime_error.h"
 
 namespace Vx::Tessel::Server::Services::Orvane {
 
@@ -17,7 +17,7 @@ class PackageError : public std::runtime_error {
   PackageError(std::wstring_view call, std::uint32_t code, std::wstring_view details = {});
 
   // The message of `error` names the call.
-  explicit PackageError(const winrt::hresult_error& error);
+  explicit PackageError(const Platform::WindowsRuntimeError& error);
 
   std::uint32_t Code() const noexcept { return errorCode; }
 

@@ -48,7 +48,7 @@ bool UwpPackage::ShouldForceRegistration(const std::wstring& user,
     const auto sid = packages.AccountSid(user);
     if (!sid) throw PackageError(L"LookupAccountName", sid.Error());
     return !Holds(packages.FindForUser(*sid, family), fullName);
-  } catch (const winrt::hresult_error& error) {
+  } catch (const Platform::WindowsRuntimeError& error) {
     throw PackageError(error);
   }
 }
@@ -63,7 +63,7 @@ void UwpPackage::Register(const std::wstring& fullName) const {
       throw PackageError(L"RegisterPackageByFullNameAsync",
                          static_cast<std::uint32_t>(registration.result), registration.errorText);
     }
-  } catch (const winrt::hresult_error& error) {
+  } catch (const Platform::WindowsRuntimeError& error) {
     throw PackageError(error);
   }
 }

@@ -16,7 +16,7 @@ class PackageUninstall {
  public:
   virtual ~PackageUninstall() = default;
 
-  // Both throw winrt::hresult_error when Windows refuses.
+  // Both throw WindowsRuntimeError when Windows refuses.
   virtual std::wstring FamilyName() const = 0;
   virtual bool IsComplete() const = 0;
 };
@@ -30,7 +30,7 @@ class PackageCatalog {
   virtual ~PackageCatalog() = default;
 
   // `handler` is called on the system's own threads, several times an uninstall, until it is
-  // removed again; it must not throw. Throws winrt::hresult_error.
+  // removed again; it must not throw. Throws WindowsRuntimeError.
   virtual Token AddUninstalling(UninstallingHandler handler) = 0;
 
   // After this call no new notification starts; one that runs already may still be running.
@@ -43,7 +43,7 @@ struct PackageRegistration {
 };
 
 // Packaged apps. The Win32 queries see the user whom the calling thread acts as; the deployment
-// queries speak to Windows' package manager and throw winrt::hresult_error when it refuses.
+// queries speak to Windows' package manager and throw WindowsRuntimeError when it refuses.
 class Packages {
  public:
   virtual ~Packages() = default;

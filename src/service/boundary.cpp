@@ -3,8 +3,8 @@
 #include <exception>
 
 #include "host/logging.h"
-#include "platform/hresult_error.h"
 #include "platform/type_name.h"
+#include "platform/windows_runtime_error.h"
 #include "service/orvane_service.h"
 
 namespace Vx::Tessel::Server::Services::Orvane {
@@ -22,7 +22,7 @@ void LogCurrentException(const char* operation, const wchar_t* caller) noexcept 
   const auto logger = Logging::LogManager::GetLogger()->For(caller);
   try {
     throw;
-  } catch (const winrt::hresult_error& error) {
+  } catch (const Platform::WindowsRuntimeError& error) {
     logger.LogError(kThrewRuntimeError, kClass, operation, error.message().c_str(), error.code());
   } catch (const std::exception& error) {
     logger.LogError(kThrew, kClass, operation, error.what());

@@ -14,10 +14,10 @@
 #include "events/zephra_events.h"
 #include "host/logging.h"
 #include "json/json_text.h"
-#include "platform/hresult_error.h"
 #include "platform/machine.h"
 #include "platform/system_services.h"
 #include "platform/type_name.h"
+#include "platform/windows_runtime_error.h"
 #include "service/boundary.h"
 #include "service/client_context.h"
 #include "service/json_request.h"
@@ -73,7 +73,7 @@ struct Command {
   Handler run;
 };
 
-RequestProblem ProblemOf(const winrt::hresult_error& error) {
+RequestProblem ProblemOf(const Platform::WindowsRuntimeError& error) {
   switch (error.code()) {
     case kAlreadySubscribed:
       return {L"request", L"is subscribed already"};
@@ -94,7 +94,7 @@ RequestProblem ProblemOf(const winrt::hresult_error& error) {
 void TakeBack(const Call& call) {
   try {
     RemoveAppPackageEvent(call.text);
-  } catch (const winrt::hresult_error&) {  // NOLINT(bugprone-empty-catch)
+  } catch (const Platform::WindowsRuntimeError&) {  // NOLINT(bugprone-empty-catch)
     // The stored list cannot be read, so that it never took the request.
   }
 }
@@ -104,7 +104,7 @@ std::uint32_t RegisterPackageEvent(const Call& call) {
   try {
     RegisterAppPackageEvent(call.text);
     return kSuccess;
-  } catch (const winrt::hresult_error& error) {
+  } catch (const Platform::WindowsRuntimeError& error) {
     log.LogError(kPackageRuntimeError, error.message().c_str(), error.code());
     *call.caller.problem = ProblemOf(error);
     if (error.code() == kAlreadySubscribed) return kRuntimeError;
@@ -129,7 +129,7 @@ std::uint32_t Subscribe(const Call& call) {
   const std::uint32_t result = OnText<Operation>(call);
   try {
     const Request readable(call.text);
-  } catch (const winrt::hresult_error& error) {
+  } catch (const Platform::WindowsRuntimeError& error) {
     *call.caller.problem = {L"request", L"will never run: ", error.message()};
   }
   return result;
@@ -242,7 +242,7 @@ std::uint32_t RunHandler(Handler handler, const Call& call, std::uint32_t id) {
   }
   try {
     return handler(call);
-  } catch (const winrt::hresult_error&) {
+  } catch (const Platform::WindowsRuntimeError&) {
     LogCurrentException(kExecuteCommand, call.caller.clientId);
     return kRuntimeError;
   } catch (...) {

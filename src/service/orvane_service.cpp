@@ -7,9 +7,9 @@
 #include "events/package_event_manager.h"
 #include "events/power_events.h"
 #include "events/zephra_events.h"
-#include "platform/hresult_error.h"
 #include "platform/kernel_objects.h"
 #include "platform/machine.h"
+#include "platform/windows_runtime_error.h"
 #include "service/boot.h"
 #include "service/boundary.h"
 #include "service/client_context.h"
@@ -142,8 +142,9 @@ int OrvaneService::OnPolicyChangedEvent(const wchar_t* /*request*/, const wchar_
     Storage::CapDataStore store;
     store.persist(kPolicyChangedKey, "yes");
     FulfillZephraSubscriptions(static_cast<std::uint32_t>(ZephraEvent::PolicyChanged));
-  } catch (const winrt::hresult_error&) {  // NOLINT(bugprone-empty-catch): documented as silent
-  } catch (const std::exception&) {        // NOLINT(bugprone-empty-catch): likewise
+  } catch (
+      const Platform::WindowsRuntimeError&) {  // NOLINT(bugprone-empty-catch): documented as silent
+  } catch (const std::exception&) {            // NOLINT(bugprone-empty-catch): likewise
   }
   return 0;
 }

@@ -9,7 +9,7 @@
 // the clients' objects. An empty text is an empty list.
 //
 // An object's text is compact JSON, each value in the writer's one spelling. Every operation throws
-// winrt::hresult_error with Json::kInvalidJsonString when the list is no JSON array, so
+// Platform::WindowsRuntimeError with Json::kInvalidJsonString when the list is no JSON array, so
 // that a list that cannot be read is never written over; time and memory are linear in the list.
 namespace Vx::Tessel::Server::Storage {
 

@@ -98,52 +98,52 @@ bool RequestManager::Change(const Edit& edit) {
 
 void RequestManager::PersistRequest(std::wstring_view request) {
   // What the request itself is guilty of goes to the caller; what the store throws is logged.
-  std::optional<winrt::hresult_error> refused;
+  std::optional<Platform::WindowsRuntimeError> refused;
   const Edit edit = [&](const std::wstring& list) -> std::optional<std::wstring> {
     try {
       std::optional<std::wstring> longer = Storage::ListWith(list, request);
       if (!longer) refused.emplace(kAlreadySubscribed, kStoredAlready);
       return longer;
-    } catch (const winrt::hresult_error& error) {
+    } catch (const Platform::WindowsRuntimeError& error) {
       refused.emplace(error);
       return std::nullopt;
     }
   };
   try {
     if (!Change(edit)) logger->LogError(kPersistFailed);
-  } catch (const winrt::hresult_error& error) {
+  } catch (const Platform::WindowsRuntimeError& error) {
     logger->LogError(kPersistThrewRuntime, error.message().c_str(), error.code());
   } catch (const std::exception& error) {
     logger->LogError(kPersistThrew, error.what());
   }
-  if (refused) throw winrt::hresult_error(*refused);
+  if (refused) throw Platform::WindowsRuntimeError(*refused);
 }
 
 void RequestManager::RemoveRequest(std::wstring_view request) {
-  std::optional<winrt::hresult_error> refused;
+  std::optional<Platform::WindowsRuntimeError> refused;
   const Edit edit = [&](const std::wstring& list) -> std::optional<std::wstring> {
     try {
       return Storage::ListWithout(list, request);
-    } catch (const winrt::hresult_error& error) {
+    } catch (const Platform::WindowsRuntimeError& error) {
       refused.emplace(error);
       return std::nullopt;
     }
   };
   try {
     Change(edit);
-  } catch (const winrt::hresult_error& error) {
+  } catch (const Platform::WindowsRuntimeError& error) {
     logger->LogError(kRemoveThrewRuntime, error.message().c_str(), error.code());
   } catch (const std::exception& error) {
     logger->LogError(kRemoveThrew, error.what());
   }
-  if (refused) throw winrt::hresult_error(*refused);
+  if (refused) throw Platform::WindowsRuntimeError(*refused);
 }
 
 bool RequestManager::CompleteRequest(std::wstring_view request) {
   try {
     return Change(
         [&](const std::wstring& list) { return Storage::ListWithoutCompleted(list, request); });
-  } catch (const winrt::hresult_error& error) {
+  } catch (const Platform::WindowsRuntimeError& error) {
     logger->LogError(kCompleteThrewRuntime, error.message().c_str(), error.code());
   } catch (const std::exception& error) {
     logger->LogError(kCompleteThrew, error.what());
@@ -156,7 +156,7 @@ void RequestManager::RegisterExistingRequests(const Handler& handler,
   std::vector<std::optional<std::wstring>> requests;
   try {
     requests = Storage::RequestsOf(StoredRequests());
-  } catch (const winrt::hresult_error& error) {
+  } catch (const Platform::WindowsRuntimeError& error) {
     logger->LogError(kRegisterFailed, error.code());
   }
   for (const std::optional<std::wstring>& request : requests) {
@@ -172,16 +172,17 @@ void RequestManager::CallHandler(const std::wstring& request, const Handler& han
                                  const ErrorCallback& onError) const {
   try {
     handler(request);
-  } catch (const winrt::hresult_error& error) {
+  } catch (const Platform::WindowsRuntimeError& error) {
     ReportFailure(request, error, onError);
   } catch (const std::bad_alloc&) {
-    ReportFailure(request, winrt::hresult_error(kOutOfMemory), onError);
+    ReportFailure(request, Platform::WindowsRuntimeError(kOutOfMemory), onError);
   } catch (const std::exception&) {
-    ReportFailure(request, winrt::hresult_error(kFail), onError);
+    ReportFailure(request, Platform::WindowsRuntimeError(kFail), onError);
   }
 }
 
-void RequestManager::ReportFailure(const std::wstring& request, const winrt::hresult_error& error,
+void RequestManager::ReportFailure(const std::wstring& request,
+                                   const Platform::WindowsRuntimeError& error,
                                    const ErrorCallback& onError) const {
   logger->LogError(kRegisterFailed, error.code());
   if (onError) onError(request, error);

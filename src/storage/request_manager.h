@@ -7,7 +7,7 @@
 #include <string_view>
 
 #include "host/logging.h"
-#include "platform/hresult_error.h"
+#include "platform/windows_runtime_error.h"
 #include "storage/bson_document.h"
 #include "storage/service_document.h"
 
@@ -29,11 +29,11 @@ inline constexpr std::int32_t kAlreadySubscribed = 1;
 // the client's tokens without the white space between them.
 class RequestManager {
  public:
-  // Called with a stored request's text. May throw winrt::hresult_error or a standard
+  // Called with a stored request's text. May throw Platform::WindowsRuntimeError or a standard
   // exception.
   using Handler = std::function<void(const std::wstring& request)>;
   using ErrorCallback =
-      std::function<void(const std::wstring& request, const winrt::hresult_error& error)>;
+      std::function<void(const std::wstring& request, const Platform::WindowsRuntimeError& error)>;
 
   // Opens the store and reads the document. A store that cannot be made is logged; the object then
   // works in memory and keeps nothing.
@@ -42,7 +42,7 @@ class RequestManager {
   RequestManager& operator=(const RequestManager&) = delete;
   ~RequestManager();
 
-  // Adds a request. Throws winrt::hresult_error with kAlreadySubscribed when an equal one
+  // Adds a request. Throws Platform::WindowsRuntimeError with kAlreadySubscribed when an equal one
   // (delay apart) is stored, and the JSON layer's error when the text is not a JSON object or the
   // stored list cannot be read. Store failures are logged.
   void PersistRequest(std::wstring_view request);
@@ -76,7 +76,7 @@ class RequestManager {
   std::optional<std::wstring> ChangeStored(const Storage::BsonElement* stored, const Edit& edit);
   void CallHandler(const std::wstring& request, const Handler& handler,
                    const ErrorCallback& onError) const;
-  void ReportFailure(const std::wstring& request, const winrt::hresult_error& error,
+  void ReportFailure(const std::wstring& request, const Platform::WindowsRuntimeError& error,
                      const ErrorCallback& onError) const;
 
   std::string documentName;

@@ -10,7 +10,7 @@
 
 #include "events/package_event_request.h"
 #include "host/logging.h"
-#include "platform/hresult_error.h"
+#include "platform/windows_runtime_error.h"
 #include "support/log_capture.h"
 #include "support/probe.h"
 #include "support/stand_in_logon.h"
@@ -31,7 +31,7 @@ std::int32_t Building(std::uint32_t action, const std::wstring& parameters) {
   try {
     return CreateEventCommand(static_cast<EventAction>(action), JsonObject::Parse(parameters)) ? 0
                                                                                                : -1;
-  } catch (const winrt::hresult_error& error) {
+  } catch (const Platform::WindowsRuntimeError& error) {
     return error.code();
   }
 }

@@ -14,7 +14,7 @@
 
 #include "events/package_event_manager.h"
 #include "events/package_event_request.h"
-#include "platform/hresult_error.h"
+#include "platform/windows_runtime_error.h"
 #include "storage/request_manager.h"
 #include "support/machine_test.h"
 
@@ -80,7 +80,7 @@ class PackageEventTest : public Tests::StoreTest {
                               [this](const std::wstring& text) { completed.push_back(text); });
       machine.clock.Settle();
       return 0;
-    } catch (const winrt::hresult_error& error) {
+    } catch (const Platform::WindowsRuntimeError& error) {
       return error.code();
     }
   }

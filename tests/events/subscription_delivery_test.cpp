@@ -237,7 +237,7 @@ TEST_P(DeliveryTest, LogsACommandThatFailsAndRunsTheNext) {
     const wchar_t* end;
   } cases[] = {
       {[] { throw std::runtime_error("boom"); }, L" Message: boom, Status: -2147467259"},
-      {[] { throw winrt::hresult_error(5, L"\u00e9"); }, L", Status: 5"},
+      {[] { throw Platform::WindowsRuntimeError(5, L"\u00e9"); }, L", Status: 5"},
       {[] { throw std::system_error(8, std::system_category(), "full"); }, L", Status: 8"},
   };
   for (const auto& c : cases) {

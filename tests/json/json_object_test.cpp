@@ -20,7 +20,7 @@ std::int32_t CodeOf(const std::function<void()>& call) {
   try {
     call();
     return 0;
-  } catch (const winrt::hresult_error& error) {
+  } catch (const Platform::WindowsRuntimeError& error) {
     return error.code();
   }
 }

@@ -31,7 +31,7 @@ void ExpectValid(const std::wstring& text, bool valid) {
   std::int32_t code = 0;
   try {
     JsonObject::Parse(L"{\"v\":" + text + L"}");
-  } catch (const winrt::hresult_error& error) {
+  } catch (const Platform::WindowsRuntimeError& error) {
     code = error.code();
   }
   EXPECT_EQ(code, valid ? 0 : kInvalidJsonString);

@@ -8,7 +8,7 @@ set(cases
   "src/module/a.cpp|#include \"service/x.h\"|"
   "src/events/a.cpp|#include \"launch/x.h\"|"
   "src/storage/a.cpp|#include \"host/logging.h\"|"
-  "src/json/a.h|#include \"platform/hresult_error.h\"|"
+  "src/json/a.h|#include \"platform/windows_runtime_error.h\"|"
   "src/json/b.h|#include <rapidjson/document.h>|"
   "src/platform/windows/a.cpp|#include <windows.h>|"
   "src/platform/b.cpp|  CloseHandle(handle)|"

@@ -53,7 +53,7 @@ TEST(RequestList, TakesBackEveryRequestThatItTook) {
   ASSERT_TRUE(list);
   EXPECT_EQ(ListWith(*list, request), std::nullopt);
   EXPECT_EQ(ListWithout(*list, request), L"[]");
-  EXPECT_THROW(ListWith(L"", Nested(kDeepest + 1)), winrt::hresult_error);
+  EXPECT_THROW(ListWith(L"", Nested(kDeepest + 1)), Platform::WindowsRuntimeError);
 }
 
 }  // namespace

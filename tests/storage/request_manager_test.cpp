@@ -49,7 +49,7 @@ class RequestManagerTest : public testing::Test {
     try {
       Manager().PersistRequest(request);
       return 0;
-    } catch (const winrt::hresult_error& error) {
+    } catch (const Platform::WindowsRuntimeError& error) {
       return error.code();
     }
   }
@@ -87,11 +87,11 @@ TEST_F(RequestManagerTest, ReplaysObjectsInOrderPastEverythingThatFails) {
   Manager().RegisterExistingRequests(
       [&](const std::wstring& request) {
         seen += request;
-        if (request == L"{\"n\":2}") throw winrt::hresult_error(0x20000004);
+        if (request == L"{\"n\":2}") throw Platform::WindowsRuntimeError(0x20000004);
         if (request == L"{\"n\":3}") throw std::runtime_error("no thread");
         if (request == L"{\"n\":4}") throw std::bad_alloc();
       },
-      [&](const std::wstring& request, const winrt::hresult_error& error) {
+      [&](const std::wstring& request, const Platform::WindowsRuntimeError& error) {
         failed.emplace_back(request, error.code());
       });
   EXPECT_EQ(seen, L"{\"n\":1}{\"n\":2}{\"n\":3}{\"n\":4}{\"n\":5}");
@@ -112,7 +112,7 @@ TEST_F(RequestManagerTest, LeavesAStoredListThatItCannotReadAlone) {
     Plant(list);
     log.Clear();
     EXPECT_EQ(Persist(kFirst), Json::kInvalidJsonString);
-    EXPECT_THROW(Manager().RemoveRequest(kFirst), winrt::hresult_error);
+    EXPECT_THROW(Manager().RemoveRequest(kFirst), Platform::WindowsRuntimeError);
     EXPECT_THAT(log.Lines(), IsEmpty());
     EXPECT_FALSE(Manager().CompleteRequest(kFirst));
     Manager().RegisterExistingRequests([](const std::wstring&) { FAIL(); }, nullptr);
@@ -171,7 +171,7 @@ TEST_F(RequestManagerTest, WorksInMemoryWhenThereIsNoStore) {
                   L"lost. CapDataStore::expandPathAndCreateDirectory - failed to create "
                   L"storage directory"));
   manager.PersistRequest(kFirst);
-  EXPECT_THROW(manager.PersistRequest(kFirst), winrt::hresult_error);
+  EXPECT_THROW(manager.PersistRequest(kFirst), Platform::WindowsRuntimeError);
   EXPECT_EQ(manager.StoredRequests(), std::wstring(L"[") + kFirst + L"]");
   manager.RemoveRequest(kFirst);
   EXPECT_EQ(manager.StoredRequests(), L"[]");

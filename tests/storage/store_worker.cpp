@@ -12,7 +12,7 @@
 #include <thread>
 #include <vector>
 
-#include "platform/hresult_error.h"
+#include "platform/windows_runtime_error.h"
 #include "storage/cap_data_store.h"
 #include "storage/store_faults.h"
 #include "storage/store_storm.h"
@@ -78,7 +78,7 @@ int wmain(int count, wchar_t** arguments) {
     return 0;
   } catch (const std::exception& error) {
     static_cast<void>(std::fprintf(stderr, "%s\n", error.what()));
-  } catch (const winrt::hresult_error& error) {
+  } catch (const Vx::Platform::WindowsRuntimeError& error) {
     static_cast<void>(std::fprintf(stderr, "0x%x\n", static_cast<unsigned>(error.code())));
   }
   return 2;

@@ -398,7 +398,7 @@ void RuntimeTest::ExpectEachFailureTold(int fewestCalls,
     HRESULT result = S_OK;
     try {
       result = operation();
-    } catch (const winrt::hresult_error& error) {
+    } catch (const Platform::WindowsRuntimeError& error) {
       result = error.code();
       EXPECT_FALSE(error.message().empty());
     }

@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/hresult_error.h"
+#include "platform/windows_runtime_error.h"
 #include "platform/winrt/winrt_owners.h"
 
 namespace Vx::Tests {

@@ -66,7 +66,7 @@ struct Subscription {
     try {
       handler(Uninstall(*arguments));
       return S_OK;
-    } catch (const winrt::hresult_error& error) {
+    } catch (const WindowsRuntimeError& error) {
       return error.code();
     } catch (...) {
       return E_FAIL;

@@ -46,7 +46,7 @@ std::vector<std::wstring> FullNamesOf(const Abi::ComPtr<Abi::IPackageIterable>& 
 // still call after we stopped waiting.
 SharedHandle MakeCompletionEvent() {
   UniqueHandle event(CreateEventW(nullptr, TRUE, FALSE, nullptr));
-  if (!event) throw winrt::hresult_error(HRESULT_FROM_WIN32(GetLastError()), L"CreateEvent");
+  if (!event) throw WindowsRuntimeError(HRESULT_FROM_WIN32(GetLastError()), L"CreateEvent");
   return Share(std::move(event));
 }
 

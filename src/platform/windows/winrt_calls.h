@@ -2,16 +2,16 @@
 
 #include <string_view>
 
-#include "platform/hresult_error.h"
+#include "platform/windows_runtime_error.h"
 #include "platform/winrt/winrt_owners.h"
 
-// The Windows Runtime calls of this folder, with failures as winrt::hresult_error. The message
+// The Windows Runtime calls of this folder, with failures as WindowsRuntimeError. The message
 // names the call, for the code alone does not tell which of several steps refused.
 
 namespace Vx::Platform {
 
 inline void Check(HRESULT result, const wchar_t* call) {
-  if (FAILED(result)) throw winrt::hresult_error(result, call);
+  if (FAILED(result)) throw WindowsRuntimeError(result, call);
 }
 
 // Enters the multithreaded apartment for a scope; throws when the thread may not.
@@ -33,7 +33,7 @@ inline Abi::HString MakeString(std::wstring_view text) {
 template <typename T>
 void CheckMade(HRESULT result, const Abi::ComPtr<T>& object, const wchar_t* call) {
   Check(result, call);
-  if (!object) throw winrt::hresult_error(E_UNEXPECTED, call);
+  if (!object) throw WindowsRuntimeError(E_UNEXPECTED, call);
 }
 
 template <typename T>

@@ -109,11 +109,11 @@ TEST_F(PackageCatalogTest, ThrowsTheFailureOfEachStepAndLeavesNothing) {
 
 TEST_F(PackageCatalogTest, ThrowsWhenNoCatalogIsPutOut) {
   answerNothing = true;
-  EXPECT_THROW(OpenWindowsPackageCatalog(), winrt::hresult_error);
+  EXPECT_THROW(OpenWindowsPackageCatalog(), Platform::WindowsRuntimeError);
 }
 
 TEST(PackageCatalogWithoutRuntimeTest, ThrowsWhereWindowsHasNoCatalog) {
-  EXPECT_THROW(OpenWindowsPackageCatalog(), winrt::hresult_error);
+  EXPECT_THROW(OpenWindowsPackageCatalog(), Platform::WindowsRuntimeError);
 }
 
 }  // namespace

@@ -34,7 +34,7 @@ TEST_F(PackageDeploymentTest, ListsTheFamilysPackagesOfTheMachineOrOfOneUserInOr
 TEST_F(PackageDeploymentTest, ReadsAMissingCollectionAsNoPackagesAndRefusesAMissingOperation) {
   answerNothing = true;
   EXPECT_THAT(FamilyPackagesOfMachine(kFamily), IsEmpty());
-  EXPECT_THROW(RegisterStagedPackage(kFirst, 1ms), winrt::hresult_error);
+  EXPECT_THROW(RegisterStagedPackage(kFirst, 1ms), Platform::WindowsRuntimeError);
 }
 
 TEST_F(PackageDeploymentTest, TellsTheFailureOfEachStep) {
@@ -96,7 +96,7 @@ TEST_F(PackageDeploymentTest, GivesUpAndCancelsADeploymentThatDoesNotEnd) {
 }
 
 TEST(PackageDeploymentWithoutRuntimeTest, ThrowsWhereWindowsHasNoPackageManager) {
-  EXPECT_THROW(FamilyPackagesOfMachine(kFamily), winrt::hresult_error);
+  EXPECT_THROW(FamilyPackagesOfMachine(kFamily), Platform::WindowsRuntimeError);
 }
 
 }  // namespace

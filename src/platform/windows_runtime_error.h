@@ -1,0 +1,27 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <utility>
+
+namespace Vx::Platform {
+
+// A Windows Runtime error: an HRESULT and a message. Not a std::exception, so that a boundary can
+// tell the two apart in either order of its catches.
+class WindowsRuntimeError {
+ public:
+  explicit WindowsRuntimeError(std::int32_t code) : errorCode(code) {}
+  WindowsRuntimeError(std::int32_t code, std::wstring message)
+      : errorCode(code), errorMessage(std::move(message)) {}
+
+  std::int32_t code() const noexcept { return errorCode; }
+
+  // UTF-16, may be empty.
+  const std::wstring& message() const noexcept { return errorMessage; }
+
+ private:
+  std::int32_t errorCode;
+  std::wstring errorMessage;
+};
+
+}  // namespace Vx::Platform
