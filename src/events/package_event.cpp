@@ -5,7 +5,6 @@
 #include "events/uninstall_watch.h"
 #include "host/logging.h"
 #include "platform/console_user.h"
-#include "platform/impersonation.h"
 #include "platform/machine.h"
 #include "platform/sessions.h"
 #include "platform/system_services.h"
@@ -30,8 +29,14 @@ const Logging::TraceLogger& Log() {
   return *Logging::LogManager::SetProvider(Logging::kComponentProvider);
 }
 
-void LogRevertFailure() {
-  Log().LogWarning(kRevertFailed);
+void ReportRefusedStep(Platform::ActingStep step, Platform::ErrorCode) {
+  if (step == Platform::ActingStep::Revert) {
+    Log().LogWarning(kRevertFailed);
+    return;
+  }
+  const bool acting = step == Platform::ActingStep::Impersonation;
+  throw Platform::WindowsRuntimeError(kConsoleUserUnavailable,
+                                      acting ? kCannotImpersonate : kNoConsoleUser);
 }
 
 }  // namespace
@@ -88,12 +93,8 @@ std::shared_ptr<Platform::PackageCatalog> PackageUninstallingPCEvent::OpenConsol
     const {
   Platform::Packages& packages = *Platform::CurrentMachine().packages;
   if (!IsProcessRunningAsSystem()) return packages.OpenCatalogForCurrentUser();
-
-  const auto token = Platform::ConsoleUserToken();
-  if (!token) throw Platform::WindowsRuntimeError(kConsoleUserUnavailable, kNoConsoleUser);
-  const Platform::Impersonation asUser(token->get(), &LogRevertFailure);
-  if (!asUser) throw Platform::WindowsRuntimeError(kConsoleUserUnavailable, kCannotImpersonate);
-  return packages.OpenCatalogForCurrentUser();
+  return Platform::AsConsoleUser(&ReportRefusedStep,
+                                 [&] { return packages.OpenCatalogForCurrentUser(); });
 }
 
 }  // namespace Vx::Tessel::Server::Services::Orvane

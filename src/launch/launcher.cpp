@@ -1,9 +1,9 @@
 #include "launch/launcher.h"
 
+#include <cstddef>
 #include <new>
 #include <utility>
 
-#include "launch/acting_as_user.h"
 #include "launch/launch_rules.h"
 #include "platform/environment.h"
 #include "platform/machine.h"
@@ -21,6 +21,14 @@ using Platform::TokenType;
 
 constexpr wchar_t kNoSessionApi[] =
     L"Problem in GetUserTokenForCurrentUser. WTSQueryUserToken is not available in this platform.";
+constexpr wchar_t kNoConsoleSession[] =
+    L"Problem while detecting active console session ID. This could be caused if the business "
+    L"logic ran while the user was not logged in.";
+constexpr wchar_t kTokenQueryFailed[] = L"Problem while querying user's access token.";
+constexpr wchar_t kTokenCopyFailed[] = L"Problem while duplicating the user's access token.";
+constexpr wchar_t kImpersonationFailed[] = L"Problem while impersonating logged in user.";
+constexpr wchar_t kExpansionFailed[] = L"Problem while expanding path.";
+constexpr wchar_t kRevertFailed[] = L"Problem while reverting the impersonation.";
 constexpr wchar_t kNoPackageLength[] =
     L"Problem while finding out the size of the buffer. Returned length is 0.";
 constexpr wchar_t kNoBuffer[] = L"Problem while allocating buffer.";
@@ -35,7 +43,41 @@ constexpr wchar_t kStartFailed[] = L"Problem while creating process as user %d."
 constexpr wchar_t kAliasFolder[] = L"%userprofile%\\AppData\\Local\\Microsoft\\WindowsApps\\";
 constexpr wchar_t kProfile[] = L"%userprofile%";
 
+constexpr std::size_t kExpandedPathChars = 520;
+
+Platform::ActingReport ReportTo(const Logging::TraceLogger& logger) {
+  return
+      [&logger](Platform::ActingStep step, Platform::ErrorCode) { LogRefusedStep(logger, step); };
+}
+
 }  // namespace
+
+void LogRefusedStep(const Logging::TraceLogger& logger, Platform::ActingStep step) {
+  switch (step) {
+    case Platform::ActingStep::Session:
+      return logger.LogWarning(kNoConsoleSession);
+    case Platform::ActingStep::SessionApi:
+      return;
+    case Platform::ActingStep::Token:
+      return logger.LogWarning(kTokenQueryFailed);
+    case Platform::ActingStep::TokenCopy:
+      return logger.LogWarning(kTokenCopyFailed);
+    case Platform::ActingStep::Impersonation:
+      return logger.LogWarning(kImpersonationFailed);
+    case Platform::ActingStep::Revert:
+      return logger.LogError(kRevertFailed);
+  }
+}
+
+std::optional<std::wstring> ExpandAsUser(Platform::RawHandle token, const std::wstring& path,
+                                         const Logging::TraceLogger& logger) {
+  return Platform::AsUser(token, ReportTo(logger), [&]() -> std::optional<std::wstring> {
+    auto expanded = CurrentMachine().environment->ExpandForUser(token, path, kExpandedPathChars);
+    if (expanded) return *std::move(expanded);
+    logger.LogWarning(kExpansionFailed);
+    return std::nullopt;
+  });
+}
 
 std::mutex Launcher::rLock;
 
@@ -48,8 +90,7 @@ Platform::SharedHandle Launcher::GetUserTokenForCurrentUser(TokenType type) cons
     return nullptr;
   }
   logger->LogInfo(kActingAsUser);
-  const auto session = ConsoleSession(*logger);
-  return session ? UserTokenOf(*session, type, *logger) : nullptr;
+  return Platform::Share(Platform::ConsoleUserToken(type, ReportTo(*logger)));
 }
 
 std::wstring Launcher::GetPackageFullNameByFamilyName(const std::wstring& familyName) const {
@@ -87,18 +128,19 @@ std::wstring Launcher::GetPackageInstalledPathByFullName(const std::wstring& ful
 
 std::wstring Launcher::GetPackageFullNameByFamilyName(const std::wstring& familyName,
                                                       Platform::RawHandle token) const {
-  return AskAsUser(token, *logger, [&] { return GetPackageFullNameByFamilyName(familyName); });
+  return Platform::AsUser(token, ReportTo(*logger),
+                          [&] { return GetPackageFullNameByFamilyName(familyName); });
 }
 
 std::wstring Launcher::GetPackageInstalledPathByFullName(const std::wstring& fullName,
                                                          Platform::RawHandle token) const {
-  return AskAsUser(token, *logger, [&] { return GetPackageInstalledPathByFullName(fullName); });
+  return Platform::AsUser(token, ReportTo(*logger),
+                          [&] { return GetPackageInstalledPathByFullName(fullName); });
 }
 
 std::wstring Launcher::GetPathExpandedImpersonatedAsCurrentUser(const std::wstring& path,
                                                                 Platform::RawHandle token) const {
-  return AskAsUser(token, *logger,
-                   [&] { return ExpandActing(token, path, *logger).value_or(std::wstring()); });
+  return ExpandAsUser(token, path, *logger).value_or(std::wstring());
 }
 
 std::wstring Launcher::GetAbsolutePathForUWPAlias(const std::wstring& alias) const {
@@ -115,10 +157,11 @@ bool Launcher::Run(const std::wstring& alias, const std::wstring& packageFamilyN
   const std::wstring program = GetPathExpandedImpersonatedAsCurrentUser(
       GetAbsolutePathForUWPAlias(alias), actingToken.get());
   // Both questions under one impersonation: the answers belong to the same user.
-  const std::wstring folder = AskAsUser(actingToken.get(), *logger, [&]() -> std::wstring {
+  const auto installFolder = [&]() -> std::wstring {
     const std::wstring fullName = GetPackageFullNameByFamilyName(packageFamilyName);
     return fullName.empty() ? fullName : GetPackageInstalledPathByFullName(fullName);
-  });
+  };
+  const std::wstring folder = Platform::AsUser(actingToken.get(), ReportTo(*logger), installFolder);
   if (primaryToken == nullptr || program.empty() || folder.empty()) return false;
   return RunExeAsUser(program, folder, primaryToken.get(), parameter);
 }

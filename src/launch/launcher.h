@@ -1,13 +1,26 @@
 #pragma once
 
 #include <mutex>
+#include <optional>
 #include <string>
 
 #include "host/logging.h"
+#include "platform/console_user.h"
 #include "platform/sessions.h"
 #include "platform/unique_handle.h"
 
 namespace Vx::Tessel::Server::Services::Orvane {
+
+inline constexpr wchar_t kActingAsUser[] = L"Attempting to impersonate logged in user.";
+
+// Logs a refused step of acting as the console user: a warning, or an error where the thread could
+// not revert. Operations log a missing session API set themselves.
+void LogRefusedStep(const Logging::TraceLogger& logger, Platform::ActingStep step);
+
+// `path` with the variables of the user of `token` put in, at most 520 characters with the
+// terminator; empty, and logged, on failure.
+std::optional<std::wstring> ExpandAsUser(Platform::RawHandle token, const std::wstring& path,
+                                         const Logging::TraceLogger& logger);
 
 // Starts programs for the user at the console and answers questions as that user. Copyable; any
 // thread. Nothing here throws for a refusal of Windows: it is logged and answered with an empty or

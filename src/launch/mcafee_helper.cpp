@@ -2,9 +2,8 @@
 
 #include <utility>
 
-#include "launch/acting_as_user.h"
-#include "platform/machine.h"
-#include "platform/system_services.h"
+#include "launch/launcher.h"
+#include "platform/console_user.h"
 
 namespace Vx::Tessel::Server::Services::Orvane {
 
@@ -14,6 +13,16 @@ constexpr wchar_t kNoSessionApi[] =
     L"Problem in McAfeeHelper::expand_path_impersonated_as_loggedin_user(): WTSQueryUserToken is "
     L"not available on this platform";
 
+Platform::ActingReport ReportTo(const Logging::TraceLogger& logger) {
+  return [&logger](Platform::ActingStep step, Platform::ErrorCode) {
+    if (step == Platform::ActingStep::SessionApi) {
+      logger.LogError(kNoSessionApi);
+    } else {
+      LogRefusedStep(logger, step);
+    }
+  };
+}
+
 }  // namespace
 
 McAfeeHelper::McAfeeHelper()
@@ -22,24 +31,18 @@ McAfeeHelper::McAfeeHelper()
 bool McAfeeHelper::expand_path_impersonated_as_loggedin_user(const std::wstring& path,
                                                              std::wstring& expanded) const {
   logger->LogInfo(kActingAsUser);
-  return RunAsLoggedInUser([&](Platform::RawHandle token) {
-    auto answer = ExpandActing(token, path, *logger);
-    if (!answer) return false;
-    expanded = *std::move(answer);
-    return true;
-  });
+  const auto token =
+      Platform::ConsoleUserToken(Platform::TokenType::Impersonation, ReportTo(*logger));
+  auto answer = ExpandAsUser(token.get(), path, *logger);
+  if (!answer) return false;
+  expanded = *std::move(answer);
+  return true;
 }
 
-bool McAfeeHelper::RunAsLoggedInUser(
-    const std::function<bool(Platform::RawHandle token)>& work) const {
-  const auto session = ConsoleSession(*logger);
-  if (!session) return false;
-  if (!Platform::CurrentMachine().apiSets->IsPresent(Platform::kSessionApiSet)) {
-    logger->LogError(kNoSessionApi);
-    return false;
-  }
-  const auto token = UserTokenOf(*session, Platform::TokenType::Impersonation, *logger);
-  return AskAsUser(token.get(), *logger, [&] { return work(token.get()); });
+bool McAfeeHelper::RunAsLoggedInUser(const std::function<bool()>& work) const {
+  const auto report = ReportTo(*logger);
+  const auto token = Platform::ConsoleUserToken(Platform::TokenType::Impersonation, report);
+  return Platform::AsUser(token.get(), report, work);
 }
 
 }  // namespace Vx::Tessel::Server::Services::Orvane

@@ -4,7 +4,6 @@
 #include <string>
 
 #include "host/logging.h"
-#include "platform/unique_handle.h"
 
 namespace Vx::Tessel::Server::Services::Orvane {
 
@@ -19,9 +18,9 @@ class McAfeeHelper {
   bool expand_path_impersonated_as_loggedin_user(const std::wstring& path,
                                                  std::wstring& expanded) const;
 
-  // Runs `work` with the console user's impersonation token; its answer. False, logged, and nothing
-  // run, when nobody is there or Windows refuses.
-  bool RunAsLoggedInUser(const std::function<bool(Platform::RawHandle token)>& work) const;
+  // Returns what `work` returns when run as the console user. False, logged, and nothing run, when
+  // no user is there or Windows refuses.
+  bool RunAsLoggedInUser(const std::function<bool()>& work) const;
 
  private:
   const Logging::TraceLogger* logger;

@@ -6,7 +6,6 @@
 #include <utility>
 
 #include "json/utf8.h"
-#include "launch/acting_as_user.h"
 #include "launch/companion_apps.h"
 #include "launch/launcher.h"
 #include "launch/qubo_behaviors.h"
@@ -15,7 +14,7 @@
 #include "packages/family_query.h"
 #include "packages/uwp_package.h"
 #include "platform/app_services.h"
-#include "platform/impersonation.h"
+#include "platform/console_user.h"
 #include "platform/machine.h"
 #include "platform/registry.h"
 #include "platform/sessions.h"
@@ -56,10 +55,6 @@ static_assert(std::wstring_view(kOobeCompleted).size() == 31);
 
 constexpr unsigned kStubMinor = 0;
 constexpr unsigned kNuboMinor = 1;
-
-void WarnOfFailedRevert() {
-  LogManager::SetProvider(Logging::kComponentProvider)->LogWarning(kRevertFailed);
-}
 
 // The package that the thread's user has of the family; empty when there is none or Windows would
 // not say.
@@ -128,13 +123,14 @@ bool QuboFacade::GetForceRunFromSleep() {
 template <typename Action>
 bool QuboFacade::AsConsoleUser(Action&& action) const {
   const auto token = Launcher().GetUserTokenForCurrentUser(Platform::TokenType::Primary);
-  if (token == nullptr) return false;
-  const Platform::Impersonation asUser(token.get(), &WarnOfFailedRevert);
-  if (!asUser) {
-    logger->LogWarning(kImpersonationFailed);
-    return false;
-  }
-  return action();
+  const auto report = [this](Platform::ActingStep step, Platform::ErrorCode) {
+    if (step == Platform::ActingStep::Revert) {
+      logger->LogWarning(kRevertFailed);
+    } else {
+      LogRefusedStep(*logger, step);
+    }
+  };
+  return Platform::AsUser(token.get(), report, std::forward<Action>(action));
 }
 
 bool QuboFacade::GetCurrentUserName(std::wstring& name) const {

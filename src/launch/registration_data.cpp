@@ -22,7 +22,7 @@ bool Expand(const wchar_t* path, std::wstring& expanded) {
 bool CopyAsUser(const std::wstring& source, const std::wstring& destination, const wchar_t* caller,
                 const Logging::TraceLogger& logger) {
   return McAfeeHelper().RunAsLoggedInUser(
-      [&](Platform::RawHandle) { return CopyFileContent(source, destination, caller, logger); });
+      [&] { return CopyFileContent(source, destination, caller, logger); });
 }
 
 }  // namespace

@@ -2,11 +2,15 @@
 
 #include <cstdio>
 
+#include "host/logging.h"
 #include "json/utf8.h"
 
 namespace Vx::Tessel::Server::Services::Orvane {
 
 namespace {
+
+constexpr wchar_t kRevertFailed[] =
+    L"Problem while reverting the impersonation of a package operation.";
 
 std::string Describe(std::wstring_view call, std::uint32_t code, std::wstring_view details) {
   char hexadecimal[11];
@@ -23,5 +27,14 @@ PackageError::PackageError(std::wstring_view call, std::uint32_t code, std::wstr
 
 PackageError::PackageError(const Platform::WindowsRuntimeError& error)
     : PackageError(error.message(), static_cast<std::uint32_t>(error.code())) {}
+
+void ReportRefusedStep(Platform::ActingStep step, Platform::ErrorCode error) {
+  if (step == Platform::ActingStep::Revert) {
+    Logging::LogManager::SetProvider(Logging::kComponentProvider)->LogWarning(kRevertFailed);
+    return;
+  }
+  const bool acting = step == Platform::ActingStep::Impersonation;
+  throw PackageError(acting ? L"ImpersonateLoggedOnUser" : L"WTSQueryUserToken", error);
+}
 
 }  // namespace Vx::Tessel::Server::Services::Orvane

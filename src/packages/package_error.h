@@ -5,6 +5,7 @@
 #include <string>
 #include <string_view>
 
+#include "platform/console_user.h"
 #include "platform/windows_runtime_error.h"
 
 namespace Vx::Tessel::Server::Services::Orvane {
@@ -24,5 +25,9 @@ class PackageError : public std::runtime_error {
  private:
   std::uint32_t errorCode;
 };
+
+// Reports a step of acting as the console user that Windows refused: throws PackageError, or logs a
+// warning when the thread could not revert.
+void ReportRefusedStep(Platform::ActingStep step, Platform::ErrorCode error);
 
 }  // namespace Vx::Tessel::Server::Services::Orvane

@@ -5,9 +5,9 @@
 #include <string_view>
 #include <vector>
 
-#include "packages/console_user_scope.h"
 #include "packages/family_query.h"
 #include "packages/package_error.h"
+#include "platform/console_user.h"
 #include "platform/machine.h"
 #include "platform/packages.h"
 
@@ -36,7 +36,7 @@ bool Holds(const std::vector<std::wstring>& fullNames, const std::wstring& fullN
 }  // namespace
 
 std::wstring UwpPackage::FindPackageFullName(const std::wstring& familyName) const {
-  return AsConsoleUser([&] { return FirstPackageOf(familyName); });
+  return Platform::AsConsoleUser(&ReportRefusedStep, [&] { return FirstPackageOf(familyName); });
 }
 
 bool UwpPackage::ShouldForceRegistration(const std::wstring& user,
@@ -56,7 +56,7 @@ bool UwpPackage::ShouldForceRegistration(const std::wstring& user,
 void UwpPackage::Register(const std::wstring& fullName) const {
   try {
     // The deployment is asked for, waited for and read as the user, for whom alone it counts.
-    const auto registration = AsConsoleUser([&] {
+    const auto registration = Platform::AsConsoleUser(&ReportRefusedStep, [&] {
       return Platform::CurrentMachine().packages->Register(fullName, kRegistrationLimit);
     });
     if (registration.result < 0) {

@@ -1,8 +1,8 @@
 #include "packages/uwp_package_data_access.h"
 
-#include "packages/console_user_scope.h"
 #include "packages/family_query.h"
 #include "packages/package_error.h"
+#include "platform/console_user.h"
 #include "platform/machine.h"
 #include "platform/packages.h"
 
@@ -27,7 +27,8 @@ std::pair<std::int32_t, std::uint64_t> ReadOriginAndVersion(const std::wstring& 
 
 std::pair<std::int32_t, std::uint64_t> UwpPackageDataAccess::GetOriginAndVersion(
     const std::wstring& familyName) const {
-  return AsConsoleUser([&] { return ReadOriginAndVersion(familyName); });
+  return Platform::AsConsoleUser(&ReportRefusedStep,
+                                 [&] { return ReadOriginAndVersion(familyName); });
 }
 
 }  // namespace Vx::Tessel::Server::Services::Orvane

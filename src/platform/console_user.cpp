@@ -1,7 +1,9 @@
 #include "platform/console_user.h"
 
+#include <cstdint>
+#include <utility>
+
 #include "platform/machine.h"
-#include "platform/sessions.h"
 #include "platform/system_services.h"
 
 namespace Vx::Platform {
@@ -13,14 +15,42 @@ constexpr ErrorCode kNoToken = 1008;            // ERROR_NO_TOKEN
 
 }  // namespace
 
-Result<UniqueHandle> ConsoleUserToken() {
+UniqueHandle ConsoleUserToken(const ActingReport& report) {
   const Machine& machine = CurrentMachine();
-  if (!machine.apiSets->IsPresent(kSessionApiSet)) {
-    return Result<UniqueHandle>::Failure(kCallNotImplemented);
-  }
   const std::uint32_t session = machine.sessions->ActiveConsoleSession();
-  if (session == kNoSession) return Result<UniqueHandle>::Failure(kNoToken);
-  return machine.sessions->QueryUserToken(session);
+  if (session == kNoSession) {
+    report(ActingStep::Session, kNoToken);
+    return nullptr;
+  }
+  if (!machine.apiSets->IsPresent(kSessionApiSet)) {
+    report(ActingStep::SessionApi, kCallNotImplemented);
+    return nullptr;
+  }
+  auto token = machine.sessions->QueryUserToken(session);
+  if (token) return *std::move(token);
+  report(ActingStep::Token, token.Error());
+  return nullptr;
+}
+
+UniqueHandle ConsoleUserToken(TokenType type, const ActingReport& report) {
+  const UniqueHandle token = ConsoleUserToken(report);
+  if (token == nullptr) return nullptr;
+  auto copy = CurrentMachine().sessions->DuplicateUserToken(token.get(), type);
+  if (copy) return *std::move(copy);
+  report(ActingStep::TokenCopy, copy.Error());
+  return nullptr;
+}
+
+Impersonation::Impersonation(RawHandle token, ActingReport report) : failed(std::move(report)) {
+  const ErrorCode error = CurrentMachine().sessions->Impersonate(token);
+  active = error == 0;
+  if (!active) failed(ActingStep::Impersonation, error);
+}
+
+Impersonation::~Impersonation() {
+  if (!active) return;
+  const ErrorCode error = CurrentMachine().sessions->Revert();
+  if (error != 0) failed(ActingStep::Revert, error);
 }
 
 }  // namespace Vx::Platform

@@ -1,13 +1,65 @@
 #pragma once
 
+#include <functional>
+#include <utility>
+
 #include "platform/result.h"
+#include "platform/sessions.h"
 #include "platform/unique_handle.h"
 
+// Acting as the user at the console. Every operation that does so goes through here and hands in
+// how it reports a step that Windows refuses.
 namespace Vx::Platform {
 
-// The primary token of the user at the console. Fails with ERROR_CALL_NOT_IMPLEMENTED where Windows
-// has no sessions, with ERROR_NO_TOKEN while nobody is at the console, and with what Windows says
-// otherwise. Logs nothing.
-Result<UniqueHandle> ConsoleUserToken();
+// In the order in which they are taken.
+enum class ActingStep { Session, SessionApi, Token, TokenCopy, Impersonation, Revert };
+
+// Receives a refused step and its error, on the thread that acts. May throw, except for Revert:
+// that one is reported by a destructor.
+using ActingReport = std::function<void(ActingStep step, ErrorCode error)>;
+
+// The primary token of the user at the console; null after a refusal. Session fails with
+// ERROR_NO_TOKEN, SessionApi with ERROR_CALL_NOT_IMPLEMENTED.
+UniqueHandle ConsoleUserToken(const ActingReport& report);
+
+// A copy of that token with maximum allowed access and impersonation level "impersonation".
+UniqueHandle ConsoleUserToken(TokenType type, const ActingReport& report);
+
+// Runs the calling thread as another user for the life of this object.
+//
+// Belongs to one thread, which constructs, uses and destroys it. Waits while impersonating are
+// bounded. A revert that fails is always reported, because the thread goes on with the user's
+// rights. It is not tried again.
+class Impersonation {
+ public:
+  // Borrows `token` for this call only. After a refusal there is nothing to revert.
+  Impersonation(RawHandle token, ActingReport report);
+  Impersonation(const Impersonation&) = delete;
+  Impersonation& operator=(const Impersonation&) = delete;
+  ~Impersonation();
+
+  explicit operator bool() const noexcept { return active; }
+
+ private:
+  ActingReport failed;
+  bool active = false;
+};
+
+// Returns what `action` returns when run as the user of `token`, or an empty value when `token` is
+// null or Windows refuses. The thread acts as the service again when this returns or throws.
+template <typename Action>
+auto AsUser(RawHandle token, const ActingReport& report, Action&& action) -> decltype(action()) {
+  if (token == nullptr) return {};
+  const Impersonation asUser(token, report);
+  if (!asUser) return {};
+  return std::forward<Action>(action)();
+}
+
+// The same as the user at the console.
+template <typename Action>
+auto AsConsoleUser(const ActingReport& report, Action&& action) -> decltype(action()) {
+  const UniqueHandle token = ConsoleUserToken(report);
+  return AsUser(token.get(), report, std::forward<Action>(action));
+}
 
 }  // namespace Vx::Platform

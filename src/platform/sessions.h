@@ -32,7 +32,7 @@ class Sessions {
   virtual Result<std::wstring> QueryText(std::uint32_t session, SessionText what) const = 0;
 
   // The calling thread acts as the user of `token` from here on. Use Impersonation
-  // (impersonation.h), which pairs the two. Zero or the error.
+  // (console_user.h), which pairs the two. Zero or the error.
   virtual ErrorCode Impersonate(RawHandle token) = 0;
   virtual ErrorCode Revert() = 0;
 

@@ -11,7 +11,7 @@
 #include "launch/qubo_facade.h"
 #include "launch/registration_helper.h"
 #include "launch/windows_mode_check_behavior.h"
-#include "platform/impersonation.h"
+#include "platform/console_user.h"
 #include "service/consent_store.h"
 #include "service/handler_support.h"
 #include "service/result_codes.h"
@@ -42,13 +42,12 @@ constexpr wchar_t kVersion[] = L"" VX_VERSION;
 bool IsInstalledForConsoleUser(const std::wstring& packageFamilyName, const RequestCaller& caller) {
   const Launcher launcher;
   const auto token = launcher.GetUserTokenForCurrentUser(Platform::TokenType::Impersonation);
-  if (token == nullptr) return false;
-  Platform::Impersonation user(token.get());
-  // Asked as the service's own user, the answer would be about somebody else's packages.
-  if (!user) return false;
-  const bool installed = !launcher.GetPackageFullNameByFamilyName(packageFamilyName).empty();
-  if (user.Revert() != 0) Log(caller).LogWarning(kRevertFailed);
-  return installed;
+  const auto report = [&caller](Platform::ActingStep step, Platform::ErrorCode) {
+    if (step == Platform::ActingStep::Revert) Log(caller).LogWarning(kRevertFailed);
+  };
+  return Platform::AsUser(token.get(), report, [&] {
+    return !launcher.GetPackageFullNameByFamilyName(packageFamilyName).empty();
+  });
 }
 
 // Reads the stored requests under `key` into an array. What another writer put into the list and is

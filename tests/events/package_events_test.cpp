@@ -127,6 +127,9 @@ TEST_F(PackageEventTest, OpensTheCatalogAsTheConsoleUserUnlessItIsRefused) {
     EXPECT_EQ(Register(c.request), c.result);
     EXPECT_EQ(machine.packages.Handlers(L"ann"), c.result == 0 ? 1U : 0U);
     EXPECT_FALSE(machine.users.Acting());
+    EXPECT_EQ(log.Has(L"warning|Problem in PackageUninstallingPCEvent::PackageUninstallingPCEvent"
+                      L"(): reverting the impersonation failed"),
+              c.failing == std::string("Sessions.Revert"));
     Manager::clear_events();
   }
 }

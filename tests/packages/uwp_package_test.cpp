@@ -72,9 +72,9 @@ TEST_F(UwpPackageTest, DoesNothingWithoutTheConsoleUser) {
   } cases[] = {
       {"WTSQueryUserToken failed with 0x5", [&] { Fail("Sessions.QueryUserToken"); }},
       {"ImpersonateLoggedOnUser failed with 0x5", [&] { Fail("Sessions.Impersonate"); }},
-      {"WTSQueryUserToken failed with 0x3f0", [&] { machine.users.DetachConsole(); }},
       {"WTSQueryUserToken failed with 0x78",
        [&] { machine.system.RemoveApiSet(Platform::kSessionApiSet); }},
+      {"WTSQueryUserToken failed with 0x3f0", [&] { machine.users.DetachConsole(); }},
   };
   const std::function<void()> operations[] = {
       [] { UwpPackage().FindPackageFullName(kFamily); },

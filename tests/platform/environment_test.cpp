@@ -18,7 +18,8 @@ constexpr wchar_t kOwnVariable[] = L"VX_ONLY_IN_THIS_PROCESS";
 class EnvironmentTest : public testing::Test {
  protected:
   const Environment& environment = *CurrentMachine().environment;
-  const UniqueHandle token = *ConsoleUserToken();
+  const UniqueHandle token =
+      ConsoleUserToken([](ActingStep, ErrorCode error) { ADD_FAILURE() << error; });
   const Tests::EnvironmentOverride own{kOwnVariable, L"12345"};
 };
 

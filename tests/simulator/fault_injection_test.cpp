@@ -5,7 +5,7 @@
 
 #include <gmock/gmock.h>
 
-#include "platform/impersonation.h"
+#include "platform/console_user.h"
 #include "platform/machine.h"
 #include "simulator/simulated_machine.h"
 
@@ -26,15 +26,14 @@ class FaultInjectionTest : public ::testing::Test {
   }
 
   UniqueHandle TokenAtConsole() {
-    auto& sessions = *CurrentMachine().sessions;
-    auto token = sessions.QueryUserToken(sessions.ActiveConsoleSession());
-    return token ? *std::move(token) : nullptr;
+    return Platform::ConsoleUserToken([](Platform::ActingStep, Platform::ErrorCode) {});
   }
 
   // Whether the console user has the app registered.
   bool UserHasTheApp() {
-    const Platform::Impersonation asUser(TokenAtConsole().get());
-    return !CurrentMachine().packages->FindByFamily(L"App_id").fullNames.empty();
+    return Platform::AsConsoleUser(
+        [](Platform::ActingStep, Platform::ErrorCode) {},
+        [] { return !CurrentMachine().packages->FindByFamily(L"App_id").fullNames.empty(); });
   }
 
   SimulatedMachine machine;
@@ -51,9 +50,10 @@ TEST_F(FaultInjectionTest, AFaultWalkMeetsEachCallOnce) {
     if (index >= calls.size()) break;
     failed.push_back(calls[index]);
   }
-  EXPECT_THAT(failed, ElementsAre("Sessions.ActiveConsoleSession", "Sessions.QueryUserToken",
-                                  "Sessions.Impersonate", "Packages.FindByFamily",
-                                  "Packages.FamilyNames", "Sessions.Revert"));
+  EXPECT_THAT(failed,
+              ElementsAre("Sessions.ActiveConsoleSession", "ApiSets.IsPresent",
+                          "Sessions.QueryUserToken", "Sessions.Impersonate",
+                          "Packages.FindByFamily", "Packages.FamilyNames", "Sessions.Revert"));
 }
 
 TEST_F(FaultInjectionTest, NamedCallsFailAfterThoseThatAreLeftOut) {
@@ -63,8 +63,8 @@ TEST_F(FaultInjectionTest, NamedCallsFailAfterThoseThatAreLeftOut) {
   EXPECT_EQ(TokenAtConsole(), nullptr);
   machine.faults.Clear();
   EXPECT_NE(TokenAtConsole(), nullptr);
-  EXPECT_THAT(machine.faults.Calls(),
-              ElementsAre("Sessions.ActiveConsoleSession", "Sessions.QueryUserToken"));
+  EXPECT_THAT(machine.faults.Calls(), ElementsAre("Sessions.ActiveConsoleSession",
+                                                  "ApiSets.IsPresent", "Sessions.QueryUserToken"));
 }
 
 }  // namespace

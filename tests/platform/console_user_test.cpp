@@ -1,0 +1,87 @@
+#include "platform/console_user.h"
+
+#include <gmock/gmock.h>
+
+#include <stdexcept>
+#include <utility>
+#include <vector>
+
+#include <windows.h>
+
+#include "platform/machine.h"
+#include "simulator/fault_injection.h"
+
+namespace Vx::Platform {
+namespace {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::Pair;
+
+bool ThreadActsAsAnother() {
+  HANDLE raw = nullptr;
+  const BOOL has = OpenThreadToken(GetCurrentThread(), TOKEN_QUERY, TRUE, &raw);
+  const UniqueHandle token(raw);
+  return has != FALSE;
+}
+
+class ConsoleUserTest : public testing::Test {
+ protected:
+  ConsoleUserTest() { faults.Clear(); }
+
+  Simulator::FaultInjection faults;
+  MachineScope scope{[this](Machine& machine) { faults.Install(machine); }};
+  std::vector<std::pair<ActingStep, ErrorCode>> refused;
+  const ActingReport report = [this](ActingStep step, ErrorCode error) {
+    refused.emplace_back(step, error);
+  };
+};
+
+TEST_F(ConsoleUserTest, RunsAnActionAsTheUserAndRevertsAlsoAfterAnException) {
+  EXPECT_TRUE(AsConsoleUser(report, ThreadActsAsAnother));
+  EXPECT_FALSE(ThreadActsAsAnother());
+  const auto failing = []() -> bool { throw std::runtime_error("in the middle"); };
+  EXPECT_THROW(AsConsoleUser(report, failing), std::runtime_error);
+  EXPECT_FALSE(ThreadActsAsAnother());
+  EXPECT_THAT(refused, IsEmpty());
+}
+
+TEST_F(ConsoleUserTest, RevertsNothingAfterARefusal) {
+  const UniqueHandle noToken(CreateEventW(nullptr, TRUE, FALSE, nullptr));
+  EXPECT_FALSE(AsUser(noToken.get(), report, [] { return true; }));
+  EXPECT_FALSE(AsUser(nullptr, report, [] { return true; }));
+  EXPECT_THAT(refused, ElementsAre(Pair(ActingStep::Impersonation, testing::Ne(0U))));
+  EXPECT_THAT(faults.Calls(), ElementsAre("Sessions.Impersonate"));
+}
+
+TEST_F(ConsoleUserTest, ReportsEachRefusedStepOnce) {
+  static constexpr struct {
+    const char* call;
+    ActingStep step;
+    bool acts;
+  } kCases[] = {
+      {"Sessions.QueryUserToken", ActingStep::Token, false},
+      {"Sessions.DuplicateUserToken", ActingStep::TokenCopy, false},
+      {"Sessions.Impersonate", ActingStep::Impersonation, false},
+      {"Sessions.Revert", ActingStep::Revert, true},
+  };
+  for (const auto& c : kCases) {
+    SCOPED_TRACE(c.call);
+    refused.clear();
+    faults.FailNamed(c.call);
+    const UniqueHandle token = ConsoleUserToken(TokenType::Impersonation, report);
+    EXPECT_EQ(AsUser(token.get(), report, [] { return true; }), c.acts);
+    EXPECT_THAT(refused, ElementsAre(Pair(c.step, ErrorCode{ERROR_ACCESS_DENIED})));
+    faults.Clear();
+  }
+}
+
+TEST_F(ConsoleUserTest, AFailedRevertIsReportedWhileAnExceptionPasses) {
+  faults.FailNamed("Sessions.Revert");
+  const auto failing = []() -> bool { throw std::runtime_error("in the middle"); };
+  EXPECT_THROW(AsConsoleUser(report, failing), std::runtime_error);
+  EXPECT_THAT(refused, ElementsAre(Pair(ActingStep::Revert, ErrorCode{ERROR_ACCESS_DENIED})));
+}
+
+}  // namespace
+}  // namespace Vx::Platform
