@@ -1,7 +1,6 @@
 #pragma once
 
-#include <cstddef>
-#include <utility>
+#include <stddef.h>
 
 namespace Vx::Tessel::Server::Services {
 
@@ -14,16 +13,17 @@ struct CompletionCallback {
     void* const* table;
   };
 
-  std::byte storage[56];
+  unsigned char storage[56];
   Held* held;
 };
 
 // Destroys a callback that was passed by value, without calling it. Null or empty is allowed.
 inline void DestroyCallback(CompletionCallback* callback) noexcept {
-  constexpr std::size_t kDeleteThisSlot = 4;
+  constexpr size_t kDeleteThisSlot = 4;
   using DeleteThis = void (*)(CompletionCallback::Held * self, bool outsideTheObject);
   if (callback == nullptr) return;
-  CompletionCallback::Held* held = std::exchange(callback->held, nullptr);
+  CompletionCallback::Held* held = callback->held;
+  callback->held = nullptr;
   if (held == nullptr) return;
   const bool outside = static_cast<void*>(held) != static_cast<void*>(callback);
   reinterpret_cast<DeleteThis>(held->table[kDeleteThisSlot])(held, outside);

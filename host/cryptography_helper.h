@@ -1,6 +1,6 @@
 #pragma once
 
-#include <cstdint>
+#include <stdint.h>
 
 namespace Vx::Tessel::Server::Services {
 
@@ -24,15 +24,15 @@ class VxCryptographyHelper {
   // Slot 1. Seals `size` bytes so that any process of this machine, and no other machine, can open
   // them. `description` (NUL-terminated, may be null) is stored readable beside them. The result is
   // freed with slot 4.
-  virtual std::uint32_t Protect(const void* plain, std::uint32_t size, const wchar_t* description,
-                                void** result, std::uint32_t* resultSize) = 0;
+  virtual uint32_t Protect(const void* plain, uint32_t size, const wchar_t* description,
+                           void** result, uint32_t* resultSize) = 0;
 
   // Slot 2. Opens what slot 1 sealed. The result is freed with slot 4.
-  virtual std::uint32_t Unprotect(const void* sealed, std::uint32_t size, void** result,
-                                  std::uint32_t* resultSize) = 0;
+  virtual uint32_t Unprotect(const void* sealed, uint32_t size, void** result,
+                             uint32_t* resultSize) = 0;
 
   // Slot 3. The SHA-256 of a file's content; `digest` has room for its 32 bytes.
-  virtual std::uint32_t FileSha256(const wchar_t* path, unsigned char* digest) = 0;
+  virtual uint32_t FileSha256(const wchar_t* path, unsigned char* digest) = 0;
 
   // Slot 4. Frees a result; null is allowed.
   virtual void FreeResult(void* result) = 0;

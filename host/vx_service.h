@@ -1,7 +1,7 @@
 #pragma once
 
-#include <cstdint>
-#include <cstdlib>
+#include <stdint.h>
+#include <stdlib.h>
 
 namespace Vx::Tessel::Server::Services {
 
@@ -31,25 +31,25 @@ class VxService {
   virtual void* Destroy(unsigned flags) = 0;
 
   // Slot 1. Makes the context of a caller; `clientId` has at most 64 characters.
-  virtual std::uint32_t CreateClientContext(const wchar_t* clientId, ClientContext** context) = 0;
+  virtual uint32_t CreateClientContext(const wchar_t* clientId, ClientContext** context) = 0;
 
   // Slot 2. Frees a context; the caller's pointer is not cleared.
-  virtual std::uint32_t ReleaseClientContext(ClientContext** context) = 0;
+  virtual uint32_t ReleaseClientContext(ClientContext** context) = 0;
 
   // Slot 3. Runs command `functionId`. `request` is NUL-terminated UTF-16 JSON; `*response`
   // receives the answer in a buffer that slot 4 frees.
-  virtual std::uint32_t ExecuteCommand(ClientContext* context, std::uint32_t functionId,
-                                       const wchar_t* request, wchar_t** response,
-                                       CompletionCallback* callback) = 0;
+  virtual uint32_t ExecuteCommand(ClientContext* context, uint32_t functionId,
+                                  const wchar_t* request, wchar_t** response,
+                                  CompletionCallback* callback) = 0;
 
   // Slot 4. Frees a response; null is allowed.
-  virtual void FreeResponse(void* response) { std::free(response); }
+  virtual void FreeResponse(void* response) { free(response); }
 
   // Slot 5. Starts the background work.
   virtual void Start() {}
 
   // Slot 6. A power broadcast (PBT_ code) that the host received.
-  virtual void power_event_task(std::uint32_t eventType) { static_cast<void>(eventType); }
+  virtual void power_event_task(uint32_t eventType) { static_cast<void>(eventType); }
 
   // Slot 7. Reserved.
   virtual void Reserved7() {}
@@ -58,7 +58,7 @@ class VxService {
   virtual bool oobe_event_task() { return true; }
 
   // Slot 9. A session change (WTS_SESSION_ code) that the host received.
-  virtual void OnSessionChange(std::uint32_t code) { static_cast<void>(code); }
+  virtual void OnSessionChange(uint32_t code) { static_cast<void>(code); }
 
   // Slot 10. Reserved.
   virtual void Reserved10() {}
@@ -73,3 +73,5 @@ using CreateServiceFunction = VxService* (*)();
 inline constexpr char kCreateServiceExport[] = "VxCreateService";
 
 }  // namespace Vx::Tessel::Server::Services
+
+extern "C" Vx::Tessel::Server::Services::VxService* VxCreateService() noexcept;

@@ -16,6 +16,8 @@ set(cases
   "src/service/c.cpp|  // std::thread loses its callable, CloseHandle(x)|"
   "src/service/d.cpp|  LoadLibraryExW(path, nullptr, 0)|"
   "src/module/main.cpp|BOOL WINAPI DllMain(x)|"
+  "host/a.h|#include <stdint.h>|"
+  "host/b.h|#include <windows.h>|Windows stops at platform"
   "standins/a.cpp|#include \"platform/x.h\"|"
   "vxhost/a.cpp|#include <CLI/CLI.hpp>|"
   "simulator/a.h|#include \"platform/clock.h\"|"

@@ -56,7 +56,8 @@ function(judge_own_include layer included result)
   endif()
 endfunction()
 
-# The same for <INCLUDED>. Headers of the system and of C end in .h; those of C++ do not.
+# The same for <INCLUDED>. Headers of Windows and of C end in .h; those of C++ do not. The contract
+# headers of host use C's, which every compiler has.
 function(judge_foreign_include layer included result)
   set(${result} "" PARENT_SCOPE)
   if(layer STREQUAL "vxhost")
@@ -68,7 +69,7 @@ function(judge_foreign_include layer included result)
   elseif(included MATCHES "/")
     set(${result} "includes <${included}>, a library that only vxhost uses" PARENT_SCOPE)
   elseif(included MATCHES "\\.h$")
-    if(NOT layer IN_LIST windows_layers)
+    if(NOT layer IN_LIST windows_layers AND NOT (layer STREQUAL "host" AND included MATCHES "^std"))
       set(${result} "includes <${included}>, but Windows stops at platform" PARENT_SCOPE)
     endif()
   elseif(included MATCHES "${barred_headers}")
