@@ -1,5 +1,10 @@
 #pragma once
 
+// The exemption classes are exported with the layout of this module's compiler and its library.
+#ifdef _MSC_VER
+#error "Use the table of CreateClientExemption, host/client_exemption.h, with this compiler."
+#endif
+
 #include <cstdint>
 #include <string>
 

@@ -1,0 +1,15 @@
+# Writes to OUT the module definition of the exports of DEF that have plain names: what a linker of
+# another compiler can use. The mangled ones are classes of this module's compiler.
+file(STRINGS ${DEF} lines)
+set(text "LIBRARY OrvaneService.dll\nEXPORTS\n")
+set(count 0)
+foreach(line IN LISTS lines)
+  if(line MATCHES "^  ([A-Za-z][A-Za-z0-9]*)$")
+    string(APPEND text "  ${CMAKE_MATCH_1}\n")
+    math(EXPR count "${count} + 1")
+  endif()
+endforeach()
+if(count EQUAL 0)
+  message(FATAL_ERROR "${DEF} has no plain names")
+endif()
+file(WRITE ${OUT} "${text}")
