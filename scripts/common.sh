@@ -4,9 +4,9 @@ cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
 packages=(
   g++-mingw-w64-x86-64-posix ninja-build cmake wine wine64
-  rapidjson-dev googletest libcli11-dev osslsigncode openssl
+  rapidjson-dev googletest libcli11-dev osslsigncode openssl clang-14 lld-14 llvm-14
 )
-native_packages=(clang-14 libclang-rt-14-dev libbson-dev pkg-config)
+native_packages=(libclang-rt-14-dev libbson-dev pkg-config)
 lint_packages=(clang-format-14 clang-tidy-14 cppcheck)
 
 # ensure_packages NAME...: installs those that are missing.

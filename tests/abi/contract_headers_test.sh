@@ -1,0 +1,24 @@
+#!/bin/sh
+# contract_headers_test.sh ROOT COMPILER FLAG...: each header that an integrator is handed compiles
+# alone for Microsoft's binary interface, as C++17 and as C++20; the exemption classes, which have
+# the layout of another compiler, say what to use instead.
+set -u
+root=$1
+shift
+failures=0
+for header in vx_service completion_callback cryptography_helper uwp_package_model client_exemption; do
+  for standard in c++17 c++20; do
+    echo "#include \"host/$header.h\"" |
+      "$@" -std=$standard -fsyntax-only -x c++ - || { echo "failed: $header.h as $standard"; failures=1; }
+  done
+done
+for header in client_information exemption_white_list manifest_check_criteria matching_descriptor \
+  tessel_access_manager; do
+  # The directive alone is looked at: the standard library's headers are not there.
+  echo "#include \"security/client_information.h\"" | "$@" -I "$root/src" -fsyntax-only -x c++ - 2>&1 |
+    grep -q 'Use the table of CreateClientExemption' || { echo "failed: $header.h is not refused"; failures=1; }
+  grep -q 'client_information.h"\|matching_descriptor.h"\|manifest_check_criteria.h"\|#ifdef _MSC_VER' \
+    "$root/src/security/$header.h" || { echo "failed: $header.h does not include the refusal"; failures=1; }
+done
+[ $failures = 0 ] && echo passed
+exit $failures

@@ -1,0 +1,350 @@
+// The module as a host built with Microsoft's compiler uses it: compiled for that binary interface,
+// which decides how virtual functions are numbered, how a class is passed by value and who destroys
+// it. There is no C++ runtime and no C library here.
+#include <stddef.h>
+#include <stdint.h>
+
+#include "host/client_exemption.h"
+#include "host/completion_callback.h"
+#include "host/cryptography_helper.h"
+#include "host/uwp_package_model.h"
+#include "host/vx_service.h"
+
+namespace Contract = Vx::Tessel::Server::Services;
+
+extern "C" {
+__declspec(dllimport) int CreateDirectoryW(const wchar_t* path, void* security);
+__declspec(dllimport) int DeleteFileW(const wchar_t* path);
+__declspec(dllimport) int RemoveDirectoryW(const wchar_t* path);
+__declspec(dllimport) void ExitProcess(unsigned code);
+__declspec(dllimport) void* GetProcessHeap();
+__declspec(dllimport) void* GetStdHandle(unsigned which);
+__declspec(dllimport) unsigned GetTempPathW(unsigned size, wchar_t* path);
+__declspec(dllimport) void* HeapAlloc(void* heap, unsigned flags, size_t size);
+__declspec(dllimport) int HeapFree(void* heap, unsigned flags, void* memory);
+__declspec(dllimport) int SetEnvironmentVariableW(const wchar_t* name, const wchar_t* value);
+__declspec(dllimport) int WriteFile(void* file, const void* data, unsigned size, unsigned* written,
+                                    void* overlapped);
+int _fltused = 0;
+
+// What compilers call without being asked.
+void* memset(void* memory, int value, size_t size) {
+  for (size_t i = 0; i < size; ++i) {
+    static_cast<volatile unsigned char*>(memory)[i] = static_cast<unsigned char>(value);
+  }
+  return memory;
+}
+void* memcpy(void* to, const void* from, size_t size) {
+  for (size_t i = 0; i < size; ++i) {
+    static_cast<volatile unsigned char*>(to)[i] = static_cast<const unsigned char*>(from)[i];
+  }
+  return to;
+}
+
+static void* lastFreed = nullptr;
+void free(void* memory) {
+  lastFreed = memory;
+}
+}
+
+void* operator new(size_t size) {
+  return HeapAlloc(GetProcessHeap(), 0, size);
+}
+void operator delete(void* memory) noexcept {
+  if (memory != nullptr) HeapFree(GetProcessHeap(), 0, memory);
+}
+void operator delete(void* memory, size_t) noexcept {
+  operator delete(memory);
+}
+
+namespace {
+
+constexpr unsigned kStandardOutput = static_cast<unsigned>(-11);
+
+void Print(const char* text) {
+  unsigned size = 0;
+  while (text[size] != '\0') ++size;
+  unsigned written = 0;
+  WriteFile(GetStdHandle(kStandardOutput), text, size, &written, nullptr);
+}
+
+int failures = 0;
+#define CHECK(condition)                 \
+  do {                                   \
+    if (!(condition)) {                  \
+      ++failures;                        \
+      Print("failed: " #condition "\n"); \
+    }                                    \
+  } while (0)
+
+bool Same(const wchar_t* a, const wchar_t* b) {
+  while (*a != L'\0' && *a == *b) {
+    ++a;
+    ++b;
+  }
+  return *a == *b;
+}
+
+// The host's standard function object as Microsoft's library lays it out: 56 bytes for a small
+// callable, then the pointer to it. A class with these members is passed as the address of a copy
+// that the called side destroys.
+struct Callable {
+  virtual Callable* Copy(void* where) const = 0;
+  virtual Callable* Move(void* where) = 0;
+  virtual void Call() = 0;
+  virtual const void* Type() const = 0;
+  virtual void DeleteThis(bool outsideTheObject) noexcept = 0;
+  virtual const void* Get() const = 0;
+};
+
+int alive = 0;
+int calls = 0;
+int inPlace = 0;
+int onHeap = 0;
+
+template <size_t Size>
+struct Counted final : Callable {
+  Counted() { ++alive; }
+  Counted(const Counted& other) : Callable(other) { ++alive; }
+  ~Counted() { --alive; }
+  Callable* Copy(void* where) const override {
+    return where != nullptr ? new (where) Counted(*this) : new Counted(*this);
+  }
+  Callable* Move(void* where) override { return Copy(where); }
+  void Call() override { ++calls; }
+  const void* Type() const override { return nullptr; }
+  void DeleteThis(bool outsideTheObject) noexcept override {
+    if (outsideTheObject) {
+      ++onHeap;
+      delete this;
+    } else {
+      ++inPlace;
+      this->~Counted();
+    }
+  }
+  const void* Get() const override { return payload; }
+  void* operator new(size_t size) { return ::operator new(size); }
+  void* operator new(size_t, void* where) { return where; }
+  void operator delete(void* memory) { ::operator delete(memory); }
+
+  unsigned char payload[Size];
+};
+
+class Function {
+ public:
+  Function() = default;
+  Function(const Function& other) {
+    if (other.held == nullptr) return;
+    held = other.Inside() ? other.held->Copy(storage) : other.held->Copy(nullptr);
+  }
+  Function& operator=(const Function&) = delete;
+  ~Function() {
+    if (held != nullptr) held->DeleteThis(!Inside());
+  }
+  template <typename Body>
+  static Function Of(bool small) {
+    Function function;
+    function.held = small ? new (static_cast<void*>(function.storage)) Body : new Body;
+    return function;
+  }
+
+ private:
+  bool Inside() const { return static_cast<const void*>(held) == storage; }
+
+  alignas(8) unsigned char storage[56] = {};
+  Callable* held = nullptr;
+};
+static_assert(sizeof(Function) == 64);
+static_assert(sizeof(Function) == sizeof(Contract::CompletionCallback));
+
+// The abstract service class as the host's own header has it.
+class HostService {
+ public:
+  virtual ~HostService() = default;
+  virtual uint32_t CreateClientContext(const wchar_t* clientId, void** context) = 0;
+  virtual uint32_t ReleaseClientContext(void** context) = 0;
+  virtual uint32_t ExecuteCommand(void* context, uint32_t functionId, const wchar_t* request,
+                                  wchar_t** response, Function callback) = 0;
+  virtual void FreeResponse(void* response) = 0;
+  virtual void Start() = 0;
+  virtual void PowerEvent(uint32_t type) = 0;
+  virtual void Reserved7() = 0;
+  virtual bool OobeEvent() = 0;
+  virtual void SessionChange(uint32_t code) = 0;
+  virtual void Reserved10() = 0;
+};
+
+void CommandsRunAndDestroyTheirCallbackOnce(HostService& service) {
+  void* context = nullptr;
+  CHECK(service.CreateClientContext(L"client", &context) == 0);
+  struct {
+    Function callback;
+    int inPlace;
+    int onHeap;
+  } cases[] = {{Function(), 0, 0},
+               {Function::Of<Counted<16>>(true), 1, 0},
+               {Function::Of<Counted<200>>(false), 0, 1}};
+  for (auto& c : cases) {
+    const int before = alive;
+    inPlace = onHeap = calls = 0;
+    wchar_t* response = nullptr;
+    CHECK(service.ExecuteCommand(context, 22, L"{}", &response, c.callback) == 0);
+    CHECK(alive == before && inPlace == c.inPlace && onHeap == c.onHeap && calls == 0);
+    CHECK(response != nullptr &&
+          Same(response, L"{\"result\":{\"getVersion\":\"" VX_VERSION_TEXT L"\"}}"));
+    service.FreeResponse(response);
+    response = nullptr;
+    CHECK(service.ExecuteCommand(context, 23, L"{}", &response, c.callback) == 0x20000001);
+    CHECK(response != nullptr && Same(response, L"{}"));
+    service.FreeResponse(response);
+  }
+  CHECK(service.ReleaseClientContext(&context) == 0);
+}
+
+void EverySlotIsWhereTheHostCallsIt(HostService& service) {
+  service.Start();
+  service.PowerEvent(10);
+  service.Reserved7();
+  service.OobeEvent();
+  service.SessionChange(7);
+  service.Reserved10();
+}
+
+void TheOtherFactoriesWork() {
+  auto* cryptography = CreateCryptographyHelper();
+  void* sealed = nullptr;
+  void* opened = nullptr;
+  uint32_t size = 0;
+  CHECK(cryptography->Protect("secret", 6, nullptr, &sealed, &size) == 0);
+  CHECK(cryptography->Unprotect(sealed, size, &opened, &size) == 0 && size == 6);
+  CHECK(opened != nullptr && static_cast<char*>(opened)[5] == 't');
+  cryptography->FreeResult(sealed);
+  cryptography->FreeResult(opened);
+  CHECK(cryptography->FileSha256(nullptr, nullptr) == 87);
+  CHECK(cryptography->Destroy(1) == cryptography);
+
+  auto* packages = CreateUwpPackageModel();
+  CHECK(packages->FindPackageFullName(nullptr, nullptr, nullptr) < 0);
+  CHECK(packages->LastError()[0] != L'\0');
+  CHECK(packages->Destroy(1) == packages);
+
+  auto* exemption = CreateClientExemption();
+  const wchar_t* const veilo = L"7C3B9E40.VxVeilo_r4x2m8kq7tn3b";
+  struct {
+    uint16_t major, minor;
+    int32_t uwp, win32;
+  } const cases[] = {{2, 0, 1, 1}, {2, 1, 0, 1}, {8, 9, 0, 1}, {8, 10, 0, 0}};
+  for (const auto& c : cases) {
+    int32_t exempt = -1;
+    CHECK(exemption->IsUwpExempt(veilo, c.major, c.minor, &exempt) == 0 && exempt == c.uwp);
+    wchar_t name[] = L"HotKeyServiceUWP";
+    CHECK(exemption->IsWin32Exempt(name, c.major, c.minor, &exempt) == 0 && exempt == c.win32);
+    CHECK(Same(name, L"hotkeyserviceuwp"));
+  }
+  int32_t exempt = -1;
+  CHECK(exemption->IsUwpExempt(L"", 0, 0, &exempt) == 0 && exempt == 0);
+  CHECK(exemption->IsUwpExempt(nullptr, 0, 0, &exempt) == 87);
+  CHECK(exemption->IsWin32Exempt(nullptr, 0, 0, &exempt) == 87);
+  CHECK(exemption->IsUwpExempt(veilo, 0, 0, nullptr) == 87);
+  CHECK(exemption->Destroy(1) == exemption);
+}
+
+// A host may derive a stand-in from the shipped class. Called through a table by number, each slot
+// must reach the function that the header declares there.
+int reached = -1;
+class FakeService final : public Contract::VxService {
+ public:
+  void* Destroy(unsigned) override { return Reach(0); }
+  uint32_t CreateClientContext(const wchar_t*, Contract::ClientContext**) override {
+    Reach(1);
+    return 0;
+  }
+  uint32_t ReleaseClientContext(Contract::ClientContext**) override {
+    Reach(2);
+    return 0;
+  }
+  uint32_t ExecuteCommand(Contract::ClientContext*, uint32_t, const wchar_t*, wchar_t**,
+                          Contract::CompletionCallback*) override {
+    Reach(3);
+    return 0;
+  }
+  void Start() override { Reach(5); }
+  void power_event_task(uint32_t) override { Reach(6); }
+  void Reserved7() override { Reach(7); }
+  bool oobe_event_task() override { return Reach(8) != nullptr; }
+  void OnSessionChange(uint32_t) override { Reach(9); }
+  void Reserved10() override { Reach(10); }
+
+ private:
+  void* Reach(int slot) {
+    reached = slot;
+    return this;
+  }
+};
+
+void AFakeServiceHasItsSlotsInOrder() {
+  using Slot = void* (*)(void* self, void*, void*, void*, void*, void*);
+  FakeService fake;
+  void** table = *reinterpret_cast<void***>(&fake);
+  for (int slot = 0; slot <= 10; ++slot) {
+    if (slot == 4) continue;
+    reached = -1;
+    reinterpret_cast<Slot>(table[slot])(&fake, nullptr, nullptr, nullptr, nullptr, nullptr);
+    CHECK(reached == slot);
+  }
+  int block = 0;
+  reinterpret_cast<Slot>(table[4])(&fake, &block, nullptr, nullptr, nullptr, nullptr);
+  CHECK(lastFreed == &block);
+}
+
+// Points %programdata% at a folder of this program's own.
+struct OwnStore {
+  OwnStore() {
+    size_t length = GetTempPathW(200, folder);
+    Append(folder, length, L"vx-msvc-host");
+    CreateDirectoryW(folder, nullptr);
+    SetEnvironmentVariableW(L"ProgramData", folder);
+  }
+  ~OwnStore() {
+    const size_t length = Length(folder);
+    Append(folder, length, L"\\Vx\\SharedServices\\shared_store.dat");
+    DeleteFileW(folder);
+    static const wchar_t* const kParts[] = {L"\\Vx\\SharedServices", L"\\Vx", L""};
+    for (const wchar_t* part : kParts) {
+      Append(folder, length, part);
+      CHECK(RemoveDirectoryW(folder) != 0);
+    }
+  }
+  OwnStore(const OwnStore&) = delete;
+  OwnStore& operator=(const OwnStore&) = delete;
+
+  static size_t Length(const wchar_t* text) {
+    size_t length = 0;
+    while (text[length] != L'\0') ++length;
+    return length;
+  }
+  static void Append(wchar_t* text, size_t at, const wchar_t* more) {
+    memcpy(text + at, more, (Length(more) + 1) * sizeof(wchar_t));
+  }
+
+  wchar_t folder[300];
+};
+
+}  // namespace
+
+extern "C" void Main() {
+  {
+    const OwnStore store;
+    AFakeServiceHasItsSlotsInOrder();
+    auto* service = reinterpret_cast<HostService*>(VxCreateService());
+    CHECK(service != nullptr);
+    if (service != nullptr) {
+      CommandsRunAndDestroyTheirCallbackOnce(*service);
+      EverySlotIsWhereTheHostCallsIt(*service);
+      delete service;
+    }
+    TheOtherFactoriesWork();
+  }
+  Print(failures == 0 ? "passed\n" : "some checks failed\n");
+  ExitProcess(failures == 0 ? 0 : 1);
+}
