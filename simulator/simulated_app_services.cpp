@@ -13,8 +13,11 @@ class SimulatedAppServices::Conversation final : public Platform::AppService {
   }
 
   void SystemRestarted() override {
-    const std::lock_guard guard(owner.mutex);
-    ++owner.restarts;
+    {
+      const std::lock_guard guard(owner.mutex);
+      ++owner.restarts;
+    }
+    owner.timeline.Add(L"the app services are told that the machine came up again");
   }
 
  private:

@@ -2,8 +2,10 @@
 
 #include <algorithm>
 #include <chrono>
+#include <deque>
 #include <iterator>
 #include <stdexcept>
+#include <utility>
 
 #include "vxhost/text.h"
 
@@ -28,9 +30,37 @@ struct Change {
   std::wstring Text(const wchar_t* key) const { return expand(Member(value, key)); }
 };
 
+// Seconds of a scenario, which may have a fraction.
+Simulator::VirtualClock::Duration Length(const WideValue& value) {
+  return std::chrono::duration_cast<Simulator::VirtualClock::Duration>(
+      std::chrono::duration<double>(value.GetDouble()));
+}
+
 void EndOobe(const Change& change) {
   SimulatedMachine& machine = change.machine;
-  machine.system.EndOobeAt(machine.clock.Elapsed() + seconds(change.value.GetInt()));
+  machine.system.EndOobeAt(machine.clock.Elapsed() + Length(change.value));
+}
+
+void SetOobeKnown(const Change& change) {
+  change.machine.system.SetOobeKnown(change.value.GetBool());
+}
+
+// A name, or a name and how many calls still succeed.
+void Refuse(const Change& change) {
+  if (change.value.IsString()) {
+    change.machine.faults.FailNamed(Utf8(change.expand(change.value)));
+    return;
+  }
+  change.machine.faults.FailNamed(Utf8(change.Text(L"call")),
+                                  Member(change.value, L"after").GetUint());
+}
+
+void RemoveApiSet(const Change& change) {
+  change.machine.system.RemoveApiSet(change.expand(change.value));
+}
+
+void DetachConsole(const Change& change) {
+  change.machine.users.DetachConsole();
 }
 
 void LogOn(const Change& change) {
@@ -58,8 +88,22 @@ void Uninstall(const Change& change) {
       seconds(length == nullptr ? kUninstallLength : length->GetInt()));
 }
 
+// One status for each of the next messages; the last one stays.
 void SetAppServiceStatus(const Change& change) {
-  change.machine.appServices.SetReplies({}, {change.value.GetInt(), L""});
+  if (!change.value.IsArray()) {
+    change.machine.appServices.SetReplies({}, {change.value.GetInt(), L""});
+    return;
+  }
+  std::deque<Simulator::SimulatedAppServices::Reply> replies;
+  for (const WideValue& status : change.value.GetArray()) {
+    replies.emplace_back(status.GetInt(), L"");
+  }
+  if (replies.empty()) throw std::runtime_error("\"appServiceStatus\" has no status");
+  change.machine.appServices.SetReplies(replies, replies.back());
+}
+
+void SetTriggerStatus(const Change& change) {
+  change.machine.system.SetTriggerStatus(change.value.GetUint());
 }
 
 void SetRegistry(const Change& change) {
@@ -79,6 +123,13 @@ void ReplaceFirmware(const Change& change) {
   change.machine.firmware.Replace(digits == 6 ? Digits::Six : Digits::Eight);
 }
 
+void SetWarrantyBlock(const Change& change) {
+  constexpr std::size_t kBlock = 128;  // bytes
+  std::string block = Utf8(change.expand(change.value));
+  block.resize(kBlock);
+  change.machine.firmware.SetWarrantyBlock(std::move(block));
+}
+
 void AddFile(const Change& change) {
   change.machine.files.Add(change.Text(L"path"), Utf8(change.Text(L"text")));
 }
@@ -88,7 +139,7 @@ void SetLockdownMode(const Change& change) {
 }
 
 void SleepFor(const Change& change) {
-  change.machine.SleepFor(seconds(change.value.GetInt()));
+  change.machine.SleepFor(Length(change.value));
 }
 
 // In the order in which the changes of one step are made.
@@ -96,14 +147,20 @@ constexpr struct {
   const wchar_t* key;
   void (*make)(const Change&);
 } kChanges[] = {
+    {L"refuse", &Refuse},
     {L"asleep", &SleepFor},
     {L"oobeEndsAfter", &EndOobe},
+    {L"oobeKnown", &SetOobeKnown},
+    {L"missingApiSet", &RemoveApiSet},
     {L"registry", &SetRegistry},
     {L"firmwareDigits", &ReplaceFirmware},
+    {L"warrantyBlock", &SetWarrantyBlock},
     {L"file", &AddFile},
     {L"lockdownMode", &SetLockdownMode},
     {L"appServiceStatus", &SetAppServiceStatus},
+    {L"triggerStatus", &SetTriggerStatus},
     {L"logOff", &LogOff},
+    {L"noConsole", &DetachConsole},
     {L"logOn", &LogOn},
     {L"install", &Install},
     {L"uninstall", &Uninstall},
@@ -136,7 +193,7 @@ void ChangeMachine(const WideValue& step, const Expander& expand, SimulatedMachi
 
 void PassTime(const WideValue& step, SimulatedMachine& machine) {
   const auto found = step.FindMember(kAdvance);
-  if (found != step.MemberEnd()) machine.clock.Advance(seconds(found->value.GetInt()));
+  if (found != step.MemberEnd()) machine.clock.Advance(Length(found->value));
   machine.clock.Settle();
 }
 

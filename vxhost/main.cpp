@@ -151,7 +151,8 @@ class CommandLine {
 
     auto* scenario = Add(app, "scenario", "play a scenario and check what it expects",
                          kScenarioFooter, &Scenario);
-    scenario->add_option("file", options.file, "the scenario")->required();
+    scenario->add_option("file", options.scenarios, "the scenario; each of several is played anew")
+        ->required();
     scenario->add_option("--define", options.definitions, "NAME=VALUE for ${NAME} in it");
 
     auto* events = Add(app, "events", "send power and session events", kEventsFooter, &Events);

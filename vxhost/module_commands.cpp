@@ -37,9 +37,13 @@ int Exec(const Options& options, Console& console) {
 }
 
 int Scenario(const Options& options, Console& console) {
-  const auto theatre = MakeTheatre(options, console);
-  const bool met =
-      PlayScenario(FullPath(options.file), Definitions(options.definitions), theatre->Open());
+  const auto definitions = Definitions(options.definitions);
+  bool met = true;
+  for (const std::string& file : options.scenarios) {
+    if (options.scenarios.size() > 1) console.Line("\n==== " + file);
+    const auto theatre = MakeTheatre(options, console);
+    met = PlayScenario(FullPath(file), definitions, theatre->Open()) && met;
+  }
   console.Line(met ? "\nEverything that was expected happened."
                    : "\nNot everything that was expected happened: see the lines with !!");
   return met ? kDone : kNotMet;

@@ -18,6 +18,7 @@ struct Options {
   std::string request = "{}";
   std::string caller = "vxhost";
   std::string file;
+  std::vector<std::string> scenarios;
   std::vector<std::string> definitions;
   std::vector<std::uint32_t> power;
   std::vector<std::uint32_t> sessions;

@@ -18,6 +18,7 @@
 #include "storage/cap_data_store.h"
 #include "storage/service_document.h"
 #include "vxhost/machine_steps.h"
+#include "vxhost/store_commands.h"
 #include "vxhost/text.h"
 
 namespace Vx::Host {
@@ -33,9 +34,9 @@ constexpr int kDefaultWait = 10;  // seconds
 constexpr wchar_t kCaller[] = L"vxhost";
 
 // The parts of a step; machine_steps.h knows the others.
-constexpr const wchar_t* kParts[] = {L"say",     L"start",     L"restart", L"store", L"exec",
-                                     L"request", L"power",     L"session", L"copy",  L"remove",
-                                     L"run",     L"arguments", L"waitFor", L"expect"};
+constexpr const wchar_t* kParts[] = {
+    L"say",     L"start", L"restart", L"end", L"store",     L"exec",    L"request",   L"power",
+    L"session", L"copy",  L"remove",  L"run", L"arguments", L"waitFor", L"showStore", L"expect"};
 constexpr const wchar_t* kExpectations[] = {L"code",  L"answer",  L"log",   L"seconds",
                                             L"event", L"noEvent", L"stored"};
 
@@ -138,6 +139,7 @@ class Player {
       ChangeMachine(step, expand, *stage.machine);
     }
     if (const auto* values = Find(step, L"store")) Store(*values);
+    if (Find(step, L"end") != nullptr) End();
     if (Find(step, L"restart") != nullptr) Restart();
     if (Find(step, L"start") != nullptr) {
       stage.console.Line("-> start");
@@ -163,18 +165,42 @@ class Player {
           Expand(*path), arguments == nullptr ? std::wstring() : Expand(*arguments)));
     }
     if (stage.machine != nullptr) PassTime(step, *stage.machine);
+    stage.showRepeated();
     if (const auto* file = Find(step, L"waitFor")) WaitForFile(*file);
+    if (Find(step, L"showStore") != nullptr) {
+      for (const std::string& line : StoreLines()) stage.console.Line("   store " + line);
+    }
     if (const auto* expect = Find(step, L"expect")) ExpectTraces(*expect);
   }
 
-  // Keeps values as other services of the machine do.
+  // Keeps values as other services of the machine do, and those of an object in a document.
   void Store(const WideValue& values) {
     for (auto value = values.MemberBegin(); value != values.MemberEnd(); ++value) {
-      stage.console.Line("-> another service stores " + Utf8(value->name.GetString()) + " = " +
-                         Utf8(Expand(value->value)));
-      CapDataStore().persist(Utf8(value->name.GetString()),
-                             BsonElement::Text(Expand(value->value)));
+      const std::string key = Utf8(value->name.GetString());
+      stage.console.Line("-> another service stores " + key + " = " + Utf8(Expand(value->value)));
+      if (!value->value.IsObject()) {
+        CapDataStore().persist(key, Element(value->value));
+        continue;
+      }
+      for (auto member = value->value.MemberBegin(); member != value->value.MemberEnd(); ++member) {
+        CapDataStore().mergeMember(key, Utf8(member->name.GetString()), Element(member->value));
+      }
     }
+  }
+
+  // A number of 32 bits if it fits, else of 64.
+  BsonElement Element(const WideValue& value) const {
+    if (value.IsNull()) return BsonElement();
+    if (value.IsBool()) return BsonElement::Boolean(value.GetBool());
+    if (value.IsInt()) return BsonElement::Int32(value.GetInt());
+    if (value.IsInt64()) return BsonElement::Int64(value.GetInt64());
+    return BsonElement::Text(Expand(value));
+  }
+
+  void End() {
+    stage.console.Line("-> end");
+    stage.session.End();
+    if (stage.machine != nullptr) stage.machine->clock.Settle();
   }
 
   void Restart() {
@@ -212,6 +238,7 @@ class Player {
     const std::wstring text = request == nullptr ? L"{}" : Expand(*request);
     stage.console.Request(id, text);
     const Answer answer = stage.session.Execute(id, text, kCaller);
+    if (stage.machine != nullptr) stage.machine->clock.Settle();
     stage.console.Result(answer);
     const auto* expect = Find(step, L"expect");
     if (expect == nullptr) return;

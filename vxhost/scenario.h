@@ -44,6 +44,7 @@ struct Stage {
   LogRecorder& log;
   Console& console;
   Simulator::SimulatedMachine* machine;  // null: the real one
+  std::function<void()> showRepeated;    // the log lines that were counted instead of shown
 };
 
 // Plays a scenario: a JSON document {"steps": [...]}, whose parts docs/vxhost.md describes. In

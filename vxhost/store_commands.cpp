@@ -182,6 +182,17 @@ int ShowStore(const Options& /*options*/, Console& console) {
   return kDone;
 }
 
+std::vector<std::string> StoreLines() {
+  WideDocument document;
+  document.CopyFrom(StoreWriter(document).Document(ReadStore().document, kShownLevels),
+                    document.GetAllocator());
+  std::vector<std::string> lines;
+  for (auto value = document.MemberBegin(); value != document.MemberEnd(); ++value) {
+    lines.push_back(Utf8(value->name.GetString()) + " " + Utf8(Json::JsonText(value->value)));
+  }
+  return lines;
+}
+
 int ShowSubscriptions(const Options& /*options*/, Console& console) {
   ReadStore();  // the module takes a damaged store for an empty one
   console.Line(Row("EVENT", "ACTION", "DELAY", "TARGET"));

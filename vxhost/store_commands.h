@@ -1,5 +1,8 @@
 #pragma once
 
+#include <string>
+#include <vector>
+
 #include "vxhost/console.h"
 #include "vxhost/options.h"
 
@@ -9,5 +12,9 @@ namespace Vx::Host {
 // for what the user has to put right: the module, a file, a text.
 int ShowStore(const Options& options, Console& console);
 int ShowSubscriptions(const Options& options, Console& console);
+
+// The store as ShowStore shows it, with one line per value of its top level: "KEY {...}". Throws
+// std::runtime_error when it cannot be read.
+std::vector<std::string> StoreLines();
 
 }  // namespace Vx::Host

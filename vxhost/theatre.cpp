@@ -78,7 +78,8 @@ class RealTheatre final : public Theatre {
               .newService = [this] { return module.NewService(); },
               .log = recorder,
               .console = console,
-              .machine = nullptr} {}
+              .machine = nullptr,
+              .showRepeated = [] {}} {}
 
   Stage& Open() override { return stage; }
 
@@ -91,8 +92,8 @@ class RealTheatre final : public Theatre {
   Stage stage;
 };
 
-// Shows and keeps the log lines of the linked service, each with its virtual moment. The lines that
-// a poll repeats from moment to moment are shown once.
+// Shows and keeps the log lines of the linked service, each with its virtual moment. A line that a
+// poll repeats from second to second is shown at first, and at last with how often it came.
 class SimulatedLog {
  public:
   SimulatedLog(Console& output, LogRecorder& keeper, const Simulator::VirtualClock& timeOf)
@@ -105,14 +106,31 @@ class SimulatedLog {
   SimulatedLog& operator=(const SimulatedLog&) = delete;
   ~SimulatedLog() { Logging::LogManager::RemoveSink(sink); }
 
+  // Shows what was repeated. While nothing can log.
+  void ShowRepeated() {
+    for (Said& said : recent) Show(said);
+  }
+
  private:
   // More than the lines of one round of any poll.
   static constexpr std::size_t kRemembered = 5;
+  static constexpr std::chrono::seconds kPollStep{1};
 
   struct Said {
-    std::wstring message;
-    Simulator::VirtualClock::Duration at;
+    LogLine line;
+    Simulator::VirtualClock::Duration first;
+    Simulator::VirtualClock::Duration last;
+    int repeated = 0;  // and not shown
   };
+
+  void Show(Said& said) {
+    if (said.repeated == 0) return;
+    LogLine line = said.line;
+    line.message += L" (" + std::to_wstring(std::exchange(said.repeated, 0)) +
+                    L" times more since " + Simulator::FormatMoment(said.first) + L")";
+    console.Log(line, Simulator::FormatMoment(said.last));
+    said.first = said.last;
+  }
 
   void Take(const Logging::LogRecord& record) {
     const LogLine line{.level = kLevels[static_cast<int>(record.level)],
@@ -121,12 +139,27 @@ class SimulatedLog {
                        .message = std::wstring(record.message)};
     recorder.Add(line);
     const auto now = clock.Elapsed();
-    const auto said = std::find_if(recent.begin(), recent.end(), [&line](const Said& one) {
-      return one.message == line.message;
+    const auto found = std::find_if(recent.begin(), recent.end(), [&line](const Said& one) {
+      return one.line.message == line.message;
     });
-    if (said != recent.end() && said->at != now) return;
-    recent.push_back({line.message, now});
-    if (recent.size() > kRemembered) recent.pop_front();
+    if (found != recent.end()) {
+      // The lines of the poll stay the last ones to be forgotten.
+      std::rotate(found, found + 1, recent.end());
+      Said& said = recent.back();
+      if (now - said.last <= kPollStep && (said.last != now || said.repeated != 0)) {
+        said.last = now;
+        ++said.repeated;
+        return;
+      }
+      Show(said);
+      said.first = said.last = now;
+    } else {
+      recent.push_back({.line = line, .first = now, .last = now});
+      if (recent.size() > kRemembered) {
+        Show(recent.front());
+        recent.pop_front();
+      }
+    }
     console.Log(line, Simulator::FormatMoment(now));
   }
 
@@ -148,7 +181,8 @@ class SimulatedTheatre final : public Theatre {
               .newService = &NewService,
               .log = recorder,
               .console = console,
-              .machine = &machine} {
+              .machine = &machine,
+              .showRepeated = [this] { log->ShowRepeated(); }} {
     machine.clock.SetPatience(kPatience);
     machine.timeline.SetListener([this, &console](const Simulator::Timeline::Entry& entry) {
       recorder.AddEvent(entry.text);
