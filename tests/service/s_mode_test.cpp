@@ -7,6 +7,7 @@
 #include <gmock/gmock.h>
 
 #include "launch/lockdown_mode.h"
+#include "launch/windows_mode_check_behavior.h"
 #include "service/private_lockdown_policy.h"
 #include "service/simulated_service.h"
 #include "storage/cap_data_store.h"
@@ -77,6 +78,15 @@ TEST_F(SModeTest, APolicyLibraryThatDoesNotLoadMeansUnlocked) {
   EXPECT_EQ(Orvane::QueryLockoutMode(L"caller"), 0);
   EXPECT_EQ(host.log.Lines().back(), L"warning|caller.QueryLockoutMode failed to load dll " +
                                          policy.Path() + L" with error: 5");
+}
+
+TEST_F(SModeTest, AMachineThatIsLockedNowHasNotBeenInSMode) {
+  const PrivateLockdownPolicy policy;
+  machine.system.SetLockdownMode(2);
+  Storage().mergeMember(kDocument, kFirstMode, Element::Int32(2));
+  Orvane::Qubo::WindowsModeCheckBehavior check;
+  EXPECT_TRUE(check.IsInSMode());
+  EXPECT_FALSE(check.HasBeenInSMode());
 }
 
 TEST_F(SModeTest, TheFirstModeIsWrittenOnceAndOnlyOverWhatIsNoMode) {

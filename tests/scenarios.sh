@@ -1,0 +1,30 @@
+#!/bin/sh
+# scenarios.sh FOLDER VXHOST EMULATOR...: plays every scenario of FOLDER, each on a fresh simulated
+# machine, and compares what it prints with the transcript beside it, NAME.txt for NAME.json.
+# RECORD=1 writes the transcripts instead. Read a new one line by line before it is kept.
+set -u
+folder=$1 vxhost=$2
+shift 2
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+failures=0
+
+# The store lies in a folder of the process; what Windows says of a library that is not this
+# project's differs from system to system.
+"$@" "$vxhost" --simulate scenario "$folder"/*.json 2>&1 |
+  tr -d "\r" | sed -e "s/vxhost-[0-9]*/vxhost-PID/g" -e "/Security - GetSecurityCatalogInfo/d" \
+    -e "/^Everything that was expected/d" -e "/^$/d" |
+  awk -v work="$work" '
+    /^==== / { sub(/.*[\/\\]/, ""); sub(/\.json$/, ""); file = work "/" $0 ".txt"; next }
+    file != "" { print > file }'
+
+for scenario in "$folder"/*.json; do
+  name=$(basename "$scenario" .json)
+  if [ -n "${RECORD:-}" ]; then
+    cp "$work/$name.txt" "$folder/$name.txt"
+  elif ! diff -u "$folder/$name.txt" "$work/$name.txt"; then
+    echo "failed: $name does not play as its transcript says"
+    failures=$((failures + 1))
+  fi
+done
+exit $((failures > 0))
