@@ -1,4 +1,4 @@
-# Fails when docs/security.md names a test that does not exist: a claim without one is only a claim.
+# Fails when docs/security.md names a test or a transcript that does not exist: a claim without one is only a claim.
 cmake_minimum_required(VERSION 3.22)
 
 file(GLOB_RECURSE sources ${ROOT}/tests/*.cpp)
@@ -22,6 +22,13 @@ foreach(name IN LISTS named)
   string(REPLACE "." "\\." pattern ${name})
   string(REPLACE "*" ".*" pattern ${pattern})
   if(NOT "${tests}" MATCHES "(^|;)${pattern}(;|$)")
+    list(APPEND missing ${name})
+  endif()
+endforeach()
+string(REGEX MATCHALL "`tests/[a-z_/]+\\.txt`" transcripts "${page}")
+foreach(name IN LISTS transcripts)
+  string(REPLACE "`" "" name ${name})
+  if(NOT EXISTS ${ROOT}/${name})
     list(APPEND missing ${name})
   endif()
 endforeach()
