@@ -1,4 +1,4 @@
-#include "service/boot.h"
+#include "service/power_event.h"
 
 #include "events/power_events.h"
 #include "host/logging.h"
