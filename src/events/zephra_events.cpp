@@ -1,6 +1,5 @@
 #include "events/zephra_events.h"
 
-#include "host/logging.h"
 #include "storage/request_manager.h"
 
 namespace Vx::Tessel::Server::Services::Orvane {
@@ -9,10 +8,6 @@ namespace {
 
 constexpr wchar_t kEventTypeKey[] = L"zephraEventType";
 constexpr wchar_t kEventActionKey[] = L"zephraEventAction";
-
-constexpr wchar_t kStarted[] = L"%S: Started";
-constexpr char kFulfillName[] =
-    "Vx::Tessel::Server::Services::Orvane::OrvaneService::FulfillZephraManagementEventRequests";
 
 constexpr DeliveryTexts kTexts = {
     .delayUnreadable = L"Failed to retrieve delay parameter in ZephraEventManager::handle_event.",
@@ -54,11 +49,6 @@ void ZephraEventManager::handle_event(const std::wstring& request,
                                       const std::function<void(const std::wstring&)>& /*completed*/,
                                       std::uint32_t eventType) {
   StartDelivery(kZephraEvents, request, eventType);
-}
-
-void FulfillZephraSubscriptions(std::uint32_t eventType) {
-  Logging::LogManager::GetLogger()->LogInfo(kStarted, kFulfillName);
-  FulfillSubscriptions(kZephraEvents, eventType);
 }
 
 }  // namespace Vx::Tessel::Server::Services::Orvane

@@ -38,7 +38,4 @@ class ZephraEventManager {
 // Stored and delivered as subscription_delivery.h says.
 extern const DeliveryKind kZephraEvents;
 
-// FulfillSubscriptions of this kind, with the line that says so.
-void FulfillZephraSubscriptions(std::uint32_t eventType);
-
 }  // namespace Vx::Tessel::Server::Services::Orvane

@@ -2,11 +2,15 @@
 
 #include <exception>
 #include <new>
+#include <string>
 #include <utility>
 
 #include "events/package_event_manager.h"
 #include "events/power_events.h"
 #include "events/zephra_events.h"
+#include "launch/text_files.h"
+#include "launch/windows_mode_check_behavior.h"
+#include "platform/files.h"
 #include "platform/kernel_objects.h"
 #include "platform/machine.h"
 #include "platform/windows_runtime_error.h"
@@ -24,7 +28,15 @@ namespace Vx::Tessel::Server::Services::Orvane {
 
 namespace {
 
+constexpr wchar_t kStarted[] = L"%S: Started";
+constexpr char kFulfillZephra[] =
+    "Vx::Tessel::Server::Services::Orvane::OrvaneService::FulfillZephraManagementEventRequests";
+
 constexpr char kPolicyChangedKey[] = "orvane_service_policy_changed_event";
+
+constexpr wchar_t kSwitchCaller[] = L"Win10SSwitch";
+constexpr wchar_t kSwitchArguments[] = L"C:\\Program Files\\Vx\\McAfeePre\\McAfeePar.txt";
+constexpr wchar_t kSwitchProgram[] = L"C:\\Program Files\\Vx\\McAfeePre\\DADUpdater.exe";
 
 constexpr unsigned kFreeMemory = 1;
 constexpr std::uint32_t kSessionLogon = 5;   // WTS_SESSION_LOGON
@@ -81,7 +93,7 @@ void OrvaneService::Start() noexcept {
 }
 
 void OrvaneService::power_event_task(std::uint32_t eventType) noexcept {
-  Contain("power_event_task", [eventType] { HandlePowerEvent(eventType); });
+  Contain("power_event_task", [&] { HandlePowerEvent(*this, eventType); });
 }
 
 bool OrvaneService::oobe_event_task() noexcept {
@@ -116,7 +128,13 @@ int OrvaneService::UnregisterZephraEvent(const wchar_t* request, const wchar_t* 
 }
 
 void OrvaneService::FulfillZephraManagementEventRequests(std::uint32_t eventType) {
-  FulfillZephraSubscriptions(eventType);
+  FulfillZephraManagementEventRequests(*state, eventType);
+}
+
+void OrvaneService::FulfillZephraManagementEventRequests(const ServiceState& state,
+                                                         std::uint32_t eventType) {
+  state.logger->LogInfo(kStarted, kFulfillZephra);
+  FulfillSubscriptions(kZephraEvents, eventType);
 }
 
 std::uint32_t OrvaneService::GetSubscriptions(Json::WideDocument* response,
@@ -130,18 +148,22 @@ std::uint32_t OrvaneService::GetSleepState(Json::WideDocument* response,
 }
 
 bool OrvaneService::HasBeenInSMode() {
-  return Orvane::HasBeenInSMode();
+  return Qubo::WindowsModeCheckBehavior().HasBeenInSMode();
 }
 
 bool OrvaneService::Launch10SSwitchSoftwares() {
-  return Orvane::Launch10SSwitchSoftwares();
+  const Platform::Files& files = *Platform::CurrentMachine().files;
+  if (!files.ExistsByExactName(kSwitchArguments)) return false;
+  if (!files.ExistsByExactName(kSwitchProgram)) return false;
+  const std::wstring arguments = ReadTextFile(kSwitchArguments, kSwitchCaller, *state->logger);
+  return LaunchExeFor10SSwitch(kSwitchProgram, arguments.c_str());
 }
 
 int OrvaneService::OnPolicyChangedEvent(const wchar_t* /*request*/, const wchar_t* /*clientId*/) {
   try {
     Storage::CapDataStore store;
     store.persist(kPolicyChangedKey, "yes");
-    FulfillZephraSubscriptions(static_cast<std::uint32_t>(ZephraEvent::PolicyChanged));
+    FulfillZephraManagementEventRequests(static_cast<std::uint32_t>(ZephraEvent::PolicyChanged));
   } catch (
       const Platform::WindowsRuntimeError&) {  // NOLINT(bugprone-empty-catch): documented as silent
   } catch (const std::exception&) {            // NOLINT(bugprone-empty-catch): likewise

@@ -38,21 +38,30 @@ class OrvaneService final : public VxService {
   bool oobe_event_task() noexcept override;
   void OnSessionChange(std::uint32_t code) noexcept override;
 
-  // The store's power and platform ("Zephra") subscriptions. The second text is not used. Always 0.
+  // Change the stored lists of power and platform ("Zephra") subscriptions, and raise the platform
+  // event of a changed policy. The second text is not used. Always 0.
   int RegisterPowerEvent(const wchar_t* request, const wchar_t* clientId);
   int UnregisterPowerEvent(const wchar_t* request, const wchar_t* clientId);
-  void FulfillPowerManagementEventRequests(std::uint32_t eventType);
   int RegisterZephraEvent(const wchar_t* request, const wchar_t* clientId);
   int UnregisterZephraEvent(const wchar_t* request, const wchar_t* clientId);
-  void FulfillZephraManagementEventRequests(std::uint32_t eventType);
   int OnPolicyChangedEvent(const wchar_t* request, const wchar_t* clientId);
+
+  // Deliver an event to every stored subscription of its kind, as FulfillSubscriptions does.
+  void FulfillPowerManagementEventRequests(std::uint32_t eventType);
+  void FulfillZephraManagementEventRequests(std::uint32_t eventType);
+  // The same for a background task, which may outlive the service object.
+  static void FulfillZephraManagementEventRequests(const ServiceState& state,
+                                                   std::uint32_t eventType);
 
   // See query_handlers.h.
   std::uint32_t GetSubscriptions(Json::WideDocument* response, const RequestCaller& caller);
   std::uint32_t GetSleepState(Json::WideDocument* response, const RequestCaller& caller);
 
-  // See s_mode.h.
+  // Whether the machine was in S mode at its first start and is not now.
   bool HasBeenInSMode();
+
+  // Starts the preloaded software that could not run in S mode, if it is there and trusted. Returns
+  // whether it was started; does not wait for it.
   bool Launch10SSwitchSoftwares();
 
  private:

@@ -1,12 +1,14 @@
 #include "service/power_event.h"
 
-#include "events/power_events.h"
 #include "host/logging.h"
 #include "launch/qubo_facade.h"
+#include "launch/registration_data.h"
 #include "platform/app_services.h"
 #include "platform/machine.h"
 #include "service/boundary.h"
-#include "service/s_mode.h"
+#include "service/orvane_service.h"
+#include "storage/cap_data_store.h"
+#include "storage/service_document.h"
 
 namespace Vx::Tessel::Server::Services::Orvane {
 
@@ -30,9 +32,18 @@ const Resume* ResumeOf(std::uint32_t eventType) {
   return nullptr;
 }
 
+// Refreshes the user's registration data and starts the software that could not run in S mode.
+void DoSModeSwitchWork(OrvaneService& service, const Logging::TraceLogger& logger) {
+  RefreshRegistrationData(logger);
+  const auto store = Storage::TryOpenStore();
+  if (store == nullptr) return;
+  const bool launched = service.Launch10SSwitchSoftwares();
+  store->mergeMember(kServiceDocument, kExecutedStub, Storage::BsonElement::Boolean(launched));
+}
+
 }  // namespace
 
-void HandlePowerEvent(std::uint32_t eventType) {
+void HandlePowerEvent(OrvaneService& service, std::uint32_t eventType) {
   const Logging::TraceLogger& logger = *Logging::LogManager::GetLogger();
   // Made for what it says of a store that cannot be read, as the first line of the event.
   const Qubo::QuboFacade facade;
@@ -40,12 +51,12 @@ void HandlePowerEvent(std::uint32_t eventType) {
   // The subscribers must not suffer from what the host's library makes of this.
   Contain("power_event_task",
           [] { Platform::CurrentMachine().appServices->Open({}, {})->SystemRestarted(); });
-  FulfillSubscriptions(kPowerEvents, eventType);
+  service.FulfillPowerManagementEventRequests(eventType);
 
   const Resume* resume = ResumeOf(eventType);
   if (resume == nullptr) return;
   logger.LogInfo(kPowerEventTrace, kPowerEventTask, resume->name);
-  if (HasBeenInSMode()) DoSModeSwitchWork(logger);
+  if (service.HasBeenInSMode()) DoSModeSwitchWork(service, logger);
 }
 
 }  // namespace Vx::Tessel::Server::Services::Orvane

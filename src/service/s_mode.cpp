@@ -1,16 +1,11 @@
 #include "service/s_mode.h"
 
-#include <cstddef>
 #include <cstdint>
 #include <exception>
 #include <string>
 
 #include "launch/lockdown_mode.h"
-#include "launch/registration_data.h"
-#include "launch/text_files.h"
-#include "launch/windows_mode_check_behavior.h"
 #include "platform/environment.h"
-#include "platform/files.h"
 #include "platform/machine.h"
 #include "platform/processes.h"
 #include "platform/type_name.h"
@@ -40,12 +35,8 @@ constexpr char kStartupTask[] = "startup_task";
 constexpr char kSetFirstLockDownMode[] = "SetFirstLockDownMode";
 constexpr char kLaunchExe[] = "LaunchExeFor10SSwitch";
 constexpr wchar_t kStartupCaller[] = L"OrvaneService-Startup";
-constexpr wchar_t kSwitchCaller[] = L"Win10SSwitch";
 
 constexpr std::int32_t kNoMode = -1;
-
-constexpr wchar_t kArgumentsFile[] = L"C:\\Program Files\\Vx\\McAfeePre\\McAfeePar.txt";
-constexpr wchar_t kProgram[] = L"C:\\Program Files\\Vx\\McAfeePre\\DADUpdater.exe";
 
 std::int32_t StoredFirstMode(CapDataStore& store) {
   const auto document = store.readDocument(kServiceDocument);
@@ -87,19 +78,6 @@ void SetFirstLockDownMode(const Logging::TraceLogger& logger) {
   }
 }
 
-bool HasBeenInSMode() {
-  return Qubo::WindowsModeCheckBehavior().HasBeenInSMode();
-}
-
-bool Launch10SSwitchSoftwares() {
-  const Platform::Files& files = *Platform::CurrentMachine().files;
-  if (!files.ExistsByExactName(kArgumentsFile)) return false;
-  if (!files.ExistsByExactName(kProgram)) return false;
-  const std::wstring arguments =
-      ReadTextFile(kArgumentsFile, kSwitchCaller, *LogManager::GetLogger());
-  return LaunchExeFor10SSwitch(kProgram, arguments.c_str());
-}
-
 bool LaunchExeFor10SSwitch(const wchar_t* pathToExecute, const wchar_t* arguments) {
   const Logging::TraceLogger& logger = *LogManager::GetLogger();
   if (pathToExecute == nullptr || *pathToExecute == L'\0') {
@@ -117,14 +95,6 @@ bool LaunchExeFor10SSwitch(const wchar_t* pathToExecute, const wchar_t* argument
     return false;
   }
   return StartSwitchSoftware(*program, arguments, logger);
-}
-
-void DoSModeSwitchWork(const Logging::TraceLogger& logger) {
-  RefreshRegistrationData(logger);
-  const auto store = Storage::TryOpenStore();
-  if (store == nullptr) return;
-  const bool launched = Launch10SSwitchSoftwares();
-  store->mergeMember(kServiceDocument, kExecutedStub, BsonElement::Boolean(launched));
 }
 
 }  // namespace Vx::Tessel::Server::Services::Orvane

@@ -11,6 +11,7 @@
 #include "platform/clock.h"
 #include "platform/machine.h"
 #include "service/boundary.h"
+#include "service/orvane_service.h"
 #include "service/service_state.h"
 #include "storage/cap_data_store.h"
 
@@ -67,7 +68,8 @@ void WaitForUser(ServiceState& state) {
     if (!Pause(state)) return;
     if (launcher.IsRealUserSession(user)) {
       state.logger->LogInfo(kFulfilling, kWakeupCheckName, Json::ToUtf8(user).c_str());
-      FulfillZephraSubscriptions(static_cast<std::uint32_t>(ZephraEvent::UserSessionAfterBoot));
+      OrvaneService::FulfillZephraManagementEventRequests(
+          state, static_cast<std::uint32_t>(ZephraEvent::UserSessionAfterBoot));
       state.wakeupCheckDone = true;
       return;
     }

@@ -141,7 +141,7 @@ class SwitchSoftwareTest : public SimulatedServiceTest {
 TEST_F(SwitchSoftwareTest, StartsTheCheckedProgramWithTheArgumentsOfItsFile) {
   HoldProgram(L"pinned.exe");
   machine.files.Add(kArguments, std::string("\xFF\xFE/\0q\0 \0\"\0a\0 \0b\0\"\0", 18));
-  EXPECT_TRUE(Orvane::Launch10SSwitchSoftwares());
+  EXPECT_TRUE(host.service->Launch10SSwitchSoftwares());
   EXPECT_THAT(Started(), testing::ElementsAre(L"\"" + kProgram + L"\" /q \"a b\""));
   EXPECT_EQ(machine.processes.Started().front().user, L"SYSTEM");
   EXPECT_EQ(host.log.Lines().front(),
@@ -152,19 +152,19 @@ TEST_F(SwitchSoftwareTest, StartsTheCheckedProgramWithTheArgumentsOfItsFile) {
 
 TEST_F(SwitchSoftwareTest, StartsNothingThatIsIncompleteOrNotTrusted) {
   machine.files.Add(kArguments, "\xEF\xBB\xBF/q");
-  EXPECT_FALSE(Orvane::Launch10SSwitchSoftwares());
+  EXPECT_FALSE(host.service->Launch10SSwitchSoftwares());
   EXPECT_THAT(host.log.Lines(), IsEmpty());
   const std::wstring line = L"error|class Vx::Tessel::Server::Services::Orvane::OrvaneService.";
   for (const wchar_t* name : {L"unsigned.exe", L"unpinned.exe", L"general.exe", L"tampered.exe"}) {
     SCOPED_TRACE(testing::PrintToString(name));
     HoldProgram(name);
-    EXPECT_FALSE(Orvane::Launch10SSwitchSoftwares());
+    EXPECT_FALSE(host.service->Launch10SSwitchSoftwares());
     EXPECT_EQ(host.log.Lines().back(),
               line + L"LaunchExeFor10SSwitch unable to launch " + kProgram + L" not trusted");
   }
   machine.files.Remove(kArguments);
   host.log.Clear();
-  EXPECT_FALSE(Orvane::Launch10SSwitchSoftwares());
+  EXPECT_FALSE(host.service->Launch10SSwitchSoftwares());
   EXPECT_THAT(host.log.Lines(), IsEmpty());
   EXPECT_FALSE(Orvane::LaunchExeFor10SSwitch(L"", L""));
   EXPECT_EQ(host.log.Lines().back(),
