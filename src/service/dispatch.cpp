@@ -9,9 +9,6 @@
 #include <string_view>
 
 #include "bod/set_born_on_date.h"
-#include "events/package_event_manager.h"
-#include "events/power_events.h"
-#include "events/zephra_events.h"
 #include "host/logging.h"
 #include "json/json_text.h"
 #include "platform/machine.h"
@@ -20,12 +17,11 @@
 #include "platform/windows_runtime_error.h"
 #include "service/boundary.h"
 #include "service/client_context.h"
-#include "service/json_request.h"
+#include "service/command_call.h"
 #include "service/launch_handlers.h"
 #include "service/orvane_service.h"
 #include "service/query_handlers.h"
-#include "service/result_codes.h"
-#include "storage/request_manager.h"
+#include "service/subscription_handlers.h"
 
 namespace Vx::Tessel::Server::Services::Orvane {
 
@@ -33,9 +29,6 @@ namespace {
 
 constexpr wchar_t kUnsupported[] = L"%S.%S - Unsupported Function call %d";
 constexpr wchar_t kNoMemory[] = L"OrvaneService::ExecuteCommand: malloc() returned NULL";
-constexpr wchar_t kPackageRuntimeError[] =
-    L"OrvaneService - RegisterAppPackageEvent threw hresult_error: Message: %s, Code: %i";
-constexpr wchar_t kPackageFailed[] = L"OrvaneService - RegisterAppPacakgeEvent threw %S";
 constexpr wchar_t kProblem[] = L"%S.%S - function id %u: %s %s%s (result 0x%08x)";
 constexpr wchar_t kResponseTooLong[] = L"a response has more than 65,536 characters";
 
@@ -51,15 +44,6 @@ constexpr std::size_t kMaxRequestLength = std::size_t{1024} * 1024;
 constexpr std::size_t kRequestPool = 4096;
 constexpr std::size_t kResponsePool = 2048;
 
-// One command being executed, as its handler sees it.
-struct Call {
-  OrvaneService& service;
-  const wchar_t* text;
-  const Json::WideDocument& request;
-  Json::WideDocument& response;
-  const RequestCaller& caller;
-};
-
 using Handler = std::uint32_t (*)(const Call& call);
 
 enum class SessionApi : std::uint8_t { NotNeeded, Needed };
@@ -73,91 +57,6 @@ struct Command {
   Handler run;
 };
 
-RequestProblem ProblemOf(const Platform::WindowsRuntimeError& error) {
-  switch (error.code()) {
-    case kAlreadySubscribed:
-      return {L"request", L"is subscribed already"};
-    case kPackageNotInstalled:
-      return {L"packageFamilyName", L"names a package that is not installed"};
-    case kConsoleUserUnavailable:
-      return {L"request", L"needs a user at the console"};
-    case kUnknownCatalogEvent:
-      return {L"catalogEvent", L"is unknown"};
-    case kUnknownAction:
-      return {L"catalogAction", L"is unknown"};
-    default:
-      return {L"request", L"failed: ", error.message()};
-  }
-}
-
-// Takes a request back whose registration failed, which must not hide what it failed of.
-void TakeBack(const Call& call) {
-  try {
-    RemoveAppPackageEvent(call.text);
-  } catch (const Platform::WindowsRuntimeError&) {  // NOLINT(bugprone-empty-catch)
-    // The stored list cannot be read, so that it never took the request.
-  }
-}
-
-std::uint32_t RegisterPackageEvent(const Call& call) {
-  const auto log = Logging::LogManager::GetLogger()->For(call.caller.clientId);
-  try {
-    RegisterAppPackageEvent(call.text);
-    return kSuccess;
-  } catch (const Platform::WindowsRuntimeError& error) {
-    log.LogError(kPackageRuntimeError, error.message().c_str(), error.code());
-    *call.caller.problem = ProblemOf(error);
-    if (error.code() == kAlreadySubscribed) return kRuntimeError;
-    TakeBack(call);
-    return static_cast<std::uint32_t>(error.code());
-  } catch (const std::exception& error) {
-    log.LogError(kPackageFailed, error.what());
-    return kStandardException;
-  }
-}
-
-// Wraps a member of the service that works on the request text.
-template <int (OrvaneService::*Operation)(const wchar_t*, const wchar_t*)>
-std::uint32_t OnText(const Call& call) {
-  return static_cast<std::uint32_t>((call.service.*Operation)(call.text, call.caller.clientId));
-}
-
-// Wraps a registration. A subscription is stored as it came, so what keeps one from ever running
-// changes nothing for the client; the log tells it now, not first when the event comes.
-template <int (OrvaneService::*Operation)(const wchar_t*, const wchar_t*), typename Request>
-std::uint32_t Subscribe(const Call& call) {
-  const std::uint32_t result = OnText<Operation>(call);
-  try {
-    const Request readable(call.text);
-  } catch (const Platform::WindowsRuntimeError& error) {
-    *call.caller.problem = {L"request", L"will never run: ", error.message()};
-  }
-  return result;
-}
-
-// Wraps a member of the service that only answers.
-template <std::uint32_t (OrvaneService::*Query)(Json::WideDocument*, const RequestCaller&)>
-std::uint32_t ServiceAnswering(const Call& call) {
-  return (call.service.*Query)(&call.response, call.caller);
-}
-
-// Wraps a query that only answers.
-template <std::uint32_t (*Query)(Json::WideDocument*, const RequestCaller&)>
-std::uint32_t Answering(const Call& call) {
-  return Query(&call.response, call.caller);
-}
-
-// Wraps a query that also reads the request.
-template <std::uint32_t (*Query)(const Json::WideDocument*, Json::WideDocument*,
-                                 const RequestCaller&)>
-std::uint32_t Asking(const Call& call) {
-  return Query(&call.request, &call.response, call.caller);
-}
-
-std::uint32_t WriteStubFlag(const Call& call) {
-  return SetExecutedMcAfeeStub(&call.request, call.caller);
-}
-
 std::uint32_t RecordBornOnDate(const Call& /*call*/) {
   SetBornOnDate(*Logging::LogManager::GetLogger());
   return kSuccess;
@@ -165,32 +64,29 @@ std::uint32_t RecordBornOnDate(const Call& /*call*/) {
 
 // To add a command, write its handler and put it into its row.
 constexpr Command kCommands[] = {
-    {0, SessionApi::NotNeeded, BadJson::Ignored, &Answering<GetLockdownMode>},
+    {0, SessionApi::NotNeeded, BadJson::Ignored, &GetLockdownMode},
     {1, SessionApi::NotNeeded, BadJson::Refused, nullptr},
-    {2, SessionApi::NotNeeded, BadJson::Refused, &Answering<GetRegistrationState>},
-    {3, SessionApi::Needed, BadJson::Refused, &Asking<SkipAutoLaunchCriteria>},
-    {4, SessionApi::NotNeeded, BadJson::Refused, &Answering<HasBeenInSMode>},
-    {5, SessionApi::NotNeeded, BadJson::Refused, &Asking<ShouldAutoLaunchBeSkipped>},
-    {6, SessionApi::NotNeeded, BadJson::Refused, &Asking<IsUwpInstalled>},
-    {7, SessionApi::NotNeeded, BadJson::Refused, &RegisterPackageEvent},
-    {8, SessionApi::Needed, BadJson::Ignored, &Answering<CopyRegistration>},
-    {9, SessionApi::NotNeeded, BadJson::Refused,
-     &Subscribe<&OrvaneService::RegisterPowerEvent, SubscribeForPowerEventRequest>},
-    {10, SessionApi::Needed, BadJson::Ignored, &Answering<LaunchAfterResume>},
-    {11, SessionApi::Needed, BadJson::Ignored, &Answering<LaunchCompanionApp>},
-    {12, SessionApi::NotNeeded, BadJson::Ignored, &Answering<GetExecutedMcAfeeStub>},
-    {13, SessionApi::Needed, BadJson::Refused, &WriteStubFlag},
-    {14, SessionApi::NotNeeded, BadJson::Refused,
-     &Subscribe<&OrvaneService::RegisterZephraEvent, SubscribeForZephraEventRequest>},
-    {15, SessionApi::NotNeeded, BadJson::Refused, &OnText<&OrvaneService::UnregisterZephraEvent>},
-    {16, SessionApi::NotNeeded, BadJson::Refused, &OnText<&OrvaneService::OnPolicyChangedEvent>},
-    {17, SessionApi::Needed, BadJson::Refused, &Asking<LaunchWithParameter>},
+    {2, SessionApi::NotNeeded, BadJson::Refused, &GetRegistrationState},
+    {3, SessionApi::Needed, BadJson::Refused, &SkipAutoLaunchCriteria},
+    {4, SessionApi::NotNeeded, BadJson::Refused, &HasBeenInSMode},
+    {5, SessionApi::NotNeeded, BadJson::Refused, &ShouldAutoLaunchBeSkipped},
+    {6, SessionApi::NotNeeded, BadJson::Refused, &IsUwpInstalled},
+    {7, SessionApi::NotNeeded, BadJson::Refused, &SubscribeToPackageEvent},
+    {8, SessionApi::Needed, BadJson::Ignored, &CopyRegistration},
+    {9, SessionApi::NotNeeded, BadJson::Refused, &SubscribeToPowerEvent},
+    {10, SessionApi::Needed, BadJson::Ignored, &LaunchAfterResume},
+    {11, SessionApi::Needed, BadJson::Ignored, &LaunchCompanionApp},
+    {12, SessionApi::NotNeeded, BadJson::Ignored, &GetExecutedMcAfeeStub},
+    {13, SessionApi::Needed, BadJson::Refused, &SetExecutedMcAfeeStub},
+    {14, SessionApi::NotNeeded, BadJson::Refused, &SubscribeToZephraEvent},
+    {15, SessionApi::NotNeeded, BadJson::Refused, &UnsubscribeFromZephraEvent},
+    {16, SessionApi::NotNeeded, BadJson::Refused, &ReportPolicyChange},
+    {17, SessionApi::Needed, BadJson::Refused, &LaunchWithParameter},
     {18, SessionApi::NotNeeded, BadJson::Refused, &RecordBornOnDate},
-    {19, SessionApi::NotNeeded, BadJson::Refused, &OnText<&OrvaneService::UnregisterPowerEvent>},
-    {20, SessionApi::NotNeeded, BadJson::Refused,
-     &ServiceAnswering<&OrvaneService::GetSubscriptions>},
-    {21, SessionApi::NotNeeded, BadJson::Refused, &ServiceAnswering<&OrvaneService::GetSleepState>},
-    {22, SessionApi::NotNeeded, BadJson::Refused, &Answering<GetVersion>},
+    {19, SessionApi::NotNeeded, BadJson::Refused, &UnsubscribeFromPowerEvent},
+    {20, SessionApi::NotNeeded, BadJson::Refused, &OrvaneService::GetSubscriptions},
+    {21, SessionApi::NotNeeded, BadJson::Refused, &OrvaneService::GetSleepState},
+    {22, SessionApi::NotNeeded, BadJson::Refused, &GetVersion},
 };
 
 template <typename Has>
@@ -279,7 +175,7 @@ std::uint32_t Execute(OrvaneService& service, std::uint32_t id, const wchar_t* r
   }
   answer->SetObject();
   const std::uint32_t result =
-      RunHandler(command.run, {service, request, *document, *answer, caller}, id);
+      RunHandler(command.run, {service, request, &*document, &*answer, caller}, id);
   if (Deliver(*answer, response)) return result;
   throw std::bad_alloc();
 }

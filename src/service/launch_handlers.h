@@ -2,8 +2,7 @@
 
 #include <cstdint>
 
-#include "json/json_text.h"
-#include "service/json_request.h"
+#include "service/command_call.h"
 
 namespace Vx::Tessel::Server::Services::Orvane {
 
@@ -12,16 +11,15 @@ namespace Vx::Tessel::Server::Services::Orvane {
 // for as long as the deployment of a package or the start of a program takes.
 
 // Id 8, "copied": copies the machine's registration data into the user's profile.
-std::uint32_t CopyRegistration(Json::WideDocument* response, const RequestCaller& caller);
+std::uint32_t CopyRegistration(const Call& call);
 
 // Id 10, "startingPoint": starts the companion app if there is a reason to, and answers which.
-std::uint32_t LaunchAfterResume(Json::WideDocument* response, const RequestCaller& caller);
+std::uint32_t LaunchAfterResume(const Call& call);
 
 // Id 11, "launched": registers the companion app if needed and starts it.
-std::uint32_t LaunchCompanionApp(Json::WideDocument* response, const RequestCaller& caller);
+std::uint32_t LaunchCompanionApp(const Call& call);
 
 // Id 17, "launched": the same with a parameter. Without a readable one nothing is started.
-std::uint32_t LaunchWithParameter(const Json::WideDocument* request, Json::WideDocument* response,
-                                  const RequestCaller& caller);
+std::uint32_t LaunchWithParameter(const Call& call);
 
 }  // namespace Vx::Tessel::Server::Services::Orvane

@@ -2,6 +2,7 @@
 
 #include <exception>
 #include <new>
+#include <stdexcept>
 #include <string>
 #include <utility>
 
@@ -16,13 +17,14 @@
 #include "platform/windows_runtime_error.h"
 #include "service/boundary.h"
 #include "service/client_context.h"
+#include "service/command_call.h"
 #include "service/dispatch.h"
 #include "service/oobe_event.h"
 #include "service/power_event.h"
-#include "service/query_handlers.h"
 #include "service/s_mode.h"
 #include "service/startup.h"
 #include "storage/cap_data_store.h"
+#include "storage/request_manager.h"
 
 namespace Vx::Tessel::Server::Services::Orvane {
 
@@ -32,6 +34,16 @@ constexpr wchar_t kStarted[] = L"%S: Started";
 constexpr char kFulfillZephra[] =
     "Vx::Tessel::Server::Services::Orvane::OrvaneService::FulfillZephraManagementEventRequests";
 
+constexpr char kListsTooLong[] = "the stored requests do not fit into a response";
+constexpr char kListBroken[] = "the stored list is not a JSON array";
+constexpr wchar_t kSubscriptionsDone[] = L"GetSubscriptions executed";
+constexpr wchar_t kSleepStateDone[] = L"GetSleepState executed";
+
+// Characters of a stored list beyond which it cannot fit, whatever its spelling: an escape of six
+// characters stands for one. Keeps the parse of a list that grew too long cheap.
+constexpr std::size_t kMaxStoredLength = 8 * kMaxResponseLength;
+
+constexpr char kSleepState[] = "sleep_state";
 constexpr char kPolicyChangedKey[] = "orvane_service_policy_changed_event";
 
 constexpr wchar_t kSwitchCaller[] = L"Win10SSwitch";
@@ -44,6 +56,38 @@ constexpr std::uint32_t kSessionLogoff = 6;  // WTS_SESSION_LOGOFF
 
 void SignalIfMade(const Platform::UniqueHandle& event) {
   if (event != nullptr) Platform::CurrentMachine().kernelObjects->Signal(event.get());
+}
+
+// Reads the stored requests under `key` into an array. What another writer put into the list and is
+// no object is left out, as it is at replay.
+Json::WideValue StoredRequests(const char* key, Json::WidePool& pool) {
+  Json::WideValue requests(rapidjson::kArrayType);
+  const std::wstring text = RequestManager(kServiceDocument, key).StoredRequests();
+  if (text.empty()) return requests;
+  if (text.size() > kMaxStoredLength) throw std::length_error(kListsTooLong);
+  Json::WideDocument stored(&pool);
+  if (!Json::ParseJson(stored, text, Json::kMaxListNesting) || !stored.IsArray()) {
+    throw std::runtime_error(kListBroken);
+  }
+  for (auto& request : stored.GetArray()) {
+    if (request.IsObject()) requests.PushBack(request, pool);
+  }
+  return requests;
+}
+
+// An output stream that only counts.
+struct LengthStream {
+  using Ch = wchar_t;
+  std::size_t length = 0;
+  void Put(wchar_t) { ++length; }
+  void Flush() {}
+};
+
+std::size_t TextLength(const Json::WideValue& value) {
+  LengthStream stream;
+  rapidjson::Writer<LengthStream, Json::WideEncoding, Json::WideEncoding> writer(stream);
+  value.Accept(writer);
+  return stream.length;
 }
 
 }  // namespace
@@ -137,14 +181,31 @@ void OrvaneService::FulfillZephraManagementEventRequests(const ServiceState& sta
   FulfillSubscriptions(kZephraEvents, eventType);
 }
 
-std::uint32_t OrvaneService::GetSubscriptions(Json::WideDocument* response,
-                                              const RequestCaller& caller) {
-  return Orvane::GetSubscriptions(response, caller);
+std::uint32_t OrvaneService::GetSubscriptions(const Call& call) {
+  return Answer("GetSubscriptions", call, [&] {
+    if (LacksResponse(call)) return kFailed;
+    auto& pool = call.response->GetAllocator();
+    Json::WideValue answer(rapidjson::kObjectType);
+    AddMember(answer, L"power_events", StoredRequests(kPowerSubscriptions, pool), pool);
+    AddMember(answer, L"zephra_events", StoredRequests(kZephraSubscriptions, pool), pool);
+    AddResult(*call.response, std::move(answer));
+    if (TextLength(*call.response) > kMaxResponseLength) {
+      call.response->SetObject();
+      throw std::length_error(kListsTooLong);
+    }
+    Log(call.caller).LogInfo(kSubscriptionsDone);
+    return kSuccess;
+  });
 }
 
-std::uint32_t OrvaneService::GetSleepState(Json::WideDocument* response,
-                                           const RequestCaller& caller) {
-  return Orvane::GetSleepState(response, caller);
+std::uint32_t OrvaneService::GetSleepState(const Call& call) {
+  return Answer("GetSleepState", call, [&] {
+    if (LacksResponse(call)) return kFailed;
+    const std::int32_t state = Storage::CapDataStore().requireInt32(kSleepState);
+    AddAnswer(*call.response, L"sleepState", Json::WideValue(state));
+    Log(call.caller).LogInfo(kSleepStateDone);
+    return kSuccess;
+  });
 }
 
 bool OrvaneService::HasBeenInSMode() {

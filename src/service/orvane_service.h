@@ -4,11 +4,11 @@
 #include <memory>
 
 #include "host/vx_service.h"
-#include "json/json_text.h"
-#include "service/json_request.h"
 #include "service/service_state.h"
 
 namespace Vx::Tessel::Server::Services::Orvane {
+
+struct Call;
 
 // The service object that the host drives. Each operation hands its work to the component that
 // knows it; this class holds only what the tasks share.
@@ -53,9 +53,14 @@ class OrvaneService final : public VxService {
   static void FulfillZephraManagementEventRequests(const ServiceState& state,
                                                    std::uint32_t eventType);
 
-  // See query_handlers.h.
-  std::uint32_t GetSubscriptions(Json::WideDocument* response, const RequestCaller& caller);
-  std::uint32_t GetSleepState(Json::WideDocument* response, const RequestCaller& caller);
+  // Handlers of commands, see query_handlers.h for what they have in common.
+  //
+  // Id 20, "power_events" and "zephra_events": the stored requests as objects, in stored order.
+  // Lists that would make the response longer than it may be are a failure.
+  static std::uint32_t GetSubscriptions(const Call& call);
+
+  // Id 21, "sleepState": what another service stored, 0 when it has not.
+  static std::uint32_t GetSleepState(const Call& call);
 
   // Whether the machine was in S mode at its first start and is not now.
   bool HasBeenInSMode();

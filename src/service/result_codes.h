@@ -4,8 +4,8 @@
 
 namespace Vx::Tessel::Server::Services::Orvane {
 
-// What the host is told about a command. Command 7 may also answer the HRESULT of a Windows Runtime
-// error unchanged.
+// The result codes of a command. Command 7 may also return the HRESULT of a Windows Runtime error
+// unchanged.
 inline constexpr std::uint32_t kSuccess = 0;
 inline constexpr std::uint32_t kUnsupportedFunction = 0x20000001;
 inline constexpr std::uint32_t kFailed = 0x20000002;  // missing argument, handler or allocation

@@ -1,0 +1,56 @@
+#pragma once
+
+#include <cstdint>
+#include <exception>
+#include <string_view>
+#include <utility>
+
+#include "json/json_text.h"
+#include "json/utf8.h"
+#include "service/boundary.h"
+#include "service/json_request.h"
+#include "service/result_codes.h"
+
+namespace Vx::Tessel::Server::Services::Orvane {
+
+class OrvaneService;
+
+// One command being executed, as its handler sees it.
+struct Call {
+  OrvaneService& service;
+  const wchar_t* text = nullptr;                // the request as the client sent it
+  const Json::WideDocument* request = nullptr;  // the same, parsed
+  Json::WideDocument* response = nullptr;
+  RequestCaller caller;  // its `problem` is not null
+};
+
+// Whether a document that the handler works on is null. Each null one is reported.
+inline bool LacksResponse(const Call& call) {
+  return NullChecker({{call.response, "response"}}, call.caller);
+}
+inline bool LacksDocuments(const Call& call) {
+  return NullChecker({{call.request, "request"}, {call.response, "response"}}, call.caller);
+}
+
+// The boundary of a handler: runs `body`, which returns a result code. A standard exception becomes
+// a log line and 0x20000002.
+template <typename Body>
+std::uint32_t Answer(const char* operation, const Call& call, Body&& body) {
+  try {
+    return std::forward<Body>(body)();
+  } catch (const std::exception& error) {
+    Log(call.caller).LogError(kThrew, call.caller.className, operation, error.what());
+    *call.caller.problem = {L"request", L"failed: ", Json::ToWide(error.what())};
+    return kFailed;
+  }
+}
+
+// Puts an answer of one value into the response.
+inline void AddAnswer(Json::WideDocument& response, std::wstring_view key,
+                      Json::WideValue&& value) {
+  Json::WideValue answer(rapidjson::kObjectType);
+  AddMember(answer, key, std::move(value), response.GetAllocator());
+  AddResult(response, std::move(answer));
+}
+
+}  // namespace Vx::Tessel::Server::Services::Orvane
