@@ -34,12 +34,9 @@ EventCommandPtr Make(const Json::JsonObject& parameters) {
 }  // namespace
 
 LaunchCommand::LaunchCommand(const Json::JsonObject& parameters)
-    : pathKey(L"path"),
-      path(parameters.GetNamedString(pathKey)),
-      argumentsKey(L"arguments"),
-      arguments(parameters.FindString(argumentsKey).value_or(L"")),
-      delayKey(kDelayKey),
-      delayDeliverySec(parameters.GetNamedString(delayKey, kNoDelay)) {}
+    : path(parameters.GetNamedString(L"path")),
+      arguments(parameters.FindString(L"arguments").value_or(L"")),
+      delayDeliverySec(parameters.GetNamedString(kDelayKey, kNoDelay)) {}
 
 void LaunchCommand::Execute() {
   const Logging::TraceLogger& log = *Logging::LogManager::SetProvider(Logging::kComponentProvider);
@@ -58,16 +55,11 @@ void LaunchCommand::Execute() {
 }
 
 AppServiceNotificationCommand::AppServiceNotificationCommand(const Json::JsonObject& parameters)
-    : packageFamilyNameKey(L"packageFamilyName"),
-      packageFamilyName(parameters.GetNamedString(packageFamilyNameKey)),
-      appServiceNameKey(L"appServiceName"),
-      appServiceName(parameters.GetNamedString(appServiceNameKey)),
-      payloadKey(L"payload"),
-      payload(parameters.GetNamedObject(payloadKey)),
-      delayKey(kDelayKey),
-      delayDeliverySec(parameters.GetNamedString(delayKey, kNoDelay)),
-      customTriggerKey(L"customTriggerGUID"),
-      customTriggerGuid(payload.FindString(customTriggerKey).value_or(L"")) {}
+    : packageFamilyName(parameters.GetNamedString(L"packageFamilyName")),
+      appServiceName(parameters.GetNamedString(L"appServiceName")),
+      payload(parameters.GetNamedObject(L"payload")),
+      delayDeliverySec(parameters.GetNamedString(kDelayKey, kNoDelay)),
+      customTriggerGuid(payload.FindString(L"customTriggerGUID").value_or(L"")) {}
 
 void AppServiceNotificationCommand::Execute() {
   const auto service =

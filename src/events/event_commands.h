@@ -69,11 +69,8 @@ class LaunchCommand final : public PackageEventCommand {
   std::wstring DelayDeliverySec() const { return delayDeliverySec; }
 
  private:
-  std::wstring pathKey;
   std::wstring path;
-  std::wstring argumentsKey;
   std::wstring arguments;
-  std::wstring delayKey;
   std::wstring delayDeliverySec;
 };
 
@@ -94,15 +91,10 @@ class AppServiceNotificationCommand final : public EventCommand {
   std::wstring CustomTriggerGUID() const { return customTriggerGuid; }
 
  private:
-  std::wstring packageFamilyNameKey;
   std::wstring packageFamilyName;
-  std::wstring appServiceNameKey;
   std::wstring appServiceName;
-  std::wstring payloadKey;
   Json::JsonObject payload;
-  std::wstring delayKey;
   std::wstring delayDeliverySec;
-  std::wstring customTriggerKey;
   std::wstring customTriggerGuid;
 };
 

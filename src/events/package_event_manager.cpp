@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include "events/subscription_forms.h"
 #include "host/logging.h"
 #include "json/json_object.h"
 #include "platform/windows_runtime_error.h"
@@ -16,7 +17,7 @@ constexpr wchar_t kRunningLate[] =
     L"running. Executing command now";
 
 RequestManager StoredPackageRequests() {
-  return RequestManager(kServiceDocument, kPackageSubscriptions);
+  return RequestManager(kServiceDocument, kPackageForm.list);
 }
 
 void MakeLive(const std::wstring& request) {

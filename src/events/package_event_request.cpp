@@ -2,17 +2,13 @@
 
 #include <utility>
 
+#include "events/subscription_forms.h"
 #include "json/json_object.h"
 #include "platform/windows_runtime_error.h"
 
 namespace Vx::Tessel::Server::Services::Orvane {
 
 namespace {
-
-constexpr wchar_t kEventKey[] = L"catalogEvent";
-constexpr wchar_t kActionKey[] = L"catalogAction";
-constexpr wchar_t kFamilyKey[] = L"packageFamilyName";
-constexpr wchar_t kParamsKey[] = L"catalogActionParams";
 
 constexpr wchar_t kUnknownEvent[] = L"catalogEvent is unknown";
 
@@ -32,16 +28,13 @@ UninstallMoment MomentOf(PackageCatalogEvent event) {
 
 }  // namespace
 
-SubscribeForAppPackageEventRequest::SubscribeForAppPackageEventRequest(const std::wstring& request)
-    : catalogEventKey(kEventKey),
-      catalogActionKey(kActionKey),
-      packageFamilyNameKey(kFamilyKey),
-      catalogActionParamsKey(kParamsKey) {
+SubscribeForAppPackageEventRequest::SubscribeForAppPackageEventRequest(
+    const std::wstring& request) {
   const auto document = Json::JsonObject::Parse(request);
-  catalogEvent = static_cast<PackageCatalogEvent>(Code(document, catalogEventKey));
-  catalogAction = static_cast<EventAction>(Code(document, catalogActionKey));
-  packageFamilyName = document.GetNamedString(packageFamilyNameKey);
-  const auto parameters = document.GetNamedObject(catalogActionParamsKey);
+  catalogEvent = static_cast<PackageCatalogEvent>(Code(document, kPackageForm.event));
+  catalogAction = static_cast<EventAction>(Code(document, kPackageForm.action));
+  packageFamilyName = document.GetNamedString(kPackageForm.family);
+  const auto parameters = document.GetNamedObject(kPackageForm.parameters);
 
   const UninstallMoment moment = MomentOf(catalogEvent);
   packageEvent = std::make_unique<PackageUninstallingPCEvent>(
@@ -57,8 +50,9 @@ PackageEventCommandPtr SubscribeForAppPackageEventRequest::ParseEventCommand(
     const std::wstring& request) {
   try {
     const auto document = Json::JsonObject::Parse(request);
-    const auto action = static_cast<EventAction>(Code(document, kActionKey));
-    EventCommandPtr command = CreateEventCommand(action, document.GetNamedObject(kParamsKey));
+    const auto action = static_cast<EventAction>(Code(document, kPackageForm.action));
+    EventCommandPtr command =
+        CreateEventCommand(action, document.GetNamedObject(kPackageForm.parameters));
     auto* packageCommand = dynamic_cast<PackageEventCommand*>(command.get());
     if (packageCommand == nullptr) return nullptr;
     PackageEventCommandPtr result(packageCommand, command.get_deleter());

@@ -33,13 +33,9 @@ class SubscribeForAppPackageEventRequest {
   static PackageEventCommandPtr ParseEventCommand(const std::wstring& request);
 
  private:
-  std::wstring catalogEventKey;
   PackageCatalogEvent catalogEvent{};
-  std::wstring catalogActionKey;
   EventAction catalogAction{};
-  std::wstring packageFamilyNameKey;
   std::wstring packageFamilyName;
-  std::wstring catalogActionParamsKey;
   std::unique_ptr<IPCEvent> packageEvent;
 };
 

@@ -1,13 +1,8 @@
 #include "events/power_events.h"
 
-#include "storage/request_manager.h"
-
 namespace Vx::Tessel::Server::Services::Orvane {
 
 namespace {
-
-constexpr wchar_t kEventTypeKey[] = L"powerEventType";
-constexpr wchar_t kEventActionKey[] = L"eventAction";
 
 constexpr DeliveryTexts kTexts = {
     .delayUnreadable = L"Failed to retrieve delay parameter in PowerManager::handle_event.",
@@ -36,14 +31,14 @@ std::mutex PowerEventManager::handle_event_mutex;
 
 constinit const DeliveryKind kPowerEvents = {
     .texts = kTexts,
-    .storeKey = kPowerSubscriptions,
+    .storeKey = kPowerForm.list,
     .parse = &ParseAs<SubscribeForPowerEventRequest>,
     .handleEvent = &PowerEventManager::handle_event,
     .handleEventMutex = &PowerEventManager::handle_event_mutex,
 };
 
 SubscribeForPowerEventRequest::SubscribeForPowerEventRequest(const std::wstring& request)
-    : EventSubscription(request, kEventTypeKey, kEventActionKey) {}
+    : EventSubscription(request, kPowerForm) {}
 
 void PowerEventManager::handle_event(const std::wstring& request,
                                      const std::function<void(const std::wstring&)>& /*completed*/,

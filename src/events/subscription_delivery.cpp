@@ -3,7 +3,6 @@
 #include <exception>
 #include <optional>
 #include <system_error>
-#include <utility>
 
 #include "events/delivery_rules.h"
 #include "host/logging.h"
@@ -27,8 +26,6 @@ constexpr wchar_t kTriggerUnreadable[] = L"Failed to retrieve custom trigger GUI
 
 // Signalled by another component when the machine enters Modern Standby.
 constexpr wchar_t kModernStandbyEvent[] = L"{CE7DC567-F47B-4A07-8489-C9DEB372B88F}";
-
-constexpr wchar_t kCommandParams[] = L"commandParams";
 
 constexpr std::int32_t kUnspecified = static_cast<std::int32_t>(0x80004005);
 
@@ -149,16 +146,11 @@ int ChangeList(const DeliveryKind& kind, const wchar_t* runtimeError, const wcha
 
 }  // namespace
 
-EventSubscription::EventSubscription(const std::wstring& request, std::wstring typeKey,
-                                     std::wstring actionKey)
-    : eventTypeKey(std::move(typeKey)),
-      eventActionKey(std::move(actionKey)),
-      commandParamsKey(kCommandParams) {
+EventSubscription::EventSubscription(const std::wstring& request, const SubscriptionForm& form) {
   const auto document = Json::JsonObject::Parse(request);
-  eventType = Json::TruncateToUint32(document.GetNamedNumber(eventTypeKey));
-  action =
-      static_cast<EventAction>(Json::TruncateToUint32(document.GetNamedNumber(eventActionKey)));
-  command = CreateEventCommand(action, document.GetNamedObject(commandParamsKey));
+  eventType = Json::TruncateToUint32(document.GetNamedNumber(form.event));
+  action = static_cast<EventAction>(Json::TruncateToUint32(document.GetNamedNumber(form.action)));
+  command = CreateEventCommand(action, document.GetNamedObject(form.parameters));
 }
 
 int RegisterSubscription(const DeliveryKind& kind, const std::wstring& request) noexcept {

@@ -7,6 +7,7 @@
 #include <string>
 
 #include "events/event_commands.h"
+#include "events/subscription_forms.h"
 
 namespace Vx::Tessel::Server::Services::Orvane {
 
@@ -26,15 +27,12 @@ class EventSubscription {
 
  protected:
   // Throws Platform::WindowsRuntimeError when the text is not such a request.
-  EventSubscription(const std::wstring& request, std::wstring typeKey, std::wstring actionKey);
+  EventSubscription(const std::wstring& request, const SubscriptionForm& form);
   ~EventSubscription() = default;
 
  private:
-  std::wstring eventTypeKey;
   std::uint32_t eventType = 0;
-  std::wstring eventActionKey;
   EventAction action{};
-  std::wstring commandParamsKey;
   EventCommandPtr command;
 };
 

@@ -1,13 +1,8 @@
 #include "events/zephra_events.h"
 
-#include "storage/request_manager.h"
-
 namespace Vx::Tessel::Server::Services::Orvane {
 
 namespace {
-
-constexpr wchar_t kEventTypeKey[] = L"zephraEventType";
-constexpr wchar_t kEventActionKey[] = L"zephraEventAction";
 
 constexpr DeliveryTexts kTexts = {
     .delayUnreadable = L"Failed to retrieve delay parameter in ZephraEventManager::handle_event.",
@@ -36,14 +31,14 @@ std::mutex ZephraEventManager::handle_event_mutex;
 
 constinit const DeliveryKind kZephraEvents = {
     .texts = kTexts,
-    .storeKey = kZephraSubscriptions,
+    .storeKey = kZephraForm.list,
     .parse = &ParseAs<SubscribeForZephraEventRequest>,
     .handleEvent = &ZephraEventManager::handle_event,
     .handleEventMutex = &ZephraEventManager::handle_event_mutex,
 };
 
 SubscribeForZephraEventRequest::SubscribeForZephraEventRequest(const std::wstring& request)
-    : EventSubscription(request, kEventTypeKey, kEventActionKey) {}
+    : EventSubscription(request, kZephraForm) {}
 
 void ZephraEventManager::handle_event(const std::wstring& request,
                                       const std::function<void(const std::wstring&)>& /*completed*/,
