@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "events/event_commands.h"
+#include "events/subscription_forms.h"
 #include "json/json_object.h"
 #include "json/json_text.h"
 #include "json/utf8.h"
@@ -104,22 +105,11 @@ CapDataStore::Content ReadStore() {
   return *std::move(content);
 }
 
-// The keys of one kind of subscription.
-struct ListForm {
-  const char* key;
-  const wchar_t* event;
-  const wchar_t* action;
-  const wchar_t* params;
-  const wchar_t* family;  // null: none
+struct ListForm : SubscriptionForm {
   const char* name;
 };
 constexpr ListForm kLists[] = {
-    {kPowerSubscriptions, L"powerEventType", L"eventAction", L"commandParams", nullptr, "power"},
-    {kZephraSubscriptions, L"zephraEventType", L"zephraEventAction", L"commandParams", nullptr,
-     "platform"},
-    {kPackageSubscriptions, L"catalogEvent", L"catalogAction", L"catalogActionParams",
-     L"packageFamilyName", "package"},
-};
+    {kPowerForm, "power"}, {kZephraForm, "platform"}, {kPackageForm, "package"}};
 
 std::string Cell(const std::string& text, std::size_t width) {
   return text.size() < width ? text + std::string(width - text.size(), ' ') : text + " ";
@@ -134,7 +124,7 @@ std::string RequestRow(const ListForm& form, const std::wstring& text) {
   const auto request = Json::JsonObject::Parse(text);
   const auto event = Json::TruncateToUint32(request.GetNamedNumber(form.event));
   const auto action = Json::TruncateToUint32(request.GetNamedNumber(form.action));
-  const auto params = request.GetNamedObject(form.params);
+  const auto params = request.GetNamedObject(form.parameters);
   const std::wstring delay = params.FindString(L"delayDeliverySec").value_or(L"0");
   // Made as the module makes it, so that what shows here is what would run.
   CreateEventCommand(static_cast<EventAction>(action), params);
@@ -151,7 +141,7 @@ std::string RequestRow(const ListForm& form, const std::wstring& text) {
 
 // How many there are.
 std::size_t ShowList(const ListForm& form, Console& console) {
-  const std::wstring list = RequestManager(kServiceDocument, form.key).StoredRequests();
+  const std::wstring list = RequestManager(kServiceDocument, form.list).StoredRequests();
   const auto texts = Tessel::Server::Storage::RequestsOf(list);
   for (const auto& text : texts) {
     try {

@@ -8,6 +8,7 @@
 
 #include "events/delivery_rules.h"
 #include "events/event_commands.h"
+#include "events/subscription_forms.h"
 #include "json/json_object.h"
 #include "json/json_text.h"
 #include "platform/windows_runtime_error.h"
@@ -20,24 +21,17 @@ namespace {
 
 using namespace Tessel::Server::Services::Orvane;
 
-struct Form {
+struct Form : SubscriptionForm {
   const char* kind;
-  const wchar_t* event;
-  const wchar_t* action;
-  const wchar_t* params;
   std::vector<std::uint32_t> codes;
 };
 
 // The codes that Windows or the module itself sends.
 const Form& FormOf(const Json::JsonObject& request) {
   static const Form kForms[] = {
-      {"power",
-       L"powerEventType",
-       L"eventAction",
-       L"commandParams",
-       {0x4, 0x6, 0x7, 0x9, 0xA, 0xB, 0x12, 0x8013}},
-      {"platform", L"zephraEventType", L"zephraEventAction", L"commandParams", {1, 2}},
-      {"package", L"catalogEvent", L"catalogAction", L"catalogActionParams", {5, 7}},
+      {kPowerForm, "power", {0x4, 0x6, 0x7, 0x9, 0xA, 0xB, 0x12, 0x8013}},
+      {kZephraForm, "platform", {1, 2}},
+      {kPackageForm, "package", {5, 7}},
   };
   for (const Form& form : kForms) {
     if (request.HasKey(form.event)) return form;
@@ -102,9 +96,9 @@ void Check(const Json::JsonObject& request, Report& report) {
   }
   const auto action =
       static_cast<EventAction>(Json::TruncateToUint32(request.GetNamedNumber(form.action)));
-  const Json::JsonObject params = request.GetNamedObject(form.params);
-  if (form.params == std::wstring(L"catalogActionParams")) {
-    request.GetNamedString(L"packageFamilyName");
+  const Json::JsonObject params = request.GetNamedObject(form.parameters);
+  if (form.family != nullptr) {
+    request.GetNamedString(form.family);
     if (params.HasKey(L"delayDeliverySec")) {
       report.Warn("package subscriptions run without a delay");
     }
