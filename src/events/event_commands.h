@@ -8,17 +8,19 @@
 
 namespace Vx::Tessel::Server::Services::Orvane {
 
-// HRESULT of an action that names no command.
+// HRESULT of an unknown action.
 inline constexpr std::int32_t kUnknownAction = 0x20000007;
 
 enum class EventAction : std::uint32_t { Launch = 1, AppServiceNotification = 2 };
 
-// What a subscription runs when its event comes. Immutable; may run any number of times, on any
-// thread. The slots below are a contract, with no room for a virtual destructor between those of
-// the two bases: owners delete through CommandDeleter.
+// The command that a subscription runs when its event occurs. Immutable. May run any number of
+// times, on any thread.
+//
+// The order of the virtual slots is a contract and leaves no room for a virtual destructor, so
+// owners delete through CommandDeleter.
 class EventCommand {
  public:
-  // Blocks for as long as the command takes. Outcomes are only logged. May throw
+  // Runs the command and blocks until it is done. Only logs the outcome. May throw
   // Platform::WindowsRuntimeError and std::exception.
   virtual void Execute() = 0;
 
@@ -26,8 +28,8 @@ class EventCommand {
   ~EventCommand() = default;
 };
 
-// A command that may be run late, at service start, for a package that was uninstalled while the
-// service was not running - if it says so.
+// A command for a package event. It may allow to be run late, at service start, for a package that
+// was uninstalled while the service was not running.
 class PackageEventCommand : public EventCommand {
  public:
   virtual bool RunIfUninstalledWhileNotRunning() { return false; }
@@ -36,7 +38,7 @@ class PackageEventCommand : public EventCommand {
   ~PackageEventCommand() = default;
 };
 
-// Deletes a command as the class that it was made as.
+// Deletes a command as the class it was created as.
 class CommandDeleter {
  public:
   using Destroy = void (*)(EventCommand*);
@@ -53,14 +55,14 @@ class CommandDeleter {
 using EventCommandPtr = std::unique_ptr<EventCommand, CommandDeleter>;
 using PackageEventCommandPtr = std::unique_ptr<PackageEventCommand, CommandDeleter>;
 
-// Starts a program with system rights in the console user's session, if it is trusted for that.
+// Starts a program as SYSTEM in the console user's session, if the program is trusted.
 class LaunchCommand final : public PackageEventCommand {
  public:
   // Reads "path" (required), "arguments" (empty unless it is a string) and "delayDeliverySec" ("0"
   // when absent). Throws the JSON layer's Platform::WindowsRuntimeError.
   explicit LaunchCommand(const Json::JsonObject& parameters);
 
-  // The file stays open against writing from before the trust check until the program is started.
+  // Keeps the file locked against writing from before the trust check until the program is started.
   void Execute() override;
   bool RunIfUninstalledWhileNotRunning() override { return true; }
 
@@ -74,7 +76,7 @@ class LaunchCommand final : public PackageEventCommand {
   std::wstring delayDeliverySec;
 };
 
-// Sends a JSON message to the app service of a packaged app; nobody hears whether it arrived.
+// Sends a JSON message to the app service of a packaged app. Does not report whether it arrived.
 class AppServiceNotificationCommand final : public EventCommand {
  public:
   // Reads "packageFamilyName", "appServiceName" and "payload" (required), "delayDeliverySec" ("0"
@@ -98,8 +100,8 @@ class AppServiceNotificationCommand final : public EventCommand {
   std::wstring customTriggerGuid;
 };
 
-// The command of an action, from its parameters. Throws Platform::WindowsRuntimeError:
-// kUnknownAction, or the JSON layer's.
+// Creates the command of an action from its parameters. Throws Platform::WindowsRuntimeError with
+// kUnknownAction or a code of the JSON layer.
 EventCommandPtr CreateEventCommand(EventAction action, const Json::JsonObject& parameters);
 
 }  // namespace Vx::Tessel::Server::Services::Orvane

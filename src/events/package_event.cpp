@@ -84,7 +84,7 @@ void PackageUninstallingPCEvent::Register() {
 
 bool PackageUninstallingPCEvent::IsProcessRunningAsSystem() const {
   const auto answer = Platform::CurrentMachine().sessions->ProcessIsLocalSystem();
-  // Guessing could watch the wrong user's packages for ever.
+  // A guess could watch the wrong user's packages for good.
   if (!answer) throw Platform::WindowsRuntimeError(kConsoleUserUnavailable, kOwnAccountUnknown);
   return *answer;
 }

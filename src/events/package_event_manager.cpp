@@ -66,7 +66,7 @@ void RegisterAppPackageEvent(const std::wstring& request) {
 }
 
 void RemoveAppPackageEvent(const std::wstring& request) {
-  // The list holds what was written of the request, not the client's own spelling.
+  // The list holds the compact text of the request, not the client's spelling.
   StoredPackageRequests().RemoveRequest(Json::JsonObject::Parse(request).Stringify());
 }
 

@@ -11,11 +11,11 @@ namespace Vx::Tessel::Server::Services::Orvane {
 
 enum class PackageCatalogEvent : std::uint32_t { Uninstalling = 5, Uninstalled = 7 };
 
-// A client's wish to have a command run when a packaged app goes. Making one opens the package
-// catalog; see PackageUninstallingPCEvent for what that needs.
+// A client's request to run a command when a packaged app is uninstalled. The constructor opens the
+// package catalog: see PackageUninstallingPCEvent for what that needs.
 class SubscribeForAppPackageEventRequest {
  public:
-  // Throws Platform::WindowsRuntimeError: the JSON layer's, or one of package_event.h and
+  // Throws Platform::WindowsRuntimeError with a code of the JSON layer, package_event.h or
   // event_commands.h.
   explicit SubscribeForAppPackageEventRequest(const std::wstring& request);
   SubscribeForAppPackageEventRequest(SubscribeForAppPackageEventRequest&&) noexcept = default;
@@ -25,11 +25,11 @@ class SubscribeForAppPackageEventRequest {
   std::wstring PackageFamilyName() const { return packageFamilyName; }
   IPCEvent* PackageEvent() const noexcept { return packageEvent.get(); }
 
-  // Adds the handler unless it is empty, and begins to watch; throws as IPCEvent::Register.
+  // Adds the handler unless it is empty, and starts to watch. Throws as IPCEvent::Register does.
   void RegisterPackageEvent(const CompletionHandler& completed);
 
-  // The command of a stored request; null when the text is no such request or its command cannot be
-  // run late. Throws nothing but std::bad_alloc.
+  // Returns the command of a stored request, or null when the text is not such a request or its
+  // command cannot be run late. Throws only std::bad_alloc.
   static PackageEventCommandPtr ParseEventCommand(const std::wstring& request);
 
  private:

@@ -9,10 +9,10 @@
 
 namespace Vx::Tessel::Server::Services::Orvane {
 
-// A client's wish to have a command run at a power event.
+// A client's request to run a command at a power event.
 class SubscribeForPowerEventRequest final : public EventSubscription {
  public:
-  // Throws Platform::WindowsRuntimeError: the JSON layer's, or the one of an unknown action.
+  // Throws Platform::WindowsRuntimeError with a code of the JSON layer or kUnknownAction.
   explicit SubscribeForPowerEventRequest(const std::wstring& request);
 
   std::uint32_t PowerEventType() const noexcept { return Type(); }
@@ -24,18 +24,18 @@ class PowerEventManager {
  public:
   PowerEventManager() = delete;
 
-  // Hands one stored request and the code of a delivered event to a worker and returns. The
-  // completion handler is never called: firing does not use a subscription up. Throws
+  // Starts a worker for one stored request and the code of a delivered event, and returns. Never
+  // calls the completion handler, because firing does not use a subscription up. Throws
   // std::system_error when no thread can be started.
   static void handle_event(const std::wstring& request,
                            const std::function<void(const std::wstring&)>& completed,
                            std::uint32_t eventType);
 
-  // Serialises the decisions and commands of all power workers; their waits happen outside it.
+  // Serialises the decisions and commands of all power workers. They wait outside it.
   static std::mutex handle_event_mutex;
 };
 
-// Stored and delivered as subscription_delivery.h says.
+// For the functions of subscription_delivery.h.
 extern const DeliveryKind kPowerEvents;
 
 }  // namespace Vx::Tessel::Server::Services::Orvane

@@ -52,7 +52,7 @@ int DelaySeconds(const DeliveryTexts& texts, const EventSubscription& subscripti
   return seconds.value_or(0);
 }
 
-// Waits the delay or until Modern Standby begins, and answers the milliseconds that it counts for.
+// Waits for the delay or until Modern Standby begins, and returns the milliseconds that count.
 std::int64_t WaitDelay(const DeliveryTexts& texts, int seconds) {
   if (seconds < 1) {
     Log().LogInfo(texts.noDelay);
@@ -118,7 +118,7 @@ std::int32_t StatusOf(const std::exception& error) {
   return system != nullptr ? system->code().value() : kUnspecified;
 }
 
-// The worker's boundary: whatever a stored text or its command does ends here.
+// The worker's boundary: whatever a stored text or its command throws ends here.
 void Work(const DeliveryKind& kind, const std::wstring& request, std::uint32_t eventType) noexcept {
   try {
     Deliver(kind, request, eventType);
@@ -129,7 +129,7 @@ void Work(const DeliveryKind& kind, const std::wstring& request, std::uint32_t e
   }
 }
 
-// Runs one change of a stored list; the caller's client hears of no failure.
+// Changes a stored list. Failures are logged, not reported to the client.
 template <typename Change>
 int ChangeList(const DeliveryKind& kind, const wchar_t* runtimeError, const wchar_t* failed,
                Change&& change) noexcept {

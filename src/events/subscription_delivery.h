@@ -12,7 +12,7 @@
 namespace Vx::Tessel::Server::Services::Orvane {
 
 // One stored subscription, read from a client's text: which event runs which command. Base of the
-// power and the Zephra request, which differ in key names only.
+// power and the Zephra request, which differ only in the names of their members.
 class EventSubscription {
  public:
   EventSubscription(EventSubscription&&) noexcept = default;
@@ -20,8 +20,7 @@ class EventSubscription {
 
   EventCommand* Command() const noexcept { return command.get(); }
 
-  // What the delivery below compares and branches on; the documented accessors of the derived
-  // classes answer the same.
+  // The event and the action. The derived classes offer both under names of their own too.
   std::uint32_t Type() const noexcept { return eventType; }
   EventAction Action() const noexcept { return action; }
 
@@ -54,12 +53,13 @@ struct DeliveryTexts {
   const wchar_t* unregisterUnknown;
 };
 
-// Takes a stored request's text, a completion handler that may be empty, and the event's code.
+// Takes the text of a stored request, a completion handler that may be empty, and the event's code.
 using DeliveryHandler = void (*)(const std::wstring& request,
                                  const std::function<void(const std::wstring&)>& completed,
                                  std::uint32_t eventType);
 
-// All that tells one kind of subscription from another. Outlives every worker: a constant.
+// All that distinguishes one kind of subscription from the other. A constant, so that it outlives
+// every worker.
 struct DeliveryKind {
   DeliveryTexts texts;
   const char* storeKey;
@@ -68,26 +68,26 @@ struct DeliveryKind {
   std::mutex* handleEventMutex;
 };
 
-// The `parse` of a kind whose requests are of the class `Request`.
+// The `parse` of a kind whose requests are of class `Request`.
 template <typename Request>
 std::shared_ptr<const EventSubscription> ParseAs(const std::wstring& request) {
   return std::make_shared<Request>(request);
 }
 
-// Adds a request text to the stored list of its kind, unread: a malformed one fails at delivery.
-// Failures are logged; the answer is always 0.
+// Adds a request to the stored list of its kind without reading it: a malformed one fails at
+// delivery. Logs failures and always returns 0.
 int RegisterSubscription(const DeliveryKind& kind, const std::wstring& request) noexcept;
 
-// Takes exactly this text off the stored list. Failures are logged; the answer is always 0.
+// Removes the request with exactly this text from the stored list. Logs failures and always returns
+// 0.
 int UnregisterSubscription(const DeliveryKind& kind, const std::wstring& request) noexcept;
 
-// Hands every stored request of the kind, and an event, to the kind's handler. One that fails,
-// because no worker can be started, is logged and the others follow. Throws nothing but
-// std::bad_alloc.
+// Delivers an event to every stored request of the kind. Logs a request whose worker cannot be
+// started and goes on with the next. Throws only std::bad_alloc.
 void FulfillSubscriptions(const DeliveryKind& kind, std::uint32_t eventType);
 
-// Starts the detached worker that delivers one event to one stored request: it waits the delay
-// outside every lock, then decides and runs the command under the kind's mutex. Returns at once.
+// Starts the detached worker that delivers one event to one stored request, and returns. The worker
+// waits out the delay without a lock, then decides and runs the command under the kind's mutex.
 // Throws std::system_error when no thread can be started.
 void StartDelivery(const DeliveryKind& kind, const std::wstring& request, std::uint32_t eventType);
 

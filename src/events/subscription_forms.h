@@ -4,14 +4,14 @@
 
 namespace Vx::Tessel::Server::Services::Orvane {
 
-// Where one kind of subscription keeps what: its list in the service's document of the store, and
+// The names of one kind of subscription: of its list in the service's document of the store, and of
 // the members of a request.
 struct SubscriptionForm {
   const char* list;
   const wchar_t* event;
   const wchar_t* action;
   const wchar_t* parameters;
-  const wchar_t* family;  // null: the kind watches no package
+  const wchar_t* family;  // null unless the kind watches a package
 };
 
 inline constexpr SubscriptionForm kPowerForm = {kPowerSubscriptions, L"powerEventType",

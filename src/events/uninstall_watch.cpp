@@ -30,7 +30,7 @@ const Logging::TraceLogger& Log() {
   return *Logging::LogManager::SetProvider(Logging::kComponentProvider);
 }
 
-// The end of everything that a watcher or a notification of the system runs.
+// The boundary of the watcher thread and of a notification.
 template <typename Body>
 void Contain(Body&& body) noexcept {
   try {
@@ -104,7 +104,7 @@ void UninstallWatch::Handle(const Platform::PackageUninstall& uninstall) {
   AwaitCompletion(uninstall);
   if (stopping) return;
   const std::lock_guard queries(PackageUninstallingPCEvent::rLock);
-  // Another user may have it still; then the event stays armed.
+  // Another user may still have the package. The event then stays armed.
   if (Platform::CurrentMachine().packages->FindForAllUsers(familyName).empty()) RunCommand();
 }
 
@@ -118,7 +118,7 @@ void UninstallWatch::AwaitCompletion(const Platform::PackageUninstall& uninstall
 
 void UninstallWatch::RunCommand() {
   command->Execute();
-  // First, so that a completion handler that fails does not make the command run again.
+  // Set first, so that a completion handler that fails does not make the command run again.
   handled = true;
   completion->Raise({});
 }

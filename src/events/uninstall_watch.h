@@ -15,12 +15,12 @@
 
 namespace Vx::Tessel::Server::Services::Orvane {
 
-// Handlers that are told once something is over. Any thread.
+// Handlers to be called once a command has run. Any thread.
 class CompletionEvent {
  public:
   std::int64_t Add(CompletionHandler handler);
 
-  // Calls every handler that was there at the time of the call, without a lock.
+  // Calls every handler that was added before this call, without holding a lock.
   void Raise(const std::wstring& text) const;
 
  private:
@@ -29,24 +29,24 @@ class CompletionEvent {
   std::vector<std::pair<std::int64_t, CompletionHandler>> handlers;
 };
 
-// What the watcher thread and the catalog's notifications of one package event share. Each of them
-// holds a reference: a notification that the system had already begun may come to an end after the
-// event itself is gone.
+// The state that the watcher thread and the catalog's notifications of one package event share.
+// Each holds a reference, because a notification that the system has begun may end after the event
+// itself is destroyed.
 class UninstallWatch {
  public:
   UninstallWatch(std::wstring packageFamilyName, UninstallMoment uninstallMoment,
                  std::shared_ptr<EventCommand> packageCommand,
                  std::shared_ptr<CompletionEvent> completionEvent);
 
-  // Body of the watcher thread: keeps a handler on `catalog` until Stop; at once over when there is
-  // no catalog.
+  // The body of the watcher thread: keeps a handler on `catalog` until Stop. Returns at once
+  // without a catalog.
   static void Run(const std::shared_ptr<UninstallWatch>& watch,
                   const std::shared_ptr<Platform::PackageCatalog>& catalog) noexcept;
 
-  // Ends the watcher and any pause of a notification now; later notifications do nothing.
+  // Ends the watcher and any pause of a notification now. Later notifications have no effect.
   void Stop() noexcept;
 
-  // One notification, on a thread of the system's.
+  // Handles one notification, on a thread of the system.
   void OnUninstalling(const Platform::PackageUninstall& uninstall) noexcept;
 
  private:
@@ -59,8 +59,8 @@ class UninstallWatch {
   const UninstallMoment moment;
   const std::shared_ptr<EventCommand> command;
   const std::shared_ptr<CompletionEvent> completion;
-  // Signalled together with `stopping`, so that log-off need not wait out a step; null when the
-  // system had none to give.
+  // Signalled together with `stopping`, so that log-off does not wait out a step. Null when Windows
+  // could not create it.
   const Platform::UniqueHandle stopEvent;
   std::atomic<bool> stopping{false};
   bool handled = false;  // guarded by PackageUninstallingPCEvent::uninstall_event_mux

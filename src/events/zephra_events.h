@@ -12,18 +12,18 @@ namespace Vx::Tessel::Server::Services::Orvane {
 // The service's own events.
 enum class ZephraEvent : std::uint32_t { PolicyChanged = 1, UserSessionAfterBoot = 2 };
 
-// A client's wish to have a command run at one of the service's own events.
+// A client's request to run a command at one of the service's own events.
 class SubscribeForZephraEventRequest final : public EventSubscription {
  public:
-  // Throws Platform::WindowsRuntimeError: the JSON layer's, or the one of an unknown action.
+  // Throws Platform::WindowsRuntimeError with a code of the JSON layer or kUnknownAction.
   explicit SubscribeForZephraEventRequest(const std::wstring& request);
 
   std::uint32_t EventType() const noexcept { return Type(); }
   EventAction ZephraEventAction() const noexcept { return Action(); }
 };
 
-// Delivers Zephra events; as PowerEventManager, with a lock of its own, so that a power command and
-// a Zephra command may run at the same time.
+// Delivers Zephra events as PowerEventManager delivers power events. Its lock is its own, so that a
+// power command and a Zephra command may run at the same time.
 class ZephraEventManager {
  public:
   ZephraEventManager() = delete;
@@ -35,7 +35,7 @@ class ZephraEventManager {
   static std::mutex handle_event_mutex;
 };
 
-// Stored and delivered as subscription_delivery.h says.
+// For the functions of subscription_delivery.h.
 extern const DeliveryKind kZephraEvents;
 
 }  // namespace Vx::Tessel::Server::Services::Orvane

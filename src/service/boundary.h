@@ -4,15 +4,15 @@
 
 namespace Vx::Tessel::Server::Services::Orvane {
 
-// What is logged of an exception: class, operation, and what it says.
+// The log line of an exception: class, operation and message.
 inline constexpr wchar_t kThrew[] = L"%S.%S threw exception %S";
 
-// Logs the exception that is being handled as one of the service's `operation`, on behalf of the
-// client `caller`; null: of nobody. Call it only while handling one.
+// Logs the current exception as one of the service's `operation`, on behalf of the client `caller`,
+// or of no client when null. Call it only inside a catch block.
 void LogCurrentException(const char* operation, const wchar_t* caller = nullptr) noexcept;
 
-// The end of a slot or a task that has no result to report a failure with: runs `body` and logs
-// what it throws. False when it threw.
+// The boundary of a slot or a task without a result code: runs `body` and logs what it throws.
+// Returns false when it threw.
 template <typename Body>
 bool Contain(const char* operation, Body&& body) noexcept {
   try {

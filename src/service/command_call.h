@@ -45,7 +45,7 @@ std::uint32_t Answer(const char* operation, const Call& call, Body&& body) {
   }
 }
 
-// Puts an answer of one value into the response.
+// Adds a result of one value to the response.
 inline void AddAnswer(Json::WideDocument& response, std::wstring_view key,
                       Json::WideValue&& value) {
   Json::WideValue answer(rapidjson::kObjectType);

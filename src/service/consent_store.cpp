@@ -21,7 +21,7 @@ bool Reads(const wchar_t* value, const wchar_t* expected) {
   return ConsentStore::ReadRegistry(kPolicyKey, value) == expected;
 }
 
-// Whether the policy keeps the registration in its country or on the machine. A later value is read
+// Whether the policy keeps the registration in its country or on the machine. Reads a later value
 // only when the earlier ones leave the question open.
 bool TransferIsBlocked() {
   if (Reads(L"TransferOutAllowed", L"False")) return true;
@@ -38,7 +38,7 @@ std::wstring ConsentStore::ReadRegistry(const std::wstring& key, const std::wstr
   const auto stored = Platform::CurrentMachine().registry->Read(key, value);
   if (!stored) return {};
   if (stored->type == kRegSz) return Platform::TextOf(*stored);
-  // The format prints narrow texts; both names are ASCII.
+  // The format takes narrow texts, and both names are ASCII.
   const std::string narrowKey(key.begin(), key.end());
   const std::string narrowValue(value.begin(), value.end());
   Logging::LogManager::GetLogger()->LogError(kUnsupportedType, kReadRegistry, narrowKey.c_str(),

@@ -4,15 +4,15 @@
 
 namespace Vx::Tessel::Server {
 
-// The machine policy on telling others about the owner's registration. Every call reads the
-// registry afresh; any thread.
+// The machine policy on passing on the owner's registration. Every call reads the registry afresh.
+// Any thread.
 class ConsentStore {
  public:
-  // The text of a value below HKEY_LOCAL_MACHINE; empty when the key or the value is missing, or
-  // (which is logged) when it is no REG_SZ.
+  // Returns the text of a value below HKEY_LOCAL_MACHINE, or an empty text when the key or the
+  // value is missing. Logs a value that is not a REG_SZ and returns an empty text for it too.
   static std::wstring ReadRegistry(const std::wstring& key, const std::wstring& value);
 
-  // `state` as far as the policy lets it be told: 0 where it does not.
+  // Returns `state` where the policy allows to pass it on, else 0.
   static int Apply(int state);
 };
 

@@ -35,12 +35,12 @@ constexpr wchar_t kResponseTooLong[] = L"a response has more than 65,536 charact
 constexpr const char* kClass = Platform::TypeName<OrvaneService>();
 constexpr char kExecuteCommand[] = "ExecuteCommand";
 
-// Characters of a request; a longer one counts as invalid. It bounds what one call can make the
-// service allocate, at many times the size of any real request.
+// The most characters of a request. A longer one is invalid. The bound is many times the size of
+// any real request and limits what one call can make the service allocate.
 constexpr std::size_t kMaxRequestLength = std::size_t{1024} * 1024;
 
-// Memory for the documents of one call that needs no allocation, in bytes: enough for a request of
-// some hundred characters and for every answer but a list of subscriptions.
+// Bytes on the stack for the documents of one call: enough for a request of some hundred characters
+// and for every response but a list of subscriptions.
 constexpr std::size_t kRequestPool = 4096;
 constexpr std::size_t kResponsePool = 2048;
 
@@ -49,7 +49,7 @@ using Handler = std::uint32_t (*)(const Call& call);
 enum class SessionApi : std::uint8_t { NotNeeded, Needed };
 enum class BadJson : std::uint8_t { Refused, Ignored };
 
-// One row is one command; one without a handler is answered as unsupported.
+// One row is one command. A command without a handler is unsupported.
 struct Command {
   std::uint32_t id;
   SessionApi sessionApi;
@@ -62,7 +62,7 @@ std::uint32_t RecordBornOnDate(const Call& /*call*/) {
   return kSuccess;
 }
 
-// To add a command, write its handler and put it into its row.
+// To add a command, write its handler and name it in its row.
 constexpr Command kCommands[] = {
     {0, SessionApi::NotNeeded, BadJson::Ignored, &GetLockdownMode},
     {1, SessionApi::NotNeeded, BadJson::Refused, nullptr},
@@ -109,13 +109,13 @@ static_assert(IdsThat([](const Command& c) { return c.sessionApi == SessionApi::
               0x22D08);
 static_assert(IdsThat([](const Command& c) { return c.badJson == BadJson::Ignored; }) == 0x1D01);
 
-// What is known of an id, "no such command" included.
+// Returns the row of an id, or one without a handler for an unknown id.
 const Command& CommandOf(std::uint32_t id) {
   static constexpr Command kNoCommand = {0, SessionApi::NotNeeded, BadJson::Refused, nullptr};
   return id < std::size(kCommands) ? kCommands[id] : kNoCommand;
 }
 
-// Destroys the host's callback at the end of the call, whichever way it ends.
+// Destroys the host's callback at the end of the call, on every path.
 class CallbackOwner {
  public:
   explicit CallbackOwner(CompletionCallback* owned) : callback(owned) {}
@@ -127,7 +127,7 @@ class CallbackOwner {
   CompletionCallback* callback;
 };
 
-// The boundary of the handlers: most end their own failures, what they let out ends here.
+// The boundary of the handlers. Most contain their own failures, and the rest end here.
 std::uint32_t RunHandler(Handler handler, const Call& call, std::uint32_t id) {
   if (handler == nullptr) {
     Logging::LogManager::GetLogger()
@@ -147,7 +147,7 @@ std::uint32_t RunHandler(Handler handler, const Call& call, std::uint32_t id) {
   }
 }
 
-// Hands the answer over in a buffer of the C allocator.
+// Copies the response into a buffer of the C allocator. Returns false when there is no memory.
 bool Deliver(const Json::WideDocument& answer, wchar_t** response) {
   Json::TextBuffer buffer;
   Json::WriteJson(answer, buffer);
@@ -160,7 +160,7 @@ bool Deliver(const Json::WideDocument& answer, wchar_t** response) {
   return true;
 }
 
-// All of a command that has its documents: parse, handle, answer. Throws std::bad_alloc.
+// Parses the request, runs the handler and delivers the response. Throws std::bad_alloc.
 std::uint32_t Execute(OrvaneService& service, std::uint32_t id, const wchar_t* request,
                       wchar_t** response, const RequestCaller& caller) {
   *response = nullptr;
@@ -180,7 +180,7 @@ std::uint32_t Execute(OrvaneService& service, std::uint32_t id, const wchar_t* r
   throw std::bad_alloc();
 }
 
-// The checks that come before the documents; kSuccess lets the command through.
+// The checks before the documents are made. Returns kSuccess for a command that may run.
 std::uint32_t CheckCall(const ClientContext* context, std::uint32_t id, const wchar_t* request,
                         wchar_t** response, const RequestCaller& caller) {
   if (CommandOf(id).sessionApi == SessionApi::Needed &&

@@ -39,8 +39,8 @@ constexpr char kListBroken[] = "the stored list is not a JSON array";
 constexpr wchar_t kSubscriptionsDone[] = L"GetSubscriptions executed";
 constexpr wchar_t kSleepStateDone[] = L"GetSleepState executed";
 
-// Characters of a stored list beyond which it cannot fit, whatever its spelling: an escape of six
-// characters stands for one. Keeps the parse of a list that grew too long cheap.
+// Characters of a stored list beyond which it cannot fit into a response: at most six of them, as
+// an escape, stand for one. Spares the parse of a list that grew too long.
 constexpr std::size_t kMaxStoredLength = 8 * kMaxResponseLength;
 
 constexpr char kSleepState[] = "sleep_state";
@@ -58,8 +58,8 @@ void SignalIfMade(const Platform::UniqueHandle& event) {
   if (event != nullptr) Platform::CurrentMachine().kernelObjects->Signal(event.get());
 }
 
-// Reads the stored requests under `key` into an array. What another writer put into the list and is
-// no object is left out, as it is at replay.
+// Reads the stored requests under `key` into an array. Leaves out elements of another writer that
+// are not objects, as a replay does.
 Json::WideValue StoredRequests(const char* key, Json::WidePool& pool) {
   Json::WideValue requests(rapidjson::kArrayType);
   const std::wstring text = RequestManager(kServiceDocument, key).StoredRequests();
@@ -75,7 +75,7 @@ Json::WideValue StoredRequests(const char* key, Json::WidePool& pool) {
   return requests;
 }
 
-// An output stream that only counts.
+// An output stream that only counts characters.
 struct LengthStream {
   using Ch = wchar_t;
   std::size_t length = 0;
@@ -105,7 +105,7 @@ OrvaneService::OrvaneService() : state(std::make_shared<ServiceState>()) {}
 OrvaneService::~OrvaneService() {
   SignalIfMade(state->stopEvent);
   SignalIfMade(state->sessionStopEvent);
-  // Their watchers would keep the module loaded for ever.
+  // Their watchers would keep the module loaded for good.
   Contain("Destroy", [] { PackageCatalogEventManager::clear_events(); });
 }
 

@@ -18,7 +18,7 @@ constexpr wchar_t kPowerEventTrace[] = L"%S::PEVX::%S";
 constexpr char kPowerEventTask[] =
     "Vx::Tessel::Server::Services::Orvane::OrvaneService::power_event_task";
 
-// The power broadcasts that tell of a resume.
+// The power broadcasts of a resume.
 struct Resume {
   std::uint32_t code;
   const char* name;
@@ -45,10 +45,10 @@ void DoSModeSwitchWork(OrvaneService& service, const Logging::TraceLogger& logge
 
 void HandlePowerEvent(OrvaneService& service, std::uint32_t eventType) {
   const Logging::TraceLogger& logger = *Logging::LogManager::GetLogger();
-  // Made for what it says of a store that cannot be read, as the first line of the event.
+  // Constructed first so that an unreadable store is logged before anything else.
   const Qubo::QuboFacade facade;
   logger.LogInfo(kPowerEventTrace, kPowerEventTask, "Enter");
-  // The subscribers must not suffer from what the host's library makes of this.
+  // A failure of the host's library must not cost the subscribers their event.
   Contain("power_event_task",
           [] { Platform::CurrentMachine().appServices->Open({}, {})->SystemRestarted(); });
   service.FulfillPowerManagementEventRequests(eventType);

@@ -6,14 +6,15 @@
 
 namespace Vx::Tessel::Server::Services::Orvane {
 
-// The commands that answer a question or set one value. Each puts its answer under "result" of
-// `response` and answers 0; when it cannot, it logs why and answers 0x20000002 with `response` left
-// as it was. A null document is such a failure. None throws std::exception.
+// The commands that query or set one value. Each adds its result to the response and returns 0. On
+// failure it logs the reason, returns 0x20000002 and leaves the response as it was. A null document
+// is a failure. None throws std::exception.
 
 // Id 0, "sMode": the lockdown mode of Windows.
 std::uint32_t GetLockdownMode(const Call& call);
 
-// Id 2, "registrationState": the owner's registration as far as the consent policy lets it be told.
+// Id 2, "registrationState": the owner's registration where the consent policy allows to pass it
+// on.
 std::uint32_t GetRegistrationState(const Call& call);
 
 // Id 3, "setOperationOkay": marks the reason "keyName" for an automatic launch as used.
@@ -25,10 +26,10 @@ std::uint32_t HasBeenInSMode(const Call& call);
 // Id 5, "skip": whether the reason "keyName" is marked as used.
 std::uint32_t ShouldAutoLaunchBeSkipped(const Call& call);
 
-// Id 6, "installed": whether the package family of the request is there for the console user.
+// Id 6, "installed": whether the console user has a package of the family in the request.
 std::uint32_t IsUwpInstalled(const Call& call);
 
-// Ids 12 and 13: the flag that says whether the switch software was started.
+// Ids 12 and 13, "launched": get and set the flag that the switch software was started.
 std::uint32_t GetExecutedMcAfeeStub(const Call& call);
 std::uint32_t SetExecutedMcAfeeStub(const Call& call);
 

@@ -44,7 +44,7 @@ std::int32_t StoredFirstMode(CapDataStore& store) {
   return stored ? stored->AsInt32().value_or(kNoMode) : kNoMode;
 }
 
-// Starts the program as the service itself; what it does then is not waited for.
+// Starts the program as the service itself and does not wait for it.
 bool StartSwitchSoftware(const std::wstring& path, const wchar_t* arguments,
                          const Logging::TraceLogger& logger) {
   Platform::ProcessStart start;
@@ -66,7 +66,7 @@ void SetFirstLockDownMode(const Logging::TraceLogger& logger) {
     if (first >= 0) return;
     const std::int32_t current = QueryLockoutMode(kStartupCaller);
     logger.LogInfo(kCurrentMode, kStartupTask, kSetFirstLockDownMode, current);
-    // Once recorded it stays: what could not be read above may be there all the same.
+    // A recorded mode stays, also one that could not be read above.
     store.updateMember(kServiceDocument, kFirstEnforcementMode,
                        [current](const BsonElement* stored) -> std::optional<BsonElement> {
                          if (stored != nullptr && stored->AsInt32().value_or(kNoMode) >= 0) {
@@ -87,7 +87,7 @@ bool LaunchExeFor10SSwitch(const wchar_t* pathToExecute, const wchar_t* argument
   const auto path =
       Platform::CurrentMachine().environment->Expand(pathToExecute, Platform::kShortPath);
   if (!path) return false;
-  // Held until the program runs, so that it is the file that was checked.
+  // Held until the program is started, so that the file is the one that was checked.
   const Platform::UniqueHandle held = Security::AquireFileReadOnlyLock(*path);
   const auto program = Security::TrustedProgram(*path, held.get());
   if (!program) {

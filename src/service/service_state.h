@@ -8,11 +8,11 @@
 
 namespace Vx::Tessel::Server::Services::Orvane {
 
-// What the service object and its background tasks work with. They own it together: the tasks are
-// detached and may outlive the service object, which signals both events when it goes and waits for
-// nobody. A null event makes every wait on it fail at once, which a task takes as the stop.
+// The state that the service object and its background tasks share. They own it together: the tasks
+// are detached and may outlive the service object, which signals both events when it is destroyed
+// and does not wait. A null event makes every wait on it fail at once, and a task then ends.
 struct ServiceState {
-  // Makes both events and fetches the logger; starts nothing and reads nothing.
+  // Creates both events and fetches the logger. Starts and reads nothing.
   ServiceState();
   ServiceState(const ServiceState&) = delete;
   ServiceState& operator=(const ServiceState&) = delete;
@@ -22,7 +22,7 @@ struct ServiceState {
   std::atomic<bool> wakeupCheckDone{false};
   Platform::UniqueHandle stopEvent;
   Platform::UniqueHandle sessionStopEvent;
-  Aurelo::LaunchTimer aureloLaunchTimer;  // of the pending delayed launch
+  Aurelo::LaunchTimer aureloLaunchTimer;  // of the pending launch
 };
 
 }  // namespace Vx::Tessel::Server::Services::Orvane

@@ -42,15 +42,15 @@ constexpr int kUserPolls = 7200;
 constexpr std::chrono::milliseconds kAttemptPause{600'000};
 constexpr int kAttempts = 7;
 
-// Waits on a stop event; true when the time was over and the service still lives.
+// Waits on a stop event. Returns true when the time is over and the service still exists.
 bool Pause(const Platform::UniqueHandle& stop, std::chrono::milliseconds length,
            Platform::WaitResult& wait) {
   wait = Platform::CurrentMachine().clock->Wait(stop.get(), length);
   return wait.outcome == Platform::WaitOutcome::TimedOut;
 }
 
-// Polls until first-run set-up is over; a query that Windows refuses counts as "not yet". False
-// when the service ends first.
+// Polls until first-run set-up is over. A query that fails counts as "not yet". Returns false when
+// the service ends first.
 bool WaitForOobe(const ServiceState& state) {
   Platform::WaitResult wait;
   for (int poll = 0;; ++poll) {
@@ -65,8 +65,8 @@ bool WaitForOobe(const ServiceState& state) {
   }
 }
 
-// The stored package subscriptions become live. A service that has gone since the wait for OOBE has
-// ended its subscriptions already; what comes after that would be watched for ever.
+// Makes the stored package subscriptions live. A service that was destroyed since the wait for OOBE
+// has ended its subscriptions already, and later ones would be watched for good.
 void WatchStoredPackages(const ServiceState& state) {
   RegisterExistingPackageCatalogManagerRequests();
   const auto stop =
@@ -74,15 +74,16 @@ void WatchStoredPackages(const ServiceState& state) {
   if (stop.outcome == Platform::WaitOutcome::Signalled) PackageCatalogEventManager::clear_events();
 }
 
-// Nothing here waits for the check. It runs once a service object, however often this task does.
+// Starts the check and does not wait for it. It runs once per service object, however often this
+// task runs.
 void StartWakeupCheck(const std::shared_ptr<ServiceState>& state) {
   if (state->wakeupCheckDone) return;
   state->logger->LogInfo(kStarted, kWakeupCheckName);
   Platform::StartDetached([state] { RunWakeupCheck(state); });
 }
 
-// Waits for a real user, two hours at most; false when the service ends first. Giving up is no
-// reason to leave out what comes next.
+// Waits for a real user, at most two hours. Returns false when the service ends first, and true
+// also when no user came: the next step runs all the same.
 bool WaitForUser(const ServiceState& state) {
   state.logger->LogInfo(kUserWait);
   const Launcher launcher;

@@ -35,17 +35,17 @@ RequestProblem ProblemOf(const Platform::WindowsRuntimeError& error) {
   }
 }
 
-// Takes a request back whose registration failed, which must not hide what it failed of.
+// Removes a request whose registration failed. A failure here must not hide the first one.
 void TakeBack(const Call& call) {
   try {
     RemoveAppPackageEvent(call.text);
   } catch (const Platform::WindowsRuntimeError&) {  // NOLINT(bugprone-empty-catch)
-    // The stored list cannot be read, so that it never took the request.
+    // The stored list cannot be read, so it never took the request.
   }
 }
 
-// A power or platform subscription is stored as it came, so what keeps one from ever running
-// changes nothing for the client. The log shows it now, and not first when the event comes.
+// A power or platform subscription is stored unread, so a fault in it does not change the result.
+// Report the fault now instead of when the event occurs.
 template <typename Request>
 void ReportUnreadable(const Call& call) {
   try {

@@ -27,13 +27,13 @@ constexpr wchar_t kWaiting[] = L"%S: Waiting for user session for %d minutes";
 constexpr char kLastBootTime[] = "OrvaneLastBootTime";
 
 constexpr std::chrono::seconds kPause{5};
-constexpr std::int64_t kSameBoot = 60;  // seconds: two clocks give the boot time, not quite alike
+constexpr std::int64_t kSameBoot = 60;  // seconds, for the jitter between two clocks
 constexpr int kLongestWait = 720;       // seconds
 
 constexpr std::uint64_t kUnitsPerSecond = 10'000'000;  // of the FILETIME scale
 constexpr std::int64_t kUnixEpoch = 11'644'473'600;    // seconds from 1601 to 1970
 
-// False when the service ends first.
+// Waits one step. Returns false when the service ends first.
 bool Pause(const ServiceState& state) {
   const auto wait = Platform::CurrentMachine().clock->Wait(state.stopEvent.get(), kPause);
   if (wait.outcome == Platform::WaitOutcome::TimedOut) return true;
@@ -41,17 +41,17 @@ bool Pause(const ServiceState& state) {
   return false;
 }
 
-// When Windows started, in seconds since 1970.
+// Returns when Windows started, in seconds since 1970.
 std::int64_t BootTime() {
   const Platform::Clock& clock = *Platform::CurrentMachine().clock;
   const auto now = static_cast<std::int64_t>(clock.UtcFileTime() / kUnitsPerSecond) - kUnixEpoch;
   return now - static_cast<std::int64_t>(clock.TickCount() / 1000);
 }
 
-// Whether this boot has not been handled yet. Then it is recorded as handled, user or not.
+// Returns whether this boot is new, and if so records it as handled, with or without a user.
 bool IsNewBoot(const ServiceState& state, Storage::CapDataStore& store, std::int64_t storedBoot) {
   const std::int64_t boot = BootTime();
-  // What is stored may be anything, so the difference is taken where it cannot overflow.
+  // The stored number may be anything. The difference of two doubles cannot overflow.
   const double apart = static_cast<double>(boot) - static_cast<double>(storedBoot);
   if (std::abs(apart) <= static_cast<double>(kSameBoot)) {
     state.logger->LogInfo(kNotANewBoot, kWakeupCheckName);

@@ -53,7 +53,8 @@ TEST(ElapsedMilliseconds, IsTheAbsoluteDifferenceIn32Bits) {
   EXPECT_EQ(ElapsedMilliseconds(0xFFFFFFF0, 0x100000010), 0x20);
   EXPECT_EQ(ElapsedMilliseconds(5000, 1000), 4000);  // a clock that went back
   EXPECT_EQ(ElapsedMilliseconds(0, 0x7FFFFFFF), 0x7FFFFFFF);
-  EXPECT_EQ(ElapsedMilliseconds(0, 0x80000000), 0x80000000);  // has no positive twin
+  EXPECT_EQ(ElapsedMilliseconds(0, 0x80000000),
+            0x80000000);  // the negative number without a positive one
   EXPECT_EQ(ElapsedMilliseconds(0, 0x80000001), 0x7FFFFFFF);
   EXPECT_EQ(ElapsedMilliseconds(0, 0x100000007), 7);
 }
@@ -73,7 +74,7 @@ TEST(IsOverdue, ToleratesTwoSecondsEitherWay) {
       {10, 12001, true},  {10, 8000, false},
       {10, 7999, true},   {-2, 0, false},
       {-3, 0, true},      {kMax, std::int64_t{kMax} * 1000, false},
-      {kMax, 1000, true},  // as 32 bits measure it
+      {kMax, 1000, true},  // as measured in 32 bits
       {kMin, 0, true},
   };
   for (const auto& c : kCases) {

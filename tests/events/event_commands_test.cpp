@@ -26,7 +26,7 @@ using testing::Contains;
 using testing::Each;
 using testing::StartsWith;
 
-// 0, or the code that building the command throws.
+// Returns 0, or the code that creating the command throws.
 std::int32_t Building(std::uint32_t action, const std::wstring& parameters) {
   try {
     return CreateEventCommand(static_cast<EventAction>(action), JsonObject::Parse(parameters)) ? 0
@@ -90,7 +90,7 @@ TEST(AppServiceNotificationCommand, LooksForTheTriggerInsideThePayloadOnly) {
   EXPECT_EQ(trigger(LR"({"customTriggerGUID":5}})"), L"");
 }
 
-// The order of the slots is a contract with code that knows the table alone.
+// The order of the slots is a contract with code that knows only the table.
 TEST(EventCommand, ExecutesThroughItsFirstSlotAndAnswersThroughItsSecond) {
   LaunchCommand launch(JsonObject::Parse(LR"({"path":""})"));
   PackageEventCommand& command = launch;
@@ -134,7 +134,7 @@ bool CanBeWritten(const std::wstring& path) {
   return true;
 }
 
-// Launches of real programs: signed by the test authority, checked and started for real.
+// Launches real programs, signed by the test authority. The check and the start are real too.
 class RealLaunchTest : public testing::Test {
  protected:
   LaunchCommand Command(const std::wstring& path) const {

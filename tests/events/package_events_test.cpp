@@ -49,7 +49,7 @@ std::wstring Launching(const std::wstring& event, const std::wstring& family = k
   return Request(event, L"1", LR"({"path":"missing.exe"})", family);
 }
 
-// A notification whose completion state is asked for and answered by the test.
+// A notification whose completion state the test supplies.
 class FakeUninstall final : public Platform::PackageUninstall {
  public:
   explicit FakeUninstall(
@@ -64,7 +64,7 @@ class FakeUninstall final : public Platform::PackageUninstall {
   std::function<bool()> isComplete;
 };
 
-// The package is bob's, so that it can go without a word to ann's catalogs.
+// The package is bob's, so that it can be uninstalled without a notification to ann's catalogs.
 class PackageEventTest : public Tests::StoreTest {
  protected:
   PackageEventTest() {
@@ -73,7 +73,7 @@ class PackageEventTest : public Tests::StoreTest {
   }
   ~PackageEventTest() override { Manager::clear_events(); }
 
-  // 0, or the code that it throws.
+  // Returns 0, or the code that it throws.
   std::int32_t Register(const std::wstring& request) {
     try {
       Manager::register_event(request,
@@ -147,7 +147,7 @@ TEST_F(PackageEventTest, NeverFiresWhereWindowsHasNoSessions) {
 TEST_F(PackageEventTest, RunsOnceWhenAnUninstallStarts) {
   SubscribeForAppPackageEventRequest request(Notifying(L"5"));
   request.RegisterPackageEvent([this](const std::wstring& text) { completed.push_back(text); });
-  request.RegisterPackageEvent(nullptr);  // watches once all the same
+  request.RegisterPackageEvent(nullptr);  // still watches only once
   machine.clock.Settle();
   const auto incomplete = [] { return false; };
   Notify(L"Other", incomplete);
@@ -194,7 +194,7 @@ TEST_F(PackageEventTest, WaitsForTheEndOfAnUninstallAndRunsUnlessAPackageRemains
     EXPECT_EQ(log.Lines(), lines);
     EXPECT_EQ(Sent().size() - sent, c.remains ? 0U : 1U);
 
-    // What did not run stays armed, and what ran does not run again.
+    // An event that did not run stays armed, and one that ran does not run again.
     if (c.remains) Remove();
     Notify(kFamily);
     EXPECT_EQ(Sent().size() - sent, 1U);
@@ -283,10 +283,10 @@ TEST_F(PackageEventTest, ReplaysWhatIsStoredAndRunsLaunchesThatAreLate) {
   EXPECT_EQ(Stored(), L"[" + unknown + L"]");
 }
 
-// Registration, notification, log-off and destruction at the same time, on real threads.
+// Registers, notifies, logs off and destroys at the same time, on real threads.
 TEST(PackageEventStress, SurvivesEverythingAtOnce) {
   constexpr int kEnough = 5;
-  Simulator::SimulatedMachine simulated;  // but for its clock
+  Simulator::SimulatedMachine simulated;  // without its clock
   simulated.users.LogOn(L"ann");
   simulated.packages.Install({kFamily, L"App_1", {}}, L"ann");
   simulated.packages.Install({L"Other", L"Other_1", {}}, L"ann");
@@ -304,9 +304,9 @@ TEST(PackageEventStress, SurvivesEverythingAtOnce) {
       [&] { Manager::register_event(Notifying(L"5"), count); },
       [&] { Manager::register_event(Notifying(L"7", L"Other"), count); },
       [&] { simulated.packages.Notify(L"ann", FakeUninstall(kFamily)); },
-      // Never complete: only log-off ends this one's pauses early enough.
+      // Never completes, so that only log-off ends its pauses early enough.
       [&] { simulated.packages.Notify(L"ann", FakeUninstall(L"Other", [] { return false; })); },
-      // Now and then only, so that some events live long enough to fire.
+      // Runs rarely, so that some events live long enough to fire.
       [&] {
         Sleep(20);
         Manager::clear_events();
@@ -326,16 +326,16 @@ TEST(PackageEventStress, SurvivesEverythingAtOnce) {
   }
   const ULONGLONG begin = GetTickCount64();
   const auto lasted = [begin] { return milliseconds(GetTickCount64() - begin); };
-  // A loaded machine gets the time to let some events fire.
+  // A loaded machine gets more time until some events have fired.
   while (lasted() < 1500ms || (completions < kEnough && lasted() < 15s)) Sleep(10);
   stop = true;
   while (done < jobs.size() && lasted() < 30s) {
-    // A registration that was last leaves pauses to be ended.
+    // The last registration may have left pauses to end.
     Manager::clear_events();
     Sleep(10);
   }
   if (done < jobs.size()) {
-    // Joining would hang, and threads may not outlive what they use.
+    // A join would hang, and the threads must not outlive what they use.
     static_cast<void>(std::fputs("PackageEventStress: the threads are stuck\n", stderr));
     std::abort();
   }

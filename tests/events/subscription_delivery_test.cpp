@@ -32,7 +32,7 @@ using testing::SizeIs;
 using testing::StartsWith;
 using Lines = std::vector<std::wstring>;
 
-// One kind of subscription, and the documented words in which it differs from the other.
+// One kind of subscription, with the texts that differ between the kinds.
 struct Kind {
   const char* name;
   const DeliveryKind& delivery;
@@ -123,7 +123,7 @@ TEST_P(DeliveryTest, RunsAtOnceOrDiscardsWithoutAPositiveDelay) {
       {L"99999999999", true, {error, none}},
       {L"-3", false, {none, discarded}},
   };
-  Deliver(Delayed(kind, L"0"), 18);  // somebody else's event
+  Deliver(Delayed(kind, L"0"), 18);  // another event
   EXPECT_THAT(log.Lines(), IsEmpty());
   for (const auto& c : cases) {
     SCOPED_TRACE(testing::PrintToString(std::wstring(c.delay)));
@@ -144,7 +144,7 @@ TEST_P(DeliveryTest, MeasuresTheDelayAndDiscardsWhatCameTooFarFromIt) {
     const char* name;
     const wchar_t* delay;
     std::optional<milliseconds> standbyAfter;
-    milliseconds asleep;  // before all else; the tick count runs on while the machine sleeps
+    milliseconds asleep;  // before the wait; the tick count includes sleep
     bool noEvent;
     std::optional<int> discarded;
   } cases[] = {
@@ -280,7 +280,7 @@ TEST_P(DeliveryTest, ReplaysWhatIsStoredForEachOfItsEventsUntilItIsRemoved) {
 TEST_P(DeliveryTest, KeepsTheFirstOfTwoEqualSubscriptionsAndLogsWhatCannotBeChanged) {
   Store(Delayed(kind, L"5"));
   log.Clear();
-  EXPECT_EQ(Store(Delayed(kind, L"0")), 0);  // the same apart from its delay
+  EXPECT_EQ(Store(Delayed(kind, L"0")), 0);  // differs only in its delay
   EXPECT_THAT(log.Lines(), ElementsAre(Threw(L"Register", L", Code: 1")));
   log.Clear();
   Fulfill(7);
@@ -295,7 +295,7 @@ TEST_P(DeliveryTest, KeepsTheFirstOfTwoEqualSubscriptionsAndLogsWhatCannotBeChan
   EXPECT_THAT(log.Lines().back(), Threw(L"Unregister", L""));
 }
 
-// While one worker of the kind is busy.
+// Holds the lock of one kind as a busy worker would.
 TEST_P(DeliveryTest, RunsItsCommandsOneAtATimeAndThoseOfTheOtherKindBesideThem) {
   const Kind& other = &kind == &Power() ? Zephra() : Power();
   {
@@ -303,7 +303,7 @@ TEST_P(DeliveryTest, RunsItsCommandsOneAtATimeAndThoseOfTheOtherKindBesideThem) 
     kind.delivery.handleEvent(Request(kind, 7), nullptr, 7);
     other.delivery.handleEvent(Request(other, 7), nullptr, 7);
     for (int tries = 0; tries < 2000 && Sent().empty(); ++tries) Sleep(5);
-    Sleep(50);  // for the command that must not run
+    Sleep(50);  // time for the command that must not run
     EXPECT_THAT(Sent(), SizeIs(1));
   }
   machine.clock.Settle();

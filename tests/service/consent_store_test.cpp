@@ -38,7 +38,7 @@ TEST_F(ConsentStoreTest, FollowsThePolicyInEveryCombination) {
   constexpr int kState = 3;
   for (int combination = 0; combination < 243; ++combination) {
     std::array<bool, std::size(kValues)> reads{};
-    int rest = combination;  // of each value in turn: decisive, other or absent
+    int rest = combination;  // a digit per value: decisive, other or absent
     for (std::size_t i = 0; i < reads.size(); ++i, rest /= 3) {
       reads[i] = rest % 3 == 0;
       registry.SetText(kPolicy, kValues[i].name, reads[i] ? kValues[i].decisive : kValues[i].other);

@@ -26,11 +26,11 @@ class DispatchTest : public SimulatedServiceTest {
 };
 
 TEST_F(DispatchTest, IdsThatNeedSessionsStopBeforeAnythingElseIsLookedAt) {
-  constexpr std::uint32_t kNeedsSessions = 0x22D08;  // a bit an id
+  constexpr std::uint32_t kNeedsSessions = 0x22D08;  // one bit per id
   machine.system.RemoveApiSet(Platform::kSessionApiSet);
   for (std::uint32_t id = 0; id < 25; ++id) {
     SCOPED_TRACE(id);
-    // Everything else is wrong with these calls, so that the order of the checks shows.
+    // These calls fail every other check too, so that the order of the checks shows.
     const Reply reply = host.Execute(id, nullptr, nullptr);
     EXPECT_EQ(reply.result, ((kNeedsSessions >> id) & 1U) != 0 ? kNoApiSet : kFailed);
     EXPECT_TRUE(reply.untouched);
@@ -55,7 +55,7 @@ TEST_F(DispatchTest, ANullContextRequestOrResponseIsRefusedBeforeParsing) {
 }
 
 TEST_F(DispatchTest, OnlyCommandsWithoutArgumentsAcceptWhatIsNoJson) {
-  constexpr std::uint32_t kIgnoresBadJson = 0x1D01;  // a bit an id
+  constexpr std::uint32_t kIgnoresBadJson = 0x1D01;  // one bit per id
   static const std::wstring kTexts[] = {L"", L"{", L"{\"a\":\"\\uDC00\"}",
                                         std::wstring(100000, L'['),
                                         L"\"" + std::wstring(std::size_t{1} << 20, L'x') + L"\""};

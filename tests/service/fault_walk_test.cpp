@@ -1,4 +1,4 @@
-// Each flow with its first, second, ... call to Windows refused, until none is left to refuse.
+// Runs each flow with its first, second, ... call to Windows failing, until no call is left.
 
 #include <algorithm>
 #include <chrono>
@@ -28,7 +28,7 @@ using Codes = std::set<std::uint32_t>;
 constexpr std::uint32_t kResumed = 7;
 constexpr std::int32_t kKept = 4711;
 constexpr std::size_t kNever = std::numeric_limits<std::size_t>::max();
-constexpr std::size_t kMostCalls = 3000;  // more than any flow makes: the walk does not end
+constexpr std::size_t kMostCalls = 3000;  // more than any flow makes, so the walk does not end
 
 constexpr std::uintptr_t kHandleStep = 4;  // between one handle value and the next
 
@@ -43,20 +43,20 @@ class FaultWalkTest : public SimulatedServiceTest {
  protected:
   FaultWalkTest() { InstallApp(L"7C3B9E40.Qubo"); }
 
-  // The virtual clock keeps the wake events of parked workers and its own handles of timers till it
-  // goes, so flows with workers add a few over the walk; one lost at every fault would be far more.
+  // The virtual clock keeps the wake events of parked workers and its own timer handles for its
+  // lifetime, so flows with workers add a few. One lost at every fault would be far more.
   enum class Workers { None, Some };
 
   struct Flow {
     std::function<void()> prepare = [] {};
     std::function<void()> act;     // also waits for the workers it starts
-    std::function<bool()> worked;  // what the flow is for has happened
+    std::function<bool()> worked;  // whether the flow did its work
   };
 
-  // Walks the flow. After each fault: nobody impersonated, no worker, the other service's value
-  // still there; and the flow works at the next try.
+  // Walks the flow. Expects after each fault that no thread impersonates, no worker is left and the
+  // value of the other service is still stored, and that the flow works at the next try.
   void Walk(const Flow& flow, Workers workers = Workers::None) {
-    // What the system keeps for a process comes first, also for one that has thrown.
+    // The first runs, also one that throws, make Windows allocate what it keeps per process.
     for (const std::size_t index : {kNever, std::size_t{0}}) {
       Begin(flow);
       RunOnce(flow, index);
@@ -87,7 +87,7 @@ class FaultWalkTest : public SimulatedServiceTest {
     EXPECT_TRUE(documented.contains(reply.result)) << std::hex << reply.result;
   }
 
-  // How often the subscribed message was sent.
+  // Returns how often the subscribed message was sent.
   std::ptrdiff_t Told() const {
     const auto all = Sent();
     return std::count(all.begin(), all.end(), L"f/s {}");
@@ -105,13 +105,13 @@ class FaultWalkTest : public SimulatedServiceTest {
   static std::wstring storePath;
 
  private:
-  // A fresh store with the value of another service, and a fresh service.
+  // Prepares a fresh store with the value of another service, and a fresh service.
   void Begin(const Flow& flow) {
     machine.faults.Clear();
     storePath = host.StorePath();
     Tessel::Server::Storage::BsonDocument document;
     document.AppendInt32("sleep_state", kKept);
-    host.Execute(20, L"{}");  // makes the folder
+    host.Execute(20, L"{}");  // creates the folder
     WriteBytes(storePath, StoreFile(document.Encoded()));
     machine.clock.SetUtcFileTime(kPowerOn);
     flow.prepare();
@@ -191,7 +191,7 @@ TEST_F(FaultWalkTest, Launch) {
        Workers::Some);
 }
 
-// The born-on date is in the firmware already: recording it is a walk of its own.
+// The firmware already holds the born-on date. Recording it has a walk of its own.
 TEST_F(FaultWalkTest, StartUp) {
   const auto live = [&] {
     host.Renew();
@@ -232,12 +232,13 @@ TEST_F(FaultWalkTest, PackageEvent) {
   const auto uninstall = [&] {
     before = Told();
     InstallApp(L"App");
-    host.service->OnSessionChange(5);  // watches for what an earlier try has stored
+    host.service->OnSessionChange(5);  // makes live what an earlier try has stored
     Expect(codes, 7, kWatch);
     machine.clock.Settle();
     try {
       machine.packages.Uninstall(L"App_r4x2m8kq7tn3b", L"ann", 0s);
-    } catch (const std::system_error&) {  // NOLINT(bugprone-empty-catch): its threads are refused
+    } catch (
+        const std::system_error&) {  // NOLINT(bugprone-empty-catch): its threads cannot be started
     }
     machine.clock.Advance(60s);
     host.service->OnSessionChange(6);

@@ -1,5 +1,5 @@
-// What the host gets when memory runs out. The linker sends every malloc of this program, and so
-// every operator new, through the function below.
+// What the host sees when memory runs out. The linker redirects every malloc of this program, and
+// so every operator new, to the function below.
 
 #include <cstddef>
 #include <cstdint>
@@ -13,7 +13,7 @@
 namespace {
 
 constexpr std::size_t kNever = ~std::size_t{0};
-std::size_t untilFailure = kNever;  // calls of malloc that still succeed; used by one thread
+std::size_t untilFailure = kNever;  // calls of malloc that still succeed, on one thread
 
 }  // namespace
 
@@ -35,8 +35,8 @@ using Tessel::Server::Services::Orvane::OrvaneService;
 
 class OutOfMemoryTest : public testing::Test, protected ServiceFixture {
  protected:
-  // Runs `action` with its first, second, ... allocation failing, until none fails any more.
-  // Answers how many it makes.
+  // Runs `action` with its first, second, ... allocation failing, until none is left to fail.
+  // Returns the number of allocations.
   template <typename Action>
   static std::size_t FailEachAllocation(Action&& action) {
     for (std::size_t i = 0;; ++i) {
@@ -69,7 +69,7 @@ TEST_F(OutOfMemoryTest, ACommandFailsWithoutAnAnswerOrDoesWithoutTheMemory) {
 }
 
 TEST_F(OutOfMemoryTest, AResponseThatCannotBeAllocatedIsReported) {
-  // The buffer of the answer is the last thing that this command allocates.
+  // The buffer of the response is the last allocation of this command.
   log.Clear();
   wchar_t* response = nullptr;
   std::size_t allocations = FailEachAllocation([&] {

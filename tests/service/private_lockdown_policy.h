@@ -8,7 +8,7 @@
 
 namespace Vx::Tests {
 
-// A Windows folder of this process alone, in a protected place, whose lockdown policy library is a
+// A Windows folder for this process only, in a protected place, whose lockdown policy library is a
 // stand-in.
 class PrivateLockdownPolicy {
  public:

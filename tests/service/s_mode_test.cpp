@@ -28,7 +28,7 @@ using testing::Not;
 constexpr char kDocument[] = "OrvaneServiceDocument";
 constexpr char kFirstMode[] = "FirstSystemEnforcementMode";
 
-// The mode that the stand-in for the policy library answers while this object lives.
+// Sets the mode that the stand-in for the policy library returns while this object lives.
 struct LockdownMode : EnvironmentOverride {
   explicit LockdownMode(const wchar_t* mode) : EnvironmentOverride(L"VX_LOCKDOWN_MODE", mode) {}
 };
@@ -115,7 +115,7 @@ TEST_F(SModeTest, TheFirstModeIsWrittenOnceAndOnlyOverWhatIsNoMode) {
   }
 }
 
-// The preloaded software lies at fixed paths; what a test puts there goes away with it.
+// The preloaded software has fixed paths. The fixture removes the files that a test puts there.
 class SwitchSoftwareTest : public SimulatedServiceTest {
  protected:
   SwitchSoftwareTest() {

@@ -14,11 +14,11 @@ namespace Vx::Tests {
 // What the host sees of one command.
 struct Reply {
   std::uint32_t result = 0;
-  std::optional<std::wstring> response;  // nothing: a null pointer
-  bool untouched = false;                // the response pointer was left alone
+  std::optional<std::wstring> response;  // empty for a null pointer
+  bool untouched = false;                // the response pointer was not written
 };
 
-// A service with a store of its own.
+// A service with its own store.
 class ServiceFixture {
  public:
   ServiceFixture() { service->CreateClientContext(L"client", &context); }
@@ -33,7 +33,7 @@ class ServiceFixture {
     service.reset();
   }
 
-  // A new service in the place of an ended one; none when the factory makes none.
+  // Replaces the service by a new one, or by none when the factory fails.
   void Renew() {
     End();
     service.reset(Service::Create());
@@ -42,7 +42,7 @@ class ServiceFixture {
 
   std::wstring StorePath() const { return store.FilePath(); }
 
-  // From now on no store can be opened.
+  // Makes every later attempt to open the store fail.
   void BlockStore() const { store.Block(); }
 
   Reply Execute(std::uint32_t id, const wchar_t* request) { return Execute(id, request, context); }
