@@ -2,6 +2,9 @@
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
+# Builds go through ccache where it is installed.
+if command -v ccache >/dev/null; then export CMAKE_{C,CXX}_COMPILER_LAUNCHER=ccache; fi
+
 packages=(
   g++-mingw-w64-x86-64-posix ninja-build cmake wine wine64
   rapidjson-dev googletest libcli11-dev osslsigncode openssl clang-14 lld-14 llvm-14
