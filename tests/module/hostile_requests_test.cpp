@@ -307,7 +307,10 @@ TEST_F(HostileRequestsTest, DamagedRequestsLeaveNoHandle) {
     Deliver();
     PlantCanary();
   };
-  for (int i = 0; i < 2; ++i) round();  // what the system keeps for a process comes first
+  // The first measurement comes after every command has run once: WMI, for one, opens handles for
+  // the life of the process, and a damaged request reaches it only by chance.
+  for (std::uint32_t id = 0; id <= kLastId; ++id) Send(id, L"{}");
+  for (int i = 0; i < 2; ++i) round();
   const std::uintptr_t before = HandleGauge();
   for (std::uint32_t left = Setting("VX_ROUNDS", 3); left != 0 && !HasFailure(); --left) round();
   EXPECT_LE(HandleGauge(), before);
