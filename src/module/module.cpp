@@ -1,4 +1,5 @@
 #include "host/vx_service.h"
+#include "platform/fail_fast.h"
 #include "service/orvane_service.h"
 
 #include <windows.h>
@@ -11,6 +12,9 @@ extern "C" Vx::Tessel::Server::Services::VxService* VxCreateService() noexcept {
 
 BOOL WINAPI DllMain(HINSTANCE module, DWORD reason, void* /*reserved*/) {
   // Refused where the runtime has thread-local storage of its own; nothing is lost by that.
-  if (reason == DLL_PROCESS_ATTACH) DisableThreadLibraryCalls(module);
+  if (reason == DLL_PROCESS_ATTACH) {
+    DisableThreadLibraryCalls(module);
+    Vx::Platform::FailFastOnTerminate();  // exchanges a pointer, loads and waits for nothing
+  }
   return TRUE;
 }

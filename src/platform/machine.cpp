@@ -1,10 +1,10 @@
 #include "platform/machine.h"
 
 #include <cstdio>
-#include <cstdlib>
 
 #include <windows.h>
 
+#include "platform/fail_fast.h"
 #include "platform/worker_machine.h"
 
 namespace Vx::Platform {
@@ -70,7 +70,7 @@ InstalledMachine& RealInstalled() noexcept {
 [[noreturn]] void Fail(const char* message) {
   static_cast<void>(std::fputs(message, stderr));
   static_cast<void>(std::fflush(stderr));
-  std::abort();
+  FailFast();
 }
 
 bool WorkersEnd(const InstalledMachine& installed) {

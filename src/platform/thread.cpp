@@ -1,12 +1,12 @@
 #include "platform/thread.h"
 
 #include <cerrno>
-#include <exception>
 #include <optional>
 #include <system_error>
 #include <utility>
 
 #include "platform/clock.h"
+#include "platform/fail_fast.h"
 #include "platform/machine.h"
 #include "platform/worker_machine.h"
 
@@ -59,13 +59,13 @@ UniqueHandle StartWorker(std::function<void()> body) {
 Thread::Thread(std::function<void()> body) : handle(StartWorker(std::move(body))) {}
 
 Thread& Thread::operator=(Thread&& other) noexcept {
-  if (Joinable()) std::terminate();
+  if (Joinable()) FailFast();
   handle = std::move(other.handle);
   return *this;
 }
 
 Thread::~Thread() {
-  if (Joinable()) std::terminate();
+  if (Joinable()) FailFast();
 }
 
 void Thread::Detach() {

@@ -6,6 +6,7 @@
 #include <new>
 
 #include "host/logging.h"
+#include "platform/fail_fast.h"
 #include "service/result_codes.h"
 
 namespace Vx::Tessel::Server::Services::Orvane {
@@ -50,7 +51,7 @@ void RequireClientId(const wchar_t* clientId) noexcept {
 
 void FailContract(const wchar_t* what) noexcept {
   Logging::LogManager::GetLogger()->LogError(kContractBroken, what);
-  std::abort();
+  Platform::FailFast();
 }
 
 }  // namespace Vx::Tessel::Server::Services::Orvane

@@ -2,12 +2,14 @@
 
 #include <gmock/gmock.h>
 
+#include <exception>
 #include <memory>
 #include <system_error>
 #include <vector>
 
 #include <windows.h>
 
+#include "platform/fail_fast.h"
 #include "platform/machine.h"
 #include "simulator/fault_injection.h"
 #include "simulator/virtual_clock.h"
@@ -59,8 +61,20 @@ TEST_F(ThreadTest, RefusesToJoinOrDetachWhatIsNotJoinable) {
   EXPECT_THROW(thread.Detach(), std::system_error);
 }
 
-TEST(JoinableThreadTest, DiesWhenItIsDestroyed) {
-  EXPECT_DEATH({ const Thread thread([] {}); }, "");
+// The status that leaves a report behind, STATUS_FAIL_FAST_EXCEPTION; abort ends with 3.
+constexpr int kFailFast = static_cast<int>(0xC0000602);
+
+TEST(JoinableThreadTest, FailsFastWhenItIsDestroyed) {
+  EXPECT_EXIT({ const Thread thread([] {}); }, testing::ExitedWithCode(kFailFast), "");
+}
+
+TEST(FailFastTest, IsWhatAnUncontainedExceptionEndsIn) {
+  EXPECT_EXIT(
+      {
+        FailFastOnTerminate();
+        std::terminate();
+      },
+      testing::ExitedWithCode(kFailFast), "");
 }
 
 bool ModuleGoes() {

@@ -75,10 +75,11 @@ TEST_F(DispatchTest, AnIdentityThatIsTooLongEndsTheProcess) {
   namespace Orvane = Tessel::Server::Services::Orvane;
   const std::wstring tooLong(65, L'x');
   Tessel::Server::Services::ClientContext* made = nullptr;
-  EXPECT_DEATH(host.service->CreateClientContext(tooLong.c_str(), &made), "");
+  const testing::ExitedWithCode failedFast(static_cast<int>(0xC0000602));
+  EXPECT_EXIT(host.service->CreateClientContext(tooLong.c_str(), &made), failedFast, "");
   const Json::WideDocument document;
   bool launched = false;
-  EXPECT_DEATH(Orvane::ParseJsonValue(&document, &launched, {tooLong.c_str()}), "");
+  EXPECT_EXIT(Orvane::ParseJsonValue(&document, &launched, {tooLong.c_str()}), failedFast, "");
 }
 
 TEST_F(DispatchTest, SubscriptionsThatDoNotFitIntoAResponseAreAFailureWithoutAnAnswer) {

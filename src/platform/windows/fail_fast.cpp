@@ -1,0 +1,20 @@
+#include "platform/fail_fast.h"
+
+#include <exception>
+
+#include <windows.h>
+
+namespace Vx::Platform {
+
+void FailFast() noexcept {
+  // Bypasses every exception handler of the process and starts Windows Error Reporting directly
+  // (documented for RaiseFailFastException). A null record reports the caller's address.
+  RaiseFailFastException(nullptr, nullptr, FAIL_FAST_GENERATE_EXCEPTION_ADDRESS);
+  __builtin_trap();  // not reached; the compiler does not know that the call never returns
+}
+
+void FailFastOnTerminate() noexcept {
+  std::set_terminate(&FailFast);
+}
+
+}  // namespace Vx::Platform
