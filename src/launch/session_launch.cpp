@@ -15,6 +15,9 @@ namespace Vx::Tessel::Server::Services::Orvane {
 namespace {
 
 constexpr std::wstring_view kLogonProcess = L"winlogon.exe";
+// The console user's desktop. Without a name, CreateProcessAsUser gives a program under another
+// logon session a window station of its own, which is not visible (documented for STARTUPINFO).
+constexpr wchar_t kUserDesktop[] = L"winsta0\\default";
 constexpr std::size_t kMaxProcesses = 2048;
 
 // The SYSTEM token of a session's logon process; empty on any failure.
@@ -51,6 +54,7 @@ int LaunchProcessInSession(const std::wstring& executable, const std::wstring& a
   start.workingDirectory = SessionWorkingDirectory(workingDirectory, executable);
   start.environment = packageFolder.empty() ? *std::move(environment)
                                             : EnvironmentForPackage(*environment, packageFolder);
+  start.desktop = kUserDesktop;
   const auto started = machine.processes->Start(token.get(), start);
   if (!started) return 0;
   processId = *started;

@@ -18,6 +18,7 @@ struct ProcessStart {
   std::wstring commandLine;          // at most 32,767 characters with the terminator
   std::wstring workingDirectory;     // empty: the service's own
   std::vector<wchar_t> environment;  // empty: the service's own
+  std::wstring desktop{};            // "station\\desktop"; empty: the service's own
 };
 
 // Processes: starting them and finding one. Any thread; no call waits for a process.

@@ -14,6 +14,7 @@ namespace Vx::Tessel::Server::Services::Orvane {
 
 namespace {
 
+using testing::Contains;
 using testing::SizeIs;
 
 constexpr wchar_t kProgram[] = L"C:\\Program Files\\Tool\\tool.exe";
@@ -74,7 +75,7 @@ TEST_F(SessionLaunchTest, AnswersZeroWithoutATokenAnEnvironmentOrAStart) {
 }
 
 // A real program under the token of a process named as the logon process.
-TEST(RealSessionLaunchTest, KeepsTheServicesOwnVariablesFromTheProgram) {
+TEST(RealSessionLaunchTest, StartsOnTheUsersDesktopWithoutTheServicesOwnVariables) {
   const Tests::TempFolder folder;
   const Tests::StandInLogon logon(folder.Path().wstring());
   const Tests::EnvironmentOverride own(L"VX_PROBE", L"of the service");
@@ -90,6 +91,7 @@ TEST(RealSessionLaunchTest, KeepsTheServicesOwnVariablesFromTheProgram) {
   EXPECT_EQ(report->commandLine, L"\"" + program + L"\" one \"two three\"");
   EXPECT_EQ(report->workingDirectory, folder.Path().wstring());
   EXPECT_FALSE(report->HasVariable(L"VX_PROBE=of the service"));
+  EXPECT_THAT(report->lines, Contains(L"desktop=winsta0\\default"));
 }
 
 }  // namespace

@@ -1,7 +1,7 @@
 // A program for tests to start: reports how it was started. It writes lines "name=value" in UTF-8:
-// commandLine, workingDirectory, one "argument" for each of its arguments, and the variable
-// VX_PROBE when it is set. The report goes to the file named by the first argument, when that is a
-// full path, else beside the program as "<program>.out", and appears there whole.
+// commandLine, workingDirectory, desktop, one "argument" for each of its arguments, and the
+// variable VX_PROBE when it is set. The report goes to the file named by the first argument, when
+// that is a full path, else beside the program as "<program>.out", and appears there whole.
 //
 // A further argument "wait:NAME" keeps it running until the named event is signalled.
 #include <cstdio>
@@ -35,6 +35,9 @@ std::string Report(int count, wchar_t** arguments) {
   std::string report = Line(L"commandLine", GetCommandLineW());
   GetCurrentDirectoryW(static_cast<DWORD>(buffer.size()), buffer.data());
   report += Line(L"workingDirectory", buffer.data());
+  STARTUPINFOW startup{};
+  GetStartupInfoW(&startup);
+  report += Line(L"desktop", startup.lpDesktop != nullptr ? startup.lpDesktop : L"");
   for (int i = 1; i < count; ++i) report += Line(L"argument", arguments[i]);
   const DWORD length =
       GetEnvironmentVariableW(L"VX_PROBE", buffer.data(), static_cast<DWORD>(buffer.size()));
