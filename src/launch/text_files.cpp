@@ -6,7 +6,7 @@
 #include <span>
 #include <utility>
 
-#include "launch/text_decoding.h"
+#include "json/text_decoding.h"
 #include "platform/files.h"
 #include "platform/machine.h"
 
@@ -48,7 +48,7 @@ std::wstring ReadTextFile(const std::wstring& path, const wchar_t* caller,
                           const Logging::TraceLogger& logger) {
   const auto content = Platform::CurrentMachine().files->Read(path, kMaxTextFile);
   if (!content) return {};
-  auto text = DecodeText(*content);
+  auto text = Json::DecodeText(*content);
   if (!text) {
     logger.For(caller).LogWarning(kNoMark, path.c_str());
     return {};

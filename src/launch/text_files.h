@@ -10,8 +10,8 @@ namespace Vx::Tessel::Server::Services::Orvane {
 // No file that is read whole here is larger.
 inline constexpr std::size_t kMaxTextFile = std::size_t{16} * 1024 * 1024;  // bytes
 
-// The text of a file as DecodeText has it. Empty, and logged, when it has no mark; empty when it
-// cannot be read. `caller` is who the log lines are about.
+// The text of a file as Json::DecodeText has it. Empty, and logged, when it has no mark; empty when
+// it cannot be read. `caller` is who the log lines are about.
 std::wstring ReadTextFile(const std::wstring& path, const wchar_t* caller,
                           const Logging::TraceLogger& logger);
 

@@ -1,11 +1,11 @@
-#include "launch/text_decoding.h"
+#include "json/text_decoding.h"
 
 #include <cstdint>
 #include <string_view>
 
 #include "json/utf8.h"
 
-namespace Vx::Tessel::Server::Services::Orvane {
+namespace Vx::Json {
 
 namespace {
 
@@ -34,11 +34,11 @@ std::wstring FromUtf16(std::span<const std::byte> bytes, std::size_t lowByte) {
 std::optional<std::wstring> DecodeText(std::span<const std::byte> content) {
   if (StartsWith(content, {0xEF, 0xBB, 0xBF})) {
     const auto text = content.subspan(3);
-    return Json::ToWide({reinterpret_cast<const char*>(text.data()), text.size()});
+    return ToWide({reinterpret_cast<const char*>(text.data()), text.size()});
   }
   if (StartsWith(content, {0xFF, 0xFE})) return FromUtf16(content.subspan(2), 0);
   if (StartsWith(content, {0xFE, 0xFF})) return FromUtf16(content.subspan(2), 1);
   return std::nullopt;
 }
 
-}  // namespace Vx::Tessel::Server::Services::Orvane
+}  // namespace Vx::Json

@@ -5,10 +5,10 @@
 #include <span>
 #include <string>
 
-namespace Vx::Tessel::Server::Services::Orvane {
+namespace Vx::Json {
 
 // The text of a file whose byte-order mark says how it is encoded: UTF-8, or UTF-16 of either byte
 // order. Nothing without such a mark; half a unit at the end is dropped.
 std::optional<std::wstring> DecodeText(std::span<const std::byte> content);
 
-}  // namespace Vx::Tessel::Server::Services::Orvane
+}  // namespace Vx::Json
