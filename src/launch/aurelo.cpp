@@ -1,11 +1,68 @@
 #include "launch/aurelo.h"
 
+#include <chrono>
+#include <exception>
+#include <optional>
 #include <utility>
 
 #include "launch/companion_apps.h"
 #include "launch/launcher.h"
+#include "platform/clock.h"
+#include "platform/machine.h"
+#include "platform/thread.h"
+#include "storage/cap_data_store.h"
 
 namespace Vx::Tessel::Server::Services::Orvane::Aurelo {
+
+namespace {
+
+constexpr wchar_t kNoStore[] = L"Failed to create CapDataStore instance";
+constexpr wchar_t kAlreadyLaunched[] = L"Vx Aurelo already launched. No need to schedule";
+constexpr wchar_t kScheduling[] = L"Scheduling Vx Aurelo launch";
+constexpr wchar_t kNoTimer[] = L"CreateWaitableTimer (Aurelo) failed with error %d";
+constexpr wchar_t kTimerNotSet[] = L"SetWaitableTimer (Aurelo) failed with error %d";
+constexpr wchar_t kLaunched[] = L"Aurelo launched";
+constexpr wchar_t kNotLaunched[] = L"Aurelo not launched";
+constexpr wchar_t kNotSending[] = L"OrvaneService::oobe_event_task() / aurelo not sending event";
+constexpr wchar_t kLaunchThrew[] = L"Problem while launching Vx Aurelo. %S";
+constexpr wchar_t kLaunchThrewUnknown[] = L"Problem while launching Vx Aurelo.";
+
+constexpr char kLaunchedMark[] = "oobe_complete_aurelo_launched";
+constexpr std::chrono::hours kDelay{1};
+
+// A store that cannot be made is logged; what its mutex throws later is the caller's.
+std::unique_ptr<Storage::CapDataStore> OpenStore(const Logging::TraceLogger& logger) {
+  auto store = Storage::TryOpenStore();
+  if (store == nullptr) logger.LogError(kNoStore);
+  return store;
+}
+
+void LaunchUnlessMarked(const Logging::TraceLogger& logger) {
+  const auto store = OpenStore(logger);
+  if (store == nullptr) return;
+  if (store->readBool(kLaunchedMark, false)) {
+    logger.LogInfo(kNotSending);
+    return;
+  }
+  // Marked before the launch: an app that cannot be started is not tried again.
+  store->persist(kLaunchedMark, true);
+  logger.LogInfo(AureloFacade().LaunchUwpForOobe() ? kLaunched : kNotLaunched);
+}
+
+// The worker's one boundary.
+void LaunchLater(const Platform::SharedHandle& timer, const Logging::TraceLogger& logger) noexcept {
+  try {
+    // Without a timer the wait fails at once, and so does the delay.
+    Platform::CurrentMachine().clock->Wait(timer.get(), std::nullopt);
+    LaunchUnlessMarked(logger);
+  } catch (const std::exception& error) {
+    logger.LogError(kLaunchThrew, error.what());
+  } catch (...) {
+    logger.LogError(kLaunchThrewUnknown);
+  }
+}
+
+}  // namespace
 
 constinit const wchar_t* const AureloLaunchBehavior::package_family_name =
     kAurelo.packageFamilyName;
@@ -27,6 +84,30 @@ AureloFacade::AureloFacade(std::unique_ptr<Base::ApplicationLaunchBehavior> laun
 
 bool AureloFacade::LaunchUwpForOobe() const {
   return launchBehavior->Run();
+}
+
+void ScheduleLaunch(const Logging::TraceLogger& logger, LaunchTimer& aureloLaunchTimer) {
+  const auto store = OpenStore(logger);
+  if (store == nullptr) return;
+  if (store->readBool(kLaunchedMark, false)) {
+    logger.LogInfo(kAlreadyLaunched);
+    return;
+  }
+  logger.LogInfo(kScheduling);
+
+  Platform::Clock& clock = *Platform::CurrentMachine().clock;
+  auto made = clock.MakeTimer();
+  if (!made) {
+    logger.LogError(kNoTimer, made.Error());
+    return;
+  }
+  Platform::SharedHandle timer = Platform::Share(*std::move(made));
+  aureloLaunchTimer = timer;
+  if (const auto error = clock.SetTimer(timer.get(), kDelay); error != 0) {
+    timer.reset();
+    logger.LogError(kTimerNotSet, error);
+  }
+  Platform::StartDetached([timer = std::move(timer), &logger] { LaunchLater(timer, logger); });
 }
 
 }  // namespace Vx::Tessel::Server::Services::Orvane::Aurelo

@@ -4,7 +4,7 @@
 #include <mutex>
 
 #include "json/utf8.h"
-#include "launch/aurelo_schedule.h"
+#include "launch/aurelo.h"
 #include "launch/qubo_facade.h"
 #include "service/boundary.h"
 #include "service/service_state.h"

@@ -3,7 +3,7 @@
 #include <atomic>
 
 #include "host/logging.h"
-#include "launch/aurelo_schedule.h"
+#include "launch/aurelo.h"
 #include "platform/unique_handle.h"
 
 namespace Vx::Tessel::Server::Services::Orvane {

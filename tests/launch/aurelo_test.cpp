@@ -1,4 +1,4 @@
-#include "launch/aurelo_schedule.h"
+#include "launch/aurelo.h"
 
 #include <chrono>
 #include <system_error>
