@@ -4,7 +4,7 @@
 #include <string>
 #include <utility>
 
-#include "launch/registration_helper.h"
+#include "launch/registration.h"
 
 // The questions and actions of the launch decisions, each replaceable on its own. In every class
 // the virtual destructor comes first and the operations keep this order. One thread at a time.

@@ -1,9 +1,12 @@
 #include "launch/qubo_behaviors.h"
 
+#include <exception>
 #include <utility>
 
 #include "launch/companion_apps.h"
 #include "launch/launcher.h"
+#include "packages/uwp_package_data_access.h"
+#include "storage/cap_data_store.h"
 
 namespace Vx::Tessel::Server::Services::Orvane::Qubo {
 
@@ -29,6 +32,49 @@ bool QuboUwpLaunchBehavior::Run(const std::wstring& parameter) const {
 
 bool QuboUwpLaunchBehavior::Run() const {
   return Run({});
+}
+
+QuboLaunchCriteriaDataAccess::QuboLaunchCriteriaDataAccess(std::string storeKey)
+    : key(std::move(storeKey)) {}
+
+bool QuboLaunchCriteriaDataAccess::SaveSkipState(bool skip) const {
+  if (key.empty()) return false;  // no criterion at all
+  try {
+    Storage::CapDataStore store;
+    // A document under a client's key is somebody's data, perhaps all of this service's.
+    Storage::BsonElement stored;
+    if (store.read(key, stored) && stored.AsDocument()) return false;
+    return store.persist(key, skip);
+  } catch (const std::exception&) {
+    return false;
+  }
+}
+
+bool QuboLaunchCriteriaDataAccess::ShouldBeSkipped() const {
+  if (key.empty()) return false;
+  try {
+    return Storage::CapDataStore().readBool(key, false);
+  } catch (const std::exception&) {
+    return false;
+  }
+}
+
+std::pair<std::int32_t, std::uint64_t> QuboBuildInfoDataAccess::GetOriginAndVersion() const {
+  try {
+    return UwpPackageDataAccess().GetOriginAndVersion(kLumo.packageFamilyName);
+  } catch (const std::exception&) {
+    return {0, 0};
+  }
+}
+
+std::shared_ptr<Base::UwpBuildInfoDataAccess> QuboDataAccessFactory::CreateUwpBuildInfoDataAccess()
+    const {
+  return std::make_shared<QuboBuildInfoDataAccess>();
+}
+
+std::shared_ptr<Base::ApplicationLaunchCriteriaDataAccess>
+QuboDataAccessFactory::CreateApplicationLaunchCriteriaDataAccess(const std::string& key) const {
+  return std::make_shared<QuboLaunchCriteriaDataAccess>(key);
 }
 
 }  // namespace Vx::Tessel::Server::Services::Orvane::Qubo

@@ -10,7 +10,7 @@
 #include "launch/launcher.h"
 #include "launch/qubo_behaviors.h"
 #include "launch/software_check_behaviors.h"
-#include "launch/windows_mode_check_behavior.h"
+#include "launch/windows_mode.h"
 #include "packages/family_query.h"
 #include "packages/uwp_package.h"
 #include "platform/app_services.h"

@@ -5,7 +5,7 @@
 
 #include "host/logging.h"
 #include "launch/behaviors.h"
-#include "launch/qubo_data_access.h"
+#include "launch/qubo_behaviors.h"
 #include "launch/resume_decision.h"
 
 namespace Vx::Tessel::Server::Services::Orvane::Qubo {

@@ -4,7 +4,7 @@
 
 #include "host/logging.h"
 #include "launch/qubo_facade.h"
-#include "launch/registration_data.h"
+#include "launch/registration.h"
 
 namespace Vx::Tessel::Server::Services::Orvane {
 

@@ -10,7 +10,7 @@
 #include "events/power_events.h"
 #include "events/zephra_events.h"
 #include "launch/text_files.h"
-#include "launch/windows_mode_check_behavior.h"
+#include "launch/windows_mode.h"
 #include "platform/files.h"
 #include "platform/kernel_objects.h"
 #include "platform/machine.h"

@@ -2,7 +2,7 @@
 
 #include "host/logging.h"
 #include "launch/qubo_facade.h"
-#include "launch/registration_data.h"
+#include "launch/registration.h"
 #include "platform/app_services.h"
 #include "platform/machine.h"
 #include "service/boundary.h"

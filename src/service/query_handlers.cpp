@@ -3,10 +3,10 @@
 #include <string>
 
 #include "launch/launcher.h"
-#include "launch/lockdown_mode.h"
-#include "launch/qubo_data_access.h"
+#include "launch/qubo_behaviors.h"
 #include "launch/qubo_facade.h"
-#include "launch/registration_helper.h"
+#include "launch/registration.h"
+#include "launch/windows_mode.h"
 #include "platform/console_user.h"
 #include "service/consent_store.h"
 #include "service/orvane_service.h"

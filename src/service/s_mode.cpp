@@ -4,7 +4,7 @@
 #include <exception>
 #include <string>
 
-#include "launch/lockdown_mode.h"
+#include "launch/windows_mode.h"
 #include "platform/environment.h"
 #include "platform/machine.h"
 #include "platform/processes.h"

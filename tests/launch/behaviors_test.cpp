@@ -14,10 +14,10 @@
 #include <gmock/gmock.h>
 
 #include "launch/qubo_behaviors.h"
-#include "launch/registration_data.h"
+#include "launch/registration.h"
 #include "launch/software_check_behaviors.h"
 #include "launch/text_files.h"
-#include "launch/windows_mode_check_behavior.h"
+#include "launch/windows_mode.h"
 #include "storage/cap_data_store.h"
 #include "storage/store_faults.h"
 #include "support/machine_test.h"

@@ -3,7 +3,7 @@
 #include <gmock/gmock.h>
 
 #include "launch/launch_rules.h"
-#include "launch/mcafee_helper.h"
+#include "launch/registration.h"
 #include "support/machine_test.h"
 
 namespace Vx::Tessel::Server::Services::Orvane {

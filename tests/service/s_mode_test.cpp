@@ -6,8 +6,7 @@
 
 #include <gmock/gmock.h>
 
-#include "launch/lockdown_mode.h"
-#include "launch/windows_mode_check_behavior.h"
+#include "launch/windows_mode.h"
 #include "service/private_lockdown_policy.h"
 #include "service/simulated_service.h"
 #include "storage/cap_data_store.h"
