@@ -5,9 +5,8 @@
 #include "platform/app_services.h"
 #include "platform/machine.h"
 #include "platform/sessions.h"
-#include "platform/unique_handle.h"
 #include "platform/windows_runtime_error.h"
-#include "security/authenticode_facade.h"
+#include "security/trusted_program.h"
 
 namespace Vx::Tessel::Server::Services::Orvane {
 
@@ -43,9 +42,8 @@ void LaunchCommand::Execute() {
   const std::uint32_t session = Platform::CurrentMachine().sessions->ActiveConsoleSession();
   std::uint32_t processId = 0;
 
-  const Platform::UniqueHandle held = Security::AquireFileReadOnlyLock(path);
-  const auto program = Security::TrustedProgram(path, held.get());
-  if (!program) {
+  const auto program = Security::TrustedProgram::Check(path);
+  if (program == nullptr) {
     log.LogWarning(kNotTrusted, path.c_str());
     return;
   }

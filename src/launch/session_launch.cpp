@@ -9,6 +9,7 @@
 #include "platform/machine.h"
 #include "platform/processes.h"
 #include "platform/unique_handle.h"
+#include "security/trusted_program.h"
 
 namespace Vx::Tessel::Server::Services::Orvane {
 
@@ -35,7 +36,7 @@ Platform::UniqueHandle SystemTokenIn(std::uint32_t session) {
 
 }  // namespace
 
-int LaunchProcessInSession(const std::wstring& executable, const std::wstring& arguments,
+int LaunchProcessInSession(const Security::TrustedProgram& program, const std::wstring& arguments,
                            const std::wstring& workingDirectory, std::uint32_t session,
                            std::uint32_t& processId, const std::wstring& packageFolder) {
   const Platform::Machine& machine = Platform::CurrentMachine();
@@ -49,9 +50,9 @@ int LaunchProcessInSession(const std::wstring& executable, const std::wstring& a
   if (token == nullptr) return 0;
 
   Platform::ProcessStart start;
-  start.application = executable;
-  start.commandLine = SessionCommandLine(executable, arguments);
-  start.workingDirectory = SessionWorkingDirectory(workingDirectory, executable);
+  start.application = program.Path();
+  start.commandLine = SessionCommandLine(program.Path(), arguments);
+  start.workingDirectory = SessionWorkingDirectory(workingDirectory, program.Path());
   start.environment = packageFolder.empty() ? *std::move(environment)
                                             : EnvironmentForPackage(*environment, packageFolder);
   start.desktop = kUserDesktop;

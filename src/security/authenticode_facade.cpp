@@ -1,11 +1,7 @@
 #include "security/authenticode_facade.h"
 
 #include "host/logging.h"
-#include "platform/machine.h"
-#include "platform/trust_provider.h"
-#include "security/authenticode_helper.h"
 #include "security/file_trust.h"
-#include "security/path_rules.h"
 #include "security/pinned_keys.h"
 
 namespace Vx::Tessel::Security {
@@ -40,21 +36,6 @@ bool VxAuthenticodeFacade::IsFileTrustedRestricted(const wchar_t* path) {
 
 bool VxAuthenticodeFacade::IsDropboxFileTrusted(const wchar_t* path) {
   return Answer("IsDropboxFileTrusted", path, &JudgeDropboxFile);
-}
-
-Platform::UniqueHandle AquireFileReadOnlyLock(const std::wstring& path) {
-  return VxAuthenticodeHelper().AquireFileReadOnlyLock(path);
-}
-
-std::optional<std::wstring> TrustedProgram(const std::wstring& path, Platform::RawHandle held) {
-  VxAuthenticodeFacade facade;
-  if (!facade.IsFileTrustedRestricted(path.c_str())) return std::nullopt;
-  if (held == nullptr) return path;
-  auto place = Platform::CurrentMachine().trustProvider->FinalPathOf(held);
-  if (!place) return std::nullopt;
-  if (SameIgnoringCase(*place, path)) return path;
-  if (!facade.IsFileTrustedRestricted(place->c_str())) return std::nullopt;
-  return *std::move(place);
 }
 
 }  // namespace Vx::Tessel::Security

@@ -9,7 +9,7 @@
 #include "platform/machine.h"
 #include "platform/processes.h"
 #include "platform/type_name.h"
-#include "security/authenticode_facade.h"
+#include "security/trusted_program.h"
 #include "service/orvane_service.h"
 #include "storage/cap_data_store.h"
 #include "storage/service_document.h"
@@ -45,14 +45,14 @@ std::int32_t StoredFirstMode(CapDataStore& store) {
 }
 
 // Starts the program as the service itself and does not wait for it.
-bool StartSwitchSoftware(const std::wstring& path, const wchar_t* arguments,
+bool StartSwitchSoftware(const Security::TrustedProgram& program, const wchar_t* arguments,
                          const Logging::TraceLogger& logger) {
   Platform::ProcessStart start;
-  start.application = path;
-  start.commandLine = L"\"" + path + L"\" " + arguments;
+  start.application = program.Path();
+  start.commandLine = L"\"" + program.Path() + L"\" " + arguments;
   const bool started =
       static_cast<bool>(Platform::CurrentMachine().processes->Start(nullptr, start));
-  logger.LogInfo(kOutcome, "CreateProcess", path.c_str(), started ? kSucceeded : kFailed);
+  logger.LogInfo(kOutcome, "CreateProcess", program.Path().c_str(), started ? kSucceeded : kFailed);
   return started;
 }
 
@@ -87,10 +87,8 @@ bool LaunchExeFor10SSwitch(const wchar_t* pathToExecute, const wchar_t* argument
   const auto path =
       Platform::CurrentMachine().environment->Expand(pathToExecute, Platform::kShortPath);
   if (!path) return false;
-  // Held until the program is started, so that the file is the one that was checked.
-  const Platform::UniqueHandle held = Security::AquireFileReadOnlyLock(*path);
-  const auto program = Security::TrustedProgram(*path, held.get());
-  if (!program) {
+  const auto program = Security::TrustedProgram::Check(*path);
+  if (program == nullptr) {
     logger.LogError(kNotTrusted, kClass, kLaunchExe, path->c_str());
     return false;
   }

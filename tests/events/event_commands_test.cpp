@@ -3,6 +3,8 @@
 #include <gmock/gmock.h>
 
 #include <filesystem>
+#include <functional>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -10,8 +12,11 @@
 
 #include "events/package_event_request.h"
 #include "host/logging.h"
+#include "platform/unique_handle.h"
 #include "platform/windows_runtime_error.h"
+#include "support/directory_link.h"
 #include "support/log_capture.h"
+#include "support/log_trap.h"
 #include "support/probe.h"
 #include "support/stand_in_logon.h"
 #include "support/temp_folder.h"
@@ -24,6 +29,7 @@ namespace {
 using Json::JsonObject;
 using testing::Contains;
 using testing::Each;
+using testing::HasSubstr;
 using testing::StartsWith;
 
 // Returns 0, or the code that creating the command throws.
@@ -125,13 +131,15 @@ TEST(ParseEventCommand, AnswersOnlyCommandsThatMayRunLate) {
   }
 }
 
+// Null when that is refused.
+Platform::UniqueHandle OpenForWriting(const std::wstring& path) {
+  return Platform::AdoptFile(CreateFileW(path.c_str(), GENERIC_WRITE,
+                                         FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
+                                         nullptr, OPEN_EXISTING, 0, nullptr));
+}
+
 bool CanBeWritten(const std::wstring& path) {
-  const HANDLE file = CreateFileW(path.c_str(), GENERIC_WRITE,
-                                  FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
-                                  OPEN_EXISTING, 0, nullptr);
-  if (file == INVALID_HANDLE_VALUE) return false;
-  CloseHandle(file);
-  return true;
+  return OpenForWriting(path) != nullptr;
 }
 
 // Launches real programs, signed by the test authority. The check and the start are real too.
@@ -194,6 +202,75 @@ TEST_F(RealLaunchTest, StartsNothingThatIsNotTrusted) {
     }
     EXPECT_FALSE(Tests::WaitForProbe(c.path + L".out", std::chrono::milliseconds(0)));
   }
+}
+
+// A process that may write to a file of the maker in a protected place has the file open while the
+// service tries its first lock, lets go for the check of the signatures, and then changes what lies
+// at the path.
+TEST_F(RealLaunchTest, StartsNothingThatChangedAfterALockThatFailed) {
+  const Tests::ProtectedFolder forged;
+  std::filesystem::copy_file(Tests::PkiFile(L"unsigned.exe"), forged / L"pinned.exe");
+  const std::wstring program = folder / L"pinned.exe";
+  const std::wstring alias = folder / L"alias.exe";
+  const std::wstring link = folder / L"link";
+  const std::wstring behindLink = link + L"\\pinned.exe";
+
+  Platform::UniqueHandle open;
+  std::optional<Tests::DirectoryLink> way;
+  const auto hold = [&](const std::wstring& path) { open = OpenForWriting(path); };
+  const auto overwrite = [&](const std::wstring& path) {
+    if (CanBeWritten(path)) CopyFileW(Tests::PkiFile(L"unsigned.exe").c_str(), path.c_str(), FALSE);
+  };
+  const auto turn = [&](const std::wstring& target) {
+    way.reset();
+    way.emplace(link, target);
+  };
+  const auto nothing = [] {};
+  const struct {
+    const char* name;
+    std::wstring path;
+    std::function<void()> afterTheVerdict;
+    std::function<void()> afterTheSecondLock;
+    int locks;     // that succeed
+    int verdicts;  // on a signed file
+    bool starts;
+  } cases[] = {
+      {"overwritten", program, [&] { overwrite(program); }, nothing, 1, 1, false},
+      {"overwritten by another name", program, [&] { overwrite(alias); }, nothing, 1, 1, false},
+      {"overwritten under the lock", program, nothing, [&] { overwrite(alias); }, 1, 2, true},
+      {"opened again", program, [&] { hold(alias); }, nothing, 0, 1, false},
+      {"link turned", behindLink, [&] { turn(forged.Path()); }, nothing, 1, 1, false},
+      {"link turned and turned back", behindLink, [&] { turn(forged.Path()); },
+       [&] { turn(folder.Path()); }, 1, 2, false},
+      {"let go and left alone", program, nothing, nothing, 1, 2, true},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    folder.Hold(L"pinned.exe");
+    ASSERT_NE(CreateHardLinkW(alias.c_str(), program.c_str(), nullptr), 0);
+    turn(folder.Path());
+    hold(program);
+    log.Clear();
+    {
+      const Tests::LogTrap letGo(L" : FAILED", 1, [&] { open.reset(); });
+      const Tests::LogTrap verdict(L"trusted by windows = yes", 1, c.afterTheVerdict);
+      const Tests::LogTrap second(L" : succeeded", 1, c.afterTheSecondLock);
+      Command(c.path).Execute();
+    }
+    open.reset();
+    const auto lines = log.Lines();
+    EXPECT_EQ(lines.front(), LockLine(c.path, L"FAILED"));
+    EXPECT_THAT(lines, Contains(LockLine(c.path, L"succeeded")).Times(c.locks));
+    EXPECT_THAT(lines, Contains(HasSubstr(L"trusted by windows = yes")).Times(c.verdicts));
+    EXPECT_THAT(
+        lines, Contains(StartsWith(L"warning|LaunchCommand::Execute - " + c.path + L" not trusted"))
+                   .Times(c.starts ? 0 : 1));
+    EXPECT_THAT(lines, Contains(HasSubstr(L"returned with result 1")).Times(c.starts ? 1 : 0));
+    const auto limit = std::chrono::seconds(c.starts ? 20 : 0);
+    EXPECT_EQ(Tests::WaitForProbe(c.path + L".out", limit).has_value(), c.starts);
+    for (const auto& file : {c.path + L".out", program, alias}) Tests::RemoveFile(file);
+  }
+  way.reset();
 }
 
 // Every log line of a command, from the lock on, is written while the file is held.

@@ -1,14 +1,18 @@
 #include "launch/session_launch.h"
 
 #include <filesystem>
+#include <memory>
 #include <string>
 #include <vector>
 
 #include <gmock/gmock.h>
 
+#include "security/trusted_program.h"
 #include "support/machine_test.h"
 #include "support/probe.h"
 #include "support/stand_in_logon.h"
+#include "support/temp_folder.h"
+#include "support/test_pki.h"
 
 namespace Vx::Tessel::Server::Services::Orvane {
 
@@ -17,23 +21,25 @@ namespace {
 using testing::Contains;
 using testing::SizeIs;
 
-constexpr wchar_t kProgram[] = L"C:\\Program Files\\Tool\\tool.exe";
 constexpr wchar_t kLogon[] = L"C:\\Windows\\System32\\winlogon.exe";
 
 class SessionLaunchTest : public Tests::MachineTest {
  protected:
   // Whether the program was started in the session.
   bool Launch(std::uint32_t session = 1) {
-    return LaunchProcessInSession(kProgram, {}, {}, session, processId) != 0;
+    return LaunchProcessInSession(*program, {}, {}, session, processId) != 0;
   }
   // A process of the user, or, for an empty name, one of the system in session 0.
-  std::uint32_t Run(const wchar_t* program, const std::wstring& user = {}) {
+  std::uint32_t Run(const wchar_t* image, const std::wstring& user = {}) {
     Platform::ProcessStart start;
-    start.application = program;
+    start.application = image;
     if (user.empty()) return *machine.processes.Start(nullptr, start);
     return *machine.processes.Start(machine.users.TokenOf(user)->get(), start);
   }
 
+  Tests::ProtectedFolder folder;
+  const std::unique_ptr<const Security::TrustedProgram> program =
+      Security::TrustedProgram::Check(folder.Hold(L"pinned.exe"));
   std::uint32_t processId = 0;
 };
 
@@ -76,20 +82,23 @@ TEST_F(SessionLaunchTest, AnswersZeroWithoutATokenAnEnvironmentOrAStart) {
 
 // A real program under the token of a process named as the logon process.
 TEST(RealSessionLaunchTest, StartsOnTheUsersDesktopWithoutTheServicesOwnVariables) {
-  const Tests::TempFolder folder;
-  const Tests::StandInLogon logon(folder.Path().wstring());
+  const Tests::TempFolder userFolder;
+  const Tests::StandInLogon logon(userFolder.Path().wstring());
   const Tests::EnvironmentOverride own(L"VX_PROBE", L"of the service");
-  const std::wstring program = folder / L"a tool.exe";
-  std::filesystem::copy_file(Tests::ProbePath(), program);
+  const Tests::ProtectedFolder folder;
+  const std::wstring path = folder / L"a tool.exe";
+  std::filesystem::copy_file(Tests::PkiFile(L"pinned.exe"), path);
+  const auto program = Security::TrustedProgram::Check(path);
+  ASSERT_NE(program, nullptr);
   const std::uint32_t session = Platform::CurrentMachine().sessions->ActiveConsoleSession();
   std::uint32_t processId = 0;
-  EXPECT_NE(LaunchProcessInSession(program, L"one \"two three\"", {}, session, processId), 0);
+  EXPECT_NE(LaunchProcessInSession(*program, L"one \"two three\"", {}, session, processId), 0);
   EXPECT_NE(processId, 0U);
 
-  const auto report = Tests::WaitForProbe(program + L".out");
+  const auto report = Tests::WaitForProbe(path + L".out");
   ASSERT_TRUE(report);
-  EXPECT_EQ(report->commandLine, L"\"" + program + L"\" one \"two three\"");
-  EXPECT_EQ(report->workingDirectory, folder.Path().wstring());
+  EXPECT_EQ(report->commandLine, L"\"" + path + L"\" one \"two three\"");
+  EXPECT_EQ(report->workingDirectory, folder.Path());
   EXPECT_FALSE(report->HasVariable(L"VX_PROBE=of the service"));
   EXPECT_THAT(report->lines, Contains(L"desktop=winsta0\\default"));
 }

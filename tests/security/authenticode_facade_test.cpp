@@ -1,15 +1,9 @@
 #include "security/authenticode_facade.h"
 
-#include <filesystem>
-
 #include <gmock/gmock.h>
 
-#include "platform/files.h"
-#include "platform/machine.h"
 #include "security/file_trust.h"
-#include "support/directory_link.h"
 #include "support/log_capture.h"
-#include "support/temp_folder.h"
 #include "support/test_pki.h"
 
 // On real signatures, files and folders. Keys are those of the test authority.
@@ -75,46 +69,6 @@ TEST(VxAuthenticodeFacade, LogsEachStepOfARefusalForItsPlace) {
           failed + L"C:\\windows\\]", failed + L"C:\\Program Files (x86)\\]",
           failed + L"C:\\Program Files\\]",
           rule + L"Didn't find substring [:\\WindowsApps\\] in [" + path + L"]"));
-}
-
-// Both answers by name are those of the genuine program; what counts is which one is locked.
-TEST(TrustedProgramTest, IsWhatTheLockHoldsWhereverALinkLeadsNow) {
-  const Tests::ProtectedFolder genuine;
-  const Tests::ProtectedFolder forged;
-  const std::wstring program = genuine.Hold(kPinned);
-  std::filesystem::copy_file(PkiFile(L"unsigned.exe"), forged / kPinned);
-  const Tests::ProtectedFolder crossing;
-  const std::wstring link = crossing / L"link";
-  const std::wstring path = link + L"\\" + kPinned;
-  Platform::UniqueHandle ofForged;
-  {
-    const Tests::DirectoryLink there(link, forged.Path());
-    ofForged = AquireFileReadOnlyLock(path);
-    ASSERT_NE(ofForged, nullptr);
-    EXPECT_EQ(TrustedProgram(path, ofForged.get()), std::nullopt);
-  }
-  const Tests::DirectoryLink here(link, genuine.Path());
-  EXPECT_EQ(TrustedProgram(path, AquireFileReadOnlyLock(path).get()), program);
-  EXPECT_EQ(TrustedProgram(program, AquireFileReadOnlyLock(program).get()), program);
-  EXPECT_EQ(TrustedProgram(path, nullptr), path);
-  EXPECT_EQ(TrustedProgram(path, ofForged.get()), std::nullopt);
-}
-
-TEST(FileLock, KeepsTheFileFromBeingReplacedUntilItGoes) {
-  const Tests::TempFolder folder;
-  const std::wstring path = folder / L"held.exe";
-  Platform::Files& files = *Platform::CurrentMachine().files;
-  ASSERT_EQ(files.Touch(path), 0U);
-  const std::wstring line =
-      L"info|Vx::Tessel::Security::VxAuthenticodeHelper::AquireFileReadOnlyLock(" + path + L") : ";
-  const Tests::LogCapture log;
-  {
-    const auto lock = AquireFileReadOnlyLock(path);
-    EXPECT_NE(files.Remove(path), 0U);
-  }
-  EXPECT_EQ(files.Remove(path), 0U);
-  EXPECT_EQ(AquireFileReadOnlyLock(path), nullptr);
-  EXPECT_THAT(log.Lines(), ElementsAre(line + L"succeeded", line + L"FAILED"));
 }
 
 TEST(PublicKeysOf, ListsTheKeysInTheFormInWhichTheyArePinned) {

@@ -7,10 +7,12 @@
 #include <gmock/gmock.h>
 
 #include "launch/windows_mode.h"
+#include "platform/unique_handle.h"
 #include "service/private_lockdown_policy.h"
 #include "service/simulated_service.h"
 #include "storage/cap_data_store.h"
 #include "support/handle_gauge.h"
+#include "support/log_trap.h"
 #include "support/test_pki.h"
 
 namespace Vx::Tests {
@@ -147,6 +149,21 @@ TEST_F(SwitchSoftwareTest, StartsTheCheckedProgramWithTheArgumentsOfItsFile) {
             L"info|Vx::Tessel::Security::VxAuthenticodeHelper::AquireFileReadOnlyLock(" + kProgram +
                 L") : succeeded");
   EXPECT_EQ(host.log.Lines().back(), L"info|CreateProcess(" + kProgram + L") : succeeded");
+}
+
+TEST_F(SwitchSoftwareTest, StartsNothingThatItCannotLock) {
+  HoldProgram(L"pinned.exe");
+  const auto openForWriting = [&] {
+    return Platform::AdoptFile(
+        CreateFileW(kProgram.c_str(), GENERIC_WRITE, 7, nullptr, OPEN_EXISTING, 0, nullptr));
+  };
+  Platform::UniqueHandle open = openForWriting();
+  const LogTrap letGo(L" : FAILED", 1, [&] { open.reset(); });
+  const LogTrap openAgain(L"trusted by windows = yes", 1, [&] { open = openForWriting(); });
+  EXPECT_FALSE(Orvane::LaunchExeFor10SSwitch(kProgram.c_str(), L""));
+  EXPECT_THAT(host.log.Lines(), Contains(HasSubstr(L" : FAILED")).Times(2));
+  EXPECT_THAT(host.log.Lines(), Contains(HasSubstr(L" unable to launch ")).Times(1));
+  EXPECT_THAT(Started(), IsEmpty());
 }
 
 TEST_F(SwitchSoftwareTest, StartsNothingThatIsIncompleteOrNotTrusted) {

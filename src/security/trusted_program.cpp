@@ -1,0 +1,47 @@
+#include "security/trusted_program.h"
+
+#include <optional>
+#include <utility>
+
+#include "platform/machine.h"
+#include "platform/trust_provider.h"
+#include "security/authenticode_facade.h"
+#include "security/authenticode_helper.h"
+#include "security/path_rules.h"
+
+namespace Vx::Tessel::Security {
+
+namespace {
+
+// Returns what to start for `path`, judged while `lock` holds the file. Empty when that is not
+// trusted.
+std::optional<std::wstring> JudgeLocked(const std::wstring& path, Platform::RawHandle lock) {
+  VxAuthenticodeFacade facade;
+  if (!facade.IsFileTrustedRestricted(path.c_str())) return std::nullopt;
+  auto place = Platform::CurrentMachine().trustProvider->FinalPathOf(lock);
+  if (!place) return std::nullopt;
+  if (SameIgnoringCase(*place, path)) return path;
+  if (!facade.IsFileTrustedRestricted(place->c_str())) return std::nullopt;
+  return *std::move(place);
+}
+
+}  // namespace
+
+TrustedProgram::TrustedProgram(std::wstring judged, Platform::UniqueHandle held)
+    : path(std::move(judged)), lock(std::move(held)) {}
+
+std::unique_ptr<const TrustedProgram> TrustedProgram::Check(const std::wstring& path) {
+  const VxAuthenticodeHelper helper;
+  Platform::UniqueHandle lock = helper.AquireFileReadOnlyLock(path);
+  if (lock == nullptr) {
+    if (!VxAuthenticodeFacade().IsFileTrustedRestricted(path.c_str())) return nullptr;
+    lock = helper.AquireFileReadOnlyLock(path);
+    if (lock == nullptr) return nullptr;
+  }
+  auto judged = JudgeLocked(path, lock.get());
+  if (!judged) return nullptr;
+  return std::unique_ptr<const TrustedProgram>(
+      new TrustedProgram(*std::move(judged), std::move(lock)));
+}
+
+}  // namespace Vx::Tessel::Security

@@ -1,0 +1,39 @@
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "platform/unique_handle.h"
+
+namespace Vx::Tessel::Security {
+
+// A program that was judged as trusted while it was locked, and that stays locked for the life of
+// this object. The lock allows reading only, so neither the file nor the folders above it can be
+// replaced before the program is started.
+class TrustedProgram {
+ public:
+  // Locks `path` and judges it against the restricted keys. Returns null when the program cannot be
+  // locked or is not trusted. Logs each step but not the refusal. Blocks for as long as
+  // VxAuthenticodeFacade.
+  //
+  // A lock that is refused does not end the check. If the program is then found trusted, the lock
+  // is tried once more and the program is judged again under it, because the process that kept the
+  // first lock from being taken could have changed the file since.
+  static std::unique_ptr<const TrustedProgram> Check(const std::wstring& path);
+
+  TrustedProgram(const TrustedProgram&) = delete;
+  TrustedProgram& operator=(const TrustedProgram&) = delete;
+  ~TrustedProgram() = default;
+
+  // The full path to start: the place of the locked file where a link leads to it, because the link
+  // can be changed without access to the file.
+  const std::wstring& Path() const noexcept { return path; }
+
+ private:
+  TrustedProgram(std::wstring judged, Platform::UniqueHandle held);
+
+  std::wstring path;
+  Platform::UniqueHandle lock;
+};
+
+}  // namespace Vx::Tessel::Security

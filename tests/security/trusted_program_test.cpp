@@ -1,0 +1,93 @@
+#include "security/trusted_program.h"
+
+#include <filesystem>
+#include <optional>
+#include <string>
+
+#include <gmock/gmock.h>
+
+#include "platform/files.h"
+#include "platform/machine.h"
+#include "security/authenticode_helper.h"
+#include "support/directory_link.h"
+#include "support/log_capture.h"
+#include "support/log_trap.h"
+#include "support/temp_folder.h"
+#include "support/test_pki.h"
+
+namespace Vx::Tessel::Security {
+
+namespace {
+
+using testing::ElementsAre;
+
+constexpr wchar_t kPinned[] = L"pinned.exe";
+
+// The path to start for `path`; empty when that is not trusted.
+std::wstring Checked(const std::wstring& path) {
+  const auto program = TrustedProgram::Check(path);
+  return program == nullptr ? std::wstring() : program->Path();
+}
+
+// By name both checks see the genuine program. The locked file decides.
+TEST(TrustedProgramTest, IsWhatTheLockHoldsWhereverALinkLeadsNow) {
+  const Tests::ProtectedFolder genuine;
+  const Tests::ProtectedFolder forged;
+  const std::wstring program = genuine.Hold(kPinned);
+  std::filesystem::copy_file(Tests::PkiFile(L"unsigned.exe"), forged / kPinned);
+  const Tests::ProtectedFolder crossing;
+  const std::wstring link = crossing / L"link";
+  const struct {
+    const std::wstring& atTheLock;
+    const std::wstring& atTheCheck;
+    std::wstring started;
+  } cases[] = {
+      {genuine.Path(), genuine.Path(), program},
+      {forged.Path(), genuine.Path(), {}},
+      {genuine.Path(), forged.Path(), {}},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(testing::PrintToString(c.atTheLock + L", then " + c.atTheCheck));
+    std::optional<Tests::DirectoryLink> way(std::in_place, link, c.atTheLock);
+    const Tests::LogTrap turn(L" : succeeded", 1, [&] {
+      way.reset();
+      way.emplace(link, c.atTheCheck);
+    });
+    EXPECT_EQ(Checked(link + L"\\" + kPinned), c.started);
+  }
+  EXPECT_EQ(Checked(program), program);
+}
+
+TEST(TrustedProgramTest, KeepsItsFileFromBeingReplacedUntilItGoes) {
+  const Tests::ProtectedFolder folder;
+  const std::wstring path = folder.Hold(kPinned);
+  Platform::Files& files = *Platform::CurrentMachine().files;
+  auto program = TrustedProgram::Check(path);
+  ASSERT_NE(program, nullptr);
+  EXPECT_NE(files.Remove(path), 0U);
+  EXPECT_NE(files.MoveOver(path, folder / L"moved.exe"), 0U);
+  program.reset();
+  EXPECT_EQ(files.Remove(path), 0U);
+}
+
+TEST(FileLock, KeepsTheFileFromBeingReplacedUntilItGoes) {
+  const Tests::TempFolder folder;
+  const std::wstring path = folder / L"held.exe";
+  Platform::Files& files = *Platform::CurrentMachine().files;
+  ASSERT_EQ(files.Touch(path), 0U);
+  const std::wstring line =
+      L"info|Vx::Tessel::Security::VxAuthenticodeHelper::AquireFileReadOnlyLock(" + path + L") : ";
+  const VxAuthenticodeHelper helper;
+  const Tests::LogCapture log;
+  {
+    const auto lock = helper.AquireFileReadOnlyLock(path);
+    EXPECT_NE(files.Remove(path), 0U);
+  }
+  EXPECT_EQ(files.Remove(path), 0U);
+  EXPECT_EQ(helper.AquireFileReadOnlyLock(path), nullptr);
+  EXPECT_THAT(log.Lines(), ElementsAre(line + L"succeeded", line + L"FAILED"));
+}
+
+}  // namespace
+
+}  // namespace Vx::Tessel::Security
