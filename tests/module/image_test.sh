@@ -19,6 +19,10 @@ for import in $(echo "$headers" | sed -n 's/^.*DLL Name: *//p' | tr 'A-Z' 'a-z')
   esac
 done
 
+# The toolchain's stack protector would open a cryptographic provider under the loader lock.
+echo "$headers" | grep -E 'CryptAcquireContext|CryptGenRandom' &&
+  fail "a constructor of the toolchain's stack protector is back"
+
 found=$(echo "$headers" |
   sed -n '/^\[Ordinal\/Name Pointer\]/,/^$/s/^[[:space:]]*\[ *[0-9]*\] *//p' | sort)
 wanted=$(sort "$exports")

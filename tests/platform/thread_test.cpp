@@ -2,6 +2,7 @@
 
 #include <gmock/gmock.h>
 
+#include <cstddef>
 #include <exception>
 #include <memory>
 #include <system_error>
@@ -75,6 +76,22 @@ TEST(FailFastTest, IsWhatAnUncontainedExceptionEndsIn) {
         std::terminate();
       },
       testing::ExitedWithCode(kFailFast), "");
+}
+
+// Fills `size` bytes from `first`, out of the compiler's sight.
+void Fill(volatile char* first, std::size_t size) {
+  for (std::size_t i = 0; i < size; ++i) first[i] = 'x';
+}
+
+__attribute__((noinline)) void Overrun() {
+  void (*volatile fill)(volatile char*, std::size_t) = &Fill;
+  volatile char buffer[16];
+  fill(buffer, 64);
+}
+
+TEST(StackGuardTest, FailsFastWhereAFunctionWritesBeyondItsBuffer) {
+  constexpr int kStackBufferOverrun = static_cast<int>(0xC0000409);
+  EXPECT_EXIT(Overrun(), testing::ExitedWithCode(kStackBufferOverrun), "");
 }
 
 bool ModuleGoes() {
