@@ -62,18 +62,26 @@ std::string Describe(std::uint32_t code) {
 
 Console::Console(LogForm logForm) : form(logForm), coloured(_isatty(_fileno(stdout)) != 0) {}
 
-void Console::Line(const std::string& text) {
+void Console::Write(const std::string& text) {
   const std::lock_guard guard(lock);
   std::printf("%s\n", text.c_str());
   std::fflush(stdout);
 }
 
+void Console::Line(const std::string& text) {
+  Write(Printable(text, LineBreaks::Replace));
+}
+
+void Console::Lines(const std::string& text) {
+  Write(Printable(text, LineBreaks::Keep));
+}
+
 void Console::Heading(const std::string& text) {
-  Line("\n== " + text);
+  Lines("\n== " + text);
 }
 
 void Console::Request(std::uint32_t id, const std::wstring& request) {
-  Line("-> " + std::to_string(id) + " " + Utf8(request));
+  Lines("-> " + std::to_string(id) + " " + Utf8(request));
 }
 
 void Console::Result(const Answer& answer) {
@@ -87,9 +95,10 @@ void Console::Log(const LogLine& line, const std::wstring& moment) {
     return;
   }
   const std::string caller = line.caller.empty() ? "" : " [" + Utf8(line.caller) + "]";
-  const std::string text = "   " + (moment.empty() ? "" : Utf8(moment) + " ") + "log " +
-                           Utf8(line.level) + caller + ": " + Utf8(line.message);
-  Line(coloured ? Colour(line.level) + text + "\x1b[0m" : text);
+  const std::string text = Printable("   " + (moment.empty() ? "" : Utf8(moment) + " ") + "log " +
+                                         Utf8(line.level) + caller + ": " + Utf8(line.message),
+                                     LineBreaks::Replace);
+  Write(coloured ? Colour(line.level) + text + "\x1b[0m" : text);
 }
 
 void Console::Failure(const std::string& text) {

@@ -8,29 +8,35 @@
 
 namespace Vx::Host {
 
-// How log lines are shown: for people, or one JSON object a line.
+// How log lines are shown: for people, or as one JSON object per line.
 enum class LogForm { Text, Json };
 
-// Writes what happens to standard output, UTF-8, one whole line at a time. Any thread.
+// Writes to standard output in UTF-8, one whole line at a time. Any thread may call it. Control
+// characters in a text are replaced (see Printable).
 class Console {
  public:
   explicit Console(LogForm logForm = LogForm::Text);
 
   void Heading(const std::string& text);
+  // One line, whatever `text` holds.
   void Line(const std::string& text);
+  // The lines of `text`, as they are.
+  void Lines(const std::string& text);
   void Request(std::uint32_t id, const std::wstring& request);
   void Result(const Answer& answer);
-  // `moment` is shown in front of the line, if it is not empty.
+  // `moment`, if not empty, precedes the line.
   void Log(const LogLine& line, const std::wstring& moment = {});
   void Failure(const std::string& text);
 
  private:
+  void Write(const std::string& text);
+
   LogForm form;
   bool coloured;
   std::mutex lock;
 };
 
-// "0x20000003", and what it means where that is known.
+// "0x20000003", with its meaning where that is known.
 std::string Describe(std::uint32_t code);
 
 }  // namespace Vx::Host

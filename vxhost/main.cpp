@@ -218,7 +218,7 @@ std::vector<std::string> Arguments() {
 }
 
 int Fail(const std::string& why) {
-  std::fprintf(stderr, "vxhost: %s\n", why.c_str());
+  std::fprintf(stderr, "vxhost: %s\n", Printable(why, LineBreaks::Keep).c_str());
   return kUnusable;
 }
 

@@ -40,12 +40,12 @@ int Scenario(const Options& options, Console& console) {
   const auto definitions = Definitions(options.definitions);
   bool met = true;
   for (const std::string& file : options.scenarios) {
-    if (options.scenarios.size() > 1) console.Line("\n==== " + file);
+    if (options.scenarios.size() > 1) console.Lines("\n==== " + file);
     const auto theatre = MakeTheatre(options, console);
     met = PlayScenario(FullPath(file), definitions, theatre->Open()) && met;
   }
-  console.Line(met ? "\nEverything that was expected happened."
-                   : "\nNot everything that was expected happened: see the lines with !!");
+  console.Lines(met ? "\nEverything that was expected happened."
+                    : "\nNot everything that was expected happened: see the lines with !!");
   return met ? kDone : kNotMet;
 }
 

@@ -271,7 +271,7 @@ class Player {
       return !content.empty() && content.find(wanted) != std::wstring::npos;
     });
     if (Find(what, L"quiet") == nullptr) {
-      stage.console.Line("   " + Utf8(path) + " says:\n" + Utf8(content));
+      stage.console.Lines("   " + Utf8(path) + " says:\n" + Utf8(content));
     }
     Check(came, Utf8(path) + " should say \"" + Utf8(wanted) + "\"");
   }

@@ -168,7 +168,7 @@ int ShowStore(const Options& /*options*/, Console& console) {
   rapidjson::PrettyWriter<Json::TextBuffer, Json::WideEncoding, Json::WideEncoding> writer(buffer);
   writer.SetIndent(L' ', 2);
   document.Accept(writer);
-  console.Line(Utf8(buffer.View()));
+  console.Lines(Utf8(buffer.View()));
   return kDone;
 }
 

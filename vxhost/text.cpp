@@ -16,6 +16,14 @@ namespace Vx::Host {
 namespace {
 
 constexpr DWORD kLongestPath = 32768;  // characters
+constexpr wchar_t kReplacement = 0xFFFD;
+
+// The control characters of ASCII and of Latin-1, and the separators and direction marks of
+// Unicode.
+bool DrivesATerminal(wchar_t unit) {
+  return unit < 0x20 || (unit >= 0x7F && unit < 0xA0) || (unit >= 0x2028 && unit <= 0x202E) ||
+         (unit >= 0x2066 && unit <= 0x2069);
+}
 
 }  // namespace
 
@@ -25,6 +33,17 @@ std::string Utf8(std::wstring_view text) {
 
 std::wstring Wide(std::string_view text) {
   return Json::ToWide(text);
+}
+
+std::string Printable(std::string_view text, LineBreaks breaks) {
+  std::wstring shown = Wide(text);
+  for (std::size_t i = 0; i < shown.size(); ++i) {
+    const bool laysOut =
+        shown[i] == L'\n' || shown[i] == L'\t' || shown.compare(i, 2, L"\r\n") == 0;
+    if (laysOut && breaks == LineBreaks::Keep) continue;
+    if (DrivesATerminal(shown[i])) shown[i] = kReplacement;
+  }
+  return Utf8(shown);
 }
 
 std::wstring ReadTextFile(const std::wstring& path) {

@@ -7,24 +7,29 @@
 
 namespace Vx::Host {
 
-// UTF-16 to UTF-8 and back; what is malformed becomes U+FFFD. Under the names of the command line's
-// own world, where nearly every line needs one.
+// Convert UTF-16 to UTF-8 and back. Malformed input becomes U+FFFD.
 std::string Utf8(std::wstring_view text);
 std::wstring Wide(std::string_view text);
 
-// The content of a text file as UTF-16, its byte-order mark taken away. Throws std::runtime_error.
+// `text` as a terminal may show it: U+FFFD replaces control characters, the start of an escape
+// sequence among them, and characters that end a line or change its direction. Clients choose many
+// of the texts that are shown, and could otherwise forge lines or drive the terminal.
+enum class LineBreaks { Replace, Keep };
+std::string Printable(std::string_view text, LineBreaks breaks);
+
+// The content of a text file as UTF-16, without its byte-order mark. Throws std::runtime_error.
 std::wstring ReadTextFile(const std::wstring& path);
 
-// `path` made full against the working directory.
+// The full form of `path`, which may be relative to the working directory.
 std::wstring FullPath(const std::string& path);
 
-// The same of a file that has to exist. Throws std::runtime_error.
+// The same, for a file that has to exist. Throws std::runtime_error when it does not.
 std::wstring FullPathOfFile(const std::string& path);
 
-// A text given as it is, or as @FILE.
+// The text that an argument gives, literally or as @FILE.
 std::wstring TextOrFile(const std::string& argument);
 
-// Where and why a text is no JSON: the module's parser has refused it with `fault`.
+// Where and why `text` is not JSON: the module's parser refused it with `fault`.
 std::string FaultText(const std::wstring& text, const Json::ParseFault& fault);
 
 }  // namespace Vx::Host

@@ -77,6 +77,28 @@ for command in exec scenario events 'store show' subscriptions trust pin watch v
   expect 0 "Usage: vxhost $command" $command --help
 done
 
+# A client's text neither forges a row of a table nor drives the terminal. The batch file gives vxhost
+# and the module a store of their own; nothing else can set the variable that leads to it.
+forged='a\u001b[2J\u009b1m\u007f\u202e\r\nplatform 1    start    0 s    C:\\\\forged.exe'
+printf '{"powerEventType":7,"eventAction":2,"commandParams":{"packageFamilyName":"%s",
+  "appServiceName":"%s","payload":{"%s":1}}}' "$forged" "$forged" "$forged" > "$work/forged.json"
+windows_path() { printf 'Z:%s' "$1" | tr / '\\'; }
+host=$(windows_path "$(realpath "$vxhost")")
+printf '@set ProgramData=%s\r\n' "$(windows_path "$work")" > "$work/tables.bat"
+for command in "--dll $(windows_path "$(realpath "$module")") exec 9 @forged.json" \
+  "--dll $(windows_path "$(realpath "$module")") exec 20" subscriptions 'store show' \
+  'validate @forged.json'; do
+  printf '@"%s" %s\r\n' "$host" "$command" >> "$work/tables.bat"
+done
+(cd "$work" && "$emulator" ${prefix:+"$prefix"} cmd /c tables.bat > "$work/tables" 2>&1)
+controls=$(printf '\033|\302[\200-\237]|\177|\342\200\256')
+if [ "$(grep -c '^power 7 *message *0 s *a.*forged' "$work/tables")" != 1 ] ||
+  LC_ALL=C grep -qE "$controls|^platform" "$work/tables"; then
+  echo "failed: a client's text reaches the terminal as it is, or its subscription is not shown:"
+  cat -v "$work/tables"
+  failures=$((failures + 1))
+fi
+
 # Lines of one vxhost show in another one that watches, each once.
 "$emulator" ${prefix:+"$prefix"} "$vxhost" watch --json --seconds 20 > "$work/watched" 2>&1 &
 watcher=$!
