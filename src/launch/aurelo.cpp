@@ -79,8 +79,7 @@ bool AureloLaunchBehavior::Run() const {
 AureloFacade::AureloFacade() : AureloFacade(std::make_unique<AureloLaunchBehavior>()) {}
 
 AureloFacade::AureloFacade(std::unique_ptr<Base::ApplicationLaunchBehavior> launch)
-    : logger(Logging::LogManager::SetProvider(Logging::kComponentProvider)),
-      launchBehavior(std::move(launch)) {}
+    : launchBehavior(std::move(launch)) {}
 
 bool AureloFacade::LaunchUwpForOobe() const {
   return launchBehavior->Run();

@@ -28,7 +28,6 @@ class AureloFacade {
   bool LaunchUwpForOobe() const;
 
  private:
-  [[maybe_unused]] const Logging::TraceLogger* logger;
   std::unique_ptr<Base::ApplicationLaunchBehavior> launchBehavior;
 };
 
