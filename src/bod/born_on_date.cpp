@@ -109,11 +109,11 @@ bool BornOnDate::is_valid_born_on_date(const std::string& s) noexcept {
 void WriteDigits(std::span<std::uint8_t> buffer, BODFormat format, const CalendarTime& day) {
   if (buffer.size() < DigitCount(format)) throw std::invalid_argument(kVectorTooSmall);
 
-  // The fields may be any 16-bit numbers: the prints are cut to their columns, not widened.
+  // The fields may be any 16-bit numbers. Their prints are cut to their columns.
   char year[8] = {};
   std::size_t yearDigits = 4;
   if (format == BODFormat::SixDigits) {
-    // Firmware with six digits has always been given the last digit of the year alone.
+    // The service has always given firmware of six digits only the last digit of the year.
     static_cast<void>(std::snprintf(year, sizeof year, "%02i", day.year % 10));
     yearDigits = 2;
   } else {

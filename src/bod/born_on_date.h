@@ -8,7 +8,7 @@
 
 #include "bod/calendar_time.h"
 
-// Windows' SYSTEMTIME under the only name that can be declared ahead of its header.
+// Windows' SYSTEMTIME. Only this name can be declared without its header.
 struct _SYSTEMTIME;  // NOLINT(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
 
 namespace Vx::Tessel::Server::Services::Orvane {
@@ -19,18 +19,17 @@ enum class BODFormat : std::uint8_t {
   EightDigits = 2,  // YYYYMMDD
 };
 
-// Digits of a date in `format`: 6, or 8 for everything else.
+// Returns the digits of a date in `format`: 6 for SixDigits, 8 otherwise.
 std::size_t DigitCount(BODFormat format);
 
-// A born-on date as text and what the text is worth. Any text can be held; only a valid one has a
-// format.
+// A born-on date as text, and its format. Holds any text, but only a valid one has a format.
 class BornOnDate {
  public:
-  // Whether a month of `year` has this day. The year is the number as written, so that two digits
-  // make a year below 100.
+  // Returns whether a month of `year` has this day. The year is the number as written, below 100 if
+  // it has two digits.
   using DayTest = bool (*)(int year, int day);
 
-  // Month number and its day test, ordered by month.
+  // Each month's number and day test, ordered by month.
   static const std::array<std::pair<int, DayTest>, 12> validDaysOfMonths;
 
   BornOnDate() = default;
@@ -38,19 +37,20 @@ class BornOnDate {
 
   void set(std::string s);
 
-  // The text as it was set, valid or not.
+  // Returns the text as it was set, valid or not.
   std::string get() const { return date; }
 
   BODFormat get_format() const { return format; }
 
-  // The date with every other field zero, all zero when it is not valid. A year of two digits is
-  // one of 2000 to 2099.
+  // Returns the date with every other field zero, or all zero if it is not valid. A year of two
+  // digits is one of 2000 to 2099.
   CalendarTime get_as_calendar_time() const;
 
-  // The same as Windows has it. Only in builds for Windows.
+  // Returns the same as a SYSTEMTIME. Only in builds for Windows.
   _SYSTEMTIME get_as_system_time() const;
 
-  // Six or eight decimal digits that name a day; four-digit years start at 1970.
+  // Returns whether `s` is six or eight decimal digits that name a day. Four-digit years start at
+  // 1970.
   static bool is_valid_born_on_date(const std::string& s) noexcept;
 
  private:
@@ -65,11 +65,11 @@ class BornOnDate {
 // small.
 void WriteDigits(std::span<std::uint8_t> buffer, BODFormat format, const CalendarTime& day);
 
-// Whether firmware of `format` may be given `date`: a valid date of just its length, or as many
-// zeros, which erase what is there.
+// Returns whether `date` can be written to firmware of `format`. It is a valid date of that length,
+// or as many zeros, which erase the date.
 bool IsAssignable(const std::string& date, BODFormat format);
 
-// The text at the front of a firmware block: up to the first zero byte, or all of it.
+// Returns the text at the front of a firmware block: up to the first zero byte, or all of it.
 std::string TextOfBlock(std::span<const std::uint8_t> block);
 
 }  // namespace Vx::Tessel::Server::Services::Orvane

@@ -7,8 +7,8 @@
 
 namespace Vx::Tessel::Server::Services::Orvane {
 
-// A date and time of day, UTC. The fields and their order are those of Windows' SYSTEMTIME, so that
-// one converts to the other by copying its 16 bytes.
+// A date and time of day, UTC. Has the fields of Windows' SYSTEMTIME in their order, so that
+// copying the 16 bytes converts one to the other.
 struct CalendarTime {
   std::uint16_t year = 0;
   std::uint16_t month = 0;  // 1 to 12
@@ -22,19 +22,19 @@ struct CalendarTime {
   friend bool operator==(const CalendarTime&, const CalendarTime&) = default;
 };
 
-// 100-nanosecond units since 1601-01-01; the day of the week is not looked at. Nothing when the
-// fields name no moment that this scale can hold (years 1601 to 30827).
+// Returns the 100-nanosecond units since 1601-01-01. Ignores the day of the week. Empty when the
+// fields do not name a moment of this scale (years 1601 to 30827).
 std::optional<std::uint64_t> FileTimeOf(const CalendarTime& time);
 
-// The moment `fileTime` units after 1601-01-01, cut to milliseconds.
+// Returns the moment `fileTime` units after 1601-01-01, truncated to milliseconds.
 CalendarTime CalendarTimeOf(std::uint64_t fileTime);
 
-// The earlier of the two, `first` on a tie. A time that names no moment loses against one that
-// does.
+// Returns the earlier of the two, `first` on a tie. If only one of them names a moment, returns
+// that one.
 CalendarTime EarlierOf(const CalendarTime& first, const CalendarTime& second);
 
-// The date at the front of the raw bytes of a SYSTEMTIME; its other fields are zero. All zero when
-// the bytes are too few to be one. Bytes that follow are ignored.
+// Returns the date at the front of the raw bytes of a SYSTEMTIME, other fields zero. All zero when
+// there are too few bytes. Ignores bytes that follow.
 CalendarTime DateOfTimeStamp(std::span<const std::byte> bytes);
 
 }  // namespace Vx::Tessel::Server::Services::Orvane

@@ -47,8 +47,8 @@ void SetAndStore(const Logging::TraceLogger& logger) {
     logger.LogInfo(kTesselInstalled);
     return;
   }
-  // Opened before the firmware is asked: a machine without a store is not given a date that the
-  // other readers of the store would never learn of.
+  // Opens the store before it uses the firmware. On a machine without a store it would write a date
+  // that the other readers of the store never see.
   Storage::CapDataStore store;
   logger.LogInfo(kInitialValue, manager.get_born_on_date().get().c_str());
   manager.conditionally_set("");

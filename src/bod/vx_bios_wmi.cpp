@@ -33,7 +33,7 @@ constexpr char kCreateSafeArray[] = "CreateSafeArray";
 constexpr char kOutOfMemory[] = "VxBiosWmi - no memory for a text";
 
 constexpr wchar_t kNamespace[] = LR"(\\.\root\wmi)";
-// The firmware spells its method class both ways.
+// The firmware uses both spellings of its method class.
 constexpr wchar_t kMethodClass[] = L"zrkBIntM";
 constexpr wchar_t kMethodInstances[] = L"ZrkBIntM";
 constexpr wchar_t kInputBlockClass[] = L"zrkBDataIn";
@@ -59,7 +59,7 @@ UniqueBstr Text(const wchar_t* text) {
   return copy;
 }
 
-// A call may claim success and still hand out nothing.
+// Returns E_POINTER for a call that succeeded without an object.
 template <typename Interface>
 HRESULT WithObject(HRESULT result, const ComPtr<Interface>& object) {
   return SUCCEEDED(result) && !object ? E_POINTER : result;
@@ -96,12 +96,12 @@ std::int32_t VxBiosWmi::Check(const char* step, const wchar_t* function,
 
 bool VxBiosWmi::GetReady() {
   if (ready) return true;
-  // Made before COM is entered, because it can throw.
+  // Allocated before COM is entered, because the allocation can throw.
   const UniqueBstr name = Text(kNamespace);
   Platform::Com& com = Com();
 
-  // Neither failure stops the conversation: another part of the process may have set up COM in its
-  // own way, and that often serves as well.
+  // Neither failure ends the conversation. Another part of the process may have set up COM in its
+  // own way, and the calls often work then too.
   comEntered =
       SUCCEEDED(Check(kGetReady, L"CoInitializeEx()", com.InitializeMultithreaded())) || comEntered;
   const std::int32_t security = com.InitializeSecurity();
@@ -109,7 +109,7 @@ bool VxBiosWmi::GetReady() {
 
   ComPtr<IWbemLocator> locator;
   const HRESULT created = WithObject(com.CreateWbemLocator(locator.Receive()), locator);
-  // COM stays entered here: the thread is left as callers have always found it on this path.
+  // COM stays entered on this path, as callers have always found it.
   if (FAILED(Check(kGetReady, L"CoCreateInstance(IWbemLocator)", created))) return false;
 
   HRESULT connected = locator->ConnectServer(name.get(), nullptr, nullptr, nullptr, 0, nullptr,
@@ -129,7 +129,7 @@ bool VxBiosWmi::GetReady() {
 
 void VxBiosWmi::Disconnect() {
   services.Reset();
-  // A thread that would not be entered as asked belongs to somebody else's apartment.
+  // If entering COM was refused, the thread is in another component's apartment.
   if (comEntered) Com().Uninitialize();
   comEntered = false;
   ready = false;
@@ -146,7 +146,7 @@ std::int32_t VxBiosWmi::ExecuteCommand(int command, int commandType, std::uint32
   if (!ready && !GetReady()) return E_FAIL;
 
   wchar_t method[kMethodNameChars] = {};
-  // Fits whatever the size is.
+  // Any size fits.
   static_cast<void>(
       std::swprintf(method, std::size(method), kMethodName, static_cast<long>(outputSize)));
 
@@ -178,7 +178,7 @@ std::int32_t VxBiosWmi::ExecuteCommand(int command, int commandType, std::uint32
   if (FAILED(Check(kExecuteCommand, L"IWbemServices->ExecMethod(BIOS method)", result))) {
     return result;
   }
-  // The command has run by now, so an unreadable answer does not make it a failure.
+  // The firmware has run the command by now, so an unreadable reply is not a failure.
   GetOutputData(outParameters, outputSize, output, returnCode);
   return result;
 }
@@ -271,7 +271,7 @@ std::int32_t VxBiosWmi::GetBiosMethodObjectPath(Variant& path) const {
   ClassObject instance;
   ULONG returned = 0;
   result = instances->Next(kNextTimeout, 1, instance.Receive(), &returned);
-  // Neither the end of the list nor the timeout is an error to WMI, but both leave no instance.
+  // WMI reports neither the end of the list nor a timeout as an error, but both leave no instance.
   if (SUCCEEDED(result) && !instance) {
     result = result == WBEM_S_TIMEDOUT ? static_cast<HRESULT>(WBEM_E_TIMED_OUT)
                                        : static_cast<HRESULT>(WBEM_E_NOT_FOUND);
@@ -308,8 +308,7 @@ std::int32_t VxBiosWmi::GetOutputData(const ClassObject& outParameters, std::uin
   *returnCode = *Platform::Int32In(*code);
   if (outputSize == 0) return S_OK;
 
-  // The property's own array takes the place of this one; making it shows that so much memory is
-  // to be had.
+  // The property's own array replaces this one. Allocating it checks that there is enough memory.
   Variant bytes;
   Platform::UniqueSafeArray room(Com().MakeByteArray(outputSize));
   if (room == nullptr) {
@@ -324,7 +323,7 @@ std::int32_t VxBiosWmi::GetOutputData(const ClassObject& outParameters, std::uin
 std::int32_t VxBiosWmi::CopyOutputBytes(const Variant& data, std::uint32_t outputSize,
                                         std::uint8_t* output) const {
   SAFEARRAY* const array = Platform::BytesIn(*data);
-  // Elements go to the place that their index names, so one below zero has no place.
+  // An element is copied to the position of its index, so an index below zero has no position.
   if (array == nullptr || Platform::BoundsOf(*array).lower < 0) {
     logger->LogWarning(kInvalidData, class_name, kGetOutputData);
     return E_FAIL;

@@ -14,18 +14,18 @@ class Variant;
 
 namespace Vx::Tessel::Server::Shared::WMI {
 
-// The firmware's commands and what they act on.
+// The firmware's commands and command types.
 inline constexpr int kBiosRead = 1;
 inline constexpr int kBiosWrite = 2;
 inline constexpr int kBiosFeatures = 13;
 inline constexpr int kWarranty = 16;
 
-// The firmware's command interface in WMI: one object is one short conversation, on one thread.
+// The firmware's command interface in WMI. One object is one short conversation, on one thread.
 //
-// Connects with the first command and enters COM on the calling thread for it, until the object
-// goes. Calls block for as long as WMI takes. Each failing step is logged as a warning and answered
-// with its HRESULT; the only exception is std::system_error (E_OUTOFMEMORY) when no text can be
-// made for a call.
+// The first command connects and enters COM on the calling thread. The destructor leaves both.
+// Calls block for as long as WMI takes. Each failing step is logged as a warning and its HRESULT
+// returned. The only exception is std::system_error (E_OUTOFMEMORY), thrown when there is no memory
+// for the text of a call.
 class VxBiosWmi {
  public:
   VxBiosWmi();
@@ -33,14 +33,15 @@ class VxBiosWmi {
   VxBiosWmi& operator=(const VxBiosWmi&) = delete;
   ~VxBiosWmi();
 
-  // Runs a command. `input` may be null when `inputSize` is 0; `output` has room for `outputSize`
-  // bytes, comes zero-filled and keeps its content when the firmware's reply cannot be read, which
-  // is no failure. `returnCode` receives the firmware's own code, uninterpreted, when it gave one.
+  // Runs a command. `input` may be null if `inputSize` is 0. `output` has room for `outputSize`
+  // bytes. The caller fills it with zeros. It keeps them if the firmware's reply cannot be read,
+  // which is not a failure. `returnCode` receives the firmware's own code, uninterpreted, if there
+  // is one.
   std::int32_t ExecuteCommand(int command, int commandType, std::uint32_t inputSize,
                               const std::uint8_t* input, std::uint32_t outputSize,
                               std::uint8_t* output, std::int32_t* returnCode);
 
-  // Connects to the namespace once; false when that failed.
+  // Connects to the namespace once. Returns false if that failed.
   bool GetReady();
 
  private:
@@ -66,7 +67,7 @@ class VxBiosWmi {
   std::int32_t CreateSafeArray(const std::uint8_t* bytes, std::uint32_t count,
                                Platform::Variant& array) const;
 
-  // Logs a failing `result` and answers it.
+  // Returns `result`, and logs it if it is a failure.
   std::int32_t Check(const char* step, const wchar_t* function, std::int32_t result) const;
 
   const Logging::TraceLogger* logger;

@@ -30,7 +30,8 @@ constexpr wchar_t kLaunchThrewUnknown[] = L"Problem while launching Vx Aurelo.";
 constexpr char kLaunchedMark[] = "oobe_complete_aurelo_launched";
 constexpr std::chrono::hours kDelay{1};
 
-// A store that cannot be made is logged; what its mutex throws later is the caller's.
+// Null, and logged, when the store cannot be opened. The caller handles what its mutex throws
+// later.
 std::unique_ptr<Storage::CapDataStore> OpenStore(const Logging::TraceLogger& logger) {
   auto store = Storage::TryOpenStore();
   if (store == nullptr) logger.LogError(kNoStore);
@@ -44,15 +45,15 @@ void LaunchUnlessMarked(const Logging::TraceLogger& logger) {
     logger.LogInfo(kNotSending);
     return;
   }
-  // Marked before the launch: an app that cannot be started is not tried again.
+  // Marks the launch before making it, so that an app that cannot be started is not tried again.
   store->persist(kLaunchedMark, true);
   logger.LogInfo(AureloFacade().LaunchUwpForOobe() ? kLaunched : kNotLaunched);
 }
 
-// The worker's one boundary.
+// The worker's only exception boundary.
 void LaunchLater(const Platform::SharedHandle& timer, const Logging::TraceLogger& logger) noexcept {
   try {
-    // Without a timer the wait fails at once, and so does the delay.
+    // Without a timer the wait returns at once, and the app is launched without a delay.
     Platform::CurrentMachine().clock->Wait(timer.get(), std::nullopt);
     LaunchUnlessMarked(logger);
   } catch (const std::exception& error) {

@@ -9,7 +9,7 @@
 
 namespace Vx::Tessel::Server::Services::Orvane::Aurelo {
 
-// Starts the AI-experience app; there is no other to fall back on.
+// Starts the AI-experience app. There is no app to fall back on.
 class AureloLaunchBehavior final : public Base::ApplicationLaunchBehavior {
  public:
   static const wchar_t* const package_family_name;
@@ -19,7 +19,7 @@ class AureloLaunchBehavior final : public Base::ApplicationLaunchBehavior {
   bool Run() const override;
 };
 
-// The AI-experience app of the console user. Built for one operation.
+// The AI-experience app of the console user. Constructed for one operation.
 class AureloFacade {
  public:
   AureloFacade();
@@ -31,20 +31,21 @@ class AureloFacade {
   std::unique_ptr<Base::ApplicationLaunchBehavior> launchBehavior;
 };
 
-// The waitable timer of the delayed launch that was scheduled last; expired when that launch is
-// over or none was scheduled. The launch owns the timer, because it outlives the service object.
+// The waitable timer of the launch that was scheduled last. Expired when that launch is over or
+// none was scheduled. The launch owns the timer, because it outlives the service object.
 using LaunchTimer = std::weak_ptr<void>;
 
-// Schedules the one launch of the AI-experience app for an hour from now, unless it has been made.
+// Schedules the one launch of the AI-experience app for an hour from now, unless the store says
+// that it has been launched.
 //
-// Each call starts a detached worker with a timer of its own; the first whose hour is over takes
-// the mark in the store and launches, later ones find the mark (two whose hours end at the same
-// moment may both launch). A worker is not ended by a stop of
-// the service. A timer that cannot be set does not hold the launch up: it is made at once.
+// Each call starts a detached worker with a timer of its own. The first worker whose hour ends
+// marks the store and launches the app, and later workers find the mark. Two workers whose hours
+// end at the same moment may both launch it. Stopping the service does not end a worker. If the
+// timer cannot be set, the worker launches the app at once.
 //
 // `logger` lives as long as the process. `aureloLaunchTimer` is written before the worker starts.
-// Calls are made one at a time. Throws std::system_error when no thread can be made, and what the
-// store throws when its mutex fails.
+// The caller makes one call at a time. Throws std::system_error when no thread can be created, and
+// what the store throws when its mutex fails.
 void ScheduleLaunch(const Logging::TraceLogger& logger, LaunchTimer& aureloLaunchTimer);
 
 }  // namespace Vx::Tessel::Server::Services::Orvane::Aurelo

@@ -7,10 +7,11 @@
 #include "launch/registration.h"
 
 // The questions and actions of the launch decisions, each replaceable on its own. In every class
-// the virtual destructor comes first and the operations keep this order. One thread at a time.
+// the virtual destructor comes first and the operations keep this order. One thread at a time uses
+// an object.
 namespace Vx::Tessel::Server::Services::Orvane::Base {
 
-// Whether a piece of preloaded software is still there.
+// Checks whether a piece of preloaded software is still installed.
 class SoftwareCheckBehavior {
  public:
   virtual ~SoftwareCheckBehavior() = default;
@@ -19,7 +20,7 @@ class SoftwareCheckBehavior {
   virtual bool IsUwpInstalled() const = 0;
   virtual bool IsInstalled() const = 0;
 
-  // Whether the machine came with the files that installed it.
+  // Returns whether the machine was delivered with the files that install it.
   virtual bool IsPreloaded() const = 0;
 };
 
@@ -34,13 +35,13 @@ class ModeCheckBehavior {
  public:
   virtual ~ModeCheckBehavior() = default;
 
-  // Whether Windows was in S mode at the first start and is not now.
+  // Returns whether Windows was in S mode at the first start and is not now.
   virtual bool HasBeenInSMode() = 0;
 
   virtual bool IsInSMode() const = 0;
 };
 
-// Starts one app for the user at the console; true when it was started.
+// Starts one app for the user at the console. Returns true when it was started.
 class ApplicationLaunchBehavior {
  public:
   virtual ~ApplicationLaunchBehavior() = default;
@@ -49,12 +50,12 @@ class ApplicationLaunchBehavior {
   virtual bool Run() const = 0;
 };
 
-// A mark that one reason for a launch has been used.
+// Reads and writes the mark that one reason for a launch has been used.
 class ApplicationLaunchCriteriaDataAccess {
  public:
   virtual ~ApplicationLaunchCriteriaDataAccess() = default;
 
-  // True when the mark was stored.
+  // Returns true when the mark was stored.
   virtual bool SaveSkipState(bool skip) const = 0;
 
   virtual bool ShouldBeSkipped() const = 0;
@@ -64,7 +65,8 @@ class UwpBuildInfoDataAccess {
  public:
   virtual ~UwpBuildInfoDataAccess() = default;
 
-  // Windows' staged-package origin code, and the version as four 16-bit parts with major highest.
+  // Returns Windows' staged-package origin code, and the version as four 16-bit parts, major
+  // highest.
   virtual std::pair<std::int32_t, std::uint64_t> GetOriginAndVersion() const = 0;
 };
 

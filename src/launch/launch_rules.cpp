@@ -8,12 +8,12 @@ namespace {
 
 constexpr std::wstring_view kSystemMarker = L"\\system32\\";
 constexpr std::wstring_view kDefaultMarker = L"\\Default\\";
-// Two backslashes, as documented: a profile folder of this name below the users folder passes.
+// Two backslashes, as documented. So a profile folder of this name in the users folder passes.
 constexpr std::wstring_view kSetUpMarker = L"\\\\defaultuser0";
 
 constexpr std::wstring_view kPackages = L"\\AppData\\Local\\Packages\\";
 
-// One row is one variable that a packaged app sees elsewhere.
+// One row is one variable that has another value for a packaged app.
 struct Redirection {
   std::wstring_view name;  // with the equals sign
   std::wstring_view part;  // of the value, to be replaced
@@ -68,7 +68,7 @@ std::optional<std::wstring> AppCommandLine(std::wstring_view executable,
 std::wstring SessionCommandLine(std::wstring_view executable, std::wstring_view arguments) {
   std::wstring line = Quoted(executable.substr(0, kMaxCommandLine));
   if (line.size() > kMaxCommandLine) line.resize(kMaxCommandLine);
-  // Compared this way round, no length given from outside can overflow the sum.
+  // The sum is on the side of known lengths, so that a client's length cannot overflow it.
   if (!arguments.empty() && line.size() < kMaxCommandLine &&
       arguments.size() <= kMaxCommandLine - line.size() - 1) {
     line += L' ';
@@ -86,7 +86,7 @@ std::wstring SessionWorkingDirectory(std::wstring_view wanted, std::wstring_view
 std::wstring_view FolderOf(std::wstring_view path) {
   const auto at = path.rfind(L'\\');
   if (at == std::wstring_view::npos) return {};
-  // "C:" alone would mean the current folder of that drive.
+  // "C:" alone means the current folder of that drive.
   const bool driveRoot = at == 2 && path[1] == L':';
   return path.substr(0, driveRoot ? at + 1 : at);
 }
@@ -108,7 +108,7 @@ std::vector<wchar_t> EnvironmentForPackage(const std::vector<wchar_t>& block,
     result.push_back(L'\0');
     at = end == block.end() ? end : end + 1;
   }
-  // An empty block is two terminators: Windows reads an entry before it looks for the end.
+  // An empty block is two terminators, because Windows reads an entry before it looks for the end.
   if (result.empty()) result.push_back(L'\0');
   result.push_back(L'\0');
   return result;

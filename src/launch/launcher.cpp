@@ -156,7 +156,7 @@ bool Launcher::Run(const std::wstring& alias, const std::wstring& packageFamilyN
 
   const std::wstring program = GetPathExpandedImpersonatedAsCurrentUser(
       GetAbsolutePathForUWPAlias(alias), actingToken.get());
-  // Both questions under one impersonation: the answers belong to the same user.
+  // Asks both questions while impersonating once, so that both answers are about the same user.
   const auto installFolder = [&]() -> std::wstring {
     const std::wstring fullName = GetPackageFullNameByFamilyName(packageFamilyName);
     return fullName.empty() ? fullName : GetPackageInstalledPathByFullName(fullName);
@@ -168,7 +168,7 @@ bool Launcher::Run(const std::wstring& alias, const std::wstring& packageFamilyN
 
 bool Launcher::RunExeAsUser(const std::wstring& executable, const std::wstring& workingDirectory,
                             Platform::RawHandle token, const std::wstring& parameter) const {
-  // A null token would start the program with the service's rights.
+  // With a null token the program would start with the service's rights.
   if (token == nullptr) return false;
   logger->LogInfo(kActingAsUser);
   auto commandLine = AppCommandLine(executable, parameter);

@@ -13,31 +13,32 @@ namespace Vx::Tessel::Server::Services::Orvane {
 
 inline constexpr wchar_t kActingAsUser[] = L"Attempting to impersonate logged in user.";
 
-// Logs a refused step of acting as the console user: a warning, or an error where the thread could
-// not revert. Operations log a missing session API set themselves.
+// Logs a step of acting as the console user that Windows refused: an error if the thread could not
+// revert, a warning otherwise. Callers log a missing session API set themselves.
 void LogRefusedStep(const Logging::TraceLogger& logger, Platform::ActingStep step);
 
-// `path` with the variables of the user of `token` put in, at most 520 characters with the
-// terminator; empty, and logged, on failure.
+// Returns `path` with the variables of the user of `token` expanded, at most 520 characters with
+// the terminator. Empty, and logged, on failure.
 std::optional<std::wstring> ExpandAsUser(Platform::RawHandle token, const std::wstring& path,
                                          const Logging::TraceLogger& logger);
 
-// Starts programs for the user at the console and answers questions as that user. Copyable; any
-// thread. Nothing here throws for a refusal of Windows: it is logged and answered with an empty or
-// false result. Every impersonation ends before the operation returns.
+// Starts programs for the user at the console and queries packages and paths as that user.
+// Copyable; any thread. When Windows refuses a call, the operation logs it and returns an empty or
+// false result; it does not throw. Every impersonation ends before the operation returns.
 class Launcher {
  public:
   Launcher();
 
-  // Starts a packaged app through its execution alias as the console user. With a parameter the
-  // command line is the quoted path, a blank and the parameter. True when the process was created.
+  // Starts a packaged app through its execution alias as the console user. If `parameter` is not
+  // empty, the command line is the quoted path, a blank and the parameter. Returns true when the
+  // process was created.
   bool Run(const std::wstring& alias, const std::wstring& packageFamilyName,
            const std::wstring& parameter = {}) const;
 
-  // The console user's token; empty on failure.
+  // Returns the console user's token, or null on failure.
   Platform::SharedHandle GetUserTokenForCurrentUser(Platform::TokenType type) const;
 
-  // Empty on failure. The overloads with a token act as its user.
+  // Return an empty text on failure. The overloads with a token impersonate its user.
   std::wstring GetPackageFullNameByFamilyName(const std::wstring& familyName) const;
   std::wstring GetPackageFullNameByFamilyName(const std::wstring& familyName,
                                               Platform::RawHandle token) const;
@@ -53,7 +54,7 @@ class Launcher {
   bool RunExeAsUser(const std::wstring& executable, const std::wstring& workingDirectory,
                     Platform::RawHandle token, const std::wstring& parameter = {}) const;
 
-  // Whether a real user's profile is at the console; `profilePath` receives it.
+  // Returns whether the console user's profile is a real user's. `profilePath` receives its path.
   bool IsRealUserSession(std::wstring& profilePath) const;
 
   static std::mutex rLock;  // serialises package queries by family name

@@ -38,10 +38,10 @@ QuboLaunchCriteriaDataAccess::QuboLaunchCriteriaDataAccess(std::string storeKey)
     : key(std::move(storeKey)) {}
 
 bool QuboLaunchCriteriaDataAccess::SaveSkipState(bool skip) const {
-  if (key.empty()) return false;  // no criterion at all
+  if (key.empty()) return false;  // the request named no criterion
   try {
     Storage::CapDataStore store;
-    // A document under a client's key is somebody's data, perhaps all of this service's.
+    // A document under a client's key is another writer's data, perhaps all of this service's own.
     Storage::BsonElement stored;
     if (store.read(key, stored) && stored.AsDocument()) return false;
     return store.persist(key, skip);

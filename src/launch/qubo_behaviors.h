@@ -19,7 +19,7 @@ class QuboRegistrationCheckBehavior final : public Base::RegistrationCheckBehavi
   std::unique_ptr<RegistrationHelper> registrationHelper;
 };
 
-// Starts the companion app, or its predecessor where that fails.
+// Starts the companion app, or its predecessor if that fails.
 class QuboUwpLaunchBehavior final : public Base::ApplicationLaunchBehavior {
  public:
   static const wchar_t* const package_family_name;
@@ -31,8 +31,8 @@ class QuboUwpLaunchBehavior final : public Base::ApplicationLaunchBehavior {
   bool Run() const override;
 };
 
-// One mark in the shared store: a boolean at its top level. A store that cannot be used reads as
-// not marked and takes no mark; nothing is thrown.
+// One mark in the shared store: a boolean at its top level. Does not throw: if the store cannot be
+// used, the mark reads as false and saving it fails.
 class QuboLaunchCriteriaDataAccess final : public Base::ApplicationLaunchCriteriaDataAccess {
  public:
   explicit QuboLaunchCriteriaDataAccess(std::string storeKey);
@@ -44,8 +44,8 @@ class QuboLaunchCriteriaDataAccess final : public Base::ApplicationLaunchCriteri
   std::string key;
 };
 
-// Origin and version of the predecessor app's package as the console user has it; both zero where
-// there is none or Windows refuses.
+// Reads origin and version of the predecessor app's package as the console user has it. Both are
+// zero when the user has none or Windows refuses a call.
 class QuboBuildInfoDataAccess final : public Base::UwpBuildInfoDataAccess {
  public:
   std::pair<std::int32_t, std::uint64_t> GetOriginAndVersion() const override;

@@ -56,8 +56,8 @@ static_assert(std::wstring_view(kOobeCompleted).size() == 31);
 constexpr unsigned kStubMinor = 0;
 constexpr unsigned kNuboMinor = 1;
 
-// The package that the thread's user has of the family; empty when there is none or Windows would
-// not say.
+// Returns the full name of the app's package that the thread's user has. Empty when the user has
+// none or the query fails.
 std::wstring FullNameOf(const CompanionApp& app) {
   try {
     return FirstPackageOf(app.packageFamilyName);

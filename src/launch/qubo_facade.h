@@ -14,16 +14,16 @@ struct QuboLaunchOverride {
   QuboLaunchOverride() = default;
   explicit QuboLaunchOverride(bool force) : forceRun(force) {}
 
-  bool forceRun = false;  // launch at every resume, whatever the decision would be
+  bool forceRun = false;  // launch at every resume, whatever the other rules say
 };
 
-// The companion app of the console user: its package's registration, telling it that set-up is
-// over, starting it, and deciding whether a resume has to.
+// The companion app of the console user. Registers its package, notifies the app that set-up is
+// complete, starts it, and decides whether a resume has to start it.
 //
-// Built for one operation on one thread and then dropped; its only memory is the shared store.
-// Operations that act as the user have reverted when they return. Refusals of Windows are logged
-// and answered with false. Blocks for as long as deployment (two minutes at most) or the app's own
-// service takes.
+// Constructed for one operation on one thread and then destroyed. The shared store is its only
+// memory. An operation that impersonates the user reverts before it returns. When Windows refuses a
+// call, the operation logs it and returns false. Blocks for as long as the deployment (two minutes
+// at most) or the app's own service takes.
 class QuboFacade {
  public:
   using QuboStartingPoint = Qubo::QuboStartingPoint;
@@ -36,7 +36,7 @@ class QuboFacade {
   static const wchar_t* const oobe_app_service_name;
   static const wchar_t* const oobe_app_service_name_qubo;
 
-  // For this machine as it is.
+  // Uses this machine's own behaviours.
   QuboFacade();
 
   QuboFacade(std::shared_ptr<QuboDataAccessFactory> dataAccess,
@@ -49,43 +49,42 @@ class QuboFacade {
   QuboFacade& operator=(const QuboFacade&) = delete;
   ~QuboFacade();
 
-  // `name` receives "domain\user" of the console user.
+  // `name` receives the console user as "domain\user".
   bool GetCurrentUserName(std::wstring& name) const;
 
-  // `fullName` receives the companion package that the console user has, the predecessor's where
-  // there is no other.
+  // `fullName` receives the companion package that the console user has, or else the predecessor's.
   bool GetPackageFullName(std::wstring& fullName) const;
 
-  // Registers the companion package for the console user if it is only staged; true when it is
-  // registered afterwards.
+  // Registers the companion package for the console user if it is only staged. Returns true when it
+  // is registered afterwards.
   bool RegisterApp() const;
   bool RegisterApp(const std::wstring& user, const std::wstring& fullName) const;
 
   bool LaunchUwpForOobe() const;
   bool LaunchUwpWithParameter(const std::wstring& parameter) const;
 
-  // Registers the package and decides. The reason of a launch counts as used whether or not the app
-  // could be started.
+  // Registers the package, decides, and starts the app if the decision says so. The reason counts
+  // as used whether or not the app could be started.
   QuboStartingPoint LaunchUwpWhenComingBackFromSleepIfNeeded();
 
-  // Decides. The mark is handed on by the other overload and not consulted.
+  // Does the same without registering the package. Does not read `criteria`.
   QuboStartingPoint LaunchUwpWhenComingBackFromSleepIfNeeded(
       const std::shared_ptr<Base::ApplicationLaunchCriteriaDataAccess>& criteria);
 
-  // What a resume would do now, and why. Launches nothing and marks nothing.
+  // Returns what a resume would do now, and why. Launches nothing and marks nothing.
   ResumeDecision ExplainResume() const;
 
-  // Tells the app, through its app service, that set-up is over.
+  // Notifies the app through its app service that set-up is complete.
   bool CallAppServiceAfterOobe() const;
   bool CallAppServiceAfterOobe(const std::wstring& packageFamilyName,
                                const std::wstring& appServiceName) const;
 
-  // Marks one reason for an automatic launch as used. Any key is taken.
+  // Marks one reason for an automatic launch as used. Accepts any key that is not empty.
   bool SkipAutoLaunchCriteria(const std::string& key) const;
   bool SkipAutoLaunchCriteria(
       const std::shared_ptr<Base::ApplicationLaunchCriteriaDataAccess>& criteria) const;
 
-  // Whether the predecessor's package is a 1.0 placeholder, or a 1.1 build.
+  // Return whether the predecessor's package is a 1.0 placeholder, or a 1.1 build.
   bool IsStubClient() const;
   bool IsNuboClient() const;
 
@@ -96,7 +95,7 @@ class QuboFacade {
   ResumeDecision GetStartingPointWhenComingBackFromSleepForWindowsS() const;
   void MarkAsUsed(QuboStartingPoint reason) const;
 
-  // Runs `action` as the console user and answers what it answers; false when that cannot be done.
+  // Runs `action` as the console user and returns its result. Returns false if that is impossible.
   template <typename Action>
   bool AsConsoleUser(Action&& action) const;
 

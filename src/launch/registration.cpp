@@ -49,8 +49,8 @@ bool Expand(const wchar_t* path, std::wstring& expanded) {
   return McAfeeHelper().expand_path_impersonated_as_loggedin_user(path, expanded);
 }
 
-// The destination is the user's own folder, where a link may wait, and the variables in both paths
-// are the user's too. So neither side is touched with more rights than the user has.
+// The user controls the destination folder, where a link may wait, and the variables in both paths.
+// So the copy reads and writes with no more rights than the user has.
 bool CopyAsUser(const std::wstring& source, const std::wstring& destination, const wchar_t* caller,
                 const Logging::TraceLogger& logger) {
   const auto report = ReportTo(*Logging::LogManager::SetProvider(Logging::kComponentProvider));

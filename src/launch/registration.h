@@ -8,8 +8,8 @@
 
 namespace Vx::Tessel::Server::Services::Orvane {
 
-// What the owner did about registering the product, as another service of the host left it in the
-// shared store. Only read here. Keeps nothing between calls; any thread.
+// Reads whether the owner registered the product, which another service of the host writes to the
+// shared store. Keeps nothing between calls; any thread.
 class RegistrationHelper {
  public:
   enum class RegistrationState : std::int32_t {
@@ -22,23 +22,23 @@ class RegistrationHelper {
 
   RegistrationHelper();
 
-  // Unknown also when the store cannot be read. Throws nothing.
+  // Returns Unknown also when the store cannot be read. Does not throw.
   RegistrationState GetRegistrationState() const;
 
-  // The state that a stored text stands for; case and blanks count.
+  // Returns the state that a stored text stands for. Case and blanks count.
   static RegistrationState MapValueToState(std::string_view value);
 
  private:
   const Logging::TraceLogger* logger;
 };
 
-// Expands paths as the user at the console. Any thread; each call has reverted when it returns.
+// Expands paths as the user at the console. Any thread. Each call reverts before it returns.
 class McAfeeHelper {
  public:
   McAfeeHelper();
 
-  // `path` with the console user's variables put in, at most 520 characters with the terminator.
-  // False, logged, when nobody is there or Windows refuses.
+  // `expanded` receives `path` with the console user's variables expanded, at most 520 characters
+  // with the terminator. Returns false, and logs, when there is no console user or Windows refuses.
   bool expand_path_impersonated_as_loggedin_user(const std::wstring& path,
                                                  std::wstring& expanded) const;
 
@@ -46,13 +46,13 @@ class McAfeeHelper {
   const Logging::TraceLogger* logger;
 };
 
-// Copies the machine's registration data to where the console user's programs look for it; true
-// when that was done. Nothing is copied unless both paths could be expanded as that user. `caller`
-// is who the log lines are about. The copying, too, is done with that user's rights.
+// Copies the machine's registration data to the folder where the console user's programs look for
+// it. Returns true when the copy was made. Copies nothing unless both paths could be expanded as
+// that user, and copies with that user's rights. `caller` is the client of the log lines.
 bool CopyRegistrationData(const wchar_t* caller, const Logging::TraceLogger& logger);
 
-// The same after a resume, where the user's path is asked for first and the machine's only if there
-// is one.
+// Makes the same copy after a resume. Expands the user's path first, and the machine's only if that
+// succeeded.
 bool RefreshRegistrationData(const Logging::TraceLogger& logger);
 
 }  // namespace Vx::Tessel::Server::Services::Orvane

@@ -10,7 +10,7 @@ namespace {
 
 using State = RegistrationHelper::RegistrationState;
 
-// Asks and keeps the answers, so that an explanation shows just what the decision saw.
+// Asks the questions and keeps the answers, so that an explanation shows what the decision used.
 class Questioner {
  public:
   explicit Questioner(const ResumeSources& askedSources) : sources(askedSources) {}

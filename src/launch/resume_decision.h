@@ -8,7 +8,7 @@
 
 namespace Vx::Tessel::Server::Services::Orvane::Qubo {
 
-// Why the companion app was started after a resume.
+// The reason why a resume started the companion app.
 enum class QuboStartingPoint : std::int32_t {
   None = 0,
   Forced = 1,
@@ -16,14 +16,14 @@ enum class QuboStartingPoint : std::int32_t {
   Software = 3,
 };
 
-// The rule that settled a resume.
+// The rule that decided a resume.
 enum class ResumeRule {
   Forced,                 // the override is set
   Software,               // preloaded software is missing, and this reason is unused
   Registration,           // the owner skipped registration, and this reason is unused
-  RegistrationUsed,       // as before, but this reason was used already
+  RegistrationUsed,       // the owner skipped registration, but this reason was used before
   NotInSMode,             // the owner skipped registration on a machine that never was in S mode
-  RegistrationNotSkipped  // neither reason is there
+  RegistrationNotSkipped  // neither reason applies
 };
 
 enum class ResumeQuestion {
@@ -38,7 +38,7 @@ enum class ResumeQuestion {
   RegistrationUsed,
 };
 
-// One question as it was asked; the answer is 0 or 1, or the number of the registration state.
+// A question that the decision asked. The answer is 0 or 1, or the number of a registration state.
 struct ResumeAnswer {
   ResumeQuestion question;
   std::int32_t answer;
@@ -47,10 +47,11 @@ struct ResumeAnswer {
 struct ResumeDecision {
   QuboStartingPoint startingPoint = QuboStartingPoint::None;
   ResumeRule rule = ResumeRule::RegistrationNotSkipped;
-  std::vector<ResumeAnswer> answers;  // in the order of asking; what is not here was not asked
+  std::vector<ResumeAnswer>
+      answers;  // in the order of asking; a question that was not asked is missing
 };
 
-// Who answers the questions; borrowed for one decision.
+// The objects that answer the questions. Borrowed for one decision.
 struct ResumeSources {
   const Base::SoftwareCheckBehavior& firstSoftware;
   const Base::SoftwareCheckBehavior& secondSoftware;
@@ -60,12 +61,12 @@ struct ResumeSources {
   const Base::ApplicationLaunchCriteriaDataAccess& registrationUsed;
 };
 
-// Decides whether a resume starts the companion app. Missing software outranks registration; both
-// count only on a machine that is or was in S mode, and each only until it was used. Asks no more
-// than it needs, in a fixed order, and changes nothing.
+// Decides whether a resume starts the companion app. Missing software outranks registration. Both
+// count only on a machine that is or was in S mode, and each counts until it is used. Asks only
+// what it needs, in a fixed order, and changes nothing.
 ResumeDecision DecideResume(const ResumeSources& sources);
 
-// The decision for a person: one line for each answer, then the rule and what follows from it.
+// Returns the decision as text: one line per answer, then the rule and the starting point.
 std::vector<std::wstring> Explain(const ResumeDecision& decision);
 
 }  // namespace Vx::Tessel::Server::Services::Orvane::Qubo

@@ -21,7 +21,7 @@ constexpr std::wstring_view kLogonProcess = L"winlogon.exe";
 constexpr wchar_t kUserDesktop[] = L"winsta0\\default";
 constexpr std::size_t kMaxProcesses = 2048;
 
-// The SYSTEM token of a session's logon process; empty on any failure.
+// Returns the SYSTEM token of a session's logon process. Null on any failure.
 Platform::UniqueHandle SystemTokenIn(std::uint32_t session) {
   const Platform::Processes& processes = *Platform::CurrentMachine().processes;
   for (const std::uint32_t id : processes.Ids(kMaxProcesses)) {
@@ -42,10 +42,10 @@ int LaunchProcessInSession(const Security::TrustedProgram& program, const std::w
   const Platform::Machine& machine = Platform::CurrentMachine();
 
   auto environment = machine.environment->Block(nullptr);
-  // Without a block of its own the program would get the service's variables.
+  // Without an environment block the program would inherit the service's variables.
   if (!environment || environment->empty()) return 0;
 
-  // A null token would mean the service's own session.
+  // With a null token the program would start in the service's own session.
   const Platform::UniqueHandle token = SystemTokenIn(session);
   if (token == nullptr) return 0;
 

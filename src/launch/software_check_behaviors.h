@@ -6,8 +6,8 @@
 
 namespace Vx::Tessel::Server::Services::Orvane::Qubo {
 
-// The support assistant: a registry value or a package says that it is installed. Answers false
-// where Windows refuses.
+// The support assistant. It is installed if a registry value or a package exists. Returns false
+// when Windows refuses a call.
 class SentraSoftwareCheckBehavior final : public Base::SoftwareCheckBehavior {
  public:
   SentraSoftwareCheckBehavior();
@@ -24,14 +24,14 @@ class SentraSoftwareCheckBehavior final : public Base::SoftwareCheckBehavior {
   std::wstring preloadFolder;
 };
 
-// The virus scanner: its folder says that it is installed. It has no package.
+// The virus scanner. It is installed if its folder exists. It has no package.
 class McAfeeSoftwareCheckBehavior final : public Base::SoftwareCheckBehavior {
  public:
   McAfeeSoftwareCheckBehavior();
 
   bool IsWin32Installed() const override;
 
-  // Throws std::logic_error always.
+  // Always throws std::logic_error.
   bool IsUwpInstalled() const override;
 
   bool IsInstalled() const override;

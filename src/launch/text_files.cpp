@@ -21,24 +21,25 @@ constexpr wchar_t kDestinationFailed[] = L"Error while copying destination file 
 
 constexpr std::uint32_t kReadOnly = 0x1;  // FILE_ATTRIBUTE_READONLY
 
-// Asked for beforehand: the emulator's move replaces read-only files, where Windows refuses.
+// Checked before the move, because the emulator replaces a read-only file where Windows refuses.
 bool IsReadOnly(const Platform::Files& files, const std::wstring& path) {
   const auto attributes = files.Attributes(path);
   return attributes && (*attributes & kReadOnly) != 0;
 }
 
-// By way of a second file, so that a copy cut short leaves the old content, or nothing.
+// Writes a second file and moves it over the first, so that a copy cut short leaves the old
+// content.
 bool Replace(Platform::Files& files, const std::wstring& destination,
              std::span<const std::byte> content) {
   if (IsReadOnly(files, destination)) return false;
-  static std::mutex copying;  // the second file is the same for every copy
+  static std::mutex copying;  // every copy to one destination uses the same second file
   const std::lock_guard guard(copying);
   const std::wstring part = destination + kPartEnding;
   const bool written = files.Overwrite(part, content) == 0;
   if (written && files.MoveOver(part, destination) == 0) return true;
   files.Remove(part);
-  // Whoever has the destination open may keep it from being replaced and still let it be
-  // written; only that copy can be cut short.
+  // A process that has the destination open can prevent its replacement and still share writing.
+  // Only a copy made in place can be cut short.
   return written && files.Overwrite(destination, content) == 0;
 }
 

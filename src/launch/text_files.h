@@ -7,16 +7,16 @@
 
 namespace Vx::Tessel::Server::Services::Orvane {
 
-// No file that is read whole here is larger.
+// The largest file that these functions read.
 inline constexpr std::size_t kMaxTextFile = std::size_t{16} * 1024 * 1024;  // bytes
 
-// The text of a file as Json::DecodeText has it. Empty, and logged, when it has no mark; empty when
-// it cannot be read. `caller` is who the log lines are about.
+// Returns the text of a file as Json::DecodeText decodes it. Empty, and logged, if the file has no
+// mark. Empty if it cannot be read. `caller` is the client of the log lines.
 std::wstring ReadTextFile(const std::wstring& path, const wchar_t* caller,
                           const Logging::TraceLogger& logger);
 
-// Copies a file's bytes over another; true when all were written. The side that failed is logged. A
-// destination that cannot be written whole is left as it was.
+// Copies the bytes of one file over another. Returns true when all were written. Logs the file that
+// could not be read or written. A destination that cannot be written whole stays as it was.
 bool CopyFileContent(const std::wstring& source, const std::wstring& destination,
                      const wchar_t* caller, const Logging::TraceLogger& logger);
 

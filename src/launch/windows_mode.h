@@ -8,20 +8,20 @@
 
 namespace Vx::Tessel::Server::Services::Orvane {
 
-// The lockdown mode of a machine in S mode.
+// The lockdown mode that means S mode.
 inline constexpr std::int32_t kLockedMode = 2;
 
-// The lockdown mode as Windows' policy library reports it now, 0 also when it cannot be asked. The
-// library is loaded only when it is trusted, and unloaded again. `callerName` is for the log.
+// Returns the lockdown mode that Windows' policy library reports now, or 0 if that fails. Loads the
+// library only if it is trusted, and unloads it again. `callerName` is for the log.
 std::int32_t QueryLockoutMode(const wchar_t* callerName);
 
 namespace Qubo {
 
-// S mode now, from Windows, and at the first start, from the service's document as it was when this
-// object was made.
+// Compares the S mode that Windows reports now with that of the first start, which the constructor
+// reads from the service's document.
 class WindowsModeCheckBehavior final : public Base::ModeCheckBehavior {
  public:
-  // A store that cannot be read is logged; then the first mode is unknown.
+  // Logs a store that cannot be read. The first mode is unknown then.
   WindowsModeCheckBehavior();
 
   bool HasBeenInSMode() override;

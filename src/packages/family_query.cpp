@@ -21,7 +21,8 @@ constexpr std::ptrdiff_t kFullNameSeparators = 4;
 
 std::wstring FirstPackageOf(const std::wstring& familyName) {
   const auto found = Platform::CurrentMachine().packages->FindByFamily(familyName);
-  // Learning the size ends in "too small" when there are packages, in success when there are none.
+  // The query for the size fails with "too small" if there are packages and succeeds if there are
+  // none.
   if (found.sizeError != kSuccess && found.sizeError != kInsufficientBuffer) {
     throw PackageError(kFindByFamily, found.sizeError);
   }

@@ -11,10 +11,10 @@
 namespace Vx::Tessel::Server::Services::Orvane {
 
 // A step of the package model that Windows refused. The text is UTF-8: the call, its code in
-// hexadecimal, and what Windows had to say about it, if anything.
+// hexadecimal, and Windows' own error text if there is one.
 class PackageError : public std::runtime_error {
  public:
-  // `code` is a Win32 error or an HRESULT, whichever the call gives.
+  // `code` is a Win32 error or an HRESULT, whichever the call returned.
   PackageError(std::wstring_view call, std::uint32_t code, std::wstring_view details = {});
 
   // The message of `error` names the call.
@@ -26,8 +26,8 @@ class PackageError : public std::runtime_error {
   std::uint32_t errorCode;
 };
 
-// Reports a step of acting as the console user that Windows refused: throws PackageError, or logs a
-// warning when the thread could not revert.
+// Reports a step of acting as the console user that Windows refused. Throws PackageError, or logs a
+// warning if the thread could not revert.
 void ReportRefusedStep(Platform::ActingStep step, Platform::ErrorCode error);
 
 }  // namespace Vx::Tessel::Server::Services::Orvane

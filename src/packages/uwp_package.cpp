@@ -15,7 +15,7 @@ namespace Vx::Tessel::Server::Services::Orvane {
 
 namespace {
 
-// Registering a staged package takes seconds; the rest is for a machine that is busy at logon.
+// Registering a staged package takes seconds. The margin is for a machine that is busy at logon.
 constexpr std::chrono::minutes kRegistrationLimit{2};
 
 constexpr wchar_t LowerAscii(wchar_t unit) {
@@ -55,7 +55,7 @@ bool UwpPackage::ShouldForceRegistration(const std::wstring& user,
 
 void UwpPackage::Register(const std::wstring& fullName) const {
   try {
-    // The deployment is asked for, waited for and read as the user, for whom alone it counts.
+    // Starts, awaits and reads the deployment as the user, because it applies to that user alone.
     const auto registration = Platform::AsConsoleUser(&ReportRefusedStep, [&] {
       return Platform::CurrentMachine().packages->Register(fullName, kRegistrationLimit);
     });

@@ -29,7 +29,7 @@ constexpr Hresult kOutOfMemory = static_cast<Hresult>(0x8007000E);
 constexpr Hresult kInvalidArgument = static_cast<Hresult>(0x80070057);
 constexpr Hresult kInsufficientBuffer = static_cast<Hresult>(0x8007007A);
 
-// Windows' own mapping: what is negative already is an HRESULT.
+// Windows' own mapping. A negative code is an HRESULT already.
 Hresult FromCode(std::uint32_t code) {
   constexpr std::uint32_t kWin32Facility = 0x80070000;
   if (static_cast<Hresult>(code) < 0) return static_cast<Hresult>(code);
@@ -97,8 +97,8 @@ class ExportedPackageModel final : public UwpPackageModel {
     return code;
   }
 
-  // The boundary of every operation: the caller was built by another compiler, so nothing thrown
-  // may pass.
+  // The boundary of every operation. The caller was built by another compiler, so no exception may
+  // leave it.
   template <typename Operation>
   Hresult Answer(const char* name, bool argumentsComplete, Operation&& operation) noexcept {
     try {
@@ -124,7 +124,7 @@ class ExportedPackageModel final : public UwpPackageModel {
     try {
       lastError = Json::ToWide(text);
     } catch (const std::bad_alloc&) {
-      lastError.clear();  // the code alone has to do
+      lastError.clear();  // the caller gets the code alone
     }
     return code;
   }

@@ -11,18 +11,18 @@
 // how it reports a step that Windows refuses.
 namespace Vx::Platform {
 
-// In the order in which they are taken.
+// The steps in the order in which they are taken.
 enum class ActingStep { Session, SessionApi, Token, TokenCopy, Impersonation, Revert };
 
-// Receives a refused step and its error, on the thread that acts. May throw, except for Revert:
-// that one is reported by a destructor.
+// Receives the step that Windows refused and its error, on the thread that acts. May throw, except
+// for Revert, which a destructor reports.
 using ActingReport = std::function<void(ActingStep step, ErrorCode error)>;
 
-// The primary token of the user at the console; null after a refusal. Session fails with
+// Returns the primary token of the user at the console, or null after a refusal. Session fails with
 // ERROR_NO_TOKEN, SessionApi with ERROR_CALL_NOT_IMPLEMENTED.
 UniqueHandle ConsoleUserToken(const ActingReport& report);
 
-// A copy of that token with maximum allowed access and impersonation level "impersonation".
+// Returns a copy of that token with maximum allowed access and impersonation level "impersonation".
 UniqueHandle ConsoleUserToken(TokenType type, const ActingReport& report);
 
 // Runs the calling thread as another user for the life of this object.
@@ -55,7 +55,7 @@ auto AsUser(RawHandle token, const ActingReport& report, Action&& action) -> dec
   return std::forward<Action>(action)();
 }
 
-// The same as the user at the console.
+// Does the same as the user at the console.
 template <typename Action>
 auto AsConsoleUser(const ActingReport& report, Action&& action) -> decltype(action()) {
   const UniqueHandle token = ConsoleUserToken(report);
