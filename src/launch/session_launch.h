@@ -9,11 +9,12 @@ class TrustedProgram;
 
 namespace Vx::Tessel::Server::Services::Orvane {
 
-// Starts `program` in `session` with the SYSTEM token of that session's winlogon.exe and the system's
-// environment. Leaves out arguments that do not fit into a command line. An empty working directory
-// means the program's own folder. `packageFolder`, if not empty, is the folder name of a packaged
-// app; the environment then names that app's local and roaming data folders. Returns non-zero when
-// the process was created; `processId` then receives its id. Throws only std::bad_alloc.
+// Starts `program` in `session` with the SYSTEM token of that session's winlogon.exe and the
+// system's environment. Leaves out arguments that do not fit into a command line. An empty working
+// directory means the program's own folder. `packageFolder`, if not empty, is the folder name of a
+// packaged app; the environment then names that app's local and roaming data folders. Returns
+// non-zero when the process was created; `processId` then receives its id. Throws only
+// std::bad_alloc.
 int LaunchProcessInSession(const Security::TrustedProgram& program, const std::wstring& arguments,
                            const std::wstring& workingDirectory, std::uint32_t session,
                            std::uint32_t& processId, const std::wstring& packageFolder = {});

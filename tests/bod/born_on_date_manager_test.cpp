@@ -37,7 +37,7 @@ class BornOnDateManagerTest : public ::testing::Test {
  protected:
   BornOnDateManagerTest() { clock.SetUtcFileTime(*FileTimeOf({2024, 7, 0, 15, 10, 20, 30, 0})); }
 
-  // What the firmware holds after an empty date was to be set where it held `block` before.
+  // Returns what the firmware holds after setting an empty date where it held `block` before.
   std::string SetOver(std::string block) {
     block.resize(128);
     firmware.SetWarrantyBlock(std::move(block));
@@ -79,7 +79,7 @@ TEST_F(BornOnDateManagerTest, TakesTheDayThatSetUpEndedOnlyWhenItIsEarlier) {
     const char* name = nullptr;
     SYSTEMTIME stamp{};
     const char* written = nullptr;
-    std::size_t size = sizeof(SYSTEMTIME);  // of what is stored
+    std::size_t size = sizeof(SYSTEMTIME);  // of the stored value
     DWORD type = REG_BINARY;
   } kCases[] = {
       {"before", {2023, 4, 4, 6, 23, 59, 59, 0}, "20230406"},

@@ -16,7 +16,7 @@ CalendarTime Day(int year, int month, int day) {
           static_cast<std::uint16_t>(day)};
 }
 
-// The standard library's calendar is the judge, asked with the year that the text spells.
+// Compares with the standard library's calendar, for the year that the text spells.
 TEST(BornOnDateTest, AgreesWithTheCalendarOnEveryDayFieldOf1970To2100) {
   for (int year = 1970; year <= 2100; ++year) {
     for (unsigned month = 0; month <= 99; ++month) {

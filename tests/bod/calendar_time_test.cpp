@@ -7,7 +7,7 @@ namespace {
 
 constexpr std::uint64_t kDay = 864'000'000'000;
 
-// The units at which Windows' own conversion puts some well-known moments.
+// Some well-known moments as Windows' own conversion returns them.
 TEST(CalendarTimeTest, AgreesWithKnownMomentsInBothDirections) {
   static constexpr struct {
     CalendarTime time;

@@ -29,7 +29,7 @@ constexpr std::uint32_t kBlock = 128;
 constexpr auto kMissing = static_cast<std::int32_t>(0x80041002);
 constexpr auto kDenied = static_cast<std::int32_t>(0x80041003);
 
-// The rest of a failed step's line.
+// Returns the rest of a failed step's line.
 std::wstring Failed(const std::wstring& function, std::int32_t result) {
   wchar_t code[16];
   _snwprintf(code, std::size(code), L"%x", static_cast<unsigned>(result));
@@ -69,7 +69,7 @@ class VxBiosWmiTest : public ::testing::Test {
                                bytes.data(), 0, nullptr, &returnCode);
   }
 
-  // Runs a write that is to end with `result`, and leaves nothing of it.
+  // Runs a write, expects `result`, and clears the log and the calls.
   void ExpectWrite(std::int32_t result) {
     {
       VxBiosWmi bios;
@@ -79,7 +79,7 @@ class VxBiosWmiTest : public ::testing::Test {
     ExpectNothingLeft();
   }
 
-  // Runs a read whose reply cannot be used, which one line tells.
+  // Runs a read whose reply is unusable, and expects one log line about it.
   void ExpectUnreadable(const std::wstring& step, const std::wstring& line) {
     VxBiosWmi bios;
     EXPECT_EQ(Read(bios), S_OK);
@@ -142,7 +142,7 @@ TEST_F(VxBiosWmiTest, AnswersAndLogsTheResultOfTheStepThatFails) {
     const char* step = nullptr;
     const wchar_t* operation = nullptr;
     const wchar_t* function = nullptr;
-    // What the step answers when it succeeds and hands nothing out, and what comes of that.
+    // The step's result when it succeeds without an object, and the result of the command.
     std::optional<std::int32_t> claimed = std::nullopt;
     std::int32_t result = E_POINTER;
   } kCases[] = {
@@ -187,7 +187,7 @@ TEST_F(VxBiosWmiTest, ACommandWhoseConnectionFailsIsEFailAndTheNextOneConnectsAn
     const wchar_t* function;
     int entriesLeft;
   } kCases[] = {
-      // The one path that leaves COM entered.
+      // The only path that leaves COM entered.
       {"CoCreateInstance", L"CoCreateInstance(IWbemLocator)", 1},
       {"ConnectServer", L"IWbemLocator->ConnectServer()", 0},
       {"SetBlanket", L"CoSetProxyBlanket()", 0},
@@ -216,7 +216,7 @@ TEST_F(VxBiosWmiTest, GoesOnWhereComWasSetUpByOthers) {
     std::int32_t result = S_OK;
     bool logged = true;
   } kCases[] = {
-      // The apartment was not entered by the channel, so it is not the channel's to leave.
+      // The channel did not enter the apartment, so it must not leave it.
       {"CoInitializeEx", L"CoInitializeEx()", static_cast<std::int32_t>(RPC_E_CHANGED_MODE)},
       {"CoInitializeSecurity", L"CoInitializeSecurity()", kDenied},
       {"CoInitializeSecurity", nullptr, static_cast<std::int32_t>(RPC_E_TOO_LATE), false},
@@ -245,7 +245,7 @@ TEST_F(VxBiosWmiTest, MemoryThatRunsOutIsEFail) {
 }
 
 TEST_F(VxBiosWmiTest, ATextThatCannotBeMadeIsThrownAndNothingIsLeftBehind) {
-  // Namespace, two classes, the instances' class, path and method.
+  // The namespace, two classes, the instances' class, the path and the method.
   for (unsigned skip = 0; skip < 6; ++skip) {
     SCOPED_TRACE(skip);
     firmware.FailAfter("MakeText", skip, 0);
@@ -261,7 +261,7 @@ TEST_F(VxBiosWmiTest, ATextThatCannotBeMadeIsThrownAndNothingIsLeftBehind) {
   firmware.ClearFailures();
 }
 
-// An array that claims to be of bytes, whatever its elements are.
+// Returns an array that is typed as bytes, whatever its elements are.
 void MakeArray(VARIANT& value, VARTYPE type, LONG lower, ULONG count) {
   VariantClear(&value);
   V_VT(&value) = VT_ARRAY | VT_UI1;
@@ -297,7 +297,7 @@ TEST_F(VxBiosWmiTest, AReplyThatDoesNotComeOrIsHostileIsLoggedAndLeavesTheBuffer
     std::int32_t result;
     std::wstring function;
     std::int32_t logged;
-    std::int32_t returnCode = 77;  // as it was
+    std::int32_t returnCode = 77;  // unchanged
   } kSteps[] = {
       {"ExecMethod", S_OK, noBlock, E_POINTER},
       {"Get OutData", kDenied, noBlock, kDenied},
@@ -358,7 +358,7 @@ TEST_F(VxBiosWmiTest, AnArrayThatStartsHigherFillsThePlacesThatItsIndicesName) {
   for (std::size_t i = 0; i < output.size(); ++i) EXPECT_EQ(output[i], i < 3 ? 0 : i);
 }
 
-// The real COM of this machine, and a client that knows of no simulated firmware.
+// Uses this machine's real COM, without simulated firmware.
 TEST_F(VxBiosWmiTest, ReachesARegisteredLocatorThroughComItself) {
   const Platform::MachineScope real(
       [](Platform::Machine& machine) { machine.com = Platform::WindowsMachine().com; });

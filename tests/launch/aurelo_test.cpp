@@ -21,13 +21,13 @@ constexpr wchar_t kProgram[] =
 constexpr wchar_t kScheduling[] = L"info|Scheduling Vx Aurelo launch";
 constexpr wchar_t kNoStore[] = L"error|Failed to create CapDataStore instance";
 
-// The launch itself an hour later is part of the service's first boot.
+// A scenario of the service's first boot tests the launch itself an hour later.
 class AureloScheduleTest : public Tests::StoreTest {
  protected:
   AureloScheduleTest() {
     machine.packages.Install({L"7C3B9E40.AureloCenter_r4x2m8kq7tn3b", L"Aurelo_1", {}}, L"ann");
   }
-  // A launch that a failed test left pending would end the process with its machine.
+  // A launch that a failed test leaves pending ends the process when its machine is destroyed.
   ~AureloScheduleTest() override { machine.Drain(); }
 
   void Schedule() { ScheduleLaunch(*Logging::LogManager::GetLogger(), timer); }

@@ -61,7 +61,8 @@ TEST_F(BehaviorTest, SentraIsInstalledByItsValueOrItsPackage) {
   machine.registry.SetText(kSentraKey, L"Version", L"");
   machine.faults.Clear();
   EXPECT_TRUE(sentra.IsInstalled());
-  EXPECT_THAT(machine.faults.Calls(), ElementsAre("Registry.Exists"));  // the value answers
+  EXPECT_THAT(machine.faults.Calls(),
+              ElementsAre("Registry.Exists"));  // the registry value is enough
 }
 
 TEST_F(BehaviorTest, FoldersTellPreloadedAndInstalled) {
@@ -96,7 +97,7 @@ TEST_F(BehaviorTest, ReadsTheStateThatAnotherServiceStored) {
   EXPECT_EQ(check.GetState(), State::SkippedOobe);
   EXPECT_THAT(log.Lines(), ElementsAre(L"info|value for registration_full_sent is skipped_oobe"));
 
-  Storage::CapDataStore().persist("registration_full_sent", true);  // of another kind
+  Storage::CapDataStore().persist("registration_full_sent", true);  // not a text
   EXPECT_EQ(check.GetState(), State::Unknown);
   store.Block();
   EXPECT_EQ(check.GetState(), State::Unknown);
@@ -172,7 +173,7 @@ TEST_F(RegistrationDataTest, CopiesTheMachinesDataOverTheUsersWithTheUsersRights
   EXPECT_EQ(accesses, 6);
   EXPECT_FALSE(machine.users.Acting());
 
-  // Neither path, and then not the right to copy.
+  // The first path, the second path and the right to copy are refused in turn.
   const std::pair<const char*, std::size_t> refused[] = {{"Environment.ExpandForUser", 0},
                                                          {"Environment.ExpandForUser", 1},
                                                          {"Sessions.Impersonate", 2}};
@@ -195,7 +196,7 @@ TEST_F(RegistrationDataTest, NamesTheSideThatFailed) {
   EXPECT_EQ(log.Callers().back(), L"Win10SSwitch");
 }
 
-// A folder of files and what is logged about them.
+// A folder of files and the log lines about them.
 class TextFileTest : public ::testing::Test {
  protected:
   std::wstring Text(const wchar_t* name) const {
@@ -241,7 +242,7 @@ TEST_F(TextFileTest, ADestinationThatCannotBeWrittenKeepsItsContentAndNoPartIsLe
   EXPECT_FALSE(Copy(L"nothing", L"target"));
   EXPECT_EQ(log.Lines().back(), L"error|Error while copying source file " + folder / L"nothing");
   {
-    // A disk that is full.
+    // The disk is full.
     Tests::FaultyFiles files;
     const Platform::MachineScope scope(
         [&](Platform::Machine& platform) { platform.files = &files; });

@@ -96,9 +96,9 @@ TEST(IsRealUserProfile, ExcludesTheProfilesOfNobody) {
       {L"C:\\Users\\ann", true},
       {L"", false},
       {L"C:\\Windows\\system32\\config\\systemprofile", false},
-      {L"C:\\Windows\\System32\\config\\systemprofile", true},  // the search minds the case
+      {L"C:\\Windows\\System32\\config\\systemprofile", true},  // the search is case-sensitive
       {L"C:\\Users\\Default\\x", false},
-      {L"C:\\Users\\Default", true},  // no backslash behind it
+      {L"C:\\Users\\Default", true},  // no backslash follows
       {L"C:\\Users\\defaultuser0", true},
       {L"C:\\Users\\\\defaultuser0", false},
   };

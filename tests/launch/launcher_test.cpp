@@ -54,7 +54,7 @@ TEST_F(LauncherTest, SaysWhichStepOfALaunchFailed) {
   const std::wstring size = L"warning|Problem while finding out the size of the buffer.";
   const struct {
     const char* call;
-    std::size_t succeeding;  // so often before it fails
+    std::size_t succeeding;  // successful calls before the failure
     Lines lines;
   } cases[] = {
       {"Sessions.QueryUserToken", 0, {kActing, kNoToken, kActing, kNoToken}},

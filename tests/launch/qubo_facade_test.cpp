@@ -74,7 +74,7 @@ TEST_F(QuboFacadeTest, ResumeLaunchesOnceForEachReasonAndWheneverItIsForced) {
     const std::size_t before = machine.processes.Started().size();
     const auto explained = QuboFacade().ExplainResume();
     EXPECT_EQ(explained.startingPoint, c.point);
-    EXPECT_EQ(explained.answers.empty(), c.point == Point::Forced);  // what is forced asks nothing
+    EXPECT_EQ(explained.answers.empty(), c.point == Point::Forced);  // a forced launch asks nothing
     log.Clear();
     EXPECT_EQ(QuboFacade().LaunchUwpWhenComingBackFromSleepIfNeeded(), c.point);
     EXPECT_TRUE(log.Has(kChecking));
@@ -156,7 +156,7 @@ TEST_F(QuboFacadeTest, TellsTheNewerAppAndElseTheOlderThatSetUpIsOver) {
   const std::wstring result = L"info|Attempt to launch Vx Lumo's AppService (OOBE) was ";
   const struct {
     std::deque<Simulator::SimulatedAppServices::Reply> replies;
-    bool gone;  // the apps, while they are told
+    bool gone;  // whether the apps vanish while they are notified
     std::vector<std::wstring> lines;
   } cases[] = {
       {{{0, L""}}, false, {L"info|OOBE AppService for Qubo was ok."}},
@@ -186,7 +186,7 @@ TEST_F(QuboFacadeTest, WithoutAStoreNothingIsMarkedAndNothingCanBe) {
 
 TEST_F(QuboFacadeTest, TellsPlaceholdersOfThePredecessorByItsVersion) {
   static constexpr struct {
-    const wchar_t* version;  // empty: the user has none
+    const wchar_t* version;  // empty if the user has no such package
     bool stub;
     bool nubo;
   } kCases[] = {
@@ -218,7 +218,7 @@ TEST_F(QuboFacadeTest, LaunchesTheNewerAppAndElseTheOlder) {
   EXPECT_FALSE(QuboFacade().LaunchUwpForOobe());
 }
 
-// A real program of a real user, started through its alias: no parameter names another program.
+// Starts a real program of a real user through its alias. No parameter names another program.
 TEST_F(QuboFacadeTest, AParameterReachesTheStartedAppAsItWasGiven) {
   const Tests::TempFolder profile;
   const auto aliases = profile.Path() / "AppData" / "Local" / "Microsoft" / "WindowsApps";
@@ -226,7 +226,8 @@ TEST_F(QuboFacadeTest, AParameterReachesTheStartedAppAsItWasGiven) {
   std::filesystem::copy_file(Tests::ProbePath(), aliases / "Qubo.exe");
   const Tests::EnvironmentOverride variable(L"USERPROFILE", profile.Path().wstring());
   machine.packages.Install({kQuboFamily, kQuboName, profile.Path().wstring()}, L"ann");
-  machine.users.Impersonate(machine.users.TokenOf(L"ann")->get());  // whose packages are asked for
+  machine.users.Impersonate(
+      machine.users.TokenOf(L"ann")->get());  // the query is about this user's packages
   const Platform::MachineScope real([](Platform::Machine& platform) {
     platform.sessions = Platform::WindowsMachine().sessions;
     platform.processes = Platform::WindowsMachine().processes;

@@ -14,7 +14,7 @@ namespace {
 using State = RegistrationHelper::RegistrationState;
 using ::testing::ElementsAre;
 
-// All that a resume decision can be told. It answers each question itself.
+// Everything that a resume decision depends on. Answers each of its questions.
 struct World final : Base::RegistrationCheckBehavior, Base::ModeCheckBehavior {
   struct Software final : Base::SoftwareCheckBehavior {
     bool IsWin32Installed() const override { return installed; }
@@ -33,8 +33,8 @@ struct World final : Base::RegistrationCheckBehavior, Base::ModeCheckBehavior {
     bool used = false;
   };
 
-  // The bits from the lowest: the first software preloaded and installed, the second likewise, was
-  // and is in S mode, software used, registration used.
+  // The bits from the lowest: first software preloaded and installed, second software preloaded and
+  // installed, was and is in S mode, software used, registration used.
   World(unsigned bits, State state) : registration(state) {
     const auto bit = [bits](unsigned n) { return (bits >> n & 1U) != 0; };
     first.preloaded = bit(0);
@@ -63,8 +63,8 @@ struct World final : Base::RegistrationCheckBehavior, Base::ModeCheckBehavior {
   State registration;
 };
 
-// The rule as one would say it, without an order of asking: missing software counts on a machine
-// that left S mode, skipped registration on one that is or was in it, each once, software first.
+// The rule without an order of asking. Missing software counts on a machine that left S mode,
+// skipped registration on one that is or was in S mode, each once, software first.
 QuboStartingPoint Expected(const World& world) {
   const bool missing = (world.first.preloaded && !world.first.installed) ||
                        (world.second.preloaded && !world.second.installed);
@@ -85,8 +85,8 @@ TEST(ResumeDecisionTest, IsTheRuleInEveryWorld) {
   }
 }
 
-// What need not be asked must not be, because asking costs: a trust check, a package query, the
-// store.
+// The decision asks only what it needs, because a question costs a trust check, a package query or
+// a read of the store.
 TEST(ResumeDecisionTest, NamesTheRuleThatSettledItAndAsksNoMoreThanThat) {
   using Q = ResumeQuestion;
   const struct {

@@ -25,11 +25,11 @@ constexpr wchar_t kLogon[] = L"C:\\Windows\\System32\\winlogon.exe";
 
 class SessionLaunchTest : public Tests::MachineTest {
  protected:
-  // Whether the program was started in the session.
+  // Returns whether the program was started in the session.
   bool Launch(std::uint32_t session = 1) {
     return LaunchProcessInSession(*program, {}, {}, session, processId) != 0;
   }
-  // A process of the user, or, for an empty name, one of the system in session 0.
+  // Adds a process of the user, or if the name is empty one of the system in session 0.
   std::uint32_t Run(const wchar_t* image, const std::wstring& user = {}) {
     Platform::ProcessStart start;
     start.application = image;
@@ -62,9 +62,9 @@ TEST_F(SessionLaunchTest, KnowsTheLogonProcessByItsExactNameAmongTheFirst2048) {
   EXPECT_FALSE(Launch(0));
   machine.processes.End(Run(kLogon));
   for (int i = 0; i < 2044; ++i) Run(L"C:\\a.exe");
-  const std::uint32_t last = Run(kLogon);  // number 2049 with the console's own
+  const std::uint32_t last = Run(kLogon);  // process 2049, with the console's own
   EXPECT_FALSE(Launch(0));
-  machine.users.DetachConsole();  // its logon process is gone
+  machine.users.DetachConsole();  // its logon process ends
   EXPECT_TRUE(Launch(0));
   machine.processes.End(last);
   EXPECT_FALSE(Launch(0));
@@ -80,7 +80,7 @@ TEST_F(SessionLaunchTest, AnswersZeroWithoutATokenAnEnvironmentOrAStart) {
   EXPECT_EQ(processId, 0U);
 }
 
-// A real program under the token of a process named as the logon process.
+// Starts a real program with the token of a process that has the logon process's name.
 TEST(RealSessionLaunchTest, StartsOnTheUsersDesktopWithoutTheServicesOwnVariables) {
   const Tests::TempFolder userFolder;
   const Tests::StandInLogon logon(userFolder.Path().wstring());

@@ -33,7 +33,7 @@ constexpr std::int32_t Hresult(std::uint32_t code) {
   return static_cast<std::int32_t>(code);
 }
 
-// The text of the exception that `operation` throws.
+// Returns the text of the exception that `operation` throws.
 std::string FailureOf(const std::function<void()>& operation) {
   try {
     operation();
@@ -45,7 +45,7 @@ std::string FailureOf(const std::function<void()>& operation) {
 
 class UwpPackageTest : public Tests::MachineTest {
  protected:
-  // After each test: no exception may leave the thread impersonating.
+  // Checks after each test that no exception left the thread impersonating.
   void TearDown() override { EXPECT_FALSE(machine.users.Acting()); }
 
   void Fail(const char* call) { machine.faults.FailNamed(call); }
@@ -93,7 +93,7 @@ TEST_F(UwpPackageTest, DoesNothingWithoutTheConsoleUser) {
 
 TEST_F(UwpPackageTest, ForcesTheRegistrationOfWhatIsStagedButNotRegistered) {
   static constexpr struct {
-    const wchar_t* staged;  // asked about: version 1 of the app of the same letter
+    const wchar_t* staged;  // the query is about version 1 of the app of the same letter
     const wchar_t* registered;
     bool force;
   } kCases[] = {
@@ -110,7 +110,7 @@ TEST_F(UwpPackageTest, ForcesTheRegistrationOfWhatIsStagedButNotRegistered) {
     if (c.registered[0] != 0) machine.packages.Install({letter + L"_p", c.registered, {}}, L"ann");
     machine.faults.Clear();
     EXPECT_EQ(UwpPackage().ShouldForceRegistration(kUser, letter + L"_1.0.0.0_x64__p"), c.force);
-    // Only the service itself may ask about others.
+    // Only the service itself may query another user's packages.
     EXPECT_THAT(machine.faults.Calls(), Not(Contains("Sessions.Impersonate")));
   }
 }
@@ -198,7 +198,7 @@ TEST_F(UwpPackageModelTest, AnswersRegistrationOriginAndVersion) {
   std::int32_t force = 7;
   EXPECT_EQ(model->ShouldForceRegistration(kUser, kFullName, &force), 0);
   EXPECT_EQ(force, 1);
-  // As a host of another compiler registers: through slot 3 of the object's table.
+  // Registers through slot 3 of the object's table, as a host of another compiler does.
   using RegisterSlot = std::int32_t (*)(void* self, const wchar_t* fullName);
   void* const object = model.get();
   EXPECT_EQ(reinterpret_cast<RegisterSlot>((*static_cast<void***>(object))[3])(object, kFullName),
