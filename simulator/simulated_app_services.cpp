@@ -57,7 +57,7 @@ SimulatedAppServices::Reply SimulatedAppServices::Take(const Message& message) {
       replies.pop_front();
     }
   }
-  timeline.Add(message.packageFamilyName + L" is told " + message.text + L" and answers " +
+  timeline.Add(message.packageFamilyName + L" receives " + message.text + L" and returns " +
                std::to_wstring(reply.first));
   return reply;
 }
