@@ -43,14 +43,14 @@ LoadedModule::LoadedModule(const std::wstring& fullPath)
       reinterpret_cast<void*>(GetProcAddress(static_cast<HMODULE>(module.get()),
                                              Tessel::Server::Services::kCreateServiceExport)));
   if (factory == nullptr) {
-    throw std::runtime_error(Utf8(fullPath) + " is no service module: it exports no " +
+    throw std::runtime_error(Utf8(fullPath) + " is not a service module: it does not export " +
                              Tessel::Server::Services::kCreateServiceExport);
   }
 }
 
 ServiceSession LoadedModule::NewService() const {
   auto* service = factory();
-  if (service == nullptr) throw std::runtime_error("the module's factory gave no service");
+  if (service == nullptr) throw std::runtime_error("the module's factory returned null");
   return ServiceSession(service);
 }
 

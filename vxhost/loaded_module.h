@@ -9,25 +9,25 @@
 
 namespace Vx::Host {
 
-// What a command came back with.
+// The outcome of a command.
 struct Answer {
   std::uint32_t code = 0;
-  std::optional<std::wstring> text;  // empty when the module gave none
+  std::optional<std::wstring> text;  // empty when the module returned none
 };
 
-// A service object and the caller's contexts, used as the service host uses them: through the slots
-// alone. Destroyed through slot 0.
+// A service object and its client contexts, used only through the slots, as the service host does.
+// Destroyed through slot 0.
 class ServiceSession {
  public:
-  // Takes over `created`, which came from a module's factory.
+  // Takes over `created`, which a module's factory returned.
   explicit ServiceSession(Tessel::Server::Services::VxService* created) : service(created) {}
 
   Tessel::Server::Services::VxService& Slots() { return *service; }
 
-  // Destroys the service; until another is assigned there is none.
+  // Destroys the service. No call may follow until another session is assigned.
   void End() { service.reset(); }
 
-  // Runs one command as `caller` (at most 64 characters). Blocks until it is answered.
+  // Runs one command as `caller` (at most 64 characters). Blocks until it has run.
   Answer Execute(std::uint32_t id, const std::wstring& request, const std::wstring& caller);
 
  private:
@@ -40,10 +40,10 @@ class ServiceSession {
 // A module loaded from a full path.
 class LoadedModule {
  public:
-  // Throws std::runtime_error with words that say what to do.
+  // Throws std::runtime_error, whose text advises the user.
   explicit LoadedModule(const std::wstring& fullPath);
 
-  // Calls the module's factory. Throws std::runtime_error when it gives nothing.
+  // Calls the module's factory. Throws std::runtime_error when it returns null.
   ServiceSession NewService() const;
 
  private:

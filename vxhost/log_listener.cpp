@@ -10,18 +10,18 @@ namespace Vx::Host {
 
 namespace {
 
-// Debug output is an exception that nobody has to handle: wide text on Windows 10 and later, narrow
-// text before and where the wide one goes unhandled.
+// Debug output is an exception that a program may leave unhandled: wide text on Windows 10 and
+// later, narrow text on earlier versions and when the wide exception goes unhandled.
 constexpr DWORD kWideDebugOutput = 0x4001000A;
 constexpr DWORD kNarrowDebugOutput = 0x40010006;
 
 std::mutex listenerLock;
 LogListener::Receiver* receiver = nullptr;
 
-// Threads whose wide text was heard and is now on its way to a monitor, as narrow text.
+// Threads whose wide text was received and is now on its way to a monitor, as narrow text.
 std::set<DWORD> passedOn;
 
-// Whether a monitor of debug output, "vxhost watch" for one, waits in another process.
+// Whether a monitor of debug output, such as "vxhost watch", waits in another process.
 bool MonitorWaits() {
   const Platform::UniqueHandle buffer(OpenFileMappingW(FILE_MAP_WRITE, FALSE, L"DBWIN_BUFFER"));
   return buffer != nullptr;
@@ -82,7 +82,7 @@ LogLine ParseLogLine(const std::wstring& text) {
 }
 
 LogListener::LogListener(Receiver function)
-    // The event by which a monitor of debug output makes itself known.
+    // The event by which the module recognises a monitor of debug output.
     : monitorEvent(CreateEventW(nullptr, FALSE, FALSE, L"DBWIN_DATA_READY")) {
   const std::lock_guard guard(listenerLock);
   receiver = new Receiver(std::move(function));

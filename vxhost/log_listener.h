@@ -11,14 +11,14 @@ namespace Vx::Host {
 struct LogLine {
   std::wstring level;  // INFO, WARNING or ERROR
   std::wstring provider;
-  std::wstring caller;  // empty when the line is about no client
+  std::wstring caller;  // empty when the line does not concern a client
   std::wstring message;
 };
 
-// Hears the log lines of a module in this process, in order, on the thread that logs. The module
-// writes them as debug output while somebody listens; this class is that somebody, and takes the
-// text from the exception that carries it, which a monitor in another process then still gets. One
-// at a time in a process.
+// Receives the log lines of a module in this process, in order, on the thread that logs. The module
+// writes them as debug output while a monitor exists. This class acts as one and takes the text
+// from the exception that carries it, and a monitor in another process still receives it. One
+// object per process at a time.
 class LogListener {
  public:
   using Receiver = std::function<void(const LogLine&)>;
@@ -33,7 +33,7 @@ class LogListener {
   void* handler;
 };
 
-// Takes a debug line `LEVEL provider [caller] message` apart; a line of another form has only a
+// Parses a debug line `LEVEL provider [caller] message`. A line of another form yields only a
 // message.
 LogLine ParseLogLine(const std::wstring& text);
 

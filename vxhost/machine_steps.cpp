@@ -30,7 +30,7 @@ struct Change {
   std::wstring Text(const wchar_t* key) const { return expand(Member(value, key)); }
 };
 
-// Seconds of a scenario, which may have a fraction.
+// Seconds, which may have a fraction.
 Simulator::VirtualClock::Duration Length(const WideValue& value) {
   return std::chrono::duration_cast<Simulator::VirtualClock::Duration>(
       std::chrono::duration<double>(value.GetDouble()));
@@ -45,7 +45,7 @@ void SetOobeKnown(const Change& change) {
   change.machine.system.SetOobeKnown(change.value.GetBool());
 }
 
-// A name, or a name and how many calls still succeed.
+// Takes a name, or a name and the number of calls that still succeed.
 void Refuse(const Change& change) {
   if (change.value.IsString()) {
     change.machine.faults.FailNamed(Utf8(change.expand(change.value)));
@@ -88,7 +88,7 @@ void Uninstall(const Change& change) {
       seconds(length == nullptr ? kUninstallLength : length->GetInt()));
 }
 
-// One status for each of the next messages; the last one stays.
+// One status for each of the next messages. The last one stays in effect.
 void SetAppServiceStatus(const Change& change) {
   if (!change.value.IsArray()) {
     change.machine.appServices.SetReplies({}, {change.value.GetInt(), L""});

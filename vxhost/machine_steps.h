@@ -8,24 +8,24 @@
 
 namespace Vx::Host {
 
-// The text that a value of a scenario stands for.
+// Returns the text of a scenario's value, with definitions expanded.
 using Expander = std::function<std::wstring(const Json::WideValue&)>;
 
-// A member of a step or of a part of it; null when there is none.
+// A member of a step or of one of its parts; null when it is absent.
 const Json::WideValue* Find(const Json::WideValue& object, const wchar_t* key);
 
-// One that has to be there. Throws std::runtime_error.
+// The same, for a required member. Throws std::runtime_error when it is absent.
 const Json::WideValue& Member(const Json::WideValue& object, const wchar_t* key);
 
-// Whether `key` is a step about the simulated machine.
+// Whether `key` is a part that changes the simulated machine.
 bool IsMachineStep(const std::wstring& key);
 
-// Does what the step asks of the machine (docs/vxhost.md has the parts), but for the passing of
-// time. Throws std::runtime_error.
+// Changes the machine as the step asks (docs/vxhost.md lists the parts), except for its time.
+// Throws std::runtime_error.
 void ChangeMachine(const Json::WideValue& step, const Expander& expand,
                    Simulator::SimulatedMachine& machine);
 
-// Lets the time of "advance": seconds pass, if the step has it, and everybody come to rest.
+// Lets the seconds of the step's "advance" pass, if it has one, and then every worker come to rest.
 void PassTime(const Json::WideValue& step, Simulator::SimulatedMachine& machine);
 
 }  // namespace Vx::Host

@@ -25,25 +25,27 @@ namespace {
 using namespace Vx::Host;
 
 constexpr char kAbout[] =
-    "The development host: loads the service module and plays the service host's part, and shows\n"
-    "an operator what the module stores, trusts and decides.";
+    "The development host: loads the service module in the role of the service host, and shows "
+    "what\n"
+    "the module stores, trusts and decides.";
 constexpr char kFooter[] =
-    "Exit codes: 0 done; 1 the command answered a failure, an expectation was not met, a file is\n"
-    "not trusted or has no signature to pin, or a subscription would never run; 2 wrong usage, or\n"
-    "the module, a file or the store cannot be used.\n"
+    "Exit codes: 0 done; 1 the command failed, an expectation was not met, a file is not trusted "
+    "or\n"
+    "has no signature to pin, or a subscription would never run; 2 wrong usage, or the module, a\n"
+    "file or the store cannot be used.\n"
     "\n"
-    "vxhost SUBCOMMAND --help tells more and shows an example.";
+    "vxhost SUBCOMMAND --help shows every option and an example.";
 
 // Below the help of each subcommand.
 constexpr char kExecFooter[] =
     "vxhost --dll, --private-store and --simulate choose the module and its store.\n"
-    "The answer's code decides the exit code: 0 for 0x00000000, else 1.\n"
+    "Exit code 0 for result code 0x00000000, else 1.\n"
     "  vxhost exec 22\n"
     "  vxhost --private-store exec 9 @subscription.json";
 constexpr char kScenarioFooter[] =
     "vxhost --dll, --private-store and --simulate choose the module and its store.\n"
     "A scenario is a JSON file of steps; see the samples, and docs/vxhost.md for every part.\n"
-    "Exit code 1 when an expectation was not met: the lines with !! say which.\n"
+    "Exit code 1 when an expectation was not met: the lines with !! name it.\n"
     "  vxhost --simulate scenario first_boot.json";
 constexpr char kEventsFooter[] =
     "vxhost --dll, --private-store and --simulate choose the module and its store.\n"
@@ -55,26 +57,27 @@ constexpr char kStoreFooter[] =
     "  vxhost store show > store.json";
 constexpr char kSubscriptionsFooter[] = "  vxhost subscriptions";
 constexpr char kTrustFooter[] =
-    "The keys are those that this vxhost was built with. Lines with + speak for the file, those "
-    "with\n"
-    "- against it. Exit code 0: trusted; 1: not.\n"
+    "The keys are those compiled into this vxhost. Lines with + are checks that the file passes, "
+    "lines\n"
+    "with - checks that it fails. Exit code 0: trusted; 1: not.\n"
     "  vxhost trust \"C:\\Program Files\\Maker\\Tool.exe\"";
 constexpr char kPinFooter[] = "  vxhost pin Signed.exe >> restricted.txt";
 constexpr char kWatchFooter[] =
     "  vxhost watch\n"
     "  vxhost watch --json --seconds 60 > lines.json";
 constexpr char kValidateFooter[] =
-    "Exit code 0: it can run here; 1: it never would, and the lines with NEVER say why.\n"
+    "Exit code 0: it can run here; 1: it would never run, and the lines with NEVER give the "
+    "reasons.\n"
     "  vxhost validate @subscription.json";
 constexpr char kResumeFooter[] = "  vxhost explain-resume";
 constexpr char kVersion[] = "vxhost " VX_VERSION;
 
-// What may be waited for at most: a day.
+// The longest wait: a day.
 constexpr int kLongestSeconds = 86'400;
 
 using Run = int (*)(const Options&, Console&);
 
-// The subcommands, and which of them the command line named.
+// The subcommands, and the one that the command line names.
 class CommandLine {
  public:
   CommandLine() : app(kAbout, "vxhost") {
@@ -88,12 +91,11 @@ class CommandLine {
         app.add_option("--dll", options.dll,
                        "the module (default: OrvaneService.dll beside vxhost)")
             ->group(group),
-        app.add_flag("--private-store", options.privateStore,
-                     "keep stored values in a folder of this run")
+        app.add_flag("--private-store", options.privateStore, "give this run a store of its own")
             ->group(group),
         app.add_flag("--simulate", options.simulate,
-                     "play on a simulated machine, with the service that is built into vxhost and\n"
-                     "a store of this run")
+                     "use a simulated machine, with the service that is built into vxhost and a\n"
+                     "store of its own")
             ->group(group)};
     AddModuleCommands();
     AddStoreCommands();
@@ -101,7 +103,7 @@ class CommandLine {
     AddOtherCommands();
   }
 
-  // The exit code.
+  // Returns the exit code.
   int Execute(std::vector<std::string> arguments) {
     try {
       RefuseUnknownSubcommand(arguments);
@@ -124,7 +126,7 @@ class CommandLine {
     return command;
   }
 
-  // The parser would say only that a subcommand is missing.
+  // The parser would only report that a subcommand is missing.
   void RefuseUnknownSubcommand(const std::vector<std::string>& arguments) const {
     if (arguments.empty() || arguments.front().rfind('-', 0) == 0) return;
     const std::string& name = arguments.front();
@@ -133,19 +135,18 @@ class CommandLine {
     if (known.empty()) throw CLI::ValidationError("there is no subcommand \"" + name + "\"");
   }
 
-  // What would be without effect misleads: the store, say, is then the machine's after all.
+  // An option without effect misleads: the command would, for example, use the machine's store.
   void RefuseUselessOptions() const {
     if (run == &Exec || run == &Scenario || run == &Events) return;
     for (const CLI::Option* option : moduleOptions) {
       if (option->count() == 0) continue;
-      throw CLI::ValidationError(option->get_name(),
-                                 "only exec, scenario and events have a use for it");
+      throw CLI::ValidationError(option->get_name(), "only exec, scenario and events use it");
     }
   }
 
   void AddModuleCommands() {
     auto* exec = Add(app, "exec", "run one command and print its answer", kExecFooter, &Exec);
-    exec->add_option("id", options.id, "the command's number")->required();
+    exec->add_option("id", options.id, "the number of the command")->required();
     exec->add_option("request", options.request, "the request's JSON, or @FILE");
     exec->add_option("--caller", options.caller, "the client's identity")->capture_default_str();
 
@@ -158,7 +159,7 @@ class CommandLine {
     auto* events = Add(app, "events", "send power and session events", kEventsFooter, &Events);
     events->add_option("--power", options.power, "power broadcast codes (PBT_)");
     events->add_option("--session", options.sessions, "session change codes (WTS_SESSION_)");
-    events->add_option("--seconds", options.seconds, "how long deliveries may take")
+    events->add_option("--seconds", options.seconds, "how long to wait for deliveries")
         ->check(CLI::Range(0, kLongestSeconds))
         ->capture_default_str();
   }
@@ -176,7 +177,8 @@ class CommandLine {
     auto* trust =
         Add(app, "trust", "explain whether a file is trusted, step by step", kTrustFooter, &Trust);
     trust->add_option("file", options.file, "the file")->required();
-    trust->add_flag("--general", options.general, "against the general keys, not the restricted");
+    trust->add_flag("--general", options.general,
+                    "check against the general keys instead of the restricted ones");
 
     auto* pin =
         Add(app, "pin", "print a signed file's public keys in the pinned form", kPinFooter, &Pin);
@@ -184,20 +186,20 @@ class CommandLine {
   }
 
   void AddOtherCommands() {
-    auto* watch = Add(app, "watch", "show the log lines of a running module as they come",
+    auto* watch = Add(app, "watch", "show the log lines of a running module as it writes them",
                       kWatchFooter, &Watch);
-    watch->add_option("--seconds", options.seconds, "how long; 0: until it is ended")
+    watch->add_option("--seconds", options.seconds, "how long; 0: until Ctrl+C")
         ->check(CLI::Range(0, kLongestSeconds));
-    watch->add_flag("--json", options.json, "one JSON object a line");
-    watch->add_flag("--global", options.global, "of services (needs administrator rights)");
+    watch->add_flag("--json", options.json, "one JSON object per line");
+    watch->add_flag("--global", options.global, "those of services (needs administrator rights)");
     watch->preparse_callback([this](std::size_t) { options.seconds = 0; });
 
     auto* validate =
-        Add(app, "validate", "check a subscription before it is sent", kValidateFooter, &Validate);
+        Add(app, "validate", "check a subscription before sending it", kValidateFooter, &Validate);
     validate->add_option("request", options.request, "the subscription's JSON, or @FILE")
         ->required();
 
-    Add(app, "explain-resume", "tell whether a resume would launch the companion app, and why",
+    Add(app, "explain-resume", "explain whether a resume would launch the companion app, and why",
         kResumeFooter, &ExplainResume);
   }
 
@@ -207,7 +209,7 @@ class CommandLine {
   Run run = nullptr;
 };
 
-// The arguments as UTF-8: those of main have been through the system's code page.
+// The arguments as UTF-8. Those of main passed through the system's code page.
 std::vector<std::string> Arguments() {
   int count = 0;
   const std::unique_ptr<wchar_t*, decltype(&LocalFree)> wide(
@@ -225,7 +227,7 @@ int Fail(const std::string& why) {
 }  // namespace
 
 int main() {
-  static_cast<void>(SetConsoleOutputCP(CP_UTF8));  // a console of another kind shows what it can
+  static_cast<void>(SetConsoleOutputCP(CP_UTF8));  // on failure the console shows what it can
   try {
     return CommandLine().Execute(Arguments());
   } catch (const Vx::Platform::WindowsRuntimeError& error) {

@@ -19,7 +19,7 @@ std::map<std::wstring, std::wstring> Definitions(const std::vector<std::string>&
   std::map<std::wstring, std::wstring> definitions;
   for (const std::string& argument : arguments) {
     const std::size_t equals = argument.find('=');
-    if (equals == std::string::npos) throw std::runtime_error("--define wants NAME=VALUE");
+    if (equals == std::string::npos) throw std::runtime_error("--define needs NAME=VALUE");
     definitions[Wide(argument.substr(0, equals))] = Wide(argument.substr(equals + 1));
   }
   return definitions;
@@ -63,7 +63,7 @@ int Events(const Options& options, Console& console) {
     console.Line("-> session change " + std::to_string(code));
     stage.session.Slots().OnSessionChange(code);
   }
-  // Deliveries run on threads of their own.
+  // Deliveries run on their own threads.
   if (stage.machine != nullptr) {
     stage.machine->clock.Advance(std::chrono::seconds(options.seconds));
   } else {

@@ -5,8 +5,9 @@
 
 namespace Vx::Host {
 
-// The subcommands that load the module and play the service host's part. Each returns an ExitCode;
-// throws std::exception for what the user has to put right: the module, a file, a text.
+// The subcommands that load the module in the role of the service host. Each returns an ExitCode
+// and throws std::exception for a fault that the user has to correct: in the module, a file or a
+// text.
 int Exec(const Options& options, Console& console);
 int Scenario(const Options& options, Console& console);
 int Events(const Options& options, Console& console);

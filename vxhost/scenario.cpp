@@ -33,14 +33,14 @@ using Tessel::Server::Storage::CapDataStore;
 constexpr int kDefaultWait = 10;  // seconds
 constexpr wchar_t kCaller[] = L"vxhost";
 
-// The parts of a step; machine_steps.h knows the others.
+// The parts of a step, without those of machine_steps.h.
 constexpr const wchar_t* kParts[] = {
     L"say",     L"start", L"restart", L"end", L"store",     L"exec",    L"request",   L"power",
     L"session", L"copy",  L"remove",  L"run", L"arguments", L"waitFor", L"showStore", L"expect"};
 constexpr const wchar_t* kExpectations[] = {L"code",  L"answer",  L"log",   L"seconds",
                                             L"event", L"noEvent", L"stored"};
 
-// A program that belongs to the scenario and goes with it.
+// A program that runs until the scenario ends.
 class Helper {
  public:
   Helper(const std::wstring& path, const std::wstring& arguments) {
@@ -66,7 +66,7 @@ class Helper {
   Platform::UniqueHandle process;
 };
 
-// Waits for `condition` with a look every few milliseconds.
+// Waits for `condition` and checks it every few milliseconds.
 template <typename Condition>
 bool WaitUntil(int seconds, Condition&& condition) {
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
@@ -108,7 +108,7 @@ class Player {
   }
 
  private:
-  // A part that nobody knows is a slip of the pen, which must not pass for an expectation met.
+  // An unknown part is a typing error, which must not count as an expectation met.
   static void RequireKnownExpectations(const WideValue& expect) {
     for (auto part = expect.MemberBegin(); part != expect.MemberEnd(); ++part) {
       const std::wstring key = part->name.GetString();
@@ -173,7 +173,7 @@ class Player {
     if (const auto* expect = Find(step, L"expect")) ExpectTraces(*expect);
   }
 
-  // Keeps values as other services of the machine do, and those of an object in a document.
+  // Stores values as other services of the machine do, and an object's members in a document.
   void Store(const WideValue& values) {
     for (auto value = values.MemberBegin(); value != values.MemberEnd(); ++value) {
       const std::string key = Utf8(value->name.GetString());
@@ -188,7 +188,7 @@ class Player {
     }
   }
 
-  // A number of 32 bits if it fits, else of 64.
+  // An integer becomes an int32 if it fits, otherwise an int64.
   BsonElement Element(const WideValue& value) const {
     if (value.IsNull()) return BsonElement();
     if (value.IsBool()) return BsonElement::Boolean(value.GetBool());
@@ -211,7 +211,7 @@ class Player {
     stage.session.Slots().Start();
   }
 
-  // A text as it stands, anything else as JSON; definitions put in either way.
+  // A text unchanged, any other value as JSON. Definitions are expanded in both.
   std::wstring Expand(const WideValue& value) const {
     const bool text = value.IsString();
     std::wstring result =

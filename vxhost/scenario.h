@@ -15,20 +15,19 @@ class SimulatedMachine;
 
 namespace Vx::Host {
 
-// Keeps the log lines that have come, and what happened on a simulated machine, for expectations.
-// Any thread.
+// Keeps log lines and the events of a simulated machine for expectations. Any thread may use it.
 class LogRecorder {
  public:
   void Add(const LogLine& line);
   void AddEvent(const std::wstring& text);
 
-  // Forgets what came before: expectations look at what a step itself brought about.
+  // Forgets everything, because expectations only concern their own step.
   void Clear();
 
   // Waits up to `seconds` for a line that contains `text`.
   bool WaitFor(const std::wstring& text, int seconds) const;
 
-  // Whether an event whose text holds `text` has come.
+  // Whether an event has come whose text contains `text`.
   bool Happened(const std::wstring& text) const;
 
  private:
@@ -37,20 +36,20 @@ class LogRecorder {
   std::vector<std::wstring> events;
 };
 
-// What a scenario plays against: a service, and where its log lines can be seen.
+// What a scenario plays against: a service, and the record of its log lines.
 struct Stage {
   ServiceSession& session;
   std::function<ServiceSession()> newService;
   LogRecorder& log;
   Console& console;
   Simulator::SimulatedMachine* machine;  // null: the real one
-  std::function<void()> showRepeated;    // the log lines that were counted instead of shown
+  std::function<void()> showRepeated;    // prints the log lines that were only counted
 };
 
 // Plays a scenario: a JSON document {"steps": [...]}, whose parts docs/vxhost.md describes. In
-// every text ${NAME} stands for a definition. Steps after a failed one are still played, but for a
-// scenario that cannot be read nothing is. Answers whether everything that was expected happened.
-// Throws std::runtime_error when the file is no scenario.
+// every text ${NAME} stands for a definition. Returns whether every expectation was met. Steps
+// after one that was not are still played. Throws std::runtime_error, without playing a step, when
+// the file is not a scenario.
 bool PlayScenario(const std::wstring& path, const std::map<std::wstring, std::wstring>& definitions,
                   Stage& stage);
 

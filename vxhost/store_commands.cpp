@@ -28,7 +28,7 @@ using Tessel::Server::Storage::BsonKind;
 using Tessel::Server::Storage::BsonView;
 using Tessel::Server::Storage::CapDataStore;
 
-// Documents lie in one another as deep as their writer likes; what is deeper is shown by its size.
+// The writer of a document chooses its depth. Only the size of deeper documents is shown.
 constexpr int kShownLevels = 32;
 
 const wchar_t* KindName(BsonKind kind) {
@@ -54,8 +54,8 @@ const wchar_t* KindName(BsonKind kind) {
   }
 }
 
-// A document as JSON: each member an object of its type and its value, or of its size in bytes
-// where a value would say nothing.
+// A document as JSON: each member becomes an object with its type and its value, or its size in
+// bytes where a value cannot be shown.
 class StoreWriter {
  public:
   explicit StoreWriter(WideDocument& target) : pool(target.GetAllocator()) {}
@@ -126,7 +126,7 @@ std::string RequestRow(const ListForm& form, const std::wstring& text) {
   const auto action = Json::TruncateToUint32(request.GetNamedNumber(form.action));
   const auto params = request.GetNamedObject(form.parameters);
   const std::wstring delay = params.FindString(L"delayDeliverySec").value_or(L"0");
-  // Made as the module makes it, so that what shows here is what would run.
+  // Made as the module makes it, so that this row shows what would run.
   CreateEventCommand(static_cast<EventAction>(action), params);
   std::wstring target = action == 1 ? params.GetNamedString(L"path") + L" " +
                                           params.FindString(L"arguments").value_or(std::wstring())
@@ -139,7 +139,7 @@ std::string RequestRow(const ListForm& form, const std::wstring& text) {
              Utf8(delay) + " s", Utf8(target));
 }
 
-// How many there are.
+// Returns the number of subscriptions in the list.
 std::size_t ShowList(const ListForm& form, Console& console) {
   const std::wstring list = RequestManager(kServiceDocument, form.list).StoredRequests();
   const auto texts = Tessel::Server::Storage::RequestsOf(list);
@@ -184,7 +184,7 @@ std::vector<std::string> StoreLines() {
 }
 
 int ShowSubscriptions(const Options& /*options*/, Console& console) {
-  ReadStore();  // the module takes a damaged store for an empty one
+  ReadStore();  // throws for a damaged store, which RequestManager treats as empty
   console.Line(Row("EVENT", "ACTION", "DELAY", "TARGET"));
   std::size_t count = 0;
   for (const ListForm& form : kLists) count += ShowList(form, console);

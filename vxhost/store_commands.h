@@ -8,12 +8,12 @@
 
 namespace Vx::Host {
 
-// The subcommands that look into the shared store. Each returns an ExitCode; throws std::exception
-// for what the user has to put right: the module, a file, a text.
+// The subcommands that read the shared store. Each returns an ExitCode and throws std::exception
+// for a fault that the user has to correct: in the module, a file or a text.
 int ShowStore(const Options& options, Console& console);
 int ShowSubscriptions(const Options& options, Console& console);
 
-// The store as ShowStore shows it, with one line per value of its top level: "KEY {...}". Throws
+// The store as ShowStore prints it, with one line per value of its top level: "KEY {...}". Throws
 // std::runtime_error when it cannot be read.
 std::vector<std::string> StoreLines();
 

@@ -25,8 +25,8 @@ namespace Logging = Tessel::Server::Logging;
 
 constexpr DWORD kLongestPath = 32768;  // characters
 
-// How long, in real time, a simulated worker may run on: longer than the ten seconds that a monitor
-// of debug output which does not read keeps a line.
+// How long, in real time, a simulated worker may run on: longer than the ten seconds for which a
+// monitor of debug output that does not read holds up a line.
 constexpr std::chrono::seconds kPatience{30};
 
 constexpr const wchar_t* kLevels[] = {L"INFO", L"WARNING", L"ERROR"};
@@ -38,7 +38,7 @@ std::wstring DefaultModule() {
   return program.substr(0, program.rfind(L'\\') + 1) + L"OrvaneService.dll";
 }
 
-// A folder for the stored values of one run in the place of the machine's, removed at the end.
+// A folder for the stored values of one run instead of the machine's, removed at the end.
 class PrivateStore {
  public:
   PrivateStore()
@@ -62,8 +62,8 @@ class PrivateStore {
   std::filesystem::path folder;
 };
 
-// The real module and a service of it, its log lines shown and kept. Made in this order and gone in
-// the other: the module may log until it is unloaded.
+// The real module and its service, whose log lines are shown and recorded. The listener outlives
+// the module, which may log until it is unloaded.
 class RealTheatre final : public Theatre {
  public:
   RealTheatre(const Options& options, Console& console)
@@ -92,8 +92,8 @@ class RealTheatre final : public Theatre {
   Stage stage;
 };
 
-// Shows and keeps the log lines of the linked service, each with its virtual moment. A line that a
-// poll repeats from second to second is shown at first, and at last with how often it came.
+// Shows and records the log lines of the linked service, each with its virtual moment. A line that
+// a poll repeats every second is shown once, and at the end with the number of repetitions.
 class SimulatedLog {
  public:
   SimulatedLog(Console& output, LogRecorder& keeper, const Simulator::VirtualClock& timeOf)
@@ -106,13 +106,13 @@ class SimulatedLog {
   SimulatedLog& operator=(const SimulatedLog&) = delete;
   ~SimulatedLog() { Logging::LogManager::RemoveSink(sink); }
 
-  // Shows what was repeated. While nothing can log.
+  // Shows the repeated lines. No thread may log meanwhile.
   void ShowRepeated() {
     for (Said& said : recent) Show(said);
   }
 
  private:
-  // More than the lines of one round of any poll.
+  // More lines than one round of any poll writes.
   static constexpr std::size_t kRemembered = 5;
   static constexpr std::chrono::seconds kPollStep{1};
 
@@ -120,7 +120,7 @@ class SimulatedLog {
     LogLine line;
     Simulator::VirtualClock::Duration first;
     Simulator::VirtualClock::Duration last;
-    int repeated = 0;  // and not shown
+    int repeated = 0;  // since it was last shown
   };
 
   void Show(Said& said) {
@@ -143,7 +143,7 @@ class SimulatedLog {
       return one.line.message == line.message;
     });
     if (found != recent.end()) {
-      // The lines of the poll stay the last ones to be forgotten.
+      // The most recent lines are forgotten last.
       std::rotate(found, found + 1, recent.end());
       Said& said = recent.back();
       if (now - said.last <= kPollStep && (said.last != now || said.repeated != 0)) {
@@ -166,11 +166,11 @@ class SimulatedLog {
   Console& console;
   LogRecorder& recorder;
   const Simulator::VirtualClock& clock;
-  std::deque<Said> recent;  // only the sink uses it, which is called by one thread at a time
+  std::deque<Said> recent;  // used by the sink alone, which one thread at a time calls
   Logging::LogManager::SinkId sink;
 };
 
-// The service of this program on a machine in memory, with a store of its own.
+// The service that is linked into this program, on a machine in memory and with a store of its own.
 class SimulatedTheatre final : public Theatre {
  public:
   explicit SimulatedTheatre(Console& console)
@@ -189,7 +189,7 @@ class SimulatedTheatre final : public Theatre {
       console.Line(" * " + Utf8(Simulator::Format(entry)));
     });
   }
-  // Tasks that the service does not end run out before their machine goes; nobody looks any more.
+  // Tasks that outlive the service end before their machine does, without being shown.
   ~SimulatedTheatre() override {
     session.reset();
     machine.timeline.SetListener({});
@@ -219,7 +219,7 @@ class SimulatedTheatre final : public Theatre {
 
 std::unique_ptr<Theatre> MakeTheatre(const Options& options, Console& console) {
   if (!options.simulate) return std::make_unique<RealTheatre>(options, console);
-  if (!options.dll.empty()) throw std::runtime_error("--simulate has no use for --dll");
+  if (!options.dll.empty()) throw std::runtime_error("--simulate does not use --dll");
   return std::make_unique<SimulatedTheatre>(console);
 }
 

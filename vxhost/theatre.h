@@ -8,8 +8,9 @@
 
 namespace Vx::Host {
 
-// The service that a subcommand plays with, and what is around it: the real module on this machine,
-// or, with --simulate, the service linked into this program on a simulated one.
+// The service that a subcommand uses and its surroundings: the real module on this machine, or,
+// with
+// --simulate, the service linked into this program on a simulated machine.
 class Theatre {
  public:
   virtual ~Theatre() = default;

@@ -23,7 +23,7 @@ int Pin(const Options& options, Console& console) {
   const auto keys = Tessel::Security::PublicKeysOf(FullPathOfFile(options.file));
   for (const std::string& key : keys) console.Line(key);
   if (!keys.empty()) return kDone;
-  // Not among the keys: the output is often appended to a file of pinned keys.
+  // Not on standard output, which users append to a file of pinned keys.
   std::fprintf(stderr, "vxhost: the file has no signature that Windows can read\n");
   return kNotMet;
 }

@@ -5,8 +5,9 @@
 
 namespace Vx::Host {
 
-// The subcommands that ask what the trust and resume rules decide on this machine. Each returns an
-// ExitCode; throws std::exception for what the user has to put right: the module, a file, a text.
+// The subcommands that show what the trust and resume rules decide on this machine. Each returns an
+// ExitCode and throws std::exception for a fault that the user has to correct: in the module, a
+// file or a text.
 int Trust(const Options& options, Console& console);
 int Pin(const Options& options, Console& console);
 int ExplainResume(const Options& options, Console& console);

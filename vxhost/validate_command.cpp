@@ -26,7 +26,7 @@ struct Form : SubscriptionForm {
   std::vector<std::uint32_t> codes;
 };
 
-// The codes that Windows or the module itself sends.
+// The codes that Windows or the module sends.
 const Form& FormOf(const Json::JsonObject& request) {
   static const Form kForms[] = {
       {kPowerForm, "power", {0x4, 0x6, 0x7, 0x9, 0xA, 0xB, 0x12, 0x8013}},
@@ -38,7 +38,7 @@ const Form& FormOf(const Json::JsonObject& request) {
   }
   throw Platform::WindowsRuntimeError(
       Json::kJsonValueNotFound,
-      L"none of powerEventType, zephraEventType and catalogEvent is there: no subscription");
+      L"not a subscription: powerEventType, zephraEventType and catalogEvent are all missing");
 }
 
 class Report {
@@ -63,7 +63,7 @@ void CheckDelay(const Json::JsonObject& params, Report& report) {
   if (!text) return;
   const std::optional<int> delay = LeadingInteger(*text);
   if (!delay) {
-    report.Warn("delayDeliverySec \"" + Utf8(*text) + "\" is no number: runs without a delay");
+    report.Warn("delayDeliverySec \"" + Utf8(*text) + "\" is not a number: runs without a delay");
   } else if (*delay < -2) {
     report.Bad("delayDeliverySec " + std::to_string(*delay) + ": every delivery is dropped");
   } else {
@@ -90,7 +90,7 @@ void Check(const Json::JsonObject& request, Report& report) {
   const std::uint32_t code = Json::TruncateToUint32(request.GetNamedNumber(form.event));
   const std::string event = std::string(form.kind) + " event " + std::to_string(code);
   if (std::find(form.codes.begin(), form.codes.end(), code) == form.codes.end()) {
-    report.Bad(event + " never comes");
+    report.Bad(event + " never occurs");
   } else {
     report.Good(event);
   }

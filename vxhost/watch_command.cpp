@@ -17,8 +17,8 @@ namespace Vx::Host {
 
 namespace {
 
-// What passes between a program and the one monitor of debug output: the writer's process id, then
-// narrow text.
+// The memory shared by the programs that write debug output and its only monitor: the writer's
+// process id, then narrow text.
 struct DebugBuffer {
   DWORD process;
   std::array<char, 4096 - sizeof(DWORD)> text;
@@ -28,7 +28,7 @@ struct Unmapper {
   void operator()(const DebugBuffer* view) const { UnmapViewOfFile(view); }
 };
 
-// The receiving end. One in a session, or one for all with the global names.
+// The receiving end. A session has at most one, and all services share one under the global names.
 class Monitor {
  public:
   explicit Monitor(bool global) {
@@ -43,12 +43,12 @@ class Monitor {
           MapViewOfFile(mapping.get(), FILE_MAP_READ, 0, 0, sizeof(DebugBuffer))));
     }
     if (bufferReady == nullptr || dataReady == nullptr || view == nullptr) {
-      throw std::runtime_error("cannot listen to debug output; close other monitors" +
+      throw std::runtime_error("cannot receive debug output; close other monitors" +
                                std::string(global ? ", and run as administrator" : ""));
     }
   }
 
-  // The next text, without the line end; false when none came in `milliseconds`.
+  // Receives the next text, without its line end. Returns false when none comes in `milliseconds`.
   bool Next(DWORD milliseconds, std::wstring& text) {
     SetEvent(bufferReady.get());
     if (WaitForSingleObject(dataReady.get(), milliseconds) != WAIT_OBJECT_0) return false;
@@ -68,7 +68,7 @@ class Monitor {
   std::unique_ptr<const DebugBuffer, Unmapper> view;
 };
 
-// The local time: of the day for people, whole for programs.
+// The local time: with the date for programs, without it for people.
 std::wstring Now(bool whole) {
   SYSTEMTIME now;
   GetLocalTime(&now);
@@ -87,7 +87,7 @@ int Watch(const Options& options, Console& console) {
   const ULONGLONG end = GetTickCount64() + static_cast<ULONGLONG>(options.seconds) * 1000;
   std::wstring text;
   while (options.seconds == 0 || GetTickCount64() < end) {
-    // Debug output of programs that are not ours has no provider.
+    // Debug output of other programs has no provider.
     if (!monitor.Next(250, text)) continue;
     if (const LogLine line = ParseLogLine(text); !line.provider.empty())
       console.Log(line, Now(options.json));

@@ -5,8 +5,8 @@
 
 namespace Vx::Host {
 
-// Returns an ExitCode; throws std::exception for
-// what the user has to put right: the module, a file, a text.
+// Returns an ExitCode and throws std::exception for a fault that the user has to correct: in the
+// module, a file or a text.
 int Watch(const Options& options, Console& console);
 
 }  // namespace Vx::Host
