@@ -1,6 +1,6 @@
-// ExecuteCommand of the real module against a plain user of rapidjson that parses the same request,
-// builds and writes the same answer and copies it to a C block. Nothing of the module is linked, so
-// that both sides have rapidjson in their own configuration.
+// Compares ExecuteCommand of the real module with plain use of rapidjson that parses the same
+// request, builds and writes the same response and copies it to a C block. The module is loaded,
+// not linked, so that both sides have rapidjson in their own configuration.
 //
 // Usage: dispatch_bench MODULE [--brief] [--json FILE]
 #include <cstdio>
@@ -33,7 +33,7 @@ using Value = Document::ValueType;
 constexpr std::uint32_t kVersion = 22;
 constexpr std::uint32_t kNoSuchCommand = 99;
 
-// A service of the module, and a caller.
+// A service of the module, and a client context.
 class Service {
  public:
   explicit Service(const wchar_t* path)
@@ -67,7 +67,7 @@ class Service {
   ClientContext* context = nullptr;
 };
 
-// What a plain user does for the same command.
+// The same command with plain rapidjson.
 void Plain(const std::wstring& request, const wchar_t* version) {
   Document document;
   if (document.Parse(request.c_str()).HasParseError()) std::abort();
@@ -110,7 +110,7 @@ void Measure(Service& service, RatioTable& table) {
         [&] { service.Run(kVersion, size.request, 0); },
         [&] { Plain(size.request, L"1.73.4044.0"); });
   }
-  // An id without a handler costs what parse, dispatch and answer cost, whatever the handler does.
+  // An id without a handler costs only the parse, the dispatch and the response.
   const struct {
     const char* name;
     std::wstring request;

@@ -1,4 +1,4 @@
-// A library with nothing in it but the runtime.
+// A library that holds only the runtime.
 extern "C" __declspec(dllexport) int Nothing();
 
 int Nothing() {

@@ -7,7 +7,7 @@
 
 namespace Vx::Bench {
 
-// The full path that an argument of a benchmark names: a file of the build tree, so plain ASCII.
+// The full path of a benchmark's argument: a file of the build tree, so plain ASCII.
 inline std::wstring FullPath(const char* argument) {
   wchar_t full[MAX_PATH * 4];
   const std::wstring path(argument, argument + std::strlen(argument));

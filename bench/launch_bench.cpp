@@ -26,7 +26,7 @@ using Tessel::Server::Services::Orvane::LaunchCommand;
 
 constexpr DWORD kLongestWait = 60'000;  // milliseconds
 
-// The real thing, which also keeps the programs that were started, so that none runs into the next
+// The real capability, which also keeps the started programs, so that none runs into the next
 // measurement.
 class KeptProcesses final : public Platform::Processes {
  public:
@@ -109,7 +109,7 @@ void Measure(RatioTable& table) {
       "refusal of the same program without signature", "bare process creation", 0.10, 1,
       [&] { refusal.Execute(); }, bare, settle);
 
-  // What Windows itself takes for the answers that the decision needs.
+  // The time that Windows takes for the checks that the decision needs.
   const Platform::TrustProvider& provider = *Platform::CurrentMachine().trustProvider;
   const auto askWindows = [&](const std::wstring& path) {
     Platform::CatalogFailure failure;

@@ -1,4 +1,5 @@
-// What the module costs its host: loading it, its size, and the memory of an idle service.
+// Measures what the module costs its host: the time to load it, its size, and an idle service's
+// memory.
 //
 // Usage: module_bench MODULE EMPTY-LIBRARY [--brief] [--json FILE]
 #include <cstdio>

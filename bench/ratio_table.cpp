@@ -15,7 +15,7 @@ constexpr int kBatches = 11;
 constexpr int kFewBatches = 5;  // of operations that take a second
 constexpr int kMostTurns = 20;  // of each side, in a batch
 constexpr int kLeastTurns = 3;
-constexpr double kBatchTime = 1e9;  // nanoseconds; a batch of slow operations gets fewer turns
+constexpr double kBatchTime = 1e9;  // nanoseconds; batches of slow operations have fewer turns
 
 using Time = std::chrono::steady_clock;
 
@@ -35,7 +35,7 @@ double Median(std::vector<double> values) {
   return *middle;
 }
 
-// The names are ours: plain ASCII without quotes.
+// The benchmarks choose the names: plain ASCII without quotes.
 void WriteRow(std::FILE* file, const Row& row) {
   std::fprintf(file,
                "    {\"name\": \"%s\", \"against\": \"%s\", \"goal\": %.3f, \"ours_ns\": %.1f, "
@@ -55,7 +55,7 @@ void RatioTable::Compare(const std::string& name, const std::string& against, do
     settle();
     return time;
   };
-  // The first pair warms up, and tells how long a turn takes.
+  // The first pair warms up and shows how long a turn takes.
   const double pair = (turn(ours) + turn(theirs)) * static_cast<double>(count);
   const int batches = brief ? 1 : pair > kBatchTime ? kFewBatches : kBatches;
   const int turns =
@@ -69,7 +69,7 @@ void RatioTable::Compare(const std::string& name, const std::string& against, do
       ourTurns.push_back(turn(ours));
       theirTurns.push_back(turn(theirs));
     }
-    // A turn during which the processor was taken away must not weigh on its batch.
+    // A turn that lost the processor meanwhile must not weigh on its batch.
     ourBatches.push_back(Median(std::move(ourTurns)));
     theirBatches.push_back(Median(std::move(theirTurns)));
   }

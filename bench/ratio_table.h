@@ -7,14 +7,14 @@
 
 namespace Vx::Bench {
 
-// How long a run takes. Brief shows that a benchmark still works, and nothing about speed.
+// The length of a run. Brief proves that a benchmark still works and measures nothing.
 enum class Effort { Full, Brief };
 
-// One line of the table: what A costs against B, both in nanoseconds an operation.
+// One line of the table: the cost of A against B, both in nanoseconds per operation.
 struct Row {
   std::string name;
   std::string against;
-  double goal = 0;  // largest ratio that is good enough; 0: reported only
+  double goal = 0;  // largest acceptable ratio; 0: reported only
   double ours = 0;
   double theirs = 0;
   double ratio = 0;
@@ -30,15 +30,15 @@ struct Figure {
 // Measures pairs and prints them.
 //
 // A pair is timed in turns, in one process: some operations of A, the same number of B, and so on,
-// so that whatever the machine does meanwhile falls on both. A batch's figure is the median of
-// its turns, the ratio that of the medians over the batches.
+// so that other work on the machine affects both. A batch's figure is the median of its turns. The
+// ratio is that of the medians over the batches.
 class RatioTable {
  public:
   explicit RatioTable(Effort howLong) : effort(howLong) {}
 
-  // `ours` and `theirs` do one operation each. `perTurn` operations are timed together: enough that
-  // the clock's 100 ns do not show, few enough that turns stay short. Slow operations get fewer
-  // turns. `settle` runs after each turn and is not timed.
+  // `ours` and `theirs` each do one operation. `perTurn` operations are timed together: enough to
+  // hide the clock's 100 ns, few enough to keep turns short. Slow operations get fewer turns.
+  // `settle` runs after each turn and is not timed.
   void Compare(
       const std::string& name, const std::string& against, double goal, std::size_t perTurn,
       const std::function<void()>& ours, const std::function<void()>& theirs,
@@ -46,10 +46,10 @@ class RatioTable {
 
   void Report(const std::string& name, double value, const std::string& unit);
 
-  // The table for people, on standard output.
+  // Prints the table on standard output.
   void Print() const;
 
-  // The same as one JSON document in `path`; false when it cannot be written.
+  // Writes the table as one JSON document to `path`. Returns false when that fails.
   bool WriteJson(const std::string& path) const;
 
  private:
@@ -58,8 +58,8 @@ class RatioTable {
   std::vector<Figure> figures;
 };
 
-// Runs a benchmark program: `--brief` for a short run, `--json FILE` for the JSON document. Exit
-// code 0; 2 for a usage error or a failure.
+// Runs a benchmark program: `--brief` for a short run, `--json FILE` for the JSON document. Returns
+// the exit code: 0, or 2 for a usage error or a failure.
 int RunBenchmarks(int argc, char** argv, const std::function<void(RatioTable&, Effort)>& body);
 
 // Keeps a result from being optimised away.

@@ -142,7 +142,7 @@ class StubbedCommands final : public Platform::AppServices {
   std::function<void()> atFirst;  // called by the next command
 };
 
-// The real clock, which also tells when the last worker is gone.
+// Counts the workers, so that the benchmark knows when the last one has ended.
 class CountingThreads final : public Platform::Threads {
  public:
   explicit CountingThreads(Platform::Threads& real) : threads(real) {}

@@ -1,4 +1,4 @@
-# Target vx_options: what every target of this project is compiled and linked with.
+# Target vx_options: the compile and link options of every target of this project.
 add_library(vx_options INTERFACE)
 target_compile_features(vx_options INTERFACE cxx_std_20)
 target_include_directories(vx_options INTERFACE ${PROJECT_SOURCE_DIR}/src ${PROJECT_SOURCE_DIR})
@@ -17,11 +17,11 @@ if(WIN32)
     -Wl,--dynamicbase,--nxcompat,--high-entropy-va,--no-insert-timestamp)
 endif()
 
-# Paths of this machine stay out of the binaries, so that two checkouts build the same bytes.
+# Paths of the build machine stay out of the binaries, so that two checkouts build the same bytes.
 target_compile_options(vx_options INTERFACE -ffile-prefix-map=${PROJECT_SOURCE_DIR}/=)
 
-# Symbols name the folder of the build besides the source; mapped to ".", a resolved line reads
-# "./src/...", whatever the build tree is called.
+# Symbols also name the build folder. It is mapped to ".", so that a resolved line reads "./src/..."
+# in every build tree.
 if(VX_SYMBOLS)
   target_compile_options(vx_options INTERFACE -g1 -ffile-prefix-map=${PROJECT_BINARY_DIR}=.)
 endif()
@@ -33,13 +33,13 @@ if(WIN32)
     $<$<CONFIG:Debug>:-fsanitize=undefined -fsanitize-undefined-trap-on-error>)
 endif()
 if(VX_COVERAGE)
-  # Counters of several threads lose steps without it, and some become negative.
+  # Without it, counters that several threads use lose steps, and some become negative.
   target_compile_options(vx_options INTERFACE --coverage -fprofile-update=atomic)
   target_link_options(vx_options INTERFACE --coverage)
 endif()
 
-# The native build's sanitizers: "address;undefined", "thread", or nothing for benchmarks. They go on
-# everything in the build tree, the test framework included.
+# The native build's sanitizers: "address;undefined", "thread", or nothing for benchmarks. They apply
+# to the whole build tree, including the test framework.
 set(VX_SANITIZE "" CACHE STRING "Sanitizers of a native build, as a list")
 if(VX_SANITIZE AND NOT WIN32)
   list(JOIN VX_SANITIZE "," sanitizers)
@@ -47,7 +47,7 @@ if(VX_SANITIZE AND NOT WIN32)
     -fsanitize-ignorelist=${CMAKE_CURRENT_LIST_DIR}/sanitizer-ignorelist.txt)
   add_link_options(-fsanitize=${sanitizers})
   if(CMAKE_CXX_COMPILER_ID STREQUAL Clang)
-    # Lets the fuzzers see which branches an input takes; costs the tests little.
+    # Shows the fuzzers which branches an input takes, at little cost to the tests.
     add_compile_options(-fsanitize=fuzzer-no-link)
   endif()
 endif()
@@ -61,8 +61,8 @@ add_library(rapidjson INTERFACE)
 target_include_directories(rapidjson SYSTEM INTERFACE ${PROJECT_BINARY_DIR}/third_party)
 
 # vx_library(NAME [PORTABLE SOURCES...] [WINDOWS SOURCES...] [LIBS...]): one folder, one static
-# library. The portable sources (parsers and rules) are also built as Linux programs, for sanitizers
-# and fuzzers. A library without any does not exist there, and is left out where another names it.
+# library. The portable sources (parsers and rules) are also built as Linux programs, for sanitizers and
+# fuzzers. A library without portable sources does not exist there, and other libraries omit it.
 function(vx_library name)
   cmake_parse_arguments(arg "" "" "PORTABLE;WINDOWS;LIBS" ${ARGN})
   set(sources ${arg_PORTABLE})
@@ -81,7 +81,7 @@ function(vx_library name)
   endforeach()
 endfunction()
 
-# CLI11, header-only, likewise.
+# The same for CLI11, which is header-only.
 find_path(VX_CLI11_ROOT CLI/CLI.hpp PATHS /usr/include NO_CMAKE_FIND_ROOT_PATH NO_DEFAULT_PATH REQUIRED)
 file(CREATE_LINK ${VX_CLI11_ROOT}/CLI ${PROJECT_BINARY_DIR}/third_party/CLI SYMBOLIC)
 add_library(cli11 INTERFACE)

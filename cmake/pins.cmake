@@ -1,14 +1,14 @@
-# Pinned keys: from text files, one key a line, to a source file that is compiled in.
+# Pinned keys: from text files, one key per line, to a source file that is compiled in.
 #
 # Included, it defines vx_pinned_keys_target(), which makes the target `pins` at configure time from
 # VX_PINNED_KEYS_GENERAL and VX_PINNED_KEYS_RESTRICTED. Run as a script (cmake -DGENERAL=FILE
 # -DRESTRICTED=FILE -DOUTPUT=FILE.cpp -P pins.cmake) it does the same for files that the build makes.
 #
 # The form of a line is that of ParsePinnedKeys in src/security/pinned_key_text.h. Keys are compared
-# as text, so a key in another form would be one that silently never matches.
+# as text, so a key in another form would silently never match.
 
-# Appends the keys of `file` to the list `out`; a malformed line ends the run. An empty name is an
-# empty set.
+# Appends the keys of `file` to the list `out`; a malformed line ends the run. An empty name stands
+# for an empty set.
 function(vx_read_pins file out)
   set(keys "")
   if(NOT file STREQUAL "")
@@ -54,7 +54,7 @@ function(vx_read_pins file out)
   set(${out} "${keys}" PARENT_SCOPE)
 endfunction()
 
-# One C++ array of the keys, and the function that hands it out.
+# One C++ array of the keys, and the function that returns it.
 function(vx_pins_source function keys out)
   list(LENGTH keys count)
   if(count EQUAL 0)
@@ -69,7 +69,7 @@ function(vx_pins_source function keys out)
   set(${out} "${text}" PARENT_SCOPE)
 endfunction()
 
-# Writes `output`, and leaves it alone when it would not change.
+# Writes `output` unless its content is the same.
 function(vx_write_pins general restricted output)
   vx_read_pins("${general}" generalKeys)
   vx_read_pins("${restricted}" restrictedKeys)
@@ -103,7 +103,7 @@ function(vx_pinned_keys_target)
   endforeach()
   set(source ${PROJECT_BINARY_DIR}/pins/pinned_keys.cpp)
   vx_write_pins("${VX_PINNED_KEYS_GENERAL}" "${VX_PINNED_KEYS_RESTRICTED}" ${source})
-  # An object library, so that a program gets it wherever it stands on the link line.
+  # An object library, so that a program links it whatever the order of libraries.
   add_library(pins OBJECT ${source})
   target_link_libraries(pins PRIVATE vx_options)
 endfunction()

@@ -14,7 +14,7 @@
 #               unsigned.exe     not signed
 #             and of the library of target LIBRARY:
 #               pinned.dll, general.dll, unpinned.dll, unsigned.dll
-# pins_test   the two key files compiled in, in the place of `pins`
+# pins_test   the two key files compiled in, instead of `pins`
 function(vx_test_pki program library)
   set(folder ${PROJECT_BINARY_DIR}/tests/pki)
   set(script ${PROJECT_SOURCE_DIR}/cmake/test_pki.sh)

@@ -3,11 +3,10 @@
 #
 #   test_pki.sh keys DIR            makes the authority, its certificates and the files of pinned keys
 #   test_pki.sh sign DIR PROGRAM LIBRARY
-#                                   signs copies of both in every way that a test asks for
+#                                   signs copies of both in every way that a test needs
 #   test_pki.sh pin DIR PROGRAM OUT signs a copy of one with a key of both sets
 #
-# Nothing outside DIR is read or written. The keys are made anew in each build tree and protect
-# nothing.
+# Reads and writes only below DIR. Each build tree has keys of its own, which protect nothing.
 set -eu
 umask 077
 mode=$1
@@ -136,7 +135,7 @@ sign_libraries() {
   done
 }
 
-# The tools are talkative; what they said is shown only when one fails.
+# The tools print a lot. Their output is shown only when one fails.
 exec 3>&2 > "$mode.log" 2>&1
 trap 'status=$?; [ "$status" -eq 0 ] || cat "$mode.log" >&3' EXIT
 case $mode in

@@ -1,19 +1,19 @@
 #!/bin/sh
-# wine-run.sh PREFIX PROGRAM [ARG...]: runs a Windows program under Wine in a prefix of its own,
-# which is made on first use.
+# wine-run.sh PREFIX PROGRAM [ARG...]: runs a Windows program under Wine in the prefix PREFIX, which it
+# creates on first use.
 set -u
 export WINEPREFIX="$1"
 shift
 export LC_ALL=C.UTF-8 WINEARCH=win64 WINEDEBUG=${WINEDEBUG:--all}
 # The first two keep prefix creation from asking for Mono and Gecko. Without the debugger a program
-# that crashes ends with the exception's code at once; with it, some ended with 0, a success. The
-# desktop, which has nothing to show, would be started by the first program with a message window,
-# and keep that one's output open until the server goes.
+# that crashes ends with the exception's code at once. With it, some ended with 0, a success. The first
+# program with a message window would start the desktop, which shows nothing here and keeps that
+# program's output open until the server ends.
 export WINEDLLOVERRIDES='mscoree=;mshtml=;winemenubuilder.exe=d;winedbg.exe=d;explorer.exe=d'
 unset DISPLAY
 mkdir -p "$WINEPREFIX"
-# Wine's background services inherit the first client's open files. Warming the server here, with
-# everything redirected and the lock closed, keeps a test's pipes and the lock out of their hands.
+# Wine's background services inherit the first client's open files. Starting the server here, with all
+# output redirected and the lock closed, keeps them from inheriting a test's pipes and the lock.
 (
   flock 9
   {

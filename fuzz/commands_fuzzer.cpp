@@ -14,15 +14,15 @@
 #include "fuzz/wide_input.h"
 #include "launch/launch_rules.h"
 
-// What becomes of a client's texts on the way to a started program: its delay, its command line,
-// its folder and its environment.
+// Fuzzes the way of a client's texts to a started program: its delay, command line, folder and
+// environment.
 
 namespace {
 
 using Vx::Fuzz::Check;
 using namespace Vx::Tessel::Server::Services::Orvane;
 
-// The C library's reading of the same number.
+// The number as the C library reads it.
 std::optional<int> Expected(const std::wstring& text) {
   wchar_t* end = nullptr;
   errno = 0;

@@ -12,21 +12,21 @@
 #include "bod/calendar_time.h"
 #include "fuzz/fuzz_check.h"
 
-// Dates as firmware, the registry and a client of the firmware spell them.
+// Fuzzes dates as the firmware, the registry and callers of the firmware spell them.
 
 namespace {
 
 using Vx::Fuzz::Check;
 using namespace Vx::Tessel::Server::Services::Orvane;
 
-// The C library's calendar: whether it has this day.
+// Whether the C library's calendar has this day.
 bool NamesADay(int year, int month, int day) {
   std::tm fields{};
   fields.tm_year = year - 1900;
   fields.tm_mon = month - 1;
   fields.tm_mday = day;
   const std::tm asked = fields;
-  timegm(&fields);  // carries what is too much into the next month
+  timegm(&fields);  // carries an excess day into the next month
   return fields.tm_year == asked.tm_year && fields.tm_mon == asked.tm_mon &&
          fields.tm_mday == asked.tm_mday;
 }

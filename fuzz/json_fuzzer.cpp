@@ -52,7 +52,7 @@ bool RapidjsonAccepts(const std::wstring& text) {
   }
 }
 
-// Asks a value for every kind; only its own may be answered.
+// Reads a value as every kind. Only its own kind may succeed.
 void Ask(const JsonValue& value) {
   const auto answered = [](const auto& call) {
     try {

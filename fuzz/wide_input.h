@@ -6,7 +6,7 @@
 
 namespace Vx::Fuzz {
 
-// UTF-16 from a fuzzer's bytes: ASCII as it is, so that seeds can be read and mutated as text, and
+// UTF-16 from a fuzzer's bytes: ASCII unchanged, so that seeds can be read and mutated as text, and
 // the upper bytes spread around the surrogates.
 inline std::wstring WideInput(const std::uint8_t* data, std::size_t size) {
   constexpr unsigned kFirst = 0xD7F0;

@@ -1,4 +1,5 @@
-# Sourced by the scripts beside it: installs what a fresh Debian 12 lacks, configures and builds.
+# The other scripts source this file: it installs packages that a fresh Debian 12 lacks, configures and
+# builds.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
@@ -12,7 +13,7 @@ packages=(
 native_packages=(libclang-rt-14-dev libbson-dev pkg-config)
 lint_packages=(clang-format-14 clang-tidy-14 cppcheck)
 
-# ensure_packages NAME...: installs those that are missing.
+# ensure_packages NAME...: installs the missing ones.
 ensure_packages() {
   local missing=() name
   for name in "$@"; do
