@@ -131,6 +131,12 @@ class FaultyClock final : public Decorator<Platform::Clock> {
     }
     return inner.Wait(handle, length);
   }
+  Platform::WaitResult WaitForEither(RawHandle first, RawHandle second, Duration length) override {
+    if (faults.Fails("Clock.Wait")) {
+      return {Platform::WaitOutcome::Failed, 0xFFFFFFFF, kDenied};
+    }
+    return inner.WaitForEither(first, second, length);
+  }
   Result<UniqueHandle> MakeTimer() override {
     return Or("Clock.MakeTimer", [&] { return inner.MakeTimer(); });
   }

@@ -189,9 +189,9 @@ void VirtualClock::Sleep(Duration length) {
   Lock lock(mutex);
   const Duration deadline = now + length;
   if (worker) {
-    WaitAsWorker(lock, nullptr, deadline);
+    WaitAsWorker(lock, nullptr, nullptr, deadline);
   } else {
-    WaitOutside(lock, nullptr, deadline);
+    WaitOutside(lock, nullptr, nullptr, deadline);
   }
 }
 
@@ -201,15 +201,34 @@ Platform::WaitResult VirtualClock::Wait(Platform::RawHandle handle,
   const DWORD code = WaitForSingleObject(handle, 0);
   if (code == WAIT_FAILED) return {Platform::WaitOutcome::Failed, code, GetLastError()};
   if (code != WAIT_TIMEOUT) return {Platform::WaitOutcome::Signalled, code, 0};
-  if (length && *length <= Duration{0}) return TimedOut();
+  return WaitFor(handle, nullptr, length);
+}
 
+Platform::WaitResult VirtualClock::WaitForEither(Platform::RawHandle first,
+                                                 Platform::RawHandle second, Duration length) {
+  const HANDLE handles[] = {first, second};
+  const auto look = [&handles] { return WaitForMultipleObjects(2, handles, FALSE, 0); };
+  DWORD code = look();
+  if (code == WAIT_TIMEOUT) {
+    const Platform::WaitResult result = WaitFor(first, second, length);
+    if (result.outcome != Platform::WaitOutcome::Signalled) return result;
+    code = look();  // both keep their signal
+  }
+  if (code == WAIT_FAILED) return {Platform::WaitOutcome::Failed, code, GetLastError()};
+  return {Platform::WaitOutcome::Signalled, code, 0};
+}
+
+Platform::WaitResult VirtualClock::WaitFor(Platform::RawHandle handle, Platform::RawHandle second,
+                                           std::optional<Duration> length) {
+  if (length && *length <= Duration{0}) return TimedOut();
   const bool worker = CallerIsWorker();
   std::unique_lock<std::mutex> driver(driving, std::defer_lock);
   if (!worker) driver.lock();
   Lock lock(mutex);
   std::optional<Duration> deadline;
   if (length) deadline = now + *length;
-  return worker ? WaitAsWorker(lock, handle, deadline) : WaitOutside(lock, handle, deadline);
+  return worker ? WaitAsWorker(lock, handle, second, deadline)
+                : WaitOutside(lock, handle, second, deadline);
 }
 
 Platform::Result<Platform::UniqueHandle> VirtualClock::MakeTimer() {
@@ -267,9 +286,10 @@ void VirtualClock::WorkerEnded() {
 }
 
 Platform::WaitResult VirtualClock::WaitAsWorker(Lock& lock, Platform::RawHandle handle,
+                                                Platform::RawHandle second,
                                                 std::optional<Duration> deadline) {
   waiters.push_back({handle, OwnHandle(handle), handle != nullptr && KeepsItsState(handle),
-                     deadline, nextTurn++, TakeWakeEvent(), Wake::No});
+                     OwnHandle(second), deadline, nextTurn++, TakeWakeEvent(), Wake::No});
   const auto self = std::prev(waiters.end());
   changed.notify_all();
   const Wake wake = Park(lock, *self);
@@ -283,8 +303,8 @@ Platform::WaitResult VirtualClock::WaitAsWorker(Lock& lock, Platform::RawHandle 
 // lock: between the signal and this thread's next instruction nobody could see that it runs. It is
 // looked at under the lock instead, here and in AtRest, whoever comes first.
 VirtualClock::Wake VirtualClock::Park(Lock& lock, Waiter& waiter) {
-  const HANDLE handles[] = {waiter.wake.get(), waiter.handle.get()};
-  const DWORD count = waiter.level ? 2 : 1;
+  const HANDLE handles[] = {waiter.wake.get(), waiter.handle.get(), waiter.second.get()};
+  const DWORD count = waiter.second != nullptr ? 3 : waiter.level ? 2 : 1;
   const DWORD limit = waiter.level || waiter.handle == nullptr ? INFINITE : kLookInterval;
   for (;;) {
     lock.unlock();
@@ -292,7 +312,7 @@ VirtualClock::Wake VirtualClock::Park(Lock& lock, Waiter& waiter) {
     lock.lock();
     if (code == WAIT_FAILED) Die("VirtualClock: a wait failed half-way");
     if (waiter.woken != Wake::No) return waiter.woken;
-    if (code == WAIT_OBJECT_0 + 1) return Wake::Signalled;
+    if (code == WAIT_OBJECT_0 + 1 || code == WAIT_OBJECT_0 + 2) return Wake::Signalled;
     if (!waiter.level && waiter.handle != nullptr && TakeSignal(waiter.handle.get())) {
       return Wake::Signalled;
     }
@@ -300,10 +320,12 @@ VirtualClock::Wake VirtualClock::Park(Lock& lock, Waiter& waiter) {
 }
 
 Platform::WaitResult VirtualClock::WaitOutside(Lock& lock, Platform::RawHandle handle,
+                                               Platform::RawHandle second,
                                                std::optional<Duration> deadline) {
   for (;;) {
     if (!WaitForRest(lock, patience)) Die("VirtualClock: " + Describe());
     if (handle != nullptr && TakeSignal(handle)) return Signalled();
+    if (second != nullptr && TakeSignal(second)) return Signalled();
     if (deadline && *deadline <= now) return TimedOut();
     const auto due = NextDue();
     if (due && (!deadline || due->at <= *deadline)) {
@@ -351,10 +373,12 @@ bool VirtualClock::AtRest() {
   Platform::RawHandle quiet = nullptr;  // often all workers watch one and the same stop event
   bool rest = true;
   for (Waiter& waiter : waiters) {
-    if (waiter.handle == nullptr || (waiter.level && waiter.callersHandle == quiet)) continue;
-    if (!TakeSignal(waiter.handle.get())) {
-      quiet = waiter.callersHandle;
-      continue;
+    if (waiter.second == nullptr || !TakeSignal(waiter.second.get())) {
+      if (waiter.handle == nullptr || (waiter.level && waiter.callersHandle == quiet)) continue;
+      if (!TakeSignal(waiter.handle.get())) {
+        quiet = waiter.callersHandle;
+        continue;
+      }
     }
     Release(waiter, Wake::Signalled);
     rest = false;

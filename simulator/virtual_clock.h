@@ -77,6 +77,8 @@ class VirtualClock final : public Platform::Clock {
   std::uint64_t UtcFileTime() const override;
   void Sleep(Duration length) override;
   Platform::WaitResult Wait(Platform::RawHandle handle, std::optional<Duration> length) override;
+  Platform::WaitResult WaitForEither(Platform::RawHandle first, Platform::RawHandle second,
+                                     Duration length) override;
   Platform::Result<Platform::UniqueHandle> MakeTimer() override;
   Platform::ErrorCode SetTimer(Platform::RawHandle timer, Duration due) override;
   void WorkerStarting() override;
@@ -91,6 +93,7 @@ class VirtualClock final : public Platform::Clock {
     Platform::RawHandle callersHandle = nullptr;  // null: a sleep
     Platform::UniqueHandle handle;  // the clock's own, as the caller's may be closed meanwhile
     bool level = false;             // stays signalled however many waits it ends
+    Platform::UniqueHandle second;  // of a wait for two manual-reset events
     std::optional<Duration> deadline;
     std::uint64_t turn = 0;  // of equal deadlines, the earlier wait is first
     Platform::UniqueHandle wake;
@@ -113,10 +116,12 @@ class VirtualClock final : public Platform::Clock {
 
   using Lock = std::unique_lock<std::mutex>;
 
+  Platform::WaitResult WaitFor(Platform::RawHandle handle, Platform::RawHandle second,
+                               std::optional<Duration> length);
   Platform::WaitResult WaitAsWorker(Lock& lock, Platform::RawHandle handle,
-                                    std::optional<Duration> deadline);
+                                    Platform::RawHandle second, std::optional<Duration> deadline);
   Platform::WaitResult WaitOutside(Lock& lock, Platform::RawHandle handle,
-                                   std::optional<Duration> deadline);
+                                   Platform::RawHandle second, std::optional<Duration> deadline);
   Wake Park(Lock& lock, Waiter& waiter);
   Platform::UniqueHandle TakeWakeEvent();
   bool CallerIsWorker() const;

@@ -37,6 +37,10 @@ class Clock {
   // closed handle fails at once.
   virtual WaitResult Wait(RawHandle handle, std::optional<Duration> length) = 0;
 
+  // The same for two manual-reset events. `code` is 0 when the first is signalled, whether or not
+  // the second is too, and 1 when only the second is.
+  virtual WaitResult WaitForEither(RawHandle first, RawHandle second, Duration length) = 0;
+
   // An unnamed, auto-reset waitable timer, to be waited on with Wait.
   virtual Result<UniqueHandle> MakeTimer() = 0;
 

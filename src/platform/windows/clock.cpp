@@ -36,13 +36,13 @@ class RealClock final : public Clock {
 
   WaitResult Wait(RawHandle handle, std::optional<Duration> length) override {
     if (!length) return Interpret(WaitForSingleObject(handle, INFINITE));
-    std::int64_t left = length->count();
-    for (;;) {
-      const std::int64_t part = std::clamp<std::int64_t>(left, 0, kLongestWait);
-      const WaitResult result = Interpret(WaitForSingleObject(handle, static_cast<DWORD>(part)));
-      left -= part;
-      if (result.outcome != WaitOutcome::TimedOut || left <= 0) return result;
-    }
+    return InParts(*length, [handle](DWORD part) { return WaitForSingleObject(handle, part); });
+  }
+
+  WaitResult WaitForEither(RawHandle first, RawHandle second, Duration length) override {
+    const HANDLE handles[] = {first, second};
+    return InParts(
+        length, [&handles](DWORD part) { return WaitForMultipleObjects(2, handles, FALSE, part); });
   }
 
   Result<UniqueHandle> MakeTimer() override {
@@ -66,9 +66,21 @@ class RealClock final : public Clock {
   void WorkerEnded() override {}
 
  private:
+  template <typename WaitOnce>
+  static WaitResult InParts(Duration length, WaitOnce&& wait) {
+    std::int64_t left = length.count();
+    for (;;) {
+      const std::int64_t part = std::clamp<std::int64_t>(left, 0, kLongestWait);
+      const WaitResult result = Interpret(wait(static_cast<DWORD>(part)));
+      left -= part;
+      if (result.outcome != WaitOutcome::TimedOut || left <= 0) return result;
+    }
+  }
+
   static WaitResult Interpret(DWORD code) {
     switch (code) {
       case WAIT_OBJECT_0:
+      case WAIT_OBJECT_0 + 1:
       case WAIT_ABANDONED:
         return {WaitOutcome::Signalled, code, 0};
       case WAIT_TIMEOUT:
