@@ -10,6 +10,8 @@ namespace {
 
 constexpr std::int64_t kTolerance = 2000;       // milliseconds
 constexpr std::int64_t kStandbyElapsed = 2001;  // milliseconds
+constexpr std::int64_t kLongestElapsed =
+    -std::int64_t{std::numeric_limits<std::int32_t>::min()};  // milliseconds
 constexpr std::wstring_view kBlanks = L" \t\n\v\f\r";
 
 constexpr bool IsDigit(wchar_t c) {
@@ -48,6 +50,10 @@ std::int64_t ElapsedMilliseconds(std::uint64_t start, std::uint64_t now) {
 
 std::int64_t ElapsedUntilStandby(std::uint64_t start, std::uint64_t now) {
   return std::max(ElapsedMilliseconds(start, now), kStandbyElapsed);
+}
+
+bool IsTooLong(int delaySeconds) {
+  return DelayLength(delaySeconds).count() - kLongestElapsed > kTolerance;
 }
 
 bool IsOverdue(int delaySeconds, std::int64_t elapsedMilliseconds) {

@@ -23,6 +23,9 @@ std::int64_t ElapsedUntilStandby(std::uint64_t start, std::uint64_t now);
 // out.
 bool IsOverdue(int delaySeconds, std::int64_t elapsedMilliseconds);
 
+// Whether a delay is so long that no elapsed time, measured in 32 bits, keeps a delivery.
+bool IsTooLong(int delaySeconds);
+
 // The delay in the clock's unit. Any int of seconds fits.
 constexpr std::chrono::milliseconds DelayLength(int delaySeconds) {
   return std::chrono::milliseconds(std::int64_t{delaySeconds} * 1000);

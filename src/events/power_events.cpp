@@ -30,6 +30,7 @@ constexpr DeliveryTexts kTexts = {
 std::mutex PowerEventManager::handle_event_mutex;
 
 constinit const DeliveryKind kPowerEvents = {
+    .name = "PowerEventManager::handle_event",
     .texts = kTexts,
     .storeKey = kPowerForm.list,
     .parse = &ParseAs<SubscribeForPowerEventRequest>,
@@ -42,8 +43,8 @@ SubscribeForPowerEventRequest::SubscribeForPowerEventRequest(const std::wstring&
 
 void PowerEventManager::handle_event(const std::wstring& request,
                                      const std::function<void(const std::wstring&)>& /*completed*/,
-                                     std::uint32_t eventType) {
-  StartDelivery(kPowerEvents, request, eventType);
+                                     std::uint32_t eventType, const Platform::SharedHandle& stop) {
+  StartDelivery(kPowerEvents, request, eventType, stop);
 }
 
 }  // namespace Vx::Tessel::Server::Services::Orvane

@@ -24,12 +24,13 @@ class PowerEventManager {
  public:
   PowerEventManager() = delete;
 
-  // Starts a worker for one stored request and the code of a delivered event, and returns. Never
-  // calls the completion handler, because firing does not use a subscription up. Throws
+  // Starts a worker for one stored request and the code of a delivered event, and returns. A worker
+  // that waits when `stop` is signalled logs that and ends. Never calls the completion handler,
+  // because firing does not use a subscription up. Throws
   // std::system_error when no thread can be started.
   static void handle_event(const std::wstring& request,
                            const std::function<void(const std::wstring&)>& completed,
-                           std::uint32_t eventType);
+                           std::uint32_t eventType, const Platform::SharedHandle& stop = nullptr);
 
   // Serialises the decisions and commands of all power workers. They wait outside it.
   static std::mutex handle_event_mutex;

@@ -1,8 +1,10 @@
 #include "events/subscription_delivery.h"
 
 #include <exception>
+#include <map>
 #include <optional>
 #include <system_error>
+#include <utility>
 
 #include "events/delivery_rules.h"
 #include "host/logging.h"
@@ -23,6 +25,9 @@ namespace {
 using Logging::LogManager;
 
 constexpr wchar_t kTriggerUnreadable[] = L"Failed to retrieve custom trigger GUID.";
+constexpr wchar_t kTooManyWait[] =
+    L"%S - dropped, because %d deliveries of the same subscription wait already: %s";
+constexpr wchar_t kServiceEnded[] = L"%S - dropped while it waited, because the service ends: %s";
 
 // Signalled by another component when the machine enters Modern Standby.
 constexpr wchar_t kModernStandbyEvent[] = L"{CE7DC567-F47B-4A07-8489-C9DEB372B88F}";
@@ -52,33 +57,92 @@ int DelaySeconds(const DeliveryTexts& texts, const EventSubscription& subscripti
   return seconds.value_or(0);
 }
 
-// Waits for the delay or until Modern Standby begins, and returns the milliseconds that count.
-std::int64_t WaitDelay(const DeliveryTexts& texts, int seconds) {
+// A place among the deliveries of one stored text that wait, for as long as this object lives.
+class WaitingPlace {
+ public:
+  WaitingPlace(const DeliveryKind& kind, const std::wstring& request) {
+    const std::lock_guard guard(mutex);
+    entry = Counts().try_emplace({kind.storeKey, request}, 0).first;
+    granted = entry->second < kMostWaiting;
+    if (granted) ++entry->second;
+  }
+  WaitingPlace(const WaitingPlace&) = delete;
+  WaitingPlace& operator=(const WaitingPlace&) = delete;
+  ~WaitingPlace() {
+    if (!granted) return;
+    const std::lock_guard guard(mutex);
+    if (--entry->second == 0) Counts().erase(entry);
+  }
+
+  // False when every place is taken.
+  explicit operator bool() const { return granted; }
+
+ private:
+  using Map = std::map<std::pair<const char*, std::wstring>, int>;
+
+  // Never destroyed, because a worker may outlive every service.
+  static Map& Counts() {
+    static auto& counts = *new Map();
+    return counts;
+  }
+
+  static std::mutex mutex;  // guards the counts; no other lock is taken under it
+  Map::iterator entry;
+  bool granted = false;
+};
+
+std::mutex WaitingPlace::mutex;
+
+// Waits until Modern Standby begins, the service ends or the delay is over. Returns the
+// milliseconds that count, or nothing when the service ends.
+std::optional<std::int64_t> Wait(const DeliveryTexts& texts, int seconds,
+                                 const Platform::SharedHandle& stop) {
+  Platform::Clock& clock = *Platform::CurrentMachine().clock;
+  const std::uint64_t start = clock.TickCount();
+  const auto standby =
+      Platform::CurrentMachine().kernelObjects->MakeManualEvent(kModernStandbyEvent);
+  Platform::WaitResult wait;
+  if (standby && stop != nullptr) {
+    wait = clock.WaitForEither(stop.get(), standby->get(), DelayLength(seconds));
+  } else if (standby || stop != nullptr) {
+    wait = clock.Wait(standby ? standby->get() : stop.get(), DelayLength(seconds));
+  } else {
+    clock.Sleep(DelayLength(seconds));
+  }
+  if (wait.outcome != Platform::WaitOutcome::Signalled) {
+    return ElapsedMilliseconds(start, clock.TickCount());
+  }
+  const bool ended = stop != nullptr && (!standby || wait.code == 0);
+  if (ended) return std::nullopt;
+  Log().LogInfo(texts.modernStandby);
+  return ElapsedUntilStandby(start, clock.TickCount());
+}
+
+// Waits out the delay of a delivery. Returns the milliseconds that count for it, or nothing when it
+// is dropped, which is logged.
+std::optional<std::int64_t> WaitDelay(const DeliveryKind& kind, const std::wstring& request,
+                                      int seconds, const Platform::SharedHandle& stop) {
   if (seconds < 1) {
-    Log().LogInfo(texts.noDelay);
+    Log().LogInfo(kind.texts.noDelay);
     return 0;
   }
-  Platform::Clock& clock = *Platform::CurrentMachine().clock;
-  Log().LogInfo(texts.delayStart, seconds);
-  const std::uint64_t start = clock.TickCount();
-  std::int64_t elapsed = 0;
-  {
-    const auto standby =
-        Platform::CurrentMachine().kernelObjects->MakeManualEvent(kModernStandbyEvent);
-    auto outcome = Platform::WaitOutcome::TimedOut;
-    if (standby) {
-      outcome = clock.Wait(standby->get(), DelayLength(seconds)).outcome;
-    } else {
-      clock.Sleep(DelayLength(seconds));
+  std::optional<std::int64_t> elapsed = 0;
+  if (IsTooLong(seconds)) {
+    Log().LogInfo(kind.texts.delayStart, seconds);
+  } else {
+    const WaitingPlace place(kind, request);
+    if (!place) {
+      Log().LogWarning(kTooManyWait, kind.name, kMostWaiting, request.c_str());
+      return std::nullopt;
     }
-    if (outcome == Platform::WaitOutcome::Signalled) {
-      Log().LogInfo(texts.modernStandby);
-      elapsed = ElapsedUntilStandby(start, clock.TickCount());
-    } else {
-      elapsed = ElapsedMilliseconds(start, clock.TickCount());
+    Log().LogInfo(kind.texts.delayStart, seconds);
+    elapsed = Wait(kind.texts, seconds, stop);
+    if (!elapsed) {
+      Log().LogWarning(kServiceEnded, kind.name, request.c_str());
+      return std::nullopt;
     }
   }
-  Log().LogInfo(texts.delayEnd, seconds);
+  Log().LogInfo(kind.texts.delayEnd, seconds);
   return elapsed;
 }
 
@@ -93,17 +157,19 @@ std::wstring TriggerOf(const EventSubscription& subscription) {
   }
 }
 
-void Deliver(const DeliveryKind& kind, const std::wstring& request, std::uint32_t eventType) {
+void Deliver(const DeliveryKind& kind, const std::wstring& request, std::uint32_t eventType,
+             const Platform::SharedHandle& stop) {
   const auto subscription = kind.parse(request);
   if (subscription->Type() != eventType) return;
 
   const int delay = DelaySeconds(kind.texts, *subscription);
-  const std::int64_t elapsed = WaitDelay(kind.texts, delay);
+  const std::optional<std::int64_t> elapsed = WaitDelay(kind, request, delay, stop);
+  if (!elapsed) return;
   const std::wstring trigger = TriggerOf(*subscription);
 
   const std::lock_guard guard(*kind.handleEventMutex);
-  if (IsOverdue(delay, elapsed)) {
-    Log().LogInfo(kind.texts.discarded, static_cast<int>(elapsed));
+  if (IsOverdue(delay, *elapsed)) {
+    Log().LogInfo(kind.texts.discarded, static_cast<int>(*elapsed));
   } else if (!trigger.empty()) {
     const std::uint32_t status = Platform::CurrentMachine().systemTriggers->Raise(trigger);
     Log().LogInfo(kind.texts.triggerRaised, status, request.c_str());
@@ -119,9 +185,10 @@ std::int32_t StatusOf(const std::exception& error) {
 }
 
 // The worker's boundary: whatever a stored text or its command throws ends here.
-void Work(const DeliveryKind& kind, const std::wstring& request, std::uint32_t eventType) noexcept {
+void Work(const DeliveryKind& kind, const std::wstring& request, std::uint32_t eventType,
+          const Platform::SharedHandle& stop) noexcept {
   try {
-    Deliver(kind, request, eventType);
+    Deliver(kind, request, eventType, stop);
   } catch (const Platform::WindowsRuntimeError& error) {
     Log().LogError(kind.texts.workerFailed, Json::ToUtf8(error.message()).c_str(), error.code());
   } catch (const std::exception& error) {
@@ -168,15 +235,18 @@ int UnregisterSubscription(const DeliveryKind& kind, const std::wstring& request
                     });
 }
 
-void FulfillSubscriptions(const DeliveryKind& kind, std::uint32_t eventType) {
+void FulfillSubscriptions(const DeliveryKind& kind, std::uint32_t eventType,
+                          const Platform::SharedHandle& stop) {
   RequestManager manager(kServiceDocument, kind.storeKey);
   manager.RegisterExistingRequests(
-      [&](const std::wstring& request) { kind.handleEvent(request, nullptr, eventType); },
+      [&](const std::wstring& request) { kind.handleEvent(request, nullptr, eventType, stop); },
       [](const std::wstring&, const Platform::WindowsRuntimeError&) {});
 }
 
-void StartDelivery(const DeliveryKind& kind, const std::wstring& request, std::uint32_t eventType) {
-  Platform::StartDetached([&kind, request, eventType] { Work(kind, request, eventType); });
+void StartDelivery(const DeliveryKind& kind, const std::wstring& request, std::uint32_t eventType,
+                   const Platform::SharedHandle& stop) {
+  Platform::StartDetached(
+      [&kind, request, eventType, stop] { Work(kind, request, eventType, stop); });
 }
 
 }  // namespace Vx::Tessel::Server::Services::Orvane

@@ -8,6 +8,7 @@
 
 #include "events/event_commands.h"
 #include "events/subscription_forms.h"
+#include "platform/unique_handle.h"
 
 namespace Vx::Tessel::Server::Services::Orvane {
 
@@ -53,14 +54,16 @@ struct DeliveryTexts {
   const wchar_t* unregisterUnknown;
 };
 
-// Takes the text of a stored request, a completion handler that may be empty, and the event's code.
+// Takes the text of a stored request, a completion handler that may be empty, the event's code, and
+// the event that ends a wait early, or null.
 using DeliveryHandler = void (*)(const std::wstring& request,
                                  const std::function<void(const std::wstring&)>& completed,
-                                 std::uint32_t eventType);
+                                 std::uint32_t eventType, const Platform::SharedHandle& stop);
 
 // All that distinguishes one kind of subscription from the other. A constant, so that it outlives
 // every worker.
 struct DeliveryKind {
+  const char* name;  // of the handler, in log lines
   DeliveryTexts texts;
   const char* storeKey;
   std::shared_ptr<const EventSubscription> (*parse)(const std::wstring& request);
@@ -83,12 +86,20 @@ int RegisterSubscription(const DeliveryKind& kind, const std::wstring& request) 
 int UnregisterSubscription(const DeliveryKind& kind, const std::wstring& request) noexcept;
 
 // Delivers an event to every stored request of the kind. Logs a request whose worker cannot be
-// started and goes on with the next. Throws only std::bad_alloc.
-void FulfillSubscriptions(const DeliveryKind& kind, std::uint32_t eventType);
+// started and goes on with the next. Workers that wait when `stop` is signalled log that and end.
+// Throws only std::bad_alloc.
+void FulfillSubscriptions(const DeliveryKind& kind, std::uint32_t eventType,
+                          const Platform::SharedHandle& stop = nullptr);
+
+// Deliveries of one stored text that wait out a delay at the same time. The next one is dropped, so
+// that a long delay does not fill the process with threads.
+inline constexpr int kMostWaiting = 64;
 
 // Starts the detached worker that delivers one event to one stored request, and returns. The worker
-// waits out the delay without a lock, then decides and runs the command under the kind's mutex.
-// Throws std::system_error when no thread can be started.
-void StartDelivery(const DeliveryKind& kind, const std::wstring& request, std::uint32_t eventType);
+// waits out the delay without a lock, then decides and runs the command under the kind's mutex. It
+// does not wait for a delay that IsTooLong, and logs a delivery that it drops. Throws
+// std::system_error when no thread can be started.
+void StartDelivery(const DeliveryKind& kind, const std::wstring& request, std::uint32_t eventType,
+                   const Platform::SharedHandle& stop);
 
 }  // namespace Vx::Tessel::Server::Services::Orvane

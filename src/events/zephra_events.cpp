@@ -30,6 +30,7 @@ constexpr DeliveryTexts kTexts = {
 std::mutex ZephraEventManager::handle_event_mutex;
 
 constinit const DeliveryKind kZephraEvents = {
+    .name = "ZephraEventManager::handle_event",
     .texts = kTexts,
     .storeKey = kZephraForm.list,
     .parse = &ParseAs<SubscribeForZephraEventRequest>,
@@ -42,8 +43,8 @@ SubscribeForZephraEventRequest::SubscribeForZephraEventRequest(const std::wstrin
 
 void ZephraEventManager::handle_event(const std::wstring& request,
                                       const std::function<void(const std::wstring&)>& /*completed*/,
-                                      std::uint32_t eventType) {
-  StartDelivery(kZephraEvents, request, eventType);
+                                      std::uint32_t eventType, const Platform::SharedHandle& stop) {
+  StartDelivery(kZephraEvents, request, eventType, stop);
 }
 
 }  // namespace Vx::Tessel::Server::Services::Orvane

@@ -30,7 +30,7 @@ class ZephraEventManager {
 
   static void handle_event(const std::wstring& request,
                            const std::function<void(const std::wstring&)>& completed,
-                           std::uint32_t eventType);
+                           std::uint32_t eventType, const Platform::SharedHandle& stop = nullptr);
 
   static std::mutex handle_event_mutex;
 };

@@ -54,8 +54,8 @@ constexpr unsigned kFreeMemory = 1;
 constexpr std::uint32_t kSessionLogon = 5;   // WTS_SESSION_LOGON
 constexpr std::uint32_t kSessionLogoff = 6;  // WTS_SESSION_LOGOFF
 
-void SignalIfMade(const Platform::UniqueHandle& event) {
-  if (event != nullptr) Platform::CurrentMachine().kernelObjects->Signal(event.get());
+void SignalIfMade(Platform::RawHandle event) {
+  if (event != nullptr) Platform::CurrentMachine().kernelObjects->Signal(event);
 }
 
 // Reads the stored requests under `key` into an array. Leaves out elements of another writer that
@@ -103,8 +103,8 @@ OrvaneService* OrvaneService::Create() noexcept {
 OrvaneService::OrvaneService() : state(std::make_shared<ServiceState>()) {}
 
 OrvaneService::~OrvaneService() {
-  SignalIfMade(state->stopEvent);
-  SignalIfMade(state->sessionStopEvent);
+  SignalIfMade(state->stopEvent.get());
+  SignalIfMade(state->sessionStopEvent.get());
   // Their watchers would keep the module loaded for good.
   Contain("Destroy", [] { PackageCatalogEventManager::clear_events(); });
 }
@@ -160,7 +160,7 @@ int OrvaneService::UnregisterPowerEvent(const wchar_t* request, const wchar_t* /
 }
 
 void OrvaneService::FulfillPowerManagementEventRequests(std::uint32_t eventType) {
-  FulfillSubscriptions(kPowerEvents, eventType);
+  FulfillSubscriptions(kPowerEvents, eventType, state->stopEvent);
 }
 
 int OrvaneService::RegisterZephraEvent(const wchar_t* request, const wchar_t* /*clientId*/) {
@@ -178,7 +178,7 @@ void OrvaneService::FulfillZephraManagementEventRequests(std::uint32_t eventType
 void OrvaneService::FulfillZephraManagementEventRequests(const ServiceState& state,
                                                          std::uint32_t eventType) {
   state.logger->LogInfo(kStarted, kFulfillZephra);
-  FulfillSubscriptions(kZephraEvents, eventType);
+  FulfillSubscriptions(kZephraEvents, eventType, state.stopEvent);
 }
 
 std::uint32_t OrvaneService::GetSubscriptions(const Call& call) {

@@ -16,7 +16,8 @@ Platform::UniqueHandle MakeStopEvent() {
 
 }  // namespace
 
-ServiceState::ServiceState() : stopEvent(MakeStopEvent()), sessionStopEvent(MakeStopEvent()) {
+ServiceState::ServiceState()
+    : stopEvent(Platform::Share(MakeStopEvent())), sessionStopEvent(MakeStopEvent()) {
   logger = Logging::LogManager::GetLogger();
 }
 

@@ -20,7 +20,7 @@ struct ServiceState {
 
   Logging::TraceLogger* logger = nullptr;
   std::atomic<bool> wakeupCheckDone{false};
-  Platform::UniqueHandle stopEvent;
+  Platform::SharedHandle stopEvent;  // shared with deliveries that wait
   Platform::UniqueHandle sessionStopEvent;
   Aurelo::LaunchTimer aureloLaunchTimer;  // of the pending launch
 };

@@ -43,9 +43,8 @@ constexpr std::chrono::milliseconds kAttemptPause{600'000};
 constexpr int kAttempts = 7;
 
 // Waits on a stop event. Returns true when the time is over and the service still exists.
-bool Pause(const Platform::UniqueHandle& stop, std::chrono::milliseconds length,
-           Platform::WaitResult& wait) {
-  wait = Platform::CurrentMachine().clock->Wait(stop.get(), length);
+bool Pause(Platform::RawHandle stop, std::chrono::milliseconds length, Platform::WaitResult& wait) {
+  wait = Platform::CurrentMachine().clock->Wait(stop, length);
   return wait.outcome == Platform::WaitOutcome::TimedOut;
 }
 
@@ -59,7 +58,7 @@ bool WaitForOobe(const ServiceState& state) {
     if (poll % kPollsPerLogLine == 0) {
       state.logger->LogInfo(kOobeNotCompleted, static_cast<int>(oobe.complete));
     }
-    if (Pause(state.stopEvent, kOobePoll, wait)) continue;
+    if (Pause(state.stopEvent.get(), kOobePoll, wait)) continue;
     state.logger->LogInfo(kTerminatedInOobe, kStartupTask);
     return false;
   }
@@ -96,7 +95,7 @@ bool WaitForUser(const ServiceState& state) {
       state.logger->LogInfo(kUserFound, user.c_str());
       return true;
     }
-    if (Pause(state.sessionStopEvent, kUserPoll, wait)) continue;
+    if (Pause(state.sessionStopEvent.get(), kUserPoll, wait)) continue;
     state.logger->LogInfo(kTerminatedInUserWait, kStartupTask, wait.lastError, wait.code);
     return false;
   }
@@ -109,7 +108,7 @@ void NotifyOobe(ServiceState& state) {
   for (int attempt = 0; attempt < kAttempts; ++attempt) {
     if (RunOobeEventTask(state)) return;
     state.logger->LogInfo(kAttemptFailed, attempt);
-    if (Pause(state.stopEvent, kAttemptPause, wait)) continue;
+    if (Pause(state.stopEvent.get(), kAttemptPause, wait)) continue;
     state.logger->LogInfo(kTerminated, kStartupTask);
     return;
   }

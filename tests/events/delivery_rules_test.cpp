@@ -82,6 +82,18 @@ TEST(IsOverdue, ToleratesTwoSecondsEitherWay) {
   }
 }
 
+TEST(IsTooLong, IsADelayThatNoTimeIn32BitsKeeps) {
+  static constexpr struct {
+    int delay;
+    bool tooLong;
+  } kCases[] = {{kMin, false}, {0, false}, {2147485, false}, {2147486, true}, {kMax, true}};
+  for (const auto& c : kCases) {
+    EXPECT_EQ(IsTooLong(c.delay), c.tooLong) << c.delay;
+    EXPECT_EQ(IsOverdue(c.delay, ElapsedMilliseconds(0, 0x80000000)), c.tooLong || c.delay < 0)
+        << c.delay;
+  }
+}
+
 }  // namespace
 
 }  // namespace Vx::Tessel::Server::Services::Orvane

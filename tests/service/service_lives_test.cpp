@@ -20,6 +20,7 @@ namespace {
 using namespace std::chrono_literals;  // NOLINT(google-build-using-namespace)
 using Storage = Tessel::Server::Storage::CapDataStore;
 using Element = Tessel::Server::Storage::BsonElement;
+using Tessel::Server::Services::Orvane::OrvaneService;
 using testing::Contains;
 using testing::HasSubstr;
 using testing::IsEmpty;
@@ -112,6 +113,32 @@ TEST_F(ServiceLivesTest, DestructionEndsBothWaitsForAUserAndTouchesNothingAfterw
     machine.clock.Advance(3h);
     EXPECT_THAT(machine.faults.Calls(), IsEmpty());
   }
+}
+
+// Of both kinds of subscription, and not those of another service in the process.
+TEST_F(ServiceLivesTest, DestructionEndsTheDeliveriesThatWait) {
+  const std::wstring end =
+      LR"("commandParams":{"packageFamilyName":"f","appServiceName":"s",)"
+      LR"("payload":{},"delayDeliverySec":"86400"}})";
+  host.Execute(9, (LR"({"powerEventType":7,"eventAction":2,)" + end).c_str());
+  host.Execute(14, (LR"({"zephraEventType":1,"zephraEventAction":2,)" + end).c_str());
+  OrvaneService* const other = OrvaneService::Create();
+  for (OrvaneService* service : {host.service.get(), other}) {
+    service->power_event_task(7);
+    service->OnPolicyChangedEvent(L"", L"");
+  }
+  machine.clock.Settle();
+  log.Clear();
+  host.End();
+  machine.clock.Settle();
+  EXPECT_EQ(machine.clock.Workers(), 2U);
+  EXPECT_THAT(log.Lines(), testing::UnorderedElementsAre(
+                               HasSubstr(L"PowerEventManager::handle_event - dropped while it "),
+                               HasSubstr(L"ZephraEventManager::handle_event - dropped while it ")));
+  other->Destroy(1);
+  machine.clock.Settle();
+  EXPECT_EQ(machine.clock.Workers(), 0U);
+  EXPECT_THAT(Sent(), IsEmpty());
 }
 
 // A service that goes while its start-up task is busy leaves nobody who would end what that makes.

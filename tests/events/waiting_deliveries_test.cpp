@@ -1,0 +1,97 @@
+// Deliveries that wait out a delay: how many, and until when.
+
+#include <gmock/gmock.h>
+
+#include <chrono>
+#include <string>
+
+#include "events/power_events.h"
+#include "events/zephra_events.h"
+#include "platform/kernel_objects.h"
+#include "support/machine_test.h"
+
+namespace Vx::Tessel::Server::Services::Orvane {
+
+namespace {
+
+using namespace std::chrono_literals;
+using testing::ElementsAre;
+using testing::SizeIs;
+
+std::wstring Delayed(const std::wstring& delay, const std::wstring& service = L"s") {
+  return LR"({"powerEventType":7,"eventAction":2,"commandParams":{"packageFamilyName":"f",)"
+         LR"("appServiceName":")" +
+         service + LR"(","payload":{},"delayDeliverySec":")" + delay + LR"("}})";
+}
+
+class WaitingDeliveriesTest : public Tests::StoreTest {
+ protected:
+  ~WaitingDeliveriesTest() override { machine.clock.Advance(100s); }
+
+  void Deliver(const std::wstring& request, const Platform::SharedHandle& stop = nullptr) {
+    PowerEventManager::handle_event(request, nullptr, 7, stop);
+    machine.clock.Settle();
+  }
+  static Platform::SharedHandle MakeStopEvent() {
+    auto& objects = *Platform::CurrentMachine().kernelObjects;
+    return Platform::Share(*objects.MakeManualEvent({}));
+  }
+  static std::wstring Ended(const std::wstring& request) {
+    return L"warning|PowerEventManager::handle_event - dropped while it waited, because the "
+           L"service ends: " +
+           request;
+  }
+};
+
+TEST_F(WaitingDeliveriesTest, ADelayThatCannotBeKeptIsDroppedAtOnce) {
+  Deliver(Delayed(L"2147483647"));
+  EXPECT_THAT(log.Lines(),
+              ElementsAre(L"info|PowerEventManager::handle_event delay start: 2147483647",
+                          L"info|PowerEventManager::handle_event delay end: 2147483647",
+                          L"info|PowerEventManager::handle_event Event discarded, 0 ms"));
+  EXPECT_EQ(machine.clock.Workers(), 0U);
+}
+
+TEST_F(WaitingDeliveriesTest, TheSixtyFifthOfOneSubscriptionIsDropped) {
+  const std::wstring request = Delayed(L"10");
+  for (int i = 0; i < 64; ++i) Deliver(request);
+  log.Clear();
+  Deliver(request);
+  EXPECT_THAT(log.Lines(), ElementsAre(L"warning|PowerEventManager::handle_event - dropped, "
+                                       L"because 64 deliveries of the same subscription wait "
+                                       L"already: " +
+                                       request));
+  Deliver(Delayed(L"10", L"another"));
+  EXPECT_EQ(machine.clock.Workers(), 65U);
+  machine.clock.Advance(10s);
+  EXPECT_THAT(Sent(), SizeIs(65));
+  Deliver(request);
+  EXPECT_EQ(machine.clock.Workers(), 1U);
+}
+
+TEST_F(WaitingDeliveriesTest, EndWithTheirServiceAndNoOther) {
+  for (const bool standbyEvent : {true, false}) {
+    SCOPED_TRACE(standbyEvent);
+    machine.faults.Clear();
+    const auto stop = MakeStopEvent();
+    const auto stopOfAnother = MakeStopEvent();
+    if (!standbyEvent) machine.faults.FailNamed("KernelObjects.MakeManualEvent");
+    Deliver(Delayed(L"10", L"ends"), stop);
+    Deliver(Delayed(L"10", L"goes on"), stopOfAnother);
+    Deliver(Delayed(L"10", L"has no service"));
+    log.Clear();
+    const std::size_t sent = Sent().size();
+    Platform::CurrentMachine().kernelObjects->Signal(stop.get());
+    machine.clock.Settle();
+    EXPECT_THAT(log.Lines(), ElementsAre(Ended(Delayed(L"10", L"ends"))));
+    Deliver(Delayed(L"10", L"late"), stop);
+    EXPECT_EQ(log.Lines().back(), Ended(Delayed(L"10", L"late")));
+    EXPECT_EQ(machine.clock.Workers(), 2U);
+    machine.clock.Advance(10s);
+    EXPECT_EQ(Sent().size() - sent, 2U);
+  }
+}
+
+}  // namespace
+
+}  // namespace Vx::Tessel::Server::Services::Orvane
