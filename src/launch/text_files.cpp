@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "json/text_decoding.h"
+#include "json/utf8.h"
 #include "platform/files.h"
 #include "platform/machine.h"
 
@@ -15,6 +16,7 @@ namespace Vx::Tessel::Server::Services::Orvane {
 namespace {
 
 constexpr wchar_t kNoMark[] = L"Error Finding BOM for file: %s";
+constexpr wchar_t kUnreadable[] = L"Error while reading text file %s";
 constexpr wchar_t kSourceFailed[] = L"Error while copying source file %s";
 constexpr wchar_t kPartEnding[] = L".part";
 constexpr wchar_t kDestinationFailed[] = L"Error while copying destination file %s";
@@ -45,16 +47,20 @@ bool Replace(Platform::Files& files, const std::wstring& destination,
 
 }  // namespace
 
-std::wstring ReadTextFile(const std::wstring& path, const wchar_t* caller,
-                          const Logging::TraceLogger& logger) {
+std::optional<std::wstring> ReadTextFile(const std::wstring& path, const wchar_t* caller,
+                                         const Logging::TraceLogger& logger) {
   const auto content = Platform::CurrentMachine().files->Read(path, kMaxTextFile);
-  if (!content) return {};
-  auto text = Json::DecodeText(*content);
-  if (!text) {
-    logger.For(caller).LogWarning(kNoMark, path.c_str());
-    return {};
+  std::optional<std::wstring> text;
+  if (content) {
+    text = Json::DecodeText(*content);
+    if (!text) {
+      logger.For(caller).LogWarning(kNoMark, path.c_str());
+      text = Json::ToWide({reinterpret_cast<const char*>(content->data()), content->size()});
+    }
   }
-  return *std::move(text);
+  if (text && text->find(L'\0') == std::wstring::npos) return text;
+  logger.For(caller).LogWarning(kUnreadable, path.c_str());
+  return std::nullopt;
 }
 
 bool CopyFileContent(const std::wstring& source, const std::wstring& destination,

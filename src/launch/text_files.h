@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <optional>
 #include <string>
 
 #include "host/logging.h"
@@ -10,10 +11,11 @@ namespace Vx::Tessel::Server::Services::Orvane {
 // The largest file that these functions read.
 inline constexpr std::size_t kMaxTextFile = std::size_t{16} * 1024 * 1024;  // bytes
 
-// Returns the text of a file as Json::DecodeText decodes it. Empty, and logged, if the file has no
-// mark. Empty if it cannot be read. `caller` is the client of the log lines.
-std::wstring ReadTextFile(const std::wstring& path, const wchar_t* caller,
-                          const Logging::TraceLogger& logger);
+// Returns the text of a file as Json::DecodeText decodes it, or as UTF-8, and logged, if the file
+// has no mark. Nothing, and logged, if the file cannot be read, is too large or contains a null
+// character, at which Windows would cut the text. `caller` is the client of the log lines.
+std::optional<std::wstring> ReadTextFile(const std::wstring& path, const wchar_t* caller,
+                                         const Logging::TraceLogger& logger);
 
 // Copies the bytes of one file over another. Returns true when all were written. Logs the file that
 // could not be read or written. A destination that cannot be written whole stays as it was.

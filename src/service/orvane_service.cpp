@@ -216,8 +216,8 @@ bool OrvaneService::Launch10SSwitchSoftwares() {
   const Platform::Files& files = *Platform::CurrentMachine().files;
   if (!files.ExistsByExactName(kSwitchArguments)) return false;
   if (!files.ExistsByExactName(kSwitchProgram)) return false;
-  const std::wstring arguments = ReadTextFile(kSwitchArguments, kSwitchCaller, *state->logger);
-  return LaunchExeFor10SSwitch(kSwitchProgram, arguments.c_str());
+  const auto arguments = ReadTextFile(kSwitchArguments, kSwitchCaller, *state->logger);
+  return arguments && LaunchExeFor10SSwitch(kSwitchProgram, arguments->c_str());
 }
 
 int OrvaneService::OnPolicyChangedEvent(const wchar_t* /*request*/, const wchar_t* /*clientId*/) {

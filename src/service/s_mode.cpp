@@ -4,6 +4,7 @@
 #include <exception>
 #include <string>
 
+#include "launch/launch_rules.h"
 #include "launch/windows_mode.h"
 #include "platform/environment.h"
 #include "platform/machine.h"
@@ -50,7 +51,9 @@ bool StartSwitchSoftware(const Security::TrustedProgram& program, const wchar_t*
   Platform::ProcessStart start;
   start.application = program.Path();
   start.commandLine = L"\"" + program.Path() + L"\" " + arguments;
+  // Windows does not start a program with a longer command line.
   const bool started =
+      start.commandLine.size() <= kMaxCommandLine &&
       static_cast<bool>(Platform::CurrentMachine().processes->Start(nullptr, start));
   logger.LogInfo(kOutcome, "CreateProcess", program.Path().c_str(), started ? kSucceeded : kFailed);
   return started;

@@ -3,6 +3,7 @@
 #include <functional>
 #include <iterator>
 #include <memory>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -199,7 +200,7 @@ TEST_F(RegistrationDataTest, NamesTheSideThatFailed) {
 // A folder of files and the log lines about them.
 class TextFileTest : public ::testing::Test {
  protected:
-  std::wstring Text(const wchar_t* name) const {
+  std::optional<std::wstring> Text(const wchar_t* name) const {
     return ReadTextFile(folder / name, L"Win10SSwitch", logger);
   }
   bool Copy(const wchar_t* from, const wchar_t* to) const {
@@ -211,21 +212,42 @@ class TextFileTest : public ::testing::Test {
   const Logging::TraceLogger& logger = *Logging::LogManager::GetLogger();
 };
 
-TEST_F(TextFileTest, AFileHasATextOnlyIfItCanBeReadAndHasAByteOrderMark) {
-  Write(folder / L"marked", "\xEF\xBB\xBF/quiet");
-  EXPECT_EQ(Text(L"marked"), L"/quiet");
-  EXPECT_EQ(Text(L"missing"), L"");
-  EXPECT_EQ(Text(L""), L"");  // a folder
+TEST_F(TextFileTest, AFileWithoutAMarkIsReadAsUtf8AndAnUnreadableOneHasNoText) {
+  static constexpr wchar_t kNoMark[] = L"warning|Error Finding BOM for file: ";
+  static constexpr wchar_t kUnreadable[] = L"warning|Error while reading text file ";
+  std::filesystem::create_directory(folder.Path() / "a folder");
   Write(folder / L"large", "\xEF\xBB\xBF");
   std::filesystem::resize_file(folder.Path() / "large", kMaxTextFile + 1);
-  EXPECT_EQ(Text(L"large"), L"");
-  EXPECT_THAT(log.Lines(), IsEmpty());
-
-  Write(folder / L"plain", "/quiet");
-  EXPECT_EQ(Text(L"plain"), L"");
-  EXPECT_THAT(log.Lines(),
-              ElementsAre(L"warning|Error Finding BOM for file: " + folder / L"plain"));
-  EXPECT_THAT(log.Callers(), ElementsAre(L"Win10SSwitch"));
+  Write(folder / L"largest", std::string(kMaxTextFile, 'x'));
+  Write(folder / L"marked", "\xEF\xBB\xBF/quiet");
+  Write(folder / L"plain", "/caf\xC3\xA9");
+  Write(folder / L"empty", "");
+  Write(folder / L"UTF-16", std::string_view("/\0q\0", 4));
+  Write(folder / L"cut", std::string_view("\xFF\xFE/\0\0\0q\0", 8));
+  const struct {
+    const wchar_t* name;
+    std::optional<std::wstring> text;
+    std::vector<std::wstring> lines;
+  } cases[] = {
+      {L"marked", L"/quiet", {}},
+      {L"plain", L"/caf\u00E9", {kNoMark}},
+      {L"largest", std::wstring(kMaxTextFile, L'x'), {kNoMark}},
+      {L"empty", L"", {kNoMark}},
+      {L"missing", std::nullopt, {kUnreadable}},
+      {L"a folder", std::nullopt, {kUnreadable}},
+      {L"large", std::nullopt, {kUnreadable}},
+      {L"UTF-16", std::nullopt, {kNoMark, kUnreadable}},
+      {L"cut", std::nullopt, {kUnreadable}},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(::testing::PrintToString(std::wstring(c.name)));
+    log.Clear();
+    EXPECT_TRUE(Text(c.name) == c.text);
+    auto lines = c.lines;
+    for (std::wstring& line : lines) line += folder / c.name;
+    EXPECT_EQ(log.Lines(), lines);
+    EXPECT_THAT(log.Callers(), ::testing::Each(L"Win10SSwitch"));
+  }
 }
 
 TEST_F(TextFileTest, ADestinationThatCannotBeWrittenKeepsItsContentAndNoPartIsLeft) {

@@ -151,6 +151,25 @@ TEST_F(SwitchSoftwareTest, StartsTheCheckedProgramWithTheArgumentsOfItsFile) {
   EXPECT_EQ(host.log.Lines().back(), L"info|CreateProcess(" + kProgram + L") : succeeded");
 }
 
+TEST_F(SwitchSoftwareTest, ReadsArgumentsWithoutAMarkAsUtf8AndStartsNothingWithoutThem) {
+  HoldProgram(L"pinned.exe");
+  machine.files.Add(kArguments, "/caf\xC3\xA9");
+  EXPECT_TRUE(host.service->Launch10SSwitchSoftwares());
+  EXPECT_THAT(Started(), testing::ElementsAre(L"\"" + kProgram + L"\" /caf\u00E9"));
+  EXPECT_TRUE(host.log.Has(L"warning|Error Finding BOM for file: " + kArguments));
+
+  host.log.Clear();
+  machine.faults.FailNamed("Files.Read");
+  EXPECT_FALSE(host.service->Launch10SSwitchSoftwares());
+  EXPECT_THAT(host.log.Lines(),
+              testing::ElementsAre(L"warning|Error while reading text file " + kArguments));
+  machine.files.Add(kArguments, std::string(40000, 'x'));
+  machine.faults.Clear();
+  EXPECT_FALSE(host.service->Launch10SSwitchSoftwares());
+  EXPECT_EQ(host.log.Lines().back(), L"info|CreateProcess(" + kProgram + L") : FAILED");
+  EXPECT_THAT(Started(), testing::SizeIs(1));
+}
+
 TEST_F(SwitchSoftwareTest, StartsNothingThatItCannotLock) {
   HoldProgram(L"pinned.exe");
   const auto openForWriting = [&] {
