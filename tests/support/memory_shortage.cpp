@@ -1,0 +1,61 @@
+#include "support/memory_shortage.h"
+
+#include <atomic>
+#include <cstdlib>
+
+#include <windows.h>
+
+namespace Vx::Tests {
+namespace {
+
+std::atomic<DWORD> starving{0};  // the thread whose allocations are counted, 0 for none
+std::size_t succeeding = 0;      // its allocations that still succeed
+Shortage kind = Shortage::Once;
+bool failed = false;
+
+bool Fails() noexcept {
+  if (starving.load() != GetCurrentThreadId()) return false;
+  if (failed) return kind == Shortage::Lasting;
+  if (succeeding-- != 0) return false;
+  failed = true;
+  return true;
+}
+
+// The runtime keeps a pool for exceptions that are thrown without memory. Its mutex is created at
+// the first use, which recurses without an end if that fails too. So the first use is here.
+const bool poolIsReady = [] {
+  const MemoryShortage shortage(Shortage::Once, 0);
+  try {
+    throw 0;
+  } catch (int) {
+    return true;
+  }
+}();
+
+}  // namespace
+
+MemoryShortage::MemoryShortage(Shortage wanted, std::size_t allocations) {
+  kind = wanted;
+  succeeding = allocations;
+  failed = false;
+  starving = GetCurrentThreadId();
+}
+
+MemoryShortage::~MemoryShortage() {
+  End();
+}
+
+bool MemoryShortage::End() {
+  starving = 0;
+  return failed;
+}
+
+}  // namespace Vx::Tests
+
+// NOLINTBEGIN(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp): the linker's names
+extern "C" void* __real_malloc(std::size_t size);
+extern "C" void* __wrap_malloc(std::size_t size);
+void* __wrap_malloc(std::size_t size) {
+  return Vx::Tests::Fails() ? nullptr : __real_malloc(size);
+}
+// NOLINTEND(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
