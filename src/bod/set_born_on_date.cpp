@@ -61,9 +61,10 @@ void SetAndStore(const Logging::TraceLogger& logger) {
   }
 }
 
-std::string TextOf(const std::exception& error) {
-  const std::string text = error.what();
-  return text.empty() ? kUnknownException : text;
+// Allocates nothing, because the exception may report that memory has run out.
+const char* TextOf(const std::exception& error) {
+  const char* const text = error.what();
+  return *text == '\0' ? kUnknownException : text;
 }
 
 }  // namespace
@@ -72,11 +73,11 @@ void SetBornOnDate(const Logging::TraceLogger& logger) {
   try {
     SetAndStore(logger);
   } catch (const std::invalid_argument& error) {
-    logger.LogError(kInvalidArgument, TextOf(error).c_str());
+    logger.LogError(kInvalidArgument, TextOf(error));
   } catch (const std::system_error& error) {
-    logger.LogError(kSystemError, TextOf(error).c_str(), error.code().value());
+    logger.LogError(kSystemError, TextOf(error), error.code().value());
   } catch (const std::exception& error) {
-    logger.LogError(kException, TextOf(error).c_str());
+    logger.LogError(kException, TextOf(error));
   }
 }
 

@@ -22,6 +22,7 @@
 #include "simulator/virtual_clock.h"
 #include "storage/cap_data_store.h"
 #include "support/log_capture.h"
+#include "support/memory_shortage.h"
 #include "support/temp_folder.h"
 
 namespace Vx::Tessel::Server::Services::Orvane {
@@ -205,6 +206,15 @@ TEST_F(BornOnDateManagerTest, AnUnreadableFirmwareMeansSixDigitsAndStoresNoDate)
   EXPECT_EQ(manager.get_num_bod_digits(), BODFormat::SixDigits);
   SetBornOnDate(logger);
   EXPECT_EQ(Stored(), "");
+}
+
+TEST_F(BornOnDateManagerTest, LetsNoExceptionOutWhenMemoryRunsOutDuringAFailure) {
+  firmware.Fail("ExecMethod", static_cast<std::int32_t>(0x80041003));
+  for (const auto kind : {Tests::Shortage::Once, Tests::Shortage::Lasting}) {
+    EXPECT_GT(Tests::FailEachAllocation(
+                  kind, [&] { SetBornOnDate(logger); }, [&] { EXPECT_EQ(Stored(), "missing"); }),
+              0U);
+  }
 }
 
 TEST(BornOnDateSystemTimeTest, HoldsTheDateAndNothingElse) {
