@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <exception>
+#include <new>
 #include <string_view>
 #include <utility>
 
@@ -40,6 +41,7 @@ constexpr wchar_t kRegistering[] = L"Need to enforce the registration of the UWP
 constexpr wchar_t kNoNeedToRegister[] = L"No need to register the UWP.";
 constexpr wchar_t kRegistrationFailed[] =
     L"Problem while running the operation of check/register of the UWP application. %ls";
+constexpr wchar_t kNoMemory[] = L"out of memory";
 constexpr wchar_t kForcing[] = L"Forcing to launch the UWP.";
 constexpr wchar_t kDetermining[] = L"Determining if the UWP has to auto-launch.";
 constexpr wchar_t kSavingSkipState[] = L"Saving skip state for %S";
@@ -55,6 +57,28 @@ static_assert(std::wstring_view(kOobeCompleted).size() == 31);
 
 constexpr unsigned kStubMinor = 0;
 constexpr unsigned kNuboMinor = 1;
+
+// Logs `error`, also when there is no memory to convert its text.
+void LogRegistrationFailure(const Logging::TraceLogger& logger,
+                            const std::exception& error) noexcept {
+  try {
+    logger.LogError(kRegistrationFailed, Json::ToWide(error.what()).c_str());
+  } catch (const std::bad_alloc&) {
+    logger.LogError(kRegistrationFailed, kNoMemory);
+  }
+}
+
+// Sends the message that set-up is complete. Returns true if the app answered with success.
+bool NotifyOfOobe(const Logging::TraceLogger& logger, const wchar_t* packageFamilyName,
+                  const wchar_t* appServiceName) {
+  try {
+    const auto service = CurrentMachine().appServices->Open(packageFamilyName, appServiceName);
+    return service->Send(kOobeCompleted).first == 0;
+  } catch (const std::exception&) {
+    logger.LogError(kAppServiceUnreachable);
+    return false;
+  }
+}
 
 // Returns the full name of the app's package that the thread's user has. Empty when the user has
 // none or the query fails.
@@ -162,9 +186,14 @@ bool QuboFacade::GetPackageFullName(std::wstring& fullName) const {
 }
 
 bool QuboFacade::RegisterApp() const {
-  std::wstring user;
-  std::wstring fullName;
-  return GetCurrentUserName(user) && GetPackageFullName(fullName) && RegisterApp(user, fullName);
+  try {
+    std::wstring user;
+    std::wstring fullName;
+    return GetCurrentUserName(user) && GetPackageFullName(fullName) && RegisterApp(user, fullName);
+  } catch (const std::exception& error) {
+    LogRegistrationFailure(*logger, error);
+    return false;
+  }
 }
 
 bool QuboFacade::RegisterApp(const std::wstring& user, const std::wstring& fullName) const {
@@ -179,7 +208,7 @@ bool QuboFacade::RegisterApp(const std::wstring& user, const std::wstring& fullN
     package.Register(fullName);
     return true;
   } catch (const std::exception& error) {
-    logger->LogError(kRegistrationFailed, Json::ToWide(error.what()).c_str());
+    LogRegistrationFailure(*logger, error);
     return false;
   }
 }
@@ -238,25 +267,19 @@ void QuboFacade::MarkAsUsed(QuboStartingPoint reason) const {
 }
 
 bool QuboFacade::CallAppServiceAfterOobe() const {
-  if (CallAppServiceAfterOobe(kQubo.packageFamilyName, oobe_app_service_name_qubo)) {
+  if (NotifyOfOobe(*logger, kQubo.packageFamilyName, oobe_app_service_name_qubo)) {
     logger->LogInfo(kQuboAppServiceOk);
     return true;
   }
   logger->LogWarning(kQuboAppServiceFailed);
-  const bool told = CallAppServiceAfterOobe(kLumo.packageFamilyName, oobe_app_service_name);
-  logger->LogInfo(kLumoAppServiceResult, told ? 1 : 0);
-  return told;
+  const bool notified = NotifyOfOobe(*logger, kLumo.packageFamilyName, oobe_app_service_name);
+  logger->LogInfo(kLumoAppServiceResult, notified ? 1 : 0);
+  return notified;
 }
 
 bool QuboFacade::CallAppServiceAfterOobe(const std::wstring& packageFamilyName,
                                          const std::wstring& appServiceName) const {
-  try {
-    const auto service = CurrentMachine().appServices->Open(packageFamilyName, appServiceName);
-    return service->Send(kOobeCompleted).first == 0;
-  } catch (const std::exception&) {
-    logger->LogError(kAppServiceUnreachable);
-    return false;
-  }
+  return NotifyOfOobe(*logger, packageFamilyName.c_str(), appServiceName.c_str());
 }
 
 bool QuboFacade::SkipAutoLaunchCriteria(const std::string& key) const {

@@ -9,6 +9,7 @@
 
 #include "storage/cap_data_store.h"
 #include "support/machine_test.h"
+#include "support/memory_shortage.h"
 #include "support/probe.h"
 
 namespace Vx::Tessel::Server::Services::Orvane::Qubo {
@@ -241,6 +242,20 @@ TEST_F(QuboFacadeTest, AParameterReachesTheStartedAppAsItWasGiven) {
               ElementsAre(L"one", L"two three", L"&", L"\u00E4", L"C:\\evil.exe"));
   EXPECT_EQ(report->workingDirectory, profile.Path().wstring());
   EXPECT_EQ(report->commandLine, L"\"" + (aliases / "Qubo.exe").wstring() + L"\" " + parameter);
+}
+
+TEST_F(QuboFacadeTest, NeitherRegistersNorNotifiesWithAnExceptionWhenMemoryRunsOut) {
+  const QuboFacade facade;
+  const std::function<void()> operations[] = {[&] { facade.RegisterApp(); },
+                                              [&] { facade.CallAppServiceAfterOobe(); }};
+  machine.faults.FailNamed("Packages.AccountSid");
+  for (const auto& operation : operations) {
+    for (const auto kind : {Tests::Shortage::Once, Tests::Shortage::Lasting}) {
+      const std::size_t allocations =
+          Tests::FailEachAllocation(kind, operation, [&] { EXPECT_FALSE(machine.users.Acting()); });
+      EXPECT_GT(allocations, 0U);
+    }
+  }
 }
 
 }  // namespace

@@ -11,6 +11,7 @@
 #include "host/uwp_package_model.h"
 #include "packages/uwp_package_data_access.h"
 #include "support/machine_test.h"
+#include "support/memory_shortage.h"
 
 extern "C" Vx::Tessel::Server::Services::UwpPackageModel* CreateUwpPackageModel() noexcept;
 
@@ -232,6 +233,29 @@ TEST_F(UwpPackageModelTest, TurnsEachFailureIntoACodeAndAText) {
   EXPECT_EQ(force, 0);
   machine.users.DetachConsole();
   EXPECT_EQ(model->Register(kFullName), Hresult(0x800703F0)) << "a Win32 error as an HRESULT";
+}
+
+TEST_F(UwpPackageModelTest, ReportsThatMemoryRanOutOrSucceeds) {
+  Install();
+  std::int32_t result = 0;
+  std::int32_t force = 0;
+  std::uint64_t version = 0;
+  const std::function<void()> operations[] = {
+      [&] { result = model->ShouldForceRegistration(kUser, kFullName, &force); },
+      [&] { result = model->Register(kFullName); },
+      [&] { result = model->GetOriginAndVersion(kFamily, &force, &version); },
+      [&] { result = model->Register(L"Unknown_1.0.0.0_x64__p"); },
+  };
+  for (const auto& operation : operations) {
+    operation();
+    const std::int32_t usual = result;
+    for (const auto kind : {Tests::Shortage::Once, Tests::Shortage::Lasting}) {
+      Tests::FailEachAllocation(kind, operation, [&] {
+        EXPECT_THAT(result, ::testing::AnyOf(usual, Hresult(0x8007000E)));
+        EXPECT_FALSE(machine.users.Acting());
+      });
+    }
+  }
 }
 
 TEST_F(UwpPackageModelTest, RefusesNullArgumentsWithoutAskingTheMachine) {
