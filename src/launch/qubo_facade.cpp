@@ -68,7 +68,7 @@ void LogRegistrationFailure(const Logging::TraceLogger& logger,
   }
 }
 
-// Sends the message that set-up is complete. Returns true if the app answered with success.
+// Sends the message that set-up is complete. Returns true if the app received it.
 bool NotifyOfOobe(const Logging::TraceLogger& logger, const wchar_t* packageFamilyName,
                   const wchar_t* appServiceName) {
   try {

@@ -10,7 +10,7 @@ namespace {
 
 using State = RegistrationHelper::RegistrationState;
 
-// Asks the questions and keeps the answers, so that an explanation shows what the decision used.
+// Asks the questions and keeps the results, so that an explanation shows what the decision used.
 class Questioner {
  public:
   explicit Questioner(const ResumeSources& askedSources) : sources(askedSources) {}

@@ -14,7 +14,7 @@ namespace {
 using State = RegistrationHelper::RegistrationState;
 using ::testing::ElementsAre;
 
-// Everything that a resume decision depends on. Answers each of its questions.
+// Everything that a resume decision depends on.
 struct World final : Base::RegistrationCheckBehavior, Base::ModeCheckBehavior {
   struct Software final : Base::SoftwareCheckBehavior {
     bool IsWin32Installed() const override { return installed; }
