@@ -8,6 +8,7 @@
 #include <gmock/gmock.h>
 
 #include "storage/cap_data_store.h"
+#include "support/handle_gauge.h"
 #include "support/machine_test.h"
 #include "support/memory_shortage.h"
 #include "support/probe.h"
@@ -249,13 +250,19 @@ TEST_F(QuboFacadeTest, NeitherRegistersNorNotifiesWithAnExceptionWhenMemoryRunsO
   const std::function<void()> operations[] = {[&] { facade.RegisterApp(); },
                                               [&] { facade.CallAppServiceAfterOobe(); }};
   machine.faults.FailNamed("Packages.AccountSid");
-  for (const auto& operation : operations) {
-    for (const auto kind : {Tests::Shortage::Once, Tests::Shortage::Lasting}) {
-      const std::size_t allocations =
-          Tests::FailEachAllocation(kind, operation, [&] { EXPECT_FALSE(machine.users.Acting()); });
-      EXPECT_GT(allocations, 0U);
+  const auto walk = [&] {
+    for (const auto& operation : operations) {
+      for (const auto kind : {Tests::Shortage::Once, Tests::Shortage::Lasting}) {
+        const std::size_t allocations = Tests::FailEachAllocation(
+            kind, operation, [&] { EXPECT_FALSE(machine.users.Acting()); });
+        EXPECT_GT(allocations, 0U);
+      }
     }
-  }
+  };
+  walk();  // the runtime creates what it then keeps
+  const auto handles = Tests::HandleGauge();
+  walk();
+  EXPECT_EQ(Tests::HandleGauge(), handles);
 }
 
 }  // namespace
