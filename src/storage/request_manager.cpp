@@ -18,15 +18,18 @@ constexpr wchar_t kNoStore[] =
     L"RequestManager() - Failed to get DataStore. Functionality will be lost. %S";
 constexpr wchar_t kPersistFailed[] =
     L"PersistRequest - failed to persist. This functionality won't work properly.";
-constexpr wchar_t kPersistThrewRuntime[] =
-    L"PersistRequest - failed to persist: Exception %s, Hresult %i";
-constexpr wchar_t kPersistThrew[] = L"PersistRequest - failed to persist: Exception %S";
-constexpr wchar_t kRemoveThrewRuntime[] =
-    L"RemoveRequest - failed to persist: Exception %s, Hresult %i";
-constexpr wchar_t kRemoveThrew[] = L"RemoveRequest - failed to persist: Exception %S";
-constexpr wchar_t kCompleteThrewRuntime[] =
-    L"CompleteRequest - failed to persist: Exception %s, Hresult %i";
-constexpr wchar_t kCompleteThrew[] = L"CompleteRequest - failed to persist: Exception %S";
+constexpr RequestManager::FailureTexts kPersistThrew = {
+    .runtime = L"PersistRequest - failed to persist: Exception %s, Hresult %i",
+    .standard = L"PersistRequest - failed to persist: Exception %S",
+};
+constexpr RequestManager::FailureTexts kRemoveThrew = {
+    .runtime = L"RemoveRequest - failed to persist: Exception %s, Hresult %i",
+    .standard = L"RemoveRequest - failed to persist: Exception %S",
+};
+constexpr RequestManager::FailureTexts kCompleteThrew = {
+    .runtime = L"CompleteRequest - failed to persist: Exception %s, Hresult %i",
+    .standard = L"CompleteRequest - failed to persist: Exception %S",
+};
 constexpr wchar_t kUnexpectedElement[] = L"Unexpected JSON array element";
 constexpr wchar_t kRegisterFailed[] =
     L"RegisterExistingRequests - failed to register request. HRESULT: %i";
@@ -96,59 +99,51 @@ bool RequestManager::Change(const Edit& edit) {
   }
 }
 
-void RequestManager::PersistRequest(std::wstring_view request) {
-  // What the request itself is guilty of goes to the caller; what the store throws is logged.
-  std::optional<Platform::WindowsRuntimeError> refused;
-  const Edit edit = [&](const std::wstring& list) -> std::optional<std::wstring> {
-    try {
-      std::optional<std::wstring> longer = Storage::ListWith(list, request);
-      if (!longer) refused.emplace(kAlreadySubscribed, kStoredAlready);
-      return longer;
-    } catch (const Platform::WindowsRuntimeError& error) {
-      refused.emplace(error);
-      return std::nullopt;
-    }
-  };
+std::optional<bool> RequestManager::ChangeAndLog(const FailureTexts& texts, const Edit& edit) {
   try {
-    if (!Change(edit)) logger->LogError(kPersistFailed);
+    return Change(edit);
   } catch (const Platform::WindowsRuntimeError& error) {
-    logger->LogError(kPersistThrewRuntime, error.message().c_str(), error.code());
+    logger->LogError(texts.runtime, error.message().c_str(), error.code());
   } catch (const std::exception& error) {
-    logger->LogError(kPersistThrew, error.what());
+    logger->LogError(texts.standard, error.what());
   }
+  return std::nullopt;
+}
+
+std::optional<bool> RequestManager::ChangeOrRefuse(const FailureTexts& texts, const Edit& edit) {
+  std::optional<Platform::WindowsRuntimeError> refused;
+  const std::optional<bool> held =
+      ChangeAndLog(texts, [&](const std::wstring& list) -> std::optional<std::wstring> {
+        try {
+          return edit(list);
+        } catch (const Platform::WindowsRuntimeError& error) {
+          refused.emplace(error);
+          return std::nullopt;
+        }
+      });
   if (refused) throw Platform::WindowsRuntimeError(*refused);
+  return held;
+}
+
+void RequestManager::PersistRequest(std::wstring_view request) {
+  const std::optional<bool> held = ChangeOrRefuse(kPersistThrew, [&](const std::wstring& list) {
+    std::optional<std::wstring> longer = Storage::ListWith(list, request);
+    if (!longer) throw Platform::WindowsRuntimeError(kAlreadySubscribed, kStoredAlready);
+    return longer;
+  });
+  if (held == false) logger->LogError(kPersistFailed);
 }
 
 void RequestManager::RemoveRequest(std::wstring_view request) {
-  std::optional<Platform::WindowsRuntimeError> refused;
-  const Edit edit = [&](const std::wstring& list) -> std::optional<std::wstring> {
-    try {
-      return Storage::ListWithout(list, request);
-    } catch (const Platform::WindowsRuntimeError& error) {
-      refused.emplace(error);
-      return std::nullopt;
-    }
-  };
-  try {
-    Change(edit);
-  } catch (const Platform::WindowsRuntimeError& error) {
-    logger->LogError(kRemoveThrewRuntime, error.message().c_str(), error.code());
-  } catch (const std::exception& error) {
-    logger->LogError(kRemoveThrew, error.what());
-  }
-  if (refused) throw Platform::WindowsRuntimeError(*refused);
+  ChangeOrRefuse(kRemoveThrew,
+                 [&](const std::wstring& list) { return Storage::ListWithout(list, request); });
 }
 
 bool RequestManager::CompleteRequest(std::wstring_view request) {
-  try {
-    return Change(
-        [&](const std::wstring& list) { return Storage::ListWithoutCompleted(list, request); });
-  } catch (const Platform::WindowsRuntimeError& error) {
-    logger->LogError(kCompleteThrewRuntime, error.message().c_str(), error.code());
-  } catch (const std::exception& error) {
-    logger->LogError(kCompleteThrew, error.what());
-  }
-  return false;
+  const auto edit = [&](const std::wstring& list) {
+    return Storage::ListWithoutCompleted(list, request);
+  };
+  return ChangeAndLog(kCompleteThrew, edit).value_or(false);
 }
 
 void RequestManager::RegisterExistingRequests(const Handler& handler,

@@ -65,6 +65,12 @@ class RequestManager {
   // The stored array's text at construction or the last change; empty when there is none.
   std::wstring StoredRequests() const;
 
+  // The lines for what an operation of the store threw.
+  struct FailureTexts {
+    const wchar_t* runtime;   // a Windows Runtime error: message and code
+    const wchar_t* standard;  // a standard exception: description
+  };
+
  private:
   // Makes the new list's text from the stored one; nothing to leave it.
   using Edit = std::function<std::optional<std::wstring>(const std::wstring& list)>;
@@ -72,6 +78,14 @@ class RequestManager {
   // Applies `edit` to the stored list, or to the copy in memory without a store. False when the
   // store did not take it. Passes on what the store and `edit` throw.
   bool Change(const Edit& edit);
+
+  // Like Change, but what is thrown is logged; the result is then empty.
+  std::optional<bool> ChangeAndLog(const FailureTexts& texts, const Edit& edit);
+
+  // Like ChangeAndLog, except that a Windows Runtime error of `edit` passes to the caller: it is
+  // the fault of the request or of the stored list, not of the store.
+  std::optional<bool> ChangeOrRefuse(const FailureTexts& texts, const Edit& edit);
+
   bool ChangeCopy(const Edit& edit);
   std::optional<std::wstring> ChangeStored(const Storage::BsonElement* stored, const Edit& edit);
   void CallHandler(const std::wstring& request, const Handler& handler,
