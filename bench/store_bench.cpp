@@ -87,7 +87,7 @@ void MeasureStore(RatioTable& table) {
     const std::string of = std::string(", ") + size.size;
     table.Compare(
         "store read" + of, "mutex, read, unprotect", 1.10, 3,
-        [&] { Keep(store.readInt32("counter")); }, [&] { bare.ReadOnce(); });
+        [&] { Keep(store.requireInt32("counter")); }, [&] { bare.ReadOnce(); });
     std::int32_t count = 0;
     table.Compare(
         "store write" + of, "mutex, read, unprotect, protect, write", 1.10, 3,

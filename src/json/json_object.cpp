@@ -104,18 +104,9 @@ double JsonValue::AsNumber() const {
   return At(Require(JsonKind::Number)).GetDouble();
 }
 
-bool JsonValue::AsBoolean() const {
-  return At(Require(JsonKind::Boolean)).GetBool();
-}
-
 JsonObject JsonValue::AsObject() const {
   Require(JsonKind::Object);
   return JsonObject(*this);
-}
-
-JsonArray JsonValue::AsArray() const {
-  Require(JsonKind::Array);
-  return JsonArray(*this);
 }
 
 JsonObject::JsonObject() : JsonObject(Parse(L"{}")) {}
@@ -154,16 +145,8 @@ double JsonObject::GetNamedNumber(std::wstring_view name) const {
   return GetNamed(name, JsonKind::Number).AsNumber();
 }
 
-bool JsonObject::GetNamedBoolean(std::wstring_view name) const {
-  return GetNamed(name, JsonKind::Boolean).AsBoolean();
-}
-
 JsonObject JsonObject::GetNamedObject(std::wstring_view name) const {
   return GetNamed(name, JsonKind::Object).AsObject();
-}
-
-JsonArray JsonObject::GetNamedArray(std::wstring_view name) const {
-  return GetNamed(name, JsonKind::Array).AsArray();
 }
 
 std::wstring JsonObject::GetNamedString(std::wstring_view name, std::wstring_view fallback) const {
@@ -206,10 +189,6 @@ JsonArray::Iterator JsonArray::begin() const {
 
 JsonArray::Iterator JsonArray::end() const {
   return {this, At(value.node).End()};
-}
-
-std::size_t JsonArray::Size() const {
-  return At(value.node).Size();
 }
 
 JsonValue JsonArray::Iterator::operator*() const {

@@ -39,9 +39,7 @@ class JsonValue {
   // kind.
   std::wstring AsString() const;
   double AsNumber() const;
-  bool AsBoolean() const;
   JsonObject AsObject() const;
-  JsonArray AsArray() const;
 
  private:
   friend class JsonObject;
@@ -78,9 +76,7 @@ class JsonObject {
   JsonValue GetNamedValue(std::wstring_view name) const;
   std::wstring GetNamedString(std::wstring_view name) const;
   double GetNamedNumber(std::wstring_view name) const;
-  bool GetNamedBoolean(std::wstring_view name) const;
   JsonObject GetNamedObject(std::wstring_view name) const;
-  JsonArray GetNamedArray(std::wstring_view name) const;
 
   // `fallback` when the member is absent; throws kIllegalMethodCall when it is of another kind.
   std::wstring GetNamedString(std::wstring_view name, std::wstring_view fallback) const;
@@ -128,7 +124,6 @@ class JsonArray {
   Iterator begin() const;
   Iterator end() const;
 
-  std::size_t Size() const;
   std::wstring Stringify() const { return value.Text(); }
 
  private:

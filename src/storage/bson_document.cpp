@@ -13,38 +13,6 @@ using namespace Bson;  // NOLINT(google-build-using-namespace): its own parts
 
 namespace {
 
-// Copies `text` and answers whether it is plain ASCII without U+0000, as most keys are.
-bool CopyPlain(std::string_view text, std::byte* out) {
-  const auto odd = [](std::uint64_t word) { return ZeroBytes(word) | (word & kHighBits); };
-  constexpr std::size_t kWord = sizeof(std::uint64_t);
-  constexpr std::size_t kHalf = sizeof(std::uint32_t);
-  const auto* const in = reinterpret_cast<const std::byte*>(text.data());
-  const std::size_t size = text.size();
-  std::uint64_t found = 0;
-  if (size >= kWord) {
-    // The last word overlaps the one before it.
-    for (std::size_t i = 0;; i += kWord) {
-      const std::size_t at = std::min(i, size - kWord);
-      const auto word = Load<std::uint64_t>(in + at);
-      Store(out + at, word);
-      found |= odd(word);
-      if (at + kWord == size) return found == 0;
-    }
-  }
-  if (size >= kHalf) {
-    const auto first = Load<std::uint32_t>(in);
-    const auto last = Load<std::uint32_t>(in + size - kHalf);
-    Store(out, first);
-    Store(out + size - kHalf, last);
-    return odd(std::uint64_t{last} << 32U | first) == 0;
-  }
-  for (std::size_t i = 0; i < size; ++i) {
-    out[i] = in[i];
-    found |= static_cast<std::uint64_t>(in[i] == std::byte{0} || in[i] >= std::byte{0x80});
-  }
-  return found == 0;
-}
-
 bool CanBeKey(std::string_view key) {
   return key.find('\0') == std::string_view::npos && Json::IsUtf8(key);
 }
@@ -211,83 +179,20 @@ void BsonDocument::SetUsed(std::size_t size) {
   Store(bytes.get(), static_cast<std::uint32_t>(size));
 }
 
-std::byte* BsonDocument::Open(std::string_view key, BsonKind kind, std::size_t size) {
-  if (size > kMaxDocument || key.size() > kMaxDocument) return nullptr;
-  const std::size_t begin = used - 1;
-  const std::size_t end = begin + 1 + key.size() + 1 + size + 1;
-  if (end > kMaxDocument) return nullptr;
-  Reserve(end);
-  std::byte* const at = bytes.get() + begin;
-  if (!CopyPlain(key, at + 1) && !CanBeKey(key)) return nullptr;
-  *at = static_cast<std::byte>(kind);
-  std::byte* const value = at + 1 + key.size() + 1;
-  value[-1] = std::byte{0};
-  value[size] = std::byte{0};
-  SetUsed(end);
-  return value;
-}
-
-template <typename T>
-bool BsonDocument::AppendFixed(std::string_view key, BsonKind kind, T value) {
-  std::byte* const at = Open(key, kind, sizeof value);
-  if (at == nullptr) return false;
-  Store(at, value);
-  return true;
-}
-
 bool BsonDocument::Append(std::string_view key, const BsonElement& value) {
   const std::span<const std::byte> content = value.View().Bytes();
-  std::byte* const at = Open(key, value.Kind(), content.size());
-  if (at == nullptr) return false;
-  std::ranges::copy(content, at);
-  return true;
-}
-
-bool BsonDocument::AppendDouble(std::string_view key, double value) {
-  return AppendFixed(key, BsonKind::Double, value);
-}
-
-bool BsonDocument::AppendText(std::string_view key, std::string_view utf8) {
-  if (utf8.size() > kMaxDocument || !Json::IsUtf8(utf8)) return false;
-  std::byte* const at = Open(key, BsonKind::String, kLengthSize + utf8.size() + 1);
-  if (at == nullptr) return false;
-  Store(at, static_cast<std::uint32_t>(utf8.size() + 1));
-  std::copy_n(AsBytes(utf8).data(), utf8.size(), at + kLengthSize);
-  at[kLengthSize + utf8.size()] = std::byte{0};
-  return true;
-}
-
-bool BsonDocument::AppendBoolean(std::string_view key, bool value) {
-  return AppendFixed(key, BsonKind::Boolean, static_cast<std::uint8_t>(value));
-}
-
-bool BsonDocument::AppendNull(std::string_view key) {
-  return Open(key, BsonKind::Null, 0) != nullptr;
-}
-
-bool BsonDocument::AppendInt32(std::string_view key, std::int32_t value) {
-  return AppendFixed(key, BsonKind::Int32, value);
-}
-
-bool BsonDocument::AppendInt64(std::string_view key, std::int64_t value) {
-  return AppendFixed(key, BsonKind::Int64, value);
-}
-
-bool BsonDocument::AppendBinary(std::string_view key, std::span<const std::byte> value) {
-  if (value.size() > kMaxDocument) return false;
-  std::byte* const at = Open(key, BsonKind::Binary, kBinaryHead + value.size());
-  if (at == nullptr) return false;
-  Store(at, static_cast<std::uint32_t>(value.size()));
-  at[kLengthSize] = kGenericBinary;
-  std::ranges::copy(value, at + kBinaryHead);
-  return true;
-}
-
-bool BsonDocument::AppendDocument(std::string_view key, const BsonDocument& value) {
-  if (&value == this) return AppendDocument(key, BsonDocument(value));
-  std::byte* const at = Open(key, BsonKind::Document, value.used);
-  if (at == nullptr) return false;
-  std::ranges::copy(value.Encoded(), at);
+  if (!CanBeKey(key) || content.size() > kMaxDocument || key.size() > kMaxDocument) return false;
+  const std::size_t begin = used - 1;
+  const std::size_t end = begin + 1 + key.size() + 1 + content.size() + 1;
+  if (end > kMaxDocument) return false;
+  Reserve(end);
+  std::byte* at = bytes.get() + begin;
+  *at++ = static_cast<std::byte>(value.Kind());
+  at = std::ranges::copy(AsBytes(key), at).out;
+  *at++ = std::byte{0};
+  at = std::ranges::copy(content, at).out;
+  *at = std::byte{0};
+  SetUsed(end);
   return true;
 }
 

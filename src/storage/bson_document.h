@@ -82,18 +82,6 @@ class BsonDocument {
   // Removes every member called `key`.
   void Erase(std::string_view key);
 
-  // Adds a member at the end without looking whether there is one of that key. False as in Set. Key
-  // and value may not lie in this document.
-  bool Append(std::string_view key, const BsonElement& value);
-  bool AppendDouble(std::string_view key, double value);
-  bool AppendText(std::string_view key, std::string_view utf8);  // must be UTF-8, else false
-  bool AppendBoolean(std::string_view key, bool value);
-  bool AppendNull(std::string_view key);
-  bool AppendInt32(std::string_view key, std::int32_t value);
-  bool AppendInt64(std::string_view key, std::int64_t value);
-  bool AppendBinary(std::string_view key, std::span<const std::byte> value);
-  bool AppendDocument(std::string_view key, const BsonDocument& value);
-
   bool operator==(const BsonDocument& other) const;
 
  private:
@@ -107,12 +95,8 @@ class BsonDocument {
   // A copy of `checked`, which is a document.
   explicit BsonDocument(std::span<const std::byte> checked);
 
-  // Adds a member whose value has `size` bytes, to be filled in where the answer points; null when
-  // it cannot be added.
-  std::byte* Open(std::string_view key, BsonKind kind, std::size_t size);
-
-  template <typename T>
-  bool AppendFixed(std::string_view key, BsonKind kind, T value);
+  // Adds a member at the end without looking whether there is one of that key. False as in Set.
+  bool Append(std::string_view key, const BsonElement& value);
 
   // The first member called `key` at or behind `from`.
   Iterator FirstOf(std::string_view key, Iterator from) const;

@@ -17,8 +17,7 @@ inline constexpr std::size_t kLengthSize = 4;  // the length at the front of doc
 inline constexpr std::size_t kEmptyDocument = 5;  // the length and the terminator
 inline constexpr std::size_t kMaxDocument = std::numeric_limits<std::int32_t>::max();
 inline constexpr std::size_t kBinaryHead = 5;  // the length and the subtype
-inline constexpr std::byte kGenericBinary{0};
-inline constexpr std::byte kOldBinary{2};  // the subtype that repeats the length inside
+inline constexpr std::byte kOldBinary{2};      // the subtype that repeats the length inside
 inline constexpr std::size_t kObjectIdSize = 12;
 inline constexpr std::uint64_t kLowBits = 0x0101010101010101U;
 inline constexpr std::uint64_t kHighBits = 0x8080808080808080U;

@@ -55,12 +55,6 @@ std::optional<std::int64_t> BsonView::AsInt64() const {
   return Fixed<std::int64_t>(kind, BsonKind::Int64, bytes);
 }
 
-std::optional<std::span<const std::byte>> BsonView::AsBinary() const {
-  if (kind != BsonKind::Binary || bytes.size() < kBinaryHead) return std::nullopt;
-  const bool old = bytes[kLengthSize] == kOldBinary;
-  return bytes.subspan(old ? kBinaryHead + kLengthSize : kBinaryHead);
-}
-
 std::optional<BsonDocument> BsonView::AsDocument() const {
   if (kind != BsonKind::Document) return std::nullopt;
   return BsonDocument(bytes);
@@ -75,10 +69,6 @@ BsonElement::BsonElement(const BsonView& view)
 
 BsonElement::BsonElement(const BsonDocument& document)
     : kind(BsonKind::Document), bytes(document.Encoded().begin(), document.Encoded().end()) {}
-
-BsonElement BsonElement::Double(double value) {
-  return {BsonKind::Double, Owned(value)};
-}
 
 BsonElement BsonElement::Text(std::string_view utf8) {
   if (!Json::IsUtf8(utf8)) return Text(Json::ToWide(utf8));
@@ -103,13 +93,6 @@ BsonElement BsonElement::Int32(std::int32_t value) {
 
 BsonElement BsonElement::Int64(std::int64_t value) {
   return {BsonKind::Int64, Owned(value)};
-}
-
-BsonElement BsonElement::Binary(std::span<const std::byte> value) {
-  std::vector<std::byte> bytes = Owned(static_cast<std::uint32_t>(value.size()));
-  bytes.push_back(std::byte{0});
-  bytes.insert(bytes.end(), value.begin(), value.end());
-  return {BsonKind::Binary, std::move(bytes)};
 }
 
 std::optional<BsonDocument> BsonElement::AsDocument() const {

@@ -57,7 +57,6 @@ class BsonView {
   std::optional<bool> AsBoolean() const;
   std::optional<std::int32_t> AsInt32() const;
   std::optional<std::int64_t> AsInt64() const;
-  std::optional<std::span<const std::byte>> AsBinary() const;
   std::optional<BsonDocument> AsDocument() const;  // a copy
 
   bool operator==(const BsonView& other) const;
@@ -75,24 +74,20 @@ class BsonElement {
   explicit BsonElement(const BsonView& view);
   explicit BsonElement(const BsonDocument& document);
 
-  static BsonElement Double(double value);
   static BsonElement Text(std::string_view utf8);    // bytes that are not UTF-8 become U+FFFD
   static BsonElement Text(std::wstring_view utf16);  // unpaired surrogates become U+FFFD
   static BsonElement Boolean(bool value);
   static BsonElement Int32(std::int32_t value);
   static BsonElement Int64(std::int64_t value);
-  static BsonElement Binary(std::span<const std::byte> value);  // of the generic subtype
 
   BsonView View() const { return {kind, bytes}; }
 
   BsonKind Kind() const { return kind; }
-  std::optional<double> AsDouble() const { return View().AsDouble(); }
   std::optional<std::string_view> AsText() const { return View().AsText(); }
   std::optional<std::wstring> AsWideText() const { return View().AsWideText(); }
   std::optional<bool> AsBoolean() const { return View().AsBoolean(); }
   std::optional<std::int32_t> AsInt32() const { return View().AsInt32(); }
   std::optional<std::int64_t> AsInt64() const { return View().AsInt64(); }
-  std::optional<std::span<const std::byte>> AsBinary() const { return View().AsBinary(); }
   std::optional<BsonDocument> AsDocument() const;
 
   bool operator==(const BsonElement& other) const { return View() == other.View(); }

@@ -186,16 +186,8 @@ bool CapDataStore::store(std::string_view key, const BsonElement& value) {
   return false;
 }
 
-bool CapDataStore::persist(std::string_view key, std::wstring_view value) {
-  return persist(key, BsonElement::Text(value));
-}
-
 bool CapDataStore::persist(std::string_view key, std::string_view value) {
   return persist(key, BsonElement::Text(value));
-}
-
-bool CapDataStore::persist(std::string_view key, const wchar_t* value) {
-  return persist(key, std::wstring_view(value));
 }
 
 bool CapDataStore::persist(std::string_view key, const char* value) {
@@ -222,16 +214,6 @@ bool CapDataStore::read(std::string_view key, BsonElement& out) {
   hold.Release();
   if (!readable) LogManager::SetProvider(Logging::kComponentProvider)->LogError(kReadFailed);
   return found.has_value();
-}
-
-std::optional<std::wstring> CapDataStore::readText(std::string_view key) {
-  BsonElement element;
-  return read(key, element) ? element.AsWideText() : std::nullopt;
-}
-
-std::optional<std::int32_t> CapDataStore::readInt32(std::string_view key) {
-  BsonElement element;
-  return read(key, element) ? element.AsInt32() : std::nullopt;
 }
 
 std::optional<std::int64_t> CapDataStore::readInt64(std::string_view key) {

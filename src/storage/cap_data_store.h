@@ -36,10 +36,8 @@ class CapDataStore {
   // Writes one top-level value, keeping every other key; true when the file holds it. A file that
   // holds it already is left as it is. A failed write takes the key out of memory again. Text is
   // stored as UTF-8. Throws system_mutex_exception.
-  bool persist(std::string_view key, std::wstring_view value);
   bool persist(std::string_view key, std::string_view value);
-  bool persist(std::string_view key, const wchar_t* value);
-  bool persist(std::string_view key, const char* value);
+  bool persist(std::string_view key, const char* value);  // would otherwise pass for a bool
   bool persist(std::string_view key, bool value);
   bool persist(std::string_view key, const BsonElement& value);
 
@@ -48,8 +46,6 @@ class CapDataStore {
   bool read(std::string_view key, BsonElement& out);
 
   // The same for one kind of value; nothing also when it is of another kind.
-  std::optional<std::wstring> readText(std::string_view key);
-  std::optional<std::int32_t> readInt32(std::string_view key);
   std::optional<std::int64_t> readInt64(std::string_view key);
 
   // A boolean under `key` of the top level; `fallback` when there is none.
@@ -58,7 +54,7 @@ class CapDataStore {
   // The embedded document `key`; an empty one when there is none.
   BsonDocument readDocument(std::string_view key);
 
-  // Like readInt32 with 0 for a missing value (or one of another kind), but throws
+  // The 32-bit number under `key`; 0 when it is missing or of another kind. Throws
   // std::runtime_error when the file cannot be read.
   std::int32_t requireInt32(std::string_view key);
 

@@ -40,10 +40,6 @@ std::optional<std::wstring> WithoutFirst(std::wstring_view list, std::wstring_vi
 
 }  // namespace
 
-std::wstring NormalisedRequest(std::wstring_view request) {
-  return Normalised(Json::JsonObject::Parse(request));
-}
-
 std::optional<std::wstring> ListWith(std::wstring_view list, std::wstring_view request) {
   const Json::JsonObject added = Json::JsonObject::Parse(request);
   if (list.empty()) {

@@ -13,12 +13,9 @@
 // that a list that cannot be read is never written over; time and memory are linear in the list.
 namespace Vx::Tessel::Server::Storage {
 
-// What two requests are compared by: the object's text without the "delayDeliverySec" of its
-// "commandParams". Throws as above when `request` is not a JSON object.
-std::wstring NormalisedRequest(std::wstring_view request);
-
-// `list` with `request` at its end, or nothing when an element has the same normalised form. The
-// first request of a list is put in as it is, unchanged.
+// `list` with `request` at its end, or nothing when an element has the same normalised form: its
+// text without the "delayDeliverySec" of its "commandParams". The first request of a list is put in
+// as it is, unchanged. Throws as above when `request` is not a JSON object.
 std::optional<std::wstring> ListWith(std::wstring_view list, std::wstring_view request);
 
 // `list` without the first element whose text is exactly `request`, or nothing when there is none.

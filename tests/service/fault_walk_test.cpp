@@ -110,7 +110,7 @@ class FaultWalkTest : public SimulatedServiceTest {
     machine.faults.Clear();
     storePath = host.StorePath();
     Tessel::Server::Storage::BsonDocument document;
-    document.AppendInt32("sleep_state", kKept);
+    document.Set("sleep_state", Tessel::Server::Storage::BsonElement::Int32(kKept));
     host.Execute(20, L"{}");  // creates the folder
     WriteBytes(storePath, StoreFile(document.Encoded()));
     machine.clock.SetUtcFileTime(kPowerOn);

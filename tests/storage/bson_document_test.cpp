@@ -69,8 +69,6 @@ TEST(BsonDocument, ReadsTheKindsOfItsOwn) {
   EXPECT_EQ(document->Find("bool")->AsBoolean(), true);
   EXPECT_EQ(document->Find("int32")->AsInt32(), -2);
   EXPECT_EQ(document->Find("int64")->AsInt64(), std::int64_t{1} << 32);
-  EXPECT_EQ(document->Find("binary")->AsBinary()->size(), 2U);
-  EXPECT_EQ(document->Find("old")->AsBinary()->size(), 2U);
   EXPECT_EQ(document->Find("doc")->AsDocument()->Find("n")->Kind(), BsonKind::Null);
   EXPECT_EQ(document->Find("absent"), std::nullopt);
   EXPECT_EQ(document->Find("int32")->AsInt64(), std::nullopt);
@@ -170,30 +168,10 @@ TEST(BsonDocument, FindsTheFirstOfRepeatedKeysAndSettingLeavesOne) {
   EXPECT_EQ(Encoding(*document), Document("\020k\0\003\0\0\0\012other\0"sv));
 }
 
-TEST(BsonDocument, AppendsWhatItReads) {
-  BsonDocument inner;
-  ASSERT_TRUE(inner.AppendNull("n"));
-  BsonDocument document;
-  ASSERT_TRUE(document.AppendDouble("double", 1.5));
-  ASSERT_TRUE(document.AppendText("text", "a\0b"sv));
-  ASSERT_TRUE(document.AppendDocument("doc", inner));
-  ASSERT_TRUE(document.AppendBoolean("bool", true));
-  ASSERT_TRUE(document.AppendInt32("int32", -2));
-  ASSERT_TRUE(document.AppendInt64("int64", std::int64_t{1} << 32));
-  ASSERT_TRUE(document.AppendBinary("binary", std::as_bytes(std::span("ab", 2))));
-  ASSERT_TRUE(document.Append("element", BsonElement(inner)));
-  EXPECT_EQ(Encoding(document),
-            Document("\001double\0\0\0\0\0\0\0\370\077"s + "\002text\0\004\0\0\0a\0b\0"s +
-                     "\003doc\0"s + Document("\012n\0"sv) + "\010bool\0\001"s +
-                     "\020int32\0\376\377\377\377"s + "\022int64\0\0\0\0\0\001\0\0\0"s +
-                     "\005binary\0\002\0\0\0\0ab"s + "\003element\0"s + Document("\012n\0"sv)));
-}
-
 TEST(BsonDocument, RefusesKeysAndTextsThatTheEncodingCannotHold) {
   BsonDocument document;
   EXPECT_FALSE(document.Set("a\0b"sv, BsonElement()));
   EXPECT_FALSE(document.Set("\377", BsonElement()));
-  EXPECT_FALSE(document.AppendText("k", "\377"));
   EXPECT_TRUE(document.Empty());
   EXPECT_EQ(BsonElement::Text("\377"sv).AsText(), "\357\277\275"sv);
   EXPECT_TRUE(document.Set("", BsonElement()));

@@ -107,7 +107,7 @@ class StoreStormTest : public testing::Test {
   void Storm(std::mt19937& random) {
     const CapDataStore maker;
     BsonDocument others;
-    others.AppendInt32("sleep_state", kOthers);
+    others.Set("sleep_state", BsonElement::Int32(kOthers));
     Tests::WriteBytes(home.FilePath(), Tests::StoreFile(others.Encoded()));
 
     const std::wstring name =
