@@ -1,7 +1,7 @@
 #!/bin/sh
-# image_test.sh OBJDUMP DLL EXPORTS CONFIG: what the module's file promises to those who load it.
+# image_test.sh OBJDUMP DLL DEFINITION VERSION CONFIG: what the module's file promises to those who load it.
 set -u
-objdump=$1 dll=$2 exports=$3 config=$4
+objdump=$1 dll=$2 definition=$3 version=$4 config=$5
 failures=0
 fail() {
   echo "failed: $*"
@@ -25,8 +25,9 @@ echo "$headers" | grep -E 'CryptAcquireContext|CryptGenRandom' &&
 
 found=$(echo "$headers" |
   sed -n '/^\[Ordinal\/Name Pointer\]/,/^$/s/^[[:space:]]*\[ *[0-9]*\] *//p' | sort)
-wanted=$(sort "$exports")
-[ "$found" = "$wanted" ] || fail "exports differ from exports.txt:
+wanted=$(tr -d '\r' <"$definition" |
+  sed -n '/^EXPORTS/,$s/^  \([A-Za-z_][A-Za-z0-9_]*\).*/\1/p' | sort)
+[ -n "$wanted" ] && [ "$found" = "$wanted" ] || fail "exports differ from $definition:
 $found"
 
 flags=$(echo "$headers" | sed -n 's/^DllCharacteristics[[:space:]]*//p')
@@ -35,7 +36,7 @@ for bit in 0x20 0x40 0x100; do # high-entropy addresses, relocatable, no code in
 done
 
 # The version resource is UTF-16; without its zero bytes its texts can be looked for as they are.
-for text in 1.73.4044.0 'Vexmoor Inc.' FileVersion ProductVersion OrvaneService.dll; do
+for text in "$version" 'Vexmoor Inc.' FileVersion ProductVersion OrvaneService.dll; do
   tr -d '\000' <"$dll" | grep -aqF "$text" || fail "no \"$text\" in the version resource"
 done
 

@@ -121,7 +121,7 @@ static void CommandsAnswerAndDestroyTheirCallbackOnce(void) {
     uint32_t result;
     const wchar_t* response;  // null: a null pointer; "?": untouched
   } kCases[] = {
-      {22, L"{}", 1, 1, 0, L"{\"result\":{\"getVersion\":\"1.73.4044.0\"}}"},
+      {22, L"{}", 1, 1, 0, L"{\"result\":{\"getVersion\":\"" VX_VERSION L"\"}}"},
       {13, L"{\"launched\":1}", 1, 1, 0x20000002, L"{}"},
       {4294967295u, L"{}", 1, 1, 0x20000001, L"{}"},
       {22, L"", 1, 1, 0x20000003, NULL},
