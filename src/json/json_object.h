@@ -12,7 +12,7 @@
 
 namespace Vx::Json {
 
-// The codes of the Windows Runtime's own JSON layer, which clients of this one know.
+// The error codes of the Windows Runtime's own JSON layer, which clients already know.
 inline constexpr auto kInvalidJsonString = static_cast<std::int32_t>(0x83750007);
 inline constexpr auto kJsonValueNotFound = static_cast<std::int32_t>(0x83750009);
 inline constexpr auto kIllegalMethodCall = static_cast<std::int32_t>(0x8000000E);
@@ -25,17 +25,17 @@ namespace Detail {
 struct Tree;
 }  // namespace Detail
 
-// One value of a parsed text. Shares the text with every value taken from it, so a copy costs a
-// reference count; immutable, any thread may use a copy of its own.
+// One value of a parsed text. All values of a text share it, so a copy costs a reference count.
+// Immutable. Each thread may use its own copy.
 class JsonValue {
  public:
   JsonKind Kind() const;
 
-  // The value as compact JSON: no white space, members in their order, texts and numbers in the
-  // writer's one spelling.
+  // Returns the value as compact JSON: without white space, members in their order, each text and
+  // number in the writer's spelling.
   std::wstring Text() const;
 
-  // Each throws Platform::WindowsRuntimeError with kIllegalMethodCall when the value is of another
+  // These throw Platform::WindowsRuntimeError with kIllegalMethodCall if the value is of another
   // kind.
   std::wstring AsString() const;
   double AsNumber() const;
@@ -47,48 +47,48 @@ class JsonValue {
   JsonValue(std::shared_ptr<const Detail::Tree> owner, const void* position)
       : tree(std::move(owner)), node(position) {}
 
-  // The value, if it is of this kind; `name` is what the error says of it.
+  // Returns the value if it is of this kind. The error message calls it `name`.
   const void* Require(JsonKind kind, std::wstring_view name = {}) const;
 
   std::shared_ptr<const Detail::Tree> tree;
   const void* node;  // a value in `tree`
 };
 
-// A JSON object that throws where a member is missing or of another kind, as the Windows Runtime's
-// does; the error's message names the key. Of repeated keys the first counts. Copies share one
-// immutable text.
+// A JSON object that throws when a member is missing or of another kind, like the Windows
+// Runtime's. The error message names the key. If a key is repeated, the first one counts. Copies
+// share one immutable text.
 class JsonObject {
  public:
-  // An empty object.
+  // Makes an empty object.
   JsonObject();
 
-  // Throws Platform::WindowsRuntimeError with kInvalidJsonString when `text` is not valid JSON (see
-  // ParseJson for the fine print) or not an object.
+  // Throws Platform::WindowsRuntimeError with kInvalidJsonString if `text` is not valid JSON (see
+  // ParseJson for the details) or is not an object.
   static JsonObject Parse(std::wstring_view text);
 
   bool HasKey(std::wstring_view name) const { return Find(name).has_value(); }
 
-  // The member, or nothing.
+  // Returns the member, or nothing if it is absent.
   std::optional<JsonValue> Find(std::wstring_view name) const;
 
-  // The getters throw Platform::WindowsRuntimeError: kJsonValueNotFound when the member is absent,
-  // kIllegalMethodCall when it is of another kind (JSON null is another kind).
+  // The getters throw Platform::WindowsRuntimeError: kJsonValueNotFound if the member is absent,
+  // kIllegalMethodCall if it is of another kind (JSON null is another kind).
   JsonValue GetNamedValue(std::wstring_view name) const;
   std::wstring GetNamedString(std::wstring_view name) const;
   double GetNamedNumber(std::wstring_view name) const;
   JsonObject GetNamedObject(std::wstring_view name) const;
 
-  // `fallback` when the member is absent; throws kIllegalMethodCall when it is of another kind.
+  // Returns `fallback` if the member is absent. Throws kIllegalMethodCall if it is of another kind.
   std::wstring GetNamedString(std::wstring_view name, std::wstring_view fallback) const;
 
-  // The text of the member; nothing when it is absent or of another kind.
+  // Returns the text of the member, or nothing if it is absent or of another kind.
   std::optional<std::wstring> FindString(std::wstring_view name) const;
 
-  // As JsonValue::Text.
+  // Same as JsonValue::Text.
   std::wstring Stringify() const { return value.Text(); }
 
-  // Stringify without the members called `name` of the member object called `object` (the first of
-  // that name); the whole text when there are none.
+  // Same as Stringify, but leaves out the members called `name` of the first member object called
+  // `object`. Returns the whole text if there are none.
   std::wstring StringifyWithout(std::wstring_view object, std::wstring_view name) const;
 
  private:
@@ -99,14 +99,14 @@ class JsonObject {
   JsonValue value;
 };
 
-// A JSON array, walked from the front. Copies share one immutable text.
+// A JSON array that is walked from the front. Copies share one immutable text.
 class JsonArray {
  public:
-  // Throws Platform::WindowsRuntimeError with kInvalidJsonString when `text` is not valid JSON or
-  // not an array. Elements may nest as deep as a text of their own.
+  // Throws Platform::WindowsRuntimeError with kInvalidJsonString if `text` is not valid JSON or is
+  // not an array. Each element may nest as deeply as a separate text.
   static JsonArray Parse(std::wstring_view text);
 
-  // An iterator good for a range-for loop.
+  // Supports a range-for loop.
   class Iterator {
    public:
     JsonValue operator*() const;
@@ -133,8 +133,9 @@ class JsonArray {
   JsonValue value;
 };
 
-// `number` truncated toward zero. What does not fit (negative values of -1 and less, 2^32 and more)
-// gives 0xFFFFFFFF, which no event, action or catalog code of ours uses; not-a-number too.
+// Returns `number` truncated toward zero. Returns 0xFFFFFFFF, which is not the code of any event,
+// action or catalog event, for numbers that do not fit (-1 and less, 2^32 and more) and for
+// not-a-number.
 std::uint32_t TruncateToUint32(double number);
 
 }  // namespace Vx::Json

@@ -9,15 +9,15 @@
 #include <string_view>
 #include <vector>
 
-// rapidjson is configured here and nowhere else: its inline functions must be the same in every
-// file that has them, and a failed check of its own may neither end the process nor go unnoticed.
+// Configures rapidjson for the whole program: its inline functions must be the same in every file
+// that includes them. A failed check of its own throws, and does not end the process.
 #ifdef RAPIDJSON_RAPIDJSON_H_
 #error "include json/json_text.h instead of rapidjson's own headers"
 #endif
 
 namespace Vx::Json {
 
-// A rapidjson value was used as what it is not, such as reading the text of a number.
+// Thrown when code uses a rapidjson value as another type, such as reading the text of a number.
 class Misuse : public std::logic_error {
  public:
   using std::logic_error::logic_error;
@@ -29,7 +29,7 @@ class Misuse : public std::logic_error {
 
 #define RAPIDJSON_ASSERT(x) \
   (static_cast<bool>(x) ? static_cast<void>(0) : ::Vx::Json::ThrowMisuse())
-// Some of the checks stand in functions that would otherwise be noexcept.
+// Some checks are in functions that would otherwise be noexcept.
 #define RAPIDJSON_HAS_CXX11_NOEXCEPT 0
 #define RAPIDJSON_HAS_STDSTRING 1
 
@@ -39,7 +39,7 @@ class Misuse : public std::logic_error {
 
 namespace Vx::Json {
 
-// Heap memory for rapidjson, which never looks whether it got any: throws std::bad_alloc.
+// Heap memory for rapidjson, which does not check for null. Throws std::bad_alloc.
 class CheckedHeap {
  public:
   static const bool kNeedFree = true;
@@ -59,8 +59,9 @@ class CheckedHeap {
   }
 };
 
-// Memory for the short-lived stack of one parse or one write: the first block of moderate size lies
-// in the object itself, others come from the heap. Serves one stack; one thread.
+// Memory for the short-lived stack of one parse or one write. The first block of moderate size lies
+// in the object itself, which takes a quarter off the row "id 22, request of 150 characters" of
+// docs/performance.md. Others come from the heap. Serves one stack on one thread.
 class ScratchMemory {
  public:
   static const bool kNeedFree = true;
@@ -74,7 +75,7 @@ class ScratchMemory {
   static void Free(void* block);
 
  private:
-  // Before each block, so that Free knows what to do with it.
+  // Precedes each block. Tells Free where the block came from.
   struct alignas(16) Header {
     bool onHeap;
   };
@@ -87,44 +88,48 @@ using WideEncoding = rapidjson::UTF16<wchar_t>;
 using WidePool = rapidjson::MemoryPoolAllocator<CheckedHeap>;
 
 // Request and response documents: UTF-16, in pool chunks of 65,536 bytes. Objects keep their
-// members in order, repeated keys included; a lookup finds the first.
+// members in order, including repeated keys. A lookup finds the first.
 using WideDocument = rapidjson::GenericDocument<WideEncoding, WidePool, ScratchMemory>;
 using WideValue = WideDocument::ValueType;
 
 inline constexpr std::size_t kPoolChunk = 65536;
 
-// How deep objects and arrays may lie in one another; a text beyond it is not valid JSON. Real
+// How deeply objects and arrays may nest. A text that nests deeper is not valid JSON. Real
 // documents use three or four levels. Values of this depth may be walked with recursion.
 inline constexpr std::size_t kMaxNesting = 128;
 
-// The same for a list whose elements are documents of their own.
+// The same for a list whose elements are separate documents.
 inline constexpr std::size_t kMaxListNesting = kMaxNesting + 1;
 
-// A longer text, in UTF-16 units, is not valid JSON: rapidjson counts in 32 bits.
+// In UTF-16 units. A longer text is not valid JSON, because rapidjson counts in 32 bits.
 inline constexpr std::size_t kMaxTextLength = std::size_t{64} * 1024 * 1024;
 
 // Where and why a text is not valid JSON.
 struct ParseFault {
   std::size_t offset = 0;  // UTF-16 units before the fault
-  // None: rapidjson was not asked, because the text is too long, holds an unpaired surrogate, or
-  // has a number whose exponent is too long. Termination: nested too deep, or a number too large.
+  // None: the text was refused before rapidjson parsed it, because it is too long, holds an
+  // unpaired surrogate, or has a number whose exponent is too long. Termination: the text nests too
+  // deeply, or a number is too large.
   rapidjson::ParseErrorCode code = rapidjson::kParseErrorNone;
 };
 
-// Parses one JSON text into `document`; false, and a null document, when it is not valid JSON.
+// Parses one JSON text into `document`. Returns false and leaves a null document if the text is not
+// valid JSON. `fault`, if not null, receives the position and kind of the first error.
 //
-// What clients may not expect to be obvious: unpaired surrogates, raw or escaped, are not valid; an
-// escaped U+0000 is a character like others; a number too large for a double (its digits before the
-// exponent alone count too), or with an exponent of more than eight digits, is not valid, one too
-// small is zero; whole numbers beyond 64 bits are doubles; of repeated keys the first counts. A
-// nesting beyond `nestingLimit` and a text beyond kMaxTextLength are not valid. Keeps its place on
-// a stack of its own, so that nesting costs no machine stack. `fault`, unless null, is told of what
-// is not valid. Throws std::bad_alloc.
+// Beyond the grammar: unpaired surrogates, raw or escaped, are not valid. An escaped U+0000 is an
+// ordinary character. A number is not valid if it is too large for a double (also if only its
+// digits before the exponent are) or has an exponent of more than eight digits. A number that is
+// too small is zero. Whole numbers beyond 64 bits are doubles. If a key is repeated, the first one
+// counts. A text that nests deeper than `nestingLimit` or is longer than kMaxTextLength is not
+// valid.
+//
+// Uses a stack in memory, so nesting costs no machine stack. Throws std::bad_alloc.
 bool ParseJson(WideDocument& document, std::wstring_view text,
                std::size_t nestingLimit = kMaxNesting, ParseFault* fault = nullptr);
 
-// A document together with the memory that a small one needs, so that it costs no allocation. Made
-// on the stack; the pool goes on on the heap after `PoolBytes`.
+// A document with its first `PoolBytes` of pool memory inside, so that a small one on the stack
+// costs no allocation: that takes a sixth off the row "id 22, request of 150 characters" of
+// docs/performance.md. The pool continues on the heap.
 template <std::size_t PoolBytes>
 class InlineDocument {
  public:
@@ -145,8 +150,8 @@ class InlineDocument {
   WideDocument document{&pool, kParseStack, &scratch};
 };
 
-// UTF-16 text under construction, without the heap while it is short. An output stream as rapidjson
-// wants it.
+// UTF-16 text under construction. A short one needs no heap, which takes a quarter off the row
+// "id 22, request of 150 characters" of docs/performance.md. An output stream for rapidjson.
 class TextBuffer {
  public:
   using Ch = wchar_t;
@@ -175,11 +180,11 @@ class TextBuffer {
   std::size_t capacity = kOwnUnits;
 };
 
-// Appends `value` to `out` as compact JSON; false when a number in it is not finite (then `out`
-// ends early). Throws std::bad_alloc.
+// Appends `value` to `out` as compact JSON. Returns false if a number in it is not finite. `out`
+// then ends early. Throws std::bad_alloc.
 bool WriteJson(const WideValue& value, TextBuffer& out);
 
-// `value` as compact JSON; empty when a number in it is not finite.
+// Returns `value` as compact JSON, or an empty text if a number in it is not finite.
 std::wstring JsonText(const WideValue& value);
 
 }  // namespace Vx::Json

@@ -43,7 +43,7 @@ struct Sequence {
   std::uint32_t point;
 };
 
-// The sequence that starts with a byte of 0x80 or more.
+// Reads the sequence at the front, whose first byte is 0x80 or more.
 Sequence Multibyte(std::string_view text) {
   const auto at = [text](std::size_t i) { return static_cast<std::uint8_t>(text[i]); };
   const std::uint8_t lead = at(0);

@@ -5,14 +5,14 @@
 
 namespace Vx::Json {
 
-// UTF-16 as UTF-8. An unpaired surrogate becomes U+FFFD.
+// Converts UTF-16 to UTF-8. An unpaired surrogate becomes U+FFFD.
 std::string ToUtf8(std::wstring_view text);
 
-// UTF-8 as UTF-16. Each byte that is not part of a valid sequence becomes U+FFFD.
+// Converts UTF-8 to UTF-16. Each byte that is not part of a valid sequence becomes U+FFFD.
 std::wstring ToWide(std::string_view text);
 
-// Whether `text` is UTF-8 by the Unicode standard: shortest forms, no surrogates. U+0000 may be in
-// it.
+// Whether `text` is UTF-8 by the Unicode standard: shortest forms and no surrogates. It may contain
+// U+0000.
 bool IsUtf8(std::string_view text) noexcept;
 
 }  // namespace Vx::Json

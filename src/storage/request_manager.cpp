@@ -71,7 +71,7 @@ bool RequestManager::ChangeCopy(const Edit& edit) {
 
 std::optional<std::wstring> RequestManager::ChangeStored(const BsonElement* stored,
                                                          const Edit& edit) {
-  // The copy follows the stored list first, so that it is right even when the write fails.
+  // Updates the copy first, so that it is right even if the write fails.
   if (stored == nullptr) {
     document.Erase(key);
   } else {

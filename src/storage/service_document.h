@@ -13,7 +13,7 @@ inline constexpr char kPackageSubscriptions[] = "PackageCatalogEventSubscription
 // The lockdown mode of the machine's first start, a 32-bit number.
 inline constexpr char kFirstEnforcementMode[] = "FirstSystemEnforcementMode";
 
-// Whether the last switch work after S mode started its software.
+// Whether the last switch work after S mode started the software.
 inline constexpr char kExecutedStub[] = "ExecutedMcAfeeStub";
 
 // The born-on date, eight digits.

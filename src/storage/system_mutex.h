@@ -23,8 +23,8 @@ class system_mutex_exception : public std::exception {
   std::uint32_t number;
 };
 
-// A mutex shared by every process that names it. One thread locks and unlocks; it is re-entrant
-// there only as Windows' own mutex is. Satisfies BasicLockable.
+// A mutex shared by every process that opens its name. The thread that locks it also unlocks it.
+// Re-entrant as far as the mutex of Windows is. Satisfies BasicLockable.
 class SystemMutex {
  public:
   // Throws system_mutex_exception, code 0.
@@ -32,10 +32,10 @@ class SystemMutex {
   SystemMutex(const SystemMutex&) = delete;
   SystemMutex& operator=(const SystemMutex&) = delete;
 
-  // Releases the mutex if this object still holds it.
+  // Unlocks the mutex if this object still holds it.
   ~SystemMutex();
 
-  // Blocks without limit. A mutex whose holder died counts as owned. Throws code 2.
+  // Blocks without limit. Owns the mutex also if its holder died. Throws code 2.
   void lock();
 
   // Throws code 3.
