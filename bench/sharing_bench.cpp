@@ -1,7 +1,7 @@
-// Eight processes that update one store against one process that does as many updates alone.
+// Compares eight processes that update one store with one process that does as many updates alone.
 //
 // Usage: sharing_bench [--brief] [--json FILE]
-// It starts itself as `sharing_bench --worker MEMBER COUNT GO READY` for each process.
+// Starts itself as `sharing_bench --worker MEMBER COUNT GO READY` for each process.
 #include <cstdlib>
 #include <cstring>
 #include <optional>
@@ -32,7 +32,7 @@ std::string Member(int number) {
   return "member" + std::to_string(number);
 }
 
-// Counts the member up, each time from what the store holds, when the event says so.
+// Waits for the event, then sets the member to 1, 2, ... in the store.
 int Work(const std::string& member, int count, const char* goName, const char* readyName) {
   const UniqueHandle go(CreateEventA(nullptr, TRUE, FALSE, goName));
   const UniqueHandle ready(CreateSemaphoreA(nullptr, 0, 64, readyName));
@@ -45,7 +45,7 @@ int Work(const std::string& member, int count, const char* goName, const char* r
   return 0;
 }
 
-// Processes that wait for the start; what they do is timed from there to the end of the last.
+// Processes that wait for the start. Run is timed from there to the end of the last process.
 class Workers {
  public:
   Workers(int processes, int updates) : count(processes), each(updates) {
@@ -74,7 +74,7 @@ class Workers {
 
   bool Ran() const { return ran; }
 
-  // Throws when an update is lost.
+  // Throws if an update is lost.
   void Check() const {
     const auto document = CapDataStore().readDocument(kDocument);
     for (int i = 0; i < count; ++i) {

@@ -24,12 +24,12 @@ BsonDocument Again(const BsonDocument& document) {
   return *std::move(decoded);
 }
 
-// The bytes of a member: its kind, key, terminator and value.
+// Returns the bytes of a member: its kind, key, terminator and value.
 std::size_t SizeOf(const BsonDocument::Member& member) {
   return 2 + member.key.size() + member.value.Bytes().size();
 }
 
-// Asks every value for every kind, some levels deep.
+// Calls every getter of every value, some levels deep.
 void Walk(const BsonDocument& document, int levels) {
   std::size_t size = 5;  // the length and the terminator
   for (const BsonDocument::Member& member : document) {
@@ -51,7 +51,7 @@ void Walk(const BsonDocument& document, int levels) {
   Check(size == document.Encoded().size(), "the members are the document");
 }
 
-// Changes one member and takes it away again: the others stay as they are.
+// Changes one member and removes it again. The others must stay unchanged.
 void Change(const BsonDocument& document) {
   BsonDocument changed = document;
   if (document.Empty()) return;

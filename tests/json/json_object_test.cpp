@@ -15,7 +15,7 @@ namespace {
 
 using ::testing::ElementsAre;
 
-// The code that `call` throws; zero when it throws nothing.
+// Returns the code that `call` throws, or zero.
 std::int32_t CodeOf(const std::function<void()>& call) {
   try {
     call();

@@ -24,7 +24,7 @@ bool IsValid(const std::wstring& text) {
   return ParseJson(document, text);
 }
 
-// Asks both readers of this folder about the same value.
+// Parses the same value with both readers of this folder.
 void ExpectValid(const std::wstring& text, bool valid) {
   SCOPED_TRACE(testing::PrintToString(text.substr(0, 60)));
   EXPECT_EQ(IsValid(text), valid);
@@ -109,7 +109,7 @@ TEST(ParseJson, GivesEachNumberTheNarrowestTypeThatHoldsIt) {
   EXPECT_EQ(JsonText(document),
             L"[4294967295,4294967296,-9223372036854775808,18446744073709551615,"
             L"18446744073709553000.0,-9223372036854776000.0,100.0,0.0,0]");
-  // To the last bit, which the parser's own conversion misses.
+  // Exact to the last bit, unlike the parser's own conversion.
   ASSERT_TRUE(ParseJson(document, L"6.9294956446009195e15"));
   EXPECT_EQ(document.GetDouble(), 6.9294956446009195e15);
 }
@@ -126,7 +126,7 @@ TEST(ParseJson, LeavesNullBehindAFailureAndCanBeUsedAgain) {
   ASSERT_FALSE(ParseJson(document, L"{\"a\":[1,2,{\"b\":"));
   EXPECT_TRUE(document.IsNull());
   ASSERT_TRUE(ParseJson(document, L"[3]"));
-  // A value that is used as another type is a mistake of ours, and may not end the process.
+  // Using a value as another type is a programming error, but does not end the process.
   EXPECT_THROW(document[0].GetString(), Misuse);
   EXPECT_THROW(document[7U], Misuse);
   EXPECT_THROW(document[L"a"], Misuse);

@@ -24,7 +24,7 @@ std::string LittleEndian(std::size_t value) {
   return out;
 }
 
-// A document around element bytes.
+// Returns a document with these bytes as its elements.
 std::string Document(std::string_view elements) {
   return LittleEndian(elements.size() + 5) + std::string(elements) + '\0';
 }
@@ -95,7 +95,7 @@ TEST(BsonDocument, RefusesEveryPrefixOfADocumentAndWhatGoesOnBehindIt) {
   const std::string whole = Document(EveryKind());
   for (std::size_t size = 0; size < whole.size(); ++size) {
     EXPECT_FALSE(Decodes(whole.substr(0, size))) << size;
-    // Also when the length at the front goes along.
+    // Cut, but with the length at the front set to match.
     const std::string cut = whole.substr(0, size) + '\0';
     if (size >= 5) Decodes(LittleEndian(cut.size()) + cut.substr(4));
   }

@@ -30,7 +30,7 @@ constexpr wchar_t kSecond[] = L"{\"n\":2}";
 
 class RequestManagerTest : public testing::Test {
  protected:
-  // Each operation of the service makes a manager of its own.
+  // Each operation of the service makes its own manager.
   static RequestManager Manager() { return {kServiceDocument, kPowerSubscriptions}; }
 
   static std::wstring Stored() {
@@ -44,7 +44,7 @@ class RequestManagerTest : public testing::Test {
         CapDataStore().mergeMember(kServiceDocument, kPowerSubscriptions, BsonElement::Text(list)));
   }
 
-  // The code that adding `request` throws; zero when it throws nothing.
+  // Adds `request`. Returns the code that this throws, or zero.
   static std::int32_t Persist(std::wstring_view request) {
     try {
       Manager().PersistRequest(request);
@@ -76,7 +76,7 @@ TEST_F(RequestManagerTest, KeepsAListOfWhatWasAddedAndNotTakenAway) {
   EXPECT_EQ(Stored(), L"[{\"n\":2}]");
   EXPECT_TRUE(Manager().CompleteRequest(L"{ \"n\" : 2 }"));
   EXPECT_EQ(Stored(), L"[]");
-  EXPECT_TRUE(Manager().CompleteRequest(kSecond));  // completed before
+  EXPECT_TRUE(Manager().CompleteRequest(kSecond));  // was completed before
   EXPECT_THAT(log.Lines(), IsEmpty());
 }
 

@@ -15,14 +15,14 @@ namespace Vx::Tests {
 inline constexpr Platform::ErrorCode kFault = 1117;  // ERROR_IO_DEVICE
 inline constexpr std::uint32_t kReparsePoint = 0x400;
 
-// Real files, with switches for what cannot be had by refusing a call.
+// Real files, with switches for faults other than a refused call.
 class FaultyFiles : public Platform::Files {
  public:
   bool writesStopHalfway = false;
-  std::function<void()> onContent = [] {};     // before content is read, written or moved
-  bool linksEverywhere = false;                // each existing path is a reparse point
+  std::function<void()> onContent = [] {};     // called before content is read, written or moved
+  bool linksEverywhere = false;                // every existing path has the reparse attribute
   mutable std::size_t largestRead = 0;         // the bound of the last read
-  std::vector<std::vector<std::byte>> writes;  // the content of each write call that was asked for
+  std::vector<std::vector<std::byte>> writes;  // the content of each attempted write
 
   Platform::Result<std::uint32_t> Attributes(const std::wstring& path) const override {
     Platform::Result<std::uint32_t> attributes = real.Attributes(path);

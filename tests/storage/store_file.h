@@ -11,7 +11,7 @@
 #include "platform/machine.h"
 #include "storage/bson_document.h"
 
-// The store's file as another service sees it: written and read here without the store's own code.
+// Reads and writes the store's file as another service does, without the store's own code.
 namespace Vx::Tests {
 
 using Bytes = std::vector<std::byte>;
@@ -28,7 +28,7 @@ inline void WriteBytes(const std::wstring& path, std::span<const std::byte> cont
   Platform::WindowsMachine().files->Overwrite(path, content);
 }
 
-// A file with this id whose blob holds `plain`.
+// Returns the content of a file with this id whose blob holds `plain`.
 inline Bytes StoreFile(std::span<const std::byte> plain, const std::wstring& id = kSomeId) {
   const auto header = std::as_bytes(std::span(id));
   Bytes content(header.begin(), header.end());

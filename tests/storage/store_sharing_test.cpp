@@ -32,7 +32,7 @@ using Services::Orvane::RequestManager;
 constexpr DWORD kDeadline = 60'000;  // milliseconds
 constexpr wchar_t kMutexName[] = L"18CC6446-1DB5-4D23-8F2B-441BA13883D6";
 
-// A running store_worker; killed at the end when it has not ended by itself.
+// A running store_worker. The destructor kills it if it is still running.
 class Worker {
  public:
   explicit Worker(const std::wstring& arguments) {
@@ -67,7 +67,7 @@ class Worker {
 
 class StoreSharingTest : public testing::Test {
  protected:
-  // Runs `body` with 0, 1, ... on threads at the same time.
+  // Runs `body` with 0, 1, ... on one thread each, all at the same time.
   template <typename Body>
   static void Together(int threads, const Body& body) {
     std::vector<std::thread> running;
@@ -100,10 +100,10 @@ TEST_F(StoreSharingTest, SubscribersAndFlagWritersDoNotUndoOneAnother) {
   EXPECT_EQ(CapDataStore().readDocument(kServiceDocument).Find("Flag")->AsBoolean(), true);
 }
 
-// Processes that write one store with all their threads; one after another is killed and replaced.
+// Processes whose threads all write one store. The test kills and replaces one after the other.
 class StoreStormTest : public testing::Test {
  protected:
-  // One storm over a fresh store that holds the value of another service.
+  // Runs one storm on a fresh store that holds a value of another service.
   void Storm(std::mt19937& random) {
     const CapDataStore maker;
     BsonDocument others;

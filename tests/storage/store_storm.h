@@ -11,7 +11,7 @@
 
 #include "platform/unique_handle.h"
 
-// What the writers of a storm note in shared memory, to be read after they were killed.
+// Notes that the writers of a storm keep in shared memory, for the test to read after killing them.
 namespace Vx::Tests {
 
 inline constexpr char kStormDocument[] = "storm";
@@ -19,27 +19,27 @@ inline constexpr std::size_t kWritersOfAProcess = 2;
 inline constexpr std::size_t kMostProcesses = 32;
 
 struct StormWriter {
-  std::atomic<std::int32_t> begun{0};         // the last value that it set out to write
-  std::atomic<std::int32_t> acknowledged{0};  // the last one that the store said it holds
+  std::atomic<std::int32_t> begun{0};         // the last value that it began to write
+  std::atomic<std::int32_t> acknowledged{0};  // the last one that the store acknowledged
 };
 
 struct StormProcess {
   std::atomic<bool> writing{false};  // inside the call that empties and fills the file
-  std::atomic<int> refused{0};       // writes that the store did not hold
+  std::atomic<int> refused{0};       // writes that the store refused
   std::array<StormWriter, kWritersOfAProcess> writers;
 };
 
 struct StormNotes {
-  std::atomic<bool> end{false};  // each writer begins one write more
+  std::atomic<bool> end{false};  // each writer begins one more write
   std::array<StormProcess, kMostProcesses> processes;
 };
 
-// The member that a writer counts up.
+// The member that a writer increments.
 inline std::string MemberOf(std::size_t process, std::size_t writer) {
   return std::to_string(process) + "." + std::to_string(writer);
 }
 
-// The notes under a name that several processes open; the first finds all of them zero.
+// Opens the notes under a name that several processes share. They start as zero.
 class SharedNotes {
  public:
   explicit SharedNotes(const std::wstring& name)

@@ -1,6 +1,6 @@
 // Another process that uses the shared store.
 //
-//   store_worker NOTES PROCESS  counts up members until the notes tell it to end
+//   store_worker NOTES PROCESS  increments members until the notes end the storm
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
@@ -39,7 +39,7 @@ class NotedFiles final : public Vx::Tests::FaultyFiles {
   std::atomic<bool>& writing;
 };
 
-// A store that throws ends the process, and so the test sees it.
+// An exception of the store ends the process, which the test notices.
 void CountUp(const Vx::Tests::SharedNotes& notes, std::size_t self, std::size_t writer) {
   Vx::Tests::StormProcess& process = notes->processes.at(self);
   Vx::Tests::StormWriter& own = process.writers.at(writer);

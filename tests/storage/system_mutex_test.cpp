@@ -13,12 +13,12 @@ namespace Vx::Tessel::Server::Storage {
 
 namespace {
 
-// Each test process uses names of its own.
+// The process id keeps concurrent test processes apart.
 std::wstring Name(const wchar_t* test) {
   return std::wstring(L"vx-") + test + L"-" + std::to_wstring(GetCurrentProcessId());
 }
 
-// Whether another thread could have the mutex now.
+// Whether another thread could lock the mutex now.
 bool IsFree(const std::wstring& name) {
   bool free = false;
   std::thread([&] {
@@ -41,7 +41,8 @@ TEST(SystemMutex, KeepsOthersOutUntilItIsUnlockedOrDestroyed) {
     EXPECT_TRUE(IsFree(name));
     EXPECT_THROW(mutex.unlock(), system_mutex_exception);
   }
-  const SystemMutex other(name);  // keeps the name alive, and with it what the next one leaves
+  const SystemMutex other(
+      name);  // keeps the kernel object, and with it the state that the next one leaves
   {
     SystemMutex mutex(name);
     mutex.lock();
