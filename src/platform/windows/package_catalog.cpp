@@ -5,7 +5,7 @@
 #include <mutex>
 #include <utility>
 
-#include "platform/windows/winrt_calls.h"
+#include "platform/winrt/winrt_calls.h"
 
 #include <windows.h>
 

@@ -1,14 +1,6 @@
 #include "platform/windows/package_deployment.h"
 
-#include <memory>
-#include <system_error>
-
-#include "platform/clock.h"
-#include "platform/machine.h"
-#include "platform/unique_handle.h"
-#include "platform/windows/winrt_calls.h"
-
-#include <windows.h>
+#include "platform/winrt/winrt_calls.h"
 
 namespace Vx::Platform {
 
@@ -42,23 +34,6 @@ std::vector<std::wstring> FullNamesOf(const Abi::ComPtr<Abi::IPackageIterable>& 
   return names;
 }
 
-// The event that a deployment's end sets. Shared with the completion handler, which the system may
-// still call after we stopped waiting.
-SharedHandle MakeCompletionEvent() {
-  UniqueHandle event(CreateEventW(nullptr, TRUE, FALSE, nullptr));
-  if (!event) throw WindowsRuntimeError(HRESULT_FROM_WIN32(GetLastError()), L"CreateEvent");
-  return Share(std::move(event));
-}
-
-void SignalWhenDone(Abi::IDeploymentOperation& operation, const SharedHandle& done) {
-  const auto handler = Abi::MakeDelegate<Abi::IDeploymentCompletedHandler>(
-      [done](Abi::IDeploymentOperation*, Abi::AsyncStatus) noexcept -> HRESULT {
-        SetEvent(done.get());
-        return S_OK;
-      });
-  Check(operation.put_Completed(handler.Get()), L"IAsyncOperationWithProgress::put_Completed");
-}
-
 // Reads the deployment's own report, as far as it gives one: a failed operation may refuse it.
 void ReadReport(Abi::IDeploymentOperation& operation, PackageRegistration& registration) {
   Abi::ComPtr<Abi::IDeploymentResult> report;
@@ -77,26 +52,11 @@ void ReadReport(Abi::IDeploymentOperation& operation, PackageRegistration& regis
   if (SUCCEEDED(report->get_ErrorText(text.Receive()))) registration.errorText = text.View();
 }
 
-PackageRegistration OutcomeOf(Abi::IDeploymentOperation& operation, Abi::IAsyncInfo& info) {
-  PackageRegistration registration;
-  Abi::AsyncStatus status = Abi::AsyncStatus::Error;
-  Check(info.get_Status(&status), L"IAsyncInfo::get_Status");
-  if (status != Abi::AsyncStatus::Completed) {
-    HRESULT code = S_OK;
-    Check(info.get_ErrorCode(&code), L"IAsyncInfo::get_ErrorCode");
-    const HRESULT unexplained =
-        status == Abi::AsyncStatus::Canceled ? HRESULT_FROM_WIN32(ERROR_CANCELLED) : E_FAIL;
-    registration.result = FAILED(code) ? code : unexplained;
-  }
-  ReadReport(operation, registration);
-  return registration;
-}
-
 }  // namespace
 
 std::vector<std::wstring> FamilyPackagesOfMachine(const std::wstring& familyName) {
   const ApartmentScope apartment;
-  const auto manager = ActivateClass<Abi::IPackageManager>(Abi::kPackageManagerClass);
+  const auto manager = Activate<Abi::IPackageManager>(Abi::kPackageManagerClass);
   const Abi::HString family = MakeString(familyName);
   Abi::ComPtr<Abi::IPackageIterable> packages;
   Check(manager->FindPackagesByPackageFamilyName(family.Get(), packages.Receive()),
@@ -107,7 +67,7 @@ std::vector<std::wstring> FamilyPackagesOfMachine(const std::wstring& familyName
 std::vector<std::wstring> FamilyPackagesOfUser(const std::wstring& sid,
                                                const std::wstring& familyName) {
   const ApartmentScope apartment;
-  const auto manager = ActivateClass<Abi::IPackageManager>(Abi::kPackageManagerClass);
+  const auto manager = Activate<Abi::IPackageManager>(Abi::kPackageManagerClass);
   const Abi::HString user = MakeString(sid);
   const Abi::HString family = MakeString(familyName);
   Abi::ComPtr<Abi::IPackageIterable> packages;
@@ -120,25 +80,15 @@ std::vector<std::wstring> FamilyPackagesOfUser(const std::wstring& sid,
 PackageRegistration RegisterStagedPackage(const std::wstring& fullName,
                                           std::chrono::milliseconds limit) {
   const ApartmentScope apartment;
-  const auto manager = ActivateClass<Abi::IPackageManager2>(Abi::kPackageManagerClass);
+  const auto manager = Activate<Abi::IPackageManager2>(Abi::kPackageManagerClass);
   const Abi::HString name = MakeString(fullName);
   Abi::ComPtr<Abi::IDeploymentOperation> operation;
   const HRESULT started = manager->RegisterPackageByFullNameAsync(
       name.Get(), nullptr, Abi::DeploymentOptions::None, operation.Receive());
   CheckMade(started, operation, L"IPackageManager2::RegisterPackageByFullNameAsync");
-  Abi::ComPtr<Abi::IAsyncInfo> info;
-  Check(Abi::Query(operation, info), L"IAsyncInfo");
-
-  const SharedHandle done = MakeCompletionEvent();
-  SignalWhenDone(*operation.Get(), done);
-  const WaitResult wait = CurrentMachine().clock->Wait(done.get(), limit);
-  if (wait.outcome == WaitOutcome::Signalled) return OutcomeOf(*operation.Get(), *info.Get());
-
-  // Nobody will look at the outcome any more. A deployment that cannot be cancelled runs on.
-  info->Cancel();
-  PackageRegistration registration;
-  registration.result = HRESULT_FROM_WIN32(
-      wait.outcome == WaitOutcome::TimedOut ? DWORD{ERROR_TIMEOUT} : DWORD{wait.lastError});
+  const AsyncOutcome outcome = Await(operation, limit);
+  PackageRegistration registration{.result = outcome.result, .errorText = {}};
+  if (outcome.ended) ReadReport(*operation.Get(), registration);
   return registration;
 }
 

@@ -212,6 +212,7 @@ struct IDeploymentCompletedHandler : IUnknown {
 
 // IAsyncOperationWithProgress<DeploymentResult, DeploymentProgress>.
 struct IDeploymentOperation : IInspectable {
+  using Handler = IDeploymentCompletedHandler;
   static constexpr GUID kIid{
       0x5a97aab7, 0xb6ea, 0x55ac, {0xa5, 0xdc, 0xd5, 0xb1, 0x64, 0xd9, 0x4e, 0x94}};
 

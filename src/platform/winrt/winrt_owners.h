@@ -127,25 +127,4 @@ ComPtr<Interface> MakeDelegate(Callable callable) {
   return ComPtr<Interface>(new Delegate<Interface, Callable>(std::move(callable)));
 }
 
-// Makes an object of a class that needs no arguments and asks it for T.
-template <typename T>
-HRESULT Activate(const wchar_t* className, ComPtr<T>& object) noexcept {
-  HString name;
-  HRESULT result = name.Assign(className);
-  ComPtr<IInspectable> made;
-  if (SUCCEEDED(result)) result = RoActivateInstance(name.Get(), made.Receive());
-  if (FAILED(result)) return result;
-  return made ? Query(made, object) : E_UNEXPECTED;
-}
-
-// The static members of a class.
-template <typename T>
-HRESULT GetFactory(const wchar_t* className, ComPtr<T>& factory) noexcept {
-  HString name;
-  const HRESULT result = name.Assign(className);
-  if (FAILED(result)) return result;
-  return RoGetActivationFactory(name.Get(), IidOf<T>(),
-                                reinterpret_cast<void**>(factory.Receive()));
-}
-
 }  // namespace Vx::Abi
