@@ -186,12 +186,6 @@ class FaultyDataProtection final : public Decorator<Platform::DataProtection> {
   Result<Bytes> Unprotect(std::span<const std::byte> sealed) const override {
     return Or("DataProtection.Unprotect", [&] { return inner.Unprotect(sealed); });
   }
-  Result<std::wstring> NewUuid() const override {
-    return Or("DataProtection.NewUuid", [&] { return inner.NewUuid(); });
-  }
-  Result<Bytes> FileSha256(const std::wstring& path) const override {
-    return Or("DataProtection.FileSha256", [&] { return inner.FileSha256(path); });
-  }
 };
 
 class FaultyEnvironment final : public Decorator<Platform::Environment> {
@@ -239,6 +233,22 @@ class FaultyFiles final : public Decorator<Platform::Files> {
   }
   Result<UniqueHandle> OpenReadLocked(const std::wstring& path) const override {
     return Or("Files.OpenReadLocked", [&] { return inner.OpenReadLocked(path); });
+  }
+  Result<Bytes> Sha256(const std::wstring& path) const override {
+    return Or("Files.Sha256", [&] { return inner.Sha256(path); });
+  }
+  Result<std::wstring> FullPath(const std::wstring& path) const override {
+    return Or("Files.FullPath", [&] { return inner.FullPath(path); });
+  }
+  Result<std::wstring> FinalPath(const std::wstring& path) const override {
+    return Or("Files.FinalPath", [&] { return inner.FinalPath(path); });
+  }
+  Result<std::wstring> FinalPathOf(Platform::RawHandle file) const override {
+    return Or("Files.FinalPathOf", [&] { return inner.FinalPathOf(file); });
+  }
+  Result<std::vector<Platform::AccessEntry>> FolderAccess(
+      const std::wstring& folder) const override {
+    return Or("Files.FolderAccess", [&] { return inner.FolderAccess(folder); });
   }
 };
 
@@ -437,19 +447,6 @@ class FaultyTrustProvider final : public Decorator<Platform::TrustProvider> {
                                              std::uint32_t index) const override {
     return Or("TrustProvider.VerifyInCatalog",
               [&] { return inner.VerifyInCatalog(catalog, index); });
-  }
-  Result<std::wstring> FullPath(const std::wstring& path) const override {
-    return Or("TrustProvider.FullPath", [&] { return inner.FullPath(path); });
-  }
-  Result<std::wstring> FinalPath(const std::wstring& path) const override {
-    return Or("TrustProvider.FinalPath", [&] { return inner.FinalPath(path); });
-  }
-  Result<std::wstring> FinalPathOf(Platform::RawHandle file) const override {
-    return Or("TrustProvider.FinalPathOf", [&] { return inner.FinalPathOf(file); });
-  }
-  Result<std::vector<Platform::AccessEntry>> FolderAccess(
-      const std::wstring& folder) const override {
-    return Or("TrustProvider.FolderAccess", [&] { return inner.FolderAccess(folder); });
   }
 };
 

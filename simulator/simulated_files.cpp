@@ -100,4 +100,25 @@ Result<Platform::UniqueHandle> SimulatedFiles::OpenReadLocked(const std::wstring
   return Platform::WindowsMachine().kernelObjects->MakeManualEvent({});  // something to close
 }
 
+Result<std::vector<std::byte>> SimulatedFiles::Sha256(const std::wstring& path) const {
+  return RealFiles().Sha256(path);
+}
+
+Result<std::wstring> SimulatedFiles::FullPath(const std::wstring& path) const {
+  return RealFiles().FullPath(path);
+}
+
+Result<std::wstring> SimulatedFiles::FinalPath(const std::wstring& path) const {
+  return RealFiles().FinalPath(path);
+}
+
+Result<std::wstring> SimulatedFiles::FinalPathOf(Platform::RawHandle file) const {
+  return RealFiles().FinalPathOf(file);
+}
+
+Result<std::vector<Platform::AccessEntry>> SimulatedFiles::FolderAccess(
+    const std::wstring& folder) const {
+  return RealFiles().FolderAccess(folder);
+}
+
 }  // namespace Vx::Simulator

@@ -13,7 +13,7 @@ namespace Vx::Simulator {
 
 // The real files, and over them some that exist in memory only, by exact path: programs and texts
 // in places that a test must not write to. Any thread.
-class SimulatedFiles final : public Platform::Files {
+class SimulatedFiles : public Platform::Files {
  public:
   void Add(const std::wstring& path, const std::string& content);
 
@@ -31,6 +31,12 @@ class SimulatedFiles final : public Platform::Files {
   Platform::ErrorCode MoveOver(const std::wstring& from, const std::wstring& to) override;
   Platform::ErrorCode Remove(const std::wstring& path) override;
   Platform::Result<Platform::UniqueHandle> OpenReadLocked(const std::wstring& path) const override;
+  Platform::Result<std::vector<std::byte>> Sha256(const std::wstring& path) const override;
+  Platform::Result<std::wstring> FullPath(const std::wstring& path) const override;
+  Platform::Result<std::wstring> FinalPath(const std::wstring& path) const override;
+  Platform::Result<std::wstring> FinalPathOf(Platform::RawHandle file) const override;
+  Platform::Result<std::vector<Platform::AccessEntry>> FolderAccess(
+      const std::wstring& folder) const override;
 
  private:
   std::optional<std::vector<std::byte>> Content(const std::wstring& path) const;

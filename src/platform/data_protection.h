@@ -9,8 +9,8 @@
 
 namespace Vx::Platform {
 
-// Encryption for this machine (DPAPI with the local-machine flag, no entropy, no prompt) and what
-// belongs to it. Any thread; does not wait.
+// Encryption for this machine: DPAPI with the local-machine flag, no entropy, no prompt. Any
+// thread; does not wait.
 class DataProtection {
  public:
   virtual ~DataProtection() = default;
@@ -20,12 +20,6 @@ class DataProtection {
                                                  const std::wstring& description) const = 0;
 
   virtual Result<std::vector<std::byte>> Unprotect(std::span<const std::byte> sealed) const = 0;
-
-  // A new UUID as 36 lower-case characters with hyphens.
-  virtual Result<std::wstring> NewUuid() const = 0;
-
-  // The 32 bytes of the SHA-256 of a file's content, read in pieces.
-  virtual Result<std::vector<std::byte>> FileSha256(const std::wstring& path) const = 0;
 };
 
 }  // namespace Vx::Platform

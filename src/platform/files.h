@@ -12,6 +12,14 @@
 
 namespace Vx::Platform {
 
+// One entry of an access list: only what the rules look at.
+struct AccessEntry {
+  bool allowed = false;  // an access-allowed entry
+  std::uint32_t mask = 0;
+  std::wstring accountName;  // empty when the SID has no account
+  std::wstring accountDomain;
+};
+
 // Files and folders by full path. Every error is a Win32 code; zero is success.
 class Files {
  public:
@@ -44,6 +52,23 @@ class Files {
   // `path` open for reading with read sharing only: while the handle lives nobody can write,
   // rename or delete the file.
   virtual Result<UniqueHandle> OpenReadLocked(const std::wstring& path) const = 0;
+
+  // The 32 bytes of the SHA-256 of a file's content, read in pieces.
+  virtual Result<std::vector<std::byte>> Sha256(const std::wstring& path) const = 0;
+
+  // `path` as Windows reads it before it opens anything: slashes, "." and "..", trailing dots and
+  // blanks. Looks at the text only; the file need not exist.
+  virtual Result<std::wstring> FullPath(const std::wstring& path) const = 0;
+
+  // Where the existing file `path` lies once links, mount points and short names are followed,
+  // without the "\\?\" in front.
+  virtual Result<std::wstring> FinalPath(const std::wstring& path) const = 0;
+
+  // The same of an open file.
+  virtual Result<std::wstring> FinalPathOf(RawHandle file) const = 0;
+
+  // The discretionary access list of a folder; an error when it cannot be read or there is none.
+  virtual Result<std::vector<AccessEntry>> FolderAccess(const std::wstring& folder) const = 0;
 };
 
 }  // namespace Vx::Platform

@@ -59,4 +59,8 @@ class LockdownLibraries {
   virtual Result<std::unique_ptr<LockdownLibrary>> Load(const std::wstring& fullPath) = 0;
 };
 
+// A new UUID as 36 lower-case characters with hyphens. Unique on this machine, and so there is
+// nothing for a test to replace.
+Result<std::wstring> NewUuid();
+
 }  // namespace Vx::Platform

@@ -7,7 +7,6 @@
 #include <vector>
 
 #include "platform/result.h"
-#include "platform/unique_handle.h"
 
 namespace Vx::Platform {
 
@@ -48,16 +47,8 @@ struct CatalogFailure {
   ErrorCode error = 0;
 };
 
-// One entry of an access list: only what the rules look at.
-struct AccessEntry {
-  bool allowed = false;  // an access-allowed entry
-  std::uint32_t mask = 0;
-  std::wstring accountName;  // empty when the SID has no account
-  std::wstring accountDomain;
-};
-
-// Authenticode as Windows sees it, and who may change a folder. Any thread; keeps no state between
-// calls; closes what it opens. Says nothing about what is good enough: that is the caller's rule.
+// Authenticode as Windows sees it. Any thread; keeps no state between calls; closes what it opens.
+// Says nothing about what is good enough: that is the caller's rule.
 class TrustProvider {
  public:
   virtual ~TrustProvider() = default;
@@ -71,20 +62,6 @@ class TrustProvider {
 
   virtual SignatureVerdict VerifyInCatalog(const CatalogHit& catalog,
                                            std::uint32_t index) const = 0;
-
-  // `path` as Windows reads it before it opens anything: slashes, "." and "..", trailing dots and
-  // blanks. Looks at the text only; the file need not exist.
-  virtual Result<std::wstring> FullPath(const std::wstring& path) const = 0;
-
-  // Where the existing file `path` lies once links, mount points and short names are followed,
-  // without the "\\?\" in front.
-  virtual Result<std::wstring> FinalPath(const std::wstring& path) const = 0;
-
-  // The same of an open file.
-  virtual Result<std::wstring> FinalPathOf(RawHandle file) const = 0;
-
-  // The discretionary access list of a folder; an error when it cannot be read or there is none.
-  virtual Result<std::vector<AccessEntry>> FolderAccess(const std::wstring& folder) const = 0;
 };
 
 }  // namespace Vx::Platform

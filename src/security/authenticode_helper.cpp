@@ -168,7 +168,7 @@ PathVerdict VxAuthenticodeHelper::JudgePath(const std::wstring& path) const {
   // it a full one would let the service's own folder decide.
   verdict.fullPath = *expanded;
   if (IsDrivePath(*expanded)) {
-    const auto full = CurrentMachine().trustProvider->FullPath(*expanded);
+    const auto full = CurrentMachine().files->FullPath(*expanded);
     if (full) verdict.fullPath = *full;
   }
   const auto place = FindPlace(verdict.fullPath, Misses::Logged);
@@ -228,8 +228,8 @@ bool VxAuthenticodeHelper::ResolveFinalPath(const std::wstring& path, const std:
     logger->LogError(kNotPlain, kIsPathAllowed, verdict.fullPath.c_str());
     return false;
   }
-  const Platform::TrustProvider& provider = *CurrentMachine().trustProvider;
-  const auto target = provider.FinalPath(verdict.fullPath);
+  const Platform::Files& files = *CurrentMachine().files;
+  const auto target = files.FinalPath(verdict.fullPath);
   if (!target) {
     verdict.outcome = PathOutcome::NotFound;
     logger->LogError(kFinalPathFailed, kIsPathAllowed, verdict.fullPath.c_str(),
@@ -240,7 +240,7 @@ bool VxAuthenticodeHelper::ResolveFinalPath(const std::wstring& path, const std:
   if (path == expanded) return true;
   // Whoever starts the file does so by the text with the variables still in it, and a folder may
   // really be called "%x%": then the file that was judged is not the one that starts.
-  const auto unexpanded = provider.FinalPath(path);
+  const auto unexpanded = files.FinalPath(path);
   if (!unexpanded || SameIgnoringCase(*unexpanded, *target)) return true;
   verdict.outcome = PathOutcome::LeadsElsewhere;
   logger->LogError(kLeadsElsewhere, kIsPathAllowed, path.c_str(), unexpanded->c_str());
@@ -266,7 +266,7 @@ bool VxAuthenticodeHelper::CheckForFullConrolByTrustedInstallAndSystem(
 bool VxAuthenticodeHelper::HasFullControl(const std::wstring& folder,
                                           Platform::ErrorCode& error) const {
   try {
-    const auto access = CurrentMachine().trustProvider->FolderAccess(folder);
+    const auto access = CurrentMachine().files->FolderAccess(folder);
     if (!access) {
       error = access.Error();
       return false;

@@ -8,7 +8,9 @@
 #include <string>
 #include <vector>
 
-#include "platform/cryptography_helper.h"
+#include "platform/data_protection.h"
+#include "platform/files.h"
+#include "platform/machine.h"
 
 namespace Vx::Tessel::Security {
 
@@ -69,21 +71,24 @@ class ExportedHelper final : public Server::Services::VxCryptographyHelper {
     if (plain == nullptr || result == nullptr || resultSize == nullptr) return kInvalidParameter;
     return Answer([&] {
       const std::wstring text = description == nullptr ? L"" : description;
-      return HandOver(helper.Protect(Input(plain, size), text), result, resultSize);
+      return HandOver(Platform::CurrentMachine().dataProtection->Protect(Input(plain, size), text),
+                      result, resultSize);
     });
   }
 
   std::uint32_t Unprotect(const void* sealed, std::uint32_t size, void** result,
                           std::uint32_t* resultSize) override {
     if (sealed == nullptr || result == nullptr || resultSize == nullptr) return kInvalidParameter;
-    return Answer(
-        [&] { return HandOver(helper.Unprotect(Input(sealed, size)), result, resultSize); });
+    return Answer([&] {
+      return HandOver(Platform::CurrentMachine().dataProtection->Unprotect(Input(sealed, size)),
+                      result, resultSize);
+    });
   }
 
   std::uint32_t FileSha256(const wchar_t* path, unsigned char* digest) override {
     if (path == nullptr || digest == nullptr) return kInvalidParameter;
     return Answer([&]() -> std::uint32_t {
-      const Bytes sum = helper.FileSha256(path);
+      const Bytes sum = Platform::CurrentMachine().files->Sha256(path);
       if (!sum) return sum.Error();
       if (sum->size() != kDigestSize) return kGeneralFailure;
       std::memcpy(digest, sum->data(), kDigestSize);
@@ -92,9 +97,6 @@ class ExportedHelper final : public Server::Services::VxCryptographyHelper {
   }
 
   void FreeResult(void* result) override { std::free(result); }
-
- private:
-  Platform::CryptographyHelper helper;
 };
 
 }  // namespace

@@ -4,7 +4,7 @@
 #include <utility>
 
 #include "platform/machine.h"
-#include "platform/trust_provider.h"
+#include "platform/files.h"
 #include "security/authenticode_facade.h"
 #include "security/authenticode_helper.h"
 #include "security/path_rules.h"
@@ -18,7 +18,7 @@ namespace {
 std::optional<std::wstring> JudgeLocked(const std::wstring& path, Platform::RawHandle lock) {
   VxAuthenticodeFacade facade;
   if (!facade.IsFileTrustedRestricted(path.c_str())) return std::nullopt;
-  auto place = Platform::CurrentMachine().trustProvider->FinalPathOf(lock);
+  auto place = Platform::CurrentMachine().files->FinalPathOf(lock);
   if (!place) return std::nullopt;
   if (SameIgnoringCase(*place, path)) return path;
   if (!facade.IsFileTrustedRestricted(place->c_str())) return std::nullopt;

@@ -7,11 +7,11 @@
 #include <utility>
 
 #include "host/logging.h"
-#include "platform/cryptography_helper.h"
 #include "platform/data_protection.h"
 #include "platform/environment.h"
 #include "platform/files.h"
 #include "platform/machine.h"
+#include "platform/system_services.h"
 #include "storage/path_pattern.h"
 
 namespace Vx::Tessel::Server::Storage {
@@ -131,7 +131,7 @@ bool CapDataStore::decode(const std::vector<std::byte>& content) {
   if (content.size() == headerSize) return true;
 
   Platform::Result<std::vector<std::byte>> plain =
-      Platform::CryptographyHelper().Unprotect(std::span(content).subspan(headerSize));
+      Platform::CurrentMachine().dataProtection->Unprotect(std::span(content).subspan(headerSize));
   if (!plain) return false;
   std::optional<BsonDocument> decoded = BsonDocument::Decode(*std::move(plain));
   if (!decoded) return false;
@@ -144,10 +144,10 @@ bool CapDataStore::writeFile() {
   // A file beyond the limit would not be read again, and the next write would replace it.
   if (isNTFSJunction(filePath) || document.Encoded().size() > kMaxFileSize) return false;
   const Platform::Result<std::vector<std::byte>> blob =
-      Platform::CryptographyHelper().Protect(document.Encoded(), filePath);
+      Platform::CurrentMachine().dataProtection->Protect(document.Encoded(), filePath);
   if (!blob || headerSize + blob->size() > kMaxFileSize) return false;
   if (storeId.empty()) {
-    Platform::Result<std::wstring> id = Platform::CurrentMachine().dataProtection->NewUuid();
+    Platform::Result<std::wstring> id = Platform::NewUuid();
     if (!id) return false;
     storeId = *std::move(id);
     storeId.resize(kIdUnits);

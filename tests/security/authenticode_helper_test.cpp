@@ -12,6 +12,7 @@
 #include "platform/trust_provider.h"
 #include "security/authenticode_facade.h"
 #include "security/file_trust.h"
+#include "simulator/simulated_files.h"
 #include "simulator/virtual_clock.h"
 #include "support/directory_link.h"
 #include "support/log_capture.h"
@@ -44,8 +45,7 @@ constexpr auto kNoSignature = Code(0x800B0100);
 constexpr std::uint32_t kGenericAll = 0x10000000;
 constexpr std::uint32_t kFullControl = 0x1F01FF;
 
-// What the emulator lacks: several signatures, catalogs, results that depend on a chain, and access
-// lists as Windows keeps them. Paths are resolved by the real thing unless `finalPaths` has them.
+// What the emulator lacks: several signatures, catalogs, and results that depend on a chain.
 class FakeTrust : public Platform::TrustProvider {
  public:
   SignatureVerdict VerifyEmbedded(const std::wstring& path, std::uint32_t index) const override {
@@ -62,15 +62,27 @@ class FakeTrust : public Platform::TrustProvider {
     return Platform::CatalogHit{
         .catalogPath = L"C:\\x.cat", .memberTag = L"00FF", .memberPath = path, .hash = {}};
   }
-  Result<std::wstring> FullPath(const std::wstring& path) const override {
-    return real.FullPath(path);
+  using Verdicts = std::vector<SignatureVerdict>;
+  Verdicts embedded;
+  Verdicts inCatalog;
+  std::optional<Platform::CatalogFailure> catalogFailure;
+  mutable std::vector<std::wstring> asked;
+
+ private:
+  SignatureVerdict Verdict(const std::wstring& what, const Verdicts& all, std::uint32_t i) const {
+    asked.push_back(what + L" " + std::to_wstring(i));
+    if (i < all.size()) return all[i];
+    return {.result = kNoSignature, .secondaryCount = 0, .signer = {}};
   }
+};
+
+// Access lists as Windows keeps them. Paths are resolved by the real thing unless `finalPaths` has
+// them.
+class FakePlaces : public Simulator::SimulatedFiles {
+ public:
   Result<std::wstring> FinalPath(const std::wstring& path) const override {
     const auto found = finalPaths.find(path);
-    return found != finalPaths.end() ? found->second : real.FinalPath(path);
-  }
-  Result<std::wstring> FinalPathOf(Platform::RawHandle file) const override {
-    return real.FinalPathOf(file);
+    return found != finalPaths.end() ? found->second : SimulatedFiles::FinalPath(path);
   }
   // The answers to successive questions; the last one repeats.
   Result<std::vector<AccessEntry>> FolderAccess(const std::wstring& folder) const override {
@@ -79,23 +91,9 @@ class FakeTrust : public Platform::TrustProvider {
     return access.at(std::min(folders.size(), access.size()) - 1);
   }
 
-  using Verdicts = std::vector<SignatureVerdict>;
-  Verdicts embedded;
-  Verdicts inCatalog;
-  std::optional<Platform::CatalogFailure> catalogFailure;
   std::map<std::wstring, std::wstring> finalPaths;
   std::vector<Result<std::vector<AccessEntry>>> access;
-  mutable std::vector<std::wstring> asked;
   mutable std::vector<std::wstring> folders;
-
- private:
-  SignatureVerdict Verdict(const std::wstring& what, const Verdicts& all, std::uint32_t i) const {
-    asked.push_back(what + L" " + std::to_wstring(i));
-    if (i < all.size()) return all[i];
-    return {.result = kNoSignature, .secondaryCount = 0, .signer = {}};
-  }
-
-  const TrustProvider& real = *Platform::WindowsMachine().trustProvider;
 };
 
 class AuthenticodeHelperTest : public testing::Test {
@@ -109,9 +107,11 @@ class AuthenticodeHelperTest : public testing::Test {
   }
 
   FakeTrust trust;
+  FakePlaces places;
   Simulator::VirtualClock clock;
   Platform::MachineScope scope{[this](Platform::Machine& machine) {
     machine.trustProvider = &trust;
+    machine.files = &places;
     machine.clock = &clock;
   }};
   VxAuthenticodeHelper helper;
@@ -334,7 +334,7 @@ TEST_F(PathVerdictTest, RefusesAFolderThatIsReallyNamedLikeAVariable) {
   const std::wstring held = folder.Hold(L"unsigned.exe");
   const Tests::EnvironmentOverride variable(L"VxTestPlace", held.substr(3));
   EXPECT_EQ(Outcome(L"C:\\%VxTestPlace%"), PathOutcome::Allowed);
-  trust.finalPaths[L"C:\\%VxTestPlace%"] = L"C:\\%VxTestPlace%";
+  places.finalPaths[L"C:\\%VxTestPlace%"] = L"C:\\%VxTestPlace%";
   EXPECT_EQ(Outcome(L"C:\\%VxTestPlace%"), PathOutcome::LeadsElsewhere);
 }
 
@@ -364,12 +364,12 @@ TEST_F(PathVerdictTest, ChecksTheAccessOfWindowsAppsFoldersOnly) {
   };
   for (const auto& c : kCases) {
     SCOPED_TRACE(c.name);
-    trust.finalPaths = {{c.path, c.finalPath}};
-    trust.folders.clear();
-    trust.access = {std::vector{kInstaller, kSystem}};
+    places.finalPaths = {{c.path, c.finalPath}};
+    places.folders.clear();
+    places.access = {std::vector{kInstaller, kSystem}};
     EXPECT_TRUE(helper.IsPathAllowed(c.path));
-    EXPECT_EQ(trust.folders, c.folders);
-    trust.access = {std::vector{kInstaller}};
+    EXPECT_EQ(places.folders, c.folders);
+    places.access = {std::vector{kInstaller}};
     EXPECT_EQ(helper.IsPathAllowed(c.path), c.folders.empty());
   }
 }
@@ -395,7 +395,7 @@ TEST_F(PathVerdictTest, DemandsGenericAllForBothAccounts) {
       {"SYSTEM of another domain", {kInstaller, Entry(L"PC", L"SYSTEM")}, false},
   };
   for (const auto& c : kCases) {
-    trust.access = {c.access};
+    places.access = {c.access};
     EXPECT_EQ(helper.CheckForFullConrolByTrustedInstallAndSystem(L"D:\\WindowsApps"), c.full)
         << c.name;
   }
@@ -403,9 +403,9 @@ TEST_F(PathVerdictTest, DemandsGenericAllForBothAccounts) {
 
 TEST_F(PathVerdictTest, TriesFiveTimesWithPausesBetweenUntilTheFirstSuccess) {
   const std::wstring path = L"D:\\WindowsApps\\app.exe";
-  trust.finalPaths[path] = path;
+  places.finalPaths[path] = path;
   const auto failure = Result<std::vector<AccessEntry>>::Failure(5);
-  trust.access = {failure};
+  places.access = {failure};
   const Tests::LogCapture log;
   EXPECT_FALSE(helper.IsPathAllowed(path));
   EXPECT_EQ(clock.Elapsed(), 4 * 250ms);
@@ -415,8 +415,8 @@ TEST_F(PathVerdictTest, TriesFiveTimesWithPausesBetweenUntilTheFirstSuccess) {
                                             std::to_wstring(attempt) +
                                             L" of 5 times. Error Code = 5");
   }
-  trust.folders.clear();
-  trust.access = {failure, failure, std::vector{kInstaller, kSystem}};
+  places.folders.clear();
+  places.access = {failure, failure, std::vector{kInstaller, kSystem}};
   EXPECT_TRUE(helper.IsPathAllowed(path));
   EXPECT_EQ(clock.Elapsed(), 6 * 250ms);
 }
@@ -429,7 +429,7 @@ TEST_F(PathVerdictTest, TakesAnExceptionForARefusalAndLogsIt) {
 }
 
 TEST(FolderAccess, ReadsTheAccountsOfARealFolder) {
-  const auto& real = *Platform::WindowsMachine().trustProvider;
+  const auto& real = *Platform::WindowsMachine().files;
   const ProtectedFolder folder;
   const auto access = real.FolderAccess(folder.Path());
   ASSERT_TRUE(access);

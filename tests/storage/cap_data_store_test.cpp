@@ -290,7 +290,7 @@ TEST_F(CapDataStoreTest, AWriteBeyondTheLimitLeavesTheFile) {
 }
 
 TEST_F(CapDataStoreTest, AFailedWriteDropsTheKeyFromMemory) {
-  for (const char* call : {"Files.Overwrite", "DataProtection.Protect", "DataProtection.NewUuid"}) {
+  for (const char* call : {"Files.Overwrite", "DataProtection.Protect"}) {
     SCOPED_TRACE(call);
     Tests::WriteBytes(Path(), {});
     CapDataStore store;

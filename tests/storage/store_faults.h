@@ -58,6 +58,22 @@ class FaultyFiles : public Platform::Files {
   Platform::Result<Platform::UniqueHandle> OpenReadLocked(const std::wstring& path) const override {
     return real.OpenReadLocked(path);
   }
+  Platform::Result<std::vector<std::byte>> Sha256(const std::wstring& path) const override {
+    return real.Sha256(path);
+  }
+  Platform::Result<std::wstring> FullPath(const std::wstring& path) const override {
+    return real.FullPath(path);
+  }
+  Platform::Result<std::wstring> FinalPath(const std::wstring& path) const override {
+    return real.FinalPath(path);
+  }
+  Platform::Result<std::wstring> FinalPathOf(Platform::RawHandle file) const override {
+    return real.FinalPathOf(file);
+  }
+  Platform::Result<std::vector<Platform::AccessEntry>> FolderAccess(
+      const std::wstring& folder) const override {
+    return real.FolderAccess(folder);
+  }
 
  private:
   Platform::Files& real = *Platform::WindowsMachine().files;

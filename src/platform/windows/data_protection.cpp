@@ -1,17 +1,11 @@
 #include "platform/data_protection.h"
 
-#include <cstdint>
 #include <limits>
-#include <memory>
-#include <type_traits>
 
 #include <windows.h>
 
-#include <bcrypt.h>
-#include <rpc.h>
 #include <wincrypt.h>
 
-#include "platform/unique_handle.h"
 #include "platform/windows/capabilities.h"
 #include "platform/windows/local_memory.h"
 
@@ -20,16 +14,6 @@ namespace Vx::Platform {
 namespace {
 
 using Bytes = std::vector<std::byte>;
-
-constexpr std::size_t kSha256Bytes = 32;
-constexpr std::size_t kReadStep = std::size_t{64} * 1024;
-
-struct AlgorithmCloser {
-  void operator()(void* algorithm) const noexcept { BCryptCloseAlgorithmProvider(algorithm, 0); }
-};
-struct HashCloser {
-  void operator()(void* hash) const noexcept { BCryptDestroyHash(hash); }
-};
 
 // The call takes its input through a pointer to non-const, but only reads it.
 DATA_BLOB BlobOf(std::span<const std::byte> bytes) {
@@ -45,20 +29,6 @@ Bytes TakeBlob(const DATA_BLOB& blob) {
 
 bool FitsBlob(std::span<const std::byte> bytes) {
   return bytes.size() <= std::numeric_limits<DWORD>::max();
-}
-
-// Feeds the rest of `file` to `hash`; zero or the error.
-ErrorCode HashContent(RawHandle file, BCRYPT_HASH_HANDLE hash) {
-  std::vector<UCHAR> piece(kReadStep);
-  for (;;) {
-    DWORD got = 0;
-    if (ReadFile(file, piece.data(), static_cast<DWORD>(piece.size()), &got, nullptr) == 0) {
-      return GetLastError();
-    }
-    if (got == 0) return 0;
-    const NTSTATUS status = BCryptHashData(hash, piece.data(), got, 0);
-    if (status < 0) return static_cast<ErrorCode>(status);
-  }
 }
 
 class RealDataProtection final : public DataProtection {
@@ -84,50 +54,6 @@ class RealDataProtection final : public DataProtection {
       return Result<Bytes>::Failure(GetLastError());
     }
     return TakeBlob(out);
-  }
-
-  Result<std::wstring> NewUuid() const override {
-    UUID uuid;
-    const RPC_STATUS status = UuidCreate(&uuid);
-    // "Local only" is unique on this machine, which is where the text is used.
-    if (status != RPC_S_OK && status != RPC_S_UUID_LOCAL_ONLY) {
-      return Result<std::wstring>::Failure(static_cast<ErrorCode>(status));
-    }
-    RPC_WSTR raw = nullptr;
-    const RPC_STATUS converted = UuidToStringW(&uuid, &raw);
-    if (converted != RPC_S_OK) {
-      return Result<std::wstring>::Failure(static_cast<ErrorCode>(converted));
-    }
-    const auto freeText = [](RPC_WSTR text) { RpcStringFreeW(&text); };
-    const std::unique_ptr<std::remove_pointer_t<RPC_WSTR>, decltype(freeText)> owner(raw, freeText);
-    return std::wstring(reinterpret_cast<const wchar_t*>(raw));
-  }
-
-  Result<Bytes> FileSha256(const std::wstring& path) const override {
-    const UniqueHandle file =
-        AdoptFile(CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING,
-                              FILE_FLAG_SEQUENTIAL_SCAN, nullptr));
-    if (file == nullptr) return Result<Bytes>::Failure(GetLastError());
-
-    BCRYPT_ALG_HANDLE rawAlgorithm = nullptr;
-    NTSTATUS status =
-        BCryptOpenAlgorithmProvider(&rawAlgorithm, BCRYPT_SHA256_ALGORITHM, nullptr, 0);
-    if (status < 0) return Result<Bytes>::Failure(static_cast<ErrorCode>(status));
-    const std::unique_ptr<void, AlgorithmCloser> algorithm(rawAlgorithm);
-
-    BCRYPT_HASH_HANDLE rawHash = nullptr;
-    status = BCryptCreateHash(algorithm.get(), &rawHash, nullptr, 0, nullptr, 0, 0);
-    if (status < 0) return Result<Bytes>::Failure(static_cast<ErrorCode>(status));
-    const std::unique_ptr<void, HashCloser> hash(rawHash);
-
-    if (const ErrorCode error = HashContent(file.get(), hash.get()); error != 0) {
-      return Result<Bytes>::Failure(error);
-    }
-    Bytes digest(kSha256Bytes);
-    status = BCryptFinishHash(hash.get(), reinterpret_cast<UCHAR*>(digest.data()),
-                              static_cast<ULONG>(digest.size()), 0);
-    if (status < 0) return Result<Bytes>::Failure(static_cast<ErrorCode>(status));
-    return digest;
   }
 };
 

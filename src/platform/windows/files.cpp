@@ -4,14 +4,21 @@
 #include <limits>
 #include <memory>
 #include <string_view>
+#include <utility>
 
 #include <windows.h>
 
+#include <aclapi.h>
+#include <bcrypt.h>
+
 #include "platform/windows/capabilities.h"
+#include "platform/windows/local_memory.h"
 
 namespace Vx::Platform {
 
 namespace {
+
+using Bytes = std::vector<std::byte>;
 
 // What the system's directory search takes for a pattern; the last three are its DOS forms.
 constexpr wchar_t kWildcards[] = L"*?<>\"";
@@ -19,15 +26,72 @@ constexpr wchar_t kWildcards[] = L"*?<>\"";
 constexpr std::wstring_view kVerbatimPrefix = L"\\\\?\\";
 
 constexpr DWORD kReadStep = 1U << 30;
+constexpr std::size_t kHashStep = std::size_t{64} * 1024;
+constexpr std::size_t kSha256Bytes = 32;
 
 struct FindCloser {
   void operator()(HANDLE search) const noexcept { FindClose(search); }
 };
 using UniqueSearch = std::unique_ptr<void, FindCloser>;
 
+struct AlgorithmCloser {
+  void operator()(void* algorithm) const noexcept { BCryptCloseAlgorithmProvider(algorithm, 0); }
+};
+struct HashCloser {
+  void operator()(void* hash) const noexcept { BCryptDestroyHash(hash); }
+};
+
 bool HasWildcard(std::wstring_view path) {
   if (path.starts_with(kVerbatimPrefix)) path.remove_prefix(kVerbatimPrefix.size());
   return path.find_first_of(kWildcards) != std::wstring_view::npos;
+}
+
+// Feeds the rest of `file` to `hash`; zero or the error.
+ErrorCode HashContent(RawHandle file, BCRYPT_HASH_HANDLE hash) {
+  std::vector<UCHAR> piece(kHashStep);
+  for (;;) {
+    DWORD got = 0;
+    if (ReadFile(file, piece.data(), static_cast<DWORD>(piece.size()), &got, nullptr) == 0) {
+      return GetLastError();
+    }
+    if (got == 0) return 0;
+    const NTSTATUS status = BCryptHashData(hash, piece.data(), got, 0);
+    if (status < 0) return static_cast<ErrorCode>(status);
+  }
+}
+
+void LookUpAccount(PSID sid, AccessEntry& entry) {
+  DWORD nameLength = 0;
+  DWORD domainLength = 0;
+  SID_NAME_USE use{};
+  LookupAccountSidW(nullptr, sid, nullptr, &nameLength, nullptr, &domainLength, &use);
+  if (nameLength == 0) return;
+  std::wstring name(nameLength, L'\0');
+  std::wstring domain(std::max<DWORD>(domainLength, 1), L'\0');
+  if (LookupAccountSidW(nullptr, sid, name.data(), &nameLength, domain.data(), &domainLength,
+                        &use) == FALSE) {
+    return;
+  }
+  // On success both lengths leave out the terminator.
+  name.resize(nameLength);
+  domain.resize(domainLength);
+  entry.accountName = std::move(name);
+  entry.accountDomain = std::move(domain);
+}
+
+// `call(buffer, size)` answers the length without the terminator, or the size it needs, or zero.
+template <typename Call>
+Result<std::wstring> SizedText(Call call) {
+  std::wstring text(MAX_PATH, L'\0');
+  for (;;) {
+    const DWORD length = call(text.data(), static_cast<DWORD>(text.size()));
+    if (length == 0) return Result<std::wstring>::Failure(GetLastError());
+    if (length < text.size()) {
+      text.resize(length);
+      return text;
+    }
+    text.resize(static_cast<std::size_t>(length) + 1);
+  }
 }
 
 class RealFiles final : public Files {
@@ -60,27 +124,25 @@ class RealFiles final : public Files {
     return file != nullptr ? 0 : GetLastError();
   }
 
-  Result<std::vector<std::byte>> Read(const std::wstring& path,
-                                      std::size_t maxBytes) const override {
-    using Bytes = Result<std::vector<std::byte>>;
+  Result<Bytes> Read(const std::wstring& path, std::size_t maxBytes) const override {
     // Writers of the same file are kept apart by its users; whoever only looks does not block them.
     const UniqueHandle file =
         AdoptFile(CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE,
                               nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
-    if (file == nullptr) return Bytes::Failure(GetLastError());
+    if (file == nullptr) return Result<Bytes>::Failure(GetLastError());
     LARGE_INTEGER size;
-    if (GetFileSizeEx(file.get(), &size) == 0) return Bytes::Failure(GetLastError());
+    if (GetFileSizeEx(file.get(), &size) == 0) return Result<Bytes>::Failure(GetLastError());
     if (static_cast<std::uint64_t>(size.QuadPart) > maxBytes) {
-      return Bytes::Failure(ERROR_FILE_TOO_LARGE);
+      return Result<Bytes>::Failure(ERROR_FILE_TOO_LARGE);
     }
-    std::vector<std::byte> content(static_cast<std::size_t>(size.QuadPart));
+    Bytes content(static_cast<std::size_t>(size.QuadPart));
     std::size_t filled = 0;
     while (filled < content.size()) {
       const auto wanted =
           static_cast<DWORD>(std::min<std::size_t>(content.size() - filled, kReadStep));
       DWORD got = 0;
       if (ReadFile(file.get(), content.data() + filled, wanted, &got, nullptr) == 0) {
-        return Bytes::Failure(GetLastError());
+        return Result<Bytes>::Failure(GetLastError());
       }
       if (got == 0) break;  // somebody cut the file meanwhile
       filled += got;
@@ -116,6 +178,86 @@ class RealFiles final : public Files {
                                               OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
     if (file == nullptr) return Result<UniqueHandle>::Failure(GetLastError());
     return file;
+  }
+
+  Result<Bytes> Sha256(const std::wstring& path) const override {
+    const UniqueHandle file =
+        AdoptFile(CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING,
+                              FILE_FLAG_SEQUENTIAL_SCAN, nullptr));
+    if (file == nullptr) return Result<Bytes>::Failure(GetLastError());
+
+    BCRYPT_ALG_HANDLE rawAlgorithm = nullptr;
+    NTSTATUS status =
+        BCryptOpenAlgorithmProvider(&rawAlgorithm, BCRYPT_SHA256_ALGORITHM, nullptr, 0);
+    if (status < 0) return Result<Bytes>::Failure(static_cast<ErrorCode>(status));
+    const std::unique_ptr<void, AlgorithmCloser> algorithm(rawAlgorithm);
+
+    BCRYPT_HASH_HANDLE rawHash = nullptr;
+    status = BCryptCreateHash(algorithm.get(), &rawHash, nullptr, 0, nullptr, 0, 0);
+    if (status < 0) return Result<Bytes>::Failure(static_cast<ErrorCode>(status));
+    const std::unique_ptr<void, HashCloser> hash(rawHash);
+
+    if (const ErrorCode error = HashContent(file.get(), hash.get()); error != 0) {
+      return Result<Bytes>::Failure(error);
+    }
+    Bytes digest(kSha256Bytes);
+    status = BCryptFinishHash(hash.get(), reinterpret_cast<UCHAR*>(digest.data()),
+                              static_cast<ULONG>(digest.size()), 0);
+    if (status < 0) return Result<Bytes>::Failure(static_cast<ErrorCode>(status));
+    return digest;
+  }
+
+  Result<std::wstring> FullPath(const std::wstring& path) const override {
+    return SizedText([&path](wchar_t* buffer, DWORD size) {
+      return GetFullPathNameW(path.c_str(), size, buffer, nullptr);
+    });
+  }
+
+  Result<std::wstring> FinalPath(const std::wstring& path) const override {
+    const UniqueHandle file = AdoptFile(CreateFileW(
+        path.c_str(), FILE_READ_ATTRIBUTES, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
+        nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
+    if (!file) return Result<std::wstring>::Failure(GetLastError());
+    return FinalPathOf(file.get());
+  }
+
+  Result<std::wstring> FinalPathOf(RawHandle file) const override {
+    auto text = SizedText([file](wchar_t* buffer, DWORD size) {
+      return GetFinalPathNameByHandleW(file, buffer, size, FILE_NAME_NORMALIZED | VOLUME_NAME_DOS);
+    });
+    if (text && text->starts_with(kVerbatimPrefix)) text->erase(0, kVerbatimPrefix.size());
+    return text;
+  }
+
+  Result<std::vector<AccessEntry>> FolderAccess(const std::wstring& folder) const override {
+    using Entries = Result<std::vector<AccessEntry>>;
+    PSID owner = nullptr;
+    PSID group = nullptr;
+    PACL list = nullptr;
+    PSECURITY_DESCRIPTOR raw = nullptr;
+    std::wstring name(folder);
+    const DWORD error = GetNamedSecurityInfoW(
+        name.data(), SE_FILE_OBJECT,
+        OWNER_SECURITY_INFORMATION | GROUP_SECURITY_INFORMATION | DACL_SECURITY_INFORMATION, &owner,
+        &group, &list, nullptr, &raw);
+    const UniqueLocalMemory<void> descriptor(raw);
+    if (error != ERROR_SUCCESS) return Entries::Failure(error);
+    if (list == nullptr) return Entries::Failure(ERROR_NO_SECURITY_ON_OBJECT);
+    std::vector<AccessEntry> entries;
+    for (DWORD i = 0; i < list->AceCount; ++i) {
+      void* ace = nullptr;
+      if (GetAce(list, i, &ace) == FALSE) continue;
+      const auto* header = static_cast<const ACE_HEADER*>(ace);
+      AccessEntry entry;
+      entry.allowed = header->AceType == ACCESS_ALLOWED_ACE_TYPE;
+      if (entry.allowed) {
+        auto* allowed = static_cast<ACCESS_ALLOWED_ACE*>(ace);
+        entry.mask = allowed->Mask;
+        LookUpAccount(&allowed->SidStart, entry);
+      }
+      entries.push_back(std::move(entry));
+    }
+    return entries;
   }
 };
 

@@ -7,6 +7,7 @@
 
 #include <windows.h>
 
+#include <rpc.h>
 #include <winternl.h>
 
 #include "platform/windows/capabilities.h"
@@ -136,6 +137,23 @@ SystemTriggers& WindowsSystemTriggers() {
 LockdownLibraries& WindowsLockdownLibraries() {
   static RealLockdownLibraries libraries;
   return libraries;
+}
+
+Result<std::wstring> NewUuid() {
+  UUID uuid;
+  const RPC_STATUS status = UuidCreate(&uuid);
+  // "Local only" is unique on this machine, which is where the text is used.
+  if (status != RPC_S_OK && status != RPC_S_UUID_LOCAL_ONLY) {
+    return Result<std::wstring>::Failure(static_cast<ErrorCode>(status));
+  }
+  RPC_WSTR raw = nullptr;
+  const RPC_STATUS converted = UuidToStringW(&uuid, &raw);
+  if (converted != RPC_S_OK) {
+    return Result<std::wstring>::Failure(static_cast<ErrorCode>(converted));
+  }
+  const auto freeText = [](RPC_WSTR text) { RpcStringFreeW(&text); };
+  const std::unique_ptr<std::remove_pointer_t<RPC_WSTR>, decltype(freeText)> owner(raw, freeText);
+  return std::wstring(reinterpret_cast<const wchar_t*>(raw));
 }
 
 }  // namespace Vx::Platform
