@@ -5,8 +5,8 @@
 #include <string_view>
 #include <utility>
 
+#include "platform/com.h"
 #include "platform/com_owners.h"
-#include "platform/com_ptr.h"
 #include "simulator/wbem_stubs.h"
 
 namespace Vx::Simulator {

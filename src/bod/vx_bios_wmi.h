@@ -3,7 +3,7 @@
 #include <cstdint>
 
 #include "host/logging.h"
-#include "platform/com_ptr.h"
+#include "platform/com.h"
 
 struct IWbemClassObject;
 struct IWbemServices;

@@ -5,6 +5,7 @@
 #include <windows.h>
 
 #include "platform/fail_fast.h"
+#include "platform/windows/capabilities.h"
 #include "platform/worker_machine.h"
 
 namespace Vx::Platform {
@@ -62,6 +63,28 @@ ThreadSlot& WorkerSlot() noexcept {
   return slot;
 }
 
+Machine Assemble() {
+  Machine machine;
+  machine.apiSets = &WindowsApiSets();
+  machine.appServices = &WindowsAppServices();
+  machine.clock = &WindowsClock();
+  machine.com = &WindowsCom();
+  machine.dataProtection = &WindowsDataProtection();
+  machine.environment = &WindowsEnvironment();
+  machine.files = &WindowsFiles();
+  machine.kernelObjects = &WindowsKernelObjects();
+  machine.lockdownLibraries = &WindowsLockdownLibraries();
+  machine.oobe = &WindowsOobe();
+  machine.packages = &WindowsPackages();
+  machine.processes = &WindowsProcesses();
+  machine.registry = &WindowsRegistry();
+  machine.sessions = &WindowsSessions();
+  machine.systemTriggers = &WindowsSystemTriggers();
+  machine.threads = &WindowsThreads();
+  machine.trustProvider = &WindowsTrustProvider();
+  return machine;
+}
+
 InstalledMachine& RealInstalled() noexcept {
   static InstalledMachine real{.machine = WindowsMachine()};
   return real;
@@ -99,6 +122,11 @@ void AdoptMachine(InstalledMachine& installed) noexcept {
 
 const Machine& CurrentMachine() noexcept {
   return CurrentInstalled().machine;
+}
+
+const Machine& WindowsMachine() noexcept {
+  static const Machine machine = Assemble();
+  return machine;
 }
 
 MachineScope::MachineScope(const std::function<void(Machine&)>& change)

@@ -20,4 +20,8 @@ SharedHandle Share(UniqueHandle handle) {
   return SharedHandle(std::move(handle));
 }
 
+void LocalMemoryFreer::operator()(void* memory) const noexcept {
+  LocalFree(memory);
+}
+
 }  // namespace Vx::Platform

@@ -25,4 +25,12 @@ UniqueHandle AdoptFile(RawHandle raw) noexcept;
 // Shares what `handle` owned; empty stays empty.
 SharedHandle Share(UniqueHandle handle);
 
+struct LocalMemoryFreer {
+  void operator()(void* memory) const noexcept;  // LocalFree
+};
+
+// Owns a block that a Windows call made with LocalAlloc.
+template <typename T>
+using UniqueLocalMemory = std::unique_ptr<T, LocalMemoryFreer>;
+
 }  // namespace Vx::Platform

@@ -1,6 +1,6 @@
 #include "security/command_line_check.h"
 
-#include "platform/command_line.h"
+#include "platform/processes.h"
 
 namespace Vx::Tessel::Security {
 

@@ -6,8 +6,8 @@
 
 #include <wincrypt.h>
 
+#include "platform/unique_handle.h"
 #include "platform/windows/capabilities.h"
-#include "platform/windows/local_memory.h"
 
 namespace Vx::Platform {
 

@@ -12,7 +12,6 @@
 #include <bcrypt.h>
 
 #include "platform/windows/capabilities.h"
-#include "platform/windows/local_memory.h"
 
 namespace Vx::Platform {
 

@@ -1,59 +1,251 @@
-#include "platform/packages.h"
+#include "platform/windows/packages.h"
 
+#include <cstddef>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "platform/unique_handle.h"
 #include "platform/windows/capabilities.h"
 #include "platform/windows/package_catalog.h"
-#include "platform/windows/package_deployment.h"
-#include "platform/windows/package_queries.h"
+#include "platform/windows/system_library.h"
+#include "platform/winrt/winrt_calls.h"
+
+#include <windows.h>
+
+#include <sddl.h>
 
 namespace Vx::Platform {
 
 namespace {
 
+constexpr std::uint32_t kFilterHead = 0x10;
+constexpr std::uint32_t kFilterDirect = 0x20;
+constexpr std::uint32_t kFilterResource = 0x40;
+constexpr std::uint32_t kFilterBundle = 0x80;
+constexpr std::uint32_t kFamilyFilter =
+    kFilterHead | kFilterDirect | kFilterResource | kFilterBundle;
+
+constexpr std::uint32_t kInformationBasic = 0;
+
+// PACKAGE_ID: two 32-bit members lie before the version, whose 64 bits have major highest.
+constexpr std::size_t kVersionOffset = 8;
+
+std::uint32_t Status(long code) {
+  return static_cast<std::uint32_t>(code);
+}
+
+std::wstring FullNameOf(Abi::IPackage& package) {
+  Abi::ComPtr<Abi::IPackageId> id;
+  const HRESULT result = package.get_Id(id.Receive());
+  CheckMade(result, id, L"IPackage::get_Id");
+  Abi::HString name;
+  Check(id->get_FullName(name.Receive()), L"IPackageId::get_FullName");
+  return std::wstring(name.View());
+}
+
+std::vector<std::wstring> FullNamesOf(const Abi::ComPtr<Abi::IPackageIterable>& packages) {
+  std::vector<std::wstring> names;
+  if (!packages) return names;
+  Abi::ComPtr<Abi::IPackageIterator> iterator;
+  const HRESULT result = packages->First(iterator.Receive());
+  CheckMade(result, iterator, L"IIterable::First");
+  Abi::Boolean more = 0;
+  Check(iterator->get_HasCurrent(&more), L"IIterator::get_HasCurrent");
+  while (more != 0) {
+    Abi::ComPtr<Abi::IPackage> package;
+    const HRESULT current = iterator->get_Current(package.Receive());
+    CheckMade(current, package, L"IIterator::get_Current");
+    names.push_back(FullNameOf(*package.Get()));
+    more = 0;
+    Check(iterator->MoveNext(&more), L"IIterator::MoveNext");
+  }
+  return names;
+}
+
+// Reads the deployment's own report, as far as it gives one: a failed operation may refuse it.
+void ReadReport(Abi::IDeploymentOperation& operation, PackageRegistration& registration) {
+  Abi::ComPtr<Abi::IDeploymentResult> report;
+  const HRESULT read = operation.GetResults(report.Receive());
+  if (FAILED(read) || !report) {
+    if (SUCCEEDED(registration.result)) registration.result = FAILED(read) ? read : E_UNEXPECTED;
+    return;
+  }
+  if (SUCCEEDED(registration.result)) {
+    HRESULT extended = S_OK;
+    const HRESULT asked = report->get_ExtendedErrorCode(&extended);
+    registration.result = FAILED(asked) ? asked : extended;
+  }
+  if (SUCCEEDED(registration.result)) return;
+  Abi::HString text;
+  if (SUCCEEDED(report->get_ErrorText(text.Receive()))) registration.errorText = text.View();
+}
+
 class RealPackages final : public Packages {
  public:
+  explicit RealPackages(const AppModelFunctions& appModel) : functions(appModel) {}
+
   FamilyQuery FindByFamily(const std::wstring& familyName) const override {
-    return QueryFamily(ResolveAppModel(), familyName);
+    Packages::FamilyQuery query;
+    if (functions.findPackagesByPackageFamily == nullptr) {
+      query.sizeError = ERROR_PROC_NOT_FOUND;
+      return query;
+    }
+    std::uint32_t count = 0;
+    std::uint32_t length = 0;
+    query.sizeError = Status(functions.findPackagesByPackageFamily(
+        familyName.c_str(), kFamilyFilter, &count, nullptr, &length, nullptr, nullptr));
+    query.bufferLength = length;
+    if (length == 0) return query;
+
+    std::vector<wchar_t*> names(count);
+    std::vector<wchar_t> buffer(length);
+    query.error = Status(functions.findPackagesByPackageFamily(
+        familyName.c_str(), kFamilyFilter, &count, names.data(), &length, buffer.data(), nullptr));
+    if (query.error != ERROR_SUCCESS) return query;
+    for (std::uint32_t i = 0; i < count && i < names.size(); ++i) {
+      if (names[i] != nullptr) query.fullNames.emplace_back(names[i]);
+    }
+    return query;
   }
 
   PathQuery PathByFullName(const std::wstring& fullName) const override {
-    return QueryPath(ResolveAppModel(), fullName);
+    Packages::PathQuery query;
+    if (functions.getPackagePathByFullName == nullptr) {
+      query.sizeError = ERROR_PROC_NOT_FOUND;
+      return query;
+    }
+    std::uint32_t length = 0;
+    query.sizeError =
+        Status(functions.getPackagePathByFullName(fullName.c_str(), &length, nullptr));
+    if (query.sizeError != ERROR_INSUFFICIENT_BUFFER || length == 0) return query;
+
+    query.sizeError = ERROR_SUCCESS;
+    std::vector<wchar_t> path(length);
+    query.error =
+        Status(functions.getPackagePathByFullName(fullName.c_str(), &length, path.data()));
+    if (query.error == ERROR_SUCCESS) {
+      path.back() = L'\0';
+      query.path = path.data();
+    }
+    return query;
   }
 
   Result<std::int32_t> StagedOrigin(const std::wstring& fullName) const override {
-    return QueryOrigin(ResolveAppModel(), fullName);
+    if (functions.getStagedPackageOrigin == nullptr) {
+      return Result<std::int32_t>::Failure(ERROR_PROC_NOT_FOUND);
+    }
+    std::int32_t origin = 0;
+    const long status = functions.getStagedPackageOrigin(fullName.c_str(), &origin);
+    if (status != ERROR_SUCCESS) return Result<std::int32_t>::Failure(Status(status));
+    return origin;
   }
 
   Result<std::uint64_t> Version(const std::wstring& fullName) const override {
-    return QueryVersion(ResolveAppModel(), fullName);
+    using Version = Result<std::uint64_t>;
+    if (functions.packageIdFromFullName == nullptr) return Version::Failure(ERROR_PROC_NOT_FOUND);
+    std::uint32_t length = 0;  // bytes
+    long status =
+        functions.packageIdFromFullName(fullName.c_str(), kInformationBasic, &length, nullptr);
+    if (status != ERROR_INSUFFICIENT_BUFFER) {
+      return Version::Failure(status != ERROR_SUCCESS ? Status(status) : ERROR_INVALID_DATA);
+    }
+    std::vector<std::uint8_t> buffer(length);
+    status = functions.packageIdFromFullName(fullName.c_str(), kInformationBasic, &length,
+                                             buffer.data());
+    if (status != ERROR_SUCCESS) return Version::Failure(Status(status));
+    std::uint64_t version = 0;
+    if (buffer.size() < kVersionOffset + sizeof version)
+      return Version::Failure(ERROR_INVALID_DATA);
+    std::memcpy(&version, buffer.data() + kVersionOffset, sizeof version);
+    return version;
   }
 
   std::vector<std::wstring> FindForAllUsers(const std::wstring& familyName) const override {
-    return FamilyPackagesOfMachine(familyName);
+    const ApartmentScope apartment;
+    const auto manager = Activate<Abi::IPackageManager>(Abi::kPackageManagerClass);
+    const Abi::HString family = MakeString(familyName);
+    Abi::ComPtr<Abi::IPackageIterable> packages;
+    Check(manager->FindPackagesByPackageFamilyName(family.Get(), packages.Receive()),
+          L"IPackageManager::FindPackagesByPackageFamilyName");
+    return FullNamesOf(packages);
   }
 
   Result<std::wstring> AccountSid(const std::wstring& account) const override {
-    return QueryAccountSid(account);
+    using Text = Result<std::wstring>;
+    DWORD sidBytes = 0;
+    DWORD domainLength = 0;
+    SID_NAME_USE kind = SidTypeUnknown;
+    LookupAccountNameW(nullptr, account.c_str(), nullptr, &sidBytes, nullptr, &domainLength, &kind);
+    const DWORD sizeError = GetLastError();
+    if (sizeError != ERROR_INSUFFICIENT_BUFFER) return Text::Failure(sizeError);
+
+    std::vector<std::byte> sid(sidBytes);
+    std::vector<wchar_t> domain(domainLength);
+    if (LookupAccountNameW(nullptr, account.c_str(), sid.data(), &sidBytes, domain.data(),
+                           &domainLength, &kind) == FALSE) {
+      return Text::Failure(GetLastError());
+    }
+    wchar_t* text = nullptr;
+    if (ConvertSidToStringSidW(sid.data(), &text) == FALSE) return Text::Failure(GetLastError());
+    const UniqueLocalMemory<wchar_t> owner(text);
+    return std::wstring(text);
   }
 
   std::vector<std::wstring> FindForUser(const std::wstring& sid,
                                         const std::wstring& familyName) const override {
-    return FamilyPackagesOfUser(sid, familyName);
+    const ApartmentScope apartment;
+    const auto manager = Activate<Abi::IPackageManager>(Abi::kPackageManagerClass);
+    const Abi::HString user = MakeString(sid);
+    const Abi::HString family = MakeString(familyName);
+    Abi::ComPtr<Abi::IPackageIterable> packages;
+    Check(manager->FindPackagesByUserSecurityIdPackageFamilyName(user.Get(), family.Get(),
+                                                                 packages.Receive()),
+          L"IPackageManager::FindPackagesByUserSecurityIdPackageFamilyName");
+    return FullNamesOf(packages);
   }
 
   PackageRegistration Register(const std::wstring& fullName,
                                std::chrono::milliseconds limit) override {
-    return RegisterStagedPackage(fullName, limit);
+    const ApartmentScope apartment;
+    const auto manager = Activate<Abi::IPackageManager2>(Abi::kPackageManagerClass);
+    const Abi::HString name = MakeString(fullName);
+    Abi::ComPtr<Abi::IDeploymentOperation> operation;
+    const HRESULT started = manager->RegisterPackageByFullNameAsync(
+        name.Get(), nullptr, Abi::DeploymentOptions::None, operation.Receive());
+    CheckMade(started, operation, L"IPackageManager2::RegisterPackageByFullNameAsync");
+    const AsyncOutcome outcome = Await(operation, limit);
+    PackageRegistration registration{.result = outcome.result, .errorText = {}};
+    if (outcome.ended) ReadReport(*operation.Get(), registration);
+    return registration;
   }
 
   std::shared_ptr<PackageCatalog> OpenCatalogForCurrentUser() override {
     return OpenWindowsPackageCatalog();
   }
+
+ private:
+  AppModelFunctions functions;
 };
 
 }  // namespace
 
+AppModelFunctions ResolveAppModel() noexcept {
+  using Functions = AppModelFunctions;
+  constexpr wchar_t kKernel32[] = L"kernel32.dll";
+  return {SystemFunction<Functions::FindByFamily>(kKernel32, "FindPackagesByPackageFamily"),
+          SystemFunction<Functions::PathByFullName>(kKernel32, "GetPackagePathByFullName"),
+          // This one is not forwarded by kernel32.
+          SystemFunction<Functions::StagedOrigin>(L"kernelbase.dll", "GetStagedPackageOrigin"),
+          SystemFunction<Functions::IdFromFullName>(kKernel32, "PackageIdFromFullName")};
+}
+
+std::unique_ptr<Packages> MakeWindowsPackages(const AppModelFunctions& functions) {
+  return std::make_unique<RealPackages>(functions);
+}
+
 Packages& WindowsPackages() {
-  static RealPackages packages;
+  static RealPackages packages(ResolveAppModel());
   return packages;
 }
 

@@ -6,6 +6,7 @@
 #include <windows.h>
 
 #include <psapi.h>
+#include <shellapi.h>
 
 #include "platform/windows/capabilities.h"
 #include "platform/windows/system_library.h"
@@ -124,6 +125,13 @@ class RealProcesses final : public Processes {
 Processes& WindowsProcesses() {
   static RealProcesses processes;
   return processes;
+}
+
+std::vector<std::wstring> SplitCommandLine(const std::wstring& commandLine) {
+  int count = 0;
+  const UniqueLocalMemory<wchar_t*> words(CommandLineToArgvW(commandLine.c_str(), &count));
+  if (!words || count < 0) return {};
+  return {words.get(), words.get() + count};
 }
 
 }  // namespace Vx::Platform

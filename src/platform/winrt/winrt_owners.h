@@ -6,7 +6,7 @@
 #include <string_view>
 #include <utility>
 
-#include "platform/com_ptr.h"
+#include "platform/com.h"
 #include "platform/winrt/winrt_abi.h"
 
 namespace Vx::Abi {

@@ -1,7 +1,7 @@
 #pragma once
 
 #include <cstdint>
-#include <string>
+#include <memory>
 
 #include "platform/packages.h"
 
@@ -29,15 +29,10 @@ struct AppModelFunctions {
 // Those of this Windows. Does not load anything.
 AppModelFunctions ResolveAppModel() noexcept;
 
-// The queries of Packages over the given functions. A missing function answers
-// ERROR_PROC_NOT_FOUND.
-Packages::FamilyQuery QueryFamily(const AppModelFunctions& functions,
-                                  const std::wstring& familyName);
-Packages::PathQuery QueryPath(const AppModelFunctions& functions, const std::wstring& fullName);
-Result<std::int32_t> QueryOrigin(const AppModelFunctions& functions, const std::wstring& fullName);
-Result<std::uint64_t> QueryVersion(const AppModelFunctions& functions,
-                                   const std::wstring& fullName);
-
-Result<std::wstring> QueryAccountSid(const std::wstring& account);
+// The packages of this Windows, with the queries over `functions`. A query whose function is null
+// fails with ERROR_PROC_NOT_FOUND. The operations of the package manager enter and leave the apartment
+// of their thread; their errors have the step's name as message, and the code is REGDB_E_CLASSNOTREG
+// where this Windows has no package manager.
+std::unique_ptr<Packages> MakeWindowsPackages(const AppModelFunctions& functions);
 
 }  // namespace Vx::Platform
