@@ -4,8 +4,9 @@
 # VX_PINNED_KEYS_GENERAL and VX_PINNED_KEYS_RESTRICTED. Run as a script (cmake -DGENERAL=FILE
 # -DRESTRICTED=FILE -DOUTPUT=FILE.cpp -P pins.cmake) it does the same for files that the build makes.
 #
-# The form of a line is that of ParsePinnedKeys in src/security/pinned_key_text.h. Keys are compared
-# as text, so a key in another form would silently never match.
+# Each line holds one key, a comment after "#", or nothing, and may end in CR LF. A key has the form of
+# FormatPublicKey in src/security/signature_record.h. Keys are compared as text, so a key in another
+# form would silently never match.
 
 # Appends the keys of `file` to the list `out`; a malformed line ends the run. An empty name stands
 # for an empty set.

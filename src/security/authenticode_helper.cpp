@@ -9,7 +9,6 @@
 #include "platform/machine.h"
 #include "platform/trust_provider.h"
 #include "security/path_rules.h"
-#include "security/pinned_key_text.h"
 
 namespace Vx::Tessel::Security {
 

@@ -1,16 +1,31 @@
 #include "security/signature_record.h"
 
+#include <string_view>
+
 namespace Vx::Tessel::Security {
 
 namespace {
 
 constexpr wchar_t kIssuer[] = L"DigiCert SHA2 Assured ID Code Signing CA";
 
+constexpr std::string_view kDigits = "0123456789abcdef";
+
 SignatureRecord Row(Platform::SignerNames names) {
   return {.public_key = {}, .trust_result = 0, .names = std::move(names)};
 }
 
 }  // namespace
+
+std::string FormatPublicKey(std::span<const std::byte> der) {
+  std::string text;
+  text.reserve(der.size() * 3);
+  for (const std::byte byte : der) {
+    if (!text.empty()) text += ' ';
+    text += kDigits[std::to_integer<std::size_t>(byte) >> 4];
+    text += kDigits[std::to_integer<std::size_t>(byte) & 15];
+  }
+  return text;
+}
 
 std::vector<SignatureRecord> DropboxSigners() {
   return {Row({.commonName = L"Dropbox, Inc",

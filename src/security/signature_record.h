@@ -1,12 +1,18 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
+#include <span>
 #include <string>
 #include <vector>
 
 #include "platform/trust_provider.h"
 
 namespace Vx::Tessel::Security {
+
+// `der` as keys are compared: two lower-case hexadecimal digits per byte, single blanks between the
+// bytes, none at either end.
+std::string FormatPublicKey(std::span<const std::byte> der);
 
 // One signature of a file, or a row of a signer table (then with an empty key and a zero result).
 struct SignatureRecord {

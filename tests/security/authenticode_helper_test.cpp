@@ -338,6 +338,12 @@ TEST_F(PathVerdictTest, RefusesAFolderThatIsReallyNamedLikeAVariable) {
   EXPECT_EQ(Outcome(L"C:\\%VxTestPlace%"), PathOutcome::LeadsElsewhere);
 }
 
+TEST(FormatPublicKey, WritesTwoLowerCaseDigitsPerByteWithSingleBlanksBetween) {
+  static constexpr unsigned char kKey[] = {0x30, 0x82, 0x0A, 0xFF};
+  EXPECT_EQ(FormatPublicKey(std::as_bytes(std::span(kKey))), "30 82 0a ff");
+  EXPECT_EQ(FormatPublicKey({}), "");
+}
+
 AccessEntry Entry(const wchar_t* domain, const wchar_t* name, std::uint32_t mask = kGenericAll) {
   return {.allowed = true, .mask = mask, .accountName = name, .accountDomain = domain};
 }
