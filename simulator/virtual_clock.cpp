@@ -159,13 +159,6 @@ Duration VirtualClock::Elapsed() const {
   return now;
 }
 
-std::optional<Duration> VirtualClock::UntilNextDue() {
-  const std::lock_guard guard(mutex);
-  const auto due = NextDue();
-  if (!due) return std::nullopt;
-  return std::max(due->at - now, Duration{0});
-}
-
 std::size_t VirtualClock::Workers() const {
   const std::lock_guard guard(mutex);
   return workers;

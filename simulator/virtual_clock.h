@@ -67,9 +67,6 @@ class VirtualClock final : public Platform::Clock {
   // Time that Advance has passed since the clock was made; sleep of the machine not included.
   Duration Elapsed() const;
 
-  // Until the next wait or timer is due; empty when none has an end.
-  std::optional<Duration> UntilNextDue();
-
   // Threads started and not yet gone.
   std::size_t Workers() const;
 

@@ -72,7 +72,6 @@ TEST_F(VirtualClockTest, WakesWaitsInTheOrderOfTheirDeadlinesAtExactlyTheirTime)
 
   clock.Advance(99ms);
   EXPECT_TRUE(notes.empty());
-  EXPECT_EQ(clock.UntilNextDue(), Duration(1ms));
   clock.Advance(1s);
   EXPECT_THAT(notes, ElementsAre(std::pair(2, 100ms), std::pair(3, 200ms), std::pair(4, 200ms),
                                  std::pair(1, 300ms)));
