@@ -4,14 +4,14 @@
 
 namespace Vx::Tessel::Server::Services {
 
-// Whether a client without the maker's manifest is tolerated, for a host built with another
-// compiler: the contract is the table of slots, each function one entry, in this order, all
-// arguments scalars or pointers, nothing thrown. Compilers order overloaded virtual functions
-// differently, so no two slots share a name.
+// Decides whether a client without the maker's manifest is tolerated. The host is built with
+// another compiler, so the contract is this table of slots: one entry per function, in this order.
+// All arguments are scalars or pointers, and nothing is thrown. No two slots share a name, because
+// compilers order overloaded virtual functions differently.
 //
-// The object keeps no state between calls; any thread may call, and no call waits. Results are
-// Win32 error codes: 0 success, 87 for a null argument, 8 without memory. `*exempt` becomes 1 or 0
-// on success and is left alone otherwise.
+// The object keeps no state between calls. Any thread may call, and no call waits. Results are
+// Win32 error codes: 0 success, 87 for a null argument, 8 without memory. On success `*exempt`
+// becomes 1 or 0. Otherwise it keeps its value.
 class VxClientExemption {
  public:
   VxClientExemption() = default;
@@ -27,9 +27,8 @@ class VxClientExemption {
   virtual uint32_t IsUwpExempt(const wchar_t* packageFamilyName, uint16_t majorVersion,
                                uint16_t minorVersion, int32_t* exempt) = 0;
 
-  // Slot 2. A desktop client by its executable's name, without folder and extension
-  // (NUL-terminated UTF-16). The letters A to Z in `executableName` are turned to lower case in
-  // place and stay so.
+  // Slot 2. A desktop client by its executable's name, without folder and extension (NUL-terminated
+  // UTF-16). Turns the letters A to Z in `executableName` to lower case in place.
   virtual uint32_t IsWin32Exempt(wchar_t* executableName, uint16_t majorVersion,
                                  uint16_t minorVersion, int32_t* exempt) = 0;
 
@@ -37,7 +36,7 @@ class VxClientExemption {
   ~VxClientExemption() = default;
 };
 
-// The factory, exported under this name; null without memory. The object is freed through slot 0.
+// The factory, exported under this name. Returns null without memory. Slot 0 frees the object.
 using CreateClientExemptionFunction = VxClientExemption* (*)();
 inline constexpr char kCreateClientExemptionExport[] = "CreateClientExemption";
 

@@ -4,11 +4,12 @@
 
 namespace Vx::Tessel::Server::Services {
 
-// What the host's callable looks like in memory: its standard function object, 64 bytes, whose last
-// word points at the held callable (null: empty), which may lie inside the object itself.
+// The memory layout of the host's callable, its standard function object of 64 bytes. The last word
+// points at the held callable, or is null if there is none. The callable may be inside the object
+// itself.
 struct CompletionCallback {
-  // The held callable's table: copy, move, call, type, then delete-this, which takes whether the
-  // callable lies outside the object and so has to be freed.
+  // The table of the held callable: copy, move, call, type, then delete-this. The argument of
+  // delete-this is whether the callable is outside the object and has to be freed.
   struct Held {
     void* const* table;
   };
@@ -17,7 +18,7 @@ struct CompletionCallback {
   Held* held;
 };
 
-// Destroys a callback that was passed by value, without calling it. Null or empty is allowed.
+// Destroys a callback that was passed by value, without calling it. It may be null or empty.
 inline void DestroyCallback(CompletionCallback* callback) noexcept {
   constexpr size_t kDeleteThisSlot = 4;
   using DeleteThis = void (*)(CompletionCallback::Held * self, bool outsideTheObject);

@@ -6,31 +6,32 @@
 #include <string_view>
 #include <type_traits>
 
-// Contract of the host's logging library. The stand-in of this folder implements it; a build option
-// links the maker's own library instead.
+// Contract of the host's logging library. standins/ implements it. A build option links the maker's
+// own library instead.
 
 namespace Vx::Tessel::Server::Logging {
 
 enum class LogLevel : std::uint8_t { Info = 0, Warning = 1, Error = 2 };
 
-// One log line. The views live for the call that delivers the record only.
+// One log line. The views are valid only during the call that delivers the record.
 struct LogRecord {
   LogLevel level = LogLevel::Info;
   std::wstring_view provider;
-  std::wstring_view caller;  // identity of the client that the line is about; empty when none is
+  std::wstring_view
+      caller;  // identity of the client that the line is about; empty if there is none
   std::wstring_view message;
 };
 
-// Argument types that a printf-style format can take as they are.
+// Argument types that a printf-style format takes unchanged.
 template <typename T>
 concept LogArgument = std::is_arithmetic_v<std::decay_t<T>> || std::is_pointer_v<std::decay_t<T>>;
 
-// Writes log lines for one provider. Formats are printf-style and wide, with the host's meaning of
-// the letters: %s takes wide text, %S narrow text. Any thread; never throws; a line that cannot be
-// formatted or delivered is dropped. Costs almost nothing while nobody listens.
+// Writes log lines for one provider. Formats are printf-style and wide, with the host's
+// conversions: %s takes wide text, %S narrow text. Any thread; never throws. A line that cannot be
+// formatted or delivered is dropped. Costs almost nothing without a listener.
 class TraceLogger {
  public:
-  // The same logger, with a caller identity on every record. Borrows both for its own life.
+  // The same logger with a caller identity on every record. Borrows both for its own life.
   class ForCaller {
    public:
     ForCaller(const TraceLogger& owner, const wchar_t* callerId) noexcept
@@ -82,20 +83,20 @@ class TraceLogger {
   std::wstring provider;
 };
 
-// Hands out loggers, which live as long as the process.
+// Returns loggers, which live as long as the process.
 class LogManager {
  public:
-  // Receives every record, on the thread that logs, one record at a time. Must not throw or log.
+  // Receives every record, one at a time, on the thread that logs. Must not throw or log.
   using Sink = std::function<void(const LogRecord&)>;
   using SinkId = std::uint64_t;
 
   // The service's own logger.
   static TraceLogger* GetLogger();
 
-  // The logger of a named provider; the same name gives the same logger.
+  // The logger of a named provider. The same name returns the same logger.
   static TraceLogger* SetProvider(const char* name);
 
-  // The host's (or a test's) listener. After RemoveSink has returned the sink is not called again.
+  // Listeners of the host or of a test. A sink is not called after RemoveSink has returned.
   static SinkId AddSink(Sink sink);
   static void RemoveSink(SinkId id);
 };

@@ -5,21 +5,21 @@
 
 namespace Vx::Tessel::Server::Services {
 
-// The caller's identity, made by slot 1 and given back to slot 2.
+// The caller's identity. Slot 1 creates it and slot 2 frees it.
 struct ClientContext {
   wchar_t* clientId;  // NUL-terminated, at most 64 characters, owned by the record
 };
 
-// The host's completion callback: a callable passed by value. The host's compiler passes such an
-// object as the address of a copy that the called side destroys, see completion_callback.h.
+// The host's completion callback: a callable passed by value. The host's compiler passes the
+// address of a copy, which the callee destroys (see completion_callback.h).
 struct CompletionCallback;
 
-// The abstract service class of the host, which is a closed program built with another compiler:
-// the contract is this table of slots, in this order, each exactly one entry.
+// The abstract service class of the host, which is a closed program built with another compiler.
+// The contract is this table of slots, in this order, one entry each.
 //
-// Slot 0 is one ordinary virtual function where the host's compiler has its deleting destructor. A
-// C++ virtual destructor would take two entries here and shift every slot behind it. All arguments
-// are scalars or pointers, so that both compilers pass them alike.
+// Slot 0 is one ordinary virtual function in the place of the deleting destructor of the host's
+// compiler. A C++ virtual destructor would take two entries here and shift every slot behind it.
+// All arguments are scalars or pointers, which both compilers pass in the same way.
 class VxService {
  public:
   VxService() = default;
@@ -30,19 +30,19 @@ class VxService {
   // address.
   virtual void* Destroy(unsigned flags) = 0;
 
-  // Slot 1. Makes the context of a caller; `clientId` has at most 64 characters.
+  // Slot 1. Creates the context of a caller. `clientId` has at most 64 characters.
   virtual uint32_t CreateClientContext(const wchar_t* clientId, ClientContext** context) = 0;
 
-  // Slot 2. Frees a context; the caller's pointer is not cleared.
+  // Slot 2. Frees a context. Does not clear the caller's pointer.
   virtual uint32_t ReleaseClientContext(ClientContext** context) = 0;
 
-  // Slot 3. Runs command `functionId`. `request` is NUL-terminated UTF-16 JSON; `*response`
+  // Slot 3. Runs command `functionId`. `request` is NUL-terminated UTF-16 JSON. `*response`
   // receives the answer in a buffer that slot 4 frees.
   virtual uint32_t ExecuteCommand(ClientContext* context, uint32_t functionId,
                                   const wchar_t* request, wchar_t** response,
                                   CompletionCallback* callback) = 0;
 
-  // Slot 4. Frees a response; null is allowed.
+  // Slot 4. Frees a response, which may be null.
   virtual void FreeResponse(void* response) { free(response); }
 
   // Slot 5. Starts the background work.
@@ -54,7 +54,7 @@ class VxService {
   // Slot 7. Reserved.
   virtual void Reserved7() {}
 
-  // Slot 8. First-run set-up is over; true means that nothing is left to do.
+  // Slot 8. Called when first-run set-up is over. Returns true if nothing is left to do.
   virtual bool oobe_event_task() { return true; }
 
   // Slot 9. A session change (WTS_SESSION_ code) that the host received.
@@ -67,8 +67,8 @@ class VxService {
   ~VxService() = default;
 };
 
-// The module's one factory, exported under this name. Each call makes a service of its own, null
-// when there is no memory; the host makes one. It is freed through slot 0.
+// The module's only factory, exported under this name. Each call returns a separate service, or
+// null without memory. The host creates one. Slot 0 frees it.
 using CreateServiceFunction = VxService* (*)();
 inline constexpr char kCreateServiceExport[] = "VxCreateService";
 

@@ -12,8 +12,8 @@
 
 namespace Vx::Simulator {
 
-// The app services of a simulated machine's packaged apps: they keep what they are sent, and answer
-// as they are told, at first with success. Any thread.
+// The app services of a simulated machine's packaged apps. They record each message and reply as
+// configured, at first with success. Any thread.
 class SimulatedAppServices final : public Platform::AppServices {
  public:
   using Reply = std::pair<int, std::wstring>;
@@ -26,7 +26,7 @@ class SimulatedAppServices final : public Platform::AppServices {
 
   explicit SimulatedAppServices(Timeline& log) : timeline(log) {}
 
-  // The replies to the next messages, one each; when they have run out, `usual` is the reply.
+  // Sets the replies to the next messages, one each. After those, the reply is `usual`.
   void SetReplies(std::deque<Reply> next, Reply usual = {0, L""});
 
   std::vector<Message> Messages() const;

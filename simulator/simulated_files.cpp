@@ -97,7 +97,8 @@ Platform::ErrorCode SimulatedFiles::Remove(const std::wstring& path) {
 
 Result<Platform::UniqueHandle> SimulatedFiles::OpenReadLocked(const std::wstring& path) const {
   if (!Holds(path)) return RealFiles().OpenReadLocked(path);
-  return Platform::WindowsMachine().kernelObjects->MakeManualEvent({});  // something to close
+  return Platform::WindowsMachine().kernelObjects->MakeManualEvent(
+      {});  // any handle that can be closed
 }
 
 Result<std::vector<std::byte>> SimulatedFiles::Sha256(const std::wstring& path) const {

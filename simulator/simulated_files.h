@@ -11,13 +11,13 @@
 
 namespace Vx::Simulator {
 
-// The real files, and over them some that exist in memory only, by exact path: programs and texts
-// in places that a test must not write to. Any thread.
+// The real files, overlaid with files that exist in memory only, by exact path: programs and texts
+// in folders that a test must not write to. Any thread.
 class SimulatedFiles : public Platform::Files {
  public:
   void Add(const std::wstring& path, const std::string& content);
 
-  // Whether `path` is one of those in memory.
+  // Whether `path` is a file in memory.
   bool Holds(const std::wstring& path) const;
 
   Platform::Result<std::uint32_t> Attributes(const std::wstring& path) const override;

@@ -16,7 +16,7 @@ namespace {
 using Platform::ComPtr;
 using Platform::Variant;
 
-// The header's status codes are an unsigned enumeration.
+// The header declares the status codes as an unsigned enumeration.
 constexpr auto kNotFound = static_cast<HRESULT>(WBEM_E_NOT_FOUND);
 constexpr auto kInvalidClass = static_cast<HRESULT>(WBEM_E_INVALID_CLASS);
 constexpr auto kInvalidParameter = static_cast<HRESULT>(WBEM_E_INVALID_PARAMETER);
@@ -40,7 +40,7 @@ constexpr std::int32_t kWarranty = 16;
 constexpr std::size_t kFeatureByte = 1;
 constexpr char kEightDigitsBit = 0x10;
 
-// What the firmware answers to a command that it does not know.
+// The firmware's return code for an unknown command.
 constexpr std::int32_t kUnknownCommand = 1;
 
 // WMI names are ASCII and compared without case.
@@ -78,7 +78,7 @@ void SetBytes(Variant& value, const std::string& bytes) {
 
 }  // namespace
 
-// One reference-counted object of the firmware, counted among the live ones. Made with one
+// A reference-counted object of the firmware. It counts among the live objects and starts with one
 // reference.
 template <typename Base, typename Interface>
 class Implementation : public Base {
@@ -114,7 +114,7 @@ class Implementation : public Base {
   std::atomic<ULONG> references{1};
 };
 
-// A class, an instance, a method's parameters or a data block: a name and properties.
+// A class, an instance, the parameters of a method or a data block: a name and properties.
 class SimulatedFirmware::Object final
     : public Implementation<WbemClassObjectStub, IWbemClassObject> {
  public:
@@ -260,7 +260,7 @@ class SimulatedFirmware::Services final : public Implementation<WbemServicesStub
 
     IUnknown* const block = Platform::ObjectIn(*static_cast<Object*>(in)->Property(L"InData"));
     if (block == nullptr) return kInvalidParameter;
-    // Only objects of this firmware are handed to it.
+    // Callers pass only objects of this firmware.
     auto& data = *static_cast<Object*>(static_cast<IWbemClassObject*>(block));
     Request request;
     request.path = path;
@@ -302,8 +302,8 @@ class SimulatedFirmware::Locator final : public Implementation<IWbemLocator, IWb
   }
 };
 
-// COM keeps a reference while the class is registered, which is not a leak, so the factory is not
-// counted.
+// The factory is not counted, because COM keeps a reference while the class is registered, which is
+// not a leak.
 class SimulatedFirmware::Factory final : public Implementation<IClassFactory, IClassFactory> {
  public:
   explicit Factory(SimulatedFirmware& owner) : Implementation(owner, uncounted) {}

@@ -15,25 +15,25 @@ struct tagVARIANT;
 
 namespace Vx::Simulator {
 
-// A PC's firmware behind WMI, in this process: a locator whose namespace "\\.\root\wmi" holds the
+// A PC's firmware behind WMI, in this process: a locator whose namespace "\\.\root\wmi" has the
 // firmware's classes and runs its commands on a warranty block and a features block.
 //
-// Reached in two ways: as the machine's Com capability, or, through a ClassRegistration, by
-// everything in the process that creates a WMI locator. Any thread. Objects that it handed out must
-// be released before it goes; LiveObjects() tells.
+// Reached in two ways: as the machine's Com capability, or, through a ClassRegistration, by all
+// code in the process that creates a WMI locator. Any thread. Every object that it returned must be
+// released before it is destroyed, see LiveObjects().
 class SimulatedFirmware final : public Platform::Com {
  public:
   enum class Digits { Six, Eight };
 
-  // One command as it arrived.
+  // A command as received.
   struct Request {
-    std::wstring path;    // of the instance that the method ran on
+    std::wstring path;    // of the instance that ran the method
     std::wstring method;  // "zrkBIOSInt" and the output size
     std::string signature;
     std::int32_t command = 0;
     std::int32_t commandType = 0;
     std::int32_t size = 0;
-    std::string data;  // bytes; empty for a null array too
+    std::string data;  // bytes; also empty for a null array
     bool hasData = false;
   };
 
@@ -41,43 +41,45 @@ class SimulatedFirmware final : public Platform::Com {
   explicit SimulatedFirmware(Digits digits = Digits::Eight, std::string bornOnDate = {});
   ~SimulatedFirmware() override;
 
-  // Another machine's firmware from now on, without a born-on date.
+  // Becomes another machine's firmware, without a born-on date.
   void Replace(Digits count);
 
-  // What is written to the warranty block is told there; it has to live as long as the firmware.
+  // Adds an entry to `log` per write to the warranty block. `log` must outlive the firmware.
   void SetTimeline(Timeline& log);
 
-  // What the warranty block holds up to its first zero byte.
+  // The content of the warranty block up to its first zero byte.
   std::string BornOnDate() const;
   void SetWarrantyBlock(std::string block);
 
   std::vector<Request> Requests() const;
 
-  // Lets the step answer `result` from now on. Steps are named "CoInitializeEx",
+  // Makes a step return `result` from now on. The steps are "CoInitializeEx",
   // "CoInitializeSecurity", "CoCreateInstance", "ConnectServer", "SetBlanket", "GetObject CLASS",
   // "GetMethod", "SpawnInstance CLASS", "Put PROPERTY", "CreateInstanceEnum", "Next", "ExecMethod",
-  // "QueryInterface OutData", "Get PROPERTY"; and of memory "MakeText", "MakeByteArray" (both only
-  // whether they fail) and "PutByte". A success lets the step claim it and hand out nothing.
+  // "QueryInterface OutData" and "Get PROPERTY". Steps that allocate are "MakeText",
+  // "MakeByteArray" (both only fail or succeed) and "PutByte". With a success code the step reports
+  // success and returns no object.
   void Fail(std::string step, std::int32_t result);
 
-  // The same from the next call but `skip` of the step on.
+  // The same, but skips the next `skip` calls of the step.
   void FailAfter(std::string step, unsigned skip, std::int32_t result);
   void ClearFailures();
 
-  // The firmware's own answer to every command.
+  // Sets the firmware's return code for every command.
   void SetReturnCode(std::int32_t code);
 
-  // Called with every property value that is about to leave, to make a hostile reply of it.
+  // Called with every property value before it is returned, so that a test can make a reply
+  // hostile.
   using Tamper = std::function<void(const std::wstring& property, tagVARIANT& value)>;
   void SetTamper(Tamper change);
 
   int LiveObjects() const { return liveObjects; }
 
-  // COM entries that were not left again.
+  // COM initialisations without an uninitialisation.
   int OpenInitializations() const { return initializations; }
   int Connections() const { return connections; }
 
-  // The namespace that the last connection asked for.
+  // The namespace of the last connection.
   std::wstring ConnectedTo() const;
 
   std::int32_t InitializeMultithreaded() override;
@@ -89,8 +91,8 @@ class SimulatedFirmware final : public Platform::Com {
   tagSAFEARRAY* MakeByteArray(std::uint32_t count) override;
   std::int32_t PutByte(tagSAFEARRAY* bytes, std::int32_t index, std::uint8_t value) override;
 
-  // Registers this firmware's locator as the process's own class for CLSID_WbemLocator. COM must be
-  // entered (multithreaded) for its whole life.
+  // Registers this firmware's locator as the process's class for CLSID_WbemLocator. COM must stay
+  // initialised (multithreaded) for the whole life of this object.
   class ClassRegistration {
    public:
     explicit ClassRegistration(SimulatedFirmware& firmware);
@@ -114,7 +116,7 @@ class SimulatedFirmware final : public Platform::Com {
     std::int32_t result = 0;
   };
 
-  // Whether `step` is to fail now; `result` receives how.
+  // Whether `step` must fail now. `result` then receives its result.
   bool Fails(const std::string& step, std::int32_t& result);
   void Connected(const std::wstring& where);
   std::int32_t Run(Request request, std::string& output);

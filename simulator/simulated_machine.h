@@ -19,27 +19,28 @@
 
 namespace Vx::Simulator {
 
-// A whole PC in memory, one member a subject: just switched on, nobody signed in, first-run set-up
-// over, no packages, an empty registry, a firmware without a born-on date. Files that were not
-// added to it, signatures, data protection, mutexes, events and threads are the real ones.
+// A whole PC in memory, one member per subject. At first it has just been switched on: no user is
+// signed in, first-run set-up is over, there are no packages, the registry is empty and the
+// firmware has no born-on date. Files that were not added to it, signatures, data protection,
+// mutexes, events and threads are real.
 //
 //   SimulatedMachine machine;
 //   Platform::MachineScope scope([&](Platform::Machine& platform) { machine.Install(platform); });
 //
-// Workers that run under the scope must have ended before it does: Drain().
+// Workers that run under the scope must end before the scope does, see Drain().
 class SimulatedMachine {
  public:
   SimulatedMachine();
   SimulatedMachine(const SimulatedMachine&) = delete;
   SimulatedMachine& operator=(const SimulatedMachine&) = delete;
 
-  // Puts this machine's capabilities, with `faults` over them all, in the place of `platform`'s.
+  // Replaces the capabilities of `platform` with those of this machine, decorated by `faults`.
   void Install(Platform::Machine& platform);
 
-  // Sleeps and wakes: time passes that no wait sees.
+  // Sleeps and wakes: time passes, but not for waits.
   void SleepFor(VirtualClock::Duration length);
 
-  // Lets time pass until no worker is left; false when some remain after `limit`.
+  // Advances time until no worker is left. Returns false if some remain after `limit`.
   bool Drain(VirtualClock::Duration limit = std::chrono::hours(24));
 
   VirtualClock clock;

@@ -20,38 +20,37 @@ namespace Vx::Simulator {
 
 struct SimulatedPackage {
   std::wstring familyName;
-  std::wstring fullName;    // Name_1.2.3.4_x64__publisher; the version is taken from here
-  std::wstring folder;      // empty: below C:\Program Files\WindowsApps
-  std::int32_t origin = 3;  // the store's code in Windows
+  std::wstring fullName;    // Name_1.2.3.4_x64__publisher, which contains the version
+  std::wstring folder;      // if empty, below C:\Program Files\WindowsApps
+  std::int32_t origin = 3;  // Windows' code for the store
 };
 
-// The packaged apps of a simulated machine: on the machine ("staged"), and registered for each
-// user. Any thread.
+// The packaged apps of a simulated machine: those on the machine ("staged"), and those registered
+// for each user. Any thread.
 class SimulatedPackages final : public Platform::Packages {
  public:
   SimulatedPackages(Timeline& log, const SimulatedUsers& machineUsers, Platform::Clock& clockOf)
       : timeline(log), users(machineUsers), clock(clockOf) {}
 
-  // On the machine, for no user yet. A package of the same full name is replaced.
+  // Adds a package to the machine, not yet for any user. Replaces a package of the same full name.
   void Stage(const SimulatedPackage& package);
 
-  // On the machine and registered for the user of this name.
+  // Adds a package to the machine and registers it for the user of this name.
   void Install(const SimulatedPackage& package, const std::wstring& user);
 
-  // Takes the user's packages of the family away, `length` from now; those whom no user has any
-  // more go from the machine. The user's catalogs tell of the start at once (of one without length
-  // not at all) and of the end, on workers of the current machine, which has to be the one of these
-  // packages.
+  // Removes the user's packages of the family, `length` from now. Packages without a user leave the
+  // machine. The user's catalogs report the start at once (unless `length` is zero) and later the
+  // end, on workers of the current machine, which must be the machine of these packages.
   void Uninstall(const std::wstring& familyName, const std::wstring& user,
                  Platform::Clock::Duration length = std::chrono::seconds(1));
 
-  // Tells the user's catalogs, on the calling thread, of an uninstall that its maker answers for.
+  // Notifies the user's catalogs of `uninstall` on the calling thread. Removes nothing.
   void Notify(const std::wstring& user, const Platform::PackageUninstall& uninstall) const;
 
-  // How many handlers the user's catalogs have.
+  // The number of handlers of the user's catalogs.
   std::size_t Handlers(const std::wstring& user) const;
 
-  // What Register answers from now on: a failure, or success after `length`.
+  // Sets the result of Register from now on: a failure, or success after `length`.
   void SetRegistration(Platform::PackageRegistration answer, Platform::Clock::Duration length);
 
   FamilyQuery FindByFamily(const std::wstring& familyName) const override;
@@ -72,14 +71,14 @@ class SimulatedPackages final : public Platform::Packages {
 
   struct Staged {
     SimulatedPackage package;
-    std::set<std::wstring> sids;  // of the users who have it registered
+    std::set<std::wstring> sids;  // of the users that have it registered
   };
   struct Watch {
     std::wstring sid;
     Platform::PackageCatalog::UninstallingHandler handler;
   };
 
-  // The SID of the acting user; empty for the service itself, which has no packages.
+  // The SID of the acting user, or empty for the service itself, which has no packages.
   std::wstring ActingSid() const;
   std::vector<std::wstring> Registered(const std::wstring& sid, const std::wstring& family) const;
   void Remove(const std::wstring& familyName, const SimulatedUser& user);

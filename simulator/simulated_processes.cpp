@@ -11,7 +11,7 @@ using Platform::Result;
 constexpr Platform::ErrorCode kInvalidParameter = 87;  // ERROR_INVALID_PARAMETER
 constexpr wchar_t kSystem[] = L"SYSTEM";
 
-// The logon process of the console's session; it is made up when it is asked for.
+// The logon process of the console's session. It is not stored.
 constexpr std::uint32_t kLogonId = 600;
 constexpr wchar_t kLogonProgram[] = L"C:\\windows\\System32\\winlogon.exe";
 

@@ -15,23 +15,23 @@ namespace Vx::Simulator {
 struct SimulatedProcess {
   std::uint32_t id = 0;
   std::uint32_t session = 0;
-  std::wstring user;  // "SYSTEM" for the service's own
+  std::wstring user;  // "SYSTEM" for the service itself
   Platform::ProcessStart start;
 };
 
-// The processes of a simulated machine. Starting one only records it: no program runs, and none
-// need exist. The console's session has its logon process. Any thread.
+// The processes of a simulated machine. A start is only recorded: no program runs, and none need
+// exist. The console's session has a logon process. Any thread.
 class SimulatedProcesses final : public Platform::Processes {
  public:
   SimulatedProcesses(Timeline& log, const SimulatedUsers& machineUsers)
       : timeline(log), users(machineUsers) {}
 
-  // Every start that succeeded, in order, ended or not.
+  // All successful starts in order, including processes that have ended.
   std::vector<SimulatedProcess> Started() const;
 
   void End(std::uint32_t id);
 
-  // Starting `application` fails from now on; zero lets it succeed again.
+  // Makes every start of `application` fail from now on. Zero lets it succeed again.
   void Refuse(const std::wstring& application, Platform::ErrorCode error);
 
   Platform::Result<std::uint32_t> Start(Platform::RawHandle token,

@@ -10,13 +10,13 @@
 
 namespace Vx::Simulator {
 
-// The values below HKEY_LOCAL_MACHINE of a simulated machine; none at first. Names are found
-// whatever their case. Any thread.
+// The values below HKEY_LOCAL_MACHINE of a simulated machine, at first none. Names are compared
+// without case. Any thread.
 class SimulatedRegistry final : public Platform::Registry {
  public:
   void Set(const std::wstring& key, const std::wstring& value, Platform::RegistryValue content);
 
-  // A REG_SZ value, stored with its terminator.
+  // Sets a REG_SZ value, stored with its terminator.
   void SetText(const std::wstring& key, const std::wstring& value, const std::wstring& text);
   void Remove(const std::wstring& key, const std::wstring& value);
 

@@ -13,8 +13,9 @@
 
 namespace Vx::Simulator {
 
-// The small services of a simulated Windows: first-run set-up (over at first), API sets (all
-// there), event triggers (all raised) and the lockdown policy (mode 0). Any thread.
+// The small services of a simulated Windows: first-run set-up (at first over), API sets (at first
+// all present), event triggers (at first all raised) and the lockdown policy (at first mode 0). Any
+// thread.
 class SimulatedSystem final : public Platform::ApiSets,
                               public Platform::Oobe,
                               public Platform::SystemTriggers,
@@ -22,23 +23,22 @@ class SimulatedSystem final : public Platform::ApiSets,
  public:
   SimulatedSystem(Timeline& log, const VirtualClock& clockOf) : timeline(log), clock(clockOf) {}
 
-  // First-run set-up is not over until the clock has passed this time since it was made.
+  // First-run set-up ends at this time since the clock was constructed.
   void EndOobeAt(VirtualClock::Duration elapsed);
 
-  // Whether Windows can be asked about first-run set-up at all. If not, the rest of the answer
-  // means nothing, whatever it says.
+  // Whether the query for first-run set-up succeeds. If not, the rest of its result has no meaning.
   void SetOobeKnown(bool known);
 
   void RemoveApiSet(const std::wstring& name);
 
-  // What every trigger is answered with.
+  // Sets the status that every trigger returns.
   void SetTriggerStatus(std::uint32_t status);
   std::vector<std::wstring> RaisedTriggers() const;
 
-  // What the policy library answers: the mode that it writes (empty: none) and the HRESULT.
+  // Sets what the policy library returns: the mode that it writes, if any, and the HRESULT.
   void SetLockdownMode(std::optional<std::int32_t> mode, std::int32_t result = 0);
 
-  // Loading the policy library fails from now on; zero lets it succeed again.
+  // Makes loading the policy library fail from now on. Zero lets it succeed again.
   void FailLockdownLibrary(Platform::ErrorCode error);
 
   bool IsPresent(const std::wstring& name) const override;

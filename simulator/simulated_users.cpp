@@ -105,7 +105,7 @@ Result<UniqueHandle> SimulatedUsers::TokenOf(const std::wstring& name) const {
   return MakeToken(name);
 }
 
-// A handle value that the system uses again simply gets its new meaning here.
+// The system may reuse a handle value, which then gets a new owner here.
 Result<UniqueHandle> SimulatedUsers::MakeToken(const std::wstring& owner) const {
   UniqueHandle token(CreateEventW(nullptr, TRUE, FALSE, nullptr));
   if (token == nullptr) return Result<UniqueHandle>::Failure(GetLastError());
@@ -137,7 +137,7 @@ Result<std::wstring> SimulatedUsers::QueryText(std::uint32_t session,
                                                Platform::SessionText what) const {
   const std::lock_guard guard(mutex);
   if (session != console) return Result<std::wstring>::Failure(ERROR_FILE_NOT_FOUND);
-  if (atConsole.empty()) return std::wstring();  // as Windows answers for a logon screen
+  if (atConsole.empty()) return std::wstring();  // as Windows does for a logon screen
   const SimulatedUser& user = users.at(atConsole);
   return what == Platform::SessionText::UserName ? user.name : user.domain;
 }

@@ -17,42 +17,43 @@ struct SimulatedUser {
   std::wstring name;
   std::wstring domain;
   std::wstring sid;
-  std::wstring profile;  // folder; it need not exist
+  std::wstring profile;  // a folder, which need not exist
 };
 
 // The users of a simulated machine and the console that they log on to. At first the console shows
-// the logon screen of session 1. Tokens are handles of real, unnamed kernel objects, so that
-// whoever owns one may close it. Any thread.
+// the logon screen of session 1. Tokens are handles of real, unnamed kernel objects, so that their
+// owners can close them. Any thread.
 class SimulatedUsers final : public Platform::Sessions, public Platform::Environment {
  public:
   explicit SimulatedUsers(Timeline& log) : timeline(log) {}
 
-  // Makes the user when there is none of this name ("PC\name", profile "C:\Users\name").
+  // Adds a user of this name ("PC\name", profile "C:\Users\name") if there is none.
   SimulatedUser Add(const std::wstring& name);
 
-  // Gives the user of this name another profile folder.
+  // Changes the profile folder of the user of this name.
   void SetProfile(const std::wstring& name, const std::wstring& folder);
 
-  // The user of this name becomes the one at the console.
+  // Logs the user of this name on at the console.
   void LogOn(const std::wstring& name);
 
-  // Back to the logon screen, in a new session. Nothing when nobody is signed in.
+  // Returns to the logon screen, in a new session. Does nothing if no user is signed in.
   void LogOff();
 
-  // No session is at the console (Platform::kNoSession), as between two of them. LogOn ends it.
+  // Leaves the console without a session (Platform::kNoSession), as between two sessions, until
+  // LogOn.
   void DetachConsole();
 
-  // Whom the calling thread acts as; empty: the service itself.
+  // The user that the calling thread acts as, or empty for the service itself.
   std::optional<SimulatedUser> Acting() const;
 
-  // Whether any thread, ended or not, has not gone back to being the service itself.
+  // Whether any thread, including one that has ended, did not revert to the service.
   bool AnyoneActs() const;
 
-  // Whose token it is; empty for null, for the system's and for what is no token.
+  // The user of `token`. Empty for null, for a token of the system and for any other handle.
   std::optional<SimulatedUser> UserOf(Platform::RawHandle token) const;
   std::optional<SimulatedUser> Find(const std::wstring& name) const;
 
-  // A token of the user of this name, or, for an empty one, of the system itself.
+  // A token of the user of this name, or of the system for an empty name.
   Platform::Result<Platform::UniqueHandle> TokenOf(const std::wstring& name) const;
 
   std::uint32_t ActiveConsoleSession() const override;
@@ -74,7 +75,7 @@ class SimulatedUsers final : public Platform::Sessions, public Platform::Environ
  private:
   using Variables = std::vector<std::pair<std::wstring, std::wstring>>;
 
-  static constexpr wchar_t kSystem[] = L"";  // the name that the system's own tokens carry
+  static constexpr wchar_t kSystem[] = L"";  // the owner name of the system's own tokens
 
   static Variables VariablesOf(const SimulatedUser& user);
   Platform::Result<Platform::UniqueHandle> MakeToken(const std::wstring& owner) const;
@@ -85,7 +86,7 @@ class SimulatedUsers final : public Platform::Sessions, public Platform::Environ
   std::map<std::wstring, SimulatedUser> users;
   std::optional<std::uint32_t> console = 1;
   std::uint32_t lastSession = 1;
-  std::wstring atConsole;  // empty: nobody
+  std::wstring atConsole;  // empty at the logon screen
   mutable std::map<Platform::RawHandle, std::wstring> tokens;
   std::map<std::uint32_t, std::wstring> acting;  // thread id to user
 };

@@ -9,12 +9,11 @@
 
 namespace Vx::Simulator {
 
-// What happened on a simulated machine, in order, with the virtual moment of each thing. Any
-// thread.
+// The events of a simulated machine in order, each with its virtual time. Any thread.
 class Timeline {
  public:
   struct Entry {
-    VirtualClock::Duration at{};  // since the clock was made
+    VirtualClock::Duration at{};  // since the clock was constructed
     std::wstring text;
   };
   using Listener = std::function<void(const Entry&)>;
@@ -25,10 +24,10 @@ class Timeline {
 
   void Add(std::wstring text);
 
-  // Called with each new entry on the thread that adds it, one at a time; it must not add.
+  // Called with each new entry on the thread that adds it, one at a time. It must not add entries.
   void SetListener(Listener function);
 
-  // "61.000 text", one an entry.
+  // The entries, each as "61.000 text".
   std::vector<std::wstring> Lines() const;
 
  private:

@@ -19,18 +19,18 @@ using Duration = Platform::Clock::Duration;
 
 constexpr Duration kFirstPatience = std::chrono::seconds(10);
 
-// Of several waits with one deadline the first is let run alone, for the sake of a fixed order. If
-// it has not come to rest after this long, it may need a lock that the next one holds.
+// If several waits have the same deadline, the first runs alone, so that the order is fixed. If it
+// has not come to rest after this time, it may need a lock that the next one holds.
 constexpr Duration kTurnPatience{250};
 
-// How often a parked worker looks at a handle that its own wait would reset (see Park).
+// How often a parked worker polls a handle that its own wait would reset (see Park).
 constexpr DWORD kLookInterval = 2;
 
 constexpr std::uint64_t kFirstTicks = 3'600'000;
 constexpr std::uint64_t kFirstUtc = 133'500'000'000'000'000;  // in January 2024
 constexpr std::uint64_t kFileTimePerMillisecond = 10'000;
 
-// Declared here because the toolchain's headers leave it out.
+// Declared here because the toolchain's headers omit it.
 struct EventBasicInformation {
   ULONG type;  // 0 keeps its state until reset, 1 is reset by the wait that it ends
   LONG state;
@@ -43,7 +43,7 @@ NtQueryEventFunction NtQueryEventAddress() {
   return address;
 }
 
-// Whether looking at `handle` with a wait leaves it as it is.
+// Whether a wait on `handle` leaves its state unchanged.
 bool KeepsItsState(HANDLE handle) {
   EventBasicInformation information{};
   if (NtQueryEventAddress()(handle, 0, &information, sizeof information, nullptr) >= 0) {
@@ -52,7 +52,7 @@ bool KeepsItsState(HANDLE handle) {
   return GetProcessId(handle) != 0 || GetThreadId(handle) != 0;
 }
 
-// Takes the signal of `handle` if it has one.
+// Consumes the signal of `handle` if it has one.
 bool TakeSignal(HANDLE handle) {
   const DWORD code = WaitForSingleObject(handle, 0);
   return code == WAIT_OBJECT_0 || code == WAIT_ABANDONED;
@@ -76,7 +76,7 @@ Platform::WaitResult TimedOut() {
   std::abort();
 }
 
-// Another handle for the same object; null for null.
+// Returns another handle for the same object, or null for null.
 Platform::UniqueHandle OwnHandle(HANDLE handle) {
   HANDLE own = nullptr;
   if (handle != nullptr && DuplicateHandle(GetCurrentProcess(), handle, GetCurrentProcess(), &own,
@@ -190,7 +190,7 @@ void VirtualClock::Sleep(Duration length) {
 
 Platform::WaitResult VirtualClock::Wait(Platform::RawHandle handle,
                                         std::optional<Duration> length) {
-  // Kernel waits on the null handle fail just like those on a closed one.
+  // A kernel wait on the null handle fails like one on a closed handle.
   const DWORD code = WaitForSingleObject(handle, 0);
   if (code == WAIT_FAILED) return {Platform::WaitOutcome::Failed, code, GetLastError()};
   if (code != WAIT_TIMEOUT) return {Platform::WaitOutcome::Signalled, code, 0};
@@ -232,7 +232,7 @@ Platform::Result<Platform::UniqueHandle> VirtualClock::MakeTimer() {
     return Platform::Result<Platform::UniqueHandle>::Failure(GetLastError());
   }
   const std::lock_guard guard(mutex);
-  // A value that is known already belonged to a timer that its owner has closed.
+  // A known value belonged to a timer that its owner has closed.
   timers[timer.get()] = {Platform::UniqueHandle(own), std::nullopt, 0};
   return timer;
 }
@@ -271,7 +271,7 @@ void VirtualClock::WorkerEnded() {
   --workers;
   const auto self = threads.find(GetCurrentThreadId());
   if (self != threads.end()) {
-    // Somebody may wait for the thread itself, whose end lies a little behind this call.
+    // Another thread may wait for this thread itself, which ends shortly after this call.
     ending.push_back(std::move(self->second));
     threads.erase(self);
   }
@@ -292,9 +292,9 @@ Platform::WaitResult VirtualClock::WaitAsWorker(Lock& lock, Platform::RawHandle 
   return wake == Wake::Signalled ? Signalled() : TimedOut();
 }
 
-// A handle whose signal is used up by the wait that it ends must not be waited for outside the
-// lock: between the signal and this thread's next instruction nobody could see that it runs. It is
-// looked at under the lock instead, here and in AtRest, whoever comes first.
+// A handle whose signal is consumed by the wait that it ends must not be waited for outside the
+// lock: until this thread's next instruction the clock would not see that it runs. Instead, this
+// function and AtRest poll it under the lock, and either may consume the signal.
 VirtualClock::Wake VirtualClock::Park(Lock& lock, Waiter& waiter) {
   const HANDLE handles[] = {waiter.wake.get(), waiter.handle.get(), waiter.second.get()};
   const DWORD count = waiter.second != nullptr ? 3 : waiter.level ? 2 : 1;
@@ -327,7 +327,7 @@ Platform::WaitResult VirtualClock::WaitOutside(Lock& lock, Platform::RawHandle h
     } else if (deadline) {
       now = *deadline;
     } else {
-      // Nothing can happen in here any more, so only the world outside can signal the handle.
+      // No worker can act any more, so only a thread outside can signal the handle.
       lock.unlock();
       const DWORD code = WaitForSingleObject(handle, static_cast<DWORD>(Count(patience)));
       lock.lock();
@@ -363,7 +363,7 @@ bool VirtualClock::AtRest() {
   const auto runs = [](const Waiter& waiter) { return waiter.woken != Wake::No; };
   if (std::any_of(waiters.begin(), waiters.end(), runs)) return false;
 
-  Platform::RawHandle quiet = nullptr;  // often all workers watch one and the same stop event
+  Platform::RawHandle quiet = nullptr;  // often all workers wait for the same stop event
   bool rest = true;
   for (Waiter& waiter : waiters) {
     if (waiter.second == nullptr || !TakeSignal(waiter.second.get())) {
@@ -418,7 +418,7 @@ void VirtualClock::Fire(const Due& due) {
   SetEvent(due.timer->event.get());
 }
 
-// Lets everybody come to rest and fires what is due next, if that is no later than `limit`.
+// Waits for rest and fires what is due next, unless that is later than `limit`.
 bool VirtualClock::StepTo(Lock& lock, Duration limit) {
   const auto dueNow = NextDue();
   const bool moreNow = dueNow && dueNow->at <= now;

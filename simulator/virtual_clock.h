@@ -16,58 +16,59 @@
 
 namespace Vx::Simulator {
 
-// Workers did not come to rest within the clock's patience: one of them runs for ever, waits for
-// something that is no business of the clock, or is blocked by a lock that a parked one holds.
+// Thrown when workers do not come to rest within the clock's patience. Such a worker runs forever,
+// waits for something outside the clock, or is blocked by a lock that a parked worker holds.
 class ClockStuck : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
 };
 
-// A clock whose time moves only when a test (or the simulator) says so.
+// A clock whose time moves only when a test or the simulator advances it.
 //
-// Every thread that Platform::Thread starts counts as running from the call that starts it until it
-// is parked in Sleep or Wait, or gone. Advance moves time to the next due moment only while no
-// worker runs, wakes one wait, lets everybody come to rest again, and goes on, so that the order of
-// what happens is the same in each run. A worker whose handle has been signalled, by whomever,
-// counts as running from the signal on. One that is set and reset at once may go unnoticed until
-// its thread is scheduled; mutexes are not for this clock.
+// Every thread of Platform::Thread counts as running from the call that starts it until it is
+// parked in Sleep or Wait, or has ended. Advance moves time to the next deadline only while no
+// worker runs, wakes one wait, waits until every worker is at rest again, and repeats, so that each
+// run has the same order of events. A worker whose handle has been signalled counts as running from
+// the signal on, whichever thread signalled it. An event that is set and reset at once may go
+// unnoticed until its thread is scheduled. Mutexes are not supported.
 //
-// Every other thread (a test's own, the host's) is outside: when it waits, it moves time itself,
-// up to its own deadline or until its handle is signalled. Any thread may call anything here.
+// Every other thread (of a test, of the host) is outside. When it waits, it moves time itself, up
+// to its own deadline or until its handle is signalled. Any thread may call every function.
 class VirtualClock final : public Platform::Clock {
  public:
   VirtualClock();
   VirtualClock(const VirtualClock&) = delete;
   VirtualClock& operator=(const VirtualClock&) = delete;
 
-  // Ends the process with a message when a worker is still parked here.
+  // Ends the process with a message if a worker is still parked here.
   ~VirtualClock() override;
 
-  // Moves time on, through all that is due until then; everybody is at rest when it returns. Throws
-  // ClockStuck.
+  // Advances time through everything that is due until then. Every worker is at rest when it
+  // returns. Throws ClockStuck.
   void Advance(Duration length);
 
-  // Moves time from one due moment to the next until `reached` holds (asked only while everybody
-  // is at rest; it must not wait); false when it still does not hold after `limit` or nothing is
-  // left to wait for.
+  // Moves time from one deadline to the next until `reached` returns true. Calls `reached`, which
+  // must not wait, only while every worker is at rest. Returns false if it is still not reached
+  // after `limit`, or if nothing is left to wait for.
   bool AdvanceUntil(const std::function<bool()>& reached, Duration limit);
 
-  // Waits in real time until every worker is parked or gone; time stands still. Throws ClockStuck.
+  // Waits in real time until every worker is parked or has ended. Virtual time stands still. Throws
+  // ClockStuck.
   void Settle();
 
-  // The machine slept: tick count and UTC have moved on, while waits have not.
+  // Simulates sleep of the machine: advances the tick count and UTC, but not the waits.
   void JumpTicks(Duration asleep);
 
   void SetTickCount(std::uint64_t ticks);
   void SetUtcFileTime(std::uint64_t fileTime);
 
-  // How long, in real time, Settle lets workers run before it gives up; 10 s at first.
+  // Sets how long Settle lets workers run, in real time, before it throws. At first 10 s.
   void SetPatience(Duration patience);
 
-  // Time that Advance has passed since the clock was made; sleep of the machine not included.
+  // Time advanced since the clock was constructed, without sleep of the machine.
   Duration Elapsed() const;
 
-  // Threads started and not yet gone.
+  // Threads that have been started and have not ended.
   std::size_t Workers() const;
 
   std::uint64_t TickCount() const override;
@@ -87,23 +88,23 @@ class VirtualClock final : public Platform::Clock {
   enum class Wake : std::uint8_t { No, Signalled, Due };
 
   struct Waiter {
-    Platform::RawHandle callersHandle = nullptr;  // null: a sleep
-    Platform::UniqueHandle handle;  // the clock's own, as the caller's may be closed meanwhile
-    bool level = false;             // stays signalled however many waits it ends
-    Platform::UniqueHandle second;  // of a wait for two manual-reset events
+    Platform::RawHandle callersHandle = nullptr;  // null for a sleep
+    Platform::UniqueHandle handle;  // a duplicate, because the caller may close its own
+    bool level = false;             // stays signalled when a wait ends
+    Platform::UniqueHandle second;  // the other of two manual-reset events; null for one
     std::optional<Duration> deadline;
-    std::uint64_t turn = 0;  // of equal deadlines, the earlier wait is first
+    std::uint64_t turn = 0;  // orders waits with equal deadlines
     Platform::UniqueHandle wake;
     Wake woken = Wake::No;
   };
 
   struct Timer {
-    Platform::UniqueHandle event;  // the clock's own handle: the owner may close the other
+    Platform::UniqueHandle event;  // a duplicate, because the owner may close its own
     std::optional<Duration> due;
     std::uint64_t turn = 0;
   };
 
-  // What is due next: one waiter or one timer.
+  // What is due next: a waiter or a timer.
   struct Due {
     Duration at{};
     std::uint64_t turn = 0;
@@ -131,7 +132,7 @@ class VirtualClock final : public Platform::Clock {
   bool StepTo(Lock& lock, Duration limit);
   std::string Describe() const;
 
-  // Held by the one thread that moves time; taken before `mutex`.
+  // Held by the thread that moves time. Taken before `mutex`.
   std::mutex driving;
 
   mutable std::mutex mutex;  // guards all below
@@ -143,7 +144,7 @@ class VirtualClock final : public Platform::Clock {
   std::uint64_t nextTurn = 0;
   std::size_t workers = 0;
   std::map<std::uint32_t, Platform::UniqueHandle> threads;  // workers that have begun, by thread id
-  std::vector<Platform::UniqueHandle> ending;  // have said goodbye, but the system runs them still
+  std::vector<Platform::UniqueHandle> ending;  // have called WorkerEnded, but still run
   std::list<Waiter> waiters;
   std::map<Platform::RawHandle, Timer> timers;
   std::vector<Platform::UniqueHandle> idleWakeEvents;

@@ -4,14 +4,14 @@
 
 #include <wbemcli.h>
 
-// COM interfaces are released, never deleted through, and so have no virtual destructor; everything
-// that implements one would be warned about.
+// COM interfaces have no virtual destructor, because they are released and never deleted through.
+// Every implementation would cause this warning.
 #pragma GCC diagnostic ignored "-Wnon-virtual-dtor"
 
 namespace Vx::Simulator {
 
-// The WMI interfaces with every operation refused, so that what implements one writes only the
-// operations that it has. The order of the slots is the interface's own.
+// The WMI interfaces with every operation unimplemented, so that an implementation writes only the
+// operations that it has. The slots are in the order of the interface.
 
 #define VX_REFUSES(name, ...)                            \
   HRESULT STDMETHODCALLTYPE name(__VA_ARGS__) override { \

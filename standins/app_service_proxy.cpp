@@ -8,8 +8,7 @@ namespace Vx::Tessel::Server::TesselCommunication {
 
 namespace {
 
-// Windows gives a background task of an app 30 seconds before it takes it down; no reply that is
-// still to come arrives later.
+// Windows stops an app's background task after 30 seconds, so a later reply cannot arrive.
 constexpr std::chrono::seconds kStepLimit{30};
 
 }  // namespace
@@ -21,8 +20,8 @@ std::pair<int, std::wstring> AppServiceProxySDK::send_message(const std::wstring
   return ExchangeWithAppService(packageFamilyName, appServiceName, text, kStepLimit);
 }
 
-// The maker's library drops the connections that did not survive the restart. This one keeps none:
-// every message opens and closes its own.
+// The maker's library drops the connections that did not survive the restart. This one keeps none,
+// because every message opens and closes a connection.
 void AppServiceProxySDK::SystemRestarted() {}
 
 }  // namespace Vx::Tessel::Server::TesselCommunication

@@ -6,16 +6,16 @@
 
 namespace Vx::Platform {
 
-// One conversation with a packaged app's app service, over the host's proxy library.
+// A conversation with the app service of a packaged app, over the host's proxy library.
 class AppService {
  public:
   virtual ~AppService() = default;
 
-  // Sends `text` and waits for the reply: a status (0 is success) and the reply's text. May throw
-  // standard exceptions.
+  // Sends `text` and waits for the reply. Returns a status (0 is success) and the text of the
+  // reply. May throw standard exceptions.
   virtual std::pair<int, std::wstring> Send(const std::wstring& text) = 0;
 
-  // Tells the host's app-service layer that the machine came up again.
+  // Notifies the host's app-service layer that the machine has restarted.
   virtual void SystemRestarted() = 0;
 };
 

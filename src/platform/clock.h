@@ -13,11 +13,11 @@ enum class WaitOutcome { Signalled, TimedOut, Failed };
 
 struct WaitResult {
   WaitOutcome outcome = WaitOutcome::Failed;
-  std::uint32_t code = 0;  // what WaitForSingleObject returned
+  std::uint32_t code = 0;  // the result of WaitForSingleObject
   ErrorCode lastError = 0;
 };
 
-// Time and every wait that has a length. Nothing else in the program sleeps, sets a timer or reads
+// Time, and every wait that has a length. Nothing else in the program sleeps, sets a timer or reads
 // a clock, so that a test can run hours in milliseconds on the real code. Any thread may call.
 class Clock {
  public:
@@ -25,7 +25,7 @@ class Clock {
 
   virtual ~Clock() = default;
 
-  // Milliseconds since Windows started, time asleep included.
+  // Milliseconds since Windows started, including time asleep.
   virtual std::uint64_t TickCount() const = 0;
 
   // UTC now, in 100-nanosecond units since 1601-01-01 (the FILETIME scale).
@@ -33,8 +33,8 @@ class Clock {
 
   virtual void Sleep(Duration length) = 0;
 
-  // Blocks until `handle` is signalled or `length` is over; no length means no limit. A null or
-  // closed handle fails at once.
+  // Blocks until `handle` is signalled or `length` has passed. Without a length there is no limit.
+  // A null or closed handle fails at once.
   virtual WaitResult Wait(RawHandle handle, std::optional<Duration> length) = 0;
 
   // The same for two manual-reset events. `code` is 0 when the first is signalled, whether or not
@@ -44,13 +44,14 @@ class Clock {
   // An unnamed, auto-reset waitable timer, to be waited on with Wait.
   virtual Result<UniqueHandle> MakeTimer() = 0;
 
-  // Lets `timer` fire once, `due` from now, without waking the machine. Zero or the error.
+  // Sets `timer` to fire once, `due` from now, without waking the machine. Returns zero or the
+  // error.
   virtual ErrorCode SetTimer(RawHandle timer, Duration due) = 0;
 
-  // Thread accounting, called by Thread (thread.h) alone. A virtual clock advances only while every
-  // worker is parked in one of the waits above. WorkerStarting comes on the starting thread before
-  // the new one exists; then either WorkerStarted, as the first thing on the new thread, and
-  // WorkerEnded, as its last, or WorkerNotStarted on the starting thread if none could be made.
+  // Thread accounting, called only by Thread (thread.h). A virtual clock advances only while every
+  // worker is parked in one of the waits above. The starting thread calls WorkerStarting before the
+  // new thread exists. The new thread then calls WorkerStarted first and WorkerEnded last. If no
+  // thread can be created, the starting thread calls WorkerNotStarted instead.
   virtual void WorkerStarting() = 0;
   virtual void WorkerStarted() {}
   virtual void WorkerNotStarted() { WorkerEnded(); }

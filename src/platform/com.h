@@ -9,9 +9,9 @@ struct tagSAFEARRAY;
 
 namespace Vx::Platform {
 
-// The steps of COM that lead to the firmware's WMI namespace, and the values that are handed to it;
-// what follows are calls on the interfaces themselves. Every answer is the call's HRESULT. Called
-// on one thread at a time.
+// The steps of COM that lead to the firmware's WMI namespace, and the values that are passed to it.
+// After these, code calls the interfaces themselves. Every function without another result returns
+// the HRESULT of its call. One thread at a time.
 class Com {
  public:
   virtual ~Com() = default;
@@ -28,22 +28,24 @@ class Com {
   // Call-level authentication (WinNT, no authorisation, impersonate) on a proxy.
   virtual std::int32_t SetProxyBlanket(IUnknown* proxy) = 0;
 
-  // A BSTR with a copy of `text`, owned by the caller (see com_owners.h); null when memory is out.
+  // Returns a BSTR with a copy of `text`, owned by the caller (see com_owners.h), or null without
+  // memory.
   virtual wchar_t* MakeText(const wchar_t* text) = 0;
 
-  // An array of `count` zero bytes from index 0, owned by the caller; null when memory is out.
+  // Returns an array of `count` zero bytes from index 0, owned by the caller, or null without
+  // memory.
   virtual tagSAFEARRAY* MakeByteArray(std::uint32_t count) = 0;
   virtual std::int32_t PutByte(tagSAFEARRAY* bytes, std::int32_t index, std::uint8_t value) = 0;
 };
 
-// Owns one reference to a COM object; a copy owns another. The interface may be incomplete where
+// Owns one reference to a COM object. A copy owns another. The interface may be incomplete where
 // the owner is only declared.
 template <typename Interface>
 class ComPtr {
  public:
   ComPtr() = default;
 
-  // Takes over the reference that `owned` stands for.
+  // Takes over the caller's reference.
   explicit ComPtr(Interface* owned) noexcept : object(owned) {}
   ComPtr(const ComPtr& other) noexcept : object(other.object) {
     if (object != nullptr) object->AddRef();
@@ -55,7 +57,7 @@ class ComPtr {
   }
   ~ComPtr() { Reset(); }
 
-  // Where a call puts the reference that it hands out; what was held is released first.
+  // Returns where a call may store a new reference, after releasing the current one.
   Interface** Receive() noexcept {
     Reset();
     return &object;

@@ -24,7 +24,7 @@ struct SafeArrayDestroyer {
 // Owns a SAFEARRAY and its elements.
 using UniqueSafeArray = std::unique_ptr<SAFEARRAY, SafeArrayDestroyer>;
 
-// A VARIANT that clears itself, and with it whatever it holds. Starts empty.
+// A VARIANT that clears itself together with its content. Starts empty.
 class Variant {
  public:
   Variant() noexcept;
@@ -34,38 +34,38 @@ class Variant {
 
   void SetInt32(std::int32_t value) noexcept;
 
-  // Adds a reference of its own.
+  // Adds a reference.
   void SetObject(IUnknown* object) noexcept;
 
-  // Null is a byte array too: the one without elements.
+  // A null array counts as one without elements.
   void SetBytes(UniqueSafeArray array) noexcept;
 
-  // The content, to be passed to calls that read it.
+  // The content, for calls that read it.
   VARIANT* Get() noexcept { return &content; }
   const VARIANT& operator*() const noexcept { return content; }
 
-  // Where a call puts a new value; what was held is cleared first.
+  // Returns where a call may store a new value, after clearing the current one.
   VARIANT* Receive() noexcept;
 
  private:
   VARIANT content{};
 };
 
-// What another program left in a VARIANT, looked at without trust: each is empty (or null) unless
-// the content really is of the kind, whatever its type word claims.
+// Accessors for a VARIANT that another program filled. Each returns an empty value (or null) unless
+// the content really is of that kind, whatever its type word claims.
 std::optional<std::int32_t> Int32In(const VARIANT& value) noexcept;
 IUnknown* ObjectIn(const VARIANT& value) noexcept;  // borrowed
 const wchar_t* TextIn(const VARIANT& value) noexcept;
 SAFEARRAY* BytesIn(const VARIANT& value) noexcept;  // one dimension of one-byte elements
 
-// Bounds of a byte array that BytesIn answered.
+// Bounds of a byte array that BytesIn returned.
 struct ByteArrayBounds {
   std::int32_t lower = 0;
   std::uint32_t count = 0;
 };
 ByteArrayBounds BoundsOf(const SAFEARRAY& bytes) noexcept;
 
-// The element with this index, through SafeArrayGetElement; nothing when there is none.
+// The element with this index, read with SafeArrayGetElement. Empty if there is none.
 std::optional<std::uint8_t> ByteAt(SAFEARRAY* bytes, std::int32_t index) noexcept;
 
 }  // namespace Vx::Platform

@@ -9,13 +9,13 @@
 
 namespace Vx::Platform {
 
-// Encryption for this machine: DPAPI with the local-machine flag, no entropy, no prompt. Any
+// Encryption for this machine: DPAPI with the local-machine flag, without entropy or prompts. Any
 // thread; does not wait.
 class DataProtection {
  public:
   virtual ~DataProtection() = default;
 
-  // `plain` sealed so that any process of this machine, and no other machine, can open it.
+  // Seals `plain` so that every process of this machine can open it, but no other machine can.
   virtual Result<std::vector<std::byte>> Protect(std::span<const std::byte> plain,
                                                  const std::wstring& description) const = 0;
 

@@ -9,7 +9,7 @@
 
 namespace Vx::Platform {
 
-// What the paths of this system itself fit into, in characters with the terminator.
+// The capacity for paths of this system itself, in characters including the terminator.
 inline constexpr std::size_t kShortPath = 260;
 
 // Environment variables of the process and of users.
@@ -17,16 +17,17 @@ class Environment {
  public:
   virtual ~Environment() = default;
 
-  // `text` with the process's variables put in; fails when the result needs more than `maxChars`
-  // characters, the terminator included.
+  // Returns `text` with the process's variables expanded. Fails if the result needs more than
+  // `maxChars` characters, including the terminator.
   virtual Result<std::wstring> Expand(const std::wstring& text, std::size_t maxChars) const = 0;
 
-  // The same with the variables of the user of `token` (null: the system's).
+  // The same with the variables of the user of `token`, or of the system for a null token.
   virtual Result<std::wstring> ExpandForUser(RawHandle token, const std::wstring& text,
                                              std::size_t maxChars) const = 0;
 
-  // A Unicode environment block ("NAME=value\0" entries, then "\0") of the user of `token`, or of
-  // the system for a null token, without the service's own variables.
+  // Returns the environment block of the user of `token`, or of the system for a null token,
+  // without the service's own variables. Each entry is "NAME=value\0", and a final "\0" ends the
+  // block.
   virtual Result<std::vector<wchar_t>> Block(RawHandle token) const = 0;
 };
 

@@ -15,26 +15,26 @@ namespace {
 constexpr char kOutOfOrder[] = "A MachineScope ended while another one was installed above it.\n";
 constexpr char kWorkersRun[] = "A MachineScope ended while a worker still ran under it.\n";
 
-// A worker says "done" to a test a few instructions before it is no longer counted; only one that
-// goes on for longer than this, in milliseconds, is one that the scope's owner forgot.
+// A worker can notify a test a few instructions before it stops being counted. A worker that still
+// runs after this time, in milliseconds, was forgotten by the owner of the scope.
 constexpr int kGrace = 2000;
 
-// The machine installed last; null: the real one.
+// The machine installed last. Null means the real one.
 std::atomic<InstalledMachine*> installedLast{nullptr};
 
-// Set for ever by the first scope of the process. Until then every thread has the real machine, so
-// that in the service the question costs one load.
+// Set permanently by the first scope of the process. Until then every thread has the real machine,
+// so that the service pays one load per call.
 std::atomic<bool> anyScopeYet{false};
 
-// Where each worker keeps the machine it was started under. TlsAlloc and not thread_local: the
-// runtime emulates that one with memory that it never gives back, and pins the module.
+// The machine that each worker was started under. Uses TlsAlloc because the runtime emulates
+// thread_local with memory that it never frees, and pins the module.
 class ThreadSlot {
  public:
   ThreadSlot() noexcept : index(TlsAlloc()) {}
   ThreadSlot(const ThreadSlot&) = delete;
   ThreadSlot& operator=(const ThreadSlot&) = delete;
-  // Runs when the module is unloaded, which the reference of each worker puts off until none is
-  // left, or when the process ends.
+  // Runs when the module is unloaded or the process ends. The module cannot be unloaded while a
+  // worker runs, because each worker holds a reference to it.
   ~ThreadSlot() {
     const DWORD freed = index.exchange(TLS_OUT_OF_INDEXES);
     if (freed != TLS_OUT_OF_INDEXES) TlsFree(freed);

@@ -24,8 +24,8 @@ class Threads;
 class TrustProvider;
 struct InstalledMachine;
 
-// Everything outside the program, one capability a member. The capabilities outlive the machine
-// that names them; none is ever null.
+// Everything outside the program, one member per capability. The capabilities outlive the machine
+// that names them, and none is ever null.
 struct Machine {
   ApiSets* apiSets = nullptr;
   AppServices* appServices = nullptr;
@@ -46,18 +46,19 @@ struct Machine {
   TrustProvider* trustProvider = nullptr;
 };
 
-// The machine of the calling thread: the one that its worker was started under, else the one
-// installed last, else the real one. Cheap, never blocks.
+// The machine of the calling thread. For a worker that is the machine it was started under, for
+// other threads the one installed last, and the real one if none is installed. Cheap; never blocks.
 const Machine& CurrentMachine() noexcept;
 
-// The real Windows, whatever is installed.
+// The real Windows, regardless of what is installed.
 const Machine& WindowsMachine() noexcept;
 
-// Puts another machine in the place of the current one, for tests and the simulator.
+// Replaces the current machine for the life of this object. For tests and the simulator.
 //
-// The new machine is a copy of the current one with `change` applied, so that one capability can be
-// replaced and the others stay. Scopes nest. One that ends out of order, or while a worker started
-// under it still runs, ends the process with a message: what it named may be gone.
+// The new machine is a copy of the current one with `change` applied, so that a test can replace
+// one capability and keep the others. Scopes nest. A scope that ends out of order, or while a
+// worker started under it still runs, ends the process with a message, because the worker might use
+// a capability that no longer exists.
 class MachineScope {
  public:
   explicit MachineScope(const std::function<void(Machine&)>& change);

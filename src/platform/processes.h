@@ -11,7 +11,7 @@
 
 namespace Vx::Platform {
 
-// What a new process is made from. Nothing is inherited; the creation flags are always new console,
+// The parameters of a new process. It inherits nothing. The creation flags are always new console,
 // normal priority and Unicode environment (0x430).
 struct ProcessStart {
   std::wstring application;          // full path, never searched for
@@ -21,16 +21,16 @@ struct ProcessStart {
   std::wstring desktop{};            // "station\\desktop"; empty: the service's own
 };
 
-// Processes: starting them and finding one. Any thread; no call waits for a process.
+// Starts and finds processes. Any thread; no call waits for a process.
 class Processes {
  public:
   virtual ~Processes() = default;
 
-  // Starts a process as the user of `token` (null: as the service itself) and answers its id; its
-  // handles are closed at once.
+  // Starts a process as the user of `token`, or as the service itself for a null token. Returns its
+  // id and closes its handles at once.
   virtual Result<std::uint32_t> Start(RawHandle token, const ProcessStart& start) = 0;
 
-  // The ids of at most `limit` running processes, in the system's order.
+  // The ids of at most `limit` running processes, in the order of the system.
   virtual std::vector<std::uint32_t> Ids(std::size_t limit) const = 0;
 
   // Full path of the program of process `id`; empty when it cannot be opened or read.
@@ -38,14 +38,14 @@ class Processes {
 
   virtual std::optional<std::uint32_t> Session(std::uint32_t id) const = 0;
 
-  // A primary copy of the token of process `id` (maximum allowed access, identification level, not
-  // inheritable), to start processes with.
+  // Returns a primary copy of the token of process `id`, to start processes with: maximum allowed
+  // access, identification level, not inheritable.
   virtual Result<UniqueHandle> PrimaryToken(std::uint32_t id) const = 0;
 };
 
-// The words of a command line as CommandLineToArgvW splits it; empty on failure. Looks at the text
-// only, so there is nothing for a test to replace. `commandLine` is not empty: for an empty one
-// Windows answers with the path of the running program.
+// Splits a command line into words as CommandLineToArgvW does. Returns an empty list on failure.
+// Looks at the text only, so a test has nothing to replace. `commandLine` must not be empty: for an
+// empty one Windows returns the path of the running program.
 std::vector<std::wstring> SplitCommandLine(const std::wstring& commandLine);
 
 }  // namespace Vx::Platform

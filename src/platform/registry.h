@@ -11,10 +11,10 @@ namespace Vx::Platform {
 
 struct RegistryValue {
   std::uint32_t type = 0;       // REG_ code
-  std::vector<std::byte> data;  // exactly as stored, no terminator added
+  std::vector<std::byte> data;  // exactly as stored, without an added terminator
 };
 
-// Reads below HKEY_LOCAL_MACHINE (64-bit view, KEY_READ). Each call reads afresh.
+// Reads below HKEY_LOCAL_MACHINE (64-bit view, KEY_READ). Nothing is cached between calls.
 class Registry {
  public:
   virtual ~Registry() = default;
@@ -22,11 +22,11 @@ class Registry {
   // ERROR_FILE_NOT_FOUND when the key or the value is missing.
   virtual Result<RegistryValue> Read(const std::wstring& key, const std::wstring& value) const = 0;
 
-  // Whether the value is there, whatever its type and data, which are not read.
+  // Whether the value exists, whatever its type. Does not read its data.
   virtual bool Exists(const std::wstring& key, const std::wstring& value) const = 0;
 };
 
-// The text of a REG_SZ value: up to the first NUL, wherever the stored data ends.
+// The text of a REG_SZ value, up to the first NUL or the end of the stored data.
 std::wstring TextOf(const RegistryValue& value);
 
 }  // namespace Vx::Platform

@@ -6,10 +6,10 @@
 
 namespace Vx::Platform {
 
-// A Windows error code (GetLastError() or an HRESULT, as the operation says). Zero is "no error".
+// A Windows error code: GetLastError() or an HRESULT, depending on the operation. Zero is no error.
 using ErrorCode = std::uint32_t;
 
-// A value, or the error code that Windows gave instead of it.
+// A value, or the error code that Windows returned instead of it.
 template <typename T>
 class Result {
  public:

@@ -14,12 +14,12 @@ inline constexpr std::uint32_t kNoSession = 0xFFFFFFFF;
 enum class TokenType { Primary, Impersonation };
 enum class SessionText { UserName, DomainName };
 
-// Who is signed in, and acting as them. Any thread may ask; no call waits.
+// Users who are signed in, and impersonation. Any thread; no call waits.
 class Sessions {
  public:
   virtual ~Sessions() = default;
 
-  // The session at the console as Windows reports it: kNoSession while there is none.
+  // The session at the console, or kNoSession while there is none.
   virtual std::uint32_t ActiveConsoleSession() const = 0;
 
   // The primary token of the user signed in to `session`.
@@ -31,8 +31,8 @@ class Sessions {
   // The name or the domain of the user of `session`.
   virtual Result<std::wstring> QueryText(std::uint32_t session, SessionText what) const = 0;
 
-  // The calling thread acts as the user of `token` from here on. Use Impersonation
-  // (console_user.h), which pairs the two. Zero or the error.
+  // Makes the calling thread act as the user of `token`. Use Impersonation (console_user.h), which
+  // pairs this with Revert. Both return zero or the error.
   virtual ErrorCode Impersonate(RawHandle token) = 0;
   virtual ErrorCode Revert() = 0;
 

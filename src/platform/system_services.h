@@ -13,7 +13,7 @@ class ApiSets {
  public:
   virtual ~ApiSets() = default;
 
-  // `name` without ".dll". True also where the system cannot be asked.
+  // `name` has no ".dll". Also returns true where the system has no such query.
   virtual bool IsPresent(const std::wstring& name) const = 0;
 };
 
@@ -37,18 +37,18 @@ class SystemTriggers {
  public:
   virtual ~SystemTriggers() = default;
 
-  // Raises the trigger with this id (GUID text as the subscriber registered it) and answers the
-  // system's status; 0 is raised, 0xC0000002 means that this Windows has no custom triggers.
+  // Raises the trigger with this id (GUID text as the subscriber registered it) and returns the
+  // system's status. 0 means raised, 0xC0000002 that this Windows has no custom triggers.
   virtual std::uint32_t Raise(const std::wstring& triggerId) = 0;
 };
 
-// The lockdown policy library, loaded from a full path and unloaded with this object.
+// The lockdown policy library. It is loaded from a full path and unloaded with this object.
 class LockdownLibrary {
  public:
   virtual ~LockdownLibrary() = default;
 
-  // Asks for the lockdown mode; `mode` is left alone when the library does not write it. Answers an
-  // HRESULT (E_NOTIMPL-like negative values when the entry point is missing).
+  // Reads the lockdown mode and returns an HRESULT, which is negative if the entry point is
+  // missing. `mode` keeps its value if the library does not write it.
   virtual std::int32_t QueryMode(std::int32_t& mode) const = 0;
 };
 
@@ -59,8 +59,8 @@ class LockdownLibraries {
   virtual Result<std::unique_ptr<LockdownLibrary>> Load(const std::wstring& fullPath) = 0;
 };
 
-// A new UUID as 36 lower-case characters with hyphens. Unique on this machine, and so there is
-// nothing for a test to replace.
+// Returns a new UUID as 36 lower-case characters with hyphens. It is unique on this machine, so a
+// test has nothing to replace.
 Result<std::wstring> NewUuid();
 
 }  // namespace Vx::Platform

@@ -28,7 +28,8 @@ void CountIn(InstalledMachine& installed) {
   installed.machine.clock->WorkerStarting();
 }
 
-// The clock first: once the worker is no longer counted, the scope that owns it may end.
+// Notifies the clock first, because the scope that owns it may end as soon as the worker is no
+// longer counted.
 void CountOut(InstalledMachine& installed) noexcept {
   installed.machine.clock->WorkerEnded();
   installed.workers.fetch_sub(1);
@@ -47,7 +48,7 @@ UniqueHandle StartWorker(std::function<void()> body) {
       AdoptMachine(installed);
       installed.machine.clock->WorkerStarted();
       body();
-      body = nullptr;  // what it owns is freed by a worker that still counts
+      body = nullptr;  // frees what it owns while the worker still counts
       CountOut(installed);
     });
     if (started) return *std::move(started);
@@ -60,8 +61,8 @@ UniqueHandle StartWorker(std::function<void()> body) {
                           kCannotStart);
 }
 
-// What a new thread takes over: its work, and a reference that keeps this module loaded until the
-// thread's last instruction, which then lies in the system and not here.
+// The state that a new thread takes over: its work, and a reference that keeps this module loaded
+// until the last instruction of the thread, which is in the system.
 struct Starter {
   std::function<void()> body;
   HMODULE module = nullptr;
@@ -71,8 +72,8 @@ unsigned __stdcall Run(void* argument) {
   auto* starter = static_cast<Starter*>(argument);
   HMODULE module = starter->module;
   starter->body();
-  // The callable may own handles and documents: they go while the module is certainly loaded, and
-  // before the call below, which runs no destructor of this frame.
+  // The callable may own handles and documents. They are freed here because the module is still
+  // loaded and the call below runs no destructor of this frame.
   delete starter;
   FreeLibraryAndExitThread(module, 0);
 }
@@ -86,7 +87,7 @@ class RealThreads final : public Threads {
                            reinterpret_cast<const wchar_t*>(&Run), &starter->module) == 0) {
       return Result<UniqueHandle>::Failure(EAGAIN);
     }
-    // The runtime hands the handle out as a number.
+    // The runtime returns the handle as a number.
     const std::uintptr_t raw = _beginthreadex(nullptr, 0, &Run, starter.get(), 0, nullptr);
     if (raw == 0) {
       const int error = errno;
@@ -124,7 +125,7 @@ void Thread::Detach() {
 
 void Thread::Join() {
   if (!Joinable()) throw std::system_error(EINVAL, std::generic_category(), kNotJoinable);
-  // Through the clock, which has to know that a worker who joins another one is parked.
+  // Waits through the clock so that it counts a worker that joins another one as parked.
   CurrentMachine().clock->Wait(handle.get(), std::nullopt);
   handle.reset();
 }

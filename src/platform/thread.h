@@ -7,7 +7,7 @@
 
 namespace Vx::Platform {
 
-// Creates operating-system threads; the one operation that a fault test overrides.
+// Creates threads of the operating system. Fault tests override this operation.
 class Threads {
  public:
   virtual ~Threads() = default;
@@ -17,17 +17,19 @@ class Threads {
   virtual Result<UniqueHandle> Start(std::function<void()> body) = 0;
 };
 
-// A thread that runs under the machine (see machine.h) of the code that started it, is counted by
-// that machine's clock from this call on, and keeps this module loaded until it has ended.
+// A thread that runs under the machine (see machine.h) of the code that started it. The clock of
+// that machine counts it from the constructor on. The thread keeps this module loaded until it has
+// ended.
 //
-// Like std::thread, but over _beginthreadex: a detached std::thread of this runtime can lose its
-// callable. A Thread that is still joinable when it is destroyed or replaced ends the process.
+// Like std::thread, but over _beginthreadex, because a detached std::thread of this runtime can
+// lose its callable. A Thread that is still joinable when it is destroyed or replaced ends the
+// process.
 class Thread {
  public:
   Thread() = default;
 
-  // Starts `body`, which must not throw: each worker has its own boundary. Throws std::system_error
-  // (resource_unavailable_try_again) when no thread can be made.
+  // Starts `body`, which must not throw, because each worker has its own boundary. Throws
+  // std::system_error (resource_unavailable_try_again) when no thread can be created.
   explicit Thread(std::function<void()> body);
 
   Thread(Thread&& other) noexcept = default;
@@ -36,17 +38,18 @@ class Thread {
 
   bool Joinable() const noexcept { return handle != nullptr; }
 
-  // Lets the thread go on alone. Throws std::system_error (invalid_argument) when not joinable.
+  // Lets the thread run on its own. Throws std::system_error (invalid_argument) if it is not
+  // joinable.
   void Detach();
 
-  // Blocks until the thread has ended. Throws as Detach does.
+  // Blocks until the thread has ended. Throws like Detach.
   void Join();
 
  private:
   UniqueHandle handle;
 };
 
-// Starts `body` on a detached thread; errors as Thread's constructor.
+// Starts `body` on a detached thread. Throws like the constructor of Thread.
 void StartDetached(std::function<void()> body);
 
 }  // namespace Vx::Platform

@@ -10,7 +10,7 @@
 
 namespace Vx::Platform {
 
-// The names in a certificate; a field that is not there is empty.
+// The names in a certificate. An absent field is empty.
 struct SignerNames {
   std::wstring commonName;
   std::wstring organisationalUnit;
@@ -23,17 +23,17 @@ struct SignerNames {
 
 struct Signer {
   std::vector<std::byte> publicKey;  // DER of the key inside SubjectPublicKeyInfo
-  std::wstring subject;              // the whole subject as CertNameToStr writes it
+  std::wstring subject;              // the whole subject in the form of CertNameToStr
   std::optional<SignerNames> names;  // empty when they could not be read
 };
 
 struct SignatureVerdict {
   std::int32_t result = 0;           // of WinVerifyTrust
   std::uint32_t secondaryCount = 0;  // signatures beyond the first
-  std::optional<Signer> signer;      // present when the state data named one
+  std::optional<Signer> signer;      // present if the state data named one
 };
 
-// The catalog that vouches for a file.
+// The catalog that holds a file's hash.
 struct CatalogHit {
   std::wstring catalogPath;
   std::wstring memberTag;   // upper-case hexadecimal of the hash
@@ -47,16 +47,16 @@ struct CatalogFailure {
   ErrorCode error = 0;
 };
 
-// Authenticode as Windows sees it. Any thread; keeps no state between calls; closes what it opens.
-// Says nothing about what is good enough: that is the caller's rule.
+// Authenticode verification by Windows. Any thread; keeps no state between calls; closes what it
+// opens. The caller decides which results are good enough.
 class TrustProvider {
  public:
   virtual ~TrustProvider() = default;
 
-  // Verifies signature number `index` of the file itself; no prompts, no revocation checks.
+  // Verifies signature number `index` of the file itself, without prompts or revocation checks.
   virtual SignatureVerdict VerifyEmbedded(const std::wstring& path, std::uint32_t index) const = 0;
 
-  // The catalog that holds the file's SHA-256, or the step that failed.
+  // Returns the catalog that holds the file's SHA-256. On failure, `failure` receives the step.
   virtual std::optional<CatalogHit> FindCatalog(const std::wstring& path,
                                                 CatalogFailure& failure) const = 0;
 

@@ -7,7 +7,7 @@ namespace Vx::Platform {
 
 namespace Detail {
 
-// The compiler's spelling of this function holds "T = Name" followed by ']' or ';'.
+// The compiler spells the name of this function with "T = Name" followed by ']' or ';'.
 template <typename T>
 constexpr std::string_view PrettyName() {
   constexpr std::string_view text = __PRETTY_FUNCTION__;
@@ -32,8 +32,8 @@ inline constexpr auto kClassText = ClassText<T>();
 
 }  // namespace Detail
 
-// "class " and the qualified name of T: the run-time type name that log lines begin with. The text
-// that typeid gives depends on the compiler; this one is the same whichever builds the module.
+// "class " and the qualified name of T: the run-time type name at the beginning of log lines. The
+// text of typeid depends on the compiler. This one does not.
 template <typename T>
 constexpr const char* TypeName() noexcept {
   return Detail::kClassText<T>.data();

@@ -4,10 +4,10 @@
 
 namespace Vx::Platform {
 
-// A Windows HANDLE, spelled without <windows.h>. Borrowed wherever it stands alone in a signature.
+// A Windows HANDLE, spelled without <windows.h>. A RawHandle in a signature is borrowed.
 using RawHandle = void*;
 
-// Closers leave GetLastError() as they found it, so the caller may report it after cleanup.
+// Closers preserve GetLastError(), so that the caller may report it after cleanup.
 struct HandleCloser {
   void operator()(RawHandle handle) const noexcept;  // CloseHandle
 };
@@ -15,14 +15,14 @@ struct HandleCloser {
 // Owns a kernel handle; null means none.
 using UniqueHandle = std::unique_ptr<void, HandleCloser>;
 
-// A handle that several holders share; closed when the last of them goes.
+// A handle with several owners. The last of them closes it.
 using SharedHandle = std::shared_ptr<void>;
 
-// CreateFile fails with INVALID_HANDLE_VALUE where most calls fail with null. Converting at the
-// door leaves the rest of the program a single empty value.
+// CreateFile fails with INVALID_HANDLE_VALUE where most calls fail with null. Converting it here
+// leaves the rest of the program a single empty value.
 UniqueHandle AdoptFile(RawHandle raw) noexcept;
 
-// Shares what `handle` owned; empty stays empty.
+// Shares what `handle` owned. An empty handle stays empty.
 SharedHandle Share(UniqueHandle handle);
 
 struct LocalMemoryFreer {

@@ -6,8 +6,8 @@
 
 namespace Vx::Platform {
 
-// A Windows Runtime error: an HRESULT and a message. Not a std::exception, so that a boundary can
-// tell the two apart in either order of its catches.
+// A Windows Runtime error: an HRESULT and a message. It does not derive from std::exception, so
+// that a boundary can distinguish the two in either order of its catches.
 class WindowsRuntimeError {
  public:
   explicit WindowsRuntimeError(std::int32_t code) : errorCode(code) {}

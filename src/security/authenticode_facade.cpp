@@ -10,7 +10,7 @@ namespace {
 
 constexpr wchar_t kCheckFailed[] = L"Security - %S - the check failed, not trusted";
 
-// The one boundary of a trust check: whatever fails below means "not trusted".
+// The only boundary of a trust check. Every failure below it means "not trusted".
 template <typename Check>
 bool Answer(const char* operation, const wchar_t* path, Check check) noexcept {
   try {

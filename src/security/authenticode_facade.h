@@ -2,8 +2,8 @@
 
 namespace Vx::Tessel::Security {
 
-// Base of the trust check, so that callers can be handed another one. `path` is a full path; null
-// or empty is never trusted. Nothing is thrown.
+// Base of the trust check, so that callers can receive another implementation. `path` is a full
+// path. A null or empty path is never trusted. Nothing is thrown.
 class VxAuthenticodeFacadeBase {
  public:
   virtual bool IsFileTrusted(const wchar_t* path) = 0;
@@ -15,7 +15,7 @@ class VxAuthenticodeFacadeBase {
 };
 
 // Whether a file is genuine: accepted by Windows, signed with a pinned key, in a protected place.
-// Keeps no state; any thread. An access-list check that fails costs up to about a second.
+// Keeps no state; any thread. A failed check of an access list takes up to about a second.
 class VxAuthenticodeFacade final : public VxAuthenticodeFacadeBase {
  public:
   bool IsFileTrusted(const wchar_t* path) override;

@@ -48,7 +48,7 @@ constexpr wchar_t kAccessException[] =
     L"Exception in CheckForFullConrolByTrustedInstallAndSystem().";
 constexpr wchar_t kLockOutcome[] = L"%S(%s) : %s";
 
-// HRESULTs of wintrust, as the signed numbers that WinVerifyTrust returns.
+// HRESULTs of wintrust as signed numbers, as WinVerifyTrust returns them.
 constexpr std::int32_t kVerified = 0;
 constexpr auto kUntrustedRoot = static_cast<std::int32_t>(0x800B0109);
 constexpr auto kExpired = static_cast<std::int32_t>(0x800B0101);
@@ -62,7 +62,7 @@ constexpr std::uint32_t kGenericAll = 1U << 28;
 constexpr int kAccessAttempts = 5;
 constexpr std::chrono::milliseconds kAccessPause{250};
 
-// The count comes out of the file that is being judged; real files have a handful.
+// The count comes from the file that is being judged. Real files have a handful.
 constexpr std::uint32_t kMaxSecondarySignatures = 255;
 
 constexpr bool IsCollected(std::int32_t result) noexcept {
@@ -83,7 +83,7 @@ const wchar_t* FailureText(Platform::CatalogStep step) noexcept {
   return kFindCatalogFailed;
 }
 
-// Variables put in; empty when Windows cannot.
+// Returns `text` with its variables expanded, or an empty text if Windows fails.
 std::wstring Expanded(const std::wstring& text) {
   auto expanded = CurrentMachine().environment->Expand(text, kMaxPathChars);
   return expanded ? *std::move(expanded) : std::wstring();
@@ -153,8 +153,8 @@ bool VxAuthenticodeHelper::IsPathAllowed(const std::wstring& path) const {
 // A client chooses the path, and several texts that begin with "C:\Windows\" name a file elsewhere:
 // with ".." in the middle, through a mount point below a folder that every user may write to, or as
 // a stream of another file. So the rule is applied twice: to the full form of the text, which is
-// what gets logged, and to where the opened file really lies. What Windows cannot resolve is
-// refused.
+// also logged, and to the place where the opened file really is. A path that Windows cannot resolve
+// is refused.
 PathVerdict VxAuthenticodeHelper::JudgePath(const std::wstring& path) const {
   PathVerdict verdict;
   const auto expanded = CurrentMachine().environment->Expand(path, kMaxPathChars);
@@ -163,8 +163,8 @@ PathVerdict VxAuthenticodeHelper::JudgePath(const std::wstring& path) const {
                      static_cast<int>(expanded.Error()));
     return verdict;
   }
-  // Anything but a path from the root of a drive stays as it is: it matches no prefix, and making
-  // it a full one would let the service's own folder decide.
+  // Expands only a path from the root of a drive. Any other path matches no prefix, and its full
+  // form would depend on the service's own folder.
   verdict.fullPath = *expanded;
   if (IsDrivePath(*expanded)) {
     const auto full = CurrentMachine().files->FullPath(*expanded);
@@ -185,7 +185,7 @@ PathVerdict VxAuthenticodeHelper::JudgePath(const std::wstring& path) const {
                      verdict.finalPath.c_str());
     return verdict;
   }
-  // Windows moves packages to another drive and leaves a link behind; then both folders count.
+  // Windows moves packages to another drive and leaves a link behind. Both folders then count.
   if (place->appFolder) verdict.appFolders.push_back(*place->appFolder);
   if (finalPlace->appFolder &&
       !(place->appFolder && SameIgnoringCase(*finalPlace->appFolder, *place->appFolder))) {
@@ -198,8 +198,8 @@ PathVerdict VxAuthenticodeHelper::JudgePath(const std::wstring& path) const {
   return verdict;
 }
 
-// The WindowsApps folder of %PROGRAMFILES% lies below a prefix and is still judged by its access
-// list: packages are written there for whoever is signed in, not by an administrator.
+// The WindowsApps folder of %PROGRAMFILES% is below a prefix, but is still judged by its access
+// list, because Windows installs packages there for ordinary users, without an administrator.
 std::optional<VxAuthenticodeHelper::Place> VxAuthenticodeHelper::FindPlace(
     const std::wstring& fullPath, Misses misses) const {
   for (const wchar_t* allowed : kAllowedPrefixes) {
@@ -219,7 +219,7 @@ std::optional<VxAuthenticodeHelper::Place> VxAuthenticodeHelper::FindPlace(
   return std::nullopt;
 }
 
-// Fills in the final path, or the outcome when there is none to believe.
+// Sets the final path, or the outcome if there is none that can be trusted.
 bool VxAuthenticodeHelper::ResolveFinalPath(const std::wstring& path, const std::wstring& expanded,
                                             PathVerdict& verdict) const {
   if (!IsPlainPath(verdict.fullPath)) {
@@ -237,8 +237,8 @@ bool VxAuthenticodeHelper::ResolveFinalPath(const std::wstring& path, const std:
   }
   verdict.finalPath = *target;
   if (path == expanded) return true;
-  // Whoever starts the file does so by the text with the variables still in it, and a folder may
-  // really be called "%x%": then the file that was judged is not the one that starts.
+  // The caller starts the file by the text with its variables, and a folder may really be called
+  // "%x%". Then the started file is not the judged one.
   const auto unexpanded = files.FinalPath(path);
   if (!unexpanded || SameIgnoringCase(*unexpanded, *target)) return true;
   verdict.outcome = PathOutcome::LeadsElsewhere;

@@ -17,42 +17,44 @@ enum class SignatureKind { Catalog, Embedded };
 
 enum class PathOutcome {
   Allowed,
-  NotExpanded,      // its variables could not be put in
+  NotExpanded,      // its variables could not be expanded
   OutsidePrefixes,  // below none of the allowed prefixes and in no WindowsApps folder
-  NotPlain,         // not a drive, folders and a name: an alternate data stream, say
-  NotFound,         // Windows could not say where the file lies
-  LeadsElsewhere,   // a link takes it to a place that is not allowed
-  OpenFolder,       // its WindowsApps folder is not TrustedInstaller's and SYSTEM's
+  NotPlain,         // not a drive, folders and a name, for example an alternate data stream
+  NotFound,         // Windows could not resolve it
+  LeadsElsewhere,   // a link leads to a place that is not allowed
+  OpenFolder,       // its WindowsApps folder does not belong to TrustedInstaller and SYSTEM
 };
 
-// How the path rule came to its answer.
+// The result of the path rule with its reasons.
 struct PathVerdict {
   PathOutcome outcome = PathOutcome::NotExpanded;
-  std::wstring fullPath;                 // the text that the prefixes were compared with
-  std::wstring finalPath;                // where the file lies; empty unless that was asked
+  std::wstring fullPath;                 // the text that was compared with the prefixes
+  std::wstring finalPath;                // where the file really is; empty if it was not resolved
   std::wstring prefix;                   // the expanded prefix that matched; may be empty
-  std::vector<std::wstring> appFolders;  // WindowsApps folders whose access was looked at
+  std::vector<std::wstring> appFolders;  // WindowsApps folders whose access was checked
 };
 
-// The pieces of the trust check. Keeps no state between calls; any thread.
+// The steps of the trust check. Keeps no state between calls; any thread.
 class VxAuthenticodeHelper {
  public:
   VxAuthenticodeHelper();
 
-  // The signatures of one kind whose result is success, untrusted root or expired, in the order of
-  // their index. Empty when there are none or Windows fails, which is logged.
+  // Returns the signatures of one kind whose result is success, untrusted root or expired, in the
+  // order of their index. Returns an empty list if there are none or Windows fails, which is
+  // logged.
   std::vector<SignatureRecord> CollectSignatures(const std::wstring& path,
                                                  SignatureKind kind) const;
 
-  // Whether Windows accepts one of `records`: verified, or expired and otherwise good. An untrusted
-  // root is never enough.
+  // Whether Windows accepts one of `records`, as verified or as expired and otherwise good. An
+  // untrusted root is never enough.
   static bool IsTrustedByWindows(const std::vector<SignatureRecord>& records) noexcept;
 
   // Whether one of `records` was made with a key of `keys`.
   static bool IsKeyPinned(const std::vector<SignatureRecord>& records, KeySet keys) noexcept;
 
-  // Whether the file lies where only administrators put programs: below an allowed prefix, or in a
-  // WindowsApps folder whose access list proves it. Blocks for up to a second per such folder.
+  // Whether the file is in a place where only administrators put programs: below an allowed prefix,
+  // or in a WindowsApps folder whose access list proves it. Blocks for up to a second per such
+  // folder.
   bool IsPathAllowed(const std::wstring& path) const;
 
   // The same decision with its reasons.
@@ -63,7 +65,7 @@ class VxAuthenticodeHelper {
   bool CheckForFullConrolByTrustedInstallAndSystem(const std::wstring& folder) const;
 
   // Opens `path` for reading with read sharing only, so that it cannot be replaced between a trust
-  // check and the start of the program, and logs the outcome. Empty when it cannot be opened.
+  // check and the start of the program, and logs the outcome. Returns null if it cannot be opened.
   Platform::UniqueHandle AquireFileReadOnlyLock(const std::wstring& path) const;
 
  private:

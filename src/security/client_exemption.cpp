@@ -20,7 +20,7 @@ constexpr std::uint32_t kNotEnoughMemory = 8;
 constexpr std::uint32_t kGeneralFailure = 31;
 constexpr std::uint32_t kInvalidParameter = 87;
 
-// The boundary of every slot: nothing thrown may reach the host's compiler.
+// The boundary of every slot. No exception may reach the host, which another compiler built.
 template <typename Question>
 std::uint32_t Answer(std::int32_t* exempt, Question&& question) noexcept {
   try {
@@ -69,7 +69,8 @@ class ExportedExemption final : public Server::Services::VxClientExemption {
           std::make_shared<Win32WithNoVxManifestCheckBasedOnMajorAndMinorVersion>(
               Win32WithNoVxManifestExemptionWhiteList::GetExemption(), client));
       const bool answer = manager.IsWin32Exempt();
-      // The check lowers the name in its record; the record of this caller is its buffer.
+      // The check turns the name in its record to lower case. The record of this caller is its
+      // buffer.
       std::copy(client->executableName.begin(), client->executableName.end(), executableName);
       return answer;
     });

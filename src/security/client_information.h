@@ -1,6 +1,6 @@
 #pragma once
 
-// The exemption classes are exported with the layout of this module's compiler and its library.
+// The exported exemption classes have the layout of this module's compiler and its library.
 #ifdef _MSC_VER
 #error "Use the table of CreateClientExemption, host/client_exemption.h, with this compiler."
 #endif
@@ -8,7 +8,7 @@
 #include <cstdint>
 #include <string>
 
-// Records of client programs. All are values: copyable, no thread of their own.
+// Records of client programs. All are copyable values.
 
 namespace Vx::Tessel::Server {
 

@@ -6,8 +6,8 @@
 
 namespace Vx::Tessel::Security {
 
-// Whether the program that a command line names (its first word) passes IsFileTrusted. A path with
-// blanks must be quoted; an empty or overlong command line is not trusted. Nothing is thrown.
+// Whether the program of a command line (its first word) passes IsFileTrusted. A path with blanks
+// must be quoted. An empty or too long command line is not trusted. Nothing is thrown.
 bool IsCommandLineTrusted(VxAuthenticodeFacadeBase& facade,
                           const std::wstring& commandLine) noexcept;
 

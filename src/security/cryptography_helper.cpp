@@ -29,11 +29,11 @@ std::span<const std::byte> Input(const void* data, std::uint32_t size) {
   return {static_cast<const std::byte*>(data), size};
 }
 
-// Hands `bytes` over in a block of this module's own heap, which slot 4 frees.
+// Copies `bytes` to a block of this module's heap, which slot 4 frees.
 std::uint32_t HandOver(const Bytes& bytes, void** result, std::uint32_t* resultSize) {
   if (!bytes) return bytes.Error();
   if (bytes->size() > std::numeric_limits<std::uint32_t>::max()) return kNotEnoughMemory;
-  // One byte more, so that empty data is a block like any other and not a null pointer.
+  // Allocates one byte more, so that the block of empty data is not a null pointer.
   void* block = std::malloc(bytes->size() + 1);
   if (block == nullptr) return kNotEnoughMemory;
   if (!bytes->empty()) std::memcpy(block, bytes->data(), bytes->size());
@@ -42,7 +42,7 @@ std::uint32_t HandOver(const Bytes& bytes, void** result, std::uint32_t* resultS
   return kSuccess;
 }
 
-// The boundary of every slot: nothing thrown may reach the host's compiler.
+// The boundary of every slot. No exception may reach the host, which another compiler built.
 template <typename Work>
 std::uint32_t Answer(Work&& work) noexcept {
   try {

@@ -7,15 +7,15 @@
 
 namespace Vx::Tessel::Security {
 
-// Clients without the maker's manifest that are tolerated up to a version. Each caller gets a list
-// of its own.
+// Clients without the maker's manifest that are tolerated up to a version. Each call returns a new
+// list.
 
 class UwpWithNoVxManifestExemptionWhiteList {
  public:
   static std::shared_ptr<std::vector<UwpMatchingDescriptor>> GetExemption();
 };
 
-// The names are in lower case, as the checker compares them.
+// The names are in lower case, because the checker compares them so.
 class Win32WithNoVxManifestExemptionWhiteList {
  public:
   static std::shared_ptr<std::vector<Win32MatchingDescriptor>> GetExemption();

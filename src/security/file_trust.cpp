@@ -28,7 +28,8 @@ std::vector<SignatureRecord> AllSignatures(const FileTrust& trust) {
   return all;
 }
 
-// Only signatures that are good enough have the place looked at: it can cost a second.
+// Called only for signatures that are good enough, because the check of the place can take a
+// second.
 void JudgePlace(const VxAuthenticodeHelper& helper, const std::wstring& path, FileTrust& trust) {
   trust.place = helper.JudgePath(path);
   trust.trusted = trust.place->outcome == PathOutcome::Allowed;

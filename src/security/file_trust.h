@@ -10,8 +10,8 @@
 
 namespace Vx::Tessel::Security {
 
-// A trust decision with everything that led to it. The facade answers with `trusted` alone, the
-// development host shows the rest to an operator, so what is explained is what is decided.
+// A trust decision with its reasons. The facade returns only `trusted`, and the development host
+// shows the rest to an operator, so the explanation always belongs to the real decision.
 struct FileTrust {
   bool trusted = false;
   bool pinsConfigured = false;  // the key set is not empty
@@ -19,28 +19,27 @@ struct FileTrust {
   bool keyPinned = false;
   std::vector<SignatureRecord> catalogSignatures;
   std::vector<SignatureRecord> embeddedSignatures;
-  std::optional<PathVerdict> place;  // empty when the decision fell before
+  std::optional<PathVerdict> place;  // empty if the decision was made before
 };
 
-// The decision of IsFileTrusted, against `keys`. An empty path is not trusted. Logs as the facade
-// does; throws only what the standard library throws.
+// The decision of IsFileTrusted against `keys`. An empty path is not trusted. Logs like the facade.
+// Throws only exceptions of the standard library.
 FileTrust JudgeFile(const std::wstring& path, KeySet keys);
 
-// The decision of IsDropboxFileTrusted, which goes by the signer's name: no key is looked at.
+// The decision of IsDropboxFileTrusted, which depends on the signer's name and not on keys.
 FileTrust JudgeDropboxFile(const std::wstring& path);
 
-// One step of a decision, for people.
+// A step of a decision, for display.
 struct TrustStep {
   bool passed = false;
   std::wstring text;
 };
 
-// `trust` step by step, in the order of the decision, ending with the verdict or, without
-// pinned keys, with their absence.
+// The steps of `trust` in order. The last is the verdict or, without pinned keys, their absence.
 std::vector<TrustStep> Explain(const FileTrust& trust, KeySet keys);
 
-// The public keys of all signatures of a file that Windows can read, each once, in the form in
-// which keys are pinned. Says nothing about whether they should be.
+// The public keys of all signatures of a file that Windows can read, without duplicates, in the
+// form in which keys are pinned. Does not judge whether they should be pinned.
 std::vector<std::string> PublicKeysOf(const std::wstring& path);
 
 }  // namespace Vx::Tessel::Security

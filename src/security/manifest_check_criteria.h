@@ -8,7 +8,7 @@
 
 namespace Vx::Tessel::Security {
 
-// Decides whether one client may do without the maker's manifest.
+// Decides whether a client may lack the maker's manifest.
 class IClientWithNoVxManifestCheckCriteria {
  public:
   IClientWithNoVxManifestCheckCriteria() = default;
@@ -20,8 +20,8 @@ class IClientWithNoVxManifestCheckCriteria {
   virtual bool IsAnException() = 0;
 };
 
-// Exempt is a packaged client whose family name is listed, letter case included, with a version
-// that is not below the client's. A missing list or record, or an empty list, exempts nobody.
+// Exempts a packaged client whose family name is listed, in the same letter case, with at least the
+// client's version. Without a list or a record, or with an empty list, no client is exempt.
 class UwpWithNoVxManifestCheckBasedOnMajorAndMinorVersion final
     : public IClientWithNoVxManifestCheckCriteria {
  public:
@@ -36,8 +36,8 @@ class UwpWithNoVxManifestCheckBasedOnMajorAndMinorVersion final
   std::shared_ptr<Server::Uwp::UwpInformation> caller;
 };
 
-// The same for a desktop client by its executable's name, in any letter case: asking turns the name
-// in the shared record to lower case, and it stays so. One thread at a time per record.
+// The same for a desktop client by the name of its executable, in any letter case. The check turns
+// the name in the shared record to lower case permanently. One thread at a time per record.
 class Win32WithNoVxManifestCheckBasedOnMajorAndMinorVersion final
     : public IClientWithNoVxManifestCheckCriteria {
  public:

@@ -6,8 +6,8 @@
 
 namespace Vx::Tessel::Security {
 
-// How a row of a white list is meant to be compared. The checkers by version compare names and
-// versions whatever it says; it is there for checkers of other kinds.
+// How a row of a white list is compared. The version checkers ignore it. It is meant for other
+// checkers.
 struct MatchingDescriptor {
   enum class Operation {
     regex,

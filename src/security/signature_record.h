@@ -10,18 +10,18 @@
 
 namespace Vx::Tessel::Security {
 
-// `der` as keys are compared: two lower-case hexadecimal digits per byte, single blanks between the
-// bytes, none at either end.
+// Returns `der` in the form in which keys are compared: two lower-case hexadecimal digits per byte,
+// with single blanks between the bytes.
 std::string FormatPublicKey(std::span<const std::byte> der);
 
-// One signature of a file, or a row of a signer table (then with an empty key and a zero result).
+// A signature of a file, or a row of a signer table, which has an empty key and a zero result.
 struct SignatureRecord {
   std::string public_key;         // in the form of FormatPublicKey
-  std::int32_t trust_result = 0;  // of WinVerifyTrust for this signature
+  std::int32_t trust_result = 0;  // result of WinVerifyTrust for this signature
   Platform::SignerNames names;
 };
 
-// The signers of programs of other makers. Only the first is consulted, by IsDropboxFileTrusted.
+// The signers of programs of other makers. Only IsDropboxFileTrusted uses one of them, the first.
 std::vector<SignatureRecord> DropboxSigners();
 std::vector<SignatureRecord> VexmoorSigners();
 std::vector<SignatureRecord> MicrosoftSigners();

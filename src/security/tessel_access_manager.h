@@ -7,19 +7,20 @@
 
 namespace Vx::Tessel::Security {
 
-// A question that cannot be answered yet. Copying it cannot fail, as its base promises.
+// Thrown when no checker is set. Copying it cannot fail, as its base promises.
 class tessel_access_exception : public std::runtime_error {
  public:
   explicit tessel_access_exception(const char* message);
 };
 
-// Asks the checker of each kind of client. Not synchronised: set the checkers first, then ask.
+// Calls the checker of each kind of client. Not synchronised: set the checkers before the first
+// call.
 class TesselAccessManager {
  public:
   void SetUwpChecker(std::shared_ptr<IClientWithNoVxManifestCheckCriteria> checker);
   void SetWin32Checker(std::shared_ptr<IClientWithNoVxManifestCheckCriteria> checker);
 
-  // Both throw tessel_access_exception while no checker of the kind is set.
+  // Both throw tessel_access_exception if the checker of that kind is not set.
   bool IsUwpExempt();
   bool IsWin32Exempt();
 

@@ -4,7 +4,7 @@
 
 namespace Vx::Platform {
 
-// The real capabilities, one object each, made at the first call and never destroyed.
+// The real capabilities, one object each, constructed at the first call.
 ApiSets& WindowsApiSets();
 AppServices& WindowsAppServices();
 Clock& WindowsClock();

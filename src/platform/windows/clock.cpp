@@ -11,7 +11,7 @@ namespace Vx::Platform {
 
 namespace {
 
-// The longest single wait: INFINITE itself would mean "no limit".
+// The longest single wait, because INFINITE itself means "no limit".
 constexpr std::int64_t kLongestWait = INFINITE - 1;
 constexpr std::int64_t kTicksPerMillisecond = 10'000;  // FILETIME units
 
@@ -54,14 +54,14 @@ class RealClock final : public Clock {
   ErrorCode SetTimer(RawHandle timer, Duration due) override {
     constexpr std::int64_t kLongestDue =
         std::numeric_limits<std::int64_t>::max() / kTicksPerMillisecond;
-    LARGE_INTEGER relative;  // negative: from now
+    LARGE_INTEGER relative;  // negative means from now
     relative.QuadPart =
         -std::clamp<std::int64_t>(due.count(), 0, kLongestDue) * kTicksPerMillisecond;
     if (SetWaitableTimer(timer, &relative, 0, nullptr, nullptr, FALSE) == 0) return GetLastError();
     return 0;
   }
 
-  // Nothing depends on where the workers of the real machine are.
+  // The real clock does not depend on its workers.
   void WorkerStarting() override {}
   void WorkerEnded() override {}
 

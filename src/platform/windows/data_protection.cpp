@@ -15,7 +15,7 @@ namespace {
 
 using Bytes = std::vector<std::byte>;
 
-// The call takes its input through a pointer to non-const, but only reads it.
+// The call takes a pointer to non-const but only reads its input.
 DATA_BLOB BlobOf(std::span<const std::byte> bytes) {
   auto* data = const_cast<std::byte*>(bytes.data());
   return {static_cast<DWORD>(bytes.size()), reinterpret_cast<BYTE*>(data)};

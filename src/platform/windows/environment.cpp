@@ -21,12 +21,12 @@ struct BlockDestroyer {
 
 using Text = Result<std::wstring>;
 
-// Longest text that a counted string of Windows holds, terminator included. One emulator expands
-// the beginning of a longer one and answers that all is well.
+// Longest text that a counted string of Windows holds, including the terminator. Wine expands the
+// beginning of a longer one and reports success.
 constexpr std::size_t kMaxText = 32767;
 
-// The expansion in `buffer`, whose last element stays zero only when the call left room. One
-// emulator answers "done" for a buffer that was too small, so the answer alone proves nothing.
+// Returns the expansion in `buffer`. The last element stays zero only if the call had enough room.
+// Wine reports success for a buffer that was too small, so the result alone proves nothing.
 Text TextIn(const std::vector<wchar_t>& buffer, std::size_t maxChars) {
   const auto end = std::find(buffer.begin(), buffer.end(), L'\0');
   const auto length = static_cast<std::size_t>(end - buffer.begin());
@@ -65,14 +65,14 @@ class RealEnvironment final : public Environment {
     const auto* first = static_cast<const wchar_t*>(raw);
     const wchar_t* end = first;
     while (*end != L'\0') end += std::wcslen(end) + 1;
-    // An empty block is two zeroes, as a filled one ends in two.
+    // An empty block is two zeroes, because a filled one ends in two.
     std::vector<wchar_t> block(static_cast<std::size_t>(end - first) + (end == first ? 2 : 1));
     std::copy(first, end, block.begin());
     return block;
   }
 
  private:
-  // One element more than the caller allows: what fills it was too long.
+  // One element more than the caller allows. A text that fills it was too long.
   static std::size_t Room(std::size_t maxChars) {
     return std::min<std::size_t>(maxChars, std::numeric_limits<DWORD>::max() - 1) + 1;
   }

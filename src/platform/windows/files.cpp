@@ -19,9 +19,9 @@ namespace {
 
 using Bytes = std::vector<std::byte>;
 
-// What the system's directory search takes for a pattern; the last three are its DOS forms.
+// Wildcards of the system's directory search. The last three are their DOS forms.
 constexpr wchar_t kWildcards[] = L"*?<>\"";
-// Switches path parsing off, and holds a question mark of its own.
+// Turns path parsing off. Contains a question mark that is not a wildcard.
 constexpr std::wstring_view kVerbatimPrefix = L"\\\\?\\";
 
 constexpr DWORD kReadStep = 1U << 30;
@@ -45,7 +45,7 @@ bool HasWildcard(std::wstring_view path) {
   return path.find_first_of(kWildcards) != std::wstring_view::npos;
 }
 
-// Feeds the rest of `file` to `hash`; zero or the error.
+// Feeds the rest of `file` to `hash`. Returns zero or the error.
 ErrorCode HashContent(RawHandle file, BCRYPT_HASH_HANDLE hash) {
   std::vector<UCHAR> piece(kHashStep);
   for (;;) {
@@ -71,14 +71,14 @@ void LookUpAccount(PSID sid, AccessEntry& entry) {
                         &use) == FALSE) {
     return;
   }
-  // On success both lengths leave out the terminator.
+  // On success both lengths exclude the terminator.
   name.resize(nameLength);
   domain.resize(domainLength);
   entry.accountName = std::move(name);
   entry.accountDomain = std::move(domain);
 }
 
-// `call(buffer, size)` answers the length without the terminator, or the size it needs, or zero.
+// `call(buffer, size)` returns the length without the terminator, the size that it needs, or zero.
 template <typename Call>
 Result<std::wstring> SizedText(Call call) {
   std::wstring text(MAX_PATH, L'\0');
@@ -124,7 +124,8 @@ class RealFiles final : public Files {
   }
 
   Result<Bytes> Read(const std::wstring& path, std::size_t maxBytes) const override {
-    // Writers of the same file are kept apart by its users; whoever only looks does not block them.
+    // Shares writing: the users of the file keep its writers apart, and a reader must not block
+    // them.
     const UniqueHandle file =
         AdoptFile(CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE,
                               nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
@@ -143,7 +144,7 @@ class RealFiles final : public Files {
       if (ReadFile(file.get(), content.data() + filled, wanted, &got, nullptr) == 0) {
         return Result<Bytes>::Failure(GetLastError());
       }
-      if (got == 0) break;  // somebody cut the file meanwhile
+      if (got == 0) break;  // another process cut the file meanwhile
       filled += got;
     }
     content.resize(filled);

@@ -16,7 +16,8 @@ namespace Vx::Platform {
 namespace {
 
 // Keeps the process's multithreaded apartment alive. The threads that use a catalog enter and leave
-// it one operation at a time, and with the last of them the apartment would take the catalog along.
+// the apartment per operation. Without this object the apartment would end with the last of them
+// and destroy the catalog.
 class MultithreadedApartmentUsage {
  public:
   MultithreadedApartmentUsage() { Check(CoIncrementMTAUsage(&cookie), L"CoIncrementMTAUsage"); }
@@ -55,8 +56,8 @@ class Uninstall final : public PackageUninstall {
   Abi::IPackageUninstallingEventArgs& arguments;
 };
 
-// One handler. Shared with the delegate that the system holds, which can outlive the removal: a
-// notification that is under way then still has a handler to run in, a later one finds it closed.
+// A handler. Shared with the delegate, which the system may hold after the removal: a running
+// notification still has its handler, and a later one finds it closed.
 struct Subscription {
   PackageCatalog::UninstallingHandler handler;
   std::atomic<bool> closed{false};
@@ -98,7 +99,7 @@ class WindowsPackageCatalog final : public PackageCatalog {
                        Abi::IPackageUninstallingEventArgs* arguments) noexcept -> HRESULT {
           return subscription->Notify(arguments);
         });
-    // The entry is made before the system knows the handler, so that nothing can fail once it does.
+    // Allocates the entry before the system knows the handler, so that nothing can fail afterwards.
     SubscriptionMap entry;
     entry.emplace(0, std::move(subscription));
     Abi::EventToken token;
@@ -123,7 +124,7 @@ class WindowsPackageCatalog final : public PackageCatalog {
  private:
   using SubscriptionMap = std::map<Token, std::shared_ptr<Subscription>>;
 
-  // Closing comes first: should the system refuse to let go, it calls into nothing.
+  // Closes first. If the system does not remove the handler, its calls do nothing.
   void Remove(Token token, Subscription& subscription) const noexcept {
     subscription.closed.store(true);
     const Abi::Apartment apartment;

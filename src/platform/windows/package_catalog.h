@@ -6,7 +6,7 @@
 
 namespace Vx::Platform {
 
-// Opens the catalog of the user whom the calling thread acts as. Throws WindowsRuntimeError.
+// Opens the catalog of the user that the calling thread acts as. Throws WindowsRuntimeError.
 std::shared_ptr<PackageCatalog> OpenWindowsPackageCatalog();
 
 }  // namespace Vx::Platform

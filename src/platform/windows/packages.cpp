@@ -28,7 +28,8 @@ constexpr std::uint32_t kFamilyFilter =
 
 constexpr std::uint32_t kInformationBasic = 0;
 
-// PACKAGE_ID: two 32-bit members lie before the version, whose 64 bits have major highest.
+// PACKAGE_ID has two 32-bit members before the version, which has major in the highest of its 64
+// bits.
 constexpr std::size_t kVersionOffset = 8;
 
 std::uint32_t Status(long code) {
@@ -63,7 +64,8 @@ std::vector<std::wstring> FullNamesOf(const Abi::ComPtr<Abi::IPackageIterable>& 
   return names;
 }
 
-// Reads the deployment's own report, as far as it gives one: a failed operation may refuse it.
+// Reads the deployment's own report as far as possible, because a failed operation may not return
+// one.
 void ReadReport(Abi::IDeploymentOperation& operation, PackageRegistration& registration) {
   Abi::ComPtr<Abi::IDeploymentResult> report;
   const HRESULT read = operation.GetResults(report.Receive());
@@ -235,7 +237,7 @@ AppModelFunctions ResolveAppModel() noexcept {
   constexpr wchar_t kKernel32[] = L"kernel32.dll";
   return {SystemFunction<Functions::FindByFamily>(kKernel32, "FindPackagesByPackageFamily"),
           SystemFunction<Functions::PathByFullName>(kKernel32, "GetPackagePathByFullName"),
-          // This one is not forwarded by kernel32.
+          // kernel32 does not forward this one.
           SystemFunction<Functions::StagedOrigin>(L"kernelbase.dll", "GetStagedPackageOrigin"),
           SystemFunction<Functions::IdFromFullName>(kKernel32, "PackageIdFromFullName")};
 }

@@ -7,7 +7,7 @@
 
 namespace Vx::Platform {
 
-// The application-model functions that are looked up at run time; one that this Windows lacks is
+// Application-model functions that are looked up at run time. A function that this Windows lacks is
 // null. The signatures are those of appmodel.h.
 struct AppModelFunctions {
   using FindByFamily = long __stdcall(const wchar_t* family, std::uint32_t filters,
@@ -26,13 +26,13 @@ struct AppModelFunctions {
   IdFromFullName* packageIdFromFullName = nullptr;
 };
 
-// Those of this Windows. Does not load anything.
+// Returns the functions of this Windows. Does not load anything.
 AppModelFunctions ResolveAppModel() noexcept;
 
-// The packages of this Windows, with the queries over `functions`. A query whose function is null
-// fails with ERROR_PROC_NOT_FOUND. The operations of the package manager enter and leave the apartment
-// of their thread; their errors have the step's name as message, and the code is REGDB_E_CLASSNOTREG
-// where this Windows has no package manager.
+// Returns the packages of this Windows, with the queries over `functions`. A query whose function
+// is null fails with ERROR_PROC_NOT_FOUND. The operations of the package manager enter and leave
+// the apartment of their thread. Their errors have the name of the step as message, and the code
+// REGDB_E_CLASSNOTREG where this Windows has no package manager.
 std::unique_ptr<Packages> MakeWindowsPackages(const AppModelFunctions& functions);
 
 }  // namespace Vx::Platform

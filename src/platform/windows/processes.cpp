@@ -19,18 +19,18 @@ constexpr DWORD kCreationFlags =
     CREATE_NEW_CONSOLE | NORMAL_PRIORITY_CLASS | CREATE_UNICODE_ENVIRONMENT;
 static_assert(kCreationFlags == 0x430);
 
-// With the terminator. Windows refuses more; one emulator cuts it silently, and a program that runs
-// with half of its arguments is worse than one that does not run.
+// Including the terminator. Windows fails for a longer one. Wine cuts it silently, and a program
+// that runs with half of its arguments is worse than one that does not run.
 constexpr std::size_t kLongestCommandLine = 32'767;
 
-// Longest path in the kernel's form.
+// Longest path in the form of the kernel.
 constexpr DWORD kLongestPath = 32'768;
 
 bool EndsEnvironment(const std::vector<wchar_t>& block) {
   return block.size() >= 2 && block[block.size() - 1] == L'\0' && block[block.size() - 2] == L'\0';
 }
 
-// Zero, or why `start` must not reach the system.
+// Zero, or the reason why `start` must not be passed to the system.
 ErrorCode Refusal(const ProcessStart& start) {
   if (!IsFullPath(start.application)) return ERROR_BAD_PATHNAME;
   if (start.commandLine.size() >= kLongestCommandLine) return ERROR_FILENAME_EXCED_RANGE;
@@ -46,7 +46,7 @@ class RealProcesses final : public Processes {
     using Id = Result<std::uint32_t>;
     if (const ErrorCode error = Refusal(start); error != 0) return Id::Failure(error);
 
-    std::wstring commandLine = start.commandLine;  // the call may write into it
+    std::wstring commandLine = start.commandLine;  // the call may write to it
     std::vector<wchar_t> environment = start.environment;
     void* block = environment.empty() ? nullptr : environment.data();
     const wchar_t* folder =
@@ -83,8 +83,8 @@ class RealProcesses final : public Processes {
   std::optional<std::wstring> ImagePath(std::uint32_t id) const override {
     const UniqueHandle process(OpenProcess(PROCESS_QUERY_INFORMATION | PROCESS_VM_READ, FALSE, id));
     if (process == nullptr) return std::nullopt;
-    // The kernel's own record. The list of modules lies in the process's memory, where the process
-    // itself could change its name.
+    // Reads the kernel's record. The list of modules is in the memory of the process, which could
+    // change its name there.
     std::wstring path(kLongestPath, L'\0');
     DWORD length = kLongestPath;
     if (QueryFullProcessImageNameW(process.get(), 0, path.data(), &length) == FALSE) {

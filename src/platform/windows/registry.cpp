@@ -13,9 +13,9 @@ namespace Vx::Platform {
 
 namespace {
 
-// Far above any value that is read here; whoever may write the key could store more.
+// Far above the size of any value that is read here. A writer of the key could store more.
 constexpr DWORD kLargestValue = 1U << 20;
-// A value can grow between the question for its size and the read.
+// A value can grow between the query of its size and the read.
 constexpr int kAttempts = 3;
 
 struct KeyCloser {
@@ -75,7 +75,7 @@ Registry& WindowsRegistry() {
 }
 
 std::wstring TextOf(const RegistryValue& value) {
-  // Stored values may lack the terminator or end in half a character.
+  // A stored value may lack the terminator or end in half a character.
   std::wstring text(value.data.size() / sizeof(wchar_t), L'\0');
   if (!text.empty()) std::memcpy(text.data(), value.data.data(), text.size() * sizeof(wchar_t));
   text.resize(std::wcslen(text.c_str()));

@@ -56,12 +56,12 @@ constexpr DWORD kEncoding = X509_ASN_ENCODING | PKCS_7_ASN_ENCODING;
 
 LONG VerifyTrust(TrustData& data) {
   GUID action = WINTRUST_ACTION_GENERIC_VERIFY_V2;
-  // With this window, unlike with a null one, no policy provider may ask anybody anything.
+  // With this window, unlike a null one, no policy provider may prompt.
   return WinVerifyTrust(static_cast<HWND>(INVALID_HANDLE_VALUE), &action, &data);
 }
 
-// One verification. What it opened is closed by the second call on every path, a failed
-// verification included, because that leaves state behind too.
+// One verification. The second call closes its state on every path. A failed verification has state
+// too.
 class Verification {
  public:
   Verification(DWORD unionChoice, const void* subject, DWORD index)
@@ -95,7 +95,7 @@ class Verification {
   LONG TrustResult() const { return result; }
   DWORD SecondaryCount() const { return settings.secondarySignatures; }
 
-  // The certificate of the signer, owned by this verification; null when the state names none.
+  // The certificate of the signer, owned by this verification. Null if the state names none.
   const CERT_CONTEXT* SignerCertificate() const {
     if (data.stateData == nullptr) return nullptr;
     CRYPT_PROVIDER_DATA* provider = WTHelperProvDataFromStateData(data.stateData);
@@ -112,8 +112,8 @@ class Verification {
   LONG result;
 };
 
-// The length that Windows reports counts, not a terminator: a NUL inside a name must not make it
-// equal to a shorter one.
+// Uses the length that Windows reports and not a terminator, so that a NUL inside a name does not
+// make it equal to a shorter one.
 std::wstring Attribute(const CERT_CONTEXT* certificate, DWORD flags, const char* attribute) {
   std::string type(attribute);
   const DWORD length =
@@ -135,8 +135,8 @@ std::wstring NameText(CERT_NAME_BLOB name) {
   return text;
 }
 
-// Whether the encoded name can be taken apart at all. The calls that read one attribute give the
-// same empty text for "not there" and "not readable".
+// Whether the encoded name can be parsed at all. The calls that read one attribute return the same
+// empty text for an absent and an unreadable one.
 bool IsReadable(const CERT_NAME_BLOB& name) {
   DWORD size = 0;
   return CryptDecodeObject(kEncoding, X509_NAME, name.pbData, name.cbData, 0, nullptr, &size) !=

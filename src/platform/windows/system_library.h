@@ -6,10 +6,10 @@
 
 namespace Vx::Platform {
 
-// The function `name` of a library that is certainly loaded, as one of every process's (ntdll,
-// kernel32, kernelbase) or as an import of this module; null where this Windows lacks it. For
-// functions that no import may name: a static import that is absent keeps the whole module from
-// loading.
+// Returns the function `name` of a library that is always loaded: ntdll, kernel32 and kernelbase by
+// every process, others as an import of this module. Returns null if this Windows lacks the
+// function. For functions that must not be imported statically, because the whole module does not
+// load if a static import is absent.
 template <typename Function>
 Function* SystemFunction(const wchar_t* loadedLibrary, const char* name) noexcept {
   const HMODULE library = GetModuleHandleW(loadedLibrary);
@@ -17,8 +17,8 @@ Function* SystemFunction(const wchar_t* loadedLibrary, const char* name) noexcep
   return reinterpret_cast<Function*>(reinterpret_cast<void*>(GetProcAddress(library, name)));
 }
 
-// Whether `path` names a place by itself, so that neither a search nor the current folder can
-// decide what is loaded or started.
+// Whether `path` is complete, so that neither a search nor the current folder decides what is
+// loaded or started.
 inline bool IsFullPath(std::wstring_view path) noexcept {
   const auto separates = [](wchar_t c) { return c == L'\\' || c == L'/'; };
   if (path.find(L'\0') != std::wstring_view::npos) return false;

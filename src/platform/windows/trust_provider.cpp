@@ -26,7 +26,7 @@ namespace {
 
 constexpr wchar_t kCatalogHash[] = L"SHA256";
 
-// The calls that know SHA-256, which no import library of this toolchain has.
+// These calls support SHA-256. No import library of this toolchain has them.
 using AcquireContext2 = BOOL WINAPI(HCATADMIN*, const GUID*, PCWSTR, const CERT_STRONG_SIGN_PARA*,
                                     DWORD);
 using CalcHash2 = BOOL WINAPI(HCATADMIN, HANDLE, DWORD*, BYTE*, DWORD);
@@ -39,10 +39,10 @@ struct CatalogAdminCloser {
 
 using AdminHandle = std::unique_ptr<void, CatalogAdminCloser>;
 
-// A context for the signed catalogs of Windows and of drivers, and the hash it searches them by.
+// A context for the signed catalogs of Windows and of drivers, and the hash that it searches by.
 struct CatalogAdmin {
   AdminHandle handle;
-  bool sha256 = false;  // else the hash of the older calls, SHA-1
+  bool sha256 = false;  // otherwise the SHA-1 of the older calls
 };
 
 // Falls back to the older call where the newer one is missing or, as under Wine, not implemented.
@@ -62,7 +62,7 @@ Result<CatalogAdmin> OpenCatalogs() {
   return CatalogAdmin{.handle = AdminHandle(admin), .sha256 = false};
 }
 
-// The hash by which `admin` finds `file`, which is open for reading. Reads the whole file.
+// Returns the hash by which `admin` finds `file`, which is open for reading. Reads the whole file.
 Result<std::vector<std::byte>> CatalogHashOf(const CatalogAdmin& admin, HANDLE file) {
   using Bytes = Result<std::vector<std::byte>>;
   auto* calc2 = SystemFunction<CalcHash2>(kWintrust, "CryptCATAdminCalcHashFromFileHandle2");
@@ -98,7 +98,7 @@ std::wstring MemberTag(const std::vector<std::byte>& hash) {
   return tag;
 }
 
-// The full path of the first catalog that has a member of this hash.
+// Returns the full path of the first catalog that has a member of this hash.
 Result<std::wstring> CatalogOf(const CatalogAdmin& admin, std::vector<std::byte>& hash) {
   using Text = Result<std::wstring>;
   HCATINFO found =
@@ -147,7 +147,7 @@ class WindowsTrust final : public TrustProvider {
   }
 
   SignatureVerdict VerifyInCatalog(const CatalogHit& catalog, std::uint32_t index) const override {
-    // The verification needs the context to know which hash the catalog is searched by.
+    // The verification needs the context to know by which hash the catalog is searched.
     const auto admin = OpenCatalogs();
     std::vector<std::byte> hash = catalog.hash;
     WINTRUST_CATALOG_INFO info{};

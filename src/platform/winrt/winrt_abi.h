@@ -6,17 +6,17 @@
 #include <windows.h>
 #include <winstring.h>
 
-// The Windows Runtime interfaces that this system talks to, as Windows lays them out: slots 0 to 5
-// are IUnknown's and IInspectable's, the members below follow in the order of their slots, up to
-// the last one that somebody calls. Every HSTRING or interface that a method puts out is owned by
-// the caller. Declared by hand, for the compiler's own headers lack most of them and have several
-// of the generic ones wrong (a four-byte boolean, a wrong identifier).
+// The Windows Runtime interfaces that this system uses, in Windows' layout. Slots 0 to 5 belong to
+// IUnknown and IInspectable. The members below follow in the order of their slots, up to the last
+// one in use. The caller owns every HSTRING and interface that a method returns. Declared by hand
+// because the compiler's headers lack most of them and have several of the generic ones wrong (a
+// four-byte boolean, a wrong identifier).
 
-// A destructor that these warnings ask for would take a slot of its own.
+// The destructor that these warnings ask for would take a slot.
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wnon-virtual-dtor"
 
-// A member that nobody calls, and so without its parameters: it holds its place.
+// A member without a caller, and so without parameters. It only holds its slot.
 #define VX_PLACE(name)                       \
   virtual HRESULT STDMETHODCALLTYPE name() { \
     return E_NOTIMPL;                        \
@@ -24,7 +24,8 @@
 
 namespace Vx::Abi {
 
-using Boolean = unsigned char;  // one byte, so start it at zero: nothing clears the bytes beside it
+using Boolean =
+    unsigned char;  // one byte; initialise it, because the call does not clear the bytes beside it
 
 struct EventToken {
   std::int64_t value = 0;
@@ -55,7 +56,7 @@ struct IAsyncInfo : IInspectable {
 template <typename T>
 struct IAsyncOperation;
 
-// A delegate: no IInspectable, Invoke is slot 3.
+// A delegate has no IInspectable, so Invoke is slot 3.
 template <typename T>
 struct IAsyncOperationCompletedHandler : IUnknown {
   using Sender = IAsyncOperation<T>*;

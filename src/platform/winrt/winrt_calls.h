@@ -16,14 +16,14 @@ inline void Check(HRESULT result, const wchar_t* call) {
   if (FAILED(result)) throw WindowsRuntimeError(result, call);
 }
 
-// For calls that can return success and no object, which then counts as E_UNEXPECTED.
+// For calls that can return success without an object, which then counts as E_UNEXPECTED.
 template <typename T>
 void CheckMade(HRESULT result, const Abi::ComPtr<T>& object, const wchar_t* call) {
   Check(result, call);
   if (!object) throw WindowsRuntimeError(E_UNEXPECTED, call);
 }
 
-// Enters the multithreaded apartment for a scope; throws when the thread may not.
+// Enters the multithreaded apartment for a scope. Throws if the thread may not.
 class ApartmentScope {
  public:
   ApartmentScope() { Check(apartment.Result(), L"RoInitialize"); }
@@ -34,7 +34,7 @@ class ApartmentScope {
 
 Abi::HString MakeString(std::wstring_view text);
 
-// Makes an object of a class that needs no arguments and asks it for T.
+// Creates an object of a class that needs no arguments and returns its interface T.
 template <typename T>
 Abi::ComPtr<T> Activate(const wchar_t* className) {
   Abi::ComPtr<IInspectable> made;
@@ -77,7 +77,7 @@ AsyncOutcome Await(const Abi::ComPtr<Operation>& operation, Clock::Duration limi
   using Handler = typename Operation::Handler;
   Abi::ComPtr<Abi::IAsyncInfo> info;
   Check(Abi::Query(operation, info), L"IAsyncInfo");
-  // Shared with the handler, which the system may still call after the wait was given up.
+  // Shared with the handler, because the system may still call it after the wait has ended.
   const SharedHandle completed = Detail::MakeCompletionEvent();
   const auto handler = Abi::MakeDelegate<Handler>(
       [completed](typename Handler::Sender, typename Handler::Argument) noexcept -> HRESULT {

@@ -13,7 +13,7 @@ namespace Vx::Abi {
 
 using Platform::ComPtr;
 
-// Asks `object` for another of its interfaces.
+// Queries `object` for another of its interfaces.
 template <typename From, typename To>
 HRESULT Query(const ComPtr<From>& object, ComPtr<To>& other) noexcept {
   return object->QueryInterface(IidOf<To>(), reinterpret_cast<void**>(other.Receive()));
@@ -30,7 +30,7 @@ class HString {
   }
   ~HString() { WindowsDeleteString(handle); }
 
-  // Becomes a copy of `text`, or stays as it is on failure.
+  // Copies `text`. Keeps its content on failure.
   HRESULT Assign(std::wstring_view text) noexcept {
     HSTRING copy = nullptr;
     const HRESULT result =
@@ -46,7 +46,7 @@ class HString {
 
   HSTRING Get() const noexcept { return handle; }
 
-  // Lives as long as this object keeps the string.
+  // Valid while this object keeps the string.
   std::wstring_view View() const noexcept {
     std::uint32_t length = 0;
     const wchar_t* text = WindowsGetStringRawBuffer(handle, &length);
@@ -57,8 +57,8 @@ class HString {
   HSTRING handle = nullptr;
 };
 
-// The calling thread in the multithreaded apartment for the life of this object. A thread that is
-// in another apartment already stays there, and is then not taken out of it at the end.
+// Keeps the calling thread in the multithreaded apartment for the life of this object. A thread
+// that is already in another apartment stays there, also at the end.
 class Apartment {
  public:
   Apartment() noexcept : result(RoInitialize(RO_INIT_MULTITHREADED)) {}
@@ -68,7 +68,7 @@ class Apartment {
     if (SUCCEEDED(result)) RoUninitialize();
   }
 
-  // What the thread was told; S_OK for one that was in another apartment before.
+  // The result of entering. S_OK for a thread that was already in another apartment.
   HRESULT Result() const noexcept { return result == RPC_E_CHANGED_MODE ? S_OK : result; }
 
  private:
@@ -76,11 +76,11 @@ class Apartment {
 };
 
 #pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wnon-virtual-dtor"  // the base's slots are Windows' to decide
+#pragma GCC diagnostic ignored "-Wnon-virtual-dtor"  // Windows defines the slots of the base
 
-// A delegate that runs `callable(sender, argument)`, which answers an HRESULT and does not throw.
-// Called on whatever thread the system likes (it says that it is agile, so nothing is marshalled).
-// The callable dies with the last reference, which the system may hold longer than the maker.
+// A delegate that runs `callable(sender, argument)`, which returns an HRESULT and does not throw.
+// The system calls it on any thread. It is agile, so calls are not marshalled. The callable is
+// destroyed with the last reference, which the system may hold for longer than the creator.
 template <typename Interface, typename Callable>
 class Delegate final : public Interface {
  public:
@@ -121,7 +121,7 @@ class Delegate final : public Interface {
 
 #pragma GCC diagnostic pop
 
-// A new delegate with one reference, the result's.
+// Returns a new delegate with one reference, which the caller owns.
 template <typename Interface, typename Callable>
 ComPtr<Interface> MakeDelegate(Callable callable) {
   return ComPtr<Interface>(new Delegate<Interface, Callable>(std::move(callable)));
