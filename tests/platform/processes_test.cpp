@@ -19,7 +19,7 @@ class ProcessesTest : public testing::Test {
   Processes& processes = *CurrentMachine().processes;
   Tests::TempFolder folder;
   std::wstring report = folder / L"report.txt";
-  // A start of the probe that reports to `report`.
+  // Returns a start of the probe that reports to `report`.
   ProcessStart probe{.application = Tests::ProbePath(),
                      .commandLine = L"probe \"" + report + L"\" ",
                      .workingDirectory = {},

@@ -102,7 +102,7 @@ bool ModuleGoes() {
   return false;
 }
 
-// Loads the module, lets go of it while a worker of its own runs, and then lets the worker end.
+// Loads the module, releases it while one of its workers runs, and then lets the worker end.
 void UseModuleOnce() {
   const UniqueHandle go(CreateEventW(nullptr, TRUE, FALSE, nullptr));
   const UniqueHandle done(CreateEventW(nullptr, TRUE, FALSE, nullptr));
@@ -130,8 +130,8 @@ TEST(UnloadedModuleTest, StaysUntilItsThreadHasEndedAndLeavesNoThreadSlot) {
   UseModuleOnce();
   const DWORD before = NextThreadSlot();
   for (DWORD i = 0; i < kLoads; ++i) UseModuleOnce();
-  // The thread library that is linked into each module keeps one slot a load; ours would be
-  // another.
+  // The thread library that is linked into each module keeps one slot per load. A slot of ours
+  // would be another one.
   EXPECT_LE(NextThreadSlot(), before + kLoads);
 }
 

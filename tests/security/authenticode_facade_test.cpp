@@ -6,7 +6,7 @@
 #include "support/log_capture.h"
 #include "support/test_pki.h"
 
-// On real signatures, files and folders. Keys are those of the test authority.
+// Uses real signatures, files and folders. The keys are those of the test authority.
 
 namespace Vx::Tessel::Security {
 
@@ -18,7 +18,7 @@ using Tests::PkiFile;
 
 constexpr wchar_t kPinned[] = L"pinned.exe";
 
-// Answers to the three questions in one word: general, restricted, Dropbox.
+// The results of the three operations in one text: general, restricted, Dropbox.
 std::string TrustOf(const std::wstring& path) {
   VxAuthenticodeFacade facade;
   std::string answers;
@@ -109,8 +109,8 @@ TEST(Explain, TellsTheStepsOfTheDecisionAndEndsWithTheVerdict) {
   }
 }
 
-// The emulator shows the first signature in the place of the second one, so that only the number
-// can be looked at here.
+// Wine verifies the first signature instead of the second one, so this test can only check the
+// number.
 TEST(JudgeFile, LooksAtBothSignaturesOfAFile) {
   EXPECT_EQ(JudgeFile(PkiFile(L"dual.exe"), GeneralKeys()).embeddedSignatures.size(), 2U);
 }

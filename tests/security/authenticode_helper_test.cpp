@@ -45,7 +45,7 @@ constexpr auto kNoSignature = Code(0x800B0100);
 constexpr std::uint32_t kGenericAll = 0x10000000;
 constexpr std::uint32_t kFullControl = 0x1F01FF;
 
-// What the emulator lacks: several signatures, catalogs, and results that depend on a chain.
+// What Wine lacks: several signatures, catalogs, and results that depend on a chain.
 class FakeTrust : public Platform::TrustProvider {
  public:
   SignatureVerdict VerifyEmbedded(const std::wstring& path, std::uint32_t index) const override {
@@ -76,15 +76,15 @@ class FakeTrust : public Platform::TrustProvider {
   }
 };
 
-// Access lists as Windows keeps them. Paths are resolved by the real thing unless `finalPaths` has
-// them.
+// Access lists in the form of Windows. Other paths than those in `finalPaths` are resolved for
+// real.
 class FakePlaces : public Simulator::SimulatedFiles {
  public:
   Result<std::wstring> FinalPath(const std::wstring& path) const override {
     const auto found = finalPaths.find(path);
     return found != finalPaths.end() ? found->second : SimulatedFiles::FinalPath(path);
   }
-  // The answers to successive questions; the last one repeats.
+  // Returns the elements of `access` in turn. The last one repeats.
   Result<std::vector<AccessEntry>> FolderAccess(const std::wstring& folder) const override {
     folders.push_back(folder);
     if (access.empty()) throw std::runtime_error("no answer");
@@ -117,7 +117,7 @@ class AuthenticodeHelperTest : public testing::Test {
   VxAuthenticodeHelper helper;
 };
 
-// A signature whose public key is the one byte `key`.
+// A signature whose public key is the single byte `key`.
 SignatureVerdict Signed(std::int32_t result, unsigned char key, std::uint32_t more = 0) {
   return {.result = result,
           .secondaryCount = more,
@@ -127,7 +127,7 @@ SignatureVerdict Signed(std::int32_t result, unsigned char key, std::uint32_t mo
 }
 
 TEST_F(AuthenticodeHelperTest, AsksForEverySignatureThatTheFirstAnswerCounts) {
-  // Later counts are not believed: only the first call reports the number.
+  // Ignores later counts: only the first call reports the number.
   trust.embedded = {Signed(0, 0xA1, 2), Signed(kBadDigest, 0xB2, 9), Signed(kExpired, 0xC3, 9)};
   EXPECT_THAT(Keys(), ElementsAre("a1", "c3"));
   trust.inCatalog = {Signed(0, 0x11, 1), Signed(0, 0x12)};
@@ -268,8 +268,9 @@ TEST_F(PathVerdictTest, AllowsEveryTextThatNamesAProtectedFile) {
   }
 }
 
-// Each text begins like an allowed path, or would by some reading, and none names a file there. The
-// outcome tells at which gate it must fail, so that a gate that goes missing is noticed.
+// Each text begins like an allowed path, or would under some interpretation, but none names a file
+// there. The outcome identifies the check that must refuse it, so that the test notices a missing
+// check.
 TEST_F(PathVerdictTest, RefusesTextsThatOnlyLookProtected) {
   const Tests::TempFolder outside;
   const std::wstring evil = outside / L"evil.exe";
@@ -320,7 +321,7 @@ TEST_F(PathVerdictTest, FollowsALinkOutOfAProtectedFolder) {
                       path + L"] leads to [" + outside / L"evil.exe" + L"]"));
 }
 
-// Whoever owns the link decides what the path names a moment later.
+// The owner of the link decides what the path names a moment later.
 TEST_F(PathVerdictTest, RefusesAProtectedFileReachedThroughAnUnprotectedLink) {
   const ProtectedFolder folder;
   folder.Hold(L"unsigned.exe");

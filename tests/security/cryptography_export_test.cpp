@@ -10,13 +10,13 @@
 #include "platform/machine.h"
 #include "support/temp_folder.h"
 
-// Through slot numbers alone, as a host built with another compiler calls it.
+// Calls through slot numbers alone, like a host that another compiler built.
 
 namespace Vx::Tessel::Security {
 
 namespace {
 
-// The object as the other compiler sees it.
+// The object in the view of the other compiler.
 struct Object {
   void* const* slots;
 };
@@ -74,7 +74,7 @@ TEST_F(CryptographyExportTest, DigestsAFile) {
                                               0x2c, 0xd2, 0x59, 0x46, 0xa7, 0x3e, 0x75, 0x82};
   const Tests::TempFolder folder;
   const std::wstring path = folder / L"zeros";
-  const std::vector<std::byte> zeros(200'000);  // more than one piece that is read
+  const std::vector<std::byte> zeros(200'000);  // longer than one piece of a read
   ASSERT_EQ(Platform::CurrentMachine().files->Overwrite(path, zeros), 0U);
   unsigned char digest[32] = {};
   ASSERT_EQ(Call(3, path.c_str(), digest), 0U);

@@ -19,7 +19,7 @@ TEST(BeginsWith, FoldsTheLettersAToZAndNothingElse) {
       {L"", L"C:\\windows\\", false},
       {L"\u00C9:\\", L"\u00E9:\\", false},
       {L"@[`{", L"`{@[", false},
-      // Letters that language-aware folding would turn into i, s and k.
+      // Letters that language-aware folding would convert to i, s and k.
       {L"C:\\W\u0131ndows\\x", L"C:\\windows\\", false},
       {L"C:\\Window\u017F\\x", L"C:\\windows\\", false},
       {L"\u212A:\\windows\\x", L"K:\\windows\\", false},

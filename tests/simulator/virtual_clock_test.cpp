@@ -33,7 +33,7 @@ class VirtualClockTest : public ::testing::Test {
     }
   }
 
-  // A thread that is counted just as Platform::Thread does it. The answer is the thread's handle.
+  // Starts a thread that is counted like one of Platform::Thread, and returns its handle.
   HANDLE StartWorker(std::function<void()> body) {
     clock.WorkerStarting();
     threads.emplace_back([this, run = std::move(body)] {
@@ -131,7 +131,7 @@ TEST_F(VirtualClockTest, OneSignalOfAnAutoResetEventEndsOneWait) {
   EXPECT_EQ(signalled, 1);
 }
 
-// Pairs of workers: one sleeps, notes the time and signals, the other must see that very time.
+// Pairs of workers: one sleeps, notes the time and signals. The other must see exactly that time.
 TEST_F(VirtualClockTest, NeverMovesTimeBetweenASignalAndItsEffect) {
   constexpr int kPairs = 10;
   constexpr int kRounds = 20;

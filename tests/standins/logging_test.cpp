@@ -147,7 +147,7 @@ TEST(LoggingTest, RemovesASinkOnlyWhenNoCallIntoItIsLeft) {
     EXPECT_TRUE(left);
     removed = true;
   });
-  // Long enough for a removal that does not wait; a slow machine can only hide the fault.
+  // Long enough for a removal that does not wait. A slow machine can only hide the fault.
   Sleep(50);
   EXPECT_FALSE(removed);
   SetEvent(leave.get());

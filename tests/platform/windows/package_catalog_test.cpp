@@ -23,11 +23,11 @@ class PackageCatalogTest : public Tests::RuntimeTest {
   void ExpectNothingLeft() override {
     catalog.reset();
     EXPECT_THAT(handlers, IsEmpty());
-    EXPECT_TRUE(handlerState.expired()) << "a handler outlived all who could call it";
+    EXPECT_TRUE(handlerState.expired()) << "a handler outlived its last caller";
     RuntimeTest::ExpectNothingLeft();
   }
 
-  // Opens a catalog with a handler that notes what it is told, and whose life is watched.
+  // Opens a catalog with a handler that records its notifications and whose life is watched.
   PackageCatalog::Token Open() {
     catalog = OpenWindowsPackageCatalog();
     auto state = std::make_shared<int>(0);
@@ -65,7 +65,7 @@ TEST_F(PackageCatalogTest, RemovesTheHandlerOfTheTokenAndNoOther) {
   EXPECT_THAT(notified, ElementsAre(L"second"));
 }
 
-// The system may call a handler a last time from a list of its own, or not let go of it at all.
+// The system may call a handler once more from a copy of its list, or never release it.
 TEST_F(PackageCatalogTest, IgnoresANotificationThatComesAfterTheRemoval) {
   for (const bool byCatalog : {false, true}) {
     for (const bool refused : {false, true}) {

@@ -22,7 +22,7 @@ using namespace std::chrono_literals;
 constexpr wchar_t kFullName[] = L"Some.App_1.2.3.4_x64__0123456789abc";
 constexpr wchar_t kPath[] = L"C:\\Program Files\\WindowsApps\\Some.App";
 
-// How the functions below answer; the real ones take no context either.
+// What the functions below return. They have no context argument, like the real ones.
 struct Answers {
   long sizeStatus = ERROR_INSUFFICIENT_BUFFER;
   long fetchStatus = ERROR_SUCCESS;
@@ -207,7 +207,7 @@ TEST_F(PackageDeploymentTest, GivesUpAndCancelsADeploymentThatDoesNotEnd) {
   EXPECT_EQ(WindowsMachine().packages->Register(kFirst, 1ms).result,
             HRESULT_FROM_WIN32(ERROR_TIMEOUT));
   EXPECT_EQ(cancelled, 1);
-  EXPECT_TRUE(CompletePending()) << "its end finds nobody, and does no harm";
+  EXPECT_TRUE(CompletePending()) << "its late end is ignored";
 }
 
 TEST(PackageDeploymentWithoutRuntimeTest, ThrowsWhereWindowsHasNoPackageManager) {

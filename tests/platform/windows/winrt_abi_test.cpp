@@ -11,8 +11,8 @@ namespace {
 
 using ::testing::ElementsAre;
 
-// The slot that a call through `method` takes: this compiler stores it in the pointer, in bytes and
-// with bit 0 set.
+// The slot of a call through `method`. This compiler stores it in the pointer, in bytes and with
+// bit 0 set.
 template <typename Method>
 int SlotOf(Method method) {
   std::intptr_t stored[2];
@@ -27,7 +27,7 @@ std::vector<int> Slots(Methods... methods) {
   return {SlotOf(methods)...};
 }
 
-// The fakes share the declarations with the code under test, so only numbers show a missing or
+// The fakes share the declarations with the code under test, so only numbers reveal a missing or
 // misplaced member.
 TEST(WinrtAbiTest, EveryCalledMemberLiesInItsSlot) {
   using Opening = IAppServiceOpenOperation;
@@ -89,7 +89,7 @@ TEST(DelegateTest, AnswersForItsOwnInterfaceAndForBeingAgileOnly) {
 TEST(ApartmentTest, LeavesAThreadOfAnotherApartmentWhereItIs) {
   ASSERT_EQ(RoInitialize(RO_INIT_SINGLETHREADED), S_OK);
   EXPECT_EQ(Apartment().Result(), S_OK);
-  // Still single-threaded: entering it once more is not a change.
+  // The thread is still single-threaded, so entering that apartment again changes nothing.
   EXPECT_EQ(RoInitialize(RO_INIT_SINGLETHREADED), S_FALSE);
   RoUninitialize();
   RoUninitialize();
