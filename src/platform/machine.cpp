@@ -22,10 +22,6 @@ constexpr int kGrace = 2000;
 // The machine installed last. Null means the real one.
 std::atomic<InstalledMachine*> installedLast{nullptr};
 
-// Set permanently by the first scope of the process. Until then every thread has the real machine,
-// so that the service pays one load per call.
-std::atomic<bool> anyScopeYet{false};
-
 // The machine that each worker was started under. Uses TlsAlloc because the runtime emulates
 // thread_local with memory that it never frees, and pins the module.
 class ThreadSlot {
@@ -107,11 +103,9 @@ bool WorkersEnd(const InstalledMachine& installed) {
 }  // namespace
 
 InstalledMachine& CurrentInstalled() noexcept {
-  if (anyScopeYet.load(std::memory_order_acquire)) {
-    if (InstalledMachine* own = WorkerSlot().Get(); own != nullptr) return *own;
-    if (InstalledMachine* last = installedLast.load(std::memory_order_acquire); last != nullptr) {
-      return *last;
-    }
+  if (InstalledMachine* own = WorkerSlot().Get(); own != nullptr) return *own;
+  if (InstalledMachine* last = installedLast.load(std::memory_order_acquire); last != nullptr) {
+    return *last;
   }
   return RealInstalled();
 }
@@ -137,7 +131,6 @@ MachineScope::MachineScope(const std::function<void(Machine&)>& change)
   installed->workerBefore = WorkerSlot().Get();
   if (installed->workerBefore != nullptr) WorkerSlot().Set(installed.get());
   installedLast.store(installed.get());
-  anyScopeYet.store(true, std::memory_order_release);
 }
 
 MachineScope::~MachineScope() {
