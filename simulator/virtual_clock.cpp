@@ -282,12 +282,10 @@ Platform::WaitResult VirtualClock::WaitAsWorker(Lock& lock, Platform::RawHandle 
                                                 Platform::RawHandle second,
                                                 std::optional<Duration> deadline) {
   waiters.push_back({handle, OwnHandle(handle), handle != nullptr && KeepsItsState(handle),
-                     OwnHandle(second), deadline, nextTurn++, TakeWakeEvent(), Wake::No});
+                     OwnHandle(second), deadline, nextTurn++, MakeEvent(), Wake::No});
   const auto self = std::prev(waiters.end());
   changed.notify_all();
   const Wake wake = Park(lock, *self);
-  ResetEvent(self->wake.get());
-  idleWakeEvents.push_back(std::move(self->wake));
   waiters.erase(self);
   return wake == Wake::Signalled ? Signalled() : TimedOut();
 }
@@ -337,13 +335,6 @@ Platform::WaitResult VirtualClock::WaitOutside(Lock& lock, Platform::RawHandle h
   }
 }
 
-Platform::UniqueHandle VirtualClock::TakeWakeEvent() {
-  if (idleWakeEvents.empty()) return MakeEvent();
-  Platform::UniqueHandle event = std::move(idleWakeEvents.back());
-  idleWakeEvents.pop_back();
-  return event;
-}
-
 bool VirtualClock::CallerIsWorker() const {
   const std::lock_guard guard(mutex);
   return threads.count(GetCurrentThreadId()) != 0;
@@ -363,7 +354,9 @@ bool VirtualClock::AtRest() {
   const auto runs = [](const Waiter& waiter) { return waiter.woken != Wake::No; };
   if (std::any_of(waiters.begin(), waiters.end(), runs)) return false;
 
-  Platform::RawHandle quiet = nullptr;  // often all workers wait for the same stop event
+  // Often all workers wait for the same stop event. One query for all of them keeps a step of a
+  // thousand workers from a thousand calls into the system.
+  Platform::RawHandle quiet = nullptr;
   bool rest = true;
   for (Waiter& waiter : waiters) {
     if (waiter.second == nullptr || !TakeSignal(waiter.second.get())) {

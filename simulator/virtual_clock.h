@@ -121,7 +121,6 @@ class VirtualClock final : public Platform::Clock {
   Platform::WaitResult WaitOutside(Lock& lock, Platform::RawHandle handle,
                                    Platform::RawHandle second, std::optional<Duration> deadline);
   Wake Park(Lock& lock, Waiter& waiter);
-  Platform::UniqueHandle TakeWakeEvent();
   bool CallerIsWorker() const;
   void Release(Waiter& waiter, Wake reason);
   bool AtRest();
@@ -147,7 +146,6 @@ class VirtualClock final : public Platform::Clock {
   std::vector<Platform::UniqueHandle> ending;  // have called WorkerEnded, but still run
   std::list<Waiter> waiters;
   std::map<Platform::RawHandle, Timer> timers;
-  std::vector<Platform::UniqueHandle> idleWakeEvents;
 };
 
 }  // namespace Vx::Simulator
