@@ -3,8 +3,8 @@
 #include <optional>
 #include <utility>
 
-#include "platform/machine.h"
 #include "platform/files.h"
+#include "platform/machine.h"
 #include "security/authenticode_facade.h"
 #include "security/authenticode_helper.h"
 #include "security/path_rules.h"
