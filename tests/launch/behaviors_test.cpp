@@ -28,7 +28,6 @@ namespace {
 
 using State = RegistrationHelper::RegistrationState;
 using ::testing::ElementsAre;
-using ::testing::IsEmpty;
 
 constexpr wchar_t kSentra[] = L"7C3B9E40.SentraAssistant_r4x2m8kq7tn3b";
 constexpr wchar_t kSentraKey[] = L"SOFTWARE\\WOW6432Node\\Vexmoor\\SentraActive";
