@@ -56,9 +56,12 @@ std::mutex PackageUninstallingPCEvent::uninstall_event_mux;
 
 PackageUninstallingPCEvent::PackageUninstallingPCEvent(const std::wstring& packageFamilyName,
                                                        UninstallMoment moment,
-                                                       EventCommandPtr packageCommand)
+                                                       EventCommandPtr packageCommand,
+                                                       const std::shared_ptr<FiringMark>& mark)
     : IPCEvent(std::move(packageCommand)),
-      watch(std::make_shared<UninstallWatch>(packageFamilyName, moment, command, completion)) {
+      watch(std::make_shared<UninstallWatch>(
+          packageFamilyName, moment, command, completion,
+          mark == nullptr ? std::make_shared<FiringMark>() : mark)) {
   if (!Platform::CurrentMachine().apiSets->IsPresent(Platform::kSessionApiSet)) {
     Log().LogError(kNoSessionApi);
     return;

@@ -19,6 +19,7 @@ inline constexpr std::int32_t kConsoleUserUnavailable = 0x20000005;
 inline constexpr std::int32_t kUnknownCatalogEvent = 0x20000006;
 
 class CompletionEvent;
+class FiringMark;
 class UninstallWatch;
 
 // Called once a package command has run, with an empty text, on the system's catalog thread.
@@ -55,14 +56,17 @@ enum class UninstallMoment { Starts, Completed };
 //
 // Any thread may create, register and destroy it. The destructor stops and joins the watcher, which
 // removes its handler from the catalog within milliseconds. It does not wait for a notification in
-// progress: that owns a share of all it uses and does not touch this object afterwards.
+// progress, which finishes: that owns a share of all it uses and does not touch this object
+// afterwards.
 class PackageUninstallingPCEvent final : public IPCEvent {
  public:
   // Opens the console user's catalog. Throws Platform::WindowsRuntimeError with
   // kPackageNotInstalled, kConsoleUserUnavailable or a code of the package manager. Without the
   // session API set there is no catalog: that is logged, and the event never occurs.
+  // `mark` belongs to the stored request; without one the event has its own.
   PackageUninstallingPCEvent(const std::wstring& packageFamilyName, UninstallMoment moment,
-                             EventCommandPtr packageCommand);
+                             EventCommandPtr packageCommand,
+                             const std::shared_ptr<FiringMark>& mark = nullptr);
   ~PackageUninstallingPCEvent() override;
 
   void Register() override;

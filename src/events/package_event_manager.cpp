@@ -1,16 +1,23 @@
 #include "events/package_event_manager.h"
 
+#include <algorithm>
+#include <cstdint>
 #include <utility>
 
+#include "events/firing_marks.h"
 #include "events/subscription_forms.h"
 #include "host/logging.h"
 #include "json/json_object.h"
 #include "platform/windows_runtime_error.h"
+#include "storage/request_list.h"
 #include "storage/request_manager.h"
 
 namespace Vx::Tessel::Server::Services::Orvane {
 
 namespace {
+
+using Owner = PackageCatalogEventManager::Owner;
+using MarkPtr = std::shared_ptr<FiringMark>;
 
 constexpr wchar_t kRunningLate[] =
     L"RegisterExistingPackageCatalogManagerRequests - App uninstalled while service was not "
@@ -20,34 +27,77 @@ RequestManager StoredPackageRequests() {
   return RequestManager(kServiceDocument, kPackageForm.list);
 }
 
-void MakeLive(const std::wstring& request) {
-  PackageCatalogEventManager::register_event(
-      request, [request](const std::wstring&) { CompleteAppPackageEvent(request); });
+// The text of a request in the stored list, instead of the client's spelling.
+std::wstring StoredText(const std::wstring& request) {
+  return Json::JsonObject::Parse(request).Stringify();
 }
 
-void RunLate(const std::wstring& request, const Platform::WindowsRuntimeError& error) {
-  if (error.code() != kPackageNotInstalled) return;
-  Logging::LogManager::GetLogger()->LogInfo(kRunningLate);
-  PackageCatalogEventManager::execute_command(request);
-  CompleteAppPackageEvent(request);
+bool IsStored(const std::wstring& stored) {
+  const auto requests = Storage::RequestsOf(StoredPackageRequests().StoredRequests());
+  return std::find(requests.begin(), requests.end(), stored) != requests.end();
 }
+
+void Complete(const std::wstring& stored, const MarkPtr& mark) {
+  if (StoredPackageRequests().CompleteRequest(stored)) FiringMarks::Forget(stored, mark);
+}
+
+void MakeLive(const std::wstring& request, const std::wstring& stored, Owner owner,
+              const MarkPtr& mark) {
+  PackageCatalogEventManager::register_event(
+      request, [stored, mark](const std::wstring&) { Complete(stored, mark); }, nullptr, owner,
+      mark);
+}
+
+// One replay of the stored requests.
+class Replay {
+ public:
+  explicit Replay(Owner service) : owner(service), forgotten(FiringMarks::Forgotten()) {}
+
+  void Register(const std::wstring& stored) {
+    mark = FiringMarks::Of(stored);
+    // Completed since the list was read: the mark may be a new one that has not run.
+    if (FiringMarks::Forgotten() != forgotten && !IsStored(stored)) {
+      FiringMarks::Forget(stored, mark);
+    } else if (mark->HasRun()) {
+      Complete(stored, mark);
+    } else {
+      MakeLive(stored, stored, owner, mark);
+    }
+  }
+
+  // For the request whose registration failed last.
+  void RunLate(const std::wstring& stored, const Platform::WindowsRuntimeError& error) const {
+    if (error.code() != kPackageNotInstalled) return;
+    const bool ran = mark->RunOnce([&] {
+      Logging::LogManager::GetLogger()->LogInfo(kRunningLate);
+      PackageCatalogEventManager::execute_command(stored);
+    });
+    if (ran) Complete(stored, mark);
+  }
+
+ private:
+  const Owner owner;
+  const std::uint64_t forgotten;
+  MarkPtr mark;
+};
 
 }  // namespace
 
 std::mutex PackageCatalogEventManager::register_event_mux;
 
-std::vector<std::unique_ptr<SubscribeForAppPackageEventRequest>>&
-PackageCatalogEventManager::requests() {
-  static auto& list = *new std::vector<std::unique_ptr<SubscribeForAppPackageEventRequest>>();
+std::vector<PackageCatalogEventManager::LiveRequest>& PackageCatalogEventManager::requests() {
+  static auto& list = *new std::vector<LiveRequest>();
   return list;
 }
 
 void PackageCatalogEventManager::register_event(const std::wstring& request,
                                                 const CompletionHandler& completed,
-                                                const void* /*argument*/) {
+                                                const void* /*argument*/, Owner owner,
+                                                const std::shared_ptr<FiringMark>& mark) {
   const std::lock_guard guard(register_event_mux);
-  requests().push_back(std::make_unique<SubscribeForAppPackageEventRequest>(request));
-  requests().back()->RegisterPackageEvent(completed);
+  requests().push_back(
+      {owner, std::make_unique<SubscribeForAppPackageEventRequest>(request, mark)});
+  requests().back().request->RegisterPackageEvent(completed);
 }
 
 void PackageCatalogEventManager::execute_command(const std::wstring& request) {
@@ -60,22 +110,30 @@ void PackageCatalogEventManager::clear_events() {
   requests().clear();
 }
 
-void RegisterAppPackageEvent(const std::wstring& request) {
+void PackageCatalogEventManager::clear_events(Owner owner) {
+  const std::lock_guard guard(register_event_mux);
+  std::erase_if(requests(), [owner](const LiveRequest& live) { return live.owner == owner; });
+}
+
+void RegisterAppPackageEvent(const std::wstring& request, Owner owner) {
   StoredPackageRequests().PersistRequest(request);
-  MakeLive(request);
+  const std::wstring stored = StoredText(request);
+  MakeLive(request, stored, owner, FiringMarks::Renew(stored));
 }
 
 void RemoveAppPackageEvent(const std::wstring& request) {
-  // The list holds the compact text of the request, not the client's spelling.
-  StoredPackageRequests().RemoveRequest(Json::JsonObject::Parse(request).Stringify());
+  const std::wstring stored = StoredText(request);
+  StoredPackageRequests().RemoveRequest(stored);
+  FiringMarks::Forget(stored, FiringMarks::Of(stored));
 }
 
-bool CompleteAppPackageEvent(const std::wstring& request) {
-  return StoredPackageRequests().CompleteRequest(request);
-}
-
-void RegisterExistingPackageCatalogManagerRequests() {
-  StoredPackageRequests().RegisterExistingRequests(&MakeLive, &RunLate);
+void RegisterExistingPackageCatalogManagerRequests(Owner owner) {
+  Replay replay(owner);
+  StoredPackageRequests().RegisterExistingRequests(
+      [&](const std::wstring& request) { replay.Register(request); },
+      [&](const std::wstring& request, const Platform::WindowsRuntimeError& error) {
+        replay.RunLate(request, error);
+      });
 }
 
 }  // namespace Vx::Tessel::Server::Services::Orvane

@@ -14,40 +14,50 @@ class PackageCatalogEventManager {
  public:
   PackageCatalogEventManager() = delete;
 
+  // The address that names the service object of a registration; null for none.
+  using Owner = const void*;
+
   // Makes a subscription live. Calls `completed` on the system's catalog thread once the command
-  // has run; it must not call back into this class. Ignores the last argument. Throws
-  // Platform::WindowsRuntimeError as SubscribeForAppPackageEventRequest does, and std::system_error
-  // when the watcher cannot be started.
+  // has run; it must not call back into this class. Ignores `argument`. `mark` belongs to the
+  // stored request; without one the registration has its own. Throws Platform::WindowsRuntimeError
+  // as SubscribeForAppPackageEventRequest does, and std::system_error when the watcher cannot be
+  // started.
   static void register_event(const std::wstring& request, const CompletionHandler& completed,
-                             const void* argument = nullptr);
+                             const void* argument = nullptr, Owner owner = nullptr,
+                             const std::shared_ptr<FiringMark>& mark = nullptr);
 
   // Runs the command of a request whose package was uninstalled while the service was not running,
   // if the command may run late.
   static void execute_command(const std::wstring& request);
 
-  // Ends every live subscription and joins its watcher. Called at log-off and when the service
-  // ends.
+  // Ends every live subscription and joins its watcher.
   static void clear_events();
+
+  // The same for those of one service object. Called at log-off and when the service ends.
+  static void clear_events(Owner owner);
 
   static std::mutex register_event_mux;  // guards `requests`
 
  private:
+  struct LiveRequest {
+    Owner owner;
+    std::unique_ptr<SubscribeForAppPackageEventRequest> request;
+  };
+
   // Never destroyed, because the host may unload the module while subscriptions are live.
-  static std::vector<std::unique_ptr<SubscribeForAppPackageEventRequest>>& requests();
+  static std::vector<LiveRequest>& requests();
 };
 
 // Stores a request, then makes it live, so that a request whose registration fails stays stored.
 // Throws as PersistRequest and register_event do.
-void RegisterAppPackageEvent(const std::wstring& request);
+void RegisterAppPackageEvent(const std::wstring& request, PackageCatalogEventManager::Owner owner);
 
 // Removes a request from the stored list.
 void RemoveAppPackageEvent(const std::wstring& request);
 
-// Marks a subscription that has fired as finished. Returns false when the store failed.
-bool CompleteAppPackageEvent(const std::wstring& request);
-
 // Makes every stored subscription live again. Where the package is gone, runs the command now if it
-// may run late, and completes the subscription.
-void RegisterExistingPackageCatalogManagerRequests();
+// may run late, and completes the subscription. A request that was registered before runs once, and
+// one whose command has run but which could not be completed is completed now.
+void RegisterExistingPackageCatalogManagerRequests(PackageCatalogEventManager::Owner owner);
 
 }  // namespace Vx::Tessel::Server::Services::Orvane

@@ -29,7 +29,7 @@ UninstallMoment MomentOf(PackageCatalogEvent event) {
 }  // namespace
 
 SubscribeForAppPackageEventRequest::SubscribeForAppPackageEventRequest(
-    const std::wstring& request) {
+    const std::wstring& request, const std::shared_ptr<FiringMark>& mark) {
   const auto document = Json::JsonObject::Parse(request);
   catalogEvent = static_cast<PackageCatalogEvent>(Code(document, kPackageForm.event));
   catalogAction = static_cast<EventAction>(Code(document, kPackageForm.action));
@@ -38,7 +38,7 @@ SubscribeForAppPackageEventRequest::SubscribeForAppPackageEventRequest(
 
   const UninstallMoment moment = MomentOf(catalogEvent);
   packageEvent = std::make_unique<PackageUninstallingPCEvent>(
-      packageFamilyName, moment, CreateEventCommand(catalogAction, parameters));
+      packageFamilyName, moment, CreateEventCommand(catalogAction, parameters), mark);
 }
 
 void SubscribeForAppPackageEventRequest::RegisterPackageEvent(const CompletionHandler& completed) {

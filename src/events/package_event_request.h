@@ -15,9 +15,11 @@ enum class PackageCatalogEvent : std::uint32_t { Uninstalling = 5, Uninstalled =
 // package catalog: see PackageUninstallingPCEvent for what that needs.
 class SubscribeForAppPackageEventRequest {
  public:
-  // Throws Platform::WindowsRuntimeError with a code of the JSON layer, package_event.h or
+  // `mark` belongs to the stored request; without one the request has its own. Throws
+  // Platform::WindowsRuntimeError with a code of the JSON layer, package_event.h or
   // event_commands.h.
-  explicit SubscribeForAppPackageEventRequest(const std::wstring& request);
+  explicit SubscribeForAppPackageEventRequest(const std::wstring& request,
+                                              const std::shared_ptr<FiringMark>& mark = nullptr);
   SubscribeForAppPackageEventRequest(SubscribeForAppPackageEventRequest&&) noexcept = default;
 
   PackageCatalogEvent CatalogEvent() const noexcept { return catalogEvent; }

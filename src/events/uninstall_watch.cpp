@@ -42,6 +42,15 @@ void Contain(Body&& body) noexcept {
   }
 }
 
+// Polls until the uninstall has completed, for half a minute at most.
+void AwaitCompletion(const Platform::PackageUninstall& uninstall) {
+  for (int poll = 0; poll < kPolls; ++poll) {
+    if (uninstall.IsComplete()) return;
+    Platform::CurrentMachine().clock->Sleep(kPollStep);
+  }
+  Log().LogWarning(kTookTooLong, kPollSeconds);
+}
+
 Platform::UniqueHandle MakeStopEvent() {
   auto event = Platform::CurrentMachine().kernelObjects->MakeManualEvent({});
   return event ? *std::move(event) : nullptr;
@@ -64,12 +73,14 @@ void CompletionEvent::Raise(const std::wstring& text) const {
 
 UninstallWatch::UninstallWatch(std::wstring packageFamilyName, UninstallMoment uninstallMoment,
                                std::shared_ptr<EventCommand> packageCommand,
-                               std::shared_ptr<CompletionEvent> completionEvent)
+                               std::shared_ptr<CompletionEvent> completionEvent,
+                               std::shared_ptr<FiringMark> firingMark)
     : familyName(std::move(packageFamilyName)),
       moment(uninstallMoment),
       command(std::move(packageCommand)),
       completion(std::move(completionEvent)),
-      stopEvent(MakeStopEvent()) {}
+      stopEvent(MakeStopEvent()),
+      mark(std::move(firingMark)) {}
 
 void UninstallWatch::Run(const std::shared_ptr<UninstallWatch>& watch,
                          const std::shared_ptr<Platform::PackageCatalog>& catalog) noexcept {
@@ -77,7 +88,7 @@ void UninstallWatch::Run(const std::shared_ptr<UninstallWatch>& watch,
   Contain([&] {
     const auto token = catalog->AddUninstalling(
         [watch](const Platform::PackageUninstall& uninstall) { watch->OnUninstalling(uninstall); });
-    while (!watch->stopping) watch->Pause(kWatchStep);
+    while (!watch->stopping) watch->Pause();
     catalog->RemoveUninstalling(token);
   });
 }
@@ -93,7 +104,7 @@ void UninstallWatch::OnUninstalling(const Platform::PackageUninstall& uninstall)
 
 void UninstallWatch::Handle(const Platform::PackageUninstall& uninstall) {
   const std::lock_guard guard(PackageUninstallingPCEvent::uninstall_event_mux);
-  if (stopping || handled) return;
+  if (stopping || !mark->MayRun()) return;
   const std::wstring received = uninstall.FamilyName();
   Log().LogInfo(kInvoked, familyName.c_str(), received.c_str());
   if (received != familyName) return;
@@ -102,34 +113,24 @@ void UninstallWatch::Handle(const Platform::PackageUninstall& uninstall) {
     return;
   }
   AwaitCompletion(uninstall);
-  if (stopping) return;
   const std::lock_guard queries(PackageUninstallingPCEvent::rLock);
   // Another user may still have the package. The event then stays armed.
   if (Platform::CurrentMachine().packages->FindForAllUsers(familyName).empty()) RunCommand();
 }
 
-void UninstallWatch::AwaitCompletion(const Platform::PackageUninstall& uninstall) {
-  for (int poll = 0; poll < kPolls; ++poll) {
-    if (stopping || uninstall.IsComplete()) return;
-    Pause(kPollStep);
-  }
-  if (!stopping) Log().LogWarning(kTookTooLong, kPollSeconds);
-}
-
 void UninstallWatch::RunCommand() {
-  command->Execute();
-  // Set first, so that a completion handler that fails does not make the command run again.
-  handled = true;
-  completion->Raise({});
+  // Marked before the handlers are called, so that one that fails does not make the command run
+  // again.
+  if (mark->RunOnce([this] { command->Execute(); })) completion->Raise({});
 }
 
-void UninstallWatch::Pause(milliseconds length) {
+void UninstallWatch::Pause() {
   Platform::Clock& clock = *Platform::CurrentMachine().clock;
   if (stopEvent != nullptr &&
-      clock.Wait(stopEvent.get(), length).outcome != Platform::WaitOutcome::Failed) {
+      clock.Wait(stopEvent.get(), kWatchStep).outcome != Platform::WaitOutcome::Failed) {
     return;
   }
-  clock.Sleep(length);
+  clock.Sleep(kWatchStep);
 }
 
 }  // namespace Vx::Tessel::Server::Services::Orvane

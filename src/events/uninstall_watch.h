@@ -1,7 +1,6 @@
 #pragma once
 
 #include <atomic>
-#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <mutex>
@@ -9,6 +8,7 @@
 #include <utility>
 #include <vector>
 
+#include "events/firing_marks.h"
 #include "events/package_event.h"
 #include "platform/packages.h"
 #include "platform/unique_handle.h"
@@ -36,14 +36,16 @@ class UninstallWatch {
  public:
   UninstallWatch(std::wstring packageFamilyName, UninstallMoment uninstallMoment,
                  std::shared_ptr<EventCommand> packageCommand,
-                 std::shared_ptr<CompletionEvent> completionEvent);
+                 std::shared_ptr<CompletionEvent> completionEvent,
+                 std::shared_ptr<FiringMark> firingMark);
 
   // The body of the watcher thread: keeps a handler on `catalog` until Stop. Returns at once
   // without a catalog.
   static void Run(const std::shared_ptr<UninstallWatch>& watch,
                   const std::shared_ptr<Platform::PackageCatalog>& catalog) noexcept;
 
-  // Ends the watcher and any pause of a notification now. Later notifications have no effect.
+  // Ends the watcher now. Later notifications have no effect. One that has begun to wait for the
+  // end of an uninstall finishes: the code of a log-off does not say whose session ended.
   void Stop() noexcept;
 
   // Handles one notification, on a thread of the system.
@@ -51,9 +53,8 @@ class UninstallWatch {
 
  private:
   void Handle(const Platform::PackageUninstall& uninstall);
-  void AwaitCompletion(const Platform::PackageUninstall& uninstall);
   void RunCommand();
-  void Pause(std::chrono::milliseconds length);
+  void Pause();
 
   const std::wstring familyName;
   const UninstallMoment moment;
@@ -63,7 +64,7 @@ class UninstallWatch {
   // could not create it.
   const Platform::UniqueHandle stopEvent;
   std::atomic<bool> stopping{false};
-  bool handled = false;  // guarded by PackageUninstallingPCEvent::uninstall_event_mux
+  const std::shared_ptr<FiringMark> mark;
 };
 
 }  // namespace Vx::Tessel::Server::Services::Orvane

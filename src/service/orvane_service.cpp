@@ -106,7 +106,7 @@ OrvaneService::~OrvaneService() {
   SignalIfMade(state->stopEvent.get());
   SignalIfMade(state->sessionStopEvent.get());
   // Their watchers would keep the module loaded for good.
-  Contain("Destroy", [] { PackageCatalogEventManager::clear_events(); });
+  Contain("Destroy", [this] { PackageCatalogEventManager::clear_events(state.get()); });
 }
 
 void* OrvaneService::Destroy(unsigned flags) noexcept {
@@ -145,10 +145,14 @@ bool OrvaneService::oobe_event_task() noexcept {
 }
 
 void OrvaneService::OnSessionChange(std::uint32_t code) noexcept {
-  Contain("OnSessionChange", [code] {
-    if (code == kSessionLogon) RegisterExistingPackageCatalogManagerRequests();
-    if (code == kSessionLogoff) PackageCatalogEventManager::clear_events();
+  Contain("OnSessionChange", [this, code] {
+    if (code == kSessionLogon) RegisterExistingPackageCatalogManagerRequests(state.get());
+    if (code == kSessionLogoff) PackageCatalogEventManager::clear_events(state.get());
   });
+}
+
+void OrvaneService::RegisterAppPackageEvent(const wchar_t* request) {
+  Orvane::RegisterAppPackageEvent(request, state.get());
 }
 
 int OrvaneService::RegisterPowerEvent(const wchar_t* request, const wchar_t* /*clientId*/) {

@@ -37,6 +37,9 @@ class OrvaneService final : public VxService {
   bool oobe_event_task() noexcept override;
   void OnSessionChange(std::uint32_t code) noexcept override;
 
+  // Stores a package subscription and makes it live for this service.
+  void RegisterAppPackageEvent(const wchar_t* request);
+
   // Change the stored lists of power and platform ("Zephra") subscriptions, or raise the platform
   // event of a changed policy. Ignore the second text and return 0.
   int RegisterPowerEvent(const wchar_t* request, const wchar_t* clientId);

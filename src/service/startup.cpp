@@ -67,10 +67,11 @@ bool WaitForOobe(const ServiceState& state) {
 // Makes the stored package subscriptions live. A service that was destroyed since the wait for OOBE
 // has ended its subscriptions already, and later ones would be watched for good.
 void WatchStoredPackages(const ServiceState& state) {
-  RegisterExistingPackageCatalogManagerRequests();
+  RegisterExistingPackageCatalogManagerRequests(&state);
   const auto stop =
       Platform::CurrentMachine().clock->Wait(state.stopEvent.get(), std::chrono::milliseconds(0));
-  if (stop.outcome == Platform::WaitOutcome::Signalled) PackageCatalogEventManager::clear_events();
+  if (stop.outcome == Platform::WaitOutcome::Signalled)
+    PackageCatalogEventManager::clear_events(&state);
 }
 
 // Starts the check and does not wait for it. It runs once per service object, however often this

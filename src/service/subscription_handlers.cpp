@@ -60,7 +60,7 @@ void ReportUnreadable(const Call& call) {
 std::uint32_t SubscribeToPackageEvent(const Call& call) {
   const auto log = Log(call.caller);
   try {
-    RegisterAppPackageEvent(call.text);
+    call.service.RegisterAppPackageEvent(call.text);
     return kSuccess;
   } catch (const Platform::WindowsRuntimeError& error) {
     log.LogError(kPackageRuntimeError, error.message().c_str(), error.code());

@@ -143,7 +143,7 @@ bool RequestManager::CompleteRequest(std::wstring_view request) {
   const auto edit = [&](const std::wstring& list) {
     return Storage::ListWithoutCompleted(list, request);
   };
-  return ChangeAndLog(kCompleteThrew, edit).value_or(false);
+  return ChangeAndLog(kCompleteThrew, edit).value_or(false) && store != nullptr;
 }
 
 void RequestManager::RegisterExistingRequests(const Handler& handler,

@@ -53,7 +53,7 @@ class RequestManager {
 
   // Removes a one-shot request that has fired, ignoring white space in `request`. Returns true if
   // the list no longer holds it, also if it was removed before. Returns false and logs if the store
-  // or the list failed.
+  // or the list failed, and returns false without a store.
   bool CompleteRequest(std::wstring_view request);
 
   // Calls `handler` once for every stored request, in stored order. Logs an error that it throws,

@@ -229,26 +229,13 @@ TEST_F(PackageEventTest, EndsItsWatchersWithoutWaitingOutAStep) {
   EXPECT_EQ(machine.clock.Elapsed(), 0ms);
 }
 
-TEST_F(PackageEventTest, ANotificationMayOutliveItsEvent) {
-  Register(Notifying(L"7"));
-  Remove();
-  int polls = 0;
-  Notify(kFamily, [&] {
-    if (++polls == 3) Manager::clear_events();
-    return false;
-  });
-  EXPECT_EQ(polls, 3);
-  EXPECT_THAT(Sent(), IsEmpty());
-  EXPECT_THAT(log.Lines(), ElementsAre(kInvoked));
-}
-
 TEST_F(PackageEventTest, WatchesAStoredRequestAcrossLogOffsUntilItsCommandHasRun) {
   for (const bool loggedOff : {true, false}) {
-    RegisterAppPackageEvent(Notifying(L"5"));
+    RegisterAppPackageEvent(Notifying(L"5"), nullptr);
     EXPECT_EQ(Stored(), L"[" + Notifying(L"5") + L"]");
     if (loggedOff) {
       Manager::clear_events();
-      RegisterExistingPackageCatalogManagerRequests();
+      RegisterExistingPackageCatalogManagerRequests(nullptr);
     }
     machine.clock.Settle();
     Notify(kFamily);
@@ -265,7 +252,7 @@ TEST_F(PackageEventTest, ReplaysWhatIsStoredAndRunsLaunchesThatAreLate) {
     list.PersistRequest(request);
   }
   log.Clear();
-  RegisterExistingPackageCatalogManagerRequests();
+  RegisterExistingPackageCatalogManagerRequests(nullptr);
   machine.clock.Settle();
   EXPECT_THAT(log.Lines(),
               Contains(L"info|RegisterExistingPackageCatalogManagerRequests - App uninstalled "
@@ -304,8 +291,7 @@ TEST(PackageEventStress, SurvivesEverythingAtOnce) {
       [&] { Manager::register_event(Notifying(L"5"), count); },
       [&] { Manager::register_event(Notifying(L"7", L"Other"), count); },
       [&] { simulated.packages.Notify(L"ann", FakeUninstall(kFamily)); },
-      // Never completes, so that only log-off ends its pauses early enough.
-      [&] { simulated.packages.Notify(L"ann", FakeUninstall(L"Other", [] { return false; })); },
+      [&] { simulated.packages.Notify(L"ann", FakeUninstall(L"Other")); },
       // Runs rarely, so that some events live long enough to fire.
       [&] {
         Sleep(20);

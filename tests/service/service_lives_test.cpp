@@ -10,7 +10,6 @@
 
 #include <gmock/gmock.h>
 
-#include "events/package_event_manager.h"
 #include "service/simulated_service.h"
 #include "storage/cap_data_store.h"
 
@@ -155,10 +154,13 @@ TEST_F(ServiceLivesTest, NoPackageIsWatchedForAServiceThatIsGone) {
 
   machine.firmware.SetTamper([this](const std::wstring&, tagVARIANT&) { host.End(); });
   host.Renew();
+  OrvaneService* const other = OrvaneService::Create();
+  other->OnSessionChange(5);
   Start(0s);
   EXPECT_EQ(host.service, nullptr);
+  EXPECT_EQ(machine.packages.Handlers(L"ann"), 1U) << "of the other service";
+  other->Destroy(1);
   EXPECT_EQ(machine.packages.Handlers(L"ann"), 0U);
-  Tessel::Server::Services::Orvane::PackageCatalogEventManager::clear_events();
 }
 
 }  // namespace

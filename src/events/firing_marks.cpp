@@ -1,0 +1,68 @@
+#include "events/firing_marks.h"
+
+#include <map>
+#include <mutex>
+
+namespace Vx::Tessel::Server::Services::Orvane {
+
+namespace {
+
+struct Marks {
+  std::mutex mutex;  // guards what follows
+  std::map<std::wstring, std::shared_ptr<FiringMark>> byText;
+  std::uint64_t forgotten = 0;
+};
+
+// Never destroyed, because a notification may outlive every service.
+Marks& All() {
+  static auto& marks = *new Marks();
+  return marks;
+}
+
+}  // namespace
+
+bool FiringMark::RunOnce(const std::function<void()>& run) {
+  State armed = State::Armed;
+  if (!state.compare_exchange_strong(armed, State::Running)) return false;
+  try {
+    run();
+  } catch (...) {
+    state = State::Armed;
+    throw;
+  }
+  state = State::HasRun;
+  return true;
+}
+
+std::shared_ptr<FiringMark> FiringMarks::Of(const std::wstring& stored) {
+  Marks& all = All();
+  const std::lock_guard guard(all.mutex);
+  auto& mark = all.byText[stored];
+  if (mark == nullptr) mark = std::make_shared<FiringMark>();
+  return mark;
+}
+
+std::shared_ptr<FiringMark> FiringMarks::Renew(const std::wstring& stored) {
+  auto mark = std::make_shared<FiringMark>();
+  Marks& all = All();
+  const std::lock_guard guard(all.mutex);
+  all.byText[stored] = mark;
+  return mark;
+}
+
+void FiringMarks::Forget(const std::wstring& stored, const std::shared_ptr<FiringMark>& mark) {
+  Marks& all = All();
+  const std::lock_guard guard(all.mutex);
+  const auto found = all.byText.find(stored);
+  if (found == all.byText.end() || found->second != mark) return;
+  all.byText.erase(found);
+  ++all.forgotten;
+}
+
+std::uint64_t FiringMarks::Forgotten() {
+  Marks& all = All();
+  const std::lock_guard guard(all.mutex);
+  return all.forgotten;
+}
+
+}  // namespace Vx::Tessel::Server::Services::Orvane

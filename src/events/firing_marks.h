@@ -1,0 +1,49 @@
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+
+namespace Vx::Tessel::Server::Services::Orvane {
+
+// Whether the command of a one-shot subscription has run. One stored request may be registered
+// several times, and all its registrations share one mark. Any thread.
+class FiringMark {
+ public:
+  // Calls `run` unless it has run or is running. A call that throws does not count, and the
+  // exception is the caller's. Returns whether this call ran it.
+  bool RunOnce(const std::function<void()>& run);
+
+  bool HasRun() const noexcept { return state == State::HasRun; }
+  bool MayRun() const noexcept { return state == State::Armed; }
+
+ private:
+  enum class State : std::uint8_t { Armed, Running, HasRun };
+
+  std::atomic<State> state{State::Armed};
+};
+
+// The marks of the stored package requests of this process, by the stored text. Any thread. Its
+// lock is the innermost: no other is taken under it.
+class FiringMarks {
+ public:
+  FiringMarks() = delete;
+
+  // Returns the mark of a request that was stored before.
+  static std::shared_ptr<FiringMark> Of(const std::wstring& stored);
+
+  // Returns a new mark for a request that was stored just now. A mark of the same text belongs to a
+  // request that is gone.
+  static std::shared_ptr<FiringMark> Renew(const std::wstring& stored);
+
+  // Forgets the mark of a request that is no longer stored, unless the text has another by now.
+  static void Forget(const std::wstring& stored, const std::shared_ptr<FiringMark>& mark);
+
+  // How many marks were forgotten so far. When that has changed since a list was read, a request of
+  // that list may be gone.
+  static std::uint64_t Forgotten();
+};
+
+}  // namespace Vx::Tessel::Server::Services::Orvane

@@ -1,0 +1,161 @@
+#include "events/firing_marks.h"
+
+#include <gmock/gmock.h>
+
+#include <functional>
+#include <stdexcept>
+#include <string>
+
+#include "events/package_event_manager.h"
+#include "storage/request_manager.h"
+#include "support/log_trap.h"
+#include "support/machine_test.h"
+
+namespace Vx::Tessel::Server::Services::Orvane {
+
+namespace {
+
+using testing::Contains;
+using testing::HasSubstr;
+using testing::SizeIs;
+
+constexpr wchar_t kFamily[] = L"App_abc";
+
+std::wstring Request(int event, const std::wstring& family = kFamily) {
+  return L"{\"catalogEvent\":" + std::to_wstring(event) +
+         LR"(,"catalogAction":2,"packageFamilyName":")" + family +
+         LR"(","catalogActionParams":{"packageFamilyName":"f","appServiceName":"s","payload":{}}})";
+}
+
+class FakeUninstall final : public Platform::PackageUninstall {
+ public:
+  explicit FakeUninstall(std::function<bool()> complete) : isComplete(std::move(complete)) {}
+  std::wstring FamilyName() const override { return kFamily; }
+  bool IsComplete() const override { return isComplete(); }
+
+ private:
+  std::function<bool()> isComplete;
+};
+
+// Subscriptions of two services of one process. ann hears of an uninstall; the package is bob's.
+class OneShotTest : public Tests::StoreTest {
+ protected:
+  OneShotTest() {
+    machine.users.Add(L"bob");
+    Install();
+  }
+  ~OneShotTest() override { PackageCatalogEventManager::clear_events(); }
+
+  void Install() { machine.packages.Install({kFamily, L"App_1", {}}, L"bob"); }
+  void Subscribe(const std::wstring& request) { RegisterAppPackageEvent(request, &first); }
+  void Replay(const int& service) {
+    RegisterExistingPackageCatalogManagerRequests(&service);
+    machine.clock.Settle();
+  }
+  void Uninstall(std::function<bool()> complete = [] { return true; }) {
+    machine.packages.Uninstall(kFamily, L"bob", std::chrono::milliseconds(0));
+    machine.clock.Settle();
+    machine.packages.Notify(L"ann", FakeUninstall(std::move(complete)));
+  }
+  static std::wstring Stored() {
+    return RequestManager(kServiceDocument, kPackageSubscriptions).StoredRequests();
+  }
+
+  const int first = 0;
+  const int second = 0;
+};
+
+TEST_F(OneShotTest, RunsOnceHoweverOftenItIsRegistered) {
+  for (const int event : {5, 7}) {
+    for (const char* time : {"first", "subscribed again"}) {
+      SCOPED_TRACE(testing::Message() << event << ", " << time);
+      Install();
+      const std::size_t sent = Sent().size();
+      Subscribe(L" " + Request(event));
+      for (const int* service : {&first, &first, &second}) Replay(*service);
+      EXPECT_EQ(machine.packages.Handlers(L"ann"), 4U);
+      Uninstall();
+      EXPECT_EQ(Sent().size() - sent, 1U);
+      EXPECT_EQ(Stored(), L"[]");
+      PackageCatalogEventManager::clear_events();
+    }
+  }
+}
+
+TEST_F(OneShotTest, IsCompletedAtTheNextReplayWhenTheStoreFailed) {
+  Subscribe(Request(5));
+  machine.timeline.SetListener(
+      [&](const auto&) { machine.faults.FailNamed("KernelObjects.LockMutex"); });
+  Uninstall();
+  machine.timeline.SetListener({});
+  machine.faults.Clear();
+  EXPECT_EQ(Stored(), L"[" + Request(5) + L"]");
+  Install();
+  Replay(first);
+  EXPECT_EQ(Stored(), L"[]");
+  Uninstall();
+  EXPECT_THAT(Sent(), SizeIs(1));
+}
+
+// It fires while a replay handles the request before it in the list.
+TEST_F(OneShotTest, DoesNotRunAgainForAListThatWasReadBefore) {
+  for (const bool gone : {false, true}) {
+    RequestManager(kServiceDocument, kPackageSubscriptions).PersistRequest(Request(6));
+    Install();
+    Subscribe(Request(5));
+    const std::size_t sent = Sent().size();
+    log.Clear();
+    {
+      const Tests::LogTrap fire(L"failed to register request", 1, [&] {
+        machine.packages.Notify(L"ann", FakeUninstall([] { return true; }));
+        if (gone) machine.packages.Uninstall(kFamily, L"bob", std::chrono::milliseconds(0));
+      });
+      Replay(second);
+    }
+    EXPECT_EQ(Sent().size() - sent, 1U);
+    Uninstall();
+    EXPECT_EQ(Sent().size() - sent, 1U);
+    EXPECT_EQ(Stored(), L"[" + Request(6) + L"]");
+    EXPECT_THAT(log.Lines(), Contains(HasSubstr(L"failed to register")).Times(1));
+    RequestManager(kServiceDocument, kPackageSubscriptions).CompleteRequest(Request(6));
+    PackageCatalogEventManager::clear_events();
+  }
+}
+
+TEST_F(OneShotTest, FinishesWhenASessionEndsWhileItWaitsForTheUninstall) {
+  Subscribe(Request(7));
+  int polls = 0;
+  Uninstall([&] {
+    if (++polls == 2) PackageCatalogEventManager::clear_events(&first);
+    return polls == 4;
+  });
+  EXPECT_EQ(machine.packages.Handlers(L"ann"), 0U);
+  EXPECT_EQ(polls, 4);
+  EXPECT_THAT(Sent(), SizeIs(1));
+  EXPECT_EQ(Stored(), L"[]");
+}
+
+TEST_F(OneShotTest, EndsWithItsOwnServiceOnly) {
+  Subscribe(Request(5));
+  Replay(second);
+  PackageCatalogEventManager::clear_events(&first);
+  EXPECT_EQ(machine.packages.Handlers(L"ann"), 1U);
+  Uninstall();
+  EXPECT_THAT(Sent(), SizeIs(1));
+}
+
+TEST(FiringMark, RunsAgainAfterARunThatThrew) {
+  FiringMark mark;
+  int runs = 0;
+  EXPECT_THROW(mark.RunOnce([] { throw std::runtime_error("boom"); }), std::runtime_error);
+  EXPECT_TRUE(mark.RunOnce([&] {
+    ++runs;
+    EXPECT_FALSE(mark.RunOnce([&] { ++runs; }));
+  }));
+  EXPECT_FALSE(mark.RunOnce([&] { ++runs; }));
+  EXPECT_EQ(runs, 1);
+}
+
+}  // namespace
+
+}  // namespace Vx::Tessel::Server::Services::Orvane
