@@ -2,7 +2,6 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <cstring>
 
 namespace Vx::Json {
 
@@ -43,10 +42,11 @@ struct Sequence {
   std::uint32_t point;
 };
 
-// Reads the sequence at the front, whose first byte is 0x80 or more.
-Sequence Multibyte(std::string_view text) {
+// Reads the sequence at the front of `text`, which is not empty.
+Sequence FirstSequence(std::string_view text) {
   const auto at = [text](std::size_t i) { return static_cast<std::uint8_t>(text[i]); };
   const std::uint8_t lead = at(0);
+  if (lead < 0x80) return {1, lead};
   std::size_t length = 0;
   std::uint32_t smallest = 0;
   if (lead >= 0xC2 && lead <= 0xDF) {
@@ -67,21 +67,6 @@ Sequence Multibyte(std::string_view text) {
   }
   const bool valid = point >= smallest && point <= 0x10FFFF && (point < 0xD800 || point > 0xDFFF);
   return {valid ? length : 0, point};
-}
-
-// `text` without the plain ASCII at its front.
-std::string_view AfterAscii(std::string_view text) {
-  constexpr std::uint64_t kHighBits = 0x8080808080808080U;
-  const char* at = text.data();
-  const char* const end = at + text.size();
-  std::uint64_t word = 0;
-  while (static_cast<std::size_t>(end - at) >= sizeof word) {
-    std::memcpy(&word, at, sizeof word);
-    if ((word & kHighBits) != 0) break;
-    at += sizeof word;
-  }
-  while (at != end && static_cast<std::uint8_t>(*at) < 0x80) ++at;
-  return {at, static_cast<std::size_t>(end - at)};
 }
 
 }  // namespace
@@ -110,8 +95,7 @@ std::wstring ToWide(std::string_view text) {
   std::wstring out;
   out.reserve(text.size());
   while (!text.empty()) {
-    const auto lead = static_cast<std::uint8_t>(text.front());
-    const Sequence sequence = lead < 0x80 ? Sequence{1, lead} : Multibyte(text);
+    const Sequence sequence = FirstSequence(text);
     AppendWide(out, sequence.length == 0 ? kReplacement : sequence.point);
     text.remove_prefix(sequence.length == 0 ? 1 : sequence.length);
   }
@@ -119,16 +103,12 @@ std::wstring ToWide(std::string_view text) {
 }
 
 bool IsUtf8(std::string_view text) noexcept {
-  for (;;) {
-    text = AfterAscii(text);
-    if (text.empty()) return true;
-    // Text that is not ASCII seldom goes back to it for long: stay while it lasts.
-    while (!text.empty() && static_cast<std::uint8_t>(text.front()) >= 0x80) {
-      const std::size_t length = Multibyte(text).length;
-      if (length == 0) return false;
-      text.remove_prefix(length);
-    }
+  while (!text.empty()) {
+    const std::size_t length = FirstSequence(text).length;
+    if (length == 0) return false;
+    text.remove_prefix(length);
   }
+  return true;
 }
 
 }  // namespace Vx::Json

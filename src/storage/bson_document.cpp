@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstring>
 #include <new>
+#include <string>
 
 #include "json/utf8.h"
 #include "storage/bson_format.h"
@@ -17,69 +18,22 @@ bool CanBeKey(std::string_view key) {
   return key.find('\0') == std::string_view::npos && Json::IsUtf8(key);
 }
 
-// The rest walks an encoding that has been checked.
-
-constexpr BsonKind kTerminator{0};
-
-const std::byte* AfterCString(const std::byte* at) {
-  return at + std::strlen(reinterpret_cast<const char*>(at)) + 1;
-}
-
-std::size_t ValueSize(BsonKind kind, const std::byte* value) {
-  switch (kind) {
-    case BsonKind::Undefined:
-    case BsonKind::Null:
-    case BsonKind::MaxKey:
-    case BsonKind::MinKey:
-      return 0;
-    case BsonKind::Boolean:
-      return 1;
-    case BsonKind::Int32:
-      return 4;
-    case BsonKind::Double:
-    case BsonKind::DateTime:
-    case BsonKind::Timestamp:
-    case BsonKind::Int64:
-      return 8;
-    case BsonKind::ObjectId:
-      return kObjectIdSize;
-    case BsonKind::Decimal128:
-      return 16;
-    case BsonKind::String:
-    case BsonKind::Code:
-    case BsonKind::Symbol:
-      return kLengthSize + Load<std::uint32_t>(value);
-    case BsonKind::Pointer:
-      return kLengthSize + Load<std::uint32_t>(value) + kObjectIdSize;
-    case BsonKind::Binary:
-      return kBinaryHead + Load<std::uint32_t>(value);
-    case BsonKind::Document:
-    case BsonKind::Array:
-    case BsonKind::CodeWithScope:
-      return Load<std::uint32_t>(value);
-    case BsonKind::RegularExpression:
-      return static_cast<std::size_t>(AfterCString(AfterCString(value)) - value);
-  }
-  return 0;
-}
-
 }  // namespace
 
-BsonDocument::Iterator::Iterator(const std::byte* member) : place{member, member, member} {
-  const auto kind = static_cast<BsonKind>(*member);
-  if (kind == kTerminator) return;
-  place.value = AfterCString(member + 1);
-  place.end = place.value + ValueSize(kind, place.value);
+BsonDocument::Member BsonDocument::Iterator::operator*() const {
+  const Frame frame = FrameMember(rest).value();
+  return {Chars(frame.key), {frame.kind, frame.value}};
 }
 
-BsonDocument::Member BsonDocument::Iterator::operator*() const {
-  const std::byte* const key = place.begin + 1;
-  return {Chars(key, static_cast<std::size_t>(place.value - key) - 1),
-          {static_cast<BsonKind>(*place.begin), {place.value, place.end}}};
+std::span<const std::byte> BsonDocument::Iterator::Whole() const {
+  const Frame frame = FrameMember(rest).value();
+  const std::byte* const end = frame.value.data() + frame.value.size();
+  return rest.first(static_cast<std::size_t>(end - rest.data()));
 }
 
 BsonDocument::Iterator& BsonDocument::Iterator::operator++() {
-  return *this = Iterator(place.end);
+  rest = rest.subspan(Whole().size());
+  return *this;
 }
 
 BsonDocument::BsonDocument() {
@@ -99,12 +53,16 @@ std::optional<BsonDocument> BsonDocument::Decode(std::span<const std::byte> enco
   return BsonDocument(encoded);
 }
 
+BsonDocument::Iterator BsonDocument::From(std::size_t offset) const {
+  return Iterator(Encoded().subspan(offset, used - 1 - offset));
+}
+
 BsonDocument::Iterator BsonDocument::begin() const {
-  return Iterator(bytes.get() + kLengthSize);
+  return From(kLengthSize);
 }
 
 BsonDocument::Iterator BsonDocument::end() const {
-  return Iterator(bytes.get() + used - 1);
+  return From(used - 1);
 }
 
 std::size_t BsonDocument::Size() const {
@@ -132,13 +90,14 @@ bool BsonDocument::Set(std::string_view key, const BsonElement& value) {
   const std::span<const std::byte> newBytes = value.View().Bytes();
   if (used - oldBytes.size() + newBytes.size() > kMaxDocument) return false;
 
-  const auto at = static_cast<std::size_t>(found.place.begin - bytes.get());
+  const auto at = static_cast<std::size_t>(found.rest.data() - bytes.get());
+  const std::size_t behind = at + found.Whole().size() - oldBytes.size() + newBytes.size();
   Splice(oldBytes, newBytes);
   bytes.get()[at] = static_cast<std::byte>(value.Kind());  // the splice may have moved the bytes
   for (;;) {
-    const Iterator other = FirstOf(name, Iterator(Iterator(bytes.get() + at).place.end));
+    const Iterator other = FirstOf(name, From(behind));
     if (other == end()) return true;
-    Splice({other.place.begin, other.place.end}, {});
+    Splice(other.Whole(), {});
   }
 }
 
@@ -146,10 +105,10 @@ void BsonDocument::Erase(std::string_view key) {
   const std::string name(key);  // `key` may lie in this document
   std::size_t at = kLengthSize;
   for (;;) {
-    const Iterator found = FirstOf(name, Iterator(bytes.get() + at));
+    const Iterator found = FirstOf(name, From(at));
     if (found == end()) return;
-    at = static_cast<std::size_t>(found.place.begin - bytes.get());
-    Splice({found.place.begin, found.place.end}, {});
+    at = static_cast<std::size_t>(found.rest.data() - bytes.get());
+    Splice(found.Whole(), {});
   }
 }
 

@@ -1,7 +1,6 @@
 #pragma once
 
 #include <cstddef>
-#include <cstdint>
 #include <cstdlib>
 #include <memory>
 #include <optional>
@@ -12,71 +11,66 @@
 
 namespace Vx::Tessel::Server::Storage {
 
-// A BSON document: an ordered list of keys and values. It is kept as its encoding, which was
-// checked once when it came in, and walked where it lies: what is not changed is never rewritten,
-// and a document costs one block of memory whatever is in it.
+// A BSON document: an ordered list of keys and values. Keeps the encoding as it came in and walks
+// it in place. A change rewrites the changed member only, so the values of other services stay as
+// they are, byte for byte, whatever they contain.
 //
-// Keys may be repeated in a document made by others: the first counts, and the rest stay as they
-// are until Set or Erase touches that key. Copies are deep. One thread at a time.
+// A document made by another service may repeat a key. The first one counts, and the others stay
+// until Set or Erase changes that key. Copies are deep. Use from one thread at a time.
 class BsonDocument {
  public:
+  // Keys of other services need not be UTF-8.
   struct Member {
     std::string_view key;
     BsonView value;
   };
 
-  // Walks the members in order; good until the document changes.
+  // Walks the members in order. Valid until the document changes.
   class Iterator {
    public:
     Member operator*() const;
     Iterator& operator++();
-    bool operator==(const Iterator& other) const { return place.begin == other.place.begin; }
+    bool operator==(const Iterator& other) const { return rest.data() == other.rest.data(); }
 
    private:
     friend class BsonDocument;
 
-    // Where a member stands: its type byte, its value and the end of it.
-    struct Place {
-      const std::byte* begin;
-      const std::byte* value;
-      const std::byte* end;
-    };
+    explicit Iterator(std::span<const std::byte> members) : rest(members) {}
+    std::span<const std::byte> Whole() const;  // the bytes of the member
 
-    explicit Iterator(const std::byte* member);
-
-    Place place;
+    std::span<const std::byte> rest;  // this member and those that follow
   };
 
-  // Empty.
+  // Makes an empty document.
   BsonDocument();
   BsonDocument(const BsonDocument& other) : BsonDocument(other.Encoded()) {}
-  // What was moved from may only be assigned to or destroyed.
+  // A moved-from document may only be assigned to or destroyed.
   BsonDocument(BsonDocument&& other) noexcept = default;
   BsonDocument& operator=(const BsonDocument& other) { return *this = BsonDocument(other); }
   BsonDocument& operator=(BsonDocument&& other) noexcept = default;
   ~BsonDocument() = default;
 
-  // The document that `encoded` is, all of it; nothing when anything in it is broken at any level:
-  // a length, a terminator, an unknown kind, a boolean other than 0 and 1, a key or string that is
-  // not UTF-8. Nesting is followed without recursion, as deep as the bytes go.
+  // Returns the document that fills `encoded`, or nothing if its members cannot be told apart: a
+  // length is wrong, the terminator is missing, a key does not end or a kind is unknown. What a
+  // value contains is checked when a getter reads it.
   static std::optional<BsonDocument> Decode(std::span<const std::byte> encoded);
 
-  // The encoding, up to date; borrowed until the next change.
+  // Returns the encoding, which is valid until the next change.
   std::span<const std::byte> Encoded() const { return {bytes.get(), used}; }
 
   Iterator begin() const;
   Iterator end() const;
 
-  // How many members there are, by counting them.
+  // Counts the members.
   std::size_t Size() const;
   bool Empty() const { return begin() == end(); }
 
-  // The first member called `key`; found by walking.
+  // Finds the first member called `key`.
   std::optional<BsonView> Find(std::string_view key) const;
 
-  // Puts `value` in the place of the member `key`, or at the end; other members of that key go.
-  // False, and nothing changed, when the key cannot be one (U+0000 in it, not UTF-8) or the
-  // document would exceed 2 GiB.
+  // Replaces the value of the first member called `key` and removes the others, or adds the member
+  // at the end. Returns false and changes nothing if the key is not valid (it contains U+0000 or is
+  // not UTF-8) or the document would exceed 2 GiB.
   bool Set(std::string_view key, const BsonElement& value);
 
   // Removes every member called `key`.
@@ -87,21 +81,24 @@ class BsonDocument {
  private:
   friend class BsonView;
 
-  // The memory is the C library's, whose realloc can grow it where it lies.
+  // The memory comes from the C library, whose realloc can grow it in place.
   struct Freer {
     void operator()(std::byte* memory) const noexcept { std::free(memory); }
   };
 
-  // A copy of `checked`, which is a document.
+  // Copies `checked`, which is a document.
   explicit BsonDocument(std::span<const std::byte> checked);
 
-  // Adds a member at the end without looking whether there is one of that key. False as in Set.
+  // Adds a member at the end, without looking for another of that key. Returns false as Set does.
   bool Append(std::string_view key, const BsonElement& value);
 
-  // The first member called `key` at or behind `from`.
+  // Returns the members at or behind `offset`.
+  Iterator From(std::size_t offset) const;
+
+  // Finds the first member called `key` at or behind `from`.
   Iterator FirstOf(std::string_view key, Iterator from) const;
 
-  // Puts `replacement` in the place of a part of the encoding.
+  // Replaces a part of the encoding.
   void Splice(std::span<const std::byte> part, std::span<const std::byte> replacement);
   void Reserve(std::size_t size);
   void SetUsed(std::size_t size);

@@ -33,7 +33,10 @@ std::optional<double> BsonView::AsDouble() const {
 
 std::optional<std::string_view> BsonView::AsText() const {
   if (kind != BsonKind::String || bytes.size() <= kLengthSize) return std::nullopt;
-  return Chars(bytes.data() + kLengthSize, bytes.size() - kLengthSize - 1);
+  if (bytes.back() != std::byte{0}) return std::nullopt;
+  const std::string_view text = Chars(bytes.subspan(kLengthSize, bytes.size() - kLengthSize - 1));
+  if (!Json::IsUtf8(text)) return std::nullopt;
+  return text;
 }
 
 std::optional<std::wstring> BsonView::AsWideText() const {
@@ -43,8 +46,9 @@ std::optional<std::wstring> BsonView::AsWideText() const {
 }
 
 std::optional<bool> BsonView::AsBoolean() const {
-  if (kind != BsonKind::Boolean || bytes.size() != 1) return std::nullopt;
-  return bytes[0] != std::byte{0};
+  const auto byte = Fixed<std::uint8_t>(kind, BsonKind::Boolean, bytes);
+  if (!byte || *byte > 1) return std::nullopt;
+  return *byte == 1;
 }
 
 std::optional<std::int32_t> BsonView::AsInt32() const {
@@ -57,7 +61,7 @@ std::optional<std::int64_t> BsonView::AsInt64() const {
 
 std::optional<BsonDocument> BsonView::AsDocument() const {
   if (kind != BsonKind::Document) return std::nullopt;
-  return BsonDocument(bytes);
+  return BsonDocument::Decode(bytes);
 }
 
 bool BsonView::operator==(const BsonView& other) const {

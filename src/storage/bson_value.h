@@ -11,8 +11,7 @@
 
 namespace Vx::Tessel::Server::Storage {
 
-// The element kinds of BSON 1.1, by their type byte. Those that this store does not use itself are
-// carried byte for byte.
+// The element kinds of BSON 1.1, by their type byte.
 enum class BsonKind : std::uint8_t {
   Double = 0x01,
   String = 0x02,
@@ -39,8 +38,9 @@ enum class BsonKind : std::uint8_t {
 
 class BsonDocument;
 
-// A value inside a document or an element; borrows their bytes and lives no longer than they stay
-// unchanged. The getters answer nothing when the value is of another kind.
+// A value inside a document or an element. Borrows their bytes and is valid until they change.
+// Other services write these bytes, so each getter checks them. It returns nothing if the value is
+// of another kind or its bytes are not a value of that kind.
 class BsonView {
  public:
   BsonView(BsonKind valueKind, std::span<const std::byte> valueBytes)
@@ -48,12 +48,12 @@ class BsonView {
 
   BsonKind Kind() const { return kind; }
 
-  // The value as it stands in the encoding.
+  // Returns the value as it is encoded.
   std::span<const std::byte> Bytes() const { return bytes; }
 
   std::optional<double> AsDouble() const;
-  std::optional<std::string_view> AsText() const;  // UTF-8, valid; may hold U+0000
-  std::optional<std::wstring> AsWideText() const;  // the same as UTF-16
+  std::optional<std::string_view> AsText() const;  // UTF-8, may contain U+0000
+  std::optional<std::wstring> AsWideText() const;  // UTF-16
   std::optional<bool> AsBoolean() const;
   std::optional<std::int32_t> AsInt32() const;
   std::optional<std::int64_t> AsInt64() const;
@@ -66,8 +66,8 @@ class BsonView {
   std::span<const std::byte> bytes;
 };
 
-// A value of its own, without a key. Copies are deep; a new one is null. The getters answer nothing
-// when the value is of another kind.
+// A value without a key that owns its bytes. Copies are deep. A new one is null. The getters are
+// those of BsonView.
 class BsonElement {
  public:
   BsonElement() = default;

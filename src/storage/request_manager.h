@@ -63,6 +63,7 @@ class RequestManager {
   void RegisterExistingRequests(const Handler& handler, const ErrorCallback& onError);
 
   // Returns the stored array's text as of construction or the last change, empty if there is none.
+  // For a value that is not a text, returns one that is not a JSON array.
   std::wstring StoredRequests() const;
 
   // The log lines for an exception from the store.

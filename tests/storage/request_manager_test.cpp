@@ -2,6 +2,7 @@
 
 #include <new>
 #include <optional>
+#include <span>
 #include <stdexcept>
 #include <string>
 #include <utility>
@@ -124,6 +125,18 @@ TEST_F(RequestManagerTest, LeavesAStoredListThatItCannotReadAlone) {
             L"of the wanted type, Hresult -2089484281",
             L"error|RegisterExistingRequests - failed to register request. HRESULT: -2089484281"));
     EXPECT_TRUE(Stored() == list) << "the list has changed";
+  }
+}
+
+TEST_F(RequestManagerTest, LeavesAValueThatIsNotATextAlone) {
+  const BsonElement broken(
+      Storage::BsonView(Storage::BsonKind::String, std::as_bytes(std::span("\002\0\0\0\377", 6))));
+  for (const BsonElement& value : {BsonElement::Int32(1), broken}) {
+    ASSERT_TRUE(CapDataStore().mergeMember(kServiceDocument, kPowerSubscriptions, value));
+    EXPECT_EQ(Persist(kFirst), Json::kInvalidJsonString);
+    EXPECT_THROW(Manager().RemoveRequest(kFirst), Platform::WindowsRuntimeError);
+    const Storage::BsonDocument document = CapDataStore().readDocument(kServiceDocument);
+    EXPECT_EQ(document.Find(kPowerSubscriptions), value.View());
   }
 }
 
