@@ -15,7 +15,7 @@
 
 #include <evntprov.h>
 
-#include "platform/unique_handle.h"
+#include "standins/debug_monitor.h"
 
 namespace Vx::Tessel::Server::Logging {
 
@@ -28,19 +28,9 @@ constexpr char kServiceProvider[] = "Vx-Tessel-Service";
 constexpr GUID kEventProvider = {
     0x653180dd, 0x2f61, 0x43c5, {0xb3, 0xf1, 0x1b, 0x51, 0x6c, 0x6d, 0x78, 0x70}};
 
-// A monitor of debug output makes this event and waits on it.
-constexpr wchar_t kMonitorEvent[] = L"DBWIN_DATA_READY";
-
-// The question for a monitor is a call into the system, so its answer holds for this long.
-constexpr std::uint64_t kMonitorAnswerHolds = 1000;  // milliseconds
-
-// Whoever writes waits until the monitor has taken the line before, at most ten seconds. One that
-// let a line wait this long has stopped reading, and gets no more lines for a while.
-constexpr std::uint64_t kMonitorIsStuck = 5000;        // milliseconds
-constexpr std::uint64_t kMonitorIsLeftAlone = 60'000;  // milliseconds
-
 // Longest message, and longest line with the level, provider and caller before it, in characters.
-// What is longer is cut: a line is to be read, and its buffer lies on the stack of whoever logs.
+// A longer text is cut, because a line is meant to be read and its buffer is on the stack of the
+// thread that logs.
 constexpr std::size_t kLongestMessage = 4096;
 constexpr std::size_t kLongestLine = kLongestMessage + 512;
 
@@ -54,7 +44,7 @@ const LevelNames& NamesOf(LogLevel level) {
   return kLevels[static_cast<std::size_t>(level)];
 }
 
-// Whoever asks for GetLastError() after a call may log in between.
+// A caller may log between a failed call and GetLastError().
 class LastErrorKept {
  public:
   LastErrorKept() noexcept : error(GetLastError()) {}
@@ -77,8 +67,8 @@ class StaticLock {
   SRWLOCK state = SRWLOCK_INIT;
 };
 
-// Event tracing. Registered at first use; the registration names no code of this module, and ends
-// when the module is unloaded.
+// Event tracing. The provider is registered at first use and unregistered when the module is
+// unloaded. Windows holds no pointer to code of this module.
 class EventTrace {
  public:
   EventTrace() noexcept {
@@ -111,40 +101,17 @@ EventTrace& Trace() noexcept {
   return trace;
 }
 
-// The last answer to whether a monitor of debug output listens, and until when it holds.
-std::atomic<bool> monitorListens{false};
-std::atomic<std::uint64_t> askForMonitorAgain{0};
-
-bool RememberMonitor(bool listens, std::uint64_t until) noexcept {
-  monitorListens.store(listens, std::memory_order_relaxed);
-  askForMonitorAgain.store(until, std::memory_order_relaxed);
-  return listens;
-}
-
-// Whether a debugger or a monitor of debug output would show a line.
-bool DebuggerListens() noexcept {
-  if (IsDebuggerPresent() != FALSE) return true;
-  const std::uint64_t now = GetTickCount64();
-  if (now < askForMonitorAgain.load(std::memory_order_relaxed)) {
-    return monitorListens.load(std::memory_order_relaxed);
-  }
-  const LastErrorKept kept;
-  const Platform::UniqueHandle event(OpenEventW(SYNCHRONIZE, FALSE, kMonitorEvent));
-  return RememberMonitor(event != nullptr, now + kMonitorAnswerHolds);
-}
-
 struct SinkEntry {
   LogManager::SinkId id;
   LogManager::Sink sink;
 };
 
-// The registered sinks. `sinkCount` may be read without the lock; the list and `delivering` are the
-// lock's, which a delivery holds: so it is one record at a time, and who takes a sink out knows
-// that no call into it is left.
+// The registered sinks, guarded by the lock. A delivery holds it, so that sinks receive one record
+// at a time and RemoveSink waits for the end of a call. `sinkCount` may be read without the lock.
 StaticLock sinkLock;
-std::vector<SinkEntry>* sinks = nullptr;  // there only while it holds something
+std::vector<SinkEntry>* sinks = nullptr;  // null while empty
 std::atomic<std::size_t> sinkCount{0};
-// The thread that calls a sink now. A sink that logs, against its contract, must not block itself.
+// The thread that is calling a sink. A sink that logs, against its contract, must not block itself.
 std::atomic<DWORD> deliveringThread{0};
 
 void DeliverToSinks(const LogRecord& record) {
@@ -156,7 +123,7 @@ void DeliverToSinks(const LogRecord& record) {
   for (const SinkEntry& entry : *sinks) {
     try {
       entry.sink(record);
-    } catch (...) {  // NOLINT(bugprone-empty-catch): nobody is left to tell
+    } catch (...) {  // NOLINT(bugprone-empty-catch): there is no other listener
     }
   }
   deliveringThread.store(0, std::memory_order_relaxed);
@@ -172,20 +139,17 @@ std::wstring_view Format(wchar_t (&buffer)[Size], const wchar_t* format, va_list
   return buffer;
 }
 
-// A debug line: `LEVEL provider [caller] message` and a line feed; without the brackets when no
+// A debug line: `LEVEL provider [caller] message` and a line feed, without the brackets if no
 // caller is known.
 void DeliverToDebugger(const LogRecord& record, const wchar_t* line) {
   wchar_t text[kLongestLine + 16];
   _snwprintf(text, std::size(text) - 2, L"%s %s", NamesOf(record.level).text, line);
   text[std::size(text) - 2] = L'\0';
   std::wcscat(text, L"\n");
-  const std::uint64_t before = GetTickCount64();
-  OutputDebugStringW(text);
-  const std::uint64_t now = GetTickCount64();
-  if (now - before >= kMonitorIsStuck) RememberMonitor(false, now + kMonitorIsLeftAlone);
+  SendDebugOutput(text);
 }
 
-// Lines for people: `provider [caller] message`.
+// A line for people: `provider [caller] message`.
 void DeliverToSystem(const LogRecord& record, bool traced, bool debugged) {
   wchar_t line[kLongestLine];
   const auto length = [](std::wstring_view text) { return static_cast<int>(text.size()); };
@@ -204,7 +168,7 @@ void DeliverToSystem(const LogRecord& record, bool traced, bool debugged) {
 void TraceLogger::Write(LogLevel level, const wchar_t* caller, const wchar_t* format,
                         ...) const noexcept {
   const bool traced = Trace().Listens(level);
-  const bool debugged = DebuggerListens();
+  const bool debugged = DebugOutputIsShown();
   if (!traced && !debugged && sinkCount.load(std::memory_order_relaxed) == 0) return;
 
   const LastErrorKept kept;
@@ -268,7 +232,8 @@ LogManager::SinkId LogManager::AddSink(Sink sink) {
 }
 
 void LogManager::RemoveSink(SinkId id) {
-  std::vector<SinkEntry> removed;  // destroyed without the lock: what a sink holds is not ours
+  // Destroyed after the lock is released, because a sink may own anything.
+  std::vector<SinkEntry> removed;
   const std::lock_guard guard(sinkLock);
   if (sinks == nullptr) return;
   const auto found =

@@ -3,7 +3,8 @@
 // variable VX_PROBE when it is set. The report goes to the file named by the first argument, when
 // that is a full path, else beside the program as "<program>.out", and appears there whole.
 //
-// A further argument "wait:NAME" keeps it running until the named event is signalled.
+// A further argument "wait:NAME" keeps it running until the named event is signalled. "own:NAME"
+// makes it own the named mutex from before the report until its end.
 #include <cstdio>
 #include <iterator>
 #include <string>
@@ -15,6 +16,7 @@
 namespace {
 
 constexpr std::wstring_view kWait = L"wait:";
+constexpr std::wstring_view kOwn = L"own:";
 constexpr DWORD kLongestWait = 60'000;  // milliseconds; a forgotten probe does not stay for ever
 
 std::string Utf8(std::wstring_view text) {
@@ -65,6 +67,11 @@ void WaitFor(const wchar_t* eventName) {
 }  // namespace
 
 int wmain(int count, wchar_t** arguments) {
+  for (int i = 1; i < count; ++i) {
+    const std::wstring_view argument = arguments[i];
+    // Windows releases the mutex when the process ends.
+    if (argument.starts_with(kOwn)) CreateMutexW(nullptr, TRUE, arguments[i] + kOwn.size());
+  }
   const std::string report = Report(count, arguments);
   const bool named = count > 1 && std::wstring_view(arguments[1]).substr(1, 2) == L":\\";
   if (!named || !Write(arguments[1], report)) {

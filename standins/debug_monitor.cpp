@@ -1,0 +1,202 @@
+#include "standins/debug_monitor.h"
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <iterator>
+#include <memory>
+#include <string_view>
+
+#include <windows.h>
+
+#include <sddl.h>
+
+#include "platform/clock.h"
+#include "platform/machine.h"
+#include "platform/unique_handle.h"
+
+namespace Vx::Tessel::Server::Logging {
+
+namespace {
+
+using Platform::UniqueHandle;
+
+// The names of the protocol between writers and the monitor. The monitor creates the events and the
+// buffer, and the first writer creates the mutex.
+constexpr wchar_t kMutex[] = L"DBWinMutex";
+constexpr wchar_t kBuffer[] = L"DBWIN_BUFFER";
+constexpr wchar_t kBufferReady[] = L"DBWIN_BUFFER_READY";
+constexpr wchar_t kDataReady[] = L"DBWIN_DATA_READY";
+
+constexpr DWORD kMutexAccess = SYNCHRONIZE | MUTEX_MODIFY_STATE;
+
+// The system and administrators own the mutex, and every process may use it (kMutexAccess and
+// READ_CONTROL), as if OutputDebugString had created it.
+constexpr wchar_t kMutexSecurity[] = L"D:(A;;0x1F0001;;;SY)(A;;0x1F0001;;;BA)(A;;0x120001;;;WD)";
+
+// The content of the buffer. Longer texts are sent in pieces.
+struct Packet {
+  DWORD processId;
+  char text[4092];
+};
+static_assert(sizeof(Packet) == 4096);
+
+// A character has at most four bytes in a code page, and the terminator needs one.
+constexpr std::size_t kPiece = (sizeof(Packet::text) - 1) / 4;
+
+constexpr std::uint64_t kPatience = 100;      // milliseconds
+constexpr std::uint64_t kAnswerHolds = 1000;  // milliseconds
+constexpr std::uint64_t kLeftAlone = 60'000;  // milliseconds
+
+// Whether a monitor was there, and until when that counts. Without it every log line would pay a
+// call into the system, several times what the "parse, dispatch, answer" rows take as a whole.
+std::atomic<bool> monitorFound{false};
+std::atomic<std::uint64_t> foundUntil{0};
+
+// The real clock even under a simulated machine, because the monitor is real.
+Platform::Clock& RealClock() {
+  return *Platform::WindowsMachine().clock;
+}
+
+bool Remember(bool found, std::uint64_t length) noexcept {
+  monitorFound.store(found, std::memory_order_relaxed);
+  foundUntil.store(RealClock().TickCount() + length, std::memory_order_relaxed);
+  return found;
+}
+
+UniqueHandle OpenWritersMutex() {
+  UniqueHandle mutex(OpenMutexW(kMutexAccess, FALSE, kMutex));
+  if (mutex != nullptr || GetLastError() != ERROR_FILE_NOT_FOUND) return mutex;
+  PSECURITY_DESCRIPTOR raw = nullptr;
+  if (ConvertStringSecurityDescriptorToSecurityDescriptorW(kMutexSecurity, SDDL_REVISION_1, &raw,
+                                                           nullptr) == FALSE) {
+    return nullptr;
+  }
+  const Platform::UniqueLocalMemory<void> descriptor(raw);
+  SECURITY_ATTRIBUTES attributes{sizeof attributes, raw, FALSE};
+  return UniqueHandle(CreateMutexExW(&attributes, kMutex, 0, kMutexAccess));
+}
+
+bool WaitUntil(const UniqueHandle& handle, std::uint64_t end) {
+  const std::uint64_t now = RealClock().TickCount();
+  const std::chrono::milliseconds left(now < end ? end - now : 0);
+  return RealClock().Wait(handle.get(), left).outcome == Platform::WaitOutcome::Signalled;
+}
+
+// Owns the mutex for a scope.
+class WritersTurn {
+ public:
+  explicit WritersTurn(std::uint64_t end)
+      : mutex(OpenWritersMutex()), owned(mutex != nullptr && WaitUntil(mutex, end)) {}
+  WritersTurn(const WritersTurn&) = delete;
+  WritersTurn& operator=(const WritersTurn&) = delete;
+  ~WritersTurn() {
+    if (owned) ReleaseMutex(mutex.get());
+  }
+
+  explicit operator bool() const noexcept { return owned; }
+
+ private:
+  UniqueHandle mutex;
+  bool owned;
+};
+
+struct ViewCloser {
+  void operator()(void* view) const noexcept { UnmapViewOfFile(view); }
+};
+
+// Raises the exception by which OutputDebugString offers a text to its own process, for a handler
+// such as the development host's. The frame-based handler that ends it there needs a compiler with
+// structured exceptions, so a vectored handler does it here, after all others.
+class Offer {
+ public:
+  explicit Offer(std::wstring_view text) noexcept : handler(AddVectoredExceptionHandler(0, &End)) {
+    if (handler == nullptr) return;
+    const ULONG_PTR arguments[] = {text.size() + 1, reinterpret_cast<ULONG_PTR>(text.data()),
+                                   reinterpret_cast<ULONG_PTR>(&mark)};
+    RaiseException(kWideDebugOutput, 0, static_cast<DWORD>(std::size(arguments)), arguments);
+  }
+  Offer(const Offer&) = delete;
+  Offer& operator=(const Offer&) = delete;
+  ~Offer() {
+    if (handler != nullptr) RemoveVectoredExceptionHandler(handler);
+  }
+
+ private:
+  static LONG CALLBACK End(EXCEPTION_POINTERS* exception) {
+    const EXCEPTION_RECORD& record = *exception->ExceptionRecord;
+    const bool ours = record.ExceptionCode == kWideDebugOutput && record.NumberParameters == 3 &&
+                      record.ExceptionInformation[2] == reinterpret_cast<ULONG_PTR>(&mark);
+    return ours ? EXCEPTION_CONTINUE_EXECUTION : EXCEPTION_CONTINUE_SEARCH;
+  }
+
+  static constexpr DWORD kWideDebugOutput = 0x4001000A;  // DBG_PRINTEXCEPTION_WIDE_C
+  static constexpr char mark = 0;  // its address tells these exceptions from other modules'
+
+  void* handler;
+};
+
+// Puts the beginning of `text` into the packet and removes it from `text`.
+void TakePiece(std::wstring_view& text, Packet& packet) {
+  std::size_t length = std::min(text.size(), kPiece);
+  if (length < text.size() && IS_HIGH_SURROGATE(text[length - 1])) --length;
+  const int bytes =
+      WideCharToMultiByte(CP_ACP, 0, text.data(), static_cast<int>(length), packet.text,
+                          static_cast<int>(sizeof packet.text - 1), nullptr, nullptr);
+  packet.text[std::max(bytes, 0)] = '\0';
+  text.remove_prefix(length);
+}
+
+// False if there is a monitor that did not take the whole text until `end`.
+bool SendToMonitor(std::wstring_view text, std::uint64_t end) {
+  const UniqueHandle buffer(OpenFileMappingW(FILE_MAP_WRITE, FALSE, kBuffer));
+  if (buffer == nullptr) return GetLastError() == ERROR_FILE_NOT_FOUND;
+  const WritersTurn turn(end);
+  if (!turn) return false;
+  const UniqueHandle bufferReady(OpenEventW(SYNCHRONIZE, FALSE, kBufferReady));
+  const UniqueHandle dataReady(OpenEventW(EVENT_MODIFY_STATE, FALSE, kDataReady));
+  if (bufferReady == nullptr || dataReady == nullptr) return false;
+  const std::unique_ptr<void, ViewCloser> view(
+      MapViewOfFile(buffer.get(), FILE_MAP_WRITE, 0, 0, sizeof(Packet)));
+  if (view == nullptr) return false;
+  while (!text.empty()) {
+    if (!WaitUntil(bufferReady, end)) return false;
+    Packet packet;
+    packet.processId = GetCurrentProcessId();
+    TakePiece(text, packet);
+    // The monitor may have reserved the memory without committing it, or backed it by a file that
+    // is gone. This call then fails where a plain copy would end the process.
+    if (WriteProcessMemory(GetCurrentProcess(), view.get(), &packet, sizeof packet, nullptr) ==
+        FALSE) {
+      return false;
+    }
+    SetEvent(dataReady.get());
+  }
+  return true;
+}
+
+}  // namespace
+
+bool DebugOutputIsShown() noexcept {
+  if (IsDebuggerPresent() != FALSE) return true;
+  if (RealClock().TickCount() < foundUntil.load(std::memory_order_relaxed)) {
+    return monitorFound.load(std::memory_order_relaxed);
+  }
+  const DWORD error = GetLastError();
+  const UniqueHandle event(OpenEventW(SYNCHRONIZE, FALSE, kDataReady));
+  SetLastError(error);
+  return Remember(event != nullptr, kAnswerHolds);
+}
+
+void SendDebugOutput(const wchar_t* text) noexcept {
+  if (IsDebuggerPresent() != FALSE) {
+    OutputDebugStringW(text);
+    return;
+  }
+  const Offer offer(text);
+  if (!SendToMonitor(text, RealClock().TickCount() + kPatience)) Remember(false, kLeftAlone);
+}
+
+}  // namespace Vx::Tessel::Server::Logging

@@ -1,0 +1,134 @@
+#include "standins/debug_monitor.h"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <functional>
+#include <string>
+#include <thread>
+
+#include <windows.h>
+
+#include "host/logging.h"
+#include "platform/machine.h"
+#include "platform/processes.h"
+#include "platform/unique_handle.h"
+#include "support/probe.h"
+#include "support/temp_folder.h"
+
+namespace Vx::Tessel::Server::Logging {
+namespace {
+
+using Platform::UniqueHandle;
+using Clock = std::chrono::steady_clock;
+using namespace std::chrono_literals;
+
+constexpr DWORD kBufferSize = 4096;
+
+// The objects of a monitor of debug output, under their real names. `protection` may be one that
+// makes the buffer a trap.
+class Monitor {
+ public:
+  explicit Monitor(DWORD protection = PAGE_READWRITE)
+      : bufferReady(CreateEventW(nullptr, FALSE, TRUE, L"DBWIN_BUFFER_READY")),
+        dataReady(CreateEventW(nullptr, FALSE, FALSE, L"DBWIN_DATA_READY")),
+        buffer(CreateFileMappingW(INVALID_HANDLE_VALUE, nullptr, protection, 0, kBufferSize,
+                                  L"DBWIN_BUFFER")) {}
+
+  // The texts that this process writes until the first line feed.
+  std::string ReadLine() const {
+    const char* view =
+        static_cast<const char*>(MapViewOfFile(buffer.get(), FILE_MAP_READ, 0, 0, kBufferSize));
+    std::string line;
+    while (line.empty() || line.back() != '\n') {
+      if (WaitForSingleObject(dataReady.get(), 20'000) != WAIT_OBJECT_0) break;
+      DWORD writer = 0;
+      std::memcpy(&writer, view, sizeof writer);
+      if (writer == GetCurrentProcessId()) line += view + sizeof writer;
+      SetEvent(bufferReady.get());
+    }
+    UnmapViewOfFile(view);
+    return line;
+  }
+
+ private:
+  UniqueHandle bufferReady;
+  UniqueHandle dataReady;
+  UniqueHandle buffer;
+};
+
+void Log(const std::wstring& text) {
+  LogManager::SetProvider("Vx-Test")->LogWarning(L"%s", text.c_str());
+}
+
+// Runs `body` in a process of its own, because a monitor is remembered for the life of the module.
+// The process ends with 0 if `body` returns true, and with 3 if it hangs.
+void ExpectInOwnProcess(const std::function<bool()>& body) {
+  EXPECT_EXIT(
+      {
+        std::thread([] {
+          std::this_thread::sleep_for(30s);
+          std::_Exit(3);
+        }).detach();
+        std::_Exit(body() ? 0 : 1);
+      },
+      testing::ExitedWithCode(0), "");
+}
+
+TEST(DebugMonitorTest, ReceivesALongLineWhole) {
+  ExpectInOwnProcess([] {
+    const Monitor monitor;
+    std::string line;
+    std::thread reader([&] { line = monitor.ReadLine(); });
+    Log(std::wstring(4000, L'x'));
+    reader.join();
+    return line == "WARNING Vx-Test " + std::string(4000, 'x') + "\n";
+  });
+}
+
+// Sends 50 lines, which would take five seconds if each waited, and none may end the process.
+bool LosesPatienceOnce() {
+  const auto begin = Clock::now();
+  for (int i = 0; i < 50; ++i) Log(L"x");
+  return Clock::now() - begin < 3s;
+}
+
+TEST(DebugMonitorTest, DelaysOneLineWhileAnotherProcessOwnsTheMutex) {
+  ExpectInOwnProcess([] {
+    const Tests::TempFolder folder;
+    const UniqueHandle end(CreateEventW(nullptr, TRUE, FALSE, L"VxTestEndOfProbe"));
+    const std::wstring report = folder / L"report";
+    const auto started = Platform::WindowsMachine().processes->Start(
+        nullptr, {.application = Tests::ProbePath(),
+                  .commandLine = L"probe " + report + L" own:DBWinMutex wait:VxTestEndOfProbe",
+                  .workingDirectory = {},
+                  .environment = {}});
+    const bool owned = started && Tests::WaitForProbe(report);
+    const Monitor monitor;
+    const bool patient = LosesPatienceOnce();
+    SetEvent(end.get());
+    return owned && patient;
+  });
+}
+
+TEST(DebugMonitorTest, DelaysOneLineWhenTheMonitorDoesNotRead) {
+  ExpectInOwnProcess([] {
+    const Monitor monitor;
+    return LosesPatienceOnce();
+  });
+}
+
+TEST(DebugMonitorTest, SurvivesABufferThatCannotBeWritten) {
+  for (const DWORD protection : {PAGE_READWRITE | SEC_RESERVE, PAGE_READONLY}) {
+    SCOPED_TRACE(protection);
+    ExpectInOwnProcess([protection] {
+      const Monitor monitor(protection);
+      return LosesPatienceOnce();
+    });
+  }
+}
+
+}  // namespace
+}  // namespace Vx::Tessel::Server::Logging
