@@ -32,7 +32,9 @@ constexpr GUID kEventProvider = {
 // A longer text is cut, because a line is meant to be read and its buffer is on the stack of the
 // thread that logs.
 constexpr std::size_t kLongestMessage = 4096;
-constexpr std::size_t kLongestLine = kLongestMessage + 512;
+constexpr std::size_t kLongestCaller = 256;
+constexpr std::size_t kLongestFormat = 1024;
+constexpr std::size_t kLongestLine = kLongestMessage + kLongestCaller + 256;
 
 struct LevelNames {
   const wchar_t* text;
@@ -129,14 +131,88 @@ void DeliverToSinks(const LogRecord& record) {
   deliveringThread.store(0, std::memory_order_relaxed);
 }
 
-// Formats into `buffer` with the host's meaning of %s and %S, cutting what does not fit. The C
-// runtime's function leaves a cut text unterminated, and a text that it gives up in the middle too;
-// hence the zeroes first.
+constexpr wchar_t kReplacement = 0xFFFD;
+
+// A client's text must neither begin a line of its own nor reach the terminal that shows the log as
+// a command: control characters and line separators do both, and marks of writing direction reorder
+// what is shown. Blanks among them stay blanks.
+wchar_t Shown(wchar_t unit) noexcept {
+  if (unit >= L'\t' && unit <= L'\r') return L' ';
+  const bool control = unit < L' ' || (unit >= 0x7F && unit < 0xA0);
+  const bool separator = unit == 0x2028 || unit == 0x2029;
+  const bool direction = (unit >= 0x202A && unit <= 0x202E) || (unit >= 0x2066 && unit <= 0x2069);
+  return control || separator || direction ? kReplacement : unit;
+}
+
+// Formats into `buffer` with the host's conversions. False if the text does not fit or cannot be
+// formatted. The C runtime's function then leaves the beginning, without a terminator; hence the
+// zeroes.
+template <std::size_t Size>
+bool FormatWhole(wchar_t (&buffer)[Size], const wchar_t* format, va_list arguments) {
+  std::fill(std::begin(buffer), std::end(buffer), L'\0');
+  va_list copy;  // NOLINT(cppcoreguidelines-init-variables): va_copy does
+  va_copy(copy, arguments);
+  const int length = _vsnwprintf(buffer, Size - 1, format, copy);
+  va_end(copy);
+  return length >= 0;
+}
+
+// Writes `format` to `bounded` with every text conversion limited to `limit` characters, unless it
+// has a limit already. False if there is no room.
+template <std::size_t Size>
+bool BoundTexts(const wchar_t* format, int limit, wchar_t (&bounded)[Size]) {
+  wchar_t* out = bounded;
+  wchar_t* const end = bounded + Size - 1;
+  const auto copyTo = [&](const wchar_t* stop) {
+    while (format != stop && out != end) *out++ = *format++;
+  };
+  while (*format != L'\0' && out != end) {
+    const bool conversion = *format == L'%';
+    copyTo(format + 1);
+    if (!conversion) continue;
+    copyTo(format + std::wcsspn(format, L"-+ #0123456789*"));
+    const wchar_t* const letter = format + std::wcsspn(format, L".0123456789*hlwLIjzt");
+    if (*format != L'.' && (*letter == L's' || *letter == L'S')) {
+      const int written = _snwprintf(out, static_cast<std::size_t>(end - out), L".%d", limit);
+      if (written < 0) return false;
+      out += written;
+    }
+    copyTo(*letter == L'\0' ? letter : letter + 1);
+  }
+  *out = L'\0';
+  return *format == L'\0';
+}
+
+// Formats into `buffer`. If the message is too long, its texts are cut so that what follows them in
+// the format stays: the end of a line says what happened to the text.
 template <std::size_t Size>
 std::wstring_view Format(wchar_t (&buffer)[Size], const wchar_t* format, va_list arguments) {
-  std::fill(std::begin(buffer), std::end(buffer), L'\0');
-  _vsnwprintf(buffer, Size - 1, format, arguments);
-  return buffer;
+  if (!FormatWhole(buffer, format, arguments)) {
+    wchar_t bounded[kLongestFormat];
+    int fits = -1;
+    for (int low = 0, high = static_cast<int>(Size) - 1; low <= high;) {
+      const int limit = low + (high - low) / 2;
+      if (BoundTexts(format, limit, bounded) && FormatWhole(buffer, bounded, arguments)) {
+        fits = limit;
+        low = limit + 1;
+      } else {
+        high = limit - 1;
+      }
+    }
+    const bool bounds = fits >= 0 && BoundTexts(format, fits, bounded);
+    FormatWhole(buffer, bounds ? bounded : format, arguments);
+  }
+  std::wstring_view message(buffer);
+  std::transform(message.begin(), message.end(), std::begin(buffer), &Shown);
+  return message;
+}
+
+// Copies what fits of a caller's identity.
+template <std::size_t Size>
+std::wstring_view CopyCaller(wchar_t (&buffer)[Size], const wchar_t* caller) noexcept {
+  const std::size_t length = caller != nullptr ? wcsnlen(caller, Size) : 0;
+  std::transform(caller, caller + length, std::begin(buffer), &Shown);
+  return {buffer, length};
 }
 
 // A debug line: `LEVEL provider [caller] message` and a line feed, without the brackets if no
@@ -176,7 +252,8 @@ void TraceLogger::Write(LogLevel level, const wchar_t* caller, const wchar_t* fo
   LogRecord record;
   record.level = level;
   record.provider = provider;
-  if (caller != nullptr) record.caller = caller;
+  wchar_t callerBuffer[kLongestCaller];
+  record.caller = CopyCaller(callerBuffer, caller);
   va_list arguments;  // NOLINT(cppcoreguidelines-init-variables): va_start does
   va_start(arguments, format);
   record.message = Format(buffer, format, arguments);

@@ -66,6 +66,35 @@ TEST(LoggingTest, FormatsWithTheHostsMeaningOfTheLettersAndCutsALineAtItsBound) 
                           L"info|" + longest, L"info|" + longest));
 }
 
+TEST(LoggingTest, KeepsTheEndOfALineWhoseTextsAreCut) {
+  const std::wstring wide(100'000, L'w');
+  const std::string narrow(100'000, 'n');
+  const Tests::LogCapture capture;
+  Logger().LogInfo(L"%d. [%s] refused, error %d", 7, wide.c_str(), 5);
+  Logger().LogInfo(L"%S -> %.3s, %5d%% of %s", narrow.c_str(), wide.c_str(), 10, wide.c_str());
+  EXPECT_THAT(capture.Lines(),
+              ElementsAre(L"info|7. [" + std::wstring(4096 - 22, L'w') + L"] refused, error 5",
+                          L"info|" + std::wstring(2038, L'n') + L" -> www,    10% of " +
+                              std::wstring(2038, L'w')));
+}
+
+TEST(LoggingTest, ShowsNoControlCharacterOfAClient) {
+  const wchar_t* const hostile =
+      L"a\r\nERROR b\x1B]0;c\x07\x08\x7F\x85\x9B"
+      L"d\t\x2028\x2029\x202E\x2066 \xE9\x4E2D";
+  const wchar_t* const shown =
+      L"a  ERROR b\xFFFD]0;c\xFFFD\xFFFD\xFFFD\xFFFD\xFFFD"
+      L"d \xFFFD\xFFFD\xFFFD\xFFFD \xE9\x4E2D";
+  std::vector<std::wstring> seen;
+  const SinkScope scope([&](const LogRecord& record) {
+    seen.emplace_back(record.message);
+    seen.emplace_back(record.caller);
+  });
+  Logger().For(hostile).LogError(L"%s.", hostile);
+  Logger().For(std::wstring(1000, L'i').c_str()).LogError(L"");
+  EXPECT_THAT(seen, ElementsAre(std::wstring(shown) + L".", shown, L"", std::wstring(256, L'i')));
+}
+
 TEST(LoggingTest, CarriesLevelProviderAndCaller) {
   std::vector<std::wstring> seen;
   const SinkScope scope([&](const LogRecord& record) {
