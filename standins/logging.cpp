@@ -8,6 +8,7 @@
 #include <iterator>
 #include <memory>
 #include <mutex>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -268,35 +269,18 @@ TraceLogger* LogManager::GetLogger() {
 }
 
 TraceLogger* LogManager::SetProvider(const char* name) {
-  // Entries are added at the front and never go, so the list is read without the lock.
-  struct Entry {
-    std::string name;
-    std::unique_ptr<TraceLogger> logger;
-    const Entry* next = nullptr;
-  };
-  static std::atomic<const Entry*> newest{nullptr};
-  static StaticLock adding;
+  static StaticLock lock;
+  static std::vector<std::pair<std::string, std::unique_ptr<TraceLogger>>>* loggers = nullptr;
 
   const std::string_view wanted = name != nullptr ? name : "";
-  const auto find = [wanted]() -> TraceLogger* {
-    for (auto* entry = newest.load(std::memory_order_acquire); entry != nullptr;
-         entry = entry->next) {
-      if (entry->name == wanted) return entry->logger.get();
-    }
-    return nullptr;
-  };
-  if (TraceLogger* known = find(); known != nullptr) return known;
-
-  const std::lock_guard guard(adding);
-  if (TraceLogger* known = find(); known != nullptr) return known;
+  const std::lock_guard guard(lock);
+  if (loggers == nullptr) loggers = new std::remove_pointer_t<decltype(loggers)>;
+  for (const auto& [known, logger] : *loggers) {
+    if (known == wanted) return logger.get();
+  }
   const std::wstring wide(wanted.begin(), wanted.end());  // provider names are ASCII
-  auto entry = std::make_unique<Entry>();
-  entry->name = wanted;
-  entry->logger.reset(new TraceLogger(wide));
-  entry->next = newest.load(std::memory_order_relaxed);
-  TraceLogger* logger = entry->logger.get();
-  newest.store(entry.release(), std::memory_order_release);
-  return logger;
+  std::unique_ptr<TraceLogger> logger(new TraceLogger(wide));
+  return loggers->emplace_back(wanted, std::move(logger)).second.get();
 }
 
 LogManager::SinkId LogManager::AddSink(Sink sink) {
