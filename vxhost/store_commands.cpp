@@ -165,7 +165,10 @@ int ShowStore(const Options& /*options*/, Console& console) {
   document.AddMember(L"document", StoreWriter(document).Document(content.document, kShownLevels),
                      pool);
   Json::TextBuffer buffer;
-  rapidjson::PrettyWriter<Json::TextBuffer, Json::WideEncoding, Json::WideEncoding> writer(buffer);
+  Json::ScratchMemory scratch;
+  rapidjson::PrettyWriter<Json::TextBuffer, Json::WideEncoding, Json::WideEncoding,
+                          Json::ScratchMemory>
+      writer(buffer, &scratch);
   writer.SetIndent(L' ', 2);
   document.Accept(writer);
   console.Lines(Utf8(buffer.View()));

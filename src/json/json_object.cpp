@@ -66,7 +66,7 @@ std::shared_ptr<const Tree> ParseTree(std::wstring_view text, std::size_t nestin
   return tree;
 }
 
-using TextWriter = rapidjson::Writer<TextBuffer, WideEncoding, WideEncoding>;
+using TextWriter = rapidjson::Writer<TextBuffer, WideEncoding, WideEncoding, ScratchMemory>;
 
 // Writes `object`. `keep` writes each member that is to stay.
 template <typename Keep>
@@ -163,7 +163,8 @@ std::wstring JsonObject::StringifyWithout(std::wstring_view object, std::wstring
   const std::optional<JsonValue> inner = Find(object);
   if (!inner || inner->Kind() != JsonKind::Object) return Stringify();
   TextBuffer buffer;
-  TextWriter writer(buffer);
+  ScratchMemory scratch;
+  TextWriter writer(buffer, &scratch);
   WriteObject(writer, At(value.node), [&](const WideValue::Member& member) {
     if (&member.value != inner->node) {
       WriteMember(writer, member);

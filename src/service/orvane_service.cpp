@@ -85,7 +85,9 @@ struct LengthStream {
 
 std::size_t TextLength(const Json::WideValue& value) {
   LengthStream stream;
-  rapidjson::Writer<LengthStream, Json::WideEncoding, Json::WideEncoding> writer(stream);
+  Json::ScratchMemory scratch;
+  rapidjson::Writer<LengthStream, Json::WideEncoding, Json::WideEncoding, Json::ScratchMemory>
+      writer(stream, &scratch);
   value.Accept(writer);
   return stream.length;
 }

@@ -77,6 +77,20 @@ function(judge_foreign_include layer included result)
   endif()
 endfunction()
 
+# rapidjson's own allocator returns null without memory, which rapidjson then writes through. Puts
+# into RESULT the first use of it in CONTENT.
+function(judge_json_memory content result)
+  set(${result} "" PARENT_SCOPE)
+  string(REGEX MATCHALL "rapidjson::[A-Za-z]*Writer *<[^>]*>" writers "${content}")
+  list(FILTER writers EXCLUDE REGEX "ScratchMemory")
+  string(REGEX MATCHALL "rapidjson::(Document|[A-Za-z]*(String|Memory)Buffer)[^A-Za-z]" buffers
+    "${content}")
+  foreach(found IN LISTS writers buffers)
+    string(REGEX REPLACE "[ \n]*[^A-Za-z>]$" "" found "${found}")
+    set(${result} "uses ${found}, whose allocator does not check for memory" PARENT_SCOPE)
+  endforeach()
+endfunction()
+
 # A reader finds the source of X.h by its name: X.cpp begins with a header of that name, unless it is
 # the entry point of a program or library.
 function(judge_name file content includes result)
@@ -99,6 +113,10 @@ function(judge_file file content result)
   endif()
   string(REGEX MATCHALL "\n[ \t]*#[ \t]*include[ \t]*[<\"][^>\"\n]+" includes "${content}")
   judge_name(${file} "${content}" "${includes}" complaint)
+  if(complaint)
+    list(APPEND complaints "${file}: ${complaint}")
+  endif()
+  judge_json_memory("${content}" complaint)
   if(complaint)
     list(APPEND complaints "${file}: ${complaint}")
   endif()
