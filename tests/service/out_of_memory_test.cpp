@@ -16,21 +16,40 @@ using Tessel::Server::Services::Orvane::OrvaneService;
 
 class OutOfMemoryTest : public testing::Test, protected ServiceFixture {};
 
+constexpr wchar_t kPower[] =
+    LR"({"powerEventType":7,"eventAction":1,"commandParams":{"path":"C:\\a.exe","arguments":"b"}})";
+constexpr wchar_t kOtherPower[] =
+    LR"({"powerEventType":18,"eventAction":1,"commandParams":{"path":"C:\\a.exe"}})";
+constexpr wchar_t kZephra[] =
+    LR"({"zephraEventType":2,"eventAction":1,"commandParams":{"path":"C:\\a.exe","arguments":"b"}})";
+constexpr wchar_t kLaunched[] = LR"({"launched":true})";
+
 TEST_F(OutOfMemoryTest, ACommandFailsWithoutAnAnswerOrDoesWithoutTheMemory) {
-  for (const std::uint32_t id : {22U, 20U, 21U, 12U, 2U, 9U, 13U}) {
-    SCOPED_TRACE(id);
-    wchar_t* response = nullptr;
-    std::uint32_t result = 0;
-    const auto execute = [&] {
-      result = service->ExecuteCommand(context, id, L"{\"launched\":true}", &response, nullptr);
-    };
-    const auto check = [&] {
-      EXPECT_THAT(result, testing::AnyOf(0U, 0x20000002U, 0x20000008U));
-      EXPECT_TRUE(result != 0 || response != nullptr);
-      service->FreeResponse(response);
-      response = nullptr;
-    };
-    EXPECT_GT(FailEachAllocation(Shortage::Once, execute, check), 0U);
+  static constexpr struct {
+    std::uint32_t id;
+    const wchar_t* request;
+  } kCases[] = {{22, L"{}"},       {20, L"{}"},    {21, L"{}"},       {12, L"{}"},  {2, L"{}"},
+                {3, kLaunched},    {5, kLaunched}, {13, kLaunched},   {9, kPower},  {9, L"{}"},
+                {19, kOtherPower}, {14, kZephra},  {14, kOtherPower}, {15, kPower}, {16, L"{}"}};
+  // The lists are not empty, and some requests are there already.
+  ASSERT_EQ(Execute(9, kPower).result, 0U);
+  ASSERT_EQ(Execute(14, kZephra).result, 0U);
+  for (const auto kind : {Shortage::Once, Shortage::Lasting}) {
+    for (const auto& c : kCases) {
+      SCOPED_TRACE(testing::Message() << "id " << c.id);
+      wchar_t* response = nullptr;
+      std::uint32_t result = 0;
+      const auto execute = [&] {
+        result = service->ExecuteCommand(context, c.id, c.request, &response, nullptr);
+      };
+      const auto check = [&] {
+        EXPECT_THAT(result, testing::AnyOf(0U, 0x20000002U, 0x20000008U));
+        EXPECT_TRUE(result != 0 || response != nullptr);
+        service->FreeResponse(response);
+        response = nullptr;
+      };
+      EXPECT_GT(FailEachAllocation(kind, execute, check), 0U);
+    }
   }
 }
 

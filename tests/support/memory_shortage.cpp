@@ -21,17 +21,6 @@ bool Fails() noexcept {
   return true;
 }
 
-// The runtime keeps a pool for exceptions that are thrown without memory. Its mutex is created at
-// the first use, which recurses without an end if that fails too. So the first use is here.
-const bool poolIsReady = [] {
-  const MemoryShortage shortage(Shortage::Once, 0);
-  try {
-    throw 0;
-  } catch (int) {
-    return true;
-  }
-}();
-
 }  // namespace
 
 MemoryShortage::MemoryShortage(Shortage wanted, std::size_t allocations) {
@@ -53,9 +42,14 @@ bool MemoryShortage::End() {
 }  // namespace Vx::Tests
 
 // NOLINTBEGIN(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp): the linker's names
-extern "C" void* __real_malloc(std::size_t size);
-extern "C" void* __wrap_malloc(std::size_t size);
+extern "C" {
+void* __real_malloc(std::size_t size);
+void* __real_calloc(std::size_t count, std::size_t size);
 void* __wrap_malloc(std::size_t size) {
   return Vx::Tests::Fails() ? nullptr : __real_malloc(size);
+}
+void* __wrap_calloc(std::size_t count, std::size_t size) {
+  return Vx::Tests::Fails() ? nullptr : __real_calloc(count, size);
+}
 }
 // NOLINTEND(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)

@@ -1,0 +1,90 @@
+#include "platform/exception_memory.h"
+
+#include <atomic>
+#include <bit>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <exception>
+
+namespace Vx::Platform {
+
+namespace {
+
+// The runtime keeps a record directly before the object that is thrown. GCC 12 needs 160 bytes for
+// it. The rest is for later compilers.
+constexpr std::size_t kRecord = 256;
+constexpr std::size_t kSlot = kRecord + kLargestReservedException;
+constexpr std::size_t kAlignment = 16;
+static_assert(kRecord % kAlignment == 0 && kSlot % kAlignment == 0);
+
+alignas(kAlignment) std::byte reserve[kReservedExceptions * kSlot];
+std::atomic<std::uint64_t> taken{0};  // one bit per slot
+static_assert(kReservedExceptions == 64);
+
+void* TakeSlot() noexcept {
+  std::uint64_t seen = taken.load();
+  while (~seen != 0) {
+    const int slot = std::countr_one(seen);
+    if (taken.compare_exchange_weak(seen, seen | (std::uint64_t{1} << slot))) {
+      return reserve + static_cast<std::size_t>(slot) * kSlot;
+    }
+  }
+  return nullptr;
+}
+
+void* Take(std::size_t size) noexcept {
+  void* block = std::malloc(size);
+  if (block == nullptr && size <= kSlot) block = TakeSlot();
+  if (block == nullptr) std::terminate();
+  return block;
+}
+
+void Free(void* block) noexcept {
+  const auto offset = reinterpret_cast<std::uintptr_t>(block) -
+                      reinterpret_cast<std::uintptr_t>(static_cast<void*>(reserve));
+  if (offset >= sizeof reserve) {
+    std::free(block);
+  } else {
+    taken.fetch_and(~(std::uint64_t{1} << (offset / kSlot)));
+  }
+}
+
+// Allocates at load what the runtime otherwise allocates, unchecked, at the first exception of the
+// process. The first exception of each further thread still needs some bytes of the heap.
+__attribute__((constructor)) void PrepareRuntime() {
+  [[maybe_unused]] const volatile int uncaught = std::uncaught_exceptions();
+}
+
+}  // namespace
+
+}  // namespace Vx::Platform
+
+// NOLINTBEGIN(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp): names of the C++ ABI
+extern "C" {
+
+void* __cxa_allocate_exception(std::size_t size) noexcept {
+  using Vx::Platform::kRecord;
+  if (size > SIZE_MAX - kRecord) std::terminate();
+  void* block = Vx::Platform::Take(kRecord + size);
+  std::memset(block, 0, kRecord);
+  return static_cast<std::byte*>(block) + kRecord;
+}
+
+void __cxa_free_exception(void* object) noexcept {
+  Vx::Platform::Free(static_cast<std::byte*>(object) - Vx::Platform::kRecord);
+}
+
+// A record alone, which refers to another exception.
+void* __cxa_allocate_dependent_exception() noexcept {
+  void* block = Vx::Platform::Take(Vx::Platform::kRecord);
+  std::memset(block, 0, Vx::Platform::kRecord);
+  return block;
+}
+
+void __cxa_free_dependent_exception(void* record) noexcept {
+  Vx::Platform::Free(record);
+}
+
+}  // extern "C"
+// NOLINTEND(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
