@@ -29,10 +29,16 @@ constexpr wchar_t kTooManyWait[] =
     L"%S - dropped, because %d deliveries of the same subscription wait already: %s";
 constexpr wchar_t kServiceEnded[] = L"%S - dropped while it waited, because the service ends: %s";
 
+constexpr wchar_t kStandbyNameTaken[] =
+    L"Another program has given the name %s to an object that is not an event. "
+    L"Modern Standby is not noticed until that object is gone.";
+
 // Signalled by another component when the machine enters Modern Standby.
 constexpr wchar_t kModernStandbyEvent[] = L"{CE7DC567-F47B-4A07-8489-C9DEB372B88F}";
 
 constexpr std::int32_t kUnspecified = static_cast<std::int32_t>(0x80004005);
+
+constinit Platform::TakenName standbyNameTaken;
 
 const Logging::TraceLogger& Log() {
   return *LogManager::SetProvider(Logging::kComponentProvider);
@@ -101,6 +107,9 @@ std::optional<std::int64_t> Wait(const DeliveryTexts& texts, int seconds,
   const std::uint64_t start = clock.TickCount();
   const auto standby =
       Platform::CurrentMachine().kernelObjects->MakeManualEvent(kModernStandbyEvent);
+  if (standbyNameTaken.IsNews(standby ? 0 : standby.Error())) {
+    Log().LogWarning(kStandbyNameTaken, kModernStandbyEvent);
+  }
   Platform::WaitResult wait;
   if (standby && stop != nullptr) {
     wait = clock.WaitForEither(stop.get(), standby->get(), DelayLength(seconds));

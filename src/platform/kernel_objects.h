@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <string>
 
 #include "platform/result.h"
@@ -25,6 +26,23 @@ class KernelObjects {
   virtual Result<UniqueHandle> MakeManualEvent(const std::wstring& name) = 0;
 
   virtual ErrorCode Signal(RawHandle event) = 0;
+};
+
+// Decides whether to report that a name is taken. Any process of the machine can give an object of
+// another kind a name that this system uses, and every use of the name then fails until that object
+// is gone. A report per use would hide it. Any thread.
+class TakenName {
+ public:
+  // Takes the result of MakeMutex or MakeManualEvent: its error, or zero after a success. Returns
+  // true if the name has been taken since the last success and that has not been reported yet.
+  bool IsNews(ErrorCode error) noexcept {
+    constexpr ErrorCode kOtherKind = 6;  // ERROR_INVALID_HANDLE
+    if (error == 0) reported = false;
+    return error == kOtherKind && !reported.exchange(true);
+  }
+
+ private:
+  std::atomic<bool> reported{false};
 };
 
 }  // namespace Vx::Platform

@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include "host/logging.h"
 #include "platform/kernel_objects.h"
 #include "platform/machine.h"
 
@@ -14,9 +15,15 @@ constexpr char kLockFailed[] = "SystemMutex::lock - failed to gain ownership of 
 constexpr char kUnlockFailed[] =
     "SystemMutex::unlock - something went wrong trying to free the mutex";
 
+constexpr wchar_t kNameTaken[] =
+    L"SystemMutex - another program has given the name %s to an object that is not a mutex. "
+    L"The shared store cannot be used until that object is gone.";
+
 constexpr std::uint32_t kCreateCode = 0;
 constexpr std::uint32_t kLockCode = 2;
 constexpr std::uint32_t kUnlockCode = 3;
+
+constinit Platform::TakenName nameTaken;
 
 Platform::KernelObjects& Kernel() {
   return *Platform::CurrentMachine().kernelObjects;
@@ -26,6 +33,10 @@ Platform::KernelObjects& Kernel() {
 
 SystemMutex::SystemMutex(std::wstring mutexName) : name(std::move(mutexName)) {
   Platform::Result<Platform::UniqueHandle> made = Kernel().MakeMutex(name);
+  if (nameTaken.IsNews(made ? 0 : made.Error())) {
+    Logging::LogManager::SetProvider(Logging::kComponentProvider)
+        ->LogWarning(kNameTaken, name.c_str());
+  }
   if (!made || *made == nullptr) throw system_mutex_exception(kCreateFailed, kCreateCode);
   handle = *std::move(made);
 }

@@ -14,6 +14,7 @@
 
 #include "events/power_events.h"
 #include "events/zephra_events.h"
+#include "platform/kernel_objects.h"
 #include "storage/cap_data_store.h"
 #include "storage/request_manager.h"
 #include "support/machine_test.h"
@@ -184,6 +185,58 @@ TEST_P(DeliveryTest, MeasuresTheDelayAndDiscardsWhatCameTooFarFromIt) {
     EXPECT_EQ(log.Lines(), expected);
     EXPECT_EQ(machine.clock.Workers(), 0U);
   }
+}
+
+// The kernel objects of a machine on which another program holds the name of every event.
+class TakenEventNames final : public Platform::KernelObjects {
+ public:
+  Platform::Result<Platform::UniqueHandle> MakeMutex(const std::wstring& name) override {
+    return real.MakeMutex(name);
+  }
+  Platform::ErrorCode LockMutex(Platform::RawHandle mutex) override {
+    return real.LockMutex(mutex);
+  }
+  Platform::ErrorCode UnlockMutex(Platform::RawHandle mutex) override {
+    return real.UnlockMutex(mutex);
+  }
+  Platform::Result<Platform::UniqueHandle> MakeManualEvent(const std::wstring& name) override {
+    if (!taken) return real.MakeManualEvent(name);
+    return Platform::Result<Platform::UniqueHandle>::Failure(ERROR_INVALID_HANDLE);
+  }
+  Platform::ErrorCode Signal(Platform::RawHandle event) override { return real.Signal(event); }
+
+  bool taken = true;
+
+ private:
+  Platform::KernelObjects& real = *Platform::WindowsMachine().kernelObjects;
+};
+
+TEST_P(DeliveryTest, ReportsOnceThatTheStandbyEventsNameIsTakenAndWaits) {
+  TakenEventNames names;
+  const Platform::MachineScope taken(
+      [&](Platform::Machine& platform) { platform.kernelObjects = &names; });
+  const std::wstring request = Delayed(kind, L"1");
+  const Lines waited{Info(kind.delayStart + L"1"), Info(L"delay end: 1"), Executed(request)};
+  const auto deliver = [&] {
+    log.Clear();
+    Deliver(request);
+    machine.clock.Advance(1s);
+    return log.Lines();
+  };
+  for (int round = 0; round < 2; ++round) {
+    Lines reported = waited;
+    reported.insert(reported.begin() + 1,
+                    L"warning|Another program has given the name "
+                    L"{CE7DC567-F47B-4A07-8489-C9DEB372B88F} to an object that is not an event. "
+                    L"Modern Standby is not noticed until that object is gone.");
+    EXPECT_EQ(deliver(), reported);
+    EXPECT_EQ(deliver(), waited);
+    names.taken = false;
+    EXPECT_EQ(deliver(), waited);
+    names.taken = true;
+  }
+  names.taken = false;
+  deliver();
 }
 
 TEST_P(DeliveryTest, RaisesACustomTriggerInsteadOfSendingUnlessItIsOverdue) {

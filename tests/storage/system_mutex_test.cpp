@@ -3,11 +3,12 @@
 #include <string>
 #include <thread>
 
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 
 #include <windows.h>
 
 #include "simulator/fault_injection.h"
+#include "support/log_capture.h"
 
 namespace Vx::Tessel::Server::Storage {
 
@@ -48,6 +49,20 @@ TEST(SystemMutex, KeepsOthersOutUntilItIsUnlockedOrDestroyed) {
     mutex.lock();
   }
   EXPECT_TRUE(IsFree(name));
+}
+
+TEST(SystemMutex, ReportsANameOfAnotherKindOfObjectOnceAndTriesAgain) {
+  const std::wstring name = Name(L"taken");
+  const Tests::LogCapture log;
+  for (std::size_t taken = 1; taken <= 2; ++taken) {
+    {
+      const Platform::UniqueHandle event(CreateEventW(nullptr, TRUE, FALSE, name.c_str()));
+      for (int use = 0; use < 3; ++use) EXPECT_THROW(SystemMutex{name}, system_mutex_exception);
+      ASSERT_THAT(log.Lines(), testing::SizeIs(taken));
+      EXPECT_THAT(log.Lines().back(), testing::HasSubstr(name));
+    }
+    EXPECT_NO_THROW(SystemMutex{name});
+  }
 }
 
 TEST(SystemMutex, IsOwnedAfterItsHolderDied) {
