@@ -17,7 +17,7 @@ class SimulatedAppServices::Conversation final : public Platform::AppService {
       const std::lock_guard guard(owner.mutex);
       ++owner.restarts;
     }
-    owner.timeline.Add(L"the app services are told that the machine came up again");
+    owner.timeline.Add(L"the app services are notified that the machine came up again");
   }
 
  private:
@@ -57,8 +57,8 @@ SimulatedAppServices::Reply SimulatedAppServices::Take(const Message& message) {
       replies.pop_front();
     }
   }
-  timeline.Add(message.packageFamilyName + L" receives " + message.text + L" and returns " +
-               std::to_wstring(reply.first));
+  timeline.Add(message.packageFamilyName + L"/" + message.appServiceName + L" receives " +
+               message.text + L" and returns " + std::to_wstring(reply.first));
   return reply;
 }
 

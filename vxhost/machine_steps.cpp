@@ -18,7 +18,7 @@ using Simulator::SimulatedMachine;
 using std::chrono::seconds;
 
 constexpr wchar_t kAdvance[] = L"advance";
-constexpr int kUninstallLength = 1;  // seconds
+constexpr std::chrono::seconds kUninstallLength{1};
 
 // The value of a step, and what it changes.
 struct Change {
@@ -83,9 +83,8 @@ void Install(const Change& change) {
 
 void Uninstall(const Change& change) {
   const WideValue* length = change.Find(L"seconds");
-  change.machine.packages.Uninstall(
-      change.Text(L"family"), change.Text(L"user"),
-      seconds(length == nullptr ? kUninstallLength : length->GetInt()));
+  change.machine.packages.Uninstall(change.Text(L"family"), change.Text(L"user"),
+                                    length == nullptr ? kUninstallLength : Length(*length));
 }
 
 // One status for each of the next messages. The last one stays in effect.

@@ -1,3 +1,5 @@
+// Deliveries that no scenario can play. What the others log, and when, is in scenarios/.
+
 #include "events/subscription_delivery.h"
 
 #include <gmock/gmock.h>
@@ -5,18 +7,17 @@
 #include <chrono>
 #include <functional>
 #include <mutex>
-#include <optional>
 #include <stdexcept>
 #include <string>
 #include <system_error>
+#include <thread>
+#include <vector>
 
 #include <windows.h>
 
 #include "events/power_events.h"
 #include "events/zephra_events.h"
 #include "platform/kernel_objects.h"
-#include "storage/cap_data_store.h"
-#include "storage/request_manager.h"
 #include "support/machine_test.h"
 
 namespace Vx::Tessel::Server::Services::Orvane {
@@ -24,165 +25,52 @@ namespace Vx::Tessel::Server::Services::Orvane {
 namespace {
 
 using namespace std::chrono_literals;
-using std::chrono::milliseconds;
 using testing::AllOf;
-using testing::ElementsAre;
 using testing::EndsWith;
-using testing::IsEmpty;
-using testing::SizeIs;
 using testing::StartsWith;
-using Lines = std::vector<std::wstring>;
 
-// One kind of subscription, with the texts that differ between the kinds.
-struct Kind {
-  const char* name;
-  const DeliveryKind& delivery;
-  std::wstring typeKey;
-  std::wstring actionKey;
-  std::wstring manager;
-  std::wstring delayStart;
-  std::wstring failure;
-  std::wstring operation;
-};
+constexpr std::uint32_t kEvent = 7;
+constexpr wchar_t kManager[] = L"info|PowerEventManager::handle_event ";
 
-const Kind& Power() {
-  static const Kind kind{"power",
-                         kPowerEvents,
-                         L"powerEventType",
-                         L"eventAction",
-                         L"PowerEventManager::handle_event ",
-                         L"delay start: ",
-                         L" in PowerManager::handle_event.",
-                         L"PowerEvent"};
-  return kind;
+std::wstring Request(const std::wstring& kind, const std::wstring& rest = {}) {
+  return L"{\"" + kind + L"Type\":7,\"" + (kind == L"powerEvent" ? L"event" : kind) +
+         LR"(Action":2,"commandParams":{"packageFamilyName":"f","appServiceName":"s","payload":{})" +
+         rest + L"}}";
 }
 
-const Kind& Zephra() {
-  static const Kind kind{"zephra",
-                         kZephraEvents,
-                         L"zephraEventType",
-                         L"zephraEventAction",
-                         L"ZephraEventManager::handle_event ",
-                         L"delay: ",
-                         L" in ZephraEventManager::handle_event.",
-                         L"ZephraEvent"};
-  return kind;
-}
-
-std::wstring Request(const Kind& kind, std::uint32_t type, const std::wstring& rest = {},
-                     const std::wstring& payload = LR"({"a":[1.5,"x"]})") {
-  return L"{\"" + kind.typeKey + L"\":" + std::to_wstring(type) + L",\"" + kind.actionKey +
-         LR"(":2,"commandParams":{"packageFamilyName":"f","appServiceName":"s","payload":)" +
-         payload + rest + L"}}";
-}
-
-std::wstring Delayed(const Kind& kind, const std::wstring& delay) {
-  return Request(kind, 7, LR"(,"delayDeliverySec":")" + delay + L"\"");
-}
-
-class DeliveryTest : public Tests::StoreTest, public testing::WithParamInterface<const Kind*> {
+class DeliveryTest : public Tests::StoreTest {
  protected:
-  void Deliver(const std::wstring& request, std::uint32_t eventType = 7) {
-    kind.delivery.handleEvent(request, nullptr, eventType, nullptr);
+  void Deliver(const std::wstring& request) {
+    kPowerEvents.handleEvent(request, nullptr, kEvent, nullptr);
     machine.clock.Settle();
   }
-  int Store(const std::wstring& request) { return RegisterSubscription(kind.delivery, request); }
-  void Fulfill(std::uint32_t eventType) {
-    FulfillSubscriptions(kind.delivery, eventType);
-    machine.clock.Settle();
-  }
-
-  std::wstring Info(const std::wstring& text) const { return L"info|" + kind.manager + text; }
-  std::wstring Executed(const std::wstring& request) const { return Info(L"Executed: " + request); }
-  auto Failure(const std::wstring& end) const {
-    return AllOf(StartsWith(L"error|Failed to execute command" + kind.failure + L" Message: "),
-                 EndsWith(end));
-  }
-  auto Threw(const wchar_t* change, const wchar_t* end) const {
-    return AllOf(StartsWith(std::wstring(L"error|OrvaneService - ") + change + kind.operation +
-                            L" threw hresult_error: Message: "),
-                 EndsWith(end));
-  }
-
-  const Kind& kind = *GetParam();
 };
 
-INSTANTIATE_TEST_SUITE_P(Kinds, DeliveryTest, testing::Values(&Power(), &Zephra()),
-                         [](const auto& tested) { return tested.param->name; });
-
-TEST_P(DeliveryTest, RunsAtOnceOrDiscardsWithoutAPositiveDelay) {
-  const std::wstring error = L"error|Failed to retrieve delay parameter" + kind.failure;
-  const std::wstring none = Info(L"delay: None");
-  const std::wstring discarded = Info(L"Event discarded, 0 ms");
+TEST_F(DeliveryTest, DiscardsWhatAModernStandbyCutsShortUnlessItCutsLittle) {
+  const Platform::UniqueHandle standby(
+      CreateEventW(nullptr, TRUE, FALSE, L"{CE7DC567-F47B-4A07-8489-C9DEB372B88F}"));
   const struct {
-    const wchar_t* delay;
-    bool runs;
-    Lines before;
+    std::wstring delay;
+    std::chrono::milliseconds standbyAfter;
+    std::wstring outcome;
   } cases[] = {
-      {L"0", true, {none}},
-      {L"soon", true, {error, none}},
-      {L"99999999999", true, {error, none}},
-      {L"-3", false, {none, discarded}},
-  };
-  Deliver(Delayed(kind, L"0"), 18);  // another event
-  EXPECT_THAT(log.Lines(), IsEmpty());
-  for (const auto& c : cases) {
-    SCOPED_TRACE(testing::PrintToString(std::wstring(c.delay)));
-    const std::wstring request = Delayed(kind, c.delay);
-    log.Clear();
-    const std::size_t before = Sent().size();
-    Deliver(request);
-    Lines expected = c.before;
-    if (c.runs) expected.push_back(Executed(request));
-    EXPECT_EQ(log.Lines(), expected);
-    EXPECT_EQ(Sent().size() - before, c.runs ? 1U : 0U);
-  }
-}
-
-TEST_P(DeliveryTest, MeasuresTheDelayAndDiscardsWhatCameTooFarFromIt) {
-  const auto none = std::optional<milliseconds>();
-  const struct {
-    const char* name;
-    const wchar_t* delay;
-    std::optional<milliseconds> standbyAfter;
-    milliseconds asleep;  // before the wait; the tick count includes sleep
-    bool noEvent;
-    std::optional<int> discarded;
-  } cases[] = {
-      {"waited out", L"10", none, 0ms, false, std::nullopt},
-      {"slept a moment longer", L"10", none, 2001ms, false, 12001},
-      {"standby early in a long delay", L"10", 300ms, 0ms, false, 2001},
-      {"standby just late enough", L"5", 3000ms, 0ms, false, std::nullopt},
-      {"no standby event, slept", L"10", none, 5000ms, true, 15000},
+      {L"10", 300ms, L"Event discarded, 2001 ms"},
+      {L"5", 3000ms, L"Executed: "},
   };
   for (const auto& c : cases) {
-    SCOPED_TRACE(c.name);
-    const std::wstring delay = c.delay;
-    const std::wstring request = Delayed(kind, delay);
     log.Clear();
-    const Platform::UniqueHandle standby(
-        CreateEventW(nullptr, TRUE, FALSE, L"{CE7DC567-F47B-4A07-8489-C9DEB372B88F}"));
-    machine.faults.Clear();
-    if (c.noEvent) machine.faults.FailNamed("KernelObjects.MakeManualEvent");
-    Lines expected{Info(kind.delayStart + delay)};
-
+    ResetEvent(standby.get());
+    const std::wstring request =
+        Request(L"powerEvent", LR"(,"delayDeliverySec":")" + c.delay + L"\"");
     Deliver(request);
-    EXPECT_EQ(log.Lines(), expected);
-    machine.clock.JumpTicks(c.asleep);
-    machine.clock.Advance(c.standbyAfter.value_or(std::stoi(delay) * 1000ms) - 1ms);
-    EXPECT_EQ(log.Lines(), expected);
-    machine.clock.Advance(1ms);
-    if (c.standbyAfter) {
-      SetEvent(standby.get());
-      machine.clock.Settle();
-      expected.push_back(Info(L"receive Modern Standby enter event"));
-    }
-
-    expected.push_back(Info(L"delay end: " + delay));
-    expected.push_back(c.discarded
-                           ? Info(L"Event discarded, " + std::to_wstring(*c.discarded) + L" ms")
-                           : Executed(request));
-    EXPECT_EQ(log.Lines(), expected);
+    machine.clock.Advance(c.standbyAfter);
+    SetEvent(standby.get());
+    machine.clock.Settle();
+    const std::wstring outcome = kManager + c.outcome;
+    EXPECT_THAT(log.Lines(),
+                testing::ElementsAre(kManager + (L"delay start: " + c.delay),
+                                     kManager + std::wstring(L"receive Modern Standby enter event"),
+                                     kManager + (L"delay end: " + c.delay), StartsWith(outcome)));
     EXPECT_EQ(machine.clock.Workers(), 0U);
   }
 }
@@ -211,12 +99,14 @@ class TakenEventNames final : public Platform::KernelObjects {
   Platform::KernelObjects& real = *Platform::WindowsMachine().kernelObjects;
 };
 
-TEST_P(DeliveryTest, ReportsOnceThatTheStandbyEventsNameIsTakenAndWaits) {
+TEST_F(DeliveryTest, ReportsOnceThatTheStandbyEventsNameIsTakenAndWaits) {
   TakenEventNames names;
   const Platform::MachineScope taken(
       [&](Platform::Machine& platform) { platform.kernelObjects = &names; });
-  const std::wstring request = Delayed(kind, L"1");
-  const Lines waited{Info(kind.delayStart + L"1"), Info(L"delay end: 1"), Executed(request)};
+  const std::wstring request = Request(L"powerEvent", LR"(,"delayDeliverySec":"1")");
+  const std::vector<std::wstring> waited{kManager + std::wstring(L"delay start: 1"),
+                                         kManager + std::wstring(L"delay end: 1"),
+                                         kManager + (L"Executed: " + request)};
   const auto deliver = [&] {
     log.Clear();
     Deliver(request);
@@ -224,7 +114,7 @@ TEST_P(DeliveryTest, ReportsOnceThatTheStandbyEventsNameIsTakenAndWaits) {
     return log.Lines();
   };
   for (int round = 0; round < 2; ++round) {
-    Lines reported = waited;
+    std::vector<std::wstring> reported = waited;
     reported.insert(reported.begin() + 1,
                     L"warning|Another program has given the name "
                     L"{CE7DC567-F47B-4A07-8489-C9DEB372B88F} to an object that is not an event. "
@@ -239,51 +129,7 @@ TEST_P(DeliveryTest, ReportsOnceThatTheStandbyEventsNameIsTakenAndWaits) {
   deliver();
 }
 
-TEST_P(DeliveryTest, RaisesACustomTriggerInsteadOfSendingUnlessItIsOverdue) {
-  const std::wstring payload = LR"({"customTriggerGUID":"{g}"})";
-  Deliver(Request(kind, 7, LR"(,"delayDeliverySec":"-3")", payload));
-  EXPECT_THAT(machine.system.RaisedTriggers(), IsEmpty());
-
-  const std::wstring request = Request(kind, 7, L"", payload);
-  Deliver(request);
-  EXPECT_THAT(machine.system.RaisedTriggers(), ElementsAre(L"{g}"));
-  machine.system.SetTriggerStatus(3221225474);
-  Deliver(request);
-  EXPECT_EQ(log.Lines().back(), Info(L"CustomTrigger raised: 3221225474 " + request));
-  EXPECT_THAT(Sent(), IsEmpty());
-}
-
-TEST_P(DeliveryTest, ReadsTheDelayOfALaunchCommandToo) {
-  Deliver(L"{\"" + kind.typeKey + L"\":7.9,\"" + kind.actionKey +
-          LR"(":1.2,"commandParams":{"path":"","delayDeliverySec":" 3s"}})");
-  EXPECT_THAT(log.Lines(), ElementsAre(Info(kind.delayStart + L"3")));
-  machine.clock.Advance(3000ms);
-  EXPECT_THAT(log.Lines().back(), StartsWith(Info(L"Executed: ")));
-}
-
-TEST_P(DeliveryTest, OnlyLogsARequestThatIsNone) {
-  const std::wstring open = L"{\"" + kind.typeKey + L"\":";
-  const std::wstring action = open + L"7,\"" + kind.actionKey + L"\":";
-  const struct {
-    std::wstring request;
-    const wchar_t* status;
-  } cases[] = {
-      {L"", L"-2089484281"},
-      {std::wstring(100000, L'['), L"-2089484281"},
-      {L"{}", L"-2089484279"},
-      {open + L"\"7\"}", L"-2147483634"},
-      {action + L"3,\"commandParams\":{}}", L"536870919"},
-      {action + L"1e300,\"commandParams\":{}}", L"536870919"},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(testing::PrintToString(c.request.substr(0, 60)));
-    log.Clear();
-    Deliver(c.request);
-    EXPECT_THAT(log.Lines(), ElementsAre(Failure(L", Status: " + std::wstring(c.status))));
-  }
-}
-
-TEST_P(DeliveryTest, LogsACommandThatFailsAndRunsTheNext) {
+TEST_F(DeliveryTest, LogsACommandThatFailsAndRunsTheNext) {
   const struct {
     std::function<void()> failure;
     const wchar_t* end;
@@ -294,72 +140,46 @@ TEST_P(DeliveryTest, LogsACommandThatFailsAndRunsTheNext) {
   };
   for (const auto& c : cases) {
     machine.timeline.SetListener([&](const auto&) { c.failure(); });
-    Deliver(Request(kind, 7));
+    Deliver(Request(L"powerEvent"));
     ASSERT_FALSE(log.Lines().empty());
-    EXPECT_THAT(log.Lines().back(), Failure(c.end));
+    EXPECT_THAT(log.Lines().back(),
+                AllOf(StartsWith(L"error|Failed to execute command in PowerManager::handle_event. "
+                                 L"Message: "),
+                      EndsWith(c.end)));
   }
   machine.timeline.SetListener({});
-  Deliver(Request(kind, 7));
-  EXPECT_EQ(log.Lines().back(), Executed(Request(kind, 7)));
+  Deliver(Request(L"powerEvent"));
+  EXPECT_EQ(log.Lines().back(), std::wstring(kManager) + L"Executed: " + Request(L"powerEvent"));
 }
 
-TEST_P(DeliveryTest, TellsItsCallerThatNoThreadCanBeStarted) {
-  machine.faults.FailNamed("Threads.Start");
-  EXPECT_THROW(Deliver(Request(kind, 7)), std::system_error);
+bool IsHeld(std::mutex& mutex) {
+  bool held = false;
+  std::thread([&] {
+    const std::unique_lock attempt(mutex, std::try_to_lock);
+    held = !attempt.owns_lock();
+  }).join();
+  return held;
 }
 
-TEST_P(DeliveryTest, ReplaysWhatIsStoredForEachOfItsEventsUntilItIsRemoved) {
-  const std::wstring seven = Request(kind, 7);
-  for (const auto& request : {seven, std::wstring(L"{\"broken\":1}"), Request(kind, 18)}) {
-    EXPECT_EQ(Store(request), 0);
+TEST_F(DeliveryTest, ACommandKeepsThoseOfItsOwnKindWaitingAndNoOther) {
+  const struct {
+    const DeliveryKind& kind;
+    const wchar_t* name;
+    const DeliveryKind& other;
+  } cases[] = {{kPowerEvents, L"powerEvent", kZephraEvents},
+               {kZephraEvents, L"zephraEvent", kPowerEvents}};
+  for (const auto& c : cases) {
+    int commands = 0;
+    machine.timeline.SetListener([&](const auto&) {
+      ++commands;
+      EXPECT_TRUE(IsHeld(*c.kind.handleEventMutex));
+      EXPECT_FALSE(IsHeld(*c.other.handleEventMutex));
+    });
+    c.kind.handleEvent(Request(c.name), nullptr, kEvent, nullptr);
+    machine.clock.Settle();
+    EXPECT_EQ(commands, 1);
+    EXPECT_FALSE(IsHeld(*c.kind.handleEventMutex));
   }
-  Fulfill(7);
-  Fulfill(7);
-  EXPECT_THAT(Sent(), ElementsAre(LR"(f/s {"a":[1.5,"x"]})", LR"(f/s {"a":[1.5,"x"]})"));
-
-  log.Clear();
-  EXPECT_EQ(UnregisterSubscription(kind.delivery, seven), 0);
-  EXPECT_THAT(log.Lines(), IsEmpty());
-  EXPECT_EQ(UnregisterSubscription(kind.delivery, seven), 0);
-  EXPECT_THAT(log.Lines(), ElementsAre(L"warning|OrvaneService - Unregister" + kind.operation +
-                                       L": no stored subscription has exactly this text"));
-  Fulfill(7);
-  EXPECT_THAT(Sent(), SizeIs(2));
-  Fulfill(18);
-  EXPECT_THAT(Sent(), SizeIs(3));
-}
-
-TEST_P(DeliveryTest, KeepsTheFirstOfTwoEqualSubscriptionsAndLogsWhatCannotBeChanged) {
-  Store(Delayed(kind, L"5"));
-  log.Clear();
-  EXPECT_EQ(Store(Delayed(kind, L"0")), 0);  // differs only in its delay
-  EXPECT_THAT(log.Lines(), ElementsAre(Threw(L"Register", L", Code: 1")));
-  log.Clear();
-  Fulfill(7);
-  EXPECT_THAT(log.Lines(), ElementsAre(EndsWith(kind.delayStart + L"5")));
-  machine.clock.Advance(5000ms);
-
-  EXPECT_EQ(Store(L"no JSON"), 0);
-  EXPECT_THAT(log.Lines().back(), Threw(L"Register", L""));
-  Storage::CapDataStore().mergeMember(kServiceDocument, kind.delivery.storeKey,
-                                      Storage::BsonElement::Text("no list"));
-  EXPECT_EQ(UnregisterSubscription(kind.delivery, L"{}"), 0);
-  EXPECT_THAT(log.Lines().back(), Threw(L"Unregister", L""));
-}
-
-// Holds the lock of one kind as a busy worker would.
-TEST_P(DeliveryTest, RunsItsCommandsOneAtATimeAndThoseOfTheOtherKindBesideThem) {
-  const Kind& other = &kind == &Power() ? Zephra() : Power();
-  {
-    const std::lock_guard busy(*kind.delivery.handleEventMutex);
-    kind.delivery.handleEvent(Request(kind, 7), nullptr, 7, nullptr);
-    other.delivery.handleEvent(Request(other, 7), nullptr, 7, nullptr);
-    for (int tries = 0; tries < 2000 && Sent().empty(); ++tries) Sleep(5);
-    Sleep(50);  // time for the command that must not run
-    EXPECT_THAT(Sent(), SizeIs(1));
-  }
-  machine.clock.Settle();
-  EXPECT_THAT(Sent(), SizeIs(2));
 }
 
 }  // namespace
