@@ -11,7 +11,7 @@
 #include "bench/full_path.h"
 #include "bench/ratio_table.h"
 #include "host/vx_service.h"
-#include "support/memory_in_use.h"
+#include "support/process_gauges.h"
 
 namespace {
 

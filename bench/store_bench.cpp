@@ -22,7 +22,7 @@
 #include "platform/thread.h"
 #include "storage/cap_data_store.h"
 #include "storage/request_manager.h"
-#include "support/memory_in_use.h"
+#include "support/process_gauges.h"
 #include "support/temp_folder.h"
 
 namespace {

@@ -1,24 +1,25 @@
-// Requests that no client of good will sends, to the module as it is shipped.
+// Requests that no client of good will sends, to the module as it is shipped. They are made of the
+// fuzzers' seeds: the lines of the folder "json" take the place of values in the lines of
+// "requests".
 
 #include <algorithm>
 #include <array>
-#include <cstddef>
-#include <cstdint>
+#include <filesystem>
+#include <fstream>
 #include <random>
-#include <sstream>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include <gmock/gmock.h>
 
+#include "fuzz/wide_input.h"
 #include "json/json_object.h"
 #include "json/json_text.h"
-#include "module/loaded_service.h"
+#include "module/module_test.h"
 #include "storage/store_file.h"
-#include "support/handle_gauge.h"
+#include "support/process_gauges.h"
 #include "support/setting.h"
-#include "support/temp_folder.h"
 
 namespace Vx::Tests {
 namespace {
@@ -28,7 +29,6 @@ using Text = std::wstring;
 constexpr std::uint32_t kSeed = 20240731;  // every run sends the same
 constexpr std::uint32_t kLastId = 22;
 constexpr std::uint32_t kInvalidRequest = 0x20000003;
-constexpr std::uint32_t kNoPackageManager = 0x80040154;  // the emulator has none
 constexpr std::size_t kMaxResponse = 65536;
 constexpr std::size_t kDeep = 100000;
 
@@ -38,37 +38,23 @@ Text Repeated(std::wstring_view piece, std::size_t count) {
   return text;
 }
 
-Text Nested(std::wstring_view open, std::wstring_view close, std::size_t levels) {
-  return Repeated(open, levels) + L"1" + Repeated(close, levels);
+// The lines of all seeds in a folder of the corpus, which lies beside the tests.
+std::vector<Text> Seeds(const wchar_t* folder) {
+  std::vector<Text> lines;
+  for (const auto& file :
+       std::filesystem::directory_iterator(TestFolder() + L"\\corpus\\" + folder)) {
+    std::ifstream content(file.path(), std::ios::binary);
+    for (std::string line; std::getline(content, line);) {
+      const auto bytes = std::as_bytes(std::span(line));
+      lines.push_back(
+          Fuzz::WideInput(reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size()));
+    }
+  }
+  std::sort(lines.begin(), lines.end());
+  return lines;
 }
 
-// Values to stand where another is expected, some of them no JSON at all; a space parts them.
-constexpr std::wstring_view kValues =
-    LR"(null true false [] {} "" 0 -0 -1 7.9 1 4294967295 4294967296 9223372036854775808 )"
-    LR"(99999999999999999999999999999999 1e308 1e309 -1e999 1e-999 1e99999999999999999999 )"
-    LR"(1E+00000000000000001 NaN Infinity 0x10 01 1. .5 +1 "7" "\u0000" "C:\\a\u0000b.exe" )"
-    LR"("\ud800" "\udc00" "\udc00\ud800" "\ud83d\ude00" "\x" "\u12" "open 'single' undefined )"
-    LR"([1,] {"a":1,} {"a":1,"a":{}} {1:2} [null,[null,{"":null}]] /**/1 "%s%n%S%99999d" )"
-    LR"("99999999999999999999" "-5" "1e9" "0x7fffffff" "..\\..\\.." "\\\\server\\share\\a.exe" )"
-    LR"("\\\\?\\C:\\a.exe" "CON" "C:\\windows\\system32\\cmd.exe:stream")";
-
-// Texts of units that are no characters, between quotation marks.
-constexpr std::wstring_view kUnits[] = {L"\xD800", L"\xDC00", L"\xDC00\xD800", L"\xFFFF\x1"};
-
-const std::vector<Text>& Values() {
-  static const std::vector<Text> values = [] {
-    std::vector<Text> made{Text(5000, L'9'),        L"0." + Text(5000, L'3'),
-                           Nested(L"[", L"]", 100), Nested(L"{\"a\":", L"}", 126),
-                           Nested(L"[", L"]", 128), Nested(L"[", L"]", 129)};
-    for (const std::wstring_view units : kUnits) made.push_back(L"\"" + Text(units) + L"\"");
-    std::wistringstream words{Text(kValues)};
-    for (Text word; words >> word;) made.push_back(word);
-    return made;
-  }();
-  return values;
-}
-
-// What is too large to be put everywhere.
+// Too large for a seed.
 std::vector<Text> LargeValues() {
   return {L"\"" + Text(70000, L'x') + L"\"",
           L"\"" + Repeated(L"\\u0041", 60000) + L"\"",
@@ -77,80 +63,53 @@ std::vector<Text> LargeValues() {
           Text(2000000, L' ') + L"1",
           L"[" + Repeated(L"0,", 100000) + L"0]",
           L"{" + Repeated(L"\"a\":0,", 50000) + L"\"a\":0}",
-          Nested(L"[", L"]", kDeep),
-          Nested(L"{\"a\":", L"}", kDeep),
+          Text(kDeep, L'[') + Text(kDeep, L']'),
+          Repeated(L"{\"a\":", kDeep) + L"1" + Text(kDeep, L'}'),
           Text(kDeep, L'['),
           Repeated(L"{\"a\":", kDeep)};
 }
 
-struct Member {
-  const wchar_t* key;
-  const wchar_t* value;
-};
-
-// The request of good will of each kind; every member of it is attacked in turn.
-const std::vector<std::vector<Member>>& Templates() {
-  static const std::vector<std::vector<Member>> templates = {
-      {{L"powerEventType", L"7"},
-       {L"eventAction", L"1"},
-       {L"commandParams", LR"({"path":"C:\\none.exe","arguments":"a"})"}},
-      {{L"powerEventType", L"7"},
-       {L"eventAction", L"2"},
-       {L"commandParams", LR"({"packageFamilyName":"f","appServiceName":"s","payload":{}})"}},
-      {{L"zephraEventType", L"1"},
-       {L"zephraEventAction", L"1"},
-       {L"commandParams", LR"({"path":"C:\\none.exe"})"}},
-      {{L"catalogEvent", L"7"},
-       {L"catalogAction", L"1"},
-       {L"packageFamilyName", L"\"f\""},
-       {L"catalogActionParams", LR"({"path":"C:\\none.exe"})"}},
-      {{L"keyName", L"\"hostile\""}},
-      {{L"packageFamilyName", L"\"f\""}},
-      {{L"parameter", L"\"p\""}},
-      {{L"launched", L"true"}},
-  };
-  return templates;
-}
-
-// The command that each template is meant for; the first four are subscriptions.
-constexpr std::array kCommandOf = {9U, 9U, 14U, 7U, 3U, 6U, 17U, 13U};
-constexpr std::array kSubscribe = {9U, 9U, 14U, 7U};
-
-// The members inside the parameters of a command.
-constexpr std::array kParameters = {L"path",           L"arguments",         L"delayDeliverySec",
-                                    L"appServiceName", L"packageFamilyName", L"payload"};
-
-enum class Twice { No, Before, After };
-
-// The request with member `index` replaced, or there twice.
-Text Request(const std::vector<Member>& members, std::size_t index, const Text& value,
-             Twice twice) {
-  Text text = L"{";
-  for (std::size_t i = 0; i < members.size(); ++i) {
-    const Text key = Text(L"\"") + members[i].key + L"\":";
-    if (i != 0) text += L",";
-    if (i == index && twice == Twice::Before) text += key + value + L",";
-    text += key + (i == index && twice == Twice::No ? value : Text(members[i].value));
-    if (i == index && twice == Twice::After) text.append(L",").append(key).append(value);
+// The places behind each colon of a request, which no text of the seeds holds otherwise: those of
+// its values, nested ones too.
+std::vector<std::size_t> ValuesOf(const Text& request) {
+  std::vector<std::size_t> places;
+  for (std::size_t at = request.find(L"\":"); at != Text::npos; at = request.find(L"\":", at + 1)) {
+    places.push_back(at + 2);
   }
-  return text + L"}";
+  return places;
 }
 
-// A subscription to a power event whose command has `value` for one of its parameters.
-Text WithParameter(const wchar_t* parameter, const Text& value, bool notify) {
-  Text rest = notify ? LR"("payload":{},"appServiceName":"s","packageFamilyName":"f")"
-                     : LR"("path":"C:\\none.exe")";
-  return Text(LR"({"powerEventType":7,"eventAction":)") + (notify ? L"2" : L"1") +
-         LR"(,"commandParams":{")" + parameter + L"\":" + value + L"," + rest + L"}}";
+// The request with another value at `place`.
+Text Replaced(const Text& request, std::size_t place, const Text& value) {
+  std::size_t end = place;
+  for (int depth = 0; depth > 0 || (request[end] != L',' && request[end] != L'}'); ++end) {
+    if (request[end] == L'{') ++depth;
+    if (request[end] == L'}') --depth;
+  }
+  return request.substr(0, place) + value + request.substr(end);
 }
 
-class HostileRequestsTest : public testing::Test {
+// The command that a request is meant for.
+std::uint32_t CommandOf(const Text& request) {
+  static constexpr std::pair<const wchar_t*, std::uint32_t> kCommands[] = {
+      {L"powerEventType", 9},    {L"zephraEventType", 14}, {L"catalogEvent", 7}, {L"keyName", 3},
+      {L"packageFamilyName", 6}, {L"parameter", 17},       {L"launched", 13}};
+  for (const auto& [key, id] : kCommands) {
+    if (request.find(key) != Text::npos) return id;
+  }
+  return 20;
+}
+
+class HostileRequestsTest : public ModuleTest {
  protected:
   static constexpr std::int32_t kKept = 4711;
 
   HostileRequestsTest() {
-    service.Execute(20, L"{}");
+    Execute(20, L"{}");
     PlantCanary();
+    for (const Text& seed : Seeds(L"requests")) {
+      if (!ValuesOf(seed).empty() && seed.front() == L'{') requests.push_back(seed);
+    }
   }
 
   // A value of another service, which must be there unchanged whatever is asked for.
@@ -161,10 +120,10 @@ class HostileRequestsTest : public testing::Test {
   }
 
   void Send(std::uint32_t id, const Text& request) {
-    const ModuleReply reply = service.Execute(id, request);
+    const Host::Answer answer = Execute(id, request);
     ++sent;
-    if (Documented(id, reply) && WellFormed(reply)) return;
-    ADD_FAILURE() << "id " << id << " answered " << std::hex << reply.code << " to "
+    if (Documented(id, answer) && WellFormed(answer)) return;
+    ADD_FAILURE() << "id " << id << " returned " << std::hex << answer.code << " for "
                   << testing::PrintToString(request.substr(0, 300));
   }
 
@@ -177,57 +136,48 @@ class HostileRequestsTest : public testing::Test {
     Send(16, L"{}");
     Send(20, L"{}");
     EXPECT_TRUE(ThreadsEnd(quietThreads + kSystemThreads)) << ThreadCount() << " threads are left";
-    EXPECT_EQ(service.Execute(21, L"{}").response,
+    EXPECT_EQ(Execute(21, L"{}").text,
               LR"({"result":{"sleepState":)" + std::to_wstring(kKept) + L"}}");
-    EXPECT_EQ(DocumentOf(store.FilePath()).Find("sleep_state")->AsInt32(), kKept);
+    PlantCanary();
   }
 
-  // A few threads belong to the system's own pools, which grow when they like.
-  static constexpr std::size_t kSystemThreads = 4;
-
-  PrivateStore store;
-  LoadedService service;
+  const std::vector<Text> values = Seeds(L"json");
+  std::vector<Text> requests;
   std::size_t quietThreads = ThreadCount();
   std::size_t sent = 0;
 
  private:
-  static std::uint32_t Code(std::int32_t error) { return static_cast<std::uint32_t>(error); }
-
-  static bool Documented(std::uint32_t id, const ModuleReply& reply) {
+  static bool Documented(std::uint32_t id, const Host::Answer& answer) {
     static constexpr std::array kCodes = {0U,          0x20000001U, 0x20000002U, 0x20000003U,
                                           0x20000008U, 0x20000009U, 0x2000000AU};
-    static const std::array kPackageCodes = {kNoPackageManager,
-                                             0x20000004U,
-                                             0x20000005U,
-                                             0x20000006U,
-                                             0x20000007U,
-                                             Code(Json::kInvalidJsonString),
-                                             Code(Json::kJsonValueNotFound),
-                                             Code(Json::kIllegalMethodCall)};
+    // The first is that the emulator has no package manager.
+    static constexpr std::array kPackageCodes = {0x80040154U, 0x20000004U, 0x20000005U,
+                                                 0x20000006U, 0x20000007U, 0x83750007U,
+                                                 0x83750009U, 0x8000000EU};
     const auto has = [&](const auto& codes) {
-      return std::find(codes.begin(), codes.end(), reply.code) != codes.end();
+      return std::find(codes.begin(), codes.end(), answer.code) != codes.end();
     };
-    if (id > kLastId || id == 1) return reply.code == 0x20000001 || reply.code == kInvalidRequest;
+    if (id > kLastId || id == 1) return answer.code == 0x20000001 || answer.code == kInvalidRequest;
     return has(kCodes) || (id == 7 && has(kPackageCodes));
   }
 
-  static bool WellFormed(const ModuleReply& reply) {
-    if (!reply.response) return reply.code == kInvalidRequest;
+  static bool WellFormed(const Host::Answer& answer) {
+    if (!answer.text) return answer.code == kInvalidRequest;
     Json::InlineDocument<1024> document;
-    return reply.code != kInvalidRequest && reply.response->size() <= kMaxResponse &&
-           Json::ParseJson(*document, *reply.response, Json::kMaxListNesting + 3) &&
+    return answer.code != kInvalidRequest && answer.text->size() <= kMaxResponse &&
+           Json::ParseJson(*document, *answer.text, Json::kMaxListNesting + 3) &&
            document->IsObject();
   }
 };
 
-TEST_F(HostileRequestsTest, EveryCommandAnswersEveryValue) {
+TEST_F(HostileRequestsTest, EveryCommandReturnsADocumentedResultForEveryValue) {
   std::mt19937 random(kSeed);  // NOLINT(cert-msc32-c,cert-msc51-cpp): the same run each time
   for (std::uint32_t id = 0; id <= kLastId + 1; ++id) {
-    for (const Text& value : Values()) {
-      const auto& members = Templates()[random() % Templates().size()];
-      const auto twice = static_cast<Twice>(random() % 3);
+    for (const Text& value : values) {
+      const Text& request = requests[random() % requests.size()];
+      const auto places = ValuesOf(request);
       Send(id,
-           random() % 3 == 0 ? value : Request(members, random() % members.size(), value, twice));
+           random() % 3 == 0 ? value : Replaced(request, places[random() % places.size()], value));
     }
   }
   Send(0xFFFFFFFF, L"{}");
@@ -236,36 +186,25 @@ TEST_F(HostileRequestsTest, EveryCommandAnswersEveryValue) {
 }
 
 TEST_F(HostileRequestsTest, SubscriptionsMadeOfAnythingAreDeliveredOrLogged) {
-  for (std::size_t kind = 0; kind < std::size(kSubscribe); ++kind) {
-    const auto& members = Templates()[kind];
-    for (std::size_t i = 0; i < members.size(); ++i) {
-      for (const Text& value : Values()) {
-        Send(kSubscribe[kind], Request(members, i, value, Twice::No));
-      }
+  for (const Text& request : requests) {
+    for (const std::size_t place : ValuesOf(request)) {
+      for (const Text& value : values) Send(CommandOf(request), Replaced(request, place, value));
     }
     Deliver();
-    PlantCanary();
   }
-  bool notify = false;
-  for (const wchar_t* parameter : kParameters) {
-    for (const Text& value : Values()) Send(9, WithParameter(parameter, value, notify = !notify));
-  }
-  Deliver();
 }
 
 TEST_F(HostileRequestsTest, MegabytesAndBottomlessNestingAreRefusedOrKept) {
-  const std::vector<Text> values = LargeValues();
-  for (std::size_t v = 0; v < values.size(); ++v) {
-    // Each is work for the store, so the commands share them out between the values.
-    for (auto id = static_cast<std::uint32_t>(v % 3); id <= kLastId; id += 3) Send(id, values[v]);
-    for (const std::size_t kind : {v % 2, 2 + v % 6}) {
-      const auto& members = Templates()[kind];
-      Send(kCommandOf[kind], Request(members, members.size() - 1, values[v], Twice::No));
+  std::size_t turn = 0;
+  for (const Text& value : LargeValues()) {
+    // Each is work for the store, so the commands and places share them out between the values.
+    for (auto id = static_cast<std::uint32_t>(turn % 3); id <= kLastId; id += 3) Send(id, value);
+    for (int request = 0; request < 3; ++request, ++turn) {
+      const Text& chosen = requests[turn % requests.size()];
+      const auto places = ValuesOf(chosen);
+      Send(CommandOf(chosen), Replaced(chosen, places[turn % places.size()], value));
     }
-    const wchar_t* parameter = kParameters[v % kParameters.size()];
-    Send(9, WithParameter(parameter, values[v], v % 2 == 0));
     Deliver();
-    PlantCanary();
   }
 }
 
@@ -298,14 +237,13 @@ TEST_F(HostileRequestsTest, DamagedRequestsLeaveNoHandle) {
   std::mt19937 random(seed);
   const auto round = [&] {
     for (int i = 0; i < 200; ++i) {
-      const auto& members = Templates()[random() % Templates().size()];
-      const std::size_t at = random() % members.size();
-      const Text& value = Values()[random() % Values().size()];
+      const Text& request = requests[random() % requests.size()];
+      const auto places = ValuesOf(request);
+      const Text& value = values[random() % values.size()];
       Send(random() % (kLastId + 2),
-           Damaged(Request(members, at, value, static_cast<Twice>(random() % 3)), random));
+           Damaged(Replaced(request, places[random() % places.size()], value), random));
     }
     Deliver();
-    PlantCanary();
   };
   // The first measurement comes after every command has run once: WMI, for one, opens handles for
   // the life of the process, and a damaged request reaches it only by chance.

@@ -5,8 +5,8 @@
 #include <windows.h>
 
 #include "platform/machine.h"
-#include "support/handle_gauge.h"
 #include "support/probe.h"
+#include "support/process_gauges.h"
 #include "support/temp_folder.h"
 
 namespace Vx::Platform {

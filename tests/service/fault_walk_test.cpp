@@ -16,7 +16,7 @@
 
 #include "service/simulated_service.h"
 #include "storage/store_file.h"
-#include "support/handle_gauge.h"
+#include "support/process_gauges.h"
 #include "support/test_pki.h"
 
 namespace Vx::Tests {

@@ -11,8 +11,8 @@
 #include "service/private_lockdown_policy.h"
 #include "service/simulated_service.h"
 #include "storage/cap_data_store.h"
-#include "support/handle_gauge.h"
 #include "support/log_trap.h"
+#include "support/process_gauges.h"
 #include "support/test_pki.h"
 
 namespace Vx::Tests {

@@ -1,0 +1,32 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "support/probe.h"
+#include "support/temp_folder.h"
+#include "vxhost/loaded_module.h"
+
+namespace Vx::Tests {
+
+// The module that trusts the tests' own authority, loaded as its host loads it, and one service of
+// it with a store of its own.
+class ModuleTest : public testing::Test {
+ protected:
+  static std::wstring ModulePath() { return TestFolder() + L"\\..\\bin\\test\\OrvaneService.dll"; }
+
+  Host::Answer Execute(std::uint32_t id, const std::wstring& request) {
+    return service.Execute(id, request, L"client");
+  }
+
+  PrivateStore store;
+  Host::LoadedModule module{ModulePath()};
+  Host::ServiceSession service = module.NewService();
+};
+
+// A few threads belong to the system's own pools, which grow when they like.
+inline constexpr std::size_t kSystemThreads = 4;
+
+}  // namespace Vx::Tests

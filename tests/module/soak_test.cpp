@@ -1,0 +1,186 @@
+// Whether the module stays as large as it is, over a day's worth of commands, deliveries and
+// services. The variable VX_STEPS sets how many, see scripts/soak.
+
+#include <algorithm>
+#include <cstdio>
+#include <iterator>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include <windows.h>
+
+#include "module/module_test.h"
+#include "platform/unique_handle.h"
+#include "support/process_gauges.h"
+#include "support/setting.h"
+
+namespace Vx::Tests {
+namespace {
+
+using Tessel::Server::Services::VxService;
+
+// What a step may leave in the heap on average, in bytes: less than the smallest block would be,
+// and something for what the system itself keeps.
+constexpr std::size_t kBytesPerStep = 8;
+constexpr std::size_t kAllowance = std::size_t{16} * 1024;
+
+// Memory is committed in pieces; the heap may need one more of them.
+constexpr std::size_t kCommitAllowance = std::size_t{256} * 1024;
+
+// Deliveries between two waits for their workers: as many as a host has between two events. Bounds
+// how many threads run at once.
+constexpr std::size_t kDeliveriesAtOnce = 48;
+
+struct Figures {
+  std::uintptr_t handles = 0;
+  std::size_t threads = 0;
+  MemoryInUse memory;
+};
+
+class SoakTest : public ModuleTest {
+ protected:
+  static Figures Measure(const char* when) {
+    const Figures figures{HandleGauge(), ThreadCount(), MeasureMemory()};
+    std::printf("%-22s highest handle 0x%zx, %zu threads, %zu KiB committed, %zu bytes in blocks\n",
+                when, static_cast<std::size_t>(figures.handles), figures.threads,
+                figures.memory.committed / 1024, figures.memory.heap);
+    static_cast<void>(std::fflush(stdout));
+    return figures;
+  }
+
+  static void ExpectFlat(const Figures& before, const Figures& after) {
+    EXPECT_LE(after.handles, before.handles);
+    EXPECT_LE(after.threads, before.threads);
+    EXPECT_LE(after.memory.heap, before.memory.heap + kAllowance + kBytesPerStep * steps);
+    EXPECT_LE(after.memory.committed, before.memory.committed + kCommitAllowance);
+  }
+
+  // Has as many threads alive at once as the deliveries will have at most. The system keeps a block
+  // for every thread of the fullest moment so far, and whether that moment comes during the warm-up
+  // is chance otherwise.
+  static void ReachTheMostThreads() {
+    const Platform::UniqueHandle all(CreateEventW(nullptr, TRUE, FALSE, nullptr));
+    std::vector<std::jthread> threads(kDeliveriesAtOnce + 2 * kSystemThreads);
+    for (std::jthread& thread : threads) {
+      thread = std::jthread([&all] { WaitForSingleObject(all.get(), INFINITE); });
+    }
+    SetEvent(all.get());
+  }
+
+  void Deliver(std::size_t deliveries) {
+    for (std::size_t done = 0; done < deliveries; done += std::size(kSubscriptions)) {
+      service.Slots().power_event_task(7);
+      if (done % kDeliveriesAtOnce != 0) continue;
+      ASSERT_TRUE(ThreadsEnd(quiet + kSystemThreads));
+    }
+    ASSERT_TRUE(ThreadsEnd(quiet));  // a worker that is on its way out would count as growth
+  }
+
+  void Command(std::size_t commands) {
+    static constexpr struct {
+      std::uint32_t id;
+      const wchar_t* request;
+      std::uint32_t code = 0;
+    } kCommands[] = {
+        {22, L"{}"},
+        {20, L"{}"},
+        {21, L"{}"},
+        {12, L""},
+        {13, LR"({"launched":true})"},
+        {13, LR"({"launched":false})"},
+        {3, LR"({"keyName":"qubo_wakeup_for_smode_skip"})"},
+        {5, LR"({"keyName":"qubo_wakeup_for_smode_skip"})"},
+        {14, LR"({"zephraEventType":9,"n":1})"},
+        {15, LR"({"zephraEventType":9,"n":1})"},
+        {6, LR"({"packageFamilyName":"f"})"},
+        {13, L"{}", 0x20000002},
+        {1, L"{}", 0x20000001},
+        {22, L"{", 0x20000003},
+    };
+    for (std::size_t done = 0; done < commands; ++done) {
+      const auto& command = kCommands[done % std::size(kCommands)];
+      ASSERT_EQ(Execute(command.id, command.request).code, command.code) << command.id;
+    }
+  }
+
+  // One delivery of each kind at each event: programs that are not trusted, an app that is not
+  // there.
+  static constexpr const wchar_t* kSubscriptions[] = {
+      LR"({"powerEventType":7,"eventAction":1,"commandParams":{"path":"C:\\windows\\none.exe"}})",
+      LR"({"powerEventType":7,"eventAction":1,"commandParams":{"path":"C:\\windows\\cmd.exe"}})",
+      LR"({"powerEventType":7,"eventAction":2,"commandParams":)"
+      LR"({"packageFamilyName":"f","appServiceName":"s","payload":{}}})"};
+
+  static inline const std::size_t steps = Setting("VX_STEPS", 1500);
+  const std::size_t quiet = ThreadCount();
+};
+
+TEST_F(SoakTest, DeliveriesAndCommandsLeaveNothing) {
+  for (const wchar_t* subscription : kSubscriptions) Execute(9, subscription);
+  ReachTheMostThreads();
+  Deliver(300);
+  Command(300);
+  const Figures warm = Measure("warm");
+  Deliver(steps);
+  const Figures delivered = Measure("after the deliveries");
+  ExpectFlat(warm, delivered);
+  Command(steps);
+  ExpectFlat(delivered, Measure("after the commands"));
+}
+
+// Services that live at the same time in several hosts' threads, each used by several callers. The
+// callers end before the service does, as the host guarantees; its own threads do not.
+TEST_F(SoakTest, ServicesComeAndGoWithEverythingInFlight) {
+  constexpr int kHosts = 3;
+  constexpr int kCallers = 2;
+  const auto live = [this](int turn) {
+    auto session = module.NewService();
+    session.Slots().Start();
+    std::vector<std::jthread> callers;
+    for (int caller = 0; caller < kCallers; ++caller) {
+      callers.emplace_back([&session, odd = (turn + caller) % 2 != 0] {
+        const auto use = [&](std::uint32_t id, const wchar_t* request) {
+          const Host::Answer answer = session.Execute(id, request, L"soak");
+          EXPECT_TRUE(answer.code == 0 && answer.text) << id;
+        };
+        use(22, L"{}");
+        use(9, L"{\"powerEventType\":7}");
+        session.Slots().power_event_task(odd ? 18 : 7);
+        use(19, L"{\"powerEventType\":7}");
+        session.Slots().OnSessionChange(odd ? 6 : 5);
+        use(20, L"{}");
+      });
+    }
+  };
+  const auto round = [&] {
+    std::vector<std::jthread> hosts;
+    for (int host = 0; host < kHosts; ++host) {
+      hosts.emplace_back([&live] {
+        for (std::size_t turn = 0; turn < steps / 125; ++turn) live(static_cast<int>(turn));
+      });
+    }
+  };
+  round();  // what the system keeps for a process comes first
+  ASSERT_TRUE(ThreadsEnd(quiet + kSystemThreads));
+  const std::uintptr_t before = HandleGauge();
+  round();
+  ASSERT_TRUE(ThreadsEnd(quiet + kSystemThreads));
+  // The system's own threads come and go; what a life leaves behind is there once for each of them.
+  constexpr std::uintptr_t kSystemsOwn = 16;
+  EXPECT_LE(HandleGauge(), before + kSystemsOwn);
+}
+
+// A thread that ran on in an unloaded module would end this process.
+TEST_F(SoakTest, TheModuleStaysUntilItsLastThreadHasGone) {
+  for (int turn = 0; turn < 5; ++turn) module.NewService().Slots().Start();
+  service.End();
+  { const Host::LoadedModule gone = std::move(module); }
+  for (int tries = 0; GetModuleHandleW(L"OrvaneService.dll") != nullptr; ++tries) {
+    ASSERT_LT(tries, 1500);
+    Sleep(20);
+  }
+}
+
+}  // namespace
+}  // namespace Vx::Tests

@@ -1,0 +1,29 @@
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+
+namespace Vx::Tests {
+
+// How far this process's handle table is filled: grows when handles stay open. The emulator leaves
+// GetProcessHandleCount's answer untouched but hands out the lowest free handle value, so this is
+// the highest of some fresh handles.
+std::uintptr_t HandleGauge();
+
+// Memory of this process in bytes: all addresses that are not free, what it alone has committed,
+// and the heap blocks in use.
+struct MemoryInUse {
+  std::size_t addresses = 0;
+  std::size_t committed = 0;
+  std::size_t heap = 0;
+};
+MemoryInUse MeasureMemory();
+
+// Threads of this process.
+std::size_t ThreadCount();
+
+// Waits until no more than `count` threads are left; false when more are after `limit`.
+bool ThreadsEnd(std::size_t count, std::chrono::milliseconds limit = std::chrono::seconds(60));
+
+}  // namespace Vx::Tests
