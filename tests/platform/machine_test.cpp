@@ -27,16 +27,6 @@ class MachineTest : public testing::Test {
   Simulator::SimulatedRegistry innerRegistry;
 };
 
-TEST_F(MachineTest, GivesTheOneBeforeBackWhenAScopeEnds) {
-  const MachineScope outer(Use(outerRegistry));
-  {
-    const MachineScope inner(Use(innerRegistry));
-    EXPECT_EQ(CurrentMachine().registry, &innerRegistry);
-    EXPECT_EQ(CurrentMachine().files, WindowsMachine().files);
-  }
-  EXPECT_EQ(CurrentMachine().registry, &outerRegistry);
-}
-
 TEST_F(MachineTest, KeepsForAWorkerTheMachineThatItWasStartedUnder) {
   Thread early([&] {
     WaitFor(go);
