@@ -14,9 +14,9 @@ failures=0
 "$@" "$vxhost" --simulate scenario "$folder"/*.json 2>&1 |
   tr -d "\r" | sed -e "s/vxhost-[0-9]*/vxhost-PID/g" -e "/Security - GetSecurityCatalogInfo/d" \
     -e "/^Everything that was expected/d" -e "/^$/d" |
-  awk -v work="$work" '
+  awk -v work="$work" -v file="$work/$(basename "$(ls "$folder"/*.json | head -1)" .json).txt" '
     /^==== / { sub(/.*[\/\\]/, ""); sub(/\.json$/, ""); file = work "/" $0 ".txt"; next }
-    file != "" { print > file }'
+    { print > file }'
 
 for scenario in "$folder"/*.json; do
   name=$(basename "$scenario" .json)

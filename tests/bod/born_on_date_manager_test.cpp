@@ -1,8 +1,6 @@
 #include "bod/born_on_date_manager.h"
 
 #include <cstring>
-#include <filesystem>
-#include <fstream>
 #include <stdexcept>
 #include <string>
 #include <system_error>
@@ -21,7 +19,6 @@
 #include "simulator/simulated_registry.h"
 #include "simulator/virtual_clock.h"
 #include "storage/cap_data_store.h"
-#include "support/log_capture.h"
 #include "support/memory_shortage.h"
 #include "support/temp_folder.h"
 
@@ -29,8 +26,6 @@ namespace Vx::Tessel::Server::Services::Orvane {
 namespace {
 
 using Simulator::SimulatedFirmware;
-using ::testing::ElementsAre;
-using ::testing::StartsWith;
 
 constexpr wchar_t kStats[] = L"Software\\Microsoft\\Windows\\CurrentVersion\\OOBE\\Stats";
 
@@ -53,8 +48,6 @@ class BornOnDateManagerTest : public ::testing::Test {
   }
 
   Tests::PrivateStore store;
-  Tests::TempFolder programs;
-  Tests::EnvironmentOverride programFiles{L"ProgramFiles(x86)", programs.Path().wstring()};
   Simulator::VirtualClock clock;
   SimulatedFirmware firmware;
   Simulator::SimulatedRegistry registry;
@@ -63,16 +56,9 @@ class BornOnDateManagerTest : public ::testing::Test {
     machine.com = &firmware;
     machine.registry = &registry;
   }};
-  Tests::LogCapture log;
   const Logging::TraceLogger& logger = *Logging::LogManager::GetLogger();
   BornOnDateManager manager;
 };
-
-TEST_F(BornOnDateManagerTest, AFirmwareOfSixDigitsGetsTheLastDigitOfTheYearAlone) {
-  firmware.Replace(SimulatedFirmware::Digits::Six);
-  EXPECT_EQ(SetOver(""), "040715");
-  EXPECT_EQ(firmware.Requests().back().size, 6);
-}
 
 TEST_F(BornOnDateManagerTest, TakesTheDayThatSetUpEndedOnlyWhenItIsEarlier) {
   EXPECT_EQ(SetOver(""), "20240715") << "set-up left no record";
@@ -162,41 +148,6 @@ TEST_F(BornOnDateManagerTest, AFailedCommandIsThrownWithItsResultAndName) {
     EXPECT_EQ(firmware.OpenInitializations(), 0);
     EXPECT_EQ(firmware.BornOnDate(), "");
   }
-}
-
-TEST_F(BornOnDateManagerTest, LeavesTheWorkToLumoTesselWhereThatIsInstalled) {
-  const auto folder = programs.Path() / "Vx" / "Vx Lumo Tessel";
-  std::filesystem::create_directories(folder);
-  std::ofstream(folder / "VxLumoTessel.exe") << "program";
-  SetBornOnDate(logger);
-  EXPECT_EQ(firmware.BornOnDate(), "");
-  EXPECT_EQ(Stored(), "missing");
-  EXPECT_THAT(log.Lines(), ElementsAre(L"info|Lumo Tessel was found",
-                                       L"info|Tessel is installed. Not setting born on date"));
-}
-
-TEST_F(BornOnDateManagerTest, AFailedCommandIsLoggedWithItsResultAndNothingIsStored) {
-  firmware.Fail("ExecMethod", static_cast<std::int32_t>(0x80041003));
-  SetBornOnDate(logger);
-  EXPECT_EQ(Stored(), "missing");
-  EXPECT_THAT(
-      log.Lines(),
-      ElementsAre(L"warning|class Vx::Tessel::Server::Shared::WMI::VxBiosWmi.ExecuteCommand - "
-                  L"failed on function IWbemServices->ExecMethod(BIOS method) with HRESULT "
-                  L"0x80041003",
-                  ::testing::AllOf(
-                      StartsWith(L"error|OrvaneService::SetBornOnDate threw system error "
-                                 L"\"VxBiosWmi::ExecuteCommand failure - Command: BIOS WMI Read, "
-                                 L"Command type: Warranty"),
-                      ::testing::EndsWith(L"\" with status -2147217405"))));
-}
-
-TEST_F(BornOnDateManagerTest, AStoreThatCannotBeOpenedStopsBeforeTheFirmwareIsTouched) {
-  store.Block();
-  SetBornOnDate(logger);
-  EXPECT_TRUE(firmware.Requests().empty());
-  EXPECT_THAT(log.Lines().back(),
-              StartsWith(L"error|OrvaneService::SetBornOnDate threw exception "));
 }
 
 TEST_F(BornOnDateManagerTest, AnUnreadableFirmwareMeansSixDigitsAndStoresNoDate) {

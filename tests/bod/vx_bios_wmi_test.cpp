@@ -28,6 +28,7 @@ using ::testing::SizeIs;
 constexpr std::uint32_t kBlock = 128;
 constexpr auto kMissing = static_cast<std::int32_t>(0x80041002);
 constexpr auto kDenied = static_cast<std::int32_t>(0x80041003);
+constexpr auto kChangedMode = static_cast<std::int32_t>(RPC_E_CHANGED_MODE);
 
 // Returns the rest of a failed step's line.
 std::wstring Failed(const std::wstring& function, std::int32_t result) {
@@ -98,36 +99,28 @@ class VxBiosWmiTest : public ::testing::Test {
   Tests::LogCapture log;
 };
 
-TEST_F(VxBiosWmiTest, ReadsABlockThroughTheMethodOfItsSize) {
+TEST_F(VxBiosWmiTest, ReadsAndWritesABlockThroughTheMethodOfItsSizeOnOneConnection) {
   firmware.SetReturnCode(5);
   VxBiosWmi bios;
   EXPECT_EQ(Read(bios), S_OK);
   EXPECT_EQ(Output(), Filled());
   EXPECT_EQ(returnCode, 5);
-  EXPECT_EQ(firmware.ConnectedTo(), LR"(\\.\root\wmi)");
-  ASSERT_THAT(firmware.Requests(), SizeIs(1));
-  const auto request = firmware.Requests().front();
-  EXPECT_EQ(request.path, LR"(\\PC\root\wmi:zrkBIntM.InstanceName="ACPI\\PNP0C14\\0_0")");
-  EXPECT_EQ(request.method, L"zrkBIOSInt128");
-  EXPECT_EQ(request.signature, "SECU");
-  EXPECT_EQ(request.command, 1);
-  EXPECT_EQ(request.commandType, 16);
-  EXPECT_EQ(request.size, 0);
-  EXPECT_FALSE(request.hasData);
-  EXPECT_THAT(log.Lines(), IsEmpty());
-}
-
-TEST_F(VxBiosWmiTest, WritesThroughTheMethodWithoutOutputOnTheSameConnection) {
-  VxBiosWmi bios;
-  EXPECT_EQ(Read(bios), S_OK);
+  firmware.SetReturnCode(0);
   EXPECT_EQ(Write(bios, "20240229"), S_OK);
   EXPECT_EQ(returnCode, 0);
   EXPECT_EQ(firmware.BornOnDate().substr(0, 8), "20240229");
-  const auto request = firmware.Requests().back();
-  EXPECT_EQ(request.method, L"zrkBIOSInt0");
-  EXPECT_EQ(request.command, 2);
-  EXPECT_EQ(request.size, 8);
-  EXPECT_EQ(request.data, "20240229");
+  EXPECT_EQ(firmware.ConnectedTo(), LR"(\\.\root\wmi)");
+  ASSERT_THAT(firmware.Requests(), SizeIs(2));
+  const auto read = firmware.Requests().front();
+  EXPECT_EQ(read.path, LR"(\\PC\root\wmi:zrkBIntM.InstanceName="ACPI\\PNP0C14\\0_0")");
+  EXPECT_EQ(read.method, L"zrkBIOSInt128");
+  EXPECT_EQ(read.signature, "SECU");
+  EXPECT_THAT(std::vector({read.command, read.commandType, read.size}), ElementsAre(1, 16, 0));
+  EXPECT_FALSE(read.hasData);
+  const auto write = firmware.Requests().back();
+  EXPECT_EQ(write.method, L"zrkBIOSInt0");
+  EXPECT_THAT(std::vector({write.command, write.commandType, write.size}), ElementsAre(2, 16, 8));
+  EXPECT_EQ(write.data, "20240229");
   EXPECT_EQ(firmware.OpenInitializations(), 1);
   EXPECT_EQ(firmware.Connections(), 1);
   EXPECT_THAT(log.Lines(), IsEmpty());
@@ -209,36 +202,30 @@ TEST_F(VxBiosWmiTest, ACommandWhoseConnectionFailsIsEFailAndTheNextOneConnectsAn
   }
 }
 
-TEST_F(VxBiosWmiTest, GoesOnWhereComWasSetUpByOthers) {
+TEST_F(VxBiosWmiTest, GoesOnWhereComWasSetUpByOthersAndEndsWhereMemoryRunsOut) {
   static constexpr struct {
     const char* step = nullptr;
-    const wchar_t* function = nullptr;
+    std::int32_t fault = S_OK;
     std::int32_t result = S_OK;
-    bool logged = true;
+    const wchar_t* operation = L"GetReady";
+    const wchar_t* function = nullptr;  // null: nothing is logged
+    std::int32_t logged = kDenied;
   } kCases[] = {
       // The channel did not enter the apartment, so it must not leave it.
-      {"CoInitializeEx", L"CoInitializeEx()", static_cast<std::int32_t>(RPC_E_CHANGED_MODE)},
-      {"CoInitializeSecurity", L"CoInitializeSecurity()", kDenied},
-      {"CoInitializeSecurity", nullptr, static_cast<std::int32_t>(RPC_E_TOO_LATE), false},
+      {"CoInitializeEx", kChangedMode, S_OK, L"GetReady", L"CoInitializeEx()", kChangedMode},
+      {"CoInitializeSecurity", kDenied, S_OK, L"GetReady", L"CoInitializeSecurity()"},
+      {"CoInitializeSecurity", static_cast<std::int32_t>(RPC_E_TOO_LATE)},
+      {"MakeByteArray", 0, E_FAIL, L"CreateSafeArray", L"SafeArrayCreateVector()", E_FAIL},
   };
   for (const auto& c : kCases) {
     SCOPED_TRACE(c.step);
     log.Clear();
-    firmware.Fail(c.step, c.result);
-    ExpectWrite(S_OK);
-    if (c.logged) {
-      EXPECT_THAT(log.Lines(), ElementsAre(Warning(L"GetReady", Failed(c.function, c.result))));
-    } else {
-      EXPECT_THAT(log.Lines(), IsEmpty());
-    }
+    firmware.Fail(c.step, c.fault);
+    ExpectWrite(c.result);
+    std::vector<std::wstring> lines;
+    if (c.function != nullptr) lines = {Warning(c.operation, Failed(c.function, c.logged))};
+    EXPECT_EQ(log.Lines(), lines);
   }
-}
-
-TEST_F(VxBiosWmiTest, MemoryThatRunsOutIsEFail) {
-  firmware.Fail("MakeByteArray", 0);
-  ExpectWrite(E_FAIL);
-  EXPECT_THAT(log.Lines(),
-              ElementsAre(Warning(L"CreateSafeArray", Failed(L"SafeArrayCreateVector()", E_FAIL))));
   log.Clear();
   firmware.FailAfter("MakeByteArray", 1, 0);
   ExpectUnreadable(L"GetOutputData", Failed(L"SafeArrayCreateVector(OutputDataSize)", E_FAIL));
@@ -275,15 +262,15 @@ void MakeText(VARIANT& value) {
 }
 
 void MakeTwoDimensions(VARIANT& value) {
-  VariantClear(&value);
   SAFEARRAYBOUND bounds[] = {{128, 0}, {1, 0}};
-  V_VT(&value) = VT_ARRAY | VT_UI1;
+  MakeArray(value, VT_UI1, 0, 0);
+  SafeArrayDestroy(V_ARRAY(&value));
   V_ARRAY(&value) = SafeArrayCreate(VT_UI1, 2, bounds);
 }
 
 void MakeNullArray(VARIANT& value) {
-  VariantClear(&value);
-  V_VT(&value) = VT_ARRAY | VT_UI1;
+  MakeArray(value, VT_UI1, 0, 0);
+  SafeArrayDestroy(V_ARRAY(&value));
   V_ARRAY(&value) = nullptr;
 }
 

@@ -87,17 +87,11 @@ TEST_F(BehaviorTest, FoldersTellPreloadedAndInstalled) {
   EXPECT_FALSE(sentra.IsPreloaded());
 }
 
-TEST_F(BehaviorTest, ReadsTheStateThatAnotherServiceStored) {
-  EXPECT_EQ(RegistrationHelper().GetRegistrationState(), State::Unknown);
-  EXPECT_THAT(log.Lines(), ElementsAre(L"info|value for registration_full_sent is not_set",
-                                       L"warning|registration_full_sent key doesn't exist."));
-  log.Clear();
-  Storage::CapDataStore().persist("registration_full_sent", "skipped_oobe");
+TEST_F(BehaviorTest, KnowsNoRegistrationStateOfAnotherKindOrWithoutAStore) {
   const Qubo::QuboRegistrationCheckBehavior check(std::make_unique<RegistrationHelper>());
+  Storage::CapDataStore().persist("registration_full_sent", "skipped_oobe");
   EXPECT_EQ(check.GetState(), State::SkippedOobe);
-  EXPECT_THAT(log.Lines(), ElementsAre(L"info|value for registration_full_sent is skipped_oobe"));
-
-  Storage::CapDataStore().persist("registration_full_sent", true);  // not a text
+  Storage::CapDataStore().persist("registration_full_sent", true);
   EXPECT_EQ(check.GetState(), State::Unknown);
   store.Block();
   EXPECT_EQ(check.GetState(), State::Unknown);

@@ -7,10 +7,10 @@
 #include <gmock/gmock.h>
 
 #include "storage/cap_data_store.h"
-#include "support/handle_gauge.h"
 #include "support/machine_test.h"
 #include "support/memory_shortage.h"
 #include "support/probe.h"
+#include "support/process_gauges.h"
 
 namespace Vx::Tessel::Server::Services::Orvane::Qubo {
 namespace {

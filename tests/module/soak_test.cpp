@@ -171,15 +171,35 @@ TEST_F(SoakTest, ServicesComeAndGoWithEverythingInFlight) {
   EXPECT_LE(HandleGauge(), before + kSystemsOwn);
 }
 
+DWORD NextThreadSlot() {
+  const DWORD slot = TlsAlloc();
+  TlsFree(slot);
+  return slot;
+}
+
 // A thread that ran on in an unloaded module would end this process.
-TEST_F(SoakTest, TheModuleStaysUntilItsLastThreadHasGone) {
-  for (int turn = 0; turn < 5; ++turn) module.NewService().Slots().Start();
+TEST_F(SoakTest, TheModuleStaysUntilItsLastThreadHasGoneAndLeavesNoThreadSlot) {
+  constexpr DWORD kLoads = 5;
+  const auto use = [](Host::LoadedModule loaded) {
+    for (int turn = 0; turn < 5; ++turn) loaded.NewService().Slots().Start();
+  };
+  const auto expectGone = [] {
+    for (int tries = 0; GetModuleHandleW(L"OrvaneService.dll") != nullptr; ++tries) {
+      ASSERT_LT(tries, 1500);
+      Sleep(20);
+    }
+  };
   service.End();
-  { const Host::LoadedModule gone = std::move(module); }
-  for (int tries = 0; GetModuleHandleW(L"OrvaneService.dll") != nullptr; ++tries) {
-    ASSERT_LT(tries, 1500);
-    Sleep(20);
+  use(std::move(module));
+  expectGone();
+  const DWORD before = NextThreadSlot();
+  for (DWORD i = 0; i < kLoads; ++i) {
+    use(Host::LoadedModule(ModulePath()));
+    expectGone();
   }
+  // The thread library that is linked into each module keeps one slot per load. Ours would be
+  // another.
+  EXPECT_LE(NextThreadSlot(), before + kLoads);
 }
 
 }  // namespace

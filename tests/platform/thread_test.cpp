@@ -14,14 +14,11 @@
 #include "platform/machine.h"
 #include "simulator/fault_injection.h"
 #include "simulator/virtual_clock.h"
-#include "support/probe.h"
 
 namespace Vx::Platform {
 namespace {
 
 using testing::ElementsAre;
-
-constexpr DWORD kLongestWait = 20'000;  // milliseconds
 
 class ThreadTest : public testing::Test {
  protected:
@@ -92,47 +89,6 @@ __attribute__((noinline)) void Overrun() {
 TEST(StackGuardTest, FailsFastWhereAFunctionWritesBeyondItsBuffer) {
   constexpr int kStackBufferOverrun = static_cast<int>(0xC0000409);
   EXPECT_EXIT(Overrun(), testing::ExitedWithCode(kStackBufferOverrun), "");
-}
-
-bool ModuleGoes() {
-  for (int i = 0; i < 2000; ++i) {
-    if (GetModuleHandleW(L"unloaded_module.dll") == nullptr) return true;
-    Sleep(5);
-  }
-  return false;
-}
-
-// Loads the module, releases it while one of its workers runs, and then lets the worker end.
-void UseModuleOnce() {
-  const UniqueHandle go(CreateEventW(nullptr, TRUE, FALSE, nullptr));
-  const UniqueHandle done(CreateEventW(nullptr, TRUE, FALSE, nullptr));
-  const HMODULE module = LoadLibraryW((Tests::TestFolder() + L"\\unloaded_module.dll").c_str());
-  using StartWaitingWorker = void(HANDLE, HANDLE);
-  auto* start = reinterpret_cast<StartWaitingWorker*>(
-      reinterpret_cast<void*>(GetProcAddress(module, "StartWaitingWorker")));
-  ASSERT_NE(start, nullptr);
-  start(go.get(), done.get());
-  FreeLibrary(module);
-  EXPECT_NE(GetModuleHandleW(L"unloaded_module.dll"), nullptr);
-  SetEvent(go.get());
-  EXPECT_EQ(WaitForSingleObject(done.get(), kLongestWait), WAIT_OBJECT_0);
-  ASSERT_TRUE(ModuleGoes());
-}
-
-DWORD NextThreadSlot() {
-  const DWORD slot = TlsAlloc();
-  TlsFree(slot);
-  return slot;
-}
-
-TEST(UnloadedModuleTest, StaysUntilItsThreadHasEndedAndLeavesNoThreadSlot) {
-  constexpr DWORD kLoads = 5;
-  UseModuleOnce();
-  const DWORD before = NextThreadSlot();
-  for (DWORD i = 0; i < kLoads; ++i) UseModuleOnce();
-  // The thread library that is linked into each module keeps one slot per load. A slot of ours
-  // would be another one.
-  EXPECT_LE(NextThreadSlot(), before + kLoads);
 }
 
 }  // namespace

@@ -41,16 +41,16 @@ TEST_F(DispatchTest, ANullContextRequestOrResponseIsRefusedBeforeParsing) {
   for (std::uint32_t id = 0; id < 25; ++id) {
     SCOPED_TRACE(id);
     EXPECT_TRUE(host.Execute(id, L"{", nullptr).untouched);
-    host.log.Clear();
+    log.Clear();
     const Reply noRequest = host.Execute(id, nullptr);
     EXPECT_EQ(noRequest.result, kFailed);
     EXPECT_TRUE(noRequest.untouched);
     EXPECT_EQ(host.service->ExecuteCommand(host.context, id, nullptr, nullptr, nullptr), kFailed);
     const std::wstring prefix =
         L"warning|class Vx::Tessel::Server::Services::Orvane::OrvaneService.NullChecker - ";
-    EXPECT_THAT(host.log.Lines(), Contains(prefix + L"message cannot be null").Times(2));
-    EXPECT_THAT(host.log.Lines(), Contains(prefix + L"outString cannot be null").Times(1));
-    EXPECT_THAT(host.log.Lines(), Contains(HasSubstr(L": message is null (result 0x20000002)")));
+    EXPECT_THAT(log.Lines(), Contains(prefix + L"message cannot be null").Times(2));
+    EXPECT_THAT(log.Lines(), Contains(prefix + L"outString cannot be null").Times(1));
+    EXPECT_THAT(log.Lines(), Contains(HasSubstr(L": message is null (result 0x20000002)")));
   }
 }
 
@@ -97,14 +97,13 @@ TEST_F(DispatchTest, SubscriptionsThatDoNotFitIntoAResponseAreAFailureWithoutAnA
 
   ASSERT_EQ(Execute(19, fits).result, 0U);
   ASSERT_EQ(Execute(9, request(65536 - kFrame.size() + 1)).result, 0U);
-  host.log.Clear();
+  log.Clear();
   const Reply tooLong = Execute(20, L"{}");
   EXPECT_EQ(tooLong.result, kFailed);
   EXPECT_TRUE(tooLong.response == L"{}");
-  EXPECT_THAT(host.log.Lines(), Contains(HasSubstr(L"GetSubscriptions threw exception the stored "
-                                                   L"requests do not fit into a response")));
-  EXPECT_THAT(host.log.Lines(),
-              Contains(HasSubstr(L"function id 20: request failed: the stored ")));
+  EXPECT_THAT(log.Lines(), Contains(HasSubstr(L"GetSubscriptions threw exception the stored "
+                                              L"requests do not fit into a response")));
+  EXPECT_THAT(log.Lines(), Contains(HasSubstr(L"function id 20: request failed: the stored ")));
 }
 
 }  // namespace

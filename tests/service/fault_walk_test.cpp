@@ -108,7 +108,7 @@ class FaultWalkTest : public SimulatedServiceTest {
   // Prepares a fresh store with the value of another service, and a fresh service.
   void Begin(const Flow& flow) {
     machine.faults.Clear();
-    storePath = host.StorePath();
+    storePath = store.FilePath();
     Tessel::Server::Storage::BsonDocument document;
     document.Set("sleep_state", Tessel::Server::Storage::BsonElement::Int32(kKept));
     host.Execute(20, L"{}");  // creates the folder
@@ -124,7 +124,7 @@ class FaultWalkTest : public SimulatedServiceTest {
     std::string failed = index < calls.size() ? calls[index] : std::string();
     machine.faults.Clear();
     if (host.service == nullptr) host.Renew();
-    host.log.Clear();
+    log.Clear();
     return failed;
   }
 

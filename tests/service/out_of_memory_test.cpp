@@ -5,7 +5,7 @@
 
 #include <gmock/gmock.h>
 
-#include "service/service_fixture.h"
+#include "service/simulated_service.h"
 #include "support/memory_shortage.h"
 
 namespace Vx::Tests {
@@ -14,7 +14,14 @@ namespace {
 using Tessel::Server::Services::ClientContext;
 using Tessel::Server::Services::Orvane::OrvaneService;
 
-class OutOfMemoryTest : public testing::Test, protected ServiceFixture {};
+class OutOfMemoryTest : public testing::Test {
+ protected:
+  PrivateStore store;
+  ServiceFixture host;
+  OrvaneService* service = host.service.get();
+  ClientContext*& context = host.context;
+  LogCapture log;
+};
 
 constexpr wchar_t kPower[] =
     LR"({"powerEventType":7,"eventAction":1,"commandParams":{"path":"C:\\a.exe","arguments":"b"}})";
@@ -32,8 +39,8 @@ TEST_F(OutOfMemoryTest, ACommandFailsWithoutAnAnswerOrDoesWithoutTheMemory) {
                 {3, kLaunched},    {5, kLaunched}, {13, kLaunched},   {9, kPower},  {9, L"{}"},
                 {19, kOtherPower}, {14, kZephra},  {14, kOtherPower}, {15, kPower}, {16, L"{}"}};
   // The lists are not empty, and some requests are there already.
-  ASSERT_EQ(Execute(9, kPower).result, 0U);
-  ASSERT_EQ(Execute(14, kZephra).result, 0U);
+  ASSERT_EQ(host.Execute(9, kPower).result, 0U);
+  ASSERT_EQ(host.Execute(14, kZephra).result, 0U);
   for (const auto kind : {Shortage::Once, Shortage::Lasting}) {
     for (const auto& c : kCases) {
       SCOPED_TRACE(testing::Message() << "id " << c.id);

@@ -77,8 +77,8 @@ TEST_F(SModeTest, APolicyLibraryThatDoesNotLoadMeansUnlocked) {
   machine.system.SetLockdownMode(2);
   machine.system.FailLockdownLibrary(5);
   EXPECT_EQ(Orvane::QueryLockoutMode(L"caller"), 0);
-  EXPECT_EQ(host.log.Lines().back(), L"warning|caller.QueryLockoutMode failed to load dll " +
-                                         policy.Path() + L" with error: 5");
+  EXPECT_EQ(log.Lines().back(), L"warning|caller.QueryLockoutMode failed to load dll " +
+                                    policy.Path() + L" with error: 5");
 }
 
 TEST_F(SModeTest, AMachineThatIsLockedNowHasNotBeenInSMode) {
@@ -106,10 +106,10 @@ TEST_F(SModeTest, TheFirstModeIsWrittenOnceAndOnlyOverWhatIsNoMode) {
   for (const auto& c : kCases) {
     SCOPED_TRACE(testing::PrintToString(c.first));
     Storage().mergeMember(kDocument, kFirstMode, c.stored);
-    host.log.Clear();
+    log.Clear();
     Orvane::SetFirstLockDownMode(*Tessel::Server::Logging::LogManager::GetLogger());
-    EXPECT_TRUE(host.log.Lines().front().ends_with(c.first));
-    EXPECT_THAT(host.log.Lines(), Contains(HasSubstr(L"Policy is 2")).Times(c.written ? 1 : 0));
+    EXPECT_TRUE(log.Lines().front().ends_with(c.first));
+    EXPECT_THAT(log.Lines(), Contains(HasSubstr(L"Policy is 2")).Times(c.written ? 1 : 0));
     const auto document = Storage().readDocument(kDocument);
     EXPECT_EQ(document.Find(kFirstMode)->AsInt32(), c.written ? 2 : c.stored.AsInt32());
     EXPECT_EQ(document.Find("other")->AsText(), "kept");
@@ -122,7 +122,7 @@ class SwitchSoftwareTest : public SimulatedServiceTest {
   SwitchSoftwareTest() {
     CreateDirectoryW(L"C:\\Program Files\\Vx", nullptr);
     CreateDirectoryW(kFolder, nullptr);
-    host.log.Clear();
+    log.Clear();
   }
   ~SwitchSoftwareTest() override {
     RemoveFile(kProgram);
@@ -145,10 +145,10 @@ TEST_F(SwitchSoftwareTest, StartsTheCheckedProgramWithTheArgumentsOfItsFile) {
   EXPECT_TRUE(host.service->Launch10SSwitchSoftwares());
   EXPECT_THAT(Started(), testing::ElementsAre(L"\"" + kProgram + L"\" /q \"a b\""));
   EXPECT_EQ(machine.processes.Started().front().user, L"SYSTEM");
-  EXPECT_EQ(host.log.Lines().front(),
+  EXPECT_EQ(log.Lines().front(),
             L"info|Vx::Tessel::Security::VxAuthenticodeHelper::AquireFileReadOnlyLock(" + kProgram +
                 L") : succeeded");
-  EXPECT_EQ(host.log.Lines().back(), L"info|CreateProcess(" + kProgram + L") : succeeded");
+  EXPECT_EQ(log.Lines().back(), L"info|CreateProcess(" + kProgram + L") : succeeded");
 }
 
 TEST_F(SwitchSoftwareTest, ReadsArgumentsWithoutAMarkAsUtf8AndStartsNothingWithoutThem) {
@@ -156,17 +156,17 @@ TEST_F(SwitchSoftwareTest, ReadsArgumentsWithoutAMarkAsUtf8AndStartsNothingWitho
   machine.files.Add(kArguments, "/caf\xC3\xA9");
   EXPECT_TRUE(host.service->Launch10SSwitchSoftwares());
   EXPECT_THAT(Started(), testing::ElementsAre(L"\"" + kProgram + L"\" /caf\u00E9"));
-  EXPECT_TRUE(host.log.Has(L"warning|Error Finding BOM for file: " + kArguments));
+  EXPECT_TRUE(log.Has(L"warning|Error Finding BOM for file: " + kArguments));
 
-  host.log.Clear();
+  log.Clear();
   machine.faults.FailNamed("Files.Read");
   EXPECT_FALSE(host.service->Launch10SSwitchSoftwares());
-  EXPECT_THAT(host.log.Lines(),
+  EXPECT_THAT(log.Lines(),
               testing::ElementsAre(L"warning|Error while reading text file " + kArguments));
   machine.files.Add(kArguments, std::string(40000, 'x'));
   machine.faults.Clear();
   EXPECT_FALSE(host.service->Launch10SSwitchSoftwares());
-  EXPECT_EQ(host.log.Lines().back(), L"info|CreateProcess(" + kProgram + L") : FAILED");
+  EXPECT_EQ(log.Lines().back(), L"info|CreateProcess(" + kProgram + L") : FAILED");
   EXPECT_THAT(Started(), testing::SizeIs(1));
 }
 
@@ -180,30 +180,29 @@ TEST_F(SwitchSoftwareTest, StartsNothingThatItCannotLock) {
   const LogTrap letGo(L" : FAILED", 1, [&] { open.reset(); });
   const LogTrap openAgain(L"trusted by windows = yes", 1, [&] { open = openForWriting(); });
   EXPECT_FALSE(Orvane::LaunchExeFor10SSwitch(kProgram.c_str(), L""));
-  EXPECT_THAT(host.log.Lines(), Contains(HasSubstr(L" : FAILED")).Times(2));
-  EXPECT_THAT(host.log.Lines(), Contains(HasSubstr(L" unable to launch ")).Times(1));
+  EXPECT_THAT(log.Lines(), Contains(HasSubstr(L" : FAILED")).Times(2));
+  EXPECT_THAT(log.Lines(), Contains(HasSubstr(L" unable to launch ")).Times(1));
   EXPECT_THAT(Started(), IsEmpty());
 }
 
 TEST_F(SwitchSoftwareTest, StartsNothingThatIsIncompleteOrNotTrusted) {
   machine.files.Add(kArguments, "\xEF\xBB\xBF/q");
   EXPECT_FALSE(host.service->Launch10SSwitchSoftwares());
-  EXPECT_THAT(host.log.Lines(), IsEmpty());
+  EXPECT_THAT(log.Lines(), IsEmpty());
   const std::wstring line = L"error|class Vx::Tessel::Server::Services::Orvane::OrvaneService.";
   for (const wchar_t* name : {L"unsigned.exe", L"unpinned.exe", L"general.exe", L"tampered.exe"}) {
     SCOPED_TRACE(testing::PrintToString(name));
     HoldProgram(name);
     EXPECT_FALSE(host.service->Launch10SSwitchSoftwares());
-    EXPECT_EQ(host.log.Lines().back(),
+    EXPECT_EQ(log.Lines().back(),
               line + L"LaunchExeFor10SSwitch unable to launch " + kProgram + L" not trusted");
   }
   machine.files.Remove(kArguments);
-  host.log.Clear();
+  log.Clear();
   EXPECT_FALSE(host.service->Launch10SSwitchSoftwares());
-  EXPECT_THAT(host.log.Lines(), IsEmpty());
+  EXPECT_THAT(log.Lines(), IsEmpty());
   EXPECT_FALSE(Orvane::LaunchExeFor10SSwitch(L"", L""));
-  EXPECT_EQ(host.log.Lines().back(),
-            line + L"LaunchExeFor10SSwitch - pathToExecute cannot be null");
+  EXPECT_EQ(log.Lines().back(), line + L"LaunchExeFor10SSwitch - pathToExecute cannot be null");
   EXPECT_THAT(Started(), IsEmpty());
 }
 

@@ -33,9 +33,8 @@ class ServiceLivesTest : public SimulatedServiceTest {
  protected:
   ServiceLivesTest() {
     machine.firmware.SetWarrantyBlock(std::string("20240715").append(120, '\0'));
-    Storage store;
-    store.persist("oobe_complete_aurelo_launched", true);
-    store.mergeMember("OrvaneServiceDocument", "FirstSystemEnforcementMode", Element::Int32(0));
+    Storage().persist("oobe_complete_aurelo_launched", true);
+    Storage().mergeMember("OrvaneServiceDocument", "FirstSystemEnforcementMode", Element::Int32(0));
   }
 
   void Start(std::chrono::milliseconds length) {
@@ -65,7 +64,7 @@ TEST_F(ServiceLivesTest, ABootIsNewWhenItIsMoreThanAMinuteFromTheOneOnRecord) {
 }
 
 TEST_F(ServiceLivesTest, AStoreThatCannotBeOpenedEndsTheNotificationsWithoutRetry) {
-  host.BlockStore();
+  store.Block();
   Start(0s);
   EXPECT_THAT(log.Lines(), Contains(L"error|Failed to create CapDataStore instance").Times(1));
   EXPECT_THAT(log.Lines(), Contains(HasSubstr(L"OrvaneService.CheckToSendWakeupEvent threw")));

@@ -2,24 +2,79 @@
 
 #include <chrono>
 #include <cstdint>
+#include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
-#include "service/service_fixture.h"
+#include "service/orvane_service.h"
 #include "support/machine_test.h"
 
 namespace Vx::Tests {
 
 constexpr std::uint64_t kPowerOn = 133'655'000'000'000'000;  // 2024-07-15T03:33:20Z as a FILETIME
 
-// A service on a machine in memory with ann signed in at the console.
-class SimulatedServiceTest : public MachineTest {
+// What the host sees of one command.
+struct Reply {
+  std::uint32_t result = 0;
+  std::optional<std::wstring> response;  // nothing: a null pointer
+  bool untouched = false;                // the response pointer was left alone
+};
+
+// A service, made and destroyed as the host does.
+class ServiceFixture {
+ public:
+  ServiceFixture() { Renew(); }
+  ServiceFixture(const ServiceFixture&) = delete;
+  ServiceFixture& operator=(const ServiceFixture&) = delete;
+  ~ServiceFixture() { End(); }
+
+  void End() {
+    if (service == nullptr) return;
+    service->ReleaseClientContext(&context);
+    service.reset();
+  }
+
+  // Replaces the service, by none when the factory makes none.
+  void Renew() {
+    End();
+    service.reset(Service::Create());
+    if (service != nullptr) service->CreateClientContext(L"client", &context);
+  }
+
+  Reply Execute(std::uint32_t id, const wchar_t* request) { return Execute(id, request, context); }
+
+  Reply Execute(std::uint32_t id, const wchar_t* request,
+                Tessel::Server::Services::ClientContext* caller) {
+    wchar_t marker = 0;
+    wchar_t* response = &marker;
+    Reply reply;
+    reply.result = service->ExecuteCommand(caller, id, request, &response, nullptr);
+    reply.untouched = response == &marker;
+    if (reply.untouched || response == nullptr) return reply;
+    reply.response = response;
+    service->FreeResponse(response);
+    return reply;
+  }
+
+ private:
+  using Service = Tessel::Server::Services::Orvane::OrvaneService;
+  struct Unmake {
+    void operator()(Service* owned) const { owned->Destroy(1); }
+  };
+
+ public:
+  std::unique_ptr<Service, Unmake> service;
+  Tessel::Server::Services::ClientContext* context = nullptr;
+};
+
+// A service on a machine in memory, at whose console ann is signed in, with a store of its own.
+class SimulatedServiceTest : public StoreTest {
  protected:
   SimulatedServiceTest() { machine.clock.SetUtcFileTime(kPowerOn); }
   ~SimulatedServiceTest() override {
     host.End();
-    machine.clock.Advance(
-        std::chrono::hours(2));  // destroying it does not end its delayed launches
+    machine.clock.Advance(std::chrono::hours(2));  // its delayed launches are not ended by it
   }
 
   // Installs an app of the maker with this name for ann.
@@ -31,7 +86,7 @@ class SimulatedServiceTest : public MachineTest {
                              L"ann");
   }
 
-  // Returns the command lines of the programs that were started.
+  // The command lines of the programs that were started.
   std::vector<std::wstring> Started() const {
     std::vector<std::wstring> lines;
     for (const auto& process : machine.processes.Started()) {

@@ -2,7 +2,6 @@
 
 #include <atomic>
 #include <functional>
-#include <mutex>
 #include <random>
 #include <thread>
 #include <utility>
@@ -17,12 +16,11 @@ namespace {
 
 using namespace std::chrono_literals;
 using Platform::WaitOutcome;
-using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using Duration = Platform::Clock::Duration;
 
-Platform::UniqueHandle MakeEvent(bool manual) {
-  return Platform::UniqueHandle(CreateEventW(nullptr, manual ? TRUE : FALSE, FALSE, nullptr));
+Platform::UniqueHandle MakeEvent() {
+  return Platform::UniqueHandle(CreateEventW(nullptr, FALSE, FALSE, nullptr));
 }
 
 class VirtualClockTest : public ::testing::Test {
@@ -37,40 +35,9 @@ class VirtualClockTest : public ::testing::Test {
     });
   }
 
-  void Note(int what) {
-    const std::lock_guard guard(mutex);
-    notes.emplace_back(what, clock.Elapsed());
-  }
-
   VirtualClock clock;
-  std::mutex mutex;
-  std::vector<std::pair<int, Duration>> notes;
   std::vector<std::jthread> threads;
 };
-
-TEST_F(VirtualClockTest, WakesWaitsInTheOrderOfTheirDeadlinesAtExactlyTheirTime) {
-  const auto event = MakeEvent(true);
-  const std::pair<int, Duration> workers[] = {{1, 300ms}, {2, 100ms}, {3, 200ms}, {4, 200ms}};
-  for (const auto& [name, length] : workers) {
-    StartWorker([this, name = name, length = length, &event] {
-      if (name % 2 == 0) {
-        clock.Sleep(length);
-      } else {
-        EXPECT_EQ(clock.Wait(event.get(), length).outcome, WaitOutcome::TimedOut);
-      }
-      Note(name);
-    });
-    clock.Settle();
-  }
-
-  clock.Advance(99ms);
-  EXPECT_TRUE(notes.empty());
-  clock.Advance(1s);
-  EXPECT_THAT(notes, ElementsAre(std::pair(2, 100ms), std::pair(3, 200ms), std::pair(4, 200ms),
-                                 std::pair(1, 300ms)));
-  EXPECT_EQ(clock.Elapsed(), 1099ms);
-  EXPECT_EQ(clock.Workers(), 0U);
-}
 
 // Pairs of workers: one sleeps, notes the time and signals, the other must see that very time.
 TEST_F(VirtualClockTest, NeverMovesTimeBetweenASignalAndItsEffect) {
@@ -86,8 +53,8 @@ TEST_F(VirtualClockTest, NeverMovesTimeBetweenASignalAndItsEffect) {
   std::atomic<int> handed = 0;
   for (int index = 0; index < kPairs; ++index) {
     Pair& pair = pairs[static_cast<std::size_t>(index)];
-    pair.event = MakeEvent(false);
-    pair.taken = MakeEvent(false);
+    pair.event = MakeEvent();
+    pair.taken = MakeEvent();
     StartWorker([&, index] {
       std::minstd_rand random(static_cast<unsigned>(index + 1));
       for (int round = 0; round < kRounds; ++round) {
@@ -114,28 +81,8 @@ TEST_F(VirtualClockTest, NeverMovesTimeBetweenASignalAndItsEffect) {
   EXPECT_EQ(clock.Workers(), 0U);
 }
 
-TEST_F(VirtualClockTest, LetsWaitsOfOneDeadlineGoTogetherWhenOneNeedsTheOther) {
-  std::mutex shared;
-  std::atomic<int> done = 0;
-  StartWorker([&] {
-    clock.Sleep(1s);
-    const std::lock_guard guard(shared);
-    ++done;
-  });
-  clock.Settle();
-  StartWorker([&] {
-    const std::lock_guard guard(shared);
-    clock.Sleep(1s);
-    ++done;
-  });
-  clock.Settle();
-  clock.Advance(1s);
-  clock.Settle();
-  EXPECT_EQ(done, 2);
-}
-
 TEST_F(VirtualClockTest, SaysSoWhenAWorkerDoesNotComeToRest) {
-  const auto release = MakeEvent(true);
+  const auto release = MakeEvent();
   StartWorker([&] { WaitForSingleObject(release.get(), 5000); });
   clock.SetPatience(20ms);
   try {
