@@ -15,7 +15,6 @@ namespace Vx::Host {
 
 namespace {
 
-constexpr DWORD kLongestPath = 32768;  // characters
 constexpr wchar_t kReplacement = 0xFFFD;
 
 // The control characters of ASCII and of Latin-1, and the separators and direction marks of
@@ -56,7 +55,7 @@ std::wstring ReadTextFile(const std::wstring& path) {
 
 std::wstring FullPath(const std::string& path) {
   std::wstring full(kLongestPath, L'\0');
-  full.resize(GetFullPathNameW(Wide(path).c_str(), kLongestPath, full.data(), nullptr));
+  full.resize(GetFullPathNameW(Wide(path).c_str(), DWORD{kLongestPath}, full.data(), nullptr));
   if (full.empty()) throw std::runtime_error(path + " is not a path");
   return full;
 }

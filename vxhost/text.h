@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <string>
 #include <string_view>
 
@@ -19,6 +20,9 @@ std::string Printable(std::string_view text, LineBreaks breaks);
 
 // The content of a text file as UTF-16, without its byte-order mark. Throws std::runtime_error.
 std::wstring ReadTextFile(const std::wstring& path);
+
+// The most characters of a path, its end included.
+inline constexpr std::size_t kLongestPath = 32768;
 
 // The full form of `path`, which may be relative to the working directory.
 std::wstring FullPath(const std::string& path);

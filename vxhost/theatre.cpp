@@ -23,8 +23,6 @@ namespace {
 
 namespace Logging = Tessel::Server::Logging;
 
-constexpr DWORD kLongestPath = 32768;  // characters
-
 // How long, in real time, a simulated worker may run on: longer than the ten seconds for which a
 // monitor of debug output that does not read holds up a line.
 constexpr std::chrono::seconds kPatience{30};
@@ -34,7 +32,7 @@ constexpr const wchar_t* kLevels[] = {L"INFO", L"WARNING", L"ERROR"};
 // The module beside this program.
 std::wstring DefaultModule() {
   std::wstring program(kLongestPath, L'\0');
-  program.resize(GetModuleFileNameW(nullptr, program.data(), kLongestPath));
+  program.resize(GetModuleFileNameW(nullptr, program.data(), DWORD{kLongestPath}));
   return program.substr(0, program.rfind(L'\\') + 1) + L"OrvaneService.dll";
 }
 
