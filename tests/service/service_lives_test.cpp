@@ -139,7 +139,8 @@ TEST_F(ServiceLivesTest, DestructionEndsTheDeliveriesThatWait) {
   EXPECT_THAT(Sent(), IsEmpty());
 }
 
-// A service that goes while its start-up task is busy leaves nobody who would end what that makes.
+// A service that is destroyed while its start-up task works cannot end the watches that the task
+// makes.
 TEST_F(ServiceLivesTest, NoPackageIsWatchedForAServiceThatIsGone) {
   InstallApp(L"App");
   ASSERT_EQ(host.Execute(7,

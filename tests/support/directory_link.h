@@ -4,8 +4,8 @@
 
 namespace Vx::Tests {
 
-// A link at `path` to the directory `target`, taken away at the end. The emulator answers that it
-// made a symbolic link and makes none; there the link is one of the system below it.
+// A link at `path` to the directory `target`, removed at the end. The emulator reports success for
+// a symbolic link without making one. There the link is one of the underlying system.
 class DirectoryLink {
  public:
   DirectoryLink(std::wstring path, const std::wstring& target);

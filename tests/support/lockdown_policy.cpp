@@ -1,6 +1,6 @@
-// A lockdown policy library for tests: answers the mode in the variable VX_LOCKDOWN_MODE of its
-// process, and fails nevertheless where '!' follows. Without one it fails and leaves the mode
-// alone.
+// A lockdown policy library for tests: reports the mode in the variable VX_LOCKDOWN_MODE of its
+// process, and fails all the same if '!' follows. Without the variable it fails and does not set
+// the mode.
 #include <cwchar>
 
 #include <windows.h>

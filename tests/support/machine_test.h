@@ -12,7 +12,7 @@
 
 namespace Vx::Tests {
 
-// A simulated machine with ann at its console in the place of the real one, and all that is logged.
+// A simulated machine with ann at its console replaces the real one, and the log is recorded.
 class MachineTest : public testing::Test {
  protected:
   MachineTest() { machine.users.LogOn(L"ann"); }

@@ -69,7 +69,7 @@ Abi::ComPtr<T> Shared(T* object) {
   return Abi::ComPtr<T>(object);
 }
 
-// Each call into a fake is answered through one of these, so that a test can fail them in turn.
+// Each call into a fake returns through one of these, so that a test can fail them in turn.
 template <typename Body>
 HRESULT Answer(Body body) {
   if (runtime->Fails()) return E_ACCESSDENIED;

@@ -75,7 +75,7 @@ class RuntimeTest : public testing::Test {
   // Objects of the fakes, Windows Runtime strings and uses of an apartment are balanced.
   virtual void ExpectNothingLeft();
 
-  // Runs `operation`, which answers an HRESULT, with the first call into the runtime failing, then
+  // Runs `operation`, which returns an HRESULT, with the first call into the runtime failing, then
   // the second, and so on to the last, and expects each run to fail so and to leave nothing behind.
   void ExpectEachFailureTold(int fewestCalls, const std::function<HRESULT()>& operation);
 
