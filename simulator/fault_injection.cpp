@@ -35,7 +35,7 @@ constexpr int kNotSent = 1;
 constexpr int kTryAgain = 11;  // EAGAIN
 constexpr std::uint32_t kNotImplemented = 0xC0000002;
 
-// What a refused call answers.
+// The result of a refused call.
 template <typename Answer>
 struct Refusal {
   static Answer Make() { return Answer{}; }

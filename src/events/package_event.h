@@ -22,7 +22,7 @@ class CompletionEvent;
 class FiringMark;
 class UninstallWatch;
 
-// Called once a package command has run, with an empty text, on the system's catalog thread.
+// Called after a package command has run, with an empty text, on the system's catalog thread.
 using CompletionHandler = std::function<void(const std::wstring&)>;
 
 // An event of a package, and the command that it runs once.

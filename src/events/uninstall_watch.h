@@ -15,7 +15,7 @@
 
 namespace Vx::Tessel::Server::Services::Orvane {
 
-// Handlers to be called once a command has run. Any thread.
+// Handlers to be called after a command has run. Any thread.
 class CompletionEvent {
  public:
   std::int64_t Add(CompletionHandler handler);

@@ -4,8 +4,8 @@
 
 #include <windows.h>
 
-// No exception may pass into the host, which another compiler built: it is told by a null pointer
-// that there is no service.
+// No exception may pass into the host, which another compiler built. A null pointer reports that no
+// service could be made.
 extern "C" Vx::Tessel::Server::Services::VxService* VxCreateService() noexcept {
   return Vx::Tessel::Server::Services::Orvane::OrvaneService::Create();
 }
