@@ -20,6 +20,9 @@ constexpr wchar_t kLaunched[] = L"LaunchCommand::Execute returned with result %i
 constexpr wchar_t kNoSuchAction[] =
     L"the action is neither 1 (start a program) nor 2 (send a message)";
 
+constexpr std::int32_t kInvalidArgument = static_cast<std::int32_t>(0x80070057);
+constexpr wchar_t kNullInArguments[] = L"the arguments hold a null character";
+
 constexpr wchar_t kDelayKey[] = L"delayDeliverySec";
 constexpr wchar_t kNoDelay[] = L"0";
 
@@ -35,7 +38,12 @@ EventCommandPtr Make(const Json::JsonObject& parameters) {
 LaunchCommand::LaunchCommand(const Json::JsonObject& parameters)
     : path(parameters.GetNamedString(L"path")),
       arguments(parameters.FindString(L"arguments").value_or(L"")),
-      delayDeliverySec(parameters.GetNamedString(kDelayKey, kNoDelay)) {}
+      delayDeliverySec(parameters.GetNamedString(kDelayKey, kNoDelay)) {
+  // Windows ends a command line at a null: the program would run with part of its arguments.
+  if (arguments.find(L'\0') != std::wstring::npos) {
+    throw Platform::WindowsRuntimeError(kInvalidArgument, kNullInArguments);
+  }
+}
 
 void LaunchCommand::Execute() {
   const Logging::TraceLogger& log = *Logging::LogManager::SetProvider(Logging::kComponentProvider);

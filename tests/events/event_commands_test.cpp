@@ -51,6 +51,7 @@ std::wstring Escaped(const std::wstring& path) {
 TEST(CreateEventCommand, InsistsOnItsRequiredKeys) {
   constexpr std::int32_t kMissing = Json::kJsonValueNotFound;
   constexpr std::int32_t kWrongType = Json::kIllegalMethodCall;
+  constexpr auto kInvalidArgument = static_cast<std::int32_t>(0x80070057);
   static constexpr struct {
     std::uint32_t action;
     std::int32_t result;
@@ -61,6 +62,7 @@ TEST(CreateEventCommand, InsistsOnItsRequiredKeys) {
       {1, kWrongType, LR"({"path":null})"},
       {1, 0, LR"({"path":"C:\\a.exe","arguments":5})"},
       {1, kWrongType, LR"({"path":"C:\\a.exe","delayDeliverySec":5})"},
+      {1, kInvalidArgument, LR"({"path":"C:\\a.exe","arguments":"/safe\u0000 /all"})"},
       {2, 0, LR"({"packageFamilyName":"f","appServiceName":"s","payload":{}})"},
       {2, kMissing, LR"({"appServiceName":"s","payload":{}})"},
       {2, kMissing, LR"({"packageFamilyName":"f","payload":{}})"},
