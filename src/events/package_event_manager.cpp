@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <exception>
 #include <utility>
 
 #include "events/firing_marks.h"
@@ -22,6 +23,10 @@ using MarkPtr = std::shared_ptr<FiringMark>;
 constexpr wchar_t kRunningLate[] =
     L"RegisterExistingPackageCatalogManagerRequests - App uninstalled while service was not "
     L"running. Executing command now";
+
+constexpr wchar_t kNotWatched[] =
+    L"RegisterExistingPackageCatalogManagerRequests - a stored request is not watched, because of "
+    L"\"%S\": %s";
 
 RequestManager StoredPackageRequests() {
   return RequestManager(kServiceDocument, kPackageForm.list);
@@ -130,7 +135,14 @@ void RemoveAppPackageEvent(const std::wstring& request) {
 void RegisterExistingPackageCatalogManagerRequests(Owner owner) {
   Replay replay(owner);
   StoredPackageRequests().RegisterExistingRequests(
-      [&](const std::wstring& request) { replay.Register(request); },
+      [&](const std::wstring& request) {
+        try {
+          replay.Register(request);
+        } catch (const std::exception& error) {
+          Logging::LogManager::GetLogger()->LogWarning(kNotWatched, error.what(), request.c_str());
+          throw;
+        }
+      },
       [&](const std::wstring& request, const Platform::WindowsRuntimeError& error) {
         replay.RunLate(request, error);
       });

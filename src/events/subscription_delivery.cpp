@@ -2,7 +2,9 @@
 
 #include <exception>
 #include <map>
+#include <new>
 #include <optional>
+#include <string>
 #include <system_error>
 #include <utility>
 
@@ -28,6 +30,9 @@ constexpr wchar_t kTriggerUnreadable[] = L"Failed to retrieve custom trigger GUI
 constexpr wchar_t kTooManyWait[] =
     L"%S - dropped, because %d deliveries of the same subscription wait already: %s";
 constexpr wchar_t kServiceEnded[] = L"%S - dropped while it waited, because the service ends: %s";
+
+constexpr wchar_t kLost[] = L"%S - this delivery is lost, because of \"%S\": %s";
+constexpr char kUnknown[] = "an exception of an unknown kind";
 
 constexpr wchar_t kStandbyNameTaken[] =
     L"Another program has given the name %s to an object that is not an event. "
@@ -193,15 +198,29 @@ std::int32_t StatusOf(const std::exception& error) {
   return system != nullptr ? system->code().value() : kUnspecified;
 }
 
+// Called inside a catch block. Without memory for the message, the status alone is logged.
+void LogWorkerFailure(const DeliveryTexts& texts,
+                      const Platform::WindowsRuntimeError& error) noexcept {
+  std::string message;
+  try {
+    message = Json::ToUtf8(error.message());
+  } catch (const std::bad_alloc&) {
+    message.clear();
+  }
+  Log().LogError(texts.workerFailed, message.c_str(), error.code());
+}
+
 // The worker's boundary: whatever a stored text or its command throws ends here.
 void Work(const DeliveryKind& kind, const std::wstring& request, std::uint32_t eventType,
           const Platform::SharedHandle& stop) noexcept {
   try {
     Deliver(kind, request, eventType, stop);
   } catch (const Platform::WindowsRuntimeError& error) {
-    Log().LogError(kind.texts.workerFailed, Json::ToUtf8(error.message()).c_str(), error.code());
+    LogWorkerFailure(kind.texts, error);
   } catch (const std::exception& error) {
     Log().LogError(kind.texts.workerFailed, error.what(), StatusOf(error));
+  } catch (...) {
+    Log().LogError(kind.texts.workerFailed, kUnknown, kUnspecified);
   }
 }
 
@@ -248,7 +267,14 @@ void FulfillSubscriptions(const DeliveryKind& kind, std::uint32_t eventType,
                           const Platform::SharedHandle& stop) {
   RequestManager manager(kServiceDocument, kind.storeKey);
   manager.RegisterExistingRequests(
-      [&](const std::wstring& request) { kind.handleEvent(request, nullptr, eventType, stop); },
+      [&](const std::wstring& request) {
+        try {
+          kind.handleEvent(request, nullptr, eventType, stop);
+        } catch (const std::exception& error) {
+          Log().LogWarning(kLost, kind.name, error.what(), request.c_str());
+          throw;
+        }
+      },
       [](const std::wstring&, const Platform::WindowsRuntimeError&) {});
 }
 

@@ -79,7 +79,8 @@ void WatchStoredPackages(const ServiceState& state) {
 void StartWakeupCheck(const std::shared_ptr<ServiceState>& state) {
   if (state->wakeupCheckDone) return;
   state->logger->LogInfo(kStarted, kWakeupCheckName);
-  Platform::StartDetached([state] { RunWakeupCheck(state); });
+  // Without a thread for the check, the rest of the start-up goes on.
+  Contain("startup_task", [&] { Platform::StartDetached([state] { RunWakeupCheck(state); }); });
 }
 
 // Waits for a real user, at most two hours. Returns false when the service ends first, and true
