@@ -133,7 +133,6 @@ std::uint32_t RunHandler(Handler handler, const Call& call, std::uint32_t id) {
     Logging::LogManager::GetLogger()
         ->For(call.caller.clientId)
         .LogError(kUnsupported, kClass, kExecuteCommand, id);
-    *call.caller.problem = {L"functionId", L"names no command"};
     return kUnsupportedFunction;
   }
   try {
@@ -219,12 +218,22 @@ std::uint32_t Dispatch(OrvaneService& service, const ClientContext* context, std
     LogCurrentException(kExecuteCommand, caller.clientId);
     result = kFailed;
   }
+  // An unknown id has left its own line.
+  if (result == kUnsupportedFunction) return result;
   if (result != kSuccess && problem.key == nullptr) {
     problem = {L"request", L"could not be carried out"};
   }
   if (problem.key != nullptr) {
-    log.LogError(kProblem, kClass, kExecuteCommand, id, problem.key, problem.what,
-                 problem.detail.c_str(), result);
+    const auto report = [&](auto write) {
+      write(kProblem, kClass, kExecuteCommand, id, problem.key, problem.what,
+            problem.detail.c_str(), result);
+    };
+    // A request that returned 0 was taken, though not as its sender meant it.
+    if (result == kSuccess) {
+      report([&](auto... texts) { log.LogWarning(texts...); });
+    } else {
+      report([&](auto... texts) { log.LogError(texts...); });
+    }
   }
   return result;
 }

@@ -46,6 +46,12 @@ constexpr std::size_t kMaxStoredLength = 8 * kMaxResponseLength;
 constexpr char kSleepState[] = "sleep_state";
 constexpr char kPolicyChangedKey[] = "orvane_service_policy_changed_event";
 
+constexpr wchar_t kPolicyNotStored[] =
+    L"OrvaneService - OnPolicyChangedEvent could not store the event";
+constexpr wchar_t kPolicyRuntimeError[] =
+    L"OrvaneService - OnPolicyChangedEvent failed: Message: %s, Code: %i";
+constexpr wchar_t kPolicyFailed[] = L"OrvaneService - OnPolicyChangedEvent failed: %S";
+
 constexpr wchar_t kSwitchCaller[] = L"Win10SSwitch";
 constexpr wchar_t kSwitchArguments[] = L"C:\\Program Files\\Vx\\McAfeePre\\McAfeePar.txt";
 constexpr wchar_t kSwitchProgram[] = L"C:\\Program Files\\Vx\\McAfeePre\\DADUpdater.exe";
@@ -229,11 +235,12 @@ bool OrvaneService::Launch10SSwitchSoftwares() {
 int OrvaneService::OnPolicyChangedEvent(const wchar_t* /*request*/, const wchar_t* /*clientId*/) {
   try {
     Storage::CapDataStore store;
-    store.persist(kPolicyChangedKey, "yes");
+    if (!store.persist(kPolicyChangedKey, "yes")) state->logger->LogWarning(kPolicyNotStored);
     FulfillZephraManagementEventRequests(static_cast<std::uint32_t>(ZephraEvent::PolicyChanged));
-  } catch (
-      const Platform::WindowsRuntimeError&) {  // NOLINT(bugprone-empty-catch): documented as silent
-  } catch (const std::exception&) {            // NOLINT(bugprone-empty-catch): likewise
+  } catch (const Platform::WindowsRuntimeError& error) {
+    state->logger->LogWarning(kPolicyRuntimeError, error.message().c_str(), error.code());
+  } catch (const std::exception& error) {
+    state->logger->LogWarning(kPolicyFailed, error.what());
   }
   return 0;
 }

@@ -156,7 +156,11 @@ TEST_F(RequestManagerTest, LogsAStoreThatDoesNotTakeTheList) {
   EXPECT_FALSE(Manager().CompleteRequest(kFirst));
   faults.Clear();
   EXPECT_THAT(log.Lines(), ElementsAre(L"error|PersistRequest - failed to persist. This "
-                                       L"functionality won't work properly."));
+                                       L"functionality won't work properly.",
+                                       L"warning|RemoveRequest - failed to remove. The request "
+                                       L"stays stored.",
+                                       L"warning|CompleteRequest - failed to complete. The request "
+                                       L"stays stored."));
   EXPECT_EQ(Stored(), std::wstring(L"[") + kFirst + L"]");
 }
 

@@ -103,12 +103,12 @@ fi
 "$emulator" ${prefix:+"$prefix"} "$vxhost" watch --json --seconds 20 > "$work/watched" 2>&1 &
 watcher=$!
 tries=0
-until grep -q 'function id 99: ' "$work/watched" || [ "$tries" = 20 ]; do
+until grep -q 'Unsupported Function call 99' "$work/watched" || [ "$tries" = 20 ]; do
   expect 1 'no such command' --dll "$module" --private-store exec 99
   tries=$((tries + 1))
 done
 kill "$watcher" 2> /dev/null
-seen=$(grep -c '^{"time":.*function id 99: ' "$work/watched")
+seen=$(grep -c '^{"time":.*Unsupported Function call 99' "$work/watched")
 if [ "$seen" -lt 1 ] || [ "$seen" -gt "$tries" ]; then
   echo "failed: vxhost watch shows a line of $tries runs $seen times:"
   cat "$work/watched"
