@@ -112,7 +112,7 @@ class SoakTest : public ModuleTest {
       LR"({"powerEventType":7,"eventAction":2,"commandParams":)"
       LR"({"packageFamilyName":"f","appServiceName":"s","payload":{}}})"};
 
-  static inline const std::size_t steps = Setting("VX_STEPS", 1500);
+  static inline const std::size_t steps = Setting("VX_STEPS", 600);
   const std::size_t quiet = ThreadCount();
 };
 
@@ -157,7 +157,7 @@ TEST_F(SoakTest, ServicesComeAndGoWithEverythingInFlight) {
     std::vector<std::jthread> hosts;
     for (int host = 0; host < kHosts; ++host) {
       hosts.emplace_back([&live] {
-        for (std::size_t turn = 0; turn < steps / 125; ++turn) live(static_cast<int>(turn));
+        for (std::size_t turn = 0; turn < steps / 50; ++turn) live(static_cast<int>(turn));
       });
     }
   };

@@ -251,7 +251,7 @@ TEST_F(DamagedStoreTest, CannotBeReadAndIsReplacedByTheNextWrite) {
   const std::uint32_t seed = Tests::Setting("VX_SEED", 20240731);
   std::mt19937 random(seed);
   std::size_t unreadable = 0;
-  const std::uint32_t count = Tests::Setting("VX_DAMAGES", 2000);
+  const std::uint32_t count = Tests::Setting("VX_DAMAGES", 1000);
   for (std::uint32_t n = 0; n < count && !HasFailure(); ++n) {
     SCOPED_TRACE(testing::Message() << "VX_SEED=" << seed << ", damage " << n);
     const Bytes file = DamagedFile(n, random);
