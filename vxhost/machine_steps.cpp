@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cstdint>
+#include <cwchar>
 #include <deque>
 #include <iterator>
 #include <stdexcept>
@@ -129,6 +131,17 @@ void SetWarrantyBlock(const Change& change) {
   change.machine.firmware.SetWarrantyBlock(std::move(block));
 }
 
+// One step of WMI at a time; an empty object ends it.
+void FailFirmware(const Change& change) {
+  change.machine.firmware.ClearFailures();
+  const WideValue* after = change.Find(L"after");
+  if (change.Find(L"step") == nullptr) return;
+  const unsigned long result = std::wcstoul(change.Text(L"result").c_str(), nullptr, 16);
+  change.machine.firmware.FailAfter(Utf8(change.Text(L"step")),
+                                    after == nullptr ? 0 : after->GetUint(),
+                                    static_cast<std::int32_t>(result));
+}
+
 void AddFile(const Change& change) {
   change.machine.files.Add(change.Text(L"path"), Utf8(change.Text(L"text")));
 }
@@ -154,6 +167,7 @@ constexpr struct {
     {L"registry", &SetRegistry},
     {L"firmwareDigits", &ReplaceFirmware},
     {L"warrantyBlock", &SetWarrantyBlock},
+    {L"firmwareFails", &FailFirmware},
     {L"file", &AddFile},
     {L"lockdownMode", &SetLockdownMode},
     {L"appServiceStatus", &SetAppServiceStatus},
