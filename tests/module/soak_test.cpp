@@ -168,7 +168,7 @@ TEST_F(SoakTest, ServicesComeAndGoWithEverythingInFlight) {
   ASSERT_TRUE(ThreadsEnd(quiet + kSystemThreads));
   // The system's own threads come and go; what a life leaves behind is there once for each of them.
   constexpr std::uintptr_t kSystemsOwn = 16;
-  EXPECT_LE(HandleGauge(), before + kSystemsOwn);
+  EXPECT_LE(RestingHandleGauge(before + kSystemsOwn), before + kSystemsOwn);
 }
 
 DWORD NextThreadSlot() {

@@ -21,6 +21,13 @@ std::uintptr_t HandleGauge() {
   return highest;
 }
 
+std::uintptr_t RestingHandleGauge(std::uintptr_t goal, std::chrono::milliseconds limit) {
+  const ULONGLONG end = GetTickCount64() + static_cast<ULONGLONG>(limit.count());
+  std::uintptr_t gauge = HandleGauge();
+  for (; gauge > goal && GetTickCount64() < end; gauge = HandleGauge()) Sleep(5);
+  return gauge;
+}
+
 // Counted here, region by region: the emulator reports zero private bytes for every process.
 MemoryInUse MeasureMemory() {
   MemoryInUse memory;

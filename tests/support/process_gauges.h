@@ -11,6 +11,11 @@ namespace Vx::Tests {
 // the highest of some fresh handles.
 std::uintptr_t HandleGauge();
 
+// Returns the gauge as soon as it is no more than `goal`, or else what it is after `limit`: threads
+// of the system that come and go hold handles of their own meanwhile.
+std::uintptr_t RestingHandleGauge(std::uintptr_t goal,
+                                  std::chrono::milliseconds limit = std::chrono::seconds(30));
+
 // Memory of this process in bytes: all addresses that are not free, what it alone has committed,
 // and the heap blocks in use.
 struct MemoryInUse {
