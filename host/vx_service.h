@@ -17,7 +17,7 @@ struct CompletionCallback;
 // The abstract service class of the host, which is a closed program built with another compiler.
 // The contract is this table of slots, in this order, one entry each.
 //
-// Slot 0 is one ordinary virtual function in the place of the deleting destructor of the host's
+// Slot 0 is one ordinary virtual function instead of the deleting destructor of the host's
 // compiler. A C++ virtual destructor would take two entries here and shift every slot behind it.
 // All arguments are scalars or pointers, which both compilers pass in the same way.
 class VxService {

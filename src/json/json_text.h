@@ -75,7 +75,7 @@ class ScratchMemory {
   static void Free(void* block);
 
  private:
-  // Precedes each block. Tells Free where the block came from.
+  // Precedes each block and records its origin for Free.
   struct alignas(16) Header {
     bool onHeap;
   };

@@ -152,7 +152,7 @@ bool CapDataStore::writeFile() {
     storeId = *std::move(id);
     storeId.resize(kIdUnits);
   }
-  // Header and blob leave in one call: a crash between two would leave a file that nobody can read.
+  // Header and blob leave in one call: a crash between two would leave an unreadable file.
   std::vector<std::byte> content;
   content.reserve(headerSize + blob->size());
   const std::span<const std::byte> header = std::as_bytes(std::span(storeId));

@@ -22,8 +22,8 @@ namespace Vx::Tessel::Server::Storage {
 // an empty or cut file, which the next change replaces by what that store object has in memory.
 class CapDataStore {
  public:
-  // Sees the stored element, or null when there is none, and answers the new one, or nothing to
-  // leave the file alone.
+  // Receives the stored element, or null when there is none. Returns the new one, or nothing to
+  // leave the file unchanged.
   using Change = std::function<std::optional<BsonElement>(const BsonElement* stored)>;
 
   // Makes the folder and an empty file where they are missing and reads the file. Throws
@@ -68,13 +68,13 @@ class CapDataStore {
   // Puts one member into the embedded document `documentName` without touching its other members,
   // read and written under one hold of the mutex. True when the file holds it. The way to change
   // the service's own document: an older copy of the whole would undo what others wrote in between.
-  // A value of that name that is no document is replaced by one. Throws system_mutex_exception.
+  // Replaces a value of that name that is not a document. Throws system_mutex_exception.
   bool mergeMember(std::string_view documentName, std::string_view member,
                    const BsonElement& value);
 
   // Like mergeMember, with a value that `change` makes of the stored one. It runs with the mutex
   // held and must not touch a store; what it throws passes through, unlocked. True also when it
-  // answered nothing.
+  // returned nothing.
   bool updateMember(std::string_view documentName, std::string_view member, const Change& change);
 
  private:

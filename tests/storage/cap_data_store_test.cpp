@@ -185,7 +185,7 @@ std::optional<BsonDocument> Held(const Bytes& file) {
   return plain ? BsonDocument::Decode(*plain) : std::nullopt;
 }
 
-// Damaged files, and things that are none, in the place of the store's file.
+// Damaged files, and objects that are not files, instead of the store's file.
 class DamagedStoreTest : public CapDataStoreTest {
  protected:
   DamagedStoreTest() {
@@ -375,7 +375,7 @@ TEST_F(CapDataStoreTest, AnUpdateSeesTheStoredValueAndMayLeaveItOrThrow) {
                std::runtime_error);
   EXPECT_EQ(store.readDocument("document"), WithInt("count", 2));
   EXPECT_EQ(disk.writes.size(), 2U);
-  // Nobody holds the mutex.
+  // No thread holds the mutex.
   const Platform::UniqueHandle mutex(
       CreateMutexW(nullptr, FALSE, L"18CC6446-1DB5-4D23-8F2B-441BA13883D6"));
   EXPECT_FALSE(ReleaseMutex(mutex.get()));
