@@ -41,7 +41,7 @@ TEST_F(OutOfMemoryTest, ACommandFailsWithoutAnAnswerOrDoesWithoutTheMemory) {
   // The lists are not empty, and some requests are there already.
   ASSERT_EQ(host.Execute(9, kPower).result, 0U);
   ASSERT_EQ(host.Execute(14, kZephra).result, 0U);
-  for (const auto kind : {Shortage::Once, Shortage::Lasting}) {
+  for (const auto kind : {Shortage::Lasting, Shortage::Once}) {
     for (const auto& c : kCases) {
       SCOPED_TRACE(testing::Message() << "id " << c.id);
       wchar_t* response = nullptr;

@@ -45,11 +45,15 @@ bool MemoryShortage::End() {
 extern "C" {
 void* __real_malloc(std::size_t size);
 void* __real_calloc(std::size_t count, std::size_t size);
+void* __real_realloc(void* block, std::size_t size);
 void* __wrap_malloc(std::size_t size) {
   return Vx::Tests::Fails() ? nullptr : __real_malloc(size);
 }
 void* __wrap_calloc(std::size_t count, std::size_t size) {
   return Vx::Tests::Fails() ? nullptr : __real_calloc(count, size);
+}
+void* __wrap_realloc(void* block, std::size_t size) {
+  return Vx::Tests::Fails() ? nullptr : __real_realloc(block, size);
 }
 }
 // NOLINTEND(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)

@@ -10,8 +10,8 @@ namespace Vx::Tests {
 enum class Shortage { Once, Lasting };
 
 // Makes the allocations of the calling thread fail after the first `succeeding` ones, while it
-// lives. The linker redirects every malloc and calloc of a program that links this library, and so
-// every operator new.
+// lives. The linker redirects every malloc, calloc and realloc of a program that links this
+// library, and so every operator new.
 class MemoryShortage {
  public:
   MemoryShortage(Shortage kind, std::size_t succeeding);
