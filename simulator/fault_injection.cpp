@@ -258,7 +258,7 @@ class FaultyKernelObjects final : public Decorator<Platform::KernelObjects> {
   Result<UniqueHandle> MakeMutex(const std::wstring& name) override {
     return Or("KernelObjects.MakeMutex", [&] { return inner.MakeMutex(name); });
   }
-  ErrorCode LockMutex(RawHandle mutex) override {
+  Result<Locked> LockMutex(RawHandle mutex) override {
     return Or("KernelObjects.LockMutex", [&] { return inner.LockMutex(mutex); });
   }
   // A refused unlock is one that has happened: a mutex that stays locked would stop the walk.

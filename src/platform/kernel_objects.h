@@ -11,14 +11,16 @@ namespace Vx::Platform {
 // Mutexes and events of the kernel. Bounded waits on events go through the clock.
 class KernelObjects {
  public:
+  // How a mutex was found.
+  enum class Locked { Free, Abandoned };  // its holder ended without unlocking it
+
   virtual ~KernelObjects() = default;
 
   // Creates or opens the named mutex, not owned, with default security.
   virtual Result<UniqueHandle> MakeMutex(const std::wstring& name) = 0;
 
-  // Waits for a mutex without limit. An abandoned mutex counts as acquired. Returns zero or the
-  // error.
-  virtual ErrorCode LockMutex(RawHandle mutex) = 0;
+  // Waits for a mutex without limit.
+  virtual Result<Locked> LockMutex(RawHandle mutex) = 0;
   virtual ErrorCode UnlockMutex(RawHandle mutex) = 0;
 
   // Creates a manual-reset event that is not signalled, or opens the existing event of that name.

@@ -23,6 +23,9 @@ constexpr std::uint32_t kCreateCode = 0;
 constexpr std::uint32_t kLockCode = 2;
 constexpr std::uint32_t kUnlockCode = 3;
 
+constexpr wchar_t kAbandoned[] =
+    L"SystemMutex::lock - the last holder of the mutex ended without releasing it";
+
 constinit Platform::TakenName nameTaken;
 
 Platform::KernelObjects& Kernel() {
@@ -46,10 +49,14 @@ SystemMutex::~SystemMutex() {
 }
 
 void SystemMutex::lock() {
-  if (handle == nullptr || Kernel().LockMutex(handle.get()) != 0) {
-    throw system_mutex_exception(kLockFailed, kLockCode);
-  }
+  using Locked = Platform::KernelObjects::Locked;
+  if (handle == nullptr) throw system_mutex_exception(kLockFailed, kLockCode);
+  const Platform::Result<Locked> locked = Kernel().LockMutex(handle.get());
+  if (!locked) throw system_mutex_exception(kLockFailed, kLockCode);
   released = false;
+  if (*locked == Locked::Abandoned) {
+    Logging::LogManager::SetProvider(Logging::kComponentProvider)->LogWarning(kAbandoned);
+  }
 }
 
 void SystemMutex::unlock() {

@@ -81,7 +81,7 @@ class TakenEventNames final : public Platform::KernelObjects {
   Platform::Result<Platform::UniqueHandle> MakeMutex(const std::wstring& name) override {
     return real.MakeMutex(name);
   }
-  Platform::ErrorCode LockMutex(Platform::RawHandle mutex) override {
+  Platform::Result<Locked> LockMutex(Platform::RawHandle mutex) override {
     return real.LockMutex(mutex);
   }
   Platform::ErrorCode UnlockMutex(Platform::RawHandle mutex) override {

@@ -71,8 +71,14 @@ TEST(SystemMutex, IsOwnedAfterItsHolderDied) {
     const Platform::UniqueHandle handle(CreateMutexW(nullptr, FALSE, Name(L"abandoned").c_str()));
     WaitForSingleObject(handle.get(), INFINITE);
   }).join();
+  const Tests::LogCapture log;
   mutex.lock();
   EXPECT_FALSE(IsFree(Name(L"abandoned")));
+  mutex.unlock();
+  mutex.lock();
+  EXPECT_THAT(log.Lines(), testing::ElementsAre(
+                               L"warning|SystemMutex::lock - the last holder of the mutex ended "
+                               L"without releasing it"));
   mutex.unlock();
 }
 

@@ -14,10 +14,11 @@ class RealKernelObjects final : public KernelObjects {
     return Adopt(CreateMutexW(nullptr, FALSE, NameOrNone(name)));
   }
 
-  ErrorCode LockMutex(RawHandle mutex) override {
+  Result<Locked> LockMutex(RawHandle mutex) override {
     const DWORD code = WaitForSingleObject(mutex, INFINITE);
-    if (code == WAIT_OBJECT_0 || code == WAIT_ABANDONED) return 0;
-    return GetLastError();
+    if (code == WAIT_OBJECT_0) return Locked::Free;
+    if (code == WAIT_ABANDONED) return Locked::Abandoned;
+    return Result<Locked>::Failure(GetLastError());
   }
 
   ErrorCode UnlockMutex(RawHandle mutex) override {
