@@ -204,6 +204,50 @@ class FaultyEnvironment final : public Decorator<Platform::Environment> {
   }
 };
 
+class FaultyFileHandle final : public Platform::FileHandle {
+  template <typename Call>
+  auto Or(const char* name, Call&& call) const {
+    using Answer = decltype(call());
+    return faults.Fails(name) ? Refusal<Answer>::Make() : call();
+  }
+
+ public:
+  FaultyFileHandle(std::unique_ptr<FileHandle> behind, FaultInjection& decider)
+      : inner(std::move(behind)), faults(decider) {}
+
+  Result<Platform::FileFacts> Facts() const override {
+    return Or("FileHandle.Facts", [&] { return inner->Facts(); });
+  }
+  Result<bool> BelongsToSystem() const override {
+    return Or("FileHandle.BelongsToSystem", [&] { return inner->BelongsToSystem(); });
+  }
+  Result<Bytes> Content(std::size_t maxBytes) const override {
+    return Or("FileHandle.Content", [&] { return inner->Content(maxBytes); });
+  }
+  // A refused write has written half, as on a full disk.
+  ErrorCode Write(std::span<const std::byte> content) override {
+    if (!faults.Fails("FileHandle.Write")) return inner->Write(content);
+    inner->Write(content.first(content.size() / 2));
+    return kDenied;
+  }
+  ErrorCode SetSize(std::uint64_t size) override {
+    return Or("FileHandle.SetSize", [&] { return inner->SetSize(size); });
+  }
+  ErrorCode Flush() override {
+    return Or("FileHandle.Flush", [&] { return inner->Flush(); });
+  }
+  ErrorCode MoveOver(const std::wstring& path) override {
+    return Or("FileHandle.MoveOver", [&] { return inner->MoveOver(path); });
+  }
+  ErrorCode Remove() override {
+    return Or("FileHandle.Remove", [&] { return inner->Remove(); });
+  }
+
+ private:
+  std::unique_ptr<FileHandle> inner;
+  FaultInjection& faults;
+};
+
 class FaultyFiles final : public Decorator<Platform::Files> {
  public:
   using Decorator::Decorator;
@@ -249,6 +293,23 @@ class FaultyFiles final : public Decorator<Platform::Files> {
   Result<std::vector<Platform::AccessEntry>> FolderAccess(
       const std::wstring& folder) const override {
     return Or("Files.FolderAccess", [&] { return inner.FolderAccess(folder); });
+  }
+  Opened Open(const std::wstring& path, Platform::FileUse use) override {
+    return Wrapped(Or("Files.Open", [&] { return inner.Open(path, use); }));
+  }
+  Opened Create(const std::wstring& path, const std::wstring& accessLike) override {
+    return Wrapped(Or("Files.Create", [&] { return inner.Create(path, accessLike); }));
+  }
+  std::vector<std::wstring> Siblings(const std::wstring& path) const override {
+    return Or("Files.Siblings", [&] { return inner.Siblings(path); });
+  }
+
+ private:
+  Opened Wrapped(Opened opened) {
+    if (!opened) return opened;
+    std::unique_ptr<Platform::FileHandle> file =
+        std::make_unique<FaultyFileHandle>(*std::move(opened), faults);
+    return file;
   }
 };
 

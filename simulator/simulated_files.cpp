@@ -122,4 +122,17 @@ Result<std::vector<Platform::AccessEntry>> SimulatedFiles::FolderAccess(
   return RealFiles().FolderAccess(folder);
 }
 
+Platform::Files::Opened SimulatedFiles::Open(const std::wstring& path, Platform::FileUse use) {
+  return RealFiles().Open(path, use);
+}
+
+Platform::Files::Opened SimulatedFiles::Create(const std::wstring& path,
+                                               const std::wstring& accessLike) {
+  return RealFiles().Create(path, accessLike);
+}
+
+std::vector<std::wstring> SimulatedFiles::Siblings(const std::wstring& path) const {
+  return RealFiles().Siblings(path);
+}
+
 }  // namespace Vx::Simulator

@@ -2,11 +2,13 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <span>
 #include <string>
 #include <vector>
 
+#include "platform/file_handle.h"
 #include "platform/result.h"
 #include "platform/unique_handle.h"
 
@@ -23,6 +25,8 @@ struct AccessEntry {
 // Files and folders by full path. Every error is a Win32 code; zero is success.
 class Files {
  public:
+  using Opened = Result<std::unique_ptr<FileHandle>>;
+
   virtual ~Files() = default;
 
   // The FILE_ATTRIBUTE_ bits of `path` itself (a link is not followed).
@@ -69,6 +73,17 @@ class Files {
 
   // The discretionary access list of a folder. Fails if it cannot be read or if there is none.
   virtual Result<std::vector<AccessEntry>> FolderAccess(const std::wstring& folder) const = 0;
+
+  // Opens the existing file `path` itself: a link is not followed.
+  virtual Opened Open(const std::wstring& path, FileUse use) = 0;
+
+  // Creates the file `path`, which must not exist, with the access list of the file `accessLike`,
+  // or without such a file with the one that its folder gives. Open for writing and as for
+  // FileUse::Remove.
+  virtual Opened Create(const std::wstring& path, const std::wstring& accessLike) = 0;
+
+  // Returns the files whose paths consist of `path`, a dot and more.
+  virtual std::vector<std::wstring> Siblings(const std::wstring& path) const = 0;
 };
 
 }  // namespace Vx::Platform

@@ -3,8 +3,10 @@
 #include <algorithm>
 #include <limits>
 #include <memory>
+#include <string>
 #include <string_view>
 #include <utility>
+#include <vector>
 
 #include <windows.h>
 
@@ -12,6 +14,7 @@
 #include <bcrypt.h>
 
 #include "platform/windows/capabilities.h"
+#include "platform/windows/file_handle.h"
 
 namespace Vx::Platform {
 
@@ -117,9 +120,9 @@ class RealFiles final : public Files {
   }
 
   ErrorCode Touch(const std::wstring& path) override {
-    const UniqueHandle file =
-        AdoptFile(CreateFileW(path.c_str(), FILE_APPEND_DATA, FILE_SHARE_READ | FILE_SHARE_WRITE,
-                              nullptr, OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
+    const UniqueHandle file = AdoptFile(
+        CreateFileW(path.c_str(), FILE_APPEND_DATA, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
+                    OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL | FILE_FLAG_OPEN_REPARSE_POINT, nullptr));
     return file != nullptr ? 0 : GetLastError();
   }
 
@@ -165,8 +168,8 @@ class RealFiles final : public Files {
   }
 
   ErrorCode MoveOver(const std::wstring& from, const std::wstring& to) override {
-    return MoveFileExW(from.c_str(), to.c_str(), MOVEFILE_REPLACE_EXISTING) != 0 ? 0
-                                                                                 : GetLastError();
+    constexpr DWORD kFlags = MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH;
+    return MoveFileExW(from.c_str(), to.c_str(), kFlags) != 0 ? 0 : GetLastError();
   }
 
   ErrorCode Remove(const std::wstring& path) override {
@@ -258,6 +261,29 @@ class RealFiles final : public Files {
       entries.push_back(std::move(entry));
     }
     return entries;
+  }
+
+  Opened Open(const std::wstring& path, FileUse use) override { return OpenFileHandle(path, use); }
+
+  Opened Create(const std::wstring& path, const std::wstring& accessLike) override {
+    return CreateFileHandle(path, accessLike);
+  }
+
+  std::vector<std::wstring> Siblings(const std::wstring& path) const override {
+    std::vector<std::wstring> siblings;
+    WIN32_FIND_DATAW found;
+    const HANDLE raw = FindFirstFileW((path + L".*").c_str(), &found);
+    if (raw == INVALID_HANDLE_VALUE) return siblings;
+    const UniqueSearch search(raw);
+    const std::size_t folderEnd = path.find_last_of(L"\\/") + 1;
+    const std::wstring folder = path.substr(0, folderEnd);
+    const std::wstring prefix = path.substr(folderEnd) + L".";
+    do {
+      // The pattern also matches `path` itself, and short names.
+      const std::wstring name = found.cFileName;
+      if (name.starts_with(prefix)) siblings.push_back(folder + name);
+    } while (FindNextFileW(search.get(), &found) != 0);
+    return siblings;
   }
 };
 

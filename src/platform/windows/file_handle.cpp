@@ -1,0 +1,203 @@
+#include "platform/windows/file_handle.h"
+
+#include <algorithm>
+#include <cstring>
+#include <limits>
+#include <utility>
+
+#include <windows.h>
+
+#include <aclapi.h>
+
+#include "platform/unique_handle.h"
+
+namespace Vx::Platform {
+
+namespace {
+
+using Opened = Result<std::unique_ptr<FileHandle>>;
+
+constexpr DWORD kReadStep = 1U << 30;
+
+// The user of this process, as Windows gives it; empty if it cannot be asked.
+std::vector<std::byte> ProcessUser() {
+  HANDLE raw = nullptr;
+  if (OpenProcessToken(GetCurrentProcess(), TOKEN_QUERY, &raw) == 0) return {};
+  const UniqueHandle token(raw);
+  DWORD size = 0;
+  GetTokenInformation(token.get(), TokenUser, nullptr, 0, &size);
+  std::vector<std::byte> user(size);
+  if (GetTokenInformation(token.get(), TokenUser, user.data(), size, &size) == 0) return {};
+  return user;
+}
+
+bool IsProcessUser(PSID sid) {
+  const std::vector<std::byte> user = ProcessUser();
+  if (user.size() < sizeof(TOKEN_USER)) return false;
+  TOKEN_USER information;
+  std::memcpy(&information, user.data(), sizeof information);
+  return EqualSid(sid, information.User.Sid) != 0;
+}
+
+class RealFileHandle final : public FileHandle {
+ public:
+  explicit RealFileHandle(UniqueHandle opened) : file(std::move(opened)) {}
+
+  Result<FileFacts> Facts() const override {
+    // Cheaper than GetFileInformationByHandle, which also asks for the volume.
+    FILE_STANDARD_INFO standard;
+    FILE_BASIC_INFO basic;
+    if (!Query(FileStandardInfo, standard) || !Query(FileBasicInfo, basic)) {
+      return Result<FileFacts>::Failure(GetLastError());
+    }
+    return FileFacts{
+        .size = static_cast<std::uint64_t>(standard.EndOfFile.QuadPart),
+        .attributes = basic.FileAttributes,
+        .names = standard.NumberOfLinks,
+        .created = static_cast<std::uint64_t>(basic.CreationTime.QuadPart),
+        .written = static_cast<std::uint64_t>(basic.LastWriteTime.QuadPart),
+    };
+  }
+
+  Result<bool> BelongsToSystem() const override {
+    PSID owner = nullptr;
+    PSECURITY_DESCRIPTOR descriptor = nullptr;
+    const DWORD error = GetSecurityInfo(file.get(), SE_FILE_OBJECT, OWNER_SECURITY_INFORMATION,
+                                        &owner, nullptr, nullptr, nullptr, &descriptor);
+    if (error != ERROR_SUCCESS) return Result<bool>::Failure(error);
+    const UniqueLocalMemory<void> memory(descriptor);
+    if (owner == nullptr) return false;
+    return IsWellKnownSid(owner, WinLocalSystemSid) != 0 ||
+           IsWellKnownSid(owner, WinBuiltinAdministratorsSid) != 0 || IsProcessUser(owner);
+  }
+
+  Result<std::vector<std::byte>> Content(std::size_t maxBytes) const override {
+    using Bytes = Result<std::vector<std::byte>>;
+    LARGE_INTEGER size;
+    if (GetFileSizeEx(file.get(), &size) == 0) return Bytes::Failure(GetLastError());
+    if (static_cast<std::uint64_t>(size.QuadPart) > maxBytes) {
+      return Bytes::Failure(ERROR_FILE_TOO_LARGE);
+    }
+    std::vector<std::byte> content(static_cast<std::size_t>(size.QuadPart));
+    std::size_t filled = 0;
+    while (filled < content.size()) {
+      const auto wanted =
+          static_cast<DWORD>(std::min<std::size_t>(content.size() - filled, kReadStep));
+      DWORD got = 0;
+      OVERLAPPED place = At(filled);
+      if (ReadFile(file.get(), content.data() + filled, wanted, &got, &place) == 0) {
+        if (GetLastError() != ERROR_HANDLE_EOF) return Bytes::Failure(GetLastError());
+      }
+      if (got == 0) break;  // another process has cut the file meanwhile
+      filled += got;
+    }
+    content.resize(filled);
+    return content;
+  }
+
+  ErrorCode Write(std::span<const std::byte> content) override {
+    if (content.size() > std::numeric_limits<DWORD>::max()) return ERROR_FILE_TOO_LARGE;
+    const auto size = static_cast<DWORD>(content.size());
+    DWORD written = 0;
+    OVERLAPPED place = At(0);
+    if (WriteFile(file.get(), content.data(), size, &written, &place) == 0) return GetLastError();
+    return written == size ? 0 : ERROR_WRITE_FAULT;
+  }
+
+  ErrorCode SetSize(std::uint64_t size) override {
+    FILE_END_OF_FILE_INFO end;
+    end.EndOfFile.QuadPart = static_cast<LONGLONG>(size);
+    return Set(FileEndOfFileInfo, &end, sizeof end);
+  }
+
+  ErrorCode Flush() override { return FlushFileBuffers(file.get()) != 0 ? 0 : GetLastError(); }
+
+  ErrorCode MoveOver(const std::wstring& path) override {
+    const std::size_t nameBytes = path.size() * sizeof(wchar_t);
+    // The structure has room for the terminator.
+    std::vector<std::byte> memory(sizeof(FILE_RENAME_INFO) + nameBytes);
+    auto* const rename = new (memory.data()) FILE_RENAME_INFO{};
+    rename->ReplaceIfExists = TRUE;
+    rename->FileNameLength = static_cast<DWORD>(nameBytes);
+    std::memcpy(rename->FileName, path.c_str(), nameBytes);
+    return Set(FileRenameInfo, rename, memory.size());
+  }
+
+  ErrorCode Remove() override {
+    FILE_DISPOSITION_INFO disposition{TRUE};
+    return Set(FileDispositionInfo, &disposition, sizeof disposition);
+  }
+
+ private:
+  // Where a read or a write begins, in a file that is opened for synchronous access.
+  static OVERLAPPED At(std::size_t offset) {
+    OVERLAPPED place{};
+    place.Offset = static_cast<DWORD>(offset);
+    place.OffsetHigh = static_cast<DWORD>(std::uint64_t{offset} >> 32U);
+    return place;
+  }
+
+  template <typename Information>
+  bool Query(FILE_INFO_BY_HANDLE_CLASS what, Information& information) const {
+    return GetFileInformationByHandleEx(file.get(), what, &information, sizeof information) != 0;
+  }
+
+  ErrorCode Set(FILE_INFO_BY_HANDLE_CLASS what, void* information, std::size_t size) {
+    return SetFileInformationByHandle(file.get(), what, information, static_cast<DWORD>(size)) != 0
+               ? 0
+               : GetLastError();
+  }
+
+  UniqueHandle file;
+};
+
+struct Opening {
+  DWORD access;
+  DWORD share;
+};
+
+Opening OpeningFor(FileUse use) {
+  constexpr DWORD kShareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
+  switch (use) {
+    case FileUse::Inspect:
+      return {READ_CONTROL | FILE_READ_ATTRIBUTES, kShareAll};
+    case FileUse::Read:
+      return {GENERIC_READ, kShareAll};
+    case FileUse::Change:
+      return {GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE};
+    case FileUse::Remove:
+      return {GENERIC_READ | DELETE, FILE_SHARE_READ};
+  }
+  return {};
+}
+
+Opened OpenWith(const std::wstring& path, Opening opening, SECURITY_ATTRIBUTES* security,
+                DWORD disposition) {
+  UniqueHandle file =
+      AdoptFile(CreateFileW(path.c_str(), opening.access, opening.share, security, disposition,
+                            FILE_ATTRIBUTE_NORMAL | FILE_FLAG_OPEN_REPARSE_POINT, nullptr));
+  if (file == nullptr) return Opened::Failure(GetLastError());
+  std::unique_ptr<FileHandle> opened = std::make_unique<RealFileHandle>(std::move(file));
+  return opened;
+}
+
+}  // namespace
+
+Opened OpenFileHandle(const std::wstring& path, FileUse use) {
+  return OpenWith(path, OpeningFor(use), nullptr, OPEN_EXISTING);
+}
+
+Opened CreateFileHandle(const std::wstring& path, const std::wstring& accessLike) {
+  PACL access = nullptr;
+  PSECURITY_DESCRIPTOR raw = nullptr;
+  const DWORD error =
+      GetNamedSecurityInfoW(accessLike.c_str(), SE_FILE_OBJECT, DACL_SECURITY_INFORMATION, nullptr,
+                            nullptr, &access, nullptr, &raw);
+  if (error != ERROR_SUCCESS && error != ERROR_FILE_NOT_FOUND) return Opened::Failure(error);
+  const UniqueLocalMemory<void> descriptor(raw);  // null: the folder decides
+  SECURITY_ATTRIBUTES security{sizeof security, descriptor.get(), FALSE};
+  return OpenWith(path, {GENERIC_READ | GENERIC_WRITE | DELETE, FILE_SHARE_READ}, &security,
+                  CREATE_NEW);
+}
+
+}  // namespace Vx::Platform
