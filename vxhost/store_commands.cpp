@@ -27,6 +27,7 @@ using Tessel::Server::Storage::BsonDocument;
 using Tessel::Server::Storage::BsonKind;
 using Tessel::Server::Storage::BsonView;
 using Tessel::Server::Storage::CapDataStore;
+using Tessel::Server::Storage::StoreState;
 
 // The writer of a document chooses its depth. Only the size of deeper documents is shown.
 constexpr int kShownLevels = 32;
@@ -95,14 +96,33 @@ class StoreWriter {
   Json::WidePool& pool;
 };
 
-CapDataStore::Content ReadStore() {
-  auto content = CapDataStore().readAll();
-  if (!content) {
-    throw std::runtime_error(
-        "the store cannot be read: damaged, of another machine, or a link is in its place; see\n"
-        "\"Trouble\" in docs/operations.md");
+// Why a store in this state cannot be shown. Null if it can.
+const char* Refusal(StoreState state) {
+  switch (state) {
+    case StoreState::Sound:
+      return nullptr;
+    case StoreState::Missing:
+      return "the store cannot be read: there is no file";
+    case StoreState::Damaged:
+      return "the store cannot be read: it is damaged";
+    case StoreState::OtherMachine:
+      return "the store cannot be read: it was sealed on another machine";
+    case StoreState::Linked:
+      return "the store cannot be read: it is a link or has a second name";
+    case StoreState::TooLarge:
+      return "the store cannot be read: it is too large";
+    case StoreState::NotOpened:
+      return "the store cannot be read: it could not be opened, perhaps only for the moment";
   }
-  return *std::move(content);
+  return nullptr;
+}
+
+CapDataStore::Content ReadStore() {
+  CapDataStore::Content content = CapDataStore().readAll();
+  if (const char* const refusal = Refusal(content.state)) {
+    throw std::runtime_error(std::string(refusal) + "; see\n\"Trouble\" in docs/operations.md");
+  }
+  return content;
 }
 
 struct ListForm : SubscriptionForm {

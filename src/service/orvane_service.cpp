@@ -46,8 +46,6 @@ constexpr std::size_t kMaxStoredLength = 8 * kMaxResponseLength;
 constexpr char kSleepState[] = "sleep_state";
 constexpr char kPolicyChangedKey[] = "orvane_service_policy_changed_event";
 
-constexpr wchar_t kPolicyNotStored[] =
-    L"OrvaneService - OnPolicyChangedEvent could not store the event";
 constexpr wchar_t kPolicyRuntimeError[] =
     L"OrvaneService - OnPolicyChangedEvent failed: Message: %s, Code: %i";
 constexpr wchar_t kPolicyFailed[] = L"OrvaneService - OnPolicyChangedEvent failed: %S";
@@ -235,7 +233,7 @@ bool OrvaneService::Launch10SSwitchSoftwares() {
 int OrvaneService::OnPolicyChangedEvent(const wchar_t* /*request*/, const wchar_t* /*clientId*/) {
   try {
     Storage::CapDataStore store;
-    if (!store.persist(kPolicyChangedKey, "yes")) state->logger->LogWarning(kPolicyNotStored);
+    store.persist(kPolicyChangedKey, "yes");
     FulfillZephraManagementEventRequests(static_cast<std::uint32_t>(ZephraEvent::PolicyChanged));
   } catch (const Platform::WindowsRuntimeError& error) {
     state->logger->LogWarning(kPolicyRuntimeError, error.message().c_str(), error.code());

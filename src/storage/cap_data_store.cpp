@@ -1,13 +1,9 @@
 #include "storage/cap_data_store.h"
 
-#include <algorithm>
-#include <cstring>
-#include <span>
 #include <stdexcept>
 #include <utility>
 
 #include "host/logging.h"
-#include "platform/data_protection.h"
 #include "platform/environment.h"
 #include "platform/files.h"
 #include "platform/machine.h"
@@ -33,6 +29,16 @@ constexpr wchar_t kPersistReadFailed[] = L"CapDataStore::persist - failed to rea
 constexpr wchar_t kReadFailed[] = L"CapDataStore::read - File read error";
 constexpr char kReadError[] = "CapDataStore::read - File read error";
 
+// Why the file could not be read.
+constexpr wchar_t kMissing[] = L"CapDataStore - the file is missing";
+constexpr wchar_t kDamaged[] = L"CapDataStore - the file is damaged, error 0x%x";
+constexpr wchar_t kOtherMachine[] =
+    L"CapDataStore - the file was sealed on another machine, error 0x%x";
+constexpr wchar_t kLinked[] = L"CapDataStore - the file is a link or has a second name";
+constexpr wchar_t kTooLarge[] = L"CapDataStore - the file is too large";
+constexpr wchar_t kNotOpened[] = L"CapDataStore - the file could not be opened, error 0x%x";
+constexpr wchar_t kCutShort[] = L"CapDataStore - the file is shorter than its header and not new";
+
 constexpr wchar_t kProgramDataRoot[] = L"%programdata%\\Vx\\";
 constexpr wchar_t kStoreDirectory[] = L"%programdata%\\Vx\\SharedServices\\";
 constexpr wchar_t kStoreName[] = L"shared";
@@ -42,17 +48,16 @@ constexpr wchar_t kMutexName[] = L"18CC6446-1DB5-4D23-8F2B-441BA13883D6";
 constexpr std::size_t kMaxPathUnits = 261;  // with the terminator
 constexpr Platform::ErrorCode kAlreadyExists = 183;
 constexpr std::uint32_t kReparsePoint = 0x400;  // among the attributes of a file
-constexpr std::size_t kIdUnits = 36;
-constexpr std::uint32_t kHeaderSize = kIdUnits * 2;
+constexpr std::uint32_t kHeaderSize = 72;
 constexpr std::uint32_t kInputBinary = 0x21;  // as the stream library numbers its modes
 constexpr std::uint32_t kOutputTruncateBinary = 0x32;
-static_assert(sizeof(wchar_t) == 2, "the header is UTF-16 in memory order");
-
-// A larger file is not ours; reading it would only exhaust memory.
-constexpr std::size_t kMaxFileSize = std::size_t{64} * 1024 * 1024;
 
 Platform::Files& Files() {
   return *Platform::CurrentMachine().files;
+}
+
+const Logging::TraceLogger& Log() {
+  return *LogManager::SetProvider(Logging::kComponentProvider);
 }
 
 }  // namespace
@@ -88,6 +93,7 @@ CapDataStore::CapDataStore()
       storeName(kStoreName),
       filePath((expandPathAndCreateDirectory(programDataRoot),
                 expandPathAndCreateDirectory(storeDirectory) + storeName + kFileEnding)),
+      file(filePath),
       mutex(kMutexName) {
   initializeFile();
 }
@@ -113,73 +119,62 @@ void CapDataStore::initializeFile() {
   if (isNTFSJunction(filePath)) throw std::runtime_error(kJunction);
   Files().Touch(filePath);
   // A file that cannot be read now is reported by the operation that needs it.
-  static_cast<void>(readFile());
+  readFile();
+  if (lastReading.state == StoreState::Linked) throw std::runtime_error(kJunction);
+  if (lastReading.cutShort) Log().LogWarning(kCutShort);
+  if (lastReading.state == StoreState::Sound && hasDocument) file.RemoveSiblings();
   hold.Release();
 }
 
 bool CapDataStore::readFile() {
-  current = false;
-  if (isNTFSJunction(filePath)) return false;
-  const Platform::Result<std::vector<std::byte>> content = Files().Read(filePath, kMaxFileSize);
-  return content && decode(*content);
-}
-
-bool CapDataStore::decode(const std::vector<std::byte>& content) {
-  if (content.size() < headerSize) return true;
-  storeId.resize(kIdUnits);
-  std::memcpy(storeId.data(), content.data(), headerSize);
-  if (content.size() == headerSize) return true;
-
-  Platform::Result<std::vector<std::byte>> plain =
-      Platform::CurrentMachine().dataProtection->Unprotect(std::span(content).subspan(headerSize));
-  if (!plain) return false;
-  std::optional<BsonDocument> decoded = BsonDocument::Decode(*std::move(plain));
-  if (!decoded) return false;
-  document = *std::move(decoded);
-  current = true;
-  return true;
+  if (isNTFSJunction(filePath)) {
+    lastReading = {.state = StoreState::Linked};
+    return false;
+  }
+  lastReading = file.Read();
+  if (!lastReading.id.empty()) storeId = lastReading.id;
+  hasDocument = lastReading.document.has_value();
+  if (hasDocument) document = *std::move(lastReading.document);
+  return lastReading.state == StoreState::Sound;
 }
 
 bool CapDataStore::writeFile() {
-  // A file beyond the limit would not be read again, and the next write would replace it.
-  if (isNTFSJunction(filePath) || document.Encoded().size() > kMaxFileSize) return false;
-  const Platform::Result<std::vector<std::byte>> blob =
-      Platform::CurrentMachine().dataProtection->Protect(document.Encoded(), filePath);
-  if (!blob || headerSize + blob->size() > kMaxFileSize) return false;
+  if (isNTFSJunction(filePath)) return false;
   if (storeId.empty()) {
     Platform::Result<std::wstring> id = Platform::NewUuid();
     if (!id) return false;
     storeId = *std::move(id);
-    storeId.resize(kIdUnits);
+    storeId.resize(headerSize / sizeof(wchar_t));
   }
-  // Header and blob leave in one call: a crash between two would leave an unreadable file.
-  std::vector<std::byte> content;
-  content.reserve(headerSize + blob->size());
-  const std::span<const std::byte> header = std::as_bytes(std::span(storeId));
-  content.insert(content.end(), header.begin(), header.end());
-  content.insert(content.end(), blob->begin(), blob->end());
-  return Files().Overwrite(filePath, content) == 0;
+  return file.Write(storeId, document, lastReading);
 }
 
 void CapDataStore::readForChange() {
-  if (!readFile()) {
-    LogManager::SetProvider(Logging::kComponentProvider)->LogWarning(kPersistReadFailed);
-  }
+  if (readFile()) return;
+  Log().LogWarning(kPersistReadFailed);
+  reportState();
 }
 
-bool CapDataStore::isStored(std::string_view key, const BsonElement& value) const {
-  if (!current) return false;
-  std::size_t equal = 0;
-  for (const BsonDocument::Member& member : document) {
-    if (member.key != key) continue;
-    if (!(member.value == value.View())) return false;
-    ++equal;
+void CapDataStore::reportState() const {
+  switch (lastReading.state) {
+    case StoreState::Sound:
+      return;
+    case StoreState::Missing:
+      return Log().LogWarning(kMissing);
+    case StoreState::Damaged:
+      return Log().LogWarning(kDamaged, lastReading.error);
+    case StoreState::OtherMachine:
+      return Log().LogWarning(kOtherMachine, lastReading.error);
+    case StoreState::Linked:
+      return Log().LogWarning(kLinked);
+    case StoreState::TooLarge:
+      return Log().LogWarning(kTooLarge);
+    case StoreState::NotOpened:
+      return Log().LogWarning(kNotOpened, lastReading.error);
   }
-  return equal == 1;
 }
 
 bool CapDataStore::store(std::string_view key, const BsonElement& value) {
-  if (isStored(key, value)) return true;
   if (!document.Set(key, value)) return false;
   if (writeFile()) return true;
   document.Erase(key);
@@ -212,7 +207,10 @@ bool CapDataStore::read(std::string_view key, BsonElement& out) {
   const std::optional<BsonView> found = readable ? document.Find(key) : std::nullopt;
   if (found) out = BsonElement(*found);
   hold.Release();
-  if (!readable) LogManager::SetProvider(Logging::kComponentProvider)->LogError(kReadFailed);
+  if (!readable) {
+    Log().LogError(kReadFailed);
+    reportState();
+  }
   return found.has_value();
 }
 
@@ -233,17 +231,24 @@ BsonDocument CapDataStore::readDocument(std::string_view key) {
 
 std::int32_t CapDataStore::requireInt32(std::string_view key) {
   Hold hold(mutex);
-  if (!readFile()) throw std::runtime_error(kReadError);
+  if (!readFile()) {
+    reportState();
+    throw std::runtime_error(kReadError);
+  }
   const std::optional<BsonView> found = document.Find(key);
   const std::int32_t value = found ? found->AsInt32().value_or(0) : 0;
   hold.Release();
   return value;
 }
 
-std::optional<CapDataStore::Content> CapDataStore::readAll() {
+CapDataStore::Content CapDataStore::readAll() {
   Hold hold(mutex);
-  std::optional<Content> content;
-  if (readFile()) content = Content{storeId, document};
+  Content content;
+  if (readFile()) {
+    content.storeId = storeId;
+    content.document = document;
+  }
+  content.state = lastReading.state;
   hold.Release();
   return content;
 }
@@ -253,20 +258,29 @@ bool CapDataStore::mergeMember(std::string_view documentName, std::string_view m
   return updateMember(documentName, member, [&](const BsonElement*) { return value; });
 }
 
+BsonDocument CapDataStore::embeddedForChange(std::string_view documentName) {
+  const std::optional<BsonView> found = document.Find(documentName);
+  if (!found) return {};
+  std::optional<BsonDocument> embedded = found->AsDocument();
+  if (!embedded && found->Kind() == BsonKind::Document && lastReading.state == StoreState::Sound) {
+    lastReading.state = StoreState::Damaged;  // the write keeps a copy
+    reportState();
+  }
+  return std::move(embedded).value_or(BsonDocument());
+}
+
 bool CapDataStore::updateMember(std::string_view documentName, std::string_view member,
                                 const Change& change) {
   Hold hold(mutex);
   readForChange();
-  BsonDocument embedded;
-  if (const std::optional<BsonView> found = document.Find(documentName)) {
-    embedded = found->AsDocument().value_or(BsonDocument());
-  }
+  BsonDocument embedded = embeddedForChange(documentName);
   std::optional<BsonElement> before;
   if (const std::optional<BsonView> found = embedded.Find(member)) before.emplace(*found);
 
   const std::optional<BsonElement> after = change(before ? &*before : nullptr);
-  const bool held =
-      !after || (embedded.Set(member, *after) && store(documentName, BsonElement(embedded)));
+  const bool held = after
+                        ? embedded.Set(member, *after) && store(documentName, BsonElement(embedded))
+                        : MayReplace(lastReading.state);
   hold.Release();
   return held;
 }

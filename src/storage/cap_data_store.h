@@ -1,25 +1,22 @@
 #pragma once
 
-#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
-#include <vector>
 
 #include "storage/bson_document.h"
+#include "storage/sealed_file.h"
 #include "storage/system_mutex.h"
 
 namespace Vx::Tessel::Server::Storage {
 
 // The machine-wide key-value store that several services share: one protected file, read before and
-// written after every change, each access under one named mutex. Cheap; made where it is needed,
-// for one thread.
-//
-// A write empties the file and fills it in one call; what a process that dies in between leaves is
-// an empty or cut file, which the next change replaces by what that store object has in memory.
+// written after every change, each access under one named mutex. Cheap, and made where it is
+// needed, for one thread. A process that dies in the middle of a change leaves the old content or
+// the new.
 class CapDataStore {
  public:
   // Receives the stored element, or null when there is none. Returns the new one, or nothing to
@@ -33,9 +30,9 @@ class CapDataStore {
   CapDataStore& operator=(const CapDataStore&) = delete;
   ~CapDataStore() = default;
 
-  // Writes one top-level value, keeping every other key; true when the file holds it. A file that
-  // holds it already is left as it is. A failed write takes the key out of memory again. Text is
-  // stored as UTF-8. Throws system_mutex_exception.
+  // Writes one top-level value and keeps every other key. Returns true once the disk holds it. A
+  // failed write removes the key from memory again. Text is stored as UTF-8. Throws
+  // system_mutex_exception.
   bool persist(std::string_view key, std::string_view value);
   bool persist(std::string_view key, const char* value);  // would otherwise pass for a bool
   bool persist(std::string_view key, bool value);
@@ -58,12 +55,13 @@ class CapDataStore {
   // std::runtime_error when the file cannot be read.
   std::int32_t requireInt32(std::string_view key);
 
-  // All of the file, for people to look at; nothing when it cannot be read.
+  // Returns the whole file, to be shown. Empty unless the state is Sound.
   struct Content {
+    StoreState state = StoreState::NotOpened;
     std::wstring storeId;  // empty before the first write
     BsonDocument document;
   };
-  std::optional<Content> readAll();
+  Content readAll();
 
   // Puts one member into the embedded document `documentName` without touching its other members,
   // read and written under one hold of the mutex. True when the file holds it. The way to change
@@ -89,8 +87,8 @@ class CapDataStore {
   bool readFile();
   bool writeFile();
   void readForChange();
-  bool decode(const std::vector<std::byte>& content);
-  bool isStored(std::string_view key, const BsonElement& value) const;
+  void reportState() const;  // why the last reading failed
+  BsonDocument embeddedForChange(std::string_view documentName);
   bool store(std::string_view key, const BsonElement& value);
 
   std::wstring programDataRoot;
@@ -101,9 +99,11 @@ class CapDataStore {
   std::wstring storeName;
   std::wstring filePath;
   std::wstring storeId;  // 36 UTF-16 units as in the header; empty before the first write
+  SealedFile file;
+  SealedFile::Reading lastReading;  // its document is moved to `document`
+  bool hasDocument = false;         // the file had a document at the last reading
   SystemMutex mutex;
   BsonDocument document;
-  bool current = false;  // `document` is what the file held at the last look
 };
 
 // A store; null where none can be made.

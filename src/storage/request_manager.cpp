@@ -18,9 +18,6 @@ constexpr wchar_t kNoStore[] =
     L"RequestManager() - Failed to get DataStore. Functionality will be lost. %S";
 constexpr wchar_t kPersistFailed[] =
     L"PersistRequest - failed to persist. This functionality won't work properly.";
-constexpr wchar_t kRemoveFailed[] = L"RemoveRequest - failed to remove. The request stays stored.";
-constexpr wchar_t kCompleteFailed[] =
-    L"CompleteRequest - failed to complete. The request stays stored.";
 constexpr RequestManager::FailureTexts kPersistThrew = {
     .runtime = L"PersistRequest - failed to persist: Exception %s, Hresult %i",
     .standard = L"PersistRequest - failed to persist: Exception %S",
@@ -142,18 +139,15 @@ void RequestManager::PersistRequest(std::wstring_view request) {
 }
 
 void RequestManager::RemoveRequest(std::wstring_view request) {
-  const std::optional<bool> held = ChangeOrRefuse(
-      kRemoveThrew, [&](const std::wstring& list) { return Storage::ListWithout(list, request); });
-  if (held == false) logger->LogWarning(kRemoveFailed);
+  ChangeOrRefuse(kRemoveThrew,
+                 [&](const std::wstring& list) { return Storage::ListWithout(list, request); });
 }
 
 bool RequestManager::CompleteRequest(std::wstring_view request) {
   const auto edit = [&](const std::wstring& list) {
     return Storage::ListWithoutCompleted(list, request);
   };
-  const std::optional<bool> held = ChangeAndLog(kCompleteThrew, edit);
-  if (held == false) logger->LogWarning(kCompleteFailed);
-  return held.value_or(false) && store != nullptr;
+  return ChangeAndLog(kCompleteThrew, edit).value_or(false) && store != nullptr;
 }
 
 void RequestManager::RegisterExistingRequests(const Handler& handler,

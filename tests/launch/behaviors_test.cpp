@@ -150,9 +150,10 @@ class RegistrationDataTest : public BehaviorTest {
 TEST_F(RegistrationDataTest, CopiesTheMachinesDataOverTheUsersWithTheUsersRightsAlone) {
   Tests::FaultyFiles files;
   int accesses = 0;
-  files.onContent = [&] {
+  files.onStep = [&](const char*) {
     ++accesses;
     EXPECT_TRUE(machine.users.Acting());
+    return 0U;
   };
   const Platform::MachineScope inserted(
       [&](Platform::Machine& platform) { platform.files = &files; });
@@ -164,7 +165,7 @@ TEST_F(RegistrationDataTest, CopiesTheMachinesDataOverTheUsersWithTheUsersRights
   Write(Source(), "second");
   EXPECT_TRUE(RefreshRegistrationData(logger));
   EXPECT_EQ(Read(Destination()), "second");
-  EXPECT_EQ(accesses, 6);
+  EXPECT_EQ(accesses, 8);
   EXPECT_FALSE(machine.users.Acting());
 
   // The first path, the second path and the right to copy are refused in turn.
@@ -175,7 +176,7 @@ TEST_F(RegistrationDataTest, CopiesTheMachinesDataOverTheUsersWithTheUsersRights
     machine.faults.FailNamed(call, succeeding);
     EXPECT_FALSE(CopyRegistrationData(L"client", logger));
   }
-  EXPECT_EQ(accesses, 6);
+  EXPECT_EQ(accesses, 8);
 }
 
 TEST_F(RegistrationDataTest, NamesTheSideThatFailed) {
@@ -261,7 +262,7 @@ TEST_F(TextFileTest, ADestinationThatCannotBeWrittenKeepsItsContentAndNoPartIsLe
     Tests::FaultyFiles files;
     const Platform::MachineScope scope(
         [&](Platform::Machine& platform) { platform.files = &files; });
-    files.writesStopHalfway = true;
+    files.onStep = [](const std::string& step) { return step == "Half" ? Tests::kFault : 0U; };
     EXPECT_FALSE(Copy(L"source", L"target"));
   }
   EXPECT_EQ(Read(folder / L"read only"), "old");

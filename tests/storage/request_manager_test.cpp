@@ -150,17 +150,16 @@ TEST_F(RequestManagerTest, ActsOnTheListAsItIsStoredNotAsItWasRead) {
 
 TEST_F(RequestManagerTest, LogsAStoreThatDoesNotTakeTheList) {
   Plant(std::wstring(L"[") + kFirst + L"]");
-  faults.FailNamed("Files.Overwrite");
+  faults.FailNamed("Files.Create");
   EXPECT_EQ(Persist(kSecond), 0);
   Manager().RemoveRequest(kFirst);
   EXPECT_FALSE(Manager().CompleteRequest(kFirst));
   faults.Clear();
-  EXPECT_THAT(log.Lines(), ElementsAre(L"error|PersistRequest - failed to persist. This "
+  const std::wstring cause = L"warning|CapDataStore - the file was not written, error 0x5";
+  EXPECT_THAT(log.Lines(), ElementsAre(cause,
+                                       L"error|PersistRequest - failed to persist. This "
                                        L"functionality won't work properly.",
-                                       L"warning|RemoveRequest - failed to remove. The request "
-                                       L"stays stored.",
-                                       L"warning|CompleteRequest - failed to complete. The request "
-                                       L"stays stored."));
+                                       cause, cause));
   EXPECT_EQ(Stored(), std::wstring(L"[") + kFirst + L"]");
 }
 

@@ -16,6 +16,7 @@ namespace Vx::Tests {
 
 using Bytes = std::vector<std::byte>;
 
+inline constexpr wchar_t kStoreMutex[] = L"18CC6446-1DB5-4D23-8F2B-441BA13883D6";
 inline constexpr std::size_t kHeaderSize = 72;
 inline const std::wstring kSomeId = L"01234567-89ab-cdef-0123-456789abcdef";
 
@@ -43,6 +44,14 @@ inline std::optional<Bytes> PlainOf(const Bytes& file) {
       Platform::WindowsMachine().dataProtection->Unprotect(std::span(file).subspan(kHeaderSize));
   if (!plain) return std::nullopt;
   return *std::move(plain);
+}
+
+// What a file of this content holds. Nothing if it cannot be read.
+inline std::optional<Tessel::Server::Storage::BsonDocument> HeldBy(const Bytes& file) {
+  using Tessel::Server::Storage::BsonDocument;
+  if (file.size() <= kHeaderSize) return BsonDocument();
+  const std::optional<Bytes> plain = PlainOf(file);
+  return plain ? BsonDocument::Decode(*plain) : std::nullopt;
 }
 
 inline std::wstring IdOf(const Bytes& file) {

@@ -14,6 +14,8 @@
 // Notes that the writers of a storm keep in shared memory, for the test to read after killing them.
 namespace Vx::Tests {
 
+inline constexpr unsigned kKilled = 9;  // exit code of a worker that was killed
+
 inline constexpr char kStormDocument[] = "storm";
 inline constexpr std::size_t kWritersOfAProcess = 2;
 inline constexpr std::size_t kMostProcesses = 32;
@@ -24,8 +26,7 @@ struct StormWriter {
 };
 
 struct StormProcess {
-  std::atomic<bool> writing{false};  // inside the call that empties and fills the file
-  std::atomic<int> refused{0};       // writes that the store refused
+  std::atomic<int> refused{0};  // writes that the store refused
   std::array<StormWriter, kWritersOfAProcess> writers;
 };
 

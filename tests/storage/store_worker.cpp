@@ -1,17 +1,21 @@
 // Another process that uses the shared store.
 //
 //   store_worker NOTES PROCESS  increments members until the notes end the storm
+//   store_worker KEY VALUE STEP  stores the value under the key, and ends itself before that step
+//                                of the write, counted from 1
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
-#include <span>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include <windows.h>
+
+#include "platform/machine.h"
 #include "platform/windows_runtime_error.h"
 #include "storage/cap_data_store.h"
 #include "storage/store_faults.h"
@@ -21,23 +25,6 @@ namespace {
 
 using Vx::Tessel::Server::Storage::BsonElement;
 using Vx::Tessel::Server::Storage::CapDataStore;
-
-// Notes when a kill would cut the file.
-class NotedFiles final : public Vx::Tests::FaultyFiles {
- public:
-  explicit NotedFiles(std::atomic<bool>& flag) : writing(flag) {}
-  Vx::Platform::ErrorCode Overwrite(const std::wstring& path,
-                                    std::span<const std::byte> content) override {
-    writing = true;
-    const Vx::Platform::ErrorCode error = FaultyFiles::Overwrite(path, content);
-    writing = false;
-    writes.clear();
-    return error;
-  }
-
- private:
-  std::atomic<bool>& writing;
-};
 
 // An exception of the store ends the process, which the test notices.
 void CountUp(const Vx::Tests::SharedNotes& notes, std::size_t self, std::size_t writer) {
@@ -58,9 +45,6 @@ void CountUp(const Vx::Tests::SharedNotes& notes, std::size_t self, std::size_t 
 
 void Storm(const std::wstring& name, std::size_t self) {
   const Vx::Tests::SharedNotes notes(name);
-  NotedFiles files(notes->processes.at(self).writing);
-  const Vx::Platform::MachineScope scope(
-      [&](Vx::Platform::Machine& machine) { machine.files = &files; });
   std::vector<std::thread> writers;
   writers.reserve(Vx::Tests::kWritersOfAProcess);
   for (std::size_t i = 0; i < Vx::Tests::kWritersOfAProcess; ++i) {
@@ -69,13 +53,34 @@ void Storm(const std::wstring& name, std::size_t self) {
   for (std::thread& writer : writers) writer.join();
 }
 
+bool WriteUpTo(const std::string& key, std::int32_t value, int lastStep) {
+  Vx::Tests::FaultyFiles files;
+  int steps = 0;
+  const Vx::Platform::MachineScope scope(
+      [&](Vx::Platform::Machine& machine) { machine.files = &files; });
+  CapDataStore store;
+  files.onStep = [&](const char*) {
+    if (++steps == lastStep) TerminateProcess(GetCurrentProcess(), Vx::Tests::kKilled);
+    return 0U;
+  };
+  return store.persist(key, BsonElement::Int32(value));
+}
+
+int Run(const std::vector<std::wstring>& arguments) {
+  if (arguments.size() == 2) {
+    Storm(arguments[0], std::stoul(arguments[1]));
+    return 0;
+  }
+  if (arguments.size() != 3) return 1;
+  const std::string key(arguments[0].begin(), arguments[0].end());
+  return WriteUpTo(key, std::stoi(arguments[1]), std::stoi(arguments[2])) ? 0 : 3;
+}
+
 }  // namespace
 
 int wmain(int count, wchar_t** arguments) {
   try {
-    if (count != 3) return 1;
-    Storm(arguments[1], static_cast<std::size_t>(_wtoi(arguments[2])));
-    return 0;
+    return Run({arguments + 1, arguments + count});
   } catch (const std::exception& error) {
     static_cast<void>(std::fprintf(stderr, "%s\n", error.what()));
   } catch (const Vx::Platform::WindowsRuntimeError& error) {

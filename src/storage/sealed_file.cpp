@@ -1,0 +1,438 @@
+#include "storage/sealed_file.h"
+
+#include <algorithm>
+#include <array>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <string_view>
+
+#include "host/logging.h"
+#include "platform/clock.h"
+#include "platform/data_protection.h"
+#include "platform/file_handle.h"
+#include "platform/files.h"
+#include "platform/machine.h"
+#include "platform/system_services.h"
+
+namespace Vx::Tessel::Server::Storage {
+
+namespace {
+
+using Platform::ErrorCode;
+using Platform::FileFacts;
+using Platform::FileHandle;
+using Platform::FileUse;
+using Platform::Result;
+using Opened = Platform::Files::Opened;
+using Bytes = std::vector<std::byte>;
+
+constexpr wchar_t kAdopted[] = L"CapDataStore - completed an interrupted write from %s";
+constexpr wchar_t kCopied[] = L"CapDataStore - kept a copy of the damaged file as %s";
+constexpr wchar_t kNotCopied[] =
+    L"CapDataStore - the damaged file is not replaced: it cannot be copied, error 0x%x";
+constexpr wchar_t kNotReplaced[] =
+    L"CapDataStore - the file that could not be read is not replaced";
+constexpr wchar_t kNotWritten[] = L"CapDataStore - the file was not written, error 0x%x";
+constexpr wchar_t kTorn[] =
+    L"CapDataStore - the file is torn, error 0x%x. The next access completes it from %s";
+
+constexpr std::size_t kIdUnits = 36;
+constexpr std::size_t kHeaderSize = kIdUnits * 2;
+static_assert(sizeof(wchar_t) == 2, "the header is UTF-16 in memory order");
+
+// A larger file would only exhaust memory.
+constexpr std::size_t kMaxFileSize = std::size_t{64} * 1024 * 1024;
+
+constexpr std::wstring_view kSiblingEnding = L".new";
+constexpr wchar_t kDamagedMark[] = L".damaged-";
+constexpr std::size_t kMostCopies = 3;
+
+constexpr std::uint32_t kDirectory = 0x10;      // among the attributes of a file
+constexpr std::uint32_t kReparsePoint = 0x400;  // likewise
+
+constexpr ErrorCode kFileNotFound = 2;
+constexpr ErrorCode kPathNotFound = 3;
+constexpr ErrorCode kAccessDenied = 5;
+constexpr ErrorCode kSharingViolation = 32;
+constexpr ErrorCode kFileExists = 80;
+constexpr ErrorCode kFileTooLarge = 223;
+
+// What Windows reports for a moment: files that another process keeps, no memory, no handles, and
+// the service of data protection while it starts or is overloaded.
+constexpr std::array<ErrorCode, 11> kPassing = {
+    4,   // ERROR_TOO_MANY_OPEN_FILES
+    8,   // ERROR_NOT_ENOUGH_MEMORY
+    14,  // ERROR_OUTOFMEMORY
+    kSharingViolation,
+    33,    // ERROR_LOCK_VIOLATION
+    303,   // ERROR_DELETE_PENDING
+    1450,  // ERROR_NO_SYSTEM_RESOURCES
+    1455,  // ERROR_COMMITMENT_LIMIT
+    1722,  // RPC_S_SERVER_UNAVAILABLE
+    1723,  // RPC_S_SERVER_TOO_BUSY
+    1726,  // RPC_S_CALL_FAILED
+};
+
+// What Windows reports for a blob that is not valid: it, or the algorithms and flags that it names.
+// Every other error of unsealing may pass.
+constexpr std::array<ErrorCode, 10> kInvalidBlob = {
+    13,          // ERROR_INVALID_DATA
+    87,          // ERROR_INVALID_PARAMETER: the blob is the only parameter that varies
+    0x80090002,  // NTE_BAD_HASH
+    0x80090004,  // NTE_BAD_LEN
+    0x80090005,  // NTE_BAD_DATA
+    0x80090006,  // NTE_BAD_SIGNATURE
+    0x80090007,  // NTE_BAD_VER
+    0x80090008,  // NTE_BAD_ALGID
+    0x80090009,  // NTE_BAD_FLAGS
+    0x8009000A,  // NTE_BAD_TYPE
+};
+
+// What Windows reports for a blob whose key this machine does not have.
+constexpr std::array<ErrorCode, 3> kForeignKey = {
+    0x80090003,  // NTE_BAD_KEY
+    0x8009000B,  // NTE_BAD_KEY_STATE
+    0x8009000D,  // NTE_NO_KEY
+};
+
+template <std::size_t Count>
+bool IsOneOf(ErrorCode error, const std::array<ErrorCode, Count>& errors) {
+  return std::ranges::find(errors, error) != errors.end();
+}
+
+Platform::Files& Files() {
+  return *Platform::CurrentMachine().files;
+}
+
+const Logging::TraceLogger& Log() {
+  return *Logging::LogManager::SetProvider(Logging::kComponentProvider);
+}
+
+bool IsDamaged(StoreState state) {
+  return state == StoreState::Damaged || state == StoreState::OtherMachine;
+}
+
+// Whether the file is an ordinary one that has no other name.
+bool IsPlain(const FileFacts& facts) {
+  return facts.names == 1 && (facts.attributes & (kDirectory | kReparsePoint)) == 0;
+}
+
+// A file beside the store that this store may adopt or delete.
+struct OwnFile {
+  std::wstring path;
+  FileFacts facts;
+  std::unique_ptr<FileHandle> file;
+};
+
+// Opens a file if it is an ordinary one that belongs to the system. `own` stays empty if it is not
+// or no longer exists. Returns the error if Windows does not say.
+ErrorCode OpenOwn(const std::wstring& path, std::optional<OwnFile>& own) {
+  // A file of another account may be held open: its owner is read first.
+  for (const FileUse use : {FileUse::Inspect, FileUse::Remove}) {
+    Opened opened = Files().Open(path, use);
+    if (!opened) return opened.Error() == kFileNotFound ? 0 : opened.Error();
+    const Result<FileFacts> facts = (*opened)->Facts();
+    if (!facts) return facts.Error();
+    const Result<bool> ours = (*opened)->BelongsToSystem();
+    if (!ours) return ours.Error();
+    if (!IsPlain(*facts) || !*ours) return 0;
+    if (use == FileUse::Remove) own = OwnFile{path, *facts, *std::move(opened)};
+  }
+  return 0;
+}
+
+struct OwnFiles {
+  std::vector<OwnFile> files;
+  ErrorCode error = 0;  // of a file that may be one of them
+};
+
+// Opens the own files beside `path` whose names have this mark.
+template <typename HasMark>
+OwnFiles OpenOwnFiles(const std::wstring& path, const HasMark& hasMark) {
+  OwnFiles found;
+  for (const std::wstring& name : Files().Siblings(path)) {
+    if (!hasMark(name)) continue;
+    std::optional<OwnFile> own;
+    if (const ErrorCode error = OpenOwn(name, own); error != 0) found.error = error;
+    if (own) found.files.push_back(*std::move(own));
+  }
+  return found;
+}
+
+OwnFiles OpenSiblings(const std::wstring& path) {
+  return OpenOwnFiles(path,
+                      [](const std::wstring& name) { return name.ends_with(kSiblingEnding); });
+}
+
+// Opens the copies of damaged files, the oldest first.
+std::vector<OwnFile> OpenCopies(const std::wstring& path) {
+  const std::wstring front = path + kDamagedMark;
+  std::vector<OwnFile> copies =
+      OpenOwnFiles(path, [&](const std::wstring& name) { return name.starts_with(front); }).files;
+  std::ranges::sort(copies, {}, &OwnFile::path);
+  return copies;
+}
+
+struct InPlaceResult {
+  ErrorCode error = 0;
+  bool torn = false;  // neither the new content nor the old one could be written
+};
+
+// Writes over an open file whose content is `old`, and puts that back if it fails.
+class InPlaceWrite {
+ public:
+  explicit InPlaceWrite(FileHandle& opened) : file(opened) {}
+
+  InPlaceResult Run(std::span<const std::byte> old, std::span<const std::byte> content) {
+    // Extends the file before it overwrites anything, because the disk may be full.
+    ErrorCode error = file.SetSize(std::max(old.size(), content.size()));
+    if (error == 0) error = Rewrite(content);
+    return {error, error != 0 && Rewrite(old) != 0};
+  }
+
+ private:
+  ErrorCode Rewrite(std::span<const std::byte> content) {
+    ErrorCode error = file.Write(content);
+    if (error == 0) error = file.Flush();
+    if (error == 0) error = file.SetSize(content.size());
+    return error == 0 ? file.Flush() : error;
+  }
+
+  FileHandle& file;
+};
+
+InPlaceResult WriteInPlace(const std::wstring& path, std::span<const std::byte> content) {
+  const Opened opened = Files().Open(path, FileUse::Change);
+  if (!opened) return {opened.Error()};
+  const Result<FileFacts> facts = (*opened)->Facts();
+  if (!facts) return {facts.Error()};
+  if (!IsPlain(*facts)) return {kAccessDenied};
+  const Result<Bytes> old = (*opened)->Content(kMaxFileSize);
+  if (!old) return {old.Error()};
+  return InPlaceWrite(**opened).Run(*old, content);
+}
+
+// Whether Windows refuses to rename over a file that another process has open.
+bool IsHeldByAnother(ErrorCode error) {
+  return error == kAccessDenied || error == kSharingViolation;
+}
+
+Bytes Joined(const std::wstring& id, const Bytes& blob) {
+  Bytes content;
+  content.reserve(kHeaderSize + blob.size());
+  const std::span<const std::byte> header = std::as_bytes(std::span(id));
+  content.insert(content.end(), header.begin(), header.end());
+  content.insert(content.end(), blob.begin(), blob.end());
+  return content;
+}
+
+// Writes and flushes a file that was just created. Deletes it if that fails.
+ErrorCode Fill(FileHandle& file, std::span<const std::byte> content) {
+  ErrorCode error = file.Write(content);
+  if (error == 0) error = file.Flush();
+  if (error != 0) file.Remove();
+  return error;
+}
+
+// Returns a time as "20240715-101500-042", UTC.
+std::wstring DateText(std::chrono::milliseconds since1601) {
+  using namespace std::chrono;  // NOLINT(google-build-using-namespace)
+  const auto time = sys_days(year(1601) / January / 1) + since1601;
+  const auto day = floor<days>(time);
+  const year_month_day date(day);
+  const hh_mm_ss clock(time - day);
+  wchar_t text[32];
+  const auto number = [](auto value) { return static_cast<unsigned>(value); };
+  std::swprintf(text, std::size(text), L"%04d%02u%02u-%02u%02u%02u-%03u",
+                static_cast<int>(date.year()), number(unsigned{date.month()}),
+                number(unsigned{date.day()}), number(clock.hours().count()),
+                number(clock.minutes().count()), number(clock.seconds().count()),
+                number(clock.subseconds().count()));
+  return text;
+}
+
+// Writes a copy of a damaged file beside it.
+ErrorCode MakeCopy(const std::wstring& path, std::span<const std::byte> content) {
+  constexpr std::uint64_t kUnitsPerMillisecond = 10'000;  // of 100 ns
+  constexpr int kMostNames = 100;
+  const std::uint64_t now = Platform::CurrentMachine().clock->UtcFileTime();
+  std::chrono::milliseconds date(now / kUnitsPerMillisecond);
+  ErrorCode error = kFileExists;
+  for (int i = 0; i < kMostNames && error == kFileExists; ++i, ++date) {
+    const std::wstring copy = path + kDamagedMark + DateText(date);
+    const Opened made = Files().Create(copy, path);
+    error = made ? Fill(**made, content) : made.Error();
+    if (error == 0) Log().LogWarning(kCopied, copy.c_str());
+  }
+  return error;
+}
+
+}  // namespace
+
+bool MayReplace(StoreState state) {
+  return state == StoreState::Sound || state == StoreState::Missing || IsDamaged(state);
+}
+
+template <typename Attempt>
+auto SealedFile::Patiently(const Attempt& attempt) {
+  constexpr std::chrono::milliseconds kPause{25};
+  for (;;) {
+    auto result = attempt();
+    if (result || patience < kPause || !IsOneOf(result.Error(), kPassing)) return result;
+    patience -= kPause;
+    Platform::CurrentMachine().clock->Sleep(kPause);
+  }
+}
+
+SealedFile::Reading SealedFile::Read() {
+  Reading reading = ReadOnce();
+  const bool sound = reading.state == StoreState::Sound;
+  const bool empty = (sound && !reading.document) || reading.state == StoreState::Missing;
+  if (!empty && !IsDamaged(reading.state)) return reading;
+  return Adopt(std::move(reading));
+}
+
+SealedFile::Reading SealedFile::ReadOnce() {
+  const Opened opened = Patiently([this] { return Files().Open(path, FileUse::Read); });
+  if (!opened) {
+    const bool missing = opened.Error() == kFileNotFound || opened.Error() == kPathNotFound;
+    return {.state = missing ? StoreState::Missing : StoreState::NotOpened,
+            .error = opened.Error()};
+  }
+  const Result<FileFacts> facts = (*opened)->Facts();
+  if (!facts) return {.state = StoreState::NotOpened, .error = facts.Error()};
+  if (!IsPlain(*facts)) return {.state = StoreState::Linked};
+  Result<Bytes> content = Patiently([&] { return (*opened)->Content(kMaxFileSize); });
+  if (!content) {
+    const bool large = content.Error() == kFileTooLarge;
+    return {.state = large ? StoreState::TooLarge : StoreState::NotOpened,
+            .error = content.Error()};
+  }
+  Reading reading = Unseal(*std::move(content));
+  reading.cutShort = reading.state == StoreState::Sound && reading.id.empty() &&
+                     (facts->size > 0 || facts->written > facts->created);
+  return reading;
+}
+
+SealedFile::Reading SealedFile::Unseal(Bytes content) {
+  Reading reading{.state = StoreState::Sound, .content = std::move(content)};
+  if (reading.content.size() < kHeaderSize) return reading;
+  reading.id.resize(kIdUnits);
+  std::memcpy(reading.id.data(), reading.content.data(), kHeaderSize);
+  if (reading.content.size() == kHeaderSize) return reading;
+
+  const auto blob = std::span(reading.content).subspan(kHeaderSize);
+  const Result<Bytes> plain =
+      Patiently([&] { return Platform::CurrentMachine().dataProtection->Unprotect(blob); });
+  if (plain) {
+    reading.document = BsonDocument::Decode(*plain);
+    if (!reading.document) reading.state = StoreState::Damaged;
+  } else {
+    reading.error = plain.Error();
+    reading.state = IsOneOf(plain.Error(), kInvalidBlob)  ? StoreState::Damaged
+                    : IsOneOf(plain.Error(), kForeignKey) ? StoreState::OtherMachine
+                                                          : StoreState::NotOpened;
+  }
+  return reading;
+}
+
+SealedFile::Reading SealedFile::Adopt(Reading reading) {
+  const auto notOpened = [](ErrorCode error) {
+    return Reading{.state = StoreState::NotOpened, .error = error};
+  };
+  OwnFiles siblings = OpenSiblings(path);
+  // An interrupted write may have left what cannot be read for the moment.
+  if (siblings.error != 0) return notOpened(siblings.error);
+  OwnFile* newest = nullptr;
+  Bytes content;
+  for (OwnFile& sibling : siblings.files) {
+    if (newest != nullptr && newest->facts.written > sibling.facts.written) continue;
+    Result<Bytes> found = sibling.file->Content(kMaxFileSize);
+    if (!found) return notOpened(found.Error());
+    const Reading unsealed = Unseal(*found);
+    if (unsealed.state == StoreState::NotOpened) return unsealed;
+    if (!unsealed.document) continue;
+    newest = &sibling;
+    content = *std::move(found);
+  }
+  if (newest == nullptr) return reading;
+  if (IsDamaged(reading.state) && !KeepCopy(reading.content)) return notOpened(reading.error);
+
+  ErrorCode error = newest->file->MoveOver(path);
+  if (error == 0) {
+    newest->file->Flush();
+  } else if (IsHeldByAnother(error)) {
+    error = WriteInPlace(path, content).error;
+    if (error == 0) newest->file->Remove();
+  }
+  if (error != 0) return notOpened(error);
+  Log().LogWarning(kAdopted, newest->path.c_str());
+  siblings.files.clear();  // closes the adopted file
+  return ReadOnce();
+}
+
+void SealedFile::RemoveSiblings() {
+  for (const OwnFile& sibling : OpenSiblings(path).files) sibling.file->Remove();
+}
+
+bool SealedFile::Write(const std::wstring& id, const BsonDocument& document,
+                       const Reading& before) {
+  if (!MayReplace(before.state)) {
+    Log().LogWarning(kNotReplaced);
+    return false;
+  }
+  if (IsDamaged(before.state) && !KeepCopy(before.content)) return false;
+  const ErrorCode error = SealAndReplace(id, document);
+  if (error != 0) Log().LogWarning(kNotWritten, error);
+  return error == 0;
+}
+
+ErrorCode SealedFile::SealAndReplace(const std::wstring& id, const BsonDocument& document) {
+  // A file beyond the limit could not be read again.
+  if (document.Encoded().size() > kMaxFileSize) return kFileTooLarge;
+  const Result<Bytes> blob =
+      Platform::CurrentMachine().dataProtection->Protect(document.Encoded(), path);
+  if (!blob) return blob.Error();
+  if (kHeaderSize + blob->size() > kMaxFileSize) return kFileTooLarge;
+  return Replace(Joined(id, *blob));
+}
+
+bool SealedFile::KeepCopy(std::span<const std::byte> content) const {
+  std::vector<OwnFile> copies = OpenCopies(path);
+  // The last write may have failed after its copy was made.
+  if (!copies.empty()) {
+    const Result<Bytes> last = copies.back().file->Content(kMaxFileSize);
+    if (last && std::ranges::equal(*last, content)) return true;
+  }
+  if (const ErrorCode error = MakeCopy(path, content); error != 0) {
+    Log().LogWarning(kNotCopied, error);
+    return false;
+  }
+  for (std::size_t i = 0; i + kMostCopies - 1 < copies.size(); ++i) copies[i].file->Remove();
+  return true;
+}
+
+ErrorCode SealedFile::Replace(std::span<const std::byte> content) {
+  const Result<std::wstring> name = Platform::NewUuid();
+  if (!name) return name.Error();
+  const std::wstring sibling = (path + L".").append(*name).append(kSiblingEnding);
+  {
+    const Opened made = Files().Create(sibling, path);
+    if (!made) return made.Error();
+    if (const ErrorCode error = Fill(**made, content); error != 0) return error;
+  }
+  InPlaceResult result{Files().MoveOver(sibling, path)};
+  if (result.error == 0) return 0;
+  if (IsHeldByAnother(result.error)) result = WriteInPlace(path, content);
+  if (result.torn) {
+    Log().LogWarning(kTorn, result.error, sibling.c_str());
+    return result.error;
+  }
+  std::optional<OwnFile> leftover;
+  OpenOwn(sibling, leftover);
+  if (leftover) leftover->file->Remove();
+  return result.error;
+}
+
+}  // namespace Vx::Tessel::Server::Storage

@@ -1,0 +1,424 @@
+// What the store's file holds after writes that fail or are killed, and after reads of files that
+// are damaged, held by another process or not the store's own.
+#include <algorithm>
+#include <cstdint>
+#include <functional>
+#include <iterator>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <windows.h>
+
+#include "platform/unique_handle.h"
+#include "storage/cap_data_store.h"
+#include "storage/store_fixture.h"
+#include "storage/store_storm.h"
+#include "storage/store_worker_process.h"
+
+namespace Vx::Tessel::Server::Storage {
+
+namespace {
+
+using testing::Contains;
+using testing::Each;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::Not;
+using Tests::Bytes;
+
+constexpr std::int32_t kOld = 1;
+constexpr std::int32_t kNew = 2;
+constexpr DWORD kShareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
+
+class SealedFileTest : public Tests::StoreTest {
+ protected:
+  SealedFileTest() { Plant(kOld); }
+
+  static Bytes FileWith(std::int32_t value) {
+    BsonDocument document;
+    document.Set("sleep_state", BsonElement::Int32(4711));
+    document.Set("key", BsonElement::Int32(value));
+    if (value == kOld) document.Set("long", BsonElement::Text(std::string(3000, 'x')));
+    return Tests::StoreFile(document.Encoded());
+  }
+
+  void Plant(std::int32_t value) {
+    const CapDataStore maker;  // makes the folders
+    Tests::WriteBytes(Path(), FileWith(value));
+  }
+
+  std::wstring Sibling(const wchar_t* name) const { return Path() + L"." + name + L".new"; }
+
+  // The value under "key" in the file. Nothing if the file does not hold the other value too.
+  std::optional<std::int32_t> Value() const {
+    const std::optional<BsonDocument> document = Held();
+    if (!document) return std::nullopt;
+    const auto others = document->Find("sleep_state");
+    const auto key = document->Find("key");
+    if (!others || others->AsInt32() != 4711 || !key) return std::nullopt;
+    return key->AsInt32();
+  }
+
+  // Another process that keeps the file open.
+  Platform::UniqueHandle Hold(DWORD share) const {
+    return Platform::AdoptFile(
+        CreateFileW(Path().c_str(), GENERIC_READ, share, nullptr, OPEN_EXISTING, 0, nullptr));
+  }
+
+  static bool Write() { return CapDataStore().persist("key", BsonElement::Int32(kNew)); }
+};
+
+// Whether another process keeps the file open so that it cannot be renamed over.
+class SealedFileHeldOrNot : public SealedFileTest, public testing::WithParamInterface<bool> {
+ protected:
+  Platform::UniqueHandle HoldIfAsked() const {
+    if (!GetParam()) return nullptr;
+    Platform::UniqueHandle holder = Hold(FILE_SHARE_READ | FILE_SHARE_WRITE);
+    EXPECT_NE(holder, nullptr);
+    return holder;
+  }
+};
+INSTANTIATE_TEST_SUITE_P(Files, SealedFileHeldOrNot, testing::Bool(),
+                         [](const auto& held) { return held.param ? "Held" : "NotHeld"; });
+
+TEST_P(SealedFileHeldOrNot, AWriteThatFailsAtAnyStepLeavesTheOldContent) {
+  std::size_t refused = 0;
+  for (std::size_t call = 0; !HasFailure(); ++call) {
+    Plant(kOld);
+    bool written = false;
+    std::vector<std::string> calls;
+    {
+      CapDataStore store;
+      const Platform::UniqueHandle holder = HoldIfAsked();
+      faults.FailCall(call);
+      try {
+        written = store.persist("key", BsonElement::Int32(kNew));
+      } catch (const system_mutex_exception&) {
+        written = Value() == kNew;  // says nothing about the file
+      }
+      calls = faults.Calls();
+      faults.Clear();
+    }
+    if (call >= calls.size()) {
+      EXPECT_TRUE(written);
+      break;
+    }
+    SCOPED_TRACE(calls[call]);
+    EXPECT_EQ(Value(), written ? kNew : kOld);
+    if (!written) ++refused;
+    EXPECT_TRUE(Write());
+    EXPECT_EQ(Value(), kNew);
+    EXPECT_THAT(Siblings(), IsEmpty());
+  }
+  EXPECT_GT(refused, GetParam() ? 10U : 8U);
+}
+
+TEST_P(SealedFileHeldOrNot, AWriterKilledBeforeAnyStepLeavesTheOldContentOrTheNew) {
+  // Keeps the mutex, and with it what the killed writer leaves.
+  const Platform::UniqueHandle mutex(CreateMutexW(nullptr, FALSE, Tests::kStoreMutex));
+  int torn = 0;
+  int step = 1;
+  for (bool survived = false; !survived && !HasFailure(); ++step) {
+    SCOPED_TRACE(step);
+    Plant(kOld);
+    {
+      const Platform::UniqueHandle holder = HoldIfAsked();
+      Tests::StoreWorker worker(L"key 2 " + std::to_wstring(step));
+      const DWORD code = worker.ExitCode();
+      survived = code == 0;
+      EXPECT_TRUE(survived || code == Tests::kKilled) << code;
+    }
+    const bool whole = Held().has_value();
+    if (!whole) ++torn;
+    EXPECT_TRUE(whole || GetParam()) << "only a file that is written in place may be torn";
+    log.Clear();
+    CapDataStore store;
+    EXPECT_EQ(log.Lines().empty(), whole && survived) << "a killed writer abandons the mutex";
+    const auto value = Value();
+    EXPECT_TRUE(value == kNew || (value == kOld && whole && !survived));
+    // A torn file was damaged, so a copy of it is kept.
+    EXPECT_THAT(Siblings(), Each(HasSubstr(L".damaged-")));
+  }
+  EXPECT_GT(step, 7);
+  EXPECT_EQ(torn > 0, GetParam());
+}
+
+TEST_F(SealedFileTest, AWriteFlushesASiblingAndThenRenamesIt) {
+  std::vector<std::string> steps;
+  CapDataStore store;
+  disk.onStep = [&](const std::string& step) {
+    steps.push_back(step);
+    if (step == "MoveOver") {
+      EXPECT_EQ(Value(), kOld);
+      EXPECT_EQ(Siblings().size(), 1U);
+    }
+    return 0U;
+  };
+  EXPECT_TRUE(store.persist("key", BsonElement::Int32(kNew)));
+  EXPECT_THAT(steps,
+              ElementsAre("Open", "Content", "Create", "Write", "Half", "Flush", "MoveOver"));
+  EXPECT_EQ(disk.writes, std::vector<Bytes>{Tests::ReadBytes(Path())});
+}
+
+TEST_F(SealedFileTest, AFullDiskLeavesTheOldContent) {
+  disk.onStep = [](const std::string& step) { return step == "Half" ? Tests::kFault : 0U; };
+  EXPECT_FALSE(Write());
+  EXPECT_EQ(Value(), kOld);
+  EXPECT_THAT(Siblings(), IsEmpty());
+}
+
+TEST_F(SealedFileTest, AFileThatAnotherProcessKeepsToItselfIsNotReplaced) {
+  const struct {
+    DWORD share;
+    const wchar_t* line;
+  } kCases[] = {
+      {FILE_SHARE_WRITE | FILE_SHARE_DELETE, L"the file could not be opened, error 0x20"},
+      {FILE_SHARE_READ, L"the file was not written, error 0x20"},
+  };
+  for (const auto& c : kCases) {
+    const Platform::UniqueHandle holder = Hold(c.share);
+    ASSERT_NE(holder, nullptr);
+    EXPECT_FALSE(Write());
+    EXPECT_THAT(log.Lines(), Contains(HasSubstr(c.line)));
+  }
+  EXPECT_EQ(Value(), kOld);
+  EXPECT_THAT(Siblings(), IsEmpty());
+}
+
+TEST_F(SealedFileTest, AFailureThatPassesIsTriedAgainForAQuarterOfASecond) {
+  static const struct {
+    const char* name;
+    Platform::ErrorCode error;
+    int failures;
+    bool read;
+  } kCases[] = {
+      {"file in use", 32, 10, true},
+      {"file in use for longer", 32, 11, false},
+      {"no memory", 8, 1, true},
+      {"data protection not there", 1722, 10, true},
+      {"data protection away", 1722, 11, false},
+      {"another error", 1117, 1, false},
+  };
+  for (const auto& c : kCases) {
+    SCOPED_TRACE(c.name);
+    CapDataStore store;
+    int left = c.failures;
+    if (c.error == 1722) {
+      protection.Fail(c.error, c.failures);
+    } else {
+      disk.onStep = [&](const std::string& step) {
+        return step == "Open" && left-- > 0 ? c.error : 0U;
+      };
+    }
+    const auto begin = clock.Elapsed();
+    BsonElement element;
+    EXPECT_EQ(store.read("key", element), c.read);
+    EXPECT_LE(clock.Elapsed() - begin, std::chrono::milliseconds(250));
+    disk.onStep = [](const std::string&) { return 0U; };
+    protection.Fail(0);
+  }
+}
+
+TEST_F(SealedFileTest, OnlyWhatIsProvedDamagedIsReplacedAndACopyIsKept) {
+  static const struct {
+    const char* name;
+    Platform::ErrorCode error;
+    const wchar_t* line;
+    bool replaced;
+  } kCases[] = {
+      {"invalid blob", 13, L"the file is damaged, error 0xd", true},
+      {"altered blob", 0x80090005, L"the file is damaged, error 0x80090005", true},
+      {"key of another machine", 0x8009000B,
+       L"the file was sealed on another machine, error 0x8009000b", true},
+      {"no memory for good", 8, L"the file could not be opened, error 0x8", false},
+      {"data protection off", 1062, L"the file could not be opened, error 0x426", false},
+      {"an error of some later Windows", 0x80090999,
+       L"the file could not be opened, error 0x80090999", false},
+  };
+  for (const auto& c : kCases) {
+    SCOPED_TRACE(c.name);
+    Plant(kOld);
+    const Bytes before = Tests::ReadBytes(Path());
+    protection.Fail(c.error);
+    log.Clear();
+    EXPECT_EQ(Write(), c.replaced);
+    EXPECT_THAT(log.Lines(), Contains(HasSubstr(c.line)).Times(1));
+    protection.Fail(0);
+    if (c.replaced) {
+      ASSERT_EQ(Siblings().size(), 1U);
+      EXPECT_THAT(Siblings().front(), HasSubstr(L"shared_store.dat.damaged-"));
+      EXPECT_EQ(Tests::ReadBytes(Siblings().front()), before);
+      ASSERT_TRUE(::DeleteFileW(Siblings().front().c_str()));
+    } else {
+      EXPECT_EQ(Tests::ReadBytes(Path()), before);
+      EXPECT_THAT(log.Lines(), Contains(HasSubstr(L"is not replaced")));
+    }
+    EXPECT_THAT(Siblings(), IsEmpty());
+  }
+}
+
+TEST_F(SealedFileTest, KeepsTheLastThreeDifferentCopiesAndNothingWithoutOne) {
+  Bytes damaged(100, std::byte{0});
+  for (int i = 1; i <= 5; ++i) {
+    clock.Advance(std::chrono::milliseconds(1));
+    damaged[0] = static_cast<std::byte>(i);
+    Tests::WriteBytes(Path(), damaged);
+    disk.onStep = [](const std::string& step) { return step == "MoveOver" ? Tests::kFault : 0U; };
+    EXPECT_FALSE(Write()) << "the copy is made, and the write fails";
+    disk.onStep = [](const std::string&) { return 0U; };
+    EXPECT_TRUE(Write());
+  }
+  std::vector<std::wstring> copies = Siblings();
+  std::sort(copies.begin(), copies.end());
+  ASSERT_EQ(copies.size(), 3U);
+  for (std::size_t i = 0; i < copies.size(); ++i) {
+    EXPECT_EQ(Tests::ReadBytes(copies[i]).front(), static_cast<std::byte>(i + 3));
+  }
+  Tests::WriteBytes(Path(), Bytes(100, std::byte{9}));
+  disk.onStep = [](const std::string& step) { return step == "Create" ? Tests::kFault : 0U; };
+  EXPECT_FALSE(Write());
+  EXPECT_EQ(Tests::ReadBytes(Path()), Bytes(100, std::byte{9}));
+}
+
+TEST_F(SealedFileTest, AFileThatHasASecondNameOrIsTooLargeIsNotReplaced) {
+  CapDataStore store;
+  const std::wstring second = Path() + L".second";
+  ASSERT_TRUE(CreateHardLinkW(second.c_str(), Path().c_str(), nullptr));
+  EXPECT_FALSE(store.persist("key", BsonElement::Int32(kNew)));
+  EXPECT_THAT(log.Lines(), Contains(HasSubstr(L"is a link or has a second name")));
+  EXPECT_THROW(CapDataStore(), std::runtime_error);
+  ASSERT_TRUE(::DeleteFileW(second.c_str()));
+  EXPECT_EQ(Value(), kOld);
+
+  Bytes large = Tests::ReadBytes(Path());
+  large.resize((std::size_t{64} << 20) + 1);
+  Tests::WriteBytes(Path(), large);
+  EXPECT_FALSE(Write());
+  EXPECT_THAT(log.Lines(), Contains(HasSubstr(L"the file is too large")));
+  EXPECT_EQ(Tests::ReadBytes(Path()).size(), large.size());
+}
+
+// An interrupted write in place: the file is as given, and the sibling holds the new value.
+TEST_F(SealedFileTest, AStoreWithoutContentGivesWayToTheSiblingOfAnInterruptedWrite) {
+  const std::function<void()> kStores[] = {
+      [&] { ::DeleteFileW(Path().c_str()); },
+      [&] { Tests::WriteBytes(Path(), {}); },
+      [&] { Tests::WriteBytes(Path(), Bytes(500, std::byte{1})); },
+  };
+  for (std::size_t i = 0; i < std::size(kStores); ++i) {
+    for (const bool held : {false, true}) {
+      SCOPED_TRACE(testing::Message() << "store " << i << (held ? ", held" : ""));
+      kStores[i]();
+      Tests::WriteBytes(Sibling(L"a"), FileWith(kNew));
+      log.Clear();
+      const Platform::UniqueHandle holder =
+          held ? Hold(FILE_SHARE_READ | FILE_SHARE_WRITE) : nullptr;
+      const CapDataStore store;
+      EXPECT_EQ(Value(), kNew);
+      EXPECT_THAT(log.Lines(), Contains(HasSubstr(L"completed an interrupted write from")));
+      EXPECT_THAT(Siblings(), Not(Contains(Sibling(L"a"))));
+      EXPECT_EQ(Siblings().size(), i == 2 ? 1U : 0U) << "the copy of what was damaged";
+    }
+  }
+}
+
+TEST_F(SealedFileTest, ASiblingIsAdoptedOnlyIfItDecodesAndIsTheSystemsOwn) {
+  const std::wstring sibling = Sibling(L"a");
+  const Bytes good = FileWith(kNew);
+  const struct {
+    const char* name;
+    std::function<void()> make;
+  } kCases[] = {
+      {"half written",
+       [&] { Tests::WriteBytes(sibling, Bytes(good.begin(), good.begin() + 200)); }},
+      {"second name of another file",
+       [&] {
+         const std::wstring other = Path() + L".other";
+         Tests::WriteBytes(other, good);
+         EXPECT_TRUE(CreateHardLinkW(sibling.c_str(), other.c_str(), nullptr));
+       }},
+      {"link",
+       [&] {
+         Tests::WriteBytes(sibling, good);
+         disk.onFacts = [&good](Platform::FileFacts& facts) {
+           if (facts.size == good.size()) facts.attributes |= Tests::kReparsePoint;
+         };
+       }},
+      {"of another account",
+       [&] {
+         Tests::WriteBytes(sibling, good);
+         disk.foreignOwner = true;
+       }},
+  };
+  for (const auto& c : kCases) {
+    SCOPED_TRACE(c.name);
+    Tests::WriteBytes(Path(), {});
+    c.make();
+    { const CapDataStore store; }
+    EXPECT_TRUE(Tests::ReadBytes(Path()).empty());
+    disk.foreignOwner = false;
+    disk.onFacts = [](Platform::FileFacts&) {};
+    for (const std::wstring& left : Siblings()) ::DeleteFileW(left.c_str());
+  }
+}
+
+TEST_F(SealedFileTest, AStoreThatDecodesWinsAndItsOwnSiblingsGo) {
+  Tests::WriteBytes(Sibling(L"a"), FileWith(kNew));
+  Tests::WriteBytes(Path() + L".someone's.txt", {});
+  { const CapDataStore store; }
+  EXPECT_EQ(Value(), kOld);
+  EXPECT_THAT(Siblings(), ElementsAre(Path() + L".someone's.txt"));
+
+  Tests::WriteBytes(Sibling(L"b"), FileWith(kNew));
+  disk.foreignOwner = true;
+  { const CapDataStore store; }
+  EXPECT_THAT(Siblings(), Contains(Sibling(L"b")));
+}
+
+TEST_F(SealedFileTest, ASiblingThatCannotBeReadNowIsNotGivenUp) {
+  Tests::WriteBytes(Path(), {});
+  Tests::WriteBytes(Sibling(L"a"), FileWith(kNew));
+  {
+    const Platform::UniqueHandle holder = Platform::AdoptFile(CreateFileW(
+        Sibling(L"a").c_str(), GENERIC_READ, FILE_SHARE_WRITE, nullptr, OPEN_EXISTING, 0, nullptr));
+    ASSERT_NE(holder, nullptr);
+    EXPECT_FALSE(Write());
+    disk.foreignOwner = true;
+    EXPECT_TRUE(CapDataStore().persist("other", true)) << "no account may hold the store up so";
+    disk.foreignOwner = false;
+    Tests::WriteBytes(Path(), {});
+  }
+  EXPECT_TRUE(Write());
+  EXPECT_EQ(Value(), kNew);
+  EXPECT_EQ(Held()->Size(), 2U);
+}
+
+TEST_F(SealedFileTest, AFileThatWasCutShortIsReported) {
+  const auto lines = [&](std::uint64_t written) {
+    disk.onFacts = [written](Platform::FileFacts& facts) {
+      facts.created = 5;
+      facts.written = written;
+    };
+    log.Clear();
+    const CapDataStore store;
+    return log.Lines();
+  };
+  const std::wstring warning =
+      L"warning|CapDataStore - the file is shorter than its header and not new";
+  Tests::WriteBytes(Path(), {});
+  EXPECT_THAT(lines(5), IsEmpty());
+  EXPECT_THAT(lines(6), ElementsAre(warning));
+  Tests::WriteBytes(Path(), Bytes(71, std::byte{1}));
+  EXPECT_THAT(lines(5), ElementsAre(warning));
+  Tests::WriteBytes(Path(), Bytes(72, std::byte{1}));
+  EXPECT_THAT(lines(6), IsEmpty());
+}
+
+}  // namespace
+
+}  // namespace Vx::Tessel::Server::Storage

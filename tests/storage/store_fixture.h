@@ -1,0 +1,74 @@
+#pragma once
+
+#include <cstddef>
+#include <optional>
+#include <span>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "platform/data_protection.h"
+#include "platform/machine.h"
+#include "simulator/fault_injection.h"
+#include "simulator/virtual_clock.h"
+#include "storage/cap_data_store.h"
+#include "storage/store_faults.h"
+#include "storage/store_file.h"
+#include "support/log_capture.h"
+#include "support/temp_folder.h"
+
+namespace Vx::Tests {
+
+// Real data protection that fails with a chosen error.
+class FaultyProtection final : public Platform::DataProtection {
+ public:
+  // Unsealing fails with this error, `count` times or for good.
+  void Fail(Platform::ErrorCode error, int count = -1) {
+    unprotecting = error;
+    left = count;
+  }
+
+  Platform::Result<Bytes> Protect(std::span<const std::byte> plain,
+                                  const std::wstring& description) const override {
+    return real.Protect(plain, description);
+  }
+  Platform::Result<Bytes> Unprotect(std::span<const std::byte> sealed) const override {
+    if (unprotecting == 0 || left == 0) return real.Unprotect(sealed);
+    if (left > 0) --left;
+    return Platform::Result<Bytes>::Failure(unprotecting);
+  }
+
+ private:
+  Platform::ErrorCode unprotecting = 0;
+  mutable int left = -1;
+  Platform::DataProtection& real = *Platform::WindowsMachine().dataProtection;
+};
+
+// A store of this test alone, on real files with faults and on a clock that takes no time.
+class StoreTest : public testing::Test {
+ protected:
+  std::wstring Path() const { return home.FilePath(); }
+
+  // What the file holds by rules that are not the store's own code. Nothing if it cannot be read.
+  std::optional<Tessel::Server::Storage::BsonDocument> Held() const {
+    return HeldBy(ReadBytes(Path()));
+  }
+
+  std::vector<std::wstring> Siblings() const { return disk.Siblings(Path()); }
+
+  PrivateStore home;
+  LogCapture log;
+  FaultyFiles disk;
+  FaultyProtection protection;
+  Simulator::VirtualClock clock;
+  Simulator::FaultInjection faults;
+  Platform::MachineScope scope{[this](Platform::Machine& machine) {
+    machine.files = &disk;
+    machine.dataProtection = &protection;
+    machine.clock = &clock;
+    faults.Install(machine);
+  }};
+};
+
+}  // namespace Vx::Tests
