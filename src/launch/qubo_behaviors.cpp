@@ -3,12 +3,19 @@
 #include <exception>
 #include <utility>
 
+#include "json/utf8.h"
 #include "launch/companion_apps.h"
 #include "launch/launcher.h"
 #include "packages/uwp_package_data_access.h"
 #include "storage/cap_data_store.h"
 
 namespace Vx::Tessel::Server::Services::Orvane::Qubo {
+
+namespace {
+
+constexpr std::size_t kLongestKey = 256;  // UTF-16 units
+
+}  // namespace
 
 constinit const wchar_t* const QuboUwpLaunchBehavior::package_family_name = kQubo.packageFamilyName;
 constinit const wchar_t* const QuboUwpLaunchBehavior::alias = kQubo.alias;
@@ -38,13 +45,11 @@ QuboLaunchCriteriaDataAccess::QuboLaunchCriteriaDataAccess(std::string storeKey)
     : key(std::move(storeKey)) {}
 
 bool QuboLaunchCriteriaDataAccess::SaveSkipState(bool skip) const {
-  if (key.empty()) return false;  // the request named no criterion
+  // The client names the key. An empty one names no criterion, and long ones would fill the store.
+  if (key.empty() || Json::ToWide(key).size() > kLongestKey) return false;
   try {
-    Storage::CapDataStore store;
     // A document under a client's key is another writer's data, perhaps all of this service's own.
-    Storage::BsonElement stored;
-    if (store.read(key, stored) && stored.AsDocument()) return false;
-    return store.persist(key, skip);
+    return Storage::CapDataStore().persistUnlessDocument(key, skip);
   } catch (const std::exception&) {
     return false;
   }

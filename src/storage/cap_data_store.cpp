@@ -201,6 +201,17 @@ bool CapDataStore::persist(std::string_view key, const BsonElement& value) {
   return stored;
 }
 
+bool CapDataStore::persistUnlessDocument(std::string_view key, bool value) {
+  Hold hold(mutex);
+  readForChange();
+  const std::optional<BsonView> found = document.Find(key);
+  const bool isDocument = found && found->Kind() == BsonKind::Document;
+  const bool stored = lastReading.state == StoreState::Sound && !isDocument &&
+                      store(key, BsonElement::Boolean(value));
+  hold.Release();
+  return stored;
+}
+
 bool CapDataStore::read(std::string_view key, BsonElement& out) {
   Hold hold(mutex);
   const bool readable = readFile();

@@ -116,6 +116,12 @@ TEST_F(QuboFacadeTest, AnAppThatCannotBeReachedGetsNoMessage) {
                   unreachable, L"info|Attempt to launch Vx Lumo's AppService (OOBE) was 0"));
 }
 
+TEST_F(QuboFacadeTest, MarksNoKeyOfMoreThan256Characters) {
+  const std::string longest = std::string(255, 'k') + "\xC3\xA9";
+  EXPECT_TRUE(QuboFacade().SkipAutoLaunchCriteria(longest));
+  EXPECT_FALSE(QuboFacade().SkipAutoLaunchCriteria(longest + "k"));
+}
+
 TEST_F(QuboFacadeTest, WithoutAStoreNothingIsMarkedAndNothingCanBe) {
   EXPECT_TRUE(QuboFacade().SkipAutoLaunchCriteria("a key"));
   store.Block();

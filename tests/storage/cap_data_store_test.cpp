@@ -375,6 +375,19 @@ TEST_F(DamagedStoreTest, AFolderInItsPlaceIsNeitherReadNorWritten) {
   EXPECT_NE(GetFileAttributesW(Path().c_str()) & FILE_ATTRIBUTE_DIRECTORY, 0U);
 }
 
+TEST_F(CapDataStoreTest, AMarkReplacesNeitherADocumentNorWhatCannotBeRead) {
+  CapDataStore store;
+  EXPECT_TRUE(store.persistUnlessDocument("key", true));
+  ASSERT_TRUE(store.mergeMember("document", "member", BsonElement::Int32(1)));
+  EXPECT_FALSE(store.persistUnlessDocument("document", true));
+  EXPECT_EQ(store.readDocument("document"), WithInt("member", 1));
+
+  const Bytes damaged(100, std::byte{1});
+  Tests::WriteBytes(Path(), damaged);
+  EXPECT_FALSE(CapDataStore().persistUnlessDocument("document", true));
+  EXPECT_EQ(Tests::ReadBytes(Path()), damaged);
+}
+
 TEST_F(CapDataStoreTest, AsksForNoMoreOfAFileThanItsBound) {
   EXPECT_EQ(Read(CapDataStore(), "key"), std::nullopt);
   EXPECT_EQ(disk.largestRead, std::size_t{64} * 1024 * 1024);

@@ -67,6 +67,23 @@ TEST_F(StoreSharingTest, SubscribersAndFlagWritersDoNotUndoOneAnother) {
   EXPECT_EQ(CapDataStore().readDocument(kServiceDocument).Find("Flag")->AsBoolean(), true);
 }
 
+TEST_F(StoreSharingTest, AMarkNeverReplacesADocumentThatIsStoredMeanwhile) {
+  constexpr int kRounds = 30;
+  for (int round = 0; round < kRounds; ++round) {
+    Tests::WriteBytes(home.FilePath(), {});
+    std::atomic<int> kept{0};
+    Together(2, [&](int i) {
+      if (i == 0) {
+        CapDataStore().persistUnlessDocument(kServiceDocument, true);
+      } else {
+        kept = CapDataStore().mergeMember(kServiceDocument, "Flag", BsonElement::Int32(1)) ? 1 : 0;
+      }
+    });
+    ASSERT_EQ(kept, 1);
+    EXPECT_EQ(CapDataStore().readDocument(kServiceDocument).Size(), 1U);
+  }
+}
+
 // Processes whose threads all write one store. The test kills and replaces one after the other.
 class StoreStormTest : public testing::Test {
  protected:
