@@ -187,11 +187,12 @@ class SimulatedTheatre final : public Theatre {
       console.Line(" * " + Utf8(Simulator::Format(entry)));
     });
   }
-  // Tasks that outlive the service end before their machine does, without being shown.
+  // The service and the tasks that outlive it end before their machine does. What they log is not
+  // shown, because it would come before or after the end of the output.
   ~SimulatedTheatre() override {
-    session.reset();
     machine.timeline.SetListener({});
     log.reset();
+    session.reset();
     machine.Drain();
   }
 
