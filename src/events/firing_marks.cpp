@@ -34,6 +34,11 @@ bool FiringMark::RunOnce(const std::function<void()>& run) {
   return true;
 }
 
+void FiringMark::Retire() noexcept {
+  State armed = State::Armed;
+  state.compare_exchange_strong(armed, State::Retired);
+}
+
 std::shared_ptr<FiringMark> FiringMarks::Of(const std::wstring& stored) {
   Marks& all = All();
   const std::lock_guard guard(all.mutex);
@@ -43,14 +48,15 @@ std::shared_ptr<FiringMark> FiringMarks::Of(const std::wstring& stored) {
 }
 
 std::shared_ptr<FiringMark> FiringMarks::Renew(const std::wstring& stored) {
-  auto mark = std::make_shared<FiringMark>();
   Marks& all = All();
   const std::lock_guard guard(all.mutex);
-  all.byText[stored] = mark;
+  auto& mark = all.byText[stored];
+  if (mark == nullptr || mark->HasRun()) mark = std::make_shared<FiringMark>();
   return mark;
 }
 
 void FiringMarks::Forget(const std::wstring& stored, const std::shared_ptr<FiringMark>& mark) {
+  mark->Retire();
   Marks& all = All();
   const std::lock_guard guard(all.mutex);
   const auto found = all.byText.find(stored);

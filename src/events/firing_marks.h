@@ -19,8 +19,11 @@ class FiringMark {
   bool HasRun() const noexcept { return state == State::HasRun; }
   bool MayRun() const noexcept { return state == State::Armed; }
 
+  // Keeps a command that has not begun from running: its request is gone.
+  void Retire() noexcept;
+
  private:
-  enum class State : std::uint8_t { Armed, Running, HasRun };
+  enum class State : std::uint8_t { Armed, Running, HasRun, Retired };
 
   std::atomic<State> state{State::Armed};
 };
@@ -34,11 +37,12 @@ class FiringMarks {
   // Returns the mark of a request that was stored before.
   static std::shared_ptr<FiringMark> Of(const std::wstring& stored);
 
-  // Returns a new mark for a request that was stored just now. A mark of the same text belongs to a
-  // request that is gone.
+  // Returns the mark for a request that was stored just now: a new one, unless a replay that has
+  // read the list since made it already.
   static std::shared_ptr<FiringMark> Renew(const std::wstring& stored);
 
-  // Forgets the mark of a request that is no longer stored, unless the text has another by now.
+  // Retires the mark of a request that is no longer stored, and forgets it unless the text has
+  // another by now.
   static void Forget(const std::wstring& stored, const std::shared_ptr<FiringMark>& mark);
 
   // How many marks were forgotten so far. When that has changed since a list was read, a request of

@@ -28,6 +28,11 @@ constexpr wchar_t kNotWatched[] =
     L"RegisterExistingPackageCatalogManagerRequests - a stored request is not watched, because of "
     L"\"%S\": %s";
 
+// Held while a request and its mark come or go together, so that a client who subscribes the text
+// that another one takes back gets a mark of its own. Outermost: the store's mutex and that of the
+// marks are taken under it.
+std::mutex listChange;
+
 RequestManager StoredPackageRequests() {
   return RequestManager(kServiceDocument, kPackageForm.list);
 }
@@ -121,13 +126,20 @@ void PackageCatalogEventManager::clear_events(Owner owner) {
 }
 
 void RegisterAppPackageEvent(const std::wstring& request, Owner owner) {
-  StoredPackageRequests().PersistRequest(request);
-  const std::wstring stored = StoredText(request);
-  MakeLive(request, stored, owner, FiringMarks::Renew(stored));
+  std::wstring stored;
+  MarkPtr mark;
+  {
+    const std::lock_guard guard(listChange);
+    StoredPackageRequests().PersistRequest(request);
+    stored = StoredText(request);
+    mark = FiringMarks::Renew(stored);
+  }
+  MakeLive(request, stored, owner, mark);
 }
 
 void RemoveAppPackageEvent(const std::wstring& request) {
   const std::wstring stored = StoredText(request);
+  const std::lock_guard guard(listChange);
   StoredPackageRequests().RemoveRequest(stored);
   FiringMarks::Forget(stored, FiringMarks::Of(stored));
 }
@@ -144,7 +156,12 @@ void RegisterExistingPackageCatalogManagerRequests(Owner owner) {
         }
       },
       [&](const std::wstring& request, const Platform::WindowsRuntimeError& error) {
-        replay.RunLate(request, error);
+        try {
+          replay.RunLate(request, error);
+        } catch (const std::exception& failure) {
+          Logging::LogManager::GetLogger()->LogWarning(kNotWatched, failure.what(),
+                                                       request.c_str());
+        }
       });
 }
 

@@ -123,6 +123,13 @@ std::optional<std::int64_t> Wait(const DeliveryTexts& texts, int seconds,
   } else {
     clock.Sleep(DelayLength(seconds));
   }
+  // A wait that fails says nothing about the time.
+  if (wait.outcome == Platform::WaitOutcome::Failed) {
+    const std::uint64_t passed = clock.TickCount() - start;
+    const auto length = DelayLength(seconds);
+    const std::chrono::milliseconds gone(passed);
+    if ((standby || stop != nullptr) && gone < length) clock.Sleep(length - gone);
+  }
   if (wait.outcome != Platform::WaitOutcome::Signalled) {
     return ElapsedMilliseconds(start, clock.TickCount());
   }
@@ -160,6 +167,13 @@ std::optional<std::int64_t> WaitDelay(const DeliveryKind& kind, const std::wstri
   return elapsed;
 }
 
+// Whether the service ended, also while the delivery queued behind others for the lock.
+bool HasEnded(const Platform::SharedHandle& stop) {
+  if (stop == nullptr) return false;
+  const auto now = Platform::CurrentMachine().clock->Wait(stop.get(), std::chrono::milliseconds(0));
+  return now.outcome == Platform::WaitOutcome::Signalled;
+}
+
 std::wstring TriggerOf(const EventSubscription& subscription) {
   if (subscription.Action() != EventAction::AppServiceNotification) return {};
   try {
@@ -182,7 +196,9 @@ void Deliver(const DeliveryKind& kind, const std::wstring& request, std::uint32_
   const std::wstring trigger = TriggerOf(*subscription);
 
   const std::lock_guard guard(*kind.handleEventMutex);
-  if (IsOverdue(delay, *elapsed)) {
+  if (HasEnded(stop)) {
+    Log().LogWarning(kServiceEnded, kind.name, request.c_str());
+  } else if (IsOverdue(delay, *elapsed)) {
     Log().LogInfo(kind.texts.discarded, static_cast<int>(*elapsed));
   } else if (!trigger.empty()) {
     const std::uint32_t status = Platform::CurrentMachine().systemTriggers->Raise(trigger);

@@ -21,6 +21,8 @@ constexpr wchar_t kTookTooLong[] =
 constexpr wchar_t kRuntimeError[] = L"PackageUninstallingEvent failed. Message: %s, Code: %i";
 constexpr wchar_t kFailed[] = L"PackageUninstallingEvent failed. %S";
 
+constexpr char kUnknown[] = "an exception of an unknown kind";
+
 constexpr milliseconds kWatchStep{5000};
 constexpr milliseconds kPollStep{2000};
 constexpr int kPolls = 15;
@@ -39,6 +41,8 @@ void Contain(Body&& body) noexcept {
     Log().LogError(kRuntimeError, error.message().c_str(), error.code());
   } catch (const std::exception& error) {
     Log().LogError(kFailed, error.what());
+  } catch (...) {
+    Log().LogError(kFailed, kUnknown);
   }
 }
 

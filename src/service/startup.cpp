@@ -70,8 +70,10 @@ void WatchStoredPackages(const ServiceState& state) {
   RegisterExistingPackageCatalogManagerRequests(&state);
   const auto stop =
       Platform::CurrentMachine().clock->Wait(state.stopEvent.get(), std::chrono::milliseconds(0));
-  if (stop.outcome == Platform::WaitOutcome::Signalled)
+  // A stop event that could not be made ends every wait as failed, and the service is gone unseen.
+  if (stop.outcome != Platform::WaitOutcome::TimedOut) {
     PackageCatalogEventManager::clear_events(&state);
+  }
 }
 
 // Starts the check and does not wait for it. It runs once per service object, however often this
@@ -121,7 +123,7 @@ void StartupTask(const std::shared_ptr<ServiceState>& state) {
   state->logger->LogInfo(kOobeCompleted);
   SetBornOnDate(*state->logger);
   SetFirstLockDownMode(*state->logger);
-  WatchStoredPackages(*state);
+  Contain("startup_task", [&] { WatchStoredPackages(*state); });
   StartWakeupCheck(state);
   if (WaitForUser(*state)) NotifyOobe(*state);
 }

@@ -37,7 +37,8 @@ class FakeUninstall final : public Platform::PackageUninstall {
   std::function<bool()> isComplete;
 };
 
-// Subscriptions of two services of one process. ann hears of an uninstall; the package is bob's.
+// Subscriptions of two services of one process. Only ann is notified of an uninstall; the package
+// is bob's.
 class OneShotTest : public Tests::StoreTest {
  protected:
   OneShotTest() {
@@ -120,6 +121,18 @@ TEST_F(OneShotTest, DoesNotRunAgainForAListThatWasReadBefore) {
     RequestManager(kServiceDocument, kPackageSubscriptions).CompleteRequest(Request(6));
     PackageCatalogEventManager::clear_events();
   }
+}
+
+// A replay may read the list between the moments when a request and its mark are stored.
+TEST(FiringMarksTest, AStoredRequestHasOneMarkUntilItHasRunOrIsTakenBack) {
+  const auto ofReplay = FiringMarks::Of(L"a request");
+  EXPECT_EQ(FiringMarks::Renew(L"a request"), ofReplay);
+  FiringMarks::Forget(L"a request", ofReplay);
+  EXPECT_FALSE(ofReplay->RunOnce([] { ADD_FAILURE() << "ran for a request that was taken back"; }));
+  const auto next = FiringMarks::Renew(L"a request");
+  EXPECT_TRUE(next->RunOnce([] {}));
+  EXPECT_NE(FiringMarks::Renew(L"a request"), next);
+  FiringMarks::Forget(L"a request", FiringMarks::Of(L"a request"));
 }
 
 TEST_F(OneShotTest, FinishesWhenASessionEndsWhileItWaitsForTheUninstall) {

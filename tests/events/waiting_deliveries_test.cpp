@@ -15,6 +15,8 @@ namespace Vx::Tessel::Server::Services::Orvane {
 namespace {
 
 using namespace std::chrono_literals;
+using testing::AnyOf;
+using testing::Contains;
 using testing::ElementsAre;
 using testing::SizeIs;
 
@@ -90,6 +92,18 @@ TEST_F(WaitingDeliveriesTest, EndWithTheirServiceAndNoOther) {
     machine.clock.Advance(10s);
     EXPECT_EQ(Sent().size() - sent, 2U);
   }
+}
+
+TEST_F(WaitingDeliveriesTest, EndWithTheirServiceAlsoWhileTheyWaitForTheCommandOfAnother) {
+  const auto stop = MakeStopEvent();
+  machine.timeline.SetListener(
+      [&](const auto&) { Platform::CurrentMachine().kernelObjects->Signal(stop.get()); });
+  PowerEventManager::handle_event(Delayed(L"0", L"a"), nullptr, 7, stop);
+  PowerEventManager::handle_event(Delayed(L"0", L"b"), nullptr, 7, stop);
+  machine.clock.Settle();
+  machine.timeline.SetListener({});
+  EXPECT_THAT(Sent(), SizeIs(1));
+  EXPECT_THAT(log.Lines(), Contains(AnyOf(Ended(Delayed(L"0", L"a")), Ended(Delayed(L"0", L"b")))));
 }
 
 }  // namespace
