@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <exception>
+#include <new>
 #include <string_view>
 #include <utility>
 
@@ -40,7 +41,11 @@ std::uint32_t Answer(const char* operation, const Call& call, Body&& body) {
     return std::forward<Body>(body)();
   } catch (const std::exception& error) {
     Log(call.caller).LogError(kThrew, call.caller.className, operation, error.what());
-    *call.caller.problem = {L"request", L"failed: ", Json::ToWide(error.what())};
+    try {
+      *call.caller.problem = {L"request", L"failed: ", Json::ToWide(error.what())};
+    } catch (const std::bad_alloc&) {
+      *call.caller.problem = {L"request", L"failed"};
+    }
     return kFailed;
   }
 }

@@ -52,6 +52,8 @@ void ReportUnreadable(const Call& call) {
     const Request readable(call.text);
   } catch (const Platform::WindowsRuntimeError& error) {
     *call.caller.problem = {L"request", L"will never run: ", error.message()};
+  } catch (const std::exception&) {  // NOLINT(bugprone-empty-catch)
+    // The request is stored; without memory for a second look its result stays 0.
   }
 }
 
