@@ -7,7 +7,6 @@
 #include "platform/machine.h"
 #include "security/authenticode_facade.h"
 #include "security/authenticode_helper.h"
-#include "security/path_rules.h"
 
 namespace Vx::Tessel::Security {
 
@@ -20,7 +19,8 @@ std::optional<std::wstring> JudgeLocked(const std::wstring& path, Platform::RawH
   if (!facade.IsFileTrustedRestricted(path.c_str())) return std::nullopt;
   auto place = Platform::CurrentMachine().files->FinalPathOf(lock);
   if (!place) return std::nullopt;
-  if (SameIgnoringCase(*place, path)) return path;
+  // Exactly: where a folder distinguishes case, another spelling is another object.
+  if (*place == path) return path;
   if (!facade.IsFileTrustedRestricted(place->c_str())) return std::nullopt;
   return *std::move(place);
 }

@@ -56,6 +56,8 @@ TEST(TrustedProgramTest, IsWhatTheLockHoldsWhereverALinkLeadsNow) {
     EXPECT_EQ(Checked(link + L"\\" + kPinned), c.started);
   }
   EXPECT_EQ(Checked(program), program);
+  // Where a folder distinguishes case, another spelling could be another file.
+  EXPECT_EQ(Checked(genuine / L"PINNED.EXE"), program);
 }
 
 TEST(TrustedProgramTest, KeepsItsFileFromBeingReplacedUntilItGoes) {
