@@ -55,15 +55,28 @@ constexpr std::uint64_t kLeftAlone = 60'000;  // milliseconds
 std::atomic<bool> monitorFound{false};
 std::atomic<std::uint64_t> foundUntil{0};
 
+// Until when a reader that did not keep up is left alone, whatever else is found meanwhile.
+std::atomic<std::uint64_t> leftAloneUntil{0};
+
+// Admits one writer of this module at a time, so that the patience with the reader does not include
+// the wait for one another.
+SRWLOCK writers = SRWLOCK_INIT;
+
+class WritersLock {
+ public:
+  WritersLock() noexcept { AcquireSRWLockExclusive(&writers); }
+  WritersLock(const WritersLock&) = delete;
+  WritersLock& operator=(const WritersLock&) = delete;
+  ~WritersLock() { ReleaseSRWLockExclusive(&writers); }
+};
+
 // The real clock even under a simulated machine, because the monitor is real.
 Platform::Clock& RealClock() {
   return *Platform::WindowsMachine().clock;
 }
 
-bool Remember(bool found, std::uint64_t length) noexcept {
-  monitorFound.store(found, std::memory_order_relaxed);
-  foundUntil.store(RealClock().TickCount() + length, std::memory_order_relaxed);
-  return found;
+bool IsLeftAlone(std::uint64_t now) noexcept {
+  return now < leftAloneUntil.load(std::memory_order_relaxed);
 }
 
 UniqueHandle OpenWritersMutex() {
@@ -133,7 +146,7 @@ class Offer {
   }
 
   static constexpr DWORD kWideDebugOutput = 0x4001000A;  // DBG_PRINTEXCEPTION_WIDE_C
-  static constexpr char mark = 0;  // its address tells these exceptions from other modules'
+  static constexpr char mark = 0;  // its address marks these exceptions as this module's
 
   void* handler;
 };
@@ -163,7 +176,7 @@ bool SendToMonitor(std::wstring_view text, std::uint64_t end) {
   if (view == nullptr) return false;
   while (!text.empty()) {
     if (!WaitUntil(bufferReady, end)) return false;
-    Packet packet;
+    Packet packet{};  // no leftovers of the stack leave the process
     packet.processId = GetCurrentProcessId();
     TakePiece(text, packet);
     // The monitor may have reserved the memory without committing it, or backed it by a file that
@@ -181,13 +194,15 @@ bool SendToMonitor(std::wstring_view text, std::uint64_t end) {
 
 bool DebugOutputIsShown() noexcept {
   if (IsDebuggerPresent() != FALSE) return true;
-  if (RealClock().TickCount() < foundUntil.load(std::memory_order_relaxed)) {
+  const std::uint64_t now = RealClock().TickCount();
+  if (IsLeftAlone(now)) return false;
+  if (now < foundUntil.load(std::memory_order_relaxed)) {
     return monitorFound.load(std::memory_order_relaxed);
   }
-  const DWORD error = GetLastError();
   const UniqueHandle event(OpenEventW(SYNCHRONIZE, FALSE, kDataReady));
-  SetLastError(error);
-  return Remember(event != nullptr, kAnswerHolds);
+  monitorFound.store(event != nullptr, std::memory_order_relaxed);
+  foundUntil.store(now + kAnswerHolds, std::memory_order_relaxed);
+  return event != nullptr;
 }
 
 void SendDebugOutput(const wchar_t* text) noexcept {
@@ -196,7 +211,10 @@ void SendDebugOutput(const wchar_t* text) noexcept {
     return;
   }
   const Offer offer(text);
-  if (!SendToMonitor(text, RealClock().TickCount() + kPatience)) Remember(false, kLeftAlone);
+  const WritersLock lock;
+  const std::uint64_t now = RealClock().TickCount();
+  if (IsLeftAlone(now) || SendToMonitor(text, now + kPatience)) return;
+  leftAloneUntil.store(RealClock().TickCount() + kLeftAlone, std::memory_order_relaxed);
 }
 
 }  // namespace Vx::Tessel::Server::Logging

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
@@ -53,6 +54,17 @@ class Monitor {
     return line;
   }
 
+  // Whether nothing lies in the buffer behind the text.
+  bool HoldsTheTextAlone() const {
+    const char* view =
+        static_cast<const char*>(MapViewOfFile(buffer.get(), FILE_MAP_READ, 0, 0, kBufferSize));
+    const char* end = view + kBufferSize;
+    const bool alone = std::all_of(std::find(view + sizeof(DWORD), end, '\0'), end,
+                                   [](char c) { return c == '\0'; });
+    UnmapViewOfFile(view);
+    return alone;
+  }
+
  private:
   UniqueHandle bufferReady;
   UniqueHandle dataReady;
@@ -85,6 +97,17 @@ TEST(DebugMonitorTest, ReceivesALongLineWhole) {
     Log(std::wstring(4000, L'x'));
     reader.join();
     return line == "WARNING Vx-Test " + std::string(4000, 'x') + "\n";
+  });
+}
+
+// Its readers run as other users.
+TEST(DebugMonitorTest, ReceivesTheTextAndNothingElseOfThisProcess) {
+  ExpectInOwnProcess([] {
+    const Monitor monitor;
+    std::thread reader([&] { monitor.ReadLine(); });
+    Log(L"short");
+    reader.join();
+    return monitor.HoldsTheTextAlone();
   });
 }
 
