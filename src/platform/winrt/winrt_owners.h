@@ -121,9 +121,20 @@ class Delegate final : public Interface {
 
 #pragma GCC diagnostic pop
 
-// Returns a new delegate with one reference, which the caller owns.
+// Keeps this module loaded until the process ends. Windows may call or release a delegate after it
+// was removed, and its thread may still be on its way out of our code when the last reference is
+// gone, so no count of references tells when the code may go.
+inline void KeepModuleLoaded() noexcept {
+  HMODULE module = nullptr;
+  GetModuleHandleExW(GET_MODULE_HANDLE_EX_FLAG_PIN | GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS,
+                     reinterpret_cast<const wchar_t*>(&KeepModuleLoaded), &module);
+}
+
+// Returns a new delegate with one reference, which the caller owns. From then on the module stays
+// loaded.
 template <typename Interface, typename Callable>
 ComPtr<Interface> MakeDelegate(Callable callable) {
+  KeepModuleLoaded();
   return ComPtr<Interface>(new Delegate<Interface, Callable>(std::move(callable)));
 }
 
