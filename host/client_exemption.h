@@ -10,8 +10,8 @@ namespace Vx::Tessel::Server::Services {
 // compilers order overloaded virtual functions differently.
 //
 // The object keeps no state between calls. Any thread may call, and no call waits. Results are
-// Win32 error codes: 0 success, 87 for a null argument, 8 without memory. On success `*exempt`
-// becomes 1 or 0. Otherwise it keeps its value.
+// Win32 error codes: 0 success, 87 for a null argument, 8 without memory, 31 for any other failure.
+// On success `*exempt` becomes 1 or 0. Otherwise it keeps its value.
 class VxClientExemption {
  public:
   VxClientExemption() = default;

@@ -9,8 +9,8 @@ namespace Vx::Tessel::Server::Services {
 // The host is built with another compiler, so as with VxService the contract is this table of
 // slots: one entry per function, in this order. All arguments are scalars or pointers, and nothing
 // is thrown. Any thread may call, and no call waits. Results are Win32 error codes: 0 success, 87
-// for a null argument, 8 without memory, otherwise the error of Windows. Outputs are written on
-// success only.
+// for a null argument, 8 without memory, 31 for a failure without a code of its own, otherwise the
+// error of Windows. Outputs are written on success only.
 class VxCryptographyHelper {
  public:
   VxCryptographyHelper() = default;

@@ -96,7 +96,8 @@ class LogManager {
   // The logger of a named provider. The same name returns the same logger.
   static TraceLogger* SetProvider(const char* name);
 
-  // Listeners of the host or of a test. A sink is not called after RemoveSink has returned.
+  // Listeners of the host or of a test. A sink is not called after RemoveSink has returned,
+  // and must call neither function.
   static SinkId AddSink(Sink sink);
   static void RemoveSink(SinkId id);
 };

@@ -75,7 +75,7 @@ def copy_checkout():
     """Makes the copy like the checkout, touching only files that differ; returns its hash."""
     listed = subprocess.check_output(["git", "ls-files"], text=True).splitlines()
     texts = {name: pathlib.Path(name).read_bytes() for name in listed if os.path.isfile(name)}
-    for old in tree.glob("*/**/*"):
+    for old in [*tree.glob("*/**/*"), *tree.glob("*")]:
         if old.is_file() and tree / "build" not in old.parents and str(old.relative_to(tree)) not in texts:
             old.unlink()
     for name, text in texts.items():

@@ -141,7 +141,8 @@ wchar_t Shown(wchar_t unit) noexcept {
   if (unit >= L'\t' && unit <= L'\r') return L' ';
   const bool control = unit < L' ' || (unit >= 0x7F && unit < 0xA0);
   const bool separator = unit == 0x2028 || unit == 0x2029;
-  const bool direction = (unit >= 0x202A && unit <= 0x202E) || (unit >= 0x2066 && unit <= 0x2069);
+  const bool direction = unit == 0x061C || unit == 0x200E || unit == 0x200F ||
+                         (unit >= 0x202A && unit <= 0x202E) || (unit >= 0x2066 && unit <= 0x2069);
   return control || separator || direction ? kReplacement : unit;
 }
 
@@ -244,11 +245,11 @@ void DeliverToSystem(const LogRecord& record, bool traced, bool debugged) {
 
 void TraceLogger::Write(LogLevel level, const wchar_t* caller, const wchar_t* format,
                         ...) const noexcept {
+  const LastErrorKept kept;
   const bool traced = Trace().Listens(level);
   const bool debugged = DebugOutputIsShown();
   if (!traced && !debugged && sinkCount.load(std::memory_order_relaxed) == 0) return;
 
-  const LastErrorKept kept;
   wchar_t buffer[kLongestMessage + 1];
   LogRecord record;
   record.level = level;

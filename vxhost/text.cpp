@@ -21,7 +21,7 @@ constexpr wchar_t kReplacement = 0xFFFD;
 // Unicode.
 bool DrivesATerminal(wchar_t unit) {
   return unit < 0x20 || (unit >= 0x7F && unit < 0xA0) || (unit >= 0x2028 && unit <= 0x202E) ||
-         (unit >= 0x2066 && unit <= 0x2069);
+         (unit >= 0x2066 && unit <= 0x2069) || unit == 0x061C || unit == 0x200E || unit == 0x200F;
 }
 
 }  // namespace

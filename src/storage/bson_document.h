@@ -50,7 +50,7 @@ class BsonDocument {
   BsonDocument& operator=(BsonDocument&& other) noexcept = default;
   ~BsonDocument() = default;
 
-  // Returns the document that fills `encoded`, or nothing if its members cannot be told apart: a
+  // Returns the document that fills `encoded`, or nothing if its members cannot be separated: a
   // length is wrong, the terminator is missing, a key does not end or a kind is unknown. What a
   // value contains is checked when a getter reads it.
   static std::optional<BsonDocument> Decode(std::span<const std::byte> encoded);

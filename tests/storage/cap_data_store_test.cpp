@@ -250,7 +250,7 @@ Bytes ForeignDocument(std::mt19937& random) {
   return document;
 }
 
-// Damaged files, files of other services, and other things in the place of the store's file.
+// Damaged files, files of other services, and other objects instead of the store's file.
 class DamagedStoreTest : public CapDataStoreTest {
  protected:
   DamagedStoreTest() {

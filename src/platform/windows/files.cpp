@@ -48,6 +48,13 @@ bool HasWildcard(std::wstring_view path) {
   return path.find_first_of(kWildcards) != std::wstring_view::npos;
 }
 
+// The digest functions return a status of the kernel's kind. Only the lack of memory has a meaning
+// for a caller.
+ErrorCode Win32Error(NTSTATUS status) {
+  constexpr auto kNoMemory = static_cast<NTSTATUS>(0xC0000017);
+  return status == kNoMemory ? ERROR_NOT_ENOUGH_MEMORY : ERROR_GEN_FAILURE;
+}
+
 // Feeds the rest of `file` to `hash`. Returns zero or the error.
 ErrorCode HashContent(RawHandle file, BCRYPT_HASH_HANDLE hash) {
   std::vector<UCHAR> piece(kHashStep);
@@ -58,7 +65,7 @@ ErrorCode HashContent(RawHandle file, BCRYPT_HASH_HANDLE hash) {
     }
     if (got == 0) return 0;
     const NTSTATUS status = BCryptHashData(hash, piece.data(), got, 0);
-    if (status < 0) return static_cast<ErrorCode>(status);
+    if (status < 0) return Win32Error(status);
   }
 }
 
@@ -192,12 +199,12 @@ class RealFiles final : public Files {
     BCRYPT_ALG_HANDLE rawAlgorithm = nullptr;
     NTSTATUS status =
         BCryptOpenAlgorithmProvider(&rawAlgorithm, BCRYPT_SHA256_ALGORITHM, nullptr, 0);
-    if (status < 0) return Result<Bytes>::Failure(static_cast<ErrorCode>(status));
+    if (status < 0) return Result<Bytes>::Failure(Win32Error(status));
     const std::unique_ptr<void, AlgorithmCloser> algorithm(rawAlgorithm);
 
     BCRYPT_HASH_HANDLE rawHash = nullptr;
     status = BCryptCreateHash(algorithm.get(), &rawHash, nullptr, 0, nullptr, 0, 0);
-    if (status < 0) return Result<Bytes>::Failure(static_cast<ErrorCode>(status));
+    if (status < 0) return Result<Bytes>::Failure(Win32Error(status));
     const std::unique_ptr<void, HashCloser> hash(rawHash);
 
     if (const ErrorCode error = HashContent(file.get(), hash.get()); error != 0) {
@@ -206,7 +213,7 @@ class RealFiles final : public Files {
     Bytes digest(kSha256Bytes);
     status = BCryptFinishHash(hash.get(), reinterpret_cast<UCHAR*>(digest.data()),
                               static_cast<ULONG>(digest.size()), 0);
-    if (status < 0) return Result<Bytes>::Failure(static_cast<ErrorCode>(status));
+    if (status < 0) return Result<Bytes>::Failure(Win32Error(status));
     return digest;
   }
 
