@@ -200,7 +200,7 @@ std::vector<std::string> StoreLines() {
   document.CopyFrom(StoreWriter(document).Document(ReadStore().document, kShownLevels),
                     document.GetAllocator());
   std::vector<std::string> lines;
-  for (auto value = document.MemberBegin(); value != document.MemberEnd(); ++value) {
+  for (auto value = document.MemberBegin(); value < document.MemberEnd(); ++value) {
     lines.push_back(Utf8(value->name.GetString()) + " " + Utf8(Json::JsonText(value->value)));
   }
   return lines;

@@ -211,8 +211,8 @@ std::uint32_t OrvaneService::GetSubscriptions(const Call& call) {
 std::uint32_t OrvaneService::GetSleepState(const Call& call) {
   return Answer("GetSleepState", call, [&] {
     if (LacksResponse(call)) return kFailed;
-    const std::int32_t state = Storage::CapDataStore().requireInt32(kSleepState);
-    AddAnswer(*call.response, L"sleepState", Json::WideValue(state));
+    const std::int32_t stored = Storage::CapDataStore().requireInt32(kSleepState);
+    AddAnswer(*call.response, L"sleepState", Json::WideValue(stored));
     Log(call.caller).LogInfo(kSleepStateDone);
     return kSuccess;
   });

@@ -244,11 +244,11 @@ std::wstring DateText(std::chrono::milliseconds since1601) {
   const hh_mm_ss clock(time - day);
   wchar_t text[32];
   const auto number = [](auto value) { return static_cast<unsigned>(value); };
-  std::swprintf(text, std::size(text), L"%04d%02u%02u-%02u%02u%02u-%03u",
-                static_cast<int>(date.year()), number(unsigned{date.month()}),
-                number(unsigned{date.day()}), number(clock.hours().count()),
-                number(clock.minutes().count()), number(clock.seconds().count()),
-                number(clock.subseconds().count()));
+  static_cast<void>(std::swprintf(text, std::size(text), L"%04d%02u%02u-%02u%02u%02u-%03u",
+                                  static_cast<int>(date.year()), number(unsigned{date.month()}),
+                                  number(unsigned{date.day()}), number(clock.hours().count()),
+                                  number(clock.minutes().count()), number(clock.seconds().count()),
+                                  number(clock.subseconds().count())));
   return text;
 }
 
@@ -350,7 +350,7 @@ SealedFile::Reading SealedFile::Adopt(Reading reading) {
     if (newest != nullptr && newest->facts.written > sibling.facts.written) continue;
     Result<Bytes> found = sibling.file->Content(kMaxFileSize);
     if (!found) return notOpened(found.Error());
-    const Reading unsealed = Unseal(*found);
+    Reading unsealed = Unseal(*found);
     if (unsealed.state == StoreState::NotOpened) return unsealed;
     if (!unsealed.document) continue;
     newest = &sibling;

@@ -233,8 +233,8 @@ TEST_F(RealLaunchTest, StartsNothingThatChangedAfterALockThatFailed) {
     std::wstring path;
     std::function<void()> afterTheVerdict;
     std::function<void()> afterTheSecondLock;
-    int locks;     // that succeed
-    int verdicts;  // on a signed file
+    std::size_t locks;     // that succeed
+    std::size_t verdicts;  // on a signed file
     bool starts;
   } cases[] = {
       {"overwritten", program, [&] { overwrite(program); }, nothing, 1, 1, false},

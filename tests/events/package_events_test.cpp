@@ -23,15 +23,11 @@ namespace {
 
 using namespace std::chrono_literals;
 using std::chrono::milliseconds;
-using testing::Contains;
-using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::SizeIs;
 using Manager = PackageCatalogEventManager;
 
 constexpr wchar_t kFamily[] = L"App_abc";
-constexpr wchar_t kInvoked[] =
-    L"info|PackageUninstallingEvent invoked. Searching for PFN: App_abc, PFN received: App_abc";
 
 std::wstring Request(const std::wstring& event, const std::wstring& action,
                      const std::wstring& params, const std::wstring& family = kFamily) {
@@ -123,7 +119,8 @@ TEST_F(PackageEventTest, LooksFifteenTimesWhetherAnUninstallHasEnded) {
     int polls = 0;
     Notify(kFamily, [&] { return polls++ >= incompletePolls; });
     EXPECT_EQ(polls, std::min(incompletePolls + 1, 15));
-    EXPECT_EQ(machine.clock.TickCount() - start, std::min(incompletePolls, 15) * 2000U);
+    EXPECT_EQ(machine.clock.TickCount() - start,
+              static_cast<std::uint64_t>(std::min(incompletePolls, 15)) * 2000);
     Manager::clear_events();
   }
   EXPECT_THAT(completed, SizeIs(3));
@@ -197,6 +194,7 @@ TEST(PackageEventStress, SurvivesEverythingAtOnce) {
   };
   std::atomic<std::size_t> done{0};
   std::vector<std::jthread> threads;
+  threads.reserve(std::size(jobs));
   for (const auto& job : jobs) {
     threads.emplace_back([&, job] {
       for (int turn = 0; turn < kTurns || completions < kEnough; ++turn) {

@@ -18,8 +18,6 @@
 namespace Vx::Tests {
 namespace {
 
-using Tessel::Server::Services::VxService;
-
 // What a step may leave in the heap on average, in bytes: less than the smallest block would be,
 // and something for what the system itself keeps.
 constexpr std::size_t kBytesPerStep = 8;
@@ -79,8 +77,8 @@ class SoakTest : public ModuleTest {
 
   void Command(std::size_t commands) {
     static constexpr struct {
-      std::uint32_t id;
-      const wchar_t* request;
+      std::uint32_t id = 0;
+      const wchar_t* request = nullptr;
       std::uint32_t code = 0;
     } kCommands[] = {
         {22, L"{}"},
@@ -109,8 +107,8 @@ class SoakTest : public ModuleTest {
   static constexpr const wchar_t* kSubscriptions[] = {
       LR"({"powerEventType":7,"eventAction":1,"commandParams":{"path":"C:\\windows\\none.exe"}})",
       LR"({"powerEventType":7,"eventAction":1,"commandParams":{"path":"C:\\windows\\cmd.exe"}})",
-      LR"({"powerEventType":7,"eventAction":2,"commandParams":)"
-      LR"({"packageFamilyName":"f","appServiceName":"s","payload":{}}})"};
+      (LR"({"powerEventType":7,"eventAction":2,"commandParams":)"
+       LR"({"packageFamilyName":"f","appServiceName":"s","payload":{}}})")};
 
   static inline const std::size_t steps = Setting("VX_STEPS", 600);
   const std::size_t quiet = ThreadCount();
@@ -138,6 +136,7 @@ TEST_F(SoakTest, ServicesComeAndGoWithEverythingInFlight) {
     auto session = module.NewService();
     session.Slots().Start();
     std::vector<std::jthread> callers;
+    callers.reserve(kCallers);
     for (int caller = 0; caller < kCallers; ++caller) {
       callers.emplace_back([&session, odd = (turn + caller) % 2 != 0] {
         const auto use = [&](std::uint32_t id, const wchar_t* request) {
@@ -155,6 +154,7 @@ TEST_F(SoakTest, ServicesComeAndGoWithEverythingInFlight) {
   };
   const auto round = [&] {
     std::vector<std::jthread> hosts;
+    hosts.reserve(kHosts);
     for (int host = 0; host < kHosts; ++host) {
       hosts.emplace_back([&live] {
         for (std::size_t turn = 0; turn < steps / 50; ++turn) live(static_cast<int>(turn));

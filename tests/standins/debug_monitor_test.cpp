@@ -144,7 +144,8 @@ TEST(DebugMonitorTest, DelaysOneLineWhenTheMonitorDoesNotRead) {
 }
 
 TEST(DebugMonitorTest, SurvivesABufferThatCannotBeWritten) {
-  for (const DWORD protection : {PAGE_READWRITE | SEC_RESERVE, PAGE_READONLY}) {
+  for (const DWORD protection :
+       {DWORD{PAGE_READWRITE} | DWORD{SEC_RESERVE}, DWORD{PAGE_READONLY}}) {
     SCOPED_TRACE(protection);
     ExpectInOwnProcess([protection] {
       const Monitor monitor(protection);

@@ -362,7 +362,7 @@ TEST_F(DamagedStoreTest, LosesNothingThatCanBeReadAndKeepsACopyOfTheRest) {
 }
 
 TEST_F(DamagedStoreTest, ReadsWhateverAnotherServiceStores) {
-  std::mt19937 random(20240731);
+  std::mt19937 random(Tests::Setting("VX_SEED", 20240731));
   for (int n = 0; n < 200; ++n) EXPECT_TRUE(BsonDocument::Decode(ForeignDocument(random)));
 }
 

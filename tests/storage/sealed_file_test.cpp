@@ -33,7 +33,6 @@ using Tests::Bytes;
 
 constexpr std::int32_t kOld = 1;
 constexpr std::int32_t kNew = 2;
-constexpr DWORD kShareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
 
 class SealedFileTest : public Tests::StoreTest {
  protected:
