@@ -123,7 +123,7 @@ class Delegate final : public Interface {
 
 // Keeps this module loaded until the process ends. Windows may call or release a delegate after it
 // was removed, and its thread may still be on its way out of our code when the last reference is
-// gone, so no count of references tells when the code may go.
+// gone, so no count of references shows when the code may go.
 inline void KeepModuleLoaded() noexcept {
   HMODULE module = nullptr;
   GetModuleHandleExW(GET_MODULE_HANDLE_EX_FLAG_PIN | GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS,
