@@ -48,7 +48,10 @@ class OneShotTest : public Tests::StoreTest {
   ~OneShotTest() override { PackageCatalogEventManager::clear_events(); }
 
   void Install() { machine.packages.Install({kFamily, L"App_1", {}}, L"bob"); }
-  void Subscribe(const std::wstring& request) { RegisterAppPackageEvent(request, &first); }
+  void Subscribe(const std::wstring& request) {
+    RegisterAppPackageEvent(request, &first);
+    machine.clock.Settle();
+  }
   void Replay(const int& service) {
     RegisterExistingPackageCatalogManagerRequests(&service);
     machine.clock.Settle();
