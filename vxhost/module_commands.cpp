@@ -1,8 +1,12 @@
 #include "vxhost/module_commands.h"
 
 #include <chrono>
+#include <cstdint>
 #include <map>
+#include <memory>
 #include <stdexcept>
+#include <string>
+#include <vector>
 
 #include <windows.h>
 
@@ -25,10 +29,14 @@ std::map<std::wstring, std::wstring> Definitions(const std::vector<std::string>&
   return definitions;
 }
 
-}  // namespace
+struct ExecOptions {
+  std::uint32_t id = 0;
+  std::string request = "{}";
+  std::string caller = "vxhost";
+};
 
-int Exec(const Options& options, Console& console) {
-  const auto theatre = MakeTheatre(options, console);
+int Exec(const ModuleOptions& module, const ExecOptions& options, Console& console) {
+  const auto theatre = MakeTheatre(module, console);
   const std::wstring request = TextOrFile(options.request);
   console.Request(options.id, request);
   const Answer answer = theatre->Open().session.Execute(options.id, request, Wide(options.caller));
@@ -36,12 +44,17 @@ int Exec(const Options& options, Console& console) {
   return answer.code == 0 ? kDone : kNotMet;
 }
 
-int Scenario(const Options& options, Console& console) {
+struct ScenarioOptions {
+  std::vector<std::string> scenarios;
+  std::vector<std::string> definitions;
+};
+
+int Scenario(const ModuleOptions& module, const ScenarioOptions& options, Console& console) {
   const auto definitions = Definitions(options.definitions);
   bool met = true;
   for (const std::string& file : options.scenarios) {
     if (options.scenarios.size() > 1) console.Lines("\n==== " + file);
-    const auto theatre = MakeTheatre(options, console);
+    const auto theatre = MakeTheatre(module, console);
     met = PlayScenario(FullPath(file), definitions, theatre->Open()) && met;
   }
   console.Lines(met ? "\nEverything that was expected happened."
@@ -49,11 +62,17 @@ int Scenario(const Options& options, Console& console) {
   return met ? kDone : kNotMet;
 }
 
-int Events(const Options& options, Console& console) {
+struct EventOptions {
+  std::vector<std::uint32_t> power;
+  std::vector<std::uint32_t> sessions;
+  int seconds = 5;
+};
+
+int Events(const ModuleOptions& module, const EventOptions& options, Console& console) {
   if (options.power.empty() && options.sessions.empty()) {
     throw std::runtime_error("no event to send: name some with --power or --session");
   }
-  const auto theatre = MakeTheatre(options, console);
+  const auto theatre = MakeTheatre(module, console);
   const Stage& stage = theatre->Open();
   for (const std::uint32_t code : options.power) {
     console.Line("-> power event " + std::to_string(code));
@@ -70,6 +89,65 @@ int Events(const Options& options, Console& console) {
     Sleep(static_cast<DWORD>(options.seconds) * 1000);
   }
   return kDone;
+}
+
+constexpr char kExecFooter[] =
+    "vxhost --dll, --private-store and --simulate choose the module and its store.\n"
+    "Exit code 0 for result code 0x00000000, else 1.\n"
+    "  vxhost exec 22\n"
+    "  vxhost --private-store exec 9 @subscription.json";
+constexpr char kScenarioFooter[] =
+    "vxhost --dll, --private-store and --simulate choose the module and its store.\n"
+    "A scenario is a JSON file of steps; see the samples, and docs/vxhost.md for every part.\n"
+    "Exit code 1 when an expectation was not met: the lines with !! name it.\n"
+    "  vxhost --simulate scenario first_boot.json";
+constexpr char kEventsFooter[] =
+    "vxhost --dll, --private-store and --simulate choose the module and its store.\n"
+    "Power: 4 suspending, 7 resumed by the user, 10 power status changed, 18 resumed.\n"
+    "Session: 1 console connected, 5 logon, 6 logoff, 7 locked, 8 unlocked.\n"
+    "  vxhost events --power 4 7 --seconds 10";
+
+void AddExec(CommandLine& line) {
+  const auto options = std::make_shared<ExecOptions>();
+  CLI::App& exec = line.Add(
+      "exec", "run one command and print its answer", kExecFooter,
+      [&line, options](Console& console) { return Exec(line.Module(), *options, console); });
+  exec.add_option("id", options->id, "the number of the command")->required();
+  exec.add_option("request", options->request, "the request's JSON, or @FILE");
+  exec.add_option("--caller", options->caller, "the client's identity")->capture_default_str();
+  line.UseModule(exec);
+}
+
+void AddScenario(CommandLine& line) {
+  const auto options = std::make_shared<ScenarioOptions>();
+  CLI::App& scenario = line.Add(
+      "scenario", "play a scenario and check what it expects", kScenarioFooter,
+      [&line, options](Console& console) { return Scenario(line.Module(), *options, console); });
+  scenario.add_option("file", options->scenarios, "the scenario; each of several is played anew")
+      ->required();
+  scenario.add_option("--define", options->definitions, "NAME=VALUE for ${NAME} in it");
+  line.UseModule(scenario);
+}
+
+void AddEvents(CommandLine& line) {
+  const auto options = std::make_shared<EventOptions>();
+  CLI::App& events = line.Add(
+      "events", "send power and session events", kEventsFooter,
+      [&line, options](Console& console) { return Events(line.Module(), *options, console); });
+  events.add_option("--power", options->power, "power broadcast codes (PBT_)");
+  events.add_option("--session", options->sessions, "session change codes (WTS_SESSION_)");
+  events.add_option("--seconds", options->seconds, "how long to wait for deliveries")
+      ->check(CLI::Range(0, kLongestSeconds))
+      ->capture_default_str();
+  line.UseModule(events);
+}
+
+}  // namespace
+
+void AddModuleCommands(CommandLine& line) {
+  AddExec(line);
+  AddScenario(line);
+  AddEvents(line);
 }
 
 }  // namespace Vx::Host

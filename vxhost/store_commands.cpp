@@ -175,9 +175,7 @@ std::size_t ShowList(const ListForm& form, Console& console) {
   return texts.size();
 }
 
-}  // namespace
-
-int ShowStore(const Options& /*options*/, Console& console) {
+int ShowStore(Console& console) {
   const CapDataStore::Content content = ReadStore();
   WideDocument document(rapidjson::kObjectType);
   auto& pool = document.GetAllocator();
@@ -195,6 +193,29 @@ int ShowStore(const Options& /*options*/, Console& console) {
   return kDone;
 }
 
+int ShowSubscriptions(Console& console) {
+  ReadStore();  // throws for a damaged store, which RequestManager treats as empty
+  console.Line(Row("EVENT", "ACTION", "DELAY", "TARGET"));
+  std::size_t count = 0;
+  for (const ListForm& form : kLists) count += ShowList(form, console);
+  if (count == 0) console.Line("(none is stored)");
+  return kDone;
+}
+
+constexpr char kStoreFooter[] =
+    "Reads %ProgramData%\\Vx\\SharedServices\\shared_store.dat of this machine.\n"
+    "  vxhost store show > store.json";
+constexpr char kSubscriptionsFooter[] = "  vxhost subscriptions";
+
+}  // namespace
+
+void AddStoreCommands(CommandLine& line) {
+  line.Add(line.AddGroup("store", "the shared store"), "show",
+           "print the decrypted store as JSON, each value with its type", kStoreFooter, &ShowStore);
+  line.Add("subscriptions", "list the stored subscriptions", kSubscriptionsFooter,
+           &ShowSubscriptions);
+}
+
 std::vector<std::string> StoreLines() {
   WideDocument document;
   document.CopyFrom(StoreWriter(document).Document(ReadStore().document, kShownLevels),
@@ -204,15 +225,6 @@ std::vector<std::string> StoreLines() {
     lines.push_back(Utf8(value->name.GetString()) + " " + Utf8(Json::JsonText(value->value)));
   }
   return lines;
-}
-
-int ShowSubscriptions(const Options& /*options*/, Console& console) {
-  ReadStore();  // throws for a damaged store, which RequestManager treats as empty
-  console.Line(Row("EVENT", "ACTION", "DELAY", "TARGET"));
-  std::size_t count = 0;
-  for (const ListForm& form : kLists) count += ShowList(form, console);
-  if (count == 0) console.Line("(none is stored)");
-  return kDone;
 }
 
 }  // namespace Vx::Host

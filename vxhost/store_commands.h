@@ -3,18 +3,15 @@
 #include <string>
 #include <vector>
 
-#include "vxhost/console.h"
-#include "vxhost/options.h"
+#include "vxhost/command_line.h"
 
 namespace Vx::Host {
 
-// The subcommands that read the shared store. Each returns an ExitCode and throws std::exception
-// for a fault that the user has to correct: in the module, a file or a text.
-int ShowStore(const Options& options, Console& console);
-int ShowSubscriptions(const Options& options, Console& console);
+// store and subscriptions.
+void AddStoreCommands(CommandLine& line);
 
-// The store as ShowStore prints it, with one line per value of its top level: "KEY {...}". Throws
-// std::runtime_error when it cannot be read.
+// The store as "store show" prints it, with one line per value of its top level: "KEY {...}".
+// Throws std::runtime_error when it cannot be read.
 std::vector<std::string> StoreLines();
 
 }  // namespace Vx::Host

@@ -64,7 +64,7 @@ class PrivateStore {
 // the module, which may log until it is unloaded.
 class RealTheatre final : public Theatre {
  public:
-  RealTheatre(const Options& options, Console& console)
+  RealTheatre(const ModuleOptions& options, Console& console)
       : store(options.privateStore ? std::make_unique<PrivateStore>() : nullptr),
         listener([this, &console](const LogLine& line) {
           console.Log(line);
@@ -216,7 +216,7 @@ class SimulatedTheatre final : public Theatre {
 
 }  // namespace
 
-std::unique_ptr<Theatre> MakeTheatre(const Options& options, Console& console) {
+std::unique_ptr<Theatre> MakeTheatre(const ModuleOptions& options, Console& console) {
   if (!options.simulate) return std::make_unique<RealTheatre>(options, console);
   if (!options.dll.empty()) throw std::runtime_error("--simulate does not use --dll");
   return std::make_unique<SimulatedTheatre>(console);

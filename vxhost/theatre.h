@@ -2,8 +2,8 @@
 
 #include <memory>
 
+#include "vxhost/command_line.h"
 #include "vxhost/console.h"
-#include "vxhost/options.h"
 #include "vxhost/scenario.h"
 
 namespace Vx::Host {
@@ -18,6 +18,6 @@ class Theatre {
 };
 
 // Throws std::runtime_error when the module cannot be used.
-std::unique_ptr<Theatre> MakeTheatre(const Options& options, Console& console);
+std::unique_ptr<Theatre> MakeTheatre(const ModuleOptions& options, Console& console);
 
 }  // namespace Vx::Host

@@ -110,12 +110,10 @@ void Check(const Json::JsonObject& request, Report& report) {
   }
 }
 
-}  // namespace
-
-int Validate(const Options& options, Console& console) {
+int Validate(const std::string& textOrFile, Console& console) {
   Report report(console);
   try {
-    const std::wstring request = TextOrFile(options.request);
+    const std::wstring request = TextOrFile(textOrFile);
     Json::WideDocument document;
     Json::ParseFault fault;
     if (!Json::ParseJson(document, request, Json::kMaxNesting, &fault)) {
@@ -130,6 +128,21 @@ int Validate(const Options& options, Console& console) {
   }
   console.Line(report.Runs() ? "It can run." : "It would never run.");
   return report.Runs() ? kDone : kNotMet;
+}
+
+constexpr char kFooter[] =
+    "Exit code 0: it can run here; 1: it would never run, and the lines with NEVER give the "
+    "reasons.\n"
+    "  vxhost validate @subscription.json";
+
+}  // namespace
+
+void AddValidateCommand(CommandLine& line) {
+  const auto request = std::make_shared<std::string>();
+  line.Add("validate", "check a subscription before sending it", kFooter,
+           [request](Console& console) { return Validate(*request, console); })
+      .add_option("request", *request, "the subscription's JSON, or @FILE")
+      ->required();
 }
 
 }  // namespace Vx::Host

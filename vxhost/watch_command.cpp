@@ -78,7 +78,11 @@ std::wstring Now(bool whole) {
   return whole ? text : std::wcschr(text, L'T') + 1;
 }
 
-}  // namespace
+struct Options {
+  int seconds = 0;
+  bool global = false;
+  const bool& json;
+};
 
 int Watch(const Options& options, Console& console) {
   Monitor monitor(options.global);
@@ -93,6 +97,23 @@ int Watch(const Options& options, Console& console) {
       console.Log(line, Now(options.json));
   }
   return kDone;
+}
+
+constexpr char kFooter[] =
+    "  vxhost watch\n"
+    "  vxhost watch --json --seconds 60 > lines.json";
+
+}  // namespace
+
+void AddWatchCommand(CommandLine& line) {
+  const auto options = std::make_shared<Options>(Options{.json = line.Json()});
+  CLI::App& watch =
+      line.Add("watch", "show the log lines of a running module as it writes them", kFooter,
+               [options](Console& console) { return Watch(*options, console); });
+  watch.add_option("--seconds", options->seconds, "how long; 0: until Ctrl+C")
+      ->check(CLI::Range(0, kLongestSeconds));
+  line.OfferJson(watch);
+  watch.add_flag("--global", options->global, "those of services (needs administrator rights)");
 }
 
 }  // namespace Vx::Host

@@ -1,0 +1,110 @@
+#include "vxhost/command_line.h"
+
+#include <algorithm>
+#include <utility>
+
+namespace Vx::Host {
+
+namespace {
+
+constexpr char kAbout[] =
+    "The development host: loads the service module in the role of the service host, and shows "
+    "what\n"
+    "the module stores, trusts and decides.";
+constexpr char kFooter[] =
+    "Exit codes: 0 done; 1 the command failed, an expectation was not met, a file is not trusted "
+    "or\n"
+    "has no signature to pin, or a subscription would never run; 2 wrong usage, or the module, a\n"
+    "file or the store cannot be used.\n"
+    "\n"
+    "vxhost SUBCOMMAND --help shows every option and an example.";
+constexpr char kVersion[] = "vxhost " VX_VERSION;
+
+std::string Joined(const std::vector<const CLI::App*>& commands) {
+  std::string names;
+  for (std::size_t i = 0; i < commands.size(); ++i) {
+    if (i != 0) names += i + 1 == commands.size() ? " and " : ", ";
+    names += commands[i]->get_name();
+  }
+  return names;
+}
+
+}  // namespace
+
+CommandLine::CommandLine() : app(kAbout, "vxhost") {
+  app.footer(kFooter);
+  app.set_version_flag("--version", kVersion);
+  app.require_subcommand(1);
+  app.fallthrough();
+  app.allow_windows_style_options(false);  // a path may begin with a slash
+  moduleOptions = {
+      app.add_option("--dll", module.dll, "the module (default: OrvaneService.dll beside vxhost)"),
+      app.add_flag("--private-store", module.privateStore, "give this run a store of its own"),
+      app.add_flag("--simulate", module.simulate,
+                   "use a simulated machine, with the service that is built into vxhost and a\n"
+                   "store of its own")};
+}
+
+CLI::App& CommandLine::Add(const char* name, const char* about, const char* footer, Run function) {
+  return Add(app, name, about, footer, std::move(function));
+}
+
+CLI::App& CommandLine::Add(CLI::App& parent, const char* name, const char* about,
+                           const char* footer, Run function) {
+  CLI::App& command = *parent.add_subcommand(name, about);
+  command.footer(footer);
+  command.callback([this, &command, function = std::move(function)] {
+    chosen = &command;
+    run = function;
+  });
+  return command;
+}
+
+CLI::App& CommandLine::AddGroup(const char* name, const char* about) {
+  CLI::App& group = *app.add_subcommand(name, about);
+  group.require_subcommand(1);
+  return group;
+}
+
+void CommandLine::UseModule(const CLI::App& command) {
+  moduleUsers.push_back(&command);
+}
+
+void CommandLine::OfferJson(CLI::App& command) {
+  command.add_flag("--json", json, "one JSON object per line");
+}
+
+int CommandLine::Execute(std::vector<std::string> arguments) {
+  for (const CLI::Option* option : moduleOptions) {
+    app.get_option(option->get_name())->group("Options of " + Joined(moduleUsers));
+  }
+  try {
+    RefuseUnknownSubcommand(arguments);
+    std::reverse(arguments.begin(), arguments.end());  // the parser takes them from the end
+    app.parse(std::move(arguments));
+    RefuseUselessOptions();
+  } catch (const CLI::ParseError& error) {
+    return app.exit(error) == 0 ? kDone : kUnusable;
+  }
+  Console console(json ? LogForm::Json : LogForm::Text);
+  return run(console);
+}
+
+// The parser would only report that a subcommand is missing.
+void CommandLine::RefuseUnknownSubcommand(const std::vector<std::string>& arguments) const {
+  if (arguments.empty() || arguments.front().rfind('-', 0) == 0) return;
+  const std::string& name = arguments.front();
+  const auto known =
+      app.get_subcommands([&name](const CLI::App* command) { return command->get_name() == name; });
+  if (known.empty()) throw CLI::ValidationError("there is no subcommand \"" + name + "\"");
+}
+
+void CommandLine::RefuseUselessOptions() const {
+  if (std::find(moduleUsers.begin(), moduleUsers.end(), chosen) != moduleUsers.end()) return;
+  for (const CLI::Option* option : moduleOptions) {
+    if (option->count() == 0) continue;
+    throw CLI::ValidationError(option->get_name(), "only " + Joined(moduleUsers) + " use it");
+  }
+}
+
+}  // namespace Vx::Host

@@ -1,0 +1,67 @@
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <CLI/CLI.hpp>
+
+#include "vxhost/console.h"
+
+namespace Vx::Host {
+
+// The exit codes of the process.
+enum ExitCode : int { kDone = 0, kNotMet = 1, kUnusable = 2 };
+
+// The longest wait that an option can ask for: a day.
+constexpr int kLongestSeconds = 86'400;
+
+// Which module is used, and which store.
+struct ModuleOptions {
+  std::string dll;
+  bool privateStore = false;
+  bool simulate = false;
+};
+
+// The subcommands, and the one that the command line names. One thread.
+class CommandLine {
+ public:
+  // Returns an ExitCode and throws std::exception for a fault that the user has to correct: in the
+  // module, a file or a text.
+  using Run = std::function<int(Console&)>;
+
+  CommandLine();
+
+  // Adds a subcommand to the tool, or to `parent`. `footer` stands below its help.
+  CLI::App& Add(const char* name, const char* about, const char* footer, Run run);
+  CLI::App& Add(CLI::App& parent, const char* name, const char* about, const char* footer, Run run);
+  // Adds a subcommand that only has subcommands of its own.
+  CLI::App& AddGroup(const char* name, const char* about);
+
+  // Lets the module options precede `command`. They are refused everywhere else, where they would
+  // have no effect: the user would take the machine's store for a private one, for example.
+  void UseModule(const CLI::App& command);
+  const ModuleOptions& Module() const { return module; }
+
+  // Adds --json to `command`: log lines are written as one JSON object per line.
+  void OfferJson(CLI::App& command);
+  const bool& Json() const { return json; }
+
+  // Parses and runs. Returns the exit code of the process.
+  int Execute(std::vector<std::string> arguments);
+
+ private:
+  void RefuseUnknownSubcommand(const std::vector<std::string>& arguments) const;
+  void RefuseUselessOptions() const;
+
+  CLI::App app;
+  std::vector<const CLI::Option*> moduleOptions;
+  std::vector<const CLI::App*> moduleUsers;
+  ModuleOptions module;
+  bool json = false;
+  const CLI::App* chosen = nullptr;
+  Run run;
+};
+
+}  // namespace Vx::Host
