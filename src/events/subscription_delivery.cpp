@@ -147,21 +147,12 @@ std::optional<std::int64_t> WaitDelay(const DeliveryKind& kind, const std::wstri
     Log().LogInfo(kind.texts.noDelay);
     return 0;
   }
+  Log().LogInfo(kind.texts.delayStart, seconds);
   std::optional<std::int64_t> elapsed = 0;
-  if (IsTooLong(seconds)) {
-    Log().LogInfo(kind.texts.delayStart, seconds);
-  } else {
-    const WaitingPlace place(kind, request);
-    if (!place) {
-      Log().LogWarning(kTooManyWait, kind.name, kMostWaiting, request.c_str());
-      return std::nullopt;
-    }
-    Log().LogInfo(kind.texts.delayStart, seconds);
-    elapsed = Wait(kind.texts, seconds, stop);
-    if (!elapsed) {
-      Log().LogWarning(kServiceEnded, kind.name, request.c_str());
-      return std::nullopt;
-    }
+  if (!IsTooLong(seconds)) elapsed = Wait(kind.texts, seconds, stop);
+  if (!elapsed) {
+    Log().LogWarning(kServiceEnded, kind.name, request.c_str());
+    return std::nullopt;
   }
   Log().LogInfo(kind.texts.delayEnd, seconds);
   return elapsed;
@@ -190,12 +181,19 @@ void Deliver(const DeliveryKind& kind, const std::wstring& request, std::uint32_
   const auto subscription = kind.parse(request);
   if (subscription->Type() != eventType) return;
 
+  // Kept while the delivery waits: for its delay, and then for the command of another one.
+  std::optional<WaitingPlace> place(std::in_place, kind, request);
+  if (!*place) {
+    Log().LogWarning(kTooManyWait, kind.name, kMostWaiting, request.c_str());
+    return;
+  }
   const int delay = DelaySeconds(kind.texts, *subscription);
   const std::optional<std::int64_t> elapsed = WaitDelay(kind, request, delay, stop);
   if (!elapsed) return;
   const std::wstring trigger = TriggerOf(*subscription);
 
   const std::lock_guard guard(*kind.handleEventMutex);
+  place.reset();
   if (HasEnded(stop)) {
     Log().LogWarning(kServiceEnded, kind.name, request.c_str());
   } else if (IsOverdue(delay, *elapsed)) {

@@ -2,8 +2,11 @@
 
 #include <gmock/gmock.h>
 
+#include <algorithm>
 #include <chrono>
 #include <string>
+#include <thread>
+#include <utility>
 
 #include "events/power_events.h"
 #include "events/zephra_events.h"
@@ -69,6 +72,24 @@ TEST_F(WaitingDeliveriesTest, TheSixtyFifthOfOneSubscriptionIsDropped) {
   EXPECT_THAT(Sent(), SizeIs(65));
   Deliver(request);
   EXPECT_EQ(machine.clock.Workers(), 1U);
+}
+
+TEST_F(WaitingDeliveriesTest, CountAlsoWhileTheyWaitForTheCommandOfAnother) {
+  const std::wstring request = Delayed(L"0");
+  const auto dropped = [&] {
+    const auto lines = log.Lines();
+    return std::ranges::count_if(lines, [](const auto& line) { return line.starts_with(L"warn"); });
+  };
+  const auto deadline = std::chrono::steady_clock::now() + 20s;
+  machine.timeline.SetListener([&, first = true](const auto&) mutable {
+    if (!std::exchange(first, false)) return;
+    for (int i = 0; i < 65; ++i) PowerEventManager::handle_event(request, nullptr, 7);
+    while (dropped() == 0 && std::chrono::steady_clock::now() < deadline) std::this_thread::yield();
+  });
+  Deliver(request);
+  machine.timeline.SetListener({});
+  EXPECT_EQ(dropped(), 1);
+  EXPECT_THAT(Sent(), SizeIs(1 + 64));
 }
 
 TEST_F(WaitingDeliveriesTest, EndWithTheirServiceAndNoOther) {
