@@ -147,6 +147,25 @@ TEST_P(SealedFileHeldOrNot, AWriterKilledBeforeAnyStepLeavesTheOldContentOrTheNe
   EXPECT_EQ(torn > 0, GetParam());
 }
 
+// A host may end one of its threads. What that thread had open stays open while the process lives.
+TEST_F(SealedFileTest, AThreadTerminatedBeforeAnyStepKeepsItsProcessFromNoWrite) {
+  int step = 1;
+  for (bool survived = false; !survived && !HasFailure(); ++step) {
+    SCOPED_TRACE(step);
+    Plant(kOld);
+    Tests::StoreWorker worker(L"key 2 " + std::to_wstring(step) + L" later");
+    const DWORD code = worker.ExitCode();
+    survived = code == 0;
+    EXPECT_TRUE(survived || code == Tests::kKilled) << code;
+    const auto value = Value();
+    EXPECT_TRUE(value == kNew || (value == kOld && !survived));
+    EXPECT_TRUE(Held() && Held()->Find("later"));
+    const CapDataStore next;
+    EXPECT_THAT(Siblings(), IsEmpty());
+  }
+  EXPECT_GT(step, 7);
+}
+
 TEST_F(SealedFileTest, AWriteFlushesASiblingAndThenRenamesIt) {
   std::vector<std::string> steps;
   CapDataStore store;

@@ -3,6 +3,8 @@
 //   store_worker NOTES PROCESS  increments members until the notes end the storm
 //   store_worker KEY VALUE STEP  stores the value under the key, and ends itself before that step
 //                                of the write, counted from 1
+//   store_worker KEY VALUE STEP LATER  the same with only the thread that writes, and then stores a
+//                                      value under LATER
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
@@ -16,6 +18,7 @@
 #include <windows.h>
 
 #include "platform/machine.h"
+#include "platform/unique_handle.h"
 #include "platform/windows_runtime_error.h"
 #include "storage/cap_data_store.h"
 #include "storage/store_faults.h"
@@ -53,27 +56,54 @@ void Storm(const std::wstring& name, std::size_t self) {
   for (std::thread& writer : writers) writer.join();
 }
 
-bool WriteUpTo(const std::string& key, std::int32_t value, int lastStep) {
+enum class Ends { Process, Thread };
+
+// One write, before a step of which its process or thread ends.
+class EndedWrite {
+ public:
+  EndedWrite(const std::vector<std::wstring>& arguments, Ends ends)
+      : key(arguments[0].begin(), arguments[0].end()), value(std::stoi(arguments[1])) {
+    files.onStep = [ends, left = std::stoi(arguments[2])](const char*) mutable {
+      if (--left != 0) return 0U;
+      if (ends == Ends::Thread) TerminateThread(GetCurrentThread(), Vx::Tests::kKilled);
+      TerminateProcess(GetCurrentProcess(), Vx::Tests::kKilled);
+      return 0U;
+    };
+  }
+
+  // Returns an exit code.
+  int Run() const { return CapDataStore().persist(key, BsonElement::Int32(value)) ? 0 : 3; }
+
+  // Likewise, of the thread that writes.
+  int RunOnAThread() const {
+    const Vx::Platform::UniqueHandle thread(CreateThread(
+        nullptr, 0,
+        [](void* self) { return static_cast<DWORD>(static_cast<const EndedWrite*>(self)->Run()); },
+        const_cast<EndedWrite*>(this), 0, nullptr));
+    WaitForSingleObject(thread.get(), INFINITE);
+    DWORD code = 2;
+    GetExitCodeThread(thread.get(), &code);
+    return static_cast<int>(code);
+  }
+
+ private:
+  const std::string key;
+  const std::int32_t value;
   Vx::Tests::FaultyFiles files;
-  int steps = 0;
-  const Vx::Platform::MachineScope scope(
-      [&](Vx::Platform::Machine& machine) { machine.files = &files; });
-  CapDataStore store;
-  files.onStep = [&](const char*) {
-    if (++steps == lastStep) TerminateProcess(GetCurrentProcess(), Vx::Tests::kKilled);
-    return 0U;
-  };
-  return store.persist(key, BsonElement::Int32(value));
-}
+  const Vx::Platform::MachineScope scope{
+      [this](Vx::Platform::Machine& machine) { machine.files = &files; }};
+};
 
 int Run(const std::vector<std::wstring>& arguments) {
   if (arguments.size() == 2) {
     Storm(arguments[0], std::stoul(arguments[1]));
     return 0;
   }
-  if (arguments.size() != 3) return 1;
-  const std::string key(arguments[0].begin(), arguments[0].end());
-  return WriteUpTo(key, std::stoi(arguments[1]), std::stoi(arguments[2])) ? 0 : 3;
+  if (arguments.size() == 3) return EndedWrite(arguments, Ends::Process).Run();
+  if (arguments.size() != 4) return 1;
+  const int code = EndedWrite(arguments, Ends::Thread).RunOnAThread();
+  const std::string later(arguments[3].begin(), arguments[3].end());
+  return CapDataStore().persist(later, BsonElement::Int32(1)) ? code : 3;
 }
 
 }  // namespace
