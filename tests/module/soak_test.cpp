@@ -2,6 +2,7 @@
 // services. The variable VX_STEPS sets how many, see scripts/soak.
 
 #include <algorithm>
+#include <cstdint>
 #include <cstdio>
 #include <iterator>
 #include <thread>
@@ -38,8 +39,12 @@ struct Figures {
 
 class SoakTest : public ModuleTest {
  protected:
-  static Figures Measure(const char* when) {
-    const Figures figures{HandleGauge(), ThreadCount(), MeasureMemory()};
+  // After a rest until threads and handles are `before` again: threads of the system come and go,
+  // and hold handles and a stack meanwhile.
+  static Figures Measure(const char* when, const Figures& before) {
+    static_cast<void>(ThreadsEnd(before.threads));
+    const std::uintptr_t handles = RestingHandleGauge(before.handles);
+    const Figures figures{handles, ThreadCount(), MeasureMemory()};
     std::printf("%-22s highest handle 0x%zx, %zu threads, %zu KiB committed, %zu bytes in blocks\n",
                 when, static_cast<std::size_t>(figures.handles), figures.threads,
                 figures.memory.committed / 1024, figures.memory.heap);
@@ -119,12 +124,12 @@ TEST_F(SoakTest, DeliveriesAndCommandsLeaveNothing) {
   ReachTheMostThreads();
   Deliver(300);
   Command(300);
-  const Figures warm = Measure("warm");
+  const Figures warm = Measure("warm", {.handles = UINTPTR_MAX, .threads = quiet, .memory = {}});
   Deliver(steps);
-  const Figures delivered = Measure("after the deliveries");
+  const Figures delivered = Measure("after the deliveries", warm);
   ExpectFlat(warm, delivered);
   Command(steps);
-  ExpectFlat(delivered, Measure("after the commands"));
+  ExpectFlat(delivered, Measure("after the commands", delivered));
 }
 
 // Services that live at the same time in several hosts' threads, each used by several callers. The
