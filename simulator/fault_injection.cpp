@@ -290,8 +290,9 @@ class FaultyFiles final : public Decorator<Platform::Files> {
   Result<std::wstring> FinalPathOf(Platform::RawHandle file) const override {
     return Or("Files.FinalPathOf", [&] { return inner.FinalPathOf(file); });
   }
-  Result<std::vector<Platform::AccessEntry>> FolderAccess(
-      const std::wstring& folder) const override {
+  bool IsElsewhere(const std::wstring& path) const override { return inner.IsElsewhere(path); }
+
+  Result<Platform::AccessList> FolderAccess(const std::wstring& folder) const override {
     return Or("Files.FolderAccess", [&] { return inner.FolderAccess(folder); });
   }
   Opened Open(const std::wstring& path, Platform::FileUse use) override {

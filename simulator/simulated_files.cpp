@@ -117,8 +117,11 @@ Result<std::wstring> SimulatedFiles::FinalPathOf(Platform::RawHandle file) const
   return RealFiles().FinalPathOf(file);
 }
 
-Result<std::vector<Platform::AccessEntry>> SimulatedFiles::FolderAccess(
-    const std::wstring& folder) const {
+bool SimulatedFiles::IsElsewhere(const std::wstring& path) const {
+  return !Holds(path) && RealFiles().IsElsewhere(path);
+}
+
+Result<Platform::AccessList> SimulatedFiles::FolderAccess(const std::wstring& folder) const {
   return RealFiles().FolderAccess(folder);
 }
 

@@ -35,8 +35,8 @@ class SimulatedFiles : public Platform::Files {
   Platform::Result<std::wstring> FullPath(const std::wstring& path) const override;
   Platform::Result<std::wstring> FinalPath(const std::wstring& path) const override;
   Platform::Result<std::wstring> FinalPathOf(Platform::RawHandle file) const override;
-  Platform::Result<std::vector<Platform::AccessEntry>> FolderAccess(
-      const std::wstring& folder) const override;
+  bool IsElsewhere(const std::wstring& path) const override;
+  Platform::Result<Platform::AccessList> FolderAccess(const std::wstring& folder) const override;
 
   // For the real files only.
   Opened Open(const std::wstring& path, Platform::FileUse use) override;

@@ -13,6 +13,7 @@
 #include "json/json_text.h"
 #include "platform/windows_runtime_error.h"
 #include "security/file_trust.h"
+#include "security/trusted_program.h"
 #include "vxhost/text.h"
 
 namespace Vx::Host {
@@ -72,6 +73,10 @@ void CheckDelay(const Json::JsonObject& params, Report& report) {
 }
 
 void CheckProgram(const LaunchCommand& command, Report& report) {
+  if (const wchar_t* why = Tessel::Security::TrustedProgram::WhyNotOpened(command.Path())) {
+    report.Bad("the path " + Utf8(why));
+    return;
+  }
   const auto keys = Tessel::Security::RestrictedKeys();
   const auto trust = Tessel::Security::JudgeFile(command.Path(), keys);
   if (trust.trusted) {

@@ -11,6 +11,7 @@ namespace Vx::Platform {
 
 // The capacity for paths of this system itself, in characters including the terminator.
 inline constexpr std::size_t kShortPath = 260;
+inline constexpr std::size_t kLongestPath = 32767;
 
 // Environment variables of the process and of users.
 class Environment {

@@ -18,8 +18,13 @@ namespace Vx::Platform {
 struct AccessEntry {
   bool allowed = false;  // an access-allowed entry
   std::uint32_t mask = 0;
-  std::wstring accountName;  // empty when the SID has no account
-  std::wstring accountDomain;
+  std::wstring sid;  // as text, "S-1-..."; empty for other kinds of entries
+};
+
+// A discretionary access list and the owner.
+struct AccessList {
+  std::wstring owner;  // a SID as text
+  std::vector<AccessEntry> entries;
 };
 
 // Files and folders by full path. Every error is a Win32 code; zero is success.
@@ -54,7 +59,7 @@ class Files {
   virtual ErrorCode Remove(const std::wstring& path) = 0;
 
   // Opens `path` for reading with read sharing only. While the handle lives, the file cannot be
-  // written, renamed or deleted.
+  // written, renamed or deleted. ERROR_BAD_FILE_TYPE for a pipe or a device.
   virtual Result<UniqueHandle> OpenReadLocked(const std::wstring& path) const = 0;
 
   // The SHA-256 of the file's content, 32 bytes. Reads the file in pieces.
@@ -64,6 +69,9 @@ class Files {
   // trailing dots and blanks. Looks at the text only, so the file need not exist.
   virtual Result<std::wstring> FullPath(const std::wstring& path) const = 0;
 
+  // Whether `path`, which begins with a drive, is on a drive of another machine or of none.
+  virtual bool IsElsewhere(const std::wstring& path) const = 0;
+
   // Returns where the existing file `path` really is, after links, mount points and short names,
   // without the "\\?\" in front.
   virtual Result<std::wstring> FinalPath(const std::wstring& path) const = 0;
@@ -71,8 +79,9 @@ class Files {
   // The same for an open file.
   virtual Result<std::wstring> FinalPathOf(RawHandle file) const = 0;
 
-  // The discretionary access list of a folder. Fails if it cannot be read or if there is none.
-  virtual Result<std::vector<AccessEntry>> FolderAccess(const std::wstring& folder) const = 0;
+  // The owner and the discretionary access list of a folder. Fails if it cannot be read or if there
+  // is none.
+  virtual Result<AccessList> FolderAccess(const std::wstring& folder) const = 0;
 
   // Opens the existing file `path` itself: a link is not followed.
   virtual Opened Open(const std::wstring& path, FileUse use) = 0;

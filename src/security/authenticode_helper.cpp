@@ -57,7 +57,11 @@ constexpr const wchar_t* kAllowedPrefixes[] = {L"%windir%\\", L"%PROGRAMFILES(x8
                                                L"%PROGRAMFILES%\\"};
 constexpr wchar_t kWindowsApps[] = L":\\WindowsApps\\";
 
-constexpr std::size_t kMaxPathChars = 32767;
+// The accounts "SYSTEM" and "TrustedInstaller" in every language.
+constexpr wchar_t kSystem[] = L"S-1-5-18";
+constexpr wchar_t kTrustedInstaller[] =
+    L"S-1-5-80-956008885-3418522649-1831038044-1853292631-2271478464";
+
 constexpr std::uint32_t kGenericAll = 1U << 28;
 constexpr int kAccessAttempts = 5;
 constexpr std::chrono::milliseconds kAccessPause{250};
@@ -85,7 +89,7 @@ const wchar_t* FailureText(Platform::CatalogStep step) noexcept {
 
 // Returns `text` with its variables expanded, or an empty text if Windows fails.
 std::wstring Expanded(const std::wstring& text) {
-  auto expanded = CurrentMachine().environment->Expand(text, kMaxPathChars);
+  auto expanded = CurrentMachine().environment->Expand(text, Platform::kLongestPath);
   return expanded ? *std::move(expanded) : std::wstring();
 }
 
@@ -157,19 +161,13 @@ bool VxAuthenticodeHelper::IsPathAllowed(const std::wstring& path) const {
 // is refused.
 PathVerdict VxAuthenticodeHelper::JudgePath(const std::wstring& path) const {
   PathVerdict verdict;
-  const auto expanded = CurrentMachine().environment->Expand(path, kMaxPathChars);
+  const auto expanded = CurrentMachine().environment->Expand(path, Platform::kLongestPath);
   if (!expanded) {
     logger->LogError(kExpandFailed, kIsPathAllowed, path.c_str(),
                      static_cast<int>(expanded.Error()));
     return verdict;
   }
-  // Expands only a path from the root of a drive. Any other path matches no prefix, and its full
-  // form would depend on the service's own folder.
-  verdict.fullPath = *expanded;
-  if (IsDrivePath(*expanded)) {
-    const auto full = CurrentMachine().files->FullPath(*expanded);
-    if (full) verdict.fullPath = *full;
-  }
+  verdict.fullPath = FullText(*expanded);
   const auto place = FindPlace(verdict.fullPath, Misses::Logged);
   if (!place) {
     verdict.outcome = PathOutcome::OutsidePrefixes;
@@ -196,6 +194,22 @@ PathVerdict VxAuthenticodeHelper::JudgePath(const std::wstring& path) const {
                   [this](const auto& folder) { return HasFullControlWithRetries(folder); });
   verdict.outcome = closed ? PathOutcome::Allowed : PathOutcome::OpenFolder;
   return verdict;
+}
+
+bool VxAuthenticodeHelper::MayBeAllowed(const std::wstring& path) const {
+  const std::wstring full = FullText(path);
+  const bool plain = IsPlainPath(full);
+  if (plain && FindPlace(full, Misses::Silent)) return true;
+  if (FindPlace(full, Misses::Logged)) logger->LogError(kNotPlain, kIsPathAllowed, full.c_str());
+  return false;
+}
+
+// The full form of a path from the root of a drive. Any other path matches no prefix, and its full
+// form would depend on the service's own folder.
+std::wstring VxAuthenticodeHelper::FullText(const std::wstring& expanded) const {
+  if (!IsDrivePath(expanded)) return expanded;
+  auto full = CurrentMachine().files->FullPath(expanded);
+  return full ? *std::move(full) : expanded;
 }
 
 // The WindowsApps folder of %PROGRAMFILES% is below a prefix, but is still judged by its access
@@ -272,14 +286,13 @@ bool VxAuthenticodeHelper::HasFullControl(const std::wstring& folder,
     }
     bool trustedInstaller = false;
     bool system = false;
-    for (const Platform::AccessEntry& entry : *access) {
+    for (const Platform::AccessEntry& entry : access->entries) {
       if (!entry.allowed || (entry.mask & kGenericAll) == 0) continue;
-      if (entry.accountDomain == L"NT SERVICE" && entry.accountName == L"TrustedInstaller") {
-        trustedInstaller = true;
-      }
-      if (entry.accountDomain == L"NT AUTHORITY" && entry.accountName == L"SYSTEM") system = true;
+      if (entry.sid == kTrustedInstaller) trustedInstaller = true;
+      if (entry.sid == kSystem) system = true;
     }
-    return trustedInstaller && system;
+    const bool owned = access->owner == kTrustedInstaller || access->owner == kSystem;
+    return owned && trustedInstaller && system;
   } catch (...) {
     logger->LogError(kAccessException);
     return false;

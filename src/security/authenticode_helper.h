@@ -60,8 +60,13 @@ class VxAuthenticodeHelper {
   // The same decision with its reasons.
   PathVerdict JudgePath(const std::wstring& path) const;
 
-  // Whether `folder` grants GENERIC_ALL to both NT SERVICE\TrustedInstaller and
-  // NT AUTHORITY\SYSTEM.
+  // The part of the decision that needs only the text: false when no file that it names could be
+  // in an allowed place. Opens nothing. Logs only a refusal, with the lines of the rule.
+  bool MayBeAllowed(const std::wstring& path) const;
+
+  // Whether `folder` belongs to SYSTEM or TrustedInstaller and grants GENERIC_ALL to both. An entry
+  // alone proves nothing: whoever makes a folder may add any. Accounts are compared by SID, since
+  // their names depend on the language of Windows.
   bool CheckForFullConrolByTrustedInstallAndSystem(const std::wstring& folder) const;
 
   // Opens `path` for reading with read sharing only, so that it cannot be replaced between a trust
@@ -75,6 +80,7 @@ class VxAuthenticodeHelper {
   };
   enum class Misses { Logged, Silent };
 
+  std::wstring FullText(const std::wstring& expanded) const;
   std::optional<Place> FindPlace(const std::wstring& fullPath, Misses misses) const;
   bool ResolveFinalPath(const std::wstring& path, const std::wstring& expanded,
                         PathVerdict& verdict) const;

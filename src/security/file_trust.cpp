@@ -82,7 +82,7 @@ std::wstring PlaceText(const PathVerdict& place) {
       return place.fullPath + L" leads to " + place.finalPath;
     case PathOutcome::OpenFolder:
       return place.appFolders.back() +
-             L" does not grant full control to both TrustedInstaller and SYSTEM";
+             L" is not TrustedInstaller's or SYSTEM's own, or not under full control of both";
   }
   return {};
 }

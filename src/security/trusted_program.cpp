@@ -1,16 +1,25 @@
 #include "security/trusted_program.h"
 
+#include <algorithm>
 #include <optional>
 #include <utility>
 
+#include "host/logging.h"
+#include "platform/environment.h"
 #include "platform/files.h"
 #include "platform/machine.h"
 #include "security/authenticode_facade.h"
 #include "security/authenticode_helper.h"
+#include "security/path_rules.h"
 
 namespace Vx::Tessel::Security {
 
 namespace {
+
+using Server::Logging::kComponentProvider;
+using Server::Logging::LogManager;
+
+constexpr wchar_t kRefusedText[] = L"TrustedProgram - [%s] is not opened, because it %s";
 
 // Returns what to start for `path`, judged while `lock` holds the file. Empty when that is not
 // trusted.
@@ -30,8 +39,27 @@ std::optional<std::wstring> JudgeLocked(const std::wstring& path, Platform::RawH
 TrustedProgram::TrustedProgram(std::wstring judged, Platform::UniqueHandle held)
     : path(std::move(judged)), lock(std::move(held)) {}
 
+// The text that is judged must be the text that is opened: a pipe or a share would get a connection
+// of SYSTEM before any signature is looked at.
+const wchar_t* TrustedProgram::WhyNotOpened(const std::wstring& path) {
+  if (!IsDrivePath(path)) return L"is not a full path on a drive";
+  const bool control = std::ranges::any_of(path, [](wchar_t c) { return c < L' '; });
+  if (control) return L"holds a control character";
+  const auto expanded =
+      Platform::CurrentMachine().environment->Expand(path, Platform::kLongestPath);
+  if (!expanded || *expanded != path) return L"holds a variable";
+  if (Platform::CurrentMachine().files->IsElsewhere(path)) return L"is on no drive of this machine";
+  return nullptr;
+}
+
 std::unique_ptr<const TrustedProgram> TrustedProgram::Check(const std::wstring& path) {
+  if (const wchar_t* reason = WhyNotOpened(path)) {
+    LogManager::SetProvider(kComponentProvider)->LogWarning(kRefusedText, path.c_str(), reason);
+    return nullptr;
+  }
   const VxAuthenticodeHelper helper;
+  // A file elsewhere is not even read: hashing a huge one would take a minute.
+  if (!helper.MayBeAllowed(path)) return nullptr;
   Platform::UniqueHandle lock = helper.AquireFileReadOnlyLock(path);
   if (lock == nullptr) {
     if (!VxAuthenticodeFacade().IsFileTrustedRestricted(path.c_str())) return nullptr;

@@ -14,12 +14,16 @@ class TrustedProgram {
  public:
   // Locks `path` and judges it against the restricted keys. Returns null when the program cannot be
   // locked or is not trusted. Logs each step but not the refusal. Blocks for as long as
-  // VxAuthenticodeFacade.
+  // VxAuthenticodeFacade. Opens only a file whose text WhyNotOpened and the path rule accept.
   //
   // A lock that is refused does not end the check. If the program is then found trusted, the lock
   // is tried once more and the program is judged again under it, because the process that kept the
   // first lock from being taken could have changed the file since.
   static std::unique_ptr<const TrustedProgram> Check(const std::wstring& path);
+
+  // Returns why no program of this text is opened, as the end of "because it ...". Null when it is
+  // a full path on a drive of this machine, without variables. Opens nothing; any thread.
+  static const wchar_t* WhyNotOpened(const std::wstring& path);
 
   TrustedProgram(const TrustedProgram&) = delete;
   TrustedProgram& operator=(const TrustedProgram&) = delete;

@@ -25,6 +25,7 @@ namespace {
 
 using namespace std::chrono_literals;
 using Platform::AccessEntry;
+using Platform::AccessList;
 using Platform::CatalogStep;
 using Platform::Result;
 using Platform::SignatureVerdict;
@@ -85,14 +86,14 @@ class FakePlaces : public Simulator::SimulatedFiles {
     return found != finalPaths.end() ? found->second : SimulatedFiles::FinalPath(path);
   }
   // Returns the elements of `access` in turn. The last one repeats.
-  Result<std::vector<AccessEntry>> FolderAccess(const std::wstring& folder) const override {
+  Result<AccessList> FolderAccess(const std::wstring& folder) const override {
     folders.push_back(folder);
     if (access.empty()) throw std::runtime_error("no answer");
     return access.at(std::min(folders.size(), access.size()) - 1);
   }
 
   std::map<std::wstring, std::wstring> finalPaths;
-  std::vector<Result<std::vector<AccessEntry>>> access;
+  std::vector<Result<AccessList>> access;
   mutable std::vector<std::wstring> folders;
 };
 
@@ -345,11 +346,15 @@ TEST(FormatPublicKey, WritesTwoLowerCaseDigitsPerByteWithSingleBlanksBetween) {
   EXPECT_EQ(FormatPublicKey({}), "");
 }
 
-AccessEntry Entry(const wchar_t* domain, const wchar_t* name, std::uint32_t mask = kGenericAll) {
-  return {.allowed = true, .mask = mask, .accountName = name, .accountDomain = domain};
+AccessEntry Entry(const wchar_t* sid, std::uint32_t mask = kGenericAll) {
+  return {.allowed = true, .mask = mask, .sid = sid};
 }
-const AccessEntry kInstaller = Entry(L"NT SERVICE", L"TrustedInstaller");
-const AccessEntry kSystem = Entry(L"NT AUTHORITY", L"SYSTEM");
+constexpr wchar_t kInstallerSid[] =
+    L"S-1-5-80-956008885-3418522649-1831038044-1853292631-2271478464";
+constexpr wchar_t kSystemSid[] = L"S-1-5-18";
+const AccessEntry kInstaller = Entry(kInstallerSid);
+const AccessEntry kSystem = Entry(kSystemSid);
+const AccessList kBoth{.owner = kInstallerSid, .entries = {kInstaller, kSystem}};
 
 TEST_F(PathVerdictTest, ChecksTheAccessOfWindowsAppsFoldersOnly) {
   const std::wstring inPrograms = L"C:\\Program Files\\WindowsApps\\Vx.App\\app.exe";
@@ -373,36 +378,38 @@ TEST_F(PathVerdictTest, ChecksTheAccessOfWindowsAppsFoldersOnly) {
     SCOPED_TRACE(c.name);
     places.finalPaths = {{c.path, c.finalPath}};
     places.folders.clear();
-    places.access = {std::vector{kInstaller, kSystem}};
+    places.access = {kBoth};
     EXPECT_TRUE(helper.IsPathAllowed(c.path));
     EXPECT_EQ(places.folders, c.folders);
-    places.access = {std::vector{kInstaller}};
+    places.access = {AccessList{.owner = kInstallerSid, .entries = {kInstaller}}};
     EXPECT_EQ(helper.IsPathAllowed(c.path), c.folders.empty());
   }
 }
 
-TEST_F(PathVerdictTest, DemandsGenericAllForBothAccounts) {
+TEST_F(PathVerdictTest, DemandsGenericAllForBothAccountsAndOneOfThemAsOwner) {
   AccessEntry denied = kSystem;
   denied.allowed = false;
-  const auto weakInstaller = Entry(L"NT SERVICE", L"TrustedInstaller", kFullControl);
-  const auto weakSystem = Entry(L"NT AUTHORITY", L"SYSTEM", kFullControl);
+  const auto weakInstaller = Entry(kInstallerSid, kFullControl);
+  const auto weakSystem = Entry(kSystemSid, kFullControl);
   const struct {
     const char* name;
     std::vector<AccessEntry> access;
     bool full;
+    const wchar_t* owner = kInstallerSid;
   } kCases[] = {
-      {"both, others between", {kSystem, Entry(L"BUILTIN", L"Users"), kInstaller}, true},
+      {"of SYSTEM", {kSystem, kInstaller}, true, kSystemSid},
+      {"of an administrator", {kSystem, kInstaller}, false, L"S-1-5-32-544"},
+      {"of nobody known", {kSystem, kInstaller}, false, L""},
+      {"both, others between", {kSystem, Entry(L"S-1-5-32-545"), kInstaller}, true},
       {"only TrustedInstaller", {kInstaller}, false},
       {"only SYSTEM", {kSystem, kSystem}, false},
       {"an installer without the generic bit", {weakInstaller, kSystem}, false},
       {"a SYSTEM without the generic bit", {kInstaller, weakSystem}, false},
       {"SYSTEM denied", {kInstaller, denied}, false},
-      {"other letter case", {Entry(L"NT SERVICE", L"trustedinstaller"), kSystem}, false},
-      {"TrustedInstaller of another domain", {Entry(L"PC", L"TrustedInstaller"), kSystem}, false},
-      {"SYSTEM of another domain", {kInstaller, Entry(L"PC", L"SYSTEM")}, false},
+      {"another service", {Entry(L"S-1-5-80-1-2-3-4-5"), kSystem}, false},
   };
   for (const auto& c : kCases) {
-    places.access = {c.access};
+    places.access = {AccessList{.owner = c.owner, .entries = c.access}};
     EXPECT_EQ(helper.CheckForFullConrolByTrustedInstallAndSystem(L"D:\\WindowsApps"), c.full)
         << c.name;
   }
@@ -411,7 +418,7 @@ TEST_F(PathVerdictTest, DemandsGenericAllForBothAccounts) {
 TEST_F(PathVerdictTest, TriesFiveTimesWithPausesBetweenUntilTheFirstSuccess) {
   const std::wstring path = L"D:\\WindowsApps\\app.exe";
   places.finalPaths[path] = path;
-  const auto failure = Result<std::vector<AccessEntry>>::Failure(5);
+  const auto failure = Result<AccessList>::Failure(5);
   places.access = {failure};
   const Tests::LogCapture log;
   EXPECT_FALSE(helper.IsPathAllowed(path));
@@ -423,7 +430,7 @@ TEST_F(PathVerdictTest, TriesFiveTimesWithPausesBetweenUntilTheFirstSuccess) {
                                             L" of 5 times. Error Code = 5");
   }
   places.folders.clear();
-  places.access = {failure, failure, std::vector{kInstaller, kSystem}};
+  places.access = {failure, failure, kBoth};
   EXPECT_TRUE(helper.IsPathAllowed(path));
   EXPECT_EQ(clock.Elapsed(), 6 * 250ms);
 }
@@ -440,10 +447,10 @@ TEST(FolderAccess, ReadsTheAccountsOfARealFolder) {
   const ProtectedFolder folder;
   const auto access = real.FolderAccess(folder.Path());
   ASSERT_TRUE(access);
-  EXPECT_TRUE(std::any_of(access->begin(), access->end(), [](const AccessEntry& entry) {
-    return entry.allowed && entry.accountDomain == kSystem.accountDomain &&
-           entry.accountName == kSystem.accountName;
-  }));
+  EXPECT_TRUE(access->owner.starts_with(L"S-1-5-")) << testing::PrintToString(access->owner);
+  EXPECT_TRUE(std::any_of(
+      access->entries.begin(), access->entries.end(),
+      [](const AccessEntry& entry) { return entry.allowed && entry.sid == kSystem.sid; }));
   EXPECT_EQ(real.FolderAccess(folder / L"not there").Error(), 2U);
 }
 

@@ -6,8 +6,11 @@
 
 #include <gmock/gmock.h>
 
+#include <windows.h>
+
 #include "platform/files.h"
 #include "platform/machine.h"
+#include "platform/unique_handle.h"
 #include "security/authenticode_helper.h"
 #include "support/directory_link.h"
 #include "support/log_capture.h"
@@ -19,7 +22,12 @@ namespace Vx::Tessel::Security {
 
 namespace {
 
+using testing::AllOf;
+using testing::Each;
 using testing::ElementsAre;
+using testing::EndsWith;
+using testing::HasSubstr;
+using testing::StartsWith;
 
 constexpr wchar_t kPinned[] = L"pinned.exe";
 
@@ -70,6 +78,49 @@ TEST(TrustedProgramTest, KeepsItsFileFromBeingReplacedUntilItGoes) {
   EXPECT_NE(files.MoveOver(path, folder / L"moved.exe"), 0U);
   program.reset();
   EXPECT_EQ(files.Remove(path), 0U);
+}
+
+// A pipe would get a connection of SYSTEM, and a read from it could block for ever.
+TEST(TrustedProgramTest, OpensNothingWhoseTextIsNoFileInAnAllowedPlace) {
+  const std::wstring pipe = LR"(\\.\pipe\VxTest-)" + std::to_wstring(GetCurrentProcessId());
+  const Platform::UniqueHandle server = Platform::AdoptFile(CreateNamedPipeW(
+      pipe.c_str(), PIPE_ACCESS_DUPLEX, PIPE_TYPE_BYTE | PIPE_NOWAIT, 1, 64, 64, 0, nullptr));
+  ASSERT_NE(server, nullptr);
+  const std::wstring notOnADrive = L"is not a full path on a drive";
+  const std::wstring outside;  // the lines of the path rule
+  const struct {
+    std::wstring path;
+    std::wstring reason;
+  } cases[] = {
+      {pipe, notOnADrive},
+      {LR"(\\localhost)" + pipe.substr(3), notOnADrive},
+      {LR"(\\?\C:\windows\explorer.exe)", notOnADrive},
+      {LR"(\\server\share\x.exe)", notOnADrive},
+      {L"explorer.exe", notOnADrive},
+      {L"C:explorer.exe", notOnADrive},
+      {LR"(%windir%\explorer.exe)", notOnADrive},
+      {LR"(C:\windows\%OS%\x.exe)", L"holds a variable"},
+      {std::wstring(L"C:\\windows\\explorer.exe\0.txt", 28), L"holds a control character"},
+      {LR"(Q:\WindowsApps\App\x.exe)", L"is on no drive of this machine"},
+      {LR"(C:\users\x.exe)", outside},
+      {LR"(C:\windows\..\users\x.exe)", outside},
+      {LR"(C:\windows\COM1)", outside},
+      {LR"(C:\windows\explorer.exe:stream)", outside},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(testing::PrintToString(c.path));
+    const Tests::LogCapture log;
+    EXPECT_EQ(Checked(c.path), L"");
+    if (!c.reason.empty()) {
+      EXPECT_THAT(log.Lines(), ElementsAre(AllOf(StartsWith(L"warning|TrustedProgram - ["),
+                                                 EndsWith(L"because it " + c.reason))));
+    } else {
+      EXPECT_THAT(log.Lines(), Each(HasSubstr(L"VxAuthenticodeHelper::IsPathAllowed - ")));
+      EXPECT_FALSE(log.Lines().empty());
+    }
+  }
+  EXPECT_FALSE(ConnectNamedPipe(server.get(), nullptr));
+  EXPECT_EQ(GetLastError(), DWORD{ERROR_PIPE_LISTENING}) << "nothing has connected";
 }
 
 TEST(FileLock, KeepsTheFileFromBeingReplacedUntilItGoes) {

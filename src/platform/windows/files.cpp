@@ -12,6 +12,7 @@
 
 #include <aclapi.h>
 #include <bcrypt.h>
+#include <sddl.h>
 
 #include "platform/windows/capabilities.h"
 #include "platform/windows/file_handle.h"
@@ -27,6 +28,7 @@ constexpr wchar_t kWildcards[] = L"*?<>\"";
 // Turns path parsing off. Contains a question mark that is not a wildcard.
 constexpr std::wstring_view kVerbatimPrefix = L"\\\\?\\";
 
+constexpr DWORD kShareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
 constexpr DWORD kReadStep = 1U << 30;
 constexpr std::size_t kHashStep = std::size_t{64} * 1024;
 constexpr std::size_t kSha256Bytes = 32;
@@ -69,23 +71,12 @@ ErrorCode HashContent(RawHandle file, BCRYPT_HASH_HANDLE hash) {
   }
 }
 
-void LookUpAccount(PSID sid, AccessEntry& entry) {
-  DWORD nameLength = 0;
-  DWORD domainLength = 0;
-  SID_NAME_USE use{};
-  LookupAccountSidW(nullptr, sid, nullptr, &nameLength, nullptr, &domainLength, &use);
-  if (nameLength == 0) return;
-  std::wstring name(nameLength, L'\0');
-  std::wstring domain(std::max<DWORD>(domainLength, 1), L'\0');
-  if (LookupAccountSidW(nullptr, sid, name.data(), &nameLength, domain.data(), &domainLength,
-                        &use) == FALSE) {
-    return;
-  }
-  // On success both lengths exclude the terminator.
-  name.resize(nameLength);
-  domain.resize(domainLength);
-  entry.accountName = std::move(name);
-  entry.accountDomain = std::move(domain);
+// Returns the SID as text, or an empty text for none.
+std::wstring SidText(PSID sid) {
+  wchar_t* raw = nullptr;
+  if (sid == nullptr || ConvertSidToStringSidW(sid, &raw) == FALSE) return {};
+  const UniqueLocalMemory<wchar_t> text(raw);
+  return text.get();
 }
 
 // `call(buffer, size)` returns the length without the terminator, the size that it needs, or zero.
@@ -184,8 +175,7 @@ class RealFiles final : public Files {
   }
 
   Result<UniqueHandle> OpenReadLocked(const std::wstring& path) const override {
-    UniqueHandle file = AdoptFile(CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr,
-                                              OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
+    UniqueHandle file = OpenDiskFile(path, GENERIC_READ, FILE_SHARE_READ);
     if (file == nullptr) return Result<UniqueHandle>::Failure(GetLastError());
     return file;
   }
@@ -223,10 +213,13 @@ class RealFiles final : public Files {
     });
   }
 
+  bool IsElsewhere(const std::wstring& path) const override {
+    const UINT type = GetDriveTypeW((path.substr(0, 2) + L"\\").c_str());
+    return type == DRIVE_REMOTE || type == DRIVE_NO_ROOT_DIR;
+  }
+
   Result<std::wstring> FinalPath(const std::wstring& path) const override {
-    const UniqueHandle file = AdoptFile(CreateFileW(
-        path.c_str(), FILE_READ_ATTRIBUTES, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
-        nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
+    const UniqueHandle file = OpenDiskFile(path, FILE_READ_ATTRIBUTES, kShareAll);
     if (!file) return Result<std::wstring>::Failure(GetLastError());
     return FinalPathOf(file.get());
   }
@@ -239,8 +232,8 @@ class RealFiles final : public Files {
     return text;
   }
 
-  Result<std::vector<AccessEntry>> FolderAccess(const std::wstring& folder) const override {
-    using Entries = Result<std::vector<AccessEntry>>;
+  Result<AccessList> FolderAccess(const std::wstring& folder) const override {
+    using Entries = Result<AccessList>;
     PSID owner = nullptr;
     PSID group = nullptr;
     PACL list = nullptr;
@@ -253,7 +246,7 @@ class RealFiles final : public Files {
     const UniqueLocalMemory<void> descriptor(raw);
     if (error != ERROR_SUCCESS) return Entries::Failure(error);
     if (list == nullptr) return Entries::Failure(ERROR_NO_SECURITY_ON_OBJECT);
-    std::vector<AccessEntry> entries;
+    AccessList access{.owner = SidText(owner), .entries = {}};
     for (DWORD i = 0; i < list->AceCount; ++i) {
       void* ace = nullptr;
       if (GetAce(list, i, &ace) == FALSE) continue;
@@ -263,11 +256,11 @@ class RealFiles final : public Files {
       if (entry.allowed) {
         auto* allowed = static_cast<ACCESS_ALLOWED_ACE*>(ace);
         entry.mask = allowed->Mask;
-        LookUpAccount(&allowed->SidStart, entry);
+        entry.sid = SidText(&allowed->SidStart);
       }
-      entries.push_back(std::move(entry));
+      access.entries.push_back(std::move(entry));
     }
-    return entries;
+    return access;
   }
 
   Opened Open(const std::wstring& path, FileUse use) override { return OpenFileHandle(path, use); }

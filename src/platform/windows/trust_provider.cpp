@@ -17,6 +17,7 @@
 
 #include "platform/unique_handle.h"
 #include "platform/windows/capabilities.h"
+#include "platform/windows/file_handle.h"
 #include "platform/windows/signature_verification.h"
 #include "platform/windows/system_library.h"
 
@@ -132,9 +133,8 @@ class WindowsTrust final : public TrustProvider {
     };
     const auto admin = OpenCatalogs();
     if (!admin) return failed(CatalogStep::AcquireContext, admin.Error());
-    const UniqueHandle file = AdoptFile(CreateFileW(
-        path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
-        OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
+    const UniqueHandle file =
+        OpenDiskFile(path, GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE);
     if (!file) return failed(CatalogStep::OpenFile, GetLastError());
     auto hash = CatalogHashOf(*admin, file.get());
     if (!hash) return failed(CatalogStep::Hash, hash.Error());
