@@ -1,12 +1,13 @@
 #include "events/event_commands.h"
 
+#include <utility>
+
 #include "host/logging.h"
 #include "launch/session_launch.h"
 #include "platform/app_services.h"
 #include "platform/machine.h"
 #include "platform/sessions.h"
 #include "platform/windows_runtime_error.h"
-#include "security/trusted_program.h"
 
 namespace Vx::Tessel::Server::Services::Orvane {
 
@@ -45,12 +46,17 @@ LaunchCommand::LaunchCommand(const Json::JsonObject& parameters)
   }
 }
 
+void LaunchCommand::CheckAhead() {
+  checked.emplace(Security::TrustedProgram::Check(path));
+}
+
 void LaunchCommand::Execute() {
   const Logging::TraceLogger& log = *Logging::LogManager::SetProvider(Logging::kComponentProvider);
   const std::uint32_t session = Platform::CurrentMachine().sessions->ActiveConsoleSession();
   std::uint32_t processId = 0;
 
-  const auto program = Security::TrustedProgram::Check(path);
+  const auto program =
+      checked ? *std::exchange(checked, std::nullopt) : Security::TrustedProgram::Check(path);
   if (program == nullptr) {
     log.LogWarning(kNotTrusted, path.c_str());
     return;

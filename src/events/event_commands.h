@@ -2,9 +2,11 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "json/json_object.h"
+#include "security/trusted_program.h"
 
 namespace Vx::Tessel::Server::Services::Orvane {
 
@@ -13,8 +15,8 @@ inline constexpr std::int32_t kUnknownAction = 0x20000007;
 
 enum class EventAction : std::uint32_t { Launch = 1, AppServiceNotification = 2 };
 
-// The command that a subscription runs when its event occurs. Immutable. May run any number of
-// times, on any thread.
+// The command that a subscription runs when its event occurs. May run any number of times, on any
+// thread, but by one thread at a time.
 //
 // The order of the virtual slots is a contract and leaves no room for a virtual destructor, so
 // owners delete through CommandDeleter.
@@ -62,6 +64,10 @@ class LaunchCommand final : public PackageEventCommand {
   // when absent). Throws the JSON layer's Platform::WindowsRuntimeError.
   explicit LaunchCommand(const Json::JsonObject& parameters);
 
+  // Locks and checks the program now instead of in Execute, which the deliveries of an event run
+  // one after the other. Blocks for as long as the check.
+  void CheckAhead();
+
   // Keeps the file locked against writing from before the trust check until the program is started.
   void Execute() override;
   bool RunIfUninstalledWhileNotRunning() override { return true; }
@@ -74,6 +80,8 @@ class LaunchCommand final : public PackageEventCommand {
   std::wstring path;
   std::wstring arguments;
   std::wstring delayDeliverySec;
+  // Of CheckAhead, for one Execute. Holds null for a program that is not trusted.
+  std::optional<std::unique_ptr<const Security::TrustedProgram>> checked;
 };
 
 // Sends a JSON message to the app service of a packaged app. Does not report whether it arrived.

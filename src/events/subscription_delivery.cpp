@@ -191,6 +191,9 @@ void Deliver(const DeliveryKind& kind, const std::wstring& request, std::uint32_
   const std::optional<std::int64_t> elapsed = WaitDelay(kind, request, delay, stop);
   if (!elapsed) return;
   const std::wstring trigger = TriggerOf(*subscription);
+  // Before the lock: however large the file is, the other deliveries do not wait for its check.
+  auto* launch = dynamic_cast<LaunchCommand*>(subscription->Command());
+  if (launch != nullptr && !IsOverdue(delay, *elapsed)) launch->CheckAhead();
 
   const std::lock_guard guard(*kind.handleEventMutex);
   place.reset();

@@ -181,6 +181,17 @@ TEST_F(RealLaunchTest, StartsATrustedProgramAndReportsIt) {
               StartsWith(L"info|LaunchCommand::Execute returned with result 1 and PID "));
 }
 
+TEST_F(RealLaunchTest, StartsWhatItCheckedAhead) {
+  const std::wstring path = folder.Hold(L"pinned.exe");
+  LaunchCommand command = Command(path);
+  command.CheckAhead();
+  EXPECT_FALSE(CanBeWritten(path));
+  log.Clear();
+  command.Execute();
+  EXPECT_THAT(log.Lines(), Not(Contains(HasSubstr(L"Lock("))));
+  EXPECT_TRUE(Tests::WaitForProbe(path + L".out"));
+}
+
 TEST_F(RealLaunchTest, StartsNothingThatIsNotTrusted) {
   const auto misplaced = userFolder / L"pinned.exe";
   std::filesystem::copy_file(Tests::PkiFile(L"pinned.exe"), misplaced);

@@ -18,6 +18,7 @@
 #include "events/power_events.h"
 #include "events/zephra_events.h"
 #include "platform/kernel_objects.h"
+#include "support/log_trap.h"
 #include "support/machine_test.h"
 
 namespace Vx::Tessel::Server::Services::Orvane {
@@ -45,6 +46,16 @@ class DeliveryTest : public Tests::StoreTest {
     machine.clock.Settle();
   }
 };
+
+TEST_F(DeliveryTest, ChecksAProgramWithoutHoldingUpOtherDeliveries) {
+  bool others = false;
+  const Tests::LogTrap check(L"AquireFileReadOnlyLock", 1, [&] {
+    const std::unique_lock lock(*kPowerEvents.handleEventMutex, std::try_to_lock);
+    others = lock.owns_lock();
+  });
+  Deliver(LR"({"powerEventType":7,"eventAction":1,"commandParams":{"path":"C:\\windows\\x.exe"}})");
+  EXPECT_TRUE(others);
+}
 
 TEST_F(DeliveryTest, DiscardsWhatAModernStandbyCutsShortUnlessItCutsLittle) {
   const Platform::UniqueHandle standby(
