@@ -210,6 +210,17 @@ void Deliver(const DeliveryKind& kind, const std::wstring& request, std::uint32_
   }
 }
 
+// Whether a worker would end without a line, because the whole text is valid and names another
+// event. A text that fails here fails the same way in its worker, which logs it.
+bool IsForAnotherEvent(const DeliveryKind& kind, const std::wstring& request,
+                       std::uint32_t eventType) noexcept {
+  try {
+    return kind.parse(request)->Type() != eventType;
+  } catch (...) {
+    return false;
+  }
+}
+
 std::int32_t StatusOf(const std::exception& error) {
   const auto* system = dynamic_cast<const std::system_error*>(&error);
   return system != nullptr ? system->code().value() : kUnspecified;
@@ -285,6 +296,7 @@ void FulfillSubscriptions(const DeliveryKind& kind, std::uint32_t eventType,
   RequestManager manager(kServiceDocument, kind.storeKey);
   manager.RegisterExistingRequests(
       [&](const std::wstring& request) {
+        if (IsForAnotherEvent(kind, request, eventType)) return;
         try {
           kind.handleEvent(request, nullptr, eventType, stop);
         } catch (const std::exception& error) {

@@ -85,9 +85,10 @@ int RegisterSubscription(const DeliveryKind& kind, const std::wstring& request) 
 // 0.
 int UnregisterSubscription(const DeliveryKind& kind, const std::wstring& request) noexcept;
 
-// Delivers an event to every stored request of the kind. Logs a request whose worker cannot be
-// started and goes on with the next. Workers that wait when `stop` is signalled log that and end.
-// Throws only std::bad_alloc.
+// Delivers an event to every stored request of the kind. A request for another event costs a parse
+// on the calling thread. Every other one, also a text that cannot be read, gets a worker. Logs a
+// request whose worker cannot be started and goes on with the next. Workers that wait when `stop`
+// is signalled log that and end. Throws only std::bad_alloc.
 void FulfillSubscriptions(const DeliveryKind& kind, std::uint32_t eventType,
                           const Platform::SharedHandle& stop = nullptr);
 

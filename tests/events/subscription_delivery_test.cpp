@@ -11,6 +11,7 @@
 #include <string>
 #include <system_error>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include <windows.h>
@@ -18,6 +19,9 @@
 #include "events/power_events.h"
 #include "events/zephra_events.h"
 #include "platform/kernel_objects.h"
+#include "platform/thread.h"
+#include "storage/cap_data_store.h"
+#include "storage/service_document.h"
 #include "support/log_trap.h"
 #include "support/machine_test.h"
 
@@ -161,6 +165,80 @@ TEST_F(DeliveryTest, LogsACommandThatFailsAndRunsTheNext) {
   machine.timeline.SetListener({});
   Deliver(Request(L"powerEvent"));
   EXPECT_EQ(log.Lines().back(), std::wstring(kManager) + L"Executed: " + Request(L"powerEvent"));
+}
+
+// Counts the workers that are started.
+class CountingThreads final : public Platform::Threads {
+ public:
+  explicit CountingThreads(Platform::Threads& others) : threads(others) {}
+  Platform::Result<Platform::UniqueHandle> Start(std::function<void()> body) override {
+    ++started;
+    return threads.Start(std::move(body));
+  }
+  std::size_t started = 0;
+
+ private:
+  Platform::Threads& threads;
+};
+
+class ReplayTest : public DeliveryTest {
+ protected:
+  // Returns how many workers an event starts for the stored list, once they have ended.
+  std::size_t Replay(const DeliveryKind& kind, const std::wstring& list) {
+    Storage::CapDataStore().mergeMember(kServiceDocument, kind.storeKey,
+                                        Storage::BsonElement::Text(list));
+    threads.started = 0;
+    log.Clear();
+    FulfillSubscriptions(kind, kEvent);
+    machine.clock.Settle();
+    return threads.started;
+  }
+
+  CountingThreads threads{*Platform::CurrentMachine().threads};
+  Platform::MachineScope counted{
+      [this](Platform::Machine& platform) { platform.threads = &threads; }};
+};
+
+TEST_F(ReplayTest, StartsAWorkerUnlessAValidRequestIsForAnotherEvent) {
+  constexpr wchar_t kOther[] = LR"({"powerEventType":8,"eventAction":)";
+  constexpr wchar_t kParameters[] =
+      LR"(,"commandParams":{"packageFamilyName":"f","appServiceName":"s","payload":{}}})";
+  const struct {
+    const char* name;
+    std::wstring request;
+    std::size_t workers;
+    const wchar_t* lastLine;  // empty: no line
+  } cases[] = {
+      {"another event", std::wstring(kOther) + L"2" + kParameters, 0, L""},
+      {"another event, to launch", std::wstring(kOther) + LR"(1,"commandParams":{"path":"p"}})", 0,
+       L""},
+      {"this event", Request(L"powerEvent"), 1, L"info|PowerEventManager::handle_event Executed"},
+      {"no such action", std::wstring(kOther) + L"3" + kParameters, 1, L"error|Failed to execute"},
+      {"no path", std::wstring(kOther) + LR"(1,"commandParams":{}})", 1,
+       L"error|Failed to execute"},
+      {"no event", L"{}", 1, L"error|Failed to execute"},
+      {"not an object", L"5", 0, L"error|Unexpected JSON array element"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    EXPECT_EQ(Replay(kPowerEvents, L"[" + c.request + L"]"), c.workers);
+    const auto lines = log.Lines();
+    const std::wstring last = lines.empty() ? L"" : lines.back();
+    EXPECT_THAT(last, StartsWith(c.lastLine));
+    EXPECT_EQ(last.empty(), std::wstring(c.lastLine).empty());
+  }
+}
+
+TEST_F(ReplayTest, OfTenThousandRunsTheHundredThatMatchAndNoOther) {
+  std::wstring list = L"[";
+  for (int i = 0; i < 10'000; ++i) {
+    std::wstring request =
+        Request(L"powerEvent", LR"(,"delayDeliverySec":"0","n":)" + std::to_wstring(i));
+    if (i % 100 != 0) request.replace(request.find(L":7"), 2, L":8");
+    list += request + (i == 9'999 ? L"]" : L",");
+  }
+  EXPECT_EQ(Replay(kPowerEvents, list), 100U);
+  EXPECT_EQ(Sent().size(), 100U);
 }
 
 bool IsHeld(std::mutex& mutex) {
