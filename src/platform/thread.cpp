@@ -88,7 +88,8 @@ class RealThreads final : public Threads {
       return Result<UniqueHandle>::Failure(EAGAIN);
     }
     // The runtime returns the handle as a number.
-    const std::uintptr_t raw = _beginthreadex(nullptr, 0, &Run, starter.get(), 0, nullptr);
+    const std::uintptr_t raw = _beginthreadex(nullptr, kWorkerStack, &Run, starter.get(),
+                                              STACK_SIZE_PARAM_IS_A_RESERVATION, nullptr);
     if (raw == 0) {
       const int error = errno;
       FreeLibrary(starter->module);

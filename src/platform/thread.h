@@ -1,11 +1,18 @@
 #pragma once
 
+#include <cstddef>
 #include <functional>
 
 #include "platform/result.h"
 #include "platform/unique_handle.h"
 
 namespace Vx::Platform {
+
+// The address space that a worker reserves for its stack, in bytes, instead of what the host's
+// program asks for, so that a thousand deliveries at once fit. At least five times what the deepest
+// path needs, which is the check of a signature and the start of the program: 72 KiB under the
+// emulator (worker_stack_test.cpp). The rest is for Windows' own libraries, which are not measured.
+inline constexpr std::size_t kWorkerStack = std::size_t{512} << 10;
 
 // Creates threads of the operating system. Fault tests override this operation.
 class Threads {

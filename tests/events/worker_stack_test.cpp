@@ -1,0 +1,145 @@
+// The stack of a worker, on the deepest path that a delivery takes.
+
+#include <gmock/gmock.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstddef>
+#include <cstdio>
+#include <functional>
+#include <future>
+#include <memory>
+#include <string>
+#include <utility>
+
+#include <windows.h>
+
+#include "events/power_events.h"
+#include "platform/machine.h"
+#include "platform/thread.h"
+#include "support/log_capture.h"
+#include "support/probe.h"
+#include "support/stand_in_logon.h"
+#include "support/temp_folder.h"
+#include "support/test_pki.h"
+
+namespace Vx::Tessel::Server::Services::Orvane {
+
+namespace {
+
+using namespace std::chrono_literals;
+using testing::Contains;
+using testing::StartsWith;
+
+// Paints the unused stack of the calling thread, so that what was written later can be seen.
+class PaintedStack {
+ public:
+  // From here on the caller's frames must not shrink.
+  __attribute__((noinline)) PaintedStack() {
+    ULONG_PTR low = 0;
+    GetCurrentThreadStackLimits(&low, &top);
+    bottom = low + kGuard;
+    const auto here = reinterpret_cast<ULONG_PTR>(__builtin_frame_address(0));
+    // Downwards, because Windows commits a stack page by page.
+    for (ULONG_PTR at = here - kOwnFrames; at > bottom; --at) At(at) = kPaint;
+  }
+
+  std::size_t Reserved() const { return top - bottom + kGuard; }
+
+  // The bytes from the top of the stack to the deepest that was written.
+  std::size_t Used() const {
+    ULONG_PTR at = bottom + 1;
+    while (at < top && At(at) == kPaint) ++at;
+    return top - at;
+  }
+
+ private:
+  static constexpr ULONG_PTR kGuard = ULONG_PTR{16} << 10;  // that Windows keeps at the end
+  static constexpr ULONG_PTR kOwnFrames = 1024;
+  static constexpr unsigned char kPaint = 0xC5;
+
+  static volatile unsigned char& At(ULONG_PTR address) {
+    return *reinterpret_cast<volatile unsigned char*>(address);  // NOLINT(*-no-int-to-ptr)
+  }
+
+  ULONG_PTR bottom = 0;
+  ULONG_PTR top = 0;
+};
+
+struct StackUse {
+  std::size_t reserved = 0;  // bytes, both
+  std::size_t used = 0;
+};
+
+// The real threads, which also measure the stack of the next worker.
+class MeasuredThreads final : public Platform::Threads {
+ public:
+  explicit MeasuredThreads(Platform::Threads& others) : threads(others) {}
+
+  Platform::Result<Platform::UniqueHandle> Start(std::function<void()> body) override {
+    return threads.Start([use = use, body = std::move(body)]() mutable {
+      const PaintedStack stack;
+      body();
+      use->set_value({stack.Reserved(), stack.Used()});
+    });
+  }
+
+  // Shared, because the worker may still notify when the test has read the value.
+  std::shared_ptr<std::promise<StackUse>> use = std::make_shared<std::promise<StackUse>>();
+
+ private:
+  Platform::Threads& threads;
+};
+
+class WorkerStackTest : public testing::Test {
+ protected:
+  // Delivers an event to this request. Returns what its worker needed, or zeroes if it hangs.
+  static StackUse Deliver(const std::wstring& request) {
+    MeasuredThreads threads(*Platform::CurrentMachine().threads);
+    auto use = threads.use->get_future();
+    const Platform::MachineScope scope(
+        [&](Platform::Machine& machine) { machine.threads = &threads; });
+    PowerEventManager::handle_event(request, nullptr, 7);
+    return use.wait_for(60s) == std::future_status::ready ? use.get() : StackUse{};
+  }
+
+  Tests::TempFolder userFolder;
+  Tests::ProtectedFolder folder;
+  Tests::StandInLogon logon{userFolder.Path().wstring()};
+  Tests::LogCapture log;
+};
+
+TEST_F(WorkerStackTest, LeavesFourFifthsFreeWhereARealDeliveryIsDeepest) {
+  const std::wstring path = folder.Hold(L"pinned.exe");
+  std::wstring escaped;
+  for (const wchar_t unit : path) escaped.append(unit == L'\\' ? 2 : 1, unit);
+  const struct {
+    const char* name;
+    std::wstring request;
+    const wchar_t* line;
+  } cases[] = {
+      {"signature check and process creation",
+       LR"({"powerEventType":7,"eventAction":1,"commandParams":{"path":")" + escaped + LR"("}})",
+       L"info|LaunchCommand::Execute returned with result 1"},
+      {"exchange with an app service",
+       LR"({"powerEventType":7,"eventAction":2,"commandParams":{"packageFamilyName":"f",)"
+       LR"("appServiceName":"s","payload":{}}})",
+       L"info|PowerEventManager::handle_event Executed"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    const StackUse use = Deliver(c.request);
+    EXPECT_THAT(log.Lines(), Contains(StartsWith(c.line)));
+    std::printf("%s: %zu bytes\n", c.name, use.used);
+    EXPECT_LE(use.used * 5, Platform::kWorkerStack);
+    // Less than that cannot be a delivery: the paint did not show it.
+    EXPECT_GE(use.used, std::size_t{4} << 10);
+    // The emulator reserves 1 MiB at least.
+    EXPECT_EQ(use.reserved, std::max(Platform::kWorkerStack, std::size_t{1} << 20));
+  }
+  EXPECT_TRUE(Tests::WaitForProbe(path + L".out"));
+}
+
+}  // namespace
+
+}  // namespace Vx::Tessel::Server::Services::Orvane
