@@ -10,6 +10,7 @@
 
 #include "platform/windows_runtime_error.h"
 #include "vxhost/command_line.h"
+#include "vxhost/doctor_command.h"
 #include "vxhost/module_commands.h"
 #include "vxhost/store_commands.h"
 #include "vxhost/text.h"
@@ -49,6 +50,7 @@ int main() {
     AddWatchCommand(line);
     AddValidateCommand(line);
     AddResumeCommand(line);
+    AddDoctorCommand(line);
     return line.Execute(Arguments());
   } catch (const Vx::Platform::WindowsRuntimeError& error) {
     return Fail(Utf8(error.message()));

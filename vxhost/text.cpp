@@ -53,6 +53,17 @@ std::wstring ReadTextFile(const std::wstring& path) {
   return Wide(bytes);
 }
 
+std::wstring OwnPath() {
+  std::wstring program(kLongestPath, L'\0');
+  program.resize(GetModuleFileNameW(nullptr, program.data(), DWORD{kLongestPath}));
+  return program;
+}
+
+std::wstring DefaultModule() {
+  const std::wstring program = OwnPath();
+  return program.substr(0, program.rfind(L'\\') + 1) + L"OrvaneService.dll";
+}
+
 std::wstring FullPath(const std::string& path) {
   std::wstring full(kLongestPath, L'\0');
   full.resize(GetFullPathNameW(Wide(path).c_str(), DWORD{kLongestPath}, full.data(), nullptr));

@@ -30,6 +30,10 @@ std::wstring FullPath(const std::string& path);
 // The same, for a file that has to exist. Throws std::runtime_error when it does not.
 std::wstring FullPathOfFile(const std::string& path);
 
+// This program, and the module beside it.
+std::wstring OwnPath();
+std::wstring DefaultModule();
+
 // The text that an argument gives, literally or as @FILE.
 std::wstring TextOrFile(const std::string& argument);
 

@@ -29,13 +29,6 @@ constexpr std::chrono::seconds kPatience{30};
 
 constexpr const wchar_t* kLevels[] = {L"INFO", L"WARNING", L"ERROR"};
 
-// The module beside this program.
-std::wstring DefaultModule() {
-  std::wstring program(kLongestPath, L'\0');
-  program.resize(GetModuleFileNameW(nullptr, program.data(), DWORD{kLongestPath}));
-  return program.substr(0, program.rfind(L'\\') + 1) + L"OrvaneService.dll";
-}
-
 // A folder for the stored values of one run instead of the machine's, removed at the end.
 class PrivateStore {
  public:

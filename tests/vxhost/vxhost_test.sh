@@ -64,7 +64,7 @@ expect 0 'log INFO [vxhost]: Version number is' --dll "$module" --private-store 
 expect 1 'no such command' --dll "$module" --private-store exec 99
 expect 2 'build it with scripts/build' --dll "$work/missing.dll" exec 22
 expect 2 'there is no subcommand "exce"' exce 22
-expect 2 'only exec, scenario and events use it' --private-store store show
+expect 2 'only exec, scenario, events and doctor use it' --private-store store show
 expect 2 'no event to send' events
 expect 2 '--seconds' --simulate events --power 7 --seconds -1
 expect 2 'there is no file' trust "$work/missing.exe"
@@ -114,4 +114,21 @@ if [ "$seen" -lt 1 ] || [ "$seen" -gt "$tries" ]; then
   cat "$work/watched"
   failures=$((failures + 1))
 fi
+
+# The examination changes nothing: not even the folders of the store are made.
+mkdir "$work/data"
+"$emulator" ${prefix:+"$prefix"} cmd /c \
+  "set ProgramData=Z:$(printf %s "$work/data" | tr / '\\')&& Z:$(printf %s "$vxhost" | tr / '\\') doctor" \
+  >"$work/output" 2>&1 </dev/null
+if [ $? != 1 ] || ! grep -q 'do: create it at installation' "$work/output" ||
+  ! grep -q '+  store: .* does not exist yet' "$work/output" || [ -n "$(ls -A "$work/data")" ]; then
+  echo "failed: doctor finds no folder and makes none; it prints:"
+  cat "$work/output"
+  failures=$((failures + 1))
+fi
+expect 2 'is missing or has no version' --dll missing.dll doctor
+expect 1 '+  first-run set-up: complete' --simulate doctor
+expect 1 '{"check":"logon process","health":"ok"' --simulate doctor --json
+expect 2 'doctor examines the store of the machine' --private-store doctor
+
 exit $((failures > 0))
