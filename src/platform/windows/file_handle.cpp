@@ -183,10 +183,10 @@ Opened OpenWith(const std::wstring& path, Opening opening, SECURITY_ATTRIBUTES* 
 
 }  // namespace
 
-UniqueHandle OpenDiskFile(const std::wstring& path, DWORD access, DWORD share) {
-  UniqueHandle file = AdoptFile(CreateFileW(
-      path.c_str(), access, share, nullptr, OPEN_EXISTING,
-      FILE_ATTRIBUTE_NORMAL | SECURITY_SQOS_PRESENT | SECURITY_IDENTIFICATION, nullptr));
+UniqueHandle OpenDiskFile(const std::wstring& path, DWORD access, DWORD share, DWORD flags) {
+  UniqueHandle file =
+      AdoptFile(CreateFileW(path.c_str(), access, share, nullptr, OPEN_EXISTING,
+                            flags | SECURITY_SQOS_PRESENT | SECURITY_IDENTIFICATION, nullptr));
   if (file == nullptr || GetFileType(file.get()) == FILE_TYPE_DISK) return file;
   file.reset();
   SetLastError(ERROR_BAD_FILE_TYPE);

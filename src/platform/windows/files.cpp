@@ -182,8 +182,7 @@ class RealFiles final : public Files {
 
   Result<Bytes> Sha256(const std::wstring& path) const override {
     const UniqueHandle file =
-        AdoptFile(CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING,
-                              FILE_FLAG_SEQUENTIAL_SCAN, nullptr));
+        OpenDiskFile(path, GENERIC_READ, FILE_SHARE_READ, FILE_FLAG_SEQUENTIAL_SCAN);
     if (file == nullptr) return Result<Bytes>::Failure(GetLastError());
 
     BCRYPT_ALG_HANDLE rawAlgorithm = nullptr;
@@ -238,9 +237,12 @@ class RealFiles final : public Files {
     PSID group = nullptr;
     PACL list = nullptr;
     PSECURITY_DESCRIPTOR raw = nullptr;
-    std::wstring name(folder);
-    const DWORD error = GetNamedSecurityInfoW(
-        name.data(), SE_FILE_OBJECT,
+    // By name, GetNamedSecurityInfo would lend this process's identity to what lies there.
+    const UniqueHandle opened =
+        OpenDiskFile(folder, READ_CONTROL, kShareAll, FILE_FLAG_BACKUP_SEMANTICS);
+    if (opened == nullptr) return Entries::Failure(GetLastError());
+    const DWORD error = GetSecurityInfo(
+        opened.get(), SE_FILE_OBJECT,
         OWNER_SECURITY_INFORMATION | GROUP_SECURITY_INFORMATION | DACL_SECURITY_INFORMATION, &owner,
         &group, &list, nullptr, &raw);
     const UniqueLocalMemory<void> descriptor(raw);

@@ -116,13 +116,27 @@ Result<std::wstring> CatalogOf(const CatalogAdmin& admin, std::vector<std::byte>
   return std::wstring(info.wszCatalogFile);
 }
 
+// Opens a program for a verification, which then reads this handle. By its path it would open the
+// file once more and lend this process's identity to whatever lies there by then.
+UniqueHandle OpenProgram(const std::wstring& path) {
+  return OpenDiskFile(path, GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE);
+}
+
+// The verdict on a file that cannot be opened.
+SignatureVerdict Unreadable(DWORD error) {
+  return {.result = HRESULT_FROM_WIN32(error), .secondaryCount = 0, .signer = std::nullopt};
+}
+
 class WindowsTrust final : public TrustProvider {
  public:
   SignatureVerdict VerifyEmbedded(const std::wstring& path, std::uint32_t index) const override {
-    WINTRUST_FILE_INFO file{};
-    file.cbStruct = sizeof file;
-    file.pcwszFilePath = path.c_str();
-    return VerifySignature(WTD_CHOICE_FILE, &file, index);
+    const UniqueHandle file = OpenProgram(path);
+    if (!file) return Unreadable(GetLastError());
+    WINTRUST_FILE_INFO info{};
+    info.cbStruct = sizeof info;
+    info.pcwszFilePath = path.c_str();
+    info.hFile = file.get();
+    return VerifySignature(WTD_CHOICE_FILE, &info, index);
   }
 
   std::optional<CatalogHit> FindCatalog(const std::wstring& path,
@@ -133,8 +147,7 @@ class WindowsTrust final : public TrustProvider {
     };
     const auto admin = OpenCatalogs();
     if (!admin) return failed(CatalogStep::AcquireContext, admin.Error());
-    const UniqueHandle file =
-        OpenDiskFile(path, GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE);
+    const UniqueHandle file = OpenProgram(path);
     if (!file) return failed(CatalogStep::OpenFile, GetLastError());
     auto hash = CatalogHashOf(*admin, file.get());
     if (!hash) return failed(CatalogStep::Hash, hash.Error());
@@ -147,6 +160,8 @@ class WindowsTrust final : public TrustProvider {
   }
 
   SignatureVerdict VerifyInCatalog(const CatalogHit& catalog, std::uint32_t index) const override {
+    const UniqueHandle file = OpenProgram(catalog.memberPath);
+    if (!file) return Unreadable(GetLastError());
     // The verification needs the context to know by which hash the catalog is searched.
     const auto admin = OpenCatalogs();
     std::vector<std::byte> hash = catalog.hash;
@@ -155,6 +170,7 @@ class WindowsTrust final : public TrustProvider {
     info.pcwszCatalogFilePath = catalog.catalogPath.c_str();
     info.pcwszMemberTag = catalog.memberTag.c_str();
     info.pcwszMemberFilePath = catalog.memberPath.c_str();
+    info.hMemberFile = file.get();
     info.pbCalculatedFileHash = reinterpret_cast<BYTE*>(hash.data());
     info.cbCalculatedFileHash = static_cast<DWORD>(hash.size());
     info.hCatAdmin = admin ? admin->handle.get() : nullptr;

@@ -1,0 +1,91 @@
+#include <cwchar>
+#include <functional>
+#include <utility>
+#include <vector>
+
+#include <gmock/gmock.h>
+
+#include <windows.h>
+
+#include "platform/files.h"
+#include "platform/machine.h"
+#include "platform/trust_provider.h"
+#include "support/silent_pipe.h"
+
+// The import that every CreateFileW of this program goes through.
+extern "C" decltype(&CreateFileW) __imp_CreateFileW;  // NOLINT(bugprone-reserved-identifier)
+
+namespace Vx::Platform {
+namespace {
+
+std::vector<DWORD> pipeFlags;  // of each open of a pipe
+decltype(&CreateFileW) realCreateFile = nullptr;
+
+HANDLE WINAPI WatchedCreateFile(const wchar_t* name, DWORD access, DWORD share,
+                                SECURITY_ATTRIBUTES* security, DWORD disposition, DWORD flags,
+                                HANDLE pattern) {
+  if (std::wcsstr(name, L"\\pipe\\") != nullptr) pipeFlags.push_back(flags);
+  return realCreateFile(name, access, share, security, disposition, flags, pattern);
+}
+
+void SetImport(decltype(&CreateFileW) function) {
+  DWORD before = 0;
+  ASSERT_NE(VirtualProtect(&__imp_CreateFileW, sizeof function, PAGE_READWRITE, &before), FALSE);
+  __imp_CreateFileW = function;
+}
+
+// Records the opens of pipes. The emulator gives a pipe's server the same rights whatever an open
+// states, so that only the open itself can be looked at.
+class OpenWatch {
+ public:
+  OpenWatch() {
+    realCreateFile = __imp_CreateFileW;
+    SetImport(&WatchedCreateFile);
+  }
+  OpenWatch(const OpenWatch&) = delete;
+  OpenWatch& operator=(const OpenWatch&) = delete;
+  ~OpenWatch() { SetImport(realCreateFile); }
+};
+
+// A pipe is refused before it is read, which would take for ever, and its server cannot act as the
+// account that opened it.
+TEST(DiskFileTest, APipeIsNeitherReadNorGivenAnIdentity) {
+  const Files& files = *CurrentMachine().files;
+  const TrustProvider& trust = *CurrentMachine().trustProvider;
+  constexpr ErrorCode kNoFile = ERROR_BAD_FILE_TYPE;
+  const std::pair<const char*, std::function<ErrorCode(const std::wstring&)>> kCases[] = {
+      {"lock", [&](const auto& path) { return files.OpenReadLocked(path).Error(); }},
+      {"final path", [&](const auto& path) { return files.FinalPath(path).Error(); }},
+      {"access list", [&](const auto& path) { return files.FolderAccess(path).Error(); }},
+      {"digest", [&](const auto& path) { return files.Sha256(path).Error(); }},
+      {"catalog",
+       [&](const auto& path) {
+         CatalogFailure failure;
+         EXPECT_FALSE(trust.FindCatalog(path, failure));
+         return failure.error;
+       }},
+      {"signature",
+       [&](const auto& path) { return HRESULT_CODE(trust.VerifyEmbedded(path, 0).result); }},
+      {"catalog member",
+       [&](const auto& path) {
+         const CatalogHit hit{.catalogPath = {}, .memberTag = {}, .memberPath = path, .hash = {}};
+         return HRESULT_CODE(trust.VerifyInCatalog(hit, 0).result);
+       }},
+  };
+  const auto kIdentifiedOnly = testing::Truly([](DWORD flags) {
+    constexpr DWORD kSecurityFlags = SECURITY_SQOS_PRESENT | SECURITY_VALID_SQOS_FLAGS;
+    return (flags & kSecurityFlags) == (SECURITY_SQOS_PRESENT | SECURITY_IDENTIFICATION);
+  });
+  Tests::SilentPipe pipe;
+  const OpenWatch watch;
+  for (const auto& [name, open] : kCases) {
+    SCOPED_TRACE(name);
+    EXPECT_EQ(open(L"\\\\.\\pipe\\" + pipe.Name()), kNoFile);
+    EXPECT_TRUE(pipe.HasHadAClient());
+    EXPECT_THAT(std::exchange(pipeFlags, {}), testing::ElementsAre(kIdentifiedOnly));
+    pipe.Reconnect();
+  }
+}
+
+}  // namespace
+}  // namespace Vx::Platform
