@@ -10,6 +10,7 @@
 
 #include "platform/machine.h"
 #include "simulator/fault_injection.h"
+#include "support/thread_identity.h"
 
 namespace Vx::Platform {
 namespace {
@@ -17,13 +18,7 @@ namespace {
 using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::Pair;
-
-bool ThreadActsAsAnother() {
-  HANDLE raw = nullptr;
-  const BOOL has = OpenThreadToken(GetCurrentThread(), TOKEN_QUERY, TRUE, &raw);
-  const UniqueHandle token(raw);
-  return has != FALSE;
-}
+using Tests::ThreadActsAsAnother;
 
 class ConsoleUserTest : public testing::Test {
  protected:

@@ -4,6 +4,8 @@
 #include <thread>
 #include <utility>
 
+#include "support/thread_identity.h"
+
 #include <windows.h>
 
 #include <combaseapi.h>
@@ -326,6 +328,7 @@ class FakeConnection final : public Fake<Abi::IAppServiceConnection, Abi::IClosa
   }
   STDMETHODIMP OpenAsync(Abi::IAppServiceOpenOperation** operation) override {
     runtime->openedServices.push_back(familyName + L"!" + serviceName);
+    runtime->openedAsAnother = ThreadActsAsAnother();
     return PutNew<FakeOpening>(operation, runtime->opening, &ConnectionStatus);
   }
   STDMETHODIMP SendMessageAsync(Abi::IPropertySet* message,

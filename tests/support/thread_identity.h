@@ -1,0 +1,20 @@
+#pragma once
+
+#include "platform/unique_handle.h"
+
+#include <windows.h>
+
+namespace Vx::Tests {
+
+// The token that the calling thread impersonates with. Null without one.
+inline Platform::UniqueHandle ThreadToken() {
+  HANDLE raw = nullptr;
+  OpenThreadToken(GetCurrentThread(), TOKEN_QUERY, TRUE, &raw);
+  return Platform::UniqueHandle(raw);
+}
+
+inline bool ThreadActsAsAnother() {
+  return ThreadToken() != nullptr;
+}
+
+}  // namespace Vx::Tests
