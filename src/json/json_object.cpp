@@ -91,6 +91,11 @@ std::wstring JsonValue::Text() const {
   return JsonText(At(node));
 }
 
+void JsonValue::AppendTo(std::wstring& out) const {
+  TextBuffer buffer;
+  if (WriteJson(At(node), buffer)) out.append(buffer.View());
+}
+
 const void* JsonValue::Require(JsonKind kind, std::wstring_view name) const {
   if (Kind() == kind) return node;
   throw Platform::WindowsRuntimeError(kIllegalMethodCall, std::wstring(name) + kOtherKind);

@@ -35,6 +35,9 @@ class JsonValue {
   // number in the writer's spelling.
   std::wstring Text() const;
 
+  // Appends Text() to `out`.
+  void AppendTo(std::wstring& out) const;
+
   // These throw Platform::WindowsRuntimeError with kIllegalMethodCall if the value is of another
   // kind.
   std::wstring AsString() const;

@@ -240,6 +240,12 @@ BsonDocument CapDataStore::readDocument(std::string_view key) {
   return read(key, element) ? element.AsDocument().value_or(BsonDocument()) : BsonDocument();
 }
 
+BsonDocument CapDataStore::documentAtOpening(std::string_view key) {
+  if (lastReading.state != StoreState::Sound) return readDocument(key);
+  const std::optional<BsonView> found = document.Find(key);
+  return (found ? found->AsDocument() : std::nullopt).value_or(BsonDocument());
+}
+
 std::int32_t CapDataStore::requireInt32(std::string_view key) {
   Hold hold(mutex);
   if (!readFile()) {

@@ -56,6 +56,10 @@ class CapDataStore {
   // The embedded document `key`; an empty one when there is none.
   BsonDocument readDocument(std::string_view key);
 
+  // The same as the constructor read it, which saves reading and unsealing the file again. Reads it
+  // if the constructor could not.
+  BsonDocument documentAtOpening(std::string_view key);
+
   // The 32-bit number under `key`; 0 when it is missing or of another kind. Throws
   // std::runtime_error when the file cannot be read.
   std::int32_t requireInt32(std::string_view key);
@@ -108,7 +112,7 @@ class CapDataStore {
   SealedFile::Reading lastReading;  // its document is moved to `document`
   bool hasDocument = false;         // the file had a document at the last reading
   SystemMutex mutex;
-  BsonDocument document;
+  BsonDocument document;  // as of the last reading or change
 };
 
 // A store; null where none can be made.

@@ -1,5 +1,8 @@
 #include "storage/request_list.h"
 
+#include <algorithm>
+#include <cstddef>
+
 #include "json/json_object.h"
 
 namespace Vx::Tessel::Server::Storage {
@@ -8,33 +11,52 @@ namespace {
 
 constexpr wchar_t kCommandParams[] = L"commandParams";
 constexpr wchar_t kDelay[] = L"delayDeliverySec";
+constexpr std::wstring_view kDelayMember = L"\"delayDeliverySec\":";  // as compact text writes it
 
 std::wstring Normalised(const Json::JsonObject& request) {
   return request.StringifyWithout(kCommandParams, kDelay);
 }
 
-std::wstring WithAppended(std::wstring list, std::wstring_view element) {
-  list.pop_back();
-  if (list.size() > 1) list.push_back(L',');
-  list.append(element);
-  list.push_back(L']');
-  return list;
+// Whether the object with this compact text may have the normalised form `form`. The form lacks
+// members of the text, each with a comma beside it, so nearly every other request is ruled out
+// without making its form.
+bool MayNormaliseTo(std::wstring_view text, std::wstring_view form) {
+  if (text.size() <= form.size()) return text == form;
+  const auto differs = std::mismatch(form.begin(), form.end(), text.begin()).first;
+  const auto same = static_cast<std::size_t>(differs - form.begin());
+  // The texts differ at the comma before the first such member, or behind it.
+  return text.substr(0, same + 1 + kDelayMember.size()).find(kDelayMember) !=
+         std::wstring_view::npos;
+}
+
+// The element that was appended when the text ended at `before`.
+std::wstring_view LastElement(const std::wstring& open, std::size_t before) {
+  return std::wstring_view(open).substr(before == 1 ? 1 : before + 1);
+}
+
+// Appends an element to the text of an array that lacks its closing bracket.
+void AppendElement(std::wstring& open, const Json::JsonValue& element) {
+  if (open.size() > 1) open.push_back(L',');
+  element.AppendTo(open);
 }
 
 std::optional<std::wstring> WithoutFirst(std::wstring_view list, std::wstring_view text) {
   if (list.empty()) return std::nullopt;
   const Json::JsonArray array = Json::JsonArray::Parse(list);
-  std::wstring rest = L"[]";
+  std::wstring rest = L"[";
   rest.reserve(list.size());
   bool found = false;
   for (const Json::JsonValue& element : array) {
-    if (!found && element.Kind() == Json::JsonKind::Object && element.Text() == text) {
-      found = true;
-    } else {
-      rest = WithAppended(std::move(rest), element.Text());
+    const std::size_t before = rest.size();
+    AppendElement(rest, element);
+    if (found || element.Kind() != Json::JsonKind::Object || LastElement(rest, before) != text) {
+      continue;
     }
+    rest.resize(before);
+    found = true;
   }
   if (!found) return std::nullopt;
+  rest.push_back(L']');
   return rest;
 }
 
@@ -49,13 +71,22 @@ std::optional<std::wstring> ListWith(std::wstring_view list, std::wstring_view r
     return first;
   }
   const std::wstring form = Normalised(added);
+  const std::wstring text = added.Stringify();
   const Json::JsonArray array = Json::JsonArray::Parse(list);
+  std::wstring longer = L"[";
+  longer.reserve(list.size() + text.size() + 1);
   for (const Json::JsonValue& element : array) {
-    if (element.Kind() == Json::JsonKind::Object && Normalised(element.AsObject()) == form) {
+    const std::size_t before = longer.size();
+    AppendElement(longer, element);
+    if (element.Kind() == Json::JsonKind::Object &&
+        MayNormaliseTo(LastElement(longer, before), form) &&
+        Normalised(element.AsObject()) == form) {
       return std::nullopt;
     }
   }
-  return WithAppended(array.Stringify(), added.Stringify());
+  if (longer.size() > 1) longer.push_back(L',');
+  longer.append(text).push_back(L']');
+  return longer;
 }
 
 std::optional<std::wstring> ListWithout(std::wstring_view list, std::wstring_view request) {

@@ -55,7 +55,7 @@ RequestManager::RequestManager(std::string embeddedDocument, std::string listKey
       logger(Logging::LogManager::GetLogger()) {
   try {
     store = std::make_unique<Storage::CapDataStore>();
-    document = store->readDocument(documentName);
+    document = store->documentAtOpening(documentName);
   } catch (const std::exception& error) {
     store.reset();
     logger->LogError(kNoStore, error.what());
@@ -73,27 +73,27 @@ bool RequestManager::ChangeCopy(const Edit& edit) {
   return !list || document.Set(key, BsonElement::Text(*list));
 }
 
-std::optional<std::wstring> RequestManager::ChangeStored(const BsonElement* stored,
-                                                         const Edit& edit) {
+std::optional<BsonElement> RequestManager::ChangeStored(const BsonElement* stored,
+                                                        const Edit& edit) {
   // Updates the copy first, so that it is right even if the write fails.
   if (stored == nullptr) {
     document.Erase(key);
   } else {
     document.Set(key, *stored);
   }
-  std::optional<std::wstring> list = edit(StoredRequests());
-  if (list) document.Set(key, BsonElement::Text(*list));
-  return list;
+  const std::optional<std::wstring> list = edit(StoredRequests());
+  if (!list) return std::nullopt;
+  BsonElement changed = BsonElement::Text(*list);
+  document.Set(key, changed);
+  return changed;
 }
 
 bool RequestManager::Change(const Edit& edit) {
   if (store == nullptr) return ChangeCopy(edit);
   bool edited = false;
-  const auto change = [&](const BsonElement* stored) -> std::optional<BsonElement> {
+  const auto change = [&](const BsonElement* stored) {
     edited = true;
-    const std::optional<std::wstring> list = ChangeStored(stored, edit);
-    if (!list) return std::nullopt;
-    return BsonElement::Text(*list);
+    return ChangeStored(stored, edit);
   };
   try {
     return store->updateMember(documentName, key, change);

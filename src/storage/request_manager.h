@@ -88,7 +88,8 @@ class RequestManager {
   std::optional<bool> ChangeOrRefuse(const FailureTexts& texts, const Edit& edit);
 
   bool ChangeCopy(const Edit& edit);
-  std::optional<std::wstring> ChangeStored(const Storage::BsonElement* stored, const Edit& edit);
+  std::optional<Storage::BsonElement> ChangeStored(const Storage::BsonElement* stored,
+                                                   const Edit& edit);
   void CallHandler(const std::wstring& request, const Handler& handler,
                    const ErrorCallback& onError) const;
   void ReportFailure(const std::wstring& request, const Platform::WindowsRuntimeError& error,

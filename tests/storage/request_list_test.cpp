@@ -36,9 +36,36 @@ TEST(ListWith, RefusesARequestThatDiffersInItsDelayOnly) {
   EXPECT_NE(ListWith(list, L"{\"x\":1.0}"), std::nullopt);
 }
 
+// The delay may be anywhere in the parameters and repeated, and members beside it may look like it.
+TEST(ListWith, FindsTheSameRequestWhereverItsDelayStands) {
+  const std::wstring form = L"{\"e\":7,\"commandParams\":{\"delayDelivery\":1,\"x\":2},\"z\":3}";
+  static constexpr struct {
+    bool same;
+    const wchar_t* parameters;
+  } kCases[] = {
+      {true, L"\"delayDelivery\":1,\"x\":2"},
+      {true, L"\"delayDeliverySec\":\"5\",\"delayDelivery\":1,\"x\":2"},
+      {true, L"\"delayDelivery\":1,\"delayDeliverySec\":{\"a\":[]},\"x\":2"},
+      {true, L"\"delayDelivery\":1,\"x\":2,\"delayDeliverySec\":5"},
+      {true, L"\"delayDeliverySec\":1,\"delayDelivery\":1,\"\\u0064elayDeliverySec\":2,\"x\":2"},
+      {false, L"\"delayDelivery\":1,\"delayDeliverySeC\":5,\"x\":2"},
+      {false, L"\"delayDelivery\":1,\"x\":\"delayDeliverySec\""},
+      {false, L"\"delayDelivery\":1,\"delayDeliverySec\":5,\"x\":3"},
+      {false, L"\"x\":2,\"delayDeliverySec\":5,\"delayDelivery\":1"},
+      {false, L"\"delayDeliverySec\":5"},
+  };
+  for (const auto& c : kCases) {
+    SCOPED_TRACE(testing::PrintToString(std::wstring(c.parameters)));
+    const std::wstring stored =
+        L"[5,{},{\"e\":7,\"commandParams\":{" + std::wstring(c.parameters) + L"},\"z\":3}]";
+    EXPECT_EQ(ListWith(stored, form) == std::nullopt, c.same);
+  }
+}
+
 TEST(ListWithout, RemovesTheFirstElementOfExactlyThatTextOrOnceFiredInAnySpacing) {
   EXPECT_EQ(ListWithout(L"[{\"a\":1},{\"b\":2},{\"a\":1}]", L"{\"a\":1}"),
             L"[{\"b\":2},{\"a\":1}]");
+  EXPECT_EQ(ListWithout(L"[5, {\"a\":1} ]", L"{\"a\":1}"), L"[5]");
   EXPECT_EQ(ListWithout(L"[5,{\"a\":1}]", L"5"), std::nullopt);
   EXPECT_EQ(ListWithout(L"[{\"a\":1,\"b\":2}]", L"{\"b\":2,\"a\":1}"), std::nullopt);
   EXPECT_EQ(ListWithout(L"[{\"a\":1}]", L"{\"a\": 1}"), std::nullopt);
