@@ -45,10 +45,15 @@ const wchar_t* TrustedProgram::WhyNotOpened(const std::wstring& path) {
   if (!IsDrivePath(path)) return L"is not a full path on a drive";
   const bool control = std::ranges::any_of(path, [](wchar_t c) { return c < L' '; });
   if (control) return L"holds a control character";
-  const auto expanded =
-      Platform::CurrentMachine().environment->Expand(path, Platform::kLongestPath);
-  if (!expanded || *expanded != path) return L"holds a variable";
-  if (Platform::CurrentMachine().files->IsElsewhere(path)) return L"is on no drive of this machine";
+  if (path.find(L'%') != path.npos) {
+    const auto expanded =
+        Platform::CurrentMachine().environment->Expand(path, Platform::kLongestPath);
+    if (!expanded || *expanded != path) return L"holds a variable";
+  }
+  // The other places that the path rule allows are on the drives of Windows itself.
+  if (DriveWindowsAppsFolder(path) && Platform::CurrentMachine().files->IsElsewhere(path)) {
+    return L"is on no drive of this machine";
+  }
   return nullptr;
 }
 

@@ -34,15 +34,31 @@ Text TextIn(const std::vector<wchar_t>& buffer, std::size_t maxChars) {
   return std::wstring(buffer.begin(), end);
 }
 
+// One element more than the caller allows. A text that fills it was too long.
+std::size_t Room(std::size_t maxChars) {
+  return std::min<std::size_t>(maxChars, std::numeric_limits<DWORD>::max() - 1) + 1;
+}
+
+DWORD Count(const std::vector<wchar_t>& buffer) {
+  return static_cast<DWORD>(buffer.size());
+}
+
+// Fails with ERROR_INSUFFICIENT_BUFFER for an expansion that does not fit into `maxChars`.
+Text ExpandInto(const std::wstring& text, std::size_t maxChars) {
+  std::vector<wchar_t> buffer(Room(maxChars));
+  const DWORD needed = ExpandEnvironmentStringsW(text.c_str(), buffer.data(), Count(buffer));
+  if (needed == 0) return Text::Failure(GetLastError());
+  if (needed > buffer.size()) return Text::Failure(ERROR_INSUFFICIENT_BUFFER);
+  return TextIn(buffer, maxChars);
+}
+
 class RealEnvironment final : public Environment {
  public:
   Text Expand(const std::wstring& text, std::size_t maxChars) const override {
     if (text.size() >= kMaxText) return Text::Failure(ERROR_FILENAME_EXCED_RANGE);
-    std::vector<wchar_t> buffer(Room(maxChars));
-    const DWORD needed = ExpandEnvironmentStringsW(text.c_str(), buffer.data(), Count(buffer));
-    if (needed == 0) return Text::Failure(GetLastError());
-    if (needed > buffer.size()) return Text::Failure(ERROR_INSUFFICIENT_BUFFER);
-    return TextIn(buffer, maxChars);
+    // Most texts are short, and a buffer for the longest costs more than the call.
+    if (auto brief = ExpandInto(text, std::min(maxChars, kShortPath))) return brief;
+    return ExpandInto(text, maxChars);
   }
 
   Text ExpandForUser(RawHandle token, const std::wstring& text,
@@ -69,15 +85,6 @@ class RealEnvironment final : public Environment {
     std::vector<wchar_t> block(static_cast<std::size_t>(end - first) + (end == first ? 2 : 1));
     std::copy(first, end, block.begin());
     return block;
-  }
-
- private:
-  // One element more than the caller allows. A text that fills it was too long.
-  static std::size_t Room(std::size_t maxChars) {
-    return std::min<std::size_t>(maxChars, std::numeric_limits<DWORD>::max() - 1) + 1;
-  }
-  static DWORD Count(const std::vector<wchar_t>& buffer) {
-    return static_cast<DWORD>(buffer.size());
   }
 };
 
