@@ -6,8 +6,13 @@ namespace Vx::Tessel::Server::Services {
 
 // The package model for another module, whichever compiler built it: a table of slots, one entry
 // each, with scalars and pointers only. Texts are NUL-terminated UTF-16. Used by one thread at a
-// time. Every operation but the first returns an HRESULT, negative for failure. Slot 5 then returns
-// the details.
+// time. Every operation but the first and the last returns an HRESULT, negative for failure. Slot 5
+// then returns the details.
+//
+// The process must run as Local System, because slots 1, 3 and 4 act as the user at the console and
+// slot 2 asks for the packages of every user. The calling thread may impersonate a client: slots 1
+// to 4 put that aside, whatever the client may do, and the thread impersonates with the same token
+// when they return. If Windows refuses that, they fail, and the thread runs on as the process.
 class UwpPackageModel {
  public:
   UwpPackageModel() = default;

@@ -467,6 +467,12 @@ class FaultySessions final : public Decorator<Platform::Sessions> {
     const ErrorCode error = inner.Revert();
     return Or("Sessions.Revert", [&] { return error; });
   }
+  Result<UniqueHandle> ThreadToken() const override {
+    return Or("Sessions.ThreadToken", [&] { return inner.ThreadToken(); });
+  }
+  ErrorCode Resume(RawHandle threadToken) override {
+    return Or("Sessions.Resume", [&] { return inner.Resume(threadToken); });
+  }
   Result<bool> ProcessIsLocalSystem() const override {
     return Or("Sessions.ProcessIsLocalSystem", [&] { return inner.ProcessIsLocalSystem(); });
   }

@@ -156,6 +156,17 @@ Platform::ErrorCode SimulatedUsers::Revert() {
   return ERROR_SUCCESS;
 }
 
+Result<UniqueHandle> SimulatedUsers::ThreadToken() const {
+  const std::lock_guard guard(mutex);
+  const auto found = acting.find(GetCurrentThreadId());
+  if (found == acting.end()) return UniqueHandle();
+  return MakeToken(std::wstring(found->second));
+}
+
+Platform::ErrorCode SimulatedUsers::Resume(Platform::RawHandle threadToken) {
+  return Impersonate(threadToken);
+}
+
 Result<std::wstring> SimulatedUsers::Expand(const std::wstring& text, std::size_t maxChars) const {
   return Platform::WindowsMachine().environment->Expand(text, maxChars);
 }

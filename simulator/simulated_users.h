@@ -64,6 +64,8 @@ class SimulatedUsers final : public Platform::Sessions, public Platform::Environ
                                            Platform::SessionText what) const override;
   Platform::ErrorCode Impersonate(Platform::RawHandle token) override;
   Platform::ErrorCode Revert() override;
+  Platform::Result<Platform::UniqueHandle> ThreadToken() const override;
+  Platform::ErrorCode Resume(Platform::RawHandle threadToken) override;
   Platform::Result<bool> ProcessIsLocalSystem() const override { return true; }
 
   Platform::Result<std::wstring> Expand(const std::wstring& text,

@@ -4,12 +4,14 @@
 #include <new>
 #include <stdexcept>
 #include <string>
+#include <utility>
 
 #include "host/logging.h"
 #include "json/utf8.h"
 #include "packages/package_error.h"
 #include "packages/uwp_package.h"
 #include "packages/uwp_package_data_access.h"
+#include "platform/console_user.h"
 #include "platform/type_name.h"
 
 namespace Vx::Tessel::Server::Services::Orvane {
@@ -18,6 +20,8 @@ namespace {
 
 constexpr wchar_t kThrew[] = L"%S.%S threw exception %S";
 constexpr wchar_t kNullArgument[] = L"a required argument is null";
+constexpr wchar_t kNotPutAside[] = L"OpenThreadToken";
+constexpr wchar_t kNotRestored[] = L"SetThreadToken";
 constexpr wchar_t kNoRoom[] = L"the buffer is too small";
 
 using Hresult = std::int32_t;
@@ -104,7 +108,7 @@ class ExportedPackageModel final : public UwpPackageModel {
     try {
       lastError.clear();
       if (!argumentsComplete) return Refuse(kPointer, kNullArgument);
-      return operation();
+      return AsProcess(std::forward<Operation>(operation));
     } catch (const PackageError& error) {
       return Report(name, FromCode(error.Code()), error.what());
     } catch (const std::invalid_argument& error) {
@@ -115,6 +119,25 @@ class ExportedPackageModel final : public UwpPackageModel {
       return Report(name, kFail, error.what());
     } catch (...) {
       return kFail;
+    }
+  }
+
+  // The operations act as the console user and then as the process, whatever the caller acted as.
+  template <typename Operation>
+  static Hresult AsProcess(Operation&& operation) {
+    Platform::OwnIdentity own;
+    if (own.Error() != 0) throw PackageError(kNotPutAside, own.Error());
+    const auto restore = [&own] {
+      const Platform::ErrorCode error = own.End();
+      if (error != 0) throw PackageError(kNotRestored, error);
+    };
+    try {
+      const Hresult result = operation();
+      restore();
+      return result;
+    } catch (...) {
+      restore();
+      throw;
     }
   }
 

@@ -53,4 +53,21 @@ Impersonation::~Impersonation() {
   if (error != 0) failed(ActingStep::Revert, error);
 }
 
+OwnIdentity::OwnIdentity() {
+  Sessions& sessions = *CurrentMachine().sessions;
+  auto token = sessions.ThreadToken();
+  if (!token) {
+    error = token.Error();
+    return;
+  }
+  if (*token == nullptr) return;
+  error = sessions.Revert();
+  if (error == 0) before = *std::move(token);
+}
+
+ErrorCode OwnIdentity::End() {
+  const UniqueHandle token = std::move(before);
+  return token == nullptr ? 0 : CurrentMachine().sessions->Resume(token.get());
+}
+
 }  // namespace Vx::Platform

@@ -45,6 +45,28 @@ class Impersonation {
   bool active = false;
 };
 
+// Runs the calling thread as its process for the life of this object, and then as it ran before.
+// For operations whose caller may act as one of its clients. Belongs to one thread, like
+// Impersonation.
+class OwnIdentity {
+ public:
+  OwnIdentity();
+  OwnIdentity(const OwnIdentity&) = delete;
+  OwnIdentity& operator=(const OwnIdentity&) = delete;
+  ~OwnIdentity() { End(); }
+
+  // Zero, or why the thread does not act as its process. It then still acts as before.
+  ErrorCode Error() const noexcept { return error; }
+
+  // Makes the thread act as before. Returns zero or the error with which the thread goes on as its
+  // process. Does nothing the second time.
+  ErrorCode End();
+
+ private:
+  UniqueHandle before;  // null if the thread did not impersonate, or again after End
+  ErrorCode error = 0;
+};
+
 // Returns what `action` returns when run as the user of `token`, or an empty value when `token` is
 // null or Windows refuses. The thread acts as the service again when this returns or throws.
 template <typename Action>

@@ -36,6 +36,13 @@ class Sessions {
   virtual ErrorCode Impersonate(RawHandle token) = 0;
   virtual ErrorCode Revert() = 0;
 
+  // The token that the calling thread impersonates with, or null while it acts as its process.
+  virtual Result<UniqueHandle> ThreadToken() const = 0;
+
+  // Makes the calling thread impersonate with such a token again, at the token's own level. Returns
+  // zero or the error.
+  virtual ErrorCode Resume(RawHandle threadToken) = 0;
+
   // Whether the process runs as Local System.
   virtual Result<bool> ProcessIsLocalSystem() const = 0;
 };

@@ -2,6 +2,7 @@
 
 #include <gmock/gmock.h>
 
+#include <optional>
 #include <stdexcept>
 #include <utility>
 #include <vector>
@@ -76,6 +77,31 @@ TEST_F(ConsoleUserTest, AFailedRevertIsReportedWhileAnExceptionPasses) {
   const auto failing = []() -> bool { throw std::runtime_error("in the middle"); };
   EXPECT_THROW(AsConsoleUser(report, failing), std::runtime_error);
   EXPECT_THAT(refused, ElementsAre(Pair(ActingStep::Revert, ErrorCode{ERROR_ACCESS_DENIED})));
+}
+
+std::optional<SECURITY_IMPERSONATION_LEVEL> LevelOfThread() {
+  SECURITY_IMPERSONATION_LEVEL level{};
+  DWORD size = 0;
+  if (GetTokenInformation(Tests::ThreadToken().get(), TokenImpersonationLevel, &level, sizeof level,
+                          &size) == FALSE) {
+    return std::nullopt;
+  }
+  return level;
+}
+
+TEST(OwnIdentityTest, ReturnsTheThreadWithTheTokenThatItCameWith) {
+  for (const auto level : {SecurityIdentification, SecurityImpersonation}) {
+    ASSERT_NE(ImpersonateSelf(level), FALSE);
+    {
+      const OwnIdentity own;
+      EXPECT_EQ(own.Error(), 0U);
+      EXPECT_FALSE(ThreadActsAsAnother());
+    }
+    EXPECT_EQ(LevelOfThread(), level);
+    RevertToSelf();
+  }
+  { const OwnIdentity own; }
+  EXPECT_FALSE(ThreadActsAsAnother()) << "a thread that did not impersonate";
 }
 
 }  // namespace

@@ -60,6 +60,19 @@ class RealSessions final : public Sessions {
 
   ErrorCode Revert() override { return RevertToSelf() != FALSE ? 0 : GetLastError(); }
 
+  Result<UniqueHandle> ThreadToken() const override {
+    HANDLE raw = nullptr;
+    if (OpenThreadToken(GetCurrentThread(), TOKEN_QUERY | TOKEN_IMPERSONATE, TRUE, &raw) == FALSE) {
+      const DWORD error = GetLastError();
+      if (error != ERROR_NO_TOKEN) return Result<UniqueHandle>::Failure(error);
+    }
+    return UniqueHandle(raw);
+  }
+
+  ErrorCode Resume(RawHandle threadToken) override {
+    return SetThreadToken(nullptr, threadToken) != FALSE ? 0 : GetLastError();
+  }
+
   Result<bool> ProcessIsLocalSystem() const override {
     HANDLE raw = nullptr;
     if (OpenProcessToken(GetCurrentProcess(), TOKEN_QUERY, &raw) == FALSE) {
