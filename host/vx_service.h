@@ -20,6 +20,10 @@ struct CompletionCallback;
 // Slot 0 is one ordinary virtual function instead of the deleting destructor of the host's
 // compiler. A C++ virtual destructor would take two entries here and shift every slot behind it.
 // All arguments are scalars or pointers, which both compilers pass in the same way.
+//
+// The calling thread must not impersonate: slots 3, 6, 8 and 9 act as the user at the console and
+// return the thread with its process's identity. A debug build of the module ends the process when
+// slot 3, 5, 6, 8 or 9 is called by such a thread.
 class VxService {
  public:
   VxService() = default;

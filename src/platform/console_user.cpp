@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <utility>
 
+#include "platform/fail_fast.h"
 #include "platform/machine.h"
 #include "platform/system_services.h"
 
@@ -68,6 +69,14 @@ OwnIdentity::OwnIdentity() {
 ErrorCode OwnIdentity::End() {
   const UniqueHandle token = std::move(before);
   return token == nullptr ? 0 : CurrentMachine().sessions->Resume(token.get());
+}
+
+// Asks the real Windows: no test's machine may hide what a host did.
+void ExpectOwnIdentity() noexcept {
+#ifndef NDEBUG
+  const auto token = WindowsMachine().sessions->ThreadToken();
+  if (token && *token != nullptr) FailFast();
+#endif
 }
 
 }  // namespace Vx::Platform

@@ -67,6 +67,10 @@ class OwnIdentity {
   ErrorCode error = 0;
 };
 
+// In a debug build, ends the process if the calling thread impersonates. For entries that would
+// leave it with its process's identity.
+void ExpectOwnIdentity() noexcept;
+
 // Returns what `action` returns when run as the user of `token`, or an empty value when `token` is
 // null or Windows refuses. The thread acts as the service again when this returns or throws.
 template <typename Action>

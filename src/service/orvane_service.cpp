@@ -11,6 +11,7 @@
 #include "events/zephra_events.h"
 #include "launch/text_files.h"
 #include "launch/windows_mode.h"
+#include "platform/console_user.h"
 #include "platform/files.h"
 #include "platform/kernel_objects.h"
 #include "platform/machine.h"
@@ -134,23 +135,28 @@ std::uint32_t OrvaneService::ReleaseClientContext(ClientContext** context) noexc
 std::uint32_t OrvaneService::ExecuteCommand(ClientContext* context, std::uint32_t functionId,
                                             const wchar_t* request, wchar_t** response,
                                             CompletionCallback* callback) noexcept {
+  Platform::ExpectOwnIdentity();
   return Dispatch(*this, context, functionId, request, response, callback);
 }
 
 void OrvaneService::Start() noexcept {
+  Platform::ExpectOwnIdentity();
   Contain("Start",
           [this] { Platform::StartDetached([shared = state] { RunStartupTask(shared); }); });
 }
 
 void OrvaneService::power_event_task(std::uint32_t eventType) noexcept {
+  Platform::ExpectOwnIdentity();
   Contain("power_event_task", [&] { HandlePowerEvent(*this, eventType); });
 }
 
 bool OrvaneService::oobe_event_task() noexcept {
+  Platform::ExpectOwnIdentity();
   return RunOobeEventTask(*state);
 }
 
 void OrvaneService::OnSessionChange(std::uint32_t code) noexcept {
+  Platform::ExpectOwnIdentity();
   Contain("OnSessionChange", [this, code] {
     if (code == kSessionLogon) RegisterExistingPackageCatalogManagerRequests(state.get());
     if (code == kSessionLogoff) PackageCatalogEventManager::clear_events(state.get());

@@ -104,5 +104,17 @@ TEST(OwnIdentityTest, ReturnsTheThreadWithTheTokenThatItCameWith) {
   EXPECT_FALSE(ThreadActsAsAnother()) << "a thread that did not impersonate";
 }
 
+// Exit status of a fail-fast. A release build checks nothing.
+TEST(OwnIdentityDeathTest, OfAThreadThatImpersonatesEndsADebugBuild) {
+  ExpectOwnIdentity();
+#ifndef NDEBUG
+  const auto enter = [] {
+    ImpersonateSelf(SecurityImpersonation);
+    ExpectOwnIdentity();
+  };
+  EXPECT_EXIT(enter(), testing::ExitedWithCode(static_cast<int>(0xC0000602)), "");
+#endif
+}
+
 }  // namespace
 }  // namespace Vx::Platform
