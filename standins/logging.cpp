@@ -17,6 +17,7 @@
 #include <evntprov.h>
 
 #include "standins/debug_monitor.h"
+#include "standins/narrow_texts.h"
 
 namespace Vx::Tessel::Server::Logging {
 
@@ -258,7 +259,8 @@ void TraceLogger::Write(LogLevel level, const wchar_t* caller, const wchar_t* fo
   record.caller = CopyCaller(callerBuffer, caller);
   va_list arguments;  // NOLINT(cppcoreguidelines-init-variables): va_start does
   va_start(arguments, format);
-  record.message = Format(buffer, format, arguments);
+  const NarrowTexts texts(format, arguments);
+  record.message = Format(buffer, texts.Format(), texts.Arguments());
   va_end(arguments);
 
   DeliverToSinks(record);
