@@ -284,9 +284,7 @@ int RegisterSubscription(const DeliveryKind& kind, const std::wstring& request) 
 int UnregisterSubscription(const DeliveryKind& kind, const std::wstring& request) noexcept {
   return ChangeList(kind, kind.texts.unregisterRuntimeError, kind.texts.unregisterFailed,
                     [&](RequestManager& manager) {
-                      const std::wstring before = manager.StoredRequests();
-                      manager.RemoveRequest(request);
-                      if (manager.StoredRequests() != before) return;
+                      if (manager.RemoveRequest(request)) return;
                       LogManager::GetLogger()->LogWarning(kind.texts.unregisterUnknown);
                     });
 }

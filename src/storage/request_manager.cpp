@@ -138,9 +138,14 @@ void RequestManager::PersistRequest(std::wstring_view request) {
   if (held == false) logger->LogError(kPersistFailed);
 }
 
-void RequestManager::RemoveRequest(std::wstring_view request) {
-  ChangeOrRefuse(kRemoveThrew,
-                 [&](const std::wstring& list) { return Storage::ListWithout(list, request); });
+bool RequestManager::RemoveRequest(std::wstring_view request) {
+  bool found = false;
+  ChangeOrRefuse(kRemoveThrew, [&](const std::wstring& list) {
+    std::optional<std::wstring> shorter = Storage::ListWithout(list, request);
+    found = shorter.has_value();
+    return shorter;
+  });
+  return found;
 }
 
 bool RequestManager::CompleteRequest(std::wstring_view request) {

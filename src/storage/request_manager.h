@@ -47,9 +47,9 @@ class RequestManager {
   // or the stored list cannot be read. Logs failures of the store.
   void PersistRequest(std::wstring_view request);
 
-  // Removes the first stored request with exactly this text, if there is one. Throws the JSON
-  // layer's error if the stored list cannot be read. Logs failures of the store.
-  void RemoveRequest(std::wstring_view request);
+  // Removes the first stored request with exactly this text. Returns false if there is none. Throws
+  // the JSON layer's error if the stored list cannot be read. Logs failures of the store.
+  bool RemoveRequest(std::wstring_view request);
 
   // Removes a one-shot request that has fired, ignoring white space in `request`. Returns true if
   // the list no longer holds it, also if it was removed before. Returns false and logs if the store
