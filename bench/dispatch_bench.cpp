@@ -6,25 +6,19 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <stdexcept>
 #include <string>
-
-#include <windows.h>
 
 #include <rapidjson/document.h>
 #include <rapidjson/stringbuffer.h>
 #include <rapidjson/writer.h>
 
 #include "bench/full_path.h"
+#include "bench/loaded_service.h"
 #include "bench/ratio_table.h"
-#include "host/vx_service.h"
 
 namespace {
 
 using namespace Vx::Bench;
-using Vx::Tessel::Server::Services::ClientContext;
-using Vx::Tessel::Server::Services::CreateServiceFunction;
-using Vx::Tessel::Server::Services::VxService;
 
 using Encoding = rapidjson::UTF16<wchar_t>;
 using Document = rapidjson::GenericDocument<Encoding>;
@@ -32,40 +26,6 @@ using Value = Document::ValueType;
 
 constexpr std::uint32_t kVersion = 22;
 constexpr std::uint32_t kNoSuchCommand = 99;
-
-// A service of the module, and a client context.
-class Service {
- public:
-  explicit Service(const wchar_t* path)
-      : library(LoadLibraryExW(path, nullptr, LOAD_LIBRARY_SEARCH_SYSTEM32)) {
-    if (library == nullptr) throw std::runtime_error("cannot load the module");
-    const auto create = reinterpret_cast<CreateServiceFunction>(
-        reinterpret_cast<void*>(GetProcAddress(library, "VxCreateService")));
-    service = create == nullptr ? nullptr : create();
-    if (service == nullptr) throw std::runtime_error("the module gives no service");
-    service->CreateClientContext(L"bench", &context);
-  }
-  Service(const Service&) = delete;
-  Service& operator=(const Service&) = delete;
-  ~Service() {
-    service->ReleaseClientContext(&context);
-    service->Destroy(1);
-    FreeLibrary(library);
-  }
-
-  void Run(std::uint32_t id, const std::wstring& request, std::uint32_t expected) {
-    wchar_t* response = nullptr;
-    if (service->ExecuteCommand(context, id, request.c_str(), &response, nullptr) != expected) {
-      std::abort();
-    }
-    service->FreeResponse(response);
-  }
-
- private:
-  HMODULE library;
-  VxService* service = nullptr;
-  ClientContext* context = nullptr;
-};
 
 // The same command with plain rapidjson.
 void Plain(const std::wstring& request, const wchar_t* version) {
@@ -93,7 +53,7 @@ std::wstring Padded(std::wstring open, std::size_t length) {
   return open + L"\"}";
 }
 
-void Measure(Service& service, RatioTable& table) {
+void Measure(LoadedService& service, RatioTable& table) {
   const struct {
     const char* name;
     std::wstring request;
@@ -138,7 +98,7 @@ int main(int argc, char** argv) {
   const std::wstring module = FullPath(argv[1]);
   argv[1] = argv[0];
   return RunBenchmarks(argc - 1, argv + 1, [&](RatioTable& table, Effort) {
-    Service service(module.c_str());
+    LoadedService service(module);
     Measure(service, table);
   });
 }

@@ -117,7 +117,7 @@ void Measure(RatioTable& table) {
     Bench::Keep(provider.VerifyEmbedded(path, 0));
   };
   table.Compare(
-      "the same launch", "process creation, catalog search, verification", 0, 1,
+      "the same launch", "process creation, catalog search, verification", 1.05, 1,
       [&] { launch.Execute(); },
       [&] {
         askWindows(trusted);
@@ -125,7 +125,7 @@ void Measure(RatioTable& table) {
       },
       settle);
   table.Compare(
-      "the same refusal", "catalog search, verification", 0, 1, [&] { refusal.Execute(); },
+      "the same refusal", "catalog search, verification", 1.03, 1, [&] { refusal.Execute(); },
       [&] { askWindows(refused); });
 }
 

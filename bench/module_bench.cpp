@@ -1,7 +1,7 @@
 // Measures what the module costs its host: the time to load it, its size, and an idle service's
 // memory.
 //
-// Usage: module_bench MODULE EMPTY-LIBRARY [--brief] [--json FILE]
+// Usage: module_bench MODULE EMPTY-LIBRARY SAME-IMPORTS [--brief] [--json FILE]
 #include <cstdio>
 #include <stdexcept>
 #include <string>
@@ -62,23 +62,29 @@ void ReportMemory(const std::wstring& module, RatioTable& table) {
   table.Report("size of the module", static_cast<double>(data.nFileSizeLow) / kKibibyte, "KiB");
 }
 
-void Measure(const std::wstring& module, const std::wstring& empty, RatioTable& table) {
-  table.Compare(
-      "load, create, destroy, unload", "loading and unloading an empty library", 0, 1,
-      [&] { Library(module).MakeService()->Destroy(1); }, [&] { const Library library(empty); });
+void Measure(const std::wstring& module, const std::wstring& empty, const std::wstring& sameImports,
+             RatioTable& table) {
+  const auto use = [&] { Library(module).MakeService()->Destroy(1); };
+  table.Compare("load, create, destroy, unload", "loading and unloading an empty library", 0, 1,
+                use, [&] { const Library library(empty); });
+  table.Compare("the same", "an empty library that imports the same libraries", 1.5, 1, use,
+                [&] { const Library library(sameImports); });
   ReportMemory(module, table);
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc < 3) {
-    std::fprintf(stderr, "usage: module_bench MODULE EMPTY-LIBRARY [--brief] [--json FILE]\n");
+  if (argc < 4) {
+    std::fprintf(stderr,
+                 "usage: module_bench MODULE EMPTY-LIBRARY SAME-IMPORTS [--brief] [--json FILE]\n");
     return 2;
   }
   const std::wstring module = FullPath(argv[1]);
   const std::wstring empty = FullPath(argv[2]);
-  argv[2] = argv[0];
-  return RunBenchmarks(argc - 2, argv + 2,
-                       [&](RatioTable& table, Effort) { Measure(module, empty, table); });
+  const std::wstring sameImports = FullPath(argv[3]);
+  argv[3] = argv[0];
+  return RunBenchmarks(argc - 3, argv + 3, [&](RatioTable& table, Effort) {
+    Measure(module, empty, sameImports, table);
+  });
 }

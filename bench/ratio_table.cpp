@@ -16,6 +16,7 @@ constexpr int kFewBatches = 5;  // of operations that take a second
 constexpr int kMostTurns = 20;  // of each side, in a batch
 constexpr int kLeastTurns = 3;
 constexpr double kBatchTime = 1e9;  // nanoseconds; batches of slow operations have fewer turns
+constexpr double kLongTime = 4e9;   // a pair that takes longer is measured kFewBatches times
 
 using Time = std::chrono::steady_clock;
 
@@ -58,8 +59,9 @@ void RatioTable::Compare(const std::string& name, const std::string& against, do
   // The first pair warms up and shows how long a turn takes.
   const double pair = (turn(ours) + turn(theirs)) * static_cast<double>(count);
   const int batches = brief ? 1 : pair > kBatchTime ? kFewBatches : kBatches;
-  const int turns =
-      brief ? 1 : std::clamp(static_cast<int>(kBatchTime / pair), kLeastTurns, kMostTurns);
+  const int turns = brief || pair > kLongTime
+                        ? 1
+                        : std::clamp(static_cast<int>(kBatchTime / pair), kLeastTurns, kMostTurns);
   std::vector<double> ourBatches;
   std::vector<double> theirBatches;
   for (int batch = 0; batch < batches; ++batch) {

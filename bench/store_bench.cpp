@@ -112,11 +112,20 @@ std::wstring Request(std::uint32_t event, std::size_t number) {
          std::to_wstring(number) + L"\",\"appServiceName\":\"service\",\"payload\":{\"n\":1}}}";
 }
 
+// `count` requests, of which the first `matching` are for `event` and the others for the next one.
+std::vector<std::wstring> Requests(std::size_t count, std::size_t matching, std::uint32_t event) {
+  std::vector<std::wstring> requests;
+  for (std::size_t i = 0; i < count; ++i) {
+    requests.push_back(Request(i < matching ? event : event + 1, i));
+  }
+  return requests;
+}
+
 std::wstring List(std::size_t count, std::size_t matching, std::uint32_t event) {
   std::wstring list = L"[";
-  for (std::size_t i = 0; i < count; ++i) {
-    if (i > 0) list += L',';
-    list += Request(i < matching ? event : event + 1, i);
+  for (const std::wstring& request : Requests(count, matching, event)) {
+    if (list.size() > 1) list += L',';
+    list += request;
   }
   return list + L"]";
 }
@@ -185,9 +194,7 @@ unsigned __stdcall Nothing(void*) {
   return 0;
 }
 
-void BareThreadsAndParses(std::size_t count, const std::wstring& list) {
-  Json::WideDocument whole;
-  Json::ParseJson(whole, list, Json::kMaxListNesting);
+void BareThreads(std::size_t count) {
   std::vector<Platform::UniqueHandle> threads;
   for (std::size_t i = 0; i < count; ++i) {
     threads.emplace_back(
@@ -195,6 +202,17 @@ void BareThreadsAndParses(std::size_t count, const std::wstring& list) {
         reinterpret_cast<HANDLE>(_beginthreadex(nullptr, 0, &Nothing, nullptr, 0, nullptr)));
   }
   for (const auto& thread : threads) WaitForSingleObject(thread.get(), INFINITE);
+}
+
+// What an event cannot do without: the store, each text, and a thread for each that matches.
+void BareEvent(BareStore& store, const std::vector<std::wstring>& requests, std::size_t matching) {
+  store.ReadOnce();
+  for (const std::wstring& request : requests) {
+    Json::InlineDocument<4096> document;
+    Json::ParseJson(*document, request);
+    Keep(*document);
+  }
+  BareThreads(matching);
 }
 
 // The memory while all workers of one event are there.
@@ -223,52 +241,101 @@ void MeasureDeliveries(RatioTable& table, Effort effort) {
     machine.appServices = &commands;
     machine.threads = &threads;
   });
-  for (const std::size_t count : {std::size_t{1}, std::size_t{100}, std::size_t{1000}}) {
-    if (effort == Effort::Brief && count > 100) continue;
-    for (const std::size_t matching : {std::size_t{0}, std::size_t{1}, count}) {
-      if (matching == 1 && count == 1) continue;
-      const Tests::PrivateStore folder;
-      const std::wstring list = List(count, matching, 7);
-      Plant(list);
-      table.Compare(
-          "one event, " + std::to_string(count) + " subscriptions, " + std::to_string(matching) +
-              " match",
-          "as many bare threads, one parse, one store read", 1.20, 1,
-          [&] {
-            FulfillSubscriptions(kPowerEvents, 7);
-            threads.WaitForAll();
-          },
-          [&] {
-            Keep(CapDataStore().readDocument(kServiceDocument));
-            BareThreadsAndParses(count, list);
-          });
-      if (matching == count) ReportPeak(table, commands, threads, count);
-    }
+  // The emulator ends at some 5,000 threads, so that all match only where there are few.
+  static constexpr struct {
+    std::size_t count;
+    std::size_t matching;
+    double goal;
+  } kEvents[] = {
+      {1, 0, 0},       {1, 1, 0},         {100, 0, 1.5},    {100, 1, 1.5},
+      {100, 100, 1.5}, {1000, 0, 1.5},    {1000, 10, 1.5},  {1000, 1000, 1.5},
+      {10000, 0, 1.5}, {10000, 100, 1.5}, {100000, 0, 1.5}, {100000, 1000, 1.5},
+  };
+  for (const auto& event : kEvents) {
+    if (effort == Effort::Brief && event.count > 100) continue;
+    const Tests::PrivateStore folder;
+    Plant(List(event.count, event.matching, 7));
+    BareStore bare(folder.FilePath());
+    const std::vector<std::wstring> requests = Requests(event.count, event.matching, 7);
+    const std::string name = "one event, " + std::to_string(event.count) + " subscriptions, " +
+                             std::to_string(event.matching) + " match";
+    std::size_t started = 0;
+    table.Compare(
+        name, "one store read, one parse of each, a thread for each that matches", event.goal, 1,
+        [&] {
+          FulfillSubscriptions(kPowerEvents, 7);
+          started = threads.Started();
+          threads.WaitForAll();
+        },
+        [&] { BareEvent(bare, requests, event.matching); });
+    table.Report("threads started, " + name, static_cast<double>(started), "");
+    if (event.matching == event.count) ReportPeak(table, commands, threads, event.count);
   }
 }
 
-void MeasureAdding(RatioTable& table) {
+// Changes of a list of `count`, which the bare side parses, changes and writes as a whole.
+void MeasureChanges(RatioTable& table, std::size_t count) {
   const Tests::PrivateStore folder;
-  const std::wstring list = List(999, 999, 7);
-  const std::wstring added = Request(7, 999);
-  Plant(list);
   auto& files = *Platform::CurrentMachine().files;
-  const auto planted = *files.Read(folder.FilePath(), kFileLimit);
+  const auto planted = [&](const std::wstring& list) {
+    Plant(list);
+    return *files.Read(folder.FilePath(), kFileLimit);
+  };
+  const std::wstring shorter = List(count - 1, 0, 7);
+  const std::wstring longer = List(count, 0, 7);
+  const auto shorterFile = planted(shorter);
+  const auto longerFile = planted(longer);
+  const std::wstring last = Request(8, count - 1);
+  const std::wstring middle = Request(8, count / 2);
+  const auto bare = [&](const std::wstring& list, const auto& change) {
+    Json::WideDocument document;
+    Json::ParseJson(document, list, Json::kMaxListNesting);
+    change(document);
+    CapDataStore().mergeMember(kServiceDocument, kPowerSubscriptions,
+                               BsonElement::Text(Json::JsonText(document)));
+  };
+  const auto eraseMiddle = [&](Json::WideDocument& document) {
+    auto element = document.Begin();
+    while (Json::JsonText(*element) != middle) ++element;
+    document.Erase(element);
+  };
+  constexpr char kAgainst[] = "rapidjson parse and write, and a store write";
+  const auto restore = [&](const auto& file) { files.Overwrite(folder.FilePath(), file); };
+  const auto manager = [] { return RequestManager(kServiceDocument, kPowerSubscriptions); };
+  const std::string number = std::to_string(count);
   table.Compare(
-      "adding the 1,000th subscription", "rapidjson parse and write, and a store write", 1.5, 1,
+      "adding subscription " + number, kAgainst, 1.10, 1,
       [&] {
-        files.Overwrite(folder.FilePath(), planted);
-        RequestManager(kServiceDocument, kPowerSubscriptions).PersistRequest(added);
+        restore(shorterFile);
+        manager().PersistRequest(last);
       },
       [&] {
-        files.Overwrite(folder.FilePath(), planted);
-        Json::WideDocument document;
-        Json::ParseJson(document, list, Json::kMaxListNesting);
-        Json::WideDocument element(&document.GetAllocator());
-        Json::ParseJson(element, added);
-        document.PushBack(element, document.GetAllocator());
-        CapDataStore().mergeMember(kServiceDocument, kPowerSubscriptions,
-                                   BsonElement::Text(Json::JsonText(document)));
+        restore(shorterFile);
+        bare(shorter, [&](Json::WideDocument& document) {
+          Json::WideDocument element(&document.GetAllocator());
+          Json::ParseJson(element, last);
+          document.PushBack(element, document.GetAllocator());
+        });
+      });
+  table.Compare(
+      "removing one of " + number, kAgainst, 1.10, 1,
+      [&] {
+        restore(longerFile);
+        UnregisterSubscription(kPowerEvents, middle);
+      },
+      [&] {
+        restore(longerFile);
+        bare(longer, eraseMiddle);
+      });
+  table.Compare(
+      "completing one of " + number, kAgainst, 1.10, 1,
+      [&] {
+        restore(longerFile);
+        manager().CompleteRequest(middle);
+      },
+      [&] {
+        restore(longerFile);
+        bare(longer, eraseMiddle);
       });
 }
 
@@ -277,7 +344,10 @@ void MeasureAdding(RatioTable& table) {
 int main(int argc, char** argv) {
   return RunBenchmarks(argc, argv, [](RatioTable& table, Effort effort) {
     MeasureStore(table);
-    MeasureAdding(table);
+    MeasureChanges(table, 1000);
+    if (effort == Effort::Full) {
+      for (const std::size_t count : {10'000, 100'000}) MeasureChanges(table, count);
+    }
     MeasureDeliveries(table, effort);
   });
 }

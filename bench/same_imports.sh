@@ -1,0 +1,33 @@
+#!/bin/sh
+# same_imports.sh OBJDUMP DLLTOOL COMPILER MODULE SOURCE DLL: builds SOURCE as a library that imports one
+# function from each library that MODULE imports from.
+set -eu
+objdump=$1 dlltool=$2 compiler=$3 module=$4 source=$5 dll=$6
+work=$dll.imports
+rm -rf "$work"
+mkdir -p "$work"
+
+# The library and the first function of each import, "KERNEL32.dll CloseHandle".
+"$objdump" -p "$module" | awk '
+  /DLL Name:/ { library = $3; next }
+  library != "" && NF == 3 && $2 ~ /^[0-9]+$/ { print library, $3; library = "" }' >"$work/list"
+
+{
+  cat "$source"
+  echo 'extern "C" {'
+  while read -r _ function; do echo "__declspec(dllimport) void $function();"; done <"$work/list"
+  echo '__declspec(dllexport) void (*const* Imported(int i))();'
+  echo '}'
+  echo 'void (*const* Imported(int i))() {'
+  echo '  static void (*const functions[])() = {'
+  while read -r _ function; do echo "    &$function,"; done <"$work/list"
+  echo '  };'
+  echo '  return &functions[i];'
+  echo '}'
+} >"$work/library.cpp"
+
+while read -r library function; do
+  printf 'LIBRARY "%s"\nEXPORTS\n  %s\n' "$library" "$function" >"$work/$library.def"
+  "$dlltool" -d "$work/$library.def" -l "$work/$library.a"
+done <"$work/list"
+"$compiler" -shared -s -fno-builtin -o "$dll" "$work/library.cpp" "$work"/*.a
