@@ -27,8 +27,8 @@ template <typename T>
 concept LogArgument = std::is_arithmetic_v<std::decay_t<T>> || std::is_pointer_v<std::decay_t<T>>;
 
 // Writes log lines for one provider. Formats are printf-style and wide, with the host's
-// conversions: %s takes wide text, %S narrow text in UTF-8. Any thread; never throws. A line that cannot be
-// formatted or delivered is dropped. Costs almost nothing without a listener.
+// conversions: %s takes wide text, %S narrow text in UTF-8. Any thread; never throws. A line that
+// cannot be formatted or delivered is dropped. Costs almost nothing without a listener.
 class TraceLogger {
  public:
   // The same logger with a caller identity on every record. Borrows both for its own life.

@@ -261,7 +261,8 @@ Check Package(const Orvane::CompanionApp& app) {
 Check Firmware() {
   Tessel::Server::Shared::WMI::VxBiosWmi firmware;
   const bool ready = firmware.GetReady();
-  return Judge("firmware", ready, ready ? L"its WMI namespace opens (its class is not asked)" : L"no WMI namespace",
+  return Judge("firmware", ready,
+               ready ? L"its WMI namespace opens (its class is not asked)" : L"no WMI namespace",
                L"the maker's WMI provider", L"a machine of another maker keeps no born-on date");
 }
 
