@@ -256,6 +256,9 @@ class FakePackageCatalog final : public Fake<Abi::IPackageCatalog> {
 class FakePackageCatalogStatics final : public Fake<Abi::IPackageCatalogStatics> {
  public:
   STDMETHODIMP OpenForCurrentUser(Abi::IPackageCatalog** catalog) override {
+    APTTYPEQUALIFIER qualifier{};
+    CoGetApartmentType(&runtime->catalogApartment, &qualifier);
+    runtime->openedAsAnother = ThreadActsAsAnother();
     return PutNew<FakePackageCatalog>(catalog);
   }
 };

@@ -63,6 +63,7 @@ class RuntimeTest : public testing::Test {
   int cancelled = 0;                                                               // operations
   int closed = 0;                                                                  // connections
   std::vector<std::wstring> openedServices;  // "family!service"
+  APTTYPE catalogApartment{};                // of the thread that opened the last catalog
   bool openedAsAnother = false;              // the thread that opened the last one impersonated
   std::vector<std::wstring> messages;        // texts under "message"
 

@@ -1,10 +1,14 @@
 #include "platform/windows/package_catalog.h"
 
 #include <atomic>
+#include <exception>
 #include <map>
 #include <mutex>
 #include <utility>
 
+#include "platform/sessions.h"
+#include "platform/thread.h"
+#include "platform/windows/capabilities.h"
 #include "platform/winrt/winrt_calls.h"
 
 #include <windows.h>
@@ -137,9 +141,42 @@ class WindowsPackageCatalog final : public PackageCatalog {
   SubscriptionMap subscriptions;  // guarded by mutex
 };
 
+// Whether the thread's objects belong to that thread alone.
+bool InSingleThreadedApartment() {
+  APTTYPE type{};
+  APTTYPEQUALIFIER qualifier{};
+  if (FAILED(CoGetApartmentType(&type, &qualifier))) return false;
+  return type == APTTYPE_STA || type == APTTYPE_MAINSTA;
+}
+
+// Opens the catalog in the multithreaded apartment, on a thread that acts as the calling one.
+std::shared_ptr<PackageCatalog> OpenOnAnotherThread() {
+  const auto token = WindowsSessions().ThreadToken();
+  if (!token) throw WindowsRuntimeError(HRESULT_FROM_WIN32(token.Error()), L"OpenThreadToken");
+  std::shared_ptr<PackageCatalog> catalog;
+  std::exception_ptr failure;
+  Thread opener([&] {
+    try {
+      if (*token != nullptr) {
+        const ErrorCode error = WindowsSessions().Resume(token->get());
+        Check(HRESULT_FROM_WIN32(error), L"SetThreadToken");
+      }
+      catalog = std::make_shared<WindowsPackageCatalog>();
+    } catch (...) {
+      failure = std::current_exception();
+    }
+  });
+  opener.Join();
+  if (failure) std::rethrow_exception(failure);
+  return catalog;
+}
+
 }  // namespace
 
+// The watchers and the system's notifications run in the multithreaded apartment. The documentation
+// of PackageCatalog does not promise that it may be used in another apartment than its own.
 std::shared_ptr<PackageCatalog> OpenWindowsPackageCatalog() {
+  if (InSingleThreadedApartment()) return OpenOnAnotherThread();
   return std::make_shared<WindowsPackageCatalog>();
 }
 
