@@ -53,7 +53,9 @@ class TrustProvider {
  public:
   virtual ~TrustProvider() = default;
 
-  // Verifies signature number `index` of the file itself, without prompts or revocation checks.
+  // Verifies signature number `index` of the file itself, without prompts or revocation checks. To
+  // build the chain, Windows may fetch missing certificates and its list of trusted roots from the
+  // network, which takes as long as its own time limits allow. VerifyInCatalog does the same.
   virtual SignatureVerdict VerifyEmbedded(const std::wstring& path, std::uint32_t index) const = 0;
 
   // Returns the catalog that holds the file's SHA-256. On failure, `failure` receives the step.

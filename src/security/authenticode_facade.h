@@ -15,7 +15,9 @@ class VxAuthenticodeFacadeBase {
 };
 
 // Whether a file is genuine: accepted by Windows, signed with a pinned key, in a protected place.
-// Keeps no state; any thread. A failed check of an access list takes up to about a second.
+// Keeps no state; any thread. A failed check of an access list takes up to about a second. Windows
+// may fetch certificates from the network meanwhile, so no lock that others need belongs around a
+// check.
 class VxAuthenticodeFacade final : public VxAuthenticodeFacadeBase {
  public:
   bool IsFileTrusted(const wchar_t* path) override;

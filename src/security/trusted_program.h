@@ -14,7 +14,8 @@ class TrustedProgram {
  public:
   // Locks `path` and judges it against the restricted keys. Returns null when the program cannot be
   // locked or is not trusted. Logs each step but not the refusal. Blocks for as long as
-  // VxAuthenticodeFacade. Opens only a file whose text WhyNotOpened and the path rule accept.
+  // VxAuthenticodeFacade, which includes network look-ups of Windows. Opens only a file whose text
+  // WhyNotOpened and the path rule accept.
   //
   // A lock that is refused does not end the check. If the program is then found trusted, the lock
   // is tried once more and the program is judged again under it, because the process that kept the
