@@ -25,7 +25,7 @@ const Logging::TraceLogger& Log() {
   return *Logging::LogManager::SetProvider(Logging::kComponentProvider);
 }
 
-// A console without a user is no error: the message is then sent as the service.
+// A console without a user is not an error. The message is then sent as the service.
 void ReportRevert(Platform::ActingStep step, Platform::ErrorCode error) {
   if (step == Platform::ActingStep::Revert) Log().LogWarning(kRevertFailed, error);
 }
