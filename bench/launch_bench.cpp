@@ -11,6 +11,7 @@
 #include "bench/ratio_table.h"
 #include "events/event_commands.h"
 #include "json/json_object.h"
+#include "platform/environment.h"
 #include "platform/machine.h"
 #include "platform/processes.h"
 #include "platform/trust_provider.h"
@@ -121,6 +122,24 @@ void Measure(RatioTable& table) {
       [&] { launch.Execute(); },
       [&] {
         askWindows(trusted);
+        bare();
+      },
+      settle);
+  // And what starting it in the user's session needs besides.
+  const auto findLogon = [&] {
+    for (const std::uint32_t id : processes.Ids(2048)) {
+      const auto image = processes.ImagePath(id);
+      if (image && image->ends_with(L"\\winlogon.exe")) return processes.PrimaryToken(id);
+    }
+    throw std::runtime_error("there is no logon process");
+  };
+  table.Compare(
+      "the same launch", "these, the system's environment, the logon process's token", 1.05, 1,
+      [&] { launch.Execute(); },
+      [&] {
+        askWindows(trusted);
+        Bench::Keep(Platform::CurrentMachine().environment->Block(nullptr));
+        Bench::Keep(findLogon());
         bare();
       },
       settle);

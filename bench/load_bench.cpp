@@ -4,6 +4,7 @@
 #include <bitset>
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -44,22 +45,38 @@ std::size_t Processors() {
   return std::bitset<64>(own).count();
 }
 
-void MeasureThreads(const std::wstring& module, RatioTable& table, Effort effort) {
+// Compares `each` operations on every one of 16 threads with as many on one thread, divided by the
+// processors.
+template <typename Operations>
+void CompareThreads(RatioTable& table, const std::string& name, double goal, std::size_t each,
+                    const Operations& run) {
   constexpr std::size_t kThreads = 16;
   const std::size_t processors = Processors();
-  const std::size_t each = effort == Effort::Brief ? 100 : 100'000;
-  LoadedService service(module);
   table.Compare(
-      "slot 3, 16 threads at once, id 22, " + std::to_string(processors) + " processors",
-      "one thread, divided by the processors", 1.11, 1,
+      "16 threads at once, " + name, "one thread, by " + std::to_string(processors) + " processors",
+      goal, 1,
       [&] {
         std::vector<std::thread> threads;
-        for (std::size_t i = 0; i < kThreads; ++i) {
-          threads.emplace_back([&] { RunMany(service, each); });
-        }
+        for (std::size_t i = 0; i < kThreads; ++i) threads.emplace_back([&] { run(each); });
         for (auto& thread : threads) thread.join();
       },
-      [&] { RunMany(service, kThreads * each / processors); });
+      [&] { run(kThreads * each / processors); });
+}
+
+void MeasureThreads(const std::wstring& module, RatioTable& table, Effort effort) {
+  constexpr std::size_t kResponse = 60;  // bytes
+  const std::size_t each = effort == Effort::Brief ? 100 : 100'000;
+  LoadedService service(module);
+  CompareThreads(table, "slot 3, id 22", 1.11, each,
+                 [&](std::size_t count) { RunMany(service, count); });
+  // The heap, which the response has to come from.
+  CompareThreads(table, "malloc and free", 0, each, [](std::size_t count) {
+    for (std::size_t i = 0; i < count; ++i) {
+      void* block = std::malloc(kResponse);
+      Keep(block);
+      std::free(block);
+    }
+  });
 }
 
 std::wstring Waiting(std::size_t number) {

@@ -346,7 +346,8 @@ int main(int argc, char** argv) {
     MeasureStore(table);
     MeasureChanges(table, 1000);
     if (effort == Effort::Full) {
-      for (const std::size_t count : {10'000, 100'000}) MeasureChanges(table, count);
+      for (const std::size_t count : {std::size_t{10'000}, std::size_t{100'000}})
+        MeasureChanges(table, count);
     }
     MeasureDeliveries(table, effort);
   });

@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """bench_report.py DIR NAME...: prints the tables DIR/NAME.json of the benchmarks as one Markdown table
 with its goals and one of single figures, as docs/performance.md has them, and draws each table as
-DIR/NAME.svg."""
+DIR/performance-NAME.svg."""
 import json
 import sys
 from html import escape
@@ -88,7 +88,7 @@ def main():
     tables = [json.loads((folder / f"{name}.json").read_text()) for name in names]
     markdown(tables)
     for name, table in zip(names, tables):
-        (folder / f"{name}.svg").write_text(picture(name, table["rows"]))
+        (folder / f"performance-{name}.svg").write_text(picture(name, table["rows"]))
 
 
 if __name__ == "__main__":
