@@ -272,18 +272,30 @@ TraceLogger* LogManager::GetLogger() {
 }
 
 TraceLogger* LogManager::SetProvider(const char* name) {
-  static StaticLock lock;
-  static std::vector<std::pair<std::string, std::unique_ptr<TraceLogger>>>* loggers = nullptr;
+  // Loggers are never removed, so finding one takes no lock, which the threads of commands would
+  // meet at several times each.
+  struct Known {
+    std::string name;
+    std::unique_ptr<TraceLogger> logger;
+    const Known* next;
+  };
+  static StaticLock lock;  // held while one is added
+  static std::atomic<const Known*> newest{nullptr};
 
   const std::string_view wanted = name != nullptr ? name : "";
+  const auto find = [wanted]() -> TraceLogger* {
+    const Known* known = newest.load(std::memory_order_acquire);
+    while (known != nullptr && known->name != wanted) known = known->next;
+    return known != nullptr ? known->logger.get() : nullptr;
+  };
+  if (TraceLogger* const logger = find()) return logger;
   const std::lock_guard guard(lock);
-  if (loggers == nullptr) loggers = new std::remove_pointer_t<decltype(loggers)>;
-  for (const auto& [known, logger] : *loggers) {
-    if (known == wanted) return logger.get();
-  }
+  if (TraceLogger* const logger = find()) return logger;
   const std::wstring wide(wanted.begin(), wanted.end());  // provider names are ASCII
   std::unique_ptr<TraceLogger> logger(new TraceLogger(wide));
-  return loggers->emplace_back(wanted, std::move(logger)).second.get();
+  auto added = std::make_unique<Known>(Known{std::string(wanted), std::move(logger), newest});
+  newest.store(added.get(), std::memory_order_release);
+  return added.release()->logger.get();
 }
 
 LogManager::SinkId LogManager::AddSink(Sink sink) {
