@@ -1,6 +1,7 @@
 // Starting a trusted program, and refusing one, against bare process creation of the same program.
 //
 // Usage: launch_bench [--brief] [--json FILE]
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <utility>
@@ -88,7 +89,12 @@ void Measure(RatioTable& table) {
   const Tests::ProtectedFolder folder;
   const std::wstring trusted = folder.Hold(L"idle_program.exe");
   const std::wstring refused = folder.Hold(L"unsigned_program.exe");
-  const Tests::StandInLogon logon(folder.Path());
+  // Leaves after a minute, which is longer than any row.
+  std::optional<Tests::StandInLogon> logon(folder.Path());
+  const auto renewLogon = [&] {
+    logon.reset();
+    logon.emplace(folder.Path());
+  };
   KeptProcesses processes(*Platform::CurrentMachine().processes);
   const Platform::MachineScope scope(
       [&](Platform::Machine& machine) { machine.processes = &processes; });
@@ -102,10 +108,15 @@ void Measure(RatioTable& table) {
   processes.WaitForAll();
 
   const auto settle = [&] { processes.WaitForAll(); };
+  const auto start = [&] {
+    const std::size_t before = processes.Running();
+    launch.Execute();
+    if (processes.Running() == before) throw std::runtime_error("the program is not started");
+  };
   const auto bare = [&] { StartBare(trusted, processes); };
-  table.Compare(
-      "launch of a signed 1 MiB program", "bare process creation", 1.25, 1,
-      [&] { launch.Execute(); }, bare, settle);
+  table.Compare("launch of a signed 1 MiB program", "bare process creation", 1.25, 1, start, bare,
+                settle);
+  renewLogon();
   table.Compare(
       "refusal of the same program without signature", "bare process creation", 0.10, 1,
       [&] { refusal.Execute(); }, bare, settle);
@@ -117,9 +128,9 @@ void Measure(RatioTable& table) {
     Bench::Keep(provider.FindCatalog(path, failure));
     Bench::Keep(provider.VerifyEmbedded(path, 0));
   };
+  renewLogon();
   table.Compare(
-      "the same launch", "process creation, catalog search, verification", 1.05, 1,
-      [&] { launch.Execute(); },
+      "the same launch", "process creation, catalog search, verification", 1.05, 1, start,
       [&] {
         askWindows(trusted);
         bare();
@@ -133,9 +144,10 @@ void Measure(RatioTable& table) {
     }
     throw std::runtime_error("there is no logon process");
   };
+  renewLogon();
   table.Compare(
       "the same launch", "these, the system's environment, the logon process's token", 1.05, 1,
-      [&] { launch.Execute(); },
+      start,
       [&] {
         askWindows(trusted);
         Bench::Keep(Platform::CurrentMachine().environment->Block(nullptr));
@@ -143,6 +155,7 @@ void Measure(RatioTable& table) {
         bare();
       },
       settle);
+  renewLogon();
   table.Compare(
       "the same refusal", "catalog search, verification", 1.03, 1, [&] { refusal.Execute(); },
       [&] { askWindows(refused); });
