@@ -35,10 +35,6 @@ constexpr wchar_t kResponseTooLong[] = L"a response has more than 65,536 charact
 constexpr const char* kClass = Platform::TypeName<OrvaneService>();
 constexpr char kExecuteCommand[] = "ExecuteCommand";
 
-// The most characters of a request. A longer one is invalid. The bound is many times the size of
-// any real request and limits what one call can make the service allocate.
-constexpr std::size_t kMaxRequestLength = std::size_t{1024} * 1024;
-
 // Bytes on the stack for the documents of one call: enough for a request of some hundred characters
 // and for every response but a list of subscriptions.
 constexpr std::size_t kRequestPool = 4096;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 
 #include "host/completion_callback.h"
@@ -8,6 +9,10 @@
 namespace Vx::Tessel::Server::Services::Orvane {
 
 class OrvaneService;
+
+// The most characters of a request. A longer one is invalid. The bound is many times the size of
+// any real request and limits what one call can make the service allocate.
+inline constexpr std::size_t kMaxRequestLength = std::size_t{1024} * 1024;
 
 // Executes one command for slot 3 and returns its result code. Any thread may call, also several at
 // once, because each call has its own documents.

@@ -64,11 +64,11 @@ expect 0 'log INFO [vxhost]: Version number is' --dll "$module" --private-store 
 expect 1 'no such command' --dll "$module" --private-store exec 99
 expect 2 'build it with scripts/build' --dll "$work/missing.dll" exec 22
 expect 2 'there is no subcommand "exce"' exce 22
-expect 2 'only exec, scenario, events and doctor use it' --private-store store show
+expect 2 'only exec, scenario, events, validate and doctor use it' --private-store store show
 expect 2 'no event to send' events
 expect 2 '--seconds' --simulate events --power 7 --seconds -1
 expect 2 'there is no file' trust "$work/missing.exe"
-expect 1 'NEVER  power event 99 never occurs' validate '{"powerEventType":99,"eventAction":2,
+expect 1 'NEVER  powerEventType: power event 99 never occurs' validate '{"powerEventType":99,"eventAction":2,
   "commandParams":{"packageFamilyName":"a","appServiceName":"b","payload":{}}}'
 expect 1 'line 1, column 13: ' validate '{"a":"\udc00"}'
 for command in exec scenario events 'store show' subscriptions trust pin watch validate \
