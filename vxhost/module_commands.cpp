@@ -1,7 +1,9 @@
 #include "vxhost/module_commands.h"
 
+#include <algorithm>
 #include <chrono>
 #include <cstdint>
+#include <iterator>
 #include <map>
 #include <memory>
 #include <stdexcept>
@@ -10,6 +12,8 @@
 
 #include <windows.h>
 
+#include "json/json_object.h"
+#include "platform/windows_runtime_error.h"
 #include "simulator/simulated_machine.h"
 #include "vxhost/scenario.h"
 #include "vxhost/text.h"
@@ -35,9 +39,23 @@ struct ExecOptions {
   std::string caller = "vxhost";
 };
 
+// The request that an argument gives. The module compares the text of a subscription to remove with
+// the stored one's compact form, which the file that subscribed need not have.
+std::wstring RequestText(const ExecOptions& options) {
+  constexpr std::uint32_t kUnsubscribe[] = {15, 19};
+  std::wstring text = TextOrFile(options.request);
+  const bool isFile = options.request.rfind('@', 0) == 0;
+  if (!isFile || std::ranges::find(kUnsubscribe, options.id) == std::end(kUnsubscribe)) return text;
+  try {
+    return Json::JsonObject::Parse(text).Stringify();
+  } catch (const Platform::WindowsRuntimeError&) {
+    return text;  // the module refuses it and names the fault
+  }
+}
+
 int Exec(const ModuleOptions& module, const ExecOptions& options, Console& console) {
   const auto theatre = MakeTheatre(module, console);
-  const std::wstring request = TextOrFile(options.request);
+  const std::wstring request = RequestText(options);
   console.Request(options.id, request);
   const Answer answer = theatre->Open().session.Execute(options.id, request, Wide(options.caller));
   console.Result(answer);

@@ -87,7 +87,8 @@ host=$(windows_path "$(realpath "$vxhost")")
 printf '@set ProgramData=%s\r\n' "$(windows_path "$work")" > "$work/tables.bat"
 for command in "--dll $(windows_path "$(realpath "$module")") exec 9 @forged.json" \
   "--dll $(windows_path "$(realpath "$module")") exec 20" subscriptions 'store show' \
-  'validate @forged.json'; do
+  'validate @forged.json' "--dll $(windows_path "$(realpath "$module")") exec 19 @forged.json" \
+  subscriptions; do
   printf '@"%s" %s\r\n' "$host" "$command" >> "$work/tables.bat"
 done
 (cd "$work" && "$emulator" ${prefix:+"$prefix"} cmd /c tables.bat > "$work/tables" 2>&1)
@@ -95,6 +96,13 @@ controls=$(printf '\033|\302[\200-\237]|\177|\342\200\256')
 if [ "$(grep -c '^power 7 *message *0 s *a.*forged' "$work/tables")" != 1 ] ||
   LC_ALL=C grep -qE "$controls|^platform" "$work/tables"; then
   echo "failed: a client's text reaches the terminal as it is, or its subscription is not shown:"
+  cat -v "$work/tables"
+  failures=$((failures + 1))
+fi
+
+# The file that subscribed also unsubscribes, whatever white space is in it.
+if ! tail -n 1 "$work/tables" | grep -qF '(none is stored)'; then
+  echo "failed: exec 19 with the file that subscribed removes nothing:"
   cat -v "$work/tables"
   failures=$((failures + 1))
 fi
