@@ -117,13 +117,14 @@ std::wstring Name(const WideValue& text) {
 bool IsProbablyMeant(const std::wstring& written, const std::wstring& name) {
   const std::size_t shorter = std::min(written.size(), name.size());
   if (std::max(written.size(), name.size()) - shorter > 1 || shorter < 3) return false;
-  std::size_t head = 0;
-  while (head < shorter && written[head] == name[head]) ++head;
-  std::size_t tail = 0;
-  while (tail < shorter - head &&
-         written[written.size() - 1 - tail] == name[name.size() - 1 - tail]) {
-    ++tail;
-  }
+  const auto common = [](const std::wstring& left, const std::wstring& right) {
+    const auto differs = std::mismatch(left.begin(), left.end(), right.begin(), right.end()).first;
+    return static_cast<std::size_t>(differs - left.begin());
+  };
+  const std::size_t head = common(written, name);
+  const std::wstring writtenBack(written.rbegin(), written.rend());
+  const std::wstring nameBack(name.rbegin(), name.rend());
+  const std::size_t tail = std::min(common(writtenBack, nameBack), shorter - head);
   if (head + tail + 1 >= std::max(written.size(), name.size())) return true;
   return written.size() == name.size() && head + tail + 2 == name.size() &&
          written[head] == name[head + 1] && written[head + 1] == name[head];
@@ -436,7 +437,7 @@ class Checker {
     }
     const bool isFile = static_cast<bool>(attributes);
     if (!isFile) fault(L"the program's path", L"there is no such file");
-    // A place is judged without the file where its text already tells.
+    // Without a file, only the text of the path can be judged.
     if (isFile ? helper.JudgePath(path).outcome != PathOutcome::Allowed
                : !helper.MayBeAllowed(path)) {
       fault(L"a place below %windir%, %ProgramFiles%, %ProgramFiles(x86)% or a WindowsApps folder",
