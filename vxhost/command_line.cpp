@@ -1,7 +1,12 @@
 #include "vxhost/command_line.h"
 
 #include <algorithm>
+#include <cstdio>
+#include <exception>
 #include <utility>
+
+#include "platform/windows_runtime_error.h"
+#include "vxhost/text.h"
 
 namespace Vx::Host {
 
@@ -43,6 +48,9 @@ CommandLine::CommandLine() : app(kAbout, "vxhost") {
       app.add_flag("--simulate", module.simulate,
                    "use a simulated machine, with the service that is built into vxhost and a\n"
                    "store of its own")};
+  app.add_flag("-q,--quiet", quiet, "results only");
+  app.add_option("--color", colours, "auto, always or never; NO_COLOR is respected")
+      ->check(CLI::IsMember({"auto", "always", "never"}));
 }
 
 CLI::App& CommandLine::Add(const char* name, const char* about, const char* footer, Run function) {
@@ -78,16 +86,39 @@ int CommandLine::Execute(std::vector<std::string> arguments) {
   for (const CLI::Option* option : moduleOptions) {
     app.get_option(option->get_name())->group("Options of " + Joined(moduleUsers));
   }
+  // A fault of the command line comes before the parser has seen the option.
+  json = std::find(arguments.begin(), arguments.end(), "--json") != arguments.end();
   try {
     RefuseUnknownSubcommand(arguments);
     std::reverse(arguments.begin(), arguments.end());  // the parser takes them from the end
     app.parse(std::move(arguments));
     RefuseUselessOptions();
   } catch (const CLI::ParseError& error) {
+    if (error.get_exit_code() != 0 && json) return Fail(error.what(), 0);
     return app.exit(error) == 0 ? kDone : kUnusable;
   }
-  Console console(json ? LogForm::Json : LogForm::Text);
-  return run(console);
+  Console console({.form = json ? LogForm::Json : LogForm::Text,
+                   .quiet = quiet,
+                   .colours = colours == "always"  ? Colours::Always
+                              : colours == "never" ? Colours::Never
+                                                   : Colours::Auto});
+  try {
+    return run(console);
+  } catch (const Platform::WindowsRuntimeError& error) {
+    return Fail(Utf8(error.message()), error.code());
+  } catch (const std::exception& error) {
+    return Fail(error.what(), 0);
+  }
+}
+
+int CommandLine::Fail(const std::string& why, std::int32_t result) const {
+  if (json) {
+    Console({.form = LogForm::Json}).Line(Utf8(ErrorJson(why, kUnusable, result)));
+  } else {
+    const std::string code = result == 0 ? "" : ": " + DescribeResult(result);
+    std::fprintf(stderr, "vxhost: %s\n", Printable(why + code, LineBreaks::Keep).c_str());
+  }
+  return kUnusable;
 }
 
 // The parser would only report that a subcommand is missing.
@@ -96,7 +127,10 @@ void CommandLine::RefuseUnknownSubcommand(const std::vector<std::string>& argume
   const std::string& name = arguments.front();
   const auto known =
       app.get_subcommands([&name](const CLI::App* command) { return command->get_name() == name; });
-  if (known.empty()) throw CLI::ValidationError("there is no subcommand \"" + name + "\"");
+  if (!known.empty()) return;
+  std::vector<std::string> names;
+  for (const CLI::App* command : app.get_subcommands({})) names.push_back(command->get_name());
+  throw CLI::ValidationError("there is no subcommand \"" + name + "\"" + DidYouMean(name, names));
 }
 
 void CommandLine::RefuseUselessOptions() const {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <string>
@@ -44,22 +45,26 @@ class CommandLine {
   void UseModule(const CLI::App& command);
   const ModuleOptions& Module() const { return module; }
 
-  // Adds --json to `command`: log lines are written as one JSON object per line.
+  // Adds --json to `command`, which then writes its results with Console::JsonResult. A failure
+  // that it throws is written in the form of ErrorJson.
   void OfferJson(CLI::App& command);
   const bool& Json() const { return json; }
 
-  // Parses and runs. Returns the exit code of the process.
+  // Parses and runs. Returns the exit code of the process. Writes what the subcommand throws.
   int Execute(std::vector<std::string> arguments);
 
  private:
   void RefuseUnknownSubcommand(const std::vector<std::string>& arguments) const;
   void RefuseUselessOptions() const;
+  int Fail(const std::string& why, std::int32_t result) const;
 
   CLI::App app;
   std::vector<const CLI::Option*> moduleOptions;
   std::vector<const CLI::App*> moduleUsers;
   ModuleOptions module;
   bool json = false;
+  bool quiet = false;
+  std::string colours = "auto";
   const CLI::App* chosen = nullptr;
   Run run;
 };

@@ -8,8 +8,8 @@
 
 #include <shellapi.h>
 
-#include "platform/windows_runtime_error.h"
 #include "vxhost/command_line.h"
+#include "vxhost/console.h"
 #include "vxhost/doctor_command.h"
 #include "vxhost/module_commands.h"
 #include "vxhost/store_commands.h"
@@ -32,15 +32,10 @@ std::vector<std::string> Arguments() {
   return arguments;
 }
 
-int Fail(const std::string& why) {
-  std::fprintf(stderr, "vxhost: %s\n", Printable(why, LineBreaks::Keep).c_str());
-  return kUnusable;
-}
-
 }  // namespace
 
 int main() {
-  static_cast<void>(SetConsoleOutputCP(CP_UTF8));  // on failure the console shows what it can
+  const TerminalScope terminal;
   try {
     CommandLine line;
     // The order of the help.
@@ -52,9 +47,8 @@ int main() {
     AddResumeCommand(line);
     AddDoctorCommand(line);
     return line.Execute(Arguments());
-  } catch (const Vx::Platform::WindowsRuntimeError& error) {
-    return Fail(Utf8(error.message()));
   } catch (const std::exception& error) {
-    return Fail(error.what());
+    std::fprintf(stderr, "vxhost: %s\n", error.what());
+    return kUnusable;
   }
 }

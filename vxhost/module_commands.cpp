@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdint>
+#include <cwchar>
 #include <iterator>
 #include <map>
 #include <memory>
@@ -33,6 +34,29 @@ std::map<std::wstring, std::wstring> Definitions(const std::vector<std::string>&
   return definitions;
 }
 
+// {"id", "code", "meaning", "answer"}; the answer is null when the module returned none, and a text
+// when it is not JSON.
+Json::WideDocument ResultOf(std::uint32_t id, const Answer& answer) {
+  Json::WideDocument result(rapidjson::kObjectType);
+  auto& allocator = result.GetAllocator();
+  wchar_t code[16];
+  std::swprintf(code, std::size(code), L"0x%08X", answer.code);
+  result.AddMember(L"id", id, allocator);
+  result.AddMember(L"code", Json::WideValue(code, allocator), allocator);
+  result.AddMember(L"meaning", Json::WideValue(Wide(MeaningOf(answer.code)), allocator), allocator);
+  Json::WideValue value;
+  if (answer.text) {
+    Json::WideDocument parsed;
+    if (Json::ParseJson(parsed, *answer.text)) {
+      value.CopyFrom(parsed, allocator);
+    } else {
+      value.SetString(*answer.text, allocator);
+    }
+  }
+  result.AddMember(L"answer", value, allocator);
+  return result;
+}
+
 struct ExecOptions {
   std::uint32_t id = 0;
   std::string request = "{}";
@@ -58,7 +82,11 @@ int Exec(const ModuleOptions& module, const ExecOptions& options, Console& conso
   const std::wstring request = RequestText(options);
   console.Request(options.id, request);
   const Answer answer = theatre->Open().session.Execute(options.id, request, Wide(options.caller));
-  console.Result(answer);
+  if (console.WritesJson()) {
+    console.JsonResult(ResultOf(options.id, answer));
+  } else {
+    console.Result(answer);
+  }
   return answer.code == 0 ? kDone : kNotMet;
 }
 
@@ -131,9 +159,11 @@ void AddExec(CommandLine& line) {
       "exec", "run one command and print its answer", kExecFooter,
       [&line, options](Console& console) { return Exec(line.Module(), *options, console); });
   exec.add_option("id", options->id, "the number of the command")->required();
-  exec.add_option("request", options->request, "the request's JSON, or @FILE");
+  exec.add_option("request", options->request,
+                  "the request's JSON, @FILE, or @- for standard input");
   exec.add_option("--caller", options->caller, "the client's identity")->capture_default_str();
   line.UseModule(exec);
+  line.OfferJson(exec);
 }
 
 void AddScenario(CommandLine& line) {

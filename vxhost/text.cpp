@@ -2,8 +2,11 @@
 
 #include <algorithm>
 #include <fstream>
+#include <iostream>
 #include <iterator>
+#include <numeric>
 #include <stdexcept>
+#include <utility>
 
 #include <windows.h>
 
@@ -22,6 +25,26 @@ constexpr wchar_t kReplacement = 0xFFFD;
 bool DrivesATerminal(wchar_t unit) {
   return unit < 0x20 || (unit >= 0x7F && unit < 0xA0) || (unit >= 0x2028 && unit <= 0x202E) ||
          (unit >= 0x2066 && unit <= 0x2069) || unit == 0x061C || unit == 0x200E || unit == 0x200F;
+}
+
+std::wstring FromBytes(std::string bytes) {
+  if (bytes.rfind("\xEF\xBB\xBF", 0) == 0) bytes.erase(0, 3);
+  return Wide(bytes);
+}
+
+// How many letters have to be inserted, removed or replaced to turn one text into the other.
+std::size_t Distance(const std::string& one, const std::string& other) {
+  std::vector<std::size_t> row(other.size() + 1);
+  std::iota(row.begin(), row.end(), std::size_t{0});
+  for (std::size_t i = 1; i <= one.size(); ++i) {
+    std::size_t diagonal = std::exchange(row[0], i);
+    for (std::size_t j = 1; j <= other.size(); ++j) {
+      const std::size_t replaced = diagonal + (one[i - 1] == other[j - 1] ? 0 : 1);
+      diagonal = row[j];
+      row[j] = std::min({row[j] + 1, row[j - 1] + 1, replaced});
+    }
+  }
+  return row.back();
 }
 
 }  // namespace
@@ -49,8 +72,7 @@ std::wstring ReadTextFile(const std::wstring& path) {
   std::ifstream file(path.c_str(), std::ios::binary);
   if (!file) throw std::runtime_error("cannot read " + Utf8(path));
   std::string bytes((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
-  if (bytes.rfind("\xEF\xBB\xBF", 0) == 0) bytes.erase(0, 3);
-  return Wide(bytes);
+  return FromBytes(std::move(bytes));
 }
 
 std::wstring OwnPath() {
@@ -81,8 +103,23 @@ std::wstring FullPathOfFile(const std::string& path) {
 }
 
 std::wstring TextOrFile(const std::string& argument) {
+  if (argument == "@-") return FromBytes(std::string(std::istreambuf_iterator<char>(std::cin), {}));
   if (argument.rfind('@', 0) == 0) return ReadTextFile(FullPath(argument.substr(1)));
   return Wide(argument);
+}
+
+std::string DidYouMean(const std::string& written, const std::vector<std::string>& names) {
+  constexpr std::size_t kLongestName = 64;  // the comparison takes the product of the lengths
+  if (written.size() > kLongestName) return {};
+  std::size_t least = std::max<std::size_t>(2, written.size() / 3) + 1;
+  const std::string* closest = nullptr;
+  for (const std::string& name : names) {
+    const std::size_t distance = Distance(written, name);
+    if (distance >= std::min(least, name.size())) continue;
+    least = distance;
+    closest = &name;
+  }
+  return closest == nullptr ? std::string() : "; did you mean \"" + *closest + "\"?";
 }
 
 std::string FaultText(const std::wstring& text, const Json::ParseFault& fault) {

@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "json/json_text.h"
 
@@ -34,8 +35,11 @@ std::wstring FullPathOfFile(const std::string& path);
 std::wstring OwnPath();
 std::wstring DefaultModule();
 
-// The text that an argument gives, literally or as @FILE.
+// The text that an argument gives: literally, as @FILE, or as @- for standard input.
 std::wstring TextOrFile(const std::string& argument);
+
+// "; did you mean \"x\"?" for the name that `written` probably is a slip of, otherwise empty.
+std::string DidYouMean(const std::string& written, const std::vector<std::string>& names);
 
 // Where and why `text` is not JSON: the module's parser refused it with `fault`.
 std::string FaultText(const std::wstring& text, const Json::ParseFault& fault);

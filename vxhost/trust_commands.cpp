@@ -3,7 +3,9 @@
 #include <cstdio>
 #include <memory>
 #include <string>
+#include <vector>
 
+#include "json/json_text.h"
 #include "launch/qubo_facade.h"
 #include "platform/windows_runtime_error.h"
 #include "security/file_trust.h"
@@ -26,18 +28,50 @@ struct Options {
   bool general = false;
 };
 
+// {NAME: [TEXT, ...]}
+Json::WideDocument Texts(const wchar_t* name, const std::vector<std::string>& texts) {
+  Json::WideDocument result(rapidjson::kObjectType);
+  auto& allocator = result.GetAllocator();
+  Json::WideValue list(rapidjson::kArrayType);
+  for (const std::string& text : texts) {
+    list.PushBack(Json::WideValue(Wide(text), allocator), allocator);
+  }
+  result.AddMember(Json::WideValue(name, allocator), list, allocator);
+  return result;
+}
+
 int Trust(const Options& options, Console& console) {
   const auto keys =
       options.general ? Tessel::Security::GeneralKeys() : Tessel::Security::RestrictedKeys();
   const auto trust = Tessel::Security::JudgeFile(FullPathOfFile(options.file), keys);
+  Json::WideDocument result(rapidjson::kObjectType);
+  auto& allocator = result.GetAllocator();
+  Json::WideValue checks(rapidjson::kArrayType);
   for (const auto& step : Tessel::Security::Explain(trust, keys)) {
+    if (console.WritesJson()) {
+      Json::WideValue check(rapidjson::kObjectType);
+      check.AddMember(L"passed", step.passed, allocator);
+      check.AddMember(L"text", Json::WideValue(step.text, allocator), allocator);
+      checks.PushBack(check, allocator);
+      continue;
+    }
     console.Line((step.passed ? "  +  " : "  -  ") + Utf8(step.text));
+  }
+  if (console.WritesJson()) {
+    result.AddMember(L"file", Json::WideValue(Wide(options.file), allocator), allocator);
+    result.AddMember(L"trusted", trust.trusted, allocator);
+    result.AddMember(L"checks", checks, allocator);
+    console.JsonResult(result);
   }
   return trust.trusted ? kDone : kNotMet;
 }
 
 int Pin(const Options& options, Console& console) {
   const auto keys = Tessel::Security::PublicKeysOf(FullPathOfFile(options.file));
+  if (console.WritesJson()) {
+    console.JsonResult(Texts(L"keys", {keys.begin(), keys.end()}));
+    return keys.empty() ? kNotMet : kDone;
+  }
   for (const std::string& key : keys) console.Line(key);
   if (!keys.empty()) return kDone;
   // Not on standard output, which users append to a file of pinned keys.
@@ -48,7 +82,15 @@ int Pin(const Options& options, Console& console) {
 int ExplainResume(Console& console) {
   using Tessel::Server::Services::Orvane::Qubo::Explain;
   using Tessel::Server::Services::Orvane::Qubo::QuboFacade;
-  for (const std::wstring& line : Explain(QuboFacade().ExplainResume())) console.Line(Utf8(line));
+  std::vector<std::string> lines;
+  for (const std::wstring& line : Explain(QuboFacade().ExplainResume())) {
+    lines.push_back(Utf8(line));
+  }
+  if (console.WritesJson()) {
+    console.JsonResult(Texts(L"rules", lines));
+    return kDone;
+  }
+  for (const std::string& line : lines) console.Line(line);
   return kDone;
 }
 
@@ -62,16 +104,19 @@ void AddTrustCommands(CommandLine& line) {
   trust.add_option("file", options->file, "the file")->required();
   trust.add_flag("--general", options->general,
                  "check against the general keys instead of the restricted ones");
+  line.OfferJson(trust);
 
-  line.Add("pin", "print a signed file's public keys in the pinned form", kPinFooter,
-           [options](Console& console) { return Pin(*options, console); })
-      .add_option("file", options->file, "the file")
-      ->required();
+  CLI::App& pin =
+      line.Add("pin", "print a signed file's public keys in the pinned form", kPinFooter,
+               [options](Console& console) { return Pin(*options, console); });
+  pin.add_option("file", options->file, "the file")->required();
+  line.OfferJson(pin);
 }
 
 void AddResumeCommand(CommandLine& line) {
-  line.Add("explain-resume", "explain whether a resume would launch the companion app, and why",
-           kResumeFooter, &ExplainResume);
+  line.OfferJson(line.Add("explain-resume",
+                          "explain whether a resume would launch the companion app, and why",
+                          kResumeFooter, &ExplainResume));
 }
 
 }  // namespace Vx::Host

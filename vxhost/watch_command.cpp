@@ -94,7 +94,7 @@ int Watch(const Options& options, Console& console) {
     // Debug output of other programs has no provider.
     if (!monitor.Next(250, text)) continue;
     if (const LogLine line = ParseLogLine(text); !line.provider.empty())
-      console.Log(line, Now(options.json));
+      console.LogResult(line, Now(options.json));
   }
   return kDone;
 }

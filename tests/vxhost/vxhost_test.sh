@@ -63,7 +63,21 @@ expect 2 'cannot read' --simulate scenario "$work/missing.json"
 expect 0 'log INFO [vxhost]: Version number is' --dll "$module" --private-store exec 22
 expect 1 'no such command' --dll "$module" --private-store exec 99
 expect 2 'build it with scripts/build' --dll "$work/missing.dll" exec 22
-expect 2 'there is no subcommand "exce"' exce 22
+expect 2 'there is no subcommand "exce"; did you mean "exec"?' exce 22
+expect 2 '{"error":{"message":' --dll "$work/missing.dll" exec 22 --json
+printf '\357\273\277{}' | expect 0 '-> 22 {}' --simulate exec 22 @-
+expect 0 "$(printf '\033[2m')" --simulate --color always exec 22
+
+# What a script reads of exec is one line, whatever the module logs.
+"$emulator" ${prefix:+"$prefix"} "$vxhost" --simulate exec 99 --json 2> "$work/errors" |
+  tr -d '\r' > "$work/output"
+if [ "$(cat "$work/output")" != \
+  '{"id":99,"code":"0x20000001","meaning":"no such command","answer":{}}' ] ||
+  ! grep -q '"level":"ERROR"' "$work/errors"; then
+  echo "failed: exec --json mixes its result with the log:"
+  cat "$work/output" "$work/errors"
+  failures=$((failures + 1))
+fi
 expect 2 'only exec, scenario, events, validate and doctor use it' --private-store store show
 expect 2 'no event to send' events
 expect 2 '--seconds' --simulate events --power 7 --seconds -1
