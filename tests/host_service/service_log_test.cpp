@@ -1,0 +1,110 @@
+#include "vxhost/service/service_log.h"
+
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <windows.h>
+
+#include "platform/unique_handle.h"
+#include "support/temp_folder.h"
+#include "vxhost/service/log_folder.h"
+
+namespace Vx::Host {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::EndsWith;
+using ::testing::HasSubstr;
+
+constexpr std::uint64_t kDay = std::uint64_t{86'400} * 10'000'000;
+constexpr std::uint64_t kFirstDay = 154'497 * kDay;  // 2024-01-01
+
+LogEntry Entry(std::uint64_t time, const std::wstring& message) {
+  return {time, 7, 9, {L"WARNING", L"Vx-Test", L"client", message}};
+}
+
+std::vector<std::string> Names(const std::filesystem::path& folder) {
+  std::vector<std::string> names;
+  for (const auto& file : std::filesystem::directory_iterator(folder)) {
+    names.push_back(file.path().filename().string());
+  }
+  std::sort(names.begin(), names.end());
+  return names;
+}
+
+std::string Content(const std::filesystem::path& file) {
+  std::ifstream in(file, std::ios::binary);
+  return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+}
+
+TEST(LogFolderTest, BeginsAFileWithTheDayAndAtTheLimitAndKeepsTheNewest) {
+  const Tests::TempFolder folder;
+  std::ofstream(folder.Path() / "vxhost-notes.log") << "not a log";
+  LogFolder log(folder.Path().wstring(), {.fileBytes = 400, .files = 3});
+  for (int day = 0; day < 3; ++day) {
+    for (int line = 0; line < 4; ++line) {  // three lines fit
+      EXPECT_TRUE(log.Write(Entry(kFirstDay + static_cast<std::uint64_t>(day) * kDay, L"line")));
+    }
+  }
+  EXPECT_THAT(Names(folder.Path()),
+              ElementsAre("vxhost-20240102-0002.log", "vxhost-20240103-0001.log",
+                          "vxhost-20240103-0002.log", "vxhost-notes.log"));
+}
+
+TEST(LogFolderTest, ContinuesBehindALineThatAKillTore) {
+  const Tests::TempFolder folder;
+  const auto file = folder.Path() / "vxhost-20240101-0001.log";
+  std::ofstream(file, std::ios::binary) << "{\"time\":\"20";
+  LogFolder log(folder.Path().wstring());
+  EXPECT_TRUE(log.Write(Entry(kFirstDay + 12'345'0000, L"a \"b\"\n\xE9")));
+  EXPECT_EQ(Content(file),
+            "{\"time\":\"20\n"
+            R"({"time":"2024-01-01T00:00:12.345Z","level":"WARNING","provider":"Vx-Test",)"
+            R"("caller":"client","thread":7,"process":9,"message":"a \"b\"\u000a)"
+            "\xC3\xA9\"}\n");
+}
+
+// Holds every record back until it is opened.
+class Gate : public LogTarget {
+ public:
+  explicit Gate(std::vector<std::wstring>& out, bool works = true) : messages(out), good(works) {}
+  bool Write(const LogEntry& entry) noexcept override {
+    SetEvent(entered.get());
+    WaitForSingleObject(open.get(), 10'000);
+    messages.push_back(entry.line.message);
+    return good;
+  }
+  Platform::UniqueHandle open{CreateEventW(nullptr, TRUE, FALSE, nullptr)};
+  Platform::UniqueHandle entered{CreateEventW(nullptr, TRUE, FALSE, nullptr)};
+
+ private:
+  std::vector<std::wstring>& messages;
+  bool good;
+};
+
+TEST(ServiceLogTest, DropsAndCountsInsteadOfWaitingForATarget) {
+  std::vector<std::wstring> messages;
+  {
+    auto gate = std::make_unique<Gate>(messages);
+    Gate& target = *gate;
+    std::vector<std::unique_ptr<LogTarget>> targets;
+    targets.push_back(std::move(gate));
+    ServiceLog log(std::move(targets), 2);
+    log.Add(L"INFO", L"held");
+    ASSERT_EQ(WaitForSingleObject(target.entered.get(), 10'000), WAIT_OBJECT_0);
+    for (const wchar_t* text : {L"1", L"2", L"3", L"4", L"5"}) log.Add(L"INFO", text);
+    SetEvent(target.open.get());
+  }
+  EXPECT_THAT(messages, ElementsAre(L"held", L"3 log lines were dropped", L"1", L"2"));
+}
+
+}  // namespace
+}  // namespace Vx::Host
