@@ -51,7 +51,7 @@ TEST(EnvelopeTest, RefusesEverythingElse) {
       "{\"id\":1,\"request\":\"\xC0\x80\"}",
       "{\"id\":1,\"request\":\"a\nb\"}",
       R"({"id":1,"request":"\ud8)",
-      std::string(kLongestEnvelope + 1, '{'),
+      std::string(kLongestCommand + 1, '{'),
   };
   for (const std::string& message : cases) {
     EXPECT_FALSE(ParseCommand(message)) << message.substr(0, 80);

@@ -113,7 +113,6 @@ struct Members {
 // Reads {NUMBER: n, TEXT: "..."}, where either may be missing.
 std::optional<Members> ParseMembers(std::string_view message, std::wstring_view numberName,
                                     std::wstring_view textName) {
-  if (message.size() > kLongestEnvelope) return std::nullopt;
   Reader reader(message);
   Members members;
   if (!reader.Take('{')) return std::nullopt;
@@ -147,6 +146,7 @@ std::string WriteMembers(const char* numberName, std::uint32_t number, const cha
 }  // namespace
 
 std::optional<CommandEnvelope> ParseCommand(std::string_view message) {
+  if (message.size() > kLongestCommand) return std::nullopt;
   auto members = ParseMembers(message, Json::ToWide(kId), Json::ToWide(kRequest));
   if (!members || !members->number || !members->text) return std::nullopt;
   if (members->text->find(L'\0') != std::wstring::npos) return std::nullopt;
@@ -154,6 +154,7 @@ std::optional<CommandEnvelope> ParseCommand(std::string_view message) {
 }
 
 std::optional<ResultEnvelope> ParseResult(std::string_view message) {
+  if (message.size() > kLongestResult) return std::nullopt;
   auto members = ParseMembers(message, Json::ToWide(kCode), Json::ToWide(kResponse));
   if (!members || !members->number) return std::nullopt;
   return ResultEnvelope{*members->number, std::move(members->text)};

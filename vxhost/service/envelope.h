@@ -14,8 +14,9 @@ namespace Vx::Host {
 // exactly by the module, so the envelope never parses or rewrites them. An unpaired surrogate
 // travels as an escape.
 
-// The longest message in either direction, in bytes. A longer one ends the connection.
-inline constexpr std::size_t kLongestEnvelope = std::size_t{1} << 20;
+// The longest messages in bytes. A longer one ends the connection.
+inline constexpr std::size_t kLongestCommand = std::size_t{1} << 20;
+inline constexpr std::size_t kLongestResult = std::size_t{64} << 20;
 
 // A command of a client: {"id": 9, "request": "..."}.
 struct CommandEnvelope {

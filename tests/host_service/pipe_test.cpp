@@ -1,0 +1,194 @@
+#include "vxhost/service/pipe_server.h"
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <system_error>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <windows.h>
+
+#include <aclapi.h>
+#include <sddl.h>
+
+#include "platform/thread.h"
+#include "vxhost/service/pipe_client.h"
+#include "vxhost/service/pipe_io.h"
+
+namespace Vx::Host {
+namespace {
+
+using namespace std::chrono_literals;
+using ::testing::HasSubstr;
+using ::testing::StartsWith;
+
+// A server that returns each request, numbered by its id, and holds id 1 back until it is released.
+class PipeTest : public ::testing::Test {
+ protected:
+  void Serve(std::vector<std::wstring> allowed = {}) {
+    PipeOptions options{.path = path, .allowed = std::move(allowed), .clients = 8};
+    options.idle = idle;
+    options.stuck = 200ms;
+    options.retry = 20ms;
+    server = std::make_unique<PipeServer>(
+        options,
+        [this](const CommandEnvelope& command, const std::wstring& client) {
+          lastClient = client;
+          if (command.id == 1) {
+            ++held;
+            WaitForSingleObject(release.get(), 10'000);
+          }
+          if (command.id == 2) return ResultEnvelope{2, std::wstring(1'000'000, L'x')};
+          return ResultEnvelope{command.id, command.request};
+        },
+        [this](const wchar_t*, const std::wstring& message) {
+          const std::lock_guard guard(lock);
+          reports += message + L"\n";
+        });
+  }
+
+  PipeClient Client() { return {path, GetCurrentProcessId(), 5s}; }
+
+  Platform::UniqueHandle RawClient() {
+    for (int i = 0; i < 500; ++i) {
+      auto pipe = Platform::AdoptFile(CreateFileW(path.c_str(), GENERIC_READ | GENERIC_WRITE, 0,
+                                                  nullptr, OPEN_EXISTING, 0, nullptr));
+      DWORD mode = PIPE_READMODE_MESSAGE;
+      if (pipe != nullptr) SetNamedPipeHandleState(pipe.get(), &mode, nullptr, nullptr);
+      if (pipe != nullptr) return pipe;
+      Sleep(10);
+    }
+    throw std::runtime_error("no pipe");
+  }
+
+  static bool Send(const Platform::UniqueHandle& pipe, const std::string& message) {
+    DWORD written = 0;
+    return WriteFile(pipe.get(), message.data(), static_cast<DWORD>(message.size()), &written,
+                     nullptr) != FALSE;
+  }
+
+  bool Eventually(const std::function<bool()>& holds) {
+    for (int i = 0; i < 500 && !holds(); ++i) Sleep(10);
+    return holds();
+  }
+
+  std::wstring Reports() {
+    const std::lock_guard guard(lock);
+    return reports;
+  }
+
+  const std::wstring path = PipePath(L"test-" + std::to_wstring(GetCurrentProcessId()));
+  std::chrono::milliseconds idle = 10min;
+  Platform::UniqueHandle release{CreateEventW(nullptr, TRUE, FALSE, nullptr)};
+  std::atomic<int> held{0};
+  std::mutex lock;
+  std::wstring reports;
+  std::wstring lastClient;
+  std::unique_ptr<PipeServer> server;
+};
+
+TEST_F(PipeTest, AnswersEachClientWhileTheCommandOfAnotherOneRuns) {
+  Serve();
+  Platform::Thread slow([this] { EXPECT_EQ(Client().Execute({1, L"slow"}).response, L"slow"); });
+  ASSERT_TRUE(Eventually([this] { return held == 1; }));
+  PipeClient first = Client();
+  PipeClient second = Client();
+  for (std::uint32_t id = 10; id < 20; ++id) {
+    EXPECT_EQ(first.Execute({id, L"{broken \xD800"}).response, L"{broken \xD800");
+    EXPECT_EQ(second.Execute({id, L""}).code, id);
+  }
+  EXPECT_EQ(second.Execute({3, std::wstring(200'000, L'\xE9')}).response->size(), 200'000U);
+  EXPECT_THAT(lastClient, StartsWith(L"host_service_test.exe "));
+  SetEvent(release.get());
+  slow.Join();
+}
+
+TEST_F(PipeTest, AHostileClientCostsTheOthersNothing) {
+  Serve();
+  const std::vector<std::function<void()>> attacks = {
+      [&] { EXPECT_TRUE(Send(RawClient(), "rubbish")); },
+      [&] { Send(RawClient(), std::string(kLongestCommand + 1, '[')); },
+      [&] { EXPECT_TRUE(Send(RawClient(), "")); },
+      [&] { RawClient(); },
+      [&] {
+        EXPECT_TRUE(Send(RawClient(), WriteCommand({1, L"gone"})));
+      },  // while it runs
+      [&] {
+        EXPECT_TRUE(Send(RawClient(), WriteCommand({2, L"gone"})));
+      },
+  };
+  PipeClient honest = Client();
+  for (const auto& attack : attacks) {
+    for (int i = 0; i < 2; ++i) attack();
+    EXPECT_EQ(honest.Execute({7, L"still"}).response, L"still");
+  }
+  SetEvent(release.get());
+  const auto silent = RawClient();
+  const auto deaf = RawClient();
+  EXPECT_TRUE(Send(deaf, WriteCommand({2, L""})));  // its result is larger than the pipe
+  EXPECT_TRUE(Eventually([this] { return Reports().find(L"did not read") != Reports().npos; }));
+  EXPECT_THAT(Reports(), HasSubstr(L"not a command: host_service_test.exe"));
+  // All places are free again, except those of the two clients that stay.
+  std::vector<std::unique_ptr<PipeClient>> crowd;
+  for (int i = 0; i < 5; ++i) {
+    crowd.push_back(std::make_unique<PipeClient>(path, GetCurrentProcessId(), 5s));
+    EXPECT_EQ(crowd.back()->Execute({7, L"room"}).response, L"room");
+  }
+}
+
+TEST_F(PipeTest, ASilentClientIsDisconnected) {
+  idle = 50ms;
+  Serve();
+  const auto silent = RawClient();
+  char byte = 0;
+  DWORD count = 0;
+  EXPECT_FALSE(ReadFile(silent.get(), &byte, 1, &count, nullptr));
+}
+
+TEST_F(PipeTest, ATakenNameIsOneErrorAndARetry) {
+  // The emulator knows no first instance, but admits no second one beyond the limit of the first.
+  auto squatter = Platform::AdoptFile(CreateNamedPipeW(path.c_str(), PIPE_ACCESS_INBOUND,
+                                                       PIPE_TYPE_MESSAGE, 1, 64, 64, 0, nullptr));
+  ASSERT_NE(squatter, nullptr);
+  Serve();
+  ASSERT_TRUE(Eventually([this] { return !Reports().empty(); }));
+  Sleep(60);  // two retries
+  EXPECT_THAT(Reports(), StartsWith(L"the pipe's name is in use"));
+  EXPECT_EQ(std::count(reports.begin(), reports.end(), L'\n'), 1);
+  squatter.reset();
+  ASSERT_TRUE(Eventually([this] { return Reports().find(L"is open") != Reports().npos; }));
+  EXPECT_EQ(Client().Execute({9, L"x"}).code, 9U);
+}
+
+TEST_F(PipeTest, AClientSendsNothingToAnotherProcess) {
+  Serve();
+  EXPECT_THROW(PipeClient(path, GetCurrentProcessId() + 4, 5s), std::runtime_error);
+}
+
+TEST_F(PipeTest, ItsAccessListAdmitsOnlyWhoWasNamed) {
+  EXPECT_THROW(Serve({L"S-1-1-0)(A;;GA;;;WD"}), std::system_error);
+  Serve({L"S-1-5-21-1-2-3-1001"});
+  const auto pipe = RawClient();
+  PSECURITY_DESCRIPTOR raw = nullptr;
+  ASSERT_EQ(GetSecurityInfo(pipe.get(), SE_KERNEL_OBJECT, DACL_SECURITY_INFORMATION, nullptr,
+                            nullptr, nullptr, nullptr, &raw),
+            0U);
+  const Platform::UniqueLocalMemory<void> descriptor(raw);
+  wchar_t* text = nullptr;
+  ASSERT_TRUE(ConvertSecurityDescriptorToStringSecurityDescriptorW(
+      raw, SDDL_REVISION_1, DACL_SECURITY_INFORMATION, &text, nullptr));
+  const Platform::UniqueLocalMemory<wchar_t> owner(text);
+  EXPECT_STREQ(text, L"D:P(D;;GA;;;NU)(A;;GA;;;SY)(A;;GA;;;BA)(A;;0x12018b;;;S-1-5-21-1-2-3-1001)");
+}
+
+}  // namespace
+}  // namespace Vx::Host

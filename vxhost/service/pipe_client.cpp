@@ -1,0 +1,69 @@
+#include "vxhost/service/pipe_client.h"
+
+#include <limits>
+#include <stdexcept>
+
+#include <windows.h>
+
+#include "vxhost/service/pipe_io.h"
+#include "vxhost/text.h"
+
+namespace Vx::Host {
+
+namespace {
+
+// No GENERIC_WRITE: it includes the right to create an instance, which the service grants to
+// administrators only.
+constexpr DWORD kAccess = FILE_GENERIC_READ | FILE_WRITE_DATA | FILE_WRITE_ATTRIBUTES;
+
+// A command may take minutes, and the client can end the wait by ending.
+constexpr std::chrono::milliseconds kNoLimit{std::numeric_limits<DWORD>::max()};
+
+constexpr DWORD kPause = 20;  // milliseconds
+
+}  // namespace
+
+PipeClient::PipeClient(const std::wstring& path, std::uint32_t service,
+                       std::chrono::milliseconds patience) {
+  const ULONGLONG end = GetTickCount64() + static_cast<ULONGLONG>(patience.count());
+  while (true) {
+    // Identification: a false server must not act as this client.
+    pipe = Platform::AdoptFile(CreateFileW(
+        path.c_str(), kAccess, 0, nullptr, OPEN_EXISTING,
+        FILE_FLAG_OVERLAPPED | SECURITY_SQOS_PRESENT | SECURITY_IDENTIFICATION, nullptr));
+    if (pipe != nullptr) break;
+    const DWORD error = GetLastError();
+    const ULONGLONG now = GetTickCount64();
+    // A service that has just started may not have opened it yet.
+    const bool soon = error == ERROR_PIPE_BUSY || error == ERROR_FILE_NOT_FOUND;
+    if (!soon || now >= end) {
+      throw std::runtime_error("cannot open " + Utf8(path) + " (error " + std::to_string(error) +
+                               "); is the service running, and may this account use it?");
+    }
+    if (WaitNamedPipeW(path.c_str(), static_cast<DWORD>(end - now)) == FALSE) Sleep(kPause);
+  }
+  ULONG server = 0;
+  if (GetNamedPipeServerProcessId(pipe.get(), &server) == FALSE || server != service) {
+    throw std::runtime_error(Utf8(path) + " belongs to process " + std::to_string(server) +
+                             " and not to the service; nothing was sent");
+  }
+  DWORD mode = PIPE_READMODE_MESSAGE;
+  if (SetNamedPipeHandleState(pipe.get(), &mode, nullptr, nullptr) == FALSE) {
+    throw std::runtime_error("the pipe is not in message mode");
+  }
+}
+
+ResultEnvelope PipeClient::Execute(const CommandEnvelope& command) {
+  PipeMessages messages(pipe.get(), nullptr);
+  std::string message = WriteCommand(command);
+  if (message.size() > kLongestCommand) throw std::runtime_error("the request is too long");
+  if (messages.Write(message, kNoLimit) != PipeOutcome::Done ||
+      messages.Read(message, kLongestResult, kNoLimit) != PipeOutcome::Done) {
+    throw std::runtime_error("the service ended the connection");
+  }
+  auto result = ParseResult(message);
+  if (!result) throw std::runtime_error("the service sent no result");
+  return std::move(*result);
+}
+
+}  // namespace Vx::Host
