@@ -1,0 +1,128 @@
+#include "vxhost/service/host_loop.h"
+
+#include <cstdint>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <windows.h>
+
+#include "platform/unique_handle.h"
+#include "support/temp_folder.h"
+#include "vxhost/text.h"
+
+namespace Vx::Host {
+namespace {
+
+using ::testing::HasSubstr;
+
+TEST(PowerFilterTest, DropsWhatTheOtherSourceReportedWithinTwoSeconds) {
+  constexpr auto kControl = PowerSource::ServiceControl;
+  constexpr auto kNotice = PowerSource::Notification;
+  PowerFilter filter;
+  const struct {
+    const char* name;
+    std::uint32_t code;
+    PowerSource source;
+    std::uint64_t time;
+    bool passes;
+  } kSteps[] = {
+      {"the first report", 18, kControl, 1000, true},
+      {"the same from the other source", 18, kNotice, 3000, false},
+      {"7 after 18", 7, kNotice, 3000, true},
+      {"its pair", 7, kControl, 3001, false},
+      {"a second resume, from one source only", 7, kControl, 3500, true},
+      {"a third one from that source", 7, kControl, 3600, true},
+      {"the other source two seconds late", 7, kNotice, 5601, true},
+  };
+  for (const auto& step : kSteps) {
+    EXPECT_EQ(filter.Passes(step.code, step.source, step.time), step.passes) << step.name;
+  }
+}
+
+class Lines : public LogTarget {
+ public:
+  explicit Lines(std::wstring& out) : text(out) {}
+  bool Write(const LogEntry& entry) noexcept override {
+    text += entry.line.level + L" " + entry.line.caller + L": " + entry.line.message + L"\n";
+    return true;
+  }
+
+ private:
+  std::wstring& text;
+};
+
+// The module as it ships, with a store of its own.
+class HostLoopTest : public ::testing::Test {
+ protected:
+  HostLoopTest() {
+    std::vector<std::unique_ptr<LogTarget>> targets;
+    targets.push_back(std::make_unique<Lines>(text));
+    log = std::make_unique<ServiceLog>(std::move(targets));
+  }
+
+  HostLoop::Options Options(bool modernStandby) const {
+    const std::wstring own = OwnPath();
+    const std::wstring tests = own.substr(0, own.find_last_of(L'\\'));
+    return {tests + L"\\..\\bin\\OrvaneService.dll", modernStandby};
+  }
+
+  bool StandbyIsSet() const { return WaitForSingleObject(standby.get(), 0) == WAIT_OBJECT_0; }
+
+  // Everything logged. The log ends with it.
+  const std::wstring& Logged() {
+    log.reset();
+    return text;
+  }
+
+  Tests::PrivateStore store;
+  Platform::UniqueHandle standby{
+      CreateEventW(nullptr, TRUE, FALSE, L"{CE7DC567-F47B-4A07-8489-C9DEB372B88F}")};
+  std::wstring text;
+  std::unique_ptr<ServiceLog> log;
+};
+
+TEST_F(HostLoopTest, RunsCommandsAndForwardsEachPowerEventOnce) {
+  {
+    HostLoop host(Options(false), *log);
+    EXPECT_EQ(host.Execute({22, L"{}"}, L"client").code, 0U);
+    EXPECT_EQ(host.Execute({22, L"{broken"}, L"client").code, 0x20000003U);
+    host.OnPower(7, PowerSource::ServiceControl);
+    host.OnPower(7, PowerSource::Notification);
+    host.OnSession(6);
+  }
+  EXPECT_THAT(Logged(), HasSubstr(L"INFO : power event 7\n"));
+  EXPECT_THAT(Logged(),
+              HasSubstr(L"dropped, the other source has just reported it: power event 7"));
+  EXPECT_THAT(Logged(), HasSubstr(L"INFO : session change 6\n"));
+  EXPECT_THAT(Logged(), HasSubstr(L"the module is stopped"));
+  EXPECT_EQ(GetModuleHandleW(L"OrvaneService.dll"), nullptr);
+}
+
+TEST_F(HostLoopTest, SetsTheStandbyEventOnModernStandbyAloneAndNeverLeavesItSet) {
+  SetEvent(standby.get());
+  {
+    HostLoop host(Options(true), *log);
+    EXPECT_FALSE(StandbyIsSet()) << "what a host that ended left behind";
+    host.OnStandby(HostLoop::Standby::Entered);
+    EXPECT_TRUE(StandbyIsSet());
+    host.OnStandby(HostLoop::Standby::Left);
+    EXPECT_FALSE(StandbyIsSet());
+    host.OnStandby(HostLoop::Standby::Entered);
+  }
+  EXPECT_FALSE(StandbyIsSet());
+  HostLoop other(Options(false), *log);
+  other.OnStandby(HostLoop::Standby::Entered);
+  EXPECT_FALSE(StandbyIsSet());
+}
+
+TEST_F(HostLoopTest, AFileThatIsNotAModuleIsReported) {
+  EXPECT_THROW(HostLoop({OwnPath(), false}, *log), std::runtime_error);
+}
+
+}  // namespace
+}  // namespace Vx::Host
