@@ -95,6 +95,7 @@ TEST_F(HostLoopTest, RunsCommandsAndForwardsEachPowerEventOnce) {
     host.OnPower(7, PowerSource::Notification);
     host.OnSession(6);
   }
+  EXPECT_THAT(Logged(), HasSubstr(L" client: ")) << "a line of the module about its client";
   EXPECT_THAT(Logged(), HasSubstr(L"INFO : power event 7\n"));
   EXPECT_THAT(Logged(),
               HasSubstr(L"dropped, the other source has just reported it: power event 7"));

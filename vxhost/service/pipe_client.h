@@ -17,7 +17,7 @@ class PipeClient {
   // std::runtime_error, whose text advises the user.
   PipeClient(const std::wstring& path, std::uint32_t service, std::chrono::milliseconds patience);
 
-  // Runs one command. Blocks until the service has answered. Throws std::runtime_error when the
+  // Runs one command. Blocks until its result arrives. Throws std::runtime_error when the
   // connection ends first.
   ResultEnvelope Execute(const CommandEnvelope& command);
 
