@@ -29,6 +29,8 @@ std::string Joined(const std::vector<const CLI::App*>& commands) {
   std::string names;
   for (std::size_t i = 0; i < commands.size(); ++i) {
     if (i != 0) names += i + 1 == commands.size() ? " and " : ", ";
+    const CLI::App* parent = commands[i]->get_parent();
+    if (parent->get_parent() != nullptr) names += parent->get_name() + " ";
     names += commands[i]->get_name();
   }
   return names;

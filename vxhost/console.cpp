@@ -79,8 +79,10 @@ BOOL WINAPI EndedByUser(DWORD) {
 
 bool WantsColours(Colours colours) {
   if (colours != Colours::Auto) return colours == Colours::Always;
-  const char* refused = std::getenv("NO_COLOR");
-  return (refused == nullptr || *refused == '\0') && _isatty(_fileno(stdout)) != 0;
+  // Returns the length or what it would be. An empty variable refuses nothing.
+  wchar_t refused[2] = {};
+  const bool set = GetEnvironmentVariableW(L"NO_COLOR", refused, 2) != 0;
+  return !set && _isatty(_fileno(stdout)) != 0;
 }
 
 const char* Colour(const std::wstring& level) {

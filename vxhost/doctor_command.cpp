@@ -53,12 +53,13 @@ struct Check {
 // A check that is good, or a finding with what was expected and what to do.
 Check Judge(const char* what, bool good, std::wstring found, const wchar_t* expected,
             const wchar_t* advice) {
-  if (good) return {.what = what, .found = std::move(found)};
-  return {.what = what,
-          .health = Health::Finding,
-          .found = std::move(found),
-          .expected = expected,
-          .advice = advice};
+  Check check{.what = what, .found = std::move(found)};
+  if (!good) {
+    check.health = Health::Finding;
+    check.expected = expected;
+    check.advice = advice;
+  }
+  return check;
 }
 
 constexpr DWORD kMutexLimit = 1000;  // milliseconds
@@ -201,7 +202,7 @@ std::optional<std::wstring> LogonProcess(std::uint32_t session) {
   const Platform::Processes& processes = *Machine().processes;
   constexpr std::size_t kMost = 2048;
   for (const std::uint32_t id : processes.Ids(kMost)) {
-    const auto image = processes.ImagePath(id);
+    auto image = processes.ImagePath(id);
     if (image && Orvane::FileNameOf(*image) == L"winlogon.exe" &&
         processes.Session(id) == session) {
       return image;

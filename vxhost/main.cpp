@@ -12,6 +12,7 @@
 #include "vxhost/console.h"
 #include "vxhost/doctor_command.h"
 #include "vxhost/module_commands.h"
+#include "vxhost/service_command.h"
 #include "vxhost/store_commands.h"
 #include "vxhost/text.h"
 #include "vxhost/trust_commands.h"
@@ -40,6 +41,7 @@ int main() {
     CommandLine line;
     // The order of the help.
     AddModuleCommands(line);
+    AddServiceCommands(line);
     AddStoreCommands(line);
     AddTrustCommands(line);
     AddWatchCommand(line);

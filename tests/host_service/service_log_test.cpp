@@ -21,8 +21,6 @@ namespace Vx::Host {
 namespace {
 
 using ::testing::ElementsAre;
-using ::testing::EndsWith;
-using ::testing::HasSubstr;
 
 constexpr std::uint64_t kDay = std::uint64_t{86'400} * 10'000'000;
 constexpr std::uint64_t kFirstDay = 154'497 * kDay;  // 2024-01-01

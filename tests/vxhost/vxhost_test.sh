@@ -78,7 +78,7 @@ if [ "$(cat "$work/output")" != \
   cat "$work/output" "$work/errors"
   failures=$((failures + 1))
 fi
-expect 2 'only exec, scenario, events, validate and doctor use it' --private-store store show
+expect 2 'only exec, scenario, events, service run, validate and doctor use it' --private-store store show
 expect 2 'no event to send' events
 expect 2 '--seconds' --simulate events --power 7 --seconds -1
 expect 2 'there is no file' trust "$work/missing.exe"
@@ -152,5 +152,30 @@ expect 2 'is missing or has no version' --dll missing.dll doctor
 expect 1 '+  first-run set-up: complete' --simulate doctor
 expect 1 '{"check":"logon process","health":"ok"' --simulate doctor --json
 expect 2 'doctor examines the store of the machine' --private-store doctor
+
+# A running service replies over its pipe, and its log is in the folder that was named.
+mkdir "$work/served"
+windows() { printf 'Z:%s' "$(printf %s "$1" | tr / '\\')"; }
+name=VxTest$$
+"$emulator" ${prefix:+"$prefix"} cmd /c "set ProgramData=$(windows "$work/served")&& $(windows \
+  "$vxhost") --dll $(windows "$module") service run --name $name --seconds 6 --log $(windows \
+  "$work/served")" >"$work/run" 2>"$work/banner" </dev/null &
+running=$!
+tries=0
+until process=$(sed -n 's/.* runs as process \([0-9]*\);.*/\1/p' "$work/banner") &&
+  [ -n "$process" ] || [ "$tries" = 50 ]; do
+  sleep 0.1
+  tries=$((tries + 1))
+done
+expect 0 '<- {"result":{"getVersion":' service exec 22 --name "$name" --process "$process"
+expect 1 'no such command' service exec 99 --name "$name" --process "$process"
+expect 2 'and not to the service; nothing was sent' service exec 22 --name "$name" --process 1
+wait $running
+exit=$?
+if [ $exit != 0 ] || ! grep -q '"message":"Version number is' "$work"/served/vxhost-*-0001.log; then
+  echo "failed: vxhost service run exits with $exit and prints:"
+  cat "$work/banner" "$work/run" "$work"/served/vxhost-*.log
+  failures=$((failures + 1))
+fi
 
 exit $((failures > 0))
