@@ -30,7 +30,7 @@ struct Narrow {
 };
 
 struct Line {
-  Narrow narrow[8];
+  Narrow narrow[8] = {};
   std::size_t narrows = 0;
   std::size_t slots = 0;  // arguments in all
 };

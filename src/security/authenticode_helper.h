@@ -65,8 +65,8 @@ class VxAuthenticodeHelper {
   bool MayBeAllowed(const std::wstring& path) const;
 
   // Whether `folder` belongs to SYSTEM or TrustedInstaller and grants GENERIC_ALL to both. An entry
-  // alone proves nothing: whoever makes a folder may add any. Accounts are compared by SID, since
-  // their names depend on the language of Windows.
+  // alone proves nothing, because the maker of a folder may add any. Accounts are compared by SID,
+  // since their names depend on the language of Windows.
   bool CheckForFullConrolByTrustedInstallAndSystem(const std::wstring& folder) const;
 
   // Opens `path` for reading with read sharing only, so that it cannot be replaced between a trust

@@ -13,7 +13,8 @@
 #include "support/silent_pipe.h"
 
 // The import that every CreateFileW of this program goes through.
-extern "C" decltype(&CreateFileW) __imp_CreateFileW;  // NOLINT(bugprone-reserved-identifier)
+// NOLINTNEXTLINE(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
+extern "C" decltype(&CreateFileW) __imp_CreateFileW;
 
 namespace Vx::Platform {
 namespace {
