@@ -301,7 +301,7 @@ class FaultyFiles final : public Decorator<Platform::Files> {
   Opened Create(const std::wstring& path, const std::wstring& accessLike) override {
     return Wrapped(Or("Files.Create", [&] { return inner.Create(path, accessLike); }));
   }
-  std::vector<std::wstring> Siblings(const std::wstring& path) const override {
+  Result<std::vector<std::wstring>> Siblings(const std::wstring& path) const override {
     return Or("Files.Siblings", [&] { return inner.Siblings(path); });
   }
 

@@ -134,7 +134,7 @@ Platform::Files::Opened SimulatedFiles::Create(const std::wstring& path,
   return RealFiles().Create(path, accessLike);
 }
 
-std::vector<std::wstring> SimulatedFiles::Siblings(const std::wstring& path) const {
+Result<std::vector<std::wstring>> SimulatedFiles::Siblings(const std::wstring& path) const {
   return RealFiles().Siblings(path);
 }
 

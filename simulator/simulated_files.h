@@ -41,7 +41,7 @@ class SimulatedFiles : public Platform::Files {
   // For the real files only.
   Opened Open(const std::wstring& path, Platform::FileUse use) override;
   Opened Create(const std::wstring& path, const std::wstring& accessLike) override;
-  std::vector<std::wstring> Siblings(const std::wstring& path) const override;
+  Platform::Result<std::vector<std::wstring>> Siblings(const std::wstring& path) const override;
 
  private:
   std::optional<std::vector<std::byte>> Content(const std::wstring& path) const;

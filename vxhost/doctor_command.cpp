@@ -171,8 +171,11 @@ Check Mutex() {
 
 Check Store(const std::wstring& path) {
   constexpr wchar_t kExpected[] = L"a file that this machine can decrypt";
-  if (!Machine().files->Siblings(path).empty()) {
-    return Judge("store", false, L"files beside it: a damaged copy or an interrupted write",
+  const auto siblings = Machine().files->Siblings(path);
+  if (!siblings || !siblings->empty()) {
+    return Judge("store", false,
+                 siblings ? L"files beside it: a damaged copy or an interrupted write"
+                          : L"its folder cannot be listed: " + Code(siblings.Error()),
                  L"the file alone", L"see docs/operations.md before you remove any");
   }
   // Without siblings this only reads.

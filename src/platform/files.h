@@ -91,8 +91,9 @@ class Files {
   // FileUse::Remove.
   virtual Opened Create(const std::wstring& path, const std::wstring& accessLike) = 0;
 
-  // Returns the files whose paths consist of `path`, a dot and more.
-  virtual std::vector<std::wstring> Siblings(const std::wstring& path) const = 0;
+  // Returns the files whose paths consist of `path`, a dot and more. Fails unless the folder was
+  // listed to its end.
+  virtual Result<std::vector<std::wstring>> Siblings(const std::wstring& path) const = 0;
 };
 
 }  // namespace Vx::Platform

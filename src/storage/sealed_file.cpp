@@ -131,7 +131,11 @@ ErrorCode OpenOwn(const std::wstring& path, std::optional<OwnFile>& own) {
   // A file of another account may be held open: its owner is read first.
   for (const FileUse use : {FileUse::Inspect, FileUse::Remove}) {
     Opened opened = Files().Open(path, use);
-    if (!opened) return opened.Error() == kFileNotFound ? 0 : opened.Error();
+    if (!opened) {
+      // Windows lets the system inspect its own files. It refuses to open a folder like this.
+      const bool foreign = use == FileUse::Inspect && opened.Error() == kAccessDenied;
+      return foreign || opened.Error() == kFileNotFound ? 0 : opened.Error();
+    }
     const Result<FileFacts> facts = (*opened)->Facts();
     if (!facts) return facts.Error();
     const Result<bool> ours = (*opened)->BelongsToSystem();
@@ -144,14 +148,19 @@ ErrorCode OpenOwn(const std::wstring& path, std::optional<OwnFile>& own) {
 
 struct OwnFiles {
   std::vector<OwnFile> files;
-  ErrorCode error = 0;  // of a file that may be one of them
+  ErrorCode error = 0;  // of the listing, or of a file that may be one of them
 };
 
 // Opens the own files beside `path` whose names have this mark.
 template <typename HasMark>
 OwnFiles OpenOwnFiles(const std::wstring& path, const HasMark& hasMark) {
   OwnFiles found;
-  for (const std::wstring& name : Files().Siblings(path)) {
+  const Result<std::vector<std::wstring>> names = Files().Siblings(path);
+  if (!names) {
+    found.error = names.Error();
+    return found;
+  }
+  for (const std::wstring& name : *names) {
     if (!hasMark(name)) continue;
     std::optional<OwnFile> own;
     if (const ErrorCode error = OpenOwn(name, own); error != 0) found.error = error;

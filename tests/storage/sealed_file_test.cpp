@@ -385,6 +385,24 @@ TEST_F(SealedFileTest, ASiblingIsAdoptedOnlyIfItDecodesAndIsTheSystemsOwn) {
   }
 }
 
+TEST_F(SealedFileTest, ASiblingThatCannotBeListedNowIsNotGivenUp) {
+  Tests::WriteBytes(Path(), Bytes(500, std::byte{1}));
+  Tests::WriteBytes(Sibling(L"a"), FileWith(kNew));
+  faults.FailNamed("Files.Siblings");
+  EXPECT_FALSE(CapDataStore().persist("other", BsonElement::Int32(3)));
+  faults.Clear();
+  { const CapDataStore store; }
+  EXPECT_EQ(Value(), kNew);
+}
+
+TEST_F(SealedFileTest, AFolderUnderTheNameOfASiblingStopsNoWrite) {
+  Tests::WriteBytes(Path(), {});
+  ASSERT_TRUE(CreateDirectoryW(Sibling(L"a").c_str(), nullptr));
+  EXPECT_TRUE(Write());
+  EXPECT_TRUE(Held() && Held()->Find("key"));
+  EXPECT_TRUE(RemoveDirectoryW(Sibling(L"a").c_str()));
+}
+
 TEST_F(SealedFileTest, AStoreThatDecodesWinsAndItsOwnSiblingsGo) {
   Tests::WriteBytes(Sibling(L"a"), FileWith(kNew));
   Tests::WriteBytes(Path() + L".someone's.txt", {});

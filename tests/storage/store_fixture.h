@@ -55,7 +55,7 @@ class StoreTest : public testing::Test {
     return HeldBy(ReadBytes(Path()));
   }
 
-  std::vector<std::wstring> Siblings() const { return disk.Siblings(Path()); }
+  std::vector<std::wstring> Siblings() const { return *disk.Siblings(Path()); }
 
   PrivateStore home;
   LogCapture log;

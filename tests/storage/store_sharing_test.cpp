@@ -124,7 +124,7 @@ class StoreStormTest : public testing::Test {
       Check(notes, process, &Tests::StormWriter::acknowledged, written);
     }
     const CapDataStore last;
-    EXPECT_THAT(Platform::WindowsMachine().files->Siblings(home.FilePath()), testing::IsEmpty());
+    EXPECT_THAT(*Platform::WindowsMachine().files->Siblings(home.FilePath()), testing::IsEmpty());
   }
 
   unsigned kills = 0;

@@ -271,11 +271,16 @@ class RealFiles final : public Files {
     return CreateFileHandle(path, accessLike);
   }
 
-  std::vector<std::wstring> Siblings(const std::wstring& path) const override {
+  Result<std::vector<std::wstring>> Siblings(const std::wstring& path) const override {
+    using Names = Result<std::vector<std::wstring>>;
     std::vector<std::wstring> siblings;
     WIN32_FIND_DATAW found;
     const HANDLE raw = FindFirstFileW((path + L".*").c_str(), &found);
-    if (raw == INVALID_HANDLE_VALUE) return siblings;
+    if (raw == INVALID_HANDLE_VALUE) {
+      const DWORD error = GetLastError();
+      const bool none = error == ERROR_FILE_NOT_FOUND || error == ERROR_PATH_NOT_FOUND;
+      return none ? Names(siblings) : Names::Failure(error);
+    }
     const UniqueSearch search(raw);
     const std::size_t folderEnd = path.find_last_of(L"\\/") + 1;
     const std::wstring folder = path.substr(0, folderEnd);
@@ -285,7 +290,8 @@ class RealFiles final : public Files {
       const std::wstring name = found.cFileName;
       if (name.starts_with(prefix)) siblings.push_back(folder + name);
     } while (FindNextFileW(search.get(), &found) != 0);
-    return siblings;
+    const DWORD end = GetLastError();
+    return end == ERROR_NO_MORE_FILES ? Names(std::move(siblings)) : Names::Failure(end);
   }
 };
 
