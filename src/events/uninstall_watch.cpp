@@ -55,6 +55,13 @@ void AwaitCompletion(const Platform::PackageUninstall& uninstall) {
   Log().LogWarning(kTookTooLong, kPollSeconds);
 }
 
+// Holds the lock for the query only: a subscription and a log-off wait for it, and must not wait
+// for a command.
+bool IsGone(const std::wstring& familyName) {
+  const std::lock_guard guard(PackageUninstallingPCEvent::rLock);
+  return Platform::CurrentMachine().packages->FindForAllUsers(familyName).empty();
+}
+
 Platform::UniqueHandle MakeStopEvent() {
   auto event = Platform::CurrentMachine().kernelObjects->MakeManualEvent({});
   return event ? *std::move(event) : nullptr;
@@ -117,9 +124,8 @@ void UninstallWatch::Handle(const Platform::PackageUninstall& uninstall) {
     return;
   }
   AwaitCompletion(uninstall);
-  const std::lock_guard queries(PackageUninstallingPCEvent::rLock);
   // Another user may still have the package. The event then stays armed.
-  if (Platform::CurrentMachine().packages->FindForAllUsers(familyName).empty()) RunCommand();
+  if (IsGone(familyName)) RunCommand();
 }
 
 void UninstallWatch::RunCommand() {

@@ -4,6 +4,7 @@
 #include <atomic>
 #include <chrono>
 #include <functional>
+#include <mutex>
 #include <string>
 #include <thread>
 #include <utility>
@@ -136,6 +137,27 @@ TEST_F(PackageEventTest, StaysArmedWhenItsCommandFails) {
   machine.timeline.SetListener({});
   Notify(kFamily);
   EXPECT_THAT(completed, SizeIs(1));
+}
+
+TEST_F(PackageEventTest, HoldsUpNeitherSubscriptionsNorALogOffWhileItsCommandRuns) {
+  for (const std::wstring event : {L"5", L"7"}) {
+    machine.packages.Install({kFamily, L"App_1", {}}, L"bob");
+    Register(Notifying(event));
+    Remove();
+    std::vector<bool> taken;
+    machine.timeline.SetListener([&](const auto&) {
+      std::thread([&] {
+        for (std::mutex* mutex : {&PackageUninstallingPCEvent::rLock, &Manager::register_event_mux,
+                                  &PackageUninstallingPCEvent::register_mux}) {
+          taken.push_back(std::unique_lock(*mutex, std::try_to_lock).owns_lock());
+        }
+      }).join();
+    });
+    Notify(kFamily);
+    machine.timeline.SetListener({});
+    EXPECT_THAT(taken, testing::ElementsAre(true, true, true));
+    Manager::clear_events();
+  }
 }
 
 TEST_F(PackageEventTest, EndsItsWatchersWithoutWaitingOutAStep) {
