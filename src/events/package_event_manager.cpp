@@ -28,9 +28,9 @@ constexpr wchar_t kNotWatched[] =
     L"RegisterExistingPackageCatalogManagerRequests - a stored request is not watched, because of "
     L"\"%S\": %s";
 
-// Held while a request and its mark come or go together, so that a client who subscribes the text
-// that another one takes back gets a mark of its own. Outermost: the store's mutex and that of the
-// marks are taken under it.
+// Held while a request, its mark and its registration come or go together, so that what one thread
+// takes back or finds gone is never the request that another client was acknowledged for. Taken
+// before register_event_mux, the store's mutex and that of the marks.
 std::mutex listChange;
 
 RequestManager StoredPackageRequests() {
@@ -45,6 +45,16 @@ std::wstring StoredText(const std::wstring& request) {
 bool IsStored(const std::wstring& stored) {
   const auto requests = Storage::RequestsOf(StoredPackageRequests().StoredRequests());
   return std::find(requests.begin(), requests.end(), stored) != requests.end();
+}
+
+// Removes a request whose registration failed. A failure here must not hide the first one.
+void TakeBack(const std::wstring& stored, const MarkPtr& mark) {
+  try {
+    StoredPackageRequests().RemoveRequest(stored);
+  } catch (const Platform::WindowsRuntimeError&) {  // NOLINT(bugprone-empty-catch)
+    // The stored list cannot be read, so it never took the request.
+  }
+  FiringMarks::Forget(stored, mark);
 }
 
 void Complete(const std::wstring& stored, const MarkPtr& mark) {
@@ -64,6 +74,7 @@ class Replay {
   explicit Replay(Owner service) : owner(service), forgotten(FiringMarks::Forgotten()) {}
 
   void Register(const std::wstring& stored) {
+    const std::lock_guard guard(listChange);
     mark = FiringMarks::Of(stored);
     // Completed since the list was read: the mark may be a new one that has not run.
     if (FiringMarks::Forgotten() != forgotten && !IsStored(stored)) {
@@ -126,22 +137,16 @@ void PackageCatalogEventManager::clear_events(Owner owner) {
 }
 
 void RegisterAppPackageEvent(const std::wstring& request, Owner owner) {
-  std::wstring stored;
-  MarkPtr mark;
-  {
-    const std::lock_guard guard(listChange);
-    StoredPackageRequests().PersistRequest(request);
-    stored = StoredText(request);
-    mark = FiringMarks::Renew(stored);
-  }
-  MakeLive(request, stored, owner, mark);
-}
-
-void RemoveAppPackageEvent(const std::wstring& request) {
-  const std::wstring stored = StoredText(request);
   const std::lock_guard guard(listChange);
-  StoredPackageRequests().RemoveRequest(stored);
-  FiringMarks::Forget(stored, FiringMarks::Of(stored));
+  StoredPackageRequests().PersistRequest(request);
+  const std::wstring stored = StoredText(request);
+  const MarkPtr mark = FiringMarks::Renew(stored);
+  try {
+    MakeLive(request, stored, owner, mark);
+  } catch (const Platform::WindowsRuntimeError&) {
+    TakeBack(stored, mark);
+    throw;
+  }
 }
 
 void RegisterExistingPackageCatalogManagerRequests(Owner owner) {

@@ -48,12 +48,10 @@ class PackageCatalogEventManager {
   static std::vector<LiveRequest>& requests();
 };
 
-// Stores a request, then makes it live, so that a request whose registration fails stays stored.
-// Throws as PersistRequest and register_event do.
+// Stores a request, then makes it live. Throws as PersistRequest and register_event do. Removes the
+// request again where its registration throws Platform::WindowsRuntimeError; after another
+// exception it stays stored. No other client can subscribe the same text in between.
 void RegisterAppPackageEvent(const std::wstring& request, PackageCatalogEventManager::Owner owner);
-
-// Removes a request from the stored list.
-void RemoveAppPackageEvent(const std::wstring& request);
 
 // Makes every stored subscription live again. Where the package is gone, runs the command now if it
 // may run late, and completes the subscription. A request that was registered before runs once, and

@@ -2,7 +2,7 @@
 
 #include <exception>
 
-#include "events/package_event_manager.h"
+#include "events/package_event.h"
 #include "events/power_events.h"
 #include "events/zephra_events.h"
 #include "host/logging.h"
@@ -35,15 +35,6 @@ RequestProblem ProblemOf(const Platform::WindowsRuntimeError& error) {
   }
 }
 
-// Removes a request whose registration failed. A failure here must not hide the first one.
-void TakeBack(const Call& call) {
-  try {
-    RemoveAppPackageEvent(call.text);
-  } catch (const Platform::WindowsRuntimeError&) {  // NOLINT(bugprone-empty-catch)
-    // The stored list cannot be read, so it never took the request.
-  }
-}
-
 // A power or platform subscription is stored unread, so a fault in it does not change the result.
 // Report the fault now instead of when the event occurs.
 template <typename Request>
@@ -68,7 +59,6 @@ std::uint32_t SubscribeToPackageEvent(const Call& call) {
     log.LogError(kPackageRuntimeError, error.message().c_str(), error.code());
     *call.caller.problem = ProblemOf(error);
     if (error.code() == kAlreadySubscribed) return kRuntimeError;
-    TakeBack(call);
     return static_cast<std::uint32_t>(error.code());
   } catch (const std::exception& error) {
     log.LogError(kPackageFailed, error.what());

@@ -2,11 +2,18 @@
 
 #include <gmock/gmock.h>
 
+#include <chrono>
 #include <functional>
+#include <future>
+#include <optional>
 #include <stdexcept>
 #include <string>
+#include <thread>
+#include <utility>
 
 #include "events/package_event_manager.h"
+#include "platform/kernel_objects.h"
+#include "platform/machine.h"
 #include "storage/request_manager.h"
 #include "support/log_trap.h"
 #include "support/machine_test.h"
@@ -124,6 +131,63 @@ TEST_F(OneShotTest, DoesNotRunAgainForAListThatWasReadBefore) {
     RequestManager(kServiceDocument, kPackageSubscriptions).CompleteRequest(Request(6));
     PackageCatalogEventManager::clear_events();
   }
+}
+
+// Runs an action when a mutex is let go for the first time.
+class UnlockTrap final : public Platform::KernelObjects {
+ public:
+  explicit UnlockTrap(std::function<void()> run) : action(std::move(run)) {}
+  Platform::Result<Platform::UniqueHandle> MakeMutex(const std::wstring& name) override {
+    return real.MakeMutex(name);
+  }
+  Platform::Result<Locked> LockMutex(Platform::RawHandle mutex) override {
+    return real.LockMutex(mutex);
+  }
+  Platform::ErrorCode UnlockMutex(Platform::RawHandle mutex) override {
+    const Platform::ErrorCode error = real.UnlockMutex(mutex);
+    if (const auto run = std::exchange(action, nullptr)) run();
+    return error;
+  }
+  Platform::Result<Platform::UniqueHandle> MakeManualEvent(const std::wstring& name) override {
+    return real.MakeManualEvent(name);
+  }
+  Platform::ErrorCode Signal(Platform::RawHandle event) override { return real.Signal(event); }
+
+ private:
+  Platform::KernelObjects& real = *Platform::WindowsMachine().kernelObjects;
+  std::function<void()> action;
+};
+
+// A client subscribes the text again while a replay finds that it has gone since the list was read.
+TEST_F(OneShotTest, WatchesWhatIsSubscribedAgainWhileAReplayFindsItGone) {
+  RequestManager(kServiceDocument, kPackageSubscriptions).PersistRequest(Request(6));
+  Subscribe(Request(5));
+  std::jthread client;
+  UnlockTrap kernelObjects([&] {
+    std::promise<void> subscribed;
+    auto done = subscribed.get_future();
+    client = std::jthread([this, said = std::move(subscribed)]() mutable {
+      RegisterAppPackageEvent(Request(5), &first);
+      said.set_value();
+    });
+    done.wait_for(std::chrono::milliseconds(200));
+  });
+  std::optional<Platform::MachineScope> trapped;
+  {
+    const Tests::LogTrap fire(L"failed to register request", 1, [&] {
+      machine.packages.Notify(L"ann", FakeUninstall([] { return true; }));
+      trapped.emplace(
+          [&](Platform::Machine& platform) { platform.kernelObjects = &kernelObjects; });
+    });
+    Replay(second);
+  }
+  client.join();
+  machine.clock.Settle();
+  EXPECT_THAT(Sent(), SizeIs(1));
+  machine.packages.Notify(L"ann", FakeUninstall([] { return true; }));
+  EXPECT_THAT(Sent(), SizeIs(2));
+  EXPECT_EQ(Stored(), L"[" + Request(6) + L"]");
+  PackageCatalogEventManager::clear_events();
 }
 
 // A replay may read the list between the moments when a request and its mark are stored.

@@ -12,6 +12,7 @@
 
 #include "service/simulated_service.h"
 #include "storage/cap_data_store.h"
+#include "support/log_trap.h"
 
 namespace Vx::Tests {
 namespace {
@@ -137,6 +138,23 @@ TEST_F(ServiceLivesTest, DestructionEndsTheDeliveriesThatWait) {
   machine.clock.Settle();
   EXPECT_EQ(machine.clock.Workers(), 0U);
   EXPECT_THAT(Sent(), IsEmpty());
+}
+
+// The second client subscribes at the moment when the first one's failure is logged.
+TEST_F(ServiceLivesTest, ARefusedPackageSubscriptionTakesNoOtherClientsWithIt) {
+  const wchar_t* request =
+      LR"({"catalogEvent":5,"catalogAction":1,"packageFamilyName":)"
+      LR"("App_r4x2m8kq7tn3b","catalogActionParams":{"path":"C:\\a.exe"}})";
+  Reply second;
+  const LogTrap refusal(L"RegisterAppPackageEvent threw", 1, [&] {
+    InstallApp(L"App");
+    second = host.Execute(7, request);
+  });
+  EXPECT_EQ(host.Execute(7, request).result, 0x20000004U);
+  EXPECT_EQ(second.result, 0U);
+  EXPECT_EQ(host.Execute(7, request).result, 0x20000009U) << "the second one is not stored";
+  machine.clock.Settle();
+  EXPECT_EQ(machine.packages.Handlers(L"ann"), 1U);
 }
 
 // A service that is destroyed while its start-up task works cannot end the watches that the task
