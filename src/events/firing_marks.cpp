@@ -1,7 +1,6 @@
 #include "events/firing_marks.h"
 
 #include <map>
-#include <mutex>
 
 namespace Vx::Tessel::Server::Services::Orvane {
 
@@ -22,21 +21,11 @@ Marks& All() {
 }  // namespace
 
 bool FiringMark::RunOnce(const std::function<void()>& run) {
-  State armed = State::Armed;
-  if (!state.compare_exchange_strong(armed, State::Running)) return false;
-  try {
-    run();
-  } catch (...) {
-    state = State::Armed;
-    throw;
-  }
-  state = State::HasRun;
+  const std::lock_guard guard(turn);
+  if (!MayRun()) return false;
+  run();
+  hasRun = true;
   return true;
-}
-
-void FiringMark::Retire() noexcept {
-  State armed = State::Armed;
-  state.compare_exchange_strong(armed, State::Retired);
 }
 
 std::shared_ptr<FiringMark> FiringMarks::Of(const std::wstring& stored) {

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <string>
 
 namespace Vx::Tessel::Server::Services::Orvane {
@@ -12,20 +13,21 @@ namespace Vx::Tessel::Server::Services::Orvane {
 // several times, and all its registrations share one mark. Any thread.
 class FiringMark {
  public:
-  // Calls `run` unless it has run or is running. A call that throws does not count, and the
-  // exception is the caller's. Returns whether this call ran it.
+  // Calls `run` unless it has run or may not. A call during another one waits for that. A call that
+  // throws does not count, and the exception is the caller's. Returns whether this call ran it.
   bool RunOnce(const std::function<void()>& run);
 
-  bool HasRun() const noexcept { return state == State::HasRun; }
-  bool MayRun() const noexcept { return state == State::Armed; }
+  bool HasRun() const noexcept { return hasRun; }
+  bool MayRun() const noexcept { return !hasRun && !retired; }
 
-  // Keeps a command that has not begun from running: its request is gone.
-  void Retire() noexcept;
+  // Its request is gone: a command that has not begun does not run, and one that is running does
+  // not run again when it fails. Does not wait.
+  void Retire() noexcept { retired = true; }
 
  private:
-  enum class State : std::uint8_t { Armed, Running, HasRun, Retired };
-
-  std::atomic<State> state{State::Armed};
+  std::mutex turn;  // held during a run
+  std::atomic<bool> hasRun{false};
+  std::atomic<bool> retired{false};
 };
 
 // The marks of the stored package requests of this process, by the stored text. Any thread. Its

@@ -224,16 +224,24 @@ TEST_F(OneShotTest, EndsWithItsOwnServiceOnly) {
   EXPECT_THAT(Sent(), SizeIs(1));
 }
 
-TEST(FiringMark, RunsAgainAfterARunThatThrew) {
-  FiringMark mark;
-  int runs = 0;
-  EXPECT_THROW(mark.RunOnce([] { throw std::runtime_error("boom"); }), std::runtime_error);
-  EXPECT_TRUE(mark.RunOnce([&] {
-    ++runs;
+TEST(FiringMark, RunsAgainAfterARunThatThrewUnlessItsRequestIsGone) {
+  for (const bool gone : {false, true}) {
+    FiringMark mark;
+    EXPECT_THROW(mark.RunOnce([&] {
+      if (gone) mark.Retire();
+      throw std::runtime_error("boom");
+    }),
+                 std::runtime_error);
+    int runs = 0;
+    std::jthread other;
+    EXPECT_EQ(mark.RunOnce([&] {
+      other = std::jthread([&] { EXPECT_FALSE(mark.RunOnce([&] { ++runs; })); });
+      ++runs;
+    }),
+              !gone);
     EXPECT_FALSE(mark.RunOnce([&] { ++runs; }));
-  }));
-  EXPECT_FALSE(mark.RunOnce([&] { ++runs; }));
-  EXPECT_EQ(runs, 1);
+    EXPECT_EQ(runs, gone ? 0 : 1);
+  }
 }
 
 }  // namespace
