@@ -54,6 +54,24 @@ void FiringMarks::Forget(const std::wstring& stored, const std::shared_ptr<Firin
   ++all.forgotten;
 }
 
+bool FiringMarks::IsCurrent(const std::wstring& stored, const std::shared_ptr<FiringMark>& mark) {
+  Marks& all = All();
+  const std::lock_guard guard(all.mutex);
+  const auto found = all.byText.find(stored);
+  return found != all.byText.end() && found->second == mark;
+}
+
+std::vector<std::pair<std::wstring, std::shared_ptr<FiringMark>>>
+FiringMarks::OfThoseThatHaveRun() {
+  Marks& all = All();
+  const std::lock_guard guard(all.mutex);
+  std::vector<std::pair<std::wstring, std::shared_ptr<FiringMark>>> run;
+  for (const auto& entry : all.byText) {
+    if (entry.second->HasRun()) run.emplace_back(entry);
+  }
+  return run;
+}
+
 std::uint64_t FiringMarks::Forgotten() {
   Marks& all = All();
   const std::lock_guard guard(all.mutex);

@@ -6,6 +6,8 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <utility>
+#include <vector>
 
 namespace Vx::Tessel::Server::Services::Orvane {
 
@@ -46,6 +48,12 @@ class FiringMarks {
   // Retires the mark of a request that is no longer stored, and forgets it unless the text has
   // another by now.
   static void Forget(const std::wstring& stored, const std::shared_ptr<FiringMark>& mark);
+
+  // Whether this is still the mark of the text.
+  static bool IsCurrent(const std::wstring& stored, const std::shared_ptr<FiringMark>& mark);
+
+  // Returns the requests whose command has run and that could not be completed yet.
+  static std::vector<std::pair<std::wstring, std::shared_ptr<FiringMark>>> OfThoseThatHaveRun();
 
   // How many marks were forgotten so far. When that has changed since a list was read, a request of
   // that list may be gone.

@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "events/firing_marks.h"
+#include "events/package_completion.h"
 #include "events/subscription_forms.h"
 #include "host/logging.h"
 #include "json/json_object.h"
@@ -28,62 +29,59 @@ constexpr wchar_t kNotWatched[] =
     L"RegisterExistingPackageCatalogManagerRequests - a stored request is not watched, because of "
     L"\"%S\": %s";
 
-// Held while a request, its mark and its registration come or go together, so that what one thread
-// takes back or finds gone is never the request that another client was acknowledged for. Taken
-// before register_event_mux, the store's mutex and that of the marks.
-std::mutex listChange;
-
-RequestManager StoredPackageRequests() {
-  return RequestManager(kServiceDocument, kPackageForm.list);
-}
-
 // The text of a request in the stored list, instead of the client's spelling.
 std::wstring StoredText(const std::wstring& request) {
   return Json::JsonObject::Parse(request).Stringify();
 }
 
 bool IsStored(const std::wstring& stored) {
-  const auto requests = Storage::RequestsOf(StoredPackageRequests().StoredRequests());
+  const auto requests = Storage::RequestsOf(PackageCompletion::StoredRequests().StoredRequests());
   return std::find(requests.begin(), requests.end(), stored) != requests.end();
+}
+
+// Stores a request. One whose command has run, but which could not be completed, makes room for it.
+void Persist(const std::wstring& request) {
+  try {
+    PackageCompletion::StoredRequests().PersistRequest(request);
+  } catch (const Platform::WindowsRuntimeError& error) {
+    if (error.code() != kAlreadySubscribed || !PackageCompletion::CompleteEqual(request)) throw;
+    PackageCompletion::StoredRequests().PersistRequest(request);
+  }
 }
 
 // Removes a request whose registration failed. A failure here must not hide the first one.
 void TakeBack(const std::wstring& stored, const MarkPtr& mark) {
   try {
-    StoredPackageRequests().RemoveRequest(stored);
+    PackageCompletion::StoredRequests().RemoveRequest(stored);
   } catch (const Platform::WindowsRuntimeError&) {  // NOLINT(bugprone-empty-catch)
     // The stored list cannot be read, so it never took the request.
   }
   FiringMarks::Forget(stored, mark);
 }
 
-void Complete(const std::wstring& stored, const MarkPtr& mark) {
-  if (StoredPackageRequests().CompleteRequest(stored)) FiringMarks::Forget(stored, mark);
-}
+// The service that a registration belongs to.
+struct Service {
+  Owner owner;
+  const Platform::SharedHandle& stop;
+};
 
-void MakeLive(const std::wstring& request, const std::wstring& stored, Owner owner,
+void MakeLive(const std::wstring& request, const std::wstring& stored, const Service& service,
               const MarkPtr& mark) {
   PackageCatalogEventManager::register_event(
-      request, [stored, mark](const std::wstring&) { Complete(stored, mark); }, nullptr, owner,
-      mark);
+      request,
+      [stored, mark, stop = service.stop](const std::wstring&) {
+        PackageCompletion::Complete(stored, mark, stop);
+      },
+      nullptr, service.owner, mark);
 }
 
 // One replay of the stored requests.
 class Replay {
  public:
-  explicit Replay(Owner service) : owner(service), forgotten(FiringMarks::Forgotten()) {}
+  explicit Replay(const Service& of) : service(of), forgotten(FiringMarks::Forgotten()) {}
 
   void Register(const std::wstring& stored) {
-    const std::lock_guard guard(listChange);
-    mark = FiringMarks::Of(stored);
-    // Completed since the list was read: the mark may be a new one that has not run.
-    if (FiringMarks::Forgotten() != forgotten && !IsStored(stored)) {
-      FiringMarks::Forget(stored, mark);
-    } else if (mark->HasRun()) {
-      Complete(stored, mark);
-    } else {
-      MakeLive(stored, stored, owner, mark);
-    }
+    if (RegisterOne(stored)) PackageCompletion::Complete(stored, mark, service.stop);
   }
 
   // For the request whose registration failed last.
@@ -93,11 +91,26 @@ class Replay {
       Logging::LogManager::GetLogger()->LogInfo(kRunningLate);
       PackageCatalogEventManager::execute_command(stored);
     });
-    if (ran) Complete(stored, mark);
+    if (ran) PackageCompletion::Complete(stored, mark, service.stop);
   }
 
  private:
-  const Owner owner;
+  // Takes the lock for the step in which a request, its mark and its registration belong together.
+  // Returns whether the command has run already.
+  bool RegisterOne(const std::wstring& stored) {
+    const std::lock_guard guard(PackageCompletion::listChange);
+    mark = FiringMarks::Of(stored);
+    if (mark->HasRun()) return true;
+    // Completed since the list was read: the mark is a new one, and its command must not run.
+    if (FiringMarks::Forgotten() != forgotten && !IsStored(stored)) {
+      FiringMarks::Forget(stored, mark);
+    } else {
+      MakeLive(stored, stored, service, mark);
+    }
+    return false;
+  }
+
+  const Service service;
   const std::uint64_t forgotten;
   MarkPtr mark;
 };
@@ -136,22 +149,24 @@ void PackageCatalogEventManager::clear_events(Owner owner) {
   std::erase_if(requests(), [owner](const LiveRequest& live) { return live.owner == owner; });
 }
 
-void RegisterAppPackageEvent(const std::wstring& request, Owner owner) {
-  const std::lock_guard guard(listChange);
-  StoredPackageRequests().PersistRequest(request);
+void RegisterAppPackageEvent(const std::wstring& request, Owner owner,
+                             const Platform::SharedHandle& stop) {
+  const std::lock_guard guard(PackageCompletion::listChange);
+  Persist(request);
   const std::wstring stored = StoredText(request);
   const MarkPtr mark = FiringMarks::Renew(stored);
   try {
-    MakeLive(request, stored, owner, mark);
+    MakeLive(request, stored, {owner, stop}, mark);
   } catch (const Platform::WindowsRuntimeError&) {
     TakeBack(stored, mark);
     throw;
   }
 }
 
-void RegisterExistingPackageCatalogManagerRequests(Owner owner) {
-  Replay replay(owner);
-  StoredPackageRequests().RegisterExistingRequests(
+void RegisterExistingPackageCatalogManagerRequests(Owner owner,
+                                                   const Platform::SharedHandle& stop) {
+  Replay replay({owner, stop});
+  PackageCompletion::StoredRequests().RegisterExistingRequests(
       [&](const std::wstring& request) {
         try {
           replay.Register(request);

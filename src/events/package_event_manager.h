@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "events/package_event_request.h"
+#include "platform/unique_handle.h"
 
 namespace Vx::Tessel::Server::Services::Orvane {
 
@@ -48,14 +49,18 @@ class PackageCatalogEventManager {
   static std::vector<LiveRequest>& requests();
 };
 
-// Stores a request, then makes it live. Throws as PersistRequest and register_event do. Removes the
-// request again where its registration throws Platform::WindowsRuntimeError; after another
-// exception it stays stored. No other client can subscribe the same text in between.
-void RegisterAppPackageEvent(const std::wstring& request, PackageCatalogEventManager::Owner owner);
+// Stores a request, then makes it live. Throws as PersistRequest and register_event do, and
+// std::runtime_error if the same subscription has run but cannot be removed. Removes the request
+// again where its registration throws Platform::WindowsRuntimeError; after another exception it
+// stays stored. No other client can subscribe the same text in between. A completion that fails is
+// tried again until `stop` is signalled (see PackageCompletion), without one at the next replay.
+void RegisterAppPackageEvent(const std::wstring& request, PackageCatalogEventManager::Owner owner,
+                             const Platform::SharedHandle& stop = nullptr);
 
 // Makes every stored subscription live again. Where the package is gone, runs the command now if it
 // may run late, and completes the subscription. A request that was registered before runs once, and
 // one whose command has run but which could not be completed is completed now.
-void RegisterExistingPackageCatalogManagerRequests(PackageCatalogEventManager::Owner owner);
+void RegisterExistingPackageCatalogManagerRequests(PackageCatalogEventManager::Owner owner,
+                                                   const Platform::SharedHandle& stop = nullptr);
 
 }  // namespace Vx::Tessel::Server::Services::Orvane

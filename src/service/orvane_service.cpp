@@ -6,6 +6,7 @@
 #include <string>
 #include <utility>
 
+#include "events/package_completion.h"
 #include "events/package_event_manager.h"
 #include "events/power_events.h"
 #include "events/zephra_events.h"
@@ -114,6 +115,7 @@ OrvaneService::~OrvaneService() {
   SignalIfMade(state->sessionStopEvent.get());
   // Their watchers would keep the module loaded for good.
   Contain("Destroy", [this] { PackageCatalogEventManager::clear_events(state.get()); });
+  Contain("Destroy", [] { PackageCompletion::CompleteAll(); });
 }
 
 void* OrvaneService::Destroy(unsigned flags) noexcept {
@@ -158,13 +160,15 @@ bool OrvaneService::oobe_event_task() noexcept {
 void OrvaneService::OnSessionChange(std::uint32_t code) noexcept {
   Platform::ExpectOwnIdentity();
   Contain("OnSessionChange", [this, code] {
-    if (code == kSessionLogon) RegisterExistingPackageCatalogManagerRequests(state.get());
+    if (code == kSessionLogon) {
+      RegisterExistingPackageCatalogManagerRequests(state.get(), state->stopEvent);
+    }
     if (code == kSessionLogoff) PackageCatalogEventManager::clear_events(state.get());
   });
 }
 
 void OrvaneService::RegisterAppPackageEvent(const wchar_t* request) {
-  Orvane::RegisterAppPackageEvent(request, state.get());
+  Orvane::RegisterAppPackageEvent(request, state.get(), state->stopEvent);
 }
 
 int OrvaneService::RegisterPowerEvent(const wchar_t* request, const wchar_t* /*clientId*/) {

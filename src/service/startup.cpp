@@ -67,7 +67,7 @@ bool WaitForOobe(const ServiceState& state) {
 // Makes the stored package subscriptions live. A service that was destroyed since the wait for OOBE
 // has ended its subscriptions already, and later ones would be watched for good.
 void WatchStoredPackages(const ServiceState& state) {
-  RegisterExistingPackageCatalogManagerRequests(&state);
+  RegisterExistingPackageCatalogManagerRequests(&state, state.stopEvent);
   const auto stop =
       Platform::CurrentMachine().clock->Wait(state.stopEvent.get(), std::chrono::milliseconds(0));
   // A stop event that could not be made ends every wait as failed, and the service is gone unseen.

@@ -14,6 +14,7 @@
 #include "events/package_event_manager.h"
 #include "platform/kernel_objects.h"
 #include "platform/machine.h"
+#include "platform/windows_runtime_error.h"
 #include "storage/request_manager.h"
 #include "support/log_trap.h"
 #include "support/machine_test.h"
@@ -52,16 +53,28 @@ class OneShotTest : public Tests::StoreTest {
     machine.users.Add(L"bob");
     Install();
   }
-  ~OneShotTest() override { PackageCatalogEventManager::clear_events(); }
+  ~OneShotTest() override {
+    machine.faults.Clear();
+    Platform::CurrentMachine().kernelObjects->Signal(stop.get());
+    PackageCatalogEventManager::clear_events();
+    machine.clock.Settle();
+  }
 
   void Install() { machine.packages.Install({kFamily, L"App_1", {}}, L"bob"); }
   void Subscribe(const std::wstring& request) {
-    RegisterAppPackageEvent(request, &first);
+    RegisterAppPackageEvent(request, &first, stop);
     machine.clock.Settle();
   }
   void Replay(const int& service) {
-    RegisterExistingPackageCatalogManagerRequests(&service);
+    RegisterExistingPackageCatalogManagerRequests(&service, stop);
     machine.clock.Settle();
+  }
+  // The command runs, and the store fails from then on.
+  void UninstallBeforeTheStoreFails() {
+    machine.timeline.SetListener(
+        [&](const auto&) { machine.faults.FailNamed("KernelObjects.LockMutex"); });
+    Uninstall();
+    machine.timeline.SetListener({});
   }
   void Uninstall(std::function<bool()> complete = [] { return true; }) {
     machine.packages.Uninstall(kFamily, L"bob", std::chrono::milliseconds(0));
@@ -72,6 +85,8 @@ class OneShotTest : public Tests::StoreTest {
     return RequestManager(kServiceDocument, kPackageSubscriptions).StoredRequests();
   }
 
+  const Platform::SharedHandle stop =
+      Platform::Share(*Platform::CurrentMachine().kernelObjects->MakeManualEvent({}));
   const int first = 0;
   const int second = 0;
 };
@@ -93,19 +108,82 @@ TEST_F(OneShotTest, RunsOnceHoweverOftenItIsRegistered) {
   }
 }
 
-TEST_F(OneShotTest, IsCompletedAtTheNextReplayWhenTheStoreFailed) {
+TEST_F(OneShotTest, IsCompletedSoonAfterTheStoreFailed) {
+  constexpr wchar_t kGivenUp[] = L"but its request stays stored and runs again after a restart";
+  const struct {
+    const char* name;
+    std::chrono::seconds failing;
+    std::chrono::seconds completed;  // after the command; zero: by the next replay
+  } cases[] = {
+      {"for a moment", std::chrono::seconds(0), std::chrono::seconds(1)},
+      {"for a minute", std::chrono::seconds(60), std::chrono::seconds(63)},
+      {"for an hour", std::chrono::hours(1), std::chrono::seconds(0)},
+  };
+  std::size_t runs = 0;
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    log.Clear();
+    Install();
+    Subscribe(Request(5));
+    UninstallBeforeTheStoreFails();
+    machine.clock.Advance(c.failing);
+    machine.faults.Clear();
+    const bool byReplay = c.completed == c.completed.zero();
+    if (!byReplay) {
+      EXPECT_EQ(Stored(), L"[" + Request(5) + L"]");
+      machine.clock.Advance(c.completed - c.failing);
+    } else {
+      EXPECT_EQ(machine.clock.Workers(), 1U) << "other than its watcher";
+      Replay(first);
+    }
+    EXPECT_EQ(Stored(), L"[]");
+    EXPECT_THAT(log.Lines(), Contains(HasSubstr(kGivenUp)).Times(byReplay ? 1 : 0));
+    Install();
+    Uninstall();
+    EXPECT_THAT(Sent(), SizeIs(++runs));
+    PackageCatalogEventManager::clear_events();
+    EXPECT_EQ(machine.clock.Workers(), 0U);
+  }
+}
+
+// A process that ends takes its marks with it, but leaves what is stored.
+TEST_F(OneShotTest, RunsAgainAfterARestartOnlyIfItWasNotCompleted) {
+  for (const bool completed : {true, false}) {
+    const std::size_t sent = Sent().size();
+    Install();
+    Subscribe(Request(5));
+    if (completed) {
+      Uninstall();
+    } else {
+      UninstallBeforeTheStoreFails();
+    }
+    machine.faults.Clear();
+    PackageCatalogEventManager::clear_events();
+    FiringMarks::Forget(Request(5), FiringMarks::Of(Request(5)));
+    Install();
+    Replay(first);
+    Uninstall();
+    EXPECT_EQ(Sent().size() - sent, completed ? 1U : 2U);
+    EXPECT_EQ(Stored(), L"[]");
+    PackageCatalogEventManager::clear_events();
+  }
+}
+
+// The stored one has run and only waits for its completion, so it is not the client's.
+TEST_F(OneShotTest, IsSubscribedAnewAlthoughItCouldNotBeCompleted) {
   Subscribe(Request(5));
-  machine.timeline.SetListener(
-      [&](const auto&) { machine.faults.FailNamed("KernelObjects.LockMutex"); });
-  Uninstall();
-  machine.timeline.SetListener({});
-  machine.faults.Clear();
-  EXPECT_EQ(Stored(), L"[" + Request(5) + L"]");
+  UninstallBeforeTheStoreFails();
+  machine.faults.FailNamed("FileHandle.Write");
   Install();
-  Replay(first);
-  EXPECT_EQ(Stored(), L"[]");
+  EXPECT_THROW(Subscribe(Request(5)), std::runtime_error);
+  machine.faults.Clear();
+  Subscribe(Request(5));
+  EXPECT_THROW(Subscribe(Request(5)), Platform::WindowsRuntimeError);
+  machine.clock.Advance(std::chrono::hours(1));
+  EXPECT_EQ(Stored(), L"[" + Request(5) + L"]");
   Uninstall();
-  EXPECT_THAT(Sent(), SizeIs(1));
+  EXPECT_THAT(Sent(), SizeIs(2));
+  EXPECT_EQ(Stored(), L"[]");
 }
 
 // It fires while a replay handles the request before it in the list.
