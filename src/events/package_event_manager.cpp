@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <exception>
+#include <optional>
 #include <utility>
 
 #include "events/firing_marks.h"
@@ -11,6 +12,7 @@
 #include "host/logging.h"
 #include "json/json_object.h"
 #include "platform/windows_runtime_error.h"
+#include "storage/cap_data_store.h"
 #include "storage/request_list.h"
 #include "storage/request_manager.h"
 
@@ -34,9 +36,28 @@ std::wstring StoredText(const std::wstring& request) {
   return Json::JsonObject::Parse(request).Stringify();
 }
 
-bool IsStored(const std::wstring& stored) {
-  const auto requests = Storage::RequestsOf(PackageCompletion::StoredRequests().StoredRequests());
+// Whether a list in the store holds a request. `list` is null when there is none. Throws for a list
+// that cannot be read.
+bool Holds(const Storage::BsonElement* list, const std::wstring& stored) {
+  if (list == nullptr) return false;
+  const auto requests = Storage::RequestsOf(list->AsWideText().value());
   return std::find(requests.begin(), requests.end(), stored) != requests.end();
+}
+
+// Also true when the store cannot be read: a subscription that is watched for nothing does less
+// harm than one that a client was acknowledged for and that never runs.
+bool MayBeStored(const std::wstring& stored) noexcept {
+  try {
+    bool held = true;
+    const auto look = [&](const Storage::BsonElement* list) -> std::optional<Storage::BsonElement> {
+      held = Holds(list, stored);
+      return std::nullopt;
+    };
+    Storage::CapDataStore store;
+    return !store.updateMember(kServiceDocument, kPackageForm.list, look) || held;
+  } catch (const std::exception&) {
+    return true;
+  }
 }
 
 // Stores a request. One whose command has run, but which could not be completed, makes room for it.
@@ -102,7 +123,7 @@ class Replay {
     mark = FiringMarks::Of(stored);
     if (mark->HasRun()) return true;
     // Completed since the list was read: the mark is a new one, and its command must not run.
-    if (FiringMarks::Forgotten() != forgotten && !IsStored(stored)) {
+    if (FiringMarks::Forgotten() != forgotten && !MayBeStored(stored)) {
       FiringMarks::Forget(stored, mark);
     } else {
       MakeLive(stored, stored, service, mark);

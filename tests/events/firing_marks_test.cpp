@@ -268,6 +268,27 @@ TEST_F(OneShotTest, WatchesWhatIsSubscribedAgainWhileAReplayFindsItGone) {
   PackageCatalogEventManager::clear_events();
 }
 
+// Another request of the list is completed while the list is replayed, and then the store fails.
+TEST_F(OneShotTest, IsWatchedAlsoWhenTheStoreCannotSayWhetherItIsStored) {
+  RequestManager(kServiceDocument, kPackageSubscriptions).PersistRequest(Request(6));
+  Subscribe(Request(7));
+  const std::wstring lasting = Request(5);
+  Subscribe(lasting);
+  PackageCatalogEventManager::clear_events(&first);
+  const auto fired = FiringMarks::Of(Request(7));
+  {
+    const Tests::LogTrap complete(L"failed to register request", 1, [&] {
+      FiringMarks::Forget(Request(7), fired);
+      machine.faults.FailNamed("KernelObjects.LockMutex");
+    });
+    Replay(first);
+  }
+  machine.faults.Clear();
+  machine.packages.Notify(L"ann", FakeUninstall([] { return true; }));
+  EXPECT_THAT(Sent(), SizeIs(1));
+  EXPECT_THAT(Stored(), testing::Not(HasSubstr(lasting)));
+}
+
 // A replay may read the list between the moments when a request and its mark are stored.
 TEST(FiringMarksTest, AStoredRequestHasOneMarkUntilItHasRunOrIsTakenBack) {
   const auto ofReplay = FiringMarks::Of(L"a request");
