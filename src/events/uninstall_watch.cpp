@@ -114,9 +114,12 @@ void UninstallWatch::OnUninstalling(const Platform::PackageUninstall& uninstall)
 }
 
 void UninstallWatch::Handle(const Platform::PackageUninstall& uninstall) {
-  const std::lock_guard guard(PackageUninstallingPCEvent::uninstall_event_mux);
-  if (stopping || !mark->MayRun()) return;
+  // A notification that came before a log-off is handled also when the lock is free only later: the
+  // package went, and no other notification follows.
+  if (stopping) return;
   const std::wstring received = uninstall.FamilyName();
+  const std::lock_guard guard(PackageUninstallingPCEvent::uninstall_event_mux);
+  if (!mark->MayRun()) return;
   Log().LogInfo(kInvoked, familyName.c_str(), received.c_str());
   if (received != familyName) return;
   if (moment == UninstallMoment::Starts) {

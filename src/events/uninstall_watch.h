@@ -44,8 +44,9 @@ class UninstallWatch {
   static void Run(const std::shared_ptr<UninstallWatch>& watch,
                   const std::shared_ptr<Platform::PackageCatalog>& catalog) noexcept;
 
-  // Ends the watcher now. Later notifications have no effect. One that has begun to wait for the
-  // end of an uninstall finishes: the code of a log-off does not say whose session ended.
+  // Ends the watcher now. Later notifications have no effect. One that has begun to wait for
+  // another one or for the end of an uninstall finishes: the code of a log-off does not say whose
+  // session ended.
   void Stop() noexcept;
 
   // Handles one notification, on a thread of the system.

@@ -5,6 +5,7 @@
 #include <chrono>
 #include <functional>
 #include <future>
+#include <mutex>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -310,6 +311,36 @@ TEST_F(OneShotTest, FinishesWhenASessionEndsWhileItWaitsForTheUninstall) {
   });
   EXPECT_EQ(machine.packages.Handlers(L"ann"), 0U);
   EXPECT_EQ(polls, 4);
+  EXPECT_THAT(Sent(), SizeIs(1));
+  EXPECT_EQ(Stored(), L"[]");
+}
+
+// A notification whose family name the test supplies.
+class NamedUninstall final : public Platform::PackageUninstall {
+ public:
+  explicit NamedUninstall(std::function<std::wstring()> name) : familyName(std::move(name)) {}
+  std::wstring FamilyName() const override { return familyName(); }
+  bool IsComplete() const override { return true; }
+
+ private:
+  std::function<std::wstring()> familyName;
+};
+
+TEST_F(OneShotTest, RunsWhenItsSessionEndsWhileItWaitsForAnotherCommand) {
+  Subscribe(Request(5));
+  std::promise<void> arrived;
+  const NamedUninstall uninstall([&] {
+    arrived.set_value();
+    return kFamily;
+  });
+  std::jthread system;
+  {
+    const std::lock_guard another(PackageUninstallingPCEvent::uninstall_event_mux);
+    system = std::jthread([&] { machine.packages.Notify(L"ann", uninstall); });
+    arrived.get_future().wait_for(std::chrono::milliseconds(200));
+    PackageCatalogEventManager::clear_events(&first);
+  }
+  system.join();
   EXPECT_THAT(Sent(), SizeIs(1));
   EXPECT_EQ(Stored(), L"[]");
 }
