@@ -117,24 +117,32 @@ void UninstallWatch::Handle(const Platform::PackageUninstall& uninstall) {
   // A notification that came before a log-off is handled also when the lock is free only later: the
   // package went, and no other notification follows.
   if (stopping) return;
+  if (IsDue(uninstall)) RunCommand();
+}
+
+bool UninstallWatch::IsDue(const Platform::PackageUninstall& uninstall) const {
   const std::wstring received = uninstall.FamilyName();
   const std::lock_guard guard(PackageUninstallingPCEvent::uninstall_event_mux);
-  if (!mark->MayRun()) return;
+  if (!mark->MayRun()) return false;
   Log().LogInfo(kInvoked, familyName.c_str(), received.c_str());
-  if (received != familyName) return;
-  if (moment == UninstallMoment::Starts) {
-    RunCommand();
-    return;
-  }
+  if (received != familyName) return false;
+  if (moment == UninstallMoment::Starts) return true;
   AwaitCompletion(uninstall);
   // Another user may still have the package. The event then stays armed.
-  if (IsGone(familyName)) RunCommand();
+  return IsGone(familyName);
 }
 
 void UninstallWatch::RunCommand() {
+  const bool ran = mark->RunOnce([this] {
+    // Before the lock: however large the file is, the other notifications do not wait for its
+    // check.
+    if (auto* launch = dynamic_cast<LaunchCommand*>(command.get())) launch->CheckAhead();
+    const std::lock_guard guard(PackageUninstallingPCEvent::uninstall_event_mux);
+    command->Execute();
+  });
   // Marked before the handlers are called, so that one that fails does not make the command run
   // again.
-  if (mark->RunOnce([this] { command->Execute(); })) completion->Raise({});
+  if (ran) completion->Raise({});
 }
 
 void UninstallWatch::Pause() {

@@ -54,6 +54,10 @@ class UninstallWatch {
 
  private:
   void Handle(const Platform::PackageUninstall& uninstall);
+
+  // Logs a notification and returns whether the command is to run: for an uninstall that has to be
+  // complete, once it is and the package is gone.
+  bool IsDue(const Platform::PackageUninstall& uninstall) const;
   void RunCommand();
   void Pause();
 

@@ -12,10 +12,12 @@
 
 #include <windows.h>
 
+#include "events/package_completion.h"
 #include "events/package_event_manager.h"
 #include "events/package_event_request.h"
 #include "platform/windows_runtime_error.h"
 #include "storage/request_manager.h"
+#include "support/log_trap.h"
 #include "support/machine_test.h"
 
 namespace Vx::Tessel::Server::Services::Orvane {
@@ -139,6 +141,31 @@ TEST_F(PackageEventTest, StaysArmedWhenItsCommandFails) {
   EXPECT_THAT(completed, SizeIs(1));
 }
 
+bool IsFree(std::mutex& mutex) {
+  bool taken = false;
+  std::thread([&] { taken = std::unique_lock(mutex, std::try_to_lock).owns_lock(); }).join();
+  return taken;
+}
+
+TEST_F(PackageEventTest, ChecksAProgramWithoutHoldingUpOtherNotifications) {
+  for (const std::wstring event : {L"5", L"7"}) {
+    machine.packages.Install({kFamily, L"App_1", {}}, L"bob");
+    Register(Request(event, L"1", LR"({"path":"C:\\windows\\x.exe"})"));
+    Remove();
+    log.Clear();
+    std::vector<bool> free;
+    const auto note = [&] {
+      free.push_back(IsFree(PackageUninstallingPCEvent::uninstall_event_mux));
+    };
+    const Tests::LogTrap check(L"AquireFileReadOnlyLock", 1, note);
+    const Tests::LogTrap verdict(L"not trusted to launch as system", 1, note);
+    Notify(kFamily);
+    EXPECT_THAT(free, testing::ElementsAre(true, false));
+    EXPECT_THAT(completed, SizeIs(event == L"5" ? 1 : 2));
+    Manager::clear_events();
+  }
+}
+
 TEST_F(PackageEventTest, HoldsUpNeitherSubscriptionsNorALogOffWhileItsCommandRuns) {
   for (const std::wstring event : {L"5", L"7"}) {
     machine.packages.Install({kFamily, L"App_1", {}}, L"bob");
@@ -146,16 +173,15 @@ TEST_F(PackageEventTest, HoldsUpNeitherSubscriptionsNorALogOffWhileItsCommandRun
     Remove();
     std::vector<bool> taken;
     machine.timeline.SetListener([&](const auto&) {
-      std::thread([&] {
-        for (std::mutex* mutex : {&PackageUninstallingPCEvent::rLock, &Manager::register_event_mux,
-                                  &PackageUninstallingPCEvent::register_mux}) {
-          taken.push_back(std::unique_lock(*mutex, std::try_to_lock).owns_lock());
-        }
-      }).join();
+      for (std::mutex* mutex :
+           {&PackageUninstallingPCEvent::rLock, &PackageUninstallingPCEvent::register_mux,
+            &Manager::register_event_mux, &PackageCompletion::listChange}) {
+        taken.push_back(IsFree(*mutex));
+      }
     });
     Notify(kFamily);
     machine.timeline.SetListener({});
-    EXPECT_THAT(taken, testing::ElementsAre(true, true, true));
+    EXPECT_THAT(taken, testing::ElementsAre(true, true, true, true));
     Manager::clear_events();
   }
 }
