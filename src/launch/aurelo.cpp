@@ -23,6 +23,9 @@ constexpr wchar_t kNoTimer[] = L"CreateWaitableTimer (Aurelo) failed with error 
 constexpr wchar_t kTimerNotSet[] = L"SetWaitableTimer (Aurelo) failed with error %d";
 constexpr wchar_t kLaunched[] = L"Aurelo launched";
 constexpr wchar_t kNotLaunched[] = L"Aurelo not launched";
+constexpr wchar_t kNotMarked[] =
+    L"Aurelo not launched, because the store could not be written. It is scheduled again at the "
+    L"next start.";
 constexpr wchar_t kNotSending[] = L"OrvaneService::oobe_event_task() / aurelo not sending event";
 constexpr wchar_t kLaunchThrew[] = L"Problem while launching Vx Aurelo. %S";
 constexpr wchar_t kLaunchThrewUnknown[] = L"Problem while launching Vx Aurelo.";
@@ -46,7 +49,11 @@ void LaunchUnlessMarked(const Logging::TraceLogger& logger) {
     return;
   }
   // Marks the launch before making it, so that an app that cannot be started is not tried again.
-  store->persist(kLaunchedMark, true);
+  // Without a mark each start of the service would launch the app once more.
+  if (!store->persist(kLaunchedMark, true)) {
+    logger.LogWarning(kNotMarked);
+    return;
+  }
   logger.LogInfo(AureloFacade().LaunchUwpForOobe() ? kLaunched : kNotLaunched);
 }
 

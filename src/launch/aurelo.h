@@ -39,9 +39,10 @@ using LaunchTimer = std::weak_ptr<void>;
 // that it has been launched.
 //
 // Each call starts a detached worker with a timer of its own. The first worker whose hour ends
-// marks the store and launches the app, and later workers find the mark. Two workers whose hours
-// end at the same moment may both launch it. Stopping the service does not end a worker. If the
-// timer cannot be set, the worker launches the app at once.
+// marks the store and launches the app, and later workers find the mark. An app whose launch cannot
+// be marked is not launched. Two workers whose hours end at the same moment may both launch it.
+// Stopping the service does not end a worker. If the timer cannot be set, the worker launches the
+// app at once.
 //
 // `logger` lives as long as the process. `aureloLaunchTimer` is written before the worker starts.
 // The caller makes one call at a time. Throws std::system_error when no thread can be created, and

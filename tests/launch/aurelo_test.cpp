@@ -2,6 +2,11 @@
 
 #include <gmock/gmock.h>
 
+#include <chrono>
+
+#include <windows.h>
+
+#include "platform/unique_handle.h"
 #include "storage/cap_data_store.h"
 #include "support/machine_test.h"
 
@@ -22,6 +27,31 @@ TEST_F(AureloScheduleTest, LaunchesAtOnceWhenTheTimerCannotBeSet) {
             L"C:\\Users\\ann\\AppData\\Local\\Microsoft\\WindowsApps\\AureloCenter.exe");
   EXPECT_TRUE(log.Has(L"error|SetWaitableTimer (Aurelo) failed with error 5"));
   EXPECT_TRUE(Storage::CapDataStore().readBool("oobe_complete_aurelo_launched", false));
+}
+
+// Or each start of the service would launch it again while the store cannot be read or written.
+TEST_F(AureloScheduleTest, LaunchesOnlyWhatItCouldMark) {
+  machine.packages.Install({L"7C3B9E40.AureloCenter_r4x2m8kq7tn3b", L"Aurelo_1", {}}, L"ann");
+  const auto start = [&] {
+    LaunchTimer timer;
+    ScheduleLaunch(*Logging::LogManager::GetLogger(), timer);
+    machine.clock.Advance(std::chrono::seconds(3601));
+    return machine.processes.Started().size();
+  };
+  machine.faults.FailNamed("FileHandle.Write");
+  EXPECT_EQ(start(), 0U);
+  machine.faults.Clear();
+  Storage::CapDataStore().persist("other", true);
+  {
+    const Platform::UniqueHandle unread = Platform::AdoptFile(
+        CreateFileW(store.FilePath().c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr));
+    ASSERT_NE(unread, nullptr);
+    EXPECT_EQ(start(), 0U);
+  }
+  EXPECT_THAT(log.Lines(),
+              testing::Contains(testing::HasSubstr(L"Aurelo not launched, ")).Times(2));
+  EXPECT_EQ(start(), 1U);
+  EXPECT_EQ(start(), 1U);
 }
 
 }  // namespace
