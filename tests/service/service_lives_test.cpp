@@ -68,6 +68,20 @@ TEST_F(ServiceLivesTest, ABootIsNewWhenItIsMoreThanAMinuteFromTheOneOnRecord) {
   }
 }
 
+// Even where the record of the boot is lost in between.
+TEST_F(ServiceLivesTest, NotifiesOfABootOnceHoweverOftenTheStartUpTaskRuns) {
+  host.Execute(14,
+               LR"({"zephraEventType":2,"zephraEventAction":2,"commandParams":)"
+               LR"({"packageFamilyName":"f","appServiceName":"boot","payload":{}}})");
+  for (int start = 0; start < 2; ++start) {
+    Storage().persist(kBootTime, Element::Int64(0));
+    Start(60s);
+    EXPECT_THAT(Sent(), Contains(HasSubstr(L"f/boot")).Times(1));
+    EXPECT_THAT(log.Lines(), Contains(HasSubstr(L"CheckToSendWakeupEvent: Started")).Times(1));
+    EXPECT_EQ(machine.clock.Workers(), 0U);
+  }
+}
+
 TEST_F(ServiceLivesTest, AStoreThatCannotBeOpenedEndsTheNotificationsWithoutRetry) {
   store.Block();
   Start(0s);
