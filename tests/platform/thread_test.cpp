@@ -2,9 +2,12 @@
 
 #include <gmock/gmock.h>
 
+#include <cerrno>
 #include <cstddef>
 #include <exception>
+#include <functional>
 #include <memory>
+#include <new>
 #include <system_error>
 #include <vector>
 
@@ -57,6 +60,39 @@ TEST_F(ThreadTest, RefusesToJoinOrDetachWhatIsNotJoinable) {
   thread.Join();
   EXPECT_THROW(thread.Join(), std::system_error);
   EXPECT_THROW(thread.Detach(), std::system_error);
+}
+
+class NoThreads final : public Threads {
+ public:
+  explicit NoThreads(bool outOfMemory) : throws(outOfMemory) {}
+  Result<UniqueHandle> Start(std::function<void()>) override {
+    if (throws) throw std::bad_alloc();
+    return Result<UniqueHandle>::Failure(EAGAIN);
+  }
+
+ private:
+  const bool throws;
+};
+
+// Ends the process with 0. A worker that still counts would make the end of the scope fatal.
+[[noreturn]] void LeaveAfterAFailedStart(bool outOfMemory) {
+  bool threw = false;
+  {
+    NoThreads none(outOfMemory);
+    const MachineScope scope([&](Machine& machine) { machine.threads = &none; });
+    try {
+      StartDetached([] {});
+    } catch (const std::exception&) {
+      threw = true;
+    }
+  }
+  ExitProcess(threw ? 0 : 1);
+}
+
+TEST(FailedStartTest, LeavesNoWorkerThatAMachineWaitsFor) {
+  for (const bool outOfMemory : {false, true}) {
+    EXPECT_EXIT(LeaveAfterAFailedStart(outOfMemory), testing::ExitedWithCode(0), "");
+  }
 }
 
 // The status that leaves a report behind, STATUS_FAIL_FAST_EXCEPTION; abort ends with 3.
