@@ -22,6 +22,15 @@ Marks& All() {
 
 bool FiringMark::RunOnce(const std::function<void()>& run) {
   const std::lock_guard guard(turn);
+  return RunInTurn(run);
+}
+
+bool FiringMark::RunOnceUnlessRunning(const std::function<void()>& run) {
+  const std::unique_lock guard(turn, std::try_to_lock);
+  return guard.owns_lock() && RunInTurn(run);
+}
+
+bool FiringMark::RunInTurn(const std::function<void()>& run) {
   if (!MayRun()) return false;
   run();
   hasRun = true;

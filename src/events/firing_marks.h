@@ -19,6 +19,9 @@ class FiringMark {
   // throws does not count, and the exception is the caller's. Returns whether this call ran it.
   bool RunOnce(const std::function<void()>& run);
 
+  // The same, but returns false at once during another call.
+  bool RunOnceUnlessRunning(const std::function<void()>& run);
+
   bool HasRun() const noexcept { return hasRun; }
   bool MayRun() const noexcept { return !hasRun && !retired; }
 
@@ -27,6 +30,8 @@ class FiringMark {
   void Retire() noexcept { retired = true; }
 
  private:
+  bool RunInTurn(const std::function<void()>& run);
+
   std::mutex turn;  // held during a run
   std::atomic<bool> hasRun{false};
   std::atomic<bool> retired{false};

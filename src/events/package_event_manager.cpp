@@ -105,10 +105,11 @@ class Replay {
     if (RegisterOne(stored)) PackageCompletion::Complete(stored, mark, service.stop);
   }
 
-  // For the request whose registration failed last.
+  // For the request whose registration failed last. Does not wait for a notification that runs the
+  // command already: a logon must not hang with a command.
   void RunLate(const std::wstring& stored, const Platform::WindowsRuntimeError& error) const {
     if (error.code() != kPackageNotInstalled) return;
-    const bool ran = mark->RunOnce([&] {
+    const bool ran = mark->RunOnceUnlessRunning([&] {
       Logging::LogManager::GetLogger()->LogInfo(kRunningLate);
       PackageCatalogEventManager::execute_command(stored);
     });

@@ -38,12 +38,18 @@ std::wstring Request(int event, const std::wstring& family = kFamily) {
 
 class FakeUninstall final : public Platform::PackageUninstall {
  public:
-  explicit FakeUninstall(std::function<bool()> complete) : isComplete(std::move(complete)) {}
-  std::wstring FamilyName() const override { return kFamily; }
+  explicit FakeUninstall(
+      std::function<bool()> complete = [] { return true; }, std::function<void()> arrived = [] {})
+      : isComplete(std::move(complete)), arrives(std::move(arrived)) {}
+  std::wstring FamilyName() const override {
+    arrives();
+    return kFamily;
+  }
   bool IsComplete() const override { return isComplete(); }
 
  private:
   std::function<bool()> isComplete;
+  std::function<void()> arrives;
 };
 
 // Subscriptions of two services of one process. Only ann is notified of an uninstall; the package
@@ -197,7 +203,7 @@ TEST_F(OneShotTest, DoesNotRunAgainForAListThatWasReadBefore) {
     log.Clear();
     {
       const Tests::LogTrap fire(L"failed to register request", 1, [&] {
-        machine.packages.Notify(L"ann", FakeUninstall([] { return true; }));
+        machine.packages.Notify(L"ann", FakeUninstall());
         if (gone) machine.packages.Uninstall(kFamily, L"bob", std::chrono::milliseconds(0));
       });
       Replay(second);
@@ -254,7 +260,7 @@ TEST_F(OneShotTest, WatchesWhatIsSubscribedAgainWhileAReplayFindsItGone) {
   std::optional<Platform::MachineScope> trapped;
   {
     const Tests::LogTrap fire(L"failed to register request", 1, [&] {
-      machine.packages.Notify(L"ann", FakeUninstall([] { return true; }));
+      machine.packages.Notify(L"ann", FakeUninstall());
       trapped.emplace(
           [&](Platform::Machine& platform) { platform.kernelObjects = &kernelObjects; });
     });
@@ -263,7 +269,7 @@ TEST_F(OneShotTest, WatchesWhatIsSubscribedAgainWhileAReplayFindsItGone) {
   client.join();
   machine.clock.Settle();
   EXPECT_THAT(Sent(), SizeIs(1));
-  machine.packages.Notify(L"ann", FakeUninstall([] { return true; }));
+  machine.packages.Notify(L"ann", FakeUninstall());
   EXPECT_THAT(Sent(), SizeIs(2));
   EXPECT_EQ(Stored(), L"[" + Request(6) + L"]");
   PackageCatalogEventManager::clear_events();
@@ -285,7 +291,7 @@ TEST_F(OneShotTest, IsWatchedAlsoWhenTheStoreCannotSayWhetherItIsStored) {
     Replay(first);
   }
   machine.faults.Clear();
-  machine.packages.Notify(L"ann", FakeUninstall([] { return true; }));
+  machine.packages.Notify(L"ann", FakeUninstall());
   EXPECT_THAT(Sent(), SizeIs(1));
   EXPECT_THAT(Stored(), testing::Not(HasSubstr(lasting)));
 }
@@ -315,24 +321,10 @@ TEST_F(OneShotTest, FinishesWhenASessionEndsWhileItWaitsForTheUninstall) {
   EXPECT_EQ(Stored(), L"[]");
 }
 
-// A notification whose family name the test supplies.
-class NamedUninstall final : public Platform::PackageUninstall {
- public:
-  explicit NamedUninstall(std::function<std::wstring()> name) : familyName(std::move(name)) {}
-  std::wstring FamilyName() const override { return familyName(); }
-  bool IsComplete() const override { return true; }
-
- private:
-  std::function<std::wstring()> familyName;
-};
-
 TEST_F(OneShotTest, RunsWhenItsSessionEndsWhileItWaitsForAnotherCommand) {
   Subscribe(Request(5));
   std::promise<void> arrived;
-  const NamedUninstall uninstall([&] {
-    arrived.set_value();
-    return kFamily;
-  });
+  const FakeUninstall uninstall([] { return true; }, [&] { arrived.set_value(); });
   std::jthread system;
   {
     const std::lock_guard another(PackageUninstallingPCEvent::uninstall_event_mux);
@@ -341,6 +333,28 @@ TEST_F(OneShotTest, RunsWhenItsSessionEndsWhileItWaitsForAnotherCommand) {
     PackageCatalogEventManager::clear_events(&first);
   }
   system.join();
+  EXPECT_THAT(Sent(), SizeIs(1));
+  EXPECT_EQ(Stored(), L"[]");
+}
+
+// The command does not end before the replay, which finds the package gone, has.
+TEST_F(OneShotTest, IsNotWaitedForByALogon) {
+  Subscribe(Request(5));
+  machine.packages.Uninstall(kFamily, L"bob", std::chrono::milliseconds(0));
+  machine.clock.Settle();
+  std::jthread logon;
+  std::future_status replay{};
+  machine.timeline.SetListener([&](const auto&) {
+    std::packaged_task<void()> task(
+        [&] { RegisterExistingPackageCatalogManagerRequests(&second, stop); });
+    const auto done = task.get_future();
+    logon = std::jthread(std::move(task));
+    replay = done.wait_for(std::chrono::seconds(1));
+  });
+  machine.packages.Notify(L"ann", FakeUninstall());
+  logon.join();
+  machine.timeline.SetListener({});
+  EXPECT_EQ(replay, std::future_status::ready);
   EXPECT_THAT(Sent(), SizeIs(1));
   EXPECT_EQ(Stored(), L"[]");
 }
