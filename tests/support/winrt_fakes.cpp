@@ -147,7 +147,7 @@ class FakeAsync final : public Fake<Operation, Abi::IAsyncInfo> {
   }
 
   STDMETHODIMP put_Completed(Handler* newHandler) override {
-    return Answer([&] {
+    const HRESULT answer = Answer([&] {
       {
         const std::lock_guard guard(mutex);
         handler = Shared(newHandler);
@@ -155,6 +155,7 @@ class FakeAsync final : public Fake<Operation, Abi::IAsyncInfo> {
       }
       Finish();
     });
+    return ending.refusesHandler ? E_ACCESSDENIED : answer;
   }
   STDMETHODIMP get_Status(Abi::AsyncStatus* out) override {
     const std::lock_guard guard(mutex);
@@ -244,12 +245,16 @@ class FakePackageCatalog final : public Fake<Abi::IPackageCatalog> {
                                        Abi::EventToken* token) override {
     static std::int64_t lastToken = 100;
     return Answer([&] {
+      const std::lock_guard guard(runtime->handlersMutex);
       token->value = ++lastToken;
       runtime->handlers[token->value] = Shared(handler);
     });
   }
   STDMETHODIMP remove_PackageUninstalling(Abi::EventToken token) override {
-    return Answer([&] { runtime->handlers.erase(token.value); });
+    return Answer([&] {
+      const std::lock_guard guard(runtime->handlersMutex);
+      runtime->handlers.erase(token.value);
+    });
   }
 };
 
@@ -362,6 +367,24 @@ IInspectable* MakeOf(const std::wstring& className) {
   return nullptr;
 }
 
+// What Windows gets of a faked class: a factory of instances that also has the static members.
+class FakeFactory final : public Fake<IActivationFactory> {
+ public:
+  explicit FakeFactory(std::wstring name) : className(std::move(name)) {}
+
+  STDMETHODIMP QueryInterface(REFIID iid, void** object) override {
+    const HRESULT own = Fake::QueryInterface(iid, object);
+    return SUCCEEDED(own) ? own : Abi::ComPtr(MakeOf(className))->QueryInterface(iid, object);
+  }
+  STDMETHODIMP ActivateInstance(IInspectable** instance) override {
+    *instance = MakeOf(className);
+    return S_OK;
+  }
+
+ private:
+  std::wstring className;
+};
+
 bool InApartment() {
   APTTYPE type{};
   APTTYPEQUALIFIER qualifier{};
@@ -423,6 +446,13 @@ void RuntimeTest::Pend(std::function<void()> complete) {
   pending = std::move(complete);
 }
 
+void RuntimeTest::AwaitPending() {
+  for (;; std::this_thread::yield()) {
+    const std::lock_guard guard(pendingMutex);
+    if (pending) return;
+  }
+}
+
 bool RuntimeTest::CompletePending() {
   std::function<void()> complete;
   {
@@ -438,14 +468,55 @@ void RuntimeTest::CompletePendingOnes(int count) {
 }
 
 HRESULT RuntimeTest::NotifyUninstalling(const std::wstring& familyName, bool complete) {
+  const Handlers copy = handlers;
+  return NotifyUninstalling(familyName, complete, copy);
+}
+
+HRESULT RuntimeTest::NotifyUninstalling(const std::wstring& familyName, bool complete,
+                                        const Handlers& called) {
   const Abi::ComPtr arguments(new FakeUninstall(familyName, complete));
   HRESULT result = S_OK;
-  const auto copy = handlers;
-  for (const auto& [token, handler] : copy) {
+  for (const auto& [token, handler] : called) {
     const HRESULT answer = handler->Invoke(nullptr, arguments.Get());
     if (FAILED(answer)) result = answer;
   }
   return result;
+}
+
+RuntimeTest::Handlers RuntimeTest::AwaitHandlers() {
+  for (;; std::this_thread::yield()) {
+    const std::lock_guard guard(handlersMutex);
+    if (!handlers.empty()) return handlers;
+  }
+}
+
+RegisteredFakes::RegisteredFakes()
+    : keyName(L"Software\\vx-fakes-" + std::to_wstring(GetCurrentProcessId())) {
+  RegCreateKeyExW(HKEY_CURRENT_USER, keyName.c_str(), 0, nullptr, 0, KEY_ALL_ACCESS, nullptr,
+                  &machine, nullptr);
+  // Data protection looks its provider up.
+  const wchar_t* const providers = L"Software\\Microsoft\\Cryptography\\Defaults";
+  HKEY copy = nullptr;
+  RegCreateKeyW(machine, providers, &copy);
+  RegCopyTreeW(HKEY_LOCAL_MACHINE, providers, copy);
+  RegCloseKey(copy);
+  wchar_t program[MAX_PATH];
+  const DWORD length = GetModuleFileNameW(nullptr, program, MAX_PATH);
+  for (const wchar_t* className :
+       {Abi::kPackageManagerClass, Abi::kPackageCatalogClass, Abi::kAppServiceConnectionClass,
+        Abi::kValueSetClass, Abi::kPropertyValueClass}) {
+    const std::wstring key =
+        std::wstring(L"Software\\Microsoft\\WindowsRuntime\\ActivatableClassId\\") + className;
+    RegSetKeyValueW(machine, key.c_str(), L"DllPath", REG_SZ, program,
+                    (length + 1) * static_cast<DWORD>(sizeof(wchar_t)));
+  }
+  RegOverridePredefKey(HKEY_LOCAL_MACHINE, machine);
+}
+
+RegisteredFakes::~RegisteredFakes() {
+  RegOverridePredefKey(HKEY_LOCAL_MACHINE, nullptr);
+  RegCloseKey(machine);
+  RegDeleteTreeW(HKEY_CURRENT_USER, keyName.c_str());
 }
 
 }  // namespace Vx::Tests
@@ -454,6 +525,13 @@ HRESULT RuntimeTest::NotifyUninstalling(const std::wstring& familyName, bool com
 // and activate the fakes while there are any. It dictates their names.
 // NOLINTBEGIN(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
 extern "C" {
+
+// Where the registry names this program as the home of a class, Windows calls this.
+__declspec(dllexport) HRESULT WINAPI
+    DllGetActivationFactory(HSTRING name, IActivationFactory** factory) {
+  *factory = new Vx::Tests::FakeFactory(Vx::Tests::TextOf(name));
+  return S_OK;
+}
 
 HRESULT WINAPI __real_WindowsCreateString(LPCWSTR text, UINT32 length, HSTRING* string);
 HRESULT WINAPI __real_WindowsDeleteString(HSTRING string);

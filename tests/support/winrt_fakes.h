@@ -20,6 +20,7 @@ struct FakeEnding {
   Abi::AsyncStatus status = Abi::AsyncStatus::Completed;
   HRESULT error = S_OK;
   bool onRequest = false;
+  bool refusesHandler = false;  // but keeps it, and calls it at the end all the same
 };
 
 // A Windows Runtime of our own for the life of the fixture: meanwhile the package manager, the
@@ -34,6 +35,9 @@ class RuntimeTest : public testing::Test {
   // Fails the call number `call` (from 1) into the fakes from now on with E_ACCESSDENIED.
   void FailCall(int call) { callsUntilFailure = call; }
 
+  // Waits until there is one that CompletePending can end.
+  void AwaitPending();
+
   // Ends the operation that was started last, on the calling thread. False when there is none.
   bool CompletePending();
 
@@ -42,7 +46,13 @@ class RuntimeTest : public testing::Test {
 
   // Delivers an uninstalling notification to every handler of every catalog, as the system does:
   // from a copy of the list, so that a handler removed meanwhile may still be called.
+  using Handlers = std::map<std::int64_t, Abi::ComPtr<Abi::IPackageUninstallingHandler>>;
   HRESULT NotifyUninstalling(const std::wstring& familyName, bool complete);
+  static HRESULT NotifyUninstalling(const std::wstring& familyName, bool complete,
+                                    const Handlers& called);
+
+  // Waits until a catalog has a handler, and returns those that there are then.
+  Handlers AwaitHandlers();
 
   std::vector<std::wstring> machinePackages;  // full names of the one family there is
   std::map<std::wstring, std::vector<std::wstring>> userPackages;  // by SID
@@ -57,11 +67,12 @@ class RuntimeTest : public testing::Test {
   std::optional<std::wstring> reply = L"understood";  // under "response"; none: no such key
   bool replyIsNumber = false;
 
-  std::vector<std::wstring> registered;     // what registration was asked for
-  std::vector<std::wstring> familiesAsked;  // by every find
-  std::map<std::int64_t, Abi::ComPtr<Abi::IPackageUninstallingHandler>> handlers;  // by token
-  int cancelled = 0;                                                               // operations
-  int closed = 0;                                                                  // connections
+  std::vector<std::wstring> registered;      // what registration was asked for
+  std::vector<std::wstring> familiesAsked;   // by every find
+  Handlers handlers;                         // by token
+  std::mutex handlersMutex;                  // for threads that the test does not wait for
+  int cancelled = 0;                         // operations
+  int closed = 0;                            // connections
   std::vector<std::wstring> openedServices;  // "family!service"
   APTTYPE catalogApartment{};                // of the thread that opened the last catalog
   bool openedAsAnother = false;              // the thread that opened the last one impersonated
@@ -85,6 +96,20 @@ class RuntimeTest : public testing::Test {
   int callsUntilFailure = -1;
   std::mutex pendingMutex;
   std::function<void()> pending;
+};
+
+// Registers the fakes with Windows for the life of this object and for this process alone, so that
+// a module activates them which is loaded as it ships. Calls that it makes are not counted.
+class RegisteredFakes {
+ public:
+  RegisteredFakes();
+  RegisteredFakes(const RegisteredFakes&) = delete;
+  RegisteredFakes& operator=(const RegisteredFakes&) = delete;
+  ~RegisteredFakes();
+
+ private:
+  std::wstring keyName;
+  HKEY machine = nullptr;  // stands in for HKEY_LOCAL_MACHINE
 };
 
 }  // namespace Vx::Tests

@@ -1,0 +1,110 @@
+// Whether a thread of the system may still come into the module, or be on its way out of it, after
+// its host has destroyed the service and freed the module. Each case runs in a process of its own,
+// since a module that stays loaded in one would also stay for the next.
+
+#include <optional>
+#include <string>
+#include <thread>
+
+#include "gtest/gtest.h"
+#include "support/probe.h"
+#include "support/process_gauges.h"
+#include "support/temp_folder.h"
+#include "support/winrt_fakes.h"
+#include "vxhost/loaded_module.h"
+
+#include <windows.h>
+
+namespace Vx::Tests {
+namespace {
+
+constexpr wchar_t kFamily[] = L"Some.App_0123456789abc";
+constexpr wchar_t kSubscription[] =
+    LR"({"catalogEvent":5,"catalogAction":2,"packageFamilyName":"Some.App_0123456789abc",)"
+    LR"("catalogActionParams":{"packageFamilyName":"f","appServiceName":"s","payload":{}}})";
+
+class UnloadDeathTest : public RuntimeTest {
+ protected:
+  void SetUp() override {
+    testing::FLAGS_gtest_death_test_style = "threadsafe";
+    machinePackages = {L"Some.App_1.0.0.0_x64__0123456789abc"};
+  }
+
+  // The module as it ships, with the subscription above.
+  void Load() {
+    fakes.emplace();
+    store.emplace();
+    module.emplace(TestFolder() + L"\\..\\bin\\OrvaneService.dll");
+    service.emplace(module->NewService());
+    EXPECT_EQ(service->Execute(7, kSubscription, L"client").code, 0U);
+    held = AwaitHandlers();
+  }
+
+  // Destroys and frees as a host does. Afterwards nothing but a delegate can keep the module.
+  void Unload(std::size_t threadsOfTheSystem) {
+    service.reset();
+    module.reset();
+    EXPECT_TRUE(ThreadsEnd(quiet + threadsOfTheSystem));
+  }
+
+  // Ends this process with 0 if all was well until here and the system can release what it holds.
+  [[noreturn]] void End() {
+    held.clear();
+    store.reset();
+    fakes.reset();
+    ExitProcess(HasFailure() ? 1 : 0);
+  }
+
+  void CallLate() {
+    Load();
+    Unload(0);
+    EXPECT_EQ(NotifyUninstalling(kFamily, false, held), S_OK);
+    End();
+  }
+
+  void ReturnLate() {
+    opening.onRequest = true;
+    Load();
+    std::jthread system([this] { NotifyUninstalling(kFamily, false, held); });
+    AwaitPending();
+    Unload(1);
+    CompletePendingOnes(1);
+    system.join();
+    End();
+  }
+
+  void CompleteLate() {
+    opening.onRequest = opening.refusesHandler = true;
+    Load();
+    EXPECT_EQ(NotifyUninstalling(kFamily, false, held), S_OK);
+    Unload(0);
+    CompletePendingOnes(1);
+    End();
+  }
+
+  const std::size_t quiet = ThreadCount();
+  std::optional<RegisteredFakes> fakes;
+  std::optional<PrivateStore> store;
+  std::optional<Host::LoadedModule> module;
+  std::optional<Host::ServiceSession> service;
+  Handlers held;  // as the system's threads hold them
+};
+
+constexpr auto kUnharmed = 0;
+
+TEST_F(UnloadDeathTest, AnUninstallNotificationMayComeAfterTheModuleWasFreed) {
+  EXPECT_EXIT(CallLate(), testing::ExitedWithCode(kUnharmed), "");
+}
+
+TEST_F(UnloadDeathTest, ANotificationThatRunsACommandMayReturnAfterTheModuleWasFreed) {
+  EXPECT_EXIT(ReturnLate(), testing::ExitedWithCode(kUnharmed), "");
+}
+
+// The operation refuses its handler, so that the module gives up on it without the half minute that
+// it waits otherwise.
+TEST_F(UnloadDeathTest, ACompletionThatWasGivenUpMayComeAfterTheModuleWasFreed) {
+  EXPECT_EXIT(CompleteLate(), testing::ExitedWithCode(kUnharmed), "");
+}
+
+}  // namespace
+}  // namespace Vx::Tests
