@@ -14,7 +14,7 @@
 #include "bod/vx_bios_wmi.h"
 #include "json/json_text.h"
 #include "launch/companion_apps.h"
-#include "launch/launch_rules.h"
+#include "launch/session_launch.h"
 #include "platform/console_user.h"
 #include "platform/environment.h"
 #include "platform/files.h"
@@ -26,6 +26,7 @@
 #include "security/file_trust.h"
 #include "security/pinned_keys.h"
 #include "simulator/simulated_machine.h"
+#include "storage/cap_data_store.h"
 #include "storage/sealed_file.h"
 #include "vxhost/text.h"
 
@@ -36,6 +37,7 @@ namespace Vx::Host {
 namespace {
 
 namespace Orvane = Tessel::Server::Services::Orvane;
+using Tessel::Server::Storage::CapDataStore;
 using Tessel::Server::Storage::SealedFile;
 using Tessel::Server::Storage::StoreState;
 
@@ -63,7 +65,6 @@ Check Judge(const char* what, bool good, std::wstring found, const wchar_t* expe
 }
 
 constexpr DWORD kMutexLimit = 1000;  // milliseconds
-constexpr wchar_t kStoreMutex[] = L"18CC6446-1DB5-4D23-8F2B-441BA13883D6";
 
 const Platform::Machine& Machine() {
   return Platform::CurrentMachine();
@@ -150,8 +151,8 @@ Check Folder(const std::wstring& folder) {
 
 Check Mutex() {
   // Services share the global name, programs of a session that of the session.
-  for (const std::wstring& name :
-       {std::wstring(L"Global\\") + kStoreMutex, std::wstring(kStoreMutex)}) {
+  for (const std::wstring& name : {std::wstring(L"Global\\") + CapDataStore::kMutexName,
+                                   std::wstring(CapDataStore::kMutexName)}) {
     const Platform::UniqueHandle mutex(
         OpenMutexW(SYNCHRONIZE | MUTEX_MODIFY_STATE, FALSE, name.c_str()));
     if (mutex == nullptr && GetLastError() == ERROR_FILE_NOT_FOUND) continue;
@@ -201,19 +202,6 @@ Check Store(const std::wstring& path) {
                L"run as administrator, or end the program that keeps the file");
 }
 
-std::optional<std::wstring> LogonProcess(std::uint32_t session) {
-  const Platform::Processes& processes = *Machine().processes;
-  constexpr std::size_t kMost = 2048;
-  for (const std::uint32_t id : processes.Ids(kMost)) {
-    auto image = processes.ImagePath(id);
-    if (image && Orvane::FileNameOf(*image) == L"winlogon.exe" &&
-        processes.Session(id) == session) {
-      return image;
-    }
-  }
-  return std::nullopt;
-}
-
 void ConsoleUser(std::vector<Check>& checks) {
   const std::uint32_t session = Machine().sessions->ActiveConsoleSession();
   if (session == Platform::kNoSession) {
@@ -226,8 +214,9 @@ void ConsoleUser(std::vector<Check>& checks) {
                          L"session " + std::to_wstring(session) + L", user " +
                              (user ? *user : L"unknown: " + Code(user.Error())),
                          L"a user", L"sign in at the machine"));
-  const auto logon = LogonProcess(session);
-  checks.push_back(Judge("logon process", logon.has_value(), logon.value_or(L"none is seen"),
+  const auto logon = Orvane::LogonProcessIn(session);
+  const auto image = logon ? Machine().processes->ImagePath(*logon) : std::nullopt;
+  checks.push_back(Judge("logon process", image.has_value(), image.value_or(L"none is seen"),
                          L"winlogon.exe in the session of the console",
                          L"run as administrator, who may see it"));
 }

@@ -23,18 +23,23 @@ constexpr std::size_t kMaxProcesses = 2048;
 
 // Returns the SYSTEM token of a session's logon process. Null on any failure.
 Platform::UniqueHandle SystemTokenIn(std::uint32_t session) {
+  const auto process = LogonProcessIn(session);
+  if (!process) return nullptr;
+  auto token = Platform::CurrentMachine().processes->PrimaryToken(*process);
+  return token ? std::move(*token) : nullptr;
+}
+
+}  // namespace
+
+std::optional<std::uint32_t> LogonProcessIn(std::uint32_t session) {
   const Platform::Processes& processes = *Platform::CurrentMachine().processes;
   for (const std::uint32_t id : processes.Ids(kMaxProcesses)) {
     const auto image = processes.ImagePath(id);
     if (!image || FileNameOf(*image) != kLogonProcess) continue;
-    if (processes.Session(id) != session) continue;
-    auto token = processes.PrimaryToken(id);
-    return token ? std::move(*token) : nullptr;
+    if (processes.Session(id) == session) return id;
   }
-  return nullptr;
+  return std::nullopt;
 }
-
-}  // namespace
 
 int LaunchProcessInSession(const Security::TrustedProgram& program, const std::wstring& arguments,
                            const std::wstring& workingDirectory, std::uint32_t session,

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 
 namespace Vx::Tessel::Security {
@@ -8,6 +9,10 @@ class TrustedProgram;
 }
 
 namespace Vx::Tessel::Server::Services::Orvane {
+
+// Returns the process, by its file name, whose token programs are started with in `session`. Empty
+// when this process sees none there.
+std::optional<std::uint32_t> LogonProcessIn(std::uint32_t session);
 
 // Starts `program` in `session` with the SYSTEM token of that session's winlogon.exe and the
 // system's environment. Leaves out arguments that do not fit into a command line. An empty working

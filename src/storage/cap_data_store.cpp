@@ -43,7 +43,6 @@ constexpr wchar_t kProgramDataRoot[] = L"%programdata%\\Vx\\";
 constexpr wchar_t kStoreDirectory[] = L"%programdata%\\Vx\\SharedServices\\";
 constexpr wchar_t kStoreName[] = L"shared";
 constexpr wchar_t kFileEnding[] = L"_store.dat";
-constexpr wchar_t kMutexName[] = L"18CC6446-1DB5-4D23-8F2B-441BA13883D6";
 
 constexpr std::size_t kMaxPathUnits = 261;  // with the terminator
 constexpr Platform::ErrorCode kAlreadyExists = 183;

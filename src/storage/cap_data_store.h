@@ -19,6 +19,9 @@ namespace Vx::Tessel::Server::Storage {
 // the new.
 class CapDataStore {
  public:
+  // The mutex that every access holds. The name is documented, and other services use it too.
+  static constexpr wchar_t kMutexName[] = L"18CC6446-1DB5-4D23-8F2B-441BA13883D6";
+
   // Receives the stored element, or null when there is none. Returns the new one, or nothing to
   // leave the file unchanged.
   using Change = std::function<std::optional<BsonElement>(const BsonElement* stored)>;
