@@ -4,6 +4,7 @@
 
 #include <windows.h>
 
+#include "vxhost/services_mutex.h"
 #include "vxhost/text.h"
 
 namespace Vx::Host {
@@ -49,9 +50,10 @@ LoadedModule::LoadedModule(const std::wstring& fullPath)
 }
 
 ServiceSession LoadedModule::NewService() const {
+  const auto mutex = ServicesMutexFor(StoreUse::Write);
   auto* service = factory();
   if (service == nullptr) throw std::runtime_error("the module's factory returned null");
-  return ServiceSession(service);
+  return ServiceSession(mutex == nullptr ? service : WithServicesMutex(*service, mutex));
 }
 
 }  // namespace Vx::Host

@@ -43,7 +43,9 @@ class LoadedModule {
   // Throws std::runtime_error, whose text advises the user.
   explicit LoadedModule(const std::wstring& fullPath);
 
-  // Calls the module's factory. Throws std::runtime_error when it returns null.
+  // Calls the module's factory. The service holds the services' mutex where it shares the machine's
+  // store with them (see services_mutex.h). Throws std::runtime_error when the factory returns null
+  // or that mutex is needed and cannot be used.
   ServiceSession NewService() const;
 
  private:

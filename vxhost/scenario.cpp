@@ -18,6 +18,7 @@
 #include "storage/cap_data_store.h"
 #include "storage/service_document.h"
 #include "vxhost/machine_steps.h"
+#include "vxhost/services_mutex.h"
 #include "vxhost/store_commands.h"
 #include "vxhost/text.h"
 
@@ -175,6 +176,7 @@ class Player {
 
   // Stores values as other services of the machine do, and an object's members in a document.
   void Store(const WideValue& values) {
+    const StoreHold hold(ServicesMutexFor(StoreUse::Write));
     for (auto value = values.MemberBegin(); value != values.MemberEnd(); ++value) {
       const std::string key = Utf8(value->name.GetString());
       stage.console.Line("-> another service stores " + key + " = " + Utf8(Expand(value->value)));
@@ -296,6 +298,7 @@ class Player {
   }
 
   void ExpectStored(const WideValue& values) {
+    const StoreHold hold(ServicesMutexFor(StoreUse::Read));
     CapDataStore store;
     const auto document = store.readDocument(kServiceDocument);
     for (auto value = values.MemberBegin(); value != values.MemberEnd(); ++value) {
