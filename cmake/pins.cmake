@@ -1,8 +1,10 @@
-# Pinned keys: from text files, one key per line, to a source file that is compiled in.
+# Pinned keys: from text files, one key per line, to a source file that is compiled in and a resource
+# script beside it, which holds the same keys for programs that read them from a module's file.
 #
 # Included, it defines vx_pinned_keys_target(), which makes the target `pins` at configure time from
 # VX_PINNED_KEYS_GENERAL and VX_PINNED_KEYS_RESTRICTED. Run as a script (cmake -DGENERAL=FILE
-# -DRESTRICTED=FILE -DOUTPUT=FILE.cpp -P pins.cmake) it does the same for files that the build makes.
+# -DRESTRICTED=FILE -DOUTPUT=FILE.cpp -P pins.cmake) it writes FILE.cpp and FILE.rc from files that the
+# build makes.
 #
 # Each line holds one key, a comment after "#", or nothing, and may end in CR LF. A key has the form of
 # FormatPublicKey in src/security/signature_record.h. Keys are compared as text, so a key in another
@@ -70,7 +72,27 @@ function(vx_pins_source function keys out)
   set(${out} "${text}" PARENT_SCOPE)
 endfunction()
 
-# Writes `output` unless its content is the same.
+# One resource: a line of text per key, after a comment, since no resource may be empty.
+function(vx_pins_resource name keys out)
+  set(text "${name} RCDATA\nBEGIN\n  \"# ${name}\\n\"")
+  foreach(key IN LISTS keys)
+    string(APPEND text ",\n  \"${key}\\n\"")
+  endforeach()
+  set(${out} "${text}\nEND\n" PARENT_SCOPE)
+endfunction()
+
+# Writes `text` to `output` unless that is its content.
+function(vx_write_if_new output text)
+  set(old "")
+  if(EXISTS "${output}")
+    file(READ "${output}" old)
+  endif()
+  if(NOT old STREQUAL text)
+    file(WRITE "${output}" "${text}")
+  endif()
+endfunction()
+
+# Writes the source file `output` and the resource script beside it.
 function(vx_write_pins general restricted output)
   vx_read_pins("${general}" generalKeys)
   vx_read_pins("${restricted}" restrictedKeys)
@@ -80,13 +102,22 @@ function(vx_write_pins general restricted output)
   string(APPEND text "#include \"security/pinned_keys.h\"\n\n")
   string(APPEND text "namespace Vx::Tessel::Security {\n\n${generalText}\n${restrictedText}\n")
   string(APPEND text "}  // namespace Vx::Tessel::Security\n")
-  set(old "")
-  if(EXISTS "${output}")
-    file(READ "${output}" old)
+  vx_write_if_new("${output}" "${text}")
+  vx_pins_resource(PINNED_KEYS_GENERAL "${generalKeys}" generalText)
+  vx_pins_resource(PINNED_KEYS_RESTRICTED "${restrictedKeys}" restrictedText)
+  string(REGEX REPLACE "\\.cpp$" ".rc" script "${output}")
+  vx_write_if_new("${script}" "${generalText}${restrictedText}")
+endfunction()
+
+# vx_pins_library(NAME SOURCE): the target of such a source and of its resource.
+function(vx_pins_library name source)
+  set(script "")
+  if(WIN32)
+    string(REGEX REPLACE "\\.cpp$" ".rc" script "${source}")
   endif()
-  if(NOT old STREQUAL text)
-    file(WRITE "${output}" "${text}")
-  endif()
+  # An object library, so that a program links it whatever the order of libraries.
+  add_library(${name} OBJECT ${source} ${script})
+  target_link_libraries(${name} PRIVATE vx_options)
 endfunction()
 
 function(vx_pinned_keys_target)
@@ -104,9 +135,7 @@ function(vx_pinned_keys_target)
   endforeach()
   set(source ${PROJECT_BINARY_DIR}/pins/pinned_keys.cpp)
   vx_write_pins("${VX_PINNED_KEYS_GENERAL}" "${VX_PINNED_KEYS_RESTRICTED}" ${source})
-  # An object library, so that a program links it whatever the order of libraries.
-  add_library(pins OBJECT ${source})
-  target_link_libraries(pins PRIVATE vx_options)
+  vx_pins_library(pins ${source})
 endfunction()
 
 if(CMAKE_SCRIPT_MODE_FILE STREQUAL CMAKE_CURRENT_LIST_FILE)

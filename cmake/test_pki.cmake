@@ -35,12 +35,12 @@ function(vx_test_pki program library)
   add_custom_target(test_pki ALL DEPENDS ${keys} ${programs} ${libraries})
 
   set(source ${PROJECT_BINARY_DIR}/pins/test_pinned_keys.cpp)
-  add_custom_command(OUTPUT ${source}
+  set(resource ${PROJECT_BINARY_DIR}/pins/test_pinned_keys.rc)
+  add_custom_command(OUTPUT ${source} ${resource}
     COMMAND ${CMAKE_COMMAND} -DGENERAL=${folder}/pinned_general.txt
       -DRESTRICTED=${folder}/pinned_restricted.txt -DOUTPUT=${source}
       -P ${PROJECT_SOURCE_DIR}/cmake/pins.cmake
-    COMMAND ${CMAKE_COMMAND} -E touch ${source}
+    COMMAND ${CMAKE_COMMAND} -E touch ${source} ${resource}
     DEPENDS ${keys} ${PROJECT_SOURCE_DIR}/cmake/pins.cmake VERBATIM)
-  add_library(pins_test OBJECT ${source})
-  target_link_libraries(pins_test PRIVATE vx_options)
+  vx_pins_library(pins_test ${source})
 endfunction()
