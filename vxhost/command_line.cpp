@@ -38,6 +38,10 @@ std::string Joined(const std::vector<const CLI::App*>& commands) {
 
 }  // namespace
 
+std::wstring ModuleOptions::Path() const {
+  return dll.empty() ? DefaultModule() : FullPath(dll);
+}
+
 CommandLine::CommandLine() : app(kAbout, "vxhost") {
   app.footer(kFooter);
   app.set_version_flag("--version", kVersion);

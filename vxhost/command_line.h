@@ -23,6 +23,9 @@ struct ModuleOptions {
   std::string dll;
   bool privateStore = false;
   bool simulate = false;
+
+  // Full path of the module: the one beside this program unless --dll names another.
+  std::wstring Path() const;
 };
 
 // The subcommands, and the one that the command line names. One thread.

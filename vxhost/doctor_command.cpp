@@ -341,7 +341,7 @@ int Doctor(const CommandLine& line, Console& console) {
     simulated.emplace();
     scope.emplace([&](Platform::Machine& machine) { simulated->Install(machine); });
   }
-  const auto checks = Examine(options.dll.empty() ? DefaultModule() : FullPath(options.dll));
+  const auto checks = Examine(options.Path());
   if (line.Json()) {
     PrintJson(checks, console);
   } else {

@@ -117,9 +117,7 @@ int RunService(const ModuleOptions& module, const RunOptions& options, Console& 
   PipeOptions pipe;
   pipe.path = PipePath(Wide(options.name));
   for (const std::string& sid : options.allowed) pipe.allowed.push_back(Wide(sid));
-  HostLoop host({.module = module.dll.empty() ? DefaultModule() : FullPath(module.dll),
-                 .modernStandby = HasModernStandby()},
-                log);
+  HostLoop host({.module = module.Path(), .modernStandby = HasModernStandby()}, log);
   const PowerNotifications power(host);
   const PipeServer server(
       std::move(pipe),

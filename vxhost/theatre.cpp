@@ -63,7 +63,7 @@ class RealTheatre final : public Theatre {
           console.Log(line);
           recorder.Add(line);
         }),
-        module(options.dll.empty() ? DefaultModule() : FullPath(options.dll)),
+        module(options.Path()),
         session(module.NewService()),
         stage{.session = session,
               .newService = [this] { return module.NewService(); },

@@ -2,6 +2,7 @@
 
 #include <cstdio>
 #include <memory>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -9,6 +10,7 @@
 #include "launch/qubo_facade.h"
 #include "platform/windows_runtime_error.h"
 #include "security/file_trust.h"
+#include "vxhost/module_pins.h"
 #include "vxhost/text.h"
 
 namespace Vx::Host {
@@ -16,7 +18,7 @@ namespace Vx::Host {
 namespace {
 
 constexpr char kTrustFooter[] =
-    "The keys are those compiled into this vxhost. Lines with + are checks that the file passes, "
+    "The keys are those of the module, see --dll. Lines with + are checks that the file passes, "
     "lines\n"
     "with - checks that it fails. Exit code 0: trusted; 1: not.\n"
     "  vxhost trust \"C:\\Program Files\\Maker\\Tool.exe\"";
@@ -27,6 +29,11 @@ struct Options {
   std::string file;
   bool general = false;
 };
+
+void RefuseStores(const ModuleOptions& module, const char* command) {
+  if (!module.simulate && !module.privateStore) return;
+  throw std::runtime_error(std::string(command) + " uses no store and no simulated machine");
+}
 
 // {NAME: [TEXT, ...]}
 Json::WideDocument Texts(const wchar_t* name, const std::vector<std::string>& texts) {
@@ -40,10 +47,12 @@ Json::WideDocument Texts(const wchar_t* name, const std::vector<std::string>& te
   return result;
 }
 
-int Trust(const Options& options, Console& console) {
-  const auto keys =
-      options.general ? Tessel::Security::GeneralKeys() : Tessel::Security::RestrictedKeys();
-  const auto trust = Tessel::Security::JudgeFile(FullPathOfFile(options.file), keys);
+int Trust(const ModuleOptions& module, const Options& options, Console& console) {
+  RefuseStores(module, "trust");
+  const std::wstring file = FullPathOfFile(options.file);
+  const ModulePins pins(module.Path());
+  const auto keys = options.general ? pins.General() : pins.Restricted();
+  const auto trust = Tessel::Security::JudgeFile(file, keys);
   Json::WideDocument result(rapidjson::kObjectType);
   auto& allocator = result.GetAllocator();
   Json::WideValue checks(rapidjson::kArrayType);
@@ -98,12 +107,13 @@ int ExplainResume(Console& console) {
 
 void AddTrustCommands(CommandLine& line) {
   const auto options = std::make_shared<Options>();
-  CLI::App& trust =
-      line.Add("trust", "explain whether a file is trusted, step by step", kTrustFooter,
-               [options](Console& console) { return Trust(*options, console); });
+  CLI::App& trust = line.Add(
+      "trust", "explain whether a file is trusted, step by step", kTrustFooter,
+      [options, &line](Console& console) { return Trust(line.Module(), *options, console); });
   trust.add_option("file", options->file, "the file")->required();
   trust.add_flag("--general", options->general,
                  "check against the general keys instead of the restricted ones");
+  line.UseModule(trust);
   line.OfferJson(trust);
 
   CLI::App& pin =

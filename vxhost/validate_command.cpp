@@ -9,6 +9,7 @@
 #include "json/json_text.h"
 #include "platform/machine.h"
 #include "simulator/simulated_machine.h"
+#include "vxhost/module_pins.h"
 #include "vxhost/subscription_check.h"
 #include "vxhost/text.h"
 
@@ -73,44 +74,47 @@ std::string AsJson(const Outcome& outcome) {
   return Utf8(Json::JsonText(document));
 }
 
-Outcome Validate(const std::string& request) {
-  return {request, CheckSubscription(TextOrFile(request), Tessel::Security::RestrictedKeys())};
-}
-
 constexpr char kFooter[] =
     "Exit code 0: all can run here; 1: one would never run, and the lines with NEVER give the "
     "reasons.\n"
-    "With --simulate the machine is a simulated one, without packages.\n"
+    "The keys are those of the module, see --dll. With --simulate the machine is a simulated one,\n"
+    "without packages, and the keys those of the service that is built into vxhost.\n"
     "  vxhost validate @subscription.json";
+
+int Validate(const ModuleOptions& module, const std::vector<std::string>& requests,
+             Console& console) {
+  if (module.privateStore) throw std::runtime_error("validate uses no store");
+  std::optional<ModulePins> pins;
+  std::optional<Simulator::SimulatedMachine> simulated;
+  std::optional<Platform::MachineScope> scope;
+  if (module.simulate) {
+    if (!module.dll.empty()) throw std::runtime_error("--simulate does not use --dll");
+    simulated.emplace();
+    scope.emplace([&](Platform::Machine& machine) { simulated->Install(machine); });
+  } else {
+    pins.emplace(module.Path());
+  }
+  const auto keys = pins ? pins->Restricted() : Tessel::Security::RestrictedKeys();
+  int code = kDone;
+  for (const std::string& request : requests) {
+    const Outcome outcome{request, CheckSubscription(TextOrFile(request), keys)};
+    if (!outcome.check.Runs()) code = kNotMet;
+    if (console.WritesJson()) {
+      console.Lines(AsJson(outcome));
+    } else {
+      Print(outcome, requests.size() > 1, console);
+    }
+  }
+  return code;
+}
 
 }  // namespace
 
 void AddValidateCommand(CommandLine& line) {
   const auto requests = std::make_shared<std::vector<std::string>>();
-  CLI::App& command =
-      line.Add("validate", "check subscriptions before sending them", kFooter,
-               [requests, &line](Console& console) {
-                 if (line.Module().privateStore || !line.Module().dll.empty()) {
-                   throw std::runtime_error("validate uses no store and no module");
-                 }
-                 std::optional<Simulator::SimulatedMachine> simulated;
-                 std::optional<Platform::MachineScope> scope;
-                 if (line.Module().simulate) {
-                   simulated.emplace();
-                   scope.emplace([&](Platform::Machine& machine) { simulated->Install(machine); });
-                 }
-                 int code = kDone;
-                 for (const std::string& request : *requests) {
-                   const Outcome outcome = Validate(request);
-                   if (!outcome.check.Runs()) code = kNotMet;
-                   if (line.Json()) {
-                     console.Lines(AsJson(outcome));
-                   } else {
-                     Print(outcome, requests->size() > 1, console);
-                   }
-                 }
-                 return code;
-               });
+  CLI::App& command = line.Add(
+      "validate", "check subscriptions before sending them", kFooter,
+      [requests, &line](Console& console) { return Validate(line.Module(), *requests, console); });
   command.add_option("request", *requests, "a subscription's JSON, or @FILE; or several")
       ->required();
   line.OfferJson(command);

@@ -78,7 +78,7 @@ if [ "$(cat "$work/output")" != \
   cat "$work/output" "$work/errors"
   failures=$((failures + 1))
 fi
-expect 2 'only exec, scenario, events, service run, validate and doctor use it' --private-store store show
+expect 2 'service run, trust, validate and doctor use it' --private-store store show
 expect 2 'no event to send' events
 expect 2 '--seconds' --simulate events --power 7 --seconds -1
 expect 2 'there is no file' trust "$work/missing.exe"
