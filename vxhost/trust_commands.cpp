@@ -1,15 +1,20 @@
 #include "vxhost/trust_commands.h"
 
+#include <cstdint>
 #include <cstdio>
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "json/json_text.h"
 #include "launch/qubo_facade.h"
+#include "platform/clock.h"
+#include "platform/machine.h"
 #include "platform/windows_runtime_error.h"
 #include "security/file_trust.h"
+#include "vxhost/certificates.h"
 #include "vxhost/module_pins.h"
 #include "vxhost/text.h"
 
@@ -17,6 +22,11 @@ namespace Vx::Host {
 
 namespace {
 
+constexpr char kPinsFooter[] =
+    "Shows the SHA-256 of each key and, where the module's own signature or a --cert has a "
+    "certificate\n"
+    "of it, the subject and the days left.\n"
+    "  vxhost --dll OrvaneService.dll pins --cert Maker.cer";
 constexpr char kTrustFooter[] =
     "The keys are those of the module, see --dll. Lines with + are checks that the file passes, "
     "lines\n"
@@ -28,6 +38,7 @@ constexpr char kResumeFooter[] = "  vxhost explain-resume";
 struct Options {
   std::string file;
   bool general = false;
+  std::vector<std::string> certificates;
 };
 
 void RefuseStores(const ModuleOptions& module, const char* command) {
@@ -45,6 +56,71 @@ Json::WideDocument Texts(const wchar_t* name, const std::vector<std::string>& te
   }
   result.AddMember(Json::WideValue(name, allocator), list, allocator);
   return result;
+}
+
+// A set of keys, each with its certificate if one is at hand.
+struct ShownSet {
+  const wchar_t* name;
+  const char* meaningOfNone;
+  Tessel::Security::KeySet keys;
+};
+
+void PrintSet(const ShownSet& set, const std::vector<Certificate>& certificates, Console& console) {
+  const std::uint64_t now = Platform::CurrentMachine().clock->UtcFileTime();
+  console.Line(Utf8(set.name) + ": " +
+               (set.keys.empty() ? set.meaningOfNone : std::to_string(set.keys.size())));
+  for (const std::string_view key : set.keys) {
+    console.Line("  sha256 " + Fingerprint(key));
+    const Certificate* certificate = CertificateOf(certificates, key);
+    console.Line("    " + (certificate == nullptr ? "no certificate at hand"
+                                                  : Utf8(certificate->subject + L", until " +
+                                                         Lifetime(*certificate, now))));
+  }
+}
+
+Json::WideValue JsonOf(const ShownSet& set, const std::vector<Certificate>& certificates,
+                       Json::WidePool& pool) {
+  const std::uint64_t now = Platform::CurrentMachine().clock->UtcFileTime();
+  Json::WideValue rows(rapidjson::kArrayType);
+  for (const std::string_view key : set.keys) {
+    Json::WideValue row(rapidjson::kObjectType);
+    row.AddMember(L"fingerprint", Json::WideValue(Wide(Fingerprint(key)), pool), pool);
+    row.AddMember(L"key", Json::WideValue(Wide(key), pool), pool);
+    if (const Certificate* certificate = CertificateOf(certificates, key)) {
+      row.AddMember(L"subject", Json::WideValue(certificate->subject, pool), pool);
+      row.AddMember(L"until", Json::WideValue(EndDate(*certificate), pool), pool);
+      row.AddMember(L"daysLeft", DaysLeft(*certificate, now), pool);
+    }
+    rows.PushBack(row, pool);
+  }
+  return rows;
+}
+
+int Pins(const ModuleOptions& module, const Options& options, Console& console) {
+  RefuseStores(module, "pins");
+  const ModulePins pins(module.Path());
+  std::vector<Certificate> certificates = CertificatesIn(module.Path());
+  for (const std::string& file : options.certificates) {
+    const auto more = CertificatesIn(FullPathOfFile(file));
+    if (more.empty()) throw std::runtime_error(file + " holds no certificate and no signature");
+    certificates.insert(certificates.end(), more.begin(), more.end());
+  }
+  const ShownSet sets[] = {
+      {L"general", "none, so the lockdown library is not trusted", pins.General()},
+      {L"restricted", "none, so no program is started", pins.Restricted()}};
+  if (!console.WritesJson()) {
+    console.Note("The keys that " + Utf8(module.Path()) + " trusts");
+    for (const ShownSet& set : sets) PrintSet(set, certificates, console);
+    return kDone;
+  }
+  Json::WideDocument result(rapidjson::kObjectType);
+  auto& pool = result.GetAllocator();
+  result.AddMember(L"module", Json::WideValue(module.Path(), pool), pool);
+  for (const ShownSet& set : sets) {
+    result.AddMember(rapidjson::StringRef(set.name), JsonOf(set, certificates, pool), pool);
+  }
+  console.JsonResult(result);
+  return kDone;
 }
 
 int Trust(const ModuleOptions& module, const Options& options, Console& console) {
@@ -107,6 +183,13 @@ int ExplainResume(Console& console) {
 
 void AddTrustCommands(CommandLine& line) {
   const auto options = std::make_shared<Options>();
+  CLI::App& pins = line.Add(
+      "pins", "list the keys that a module trusts", kPinsFooter,
+      [options, &line](Console& console) { return Pins(line.Module(), *options, console); });
+  pins.add_option("--cert", options->certificates, "a certificate, or a file signed with it");
+  line.UseModule(pins);
+  line.OfferJson(pins);
+
   CLI::App& trust = line.Add(
       "trust", "explain whether a file is trusted, step by step", kTrustFooter,
       [options, &line](Console& console) { return Trust(line.Module(), *options, console); });

@@ -4,7 +4,7 @@
 
 namespace Vx::Host {
 
-// trust and pin.
+// pins, trust and pin.
 void AddTrustCommands(CommandLine& line);
 
 // explain-resume.

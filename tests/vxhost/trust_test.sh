@@ -36,4 +36,21 @@ expect 2 'cannot be read: it has no list of pinned keys; name another module' --
   trust pinned.exe
 expect 2 'trust uses no store' --simulate trust pinned.exe
 
+# A key with its fingerprint, and with its certificate from a file, a signature, or none.
+fingerprint=$(openssl rsa -in pinned.key -RSAPublicKey_out -outform DER 2> "$work/log" | sha256sum | cut -c 1-64)
+expect 0 "  sha256 $fingerprint" --dll "$module" pins
+expect 0 '    no certificate at hand' --dll "$module" pins
+for certificate in pinned.crt pinned.exe; do
+  expect 0 'Vx Test Pinned, until 2045-01-01, ' --dll "$module" pins --cert $certificate
+done
+grep -q ', [0-9]* days left$' "$work/output" || fail 'the days left are missing'
+# Of two certificates for one key the later one counts.
+expect 0 'Vx Test Pinned, until 2045' --dll "$module" pins --cert pinned.crt --cert expired.crt
+expect 0 ', until 2016-01-01, which is over' --dll "$module" pins --cert expired.crt
+expect 0 'restricted: none, so no program is started' --dll "$other" pins
+expect 2 'ca.cnf holds no certificate and no signature' --dll "$module" pins --cert ca.cnf
+expect 0 '"subject":"' --dll "$module" pins --cert expired.crt --json
+grep -qE "\"general\":\[.*\"fingerprint\":\"$fingerprint\",.*\"until\":\"2016-01-01\",\"daysLeft\":-[0-9]+\}" \
+  "$work/output" || fail 'pins --json lacks the key or its lifetime'
+
 exit $((failures > 0))

@@ -78,14 +78,14 @@ if [ "$(cat "$work/output")" != \
   cat "$work/output" "$work/errors"
   failures=$((failures + 1))
 fi
-expect 2 'service run, trust, validate and doctor use it' --private-store store show
+expect 2 'service run, pins, trust, validate and doctor use it' --private-store store show
 expect 2 'no event to send' events
 expect 2 '--seconds' --simulate events --power 7 --seconds -1
 expect 2 'there is no file' trust "$work/missing.exe"
 expect 1 'NEVER  powerEventType: power event 99 never occurs' validate '{"powerEventType":99,"eventAction":2,
   "commandParams":{"packageFamilyName":"a","appServiceName":"b","payload":{}}}'
 expect 1 'line 1, column 13: ' validate '{"a":"\udc00"}'
-for command in exec scenario events 'store show' subscriptions trust pin watch validate \
+for command in exec scenario events 'store show' subscriptions pins trust pin watch validate \
   explain-resume; do
   # shellcheck disable=SC2086
   expect 0 "Usage: vxhost $command" $command --help
