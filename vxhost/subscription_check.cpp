@@ -11,16 +11,20 @@
 #include "events/event_commands.h"
 #include "json/json_object.h"
 #include "json/json_text.h"
+#include "platform/clock.h"
 #include "platform/environment.h"
 #include "platform/files.h"
 #include "platform/machine.h"
 #include "platform/packages.h"
+#include "platform/trust_provider.h"
 #include "platform/windows_runtime_error.h"
 #include "security/authenticode_helper.h"
 #include "security/file_trust.h"
 #include "security/path_rules.h"
 #include "security/trusted_program.h"
 #include "service/dispatch.h"
+#include "vxhost/certificates.h"
+#include "vxhost/console.h"
 #include "vxhost/text.h"
 
 #include <windows.h>
@@ -37,7 +41,9 @@ using Tessel::Security::VxAuthenticodeHelper;
 
 constexpr std::size_t kShownLength = 60;
 constexpr std::uint32_t kSuspend = 4;
-constexpr auto kExpired = static_cast<std::int32_t>(0x800B0101);
+constexpr auto kChanged = static_cast<std::int32_t>(0x80096010);  // TRUST_E_BAD_DIGEST
+constexpr wchar_t kPinnedSignature[] =
+    L"a signature with a restricted key, as vxhost pins lists them";
 
 struct CodeMeaning {
   const char* kind;
@@ -443,7 +449,7 @@ class Checker {
       fault(L"a place below %windir%, %ProgramFiles%, %ProgramFiles(x86)% or a WindowsApps folder",
             L"lies outside the protected places");
     }
-    if (isFile) CheckSignatures(path, fault);
+    if (isFile) CheckSignatures(key, path, fault);
     if (sound) Good(key, L"the program is trusted here");
   }
 
@@ -464,13 +470,23 @@ class Checker {
   }
 
   template <typename Fault>
-  void CheckSignatures(const std::wstring& path, const Fault& fault) {
+  void CheckSignatures(const std::wstring& key, const std::wstring& path, const Fault& fault) {
     const FileTrust trust = Tessel::Security::JudgeFile(path, keys);
     std::vector<Tessel::Security::SignatureRecord> records = trust.catalogSignatures;
     records.insert(records.end(), trust.embeddedSignatures.begin(), trust.embeddedSignatures.end());
+    const std::vector<Certificate> certificates = CertificatesIn(path);
+    if (records.empty() && !certificates.empty()) {
+      const auto result = Platform::CurrentMachine().trustProvider->VerifyEmbedded(path, 0).result;
+      if (result == kChanged) {
+        fault(L"the file as it was signed", L"was changed after it was signed");
+      } else {
+        fault(kPinnedSignature,
+              L"carries a signature that Windows refuses: " + Wide(DescribeResult(result)));
+      }
+      return;
+    }
     if (records.empty()) {
-      fault(L"a signature with one of the restricted keys",
-            L"carries no signature that Windows can verify");
+      fault(kPinnedSignature, L"is not signed");
       return;
     }
     if (keys.empty()) {
@@ -478,19 +494,24 @@ class Checker {
       return;
     }
     std::wstring signers;
-    bool expired = false;
     for (const auto& record : records) {
       signers += (signers.empty() ? L"\"" : L", \"") + record.names.commonName + L"\"";
-      expired = expired || record.trust_result == kExpired;
     }
     if (!VxAuthenticodeHelper::IsTrustedByWindows(records)) {
       fault(L"a root that Windows trusts", L"Windows trusts no root of its signers " + signers);
     }
     if (!VxAuthenticodeHelper::IsKeyPinned(records, keys)) {
-      fault(L"a signature with one of the restricted keys",
-            L"is signed with another key, by " + signers);
-    } else if (expired) {
-      Hint(L"", signers, L"", L"the signature is past its certificate's time, which is accepted");
+      fault(kPinnedSignature, L"is signed with another key, by " + signers);
+      return;
+    }
+    const std::uint64_t now = Platform::CurrentMachine().clock->UtcFileTime();
+    for (const auto& record : records) {
+      const Certificate* certificate = CertificateOf(certificates, record.public_key);
+      if (certificate == nullptr || DaysLeft(*certificate, now) >= 0) continue;
+      Hint(key, L"\"" + record.names.commonName + L"\"",
+           L"a certificate for the same key that is still valid, or a time stamp",
+           L"is signed with a certificate that ended on " + EndDate(*certificate) +
+               L", which the module accepts");
     }
   }
 
