@@ -5,11 +5,13 @@
 #include <iostream>
 #include <iterator>
 #include <numeric>
+#include <span>
 #include <stdexcept>
 #include <utility>
 
 #include <windows.h>
 
+#include "json/text_decoding.h"
 #include "json/utf8.h"
 
 #include <rapidjson/error/en.h>
@@ -27,9 +29,10 @@ bool DrivesATerminal(wchar_t unit) {
          (unit >= 0x2066 && unit <= 0x2069) || unit == 0x061C || unit == 0x200E || unit == 0x200F;
 }
 
-std::wstring FromBytes(std::string bytes) {
-  if (bytes.rfind("\xEF\xBB\xBF", 0) == 0) bytes.erase(0, 3);
-  return Wide(bytes);
+// UTF-8 unless a byte-order mark says UTF-16, as Windows PowerShell writes.
+std::wstring FromBytes(const std::string& bytes) {
+  auto marked = Json::DecodeText(std::as_bytes(std::span(bytes)));
+  return marked ? *std::move(marked) : Wide(bytes);
 }
 
 // How many letters have to be inserted, removed or replaced to turn one text into the other.
@@ -71,8 +74,8 @@ std::string Printable(std::string_view text, LineBreaks breaks) {
 std::wstring ReadTextFile(const std::wstring& path) {
   std::ifstream file(path.c_str(), std::ios::binary);
   if (!file) throw std::runtime_error("cannot read " + Utf8(path));
-  std::string bytes((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
-  return FromBytes(std::move(bytes));
+  const std::string bytes((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
+  return FromBytes(bytes);
 }
 
 std::wstring OwnPath() {

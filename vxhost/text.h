@@ -19,7 +19,8 @@ std::wstring Wide(std::string_view text);
 enum class LineBreaks { Replace, Keep };
 std::string Printable(std::string_view text, LineBreaks breaks);
 
-// The content of a text file as UTF-16, without its byte-order mark. Throws std::runtime_error.
+// The content of a text file as UTF-16, without its byte-order mark. It is UTF-8 unless the mark
+// says UTF-16. Throws std::runtime_error.
 std::wstring ReadTextFile(const std::wstring& path);
 
 // The most characters of a path, its end included.

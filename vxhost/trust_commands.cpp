@@ -1,12 +1,17 @@
 #include "vxhost/trust_commands.h"
 
+#include <algorithm>
+#include <cstddef>
 #include <cstdint>
 #include <cstdio>
+#include <fstream>
 #include <memory>
 #include <stdexcept>
 #include <string>
 #include <string_view>
 #include <vector>
+
+#include <windows.h>
 
 #include "json/json_text.h"
 #include "launch/qubo_facade.h"
@@ -32,11 +37,16 @@ constexpr char kTrustFooter[] =
     "lines\n"
     "with - checks that it fails. Exit code 0: trusted; 1: not.\n"
     "  vxhost trust \"C:\\Program Files\\Maker\\Tool.exe\"";
-constexpr char kPinFooter[] = "  vxhost pin Signed.exe >> restricted.txt";
+constexpr char kPinFooter[] =
+    "With --append, each key that FILE lacks is added to it below a comment with the subject. "
+    "FILE\n"
+    "becomes UTF-8, as the build wants it, also where Windows PowerShell made it UTF-16.\n"
+    "  vxhost pin Signed.exe --append restricted.txt";
 constexpr char kResumeFooter[] = "  vxhost explain-resume";
 
 struct Options {
   std::string file;
+  std::string append;
   bool general = false;
   std::vector<std::string> certificates;
 };
@@ -151,14 +161,67 @@ int Trust(const ModuleOptions& module, const Options& options, Console& console)
   return trust.trusted ? kDone : kNotMet;
 }
 
+// Whether a line of a key file holds `key`, before a comment.
+bool HoldsKey(const std::string& text, std::string_view key) {
+  for (std::size_t start = 0; start < text.size();) {
+    const std::size_t end = std::min(text.find('\n', start), text.size());
+    std::string_view line(text.data() + start, end - start);
+    line = line.substr(0, line.find('#'));
+    line = line.substr(0, line.find_last_not_of(" \t\r") + 1);
+    if (line == key) return true;
+    start = end + 1;
+  }
+  return false;
+}
+
+// Replaces the content of the file in one step.
+void Replace(const std::wstring& path, const std::string& text) {
+  const std::wstring sibling = path + L".new";
+  std::ofstream file(sibling.c_str(), std::ios::binary);
+  file << text;
+  file.close();
+  if (!file.fail() && MoveFileExW(sibling.c_str(), path.c_str(),
+                                  MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH) != FALSE) {
+    return;
+  }
+  DeleteFileW(sibling.c_str());
+  throw std::runtime_error("cannot write " + Utf8(path));
+}
+
+// Returns the keys that the file did not have.
+std::vector<std::string> AppendKeys(const std::vector<std::string>& keys,
+                                    const std::vector<Certificate>& certificates,
+                                    const std::wstring& path) {
+  const bool exists = GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES;
+  std::string text = exists ? Utf8(ReadTextFile(path)) : std::string();
+  std::vector<std::string> added;
+  for (const std::string& key : keys) {
+    if (HoldsKey(text, key)) continue;
+    if (!text.empty() && text.back() != '\n') text += '\n';
+    const Certificate* certificate = CertificateOf(certificates, key);
+    const std::wstring subject =
+        certificate == nullptr ? L"subject not known" : certificate->subject;
+    text += "# " + Printable(Utf8(subject), LineBreaks::Replace) + "\n" + key + "\n";
+    added.push_back(key);
+  }
+  Replace(path, text);
+  return added;
+}
+
 int Pin(const Options& options, Console& console) {
-  const auto keys = Tessel::Security::PublicKeysOf(FullPathOfFile(options.file));
+  const std::wstring file = FullPathOfFile(options.file);
+  auto keys = Tessel::Security::PublicKeysOf(file);
+  const bool found = !keys.empty();
+  if (found && !options.append.empty()) {
+    keys = AppendKeys(keys, CertificatesIn(file), FullPath(options.append));
+    console.Note("keys added: " + std::to_string(keys.size()));
+  }
   if (console.WritesJson()) {
-    console.JsonResult(Texts(L"keys", {keys.begin(), keys.end()}));
-    return keys.empty() ? kNotMet : kDone;
+    console.JsonResult(Texts(L"keys", keys));
+    return found ? kDone : kNotMet;
   }
   for (const std::string& key : keys) console.Line(key);
-  if (!keys.empty()) return kDone;
+  if (found) return kDone;
   // Not on standard output, which users append to a file of pinned keys.
   std::fprintf(stderr, "vxhost: the file has no signature that Windows can read\n");
   return kNotMet;
@@ -203,6 +266,7 @@ void AddTrustCommands(CommandLine& line) {
       line.Add("pin", "print a signed file's public keys in the pinned form", kPinFooter,
                [options](Console& console) { return Pin(*options, console); });
   pin.add_option("file", options->file, "the file")->required();
+  pin.add_option("--append", options->append, "the file of pinned keys to add them to");
   line.OfferJson(pin);
 }
 

@@ -53,4 +53,19 @@ expect 0 '"subject":"' --dll "$module" pins --cert expired.crt --json
 grep -qE "\"general\":\[.*\"fingerprint\":\"$fingerprint\",.*\"until\":\"2016-01-01\",\"daysLeft\":-[0-9]+\}" \
   "$work/output" || fail 'pins --json lacks the key or its lifetime'
 
+# A file that PowerShell made is kept and becomes UTF-8, each key once, with its subject.
+list=$work/keys.txt
+printf '# B\303\274ro\r\n' | iconv -f UTF-8 -t UTF-16LE | { printf '\377\376'; cat; } > "$list"
+expect 0 'keys added: 1' pin pinned.exe --append "Z:$list"
+expect 0 'keys added: 0' pin pinned.exe --append "Z:$list"
+expect 0 'keys added: 1' pin dual.exe --append "Z:$list"
+expect 1 'has no signature that Windows can read' pin unsigned.exe --append "Z:$list"
+{
+  printf '# B\303\274ro\r\n'
+  echo '# C=DE, S=Test State, L=Testtown, O=Vx Test Makers, OU=Vx Test Unit, CN=Vx Test Pinned'
+  cat pinned_restricted.txt
+  echo '# C=DE, S=Test State, L=Testtown, O=Vx Test Makers, OU=Vx Test Unit, CN=Vx Test Unpinned'
+} | grep -v '^# Keys' > "$work/wanted"
+head -n -1 "$list" | tr -d '"' | diff "$work/wanted" - > "$work/output" || fail "the key file differs"
+
 exit $((failures > 0))
