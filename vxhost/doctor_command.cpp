@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <array>
 #include <cstdint>
+#include <filesystem>
+#include <fstream>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -12,9 +14,11 @@
 #include <windows.h>
 
 #include "bod/vx_bios_wmi.h"
+#include "json/json_object.h"
 #include "json/json_text.h"
 #include "launch/companion_apps.h"
 #include "launch/session_launch.h"
+#include "platform/clock.h"
 #include "platform/console_user.h"
 #include "platform/environment.h"
 #include "platform/files.h"
@@ -23,11 +27,16 @@
 #include "platform/processes.h"
 #include "platform/system_services.h"
 #include "platform/unique_handle.h"
+#include "platform/windows_runtime_error.h"
 #include "security/file_trust.h"
 #include "security/pinned_keys.h"
 #include "simulator/simulated_machine.h"
 #include "storage/cap_data_store.h"
 #include "storage/sealed_file.h"
+#include "vxhost/certificates.h"
+#include "vxhost/module_pins.h"
+#include "vxhost/service/host_loop.h"
+#include "vxhost/service/service_log.h"
 #include "vxhost/text.h"
 
 #include <rapidjson/prettywriter.h>
@@ -112,19 +121,53 @@ Check ModuleFile(const std::wstring& path) {
                L"install both from one package");
 }
 
+constexpr std::int64_t kDaysToRenew = 30;
+
 Check Signature(const char* what, const std::wstring& path) {
-  const bool isSigned = !Tessel::Security::PublicKeysOf(path).empty();
-  return Judge(what, isSigned, isSigned ? L"signed" : path + L" is not signed",
-               L"a signature that Windows can read", L"sign it before it is installed");
+  constexpr wchar_t kExpected[] = L"a signature whose certificate is valid for a month more";
+  const auto keys = Tessel::Security::PublicKeysOf(path);
+  if (keys.empty()) {
+    return Judge(what, false, path + L" has no signature that Windows can read", kExpected,
+                 L"sign it before it is installed");
+  }
+  const auto certificates = CertificatesIn(path);
+  const Certificate* certificate = CertificateOf(certificates, keys.front());
+  if (certificate == nullptr) return {.what = what, .found = L"signed by a catalog"};
+  const std::uint64_t now = Machine().clock->UtcFileTime();
+  return Judge(what, DaysLeft(*certificate, now) >= kDaysToRenew,
+               L"signed by " + certificate->subject + L", until " + Lifetime(*certificate, now),
+               kExpected, L"sign it anew: pin the new key as well if it is another one");
 }
 
-Check Pins() {
-  const std::size_t general = Tessel::Security::GeneralKeys().size();
-  const std::size_t restricted = Tessel::Security::RestrictedKeys().size();
-  return Judge("pinned keys", general != 0 && restricted != 0,
-               std::to_wstring(general) + L" general, " + std::to_wstring(restricted) +
-                   L" restricted (of this tool; the module's own are compiled into it)",
-               L"at least one of each", L"without keys nothing is trusted: build with the maker's");
+void Pins(const std::wstring& module, const std::optional<ModulePins>& pins,
+          std::vector<Check>& checks) {
+  constexpr wchar_t kAdvice[] = L"without keys nothing is trusted: build with the maker's";
+  if (!pins) {
+    checks.push_back(Judge("pinned keys", false, L"the module's file lists none",
+                           L"at least one of each set", kAdvice));
+    return;
+  }
+  const std::size_t general = pins->General().size();
+  const std::size_t restricted = pins->Restricted().size();
+  checks.push_back(
+      Judge("pinned keys", general != 0 && restricted != 0,
+            std::to_wstring(general) + L" general, " + std::to_wstring(restricted) + L" restricted",
+            L"at least one of each set", kAdvice));
+  const auto keys = Tessel::Security::PublicKeysOf(module);
+  if (keys.empty()) return;  // then the check of the signature is a finding
+  const auto isIn = [&](Tessel::Security::KeySet set) {
+    return std::ranges::any_of(
+        keys, [&](const std::string& key) { return std::ranges::find(set, key) != set.end(); });
+  };
+  const bool isRestricted = isIn(pins->Restricted());
+  const bool pinned = isRestricted || isIn(pins->General());
+  checks.push_back(Judge("module's key", pinned,
+                         !pinned        ? L"its signature's key is not among its pinned keys"
+                         : isRestricted ? L"its signature's key is a restricted one"
+                                        : L"its signature's key is a general one",
+                         L"a module that is signed with a key that it pins",
+                         L"compare vxhost pins with the maker's keys: another party may have "
+                         L"signed it, or it was built with other keys"));
 }
 
 // Whether ordinary users may change what an entry protects.
@@ -230,9 +273,9 @@ Check FirstRun() {
                L"complete", L"the service waits until Windows has finished its set-up");
 }
 
-Check Lockdown() {
+Check Lockdown(Tessel::Security::KeySet keys) {
   const std::wstring path = Expanded(L"%windir%\\System32\\wldp.dll");
-  const auto trust = Tessel::Security::JudgeFile(path, Tessel::Security::GeneralKeys());
+  const auto trust = Tessel::Security::JudgeFile(path, keys);
   return Judge("lockdown library", trust.trusted,
                path + (trust.trusted ? L", trusted" : L", not trusted"),
                L"a library that is signed with a general key",
@@ -272,23 +315,76 @@ Check Triggers() {
                L"this Windows raises no custom triggers: subscriptions with one only log a status");
 }
 
-std::vector<Check> Examine(const std::wstring& module) {
+// Counts the power events in the log of a service and returns the last record of one. Clients
+// choose other texts of a log, so only the service's own records count.
+struct PowerEvents {
+  std::size_t count = 0;
+  std::wstring last;  // "power event 18 at 2026-01-02T03:04:05.678Z"
+};
+
+void CountPowerEvents(const std::filesystem::path& path, PowerEvents& events) {
+  std::ifstream file(path, std::ios::binary);
+  for (std::string line; std::getline(file, line);) {
+    if (line.find(Utf8(kHostProvider)) == std::string::npos) continue;
+    try {
+      const auto record = Json::JsonObject::Parse(Wide(line));
+      const std::wstring message = record.GetNamedString(L"message");
+      if (record.GetNamedString(L"provider") != kHostProvider ||
+          message.rfind(kPowerForwarded, 0) != 0) {
+        continue;
+      }
+      ++events.count;
+      events.last = message + L" at " + record.GetNamedString(L"time");
+    } catch (const Platform::WindowsRuntimeError&) {
+      continue;  // not a record, such as the half line of a process that was killed
+    }
+  }
+}
+
+Check Power(const std::string& folder) {
+  if (folder.empty()) {
+    return {.what = "power events",
+            .found = L"not known: no log folder of a service is named with --log"};
+  }
+  std::vector<std::filesystem::path> files;
+  std::error_code error;
+  for (const auto& entry : std::filesystem::directory_iterator(FullPath(folder), error)) {
+    if (entry.path().extension() == L".log") files.push_back(entry.path());
+  }
+  if (error) throw std::runtime_error("cannot list " + folder + ": " + error.message());
+  std::ranges::sort(files);  // by day and number
+  PowerEvents events;
+  for (const auto& file : files) CountPowerEvents(file, events);
+  return Judge("power events", events.count != 0,
+               events.count == 0 ? L"none in " + std::to_wstring(files.size()) + L" log files"
+                                 : std::to_wstring(events.count) + L", the last " + events.last,
+               L"at least one", L"let the machine sleep and wake while the service runs");
+}
+
+std::vector<Check> Examine(const std::wstring& module, const std::string& logFolder) {
+  std::optional<ModulePins> pins;
+  try {
+    pins.emplace(module);
+  } catch (const std::runtime_error&) {
+    pins.reset();  // its check says so
+  }
   std::vector<Check> checks;
   checks.push_back(ModuleFile(module));
   checks.push_back(Signature("module's signature", module));
   checks.push_back(Signature("tool's signature", OwnPath()));
-  checks.push_back(Pins());
+  Pins(module, pins, checks);
   const std::wstring data = Expanded(L"%ProgramData%\\Vx");
   checks.push_back(Folder(data));
   checks.push_back(Mutex());
   checks.push_back(Store(data + L"\\SharedServices\\shared_store.dat"));
   ConsoleUser(checks);
   checks.push_back(FirstRun());
-  checks.push_back(Lockdown());
+  checks.push_back(Lockdown(pins ? pins->General() : Tessel::Security::KeySet()));
   for (const auto& app : {Orvane::kQubo, Orvane::kAurelo}) checks.push_back(Package(app));
   checks.push_back(Firmware());
   checks.push_back(SessionPart());
   checks.push_back(Triggers());
+  checks.push_back(Power(logFolder));
   return checks;
 }
 
@@ -332,7 +428,7 @@ void PrintJson(const std::vector<Check>& checks, Console& console) {
   console.Lines(Utf8(Json::JsonText(document)));
 }
 
-int Doctor(const CommandLine& line, Console& console) {
+int Doctor(const CommandLine& line, const std::string& logFolder, Console& console) {
   const ModuleOptions& options = line.Module();
   if (options.privateStore) throw std::runtime_error("doctor examines the store of the machine");
   std::optional<Simulator::SimulatedMachine> simulated;
@@ -341,7 +437,7 @@ int Doctor(const CommandLine& line, Console& console) {
     simulated.emplace();
     scope.emplace([&](Platform::Machine& machine) { simulated->Install(machine); });
   }
-  const auto checks = Examine(options.Path());
+  const auto checks = Examine(options.Path(), logFolder);
   if (line.Json()) {
     PrintJson(checks, console);
   } else {
@@ -360,8 +456,11 @@ constexpr char kFooter[] =
 }  // namespace
 
 void AddDoctorCommand(CommandLine& line) {
-  CLI::App& doctor = line.Add("doctor", "examine whether this machine has what the module needs",
-                              kFooter, [&line](Console& console) { return Doctor(line, console); });
+  const auto logFolder = std::make_shared<std::string>();
+  CLI::App& doctor =
+      line.Add("doctor", "examine whether this machine has what the module needs", kFooter,
+               [&line, logFolder](Console& console) { return Doctor(line, *logFolder, console); });
+  doctor.add_option("--log", *logFolder, "the log folder of a service that runs on this machine");
   line.UseModule(doctor);
   line.OfferJson(doctor);
 }

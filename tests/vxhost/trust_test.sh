@@ -68,4 +68,36 @@ expect 1 'has no signature that Windows can read' pin unsigned.exe --append "Z:$
 } | grep -v '^# Keys' > "$work/wanted"
 head -n -1 "$list" | tr -d '"' | diff "$work/wanted" - > "$work/output" || fail "the key file differs"
 
+# The doctor: the module's signature against its own keys, and how long it lasts.
+# signed NAME CERTIFICATE KEY: a copy of the module.
+signed() {
+  osslsigncode sign -certs "$2.crt" -key "$3.key" -h sha256 -in "$module" -out "$work/$1" > "$work/log" 2>&1
+}
+signed own.dll pinned pinned
+signed foreign.dll unpinned unpinned
+signed over.dll expired pinned
+expect 1 "+  module's key: its signature's key is a restricted one" --dll "Z:$work/own.dll" doctor
+expect 1 "+  module's signature: signed by " --dll "Z:$work/own.dll" doctor
+expect 1 "-  module's key: its signature's key is not among its pinned keys" --dll "Z:$work/foreign.dll" doctor
+expect 1 "-  module's signature: signed by " --dll "Z:$work/over.dll" doctor
+grep -qF ', until 2016-01-01, which is over' "$work/output" || fail 'the end of the certificate is missing'
+expect 1 '+  pinned keys: 2 general, 1 restricted' --dll "$module" doctor
+expect 1 '+  power events: not known' --dll "$module" doctor
+
+# Power events are those of the service's own records, not of a text that a client chose.
+mkdir "$work/log files"
+record() { # TIME PROVIDER MESSAGE
+  printf '{"time":"%s","level":"INFO","provider":"%s","caller":"","thread":1,"process":2,"message":"%s"}\n' "$@"
+}
+{
+  record 2026-01-01T00:00:00.000Z Vx-Host-Service 'the module is started: Vx-Host-Service'
+  record 2026-01-01T00:00:00.000Z Vx-Tessel-Service 'power event 4 Vx-Host-Service'
+  printf '{"time":"2026-01-01T00:00:00.000Z","provider":"Vx-Host-Service","messa\n'
+} > "$work/log files/vxhost-20260101-0001.log"
+expect 1 '-  power events: none in 1 log files' --dll "$module" doctor --log "Z:$work/log files"
+record 2026-01-02T00:00:00.000Z Vx-Host-Service 'power event 18' > "$work/log files/vxhost-20260102-0001.log"
+record 2026-01-01T00:00:00.000Z Vx-Host-Service 'power event 4' >> "$work/log files/vxhost-20260101-0001.log"
+expect 1 '+  power events: 2, the last power event 18 at 2026-01-02' --dll "$module" doctor --log "Z:$work/log files"
+expect 2 'cannot list' --dll "$module" doctor --log missing
+
 exit $((failures > 0))

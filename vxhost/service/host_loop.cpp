@@ -25,7 +25,6 @@ using Platform::CurrentMachine;
 constexpr wchar_t kStandbyEvent[] = L"{CE7DC567-F47B-4A07-8489-C9DEB372B88F}";
 
 constexpr wchar_t kRepeated[] = L"dropped, the other source has just reported it: power event ";
-constexpr wchar_t kPowerForwarded[] = L"power event ";
 constexpr wchar_t kSessionForwarded[] = L"session change ";
 constexpr wchar_t kNoStandbyEvent[] = L"the standby event cannot be used, error ";
 constexpr wchar_t kSetupOver[] = L"first-run set-up is complete";

@@ -13,6 +13,9 @@
 
 namespace Vx::Host {
 
+// The start of the log line of a power broadcast that goes to the module. The code follows.
+inline constexpr wchar_t kPowerForwarded[] = L"power event ";
+
 // Through which channel Windows reported a power broadcast.
 enum class PowerSource { ServiceControl, Notification };
 
