@@ -27,6 +27,10 @@ namespace Logging = Tessel::Server::Logging;
 // monitor of debug output that does not read holds up a line.
 constexpr std::chrono::seconds kPatience{30};
 
+// How long, in virtual time, the tasks that outlive a service may still wait: longer than any delay
+// of a subscription and any length in a scenario.
+constexpr std::chrono::hours kLongestTask{24 * 500};
+
 constexpr const wchar_t* kLevels[] = {L"INFO", L"WARNING", L"ERROR"};
 
 // A folder for the stored values of one run instead of the machine's, removed at the end.
@@ -186,7 +190,7 @@ class SimulatedTheatre final : public Theatre {
     machine.timeline.SetListener({});
     log.reset();
     session.reset();
-    machine.Drain();
+    machine.Drain(kLongestTask);
   }
 
   Stage& Open() override { return stage; }

@@ -59,6 +59,10 @@ expect 2 'a value is of the wrong type' --simulate scenario "$work/type.json"
 printf '{"steps": [' > "$work/broken.json"
 expect 2 'is not valid JSON: line 1, column 12: ' --simulate scenario "$work/broken.json"
 expect 2 'cannot read' --simulate scenario "$work/missing.json"
+# A worker may wait for longer than a day when the scenario ends.
+scenario long '{"install": {"family": "a", "fullName": "a_1", "user": "ann"}},
+  {"uninstall": {"family": "a", "user": "ann", "seconds": 100000}}'
+expect 0 'Everything that was expected happened.' --simulate scenario "$work/long.json"
 
 expect 0 'log INFO [vxhost]: Version number is' --dll "$module" --private-store exec 22
 expect 1 'no such command' --dll "$module" --private-store exec 99
