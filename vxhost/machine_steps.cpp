@@ -19,7 +19,6 @@ using Json::WideValue;
 using Simulator::SimulatedMachine;
 using std::chrono::seconds;
 
-constexpr wchar_t kAdvance[] = L"advance";
 constexpr std::chrono::seconds kUninstallLength{1};
 
 // The value of a step, and what it changes.
@@ -99,7 +98,6 @@ void SetAppServiceStatus(const Change& change) {
   for (const WideValue& status : change.value.GetArray()) {
     replies.emplace_back(status.GetInt(), L"");
   }
-  if (replies.empty()) throw std::runtime_error("\"appServiceStatus\" has no status");
   change.machine.appServices.SetReplies(replies, replies.back());
 }
 
@@ -120,7 +118,6 @@ void SetRegistry(const Change& change) {
 void ReplaceFirmware(const Change& change) {
   using Digits = Simulator::SimulatedFirmware::Digits;
   const int digits = change.value.GetInt();
-  if (digits != 6 && digits != 8) throw std::runtime_error("\"firmwareDigits\" is 6 or 8");
   change.machine.firmware.Replace(digits == 6 ? Digits::Six : Digits::Eight);
 }
 
@@ -154,29 +151,63 @@ void SleepFor(const Change& change) {
   change.machine.SleepFor(Length(change.value));
 }
 
+constexpr PartRule kRefusal[] = {{.key = L"call", .form = PartForm::SomeText, .required = true},
+                                 {.key = L"after", .form = PartForm::Count, .required = true}};
+constexpr PartRule kRegistryValue[] = {
+    {.key = L"key", .form = PartForm::SomeText, .required = true},
+    {.key = L"value", .form = PartForm::Text, .required = true},
+    {.key = L"text", .form = PartForm::Text}};
+constexpr PartRule kFirmwareFailure[] = {{.key = L"step", .form = PartForm::SomeText},
+                                         {.key = L"result", .form = PartForm::Hex},
+                                         {.key = L"after", .form = PartForm::Count}};
+constexpr PartRule kFile[] = {{.key = L"path", .form = PartForm::SomeText, .required = true},
+                              {.key = L"text", .form = PartForm::Text, .required = true}};
+constexpr PartRule kInstallation[] = {
+    {.key = L"family", .form = PartForm::SomeText, .required = true},
+    {.key = L"fullName", .form = PartForm::SomeText, .required = true},
+    {.key = L"user", .form = PartForm::SomeText}};
+constexpr PartRule kRemoval[] = {{.key = L"family", .form = PartForm::SomeText, .required = true},
+                                 {.key = L"user", .form = PartForm::SomeText, .required = true},
+                                 {.key = L"seconds", .form = PartForm::Seconds}};
+
+constexpr PartRule Rule(const wchar_t* key, PartForm form) {
+  return {.key = key, .form = form, .needs = PartNeeds::SimulatedMachine};
+}
+
+template <std::size_t Count>
+constexpr PartRule Rule(const wchar_t* key, PartForm form, const PartRule (&members)[Count]) {
+  return {.key = key,
+          .form = form,
+          .members = members,
+          .memberCount = Count,
+          .needs = PartNeeds::SimulatedMachine};
+}
+
+constexpr PartRule kAdvance = Rule(L"advance", PartForm::Seconds);
+
 // In the order in which the changes of one step are made.
 constexpr struct {
-  const wchar_t* key;
-  void (*make)(const Change&);
+  PartRule rule;
+  void (*make)(const Change&) = nullptr;
 } kChanges[] = {
-    {L"refuse", &Refuse},
-    {L"asleep", &SleepFor},
-    {L"oobeEndsAfter", &EndOobe},
-    {L"oobeKnown", &SetOobeKnown},
-    {L"missingApiSet", &RemoveApiSet},
-    {L"registry", &SetRegistry},
-    {L"firmwareDigits", &ReplaceFirmware},
-    {L"warrantyBlock", &SetWarrantyBlock},
-    {L"firmwareFails", &FailFirmware},
-    {L"file", &AddFile},
-    {L"lockdownMode", &SetLockdownMode},
-    {L"appServiceStatus", &SetAppServiceStatus},
-    {L"triggerStatus", &SetTriggerStatus},
-    {L"logOff", &LogOff},
-    {L"noConsole", &DetachConsole},
-    {L"logOn", &LogOn},
-    {L"install", &Install},
-    {L"uninstall", &Uninstall},
+    {Rule(L"refuse", PartForm::TextOrObject, kRefusal), &Refuse},
+    {Rule(L"asleep", PartForm::Seconds), &SleepFor},
+    {Rule(L"oobeEndsAfter", PartForm::Seconds), &EndOobe},
+    {Rule(L"oobeKnown", PartForm::Boolean), &SetOobeKnown},
+    {Rule(L"missingApiSet", PartForm::SomeText), &RemoveApiSet},
+    {Rule(L"registry", PartForm::Object, kRegistryValue), &SetRegistry},
+    {Rule(L"firmwareDigits", PartForm::Digits), &ReplaceFirmware},
+    {Rule(L"warrantyBlock", PartForm::Text), &SetWarrantyBlock},
+    {Rule(L"firmwareFails", PartForm::Object, kFirmwareFailure), &FailFirmware},
+    {Rule(L"file", PartForm::Object, kFile), &AddFile},
+    {Rule(L"lockdownMode", PartForm::Number), &SetLockdownMode},
+    {Rule(L"appServiceStatus", PartForm::Numbers), &SetAppServiceStatus},
+    {Rule(L"triggerStatus", PartForm::Count), &SetTriggerStatus},
+    {Rule(L"logOff", PartForm::True), &LogOff},
+    {Rule(L"noConsole", PartForm::True), &DetachConsole},
+    {Rule(L"logOn", PartForm::SomeText), &LogOn},
+    {Rule(L"install", PartForm::Object, kInstallation), &Install},
+    {Rule(L"uninstall", PartForm::Object, kRemoval), &Uninstall},
 };
 
 }  // namespace
@@ -192,20 +223,28 @@ const WideValue& Member(const WideValue& object, const wchar_t* key) {
   return *member;
 }
 
-bool IsMachineStep(const std::wstring& key) {
-  return key == kAdvance || std::any_of(std::begin(kChanges), std::end(kChanges),
-                                        [&key](const auto& change) { return key == change.key; });
+const PartRule* FindMachineRule(const std::wstring& key) {
+  if (key == kAdvance.key) return &kAdvance;
+  const auto* found = std::find_if(std::begin(kChanges), std::end(kChanges),
+                                   [&key](const auto& change) { return key == change.rule.key; });
+  return found == std::end(kChanges) ? nullptr : &found->rule;
+}
+
+std::vector<std::string> MachineKeys() {
+  std::vector<std::string> keys = {Utf8(kAdvance.key)};
+  for (const auto& change : kChanges) keys.push_back(Utf8(change.rule.key));
+  return keys;
 }
 
 void ChangeMachine(const WideValue& step, const Expander& expand, SimulatedMachine& machine) {
   for (const auto& change : kChanges) {
-    const auto found = step.FindMember(change.key);
+    const auto found = step.FindMember(change.rule.key);
     if (found != step.MemberEnd()) change.make({found->value, expand, machine});
   }
 }
 
 void PassTime(const WideValue& step, SimulatedMachine& machine) {
-  const auto found = step.FindMember(kAdvance);
+  const auto found = step.FindMember(kAdvance.key);
   if (found != step.MemberEnd()) machine.clock.Advance(Length(found->value));
   machine.clock.Settle();
 }

@@ -2,9 +2,11 @@
 
 #include <functional>
 #include <string>
+#include <vector>
 
 #include "json/json_text.h"
 #include "simulator/simulated_machine.h"
+#include "vxhost/scenario_rules.h"
 
 namespace Vx::Host {
 
@@ -17,8 +19,12 @@ const Json::WideValue* Find(const Json::WideValue& object, const wchar_t* key);
 // The same, for a required member. Throws std::runtime_error when it is absent.
 const Json::WideValue& Member(const Json::WideValue& object, const wchar_t* key);
 
-// Whether `key` is a part that changes the simulated machine.
-bool IsMachineStep(const std::wstring& key);
+// The rule of a part that changes the simulated machine or lets its time pass. Null when `key` is
+// none.
+const PartRule* FindMachineRule(const std::wstring& key);
+
+// The keys of all of them.
+std::vector<std::string> MachineKeys();
 
 // Changes the machine as the step asks (docs/vxhost.md lists the parts), except for its time.
 // Throws std::runtime_error.

@@ -5,7 +5,6 @@
 #include <cstdint>
 #include <cwchar>
 #include <iterator>
-#include <map>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -24,8 +23,8 @@ namespace Vx::Host {
 
 namespace {
 
-std::map<std::wstring, std::wstring> Definitions(const std::vector<std::string>& arguments) {
-  std::map<std::wstring, std::wstring> definitions;
+Definitions DefinitionsOf(const std::vector<std::string>& arguments) {
+  Definitions definitions;
   for (const std::string& argument : arguments) {
     const std::size_t equals = argument.find('=');
     if (equals == std::string::npos) throw std::runtime_error("--define needs NAME=VALUE");
@@ -95,13 +94,24 @@ struct ScenarioOptions {
   std::vector<std::string> definitions;
 };
 
-int Scenario(const ModuleOptions& module, const ScenarioOptions& options, Console& console) {
-  const auto definitions = Definitions(options.definitions);
-  bool met = true;
+int PlayScenarios(const ModuleOptions& module, const ScenarioOptions& options, Console& console) {
+  const auto definitions = DefinitionsOf(options.definitions);
+  const StageKind where = module.simulate ? StageKind::Simulated : StageKind::Real;
+  std::vector<Scenario> scenarios;  // all are read before the first is played
+  std::string faults;
   for (const std::string& file : options.scenarios) {
-    if (options.scenarios.size() > 1) console.Lines("\n==== " + file);
+    try {
+      scenarios.emplace_back(FullPath(file), definitions, where);
+    } catch (const std::runtime_error& error) {
+      faults += (faults.empty() ? "" : "\n") + std::string(error.what());
+    }
+  }
+  if (!faults.empty()) throw std::runtime_error(faults);
+  bool met = true;
+  for (std::size_t i = 0; i < scenarios.size(); ++i) {
+    if (scenarios.size() > 1) console.Lines("\n==== " + options.scenarios[i]);
     const auto theatre = MakeTheatre(module, console);
-    met = PlayScenario(FullPath(file), definitions, theatre->Open()) && met;
+    met = scenarios[i].Play(theatre->Open()) && met;
   }
   console.Lines(met ? "\nEverything that was expected happened."
                     : "\nNot everything that was expected happened: see the lines with !!");
@@ -168,9 +178,10 @@ void AddExec(CommandLine& line) {
 
 void AddScenario(CommandLine& line) {
   const auto options = std::make_shared<ScenarioOptions>();
-  CLI::App& scenario = line.Add(
-      "scenario", "play a scenario and check what it expects", kScenarioFooter,
-      [&line, options](Console& console) { return Scenario(line.Module(), *options, console); });
+  CLI::App& scenario = line.Add("scenario", "play a scenario and check what it expects",
+                                kScenarioFooter, [&line, options](Console& console) {
+                                  return PlayScenarios(line.Module(), *options, console);
+                                });
   scenario.add_option("file", options->scenarios, "the scenario; each of several is played anew")
       ->required();
   scenario.add_option("--define", options->definitions, "NAME=VALUE for ${NAME} in it");

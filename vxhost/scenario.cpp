@@ -18,6 +18,7 @@
 #include "storage/cap_data_store.h"
 #include "storage/service_document.h"
 #include "vxhost/machine_steps.h"
+#include "vxhost/scenario_check.h"
 #include "vxhost/services_mutex.h"
 #include "vxhost/store_commands.h"
 #include "vxhost/text.h"
@@ -33,13 +34,6 @@ using Tessel::Server::Storage::CapDataStore;
 
 constexpr int kDefaultWait = 10;  // seconds
 constexpr wchar_t kCaller[] = L"vxhost";
-
-// The parts of a step, without those of machine_steps.h.
-constexpr const wchar_t* kParts[] = {
-    L"say",     L"start", L"restart", L"end", L"store",     L"exec",    L"request",   L"power",
-    L"session", L"copy",  L"remove",  L"run", L"arguments", L"waitFor", L"showStore", L"expect"};
-constexpr const wchar_t* kExpectations[] = {L"code",  L"answer",  L"log",   L"seconds",
-                                            L"event", L"noEvent", L"stored"};
 
 // A program that runs until the scenario ends.
 class Helper {
@@ -88,8 +82,7 @@ std::wstring ReadIfThere(const std::wstring& path) {
 
 class Player {
  public:
-  Player(const std::map<std::wstring, std::wstring>& names, Stage& where)
-      : definitions(names), stage(where) {}
+  Player(const Definitions& names, Stage& where) : definitions(names), stage(where) {}
 
   bool Play(const WideValue& steps) {
     int number = 0;
@@ -98,9 +91,6 @@ class Player {
       stage.log.Clear();
       try {
         Step(step);
-      } catch (const Json::Misuse&) {
-        throw std::runtime_error("step " + std::to_string(number) +
-                                 ": a value is of the wrong type");
       } catch (const std::runtime_error& error) {
         throw std::runtime_error("step " + std::to_string(number) + ": " + error.what());
       }
@@ -109,31 +99,7 @@ class Player {
   }
 
  private:
-  // An unknown part is a typing error, which must not count as an expectation met.
-  static void RequireKnownExpectations(const WideValue& expect) {
-    for (auto part = expect.MemberBegin(); part != expect.MemberEnd(); ++part) {
-      const std::wstring key = part->name.GetString();
-      if (std::find(std::begin(kExpectations), std::end(kExpectations), key) ==
-          std::end(kExpectations)) {
-        throw std::runtime_error("unknown expectation: " + Utf8(key));
-      }
-    }
-  }
-
-  void RequireKnownParts(const WideValue& step) const {
-    for (auto part = step.MemberBegin(); part != step.MemberEnd(); ++part) {
-      const std::wstring key = part->name.GetString();
-      if (key == L"expect") RequireKnownExpectations(part->value);
-      if (std::find(std::begin(kParts), std::end(kParts), key) != std::end(kParts)) continue;
-      if (!IsMachineStep(key)) throw std::runtime_error("unknown part of a step: " + Utf8(key));
-      if (stage.machine == nullptr) {
-        throw std::runtime_error("\"" + Utf8(key) + "\" needs a simulated machine: --simulate");
-      }
-    }
-  }
-
   void Step(const WideValue& step) {
-    RequireKnownParts(step);
     if (const auto* text = Find(step, L"say")) stage.console.Heading(Utf8(Expand(*text)));
     if (stage.machine != nullptr) {
       const auto expand = [this](const WideValue& value) { return Expand(value); };
@@ -215,18 +181,12 @@ class Player {
 
   // A text unchanged, any other value as JSON. Definitions are expanded in both.
   std::wstring Expand(const WideValue& value) const {
-    const bool text = value.IsString();
-    std::wstring result =
-        text ? std::wstring(value.GetString(), value.GetStringLength()) : Json::JsonText(value);
-    for (const auto& [name, content] : definitions) {
-      const std::wstring marker = L"${" + name + L"}";
-      const std::wstring inserted = text ? content : Escaped(content);
-      for (std::size_t at = result.find(marker); at != std::wstring::npos;
-           at = result.find(marker, at + inserted.size())) {
-        result.replace(at, marker.size(), inserted);
-      }
+    if (value.IsString()) {
+      return Expanded(std::wstring(value.GetString(), value.GetStringLength()), definitions);
     }
-    return result;
+    Definitions escaped;
+    for (const auto& [name, content] : definitions) escaped[name] = Escaped(content);
+    return Expanded(Json::JsonText(value), escaped);
   }
 
   static std::wstring Escaped(const std::wstring& text) {
@@ -322,7 +282,7 @@ class Player {
     stage.console.Failure(expectation);
   }
 
-  const std::map<std::wstring, std::wstring>& definitions;
+  const Definitions& definitions;
   Stage& stage;
   std::vector<std::unique_ptr<Helper>> helpers;
   bool succeeded = true;
@@ -363,19 +323,23 @@ bool LogRecorder::WaitFor(const std::wstring& text, int seconds) const {
   });
 }
 
-bool PlayScenario(const std::wstring& path, const std::map<std::wstring, std::wstring>& definitions,
-                  Stage& stage) {
-  Json::WideDocument document;
+Scenario::Scenario(const std::wstring& path, Definitions names, StageKind where)
+    : definitions(std::move(names)) {
   const std::wstring text = ReadTextFile(path);
   Json::ParseFault fault;
   if (!Json::ParseJson(document, text, Json::kMaxNesting, &fault)) {
     throw std::runtime_error(Utf8(path) + " is not valid JSON: " + FaultText(text, fault));
   }
-  const auto* steps = document.IsObject() ? Find(document, L"steps") : nullptr;
-  if (steps == nullptr || !steps->IsArray()) {
-    throw std::runtime_error(Utf8(path) + " has no \"steps\"");
-  }
-  return Player(definitions, stage).Play(*steps);
+  const std::vector<std::string> faults =
+      FaultsOf(document, LineIndex(document, text), definitions, where);
+  if (faults.empty()) return;
+  std::string list = Utf8(path) + " cannot be played:";
+  for (const std::string& one : faults) list += "\n  " + one;
+  throw std::runtime_error(list);
+}
+
+bool Scenario::Play(Stage& stage) const {
+  return Player(definitions, stage).Play(*Find(document, L"steps"));
 }
 
 }  // namespace Vx::Host

@@ -1,13 +1,14 @@
 #pragma once
 
 #include <functional>
-#include <map>
 #include <mutex>
 #include <string>
 #include <vector>
 
+#include "json/json_text.h"
 #include "vxhost/console.h"
 #include "vxhost/loaded_module.h"
+#include "vxhost/scenario_check.h"
 
 namespace Vx::Simulator {
 class SimulatedMachine;
@@ -46,11 +47,20 @@ struct Stage {
   std::function<void()> showRepeated;    // prints the log lines that were only counted
 };
 
-// Plays a scenario: a JSON document {"steps": [...]}, whose parts docs/vxhost.md describes. In
-// every text ${NAME} stands for a definition. Returns whether every expectation was met. Steps
-// after one that was not are still played. Throws std::runtime_error, without playing a step, when
-// the file is not a scenario.
-bool PlayScenario(const std::wstring& path, const std::map<std::wstring, std::wstring>& definitions,
-                  Stage& stage);
+// A scenario: a JSON document {"steps": [...]}, whose parts docs/vxhost.md describes.
+class Scenario {
+ public:
+  // Reads and checks the file. Throws std::runtime_error, whose text lists every fault with its
+  // line, when it cannot be played as it is.
+  Scenario(const std::wstring& path, Definitions definitions, StageKind where);
+
+  // Plays every step, also after one whose expectation was not met. Returns whether all were met.
+  // Throws std::runtime_error when a step cannot be carried out.
+  bool Play(Stage& stage) const;
+
+ private:
+  Json::WideDocument document;
+  Definitions definitions;
+};
 
 }  // namespace Vx::Host

@@ -46,16 +46,6 @@ for unmet in code answer log event noEvent stored; do
   expect 1 '!! ' --simulate scenario "$work/$unmet.json"
 done
 
-scenario slip '{"exce": 22}'
-expect 2 'step 1: unknown part of a step: exce' --simulate scenario "$work/slip.json"
-expect 2 '"logOn" needs a simulated machine' --dll "$module" --private-store \
-  scenario "$work/event.json"
-scenario expectation '{"exec": 22, "expect": {"lgo": "x"}}'
-expect 2 'unknown expectation: lgo' --simulate scenario "$work/expectation.json"
-scenario member '{"copy": {"from": "a"}}'
-expect 2 'step 1: a step lacks "to"' --simulate scenario "$work/member.json"
-scenario type '{"advance": "a while"}'
-expect 2 'a value is of the wrong type' --simulate scenario "$work/type.json"
 printf '{"steps": [' > "$work/broken.json"
 expect 2 'is not valid JSON: line 1, column 12: ' --simulate scenario "$work/broken.json"
 expect 2 'cannot read' --simulate scenario "$work/missing.json"

@@ -1,0 +1,42 @@
+#pragma once
+
+#include <cstddef>
+#include <map>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "json/json_text.h"
+
+namespace Vx::Host {
+
+// The line on which each value of a JSON text begins.
+class LineIndex {
+ public:
+  // `document` is what ParseJson made of `text`. It must live, unchanged, as long as this object.
+  LineIndex(const Json::WideDocument& document, const std::wstring& text);
+
+  std::size_t LineOf(const Json::WideValue& value) const;
+
+ private:
+  std::unordered_map<const Json::WideValue*, std::size_t> lines;
+};
+
+// NAME in ${NAME}, and what stands for it.
+using Definitions = std::map<std::wstring, std::wstring>;
+
+// `text` with a definition in place of each ${NAME}. The name of the first one that is not defined
+// goes into `unknown`, if that is not null. An inserted text is not expanded again.
+std::wstring Expanded(const std::wstring& text, const Definitions& definitions,
+                      std::wstring* unknown = nullptr);
+
+// Where a scenario is to be played.
+enum class StageKind { Real, Simulated };
+
+// Every fault of a scenario, in order, as "line 4, step 2, \"expect.code\": ...": unknown parts,
+// values of the wrong kind, names without a definition, and claims that the player could not check.
+// Empty for a scenario that can be played.
+std::vector<std::string> FaultsOf(const Json::WideDocument& scenario, const LineIndex& lines,
+                                  const Definitions& definitions, StageKind where);
+
+}  // namespace Vx::Host
