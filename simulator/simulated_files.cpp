@@ -96,9 +96,17 @@ Platform::ErrorCode SimulatedFiles::Remove(const std::wstring& path) {
 }
 
 Result<Platform::UniqueHandle> SimulatedFiles::OpenReadLocked(const std::wstring& path) const {
-  if (!Holds(path)) return RealFiles().OpenReadLocked(path);
-  return Platform::WindowsMachine().kernelObjects->MakeManualEvent(
-      {});  // any handle that can be closed
+  const bool ours = Holds(path);
+  auto opened = ours ? Platform::WindowsMachine().kernelObjects->MakeManualEvent(
+                           {})  // any handle that can be closed
+                     : RealFiles().OpenReadLocked(path);
+  const std::lock_guard guard(mutex);
+  if (opened && ours) {
+    locked[opened->get()] = path;
+  } else if (opened) {
+    locked.erase(opened->get());  // a known value belonged to a handle that was closed
+  }
+  return opened;
 }
 
 Result<std::vector<std::byte>> SimulatedFiles::Sha256(const std::wstring& path) const {
@@ -110,10 +118,16 @@ Result<std::wstring> SimulatedFiles::FullPath(const std::wstring& path) const {
 }
 
 Result<std::wstring> SimulatedFiles::FinalPath(const std::wstring& path) const {
+  if (Holds(path)) return path;
   return RealFiles().FinalPath(path);
 }
 
 Result<std::wstring> SimulatedFiles::FinalPathOf(Platform::RawHandle file) const {
+  {
+    const std::lock_guard guard(mutex);
+    const auto found = locked.find(file);
+    if (found != locked.end()) return found->second;
+  }
   return RealFiles().FinalPathOf(file);
 }
 

@@ -48,6 +48,7 @@ class SimulatedFiles : public Platform::Files {
 
   mutable std::mutex mutex;
   std::map<std::wstring, std::vector<std::byte>> contents;
+  mutable std::map<Platform::RawHandle, std::wstring> locked;  // to the path
 };
 
 }  // namespace Vx::Simulator

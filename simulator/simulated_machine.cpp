@@ -25,10 +25,28 @@ void SimulatedMachine::Install(Platform::Machine& platform) {
 }
 
 void SimulatedMachine::SleepFor(VirtualClock::Duration length) {
-  timeline.Add(L"the machine sleeps for " +
-               std::to_wstring(std::chrono::duration_cast<std::chrono::seconds>(length).count()) +
-               L" s");
+  timeline.Add(L"the machine sleeps for " + FormatMoment(length) + L" s");
   clock.JumpTicks(length);
+}
+
+void SimulatedMachine::InstallSealed(Platform::Machine& platform) {
+  platform.kernelObjects = &kernelObjects;
+  platform.trustProvider = &trust;
+  Install(platform);
+}
+
+void SimulatedMachine::SetStandby(bool entered) {
+  // Before the signal, on which workers act at once.
+  timeline.Add(entered ? L"the machine enters Modern Standby"
+                       : L"the machine leaves Modern Standby");
+  kernelObjects.SetStandby(entered);
+}
+
+void SimulatedMachine::Sign(const std::wstring& path, const SimulatedSignature& signature) {
+  if (!files.Holds(path)) files.Add(path, {});
+  trust.Sign(path, signature);
+  timeline.Add(path + L" is signed with " +
+               (signature.key.empty() ? L"a pinned key" : L"the key of " + signature.key));
 }
 
 bool SimulatedMachine::Drain(VirtualClock::Duration limit) {

@@ -9,10 +9,12 @@
 #include "simulator/simulated_app_services.h"
 #include "simulator/simulated_files.h"
 #include "simulator/simulated_firmware.h"
+#include "simulator/simulated_kernel_objects.h"
 #include "simulator/simulated_packages.h"
 #include "simulator/simulated_processes.h"
 #include "simulator/simulated_registry.h"
 #include "simulator/simulated_system.h"
+#include "simulator/simulated_trust.h"
 #include "simulator/simulated_users.h"
 #include "simulator/timeline.h"
 #include "simulator/virtual_clock.h"
@@ -37,6 +39,15 @@ class SimulatedMachine {
   // Replaces the capabilities of `platform` with those of this machine, decorated by `faults`.
   void Install(Platform::Machine& platform);
 
+  // The same for a machine that shares neither named events nor signatures with the real one.
+  void InstallSealed(Platform::Machine& platform);
+
+  // Enters or leaves Modern Standby, for the code under InstallSealed.
+  void SetStandby(bool entered);
+
+  // Signs a file, which is added to the files in memory if it is not there.
+  void Sign(const std::wstring& path, const SimulatedSignature& signature);
+
   // Sleeps and wakes: time passes, but not for waits.
   void SleepFor(VirtualClock::Duration length);
 
@@ -52,6 +63,8 @@ class SimulatedMachine {
   SimulatedAppServices appServices{timeline};
   SimulatedRegistry registry;
   SimulatedFiles files;
+  SimulatedTrust trust{files};
+  SimulatedKernelObjects kernelObjects;
   SimulatedFirmware firmware;
   FaultInjection faults;
 };

@@ -6,7 +6,7 @@ namespace Vx::Simulator {
 
 void Timeline::Add(std::wstring text) {
   const std::lock_guard guard(mutex);
-  entries.push_back({clock.Elapsed(), std::move(text)});
+  entries.push_back({clock.Moment(), std::move(text)});
   if (listener) listener(entries.back());
 }
 

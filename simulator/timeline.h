@@ -13,7 +13,7 @@ namespace Vx::Simulator {
 class Timeline {
  public:
   struct Entry {
-    VirtualClock::Duration at{};  // since the clock was constructed
+    VirtualClock::Duration at{};  // VirtualClock::Moment
     std::wstring text;
   };
   using Listener = std::function<void(const Entry&)>;

@@ -135,6 +135,7 @@ void VirtualClock::Settle() {
 
 void VirtualClock::JumpTicks(Duration asleep) {
   const std::lock_guard guard(mutex);
+  slept += asleep;
   tickBase += Count(asleep);
   utcBase += Count(asleep) * kFileTimePerMillisecond;
 }
@@ -157,6 +158,11 @@ void VirtualClock::SetPatience(Duration limit) {
 Duration VirtualClock::Elapsed() const {
   const std::lock_guard guard(mutex);
   return now;
+}
+
+Duration VirtualClock::Moment() const {
+  const std::lock_guard guard(mutex);
+  return now + slept;
 }
 
 std::size_t VirtualClock::Workers() const {

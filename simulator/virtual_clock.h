@@ -68,6 +68,9 @@ class VirtualClock final : public Platform::Clock {
   // Time advanced since the clock was constructed, without sleep of the machine.
   Duration Elapsed() const;
 
+  // The same with its sleep: what a clock on the wall shows.
+  Duration Moment() const;
+
   // Threads that have been started and have not ended.
   std::size_t Workers() const;
 
@@ -137,6 +140,7 @@ class VirtualClock final : public Platform::Clock {
   mutable std::mutex mutex;  // guards all below
   std::condition_variable changed;
   Duration now{};
+  Duration slept{};
   Duration patience{std::chrono::seconds(10)};
   std::uint64_t tickBase;
   std::uint64_t utcBase;

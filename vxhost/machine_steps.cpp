@@ -20,6 +20,7 @@ using Simulator::SimulatedMachine;
 using std::chrono::seconds;
 
 constexpr std::chrono::seconds kUninstallLength{1};
+constexpr wchar_t kPolicyKey[] = L"SOFTWARE\\Policies\\Vx\\Consent";
 
 // The value of a step, and what it changes.
 struct Change {
@@ -151,6 +152,37 @@ void SleepFor(const Change& change) {
   change.machine.SleepFor(Length(change.value));
 }
 
+void SetStandby(const Change& change) {
+  change.machine.SetStandby(change.value.GetBool());
+}
+
+// Takes a path, or a path and how the signature differs from a good one of a pinned key.
+void Sign(const Change& change) {
+  if (change.value.IsString()) {
+    change.machine.Sign(change.expand(change.value), {});
+    return;
+  }
+  Simulator::SimulatedSignature signature;
+  if (change.Find(L"key") != nullptr) signature.key = change.Text(L"key");
+  if (change.Find(L"result") != nullptr) {
+    signature.result =
+        static_cast<std::int32_t>(std::wcstoul(change.Text(L"result").c_str(), nullptr, 16));
+  }
+  change.machine.Sign(change.Text(L"path"), signature);
+}
+
+// The values of the maker's policy; null removes one.
+void SetPolicy(const Change& change) {
+  for (auto value = change.value.MemberBegin(); value != change.value.MemberEnd(); ++value) {
+    const std::wstring name = change.expand(value->name);
+    if (value->value.IsNull()) {
+      change.machine.registry.Remove(kPolicyKey, name);
+    } else {
+      change.machine.registry.SetText(kPolicyKey, name, change.expand(value->value));
+    }
+  }
+}
+
 constexpr PartRule kRefusal[] = {{.key = L"call", .form = PartForm::SomeText, .required = true},
                                  {.key = L"after", .form = PartForm::Count, .required = true}};
 constexpr PartRule kRegistryValue[] = {
@@ -162,6 +194,9 @@ constexpr PartRule kFirmwareFailure[] = {{.key = L"step", .form = PartForm::Some
                                          {.key = L"after", .form = PartForm::Count}};
 constexpr PartRule kFile[] = {{.key = L"path", .form = PartForm::SomeText, .required = true},
                               {.key = L"text", .form = PartForm::Text, .required = true}};
+constexpr PartRule kSignature[] = {{.key = L"path", .form = PartForm::SomeText, .required = true},
+                                   {.key = L"key", .form = PartForm::SomeText},
+                                   {.key = L"result", .form = PartForm::Hex}};
 constexpr PartRule kInstallation[] = {
     {.key = L"family", .form = PartForm::SomeText, .required = true},
     {.key = L"fullName", .form = PartForm::SomeText, .required = true},
@@ -191,7 +226,8 @@ constexpr struct {
   void (*make)(const Change&) = nullptr;
 } kChanges[] = {
     {Rule(L"refuse", PartForm::TextOrObject, kRefusal), &Refuse},
-    {Rule(L"asleep", PartForm::Seconds), &SleepFor},
+    {Rule(L"sleep", PartForm::Seconds), &SleepFor},
+    {Rule(L"standby", PartForm::Boolean), &SetStandby},
     {Rule(L"oobeEndsAfter", PartForm::Seconds), &EndOobe},
     {Rule(L"oobeKnown", PartForm::Boolean), &SetOobeKnown},
     {Rule(L"missingApiSet", PartForm::SomeText), &RemoveApiSet},
@@ -200,6 +236,8 @@ constexpr struct {
     {Rule(L"warrantyBlock", PartForm::Text), &SetWarrantyBlock},
     {Rule(L"firmwareFails", PartForm::Object, kFirmwareFailure), &FailFirmware},
     {Rule(L"file", PartForm::Object, kFile), &AddFile},
+    {Rule(L"trust", PartForm::TextOrObject, kSignature), &Sign},
+    {Rule(L"policy", PartForm::Texts), &SetPolicy},
     {Rule(L"lockdownMode", PartForm::Number), &SetLockdownMode},
     {Rule(L"appServiceStatus", PartForm::Numbers), &SetAppServiceStatus},
     {Rule(L"triggerStatus", PartForm::Count), &SetTriggerStatus},

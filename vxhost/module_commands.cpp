@@ -96,7 +96,9 @@ struct ScenarioOptions {
 
 int PlayScenarios(const ModuleOptions& module, const ScenarioOptions& options, Console& console) {
   const auto definitions = DefinitionsOf(options.definitions);
-  const StageKind where = module.simulate ? StageKind::Simulated : StageKind::Real;
+  const StageKind where = module.simulate       ? StageKind::Simulated
+                          : module.privateStore ? StageKind::PrivateStore
+                                                : StageKind::Real;
   std::vector<Scenario> scenarios;  // all are read before the first is played
   std::string faults;
   for (const std::string& file : options.scenarios) {
@@ -110,7 +112,7 @@ int PlayScenarios(const ModuleOptions& module, const ScenarioOptions& options, C
   bool met = true;
   for (std::size_t i = 0; i < scenarios.size(); ++i) {
     if (scenarios.size() > 1) console.Lines("\n==== " + options.scenarios[i]);
-    const auto theatre = MakeTheatre(module, console);
+    const auto theatre = MakeTheatre(module, console, [&] { scenarios[i].Prepare(); });
     met = scenarios[i].Play(theatre->Open()) && met;
   }
   console.Lines(met ? "\nEverything that was expected happened."

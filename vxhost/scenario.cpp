@@ -29,7 +29,6 @@ namespace {
 
 using Json::WideValue;
 using Tessel::Server::Services::Orvane::kServiceDocument;
-using Tessel::Server::Storage::BsonElement;
 using Tessel::Server::Storage::CapDataStore;
 
 constexpr int kDefaultWait = 10;  // seconds
@@ -112,6 +111,7 @@ class Player {
       stage.console.Line("-> start");
       stage.session.Slots().Start();
     }
+    if (Find(step, L"policy") != nullptr) Announce();
     if (const auto* id = Find(step, L"exec")) Execute(step, id->GetUint());
     if (const auto* code = Find(step, L"power")) {
       stage.console.Line("-> power event " + std::to_string(code->GetUint()));
@@ -140,29 +140,14 @@ class Player {
     if (const auto* expect = Find(step, L"expect")) ExpectTraces(*expect);
   }
 
-  // Stores values as other services of the machine do, and an object's members in a document.
+  // As other services of the machine do.
   void Store(const WideValue& values) {
     const StoreHold hold(ServicesMutexFor(StoreUse::Write));
     for (auto value = values.MemberBegin(); value != values.MemberEnd(); ++value) {
       const std::string key = Utf8(value->name.GetString());
       stage.console.Line("-> another service stores " + key + " = " + Utf8(Expand(value->value)));
-      if (!value->value.IsObject()) {
-        CapDataStore().persist(key, Element(value->value));
-        continue;
-      }
-      for (auto member = value->value.MemberBegin(); member != value->value.MemberEnd(); ++member) {
-        CapDataStore().mergeMember(key, Utf8(member->name.GetString()), Element(member->value));
-      }
+      StoreValue(key, value->value, definitions);
     }
-  }
-
-  // An integer becomes an int32 if it fits, otherwise an int64.
-  BsonElement Element(const WideValue& value) const {
-    if (value.IsNull()) return BsonElement();
-    if (value.IsBool()) return BsonElement::Boolean(value.GetBool());
-    if (value.IsInt()) return BsonElement::Int32(value.GetInt());
-    if (value.IsInt64()) return BsonElement::Int64(value.GetInt64());
-    return BsonElement::Text(Expand(value));
   }
 
   void End() {
@@ -212,6 +197,16 @@ class Player {
       const std::wstring wanted = Expand(*response);
       Check(answer.text == wanted, "the answer should be " + Utf8(wanted));
     }
+  }
+
+  // As the component that applies the maker's policy does.
+  void Announce() {
+    constexpr std::uint32_t kPolicyChanged = 16;
+    stage.console.Line("-> the policy changed");
+    const Answer answer = stage.session.Execute(kPolicyChanged, L"{}", kCaller);
+    if (stage.machine != nullptr) stage.machine->clock.Settle();
+    Check(answer.code == 0,
+          "the policy should be announced, but the result is " + Describe(answer.code));
   }
 
   void Copy(const WideValue& copy) {
@@ -332,10 +327,19 @@ Scenario::Scenario(const std::wstring& path, Definitions names, StageKind where)
   }
   const std::vector<std::string> faults =
       FaultsOf(document, LineIndex(document, text), definitions, where);
-  if (faults.empty()) return;
+  if (faults.empty()) {
+    const auto* values = Find(document, L"store");
+    if (values == nullptr) return;
+    initialStore = InitialStore(*values, path.substr(0, path.rfind(L'\\') + 1), definitions);
+    return;
+  }
   std::string list = Utf8(path) + " cannot be played:";
   for (const std::string& one : faults) list += "\n  " + one;
   throw std::runtime_error(list);
+}
+
+void Scenario::Prepare() const {
+  initialStore.Write();
 }
 
 bool Scenario::Play(Stage& stage) const {

@@ -7,6 +7,7 @@
 
 #include "json/json_text.h"
 #include "vxhost/console.h"
+#include "vxhost/initial_store.h"
 #include "vxhost/loaded_module.h"
 #include "vxhost/scenario_check.h"
 
@@ -47,12 +48,15 @@ struct Stage {
   std::function<void()> showRepeated;    // prints the log lines that were only counted
 };
 
-// A scenario: a JSON document {"steps": [...]}, whose parts docs/vxhost.md describes.
+// A scenario: a JSON document {"store": ..., "steps": [...]}, whose parts docs/vxhost.md describes.
 class Scenario {
  public:
   // Reads and checks the file. Throws std::runtime_error, whose text lists every fault with its
   // line, when it cannot be played as it is.
   Scenario(const std::wstring& path, Definitions definitions, StageKind where);
+
+  // Writes the store to begin with. To be called before the service is created.
+  void Prepare() const;
 
   // Plays every step, also after one whose expectation was not met. Returns whether all were met.
   // Throws std::runtime_error when a step cannot be carried out.
@@ -61,6 +65,7 @@ class Scenario {
  private:
   Json::WideDocument document;
   Definitions definitions;
+  InitialStore initialStore;
 };
 
 }  // namespace Vx::Host

@@ -60,12 +60,14 @@ constexpr PartRule kParts[] = {
      .memberCount = std::size(kExpect)}};
 
 constexpr wchar_t kSteps[] = L"steps";
+constexpr wchar_t kStore[] = L"store";
+constexpr PartRule kBegin = {.key = kStore, .form = PartForm::TextOrObject};
 
 // Parts without which a step does nothing that could be observed.
 constexpr std::wstring_view kOnlyLook[] = {L"say", L"expect", L"showStore", L"waitFor"};
 
 // Parts that call the service.
-constexpr const wchar_t* kCalls[] = {L"start", L"exec", L"power", L"session"};
+constexpr const wchar_t* kCalls[] = {L"start", L"exec", L"policy", L"power", L"session"};
 
 const PartRule* FindRule(const PartRule* rules, std::size_t count, const std::wstring& key) {
   const auto* found =
@@ -120,6 +122,13 @@ const char* WantedInstead(PartForm form, const WideValue& value) {
     case PartForm::Object:
     case PartForm::AnyObject:
       return unless(value.IsObject(), "an object");
+    case PartForm::Texts:
+      return unless(value.IsObject() && std::all_of(value.MemberBegin(), value.MemberEnd(),
+                                                    [](const auto& one) {
+                                                      return one.value.IsString() ||
+                                                             one.value.IsNull();
+                                                    }),
+                    "an object whose values are texts or null");
     case PartForm::TextOrObject:
       return unless(value.IsString() || value.IsObject(), "a text or an object");
     case PartForm::Anything:
@@ -132,7 +141,7 @@ const char* WantedInstead(PartForm form, const WideValue& value) {
 std::string Shown(const WideValue& value) {
   constexpr std::size_t kMost = 60;
   std::wstring text = Json::JsonText(value);
-  if (text.size() > kMost) text = text.substr(0, kMost) + L"...";
+  if (text.size() > kMost) text.replace(kMost, text.npos, L"...");
   return Utf8(text);
 }
 
@@ -148,8 +157,15 @@ class Checker {
     }
     Once(scenario, {});
     for (auto member = scenario.MemberBegin(); member != scenario.MemberEnd(); ++member) {
-      if (TextOf(member->name) != kSteps)
-        Add(member->value, member->name.GetString(), "is not known");
+      const std::wstring key = member->name.GetString();
+      if (key == kStore) {
+        Part(kBegin, member->value, key, scenario);
+        if (where != StageKind::Real) continue;
+        Add(member->value, key,
+            "would change the store of this machine: --private-store or --simulate");
+      } else if (key != kSteps) {
+        Add(member->value, key, "is not known" + DidYouMean(Utf8(key), {"steps", "store"}));
+      }
     }
     const WideValue* steps = Find(scenario, kSteps);
     if (steps == nullptr || !steps->IsArray()) {
@@ -201,7 +217,7 @@ class Checker {
 
   void Part(const PartRule& rule, const WideValue& value, const std::wstring& key,
             const WideValue& one) {
-    if (rule.needs == PartNeeds::SimulatedMachine && where == StageKind::Real) {
+    if (rule.needs == PartNeeds::SimulatedMachine && where != StageKind::Simulated) {
       Add(value, key, "needs a simulated machine: --simulate");
     }
     if (rule.companion != nullptr && Find(one, rule.companion) == nullptr) {
@@ -251,12 +267,11 @@ class Checker {
   // A name that stays in a text would be sent, or be expected.
   void Names(const WideValue& value, const std::wstring& key) {
     if (value.IsString()) {
-      std::wstring unknown;
-      Expanded(std::wstring(TextOf(value)), definitions, &unknown);
-      if (unknown.empty()) return;
-      Add(value, key,
-          "holds ${" + Utf8(unknown) + "}, which has no definition: --define \"" + Utf8(unknown) +
-              "=VALUE\"");
+      Expanded(std::wstring(TextOf(value)), definitions, [&](const std::wstring& name) {
+        const std::string text = Utf8(name);
+        Add(value, key,
+            "holds ${" + text + "}, which has no definition: --define \"" + text + "=VALUE\"");
+      });
     } else if (value.IsArray()) {
       for (const WideValue& element : value.GetArray()) Names(element, key);
     } else if (value.IsObject()) {
@@ -351,7 +366,7 @@ std::size_t LineIndex::LineOf(const WideValue& value) const {
 }
 
 std::wstring Expanded(const std::wstring& text, const Definitions& definitions,
-                      std::wstring* unknown) {
+                      const UnknownName& unknown) {
   std::wstring result;
   std::size_t done = 0;
   for (;;) {
@@ -371,7 +386,7 @@ std::wstring Expanded(const std::wstring& text, const Definitions& definitions,
       result += found->second;
     } else {
       result += text.substr(begin, end + 1 - begin);
-      if (unknown != nullptr && unknown->empty()) *unknown = name;
+      if (unknown) unknown(name);
     }
     done = end + 1;
   }

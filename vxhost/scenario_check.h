@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <functional>
 #include <map>
 #include <string>
 #include <unordered_map>
@@ -25,13 +26,14 @@ class LineIndex {
 // NAME in ${NAME}, and what stands for it.
 using Definitions = std::map<std::wstring, std::wstring>;
 
-// `text` with a definition in place of each ${NAME}. The name of the first one that is not defined
-// goes into `unknown`, if that is not null. An inserted text is not expanded again.
+// `text` with a definition in place of each ${NAME}. A name without a definition stays, and
+// `unknown` receives it. An inserted text is not expanded again.
+using UnknownName = std::function<void(const std::wstring&)>;
 std::wstring Expanded(const std::wstring& text, const Definitions& definitions,
-                      std::wstring* unknown = nullptr);
+                      const UnknownName& unknown = {});
 
 // Where a scenario is to be played.
-enum class StageKind { Real, Simulated };
+enum class StageKind { Real, PrivateStore, Simulated };
 
 // Every fault of a scenario, in order, as "line 4, step 2, \"expect.code\": ...": unknown parts,
 // values of the wrong kind, names without a definition, and claims that the player could not check.

@@ -20,6 +20,7 @@ enum class PartForm {
   Object,  // with the members that the rule names
   TextOrObject,
   AnyObject,
+  Texts,  // an object of texts and nulls
   Anything,
 };
 

@@ -15,6 +15,7 @@
 #include "service/orvane_service.h"
 #include "simulator/simulated_machine.h"
 #include "vxhost/log_listener.h"
+#include "vxhost/played_keys.h"
 #include "vxhost/text.h"
 
 namespace Vx::Host {
@@ -61,14 +62,14 @@ class PrivateStore {
 // the module, which may log until it is unloaded.
 class RealTheatre final : public Theatre {
  public:
-  RealTheatre(const ModuleOptions& options, Console& console)
+  RealTheatre(const ModuleOptions& options, Console& console, const std::function<void()>& prepare)
       : store(options.privateStore ? std::make_unique<PrivateStore>() : nullptr),
         listener([this, &console](const LogLine& line) {
           console.Log(line);
           recorder.Add(line);
         }),
         module(options.Path()),
-        session(module.NewService()),
+        session((prepare(), module.NewService())),
         stage{.session = session,
               .newService = [this] { return module.NewService(); },
               .log = recorder,
@@ -133,7 +134,7 @@ class SimulatedLog {
                        .caller = std::wstring(record.caller),
                        .message = std::wstring(record.message)};
     recorder.Add(line);
-    const auto now = clock.Elapsed();
+    const auto now = clock.Moment();
     const auto found = std::find_if(recent.begin(), recent.end(), [&line](const Said& one) {
       return one.line.message == line.message;
     });
@@ -168,8 +169,9 @@ class SimulatedLog {
 // The service that is linked into this program, on a machine in memory and with a store of its own.
 class SimulatedTheatre final : public Theatre {
  public:
-  explicit SimulatedTheatre(Console& console)
-      : scope([this](Platform::Machine& real) { machine.Install(real); }),
+  SimulatedTheatre(Console& console, const std::function<void()>& prepare)
+      : scope([this](Platform::Machine& real) { machine.InstallSealed(real); }),
+        prepared((prepare(), true)),
         log(std::in_place, console, recorder, machine.clock),
         session(NewService()),
         stage{.session = *session,
@@ -204,8 +206,10 @@ class SimulatedTheatre final : public Theatre {
 
   PrivateStore store;
   LogRecorder recorder;
+  PlayedKeys keys;
   Simulator::SimulatedMachine machine;
   Platform::MachineScope scope;
+  bool prepared;  // before anything is logged
   std::optional<SimulatedLog> log;
   std::optional<ServiceSession> session;
   Stage stage;
@@ -213,10 +217,11 @@ class SimulatedTheatre final : public Theatre {
 
 }  // namespace
 
-std::unique_ptr<Theatre> MakeTheatre(const ModuleOptions& options, Console& console) {
-  if (!options.simulate) return std::make_unique<RealTheatre>(options, console);
+std::unique_ptr<Theatre> MakeTheatre(const ModuleOptions& options, Console& console,
+                                     const std::function<void()>& prepare) {
+  if (!options.simulate) return std::make_unique<RealTheatre>(options, console, prepare);
   if (!options.dll.empty()) throw std::runtime_error("--simulate does not use --dll");
-  return std::make_unique<SimulatedTheatre>(console);
+  return std::make_unique<SimulatedTheatre>(console, prepare);
 }
 
 }  // namespace Vx::Host

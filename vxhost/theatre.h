@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <memory>
 
 #include "vxhost/command_line.h"
@@ -17,7 +18,9 @@ class Theatre {
   virtual Stage& Open() = 0;
 };
 
-// Throws std::runtime_error when the module cannot be used.
-std::unique_ptr<Theatre> MakeTheatre(const ModuleOptions& options, Console& console);
+// Calls `prepare` when the machine is there but not yet a service. Throws std::runtime_error when
+// the module cannot be used.
+std::unique_ptr<Theatre> MakeTheatre(
+    const ModuleOptions& options, Console& console, const std::function<void()>& prepare = [] {});
 
 }  // namespace Vx::Host

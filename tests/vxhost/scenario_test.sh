@@ -27,6 +27,6 @@ faults() {
 emulator=$1 prefix=${2:-}
 faults simulated --simulate --define place=here
 faults no_list --simulate
-faults real --private-store
+faults real
 
 exit $((failures > 0))

@@ -1,0 +1,28 @@
+#pragma once
+
+#include <string>
+
+#include "platform/kernel_objects.h"
+
+namespace Vx::Simulator {
+
+// The real mutexes and events, with named events of this machine alone: another simulated machine,
+// which may be played at the same time, has others of the same names. Any thread.
+class SimulatedKernelObjects final : public Platform::KernelObjects {
+ public:
+  // Signals or resets the event that Windows signals while the machine is in Modern Standby.
+  void SetStandby(bool entered);
+
+  Platform::Result<Platform::UniqueHandle> MakeMutex(const std::wstring& name) override;
+  Platform::Result<Locked> LockMutex(Platform::RawHandle mutex) override;
+  Platform::ErrorCode UnlockMutex(Platform::RawHandle mutex) override;
+  Platform::Result<Platform::UniqueHandle> MakeManualEvent(const std::wstring& name) override;
+  Platform::ErrorCode Signal(Platform::RawHandle event) override;
+
+ private:
+  std::wstring OwnName(const std::wstring& name) const;
+
+  Platform::UniqueHandle standby;  // set by the first SetStandby; keeps the event's state
+};
+
+}  // namespace Vx::Simulator

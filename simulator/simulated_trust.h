@@ -1,0 +1,46 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <map>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "platform/trust_provider.h"
+#include "simulator/simulated_files.h"
+
+namespace Vx::Simulator {
+
+struct SimulatedSignature {
+  std::wstring key;         // the name of its owner; empty for the key that counts as pinned
+  std::int32_t result = 0;  // of Windows' check
+};
+
+// Signatures of files in memory, by exact path: one that was signed here has one signature, every
+// other one none. Windows judges real files. Any thread.
+class SimulatedTrust final : public Platform::TrustProvider {
+ public:
+  explicit SimulatedTrust(const SimulatedFiles& machineFiles) : files(machineFiles) {}
+
+  // The public key that counts as pinned on a simulated machine. No real signature has it, because
+  // it is not the encoding of a key. The program that plays the machine adds it to its pinned keys.
+  static std::vector<std::byte> PinnedKey();
+
+  void Sign(const std::wstring& path, const SimulatedSignature& signature);
+
+  Platform::SignatureVerdict VerifyEmbedded(const std::wstring& path,
+                                            std::uint32_t index) const override;
+  std::optional<Platform::CatalogHit> FindCatalog(const std::wstring& path,
+                                                  Platform::CatalogFailure& failure) const override;
+  Platform::SignatureVerdict VerifyInCatalog(const Platform::CatalogHit& catalog,
+                                             std::uint32_t index) const override;
+
+ private:
+  const SimulatedFiles& files;
+  mutable std::mutex mutex;
+  std::map<std::wstring, SimulatedSignature> signatures;
+};
+
+}  // namespace Vx::Simulator
