@@ -15,6 +15,7 @@
 #include "json/json_object.h"
 #include "platform/windows_runtime_error.h"
 #include "simulator/simulated_machine.h"
+#include "vxhost/play_report.h"
 #include "vxhost/scenario.h"
 #include "vxhost/text.h"
 #include "vxhost/theatre.h"
@@ -31,29 +32,6 @@ Definitions DefinitionsOf(const std::vector<std::string>& arguments) {
     definitions[Wide(argument.substr(0, equals))] = Wide(argument.substr(equals + 1));
   }
   return definitions;
-}
-
-// {"id", "code", "meaning", "answer"}; the answer is null when the module returned none, and a text
-// when it is not JSON.
-Json::WideDocument ResultOf(std::uint32_t id, const Answer& answer) {
-  Json::WideDocument result(rapidjson::kObjectType);
-  auto& allocator = result.GetAllocator();
-  wchar_t code[16];
-  std::swprintf(code, std::size(code), L"0x%08X", answer.code);
-  result.AddMember(L"id", id, allocator);
-  result.AddMember(L"code", Json::WideValue(code, allocator), allocator);
-  result.AddMember(L"meaning", Json::WideValue(Wide(MeaningOf(answer.code)), allocator), allocator);
-  Json::WideValue value;
-  if (answer.text) {
-    Json::WideDocument parsed;
-    if (Json::ParseJson(parsed, *answer.text)) {
-      value.CopyFrom(parsed, allocator);
-    } else {
-      value.SetString(*answer.text, allocator);
-    }
-  }
-  result.AddMember(L"answer", value, allocator);
-  return result;
 }
 
 struct ExecOptions {
@@ -82,7 +60,7 @@ int Exec(const ModuleOptions& module, const ExecOptions& options, Console& conso
   console.Request(options.id, request);
   const Answer answer = theatre->Open().session.Execute(options.id, request, Wide(options.caller));
   if (console.WritesJson()) {
-    console.JsonResult(ResultOf(options.id, answer));
+    console.JsonResult(CommandJson(options.id, answer));
   } else {
     console.Result(answer);
   }
@@ -92,31 +70,79 @@ int Exec(const ModuleOptions& module, const ExecOptions& options, Console& conso
 struct ScenarioOptions {
   std::vector<std::string> scenarios;
   std::vector<std::string> definitions;
+  std::string junit;
 };
 
-int PlayScenarios(const ModuleOptions& module, const ScenarioOptions& options, Console& console) {
+// Scenarios that are to be played, all of which are read before the first is.
+struct Programme {
+  std::vector<std::unique_ptr<Scenario>> scenarios;
+  std::vector<PlayedScenario> played;  // one each; of those that cannot be played, only the error
+  std::string faults;
+};
+
+Programme Read(const ModuleOptions& module, const ScenarioOptions& options) {
   const auto definitions = DefinitionsOf(options.definitions);
   const StageKind where = module.simulate       ? StageKind::Simulated
                           : module.privateStore ? StageKind::PrivateStore
                                                 : StageKind::Real;
-  std::vector<Scenario> scenarios;  // all are read before the first is played
-  std::string faults;
+  Programme programme;
   for (const std::string& file : options.scenarios) {
+    PlayedScenario entry;
+    entry.file = file;
     try {
-      scenarios.emplace_back(FullPath(file), definitions, where);
+      programme.scenarios.push_back(std::make_unique<Scenario>(FullPath(file), definitions, where));
     } catch (const std::runtime_error& error) {
-      faults += (faults.empty() ? "" : "\n") + std::string(error.what());
+      entry.error = error.what();
+      programme.faults += (programme.faults.empty() ? "" : "\n") + entry.error;
     }
+    programme.played.push_back(std::move(entry));
   }
-  if (!faults.empty()) throw std::runtime_error(faults);
+  return programme;
+}
+
+// Plays on a stage of its own. An error ends the scenario, but not the reports.
+void Play(const ModuleOptions& module, const Scenario& scenario, Console& console,
+          PlayedScenario& played) {
+  const auto theatre = MakeTheatre(module, console, [&] { scenario.Prepare(); });
+  Stage& stage = theatre->Open();
+  try {
+    played.met = scenario.Play(stage);
+  } catch (const std::runtime_error& error) {
+    played.error = error.what();
+  }
+  played.steps = stage.record.Steps();
+  played.entries = stage.record.Entries();
+}
+
+int PlayScenarios(const ModuleOptions& module, const ScenarioOptions& options, Console& console) {
+  Programme programme = Read(module, options);
+  const auto report = [&] {
+    if (options.junit.empty()) return;
+    WriteTextFile(FullPath(options.junit), JUnitReport(programme.played));
+  };
+  if (!programme.faults.empty()) {
+    report();
+    throw std::runtime_error(programme.faults);
+  }
   bool met = true;
-  for (std::size_t i = 0; i < scenarios.size(); ++i) {
-    if (scenarios.size() > 1) console.Lines("\n==== " + options.scenarios[i]);
-    const auto theatre = MakeTheatre(module, console, [&] { scenarios[i].Prepare(); });
-    met = scenarios[i].Play(theatre->Open()) && met;
+  for (std::size_t i = 0; i < programme.scenarios.size(); ++i) {
+    PlayedScenario& played = programme.played[i];
+    if (programme.scenarios.size() > 1 && !console.WritesJson()) {
+      console.Lines("\n==== " + played.file);
+    }
+    Play(module, *programme.scenarios[i], console, played);
+    if (!played.error.empty()) {
+      report();
+      throw std::runtime_error(played.file + ": " + played.error);
+    }
+    met = played.met && met;
+    if (console.WritesJson()) console.JsonResult(ScenarioJson(played));
   }
-  console.Lines(met ? "\nEverything that was expected happened."
-                    : "\nNot everything that was expected happened: see the lines with !!");
+  report();
+  if (!console.WritesJson()) {
+    console.Lines(met ? "\nEverything that was expected happened."
+                      : "\nNot everything that was expected happened: see the lines with !!");
+  }
   return met ? kDone : kNotMet;
 }
 
@@ -132,12 +158,16 @@ int Events(const ModuleOptions& module, const EventOptions& options, Console& co
   }
   const auto theatre = MakeTheatre(module, console);
   const Stage& stage = theatre->Open();
+  const auto call = [&](const std::string& text) {
+    stage.record.AddCall(Wide(text));
+    console.Note("-> " + text);
+  };
   for (const std::uint32_t code : options.power) {
-    console.Line("-> power event " + std::to_string(code));
+    call("power event " + std::to_string(code));
     stage.session.Slots().power_event_task(code);
   }
   for (const std::uint32_t code : options.sessions) {
-    console.Line("-> session change " + std::to_string(code));
+    call("session change " + std::to_string(code));
     stage.session.Slots().OnSessionChange(code);
   }
   // Deliveries run on their own threads.
@@ -146,6 +176,7 @@ int Events(const ModuleOptions& module, const EventOptions& options, Console& co
   } else {
     Sleep(static_cast<DWORD>(options.seconds) * 1000);
   }
+  if (console.WritesJson()) console.JsonResult(EventsJson(stage.record.Entries()));
   return kDone;
 }
 
@@ -187,7 +218,10 @@ void AddScenario(CommandLine& line) {
   scenario.add_option("file", options->scenarios, "the scenario; each of several is played anew")
       ->required();
   scenario.add_option("--define", options->definitions, "NAME=VALUE for ${NAME} in it");
+  scenario.add_option("--junit", options->junit,
+                      "write a JUnit report, with one test case per step, into this file");
   line.UseModule(scenario);
+  line.OfferJson(scenario);
 }
 
 void AddEvents(CommandLine& line) {
@@ -201,6 +235,7 @@ void AddEvents(CommandLine& line) {
       ->check(CLI::Range(0, kLongestSeconds))
       ->capture_default_str();
   line.UseModule(events);
+  line.OfferJson(events);
 }
 
 }  // namespace

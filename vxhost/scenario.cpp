@@ -8,6 +8,7 @@
 #include <iterator>
 #include <memory>
 #include <optional>
+#include <sstream>
 #include <stdexcept>
 #include <vector>
 
@@ -60,17 +61,6 @@ class Helper {
   Platform::UniqueHandle process;
 };
 
-// Waits for `condition` and checks it every few milliseconds.
-template <typename Condition>
-bool WaitUntil(int seconds, Condition&& condition) {
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
-  while (!condition()) {
-    if (std::chrono::steady_clock::now() > deadline) return false;
-    Sleep(5);
-  }
-  return true;
-}
-
 std::wstring ReadIfThere(const std::wstring& path) {
   try {
     return ReadTextFile(path);
@@ -83,16 +73,17 @@ class Player {
  public:
   Player(const Definitions& names, Stage& where) : definitions(names), stage(where) {}
 
-  bool Play(const WideValue& steps) {
-    int number = 0;
-    for (const WideValue& step : steps.GetArray()) {
-      ++number;
-      stage.log.Clear();
+  bool Play(const WideValue& steps, const std::vector<std::size_t>& lines) {
+    for (rapidjson::SizeType i = 0; i < steps.Size(); ++i) {
+      const auto* say = Find(steps[i], L"say");
+      stage.record.BeginStep(lines[i], say == nullptr ? std::wstring() : Expand(*say));
       try {
-        Step(step);
+        Step(steps[i]);
       } catch (const std::runtime_error& error) {
-        throw std::runtime_error("step " + std::to_string(number) + ": " + error.what());
+        throw std::runtime_error("line " + std::to_string(lines[i]) + ", step " +
+                                 std::to_string(i + 1) + ": " + error.what());
       }
+      stage.record.EndStep();
     }
     return succeeded;
   }
@@ -108,17 +99,17 @@ class Player {
     if (Find(step, L"end") != nullptr) End();
     if (Find(step, L"restart") != nullptr) Restart();
     if (Find(step, L"start") != nullptr) {
-      stage.console.Line("-> start");
+      Call("start");
       stage.session.Slots().Start();
     }
     if (Find(step, L"policy") != nullptr) Announce();
     if (const auto* id = Find(step, L"exec")) Execute(step, id->GetUint());
     if (const auto* code = Find(step, L"power")) {
-      stage.console.Line("-> power event " + std::to_string(code->GetUint()));
+      Call("power event " + std::to_string(code->GetUint()));
       stage.session.Slots().power_event_task(code->GetUint());
     }
     if (const auto* code = Find(step, L"session")) {
-      stage.console.Line("-> session change " + std::to_string(code->GetUint()));
+      Call("session change " + std::to_string(code->GetUint()));
       stage.session.Slots().OnSessionChange(code->GetUint());
     }
     if (const auto* copy = Find(step, L"copy")) Copy(*copy);
@@ -135,7 +126,7 @@ class Player {
     stage.showRepeated();
     if (const auto* file = Find(step, L"waitFor")) WaitForFile(*file);
     if (Find(step, L"showStore") != nullptr) {
-      for (const std::string& line : StoreLines()) stage.console.Line("   store " + line);
+      for (const std::string& line : StoreLines()) stage.console.Note("   store " + line);
     }
     if (const auto* expect = Find(step, L"expect")) ExpectTraces(*expect);
   }
@@ -145,19 +136,24 @@ class Player {
     const StoreHold hold(ServicesMutexFor(StoreUse::Write));
     for (auto value = values.MemberBegin(); value != values.MemberEnd(); ++value) {
       const std::string key = Utf8(value->name.GetString());
-      stage.console.Line("-> another service stores " + key + " = " + Utf8(Expand(value->value)));
+      Call("another service stores " + key + " = " + Utf8(Expand(value->value)));
       StoreValue(key, value->value, definitions);
     }
   }
 
+  void Call(const std::string& text) {
+    stage.record.AddCall(Wide(text));
+    stage.console.Note("-> " + text);
+  }
+
   void End() {
-    stage.console.Line("-> end");
+    Call("end");
     stage.session.End();
     if (stage.machine != nullptr) stage.machine->clock.Settle();
   }
 
   void Restart() {
-    stage.console.Line("-> end and start");
+    Call("end and start");
     stage.session.End();
     if (stage.machine != nullptr) stage.machine->clock.Settle();
     stage.session = stage.newService();
@@ -186,7 +182,9 @@ class Player {
     stage.console.Request(id, text);
     const Answer answer = stage.session.Execute(id, text, kCaller);
     if (stage.machine != nullptr) stage.machine->clock.Settle();
-    stage.console.Result(answer);
+    stage.record.AddCommand(id, text, answer);
+    stage.console.Note("<- " + (answer.text ? Utf8(*answer.text) : std::string("(no response)")));
+    stage.console.Note("   result " + Describe(answer.code));
     const auto* expect = Find(step, L"expect");
     if (expect == nullptr) return;
     if (const auto* code = Find(*expect, L"code")) {
@@ -202,7 +200,7 @@ class Player {
   // As the component that applies the maker's policy does.
   void Announce() {
     constexpr std::uint32_t kPolicyChanged = 16;
-    stage.console.Line("-> the policy changed");
+    Call("the policy changed");
     const Answer answer = stage.session.Execute(kPolicyChanged, L"{}", kCaller);
     if (stage.machine != nullptr) stage.machine->clock.Settle();
     Check(answer.code == 0,
@@ -228,7 +226,9 @@ class Player {
       return !content.empty() && content.find(wanted) != std::wstring::npos;
     });
     if (Find(what, L"quiet") == nullptr) {
-      stage.console.Lines("   " + Utf8(path) + " says:\n" + Utf8(content));
+      stage.console.Note("   " + Utf8(path) + " says:");
+      std::wistringstream lines(content);
+      for (std::wstring line; std::getline(lines, line);) stage.console.Note(Utf8(line));
     }
     Check(came, Utf8(path) + " should say \"" + Utf8(wanted) + "\"");
   }
@@ -238,15 +238,15 @@ class Player {
       const std::wstring wanted = Expand(*text);
       // On a simulated machine all that could happen has happened.
       const int patience = stage.machine == nullptr ? Seconds(expect) : 0;
-      Check(stage.log.WaitFor(wanted, patience), "the log should say \"" + Utf8(wanted) + "\"");
+      Check(stage.record.WaitFor(wanted, patience), "the log should say \"" + Utf8(wanted) + "\"");
     }
     if (const auto* text = Find(expect, L"event")) {
       const std::wstring wanted = Expand(*text);
-      Check(stage.log.Happened(wanted), "it should have happened that \"" + Utf8(wanted) + "\"");
+      Check(stage.record.Happened(wanted), "it should have happened that \"" + Utf8(wanted) + "\"");
     }
     if (const auto* text = Find(expect, L"noEvent")) {
       const std::wstring unwanted = Expand(*text);
-      Check(!stage.log.Happened(unwanted),
+      Check(!stage.record.Happened(unwanted),
             "it should not have happened that \"" + Utf8(unwanted) + "\"");
     }
     if (const auto* values = Find(expect, L"stored")) ExpectStored(*values);
@@ -261,7 +261,7 @@ class Player {
       const std::wstring wanted = Expand(value->value);
       const auto stored = document.Find(key);
       const std::wstring text = stored ? stored->AsWideText().value_or(L"") : std::wstring();
-      stage.console.Line("   the store holds " + key + " = \"" + Utf8(text) + "\"");
+      stage.console.Note("   the store holds " + key + " = \"" + Utf8(text) + "\"");
       Check(text == wanted, key + " should be stored as \"" + Utf8(wanted) + "\"");
     }
   }
@@ -274,6 +274,7 @@ class Player {
   void Check(bool happened, const std::string& expectation) {
     if (happened) return;
     succeeded = false;
+    stage.record.AddFailure(Wide(expectation));
     stage.console.Failure(expectation);
   }
 
@@ -285,39 +286,6 @@ class Player {
 
 }  // namespace
 
-void LogRecorder::Add(const LogLine& line) {
-  const std::lock_guard guard(lock);
-  messages.push_back(line.message);
-}
-
-void LogRecorder::AddEvent(const std::wstring& text) {
-  const std::lock_guard guard(lock);
-  events.push_back(text);
-}
-
-void LogRecorder::Clear() {
-  const std::lock_guard guard(lock);
-  messages.clear();
-  events.clear();
-}
-
-bool LogRecorder::Happened(const std::wstring& text) const {
-  const std::lock_guard guard(lock);
-  return std::any_of(events.begin(), events.end(), [&text](const std::wstring& event) {
-    return event.find(text) != std::wstring::npos;
-  });
-}
-
-bool LogRecorder::WaitFor(const std::wstring& text, int seconds) const {
-  return WaitUntil(seconds, [&] {
-    const std::lock_guard guard(lock);
-    for (const std::wstring& message : messages) {
-      if (message.find(text) != std::wstring::npos) return true;
-    }
-    return false;
-  });
-}
-
 Scenario::Scenario(const std::wstring& path, Definitions names, StageKind where)
     : definitions(std::move(names)) {
   const std::wstring text = ReadTextFile(path);
@@ -325,9 +293,12 @@ Scenario::Scenario(const std::wstring& path, Definitions names, StageKind where)
   if (!Json::ParseJson(document, text, Json::kMaxNesting, &fault)) {
     throw std::runtime_error(Utf8(path) + " is not valid JSON: " + FaultText(text, fault));
   }
-  const std::vector<std::string> faults =
-      FaultsOf(document, LineIndex(document, text), definitions, where);
+  const LineIndex index(document, text);
+  const std::vector<std::string> faults = FaultsOf(document, index, definitions, where);
   if (faults.empty()) {
+    for (const WideValue& step : Find(document, L"steps")->GetArray()) {
+      lines.push_back(index.LineOf(step));
+    }
     const auto* values = Find(document, L"store");
     if (values == nullptr) return;
     initialStore = InitialStore(*values, path.substr(0, path.rfind(L'\\') + 1), definitions);
@@ -343,7 +314,7 @@ void Scenario::Prepare() const {
 }
 
 bool Scenario::Play(Stage& stage) const {
-  return Player(definitions, stage).Play(*Find(document, L"steps"));
+  return Player(definitions, stage).Play(*Find(document, L"steps"), lines);
 }
 
 }  // namespace Vx::Host

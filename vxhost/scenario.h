@@ -1,7 +1,6 @@
 #pragma once
 
 #include <functional>
-#include <mutex>
 #include <string>
 #include <vector>
 
@@ -9,6 +8,7 @@
 #include "vxhost/console.h"
 #include "vxhost/initial_store.h"
 #include "vxhost/loaded_module.h"
+#include "vxhost/play_record.h"
 #include "vxhost/scenario_check.h"
 
 namespace Vx::Simulator {
@@ -17,32 +17,11 @@ class SimulatedMachine;
 
 namespace Vx::Host {
 
-// Keeps log lines and the events of a simulated machine for expectations. Any thread may use it.
-class LogRecorder {
- public:
-  void Add(const LogLine& line);
-  void AddEvent(const std::wstring& text);
-
-  // Forgets everything, because expectations only concern their own step.
-  void Clear();
-
-  // Waits up to `seconds` for a line that contains `text`.
-  bool WaitFor(const std::wstring& text, int seconds) const;
-
-  // Whether an event has come whose text contains `text`.
-  bool Happened(const std::wstring& text) const;
-
- private:
-  mutable std::mutex lock;
-  std::vector<std::wstring> messages;
-  std::vector<std::wstring> events;
-};
-
-// What a scenario plays against: a service, and the record of its log lines.
+// What a scenario plays against: a service, and the record of what happens.
 struct Stage {
   ServiceSession& session;
   std::function<ServiceSession()> newService;
-  LogRecorder& log;
+  PlayRecord& record;
   Console& console;
   Simulator::SimulatedMachine* machine;  // null: the real one
   std::function<void()> showRepeated;    // prints the log lines that were only counted
@@ -64,6 +43,7 @@ class Scenario {
 
  private:
   Json::WideDocument document;
+  std::vector<std::size_t> lines;  // of the steps
   Definitions definitions;
   InitialStore initialStore;
 };

@@ -78,6 +78,13 @@ std::wstring ReadTextFile(const std::wstring& path) {
   return FromBytes(bytes);
 }
 
+void WriteTextFile(const std::wstring& path, const std::string& utf8) {
+  std::ofstream file(path.c_str(), std::ios::binary | std::ios::trunc);
+  file << utf8;
+  file.close();
+  if (!file) throw std::runtime_error("cannot write " + Utf8(path));
+}
+
 std::wstring OwnPath() {
   std::wstring program(kLongestPath, L'\0');
   program.resize(GetModuleFileNameW(nullptr, program.data(), DWORD{kLongestPath}));

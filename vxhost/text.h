@@ -23,6 +23,9 @@ std::string Printable(std::string_view text, LineBreaks breaks);
 // says UTF-16. Throws std::runtime_error.
 std::wstring ReadTextFile(const std::wstring& path);
 
+// Replaces the file by `utf8`. Throws std::runtime_error.
+void WriteTextFile(const std::wstring& path, const std::string& utf8);
+
 // The most characters of a path, its end included.
 inline constexpr std::size_t kLongestPath = 32768;
 

@@ -66,13 +66,13 @@ class RealTheatre final : public Theatre {
       : store(options.privateStore ? std::make_unique<PrivateStore>() : nullptr),
         listener([this, &console](const LogLine& line) {
           console.Log(line);
-          recorder.Add(line);
+          recorder.AddLog(line);
         }),
         module(options.Path()),
         session((prepare(), module.NewService())),
         stage{.session = session,
               .newService = [this] { return module.NewService(); },
-              .log = recorder,
+              .record = recorder,
               .console = console,
               .machine = nullptr,
               .showRepeated = [] {}} {}
@@ -81,7 +81,10 @@ class RealTheatre final : public Theatre {
 
  private:
   std::unique_ptr<PrivateStore> store;
-  LogRecorder recorder;
+  PlayRecord recorder{[begin = std::chrono::steady_clock::now()] {
+    return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() -
+                                                                 begin);
+  }};
   LogListener listener;
   LoadedModule module;
   ServiceSession session;
@@ -92,7 +95,7 @@ class RealTheatre final : public Theatre {
 // a poll repeats every second is shown once, and at the end with the number of repetitions.
 class SimulatedLog {
  public:
-  SimulatedLog(Console& output, LogRecorder& keeper, const Simulator::VirtualClock& timeOf)
+  SimulatedLog(Console& output, PlayRecord& keeper, const Simulator::VirtualClock& timeOf)
       : console(output),
         recorder(keeper),
         clock(timeOf),
@@ -133,7 +136,7 @@ class SimulatedLog {
                        .provider = std::wstring(record.provider),
                        .caller = std::wstring(record.caller),
                        .message = std::wstring(record.message)};
-    recorder.Add(line);
+    recorder.AddLog(line);
     const auto now = clock.Moment();
     const auto found = std::find_if(recent.begin(), recent.end(), [&line](const Said& one) {
       return one.line.message == line.message;
@@ -160,7 +163,7 @@ class SimulatedLog {
   }
 
   Console& console;
-  LogRecorder& recorder;
+  PlayRecord& recorder;
   const Simulator::VirtualClock& clock;
   std::deque<Said> recent;  // used by the sink alone, which one thread at a time calls
   Logging::LogManager::SinkId sink;
@@ -176,14 +179,14 @@ class SimulatedTheatre final : public Theatre {
         session(NewService()),
         stage{.session = *session,
               .newService = &NewService,
-              .log = recorder,
+              .record = recorder,
               .console = console,
               .machine = &machine,
               .showRepeated = [this] { log->ShowRepeated(); }} {
     machine.clock.SetPatience(kPatience);
     machine.timeline.SetListener([this, &console](const Simulator::Timeline::Entry& entry) {
       recorder.AddEvent(entry.text);
-      console.Line(" * " + Utf8(Simulator::Format(entry)));
+      console.Note(" * " + Utf8(Simulator::Format(entry)));
     });
   }
   // The service and the tasks that outlive it end before their machine does. What they log is not
@@ -205,9 +208,9 @@ class SimulatedTheatre final : public Theatre {
   }
 
   PrivateStore store;
-  LogRecorder recorder;
   PlayedKeys keys;
   Simulator::SimulatedMachine machine;
+  PlayRecord recorder{[this] { return machine.clock.Moment(); }};
   Platform::MachineScope scope;
   bool prepared;  // before anything is logged
   std::optional<SimulatedLog> log;
