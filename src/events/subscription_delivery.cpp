@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "events/delivery_rules.h"
+#include "events/subscription_hash.h"
 #include "host/logging.h"
 #include "json/json_object.h"
 #include "json/utf8.h"
@@ -252,19 +253,20 @@ void Work(const DeliveryKind& kind, const std::wstring& request, std::uint32_t e
   }
 }
 
-// Changes a stored list. Failures are logged, not reported to the client.
+// Changes a stored list and returns whether that was done. Failures are logged, not reported to the
+// client.
 template <typename Change>
-int ChangeList(const DeliveryKind& kind, const wchar_t* runtimeError, const wchar_t* failed,
-               Change&& change) noexcept {
+bool ChangeList(const DeliveryKind& kind, const wchar_t* runtimeError, const wchar_t* failed,
+                Change&& change) noexcept {
   try {
     RequestManager manager(kServiceDocument, kind.storeKey);
-    change(manager);
+    return change(manager);
   } catch (const Platform::WindowsRuntimeError& error) {
     LogManager::GetLogger()->LogError(runtimeError, error.message().c_str(), error.code());
   } catch (const std::exception& error) {
     LogManager::GetLogger()->LogError(failed, error.what());
   }
-  return 0;
+  return false;
 }
 
 }  // namespace
@@ -276,17 +278,30 @@ EventSubscription::EventSubscription(const std::wstring& request, const Subscrip
   command = CreateEventCommand(action, document.GetNamedObject(form.parameters));
 }
 
-int RegisterSubscription(const DeliveryKind& kind, const std::wstring& request) noexcept {
-  return ChangeList(kind, kind.texts.registerRuntimeError, kind.texts.registerFailed,
-                    [&](RequestManager& manager) { manager.PersistRequest(request); });
+int RegisterSubscription(const DeliveryKind& kind, const std::wstring& request,
+                         const wchar_t* clientId) noexcept {
+  const bool stored =
+      ChangeList(kind, kind.texts.registerRuntimeError, kind.texts.registerFailed,
+                 [&](RequestManager& manager) { return manager.PersistRequest(request); });
+  LogListChange(stored ? ListChange::Accepted : ListChange::Refused, request, clientId,
+                kind.subscribe);
+  return 0;
 }
 
-int UnregisterSubscription(const DeliveryKind& kind, const std::wstring& request) noexcept {
-  return ChangeList(kind, kind.texts.unregisterRuntimeError, kind.texts.unregisterFailed,
-                    [&](RequestManager& manager) {
-                      if (manager.RemoveRequest(request)) return;
-                      LogManager::GetLogger()->LogWarning(kind.texts.unregisterUnknown);
-                    });
+int UnregisterSubscription(const DeliveryKind& kind, const std::wstring& request,
+                           const wchar_t* clientId) noexcept {
+  const bool removed =
+      ChangeList(kind, kind.texts.unregisterRuntimeError, kind.texts.unregisterFailed,
+                 [&](RequestManager& manager) {
+                   const RequestManager::Removal removal = manager.RemoveRequest(request);
+                   if (removal == RequestManager::Removal::Unknown) {
+                     LogManager::GetLogger()->LogWarning(kind.texts.unregisterUnknown);
+                   }
+                   return removal == RequestManager::Removal::Removed;
+                 });
+  LogListChange(removed ? ListChange::TakenBack : ListChange::Refused, request, clientId,
+                kind.unsubscribe);
+  return 0;
 }
 
 void FulfillSubscriptions(const DeliveryKind& kind, std::uint32_t eventType,

@@ -66,6 +66,8 @@ struct DeliveryKind {
   const char* name;  // of the handler, in log lines
   DeliveryTexts texts;
   const char* storeKey;
+  unsigned subscribe;  // the ids of the commands that change the list, for log lines
+  unsigned unsubscribe;
   std::shared_ptr<const EventSubscription> (*parse)(const std::wstring& request);
   DeliveryHandler handleEvent;
   std::mutex* handleEventMutex;
@@ -78,12 +80,14 @@ std::shared_ptr<const EventSubscription> ParseAs(const std::wstring& request) {
 }
 
 // Adds a request to the stored list of its kind without reading it: a malformed one fails at
-// delivery. Logs failures and always returns 0.
-int RegisterSubscription(const DeliveryKind& kind, const std::wstring& request) noexcept;
+// delivery. Logs failures and the outcome for the client, and always returns 0.
+int RegisterSubscription(const DeliveryKind& kind, const std::wstring& request,
+                         const wchar_t* clientId = nullptr) noexcept;
 
-// Removes the request with exactly this text from the stored list. Logs failures and always returns
-// 0.
-int UnregisterSubscription(const DeliveryKind& kind, const std::wstring& request) noexcept;
+// Removes the request with exactly this text from the stored list. Logs failures and the outcome
+// for the client, and always returns 0.
+int UnregisterSubscription(const DeliveryKind& kind, const std::wstring& request,
+                           const wchar_t* clientId = nullptr) noexcept;
 
 // Delivers an event to every stored request of the kind. A request for another event costs a parse
 // on the calling thread. Every other one, also a text that cannot be read, gets a worker. Logs a

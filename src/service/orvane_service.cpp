@@ -171,24 +171,24 @@ void OrvaneService::RegisterAppPackageEvent(const wchar_t* request) {
   Orvane::RegisterAppPackageEvent(request, state.get(), state->stopEvent);
 }
 
-int OrvaneService::RegisterPowerEvent(const wchar_t* request, const wchar_t* /*clientId*/) {
-  return RegisterSubscription(kPowerEvents, request);
+int OrvaneService::RegisterPowerEvent(const wchar_t* request, const wchar_t* clientId) {
+  return RegisterSubscription(kPowerEvents, request, clientId);
 }
 
-int OrvaneService::UnregisterPowerEvent(const wchar_t* request, const wchar_t* /*clientId*/) {
-  return UnregisterSubscription(kPowerEvents, request);
+int OrvaneService::UnregisterPowerEvent(const wchar_t* request, const wchar_t* clientId) {
+  return UnregisterSubscription(kPowerEvents, request, clientId);
 }
 
 void OrvaneService::FulfillPowerManagementEventRequests(std::uint32_t eventType) {
   FulfillSubscriptions(kPowerEvents, eventType, state->stopEvent);
 }
 
-int OrvaneService::RegisterZephraEvent(const wchar_t* request, const wchar_t* /*clientId*/) {
-  return RegisterSubscription(kZephraEvents, request);
+int OrvaneService::RegisterZephraEvent(const wchar_t* request, const wchar_t* clientId) {
+  return RegisterSubscription(kZephraEvents, request, clientId);
 }
 
-int OrvaneService::UnregisterZephraEvent(const wchar_t* request, const wchar_t* /*clientId*/) {
-  return UnregisterSubscription(kZephraEvents, request);
+int OrvaneService::UnregisterZephraEvent(const wchar_t* request, const wchar_t* clientId) {
+  return UnregisterSubscription(kZephraEvents, request, clientId);
 }
 
 void OrvaneService::FulfillZephraManagementEventRequests(std::uint32_t eventType) {

@@ -41,7 +41,7 @@ class OrvaneService final : public VxService {
   void RegisterAppPackageEvent(const wchar_t* request);
 
   // Change the stored lists of power and platform ("Zephra") subscriptions, or raise the platform
-  // event of a changed policy. Ignore the second text and return 0.
+  // event of a changed policy. The client is named in log lines. Return 0.
   int RegisterPowerEvent(const wchar_t* request, const wchar_t* clientId);
   int UnregisterPowerEvent(const wchar_t* request, const wchar_t* clientId);
   int RegisterZephraEvent(const wchar_t* request, const wchar_t* clientId);

@@ -4,6 +4,7 @@
 
 #include "events/package_event.h"
 #include "events/power_events.h"
+#include "events/subscription_hash.h"
 #include "events/zephra_events.h"
 #include "host/logging.h"
 #include "platform/windows_runtime_error.h"
@@ -13,6 +14,8 @@
 namespace Vx::Tessel::Server::Services::Orvane {
 
 namespace {
+
+constexpr unsigned kSubscribeToPackageEvent = 7;  // the id of the command
 
 constexpr wchar_t kPackageRuntimeError[] =
     L"OrvaneService - RegisterAppPackageEvent threw hresult_error: Message: %s, Code: %i";
@@ -48,9 +51,8 @@ void ReportUnreadable(const Call& call) {
   }
 }
 
-}  // namespace
-
-std::uint32_t SubscribeToPackageEvent(const Call& call) {
+// Subscribes and reports a failure, but not the outcome.
+std::uint32_t TrySubscribeToPackageEvent(const Call& call) {
   const auto log = Log(call.caller);
   try {
     call.service.RegisterAppPackageEvent(call.text);
@@ -64,6 +66,15 @@ std::uint32_t SubscribeToPackageEvent(const Call& call) {
     log.LogError(kPackageFailed, error.what());
     return kStandardException;
   }
+}
+
+}  // namespace
+
+std::uint32_t SubscribeToPackageEvent(const Call& call) {
+  const std::uint32_t result = TrySubscribeToPackageEvent(call);
+  LogListChange(result == kSuccess ? ListChange::Accepted : ListChange::Refused, call.text,
+                call.caller.clientId, kSubscribeToPackageEvent);
+  return result;
 }
 
 std::uint32_t SubscribeToPowerEvent(const Call& call) {

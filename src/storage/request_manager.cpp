@@ -129,23 +129,25 @@ std::optional<bool> RequestManager::ChangeOrRefuse(const FailureTexts& texts, co
   return held;
 }
 
-void RequestManager::PersistRequest(std::wstring_view request) {
+bool RequestManager::PersistRequest(std::wstring_view request) {
   const std::optional<bool> held = ChangeOrRefuse(kPersistThrew, [&](const std::wstring& list) {
     std::optional<std::wstring> longer = Storage::ListWith(list, request);
     if (!longer) throw Platform::WindowsRuntimeError(kAlreadySubscribed, kStoredAlready);
     return longer;
   });
   if (held == false) logger->LogError(kPersistFailed);
+  return held.value_or(false) && store != nullptr;
 }
 
-bool RequestManager::RemoveRequest(std::wstring_view request) {
+RequestManager::Removal RequestManager::RemoveRequest(std::wstring_view request) {
   bool found = false;
-  ChangeOrRefuse(kRemoveThrew, [&](const std::wstring& list) {
+  const std::optional<bool> held = ChangeOrRefuse(kRemoveThrew, [&](const std::wstring& list) {
     std::optional<std::wstring> shorter = Storage::ListWithout(list, request);
     found = shorter.has_value();
     return shorter;
   });
-  return found;
+  if (held == true && !found) return Removal::Unknown;
+  return held.value_or(false) ? Removal::Removed : Removal::Failed;
 }
 
 bool RequestManager::CompleteRequest(std::wstring_view request) {

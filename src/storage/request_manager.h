@@ -42,14 +42,18 @@ class RequestManager {
   RequestManager& operator=(const RequestManager&) = delete;
   ~RequestManager();
 
-  // Adds a request. Throws Platform::WindowsRuntimeError with kAlreadySubscribed if one is stored
-  // that differs at most in its delay, and the JSON layer's error if the text is not a JSON object
-  // or the stored list cannot be read. Logs failures of the store.
-  void PersistRequest(std::wstring_view request);
+  // Adds a request. Returns false if the store did not take it. Throws
+  // Platform::WindowsRuntimeError with kAlreadySubscribed if one is stored that differs at most in
+  // its delay, and the JSON layer's error if the text is not a JSON object or the stored list
+  // cannot be read. Logs failures of the store.
+  bool PersistRequest(std::wstring_view request);
 
-  // Removes the first stored request with exactly this text. Returns false if there is none. Throws
-  // the JSON layer's error if the stored list cannot be read. Logs failures of the store.
-  bool RemoveRequest(std::wstring_view request);
+  enum class Removal { Removed, Unknown, Failed };
+
+  // Removes the first stored request with exactly this text. Returns Unknown if there is none, and
+  // Failed if the store did not take the shorter list. Throws the JSON layer's error if the stored
+  // list cannot be read. Logs failures of the store.
+  Removal RemoveRequest(std::wstring_view request);
 
   // Removes a one-shot request that has fired, ignoring white space in `request`. Returns true if
   // the list no longer holds it, also if it was removed before. Returns false and logs if the store

@@ -1,0 +1,20 @@
+#pragma once
+
+#include <string>
+#include <string_view>
+
+namespace Vx::Tessel::Server::Services::Orvane {
+
+// A short name of a subscription for log lines and tables: 8 hexadecimal digits that depend on the
+// text alone, white space between its tokens aside. It distinguishes subscriptions for a reader and
+// protects against nothing. A text that is not a JSON object counts as it is.
+std::wstring SubscriptionHash(std::wstring_view request);
+
+enum class ListChange { Accepted, Refused, TakenBack };
+
+// Logs what a client's command has done to a stored list. Never throws: without memory the line is
+// missing.
+void LogListChange(ListChange change, std::wstring_view request, const wchar_t* clientId,
+                   unsigned functionId) noexcept;
+
+}  // namespace Vx::Tessel::Server::Services::Orvane
