@@ -1,12 +1,16 @@
 #include "vxhost/command_line.h"
 
 #include <algorithm>
+#include <chrono>
 #include <cstdio>
 #include <exception>
+#include <stdexcept>
 #include <utility>
 
 #include "platform/windows_runtime_error.h"
 #include "vxhost/text.h"
+
+#include <windows.h>
 
 namespace Vx::Host {
 
@@ -48,12 +52,14 @@ CommandLine::CommandLine() : app(kAbout, "vxhost") {
   app.require_subcommand(1);
   app.fallthrough();
   app.allow_windows_style_options(false);  // a path may begin with a slash
-  moduleOptions = {
+  moduleOptions.options = {
       app.add_option("--dll", module.dll, "the module (default: OrvaneService.dll beside vxhost)"),
       app.add_flag("--private-store", module.privateStore, "give this run a store of its own"),
       app.add_flag("--simulate", module.simulate,
                    "use a simulated machine, with the service that is built into vxhost and a\n"
                    "store of its own")};
+  storeOption.options = {app.add_option(
+      "--store", module.store, "keep the store below this existing folder, not the machine's")};
   app.add_flag("-q,--quiet", quiet, "results only");
   app.add_option("--color", colours, "auto, always or never; NO_COLOR is respected")
       ->check(CLI::IsMember({"auto", "always", "never"}));
@@ -68,6 +74,7 @@ CLI::App& CommandLine::Add(CLI::App& parent, const char* name, const char* about
   CLI::App& command = *parent.add_subcommand(name, about);
   command.footer(footer);
   command.callback([this, &command, function = std::move(function)] {
+    if (!command.get_subcommands().empty()) return;  // one of its own was chosen
     chosen = &command;
     run = function;
   });
@@ -81,16 +88,27 @@ CLI::App& CommandLine::AddGroup(const char* name, const char* about) {
 }
 
 void CommandLine::UseModule(const CLI::App& command) {
-  moduleUsers.push_back(&command);
+  moduleOptions.users.push_back(&command);
 }
 
 void CommandLine::OfferJson(CLI::App& command) {
   command.add_flag("--json", json, "one JSON object per line");
 }
 
+void CommandLine::AddTimeout(CLI::App& command, HoldLimits& limits) {
+  command
+      .add_option_function<int>(
+          "--timeout", [&limits](int seconds) { limits.timeout = std::chrono::seconds(seconds); },
+          "how many seconds to wait for the store; 0: without limit")
+      ->check(CLI::Range(0, kLongestSeconds))
+      ->default_str("30");
+}
+
 int CommandLine::Execute(std::vector<std::string> arguments) {
-  for (const CLI::Option* option : moduleOptions) {
-    app.get_option(option->get_name())->group("Options of " + Joined(moduleUsers));
+  for (const LeadingOptions& leading : {moduleOptions, storeOption}) {
+    for (const CLI::Option* option : leading.options) {
+      app.get_option(option->get_name())->group("Options of " + Joined(leading.users));
+    }
   }
   // A fault of the command line comes before the parser has seen the option.
   json = std::find(arguments.begin(), arguments.end(), "--json") != arguments.end();
@@ -109,6 +127,7 @@ int CommandLine::Execute(std::vector<std::string> arguments) {
                               : colours == "never" ? Colours::Never
                                                    : Colours::Auto});
   try {
+    ChooseStore();
     return run(console);
   } catch (const Platform::WindowsRuntimeError& error) {
     return Fail(Utf8(error.message()), error.code());
@@ -140,11 +159,27 @@ void CommandLine::RefuseUnknownSubcommand(const std::vector<std::string>& argume
 }
 
 void CommandLine::RefuseUselessOptions() const {
-  if (std::find(moduleUsers.begin(), moduleUsers.end(), chosen) != moduleUsers.end()) return;
-  for (const CLI::Option* option : moduleOptions) {
-    if (option->count() == 0) continue;
-    throw CLI::ValidationError(option->get_name(), "only " + Joined(moduleUsers) + " use it");
+  for (const LeadingOptions& leading : {moduleOptions, storeOption}) {
+    if (std::ranges::find(leading.users, chosen) != leading.users.end()) continue;
+    for (const CLI::Option* option : leading.options) {
+      if (option->count() == 0) continue;
+      throw CLI::ValidationError(option->get_name(), "only " + Joined(leading.users) + " use it");
+    }
   }
+}
+
+// The module and what vxhost links find the store by this variable.
+void CommandLine::ChooseStore() const {
+  if (module.store.empty()) return;
+  if (module.privateStore || module.simulate) {
+    throw std::runtime_error("--store excludes --private-store and --simulate");
+  }
+  const std::wstring folder = FullPath(module.store);
+  const DWORD attributes = GetFileAttributesW(folder.c_str());
+  if (attributes == INVALID_FILE_ATTRIBUTES || (attributes & FILE_ATTRIBUTE_DIRECTORY) == 0) {
+    throw std::runtime_error("there is no folder " + Utf8(folder));
+  }
+  SetEnvironmentVariableW(L"ProgramData", folder.c_str());
 }
 
 }  // namespace Vx::Host

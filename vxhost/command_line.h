@@ -9,6 +9,7 @@
 #include <CLI/CLI.hpp>
 
 #include "vxhost/console.h"
+#include "vxhost/store_hold.h"
 
 namespace Vx::Host {
 
@@ -23,6 +24,7 @@ struct ModuleOptions {
   std::string dll;
   bool privateStore = false;
   bool simulate = false;
+  std::string store;  // the folder of a store that is kept; empty for the machine's
 
   // Full path of the module: the one beside this program unless --dll names another.
   std::wstring Path() const;
@@ -48,22 +50,35 @@ class CommandLine {
   void UseModule(const CLI::App& command);
   const ModuleOptions& Module() const { return module; }
 
+  // Lets --store precede `command`, in the same way.
+  void UseStore(const CLI::App& command) { storeOption.users.push_back(&command); }
+
   // Adds --json to `command`, which then writes its results with Console::JsonResult. A failure
   // that it throws is written in the form of ErrorJson.
   void OfferJson(CLI::App& command);
   const bool& Json() const { return json; }
 
+  // Adds --timeout to `command`: the seconds that it waits for the store.
+  static void AddTimeout(CLI::App& command, HoldLimits& limits);
+
   // Parses and runs. Returns the exit code of the process. Writes what the subcommand throws.
   int Execute(std::vector<std::string> arguments);
 
  private:
+  // Options that stand before the subcommand, and the subcommands that use them.
+  struct LeadingOptions {
+    std::vector<const CLI::Option*> options;
+    std::vector<const CLI::App*> users;
+  };
+
   void RefuseUnknownSubcommand(const std::vector<std::string>& arguments) const;
   void RefuseUselessOptions() const;
+  void ChooseStore() const;
   int Fail(const std::string& why, std::int32_t result) const;
 
   CLI::App app;
-  std::vector<const CLI::Option*> moduleOptions;
-  std::vector<const CLI::App*> moduleUsers;
+  LeadingOptions moduleOptions;
+  LeadingOptions storeOption;
   ModuleOptions module;
   bool json = false;
   bool quiet = false;

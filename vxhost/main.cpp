@@ -11,6 +11,7 @@
 #include "vxhost/command_line.h"
 #include "vxhost/console.h"
 #include "vxhost/doctor_command.h"
+#include "vxhost/explain_command.h"
 #include "vxhost/module_commands.h"
 #include "vxhost/service_command.h"
 #include "vxhost/store_commands.h"
@@ -46,6 +47,7 @@ int main() {
     AddTrustCommands(line);
     AddWatchCommand(line);
     AddValidateCommand(line);
+    AddExplainCommand(line);
     AddResumeCommand(line);
     AddDoctorCommand(line);
     return line.Execute(Arguments());

@@ -38,6 +38,7 @@ struct ExecOptions {
   std::uint32_t id = 0;
   std::string request = "{}";
   std::string caller = "vxhost";
+  HoldLimits limits;
 };
 
 // The request that an argument gives. The module compares the text of a subscription to remove with
@@ -58,6 +59,9 @@ int Exec(const ModuleOptions& module, const ExecOptions& options, Console& conso
   const auto theatre = MakeTheatre(module, console);
   const std::wstring request = RequestText(options);
   console.Request(options.id, request);
+  if (!module.simulate) {
+    const StoreHold isFree(options.limits);  // the module waits for it without limit or notice
+  }
   const Answer answer = theatre->Open().session.Execute(options.id, request, Wide(options.caller));
   if (console.WritesJson()) {
     console.JsonResult(CommandJson(options.id, answer));
@@ -205,7 +209,9 @@ void AddExec(CommandLine& line) {
   exec.add_option("request", options->request,
                   "the request's JSON, @FILE, or @- for standard input");
   exec.add_option("--caller", options->caller, "the client's identity")->capture_default_str();
+  CommandLine::AddTimeout(exec, options->limits);
   line.UseModule(exec);
+  line.UseStore(exec);
   line.OfferJson(exec);
 }
 
@@ -222,6 +228,7 @@ void AddScenario(CommandLine& line) {
                       "write a JUnit report, with one test case per step, into this file");
   line.UseModule(scenario);
   line.OfferJson(scenario);
+  line.UseStore(scenario);
 }
 
 void AddEvents(CommandLine& line) {
@@ -236,6 +243,7 @@ void AddEvents(CommandLine& line) {
       ->capture_default_str();
   line.UseModule(events);
   line.OfferJson(events);
+  line.UseStore(events);
 }
 
 }  // namespace

@@ -133,7 +133,7 @@ class Player {
 
   // As other services of the machine do.
   void Store(const WideValue& values) {
-    const StoreHold hold(ServicesMutexFor(StoreUse::Write));
+    const ServicesMutexHold hold(ServicesMutexFor(StoreUse::Write));
     for (auto value = values.MemberBegin(); value != values.MemberEnd(); ++value) {
       const std::string key = Utf8(value->name.GetString());
       Call("another service stores " + key + " = " + Utf8(Expand(value->value)));
@@ -253,7 +253,7 @@ class Player {
   }
 
   void ExpectStored(const WideValue& values) {
-    const StoreHold hold(ServicesMutexFor(StoreUse::Read));
+    const ServicesMutexHold hold(ServicesMutexFor(StoreUse::Read));
     CapDataStore store;
     const auto document = store.readDocument(kServiceDocument);
     for (auto value = values.MemberBegin(); value != values.MemberEnd(); ++value) {

@@ -66,22 +66,22 @@ class LockingService final : public VxService {
   }
   uint32_t ExecuteCommand(ClientContext* context, uint32_t functionId, const wchar_t* request,
                           wchar_t** response, CompletionCallback* callback) override {
-    const StoreHold hold(mutex);
+    const ServicesMutexHold hold(mutex);
     return inner.ExecuteCommand(context, functionId, request, response, callback);
   }
   void FreeResponse(void* response) override { inner.FreeResponse(response); }
   void Start() override { inner.Start(); }
   void power_event_task(uint32_t eventType) override {
-    const StoreHold hold(mutex);
+    const ServicesMutexHold hold(mutex);
     inner.power_event_task(eventType);
   }
   void Reserved7() override { inner.Reserved7(); }
   bool oobe_event_task() override {
-    const StoreHold hold(mutex);
+    const ServicesMutexHold hold(mutex);
     return inner.oobe_event_task();
   }
   void OnSessionChange(uint32_t code) override {
-    const StoreHold hold(mutex);
+    const ServicesMutexHold hold(mutex);
     inner.OnSessionChange(code);
   }
   void Reserved10() override { inner.Reserved10(); }
@@ -131,7 +131,8 @@ std::shared_ptr<const ServicesMutex> ServicesMutexFor(StoreUse use) {
   }
 }
 
-StoreHold::StoreHold(std::shared_ptr<const ServicesMutex> mutex) : held(std::move(mutex)) {
+ServicesMutexHold::ServicesMutexHold(std::shared_ptr<const ServicesMutex> mutex)
+    : held(std::move(mutex)) {
   if (held == nullptr) return;
   DWORD outcome = WaitForSingleObject(held->handle.get(), kSilentWait);
   if (outcome == WAIT_TIMEOUT) {
@@ -144,7 +145,7 @@ StoreHold::StoreHold(std::shared_ptr<const ServicesMutex> mutex) : held(std::mov
   }
 }
 
-StoreHold::~StoreHold() {
+ServicesMutexHold::~ServicesMutexHold() {
   if (held != nullptr) ReleaseMutex(held->handle.get());
 }
 

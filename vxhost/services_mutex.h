@@ -28,7 +28,7 @@ class ServicesMutex {
   ServicesMutex();
 
  private:
-  friend class StoreHold;
+  friend class ServicesMutexHold;
 
   Platform::UniqueHandle handle;
 };
@@ -42,12 +42,12 @@ std::shared_ptr<const ServicesMutex> ServicesMutexFor(StoreUse use);
 
 // Holds `mutex`, which may be null, for the scope of a thread. Waits without limit, and says so on
 // standard error after a second. Throws std::runtime_error when Windows fails the wait.
-class StoreHold {
+class ServicesMutexHold {
  public:
-  explicit StoreHold(std::shared_ptr<const ServicesMutex> mutex);
-  StoreHold(const StoreHold&) = delete;
-  StoreHold& operator=(const StoreHold&) = delete;
-  ~StoreHold();
+  explicit ServicesMutexHold(std::shared_ptr<const ServicesMutex> mutex);
+  ServicesMutexHold(const ServicesMutexHold&) = delete;
+  ServicesMutexHold& operator=(const ServicesMutexHold&) = delete;
+  ~ServicesMutexHold();
 
  private:
   std::shared_ptr<const ServicesMutex> held;

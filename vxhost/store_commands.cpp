@@ -177,7 +177,7 @@ std::size_t ShowList(const ListForm& form, Console& console) {
 }
 
 int ShowStore(Console& console) {
-  const StoreHold hold(ServicesMutexFor(StoreUse::Read));
+  const ServicesMutexHold hold(ServicesMutexFor(StoreUse::Read));
   const CapDataStore::Content content = ReadStore();
   WideDocument document(rapidjson::kObjectType);
   auto& pool = document.GetAllocator();
@@ -196,7 +196,7 @@ int ShowStore(Console& console) {
 }
 
 int ShowSubscriptions(Console& console) {
-  const StoreHold hold(ServicesMutexFor(StoreUse::Read));
+  const ServicesMutexHold hold(ServicesMutexFor(StoreUse::Read));
   ReadStore();  // throws for a damaged store, which RequestManager treats as empty
   console.Line(Row("EVENT", "ACTION", "DELAY", "TARGET"));
   std::size_t count = 0;
@@ -220,7 +220,7 @@ void AddStoreCommands(CommandLine& line) {
 }
 
 std::vector<std::string> StoreLines() {
-  const StoreHold hold(ServicesMutexFor(StoreUse::Read));
+  const ServicesMutexHold hold(ServicesMutexFor(StoreUse::Read));
   WideDocument document;
   document.CopyFrom(StoreWriter(document).Document(ReadStore().document, kShownLevels),
                     document.GetAllocator());

@@ -175,7 +175,7 @@ class Checker {
     if (params != nullptr) {
       Level inner{*params, kind->parameters + std::wstring(L"."), {}};
       if (starts) CheckLaunch(inner);
-      if (sends) CheckMessage(inner);
+      if (sends) CheckMessage(inner, *kind);
       if (starts || sends) {
         CheckDelay(inner, *kind);
         Leftovers(inner);
@@ -386,14 +386,19 @@ class Checker {
     Take(level, L"arguments", Shape::Text, Need::Optional);
   }
 
-  void CheckMessage(Level& level) {
+  void CheckMessage(Level& level, const SubscriptionKind& kind) {
     const WideValue* payload = Take(level, L"payload", Shape::Object, Need::Required);
     bool raises = false;
     if (payload != nullptr) {
       Level inner{*payload, level.prefix + L"payload.", {}};
       const WideValue* trigger = Take(inner, L"customTriggerGUID", Shape::Text, Need::Optional);
-      raises = trigger != nullptr && trigger->GetStringLength() != 0;
+      const bool named = trigger != nullptr && trigger->GetStringLength() != 0;
+      raises = named && kind.family == nullptr;
       if (raises) CheckTrigger(inner.prefix + L"customTriggerGUID", *trigger);
+      if (named && !raises) {
+        Hint(inner.prefix + L"customTriggerGUID", Shown(*trigger), L"no such member",
+             L"package subscriptions raise no trigger and send the message");
+      }
     }
     const WideValue* family = Take(level, L"packageFamilyName", Shape::Text, Need::Required);
     const WideValue* service = Take(level, L"appServiceName", Shape::Text, Need::Required);

@@ -41,6 +41,10 @@ std::optional<std::uint32_t> LogonProcessIn(std::uint32_t session) {
   return std::nullopt;
 }
 
+bool CanLaunchInSession(std::uint32_t session) {
+  return SystemTokenIn(session) != nullptr;
+}
+
 int LaunchProcessInSession(const Security::TrustedProgram& program, const std::wstring& arguments,
                            const std::wstring& workingDirectory, std::uint32_t session,
                            std::uint32_t& processId, const std::wstring& packageFolder) {

@@ -24,4 +24,8 @@ int LaunchProcessInSession(const Security::TrustedProgram& program, const std::w
                            const std::wstring& workingDirectory, std::uint32_t session,
                            std::uint32_t& processId, const std::wstring& packageFolder = {});
 
+// Whether this process could start a program in `session` now: a logon process is there, and its
+// token can be used. Starts nothing.
+bool CanLaunchInSession(std::uint32_t session);
+
 }  // namespace Vx::Tessel::Server::Services::Orvane

@@ -97,13 +97,22 @@ CapDataStore::CapDataStore()
   initializeFile();
 }
 
-std::wstring CapDataStore::expandPathAndCreateDirectory(const std::wstring& path) {
+std::wstring CapDataStore::PathOfFile() {
+  return expandPath(kStoreDirectory) + kStoreName + kFileEnding;
+}
+
+std::wstring CapDataStore::expandPath(const std::wstring& path) {
   Platform::Result<std::wstring> expanded =
       Platform::CurrentMachine().environment->Expand(path, kMaxPathUnits);
   if (!expanded) throw std::runtime_error(kExpandFailed);
-  const Platform::ErrorCode error = Files().MakeFolder(*expanded);
-  if (error != 0 && error != kAlreadyExists) throw std::runtime_error(kMakeFolderFailed);
   return *std::move(expanded);
+}
+
+std::wstring CapDataStore::expandPathAndCreateDirectory(const std::wstring& path) {
+  std::wstring expanded = expandPath(path);
+  const Platform::ErrorCode error = Files().MakeFolder(expanded);
+  if (error != 0 && error != kAlreadyExists) throw std::runtime_error(kMakeFolderFailed);
+  return expanded;
 }
 
 bool CapDataStore::isNTFSJunction(const std::wstring& path) {

@@ -33,6 +33,9 @@ class CapDataStore {
   CapDataStore& operator=(const CapDataStore&) = delete;
   ~CapDataStore() = default;
 
+  // Returns the path of the file. Makes nothing. Throws std::runtime_error.
+  static std::wstring PathOfFile();
+
   // Writes one top-level value and keeps every other key. Returns true once the disk holds it. A
   // failed write removes the key from memory again. Text is stored as UTF-8. Throws
   // system_mutex_exception.
@@ -90,6 +93,7 @@ class CapDataStore {
  private:
   class Hold;
 
+  static std::wstring expandPath(const std::wstring& path);
   // `path` with its variables replaced, and its last level made.
   static std::wstring expandPathAndCreateDirectory(const std::wstring& path);
   static bool isNTFSJunction(const std::wstring& path);

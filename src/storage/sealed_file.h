@@ -54,6 +54,9 @@ class SealedFile {
   // logs that. Failures that pass are tried again, up to 250 ms in the life of this object.
   Reading Read();
 
+  // The same without completing an interrupted write: changes nothing.
+  Reading ReadOnce();
+
   // Replaces the file by this id and document. `before` is the last reading. Logs why it returns
   // false. The file then has its old content.
   bool Write(const std::wstring& id, const BsonDocument& document, const Reading& before);
@@ -62,7 +65,6 @@ class SealedFile {
   void RemoveSiblings();
 
  private:
-  Reading ReadOnce();
   Reading Unseal(std::vector<std::byte> content);
   Reading Adopt(Reading reading);
   bool KeepCopy(std::span<const std::byte> content) const;

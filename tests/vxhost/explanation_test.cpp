@@ -1,0 +1,234 @@
+#include "vxhost/explanation.h"
+
+#include <gmock/gmock.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstddef>
+#include <fstream>
+#include <future>
+#include <iterator>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "events/package_event_manager.h"
+#include "events/power_events.h"
+#include "storage/cap_data_store.h"
+#include "storage/service_document.h"
+#include "storage/system_mutex.h"
+#include "support/machine_test.h"
+#include "support/test_pki.h"
+#include "vxhost/store_look.h"
+
+namespace Vx::Host {
+
+namespace {
+
+using namespace std::chrono_literals;
+using namespace Tessel::Server::Services::Orvane;
+using Tessel::Server::Storage::BsonElement;
+using Tessel::Server::Storage::CapDataStore;
+
+std::wstring Escaped(const std::wstring& path) {
+  std::wstring text;
+  for (const wchar_t c : path) text.append(c == L'\\' ? 2 : 1, c);
+  return text;
+}
+
+std::wstring Launch(const std::wstring& path, const std::wstring& more = {}) {
+  return LR"({"powerEventType":18,"eventAction":1,"commandParams":{"path":")" + Escaped(path) +
+         LR"(")" + more + L"}}";
+}
+
+std::wstring Message(const std::wstring& service, const std::wstring& more,
+                     const std::wstring& event = L"18", const std::wstring& payload = L"{}") {
+  return LR"({"powerEventType":)" + event +
+         LR"(,"eventAction":2,"commandParams":{"packageFamilyName":"f","appServiceName":")" +
+         service + LR"(","payload":)" + payload + more + L"}}";
+}
+
+class ExplanationTest : public Tests::StoreTest {
+ protected:
+  ExplanationTest() { Install(L"f"); }
+
+  void Install(const std::wstring& family) {
+    machine.packages.Install(
+        {.familyName = family, .fullName = family + L"_1_x64__p", .folder = {}}, L"ann");
+  }
+
+  static void Store(const char* list, const std::vector<std::wstring>& texts) {
+    std::wstring all;
+    for (const std::wstring& text : texts) all += (all.empty() ? L"[" : L",") + text;
+    ASSERT_TRUE(CapDataStore().mergeMember(kServiceDocument, list, BsonElement::Text(all + L"]")));
+  }
+
+  static std::vector<Explanation> ExplainNow(const Occasion& occasion) {
+    return Explain(SubscriptionsIn(DocumentOf(LookAtStore())), occasion);
+  }
+
+  // All that an explanation could have changed.
+  std::vector<std::wstring> State() const {
+    std::vector<std::wstring> state = machine.timeline.Lines();
+    std::ifstream file(store.FilePath().c_str(), std::ios::binary);
+    const std::string bytes(std::istreambuf_iterator<char>(file), {});
+    state.emplace_back(bytes.begin(), bytes.end());
+    state.push_back(std::to_wstring(machine.processes.Started().size()) + L" programs, " +
+                    std::to_wstring(machine.appServices.Messages().size()) + L" messages, " +
+                    std::to_wstring(machine.clock.Workers()) + L" workers");
+    return state;
+  }
+
+  // The lines of the log that contain a text.
+  std::ptrdiff_t Logged(const std::wstring& text) const {
+    const auto lines = log.Lines();
+    return std::ranges::count_if(
+        lines, [&](const std::wstring& line) { return line.find(text) != line.npos; });
+  }
+
+  // The seconds after `since` at which something happened on the machine, or -1.
+  long HappenedAfter(Simulator::VirtualClock::Duration since, const std::wstring& text) const {
+    for (const std::wstring& line : machine.timeline.Lines()) {
+      if (line.find(text) == line.npos) continue;
+      return static_cast<long>(std::stod(line) - std::chrono::duration<double>(since).count() +
+                               0.5);
+    }
+    return -1;
+  }
+
+  Tests::ProtectedFolder folder;
+};
+
+TEST_F(ExplanationTest, SaysOfTenSubscriptionsWhatThenHappensAndChangesNothing) {
+  const SubscriptionKind& power = SubscriptionKinds().front();
+  const std::wstring pinned = folder.Hold(L"pinned.exe");
+  const std::wstring unsigned_ = folder.Hold(L"unsigned.exe");
+  const std::wstring missing = folder / L"missing.exe";
+  const struct {
+    std::wstring text;
+    Fate fate;
+    std::wstring trace;  // what shows on the machine if it runs
+    int wait = 0;
+  } rows[] = {
+      {Launch(pinned, LR"(,"arguments":"one")"), Fate::Runs, L"starts \"" + pinned},
+      {Launch(unsigned_), Fate::Refused, unsigned_},
+      {Launch(L"C:\\outside.exe"), Fate::Refused, L"C:\\outside.exe"},
+      {Launch(missing, LR"(,"delayDeliverySec":"3")"), Fate::Refused, missing, 3},
+      {Message(L"late", LR"(,"delayDeliverySec":"10s")"), Fate::Runs, L"f/late receives", 10},
+      {Message(L"past", LR"(,"delayDeliverySec":"-5")"), Fate::Dropped, L"f/past"},
+      {Message(L"long", LR"(,"delayDeliverySec":"2147483647")"), Fate::Dropped, L"f/long"},
+      {Message(L"trigger", L"", L"18",
+               LR"({"customTriggerGUID":"{01234567-89ab-cdef-0123-456789abcdef}"})"),
+       Fate::Runs, L"{01234567-89ab-cdef-0123-456789abcdef}"},
+      {Message(L"other", L"", L"7"), Fate::OtherEvent, L"f/other"},
+      {LR"({"powerEventType":18,"eventAction":1})", Fate::Never, L"never"},
+  };
+  std::vector<std::wstring> texts;
+  for (const auto& row : rows) texts.push_back(row.text);
+  Store(kPowerSubscriptions, texts);
+
+  const auto before = State();
+  const auto explained = ExplainNow({&power, 18, {}});
+  EXPECT_EQ(State(), before);
+  ASSERT_EQ(explained.size(), std::size(rows));
+
+  log.Clear();
+  const auto start = machine.clock.Elapsed();
+  FulfillSubscriptions(kPowerEvents, 18);
+  machine.clock.Advance(20s);
+
+  std::ptrdiff_t refused = 0;
+  std::ptrdiff_t dropped = 0;
+  for (std::size_t i = 0; i < explained.size(); ++i) {
+    const Explanation& one = explained[i];
+    SCOPED_TRACE(testing::PrintToString(one.subscription.text));
+    EXPECT_EQ(one.fate, rows[i].fate);
+    EXPECT_EQ(one.wait, rows[i].wait);
+    EXPECT_EQ(one.reasons.empty(), one.fate == Fate::Runs);
+    EXPECT_EQ(HappenedAfter(start, rows[i].trace), one.fate == Fate::Runs ? one.wait : -1);
+    dropped += one.fate == Fate::Dropped ? 1 : 0;
+    if (one.fate != Fate::Refused) continue;
+    ++refused;
+    EXPECT_EQ(Logged(rows[i].trace + L" not trusted to launch as system"), 1);
+  }
+  EXPECT_EQ(Logged(L" not trusted to launch as system"), refused);
+  EXPECT_EQ(Logged(L"Event discarded"), dropped);
+  EXPECT_EQ(Logged(L"Failed to execute command"), 1);
+}
+
+TEST_F(ExplanationTest, RefusesWhatTheConsoleSessionKeepsFromStarting) {
+  const std::wstring pinned = folder.Hold(L"pinned.exe");
+  Store(kPowerSubscriptions, {Launch(pinned)});
+  machine.users.DetachConsole();
+  const auto explained = ExplainNow({});
+  ASSERT_EQ(explained.size(), 1U);
+  EXPECT_EQ(explained[0].fate, Fate::Refused);
+  FulfillSubscriptions(kPowerEvents, 18);
+  machine.clock.Advance(1s);
+  EXPECT_EQ(Logged(L"returned with result 0 and PID 0"), 1);
+}
+
+TEST_F(ExplanationTest, SaysWhatAnUninstallLeadsTo) {
+  const std::wstring pinned = Escaped(folder.Hold(L"pinned.exe"));
+  const auto package = [&](const std::wstring& family, const std::wstring& action,
+                           const std::wstring& params) {
+    return LR"({"catalogEvent":5,"catalogAction":)" + action + LR"(,"packageFamilyName":")" +
+           family + LR"(","catalogActionParams":)" + params + L"}";
+  };
+  const std::wstring launch = LR"({"path":")" + pinned + LR"("})";
+  Store(kPackageSubscriptions, {package(L"Here", L"1", launch), package(L"Gone", L"1", launch),
+                                package(L"Here", L"2",
+                                        LR"({"packageFamilyName":"f",
+                                  "appServiceName":"s","payload":{"customTriggerGUID":"g"}})")});
+  Install(L"Here");
+  const SubscriptionKind& kind = SubscriptionKinds().back();
+  const auto before = State();
+  const auto here = ExplainNow({&kind, 0, L"Here"});
+  EXPECT_EQ(here[0].fate, Fate::Runs);
+  EXPECT_EQ(here[1].fate, Fate::OtherEvent);
+  EXPECT_EQ(here[2].action, L"send a message to f/s");
+  const auto gone = ExplainNow({&kind, 0, L"Gone"});
+  EXPECT_EQ(gone[1].fate, Fate::Never);
+  EXPECT_THAT(gone[1].reasons.front(), testing::HasSubstr(L"the next start or logon runs it late"));
+  EXPECT_EQ(State(), before);
+
+  RegisterExistingPackageCatalogManagerRequests(nullptr);
+  EXPECT_EQ(machine.processes.Started().size(), 1U);  // late, for the package that is gone
+  machine.clock.Settle();
+  machine.packages.Uninstall(L"Here", L"ann");
+  machine.clock.Advance(2s);
+  EXPECT_EQ(machine.processes.Started().size(), 2U);
+  EXPECT_EQ(Sent(), (std::vector<std::wstring>{LR"(f/s {"customTriggerGUID":"g"})"}));
+  PackageCatalogEventManager::clear_events();
+}
+
+TEST_F(ExplanationTest, NamesAHeldStoreAndGivesUp) {
+  const Tessel::Server::Storage::SystemMutex anyUse(L"18CC6446-1DB5-4D23-8F2B-441BA13883D6");
+  std::promise<void> held;
+  std::promise<void> done;
+  std::thread holder([&] {
+    Tessel::Server::Storage::SystemMutex mutex(L"18CC6446-1DB5-4D23-8F2B-441BA13883D6");
+    mutex.lock();
+    held.set_value();
+    done.get_future().wait();
+    mutex.unlock();
+  });
+  held.get_future().wait();
+  testing::internal::CaptureStderr();
+  EXPECT_THROW(StoreHold({.notice = 10ms, .timeout = 30ms}), std::runtime_error);
+  EXPECT_THAT(testing::internal::GetCapturedStderr(),
+              testing::HasSubstr("waiting for the store, which is held by "));
+  done.set_value();
+  holder.join();
+  const StoreHold now({.notice = 10ms, .timeout = 10s});
+}
+
+TEST_F(ExplanationTest, MakesNoStoreWhereThereIsNone) {
+  EXPECT_THROW(DocumentOf(LookAtStore()), std::runtime_error);
+  EXPECT_FALSE(std::ifstream(store.FilePath().c_str()).is_open());
+}
+
+}  // namespace
+
+}  // namespace Vx::Host
