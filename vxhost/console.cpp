@@ -102,6 +102,7 @@ std::wstring JsonLine(const LogLine& line, const std::wstring& moment) {
   add(L"level", line.level);
   add(L"provider", line.provider);
   add(L"caller", line.caller);
+  if (line.process != 0) document.AddMember(L"process", line.process, allocator);
   add(L"message", line.message);
   return Json::JsonText(document);
 }

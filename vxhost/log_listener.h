@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <functional>
 #include <string>
 
@@ -13,6 +14,7 @@ struct LogLine {
   std::wstring provider;
   std::wstring caller;  // empty when the line does not concern a client
   std::wstring message;
+  std::uint32_t process = 0;  // that wrote it; 0: not known
 };
 
 // Receives the log lines of a module in this process, in order, on the thread that logs. The module

@@ -116,14 +116,21 @@ if ! tail -n 1 "$work/tables" | grep -qF '(none is stored)'; then
 fi
 
 # Lines of one vxhost show in another one that watches, each once.
-"$emulator" ${prefix:+"$prefix"} "$vxhost" watch --json --seconds 20 > "$work/watched" 2>&1 &
+"$emulator" ${prefix:+"$prefix"} "$vxhost" watch --json --seconds 20 --level error --provider Service \
+  --text Unsupported > "$work/watched" 2>&1 &
 watcher=$!
 tries=0
 until grep -q 'Unsupported Function call 99' "$work/watched" || [ "$tries" = 20 ]; do
   expect 1 'no such command' --dll "$module" --private-store exec 99
   tries=$((tries + 1))
 done
+expect 2 'another monitor receives the debug output' watch --seconds 1
 kill "$watcher" 2> /dev/null
+if grep '^{' "$work/watched" | grep -qv '"process":[1-9].*Unsupported'; then
+  echo "failed: vxhost watch shows lines that its filters exclude:"
+  cat "$work/watched"
+  failures=$((failures + 1))
+fi
 seen=$(grep -c '^{"time":.*Unsupported Function call 99' "$work/watched")
 if [ "$seen" -lt 1 ] || [ "$seen" -gt "$tries" ]; then
   echo "failed: vxhost watch shows a line of $tries runs $seen times:"
