@@ -12,6 +12,7 @@
 #include "vxhost/console.h"
 #include "vxhost/doctor_command.h"
 #include "vxhost/explain_command.h"
+#include "vxhost/history_command.h"
 #include "vxhost/module_commands.h"
 #include "vxhost/service_command.h"
 #include "vxhost/store_commands.h"
@@ -48,6 +49,7 @@ int main() {
     AddWatchCommand(line);
     AddValidateCommand(line);
     AddExplainCommand(line);
+    AddHistoryCommand(line);
     AddResumeCommand(line);
     AddDoctorCommand(line);
     return line.Execute(Arguments());

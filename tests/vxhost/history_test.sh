@@ -1,0 +1,34 @@
+#!/bin/sh
+# history_test.sh FOLDER VXHOST EMULATOR...: reads every log of FOLDER and compares the rows with the
+# transcript beside it. service.log was written by a running service and the others by "watch --json"
+# beside a module, except for rare.log, which holds lines that need events of a real machine.
+# RECORD=1 writes the transcripts instead. Read a new one line by line before it is kept.
+set -u
+folder=$1 vxhost=$2
+shift 2
+store=$(mktemp -d)
+trap 'rm -rf "$store"' EXIT
+failures=0
+for log in "$folder"/*.log "$folder"/*.json; do
+  expected="${log%.*}.txt"
+  "$@" "$vxhost" --store "$store" history "$log" 2>&1 | tr -d '\r' > "$store/rows"
+  if [ -n "${RECORD:-}" ]; then
+    cp "$store/rows" "$expected"
+  elif ! diff -u "$expected" "$store/rows"; then
+    echo "failed: history reads $log differently"
+    failures=$((failures + 1))
+  fi
+done
+
+# Every failed delivery, and nothing else, of one subscription since a time.
+"$@" "$vxhost" --store "$store" history "$folder/service.log" --failed --json \
+  --subscription "$(awk '/not sent/ { print $4; exit }' "$folder/service.txt")" --since 2026-11-25T11:44:10 2>&1 |
+  tr -d '\r' > "$store/rows"
+if [ "$(wc -l < "$store/rows")" != 1 ] || ! grep -q '"decision":"not sent","failed":true' "$store/rows"; then
+  echo "failed: the filters of history leave:"
+  cat "$store/rows"
+  failures=$((failures + 1))
+fi
+rm -f "$store/rows"
+[ -z "$(ls -A "$store")" ] || { echo "failed: history makes a store"; failures=$((failures + 1)); }
+exit $((failures > 0))
