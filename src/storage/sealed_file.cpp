@@ -127,13 +127,13 @@ struct OwnFile {
 
 // Opens a file if it is an ordinary one that belongs to the system. `own` stays empty if it is not
 // or no longer exists. Returns the error if Windows does not say.
-ErrorCode OpenOwn(const std::wstring& path, std::optional<OwnFile>& own) {
+ErrorCode OpenOwn(const std::wstring& path, FileUse use, std::optional<OwnFile>& own) {
   // A file of another account may be held open: its owner is read first.
-  for (const FileUse use : {FileUse::Inspect, FileUse::Remove}) {
-    Opened opened = Files().Open(path, use);
+  for (const FileUse step : {FileUse::Inspect, use}) {
+    Opened opened = Files().Open(path, step);
     if (!opened) {
       // Windows lets the system inspect its own files. It refuses to open a folder like this.
-      const bool foreign = use == FileUse::Inspect && opened.Error() == kAccessDenied;
+      const bool foreign = step == FileUse::Inspect && opened.Error() == kAccessDenied;
       return foreign || opened.Error() == kFileNotFound ? 0 : opened.Error();
     }
     const Result<FileFacts> facts = (*opened)->Facts();
@@ -141,7 +141,7 @@ ErrorCode OpenOwn(const std::wstring& path, std::optional<OwnFile>& own) {
     const Result<bool> ours = (*opened)->BelongsToSystem();
     if (!ours) return ours.Error();
     if (!IsPlain(*facts) || !*ours) return 0;
-    if (use == FileUse::Remove) own = OwnFile{path, *facts, *std::move(opened)};
+    if (step == use) own = OwnFile{path, *facts, *std::move(opened)};
   }
   return 0;
 }
@@ -153,7 +153,7 @@ struct OwnFiles {
 
 // Opens the own files beside `path` whose names have this mark.
 template <typename HasMark>
-OwnFiles OpenOwnFiles(const std::wstring& path, const HasMark& hasMark) {
+OwnFiles OpenOwnFiles(const std::wstring& path, FileUse use, const HasMark& hasMark) {
   OwnFiles found;
   const Result<std::vector<std::wstring>> names = Files().Siblings(path);
   if (!names) {
@@ -163,22 +163,23 @@ OwnFiles OpenOwnFiles(const std::wstring& path, const HasMark& hasMark) {
   for (const std::wstring& name : *names) {
     if (!hasMark(name)) continue;
     std::optional<OwnFile> own;
-    if (const ErrorCode error = OpenOwn(name, own); error != 0) found.error = error;
+    if (const ErrorCode error = OpenOwn(name, use, own); error != 0) found.error = error;
     if (own) found.files.push_back(*std::move(own));
   }
   return found;
 }
 
-OwnFiles OpenSiblings(const std::wstring& path) {
-  return OpenOwnFiles(path,
+OwnFiles OpenSiblings(const std::wstring& path, FileUse use) {
+  return OpenOwnFiles(path, use,
                       [](const std::wstring& name) { return name.ends_with(kSiblingEnding); });
 }
 
 // Opens the copies of damaged files, the oldest first.
 std::vector<OwnFile> OpenCopies(const std::wstring& path) {
   const std::wstring front = path + kDamagedMark;
-  std::vector<OwnFile> copies =
-      OpenOwnFiles(path, [&](const std::wstring& name) { return name.starts_with(front); }).files;
+  std::vector<OwnFile> copies = OpenOwnFiles(path, FileUse::Remove, [&](const std::wstring& name) {
+                                  return name.starts_with(front);
+                                }).files;
   std::ranges::sort(copies, {}, &OwnFile::path);
   return copies;
 }
@@ -225,6 +226,30 @@ InPlaceResult WriteInPlace(const std::wstring& path, std::span<const std::byte> 
 // Whether Windows refuses to rename over a file that another process has open.
 bool IsHeldByAnother(ErrorCode error) {
   return error == kAccessDenied || error == kSharingViolation;
+}
+
+bool Holds(const FileHandle& file, std::span<const std::byte> content) {
+  const Result<Bytes> found = file.Content(kMaxFileSize);
+  return found && std::ranges::equal(*found, content);
+}
+
+// Replaces the store by its sibling, whose content was read. A thread that its host terminated
+// keeps the sibling open until its process ends, so that it cannot be renamed. Its content is then
+// written over the store.
+ErrorCode PutInPlace(const std::wstring& sibling, const std::wstring& path,
+                     std::span<const std::byte> content) {
+  std::optional<OwnFile> own;
+  ErrorCode error = OpenOwn(sibling, FileUse::Remove, own);
+  const bool movable = own && Holds(*own->file, content);
+  if (movable) {
+    error = own->file->MoveOver(path);
+    if (error == 0) own->file->Flush();
+    if (error == 0) return 0;
+  }
+  if (error != 0 && !IsHeldByAnother(error)) return error;
+  error = WriteInPlace(path, content).error;
+  if (error == 0 && movable) own->file->Remove();
+  return error;
 }
 
 Bytes Joined(const std::wstring& id, const Bytes& blob) {
@@ -350,12 +375,12 @@ SealedFile::Reading SealedFile::Adopt(Reading reading) {
   const auto notOpened = [](ErrorCode error) {
     return Reading{.state = StoreState::NotOpened, .error = error};
   };
-  OwnFiles siblings = OpenSiblings(path);
+  const OwnFiles siblings = OpenSiblings(path, FileUse::Read);
   // An interrupted write may have left what cannot be read for the moment.
   if (siblings.error != 0) return notOpened(siblings.error);
-  OwnFile* newest = nullptr;
+  const OwnFile* newest = nullptr;
   Bytes content;
-  for (OwnFile& sibling : siblings.files) {
+  for (const OwnFile& sibling : siblings.files) {
     if (newest != nullptr && newest->facts.written > sibling.facts.written) continue;
     Result<Bytes> found = sibling.file->Content(kMaxFileSize);
     if (!found) return notOpened(found.Error());
@@ -367,22 +392,16 @@ SealedFile::Reading SealedFile::Adopt(Reading reading) {
   }
   if (newest == nullptr) return reading;
   if (IsDamaged(reading.state) && !KeepCopy(reading.content)) return notOpened(reading.error);
-
-  ErrorCode error = newest->file->MoveOver(path);
-  if (error == 0) {
-    newest->file->Flush();
-  } else if (IsHeldByAnother(error)) {
-    error = WriteInPlace(path, content).error;
-    if (error == 0) newest->file->Remove();
-  }
+  const ErrorCode error = PutInPlace(newest->path, path, content);
   if (error != 0) return notOpened(error);
   Log().LogWarning(kAdopted, newest->path.c_str());
-  siblings.files.clear();  // closes the adopted file
   return ReadOnce();
 }
 
 void SealedFile::RemoveSiblings() {
-  for (const OwnFile& sibling : OpenSiblings(path).files) sibling.file->Remove();
+  for (const OwnFile& sibling : OpenSiblings(path, FileUse::Remove).files) {
+    sibling.file->Remove();
+  }
 }
 
 bool SealedFile::Write(const std::wstring& id, const BsonDocument& document,
@@ -439,7 +458,7 @@ ErrorCode SealedFile::Replace(std::span<const std::byte> content) {
     return result.error;
   }
   std::optional<OwnFile> leftover;
-  OpenOwn(sibling, leftover);
+  OpenOwn(sibling, FileUse::Remove, leftover);
   if (leftover) leftover->file->Remove();
   return result.error;
 }

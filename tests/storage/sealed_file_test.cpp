@@ -149,21 +149,36 @@ TEST_P(SealedFileHeldOrNot, AWriterKilledBeforeAnyStepLeavesTheOldContentOrTheNe
 
 // A host may end one of its threads. What that thread had open stays open while the process lives.
 TEST_F(SealedFileTest, AThreadTerminatedBeforeAnyStepKeepsItsProcessFromNoWrite) {
-  int step = 1;
-  for (bool survived = false; !survived && !HasFailure(); ++step) {
-    SCOPED_TRACE(step);
-    Plant(kOld);
-    Tests::StoreWorker worker(L"key 2 " + std::to_wstring(step) + L" later");
-    const DWORD code = worker.ExitCode();
-    survived = code == 0;
-    EXPECT_TRUE(survived || code == Tests::kKilled) << code;
-    const auto value = Value();
-    EXPECT_TRUE(value == kNew || (value == kOld && !survived));
-    EXPECT_TRUE(Held() && Held()->Find("later"));
-    const CapDataStore next;
-    EXPECT_THAT(Siblings(), IsEmpty());
+  const struct {
+    const char* name;
+    std::function<void()> plant;
+    std::size_t kept;  // copies of what was damaged
+  } kStores[] = {
+      {"sound", [&] { Plant(kOld); }, 0},
+      {"empty", [&] { Tests::WriteBytes(Path(), {}); }, 0},
+      {"damaged", [&] { Tests::WriteBytes(Path(), Bytes(500, std::byte{1})); }, 1},
+  };
+  for (const auto& c : kStores) {
+    int step = 1;
+    for (bool survived = false; !survived && !HasFailure(); ++step) {
+      SCOPED_TRACE(testing::Message() << c.name << ", step " << step);
+      c.plant();
+      Tests::StoreWorker worker(L"key 2 " + std::to_wstring(step) + L" later");
+      const DWORD code = worker.ExitCode();
+      survived = code == 0;
+      EXPECT_TRUE(survived || code == Tests::kKilled) << code;
+      const std::optional<BsonDocument> held = Held();
+      ASSERT_TRUE(held && held->Find("later"));
+      const auto key = held->Find("key");
+      EXPECT_TRUE(key ? key->AsInt32() == kNew || (c.name == kStores[0].name && !survived)
+                      : c.name != kStores[0].name && !survived);
+      const CapDataStore next;
+      EXPECT_THAT(Siblings(), Each(HasSubstr(L".damaged-")));
+      EXPECT_GE(Siblings().size(), c.kept);
+      for (const std::wstring& copy : Siblings()) ::DeleteFileW(copy.c_str());
+    }
+    EXPECT_GT(step, 7);
   }
-  EXPECT_GT(step, 7);
 }
 
 TEST_F(SealedFileTest, AWriteFlushesASiblingAndThenRenamesIt) {
