@@ -23,8 +23,9 @@ struct FileFacts {
 enum class FileUse {
   Inspect,  // only facts and owner, also if another process has the file to itself
   Read,
-  Change,  // read and write
-  Remove,  // read, rename and delete
+  Change,   // read and write
+  Remove,   // read, rename and delete
+  Replace,  // the same, and write and flush
 };
 
 // An open file, closed by the destructor. Use from one thread at a time. Errors are Win32 codes,
@@ -47,13 +48,15 @@ class FileHandle {
   // Cuts or extends the file.
   virtual ErrorCode SetSize(std::uint64_t size) = 0;
 
-  // Returns when the disk holds what was written.
+  // Returns when the disk holds what was written. Needs write access, by the documentation of
+  // FlushFileBuffers.
   virtual ErrorCode Flush() = 0;
 
-  // Renames the file to `path` in one step, replacing a file that is there. Needs FileUse::Remove.
+  // Renames the file to `path` in one step, replacing a file that is there. Needs FileUse::Remove
+  // or FileUse::Replace.
   virtual ErrorCode MoveOver(const std::wstring& path) = 0;
 
-  // Deletes the file when it is closed. Needs FileUse::Remove.
+  // Deletes the file when it is closed. Needs FileUse::Remove or FileUse::Replace.
   virtual ErrorCode Remove() = 0;
 };
 

@@ -87,8 +87,7 @@ class Files {
   virtual Opened Open(const std::wstring& path, FileUse use) = 0;
 
   // Creates the file `path`, which must not exist, with the access list of the file `accessLike`,
-  // or without such a file with the one that its folder gives. Open for writing and as for
-  // FileUse::Remove.
+  // or without such a file with the one that its folder gives. Open as for FileUse::Replace.
   virtual Opened Create(const std::wstring& path, const std::wstring& accessLike) = 0;
 
   // Returns the files whose paths consist of `path`, a dot and more. Fails unless the folder was

@@ -184,21 +184,18 @@ std::vector<OwnFile> OpenCopies(const std::wstring& path) {
   return copies;
 }
 
-struct InPlaceResult {
-  ErrorCode error = 0;
-  bool torn = false;  // neither the new content nor the old one could be written
-};
-
 // Writes over an open file whose content is `old`, and puts that back if it fails.
 class InPlaceWrite {
  public:
   explicit InPlaceWrite(FileHandle& opened) : file(opened) {}
 
-  InPlaceResult Run(std::span<const std::byte> old, std::span<const std::byte> content) {
+  // Returns the error. `torn` is set if neither the new content nor the old one could be written.
+  ErrorCode Run(std::span<const std::byte> old, std::span<const std::byte> content, bool& torn) {
     // Extends the file before it overwrites anything, because the disk may be full.
     ErrorCode error = file.SetSize(std::max(old.size(), content.size()));
     if (error == 0) error = Rewrite(content);
-    return {error, error != 0 && Rewrite(old) != 0};
+    torn = error != 0 && Rewrite(old) != 0;
+    return error;
   }
 
  private:
@@ -212,17 +209,6 @@ class InPlaceWrite {
   FileHandle& file;
 };
 
-InPlaceResult WriteInPlace(const std::wstring& path, std::span<const std::byte> content) {
-  const Opened opened = Files().Open(path, FileUse::Change);
-  if (!opened) return {opened.Error()};
-  const Result<FileFacts> facts = (*opened)->Facts();
-  if (!facts) return {facts.Error()};
-  if (!IsPlain(*facts)) return {kAccessDenied};
-  const Result<Bytes> old = (*opened)->Content(kMaxFileSize);
-  if (!old) return {old.Error()};
-  return InPlaceWrite(**opened).Run(*old, content);
-}
-
 // Whether Windows refuses to rename over a file that another process has open.
 bool IsHeldByAnother(ErrorCode error) {
   return error == kAccessDenied || error == kSharingViolation;
@@ -231,25 +217,6 @@ bool IsHeldByAnother(ErrorCode error) {
 bool Holds(const FileHandle& file, std::span<const std::byte> content) {
   const Result<Bytes> found = file.Content(kMaxFileSize);
   return found && std::ranges::equal(*found, content);
-}
-
-// Replaces the store by its sibling, whose content was read. A thread that its host terminated
-// keeps the sibling open until its process ends, so that it cannot be renamed. Its content is then
-// written over the store.
-ErrorCode PutInPlace(const std::wstring& sibling, const std::wstring& path,
-                     std::span<const std::byte> content) {
-  std::optional<OwnFile> own;
-  ErrorCode error = OpenOwn(sibling, FileUse::Remove, own);
-  const bool movable = own && Holds(*own->file, content);
-  if (movable) {
-    error = own->file->MoveOver(path);
-    if (error == 0) own->file->Flush();
-    if (error == 0) return 0;
-  }
-  if (error != 0 && !IsHeldByAnother(error)) return error;
-  error = WriteInPlace(path, content).error;
-  if (error == 0 && movable) own->file->Remove();
-  return error;
 }
 
 Bytes Joined(const std::wstring& id, const Bytes& blob) {
@@ -317,6 +284,18 @@ auto SealedFile::Patiently(const Attempt& attempt) {
     patience -= kPause;
     Platform::CurrentMachine().clock->Sleep(kPause);
   }
+}
+
+// A virus scanner keeps a new file open for a moment. Windows then refuses to rename it or to
+// rename over it, with an error that also stands for what does not pass.
+template <typename Rename>
+ErrorCode SealedFile::PatientRename(const Rename& rename) {
+  const Result<bool> renamed = Patiently([&] {
+    const ErrorCode error = rename();
+    if (error == 0) return Result<bool>(true);
+    return Result<bool>::Failure(IsHeldByAnother(error) ? kSharingViolation : error);
+  });
+  return renamed ? 0 : renamed.Error();
 }
 
 SealedFile::Reading SealedFile::Read() {
@@ -392,10 +371,40 @@ SealedFile::Reading SealedFile::Adopt(Reading reading) {
   }
   if (newest == nullptr) return reading;
   if (IsDamaged(reading.state) && !KeepCopy(reading.content)) return notOpened(reading.error);
-  const ErrorCode error = PutInPlace(newest->path, path, content);
+  const ErrorCode error = PutInPlace(newest->path, content);
   if (error != 0) return notOpened(error);
   Log().LogWarning(kAdopted, newest->path.c_str());
   return ReadOnce();
+}
+
+// Replaces the file by its sibling, whose content was read. A thread that its host terminated
+// keeps the sibling open until its process ends, so that it cannot be renamed. Its content is then
+// written over the file.
+ErrorCode SealedFile::PutInPlace(const std::wstring& sibling, std::span<const std::byte> content) {
+  std::optional<OwnFile> own;
+  ErrorCode error = OpenOwn(sibling, FileUse::Replace, own);
+  const bool movable = own && Holds(*own->file, content);
+  if (movable) {
+    error = PatientRename([&] { return own->file->MoveOver(path); });
+    if (error == 0) return own->file->Flush();
+  }
+  if (error != 0 && !IsHeldByAnother(error)) return error;
+  error = WriteInPlace(content).error;
+  if (error == 0 && movable) own->file->Remove();
+  return error;
+}
+
+SealedFile::InPlaceResult SealedFile::WriteInPlace(std::span<const std::byte> content) {
+  const Opened opened = Patiently([this] { return Files().Open(path, FileUse::Change); });
+  if (!opened) return {opened.Error()};
+  const Result<FileFacts> facts = (*opened)->Facts();
+  if (!facts) return {facts.Error()};
+  if (!IsPlain(*facts)) return {kAccessDenied};
+  const Result<Bytes> old = (*opened)->Content(kMaxFileSize);
+  if (!old) return {old.Error()};
+  InPlaceResult result;
+  result.error = InPlaceWrite(**opened).Run(*old, content, result.torn);
+  return result;
 }
 
 void SealedFile::RemoveSiblings() {
@@ -450,9 +459,9 @@ ErrorCode SealedFile::Replace(std::span<const std::byte> content) {
     if (!made) return made.Error();
     if (const ErrorCode error = Fill(**made, content); error != 0) return error;
   }
-  InPlaceResult result{Files().MoveOver(sibling, path)};
+  InPlaceResult result{PatientRename([&] { return Files().MoveOver(sibling, path); })};
   if (result.error == 0) return 0;
-  if (IsHeldByAnother(result.error)) result = WriteInPlace(path, content);
+  if (IsHeldByAnother(result.error)) result = WriteInPlace(content);
   if (result.torn) {
     Log().LogWarning(kTorn, result.error, sibling.c_str());
     return result.error;

@@ -51,7 +51,8 @@ class SealedFile {
   };
 
   // Reads the file. If it has no document, first adopts the sibling of an interrupted write, and
-  // logs that. Failures that pass are tried again, up to 250 ms in the life of this object.
+  // logs that. Failures that pass are tried again, up to 250 ms in the life of this object, in
+  // Write too.
   Reading Read();
 
   // The same without completing an interrupted write: changes nothing.
@@ -65,14 +66,24 @@ class SealedFile {
   void RemoveSiblings();
 
  private:
+  struct InPlaceResult {
+    Platform::ErrorCode error = 0;
+    bool torn = false;  // neither the new content nor the old one could be written
+  };
+
   Reading Unseal(std::vector<std::byte> content);
   Reading Adopt(Reading reading);
   bool KeepCopy(std::span<const std::byte> content) const;
   Platform::ErrorCode SealAndReplace(const std::wstring& id, const BsonDocument& document);
   Platform::ErrorCode Replace(std::span<const std::byte> content);
 
+  Platform::ErrorCode PutInPlace(const std::wstring& sibling, std::span<const std::byte> content);
+  InPlaceResult WriteInPlace(std::span<const std::byte> content);
+
   template <typename Attempt>
   auto Patiently(const Attempt& attempt);
+  template <typename Rename>
+  Platform::ErrorCode PatientRename(const Rename& rename);
 
   std::wstring path;
   std::chrono::milliseconds patience{250};

@@ -257,6 +257,35 @@ TEST_F(SealedFileTest, AFailureThatPassesIsTriedAgainForAQuarterOfASecond) {
   }
 }
 
+TEST_F(SealedFileTest, AScannerDelaysAWriteAndDoesNotMakeItOneInPlace) {
+  const struct {
+    const char* step;
+    Platform::ErrorCode error;
+    int failures;
+    bool inPlace;
+  } kCases[] = {
+      {"MoveOver", 32, 10, false},
+      {"MoveOver", 5, 10, false},
+      {"MoveOver", 5, 11, true},
+  };
+  for (const auto& c : kCases) {
+    SCOPED_TRACE(testing::Message() << c.step << " " << c.error << " " << c.failures);
+    Plant(kOld);
+    CapDataStore store;
+    bool inPlace = false;
+    disk.onStep = [&, left = c.failures](const std::string& step) mutable {
+      inPlace |= step == "SetSize";
+      return step == c.step && left-- > 0 ? c.error : 0U;
+    };
+    const auto begin = clock.Elapsed();
+    EXPECT_TRUE(store.persist("key", BsonElement::Int32(kNew)));
+    EXPECT_EQ(inPlace, c.inPlace);
+    EXPECT_EQ(Value(), kNew);
+    EXPECT_LE(clock.Elapsed() - begin, std::chrono::milliseconds(250));
+    disk.onStep = [](const std::string&) { return 0U; };
+  }
+}
+
 TEST_F(SealedFileTest, OnlyWhatIsProvedDamagedIsReplacedAndACopyIsKept) {
   static const struct {
     const char* name;

@@ -15,6 +15,7 @@
 namespace Vx::Tests {
 
 inline constexpr Platform::ErrorCode kFault = 1117;  // ERROR_IO_DEVICE
+inline constexpr Platform::ErrorCode kDenied = 5;    // ERROR_ACCESS_DENIED
 inline constexpr std::uint32_t kReparsePoint = 0x400;
 
 // What the switches of FaultyFiles do to the files that it opens.
@@ -31,8 +32,10 @@ struct FileFaults {
 
 class FaultyFileHandle final : public Platform::FileHandle {
  public:
-  FaultyFileHandle(std::unique_ptr<FileHandle> opened, FileFaults& switches)
-      : real(std::move(opened)), faults(switches) {}
+  FaultyFileHandle(std::unique_ptr<FileHandle> opened, Platform::FileUse use, FileFaults& switches)
+      : real(std::move(opened)),
+        writable(use == Platform::FileUse::Change || use == Platform::FileUse::Replace),
+        faults(switches) {}
 
   Platform::Result<Platform::FileFacts> Facts() const override {
     auto facts = real->Facts();
@@ -60,7 +63,7 @@ class FaultyFileHandle final : public Platform::FileHandle {
     return Or("SetSize", [&] { return real->SetSize(size); });
   }
   Platform::ErrorCode Flush() override {
-    return Or("Flush", [&] { return real->Flush(); });
+    return Or("Flush", [&] { return writable ? real->Flush() : kDenied; });
   }
   Platform::ErrorCode MoveOver(const std::wstring& path) override {
     return Or("MoveOver", [&] { return real->MoveOver(path); });
@@ -77,6 +80,7 @@ class FaultyFileHandle final : public Platform::FileHandle {
   }
 
   std::unique_ptr<FileHandle> real;
+  const bool writable;  // Windows flushes no other file
   FileFaults& faults;
 };
 
@@ -111,20 +115,20 @@ class FaultyFiles final : public Simulator::SimulatedFiles, public FileFaults {
   }
   Opened Open(const std::wstring& path, Platform::FileUse use) override {
     if (const Platform::ErrorCode error = onStep("Open"); error != 0) return Opened::Failure(error);
-    return Faulty(SimulatedFiles::Open(path, use));
+    return Faulty(SimulatedFiles::Open(path, use), use);
   }
   Opened Create(const std::wstring& path, const std::wstring& accessLike) override {
     if (const Platform::ErrorCode error = onStep("Create"); error != 0) {
       return Opened::Failure(error);
     }
-    return Faulty(SimulatedFiles::Create(path, accessLike));
+    return Faulty(SimulatedFiles::Create(path, accessLike), Platform::FileUse::Replace);
   }
 
  private:
-  Opened Faulty(Opened opened) {
+  Opened Faulty(Opened opened, Platform::FileUse use) {
     if (!opened) return opened;
     std::unique_ptr<Platform::FileHandle> file =
-        std::make_unique<FaultyFileHandle>(*std::move(opened), *this);
+        std::make_unique<FaultyFileHandle>(*std::move(opened), use, *this);
     return file;
   }
 };

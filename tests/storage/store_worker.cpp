@@ -20,6 +20,7 @@
 #include "platform/machine.h"
 #include "platform/unique_handle.h"
 #include "platform/windows_runtime_error.h"
+#include "simulator/virtual_clock.h"
 #include "storage/cap_data_store.h"
 #include "storage/store_faults.h"
 #include "storage/store_storm.h"
@@ -90,8 +91,11 @@ class EndedWrite {
   const std::string key;
   const std::int32_t value;
   Vx::Tests::FaultyFiles files;
-  const Vx::Platform::MachineScope scope{
-      [this](Vx::Platform::Machine& machine) { machine.files = &files; }};
+  Vx::Simulator::VirtualClock clock;  // a write that waits for another process takes no time
+  const Vx::Platform::MachineScope scope{[this](Vx::Platform::Machine& machine) {
+    machine.files = &files;
+    machine.clock = &clock;
+  }};
 };
 
 int Run(const std::vector<std::wstring>& arguments) {

@@ -167,6 +167,8 @@ Opening OpeningFor(FileUse use) {
       return {GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE};
     case FileUse::Remove:
       return {GENERIC_READ | DELETE, FILE_SHARE_READ};
+    case FileUse::Replace:
+      return {GENERIC_READ | GENERIC_WRITE | DELETE, FILE_SHARE_READ};
   }
   return {};
 }
@@ -206,8 +208,7 @@ Opened CreateFileHandle(const std::wstring& path, const std::wstring& accessLike
   if (error != ERROR_SUCCESS && error != ERROR_FILE_NOT_FOUND) return Opened::Failure(error);
   const UniqueLocalMemory<void> descriptor(raw);  // null: the folder decides
   SECURITY_ATTRIBUTES security{sizeof security, descriptor.get(), FALSE};
-  return OpenWith(path, {GENERIC_READ | GENERIC_WRITE | DELETE, FILE_SHARE_READ}, &security,
-                  CREATE_NEW);
+  return OpenWith(path, OpeningFor(FileUse::Replace), &security, CREATE_NEW);
 }
 
 }  // namespace Vx::Platform
