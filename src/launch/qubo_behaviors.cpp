@@ -3,6 +3,7 @@
 #include <exception>
 #include <utility>
 
+#include "host/logging.h"
 #include "json/utf8.h"
 #include "launch/companion_apps.h"
 #include "launch/launcher.h"
@@ -12,6 +13,8 @@
 namespace Vx::Tessel::Server::Services::Orvane::Qubo {
 
 namespace {
+
+constexpr wchar_t kNotMarked[] = L"CapDataStore - a mark was not stored: %S";
 
 constexpr std::size_t kLongestKey = 256;  // UTF-16 units
 
@@ -49,8 +52,11 @@ bool QuboLaunchCriteriaDataAccess::SaveSkipState(bool skip) const {
   if (key.empty() || Json::ToWide(key).size() > kLongestKey) return false;
   try {
     // A document under a client's key is another writer's data, perhaps all of this service's own.
-    return Storage::CapDataStore().persistUnlessDocument(key, skip);
-  } catch (const std::exception&) {
+    const auto store = Storage::TryOpenStore();  // logs why there is none
+    return store != nullptr && store->persistUnlessDocument(key, skip);
+  } catch (const std::exception& error) {
+    Logging::LogManager::SetProvider(Logging::kComponentProvider)
+        ->LogWarning(kNotMarked, error.what());
     return false;
   }
 }

@@ -39,6 +39,13 @@ constexpr wchar_t kTooLarge[] = L"CapDataStore - the file is too large";
 constexpr wchar_t kNotOpened[] = L"CapDataStore - the file could not be opened, error 0x%x";
 constexpr wchar_t kCutShort[] = L"CapDataStore - the file is shorter than its header and not new";
 
+// Why a value was not stored.
+constexpr wchar_t kNotMade[] = L"CapDataStore - the store could not be opened: %S";
+constexpr wchar_t kNoId[] = L"CapDataStore - no id could be made for the file, error 0x%x";
+constexpr wchar_t kNotSet[] = L"CapDataStore - the value does not fit into the document";
+constexpr wchar_t kDocumentStays[] =
+    L"CapDataStore - a document is not replaced by a mark under its key";
+
 constexpr wchar_t kProgramDataRoot[] = L"%programdata%\\Vx\\";
 constexpr wchar_t kStoreDirectory[] = L"%programdata%\\Vx\\SharedServices\\";
 constexpr wchar_t kStoreName[] = L"shared";
@@ -147,10 +154,16 @@ bool CapDataStore::readFile() {
 }
 
 bool CapDataStore::writeFile() {
-  if (isNTFSJunction(filePath)) return false;
+  if (isNTFSJunction(filePath)) {
+    if (std::exchange(lastReading.state, StoreState::Linked) != StoreState::Linked) reportState();
+    return false;
+  }
   if (storeId.empty()) {
     Platform::Result<std::wstring> id = Platform::NewUuid();
-    if (!id) return false;
+    if (!id) {
+      Log().LogWarning(kNoId, id.Error());
+      return false;
+    }
     storeId = *std::move(id);
     storeId.resize(headerSize / sizeof(wchar_t));
   }
@@ -183,7 +196,10 @@ void CapDataStore::reportState() const {
 }
 
 bool CapDataStore::store(std::string_view key, const BsonElement& value) {
-  if (!document.Set(key, value)) return false;
+  if (!document.Set(key, value)) {
+    Log().LogWarning(kNotSet);
+    return false;
+  }
   if (writeFile()) return true;
   document.Erase(key);
   return false;
@@ -214,6 +230,7 @@ bool CapDataStore::persistUnlessDocument(std::string_view key, bool value) {
   readForChange();
   const std::optional<BsonView> found = document.Find(key);
   const bool isDocument = found && found->Kind() == BsonKind::Document;
+  if (isDocument) Log().LogWarning(kDocumentStays);
   const bool stored = lastReading.state == StoreState::Sound && !isDocument &&
                       store(key, BsonElement::Boolean(value));
   hold.Release();
@@ -287,7 +304,7 @@ BsonDocument CapDataStore::embeddedForChange(std::string_view documentName) {
   const std::optional<BsonView> found = document.Find(documentName);
   if (!found) return {};
   std::optional<BsonDocument> embedded = found->AsDocument();
-  if (!embedded && found->Kind() == BsonKind::Document && lastReading.state == StoreState::Sound) {
+  if (!embedded && lastReading.state == StoreState::Sound) {
     lastReading.state = StoreState::Damaged;  // the write keeps a copy
     reportState();
   }
@@ -303,9 +320,12 @@ bool CapDataStore::updateMember(std::string_view documentName, std::string_view 
   if (const std::optional<BsonView> found = embedded.Find(member)) before.emplace(*found);
 
   const std::optional<BsonElement> after = change(before ? &*before : nullptr);
-  const bool held = after
-                        ? embedded.Set(member, *after) && store(documentName, BsonElement(embedded))
-                        : MayReplace(lastReading.state);
+  bool held = after || MayReplace(lastReading.state);
+  if (after && !embedded.Set(member, *after)) {
+    Log().LogWarning(kNotSet);
+    held = false;
+  }
+  if (after && held) held = store(documentName, BsonElement(embedded));
   hold.Release();
   return held;
 }
@@ -313,7 +333,8 @@ bool CapDataStore::updateMember(std::string_view documentName, std::string_view 
 std::unique_ptr<CapDataStore> TryOpenStore() noexcept {
   try {
     return std::make_unique<CapDataStore>();
-  } catch (const std::exception&) {
+  } catch (const std::exception& error) {
+    Log().LogWarning(kNotMade, error.what());
     return nullptr;
   }
 }

@@ -81,7 +81,8 @@ class CapDataStore {
   // Puts one member into the embedded document `documentName` without touching its other members,
   // read and written under one hold of the mutex. True when the file holds it. The way to change
   // the service's own document: an older copy of the whole would undo what others wrote in between.
-  // Replaces a value of that name that is not a document. Throws system_mutex_exception.
+  // Replaces a value of that name that is not a document, and keeps a copy of the file. Throws
+  // system_mutex_exception.
   bool mergeMember(std::string_view documentName, std::string_view member,
                    const BsonElement& value);
 
@@ -122,7 +123,7 @@ class CapDataStore {
   BsonDocument document;  // as of the last reading or change
 };
 
-// A store; null where none can be made.
+// A store. Null where none can be made, which is logged.
 std::unique_ptr<CapDataStore> TryOpenStore() noexcept;
 
 }  // namespace Vx::Tessel::Server::Storage

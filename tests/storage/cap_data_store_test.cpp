@@ -106,6 +106,7 @@ TEST_F(CapDataStoreTest, StoresEachOverloadAsItsKindAndReadsItBack) {
   EXPECT_TRUE(other.readBool("flag", false));
   EXPECT_TRUE(other.readBool("absent", true));
   EXPECT_FALSE(other.readBool("int32", false));
+  EXPECT_EQ(BsonElement::Int32(1).AsBoolean(), std::nullopt);
   EXPECT_EQ(other.readInt64("int64"), std::int64_t{1} << 40);
   EXPECT_EQ(other.readDocument("document"), WithInt("x", 1));
   EXPECT_TRUE(other.readDocument("flag").Empty());
@@ -326,7 +327,7 @@ class DamagedStoreTest : public CapDataStoreTest {
  private:
   static bool OwnIsBroken(const BsonDocument& document) {
     const auto own = document.Find(kOwn);
-    return own && own->Kind() == BsonKind::Document && !own->AsDocument();
+    return own && !own->AsDocument();
   }
 
   std::wstring FirstLine() const {
@@ -434,7 +435,62 @@ TEST_F(CapDataStoreTest, RefusesAJunctionAtEveryStep) {
   disk.linksEverywhere = true;
   EXPECT_FALSE(store.persist("key", "other"));
   EXPECT_TRUE(log.Has(kPersistWarning));
+  // A link that is made between the reading and the write.
+  disk.linksEverywhere = false;
+  disk.onStep = [&](const std::string& step) {
+    disk.linksEverywhere |= step == "Content";
+    return 0U;
+  };
+  log.Clear();
+  EXPECT_FALSE(store.persist("key", "other"));
+  EXPECT_EQ(log.Lines(), std::vector<std::wstring>{
+                             L"warning|CapDataStore - the file is a link or has a second name"});
   EXPECT_TRUE(disk.writes.empty());
+}
+
+// Callers that return 0 whatever happens rely on this.
+TEST_F(CapDataStoreTest, EveryRefusedStepStoresTheValueOrLeavesALine) {
+  using Change = bool (*)(CapDataStore&);
+  static constexpr Change kChanges[] = {
+      [](CapDataStore& store) { return store.persist("key", true); },
+      [](CapDataStore& store) { return store.persistUnlessDocument("key", true); },
+      [](CapDataStore& store) {
+        return store.mergeMember("document", "key", BsonElement::Boolean(true));
+      },
+      [](CapDataStore& store) { return store.persist("with\0zero"s, true); },
+      [](CapDataStore& store) {
+        return store.mergeMember("document", "with\0zero"s, BsonElement::Boolean(true));
+      },
+      [](CapDataStore& store) {
+        return store.mergeMember("key", "member", BsonElement::Boolean(true)) &&
+               store.persistUnlessDocument("key", true);
+      },
+  };
+  for (const Change change : kChanges) {
+    bool refused = true;
+    for (std::size_t call = 0; refused && !HasFailure(); ++call) {
+      Tests::WriteBytes(Path(), {});
+      log.Clear();
+      faults.FailCall(call);
+      bool stored = false;
+      std::string thrown;
+      try {
+        const auto store = TryOpenStore();
+        stored = store != nullptr && change(*store);
+      } catch (const system_mutex_exception& error) {
+        thrown = error.what();
+      }
+      refused = call < faults.Calls().size();
+      SCOPED_TRACE(refused ? faults.Calls()[call] : "none");
+      faults.Clear();
+      std::size_t lines = 0;
+      for (const std::wstring& line : log.Lines()) {
+        if (line.find(L"|CapDataStore") != std::wstring::npos) ++lines;
+      }
+      EXPECT_TRUE(stored || lines > 0 || thrown.starts_with("SystemMutex::"));
+      for (const std::wstring& left : Siblings()) ::DeleteFileW(left.c_str());
+    }
+  }
 }
 
 TEST_F(CapDataStoreTest, NamesWhatKeepsItFromBeingMade) {
