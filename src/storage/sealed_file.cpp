@@ -60,18 +60,20 @@ constexpr ErrorCode kFileTooLarge = 223;
 
 // What Windows reports for a moment: files that another process keeps, no memory, no handles, and
 // the service of data protection while it starts or is overloaded.
-constexpr std::array<ErrorCode, 11> kPassing = {
+constexpr std::array<ErrorCode, 13> kPassing = {
     4,   // ERROR_TOO_MANY_OPEN_FILES
     8,   // ERROR_NOT_ENOUGH_MEMORY
     14,  // ERROR_OUTOFMEMORY
     kSharingViolation,
-    33,    // ERROR_LOCK_VIOLATION
-    303,   // ERROR_DELETE_PENDING
-    1450,  // ERROR_NO_SYSTEM_RESOURCES
-    1455,  // ERROR_COMMITMENT_LIMIT
-    1722,  // RPC_S_SERVER_UNAVAILABLE
-    1723,  // RPC_S_SERVER_TOO_BUSY
-    1726,  // RPC_S_CALL_FAILED
+    33,          // ERROR_LOCK_VIOLATION
+    87,          // ERROR_INVALID_PARAMETER, of unsealing
+    303,         // ERROR_DELETE_PENDING
+    1450,        // ERROR_NO_SYSTEM_RESOURCES
+    1455,        // ERROR_COMMITMENT_LIMIT
+    1722,        // RPC_S_SERVER_UNAVAILABLE
+    1723,        // RPC_S_SERVER_TOO_BUSY
+    1726,        // RPC_S_CALL_FAILED
+    0x8009000B,  // NTE_BAD_KEY_STATE
 };
 
 // What Windows reports for a blob that is not valid: it, or the algorithms and flags that it names.
@@ -96,6 +98,10 @@ constexpr std::array<ErrorCode, 3> kForeignKey = {
     0x8009000D,  // NTE_NO_KEY
 };
 
+// Which of these is about the blob, and which about the keys of a machine that is starting, Windows
+// does not say.
+constexpr std::array<ErrorCode, 2> kUncertain = {87, 0x8009000B};
+
 template <std::size_t Count>
 bool IsOneOf(ErrorCode error, const std::array<ErrorCode, Count>& errors) {
   return std::ranges::find(errors, error) != errors.end();
@@ -111,6 +117,15 @@ const Logging::TraceLogger& Log() {
 
 bool IsDamaged(StoreState state) {
   return state == StoreState::Damaged || state == StoreState::OtherMachine;
+}
+
+// Whether the error of unsealing a blob is about that blob. An uncertain one is if data protection
+// opens what it seals now.
+bool IsAboutBlob(ErrorCode error) {
+  if (!IsOneOf(error, kUncertain)) return true;
+  const auto& protection = *Platform::CurrentMachine().dataProtection;
+  const Result<Bytes> probe = protection.Protect(Bytes(1), {});
+  return probe && protection.Unprotect(*probe);
 }
 
 // Whether the file is an ordinary one that has no other name.
@@ -343,9 +358,10 @@ SealedFile::Reading SealedFile::Unseal(Bytes content) {
     if (!reading.document) reading.state = StoreState::Damaged;
   } else {
     reading.error = plain.Error();
-    reading.state = IsOneOf(plain.Error(), kInvalidBlob)  ? StoreState::Damaged
-                    : IsOneOf(plain.Error(), kForeignKey) ? StoreState::OtherMachine
-                                                          : StoreState::NotOpened;
+    reading.state = !IsAboutBlob(plain.Error())            ? StoreState::NotOpened
+                    : IsOneOf(plain.Error(), kInvalidBlob) ? StoreState::Damaged
+                    : IsOneOf(plain.Error(), kForeignKey)  ? StoreState::OtherMachine
+                                                           : StoreState::NotOpened;
   }
   return reading;
 }

@@ -235,13 +235,14 @@ TEST_F(SealedFileTest, AFailureThatPassesIsTriedAgainForAQuarterOfASecond) {
       {"no memory", 8, 1, true},
       {"data protection not there", 1722, 10, true},
       {"data protection away", 1722, 11, false},
+      {"keys of a machine that starts", 0x8009000B, 10, true},
       {"another error", 1117, 1, false},
   };
   for (const auto& c : kCases) {
     SCOPED_TRACE(c.name);
     CapDataStore store;
     int left = c.failures;
-    if (c.error == 1722) {
+    if (c.error == 1722 || c.error == 0x8009000B) {
       protection.Fail(c.error, c.failures);
     } else {
       disk.onStep = [&](const std::string& step) {
@@ -292,11 +293,17 @@ TEST_F(SealedFileTest, OnlyWhatIsProvedDamagedIsReplacedAndACopyIsKept) {
     Platform::ErrorCode error;
     const wchar_t* line;
     bool replaced;
+    bool protectionWorks = true;  // on other blobs
   } kCases[] = {
       {"invalid blob", 13, L"the file is damaged, error 0xd", true},
       {"altered blob", 0x80090005, L"the file is damaged, error 0x80090005", true},
       {"key of another machine", 0x8009000B,
        L"the file was sealed on another machine, error 0x8009000b", true},
+      {"keys not there yet", 0x8009000B, L"the file could not be opened, error 0x8009000b", false,
+       false},
+      {"bad parameter", 87, L"the file is damaged, error 0x57", true},
+      {"bad parameter of every blob", 87, L"the file could not be opened, error 0x57", false,
+       false},
       {"no memory for good", 8, L"the file could not be opened, error 0x8", false},
       {"data protection off", 1062, L"the file could not be opened, error 0x426", false},
       {"an error of some later Windows", 0x80090999,
@@ -306,7 +313,7 @@ TEST_F(SealedFileTest, OnlyWhatIsProvedDamagedIsReplacedAndACopyIsKept) {
     SCOPED_TRACE(c.name);
     Plant(kOld);
     const Bytes before = Tests::ReadBytes(Path());
-    protection.Fail(c.error);
+    protection.Fail(c.error, -1, c.protectionWorks ? 1000 : 0);
     log.Clear();
     EXPECT_EQ(Write(), c.replaced);
     EXPECT_THAT(log.Lines(), Contains(HasSubstr(c.line)).Times(1));

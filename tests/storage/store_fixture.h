@@ -23,10 +23,11 @@ namespace Vx::Tests {
 // Real data protection that fails with a chosen error.
 class FaultyProtection final : public Platform::DataProtection {
  public:
-  // Unsealing fails with this error, `count` times or for good.
-  void Fail(Platform::ErrorCode error, int count = -1) {
+  // Unsealing fails with this error, `count` times or for good, for a blob of this size or more.
+  void Fail(Platform::ErrorCode error, int count = -1, std::size_t leastSize = 0) {
     unprotecting = error;
     left = count;
+    least = leastSize;
   }
 
   Platform::Result<Bytes> Protect(std::span<const std::byte> plain,
@@ -34,7 +35,7 @@ class FaultyProtection final : public Platform::DataProtection {
     return real.Protect(plain, description);
   }
   Platform::Result<Bytes> Unprotect(std::span<const std::byte> sealed) const override {
-    if (unprotecting == 0 || left == 0) return real.Unprotect(sealed);
+    if (unprotecting == 0 || left == 0 || sealed.size() < least) return real.Unprotect(sealed);
     if (left > 0) --left;
     return Platform::Result<Bytes>::Failure(unprotecting);
   }
@@ -42,6 +43,7 @@ class FaultyProtection final : public Platform::DataProtection {
  private:
   Platform::ErrorCode unprotecting = 0;
   mutable int left = -1;
+  std::size_t least = 0;
   Platform::DataProtection& real = *Platform::WindowsMachine().dataProtection;
 };
 
