@@ -1,5 +1,6 @@
 #include "storage/system_mutex.h"
 
+#include <atomic>
 #include <utility>
 
 #include "host/logging.h"
@@ -19,6 +20,12 @@ constexpr wchar_t kNameTaken[] =
     L"SystemMutex - another program has given the name %s to an object that is not a mutex. "
     L"The shared store cannot be used until that object is gone.";
 
+constexpr wchar_t kNameDenied[] =
+    L"SystemMutex - Windows denies access to the mutex %s, which another program has made. "
+    L"The shared store cannot be used until that mutex is gone.";
+
+constexpr Platform::ErrorCode kAccessDenied = 5;
+
 constexpr std::uint32_t kCreateCode = 0;
 constexpr std::uint32_t kLockCode = 2;
 constexpr std::uint32_t kUnlockCode = 3;
@@ -27,6 +34,14 @@ constexpr wchar_t kAbandoned[] =
     L"SystemMutex::lock - the last holder of the mutex ended without releasing it";
 
 constinit Platform::TakenName nameTaken;
+constinit std::atomic<bool> denialReported{false};
+
+// Whether the store has been out of reach since the last success without a report. A report per use
+// would hide it.
+bool IsNewDenial(Platform::ErrorCode error) {
+  if (error == 0) denialReported = false;
+  return error == kAccessDenied && !denialReported.exchange(true);
+}
 
 Platform::KernelObjects& Kernel() {
   return *Platform::CurrentMachine().kernelObjects;
@@ -39,6 +54,10 @@ SystemMutex::SystemMutex(std::wstring mutexName) : name(std::move(mutexName)) {
   if (nameTaken.IsNews(made ? 0 : made.Error())) {
     Logging::LogManager::SetProvider(Logging::kComponentProvider)
         ->LogWarning(kNameTaken, name.c_str());
+  }
+  if (IsNewDenial(made ? 0 : made.Error())) {
+    Logging::LogManager::SetProvider(Logging::kComponentProvider)
+        ->LogWarning(kNameDenied, name.c_str());
   }
   if (!made || *made == nullptr) throw system_mutex_exception(kCreateFailed, kCreateCode);
   handle = *std::move(made);

@@ -66,6 +66,22 @@ TEST(SystemMutex, ReportsANameOfAnotherKindOfObjectOnceAndTriesAgain) {
   }
 }
 
+TEST(SystemMutex, ReportsAMutexThatItMayNotOpenOnceUntilItMay) {
+  Simulator::FaultInjection faults;
+  const Platform::MachineScope scope([&](Platform::Machine& machine) { faults.Install(machine); });
+  const std::wstring name = Name(L"denied");
+  EXPECT_NO_THROW(SystemMutex{name});
+  const Tests::LogCapture log;
+  for (std::size_t denied = 1; denied <= 2; ++denied) {
+    faults.FailNamed("KernelObjects.MakeMutex");
+    for (int use = 0; use < 3; ++use) EXPECT_THROW(SystemMutex{name}, system_mutex_exception);
+    ASSERT_THAT(log.Lines(), testing::SizeIs(denied));
+    EXPECT_THAT(log.Lines().back(), testing::HasSubstr(name));
+    faults.Clear();
+    EXPECT_NO_THROW(SystemMutex{name});
+  }
+}
+
 TEST(SystemMutex, IsOwnedAfterItsHolderDied) {
   SystemMutex mutex(Name(L"abandoned"));
   std::thread([&] {
