@@ -12,13 +12,11 @@
 #include <thread>
 #include <utility>
 
-#include "events/package_event_manager.h"
+#include "events/package_event_test.h"
 #include "platform/kernel_objects.h"
 #include "platform/machine.h"
 #include "platform/windows_runtime_error.h"
-#include "storage/request_manager.h"
 #include "support/log_trap.h"
-#include "support/machine_test.h"
 
 namespace Vx::Tessel::Server::Services::Orvane {
 
@@ -27,39 +25,16 @@ namespace {
 using testing::Contains;
 using testing::HasSubstr;
 using testing::SizeIs;
+using Tests::FakeUninstall;
+using Tests::kFamily;
 
-constexpr wchar_t kFamily[] = L"App_abc";
-
-std::wstring Request(int event, const std::wstring& family = kFamily) {
-  return L"{\"catalogEvent\":" + std::to_wstring(event) +
-         LR"(,"catalogAction":2,"packageFamilyName":")" + family +
-         LR"(","catalogActionParams":{"packageFamilyName":"f","appServiceName":"s","payload":{}}})";
+std::wstring Request(int event) {
+  return Tests::PackageRequest(std::to_wstring(event));
 }
 
-class FakeUninstall final : public Platform::PackageUninstall {
- public:
-  explicit FakeUninstall(
-      std::function<bool()> complete = [] { return true; }, std::function<void()> arrived = [] {})
-      : isComplete(std::move(complete)), arrives(std::move(arrived)) {}
-  std::wstring FamilyName() const override {
-    arrives();
-    return kFamily;
-  }
-  bool IsComplete() const override { return isComplete(); }
-
- private:
-  std::function<bool()> isComplete;
-  std::function<void()> arrives;
-};
-
-// Subscriptions of two services of one process. Only ann is notified of an uninstall; the package
-// is bob's.
-class OneShotTest : public Tests::StoreTest {
+// Subscriptions of two services of one process. Only ann is notified of an uninstall.
+class OneShotTest : public Tests::PackageEventFixture {
  protected:
-  OneShotTest() {
-    machine.users.Add(L"bob");
-    Install();
-  }
   ~OneShotTest() override {
     machine.faults.Clear();
     Platform::CurrentMachine().kernelObjects->Signal(stop.get());
@@ -67,7 +42,6 @@ class OneShotTest : public Tests::StoreTest {
     machine.clock.Settle();
   }
 
-  void Install() { machine.packages.Install({kFamily, L"App_1", {}}, L"bob"); }
   void Subscribe(const std::wstring& request) {
     RegisterAppPackageEvent(request, &first, stop);
     machine.clock.Settle();
@@ -84,12 +58,8 @@ class OneShotTest : public Tests::StoreTest {
     machine.timeline.SetListener({});
   }
   void Uninstall(std::function<bool()> complete = [] { return true; }) {
-    machine.packages.Uninstall(kFamily, L"bob", std::chrono::milliseconds(0));
-    machine.clock.Settle();
-    machine.packages.Notify(L"ann", FakeUninstall(std::move(complete)));
-  }
-  static std::wstring Stored() {
-    return RequestManager(kServiceDocument, kPackageSubscriptions).StoredRequests();
+    Remove();
+    Notify(kFamily, std::move(complete));
   }
 
   const Platform::SharedHandle stop =
@@ -203,7 +173,7 @@ TEST_F(OneShotTest, DoesNotRunAgainForAListThatWasReadBefore) {
     log.Clear();
     {
       const Tests::LogTrap fire(L"failed to register request", 1, [&] {
-        machine.packages.Notify(L"ann", FakeUninstall());
+        Notify(kFamily);
         if (gone) machine.packages.Uninstall(kFamily, L"bob", std::chrono::milliseconds(0));
       });
       Replay(second);
@@ -260,7 +230,7 @@ TEST_F(OneShotTest, WatchesWhatIsSubscribedAgainWhileAReplayFindsItGone) {
   std::optional<Platform::MachineScope> trapped;
   {
     const Tests::LogTrap fire(L"failed to register request", 1, [&] {
-      machine.packages.Notify(L"ann", FakeUninstall());
+      Notify(kFamily);
       trapped.emplace(
           [&](Platform::Machine& platform) { platform.kernelObjects = &kernelObjects; });
     });
@@ -269,7 +239,7 @@ TEST_F(OneShotTest, WatchesWhatIsSubscribedAgainWhileAReplayFindsItGone) {
   client.join();
   machine.clock.Settle();
   EXPECT_THAT(Sent(), SizeIs(1));
-  machine.packages.Notify(L"ann", FakeUninstall());
+  Notify(kFamily);
   EXPECT_THAT(Sent(), SizeIs(2));
   EXPECT_EQ(Stored(), L"[" + Request(6) + L"]");
   PackageCatalogEventManager::clear_events();
@@ -291,7 +261,7 @@ TEST_F(OneShotTest, IsWatchedAlsoWhenTheStoreCannotSayWhetherItIsStored) {
     Replay(first);
   }
   machine.faults.Clear();
-  machine.packages.Notify(L"ann", FakeUninstall());
+  Notify(kFamily);
   EXPECT_THAT(Sent(), SizeIs(1));
   EXPECT_THAT(Stored(), testing::Not(HasSubstr(lasting)));
 }
@@ -324,7 +294,8 @@ TEST_F(OneShotTest, FinishesWhenASessionEndsWhileItWaitsForTheUninstall) {
 TEST_F(OneShotTest, RunsWhenItsSessionEndsWhileItWaitsForAnotherCommand) {
   Subscribe(Request(5));
   std::promise<void> arrived;
-  const FakeUninstall uninstall([] { return true; }, [&] { arrived.set_value(); });
+  const FakeUninstall uninstall(
+      kFamily, [] { return true; }, [&] { arrived.set_value(); });
   std::jthread system;
   {
     const std::lock_guard another(PackageUninstallingPCEvent::uninstall_event_mux);
@@ -351,7 +322,7 @@ TEST_F(OneShotTest, IsNotWaitedForByALogon) {
     logon = std::jthread(std::move(task));
     replay = done.wait_for(std::chrono::seconds(1));
   });
-  machine.packages.Notify(L"ann", FakeUninstall());
+  Notify(kFamily);
   logon.join();
   machine.timeline.SetListener({});
   EXPECT_EQ(replay, std::future_status::ready);

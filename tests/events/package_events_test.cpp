@@ -13,64 +13,25 @@
 #include <windows.h>
 
 #include "events/package_completion.h"
-#include "events/package_event_manager.h"
 #include "events/package_event_request.h"
+#include "events/package_event_test.h"
 #include "platform/windows_runtime_error.h"
-#include "storage/request_manager.h"
 #include "support/log_trap.h"
-#include "support/machine_test.h"
 
 namespace Vx::Tessel::Server::Services::Orvane {
 
 namespace {
 
 using namespace std::chrono_literals;
-using std::chrono::milliseconds;
 using testing::IsEmpty;
 using testing::SizeIs;
+using Tests::FakeUninstall;
+using Tests::kFamily;
+using Tests::PackageRequest;
 using Manager = PackageCatalogEventManager;
 
-constexpr wchar_t kFamily[] = L"App_abc";
-
-std::wstring Request(const std::wstring& event, const std::wstring& action,
-                     const std::wstring& params, const std::wstring& family = kFamily) {
-  return L"{\"catalogEvent\":" + event + L",\"catalogAction\":" + action +
-         L",\"packageFamilyName\":\"" + family + L"\",\"catalogActionParams\":" + params + L"}";
-}
-
-std::wstring Notifying(const std::wstring& event, const std::wstring& family = kFamily) {
-  return Request(event, L"2", LR"({"packageFamilyName":"f","appServiceName":"s","payload":{}})",
-                 family);
-}
-
-// A notification whose completion state the test supplies.
-class FakeUninstall final : public Platform::PackageUninstall {
- public:
-  explicit FakeUninstall(
-      std::wstring family, std::function<bool()> complete = [] { return true; })
-      : familyName(std::move(family)), isComplete(std::move(complete)) {}
-
-  std::wstring FamilyName() const override { return familyName; }
-  bool IsComplete() const override { return isComplete(); }
-
- private:
-  std::wstring familyName;
-  std::function<bool()> isComplete;
-};
-
-// The package is bob's, so that it can be uninstalled without a notification to ann's catalogs.
-class PackageEventTest : public Tests::StoreTest {
+class PackageEventTest : public Tests::PackageEventFixture {
  protected:
-  PackageEventTest() {
-    machine.users.Add(L"bob");
-    machine.packages.Install({kFamily, L"App_1", {}}, L"bob");
-  }
-  ~PackageEventTest() override { Manager::clear_events(); }
-
-  std::wstring Stored() const {
-    return RequestManager(kServiceDocument, kPackageSubscriptions).StoredRequests();
-  }
-
   // Returns 0, or the code that it throws.
   std::int32_t Register(const std::wstring& request) {
     try {
@@ -82,26 +43,20 @@ class PackageEventTest : public Tests::StoreTest {
       return error.code();
     }
   }
-  void Remove() {
-    machine.packages.Uninstall(kFamily, L"bob", 0ms);
-    machine.clock.Settle();
-  }
-  void Notify(
-      const std::wstring& family, std::function<bool()> complete = [] { return true; }) {
-    machine.packages.Notify(L"ann", FakeUninstall(family, std::move(complete)));
-  }
 
   std::vector<std::wstring> completed;
 };
 
 TEST_F(PackageEventTest, OpensACatalogForEveryRequestThatItUnderstands) {
   const std::pair<std::int32_t, std::wstring> kCases[] = {
-      {0, Notifying(L"5")},
-      {0, Notifying(L"5.9")},
-      {kUnknownCatalogEvent, Notifying(L"6", L"Gone")},
-      {kUnknownCatalogEvent, Notifying(L"4294967301")},
-      {kPackageNotInstalled, Notifying(L"5", L"app_ABC")},
-      {Json::kJsonValueNotFound, Request(L"5", L"2", L"{}")},
+      {0, PackageRequest(L"5")},
+      {0, PackageRequest(L"5.9")},
+      {kUnknownCatalogEvent, PackageRequest(L"6", L"Gone")},
+      {kUnknownCatalogEvent, PackageRequest(L"4294967301")},
+      {kPackageNotInstalled, PackageRequest(L"5", L"app_ABC")},
+      {Json::kJsonValueNotFound,
+       LR"({"catalogEvent":5,"catalogAction":2,"packageFamilyName":"App_abc",)"
+       LR"("catalogActionParams":{}})"},
       {Json::kInvalidJsonString, L"{"},
   };
   for (const auto& [result, request] : kCases) {
@@ -115,8 +70,8 @@ TEST_F(PackageEventTest, OpensACatalogForEveryRequestThatItUnderstands) {
 
 TEST_F(PackageEventTest, LooksFifteenTimesWhetherAnUninstallHasEnded) {
   for (const int incompletePolls : {0, 14, 1000}) {
-    machine.packages.Install({kFamily, L"App_1", {}}, L"bob");
-    Register(Notifying(L"7"));
+    Install();
+    Register(PackageRequest(L"7"));
     Remove();
     const std::uint64_t start = machine.clock.TickCount();
     int polls = 0;
@@ -130,7 +85,7 @@ TEST_F(PackageEventTest, LooksFifteenTimesWhetherAnUninstallHasEnded) {
 }
 
 TEST_F(PackageEventTest, StaysArmedWhenItsCommandFails) {
-  Register(Notifying(L"7"));
+  Register(PackageRequest(L"7"));
   Remove();
   machine.timeline.SetListener([](const auto&) { throw std::runtime_error("boom"); });
   Notify(kFamily);
@@ -149,8 +104,11 @@ bool IsFree(std::mutex& mutex) {
 
 TEST_F(PackageEventTest, ChecksAProgramWithoutHoldingUpOtherNotifications) {
   for (const std::wstring event : {L"5", L"7"}) {
-    machine.packages.Install({kFamily, L"App_1", {}}, L"bob");
-    Register(Request(event, L"1", LR"({"path":"C:\\windows\\x.exe"})"));
+    Install();
+    Register(
+        LR"({"catalogAction":1,"packageFamilyName":"App_abc",)"
+        LR"("catalogActionParams":{"path":"C:\\windows\\x.exe"},"catalogEvent":)" +
+        event + L"}");
     Remove();
     log.Clear();
     std::vector<bool> free;
@@ -168,8 +126,8 @@ TEST_F(PackageEventTest, ChecksAProgramWithoutHoldingUpOtherNotifications) {
 
 TEST_F(PackageEventTest, HoldsUpNeitherSubscriptionsNorALogOffWhileItsCommandRuns) {
   for (const std::wstring event : {L"5", L"7"}) {
-    machine.packages.Install({kFamily, L"App_1", {}}, L"bob");
-    Register(Notifying(event));
+    Install();
+    Register(PackageRequest(event));
     Remove();
     std::vector<bool> taken;
     machine.timeline.SetListener([&](const auto&) {
@@ -187,7 +145,7 @@ TEST_F(PackageEventTest, HoldsUpNeitherSubscriptionsNorALogOffWhileItsCommandRun
 }
 
 TEST_F(PackageEventTest, EndsItsWatchersWithoutWaitingOutAStep) {
-  for (int i = 0; i < 20; ++i) Register(Notifying(L"5"));
+  for (int i = 0; i < 20; ++i) Register(PackageRequest(L"5"));
   EXPECT_EQ(machine.packages.Handlers(L"ann"), 20U);
   Manager::clear_events();
   EXPECT_EQ(machine.packages.Handlers(L"ann"), 0U);
@@ -197,8 +155,8 @@ TEST_F(PackageEventTest, EndsItsWatchersWithoutWaitingOutAStep) {
 
 TEST_F(PackageEventTest, WatchesAStoredRequestAcrossLogOffsUntilItsCommandHasRun) {
   for (const bool loggedOff : {true, false}) {
-    RegisterAppPackageEvent(Notifying(L"5"), nullptr);
-    EXPECT_EQ(Stored(), L"[" + Notifying(L"5") + L"]");
+    RegisterAppPackageEvent(PackageRequest(L"5"), nullptr);
+    EXPECT_EQ(Stored(), L"[" + PackageRequest(L"5") + L"]");
     if (loggedOff) {
       Manager::clear_events();
       RegisterExistingPackageCatalogManagerRequests(nullptr);
@@ -226,8 +184,8 @@ TEST(PackageEventStress, SurvivesEverythingAtOnce) {
   std::atomic<int> completions{0};
   const auto count = [&](const std::wstring&) { ++completions; };
   const std::vector<std::function<void()>> jobs{
-      [&] { Manager::register_event(Notifying(L"5"), count); },
-      [&] { Manager::register_event(Notifying(L"7", L"Other"), count); },
+      [&] { Manager::register_event(PackageRequest(L"5"), count); },
+      [&] { Manager::register_event(PackageRequest(L"7", L"Other"), count); },
       [&] { simulated.packages.Notify(L"ann", FakeUninstall(kFamily)); },
       [&] { simulated.packages.Notify(L"ann", FakeUninstall(L"Other")); },
       // Runs rarely, so that some events live long enough to fire.
@@ -236,7 +194,7 @@ TEST(PackageEventStress, SurvivesEverythingAtOnce) {
         Manager::clear_events();
       },
       [&] {
-        SubscribeForAppPackageEventRequest request(Notifying(L"5"));
+        SubscribeForAppPackageEventRequest request(PackageRequest(L"5"));
         request.RegisterPackageEvent(nullptr);
       },
   };

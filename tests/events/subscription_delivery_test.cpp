@@ -4,6 +4,7 @@
 
 #include <gmock/gmock.h>
 
+#include <algorithm>
 #include <chrono>
 #include <functional>
 #include <mutex>
@@ -18,8 +19,7 @@
 
 #include "events/power_events.h"
 #include "events/zephra_events.h"
-#include "platform/kernel_objects.h"
-#include "platform/thread.h"
+#include "platform/unique_handle.h"
 #include "storage/cap_data_store.h"
 #include "storage/service_document.h"
 #include "support/log_trap.h"
@@ -90,34 +90,9 @@ TEST_F(DeliveryTest, DiscardsWhatAModernStandbyCutsShortUnlessItCutsLittle) {
   }
 }
 
-// The kernel objects of a machine on which another program holds the name of every event.
-class TakenEventNames final : public Platform::KernelObjects {
- public:
-  Platform::Result<Platform::UniqueHandle> MakeMutex(const std::wstring& name) override {
-    return real.MakeMutex(name);
-  }
-  Platform::Result<Locked> LockMutex(Platform::RawHandle mutex) override {
-    return real.LockMutex(mutex);
-  }
-  Platform::ErrorCode UnlockMutex(Platform::RawHandle mutex) override {
-    return real.UnlockMutex(mutex);
-  }
-  Platform::Result<Platform::UniqueHandle> MakeManualEvent(const std::wstring& name) override {
-    if (!taken) return real.MakeManualEvent(name);
-    return Platform::Result<Platform::UniqueHandle>::Failure(ERROR_INVALID_HANDLE);
-  }
-  Platform::ErrorCode Signal(Platform::RawHandle event) override { return real.Signal(event); }
-
-  bool taken = true;
-
- private:
-  Platform::KernelObjects& real = *Platform::WindowsMachine().kernelObjects;
-};
-
 TEST_F(DeliveryTest, ReportsOnceThatTheStandbyEventsNameIsTakenAndWaits) {
-  TakenEventNames names;
-  const Platform::MachineScope taken(
-      [&](Platform::Machine& platform) { platform.kernelObjects = &names; });
+  constexpr wchar_t kName[] = L"{CE7DC567-F47B-4A07-8489-C9DEB372B88F}";
+  Platform::UniqueHandle otherProgram;
   const std::wstring request = Request(L"powerEvent", LR"(,"delayDeliverySec":"1")");
   const std::vector<std::wstring> waited{kManager + std::wstring(L"delay start: 1"),
                                          kManager + std::wstring(L"delay end: 1"),
@@ -129,6 +104,7 @@ TEST_F(DeliveryTest, ReportsOnceThatTheStandbyEventsNameIsTakenAndWaits) {
     return log.Lines();
   };
   for (int round = 0; round < 2; ++round) {
+    otherProgram.reset(CreateMutexW(nullptr, FALSE, kName));
     std::vector<std::wstring> reported = waited;
     reported.insert(reported.begin() + 1,
                     L"warning|Another program has given the name "
@@ -136,12 +112,9 @@ TEST_F(DeliveryTest, ReportsOnceThatTheStandbyEventsNameIsTakenAndWaits) {
                     L"Modern Standby is not noticed until that object is gone.");
     EXPECT_EQ(deliver(), reported);
     EXPECT_EQ(deliver(), waited);
-    names.taken = false;
+    otherProgram.reset();
     EXPECT_EQ(deliver(), waited);
-    names.taken = true;
   }
-  names.taken = false;
-  deliver();
 }
 
 TEST_F(DeliveryTest, LogsACommandThatFailsAndRunsTheNext) {
@@ -167,36 +140,18 @@ TEST_F(DeliveryTest, LogsACommandThatFailsAndRunsTheNext) {
   EXPECT_EQ(log.Lines().back(), std::wstring(kManager) + L"Executed: " + Request(L"powerEvent"));
 }
 
-// Counts the workers that are started.
-class CountingThreads final : public Platform::Threads {
- public:
-  explicit CountingThreads(Platform::Threads& others) : threads(others) {}
-  Platform::Result<Platform::UniqueHandle> Start(std::function<void()> body) override {
-    ++started;
-    return threads.Start(std::move(body));
-  }
-  std::size_t started = 0;
-
- private:
-  Platform::Threads& threads;
-};
-
 class ReplayTest : public DeliveryTest {
  protected:
   // Returns how many workers an event starts for the stored list, once they have ended.
-  std::size_t Replay(const DeliveryKind& kind, const std::wstring& list) {
+  std::ptrdiff_t Replay(const DeliveryKind& kind, const std::wstring& list) {
     Storage::CapDataStore().mergeMember(kServiceDocument, kind.storeKey,
                                         Storage::BsonElement::Text(list));
-    threads.started = 0;
+    machine.faults.Clear();
     log.Clear();
     FulfillSubscriptions(kind, kEvent);
     machine.clock.Settle();
-    return threads.started;
+    return std::ranges::count(machine.faults.Calls(), "Threads.Start");
   }
-
-  CountingThreads threads{*Platform::CurrentMachine().threads};
-  Platform::MachineScope counted{
-      [this](Platform::Machine& platform) { platform.threads = &threads; }};
 };
 
 TEST_F(ReplayTest, StartsAWorkerUnlessAValidRequestIsForAnotherEvent) {
@@ -206,7 +161,7 @@ TEST_F(ReplayTest, StartsAWorkerUnlessAValidRequestIsForAnotherEvent) {
   const struct {
     const char* name;
     std::wstring request;
-    std::size_t workers;
+    std::ptrdiff_t workers;
     const wchar_t* lastLine;  // empty: no line
   } cases[] = {
       {"another event", std::wstring(kOther) + L"2" + kParameters, 0, L""},
@@ -237,7 +192,7 @@ TEST_F(ReplayTest, OfTenThousandRunsTheHundredThatMatchAndNoOther) {
     if (i % 100 != 0) request.replace(request.find(L":7"), 2, L":8");
     list += request + (i == 9'999 ? L"]" : L",");
   }
-  EXPECT_EQ(Replay(kPowerEvents, list), 100U);
+  EXPECT_EQ(Replay(kPowerEvents, list), 100);
   EXPECT_EQ(Sent().size(), 100U);
 }
 
