@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "gmock/gmock.h"
+#include "support/thread_identity.h"
 #include "support/winrt_fakes.h"
 
 #include <combaseapi.h>
@@ -110,6 +111,26 @@ TEST_F(PackageCatalogTest, ThrowsTheFailureOfEachStepAndLeavesNothing) {
 TEST_F(PackageCatalogTest, ThrowsWhenNoCatalogIsPutOut) {
   answerNothing = true;
   EXPECT_THROW(OpenWindowsPackageCatalog(), Platform::WindowsRuntimeError);
+}
+
+class CatalogApartmentTest : public Tests::RuntimeTest {};
+
+TEST_F(CatalogApartmentTest, IsTheMultithreadedOneWhereverTheCallerIs) {
+  for (const auto callers : {RO_INIT_SINGLETHREADED, RO_INIT_MULTITHREADED}) {
+    for (const bool impersonates : {false, true}) {
+      ASSERT_EQ(RoInitialize(callers), S_OK);
+      if (impersonates) ImpersonateSelf(SecurityImpersonation);
+      auto catalog = OpenWindowsPackageCatalog();
+      EXPECT_EQ(catalogApartment, APTTYPE_MTA);
+      EXPECT_EQ(openedAsAnother, impersonates);
+      EXPECT_EQ(Tests::ThreadActsAsAnother(), impersonates);
+      FailCall(1);
+      EXPECT_THROW(OpenWindowsPackageCatalog(), WindowsRuntimeError);
+      catalog.reset();
+      RevertToSelf();
+      RoUninitialize();
+    }
+  }
 }
 
 TEST(PackageCatalogWithoutRuntimeTest, ThrowsWhereWindowsHasNoCatalog) {
