@@ -1,33 +1,28 @@
-"""What scripts/mutants runs: builds what a fault touches in `release`, in a copy below build/mutants,
-and runs the tests until one fails, those that mirror the fault's folder first, the slowest last. A
-fault that does not compile, or changes no object file, counts as not planted, and another is drawn.
-The choice depends on SEED and the text of src alone. Results are appended to
-build/mutants/SEED-HASH.txt (HASH: of all files but the pages), so that an interrupted run resumes.
+"""What scripts/mutants runs: builds what a fault touches in `release`, in a clone below build/mutants
+of the commit that is checked out, and runs the tests (under the command MUTANTS_UNDER, if set) until
+one fails, those that mirror the fault's folder first, the slowest last. A fault that does not compile,
+or changes no object file, is not planted, and another is drawn. A time-out ends the judging and is not
+a kill. After MINUTES no fault is begun, and the next call resumes: build/mutants keeps the tests' times
+(COMMIT.json) and the results (SEED-COMMIT.txt). SEED and the text of src decide which faults are drawn.
 """
-import hashlib, itertools, json, os, pathlib, re, shutil, signal, subprocess, sys, time
+import hashlib, itertools, json, os, pathlib, re, shutil, subprocess, sys, time
 
+under, kTimeOuts = os.environ.get("MUTANTS_UNDER", "").split(), (124, 137)
 work = pathlib.Path("build/mutants").resolve()
 tree, pristine = work / "tree", work / "wine"
 build, prefix = tree / "build/release", tree / "build/release/wine"
-turned = dict(zip(("==", "!=", "<", "<=", ">", ">=", "true", "false"),
-                  ("!=", "==", "<=", "<", ">=", ">", "false", "true")))
+ninja = ("ninja", "-C", build)
+turned = dict(zip("== != < <= > >= true false".split(), "!= == <= < >= > false true".split()))
 
 
-def run(*command, timeout=None, **options):
-    """Returns the exit status, or "time-out" after ending the whole group of processes."""
-    child = subprocess.Popen(command, start_new_session=True, stdin=subprocess.DEVNULL,
-                             stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, **options)
-    try:
-        return child.wait(timeout)
-    except BaseException as error:
-        os.killpg(child.pid, signal.SIGKILL)
-        if not isinstance(error, subprocess.TimeoutExpired):
-            raise
-        return "time-out"
+def objects():
+    return hashlib.sha256(b"".join(f.read_bytes() for f in sorted(build.glob("src/**/*.obj")))).hexdigest()
 
 
-def ninja(*targets):
-    return run("ninja", "-C", build, *targets, timeout=1800) == 0
+def run(*command, seconds=1800, **options):
+    """Returns the exit status. It is one of kTimeOuts if the time runs out, which ends the command."""
+    quiet = dict.fromkeys(("stdin", "stdout", "stderr"), subprocess.DEVNULL)
+    return subprocess.call([*under, "timeout", "--foreground", "-k5", f"{seconds:.0f}", *command], **quiet, **options)
 
 
 def masked(text):
@@ -66,70 +61,75 @@ def draw(seed):
             around = f"{seed}|{kind}|{name}|{text[start:text.find(chr(10), first)]}|{first - start}"
             title = (f"{name}:{text.count(chr(10), 0, first) + 1}:{first - start + 1} {kind} "
                      f"'{' '.join(text[first:last].split())[:60]}' -> '{new.strip()}'")
-            kinds[kind].append((hashlib.sha256(around.encode()).hexdigest(), first, last, new, name, title))
-    rows = itertools.zip_longest(*(sorted(faults) for faults in kinds.values()))
+            kinds[kind].append((hashlib.sha256(around.encode()).digest(), first, last, new, name, title))
+    rows = itertools.zip_longest(*map(sorted, kinds.values()))
     return (fault[1:] for row in rows for fault in row if fault)
 
 
-def copy_checkout():
-    """Makes the copy like the checkout, touching only files that differ; returns its hash."""
-    listed = subprocess.check_output(["git", "ls-files"], text=True).splitlines()
-    texts = {name: pathlib.Path(name).read_bytes() for name in listed if os.path.isfile(name)}
-    for old in [*tree.glob("*/**/*"), *tree.glob("*")]:
-        if old.is_file() and tree / "build" not in old.parents and str(old.relative_to(tree)) not in texts:
-            old.unlink()
-    for name, text in texts.items():
-        target = tree / name
-        target.parent.mkdir(parents=True, exist_ok=True)
-        if not target.exists() or target.read_bytes() != text:
-            shutil.copy(name, target)
-    parts = (name.encode() + text for name, text in texts.items() if not name.endswith(".md"))
-    return hashlib.sha256(b"".join(parts)).hexdigest()[:12]
+def check_out():
+    """Brings the copy to the commit that is checked out here, and returns that. Touches what differs only."""
+    commit = subprocess.check_output(["git", "rev-parse", "HEAD"], text=True).strip()
+    if not tree.exists():
+        subprocess.check_call(["git", "clone", "-q", "--no-checkout", ".", tree])
+    subprocess.check_call(["git", "-C", tree, "fetch", "-q", os.getcwd(), commit])
+    subprocess.check_call(["git", "-C", tree, "checkout", "-q", "-f", "--detach", commit])
+    return commit[:12]
 
 
-def objects():
-    return hashlib.sha256(b"".join(f.read_bytes() for f in sorted(build.glob("src/**/*.obj")))).digest()
+def use_prefix(command):
+    """Kills what runs in the Wine prefix (-k) and restores it, or waits for that (-w) and keeps a copy."""
+    run("wineserver", command, env={**os.environ, "WINEPREFIX": str(prefix)})
+    source, target = (pristine, prefix) if command == "-k" else (prefix, pristine)
+    shutil.rmtree(target, ignore_errors=True)
+    run("cp", "-a", source, target)
 
 
 def judge(name, tests):
     """Returns what became of the fault in the source NAME."""
-    near = "tests/" + name.split("/")[1]
-    for test in sorted(tests, key=lambda test: (test["folder"] != str(build / near), test["seconds"])):
-        if not ninja(*([f"{near}/all"] if test["folder"] == str(build / near) else [])):
-            return f"killed by the build of {test['name']}"
-        status = run(*test["command"], cwd=test["folder"], timeout=60 + 4 * test["seconds"])
-        if status != 0:  # what the test may have left behind is not for the next fault
-            run("wineserver", "-k", env={**os.environ, "WINEPREFIX": str(prefix)}, timeout=60)
-            shutil.rmtree(prefix)
-            run("cp", "-a", pristine, prefix)
-            return f"killed by {test['name']}" + (", time-out" if status == "time-out" else "")
+    near = str(build / "tests" / name.split("/")[1])
+    for test in sorted(tests, key=lambda test: (test["folder"] != near, test["seconds"])):
+        at = "the build of " + test["name"]
+        status = run(*ninja, os.path.relpath(near, build) + "/all" if test["folder"] == near else "all")
+        if status == 0:
+            at, status = test["name"], run(*test["command"], cwd=test["folder"], seconds=60 + 4 * test["seconds"])
+        if status != 0:
+            use_prefix("-k")  # what the test may have left behind is not for the next fault
+            return f"time-out of {at}" if status in kTimeOuts else f"killed by {at}"
     return "survived"
 
 
-def main(count, seed):
-    log = work / f"{seed}-{copy_checkout()}.txt"
-    done = dict(line.rsplit(" | ", 1) for line in log.read_text().splitlines()) if log.exists() else {}
-    # No warnings, so that an unused variable does not keep a fault from being planted.
-    if run("cmake", "--preset", "release", "-DCMAKE_CXX_FLAGS=-w", cwd=tree) or not ninja():
+def faultless():
+    """Builds all, without warnings, since a fault may cause one. Returns the objects' hash and the timed tests."""
+    if run("cmake", "--preset", "release", "-DCMAKE_CXX_FLAGS=-w", cwd=tree) or run(*ninja):
         sys.exit("the sources do not build without a fault")
     tests = json.loads(subprocess.check_output(["ctest", "--show-only=json-v1"], cwd=build))["tests"]
     for test in tests:
         test["folder"] = next(p["value"] for p in test["properties"] if p["name"] == "WORKING_DIRECTORY")
         start = time.monotonic()
-        if run(*test["command"], cwd=test["folder"], timeout=900) != 0:
+        if run(*test["command"], cwd=test["folder"], seconds=900) != 0:
             sys.exit(f"{test['name']} fails without a fault")
         test["seconds"] = time.monotonic() - start
-    run("wineserver", "-w", env={**os.environ, "WINEPREFIX": str(prefix)}, timeout=120)
-    shutil.rmtree(pristine, ignore_errors=True)
-    run("cp", "-a", prefix, pristine)
+    use_prefix("-w")
+    return objects(), tests
+
+
+def main(count, seed, minutes):
+    end, commit = time.monotonic() + 60 * minutes, check_out()
+    log, kept, results = work / f"{seed}-{commit}.txt", work / f"{commit}.json", {}
+    if not kept.exists():
+        kept.write_text(json.dumps(faultless()))
+    hashed, tests = json.loads(kept.read_text())
+    use_prefix("-k")
+    done = dict(line.rsplit(" | ", 1) for line in log.read_text().splitlines()) if log.exists() else {}
     sources = [f"src/{folder.name}/all" for folder in (build / "src").iterdir() if folder.is_dir()]
-    faultless, results = objects(), {}
-    for first, last, new, name, title in itertools.takewhile(lambda _: len(results) < count, draw(seed)):
+    for first, last, new, name, title in draw(seed):
+        if len(results) == count or time.monotonic() > end:
+            break
         if title not in done:
             text = (tree / name).read_text()
             try:
                 (tree / name).write_text(text[:first] + new + text[last:])
-                planted = ninja(*sources) and objects() != faultless
+                planted = run(*ninja, *sources) == 0 and objects() != hashed
                 done[title] = judge(name, tests) if planted else "not planted"
             finally:
                 (tree / name).write_text(text)
@@ -137,8 +137,8 @@ def main(count, seed):
             print(f"{title} | {done[title]}", flush=True)
         if done[title] != "not planted":
             results[title] = done[title]
-    survivors = [title for title, result in results.items() if result == "survived"]
-    print(f"{len(results) - len(survivors)} of {len(results)} killed; survivors:", *survivors, sep="\n  ")
+    others = [f"{result}: {title}" for title, result in results.items() if not result.startswith("killed")]
+    print(f"{len(results) - len(others)} of {len(results)} killed; others:", *others, sep="\n  ")
 
 
-main(int(sys.argv[1]), sys.argv[2])
+main(int(sys.argv[1]), sys.argv[2], float(sys.argv[3]))
