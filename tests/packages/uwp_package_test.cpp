@@ -170,12 +170,24 @@ struct Destroyer {
 class UwpPackageModelTest : public UwpPackageTest {
  protected:
   std::unique_ptr<UwpPackageModel, Destroyer> model{CreateUwpPackageModel()};
+  std::uint32_t length = 0;
+  std::int32_t number = 0;
+  std::uint64_t version = 0;
+  const std::function<std::int32_t()> operations[4] = {
+      [this] {
+        wchar_t name[64] = {};
+        length = 64;
+        return model->FindPackageFullName(kFamily, name, &length);
+      },
+      [this] { return model->ShouldForceRegistration(kUser, kFullName, &number); },
+      [this] { return model->Register(kFullName); },
+      [this] { return model->GetOriginAndVersion(kFamily, &number, &version); },
+  };
 };
 
 TEST_F(UwpPackageModelTest, WritesTheNameIntoABufferThatIsLargeEnough) {
   Install();
   constexpr auto needed = static_cast<std::uint32_t>(std::size(kFullName));
-  std::uint32_t length = 0;
   EXPECT_EQ(model->FindPackageFullName(kFamily, nullptr, &length), Hresult(0x8007007A));
   EXPECT_EQ(length, needed);
 
@@ -208,7 +220,6 @@ TEST_F(UwpPackageModelTest, AnswersRegistrationOriginAndVersion) {
   EXPECT_EQ(force, 0);
 
   std::int32_t origin = 0;
-  std::uint64_t version = 0;
   EXPECT_EQ(model->GetOriginAndVersion(kFamily, &origin, &version), 0);
   EXPECT_EQ(origin, 3);
   EXPECT_EQ(version, kVersion);
@@ -238,29 +249,22 @@ TEST_F(UwpPackageModelTest, TurnsEachFailureIntoACodeAndAText) {
 TEST_F(UwpPackageModelTest, ReportsThatMemoryRanOutOrSucceeds) {
   Install();
   std::int32_t result = 0;
-  std::int32_t force = 0;
-  std::uint64_t version = 0;
-  const std::function<void()> operations[] = {
-      [&] { result = model->ShouldForceRegistration(kUser, kFullName, &force); },
-      [&] { result = model->Register(kFullName); },
-      [&] { result = model->GetOriginAndVersion(kFamily, &force, &version); },
-      [&] { result = model->Register(L"Unknown_1.0.0.0_x64__p"); },
-  };
-  for (const auto& operation : operations) {
-    operation();
-    const std::int32_t usual = result;
+  const auto expectReported = [&](const std::function<std::int32_t()>& operation) {
+    const std::int32_t usual = operation();
     for (const auto kind : {Tests::Shortage::Once, Tests::Shortage::Lasting}) {
-      Tests::FailEachAllocation(kind, operation, [&] {
-        EXPECT_THAT(result, ::testing::AnyOf(usual, Hresult(0x8007000E)));
-        EXPECT_FALSE(machine.users.Acting());
-      });
+      Tests::FailEachAllocation(
+          kind, [&] { result = operation(); },
+          [&] {
+            EXPECT_THAT(result, ::testing::AnyOf(usual, Hresult(0x8007000E)));
+            EXPECT_FALSE(machine.users.Acting());
+          });
     }
-  }
+  };
+  for (const auto& operation : operations) expectReported(operation);
+  expectReported([&] { return model->Register(L"Unknown_1.0.0.0_x64__p"); });
 }
 
 TEST_F(UwpPackageModelTest, RefusesNullArgumentsWithoutAskingTheMachine) {
-  std::int32_t number = 0;
-  std::uint64_t version = 0;
   const std::int32_t answers[] = {
       model->FindPackageFullName(nullptr, nullptr, nullptr),
       model->FindPackageFullName(kFamily, nullptr, nullptr),
@@ -274,6 +278,51 @@ TEST_F(UwpPackageModelTest, RefusesNullArgumentsWithoutAskingTheMachine) {
   };
   EXPECT_THAT(answers, ::testing::Each(Hresult(0x80004003)));
   EXPECT_THAT(machine.faults.Calls(), IsEmpty());
+}
+
+// The host calls while it acts as its client bob. Ann is at the console and has the package.
+class CallerIdentityTest : public UwpPackageModelTest {
+ protected:
+  CallerIdentityTest() {
+    machine.users.Add(L"bob");
+    Install();
+    ActAsBob();
+  }
+  void TearDown() override {}  // the caller still acts
+
+  void ActAsBob() { machine.users.Impersonate(machine.users.TokenOf(L"bob")->get()); }
+  std::wstring Acting() const {
+    const auto user = machine.users.Acting();
+    return user ? user->name : L"the service";
+  }
+};
+
+TEST_F(CallerIdentityTest, IsPutAsideAndRestored) {
+  for (const auto& operation : operations) {
+    EXPECT_EQ(operation(), 0);
+    EXPECT_EQ(Acting(), L"bob");
+  }
+  EXPECT_EQ(length, std::size(kFullName)) << "the package of ann";
+  EXPECT_LT(model->Register(L"Unknown_1.0.0.0_x64__p"), 0);
+  EXPECT_EQ(Acting(), L"bob") << "also after a failure";
+}
+
+TEST_F(CallerIdentityTest, ThatCannotBePutAsideOrRestoredFailsTheOperation) {
+  for (const auto& operation : operations) {
+    machine.faults.FailNamed("Sessions.ThreadToken");
+    EXPECT_EQ(operation(), Hresult(0x80070005));
+    EXPECT_EQ(Acting(), L"bob");
+    EXPECT_THAT(machine.faults.Calls(), Not(Contains(StartsWith("Packages."))));
+
+    machine.faults.FailNamed("Sessions.Resume");
+    EXPECT_EQ(operation(), Hresult(0x80070005));
+    EXPECT_STREQ(model->LastError(), L"SetThreadToken failed with 0x5");
+    EXPECT_EQ(Acting(), L"the service");
+    ActAsBob();
+  }
+  machine.packages.SetRegistration({Hresult(0x80070006), L"broken"}, {});
+  EXPECT_EQ(model->Register(kFullName), Hresult(0x80070005))
+      << "that matters more than a deployment";
 }
 
 }  // namespace
