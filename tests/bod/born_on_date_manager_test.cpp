@@ -3,7 +3,6 @@
 #include <cstring>
 #include <stdexcept>
 #include <string>
-#include <system_error>
 #include <vector>
 
 #include <windows.h>
@@ -124,30 +123,6 @@ TEST_F(BornOnDateManagerTest, RefusesADateThatTheFirmwareCannotTake) {
     EXPECT_STREQ(error.what(), "BornOnDateManager::conditionally_set - date was invalid");
   }
   EXPECT_EQ(firmware.BornOnDate(), "");
-}
-
-TEST_F(BornOnDateManagerTest, AFailedCommandIsThrownWithItsResultAndName) {
-  constexpr auto kDenied = static_cast<std::int32_t>(0x80041003);
-  static constexpr const char* kCommands[] = {
-      "Command: BIOS WMI Read, Command type: Warranty",
-      "Command: BIOS WMI Read, Command type: BIOS features",
-      "Command: BIOS WMI Write, Command type: Warranty",
-  };
-  unsigned succeeding = 0;
-  for (const char* command : kCommands) {
-    SCOPED_TRACE(command);
-    firmware.FailAfter("ExecMethod", succeeding++, kDenied);
-    try {
-      manager.conditionally_set("");
-      ADD_FAILURE() << "nothing was thrown";
-    } catch (const std::system_error& error) {
-      EXPECT_EQ(error.code(), std::error_code(kDenied, std::generic_category()));
-      EXPECT_THAT(error.what(), ::testing::StartsWith(
-                                    std::string("VxBiosWmi::ExecuteCommand failure - ") + command));
-    }
-    EXPECT_EQ(firmware.OpenInitializations(), 0);
-    EXPECT_EQ(firmware.BornOnDate(), "");
-  }
 }
 
 TEST_F(BornOnDateManagerTest, AnUnreadableFirmwareMeansSixDigitsAndStoresNoDate) {
