@@ -169,14 +169,18 @@ class RealLaunchTest : public testing::Test {
   Tests::LogCapture log;
 };
 
-TEST_F(RealLaunchTest, StartsATrustedProgramAndReportsIt) {
-  const std::wstring path = folder.Hold(L"pinned.exe");
+TEST_F(RealLaunchTest, StartsATrustedProgramOnTheUsersDesktopAndReportsIt) {
+  const Tests::EnvironmentOverride own(L"VX_PROBE", L"of the service");
+  const std::wstring path = folder / L"a tool.exe";
+  std::filesystem::copy_file(Tests::PkiFile(L"pinned.exe"), path);
   Command(path).Execute();
 
   const auto report = Tests::WaitForProbe(path + L".out");
   ASSERT_TRUE(report);
   EXPECT_EQ(report->commandLine, L"\"" + path + L"\" one \"two three\"");
   EXPECT_EQ(report->workingDirectory, folder.Path());
+  EXPECT_FALSE(report->HasVariable(L"VX_PROBE=of the service"));
+  EXPECT_THAT(report->lines, Contains(L"desktop=winsta0\\default"));
   const auto lines = log.Lines();
   ASSERT_GE(lines.size(), 3U);
   EXPECT_EQ(lines.front(), LockLine(path, L"succeeded"));

@@ -48,15 +48,6 @@ class WaitingDeliveriesTest : public Tests::StoreTest {
   }
 };
 
-TEST_F(WaitingDeliveriesTest, ADelayThatCannotBeKeptIsDroppedAtOnce) {
-  Deliver(Delayed(L"2147483647"));
-  EXPECT_THAT(log.Lines(),
-              ElementsAre(L"info|PowerEventManager::handle_event delay start: 2147483647",
-                          L"info|PowerEventManager::handle_event delay end: 2147483647",
-                          L"info|PowerEventManager::handle_event Event discarded, 0 ms"));
-  EXPECT_EQ(machine.clock.Workers(), 0U);
-}
-
 TEST_F(WaitingDeliveriesTest, TheSixtyFifthOfOneSubscriptionIsDropped) {
   const std::wstring request = Delayed(L"10");
   for (int i = 0; i < 64; ++i) Deliver(request);

@@ -1,6 +1,5 @@
 #include "launch/session_launch.h"
 
-#include <filesystem>
 #include <memory>
 #include <string>
 #include <vector>
@@ -9,16 +8,12 @@
 
 #include "security/trusted_program.h"
 #include "support/machine_test.h"
-#include "support/probe.h"
-#include "support/stand_in_logon.h"
-#include "support/temp_folder.h"
 #include "support/test_pki.h"
 
 namespace Vx::Tessel::Server::Services::Orvane {
 
 namespace {
 
-using testing::Contains;
 using testing::SizeIs;
 
 constexpr wchar_t kLogon[] = L"C:\\Windows\\System32\\winlogon.exe";
@@ -78,29 +73,6 @@ TEST_F(SessionLaunchTest, AnswersZeroWithoutATokenAnEnvironmentOrAStart) {
   }
   EXPECT_THAT(machine.processes.Started(), SizeIs(0));
   EXPECT_EQ(processId, 0U);
-}
-
-// Starts a real program with the token of a process that has the logon process's name.
-TEST(RealSessionLaunchTest, StartsOnTheUsersDesktopWithoutTheServicesOwnVariables) {
-  const Tests::TempFolder userFolder;
-  const Tests::StandInLogon logon(userFolder.Path().wstring());
-  const Tests::EnvironmentOverride own(L"VX_PROBE", L"of the service");
-  const Tests::ProtectedFolder folder;
-  const std::wstring path = folder / L"a tool.exe";
-  std::filesystem::copy_file(Tests::PkiFile(L"pinned.exe"), path);
-  const auto program = Security::TrustedProgram::Check(path);
-  ASSERT_NE(program, nullptr);
-  const std::uint32_t session = Platform::CurrentMachine().sessions->ActiveConsoleSession();
-  std::uint32_t processId = 0;
-  EXPECT_NE(LaunchProcessInSession(*program, L"one \"two three\"", {}, session, processId), 0);
-  EXPECT_NE(processId, 0U);
-
-  const auto report = Tests::WaitForProbe(path + L".out");
-  ASSERT_TRUE(report);
-  EXPECT_EQ(report->commandLine, L"\"" + path + L"\" one \"two three\"");
-  EXPECT_EQ(report->workingDirectory, folder.Path());
-  EXPECT_FALSE(report->HasVariable(L"VX_PROBE=of the service"));
-  EXPECT_THAT(report->lines, Contains(L"desktop=winsta0\\default"));
 }
 
 }  // namespace
