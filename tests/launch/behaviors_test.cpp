@@ -179,18 +179,6 @@ TEST_F(RegistrationDataTest, CopiesTheMachinesDataOverTheUsersWithTheUsersRights
   EXPECT_EQ(accesses, 8);
 }
 
-TEST_F(RegistrationDataTest, NamesTheSideThatFailed) {
-  EXPECT_FALSE(CopyRegistrationData(L"client", logger));
-  EXPECT_EQ(log.Lines().back(), L"error|Error while copying source file " + Source().wstring());
-  EXPECT_EQ(log.Callers().back(), L"client");
-  Write(Source(), "x");
-  std::filesystem::remove(Destination().parent_path());
-  EXPECT_FALSE(RefreshRegistrationData(logger));
-  EXPECT_EQ(log.Lines().back(),
-            L"error|Error while copying destination file " + Destination().wstring());
-  EXPECT_EQ(log.Callers().back(), L"Win10SSwitch");
-}
-
 // A folder of files and the log lines about them.
 class TextFileTest : public ::testing::Test {
  protected:
