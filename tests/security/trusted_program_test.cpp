@@ -11,7 +11,6 @@
 #include "platform/files.h"
 #include "platform/machine.h"
 #include "platform/unique_handle.h"
-#include "security/authenticode_helper.h"
 #include "support/directory_link.h"
 #include "support/log_capture.h"
 #include "support/log_trap.h"
@@ -121,24 +120,6 @@ TEST(TrustedProgramTest, OpensNothingWhoseTextIsNoFileInAnAllowedPlace) {
   }
   EXPECT_FALSE(ConnectNamedPipe(server.get(), nullptr));
   EXPECT_EQ(GetLastError(), DWORD{ERROR_PIPE_LISTENING}) << "nothing has connected";
-}
-
-TEST(FileLock, KeepsTheFileFromBeingReplacedUntilItGoes) {
-  const Tests::TempFolder folder;
-  const std::wstring path = folder / L"held.exe";
-  Platform::Files& files = *Platform::CurrentMachine().files;
-  ASSERT_EQ(files.Touch(path), 0U);
-  const std::wstring line =
-      L"info|Vx::Tessel::Security::VxAuthenticodeHelper::AquireFileReadOnlyLock(" + path + L") : ";
-  const VxAuthenticodeHelper helper;
-  const Tests::LogCapture log;
-  {
-    const auto lock = helper.AquireFileReadOnlyLock(path);
-    EXPECT_NE(files.Remove(path), 0U);
-  }
-  EXPECT_EQ(files.Remove(path), 0U);
-  EXPECT_EQ(helper.AquireFileReadOnlyLock(path), nullptr);
-  EXPECT_THAT(log.Lines(), ElementsAre(line + L"succeeded", line + L"FAILED"));
 }
 
 }  // namespace

@@ -4,7 +4,6 @@
 #include <cwchar>
 #include <memory>
 #include <string>
-#include <thread>
 
 #include "gmock/gmock.h"
 #include "platform/machine.h"
@@ -192,14 +191,6 @@ TEST_F(PackageDeploymentTest, ReportsWhatTheDeploymentSaysOfItsFailure) {
     EXPECT_EQ(registration.result, c.result);
     EXPECT_EQ(registration.errorText, errorText);
   }
-}
-
-TEST_F(PackageDeploymentTest, WaitsForADeploymentThatEndsLater) {
-  deployment.onRequest = true;
-  std::thread system([this] { CompletePendingOnes(1); });
-  EXPECT_EQ(WindowsMachine().packages->Register(kFirst, 10s).result, S_OK);
-  EXPECT_EQ(cancelled, 0);
-  system.join();
 }
 
 TEST_F(PackageDeploymentTest, GivesUpAndCancelsADeploymentThatDoesNotEnd) {
