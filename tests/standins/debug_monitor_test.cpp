@@ -36,12 +36,15 @@ class Monitor {
       : bufferReady(CreateEventW(nullptr, FALSE, TRUE, L"DBWIN_BUFFER_READY")),
         dataReady(CreateEventW(nullptr, FALSE, FALSE, L"DBWIN_DATA_READY")),
         buffer(CreateFileMappingW(INVALID_HANDLE_VALUE, nullptr, protection, 0, kBufferSize,
-                                  L"DBWIN_BUFFER")) {}
+                                  L"DBWIN_BUFFER")),
+        view(static_cast<const char*>(
+            MapViewOfFile(buffer.get(), FILE_MAP_READ, 0, 0, kBufferSize))) {}
+  Monitor(const Monitor&) = delete;
+  Monitor& operator=(const Monitor&) = delete;
+  ~Monitor() { UnmapViewOfFile(view); }
 
   // The texts that this process writes until the first line feed.
   std::string ReadLine() const {
-    const char* view =
-        static_cast<const char*>(MapViewOfFile(buffer.get(), FILE_MAP_READ, 0, 0, kBufferSize));
     std::string line;
     while (line.empty() || line.back() != '\n') {
       if (WaitForSingleObject(dataReady.get(), 20'000) != WAIT_OBJECT_0) break;
@@ -50,18 +53,14 @@ class Monitor {
       if (writer == GetCurrentProcessId()) line += view + sizeof writer;
       SetEvent(bufferReady.get());
     }
-    UnmapViewOfFile(view);
     return line;
   }
 
   // Whether nothing lies in the buffer behind the text.
   bool HoldsTheTextAlone() const {
-    const char* view =
-        static_cast<const char*>(MapViewOfFile(buffer.get(), FILE_MAP_READ, 0, 0, kBufferSize));
     const char* end = view + kBufferSize;
     const bool alone = std::all_of(std::find(view + sizeof(DWORD), end, '\0'), end,
                                    [](char c) { return c == '\0'; });
-    UnmapViewOfFile(view);
     return alone;
   }
 
@@ -69,6 +68,7 @@ class Monitor {
   UniqueHandle bufferReady;
   UniqueHandle dataReady;
   UniqueHandle buffer;
+  const char* view;
 };
 
 void Log(const std::wstring& text) {
