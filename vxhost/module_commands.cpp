@@ -19,6 +19,8 @@
 #include "vxhost/scenario.h"
 #include "vxhost/text.h"
 #include "vxhost/theatre.h"
+#include "vxhost/timeline_page.h"
+#include "vxhost/timeline_picture.h"
 
 namespace Vx::Host {
 
@@ -75,6 +77,7 @@ struct ScenarioOptions {
   std::vector<std::string> scenarios;
   std::vector<std::string> definitions;
   std::string junit;
+  std::string timeline;
 };
 
 // Scenarios that are to be played, all of which are read before the first is.
@@ -118,11 +121,30 @@ void Play(const ModuleOptions& module, const Scenario& scenario, Console& consol
   played.entries = stage.record.Entries();
 }
 
+constexpr char kMet[] = "Everything that was expected happened.";
+constexpr char kUnmet[] = "Not everything that was expected happened";
+
+// The page of one scenario, also of one that broke off.
+void WriteTimeline(const std::string& file, const std::vector<PlayedScenario>& played) {
+  const PlayedScenario& one = played.front();
+  PageHead head{.title = Wide(one.file.substr(one.file.find_last_of("/\\") + 1)),
+                .verdict = Wide(!one.error.empty() ? one.error
+                                : one.met          ? kMet
+                                                   : kUnmet),
+                .met = one.met};
+  WriteTextFile(FullPath(file), TimelinePage(head, PictureOf(one.steps, one.entries)));
+}
+
 int PlayScenarios(const ModuleOptions& module, const ScenarioOptions& options, Console& console) {
+  if (!options.timeline.empty() && options.scenarios.size() != 1) {
+    throw std::runtime_error("--timeline draws one scenario");
+  }
   Programme programme = Read(module, options);
   const auto report = [&] {
-    if (options.junit.empty()) return;
-    WriteTextFile(FullPath(options.junit), JUnitReport(programme.played));
+    if (!options.junit.empty()) {
+      WriteTextFile(FullPath(options.junit), JUnitReport(programme.played));
+    }
+    if (!options.timeline.empty()) WriteTimeline(options.timeline, programme.played);
   };
   if (!programme.faults.empty()) {
     report();
@@ -144,8 +166,8 @@ int PlayScenarios(const ModuleOptions& module, const ScenarioOptions& options, C
   }
   report();
   if (!console.WritesJson()) {
-    console.Lines(met ? "\nEverything that was expected happened."
-                      : "\nNot everything that was expected happened: see the lines with !!");
+    console.Lines(met ? std::string("\n") + kMet
+                      : std::string("\n") + kUnmet + ": see the lines with !!");
   }
   return met ? kDone : kNotMet;
 }
@@ -226,6 +248,8 @@ void AddScenario(CommandLine& line) {
   scenario.add_option("--define", options->definitions, "NAME=VALUE for ${NAME} in it");
   scenario.add_option("--junit", options->junit,
                       "write a JUnit report, with one test case per step, into this file");
+  scenario.add_option("--timeline", options->timeline,
+                      "draw what happened as a web page, into this file");
   line.UseModule(scenario);
   line.OfferJson(scenario);
   line.UseStore(scenario);

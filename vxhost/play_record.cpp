@@ -33,7 +33,12 @@ void PlayRecord::AddCommand(std::uint32_t id, const std::wstring& request, const
 }
 
 void PlayRecord::AddEvent(const std::wstring& text) {
-  Add({.what = Happening::Event, .text = text, .log = {}, .request = {}, .answer = {}});
+  Add({.what = Happening::Event,
+       .thread = GetCurrentThreadId(),
+       .text = text,
+       .log = {},
+       .request = {},
+       .answer = {}});
 }
 
 void PlayRecord::AddLog(const LogLine& line) {

@@ -21,7 +21,7 @@ struct RecordEntry {
   std::chrono::milliseconds at{};  // since the beginning, with the sleep of a simulated machine
   Happening what = Happening::Call;
   std::size_t step = 0;      // of the scenario, from 1
-  std::uint32_t thread = 0;  // that logged
+  std::uint32_t thread = 0;  // that logged or caused the event
   std::wstring text;         // of a call, an event or a failure
   LogLine log;
   std::uint32_t command = 0;  // its id, with request and answer
@@ -51,8 +51,8 @@ class PlayRecord {
 
   void AddCall(const std::wstring& text);
   void AddCommand(std::uint32_t id, const std::wstring& request, const Answer& answer);
-  void AddEvent(const std::wstring& text);
-  void AddLog(const LogLine& line);  // on the thread that logs
+  void AddEvent(const std::wstring& text);  // on the thread that causes it
+  void AddLog(const LogLine& line);         // on the thread that logs
   void AddFailure(const std::wstring& text);
 
   // Waits up to `seconds` of real time for a line of this step that contains `text`.

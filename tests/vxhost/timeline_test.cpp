@@ -1,0 +1,169 @@
+#include <chrono>
+#include <string>
+#include <vector>
+
+#include <gmock/gmock.h>
+
+#include "vxhost/timeline_page.h"
+#include "vxhost/timeline_picture.h"
+
+namespace Vx::Host {
+namespace {
+
+using std::chrono::milliseconds;
+using namespace std::chrono_literals;
+using testing::HasSubstr;
+using testing::Not;
+
+constexpr wchar_t kRequest[] =
+    LR"({"powerEventType":18,"eventAction":1,"commandParams":{"path":"C:\\a<b>&\".exe","delayDeliverySec":"10"}})";
+
+RecordEntry LogEntry(milliseconds at, const std::wstring& message, std::uint32_t thread = 1) {
+  return {.at = at,
+          .what = Happening::Log,
+          .thread = thread,
+          .text = {},
+          .log = {.level = L"INFO", .provider = {}, .caller = {}, .message = message},
+          .request = {},
+          .answer = {}};
+}
+
+RecordEntry Entry(Happening what, milliseconds at, const std::wstring& text) {
+  return {.at = at, .what = what, .text = text, .log = {}, .request = {}, .answer = {}};
+}
+
+// A client subscribes, power event 18 comes, and its delivery logs these lines after its delay.
+Picture Delivery(milliseconds length, const std::vector<std::wstring>& lines) {
+  RecordEntry command = Entry(Happening::Command, 0ms, {});
+  command.command = 9;
+  command.request = kRequest;
+  std::vector<RecordEntry> entries = {
+      command, Entry(Happening::Call, 0ms, L"power event 18"),
+      LogEntry(0ms, L"PowerEventManager::handle_event delay start: 10")};
+  for (const std::wstring& line : lines) entries.push_back(LogEntry(length, line));
+  return PictureOf({}, entries);
+}
+
+TEST(PictureTest, ShowsEachDecisionWithItsReason) {
+  const std::wstring end = L"PowerEventManager::handle_event delay end: 10";
+  const std::wstring executed =
+      std::wstring(L"PowerEventManager::handle_event Executed: ") + kRequest;
+  const std::wstring refused =
+      L"LaunchCommand::Execute - C:\\a.exe not trusted to launch as system";
+  const std::wstring trust = L"Security - IsFileTrusted - trusted by windows = ";
+  const struct {
+    milliseconds length;
+    std::vector<std::wstring> lines;
+    std::wstring text;
+    std::wstring reason;
+    Tone tone;
+  } kCases[] = {
+      {10s,
+       {end, L"LaunchCommand::Execute returned with result 1 and PID 7", executed},
+       L"the program starts",
+       L"process 7",
+       Tone::Good},
+      {10s,
+       {end, L"LaunchCommand::Execute returned with result 0 and PID 0", executed},
+       L"the program does not start",
+       L"Windows refused",
+       Tone::Bad},
+      {10s,
+       {end, refused, executed},
+       L"refused",
+       L"it lies outside the protected places",
+       Tone::Bad},
+      {10s,
+       {end, trust + L"yes, trusted by Zephra = no", refused, executed},
+       L"refused",
+       L"it is signed with another key",
+       Tone::Bad},
+      {10s,
+       {end, trust + L"no, trusted by Zephra = yes", refused, executed},
+       L"refused",
+       L"Windows does not trust its signature",
+       Tone::Bad},
+      {10s,
+       {end, L"TrustedProgram - [a] is not opened, because it holds a variable", refused, executed},
+       L"refused",
+       L"its path holds a variable",
+       Tone::Bad},
+      {10s,
+       {end, std::wstring(L"PowerEventManager::handle_event CustomTrigger raised: 5 ") + kRequest},
+       L"the trigger is not raised",
+       L"0x00000005",
+       Tone::Bad},
+      {610s,
+       {end, L"PowerEventManager::handle_event Event discarded, 610000 ms"},
+       L"dropped",
+       L"late by 600.0 s",
+       Tone::Dropped},
+      {3s,
+       {L"PowerEventManager::handle_event receive Modern Standby enter event", end,
+        L"PowerEventManager::handle_event Event discarded, 3000 ms"},
+       L"dropped",
+       L"Modern Standby ended its wait 7.0 s early",
+       Tone::Dropped},
+      {4s, {}, L"still waits", L"", Tone::Neutral},
+  };
+  for (const auto& c : kCases) {
+    SCOPED_TRACE(testing::PrintToString(c.lines));
+    auto entries = c.lines;
+    const Picture picture = Delivery(c.length, entries);
+    const PictureMark& mark = picture.marks.back();
+    EXPECT_EQ(mark.text, c.text);
+    EXPECT_EQ(mark.reason, c.reason);
+    EXPECT_EQ(mark.tone, c.tone);
+    EXPECT_EQ(picture.lanes.at(mark.lane).name, L"power 18 + 10 s");
+    ASSERT_EQ(picture.bars.size(), 1U);
+    EXPECT_EQ(picture.bars[0].lane, mark.lane);
+    EXPECT_EQ(picture.bars[0].to, c.lines.empty() ? 0ms : c.length);
+    EXPECT_EQ(mark.lines.size(), c.lines.size() + 1);
+  }
+}
+
+TEST(PictureTest, KeepsDeliveriesApartByTheirThreads) {
+  const Picture picture =
+      PictureOf({}, {LogEntry(0ms, L"PowerEventManager::handle_event delay start: 3", 1),
+                     LogEntry(0ms, L"ZephraEventManager::handle_event delay: 4", 2),
+                     LogEntry(3s, L"PowerEventManager::handle_event delay end: 3", 1),
+                     LogEntry(4s, L"ZephraEventManager::handle_event delay end: 4", 2),
+                     LogEntry(4s, L"ZephraEventManager::handle_event Event discarded, 9000 ms", 2),
+                     LogEntry(5s, L"PowerEventManager::handle_event Event discarded, 6000 ms", 1)});
+  ASSERT_EQ(picture.bars.size(), 2U);
+  EXPECT_EQ(picture.bars[0].to, 4s);
+  EXPECT_EQ(picture.bars[1].to, 3s);
+  EXPECT_EQ(picture.marks.at(0).reason, L"late by 5.0 s");
+  EXPECT_EQ(picture.marks.at(1).reason, L"late by 3.0 s");
+}
+
+TEST(PageTest, CountsWhatAPollRepeatsAndEscapesWhatClientsChoose) {
+  std::vector<RecordEntry> entries = {Entry(Happening::Call, 0ms, L"start")};
+  for (int second = 0; second < 90; ++second) {
+    entries.push_back(LogEntry(second * 1s, L"no user"));
+    entries.push_back(LogEntry(second * 1s, L"path = []"));
+  }
+  entries.push_back(
+      Entry(Happening::Event, 95s, L"<script>alert('1')</script>\x1b[2J\x202e logs on"));
+  RecordEntry command = Entry(Happening::Command, 96s, {});
+  command.command = 9;
+  command.request = kRequest;
+  entries.push_back(command);
+  const std::string page = TimelinePage(
+      {.title = L"</title><b>", .verdict = L"a & b", .met = false}, PictureOf({}, entries));
+  EXPECT_THAT(page, HasSubstr("180 lines"));
+  EXPECT_THAT(page, HasSubstr("<span class=\"count\">90</span> times until 1 min 29 s"));
+  EXPECT_THAT(
+      page,
+      HasSubstr(
+          "&lt;script&gt;alert(&#39;1&#39;)&lt;/script&gt;\xEF\xBF\xBD[2J\xEF\xBF\xBD logs on"));
+  EXPECT_THAT(page, HasSubstr("starts a&lt;b&gt;&amp;&quot;.exe"));
+  EXPECT_THAT(page, HasSubstr("<h1>&lt;/title&gt;&lt;b&gt;</h1>"));
+  EXPECT_THAT(page, HasSubstr("<p class=\"unmet\">a &amp; b</p>"));
+  for (const char* never : {"<script", "\x1b", "http://", "https://", "src="}) {
+    EXPECT_THAT(page, Not(HasSubstr(never)));
+  }
+}
+
+}  // namespace
+}  // namespace Vx::Host
