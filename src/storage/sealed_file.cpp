@@ -4,8 +4,10 @@
 #include <array>
 #include <cstdio>
 #include <cstring>
+#include <cwchar>
 #include <memory>
 #include <string_view>
+#include <utility>
 
 #include "host/logging.h"
 #include "platform/clock.h"
@@ -189,13 +191,22 @@ OwnFiles OpenSiblings(const std::wstring& path, FileUse use) {
                       [](const std::wstring& name) { return name.ends_with(kSiblingEnding); });
 }
 
+// Returns the number at the end of a copy's name, which orders the copies also if the clock is set
+// back. Zero for a name without one.
+unsigned long NumberOf(const std::wstring& copy) {
+  const std::size_t dot = copy.find_last_of(L'.');
+  const std::wstring end = copy.substr(dot + 1);
+  return end.starts_with(L"damaged-") ? 0 : std::wcstoul(end.c_str(), nullptr, 10);
+}
+
 // Opens the copies of damaged files, the oldest first.
 std::vector<OwnFile> OpenCopies(const std::wstring& path) {
   const std::wstring front = path + kDamagedMark;
   std::vector<OwnFile> copies = OpenOwnFiles(path, FileUse::Remove, [&](const std::wstring& name) {
                                   return name.starts_with(front);
                                 }).files;
-  std::ranges::sort(copies, {}, &OwnFile::path);
+  std::ranges::sort(copies, {},
+                    [](const OwnFile& copy) { return std::pair(NumberOf(copy.path), copy.path); });
   return copies;
 }
 
@@ -269,14 +280,15 @@ std::wstring DateText(std::chrono::milliseconds since1601) {
 }
 
 // Writes a copy of a damaged file beside it.
-ErrorCode MakeCopy(const std::wstring& path, std::span<const std::byte> content) {
+ErrorCode MakeCopy(const std::wstring& path, unsigned long number,
+                   std::span<const std::byte> content) {
   constexpr std::uint64_t kUnitsPerMillisecond = 10'000;  // of 100 ns
   constexpr int kMostNames = 100;
   const std::uint64_t now = Platform::CurrentMachine().clock->UtcFileTime();
   std::chrono::milliseconds date(now / kUnitsPerMillisecond);
   ErrorCode error = kFileExists;
   for (int i = 0; i < kMostNames && error == kFileExists; ++i, ++date) {
-    const std::wstring copy = path + kDamagedMark + DateText(date);
+    const std::wstring copy = path + kDamagedMark + DateText(date) + L"." + std::to_wstring(number);
     const Opened made = Files().Create(copy, path);
     error = made ? Fill(**made, content) : made.Error();
     if (error == 0) Log().LogWarning(kCopied, copy.c_str());
@@ -458,7 +470,9 @@ bool SealedFile::KeepCopy(std::span<const std::byte> content) const {
     const Result<Bytes> last = copies.back().file->Content(kMaxFileSize);
     if (last && std::ranges::equal(*last, content)) return true;
   }
-  if (const ErrorCode error = MakeCopy(path, content); error != 0) {
+  if (const ErrorCode error =
+          MakeCopy(path, copies.empty() ? 1 : NumberOf(copies.back().path) + 1, content);
+      error != 0) {
     Log().LogWarning(kNotCopied, error);
     return false;
   }

@@ -334,7 +334,8 @@ TEST_F(SealedFileTest, OnlyWhatIsProvedDamagedIsReplacedAndACopyIsKept) {
 TEST_F(SealedFileTest, KeepsTheLastThreeDifferentCopiesAndNothingWithoutOne) {
   Bytes damaged(100, std::byte{0});
   for (int i = 1; i <= 5; ++i) {
-    clock.Advance(std::chrono::milliseconds(1));
+    // Set back each time, so that the dates in the names run the wrong way.
+    clock.SetUtcFileTime((100 - static_cast<std::uint64_t>(i)) * 10'000'000);
     damaged[0] = static_cast<std::byte>(i);
     Tests::WriteBytes(Path(), damaged);
     disk.onStep = [](const std::string& step) { return step == "MoveOver" ? Tests::kFault : 0U; };
@@ -343,7 +344,7 @@ TEST_F(SealedFileTest, KeepsTheLastThreeDifferentCopiesAndNothingWithoutOne) {
     EXPECT_TRUE(Write());
   }
   std::vector<std::wstring> copies = Siblings();
-  std::sort(copies.begin(), copies.end());
+  std::sort(copies.begin(), copies.end(), std::greater());
   ASSERT_EQ(copies.size(), 3U);
   for (std::size_t i = 0; i < copies.size(); ++i) {
     EXPECT_EQ(Tests::ReadBytes(copies[i]).front(), static_cast<std::byte>(i + 3));
