@@ -27,7 +27,7 @@ using UniqueSafeArray = std::unique_ptr<SAFEARRAY, SafeArrayDestroyer>;
 // A VARIANT that clears itself together with its content. Starts empty.
 class Variant {
  public:
-  Variant() noexcept;
+  Variant() noexcept = default;
   Variant(const Variant&) = delete;
   Variant& operator=(const Variant&) = delete;
   ~Variant();
@@ -48,7 +48,7 @@ class Variant {
   VARIANT* Receive() noexcept;
 
  private:
-  VARIANT content{};
+  VARIANT content{};  // VT_EMPTY is zero
 };
 
 // Accessors for a VARIANT that another program filled. Each returns an empty value (or null) unless

@@ -9,9 +9,9 @@ fail() {
 }
 headers=$("$objdump" -p "$dll") || exit 1
 
-# Libraries of Windows itself; anything else would have to be shipped beside the module.
-windows='advapi32 bcrypt crypt32 kernel32 msvcrt ntdll ole32 oleaut32 rpcrt4 shell32 shlwapi user32
-userenv version wintrust wtsapi32'
+# Libraries of Windows itself; anything else would have to be shipped beside the module. Those that only a
+# launch or the firmware needs (oleaut32, shell32, userenv, wintrust) are loaded when they are called.
+windows='advapi32 bcrypt crypt32 kernel32 msvcrt ntdll ole32 rpcrt4 version wtsapi32'
 for import in $(echo "$headers" | sed -n 's/^.*DLL Name: *//p' | tr 'A-Z' 'a-z'); do
   case $import in
     api-ms-win-*.dll) ;;

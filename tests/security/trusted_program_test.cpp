@@ -10,7 +10,10 @@
 
 #include "platform/files.h"
 #include "platform/machine.h"
+#include "platform/trust_provider.h"
 #include "platform/unique_handle.h"
+#include "platform/windows/capabilities.h"
+#include "platform/windows/deferred_library.h"
 #include "support/directory_link.h"
 #include "support/log_capture.h"
 #include "support/log_trap.h"
@@ -77,6 +80,39 @@ TEST(TrustedProgramTest, KeepsItsFileFromBeingReplacedUntilItGoes) {
   EXPECT_NE(files.MoveOver(path, folder / L"moved.exe"), 0U);
   program.reset();
   EXPECT_EQ(files.Remove(path), 0U);
+}
+
+// The library that judges signatures is loaded when the first program is judged.
+TEST(TrustedProgramTest, IsNoneWithoutTheLibraryThatJudgesSignatures) {
+  const Tests::ProtectedFolder folder;
+  const std::wstring program = folder.Hold(kPinned);
+  const struct {
+    const wchar_t* library;
+    DWORD error;
+    std::wstring started;
+  } cases[] = {
+      {L"wintrust.dll", ERROR_SUCCESS, program},
+      {L"no_such_library.dll", ERROR_MOD_NOT_FOUND, {}},
+      {L"kernel32.dll", ERROR_PROC_NOT_FOUND, {}},
+      // It lies beside this program, where a search by name finds it.
+      {L"lockdown_policy.dll", ERROR_MOD_NOT_FOUND, {}},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(testing::PrintToString(std::wstring(c.library)));
+    Platform::DeferredLibrary library(c.library);
+    const auto trust = Platform::MakeTrustProvider(library);
+    const Platform::MachineScope scope(
+        [&](Platform::Machine& machine) { machine.trustProvider = trust.get(); });
+    EXPECT_EQ(Checked(program), c.started);
+    const Platform::CatalogHit hit{
+        .catalogPath = program, .memberTag = {}, .memberPath = program, .hash = {}};
+    if (c.error == ERROR_SUCCESS) continue;
+    EXPECT_EQ(trust->VerifyEmbedded(program, 0).result, HRESULT_FROM_WIN32(c.error));
+    EXPECT_EQ(trust->VerifyInCatalog(hit, 0).result, HRESULT_FROM_WIN32(c.error));
+    Platform::CatalogFailure failure;
+    EXPECT_FALSE(trust->FindCatalog(program, failure));
+    EXPECT_EQ(failure.error, c.error);
+  }
 }
 
 // A pipe would get a connection of SYSTEM, and a read from it could block for ever.

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <memory>
+
 #include "platform/machine.h"
 
 namespace Vx::Platform {
@@ -22,5 +24,10 @@ Sessions& WindowsSessions();
 SystemTriggers& WindowsSystemTriggers();
 Threads& WindowsThreads();
 TrustProvider& WindowsTrustProvider();
+
+class DeferredLibrary;
+
+// The trust provider over a library that stands for wintrust.dll and outlives it.
+std::unique_ptr<TrustProvider> MakeTrustProvider(DeferredLibrary& wintrust);
 
 }  // namespace Vx::Platform

@@ -5,6 +5,7 @@
 #include <oleauto.h>
 #include <wbemcli.h>
 
+#include "platform/windows/automation.h"
 #include "platform/windows/capabilities.h"
 
 namespace Vx::Platform {
@@ -38,19 +39,29 @@ class RealCom final : public Com {
                              EOAC_NONE);
   }
 
-  wchar_t* MakeText(const wchar_t* text) override { return SysAllocString(text); }
+  wchar_t* MakeText(const wchar_t* text) override {
+    auto* make = Automation().Find<decltype(SysAllocString)>("SysAllocString");
+    return make == nullptr ? nullptr : make(text);
+  }
 
   tagSAFEARRAY* MakeByteArray(std::uint32_t count) override {
-    return SafeArrayCreateVector(VT_UI1, 0, count);
+    auto* make = Automation().Find<decltype(SafeArrayCreateVector)>("SafeArrayCreateVector");
+    return make == nullptr ? nullptr : make(VT_UI1, 0, count);
   }
 
   std::int32_t PutByte(tagSAFEARRAY* bytes, std::int32_t index, std::uint8_t value) override {
+    auto* put = Automation().Find<decltype(SafeArrayPutElement)>("SafeArrayPutElement");
     LONG at = index;
-    return SafeArrayPutElement(bytes, &at, &value);
+    return put == nullptr ? HRESULT_FROM_WIN32(GetLastError()) : put(bytes, &at, &value);
   }
 };
 
 }  // namespace
+
+DeferredLibrary& Automation() noexcept {
+  static DeferredLibrary oleaut32(L"oleaut32.dll");
+  return oleaut32;
+}
 
 Com& WindowsCom() {
   static RealCom com;

@@ -1,44 +1,54 @@
 #include "platform/com_owners.h"
 
+#include "platform/windows/automation.h"
+
 namespace Vx::Platform {
 
+namespace {
+
+// What holds something was made by this library, so it is loaded by then.
+void Clear(VARIANT& content) noexcept {
+  auto* clear = Automation().Find<decltype(VariantClear)>("VariantClear");
+  if (clear == nullptr || FAILED(clear(&content))) content = {};
+}
+
+}  // namespace
+
 void BstrFreer::operator()(wchar_t* text) const noexcept {
-  SysFreeString(text);
+  auto* free = Automation().Find<decltype(SysFreeString)>("SysFreeString");
+  if (free != nullptr) free(text);
 }
 
 void SafeArrayDestroyer::operator()(SAFEARRAY* array) const noexcept {
-  SafeArrayDestroy(array);
-}
-
-Variant::Variant() noexcept {
-  VariantInit(&content);
+  auto* destroy = Automation().Find<decltype(SafeArrayDestroy)>("SafeArrayDestroy");
+  if (destroy != nullptr) destroy(array);
 }
 
 Variant::~Variant() {
-  VariantClear(&content);
+  Clear(content);
 }
 
 void Variant::SetInt32(std::int32_t value) noexcept {
-  VariantClear(&content);
+  Clear(content);
   V_VT(&content) = VT_I4;
   V_I4(&content) = value;
 }
 
 void Variant::SetObject(IUnknown* object) noexcept {
   object->AddRef();
-  VariantClear(&content);
+  Clear(content);
   V_VT(&content) = VT_UNKNOWN;
   V_UNKNOWN(&content) = object;
 }
 
 void Variant::SetBytes(UniqueSafeArray array) noexcept {
-  VariantClear(&content);
+  Clear(content);
   V_VT(&content) = VT_ARRAY | VT_UI1;
   V_ARRAY(&content) = array.release();
 }
 
 VARIANT* Variant::Receive() noexcept {
-  VariantClear(&content);
+  Clear(content);
   return &content;
 }
 
@@ -67,8 +77,8 @@ const wchar_t* TextIn(const VARIANT& value) noexcept {
 SAFEARRAY* BytesIn(const VARIANT& value) noexcept {
   if (V_VT(&value) != (VT_ARRAY | VT_UI1)) return nullptr;
   SAFEARRAY* const array = V_ARRAY(&value);
-  if (array == nullptr || SafeArrayGetDim(array) != 1) return nullptr;
-  return SafeArrayGetElemsize(array) == 1 ? array : nullptr;
+  if (array == nullptr || array->cDims != 1) return nullptr;
+  return array->cbElements == 1 ? array : nullptr;
 }
 
 ByteArrayBounds BoundsOf(const SAFEARRAY& bytes) noexcept {
@@ -76,9 +86,10 @@ ByteArrayBounds BoundsOf(const SAFEARRAY& bytes) noexcept {
 }
 
 std::optional<std::uint8_t> ByteAt(SAFEARRAY* bytes, std::int32_t index) noexcept {
+  auto* get = Automation().Find<decltype(SafeArrayGetElement)>("SafeArrayGetElement");
   LONG at = index;
   std::uint8_t element = 0;
-  if (FAILED(SafeArrayGetElement(bytes, &at, &element))) return std::nullopt;
+  if (get == nullptr || FAILED(get(bytes, &at, &element))) return std::nullopt;
   return element;
 }
 

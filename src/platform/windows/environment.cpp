@@ -10,13 +10,19 @@
 #include <userenv.h>
 
 #include "platform/windows/capabilities.h"
+#include "platform/windows/deferred_library.h"
 
 namespace Vx::Platform {
 
 namespace {
 
+DeferredLibrary userenv(L"userenv.dll");
+
 struct BlockDestroyer {
-  void operator()(void* block) const noexcept { DestroyEnvironmentBlock(block); }
+  void operator()(void* block) const noexcept {
+    auto* destroy = userenv.Find<decltype(DestroyEnvironmentBlock)>("DestroyEnvironmentBlock");
+    if (destroy != nullptr) destroy(block);
+  }
 };
 
 using Text = Result<std::wstring>;
@@ -65,8 +71,9 @@ class RealEnvironment final : public Environment {
                      std::size_t maxChars) const override {
     if (text.size() >= kMaxText) return Text::Failure(ERROR_FILENAME_EXCED_RANGE);
     std::vector<wchar_t> buffer(Room(maxChars));
-    if (ExpandEnvironmentStringsForUserW(token, text.c_str(), buffer.data(), Count(buffer)) ==
-        FALSE) {
+    auto* expand = userenv.Find<decltype(ExpandEnvironmentStringsForUserW)>(
+        "ExpandEnvironmentStringsForUserW");
+    if (expand == nullptr || expand(token, text.c_str(), buffer.data(), Count(buffer)) == FALSE) {
       return Text::Failure(GetLastError());
     }
     return TextIn(buffer, maxChars);
@@ -74,7 +81,8 @@ class RealEnvironment final : public Environment {
 
   Result<std::vector<wchar_t>> Block(RawHandle token) const override {
     void* raw = nullptr;
-    if (CreateEnvironmentBlock(&raw, token, FALSE) == FALSE) {
+    auto* create = userenv.Find<decltype(CreateEnvironmentBlock)>("CreateEnvironmentBlock");
+    if (create == nullptr || create(&raw, token, FALSE) == FALSE) {
       return Result<std::vector<wchar_t>>::Failure(GetLastError());
     }
     const std::unique_ptr<void, BlockDestroyer> owner(raw);

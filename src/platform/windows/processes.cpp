@@ -9,6 +9,7 @@
 #include <shellapi.h>
 
 #include "platform/windows/capabilities.h"
+#include "platform/windows/deferred_library.h"
 #include "platform/windows/system_library.h"
 
 namespace Vx::Platform {
@@ -128,8 +129,11 @@ Processes& WindowsProcesses() {
 }
 
 std::vector<std::wstring> SplitCommandLine(const std::wstring& commandLine) {
+  static DeferredLibrary shell32(L"shell32.dll");
+  auto* split = shell32.Find<decltype(CommandLineToArgvW)>("CommandLineToArgvW");
+  if (split == nullptr) return {};
   int count = 0;
-  const UniqueLocalMemory<wchar_t*> words(CommandLineToArgvW(commandLine.c_str(), &count));
+  const UniqueLocalMemory<wchar_t*> words(split(commandLine.c_str(), &count));
   if (!words || count < 0) return {};
   return {words.get(), words.get() + count};
 }

@@ -6,11 +6,6 @@
 #include <string>
 
 #include <windows.h>
-// The trust headers need the types of this one.
-#include <wincrypt.h>
-
-#include <softpub.h>
-#include <wintrust.h>
 
 namespace Vx::Platform {
 
@@ -54,18 +49,20 @@ static_assert(offsetof(TrustData, signatureSettings) == 80);
 
 constexpr DWORD kEncoding = X509_ASN_ENCODING | PKCS_7_ASN_ENCODING;
 
-LONG VerifyTrust(TrustData& data) {
+LONG VerifyTrust(const SignatureFunctions& functions, TrustData& data) {
   GUID action = WINTRUST_ACTION_GENERIC_VERIFY_V2;
   // With this window, unlike a null one, no policy provider may prompt.
-  return WinVerifyTrust(static_cast<HWND>(INVALID_HANDLE_VALUE), &action, &data);
+  return functions.verify(static_cast<HWND>(INVALID_HANDLE_VALUE), &action, &data);
 }
 
 // One verification. The second call closes its state on every path. A failed verification has state
 // too.
 class Verification {
  public:
-  Verification(DWORD unionChoice, const void* subject, DWORD index)
-      : settings{.size = sizeof settings,
+  Verification(const SignatureFunctions& wintrust, DWORD unionChoice, const void* subject,
+               DWORD index)
+      : functions(wintrust),
+        settings{.size = sizeof settings,
                  .index = index,
                  .flags = kVerifySpecific | kGetSecondaryCount,
                  .secondarySignatures = 0,
@@ -84,12 +81,12 @@ class Verification {
              .provFlags = WTD_REVOCATION_CHECK_NONE,
              .uiContext = WTD_UICONTEXT_EXECUTE,
              .signatureSettings = &settings},
-        result(VerifyTrust(data)) {}
+        result(VerifyTrust(wintrust, data)) {}
   Verification(const Verification&) = delete;
   Verification& operator=(const Verification&) = delete;
   ~Verification() {
     data.stateAction = WTD_STATEACTION_CLOSE;
-    VerifyTrust(data);
+    VerifyTrust(functions, data);
   }
 
   LONG TrustResult() const { return result; }
@@ -98,15 +95,16 @@ class Verification {
   // The certificate of the signer, owned by this verification. Null if the state names none.
   const CERT_CONTEXT* SignerCertificate() const {
     if (data.stateData == nullptr) return nullptr;
-    CRYPT_PROVIDER_DATA* provider = WTHelperProvDataFromStateData(data.stateData);
+    CRYPT_PROVIDER_DATA* provider = functions.providerOf(data.stateData);
     if (provider == nullptr) return nullptr;
-    CRYPT_PROVIDER_SGNR* signer = WTHelperGetProvSignerFromChain(provider, 0, FALSE, 0);
+    CRYPT_PROVIDER_SGNR* signer = functions.signerOf(provider, 0, FALSE, 0);
     if (signer == nullptr) return nullptr;
-    const CRYPT_PROVIDER_CERT* certificate = WTHelperGetProvCertFromChain(signer, 0);
+    const CRYPT_PROVIDER_CERT* certificate = functions.certificateOf(signer, 0);
     return certificate == nullptr ? nullptr : certificate->pCert;
   }
 
  private:
+  const SignatureFunctions& functions;
   SignatureSettings settings;
   TrustData data;
   LONG result;
@@ -161,8 +159,9 @@ std::optional<SignerNames> NamesOf(const CERT_CONTEXT* certificate) {
 
 }  // namespace
 
-SignatureVerdict VerifySignature(DWORD unionChoice, const void* subject, std::uint32_t index) {
-  const Verification verification(unionChoice, subject, index);
+SignatureVerdict VerifySignature(const SignatureFunctions& functions, DWORD unionChoice,
+                                 const void* subject, std::uint32_t index) {
+  const Verification verification(functions, unionChoice, subject, index);
   SignatureVerdict verdict{.result = verification.TrustResult(),
                            .secondaryCount = verification.SecondaryCount(),
                            .signer = std::nullopt};

@@ -5,12 +5,15 @@
 #include <windows.h>
 
 #include "platform/trust_provider.h"
+#include "platform/windows/signature_functions.h"
 
 namespace Vx::Platform {
 
-// Verifies the signature at `index` of a file and reads the signer. `unionChoice` is the member of
+// Verifies the signature at `index` of a file and reads the signer. `functions` is complete.
+// `unionChoice` is the member of
 // WINTRUST_DATA's union that `subject` points to: a file or a member of a catalog. Does not prompt,
 // does not check revocation, and keeps no state. Blocks while it reads the file. Any thread.
-SignatureVerdict VerifySignature(DWORD unionChoice, const void* subject, std::uint32_t index);
+SignatureVerdict VerifySignature(const SignatureFunctions& functions, DWORD unionChoice,
+                                 const void* subject, std::uint32_t index);
 
 }  // namespace Vx::Platform

@@ -6,8 +6,8 @@
 
 namespace Vx::Platform {
 
-// Returns the function `name` of a library that is always loaded: ntdll, kernel32 and kernelbase by
-// every process, others as an import of this module. Returns null if this Windows lacks the
+// Returns the function `name` of a library that every process has loaded: ntdll, kernel32 or
+// kernelbase. Returns null if this Windows lacks the
 // function. For functions that must not be imported statically, because the whole module does not
 // load if a static import is absent.
 template <typename Function>

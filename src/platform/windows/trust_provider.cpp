@@ -8,18 +8,12 @@
 #include <utility>
 
 #include <windows.h>
-// The trust headers need the types of this one.
-#include <wincrypt.h>
-
-#include <mscat.h>
-#include <softpub.h>
-#include <wintrust.h>
 
 #include "platform/unique_handle.h"
 #include "platform/windows/capabilities.h"
 #include "platform/windows/file_handle.h"
+#include "platform/windows/signature_functions.h"
 #include "platform/windows/signature_verification.h"
-#include "platform/windows/system_library.h"
 
 namespace Vx::Platform {
 
@@ -27,15 +21,11 @@ namespace {
 
 constexpr wchar_t kCatalogHash[] = L"SHA256";
 
-// These calls support SHA-256. No import library of this toolchain has them.
-using AcquireContext2 = BOOL WINAPI(HCATADMIN*, const GUID*, PCWSTR, const CERT_STRONG_SIGN_PARA*,
-                                    DWORD);
-using CalcHash2 = BOOL WINAPI(HCATADMIN, HANDLE, DWORD*, BYTE*, DWORD);
-constexpr wchar_t kWintrust[] = L"wintrust.dll";  // an import of this module
-
 struct CatalogAdminCloser {
   // `admin` is null only in an empty owner.
-  void operator()(void* admin) const noexcept { CryptCATAdminReleaseContext(admin, 0); }
+  void operator()(void* admin) const noexcept { release(admin, 0); }
+
+  decltype(CryptCATAdminReleaseContext)* release = nullptr;
 };
 
 using AdminHandle = std::unique_ptr<void, CatalogAdminCloser>;
@@ -47,31 +37,35 @@ struct CatalogAdmin {
 };
 
 // Falls back to the older call where the newer one is missing or, as under Wine, not implemented.
-Result<CatalogAdmin> OpenCatalogs() {
+Result<CatalogAdmin> OpenCatalogs(const SignatureFunctions& functions) {
   const GUID subsystem = DRIVER_ACTION_VERIFY;
   HCATADMIN admin = nullptr;
-  if (auto* acquire = SystemFunction<AcquireContext2>(kWintrust, "CryptCATAdminAcquireContext2")) {
-    if (acquire(&admin, &subsystem, kCatalogHash, nullptr, 0) != FALSE) {
-      return CatalogAdmin{.handle = AdminHandle(admin), .sha256 = true};
+  const auto owned = [&](bool sha256) {
+    return CatalogAdmin{.handle = AdminHandle(admin, {functions.releaseContext}), .sha256 = sha256};
+  };
+  if (functions.acquireContext2 != nullptr) {
+    if (functions.acquireContext2(&admin, &subsystem, kCatalogHash, nullptr, 0) != FALSE) {
+      return owned(true);
     }
     const DWORD error = GetLastError();
     if (error != ERROR_CALL_NOT_IMPLEMENTED) return Result<CatalogAdmin>::Failure(error);
   }
-  if (CryptCATAdminAcquireContext(&admin, &subsystem, 0) == FALSE) {
+  if (functions.acquireContext(&admin, &subsystem, 0) == FALSE) {
     return Result<CatalogAdmin>::Failure(GetLastError());
   }
-  return CatalogAdmin{.handle = AdminHandle(admin), .sha256 = false};
+  return owned(false);
 }
 
 // Returns the hash by which `admin` finds `file`, which is open for reading. Reads the whole file.
-Result<std::vector<std::byte>> CatalogHashOf(const CatalogAdmin& admin, HANDLE file) {
+Result<std::vector<std::byte>> CatalogHashOf(const SignatureFunctions& functions,
+                                             const CatalogAdmin& admin, HANDLE file) {
   using Bytes = Result<std::vector<std::byte>>;
-  auto* calc2 = SystemFunction<CalcHash2>(kWintrust, "CryptCATAdminCalcHashFromFileHandle2");
   // A context for SHA-256 finds nothing by the older hash.
-  if (admin.sha256 && calc2 == nullptr) return Bytes::Failure(ERROR_CALL_NOT_IMPLEMENTED);
+  if (admin.sha256 && functions.calcHash2 == nullptr)
+    return Bytes::Failure(ERROR_CALL_NOT_IMPLEMENTED);
   const auto calculate = [&](DWORD& size, BYTE* bytes) {
-    return admin.sha256 ? calc2(admin.handle.get(), file, &size, bytes, 0)
-                        : CryptCATAdminCalcHashFromFileHandle(file, &size, bytes, 0);
+    return admin.sha256 ? functions.calcHash2(admin.handle.get(), file, &size, bytes, 0)
+                        : functions.calcHash(file, &size, bytes, 0);
   };
   DWORD size = 0;
   if (calculate(size, nullptr) == FALSE) {
@@ -100,17 +94,17 @@ std::wstring MemberTag(const std::vector<std::byte>& hash) {
 }
 
 // Returns the full path of the first catalog that has a member of this hash.
-Result<std::wstring> CatalogOf(const CatalogAdmin& admin, std::vector<std::byte>& hash) {
+Result<std::wstring> CatalogOf(const SignatureFunctions& functions, const CatalogAdmin& admin,
+                               std::vector<std::byte>& hash) {
   using Text = Result<std::wstring>;
-  HCATINFO found =
-      CryptCATAdminEnumCatalogFromHash(admin.handle.get(), reinterpret_cast<BYTE*>(hash.data()),
-                                       static_cast<DWORD>(hash.size()), 0, nullptr);
+  HCATINFO found = functions.enumCatalog(admin.handle.get(), reinterpret_cast<BYTE*>(hash.data()),
+                                         static_cast<DWORD>(hash.size()), 0, nullptr);
   if (found == nullptr) return Text::Failure(GetLastError());
   CATALOG_INFO info{};
   info.cbStruct = sizeof info;
-  const BOOL named = CryptCATCatalogInfoFromContext(found, &info, 0);
+  const BOOL named = functions.catalogInfo(found, &info, 0);
   const DWORD error = GetLastError();
-  CryptCATAdminReleaseCatalogContext(admin.handle.get(), found, 0);
+  functions.releaseCatalog(admin.handle.get(), found, 0);
   if (named == FALSE) return Text::Failure(error);
   info.wszCatalogFile[std::size(info.wszCatalogFile) - 1] = L'\0';
   return std::wstring(info.wszCatalogFile);
@@ -122,21 +116,25 @@ UniqueHandle OpenProgram(const std::wstring& path) {
   return OpenDiskFile(path, GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE);
 }
 
-// The verdict on a file that cannot be opened.
-SignatureVerdict Unreadable(DWORD error) {
+// The verdict on a file that cannot be opened, and on each one where Windows' functions are absent.
+SignatureVerdict Unverifiable(DWORD error) {
   return {.result = HRESULT_FROM_WIN32(error), .secondaryCount = 0, .signer = std::nullopt};
 }
 
 class WindowsTrust final : public TrustProvider {
  public:
+  explicit WindowsTrust(DeferredLibrary& library) : wintrust(library) {}
+
   SignatureVerdict VerifyEmbedded(const std::wstring& path, std::uint32_t index) const override {
+    const SignatureFunctions functions(wintrust);
+    if (!functions.Complete()) return Unverifiable(GetLastError());
     const UniqueHandle file = OpenProgram(path);
-    if (!file) return Unreadable(GetLastError());
+    if (!file) return Unverifiable(GetLastError());
     WINTRUST_FILE_INFO info{};
     info.cbStruct = sizeof info;
     info.pcwszFilePath = path.c_str();
     info.hFile = file.get();
-    return VerifySignature(WTD_CHOICE_FILE, &info, index);
+    return VerifySignature(functions, WTD_CHOICE_FILE, &info, index);
   }
 
   std::optional<CatalogHit> FindCatalog(const std::wstring& path,
@@ -145,13 +143,15 @@ class WindowsTrust final : public TrustProvider {
       failure = {.step = step, .error = error};
       return std::nullopt;
     };
-    const auto admin = OpenCatalogs();
+    const SignatureFunctions functions(wintrust);
+    if (!functions.Complete()) return failed(CatalogStep::AcquireContext, GetLastError());
+    const auto admin = OpenCatalogs(functions);
     if (!admin) return failed(CatalogStep::AcquireContext, admin.Error());
     const UniqueHandle file = OpenProgram(path);
     if (!file) return failed(CatalogStep::OpenFile, GetLastError());
-    auto hash = CatalogHashOf(*admin, file.get());
+    auto hash = CatalogHashOf(functions, *admin, file.get());
     if (!hash) return failed(CatalogStep::Hash, hash.Error());
-    auto catalog = CatalogOf(*admin, *hash);
+    auto catalog = CatalogOf(functions, *admin, *hash);
     if (!catalog) return failed(CatalogStep::FindCatalog, catalog.Error());
     return CatalogHit{.catalogPath = *std::move(catalog),
                       .memberTag = MemberTag(*hash),
@@ -160,10 +160,12 @@ class WindowsTrust final : public TrustProvider {
   }
 
   SignatureVerdict VerifyInCatalog(const CatalogHit& catalog, std::uint32_t index) const override {
+    const SignatureFunctions functions(wintrust);
+    if (!functions.Complete()) return Unverifiable(GetLastError());
     const UniqueHandle file = OpenProgram(catalog.memberPath);
-    if (!file) return Unreadable(GetLastError());
+    if (!file) return Unverifiable(GetLastError());
     // The verification needs the context to know by which hash the catalog is searched.
-    const auto admin = OpenCatalogs();
+    const auto admin = OpenCatalogs(functions);
     std::vector<std::byte> hash = catalog.hash;
     WINTRUST_CATALOG_INFO info{};
     info.cbStruct = sizeof info;
@@ -174,14 +176,22 @@ class WindowsTrust final : public TrustProvider {
     info.pbCalculatedFileHash = reinterpret_cast<BYTE*>(hash.data());
     info.cbCalculatedFileHash = static_cast<DWORD>(hash.size());
     info.hCatAdmin = admin ? admin->handle.get() : nullptr;
-    return VerifySignature(WTD_CHOICE_CATALOG, &info, index);
+    return VerifySignature(functions, WTD_CHOICE_CATALOG, &info, index);
   }
+
+ private:
+  DeferredLibrary& wintrust;
 };
 
 }  // namespace
 
+std::unique_ptr<TrustProvider> MakeTrustProvider(DeferredLibrary& wintrust) {
+  return std::make_unique<WindowsTrust>(wintrust);
+}
+
 TrustProvider& WindowsTrustProvider() {
-  static WindowsTrust provider;
+  static DeferredLibrary wintrust(L"wintrust.dll");
+  static WindowsTrust provider(wintrust);
   return provider;
 }
 
