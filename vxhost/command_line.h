@@ -9,7 +9,7 @@
 #include <CLI/CLI.hpp>
 
 #include "vxhost/console.h"
-#include "vxhost/store_hold.h"
+#include "vxhost/store_wait.h"
 
 namespace Vx::Host {
 

@@ -172,6 +172,7 @@ class Explainer {
 std::vector<Explanation> Explain(const std::vector<StoredSubscription>& subscriptions,
                                  const Occasion& occasion) {
   std::vector<Explanation> all;
+  all.reserve(subscriptions.size());
   for (const StoredSubscription& one : subscriptions) all.push_back(Explainer(one, occasion).Run());
   return all;
 }

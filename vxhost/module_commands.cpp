@@ -17,6 +17,7 @@
 #include "simulator/simulated_machine.h"
 #include "vxhost/play_report.h"
 #include "vxhost/scenario.h"
+#include "vxhost/store_hold.h"
 #include "vxhost/text.h"
 #include "vxhost/theatre.h"
 #include "vxhost/timeline_page.h"
@@ -62,7 +63,8 @@ int Exec(const ModuleOptions& module, const ExecOptions& options, Console& conso
   const std::wstring request = RequestText(options);
   console.Request(options.id, request);
   if (!module.simulate) {
-    const StoreHold isFree(options.limits);  // the module waits for it without limit or notice
+    // The module waits for it without limit or notice.
+    const StoreHold isFree(StoreUse::Write, options.limits);
   }
   const Answer answer = theatre->Open().session.Execute(options.id, request, Wide(options.caller));
   if (console.WritesJson()) {

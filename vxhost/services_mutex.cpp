@@ -19,7 +19,6 @@ using Tessel::Server::Services::CompletionCallback;
 using Tessel::Server::Services::VxService;
 
 constexpr DWORD kAccess = SYNCHRONIZE | MUTEX_MODIFY_STATE;  // what administrators have
-constexpr DWORD kSilentWait = 1000;                          // milliseconds
 
 std::wstring Variable(const wchar_t* name) {
   std::wstring value(kLongestPath, L'\0');
@@ -131,18 +130,10 @@ std::shared_ptr<const ServicesMutex> ServicesMutexFor(StoreUse use) {
   }
 }
 
-ServicesMutexHold::ServicesMutexHold(std::shared_ptr<const ServicesMutex> mutex)
+ServicesMutexHold::ServicesMutexHold(std::shared_ptr<const ServicesMutex> mutex,
+                                     const HoldLimits& limits)
     : held(std::move(mutex)) {
-  if (held == nullptr) return;
-  DWORD outcome = WaitForSingleObject(held->handle.get(), kSilentWait);
-  if (outcome == WAIT_TIMEOUT) {
-    std::fprintf(stderr, "vxhost: waits for a program that keeps the store's mutex\n");
-    outcome = WaitForSingleObject(held->handle.get(), INFINITE);
-  }
-  if (outcome == WAIT_FAILED) {
-    throw std::runtime_error("the store's mutex cannot be taken, error " +
-                             std::to_string(GetLastError()));
-  }
+  if (held != nullptr) AwaitStoreMutex(held->handle.get(), limits);
 }
 
 ServicesMutexHold::~ServicesMutexHold() {

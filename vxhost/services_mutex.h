@@ -7,6 +7,7 @@
 
 #include "host/vx_service.h"
 #include "platform/unique_handle.h"
+#include "vxhost/store_wait.h"
 
 // The module locks the store under an unqualified name. For a service that name lies in the global
 // namespace, for any other program in that of its session, where it keeps no service out. So this
@@ -40,11 +41,11 @@ enum class StoreUse { Read, Write };
 // without, after a warning on standard error: a writer replaces the file in one step.
 std::shared_ptr<const ServicesMutex> ServicesMutexFor(StoreUse use);
 
-// Holds `mutex`, which may be null, for the scope of a thread. Waits without limit, and says so on
-// standard error after a second. Throws std::runtime_error when Windows fails the wait.
+// Holds `mutex`, which may be null, for the scope of a thread. Waits as AwaitStoreMutex does.
 class ServicesMutexHold {
  public:
-  explicit ServicesMutexHold(std::shared_ptr<const ServicesMutex> mutex);
+  explicit ServicesMutexHold(std::shared_ptr<const ServicesMutex> mutex,
+                             const HoldLimits& limits = {.timeout = std::chrono::milliseconds(0)});
   ServicesMutexHold(const ServicesMutexHold&) = delete;
   ServicesMutexHold& operator=(const ServicesMutexHold&) = delete;
   ~ServicesMutexHold();

@@ -1,99 +1,28 @@
 #include "vxhost/store_hold.h"
 
-#include <cstdint>
-#include <cstdio>
 #include <stdexcept>
-#include <utility>
-
-#include "vxhost/text.h"
+#include <string>
 
 #include <windows.h>
 
+#include "storage/cap_data_store.h"
+
 namespace Vx::Host {
 
-namespace {
-
-using std::chrono::milliseconds;
-
-constexpr wchar_t kMutexName[] = L"18CC6446-1DB5-4D23-8F2B-441BA13883D6";
-
-// As documented for NtQueryMutant and MutantOwnerInformation. No header of this toolchain has them.
-constexpr DWORD kQueryMutant = 1;
-struct MutantOwner {
-  HANDLE process;
-  HANDLE thread;
-};
-using QueryMutant = LONG(WINAPI*)(HANDLE, int, void*, ULONG, ULONG*);
-
-std::string ProgramOf(DWORD process) {
-  const Platform::UniqueHandle handle(
-      OpenProcess(PROCESS_QUERY_LIMITED_INFORMATION, FALSE, process));
-  std::wstring path(kLongestPath, L'\0');
-  auto length = static_cast<DWORD>(path.size());
-  if (handle == nullptr || QueryFullProcessImageNameW(handle.get(), 0, path.data(), &length) == 0) {
-    return {};
-  }
-  path.resize(length);
-  return " (" + Utf8(path) + ")";
-}
-
-std::string HolderOf(HANDLE mutex) {
-  constexpr int kOwnerInformation = 1;
-  // NOLINTNEXTLINE(cppcoreguidelines-pro-type-reinterpret-cast): functions are looked up untyped
-  const auto query = reinterpret_cast<QueryMutant>(
-      reinterpret_cast<void*>(GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "NtQueryMutant")));
-  MutantOwner owner{};
-  if (query == nullptr || query(mutex, kOwnerInformation, &owner, sizeof owner, nullptr) < 0 ||
-      owner.process == nullptr) {
-    return "another process, which Windows does not name";
-  }
-  // NOLINTNEXTLINE(cppcoreguidelines-pro-type-reinterpret-cast): an id in the form of a handle
-  const auto id = static_cast<DWORD>(reinterpret_cast<std::uintptr_t>(owner.process));
-  return "process " + std::to_string(id) + ProgramOf(id);
-}
-
-bool Take(HANDLE mutex, DWORD limit) {
-  const DWORD outcome = WaitForSingleObject(mutex, limit);
-  if (outcome == WAIT_FAILED) throw std::runtime_error("the store's mutex cannot be waited for");
-  return outcome != WAIT_TIMEOUT;  // an abandoned mutex is held too
-}
-
-void Await(HANDLE mutex, const HoldLimits& limits) {
-  if (Take(mutex, static_cast<DWORD>(limits.notice.count()))) return;
-  const std::string holder = HolderOf(mutex);
-  std::fprintf(stderr, "vxhost: waiting for the store, which is held by %s\n",
-               Printable(holder, LineBreaks::Replace).c_str());
-  const auto rest = limits.timeout - limits.notice;
-  const bool endless = limits.timeout == milliseconds(0);
-  if (Take(mutex, endless                  ? INFINITE
-                  : rest > milliseconds(0) ? static_cast<DWORD>(rest.count())
-                                           : 0)) {
-    return;
-  }
-  throw std::runtime_error("the store is still held by " + HolderOf(mutex) +
-                           "; --timeout waits longer");
-}
-
-}  // namespace
-
-StoreHold::StoreHold(HoldLimits limits) {
-  // Services share the global name, programs of a session that of the session.
-  for (const std::wstring& name :
-       {std::wstring(L"Global\\") + kMutexName, std::wstring(kMutexName)}) {
-    Platform::UniqueHandle mutex(
-        OpenMutexW(SYNCHRONIZE | MUTEX_MODIFY_STATE | kQueryMutant, FALSE, name.c_str()));
-    if (mutex == nullptr && GetLastError() == ERROR_FILE_NOT_FOUND) continue;
-    if (mutex == nullptr) {
-      throw std::runtime_error("the store's mutex cannot be opened, error " +
-                               std::to_string(GetLastError()) + "; run as administrator");
-    }
-    Await(mutex.get(), limits);
-    held.push_back(std::move(mutex));
+StoreHold::StoreHold(StoreUse use, const HoldLimits& limits)
+    : services(ServicesMutexFor(use), limits),
+      session(OpenMutexW(SYNCHRONIZE | MUTEX_MODIFY_STATE, FALSE,
+                         Tessel::Server::Storage::CapDataStore::kMutexName)) {
+  if (session != nullptr) {
+    AwaitStoreMutex(session.get(), limits);
+  } else if (GetLastError() != ERROR_FILE_NOT_FOUND) {
+    throw std::runtime_error("the store's mutex cannot be opened, error " +
+                             std::to_string(GetLastError()) + "; run as administrator");
   }
 }
 
 StoreHold::~StoreHold() {
-  for (const Platform::UniqueHandle& mutex : held) ReleaseMutex(mutex.get());
+  if (session != nullptr) ReleaseMutex(session.get());
 }
 
 }  // namespace Vx::Host

@@ -80,7 +80,7 @@ StoreLook LookAtFile(const std::wstring& path) {
 }
 
 StoreLook LookAtStore(const HoldLimits& limits) {
-  const StoreHold hold(limits);
+  const StoreHold hold(StoreUse::Read, limits);
   return LookAtFile(CapDataStore::PathOfFile());
 }
 

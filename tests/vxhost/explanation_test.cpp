@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cmath>
 #include <cstddef>
 #include <fstream>
 #include <future>
@@ -91,8 +92,7 @@ class ExplanationTest : public Tests::StoreTest {
   long HappenedAfter(Simulator::VirtualClock::Duration since, const std::wstring& text) const {
     for (const std::wstring& line : machine.timeline.Lines()) {
       if (line.find(text) == line.npos) continue;
-      return static_cast<long>(std::stod(line) - std::chrono::duration<double>(since).count() +
-                               0.5);
+      return std::lround(std::stod(line) - std::chrono::duration<double>(since).count());
     }
     return -1;
   }
@@ -216,12 +216,12 @@ TEST_F(ExplanationTest, NamesAHeldStoreAndGivesUp) {
   });
   held.get_future().wait();
   testing::internal::CaptureStderr();
-  EXPECT_THROW(StoreHold({.notice = 10ms, .timeout = 30ms}), std::runtime_error);
+  EXPECT_THROW(StoreHold(StoreUse::Read, {.notice = 10ms, .timeout = 30ms}), std::runtime_error);
   EXPECT_THAT(testing::internal::GetCapturedStderr(),
               testing::HasSubstr("waiting for the store, which is held by "));
   done.set_value();
   holder.join();
-  const StoreHold now({.notice = 10ms, .timeout = 10s});
+  const StoreHold now(StoreUse::Read, {.notice = 10ms, .timeout = 10s});
 }
 
 TEST_F(ExplanationTest, MakesNoStoreWhereThereIsNone) {
