@@ -82,7 +82,8 @@ class Explainer {
         Wide(result.subscription.kind->name) + L" " + std::to_wstring(subscription->Type());
     if (IsAnotherEvent(subscription->Type() == occasion.code)) return;
     EventCommand& command = *subscription->Command();
-    const int delay = LeadingInteger(DelayOf(command)).value_or(0);
+    result.delay = DelayOf(command);
+    const int delay = LeadingInteger(result.delay).value_or(0);
     if (delay < 1 ? IsOverdue(delay, 0) : IsTooLong(delay)) {
       Because(Fate::Dropped, L"no delivery keeps a delay of " + std::to_wstring(delay) + L" s");
       return;

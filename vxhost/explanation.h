@@ -28,6 +28,7 @@ struct Explanation {
   StoredSubscription subscription;
   std::wstring event;  // the one that it waits for, "power 18"; empty if that cannot be read
   Fate fate = Fate::Never;
+  std::wstring delay;                 // as it is stored, "0" if it is not, or empty
   int wait = 0;                       // seconds before that
   std::wstring action;                // "start C:\...", empty if that cannot be read
   std::vector<std::wstring> reasons;  // for a fate other than Runs

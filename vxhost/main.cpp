@@ -16,6 +16,7 @@
 #include "vxhost/module_commands.h"
 #include "vxhost/service_command.h"
 #include "vxhost/store_commands.h"
+#include "vxhost/subscription_commands.h"
 #include "vxhost/text.h"
 #include "vxhost/trust_commands.h"
 #include "vxhost/validate_command.h"
@@ -45,6 +46,7 @@ int main() {
     AddModuleCommands(line);
     AddServiceCommands(line);
     AddStoreCommands(line);
+    AddSubscriptionCommands(line);
     AddTrustCommands(line);
     AddWatchCommand(line);
     AddValidateCommand(line);

@@ -1,18 +1,18 @@
 #include "vxhost/store_commands.h"
 
+#include <cstddef>
+#include <cstdio>
+#include <memory>
 #include <stdexcept>
 #include <utility>
 
-#include "events/event_commands.h"
-#include "events/subscription_forms.h"
-#include "json/json_object.h"
 #include "json/json_text.h"
 #include "json/utf8.h"
-#include "platform/windows_runtime_error.h"
-#include "storage/cap_data_store.h"
-#include "storage/request_list.h"
-#include "storage/request_manager.h"
-#include "vxhost/services_mutex.h"
+#include "storage/bson_document.h"
+#include "storage/service_document.h"
+#include "vxhost/store_look.h"
+#include "vxhost/store_repair.h"
+#include "vxhost/stored_subscriptions.h"
 #include "vxhost/text.h"
 
 #include <rapidjson/prettywriter.h>
@@ -27,8 +27,6 @@ using Json::WideValue;
 using Tessel::Server::Storage::BsonDocument;
 using Tessel::Server::Storage::BsonKind;
 using Tessel::Server::Storage::BsonView;
-using Tessel::Server::Storage::CapDataStore;
-using Tessel::Server::Storage::StoreState;
 
 // The writer of a document chooses its depth. Only the size of deeper documents is shown.
 constexpr int kShownLevels = 32;
@@ -60,23 +58,36 @@ const wchar_t* KindName(BsonKind kind) {
 // bytes where a value cannot be shown.
 class StoreWriter {
  public:
-  explicit StoreWriter(WideDocument& target) : pool(target.GetAllocator()) {}
+  enum class Values { All, Exported };  // the latter: those of this module
 
-  WideValue Document(const BsonDocument& document, int levelsLeft) {
+  explicit StoreWriter(WideDocument& target, Values shown = Values::All)
+      : pool(target.GetAllocator()), values(shown) {}
+
+  // `name` is that of the document in the store, empty for the top level.
+  WideValue Document(const BsonDocument& document, int levelsLeft, const std::string& name = {}) {
     WideValue object(rapidjson::kObjectType);
     for (const BsonDocument::Member& member : document) {
-      object.AddMember(WideValue(Json::ToWide(member.key), pool), Member(member.value, levelsLeft),
+      const std::string key(member.key);
+      if (values == Values::Exported && !IsExported(name, key) &&
+          (!name.empty() || key != kServiceDocument)) {
+        ++left;
+        continue;
+      }
+      object.AddMember(WideValue(Json::ToWide(key), pool), Member(key, member.value, levelsLeft),
                        pool);
     }
     return object;
   }
 
+  // The number of values that were left out.
+  std::size_t Left() const { return left; }
+
  private:
-  WideValue Member(const BsonView& view, int levelsLeft) {
+  WideValue Member(const std::string& key, const BsonView& view, int levelsLeft) {
     WideValue member(rapidjson::kObjectType);
     member.AddMember(L"type", WideValue(KindName(view.Kind()), pool), pool);
     if (const auto embedded = levelsLeft > 0 ? view.AsDocument() : std::nullopt) {
-      member.AddMember(L"value", Document(*embedded, levelsLeft - 1), pool);
+      member.AddMember(L"value", Document(*embedded, levelsLeft - 1, key), pool);
     } else if (WideValue value = Scalar(view); !value.IsNull()) {
       member.AddMember(L"value", value, pool);
     } else {
@@ -95,95 +106,27 @@ class StoreWriter {
   }
 
   Json::WidePool& pool;
+  Values values;
+  std::size_t left = 0;
 };
 
-// Why a store in this state cannot be shown. Null if it can.
-const char* Refusal(StoreState state) {
-  switch (state) {
-    case StoreState::Sound:
-      return nullptr;
-    case StoreState::Missing:
-      return "the store cannot be read: there is no file";
-    case StoreState::Damaged:
-      return "the store cannot be read: it is damaged";
-    case StoreState::OtherMachine:
-      return "the store cannot be read: it was sealed on another machine";
-    case StoreState::Linked:
-      return "the store cannot be read: it is a link or has a second name";
-    case StoreState::TooLarge:
-      return "the store cannot be read: it is too large";
-    case StoreState::NotOpened:
-      return "the store cannot be read: it could not be opened, perhaps only for the moment";
-  }
-  return nullptr;
-}
-
-CapDataStore::Content ReadStore() {
-  CapDataStore::Content content = CapDataStore().readAll();
-  if (const char* const refusal = Refusal(content.state)) {
-    throw std::runtime_error(std::string(refusal) + "; see\n\"Trouble\" in docs/operations.md");
-  }
+WideDocument ContentOf(const StoreLook& look, StoreWriter::Values values, std::size_t& left) {
+  const BsonDocument stored = DocumentOf(look);
+  WideDocument content(rapidjson::kObjectType);
+  auto& pool = content.GetAllocator();
+  content.AddMember(L"storeId", WideValue(look.reading.id, pool), pool);
+  StoreWriter writer(content, values);
+  content.AddMember(L"document", writer.Document(stored, kShownLevels), pool);
+  left = writer.Left();
   return content;
 }
 
-struct ListForm : SubscriptionForm {
-  const char* name;
-};
-constexpr ListForm kLists[] = {
-    {kPowerForm, "power"}, {kZephraForm, "platform"}, {kPackageForm, "package"}};
-
-std::string Cell(const std::string& text, std::size_t width) {
-  return text.size() < width ? text + std::string(width - text.size(), ' ') : text + " ";
-}
-
-std::string Row(const std::string& event, const std::string& action, const std::string& delay,
-                const std::string& target) {
-  return Cell(event, 14) + Cell(action, 9) + Cell(delay, 7) + target;
-}
-
-std::string RequestRow(const ListForm& form, const std::wstring& text) {
-  const auto request = Json::JsonObject::Parse(text);
-  const auto event = Json::TruncateToUint32(request.GetNamedNumber(form.event));
-  const auto action = Json::TruncateToUint32(request.GetNamedNumber(form.action));
-  const auto params = request.GetNamedObject(form.parameters);
-  const std::wstring delay = params.FindString(L"delayDeliverySec").value_or(L"0");
-  // Made as the module makes it, so that this row shows what would run.
-  CreateEventCommand(static_cast<EventAction>(action), params);
-  std::wstring target = action == 1 ? params.GetNamedString(L"path") + L" " +
-                                          params.FindString(L"arguments").value_or(std::wstring())
-                                    : params.GetNamedString(L"packageFamilyName") + L" " +
-                                          params.GetNamedString(L"appServiceName");
-  if (form.family != nullptr) {
-    target += L" (when " + request.GetNamedString(form.family) + L" goes)";
+// People read it too, so its lines are indented unless a program asks for one.
+void Print(const WideDocument& document, Console& console) {
+  if (console.WritesJson()) {
+    console.JsonResult(document);
+    return;
   }
-  return Row(form.name + (" " + std::to_string(event)), action == 1 ? "start" : "message",
-             Utf8(delay) + " s", Utf8(target));
-}
-
-// Returns the number of subscriptions in the list.
-std::size_t ShowList(const ListForm& form, Console& console) {
-  const std::wstring list = RequestManager(kServiceDocument, form.list).StoredRequests();
-  const auto texts = Tessel::Server::Storage::RequestsOf(list);
-  for (const auto& text : texts) {
-    try {
-      if (!text) throw Platform::WindowsRuntimeError(Json::kInvalidJsonString, L"not an object");
-      console.Line(RequestRow(form, *text));
-    } catch (const Platform::WindowsRuntimeError& error) {
-      console.Line(Row(form.name, "-", "-",
-                       "never runs: " + Utf8(error.message()) + ": " + Utf8(text.value_or(L""))));
-    }
-  }
-  return texts.size();
-}
-
-int ShowStore(Console& console) {
-  const ServicesMutexHold hold(ServicesMutexFor(StoreUse::Read));
-  const CapDataStore::Content content = ReadStore();
-  WideDocument document(rapidjson::kObjectType);
-  auto& pool = document.GetAllocator();
-  document.AddMember(L"storeId", WideValue(content.storeId, pool), pool);
-  document.AddMember(L"document", StoreWriter(document).Document(content.document, kShownLevels),
-                     pool);
   Json::TextBuffer buffer;
   Json::ScratchMemory scratch;
   rapidjson::PrettyWriter<Json::TextBuffer, Json::WideEncoding, Json::WideEncoding,
@@ -192,37 +135,169 @@ int ShowStore(Console& console) {
   writer.SetIndent(L' ', 2);
   document.Accept(writer);
   console.Lines(Utf8(buffer.View()));
+}
+
+struct Options {
+  std::string file;
+  HoldLimits limits;
+};
+
+int Show(const Options& options, Console& console) {
+  std::size_t left = 0;
+  Print(ContentOf(LookAtStore(options.limits), StoreWriter::Values::All, left), console);
   return kDone;
 }
 
-int ShowSubscriptions(Console& console) {
-  const ServicesMutexHold hold(ServicesMutexFor(StoreUse::Read));
-  ReadStore();  // throws for a damaged store, which RequestManager treats as empty
-  console.Line(Row("EVENT", "ACTION", "DELAY", "TARGET"));
-  std::size_t count = 0;
-  for (const ListForm& form : kLists) count += ShowList(form, console);
-  if (count == 0) console.Line("(none is stored)");
+int Export(const Options& options, Console& console) {
+  std::size_t left = 0;
+  Print(ContentOf(LookAtStore(options.limits), StoreWriter::Values::Exported, left), console);
+  if (left != 0) {
+    std::fprintf(stderr, "%zu values of other services were left out\n", left);
+  }
   return kDone;
 }
 
-constexpr char kStoreFooter[] =
-    "Reads %ProgramData%\\Vx\\SharedServices\\shared_store.dat of this machine.\n"
+// A list that the module could not read, in words; empty if there is none.
+std::string ListFault(const StoreLook& look) {
+  try {
+    SubscriptionsIn(DocumentOf(look));
+    return {};
+  } catch (const std::runtime_error& error) {
+    return error.what();
+  }
+}
+
+int Verify(const Options& options, Console& console) {
+  const StoreLook look =
+      options.file.empty() ? LookAtStore(options.limits) : LookAtFile(FullPathOfFile(options.file));
+  StoreVerdict verdict = Judge(look, options.file.empty() ? Owner::Trusted : Owner::Any);
+  if (verdict.IsSound()) {
+    if (const std::string fault = ListFault(look); !fault.empty()) verdict = {"list broken", fault};
+  }
+  if (console.WritesJson()) {
+    WideDocument result(rapidjson::kObjectType);
+    auto& pool = result.GetAllocator();
+    result.AddMember(L"path", WideValue(look.path, pool), pool);
+    result.AddMember(L"state", WideValue(Wide(verdict.state), pool), pool);
+    result.AddMember(L"text", WideValue(Wide(verdict.text), pool), pool);
+    WideValue siblings(rapidjson::kArrayType);
+    for (const std::wstring& path : look.siblings) siblings.PushBack(WideValue(path, pool), pool);
+    result.AddMember(L"beside", siblings, pool);
+    console.JsonResult(result);
+  } else {
+    console.Line(Utf8(look.path) + ": " + verdict.text);
+    for (const std::wstring& path : look.siblings) {
+      console.Line("beside it: " + Utf8(path) +
+                   (path.ends_with(L".new") ? ", an interrupted write" : ""));
+    }
+  }
+  return verdict.IsSound() ? kDone : kNotMet;
+}
+
+// Reports where the former store is.
+int Replaced(const std::wstring& kept, Console& console) {
+  const std::wstring text = kept.empty() ? L"" : kept;
+  if (console.WritesJson()) {
+    WideDocument result(rapidjson::kObjectType);
+    auto& pool = result.GetAllocator();
+    result.AddMember(L"kept", WideValue(text, pool), pool);
+    console.JsonResult(result);
+  } else {
+    console.Line(kept.empty() ? "done; there was no store before"
+                              : "done; the store as it was is kept as " + Utf8(kept));
+  }
+  return kDone;
+}
+
+int BackUp(const Options& options, Console& console) {
+  const std::wstring path = FullPath(options.file);
+  BackUpStore(path, options.limits);
+  console.Note("written to " + Utf8(path));
+  return kDone;
+}
+
+int Restore(const Options& options, Console& console) {
+  return Replaced(RestoreStore(FullPathOfFile(options.file), options.limits), console);
+}
+
+int Import(const Options& options, Console& console) {
+  const std::wstring text = ReadTextFile(FullPathOfFile(options.file));
+  WideDocument document;
+  Json::ParseFault fault;
+  if (!Json::ParseJson(document, text, Json::kMaxNesting, &fault)) {
+    throw std::runtime_error("not valid JSON: " + FaultText(text, fault));
+  }
+  return Replaced(ImportValues(document, options.limits), console);
+}
+
+constexpr char kShowFooter[] =
+    "Reads %ProgramData%\\Vx\\SharedServices\\shared_store.dat of this machine, without a change.\n"
     "  vxhost store show > store.json";
-constexpr char kSubscriptionsFooter[] = "  vxhost subscriptions";
+constexpr char kVerifyFooter[] =
+    "Says what is wrong with the store, or with a copy of it. Changes nothing.\n"
+    "Exit code 1 when it is not sound.\n"
+    "  vxhost store verify\n"
+    "  vxhost store verify backup.dat";
+constexpr char kBackupFooter[] =
+    "The copy can be read on this machine only. The file must not exist.\n"
+    "  vxhost store backup backup.dat";
+constexpr char kRestoreFooter[] =
+    "Checks the copy first and keeps what it replaces beside the store. End the service before.\n"
+    "  vxhost store restore backup.dat";
+constexpr char kExportFooter[] =
+    "Prints this module's values in the form of \"store show\". Values of other services, which "
+    "may\n"
+    "be secret, are left out. Any machine can import it.\n"
+    "  vxhost store export > values.json";
+constexpr char kImportFooter[] =
+    "Checks all values first and keeps the store as it was beside it.\n"
+    "  vxhost store import values.json";
+
+enum class File { None, Optional, Required };
+
+struct Command {
+  const char* name;
+  const char* about;
+  const char* footer;
+  int (*run)(const Options& options, Console& console);
+  File file;
+};
+constexpr Command kCommands[] = {
+    {"show", "print the decrypted store as JSON, each value with its type", kShowFooter, &Show,
+     File::None},
+    {"verify", "say whether the store is sound, and what is wrong with it", kVerifyFooter, &Verify,
+     File::Optional},
+    {"backup", "copy the store's file", kBackupFooter, &BackUp, File::Required},
+    {"restore", "replace the store by a copy of it", kRestoreFooter, &Restore, File::Required},
+    {"export", "print this module's values of the store as JSON", kExportFooter, &Export,
+     File::None},
+    {"import", "put exported values into the store", kImportFooter, &Import, File::Required},
+};
 
 }  // namespace
 
 void AddStoreCommands(CommandLine& line) {
-  line.Add(line.AddGroup("store", "the shared store"), "show",
-           "print the decrypted store as JSON, each value with its type", kStoreFooter, &ShowStore);
-  line.Add("subscriptions", "list the stored subscriptions", kSubscriptionsFooter,
-           &ShowSubscriptions);
+  CLI::App& group = line.AddGroup("store", "the shared store");
+  for (const Command& command : kCommands) {
+    const auto options = std::make_shared<Options>();
+    CLI::App& added =
+        line.Add(group, command.name, command.about, command.footer,
+                 [&command, options](Console& console) { return command.run(*options, console); });
+    if (command.file != File::None) {
+      added.add_option("file", options->file, "a copy of the store's file, or exported values")
+          ->required(command.file == File::Required);
+    }
+    CommandLine::AddTimeout(added, options->limits);
+    line.OfferJson(added);
+    line.UseStore(added);
+  }
 }
 
 std::vector<std::string> StoreLines() {
-  const ServicesMutexHold hold(ServicesMutexFor(StoreUse::Read));
+  const StoreLook look = LookAtStore();
+  if (look.reading.state == Tessel::Server::Storage::StoreState::Missing) return {};
   WideDocument document;
-  document.CopyFrom(StoreWriter(document).Document(ReadStore().document, kShownLevels),
+  document.CopyFrom(StoreWriter(document).Document(DocumentOf(look), kShownLevels),
                     document.GetAllocator());
   std::vector<std::string> lines;
   for (auto value = document.MemberBegin(); value < document.MemberEnd(); ++value) {

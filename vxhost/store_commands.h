@@ -7,7 +7,7 @@
 
 namespace Vx::Host {
 
-// store and subscriptions.
+// store.
 void AddStoreCommands(CommandLine& line);
 
 // The store as "store show" prints it, with one line per value of its top level: "KEY {...}".

@@ -84,7 +84,7 @@ StoreLook LookAtStore(const HoldLimits& limits) {
   return LookAtFile(CapDataStore::PathOfFile());
 }
 
-StoreVerdict Judge(const StoreLook& look) {
+StoreVerdict Judge(const StoreLook& look, Owner owner) {
   switch (look.reading.state) {
     case StoreState::Missing:
       return {"missing", "there is no file"};
@@ -99,7 +99,7 @@ StoreVerdict Judge(const StoreLook& look) {
       break;
   }
   StoreVerdict verdict = JudgeContent(look.reading);
-  if (verdict.IsSound() && IsForeign(look.path)) {
+  if (owner == Owner::Trusted && verdict.IsSound() && IsForeign(look.path)) {
     return {"foreign",
             "foreign: it belongs to neither SYSTEM, the administrators nor this account"};
   }

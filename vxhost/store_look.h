@@ -29,7 +29,8 @@ struct StoreVerdict {
   std::string text;
   bool IsSound() const { return state == "sound"; }
 };
-StoreVerdict Judge(const StoreLook& look);
+enum class Owner { Trusted, Any };  // whose file it may be
+StoreVerdict Judge(const StoreLook& look, Owner owner = Owner::Trusted);
 
 // Looks at a copy of the store's file at `path`.
 StoreLook LookAtFile(const std::wstring& path);

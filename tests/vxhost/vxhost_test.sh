@@ -79,8 +79,8 @@ expect 2 'there is no file' trust "$work/missing.exe"
 expect 1 'NEVER  powerEventType: power event 99 never occurs' validate '{"powerEventType":99,"eventAction":2,
   "commandParams":{"packageFamilyName":"a","appServiceName":"b","payload":{}}}'
 expect 1 'line 1, column 13: ' validate '{"a":"\udc00"}'
-for command in exec scenario events 'store show' subscriptions pins trust pin watch validate \
-  explain-resume; do
+for command in exec scenario events 'store show' 'store restore' subscriptions explain history pins \
+  trust pin watch validate explain-resume; do
   # shellcheck disable=SC2086
   expect 0 "Usage: vxhost $command" $command --help
 done
@@ -101,10 +101,43 @@ for command in "--dll $(windows_path "$(realpath "$module")") exec 9 @forged.jso
 done
 (cd "$work" && "$emulator" ${prefix:+"$prefix"} cmd /c tables.bat > "$work/tables" 2>&1)
 controls=$(printf '\033|\302[\200-\237]|\177|\342\200\256')
-if [ "$(grep -c '^power 7 *message *0 s *a.*forged' "$work/tables")" != 1 ] ||
+if [ "$(grep -c '^ *1  [0-9a-f]*  power 7 *0 s *send a message to a.*forged' "$work/tables")" != 1 ] ||
   LC_ALL=C grep -qE "$controls|^platform" "$work/tables"; then
   echo "failed: a client's text reaches the terminal as it is, or its subscription is not shown:"
   cat -v "$work/tables"
+  failures=$((failures + 1))
+fi
+
+# A store is exported without the values of other services, and a copy of it restored.
+# Commands that only look make nothing.
+mkdir "$work/kept"
+kept() {
+  code=$1 text=$2
+  shift 2
+  expect "$code" "$text" --store "$work/kept" "$@"
+}
+kept 0 '(none is stored)' subscriptions
+kept 1 'there is no file' store verify
+kept 2 'there is no file' store show
+kept 2 'there is no file' explain --all
+kept 2 'there is no file' store backup "$work/nothing"
+if [ -n "$(ls -A "$work/kept")" ]; then
+  echo "failed: a command that only looks makes: $(ls -A "$work/kept")"
+  failures=$((failures + 1))
+fi
+scenario others '{"store": {"token": "a secret"}}'
+expect 0 'happened' --dll "$module" --store "$work/kept" scenario "$work/others.json"
+kept 0 'a secret' store show
+kept 0 '1 values of other services' store export
+"$emulator" ${prefix:+"$prefix"} "$vxhost" --store "$work/kept" store export > "$work/export.json" 2>&1
+kept 0 'written to' store backup "$work/backup.dat"
+kept 0 'is kept as' store restore "$work/backup.dat"
+printf '{"document":{"OrvaneServiceDocument":{"value":{"PackageCatalogEventSubscriptions":{"value":
+  "[{\\"catalogEvent\\":5}]"}}}}}' > "$work/package.json"
+kept 0 'is kept as' store import "$work/package.json"
+kept 0 'sound' store verify
+if grep -q 'secret' "$work/export.json"; then
+  echo "failed: an export holds a value of another service"
   failures=$((failures + 1))
 fi
 

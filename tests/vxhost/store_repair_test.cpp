@@ -1,0 +1,182 @@
+#include "vxhost/store_repair.h"
+
+#include <gmock/gmock.h>
+
+#include <cstddef>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <span>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "platform/data_protection.h"
+#include "storage/cap_data_store.h"
+#include "storage/service_document.h"
+#include "support/machine_test.h"
+#include "vxhost/stored_subscriptions.h"
+
+namespace Vx::Host {
+
+namespace {
+
+using namespace Tessel::Server::Services::Orvane;
+using Tessel::Server::Storage::BsonElement;
+using Tessel::Server::Storage::CapDataStore;
+using testing::HasSubstr;
+
+std::string ReadBytes(const std::wstring& path) {
+  std::ifstream file(path.c_str(), std::ios::binary);
+  return {std::istreambuf_iterator<char>(file), {}};
+}
+
+void WriteBytes(const std::wstring& path, const std::string& bytes) {
+  std::ofstream(path.c_str(), std::ios::binary) << bytes;
+}
+
+// A machine without the key of any blob.
+class NoKey final : public Platform::DataProtection {
+ public:
+  using Bytes = Platform::Result<std::vector<std::byte>>;
+  Bytes Protect(std::span<const std::byte> plain, const std::wstring& description) const override {
+    return Platform::WindowsMachine().dataProtection->Protect(plain, description);
+  }
+  Bytes Unprotect(std::span<const std::byte> /*sealed*/) const override {
+    return Bytes::Failure(0x8009000D);
+  }
+};
+
+class StoreRepairTest : public Tests::StoreTest {
+ protected:
+  StoreRepairTest() {
+    CapDataStore values;
+    values.persist("registration_full_sent", "a secret of another service");
+    values.mergeMember(kServiceDocument, kPowerSubscriptions,
+                       BsonElement::Text(LR"([{"powerEventType":18}])"));
+    original = ReadBytes(store.FilePath());
+  }
+
+  std::wstring Put(const std::string& bytes) {
+    WriteBytes(copy, bytes);
+    return copy;
+  }
+
+  std::size_t Kept() const { return LookAtStore().siblings.size(); }
+
+  Tests::TempFolder folder;
+  std::wstring copy = folder / L"copy.dat";
+  std::string original;
+};
+
+TEST_F(StoreRepairTest, NamesWhatIsWrongWithAStoreAndRestoresOnlyASoundOne) {
+  const std::string header = original.substr(0, 72);
+  const struct {
+    std::string state;
+    std::string bytes;
+  } cases[] = {
+      {"zeroed", std::string(3000, '\0')},
+      {"zeroed", std::string(40, '\0')},
+      {"cut short", original.substr(0, 40)},
+      {"damaged", original.substr(0, original.size() / 2)},
+      {"damaged", header + "garbage"},
+      {"foreign", "SQLite format 3" + std::string(200, 'x')},
+      {"sound", original},
+      {"sound", header},  // but without values
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.state + ", " + std::to_string(c.bytes.size()) + " bytes");
+    EXPECT_EQ(Judge(LookAtFile(Put(c.bytes)), Owner::Any).state, c.state);
+    WriteBytes(store.FilePath(), c.bytes);
+    EXPECT_EQ(Judge(LookAtStore()).state, c.state);
+    WriteBytes(store.FilePath(), original);
+    if (c.bytes == original) continue;
+    EXPECT_THROW(RestoreStore(copy, {}), std::runtime_error);
+    EXPECT_EQ(ReadBytes(store.FilePath()), original);
+    EXPECT_EQ(Kept(), 0U);
+  }
+  {
+    NoKey noKey;
+    const Platform::MachineScope other(
+        [&](Platform::Machine& platform) { platform.dataProtection = &noKey; });
+    EXPECT_THAT(Judge(LookAtStore()).text, HasSubstr("sealed on another machine"));
+  }
+  std::filesystem::create_hard_link(store.FilePath(), folder / L"second");
+  EXPECT_EQ(Judge(LookAtStore()).state, "linked");
+  EXPECT_THROW(RestoreStore(Put(original), {}), std::runtime_error);
+  std::filesystem::remove(folder / L"second");
+  std::filesystem::remove(store.FilePath());
+  EXPECT_EQ(Judge(LookAtStore()).state, "missing");
+}
+
+TEST_F(StoreRepairTest, KeepsWhatItReplaces) {
+  BackUpStore(copy, {});
+  EXPECT_THROW(BackUpStore(copy, {}), std::runtime_error);
+  for (const std::string& before : {std::string("a damaged store, longer than its header, which "
+                                                "has seventy-two bytes"),
+                                    original}) {
+    WriteBytes(store.FilePath(), before);
+    const std::wstring kept = RestoreStore(copy, {});
+    EXPECT_EQ(ReadBytes(store.FilePath()), original);
+    EXPECT_EQ(ReadBytes(kept), before);
+    std::filesystem::remove(kept);
+  }
+  std::filesystem::remove_all(std::filesystem::path(store.FilePath()).parent_path());
+  EXPECT_EQ(RestoreStore(copy, {}), L"");
+  EXPECT_EQ(ReadBytes(store.FilePath()), original);
+}
+
+TEST_F(StoreRepairTest, LeavesTheStoreWhereItCannotBeReplaced) {
+  BackUpStore(copy, {});
+  for (const char* call :
+       {"Files.Create", "FileHandle.Write", "FileHandle.Flush", "FileHandle.MoveOver"}) {
+    SCOPED_TRACE(call);
+    machine.faults.FailNamed(call);
+    EXPECT_THROW(RestoreStore(copy, {}), std::runtime_error);
+    machine.faults.Clear();
+    EXPECT_EQ(ReadBytes(store.FilePath()), original);
+  }
+}
+
+TEST_F(StoreRepairTest, ImportsValuesOfThisModuleOnly) {
+  const auto import = [](const std::wstring& own, const std::wstring& top = {}) {
+    Json::WideDocument document;
+    EXPECT_TRUE(Json::ParseJson(document, LR"({"document":{"OrvaneServiceDocument":{"value":{)" +
+                                              own + L"}}" + top + L"}}"));
+    return ImportValues(document, {});
+  };
+  const wchar_t* const refused[][2] = {
+      {LR"("sleep_state":{"value":1})", L""},
+      {L"", LR"(,"registration_full_sent":{"value":"no"})"},
+      {LR"("born_on_date":{"value":20240715})", L""},
+      {LR"("PowerEventSubscriptions":{"value":"[{}"})", L""},
+      {LR"("born_on_date":"20240715")", L""},
+  };
+  for (const auto& values : refused) {
+    EXPECT_THROW(import(values[0], values[1]), std::runtime_error);
+    EXPECT_EQ(ReadBytes(store.FilePath()), original);
+  }
+  const std::wstring kept = import(
+      LR"("ZephraEventSubscriptions":{"value":"[{\"a\":1}]"},"ExecutedMcAfeeStub":{"value":true})",
+      LR"(,"OrvaneLastBootTime":{"value":1721014400})");
+  EXPECT_EQ(ReadBytes(kept), original);
+  CapDataStore values;
+  EXPECT_EQ(values.readInt64("OrvaneLastBootTime"), 1721014400);
+  BsonElement others;
+  ASSERT_TRUE(values.read("registration_full_sent", others));
+  const auto subscriptions = SubscriptionsIn(DocumentOf(LookAtStore()));
+  ASSERT_EQ(subscriptions.size(), 2U);
+  EXPECT_EQ(subscriptions[1].text, LR"({"a":1})");
+}
+
+TEST_F(StoreRepairTest, ExportsNothingOfAnotherService) {
+  EXPECT_TRUE(IsExported(kServiceDocument, kBornOnDate));
+  EXPECT_FALSE(IsExported("", kBornOnDate));
+  EXPECT_FALSE(IsExported("AnotherDocument", kBornOnDate));
+  EXPECT_FALSE(IsExported("", "registration_full_sent"));
+  EXPECT_TRUE(IsExported("", "OrvaneLastBootTime"));
+}
+
+}  // namespace
+
+}  // namespace Vx::Host
