@@ -72,15 +72,16 @@ if [ "$(cat "$work/output")" != \
   cat "$work/output" "$work/errors"
   failures=$((failures + 1))
 fi
-expect 2 'service run, pins, trust, validate and doctor use it' --private-store store show
+expect 2 'service run, subscriptions add, subscriptions remove, pins, trust, validate and doctor use it' \
+  --private-store store show
 expect 2 'no event to send' events
 expect 2 '--seconds' --simulate events --power 7 --seconds -1
 expect 2 'there is no file' trust "$work/missing.exe"
 expect 1 'NEVER  powerEventType: power event 99 never occurs' validate '{"powerEventType":99,"eventAction":2,
   "commandParams":{"packageFamilyName":"a","appServiceName":"b","payload":{}}}'
 expect 1 'line 1, column 13: ' validate '{"a":"\udc00"}'
-for command in exec scenario events 'store show' 'store restore' subscriptions explain history pins \
-  trust pin watch validate explain-resume; do
+for command in exec scenario events 'store show' 'store restore' subscriptions 'subscriptions add' \
+  explain history pins trust pin watch validate explain-resume; do
   # shellcheck disable=SC2086
   expect 0 "Usage: vxhost $command" $command --help
 done
@@ -108,7 +109,7 @@ if [ "$(grep -c '^ *1  [0-9a-f]*  power 7 *0 s *send a message to a.*forged' "$w
   failures=$((failures + 1))
 fi
 
-# A store is exported without the values of other services, and a copy of it restored.
+# Subscriptions are composed, listed, exported without the values of other services, and taken back.
 # Commands that only look make nothing.
 mkdir "$work/kept"
 kept() {
@@ -121,20 +122,39 @@ kept 1 'there is no file' store verify
 kept 2 'there is no file' store show
 kept 2 'there is no file' explain --all
 kept 2 'there is no file' store backup "$work/nothing"
+kept 1 'not removed' subscriptions remove 1
 if [ -n "$(ls -A "$work/kept")" ]; then
   echo "failed: a command that only looks makes: $(ls -A "$work/kept")"
   failures=$((failures + 1))
 fi
+changing() {
+  code=$1 text=$2
+  shift 2
+  expect "$code" "$text" --dll "$module" --store "$work/kept" subscriptions "$@"
+}
+trigger='{01234567-89ab-cdef-0123-456789abcdef}'
+changing 0 'added: ' add --power 18 --send f --service s --trigger "$trigger" --delay 5
+changing 1 'not added: ' add --power 18 --send f --service s --trigger "$trigger" --delay 6
+changing 1 'never runs: commandParams.path: ' add --platform 1 --run 'C:\Missing.exe'
+changing 0 '"added":true' add --platform 1 --run 'C:\Missing.exe' --force --json
+kept 0 'never runs: commandParams.path: ' subscriptions list
+kept 0 '"number":2,"hash":' subscriptions --json
 scenario others '{"store": {"token": "a secret"}}'
 expect 0 'happened' --dll "$module" --store "$work/kept" scenario "$work/others.json"
 kept 0 'a secret' store show
 kept 0 '1 values of other services' store export
 "$emulator" ${prefix:+"$prefix"} "$vxhost" --store "$work/kept" store export > "$work/export.json" 2>&1
 kept 0 'written to' store backup "$work/backup.dat"
+changing 0 'removed: ' remove 2
+changing 0 'removed: ' remove 1
+changing 1 'not removed' remove 1
 kept 0 'is kept as' store restore "$work/backup.dat"
+kept 0 '   2  ' subscriptions
 printf '{"document":{"OrvaneServiceDocument":{"value":{"PackageCatalogEventSubscriptions":{"value":
   "[{\\"catalogEvent\\":5}]"}}}}}' > "$work/package.json"
 kept 0 'is kept as' store import "$work/package.json"
+changing 0 'removed: ' remove 3
+changing 0 'removed: ' remove 2
 kept 0 'sound' store verify
 if grep -q 'secret' "$work/export.json"; then
   echo "failed: an export holds a value of another service"
