@@ -1,0 +1,132 @@
+"""schema_test.py VXHOST SCHEMAS TESTS EMULATOR...: what vxhost prints, what the sample scenarios send and
+receive, and every scenario of the project are as the schemas say. What vxhost refuses, they refuse too."""
+
+import json
+import pathlib
+import subprocess
+import sys
+import tempfile
+
+from jsonschema import Draft202012Validator
+
+vxhost, schemas, tests, *emulator = sys.argv[1:]
+tests = pathlib.Path(tests)
+samples = tests.parent / "vxhost" / "scenarios"
+failures = []
+
+
+def load(name):
+    schema = json.loads((pathlib.Path(schemas) / f"{name}.schema.json").read_text(encoding="utf-8"))
+    Draft202012Validator.check_schema(schema)
+    return schema
+
+
+SCHEMAS = {name: load(name) for name in ("scenario", "requests", "answers", "outputs")}
+
+
+def faults(value, name, part=None):
+    schema = SCHEMAS[name]
+    if part is not None:
+        schema = {"$ref": f"#/$defs/{part}", "$defs": schema["$defs"]}
+    return [error.message[:300] for error in Draft202012Validator(schema).iter_errors(value)]
+
+
+def expect(value, valid, what, name, part=None):
+    found = faults(value, name, part)
+    if bool(found) == valid:
+        failures.append(what)
+        print(f"failed: {what} should be {'' if valid else 'in'}valid by {name} {part or ''}: {found}")
+
+
+def run(*arguments):
+    done = subprocess.run([*emulator, vxhost, *arguments], stdout=subprocess.PIPE, stderr=subprocess.PIPE,
+                          cwd=tests / "vxhost", check=False)
+    lines = done.stdout.decode().splitlines()
+    if not lines:
+        failures.append(arguments)
+        print(f"failed: vxhost {arguments} prints no result: {done.stderr.decode()}")
+    return [json.loads(line) for line in lines], done.stderr.decode()
+
+
+def check_outputs():
+    program = "Z:" + vxhost.replace("/", "\\")
+    subscriptions = sorted(p.name for p in (tests / "vxhost" / "subscriptions").glob("*.json"))
+    for part, arguments in {
+            "exec": ("--simulate", "exec", "99"),
+            "events": ("--simulate", "events", "--power", "18", "--seconds", "1"),
+            "doctor": ("--simulate", "doctor"),
+            "validate": ("--simulate", "validate", *(f"@subscriptions/{name}" for name in subscriptions)),
+            "trust": ("trust", program),
+            "pin": ("pin", program),
+            "pins": ("pins",),
+            "history": ("history", "history/service.log"),
+            "explain-resume": ("explain-resume",),
+            "error": ("exec", "22", "--dll", "missing.dll"),
+    }.items():
+        results, _ = run(*arguments, "--json")
+        for result in results:
+            expect(result, True, f"vxhost {' '.join(arguments[:3])}", "outputs", part)
+        if part != "validate":
+            continue
+        for name, result in zip(subscriptions, results, strict=True):
+            if not result["runs"] or any(finding["verdict"] == "hint" for finding in result["findings"]):
+                continue
+            request = json.loads((tests / "vxhost" / "subscriptions" / name).read_text(encoding="utf-8"))
+            kind = next(k for k, key in ((9, "powerEventType"), (14, "zephraEventType"), (7, "catalogEvent"))
+                        if key in request)
+            expect(request, True, name, "requests", f"command{kind}")
+
+
+def check_explanation():
+    with tempfile.TemporaryDirectory() as folder:
+        store = "Z:" + folder.replace("/", "\\")
+        run("--store", store, "exec", "9", "@subscriptions/14_unsigned.json", "--json")
+        run("--store", store, "exec", "14", "@subscriptions/03_good_platform.json", "--json")
+        for result in run("--store", store, "explain", "--all", "--json")[0]:
+            expect(result, True, "vxhost explain", "outputs", "explain")
+
+
+def check_samples():
+    """Every request that a sample sends with success, and what comes back."""
+    names = ["first_boot", "packages", "born_on_date", "consent", "policy", "signed_program", "standby"]
+    plays = run("--simulate", "scenario", *(f"{samples}/{name}.json" for name in names), "--json")
+    every = run("--private-store", "scenario", f"{samples}/every_command.json", "--json")
+    for report in plays[0] + every[0]:
+        expect(report, True, "the report of a sample", "outputs", "scenario")
+        logged = ""
+        for entry in (entry for step in report["steps"] for entry in step["entries"]):
+            logged += entry.get("message", "")
+            if entry["kind"] != "command":
+                continue
+            part = f"command{entry['id']}"
+            # The module took it, but said what is wrong with it.
+            doubted = f"function id {entry['id']}: " in logged
+            logged = ""
+            if entry["code"] == "0x00000000":
+                expect(entry["answer"], True, f"the answer of {part}", "answers", part)
+                if entry["request"].startswith("{"):
+                    expect(json.loads(entry["request"]), not doubted, entry["request"], "requests", part)
+            elif entry["answer"] is not None:
+                expect(entry["answer"], True, f"the answer of a failed {part}", "answers", "none")
+    for line in plays[1].splitlines():
+        if line.startswith('{"time"'):
+            expect(json.loads(line), True, line, "outputs", "watch")
+
+
+def check_scenarios():
+    for file in [*samples.glob("*.json"), *tests.glob("*/scenarios/*.json")]:
+        expect(json.loads(file.read_text(encoding="utf-8")), True, file.name, "scenario")
+    # A name that has no definition and a call after the end are beyond a schema.
+    unseen = {12, 22}
+    scenario = json.loads((tests / "vxhost/faults/simulated.json").read_text(encoding="utf-8"))
+    listed = (tests / "vxhost/faults/simulated.txt").read_text(encoding="utf-8")
+    for number, step in enumerate(scenario["steps"], 1):
+        refused = f"step {number}:" in listed or f"step {number}," in listed
+        expect(step, not refused or number in unseen, f"step {number} of the faults", "scenario", "step")
+
+
+check_outputs()
+check_explanation()
+check_samples()
+check_scenarios()
+sys.exit(1 if failures else 0)
