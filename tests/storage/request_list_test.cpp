@@ -21,6 +21,7 @@ TEST(ListWith, KeepsTheFirstRequestUnchangedAndAppendsOthers) {
   EXPECT_EQ(ListWith(L"", L" { \"a\" : 1.0 } "), L"[ { \"a\" : 1.0 } ]");
   EXPECT_EQ(ListWith(L"[ { \"a\" : 1.0 } ]", L"{ \"b\" : 1e3 }"), L"[{\"a\":1.0},{\"b\":1000.0}]");
   EXPECT_EQ(ListWith(L"[]", L"{ }"), L"[{}]");
+  EXPECT_EQ(ListWith(L"[5]", L"{}"), L"[5,{}]");
   EXPECT_EQ(ListWith(L"[5,null]", L"{}"), L"[5,null,{}]");
 }
 
