@@ -3,7 +3,6 @@
 #include <gmock/gmock.h>
 
 #include "security/file_trust.h"
-#include "support/log_capture.h"
 #include "support/test_pki.h"
 
 // Uses real signatures, files and folders. The keys are those of the test authority.
@@ -49,26 +48,6 @@ TEST(VxAuthenticodeFacade, TrustsNoPathThatIsNotThere) {
   VxAuthenticodeFacade facade;
   EXPECT_FALSE(facade.IsFileTrusted(nullptr) || facade.IsFileTrustedRestricted(nullptr) ||
                facade.IsDropboxFileTrusted(nullptr));
-}
-
-TEST(VxAuthenticodeFacade, LogsEachStepOfARefusalForItsPlace) {
-  const std::wstring path = PkiFile(kPinned);
-  const std::wstring rule = L"error|Vx::Tessel::Security::VxAuthenticodeHelper::IsPathAllowed - ";
-  const std::wstring failed = rule + L"BeginsWith() failed [" + path + L"] [";
-  const Tests::LogCapture log;
-  EXPECT_FALSE(VxAuthenticodeFacade().IsFileTrustedRestricted(path.c_str()));
-  EXPECT_THAT(
-      log.Lines(),
-      ElementsAre(
-          L"info|Security - GetSecurityCatalogInfo - File = " + path,
-          L"error|Security - GetSecurityCatalogInfo - Failed during "
-          L"CryptCATAdminEnumCatalogFromHash. Error Code = 2",
-          L"info|Subject = C=DE, S=Test State, L=Testtown, O=Vx Test Makers, OU=Vx Test Unit, "
-          L"CN=Vx Test Pinned",
-          L"info|Security - IsFileTrusted - trusted by windows = yes, trusted by Zephra = yes",
-          failed + L"C:\\windows\\]", failed + L"C:\\Program Files (x86)\\]",
-          failed + L"C:\\Program Files\\]",
-          rule + L"Didn't find substring [:\\WindowsApps\\] in [" + path + L"]"));
 }
 
 TEST(PublicKeysOf, ListsTheKeysInTheFormInWhichTheyArePinned) {
