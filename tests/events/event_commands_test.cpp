@@ -48,12 +48,6 @@ std::int32_t Building(std::uint32_t action, const std::wstring& parameters) {
   }
 }
 
-std::wstring Escaped(const std::wstring& path) {
-  std::wstring text;
-  for (const wchar_t c : path) text.append(c == L'\\' ? 2 : 1, c);
-  return text;
-}
-
 TEST(CreateEventCommand, InsistsOnItsRequiredKeys) {
   constexpr std::int32_t kMissing = Json::kJsonValueNotFound;
   constexpr std::int32_t kWrongType = Json::kIllegalMethodCall;
@@ -154,7 +148,7 @@ bool CanBeWritten(const std::wstring& path) {
 class RealLaunchTest : public testing::Test {
  protected:
   LaunchCommand Command(const std::wstring& path) const {
-    return LaunchCommand(JsonObject::Parse(LR"({"path":")" + Escaped(path) +
+    return LaunchCommand(JsonObject::Parse(LR"({"path":")" + Tests::Escaped(path) +
                                            LR"(","arguments":"one \"two three\""})"));
   }
 
@@ -354,7 +348,7 @@ TEST_F(RealEventTest, RunsAProgramWhateverOtherSubscriptionsName) {
   for (const std::wstring& path : paths) {
     RegisterSubscription(kPowerEvents,
                          LR"({"powerEventType":7,"eventAction":1,"commandParams":{"path":")" +
-                             Escaped(path) + L"\"}}");
+                             Tests::Escaped(path) + L"\"}}");
   }
   const auto first = Deliver(paths.size());
   EXPECT_TRUE(Tests::WaitForProbe(good + L".out"));

@@ -111,15 +111,14 @@ class WorkerStackTest : public testing::Test {
 
 TEST_F(WorkerStackTest, LeavesFourFifthsFreeWhereARealDeliveryIsDeepest) {
   const std::wstring path = folder.Hold(L"pinned.exe");
-  std::wstring escaped;
-  for (const wchar_t unit : path) escaped.append(unit == L'\\' ? 2 : 1, unit);
   const struct {
     const char* name;
     std::wstring request;
     const wchar_t* line;
   } cases[] = {
       {"signature check and process creation",
-       LR"({"powerEventType":7,"eventAction":1,"commandParams":{"path":")" + escaped + LR"("}})",
+       LR"({"powerEventType":7,"eventAction":1,"commandParams":{"path":")" + Tests::Escaped(path) +
+           LR"("}})",
        L"info|LaunchCommand::Execute returned with result 1"},
       {"exchange with an app service",
        LR"({"powerEventType":7,"eventAction":2,"commandParams":{"packageFamilyName":"f",)"

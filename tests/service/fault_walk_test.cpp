@@ -16,6 +16,7 @@
 
 #include "service/simulated_service.h"
 #include "storage/store_file.h"
+#include "support/probe.h"
 #include "support/process_gauges.h"
 #include "support/test_pki.h"
 
@@ -173,10 +174,8 @@ TEST_F(FaultWalkTest, Deliver) {
 TEST_F(FaultWalkTest, Launch) {
   const ProtectedFolder folder;
   const std::wstring path = folder.Hold(L"pinned.exe");
-  std::wstring escaped;
-  for (const wchar_t c : path) escaped.append(c == L'\\' ? 2 : 1, c);
-  const std::wstring request =
-      LR"({"powerEventType":7,"eventAction":1,"commandParams":{"path":")" + escaped + LR"("}})";
+  const std::wstring request = LR"({"powerEventType":7,"eventAction":1,"commandParams":{"path":")" +
+                               Escaped(path) + LR"("}})";
   std::size_t before = 0;
   const auto launch = [&] {
     before = Started().size();

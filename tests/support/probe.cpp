@@ -50,6 +50,12 @@ std::wstring ProbePath() {
   return TestFolder() + L"\\probe.exe";
 }
 
+std::wstring Escaped(const std::wstring& path) {
+  std::wstring text;
+  for (const wchar_t unit : path) text.append(unit == L'\\' ? 2 : 1, unit);
+  return text;
+}
+
 std::optional<ProbeReport> WaitForProbe(const std::wstring& path, std::chrono::milliseconds limit) {
   const ULONGLONG end = GetTickCount64() + static_cast<ULONGLONG>(limit.count());
   for (;;) {

@@ -24,6 +24,9 @@ std::wstring ProbePath();
 // Full path of the folder of the running test program.
 std::wstring TestFolder();
 
+// The path as it stands in a JSON text.
+std::wstring Escaped(const std::wstring& path);
+
 // The report that appears at `path`; empty when there is none within `limit`.
 std::optional<ProbeReport> WaitForProbe(const std::wstring& path,
                                         std::chrono::milliseconds limit = std::chrono::seconds(20));

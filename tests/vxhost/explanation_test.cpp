@@ -20,6 +20,7 @@
 #include "storage/service_document.h"
 #include "storage/system_mutex.h"
 #include "support/machine_test.h"
+#include "support/probe.h"
 #include "support/test_pki.h"
 #include "vxhost/store_look.h"
 
@@ -32,15 +33,9 @@ using namespace Tessel::Server::Services::Orvane;
 using Tessel::Server::Storage::BsonElement;
 using Tessel::Server::Storage::CapDataStore;
 
-std::wstring Escaped(const std::wstring& path) {
-  std::wstring text;
-  for (const wchar_t c : path) text.append(c == L'\\' ? 2 : 1, c);
-  return text;
-}
-
 std::wstring Launch(const std::wstring& path, const std::wstring& more = {}) {
-  return LR"({"powerEventType":18,"eventAction":1,"commandParams":{"path":")" + Escaped(path) +
-         LR"(")" + more + L"}}";
+  return LR"({"powerEventType":18,"eventAction":1,"commandParams":{"path":")" +
+         Tests::Escaped(path) + LR"(")" + more + L"}}";
 }
 
 std::wstring Message(const std::wstring& service, const std::wstring& more,
@@ -170,7 +165,7 @@ TEST_F(ExplanationTest, RefusesWhatTheConsoleSessionKeepsFromStarting) {
 }
 
 TEST_F(ExplanationTest, SaysWhatAnUninstallLeadsTo) {
-  const std::wstring pinned = Escaped(folder.Hold(L"pinned.exe"));
+  const std::wstring pinned = Tests::Escaped(folder.Hold(L"pinned.exe"));
   const auto package = [&](const std::wstring& family, const std::wstring& action,
                            const std::wstring& params) {
     return LR"({"catalogEvent":5,"catalogAction":)" + action + LR"(,"packageFamilyName":")" +
