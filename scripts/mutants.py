@@ -89,7 +89,7 @@ def judge(name, tests):
     near = str(build / "tests" / name.split("/")[1])
     for test in sorted(tests, key=lambda test: (test["folder"] != near, test["seconds"])):
         at = "the build of " + test["name"]
-        status = run(*ninja, os.path.relpath(near, build) + "/all" if test["folder"] == near else "all")
+        status = run(*ninja, *([os.path.relpath(near, build) + "/all", "vxhost"] if test["folder"] == near else []))
         if status == 0:
             at, status = test["name"], run(*test["command"], cwd=test["folder"], seconds=60 + 4 * test["seconds"])
         if status != 0:
