@@ -103,6 +103,7 @@ TEST(BsonDocument, RefusesEveryPrefixOfADocumentAndWhatGoesOnBehindIt) {
   }
   EXPECT_FALSE(Decodes(whole + '\0'));
   EXPECT_FALSE(Decodes("\004\0\0\0\0"sv));
+  EXPECT_TRUE(Decodes(Document({})));
 }
 
 TEST(BsonDocument, RefusesMembersThatCannotBeToldApart) {
