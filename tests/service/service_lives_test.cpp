@@ -82,6 +82,19 @@ TEST_F(ServiceLivesTest, NotifiesOfABootOnceHoweverOftenTheStartUpTaskRuns) {
   }
 }
 
+TEST_F(ServiceLivesTest, AStoreThatCannotBeOpenedEndsTheNotificationsWithoutRetry) {
+  store.Block();
+  Start(0s);
+  EXPECT_THAT(log.Lines(), Contains(L"error|Failed to create CapDataStore instance").Times(1));
+  EXPECT_THAT(log.Lines(), Contains(HasSubstr(L"OrvaneService.CheckToSendWakeupEvent threw")));
+  log.Clear();
+  machine.clock.Advance(3h);
+  EXPECT_THAT(log.Lines(), IsEmpty());
+  EXPECT_THAT(Sent(), IsEmpty());
+  EXPECT_THAT(Started(), IsEmpty());
+  EXPECT_EQ(machine.clock.Workers(), 0U);
+}
+
 TEST_F(ServiceLivesTest, AnAttemptThatThrowsIsOneThatFailed) {
   // The answer cannot be recorded.
   machine.timeline.SetListener(
