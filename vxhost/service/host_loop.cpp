@@ -102,7 +102,10 @@ void HostLoop::OnPower(std::uint32_t code, PowerSource source) {
     }
   }
   log.Add(L"INFO", kPowerForwarded + std::to_wstring(code));
+  // A delay that begins with the resume runs in full, and one that runs at the suspend ends.
+  if (code == PBT_APMRESUMESUSPEND || code == PBT_APMRESUMEAUTOMATIC) OnStandby(Standby::Left);
   session.Slots().power_event_task(code);
+  if (code == PBT_APMSUSPEND) OnStandby(Standby::Entered);
 }
 
 void HostLoop::OnSession(std::uint32_t code) {

@@ -6,6 +6,8 @@
 #include <windows.h>
 
 #include "vxhost/service/pipe_io.h"
+#include "vxhost/service/pipe_server.h"
+#include "vxhost/service/service_manager.h"
 #include "vxhost/text.h"
 
 namespace Vx::Host {
@@ -20,6 +22,9 @@ constexpr DWORD kAccess = FILE_GENERIC_READ | FILE_WRITE_DATA | FILE_WRITE_ATTRI
 constexpr std::chrono::milliseconds kNoLimit{std::numeric_limits<DWORD>::max()};
 
 constexpr DWORD kPause = 20;  // milliseconds
+
+// For a free instance of the pipe.
+constexpr std::chrono::seconds kPatience{10};
 
 }  // namespace
 
@@ -64,6 +69,10 @@ ResultEnvelope PipeClient::Execute(const CommandEnvelope& command) {
   auto result = ParseResult(message);
   if (!result) throw std::runtime_error("the service sent no result");
   return std::move(*result);
+}
+
+PipeClient ConnectToService(const std::wstring& name) {
+  return {PipePath(name), ProcessOfService(name), kPatience};
 }
 
 }  // namespace Vx::Host

@@ -25,4 +25,8 @@ class PipeClient {
   Platform::UniqueHandle pipe;
 };
 
+// Connects to the running service of this name: to the process that the service manager names.
+// Throws like the constructor.
+PipeClient ConnectToService(const std::wstring& name);
+
 }  // namespace Vx::Host

@@ -64,6 +64,14 @@ std::wstring PipePath(const std::wstring& serviceName) {
   return L"\\\\.\\pipe\\VxHost-" + serviceName;
 }
 
+void CheckSids(const std::vector<std::wstring>& texts) {
+  for (const std::wstring& sid : texts) {
+    PSID parsed = nullptr;
+    if (ConvertStringSidToSidW(sid.c_str(), &parsed) == FALSE) ThrowLastError("--allow");
+    const Platform::UniqueLocalMemory<void> owner(parsed);
+  }
+}
+
 std::wstring PipeAccess(const std::vector<std::wstring>& allowed) {
   std::wstring access = L"D:P(D;;GA;;;NU)(A;;GA;;;SY)(A;;GA;;;BA)";
   // FILE_GENERIC_READ, FILE_WRITE_DATA and FILE_WRITE_ATTRIBUTES. GENERIC_WRITE would include the
@@ -93,12 +101,7 @@ PipeServer::PipeServer(PipeOptions settings, Handler run, Report tell)
       report(std::move(tell)),
       stop(NewEvent(TRUE)),
       left(NewEvent(FALSE)) {
-  // A text that is not a SID could hold entries of its own.
-  for (const std::wstring& sid : options.allowed) {
-    PSID parsed = nullptr;
-    if (ConvertStringSidToSidW(sid.c_str(), &parsed) == FALSE) ThrowLastError("--allow");
-    const Platform::UniqueLocalMemory<void> owner(parsed);
-  }
+  CheckSids(options.allowed);
   PSECURITY_DESCRIPTOR raw = nullptr;
   if (ConvertStringSecurityDescriptorToSecurityDescriptorW(
           PipeAccess(options.allowed).c_str(), SDDL_REVISION_1, &raw, nullptr) == FALSE) {

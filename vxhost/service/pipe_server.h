@@ -18,6 +18,9 @@ namespace Vx::Host {
 // The pipe of the service of this name.
 std::wstring PipePath(const std::wstring& serviceName);
 
+// Throws std::system_error for a text that is not a SID: it could hold entries of its own.
+void CheckSids(const std::vector<std::wstring>& texts);
+
 struct PipeOptions {
   std::wstring path;
   std::vector<std::wstring> allowed;  // accounts beside SYSTEM and the administrators, SIDs as text

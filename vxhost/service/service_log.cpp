@@ -56,8 +56,13 @@ ServiceLog::~ServiceLog() {
     const std::lock_guard guard(lock);
     ending = true;
   }
-  changed.notify_one();
+  changed.notify_all();
   writer.Join();
+}
+
+void ServiceLog::Flush() noexcept {
+  std::unique_lock guard(lock);
+  changed.wait(guard, [this] { return queue.empty() && !writing; });
 }
 
 void ServiceLog::Add(LogLine line) noexcept {
@@ -73,7 +78,7 @@ void ServiceLog::Add(LogLine line) noexcept {
     const std::lock_guard guard(lock);
     ++lost;
   }
-  changed.notify_one();
+  changed.notify_all();
 }
 
 void ServiceLog::Add(const wchar_t* level, std::wstring message) noexcept {
@@ -88,6 +93,7 @@ void ServiceLog::Run() noexcept {
     const LogEntry entry = std::move(queue.front());
     queue.pop_front();
     const std::uint64_t missing = std::exchange(lost, 0);
+    writing = true;
     guard.unlock();
     std::uint64_t failed = 0;
     if (missing != 0) {
@@ -98,6 +104,8 @@ void ServiceLog::Run() noexcept {
     if (!WriteEverywhere(entry)) ++failed;
     guard.lock();
     lost += failed;
+    writing = false;
+    changed.notify_all();
   }
 }
 

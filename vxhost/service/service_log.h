@@ -44,6 +44,9 @@ class ServiceLog {
   // Writes what the queue holds first.
   ~ServiceLog();
 
+  // Waits until every record added so far was written.
+  void Flush() noexcept;
+
   // Any thread, which becomes the thread of the record.
   void Add(LogLine line) noexcept;
   // A record of the service itself: `level` is INFO, WARNING or ERROR.
@@ -57,8 +60,9 @@ class ServiceLog {
   const std::size_t capacity;
   std::mutex lock;
   std::condition_variable changed;
-  std::deque<LogEntry> queue;  // under the lock, as the next two
+  std::deque<LogEntry> queue;  // under the lock, as the next three
   std::uint64_t lost = 0;      // since the last warning
+  bool writing = false;
   bool ending = false;
   Platform::Thread writer;
 };

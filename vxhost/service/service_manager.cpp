@@ -1,0 +1,271 @@
+#include "vxhost/service/service_manager.h"
+
+#include <algorithm>
+#include <chrono>
+#include <cstddef>
+#include <iterator>
+#include <stdexcept>
+
+#include <windows.h>
+
+#include "vxhost/text.h"
+
+namespace Vx::Host {
+
+namespace {
+
+constexpr std::size_t kLongestName = 64;
+constexpr std::chrono::seconds kPatience{60};
+constexpr DWORD kPause = 20;  // milliseconds
+
+constexpr DWORD kMinute = 60'000;       // milliseconds
+constexpr DWORD kDay = 86'400;          // seconds
+constexpr DWORD kPreshutdown = 30'000;  // milliseconds that Windows waits for the running commands
+
+wchar_t description[] =
+    L"Runs programs for client applications when the machine resumes, when the policy changes or "
+    L"when a package is uninstalled.";
+
+// To read the token of the user at the console, to start a program with it and to act as that user.
+constexpr const wchar_t* kPrivileges[] = {L"SeAssignPrimaryTokenPrivilege",
+                                          L"SeChangeNotifyPrivilege", L"SeImpersonatePrivilege",
+                                          L"SeIncreaseQuotaPrivilege", L"SeTcbPrivilege"};
+
+std::string AdviceFor(DWORD error) {
+  switch (error) {
+    case ERROR_ACCESS_DENIED:
+      return "; run as administrator";
+    case ERROR_SERVICE_DOES_NOT_EXIST:
+      return "; it is not installed";
+    case ERROR_SERVICE_EXISTS:
+      return "; remove the installed one first";
+    case ERROR_SERVICE_MARKED_FOR_DELETE:
+      return "; close the programs that look at it, then try again";
+    case ERROR_SERVICE_NOT_ACTIVE:
+      return "; it does not run";
+    default:
+      return {};
+  }
+}
+
+[[noreturn]] void Refused(const std::string& what, const std::wstring& name, DWORD error) {
+  throw std::runtime_error("cannot " + what + " the service " + Utf8(name) + " (error " +
+                           std::to_string(error) + ")" + AdviceFor(error));
+}
+
+UniqueServiceHandle OpenManager(DWORD access) {
+  UniqueServiceHandle manager(OpenSCManagerW(nullptr, nullptr, access));
+  if (manager == nullptr) {
+    const DWORD error = GetLastError();
+    throw std::runtime_error("cannot reach the service manager (error " + std::to_string(error) +
+                             ")" + AdviceFor(error));
+  }
+  return manager;
+}
+
+SC_HANDLE Raw(const UniqueServiceHandle& handle) {
+  return static_cast<SC_HANDLE>(handle.get());
+}
+
+UniqueServiceHandle Open(const std::wstring& name, DWORD access, const std::string& what) {
+  const UniqueServiceHandle manager = OpenManager(SC_MANAGER_CONNECT);
+  UniqueServiceHandle service(OpenServiceW(Raw(manager), name.c_str(), access));
+  if (service == nullptr) Refused(what, name, GetLastError());
+  return service;
+}
+
+SERVICE_STATUS_PROCESS StatusOf(const UniqueServiceHandle& service, const std::wstring& name) {
+  SERVICE_STATUS_PROCESS status{};
+  DWORD size = 0;
+  if (QueryServiceStatusEx(Raw(service), SC_STATUS_PROCESS_INFO, reinterpret_cast<LPBYTE>(&status),
+                           sizeof status, &size) == FALSE) {
+    Refused("query", name, GetLastError());
+  }
+  return status;
+}
+
+// Waits while `holds` is true of the service's state.
+template <typename Condition>
+SERVICE_STATUS_PROCESS AwaitWhile(const UniqueServiceHandle& service, const std::wstring& name,
+                                  const Condition& holds) {
+  const ULONGLONG end =
+      GetTickCount64() + static_cast<ULONGLONG>(std::chrono::milliseconds(kPatience).count());
+  SERVICE_STATUS_PROCESS status = StatusOf(service, name);
+  while (holds(status.dwCurrentState) && GetTickCount64() < end) {
+    Sleep(kPause);
+    status = StatusOf(service, name);
+  }
+  return status;
+}
+
+// What ChangeServiceConfig2 is called with after the service was created.
+class Settings {
+ public:
+  Settings(SC_HANDLE changed, bool automatic) : service(changed) {
+    SERVICE_DESCRIPTIONW text{description};
+    Set("a description", SERVICE_CONFIG_DESCRIPTION, &text);
+    SC_ACTION actions[] = {{SC_ACTION_RESTART, kMinute},
+                           {SC_ACTION_RESTART, kMinute},
+                           {SC_ACTION_RESTART, 5 * kMinute}};
+    SERVICE_FAILURE_ACTIONSW failure{};
+    failure.dwResetPeriod = kDay;
+    failure.cActions = static_cast<DWORD>(std::size(actions));
+    failure.lpsaActions = actions;
+    Set("failure actions", SERVICE_CONFIG_FAILURE_ACTIONS, &failure);
+    // Also for a service that stops with an error, and not only for one that crashes.
+    SERVICE_FAILURE_ACTIONS_FLAG always{TRUE};
+    Set("failure actions after an error", SERVICE_CONFIG_FAILURE_ACTIONS_FLAG, &always);
+    SERVICE_SID_INFO sid{SERVICE_SID_TYPE_UNRESTRICTED};
+    Set("a service SID", SERVICE_CONFIG_SERVICE_SID_INFO, &sid);
+    std::wstring privileges = RequiredPrivileges();
+    SERVICE_REQUIRED_PRIVILEGES_INFOW required{privileges.data()};
+    Set("required privileges", SERVICE_CONFIG_REQUIRED_PRIVILEGES_INFO, &required);
+    SERVICE_PRESHUTDOWN_INFO preshutdown{kPreshutdown};
+    Set("time before a shutdown", SERVICE_CONFIG_PRESHUTDOWN_INFO, &preshutdown);
+    SERVICE_DELAYED_AUTO_START_INFO delayed{TRUE};
+    if (automatic) Set("a delayed start", SERVICE_CONFIG_DELAYED_AUTO_START_INFO, &delayed);
+  }
+
+  DWORD error = ERROR_SUCCESS;  // the first refusal
+  std::vector<std::string> unknown;
+
+ private:
+  void Set(const char* what, DWORD level, void* info) {
+    if (error != ERROR_SUCCESS || ChangeServiceConfig2W(service, level, info) != FALSE) return;
+    // Only the emulator lacks a level.
+    if (const DWORD refusal = GetLastError(); refusal == ERROR_INVALID_LEVEL) {
+      unknown.emplace_back(what);
+    } else {
+      error = refusal;
+    }
+  }
+
+  SC_HANDLE service;
+};
+
+}  // namespace
+
+void ServiceHandleCloser::operator()(void* handle) const noexcept {
+  const DWORD kept = GetLastError();
+  CloseServiceHandle(static_cast<SC_HANDLE>(handle));
+  SetLastError(kept);
+}
+
+bool IsServiceName(const std::wstring& name) {
+  return !name.empty() && name.size() <= kLongestName && std::ranges::all_of(name, [](wchar_t c) {
+    return (c >= L'a' && c <= L'z') || (c >= L'A' && c <= L'Z') || (c >= L'0' && c <= L'9') ||
+           c == L'.' || c == L'-' || c == L'_';
+  });
+}
+
+std::wstring ImagePath(const ServicePlan& plan) {
+  // A path cannot hold a quotation mark, and a full path of a file ends without a backslash.
+  std::wstring line = L"\"" + plan.program + L"\" service entry --name " + plan.name +
+                      L" --module \"" + plan.module + L"\"";
+  for (const std::wstring& sid : plan.allowed) line += L" --allow " + sid;
+  if (plan.development) line += L" --development";
+  return line;
+}
+
+std::wstring RequiredPrivileges() {
+  std::wstring list;
+  for (const wchar_t* privilege : kPrivileges) (list += privilege) += L'\0';
+  return list;
+}
+
+std::vector<std::string> ServiceManager::Install(const ServicePlan& plan) {
+  const UniqueServiceHandle manager = OpenManager(SC_MANAGER_CREATE_SERVICE);
+  const bool automatic = plan.start == ServicePlan::Start::Automatic;
+  const UniqueServiceHandle service(CreateServiceW(
+      Raw(manager), plan.name.c_str(), plan.name.c_str(), SERVICE_ALL_ACCESS,
+      SERVICE_WIN32_OWN_PROCESS, automatic ? SERVICE_AUTO_START : SERVICE_DEMAND_START,
+      SERVICE_ERROR_NORMAL, ImagePath(plan).c_str(), nullptr, nullptr, nullptr, nullptr, nullptr));
+  if (service == nullptr) Refused("install", plan.name, GetLastError());
+  const Settings settings(Raw(service), automatic);
+  if (settings.error != ERROR_SUCCESS) {
+    DeleteService(Raw(service));
+    Refused("install", plan.name, settings.error);
+  }
+  return settings.unknown;
+}
+
+void ServiceManager::Start(const std::wstring& name) {
+  const auto service = Open(name, SERVICE_START | SERVICE_QUERY_STATUS, "start");
+  if (StartServiceW(Raw(service), 0, nullptr) == FALSE) {
+    const DWORD error = GetLastError();
+    if (error != ERROR_SERVICE_ALREADY_RUNNING) Refused("start", name, error);
+  }
+  const auto status =
+      AwaitWhile(service, name, [](DWORD state) { return state == SERVICE_START_PENDING; });
+  if (status.dwCurrentState != SERVICE_RUNNING) {
+    throw std::runtime_error("the service " + Utf8(name) + " ended while it started (error " +
+                             std::to_string(status.dwWin32ExitCode) + "); see its log");
+  }
+}
+
+void ServiceManager::Stop(const std::wstring& name) {
+  const auto service = Open(name, SERVICE_STOP | SERVICE_QUERY_STATUS, "stop");
+  SERVICE_STATUS last{};
+  if (ControlService(Raw(service), SERVICE_CONTROL_STOP, &last) == FALSE) {
+    const DWORD error = GetLastError();
+    if (error == ERROR_SERVICE_NOT_ACTIVE) return;
+    if (error != ERROR_SERVICE_CANNOT_ACCEPT_CTRL) Refused("stop", name, error);
+  }
+  // The service still counts as running for a moment after it has accepted the control.
+  const auto status =
+      AwaitWhile(service, name, [](DWORD state) { return state != SERVICE_STOPPED; });
+  if (status.dwCurrentState != SERVICE_STOPPED) {
+    throw std::runtime_error("the service " + Utf8(name) +
+                             " has not ended yet; it waits for the commands that run");
+  }
+}
+
+void ServiceManager::Remove(const std::wstring& name) {
+  const auto service = Open(name, DELETE | SERVICE_QUERY_STATUS, "remove");
+  // Windows would keep the service, and its name, until it ends.
+  if (StatusOf(service, name).dwCurrentState != SERVICE_STOPPED) {
+    throw std::runtime_error("the service " + Utf8(name) + " runs; stop it first");
+  }
+  if (DeleteService(Raw(service)) == FALSE) Refused("remove", name, GetLastError());
+}
+
+std::optional<ServiceReport> ServiceManager::Query(const std::wstring& name) {
+  const UniqueServiceHandle manager = OpenManager(SC_MANAGER_CONNECT);
+  const UniqueServiceHandle service(
+      OpenServiceW(Raw(manager), name.c_str(), SERVICE_QUERY_STATUS | SERVICE_QUERY_CONFIG));
+  if (service == nullptr) {
+    const DWORD error = GetLastError();
+    if (error == ERROR_SERVICE_DOES_NOT_EXIST) return std::nullopt;
+    Refused("query", name, error);
+  }
+  const auto status = StatusOf(service, name);
+  alignas(QUERY_SERVICE_CONFIGW) std::byte buffer[8192];  // the most that Windows returns
+  auto* config = reinterpret_cast<QUERY_SERVICE_CONFIGW*>(buffer);
+  DWORD size = 0;
+  if (QueryServiceConfigW(Raw(service), config, sizeof buffer, &size) == FALSE) {
+    Refused("query", name, GetLastError());
+  }
+  return ServiceReport{.state = status.dwCurrentState,
+                       .process = status.dwProcessId,
+                       .exitCode = status.dwWin32ExitCode,
+                       .automatic = config->dwStartType == SERVICE_AUTO_START,
+                       .image = config->lpBinaryPathName,
+                       .account = config->lpServiceStartName};
+}
+
+void ServiceManager::Send(const std::wstring& name, std::uint32_t control) {
+  const auto service = Open(name, SERVICE_USER_DEFINED_CONTROL, "send a code to");
+  SERVICE_STATUS last{};
+  if (ControlService(Raw(service), control, &last) == FALSE) {
+    Refused("send a code to", name, GetLastError());
+  }
+}
+
+std::uint32_t ProcessOfService(const std::wstring& name) {
+  const auto report = ServiceManager().Query(name);
+  if (!report) throw std::runtime_error("no service " + Utf8(name) + " is installed");
+  if (report->process == 0) throw std::runtime_error("the service " + Utf8(name) + " does not run");
+  return report->process;
+}
+
+}  // namespace Vx::Host

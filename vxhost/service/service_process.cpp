@@ -1,0 +1,274 @@
+#include "vxhost/service/service_process.h"
+
+#include <chrono>
+#include <exception>
+#include <functional>
+#include <stdexcept>
+#include <system_error>
+#include <utility>
+
+#include <windows.h>
+
+#include "vxhost/service/guarded_folder.h"
+#include "vxhost/service/log_folder.h"
+#include "vxhost/service/pipe_server.h"
+#include "vxhost/service/power_notifications.h"
+#include "vxhost/text.h"
+
+namespace Vx::Host {
+
+namespace {
+
+constexpr wchar_t kRuns[] = L"the service runs as process ";
+constexpr wchar_t kStops[] = L"the service is asked to stop";
+constexpr wchar_t kFailed[] = L"the service cannot run: ";
+
+constexpr DWORD kTick = 1000;        // milliseconds between two checkpoints
+constexpr DWORD kWaitHint = 10'000;  // milliseconds in which the next one comes
+constexpr std::chrono::seconds kSuspendPatience{2};
+
+constexpr std::uint32_t kLastControl = 255;
+
+// The one service of this process, which the functions that Windows calls have to find.
+struct Entry {
+  ServiceOptions options;
+  std::wstring logs;  // folder
+};
+Entry* entry = nullptr;
+
+class ManagerSink final : public StatusSink {
+ public:
+  void Report(const ServiceState& state) noexcept override {
+    SERVICE_STATUS status{};
+    status.dwServiceType = SERVICE_WIN32_OWN_PROCESS;
+    status.dwCurrentState = state.state;
+    status.dwCheckPoint = state.checkpoint;
+    if (state.checkpoint != 0) status.dwWaitHint = kWaitHint;
+    if (state.state == SERVICE_RUNNING) status.dwControlsAccepted = ServiceProcess::Accepted();
+    status.dwWin32ExitCode = state.exitCode;
+    SetServiceStatus(handle, &status);
+  }
+
+  SERVICE_STATUS_HANDLE handle = nullptr;
+};
+
+DWORD WINAPI HandleControl(DWORD control, DWORD event, void* /*data*/, void* context) {
+  return static_cast<ServiceProcess*>(context)->Control(control, event);
+}
+
+// Without memory for this the process ends, and the manager starts it again.
+void WINAPI ServiceMain(DWORD /*count*/, LPWSTR* /*arguments*/) noexcept {
+  ManagerSink sink;
+  std::vector<std::unique_ptr<LogTarget>> places;
+  places.push_back(std::make_unique<LogFolder>(entry->logs));
+  ServiceProcess service(entry->options, std::move(places), sink);
+  sink.handle =
+      RegisterServiceCtrlHandlerExW(entry->options.name.c_str(), &HandleControl, &service);
+  if (sink.handle != nullptr) service.Run();
+}
+
+// Reports progress while the main thread waits for what it ends.
+class CheckpointTicks {
+ public:
+  explicit CheckpointTicks(std::function<void()> progress)
+      : tick(std::move(progress)),
+        done(CreateEventW(nullptr, TRUE, FALSE, nullptr)),
+        thread([this] {
+          while (WaitForSingleObject(done.get(), kTick) == WAIT_TIMEOUT) tick();
+        }) {}
+  CheckpointTicks(const CheckpointTicks&) = delete;
+  CheckpointTicks& operator=(const CheckpointTicks&) = delete;
+  ~CheckpointTicks() {
+    SetEvent(done.get());
+    thread.Join();
+  }
+
+ private:
+  std::function<void()> tick;
+  Platform::UniqueHandle done;
+  Platform::Thread thread;
+};
+
+}  // namespace
+
+CodeQueue::CodeQueue(HostLoop& loop) : host(loop), worker([this] { Run(); }) {}
+
+CodeQueue::~CodeQueue() {
+  {
+    const std::lock_guard guard(lock);
+    ending = true;
+  }
+  changed.notify_all();
+  worker.Join();
+}
+
+void CodeQueue::AddPower(std::uint32_t code, PowerSource source) noexcept {
+  Add({true, code, source});
+}
+
+void CodeQueue::AddSession(std::uint32_t code) noexcept {
+  Add({false, code, PowerSource::ServiceControl});
+}
+
+void CodeQueue::Add(const Code& code) noexcept {
+  try {
+    std::unique_lock guard(lock);
+    codes.push_back(code);
+    changed.notify_all();
+    if (!code.power || code.code != PBT_APMSUSPEND) return;
+    // The machine sleeps as soon as every handler has returned.
+    changed.wait_for(guard, kSuspendPatience, [this] { return codes.empty() && !forwarding; });
+  } catch (const std::exception&) {  // NOLINT(bugprone-empty-catch): see the header
+  }
+}
+
+void CodeQueue::Run() noexcept {
+  std::unique_lock guard(lock);
+  while (true) {
+    changed.wait(guard, [this] { return ending || !codes.empty(); });
+    if (codes.empty()) return;
+    const Code code = codes.front();
+    codes.pop_front();
+    forwarding = true;
+    guard.unlock();
+    if (code.power) {
+      host.OnPower(code.code, code.source);
+    } else {
+      host.OnSession(code.code);
+    }
+    guard.lock();
+    forwarding = false;
+    changed.notify_all();
+  }
+}
+
+// Lets Control reach the queue for the life of this object.
+class ServiceProcess::Published {
+ public:
+  Published(ServiceProcess& owner, CodeQueue& codes) : service(owner) { Set(&codes); }
+  Published(const Published&) = delete;
+  Published& operator=(const Published&) = delete;
+  ~Published() { Set(nullptr); }
+
+ private:
+  void Set(CodeQueue* codes) {
+    const std::lock_guard guard(service.queueLock);
+    service.queue = codes;
+  }
+
+  ServiceProcess& service;
+};
+
+ServiceProcess::ServiceProcess(ServiceOptions settings,
+                               std::vector<std::unique_ptr<LogTarget>> places, StatusSink& manager)
+    : options(std::move(settings)),
+      sink(manager),
+      log(std::move(places)),
+      stop(CreateEventW(nullptr, TRUE, FALSE, nullptr)) {
+  if (stop == nullptr) throw std::system_error(ERROR_NOT_ENOUGH_MEMORY, std::system_category());
+}
+
+std::uint32_t ServiceProcess::Accepted() {
+  return SERVICE_ACCEPT_STOP | SERVICE_ACCEPT_PRESHUTDOWN | SERVICE_ACCEPT_POWEREVENT |
+         SERVICE_ACCEPT_SESSIONCHANGE;
+}
+
+// A state that lasts has no checkpoint. A report of the same pending state is progress.
+void ServiceProcess::Report(std::uint32_t state, std::uint32_t exitCode) noexcept {
+  const std::lock_guard guard(stateLock);
+  const bool pending = state == SERVICE_START_PENDING || state == SERVICE_STOP_PENDING;
+  const std::uint32_t last = reported.state == state ? reported.checkpoint : 0;
+  reported = {state, pending ? last + 1 : 0, exitCode};
+  sink.Report(reported);
+}
+
+void ServiceProcess::Run() noexcept {
+  std::uint32_t exitCode = ERROR_SUCCESS;
+  try {
+    Serve();
+  } catch (const std::exception& error) {
+    try {
+      log.Add(L"ERROR", kFailed + Wide(error.what()));
+    } catch (const std::exception&) {  // NOLINT(bugprone-empty-catch): the exit code tells
+    }
+    exitCode = ERROR_SERVICE_SPECIFIC_ERROR;
+  }
+  log.Flush();  // the process may be gone after the report
+  Report(SERVICE_STOPPED, exitCode);
+}
+
+void ServiceProcess::Serve() {
+  Report(SERVICE_START_PENDING);
+  std::unique_ptr<CheckpointTicks> ticks;  // outlives what it reports the end of
+  HostLoop host({.module = options.module, .modernStandby = HasModernStandby()}, log);
+  Report(SERVICE_START_PENDING);
+  PipeOptions pipe;
+  pipe.path = PipePath(options.name);
+  pipe.allowed = options.allowed;
+  const PipeServer server(
+      std::move(pipe),
+      [&host](const CommandEnvelope& command, const std::wstring& client) {
+        return host.Execute(command, client);
+      },
+      [this](const wchar_t* level, const std::wstring& message) { log.Add(level, message); });
+  CodeQueue codes(host);
+  const PowerNotifications notifications(
+      [&codes](std::uint32_t code) { codes.AddPower(code, PowerSource::Notification); });
+  const Published published(*this, codes);
+  log.Add(L"INFO", kRuns + std::to_wstring(GetCurrentProcessId()));
+  Report(SERVICE_RUNNING);
+  WaitForSingleObject(stop.get(), INFINITE);
+  Report(SERVICE_STOP_PENDING);
+  log.Add(L"INFO", kStops);
+  ticks = std::make_unique<CheckpointTicks>([this] { Report(SERVICE_STOP_PENDING); });
+}
+
+std::uint32_t ServiceProcess::Control(std::uint32_t control, std::uint32_t event) noexcept {
+  const auto add = [this](auto&& forward) {
+    const std::lock_guard guard(queueLock);
+    if (queue != nullptr) forward(*queue);
+    return std::uint32_t{NO_ERROR};
+  };
+  const auto power = [&](std::uint32_t code) {
+    return add([code](CodeQueue& to) { to.AddPower(code, PowerSource::ServiceControl); });
+  };
+  const auto session = [&](std::uint32_t code) {
+    return add([code](CodeQueue& to) { to.AddSession(code); });
+  };
+  switch (control) {
+    case SERVICE_CONTROL_STOP:
+    case SERVICE_CONTROL_PRESHUTDOWN:
+      SetEvent(stop.get());
+      return NO_ERROR;
+    case SERVICE_CONTROL_INTERROGATE:
+      return NO_ERROR;
+    case SERVICE_CONTROL_POWEREVENT:
+      return power(event);
+    case SERVICE_CONTROL_SESSIONCHANGE:
+      return session(event);
+    default:
+      break;
+  }
+  if (!options.development || control < PowerControl(0) || control > kLastControl) {
+    return ERROR_CALL_NOT_IMPLEMENTED;
+  }
+  return control < SessionControl(0) ? power(control - PowerControl(0))
+                                     : session(control - SessionControl(0));
+}
+
+void RunUnderManager(ServiceOptions options) {
+  const std::wstring programData = ProgramDataFolder();
+  Entry own{std::move(options), DataFolders(programData, Writers::System).Logs()};
+  // The module takes the folder of its store from the variable. The emulator gives services another
+  // value than programs.
+  SetEnvironmentVariableW(L"ProgramData", programData.c_str());
+  entry = &own;
+  std::wstring name = own.options.name;
+  const SERVICE_TABLE_ENTRYW table[] = {{name.data(), &ServiceMain}, {nullptr, nullptr}};
+  if (StartServiceCtrlDispatcherW(table) == FALSE) {
+    throw std::runtime_error("only the service manager starts it (error " +
+                             std::to_string(GetLastError()) + "); see \"service start\"");
+  }
+}
+
+}  // namespace Vx::Host
