@@ -10,41 +10,31 @@
 
 #include <windows.h>
 
-#include "platform/unique_handle.h"
 #include "vxhost/service/host_loop.h"
 #include "vxhost/service/log_folder.h"
 #include "vxhost/service/pipe_client.h"
 #include "vxhost/service/pipe_server.h"
+#include "vxhost/service/power_notifications.h"
 #include "vxhost/service/service_log.h"
+#include "vxhost/service/service_manager.h"
+#include "vxhost/service_setup_command.h"
 #include "vxhost/text.h"
-
-// As documented for powrprof.dll, whose import library has it. No header of this toolchain does.
-extern "C" {
-using SuspendResumeCallback = ULONG CALLBACK(void* context, ULONG code, void* setting);
-struct SuspendResumeRecipient {
-  SuspendResumeCallback* callback;
-  void* context;
-};
-DWORD WINAPI PowerRegisterSuspendResumeNotification(DWORD flags, HANDLE recipient, void** handle);
-DWORD WINAPI PowerUnregisterSuspendResumeNotification(void* handle);
-}
 
 namespace Vx::Host {
 
 namespace {
 
-constexpr char kDefaultName[] = "OrvaneService";
 constexpr std::chrono::seconds kPatience{10};
 
 struct RunOptions {
-  std::string name = kDefaultName;
+  std::string name = kDefaultServiceName;
   std::string log;
   std::vector<std::string> allowed;
   int seconds = 0;
 };
 
 struct ExecOptions {
-  std::string name = kDefaultName;
+  std::string name = kDefaultServiceName;
   std::uint32_t process = 0;
   std::uint32_t id = 0;
   std::string request = "{}";
@@ -66,32 +56,6 @@ class ConsoleTarget final : public LogTarget {
 
  private:
   Console& console;
-};
-
-// Forwards suspend and resume notifications for the life of this object. A console program receives
-// no service controls.
-class PowerNotifications {
- public:
-  explicit PowerNotifications(HostLoop& loop) : recipient{&Notify, &loop} {
-    constexpr DWORD kCallback = 2;  // DEVICE_NOTIFY_CALLBACK
-    if (PowerRegisterSuspendResumeNotification(kCallback, &recipient, &handle) != ERROR_SUCCESS) {
-      handle = nullptr;
-    }
-  }
-  PowerNotifications(const PowerNotifications&) = delete;
-  PowerNotifications& operator=(const PowerNotifications&) = delete;
-  ~PowerNotifications() {
-    if (handle != nullptr) PowerUnregisterSuspendResumeNotification(handle);
-  }
-
- private:
-  static ULONG CALLBACK Notify(void* context, ULONG code, void* /*setting*/) {
-    static_cast<HostLoop*>(context)->OnPower(code, PowerSource::Notification);
-    return ERROR_SUCCESS;
-  }
-
-  SuspendResumeRecipient recipient;
-  void* handle = nullptr;
 };
 
 // Signalled by Ctrl+C. Lives as long as the process, because the system calls the handler on a
@@ -118,7 +82,8 @@ int RunService(const ModuleOptions& module, const RunOptions& options, Console& 
   pipe.path = PipePath(Wide(options.name));
   for (const std::string& sid : options.allowed) pipe.allowed.push_back(Wide(sid));
   HostLoop host({.module = module.Path(), .modernStandby = HasModernStandby()}, log);
-  const PowerNotifications power(host);
+  const PowerNotifications power(
+      [&host](std::uint32_t code) { host.OnPower(code, PowerSource::Notification); });
   const PipeServer server(
       std::move(pipe),
       [&host](const CommandEnvelope& command, const std::wstring& client) {
@@ -135,7 +100,9 @@ int RunService(const ModuleOptions& module, const RunOptions& options, Console& 
 }
 
 int ExecInService(const ExecOptions& options, Console& console) {
-  PipeClient client(PipePath(Wide(options.name)), options.process, kPatience);
+  const std::wstring name = Wide(options.name);
+  PipeClient client = options.process == 0 ? ConnectToService(name)
+                                           : PipeClient(PipePath(name), options.process, kPatience);
   const CommandEnvelope command{options.id, TextOrFile(options.request)};
   console.Request(command.id, command.request);
   const ResultEnvelope result = client.Execute(command);
@@ -147,9 +114,11 @@ constexpr char kRunFooter[] =
     "Clients send commands over the pipe \\\\.\\pipe\\VxHost-NAME, see docs/host.md.\n"
     "  vxhost service run --log C:\\Logs";
 constexpr char kExecFooter[] =
-    "Sends nothing unless the pipe belongs to this process, which \"service run\" names.\n"
+    "Sends nothing unless the pipe belongs to the process that the service manager names, or to\n"
+    "that of --process, which \"service run\" names.\n"
     "Exit code 0 for result code 0x00000000, else 1.\n"
-    "  vxhost service exec 22 --process 4711";
+    "  vxhost service exec 22\n"
+    "  vxhost service exec 22 --name Trial --process 4711";
 
 }  // namespace
 
@@ -176,7 +145,10 @@ void AddServiceCommands(CommandLine& line) {
   executing.add_option("id", exec->id, "the number of the command")->required();
   executing.add_option("request", exec->request, "the request's JSON, @FILE or @-");
   executing.add_option("--name", exec->name, "the name of its pipe")->capture_default_str();
-  executing.add_option("--process", exec->process, "the process of the service")->required();
+  executing.add_option("--process", exec->process,
+                       "its process, if it is not the service that is installed by that name");
+
+  AddServiceSetupCommands(line, group);
 }
 
 }  // namespace Vx::Host

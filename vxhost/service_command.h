@@ -4,7 +4,7 @@
 
 namespace Vx::Host {
 
-// service run and service exec.
+// service and its subcommands.
 void AddServiceCommands(CommandLine& line);
 
 }  // namespace Vx::Host

@@ -1,0 +1,101 @@
+#!/bin/sh
+# service_test.sh VXHOST MODULE EMULATOR PREFIX: a life of the service under the emulator's service
+# manager, as an administrator drives it. Leaves no service and no data.
+set -u
+vxhost=$1 module=$2 emulator=$3 prefix=$4
+work=$(mktemp -d)
+data="$prefix/drive_c/ProgramData/Vx"
+name=VxTest$$
+failures=0
+
+run() { "$emulator" "$prefix" "$vxhost" "$@"; }
+cleanup() {
+  run service stop --name "$name" >/dev/null 2>&1
+  run service remove --name "$name" >/dev/null 2>&1
+  rm -rf "$work" "$data"
+}
+trap cleanup EXIT
+
+# expect CODE TEXT ARG...: running vxhost with the arguments exits with CODE and prints TEXT.
+expect() {
+  code=$1 text=$2
+  shift 2
+  run "$@" >"$work/output" 2>&1
+  exit=$?
+  if [ "$exit" != "$code" ] || ! grep -qF -- "$text" "$work/output"; then
+    echo "failed: vxhost $* exits with $exit, wanted $code and \"$text\"; it prints:"
+    cat "$work/output"
+    failures=$((failures + 1))
+  fi
+}
+
+# logged TEXT: a line of the log files has it within five seconds.
+logged() {
+  tries=0
+  until grep -qsF -- "$1" "$data"/Logs/*.log; do
+    tries=$((tries + 1))
+    if [ $tries = 50 ]; then
+      echo "failed: no line of the log has $1"
+      failures=$((failures + 1))
+      return
+    fi
+    sleep 0.1
+  done
+}
+
+windows() { printf 'Z:%s' "$(printf %s "$1" | tr / '\\')"; }
+
+# The rights of a folder, which the emulator shows as an access list.
+mkdir -p "$work/open"
+cp "$module" "$work/open/"
+chmod 777 "$work/open"
+expect 2 'can be written by S-1-5-21' service install --name "$name"
+expect 2 'can be written by S-1-1-0' --dll "$(windows "$work/open/OrvaneService.dll")" \
+  service install --name "$name" --development
+expect 2 'only administrators write to' --dll "$(windows "$work/open/OrvaneService.dll")" \
+  service install --name "$name" --development
+expect 2 "a service's name has" service install --name 'a b' --development
+expect 2 '--allow' service install --name "$name" --development --allow Everyone
+rm -rf "$data"
+mkdir -p "$data"
+chmod 777 "$data"
+expect 2 'install with --repair' service install --name "$name" --development
+expect 1 'not installed' service status --name "$name"
+expect 0 'may now start any trusted program as SYSTEM' service install --name "$name" \
+  --development --repair --start demand --allow S-1-5-21-1-2-3-1001
+expect 2 'remove the installed one first' service install --name "$name" --development
+for folder in "$data" "$data/Logs" "$data/SharedServices"; do
+  if [ -n "$(find "$folder" -maxdepth 0 -perm /002)" ]; then
+    echo "failed: others may write to $folder"
+    failures=$((failures + 1))
+  fi
+done
+
+expect 2 'only the service manager starts it' service entry --name "$name" --module x
+expect 2 'does not run' service exec 22 --name "$name"
+expect 0 ' runs' service start --name "$name"
+expect 0 '"state":"running"' service status --name "$name" --json
+expect 0 '"account":"LocalSystem","image":"\"Z:' service status --name "$name" --json
+expect 0 '<- {"result":{"getVersion":' service exec 22 --name "$name"
+expect 2 'and not to the service; nothing was sent' service exec 22 --name "$name" --process 1
+expect 0 'result 0x00000000' service exec 9 \
+  '{"powerEventType":7,"eventAction":1,"commandParams":{"path":"C:\\windows\\none.exe"}}' \
+  --name "$name"
+expect 0 'power event 7' service send --name "$name" --power 7 --session 6
+logged '"message":"PowerEventManager::handle_event delay: None"'
+logged '"message":"session change 6"'
+expect 2 'runs; stop it first' service remove --name "$name"
+expect 0 'has stopped' service stop --name "$name"
+logged '"message":"the module is stopped"'
+expect 1 'stopped' service status --name "$name"
+
+# The subscription is there again after a restart.
+expect 0 ' runs' service start --name "$name"
+expect 0 'none.exe' service exec 20 --name "$name"
+expect 0 'has stopped' service stop --name "$name"
+expect 0 'is removed' service remove --name "$name"
+
+# A service that was not installed for development takes no events from users.
+plain='a code to the service'
+expect 2 "$plain" service send --name "$name" --power 7
+exit $((failures > 0))
