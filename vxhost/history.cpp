@@ -121,9 +121,9 @@ std::uint32_t NumberMember(const Json::WideDocument& line, const wchar_t* key) {
 std::optional<HistoryLine> ParseHistoryLine(const std::string& text) {
   Json::WideDocument line;
   if (!Json::ParseJson(line, Wide(text)) || !line.IsObject()) return std::nullopt;
-  HistoryLine result{TextMember(line, L"time"), NumberMember(line, L"process"),
+  HistoryLine result{TextMember(line, L"time"),     NumberMember(line, L"process"),
                      NumberMember(line, L"thread"), TextMember(line, L"caller"),
-                     TextMember(line, L"message")};
+                     TextMember(line, L"message"),  TextMember(line, L"level")};
   if (result.time.empty() || result.message.empty()) return std::nullopt;
   return result;
 }

@@ -18,6 +18,7 @@ struct HistoryLine {
   std::uint32_t thread = 0;   // 0: not known, as in what watch shows
   std::wstring caller = {};
   std::wstring message = {};
+  std::wstring level = {};  // empty: not known
 };
 
 // Reads a line of JSON in UTF-8. Empty if it is not one of a log.

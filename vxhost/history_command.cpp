@@ -2,10 +2,13 @@
 
 #include <algorithm>
 #include <charconv>
+#include <chrono>
 #include <cstdint>
 #include <exception>
 #include <filesystem>
 #include <fstream>
+#include <functional>
+#include <map>
 #include <memory>
 #include <optional>
 #include <stdexcept>
@@ -18,6 +21,8 @@
 #include "vxhost/store_look.h"
 #include "vxhost/stored_subscriptions.h"
 #include "vxhost/text.h"
+#include "vxhost/timeline_page.h"
+#include "vxhost/timeline_picture.h"
 
 #include <windows.h>
 
@@ -30,6 +35,7 @@ struct Options {
   bool failed = false;
   std::string since;
   std::string subscription;
+  std::string timeline;
 };
 
 // The files that an argument names: itself, or the logs of a folder by name, which is by age.
@@ -145,14 +151,60 @@ Json::WideDocument AsJson(const HistoryRow& row) {
   return result;
 }
 
-// Returns how many lines were not of a log.
-std::size_t ReadFile(const std::filesystem::path& path, History& history) {
+// Lines of a log as a record, which begins with the first of them.
+class LogRecord {
+ public:
+  void Add(const HistoryLine& line) {
+    const auto moment = MomentOf(line.time);
+    if (!moment) return;
+    if (line.thread == 0) {
+      throw std::runtime_error(
+          "--timeline needs the thread of each line, which only the log of a service has");
+    }
+    if (entries.empty()) {
+      first = *moment;
+      begin = line.time;
+    }
+    // Processes may use one number for a thread each.
+    const auto number = static_cast<std::uint32_t>(threads.size() + 1);
+    const auto thread = threads.try_emplace({line.process, line.thread}, number).first->second;
+    entries.push_back({.at = std::chrono::milliseconds(std::max<std::int64_t>(*moment - first, 0)),
+                       .what = Happening::Log,
+                       .thread = thread,
+                       .text = {},
+                       .log = {.level = line.level,
+                               .provider = {},
+                               .caller = line.caller,
+                               .message = line.message},
+                       .request = {},
+                       .answer = {}});
+  }
+
+  void Draw(const std::string& file, const std::vector<StoredSubscription>& stored) const {
+    std::vector<std::wstring> texts;
+    for (const StoredSubscription& one : stored) {
+      if (one.text) texts.push_back(*one.text);
+    }
+    const PageHead head{.title = L"The service from " + begin, .verdict = {}};
+    WriteTextFile(FullPath(file), TimelinePage(head, PictureOf({}, entries, texts)));
+  }
+
+ private:
+  std::int64_t first = 0;
+  std::wstring begin;
+  std::map<std::pair<std::uint32_t, std::uint32_t>, std::uint32_t> threads;
+  std::vector<RecordEntry> entries;
+};
+
+// Returns how many lines were not of a log. `take` receives the others.
+std::size_t ReadFile(const std::filesystem::path& path,
+                     const std::function<void(const HistoryLine&)>& take) {
   std::ifstream file(path, std::ios::binary);
   if (!file) throw std::runtime_error("cannot read " + Utf8(path.wstring()));
   std::size_t others = 0;
   for (std::string text; std::getline(file, text);) {
     if (const auto line = ParseHistoryLine(text)) {
-      history.Add(*line);
+      take(*line);
     } else if (text.find_first_not_of(" \t\r") != std::string::npos) {
       ++others;
     }
@@ -169,9 +221,15 @@ int RunHistory(const Options& options, Console& console) {
     if (one.text) history.Know(one.kind->list, *one.text);
   }
   std::size_t others = 0;
+  LogRecord record;
+  const auto take = [&](const HistoryLine& line) {
+    history.Add(line);
+    if (!options.timeline.empty() && since.Includes(line.time)) record.Add(line);
+  };
   for (const std::string& argument : options.files) {
-    for (const auto& path : FilesOf(argument)) others += ReadFile(path, history);
+    for (const auto& path : FilesOf(argument)) others += ReadFile(path, take);
   }
+  if (!options.timeline.empty()) record.Draw(options.timeline, stored);
   for (const HistoryRow& row : history.Finish()) {
     if (options.failed && !IsFailure(row.decision)) continue;
     if (!since.Includes(row.time)) continue;
@@ -207,6 +265,7 @@ void AddHistoryCommand(CommandLine& line) {
   history.add_option("--since", options->since, "from this time, or for 30m, 2h or 3d");
   history.add_option("--subscription", options->subscription,
                      "only of this one: its number in the store, or its hash");
+  history.add_option("--timeline", options->timeline, "draw the log as a web page, into this file");
   line.OfferJson(history);
   line.UseStore(history);
 }

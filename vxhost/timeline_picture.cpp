@@ -6,6 +6,7 @@
 #include <iterator>
 #include <map>
 #include <optional>
+#include <span>
 #include <utility>
 
 #include "events/delivery_rules.h"
@@ -41,6 +42,9 @@ constexpr wchar_t kTooManyWait[] =
     L"%s - dropped, because %d deliveries of the same subscription wait already: %s";
 constexpr wchar_t kServiceEnded[] = L"%s - dropped while it waited, because the service ends: %s";
 constexpr wchar_t kPower[] = L"power event %d";
+constexpr wchar_t kModuleStarted[] = L"the module is started: ";
+constexpr wchar_t kModuleStopped[] = L"the module is stopped";
+constexpr wchar_t kListChanged[] = L"OrvaneService - subscription %s: %s (function id %u)";
 constexpr wchar_t kSession[] = L"session change %d";
 constexpr wchar_t kSleeps[] = L"the machine sleeps for %s s";
 constexpr wchar_t kEntersStandby[] = L"the machine enters Modern Standby";
@@ -52,19 +56,20 @@ constexpr std::size_t kMachine = 0;
 constexpr std::size_t kUser = 1;
 constexpr std::size_t kService = 2;
 
-constexpr struct {
+struct CodeMeaning {
   std::uint32_t code;
   const wchar_t* meaning;
-} kPowerCodes[] = {{4, L"the machine goes to sleep"},
-                   {7, L"the machine resumes with a user"},
-                   {10, L"the power source changes"},
-                   {18, L"the machine resumes"}},
-  kSessionCodes[] = {{1, L"a session is at the console"},
-                     {2, L"a session leaves the console"},
-                     {5, L"a user logs on"},
-                     {6, L"a user logs off"},
-                     {7, L"the session is locked"},
-                     {8, L"the session is unlocked"}};
+};
+constexpr CodeMeaning kPowerCodes[] = {{4, L"the machine goes to sleep"},
+                                       {7, L"the machine resumes with a user"},
+                                       {10, L"the power source changes"},
+                                       {18, L"the machine resumes"}};
+constexpr CodeMeaning kSessionCodes[] = {{1, L"a session is at the console"},
+                                         {2, L"a session leaves the console"},
+                                         {5, L"a user logs on"},
+                                         {6, L"a user logs off"},
+                                         {7, L"the session is locked"},
+                                         {8, L"the session is unlocked"}};
 
 constexpr const wchar_t* kCommands[] = {L"lockdown mode?",
                                         nullptr,
@@ -151,9 +156,9 @@ std::wstring SecondsText(std::int64_t length) {
   return text;
 }
 
-template <typename Codes>
-std::wstring MeaningOfCode(const Codes& codes, std::uint32_t code, const wchar_t* name) {
-  for (const auto& known : codes) {
+std::wstring MeaningOfCode(std::span<const CodeMeaning> codes, std::uint32_t code,
+                           const wchar_t* name) {
+  for (const CodeMeaning& known : codes) {
     if (known.code == code) return known.meaning;
   }
   return name + std::to_wstring(code);
@@ -192,7 +197,26 @@ class Reader {
                      {LaneKind::Service, L"Service", {}}};
   }
 
+  // The subscription of a client's text. Null when it is not readable.
+  const Subscription* Learn(const std::wstring& text) {
+    try {
+      const auto request = Json::JsonObject::Parse(text);
+      const std::wstring spelt = request.Stringify();
+      const auto found = std::find_if(subscriptions.begin(), subscriptions.end(),
+                                      [&](const Subscription& one) { return one.text == spelt; });
+      if (found != subscriptions.end()) return &*found;
+      for (const auto& row : kForms) {
+        if (!request.HasKey(row.form.event)) continue;
+        return Add(row.form, row.kind, row.name, request);
+      }
+    } catch (const Platform::WindowsRuntimeError&) {
+      return nullptr;  // it never runs
+    }
+    return nullptr;
+  }
+
   Picture Read(const std::vector<RecordStep>& steps, const std::vector<RecordEntry>& entries) {
+    commands = !steps.empty();
     std::size_t step = 0;
     const auto announce = [&](std::size_t until) {
       for (; step < until; ++step) {
@@ -395,6 +419,17 @@ class Reader {
       return;
     }
     if (Match(kPower, message)) TakeCall(entry.at, message);
+    if (message.rfind(kModuleStarted, 0) == 0) {
+      EndDeliveries(entry.at);
+      Mark(kService, entry.at, Tone::Neutral, L"the module is started");
+    } else if (message == kModuleStopped) {
+      EndDeliveries(entry.at);
+      Mark(kService, entry.at, Tone::Neutral, message);
+    } else if (const auto change = Match(kListChanged, message); change && !commands) {
+      const bool refused = (*change)[1] == L"refused";
+      Mark(kService, entry.at, refused ? Tone::Bad : Tone::Neutral, L"subscription " + (*change)[1],
+           (*change)[0] + L", client " + entry.log.caller);
+    }
     for (const auto& rule : kServiceLines) {
       if (message.find(rule.contained) == message.npos) continue;
       if (rule.contained == kUserAfterBoot) platformEvent = 2;
@@ -407,6 +442,18 @@ class Reader {
       }
     }
     AddLine(std::move(line));
+  }
+
+  // The process ends or another one takes over, so that nothing of it waits any more.
+  void EndDeliveries(milliseconds at) {
+    EndWaits(at);
+    for (auto& [thread, delivery] : open) {
+      delivery.outcome = L"dropped";
+      delivery.tone = Tone::Dropped;
+      delivery.why = L"the service ended while it waited";
+      Close(delivery, LaneOf(delivery, {}), at);
+    }
+    open.clear();
   }
 
   void BeginWait(Wait wait, milliseconds at, const wchar_t* text) {
@@ -511,7 +558,7 @@ class Reader {
 
   void Close(const Open& delivery, std::size_t lane, milliseconds at) {
     const milliseconds until = delivery.waited.value_or(at);
-    if (until > delivery.begin) {
+    if (delivery.delay > 0 && until > delivery.begin) {
       picture.bars.push_back({lane, BarKind::Wait, delivery.begin, until, false,
                               std::to_wstring(delivery.delay) + L" s"});
     }
@@ -567,24 +614,6 @@ class Reader {
         [&](const Subscription& one) { return one.kind == nullptr && one.target == target; });
     if (found == subscriptions.end()) return nullptr;
     return &Mark(found->lane, at, delivery.tone, delivery.outcome, delivery.why);
-  }
-
-  // The subscription of a client's text. Null when it is not readable.
-  const Subscription* Learn(const std::wstring& text) {
-    try {
-      const auto request = Json::JsonObject::Parse(text);
-      const std::wstring spelt = request.Stringify();
-      const auto found = std::find_if(subscriptions.begin(), subscriptions.end(),
-                                      [&](const Subscription& one) { return one.text == spelt; });
-      if (found != subscriptions.end()) return &*found;
-      for (const auto& row : kForms) {
-        if (!request.HasKey(row.form.event)) continue;
-        return Add(row.form, row.kind, row.name, request);
-      }
-    } catch (const Platform::WindowsRuntimeError&) {
-      return nullptr;  // it never runs
-    }
-    return nullptr;
   }
 
   const Subscription* Add(const SubscriptionForm& form, const DeliveryKind* kind,
@@ -656,12 +685,16 @@ class Reader {
   std::optional<std::size_t> unknownLane;
   std::uint32_t powerEvent = 0;
   std::uint32_t platformEvent = 0;
+  bool commands = false;  // the record has them, not only their lines
 };
 
 }  // namespace
 
-Picture PictureOf(const std::vector<RecordStep>& steps, const std::vector<RecordEntry>& entries) {
-  return Reader().Read(steps, entries);
+Picture PictureOf(const std::vector<RecordStep>& steps, const std::vector<RecordEntry>& entries,
+                  const std::vector<std::wstring>& stored) {
+  Reader reader;
+  for (const std::wstring& text : stored) reader.Learn(text);
+  return reader.Read(steps, entries);
 }
 
 }  // namespace Vx::Host

@@ -29,6 +29,18 @@ if [ "$(wc -l < "$store/rows")" != 1 ] || ! grep -q '"decision":"not sent","fail
   cat "$store/rows"
   failures=$((failures + 1))
 fi
-rm -f "$store/rows"
+"$@" "$vxhost" --store "$store" history "$folder/service.log" --timeline "Z:$store/page.html" > "$store/rows" 2>&1
+for wanted in 'subscription accepted</b> <span class="reason">629974c1, client vxhost.exe ann' \
+  'refused</b> <span class="reason">it is signed with another key' \
+  'dropped</b> <span class="reason">the service ended while it waited' 'the module is stopped</b>'; do
+  grep -qF "$wanted" "$store/page.html" || { echo "failed: the page lacks $wanted"; failures=$((failures + 1)); }
+done
+if "$@" "$vxhost" history "$folder/watch.json" --timeline "Z:$store/none.html" > "$store/rows" 2>&1 ||
+  ! grep -q 'needs the thread of each line' "$store/rows"; then
+  echo "failed: history draws lines without threads:"
+  cat "$store/rows"
+  failures=$((failures + 1))
+fi
+rm -f "$store/rows" "$store/page.html"
 [ -z "$(ls -A "$store")" ] || { echo "failed: history makes a store"; failures=$((failures + 1)); }
 exit $((failures > 0))
