@@ -66,7 +66,7 @@ struct Picture {
 };
 
 // Reads a record as a reader of the log would: joins the lines of each delivery by their thread,
-// finds its subscription, and tells why it ran or not. Without steps, which the log of a running
+// finds its subscription, and says why it ran or not. Without steps, which the log of a running
 // service lacks, there are no headings. Where several subscriptions of one event and delay cannot
 // be distinguished, the first one gets the delivery. `stored` are texts of subscriptions that were
 // made before the record began.
