@@ -195,12 +195,19 @@ std::string Number(double value) {
   return text;
 }
 
+// A moment on an axis, with the room for its marks and the weight of the time before it.
+struct Slot {
+  milliseconds moment;
+  double width;
+  double gap;
+};
+
 // The moments of a picture along one direction. Marks of one moment need room beside one another,
 // and a long time between two moments is drawn shorter than it is: a first boot waits for an hour
 // after a minute in which most happens.
 class Axis {
  public:
-  Axis(const Picture& picture, double begin, double length) : from(begin) {
+  Axis(const Picture& picture, double begin, double length) {
     std::map<milliseconds, std::map<std::size_t, int>> moments;
     moments[milliseconds{}];
     moments[picture.end];
@@ -244,17 +251,10 @@ class Axis {
  private:
   static constexpr double kLeastUnit = 6;
 
-  struct Slot {
-    milliseconds moment;
-    double width;
-    double gap;
-  };
-
   static double Weight(milliseconds length) {
     return 1 + std::log2(1 + static_cast<double>(length.count()) / 1000);
   }
 
-  double from;
   double end = 0;
   std::vector<Slot> widths;
   std::map<milliseconds, double> centres;
