@@ -14,6 +14,7 @@
 #include "json/json_object.h"
 #include "json/json_text.h"
 #include "platform/windows_runtime_error.h"
+#include "vxhost/log_formats.h"
 #include "vxhost/text.h"
 
 namespace Vx::Host {
@@ -22,31 +23,7 @@ namespace {
 
 using namespace Tessel::Server::Services::Orvane;
 
-// As the module and the host log them. The texts of deliveries come from the module itself.
-constexpr wchar_t kListChanged[] = L"OrvaneService - subscription %s: %s (function id %u)";
-constexpr wchar_t kNotTrusted[] = L"LaunchCommand::Execute - %s not trusted to launch as system";
-constexpr wchar_t kLaunching[] =
-    L"LaunchedCommand::Execute attempting to launch \"%s\" with args \"%s\"";
-constexpr wchar_t kLaunched[] = L"LaunchCommand::Execute returned with result %i and PID %u";
-constexpr wchar_t kNotOpened[] = L"TrustedProgram - [%s] is not opened, because it %s";
-constexpr wchar_t kLock[] =
-    L"Vx::Tessel::Security::VxAuthenticodeHelper::AquireFileReadOnlyLock(%s) : %s";
-constexpr wchar_t kTrusted[] =
-    L"Security - IsFileTrusted - trusted by windows = %s, trusted by Zephra = %s";
-constexpr wchar_t kNoMessage[] =
-    L"AppServiceProxySDK - no message to app service %s of %s, sent as %s: status %s";
-constexpr wchar_t kTooManyWait[] =
-    L"%s - dropped, because %d deliveries of the same subscription wait already: %s";
-constexpr wchar_t kServiceEnded[] = L"%s - dropped while it waited, because the service ends: %s";
-constexpr wchar_t kLost[] = L"%s - this delivery is lost, because of \"%s\": %s";
-constexpr wchar_t kUninstall[] =
-    L"PackageUninstallingEvent invoked. Searching for PFN: %s, PFN received: %s";
-constexpr wchar_t kRunningLate[] =
-    L"RegisterExistingPackageCatalogManagerRequests - App uninstalled while service was not "
-    L"running. Executing command now";
-constexpr wchar_t kPowerForwarded[] = L"power event %d";
-constexpr wchar_t kModuleStarted[] = L"the module is started: %s";
-constexpr wchar_t kModuleStopped[] = L"the module is stopped";
+using namespace LogFormat;
 
 constexpr wchar_t kNoLine[] =
     L"a message, or nothing because a user still has the package: no line says which";
@@ -59,50 +36,8 @@ const wchar_t* NameOf(const DeliveryKind& kind) {
   return &kind == &kPowerEvents ? L"power" : L"platform";
 }
 
-// The texts at the conversions of `format`, or nothing when the message was not made with it.
-std::optional<std::vector<std::wstring>> Match(std::wstring_view format,
-                                               const std::wstring& message) {
-  std::vector<std::wstring> parts;
-  std::size_t at = 0;
-  for (;;) {
-    const std::size_t conversion = format.find(L'%');
-    const std::wstring_view literal = format.substr(0, conversion);
-    if (message.compare(at, literal.size(), literal) != 0) return std::nullopt;
-    at += literal.size();
-    if (conversion == std::wstring_view::npos) break;
-    format.remove_prefix(conversion + 2);
-    const std::size_t following = format.find(L'%');
-    const std::wstring_view next = format.substr(0, following);
-    // What follows the last conversion may stand in its text too.
-    const bool last = following == std::wstring_view::npos;
-    const std::size_t end =
-        last ? message.size() - std::min(message.size(), next.size()) : message.find(next, at);
-    if (end == std::wstring::npos || end < at) return std::nullopt;
-    parts.push_back(message.substr(at, end - at));
-    at = end;
-  }
-  if (at != message.size()) return std::nullopt;
-  return parts;
-}
-
 int NumberOf(const std::wstring& text) {
   return LeadingInteger(text).value_or(0);
-}
-
-std::wstring Seconds(std::int64_t milliseconds) {
-  wchar_t text[32];
-  std::swprintf(text, std::size(text), L"%lld.%03lld s",
-                static_cast<long long>(milliseconds / 1000),
-                static_cast<long long>(milliseconds % 1000));
-  return text;
-}
-
-// Why a delivery of this delay was dropped when `elapsed` milliseconds counted.
-std::wstring Lateness(int delay, std::int64_t elapsed, bool standby) {
-  const std::int64_t late = elapsed - DelayLength(delay).count();
-  if (IsTooLong(delay) || delay < 0) return L"no delivery keeps its delay";
-  if (standby) return L"Modern Standby ended its wait " + Seconds(-late) + L" early";
-  return L"late by " + Seconds(late);
 }
 
 std::wstring TextMember(const Json::WideDocument& line, const wchar_t* key) {
@@ -208,7 +143,7 @@ bool History::TakeListChange(const HistoryLine& line) {
 }
 
 bool History::TakeHostLine(const HistoryLine& line) {
-  if (Match(kPowerForwarded, line.message)) {
+  if (Match(kPowerEvent, line.message)) {
     powerEvent = L"power" + line.message.substr(line.message.rfind(L' '));
     return true;
   }

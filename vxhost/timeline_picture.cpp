@@ -16,6 +16,7 @@
 #include "json/json_object.h"
 #include "platform/windows_runtime_error.h"
 #include "vxhost/console.h"
+#include "vxhost/log_formats.h"
 #include "vxhost/text.h"
 
 namespace Vx::Host {
@@ -25,26 +26,10 @@ namespace {
 using namespace Tessel::Server::Services::Orvane;
 using std::chrono::milliseconds;
 
-// As the module, the host and the simulated machine say it.
-constexpr wchar_t kNotTrusted[] = L"LaunchCommand::Execute - %s not trusted to launch as system";
-constexpr wchar_t kLaunching[] =
-    L"LaunchedCommand::Execute attempting to launch \"%s\" with args \"%s\"";
-constexpr wchar_t kLaunched[] = L"LaunchCommand::Execute returned with result %i and PID %u";
-constexpr wchar_t kNotOpened[] = L"TrustedProgram - [%s] is not opened, because it %s";
-constexpr wchar_t kLock[] =
-    L"Vx::Tessel::Security::VxAuthenticodeHelper::AquireFileReadOnlyLock(%s) : %s";
-constexpr wchar_t kTrusted[] =
-    L"Security - IsFileTrusted - trusted by windows = %s, trusted by Zephra = %s";
-constexpr wchar_t kNoMessage[] =
-    L"AppServiceProxySDK - no message to app service %s of %s, sent as %s: status %s";
+using namespace LogFormat;
+
+// As the player and the simulated machine say it.
 constexpr wchar_t kReceives[] = L"%s receives %s and returns %s";
-constexpr wchar_t kTooManyWait[] =
-    L"%s - dropped, because %d deliveries of the same subscription wait already: %s";
-constexpr wchar_t kServiceEnded[] = L"%s - dropped while it waited, because the service ends: %s";
-constexpr wchar_t kPower[] = L"power event %d";
-constexpr wchar_t kModuleStarted[] = L"the module is started: ";
-constexpr wchar_t kModuleStopped[] = L"the module is stopped";
-constexpr wchar_t kListChanged[] = L"OrvaneService - subscription %s: %s (function id %u)";
 constexpr wchar_t kSession[] = L"session change %d";
 constexpr wchar_t kSleeps[] = L"the machine sleeps for %s s";
 constexpr wchar_t kEntersStandby[] = L"the machine enters Modern Standby";
@@ -124,36 +109,8 @@ constexpr struct {
     {L"Aurelo not launched", Wait::None, Wait::Aurelo, L"Aurelo is not started", Tone::Bad},
 };
 
-// The texts at the conversions of `format`, or nothing when the message was not made with it.
-std::optional<std::vector<std::wstring>> Match(std::wstring_view format,
-                                               const std::wstring& message) {
-  std::vector<std::wstring> parts;
-  std::size_t at = 0;
-  for (;;) {
-    const std::size_t conversion = format.find(L'%');
-    const std::wstring_view literal = format.substr(0, conversion);
-    if (message.compare(at, literal.size(), literal) != 0) return std::nullopt;
-    at += literal.size();
-    if (conversion == std::wstring_view::npos) break;
-    format.remove_prefix(conversion + 2);
-    const std::wstring_view next = format.substr(0, format.find(L'%'));
-    const std::size_t end = next.empty() ? message.size() : message.find(next, at);
-    if (end == std::wstring::npos) return std::nullopt;
-    parts.push_back(message.substr(at, end - at));
-    at = end;
-  }
-  if (at != message.size()) return std::nullopt;
-  return parts;
-}
-
 std::uint32_t NumberOf(const std::wstring& text) {
   return static_cast<std::uint32_t>(std::wcstoul(text.c_str(), nullptr, 10));
-}
-
-std::wstring SecondsText(std::int64_t length) {
-  wchar_t text[32];
-  std::swprintf(text, std::size(text), L"%.1f s", static_cast<double>(length) / 1000);
-  return text;
 }
 
 std::wstring MeaningOfCode(std::span<const CodeMeaning> codes, std::uint32_t code,
@@ -162,14 +119,6 @@ std::wstring MeaningOfCode(std::span<const CodeMeaning> codes, std::uint32_t cod
     if (known.code == code) return known.meaning;
   }
   return name + std::to_wstring(code);
-}
-
-// Why a delivery of this delay was dropped when `elapsed` milliseconds counted.
-std::wstring Lateness(int delay, std::int64_t elapsed, bool standby) {
-  const std::int64_t late = elapsed - DelayLength(delay).count();
-  if (IsTooLong(delay) || delay <= 0) return L"no delivery keeps its delay";
-  if (standby) return L"Modern Standby ended its wait " + SecondsText(-late) + L" early";
-  return L"late by " + SecondsText(late);
 }
 
 struct Subscription {
@@ -310,7 +259,7 @@ class Reader {
   }
 
   void TakeCall(milliseconds at, const std::wstring& text) {
-    if (const auto power = Match(kPower, text)) {
+    if (const auto power = Match(kPowerEvent, text)) {
       powerEvent = NumberOf(power->front());
       Mark(kMachine, at, Tone::Neutral, text, MeaningOfCode(kPowerCodes, powerEvent, L"code "));
     } else if (const auto session = Match(kSession, text)) {
@@ -418,8 +367,8 @@ class Reader {
       AddLine(mark->lines, std::move(line));
       return;
     }
-    if (Match(kPower, message)) TakeCall(entry.at, message);
-    if (message.rfind(kModuleStarted, 0) == 0) {
+    if (Match(kPowerEvent, message)) TakeCall(entry.at, message);
+    if (Match(kModuleStarted, message)) {
       EndDeliveries(entry.at);
       Mark(kService, entry.at, Tone::Neutral, L"the module is started");
     } else if (message == kModuleStopped) {
@@ -532,7 +481,9 @@ class Reader {
     } else if (const auto discarded = Match(kind.texts.discarded, message)) {
       delivery.outcome = L"dropped";
       delivery.tone = Tone::Dropped;
-      delivery.why = Lateness(delivery.delay, NumberOf(discarded->front()), delivery.standby);
+      // A delay below zero is logged as none.
+      delivery.why = Lateness(delivery.delay == 0 ? -1 : delivery.delay,
+                              NumberOf(discarded->front()), delivery.standby);
     } else if (const auto failed = Match(kind.texts.workerFailed, message)) {
       delivery.outcome = L"failed";
       delivery.tone = Tone::Bad;

@@ -96,13 +96,13 @@ TEST(PictureTest, ShowsEachDecisionWithItsReason) {
       {610s,
        {end, L"PowerEventManager::handle_event Event discarded, 610000 ms"},
        L"dropped",
-       L"late by 600.0 s",
+       L"late by 600.000 s",
        Tone::Dropped},
       {3s,
        {L"PowerEventManager::handle_event receive Modern Standby enter event", end,
         L"PowerEventManager::handle_event Event discarded, 3000 ms"},
        L"dropped",
-       L"Modern Standby ended its wait 7.0 s early",
+       L"Modern Standby ended its wait 7.000 s early",
        Tone::Dropped},
       {4s, {}, L"still waits", L"", Tone::Neutral},
   };
@@ -133,8 +133,8 @@ TEST(PictureTest, KeepsDeliveriesApartByTheirThreads) {
   ASSERT_EQ(picture.bars.size(), 2U);
   EXPECT_EQ(picture.bars[0].to, 4s);
   EXPECT_EQ(picture.bars[1].to, 3s);
-  EXPECT_EQ(picture.marks.at(0).reason, L"late by 5.0 s");
-  EXPECT_EQ(picture.marks.at(1).reason, L"late by 3.0 s");
+  EXPECT_EQ(picture.marks.at(0).reason, L"late by 5.000 s");
+  EXPECT_EQ(picture.marks.at(1).reason, L"late by 3.000 s");
 }
 
 TEST(PageTest, CountsWhatAPollRepeatsAndEscapesWhatClientsChoose) {
