@@ -11,7 +11,7 @@ packages=(
   rapidjson-dev googletest libcli11-dev osslsigncode openssl clang-14 lld-14 llvm-14
 )
 native_packages=(libclang-rt-14-dev libbson-dev pkg-config)
-page_packages=(chromium python3 python3-jsonschema)  # for the tests of pages and schemas
+page_packages=(chromium fonts-dejavu-core python3 python3-jsonschema)  # for the tests of pages and schemas
 lint_packages=(clang-format-14 clang-tidy-14 cppcheck)
 
 # ensure_packages NAME...: installs the missing ones.
