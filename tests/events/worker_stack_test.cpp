@@ -22,6 +22,7 @@
 #include "support/stand_in_logon.h"
 #include "support/temp_folder.h"
 #include "support/test_pki.h"
+#include "support/winrt_fakes.h"
 
 namespace Vx::Tessel::Server::Services::Orvane {
 
@@ -91,7 +92,7 @@ class MeasuredThreads final : public Platform::Threads {
   Platform::Threads& threads;
 };
 
-class WorkerStackTest : public testing::Test {
+class WorkerStackTest : public Tests::RuntimeTest {
  protected:
   // Delivers an event to this request. Returns what its worker needed, or zeroes if it hangs.
   static StackUse Deliver(const std::wstring& request) {
@@ -137,6 +138,7 @@ TEST_F(WorkerStackTest, LeavesFourFifthsFreeWhereARealDeliveryIsDeepest) {
     EXPECT_EQ(use.reserved, std::max(Platform::kWorkerStack, std::size_t{1} << 20));
   }
   EXPECT_TRUE(Tests::WaitForProbe(path + L".out"));
+  EXPECT_THAT(messages, testing::ElementsAre(L"{}")) << "the exchange ended before the app had it";
 }
 
 }  // namespace
