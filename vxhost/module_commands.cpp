@@ -17,6 +17,7 @@
 #include "simulator/simulated_machine.h"
 #include "vxhost/play_report.h"
 #include "vxhost/scenario.h"
+#include "vxhost/service_views.h"
 #include "vxhost/store_hold.h"
 #include "vxhost/text.h"
 #include "vxhost/theatre.h"
@@ -41,6 +42,7 @@ struct ExecOptions {
   std::uint32_t id = 0;
   std::string request = "{}";
   std::string caller = "vxhost";
+  std::string service;  // empty: a module of this process
   HoldLimits limits;
 };
 
@@ -58,15 +60,27 @@ std::wstring RequestText(const ExecOptions& options) {
   }
 }
 
-int Exec(const ModuleOptions& module, const ExecOptions& options, Console& console) {
+Answer ExecuteInModule(const ModuleOptions& module, const ExecOptions& options,
+                       const std::wstring& request, Console& console) {
   const auto theatre = MakeTheatre(module, console);
-  const std::wstring request = RequestText(options);
   console.Request(options.id, request);
   if (!module.simulate) {
     // The module waits for it without limit or notice.
     const StoreHold isFree(StoreUse::Write, options.limits);
   }
-  const Answer answer = theatre->Open().session.Execute(options.id, request, Wide(options.caller));
+  return theatre->Open().session.Execute(options.id, request, Wide(options.caller));
+}
+
+int Exec(const ModuleOptions& module, const ExecOptions& options, Console& console) {
+  const std::wstring request = RequestText(options);
+  Answer answer;
+  if (options.service.empty()) {
+    answer = ExecuteInModule(module, options, request, console);
+  } else {
+    RefuseForService(module);
+    console.Request(options.id, request);
+    answer = ExecuteInService(options.service, options.id, request);
+  }
   if (console.WritesJson()) {
     console.JsonResult(CommandJson(options.id, answer));
   } else {
@@ -178,9 +192,20 @@ struct EventOptions {
   std::vector<std::uint32_t> power;
   std::vector<std::uint32_t> sessions;
   int seconds = 5;
+  bool watch = false;
+  std::string service;
 };
 
 int Events(const ModuleOptions& module, const EventOptions& options, Console& console) {
+  if (options.watch != !options.service.empty()) {
+    throw std::runtime_error(
+        "--watch needs --service, and --service only watches; see \"service "
+        "send\"");
+  }
+  if (options.watch) {
+    RefuseForService(module);
+    return WatchService(options.service, options.seconds, console);
+  }
   if (options.power.empty() && options.sessions.empty()) {
     throw std::runtime_error("no event to send: name some with --power or --session");
   }
@@ -234,6 +259,7 @@ void AddExec(CommandLine& line) {
                   "the request's JSON, @FILE, or @- for standard input");
   exec.add_option("--caller", options->caller, "the client's identity")->capture_default_str();
   CommandLine::AddTimeout(exec, options->limits);
+  OfferService(exec, options->service);
   line.UseModule(exec);
   line.UseStore(exec);
   line.OfferJson(exec);
@@ -267,6 +293,10 @@ void AddEvents(CommandLine& line) {
   events.add_option("--seconds", options->seconds, "how long to wait for deliveries")
       ->check(CLI::Range(0, kLongestSeconds))
       ->capture_default_str();
+  events.add_flag("--watch", options->watch,
+                  "with --service: show what the service logs, for --seconds or, if 0, until\n"
+                  "Ctrl+C; needs administrator rights");
+  OfferService(events, options->service);
   line.UseModule(events);
   line.OfferJson(events);
   line.UseStore(events);

@@ -10,6 +10,7 @@
 #include "json/utf8.h"
 #include "storage/bson_document.h"
 #include "storage/service_document.h"
+#include "vxhost/service_views.h"
 #include "vxhost/store_look.h"
 #include "vxhost/store_repair.h"
 #include "vxhost/stored_subscriptions.h"
@@ -139,10 +140,12 @@ void Print(const WideDocument& document, Console& console) {
 
 struct Options {
   std::string file;
+  std::string service;  // empty: the store's file
   HoldLimits limits;
 };
 
 int Show(const Options& options, Console& console) {
+  if (!options.service.empty()) return ShowServiceStore(options.service, console);
   std::size_t left = 0;
   Print(ContentOf(LookAtStore(options.limits), StoreWriter::Values::All, left), console);
   return kDone;
@@ -288,6 +291,7 @@ void AddStoreCommands(CommandLine& line) {
           ->required(command.file == File::Required);
     }
     CommandLine::AddTimeout(added, options->limits);
+    if (command.run == &Show) OfferService(added, options->service);
     line.OfferJson(added);
     line.UseStore(added);
   }

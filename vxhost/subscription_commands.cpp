@@ -16,6 +16,7 @@
 #include "storage/request_manager.h"
 #include "storage/sealed_file.h"
 #include "vxhost/explanation.h"
+#include "vxhost/service_views.h"
 #include "vxhost/store_hold.h"
 #include "vxhost/store_look.h"
 #include "vxhost/text.h"
@@ -315,12 +316,16 @@ void AddRemove(CommandLine& line, CLI::App& parent) {
 
 void AddSubscriptionCommands(CommandLine& line) {
   const auto limits = std::make_shared<HoldLimits>();
-  const auto list = [limits](Console& console) { return List(*limits, console); };
+  const auto service = std::make_shared<std::string>();
+  const auto list = [limits, service](Console& console) {
+    return service->empty() ? List(*limits, console) : ShowServiceSubscriptions(*service, console);
+  };
   CLI::App& group =
       line.Add("subscriptions", "list the stored subscriptions, or change them", kListFooter, list);
   CLI::App& listing = line.Add(group, "list", "list the stored subscriptions", kListFooter, list);
   for (CLI::App* command : {&group, &listing}) {
     CommandLine::AddTimeout(*command, *limits);
+    OfferService(*command, *service);
     line.OfferJson(*command);
     line.UseStore(*command);
   }

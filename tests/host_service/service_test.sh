@@ -84,6 +84,26 @@ expect 0 'result 0x00000000' service exec 9 \
 expect 0 'power event 7' service send --name "$name" --power 7 --session 6
 logged '"message":"PowerEventManager::handle_event delay: None"'
 logged '"message":"session change 6"'
+expect 0 '<- {"result":{"getVersion":' exec 22 --service="$name"
+expect 2 'has its own module and store' --private-store exec 22 --service="$name"
+expect 2 'no service OrvaneService is installed' exec 22 --service
+expect 0 'power_events {"powerEventType":7' subscriptions --service="$name"
+expect 0 '{"key":"sleep_state","answer":{' store show --json --service="$name"
+expect 2 '--watch needs --service' events --power 7 --service="$name"
+run events --watch --service="$name" --seconds 3 >"$work/watched" 2>"$work/listening" &
+watching=$!
+tries=0
+until grep -qs 'Listening to process' "$work/listening" || [ $tries = 50 ]; do
+  tries=$((tries + 1))
+  sleep 0.1
+done
+expect 0 'power event 18' service send --name "$name" --power 18
+wait $watching
+if ! grep -q 'power event 18' "$work/watched"; then
+  echo "failed: events --watch prints:"
+  cat "$work/listening" "$work/watched"
+  failures=$((failures + 1))
+fi
 expect 2 'runs; stop it first' service remove --name "$name"
 expect 0 'has stopped' service stop --name "$name"
 logged '"message":"the module is stopped"'

@@ -51,8 +51,9 @@ bool IsLogName(const std::wstring& name) {
          digits(kPrefixLength + kDayLength + 1, 4);
 }
 
-// The names of the log files, oldest first.
-std::vector<std::wstring> LogNames(const std::wstring& folder) {
+}  // namespace
+
+std::vector<std::wstring> LogFileNames(const std::wstring& folder) {
   std::vector<std::wstring> names;
   WIN32_FIND_DATAW found;
   const HANDLE first = FindFirstFileW((folder + L"\\" + kPrefix + L"*.log").c_str(), &found);
@@ -64,8 +65,6 @@ std::vector<std::wstring> LogNames(const std::wstring& folder) {
   std::sort(names.begin(), names.end());
   return names;
 }
-
-}  // namespace
 
 LogFolder::LogFolder(std::wstring where, LogLimits bounds)
     : folder(std::move(where)), limits(bounds) {}
@@ -96,7 +95,7 @@ bool LogFolder::Write(const LogEntry& entry) noexcept {
 void LogFolder::Open(const std::wstring& day, std::size_t lineSize) {
   file.reset();
   unsigned number = 1;
-  for (const std::wstring& name : LogNames(folder)) {
+  for (const std::wstring& name : LogFileNames(folder)) {
     if (name.compare(kPrefixLength, kDayLength, day) == 0) {
       number = static_cast<unsigned>(
           std::wcstoul(name.c_str() + kPrefixLength + kDayLength + 1, nullptr, 10));
@@ -132,7 +131,7 @@ void LogFolder::Open(const std::wstring& day, std::size_t lineSize) {
 }
 
 void LogFolder::DeleteOldest() const {
-  const std::vector<std::wstring> names = LogNames(folder);
+  const std::vector<std::wstring> names = LogFileNames(folder);
   for (std::size_t i = 0; i + limits.files < names.size(); ++i) {
     // A file that a reader holds without sharing stays until the next one begins.
     static_cast<void>(DeleteFileW((folder + L"\\" + names[i]).c_str()));

@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <vector>
 
 #include "platform/unique_handle.h"
 #include "vxhost/service/service_log.h"
@@ -13,6 +14,9 @@ struct LogLimits {
   std::uint64_t fileBytes = std::uint64_t{8} << 20;
   std::size_t files = 14;
 };
+
+// The names of the log files in `folder`, oldest first.
+std::vector<std::wstring> LogFileNames(const std::wstring& folder);
 
 // Log files in a folder: vxhost-YYYYMMDD-NNNN.log, in UTC. A new file begins with the day, and when
 // a line would take the file beyond its limit. The oldest files beyond the limit are deleted.

@@ -1,0 +1,87 @@
+#include "vxhost/service/log_follower.h"
+
+#include <algorithm>
+#include <array>
+#include <stdexcept>
+#include <utility>
+
+#include <windows.h>
+
+#include "platform/unique_handle.h"
+#include "vxhost/service/log_folder.h"
+#include "vxhost/text.h"
+
+namespace Vx::Host {
+
+namespace {
+
+constexpr std::size_t kPiece = 65536;  // bytes
+
+// The writer has the file open for appending and deletes old ones.
+Platform::UniqueHandle OpenLog(const std::wstring& path) {
+  return Platform::AdoptFile(CreateFileW(path.c_str(), GENERIC_READ,
+                                         FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
+                                         nullptr, OPEN_EXISTING, 0, nullptr));
+}
+
+}  // namespace
+
+LogFollower::LogFollower(std::wstring where) : folder(std::move(where)) {
+  WIN32_FIND_DATAW found;
+  const HANDLE listing = FindFirstFileW((folder + L"\\*").c_str(), &found);
+  if (listing == INVALID_HANDLE_VALUE) {
+    throw std::runtime_error("cannot list " + Utf8(folder) + " (error " +
+                             std::to_string(GetLastError()) + "); run as administrator");
+  }
+  FindClose(listing);
+  const auto names = LogFileNames(folder);
+  if (names.empty()) return;
+  file = names.back();
+  LARGE_INTEGER size{};
+  if (const auto opened = OpenLog(folder + L"\\" + file); opened != nullptr) {
+    GetFileSizeEx(opened.get(), &size);
+  }
+  offset = static_cast<std::uint64_t>(size.QuadPart);
+}
+
+std::optional<std::string> LogFollower::Next() {
+  std::size_t end = rest.find('\n');
+  while (end == std::string::npos) {
+    if (!Read(file)) {
+      // What follows in the next file, if there is one. A file that was left gets no further line.
+      const auto names = LogFileNames(folder);
+      const auto next = std::ranges::upper_bound(names, file);
+      if (next == names.end() || Read(file)) break;
+      file = *next;
+      offset = 0;
+      rest.clear();
+      continue;
+    }
+    end = rest.find('\n');
+  }
+  if (end == std::string::npos) return std::nullopt;
+  std::string line = rest.substr(0, end);
+  rest.erase(0, end + 1);
+  return line;
+}
+
+// Whether there was more.
+bool LogFollower::Read(const std::wstring& name) {
+  if (name.empty()) return false;
+  const auto opened = OpenLog(folder + L"\\" + name);
+  LARGE_INTEGER position{};
+  position.QuadPart = static_cast<LONGLONG>(offset);
+  if (opened == nullptr || SetFilePointerEx(opened.get(), position, nullptr, FILE_BEGIN) == FALSE) {
+    return false;
+  }
+  std::string piece(kPiece, '\0');
+  DWORD count = 0;
+  if (ReadFile(opened.get(), piece.data(), kPiece, &count, nullptr) == FALSE || count == 0) {
+    return false;
+  }
+  offset += count;
+  rest.append(piece, 0, count);
+  return true;
+}
+
+}  // namespace Vx::Host
