@@ -9,6 +9,7 @@
 
 #include "json/json_text.h"
 #include "vxhost/explanation.h"
+#include "vxhost/played_keys.h"
 #include "vxhost/store_look.h"
 #include "vxhost/text.h"
 
@@ -118,9 +119,14 @@ Json::WideDocument AsJson(const Explanation& one) {
   return row;
 }
 
-int RunExplain(const Options& options, Console& console) {
+int RunExplain(const ModuleOptions& module, const Options& options, Console& console) {
+  if (module.privateStore || module.simulate) {
+    throw std::runtime_error(
+        "explain judges on this machine and with its store, or that of --store");
+  }
   const Occasion occasion = OccasionOf(options);
   const auto subscriptions = SubscriptionsIn(DocumentOf(LookAtStore(options.limits)));
+  const KeysOfModule keys(module.Path());
   if (occasion.kind != nullptr && occasion.kind->family == nullptr &&
       MeaningOfCode(*occasion.kind, occasion.code) == nullptr) {
     console.Note(std::string(occasion.kind->name) + " event " + std::to_string(occasion.code) +
@@ -138,7 +144,8 @@ int RunExplain(const Options& options, Console& console) {
 }
 
 constexpr char kFooter[] =
-    "Starts, sends and stores nothing. Judges with this account's rights: another one may not use\n"
+    "Starts, sends and stores nothing. The keys are those of the module, see --dll. Judges with "
+    "this account's rights: another one may not use\n"
     "the console session's winlogon.exe, as the service may.\n"
     "  vxhost explain power 18\n"
     "  vxhost explain uninstall Maker.App_abcdefgh12345\n"
@@ -148,14 +155,15 @@ constexpr char kFooter[] =
 
 void AddExplainCommand(CommandLine& line) {
   const auto options = std::make_shared<Options>();
-  CLI::App& explain =
-      line.Add("explain", "explain what an event would lead to, for each stored subscription",
-               kFooter, [options](Console& console) { return RunExplain(*options, console); });
+  CLI::App& explain = line.Add(
+      "explain", "explain what an event would lead to, for each stored subscription", kFooter,
+      [&line, options](Console& console) { return RunExplain(line.Module(), *options, console); });
   explain.add_option("kind", options->kind, "power, platform or uninstall");
   explain.add_option("event", options->which, "its code, or the family of the package");
   explain.add_flag("--all", options->all, "each subscription at its own event");
   CommandLine::AddTimeout(explain, options->limits);
   line.OfferJson(explain);
+  line.UseModule(explain);
   line.UseStore(explain);
 }
 

@@ -50,6 +50,17 @@ PlayedKeys::~PlayedKeys() {
   delete current.exchange(nullptr);
 }
 
+KeysOfModule::KeysOfModule(const std::wstring& module) : pins(module) {
+  auto* sets = new Sets;
+  sets->general.assign(pins.General().begin(), pins.General().end());
+  sets->restricted.assign(pins.Restricted().begin(), pins.Restricted().end());
+  current = sets;
+}
+
+KeysOfModule::~KeysOfModule() {
+  delete current.exchange(nullptr);
+}
+
 }  // namespace Vx::Host
 
 namespace Vx::Tessel::Security {

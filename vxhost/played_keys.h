@@ -1,5 +1,9 @@
 #pragma once
 
+#include <string>
+
+#include "vxhost/module_pins.h"
+
 namespace Vx::Host {
 
 // While such an object lives, the module that is linked into this program also pins the key of
@@ -11,6 +15,21 @@ class PlayedKeys {
   PlayedKeys(const PlayedKeys&) = delete;
   PlayedKeys& operator=(const PlayedKeys&) = delete;
   ~PlayedKeys();
+};
+
+// While such an object lives, the rules that are linked into this program trust exactly the keys of
+// `module`. One object at a time, none beside PlayedKeys, made and destroyed while no trust check
+// runs.
+class KeysOfModule {
+ public:
+  // Throws as ModulePins does.
+  explicit KeysOfModule(const std::wstring& module);
+  KeysOfModule(const KeysOfModule&) = delete;
+  KeysOfModule& operator=(const KeysOfModule&) = delete;
+  ~KeysOfModule();
+
+ private:
+  ModulePins pins;
 };
 
 }  // namespace Vx::Host

@@ -16,6 +16,7 @@
 #include "storage/request_manager.h"
 #include "storage/sealed_file.h"
 #include "vxhost/explanation.h"
+#include "vxhost/played_keys.h"
 #include "vxhost/service_views.h"
 #include "vxhost/store_hold.h"
 #include "vxhost/store_look.h"
@@ -72,8 +73,12 @@ Json::WideDocument AsJson(const Explanation& one) {
   return row;
 }
 
-int List(const HoldLimits& limits, Console& console) {
+int List(const ModuleOptions& module, const HoldLimits& limits, Console& console) {
+  if (module.privateStore || module.simulate) {
+    throw std::runtime_error("the list is that of the machine's store, or of --store");
+  }
   const auto subscriptions = Stored(limits);
+  const KeysOfModule keys(module.Path());
   if (!console.WritesJson()) {
     console.Line("  NO  HASH      EVENT         DELAY  ACTION");
     if (subscriptions.empty()) console.Line("(none is stored)");
@@ -209,7 +214,9 @@ int Report(const wchar_t* done, const std::wstring& text, bool succeeded, Consol
 int Add(const ModuleOptions& module, const AddOptions& options, Console& console) {
   Composer composer(options);
   const std::wstring text = composer.Text();
-  const SubscriptionCheck check = CheckSubscription(text, Tessel::Security::RestrictedKeys());
+  const SubscriptionCheck check =
+      CheckSubscription(text, module.simulate ? Tessel::Security::RestrictedKeys()
+                                              : ModulePins(module.Path()).Restricted());
   for (const Finding& finding : check.findings) {
     if (finding.verdict == Verdict::Never) {
       console.Note(Utf8(L"never runs: " + finding.key + L": " + finding.text));
@@ -317,8 +324,9 @@ void AddRemove(CommandLine& line, CLI::App& parent) {
 void AddSubscriptionCommands(CommandLine& line) {
   const auto limits = std::make_shared<HoldLimits>();
   const auto service = std::make_shared<std::string>();
-  const auto list = [limits, service](Console& console) {
-    return service->empty() ? List(*limits, console) : ShowServiceSubscriptions(*service, console);
+  const auto list = [&line, limits, service](Console& console) {
+    return service->empty() ? List(line.Module(), *limits, console)
+                            : ShowServiceSubscriptions(*service, console);
   };
   CLI::App& group =
       line.Add("subscriptions", "list the stored subscriptions, or change them", kListFooter, list);
@@ -327,6 +335,7 @@ void AddSubscriptionCommands(CommandLine& line) {
     CommandLine::AddTimeout(*command, *limits);
     OfferService(*command, *service);
     line.OfferJson(*command);
+    line.UseModule(*command);
     line.UseStore(*command);
   }
   AddAdd(line, group);

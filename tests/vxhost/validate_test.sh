@@ -26,3 +26,18 @@ elif ! diff -u "$folder.txt" "$work/output" || [ "$code" != 1 ]; then
   echo "failed: validate says something else, or exits with $code and not 1"
   exit 1
 fi
+
+# What is stored is judged with the keys of the module too.
+mkdir "$work/store"
+stored() { "$@" 2>&1 | tr -d '\r' >> "$work/judged"; }
+for program in pinned unpinned; do
+  stored "$@" "$vxhost" --dll "$module" --store "$work/store" -q subscriptions add --power 18 \
+    --run "C:\\Program Files\\VxSigned\\$program.exe"
+done
+stored "$@" "$vxhost" --dll "$module" --store "$work/store" explain power 18
+if ! grep -q '^added: .*\\pinned' "$work/judged" || ! grep -q '^not added: .*unpinned' "$work/judged" ||
+  ! grep -q ' start C:.*\\pinned' "$work/judged" || grep -q 'key' "$work/judged"; then
+  echo "failed: stored subscriptions are judged with other keys than the module's:"
+  cat "$work/judged"
+  exit 1
+fi

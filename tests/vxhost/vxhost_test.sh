@@ -72,7 +72,7 @@ if [ "$(cat "$work/output")" != \
   cat "$work/output" "$work/errors"
   failures=$((failures + 1))
 fi
-expect 2 'service run, service install, subscriptions add, subscriptions remove, pins, trust, validate and doctor use it' \
+expect 2 'subscriptions remove, pins, trust, validate, explain and doctor use it' \
   --private-store store show
 expect 2 'no event to send' events
 expect 2 '--seconds' --simulate events --power 7 --seconds -1
