@@ -28,6 +28,8 @@ using namespace LogFormat;
 constexpr wchar_t kNoLine[] =
     L"a message, or nothing because a user still has the package: no line says which";
 
+constexpr wchar_t kNoThread[] = L"or over: without threads no line shows what became of it";
+
 constexpr int kUnknownDelay = std::numeric_limits<int>::min();
 
 constexpr const DeliveryKind* kKinds[] = {&kPowerEvents, &kZephraEvents};
@@ -161,7 +163,11 @@ bool History::TakePackageLine(const HistoryLine& line) {
   if (!uninstall && line.message != kRunningLate) return false;
   if (uninstall && (*uninstall)[0] != (*uninstall)[1]) return true;
   const Place begun = Begin(line, nullptr, 0);
-  rows[begun->row].event = uninstall ? L"uninstall " + (*uninstall)[0] : L"uninstall, late";
+  HistoryRow& row = rows[begun->row];
+  row.event = uninstall ? L"uninstall " + (*uninstall)[0] : L"uninstall, late";
+  if (!uninstall) return true;
+  const auto [first, last] = packages.equal_range((*uninstall)[0]);
+  for (auto one = first; one != last; ++one) row.subscriptions.push_back(one->second);
   return true;
 }
 
@@ -430,6 +436,13 @@ void History::Know(const std::string& list, const std::wstring& text) {
   for (const Kind* kind : kKinds) {
     if (list == kind->storeKey) Learn(*kind, text);
   }
+  if (list != kPackageForm.list) return;
+  try {
+    packages.emplace(Json::JsonObject::Parse(text).GetNamedString(kPackageForm.family),
+                     SubscriptionHash(text));
+  } catch (const Platform::WindowsRuntimeError&) {
+    return;  // no delivery is of it
+  }
 }
 
 std::vector<HistoryRow> History::Finish() {
@@ -442,8 +455,8 @@ std::vector<HistoryRow> History::Finish() {
   for (const Open& one : open) {
     HistoryRow& row = rows[one.row];
     if (one.kind == nullptr) {
-      row.decision = Decision::Sent;
-      row.detail = kNoLine;
+      if (one.thread != 0) row.decision = Decision::Sent;
+      row.detail = one.thread != 0 ? kNoLine : kNoThread;
       continue;
     }
     row.detail = one.waited || one.delay == 0

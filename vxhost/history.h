@@ -68,7 +68,7 @@ class History {
   void Add(const HistoryLine& line);
 
   // Makes a stored subscription known, so that deliveries whose lines do not name theirs can be
-  // assigned by kind and delay. `list` is the key of its list.
+  // assigned by kind and delay, or by family. `list` is the key of its list.
   void Know(const std::string& list, const std::wstring& text);
 
   // Returns the rows in the order of their first lines. Call once, at the end.
@@ -139,11 +139,12 @@ class History {
   std::vector<HistoryRow> rows;
   std::vector<Open> open;  // the oldest first
   std::vector<Known> known;
-  std::vector<Unnamed> unnamed;              // rows whose lines name no subscription
-  std::map<std::wstring, Facts> looseFacts;  // by path, of lines without a thread
-  std::wstring looseLaunch;                  // the path of the last launch of these
-  std::set<std::uint32_t> stopped;           // processes whose module has ended
-  std::wstring powerEvent = L"power";        // the last that the host reported
+  std::vector<Unnamed> unnamed;                        // rows whose lines name no subscription
+  std::multimap<std::wstring, std::wstring> packages;  // hashes of stored ones, by family
+  std::map<std::wstring, Facts> looseFacts;            // by path, of lines without a thread
+  std::wstring looseLaunch;                            // the path of the last launch of these
+  std::set<std::uint32_t> stopped;                     // processes whose module has ended
+  std::wstring powerEvent = L"power";                  // the last that the host reported
 };
 
 }  // namespace Vx::Host

@@ -262,7 +262,8 @@ void AddHistoryCommand(CommandLine& line) {
                [options](Console& console) { return RunHistory(*options, console); });
   history.add_option("file", options->files, "log files, or their folder")->required();
   history.add_flag("--failed", options->failed, "only what was asked for and not done");
-  history.add_option("--since", options->since, "from this time, or for 30m, 2h or 3d");
+  history.add_option("--since", options->since,
+                     "from this time, as the log writes it, or for 30m, 2h or 3d");
   history.add_option("--subscription", options->subscription,
                      "only of this one: its number in the store, or its hash");
   history.add_option("--timeline", options->timeline, "draw the log as a web page, into this file");

@@ -42,5 +42,17 @@ if "$@" "$vxhost" history "$folder/watch.json" --timeline "Z:$store/none.html" >
   failures=$((failures + 1))
 fi
 rm -f "$store/rows" "$store/page.html"
+
+# A stored package subscription names the row of its family.
+mkdir "$store/kept"
+printf '{"document":{"OrvaneServiceDocument":{"value":{"PackageCatalogEventSubscriptions":{"value":"[%s]"}}}}}' \
+  '{\"packageFamilyName\":\"Maker.App_1\"}' > "$store/values"
+"$@" "$vxhost" --store "$store/kept" store import "$store/values" > /dev/null 2>&1
+if ! "$@" "$vxhost" --store "$store/kept" history "$folder/rare.log" --subscription 1 2>&1 |
+  grep -q 'uninstall Maker.App_1 [0-9a-f]\{8\} .*ran: process 4711'; then
+  echo "failed: history does not name the package subscription"
+  failures=$((failures + 1))
+fi
+rm -r "$store/kept" "$store/values"
 [ -z "$(ls -A "$store")" ] || { echo "failed: history makes a store"; failures=$((failures + 1)); }
 exit $((failures > 0))
