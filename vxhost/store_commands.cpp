@@ -245,7 +245,8 @@ constexpr char kBackupFooter[] =
     "The copy can be read on this machine only. The file must not exist.\n"
     "  vxhost store backup backup.dat";
 constexpr char kRestoreFooter[] =
-    "Checks the copy first and keeps what it replaces beside the store. End the service before.\n"
+    "Checks the copy first and keeps what it replaces beside the store. A service that runs\n"
+    "reads it at its next access.\n"
     "  vxhost store restore backup.dat";
 constexpr char kExportFooter[] =
     "Prints this module's values in the form of \"store show\". Values of other services, which "
