@@ -3,10 +3,32 @@
 #include <array>
 #include <cwchar>
 
+#include "platform/sessions.h"
+#include "platform/unique_handle.h"
+#include "platform/windows/capabilities.h"
+
 namespace Vx::Platform {
 
 HMODULE DeferredLibrary::Load() noexcept {
   if (const HMODULE known = loaded.load()) return known;
+  // A thread that acts as a user may also see the drives as that user has defined them.
+  Sessions& sessions = WindowsSessions();
+  const Result<UniqueHandle> user = sessions.ThreadToken();
+  ErrorCode error = user ? 0 : user.Error();
+  if (error == 0 && *user == nullptr) return LoadAsProcess();
+  if (error == 0) error = sessions.Revert();
+  if (error == 0) {
+    const HMODULE library = LoadAsProcess();
+    const DWORD loadError = GetLastError();
+    error = sessions.Resume(user->get());
+    if (error == 0 && library != nullptr) return library;
+    if (error == 0) error = loadError;
+  }
+  SetLastError(error);
+  return nullptr;
+}
+
+HMODULE DeferredLibrary::LoadAsProcess() noexcept {
   std::array<wchar_t, MAX_PATH> path{};
   const UINT folder = GetSystemDirectoryW(path.data(), static_cast<UINT>(path.size()));
   if (folder == 0) return nullptr;

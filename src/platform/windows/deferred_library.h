@@ -10,6 +10,7 @@ namespace Vx::Platform {
 // there does not pay for it. Loads the library when its first function is asked for, from the
 // system directory by its full path, and keeps it for the life of the process: freeing it would
 // have to happen while this module is unloaded, under the loader's lock, where Windows forbids it.
+// Loads as the process, also in a thread that acts as a user.
 //
 // Not for DllMain and constructors, for the same reason. Any thread. Does not throw.
 class DeferredLibrary {
@@ -27,6 +28,7 @@ class DeferredLibrary {
  private:
   void* Address(const char* name) noexcept;
   HMODULE Load() noexcept;
+  HMODULE LoadAsProcess() noexcept;
 
   const wchar_t* fileName;
   std::atomic<HMODULE> loaded = nullptr;

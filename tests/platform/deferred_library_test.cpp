@@ -1,0 +1,63 @@
+// As whom a library of Windows is loaded at its first call.
+#include "platform/windows/deferred_library.h"
+
+#include <gtest/gtest.h>
+
+#include <windows.h>
+
+#include "platform/sessions.h"
+#include "platform/unique_handle.h"
+#include "platform/windows/capabilities.h"
+#include "platform/windows/system_library.h"
+
+namespace Vx::Platform {
+namespace {
+
+bool ActsAsUser() {
+  const auto token = WindowsSessions().ThreadToken();
+  return !token || *token != nullptr;
+}
+
+struct Seen {
+  int loads = 0;
+  int loadsAsUser = 0;
+};
+
+// Called by the loader in the thread that loads, behind the opening of the file.
+void CALLBACK OnLibrary(ULONG /*reason*/, const void* /*data*/, void* context) {
+  auto& seen = *static_cast<Seen*>(context);
+  ++seen.loads;
+  if (ActsAsUser()) ++seen.loadsAsUser;
+}
+
+TEST(DeferredLibraryTest, LoadsAsTheProcessInAThreadThatActsAsAUser) {
+  using Notify = void CALLBACK(ULONG, const void*, void*);
+  auto* watch = SystemFunction<LONG NTAPI(ULONG, Notify*, void*, void**)>(
+      L"ntdll.dll", "LdrRegisterDllNotification");
+  auto* unwatch = SystemFunction<LONG NTAPI(void*)>(L"ntdll.dll", "LdrUnregisterDllNotification");
+  ASSERT_TRUE(watch != nullptr && unwatch != nullptr);
+  // Nothing else in this program uses it.
+  constexpr wchar_t kUnused[] = L"mscms.dll";
+  ASSERT_EQ(GetModuleHandleW(kUnused), nullptr);
+  DeferredLibrary library(kUnused);
+  DeferredLibrary absent(L"no such library.dll");
+  Seen seen;
+  void* cookie = nullptr;
+  ASSERT_EQ(watch(0, OnLibrary, &seen, &cookie), 0);
+  ASSERT_NE(ImpersonateSelf(SecurityImpersonation), 0);
+  auto* function = library.Find<void()>("OpenColorProfileW");
+  auto* none = absent.Find<void()>("OpenColorProfileW");
+  const DWORD error = GetLastError();
+  const bool restored = ActsAsUser();
+  RevertToSelf();
+  unwatch(cookie);
+  EXPECT_NE(function, nullptr);
+  EXPECT_EQ(none, nullptr);
+  EXPECT_EQ(error, DWORD{ERROR_MOD_NOT_FOUND});
+  EXPECT_TRUE(restored);
+  EXPECT_GT(seen.loads, 0);
+  EXPECT_EQ(seen.loadsAsUser, 0);
+}
+
+}  // namespace
+}  // namespace Vx::Platform
