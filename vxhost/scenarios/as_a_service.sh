@@ -1,0 +1,66 @@
+#!/bin/sh
+# as_a_service.sh VXHOST MODULE PKI PROBE EMULATOR PREFIX: the module as a Windows service, from its
+# installation to its removal. A client subscribes a signed program over the pipe, the machine resumes
+# and the program runs. Exits with 1 if something else happens. Leaves no service and no data.
+set -u
+vxhost=$1 module=$2 pki=$3 probe=$4 emulator=$5 prefix=$6
+name=VxSample$$
+place="$prefix/drive_c/Program Files/VxSample"
+data="$prefix/drive_c/ProgramData/Vx"
+started="C:\\\\Program Files\\\\VxSample"
+
+vxhost() { "$emulator" "$prefix" "$vxhost" "$@" || fail "vxhost $*"; }
+fail() {
+  echo "!! $1"
+  exit 1
+}
+
+# await FILES TEXT: waits until a line of one of the files has the text, and prints the line.
+await() {
+  tries=0
+  until grep -shF -m 1 -- "$2" "$1"*; do
+    tries=$((tries + 1))
+    [ $tries -lt 100 ] || fail "$1 does not say $2"
+    sleep 0.1
+  done
+}
+
+cleanup() {
+  "$emulator" "$prefix" "$vxhost" service stop --name $name >/dev/null 2>&1
+  "$emulator" "$prefix" "$vxhost" service remove --name $name >/dev/null 2>&1
+  [ -z "${logon:-}" ] || kill "$logon" 2>/dev/null
+  rm -rf "$place" "$data"
+}
+trap cleanup EXIT
+rm -rf "$data"
+mkdir -p "$place"
+cp "$pki/pinned.exe" "$place/tool.exe"
+cp "$probe" "$place/winlogon.exe"
+
+echo '== The service is installed and started. It has a folder of its own that users cannot write to'
+vxhost --dll "$module" service install --name $name --start demand --development
+vxhost service start --name $name
+vxhost service status --name $name
+
+echo '== A client subscribes a signed program to the machine'"'"'s resume, over the pipe'
+"$emulator" "$prefix" "$place/winlogon.exe" 'C:\Program Files\VxSample\winlogon.out' \
+  "wait:$name" >/dev/null 2>&1 &
+logon=$!
+await "$place/winlogon.out" commandLine >/dev/null
+vxhost exec 9 "{\"powerEventType\":7,\"eventAction\":1,\"commandParams\":{\"path\":\"$started\\\\tool.exe\",\"arguments\":\"\\\"$started\\\\report.txt\\\" \\\"good morning\\\"\"}}" \
+  --service=$name
+
+echo '== The machine resumes, and the program runs'
+vxhost service send --name $name --power 7
+await "$place/report.txt" 'good morning'
+
+echo '== The log file tells it'
+await "$data/Logs/" '"message":"power event 7"'
+await "$data/Logs/" '"message":"LaunchCommand::Execute returned with result 1'
+await "$data/Logs/" '"message":"PowerEventManager::handle_event Executed: '
+
+echo '== The service is stopped and removed'
+vxhost service stop --name $name
+vxhost service remove --name $name
+echo
+echo 'Everything that was expected happened.'
