@@ -77,13 +77,25 @@ def check_outputs():
             expect(request, True, name, "requests", f"command{kind}")
 
 
-def check_explanation():
+def check_stored():
     with tempfile.TemporaryDirectory() as folder:
         store = "Z:" + folder.replace("/", "\\")
+        trigger = ("--send", "f", "--service", "s", "--trigger", "{01234567-89ab-cdef-0123-456789abcdef}")
         run("--store", store, "exec", "9", "@subscriptions/14_unsigned.json", "--json")
-        run("--store", store, "exec", "14", "@subscriptions/03_good_platform.json", "--json")
-        for result in run("--store", store, "explain", "--all", "--json")[0]:
-            expect(result, True, "vxhost explain", "outputs", "explain")
+        for part, arguments in {
+                "subscriptions-add": ("subscriptions", "add", "--platform", "1", *trigger),
+                "explain": ("explain", "--all"),
+                "subscriptions": ("subscriptions",),
+                "store-show": ("store", "show"),
+                "store-verify": ("store", "verify"),
+                "subscriptions-remove": ("subscriptions", "remove", "2"),
+        }.items():
+            for result in run("--store", store, *arguments, "--json")[0]:
+                expect(result, True, f"vxhost {' '.join(arguments)}", "outputs", part)
+        exported = pathlib.Path(folder) / "export.json"
+        exported.write_text(json.dumps(run("--store", store, "store", "export", "--json")[0][0]), encoding="utf-8")
+        for result in run("--store", store, "store", "import", "Z:" + str(exported).replace("/", "\\"), "--json")[0]:
+            expect(result, True, "vxhost store import", "outputs", "store-restore")
 
 
 def check_samples():
@@ -126,7 +138,7 @@ def check_scenarios():
 
 
 check_outputs()
-check_explanation()
+check_stored()
 check_samples()
 check_scenarios()
 sys.exit(1 if failures else 0)
