@@ -105,31 +105,7 @@ std::string Xml(const std::string& text) {
   std::wstring clean = Wide(Printable(text, LineBreaks::Keep));
   std::replace_if(
       clean.begin(), clean.end(), [](wchar_t unit) { return unit >= 0xFFFE; }, L'\xFFFD');
-  std::string escaped;
-  for (const char unit : Utf8(clean)) {
-    switch (unit) {
-      case '&':
-        escaped += "&amp;";
-        break;
-      case '<':
-        escaped += "&lt;";
-        break;
-      case '>':
-        escaped += "&gt;";
-        break;
-      case '"':
-        escaped += "&quot;";
-        break;
-      case '\n':
-        escaped += "&#10;";
-        break;
-      case '\r':
-        break;
-      default:
-        escaped += unit;
-    }
-  }
-  return escaped;
+  return Markup(Utf8(clean));
 }
 
 std::string LogText(const PlayedScenario& played, std::size_t step) {

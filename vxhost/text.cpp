@@ -71,6 +71,37 @@ std::string Printable(std::string_view text, LineBreaks breaks) {
   return Utf8(shown);
 }
 
+std::string Markup(std::string_view text) {
+  std::string escaped;
+  for (const char unit : text) {
+    switch (unit) {
+      case '&':
+        escaped += "&amp;";
+        break;
+      case '<':
+        escaped += "&lt;";
+        break;
+      case '>':
+        escaped += "&gt;";
+        break;
+      case '"':
+        escaped += "&quot;";
+        break;
+      case '\'':
+        escaped += "&#39;";
+        break;
+      case '\n':
+        escaped += "&#10;";
+        break;
+      case '\r':
+        break;
+      default:
+        escaped += unit;
+    }
+  }
+  return escaped;
+}
+
 std::wstring ReadTextFile(const std::wstring& path) {
   std::ifstream file(path.c_str(), std::ios::binary);
   if (!file) throw std::runtime_error("cannot read " + Utf8(path));

@@ -19,6 +19,9 @@ std::wstring Wide(std::string_view text);
 enum class LineBreaks { Replace, Keep };
 std::string Printable(std::string_view text, LineBreaks breaks);
 
+// `text` as the content of an element or an attribute of XML or HTML. Keeps line ends, as LF.
+std::string Markup(std::string_view text);
+
 // The content of a text file as UTF-16, without its byte-order mark. It is UTF-8 unless the mark
 // says UTF-16. Throws std::runtime_error.
 std::wstring ReadTextFile(const std::wstring& path);

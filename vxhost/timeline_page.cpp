@@ -99,29 +99,7 @@ const char* ClassOf(BarKind kind) {
 }
 
 std::string Html(const std::wstring& text) {
-  std::string escaped;
-  for (const char unit : Printable(Utf8(text), LineBreaks::Replace)) {
-    switch (unit) {
-      case '&':
-        escaped += "&amp;";
-        break;
-      case '<':
-        escaped += "&lt;";
-        break;
-      case '>':
-        escaped += "&gt;";
-        break;
-      case '"':
-        escaped += "&quot;";
-        break;
-      case '\'':
-        escaped += "&#39;";
-        break;
-      default:
-        escaped += unit;
-    }
-  }
-  return escaped;
+  return Markup(Printable(Utf8(text), LineBreaks::Replace));
 }
 
 // About how wide a character is in a label, in the widest of the usual fonts.
