@@ -121,10 +121,8 @@ bool IsDamaged(StoreState state) {
   return state == StoreState::Damaged || state == StoreState::OtherMachine;
 }
 
-// Whether the error of unsealing a blob is about that blob. An uncertain one is if data protection
-// opens what it seals now.
-bool IsAboutBlob(ErrorCode error) {
-  if (!IsOneOf(error, kUncertain)) return true;
+// Whether data protection opens what it seals now, so that an uncertain error is about the blob.
+bool ProtectionWorks() {
   const auto& protection = *Platform::CurrentMachine().dataProtection;
   const Result<Bytes> probe = protection.Protect(Bytes(1), {});
   return probe && protection.Unprotect(*probe);
@@ -363,14 +361,18 @@ SealedFile::Reading SealedFile::Unseal(Bytes content) {
   if (reading.content.size() == kHeaderSize) return reading;
 
   const auto blob = std::span(reading.content).subspan(kHeaderSize);
-  const Result<Bytes> plain =
-      Patiently([&] { return Platform::CurrentMachine().dataProtection->Unprotect(blob); });
+  const auto unprotect = [&] { return Platform::CurrentMachine().dataProtection->Unprotect(blob); };
+  Result<Bytes> plain = Patiently(unprotect);
+  const auto isUncertain = [&] { return !plain && IsOneOf(plain.Error(), kUncertain); };
+  const bool works = isUncertain() && ProtectionWorks();
+  // The keys may have come between the last try and the probe.
+  if (works) plain = unprotect();
   if (plain) {
     reading.document = BsonDocument::Decode(*plain);
     if (!reading.document) reading.state = StoreState::Damaged;
   } else {
     reading.error = plain.Error();
-    reading.state = !IsAboutBlob(plain.Error())            ? StoreState::NotOpened
+    reading.state = isUncertain() && !works                ? StoreState::NotOpened
                     : IsOneOf(plain.Error(), kInvalidBlob) ? StoreState::Damaged
                     : IsOneOf(plain.Error(), kForeignKey)  ? StoreState::OtherMachine
                                                            : StoreState::NotOpened;

@@ -331,6 +331,16 @@ TEST_F(SealedFileTest, OnlyWhatIsProvedDamagedIsReplacedAndACopyIsKept) {
   }
 }
 
+TEST_F(SealedFileTest, KeysThatComeAtTheLastTryLoseNothing) {
+  for (const Platform::ErrorCode error : {0x8009000BU, 87U}) {
+    Plant(kOld);
+    protection.Fail(error, 13);  // 12 tries of the opening, which writes nothing, and one more
+    EXPECT_TRUE(Write());
+    EXPECT_EQ(Value(), kNew) << error;
+    EXPECT_THAT(Siblings(), IsEmpty());
+  }
+}
+
 TEST_F(SealedFileTest, KeepsTheLastThreeDifferentCopiesAndNothingWithoutOne) {
   Bytes damaged(100, std::byte{0});
   for (int i = 1; i <= 5; ++i) {
