@@ -58,6 +58,7 @@ constexpr ErrorCode kPathNotFound = 3;
 constexpr ErrorCode kAccessDenied = 5;
 constexpr ErrorCode kSharingViolation = 32;
 constexpr ErrorCode kFileExists = 80;
+constexpr ErrorCode kNameTooLong = 206;
 constexpr ErrorCode kFileTooLarge = 223;
 
 // What Windows reports for a moment: files that another process keeps, no memory, no handles, and
@@ -77,6 +78,10 @@ constexpr std::array<ErrorCode, 13> kPassing = {
     1726,        // RPC_S_CALL_FAILED
     0x8009000B,  // NTE_BAD_KEY_STATE
 };
+
+// What Windows reports for a file that was deleted since, and for a name that is longer than this
+// process may open: that is none of ours.
+constexpr std::array<ErrorCode, 3> kNotThere = {kFileNotFound, kPathNotFound, kNameTooLong};
 
 // What Windows reports for a blob that is not valid: it, or the algorithms and flags that it names.
 // Every other error of unsealing may pass.
@@ -149,7 +154,7 @@ ErrorCode OpenOwn(const std::wstring& path, FileUse use, std::optional<OwnFile>&
     if (!opened) {
       // Windows lets the system inspect its own files. It refuses to open a folder like this.
       const bool foreign = step == FileUse::Inspect && opened.Error() == kAccessDenied;
-      return foreign || opened.Error() == kFileNotFound ? 0 : opened.Error();
+      return foreign || IsOneOf(opened.Error(), kNotThere) ? 0 : opened.Error();
     }
     const Result<FileFacts> facts = (*opened)->Facts();
     if (!facts) return facts.Error();

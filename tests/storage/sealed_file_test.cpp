@@ -465,6 +465,20 @@ TEST_F(SealedFileTest, AFolderUnderTheNameOfASiblingStopsNoWrite) {
   EXPECT_TRUE(RemoveDirectoryW(Sibling(L"a").c_str()));
 }
 
+TEST_F(SealedFileTest, ASiblingWhoseNameIsTooLongToOpenStopsNoWrite) {
+  // What Windows says of a path beyond its limit, which the listing of the folder still returns.
+  for (const Platform::ErrorCode error : {3U, 206U}) {
+    Tests::WriteBytes(Path(), {});
+    Tests::WriteBytes(Sibling(L"a"), {});
+    CapDataStore store;
+    disk.onStep = [error, opens = 0](const std::string& step) mutable {
+      return step == "Open" && ++opens == 2 ? error : 0U;  // the first is of the store
+    };
+    EXPECT_TRUE(store.persist("key", BsonElement::Int32(kNew))) << error;
+    disk.onStep = [](const std::string&) { return 0U; };
+  }
+}
+
 TEST_F(SealedFileTest, AStoreThatDecodesWinsAndItsOwnSiblingsGo) {
   Tests::WriteBytes(Sibling(L"a"), FileWith(kNew));
   Tests::WriteBytes(Path() + L".someone's.txt", {});
