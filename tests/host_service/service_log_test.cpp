@@ -5,6 +5,7 @@
 #include <fstream>
 #include <memory>
 #include <mutex>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -15,7 +16,9 @@
 
 #include "platform/unique_handle.h"
 #include "support/temp_folder.h"
+#include "vxhost/service/event_log.h"
 #include "vxhost/service/log_folder.h"
+#include "vxhost/service/trace_target.h"
 
 namespace Vx::Host {
 namespace {
@@ -102,6 +105,82 @@ TEST(ServiceLogTest, DropsAndCountsInsteadOfWaitingForATarget) {
     SetEvent(target.open.get());
   }
   EXPECT_THAT(messages, ElementsAre(L"held", L"3 log lines were dropped", L"1", L"2"));
+}
+
+// Records what would reach Windows.
+class Journal final : public EventJournal {
+ public:
+  explicit Journal(std::vector<std::wstring>& out) : records(out) {}
+  bool Report(std::uint16_t type, std::uint32_t id, const Texts& texts) noexcept override {
+    std::wstring record = std::to_wstring(type) + L" " + std::to_wstring(id);
+    for (const std::wstring& text : texts) record += L"|" + text;
+    records.push_back(record);
+    return false;
+  }
+
+ private:
+  std::vector<std::wstring>& records;
+};
+
+TEST(EventLogTest, TakesWarningsAndErrorsAndCountsNoneAsLost) {
+  std::vector<std::wstring> records;
+  EventLogTarget target(std::make_unique<Journal>(records));
+  for (const wchar_t* level : {L"INFO", L"WARNING", L"ERROR"}) {
+    EXPECT_TRUE(target.Write({kFirstDay, 7, 9, {level, L"Vx-Test", L"client", L"text"}}));
+  }
+  EXPECT_THAT(records, ElementsAre(L"2 2147483649|text|Vx-Test|client|7",
+                                   L"1 3221225474|text|Vx-Test|client|7"));
+}
+
+TEST(EventLogTest, ItsSourceNamesTheMessageFileAndGoes) {
+  const std::wstring name = L"VxSource" + std::to_wstring(GetCurrentProcessId());
+  const std::wstring key = L"SYSTEM\\CurrentControlSet\\Services\\EventLog\\Application\\" + name;
+  wchar_t text[64] = {};
+  DWORD size = sizeof text;
+  const auto read = [&] {
+    return RegGetValueW(HKEY_LOCAL_MACHINE, key.c_str(), L"EventMessageFile", RRF_RT_REG_SZ,
+                        nullptr, text, &size);
+  };
+  AddEventSource(name, L"C:\\x\\vxhost.exe");
+  EXPECT_EQ(read(), ERROR_SUCCESS);
+  EXPECT_STREQ(text, L"C:\\x\\vxhost.exe");
+  RemoveEventSource(name);
+  EXPECT_EQ(read(), ERROR_FILE_NOT_FOUND);
+}
+
+// Records the bytes that would reach Windows.
+class Trace final : public TraceWriter {
+ public:
+  explicit Trace(std::string& out) : bytes(out) {}
+  bool Listens(std::uint8_t level) const noexcept override { return level <= 3; }
+  void Write(std::uint8_t level, std::span<const std::byte> traits,
+             std::span<const std::byte> description,
+             std::span<const std::vector<std::byte>> values) noexcept override {
+    bytes += std::to_string(level);
+    Append(traits);
+    Append(description);
+    for (const auto& value : values) Append(value);
+  }
+
+ private:
+  void Append(std::span<const std::byte> part) {
+    bytes += '|';
+    for (const std::byte byte : part) bytes += byte == std::byte{0} ? '.' : static_cast<char>(byte);
+  }
+
+  std::string& bytes;
+};
+
+TEST(TraceTargetTest, AnEventDescribesItsFieldsAndThenHasTheirValues) {
+  std::string bytes;
+  TraceTarget target(std::make_unique<Trace>(bytes));
+  EXPECT_TRUE(target.Write({kFirstDay, 'T', 9, {L"INFO", L"p", L"c", L"not recorded"}}));
+  EXPECT_TRUE(target.Write({kFirstDay, 'T', 9, {L"ERROR", L"p", L"", L"m"}}));
+  EXPECT_EQ(bytes,
+            "2|\x12.Vx-Host-Service."
+            "|\x31..Log.level.\x01provider.\x01"
+            "caller.\x01thread.\x08message.\x01"
+            "|E.R.R.O.R...|p...|..|T...|m...");
 }
 
 }  // namespace

@@ -8,6 +8,7 @@
 
 #include <windows.h>
 
+#include "vxhost/service/event_log.h"
 #include "vxhost/text.h"
 
 namespace Vx::Host {
@@ -186,6 +187,12 @@ std::vector<std::string> ServiceManager::Install(const ServicePlan& plan) {
     DeleteService(Raw(service));
     Refused("install", plan.name, settings.error);
   }
+  try {
+    AddEventSource(plan.name, plan.program);
+  } catch (const std::runtime_error&) {
+    DeleteService(Raw(service));
+    throw;
+  }
   return settings.unknown;
 }
 
@@ -227,6 +234,7 @@ void ServiceManager::Remove(const std::wstring& name) {
     throw std::runtime_error("the service " + Utf8(name) + " runs; stop it first");
   }
   if (DeleteService(Raw(service)) == FALSE) Refused("remove", name, GetLastError());
+  RemoveEventSource(name);
 }
 
 std::optional<ServiceReport> ServiceManager::Query(const std::wstring& name) {

@@ -9,10 +9,12 @@
 
 #include <windows.h>
 
+#include "vxhost/service/event_log.h"
 #include "vxhost/service/guarded_folder.h"
 #include "vxhost/service/log_folder.h"
 #include "vxhost/service/pipe_server.h"
 #include "vxhost/service/power_notifications.h"
+#include "vxhost/service/trace_target.h"
 #include "vxhost/text.h"
 
 namespace Vx::Host {
@@ -61,6 +63,8 @@ void WINAPI ServiceMain(DWORD /*count*/, LPWSTR* /*arguments*/) noexcept {
   ManagerSink sink;
   std::vector<std::unique_ptr<LogTarget>> places;
   places.push_back(std::make_unique<LogFolder>(entry->logs));
+  places.push_back(std::make_unique<EventLogTarget>(OpenEventJournal(entry->options.name)));
+  places.push_back(std::make_unique<TraceTarget>(OpenTraceWriter()));
   ServiceProcess service(entry->options, std::move(places), sink);
   sink.handle =
       RegisterServiceCtrlHandlerExW(entry->options.name.c_str(), &HandleControl, &service);
