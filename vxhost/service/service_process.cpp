@@ -36,7 +36,10 @@ struct Entry {
   ServiceOptions options;
   std::wstring logs;  // folder
 };
-Entry* entry = nullptr;
+Entry& TheEntry() {
+  static Entry entry;
+  return entry;
+}
 
 class ManagerSink final : public StatusSink {
  public:
@@ -62,12 +65,12 @@ DWORD WINAPI HandleControl(DWORD control, DWORD event, void* /*data*/, void* con
 void WINAPI ServiceMain(DWORD /*count*/, LPWSTR* /*arguments*/) noexcept {
   ManagerSink sink;
   std::vector<std::unique_ptr<LogTarget>> places;
-  places.push_back(std::make_unique<LogFolder>(entry->logs));
-  places.push_back(std::make_unique<EventLogTarget>(OpenEventJournal(entry->options.name)));
+  places.push_back(std::make_unique<LogFolder>(TheEntry().logs));
+  places.push_back(std::make_unique<EventLogTarget>(OpenEventJournal(TheEntry().options.name)));
   places.push_back(std::make_unique<TraceTarget>(OpenTraceWriter()));
-  ServiceProcess service(entry->options, std::move(places), sink);
+  ServiceProcess service(TheEntry().options, std::move(places), sink);
   sink.handle =
-      RegisterServiceCtrlHandlerExW(entry->options.name.c_str(), &HandleControl, &service);
+      RegisterServiceCtrlHandlerExW(TheEntry().options.name.c_str(), &HandleControl, &service);
   if (sink.handle != nullptr) service.Run();
 }
 
@@ -193,7 +196,7 @@ void ServiceProcess::Run() noexcept {
   } catch (const std::exception& error) {
     try {
       log.Add(L"ERROR", kFailed + Wide(error.what()));
-    } catch (const std::exception&) {  // NOLINT(bugprone-empty-catch): the exit code tells
+    } catch (const std::exception&) {  // NOLINT(bugprone-empty-catch): the exit code says so
     }
     exitCode = ERROR_SERVICE_SPECIFIC_ERROR;
   }
@@ -262,12 +265,11 @@ std::uint32_t ServiceProcess::Control(std::uint32_t control, std::uint32_t event
 
 void RunUnderManager(ServiceOptions options) {
   const std::wstring programData = ProgramDataFolder();
-  Entry own{std::move(options), DataFolders(programData, Writers::System).Logs()};
+  TheEntry() = {std::move(options), DataFolders(programData, Writers::System).Logs()};
   // The module takes the folder of its store from the variable. The emulator gives services another
   // value than programs.
   SetEnvironmentVariableW(L"ProgramData", programData.c_str());
-  entry = &own;
-  std::wstring name = own.options.name;
+  std::wstring name = TheEntry().options.name;
   const SERVICE_TABLE_ENTRYW table[] = {{name.data(), &ServiceMain}, {nullptr, nullptr}};
   if (StartServiceCtrlDispatcherW(table) == FALSE) {
     throw std::runtime_error("only the service manager starts it (error " +

@@ -34,7 +34,7 @@ constexpr Field kFields[] = {{"level", kText},
                              {"thread", kNumber},
                              {"message", kText}};
 
-constexpr std::uint8_t kSelfDescribing = 11;  // the channel that tells tools so
+constexpr std::uint8_t kSelfDescribing = 11;  // tools recognise such events by it
 constexpr std::uint8_t kDescription = 1;      // the kinds of the first two parts of an event
 constexpr std::uint8_t kTraits = 2;
 constexpr int kProviderTraits = 2;  // what EventSetInformation sets
