@@ -1,0 +1,76 @@
+#pragma once
+
+// The contract of vx_service.h for a host in C, or in any language that speaks C: the object as a
+// pointer to a table of functions. docs/host.md describes what each one does, and from which thread
+// it may be called.
+
+#include <stdbool.h>
+#include <stddef.h>
+#include <stdint.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+// The caller's identity. Slot 1 creates it and slot 2 frees it.
+typedef struct VxClientContext {
+  wchar_t* clientId;  // NUL-terminated, at most 64 characters, owned by the record
+} VxClientContext;
+
+// The host's callable, which slot 3 destroys through the fifth entry of `held->table` and never
+// calls. A host without one passes a null pointer.
+typedef struct VxHeldCallable {
+  void* const* table;
+} VxHeldCallable;
+typedef struct VxCompletionCallback {
+  unsigned char storage[56];
+  VxHeldCallable* held;
+} VxCompletionCallback;
+
+typedef struct VxServiceObject VxServiceObject;
+
+// The slots in their order. The comment before each group names the results.
+typedef struct VxServiceTable {
+  // Slot 0. Bit 0 of `flags` frees the object's memory too. Returns the object's address.
+  void* (*Destroy)(VxServiceObject* self, unsigned flags);
+
+  // Slots 1 to 3. Result codes, 0 for success. `request` is NUL-terminated UTF-16 JSON.
+  uint32_t (*CreateClientContext)(VxServiceObject* self, const wchar_t* clientId,
+                                  VxClientContext** context);
+  uint32_t (*ReleaseClientContext)(VxServiceObject* self, VxClientContext** context);
+  uint32_t (*ExecuteCommand)(VxServiceObject* self, VxClientContext* context, uint32_t functionId,
+                             const wchar_t* request, wchar_t** response,
+                             VxCompletionCallback* callback);
+
+  // Slot 4. Frees what slot 3 stored in `*response`.
+  void (*FreeResponse)(VxServiceObject* self, void* response);
+
+  // Slot 5. Starts the background work and returns.
+  void (*Start)(VxServiceObject* self);
+
+  // Slot 6. A power broadcast (PBT_ code).
+  void (*PowerEventTask)(VxServiceObject* self, uint32_t eventType);
+
+  void (*Reserved7)(VxServiceObject* self);
+
+  // Slot 8. First-run set-up is over. Returns whether nothing is left to do.
+  bool (*OobeEventTask)(VxServiceObject* self);
+
+  // Slot 9. A session change (WTS_SESSION_ code).
+  void (*OnSessionChange)(VxServiceObject* self, uint32_t code);
+
+  void (*Reserved10)(VxServiceObject* self);
+} VxServiceTable;
+
+struct VxServiceObject {
+  const VxServiceTable* table;
+};
+
+// The factory and the name it is exported under. Returns null without memory. Slot 0 frees the
+// object.
+typedef VxServiceObject* (*VxCreateServiceFunction)(void);
+#define VX_CREATE_SERVICE_EXPORT "VxCreateService"
+
+#ifdef __cplusplus
+}
+#endif
