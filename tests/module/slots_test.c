@@ -178,8 +178,9 @@ static void NotificationsAreTakenInAnyState(void) {
   static const struct {
     int slot;
     uint32_t event;
-  } kCases[] = {{kPowerEvent, 10},   {kReserved7, 0},  {kSessionChange, 5}, {kSessionChange, 6},
-                {kSessionChange, 7}, {kReserved10, 0}, {kStart, 0}};
+  } kCases[] = {{kPowerEvent, 10},   {kReserved7, 0},     {kSessionChange, 5},
+                {kSessionChange, 6}, {kSessionChange, 7}, {kReserved10, 0},
+                {kStart, 0},         {kStart, 0},         {kPowerEvent, 18}};
   for (size_t i = 0; i < sizeof kCases / sizeof *kCases; ++i) {
     ((Notify)service->slots[kCases[i].slot])(service, kCases[i].event);
   }

@@ -1,0 +1,69 @@
+// minimal_host MODULE: the least that a service host does, in C. MODULE is the module's full path.
+// Prints each step, and exits with 0 when all of them succeeded.
+#include <stdio.h>
+#include <wchar.h>
+
+#include <windows.h>
+
+#include "host/vx_service_c.h"
+
+// Runs one command for a client and prints its result. Returns the result code.
+static uint32_t Execute(VxServiceObject* service, VxClientContext* context, uint32_t id,
+                        const wchar_t* request) {
+  wchar_t* response = NULL;  // slot 3 leaves it alone when it refuses its arguments
+  const uint32_t result =
+      service->table->ExecuteCommand(service, context, id, request, &response, NULL);
+  wprintf(L"command %u: result 0x%08x, response %ls\n", id, result,
+          response != NULL ? response : L"(none)");
+  service->table->FreeResponse(service, response);
+  return result;
+}
+
+static int Run(VxCreateServiceFunction create) {
+  VxServiceObject* service = create();
+  if (service == NULL) {
+    wprintf(L"no memory for the service\n");
+    return 1;
+  }
+  service->table->Start(service);  // returns at once: commands may come now
+  wprintf(L"started\n");
+
+  VxClientContext* context = NULL;
+  uint32_t result = service->table->CreateClientContext(service, L"sample", &context);
+  if (result == 0) {
+    result = Execute(service, context, 22, L"{}");
+    service->table->ReleaseClientContext(service, &context);
+  }
+
+  service->table->PowerEventTask(service, PBT_APMRESUMEAUTOMATIC);
+  wprintf(L"forwarded power code %u\n", (unsigned)PBT_APMRESUMEAUTOMATIC);
+
+  service->table->Destroy(service, 1);  // bit 0: frees the object too
+  wprintf(L"destroyed\n");
+  return result != 0;
+}
+
+int wmain(int count, wchar_t** arguments) {
+  if (count != 2) {
+    wprintf(L"usage: minimal_host FULL-PATH-OF-THE-MODULE\n");
+    return 2;
+  }
+  // Its full path, and what it imports from Windows' own folder alone: a library that lies in
+  // another place never gets into the process.
+  const HMODULE module = LoadLibraryExW(arguments[1], NULL, LOAD_LIBRARY_SEARCH_SYSTEM32);
+  if (module == NULL) {
+    wprintf(L"the module cannot be loaded: error %lu\n", GetLastError());
+    return 1;
+  }
+  const VxCreateServiceFunction create =
+      (VxCreateServiceFunction)(void*)GetProcAddress(module, VX_CREATE_SERVICE_EXPORT);
+  int status = 1;
+  if (create == NULL) {
+    wprintf(L"this is not the module: it does not export " VX_CREATE_SERVICE_EXPORT "\n");
+  } else {
+    status = Run(create);
+  }
+  FreeLibrary(module);  // the module stays until its last thread has ended
+  wprintf(L"freed\n");
+  return status;
+}

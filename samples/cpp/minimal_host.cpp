@@ -1,0 +1,94 @@
+// minimal_host MODULE: the least that a service host does, in C++, with owners that end everything
+// in its order. MODULE is the module's full path. Prints each step, and exits with 0 when all of
+// them succeeded.
+#include <cstdio>
+#include <memory>
+#include <stdexcept>
+#include <string>
+
+#include <windows.h>
+
+#include "host/vx_service.h"
+
+namespace {
+
+namespace Contract = Vx::Tessel::Server::Services;
+
+// Frees the module. Declared before the service, so that the service goes first.
+struct ModuleFreer {
+  void operator()(HMODULE module) const noexcept {
+    FreeLibrary(module);  // the module stays until its last thread has ended
+    std::printf("freed\n");
+  }
+};
+using Module = std::unique_ptr<std::remove_pointer_t<HMODULE>, ModuleFreer>;
+
+struct ServiceDestroyer {
+  void operator()(Contract::VxService* service) const noexcept {
+    service->Destroy(1);  // bit 0: frees the object too
+    std::printf("destroyed\n");
+  }
+};
+using Service = std::unique_ptr<Contract::VxService, ServiceDestroyer>;
+
+// A client of the service. Any thread may have one.
+class Client {
+ public:
+  // Borrows `service`. `id` has at most 64 characters: a longer one ends the process.
+  Client(Contract::VxService& owner, const wchar_t* id) : service(owner) {
+    if (service.CreateClientContext(id, &context) != 0) throw std::bad_alloc();
+  }
+  Client(const Client&) = delete;
+  Client& operator=(const Client&) = delete;
+  ~Client() { service.ReleaseClientContext(&context); }
+
+  // Runs a command, prints its result and returns the result code.
+  std::uint32_t Execute(std::uint32_t id, const wchar_t* request) {
+    wchar_t* response = nullptr;  // slot 3 leaves it alone when it refuses its arguments
+    const std::uint32_t result = service.ExecuteCommand(context, id, request, &response, nullptr);
+    std::printf("command %u: result 0x%08x, response %ls\n", id, result,
+                response != nullptr ? response : L"(none)");
+    service.FreeResponse(response);
+    return result;
+  }
+
+ private:
+  Contract::VxService& service;
+  Contract::ClientContext* context = nullptr;
+};
+
+int Run(const wchar_t* path) {
+  // Its full path, and what it imports from Windows' own folder alone: a library that lies in
+  // another place never gets into the process.
+  const Module module(LoadLibraryExW(path, nullptr, LOAD_LIBRARY_SEARCH_SYSTEM32));
+  if (module == nullptr) {
+    throw std::runtime_error("the module cannot be loaded: error " +
+                             std::to_string(GetLastError()));
+  }
+  const auto create = reinterpret_cast<Contract::CreateServiceFunction>(
+      reinterpret_cast<void*>(GetProcAddress(module.get(), Contract::kCreateServiceExport)));
+  if (create == nullptr) throw std::runtime_error("this is not the module");
+  const Service service(create());
+  if (service == nullptr) throw std::bad_alloc();
+  service->Start();  // returns at once: commands may come now
+  std::printf("started\n");
+  const std::uint32_t result = Client(*service, L"sample").Execute(22, L"{}");
+  service->power_event_task(PBT_APMRESUMEAUTOMATIC);
+  std::printf("forwarded power code %u\n", static_cast<unsigned>(PBT_APMRESUMEAUTOMATIC));
+  return result != 0 ? 1 : 0;
+}
+
+}  // namespace
+
+int wmain(int count, wchar_t** arguments) {
+  if (count != 2) {
+    std::printf("usage: minimal_host FULL-PATH-OF-THE-MODULE\n");
+    return 2;
+  }
+  try {
+    return Run(arguments[1]);
+  } catch (const std::exception& error) {
+    std::printf("%s\n", error.what());
+    return 1;
+  }
+}

@@ -1,0 +1,35 @@
+#!/bin/sh
+# minimal_host_test.sh SAMPLE MODULE VERSION EMULATOR PREFIX: the sample drives the module from its
+# loading to its end, with a store of its own, and says so; without a module it fails and says why.
+set -u
+sample=$1 module=$2 version=$3 emulator=$4 prefix=$5
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+failures=0
+windows() { printf 'Z:%s' "$(printf %s "$1" | tr / '\\')"; }
+ProgramData=$(windows "$work")
+export ProgramData
+
+# expect CODE MODULE: running the sample exits with CODE and prints the standard input.
+expect() {
+  "$emulator" "$prefix" "$sample" "$2" >"$work/raw"
+  code=$?
+  tr -d '\r' <"$work/raw" >"$work/output"
+  if [ $code != "$1" ] || ! diff - "$work/output"; then
+    echo "failed: with $2 the sample exits with $code"
+    failures=1
+  fi
+}
+
+expect 0 "$(windows "$module")" <<END
+started
+command 22: result 0x00000000, response {"result":{"getVersion":"$version"}}
+forwarded power code 18
+destroyed
+freed
+END
+expect 1 'Z:\no such folder\OrvaneService.dll' <<END
+the module cannot be loaded: error 126
+END
+[ $failures = 0 ] && echo passed
+exit $failures
