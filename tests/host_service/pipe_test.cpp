@@ -3,7 +3,10 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <filesystem>
+#include <fstream>
 #include <functional>
+#include <iterator>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -30,6 +33,12 @@ namespace {
 using namespace std::chrono_literals;
 using ::testing::HasSubstr;
 using ::testing::StartsWith;
+
+std::filesystem::path TestFolder() {
+  wchar_t program[MAX_PATH];
+  GetModuleFileNameW(nullptr, program, MAX_PATH);
+  return std::filesystem::path(program).parent_path();
+}
 
 // A server that returns each request, numbered by its id, and holds id 1 back until it is released.
 class PipeTest : public ::testing::Test {
@@ -142,6 +151,36 @@ TEST_F(PipeTest, AHostileClientCostsTheOthersNothing) {
   for (int i = 0; i < 5; ++i) {
     crowd.push_back(std::make_unique<PipeClient>(path, GetCurrentProcessId(), 5s));
     EXPECT_EQ(crowd.back()->Execute({7, L"room"}).response, L"room");
+  }
+}
+
+// The clients run where this test cannot: what they send and how they open the pipe is replayed.
+TEST_F(PipeTest, TakesTheMessagesOfTheSampleClients) {
+  constexpr DWORD kAccess = 0x12018B;
+  const std::wstring request =
+      LR"({"powerEventType":7,"eventAction":1,"commandParams":{"path":"C:\\Program Files)"
+      LR"(\\VxSample\\tool.exe","arguments":"it's )"
+      L"\xE9\"}}";
+  Serve();
+  for (const char* client : {"python", "powershell"}) {
+    std::ifstream file(TestFolder() / "pipe_samples" / (std::string(client) + ".message"),
+                       std::ios::binary);
+    const std::string message{std::istreambuf_iterator<char>(file), {}};
+    ASSERT_TRUE(Eventually([&] { return WaitNamedPipeW(path.c_str(), 100) != FALSE; }));
+    const auto pipe =
+        Platform::AdoptFile(CreateFileW(path.c_str(), kAccess, 0, nullptr, OPEN_EXISTING,
+                                        SECURITY_SQOS_PRESENT | SECURITY_IDENTIFICATION, nullptr));
+    ASSERT_NE(pipe, nullptr) << client;
+    DWORD mode = PIPE_READMODE_MESSAGE;
+    EXPECT_TRUE(SetNamedPipeHandleState(pipe.get(), &mode, nullptr, nullptr));
+    EXPECT_TRUE(Send(pipe, message));
+    char answer[1024];
+    DWORD size = 0;
+    ASSERT_TRUE(ReadFile(pipe.get(), answer, sizeof answer, &size, nullptr)) << client;
+    const auto result = ParseResult({answer, size});
+    ASSERT_TRUE(result) << client;
+    EXPECT_EQ(result->code, 9U) << client;
+    EXPECT_EQ(result->response, request) << client;
   }
 }
 

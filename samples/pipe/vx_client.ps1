@@ -1,0 +1,78 @@
+<#
+Runs one command in the service through its pipe and writes the result object (code, response).
+
+    .\vx_client.ps1 -Id 22 -Request '{}'
+    .\vx_client.ps1 -Id 22 -Request '{}' -Show      writes the message instead
+
+For Windows PowerShell 5.1 and PowerShell 7, which escape different characters of the request. The account
+must be an administrator or one that was allowed at the installation.
+#>
+[CmdletBinding()]
+param(
+  [Parameter(Mandatory)] [uint32] $Id,
+  [Parameter(Mandatory)] [AllowEmptyString()] [string] $Request,
+  [ValidatePattern('^[A-Za-z0-9_.-]+$')] [string] $Service = 'OrvaneService',
+  [switch] $Show
+)
+$ErrorActionPreference = 'Stop'
+$longestCommand = 1MB
+$longestResult = 64MB
+
+Add-Type -Namespace VxSample -Name Native -MemberDefinition @'
+[DllImport("kernel32.dll", CharSet = CharSet.Unicode, SetLastError = true)]
+public static extern Microsoft.Win32.SafeHandles.SafePipeHandle CreateFileW(string path, uint access,
+    uint share, IntPtr security, uint disposition, uint flags, IntPtr template);
+[DllImport("kernel32.dll", SetLastError = true)]
+public static extern bool GetNamedPipeServerProcessId(
+    Microsoft.Win32.SafeHandles.SafePipeHandle pipe, out uint process);
+[DllImport("kernel32.dll", CharSet = CharSet.Unicode, SetLastError = true)]
+public static extern bool WaitNamedPipeW(string path, uint milliseconds);
+'@
+
+# The encoding throws at an unpaired surrogate, which it would replace otherwise.
+$utf8 = New-Object System.Text.UTF8Encoding $false, $true
+$message = $utf8.GetBytes((ConvertTo-Json -Compress ([ordered]@{ id = $Id; request = $Request })))
+if ($Show) { return $utf8.GetString($message) }
+if ($message.Length -gt $longestCommand) { throw 'the request is too long' }
+
+# No GENERIC_WRITE, which would ask to create instances. Identification: a false server may learn who
+# this is, but not act as this account.
+$access = 0x12018B
+$openExisting = 3
+$flags = 0x00100000 -bor 0x00010000  # SECURITY_SQOS_PRESENT, SECURITY_IDENTIFICATION
+$pipeBusy = 231
+$patience = 10000  # milliseconds, for a free instance of the pipe
+$path = "\\.\pipe\VxHost-$Service"
+while ($true) {
+  $handle = [VxSample.Native]::CreateFileW($path, $access, 0, [IntPtr]::Zero, $openExisting, $flags,
+    [IntPtr]::Zero)
+  $failure = [Runtime.InteropServices.Marshal]::GetLastWin32Error()
+  if (-not $handle.IsInvalid) { break }
+  if ($failure -ne $pipeBusy -or -not [VxSample.Native]::WaitNamedPipeW($path, $patience)) {
+    throw (New-Object System.ComponentModel.Win32Exception $failure)
+  }
+}
+$pipe = New-Object System.IO.Pipes.NamedPipeClientStream ([IO.Pipes.PipeDirection]::InOut), $false, $true, $handle
+try {
+  [uint32] $server = 0
+  if (-not [VxSample.Native]::GetNamedPipeServerProcessId($handle, [ref] $server)) {
+    throw 'the process of the pipe is unknown; nothing was sent'
+  }
+  $running = (Get-CimInstance Win32_Service -Filter "Name='$Service'").ProcessId
+  if ($server -eq 0 -or $server -ne $running) {
+    throw "process $server has the pipe and is not the service; nothing was sent"
+  }
+  $pipe.ReadMode = [IO.Pipes.PipeTransmissionMode]::Message
+  $pipe.Write($message, 0, $message.Length)  # one message
+  $result = New-Object System.IO.MemoryStream
+  $part = New-Object byte[] 65536
+  do {
+    $count = $pipe.Read($part, 0, $part.Length)
+    if ($count -eq 0) { throw 'the service ended the connection' }
+    $result.Write($part, 0, $count)
+    if ($result.Length -gt $longestResult) { throw 'the result is too long' }
+  } until ($pipe.IsMessageComplete)
+  ConvertFrom-Json ($utf8.GetString($result.ToArray()))
+} finally {
+  $pipe.Dispose()
+}
