@@ -68,7 +68,7 @@ std::string Names(const std::vector<std::wstring>& accounts) {
   return names;
 }
 
-// Empty if nobody else may use `rights` on `path`.
+// Empty if no other account may use `rights` on `path`.
 std::string WhyOpen(const std::wstring& path, std::uint32_t rights, Writers accepted) {
   const auto access = CurrentMachine().files->FolderAccess(path);
   if (!access) {
@@ -167,7 +167,7 @@ std::vector<std::string> DataFolders::Prepare(Existing existing) const {
       throw std::runtime_error(Utf8(path) + " cannot be made (error " + std::to_string(error) +
                                "); run as administrator");
     }
-    // Whoever made the link chooses where it leads from now on.
+    // The maker of the link chooses where it leads from now on.
     if (IsLink(path)) throw std::runtime_error(Utf8(path) + " is a link; find out who made it");
     const std::string why = WhyOpen(path, kWriting, accepted);
     if (why.empty()) continue;

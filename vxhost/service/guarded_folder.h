@@ -10,7 +10,7 @@ namespace Vx::Host {
 
 // Whose right to write is accepted besides SYSTEM's, the administrators' and Windows' installer's.
 enum class Writers {
-  System,   // nobody's
+  System,   // no other
   Account,  // that of the account of this process, for a machine on which the service is developed
 };
 

@@ -42,7 +42,7 @@ class StatusSink {
  public:
   virtual ~StatusSink() = default;
 
-  // Any thread, one call at a time. The process may end after it was told SERVICE_STOPPED.
+  // Any thread, one call at a time. The process may end after SERVICE_STOPPED was reported.
   virtual void Report(const ServiceState& state) noexcept = 0;
 };
 
