@@ -11,7 +11,7 @@ foreach(source IN LISTS sources)
   list(APPEND tests ${found})
 endforeach()
 
-set(folders "src|host|standins|simulator|vxhost|samples|tests|bench|fuzz|scripts|cmake|docs")
+set(folders "src|host|standins|simulator|vxhost|samples|packaging|tests|bench|fuzz|scripts|cmake|docs")
 file(GLOB pages RELATIVE ${ROOT} ${ROOT}/*.md ${ROOT}/docs/*.md)
 set(missing "")
 set(count 0)

@@ -1,0 +1,102 @@
+#!/bin/bash
+# make_msi.sh FOLDER VERSION MSI: makes the Windows Installer package from the staged delivery FOLDER:
+# 64-bit, per machine; an upgrade removes the older version first. The store, the logs and the
+# subscriptions lie below ProgramData, which no component names, so they survive everything.
+#
+# Features: Main (module, tool), Manuals, and Service, which is left out unless it is asked for. Public
+# properties: INSTALLFOLDER, and SERVICEOPTIONS, the further arguments of "vxhost service install". The
+# package code and the times in it differ from build to build, everything else is the same.
+set -euo pipefail
+folder=$(realpath "$1") version=$2 msi=$(realpath -m "$3")
+
+# uuid NAME: the same for the same name, so that two builds are alike and a file keeps its component.
+uuid() {
+  printf 'orvane-service-%s' "$1" | sha1sum | tr a-f A-F |
+    sed -E 's/^(.{8})(.{4}).(.{3}).(.{3})(.{12}).*/\1-\2-5\3-A\4-\5/'
+}
+
+# Windows Installer compares three parts, and each version needs a product code of its own.
+short=${version%.*}
+product=$(uuid "$version")
+source=$(mktemp --suffix=.wxs "$folder-XXXXXX")  # the tool looks for files from where it lies
+trap 'rm -f "$source"' EXIT
+number=0
+
+# component FILE [ID]: one component of one file.
+component() {
+  local id
+  number=$((number + 1))
+  id=${2:-File$number}
+  components+=("C$id")
+  printf '<Component Id="C%s" Guid="%s" Win64="yes"><File Id="%s" Source="%s" KeyPath="yes"/></Component>\n' \
+    "$id" "$(uuid "file-$1")" "$id" "$(basename "$folder")/$1"
+}
+
+# components FILE...: one for each.
+components() {
+  local file
+  for file in "$@"; do component "$file"; done
+}
+
+# references FEATURE-ATTRIBUTES: a feature with the components since the last one.
+references() {
+  features+="<Feature $1>"
+  local one
+  for one in "${components[@]}"; do features+="<ComponentRef Id=\"$one\"/>"; done
+  features+="</Feature>"
+  components=()
+}
+
+components=() features=
+{
+  cat <<END
+<?xml version="1.0" encoding="utf-8"?>
+<Wix xmlns="http://schemas.microsoft.com/wix/2006/wi">
+<Product Id="$product" Name="OrvaneService" Language="1033" Version="$short" Manufacturer="Vexmoor"
+    UpgradeCode="8D2B6A51-5C0E-4F0B-9A3C-6F6E1B1F9C27">
+<Package InstallerVersion="200" Compressed="yes" InstallScope="perMachine"
+    Description="OrvaneService $version"/>
+<MajorUpgrade DowngradeErrorMessage="A newer version is installed. Remove it first: its data stay."/>
+<Media Id="1" Cabinet="files.cab" EmbedCab="yes"/>
+<Directory Id="TARGETDIR" Name="SourceDir"><Directory Id="ProgramFiles64Folder"><Directory Id="VxFolder" Name="Vx">
+<Directory Id="INSTALLFOLDER" Name="OrvaneService">
+END
+  component OrvaneService.dll Module
+  component vxhost.exe Tool
+  references 'Id="Main" Title="Module and tool" Level="1" Absent="disallow"'
+  cd "$folder"
+  components *.md
+  for part in docs licences; do
+    echo "<Directory Id=\"${part}Folder\" Name=\"$part\">"
+    components $part/*
+    echo '</Directory>'
+  done
+  references 'Id="Manuals" Title="Manuals and licences" Level="1"'
+  echo '<Directory Id="clientsFolder" Name="clients">'
+  components samples/pipe/vx_client.*
+  echo '</Directory>'
+  references 'Id="Service" Title="Reference service and clients of its pipe" Level="1000"'
+  cat <<END
+</Directory></Directory></Directory></Directory>
+$features
+<CustomAction Id="AddService" FileKey="Tool" Execute="deferred" Impersonate="no" Return="check"
+    ExeCommand="service install [SERVICEOPTIONS]"/>
+<CustomAction Id="StartService" FileKey="Tool" Execute="deferred" Impersonate="no" Return="check"
+    ExeCommand="service start"/>
+<CustomAction Id="StopService" FileKey="Tool" Execute="deferred" Impersonate="no" Return="ignore"
+    ExeCommand="service stop"/>
+<CustomAction Id="DropService" FileKey="Tool" Execute="deferred" Impersonate="no" Return="ignore"
+    ExeCommand="service remove"/>
+<InstallExecuteSequence>
+<RemoveExistingProducts Sequence="1510"/>
+<Custom Action="StopService" Sequence="1610">!Service=3 AND (&amp;Service=2 OR REMOVE="ALL")</Custom>
+<Custom Action="DropService" Sequence="1620">!Service=3 AND (&amp;Service=2 OR REMOVE="ALL")</Custom>
+<Custom Action="AddService" Sequence="4100">&amp;Service=3 AND NOT !Service=3</Custom>
+<Custom Action="StartService" Sequence="4200">&amp;Service=3 AND NOT !Service=3</Custom>
+</InstallExecuteSequence>
+</Product></Wix>
+END
+} >"$source"
+rm -f "$msi"
+wixl -a x64 -o "$msi" "$source"
+[[ -s $msi ]]  # the tool reports some failures in its output alone
