@@ -49,8 +49,9 @@ void LaunchUnlessMarked(const Logging::TraceLogger& logger) {
     return;
   }
   // Marks the launch before making it, so that an app that cannot be started is not tried again.
-  // Without a mark each start of the service would launch the app once more.
-  if (!store->persist(kLaunchedMark, true)) {
+  // Without a mark each start of the service would launch the app once more. A store that could not
+  // be read may hold it, even if it can be written by now.
+  if (!Storage::MayReplace(store->State()) || !store->persist(kLaunchedMark, true)) {
     logger.LogWarning(kNotMarked);
     return;
   }

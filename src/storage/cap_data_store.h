@@ -70,6 +70,9 @@ class CapDataStore {
   // std::runtime_error when the file cannot be read.
   std::int32_t requireInt32(std::string_view key);
 
+  // What the last reading or change found.
+  StoreState State() const noexcept { return lastReading.state; }
+
   // Returns the whole file, to be shown. Empty unless the state is Sound.
   struct Content {
     StoreState state = StoreState::NotOpened;

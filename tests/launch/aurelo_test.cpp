@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 
 #include <chrono>
+#include <cstddef>
 
 #include <windows.h>
 
@@ -39,6 +40,23 @@ TEST_F(AureloScheduleTest, LaunchesOnlyWhatItCouldMark) {
               testing::Contains(testing::HasSubstr(L"Aurelo not launched, ")).Times(2));
   EXPECT_EQ(start(), 1U);
   EXPECT_EQ(start(), 1U);
+}
+
+TEST_F(AureloScheduleTest, IsNotLaunchedAgainWhenItsMarkCannotBeReadForAMoment) {
+  machine.packages.Install({L"7C3B9E40.AureloCenter_r4x2m8kq7tn3b", L"Aurelo_1", {}}, L"ann");
+  Storage::CapDataStore().persist("oobe_complete_aurelo_launched", true);
+  std::size_t call = 0;
+  for (std::size_t calls = 1; call <= calls && !HasFailure(); ++call) {
+    LaunchTimer timer;
+    machine.faults.FailNamed("DataProtection.Unprotect");
+    ScheduleLaunch(*Logging::LogManager::GetLogger(), timer);
+    machine.faults.FailCall(call);
+    machine.clock.Advance(std::chrono::seconds(3601));
+    calls = machine.faults.Calls().size();
+    machine.faults.Clear();
+    EXPECT_EQ(machine.processes.Started().size(), 0U) << call;
+  }
+  EXPECT_GT(call, 5U);
 }
 
 }  // namespace
