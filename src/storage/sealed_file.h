@@ -59,7 +59,8 @@ class SealedFile {
   Reading ReadOnce();
 
   // Replaces the file by this id and document. `before` is the last reading. Logs why it returns
-  // false. The file then has its old content.
+  // false. The file then has its old content, or it is torn and the next reading adopts the sibling
+  // with the new content.
   bool Write(const std::wstring& id, const BsonDocument& document, const Reading& before);
 
   // Deletes the siblings that interrupted writes left beside a file that has a document.
