@@ -43,6 +43,7 @@ struct SendOptions {
 
 std::vector<std::wstring> WideAll(const std::vector<std::string>& texts) {
   std::vector<std::wstring> wide;
+  wide.reserve(texts.size());
   for (const std::string& text : texts) wide.push_back(Wide(text));
   return wide;
 }

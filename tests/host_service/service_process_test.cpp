@@ -104,6 +104,7 @@ class ServiceProcessTest : public ::testing::Test, public StatusSink {
     Platform::Thread main([&one] { one.Run(); });
     EXPECT_EQ(WaitForSingleObject(running.get(), 10'000), WAIT_OBJECT_0);
     std::vector<std::uint32_t> results;
+    results.reserve(controls.size());
     for (const auto& [control, event] : controls) results.push_back(one.Control(control, event));
     one.Control(SERVICE_CONTROL_STOP, 0);
     main.Join();

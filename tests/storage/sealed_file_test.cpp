@@ -289,10 +289,10 @@ TEST_F(SealedFileTest, AScannerDelaysAWriteAndDoesNotMakeItOneInPlace) {
 
 TEST_F(SealedFileTest, OnlyWhatIsProvedDamagedIsReplacedAndACopyIsKept) {
   static const struct {
-    const char* name;
-    Platform::ErrorCode error;
-    const wchar_t* line;
-    bool replaced;
+    const char* name = nullptr;
+    Platform::ErrorCode error = 0;
+    const wchar_t* line = nullptr;
+    bool replaced = false;
     bool protectionWorks = true;  // on other blobs
   } kCases[] = {
       {"invalid blob", 13, L"the file is damaged, error 0xd", true},
