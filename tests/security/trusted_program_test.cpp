@@ -87,7 +87,7 @@ TEST(TrustedProgramTest, IsNoneWithoutTheLibraryThatJudgesSignatures) {
   const Tests::ProtectedFolder folder;
   const std::wstring program = folder.Hold(kPinned);
   const struct {
-    const wchar_t* library;
+    const wchar_t* name;
     DWORD error;
     std::wstring started;
   } cases[] = {
@@ -98,8 +98,8 @@ TEST(TrustedProgramTest, IsNoneWithoutTheLibraryThatJudgesSignatures) {
       {L"lockdown_policy.dll", ERROR_MOD_NOT_FOUND, {}},
   };
   for (const auto& c : cases) {
-    SCOPED_TRACE(testing::PrintToString(std::wstring(c.library)));
-    Platform::DeferredLibrary library(c.library);
+    SCOPED_TRACE(testing::PrintToString(std::wstring(c.name)));
+    Platform::DeferredLibrary library(c.name);
     const auto trust = Platform::MakeTrustProvider(library);
     const Platform::MachineScope scope(
         [&](Platform::Machine& machine) { machine.trustProvider = trust.get(); });
