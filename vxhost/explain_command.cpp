@@ -103,13 +103,9 @@ void Print(const Explanation& one, Console& console) {
 }
 
 Json::WideDocument AsJson(const Explanation& one) {
-  Json::WideDocument row(rapidjson::kObjectType);
+  Json::WideDocument row = RowOf(one);
   auto& pool = row.GetAllocator();
   const auto text = [&pool](const std::wstring& value) { return Json::WideValue(value, pool); };
-  row.AddMember(L"number", static_cast<std::uint64_t>(one.subscription.number), pool);
-  row.AddMember(L"hash", text(one.subscription.hash), pool);
-  row.AddMember(L"kind", text(Wide(one.subscription.kind->name)), pool);
-  row.AddMember(L"event", text(one.event), pool);
   row.AddMember(L"verdict", text(NameOf(one.fate)), pool);
   row.AddMember(L"wait", one.wait, pool);
   row.AddMember(L"action", text(one.action), pool);

@@ -178,4 +178,15 @@ std::vector<Explanation> Explain(const std::vector<StoredSubscription>& subscrip
   return all;
 }
 
+Json::WideDocument RowOf(const Explanation& one) {
+  Json::WideDocument row(rapidjson::kObjectType);
+  auto& pool = row.GetAllocator();
+  const auto text = [&pool](const std::wstring& value) { return Json::WideValue(value, pool); };
+  row.AddMember(L"number", static_cast<std::uint64_t>(one.subscription.number), pool);
+  row.AddMember(L"hash", text(one.subscription.hash), pool);
+  row.AddMember(L"kind", text(Wide(one.subscription.kind->name)), pool);
+  row.AddMember(L"event", text(one.event), pool);
+  return row;
+}
+
 }  // namespace Vx::Host

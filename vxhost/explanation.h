@@ -4,6 +4,7 @@
 #include <string>
 #include <vector>
 
+#include "json/json_text.h"
 #include "vxhost/stored_subscriptions.h"
 
 namespace Vx::Host {
@@ -39,5 +40,8 @@ struct Explanation {
 // checks.
 std::vector<Explanation> Explain(const std::vector<StoredSubscription>& subscriptions,
                                  const Occasion& occasion);
+
+// Returns the beginning of a result in JSON: the members that name the subscription and its event.
+Json::WideDocument RowOf(const Explanation& one);
 
 }  // namespace Vx::Host

@@ -30,7 +30,7 @@ namespace {
 using namespace Tessel::Server::Services::Orvane;
 using Tessel::Server::Storage::StoreState;
 
-// The stored subscriptions; none where there is no store.
+// Returns the stored subscriptions. Without a store there are none.
 std::vector<StoredSubscription> Stored(const HoldLimits& limits) {
   const StoreLook look = LookAtStore(limits);
   if (look.reading.state == StoreState::Missing) return {};
@@ -56,13 +56,9 @@ std::string Row(const Explanation& one) {
 }
 
 Json::WideDocument AsJson(const Explanation& one) {
-  Json::WideDocument row(rapidjson::kObjectType);
+  Json::WideDocument row = RowOf(one);
   auto& pool = row.GetAllocator();
   const auto text = [&pool](const std::wstring& value) { return Json::WideValue(value, pool); };
-  row.AddMember(L"number", static_cast<std::uint64_t>(one.subscription.number), pool);
-  row.AddMember(L"hash", text(one.subscription.hash), pool);
-  row.AddMember(L"kind", text(Wide(one.subscription.kind->name)), pool);
-  row.AddMember(L"event", text(one.event), pool);
   row.AddMember(L"delay", text(one.delay), pool);
   row.AddMember(L"action", text(one.action), pool);
   row.AddMember(L"valid", one.fate == Fate::Runs, pool);
