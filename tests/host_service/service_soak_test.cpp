@@ -41,7 +41,7 @@ std::size_t OpenHandles() {
   return open;
 }
 
-// The same as soon as it is no more than `goal`, or else what it is after five seconds.
+// Returns the number as soon as it is at most `goal`, and otherwise what it is after five seconds.
 std::size_t RestingHandles(std::size_t goal) {
   const ULONGLONG end = GetTickCount64() + 5000;
   std::size_t open = OpenHandles();

@@ -56,7 +56,7 @@ class CodeQueue {
   // Forwards what waits first.
   ~CodeQueue();
 
-  // Any thread. A code that there is no memory for is dropped.
+  // Any thread. Without memory for it, the service drops the code.
   void AddPower(std::uint32_t code, PowerSource source) noexcept;
   void AddSession(std::uint32_t code) noexcept;
 
