@@ -132,6 +132,20 @@ TEST(ParseJson, LeavesNullBehindAFailureAndCanBeUsedAgain) {
   EXPECT_THROW(document[L"a"], Misuse);
 }
 
+// Behind an escape, all units of the text move, those of whole runs too.
+TEST(ParseJson, KeepsWhatStandsBeforeAndBehindAnEscape) {
+  std::wstring rest;
+  for (wchar_t unit = L'A'; rest.size() < 200; unit = unit == L'Z' ? L'A' : unit + 1) rest += unit;
+  for (std::size_t at = 0; at <= rest.size(); ++at) {
+    std::wstring text = rest, escaped = rest;
+    text.insert(at, L"\n");
+    escaped.insert(at, L"\\n");
+    WideDocument document;
+    ASSERT_TRUE(ParseJson(document, L'"' + escaped + L'"'));
+    ASSERT_EQ(document.GetString(), text) << at;
+  }
+}
+
 TEST(InlineDocument, GoesOnOnTheHeapWhenItsOwnMemoryIsFull) {
   std::wstring text = L"[";
   for (int i = 0; i < 5000; ++i) text += L"{\"key\":\"a text that is no short one\"},";
