@@ -145,53 +145,41 @@ struct OwnFile {
   std::unique_ptr<FileHandle> file;
 };
 
-// Opens a file if it is an ordinary one that belongs to the system. `own` stays empty if it is not
-// or no longer exists. Returns the error if Windows does not say.
-ErrorCode OpenOwn(const std::wstring& path, FileUse use, std::optional<OwnFile>& own) {
+// Opens a file if it is an ordinary one that belongs to the system. Returns nothing if it is not or
+// no longer exists, and the error if Windows does not say.
+Result<std::optional<OwnFile>> OpenOwn(const std::wstring& path, FileUse use) {
+  using Own = Result<std::optional<OwnFile>>;
   // A file of another account may be held open: its owner is read first.
   for (const FileUse step : {FileUse::Inspect, use}) {
     Opened opened = Files().Open(path, step);
     if (!opened) {
       // Windows lets the system inspect its own files. It refuses to open a folder like this.
       const bool foreign = step == FileUse::Inspect && opened.Error() == kAccessDenied;
-      return foreign || IsOneOf(opened.Error(), kNotThere) ? 0 : opened.Error();
+      if (foreign || IsOneOf(opened.Error(), kNotThere)) break;
+      return Own::Failure(opened.Error());
     }
     const Result<FileFacts> facts = (*opened)->Facts();
-    if (!facts) return facts.Error();
+    if (!facts) return Own::Failure(facts.Error());
     const Result<bool> ours = (*opened)->BelongsToSystem();
-    if (!ours) return ours.Error();
-    if (!IsPlain(*facts) || !*ours) return 0;
-    if (step == use) own = OwnFile{path, *facts, *std::move(opened)};
+    if (!ours) return Own::Failure(ours.Error());
+    if (!IsPlain(*facts) || !*ours) break;
+    if (step == use) return Own(OwnFile{path, *facts, *std::move(opened)});
   }
-  return 0;
+  return Own(std::nullopt);
 }
 
-struct OwnFiles {
-  std::vector<OwnFile> files;
-  ErrorCode error = 0;  // of the listing, or of a file that may be one of them
-};
-
-// Opens the own files beside `path` whose names have this mark.
-template <typename HasMark>
-OwnFiles OpenOwnFiles(const std::wstring& path, FileUse use, const HasMark& hasMark) {
-  OwnFiles found;
-  const Result<std::vector<std::wstring>> names = Files().Siblings(path);
-  if (!names) {
-    found.error = names.Error();
-    return found;
+Result<std::vector<std::wstring>> SiblingsOf(const std::wstring& path) {
+  Result<std::vector<std::wstring>> names = Files().Siblings(path);
+  if (names) {
+    std::erase_if(*names, [](const std::wstring& name) { return !name.ends_with(kSiblingEnding); });
   }
-  for (const std::wstring& name : *names) {
-    if (!hasMark(name)) continue;
-    std::optional<OwnFile> own;
-    if (const ErrorCode error = OpenOwn(name, use, own); error != 0) found.error = error;
-    if (own) found.files.push_back(*std::move(own));
-  }
-  return found;
+  return names;
 }
 
-OwnFiles OpenSiblings(const std::wstring& path, FileUse use) {
-  return OpenOwnFiles(path, use,
-                      [](const std::wstring& name) { return name.ends_with(kSiblingEnding); });
+// Deletes a file if it is an own one that no process holds.
+void RemoveOwn(const std::wstring& path) {
+  const Result<std::optional<OwnFile>> own = OpenOwn(path, FileUse::Remove);
+  if (own && *own) (*own)->file->Remove();
 }
 
 // Returns the number at the end of a copy's name, which orders the copies also if the clock is set
@@ -202,15 +190,29 @@ unsigned long NumberOf(const std::wstring& copy) {
   return end.starts_with(L"damaged-") ? 0 : std::wcstoul(end.c_str(), nullptr, 10);
 }
 
-// Opens the copies of damaged files, the oldest first.
-std::vector<OwnFile> OpenCopies(const std::wstring& path) {
-  const std::wstring front = path + kDamagedMark;
-  std::vector<OwnFile> copies = OpenOwnFiles(path, FileUse::Remove, [&](const std::wstring& name) {
-                                  return name.starts_with(front);
-                                }).files;
+// Returns the copies of damaged files, the oldest first, also those that another process holds.
+std::vector<std::wstring> CopiesOf(const std::wstring& path) {
+  const Result<std::vector<std::wstring>> names = Files().Siblings(path);
+  if (!names) return {};
+  std::vector<std::wstring> copies = *names;
+  std::erase_if(copies, [&](const std::wstring& name) {
+    if (!name.starts_with(path + kDamagedMark)) return true;
+    const Result<std::optional<OwnFile>> own = OpenOwn(name, FileUse::Inspect);
+    return !own || !*own;
+  });
   std::ranges::sort(copies, {},
-                    [](const OwnFile& copy) { return std::pair(NumberOf(copy.path), copy.path); });
+                    [](const std::wstring& copy) { return std::pair(NumberOf(copy), copy); });
   return copies;
+}
+
+bool Holds(const FileHandle& file, std::span<const std::byte> content) {
+  const Result<Bytes> found = file.Content(kMaxFileSize);
+  return found && std::ranges::equal(*found, content);
+}
+
+bool IsCopyOf(const std::wstring& copy, std::span<const std::byte> content) {
+  const Result<std::optional<OwnFile>> own = OpenOwn(copy, FileUse::Read);
+  return own && *own && Holds(*(*own)->file, content);
 }
 
 // Writes over an open file whose content is `old`, and puts that back if it fails.
@@ -241,11 +243,6 @@ class InPlaceWrite {
 // Whether Windows refuses to rename over a file that another process has open.
 bool IsHeldByAnother(ErrorCode error) {
   return error == kAccessDenied || error == kSharingViolation;
-}
-
-bool Holds(const FileHandle& file, std::span<const std::byte> content) {
-  const Result<Bytes> found = file.Content(kMaxFileSize);
-  return found && std::ranges::equal(*found, content);
 }
 
 Bytes Joined(const std::wstring& id, const Bytes& blob) {
@@ -389,26 +386,30 @@ SealedFile::Reading SealedFile::Adopt(Reading reading) {
   const auto notOpened = [](ErrorCode error) {
     return Reading{.state = StoreState::NotOpened, .error = error};
   };
-  const OwnFiles siblings = OpenSiblings(path, FileUse::Read);
-  // An interrupted write may have left what cannot be read for the moment.
-  if (siblings.error != 0) return notOpened(siblings.error);
-  const OwnFile* newest = nullptr;
+  const Result<std::vector<std::wstring>> names = SiblingsOf(path);
+  if (!names) return notOpened(names.Error());
+  std::optional<FileFacts> newest;
+  std::wstring newestPath;
   Bytes content;
-  for (const OwnFile& sibling : siblings.files) {
-    if (newest != nullptr && newest->facts.written > sibling.facts.written) continue;
-    Result<Bytes> found = sibling.file->Content(kMaxFileSize);
+  for (const std::wstring& name : *names) {
+    const Result<std::optional<OwnFile>> own = OpenOwn(name, FileUse::Read);
+    // An interrupted write may have left what cannot be read for the moment.
+    if (!own) return notOpened(own.Error());
+    if (!*own || (newest && newest->written > (*own)->facts.written)) continue;
+    Result<Bytes> found = (*own)->file->Content(kMaxFileSize);
     if (!found) return notOpened(found.Error());
     Reading unsealed = Unseal(*found);
     if (unsealed.state == StoreState::NotOpened) return unsealed;
     if (!unsealed.document) continue;
-    newest = &sibling;
+    newest = (*own)->facts;
+    newestPath = name;
     content = *std::move(found);
   }
-  if (newest == nullptr) return reading;
+  if (!newest) return reading;
   if (IsDamaged(reading.state) && !KeepCopy(reading.content)) return notOpened(reading.error);
-  const ErrorCode error = PutInPlace(newest->path, content);
+  const ErrorCode error = PutInPlace(newestPath, content);
   if (error != 0) return notOpened(error);
-  Log().LogWarning(kAdopted, newest->path.c_str());
+  Log().LogWarning(kAdopted, newestPath.c_str());
   return ReadOnce();
 }
 
@@ -416,16 +417,17 @@ SealedFile::Reading SealedFile::Adopt(Reading reading) {
 // keeps the sibling open until its process ends, so that it cannot be renamed. Its content is then
 // written over the file.
 ErrorCode SealedFile::PutInPlace(const std::wstring& sibling, std::span<const std::byte> content) {
-  std::optional<OwnFile> own;
-  ErrorCode error = OpenOwn(sibling, FileUse::Replace, own);
-  const bool movable = own && Holds(*own->file, content);
+  const Result<std::optional<OwnFile>> own = OpenOwn(sibling, FileUse::Replace);
+  ErrorCode error = own ? 0 : own.Error();
+  FileHandle* const file = own && *own ? (*own)->file.get() : nullptr;
+  const bool movable = file != nullptr && Holds(*file, content);
   if (movable) {
-    error = PatientRename([&] { return own->file->MoveOver(path); });
-    if (error == 0) return own->file->Flush();
+    error = PatientRename([&] { return file->MoveOver(path); });
+    if (error == 0) return file->Flush();
   }
   if (error != 0 && !IsHeldByAnother(error)) return error;
   error = WriteInPlace(content).error;
-  if (error == 0 && movable) own->file->Remove();
+  if (error == 0 && movable) file->Remove();
   return error;
 }
 
@@ -443,9 +445,9 @@ SealedFile::InPlaceResult SealedFile::WriteInPlace(std::span<const std::byte> co
 }
 
 void SealedFile::RemoveSiblings() {
-  for (const OwnFile& sibling : OpenSiblings(path, FileUse::Remove).files) {
-    sibling.file->Remove();
-  }
+  const Result<std::vector<std::wstring>> names = SiblingsOf(path);
+  if (!names) return;
+  for (const std::wstring& name : *names) RemoveOwn(name);
 }
 
 bool SealedFile::Write(const std::wstring& id, const BsonDocument& document,
@@ -471,19 +473,19 @@ ErrorCode SealedFile::SealAndReplace(const std::wstring& id, const BsonDocument&
 }
 
 bool SealedFile::KeepCopy(std::span<const std::byte> content) const {
-  std::vector<OwnFile> copies = OpenCopies(path);
+  std::vector<std::wstring> copies = CopiesOf(path);
   // The last write may have failed after its copy was made.
-  if (!copies.empty()) {
-    const Result<Bytes> last = copies.back().file->Content(kMaxFileSize);
-    if (last && std::ranges::equal(*last, content)) return true;
+  std::size_t kept = kMostCopies;
+  if (copies.empty() || !IsCopyOf(copies.back(), content)) {
+    const unsigned long number = copies.empty() ? 1 : NumberOf(copies.back()) + 1;
+    if (const ErrorCode error = MakeCopy(path, number, content); error != 0) {
+      Log().LogWarning(kNotCopied, error);
+      return false;
+    }
+    --kept;  // beside the new one
   }
-  if (const ErrorCode error =
-          MakeCopy(path, copies.empty() ? 1 : NumberOf(copies.back().path) + 1, content);
-      error != 0) {
-    Log().LogWarning(kNotCopied, error);
-    return false;
-  }
-  for (std::size_t i = 0; i + kMostCopies - 1 < copies.size(); ++i) copies[i].file->Remove();
+  // One that is held now goes after a later damage.
+  for (std::size_t i = 0; i + kept < copies.size(); ++i) RemoveOwn(copies[i]);
   return true;
 }
 
@@ -503,9 +505,7 @@ ErrorCode SealedFile::Replace(std::span<const std::byte> content) {
     Log().LogWarning(kTorn, result.error, sibling.c_str());
     return result.error;
   }
-  std::optional<OwnFile> leftover;
-  OpenOwn(sibling, FileUse::Remove, leftover);
-  if (leftover) leftover->file->Remove();
+  RemoveOwn(sibling);
   return result.error;
 }
 

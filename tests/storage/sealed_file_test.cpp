@@ -365,6 +365,31 @@ TEST_F(SealedFileTest, KeepsTheLastThreeDifferentCopiesAndNothingWithoutOne) {
   EXPECT_EQ(Tests::ReadBytes(Path()), Bytes(100, std::byte{9}));
 }
 
+TEST_F(SealedFileTest, CopiesThatAnotherProcessHoldsGoAfterALaterDamage) {
+  const auto damage = [&](int number) {
+    Tests::WriteBytes(Path(), Bytes(100, static_cast<std::byte>(number)));
+    EXPECT_TRUE(Write());
+  };
+  std::vector<Platform::UniqueHandle> holders;
+  for (int i = 1; i <= 7; ++i) {
+    damage(i);
+    if (i != 3) continue;
+    for (const std::wstring& copy : Siblings()) {
+      holders.push_back(Platform::AdoptFile(
+          CreateFileW(copy.c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr)));
+      ASSERT_NE(holders.back(), nullptr);
+    }
+  }
+  EXPECT_EQ(Siblings().size(), 6U) << "those held, and the last three";
+  holders.clear();
+  damage(7);  // as the last copy has it already
+  std::vector<int> left;
+  for (const std::wstring& copy : Siblings()) {
+    left.push_back(std::to_integer<int>(Tests::ReadBytes(copy).front()));
+  }
+  EXPECT_THAT(left, testing::UnorderedElementsAre(5, 6, 7));
+}
+
 TEST_F(SealedFileTest, AFileThatHasASecondNameOrIsTooLargeIsNotReplaced) {
   CapDataStore store;
   const std::wstring second = Path() + L".second";
