@@ -386,17 +386,20 @@ SealedFile::Reading SealedFile::Adopt(Reading reading) {
   const auto notOpened = [](ErrorCode error) {
     return Reading{.state = StoreState::NotOpened, .error = error};
   };
-  const Result<std::vector<std::wstring>> names = SiblingsOf(path);
+  const Result<std::vector<std::wstring>> names = Patiently([this] { return SiblingsOf(path); });
   if (!names) return notOpened(names.Error());
   std::optional<FileFacts> newest;
   std::wstring newestPath;
   Bytes content;
   for (const std::wstring& name : *names) {
-    const Result<std::optional<OwnFile>> own = OpenOwn(name, FileUse::Read);
+    const Result<std::optional<OwnFile>> own =
+        Patiently([&] { return OpenOwn(name, FileUse::Read); });
     // An interrupted write may have left what cannot be read for the moment.
     if (!own) return notOpened(own.Error());
     if (!*own || (newest && newest->written > (*own)->facts.written)) continue;
-    Result<Bytes> found = (*own)->file->Content(kMaxFileSize);
+    Result<Bytes> found = Patiently([&] { return (*own)->file->Content(kMaxFileSize); });
+    // No write leaves one that is so large.
+    if (!found && found.Error() == kFileTooLarge) continue;
     if (!found) return notOpened(found.Error());
     Reading unsealed = Unseal(*found);
     if (unsealed.state == StoreState::NotOpened) return unsealed;
@@ -417,7 +420,8 @@ SealedFile::Reading SealedFile::Adopt(Reading reading) {
 // keeps the sibling open until its process ends, so that it cannot be renamed. Its content is then
 // written over the file.
 ErrorCode SealedFile::PutInPlace(const std::wstring& sibling, std::span<const std::byte> content) {
-  const Result<std::optional<OwnFile>> own = OpenOwn(sibling, FileUse::Replace);
+  const Result<std::optional<OwnFile>> own =
+      Patiently([&] { return OpenOwn(sibling, FileUse::Replace); });
   ErrorCode error = own ? 0 : own.Error();
   FileHandle* const file = own && *own ? (*own)->file.get() : nullptr;
   const bool movable = file != nullptr && Holds(*file, content);

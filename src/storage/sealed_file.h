@@ -51,8 +51,8 @@ class SealedFile {
   };
 
   // Reads the file. If it has no document, first adopts the sibling of an interrupted write, and
-  // logs that. Failures that pass are tried again, up to 250 ms in the life of this object, in
-  // Write too.
+  // logs that. NotOpened also if such a sibling cannot be read. Failures that pass are tried again,
+  // up to 250 ms in the life of this object, in Write too.
   Reading Read();
 
   // The same without completing an interrupted write: changes nothing.

@@ -459,13 +459,19 @@ TEST_F(SealedFileTest, ASiblingIsAdoptedOnlyIfItDecodesAndIsTheSystemsOwn) {
          Tests::WriteBytes(sibling, good);
          disk.foreignOwner = true;
        }},
+      {"too large",
+       [&] {
+         Bytes large = good;
+         large.resize((std::size_t{64} << 20) + 1);
+         Tests::WriteBytes(sibling, large);
+       }},
   };
   for (const auto& c : kCases) {
     SCOPED_TRACE(c.name);
     Tests::WriteBytes(Path(), {});
     c.make();
-    { const CapDataStore store; }
-    EXPECT_TRUE(Tests::ReadBytes(Path()).empty());
+    EXPECT_TRUE(CapDataStore().persist("other", true)) << "and holds nothing up";
+    EXPECT_TRUE(Held() && Held()->Size() == 1);
     disk.foreignOwner = false;
     disk.onFacts = [](Platform::FileFacts&) {};
     for (const std::wstring& left : Siblings()) ::DeleteFileW(left.c_str());
@@ -533,6 +539,33 @@ TEST_F(SealedFileTest, ASiblingThatCannotBeReadNowIsNotGivenUp) {
   EXPECT_TRUE(Write());
   EXPECT_EQ(Value(), kNew);
   EXPECT_EQ(Held()->Size(), 2U);
+}
+
+TEST_F(SealedFileTest, AScannerDelaysTheAdoptionOfASibling) {
+  const Bytes torn(500, std::byte{1});
+  for (const bool passes : {true, false}) {
+    SCOPED_TRACE(passes);
+    Tests::WriteBytes(Path(), torn);
+    Tests::WriteBytes(Sibling(L"a"), FileWith(kNew));
+    Platform::UniqueHandle scanner = Platform::AdoptFile(CreateFileW(
+        Sibling(L"a").c_str(), GENERIC_READ, FILE_SHARE_WRITE, nullptr, OPEN_EXISTING, 0, nullptr));
+    ASSERT_NE(scanner, nullptr);
+    // Opens the store once, and the sibling twice per try.
+    disk.onStep = [&, opens = 0](const std::string& step) mutable {
+      if (step == "Open" && ++opens == 22 && passes) scanner.reset();
+      return 0U;
+    };
+    const auto begin = clock.Elapsed();
+    EXPECT_EQ(CapDataStore().persist("other", true), passes);
+    EXPECT_EQ(clock.Elapsed() - begin, std::chrono::milliseconds(250));
+    if (!passes) {
+      EXPECT_EQ(Tests::ReadBytes(Path()), torn);
+      scanner.reset();
+      const CapDataStore store;
+    }
+    EXPECT_EQ(Value(), kNew);
+    disk.onStep = [](const std::string&) { return 0U; };
+  }
 }
 
 TEST_F(SealedFileTest, AFileThatWasCutShortIsReported) {
