@@ -151,9 +151,9 @@ void PackageCatalogEventManager::register_event(const std::wstring& request,
                                                 const void* /*argument*/, Owner owner,
                                                 const std::shared_ptr<FiringMark>& mark) {
   const std::lock_guard guard(register_event_mux);
-  requests().push_back(
-      {owner, std::make_unique<SubscribeForAppPackageEventRequest>(request, mark)});
-  requests().back().request->RegisterPackageEvent(completed);
+  LiveRequest live{owner, std::make_unique<SubscribeForAppPackageEventRequest>(request, mark)};
+  live.request->RegisterPackageEvent(completed);
+  requests().push_back(std::move(live));
 }
 
 void PackageCatalogEventManager::execute_command(const std::wstring& request) {

@@ -4,8 +4,10 @@
 #include <atomic>
 #include <chrono>
 #include <functional>
+#include <memory>
 #include <mutex>
 #include <string>
+#include <system_error>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -166,6 +168,14 @@ TEST_F(PackageEventTest, WatchesAStoredRequestAcrossLogOffsUntilItsCommandHasRun
     EXPECT_EQ(Stored(), L"[]");
   }
   EXPECT_THAT(Sent(), SizeIs(2));
+}
+
+TEST_F(PackageEventTest, LeavesNothingBehindWhenNoThreadCanBeStarted) {
+  const auto held = std::make_shared<int>();
+  machine.faults.FailNamed("Threads.Start");
+  EXPECT_THROW(Manager::register_event(PackageRequest(L"5"), [held](const std::wstring&) {}),
+               std::system_error);
+  EXPECT_EQ(held.use_count(), 1);
 }
 
 // Registers, notifies, logs off and destroys at the same time, on real threads.
