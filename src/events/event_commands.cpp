@@ -1,10 +1,12 @@
 #include "events/event_commands.h"
 
+#include <chrono>
 #include <utility>
 
 #include "host/logging.h"
 #include "launch/session_launch.h"
 #include "platform/app_services.h"
+#include "platform/clock.h"
 #include "platform/machine.h"
 #include "platform/sessions.h"
 #include "platform/windows_runtime_error.h"
@@ -46,8 +48,8 @@ LaunchCommand::LaunchCommand(const Json::JsonObject& parameters)
   }
 }
 
-void LaunchCommand::CheckAhead() {
-  checked.emplace(Security::TrustedProgram::Check(path));
+bool LaunchCommand::CheckAhead() {
+  return checked.emplace(Security::TrustedProgram::Check(path)) != nullptr;
 }
 
 void LaunchCommand::Execute() {
@@ -87,6 +89,22 @@ EventCommandPtr CreateEventCommand(EventAction action, const Json::JsonObject& p
       return Make<AppServiceNotificationCommand>(parameters);
   }
   throw Platform::WindowsRuntimeError(kUnknownAction, kNoSuchAction);
+}
+
+std::unique_lock<std::mutex> TakeTurn(EventCommand& command, std::mutex& turn) {
+  constexpr std::chrono::milliseconds kPause{10};
+  constexpr int kTries = 100;
+  auto* const launch = dynamic_cast<LaunchCommand*>(&command);
+  // What is not trusted is not locked either.
+  if (launch == nullptr || !launch->CheckAhead()) return std::unique_lock(turn);
+  std::unique_lock taken(turn, std::try_to_lock);
+  for (int i = 0; i < kTries && !taken; ++i) {
+    Platform::CurrentMachine().clock->Sleep(kPause);
+    static_cast<void>(taken.try_lock());
+  }
+  if (taken) return taken;
+  launch->ForgetCheck();
+  return std::unique_lock(turn);
 }
 
 }  // namespace Vx::Tessel::Server::Services::Orvane

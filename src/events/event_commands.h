@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 
@@ -65,8 +66,11 @@ class LaunchCommand final : public PackageEventCommand {
   explicit LaunchCommand(const Json::JsonObject& parameters);
 
   // Locks and checks the program now instead of in Execute, which the deliveries of an event run
-  // one after the other. Blocks for as long as the check.
-  void CheckAhead();
+  // one after the other. Returns whether it is trusted. Blocks for as long as the check.
+  bool CheckAhead();
+
+  // Lets go of what CheckAhead locked, so that Execute checks it anew.
+  void ForgetCheck() { checked.reset(); }
 
   // Keeps the file locked against writing from before the trust check until the program is started.
   void Execute() override;
@@ -111,5 +115,11 @@ class AppServiceNotificationCommand final : public EventCommand {
 // Creates the command of an action from its parameters. Throws Platform::WindowsRuntimeError with
 // kUnknownAction or a code of the JSON layer.
 EventCommandPtr CreateEventCommand(EventAction action, const Json::JsonObject& parameters);
+
+// Takes `turn`, under which the commands of a kind run one after the other. Checks the program of a
+// launch before, so that the other commands do not wait for its check. The program stays locked for
+// a second of the wait at most, because its update would wait too. After that Execute checks it
+// again, in its turn.
+std::unique_lock<std::mutex> TakeTurn(EventCommand& command, std::mutex& turn);
 
 }  // namespace Vx::Tessel::Server::Services::Orvane

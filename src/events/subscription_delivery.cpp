@@ -2,6 +2,7 @@
 
 #include <exception>
 #include <map>
+#include <mutex>
 #include <new>
 #include <optional>
 #include <string>
@@ -192,11 +193,10 @@ void Deliver(const DeliveryKind& kind, const std::wstring& request, std::uint32_
   const std::optional<std::int64_t> elapsed = WaitDelay(kind, request, delay, stop);
   if (!elapsed) return;
   const std::wstring trigger = TriggerOf(*subscription);
-  // Before the lock: however large the file is, the other deliveries do not wait for its check.
-  auto* launch = dynamic_cast<LaunchCommand*>(subscription->Command());
-  if (launch != nullptr && !IsOverdue(delay, *elapsed)) launch->CheckAhead();
 
-  const std::lock_guard guard(*kind.handleEventMutex);
+  const auto guard = IsOverdue(delay, *elapsed)
+                         ? std::unique_lock(*kind.handleEventMutex)
+                         : TakeTurn(*subscription->Command(), *kind.handleEventMutex);
   place.reset();
   if (HasEnded(stop)) {
     Log().LogWarning(kServiceEnded, kind.name, request.c_str());

@@ -134,10 +134,7 @@ bool UninstallWatch::IsDue(const Platform::PackageUninstall& uninstall) const {
 
 void UninstallWatch::RunCommand() {
   const bool ran = mark->RunOnce([this] {
-    // Before the lock: however large the file is, the other notifications do not wait for its
-    // check.
-    if (auto* launch = dynamic_cast<LaunchCommand*>(command.get())) launch->CheckAhead();
-    const std::lock_guard guard(PackageUninstallingPCEvent::uninstall_event_mux);
+    const auto guard = TakeTurn(*command, PackageUninstallingPCEvent::uninstall_event_mux);
     command->Execute();
   });
   // Marked before the handlers are called, so that one that fails does not make the command run

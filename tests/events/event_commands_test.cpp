@@ -3,11 +3,16 @@
 #include <gmock/gmock.h>
 
 #include <algorithm>
+#include <atomic>
+#include <chrono>
 #include <cstddef>
 #include <filesystem>
 #include <functional>
+#include <future>
+#include <mutex>
 #include <optional>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <windows.h>
@@ -16,8 +21,10 @@
 #include "events/power_events.h"
 #include "events/subscription_delivery.h"
 #include "host/logging.h"
+#include "platform/machine.h"
 #include "platform/unique_handle.h"
 #include "platform/windows_runtime_error.h"
+#include "simulator/virtual_clock.h"
 #include "support/directory_link.h"
 #include "support/log_capture.h"
 #include "support/log_trap.h"
@@ -193,6 +200,44 @@ TEST_F(RealLaunchTest, StartsWhatItCheckedAhead) {
   command.Execute();
   EXPECT_THAT(log.Lines(), Not(Contains(HasSubstr(L"Lock("))));
   EXPECT_TRUE(Tests::WaitForProbe(path + L".out"));
+}
+
+// An update of the program that waits for another command of its kind.
+TEST_F(RealLaunchTest, CanBeUpdatedWhileItWaitsForItsTurnAndIsThenCheckedAgain) {
+  const std::wstring path = folder.Hold(L"pinned.exe");
+  Simulator::VirtualClock clock;  // waits take no time on it
+  const Platform::MachineScope scope([&](Platform::Machine& machine) { machine.clock = &clock; });
+  for (const wchar_t* update : {L"pinned.exe", L"unsigned.exe"}) {
+    log.Clear();
+    std::mutex turn;
+    std::promise<void> running;
+    std::atomic<bool> locked{false};
+    const Tests::LogTrap check(L" : succeeded", 1, [&] { locked = true; });
+    std::jthread other([&] {
+      const std::lock_guard guard(turn);
+      running.set_value();
+      const auto updated = [&] {
+        return CopyFileW(Tests::PkiFile(update).c_str(), path.c_str(), FALSE) != 0;
+      };
+      for (int polls = 0; polls < 500; ++polls) {
+        if (locked && updated()) return;
+        Sleep(10);
+      }
+      ADD_FAILURE() << "the program stays locked";
+    });
+    running.get_future().wait();
+    LaunchCommand command = Command(path);
+    {
+      const auto guard = TakeTurn(command, turn);
+      command.Execute();
+    }
+    const bool trusted = update == std::wstring(L"pinned.exe");
+    EXPECT_THAT(log.Lines(), Contains(LockLine(path, L"succeeded")).Times(2));
+    EXPECT_EQ(
+        Tests::WaitForProbe(path + L".out", std::chrono::seconds(trusted ? 20 : 0)).has_value(),
+        trusted);
+    Tests::RemoveFile(path + L".out");
+  }
 }
 
 TEST_F(RealLaunchTest, StartsNothingThatIsNotTrusted) {
