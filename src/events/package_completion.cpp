@@ -1,8 +1,11 @@
 #include "events/package_completion.h"
 
+#include <algorithm>
 #include <chrono>
 #include <exception>
 #include <stdexcept>
+#include <utility>
+#include <vector>
 
 #include "events/subscription_forms.h"
 #include "host/logging.h"
@@ -31,9 +34,29 @@ constexpr int kTries = 9;                       // within nine minutes
 // Guarded by listChange.
 struct Retries {
   bool working = false;
+  bool reported = false;  // that one threw
   int left = 0;
+  std::vector<Platform::SharedHandle> services;  // the events that end them
 };
-constinit Retries retries;
+
+// Never destroyed, because the worker may outlive every service.
+Retries& All() {
+  static auto& retries = *new Retries();
+  return retries;
+}
+
+bool HasEnded(const Platform::SharedHandle& service) {
+  const auto now =
+      Platform::CurrentMachine().clock->Wait(service.get(), std::chrono::milliseconds(0));
+  return now.outcome != Platform::WaitOutcome::TimedOut;
+}
+
+// Returns the event of a service that lives. Null if there is none, or none whose event could be
+// made.
+Platform::SharedHandle LivingService() {
+  std::erase_if(All().services, &HasEnded);
+  return All().services.empty() ? nullptr : All().services.front();
+}
 
 bool Remove(const std::wstring& stored, const MarkPtr& mark) {
   // Another registration has completed it, and the text may be subscribed again by now.
@@ -52,16 +75,28 @@ bool RemoveAll() {
   return gone;
 }
 
-void ReportLeft() {
+bool ReportLeft() {
   for (const auto& [stored, mark] : FiringMarks::OfThoseThatHaveRun()) {
     Logging::LogManager::GetLogger()->LogWarning(kNotCompleted, stored.c_str());
   }
+  return true;
 }
 
-// Returns false when the service ends first, also where its event could not be made.
-bool Pause(const Platform::SharedHandle& stop, std::chrono::milliseconds length) {
-  return Platform::CurrentMachine().clock->Wait(stop.get(), length).outcome ==
-         Platform::WaitOutcome::TimedOut;
+// The boundary of a try. Returns false also when it throws, which is logged once per worker.
+template <typename Try>
+bool Contained(const Try& attempt) noexcept {
+  const auto report = [](const char* what) {
+    if (std::exchange(All().reported, true)) return;
+    Logging::LogManager::GetLogger()->LogError(kRetryFailed, what);
+  };
+  try {
+    return attempt();
+  } catch (const std::exception& error) {
+    report(error.what());
+  } catch (...) {
+    report(kUnknown);
+  }
+  return false;
 }
 
 }  // namespace
@@ -72,34 +107,44 @@ RequestManager PackageCompletion::StoredRequests() {
   return RequestManager(kServiceDocument, kPackageForm.list);
 }
 
-void PackageCompletion::Complete(const std::wstring& stored, const MarkPtr& mark,
-                                 const Platform::SharedHandle& stop) {
+void PackageCompletion::AddService(const Platform::SharedHandle& stop) {
+  LivingService();  // forgets those that ended
+  auto& services = All().services;
+  if (stop != nullptr && std::ranges::find(services, stop) == services.end()) {
+    services.push_back(stop);
+  }
+}
+
+void PackageCompletion::Complete(const std::wstring& stored, const MarkPtr& mark) {
   const std::lock_guard guard(listChange);
-  if (Remove(stored, mark)) return;
+  Retries& retries = All();
+  if (!retries.working) retries.reported = false;
+  if (Contained([&] { return Remove(stored, mark); })) return;
   retries.left = kTries;
   if (retries.working) return;
-  Platform::StartDetached([stop] { Retry(stop); });
+  Platform::StartDetached(&Retry);
   retries.working = true;
 }
 
-void PackageCompletion::Retry(const Platform::SharedHandle& stop) noexcept {
-  try {
-    std::chrono::milliseconds pause = kFirstPause;
-    for (bool more = true; more; pause *= 2) {
-      const bool ended = !Pause(stop, pause);
-      const std::lock_guard guard(listChange);
-      more = !ended && !RemoveAll() && --retries.left > 0;
-      if (more) continue;
-      retries.working = false;
-      if (!ended) ReportLeft();
+void PackageCompletion::Retry() noexcept {
+  std::chrono::milliseconds pause = kFirstPause;
+  std::unique_lock guard(listChange);
+  Retries& retries = All();
+  while (const Platform::SharedHandle service = LivingService()) {
+    guard.unlock();
+    const auto wait = Platform::CurrentMachine().clock->Wait(service.get(), pause);
+    guard.lock();
+    if (wait.outcome != Platform::WaitOutcome::TimedOut) {
+      std::erase(retries.services, service);  // another one takes over
+      continue;
     }
-    return;
-  } catch (const std::exception& error) {
-    Logging::LogManager::GetLogger()->LogError(kRetryFailed, error.what());
-  } catch (...) {
-    Logging::LogManager::GetLogger()->LogError(kRetryFailed, kUnknown);
+    const bool gone = Contained(&RemoveAll);
+    if (gone || --retries.left == 0) {
+      if (!gone) Contained(&ReportLeft);
+      break;
+    }
+    pause *= 2;
   }
-  const std::lock_guard guard(listChange);
   retries.working = false;
 }
 
@@ -114,7 +159,8 @@ bool PackageCompletion::CompleteEqual(const std::wstring& request) {
 
 void PackageCompletion::CompleteAll() {
   const std::lock_guard guard(listChange);
-  if (!RemoveAll()) ReportLeft();
+  const bool goesOn = LivingService() != nullptr && All().working;
+  if (!RemoveAll() && !goesOn) ReportLeft();
 }
 
 }  // namespace Vx::Tessel::Server::Services::Orvane

@@ -19,20 +19,23 @@ class PackageCompletion {
 
   static RequestManager StoredRequests();
 
+  // Notes a service of this process, which lives until `stop` is signalled. The caller holds
+  // listChange.
+  static void AddService(const Platform::SharedHandle& stop);
+
   // Removes a request whose command has run, unless that happened already. If it fails, starts a
-  // worker that tries again after 1, 2, 4 ... 256 seconds, until `stop` is signalled. It does so
-  // for every such request of the process, and there is one worker at most. Takes listChange.
-  // Throws std::system_error when no thread can be started.
-  static void Complete(const std::wstring& stored, const std::shared_ptr<FiringMark>& mark,
-                       const Platform::SharedHandle& stop);
+  // worker that tries again after 1, 2, 4 ... 256 seconds, until no service is left. It does so for
+  // every such request of the process, and there is one worker at most. Takes listChange. Throws
+  // std::system_error when no thread can be started.
+  static void Complete(const std::wstring& stored, const std::shared_ptr<FiringMark>& mark);
 
   // If the command of a stored request that PersistRequest would take for `request` has run,
   // completes that one. Returns whether it did. The caller holds listChange. Throws
   // std::runtime_error if the completion fails.
   static bool CompleteEqual(const std::wstring& request);
 
-  // Tries once more to complete what could not be completed, and logs what still cannot. Called
-  // when a service ends. Takes listChange.
+  // Tries once more to complete what could not be completed. Logs what still cannot, unless the
+  // worker goes on for another service. Called when a service has ended. Takes listChange.
   static void CompleteAll();
 
   // Held while a request, its mark and its registration come or go together, so that what one
@@ -41,7 +44,7 @@ class PackageCompletion {
   static std::mutex listChange;
 
  private:
-  static void Retry(const Platform::SharedHandle& stop) noexcept;
+  static void Retry() noexcept;
 };
 
 }  // namespace Vx::Tessel::Server::Services::Orvane

@@ -80,29 +80,20 @@ void TakeBack(const std::wstring& stored, const MarkPtr& mark) {
   FiringMarks::Forget(stored, mark);
 }
 
-// The service that a registration belongs to.
-struct Service {
-  Owner owner;
-  const Platform::SharedHandle& stop;
-};
-
-void MakeLive(const std::wstring& request, const std::wstring& stored, const Service& service,
+void MakeLive(const std::wstring& request, const std::wstring& stored, Owner owner,
               const MarkPtr& mark) {
   PackageCatalogEventManager::register_event(
-      request,
-      [stored, mark, stop = service.stop](const std::wstring&) {
-        PackageCompletion::Complete(stored, mark, stop);
-      },
-      nullptr, service.owner, mark);
+      request, [stored, mark](const std::wstring&) { PackageCompletion::Complete(stored, mark); },
+      nullptr, owner, mark);
 }
 
 // One replay of the stored requests.
 class Replay {
  public:
-  explicit Replay(const Service& of) : service(of), forgotten(FiringMarks::Forgotten()) {}
+  explicit Replay(Owner of) : owner(of), forgotten(FiringMarks::Forgotten()) {}
 
   void Register(const std::wstring& stored) {
-    if (RegisterOne(stored)) PackageCompletion::Complete(stored, mark, service.stop);
+    if (RegisterOne(stored)) PackageCompletion::Complete(stored, mark);
   }
 
   // For the request whose registration failed last. Does not wait for a notification that runs the
@@ -113,7 +104,7 @@ class Replay {
       Logging::LogManager::GetLogger()->LogInfo(kRunningLate);
       PackageCatalogEventManager::execute_command(stored);
     });
-    if (ran) PackageCompletion::Complete(stored, mark, service.stop);
+    if (ran) PackageCompletion::Complete(stored, mark);
   }
 
  private:
@@ -127,12 +118,12 @@ class Replay {
     if (FiringMarks::Forgotten() != forgotten && !MayBeStored(stored)) {
       FiringMarks::Forget(stored, mark);
     } else {
-      MakeLive(stored, stored, service, mark);
+      MakeLive(stored, stored, owner, mark);
     }
     return false;
   }
 
-  const Service service;
+  const Owner owner;
   const std::uint64_t forgotten;
   MarkPtr mark;
 };
@@ -174,11 +165,12 @@ void PackageCatalogEventManager::clear_events(Owner owner) {
 void RegisterAppPackageEvent(const std::wstring& request, Owner owner,
                              const Platform::SharedHandle& stop) {
   const std::lock_guard guard(PackageCompletion::listChange);
+  PackageCompletion::AddService(stop);
   Persist(request);
   const std::wstring stored = StoredText(request);
   const MarkPtr mark = FiringMarks::Renew(stored);
   try {
-    MakeLive(request, stored, {owner, stop}, mark);
+    MakeLive(request, stored, owner, mark);
   } catch (const Platform::WindowsRuntimeError&) {
     TakeBack(stored, mark);
     throw;
@@ -187,7 +179,11 @@ void RegisterAppPackageEvent(const std::wstring& request, Owner owner,
 
 void RegisterExistingPackageCatalogManagerRequests(Owner owner,
                                                    const Platform::SharedHandle& stop) {
-  Replay replay({owner, stop});
+  {
+    const std::lock_guard guard(PackageCompletion::listChange);
+    PackageCompletion::AddService(stop);
+  }
+  Replay replay(owner);
   PackageCompletion::StoredRequests().RegisterExistingRequests(
       [&](const std::wstring& request) {
         try {

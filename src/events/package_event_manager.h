@@ -52,8 +52,9 @@ class PackageCatalogEventManager {
 // Stores a request, then makes it live. Throws as PersistRequest and register_event do, and
 // std::runtime_error if the same subscription has run but cannot be removed. Removes the request
 // again where its registration throws Platform::WindowsRuntimeError; after another exception it
-// stays stored. No other client can subscribe the same text in between. A completion that fails is
-// tried again until `stop` is signalled (see PackageCompletion), without one at the next replay.
+// stays stored. No other client can subscribe the same text in between. `stop` is signalled when
+// the service ends: while one lives, a completion that fails is tried again (see
+// PackageCompletion).
 void RegisterAppPackageEvent(const std::wstring& request, PackageCatalogEventManager::Owner owner,
                              const Platform::SharedHandle& stop = nullptr);
 

@@ -12,10 +12,12 @@
 #include <thread>
 #include <utility>
 
+#include "events/package_completion.h"
 #include "events/package_event_test.h"
 #include "platform/kernel_objects.h"
 #include "platform/machine.h"
 #include "platform/windows_runtime_error.h"
+#include "storage/store_faults.h"
 #include "support/log_trap.h"
 
 namespace Vx::Tessel::Server::Services::Orvane {
@@ -24,6 +26,7 @@ namespace {
 
 using testing::Contains;
 using testing::HasSubstr;
+using testing::Not;
 using testing::SizeIs;
 using Tests::FakeUninstall;
 using Tests::kFamily;
@@ -121,6 +124,40 @@ TEST_F(OneShotTest, IsCompletedSoonAfterTheStoreFailed) {
     PackageCatalogEventManager::clear_events();
     EXPECT_EQ(machine.clock.Workers(), 0U);
   }
+}
+
+TEST_F(OneShotTest, IsCompletedForTheServiceThatIsLeft) {
+  const Platform::SharedHandle stopOfSecond =
+      Platform::Share(*Platform::CurrentMachine().kernelObjects->MakeManualEvent({}));
+  Subscribe(Request(5));
+  RegisterExistingPackageCatalogManagerRequests(&second, stopOfSecond);
+  machine.clock.Settle();
+  UninstallBeforeTheStoreFails();
+  Platform::CurrentMachine().kernelObjects->Signal(stop.get());
+  PackageCompletion::CompleteAll();
+  machine.clock.Advance(std::chrono::seconds(1));
+  machine.faults.Clear();
+  machine.clock.Advance(std::chrono::seconds(3));
+  EXPECT_EQ(Stored(), L"[]");
+  EXPECT_THAT(log.Lines(), Not(Contains(HasSubstr(L"but its request stays stored"))));
+  Platform::CurrentMachine().kernelObjects->Signal(stopOfSecond.get());
+}
+
+TEST_F(OneShotTest, IsCompletedAlthoughSomeTriesThrow) {
+  Tests::FaultyFiles disk;
+  const Platform::MachineScope faulty([&](Platform::Machine& all) { all.files = &disk; });
+  Subscribe(Request(5));
+  machine.timeline.SetListener(
+      [&](const auto&) { disk.onStep = [](const char*) -> Platform::ErrorCode { throw 1; }; });
+  Uninstall();
+  machine.timeline.SetListener({});
+  machine.clock.Advance(std::chrono::seconds(5));  // the removal, and two more tries
+  disk.onStep = [](const char*) { return 0U; };
+  machine.clock.Advance(std::chrono::seconds(2));
+  EXPECT_EQ(Stored(), L"[]");
+  EXPECT_THAT(log.Lines(),
+              Contains(HasSubstr(L"completing failed: an exception of an unk")).Times(1));
+  PackageCatalogEventManager::clear_events();
 }
 
 // A process that ends takes its marks with it, but leaves what is stored.
@@ -263,7 +300,7 @@ TEST_F(OneShotTest, IsWatchedAlsoWhenTheStoreCannotSayWhetherItIsStored) {
   machine.faults.Clear();
   Notify(kFamily);
   EXPECT_THAT(Sent(), SizeIs(1));
-  EXPECT_THAT(Stored(), testing::Not(HasSubstr(lasting)));
+  EXPECT_THAT(Stored(), Not(HasSubstr(lasting)));
 }
 
 // A replay may read the list between the moments when a request and its mark are stored.
