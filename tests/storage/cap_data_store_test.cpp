@@ -18,12 +18,18 @@
 
 #include <windows.h>
 
+#include <rpc.h>
 #include <wincrypt.h>
 
 #include "storage/store_fixture.h"
 #include "support/directory_link.h"
 #include "support/setting.h"
 #include "support/temp_folder.h"
+
+// Where this program keeps the address of the function that makes ids: the only step of a write
+// that no capability stands for.
+// NOLINTNEXTLINE(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp): the linker's name
+extern "C" RPC_STATUS(RPC_ENTRY* __imp_UuidCreate)(UUID*);
 
 namespace Vx::Tessel::Server::Storage {
 
@@ -362,11 +368,31 @@ TEST_F(CapDataStoreTest, AsksForNoMoreOfAFileThanItsBound) {
   EXPECT_EQ(disk.largestRead, std::size_t{64} * 1024 * 1024);
 }
 
-TEST_F(CapDataStoreTest, AWriteBeyondTheLimitLeavesTheFile) {
+TEST_F(CapDataStoreTest, AValueThatDoesNotFitLeavesTheFileAndALine) {
   CapDataStore store;
   ASSERT_TRUE(store.persist("small", "s"));
   EXPECT_FALSE(store.persist("large", std::string(std::size_t{64} * 1024 * 1024, 'x')));
+  EXPECT_FALSE(store.persist("with\0zero"s, true));
+  EXPECT_EQ(log.Lines(), (std::vector<std::wstring>{
+                             L"warning|CapDataStore - the file was not written, error 0xdf",
+                             L"warning|CapDataStore - the value does not fit into the document"}));
   EXPECT_EQ(Read(store, "small"), BsonElement::Text(L"s"));
+}
+
+TEST_F(CapDataStoreTest, WithoutAnIdTheFileStaysAsItIsUntilWindowsMakesOne) {
+  CapDataStore store;
+  for (const wchar_t* line : {L"warning|CapDataStore - no id could be made for the file, error 0xe",
+                              L"warning|CapDataStore - the file was not written, error 0xe"}) {
+    const Bytes before = Tests::ReadBytes(Path());
+    log.Clear();
+    const auto real =
+        std::exchange(__imp_UuidCreate, [](UUID*) -> RPC_STATUS { return RPC_S_OUT_OF_MEMORY; });
+    EXPECT_FALSE(store.persist("key", true));
+    __imp_UuidCreate = real;
+    EXPECT_EQ(log.Lines(), std::vector<std::wstring>{line});
+    EXPECT_EQ(Tests::ReadBytes(Path()), before);
+    EXPECT_TRUE(store.persist("key", true));
+  }
 }
 
 TEST_F(CapDataStoreTest, AFailedWriteDropsTheKeyFromMemory) {

@@ -362,6 +362,8 @@ TEST_F(SealedFileTest, KeepsTheLastThreeDifferentCopiesAndNothingWithoutOne) {
   Tests::WriteBytes(Path(), Bytes(100, std::byte{9}));
   disk.onStep = [](const std::string& step) { return step == "Create" ? Tests::kFault : 0U; };
   EXPECT_FALSE(Write());
+  EXPECT_THAT(log.Lines(), Contains(HasSubstr(L"the damaged file is not replaced: it cannot be "
+                                              L"copied, error 0x45d")));
   EXPECT_EQ(Tests::ReadBytes(Path()), Bytes(100, std::byte{9}));
 }
 
@@ -430,6 +432,28 @@ TEST_F(SealedFileTest, AStoreWithoutContentGivesWayToTheSiblingOfAnInterruptedWr
       EXPECT_EQ(Siblings().size(), i == 2 ? 1U : 0U) << "the copy of what was damaged";
     }
   }
+}
+
+TEST_F(SealedFileTest, AWriteInPlaceThatCannotBeUndoneNamesTheSiblingThatCompletesIt) {
+  CapDataStore store;
+  const Platform::UniqueHandle holder = Hold(FILE_SHARE_READ | FILE_SHARE_WRITE);
+  ASSERT_NE(holder, nullptr);
+  // The new content fails halfway, and the old one is not written again.
+  disk.onStep = [inPlace = false, writes = 0](const std::string& step) mutable {
+    inPlace |= step == "SetSize";
+    const bool isWrite = inPlace && (step == "Write" || step == "Half");
+    return isWrite && writes++ > 0 ? Tests::kFault : 0U;
+  };
+  EXPECT_FALSE(store.persist("key", BsonElement::Int32(kNew)));
+  disk.onStep = [](const std::string&) { return 0U; };
+  EXPECT_EQ(Held(), std::nullopt);
+  ASSERT_EQ(Siblings().size(), 1U);
+  EXPECT_THAT(log.Lines(),
+              Contains(L"warning|CapDataStore - the file is torn, error 0x45d. The next access "
+                       L"completes it from " +
+                       Siblings().front()));
+  EXPECT_EQ(store.requireInt32("key"), kNew);
+  EXPECT_EQ(Value(), kNew);
 }
 
 TEST_F(SealedFileTest, ASiblingIsAdoptedOnlyIfItDecodesAndIsTheSystemsOwn) {

@@ -60,7 +60,10 @@ TEST(SystemMutex, ReportsANameOfAnotherKindOfObjectOnceAndTriesAgain) {
       const Platform::UniqueHandle event(CreateEventW(nullptr, TRUE, FALSE, name.c_str()));
       for (int use = 0; use < 3; ++use) EXPECT_THROW(SystemMutex{name}, system_mutex_exception);
       ASSERT_THAT(log.Lines(), testing::SizeIs(taken));
-      EXPECT_THAT(log.Lines().back(), testing::HasSubstr(name));
+      EXPECT_EQ(log.Lines().back(), L"warning|SystemMutex - another program has given the name " +
+                                        name +
+                                        L" to an object that is not a mutex. The shared store "
+                                        L"cannot be used until that object is gone.");
     }
     EXPECT_NO_THROW(SystemMutex{name});
   }
@@ -76,7 +79,10 @@ TEST(SystemMutex, ReportsAMutexThatItMayNotOpenOnceUntilItMay) {
     faults.FailNamed("KernelObjects.MakeMutex");
     for (int use = 0; use < 3; ++use) EXPECT_THROW(SystemMutex{name}, system_mutex_exception);
     ASSERT_THAT(log.Lines(), testing::SizeIs(denied));
-    EXPECT_THAT(log.Lines().back(), testing::HasSubstr(name));
+    EXPECT_EQ(log.Lines().back(), L"warning|SystemMutex - Windows denies access to the mutex " +
+                                      name +
+                                      L", which another program has made. The shared store cannot "
+                                      L"be used until that mutex is gone.");
     faults.Clear();
     EXPECT_NO_THROW(SystemMutex{name});
   }
