@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -89,7 +90,7 @@ int RunService(const ModuleOptions& module, const RunOptions& options, Console& 
       [&host](const CommandEnvelope& command, const std::wstring& client) {
         return host.Execute(command, client);
       },
-      [&log](const wchar_t* level, const std::wstring& message) { log.Add(level, message); });
+      [&log](const wchar_t* level, std::wstring_view message) { log.Add(level, message); });
   static_cast<void>(SetConsoleCtrlHandler(&StopOnCtrlC, TRUE));
   std::fprintf(stderr, "%s runs as process %lu; Ctrl+C ends it\n", options.name.c_str(),
                GetCurrentProcessId());

@@ -5,6 +5,7 @@
 #include <random>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 
 #include <gtest/gtest.h>
 
@@ -84,7 +85,7 @@ TEST(HostilePipeTest, AMessageIsACommandOrTheEndOfItsConnection) {
       [](const CommandEnvelope& command, const std::wstring&) {
         return ResultEnvelope{command.id, command.request};
       },
-      [](const wchar_t*, const std::wstring&) {});
+      [](const wchar_t*, std::wstring_view) {});
   PipeClient honest(TestPath(), GetCurrentProcessId(), 10s);
   std::size_t accepted = 0;
   std::size_t refused = 0;

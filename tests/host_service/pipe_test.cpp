@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <filesystem>
 #include <fstream>
@@ -12,7 +13,9 @@
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 #include <system_error>
+#include <utility>
 #include <vector>
 
 #include <gmock/gmock.h>
@@ -23,7 +26,9 @@
 #include <aclapi.h>
 #include <sddl.h>
 
+#include "platform/machine.h"
 #include "platform/thread.h"
+#include "support/memory_shortage.h"
 #include "vxhost/service/pipe_client.h"
 #include "vxhost/service/pipe_io.h"
 
@@ -31,7 +36,6 @@ namespace Vx::Host {
 namespace {
 
 using namespace std::chrono_literals;
-using ::testing::HasSubstr;
 using ::testing::StartsWith;
 
 std::filesystem::path TestFolder() {
@@ -39,6 +43,25 @@ std::filesystem::path TestFolder() {
   GetModuleFileNameW(nullptr, program, MAX_PATH);
   return std::filesystem::path(program).parent_path();
 }
+
+// What is missing when the server starts a thread for its next client.
+enum class Missing { Nothing, Thread, Memory, MemoryAfterwards };
+
+// Threads of the system, which take memory from the thread that starts them.
+class ScarceThreads final : public Platform::Threads {
+ public:
+  Platform::Result<Platform::UniqueHandle> Start(std::function<void()> body) override {
+    const Missing what = missing.exchange(Missing::Nothing);
+    if (what == Missing::Thread) return Platform::Result<Platform::UniqueHandle>::Failure(EAGAIN);
+    if (what == Missing::Memory) shortage.emplace(Tests::Shortage::Lasting, 0);
+    auto started = Platform::WindowsMachine().threads->Start(std::move(body));
+    if (what == Missing::MemoryAfterwards) shortage.emplace(Tests::Shortage::Lasting, 0);
+    return started;
+  }
+
+  std::atomic<Missing> missing{Missing::Nothing};
+  std::optional<Tests::MemoryShortage> shortage;  // ends with the next report
+};
 
 // A server that returns each request, numbered by its id, and holds id 1 back until it is released.
 class PipeTest : public ::testing::Test {
@@ -57,11 +80,18 @@ class PipeTest : public ::testing::Test {
             WaitForSingleObject(release.get(), 10'000);
           }
           if (command.id == 2) return ResultEnvelope{2, std::wstring(1'000'000, L'x')};
+          if (command.id == 3) return ResultEnvelope{3, std::wstring(kLongestResult / 6, L'\1')};
+          if (command.id == 4) {
+            // What the runtime needs per thread for exceptions it allocates, unchecked, at the first.
+            EXPECT_THROW(throw 0, int);
+            threads.shortage.emplace(Tests::Shortage::Lasting, 0);
+          }
           return ResultEnvelope{command.id, command.request};
         },
-        [this](const wchar_t*, const std::wstring& message) {
+        [this](const wchar_t* level, std::wstring_view message) {
           const std::lock_guard guard(lock);
-          reports += message + L"\n";
+          threads.shortage.reset();
+          reports.append(level).append(L" ").append(message).append(L"\n");
         });
   }
 
@@ -90,6 +120,10 @@ class PipeTest : public ::testing::Test {
     return holds();
   }
 
+  bool IsReported(const std::wstring& line) {
+    return Eventually([&] { return Reports().find(line) != std::wstring::npos; });
+  }
+
   std::wstring Reports() {
     const std::lock_guard guard(lock);
     return reports;
@@ -102,6 +136,8 @@ class PipeTest : public ::testing::Test {
   std::mutex lock;
   std::wstring reports;
   std::wstring lastClient;
+  ScarceThreads threads;
+  Platform::MachineScope scope{[this](Platform::Machine& machine) { machine.threads = &threads; }};
   std::unique_ptr<PipeServer> server;
 };
 
@@ -115,7 +151,7 @@ TEST_F(PipeTest, AnswersEachClientWhileTheCommandOfAnotherOneRuns) {
     EXPECT_EQ(first.Execute({id, L"{broken \xD800"}).response, L"{broken \xD800");
     EXPECT_EQ(second.Execute({id, L""}).code, id);
   }
-  EXPECT_EQ(second.Execute({3, std::wstring(200'000, L'\xE9')}).response->size(), 200'000U);
+  EXPECT_EQ(second.Execute({5, std::wstring(200'000, L'\xE9')}).response->size(), 200'000U);
   EXPECT_THAT(lastClient, StartsWith(L"host_service_test.exe "));
   SetEvent(release.get());
   slow.Join();
@@ -144,14 +180,45 @@ TEST_F(PipeTest, AHostileClientCostsTheOthersNothing) {
   const auto silent = RawClient();
   const auto deaf = RawClient();
   EXPECT_TRUE(Send(deaf, WriteCommand({2, L""})));  // its result is larger than the pipe
-  EXPECT_TRUE(Eventually([this] { return Reports().find(L"did not read") != Reports().npos; }));
-  EXPECT_THAT(Reports(), HasSubstr(L"not a command: host_service_test.exe"));
+  EXPECT_TRUE(IsReported(
+      L"WARNING a client was disconnected, it did not read its result: host_service_test.exe"));
+  EXPECT_TRUE(IsReported(
+      L"WARNING a client was disconnected, its message is not a command: host_service_test.exe"));
   // All places are free again, except those of the two clients that stay.
   std::vector<std::unique_ptr<PipeClient>> crowd;
   for (int i = 0; i < 5; ++i) {
     crowd.push_back(std::make_unique<PipeClient>(path, GetCurrentProcessId(), 5s));
     EXPECT_EQ(crowd.back()->Execute({7, L"room"}).response, L"room");
   }
+}
+
+TEST_F(PipeTest, AShortageCostsOneClientAndIsReported) {
+  static constexpr struct {
+    Missing missing;
+    std::uint32_t id;
+    const wchar_t* line;
+  } kCases[] = {
+      {Missing::Thread, 7, L"WARNING a client was turned away for want of a thread"},
+      {Missing::Memory, 7, L"WARNING a client was turned away for want of a thread"},
+      {Missing::Nothing, 3, L"WARNING a client was disconnected, its result is too long: host_ser"},
+      {Missing::Nothing, 4, L"ERROR a connection ended without memory"},
+  };
+  Serve();
+  for (const auto& c : kCases) {
+    SCOPED_TRACE(::testing::PrintToString(std::wstring(c.line)));
+    reports.clear();
+    threads.missing = c.missing;
+    EXPECT_THROW(Client().Execute({c.id, L""}), std::runtime_error);
+    EXPECT_TRUE(IsReported(c.line));
+    EXPECT_EQ(Client().Execute({7, L"still"}).response, L"still");
+  }
+  // The listener itself needs memory for each client.
+  threads.missing = Missing::MemoryAfterwards;
+  PipeClient last = Client();
+  EXPECT_EQ(last.Execute({7, L"last"}).response, L"last");
+  EXPECT_THROW(Client().Execute({7, L""}), std::runtime_error);
+  EXPECT_TRUE(IsReported(L"ERROR the pipe serves no further clients"));
+  EXPECT_EQ(last.Execute({7, L"still"}).response, L"still");
 }
 
 // The clients run where this test cannot: what they send and how they open the pipe is replayed.
@@ -201,10 +268,12 @@ TEST_F(PipeTest, ATakenNameIsOneErrorAndARetry) {
   Serve();
   ASSERT_TRUE(Eventually([this] { return !Reports().empty(); }));
   Sleep(60);  // two retries
-  EXPECT_THAT(Reports(), StartsWith(L"the pipe's name is in use"));
+  EXPECT_THAT(Reports(), StartsWith(L"ERROR the pipe's name is in use by another process, no "
+                                    L"commands until it is free: " +
+                                    path));
   EXPECT_EQ(std::count(reports.begin(), reports.end(), L'\n'), 1);
   squatter.reset();
-  ASSERT_TRUE(Eventually([this] { return Reports().find(L"is open") != Reports().npos; }));
+  ASSERT_TRUE(IsReported(L"INFO the pipe is open: " + path));
   EXPECT_EQ(Client().Execute({9, L"x"}).code, 9U);
 }
 

@@ -15,6 +15,7 @@
 #include <windows.h>
 
 #include "platform/unique_handle.h"
+#include "support/memory_shortage.h"
 #include "support/temp_folder.h"
 #include "vxhost/service/event_log.h"
 #include "vxhost/service/log_folder.h"
@@ -105,6 +106,25 @@ TEST(ServiceLogTest, DropsAndCountsInsteadOfWaitingForATarget) {
     SetEvent(target.open.get());
   }
   EXPECT_THAT(messages, ElementsAre(L"held", L"3 log lines were dropped", L"1", L"2"));
+}
+
+TEST(ServiceLogTest, CountsWhatItHasNoMemoryFor) {
+  std::vector<std::wstring> messages;
+  {
+    auto target = std::make_unique<Gate>(messages);
+    SetEvent(target->open.get());
+    std::vector<std::unique_ptr<LogTarget>> targets;
+    targets.push_back(std::move(target));
+    ServiceLog log(std::move(targets));
+    log.Add(L"INFO", L"first");
+    log.Flush();
+    {
+      const Tests::MemoryShortage shortage(Tests::Shortage::Lasting, 0);
+      log.Add(L"ERROR", L"lost with its text");
+    }
+    log.Add(L"INFO", L"next");
+  }
+  EXPECT_THAT(messages, ElementsAre(L"first", L"1 log lines were dropped", L"next"));
 }
 
 // Records what would reach Windows.

@@ -188,7 +188,7 @@ void PipeServer::Admit(UniqueHandle pipe) {
   connection.pipe = std::move(pipe);
   try {
     connection.thread = Platform::Thread([this, &connection] { Serve(connection); });
-  } catch (const std::system_error&) {
+  } catch (const std::exception&) {  // no thread, or no memory for what it takes over
     connections.pop_back();
     report(L"WARNING", kNoThread);
   }

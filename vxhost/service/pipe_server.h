@@ -7,6 +7,7 @@
 #include <list>
 #include <mutex>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "platform/thread.h"
@@ -37,8 +38,9 @@ class PipeServer {
   // Runs one command as `client` (at most 64 characters). Called on any of the server's threads,
   // several at once. Must not throw.
   using Handler = std::function<ResultEnvelope(const CommandEnvelope&, const std::wstring& client)>;
-  // Receives what an operator should know: `level` is INFO, WARNING or ERROR. Must not throw.
-  using Report = std::function<void(const wchar_t* level, const std::wstring& message)>;
+  // Receives what an operator should know: `level` is INFO, WARNING or ERROR. Must not throw. A
+  // view, because some messages say that there is no memory.
+  using Report = std::function<void(const wchar_t* level, std::wstring_view message)>;
 
   // Serves from now on. Throws std::system_error without a thread or an event, or when `allowed`
   // holds a text that is not a SID.

@@ -74,15 +74,26 @@ void ServiceLog::Add(LogLine line) noexcept {
       return;
     }
     queue.push_back(std::move(entry));
+    changed.notify_all();
   } catch (const std::exception&) {
+    CountLost();
+  }
+}
+
+void ServiceLog::Add(const wchar_t* level, std::wstring_view message) noexcept {
+  try {
+    Add(LogLine{level, kHostProvider, {}, std::wstring(message)});
+  } catch (const std::exception&) {
+    CountLost();
+  }
+}
+
+void ServiceLog::CountLost() noexcept {
+  {
     const std::lock_guard guard(lock);
     ++lost;
   }
   changed.notify_all();
-}
-
-void ServiceLog::Add(const wchar_t* level, std::wstring message) noexcept {
-  Add(LogLine{level, kHostProvider, {}, std::move(message)});
 }
 
 void ServiceLog::Run() noexcept {
@@ -96,16 +107,21 @@ void ServiceLog::Run() noexcept {
     writing = true;
     guard.unlock();
     std::uint64_t failed = 0;
-    if (missing != 0) {
-      const bool told = WriteEverywhere(
-          EntryOf(LogLine{L"WARNING", kHostProvider, {}, std::to_wstring(missing) + kDropped}));
-      if (!told) failed += missing;
-    }
+    if (missing != 0 && !WriteLoss(missing)) failed += missing;
     if (!WriteEverywhere(entry)) ++failed;
     guard.lock();
     lost += failed;
     writing = false;
     changed.notify_all();
+  }
+}
+
+bool ServiceLog::WriteLoss(std::uint64_t count) noexcept {
+  try {
+    return WriteEverywhere(
+        EntryOf(LogLine{L"WARNING", kHostProvider, {}, std::to_wstring(count) + kDropped}));
+  } catch (const std::exception&) {
+    return false;
   }
 }
 

@@ -7,6 +7,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "platform/thread.h"
@@ -50,10 +51,12 @@ class ServiceLog {
   // Any thread, which becomes the thread of the record.
   void Add(LogLine line) noexcept;
   // A record of the service itself: `level` is INFO, WARNING or ERROR.
-  void Add(const wchar_t* level, std::wstring message) noexcept;
+  void Add(const wchar_t* level, std::wstring_view message) noexcept;
 
  private:
   void Run() noexcept;
+  void CountLost() noexcept;
+  bool WriteLoss(std::uint64_t count) noexcept;
   bool WriteEverywhere(const LogEntry& entry) noexcept;
 
   const std::vector<std::unique_ptr<LogTarget>> targets;

@@ -4,6 +4,7 @@
 #include <exception>
 #include <functional>
 #include <stdexcept>
+#include <string_view>
 #include <system_error>
 #include <utility>
 
@@ -217,7 +218,7 @@ void ServiceProcess::Serve() {
       [&host](const CommandEnvelope& command, const std::wstring& client) {
         return host.Execute(command, client);
       },
-      [this](const wchar_t* level, const std::wstring& message) { log.Add(level, message); });
+      [this](const wchar_t* level, std::wstring_view message) { log.Add(level, message); });
   CodeQueue codes(host);
   const PowerNotifications notifications(
       [&codes](std::uint32_t code) { codes.AddPower(code, PowerSource::Notification); });
