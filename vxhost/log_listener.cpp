@@ -1,5 +1,6 @@
 #include "vxhost/log_listener.h"
 
+#include <exception>
 #include <mutex>
 #include <set>
 #include <utility>
@@ -27,8 +28,7 @@ bool MonitorWaits() {
   return buffer != nullptr;
 }
 
-LONG CALLBACK TakeDebugOutput(EXCEPTION_POINTERS* exception) {
-  const EXCEPTION_RECORD& record = *exception->ExceptionRecord;
+LONG TakeText(const EXCEPTION_RECORD& record) {
   const bool wide = record.ExceptionCode == kWideDebugOutput;
   std::wstring text;
   if (wide && record.NumberParameters >= 2) {
@@ -51,6 +51,15 @@ LONG CALLBACK TakeDebugOutput(EXCEPTION_POINTERS* exception) {
   if (!MonitorWaits()) return EXCEPTION_CONTINUE_EXECUTION;
   if (wide) passedOn.insert(GetCurrentThreadId());
   return EXCEPTION_CONTINUE_SEARCH;
+}
+
+// No exception may pass through Windows' search for a handler to the code that logs.
+LONG CALLBACK TakeDebugOutput(EXCEPTION_POINTERS* exception) noexcept {
+  try {
+    return TakeText(*exception->ExceptionRecord);
+  } catch (const std::exception&) {  // no memory for the line
+    return EXCEPTION_CONTINUE_SEARCH;
+  }
 }
 
 // Cuts the first word off `rest`.

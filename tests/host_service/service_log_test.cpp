@@ -127,6 +127,18 @@ TEST(ServiceLogTest, CountsWhatItHasNoMemoryFor) {
   EXPECT_THAT(messages, ElementsAre(L"first", L"1 log lines were dropped", L"next"));
 }
 
+TEST(LogListenerTest, PassesOnALineThatItHasNoMemoryFor) {
+  std::vector<std::wstring> messages;
+  const LogListener listener([&](const LogLine& line) { messages.push_back(line.message); });
+  OutputDebugStringW(L"INFO Vx-Test first");
+  {
+    const Tests::MemoryShortage shortage(Tests::Shortage::Lasting, 0);
+    OutputDebugStringW(L"INFO Vx-Test lost");
+  }
+  OutputDebugStringW(L"INFO Vx-Test next");
+  EXPECT_THAT(messages, ElementsAre(L"first", L"next"));
+}
+
 // Records what would reach Windows.
 class Journal final : public EventJournal {
  public:
