@@ -89,7 +89,8 @@ TEST_F(OneShotTest, RunsOnceHoweverOftenItIsRegistered) {
 }
 
 TEST_F(OneShotTest, IsCompletedSoonAfterTheStoreFailed) {
-  constexpr wchar_t kGivenUp[] = L"but its request stays stored and runs again after a restart";
+  constexpr wchar_t kGivenUp[] =
+      L"the command has run, but its request stays stored and runs again after a restart: ";
   const struct {
     const char* name;
     std::chrono::seconds failing;

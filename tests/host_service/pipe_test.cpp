@@ -36,7 +36,9 @@ namespace Vx::Host {
 namespace {
 
 using namespace std::chrono_literals;
+using ::testing::EndsWith;
 using ::testing::StartsWith;
+using ::testing::ThrowsMessage;
 
 std::filesystem::path TestFolder() {
   wchar_t program[MAX_PATH];
@@ -82,7 +84,7 @@ class PipeTest : public ::testing::Test {
           if (command.id == 2) return ResultEnvelope{2, std::wstring(1'000'000, L'x')};
           if (command.id == 3) return ResultEnvelope{3, std::wstring(kLongestResult / 6, L'\1')};
           if (command.id == 4) {
-            // What the runtime needs per thread for exceptions it allocates, unchecked, at the first.
+            // The runtime allocates what it needs per thread at the first exception, unchecked.
             EXPECT_THROW(throw 0, int);
             threads.shortage.emplace(Tests::Shortage::Lasting, 0);
           }
@@ -279,7 +281,10 @@ TEST_F(PipeTest, ATakenNameIsOneErrorAndARetry) {
 
 TEST_F(PipeTest, AClientSendsNothingToAnotherProcess) {
   Serve();
-  EXPECT_THROW(PipeClient(path, GetCurrentProcessId() + 4, 5s), std::runtime_error);
+  const std::string process = std::to_string(GetCurrentProcessId());
+  EXPECT_THAT([&] { PipeClient(path, GetCurrentProcessId() + 4, 5s); },
+              ThrowsMessage<std::runtime_error>(EndsWith(
+                  " belongs to process " + process + " and not to the service; nothing was sent")));
 }
 
 TEST_F(PipeTest, ItsAccessListAdmitsOnlyWhoWasNamed) {
