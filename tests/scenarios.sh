@@ -1,15 +1,12 @@
 #!/bin/sh
 # scenarios.sh FOLDER VXHOST EMULATOR...: plays every scenario of FOLDER, each on a fresh simulated
 # machine, and compares what it prints with the transcript beside it, NAME.txt for NAME.json.
-# RECORD=1 writes the transcripts instead. Read a new one line by line before it is kept. NAMES, if set,
-# names the scenarios of FOLDER that are meant. Lines that match DROP are left out: those of a thread that
-# no order binds to the others, for example.
+# RECORD=1 writes the transcripts instead. NAMES, if set, names the scenarios of FOLDER that are meant.
+# Lines that match DROP are left out: those of a thread that no order binds to the others, for example.
 set -u
 folder=$1 vxhost=$2
 shift 2
-work=$(mktemp -d)
-trap 'rm -rf "$work"' EXIT
-failures=0
+. "$(dirname "$0")/run_vxhost.sh"
 
 files=
 for scenario in "$folder"/*.json; do
@@ -21,7 +18,7 @@ done
 # The store lies in a folder of the process; what Windows says of a library that is not this
 # project's differs from system to system.
 # shellcheck disable=SC2086
-"$@" "$vxhost" --simulate scenario $files 2>&1 |
+run --simulate scenario $files 2>&1 |
   tr -d "\r" | sed -e "s/vxhost-[0-9]*/vxhost-PID/g" -e "/Security - GetSecurityCatalogInfo/d" \
     -e "/${DROP:-^$}/d" -e "/^Everything that was expected/d" -e "/^$/d" |
   awk -v work="$work" -v file="$work/$(basename "${files%%.json*}").txt" '
@@ -29,12 +26,6 @@ done
     { print > file }'
 
 for scenario in $files; do
-  name=$(basename "$scenario" .json)
-  if [ -n "${RECORD:-}" ]; then
-    cp "$work/$name.txt" "$folder/$name.txt"
-  elif ! diff -u "$folder/$name.txt" "$work/$name.txt"; then
-    echo "failed: $name does not play as its transcript says"
-    failures=$((failures + 1))
-  fi
+  same "${scenario%.json}.txt" "$work/$(basename "$scenario" .json).txt"
 done
 exit $((failures > 0))

@@ -2,13 +2,12 @@
 # service_test.sh VXHOST MODULE EMULATOR PREFIX: a life of the service under the emulator's service
 # manager, as an administrator drives it. Leaves no service and no data.
 set -u
-vxhost=$1 module=$2 emulator=$3 prefix=$4
-work=$(mktemp -d)
+vxhost=$1 module=$2
+shift 2
+. "$(dirname "$0")/../run_vxhost.sh"
 data="$prefix/drive_c/ProgramData/Vx"
 name=VxTest$$
-failures=0
 
-run() { "$emulator" "$prefix" "$vxhost" "$@"; }
 cleanup() {
   run service stop --name "$name" >/dev/null 2>&1
   run service remove --name "$name" >/dev/null 2>&1
@@ -16,27 +15,13 @@ cleanup() {
 }
 trap cleanup EXIT
 
-# expect CODE TEXT ARG...: running vxhost with the arguments exits with CODE and prints TEXT.
-expect() {
-  code=$1 text=$2
-  shift 2
-  run "$@" >"$work/output" 2>&1
-  exit=$?
-  if [ "$exit" != "$code" ] || ! grep -qF -- "$text" "$work/output"; then
-    echo "failed: vxhost $* exits with $exit, wanted $code and \"$text\"; it prints:"
-    cat "$work/output"
-    failures=$((failures + 1))
-  fi
-}
-
 # logged TEXT: a line of the log files has it within five seconds.
 logged() {
   tries=0
   until grep -qsF -- "$1" "$data"/Logs/*.log; do
     tries=$((tries + 1))
     if [ $tries = 50 ]; then
-      echo "failed: no line of the log has $1"
-      failures=$((failures + 1))
+      fail "no line of the log has $1"
       return
     fi
     sleep 0.1
@@ -66,8 +51,7 @@ expect 0 'may now start any trusted program as SYSTEM' service install --name "$
 expect 2 'remove the installed one first' service install --name "$name" --development
 for folder in "$data" "$data/Logs" "$data/SharedServices"; do
   if [ -n "$(find "$folder" -maxdepth 0 -perm /002)" ]; then
-    echo "failed: others may write to $folder"
-    failures=$((failures + 1))
+    fail "others may write to $folder"
   fi
 done
 
@@ -100,9 +84,7 @@ done
 expect 0 'power event 18' service send --name "$name" --power 18
 wait $watching
 if ! grep -q 'power event 18' "$work/watched"; then
-  echo "failed: events --watch prints:"
-  cat "$work/listening" "$work/watched"
-  failures=$((failures + 1))
+  fail "events --watch prints:" "$work/listening" "$work/watched"
 fi
 expect 2 'runs; stop it first' service remove --name "$name"
 expect 0 'has stopped' service stop --name "$name"

@@ -4,28 +4,8 @@
 set -u
 pki=$1 vxhost=$2 module=$3 other=$4
 shift 4
-work=$(mktemp -d)
-trap 'rm -rf "$work"' EXIT
+. "$(dirname "$0")/../run_vxhost.sh"
 cd "$pki" || exit 1
-failures=0
-emulator=$1 prefix=${2:-}
-
-fail() {
-  echo "failed: $*; it prints:"
-  cat "$work/output"
-  failures=$((failures + 1))
-}
-
-# expect CODE TEXT ARG...: running vxhost with the arguments exits with CODE and prints TEXT.
-expect() {
-  code=$1 text=$2
-  shift 2
-  "$emulator" ${prefix:+"$prefix"} "$vxhost" "$@" > "$work/raw" 2>&1
-  exit=$?
-  tr -d '\r' < "$work/raw" > "$work/output"
-  [ "$exit" = "$code" ] && grep -qF -- "$text" "$work/output" ||
-    fail "vxhost $* exits with $exit, wanted $code and \"$text\""
-}
 
 # The verdict is that of the named module, not of the tool.
 expect 1 'verified), key pinned' --dll "$module" trust pinned.exe
@@ -43,7 +23,7 @@ expect 0 '    no certificate at hand' --dll "$module" pins
 for certificate in pinned.crt pinned.exe; do
   expect 0 'Vx Test Pinned, until 2045-01-01, ' --dll "$module" pins --cert $certificate
 done
-grep -q ', [0-9]* days left$' "$work/output" || fail 'the days left are missing'
+grep -q ', [0-9]* days left$' "$work/output" || fail 'the days left are missing' "$work/output"
 # Of two certificates for one key the later one counts.
 expect 0 'Vx Test Pinned, until 2045' --dll "$module" pins --cert pinned.crt --cert expired.crt
 expect 0 ', until 2016-01-01, which is over' --dll "$module" pins --cert expired.crt
@@ -51,7 +31,7 @@ expect 0 'restricted: none, so no program is started' --dll "$other" pins
 expect 2 'ca.cnf holds no certificate and no signature' --dll "$module" pins --cert ca.cnf
 expect 0 '"subject":"' --dll "$module" pins --cert expired.crt --json
 grep -qE "\"general\":\[.*\"fingerprint\":\"$fingerprint\",.*\"until\":\"2016-01-01\",\"daysLeft\":-[0-9]+\}" \
-  "$work/output" || fail 'pins --json lacks the key or its lifetime'
+  "$work/output" || fail 'pins --json lacks the key or its lifetime' "$work/output"
 
 # A file that PowerShell made is kept and becomes UTF-8, each key once, with its subject.
 list=$work/keys.txt
@@ -66,7 +46,7 @@ expect 1 'has no signature that Windows can read' pin unsigned.exe --append "Z:$
   cat pinned_restricted.txt
   echo '# C=DE, S=Test State, L=Testtown, O=Vx Test Makers, OU=Vx Test Unit, CN=Vx Test Unpinned'
 } | grep -v '^# Keys' > "$work/wanted"
-head -n -1 "$list" | tr -d '"' | diff "$work/wanted" - > "$work/output" || fail "the key file differs"
+head -n -1 "$list" | tr -d '"' | diff "$work/wanted" - > "$work/output" || fail "the key file differs" "$work/output"
 
 # The doctor: the module's signature against its own keys, and how long it lasts.
 # signed NAME CERTIFICATE KEY: a copy of the module.
@@ -80,7 +60,7 @@ expect 1 "+  module's key: its signature's key is a restricted one" --dll "Z:$wo
 expect 1 "+  module's signature: signed by " --dll "Z:$work/own.dll" doctor
 expect 1 "-  module's key: its signature's key is not among its pinned keys" --dll "Z:$work/foreign.dll" doctor
 expect 1 "-  module's signature: signed by " --dll "Z:$work/over.dll" doctor
-grep -qF ', until 2016-01-01, which is over' "$work/output" || fail 'the end of the certificate is missing'
+grep -qF ', until 2016-01-01, which is over' "$work/output" || fail 'the end of the certificate is missing' "$work/output"
 expect 1 '+  pinned keys: 2 general, 1 restricted' --dll "$module" doctor
 expect 1 '+  power events: not known' --dll "$module" doctor
 

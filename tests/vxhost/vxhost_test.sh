@@ -3,23 +3,7 @@
 set -u
 vxhost=$1 module=$2 scenarios=$3
 shift 3
-work=$(mktemp -d)
-trap 'rm -rf "$work"' EXIT
-failures=0
-
-# expect CODE TEXT ARG...: running vxhost with the arguments exits with CODE and prints TEXT.
-expect() {
-  code=$1 text=$2
-  shift 2
-  "$emulator" ${prefix:+"$prefix"} "$vxhost" "$@" > "$work/output" 2>&1
-  exit=$?
-  if [ "$exit" != "$code" ] || ! grep -qF -- "$text" "$work/output"; then
-    echo "failed: vxhost $* exits with $exit, wanted $code and \"$text\"; it prints:"
-    cat "$work/output"
-    failures=$((failures + 1))
-  fi
-}
-emulator=$1 prefix=${2:-}
+. "$(dirname "$0")/../run_vxhost.sh"
 
 # scenario NAME STEP...: writes a scenario of these steps.
 scenario() {
@@ -63,14 +47,12 @@ printf '\357\273\277{}' | expect 0 '-> 22 {}' --simulate exec 22 @-
 expect 0 "$(printf '\033[2m')" --simulate --color always exec 22
 
 # What a script reads of exec is one line, whatever the module logs.
-"$emulator" ${prefix:+"$prefix"} "$vxhost" --simulate exec 99 --json 2> "$work/errors" |
+run --simulate exec 99 --json 2> "$work/errors" |
   tr -d '\r' > "$work/output"
 if [ "$(cat "$work/output")" != \
   '{"id":99,"code":"0x20000001","meaning":"no such command","answer":{}}' ] ||
   ! grep -q '"level":"ERROR"' "$work/errors"; then
-  echo "failed: exec --json mixes its result with the log:"
-  cat "$work/output" "$work/errors"
-  failures=$((failures + 1))
+  fail "exec --json mixes its result with the log:" "$work/output" "$work/errors"
 fi
 expect 2 'subscriptions remove, pins, trust, validate, explain and doctor use it' \
   --private-store store show
@@ -104,9 +86,7 @@ done
 controls=$(printf '\033|\302[\200-\237]|\177|\342\200\256')
 if [ "$(grep -c '^ *1  [0-9a-f]*  power 7 *0 s *send a message to a.*forged' "$work/tables")" != 1 ] ||
   LC_ALL=C grep -qE "$controls|^platform" "$work/tables"; then
-  echo "failed: a client's text reaches the terminal as it is, or its subscription is not shown:"
-  cat -v "$work/tables"
-  failures=$((failures + 1))
+  fail "a client's text reaches the terminal as it is, or its subscription is not shown:" "$work/tables"
 fi
 
 # Subscriptions are composed, listed, exported without the values of other services, and taken back.
@@ -124,8 +104,7 @@ kept 2 'there is no file' explain --all
 kept 2 'there is no file' store backup "$work/nothing"
 kept 1 'not removed' subscriptions remove 1
 if [ -n "$(ls -A "$work/kept")" ]; then
-  echo "failed: a command that only looks makes: $(ls -A "$work/kept")"
-  failures=$((failures + 1))
+  fail "a command that only looks makes: $(ls -A "$work/kept")"
 fi
 changing() {
   code=$1 text=$2
@@ -143,7 +122,7 @@ scenario others '{"store": {"token": "a secret"}}'
 expect 0 'happened' --dll "$module" --store "$work/kept" scenario "$work/others.json"
 kept 0 'a secret' store show
 kept 0 '1 values of other services' store export
-"$emulator" ${prefix:+"$prefix"} "$vxhost" --store "$work/kept" store export > "$work/export.json" 2>&1
+run --store "$work/kept" store export > "$work/export.json" 2>&1
 kept 0 'written to' store backup "$work/backup.dat"
 changing 0 'removed: ' remove 2
 changing 0 'removed: ' remove 1
@@ -157,18 +136,16 @@ changing 0 'removed: ' remove 3
 changing 0 'removed: ' remove 2
 kept 0 'sound' store verify
 if grep -q 'secret' "$work/export.json"; then
-  echo "failed: an export holds a value of another service"
-  failures=$((failures + 1))
+  fail "an export holds a value of another service"
 fi
 
 # The file that subscribed also unsubscribes, whatever white space is in it.
 if ! tail -n 1 "$work/tables" | grep -qF '(none is stored)'; then
-  echo "failed: exec 19 with the file that subscribed removes nothing:"
-  cat -v "$work/tables"
-  failures=$((failures + 1))
+  fail "exec 19 with the file that subscribed removes nothing:" "$work/tables"
 fi
 
 # Lines of one vxhost show in another one that watches, each once.
+# Not by run, whose end would leave the emulator.
 "$emulator" ${prefix:+"$prefix"} "$vxhost" watch --json --seconds 20 --level error --provider Service \
   --text Unsupported > "$work/watched" 2>&1 &
 watcher=$!
@@ -180,15 +157,11 @@ done
 expect 2 'another monitor receives the debug output' watch --seconds 1
 kill "$watcher" 2> /dev/null
 if grep '^{' "$work/watched" | grep -qv '"process":[1-9].*Unsupported'; then
-  echo "failed: vxhost watch shows lines that its filters exclude:"
-  cat "$work/watched"
-  failures=$((failures + 1))
+  fail "vxhost watch shows lines that its filters exclude:" "$work/watched"
 fi
 seen=$(grep -c '^{"time":.*Unsupported Function call 99' "$work/watched")
 if [ "$seen" -lt 1 ] || [ "$seen" -gt "$tries" ]; then
-  echo "failed: vxhost watch shows a line of $tries runs $seen times:"
-  cat "$work/watched"
-  failures=$((failures + 1))
+  fail "vxhost watch shows a line of $tries runs $seen times:" "$work/watched"
 fi
 
 # The examination changes nothing: not even the folders of the store are made.
@@ -198,9 +171,7 @@ mkdir "$work/data"
   >"$work/output" 2>&1 </dev/null
 if [ $? != 1 ] || ! grep -q 'do: create it at installation' "$work/output" ||
   ! grep -q '+  store: .* does not exist yet' "$work/output" || [ -n "$(ls -A "$work/data")" ]; then
-  echo "failed: doctor finds no folder and makes none; it prints:"
-  cat "$work/output"
-  failures=$((failures + 1))
+  fail "doctor finds no folder and makes none; it prints:" "$work/output"
 fi
 expect 2 'is missing or has no version' --dll missing.dll doctor
 expect 1 '+  first-run set-up: complete' --simulate doctor
@@ -227,9 +198,7 @@ expect 2 'and not to the service; nothing was sent' service exec 22 --name "$nam
 wait $running
 exit=$?
 if [ $exit != 0 ] || ! grep -q '"message":"Version number is' "$work"/served/vxhost-*-0001.log; then
-  echo "failed: vxhost service run exits with $exit and prints:"
-  cat "$work/banner" "$work/run" "$work"/served/vxhost-*.log
-  failures=$((failures + 1))
+  fail "vxhost service run exits with $exit and prints:" "$work/banner" "$work/run" "$work"/served/vxhost-*.log
 fi
 
 exit $((failures > 0))
