@@ -2,6 +2,8 @@
 
 #include <cstdint>
 #include <memory>
+#include <mutex>
+#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -12,7 +14,10 @@
 #include <windows.h>
 
 #include "platform/unique_handle.h"
+#include "storage/cap_data_store.h"
+#include "storage/system_mutex.h"
 #include "support/temp_folder.h"
+#include "vxhost/service/service_process.h"
 #include "vxhost/text.h"
 
 namespace Vx::Host {
@@ -46,14 +51,16 @@ TEST(PowerFilterTest, DropsWhatTheOtherSourceReportedWithinTwoSeconds) {
 
 class Lines : public LogTarget {
  public:
-  explicit Lines(std::wstring& out) : text(out) {}
+  Lines(std::wstring& out, std::mutex& outLock) : text(out), lock(outLock) {}
   bool Write(const LogEntry& entry) noexcept override {
+    const std::lock_guard guard(lock);
     text += entry.line.level + L" " + entry.line.caller + L": " + entry.line.message + L"\n";
     return true;
   }
 
  private:
   std::wstring& text;
+  std::mutex& lock;
 };
 
 // The module as it ships, with a store of its own.
@@ -61,7 +68,7 @@ class HostLoopTest : public ::testing::Test {
  protected:
   HostLoopTest() {
     std::vector<std::unique_ptr<LogTarget>> targets;
-    targets.push_back(std::make_unique<Lines>(text));
+    targets.push_back(std::make_unique<Lines>(text, lock));
     log = std::make_unique<ServiceLog>(std::move(targets));
   }
 
@@ -80,6 +87,16 @@ class HostLoopTest : public ::testing::Test {
 
   bool StandbyIsSet() const { return WaitForSingleObject(standby.get(), 0) == WAIT_OBJECT_0; }
 
+  // Waits until a line is logged.
+  bool Logs(const std::wstring& line) {
+    const auto logged = [&] {
+      const std::lock_guard guard(lock);
+      return text.find(line) != text.npos;
+    };
+    for (int i = 0; i < 500 && !logged(); ++i) Sleep(10);
+    return logged();
+  }
+
   // Everything logged. The log ends with it.
   const std::wstring& Logged() {
     log.reset();
@@ -89,7 +106,8 @@ class HostLoopTest : public ::testing::Test {
   Tests::PrivateStore store;
   Platform::UniqueHandle standby{
       CreateEventW(nullptr, TRUE, FALSE, L"{CE7DC567-F47B-4A07-8489-C9DEB372B88F}")};
-  std::wstring text;
+  std::mutex lock;
+  std::wstring text;  // under the lock
   std::unique_ptr<ServiceLog> log;
 };
 
@@ -125,6 +143,41 @@ TEST_F(HostLoopTest, SetsTheStandbyEventOnModernStandbyAloneAndNeverLeavesItSet)
   HostLoop other(Options(false), *log);
   other.OnStandby(HostLoop::Standby::Entered);
   EXPECT_FALSE(StandbyIsSet());
+}
+
+// The module hangs in a code while others come. What came once stays, the leaving of standby too.
+TEST_F(HostLoopTest, AFullQueueKeepsTheLastReportOfEachCodeAndWarnsOnce) {
+  constexpr auto kControl = PowerSource::ServiceControl;
+  HostLoop host(Options(true), *log);
+  {
+    CodeQueue codes(host, *log, 4);
+    codes.AddPower(4, kControl);
+    EXPECT_TRUE(StandbyIsSet());
+    Tessel::Server::Storage::SystemMutex inUse(Tessel::Server::Storage::CapDataStore::kMutexName);
+    inUse.lock();
+    codes.AddPower(10, kControl);
+    EXPECT_TRUE(Logs(L"power event 10\n"));
+    codes.AddPower(18, kControl);
+    for (const std::uint32_t code : {8U, 8U, 7U, 8U, 6U}) codes.AddSession(code);
+    inUse.unlock();
+  }
+  EXPECT_FALSE(StandbyIsSet());
+  log->Flush();
+  const std::lock_guard guard(lock);
+  std::wstring codes;
+  std::wistringstream lines(text);
+  for (std::wstring line; std::getline(lines, line);) {
+    if (line.find(L"power event ") != line.npos || line.find(L"session change ") != line.npos ||
+        line.find(L"WARNING") != line.npos) {
+      codes += line + L"\n";
+    }
+  }
+  EXPECT_EQ(codes,
+            L"INFO : power event 4\nINFO : power event 10\n"
+            L"WARNING : 2 codes of Windows were dropped, because the module was busy with an "
+            L"earlier one\n"
+            L"INFO : power event 18\nINFO : session change 7\nINFO : session change 8\n"
+            L"INFO : session change 6\n");
 }
 
 TEST_F(HostLoopTest, AFileThatIsNotAModuleIsReported) {

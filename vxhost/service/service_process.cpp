@@ -1,5 +1,6 @@
 #include "vxhost/service/service_process.h"
 
+#include <algorithm>
 #include <chrono>
 #include <exception>
 #include <functional>
@@ -25,6 +26,8 @@ namespace {
 constexpr wchar_t kRuns[] = L"the service runs as process ";
 constexpr wchar_t kStops[] = L"the service is asked to stop";
 constexpr wchar_t kFailed[] = L"the service cannot run: ";
+constexpr wchar_t kOverflowed[] =
+    L" codes of Windows were dropped, because the module was busy with an earlier one";
 
 constexpr DWORD kTick = 1000;        // milliseconds between two checkpoints
 constexpr DWORD kWaitHint = 10'000;  // milliseconds in which the next one comes
@@ -99,7 +102,8 @@ class CheckpointTicks {
 
 }  // namespace
 
-CodeQueue::CodeQueue(HostLoop& loop) : host(loop), worker([this] { Run(); }) {}
+CodeQueue::CodeQueue(HostLoop& loop, ServiceLog& output, std::size_t limit)
+    : host(loop), log(output), capacity(limit), worker([this] { Run(); }) {}
 
 CodeQueue::~CodeQueue() {
   {
@@ -122,11 +126,35 @@ void CodeQueue::Add(const Code& code) noexcept {
   try {
     std::unique_lock guard(lock);
     codes.push_back(code);
+    if (codes.size() > capacity) DropOne();
     changed.notify_all();
     if (!code.power || code.code != PBT_APMSUSPEND) return;
     // The machine sleeps as soon as every handler has returned.
     changed.wait_for(guard, kSuspendPatience, [this] { return codes.empty() && !forwarding; });
   } catch (const std::exception&) {  // NOLINT(bugprone-empty-catch): see the header
+  }
+}
+
+// Were all of them different, the oldest would go.
+void CodeQueue::DropOne() {
+  auto victim = codes.begin();
+  for (auto at = codes.begin(); at != codes.end(); ++at) {
+    const auto isSame = [&](const Code& later) {
+      return later.power == at->power && later.code == at->code;
+    };
+    if (std::any_of(at + 1, codes.end(), isSame)) {
+      victim = at;
+      break;
+    }
+  }
+  codes.erase(victim);
+  ++dropped;
+}
+
+void CodeQueue::Report(std::uint64_t count) noexcept {
+  try {
+    log.Add(L"WARNING", std::to_wstring(count) + kOverflowed);
+  } catch (const std::exception&) {  // NOLINT(bugprone-empty-catch): no memory for the line
   }
 }
 
@@ -137,8 +165,10 @@ void CodeQueue::Run() noexcept {
     if (codes.empty()) return;
     const Code code = codes.front();
     codes.pop_front();
+    const std::uint64_t lost = std::exchange(dropped, 0);
     forwarding = true;
     guard.unlock();
+    if (lost != 0) Report(lost);
     if (code.power) {
       host.OnPower(code.code, code.source);
     } else {
@@ -219,7 +249,7 @@ void ServiceProcess::Serve() {
         return host.Execute(command, client);
       },
       [this](const wchar_t* level, std::wstring_view message) { log.Add(level, message); });
-  CodeQueue codes(host);
+  CodeQueue codes(host, log);
   const PowerNotifications notifications(
       [&codes](std::uint32_t code) { codes.AddPower(code, PowerSource::Notification); });
   const Published published(*this, codes);

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <condition_variable>
+#include <cstddef>
 #include <cstdint>
 #include <deque>
 #include <memory>
@@ -47,10 +48,16 @@ class StatusSink {
 };
 
 // Forwards the codes of the service manager to the module, in their order, on a thread of its own:
-// the module may take minutes for one, and the manager waits for its handler.
+// the module may take minutes for one, and the manager waits for its handler. When too many wait,
+// the oldest that came again later is dropped. So the last report of each code stays, and standby
+// and log-on end as Windows reported them.
 class CodeQueue {
  public:
-  explicit CodeQueue(HostLoop& loop);
+  static constexpr std::size_t kLongest = 1024;  // more than the codes that Windows has
+
+  // Both outlive this object. `output` receives one warning per overflow with the number of codes
+  // that it cost.
+  CodeQueue(HostLoop& loop, ServiceLog& output, std::size_t limit = kLongest);
   CodeQueue(const CodeQueue&) = delete;
   CodeQueue& operator=(const CodeQueue&) = delete;
   // Forwards what waits first.
@@ -68,12 +75,17 @@ class CodeQueue {
   };
 
   void Add(const Code& code) noexcept;
+  void DropOne();
+  void Report(std::uint64_t count) noexcept;
   void Run() noexcept;
 
   HostLoop& host;
+  ServiceLog& log;
+  const std::size_t capacity;
   std::mutex lock;
   std::condition_variable changed;
-  std::deque<Code> codes;  // under the lock, as the next two
+  std::deque<Code> codes;     // under the lock, as the next three
+  std::uint64_t dropped = 0;  // since the last warning
   bool forwarding = false;
   bool ending = false;
   Platform::Thread worker;
