@@ -159,6 +159,23 @@ TEST_F(PipeTest, AnswersEachClientWhileTheCommandOfAnotherOneRuns) {
   slow.Join();
 }
 
+// The host destroys the module's object after it.
+TEST_F(PipeTest, ItsEndWaitsForTheCommandThatRuns) {
+  Serve();
+  const auto pipe = RawClient();
+  EXPECT_TRUE(Send(pipe, WriteCommand({1, L"slow"})));
+  ASSERT_TRUE(Eventually([this] { return held == 1; }));
+  std::atomic<bool> ended{false};
+  Platform::Thread end([&] {
+    server.reset();
+    ended = true;
+  });
+  Sleep(50);
+  EXPECT_FALSE(ended);
+  SetEvent(release.get());
+  end.Join();
+}
+
 TEST_F(PipeTest, AHostileClientCostsTheOthersNothing) {
   Serve();
   const std::vector<std::function<void()>> attacks = {

@@ -33,6 +33,7 @@ typedef uint32_t (*ReleaseContext)(Service*, void**);
 typedef uint32_t (*Execute)(Service*, void*, uint32_t, const wchar_t*, wchar_t**, void*);
 typedef void (*Free)(Service*, void*);
 typedef void (*Notify)(Service*, uint32_t);
+typedef unsigned char (*Ask)(Service*);  // a C++ bool
 
 // The host's callable: 64 bytes, whose last word points at the held object.
 typedef struct Held {
@@ -207,27 +208,108 @@ static void RemoveStore(const wchar_t* folder) {
   }
 }
 
+static HANDLE inCommand, mayReturn;
+static DWORD returned;
+
+// The module destroys a callback at the end of its command.
+static void HoldTheCommand(Held* held, char outsideTheObject) {
+  DeleteThis(held, outsideTheObject);
+  SetEvent(inCommand);
+  returned = WaitForSingleObject(mayReturn, 10000);
+}
+
+static DWORD WINAPI RunHeldCommand(void* service) {
+  static void* const kTable[] = {(void*)&Called, (void*)&Called, (void*)&Called, (void*)&Called,
+                                 (void*)&HoldTheCommand};
+  Held held = {kTable, 0, 0, 0};
+  Callback callback = {{0}, &held};
+  void* context = Context(service, L"client");
+  wchar_t* response = NULL;
+  const DWORD result = ((Execute)((Service*)service)->slots[kExecuteCommand])(
+      service, context, 13, L"{\"launched\":1}", &response, &callback);
+  // What belongs to the client outlives the object, and only its slots can free it.
+  return result;
+}
+
+static void TheEndDoesNotWaitForACommand(void) {
+  DWORD result = 0;
+  Service* service = Make();
+  inCommand = CreateEventW(NULL, TRUE, FALSE, NULL);
+  mayReturn = CreateEventW(NULL, TRUE, FALSE, NULL);
+  HANDLE command = CreateThread(NULL, 0, &RunHeldCommand, service, 0, NULL);
+  CHECK(WaitForSingleObject(inCommand, 10000) == WAIT_OBJECT_0);
+  Unmake(service);
+  CHECK(WaitForSingleObject(command, 0) == WAIT_TIMEOUT);
+  SetEvent(mayReturn);
+  CHECK(WaitForSingleObject(command, 10000) == WAIT_OBJECT_0 && returned == WAIT_OBJECT_0);
+  CHECK(GetExitCodeThread(command, &result) && result == 0x20000002);
+  CloseHandle(command);
+  CloseHandle(mayReturn);
+  CloseHandle(inCommand);
+}
+
+static int IsMapped(const void* address) {
+  MEMORY_BASIC_INFORMATION place;
+  return VirtualQuery(address, &place, sizeof place) != 0 && place.State == MEM_COMMIT;
+}
+
+// Threads of the services above hold the module until they have ended. An object does not.
+static void AnObjectDoesNotKeepTheModule(HMODULE module) {
+  const Service* const service = Make();
+  const void* const slot0 = service->slots[kDestroy];
+  CHECK(FreeLibrary(module));
+  for (int i = 0; i < 1000 && IsMapped(slot0); ++i) Sleep(10);
+  CHECK(!IsMapped(slot0));
+}
+
+static unsigned char SetupIsOver(Service* service) {
+  return ((Ask)service->slots[kOobeEvent])(service);
+}
+
+// No app takes the message here, so it stays to be sent. Without a store it never will be. The
+// first call has also scheduled a launch, whose hour slot 0 does not end.
+static void TheEndOfSetupReturnsWhetherNothingIsLeftToDo(HMODULE module) {
+  wchar_t store[MAX_PATH], program[MAX_PATH];
+  Service* service = Make();
+  const void* const slot0 = service->slots[kDestroy];
+  CHECK(SetupIsOver(service) == 0);
+  CHECK(SetupIsOver(service) == 0);
+  GetEnvironmentVariableW(L"ProgramData", store, MAX_PATH);
+  GetModuleFileNameW(NULL, program, MAX_PATH);
+  SetEnvironmentVariableW(L"ProgramData", program);
+  CHECK(SetupIsOver(service) == 1);
+  SetEnvironmentVariableW(L"ProgramData", store);
+  Unmake(service);
+  CHECK(FreeLibrary(module));
+  Sleep(200);
+  CHECK(IsMapped(slot0));
+}
+
 static HMODULE LoadBesideTests(void) {
   wchar_t path[MAX_PATH];
   GetModuleFileNameW(NULL, path, MAX_PATH);
   *wcsrchr(path, L'\\') = 0;
   wcscpy(wcsrchr(path, L'\\'), L"\\bin\\OrvaneService.dll");
-  return LoadLibraryW(path);
+  const HMODULE module = LoadLibraryW(path);
+  factory = (Factory)(void*)GetProcAddress(module, "VxCreateService");
+  if (factory == NULL) {
+    printf("the module cannot be loaded: error %lu\n", (unsigned long)GetLastError());
+    exit(1);
+  }
+  return module;
 }
 
 int main(void) {
   wchar_t store[MAX_PATH];
-  factory = (Factory)(void*)GetProcAddress(LoadBesideTests(), "VxCreateService");
-  if (factory == NULL) {
-    printf("the module cannot be loaded: error %lu\n", (unsigned long)GetLastError());
-    return 1;
-  }
-
+  const HMODULE module = LoadBesideTests();
   UseStoreOfOwn(store);
   ContextsCarryACopyOfTheCallersIdentity();
   CommandsAnswerAndDestroyTheirCallbackOnce();
   ACallableInsideTheCallbackIsNotFreed();
   NotificationsAreTakenInAnyState();
+  TheEndDoesNotWaitForACommand();
+  AnObjectDoesNotKeepTheModule(module);
+  TheEndOfSetupReturnsWhetherNothingIsLeftToDo(LoadBesideTests());
   RemoveStore(store);
   printf(failures == 0 ? "passed\n" : "%d checks failed\n", failures);
   return failures != 0;
