@@ -7,6 +7,7 @@ vxhost=$1 module=$2 pki=$3 probe=$4 emulator=$5 prefix=$6
 name=VxSample$$
 place="$prefix/drive_c/Program Files/VxSample"
 data="$prefix/drive_c/ProgramData/Vx"
+logs='C:\ProgramData\Vx\Logs'
 started="C:\\\\Program Files\\\\VxSample"
 
 vxhost() { "$emulator" "$prefix" "$vxhost" "$@" || fail "vxhost $*"; }
@@ -54,10 +55,17 @@ echo '== The machine resumes, and the program runs'
 vxhost service send --name $name --power 7
 await "$place/report.txt" 'good morning'
 
-echo '== The log file tells it'
-await "$data/Logs/" '"message":"power event 7"'
-await "$data/Logs/" '"message":"LaunchCommand::Execute returned with result 1'
-await "$data/Logs/" '"message":"PowerEventManager::handle_event Executed: '
+echo '== The log files tell it: the subscription was accepted, and ran'
+tries=0
+until vxhost history "$logs" | tr -d '\r' >"$place/history.txt" &&
+  awk '$2 " " $3 == "command 9" && $6 == "accepted:" { stored = $4 }
+    $2 " " $3 == "power 7" && $7 " " $8 == "ran: process" { ran = $4 }
+    END { exit stored == "" || ran != stored }' "$place/history.txt"; do
+  tries=$((tries + 1))
+  [ $tries -lt 20 ] || fail "the log files tell this: $(cat "$place/history.txt")"
+  sleep 0.1
+done
+cat "$place/history.txt"
 
 echo '== The service is stopped and removed'
 vxhost service stop --name $name
