@@ -49,6 +49,11 @@ class ServiceCrashTest : public ::testing::Test {
            std::to_wstring(number) + LR"(.exe"}})";
   }
 
+  Platform::UniqueHandle Process() const {
+    return Platform::UniqueHandle(
+        OpenProcess(PROCESS_TERMINATE | SYNCHRONIZE, FALSE, ProcessOfService(name)));
+  }
+
   // Whether a write is under way, or was when the service was killed.
   bool Writing() const {
     const auto siblings = Platform::CurrentMachine().files->Siblings(store);
@@ -85,8 +90,7 @@ TEST_F(ServiceCrashTest, NoKillLosesAnAcknowledgedSubscription) {
   int round = 0;
   for (; round < wanted || (cut == 0 && round < 10 * wanted); ++round) {
     manager.Start(name);
-    const Platform::UniqueHandle process(
-        OpenProcess(PROCESS_TERMINATE | SYNCHRONIZE, FALSE, ProcessOfService(name)));
+    const Platform::UniqueHandle process = Process();
     ASSERT_NE(process, nullptr);
     inFlight = false;
     int added = 0;
@@ -105,7 +109,9 @@ TEST_F(ServiceCrashTest, NoKillLosesAnAcknowledgedSubscription) {
     for (int number = 0; number < acknowledged; ++number) {
       ASSERT_THAT(*list, HasSubstr(L"s-" + std::to_wstring(number) + L".exe\""));
     }
+    const Platform::UniqueHandle last = Process();
     manager.Stop(name);
+    EXPECT_EQ(WaitForSingleObject(last.get(), 0), WAIT_OBJECT_0) << "its files are still in use";
   }
   std::printf("%d kills, %d of them in a store write; %d subscriptions acknowledged\n", round, cut,
               acknowledged);

@@ -8,6 +8,7 @@
 
 #include <windows.h>
 
+#include "platform/unique_handle.h"
 #include "vxhost/service/event_log.h"
 #include "vxhost/text.h"
 
@@ -17,7 +18,8 @@ namespace {
 
 constexpr std::size_t kLongestName = 64;
 constexpr std::chrono::seconds kPatience{60};
-constexpr DWORD kPause = 20;  // milliseconds
+constexpr DWORD kPause = 20;                // milliseconds
+constexpr DWORD kProcessPatience = 10'000;  // milliseconds
 
 constexpr DWORD kMinute = 60'000;       // milliseconds
 constexpr DWORD kDay = 86'400;          // seconds
@@ -212,6 +214,9 @@ void ServiceManager::Start(const std::wstring& name) {
 
 void ServiceManager::Stop(const std::wstring& name) {
   const auto service = Open(name, SERVICE_STOP | SERVICE_QUERY_STATUS, "stop");
+  const DWORD processId = StatusOf(service, name).dwProcessId;
+  const Platform::UniqueHandle process(processId == 0 ? nullptr
+                                                      : OpenProcess(SYNCHRONIZE, FALSE, processId));
   SERVICE_STATUS last{};
   if (ControlService(Raw(service), SERVICE_CONTROL_STOP, &last) == FALSE) {
     const DWORD error = GetLastError();
@@ -221,7 +226,10 @@ void ServiceManager::Stop(const std::wstring& name) {
   // The service still counts as running for a moment after it has accepted the control.
   const auto status =
       AwaitWhile(service, name, [](DWORD state) { return state != SERVICE_STOPPED; });
-  if (status.dwCurrentState != SERVICE_STOPPED) {
+  // The process ends a moment after that. Until then its files can be neither replaced nor removed.
+  if (status.dwCurrentState != SERVICE_STOPPED ||
+      (process != nullptr &&
+       WaitForSingleObject(process.get(), kProcessPatience) != WAIT_OBJECT_0)) {
     throw std::runtime_error("the service " + Utf8(name) +
                              " has not ended yet; it waits for the commands that run");
   }

@@ -55,7 +55,8 @@ class ServiceManager {
   // this system does not know, which is none on Windows.
   std::vector<std::string> Install(const ServicePlan& plan);
 
-  // Starts the service, or asks it to stop, and waits until it has. Done at once if it already has.
+  // Starts the service, or asks it to stop, and waits until it has and its process is gone. Done at
+  // once if it already has.
   void Start(const std::wstring& name);
   void Stop(const std::wstring& name);
 
