@@ -191,16 +191,15 @@ unsigned long NumberOf(const std::wstring& copy) {
 }
 
 // Returns the copies of damaged files, the oldest first, also those that another process holds.
-std::vector<std::wstring> CopiesOf(const std::wstring& path) {
-  const Result<std::vector<std::wstring>> names = Files().Siblings(path);
-  if (!names) return {};
-  std::vector<std::wstring> copies = *names;
-  std::erase_if(copies, [&](const std::wstring& name) {
+Result<std::vector<std::wstring>> CopiesOf(const std::wstring& path) {
+  Result<std::vector<std::wstring>> copies = Files().Siblings(path);
+  if (!copies) return copies;
+  std::erase_if(*copies, [&](const std::wstring& name) {
     if (!name.starts_with(path + kDamagedMark)) return true;
     const Result<std::optional<OwnFile>> own = OpenOwn(name, FileUse::Inspect);
     return !own || !*own;
   });
-  std::ranges::sort(copies, {},
+  std::ranges::sort(*copies, {},
                     [](const std::wstring& copy) { return std::pair(NumberOf(copy), copy); });
   return copies;
 }
@@ -477,7 +476,12 @@ ErrorCode SealedFile::SealAndReplace(const std::wstring& id, const BsonDocument&
 }
 
 bool SealedFile::KeepCopy(std::span<const std::byte> content) const {
-  std::vector<std::wstring> copies = CopiesOf(path);
+  const Result<std::vector<std::wstring>> found = CopiesOf(path);
+  if (!found) {  // numbered anew, the copy would count as the oldest
+    Log().LogWarning(kNotCopied, found.Error());
+    return false;
+  }
+  const std::vector<std::wstring>& copies = *found;
   // The last write may have failed after its copy was made.
   std::size_t kept = kMostCopies;
   if (copies.empty() || !IsCopyOf(copies.back(), content)) {

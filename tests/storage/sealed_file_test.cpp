@@ -392,6 +392,33 @@ TEST_F(SealedFileTest, CopiesThatAnotherProcessHoldsGoAfterALaterDamage) {
   EXPECT_THAT(left, testing::UnorderedElementsAre(5, 6, 7));
 }
 
+TEST_F(SealedFileTest, ACopyIsNotNumberedAnewWhileItsForerunnersCannotBeListed) {
+  const auto damage = [&](int number) {
+    Tests::WriteBytes(Path(), Bytes(100, static_cast<std::byte>(number)));
+  };
+  for (int i = 1; i <= 5; ++i) {
+    damage(i);
+    if (i == 4) {
+      Tests::WriteBytes(Sibling(L"a"), Bytes(10));
+      disk.onStep = [&, reads = 0](const std::string& step) mutable {
+        // After the listing of the siblings, before that of the copies.
+        if (step == "Content" && ++reads == 4) faults.FailNamed("Files.Siblings");
+        return 0U;
+      };
+      EXPECT_FALSE(Write());
+      disk.onStep = [](const std::string&) { return 0U; };
+      faults.Clear();
+    }
+    EXPECT_TRUE(Write());
+  }
+  { const CapDataStore store; }  // deletes the sibling
+  std::vector<int> left;
+  for (const std::wstring& copy : Siblings()) {
+    left.push_back(std::to_integer<int>(Tests::ReadBytes(copy).front()));
+  }
+  EXPECT_THAT(left, testing::UnorderedElementsAre(3, 4, 5));
+}
+
 TEST_F(SealedFileTest, AFileThatHasASecondNameOrIsTooLargeIsNotReplaced) {
   CapDataStore store;
   const std::wstring second = Path() + L".second";
