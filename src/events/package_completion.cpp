@@ -66,13 +66,11 @@ bool Remove(const std::wstring& stored, const MarkPtr& mark) {
   return true;
 }
 
-// Returns whether none is left.
+// Returns whether none is left. Ends at the first that fails: the store would keep each of the
+// others waiting too, and with them all who wait for listChange.
 bool RemoveAll() {
-  bool gone = true;
-  for (const auto& [stored, mark] : FiringMarks::OfThoseThatHaveRun()) {
-    gone = Remove(stored, mark) && gone;
-  }
-  return gone;
+  return std::ranges::all_of(FiringMarks::OfThoseThatHaveRun(),
+                             [](const auto& entry) { return Remove(entry.first, entry.second); });
 }
 
 bool ReportLeft() {

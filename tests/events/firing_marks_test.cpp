@@ -161,6 +161,29 @@ TEST_F(OneShotTest, IsCompletedAlthoughSomeTriesThrow) {
   PackageCatalogEventManager::clear_events();
 }
 
+TEST_F(OneShotTest, ManyThatCannotBeCompletedTakeNoLongerThanOne) {
+  Tests::FaultyFiles disk;
+  const Platform::MachineScope faulty([&](Platform::Machine& all) { all.files = &disk; });
+  for (int i = 0; i < 20; ++i) {
+    std::wstring request = Request(5);
+    request.replace(request.find(L"{}"), 2, L"{\"n\":" + std::to_wstring(i) + L"}");
+    Subscribe(request);
+  }
+  int opens = 0;
+  const auto fail = [&](const char*) { return ++opens, Tests::kFault; };
+  machine.timeline.SetListener([&](const auto&) { disk.onStep = fail; });
+  Uninstall();
+  machine.timeline.SetListener({});
+  opens = 0;
+  PackageCompletion::CompleteAll();
+  EXPECT_LE(opens, 4);
+  disk.onStep = [](const char*) { return 0U; };
+  PackageCompletion::CompleteAll();
+  EXPECT_EQ(Stored(), L"[]");
+  machine.clock.Advance(std::chrono::seconds(1));
+  PackageCatalogEventManager::clear_events();
+}
+
 // A process that ends takes its marks with it, but leaves what is stored.
 TEST_F(OneShotTest, RunsAgainAfterARestartOnlyIfItWasNotCompleted) {
   for (const bool completed : {true, false}) {
