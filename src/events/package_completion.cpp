@@ -28,7 +28,7 @@ constexpr char kUnknown[] = "an exception of an unknown kind";
 constexpr char kCannotReplace[] =
     "the same subscription has run, but it could not be removed from the stored list";
 
-constexpr std::chrono::seconds kFirstPause{1};  // doubled after each try
+constexpr std::chrono::seconds kFirstPause{1};  // doubled after each try, anew for a later request
 constexpr int kTries = 9;                       // within nine minutes
 
 // Guarded by listChange.
@@ -125,10 +125,10 @@ void PackageCompletion::Complete(const std::wstring& stored, const MarkPtr& mark
 }
 
 void PackageCompletion::Retry() noexcept {
-  std::chrono::milliseconds pause = kFirstPause;
   std::unique_lock guard(listChange);
   Retries& retries = All();
   while (const Platform::SharedHandle service = LivingService()) {
+    const auto pause = kFirstPause * (1 << (kTries - retries.left));
     guard.unlock();
     const auto wait = Platform::CurrentMachine().clock->Wait(service.get(), pause);
     guard.lock();
@@ -141,7 +141,6 @@ void PackageCompletion::Retry() noexcept {
       if (!gone) Contained(&ReportLeft);
       break;
     }
-    pause *= 2;
   }
   retries.working = false;
 }

@@ -184,6 +184,24 @@ TEST_F(OneShotTest, ManyThatCannotBeCompletedTakeNoLongerThanOne) {
   PackageCatalogEventManager::clear_events();
 }
 
+// The pauses of the first one have grown long by then.
+TEST_F(OneShotTest, IsTriedAgainSoonAlsoWhileAnEarlierOneStillWaits) {
+  constexpr wchar_t kLater[] = L"Later_abc";
+  machine.packages.Install({kLater, L"Later_1", {}}, L"bob");
+  Subscribe(Request(5));
+  const std::wstring later = Tests::PackageRequest(L"5", kLater);
+  Subscribe(later);
+  UninstallBeforeTheStoreFails();
+  machine.clock.Advance(std::chrono::seconds(300));
+  Notify(kLater);
+  machine.clock.Advance(std::chrono::seconds(220));  // a try after 511
+  machine.faults.Clear();
+  machine.clock.Advance(std::chrono::seconds(20));
+  EXPECT_EQ(Stored(), L"[]");
+  Platform::CurrentMachine().kernelObjects->Signal(stop.get());
+  machine.clock.Settle();
+}
+
 // A process that ends takes its marks with it, but leaves what is stored.
 TEST_F(OneShotTest, RunsAgainAfterARestartOnlyIfItWasNotCompleted) {
   for (const bool completed : {true, false}) {
