@@ -118,6 +118,10 @@ void PackageCompletion::Complete(const std::wstring& stored, const MarkPtr& mark
   Retries& retries = All();
   if (!retries.working) retries.reported = false;
   if (Contained([&] { return Remove(stored, mark); })) return;
+  if (LivingService() == nullptr) {
+    Contained(&ReportLeft);
+    return;
+  }
   retries.left = kTries;
   if (retries.working) return;
   Platform::StartDetached(&Retry);

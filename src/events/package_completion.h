@@ -26,8 +26,8 @@ class PackageCompletion {
   // Removes a request whose command has run, unless that happened already. If it fails, starts a
   // worker that tries again after 1, 2, 4 ... 256 seconds, until no service is left. It does so for
   // every such request of the process, and there is one worker at most: for a request that fails
-  // later, it begins anew after the pause that it is in. Takes listChange. Throws
-  // std::system_error when no thread can be started.
+  // later, it begins anew after the pause that it is in. Without a service, logs what is left.
+  // Takes listChange. Throws std::system_error when no thread can be started.
   static void Complete(const std::wstring& stored, const std::shared_ptr<FiringMark>& mark);
 
   // If the command of a stored request that PersistRequest would take for `request` has run,

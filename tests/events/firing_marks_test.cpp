@@ -202,6 +202,20 @@ TEST_F(OneShotTest, IsTriedAgainSoonAlsoWhileAnEarlierOneStillWaits) {
   machine.clock.Settle();
 }
 
+TEST_F(OneShotTest, ReportsACommandThatEndsAfterItsServiceAndStaysStored) {
+  Subscribe(Request(7));
+  Uninstall([&] {
+    Platform::CurrentMachine().kernelObjects->Signal(stop.get());
+    PackageCatalogEventManager::clear_events(&first);
+    PackageCompletion::CompleteAll();
+    machine.faults.FailNamed("KernelObjects.LockMutex");
+    return true;
+  });
+  machine.clock.Settle();
+  EXPECT_THAT(Sent(), SizeIs(1));
+  EXPECT_THAT(log.Lines(), Contains(HasSubstr(L"but its request stays stored")).Times(1));
+}
+
 // A process that ends takes its marks with it, but leaves what is stored.
 TEST_F(OneShotTest, RunsAgainAfterARestartOnlyIfItWasNotCompleted) {
   for (const bool completed : {true, false}) {
