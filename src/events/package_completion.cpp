@@ -108,9 +108,10 @@ RequestManager PackageCompletion::StoredRequests() {
 void PackageCompletion::AddService(const Platform::SharedHandle& stop) {
   LivingService();  // forgets those that ended
   auto& services = All().services;
-  if (stop != nullptr && std::ranges::find(services, stop) == services.end()) {
-    services.push_back(stop);
+  if (stop == nullptr || HasEnded(stop) || std::ranges::find(services, stop) != services.end()) {
+    return;
   }
+  services.push_back(stop);
 }
 
 void PackageCompletion::Complete(const std::wstring& stored, const MarkPtr& mark) {

@@ -216,6 +216,12 @@ TEST_F(OneShotTest, ReportsACommandThatEndsAfterItsServiceAndStaysStored) {
   EXPECT_THAT(log.Lines(), Contains(HasSubstr(L"but its request stays stored")).Times(1));
 }
 
+TEST_F(OneShotTest, KeepsNoEventOfAServiceThatHasEnded) {
+  Platform::CurrentMachine().kernelObjects->Signal(stop.get());
+  Replay(first);
+  EXPECT_EQ(stop.use_count(), 1);
+}
+
 // A process that ends takes its marks with it, but leaves what is stored.
 TEST_F(OneShotTest, RunsAgainAfterARestartOnlyIfItWasNotCompleted) {
   for (const bool completed : {true, false}) {
