@@ -162,7 +162,7 @@ bool PackageCompletion::CompleteEqual(const std::wstring& request) {
 void PackageCompletion::CompleteAll() {
   const std::lock_guard guard(listChange);
   const bool goesOn = LivingService() != nullptr && All().working;
-  if (!RemoveAll() && !goesOn) ReportLeft();
+  if (!Contained(&RemoveAll) && !goesOn) ReportLeft();
 }
 
 }  // namespace Vx::Tessel::Server::Services::Orvane

@@ -214,12 +214,31 @@ TEST_F(OneShotTest, ReportsACommandThatEndsAfterItsServiceAndStaysStored) {
   machine.clock.Settle();
   EXPECT_THAT(Sent(), SizeIs(1));
   EXPECT_THAT(log.Lines(), Contains(HasSubstr(L"but its request stays stored")).Times(1));
+  machine.faults.Clear();
+  PackageCompletion::CompleteAll();
 }
 
 TEST_F(OneShotTest, KeepsNoEventOfAServiceThatHasEnded) {
   Platform::CurrentMachine().kernelObjects->Signal(stop.get());
   Replay(first);
   EXPECT_EQ(stop.use_count(), 1);
+}
+
+TEST_F(OneShotTest, IsReportedAtTheEndAlsoWhenTheLastTryThrows) {
+  Tests::FaultyFiles disk;
+  const Platform::MachineScope faulty([&](Platform::Machine& all) { all.files = &disk; });
+  Subscribe(Request(5));
+  machine.timeline.SetListener(
+      [&](const auto&) { disk.onStep = [](const char*) -> Platform::ErrorCode { throw 1; }; });
+  Uninstall();
+  machine.timeline.SetListener({});
+  Platform::CurrentMachine().kernelObjects->Signal(stop.get());
+  machine.clock.Settle();
+  EXPECT_NO_THROW(PackageCompletion::CompleteAll());
+  EXPECT_THAT(log.Lines(), Contains(HasSubstr(L"but its request stays stored")).Times(1));
+  disk.onStep = [](const char*) { return 0U; };
+  PackageCompletion::CompleteAll();
+  PackageCatalogEventManager::clear_events();
 }
 
 // A process that ends takes its marks with it, but leaves what is stored.
