@@ -76,7 +76,7 @@ class PackageUninstallingPCEvent final : public IPCEvent {
   // notification.
   static std::mutex rLock;                // guards package queries and the opening of catalogs
   static std::mutex register_mux;         // guards the start of watcher threads
-  static std::mutex uninstall_event_mux;  // serialises notifications, but for trust checks
+  static std::mutex uninstall_event_mux;  // serialises notifications, but for first trust checks
 
  private:
   bool IsProcessRunningAsSystem() const;
