@@ -1,6 +1,7 @@
 #include "events/event_commands.h"
 
 #include <chrono>
+#include <cstdint>
 #include <utility>
 
 #include "host/logging.h"
@@ -93,13 +94,15 @@ EventCommandPtr CreateEventCommand(EventAction action, const Json::JsonObject& p
 
 std::unique_lock<std::mutex> TakeTurn(EventCommand& command, std::mutex& turn) {
   constexpr std::chrono::milliseconds kPause{10};
-  constexpr int kTries = 100;
+  constexpr std::uint64_t kPatience = 1000;  // milliseconds; Windows may sleep longer than asked
   auto* const launch = dynamic_cast<LaunchCommand*>(&command);
   // What is not trusted is not locked either.
   if (launch == nullptr || !launch->CheckAhead()) return std::unique_lock(turn);
+  Platform::Clock& clock = *Platform::CurrentMachine().clock;
+  const std::uint64_t begin = clock.TickCount();
   std::unique_lock taken(turn, std::try_to_lock);
-  for (int i = 0; i < kTries && !taken; ++i) {
-    Platform::CurrentMachine().clock->Sleep(kPause);
+  while (!taken && clock.TickCount() - begin < kPatience) {
+    clock.Sleep(kPause);
     static_cast<void>(taken.try_lock());
   }
   if (taken) return taken;
