@@ -25,6 +25,7 @@ struct InstallOptions {
   std::string start = "auto";
   std::vector<std::string> allowed;
   bool repair = false;
+  bool replace = false;
   bool development = false;
 };
 
@@ -68,6 +69,7 @@ int Install(const ModuleOptions& module, const InstallOptions& options, Console&
   plan.start = options.start == "auto" ? ServicePlan::Start::Automatic : ServicePlan::Start::Demand;
   plan.allowed = WideAll(options.allowed);
   plan.development = options.development;
+  plan.replaces = options.replace;
   CheckSids(plan.allowed);
   const Writers accepted = options.development ? Writers::Account : Writers::System;
   for (const std::wstring& file : {plan.program, plan.module}) {
@@ -197,6 +199,9 @@ void AddInstall(CommandLine& line, CLI::App& group) {
                      "program as SYSTEM, with its own arguments");
   install.add_flag("--repair", options->repair,
                    "take the right to write to an existing %ProgramData%\\Vx from users");
+  install.add_flag("--replace", options->replace,
+                   "give an installed service of this name these files and options; it uses them\n"
+                   "from its next start on");
   install.add_flag("--development", options->development,
                    "accept folders of the account that installs, and events of \"service send\";\n"
                    "never on a machine that others use");

@@ -49,6 +49,12 @@ expect 1 'not installed' service status --name "$name"
 expect 0 'may now start any trusted program as SYSTEM' service install --name "$name" \
   --development --repair --start demand --allow S-1-5-21-1-2-3-1001
 expect 2 'remove the installed one first' service install --name "$name" --development
+expect 2 'can be written by' --dll "$(windows "$work/open/OrvaneService.dll")" \
+  service install --name "$name" --development --replace
+expect 1 'demand' service status --name "$name"
+expect 0 'is installed' service install --name "$name" --development --replace
+expect 1 'auto' service status --name "$name"
+expect 0 'is installed' service install --name "$name" --development --replace --start demand
 for folder in "$data" "$data/Logs" "$data/SharedServices"; do
   if [ -n "$(find "$folder" -maxdepth 0 -perm /002)" ]; then
     fail "others may write to $folder"

@@ -41,7 +41,7 @@ std::string AdviceFor(DWORD error) {
     case ERROR_SERVICE_DOES_NOT_EXIST:
       return "; it is not installed";
     case ERROR_SERVICE_EXISTS:
-      return "; remove the installed one first";
+      return "; remove the installed one first, or install with --replace";
     case ERROR_SERVICE_MARKED_FOR_DELETE:
       return "; close the programs that look at it, then try again";
     case ERROR_SERVICE_NOT_ACTIVE:
@@ -177,22 +177,35 @@ std::wstring RequiredPrivileges() {
 }
 
 std::vector<std::string> ServiceManager::Install(const ServicePlan& plan) {
-  const UniqueServiceHandle manager = OpenManager(SC_MANAGER_CREATE_SERVICE);
+  const UniqueServiceHandle manager = OpenManager(SC_MANAGER_CONNECT | SC_MANAGER_CREATE_SERVICE);
   const bool automatic = plan.start == ServicePlan::Start::Automatic;
-  const UniqueServiceHandle service(CreateServiceW(
-      Raw(manager), plan.name.c_str(), plan.name.c_str(), SERVICE_ALL_ACCESS,
-      SERVICE_WIN32_OWN_PROCESS, automatic ? SERVICE_AUTO_START : SERVICE_DEMAND_START,
-      SERVICE_ERROR_NORMAL, ImagePath(plan).c_str(), nullptr, nullptr, nullptr, nullptr, nullptr));
+  const DWORD start = automatic ? SERVICE_AUTO_START : SERVICE_DEMAND_START;
+  const wchar_t* const name = plan.name.c_str();
+  const std::wstring image = ImagePath(plan);
+  bool created = true;
+  UniqueServiceHandle service(CreateServiceW(
+      Raw(manager), name, name, SERVICE_ALL_ACCESS, SERVICE_WIN32_OWN_PROCESS, start,
+      SERVICE_ERROR_NORMAL, image.c_str(), nullptr, nullptr, nullptr, nullptr, nullptr));
+  if (service == nullptr && plan.replaces && GetLastError() == ERROR_SERVICE_EXISTS) {
+    created = false;
+    service.reset(OpenServiceW(Raw(manager), name, SERVICE_ALL_ACCESS));
+    if (service != nullptr &&
+        ChangeServiceConfigW(Raw(service), SERVICE_WIN32_OWN_PROCESS, start, SERVICE_ERROR_NORMAL,
+                             image.c_str(), nullptr, nullptr, nullptr, nullptr, nullptr,
+                             name) == FALSE) {
+      Refused("replace", plan.name, GetLastError());
+    }
+  }
   if (service == nullptr) Refused("install", plan.name, GetLastError());
   const Settings settings(Raw(service), automatic);
   if (settings.error != ERROR_SUCCESS) {
-    DeleteService(Raw(service));
+    if (created) DeleteService(Raw(service));
     Refused("install", plan.name, settings.error);
   }
   try {
     AddEventSource(plan.name, plan.program);
   } catch (const std::runtime_error&) {
-    DeleteService(Raw(service));
+    if (created) DeleteService(Raw(service));
     throw;
   }
   return settings.unknown;

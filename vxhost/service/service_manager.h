@@ -18,6 +18,7 @@ struct ServicePlan {
   enum class Start { Automatic, Demand } start = Start::Automatic;
   std::vector<std::wstring> allowed = {};  // SIDs whose accounts may use the pipe
   bool development = false;                // takes codes for tests, see ServiceProcess
+  bool replaces = false;                   // an installed service of this name, if there is one
 };
 
 // Whether `name` may name a service, its pipe and its key: 1 to 64 letters, digits, dots, hyphens
@@ -51,8 +52,9 @@ using UniqueServiceHandle = std::unique_ptr<void, ServiceHandleCloser>;
 class ServiceManager {
  public:
   // Registers a service of LocalSystem in a process of its own, with failure actions, a service SID
-  // and the required privileges alone. Undone if Windows refuses a part. Returns the settings that
-  // this system does not know, which is none on Windows.
+  // and the required privileges alone. Undone if Windows refuses a part, except of a service that
+  // is replaced: that one has the new command line from its next start on. Returns the settings
+  // that this system does not know, which is none on Windows.
   std::vector<std::string> Install(const ServicePlan& plan);
 
   // Starts the service, or asks it to stop, and waits until it has and its process is gone. Done at
