@@ -6,6 +6,9 @@
 # Features: Main (module, tool), Manuals, and Service, which is left out unless it is asked for. Public
 # properties: INSTALLFOLDER, and SERVICEOPTIONS, the further arguments of "vxhost service install". The
 # package code and the times in it differ from build to build, everything else is the same.
+#
+# An upgrade leaves the older service registered until the newer one replaces it, because the tool that
+# writes the MSI knows no rollback actions: an upgrade that is rolled back finds its service again.
 set -euo pipefail
 folder=$(realpath "$1") version=$2 msi=$(realpath -m "$3")
 
@@ -80,17 +83,20 @@ END
 </Directory></Directory></Directory></Directory>
 $features
 <CustomAction Id="AddService" FileKey="Tool" Execute="deferred" Impersonate="no" Return="check"
-    ExeCommand="service install [SERVICEOPTIONS]"/>
+    ExeCommand="service install --replace [SERVICEOPTIONS]"/>
 <CustomAction Id="StartService" FileKey="Tool" Execute="deferred" Impersonate="no" Return="check"
     ExeCommand="service start"/>
 <CustomAction Id="StopService" FileKey="Tool" Execute="deferred" Impersonate="no" Return="ignore"
     ExeCommand="service stop"/>
 <CustomAction Id="DropService" FileKey="Tool" Execute="deferred" Impersonate="no" Return="ignore"
     ExeCommand="service remove"/>
+<CustomAction Id="DropOlderService" FileKey="Tool" Execute="deferred" Impersonate="no" Return="ignore"
+    ExeCommand="service remove"/>
 <InstallExecuteSequence>
 <RemoveExistingProducts Sequence="1510"/>
 <Custom Action="StopService" Sequence="1610">!Service=3 AND (&amp;Service=2 OR REMOVE="ALL")</Custom>
-<Custom Action="DropService" Sequence="1620">!Service=3 AND (&amp;Service=2 OR REMOVE="ALL")</Custom>
+<Custom Action="DropService" Sequence="1620">!Service=3 AND (&amp;Service=2 OR REMOVE="ALL") AND NOT UPGRADINGPRODUCTCODE</Custom>
+<Custom Action="DropOlderService" Sequence="4090">WIX_UPGRADE_DETECTED AND NOT &amp;Service=3</Custom>
 <Custom Action="AddService" Sequence="4100">&amp;Service=3 AND NOT !Service=3</Custom>
 <Custom Action="StartService" Sequence="4200">&amp;Service=3 AND NOT !Service=3</Custom>
 </InstallExecuteSequence>

@@ -1,6 +1,7 @@
 #!/bin/sh
 # msi_test.sh OLD NEW EMULATOR PREFIX: the emulator's installer installs the package OLD without and with
-# the service, upgrades it to NEW and removes it. The subscription that a client stored stays throughout.
+# the service, fails to upgrade it, upgrades it to NEW and removes it. The subscription that a client
+# stored stays throughout.
 set -u
 old=$1 new=$2 emulator=$3 prefix=$4
 place="$prefix/drive_c/Program Files/Vx/OrvaneService"
@@ -11,10 +12,23 @@ fail() { echo "failed: $*"; failures=$((failures + 1)); }
 windows() { printf 'Z:%s' "$(printf %s "$(realpath "$1")" | tr / '\\')"; }
 install() { "$emulator" "$prefix" msiexec "$@" /qn >/dev/null 2>&1; }
 run() { "$emulator" "$prefix" "$vxhost" "$@" 2>&1; }
+# eventually COMMAND...: true as soon as the command is, within ten seconds.
+eventually() {
+  tries=0
+  until "$@"; do
+    tries=$((tries + 1))
+    [ $tries -lt 100 ] || return 1
+    sleep 0.1
+  done
+}
+# What has ended may hold its files and the service manager its entry for a moment.
+tool_is_gone() { [ ! -e "$place/vxhost.exe" ]; }
+service_is_gone() { run service status | grep -q 'not installed'; }
 cleanup() {
   install /x "$(windows "$new")"
   install /x "$(windows "$old")"
-  rm -rf "$data"
+  "$emulator" "$prefix" 'C:\vxhost.exe' service remove >/dev/null 2>&1
+  rm -rf "$data" "$prefix/drive_c/vxhost.exe" "$prefix/drive_c/OrvaneService.dll"
 }
 trap cleanup EXIT
 
@@ -24,15 +38,28 @@ options='SERVICEOPTIONS=--development --start demand'
 rm -rf "$data"
 install /i "$(windows "$old")" || fail "the installation exits with $?"
 [ -f "$place/OrvaneService.dll" ] && [ -f "$place/docs/operations.md" ] || fail 'no module or no manual'
-run service status | grep -q 'not installed' || fail 'a service that was not asked for'
+service_is_gone || fail 'a service that was not asked for'
 [ -e "$place/clients" ] && fail 'clients that were not asked for'
 install /x "$(windows "$old")" || fail "the removal exits with $?"
-[ -e "$place/vxhost.exe" ] && fail 'the removal leaves the tool'
+eventually tool_is_gone || fail 'the removal leaves the tool'
 
 install /i "$(windows "$old")" ADDLOCAL=ALL "$options" || fail "the installation exits with $?"
 run service status | grep -q running || fail 'the service does not run'
 run service exec 9 '{"powerEventType":7,"eventAction":1,"commandParams":{"path":"C:\\kept.exe"}}' |
   grep -q 00000000 || fail 'no subscription is stored'
+
+# An upgrade that fails leaves the older service registered. The emulator neither marks a removal as part
+# of an upgrade, as Windows does, nor brings the older files back.
+cp "$place/vxhost.exe" "$place/OrvaneService.dll" "$prefix/drive_c/"
+registered() { "$emulator" "$prefix" 'C:\vxhost.exe' service status 2>&1 | grep -E 'demand|image'; }
+before=$(registered)
+install /x "$(windows "$old")" UPGRADINGPRODUCTCODE=newer || fail "the removal exits with $?"
+eventually tool_is_gone || fail 'the removal for an upgrade leaves the tool'
+install /i "$(windows "$new")" ADDLOCAL=ALL SERVICEOPTIONS=--none && fail 'wrong options are accepted'
+[ -n "$before" ] && [ "$(registered)" = "$before" ] ||
+  fail 'an upgrade that fails does not leave the older service as it was'
+install /i "$(windows "$old")" ADDLOCAL=ALL "$options" || fail "the installation over a registered service exits with $?"
+run service status | grep -q running || fail 'the service that was registered does not run again'
 first=$(run service status --json | grep -o '"process": *[0-9]*')
 
 install /i "$(windows "$new")" ADDLOCAL=ALL "$options" || fail "the upgrade exits with $?"
@@ -41,12 +68,16 @@ run service status | grep -q running || fail 'the service does not run after the
   fail 'the service of the old version runs on'
 install /i "$(windows "$old")" && fail 'the older version replaces the newer one'
 
-cp "$place/vxhost.exe" "$place/OrvaneService.dll" "$prefix/drive_c/"
 install /x "$(windows "$new")" || fail "the removal exits with $?"
 vxhost='C:\vxhost.exe'
-[ -e "$place/vxhost.exe" ] && fail 'the removal leaves the tool'
-run service status | grep -q 'not installed' || fail 'the removal leaves the service'
+eventually tool_is_gone || fail 'the removal leaves the tool'
+eventually service_is_gone || fail 'the removal leaves the service'
 run subscriptions | grep -q 'kept.exe' || fail 'the subscription is gone'
-rm -f "$prefix/drive_c/vxhost.exe" "$prefix/drive_c/OrvaneService.dll"
+
+# An upgrade to the newer version without the service. Windows sets both properties itself.
+install /i "$(windows "$old")" ADDLOCAL=ALL "$options" || fail "the installation exits with $?"
+install /x "$(windows "$old")" UPGRADINGPRODUCTCODE=newer || fail "the removal exits with $?"
+install /i "$(windows "$new")" WIX_UPGRADE_DETECTED=older || fail "the installation exits with $?"
+eventually service_is_gone || fail 'an upgrade without the service leaves it'
 [ $failures = 0 ] && echo passed
 exit $failures
