@@ -1,5 +1,6 @@
 #include "vxhost/service/host_loop.h"
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <mutex>
@@ -13,6 +14,8 @@
 
 #include <windows.h>
 
+#include "platform/machine.h"
+#include "platform/system_services.h"
 #include "platform/unique_handle.h"
 #include "storage/cap_data_store.h"
 #include "storage/system_mutex.h"
@@ -178,6 +181,26 @@ TEST_F(HostLoopTest, AFullQueueKeepsTheLastReportOfEachCodeAndWarnsOnce) {
             L"earlier one\n"
             L"INFO : power event 18\nINFO : session change 7\nINFO : session change 8\n"
             L"INFO : session change 6\n");
+}
+
+class SetupState final : public Platform::Oobe {
+ public:
+  State Query() const override { return {true, complete}; }
+
+  std::atomic<bool> complete{false};
+};
+
+// Slot 8 reports a store that cannot be opened. With one it would keep the module for an hour.
+TEST_F(HostLoopTest, CallsSlot8WhenSetupEnds) {
+  SetupState setup;
+  const Platform::MachineScope scope([&](Platform::Machine& machine) { machine.oobe = &setup; });
+  store.Block();
+  {
+    const HostLoop host(Options(false), *log);
+    setup.complete = true;
+    EXPECT_TRUE(Logs(L"ERROR : Failed to create CapDataStore"));
+  }
+  EXPECT_THAT(Logged(), HasSubstr(L"first-run set-up is complete"));
 }
 
 TEST_F(HostLoopTest, AFileThatIsNotAModuleIsReported) {

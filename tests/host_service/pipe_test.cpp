@@ -270,6 +270,33 @@ TEST_F(PipeTest, TakesTheMessagesOfTheSampleClients) {
   }
 }
 
+TEST_F(PipeTest, AClientSeesTheErrorsOfTheManual) {
+  const auto errorOfOpen = [this] {
+    const auto pipe = Platform::AdoptFile(
+        CreateFileW(path.c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr));
+    return pipe == nullptr ? GetLastError() : DWORD{ERROR_SUCCESS};
+  };
+  const auto errorOfRead = [](const Platform::UniqueHandle& pipe) {
+    char part[10];
+    DWORD size = 0;
+    return ReadFile(pipe.get(), part, sizeof part, &size, nullptr) ? DWORD{ERROR_SUCCESS}
+                                                                   : GetLastError();
+  };
+  EXPECT_EQ(errorOfOpen(), DWORD{ERROR_FILE_NOT_FOUND});
+  Serve();
+  std::vector<Platform::UniqueHandle> crowd(8);
+  for (auto& pipe : crowd) pipe = RawClient();
+  EXPECT_EQ(errorOfOpen(), DWORD{ERROR_PIPE_BUSY});
+  EXPECT_TRUE(Send(crowd[0], WriteCommand({7, L"longer than its buffer"})));
+  EXPECT_EQ(errorOfRead(crowd[0]), DWORD{ERROR_MORE_DATA});
+  EXPECT_TRUE(Send(crowd[1], "rubbish"));
+  server.reset();
+  for (const std::size_t ended : {1U, 2U}) {
+    EXPECT_THAT(errorOfRead(crowd[ended]),
+                testing::AnyOf(DWORD{ERROR_BROKEN_PIPE}, DWORD{ERROR_PIPE_NOT_CONNECTED}));
+  }
+}
+
 TEST_F(PipeTest, ASilentClientIsDisconnected) {
   idle = 50ms;
   Serve();
