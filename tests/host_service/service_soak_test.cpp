@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -111,7 +112,7 @@ class ServiceSoakTest : public ::testing::Test {
                     [this](const CommandEnvelope& command, const std::wstring& client) {
                       return host.Execute(command, client);
                     },
-                    [](const wchar_t*, const std::wstring&) {}};
+                    [](const wchar_t*, std::wstring_view) {}};
 };
 
 TEST_F(ServiceSoakTest, ADayLeavesHandlesThreadsAndMemoryWhereTheyWere) {
