@@ -138,17 +138,10 @@ bool IsPlain(const FileFacts& facts) {
   return facts.names == 1 && (facts.attributes & (kDirectory | kReparsePoint)) == 0;
 }
 
-// A file beside the store that this store may adopt or delete.
-struct OwnFile {
-  std::wstring path;
-  FileFacts facts;
-  std::unique_ptr<FileHandle> file;
-};
-
-// Opens a file if it is an ordinary one that belongs to the system. Returns nothing if it is not or
-// no longer exists, and the error if Windows does not say.
-Result<std::optional<OwnFile>> OpenOwn(const std::wstring& path, FileUse use) {
-  using Own = Result<std::optional<OwnFile>>;
+// Opens a file beside the store if the store may adopt or delete it: an ordinary one that belongs
+// to the system. Returns null if it is not or no longer exists, and the error if Windows does not
+// say.
+Opened OpenOwn(const std::wstring& path, FileUse use) {
   // A file of another account may be held open: its owner is read first.
   for (const FileUse step : {FileUse::Inspect, use}) {
     Opened opened = Files().Open(path, step);
@@ -156,16 +149,16 @@ Result<std::optional<OwnFile>> OpenOwn(const std::wstring& path, FileUse use) {
       // Windows lets the system inspect its own files. It refuses to open a folder like this.
       const bool foreign = step == FileUse::Inspect && opened.Error() == kAccessDenied;
       if (foreign || IsOneOf(opened.Error(), kNotThere)) break;
-      return Own::Failure(opened.Error());
+      return Opened::Failure(opened.Error());
     }
     const Result<FileFacts> facts = (*opened)->Facts();
-    if (!facts) return Own::Failure(facts.Error());
+    if (!facts) return Opened::Failure(facts.Error());
     const Result<bool> ours = (*opened)->BelongsToSystem();
-    if (!ours) return Own::Failure(ours.Error());
+    if (!ours) return Opened::Failure(ours.Error());
     if (!IsPlain(*facts) || !*ours) break;
-    if (step == use) return Own(OwnFile{path, *facts, *std::move(opened)});
+    if (step == use) return opened;
   }
-  return Own(std::nullopt);
+  return Opened(nullptr);
 }
 
 Result<std::vector<std::wstring>> SiblingsOf(const std::wstring& path) {
@@ -178,8 +171,8 @@ Result<std::vector<std::wstring>> SiblingsOf(const std::wstring& path) {
 
 // Deletes a file if it is an own one that no process holds.
 void RemoveOwn(const std::wstring& path) {
-  const Result<std::optional<OwnFile>> own = OpenOwn(path, FileUse::Remove);
-  if (own && *own) (*own)->file->Remove();
+  const Opened own = OpenOwn(path, FileUse::Remove);
+  if (own && *own != nullptr) (*own)->Remove();
 }
 
 // Returns the number at the end of a copy's name, which orders the copies also if the clock is set
@@ -196,8 +189,8 @@ Result<std::vector<std::wstring>> CopiesOf(const std::wstring& path) {
   if (!copies) return copies;
   std::erase_if(*copies, [&](const std::wstring& name) {
     if (!name.starts_with(path + kDamagedMark)) return true;
-    const Result<std::optional<OwnFile>> own = OpenOwn(name, FileUse::Inspect);
-    return !own || !*own;
+    const Opened own = OpenOwn(name, FileUse::Inspect);
+    return !own || *own == nullptr;
   });
   std::ranges::sort(*copies, {},
                     [](const std::wstring& copy) { return std::pair(NumberOf(copy), copy); });
@@ -210,8 +203,8 @@ bool Holds(const FileHandle& file, std::span<const std::byte> content) {
 }
 
 bool IsCopyOf(const std::wstring& copy, std::span<const std::byte> content) {
-  const Result<std::optional<OwnFile>> own = OpenOwn(copy, FileUse::Read);
-  return own && *own && Holds(*(*own)->file, content);
+  const Opened own = OpenOwn(copy, FileUse::Read);
+  return own && *own != nullptr && Holds(**own, content);
 }
 
 // Writes over an open file whose content is `old`, and puts that back if it fails.
@@ -387,31 +380,33 @@ SealedFile::Reading SealedFile::Adopt(Reading reading) {
   };
   const Result<std::vector<std::wstring>> names = Patiently([this] { return SiblingsOf(path); });
   if (!names) return notOpened(names.Error());
-  std::optional<FileFacts> newest;
-  std::wstring newestPath;
+  std::wstring newest;
+  std::uint64_t written = 0;
   Bytes content;
   for (const std::wstring& name : *names) {
-    const Result<std::optional<OwnFile>> own =
-        Patiently([&] { return OpenOwn(name, FileUse::Read); });
+    const Opened own = Patiently([&] { return OpenOwn(name, FileUse::Read); });
     // An interrupted write may have left what cannot be read for the moment.
     if (!own) return notOpened(own.Error());
-    if (!*own || (newest && newest->written > (*own)->facts.written)) continue;
-    Result<Bytes> found = Patiently([&] { return (*own)->file->Content(kMaxFileSize); });
+    if (*own == nullptr) continue;
+    const Result<FileFacts> facts = (*own)->Facts();
+    if (!facts) return notOpened(facts.Error());
+    if (facts->written < written) continue;
+    Result<Bytes> found = Patiently([&] { return (*own)->Content(kMaxFileSize); });
     // No write leaves one that is so large.
     if (!found && found.Error() == kFileTooLarge) continue;
     if (!found) return notOpened(found.Error());
     Reading unsealed = Unseal(*found);
     if (unsealed.state == StoreState::NotOpened) return unsealed;
     if (!unsealed.document) continue;
-    newest = (*own)->facts;
-    newestPath = name;
+    newest = name;
+    written = facts->written;
     content = *std::move(found);
   }
-  if (!newest) return reading;
+  if (newest.empty()) return reading;
   if (IsDamaged(reading.state) && !KeepCopy(reading.content)) return notOpened(reading.error);
-  const ErrorCode error = PutInPlace(newestPath, content);
+  const ErrorCode error = PutInPlace(newest, content);
   if (error != 0) return notOpened(error);
-  Log().LogWarning(kAdopted, newestPath.c_str());
+  Log().LogWarning(kAdopted, newest.c_str());
   return ReadOnce();
 }
 
@@ -419,10 +414,9 @@ SealedFile::Reading SealedFile::Adopt(Reading reading) {
 // keeps the sibling open until its process ends, so that it cannot be renamed. Its content is then
 // written over the file.
 ErrorCode SealedFile::PutInPlace(const std::wstring& sibling, std::span<const std::byte> content) {
-  const Result<std::optional<OwnFile>> own =
-      Patiently([&] { return OpenOwn(sibling, FileUse::Replace); });
+  const Opened own = Patiently([&] { return OpenOwn(sibling, FileUse::Replace); });
   ErrorCode error = own ? 0 : own.Error();
-  FileHandle* const file = own && *own ? (*own)->file.get() : nullptr;
+  FileHandle* const file = own ? own->get() : nullptr;
   const bool movable = file != nullptr && Holds(*file, content);
   if (movable) {
     error = PatientRename([&] { return file->MoveOver(path); });
