@@ -138,7 +138,7 @@ int CommandLine::Execute(std::vector<std::string> arguments) {
 
 int CommandLine::Fail(const std::string& why, std::int32_t result) const {
   if (json) {
-    Console({.form = LogForm::Json}).Line(Utf8(ErrorJson(why, kUnusable, result)));
+    Console({.form = LogForm::Json}).JsonResult(ErrorJson(why, kUnusable, result));
   } else {
     const std::string code = result == 0 ? "" : ": " + DescribeResult(result);
     std::fprintf(stderr, "vxhost: %s\n", Printable(why + code, LineBreaks::Keep).c_str());

@@ -184,7 +184,11 @@ void Console::WriteNote(const std::string& text, LineBreaks breaks) {
 }
 
 void Console::JsonResult(const Json::WideValue& result) {
-  Line(Utf8(Json::JsonText(result)));
+  JsonResult(Json::JsonText(result));
+}
+
+void Console::JsonResult(std::wstring_view json) {
+  Write(PrintableJson(json));
 }
 
 void Console::Line(const std::string& text) {
@@ -213,7 +217,7 @@ void Console::Result(const Answer& answer) {
 }
 
 std::string Console::TextOf(const LogLine& line, const std::wstring& moment) const {
-  if (WritesJson()) return Printable(Utf8(JsonLine(line, moment)), LineBreaks::Replace);
+  if (WritesJson()) return PrintableJson(JsonLine(line, moment));
   const std::string caller = line.caller.empty() ? "" : " [" + Utf8(line.caller) + "]";
   const std::string text = Printable("   " + (moment.empty() ? "" : Utf8(moment) + " ") + "log " +
                                          Utf8(line.level) + caller + ": " + Utf8(line.message),

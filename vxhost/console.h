@@ -33,7 +33,7 @@ class TerminalScope {
 };
 
 // Writes in UTF-8, one whole line at a time. Any thread may call it. Control characters in a text
-// are replaced (see Printable).
+// are replaced (see Printable), and those in JSON escaped.
 //
 // Results go to standard output. Headings, requests, notes and log lines accompany a result: in
 // text form they stand before it, in JSON form they go to standard error, where no parser reads
@@ -46,6 +46,7 @@ class Console {
 
   // A result in JSON form. Commands that offer --json write nothing else to standard output.
   void JsonResult(const Json::WideValue& result);
+  void JsonResult(std::wstring_view json);
 
   void Heading(const std::string& text);
   // One line that accompanies the result.

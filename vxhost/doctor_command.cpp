@@ -425,7 +425,7 @@ void PrintJson(const std::vector<Check>& checks, Console& console) {
     add(L"advice", check.advice);
     document.PushBack(row, pool);
   }
-  console.Lines(Utf8(Json::JsonText(document)));
+  console.JsonResult(document);
 }
 
 int Doctor(const CommandLine& line, const std::string& logFolder, Console& console) {

@@ -77,7 +77,7 @@ int ShowServiceSubscriptions(const std::string& name, Console& console) {
   }
   const auto lists = Json::JsonObject::Parse(*answer.text).GetNamedObject(L"result");
   if (console.WritesJson()) {
-    console.Line(Utf8(lists.Stringify()));
+    console.JsonResult(lists.Stringify());
   } else {
     for (const wchar_t* list : {L"power_events", L"zephra_events"}) {
       for (const Json::JsonValue& value :
@@ -95,9 +95,11 @@ int ShowServiceStore(const std::string& name, Console& console) {
   for (const StoredValue& value : kValues) {
     const ResultEnvelope result = client.Execute({value.command, value.request});
     const std::wstring text = result.code == 0 && result.response ? *result.response : L"null";
-    console.Line(console.WritesJson()
-                     ? R"({"key":")" + std::string(value.key) + R"(","answer":)" + Utf8(text) + "}"
-                     : std::string(value.key) + " " + Utf8(text));
+    if (console.WritesJson()) {
+      console.JsonResult(LR"({"key":")" + Wide(value.key) + LR"(","answer":)" + text + L"}");
+    } else {
+      console.Line(std::string(value.key) + " " + Utf8(text));
+    }
   }
   console.Note(kNotReturned);
   return kDone;

@@ -135,7 +135,7 @@ void Print(const WideDocument& document, Console& console) {
       writer(buffer, &scratch);
   writer.SetIndent(L' ', 2);
   document.Accept(writer);
-  console.Lines(Utf8(buffer.View()));
+  console.JsonResult(buffer.View());
 }
 
 struct Options {

@@ -1,6 +1,8 @@
 #include "vxhost/text.h"
 
 #include <algorithm>
+#include <cstdio>
+#include <cwchar>
 #include <fstream>
 #include <iostream>
 #include <iterator>
@@ -67,6 +69,21 @@ std::string Printable(std::string_view text, LineBreaks breaks) {
         shown[i] == L'\n' || shown[i] == L'\t' || shown.compare(i, 2, L"\r\n") == 0;
     if (laysOut && breaks == LineBreaks::Keep) continue;
     if (DrivesATerminal(shown[i])) shown[i] = kReplacement;
+  }
+  return Utf8(shown);
+}
+
+std::string PrintableJson(std::wstring_view json) {
+  std::wstring shown;
+  shown.reserve(json.size());
+  for (const wchar_t unit : json) {
+    if (unit == L'\n' || !DrivesATerminal(unit)) {
+      shown += unit;
+      continue;
+    }
+    wchar_t escape[8];
+    std::swprintf(escape, std::size(escape), L"\\u%04X", static_cast<unsigned>(unit));
+    shown += escape;
   }
   return Utf8(shown);
 }

@@ -19,6 +19,10 @@ std::wstring Wide(std::string_view text);
 enum class LineBreaks { Replace, Keep };
 std::string Printable(std::string_view text, LineBreaks breaks);
 
+// The JSON text `json` as a terminal may show it: the same characters become escapes, so that a
+// reader gets every string unchanged.
+std::string PrintableJson(std::wstring_view json);
+
 // `text` as the content of an element or an attribute of XML or HTML. Keeps line ends, as LF.
 std::string Markup(std::string_view text);
 

@@ -52,7 +52,7 @@ void Print(const Outcome& outcome, bool named, Console& console) {
   console.Line(outcome.check.Runs() ? "It can run." : "It would never run.");
 }
 
-std::string AsJson(const Outcome& outcome) {
+std::wstring AsJson(const Outcome& outcome) {
   Json::WideDocument document(rapidjson::kObjectType);
   auto& pool = document.GetAllocator();
   Json::WideValue findings(rapidjson::kArrayType);
@@ -71,7 +71,7 @@ std::string AsJson(const Outcome& outcome) {
   document.AddMember(L"request", Json::WideValue(Wide(outcome.request), pool), pool);
   document.AddMember(L"runs", outcome.check.Runs(), pool);
   document.AddMember(L"findings", findings, pool);
-  return Utf8(Json::JsonText(document));
+  return Json::JsonText(document);
 }
 
 constexpr char kFooter[] =
@@ -100,7 +100,7 @@ int Validate(const ModuleOptions& module, const std::vector<std::string>& reques
     const Outcome outcome{request, CheckSubscription(TextOrFile(request), keys)};
     if (!outcome.check.Runs()) code = kNotMet;
     if (console.WritesJson()) {
-      console.Lines(AsJson(outcome));
+      console.JsonResult(AsJson(outcome));
     } else {
       Print(outcome, requests.size() > 1, console);
     }

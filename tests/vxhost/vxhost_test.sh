@@ -129,6 +129,13 @@ changing 0 'removed: ' remove 1
 changing 1 'not removed' remove 1
 kept 0 'is kept as' store restore "$work/backup.dat"
 kept 0 '   2  ' subscriptions
+# A text comes back from an export as it was, also where a terminal must not see it.
+printf '{"zephraEventType":1,"eventAction":2,"commandParams":{"packageFamilyName":"a",
+  "appServiceName":"b","payload":{"\342\200\217\302\205\177":1}}}' > "$work/marks.json"
+expect 0 'accepted' --dll "$module" --store "$work/kept" exec 14 "@$work/marks.json"
+run --store "$work/kept" store export > "$work/marks_export.json" 2> "$work/errors"
+kept 0 'is kept as' store import "$work/marks_export.json"
+expect 0 'taken back' --dll "$module" --store "$work/kept" exec 15 "@$work/marks.json"
 printf '{"document":{"OrvaneServiceDocument":{"value":{"PackageCatalogEventSubscriptions":{"value":
   "[{\\"catalogEvent\\":5}]"}}}}}' > "$work/package.json"
 kept 0 'is kept as' store import "$work/package.json"
