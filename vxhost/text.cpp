@@ -13,6 +13,9 @@
 
 #include <windows.h>
 
+#include <fcntl.h>
+#include <io.h>
+
 #include "json/text_decoding.h"
 #include "json/utf8.h"
 
@@ -161,7 +164,11 @@ std::wstring FullPathOfFile(const std::string& path) {
 }
 
 std::wstring TextOrFile(const std::string& argument) {
-  if (argument == "@-") return FromBytes(std::string(std::istreambuf_iterator<char>(std::cin), {}));
+  if (argument == "@-") {
+    // As text it would end at a byte 0x1A, which UTF-16 has in letters.
+    if (_setmode(_fileno(stdin), _O_BINARY) == -1) throw std::runtime_error("no standard input");
+    return FromBytes(std::string(std::istreambuf_iterator<char>(std::cin), {}));
+  }
   if (argument.rfind('@', 0) == 0) return ReadTextFile(FullPath(argument.substr(1)));
   return Wide(argument);
 }
