@@ -1,5 +1,6 @@
 #include "vxhost/loaded_module.h"
 
+#include <cstddef>
 #include <stdexcept>
 
 #include <windows.h>
@@ -13,6 +14,8 @@ using Tessel::Server::Services::ClientContext;
 
 namespace {
 
+constexpr std::size_t kLongestCaller = 64;  // the module ends the process for a longer one
+
 std::string LoadFailure(const std::wstring& path, DWORD error) {
   return "cannot load " + Utf8(path) + " (error " + std::to_string(error) +
          "); build it with scripts/build, or name it with --dll";
@@ -22,6 +25,9 @@ std::string LoadFailure(const std::wstring& path, DWORD error) {
 
 Answer ServiceSession::Execute(std::uint32_t id, const std::wstring& request,
                                const std::wstring& caller) {
+  if (caller.size() > kLongestCaller) {
+    throw std::runtime_error("a client's identity has at most 64 characters");
+  }
   ClientContext* context = nullptr;
   service->CreateClientContext(caller.c_str(), &context);
   Answer answer;

@@ -58,6 +58,7 @@ fi
 expect 2 'subscriptions remove, pins, trust, validate, explain and doctor use it' \
   --private-store store show
 expect 2 'no event to send' events
+expect 2 'at most 64 characters' --dll "$module" --private-store exec 22 --caller "$(printf '%065d' 1)"
 expect 2 '--seconds' --simulate events --power 7 --seconds -1
 expect 2 'there is no file' trust "$work/missing.exe"
 expect 1 'NEVER  powerEventType: power event 99 never occurs' validate '{"powerEventType":99,"eventAction":2,
