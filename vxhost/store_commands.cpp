@@ -284,9 +284,11 @@ void AddStoreCommands(CommandLine& line) {
   CLI::App& group = line.AddGroup("store", "the shared store");
   for (const Command& command : kCommands) {
     const auto options = std::make_shared<Options>();
-    CLI::App& added =
-        line.Add(group, command.name, command.about, command.footer,
-                 [&command, options](Console& console) { return command.run(*options, console); });
+    CLI::App& added = line.Add(group, command.name, command.about, command.footer,
+                               [&line, &command, options](Console& console) {
+                                 if (!options->service.empty()) RefuseForService(line.Module());
+                                 return command.run(*options, console);
+                               });
     if (command.file != File::None) {
       added.add_option("file", options->file, "a copy of the store's file, or exported values")
           ->required(command.file == File::Required);

@@ -277,11 +277,18 @@ constexpr char kRemoveFooter[] =
     "Sends the exact text that is stored. Exit code 1 when nothing was removed.\n"
     "  vxhost subscriptions remove 3";
 
-void AddAdd(CommandLine& line, CLI::App& parent) {
+// A change would go past the service that the operator means.
+void RefuseService(const std::string& service) {
+  if (!service.empty()) throw std::runtime_error("\"subscriptions --service\" only lists");
+}
+
+void AddAdd(CommandLine& line, CLI::App& parent, const std::shared_ptr<std::string>& service) {
   const auto options = std::make_shared<AddOptions>();
-  CLI::App& add = line.Add(
-      parent, "add", "compose a subscription, check it and send it", kAddFooter,
-      [&line, options](Console& console) { return Add(line.Module(), *options, console); });
+  CLI::App& add = line.Add(parent, "add", "compose a subscription, check it and send it",
+                           kAddFooter, [&line, options, service](Console& console) {
+                             RefuseService(*service);
+                             return Add(line.Module(), *options, console);
+                           });
   add.add_option("--power", options->power, "at this power event");
   add.add_option("--platform", options->platform, "at this platform event");
   add.add_option("--uninstalling", options->uninstalling, "when this family begins to go");
@@ -302,11 +309,13 @@ void AddAdd(CommandLine& line, CLI::App& parent) {
   line.UseStore(add);
 }
 
-void AddRemove(CommandLine& line, CLI::App& parent) {
+void AddRemove(CommandLine& line, CLI::App& parent, const std::shared_ptr<std::string>& service) {
   const auto options = std::make_shared<RemoveOptions>();
-  CLI::App& remove = line.Add(
-      parent, "remove", "take a subscription back", kRemoveFooter,
-      [&line, options](Console& console) { return Remove(line.Module(), *options, console); });
+  CLI::App& remove = line.Add(parent, "remove", "take a subscription back", kRemoveFooter,
+                              [&line, options, service](Console& console) {
+                                RefuseService(*service);
+                                return Remove(line.Module(), *options, console);
+                              });
   remove.add_option("which", options->which, "its number, or its hash")->required();
   remove.add_option("--caller", options->caller, "the client's identity")->capture_default_str();
   CommandLine::AddTimeout(remove, options->limits);
@@ -321,8 +330,9 @@ void AddSubscriptionCommands(CommandLine& line) {
   const auto limits = std::make_shared<HoldLimits>();
   const auto service = std::make_shared<std::string>();
   const auto list = [&line, limits, service](Console& console) {
-    return service->empty() ? List(line.Module(), *limits, console)
-                            : ShowServiceSubscriptions(*service, console);
+    if (service->empty()) return List(line.Module(), *limits, console);
+    RefuseForService(line.Module());
+    return ShowServiceSubscriptions(*service, console);
   };
   CLI::App& group =
       line.Add("subscriptions", "list the stored subscriptions, or change them", kListFooter, list);
@@ -334,8 +344,8 @@ void AddSubscriptionCommands(CommandLine& line) {
     line.UseModule(*command);
     line.UseStore(*command);
   }
-  AddAdd(line, group);
-  AddRemove(line, group);
+  AddAdd(line, group, service);
+  AddRemove(line, group, service);
 }
 
 }  // namespace Vx::Host

@@ -58,6 +58,9 @@ fi
 expect 2 'subscriptions remove, pins, trust, validate, explain and doctor use it' \
   --private-store store show
 expect 2 'no event to send' events
+expect 2 'its own module and store' --store "$work" subscriptions --service=None
+expect 2 'its own module and store' --store "$work" store show --service=None
+expect 2 'service" only lists' subscriptions --service=None add --power 7 --send a --service b
 expect 2 'at most 64 characters' --dll "$module" --private-store exec 22 --caller "$(printf '%065d' 1)"
 expect 2 '--seconds' --simulate events --power 7 --seconds -1
 expect 2 'there is no file' trust "$work/missing.exe"
