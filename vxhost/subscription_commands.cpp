@@ -169,6 +169,9 @@ class Composer {
     }
     Json::WideValue copy;
     copy.CopyFrom(payload, pool);
+    if (!options.trigger.empty() && copy.HasMember(L"customTriggerGUID")) {
+      throw std::runtime_error("the payload names a trigger already; leave --trigger out");
+    }
     if (!options.trigger.empty()) PutText(copy, L"customTriggerGUID", options.trigger);
     Json::WideValue parameters(rapidjson::kObjectType);
     PutText(parameters, L"packageFamilyName", options.send);
