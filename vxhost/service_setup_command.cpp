@@ -149,6 +149,9 @@ int Status(const std::string& name, Console& console) {
 }
 
 int Send(const SendOptions& options, Console& console) {
+  if (options.power.empty() && options.sessions.empty()) {
+    throw std::runtime_error("no event to send: name one with --power or --session");
+  }
   ServiceManager manager;
   const std::wstring name = CheckedName(options.name);
   for (const std::uint32_t code : options.power) {

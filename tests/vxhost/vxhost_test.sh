@@ -58,6 +58,7 @@ fi
 expect 2 'subscriptions remove, pins, trust, validate, explain and doctor use it' \
   --private-store store show
 expect 2 'no event to send' events
+expect 2 'no event to send' service send
 expect 2 'names a trigger already' subscriptions add --power 7 --send a --service b \
   --payload '{"customTriggerGUID":"c"}' --trigger d
 expect 2 'its own module and store' --store "$work" subscriptions --service=None
