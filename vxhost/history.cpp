@@ -390,7 +390,8 @@ void History::Close(Place delivery, const std::wstring& time, Decision decision,
   row.detail += detail;
   const auto from = MomentOf(row.time);
   const auto to = MomentOf(time);
-  if (from && to) row.milliseconds = *to - *from;
+  // Between lines that a clock set back has written, no length is known.
+  if (from && to && *to >= *from) row.milliseconds = *to - *from;
   if (row.subscriptions.empty() && delivery->kind != nullptr && delivery->delay != kUnknownDelay) {
     unnamed.push_back({delivery->row, delivery->kind, delivery->delay});
   }
