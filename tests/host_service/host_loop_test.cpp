@@ -203,6 +203,20 @@ TEST_F(HostLoopTest, CallsSlot8WhenSetupEnds) {
   EXPECT_THAT(Logged(), HasSubstr(L"first-run set-up is complete"));
 }
 
+TEST_F(HostLoopTest, DropsTheSecondReportHoweverLongTheModuleTakesForTheFirst) {
+  HostLoop host(Options(false), *log);
+  {
+    CodeQueue codes(host, *log);
+    Tessel::Server::Storage::SystemMutex inUse(Tessel::Server::Storage::CapDataStore::kMutexName);
+    inUse.lock();
+    codes.AddPower(10, PowerSource::ServiceControl);
+    codes.AddPower(10, PowerSource::Notification);
+    Sleep(2100);
+    inUse.unlock();
+  }
+  EXPECT_TRUE(Logs(L"the other source has just reported it: power event 10\n"));
+}
+
 TEST_F(HostLoopTest, AFileThatIsNotAModuleIsReported) {
   EXPECT_THROW(HostLoop({OwnPath(), false}, *log), std::runtime_error);
 }

@@ -93,10 +93,12 @@ ResultEnvelope HostLoop::Execute(const CommandEnvelope& command, const std::wstr
   return {answer.code, std::move(answer.text)};
 }
 
-void HostLoop::OnPower(std::uint32_t code, PowerSource source) {
+void HostLoop::OnPower(std::uint32_t code, PowerSource source,
+                       std::optional<std::uint64_t> reported) {
   {
     const std::lock_guard guard(filterLock);
-    if (!filter.Passes(code, source, CurrentMachine().clock->TickCount())) {
+    const std::uint64_t time = reported ? *reported : CurrentMachine().clock->TickCount();
+    if (!filter.Passes(code, source, time)) {
       log.Add(L"INFO", kRepeated + std::to_wstring(code));
       return;
     }

@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <map>
 #include <mutex>
+#include <optional>
 #include <string>
 
 #include "platform/thread.h"
@@ -55,7 +56,9 @@ class HostLoop {
 
   // Any thread, several at once. Block while the module works.
   ResultEnvelope Execute(const CommandEnvelope& command, const std::wstring& client);
-  void OnPower(std::uint32_t code, PowerSource source);
+  // `reported` is the tick count at which Windows reported the code, by default now.
+  void OnPower(std::uint32_t code, PowerSource source,
+               std::optional<std::uint64_t> reported = std::nullopt);
   void OnSession(std::uint32_t code);
 
   // The machine enters or leaves Modern Standby. Sets or resets the standby event on a machine that

@@ -11,6 +11,8 @@
 
 #include <windows.h>
 
+#include "platform/clock.h"
+#include "platform/machine.h"
 #include "vxhost/service/event_log.h"
 #include "vxhost/service/guarded_folder.h"
 #include "vxhost/service/log_folder.h"
@@ -115,20 +117,20 @@ CodeQueue::~CodeQueue() {
 }
 
 void CodeQueue::AddPower(std::uint32_t code, PowerSource source) noexcept {
-  Add({true, code, source});
+  Add(true, code, source);
 }
 
 void CodeQueue::AddSession(std::uint32_t code) noexcept {
-  Add({false, code, PowerSource::ServiceControl});
+  Add(false, code, PowerSource::ServiceControl);
 }
 
-void CodeQueue::Add(const Code& code) noexcept {
+void CodeQueue::Add(bool power, std::uint32_t code, PowerSource source) noexcept {
   try {
     std::unique_lock guard(lock);
-    codes.push_back(code);
+    codes.push_back({power, code, source, Platform::CurrentMachine().clock->TickCount()});
     if (codes.size() > capacity) DropOne();
     changed.notify_all();
-    if (!code.power || code.code != PBT_APMSUSPEND) return;
+    if (!power || code != PBT_APMSUSPEND) return;
     // The machine sleeps as soon as every handler has returned.
     changed.wait_for(guard, kSuspendPatience, [this] { return codes.empty() && !forwarding; });
   } catch (const std::exception&) {  // NOLINT(bugprone-empty-catch): see the header
@@ -170,7 +172,7 @@ void CodeQueue::Run() noexcept {
     guard.unlock();
     if (lost != 0) Report(lost);
     if (code.power) {
-      host.OnPower(code.code, code.source);
+      host.OnPower(code.code, code.source, code.reported);
     } else {
       host.OnSession(code.code);
     }

@@ -72,9 +72,10 @@ class CodeQueue {
     bool power;
     std::uint32_t code;
     PowerSource source;
+    std::uint64_t reported;  // the tick count then: the module may take longer than the reports
   };
 
-  void Add(const Code& code) noexcept;
+  void Add(bool power, std::uint32_t code, PowerSource source) noexcept;
   void DropOne();
   void Report(std::uint64_t count) noexcept;
   void Run() noexcept;
