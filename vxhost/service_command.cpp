@@ -3,7 +3,9 @@
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
+#include <filesystem>
 #include <memory>
+#include <stdexcept>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -75,13 +77,18 @@ int RunService(const ModuleOptions& module, const RunOptions& options, Console& 
   if (module.simulate || module.privateStore) {
     throw std::runtime_error("service run uses the module and the store of the machine");
   }
+  PipeOptions pipe;
+  pipe.path = PipePath(Wide(options.name));
+  for (const std::string& sid : options.allowed) pipe.allowed.push_back(Wide(sid));
+  // The module begins to work as soon as it is loaded, and every fault is better found before.
+  CheckSids(pipe.allowed);
+  if (!options.log.empty() && !std::filesystem::is_directory(FullPath(options.log))) {
+    throw std::runtime_error("there is no folder " + Utf8(FullPath(options.log)));
+  }
   std::vector<std::unique_ptr<LogTarget>> targets;
   targets.push_back(std::make_unique<ConsoleTarget>(console));
   if (!options.log.empty()) targets.push_back(std::make_unique<LogFolder>(FullPath(options.log)));
   ServiceLog log(std::move(targets));
-  PipeOptions pipe;
-  pipe.path = PipePath(Wide(options.name));
-  for (const std::string& sid : options.allowed) pipe.allowed.push_back(Wide(sid));
   HostLoop host({.module = module.Path(), .modernStandby = HasModernStandby()}, log);
   const PowerNotifications power(
       [&host](std::uint32_t code) { host.OnPower(code, PowerSource::Notification); });

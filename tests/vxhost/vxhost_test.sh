@@ -59,6 +59,9 @@ expect 2 'subscriptions remove, pins, trust, validate, explain and doctor use it
   --private-store store show
 expect 2 'no event to send' events
 expect 2 'no event to send' service send
+expect 2 'there is no folder' --dll "$module" service run --seconds 1 --log "$work/missing"
+expect 2 'Invalid SID' --dll "$module" service run --seconds 1 --allow S-1-nonsense
+! grep -q 'the module is started' "$work/output" || fail "the module runs before its options are read"
 expect 2 'names a trigger already' subscriptions add --power 7 --send a --service b \
   --payload '{"customTriggerGUID":"c"}' --trigger d
 expect 2 'its own module and store' --store "$work" subscriptions --service=None
