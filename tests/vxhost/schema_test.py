@@ -61,6 +61,7 @@ def check_outputs():
             "pins": ("pins",),
             "history": ("history", "history/service.log"),
             "explain-resume": ("explain-resume",),
+            "service-status": ("service", "status", "--name", "VxNone"),
             "error": ("exec", "22", "--dll", "missing.dll"),
     }.items():
         results, _ = run(*arguments, "--json")
