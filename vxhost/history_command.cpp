@@ -11,6 +11,7 @@
 #include <map>
 #include <memory>
 #include <optional>
+#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <utility>
@@ -201,8 +202,13 @@ std::size_t ReadFile(const std::filesystem::path& path,
                      const std::function<void(const HistoryLine&)>& take) {
   std::ifstream file(path, std::ios::binary);
   if (!file) throw std::runtime_error("cannot read " + Utf8(path.wstring()));
+  // A line begins with a brace, and anything beyond ASCII is a mark: PowerShell saves as UTF-16.
+  std::istringstream decoded;
+  const bool marked = file.peek() > 0x7F;
+  if (marked) decoded.str(Utf8(ReadTextFile(path.wstring())));
+  std::istream& lines = marked ? static_cast<std::istream&>(decoded) : file;
   std::size_t others = 0;
-  for (std::string text; std::getline(file, text);) {
+  for (std::string text; std::getline(lines, text);) {
     if (const auto line = ParseHistoryLine(text)) {
       take(*line);
     } else if (text.find_first_not_of(" \t\r") != std::string::npos) {

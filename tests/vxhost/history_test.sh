@@ -14,6 +14,11 @@ for log in "$folder"/*.log "$folder"/*.json; do
   same "${log%.*}.txt" "$rows"
 done
 
+# Windows PowerShell saves what is redirected as UTF-16.
+iconv -f UTF-8 -t UTF-16 "$folder/watch.json" > "$work/watch.json"
+run --store "$store" history "$work/watch.json" 2>&1 | tr -d '\r' > "$rows"
+cmp -s "$folder/watch.txt" "$rows" || fail "history does not read UTF-16:" "$rows"
+
 # Every failed delivery, and nothing else, of one subscription since a time.
 run --store "$store" history "$folder/service.log" --failed --json \
   --subscription "$(awk '/not sent/ { print $4; exit }' "$folder/service.txt")" --since 2026-11-25T11:44:10 2>&1 |
