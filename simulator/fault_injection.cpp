@@ -560,6 +560,12 @@ void FaultInjection::FailNamed(const std::string& name, std::size_t skip) {
   failingCall.reset();
   failingName = name;
   skipped = skip;
+  used = false;
+}
+
+std::string FaultInjection::Unused() const {
+  const std::lock_guard guard(mutex);
+  return used ? std::string() : failingName;
 }
 
 void FaultInjection::Clear() {
@@ -579,9 +585,9 @@ bool FaultInjection::Fails(const char* name) {
   calls.emplace_back(name);
   if (failingCall) return calls.size() - 1 == *failingCall;
   if (failingName != name) return false;
-  if (skipped == 0) return true;
-  --skipped;
-  return false;
+  used = skipped == 0;
+  if (!used) --skipped;
+  return used;
 }
 
 }  // namespace Vx::Simulator

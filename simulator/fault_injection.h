@@ -33,6 +33,9 @@ class FaultInjection {
   // The calls of this name ("Files.Read") fail from now on, all but the first `skip`.
   void FailNamed(const std::string& name, std::size_t skip = 0);
 
+  // The name of the last FailNamed if no call of it has failed since, or an empty text.
+  std::string Unused() const;
+
   // Nothing fails any more; counting starts again.
   void Clear();
 
@@ -51,6 +54,7 @@ class FaultInjection {
   std::optional<std::size_t> failingCall;
   std::string failingName;
   std::size_t skipped = 0;
+  bool used = false;  // a call of failingName has failed
 
   std::vector<std::shared_ptr<void>> decorators;
 };

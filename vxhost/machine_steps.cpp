@@ -49,6 +49,7 @@ void SetOobeKnown(const Change& change) {
 
 // Takes a name, or a name and the number of calls that still succeed.
 void Refuse(const Change& change) {
+  RequireRefusal(change.machine);
   if (change.value.IsString()) {
     change.machine.faults.FailNamed(Utf8(change.expand(change.value)));
     return;
@@ -272,6 +273,11 @@ std::vector<std::string> MachineKeys() {
   std::vector<std::string> keys = {Utf8(kAdvance.key)};
   for (const auto& change : kChanges) keys.push_back(Utf8(change.rule.key));
   return keys;
+}
+
+void RequireRefusal(const SimulatedMachine& machine) {
+  const std::string call = machine.faults.Unused();
+  if (!call.empty()) throw std::runtime_error("no call \"" + call + "\" was refused");
 }
 
 void ChangeMachine(const WideValue& step, const Expander& expand, SimulatedMachine& machine) {

@@ -26,6 +26,10 @@ const PartRule* FindMachineRule(const std::wstring& key);
 // The keys of all of them.
 std::vector<std::string> MachineKeys();
 
+// Throws std::runtime_error if a part "refuse" is in effect whose call was not made since, as with
+// a misspelt name.
+void RequireRefusal(const Simulator::SimulatedMachine& machine);
+
 // Changes the machine as the step asks (docs/vxhost.md lists the parts), except for its time.
 // Throws std::runtime_error.
 void ChangeMachine(const Json::WideValue& step, const Expander& expand,

@@ -85,6 +85,7 @@ class Player {
       }
       stage.record.EndStep();
     }
+    if (stage.machine != nullptr) RequireRefusal(*stage.machine);
     return succeeded;
   }
 

@@ -1,6 +1,6 @@
 #!/bin/sh
 # scenario_test.sh FOLDER VXHOST EMULATOR...: what vxhost reports of scenarios. FOLDER/faults/NAME.txt lists
-# the faults of NAME.json, none of which is played. FOLDER/reports holds a scenario whose expectations are
+# the faults of NAME.json, most of which is not even played. FOLDER/reports holds a scenario whose expectations are
 # not met, and its reports. RECORD=1 writes lists and reports instead.
 set -u
 folder=$1 vxhost=$2
@@ -27,6 +27,9 @@ faults() {
 faults simulated --simulate --define place=here
 faults no_list --simulate
 faults real
+# Found when they are played: a refusal of a call that the module never makes.
+faults never_made --simulate
+faults misspelt --simulate
 
 play 1 --simulate scenario reports/unmet.json --json --junit "Z:$work/unmet.xml"
 tr -d '\r' < "$work/raw" | sed 's/"thread":[0-9]*/"thread":0/g' > "$work/unmet.txt"
