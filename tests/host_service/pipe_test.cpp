@@ -284,7 +284,8 @@ TEST_F(PipeTest, AClientSeesTheErrorsOfTheManual) {
   };
   EXPECT_EQ(errorOfOpen(), DWORD{ERROR_FILE_NOT_FOUND});
   Serve();
-  std::vector<Platform::UniqueHandle> crowd(8);
+  // Those that are served, and the one that may connect and wait.
+  std::vector<Platform::UniqueHandle> crowd(8 + 1);
   for (auto& pipe : crowd) pipe = RawClient();
   EXPECT_EQ(errorOfOpen(), DWORD{ERROR_PIPE_BUSY});
   EXPECT_TRUE(Send(crowd[0], WriteCommand({7, L"longer than its buffer"})));

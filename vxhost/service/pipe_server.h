@@ -25,7 +25,7 @@ void CheckSids(const std::vector<std::wstring>& texts);
 struct PipeOptions {
   std::wstring path;
   std::vector<std::wstring> allowed;  // accounts beside SYSTEM and the administrators, SIDs as text
-  std::size_t clients = 64;           // connected at a time
+  std::size_t clients = 64;           // served at a time; one more may wait
   std::chrono::milliseconds idle = std::chrono::minutes(10);   // without a command
   std::chrono::milliseconds stuck = std::chrono::seconds(30);  // without reading a result
   std::chrono::milliseconds retry = std::chrono::seconds(10);  // while the name is taken
