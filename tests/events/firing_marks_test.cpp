@@ -60,6 +60,13 @@ class OneShotTest : public Tests::PackageEventFixture {
     Uninstall();
     machine.timeline.SetListener({});
   }
+  // The command runs, and each step of `disk` throws from then on.
+  void UninstallBeforeThrows(Tests::FaultyFiles& disk) {
+    machine.timeline.SetListener(
+        [&](const auto&) { disk.onStep = [](const char*) -> Platform::ErrorCode { throw 1; }; });
+    Uninstall();
+    machine.timeline.SetListener({});
+  }
   void Uninstall(std::function<bool()> complete = [] { return true; }) {
     Remove();
     Notify(kFamily, std::move(complete));
@@ -148,10 +155,7 @@ TEST_F(OneShotTest, IsCompletedAlthoughSomeTriesThrow) {
   Tests::FaultyFiles disk;
   const Platform::MachineScope faulty([&](Platform::Machine& all) { all.files = &disk; });
   Subscribe(Request(5));
-  machine.timeline.SetListener(
-      [&](const auto&) { disk.onStep = [](const char*) -> Platform::ErrorCode { throw 1; }; });
-  Uninstall();
-  machine.timeline.SetListener({});
+  UninstallBeforeThrows(disk);
   machine.clock.Advance(std::chrono::seconds(5));  // the removal, and two more tries
   disk.onStep = [](const char*) { return 0U; };
   machine.clock.Advance(std::chrono::seconds(2));
@@ -228,10 +232,7 @@ TEST_F(OneShotTest, IsReportedAtTheEndAlsoWhenTheLastTryThrows) {
   Tests::FaultyFiles disk;
   const Platform::MachineScope faulty([&](Platform::Machine& all) { all.files = &disk; });
   Subscribe(Request(5));
-  machine.timeline.SetListener(
-      [&](const auto&) { disk.onStep = [](const char*) -> Platform::ErrorCode { throw 1; }; });
-  Uninstall();
-  machine.timeline.SetListener({});
+  UninstallBeforeThrows(disk);
   Platform::CurrentMachine().kernelObjects->Signal(stop.get());
   machine.clock.Settle();
   EXPECT_NO_THROW(PackageCompletion::CompleteAll());
