@@ -39,7 +39,7 @@ class PipeServer {
   // several at once. Must not throw.
   using Handler = std::function<ResultEnvelope(const CommandEnvelope&, const std::wstring& client)>;
   // Receives what an operator should know: `level` is INFO, WARNING or ERROR. Must not throw. A
-  // view, because some messages say that there is no memory.
+  // view, because some messages report a want of memory.
   using Report = std::function<void(const wchar_t* level, std::wstring_view message)>;
 
   // Serves from now on. Throws std::system_error without a thread or an event, or when `allowed`
