@@ -14,6 +14,7 @@
 #include "vxhost/explain_command.h"
 #include "vxhost/history_command.h"
 #include "vxhost/module_commands.h"
+#include "vxhost/own_signature.h"
 #include "vxhost/service_command.h"
 #include "vxhost/store_commands.h"
 #include "vxhost/subscription_commands.h"
@@ -41,6 +42,7 @@ std::vector<std::string> Arguments() {
 int main() {
   const TerminalScope terminal;
   try {
+    RefusePinnedSignature(OwnPath());
     CommandLine line;
     // The order of the help.
     AddModuleCommands(line);

@@ -1,9 +1,9 @@
 #!/bin/sh
-# trust_test.sh PKI VXHOST MODULE OTHER EMULATOR...: what vxhost shows of signatures and pinned keys.
-# MODULE trusts the authority of PKI, OTHER no key.
+# trust_test.sh PKI VXHOST MODULE OTHER PINNED EMULATOR...: what vxhost shows of signatures and pinned
+# keys. MODULE and the tool PINNED trust the authority of PKI, OTHER and VXHOST no key.
 set -u
-pki=$1 vxhost=$2 module=$3 other=$4
-shift 4
+pki=$1 vxhost=$2 module=$3 other=$4 pinned=$5
+shift 5
 . "$(dirname "$0")/../run_vxhost.sh"
 cd "$pki" || exit 1
 
@@ -49,13 +49,13 @@ expect 1 'has no signature that Windows can read' pin unsigned.exe --append "Z:$
 head -n -1 "$list" | tr -d '"' | diff "$work/wanted" - > "$work/output" || fail "the key file differs" "$work/output"
 
 # The doctor: the module's signature against its own keys, and how long it lasts.
-# signed NAME CERTIFICATE KEY: a copy of the module.
+# signed NAME CERTIFICATE KEY FILE: a copy of FILE.
 signed() {
-  osslsigncode sign -certs "$2.crt" -key "$3.key" -h sha256 -in "$module" -out "$work/$1" > "$work/log" 2>&1
+  osslsigncode sign -certs "$2.crt" -key "$3.key" -h sha256 -in "$4" -out "$work/$1" > "$work/log" 2>&1
 }
-signed own.dll pinned pinned
-signed foreign.dll unpinned unpinned
-signed over.dll expired pinned
+signed own.dll pinned pinned "$module"
+signed foreign.dll unpinned unpinned "$module"
+signed over.dll expired pinned "$module"
 expect 1 "+  module's key: its signature's key is a restricted one" --dll "Z:$work/own.dll" doctor
 expect 1 "+  module's signature: signed by " --dll "Z:$work/own.dll" doctor
 expect 1 "-  module's key: its signature's key is not among its pinned keys" --dll "Z:$work/foreign.dll" doctor
@@ -80,4 +80,14 @@ record 2026-01-01T00:00:00.000Z Vx-Host-Service 'power event 4' >> "$work/log fi
 expect 1 '+  power events: 2, the last power event 18 at 2026-01-02' --dll "$module" doctor --log "Z:$work/log files"
 expect 2 'cannot list' --dll "$module" doctor --log missing
 
+# A tool that the service would start does nothing, whatever it is asked.
+signed tool.exe pinned pinned "$pinned"
+vxhost=$work/tool.exe
+for command in --help '--simulate exec 22' 'service entry --name a --module b' "store backup $work/made"; do
+  # shellcheck disable=SC2086
+  expect 2 'is signed with a pinned key' $command
+done
+[ ! -e "$work/made" ] || fail 'a tool that refuses to run makes a file'
+vxhost=$pinned
+expect 0 '"getVersion"' --simulate exec 22
 exit $((failures > 0))
