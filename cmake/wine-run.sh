@@ -11,6 +11,7 @@ export LC_ALL=C.UTF-8 WINEARCH=win64 WINEDEBUG=${WINEDEBUG:--all}
 # program's output open until the server ends.
 export WINEDLLOVERRIDES='mscoree=;mshtml=;winemenubuilder.exe=d;winedbg.exe=d;explorer.exe=d'
 unset DISPLAY
+umask go-w  # a service cannot be installed where other accounts write
 mkdir -p "$WINEPREFIX"
 # Wine's background services inherit the first client's open files. Starting the server here, with all
 # output redirected and the lock closed, keeps them from inheriting a test's pipes and the lock.

@@ -6,13 +6,13 @@ sample=$1 module=$2 version=$3 emulator=$4 prefix=$5
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 failures=0
-windows() { printf 'Z:%s' "$(printf %s "$1" | tr / '\\')"; }
-ProgramData=$(windows "$work")
-export ProgramData
+windows() { printf 'Z:%s' "$1" | tr / '\\'; }
+VX_PROGRAM_DATA=$(windows "$work")
+export VX_PROGRAM_DATA
 
 # expect CODE MODULE: running the sample exits with CODE and prints the standard input.
 expect() {
-  "$emulator" "$prefix" "$sample" "$2" >"$work/raw"
+  "$emulator" "$prefix" "$(dirname "$sample")/../tests/with_data.exe" "$sample" "$2" >"$work/raw"
   code=$?
   tr -d '\r' <"$work/raw" >"$work/output"
   if [ $code != "$1" ] || ! diff - "$work/output"; then

@@ -2,6 +2,8 @@
 # builds.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
+# With standard input closed, the first file that a program opens would be taken for it.
+if ! { : 3<&0; } 2>/dev/null; then exec </dev/null; fi
 
 # Builds go through ccache where it is installed.
 if command -v ccache >/dev/null; then export CMAKE_{C,CXX}_COMPILER_LAUNCHER=ccache; fi
@@ -23,11 +25,14 @@ ensure_packages() {
   done
   if ((${#missing[@]} == 0)); then return; fi
   echo "installing: ${missing[*]}"
-  local as_root=()
-  [[ $(id -u) == 0 ]] || as_root=(sudo)
-  "${as_root[@]}" apt-get update -q >/dev/null
-  "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive \
-    apt-get install -q -y --no-install-recommends "${missing[@]}" >/dev/null
+  # Waits for another apt-get, for example that of a second checkout.
+  local apt=(env DEBIAN_FRONTEND=noninteractive apt-get -q -o DPkg::Lock::Timeout=600)
+  [[ $(id -u) == 0 ]] || apt=(sudo "${apt[@]}")
+  (
+    umask 022  # what apt fetches is for every account
+    "${apt[@]}" update >/dev/null
+    "${apt[@]}" install -y --no-install-recommends "${missing[@]}" >/dev/null
+  )
 }
 
 # build_preset PRESET [TARGET...]: configures and builds into build/PRESET.

@@ -2,11 +2,37 @@
 # Sourced by the tests that run vxhost, when $vxhost is set and the arguments left are EMULATOR PREFIX.
 # Makes the folder $work, which goes with the test, and counts in $failures.
 emulator=$1 prefix=${2:-}
+umask go-w  # what a service may be installed from
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 failures=0
 
 run() { "$emulator" ${prefix:+"$prefix"} "$vxhost" "$@"; }
+
+# windows PATH: the full path as a Windows program names it.
+windows() { printf 'Z:%s' "$1" | tr / '\\'; }
+
+# run_at FOLDER ARG...: runs vxhost with FOLDER as %ProgramData%.
+run_at() {
+  data=$(windows "$1")
+  shift
+  VX_PROGRAM_DATA=$data "$emulator" ${prefix:+"$prefix"} "$(dirname "$vxhost")/../tests/with_data.exe" "$vxhost" "$@"
+}
+
+# install_tool NAME MODULE: copies the tool and a module into the folder $place, C:\Program Files\NAME, which goes
+# with the test, and runs the tool from there: a service may not be installed from where the build lies, below
+# folders of other accounts.
+install_tool() {
+  place="$prefix/drive_c/Program Files/$1"
+  trap 'rm -rf "$work" "$place"' EXIT
+  mkdir -p "$place" && cp "$vxhost" "$2" "$place" || exit 1
+  open=$(find "$prefix/drive_c" "$prefix/drive_c/Program Files" -maxdepth 0 -perm /022)
+  if [ -n "$open" ]; then
+    echo "other accounts may write to $open, so no service can be installed: chmod go-w '$open'"
+    exit 1
+  fi
+  vxhost=$place/vxhost.exe
+}
 
 # fail TEXT [FILE...]: reports a failure and what the files hold.
 fail() {

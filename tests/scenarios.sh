@@ -8,24 +8,23 @@ folder=$1 vxhost=$2
 shift 2
 . "$(dirname "$0")/run_vxhost.sh"
 
-files=
+set --
 for scenario in "$folder"/*.json; do
   case " ${NAMES:-$(basename "$scenario" .json)} " in
-    *" $(basename "$scenario" .json) "*) files="$files $scenario" ;;
+    *" $(basename "$scenario" .json) "*) set -- "$@" "$scenario" ;;
   esac
 done
 
 # The store lies in a folder of the process; what Windows says of a library that is not this
 # project's differs from system to system.
-# shellcheck disable=SC2086
-run --simulate scenario $files 2>&1 |
+run --simulate scenario "$@" 2>&1 |
   tr -d "\r" | sed -e "s/vxhost-[0-9]*/vxhost-PID/g" -e "/Security - GetSecurityCatalogInfo/d" \
     -e "/${DROP:-^$}/d" -e "/^Everything that was expected/d" -e "/^$/d" |
-  awk -v work="$work" -v file="$work/$(basename "${files%%.json*}").txt" '
+  awk -v work="$work" -v file="$work/$(basename "$1" .json).txt" '
     /^==== / { sub(/.*[\/\\]/, ""); sub(/\.json$/, ""); file = work "/" $0 ".txt"; next }
     { print > file }'
 
-for scenario in $files; do
+for scenario; do
   same "${scenario%.json}.txt" "$work/$(basename "$scenario" .json).txt"
 done
 exit $((failures > 0))

@@ -7,11 +7,12 @@ shift 2
 . "$(dirname "$0")/../run_vxhost.sh"
 data="$prefix/drive_c/ProgramData/Vx"
 name=VxTest$$
+install_tool "$name" "$module"
 
 cleanup() {
   run service stop --name "$name" >/dev/null 2>&1
   run service remove --name "$name" >/dev/null 2>&1
-  rm -rf "$work" "$data"
+  rm -rf "$work" "$place" "$data"
 }
 trap cleanup EXIT
 
@@ -28,16 +29,15 @@ logged() {
   done
 }
 
-windows() { printf 'Z:%s' "$(printf %s "$1" | tr / '\\')"; }
-
 # The rights of a folder, which the emulator shows as an access list.
-mkdir -p "$work/open"
-cp "$module" "$work/open/"
-chmod 777 "$work/open"
+mkdir "$place/open"
+cp "$module" "$place/open/"
+chmod 777 "$place/open"
+open="C:\\Program Files\\$name\\open\\OrvaneService.dll"
 expect 2 'can be written by S-1-5-21' service install --name "$name"
-expect 2 'can be written by S-1-1-0' --dll "$(windows "$work/open/OrvaneService.dll")" \
+expect 2 'can be written by S-1-1-0' --dll "$open" \
   service install --name "$name" --development
-expect 2 'only administrators write to' --dll "$(windows "$work/open/OrvaneService.dll")" \
+expect 2 'only administrators write to' --dll "$open" \
   service install --name "$name" --development
 expect 2 "a service's name has" service install --name 'a b' --development
 expect 2 '--allow' service install --name "$name" --development --allow Everyone
@@ -49,7 +49,7 @@ expect 1 'not installed' service status --name "$name"
 expect 0 'may now start any trusted program as SYSTEM' service install --name "$name" \
   --development --repair --start demand --allow S-1-5-21-1-2-3-1001
 expect 2 'remove the installed one first' service install --name "$name" --development
-expect 2 'can be written by' --dll "$(windows "$work/open/OrvaneService.dll")" \
+expect 2 'can be written by' --dll "$open" \
   service install --name "$name" --development --replace
 expect 1 'demand' service status --name "$name"
 expect 0 'is installed' service install --name "$name" --development --replace
@@ -65,7 +65,7 @@ expect 2 'only the service manager starts it' service entry --name "$name" --mod
 expect 2 'does not run' service exec 22 --name "$name"
 expect 0 ' runs' service start --name "$name"
 expect 0 '"state":"running"' service status --name "$name" --json
-expect 0 '"account":"LocalSystem","image":"\"Z:' service status --name "$name" --json
+expect 0 '"account":"LocalSystem","image":"\"C:\\Program Files\\' service status --name "$name" --json
 expect 0 '<- {"result":{"getVersion":' service exec 22 --name "$name"
 # A client id of more than 64 characters would end the service.
 client="$work/$(printf '%080d' 0).exe"

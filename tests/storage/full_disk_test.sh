@@ -12,17 +12,13 @@ if ! mount -t tmpfs -o size=640k tmpfs "$disk" 2>/dev/null; then
   exit 77
 fi
 trap 'umount "$disk" && rmdir "$disk"' EXIT
-program_data=Z:$(printf %s "$disk" | tr / '\\')
+VX_PROGRAM_DATA=Z:$(printf %s "$disk" | tr / '\\')
+export VX_PROGRAM_DATA
 failures=0
 fail() { echo "failed: $*"; failures=$((failures + 1)); }
 
 # with_store PROGRAM ARG...: runs a program whose store is on the small disk.
-with_store() {
-  program=$1
-  shift
-  "$emulator" ${prefix:+"$prefix"} cmd /c \
-    "set ProgramData=$program_data&& Z:$(printf %s "$program" | tr / '\\') $*" </dev/null
-}
+with_store() { "$emulator" ${prefix:+"$prefix"} "$(dirname "$worker")/with_data.exe" "$@" </dev/null; }
 emulator=$1 prefix=${2:-}
 
 # stored KEY: the store can be read and holds the key.

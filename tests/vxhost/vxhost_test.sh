@@ -79,21 +79,15 @@ for command in exec scenario events 'store show' 'store restore' subscriptions '
   expect 0 "Usage: vxhost $command" $command --help
 done
 
-# A client's text neither forges a row of a table nor drives the terminal. The batch file gives vxhost
-# and the module a store of their own; nothing else can set the variable that leads to it.
+# A client's text neither forges a row of a table nor drives the terminal.
 forged='a\u001b[2J\u009b1m\u007f\u202e\r\nplatform 1    start    0 s    C:\\\\forged.exe'
 printf '{"powerEventType":7,"eventAction":2,"commandParams":{"packageFamilyName":"%s",
   "appServiceName":"%s","payload":{"%s":1}}}' "$forged" "$forged" "$forged" > "$work/forged.json"
-windows_path() { printf 'Z:%s' "$1" | tr / '\\'; }
-host=$(windows_path "$(realpath "$vxhost")")
-printf '@set ProgramData=%s\r\n' "$(windows_path "$work")" > "$work/tables.bat"
-for command in "--dll $(windows_path "$(realpath "$module")") exec 9 @forged.json" \
-  "--dll $(windows_path "$(realpath "$module")") exec 20" subscriptions 'store show' \
-  'validate @forged.json' "--dll $(windows_path "$(realpath "$module")") exec 19 @forged.json" \
-  subscriptions; do
-  printf '@"%s" %s\r\n' "$host" "$command" >> "$work/tables.bat"
+for command in 'exec 9 @forged.json' 'exec 20' subscriptions 'store show' 'validate @forged.json' \
+  'exec 19 @forged.json' subscriptions; do
+  # shellcheck disable=SC2086
+  (cd "$work" && run_at "$work" $command >> "$work/tables" 2>&1)
 done
-(cd "$work" && "$emulator" ${prefix:+"$prefix"} cmd /c tables.bat > "$work/tables" 2>&1)
 controls=$(printf '\033|\302[\200-\237]|\177|\342\200\256')
 if [ "$(grep -c '^ *1  [0-9a-f]*  power 7 *0 s *send a message to a.*forged' "$work/tables")" != 1 ] ||
   LC_ALL=C grep -qE "$controls|^platform" "$work/tables"; then
@@ -184,9 +178,7 @@ fi
 
 # The examination changes nothing: not even the folders of the store are made.
 mkdir "$work/data"
-"$emulator" ${prefix:+"$prefix"} cmd /c \
-  "set ProgramData=Z:$(printf %s "$work/data" | tr / '\\')&& Z:$(printf %s "$vxhost" | tr / '\\') doctor" \
-  >"$work/output" 2>&1 </dev/null
+run_at "$work/data" doctor >"$work/output" 2>&1
 if [ $? != 1 ] || ! grep -q 'do: create it at installation' "$work/output" ||
   ! grep -q '+  store: .* does not exist yet' "$work/output" || [ -n "$(ls -A "$work/data")" ]; then
   fail "doctor finds no folder and makes none; it prints:" "$work/output"
@@ -198,11 +190,9 @@ expect 2 'doctor examines the store of the machine' --private-store doctor
 
 # A running service replies over its pipe, and its log is in the folder that was named.
 mkdir "$work/served"
-windows() { printf 'Z:%s' "$(printf %s "$1" | tr / '\\')"; }
 name=VxTest$$
-"$emulator" ${prefix:+"$prefix"} cmd /c "set ProgramData=$(windows "$work/served")&& $(windows \
-  "$vxhost") --dll $(windows "$module") service run --name $name --seconds 6 --log $(windows \
-  "$work/served")" >"$work/run" 2>"$work/banner" </dev/null &
+run_at "$work/served" service run --name $name --seconds 6 --log "$(windows "$work/served")" \
+  >"$work/run" 2>"$work/banner" </dev/null &
 running=$!
 tries=0
 until process=$(sed -n 's/.* runs as process \([0-9]*\);.*/\1/p' "$work/banner") &&

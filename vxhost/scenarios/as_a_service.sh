@@ -3,6 +3,7 @@
 # installation to its removal. A client subscribes a signed program over the pipe, the machine resumes
 # and the program runs. Exits with 1 if something else happens. Leaves no service and no data.
 set -u
+umask go-w  # what a service may be installed from
 vxhost=$1 module=$2 pki=$3 probe=$4 emulator=$5 prefix=$6
 name=VxSample$$
 place="$prefix/drive_c/Program Files/VxSample"
@@ -37,9 +38,12 @@ rm -rf "$data"
 mkdir -p "$place"
 cp "$pki/pinned.exe" "$place/tool.exe"
 cp "$probe" "$place/winlogon.exe"
+# Not from where the build lies: other accounts may write to a folder above it.
+cp "$vxhost" "$module" "$place"
+vxhost=$place/vxhost.exe
 
 echo '== The service is installed and started. It has a folder of its own that users cannot write to'
-vxhost --dll "$module" service install --name $name --start demand --development
+vxhost service install --name $name --start demand --development
 vxhost service start --name $name
 vxhost service status --name $name
 

@@ -1,0 +1,39 @@
+// with_data PROGRAM ARG...: runs a program with the variable VX_PROGRAM_DATA as its ProgramData, and ends with
+// its exit code. The emulator sets ProgramData itself in what a Unix program starts.
+#include <cwchar>
+#include <string>
+
+#include <windows.h>
+
+#include "platform/unique_handle.h"
+
+namespace {
+
+// The command line behind the name of this program, which stands in quotes or holds no space.
+std::wstring OwnArguments() {
+  const std::wstring line = GetCommandLineW();
+  return line.substr(line.front() == L'"' ? line.find(L'"', 1) + 2 : line.find(L' ') + 1);
+}
+
+}  // namespace
+
+int wmain() {
+  wchar_t folder[MAX_PATH];
+  if (GetEnvironmentVariableW(L"VX_PROGRAM_DATA", folder, MAX_PATH) == 0) return 125;
+  SetEnvironmentVariableW(L"ProgramData", folder);
+  std::wstring line = OwnArguments();
+  STARTUPINFOW startup{};
+  startup.cb = sizeof startup;
+  PROCESS_INFORMATION started{};
+  if (CreateProcessW(nullptr, line.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr, &startup,
+                     &started) == FALSE) {
+    std::fwprintf(stderr, L"cannot start %ls: error %lu\n", line.c_str(), GetLastError());
+    return 126;
+  }
+  const Vx::Platform::UniqueHandle process(started.hProcess);
+  const Vx::Platform::UniqueHandle thread(started.hThread);
+  WaitForSingleObject(process.get(), INFINITE);
+  DWORD code = 0;
+  GetExitCodeProcess(process.get(), &code);
+  return static_cast<int>(code);
+}
