@@ -242,7 +242,7 @@ constexpr char kScenarioFooter[] =
     "vxhost --dll, --private-store and --simulate choose the module and its store.\n"
     "A scenario is a JSON file of steps; see the samples, and docs/vxhost.md for every part.\n"
     "Exit code 1 when an expectation was not met: the lines with !! name it.\n"
-    "  vxhost --simulate scenario first_boot.json";
+    "  vxhost --simulate scenario scenarios\\first_boot.json";
 constexpr char kEventsFooter[] =
     "vxhost --dll, --private-store and --simulate choose the module and its store.\n"
     "Power: 4 suspending, 7 resumed by the user, 10 power status changed, 18 resumed.\n"
