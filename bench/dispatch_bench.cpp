@@ -3,7 +3,6 @@
 // not linked, so that both sides have rapidjson in their own configuration.
 //
 // Usage: dispatch_bench MODULE [--brief] [--json FILE]
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <string>
@@ -12,7 +11,7 @@
 #include <rapidjson/stringbuffer.h>
 #include <rapidjson/writer.h>
 
-#include "bench/full_path.h"
+#include "bench/beside.h"
 #include "bench/loaded_service.h"
 #include "bench/ratio_table.h"
 
@@ -91,13 +90,8 @@ void Measure(LoadedService& service, RatioTable& table) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc < 2) {
-    std::fprintf(stderr, "usage: dispatch_bench MODULE [--brief] [--json FILE]\n");
-    return 2;
-  }
-  const std::wstring module = FullPath(argv[1]);
-  argv[1] = argv[0];
-  return RunBenchmarks(argc - 1, argv + 1, [&](RatioTable& table, Effort) {
+  const std::wstring module = Beside(L"..\\bin\\OrvaneService.dll");
+  return RunBenchmarks(argc, argv, [&](RatioTable& table, Effort) {
     LoadedService service(module);
     Measure(service, table);
   });

@@ -3,7 +3,6 @@
 // Usage: load_bench MODULE [--brief] [--json FILE]
 #include <bitset>
 #include <cstdint>
-#include <cstdio>
 #include <cstdlib>
 #include <memory>
 #include <stdexcept>
@@ -13,7 +12,7 @@
 
 #include <windows.h>
 
-#include "bench/full_path.h"
+#include "bench/beside.h"
 #include "bench/loaded_service.h"
 #include "bench/ratio_table.h"
 #include "events/subscription_forms.h"
@@ -116,13 +115,8 @@ void MeasureBesideWaits(const std::wstring& module, RatioTable& table, Effort ef
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc < 2) {
-    std::fprintf(stderr, "usage: load_bench MODULE [--brief] [--json FILE]\n");
-    return 2;
-  }
-  const std::wstring module = FullPath(argv[1]);
-  argv[1] = argv[0];
-  return RunBenchmarks(argc - 1, argv + 1, [&](RatioTable& table, Effort effort) {
+  const std::wstring module = Beside(L"..\\bin\\OrvaneService.dll");
+  return RunBenchmarks(argc, argv, [&](RatioTable& table, Effort effort) {
     MeasureThreads(module, table, effort);
     MeasureBesideWaits(module, table, effort);
   });

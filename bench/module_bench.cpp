@@ -4,14 +4,13 @@
 // Usage: module_bench MODULE EMPTY-LIBRARY SAME-IMPORTS [--brief] [--json FILE]
 #include <algorithm>
 #include <chrono>
-#include <cstdio>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
 #include <windows.h>
 
-#include "bench/full_path.h"
+#include "bench/beside.h"
 #include "bench/ratio_table.h"
 #include "host/vx_service.h"
 #include "support/process_gauges.h"
@@ -95,16 +94,9 @@ void Measure(const std::wstring& module, const std::wstring& empty, const std::w
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc < 4) {
-    std::fprintf(stderr,
-                 "usage: module_bench MODULE EMPTY-LIBRARY SAME-IMPORTS [--brief] [--json FILE]\n");
-    return 2;
-  }
-  const std::wstring module = FullPath(argv[1]);
-  const std::wstring empty = FullPath(argv[2]);
-  const std::wstring sameImports = FullPath(argv[3]);
-  argv[3] = argv[0];
-  return RunBenchmarks(argc - 3, argv + 3, [&](RatioTable& table, Effort) {
-    Measure(module, empty, sameImports, table);
-  });
+  const std::wstring module = Beside(L"..\\bin\\OrvaneService.dll");
+  const std::wstring empty = Beside(L"..\\bin\\empty_library.dll");
+  const std::wstring sameImports = Beside(L"same_imports.dll");
+  return RunBenchmarks(
+      argc, argv, [&](RatioTable& table, Effort) { Measure(module, empty, sameImports, table); });
 }

@@ -15,10 +15,10 @@ for scenario in "$folder"/*.json; do
   esac
 done
 
-# The store lies in a folder of the process; what Windows says of a library that is not this
+# The store lies in a folder of the process and of the user; what Windows says of a library that is not this
 # project's differs from system to system.
 run --simulate scenario "$@" 2>&1 |
-  tr -d "\r" | sed -e "s/vxhost-[0-9]*/vxhost-PID/g" -e "/Security - GetSecurityCatalogInfo/d" \
+  tr -d "\r" | sed -e 's/C:.users.[^ ]*.Temp.vxhost-[0-9]*/TEMP/g' -e "/Security - GetSecurityCatalogInfo/d" \
     -e "/${DROP:-^$}/d" -e "/^Everything that was expected/d" -e "/^$/d" |
   awk -v work="$work" -v file="$work/$(basename "$1" .json).txt" '
     /^==== / { sub(/.*[\/\\]/, ""); sub(/\.json$/, ""); file = work "/" $0 ".txt"; next }
