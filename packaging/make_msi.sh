@@ -9,10 +9,18 @@
 #
 # An upgrade leaves the older service registered until the newer one replaces it, because the tool that
 # writes the MSI knows no rollback actions: an upgrade that is rolled back finds its service again.
+#
+# An upgrade removes the older files after Windows Installer has decided what to install. It skips a
+# component that is already installed with a key file of a higher version, and to a table without versions
+# every version is higher. The removal then deletes the file that was skipped
+# (https://learn.microsoft.com/archive/blogs/astebner/why-windows-installer-removes-files-during-a-major-upgrade-if-they-go-backwards-in-version-numbers).
+# So the table states the version of each file that has one, and each version of the package has components
+# of its own. The latter also covers files without a version, vxhost.exe among them: the older component
+# takes its file along, so that no date or hash of an older file keeps the newer one out.
 set -euo pipefail
 folder=$(realpath "$1") version=$2 msi=$(realpath -m "$3")
 
-# uuid NAME: the same for the same name, so that two builds are alike and a file keeps its component.
+# uuid NAME: the same for the same name, so that two builds are alike.
 uuid() {
   printf 'orvane-service-%s' "$1" | sha1sum | tr a-f A-F |
     sed -E 's/^(.{8})(.{4}).(.{3}).(.{3})(.{12}).*/\1-\2-5\3-A\4-\5/'
@@ -23,16 +31,40 @@ short=${version%.*}
 product=$(uuid "$version")
 source=$(mktemp --suffix=.wxs "$folder-XXXXXX")  # the tool looks for files from where it lies
 trap 'rm -f "$source"' EXIT
-number=0
+number=0 queries=()
 
-# component FILE [ID]: one component of one file.
+# find_key FILE NAME REST: the offset of a structure's name in UTF-16, with these bytes after its padding.
+find_key() { LC_ALL=C grep -obUaP "$(sed 's/./&\\0/g' <<<"$2")\\0\\0\\0\\0$3" "$1" | cut -d: -f1; }
+
+# words FILE OFFSET COUNT: so many numbers of 16 bits.
+words() { od -An -v --endian=little -tu2 -w2 -j "$2" -N $((2 * $3)) "$1"; }
+
+# version_of FILE: "A.B.C.D LANGUAGE[,LANGUAGE...]" as its version resource has them. Nothing if it has none.
+# The layout: https://learn.microsoft.com/windows/win32/menurc/vs-versioninfo and .../var-str.
+version_of() {
+  local key part
+  key=$(find_key "$1" VS_VERSION_INFO '\xBD\x04\xEF\xFE') || return 0
+  mapfile -t part < <(words "$1" $((key + 42)) 4)
+  printf '%d.%d.%d.%d ' "${part[1]}" "${part[0]}" "${part[3]}" "${part[2]}"
+  # Pairs of a language and a code page, after their size in bytes.
+  key=$(find_key "$1" Translation '')
+  words "$1" $((key + 26)) $(($(words "$1" $((key - 4)) 1) / 2)) | sed -n '1~2p' | tr -d ' ' | paste -sd,
+}
+
+# component FILE [ID]: one component of one file. Repairs of a build, which Windows Installer does not tell
+# apart and installs side by side, share it.
 component() {
-  local id
+  local id versions
   number=$((number + 1))
   id=${2:-File$number}
   components+=("C$id")
   printf '<Component Id="C%s" Guid="%s" Win64="yes"><File Id="%s" Source="%s" KeyPath="yes"/></Component>\n' \
-    "$id" "$(uuid "file-$1")" "$id" "$(basename "$folder")/$1"
+    "$id" "$(uuid "file-$1-$short")" "$id" "$(basename "$folder")/$1"
+  versions=$(version_of "$folder/$1")
+  [[ -n $versions ]] || return 0
+  # A hash is for files without a version only.
+  queries+=("UPDATE \`File\` SET \`Version\`='${versions% *}', \`Language\`='${versions#* }' WHERE \`File\`='$id'"
+    "DELETE FROM \`MsiFileHash\` WHERE \`File_\`='$id'")
 }
 
 # components FILE...: one for each.
@@ -106,3 +138,4 @@ END
 rm -f "$msi"
 wixl -a x64 -o "$msi" "$source"
 [[ -s $msi ]]  # the tool reports some failures in its output alone
+msibuild "$msi" -q "${queries[@]}"

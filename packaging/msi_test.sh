@@ -1,7 +1,8 @@
 #!/bin/sh
 # msi_test.sh OLD NEW EMULATOR PREFIX: the emulator's installer installs the package OLD without and with
 # the service, fails to upgrade it, upgrades it to NEW and removes it. The subscription that a client
-# stored stays throughout.
+# stored stays throughout. Of the upgrade it also reads the tables: where they are wrong Windows Installer
+# deletes the module, but the emulator keeps it.
 set -u
 old=$1 new=$2 emulator=$3 prefix=$4
 place="$prefix/drive_c/Program Files/Vx/OrvaneService"
@@ -24,11 +25,14 @@ eventually() {
 # What has ended may hold its files and the service manager its entry for a moment.
 tool_is_gone() { [ ! -e "$place/vxhost.exe" ]; }
 service_is_gone() { run service status | grep -q 'not installed'; }
+# rows MSI TABLE: without the three lines of its header.
+rows() { msiinfo export "$1" "$2" | tr -d '\r' | tail -n +4; }
 cleanup() {
   install /x "$(windows "$new")"
   install /x "$(windows "$old")"
   "$emulator" "$prefix" 'C:\vxhost.exe' service remove >/dev/null 2>&1
-  rm -rf "$data" "$prefix/drive_c/vxhost.exe" "$prefix/drive_c/OrvaneService.dll"
+  rm -rf "$data" "$prefix/drive_c/vxhost.exe" "$prefix/drive_c/OrvaneService.dll" \
+    "$prefix/drive_c/version.js"
 }
 trap cleanup EXIT
 
@@ -40,6 +44,30 @@ install /i "$(windows "$old")" || fail "the installation exits with $?"
 [ -f "$place/OrvaneService.dll" ] && [ -f "$place/docs/operations.md" ] || fail 'no module or no manual'
 service_is_gone || fail 'a service that was not asked for'
 [ -e "$place/clients" ] && fail 'clients that were not asked for'
+
+# Each version of the package has components of its own, and a file that has a version for Windows has the
+# same in the table, with the language of the resource and no hash.
+components=$(rows "$old" Component | wc -l)
+[ "$components" -gt 9 ] && [ "$(rows "$new" Component | wc -l)" = "$components" ] || fail 'components are missing'
+shared=$({ rows "$old" Component; rows "$new" Component; } | cut -f 2 | sort | uniq -d)
+[ -z "$shared" ] || fail "both versions have the components $shared"
+echo 'WScript.Echo(new ActiveXObject("Scripting.FileSystemObject").GetFileVersion(WScript.Arguments(0)));' \
+  >"$prefix/drive_c/version.js"
+for file in OrvaneService.dll vxhost.exe; do
+  version=$("$emulator" "$prefix" cscript //nologo 'C:\version.js' "C:\\Program Files\\Vx\\OrvaneService\\$file" | tr -d '\r\n')
+  [ -n "$version" ] || [ $file = vxhost.exe ] || fail "$file has no version"
+  for msi in "$old" "$new"; do
+    row=$(rows "$msi" File | grep "	$file	")
+    stated=$(printf %s "$row" | cut -f 5,6)
+    [ "$stated" = "$(printf '%s\t%s' "$version" "${version:+1033}")" ] ||
+      fail "$msi states the version and language \"$stated\" for $file, which has \"$version\""
+    hash=$(rows "$msi" MsiFileHash | grep "^${row%%	*}	")
+    case ${version:+version}${hash:+hash} in
+      version | hash) ;;
+      *) fail "$msi has the hash \"$hash\" for $file of version \"$version\"" ;;
+    esac
+  done
+done
 install /x "$(windows "$old")" || fail "the removal exits with $?"
 eventually tool_is_gone || fail 'the removal leaves the tool'
 
