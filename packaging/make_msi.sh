@@ -19,6 +19,7 @@
 # takes its file along, so that no date or hash of an older file keeps the newer one out.
 set -euo pipefail
 folder=$(realpath "$1") version=$2 msi=$(realpath -m "$3")
+"$(dirname "$0")/check_tool.sh" "$folder"
 
 # uuid NAME: the same for the same name, so that two builds are alike.
 uuid() {
