@@ -123,18 +123,19 @@ Check ModuleFile(const std::wstring& path) {
 
 constexpr std::int64_t kDaysToRenew = 30;
 
-Check Signature(const char* what, const std::wstring& path) {
+Check ModuleSignature(const std::wstring& path) {
+  static constexpr char kWhat[] = "module's signature";
   constexpr wchar_t kExpected[] = L"a signature whose certificate is valid for a month more";
   const auto keys = Tessel::Security::PublicKeysOf(path);
   if (keys.empty()) {
-    return Judge(what, false, path + L" has no signature that Windows can read", kExpected,
+    return Judge(kWhat, false, path + L" has no signature that Windows can read", kExpected,
                  L"sign it before it is installed");
   }
   const auto certificates = CertificatesIn(path);
   const Certificate* certificate = CertificateOf(certificates, keys.front());
-  if (certificate == nullptr) return {.what = what, .found = L"signed by a catalog"};
+  if (certificate == nullptr) return {.what = kWhat, .found = L"signed by a catalog"};
   const std::uint64_t now = Machine().clock->UtcFileTime();
-  return Judge(what, DaysLeft(*certificate, now) >= kDaysToRenew,
+  return Judge(kWhat, DaysLeft(*certificate, now) >= kDaysToRenew,
                L"signed by " + certificate->subject + L", until " + Lifetime(*certificate, now),
                kExpected, L"sign it anew: pin the new key as well if it is another one");
 }
@@ -370,8 +371,7 @@ std::vector<Check> Examine(const std::wstring& module, const std::string& logFol
   }
   std::vector<Check> checks;
   checks.push_back(ModuleFile(module));
-  checks.push_back(Signature("module's signature", module));
-  checks.push_back(Signature("tool's signature", OwnPath()));
+  checks.push_back(ModuleSignature(module));
   Pins(module, pins, checks);
   const std::wstring data = Expanded(L"%ProgramData%\\Vx");
   checks.push_back(Folder(data));
