@@ -60,8 +60,9 @@ std::string BytesOf(const VARIANT& value) {
   if (array == nullptr) return bytes;
   const auto [lower, count] = Platform::BoundsOf(*array);
   for (std::uint32_t i = 0; i < count; ++i) {
-    const auto byte = Platform::ByteAt(array, lower + static_cast<std::int32_t>(i));
-    bytes += static_cast<char>(byte.value_or(0));
+    std::uint8_t byte = 0;
+    Platform::ReadByte(array, lower + static_cast<std::int32_t>(i), byte);
+    bytes += static_cast<char>(byte);
   }
   return bytes;
 }

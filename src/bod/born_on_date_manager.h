@@ -10,8 +10,8 @@ namespace Vx::Tessel::Server::Services::Orvane {
 
 // Reads the born-on date that the firmware keeps, and writes it once in a machine's life. Each
 // operation that uses the firmware opens its own channel and throws std::system_error with the
-// HRESULT when a command fails. One thread at a time uses an object. Blocks for as long as WMI
-// takes.
+// HRESULT when a command fails or its output cannot be read whole. One thread at a time uses an
+// object. Blocks for as long as WMI takes.
 class BornOnDateManager {
  public:
   BornOnDateManager() : BornOnDateManager(true) {}

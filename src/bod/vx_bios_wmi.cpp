@@ -40,6 +40,9 @@ constexpr wchar_t kInputBlockClass[] = L"zrkBDataIn";
 constexpr wchar_t kMethodName[] = L"zrkBIOSInt%ld";
 constexpr std::size_t kMethodNameChars = 60;
 
+// The result of a reply without exactly the bytes that were asked for.
+constexpr HRESULT kNotTheBlock = HRESULT_FROM_WIN32(ERROR_INVALID_DATA);
+
 constexpr std::uint8_t kSignature[] = {'S', 'E', 'C', 'U'};
 constexpr LONG kNextTimeout = 2000;  // milliseconds
 
@@ -82,7 +85,9 @@ HRESULT PutInt32(IWbemClassObject* object, const wchar_t* property, std::int32_t
 }  // namespace
 
 VxBiosWmi::VxBiosWmi()
-    : logger(Logging::LogManager::GetLogger()), class_name(Platform::TypeName<VxBiosWmi>()) {}
+    : logger(Logging::LogManager::GetLogger()),
+      class_name(Platform::TypeName<VxBiosWmi>()),
+      outputResult(E_FAIL) {}
 
 VxBiosWmi::~VxBiosWmi() {
   if (ready) Disconnect();
@@ -143,6 +148,7 @@ std::int32_t VxBiosWmi::GetClass(const wchar_t* name, ClassObject& object) const
 std::int32_t VxBiosWmi::ExecuteCommand(int command, int commandType, std::uint32_t inputSize,
                                        const std::uint8_t* input, std::uint32_t outputSize,
                                        std::uint8_t* output, std::int32_t* returnCode) {
+  outputResult = E_FAIL;
   if (!ready && !GetReady()) return E_FAIL;
 
   wchar_t method[kMethodNameChars] = {};
@@ -178,8 +184,8 @@ std::int32_t VxBiosWmi::ExecuteCommand(int command, int commandType, std::uint32
   if (FAILED(Check(kExecuteCommand, L"IWbemServices->ExecMethod(BIOS method)", result))) {
     return result;
   }
-  // The firmware has run the command by now, so an unreadable reply is not a failure.
-  GetOutputData(outParameters, outputSize, output, returnCode);
+  // The firmware has run the command by now, so an unreadable reply is not a failure of it.
+  outputResult = GetOutputData(outParameters, outputSize, output, returnCode);
   return result;
 }
 
@@ -303,9 +309,10 @@ std::int32_t VxBiosWmi::GetOutputData(const ClassObject& outParameters, std::uin
   Variant code;
   result = Get(data.Get(), L"rwReturnCode", code);
   if (SUCCEEDED(result) && !Platform::Int32In(*code)) result = DISP_E_TYPEMISMATCH;
-  result = Check(kGetOutputData, L"OutputDataObject->Get(ReturnCode)", result);
-  if (FAILED(result)) return result;
-  *returnCode = *Platform::Int32In(*code);
+  // The output does not depend on the code.
+  if (SUCCEEDED(Check(kGetOutputData, L"OutputDataObject->Get(ReturnCode)", result))) {
+    *returnCode = *Platform::Int32In(*code);
+  }
   if (outputSize == 0) return S_OK;
 
   // The property's own array replaces this one. Allocating it checks that there is enough memory.
@@ -326,19 +333,23 @@ std::int32_t VxBiosWmi::CopyOutputBytes(const Variant& data, std::uint32_t outpu
   // An element is copied to the position of its index, so an index below zero has no position.
   if (array == nullptr || Platform::BoundsOf(*array).lower < 0) {
     logger->LogWarning(kInvalidData, class_name, kGetOutputData);
-    return E_FAIL;
+    return kNotTheBlock;
   }
   const Platform::ByteArrayBounds bounds = Platform::BoundsOf(*array);
   if (bounds.count != outputSize) {
     logger->LogWarning(kInvalidSize, class_name, kGetOutputData, outputSize, bounds.count);
-    return E_FAIL;
+    return kNotTheBlock;
   }
   for (std::int64_t index = bounds.lower; index < bounds.count; ++index) {
-    const auto element = Platform::ByteAt(array, static_cast<std::int32_t>(index));
-    if (!element) break;
-    output[index] = *element;
+    const HRESULT result =
+        Check(kGetOutputData, L"SafeArrayGetElement()",
+              Platform::ReadByte(array, static_cast<std::int32_t>(index), output[index]));
+    if (FAILED(result)) return result;
   }
-  return S_OK;
+  if (bounds.lower == 0) return S_OK;
+  // No element has the index of the first places, so these bytes are unknown.
+  logger->LogWarning(kInvalidData, class_name, kGetOutputData);
+  return kNotTheBlock;
 }
 
 }  // namespace Vx::Tessel::Server::Shared::WMI

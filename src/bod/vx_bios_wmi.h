@@ -35,11 +35,16 @@ class VxBiosWmi {
 
   // Runs a command. `input` may be null if `inputSize` is 0. `output` has room for `outputSize`
   // bytes. The caller fills it with zeros. It keeps them if the firmware's reply cannot be read,
-  // which is not a failure. `returnCode` receives the firmware's own code, uninterpreted, if there
-  // is one.
+  // which is not a failure of the command, see OutputResult(). `returnCode` receives the firmware's
+  // own code, uninterpreted, if there is one.
   std::int32_t ExecuteCommand(int command, int commandType, std::uint32_t inputSize,
                               const std::uint8_t* input, std::uint32_t outputSize,
                               std::uint8_t* output, std::int32_t* returnCode);
+
+  // Returns S_OK if the last command's output was read whole, otherwise the HRESULT of the step
+  // that failed. That is the one of ERROR_INVALID_DATA if the reply has no bytes, or has bytes of
+  // another type, number or index, and E_FAIL if there was no reply.
+  std::int32_t OutputResult() const { return outputResult; }
 
   // Connects to the namespace once. Returns false if that failed.
   bool GetReady();
@@ -74,6 +79,7 @@ class VxBiosWmi {
   const char* class_name;
   bool ready = false;
   bool comEntered = false;
+  std::int32_t outputResult;
   Platform::ComPtr<IWbemServices> services;
 };
 

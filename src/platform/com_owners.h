@@ -65,7 +65,7 @@ struct ByteArrayBounds {
 };
 ByteArrayBounds BoundsOf(const SAFEARRAY& bytes) noexcept;
 
-// The element with this index, read with SafeArrayGetElement. Empty if there is none.
-std::optional<std::uint8_t> ByteAt(SAFEARRAY* bytes, std::int32_t index) noexcept;
+// Reads the element with this index. Returns the HRESULT of SafeArrayGetElement.
+std::int32_t ReadByte(SAFEARRAY* bytes, std::int32_t index, std::uint8_t& element) noexcept;
 
 }  // namespace Vx::Platform

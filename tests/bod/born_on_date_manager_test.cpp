@@ -1,6 +1,8 @@
 #include "bod/born_on_date_manager.h"
 
+#include <algorithm>
 #include <cstring>
+#include <functional>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -18,6 +20,7 @@
 #include "simulator/simulated_registry.h"
 #include "simulator/virtual_clock.h"
 #include "storage/cap_data_store.h"
+#include "support/log_capture.h"
 #include "support/memory_shortage.h"
 #include "support/temp_folder.h"
 
@@ -26,18 +29,37 @@ namespace {
 
 using Simulator::SimulatedFirmware;
 
+constexpr auto kDenied = static_cast<std::int32_t>(0x80041003);
 constexpr wchar_t kStats[] = L"Software\\Microsoft\\Windows\\CurrentVersion\\OOBE\\Stats";
 
 class BornOnDateManagerTest : public ::testing::Test {
  protected:
   BornOnDateManagerTest() { clock.SetUtcFileTime(*FileTimeOf({2024, 7, 0, 15, 10, 20, 30, 0})); }
 
-  // Returns what the firmware holds after setting an empty date where it held `block` before.
-  std::string SetOver(std::string block) {
+  // Fills the rest of the block with zeros.
+  void Hold(std::string block) {
     block.resize(128);
     firmware.SetWarrantyBlock(std::move(block));
+  }
+
+  // Returns what the firmware holds after setting an empty date where it held `block` before.
+  std::string SetOver(std::string block) {
+    Hold(std::move(block));
     manager.conditionally_set("");
     return firmware.BornOnDate();
+  }
+
+  // Changes the reply's bytes from now on.
+  void Spoil(void (*change)(VARIANT& data)) {
+    firmware.SetTamper([change](const std::wstring& property, VARIANT& value) {
+      if (property == L"Data") change(value);
+    });
+  }
+
+  std::ptrdiff_t Writes() const {
+    const auto requests = firmware.Requests();
+    return std::count_if(requests.begin(), requests.end(),
+                         [](const auto& request) { return request.command == 2; });
   }
 
   static std::string Stored() {
@@ -92,7 +114,7 @@ TEST_F(BornOnDateManagerTest, NeverWritesOverAValidDateUnlessToldNotToLook) {
   EXPECT_EQ(SetOver("20200102"), "20200102");
   manager.conditionally_set("00000000");
   EXPECT_EQ(firmware.BornOnDate(), "20200102");
-  for (const auto& request : firmware.Requests()) EXPECT_EQ(request.command, 1);
+  EXPECT_EQ(Writes(), 0);
 
   BornOnDateManager writer(false);
   EXPECT_FALSE(writer.born_on_date_has_been_set());
@@ -109,10 +131,14 @@ TEST_F(BornOnDateManagerTest, WritesWhereTheFirmwareHoldsAnythingButADate) {
   for (const auto& block : kBlocks) EXPECT_EQ(SetOver(block).substr(0, 8), "20240715") << block;
 }
 
-TEST_F(BornOnDateManagerTest, AFirmwareCodeOfItsOwnIsNoFailure) {
+TEST_F(BornOnDateManagerTest, WhateverTheFirmwaresOwnCodeIsItIsNoFailure) {
   firmware.SetReturnCode(3);
   manager.conditionally_set("20240229");
   EXPECT_EQ(manager.get_born_on_date().get(), "20240229");
+  firmware.Fail("Get rwReturnCode", kDenied);
+  SetBornOnDate(logger);
+  EXPECT_EQ(firmware.BornOnDate(), "20240229");
+  EXPECT_EQ(Stored(), "20240229");
 }
 
 TEST_F(BornOnDateManagerTest, RefusesADateThatTheFirmwareCannotTake) {
@@ -125,13 +151,69 @@ TEST_F(BornOnDateManagerTest, RefusesADateThatTheFirmwareCannotTake) {
   EXPECT_EQ(firmware.BornOnDate(), "");
 }
 
-TEST_F(BornOnDateManagerTest, AnUnreadableFirmwareMeansSixDigitsAndStoresNoDate) {
-  firmware.SetTamper([](const std::wstring& property, VARIANT& value) {
-    if (property == L"Data") VariantClear(&value);
-  });
-  EXPECT_EQ(manager.get_num_bod_digits(), BODFormat::SixDigits);
+// What cannot be read may be a valid date, which a write would replace for good.
+TEST_F(BornOnDateManagerTest, LeavesFirmwareAndStoreAloneWhileTheDateCannotBeReadWhole) {
+  const struct {
+    const char* name;
+    std::function<void()> spoil;
+    const wchar_t* status;
+  } kReplies[] = {
+      {"no block", [&] { firmware.Fail("Get OutData", kDenied); }, L"-2147217405"},
+      {"no object", [&] { firmware.Fail("QueryInterface OutData", kDenied); }, L"-2147217405"},
+      {"no memory", [&] { firmware.FailAfter("MakeByteArray", 1, 0); }, L"-2147467259"},
+      {"no bytes", [&] { firmware.Fail("Get Data", kDenied); }, L"-2147217405"},
+      {"no array", [&] { Spoil([](VARIANT& data) { VariantClear(&data); }); }, L"-2147024883"},
+      {"half of it",
+       [&] {
+         Spoil([](VARIANT& data) {
+           SAFEARRAYBOUND half{64, 0};
+           SafeArrayRedim(V_ARRAY(&data), &half);
+         });
+       },
+       L"-2147024883"},
+      {"from index 1",
+       [&] { Spoil([](VARIANT& data) { V_ARRAY(&data)->rgsabound[0].lLbound = 1; }); },
+       L"-2147024883"},
+  };
+  firmware.Replace(SimulatedFirmware::Digits::Six);
+  Hold("230101");
+  for (const auto& c : kReplies) {
+    SCOPED_TRACE(c.name);
+    const Tests::LogCapture log;
+    c.spoil();
+    SetBornOnDate(logger);
+    EXPECT_EQ(firmware.BornOnDate(), "230101");
+    EXPECT_EQ(Stored(), "missing");
+    EXPECT_EQ(
+        log.Lines().back(),
+        LR"(error|OrvaneService::SetBornOnDate threw system error "VxBiosWmi::ExecuteCommand )"
+        LR"(failure - Command: BIOS WMI Read, Command type: Warranty: Unknown error" with )"
+        L"status " +
+            std::wstring(c.status));
+    firmware.ClearFailures();
+    firmware.SetTamper(nullptr);
+  }
   SetBornOnDate(logger);
-  EXPECT_EQ(Stored(), "");
+  EXPECT_EQ(firmware.BornOnDate(), "230101");
+  EXPECT_EQ(Stored(), "230101");
+}
+
+TEST_F(BornOnDateManagerTest, ANewMachineGetsOneDateWhicheverReplyIsLost) {
+  // The date twice, the number of digits, and the date that was written.
+  for (const unsigned lost : {0U, 1U, 2U, 3U}) {
+    SCOPED_TRACE(lost);
+    const Tests::PrivateStore fresh;
+    firmware.Replace(SimulatedFirmware::Digits::Eight);
+    const std::ptrdiff_t before = Writes();
+    firmware.FailAfter("Get Data", lost, kDenied);
+    SetBornOnDate(logger);
+    EXPECT_EQ(firmware.BornOnDate(), lost < 3 ? "" : "20240715");
+    EXPECT_EQ(Stored(), "missing");
+    firmware.ClearFailures();
+    SetBornOnDate(logger);
+    EXPECT_EQ(Writes(), before + 1);
+    EXPECT_EQ(Stored(), "20240715");
+  }
 }
 
 TEST_F(BornOnDateManagerTest, LetsNoExceptionOutWhenMemoryRunsOutDuringAFailure) {

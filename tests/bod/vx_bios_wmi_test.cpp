@@ -27,6 +27,7 @@ using ::testing::SizeIs;
 constexpr std::uint32_t kBlock = 128;
 constexpr auto kMissing = static_cast<std::int32_t>(0x80041002);
 constexpr auto kDenied = static_cast<std::int32_t>(0x80041003);
+constexpr auto kNotTheBlock = static_cast<std::int32_t>(0x8007000D);
 
 // Returns the rest of a failed step's line.
 std::wstring Failed(const std::wstring& function, std::int32_t result) {
@@ -78,10 +79,11 @@ class VxBiosWmiTest : public ::testing::Test {
     ExpectNothingLeft();
   }
 
-  // Runs a read whose reply is unusable, and expects one log line about it.
-  void ExpectUnreadable(const std::wstring& line) {
+  // Runs a read whose reply is unusable, and expects one log line about it and `result`.
+  void ExpectUnreadable(const std::wstring& line, std::int32_t result) {
     VxBiosWmi bios;
     EXPECT_EQ(Read(bios), S_OK);
+    EXPECT_EQ(bios.OutputResult(), result);
     firmware.ClearFailures();
     EXPECT_THAT(log.Lines(), ElementsAre(Warning(L"GetOutputData", line)));
     EXPECT_EQ(Output(), std::string(kBlock, '\0'));
@@ -101,6 +103,7 @@ TEST_F(VxBiosWmiTest, ReadsAndWritesABlockThroughTheMethodOfItsSizeOnOneConnecti
   firmware.SetReturnCode(5);
   VxBiosWmi bios;
   EXPECT_EQ(Read(bios), S_OK);
+  EXPECT_EQ(bios.OutputResult(), S_OK);
   EXPECT_EQ(Output(), Filled());
   EXPECT_EQ(returnCode, 5);
   firmware.SetReturnCode(0);
@@ -201,12 +204,22 @@ void MakeNullArray(VARIANT& value) {
   V_ARRAY(&value) = nullptr;
 }
 
+// An array that is locked so often that SafeArrayGetElement cannot lock it once more.
+void MakeLocked(VARIANT& value) {
+  VariantClear(&value);
+  static SAFEARRAY* const array = SafeArrayCreateVector(VT_UI1, 0, kBlock);
+  array->cLocks = 0xFFFF;
+  V_VT(&value) = VT_ARRAY | VT_UI1;
+  V_ARRAY(&value) = array;
+}
+
 // Which line each refused step of a reply logs is in scenarios/.
 TEST_F(VxBiosWmiTest, AHostileReplyIsLoggedAndLeavesTheBufferAlone) {
   const std::wstring noObject = L"OutputDataBlock->QueryInterface(OutputDataObject)";
-  const std::wstring noCode = L"OutputDataObject->Get(ReturnCode)";
   firmware.FailAfter("MakeByteArray", 1, 0);
-  ExpectUnreadable(Failed(L"SafeArrayCreateVector(OutputDataSize)", E_FAIL));
+  ExpectUnreadable(Failed(L"SafeArrayCreateVector(OutputDataSize)", E_FAIL), E_FAIL);
+  firmware.Fail("Get Data", kDenied);
+  ExpectUnreadable(Failed(L"OutputDataObject->Get(outputData)", kDenied), kDenied);
   const std::wstring invalid = L"return data is invalid";
   const std::wstring size = L"invalid return data size. requested 128 byte, but retuned ";
   const struct {
@@ -214,6 +227,7 @@ TEST_F(VxBiosWmiTest, AHostileReplyIsLoggedAndLeavesTheBufferAlone) {
     const wchar_t* property;
     void (*make)(VARIANT& value);
     std::wstring line;
+    std::int32_t result = kNotTheBlock;
   } kReplies[] = {
       {"short", L"Data", [](auto& v) { MakeArray(v, VT_UI1, 0, 64); }, size + L"64 byte"},
       {"long", L"Data", [](auto& v) { MakeArray(v, VT_UI1, 0, 129); }, size + L"129 byte"},
@@ -224,8 +238,9 @@ TEST_F(VxBiosWmiTest, AHostileReplyIsLoggedAndLeavesTheBufferAlone) {
       {"nothing", L"Data", [](auto& v) { VariantClear(&v); }, invalid},
       {"a text", L"Data", MakeText, invalid},
       {"two dimensions", L"Data", MakeTwoDimensions, invalid},
-      {"a code in words", L"rwReturnCode", MakeText, Failed(noCode, DISP_E_TYPEMISMATCH)},
-      {"a text for an object", L"OutData", MakeText, Failed(noObject, E_NOINTERFACE)},
+      {"locked", L"Data", MakeLocked, Failed(L"SafeArrayGetElement()", E_UNEXPECTED), E_UNEXPECTED},
+      {"a text for an object", L"OutData", MakeText, Failed(noObject, E_NOINTERFACE),
+       E_NOINTERFACE},
   };
   for (const auto& c : kReplies) {
     SCOPED_TRACE(c.name);
@@ -233,8 +248,28 @@ TEST_F(VxBiosWmiTest, AHostileReplyIsLoggedAndLeavesTheBufferAlone) {
       if (property == c.property) c.make(value);
     });
     returnCode = 77;
-    ExpectUnreadable(c.line);
+    ExpectUnreadable(c.line, c.result);
     EXPECT_EQ(returnCode, c.property == std::wstring(L"Data") ? 0 : 77);
+  }
+}
+
+TEST_F(VxBiosWmiTest, ACodeThatCannotBeReadKeepsNoOutputBack) {
+  const auto text = [](const std::wstring& property, VARIANT& value) {
+    if (property == L"rwReturnCode") MakeText(value);
+  };
+  for (const bool refused : {true, false}) {
+    if (refused) firmware.Fail("Get rwReturnCode", kDenied);
+    if (!refused) firmware.SetTamper(text);
+    VxBiosWmi bios;
+    EXPECT_EQ(Read(bios), S_OK);
+    EXPECT_EQ(bios.OutputResult(), S_OK);
+    EXPECT_EQ(Output(), Filled());
+    EXPECT_EQ(returnCode, 77);
+    EXPECT_THAT(log.Lines(), ElementsAre(Warning(L"GetOutputData",
+                                                 Failed(L"OutputDataObject->Get(ReturnCode)",
+                                                        refused ? kDenied : DISP_E_TYPEMISMATCH))));
+    firmware.ClearFailures();
+    log.Clear();
   }
 }
 
@@ -250,6 +285,7 @@ TEST_F(VxBiosWmiTest, AnArrayThatStartsHigherFillsThePlacesThatItsIndicesName) {
   VxBiosWmi bios;
   EXPECT_EQ(Read(bios), S_OK);
   for (std::size_t i = 0; i < output.size(); ++i) EXPECT_EQ(output[i], i < 3 ? 0 : i);
+  EXPECT_EQ(bios.OutputResult(), kNotTheBlock) << "the first three bytes are unknown";
 }
 
 // Uses this machine's real COM, without simulated firmware.
@@ -265,6 +301,7 @@ TEST_F(VxBiosWmiTest, ReachesARegisteredLocatorThroughComItself) {
     EXPECT_EQ(Write(bios, "20240229"), S_OK);
     firmware.Fail("GetMethod", kMissing);
     EXPECT_EQ(Read(bios), kMissing);
+    EXPECT_EQ(bios.OutputResult(), E_FAIL);
   }
   CoUninitialize();
   EXPECT_EQ(firmware.BornOnDate().substr(0, 8), "20240229");

@@ -85,12 +85,10 @@ ByteArrayBounds BoundsOf(const SAFEARRAY& bytes) noexcept {
   return {bytes.rgsabound[0].lLbound, bytes.rgsabound[0].cElements};
 }
 
-std::optional<std::uint8_t> ByteAt(SAFEARRAY* bytes, std::int32_t index) noexcept {
+std::int32_t ReadByte(SAFEARRAY* bytes, std::int32_t index, std::uint8_t& element) noexcept {
   auto* get = Automation().Find<decltype(SafeArrayGetElement)>("SafeArrayGetElement");
   LONG at = index;
-  std::uint8_t element = 0;
-  if (get == nullptr || FAILED(get(bytes, &at, &element))) return std::nullopt;
-  return element;
+  return get == nullptr ? HRESULT_FROM_WIN32(GetLastError()) : get(bytes, &at, &element);
 }
 
 }  // namespace Vx::Platform
