@@ -156,8 +156,8 @@ class FaultyCom final : public Decorator<Platform::Com> {
     return Or("Com.InitializeMultithreaded", [&] { return inner.InitializeMultithreaded(); });
   }
   void Uninitialize() override { inner.Uninitialize(); }
-  std::int32_t InitializeSecurity() override {
-    return Or("Com.InitializeSecurity", [&] { return inner.InitializeSecurity(); });
+  std::int32_t InitializeSecurity(Platform::Cloaking cloaking) override {
+    return Or("Com.InitializeSecurity", [&] { return inner.InitializeSecurity(cloaking); });
   }
   std::int32_t CreateWbemLocator(IWbemLocator** locator) override {
     return Or("Com.CreateWbemLocator", [&] { return inner.CreateWbemLocator(locator); });

@@ -443,7 +443,7 @@ void SimulatedFirmware::Uninitialize() {
   --initializations;
 }
 
-std::int32_t SimulatedFirmware::InitializeSecurity() {
+std::int32_t SimulatedFirmware::InitializeSecurity(Platform::Cloaking /*cloaking*/) {
   std::int32_t result = S_OK;
   Fails("CoInitializeSecurity", result);
   return result;

@@ -84,7 +84,7 @@ class SimulatedFirmware final : public Platform::Com {
 
   std::int32_t InitializeMultithreaded() override;
   void Uninitialize() override;
-  std::int32_t InitializeSecurity() override;
+  std::int32_t InitializeSecurity(Platform::Cloaking cloaking) override;
   std::int32_t CreateWbemLocator(IWbemLocator** locator) override;
   std::int32_t SetProxyBlanket(IUnknown* proxy) override;
   wchar_t* MakeText(const wchar_t* text) override;

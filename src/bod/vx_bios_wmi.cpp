@@ -109,7 +109,7 @@ bool VxBiosWmi::GetReady() {
   // own way, and the calls often work then too.
   comEntered =
       SUCCEEDED(Check(kGetReady, L"CoInitializeEx()", com.InitializeMultithreaded())) || comEntered;
-  const std::int32_t security = com.InitializeSecurity();
+  const std::int32_t security = com.InitializeSecurity(Platform::Cloaking::None);
   if (security != RPC_E_TOO_LATE) Check(kGetReady, L"CoInitializeSecurity()", security);
 
   ComPtr<IWbemLocator> locator;

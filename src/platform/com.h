@@ -9,9 +9,13 @@ struct tagSAFEARRAY;
 
 namespace Vx::Platform {
 
-// The steps of COM that lead to the firmware's WMI namespace, and the values that are passed to it.
-// After these, code calls the interfaces themselves. Every function without another result returns
-// the HRESULT of its call. One thread at a time.
+// As whom a proxy calls another process by default: as this process, or as the user that the
+// calling thread acts as at each call, if it does.
+enum class Cloaking { None, Dynamic };
+
+// Entering COM, its steps that lead to the firmware's WMI namespace, and the values that are passed
+// to it. After these, code calls the interfaces themselves. Every function without another result
+// returns the HRESULT of its call. One thread at a time.
 class Com {
  public:
   virtual ~Com() = default;
@@ -19,8 +23,9 @@ class Com {
   virtual std::int32_t InitializeMultithreaded() = 0;
   virtual void Uninitialize() = 0;
 
-  // Process-wide security with default authentication and impersonation level "impersonate".
-  virtual std::int32_t InitializeSecurity() = 0;
+  // Process-wide security with default authentication and impersonation level "impersonate". COM
+  // must be initialised on the thread. Only the first call of a process succeeds.
+  virtual std::int32_t InitializeSecurity(Cloaking cloaking) = 0;
 
   // `locator` receives a reference that the caller releases.
   virtual std::int32_t CreateWbemLocator(IWbemLocator** locator) = 0;

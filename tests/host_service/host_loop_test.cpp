@@ -14,6 +14,8 @@
 
 #include <windows.h>
 
+#include <objbase.h>
+
 #include "platform/machine.h"
 #include "platform/system_services.h"
 #include "platform/unique_handle.h"
@@ -22,6 +24,10 @@
 #include "support/temp_folder.h"
 #include "vxhost/service/service_process.h"
 #include "vxhost/text.h"
+
+// The import that every CoInitializeSecurity of this program goes through.
+// NOLINTNEXTLINE(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
+extern "C" decltype(&CoInitializeSecurity) __imp_CoInitializeSecurity;
 
 namespace Vx::Host {
 namespace {
@@ -66,6 +72,59 @@ class Lines : public LogTarget {
   std::mutex& lock;
 };
 
+bool ModuleIsLoaded() {
+  return GetModuleHandleW(L"OrvaneService.dll") != nullptr;
+}
+
+// Whether this thread itself has entered the multithreaded apartment.
+bool HasEnteredCom() {
+  APTTYPE type{};
+  APTTYPEQUALIFIER how{};
+  return CoGetApartmentType(&type, &how) == S_OK && type == APTTYPE_MTA &&
+         how == APTTYPEQUALIFIER_NONE;
+}
+
+// Takes the place of CoInitializeSecurity for its life, in which it is called once. The emulator
+// accepts every call and ignores it, so that only the call itself can be looked at.
+class SecurityWatch {
+ public:
+  explicit SecurityWatch(HRESULT answer) : real(__imp_CoInitializeSecurity) {
+    calls = 0;
+    result = answer;
+    SetImport(&Answer);
+  }
+  SecurityWatch(const SecurityWatch&) = delete;
+  SecurityWatch& operator=(const SecurityWatch&) = delete;
+  ~SecurityWatch() {
+    SetImport(real);
+    EXPECT_EQ(calls, 1);
+  }
+
+ private:
+  static void SetImport(decltype(&CoInitializeSecurity) function) {
+    DWORD before = 0;
+    ASSERT_TRUE(
+        VirtualProtect(&__imp_CoInitializeSecurity, sizeof function, PAGE_READWRITE, &before));
+    __imp_CoInitializeSecurity = function;
+  }
+
+  static HRESULT WINAPI Answer(void* /*access*/, LONG /*count*/,
+                               SOLE_AUTHENTICATION_SERVICE* /*services*/, void* /*reserved*/,
+                               DWORD /*authentication*/, DWORD impersonation, void* /*list*/,
+                               DWORD capabilities, void* /*reserved*/) {
+    ++calls;
+    EXPECT_EQ(impersonation, static_cast<DWORD>(RPC_C_IMP_LEVEL_IMPERSONATE));
+    EXPECT_EQ(capabilities, static_cast<DWORD>(EOAC_DYNAMIC_CLOAKING));
+    EXPECT_TRUE(HasEnteredCom());
+    EXPECT_FALSE(ModuleIsLoaded());
+    return result;
+  }
+
+  static inline int calls = 0;
+  static inline HRESULT result = S_OK;
+  decltype(&CoInitializeSecurity) real;
+};
+
 // The module as it ships, with a store of its own.
 class HostLoopTest : public ::testing::Test {
  protected:
@@ -76,10 +135,11 @@ class HostLoopTest : public ::testing::Test {
   }
 
   // A thread of the module keeps it loaded until it has ended. No host may keep it for longer.
-  ~HostLoopTest() override {
-    const auto loaded = [] { return GetModuleHandleW(L"OrvaneService.dll") != nullptr; };
-    for (int i = 0; i < 500 && loaded(); ++i) Sleep(10);
-    EXPECT_FALSE(loaded());
+  ~HostLoopTest() override { ExpectUnload(); }
+
+  static void ExpectUnload() {
+    for (int i = 0; i < 500 && ModuleIsLoaded(); ++i) Sleep(10);
+    EXPECT_FALSE(ModuleIsLoaded());
   }
 
   HostLoop::Options Options(bool modernStandby) const {
@@ -129,6 +189,26 @@ TEST_F(HostLoopTest, RunsCommandsAndForwardsEachPowerEventOnce) {
               HasSubstr(L"dropped, the other source has just reported it: power event 7"));
   EXPECT_THAT(Logged(), HasSubstr(L"INFO : session change 6\n"));
   EXPECT_THAT(Logged(), HasSubstr(L"the module is stopped"));
+}
+
+// Without it, an app would see this process instead of the user as whom the module sends a message:
+// https://learn.microsoft.com/windows/win32/com/cloaking
+TEST_F(HostLoopTest, ChoosesDynamicCloakingBeforeItLoadsTheModuleAndKeepsComEntered) {
+  static constexpr wchar_t kLine[] =
+      L"ERROR : COM cannot call as the user, so messages may not reach apps: status 0x80010119\n";
+  for (const HRESULT answer : {S_OK, RPC_E_TOO_LATE}) {
+    const SecurityWatch watch(answer);
+    {
+      HostLoop host(Options(false), *log);
+      EXPECT_TRUE(HasEnteredCom());
+      EXPECT_EQ(host.Execute({22, L"{}"}, L"client").code, 0U);
+    }
+    EXPECT_FALSE(HasEnteredCom());
+    ExpectUnload();
+    log->Flush();
+    const std::lock_guard guard(lock);
+    EXPECT_EQ(text.find(kLine) != text.npos, answer != S_OK);
+  }
 }
 
 TEST_F(HostLoopTest, SetsTheStandbyEventOnModernStandbyAloneAndNeverLeavesItSet) {

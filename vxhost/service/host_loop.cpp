@@ -1,6 +1,7 @@
 #include "vxhost/service/host_loop.h"
 
 #include <chrono>
+#include <cwchar>
 #include <iterator>
 #include <stdexcept>
 #include <string>
@@ -11,6 +12,7 @@
 #include <powrprof.h>
 
 #include "platform/clock.h"
+#include "platform/com.h"
 #include "platform/kernel_objects.h"
 #include "platform/machine.h"
 #include "platform/system_services.h"
@@ -26,6 +28,8 @@ constexpr wchar_t kStandbyEvent[] = L"{CE7DC567-F47B-4A07-8489-C9DEB372B88F}";
 
 constexpr wchar_t kRepeated[] = L"dropped, the other source has just reported it: power event ";
 constexpr wchar_t kSessionForwarded[] = L"session change ";
+constexpr wchar_t kNoCloaking[] =
+    L"COM cannot call as the user, so messages may not reach apps: status 0x%08x";
 constexpr wchar_t kNoStandbyEvent[] = L"the standby event cannot be used, error ";
 constexpr wchar_t kSetupOver[] = L"first-run set-up is complete";
 constexpr wchar_t kStarted[] = L"the module is started: ";
@@ -62,9 +66,29 @@ bool PowerFilter::Passes(std::uint32_t code, PowerSource source, std::uint64_t n
   return true;
 }
 
+// A process makes this choice once, with COM entered. Without cloaking, COM presents the process
+// even while a thread acts as a user (https://learn.microsoft.com/windows/win32/com/cloaking). The
+// module itself chooses none when it first reads the firmware.
+ComForModule::ComForModule(ServiceLog& output) {
+  Platform::Com& com = *CurrentMachine().com;
+  std::int32_t result = com.InitializeMultithreaded();
+  entered = result >= 0;
+  if (entered) result = com.InitializeSecurity(Platform::Cloaking::Dynamic);
+  if (result >= 0) return;
+  wchar_t line[std::size(kNoCloaking) + 8];
+  static_cast<void>(
+      std::swprintf(line, std::size(line), kNoCloaking, static_cast<unsigned>(result)));
+  output.Add(L"ERROR", line);
+}
+
+ComForModule::~ComForModule() {
+  if (entered) CurrentMachine().com->Uninitialize();
+}
+
 HostLoop::HostLoop(const Options& options, ServiceLog& output)
     : log(output),
       modernStandby(options.modernStandby),
+      com(output),
       standbyEvent(options.modernStandby ? ManualEvent(kStandbyEvent, output) : nullptr),
       stop(ManualEvent({}, output)),
       listener([this](const LogLine& line) { log.Add(line); }),

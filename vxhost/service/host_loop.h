@@ -36,9 +36,25 @@ class PowerFilter {
   std::map<std::uint32_t, Last> passed;  // per code
 };
 
+// COM on the thread that makes this object, as the module needs it of its host: calls to other
+// processes are made as the user that a thread acts as. Destroyed on the same thread, after the
+// module.
+class ComForModule {
+ public:
+  // A refusal of Windows is logged to `output`. The module works without it, but not as the user.
+  explicit ComForModule(ServiceLog& output);
+  ComForModule(const ComForModule&) = delete;
+  ComForModule& operator=(const ComForModule&) = delete;
+  ~ComForModule();
+
+ private:
+  bool entered;
+};
+
 // The part of a service host between Windows and the module: loads the module, forwards codes and
 // commands, and destroys the service object before it unloads the module. Everything that reaches
-// it from Windows comes through its functions, so a test sends codes the same way.
+// it from Windows comes through its functions, so a test sends codes the same way. Made and
+// destroyed on one thread.
 class HostLoop {
  public:
   struct Options {
@@ -72,6 +88,7 @@ class HostLoop {
 
   ServiceLog& log;
   const bool modernStandby;
+  const ComForModule com;  // before the module, which chooses otherwise
   Platform::UniqueHandle standbyEvent;
   Platform::UniqueHandle stop;
   LogListener listener;  // before the module, whose first lines it takes

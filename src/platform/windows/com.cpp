@@ -20,9 +20,10 @@ class RealCom final : public Com {
 
   void Uninitialize() override { CoUninitialize(); }
 
-  std::int32_t InitializeSecurity() override {
+  std::int32_t InitializeSecurity(Cloaking cloaking) override {
+    const DWORD capabilities = cloaking == Cloaking::Dynamic ? EOAC_DYNAMIC_CLOAKING : EOAC_NONE;
     return CoInitializeSecurity(nullptr, -1, nullptr, nullptr, RPC_C_AUTHN_LEVEL_DEFAULT,
-                                RPC_C_IMP_LEVEL_IMPERSONATE, nullptr, EOAC_NONE, nullptr);
+                                RPC_C_IMP_LEVEL_IMPERSONATE, nullptr, capabilities, nullptr);
   }
 
   std::int32_t CreateWbemLocator(IWbemLocator** locator) override {
