@@ -5,6 +5,8 @@
 
 #include <windows.h>
 
+#include <objbase.h>
+
 #include "host/vx_service_c.h"
 
 // Runs one command for a client and prints its result. Returns the result code.
@@ -43,14 +45,10 @@ static int Run(VxCreateServiceFunction create) {
   return result != 0;
 }
 
-int wmain(int count, wchar_t** arguments) {
-  if (count != 2) {
-    wprintf(L"usage: minimal_host FULL-PATH-OF-THE-MODULE\n");
-    return 2;
-  }
+static int Load(const wchar_t* path) {
   // Its full path, and what it imports from Windows' own folder alone: a library that lies in
   // another place never gets into the process.
-  const HMODULE module = LoadLibraryExW(arguments[1], NULL, LOAD_LIBRARY_SEARCH_SYSTEM32);
+  const HMODULE module = LoadLibraryExW(path, NULL, LOAD_LIBRARY_SEARCH_SYSTEM32);
   if (module == NULL) {
     wprintf(L"the module cannot be loaded: error %lu\n", GetLastError());
     return 1;
@@ -65,5 +63,26 @@ int wmain(int count, wchar_t** arguments) {
   }
   FreeLibrary(module);  // the module stays until its last thread has ended
   wprintf(L"freed\n");
+  return status;
+}
+
+int wmain(int count, wchar_t** arguments) {
+  if (count != 2) {
+    wprintf(L"usage: minimal_host FULL-PATH-OF-THE-MODULE\n");
+    return 2;
+  }
+  // A process makes this choice once: while the module acts as a user, its calls to other processes
+  // are the user's. The module would choose otherwise.
+  HRESULT com = CoInitializeEx(NULL, COINIT_MULTITHREADED);
+  if (SUCCEEDED(com)) {
+    com = CoInitializeSecurity(NULL, -1, NULL, NULL, RPC_C_AUTHN_LEVEL_DEFAULT,
+                               RPC_C_IMP_LEVEL_IMPERSONATE, NULL, EOAC_DYNAMIC_CLOAKING, NULL);
+  }
+  if (FAILED(com)) {
+    wprintf(L"COM cannot be set up: status 0x%08lx\n", (unsigned long)com);
+    return 1;
+  }
+  const int status = Load(arguments[1]);
+  CoUninitialize();
   return status;
 }

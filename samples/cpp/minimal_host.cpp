@@ -8,11 +8,33 @@
 
 #include <windows.h>
 
+#include <objbase.h>
+
 #include "host/vx_service.h"
 
 namespace {
 
 namespace Contract = Vx::Tessel::Server::Services;
+
+// COM as the module needs it. A process makes this choice once: while the module acts as a user,
+// its calls to other processes are the user's. The module would choose otherwise.
+class Com {
+ public:
+  Com() {
+    HRESULT result = CoInitializeEx(nullptr, COINIT_MULTITHREADED);
+    if (SUCCEEDED(result)) {
+      result = CoInitializeSecurity(nullptr, -1, nullptr, nullptr, RPC_C_AUTHN_LEVEL_DEFAULT,
+                                    RPC_C_IMP_LEVEL_IMPERSONATE, nullptr, EOAC_DYNAMIC_CLOAKING,
+                                    nullptr);
+    }
+    if (FAILED(result)) {
+      throw std::runtime_error("COM cannot be set up: status " + std::to_string(result));
+    }
+  }
+  Com(const Com&) = delete;
+  Com& operator=(const Com&) = delete;
+  ~Com() { CoUninitialize(); }
+};
 
 // Frees the module. Declared before the service, so that the service goes first.
 struct ModuleFreer {
@@ -58,6 +80,7 @@ class Client {
 };
 
 int Run(const wchar_t* path) {
+  const Com com;
   // Its full path, and what it imports from Windows' own folder alone: a library that lies in
   // another place never gets into the process.
   const Module module(LoadLibraryExW(path, nullptr, LOAD_LIBRARY_SEARCH_SYSTEM32));
