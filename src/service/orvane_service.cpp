@@ -68,7 +68,7 @@ void SignalIfMade(Platform::RawHandle event) {
 // are not objects, as a replay does.
 Json::WideValue StoredRequests(const char* key, Json::WidePool& pool) {
   Json::WideValue requests(rapidjson::kArrayType);
-  const std::wstring text = RequestManager(kServiceDocument, key).StoredRequests();
+  const std::wstring text = RequestManager(kServiceDocument, key).RequireStoredRequests();
   if (text.empty()) return requests;
   if (text.size() > kMaxStoredLength) throw std::length_error(kListsTooLong);
   Json::WideDocument stored(&pool);

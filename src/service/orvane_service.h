@@ -58,7 +58,7 @@ class OrvaneService final : public VxService {
   // Handlers of commands. See query_handlers.h for what they have in common.
   //
   // Id 20, "power_events" and "zephra_events": the stored requests as objects, in stored order.
-  // Fails when the lists do not fit into a response.
+  // Fails when the lists do not fit into a response, and when one of them cannot be read.
   static std::uint32_t GetSubscriptions(const Call& call);
 
   // Id 21, "sleepState": the number that another service stored, or 0.

@@ -265,10 +265,14 @@ BsonDocument CapDataStore::readDocument(std::string_view key) {
   return read(key, element) ? element.AsDocument().value_or(BsonDocument()) : BsonDocument();
 }
 
-BsonDocument CapDataStore::documentAtOpening(std::string_view key) {
-  if (lastReading.state != StoreState::Sound) return readDocument(key);
+std::optional<BsonDocument> CapDataStore::documentAtOpening(std::string_view key) {
+  BsonElement ignored;
+  if (lastReading.state != StoreState::Sound) read(key, ignored);
+  const bool readable =
+      lastReading.state == StoreState::Sound || lastReading.state == StoreState::Missing;
+  if (!readable) return std::nullopt;
   const std::optional<BsonView> found = document.Find(key);
-  return (found ? found->AsDocument() : std::nullopt).value_or(BsonDocument());
+  return found ? found->AsDocument() : BsonDocument();
 }
 
 std::int32_t CapDataStore::requireInt32(std::string_view key) {

@@ -63,8 +63,9 @@ class CapDataStore {
   BsonDocument readDocument(std::string_view key);
 
   // The same as the constructor read it, which saves reading and unsealing the file again. Reads it
-  // if the constructor could not.
-  BsonDocument documentAtOpening(std::string_view key);
+  // if the constructor could not. Nothing if the file is there but cannot be read, which is logged,
+  // or if the value under `key` is not a document.
+  std::optional<BsonDocument> documentAtOpening(std::string_view key);
 
   // The 32-bit number under `key`; 0 when it is missing or of another kind. Throws
   // std::runtime_error when the file cannot be read.

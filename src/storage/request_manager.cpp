@@ -2,6 +2,7 @@
 
 #include <exception>
 #include <new>
+#include <stdexcept>
 #include <utility>
 #include <vector>
 
@@ -34,6 +35,7 @@ constexpr wchar_t kUnexpectedElement[] = L"Unexpected JSON array element";
 constexpr wchar_t kRegisterFailed[] =
     L"RegisterExistingRequests - failed to register request. HRESULT: %i";
 
+constexpr char kNotReadable[] = "the stored list cannot be read";
 constexpr wchar_t kStoredAlready[] = L"the same subscription, the delay apart, is stored already";
 
 constexpr auto kFail = static_cast<std::int32_t>(0x80004005);
@@ -55,7 +57,10 @@ RequestManager::RequestManager(std::string embeddedDocument, std::string listKey
       logger(Logging::LogManager::GetLogger()) {
   try {
     store = std::make_unique<Storage::CapDataStore>();
-    document = store->documentAtOpening(documentName);
+    if (std::optional<Storage::BsonDocument> stored = store->documentAtOpening(documentName)) {
+      document = *std::move(stored);
+      readable = true;
+    }
   } catch (const std::exception& error) {
     store.reset();
     logger->LogError(kNoStore, error.what());
@@ -66,6 +71,11 @@ RequestManager::~RequestManager() = default;
 
 std::wstring RequestManager::StoredRequests() const {
   return TextOf(document.Find(key));
+}
+
+std::wstring RequestManager::RequireStoredRequests() const {
+  if (!readable) throw std::runtime_error(kNotReadable);
+  return StoredRequests();
 }
 
 bool RequestManager::ChangeCopy(const Edit& edit) {

@@ -70,6 +70,10 @@ class RequestManager {
   // For a value that is not a text, returns one that is not a JSON array.
   std::wstring StoredRequests() const;
 
+  // Same as StoredRequests, but throws std::runtime_error if the list could not be read at
+  // construction, because the store or the document in it could not.
+  std::wstring RequireStoredRequests() const;
+
   // The log lines for an exception from the store.
   struct FailureTexts {
     const wchar_t* runtime;   // a Windows Runtime error: message and code
@@ -102,6 +106,7 @@ class RequestManager {
   std::string documentName;
   std::string key;
   std::unique_ptr<Storage::CapDataStore> store;
+  bool readable = false;  // whether `document` is what the store held at construction
   Storage::BsonDocument document;
   Logging::TraceLogger* logger;
 };

@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <string>
 
 #include <gmock/gmock.h>
 
@@ -41,6 +42,7 @@ TEST_F(OutOfMemoryTest, ACommandFailsWithoutAnAnswerOrDoesWithoutTheMemory) {
   // The lists are not empty, and some requests are there already.
   ASSERT_EQ(host.Execute(9, kPower).result, 0U);
   ASSERT_EQ(host.Execute(14, kZephra).result, 0U);
+  constexpr auto npos = std::wstring::npos;
   for (const auto kind : {Shortage::Lasting, Shortage::Once}) {
     for (const auto& c : kCases) {
       SCOPED_TRACE(testing::Message() << "id " << c.id);
@@ -52,6 +54,8 @@ TEST_F(OutOfMemoryTest, ACommandFailsWithoutAnAnswerOrDoesWithoutTheMemory) {
       const auto check = [&] {
         EXPECT_THAT(result, testing::AnyOf(0U, 0x20000002U, 0x20000008U));
         EXPECT_TRUE(result != 0 || response != nullptr);
+        // A list that memory runs out for is not an empty one.
+        EXPECT_TRUE(result != 0 || c.id != 20 || std::wstring(response).find(kPower) != npos);
         service->FreeResponse(response);
         response = nullptr;
       };
