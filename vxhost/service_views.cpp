@@ -24,6 +24,7 @@ constexpr std::uint32_t kListSubscriptions = 20;
 // What cannot be asked for over the pipe.
 constexpr char kNotListed[] =
     "No command lists package subscriptions; \"vxhost subscriptions\" reads them from the store.";
+constexpr char kOmitted[] = " more do not fit into an answer; \"vxhost subscriptions\" lists them.";
 constexpr char kNotReturned[] =
     "No command returns the other values; \"vxhost store show\" reads them from the store.";
 
@@ -85,6 +86,9 @@ int ShowServiceSubscriptions(const std::string& name, Console& console) {
         console.Line(Utf8(list) + " " + Utf8(value.Text()));
       }
     }
+  }
+  if (const auto omitted = lists.Find(L"omitted")) {
+    console.Note(Utf8(omitted->Text()) + kOmitted);
   }
   console.Note(kNotListed);
   return kDone;

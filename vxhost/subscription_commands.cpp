@@ -268,7 +268,8 @@ int Remove(const ModuleOptions& module, const RemoveOptions& options, Console& c
 }
 
 constexpr char kListFooter[] =
-    "Each is judged on this machine as explain --all does. Reads the store without a change.\n"
+    "Each is judged on this machine as explain --all does. Reads the store without a change, and\n"
+    "lists all, where command 20 lists as many as fit into an answer.\n"
     "  vxhost subscriptions\n"
     "  vxhost subscriptions list --json";
 constexpr char kAddFooter[] =

@@ -4,6 +4,7 @@
 #include <new>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 #include <utility>
 
 #include "events/package_completion.h"
@@ -36,14 +37,14 @@ constexpr wchar_t kStarted[] = L"%S: Started";
 constexpr char kFulfillZephra[] =
     "Vx::Tessel::Server::Services::Orvane::OrvaneService::FulfillZephraManagementEventRequests";
 
-constexpr char kListsTooLong[] = "the stored requests do not fit into a response";
 constexpr char kListBroken[] = "the stored list is not a JSON array";
 constexpr wchar_t kSubscriptionsDone[] = L"GetSubscriptions executed";
 constexpr wchar_t kSleepStateDone[] = L"GetSleepState executed";
 
-// Characters of a stored list beyond which it cannot fit into a response: at most six of them, as
-// an escape, stand for one. Spares the parse of a list that grew too long.
-constexpr std::size_t kMaxStoredLength = 8 * kMaxResponseLength;
+// A response of command 20 without its lists, and the longest one without its requests.
+constexpr std::wstring_view kListFrame = LR"({"result":{"power_events":,"zephra_events":}})";
+constexpr std::wstring_view kPartFrame =
+    LR"({"result":{"power_events":[],"zephra_events":[],"omitted":4294967295}})";
 
 constexpr char kSleepState[] = "sleep_state";
 constexpr char kPolicyChangedKey[] = "orvane_service_policy_changed_event";
@@ -70,7 +71,6 @@ Json::WideValue StoredRequests(const char* key, Json::WidePool& pool) {
   Json::WideValue requests(rapidjson::kArrayType);
   const std::wstring text = RequestManager(kServiceDocument, key).RequireStoredRequests();
   if (text.empty()) return requests;
-  if (text.size() > kMaxStoredLength) throw std::length_error(kListsTooLong);
   Json::WideDocument stored(&pool);
   if (!Json::ParseJson(stored, text, Json::kMaxListNesting) || !stored.IsArray()) {
     throw std::runtime_error(kListBroken);
@@ -96,6 +96,21 @@ std::size_t TextLength(const Json::WideValue& value) {
       writer(stream, &scratch);
   value.Accept(writer);
   return stream.length;
+}
+
+// Leaves out the requests of `list` that do not fit into `room` characters beside those before
+// them, and keeps the order of the others. Takes from `room` what these need. Returns how many are
+// left out.
+unsigned LeaveOut(Json::WideValue& list, std::size_t& room, Json::WidePool& pool) {
+  Json::WideValue listed(rapidjson::kArrayType);
+  for (auto& request : list.GetArray()) {
+    const std::size_t length = TextLength(request) + 1;  // with a comma
+    if (length > room) continue;
+    room -= length;
+    listed.PushBack(request, pool);
+  }
+  list.Swap(listed);
+  return listed.Size() - list.Size();
 }
 
 }  // namespace
@@ -205,14 +220,19 @@ std::uint32_t OrvaneService::GetSubscriptions(const Call& call) {
   return Answer("GetSubscriptions", call, [&] {
     if (LacksResponse(call)) return kFailed;
     auto& pool = call.response->GetAllocator();
-    Json::WideValue answer(rapidjson::kObjectType);
-    AddMember(answer, L"power_events", StoredRequests(kPowerSubscriptions, pool), pool);
-    AddMember(answer, L"zephra_events", StoredRequests(kZephraSubscriptions, pool), pool);
-    AddResult(*call.response, std::move(answer));
-    if (TextLength(*call.response) > kMaxResponseLength) {
-      call.response->SetObject();
-      throw std::length_error(kListsTooLong);
+    Json::WideValue power = StoredRequests(kPowerSubscriptions, pool);
+    Json::WideValue zephra = StoredRequests(kZephraSubscriptions, pool);
+    unsigned omitted = 0;
+    if (kListFrame.size() + TextLength(power) + TextLength(zephra) > kMaxResponseLength) {
+      std::size_t room = kMaxResponseLength - kPartFrame.size();
+      omitted = LeaveOut(power, room, pool);
+      omitted += LeaveOut(zephra, room, pool);
     }
+    Json::WideValue answer(rapidjson::kObjectType);
+    AddMember(answer, L"power_events", std::move(power), pool);
+    AddMember(answer, L"zephra_events", std::move(zephra), pool);
+    if (omitted != 0) AddMember(answer, L"omitted", Json::WideValue(omitted), pool);
+    AddResult(*call.response, std::move(answer));
     Log(call.caller).LogInfo(kSubscriptionsDone);
     return kSuccess;
   });

@@ -58,7 +58,8 @@ class OrvaneService final : public VxService {
   // Handlers of commands. See query_handlers.h for what they have in common.
   //
   // Id 20, "power_events" and "zephra_events": the stored requests as objects, in stored order.
-  // Fails when the lists do not fit into a response, and when one of them cannot be read.
+  // Requests that do not fit into the response are left out and counted in "omitted". Fails when a
+  // list cannot be read.
   static std::uint32_t GetSubscriptions(const Call& call);
 
   // Id 21, "sleepState": the number that another service stored, or 0.

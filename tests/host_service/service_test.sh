@@ -85,6 +85,9 @@ expect 0 '<- {"result":{"getVersion":' exec 22 --service="$name"
 expect 2 'has its own module and store' --private-store exec 22 --service="$name"
 expect 2 'no service OrvaneService is installed' exec 22 --service
 expect 0 'power_events {"powerEventType":7' subscriptions --service="$name"
+printf '{"powerEventType":7,"x":"%070000d"}' 0 >"$work/long.json"
+expect 0 'result 0x00000000' service exec 9 "@$(windows "$work/long.json")" --name "$name"
+expect 0 '1 more do not fit into an answer' subscriptions --service="$name"
 expect 0 '{"key":"sleep_state","answer":{' store show --json --service="$name"
 expect 2 '--watch needs --service' events --power 7 --service="$name"
 run events --watch --service="$name" --seconds 3 >"$work/watched" 2>"$work/listening" &

@@ -82,29 +82,5 @@ TEST_F(DispatchTest, AnIdentityThatIsTooLongEndsTheProcess) {
   EXPECT_EXIT(Orvane::ParseJsonValue(&document, &launched, {tooLong.c_str()}), failedFast, "");
 }
 
-TEST_F(DispatchTest, SubscriptionsThatDoNotFitIntoAResponseAreAFailureWithoutAnAnswer) {
-  constexpr std::wstring_view kFrame =
-      L"{\"result\":{\"power_events\":[{\"x\":\"\"}],\"zephra_events\":[]}}";
-  const auto request = [](std::size_t length) {
-    return L"{\"x\":\"" + std::wstring(length, L'x') + L"\"}";
-  };
-  const std::wstring fits = request(65536 - kFrame.size());
-  ASSERT_EQ(Execute(9, fits).result, 0U);
-  const Reply reply = Execute(20, L"{}");
-  EXPECT_EQ(reply.result, 0U);
-  ASSERT_TRUE(reply.response.has_value());
-  EXPECT_EQ(reply.response->size(), 65536U);
-
-  ASSERT_EQ(Execute(19, fits).result, 0U);
-  ASSERT_EQ(Execute(9, request(65536 - kFrame.size() + 1)).result, 0U);
-  log.Clear();
-  const Reply tooLong = Execute(20, L"{}");
-  EXPECT_EQ(tooLong.result, kFailed);
-  EXPECT_TRUE(tooLong.response == L"{}");
-  EXPECT_THAT(log.Lines(), Contains(HasSubstr(L"GetSubscriptions threw exception the stored "
-                                              L"requests do not fit into a response")));
-  EXPECT_THAT(log.Lines(), Contains(HasSubstr(L"function id 20: request failed: the stored ")));
-}
-
 }  // namespace
 }  // namespace Vx::Tests

@@ -1,8 +1,12 @@
 // Command 20, above all when the lists cannot be read or do not fit into the response.
 
+#include <algorithm>
+#include <cstddef>
 #include <filesystem>
 #include <functional>
 #include <string>
+#include <string_view>
+#include <vector>
 
 #include <gmock/gmock.h>
 #include <windows.h>
@@ -89,6 +93,85 @@ TEST_F(GetSubscriptionsTest, TellsAnEmptyListFromOneThatCannotBeRead) {
     EXPECT_EQ(reply.response, c.code == 0 ? kNone : L"{}");
     EXPECT_THAT(log.Lines(), Contains(HasSubstr(c.line)));
   }
+}
+
+struct StoredRequest {
+  std::wstring stored;
+  std::wstring listed = stored;  // empty: left out
+};
+using Requests = std::vector<StoredRequest>;
+
+std::wstring ArrayOf(const Requests& requests, std::wstring StoredRequest::*text) {
+  std::wstring list;
+  for (const StoredRequest& request : requests) {
+    if (!(request.*text).empty()) list += (list.empty() ? L"" : L",") + request.*text;
+  }
+  return L"[" + list + L"]";
+}
+
+std::wstring AnswerFor(const Requests& power, const Requests& zephra) {
+  const auto omitted = std::ranges::count(power, L"", &StoredRequest::listed) +
+                       std::ranges::count(zephra, L"", &StoredRequest::listed);
+  return LR"({"result":{"power_events":)" + ArrayOf(power, &StoredRequest::listed) +
+         LR"(,"zephra_events":)" + ArrayOf(zephra, &StoredRequest::listed) +
+         (omitted == 0 ? L"" : LR"(,"omitted":)" + std::to_wstring(omitted)) + L"}}";
+}
+
+std::wstring OfLength(std::size_t length, const std::wstring& start = L"{") {
+  return start + LR"("x":")" + std::wstring(length - 7 - start.size(), L'x') + LR"("})";
+}
+
+std::wstring Repeated(std::wstring_view text, std::size_t times) {
+  std::wstring all;
+  for (; times > 0; --times) all += text;
+  return all;
+}
+
+// How long a request may be if all are listed, and if others are left out.
+constexpr std::size_t kLongest = 65536 - std::wstring_view(kNone).size();
+constexpr std::size_t kLongestInPart =
+    kLongest - std::wstring_view(L",\"omitted\":4294967295,").size();
+
+TEST_F(GetSubscriptionsTest, ListsWhatFitsInStoredOrderAndCountsTheRest) {
+  const StoredRequest small{LR"({"a":"\u0001\"ä\\ of some length"})"};
+  const struct {
+    const char* name;
+    Requests power;
+    Requests zephra;
+  } cases[] = {
+      {"all of the room", {{OfLength(kLongest)}}, {}},
+      {"a character too many", {{OfLength(kLongest + 1), L""}}, {}},
+      {"all of the room beside another", {{OfLength(kLongestInPart)}}, {{small.stored, L""}}},
+      {"too long beside another", {{OfLength(kLongestInPart + 1), L""}}, {small}},
+      {"too long between others", {small, {OfLength(70000), L""}, small}, {small}},
+      {"no room after others", {small, {OfLength(60000)}, {OfLength(9000), L""}}, {small}},
+      {"a number that grows", {{L"{\"n\":[0" + Repeated(L",1e20", 3000) + L"]}", L""}, small}, {}},
+      {"escapes that shrink",
+       {{LR"({"s":")" + Repeated(L"\\u00e4", 60000) + L"\"}",
+         LR"({"s":")" + std::wstring(60000, L'\u00e4') + L"\"}"}},
+       {small}},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    Plant(kPowerSubscriptions, Element::Text(ArrayOf(c.power, &StoredRequest::stored)));
+    Plant(kZephraSubscriptions, Element::Text(ArrayOf(c.zephra, &StoredRequest::stored)));
+    const std::wstring answer = AnswerFor(c.power, c.zephra);
+    EXPECT_LE(answer.size(), 65536U);
+    EXPECT_TRUE(List().response == answer);
+  }
+}
+
+TEST_F(GetSubscriptionsTest, ListsTheRestOnceAClientHasUnsubscribedSome) {
+  Requests all;
+  for (int n = 1000; n < 1500; ++n) {
+    all.push_back({OfLength(135, L"{\"n\":" + std::to_wstring(n) + L",")});
+  }
+  Plant(kPowerSubscriptions, Element::Text(ArrayOf(all, &StoredRequest::stored)));
+  Requests fit = all;
+  std::for_each(fit.end() - 19, fit.end(), [](auto& request) { request.listed.clear(); });
+  EXPECT_TRUE(List().response == AnswerFor(fit, {}));
+  for (int i = 0; i < 19; ++i) host.Execute(19, fit[static_cast<std::size_t>(i)].listed.c_str());
+  EXPECT_TRUE(List().response == AnswerFor({all.begin() + 19, all.end()}, {}));
 }
 
 }  // namespace

@@ -97,6 +97,14 @@ def check_stored():
         exported.write_text(json.dumps(run("--store", store, "store", "export", "--json")[0][0]), encoding="utf-8")
         for result in run("--store", store, "store", "import", "Z:" + str(exported).replace("/", "\\"), "--json")[0]:
             expect(result, True, "vxhost store import", "outputs", "store-restore")
+        long = pathlib.Path(folder) / "long.json"
+        long.write_text(json.dumps({"powerEventType": 7, "x": "x" * 70000}), encoding="utf-8")
+        run("--store", store, "exec", "9", "@Z:" + str(long).replace("/", "\\"), "--json")
+        part = run("--store", store, "exec", "20", "--json")[0][0]["answer"]
+        expect(part, True, "a part of the subscriptions", "answers", "command20")
+        if part["result"].get("omitted") != 1:
+            failures.append(part)
+            print(f"failed: the long subscription is not left out of {part}")
 
 
 def check_samples():
