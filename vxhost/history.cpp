@@ -234,23 +234,27 @@ bool History::TakeEnding(const HistoryLine& line, const Kind& kind) {
     Place place = line.thread == 0 ? open.end() : Find(line, [](const Open&) { return false; });
     if (place == open.end()) place = Begin(line, &kind, kUnknownDelay);
     Close(place, line.time, Decision::Failed, failed->front());
-  } else if (const auto many = ofKind(kTooManyWait)) {
-    const Known text = Learn(kind, many->back());
-    const Place place = Begin(line, &kind, text.delay);
-    Name(place->row, text);
-    Close(place, line.time, Decision::Dropped, (*many)[1] + L" deliveries of it waited already");
   } else if (const auto ended = ofKind(kServiceEnded)) {
     Close(Of(line, kind, Learn(kind, ended->back()), Stage::Waiting), line.time, Decision::Dropped,
           L"the service ended while it waited");
+  } else if (const auto many = ofKind(kTooMany)) {
+    TakeUnstarted(line, kind, many->back(), Decision::Dropped,
+                  (*many)[1] + L" deliveries of " + (*many)[2] + L" already");
   } else if (const auto lost = ofKind(kLost)) {
-    const Known text = Learn(kind, lost->back());
-    const Place place = Begin({.time = line.time, .process = line.process}, &kind, text.delay);
-    Name(place->row, text);
-    Close(place, line.time, Decision::Failed, (*lost)[1]);
+    TakeUnstarted(line, kind, lost->back(), Decision::Failed, (*lost)[1]);
   } else {
     return false;
   }
   return true;
+}
+
+// The line is one of the thread of the event, which delivers many.
+void History::TakeUnstarted(const HistoryLine& line, const Kind& kind, const std::wstring& text,
+                            Decision decision, const std::wstring& why) {
+  const Known one = Learn(kind, text);
+  const Place place = Begin({.time = line.time, .process = line.process}, &kind, one.delay);
+  Name(place->row, one);
+  Close(place, line.time, decision, why);
 }
 
 bool History::TakeLaunch(const HistoryLine& line) {

@@ -119,6 +119,8 @@ class History {
   bool TakePackageLine(const HistoryLine& line);
   bool TakeDelivery(const HistoryLine& line, const Kind& kind);
   bool TakeEnding(const HistoryLine& line, const Kind& kind);
+  void TakeUnstarted(const HistoryLine& line, const Kind& kind, const std::wstring& text,
+                     Decision decision, const std::wstring& why);
   bool TakeLaunch(const HistoryLine& line);
   void TakeTrust(const HistoryLine& line);
 

@@ -25,8 +25,7 @@ inline constexpr wchar_t kTrusted[] =
     L"Security - IsFileTrusted - trusted by windows = %s, trusted by Zephra = %s";
 inline constexpr wchar_t kNoMessage[] =
     L"AppServiceProxySDK - no message to app service %s of %s, sent as %s: status %s";
-inline constexpr wchar_t kTooManyWait[] =
-    L"%s - dropped, because %d deliveries of the same subscription wait already: %s";
+inline constexpr wchar_t kTooMany[] = L"%s - dropped, because %d deliveries of %s already: %s";
 inline constexpr wchar_t kServiceEnded[] =
     L"%s - dropped while it waited, because the service ends: %s";
 inline constexpr wchar_t kLost[] = L"%s - this delivery is lost, because of \"%s\": %s";

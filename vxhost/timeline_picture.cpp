@@ -488,11 +488,11 @@ class Reader {
       delivery.outcome = L"failed";
       delivery.tone = Tone::Bad;
       delivery.why = failed->front();
-    } else if (const auto many = ofKind(kTooManyWait)) {
+    } else if (const auto many = ofKind(kTooMany)) {
       text = many->back();
       delivery.outcome = L"dropped";
       delivery.tone = Tone::Dropped;
-      delivery.why = (*many)[1] + L" deliveries of it wait already";
+      delivery.why = (*many)[1] + L" deliveries of " + (*many)[2] + L" already";
     } else if (const auto ended = ofKind(kServiceEnded)) {
       text = ended->back();
       delivery.outcome = L"dropped";

@@ -24,10 +24,8 @@ class PowerEventManager {
  public:
   PowerEventManager() = delete;
 
-  // Starts a worker for one stored request and the code of a delivered event, and returns. A worker
-  // that waits when `stop` is signalled logs that and ends. Never calls the completion handler,
-  // because firing does not use a subscription up. Throws
-  // std::system_error when no thread can be started.
+  // Delivers the event with this code to one stored request: see StartDelivery. Never calls the
+  // completion handler, because firing does not use a subscription up.
   static void handle_event(const std::wstring& request,
                            const std::function<void(const std::wstring&)>& completed,
                            std::uint32_t eventType, const Platform::SharedHandle& stop = nullptr);

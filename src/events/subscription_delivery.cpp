@@ -2,6 +2,7 @@
 
 #include <exception>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <new>
 #include <optional>
@@ -31,6 +32,8 @@ using Logging::LogManager;
 constexpr wchar_t kTriggerUnreadable[] = L"Failed to retrieve custom trigger GUID.";
 constexpr wchar_t kTooManyWait[] =
     L"%S - dropped, because %d deliveries of the same subscription wait already: %s";
+constexpr wchar_t kTooManyExist[] =
+    L"%S - dropped, because %d deliveries of all subscriptions exist already: %s";
 constexpr wchar_t kServiceEnded[] = L"%S - dropped while it waited, because the service ends: %s";
 
 constexpr wchar_t kLost[] = L"%S - this delivery is lost, because of \"%S\": %s";
@@ -70,41 +73,68 @@ int DelaySeconds(const DeliveryTexts& texts, const EventSubscription& subscripti
   return seconds.value_or(0);
 }
 
-// A place among the deliveries of one stored text that wait, for as long as this object lives.
-class WaitingPlace {
+// A bound on the deliveries at one time, and the line about one that it drops.
+struct Limit {
+  const wchar_t* dropped;
+  int most;
+};
+constexpr Limit kOfOneText = {kTooManyWait, kMostWaiting};
+constexpr Limit kOfAll = {kTooManyExist, kMostDeliveries};
+
+// A place among the deliveries of the process, of every kind and service object, for as long as
+// this object lives. Until StopWaiting it is also one among those of one stored text that wait.
+class DeliveryPlace {
  public:
-  WaitingPlace(const DeliveryKind& kind, const std::wstring& request) {
+  DeliveryPlace(const DeliveryKind& kind, const std::wstring& request) {
     const std::lock_guard guard(mutex);
-    entry = Counts().try_emplace({kind.storeKey, request}, 0).first;
-    granted = entry->second < kMostWaiting;
-    if (granted) ++entry->second;
+    if (existing == kOfAll.most) {
+      reached = &kOfAll;
+      return;
+    }
+    entry = Waiting().try_emplace({kind.storeKey, request}, 0).first;
+    if (entry->second == kOfOneText.most) {
+      reached = &kOfOneText;
+      return;
+    }
+    ++entry->second;
+    ++existing;
   }
-  WaitingPlace(const WaitingPlace&) = delete;
-  WaitingPlace& operator=(const WaitingPlace&) = delete;
-  ~WaitingPlace() {
-    if (!granted) return;
+  DeliveryPlace(const DeliveryPlace&) = delete;
+  DeliveryPlace& operator=(const DeliveryPlace&) = delete;
+  ~DeliveryPlace() {
+    if (reached != nullptr) return;
+    StopWaiting();
     const std::lock_guard guard(mutex);
-    if (--entry->second == 0) Counts().erase(entry);
+    --existing;
   }
 
-  // False when every place is taken.
-  explicit operator bool() const { return granted; }
+  // The limit for which there is no place, otherwise null.
+  const Limit* Reached() const { return reached; }
+
+  void StopWaiting() {
+    if (!std::exchange(waits, false)) return;
+    const std::lock_guard guard(mutex);
+    if (--entry->second == 0) Waiting().erase(entry);
+  }
 
  private:
   using Map = std::map<std::pair<const char*, std::wstring>, int>;
 
   // Never destroyed, because a worker may outlive every service.
-  static Map& Counts() {
+  static Map& Waiting() {
     static auto& counts = *new Map();
     return counts;
   }
 
   static std::mutex mutex;  // guards the counts; no other lock is taken under it
+  static int existing;
   Map::iterator entry;
-  bool granted = false;
+  const Limit* reached = nullptr;
+  bool waits = true;
 };
 
-std::mutex WaitingPlace::mutex;
+std::mutex DeliveryPlace::mutex;
+int DeliveryPlace::existing = 0;
 
 // Waits until Modern Standby begins, the service ends or the delay is over. Returns the
 // milliseconds that count, or nothing when the service ends.
@@ -178,26 +208,18 @@ std::wstring TriggerOf(const EventSubscription& subscription) {
   }
 }
 
-void Deliver(const DeliveryKind& kind, const std::wstring& request, std::uint32_t eventType,
-             const Platform::SharedHandle& stop) {
-  const auto subscription = kind.parse(request);
-  if (subscription->Type() != eventType) return;
-
-  // Kept while the delivery waits: for its delay, and then for the command of another one.
-  std::optional<WaitingPlace> place(std::in_place, kind, request);
-  if (!*place) {
-    Log().LogWarning(kTooManyWait, kind.name, kMostWaiting, request.c_str());
-    return;
-  }
-  const int delay = DelaySeconds(kind.texts, *subscription);
+void Deliver(const DeliveryKind& kind, const std::wstring& request,
+             const EventSubscription& subscription, const Platform::SharedHandle& stop,
+             DeliveryPlace& place) {
+  const int delay = DelaySeconds(kind.texts, subscription);
   const std::optional<std::int64_t> elapsed = WaitDelay(kind, request, delay, stop);
   if (!elapsed) return;
-  const std::wstring trigger = TriggerOf(*subscription);
+  const std::wstring trigger = TriggerOf(subscription);
 
   const auto guard = IsOverdue(delay, *elapsed)
                          ? std::unique_lock(*kind.handleEventMutex)
-                         : TakeTurn(*subscription->Command(), *kind.handleEventMutex);
-  place.reset();
+                         : TakeTurn(*subscription.Command(), *kind.handleEventMutex);
+  place.StopWaiting();
   if (HasEnded(stop)) {
     Log().LogWarning(kServiceEnded, kind.name, request.c_str());
   } else if (IsOverdue(delay, *elapsed)) {
@@ -206,19 +228,8 @@ void Deliver(const DeliveryKind& kind, const std::wstring& request, std::uint32_
     const std::uint32_t status = Platform::CurrentMachine().systemTriggers->Raise(trigger);
     Log().LogInfo(kind.texts.triggerRaised, status, request.c_str());
   } else {
-    subscription->Command()->Execute();
+    subscription.Command()->Execute();
     Log().LogInfo(kind.texts.executed, request.c_str());
-  }
-}
-
-// Whether a worker would end without a line, because the whole text is valid and names another
-// event. A text that fails here fails the same way in its worker, which logs it.
-bool IsForAnotherEvent(const DeliveryKind& kind, const std::wstring& request,
-                       std::uint32_t eventType) noexcept {
-  try {
-    return kind.parse(request)->Type() != eventType;
-  } catch (...) {
-    return false;
   }
 }
 
@@ -239,11 +250,23 @@ void LogWorkerFailure(const DeliveryTexts& texts,
   Log().LogError(texts.workerFailed, message.c_str(), error.code());
 }
 
-// The worker's boundary: whatever a stored text or its command throws ends here.
-void Work(const DeliveryKind& kind, const std::wstring& request, std::uint32_t eventType,
-          const Platform::SharedHandle& stop) noexcept {
+// Reads the text of a request. Logs one that is not a subscription and returns null.
+std::shared_ptr<const EventSubscription> Parse(const DeliveryKind& kind,
+                                               const std::wstring& request) {
   try {
-    Deliver(kind, request, eventType, stop);
+    return kind.parse(request);
+  } catch (const Platform::WindowsRuntimeError& error) {
+    LogWorkerFailure(kind.texts, error);
+    return nullptr;
+  }
+}
+
+// The worker's boundary: whatever the command throws ends here.
+void Work(const DeliveryKind& kind, const std::wstring& request,
+          const EventSubscription& subscription, const Platform::SharedHandle& stop,
+          DeliveryPlace& place) noexcept {
+  try {
+    Deliver(kind, request, subscription, stop, place);
   } catch (const Platform::WindowsRuntimeError& error) {
     LogWorkerFailure(kind.texts, error);
   } catch (const std::exception& error) {
@@ -309,7 +332,6 @@ void FulfillSubscriptions(const DeliveryKind& kind, std::uint32_t eventType,
   RequestManager manager(kServiceDocument, kind.storeKey);
   manager.RegisterExistingRequests(
       [&](const std::wstring& request) {
-        if (IsForAnotherEvent(kind, request, eventType)) return;
         try {
           kind.handleEvent(request, nullptr, eventType, stop);
         } catch (const std::exception& error) {
@@ -322,8 +344,18 @@ void FulfillSubscriptions(const DeliveryKind& kind, std::uint32_t eventType,
 
 void StartDelivery(const DeliveryKind& kind, const std::wstring& request, std::uint32_t eventType,
                    const Platform::SharedHandle& stop) {
+  auto subscription = Parse(kind, request);
+  if (subscription == nullptr || subscription->Type() != eventType) return;
+  // Taken here, so that a delivery that is dropped costs no thread.
+  auto place = std::make_shared<DeliveryPlace>(kind, request);
+  if (const Limit* limit = place->Reached()) {
+    Log().LogWarning(limit->dropped, kind.name, limit->most, request.c_str());
+    return;
+  }
   Platform::StartDetached(
-      [&kind, request, eventType, stop] { Work(kind, request, eventType, stop); });
+      [&kind, request, subscription = std::move(subscription), stop, place = std::move(place)] {
+        Work(kind, request, *subscription, stop, *place);
+      });
 }
 
 }  // namespace Vx::Tessel::Server::Services::Orvane

@@ -89,21 +89,24 @@ int RegisterSubscription(const DeliveryKind& kind, const std::wstring& request,
 int UnregisterSubscription(const DeliveryKind& kind, const std::wstring& request,
                            const wchar_t* clientId = nullptr) noexcept;
 
-// Delivers an event to every stored request of the kind. A request for another event costs a parse
-// on the calling thread. Every other one, also a text that cannot be read, gets a worker. Logs a
-// request whose worker cannot be started and goes on with the next. Workers that wait when `stop`
-// is signalled log that and end. Throws only std::bad_alloc.
+// Delivers an event to every stored request of the kind: see StartDelivery. Logs a request whose
+// worker cannot be started and goes on with the next. Throws only std::bad_alloc.
 void FulfillSubscriptions(const DeliveryKind& kind, std::uint32_t eventType,
                           const Platform::SharedHandle& stop = nullptr);
 
-// Deliveries of one stored text that wait out a delay at the same time. The next one is dropped, so
-// that a long delay does not fill the process with threads.
+// Deliveries of one stored text that wait for their delay or their turn at the same time, and
+// deliveries of the process that exist, from the start of their worker to its end. The next one is
+// dropped, so that neither long delays nor many subscriptions fill the process with threads.
 inline constexpr int kMostWaiting = 64;
+inline constexpr int kMostDeliveries = 1024;
 
-// Starts the detached worker that delivers one event to one stored request, and returns. The worker
+// Delivers one event to one stored request, and returns. Parses the request on the calling thread:
+// one for another event, and one that cannot be read, which is logged, needs no worker. Otherwise
+// starts a detached worker, or logs that the delivery is dropped because too many exist. The worker
 // waits out the delay without a lock, then decides and runs the command under the kind's mutex. It
-// does not wait for a delay that IsTooLong, and logs a delivery that it drops. Throws
-// std::system_error when no thread can be started.
+// does not wait for a delay that IsTooLong, and logs a delivery that it drops. If it waits when
+// `stop` is signalled, it logs that and ends. Throws std::system_error when no thread can be
+// started, and std::bad_alloc.
 void StartDelivery(const DeliveryKind& kind, const std::wstring& request, std::uint32_t eventType,
                    const Platform::SharedHandle& stop);
 

@@ -154,7 +154,7 @@ class ReplayTest : public DeliveryTest {
   }
 };
 
-TEST_F(ReplayTest, StartsAWorkerUnlessAValidRequestIsForAnotherEvent) {
+TEST_F(ReplayTest, StartsAWorkerOnlyForAReadableRequestForThisEvent) {
   constexpr wchar_t kOther[] = LR"({"powerEventType":8,"eventAction":)";
   constexpr wchar_t kParameters[] =
       LR"(,"commandParams":{"packageFamilyName":"f","appServiceName":"s","payload":{}}})";
@@ -168,10 +168,10 @@ TEST_F(ReplayTest, StartsAWorkerUnlessAValidRequestIsForAnotherEvent) {
       {"another event, to launch", std::wstring(kOther) + LR"(1,"commandParams":{"path":"p"}})", 0,
        L""},
       {"this event", Request(L"powerEvent"), 1, L"info|PowerEventManager::handle_event Executed"},
-      {"no such action", std::wstring(kOther) + L"3" + kParameters, 1, L"error|Failed to execute"},
-      {"no path", std::wstring(kOther) + LR"(1,"commandParams":{}})", 1,
+      {"no such action", std::wstring(kOther) + L"3" + kParameters, 0, L"error|Failed to execute"},
+      {"no path", std::wstring(kOther) + LR"(1,"commandParams":{}})", 0,
        L"error|Failed to execute"},
-      {"no event", L"{}", 1, L"error|Failed to execute"},
+      {"no event", L"{}", 0, L"error|Failed to execute"},
       {"not an object", L"5", 0, L"error|Unexpected JSON array element"},
   };
   for (const auto& c : cases) {

@@ -3,14 +3,20 @@
 #include <gmock/gmock.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
+#include <cstddef>
+#include <deque>
+#include <functional>
 #include <string>
+#include <system_error>
 #include <thread>
 #include <utility>
 
 #include "events/power_events.h"
 #include "events/zephra_events.h"
 #include "platform/kernel_objects.h"
+#include "platform/thread.h"
 #include "support/machine_test.h"
 
 namespace Vx::Tessel::Server::Services::Orvane {
@@ -63,6 +69,68 @@ TEST_F(WaitingDeliveriesTest, TheSixtyFifthOfOneSubscriptionIsDropped) {
   EXPECT_THAT(Sent(), SizeIs(65));
   Deliver(request);
   EXPECT_EQ(machine.clock.Workers(), 1U);
+}
+
+// Keeps the workers that it is asked for until they are let go, which costs no thread.
+class HeldThreads final : public Platform::Threads {
+ public:
+  Platform::Result<Platform::UniqueHandle> Start(std::function<void()> body) override {
+    if (refuse) return Platform::Result<Platform::UniqueHandle>::Failure(EAGAIN);
+    held.push_back(std::move(body));
+    return Platform::CurrentMachine().kernelObjects->MakeManualEvent({});  // any handle
+  }
+  void LetGo(std::size_t count) {
+    while (count-- > 0) {
+      std::thread(std::exchange(held.front(), nullptr)).join();
+      held.pop_front();
+    }
+  }
+
+  std::deque<std::function<void()>> held;
+  bool refuse = false;
+};
+
+TEST_F(WaitingDeliveriesTest, TheOneAfterAThousandAndTwentyFourOfAllKindsIsDroppedWithoutAThread) {
+  HeldThreads threads;
+  const Platform::MachineScope holding([&](auto& platform) { platform.threads = &threads; });
+  int made = 0;
+  const auto deliver = [&] {  // to a platform and a power request in turn
+    std::wstring request = Delayed(L"0", std::to_wstring(++made));
+    const bool power = made % 2 == 0;
+    if (!power) {
+      request.replace(0, request.find(L"\":2"), LR"({"zephraEventType":7,"zephraEventAction)");
+    }
+    (power ? kPowerEvents : kZephraEvents).handleEvent(request, nullptr, 7, nullptr);
+    return request;
+  };
+  for (int i = 0; i < 1025; ++i) {  // none of which takes a place
+    PowerEventManager::handle_event(L"{}", nullptr, 7);
+    PowerEventManager::handle_event(Delayed(L"0"), nullptr, 8);
+  }
+  threads.refuse = true;
+  EXPECT_THROW(deliver(), std::system_error);
+  EXPECT_THROW(deliver(), std::system_error);
+  threads.refuse = false;
+  for (int i = 0; i < 1024; ++i) deliver();
+  EXPECT_EQ(threads.held.size(), 1024U);
+
+  log.Clear();
+  const std::wstring platform = deliver();
+  const std::wstring power = deliver();
+  const std::wstring why =
+      L"::handle_event - dropped, because 1024 deliveries of all subscriptions exist already: ";
+  EXPECT_THAT(log.Lines(), ElementsAre(L"warning|ZephraEventManager" + why + platform,
+                                       L"warning|PowerEventManager" + why + power));
+  // One that runs its command still counts.
+  machine.timeline.SetListener([&](const auto&) { deliver(); });
+  threads.LetGo(1);
+  machine.timeline.SetListener({});
+  EXPECT_EQ(threads.held.size(), 1023U);
+  deliver();
+  deliver();
+  EXPECT_EQ(threads.held.size(), 1024U);
+  threads.LetGo(1024);
+  EXPECT_THAT(Sent(), SizeIs(1025));
 }
 
 TEST_F(WaitingDeliveriesTest, CountAlsoWhileTheyWaitForTheCommandOfAnother) {
