@@ -26,11 +26,18 @@ ensure_packages() {
   if ((${#missing[@]} == 0)); then return; fi
   echo "installing: ${missing[*]}"
   # Waits for another apt-get, for example that of a second checkout.
-  local apt=(env DEBIAN_FRONTEND=noninteractive apt-get -q -o DPkg::Lock::Timeout=600)
+  local apt=(env LC_ALL=C DEBIAN_FRONTEND=noninteractive apt-get -q -o DPkg::Lock::Timeout=600) errors
   [[ $(id -u) == 0 ]] || apt=(sudo "${apt[@]}")
   (
     umask 022  # what apt fetches is for every account
-    "${apt[@]}" update >/dev/null
+    # The timeout does not cover the lock of the package lists.
+    until errors=$("${apt[@]}" update 2>&1 >/dev/null); do
+      if [[ $errors != *'Could not get lock'* ]] || ((SECONDS > 600)); then
+        echo "$errors" >&2
+        exit 1
+      fi
+      sleep 1
+    done
     "${apt[@]}" install -y --no-install-recommends "${missing[@]}" >/dev/null
   )
 }
