@@ -7,6 +7,7 @@ tree=$1 emulator=$2 prefix=$3
 work=$(mktemp -d)
 disk="$prefix/drive_c"
 trap 'rm -rf "$work" "$disk"/users/*/Temp/OrvaneAcceptance "$disk/Program Files/Vx" "$disk/ProgramData/Vx"' EXIT
+trap 'exit 1' HUP INT TERM  # otherwise a signal skips the trap above
 failures=0
 fail() {
   echo "failed: $*"

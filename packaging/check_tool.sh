@@ -7,6 +7,7 @@ set -eu
 module=$1/OrvaneService.dll tool=$1/vxhost.exe
 keys=$(mktemp)
 trap 'rm -f "$keys"' EXIT
+trap 'exit 1' HUP INT TERM  # otherwise a signal skips the trap above
 
 refuse() {
   echo "check_tool.sh: $*" >&2

@@ -6,6 +6,7 @@ pki=$1 module=$2 other=$3
 here=$(dirname "$0")
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
+trap 'exit 1' HUP INT TERM  # otherwise a signal skips the trap above
 failures=0
 stage() {
   mkdir -p "$work/stage"

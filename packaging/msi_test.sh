@@ -35,6 +35,7 @@ cleanup() {
     "$prefix/drive_c/version.js"
 }
 trap cleanup EXIT
+trap 'exit 1' HUP INT TERM  # otherwise a signal skips the trap above
 
 # The service account of the emulator also owns the program folder, which is for developers only.
 options='SERVICEOPTIONS=--development --start demand'

@@ -5,6 +5,7 @@ set -u
 sample=$1 module=$2 version=$3 emulator=$4 prefix=$5
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
+trap 'exit 1' HUP INT TERM  # otherwise a signal skips the trap above
 failures=0
 windows() { printf 'Z:%s' "$1" | tr / '\\'; }
 VX_PROGRAM_DATA=$(windows "$work")

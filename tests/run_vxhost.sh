@@ -5,6 +5,7 @@ emulator=$1 prefix=${2:-}
 umask go-w  # what a service may be installed from
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
+trap 'exit 1' HUP INT TERM  # otherwise a signal skips the trap above
 failures=0
 
 run() { "$emulator" ${prefix:+"$prefix"} "$vxhost" "$@"; }

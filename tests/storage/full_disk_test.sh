@@ -12,6 +12,7 @@ if ! mount -t tmpfs -o size=640k tmpfs "$disk" 2>/dev/null; then
   exit 77
 fi
 trap 'umount "$disk" && rmdir "$disk"' EXIT
+trap 'exit 1' HUP INT TERM  # otherwise a signal skips the trap above
 VX_PROGRAM_DATA=Z:$(printf %s "$disk" | tr / '\\')
 export VX_PROGRAM_DATA
 failures=0

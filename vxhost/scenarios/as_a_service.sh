@@ -34,6 +34,7 @@ cleanup() {
   rm -rf "$place" "$data"
 }
 trap cleanup EXIT
+trap 'exit 1' HUP INT TERM  # otherwise a signal skips the trap above
 rm -rf "$data"
 mkdir -p "$place"
 cp "$pki/pinned.exe" "$place/tool.exe"
