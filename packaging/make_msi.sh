@@ -139,4 +139,7 @@ END
 rm -f "$msi"
 wixl -a x64 -o "$msi" "$source"
 [[ -s $msi ]]  # the tool reports some failures in its output alone
-msibuild "$msi" -q "${queries[@]}"
+msibuild "$msi" -q "${queries[@]}" || {
+  rm -f "$msi"
+  exit 1
+}
