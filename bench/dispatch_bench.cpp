@@ -2,7 +2,7 @@
 // request, builds and writes the same response and copies it to a C block. The module is loaded,
 // not linked, so that both sides have rapidjson in their own configuration.
 //
-// Usage: dispatch_bench MODULE [--brief] [--json FILE]
+// Usage: dispatch_bench [--brief] [--json FILE]
 #include <cstdlib>
 #include <cstring>
 #include <string>

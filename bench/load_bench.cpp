@@ -1,6 +1,6 @@
 // Commands under load: on many threads at once, and beside deliveries that wait.
 //
-// Usage: load_bench MODULE [--brief] [--json FILE]
+// Usage: load_bench [--brief] [--json FILE]
 #include <bitset>
 #include <cstdint>
 #include <cstdlib>

@@ -1,7 +1,7 @@
 // Measures what the module costs its host: the time to load it, its size, an idle service's memory,
 // and the time that the first launch takes longer than the next.
 //
-// Usage: module_bench MODULE EMPTY-LIBRARY SAME-IMPORTS [--brief] [--json FILE]
+// Usage: module_bench [--brief] [--json FILE]
 #include <algorithm>
 #include <chrono>
 #include <stdexcept>
