@@ -9,7 +9,7 @@
 
 namespace {
 
-// The command line behind the name of this program, which stands in quotes or holds no space.
+// The command line after the name of this program, which is in quotes or has no space.
 std::wstring OwnArguments() {
   const std::wstring line = GetCommandLineW();
   return line.substr(line.front() == L'"' ? line.find(L'"', 1) + 2 : line.find(L' ') + 1);
@@ -19,7 +19,8 @@ std::wstring OwnArguments() {
 
 int wmain() {
   wchar_t folder[MAX_PATH];
-  if (GetEnvironmentVariableW(L"VX_PROGRAM_DATA", folder, MAX_PATH) == 0) return 125;
+  const DWORD length = GetEnvironmentVariableW(L"VX_PROGRAM_DATA", folder, MAX_PATH);
+  if (length == 0 || length >= MAX_PATH) return 125;  // not set, or too long
   SetEnvironmentVariableW(L"ProgramData", folder);
   std::wstring line = OwnArguments();
   STARTUPINFOW startup{};
