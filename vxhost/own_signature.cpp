@@ -28,8 +28,7 @@ void RefusePinnedSignature(const std::wstring& program) {
   if (lock == nullptr) {
     throw std::runtime_error("cannot read " + Utf8(program) + " to check its signature");
   }
-  std::vector<SignatureRecord> records =
-      helper.CollectSignatures(program, SignatureKind::Catalog);
+  std::vector<SignatureRecord> records = helper.CollectSignatures(program, SignatureKind::Catalog);
   const auto embedded = helper.CollectSignatures(program, SignatureKind::Embedded);
   records.insert(records.end(), embedded.begin(), embedded.end());
   if (VxAuthenticodeHelper::IsTrustedByWindows(records) &&

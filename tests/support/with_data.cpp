@@ -1,5 +1,5 @@
-// with_data PROGRAM ARG...: runs a program with the variable VX_PROGRAM_DATA as its ProgramData, and ends with
-// its exit code. The emulator sets ProgramData itself in what a Unix program starts.
+// with_data PROGRAM ARG...: runs a program with the variable VX_PROGRAM_DATA as its ProgramData,
+// and ends with its exit code. The emulator sets ProgramData itself in what a Unix program starts.
 #include <cwchar>
 #include <string>
 

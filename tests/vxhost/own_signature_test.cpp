@@ -28,8 +28,8 @@ TEST(OwnSignatureTest, RefusesAGoodSignatureWithAKeyOfEitherSetWhereverTheFileIs
   static constexpr struct {
     const wchar_t* file;
     const char* fate;
-  } kCases[] = {{L"pinned.exe", "pinned"},  {L"general.exe", "pinned"}, {L"expired.exe", "pinned"},
-                {L"unpinned.exe", "runs"},  {L"unsigned.exe", "runs"},  {L"tampered.exe", "runs"},
+  } kCases[] = {{L"pinned.exe", "pinned"}, {L"general.exe", "pinned"}, {L"expired.exe", "pinned"},
+                {L"unpinned.exe", "runs"}, {L"unsigned.exe", "runs"},  {L"tampered.exe", "runs"},
                 {L"appended.exe", "runs"}};
   for (const auto& c : kCases) {
     EXPECT_EQ(Fate(Tests::PkiFile(c.file)), c.fate) << testing::PrintToString(c.file);
@@ -38,8 +38,8 @@ TEST(OwnSignatureTest, RefusesAGoodSignatureWithAKeyOfEitherSetWhereverTheFileIs
 
 TEST(OwnSignatureTest, RefusesAFileThatAnotherProcessKeepsItFromReading) {
   const std::wstring program = Tests::PkiFile(L"unsigned.exe");
-  const auto held = Platform::AdoptFile(CreateFileW(program.c_str(), GENERIC_READ, 0, nullptr,
-                                                    OPEN_EXISTING, 0, nullptr));
+  const auto held = Platform::AdoptFile(
+      CreateFileW(program.c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr));
   ASSERT_NE(held, nullptr);
   EXPECT_NE(Fate(program).find("cannot read "), std::string::npos);
 }
