@@ -28,7 +28,8 @@ int wmain() {
   PROCESS_INFORMATION started{};
   if (CreateProcessW(nullptr, line.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr, &startup,
                      &started) == FALSE) {
-    std::fwprintf(stderr, L"cannot start %ls: error %lu\n", line.c_str(), GetLastError());
+    static_cast<void>(
+        std::fwprintf(stderr, L"cannot start %ls: error %lu\n", line.c_str(), GetLastError()));
     return 126;
   }
   const Vx::Platform::UniqueHandle process(started.hProcess);
