@@ -1,4 +1,4 @@
-# The other scripts source this file: it installs packages that a fresh Debian 12 lacks, configures and
+# The other scripts source this file: it installs packages that a fresh Debian 12 or 13 lacks, configures and
 # builds.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
@@ -8,13 +8,14 @@ if ! { : 3<&0; } 2>/dev/null; then exec </dev/null; fi
 # Builds go through ccache where it is installed.
 if command -v ccache >/dev/null; then export CMAKE_{C,CXX}_COMPILER_LAUNCHER=ccache; fi
 
+# Of clang, lld and llvm, the versions that the release itself prefers.
 packages=(
   g++-mingw-w64-x86-64-posix ninja-build cmake wine wine64
-  rapidjson-dev googletest libcli11-dev osslsigncode openssl clang-14 lld-14 llvm-14
+  rapidjson-dev googletest libcli11-dev osslsigncode openssl clang lld llvm
 )
-native_packages=(libclang-rt-14-dev libbson-dev pkg-config)
+native_packages=(libclang-rt-dev libbson-dev pkg-config)
 page_packages=(chromium fonts-dejavu-core python3 python3-jsonschema)  # for the tests of pages and schemas
-lint_packages=(clang-format-14 clang-tidy-14 cppcheck)
+lint_packages=(clang-tidy cppcheck)
 
 # ensure_packages NAME...: installs the missing ones.
 ensure_packages() {
