@@ -7,10 +7,11 @@ work=$dll.imports
 rm -rf "$work"
 mkdir -p "$work"
 
-# The library and the first function of each import, "KERNEL32.dll CloseHandle".
+# The library and the first function of each import, "KERNEL32.dll CloseHandle". A function's row ends
+# with its hint and its name. Later releases of objdump print an ordinal before them.
 "$objdump" -p "$module" | awk '
   /DLL Name:/ { library = $3; next }
-  library != "" && NF == 3 && $2 ~ /^[0-9]+$/ { print library, $3; library = "" }' >"$work/list"
+  library != "" && NF > 2 && $(NF - 1) ~ /^[0-9a-f]+$/ { print library, $NF; library = "" }' >"$work/list"
 
 {
   cat "$source"

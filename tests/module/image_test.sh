@@ -23,8 +23,9 @@ done
 echo "$headers" | grep -E 'CryptAcquireContext|CryptGenRandom' &&
   fail "a constructor of the toolchain's stack protector is back"
 
+# "[   0] Name", or "[   0] +base[   1]  0000 Name" from later releases of objdump.
 found=$(echo "$headers" |
-  sed -n '/^\[Ordinal\/Name Pointer\]/,/^$/s/^[[:space:]]*\[ *[0-9]*\] *//p' | sort)
+  sed -n '/^\[Ordinal\/Name Pointer\]/,/^$/s/^[[:space:]]*\[ *[0-9]*\] \(.* \)\{0,1\}\([^ ]*\)$/\2/p' | sort)
 wanted=$(tr -d '\r' <"$definition" |
   sed -n '/^EXPORTS/,$s/^  \([A-Za-z_][A-Za-z0-9_]*\).*/\1/p' | sort)
 [ -n "$wanted" ] && [ "$found" = "$wanted" ] || fail "exports differ from $definition:
