@@ -1,6 +1,7 @@
 // minimal_host MODULE: the least that a service host does, in C++, with owners that end everything
 // in its order. MODULE is the module's full path. Prints each step, and exits with 0 when all of
 // them succeeded.
+#include <cstdint>
 #include <cstdio>
 #include <memory>
 #include <stdexcept>
