@@ -10,6 +10,7 @@
 #include "platform/files.h"
 #include "platform/machine.h"
 #include "platform/trust_provider.h"
+#include "support/import_override.h"
 #include "support/silent_pipe.h"
 
 // The import that every CreateFileW of this program goes through.
@@ -20,33 +21,16 @@ namespace Vx::Platform {
 namespace {
 
 std::vector<DWORD> pipeFlags;  // of each open of a pipe
-decltype(&CreateFileW) realCreateFile = nullptr;
+const decltype(&CreateFileW) realCreateFile = __imp_CreateFileW;
 
+// Records the opens of pipes. The emulator gives a pipe's server the same rights whatever an open
+// states, so that only the open itself can be looked at.
 HANDLE WINAPI WatchedCreateFile(const wchar_t* name, DWORD access, DWORD share,
                                 SECURITY_ATTRIBUTES* security, DWORD disposition, DWORD flags,
                                 HANDLE pattern) {
   if (std::wcsstr(name, L"\\pipe\\") != nullptr) pipeFlags.push_back(flags);
   return realCreateFile(name, access, share, security, disposition, flags, pattern);
 }
-
-void SetImport(decltype(&CreateFileW) function) {
-  DWORD before = 0;
-  ASSERT_NE(VirtualProtect(&__imp_CreateFileW, sizeof function, PAGE_READWRITE, &before), FALSE);
-  __imp_CreateFileW = function;
-}
-
-// Records the opens of pipes. The emulator gives a pipe's server the same rights whatever an open
-// states, so that only the open itself can be looked at.
-class OpenWatch {
- public:
-  OpenWatch() {
-    realCreateFile = __imp_CreateFileW;
-    SetImport(&WatchedCreateFile);
-  }
-  OpenWatch(const OpenWatch&) = delete;
-  OpenWatch& operator=(const OpenWatch&) = delete;
-  ~OpenWatch() { SetImport(realCreateFile); }
-};
 
 // A pipe is refused before it is read, which would take for ever, and its server cannot act as the
 // account that opened it.
@@ -78,7 +62,7 @@ TEST(DiskFileTest, APipeIsNeitherReadNorGivenAnIdentity) {
     return (flags & kSecurityFlags) == (SECURITY_SQOS_PRESENT | SECURITY_IDENTIFICATION);
   });
   Tests::SilentPipe pipe;
-  const OpenWatch watch;
+  const Tests::ImportOverride watch(__imp_CreateFileW, &WatchedCreateFile);
   for (const auto& [name, open] : kCases) {
     SCOPED_TRACE(name);
     EXPECT_EQ(open(L"\\\\.\\pipe\\" + pipe.Name()), kNoFile);

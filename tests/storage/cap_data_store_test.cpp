@@ -23,6 +23,7 @@
 
 #include "storage/store_fixture.h"
 #include "support/directory_link.h"
+#include "support/import_override.h"
 #include "support/setting.h"
 #include "support/temp_folder.h"
 
@@ -379,16 +380,20 @@ TEST_F(CapDataStoreTest, AValueThatDoesNotFitLeavesTheFileAndALine) {
   EXPECT_EQ(Read(store, "small"), BsonElement::Text(L"s"));
 }
 
+RPC_STATUS RPC_ENTRY NoId(UUID*) {
+  return RPC_S_OUT_OF_MEMORY;
+}
+
 TEST_F(CapDataStoreTest, WithoutAnIdTheFileStaysAsItIsUntilWindowsMakesOne) {
   CapDataStore store;
   for (const wchar_t* line : {L"warning|CapDataStore - no id could be made for the file, error 0xe",
                               L"warning|CapDataStore - the file was not written, error 0xe"}) {
     const Bytes before = Tests::ReadBytes(Path());
     log.Clear();
-    const auto real =
-        std::exchange(__imp_UuidCreate, [](UUID*) -> RPC_STATUS { return RPC_S_OUT_OF_MEMORY; });
-    EXPECT_FALSE(store.persist("key", true));
-    __imp_UuidCreate = real;
+    {
+      const Tests::ImportOverride noIds(__imp_UuidCreate, &NoId);
+      EXPECT_FALSE(store.persist("key", true));
+    }
     EXPECT_EQ(log.Lines(), std::vector<std::wstring>{line});
     EXPECT_EQ(Tests::ReadBytes(Path()), before);
     EXPECT_TRUE(store.persist("key", true));
