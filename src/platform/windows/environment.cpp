@@ -31,8 +31,8 @@ using Text = Result<std::wstring>;
 // beginning of a longer one and reports success.
 constexpr std::size_t kMaxText = 32767;
 
-// Returns the expansion in `buffer`. The last element stays zero only if the call had enough room.
-// Wine reports success for a buffer that was too small, so the result alone proves nothing.
+// Returns the expansion in `buffer`, which has room for more than `maxChars` or for the longest
+// text.
 Text TextIn(const std::vector<wchar_t>& buffer, std::size_t maxChars) {
   const auto end = std::find(buffer.begin(), buffer.end(), L'\0');
   const auto length = static_cast<std::size_t>(end - buffer.begin());
@@ -70,13 +70,15 @@ class RealEnvironment final : public Environment {
   Text ExpandForUser(RawHandle token, const std::wstring& text,
                      std::size_t maxChars) const override {
     if (text.size() >= kMaxText) return Text::Failure(ERROR_FILENAME_EXCED_RANGE);
-    std::vector<wchar_t> buffer(Room(maxChars));
+    // Room for the longest text. Windows reports too small a buffer as a failure, but Wine reports
+    // success, and from one release to the next it leaves other parts of the text there.
+    std::vector<wchar_t> buffer(kMaxText);
     auto* expand = userenv.Find<decltype(ExpandEnvironmentStringsForUserW)>(
         "ExpandEnvironmentStringsForUserW");
     if (expand == nullptr || expand(token, text.c_str(), buffer.data(), Count(buffer)) == FALSE) {
       return Text::Failure(GetLastError());
     }
-    return TextIn(buffer, maxChars);
+    return TextIn(buffer, std::min(maxChars, kMaxText));
   }
 
   Result<std::vector<wchar_t>> Block(RawHandle token) const override {
