@@ -16,6 +16,7 @@
 
 #include "service/simulated_service.h"
 #include "storage/store_file.h"
+#include "support/framework_thread.h"
 #include "support/probe.h"
 #include "support/process_gauges.h"
 #include "support/test_pki.h"
@@ -57,6 +58,7 @@ class FaultWalkTest : public SimulatedServiceTest {
   // Walks the flow. Expects after each fault that no thread impersonates, no worker is left and the
   // value of the other service is still stored, and that the flow works at the next try.
   void Walk(const Flow& flow, Workers workers = Workers::None) {
+    StartFrameworkThread();
     // The first runs, also one that throws, make Windows allocate what it keeps per process.
     for (const std::size_t index : {kNever, std::size_t{0}}) {
       Begin(flow);
