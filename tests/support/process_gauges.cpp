@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cstdio>
 
 #include <windows.h>
 
@@ -10,6 +11,28 @@
 #include "platform/unique_handle.h"
 
 namespace Vx::Tests {
+namespace {
+
+// The bytes and the number of the blocks that a heap lists as used.
+struct UsedBlocks {
+  std::size_t bytes = 0;
+  std::size_t count = 0;
+};
+
+UsedBlocks Walk(HANDLE heap) {
+  UsedBlocks used;
+  PROCESS_HEAP_ENTRY entry{};
+  HeapLock(heap);
+  while (HeapWalk(heap, &entry) != FALSE) {
+    if ((entry.wFlags & PROCESS_HEAP_ENTRY_BUSY) == 0) continue;
+    used.bytes += entry.cbData;
+    ++used.count;
+  }
+  HeapUnlock(heap);
+  return used;
+}
+
+}  // namespace
 
 std::uintptr_t HandleGauge() {
   std::array<Platform::UniqueHandle, 64> fresh;
@@ -42,14 +65,21 @@ MemoryInUse MeasureMemory() {
   std::array<HANDLE, 16> heaps{};
   const DWORD count = GetProcessHeaps(static_cast<DWORD>(heaps.size()), heaps.data());
   for (DWORD i = 0; i < std::min<DWORD>(count, static_cast<DWORD>(heaps.size())); ++i) {
-    PROCESS_HEAP_ENTRY entry{};
-    HeapLock(heaps[i]);
-    while (HeapWalk(heaps[i], &entry) != FALSE) {
-      if ((entry.wFlags & PROCESS_HEAP_ENTRY_BUSY) != 0) memory.heap += entry.cbData;
-    }
-    HeapUnlock(heaps[i]);
+    memory.heap += Walk(heaps[i]).bytes;
   }
   return memory;
+}
+
+bool MemoryIsMeasurable() {
+  constexpr std::size_t kBlocks = 200;
+  constexpr std::size_t kSize = 40;
+  HANDLE heap = HeapCreate(0, 0, 0);
+  const std::size_t before = Walk(heap).count;
+  for (std::size_t i = 0; i < kBlocks; ++i) HeapAlloc(heap, 0, kSize);
+  const bool measurable = Walk(heap).count >= before + kBlocks;
+  HeapDestroy(heap);
+  if (!measurable) std::printf("memory is not compared: HeapWalk lists free blocks as used\n");
+  return measurable;
 }
 
 std::size_t ThreadCount() {

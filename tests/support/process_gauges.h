@@ -31,6 +31,12 @@ struct MemoryInUse {
 };
 MemoryInUse MeasureMemory();
 
+// Whether `heap` and `committed` show what is in use. If not, prints why. HeapWalk lists the blocks
+// of a heap, but later releases of the emulator serve small blocks from groups that they keep, and
+// list a group as one block in use even if all of its blocks are free.
+// https://learn.microsoft.com/en-us/windows/win32/api/heapapi/nf-heapapi-heapwalk
+bool MemoryIsMeasurable();
+
 // Threads of this process.
 std::size_t ThreadCount();
 
