@@ -10,6 +10,16 @@ extern "C" Vx::Tessel::Server::Services::VxService* VxCreateService() noexcept {
   return Vx::Tessel::Server::Services::Orvane::OrvaneService::Create();
 }
 
+// Takes the place of the C++ runtime's own handler, which DllMain exchanges before anything can
+// throw. That one prints the exception's type, and the demangler for it would be a twentieth of
+// this module.
+namespace __gnu_cxx {
+// NOLINTNEXTLINE(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp): the runtime's name
+void __verbose_terminate_handler() {
+  Vx::Platform::FailFast();
+}
+}  // namespace __gnu_cxx
+
 BOOL WINAPI DllMain(HINSTANCE module, DWORD reason, void* /*reserved*/) {
   // Refused where the runtime has thread-local storage of its own; nothing is lost by that.
   if (reason == DLL_PROCESS_ATTACH) {
