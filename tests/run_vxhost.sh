@@ -43,16 +43,25 @@ fail() {
   failures=$((failures + 1))
 }
 
+# exits CODE COMMAND...: running the command, which is run or one of its kind, exits with CODE. Leaves what
+# it prints in $work/output.
+exits() {
+  code=$1
+  shift
+  "$@" >"$work/raw" 2>&1
+  exit=$?
+  tr -d '\r' <"$work/raw" >"$work/output"
+  [ "$exit" = "$code" ] || fail "$* exits with $exit, wanted $code; it prints:" "$work/output"
+}
+
 # expect CODE TEXT ARG...: running vxhost with the arguments exits with CODE and prints TEXT. Leaves
 # what it prints in $work/output.
 expect() {
-  code=$1 text=$2
+  code=$1 text=$2 before=$failures
   shift 2
-  run "$@" >"$work/raw" 2>&1
-  exit=$?
-  tr -d '\r' <"$work/raw" >"$work/output"
-  [ "$exit" = "$code" ] && grep -qF -- "$text" "$work/output" ||
-    fail "vxhost $* exits with $exit, wanted $code and \"$text\"; it prints:" "$work/output"
+  exits "$code" run "$@"
+  [ "$failures" != "$before" ] || grep -qF -- "$text" "$work/output" ||
+    fail "vxhost $* does not print \"$text\", but:" "$work/output"
 }
 
 # same EXPECTED FILE: the files are equal. RECORD=1 writes EXPECTED instead. Read a new one line by line

@@ -15,10 +15,17 @@ for scenario in "$folder"/*.json; do
   esac
 done
 
+run --simulate scenario "$@" >"$work/raw" 2>&1
+exit=$?
+if [ $exit != 0 ]; then
+  grep -a '^!!' "$work/raw" >"$work/end" || tail -n 5 "$work/raw" >"$work/end"
+  fail "vxhost exits with $exit and prints, at the end or as expectations that were not met:" "$work/end"
+fi
+
 # The store lies in a folder of the process and of the user; what Windows says of a library that is not this
 # project's differs from system to system.
-run --simulate scenario "$@" 2>&1 |
-  tr -d "\r" | sed -e 's/C:.users.[^ ]*.Temp.vxhost-[0-9]*/TEMP/g' -e "/Security - GetSecurityCatalogInfo/d" \
+tr -d "\r" <"$work/raw" |
+  sed -e 's/C:.users.[^ ]*.Temp.vxhost-[0-9]*/TEMP/g' -e "/Security - GetSecurityCatalogInfo/d" \
     -e "/${DROP:-^$}/d" -e "/^Everything that was expected/d" -e "/^$/d" |
   awk -v work="$work" -v file="$work/$(basename "$1" .json).txt" '
     /^==== / { sub(/.*[\/\\]/, ""); sub(/\.json$/, ""); file = work "/" $0 ".txt"; next }

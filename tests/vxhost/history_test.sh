@@ -7,24 +7,22 @@ set -u
 folder=$1 vxhost=$2
 shift 2
 . "$(dirname "$0")/../run_vxhost.sh"
-store=$work/store rows=$work/rows
+store=$work/store
 mkdir "$store"
 for log in "$folder"/*.log "$folder"/*.json; do
-  run --store "$store" history "$log" 2>&1 | tr -d '\r' > "$rows"
-  same "${log%.*}.txt" "$rows"
+  exits 0 run --store "$store" history "$log"
+  same "${log%.*}.txt" "$work/output"
 done
 
 # Windows PowerShell saves what is redirected as UTF-16.
 iconv -f UTF-8 -t UTF-16 "$folder/watch.json" > "$work/watch.json"
-run --store "$store" history "$work/watch.json" 2>&1 | tr -d '\r' > "$rows"
-cmp -s "$folder/watch.txt" "$rows" || fail "history does not read UTF-16:" "$rows"
+exits 0 run --store "$store" history "$work/watch.json"
+cmp -s "$folder/watch.txt" "$work/output" || fail "history does not read UTF-16:" "$work/output"
 
 # Every failed delivery, and nothing else, of one subscription since a time.
-run --store "$store" history "$folder/service.log" --failed --json \
-  --subscription "$(awk '/not sent/ { print $4; exit }' "$folder/service.txt")" --since 2026-11-25T11:44:10 2>&1 |
-  tr -d '\r' > "$rows"
-[ "$(wc -l < "$rows")" = 1 ] && grep -q '"decision":"not sent","failed":true' "$rows" ||
-  fail "the filters of history leave:" "$rows"
+expect 0 '"decision":"not sent","failed":true' --store "$store" history "$folder/service.log" --failed --json \
+  --subscription "$(awk '/not sent/ { print $4; exit }' "$folder/service.txt")" --since 2026-11-25T11:44:10
+[ "$(wc -l < "$work/output")" = 1 ] || fail "the filters of history leave:" "$work/output"
 expect 0 'ran: process 460' --store "$store" history "$folder/service.log" --timeline "Z:$work/page.html"
 for wanted in 'subscription accepted</b> <span class="reason">629974c1, client vxhost.exe ann' \
   'refused</b> <span class="reason">it is signed with another key' \
@@ -37,9 +35,9 @@ expect 2 'needs the thread of each line' history "$folder/watch.json" --timeline
 mkdir "$work/kept"
 printf '{"document":{"OrvaneServiceDocument":{"value":{"PackageCatalogEventSubscriptions":{"value":"[%s]"}}}}}' \
   '{\"packageFamilyName\":\"Maker.App_1\"}' > "$work/values"
-run --store "$work/kept" store import "$work/values" > /dev/null 2>&1
-run --store "$work/kept" history "$folder/rare.log" --subscription 1 2>&1 |
-  grep -q 'uninstall Maker.App_1 [0-9a-f]\{8\} .*ran: process 4711' ||
-  fail "history does not name the package subscription"
+exits 0 run --store "$work/kept" store import "$work/values"
+exits 0 run --store "$work/kept" history "$folder/rare.log" --subscription 1
+grep -q 'uninstall Maker.App_1 [0-9a-f]\{8\} .*ran: process 4711' "$work/output" ||
+  fail "history does not name the package subscription:" "$work/output"
 [ -z "$(ls -A "$store")" ] || fail "history makes a store"
 exit $((failures > 0))

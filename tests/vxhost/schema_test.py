@@ -38,33 +38,35 @@ def expect(value, valid, what, name, part=None):
         print(f"failed: {what} should be {'' if valid else 'in'}valid by {name} {part or ''}: {found}")
 
 
-def run(*arguments):
+def run(*arguments, code=0):
+    """Returns the objects that vxhost prints, and its standard error. It exits with this code."""
     done = subprocess.run([*emulator, vxhost, *arguments], stdout=subprocess.PIPE, stderr=subprocess.PIPE,
                           cwd=tests / "vxhost", check=False)
     lines = done.stdout.decode().splitlines()
-    if not lines:
+    if not lines or done.returncode != code:
         failures.append(arguments)
-        print(f"failed: vxhost {arguments} prints no result: {done.stderr.decode()}")
+        print(f"failed: vxhost {arguments} exits with {done.returncode}, wanted {code}, and prints {len(lines)} "
+              f"results: {done.stderr.decode()}")
     return [json.loads(line) for line in lines], done.stderr.decode()
 
 
 def check_outputs():
     program = "Z:" + vxhost.replace("/", "\\")
     subscriptions = sorted(p.name for p in (tests / "vxhost" / "subscriptions").glob("*.json"))
-    for part, arguments in {
-            "exec": ("--simulate", "exec", "99"),
-            "events": ("--simulate", "events", "--power", "18", "--seconds", "1"),
-            "doctor": ("--simulate", "doctor"),
-            "validate": ("--simulate", "validate", *(f"@subscriptions/{name}" for name in subscriptions)),
-            "trust": ("trust", program),
-            "pin": ("pin", program),
-            "pins": ("pins",),
-            "history": ("history", "history/service.log"),
-            "explain-resume": ("explain-resume",),
-            "service-status": ("service", "status", "--name", "VxNone"),
-            "error": ("exec", "22", "--dll", "missing.dll"),
+    for part, (code, *arguments) in {
+            "exec": (1, "--simulate", "exec", "99"),
+            "events": (0, "--simulate", "events", "--power", "18", "--seconds", "1"),
+            "doctor": (1, "--simulate", "doctor"),
+            "validate": (1, "--simulate", "validate", *(f"@subscriptions/{name}" for name in subscriptions)),
+            "trust": (1, "trust", program),
+            "pin": (1, "pin", program),
+            "pins": (0, "pins"),
+            "history": (0, "history", "history/service.log"),
+            "explain-resume": (0, "explain-resume"),
+            "service-status": (1, "service", "status", "--name", "VxNone"),
+            "error": (2, "exec", "22", "--dll", "missing.dll"),
     }.items():
-        results, _ = run(*arguments, "--json")
+        results, _ = run(*arguments, "--json", code=code)
         for result in results:
             expect(result, True, f"vxhost {' '.join(arguments[:3])}", "outputs", part)
         if part != "validate":

@@ -10,28 +10,26 @@ place="$prefix/drive_c/Program Files/VxSigned"
 trap 'rm -rf "$work" "$place"' EXIT
 cd "$folder" || exit 1
 # shellcheck disable=SC2046
-run --simulate validate $(printf '@%s ' [0-9]*.json) > "$work/raw" 2>&1
-code=$?
+exits 1 run --simulate validate $(printf '@%s ' [0-9]*.json)
+cp "$work/output" "$work/verdicts"
 head -c 1048577 /dev/zero | tr '\0' ' ' > "$work/long"
-run validate "@$work/long" >> "$work/raw" 2>&1
+exits 1 run validate "@$work/long"
+cat "$work/output" >> "$work/verdicts"
 mkdir -p "$place"
 cp "$pki"/*.exe "$place"
 # shellcheck disable=SC2046
-run --dll "$module" validate $(printf '@%s ' signed_*.json) >> "$work/raw" 2>&1
-tr -d '\r' < "$work/raw" > "$work/output"
-same "$folder.txt" "$work/output"
-[ "$code" = 1 ] || fail "validate exits with $code and not 1"
+exits 1 run --dll "$module" validate $(printf '@%s ' signed_*.json)
+cat "$work/output" >> "$work/verdicts"
+same "$folder.txt" "$work/verdicts"
 
 # What is stored is judged with the keys of the module too.
 mkdir "$work/store"
-stored() { run "$@" 2>&1 | tr -d '\r' >> "$work/judged"; }
-for program in pinned unpinned; do
-  stored --dll "$module" --store "$work/store" -q subscriptions add --power 18 \
-    --run "C:\\Program Files\\VxSigned\\$program.exe"
-done
-stored --dll "$module" --store "$work/store" explain power 18
-if ! grep -q '^added: .*\\pinned' "$work/judged" || ! grep -q '^not added: .*unpinned' "$work/judged" ||
-  ! grep -q ' start C:.*\\pinned' "$work/judged" || grep -q 'key' "$work/judged"; then
-  fail "stored subscriptions are judged with other keys than the module's:" "$work/judged"
-fi
+add() { # CODE TEXT PROGRAM
+  expect "$1" "$2" --dll "$module" --store "$work/store" -q subscriptions add --power 18 \
+    --run "C:\\Program Files\\VxSigned\\$3.exe"
+}
+add 0 'added: ' pinned
+add 1 'not added: ' unpinned
+expect 0 'start C:\Program Files\VxSigned\pinned' --dll "$module" --store "$work/store" explain power 18
+! grep -q 'key' "$work/output" || fail "explain judges with other keys than the module's:" "$work/output"
 exit $((failures > 0))

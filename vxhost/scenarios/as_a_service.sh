@@ -62,7 +62,8 @@ await "$place/report.txt" 'good morning'
 
 echo '== The log files tell it: the subscription was accepted, and ran'
 tries=0
-until vxhost history "$logs" | tr -d '\r' >"$place/history.txt" &&
+until vxhost history "$logs" >"$place/history.raw" &&
+  tr -d '\r' <"$place/history.raw" >"$place/history.txt" &&
   awk '$2 " " $3 == "command 9" && $6 == "accepted:" { stored = $4 }
     $2 " " $3 == "power 7" && $7 " " $8 == "ran: process" { ran = $4 }
     END { exit stored == "" || ran != stored }' "$place/history.txt"; do
