@@ -64,12 +64,15 @@ expect() {
     fail "vxhost $* does not print \"$text\", but:" "$work/output"
 }
 
-# same EXPECTED FILE: the files are equal. RECORD=1 writes EXPECTED instead. Read a new one line by line
-# before it is kept.
+# same EXPECTED FILE: the files are equal. RECORD=1 prints the difference and writes EXPECTED, unless
+# something has failed before. Read a new one line by line before it is kept.
 same() {
-  if [ -n "${RECORD:-}" ]; then
-    cp "$2" "$1"
-  elif ! diff -u "$1" "$2"; then
+  diff -uN "$1" "$2" && return
+  if [ -z "${RECORD:-}" ]; then
     fail "vxhost does not print what $1 holds"
+  elif [ "$failures" = 0 ] && [ -s "$2" ]; then
+    cp "$2" "$1"
+  else
+    fail "$1 is not recorded, since the run failed or prints nothing"
   fi
 }

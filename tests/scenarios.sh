@@ -1,8 +1,8 @@
 #!/bin/sh
 # scenarios.sh FOLDER VXHOST EMULATOR...: plays every scenario of FOLDER, each on a fresh simulated
 # machine, and compares what it prints with the transcript beside it, NAME.txt for NAME.json.
-# RECORD=1 writes the transcripts instead. NAMES, if set, names the scenarios of FOLDER that are meant.
-# Lines that match DROP are left out: those of a thread that no order binds to the others, for example.
+# RECORD=1 writes the transcripts instead, if every expectation was met. NAMES, if set, names the
+# scenarios of FOLDER that are meant. Lines that match DROP are left out: those of a thread that no order binds to the others, for example.
 set -u
 folder=$1 vxhost=$2
 shift 2

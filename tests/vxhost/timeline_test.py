@@ -1,6 +1,7 @@
 """timeline_test.py VXHOST SCENARIO PICTURE EMULATOR...: renders the timeline of a scenario in Chromium, in
 windows of 1280 and 400 pixels at once, and compares what is on the page with the log. PICTURE is the copy of
-its wide picture for the manual. RECORD=1 writes it instead. Look at a new one before it is kept."""
+its wide picture for the manual. RECORD=1 writes it instead, if all else is in order. Look at a new one before
+it is kept."""
 
 import collections
 import html
@@ -121,7 +122,7 @@ def check_picture(page):
     svg = svg.replace("<svg ", '<svg xmlns="http://www.w3.org/2000/svg" font-family="system-ui, sans-serif" ', 1)
     rules = "svg { background: var(--paper); font-family: system-ui, \"Segoe UI\", \"DejaVu Sans\", sans-serif; }"
     drawn = svg.replace(">", f"><style>{style}{rules}</style>", 1) + "\n"
-    if os.environ.get("RECORD"):
+    if os.environ.get("RECORD") and not failures:
         with open(picture, "w", encoding="utf-8") as file:
             file.write(drawn)
         return
@@ -132,9 +133,9 @@ def check_picture(page):
 
 with tempfile.TemporaryDirectory() as folder:
     text, result = play(folder)
-    check_picture(text)
     views = measure(folder, text)
     check_layout(views["1280"], "wide")
     check_layout(views["400"], "narrow")
     check_content(views["400"], result)
+    check_picture(text)
 sys.exit(1 if failures else 0)
