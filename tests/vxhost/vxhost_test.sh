@@ -43,8 +43,10 @@ expect 1 'no such command' --dll "$module" --private-store exec 99
 expect 2 'build it with scripts/build' --dll "$work/missing.dll" exec 22
 expect 2 'there is no subcommand "exce"; did you mean "exec"?' exce 22
 expect 2 '{"error":{"message":' --dll "$work/missing.dll" exec 22 --json
-printf '\357\273\277{}' | expect 0 '-> 22 {}' --simulate exec 22 @-
-printf '\377\376{\0"\0\032\001"\0:\0001\0}\0' | expect 0 '-> 22 {"Ě":1}' --simulate exec 22 @-
+printf '\357\273\277{}' > "$work/utf8"
+expect 0 '-> 22 {}' --simulate exec 22 @- < "$work/utf8"
+printf '\377\376{\0"\0\032\001"\0:\0001\0}\0' > "$work/utf16"
+expect 0 '-> 22 {"Ě":1}' --simulate exec 22 @- < "$work/utf16"
 expect 0 "$(printf '\033[2m')" --simulate --color always exec 22
 
 # What a script reads of exec is one line, whatever the module logs.
