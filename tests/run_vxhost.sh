@@ -8,6 +8,16 @@ trap 'rm -rf "$work"' EXIT
 trap 'exit 1' HUP INT TERM  # otherwise a signal skips the trap above
 failures=0
 
+# need PATH...: what the build makes. If something is missing, the test ends with one line.
+need() {
+  for path; do
+    [ -e "$path" ] && continue
+    echo "$path is missing: build it with scripts/build"
+    exit 1
+  done
+}
+need "$emulator" "$vxhost"
+
 run() { "$emulator" ${prefix:+"$prefix"} "$vxhost" "$@"; }
 
 # windows PATH: the full path as a Windows program names it.
@@ -26,6 +36,7 @@ run_at() {
 install_tool() {
   place="$prefix/drive_c/Program Files/$1"
   trap 'rm -rf "$work" "$place"' EXIT
+  need "$2"
   mkdir -p "$place" && cp "$vxhost" "$2" "$place" || exit 1
   open=$(find "$prefix/drive_c" "$prefix/drive_c/Program Files" -maxdepth 0 -perm /022)
   if [ -n "$open" ]; then

@@ -14,6 +14,10 @@ for scenario in "$folder"/*.json; do
     *" $(basename "$scenario" .json) "*) set -- "$@" "$scenario" ;;
   esac
 done
+if [ $# = 0 ]; then
+  echo "no scenario in $folder: name one of its files without .json in NAMES"
+  exit 1
+fi
 
 run --simulate scenario "$@" >"$work/raw" 2>&1
 exit=$?

@@ -29,6 +29,7 @@
 #include "platform/machine.h"
 #include "platform/thread.h"
 #include "support/memory_shortage.h"
+#include "support/probe.h"
 #include "vxhost/service/pipe_client.h"
 #include "vxhost/service/pipe_io.h"
 
@@ -39,12 +40,6 @@ using namespace std::chrono_literals;
 using ::testing::EndsWith;
 using ::testing::StartsWith;
 using ::testing::ThrowsMessage;
-
-std::filesystem::path TestFolder() {
-  wchar_t program[MAX_PATH];
-  GetModuleFileNameW(nullptr, program, MAX_PATH);
-  return std::filesystem::path(program).parent_path();
-}
 
 // What is missing when the server starts a thread for its next client.
 enum class Missing { Nothing, Thread, Memory, MemoryAfterwards };
@@ -248,25 +243,27 @@ TEST_F(PipeTest, TakesTheMessagesOfTheSampleClients) {
       LR"(\\VxSample\\tool.exe","arguments":"it's )"
       L"\xE9\"}}";
   Serve();
-  for (const char* client : {"python", "powershell"}) {
-    std::ifstream file(TestFolder() / "pipe_samples" / (std::string(client) + ".message"),
+  for (const wchar_t* client : {L"python", L"powershell"}) {
+    std::ifstream file(std::filesystem::path(Tests::BuiltFile(std::wstring(L"pipe_samples\\") +
+                                                              client + L".message")),
                        std::ios::binary);
+    SCOPED_TRACE(testing::PrintToString(client));
     const std::string message{std::istreambuf_iterator<char>(file), {}};
     ASSERT_TRUE(Eventually([&] { return WaitNamedPipeW(path.c_str(), 100) != FALSE; }));
     const auto pipe =
         Platform::AdoptFile(CreateFileW(path.c_str(), kAccess, 0, nullptr, OPEN_EXISTING,
                                         SECURITY_SQOS_PRESENT | SECURITY_IDENTIFICATION, nullptr));
-    ASSERT_NE(pipe, nullptr) << client;
+    ASSERT_NE(pipe, nullptr);
     DWORD mode = PIPE_READMODE_MESSAGE;
     EXPECT_TRUE(SetNamedPipeHandleState(pipe.get(), &mode, nullptr, nullptr));
     EXPECT_TRUE(Send(pipe, message));
     char answer[1024];
     DWORD size = 0;
-    ASSERT_TRUE(ReadFile(pipe.get(), answer, sizeof answer, &size, nullptr)) << client;
+    ASSERT_TRUE(ReadFile(pipe.get(), answer, sizeof answer, &size, nullptr));
     const auto result = ParseResult({answer, size});
-    ASSERT_TRUE(result) << client;
-    EXPECT_EQ(result->code, 9U) << client;
-    EXPECT_EQ(result->response, request) << client;
+    ASSERT_TRUE(result);
+    EXPECT_EQ(result->code, 9U);
+    EXPECT_EQ(result->response, request);
   }
 }
 

@@ -31,9 +31,9 @@ class ServiceCrashTest : public ::testing::Test {
   ServiceCrashTest() {
     Tests::RemoveTree(data);
     DataFolders(ProgramDataFolder(), Writers::Account).Prepare(DataFolders::Existing::Report);
-    const std::wstring bin = Tests::TestFolder() + L"\\..\\bin\\";
-    ServicePlan plan{.name = name, .program = bin + L"vxhost.exe", .module = bin};
-    plan.module += L"OrvaneService.dll";
+    ServicePlan plan{.name = name,
+                     .program = Tests::BuiltFile(L"..\\bin\\vxhost.exe"),
+                     .module = Tests::ModulePath()};
     plan.start = ServicePlan::Start::Demand;
     manager.Install(plan);
   }

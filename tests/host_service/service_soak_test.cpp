@@ -14,6 +14,7 @@
 
 #include "platform/thread.h"
 #include "support/framework_thread.h"
+#include "support/probe.h"
 #include "support/process_gauges.h"
 #include "support/setting.h"
 #include "support/temp_folder.h"
@@ -57,11 +58,6 @@ class ServiceSoakTest : public ::testing::Test {
     std::vector<std::unique_ptr<LogTarget>> targets;
     targets.push_back(std::make_unique<LogFolder>(folder));
     return targets;
-  }
-
-  static std::wstring Module() {
-    const std::wstring own = OwnPath();
-    return own.substr(0, own.find_last_of(L'\\')) + L"\\..\\bin\\OrvaneService.dll";
   }
 
   // Codes from both sources and the sessions', and a command per ten codes over
@@ -108,7 +104,7 @@ class ServiceSoakTest : public ::testing::Test {
   Tests::TempFolder logs;
   const std::wstring path = PipePath(L"soak-" + std::to_wstring(GetCurrentProcessId()));
   ServiceLog log{Files(logs.Path().wstring())};
-  HostLoop host{{Module(), false}, log};
+  HostLoop host{{Tests::ModulePath(), false}, log};
   PipeServer server{{.path = path, .allowed = {}},
                     [this](const CommandEnvelope& command, const std::wstring& client) {
                       return host.Execute(command, client);

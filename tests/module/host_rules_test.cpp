@@ -33,7 +33,7 @@ class HostRulesTest : public RuntimeTest {
 
   RegisteredFakes fakes;
   PrivateStore store;
-  Host::LoadedModule module{TestFolder() + L"\\..\\bin\\OrvaneService.dll"};
+  Host::LoadedModule module{ModulePath()};
   Host::ServiceSession service = module.NewService();
 };
 

@@ -45,7 +45,7 @@ Text Repeated(std::wstring_view piece, std::size_t count) {
 std::vector<Text> Seeds(const wchar_t* folder) {
   std::vector<Text> lines;
   for (const auto& file :
-       std::filesystem::directory_iterator(TestFolder() + L"\\corpus\\" + folder)) {
+       std::filesystem::directory_iterator(BuiltFile(std::wstring(L"corpus\\") + folder))) {
     std::ifstream content(file.path(), std::ios::binary);
     for (std::string line; std::getline(content, line);) {
       const auto bytes = std::as_bytes(std::span(line));

@@ -15,14 +15,12 @@ namespace Vx::Tests {
 // it with a store of its own.
 class ModuleTest : public testing::Test {
  protected:
-  static std::wstring ModulePath() { return TestFolder() + L"\\..\\bin\\test\\OrvaneService.dll"; }
-
   Host::Answer Execute(std::uint32_t id, const std::wstring& request) {
     return service.Execute(id, request, L"client");
   }
 
   PrivateStore store;
-  Host::LoadedModule module{ModulePath()};
+  Host::LoadedModule module{TestModulePath()};
   Host::ServiceSession service = module.NewService();
 };
 

@@ -293,7 +293,8 @@ static HMODULE LoadBesideTests(void) {
   const HMODULE module = LoadLibraryW(path);
   factory = (Factory)(void*)GetProcAddress(module, "VxCreateService");
   if (factory == NULL) {
-    printf("the module cannot be loaded: error %lu\n", (unsigned long)GetLastError());
+    printf("%ls cannot be loaded, error %lu: build it with scripts/build\n", path,
+           (unsigned long)GetLastError());
     exit(1);
   }
   return module;

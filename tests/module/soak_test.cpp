@@ -14,6 +14,7 @@
 #include "module/module_test.h"
 #include "platform/unique_handle.h"
 #include "support/framework_thread.h"
+#include "support/probe.h"
 #include "support/process_gauges.h"
 #include "support/setting.h"
 
@@ -207,7 +208,7 @@ TEST_F(SoakTest, TheModuleStaysUntilItsLastThreadHasGoneAndLeavesNoThreadSlot) {
   expectGone();
   const DWORD before = NextThreadSlot();
   for (DWORD i = 0; i < kLoads; ++i) {
-    use(Host::LoadedModule(ModulePath()));
+    use(Host::LoadedModule(TestModulePath()));
     expectGone();
   }
   // The thread library that is linked into each module keeps one slot per load. Ours would be

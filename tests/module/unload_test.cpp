@@ -34,7 +34,7 @@ class UnloadDeathTest : public RuntimeTest {
   void Load() {
     fakes.emplace();
     store.emplace();
-    module.emplace(TestFolder() + L"\\..\\bin\\OrvaneService.dll");
+    module.emplace(ModulePath());
     service.emplace(module->NewService());
     EXPECT_EQ(service->Execute(7, kSubscription, L"client").code, 0U);
     held = AwaitHandlers();

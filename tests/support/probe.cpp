@@ -1,6 +1,8 @@
 #include "support/probe.h"
 
 #include <algorithm>
+#include <cstdio>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -46,8 +48,24 @@ std::wstring TestFolder() {
   return path.substr(0, path.find_last_of(L'\\'));
 }
 
+std::wstring BuiltFile(const std::wstring& name) {
+  std::wstring path = TestFolder() + L"\\" + name;
+  if (GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES) return path;
+  static_cast<void>(
+      std::fprintf(stderr, "%ls is missing: build it with scripts/build\n", path.c_str()));
+  std::exit(1);  // NOLINT(concurrency-mt-unsafe): the test cannot go on
+}
+
 std::wstring ProbePath() {
-  return TestFolder() + L"\\probe.exe";
+  return BuiltFile(L"probe.exe");
+}
+
+std::wstring ModulePath() {
+  return BuiltFile(L"..\\bin\\OrvaneService.dll");
+}
+
+std::wstring TestModulePath() {
+  return BuiltFile(L"..\\bin\\test\\OrvaneService.dll");
 }
 
 std::wstring Escaped(const std::wstring& path) {

@@ -18,11 +18,18 @@ struct ProbeReport {
   bool HasVariable(const std::wstring& entry) const;
 };
 
-// Full path of the probe program, which lies beside the test program.
-std::wstring ProbePath();
-
 // Full path of the folder of the running test program.
 std::wstring TestFolder();
+
+// Full path of a file of the build that is named from TestFolder(). If there is none, ends the
+// program with one line.
+std::wstring BuiltFile(const std::wstring& name);
+
+// Full paths of the probe program, of the module as it ships, and of the one that trusts the tests'
+// own authority.
+std::wstring ProbePath();
+std::wstring ModulePath();
+std::wstring TestModulePath();
 
 // The path as it stands in a JSON text.
 std::wstring Escaped(const std::wstring& path);

@@ -13,7 +13,7 @@
 namespace Vx::Tests {
 
 std::wstring PkiFile(const wchar_t* name) {
-  return TestFolder() + L"\\pki\\" + name;
+  return BuiltFile(std::wstring(L"pki\\") + name);
 }
 
 ProtectedFolder::ProtectedFolder() {

@@ -17,7 +17,7 @@ using ::testing::SizeIs;
 
 // This program links the same sets as the module that trusts the tests' authority.
 TEST(ModulePinsTest, AreTheCompiledSets) {
-  const ModulePins pins(Tests::TestFolder() + L"\\..\\bin\\test\\OrvaneService.dll");
+  const ModulePins pins(Tests::TestModulePath());
   EXPECT_THAT(pins.General(), ElementsAreArray(Tessel::Security::GeneralKeys()));
   EXPECT_THAT(pins.Restricted(), ElementsAreArray(Tessel::Security::RestrictedKeys()));
   EXPECT_THAT(pins.General(), SizeIs(2));
@@ -25,12 +25,11 @@ TEST(ModulePinsTest, AreTheCompiledSets) {
 }
 
 TEST(ModulePinsTest, OfABuildWithoutKeysAreEmptyAndOfAnotherFileAnError) {
-  const std::wstring bin = Tests::TestFolder() + L"\\..\\bin\\";
-  const ModulePins none(bin + L"OrvaneService.dll");
+  const ModulePins none(Tests::ModulePath());
   EXPECT_THAT(none.General(), IsEmpty());
   EXPECT_THAT(none.Restricted(), IsEmpty());
   EXPECT_THROW(ModulePins(L"C:\\windows\\system32\\kernel32.dll"), std::runtime_error);
-  EXPECT_THROW(ModulePins(bin + L"missing.dll"), std::runtime_error);
+  EXPECT_THROW(ModulePins(Tests::TestFolder() + L"\\missing.dll"), std::runtime_error);
 }
 
 }  // namespace

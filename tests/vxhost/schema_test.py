@@ -7,9 +7,14 @@ import subprocess
 import sys
 import tempfile
 
-from jsonschema import Draft202012Validator
+try:
+    from jsonschema import Draft202012Validator
+except ImportError as error:
+    sys.exit(f"{error}: scripts/test installs it")
 
 vxhost, schemas, tests, *emulator = sys.argv[1:]
+if not pathlib.Path(vxhost).exists():
+    sys.exit(f"{vxhost} is missing: build it with scripts/build")
 tests = pathlib.Path(tests)
 samples = tests.parent / "vxhost" / "scenarios"
 failures = []

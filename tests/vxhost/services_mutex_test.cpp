@@ -75,7 +75,7 @@ std::string NotKept(const std::string& why) {
 
 TEST_F(ServicesMutexTest, AWriterRefusesANameOfAnotherKindOfObjectAndAReaderGoesOn) {
   const UniqueHandle taken(CreateEventW(nullptr, TRUE, FALSE, kName));
-  const LoadedModule module(Tests::TestFolder() + L"\\..\\bin\\OrvaneService.dll");
+  const LoadedModule module(Tests::ModulePath());
   EXPECT_EQ(Failure([&] { module.NewService(); }),
             NotKept("is an object of another kind, made by another program"));
   EXPECT_EQ(ServicesMutexFor(StoreUse::Read), nullptr);

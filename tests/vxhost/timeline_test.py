@@ -8,11 +8,16 @@ import html
 import json
 import os
 import re
+import shutil
 import subprocess
 import sys
 import tempfile
 
 vxhost, scenario, picture, *emulator = sys.argv[1:]
+if not os.path.exists(vxhost):
+    sys.exit(f"{vxhost} is missing: build it with scripts/build")
+if not shutil.which("chromium"):
+    sys.exit("there is no chromium: scripts/test installs it")
 failures = []
 
 # Runs in a copy of the page: what a reader sees, as far as it can be measured.

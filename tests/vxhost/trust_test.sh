@@ -5,6 +5,7 @@ set -u
 pki=$1 vxhost=$2 module=$3 other=$4 pinned=$5
 shift 5
 . "$(dirname "$0")/../run_vxhost.sh"
+need "$pki/pinned.exe" "$module" "$other" "$pinned"
 cd "$pki" || exit 1
 
 # The verdict is that of the named module, not of the tool.
@@ -51,7 +52,9 @@ head -n -1 "$list" | tr -d '"' | diff "$work/wanted" - > "$work/output" || fail 
 # The doctor: the module's signature against its own keys, and how long it lasts.
 # signed NAME CERTIFICATE KEY FILE: a copy of FILE.
 signed() {
-  osslsigncode sign -certs "$2.crt" -key "$3.key" -h sha256 -in "$4" -out "$work/$1" > "$work/log" 2>&1
+  osslsigncode sign -certs "$2.crt" -key "$3.key" -h sha256 -in "$4" -out "$work/$1" > "$work/log" 2>&1 && return
+  echo "cannot sign $1 with osslsigncode, which scripts/build installs: $(tail -n 1 "$work/log")"
+  exit 1
 }
 signed own.dll pinned pinned "$module"
 signed foreign.dll unpinned unpinned "$module"

@@ -6,6 +6,7 @@ set -u
 folder=$1 pki=$2 vxhost=$3 module=$4
 shift 4
 . "$(dirname "$0")/../run_vxhost.sh"
+need "$pki/pinned.exe" "$module"
 place="$prefix/drive_c/Program Files/VxSigned"
 trap 'rm -rf "$work" "$place"' EXIT
 cd "$folder" || exit 1

@@ -4,6 +4,7 @@ set -u
 vxhost=$1 module=$2 scenarios=$3
 shift 3
 . "$(dirname "$0")/../run_vxhost.sh"
+need "$module"
 
 # scenario NAME STEP...: writes a scenario of these steps.
 scenario() {
