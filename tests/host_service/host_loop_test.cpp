@@ -3,11 +3,9 @@
 #include <atomic>
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <sstream>
 #include <stdexcept>
 #include <string>
-#include <vector>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -16,11 +14,13 @@
 
 #include <objbase.h>
 
+#include "host_service/log_lines.h"
 #include "platform/machine.h"
 #include "platform/system_services.h"
 #include "platform/unique_handle.h"
 #include "storage/cap_data_store.h"
 #include "storage/system_mutex.h"
+#include "support/probe.h"
 #include "support/temp_folder.h"
 #include "vxhost/service/service_process.h"
 #include "vxhost/text.h"
@@ -57,20 +57,6 @@ TEST(PowerFilterTest, DropsWhatTheOtherSourceReportedWithinTwoSeconds) {
     EXPECT_EQ(filter.Passes(step.code, step.source, step.time), step.passes) << step.name;
   }
 }
-
-class Lines : public LogTarget {
- public:
-  Lines(std::wstring& out, std::mutex& outLock) : text(out), lock(outLock) {}
-  bool Write(const LogEntry& entry) noexcept override {
-    const std::lock_guard guard(lock);
-    text += entry.line.level + L" " + entry.line.caller + L": " + entry.line.message + L"\n";
-    return true;
-  }
-
- private:
-  std::wstring& text;
-  std::mutex& lock;
-};
 
 bool ModuleIsLoaded() {
   return GetModuleHandleW(L"OrvaneService.dll") != nullptr;
@@ -128,12 +114,6 @@ class SecurityWatch {
 // The module as it ships, with a store of its own.
 class HostLoopTest : public ::testing::Test {
  protected:
-  HostLoopTest() {
-    std::vector<std::unique_ptr<LogTarget>> targets;
-    targets.push_back(std::make_unique<Lines>(text, lock));
-    log = std::make_unique<ServiceLog>(std::move(targets));
-  }
-
   // A thread of the module keeps it loaded until it has ended. No host may keep it for longer.
   ~HostLoopTest() override { ExpectUnload(); }
 
@@ -143,35 +123,29 @@ class HostLoopTest : public ::testing::Test {
   }
 
   HostLoop::Options Options(bool modernStandby) const {
-    const std::wstring own = OwnPath();
-    const std::wstring tests = own.substr(0, own.find_last_of(L'\\'));
-    return {tests + L"\\..\\bin\\OrvaneService.dll", modernStandby};
+    return {Tests::ModulePath(), modernStandby};
   }
 
   bool StandbyIsSet() const { return WaitForSingleObject(standby.get(), 0) == WAIT_OBJECT_0; }
 
   // Waits until a line is logged.
   bool Logs(const std::wstring& line) {
-    const auto logged = [&] {
-      const std::lock_guard guard(lock);
-      return text.find(line) != text.npos;
-    };
+    const auto logged = [&] { return lines.Text().find(line) != std::wstring::npos; };
     for (int i = 0; i < 500 && !logged(); ++i) Sleep(10);
     return logged();
   }
 
   // Everything logged. The log ends with it.
-  const std::wstring& Logged() {
+  std::wstring Logged() {
     log.reset();
-    return text;
+    return lines.Text();
   }
 
   Tests::PrivateStore store;
   Platform::UniqueHandle standby{
       CreateEventW(nullptr, TRUE, FALSE, L"{CE7DC567-F47B-4A07-8489-C9DEB372B88F}")};
-  std::mutex lock;
-  std::wstring text;  // under the lock
-  std::unique_ptr<ServiceLog> log;
+  LogLines lines;
+  std::unique_ptr<ServiceLog> log = std::make_unique<ServiceLog>(lines.Targets());
 };
 
 TEST_F(HostLoopTest, RunsCommandsAndForwardsEachPowerEventOnce) {
@@ -206,8 +180,7 @@ TEST_F(HostLoopTest, ChoosesDynamicCloakingBeforeItLoadsTheModuleAndKeepsComEnte
     EXPECT_FALSE(HasEnteredCom());
     ExpectUnload();
     log->Flush();
-    const std::lock_guard guard(lock);
-    EXPECT_EQ(text.find(kLine) != text.npos, answer != S_OK);
+    EXPECT_EQ(lines.Text().find(kLine) != std::wstring::npos, answer != S_OK);
   }
 }
 
@@ -246,10 +219,9 @@ TEST_F(HostLoopTest, AFullQueueKeepsTheLastReportOfEachCodeAndWarnsOnce) {
   }
   EXPECT_FALSE(StandbyIsSet());
   log->Flush();
-  const std::lock_guard guard(lock);
   std::wstring codes;
-  std::wistringstream lines(text);
-  for (std::wstring line; std::getline(lines, line);) {
+  std::wistringstream all(lines.Text());
+  for (std::wstring line; std::getline(all, line);) {
     if (line.find(L"power event ") != line.npos || line.find(L"session change ") != line.npos ||
         line.find(L"WARNING") != line.npos) {
       codes += line + L"\n";

@@ -11,7 +11,9 @@
 
 #include <windows.h>
 
+#include "host_service/log_lines.h"
 #include "platform/thread.h"
+#include "support/probe.h"
 #include "support/temp_folder.h"
 #include "vxhost/service/guarded_folder.h"
 #include "vxhost/service/service_manager.h"
@@ -66,18 +68,6 @@ TEST(ServicePlanTest, ItsCommandLineIsQuotedAndItsNameCannotBreakOut) {
   EXPECT_TRUE(IsServiceName(std::wstring(64, L'a')));
 }
 
-class Lines : public LogTarget {
- public:
-  explicit Lines(std::wstring& out) : text(out) {}
-  bool Write(const LogEntry& entry) noexcept override {
-    text += entry.line.message + L"\n";
-    return true;
-  }
-
- private:
-  std::wstring& text;
-};
-
 // The service as the manager runs it, with the module as it ships and a store of its own.
 class ServiceProcessTest : public ::testing::Test, public StatusSink {
  protected:
@@ -87,20 +77,16 @@ class ServiceProcessTest : public ::testing::Test, public StatusSink {
   }
 
   ServiceProcess& Service(const std::wstring& module, bool development) {
-    std::vector<std::unique_ptr<LogTarget>> places;
-    places.push_back(std::make_unique<Lines>(text));
     const std::wstring name = L"process-" + std::to_wstring(GetCurrentProcessId());
     service = std::make_unique<ServiceProcess>(ServiceOptions{name, module, {}, development},
-                                               std::move(places), *this);
+                                               lines.Targets(), *this);
     return *service;
   }
 
   // Runs the service, sends it the controls and stops it. Returns what its handler returned.
   std::vector<std::uint32_t> RunWith(
       const std::vector<std::pair<std::uint32_t, std::uint32_t>>& controls, bool development) {
-    const std::wstring own = OwnPath();
-    ServiceProcess& one = Service(
-        own.substr(0, own.find_last_of(L'\\')) + L"\\..\\bin\\OrvaneService.dll", development);
+    ServiceProcess& one = Service(Tests::ModulePath(), development);
     Platform::Thread main([&one] { one.Run(); });
     EXPECT_EQ(WaitForSingleObject(running.get(), 10'000), WAIT_OBJECT_0);
     std::vector<std::uint32_t> results;
@@ -115,7 +101,7 @@ class ServiceProcessTest : public ::testing::Test, public StatusSink {
   Tests::PrivateStore store;
   Platform::UniqueHandle running{CreateEventW(nullptr, TRUE, FALSE, nullptr)};
   std::vector<ServiceState> states;
-  std::wstring text;
+  LogLines lines;
   std::unique_ptr<ServiceProcess> service;
 };
 
@@ -129,10 +115,11 @@ TEST_F(ServiceProcessTest, ForwardsTheManagersCodesInOrderAndReportsEachState) {
                       false),
               ElementsAre(NO_ERROR, NO_ERROR, NO_ERROR, NO_ERROR, ERROR_CALL_NOT_IMPLEMENTED,
                           ERROR_CALL_NOT_IMPLEMENTED));
-  const auto at = [this](const wchar_t* line) { return text.find(line); };
-  EXPECT_LT(at(L"\npower event 4\n"), at(L"\nsession change 5\n"));
-  EXPECT_LT(at(L"\nsession change 5\n"), at(L"\npower event 18\n"));
-  EXPECT_LT(at(L"\npower event 18\n"), at(L"\nthe module is stopped\n"));
+  const std::wstring text = lines.Text();
+  const auto at = [&](const wchar_t* line) { return text.find(line); };
+  EXPECT_LT(at(L": power event 4\n"), at(L": session change 5\n"));
+  EXPECT_LT(at(L": session change 5\n"), at(L": power event 18\n"));
+  EXPECT_LT(at(L": power event 18\n"), at(L": the module is stopped\n"));
   EXPECT_THAT(text, Not(HasSubstr(L"power event 7")));
   std::vector<std::uint32_t> seen;
   std::uint32_t checkpoint = 0;
@@ -153,8 +140,8 @@ TEST_F(ServiceProcessTest, TakesEventsOfUsersOnlyUnderDevelopment) {
   EXPECT_THAT(
       RunWith({{PowerControl(7), 0}, {SessionControl(63), 0}, {127, 0}, {256, 0}}, true),
       ElementsAre(NO_ERROR, NO_ERROR, ERROR_CALL_NOT_IMPLEMENTED, ERROR_CALL_NOT_IMPLEMENTED));
-  EXPECT_THAT(text, HasSubstr(L"power event 7\n"));
-  EXPECT_THAT(text, HasSubstr(L"session change 63\n"));
+  EXPECT_THAT(lines.Text(), HasSubstr(L"power event 7\n"));
+  EXPECT_THAT(lines.Text(), HasSubstr(L"session change 63\n"));
 }
 
 TEST_F(ServiceProcessTest, AModuleThatCannotBeLoadedEndsItWithAnErrorAndALine) {
@@ -162,7 +149,7 @@ TEST_F(ServiceProcessTest, AModuleThatCannotBeLoadedEndsItWithAnErrorAndALine) {
   one.Run();
   EXPECT_EQ(states.back().state, static_cast<std::uint32_t>(SERVICE_STOPPED));
   EXPECT_EQ(states.back().exitCode, static_cast<std::uint32_t>(ERROR_SERVICE_SPECIFIC_ERROR));
-  EXPECT_THAT(text, HasSubstr(L"the service cannot run: "));
+  EXPECT_THAT(lines.Text(), HasSubstr(L"the service cannot run: "));
   EXPECT_EQ(one.Control(SERVICE_CONTROL_POWEREVENT, 7), static_cast<std::uint32_t>(NO_ERROR));
 }
 
