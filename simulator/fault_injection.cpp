@@ -367,6 +367,43 @@ class FaultyOobe final : public Decorator<Platform::Oobe> {
   }
 };
 
+class FaultyPackageUninstall final : public Platform::PackageUninstall {
+ public:
+  FaultyPackageUninstall(const PackageUninstall& behind, FaultInjection& decider)
+      : inner(behind), faults(decider) {}
+  std::wstring FamilyName() const override {
+    if (faults.Fails("PackageUninstall.FamilyName")) Throw();
+    return inner.FamilyName();
+  }
+  bool IsComplete() const override {
+    if (faults.Fails("PackageUninstall.IsComplete")) Throw();
+    return inner.IsComplete();
+  }
+
+ private:
+  const PackageUninstall& inner;
+  FaultInjection& faults;
+};
+
+class FaultyPackageCatalog final : public Platform::PackageCatalog {
+ public:
+  FaultyPackageCatalog(std::shared_ptr<PackageCatalog> behind, FaultInjection& decider)
+      : inner(std::move(behind)), faults(decider) {}
+  Token AddUninstalling(UninstallingHandler handler) override {
+    if (faults.Fails("PackageCatalog.AddUninstalling")) Throw();
+    return inner->AddUninstalling(
+        [&decider = faults,
+         notify = std::move(handler)](const Platform::PackageUninstall& uninstall) {
+          notify(FaultyPackageUninstall(uninstall, decider));
+        });
+  }
+  void RemoveUninstalling(Token token) noexcept override { inner->RemoveUninstalling(token); }
+
+ private:
+  std::shared_ptr<PackageCatalog> inner;
+  FaultInjection& faults;
+};
+
 class FaultyPackages final : public Decorator<Platform::Packages> {
  public:
   using Decorator::Decorator;
@@ -405,8 +442,9 @@ class FaultyPackages final : public Decorator<Platform::Packages> {
     return OrThrow("Packages.Register", [&] { return inner.Register(fullName, limit); });
   }
   std::shared_ptr<Platform::PackageCatalog> OpenCatalogForCurrentUser() override {
-    return OrThrow("Packages.OpenCatalogForCurrentUser",
-                   [&] { return inner.OpenCatalogForCurrentUser(); });
+    return OrThrow("Packages.OpenCatalogForCurrentUser", [&] {
+      return std::make_shared<FaultyPackageCatalog>(inner.OpenCatalogForCurrentUser(), faults);
+    });
   }
 };
 

@@ -1,0 +1,56 @@
+#!/usr/bin/python3
+"""refusals_test.py ROOT: fails when simulator/fault_injection.cpp does not refuse an operation of an interface
+in src/platform. Such an operation would be outside every fault walk."""
+
+import pathlib
+import re
+import sys
+
+root = pathlib.Path(sys.argv[1])
+
+# What Windows cannot refuse, or what only later calls depend on. A result of type void has no refusal either.
+NEVER_REFUSED = {
+    "AppServices.Open": "opens nothing before AppService.Send",
+    "Clock.TickCount": "the clock always has a value",
+    "Clock.UtcFileTime": "the clock always has a value",
+    "Files.IsElsewhere": "reads the kind of a drive, which is always known",
+    "KernelObjects.Signal": "fails for a handle that is no event, and a lost stop would stop the walk",
+}
+
+
+def blocks(source, opening):
+    """The text in braces after each match of the pattern, with the match."""
+    for match in re.finditer(opening, source):
+        depth, end = 1, match.end()
+        while depth:
+            depth += {"{": 1, "}": -1}.get(source[end], 0)
+            end += 1
+        yield match, source[match.end():end]
+
+
+def read(path):
+    return re.sub(r"//[^\n]*", "", path.read_text(encoding="utf-8"))
+
+
+operations = []
+for header in sorted((root / "src/platform").glob("*.h")):
+    for interface, body in blocks(read(header), r"\nclass (\w+)(?: final)?(?: : [^{;]*)? \{"):
+        for result, name in re.findall(r"virtual ([^~;]*?)[\s&*](\w+)\(", body):
+            if result != "void":
+                operations.append(f"{interface[1]}.{name}")
+
+source = read(root / "simulator/fault_injection.cpp")
+refused = set()
+for decorator, body in blocks(source, r"\nclass \w+ final : public (?:Decorator<)?Platform::(\w+)>? \{"):
+    for function, code in blocks(body, r"\b(\w+)\([^;{}]*\)(?: const)? override \{"):
+        if f'"{decorator[1]}.' in code:
+            refused.add(f"{decorator[1]}.{function[1]}")
+
+faults = [f"{name} is not refused: decorate it, or say above why Windows cannot refuse it"
+          for name in operations if name not in refused | NEVER_REFUSED.keys()]
+faults += [f"{name} is refused or gone: remove it above"
+           for name in NEVER_REFUSED if name in refused or name not in operations]
+if len(operations) < 60:
+    faults.append(f"only {len(operations)} operations found in src/platform")
+print("\n".join(faults) or f"{len(operations)} operations")
+sys.exit(1 if faults else 0)
