@@ -27,10 +27,11 @@ if [ $exit != 0 ]; then
 fi
 
 # The store lies in a folder of the process and of the user; what Windows says of a library that is not this
-# project's differs from system to system.
+# project's differs from system to system. A command without a line for its result has succeeded.
 tr -d "\r" <"$work/raw" |
   sed -e 's/C:.users.[^ ]*.Temp.vxhost-[0-9]*/TEMP/g' -e "/Security - GetSecurityCatalogInfo/d" \
-    -e "/${DROP:-^$}/d" -e "/^Everything that was expected/d" -e "/^$/d" |
+    -e "/^   result 0x00000000 (done)$/d" -e "/${DROP:-^$}/d" \
+    -e "/^Everything that was expected/d" -e "/^$/d" |
   awk -v work="$work" -v file="$work/$(basename "$1" .json).txt" '
     /^==== / { sub(/.*[\/\\]/, ""); sub(/\.json$/, ""); file = work "/" $0 ".txt"; next }
     { print > file }'
