@@ -47,15 +47,23 @@ void SetOobeKnown(const Change& change) {
   change.machine.system.SetOobeKnown(change.value.GetBool());
 }
 
+// "3rd"
+std::wstring Ordinal(unsigned number) {
+  static constexpr const wchar_t* kEnds[] = {L"th", L"st", L"nd", L"rd"};
+  const unsigned last = number / 10 % 10 == 1 ? 0 : number % 10;
+  return std::to_wstring(number) + kEnds[last < std::size(kEnds) ? last : 0];
+}
+
 // Takes a name, or a name and the number of calls that still succeed.
 void Refuse(const Change& change) {
   RequireRefusal(change.machine);
-  if (change.value.IsString()) {
-    change.machine.faults.FailNamed(Utf8(change.expand(change.value)));
-    return;
-  }
-  change.machine.faults.FailNamed(Utf8(change.Text(L"call")),
-                                  Member(change.value, L"after").GetUint());
+  const bool first = change.value.IsString();
+  const std::wstring call = first ? change.expand(change.value) : change.Text(L"call");
+  const unsigned after = first ? 0 : Member(change.value, L"after").GetUint();
+  change.machine.faults.FailNamed(Utf8(call), after);
+  change.machine.timeline.Add(L"Windows refuses " + (call.empty() ? L"nothing" : call) +
+                              (after == 0 ? L" from now on"
+                                          : L" from the " + Ordinal(after + 1) + L" call on"));
 }
 
 void RemoveApiSet(const Change& change) {
