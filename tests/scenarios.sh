@@ -27,14 +27,18 @@ if [ $exit != 0 ]; then
 fi
 
 # The store lies in a folder of the process and of the user; what Windows says of a library that is not this
-# project's differs from system to system. A command without a line for its result has succeeded.
+# project's differs from system to system. A command without a line for its result has succeeded,
+# and a line that comes several times in a row is written once.
 tr -d "\r" <"$work/raw" |
   sed -e 's/C:.users.[^ ]*.Temp.vxhost-[0-9]*/TEMP/g' -e "/Security - GetSecurityCatalogInfo/d" \
     -e "/^   result 0x00000000 (done)$/d" -e "/${DROP:-^$}/d" \
     -e "/^Everything that was expected/d" -e "/^$/d" |
   awk -v work="$work" -v file="$work/$(basename "$1" .json).txt" '
-    /^==== / { sub(/.*[\/\\]/, ""); sub(/\.json$/, ""); file = work "/" $0 ".txt"; next }
-    { print > file }'
+    function put() { if (times) print line (times > 1 ? " (" times " times)" : "") > file; times = 0 }
+    /^==== / { put(); sub(/.*[\/\\]/, ""); sub(/\.json$/, ""); file = work "/" $0 ".txt"; next }
+    $0 != line { put(); line = $0 }
+    { ++times }
+    END { put() }'
 
 for scenario; do
   same "${scenario%.json}.txt" "$work/$(basename "$scenario" .json).txt"
