@@ -18,6 +18,7 @@
 #include "events/package_event_request.h"
 #include "events/package_event_test.h"
 #include "platform/windows_runtime_error.h"
+#include "support/is_free.h"
 #include "support/log_trap.h"
 
 namespace Vx::Tessel::Server::Services::Orvane {
@@ -98,12 +99,6 @@ TEST_F(PackageEventTest, StaysArmedWhenItsCommandFails) {
   EXPECT_THAT(completed, SizeIs(1));
 }
 
-bool IsFree(std::mutex& mutex) {
-  bool taken = false;
-  std::thread([&] { taken = std::unique_lock(mutex, std::try_to_lock).owns_lock(); }).join();
-  return taken;
-}
-
 TEST_F(PackageEventTest, ChecksAProgramWithoutHoldingUpOtherNotifications) {
   for (const std::wstring event : {L"5", L"7"}) {
     Install();
@@ -115,7 +110,7 @@ TEST_F(PackageEventTest, ChecksAProgramWithoutHoldingUpOtherNotifications) {
     log.Clear();
     std::vector<bool> free;
     const auto note = [&] {
-      free.push_back(IsFree(PackageUninstallingPCEvent::uninstall_event_mux));
+      free.push_back(Tests::IsFree(PackageUninstallingPCEvent::uninstall_event_mux));
     };
     const Tests::LogTrap check(L"AquireFileReadOnlyLock", 1, note);
     const Tests::LogTrap verdict(L"not trusted to launch as system", 1, note);
@@ -136,7 +131,7 @@ TEST_F(PackageEventTest, HoldsUpNeitherSubscriptionsNorALogOffWhileItsCommandRun
       for (std::mutex* mutex :
            {&PackageUninstallingPCEvent::rLock, &PackageUninstallingPCEvent::register_mux,
             &Manager::register_event_mux, &PackageCompletion::listChange}) {
-        taken.push_back(IsFree(*mutex));
+        taken.push_back(Tests::IsFree(*mutex));
       }
     });
     Notify(kFamily);

@@ -22,6 +22,7 @@
 #include "platform/unique_handle.h"
 #include "storage/cap_data_store.h"
 #include "storage/service_document.h"
+#include "support/is_free.h"
 #include "support/log_trap.h"
 #include "support/machine_test.h"
 
@@ -53,10 +54,8 @@ class DeliveryTest : public Tests::StoreTest {
 
 TEST_F(DeliveryTest, ChecksAProgramWithoutHoldingUpOtherDeliveries) {
   bool others = false;
-  const Tests::LogTrap check(L"AquireFileReadOnlyLock", 1, [&] {
-    const std::unique_lock lock(*kPowerEvents.handleEventMutex, std::try_to_lock);
-    others = lock.owns_lock();
-  });
+  const Tests::LogTrap check(L"AquireFileReadOnlyLock", 1,
+                             [&] { others = Tests::IsFree(*kPowerEvents.handleEventMutex); });
   Deliver(LR"({"powerEventType":7,"eventAction":1,"commandParams":{"path":"C:\\windows\\x.exe"}})");
   EXPECT_TRUE(others);
 }
@@ -196,15 +195,6 @@ TEST_F(ReplayTest, OfTenThousandRunsTheHundredThatMatchAndNoOther) {
   EXPECT_EQ(Sent().size(), 100U);
 }
 
-bool IsHeld(std::mutex& mutex) {
-  bool held = false;
-  std::thread([&] {
-    const std::unique_lock attempt(mutex, std::try_to_lock);
-    held = !attempt.owns_lock();
-  }).join();
-  return held;
-}
-
 TEST_F(DeliveryTest, ACommandKeepsThoseOfItsOwnKindWaitingAndNoOther) {
   const struct {
     const DeliveryKind& kind;
@@ -216,13 +206,13 @@ TEST_F(DeliveryTest, ACommandKeepsThoseOfItsOwnKindWaitingAndNoOther) {
     int commands = 0;
     machine.timeline.SetListener([&](const auto&) {
       ++commands;
-      EXPECT_TRUE(IsHeld(*c.kind.handleEventMutex));
-      EXPECT_FALSE(IsHeld(*c.other.handleEventMutex));
+      EXPECT_FALSE(Tests::IsFree(*c.kind.handleEventMutex));
+      EXPECT_TRUE(Tests::IsFree(*c.other.handleEventMutex));
     });
     c.kind.handleEvent(Request(c.name), nullptr, kEvent, nullptr);
     machine.clock.Settle();
     EXPECT_EQ(commands, 1);
-    EXPECT_FALSE(IsHeld(*c.kind.handleEventMutex));
+    EXPECT_TRUE(Tests::IsFree(*c.kind.handleEventMutex));
   }
 }
 

@@ -20,7 +20,7 @@
 #include "launch/text_files.h"
 #include "launch/windows_mode.h"
 #include "storage/cap_data_store.h"
-#include "storage/store_faults.h"
+#include "support/faulty_files.h"
 #include "support/machine_test.h"
 
 namespace Vx::Tessel::Server::Services::Orvane {

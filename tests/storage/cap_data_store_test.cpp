@@ -72,7 +72,7 @@ std::string ConstructionError() {
   }
 }
 
-using CapDataStoreTest = Tests::StoreTest;
+using CapDataStoreTest = Tests::FaultyStoreTest;
 
 TEST_F(CapDataStoreTest, WritesAnIdAndABlobThatHoldsPlainBsonInOneCall) {
   CapDataStore store;

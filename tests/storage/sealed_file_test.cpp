@@ -34,7 +34,7 @@ using Tests::Bytes;
 constexpr std::int32_t kOld = 1;
 constexpr std::int32_t kNew = 2;
 
-class SealedFileTest : public Tests::StoreTest {
+class SealedFileTest : public Tests::FaultyStoreTest {
  protected:
   SealedFileTest() { Plant(kOld); }
 

@@ -13,8 +13,8 @@
 #include "simulator/fault_injection.h"
 #include "simulator/virtual_clock.h"
 #include "storage/cap_data_store.h"
-#include "storage/store_faults.h"
 #include "storage/store_file.h"
+#include "support/faulty_files.h"
 #include "support/log_capture.h"
 #include "support/temp_folder.h"
 
@@ -48,7 +48,7 @@ class FaultyProtection final : public Platform::DataProtection {
 };
 
 // A store of this test alone, on real files with faults and on a clock that takes no time.
-class StoreTest : public testing::Test {
+class FaultyStoreTest : public testing::Test {
  protected:
   std::wstring Path() const { return home.FilePath(); }
 

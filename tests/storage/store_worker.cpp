@@ -22,8 +22,8 @@
 #include "platform/windows_runtime_error.h"
 #include "simulator/virtual_clock.h"
 #include "storage/cap_data_store.h"
-#include "storage/store_faults.h"
 #include "storage/store_storm.h"
+#include "support/faulty_files.h"
 
 namespace {
 

@@ -9,6 +9,7 @@
 
 #include "platform/kernel_objects.h"
 #include "simulator/fault_injection.h"
+#include "support/is_free.h"
 #include "support/log_capture.h"
 
 namespace Vx::Tessel::Server::Storage {
@@ -20,27 +21,15 @@ std::wstring Name(const wchar_t* test) {
   return std::wstring(L"vx-") + test + L"-" + std::to_wstring(GetCurrentProcessId());
 }
 
-// Whether another thread could lock the mutex now.
-bool IsFree(const std::wstring& name) {
-  bool free = false;
-  std::thread([&] {
-    const Platform::UniqueHandle handle(CreateMutexW(nullptr, FALSE, name.c_str()));
-    const DWORD code = WaitForSingleObject(handle.get(), 0);
-    free = code == WAIT_OBJECT_0 || code == WAIT_ABANDONED;
-    if (free) ReleaseMutex(handle.get());
-  }).join();
-  return free;
-}
-
 TEST(SystemMutex, KeepsOthersOutUntilItIsUnlockedOrDestroyed) {
   const std::wstring name = Name(L"exclusion");
   {
     SystemMutex mutex(name);
-    EXPECT_TRUE(IsFree(name));
+    EXPECT_TRUE(Tests::IsFree(name));
     mutex.lock();
-    EXPECT_FALSE(IsFree(name));
+    EXPECT_FALSE(Tests::IsFree(name));
     mutex.unlock();
-    EXPECT_TRUE(IsFree(name));
+    EXPECT_TRUE(Tests::IsFree(name));
     EXPECT_THROW(mutex.unlock(), system_mutex_exception);
   }
   const SystemMutex other(
@@ -49,7 +38,7 @@ TEST(SystemMutex, KeepsOthersOutUntilItIsUnlockedOrDestroyed) {
     SystemMutex mutex(name);
     mutex.lock();
   }
-  EXPECT_TRUE(IsFree(name));
+  EXPECT_TRUE(Tests::IsFree(name));
 }
 
 TEST(SystemMutex, ReportsANameOfAnotherKindOfObjectOnceAndTriesAgain) {
@@ -96,7 +85,7 @@ TEST(SystemMutex, IsOwnedAfterItsHolderDied) {
   }).join();
   const Tests::LogCapture log;
   mutex.lock();
-  EXPECT_FALSE(IsFree(Name(L"abandoned")));
+  EXPECT_FALSE(Tests::IsFree(Name(L"abandoned")));
   mutex.unlock();
   mutex.lock();
   EXPECT_THAT(log.Lines(), testing::ElementsAre(
