@@ -59,7 +59,7 @@ SystemMutex::SystemMutex(std::wstring mutexName) : name(std::move(mutexName)) {
     Logging::LogManager::SetProvider(Logging::kComponentProvider)
         ->LogWarning(kNameDenied, name.c_str());
   }
-  if (!made || *made == nullptr) throw system_mutex_exception(kCreateFailed, kCreateCode);
+  if (!made) throw system_mutex_exception(kCreateFailed, kCreateCode);
   handle = *std::move(made);
 }
 

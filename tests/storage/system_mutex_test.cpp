@@ -121,27 +121,6 @@ TEST(SystemMutex, ThrowsTheDocumentedErrorOfEachOperation) {
   }
 }
 
-// Windows that makes no mutex and reports no error.
-class NoMutexes final : public Platform::KernelObjects {
- public:
-  Platform::Result<Platform::UniqueHandle> MakeMutex(const std::wstring&) override {
-    return Platform::UniqueHandle();
-  }
-  Platform::Result<Locked> LockMutex(Platform::RawHandle) override { return Locked::Free; }
-  Platform::ErrorCode UnlockMutex(Platform::RawHandle) override { return 0; }
-  Platform::Result<Platform::UniqueHandle> MakeManualEvent(const std::wstring&) override {
-    return Platform::UniqueHandle();
-  }
-  Platform::ErrorCode Signal(Platform::RawHandle) override { return 0; }
-};
-
-TEST(SystemMutex, RefusesAHandleThatIsNull) {
-  NoMutexes none;
-  const Platform::MachineScope scope(
-      [&](Platform::Machine& machine) { machine.kernelObjects = &none; });
-  EXPECT_THROW(SystemMutex(Name(L"null")), system_mutex_exception);
-}
-
 }  // namespace
 
 }  // namespace Vx::Tessel::Server::Storage
