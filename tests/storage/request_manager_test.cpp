@@ -148,21 +148,6 @@ TEST_F(RequestManagerTest, ActsOnTheListAsItIsStoredNotAsItWasRead) {
   EXPECT_EQ(early.StoredRequests(), Stored());
 }
 
-TEST_F(RequestManagerTest, LogsAStoreThatDoesNotTakeTheList) {
-  Plant(std::wstring(L"[") + kFirst + L"]");
-  faults.FailNamed("Files.Create");
-  EXPECT_EQ(Persist(kSecond), 0);
-  Manager().RemoveRequest(kFirst);
-  EXPECT_FALSE(Manager().CompleteRequest(kFirst));
-  faults.Clear();
-  const std::wstring cause = L"warning|CapDataStore - the file was not written, error 0x5";
-  EXPECT_THAT(log.Lines(), ElementsAre(cause,
-                                       L"error|PersistRequest - failed to persist. This "
-                                       L"functionality won't work properly.",
-                                       cause, cause));
-  EXPECT_EQ(Stored(), std::wstring(L"[") + kFirst + L"]");
-}
-
 TEST_F(RequestManagerTest, LogsWhatTheStoreThrows) {
   RequestManager manager = Manager();
   faults.FailNamed("KernelObjects.LockMutex");

@@ -198,13 +198,6 @@ TEST_F(SealedFileTest, AWriteFlushesASiblingAndThenRenamesIt) {
   EXPECT_EQ(disk.writes, std::vector<Bytes>{Tests::ReadBytes(Path())});
 }
 
-TEST_F(SealedFileTest, AFullDiskLeavesTheOldContent) {
-  disk.onStep = [](const std::string& step) { return step == "Half" ? Tests::kFault : 0U; };
-  EXPECT_FALSE(Write());
-  EXPECT_EQ(Value(), kOld);
-  EXPECT_THAT(Siblings(), IsEmpty());
-}
-
 TEST_F(SealedFileTest, AFileThatAnotherProcessKeepsToItselfIsNotReplaced) {
   const struct {
     DWORD share;
