@@ -14,19 +14,19 @@ namespace Vx::Tessel::Security {
 
 namespace {
 
+// The rows of the lists are in manifest_check_criteria_test.cpp.
 TEST(ExportedExemptionCheck, AnswersAcrossTheModuleBoundary) {
-  const auto uwp = std::make_shared<Server::Uwp::UwpInformation>(
-      L"7C3B9E40.VxVeilo", L"7C3B9E40.VxVeilo_r4x2m8kq7tn3b", std::uint16_t{2}, std::uint16_t{0});
-  const auto win32 = std::make_shared<Server::Win32::Win32Information>(
-      L"HotKeyServiceUWP", std::uint16_t{8}, std::uint16_t{10});
   TesselAccessManager manager;
   manager.SetUwpChecker(std::make_shared<UwpWithNoVxManifestCheckBasedOnMajorAndMinorVersion>(
-      UwpWithNoVxManifestExemptionWhiteList::GetExemption(), uwp));
+      UwpWithNoVxManifestExemptionWhiteList::GetExemption(),
+      std::make_shared<Server::Uwp::UwpInformation>(L"", L"7C3B9E40.VxVeilo_r4x2m8kq7tn3b",
+                                                    std::uint16_t{2}, std::uint16_t{0})));
   manager.SetWin32Checker(std::make_shared<Win32WithNoVxManifestCheckBasedOnMajorAndMinorVersion>(
-      Win32WithNoVxManifestExemptionWhiteList::GetExemption(), win32));
+      Win32WithNoVxManifestExemptionWhiteList::GetExemption(),
+      std::make_shared<Server::Win32::Win32Information>(L"Other", std::uint16_t{1},
+                                                        std::uint16_t{0})));
   EXPECT_TRUE(manager.IsUwpExempt());
   EXPECT_FALSE(manager.IsWin32Exempt());
-  EXPECT_EQ(win32->executableName, L"hotkeyserviceuwp");
 }
 
 TEST(ExportedExemptionCheck, ThrowsAcrossTheModuleBoundary) {

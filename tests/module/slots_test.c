@@ -159,21 +159,6 @@ static void CommandsAnswerAndDestroyTheirCallbackOnce(void) {
   Unmake(service);
 }
 
-static void ACallableInsideTheCallbackIsNotFreed(void) {
-  Service* service = Make();
-  Callback callback;
-  Held* inside = (Held*)callback.storage;
-  memset(&callback, 0, sizeof callback);
-  inside->table = kHeldTable;
-  callback.held = inside;
-  ((Execute)service->slots[kExecuteCommand])(service, NULL, 22, NULL, NULL, &callback);
-  CHECK(inside->destroyed == 1 && inside->outside == 0);
-  callback.held = NULL;
-  ((Execute)service->slots[kExecuteCommand])(service, NULL, 22, NULL, NULL, &callback);
-  ((Execute)service->slots[kExecuteCommand])(service, NULL, 22, NULL, NULL, NULL);
-  Unmake(service);
-}
-
 static void NotificationsAreTakenInAnyState(void) {
   Service* service = Make();
   static const struct {
@@ -306,7 +291,6 @@ int main(void) {
   UseStoreOfOwn(store);
   ContextsCarryACopyOfTheCallersIdentity();
   CommandsAnswerAndDestroyTheirCallbackOnce();
-  ACallableInsideTheCallbackIsNotFreed();
   NotificationsAreTakenInAnyState();
   TheEndDoesNotWaitForACommand();
   AnObjectDoesNotKeepTheModule(module);
