@@ -2,7 +2,6 @@
 
 #include <gmock/gmock.h>
 
-#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstddef>
@@ -18,8 +17,6 @@
 #include <windows.h>
 
 #include "events/package_event_request.h"
-#include "events/power_events.h"
-#include "events/subscription_delivery.h"
 #include "host/logging.h"
 #include "platform/machine.h"
 #include "platform/unique_handle.h"
@@ -29,7 +26,6 @@
 #include "support/log_capture.h"
 #include "support/log_trap.h"
 #include "support/probe.h"
-#include "support/silent_pipe.h"
 #include "support/stand_in_logon.h"
 #include "support/temp_folder.h"
 #include "support/test_pki.h"
@@ -353,59 +349,6 @@ TEST_F(RealLaunchTest, KeepsTheFileFromWritersFromItsCheckToItsStart) {
   ASSERT_TRUE(Tests::WaitForProbe(path + L".out"));
   EXPECT_GE(writable.size(), 4U);
   EXPECT_THAT(writable, Each(false));
-}
-
-class RealEventTest : public RealLaunchTest {
- protected:
-  // Delivers a power event to programs at these paths. Returns what is logged by the time that all
-  // deliveries have ended, in alphabetical order and without process ids, or nothing if they do
-  // not.
-  std::vector<std::wstring> Deliver(std::size_t deliveries) {
-    log.Clear();
-    FulfillSubscriptions(kPowerEvents, 7);
-    std::vector<std::wstring> lines;
-    for (int polls = 0; polls < 1000; ++polls) {
-      lines = log.Lines();
-      const auto ended = std::count_if(lines.begin(), lines.end(), [](const std::wstring& line) {
-        return line.find(L"handle_event Executed: ") != line.npos;
-      });
-      if (static_cast<std::size_t>(ended) == deliveries) break;
-      if (polls == 999) return {};
-      Sleep(10);
-    }
-    for (std::wstring& line : lines) line.resize(std::min(line.size(), line.find(L" and PID ")));
-    std::sort(lines.begin(), lines.end());
-    return lines;
-  }
-
-  Tests::PrivateStore store;
-};
-
-TEST_F(RealEventTest, RunsAProgramWhateverOtherSubscriptionsName) {
-  const Tests::SilentPipe pipe;
-  const std::wstring good = folder.Hold(L"pinned.exe");
-  const std::vector<std::wstring> paths{L"\\\\.\\pipe\\" + pipe.Name(),
-                                        L"\\\\?\\pipe\\" + pipe.Name(),
-                                        L"\\\\localhost\\pipe\\" + pipe.Name(),
-                                        L"\\\\.\\PhysicalDrive0",
-                                        L"\\\\.\\C:",
-                                        good};
-  for (const std::wstring& path : paths) {
-    RegisterSubscription(kPowerEvents,
-                         LR"({"powerEventType":7,"eventAction":1,"commandParams":{"path":")" +
-                             Tests::Escaped(path) + L"\"}}");
-  }
-  const auto first = Deliver(paths.size());
-  EXPECT_TRUE(Tests::WaitForProbe(good + L".out"));
-  for (const std::wstring& path : paths) {
-    EXPECT_THAT(first,
-                Contains(StartsWith(L"warning|LaunchCommand::Execute - " + path + L" not trusted"))
-                    .Times(path == good ? 0 : 1));
-  }
-  Tests::RemoveFile(good + L".out");
-  EXPECT_EQ(Deliver(paths.size()), first);
-  EXPECT_TRUE(Tests::WaitForProbe(good + L".out"));
-  EXPECT_FALSE(pipe.HasHadAClient());
 }
 
 }  // namespace

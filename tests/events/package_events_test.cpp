@@ -150,21 +150,6 @@ TEST_F(PackageEventTest, EndsItsWatchersWithoutWaitingOutAStep) {
   EXPECT_EQ(machine.clock.Elapsed(), 0ms);
 }
 
-TEST_F(PackageEventTest, WatchesAStoredRequestAcrossLogOffsUntilItsCommandHasRun) {
-  for (const bool loggedOff : {true, false}) {
-    RegisterAppPackageEvent(PackageRequest(L"5"), nullptr);
-    EXPECT_EQ(Stored(), L"[" + PackageRequest(L"5") + L"]");
-    if (loggedOff) {
-      Manager::clear_events();
-      RegisterExistingPackageCatalogManagerRequests(nullptr);
-    }
-    machine.clock.Settle();
-    Notify(kFamily);
-    EXPECT_EQ(Stored(), L"[]");
-  }
-  EXPECT_THAT(Sent(), SizeIs(2));
-}
-
 TEST_F(PackageEventTest, LeavesNothingBehindWhenNoThreadCanBeStarted) {
   const auto held = std::make_shared<int>();
   machine.faults.FailNamed("Threads.Start");

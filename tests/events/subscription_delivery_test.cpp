@@ -60,35 +60,6 @@ TEST_F(DeliveryTest, ChecksAProgramWithoutHoldingUpOtherDeliveries) {
   EXPECT_TRUE(others);
 }
 
-TEST_F(DeliveryTest, DiscardsWhatAModernStandbyCutsShortUnlessItCutsLittle) {
-  const Platform::UniqueHandle standby(
-      CreateEventW(nullptr, TRUE, FALSE, L"{CE7DC567-F47B-4A07-8489-C9DEB372B88F}"));
-  const struct {
-    std::wstring delay;
-    std::chrono::milliseconds standbyAfter;
-    std::wstring outcome;
-  } cases[] = {
-      {L"10", 300ms, L"Event discarded, 2001 ms"},
-      {L"5", 3000ms, L"Executed: "},
-  };
-  for (const auto& c : cases) {
-    log.Clear();
-    ResetEvent(standby.get());
-    const std::wstring request =
-        Request(L"powerEvent", LR"(,"delayDeliverySec":")" + c.delay + L"\"");
-    Deliver(request);
-    machine.clock.Advance(c.standbyAfter);
-    SetEvent(standby.get());
-    machine.clock.Settle();
-    const std::wstring outcome = kManager + c.outcome;
-    EXPECT_THAT(log.Lines(),
-                testing::ElementsAre(kManager + (L"delay start: " + c.delay),
-                                     kManager + std::wstring(L"receive Modern Standby enter event"),
-                                     kManager + (L"delay end: " + c.delay), StartsWith(outcome)));
-    EXPECT_EQ(machine.clock.Workers(), 0U);
-  }
-}
-
 TEST_F(DeliveryTest, ReportsOnceThatTheStandbyEventsNameIsTakenAndWaits) {
   constexpr wchar_t kName[] = L"{CE7DC567-F47B-4A07-8489-C9DEB372B88F}";
   Platform::UniqueHandle otherProgram;

@@ -1,11 +1,8 @@
 #include "events/subscription_hash.h"
 
-#include <gmock/gmock.h>
+#include <gtest/gtest.h>
 
 #include <string>
-
-#include "events/power_events.h"
-#include "support/machine_test.h"
 
 namespace Vx::Tessel::Server::Services::Orvane {
 
@@ -23,29 +20,6 @@ TEST(SubscriptionHash, DependsOnTheTokensAlone) {
     EXPECT_NE(SubscriptionHash(other), hash);
   }
   EXPECT_NE(SubscriptionHash(L"{"), SubscriptionHash(L"{ "));
-}
-
-using ListChangeTest = Tests::StoreTest;
-
-TEST_F(ListChangeTest, LeavesALineThatNamesTheOutcome) {
-  const auto lastLine = [&](const wchar_t* rest) {
-    EXPECT_EQ(log.Lines().back(),
-              L"info|OrvaneService - subscription " + SubscriptionHash(kText) + rest);
-  };
-  RegisterSubscription(kPowerEvents, kText);
-  lastLine(L": accepted (function id 9)");
-  RegisterSubscription(kPowerEvents, kText);
-  lastLine(L": refused (function id 9)");
-  UnregisterSubscription(kPowerEvents, kText);
-  lastLine(L": taken back (function id 19)");
-  UnregisterSubscription(kPowerEvents, kText);
-  lastLine(L": refused (function id 19)");
-}
-
-TEST_F(ListChangeTest, IsRefusedWhereNoStoreKeepsIt) {
-  store.Block();
-  RegisterSubscription(kPowerEvents, kText);
-  EXPECT_THAT(log.Lines().back(), testing::EndsWith(L": refused (function id 9)"));
 }
 
 }  // namespace

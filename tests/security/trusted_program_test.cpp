@@ -129,6 +129,9 @@ TEST(TrustedProgramTest, OpensNothingWhoseTextIsNoFileInAnAllowedPlace) {
   } cases[] = {
       {pipe, notOnADrive},
       {LR"(\\localhost)" + pipe.substr(3), notOnADrive},
+      {LR"(\\?)" + pipe.substr(3), notOnADrive},
+      {LR"(\\.\PhysicalDrive0)", notOnADrive},
+      {LR"(\\.\C:)", notOnADrive},
       {LR"(\\?\C:\windows\explorer.exe)", notOnADrive},
       {LR"(\\server\share\x.exe)", notOnADrive},
       {L"explorer.exe", notOnADrive},
