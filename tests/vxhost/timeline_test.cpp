@@ -51,68 +51,47 @@ TEST(PictureTest, ShowsEachDecisionWithItsReason) {
   const std::wstring refused =
       L"LaunchCommand::Execute - C:\\a.exe not trusted to launch as system";
   const std::wstring trust = L"Security - IsFileTrusted - trusted by windows = ";
+  const std::wstring raised = L"PowerEventManager::handle_event CustomTrigger raised: 5 ";
+  const std::wstring dropped = L"PowerEventManager::handle_event Event discarded, ";
+  const std::wstring standby =
+      L"PowerEventManager::handle_event receive Modern Standby enter event";
+  const std::wstring started = L"LaunchCommand::Execute returned with result ";
+  const std::wstring variable = L"TrustedProgram - [a] is not opened, because it holds a variable";
+  using enum Tone;
   const struct {
     milliseconds length;
     std::vector<std::wstring> lines;
-    std::wstring text;
-    std::wstring reason;
+    std::wstring decision;  // and its reason
     Tone tone;
   } kCases[] = {
+      {10s, {end, started + L"1 and PID 7", executed}, L"the program starts: process 7", Good},
       {10s,
-       {end, L"LaunchCommand::Execute returned with result 1 and PID 7", executed},
-       L"the program starts",
-       L"process 7",
-       Tone::Good},
-      {10s,
-       {end, L"LaunchCommand::Execute returned with result 0 and PID 0", executed},
-       L"the program does not start",
-       L"Windows refused",
-       Tone::Bad},
-      {10s,
-       {end, refused, executed},
-       L"refused",
-       L"it lies outside the protected places",
-       Tone::Bad},
+       {end, started + L"0 and PID 0", executed},
+       L"the program does not start: Windows refused",
+       Bad},
+      {10s, {end, refused, executed}, L"refused: it lies outside the protected places", Bad},
       {10s,
        {end, trust + L"yes, trusted by Zephra = no", refused, executed},
-       L"refused",
-       L"it is signed with another key",
-       Tone::Bad},
+       L"refused: it is signed with another key",
+       Bad},
       {10s,
        {end, trust + L"no, trusted by Zephra = yes", refused, executed},
-       L"refused",
-       L"Windows does not trust its signature",
-       Tone::Bad},
-      {10s,
-       {end, L"TrustedProgram - [a] is not opened, because it holds a variable", refused, executed},
-       L"refused",
-       L"its path holds a variable",
-       Tone::Bad},
-      {10s,
-       {end, std::wstring(L"PowerEventManager::handle_event CustomTrigger raised: 5 ") + kRequest},
-       L"the trigger is not raised",
-       L"0x00000005",
-       Tone::Bad},
-      {610s,
-       {end, L"PowerEventManager::handle_event Event discarded, 610000 ms"},
-       L"dropped",
-       L"late by 600.000 s",
-       Tone::Dropped},
+       L"refused: Windows does not trust its signature",
+       Bad},
+      {10s, {end, variable, refused, executed}, L"refused: its path holds a variable", Bad},
+      {10s, {end, raised + kRequest}, L"the trigger is not raised: 0x00000005", Bad},
+      {610s, {end, dropped + L"610000 ms"}, L"dropped: late by 600.000 s", Dropped},
       {3s,
-       {L"PowerEventManager::handle_event receive Modern Standby enter event", end,
-        L"PowerEventManager::handle_event Event discarded, 3000 ms"},
-       L"dropped",
-       L"Modern Standby ended its wait 7.000 s early",
-       Tone::Dropped},
-      {4s, {}, L"still waits", L"", Tone::Neutral},
+       {standby, end, dropped + L"3000 ms"},
+       L"dropped: Modern Standby ended its wait 7.000 s early",
+       Dropped},
+      {4s, {}, L"still waits: ", Neutral},
   };
   for (const auto& c : kCases) {
     SCOPED_TRACE(testing::PrintToString(c.lines));
-    auto entries = c.lines;
-    const Picture picture = Delivery(c.length, entries);
+    const Picture picture = Delivery(c.length, c.lines);
     const PictureMark& mark = picture.marks.back();
-    EXPECT_EQ(mark.text, c.text);
-    EXPECT_EQ(mark.reason, c.reason);
+    EXPECT_EQ(mark.text + L": " + mark.reason, c.decision);
     EXPECT_EQ(mark.tone, c.tone);
     EXPECT_EQ(picture.lanes.at(mark.lane).name, L"power 18 + 10 s");
     ASSERT_EQ(picture.bars.size(), 1U);
