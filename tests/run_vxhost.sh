@@ -23,11 +23,18 @@ run() { "$emulator" ${prefix:+"$prefix"} "$vxhost" "$@"; }
 # windows PATH: the full path as a Windows program names it.
 windows() { printf 'Z:%s' "$1" | tr / '\\'; }
 
-# run_at FOLDER ARG...: runs vxhost with FOLDER as %ProgramData%.
-run_at() {
+# run_program_at FOLDER PROGRAM ARG...: runs a program with FOLDER as %ProgramData%.
+run_program_at() {
   data=$(windows "$1")
   shift
-  VX_PROGRAM_DATA=$data "$emulator" ${prefix:+"$prefix"} "$(dirname "$vxhost")/../tests/with_data.exe" "$vxhost" "$@"
+  VX_PROGRAM_DATA=$data "$emulator" ${prefix:+"$prefix"} "$(dirname "$vxhost")/../tests/with_data.exe" "$@"
+}
+
+# run_at FOLDER ARG...: runs vxhost with FOLDER as %ProgramData%.
+run_at() {
+  at=$1
+  shift
+  run_program_at "$at" "$vxhost" "$@"
 }
 
 # install_tool NAME MODULE: copies the tool and a module into the folder $place, C:\Program Files\NAME, which goes

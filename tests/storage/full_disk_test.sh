@@ -5,38 +5,30 @@
 set -u
 vxhost=$1 worker=$2
 shift 2
-disk=$(mktemp -d)
+. "$(dirname "$0")/../run_vxhost.sh"
+need "$worker"
+disk=$work/disk
+mkdir "$disk"
 if ! mount -t tmpfs -o size=640k tmpfs "$disk" 2>/dev/null; then
-  rmdir "$disk"
-  echo "skipped: cannot mount a small file system"
+  echo "skipped: this account cannot mount a small file system, as root can"
   exit 77
 fi
-trap 'umount "$disk" && rmdir "$disk"' EXIT
-trap 'exit 1' HUP INT TERM  # otherwise a signal skips the trap above
-VX_PROGRAM_DATA=Z:$(printf %s "$disk" | tr / '\\')
-export VX_PROGRAM_DATA
-failures=0
-fail() { echo "failed: $*"; failures=$((failures + 1)); }
+trap 'umount "$disk" && rm -rf "$work"' EXIT
 
 # with_store PROGRAM ARG...: runs a program whose store is on the small disk.
-with_store() { "$emulator" ${prefix:+"$prefix"} "$(dirname "$worker")/with_data.exe" "$@" </dev/null; }
-emulator=$1 prefix=${2:-}
+with_store() { run_program_at "$disk" "$@" </dev/null; }
 
-# stored KEY: the store can be read and holds the key.
+# stored KEY...: the store can be read and holds the keys.
 stored() {
-  with_store "$vxhost" store show >"$disk/../full-disk-$$" 2>/dev/null
-  shown=$?
-  found=0
-  for key; do grep -q "\"$key\"" "$disk/../full-disk-$$" || found=1; done
-  rm -f "$disk/../full-disk-$$"
-  [ $shown = 0 ] && [ $found = 0 ]
+  with_store "$vxhost" store show >"$work/shown" 2>/dev/null || return 1
+  for key; do grep -q "\"$key\"" "$work/shown" || return 1; done
 }
 
 text=$(head -c 40000 /dev/zero | tr '\0' x)
 printf '{"powerEventType":7,"eventAction":2,"commandParams":{"packageFamilyName":"%s",' "$text" \
   >"$disk/request.json"
 printf '"appServiceName":"s","payload":{}}}' >>"$disk/request.json"
-with_store "$vxhost" exec 9 "@Z:$(printf %s "$disk/request.json" | tr / '\\')" >/dev/null 2>&1 ||
+with_store "$vxhost" exec 9 "@$(windows "$disk/request.json")" >/dev/null 2>&1 ||
   fail "the first subscription"
 rm "$disk/request.json"
 
@@ -61,4 +53,4 @@ with_store "$worker" last 1 9999 >/dev/null 2>&1 || fail "a write with space aga
 stored last $acknowledged || fail "a value is gone at the end"
 ls "$disk/Vx/SharedServices" | grep -qv '^shared_store.dat$' && fail "files are left beside the store"
 echo "$accepted writes succeeded, $refused were refused"
-exit $failures
+exit $((failures > 0))

@@ -1,11 +1,42 @@
 #!/bin/sh
-# scenario_test.sh FOLDER VXHOST EMULATOR...: what vxhost reports of scenarios. FOLDER/faults/NAME.txt lists
-# the faults of NAME.json, most of which is not even played. FOLDER/reports holds a scenario whose expectations are
-# not met, and its reports. RECORD=1 writes lists and reports instead.
+# scenario_test.sh FOLDER VXHOST MODULE SAMPLES EMULATOR...: what vxhost reports of scenarios. Those of SAMPLES meet
+# their expectations. FOLDER/faults/NAME.txt lists the faults of NAME.json, most of which is not even played.
+# FOLDER/reports holds a scenario whose expectations are not met, and its reports. RECORD=1 writes lists and
+# reports instead.
 set -u
-folder=$1 vxhost=$2
-shift 2
+folder=$1 vxhost=$2 module=$3 samples=$4
+shift 4
 . "$(dirname "$0")/../run_vxhost.sh"
+need "$module"
+
+for sample in first_boot packages born_on_date consent; do
+  expect 0 'Everything that was expected happened.' --simulate scenario "$samples/$sample.json"
+done
+expect 0 'Everything that was expected happened.' --dll "$module" --private-store \
+  scenario "$samples/every_command.json"
+
+# scenario NAME STEP...: writes a scenario of these steps.
+scenario() {
+  name=$1
+  shift
+  printf '{"steps": [%s]}' "$*" > "$work/$name.json"
+}
+scenario code '{"exec": 22, "expect": {"code": "20000002"}}'
+scenario answer '{"exec": 22, "expect": {"answer": {"result": {}}}}'
+scenario log '{"exec": 22, "expect": {"log": "never said"}}'
+scenario event '{"logOn": "ann", "expect": {"event": "bob logs on"}}'
+scenario noEvent '{"logOn": "ann", "expect": {"noEvent": "ann logs on"}}'
+scenario stored '{"store": {"a": "b"}, "expect": {"stored": {"a": "b"}}}'
+for unmet in code answer log event noEvent stored; do
+  expect 1 '!! ' --simulate scenario "$work/$unmet.json"
+done
+printf '{"steps": [' > "$work/broken.json"
+expect 2 'is not valid JSON: line 1, column 12: ' --simulate scenario "$work/broken.json"
+expect 2 'cannot read' --simulate scenario "$work/missing.json"
+# A worker may wait for longer than a day when the scenario ends.
+scenario long '{"install": {"family": "a", "fullName": "a_1", "user": "ann"}},
+  {"uninstall": {"family": "a", "user": "ann", "seconds": 100000}}'
+expect 0 'Everything that was expected happened.' --simulate scenario "$work/long.json"
 
 # play CODE ARG...: runs vxhost in FOLDER and expects this exit code.
 play() {

@@ -1,0 +1,39 @@
+#!/bin/sh
+# exec_test.sh VXHOST MODULE EMULATOR...: commands to the module, and what is wrong with a command line.
+set -u
+vxhost=$1 module=$2
+shift 2
+. "$(dirname "$0")/../run_vxhost.sh"
+need "$module"
+
+expect 0 'log INFO [vxhost]: Version number is' --dll "$module" --private-store exec 22
+expect 1 'no such command' --dll "$module" --private-store exec 99
+printf '\357\273\277{}' > "$work/utf8"
+expect 0 '-> 22 {}' --simulate exec 22 @- < "$work/utf8"
+printf '\377\376{\0"\0\032\001"\0:\0001\0}\0' > "$work/utf16"
+expect 0 '-> 22 {"Ě":1}' --simulate exec 22 @- < "$work/utf16"
+expect 0 "$(printf '\033[2m')" --simulate --color always exec 22
+
+# What a script reads of exec is one line, whatever the module logs.
+run --simulate exec 99 --json > "$work/raw" 2> "$work/errors"
+if [ $? != 1 ] || [ "$(tr -d '\r' < "$work/raw")" != \
+  '{"id":99,"code":"0x20000001","meaning":"no such command","answer":{}}' ] ||
+  ! grep -q '"level":"ERROR"' "$work/errors"; then
+  fail "exec --json mixes its result with the log:" "$work/raw" "$work/errors"
+fi
+
+# The library behind the command line prints the help. The paths of nested commands are this project's.
+expect 0 'Usage: vxhost store restore' store restore --help
+expect 2 'build it with scripts/build' --dll "$work/missing.dll" exec 22
+expect 2 '{"error":{"message":' --dll "$work/missing.dll" exec 22 --json
+expect 2 'there is no subcommand "exce"; did you mean "exec"?' exce 22
+expect 2 'at most 64 characters' --dll "$module" --private-store exec 22 --caller "$(printf '%065d' 1)"
+expect 2 'subscriptions remove, pins, trust, validate, explain and doctor use it' \
+  --private-store store show
+expect 2 'no event to send' events
+expect 2 '--seconds' --simulate events --power 7 --seconds -1
+expect 2 'there is no file' trust "$work/missing.exe"
+expect 1 'line 1, column 13: ' validate '{"a":"\udc00"}'
+expect 1 'NEVER  powerEventType: power event 99 never occurs' validate '{"powerEventType":99,"eventAction":2,
+  "commandParams":{"packageFamilyName":"a","appServiceName":"b","payload":{}}}'
+exit $((failures > 0))

@@ -1,0 +1,33 @@
+#!/bin/sh
+# service_run_test.sh VXHOST MODULE EMULATOR...: a service in a console replies over its pipe, and its log is in
+# the folder that was named.
+set -u
+vxhost=$1 module=$2
+shift 2
+. "$(dirname "$0")/../run_vxhost.sh"
+need "$module"
+expect 2 'no event to send' service send
+expect 2 'there is no folder' --dll "$module" service run --seconds 1 --log "$work/missing"
+expect 2 'Invalid SID' --dll "$module" service run --seconds 1 --allow S-1-nonsense
+! grep -q 'the module is started' "$work/output" || fail "the module runs before its options are read"
+
+mkdir "$work/served"
+name=VxTest$$
+run_at "$work/served" service run --name $name --seconds 6 --log "$(windows "$work/served")" \
+  >"$work/run" 2>"$work/banner" </dev/null &
+running=$!
+tries=0
+until process=$(sed -n 's/.* runs as process \([0-9]*\);.*/\1/p' "$work/banner") &&
+  [ -n "$process" ] || [ "$tries" = 50 ]; do
+  sleep 0.1
+  tries=$((tries + 1))
+done
+expect 0 '<- {"result":{"getVersion":' service exec 22 --name "$name" --process "$process"
+expect 1 'no such command' service exec 99 --name "$name" --process "$process"
+expect 2 'and not to the service; nothing was sent' service exec 22 --name "$name" --process 1
+wait $running
+exit=$?
+if [ $exit != 0 ] || ! grep -q '"message":"Version number is' "$work"/served/vxhost-*-0001.log; then
+  fail "vxhost service run exits with $exit and prints:" "$work/banner" "$work/run" "$work"/served/vxhost-*.log
+fi
+exit $((failures > 0))

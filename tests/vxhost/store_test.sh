@@ -1,0 +1,111 @@
+#!/bin/sh
+# store_test.sh VXHOST MODULE EMULATOR...: the commands of store and subscriptions. Each part has a store of its
+# own.
+set -u
+vxhost=$1 module=$2
+shift 2
+. "$(dirname "$0")/../run_vxhost.sh"
+need "$module"
+
+# part NAME: what follows has an empty store.
+part() {
+  store=$work/$1
+  mkdir "$store"
+}
+# kept CODE TEXT ARG...: expects this of a command that reads or writes the store itself.
+kept() {
+  kept_code=$1 kept_text=$2
+  shift 2
+  expect "$kept_code" "$kept_text" --store "$store" "$@"
+}
+# module CODE TEXT ARG...: expects this of a command that has the module change the store.
+module() {
+  module_code=$1 module_text=$2
+  shift 2
+  expect "$module_code" "$module_text" --dll "$module" --store "$store" "$@"
+}
+subscribe() { # NUMBER: a subscription that can run
+  module 0 'added: ' subscriptions add --power 18 --send f --service s --delay "$1" \
+    --trigger "{01234567-89ab-cdef-0123-456789abcde$1}"
+}
+
+# Commands that only look make nothing.
+part empty
+kept 0 '(none is stored)' subscriptions
+kept 1 'there is no file' store verify
+kept 2 'there is no file' store show
+kept 2 'there is no file' explain --all
+kept 2 'there is no file' store backup "$work/nothing"
+kept 1 'not removed' subscriptions remove 1
+[ -z "$(ls -A "$store")" ] || fail "a command that only looks makes: $(ls -A "$store")"
+
+part subscriptions
+subscribe 5
+module 1 'not added: ' subscriptions add --power 18 --send f --service s --delay 6 \
+  --trigger '{01234567-89ab-cdef-0123-456789abcde5}'
+module 1 'never runs: commandParams.path: ' subscriptions add --platform 1 --run 'C:\Missing.exe'
+module 0 '"added":true' subscriptions add --platform 1 --run 'C:\Missing.exe' --force --json
+kept 0 'never runs: commandParams.path: ' subscriptions list
+kept 0 '"number":2,"hash":' subscriptions --json
+module 0 'removed: ' subscriptions remove 2
+module 0 'removed: ' subscriptions remove 1
+module 1 'not removed' subscriptions remove 1
+
+# An export leaves out what other services store. A backup is a copy of all.
+part others
+printf '{"steps": [{"store": {"token": "a secret"}}]}' > "$work/others.json"
+module 0 'happened' scenario "$work/others.json"
+subscribe 5
+kept 0 'a secret' store show
+kept 0 '1 values of other services' store export
+! grep -q 'secret' "$work/output" || fail "an export holds a value of another service:" "$work/output"
+kept 0 'written to' store backup "$work/backup.dat"
+subscribe 6
+kept 0 'is kept as' store restore "$work/backup.dat"
+kept 0 '   1  ' subscriptions
+! grep -q '^ *2 ' "$work/output" || fail "a store that was restored holds what came later:" "$work/output"
+kept 0 'a secret' store show
+kept 0 'sound' store verify
+
+# A text comes back from an export as it was, even if a terminal must not see it.
+part marks
+printf '{"zephraEventType":1,"eventAction":2,"commandParams":{"packageFamilyName":"a",
+  "appServiceName":"b","payload":{"\342\200\217\302\205\177":1}}}' > "$work/marks.json"
+module 0 'accepted' exec 14 "@$work/marks.json"
+run --store "$store" store export > "$work/export.json" 2> "$work/errors" ||
+  fail "the export fails:" "$work/errors"
+kept 0 'is kept as' store import "$work/export.json"
+module 0 'taken back' exec 15 "@$work/marks.json"
+
+# A package subscription is removed from the store alone.
+part package
+printf '{"document":{"OrvaneServiceDocument":{"value":{"PackageCatalogEventSubscriptions":{"value":
+  "[{\\"catalogEvent\\":5}]"}}}}}' > "$work/package.json"
+kept 0 '' store import "$work/package.json"
+module 0 'removed: ' subscriptions remove 1
+
+# A client's text neither forges a row of a table nor drives the terminal. The file that subscribed also
+# unsubscribes, whatever white space is in it.
+mkdir "$work/machine"
+forged='a\u001b[2J\u009b1m\u007f\u202e\r\nplatform 1    start    0 s    C:\\\\forged.exe'
+printf '{"powerEventType":7,"eventAction":2,"commandParams":{"packageFamilyName":"%s",
+  "appServiceName":"%s","payload":{"%s":1}}}' "$forged" "$forged" "$forged" > "$work/forged.json"
+for command in 'exec 9 @forged.json' 'exec 20' subscriptions 'store show' 'validate @forged.json' \
+  'exec 19 @forged.json' subscriptions; do
+  # shellcheck disable=SC2086
+  (cd "$work" && run_at "$work/machine" $command >> "$work/tables" 2>&1)
+done
+controls=$(printf '\033|\302[\200-\237]|\177|\342\200\256')
+if [ "$(grep -c '^ *1  [0-9a-f]*  power 7 *0 s *send a message to a.*forged' "$work/tables")" != 1 ] ||
+  LC_ALL=C grep -qE "$controls|^platform" "$work/tables"; then
+  fail "a client's text reaches the terminal as it is, or its subscription is not shown:" "$work/tables"
+fi
+tail -n 1 "$work/tables" | grep -qF '(none is stored)' ||
+  fail "exec 19 with the file that subscribed removes nothing:" "$work/tables"
+
+expect 2 'names a trigger already' subscriptions add --power 7 --send a --service b \
+  --payload '{"customTriggerGUID":"c"}' --trigger d
+expect 2 'its own module and store' --store "$work" subscriptions --service=None
+expect 2 'its own module and store' --store "$work" store show --service=None
+expect 2 'service" only lists' subscriptions --service=None add --power 7 --send a --service b
+exit $((failures > 0))
