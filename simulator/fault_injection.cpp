@@ -391,11 +391,10 @@ class FaultyPackageCatalog final : public Platform::PackageCatalog {
       : inner(std::move(behind)), faults(decider) {}
   Token AddUninstalling(UninstallingHandler handler) override {
     if (faults.Fails("PackageCatalog.AddUninstalling")) Throw();
-    return inner->AddUninstalling(
-        [&decider = faults,
-         notify = std::move(handler)](const Platform::PackageUninstall& uninstall) {
-          notify(FaultyPackageUninstall(uninstall, decider));
-        });
+    return inner->AddUninstalling([&decider = faults, notify = std::move(handler)](
+                                      const Platform::PackageUninstall& uninstall) {
+      notify(FaultyPackageUninstall(uninstall, decider));
+    });
   }
   void RemoveUninstalling(Token token) noexcept override { inner->RemoveUninstalling(token); }
 

@@ -61,9 +61,9 @@ void Refuse(const Change& change) {
   const std::wstring call = first ? change.expand(change.value) : change.Text(L"call");
   const unsigned after = first ? 0 : Member(change.value, L"after").GetUint();
   change.machine.faults.FailNamed(Utf8(call), after);
-  change.machine.timeline.Add(L"Windows refuses " + (call.empty() ? L"nothing" : call) +
-                              (after == 0 ? L" from now on"
-                                          : L" from the " + Ordinal(after + 1) + L" call on"));
+  change.machine.timeline.Add(
+      L"Windows refuses " + (call.empty() ? L"nothing" : call) +
+      (after == 0 ? L" from now on" : L" from the " + Ordinal(after + 1) + L" call on"));
 }
 
 void RemoveApiSet(const Change& change) {

@@ -17,12 +17,13 @@ inline constexpr DWORD kWorkerDeadline = 60'000;  // milliseconds
 class StoreWorker {
  public:
   explicit StoreWorker(const std::wstring& arguments) {
-    std::wstring line = L"\"" + TestFolder() + L"\\store_worker.exe\" " + arguments;
+    std::wstring line = L"\"" + BuiltFile(L"store_worker.exe") + L"\" " + arguments;
     STARTUPINFOW start{};
     start.cb = sizeof start;
     PROCESS_INFORMATION started{};
     EXPECT_TRUE(CreateProcessW(nullptr, line.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr,
-                               &start, &started));
+                               &start, &started))
+        << GetLastError();
     process.reset(started.hProcess);
     const Platform::UniqueHandle thread(started.hThread);
   }
