@@ -31,7 +31,7 @@ done
 files >"$work/before"
 run cmd /c acceptance.cmd QUICK || fail "exit code $?"
 [ "$(grep -c ' ends with ' "$work/output")" = 7 ] || fail 'not all parts ran'
-[ $failures = 0 ] || cat "$work/output"
+[ $failures = 0 ] || cat "$work/output" "$disk"/users/*/Temp/OrvaneAcceptance/report.txt
 files | diff "$work/before" - || fail 'files of the PC have changed'
 
 # The module is given nothing but the request for its version.
