@@ -136,7 +136,7 @@ TEST_F(ServiceSoakTest, ADayLeavesHandlesThreadsAndMemoryWhereTheyWere) {
   const Figures before = measure(SIZE_MAX - Tests::kMutexEvents, "warm");
   LiveThrough(day);
   const Figures after = measure(before.handles, "afterward");
-  EXPECT_LE(after.threads, before.threads);
+  EXPECT_LE(after.threads, quiet + 1);  // as above: the last connection may not be joined yet
   EXPECT_LE(after.handles, before.handles + Tests::kMutexEvents);
   if (!Tests::MemoryIsMeasurable()) return;
   EXPECT_LE(after.memory.heap, before.memory.heap + kHeapAllowance);
