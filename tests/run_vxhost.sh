@@ -2,7 +2,7 @@
 # Sourced by the tests that run vxhost, when $vxhost is set and the arguments left are EMULATOR PREFIX.
 # Makes the folder $work, which goes with the test, and counts in $failures.
 emulator=$1 prefix=${2:-}
-umask go-w  # what a service may be installed from
+umask go-w  # a service cannot be installed where other accounts write
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 trap 'exit 1' HUP INT TERM  # otherwise a signal skips the trap above

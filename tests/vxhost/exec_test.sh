@@ -22,7 +22,7 @@ if [ $? != 1 ] || [ "$(tr -d '\r' < "$work/raw")" != \
   fail "exec --json mixes its result with the log:" "$work/raw" "$work/errors"
 fi
 
-# The library behind the command line prints the help. The paths of nested commands are this project's.
+# The command-line library prints the help. The paths of nested commands are this project's.
 expect 0 'Usage: vxhost store restore' store restore --help
 expect 2 'build it with scripts/build' --dll "$work/missing.dll" exec 22
 expect 2 '{"error":{"message":' --dll "$work/missing.dll" exec 22 --json

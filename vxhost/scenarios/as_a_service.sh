@@ -3,7 +3,7 @@
 # installation to its removal. A client subscribes a signed program over the pipe, the machine resumes
 # and the program runs. Exits with 1 if something else happens. Leaves no service and no data.
 set -u
-umask go-w  # what a service may be installed from
+umask go-w  # a service cannot be installed where other accounts write
 vxhost=$1 module=$2 pki=$3 probe=$4 emulator=$5 prefix=$6
 name=VxSample$$
 place="$prefix/drive_c/Program Files/VxSample"
