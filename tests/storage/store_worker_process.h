@@ -1,5 +1,6 @@
 #pragma once
 
+#include <stdexcept>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -21,9 +22,12 @@ class StoreWorker {
     STARTUPINFOW start{};
     start.cb = sizeof start;
     PROCESS_INFORMATION started{};
-    EXPECT_TRUE(CreateProcessW(nullptr, line.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr,
-                               &start, &started))
-        << GetLastError();
+    // Under Wine 1359 says that something killed the new process before any of its code ran.
+    if (!CreateProcessW(nullptr, line.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &start,
+                        &started)) {
+      throw std::runtime_error("store_worker.exe does not start: error " +
+                               std::to_string(GetLastError()));
+    }
     process.reset(started.hProcess);
     const Platform::UniqueHandle thread(started.hThread);
   }
