@@ -1,6 +1,5 @@
 #include <gmock/gmock.h>
 
-#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <functional>
@@ -69,22 +68,6 @@ TEST_F(PackageEventTest, OpensACatalogForEveryRequestThatItUnderstands) {
     EXPECT_FALSE(machine.users.Acting());
     Manager::clear_events();
   }
-}
-
-TEST_F(PackageEventTest, LooksFifteenTimesWhetherAnUninstallHasEnded) {
-  for (const int incompletePolls : {0, 14, 1000}) {
-    Install();
-    Register(PackageRequest(L"7"));
-    Remove();
-    const std::uint64_t start = machine.clock.TickCount();
-    int polls = 0;
-    Notify(kFamily, [&] { return polls++ >= incompletePolls; });
-    EXPECT_EQ(polls, std::min(incompletePolls + 1, 15));
-    EXPECT_EQ(machine.clock.TickCount() - start,
-              static_cast<std::uint64_t>(std::min(incompletePolls, 15)) * 2000);
-    Manager::clear_events();
-  }
-  EXPECT_THAT(completed, SizeIs(3));
 }
 
 TEST_F(PackageEventTest, StaysArmedWhenItsCommandFails) {

@@ -22,7 +22,6 @@ using ::testing::Contains;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 using ::testing::Not;
-using ::testing::Pair;
 using ::testing::StartsWith;
 
 constexpr wchar_t kFamily[] = L"Some.App_0123456789abc";
@@ -147,16 +146,6 @@ TEST_F(UwpPackageTest, RefusesATextThatIsNoFullName) {
   for (const wchar_t* text : {L"", L"Some.App", kFamily, L"a_b_c_d_e_f"}) {
     EXPECT_THROW(UwpPackage().ShouldForceRegistration(kUser, text), std::invalid_argument);
   }
-}
-
-TEST_F(UwpPackageTest, RegistersForTheConsoleUser) {
-  const auto registering = [] { UwpPackage().Register(kFullName); };
-  Stage();
-  registering();
-  EXPECT_EQ(UwpPackage().FindPackageFullName(kFamily), kFullName);
-  EXPECT_THAT(UwpPackageDataAccess().GetOriginAndVersion(kFamily), Pair(3, kVersion));
-  machine.packages.SetRegistration({Hresult(0x80073D02), L""}, {});
-  EXPECT_EQ(FailureOf(registering), "RegisterPackageByFullNameAsync failed with 0x80073d02");
 }
 
 struct Destroyer {
