@@ -1,9 +1,10 @@
 #include "bod/born_on_date.h"
 
 #include <algorithm>
-#include <cstdio>
 #include <stdexcept>
 #include <string_view>
+
+#include "json/decimal.h"
 
 namespace Vx::Tessel::Server::Services::Orvane {
 
@@ -110,19 +111,12 @@ void WriteDigits(std::span<std::uint8_t> buffer, BODFormat format, const Calenda
   if (buffer.size() < DigitCount(format)) throw std::invalid_argument(kVectorTooSmall);
 
   // The fields may be any 16-bit numbers. Their prints are cut to their columns.
-  char year[8] = {};
-  std::size_t yearDigits = 4;
-  if (format == BODFormat::SixDigits) {
-    // The service has always given firmware of six digits only the last digit of the year.
-    static_cast<void>(std::snprintf(year, sizeof year, "%02i", day.year % 10));
-    yearDigits = 2;
-  } else {
-    static_cast<void>(std::snprintf(year, sizeof year, "%04i", day.year));
-  }
-  char monthAndDay[16] = {};
-  static_cast<void>(std::snprintf(monthAndDay, sizeof monthAndDay, "%02i%02i", day.month, day.day));
-  std::copy_n(year, yearDigits, buffer.begin());
-  std::copy_n(monthAndDay, 4, buffer.begin() + static_cast<std::ptrdiff_t>(yearDigits));
+  // The service has always given firmware of six digits only the last digit of the year.
+  const bool six = format == BODFormat::SixDigits;
+  std::string date = Json::Decimal(six ? day.year % 10 : day.year, six ? 2 : 4);
+  date.resize(six ? 2 : 4);
+  date += Json::Decimal(day.month, 2) + Json::Decimal(day.day, 2);
+  std::copy_n(date.begin(), DigitCount(format), buffer.begin());
 }
 
 bool IsAssignable(const std::string& date, BODFormat format) {

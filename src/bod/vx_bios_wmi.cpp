@@ -152,9 +152,10 @@ std::int32_t VxBiosWmi::ExecuteCommand(int command, int commandType, std::uint32
   if (!ready && !GetReady()) return E_FAIL;
 
   wchar_t method[kMethodNameChars] = {};
-  // Any size fits.
+  // Any size fits. The formatting is the system's: this compiler's own would be linked into the
+  // module.
   static_cast<void>(
-      std::swprintf(method, std::size(method), kMethodName, static_cast<long>(outputSize)));
+      _snwprintf(method, std::size(method) - 1, kMethodName, static_cast<long>(outputSize)));
 
   ClassObject methodClass;
   HRESULT result = Check(kExecuteCommand, L"IWbemServices->GetObject(InputDataBlock)",

@@ -4,6 +4,8 @@
 #include <string_view>
 #include <utility>
 
+#include "json/decimal.h"
+
 namespace Vx::Tessel::Server::Services::Orvane::Qubo {
 
 namespace {
@@ -112,7 +114,7 @@ std::vector<std::wstring> Explain(const ResumeDecision& decision) {
     std::wstring line(kQuestionTexts[static_cast<std::size_t>(answer.question)]);
     line += L": ";
     if (answer.question == ResumeQuestion::RegistrationState) {
-      line += std::to_wstring(answer.answer);
+      line += Json::WideDecimal(answer.answer);
     } else {
       line += answer.answer != 0 ? L"yes" : L"no";
     }
@@ -120,7 +122,7 @@ std::vector<std::wstring> Explain(const ResumeDecision& decision) {
   }
   lines.emplace_back(kRuleTexts[static_cast<std::size_t>(decision.rule)]);
   lines.push_back(L"starting point: " +
-                  std::to_wstring(static_cast<std::int32_t>(decision.startingPoint)));
+                  Json::WideDecimal(static_cast<std::int32_t>(decision.startingPoint)));
   return lines;
 }
 

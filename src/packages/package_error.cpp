@@ -1,6 +1,7 @@
 #include "packages/package_error.h"
 
-#include <cstdio>
+#include <charconv>
+#include <iterator>
 
 #include "host/logging.h"
 #include "json/utf8.h"
@@ -13,9 +14,9 @@ constexpr wchar_t kRevertFailed[] =
     L"Problem while reverting the impersonation of a package operation.";
 
 std::string Describe(std::wstring_view call, std::uint32_t code, std::wstring_view details) {
-  char hexadecimal[11];
-  static_cast<void>(std::snprintf(hexadecimal, sizeof hexadecimal, "0x%x", code));
-  std::string text = Json::ToUtf8(call) + " failed with " + hexadecimal;
+  char digits[8];
+  char* const end = std::to_chars(std::begin(digits), std::end(digits), code, 16).ptr;
+  std::string text = Json::ToUtf8(call) + " failed with 0x" + std::string(std::begin(digits), end);
   if (!details.empty()) text += ": " + Json::ToUtf8(details);
   return text;
 }

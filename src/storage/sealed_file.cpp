@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <array>
-#include <cstdio>
 #include <cstring>
 #include <cwchar>
 #include <memory>
@@ -10,6 +9,7 @@
 #include <utility>
 
 #include "host/logging.h"
+#include "json/decimal.h"
 #include "platform/clock.h"
 #include "platform/data_protection.h"
 #include "platform/file_handle.h"
@@ -261,14 +261,12 @@ std::wstring DateText(std::chrono::milliseconds since1601) {
   const auto day = floor<days>(time);
   const year_month_day date(day);
   const hh_mm_ss clock(time - day);
-  wchar_t text[32];
-  const auto number = [](auto value) { return static_cast<unsigned>(value); };
-  static_cast<void>(std::swprintf(text, std::size(text), L"%04d%02u%02u-%02u%02u%02u-%03u",
-                                  static_cast<int>(date.year()), number(unsigned{date.month()}),
-                                  number(unsigned{date.day()}), number(clock.hours().count()),
-                                  number(clock.minutes().count()), number(clock.seconds().count()),
-                                  number(clock.subseconds().count())));
-  return text;
+  const auto dateDigits =
+      std::int64_t{int{date.year()}} * 10'000 + unsigned{date.month()} * 100 + unsigned{date.day()};
+  const auto clockDigits =
+      clock.hours().count() * 10'000 + clock.minutes().count() * 100 + clock.seconds().count();
+  return Json::WideDecimal(dateDigits, 8) + L'-' + Json::WideDecimal(clockDigits, 6) + L'-' +
+         Json::WideDecimal(clock.subseconds().count(), 3);
 }
 
 // Writes a copy of a damaged file beside it.
@@ -280,7 +278,8 @@ ErrorCode MakeCopy(const std::wstring& path, unsigned long number,
   std::chrono::milliseconds date(now / kUnitsPerMillisecond);
   ErrorCode error = kFileExists;
   for (int i = 0; i < kMostNames && error == kFileExists; ++i, ++date) {
-    const std::wstring copy = path + kDamagedMark + DateText(date) + L"." + std::to_wstring(number);
+    const std::wstring copy =
+        path + kDamagedMark + DateText(date) + L"." + Json::WideDecimal(number);
     const Opened made = Files().Create(copy, path);
     error = made ? Fill(**made, content) : made.Error();
     if (error == 0) Log().LogWarning(kCopied, copy.c_str());
