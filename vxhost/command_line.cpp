@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "platform/windows_runtime_error.h"
+#include "vxhost/service/service_manager.h"
 #include "vxhost/text.h"
 
 #include <windows.h>
@@ -41,10 +42,6 @@ std::string Joined(const std::vector<const CLI::App*>& commands) {
 }
 
 }  // namespace
-
-std::wstring ModuleOptions::Path() const {
-  return dll.empty() ? DefaultModule() : FullPath(dll);
-}
 
 CommandLine::CommandLine() : app(kAbout, "vxhost") {
   app.footer(kFooter);
@@ -102,6 +99,11 @@ void CommandLine::AddTimeout(CLI::App& command, HoldLimits& limits) {
           "how many seconds to wait for the store; 0: without limit")
       ->check(CLI::Range(0, kLongestSeconds))
       ->default_str("30");
+}
+
+void CommandLine::OfferService(CLI::App& command, std::string& name) {
+  command.add_flag("--service{" + std::string(kDefaultServiceName) + "}", name,
+                   "speak to the running service, or with --service=NAME to the one of this name");
 }
 
 int CommandLine::Execute(std::vector<std::string> arguments) {

@@ -9,26 +9,13 @@
 #include <CLI/CLI.hpp>
 
 #include "vxhost/console.h"
+#include "vxhost/module_options.h"
 #include "vxhost/store_wait.h"
 
 namespace Vx::Host {
 
-// The exit codes of the process.
-enum ExitCode : int { kDone = 0, kNotMet = 1, kUnusable = 2 };
-
 // The longest wait that an option can ask for: a day.
 constexpr int kLongestSeconds = 86'400;
-
-// Which module is used, and which store.
-struct ModuleOptions {
-  std::string dll;
-  bool privateStore = false;
-  bool simulate = false;
-  std::string store;  // the folder of a store that is kept; empty for the machine's
-
-  // Full path of the module: the one beside this program unless --dll names another.
-  std::wstring Path() const;
-};
 
 // The subcommands, and the one that the command line names. One thread.
 class CommandLine {
@@ -60,6 +47,9 @@ class CommandLine {
 
   // Adds --timeout to `command`: the seconds that it waits for the store.
   static void AddTimeout(CLI::App& command, HoldLimits& limits);
+
+  // Adds --service[=NAME] to `command`, which leaves `name` empty when the option is missing.
+  static void OfferService(CLI::App& command, std::string& name);
 
   // Parses and runs. Returns the exit code of the process. Writes what the subcommand throws.
   int Execute(std::vector<std::string> arguments);

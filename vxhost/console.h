@@ -12,6 +12,9 @@
 
 namespace Vx::Host {
 
+// The exit codes of the process.
+enum ExitCode : int { kDone = 0, kNotMet = 1, kUnusable = 2 };
+
 // For people, or as one JSON object per line.
 enum class LogForm { Text, Json };
 enum class Colours { Auto, Always, Never };

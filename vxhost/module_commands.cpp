@@ -259,7 +259,7 @@ void AddExec(CommandLine& line) {
                   "the request's JSON, @FILE, or @- for standard input");
   exec.add_option("--caller", options->caller, "the client's identity")->capture_default_str();
   CommandLine::AddTimeout(exec, options->limits);
-  OfferService(exec, options->service);
+  CommandLine::OfferService(exec, options->service);
   line.UseModule(exec);
   line.UseStore(exec);
   line.OfferJson(exec);
@@ -296,7 +296,7 @@ void AddEvents(CommandLine& line) {
   events.add_flag("--watch", options->watch,
                   "with --service: show what the service logs, for --seconds or, if 0, until\n"
                   "Ctrl+C; needs administrator rights");
-  OfferService(events, options->service);
+  CommandLine::OfferService(events, options->service);
   line.UseModule(events);
   line.OfferJson(events);
   line.UseStore(events);

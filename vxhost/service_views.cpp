@@ -53,11 +53,6 @@ LogLine LineOf(const Json::JsonObject& record) {
 
 }  // namespace
 
-void OfferService(CLI::App& command, std::string& name) {
-  command.add_flag("--service{" + std::string(kDefaultServiceName) + "}", name,
-                   "speak to the running service, or with --service=NAME to the one of this name");
-}
-
 void RefuseForService(const ModuleOptions& options) {
   if (options.dll.empty() && !options.privateStore && !options.simulate && options.store.empty()) {
     return;

@@ -3,13 +3,10 @@
 #include <cstdint>
 #include <string>
 
-#include "vxhost/command_line.h"
 #include "vxhost/console.h"
+#include "vxhost/module_options.h"
 
 namespace Vx::Host {
-
-// Adds --service[=NAME] to `command`, which leaves `name` empty when the option is missing.
-void OfferService(CLI::App& command, std::string& name);
 
 // Throws std::runtime_error if `options` name a module or a store: a running service has its own.
 void RefuseForService(const ModuleOptions& options);

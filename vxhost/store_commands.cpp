@@ -294,7 +294,7 @@ void AddStoreCommands(CommandLine& line) {
           ->required(command.file == File::Required);
     }
     CommandLine::AddTimeout(added, options->limits);
-    if (command.run == &Show) OfferService(added, options->service);
+    if (command.run == &Show) CommandLine::OfferService(added, options->service);
     line.OfferJson(added);
     line.UseStore(added);
   }

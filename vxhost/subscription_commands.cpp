@@ -343,7 +343,7 @@ void AddSubscriptionCommands(CommandLine& line) {
   CLI::App& listing = line.Add(group, "list", "list the stored subscriptions", kListFooter, list);
   for (CLI::App* command : {&group, &listing}) {
     CommandLine::AddTimeout(*command, *limits);
-    OfferService(*command, *service);
+    CommandLine::OfferService(*command, *service);
     line.OfferJson(*command);
     line.UseModule(*command);
     line.UseStore(*command);

@@ -3,8 +3,8 @@
 #include <functional>
 #include <memory>
 
-#include "vxhost/command_line.h"
 #include "vxhost/console.h"
+#include "vxhost/module_options.h"
 #include "vxhost/scenario.h"
 
 namespace Vx::Host {
