@@ -21,11 +21,22 @@ std::optional<std::size_t> WholeLength(Bytes bytes) {
   return length && *length >= kLengthSize ? length : std::nullopt;
 }
 
-// The size of the C string at the front of `bytes`, with its terminator.
+// The size of the C string at the front of `bytes`, with its terminator. Keys are short: eight
+// bytes at once cost less than a call of memchr, which is made for long texts.
 std::optional<std::size_t> CStringSize(Bytes bytes) {
-  const void* const end = bytes.empty() ? nullptr : std::memchr(bytes.data(), 0, bytes.size());
-  if (end == nullptr) return std::nullopt;
-  return static_cast<std::size_t>(static_cast<const std::byte*>(end) - bytes.data()) + 1;
+  constexpr std::uint64_t kOnes = 0x0101010101010101;
+  constexpr std::uint64_t kTops = 0x8080808080808080;
+  std::size_t at = 0;
+  for (; bytes.size() - at >= sizeof(std::uint64_t); at += sizeof(std::uint64_t)) {
+    const auto eight = Load<std::uint64_t>(bytes.data() + at);
+    // The lowest marked byte is the first zero. Marks above it may be wrong.
+    const std::uint64_t zeros = (eight - kOnes) & ~eight & kTops;
+    if (zeros != 0) return at + static_cast<std::size_t>(std::countr_zero(zeros)) / 8 + 1;
+  }
+  for (; at < bytes.size(); ++at) {
+    if (bytes[at] == std::byte{0}) return at + 1;
+  }
+  return std::nullopt;
 }
 
 std::optional<std::size_t> TwoCStringsSize(Bytes bytes) {
