@@ -6,7 +6,10 @@ cd "$(dirname "${BASH_SOURCE[0]}")/.."
 if ! { : 3<&0; } 2>/dev/null; then exec </dev/null; fi
 
 # Builds go through ccache where it is installed.
-if command -v ccache >/dev/null; then export CMAKE_{C,CXX}_COMPILER_LAUNCHER=ccache; fi
+if command -v ccache >/dev/null; then
+  export CMAKE_{C,CXX}_COMPILER_LAUNCHER=ccache
+  export CCACHE_SLOPPINESS=${CCACHE_SLOPPINESS:-pch_defines,time_macros}  # for precompiled headers
+fi
 
 # Of clang, lld and llvm, the versions that the release itself prefers.
 packages=(
