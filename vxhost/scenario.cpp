@@ -21,7 +21,7 @@
 #include "vxhost/machine_steps.h"
 #include "vxhost/scenario_check.h"
 #include "vxhost/services_mutex.h"
-#include "vxhost/store_commands.h"
+#include "vxhost/store_content.h"
 #include "vxhost/text.h"
 
 namespace Vx::Host {
