@@ -3,7 +3,7 @@
 #include <string_view>
 
 #include "fuzz/fuzz_check.h"
-#include "vxhost/service/envelope.h"
+#include "servicehost/envelope.h"
 
 using namespace Vx::Host;
 

@@ -8,12 +8,12 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "hosting/loaded_module.h"
 #include "platform/unique_handle.h"
 #include "storage/request_manager.h"
 #include "support/probe.h"
 #include "support/temp_folder.h"
 #include "support/winrt_fakes.h"
-#include "vxhost/loaded_module.h"
 
 #include <windows.h>
 

@@ -5,9 +5,9 @@
 
 #include <gtest/gtest.h>
 
+#include "hosting/loaded_module.h"
 #include "support/probe.h"
 #include "support/temp_folder.h"
-#include "vxhost/loaded_module.h"
 
 namespace Vx::Tests {
 

@@ -7,11 +7,11 @@
 #include <thread>
 
 #include "gtest/gtest.h"
+#include "hosting/loaded_module.h"
 #include "support/probe.h"
 #include "support/process_gauges.h"
 #include "support/temp_folder.h"
 #include "support/winrt_fakes.h"
-#include "vxhost/loaded_module.h"
 
 #include <windows.h>
 

@@ -1,9 +1,9 @@
-# check_layers(ROOT RESULT): reads every source of src/, host/, standins/, vxhost/ and simulator/ below
-# ROOT and puts a list of "file: what is wrong" into RESULT. The rules are those of ARCHITECTURE.md.
+# check_layers(ROOT RESULT): reads every source of the folders below, of ROOT and puts a list of "file: what is wrong" into RESULT. The rules are those of ARCHITECTURE.md.
 
-set(folders src host standins vxhost simulator)
+set(folders src host standins simulator hosting servicehost vxhost)
 
-# A layer is a folder of src/, or one of the other folders. Each may include itself and these.
+# A layer is a folder of src/ or of vxhost/, or one of the other folders. Each may include itself and
+# these.
 set(below_managers json platform host)
 set(below_service storage security packages ${below_managers})
 set(may_include_host "")
@@ -19,8 +19,18 @@ set(may_include_service events launch bod ${below_service})
 set(may_include_module service ${may_include_service})
 set(may_include_standins platform host)
 set(may_include_simulator platform host)
-set(any_layer module standins simulator vxhost ${may_include_module})
-set(may_include_vxhost ${any_layer})
+set(may_include_hosting ${below_managers} storage)
+set(may_include_servicehost ${below_managers} hosting)
+# The tool links the service for --simulate.
+set(below_tool hosting service ${may_include_service})
+set(may_include_vxhost/common ${below_tool})
+set(may_include_vxhost/subscriptions vxhost/common ${below_tool})
+set(may_include_vxhost/store vxhost/subscriptions ${may_include_vxhost/subscriptions})
+set(may_include_vxhost/log vxhost/common ${below_tool})
+set(may_include_vxhost/service vxhost/common servicehost ${below_tool})
+set(may_include_vxhost/play vxhost/log vxhost/store standins simulator ${may_include_vxhost/store})
+set(may_include_vxhost/commands vxhost/play vxhost/service servicehost ${may_include_vxhost/play})
+set(any_layer module standins vxhost/commands ${may_include_vxhost/commands})
 
 # The layers that speak to Windows. bod calls the interfaces of WMI itself, module holds DllMain.
 set(windows_layers platform bod module standins simulator)
@@ -34,13 +44,13 @@ set(barred_words
   "[^A-Za-z0-9_]thread_local[^A-Za-z0-9_]|^$|a thread's value lives in a TlsAlloc slot"
   "std::j?thread[^A-Za-z0-9_]|^$|threads are started by Platform::Thread"
   "std::async[^A-Za-z0-9_]|^$|threads are started by Platform::Thread"
-  "[^A-Za-z0-9_]WaitFor(Single|Multiple)Objects?(Ex)? *\\(|^(src/platform|simulator|vxhost)/|waiting goes through the clock"
-  "[^A-Za-z0-9_>.]Sleep(Ex)? *\\(|^(src/platform|simulator|vxhost)/|waiting goes through the clock"
+  "[^A-Za-z0-9_]WaitFor(Single|Multiple)Objects?(Ex)? *\\(|^(src/platform|simulator|hosting|servicehost|vxhost)/|waiting goes through the clock"
+  "[^A-Za-z0-9_>.]Sleep(Ex)? *\\(|^(src/platform|simulator|hosting|servicehost|vxhost)/|waiting goes through the clock"
   "[^A-Za-z0-9_]LoadLibrary[AW]? *\\(|^$|a library is loaded from its full path")
 
 function(layer_of path result)
   set(${result} "" PARENT_SCOPE)
-  if(path MATCHES "^(src/)?([^/]+)/")
+  if(path MATCHES "^(src/)?((vxhost/)?[^/]+)/")
     set(${result} ${CMAKE_MATCH_2} PARENT_SCOPE)
   endif()
 endfunction()
@@ -60,14 +70,14 @@ endfunction()
 # headers of host use C's, which every compiler has.
 function(judge_foreign_include layer included result)
   set(${result} "" PARENT_SCOPE)
-  if(layer STREQUAL "vxhost")
+  if(layer MATCHES "^(vxhost/|hosting$|servicehost$)")
     return()
   elseif(included MATCHES "^rapidjson/")
     if(NOT layer STREQUAL "json")
       set(${result} "includes <${included}>, but JSON stops at json" PARENT_SCOPE)
     endif()
   elseif(included MATCHES "/")
-    set(${result} "includes <${included}>, a library that only vxhost uses" PARENT_SCOPE)
+    set(${result} "includes <${included}>, a library that only the tool uses" PARENT_SCOPE)
   elseif(included MATCHES "\\.h$")
     if(NOT layer IN_LIST windows_layers AND NOT (layer STREQUAL "host" AND included MATCHES "^std"))
       set(${result} "includes <${included}>, but Windows stops at platform" PARENT_SCOPE)

@@ -48,7 +48,7 @@ def table(page):
 
 def main():
     root = pathlib.Path(sys.argv[1])
-    code = load(root, ["src/**/*.cpp", "src/**/*.h", "standins/*.cpp", "vxhost/**/*.cpp", "vxhost/**/*.h"])
+    code = load(root, ["src/**/*.cpp", "src/**/*.h", "standins/*.cpp", "hosting/*.cpp", "servicehost/*.cpp", "vxhost/**/*.cpp", "vxhost/**/*.h"])
     tests = load(root, ["tests/**/*.cpp", "tests/**/*.h", "tests/**/*.sh", "tests/*/scenarios/*.txt",
                         "vxhost/scenarios/*.txt"])
     lines = table((root / "docs/operations.md").read_text(encoding="utf-8"))

@@ -1,4 +1,4 @@
-#include "vxhost/explanation.h"
+#include "vxhost/subscriptions/explanation.h"
 
 #include <gmock/gmock.h>
 
@@ -22,7 +22,7 @@
 #include "support/machine_test.h"
 #include "support/probe.h"
 #include "support/test_pki.h"
-#include "vxhost/store_look.h"
+#include "vxhost/store/store_look.h"
 
 namespace Vx::Host {
 

@@ -1,4 +1,4 @@
-#include "vxhost/own_signature.h"
+#include "vxhost/subscriptions/own_signature.h"
 
 #include <gtest/gtest.h>
 

@@ -1,4 +1,4 @@
-#include "vxhost/store_repair.h"
+#include "vxhost/store/store_repair.h"
 
 #include <gmock/gmock.h>
 
@@ -15,7 +15,7 @@
 #include "storage/cap_data_store.h"
 #include "storage/service_document.h"
 #include "support/machine_test.h"
-#include "vxhost/stored_subscriptions.h"
+#include "vxhost/subscriptions/stored_subscriptions.h"
 
 namespace Vx::Host {
 

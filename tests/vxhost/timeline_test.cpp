@@ -4,8 +4,8 @@
 
 #include <gmock/gmock.h>
 
-#include "vxhost/timeline_page.h"
-#include "vxhost/timeline_picture.h"
+#include "vxhost/log/timeline_page.h"
+#include "vxhost/log/timeline_picture.h"
 
 namespace Vx::Host {
 namespace {

@@ -7,9 +7,9 @@
 
 #include <windows.h>
 
+#include "hosting/text.h"
 #include "platform/unique_handle.h"
-#include "vxhost/service/log_folder.h"
-#include "vxhost/text.h"
+#include "servicehost/log_folder.h"
 
 namespace Vx::Host {
 

@@ -5,10 +5,10 @@
 
 #include <windows.h>
 
-#include "vxhost/service/pipe_io.h"
-#include "vxhost/service/pipe_server.h"
+#include "hosting/text.h"
+#include "servicehost/pipe_io.h"
+#include "servicehost/pipe_server.h"
 #include "vxhost/service/service_manager.h"
-#include "vxhost/text.h"
 
 namespace Vx::Host {
 

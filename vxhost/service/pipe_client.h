@@ -5,7 +5,7 @@
 #include <string>
 
 #include "platform/unique_handle.h"
-#include "vxhost/service/envelope.h"
+#include "servicehost/envelope.h"
 
 namespace Vx::Host {
 

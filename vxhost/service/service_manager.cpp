@@ -8,9 +8,9 @@
 
 #include <windows.h>
 
+#include "hosting/text.h"
 #include "platform/unique_handle.h"
-#include "vxhost/service/event_log.h"
-#include "vxhost/text.h"
+#include "servicehost/event_log.h"
 
 namespace Vx::Host {
 

@@ -1,0 +1,65 @@
+#include "hosting/loaded_module.h"
+
+#include <cstddef>
+#include <stdexcept>
+
+#include <windows.h>
+
+#include "hosting/services_mutex.h"
+#include "hosting/text.h"
+
+namespace Vx::Host {
+
+using Tessel::Server::Services::ClientContext;
+
+namespace {
+
+constexpr std::size_t kLongestCaller = 64;  // the module ends the process for a longer one
+
+std::string LoadFailure(const std::wstring& path, DWORD error) {
+  return "cannot load " + Utf8(path) + " (error " + std::to_string(error) +
+         "); build it with scripts/build, or name it with --dll";
+}
+
+}  // namespace
+
+Answer ServiceSession::Execute(std::uint32_t id, const std::wstring& request,
+                               const std::wstring& caller) {
+  if (caller.size() > kLongestCaller) {
+    throw std::runtime_error("a client's identity has at most 64 characters");
+  }
+  ClientContext* context = nullptr;
+  service->CreateClientContext(caller.c_str(), &context);
+  Answer answer;
+  wchar_t* response = nullptr;
+  answer.code = service->ExecuteCommand(context, id, request.c_str(), &response, nullptr);
+  if (response != nullptr) answer.text = response;
+  service->FreeResponse(response);
+  service->ReleaseClientContext(&context);
+  return answer;
+}
+
+void LoadedModule::Unloader::operator()(void* loaded) const noexcept {
+  FreeLibrary(static_cast<HMODULE>(loaded));
+}
+
+LoadedModule::LoadedModule(const std::wstring& fullPath)
+    : module(LoadLibraryExW(fullPath.c_str(), nullptr, LOAD_LIBRARY_SEARCH_SYSTEM32)) {
+  if (module == nullptr) throw std::runtime_error(LoadFailure(fullPath, GetLastError()));
+  factory = reinterpret_cast<Tessel::Server::Services::CreateServiceFunction>(
+      reinterpret_cast<void*>(GetProcAddress(static_cast<HMODULE>(module.get()),
+                                             Tessel::Server::Services::kCreateServiceExport)));
+  if (factory == nullptr) {
+    throw std::runtime_error(Utf8(fullPath) + " is not a service module: it does not export " +
+                             Tessel::Server::Services::kCreateServiceExport);
+  }
+}
+
+ServiceSession LoadedModule::NewService() const {
+  const auto mutex = ServicesMutexFor(StoreUse::Write);
+  auto* service = factory();
+  if (service == nullptr) throw std::runtime_error("the module's factory returned null");
+  return ServiceSession(mutex == nullptr ? service : WithServicesMutex(*service, mutex));
+}
+
+}  // namespace Vx::Host

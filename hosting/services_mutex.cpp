@@ -1,0 +1,147 @@
+#include "hosting/services_mutex.h"
+
+#include <cstdio>
+#include <cwchar>
+#include <stdexcept>
+#include <utility>
+
+#include <windows.h>
+
+#include "hosting/text.h"
+#include "storage/cap_data_store.h"
+
+namespace Vx::Host {
+
+namespace {
+
+using Tessel::Server::Services::ClientContext;
+using Tessel::Server::Services::CompletionCallback;
+using Tessel::Server::Services::VxService;
+
+constexpr DWORD kAccess = SYNCHRONIZE | MUTEX_MODIFY_STATE;  // what administrators have
+
+std::wstring Variable(const wchar_t* name) {
+  std::wstring value(kLongestPath, L'\0');
+  value.resize(GetEnvironmentVariableW(name, value.data(), DWORD{kLongestPath}));
+  return value;
+}
+
+std::wstring_view WithoutSlash(std::wstring_view folder) {
+  return folder.substr(0, folder.find_last_not_of(L'\\') + 1);
+}
+
+bool SameFolder(std::wstring_view one, std::wstring_view other) {
+  one = WithoutSlash(one);
+  other = WithoutSlash(other);
+  return one.size() == other.size() && _wcsnicmp(one.data(), other.data(), one.size()) == 0;
+}
+
+std::wstring GlobalName() {
+  return std::wstring(L"Global\\") + Tessel::Server::Storage::CapDataStore::kMutexName;
+}
+
+HANDLE OpenOrCreate() {
+  const std::wstring name = GlobalName();
+  HANDLE opened = OpenMutexW(kAccess, FALSE, name.c_str());
+  if (opened != nullptr || GetLastError() != ERROR_FILE_NOT_FOUND) return opened;
+  return CreateMutexExW(nullptr, name.c_str(), 0, kAccess);
+}
+
+class LockingService final : public VxService {
+ public:
+  LockingService(VxService& service, std::shared_ptr<const ServicesMutex> services)
+      : inner(service), mutex(std::move(services)) {}
+
+  void* Destroy(unsigned flags) override {
+    void* const address = inner.Destroy(flags);
+    delete this;
+    return address;
+  }
+  uint32_t CreateClientContext(const wchar_t* clientId, ClientContext** context) override {
+    return inner.CreateClientContext(clientId, context);
+  }
+  uint32_t ReleaseClientContext(ClientContext** context) override {
+    return inner.ReleaseClientContext(context);
+  }
+  uint32_t ExecuteCommand(ClientContext* context, uint32_t functionId, const wchar_t* request,
+                          wchar_t** response, CompletionCallback* callback) override {
+    const ServicesMutexHold hold(mutex);
+    return inner.ExecuteCommand(context, functionId, request, response, callback);
+  }
+  void FreeResponse(void* response) override { inner.FreeResponse(response); }
+  void Start() override { inner.Start(); }
+  void power_event_task(uint32_t eventType) override {
+    const ServicesMutexHold hold(mutex);
+    inner.power_event_task(eventType);
+  }
+  void Reserved7() override { inner.Reserved7(); }
+  bool oobe_event_task() override {
+    const ServicesMutexHold hold(mutex);
+    return inner.oobe_event_task();
+  }
+  void OnSessionChange(uint32_t code) override {
+    const ServicesMutexHold hold(mutex);
+    inner.OnSessionChange(code);
+  }
+  void Reserved10() override { inner.Reserved10(); }
+
+ private:
+  ~LockingService() = default;
+
+  VxService& inner;
+  const std::shared_ptr<const ServicesMutex> mutex;
+};
+
+}  // namespace
+
+bool NeedsServicesMutex(std::uint32_t session, std::wstring_view programData,
+                        std::wstring_view machineData) {
+  if (session == 0) return false;
+  return machineData.empty() || SameFolder(programData, machineData);
+}
+
+ServicesMutex::ServicesMutex() : handle(OpenOrCreate()) {
+  if (handle != nullptr) return;
+  const DWORD error = GetLastError();
+  throw std::runtime_error(Utf8(GlobalName()) +
+                           (error == ERROR_INVALID_HANDLE
+                                ? " is an object of another kind, made by another program"
+                                : " cannot be opened, error " + std::to_string(error)));
+}
+
+std::shared_ptr<const ServicesMutex> ServicesMutexFor(StoreUse use) {
+  DWORD session = 0;
+  // Without an answer the object is taken: in the services' session it is the module's own, which a
+  // thread may hold twice.
+  if (ProcessIdToSessionId(GetCurrentProcessId(), &session) == FALSE) session = MAXDWORD;
+  if (!NeedsServicesMutex(session, Variable(L"ProgramData"), Variable(L"ALLUSERSPROFILE"))) {
+    return nullptr;
+  }
+  try {
+    return std::make_shared<const ServicesMutex>();
+  } catch (const std::runtime_error& error) {
+    if (use == StoreUse::Write) {
+      throw std::runtime_error(std::string("the machine's store cannot be kept from services: ") +
+                               error.what() + "; run as administrator, or use --private-store");
+    }
+    std::fprintf(stderr, "vxhost: the store is read while services may write it: %s\n",
+                 error.what());
+    return nullptr;
+  }
+}
+
+ServicesMutexHold::ServicesMutexHold(std::shared_ptr<const ServicesMutex> mutex,
+                                     const HoldLimits& limits)
+    : held(std::move(mutex)) {
+  if (held != nullptr) AwaitStoreMutex(held->handle.get(), limits);
+}
+
+ServicesMutexHold::~ServicesMutexHold() {
+  if (held != nullptr) ReleaseMutex(held->handle.get());
+}
+
+VxService* WithServicesMutex(VxService& inner, std::shared_ptr<const ServicesMutex> mutex) {
+  return new LockingService(inner, std::move(mutex));
+}
+
+}  // namespace Vx::Host

@@ -1,0 +1,62 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include "host/vx_service.h"
+#include "hosting/store_wait.h"
+#include "platform/unique_handle.h"
+
+// The module locks the store under an unqualified name. For a service that name lies in the global
+// namespace, for any other program in that of its session, where it keeps no service out. So this
+// tool, outside the services' session, takes the global object as well.
+
+namespace Vx::Host {
+
+// Whether a process of `session` whose %ProgramData% is `programData` shares the machine's store
+// with services and not their mutex. `machineData` is the machine's own folder, empty where it is
+// not known.
+bool NeedsServicesMutex(std::uint32_t session, std::wstring_view programData,
+                        std::wstring_view machineData);
+
+// Any thread may hold it.
+class ServicesMutex {
+ public:
+  // Opens the object, or creates it if no service has. Throws std::runtime_error, whose text says
+  // why, when this account may not, or when an object of another kind has the name.
+  ServicesMutex();
+
+ private:
+  friend class ServicesMutexHold;
+
+  Platform::UniqueHandle handle;
+};
+
+enum class StoreUse { Read, Write };
+
+// The mutex that this process needs, null where it needs none. Throws std::runtime_error, whose
+// text advises the user, for a use that writes and cannot have it. One that only reads goes on
+// without, after a warning on standard error: a writer replaces the file in one step.
+std::shared_ptr<const ServicesMutex> ServicesMutexFor(StoreUse use);
+
+// Holds `mutex`, which may be null, for the scope of a thread. Waits as AwaitStoreMutex does.
+class ServicesMutexHold {
+ public:
+  explicit ServicesMutexHold(std::shared_ptr<const ServicesMutex> mutex,
+                             const HoldLimits& limits = {.timeout = std::chrono::milliseconds(0)});
+  ServicesMutexHold(const ServicesMutexHold&) = delete;
+  ServicesMutexHold& operator=(const ServicesMutexHold&) = delete;
+  ~ServicesMutexHold();
+
+ private:
+  std::shared_ptr<const ServicesMutex> held;
+};
+
+// Returns a service that holds `mutex` around each call of `inner` that can use the store, and
+// destroys `inner` with itself. The threads that `inner` starts do not hold it.
+Tessel::Server::Services::VxService* WithServicesMutex(Tessel::Server::Services::VxService& inner,
+                                                       std::shared_ptr<const ServicesMutex> mutex);
+
+}  // namespace Vx::Host

@@ -1,0 +1,201 @@
+#include "hosting/text.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <cwchar>
+#include <fstream>
+#include <iostream>
+#include <iterator>
+#include <numeric>
+#include <span>
+#include <stdexcept>
+#include <utility>
+
+#include <windows.h>
+
+#include <fcntl.h>
+#include <io.h>
+
+#include "json/text_decoding.h"
+#include "json/utf8.h"
+
+#include <rapidjson/error/en.h>
+
+namespace Vx::Host {
+
+namespace {
+
+constexpr wchar_t kReplacement = 0xFFFD;
+
+// The control characters of ASCII and of Latin-1, and the separators and direction marks of
+// Unicode.
+bool DrivesATerminal(wchar_t unit) {
+  return unit < 0x20 || (unit >= 0x7F && unit < 0xA0) || (unit >= 0x2028 && unit <= 0x202E) ||
+         (unit >= 0x2066 && unit <= 0x2069) || unit == 0x061C || unit == 0x200E || unit == 0x200F;
+}
+
+// UTF-8 unless a byte-order mark says UTF-16, as Windows PowerShell writes.
+std::wstring FromBytes(const std::string& bytes) {
+  auto marked = Json::DecodeText(std::as_bytes(std::span(bytes)));
+  return marked ? *std::move(marked) : Wide(bytes);
+}
+
+// How many letters have to be inserted, removed or replaced to turn one text into the other.
+std::size_t Distance(const std::string& one, const std::string& other) {
+  std::vector<std::size_t> row(other.size() + 1);
+  std::iota(row.begin(), row.end(), std::size_t{0});
+  for (std::size_t i = 1; i <= one.size(); ++i) {
+    std::size_t diagonal = std::exchange(row[0], i);
+    for (std::size_t j = 1; j <= other.size(); ++j) {
+      const std::size_t replaced = diagonal + (one[i - 1] == other[j - 1] ? 0 : 1);
+      diagonal = row[j];
+      row[j] = std::min({row[j] + 1, row[j - 1] + 1, replaced});
+    }
+  }
+  return row.back();
+}
+
+}  // namespace
+
+std::string Utf8(std::wstring_view text) {
+  return Json::ToUtf8(text);
+}
+
+std::wstring Wide(std::string_view text) {
+  return Json::ToWide(text);
+}
+
+std::string Printable(std::string_view text, LineBreaks breaks) {
+  std::wstring shown = Wide(text);
+  for (std::size_t i = 0; i < shown.size(); ++i) {
+    const bool laysOut =
+        shown[i] == L'\n' || shown[i] == L'\t' || shown.compare(i, 2, L"\r\n") == 0;
+    if (laysOut && breaks == LineBreaks::Keep) continue;
+    if (DrivesATerminal(shown[i])) shown[i] = kReplacement;
+  }
+  return Utf8(shown);
+}
+
+std::string PrintableJson(std::wstring_view json) {
+  std::wstring shown;
+  shown.reserve(json.size());
+  for (const wchar_t unit : json) {
+    if (unit == L'\n' || !DrivesATerminal(unit)) {
+      shown += unit;
+      continue;
+    }
+    wchar_t escape[8];
+    std::swprintf(escape, std::size(escape), L"\\u%04X", static_cast<unsigned>(unit));
+    shown += escape;
+  }
+  return Utf8(shown);
+}
+
+std::string Markup(std::string_view text) {
+  std::string escaped;
+  for (const char unit : text) {
+    switch (unit) {
+      case '&':
+        escaped += "&amp;";
+        break;
+      case '<':
+        escaped += "&lt;";
+        break;
+      case '>':
+        escaped += "&gt;";
+        break;
+      case '"':
+        escaped += "&quot;";
+        break;
+      case '\'':
+        escaped += "&#39;";
+        break;
+      case '\n':
+        escaped += "&#10;";
+        break;
+      case '\r':
+        break;
+      default:
+        escaped += unit;
+    }
+  }
+  return escaped;
+}
+
+std::wstring ReadTextFile(const std::wstring& path) {
+  std::ifstream file(path.c_str(), std::ios::binary);
+  if (!file) throw std::runtime_error("cannot read " + Utf8(path));
+  const std::string bytes((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
+  return FromBytes(bytes);
+}
+
+void WriteTextFile(const std::wstring& path, const std::string& utf8) {
+  std::ofstream file(path.c_str(), std::ios::binary | std::ios::trunc);
+  file << utf8;
+  file.close();
+  if (!file) throw std::runtime_error("cannot write " + Utf8(path));
+}
+
+std::wstring OwnPath() {
+  std::wstring program(kLongestPath, L'\0');
+  program.resize(GetModuleFileNameW(nullptr, program.data(), DWORD{kLongestPath}));
+  return program;
+}
+
+std::wstring DefaultModule() {
+  const std::wstring program = OwnPath();
+  return program.substr(0, program.rfind(L'\\') + 1) + L"OrvaneService.dll";
+}
+
+std::wstring FullPath(const std::string& path) {
+  std::wstring full(kLongestPath, L'\0');
+  full.resize(GetFullPathNameW(Wide(path).c_str(), DWORD{kLongestPath}, full.data(), nullptr));
+  if (full.empty()) throw std::runtime_error(path + " is not a path");
+  return full;
+}
+
+std::wstring FullPathOfFile(const std::string& path) {
+  std::wstring full = FullPath(path);
+  const DWORD attributes = GetFileAttributesW(full.c_str());
+  if (attributes == INVALID_FILE_ATTRIBUTES || (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0) {
+    throw std::runtime_error("there is no file " + Utf8(full));
+  }
+  return full;
+}
+
+std::wstring TextOrFile(const std::string& argument) {
+  if (argument == "@-") {
+    // As text it would end at a byte 0x1A, which UTF-16 has in letters.
+    if (_setmode(_fileno(stdin), _O_BINARY) == -1) throw std::runtime_error("no standard input");
+    return FromBytes(std::string(std::istreambuf_iterator<char>(std::cin), {}));
+  }
+  if (argument.rfind('@', 0) == 0) return ReadTextFile(FullPath(argument.substr(1)));
+  return Wide(argument);
+}
+
+std::string DidYouMean(const std::string& written, const std::vector<std::string>& names) {
+  constexpr std::size_t kLongestName = 64;  // the comparison takes the product of the lengths
+  if (written.size() > kLongestName) return {};
+  std::size_t least = std::max<std::size_t>(2, written.size() / 3) + 1;
+  const std::string* closest = nullptr;
+  for (const std::string& name : names) {
+    const std::size_t distance = Distance(written, name);
+    if (distance >= std::min(least, name.size())) continue;
+    least = distance;
+    closest = &name;
+  }
+  return closest == nullptr ? std::string() : "; did you mean \"" + *closest + "\"?";
+}
+
+std::string FaultText(const std::wstring& text, const Json::ParseFault& fault) {
+  const std::wstring before = text.substr(0, fault.offset);
+  const auto line = std::count(before.begin(), before.end(), L'\n') + 1;
+  const std::size_t column = before.size() - (before.rfind(L'\n') + 1) + 1;  // npos + 1 is 0
+  const bool ours =
+      fault.code == rapidjson::kParseErrorNone || fault.code == rapidjson::kParseErrorTermination;
+  return "line " + std::to_string(line) + ", column " + std::to_string(column) + ": " +
+         (ours ? "more than the module takes, see docs/protocol.md"
+               : rapidjson::GetParseError_En(fault.code));
+}
+
+}  // namespace Vx::Host

@@ -1,0 +1,79 @@
+#include "servicehost/event_log.h"
+
+#include <stdexcept>
+
+#include <windows.h>
+
+namespace Vx::Host {
+
+namespace {
+
+constexpr wchar_t kSources[] = L"SYSTEM\\CurrentControlSet\\Services\\EventLog\\Application\\";
+
+// Of host_messages.mc, with the bits of its severity.
+constexpr std::uint32_t kWarningMessage = 0x80000001;
+constexpr std::uint32_t kErrorMessage = 0xC0000002;
+
+struct SourceCloser {
+  void operator()(void* source) const noexcept { DeregisterEventSource(source); }
+};
+
+class WindowsJournal final : public EventJournal {
+ public:
+  explicit WindowsJournal(const std::wstring& name)
+      : source(RegisterEventSourceW(nullptr, name.c_str())) {}
+
+  bool Report(std::uint16_t type, std::uint32_t id, const Texts& texts) noexcept override {
+    const wchar_t* strings[std::tuple_size_v<Texts>];
+    for (std::size_t i = 0; i < texts.size(); ++i) strings[i] = texts[i].c_str();
+    return source != nullptr &&
+           ReportEventW(source.get(), type, 0, id, nullptr, static_cast<WORD>(texts.size()), 0,
+                        strings, nullptr) != FALSE;
+  }
+
+ private:
+  std::unique_ptr<void, SourceCloser> source;
+};
+
+}  // namespace
+
+std::unique_ptr<EventJournal> OpenEventJournal(const std::wstring& source) {
+  return std::make_unique<WindowsJournal>(source);
+}
+
+bool EventLogTarget::Write(const LogEntry& entry) noexcept {
+  try {
+    const LogLine& line = entry.line;
+    const bool error = line.level == L"ERROR";
+    if (!error && line.level != L"WARNING") return true;
+    static_cast<void>(
+        journal->Report(error ? EVENTLOG_ERROR_TYPE : EVENTLOG_WARNING_TYPE,
+                        error ? kErrorMessage : kWarningMessage,
+                        {line.message, line.provider, line.caller, std::to_wstring(entry.thread)}));
+    return true;
+  } catch (const std::exception&) {
+    return false;
+  }
+}
+
+void AddEventSource(const std::wstring& name, const std::wstring& program) {
+  const std::wstring key = kSources + name;
+  const DWORD types = EVENTLOG_ERROR_TYPE | EVENTLOG_WARNING_TYPE | EVENTLOG_INFORMATION_TYPE;
+  const auto bytes = static_cast<DWORD>((program.size() + 1) * sizeof(wchar_t));
+  LSTATUS error = RegSetKeyValueW(HKEY_LOCAL_MACHINE, key.c_str(), L"EventMessageFile", REG_SZ,
+                                  program.c_str(), bytes);
+  if (error == ERROR_SUCCESS) {
+    error = RegSetKeyValueW(HKEY_LOCAL_MACHINE, key.c_str(), L"TypesSupported", REG_DWORD, &types,
+                            sizeof types);
+  }
+  if (error != ERROR_SUCCESS) {
+    throw std::runtime_error("cannot register the source of the event log (error " +
+                             std::to_string(error) + "); run as administrator");
+  }
+}
+
+void RemoveEventSource(const std::wstring& name) noexcept {
+  RegDeleteKeyW(HKEY_LOCAL_MACHINE, (kSources + name).c_str());
+}
+
+}  // namespace Vx::Host

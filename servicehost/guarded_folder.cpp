@@ -1,0 +1,186 @@
+#include "servicehost/guarded_folder.h"
+
+#include <algorithm>
+#include <array>
+#include <stdexcept>
+
+#include <windows.h>
+
+#include <aclapi.h>
+#include <sddl.h>
+#include <shlobj.h>
+
+#include "hosting/text.h"
+#include "platform/machine.h"
+#include "platform/unique_handle.h"
+
+namespace Vx::Host {
+
+namespace {
+
+using Platform::CurrentMachine;
+
+constexpr std::array kSystem = {
+    L"S-1-5-18", L"S-1-5-32-544",
+    L"S-1-5-80-956008885-3418522649-1831038044-1853292631-2271478464",  // Windows' installer
+    L"S-1-3-0",  // the owner of what is made inside, who is judged there
+};
+
+constexpr std::uint32_t kReplacing =
+    FILE_DELETE_CHILD | DELETE | WRITE_DAC | WRITE_OWNER | GENERIC_WRITE | GENERIC_ALL;
+constexpr std::uint32_t kWriting = FILE_WRITE_DATA | FILE_APPEND_DATA | kReplacing;
+
+// The owner is stated, since an account that made the folder would keep the right to change the
+// list.
+constexpr wchar_t kReadable[] = L"O:BAD:P(A;OICI;GA;;;SY)(A;OICI;GA;;;BA)(A;OICI;GRGX;;;BU)";
+constexpr wchar_t kPrivate[] = L"O:BAD:P(A;OICI;GA;;;SY)(A;OICI;GA;;;BA)";
+
+struct DataFolder {
+  const wchar_t* path;
+  const wchar_t* access;
+};
+// Each after the one that it lies in.
+constexpr DataFolder kFolders[] = {
+    {L"\\Vx", kReadable},
+    {L"\\Vx\\SharedServices", kReadable},
+    {L"\\Vx\\Logs", kPrivate},
+};
+
+std::wstring OwnAccount() {
+  HANDLE raw = nullptr;
+  if (OpenProcessToken(GetCurrentProcess(), TOKEN_QUERY, &raw) == FALSE) return {};
+  const Platform::UniqueHandle token(raw);
+  alignas(TOKEN_USER) std::byte buffer[sizeof(TOKEN_USER) + SECURITY_MAX_SID_SIZE];
+  DWORD size = sizeof buffer;
+  wchar_t* text = nullptr;
+  if (GetTokenInformation(token.get(), TokenUser, buffer, size, &size) == FALSE ||
+      ConvertSidToStringSidW(reinterpret_cast<const TOKEN_USER*>(buffer)->User.Sid, &text) ==
+          FALSE) {
+    return {};
+  }
+  const Platform::UniqueLocalMemory<wchar_t> owner(text);
+  return text;
+}
+
+std::string Names(const std::vector<std::wstring>& accounts) {
+  std::string names;
+  for (const std::wstring& sid : accounts) names += (names.empty() ? "" : ", ") + Utf8(sid);
+  return names;
+}
+
+// Empty if no other account may use `rights` on `path`.
+std::string WhyOpen(const std::wstring& path, std::uint32_t rights, Writers accepted) {
+  const auto access = CurrentMachine().files->FolderAccess(path);
+  if (!access) {
+    return Utf8(path) + " cannot be examined (error " + std::to_string(access.Error()) + ")";
+  }
+  const auto writers = OtherWriters(*access, rights, accepted);
+  return writers.empty() ? "" : Utf8(path) + " can be written by " + Names(writers);
+}
+
+Platform::UniqueLocalMemory<void> Descriptor(const wchar_t* access) {
+  PSECURITY_DESCRIPTOR raw = nullptr;
+  if (ConvertStringSecurityDescriptorToSecurityDescriptorW(access, SDDL_REVISION_1, &raw,
+                                                           nullptr) == FALSE) {
+    throw std::runtime_error("Windows refuses the access list of a folder");
+  }
+  return Platform::UniqueLocalMemory<void>(raw);
+}
+
+bool IsLink(const std::wstring& path) {
+  const auto attributes = CurrentMachine().files->Attributes(path);
+  return attributes && (*attributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0;
+}
+
+// What is inside keeps its own entries. What it inherited follows the new list.
+void Close(const std::wstring& path, const wchar_t* access) {
+  const auto descriptor = Descriptor(access);
+  BOOL present = FALSE;
+  BOOL defaulted = FALSE;
+  PACL list = nullptr;
+  PSID owner = nullptr;
+  GetSecurityDescriptorDacl(descriptor.get(), &present, &list, &defaulted);
+  GetSecurityDescriptorOwner(descriptor.get(), &owner, &defaulted);
+  std::wstring name = path;
+  const DWORD error = SetNamedSecurityInfoW(
+      name.data(), SE_FILE_OBJECT,
+      OWNER_SECURITY_INFORMATION | DACL_SECURITY_INFORMATION | PROTECTED_DACL_SECURITY_INFORMATION,
+      owner, nullptr, list, nullptr);
+  if (error != ERROR_SUCCESS) {
+    throw std::runtime_error(Utf8(path) + " cannot be repaired (error " + std::to_string(error) +
+                             "); run as administrator");
+  }
+}
+
+}  // namespace
+
+std::vector<std::wstring> OtherWriters(const Platform::AccessList& access, std::uint32_t rights,
+                                       Writers accepted) {
+  const std::wstring own = accepted == Writers::Account ? OwnAccount() : std::wstring();
+  std::vector<std::wstring> writers;
+  const auto judge = [&](const std::wstring& sid) {
+    if (std::ranges::any_of(kSystem, [&](const wchar_t* known) { return sid == known; })) return;
+    if (!own.empty() && sid == own) return;
+    if (std::ranges::find(writers, sid) == writers.end()) writers.push_back(sid);
+  };
+  judge(access.owner);
+  for (const auto& entry : access.entries) {
+    if (entry.allowed && (entry.mask & rights) != 0) judge(entry.sid);
+  }
+  return writers;
+}
+
+std::string WhyUnguarded(const std::wstring& file, Writers accepted) {
+  std::wstring path = file;
+  std::uint32_t rights = kWriting;
+  // Not the root of the drive: what users may make there does not replace the folders in it.
+  for (std::size_t end = path.size(); end != std::wstring::npos && end > 2;
+       end = path.find_last_of(L'\\')) {
+    path.resize(end);
+    if (std::string why = WhyOpen(path, rights, accepted); !why.empty()) return why;
+    if (path.size() < file.size() && rights == kWriting) rights = kReplacing;
+  }
+  return {};
+}
+
+std::wstring ProgramDataFolder() {
+  wchar_t path[MAX_PATH];
+  if (SHGetFolderPathW(nullptr, CSIDL_COMMON_APPDATA, nullptr, SHGFP_TYPE_CURRENT, path) != S_OK) {
+    throw std::runtime_error("Windows does not name the folder of program data");
+  }
+  return path;
+}
+
+std::wstring DataFolders::Logs() const {
+  return parent + kFolders[2].path;
+}
+
+std::vector<std::string> DataFolders::Prepare(Existing existing) const {
+  std::vector<std::string> repaired;
+  for (const DataFolder& folder : kFolders) {
+    const std::wstring path = parent + folder.path;
+    const auto descriptor = Descriptor(folder.access);
+    SECURITY_ATTRIBUTES security{sizeof security, descriptor.get(), FALSE};
+    if (CreateDirectoryW(path.c_str(), &security) != FALSE) continue;
+    const DWORD error = GetLastError();
+    if (error != ERROR_ALREADY_EXISTS) {
+      throw std::runtime_error(Utf8(path) + " cannot be made (error " + std::to_string(error) +
+                               "); run as administrator");
+    }
+    // The maker of the link chooses where it leads from now on.
+    if (IsLink(path)) throw std::runtime_error(Utf8(path) + " is a link; find out who made it");
+    const std::string why = WhyOpen(path, kWriting, accepted);
+    if (why.empty()) continue;
+    if (existing == Existing::Report) {
+      throw std::runtime_error(why + "; look at what it holds, then install with --repair");
+    }
+    Close(path, folder.access);
+    if (const std::string still = WhyOpen(path, kWriting, accepted); !still.empty()) {
+      throw std::runtime_error(still + ", also after the repair");
+    }
+    repaired.push_back(why);
+  }
+  return repaired;
+}
+
+}  // namespace Vx::Host

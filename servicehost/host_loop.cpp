@@ -1,0 +1,166 @@
+#include "servicehost/host_loop.h"
+
+#include <chrono>
+#include <cwchar>
+#include <iterator>
+#include <stdexcept>
+#include <string>
+#include <utility>
+
+#include <windows.h>
+
+#include <powrprof.h>
+
+#include "platform/clock.h"
+#include "platform/com.h"
+#include "platform/kernel_objects.h"
+#include "platform/machine.h"
+#include "platform/system_services.h"
+
+namespace Vx::Host {
+
+namespace {
+
+using Platform::CurrentMachine;
+
+// A manual-reset event that ends the delays that run.
+constexpr wchar_t kStandbyEvent[] = L"{CE7DC567-F47B-4A07-8489-C9DEB372B88F}";
+
+constexpr wchar_t kRepeated[] = L"dropped, the other source has just reported it: power event ";
+constexpr wchar_t kSessionForwarded[] = L"session change ";
+constexpr wchar_t kNoCloaking[] =
+    L"COM cannot call as the user, so messages may not reach apps: status 0x%08x";
+constexpr wchar_t kNoStandbyEvent[] = L"the standby event cannot be used, error ";
+constexpr wchar_t kSetupOver[] = L"first-run set-up is complete";
+constexpr wchar_t kStarted[] = L"the module is started: ";
+constexpr wchar_t kStopped[] = L"the module is stopped";
+
+constexpr std::uint64_t kOtherSource = 2000;  // milliseconds
+constexpr std::chrono::seconds kSetupPoll{1};
+
+Platform::UniqueHandle ManualEvent(const std::wstring& name, ServiceLog& log) {
+  auto event = CurrentMachine().kernelObjects->MakeManualEvent(name);
+  if (event) return std::move(*event);
+  log.Add(L"ERROR", kNoStandbyEvent + std::to_wstring(event.Error()));
+  return nullptr;
+}
+
+}  // namespace
+
+bool HasModernStandby() {
+  // The last of these bytes is AoAc (always on, always connected), which the compiler's header does
+  // not name.
+  SYSTEM_POWER_CAPABILITIES capabilities{};
+  return GetPwrCapabilities(&capabilities) != FALSE &&
+         capabilities.spare2[std::size(capabilities.spare2) - 1] != 0;
+}
+
+bool PowerFilter::Passes(std::uint32_t code, PowerSource source, std::uint64_t now) {
+  const auto known = passed.find(code);
+  if (known != passed.end() && known->second.source != source &&
+      now - known->second.time <= kOtherSource) {
+    passed.erase(known);  // its pair is complete: the next one is an event of its own
+    return false;
+  }
+  passed[code] = {source, now};
+  return true;
+}
+
+// A process makes this choice once, with COM entered. Without cloaking, COM presents the process
+// even while a thread acts as a user (https://learn.microsoft.com/windows/win32/com/cloaking). The
+// module itself chooses none when it first reads the firmware.
+ComForModule::ComForModule(ServiceLog& output) {
+  Platform::Com& com = *CurrentMachine().com;
+  std::int32_t result = com.InitializeMultithreaded();
+  entered = result >= 0;
+  if (entered) result = com.InitializeSecurity(Platform::Cloaking::Dynamic);
+  if (result >= 0) return;
+  wchar_t line[std::size(kNoCloaking) + 8];
+  static_cast<void>(
+      std::swprintf(line, std::size(line), kNoCloaking, static_cast<unsigned>(result)));
+  output.Add(L"ERROR", line);
+}
+
+ComForModule::~ComForModule() {
+  if (entered) CurrentMachine().com->Uninitialize();
+}
+
+HostLoop::HostLoop(const Options& options, ServiceLog& output)
+    : log(output),
+      modernStandby(options.modernStandby),
+      com(output),
+      standbyEvent(options.modernStandby ? ManualEvent(kStandbyEvent, output) : nullptr),
+      stop(ManualEvent({}, output)),
+      listener([this](const LogLine& line) { log.Add(line); }),
+      module(options.module),
+      session(module.NewService()) {
+  if (stop == nullptr) throw std::runtime_error("Windows has no memory for an event");
+  ResetStandby();
+  session.Slots().Start();
+  log.Add(L"INFO", kStarted + options.module);
+  // A set-up that is over is none that ends.
+  if (const auto setup = CurrentMachine().oobe->Query(); setup.known && !setup.complete) {
+    setupWatch = Platform::Thread([this] { AwaitSetup(); });
+  }
+}
+
+HostLoop::~HostLoop() {
+  CurrentMachine().kernelObjects->Signal(stop.get());
+  if (setupWatch.Joinable()) setupWatch.Join();
+  ResetStandby();
+  session.End();
+  log.Add(L"INFO", kStopped);
+}
+
+ResultEnvelope HostLoop::Execute(const CommandEnvelope& command, const std::wstring& client) {
+  Answer answer = session.Execute(command.id, command.request, client);
+  return {answer.code, std::move(answer.text)};
+}
+
+void HostLoop::OnPower(std::uint32_t code, PowerSource source,
+                       std::optional<std::uint64_t> reported) {
+  {
+    const std::lock_guard guard(filterLock);
+    const std::uint64_t time = reported ? *reported : CurrentMachine().clock->TickCount();
+    if (!filter.Passes(code, source, time)) {
+      log.Add(L"INFO", kRepeated + std::to_wstring(code));
+      return;
+    }
+  }
+  log.Add(L"INFO", kPowerForwarded + std::to_wstring(code));
+  // A delay that begins with the resume runs in full, and one that runs at the suspend ends.
+  if (code == PBT_APMRESUMESUSPEND || code == PBT_APMRESUMEAUTOMATIC) OnStandby(Standby::Left);
+  session.Slots().power_event_task(code);
+  if (code == PBT_APMSUSPEND) OnStandby(Standby::Entered);
+}
+
+void HostLoop::OnSession(std::uint32_t code) {
+  log.Add(L"INFO", kSessionForwarded + std::to_wstring(code));
+  session.Slots().OnSessionChange(code);
+}
+
+void HostLoop::OnStandby(Standby change) {
+  if (change == Standby::Left) {
+    ResetStandby();
+  } else if (standbyEvent != nullptr) {
+    CurrentMachine().kernelObjects->Signal(standbyEvent.get());
+  }
+}
+
+// An event that stays set would end every later delay at once.
+void HostLoop::ResetStandby() noexcept {
+  if (standbyEvent != nullptr) ResetEvent(standbyEvent.get());
+}
+
+void HostLoop::AwaitSetup() noexcept {
+  const Platform::Machine& machine = CurrentMachine();
+  while (machine.clock->Wait(stop.get(), kSetupPoll).outcome == Platform::WaitOutcome::TimedOut) {
+    const auto setup = machine.oobe->Query();
+    if (!setup.known || !setup.complete) continue;
+    log.Add(L"INFO", kSetupOver);
+    session.Slots().oobe_event_task();
+    return;
+  }
+}
+
+}  // namespace Vx::Host

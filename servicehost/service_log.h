@@ -1,0 +1,84 @@
+#pragma once
+
+#include <condition_variable>
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "hosting/log_listener.h"
+#include "platform/thread.h"
+
+namespace Vx::Host {
+
+// One record of the service's log.
+struct LogEntry {
+  std::uint64_t time = 0;  // UTC, on the scale of FILETIME
+  std::uint32_t thread = 0;
+  std::uint32_t process = 0;
+  LogLine line;
+};
+
+// A place that records go to. One thread calls it. It may block, and must not throw.
+class LogTarget {
+ public:
+  virtual ~LogTarget() = default;
+
+  // False if the record is lost.
+  virtual bool Write(const LogEntry& entry) noexcept = 0;
+};
+
+// Takes the records of the service and writes them to every target, in order, on a thread of its
+// own. Adding never waits for a target: when the queue is full the record is dropped and counted,
+// and the next record that is written is a warning with that count.
+class ServiceLog {
+ public:
+  static constexpr std::size_t kQueue = 4096;  // records
+
+  explicit ServiceLog(std::vector<std::unique_ptr<LogTarget>> places, std::size_t limit = kQueue);
+  ServiceLog(const ServiceLog&) = delete;
+  ServiceLog& operator=(const ServiceLog&) = delete;
+  // Writes what the queue holds first.
+  ~ServiceLog();
+
+  // Waits until every record added so far was written.
+  void Flush() noexcept;
+
+  // Any thread, which becomes the thread of the record.
+  void Add(LogLine line) noexcept;
+  // A record of the service itself: `level` is INFO, WARNING or ERROR.
+  void Add(const wchar_t* level, std::wstring_view message) noexcept;
+
+ private:
+  void Run() noexcept;
+  void CountLost() noexcept;
+  bool WriteLoss(std::uint64_t count) noexcept;
+  bool WriteEverywhere(const LogEntry& entry) noexcept;
+
+  const std::vector<std::unique_ptr<LogTarget>> targets;
+  const std::size_t capacity;
+  std::mutex lock;
+  std::condition_variable changed;
+  std::deque<LogEntry> queue;  // under the lock, as the next three
+  std::uint64_t lost = 0;      // since the last warning
+  bool writing = false;
+  bool ending = false;
+  Platform::Thread writer;
+};
+
+// The provider of the service's own records.
+inline constexpr wchar_t kHostProvider[] = L"Vx-Host-Service";
+
+// A record now, of this thread.
+LogEntry EntryOf(LogLine line);
+
+// `entry` as one JSON object in UTF-8 with a line feed: time (UTC, ISO 8601), level, provider,
+// caller, thread, process, message. A message is never split over lines, so the lines of one thread
+// tell one delivery from another.
+std::string JsonLineOf(const LogEntry& entry);
+
+}  // namespace Vx::Host

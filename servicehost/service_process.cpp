@@ -1,0 +1,313 @@
+#include "servicehost/service_process.h"
+
+#include <algorithm>
+#include <chrono>
+#include <exception>
+#include <functional>
+#include <stdexcept>
+#include <string_view>
+#include <system_error>
+#include <utility>
+
+#include <windows.h>
+
+#include "hosting/text.h"
+#include "platform/clock.h"
+#include "platform/machine.h"
+#include "servicehost/event_log.h"
+#include "servicehost/guarded_folder.h"
+#include "servicehost/log_folder.h"
+#include "servicehost/pipe_server.h"
+#include "servicehost/power_notifications.h"
+#include "servicehost/trace_target.h"
+
+namespace Vx::Host {
+
+namespace {
+
+constexpr wchar_t kRuns[] = L"the service runs as process ";
+constexpr wchar_t kStops[] = L"the service is asked to stop";
+constexpr wchar_t kFailed[] = L"the service cannot run: ";
+constexpr wchar_t kOverflowed[] =
+    L" codes of Windows were dropped, because the module was busy with an earlier one";
+
+constexpr DWORD kTick = 1000;        // milliseconds between two checkpoints
+constexpr DWORD kWaitHint = 10'000;  // milliseconds in which the next one comes
+constexpr std::chrono::seconds kSuspendPatience{2};
+
+constexpr std::uint32_t kLastControl = 255;
+
+// The one service of this process, which the functions that Windows calls have to find.
+struct Entry {
+  ServiceOptions options;
+  std::wstring logs;  // folder
+};
+Entry& TheEntry() {
+  static Entry entry;
+  return entry;
+}
+
+class ManagerSink final : public StatusSink {
+ public:
+  void Report(const ServiceState& state) noexcept override {
+    SERVICE_STATUS status{};
+    status.dwServiceType = SERVICE_WIN32_OWN_PROCESS;
+    status.dwCurrentState = state.state;
+    status.dwCheckPoint = state.checkpoint;
+    if (state.checkpoint != 0) status.dwWaitHint = kWaitHint;
+    if (state.state == SERVICE_RUNNING) status.dwControlsAccepted = ServiceProcess::Accepted();
+    status.dwWin32ExitCode = state.exitCode;
+    SetServiceStatus(handle, &status);
+  }
+
+  SERVICE_STATUS_HANDLE handle = nullptr;
+};
+
+DWORD WINAPI HandleControl(DWORD control, DWORD event, void* /*data*/, void* context) {
+  return static_cast<ServiceProcess*>(context)->Control(control, event);
+}
+
+// Without memory for this the process ends, and the manager starts it again.
+void WINAPI ServiceMain(DWORD /*count*/, LPWSTR* /*arguments*/) noexcept {
+  ManagerSink sink;
+  std::vector<std::unique_ptr<LogTarget>> places;
+  places.push_back(std::make_unique<LogFolder>(TheEntry().logs));
+  places.push_back(std::make_unique<EventLogTarget>(OpenEventJournal(TheEntry().options.name)));
+  places.push_back(std::make_unique<TraceTarget>(OpenTraceWriter()));
+  ServiceProcess service(TheEntry().options, std::move(places), sink);
+  sink.handle =
+      RegisterServiceCtrlHandlerExW(TheEntry().options.name.c_str(), &HandleControl, &service);
+  if (sink.handle != nullptr) service.Run();
+}
+
+// Reports progress while the main thread waits for what it ends.
+class CheckpointTicks {
+ public:
+  explicit CheckpointTicks(std::function<void()> progress)
+      : tick(std::move(progress)),
+        done(CreateEventW(nullptr, TRUE, FALSE, nullptr)),
+        thread([this] {
+          while (WaitForSingleObject(done.get(), kTick) == WAIT_TIMEOUT) tick();
+        }) {}
+  CheckpointTicks(const CheckpointTicks&) = delete;
+  CheckpointTicks& operator=(const CheckpointTicks&) = delete;
+  ~CheckpointTicks() {
+    SetEvent(done.get());
+    thread.Join();
+  }
+
+ private:
+  std::function<void()> tick;
+  Platform::UniqueHandle done;
+  Platform::Thread thread;
+};
+
+}  // namespace
+
+CodeQueue::CodeQueue(HostLoop& loop, ServiceLog& output, std::size_t limit)
+    : host(loop), log(output), capacity(limit), worker([this] { Run(); }) {}
+
+CodeQueue::~CodeQueue() {
+  {
+    const std::lock_guard guard(lock);
+    ending = true;
+  }
+  changed.notify_all();
+  worker.Join();
+}
+
+void CodeQueue::AddPower(std::uint32_t code, PowerSource source) noexcept {
+  Add(true, code, source);
+}
+
+void CodeQueue::AddSession(std::uint32_t code) noexcept {
+  Add(false, code, PowerSource::ServiceControl);
+}
+
+void CodeQueue::Add(bool power, std::uint32_t code, PowerSource source) noexcept {
+  try {
+    std::unique_lock guard(lock);
+    codes.push_back({power, code, source, Platform::CurrentMachine().clock->TickCount()});
+    if (codes.size() > capacity) DropOne();
+    changed.notify_all();
+    if (!power || code != PBT_APMSUSPEND) return;
+    // The machine sleeps as soon as every handler has returned.
+    changed.wait_for(guard, kSuspendPatience, [this] { return codes.empty() && !forwarding; });
+  } catch (const std::exception&) {  // NOLINT(bugprone-empty-catch): see the header
+  }
+}
+
+// Were all of them different, the oldest would go.
+void CodeQueue::DropOne() {
+  auto victim = codes.begin();
+  for (auto at = codes.begin(); at != codes.end(); ++at) {
+    const auto isSame = [&](const Code& later) {
+      return later.power == at->power && later.code == at->code;
+    };
+    if (std::any_of(at + 1, codes.end(), isSame)) {
+      victim = at;
+      break;
+    }
+  }
+  codes.erase(victim);
+  ++dropped;
+}
+
+void CodeQueue::Report(std::uint64_t count) noexcept {
+  try {
+    log.Add(L"WARNING", std::to_wstring(count) + kOverflowed);
+  } catch (const std::exception&) {  // NOLINT(bugprone-empty-catch): no memory for the line
+  }
+}
+
+void CodeQueue::Run() noexcept {
+  std::unique_lock guard(lock);
+  while (true) {
+    changed.wait(guard, [this] { return ending || !codes.empty(); });
+    if (codes.empty()) return;
+    const Code code = codes.front();
+    codes.pop_front();
+    const std::uint64_t lost = std::exchange(dropped, 0);
+    forwarding = true;
+    guard.unlock();
+    if (lost != 0) Report(lost);
+    if (code.power) {
+      host.OnPower(code.code, code.source, code.reported);
+    } else {
+      host.OnSession(code.code);
+    }
+    guard.lock();
+    forwarding = false;
+    changed.notify_all();
+  }
+}
+
+// Lets Control reach the queue for the life of this object.
+class ServiceProcess::Published {
+ public:
+  Published(ServiceProcess& owner, CodeQueue& codes) : service(owner) { Set(&codes); }
+  Published(const Published&) = delete;
+  Published& operator=(const Published&) = delete;
+  ~Published() { Set(nullptr); }
+
+ private:
+  void Set(CodeQueue* codes) {
+    const std::lock_guard guard(service.queueLock);
+    service.queue = codes;
+  }
+
+  ServiceProcess& service;
+};
+
+ServiceProcess::ServiceProcess(ServiceOptions settings,
+                               std::vector<std::unique_ptr<LogTarget>> places, StatusSink& manager)
+    : options(std::move(settings)),
+      sink(manager),
+      log(std::move(places)),
+      stop(CreateEventW(nullptr, TRUE, FALSE, nullptr)) {
+  if (stop == nullptr) throw std::system_error(ERROR_NOT_ENOUGH_MEMORY, std::system_category());
+}
+
+std::uint32_t ServiceProcess::Accepted() {
+  return SERVICE_ACCEPT_STOP | SERVICE_ACCEPT_PRESHUTDOWN | SERVICE_ACCEPT_POWEREVENT |
+         SERVICE_ACCEPT_SESSIONCHANGE;
+}
+
+// A state that lasts has no checkpoint. A report of the same pending state is progress.
+void ServiceProcess::Report(std::uint32_t state, std::uint32_t exitCode) noexcept {
+  const std::lock_guard guard(stateLock);
+  const bool pending = state == SERVICE_START_PENDING || state == SERVICE_STOP_PENDING;
+  const std::uint32_t last = reported.state == state ? reported.checkpoint : 0;
+  reported = {state, pending ? last + 1 : 0, exitCode};
+  sink.Report(reported);
+}
+
+void ServiceProcess::Run() noexcept {
+  std::uint32_t exitCode = ERROR_SUCCESS;
+  try {
+    Serve();
+  } catch (const std::exception& error) {
+    try {
+      log.Add(L"ERROR", kFailed + Wide(error.what()));
+    } catch (const std::exception&) {  // NOLINT(bugprone-empty-catch): the exit code says so
+    }
+    exitCode = ERROR_SERVICE_SPECIFIC_ERROR;
+  }
+  log.Flush();  // the process may be gone after the report
+  Report(SERVICE_STOPPED, exitCode);
+}
+
+void ServiceProcess::Serve() {
+  Report(SERVICE_START_PENDING);
+  std::unique_ptr<CheckpointTicks> ticks;  // outlives what it reports the end of
+  HostLoop host({.module = options.module, .modernStandby = HasModernStandby()}, log);
+  Report(SERVICE_START_PENDING);
+  PipeOptions pipe;
+  pipe.path = PipePath(options.name);
+  pipe.allowed = options.allowed;
+  const PipeServer server(
+      std::move(pipe),
+      [&host](const CommandEnvelope& command, const std::wstring& client) {
+        return host.Execute(command, client);
+      },
+      [this](const wchar_t* level, std::wstring_view message) { log.Add(level, message); });
+  CodeQueue codes(host, log);
+  const PowerNotifications notifications(
+      [&codes](std::uint32_t code) { codes.AddPower(code, PowerSource::Notification); });
+  const Published published(*this, codes);
+  log.Add(L"INFO", kRuns + std::to_wstring(GetCurrentProcessId()));
+  Report(SERVICE_RUNNING);
+  WaitForSingleObject(stop.get(), INFINITE);
+  Report(SERVICE_STOP_PENDING);
+  log.Add(L"INFO", kStops);
+  ticks = std::make_unique<CheckpointTicks>([this] { Report(SERVICE_STOP_PENDING); });
+}
+
+std::uint32_t ServiceProcess::Control(std::uint32_t control, std::uint32_t event) noexcept {
+  const auto add = [this](auto&& forward) {
+    const std::lock_guard guard(queueLock);
+    if (queue != nullptr) forward(*queue);
+    return std::uint32_t{NO_ERROR};
+  };
+  const auto power = [&](std::uint32_t code) {
+    return add([code](CodeQueue& to) { to.AddPower(code, PowerSource::ServiceControl); });
+  };
+  const auto session = [&](std::uint32_t code) {
+    return add([code](CodeQueue& to) { to.AddSession(code); });
+  };
+  switch (control) {
+    case SERVICE_CONTROL_STOP:
+    case SERVICE_CONTROL_PRESHUTDOWN:
+      SetEvent(stop.get());
+      return NO_ERROR;
+    case SERVICE_CONTROL_INTERROGATE:
+      return NO_ERROR;
+    case SERVICE_CONTROL_POWEREVENT:
+      return power(event);
+    case SERVICE_CONTROL_SESSIONCHANGE:
+      return session(event);
+    default:
+      break;
+  }
+  if (!options.development || control < PowerControl(0) || control > kLastControl) {
+    return ERROR_CALL_NOT_IMPLEMENTED;
+  }
+  return control < SessionControl(0) ? power(control - PowerControl(0))
+                                     : session(control - SessionControl(0));
+}
+
+void RunUnderManager(ServiceOptions options) {
+  const std::wstring programData = ProgramDataFolder();
+  TheEntry() = {std::move(options), DataFolders(programData, Writers::System).Logs()};
+  // The module takes the folder of its store from the variable. The emulator gives services another
+  // value than programs.
+  SetEnvironmentVariableW(L"ProgramData", programData.c_str());
+  std::wstring name = TheEntry().options.name;
+  const SERVICE_TABLE_ENTRYW table[] = {{name.data(), &ServiceMain}, {nullptr, nullptr}};
+  if (StartServiceCtrlDispatcherW(table) == FALSE) {
+    throw std::runtime_error("only the service manager starts it (error " +
+                             std::to_string(GetLastError()) + "); see \"service start\"");
+  }
+}
+
+}  // namespace Vx::Host

@@ -1,0 +1,146 @@
+#include "hosting/services_mutex.h"
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <windows.h>
+
+#include "hosting/loaded_module.h"
+#include "platform/unique_handle.h"
+#include "support/probe.h"
+#include "support/temp_folder.h"
+
+namespace Vx::Host {
+namespace {
+
+using Platform::UniqueHandle;
+using Tessel::Server::Services::ClientContext;
+using Tessel::Server::Services::CompletionCallback;
+using Tessel::Server::Services::VxService;
+using ::testing::Each;
+using ::testing::SizeIs;
+
+constexpr wchar_t kName[] = L"Global\\18CC6446-1DB5-4D23-8F2B-441BA13883D6";
+
+TEST(NeedsServicesMutexTest, OutsideTheServicesSessionForTheMachinesStore) {
+  static constexpr struct {
+    const char* name;
+    std::uint32_t session;
+    const wchar_t* programData;
+    const wchar_t* machineData;
+    bool needed;
+  } kCases[] = {
+      {"a service", 0, L"C:\\ProgramData", L"C:\\ProgramData", false},
+      {"an administrator's session", 1, L"C:\\ProgramData", L"C:\\ProgramData", true},
+      {"another spelling", 2, L"c:\\programdata\\", L"C:\\ProgramData", true},
+      {"a private store", 1, L"C:\\Temp\\vxhost-1", L"C:\\ProgramData", false},
+      {"a folder of a longer name", 1, L"C:\\ProgramData2", L"C:\\ProgramData", false},
+      {"the machine's folder is not known", 1, L"C:\\Temp\\vxhost-1", L"", true},
+  };
+  for (const auto& c : kCases) {
+    EXPECT_EQ(NeedsServicesMutex(c.session, c.programData, c.machineData), c.needed) << c.name;
+  }
+}
+
+// The store of a machine, which this process takes for the real one.
+class ServicesMutexTest : public ::testing::Test {
+ protected:
+  Tests::PrivateStore store;
+  Tests::EnvironmentOverride machine{L"ALLUSERSPROFILE",
+                                     store.FilePath().substr(0, store.FilePath().find(L"\\Vx\\"))};
+};
+
+std::string Failure(const std::function<void()>& body) {
+  try {
+    body();
+  } catch (const std::runtime_error& error) {
+    return error.what();
+  }
+  return {};
+}
+
+std::string NotKept(const std::string& why) {
+  return "the machine's store cannot be kept from services: "
+         "Global\\18CC6446-1DB5-4D23-8F2B-441BA13883D6 " +
+         why + "; run as administrator, or use --private-store";
+}
+
+TEST_F(ServicesMutexTest, AWriterRefusesANameOfAnotherKindOfObjectAndAReaderGoesOn) {
+  const UniqueHandle taken(CreateEventW(nullptr, TRUE, FALSE, kName));
+  const LoadedModule module(Tests::ModulePath());
+  EXPECT_EQ(Failure([&] { module.NewService(); }),
+            NotKept("is an object of another kind, made by another program"));
+  EXPECT_EQ(ServicesMutexFor(StoreUse::Read), nullptr);
+}
+
+TEST_F(ServicesMutexTest, AWriterRefusesAnObjectThatThisAccountMayNotOpen) {
+  // An empty access list admits no account, not even the owner.
+  SECURITY_DESCRIPTOR closed;
+  ACL none;
+  InitializeSecurityDescriptor(&closed, SECURITY_DESCRIPTOR_REVISION);
+  InitializeAcl(&none, sizeof none, ACL_REVISION);
+  SetSecurityDescriptorDacl(&closed, TRUE, &none, FALSE);
+  SECURITY_ATTRIBUTES attributes{sizeof attributes, &closed, FALSE};
+  const UniqueHandle taken(CreateMutexW(&attributes, FALSE, kName));
+  ASSERT_NE(taken, nullptr);
+  EXPECT_EQ(Failure([] { ServicesMutexFor(StoreUse::Write); }),
+            NotKept("cannot be opened, error 5"));
+}
+
+// Asks in each call that can use the store whether another thread could take the mutex.
+class AskingService final : public VxService {
+ public:
+  void* Destroy(unsigned) override { return this; }
+  uint32_t CreateClientContext(const wchar_t*, ClientContext**) override { return 0; }
+  uint32_t ReleaseClientContext(ClientContext**) override { return 0; }
+  uint32_t ExecuteCommand(ClientContext*, uint32_t, const wchar_t*, wchar_t**,
+                          CompletionCallback*) override {
+    Ask();
+    return 7;
+  }
+  void power_event_task(uint32_t) override { Ask(); }
+  bool oobe_event_task() override {
+    Ask();
+    return true;
+  }
+  void OnSessionChange(uint32_t) override { Ask(); }
+
+  void Ask() {
+    std::jthread([this] {
+      const UniqueHandle mutex(OpenMutexW(SYNCHRONIZE, FALSE, kName));
+      outcomes.push_back(WaitForSingleObject(mutex.get(), 0));
+      if (outcomes.back() == WAIT_OBJECT_0) ReleaseMutex(mutex.get());
+    });
+  }
+
+  std::vector<DWORD> outcomes;
+};
+
+TEST_F(ServicesMutexTest, ACallThatCanUseTheStoreHoldsItAndLetsItGo) {
+  AskingService asking;
+  ServiceSession session(WithServicesMutex(asking, ServicesMutexFor(StoreUse::Write)));
+  EXPECT_EQ(session.Execute(22, L"{}", L"client").code, 7U);
+  session.Slots().power_event_task(7);
+  session.Slots().oobe_event_task();
+  session.Slots().OnSessionChange(5);
+  EXPECT_THAT(asking.outcomes, SizeIs(4));
+  EXPECT_THAT(asking.outcomes, Each(DWORD{WAIT_TIMEOUT}));
+  asking.Ask();
+  EXPECT_EQ(asking.outcomes.back(), DWORD{WAIT_OBJECT_0});
+}
+
+TEST_F(ServicesMutexTest, NoProgramWithAStoreOfItsOwnTakesIt) {
+  const Tests::PrivateStore own;
+  EXPECT_EQ(ServicesMutexFor(StoreUse::Write), nullptr);
+}
+
+}  // namespace
+}  // namespace Vx::Host

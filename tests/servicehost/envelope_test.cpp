@@ -1,0 +1,62 @@
+#include "servicehost/envelope.h"
+
+#include <string>
+
+#include <gtest/gtest.h>
+
+namespace Vx::Host {
+namespace {
+
+TEST(EnvelopeTest, CarriesEveryTextUnchanged) {
+  const std::wstring texts[] = {L"",
+                                L"{\"a\": 1 , \"b\" :\t2}",
+                                L"{broken \\ \"",
+                                L"\x1 \r\n \x2028 \xE9 \xFFFF",
+                                L"\xD83D\xDE00",
+                                std::wstring(L"lone \xDE00 and ") + L'\xD83D',
+                                std::wstring(100'000, L'\xD800')};
+  for (const std::wstring& text : texts) {
+    const auto command = ParseCommand(WriteCommand({4294967295U, text}));
+    ASSERT_TRUE(command);
+    EXPECT_EQ(command->id, 4294967295U);
+    EXPECT_EQ(command->request, text);
+    const auto result = ParseResult(WriteResult({0x20000003, text}));
+    ASSERT_TRUE(result);
+    EXPECT_EQ(result->response, text);
+  }
+  EXPECT_FALSE(ParseResult(WriteResult({0, std::nullopt}))->response);
+}
+
+TEST(EnvelopeTest, RefusesEverythingElse) {
+  const std::string cases[] = {
+      "",
+      "{}",
+      "[]",
+      R"({"id":1})",
+      R"({"request":"{}"})",
+      R"({"id":1,"request":{}})",
+      R"({"id":"1","request":""})",
+      R"({"id":-1,"request":""})",
+      R"({"id":01,"request":""})",
+      R"({"id":1.0,"request":""})",
+      R"({"id":4294967296,"request":""})",
+      R"({"id":99999999999999999999999,"request":""})",
+      R"({"id":1,"id":2,"request":""})",
+      R"({"id":1,"request":"","more":1})",
+      R"({"id":1,"request":"",})",
+      R"({"id":1,"request":""} x)",
+      R"({"id":1,"request":"\u0000"})",
+      R"({"id":1,"request":"\u12G4"})",
+      R"({"id":1,"request":"\x"})",
+      "{\"id\":1,\"request\":\"\xC0\x80\"}",
+      "{\"id\":1,\"request\":\"a\nb\"}",
+      R"({"id":1,"request":"\ud8)",
+      std::string(kLongestCommand + 1, '{'),
+  };
+  for (const std::string& message : cases) {
+    EXPECT_FALSE(ParseCommand(message)) << message.substr(0, 80);
+  }
+}
+
+}  // namespace
+}  // namespace Vx::Host

@@ -1,0 +1,120 @@
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <iterator>
+#include <random>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+
+#include <gtest/gtest.h>
+
+#include <windows.h>
+
+#include "servicehost/pipe_io.h"
+#include "servicehost/pipe_server.h"
+#include "support/setting.h"
+#include "vxhost/service/pipe_client.h"
+
+namespace Vx::Host {
+namespace {
+
+using namespace std::chrono_literals;
+using Tests::Setting;
+
+std::wstring TestPath() {
+  return PipePath(L"hostile-" + std::to_wstring(GetCurrentProcessId()));
+}
+
+// A client that writes what it likes.
+Platform::UniqueHandle RawClient() {
+  for (int tries = 0; tries < 1000; ++tries) {
+    auto pipe =
+        Platform::AdoptFile(CreateFileW(TestPath().c_str(), GENERIC_READ | GENERIC_WRITE, 0,
+                                        nullptr, OPEN_EXISTING, FILE_FLAG_OVERLAPPED, nullptr));
+    DWORD mode = PIPE_READMODE_MESSAGE;
+    if (pipe != nullptr && SetNamedPipeHandleState(pipe.get(), &mode, nullptr, nullptr) != FALSE) {
+      return pipe;
+    }
+    Sleep(10);
+  }
+  throw std::runtime_error("no pipe");
+}
+
+// A message of the kinds that have gone wrong elsewhere: sizes around those of the pipe's pieces,
+// and changed, cut, doubled or random bytes.
+std::string HostileMessage(std::mt19937& random) {
+  const auto below = [&random](std::size_t limit) { return random() % limit; };
+  static constexpr std::size_t kSizes[] = {1, 16383, 16384, 16385, 65535, 65536, 65537, 200000};
+  std::wstring request(below(3) == 0 ? kSizes[below(std::size(kSizes))] : below(40), L'\xE9');
+  for (std::size_t i = below(4); i > 0 && !request.empty(); --i) {
+    request[below(request.size())] = static_cast<wchar_t>(random());
+  }
+  std::string message = WriteCommand({static_cast<std::uint32_t>(random()), request});
+  for (std::size_t i = below(4); i > 0; --i) {
+    const std::size_t at = below(message.size());
+    switch (below(5)) {
+      case 0:
+        message[at] = static_cast<char>(random());
+        break;
+      case 1:
+        message.erase(at, 1 + below(8));
+        break;
+      case 2:
+        message.insert(at, message.substr(below(message.size()), 8));
+        break;
+      case 3:
+        message.insert(at, 1 + below(3), "{}\",:\\ 0"[below(8)]);
+        break;
+      default:
+        message.resize(at);
+        break;
+    }
+    if (message.empty()) return "{";
+  }
+  return message;
+}
+
+// A server that returns each request: whatever arrives is either a command, whose result is exactly
+// known, or the end of that one connection.
+TEST(HostilePipeTest, AMessageIsACommandOrTheEndOfItsConnection) {
+  const std::uint32_t seed = Setting("VX_SEED", 17);
+  std::mt19937 random(seed);
+  PipeServer server(
+      {.path = TestPath(), .allowed = {}},
+      [](const CommandEnvelope& command, const std::wstring&) {
+        return ResultEnvelope{command.id, command.request};
+      },
+      [](const wchar_t*, std::wstring_view) {});
+  PipeClient honest(TestPath(), GetCurrentProcessId(), 10s);
+  std::size_t accepted = 0;
+  std::size_t refused = 0;
+  Platform::UniqueHandle pipe;
+  for (std::size_t round = 0; round < Setting("VX_STEPS", 600) / 2; ++round) {
+    SCOPED_TRACE("seed " + std::to_string(seed) + ", round " + std::to_string(round));
+    if (pipe == nullptr) pipe = RawClient();
+    const std::string message = HostileMessage(random);
+    const auto command = ParseCommand(message);
+    PipeMessages messages(pipe.get(), nullptr);
+    ASSERT_EQ(messages.Write(message, 10s), PipeOutcome::Done);
+    std::string result;
+    const PipeOutcome outcome = messages.Read(result, kLongestResult, 10s);
+    if (command) {
+      ++accepted;
+      ASSERT_EQ(outcome, PipeOutcome::Done);
+      ASSERT_EQ(result, WriteResult({command->id, command->request}));
+    } else {
+      ++refused;
+      ASSERT_EQ(outcome, PipeOutcome::Ended);
+      pipe.reset();
+    }
+    if (round % 16 == 0) {
+      ASSERT_EQ(honest.Execute({7, L"still"}).response, L"still");
+    }
+  }
+  EXPECT_GT(accepted, 0U);
+  EXPECT_GT(refused, 0U);
+}
+
+}  // namespace
+}  // namespace Vx::Host

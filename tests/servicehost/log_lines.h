@@ -1,0 +1,47 @@
+#pragma once
+
+#include <memory>
+#include <mutex>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "servicehost/service_log.h"
+
+namespace Vx::Host {
+
+// What a ServiceLog writes, each line as "LEVEL caller: message". Any thread.
+class LogLines {
+ public:
+  // Targets for a log, which borrow this object.
+  std::vector<std::unique_ptr<LogTarget>> Targets() {
+    std::vector<std::unique_ptr<LogTarget>> targets;
+    targets.push_back(std::make_unique<Target>(*this));
+    return targets;
+  }
+
+  std::wstring Text() const {
+    const std::lock_guard guard(lock);
+    return text;
+  }
+
+ private:
+  class Target final : public LogTarget {
+   public:
+    explicit Target(LogLines& kept) : lines(kept) {}
+    bool Write(const LogEntry& entry) noexcept override {
+      const std::lock_guard guard(lines.lock);
+      lines.text +=
+          entry.line.level + L" " + entry.line.caller + L": " + entry.line.message + L"\n";
+      return true;
+    }
+
+   private:
+    LogLines& lines;
+  };
+
+  mutable std::mutex lock;
+  std::wstring text;
+};
+
+}  // namespace Vx::Host

@@ -1,0 +1,349 @@
+#include "servicehost/pipe_server.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <iterator>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <system_error>
+#include <utility>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <windows.h>
+
+#include <aclapi.h>
+#include <sddl.h>
+
+#include "platform/machine.h"
+#include "platform/thread.h"
+#include "servicehost/pipe_io.h"
+#include "support/memory_shortage.h"
+#include "support/probe.h"
+#include "vxhost/service/pipe_client.h"
+
+namespace Vx::Host {
+namespace {
+
+using namespace std::chrono_literals;
+using ::testing::EndsWith;
+using ::testing::StartsWith;
+using ::testing::ThrowsMessage;
+
+// What is missing when the server starts a thread for its next client.
+enum class Missing { Nothing, Thread, Memory, MemoryAfterwards };
+
+// Threads of the system, which take memory from the thread that starts them.
+class ScarceThreads final : public Platform::Threads {
+ public:
+  Platform::Result<Platform::UniqueHandle> Start(std::function<void()> body) override {
+    const Missing what = missing.exchange(Missing::Nothing);
+    if (what == Missing::Thread) return Platform::Result<Platform::UniqueHandle>::Failure(EAGAIN);
+    if (what == Missing::Memory) shortage.emplace(Tests::Shortage::Lasting, 0);
+    auto started = Platform::WindowsMachine().threads->Start(std::move(body));
+    if (what == Missing::MemoryAfterwards) shortage.emplace(Tests::Shortage::Lasting, 0);
+    return started;
+  }
+
+  std::atomic<Missing> missing{Missing::Nothing};
+  std::optional<Tests::MemoryShortage> shortage;  // ends with the next report
+};
+
+// A server that returns each request, numbered by its id, and holds id 1 back until it is released.
+class PipeTest : public ::testing::Test {
+ protected:
+  void Serve(std::vector<std::wstring> allowed = {}) {
+    PipeOptions options{.path = path, .allowed = std::move(allowed), .clients = 8};
+    options.idle = idle;
+    options.stuck = 200ms;
+    options.retry = 20ms;
+    server = std::make_unique<PipeServer>(
+        options,
+        [this](const CommandEnvelope& command, const std::wstring& client) {
+          lastClient = client;
+          if (command.id == 1) {
+            ++held;
+            WaitForSingleObject(release.get(), 10'000);
+          }
+          if (command.id == 2) return ResultEnvelope{2, std::wstring(1'000'000, L'x')};
+          if (command.id == 3) return ResultEnvelope{3, std::wstring(kLongestResult / 6, L'\1')};
+          if (command.id == 4) {
+            // The runtime allocates what it needs per thread at the first exception, unchecked.
+            EXPECT_THROW(throw 0, int);
+            threads.shortage.emplace(Tests::Shortage::Lasting, 0);
+          }
+          return ResultEnvelope{command.id, command.request};
+        },
+        [this](const wchar_t* level, std::wstring_view message) {
+          const std::lock_guard guard(lock);
+          threads.shortage.reset();
+          reports.append(level).append(L" ").append(message).append(L"\n");
+        });
+  }
+
+  PipeClient Client() { return {path, GetCurrentProcessId(), 5s}; }
+
+  Platform::UniqueHandle RawClient() {
+    for (int i = 0; i < 500; ++i) {
+      auto pipe = Platform::AdoptFile(CreateFileW(path.c_str(), GENERIC_READ | GENERIC_WRITE, 0,
+                                                  nullptr, OPEN_EXISTING, 0, nullptr));
+      DWORD mode = PIPE_READMODE_MESSAGE;
+      if (pipe != nullptr) SetNamedPipeHandleState(pipe.get(), &mode, nullptr, nullptr);
+      if (pipe != nullptr) return pipe;
+      Sleep(10);
+    }
+    throw std::runtime_error("no pipe");
+  }
+
+  static bool Send(const Platform::UniqueHandle& pipe, const std::string& message) {
+    DWORD written = 0;
+    return WriteFile(pipe.get(), message.data(), static_cast<DWORD>(message.size()), &written,
+                     nullptr) != FALSE;
+  }
+
+  bool Eventually(const std::function<bool()>& holds) {
+    for (int i = 0; i < 500 && !holds(); ++i) Sleep(10);
+    return holds();
+  }
+
+  bool IsReported(const std::wstring& line) {
+    return Eventually([&] { return Reports().find(line) != std::wstring::npos; });
+  }
+
+  std::wstring Reports() {
+    const std::lock_guard guard(lock);
+    return reports;
+  }
+
+  const std::wstring path = PipePath(L"test-" + std::to_wstring(GetCurrentProcessId()));
+  std::chrono::milliseconds idle = 10min;
+  Platform::UniqueHandle release{CreateEventW(nullptr, TRUE, FALSE, nullptr)};
+  std::atomic<int> held{0};
+  std::mutex lock;
+  std::wstring reports;
+  std::wstring lastClient;
+  ScarceThreads threads;
+  Platform::MachineScope scope{[this](Platform::Machine& machine) { machine.threads = &threads; }};
+  std::unique_ptr<PipeServer> server;
+};
+
+TEST_F(PipeTest, AnswersEachClientWhileTheCommandOfAnotherOneRuns) {
+  Serve();
+  Platform::Thread slow([this] { EXPECT_EQ(Client().Execute({1, L"slow"}).response, L"slow"); });
+  ASSERT_TRUE(Eventually([this] { return held == 1; }));
+  PipeClient first = Client();
+  PipeClient second = Client();
+  for (std::uint32_t id = 10; id < 20; ++id) {
+    EXPECT_EQ(first.Execute({id, L"{broken \xD800"}).response, L"{broken \xD800");
+    EXPECT_EQ(second.Execute({id, L""}).code, id);
+  }
+  EXPECT_EQ(second.Execute({5, std::wstring(200'000, L'\xE9')}).response->size(), 200'000U);
+  EXPECT_THAT(lastClient, StartsWith(L"servicehost_test.exe "));
+  SetEvent(release.get());
+  slow.Join();
+}
+
+// The host destroys the module's object after it.
+TEST_F(PipeTest, ItsEndWaitsForTheCommandThatRuns) {
+  Serve();
+  const auto pipe = RawClient();
+  EXPECT_TRUE(Send(pipe, WriteCommand({1, L"slow"})));
+  ASSERT_TRUE(Eventually([this] { return held == 1; }));
+  std::atomic<bool> ended{false};
+  Platform::Thread end([&] {
+    server.reset();
+    ended = true;
+  });
+  Sleep(50);
+  EXPECT_FALSE(ended);
+  SetEvent(release.get());
+  end.Join();
+}
+
+TEST_F(PipeTest, AHostileClientCostsTheOthersNothing) {
+  Serve();
+  const std::vector<std::function<void()>> attacks = {
+      [&] { EXPECT_TRUE(Send(RawClient(), "rubbish")); },
+      [&] { Send(RawClient(), std::string(kLongestCommand + 1, '[')); },
+      [&] { EXPECT_TRUE(Send(RawClient(), "")); },
+      [&] { RawClient(); },
+      [&] {
+        EXPECT_TRUE(Send(RawClient(), WriteCommand({1, L"gone"})));
+      },  // while it runs
+      [&] {
+        EXPECT_TRUE(Send(RawClient(), WriteCommand({2, L"gone"})));
+      },
+  };
+  PipeClient honest = Client();
+  for (const auto& attack : attacks) {
+    for (int i = 0; i < 2; ++i) attack();
+    EXPECT_EQ(honest.Execute({7, L"still"}).response, L"still");
+  }
+  SetEvent(release.get());
+  const auto silent = RawClient();
+  const auto deaf = RawClient();
+  EXPECT_TRUE(Send(deaf, WriteCommand({2, L""})));  // its result is larger than the pipe
+  EXPECT_TRUE(IsReported(
+      L"WARNING a client was disconnected, it did not read its result: servicehost_test.exe"));
+  EXPECT_TRUE(IsReported(
+      L"WARNING a client was disconnected, its message is not a command: servicehost_test.exe"));
+  // All places are free again, except those of the two clients that stay.
+  std::vector<std::unique_ptr<PipeClient>> crowd;
+  for (int i = 0; i < 5; ++i) {
+    crowd.push_back(std::make_unique<PipeClient>(path, GetCurrentProcessId(), 5s));
+    EXPECT_EQ(crowd.back()->Execute({7, L"room"}).response, L"room");
+  }
+}
+
+TEST_F(PipeTest, AShortageCostsOneClientAndIsReported) {
+  static constexpr struct {
+    Missing missing;
+    std::uint32_t id;
+    const wchar_t* line;
+  } kCases[] = {
+      {Missing::Thread, 7, L"WARNING a client was turned away for want of a thread"},
+      {Missing::Memory, 7, L"WARNING a client was turned away for want of a thread"},
+      {Missing::Nothing, 3, L"WARNING a client was disconnected, its result is too long: servicehost"},
+      {Missing::Nothing, 4, L"ERROR a connection ended without memory"},
+  };
+  Serve();
+  for (const auto& c : kCases) {
+    SCOPED_TRACE(::testing::PrintToString(std::wstring(c.line)));
+    reports.clear();
+    threads.missing = c.missing;
+    EXPECT_THROW(Client().Execute({c.id, L""}), std::runtime_error);
+    EXPECT_TRUE(IsReported(c.line));
+    EXPECT_EQ(Client().Execute({7, L"still"}).response, L"still");
+  }
+  // The listener itself needs memory for each client.
+  threads.missing = Missing::MemoryAfterwards;
+  PipeClient last = Client();
+  EXPECT_EQ(last.Execute({7, L"last"}).response, L"last");
+  EXPECT_THROW(Client().Execute({7, L""}), std::runtime_error);
+  EXPECT_TRUE(IsReported(L"ERROR the pipe serves no further clients"));
+  EXPECT_EQ(last.Execute({7, L"still"}).response, L"still");
+}
+
+// The clients run where this test cannot: what they send and how they open the pipe is replayed.
+TEST_F(PipeTest, TakesTheMessagesOfTheSampleClients) {
+  constexpr DWORD kAccess = 0x12018B;
+  const std::wstring request =
+      LR"({"powerEventType":7,"eventAction":1,"commandParams":{"path":"C:\\Program Files)"
+      LR"(\\VxSample\\tool.exe","arguments":"it's )"
+      L"\xE9\"}}";
+  Serve();
+  for (const wchar_t* client : {L"python", L"powershell"}) {
+    std::ifstream file(std::filesystem::path(Tests::BuiltFile(std::wstring(L"pipe_samples\\") +
+                                                              client + L".message")),
+                       std::ios::binary);
+    SCOPED_TRACE(testing::PrintToString(client));
+    const std::string message{std::istreambuf_iterator<char>(file), {}};
+    ASSERT_TRUE(Eventually([&] { return WaitNamedPipeW(path.c_str(), 100) != FALSE; }));
+    const auto pipe =
+        Platform::AdoptFile(CreateFileW(path.c_str(), kAccess, 0, nullptr, OPEN_EXISTING,
+                                        SECURITY_SQOS_PRESENT | SECURITY_IDENTIFICATION, nullptr));
+    ASSERT_NE(pipe, nullptr);
+    DWORD mode = PIPE_READMODE_MESSAGE;
+    EXPECT_TRUE(SetNamedPipeHandleState(pipe.get(), &mode, nullptr, nullptr));
+    EXPECT_TRUE(Send(pipe, message));
+    char answer[1024];
+    DWORD size = 0;
+    ASSERT_TRUE(ReadFile(pipe.get(), answer, sizeof answer, &size, nullptr));
+    const auto result = ParseResult({answer, size});
+    ASSERT_TRUE(result);
+    EXPECT_EQ(result->code, 9U);
+    EXPECT_EQ(result->response, request);
+  }
+}
+
+TEST_F(PipeTest, AClientSeesTheErrorsOfTheManual) {
+  const auto errorOfOpen = [this] {
+    const auto pipe = Platform::AdoptFile(
+        CreateFileW(path.c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr));
+    return pipe == nullptr ? GetLastError() : DWORD{ERROR_SUCCESS};
+  };
+  const auto errorOfRead = [](const Platform::UniqueHandle& pipe) {
+    char part[10];
+    DWORD size = 0;
+    return ReadFile(pipe.get(), part, sizeof part, &size, nullptr) ? DWORD{ERROR_SUCCESS}
+                                                                   : GetLastError();
+  };
+  EXPECT_EQ(errorOfOpen(), DWORD{ERROR_FILE_NOT_FOUND});
+  Serve();
+  // Those that are served, and the one that may connect and wait.
+  std::vector<Platform::UniqueHandle> crowd(8 + 1);
+  for (auto& pipe : crowd) pipe = RawClient();
+  EXPECT_EQ(errorOfOpen(), DWORD{ERROR_PIPE_BUSY});
+  EXPECT_TRUE(Send(crowd[0], WriteCommand({7, L"longer than its buffer"})));
+  EXPECT_EQ(errorOfRead(crowd[0]), DWORD{ERROR_MORE_DATA});
+  EXPECT_TRUE(Send(crowd[1], "rubbish"));
+  server.reset();
+  for (const std::size_t ended : {1U, 2U}) {
+    EXPECT_THAT(errorOfRead(crowd[ended]),
+                testing::AnyOf(DWORD{ERROR_BROKEN_PIPE}, DWORD{ERROR_PIPE_NOT_CONNECTED}));
+  }
+}
+
+TEST_F(PipeTest, ASilentClientIsDisconnected) {
+  idle = 50ms;
+  Serve();
+  const auto silent = RawClient();
+  char byte = 0;
+  DWORD count = 0;
+  EXPECT_FALSE(ReadFile(silent.get(), &byte, 1, &count, nullptr));
+}
+
+TEST_F(PipeTest, ATakenNameIsOneErrorAndARetry) {
+  // The emulator knows no first instance, but admits no second one beyond the limit of the first.
+  auto squatter = Platform::AdoptFile(CreateNamedPipeW(path.c_str(), PIPE_ACCESS_INBOUND,
+                                                       PIPE_TYPE_MESSAGE, 1, 64, 64, 0, nullptr));
+  ASSERT_NE(squatter, nullptr);
+  Serve();
+  ASSERT_TRUE(Eventually([this] { return !Reports().empty(); }));
+  Sleep(60);  // two retries
+  EXPECT_THAT(Reports(), StartsWith(L"ERROR the pipe's name is in use by another process, no "
+                                    L"commands until it is free: " +
+                                    path));
+  EXPECT_EQ(std::count(reports.begin(), reports.end(), L'\n'), 1);
+  squatter.reset();
+  ASSERT_TRUE(IsReported(L"INFO the pipe is open: " + path));
+  EXPECT_EQ(Client().Execute({9, L"x"}).code, 9U);
+}
+
+TEST_F(PipeTest, AClientSendsNothingToAnotherProcess) {
+  Serve();
+  const std::string process = std::to_string(GetCurrentProcessId());
+  EXPECT_THAT([&] { PipeClient(path, GetCurrentProcessId() + 4, 5s); },
+              ThrowsMessage<std::runtime_error>(EndsWith(
+                  " belongs to process " + process + " and not to the service; nothing was sent")));
+}
+
+TEST_F(PipeTest, ItsAccessListAdmitsOnlyWhoWasNamed) {
+  EXPECT_THROW(Serve({L"S-1-1-0)(A;;GA;;;WD"}), std::system_error);
+  Serve({L"S-1-5-21-1-2-3-1001"});
+  const auto pipe = RawClient();
+  PSECURITY_DESCRIPTOR raw = nullptr;
+  ASSERT_EQ(GetSecurityInfo(pipe.get(), SE_KERNEL_OBJECT, DACL_SECURITY_INFORMATION, nullptr,
+                            nullptr, nullptr, nullptr, &raw),
+            0U);
+  const Platform::UniqueLocalMemory<void> descriptor(raw);
+  wchar_t* text = nullptr;
+  ASSERT_TRUE(ConvertSecurityDescriptorToStringSecurityDescriptorW(
+      raw, SDDL_REVISION_1, DACL_SECURITY_INFORMATION, &text, nullptr));
+  const Platform::UniqueLocalMemory<wchar_t> owner(text);
+  EXPECT_STREQ(text, L"D:P(D;;GA;;;NU)(A;;GA;;;SY)(A;;GA;;;BA)(A;;0x12018b;;;S-1-5-21-1-2-3-1001)");
+}
+
+}  // namespace
+}  // namespace Vx::Host

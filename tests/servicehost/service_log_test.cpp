@@ -1,0 +1,219 @@
+#include "servicehost/service_log.h"
+
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <mutex>
+#include <span>
+#include <string>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <windows.h>
+
+#include "platform/unique_handle.h"
+#include "servicehost/event_log.h"
+#include "servicehost/log_folder.h"
+#include "servicehost/trace_target.h"
+#include "support/memory_shortage.h"
+#include "support/temp_folder.h"
+
+namespace Vx::Host {
+namespace {
+
+using ::testing::ElementsAre;
+
+constexpr std::uint64_t kDay = std::uint64_t{86'400} * 10'000'000;
+constexpr std::uint64_t kFirstDay = 154'497 * kDay;  // 2024-01-01
+
+LogEntry Entry(std::uint64_t time, const std::wstring& message) {
+  return {time, 7, 9, {L"WARNING", L"Vx-Test", L"client", message}};
+}
+
+std::vector<std::string> Names(const std::filesystem::path& folder) {
+  std::vector<std::string> names;
+  for (const auto& file : std::filesystem::directory_iterator(folder)) {
+    names.push_back(file.path().filename().string());
+  }
+  std::sort(names.begin(), names.end());
+  return names;
+}
+
+std::string Content(const std::filesystem::path& file) {
+  std::ifstream in(file, std::ios::binary);
+  return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+}
+
+TEST(LogFolderTest, BeginsAFileWithTheDayAndAtTheLimitAndKeepsTheNewest) {
+  const Tests::TempFolder folder;
+  std::ofstream(folder.Path() / "vxhost-notes.log") << "not a log";
+  LogFolder log(folder.Path().wstring(), {.fileBytes = 400, .files = 3});
+  for (int day = 0; day < 3; ++day) {
+    for (int line = 0; line < 4; ++line) {  // three lines fit
+      EXPECT_TRUE(log.Write(Entry(kFirstDay + static_cast<std::uint64_t>(day) * kDay, L"line")));
+    }
+  }
+  EXPECT_THAT(Names(folder.Path()),
+              ElementsAre("vxhost-20240102-0002.log", "vxhost-20240103-0001.log",
+                          "vxhost-20240103-0002.log", "vxhost-notes.log"));
+}
+
+TEST(LogFolderTest, ContinuesBehindALineThatAKillTore) {
+  const Tests::TempFolder folder;
+  const auto file = folder.Path() / "vxhost-20240101-0001.log";
+  std::ofstream(file, std::ios::binary) << "{\"time\":\"20";
+  LogFolder log(folder.Path().wstring());
+  EXPECT_TRUE(log.Write(Entry(kFirstDay + 12'345'0000, L"a \"b\"\n\xE9")));
+  EXPECT_EQ(Content(file),
+            "{\"time\":\"20\n"
+            R"({"time":"2024-01-01T00:00:12.345Z","level":"WARNING","provider":"Vx-Test",)"
+            R"("caller":"client","thread":7,"process":9,"message":"a \"b\"\u000a)"
+            "\xC3\xA9\"}\n");
+}
+
+// Holds every record back until it is opened.
+class Gate : public LogTarget {
+ public:
+  explicit Gate(std::vector<std::wstring>& out, bool works = true) : messages(out), good(works) {}
+  bool Write(const LogEntry& entry) noexcept override {
+    SetEvent(entered.get());
+    WaitForSingleObject(open.get(), 10'000);
+    messages.push_back(entry.line.message);
+    return good;
+  }
+  Platform::UniqueHandle open{CreateEventW(nullptr, TRUE, FALSE, nullptr)};
+  Platform::UniqueHandle entered{CreateEventW(nullptr, TRUE, FALSE, nullptr)};
+
+ private:
+  std::vector<std::wstring>& messages;
+  bool good;
+};
+
+TEST(ServiceLogTest, DropsAndCountsInsteadOfWaitingForATarget) {
+  std::vector<std::wstring> messages;
+  {
+    auto gate = std::make_unique<Gate>(messages);
+    Gate& target = *gate;
+    std::vector<std::unique_ptr<LogTarget>> targets;
+    targets.push_back(std::move(gate));
+    ServiceLog log(std::move(targets), 2);
+    log.Add(L"INFO", L"held");
+    ASSERT_EQ(WaitForSingleObject(target.entered.get(), 10'000), WAIT_OBJECT_0);
+    for (const wchar_t* text : {L"1", L"2", L"3", L"4", L"5"}) log.Add(L"INFO", text);
+    SetEvent(target.open.get());
+  }
+  EXPECT_THAT(messages, ElementsAre(L"held", L"3 log lines were dropped", L"1", L"2"));
+}
+
+TEST(ServiceLogTest, CountsWhatItHasNoMemoryFor) {
+  std::vector<std::wstring> messages;
+  {
+    auto target = std::make_unique<Gate>(messages);
+    SetEvent(target->open.get());
+    std::vector<std::unique_ptr<LogTarget>> targets;
+    targets.push_back(std::move(target));
+    ServiceLog log(std::move(targets));
+    log.Add(L"INFO", L"first");
+    log.Flush();
+    {
+      const Tests::MemoryShortage shortage(Tests::Shortage::Lasting, 0);
+      log.Add(L"ERROR", L"lost with its text");
+    }
+    log.Add(L"INFO", L"next");
+  }
+  EXPECT_THAT(messages, ElementsAre(L"first", L"1 log lines were dropped", L"next"));
+}
+
+TEST(LogListenerTest, PassesOnALineThatItHasNoMemoryFor) {
+  std::vector<std::wstring> messages;
+  const LogListener listener([&](const LogLine& line) { messages.push_back(line.message); });
+  OutputDebugStringW(L"INFO Vx-Test first");
+  {
+    const Tests::MemoryShortage shortage(Tests::Shortage::Lasting, 0);
+    OutputDebugStringW(L"INFO Vx-Test lost");
+  }
+  OutputDebugStringW(L"INFO Vx-Test next");
+  EXPECT_THAT(messages, ElementsAre(L"first", L"next"));
+}
+
+// Records what would reach Windows.
+class Journal final : public EventJournal {
+ public:
+  explicit Journal(std::vector<std::wstring>& out) : records(out) {}
+  bool Report(std::uint16_t type, std::uint32_t id, const Texts& texts) noexcept override {
+    std::wstring record = std::to_wstring(type) + L" " + std::to_wstring(id);
+    for (const std::wstring& text : texts) record += L"|" + text;
+    records.push_back(record);
+    return false;
+  }
+
+ private:
+  std::vector<std::wstring>& records;
+};
+
+TEST(EventLogTest, TakesWarningsAndErrorsAndCountsNoneAsLost) {
+  std::vector<std::wstring> records;
+  EventLogTarget target(std::make_unique<Journal>(records));
+  for (const wchar_t* level : {L"INFO", L"WARNING", L"ERROR"}) {
+    EXPECT_TRUE(target.Write({kFirstDay, 7, 9, {level, L"Vx-Test", L"client", L"text"}}));
+  }
+  EXPECT_THAT(records, ElementsAre(L"2 2147483649|text|Vx-Test|client|7",
+                                   L"1 3221225474|text|Vx-Test|client|7"));
+}
+
+TEST(EventLogTest, ItsSourceNamesTheMessageFileAndGoes) {
+  const std::wstring name = L"VxSource" + std::to_wstring(GetCurrentProcessId());
+  const std::wstring key = L"SYSTEM\\CurrentControlSet\\Services\\EventLog\\Application\\" + name;
+  wchar_t text[64] = {};
+  DWORD size = sizeof text;
+  const auto read = [&] {
+    return RegGetValueW(HKEY_LOCAL_MACHINE, key.c_str(), L"EventMessageFile", RRF_RT_REG_SZ,
+                        nullptr, text, &size);
+  };
+  AddEventSource(name, L"C:\\x\\vxhost.exe");
+  EXPECT_EQ(read(), ERROR_SUCCESS);
+  EXPECT_STREQ(text, L"C:\\x\\vxhost.exe");
+  RemoveEventSource(name);
+  EXPECT_EQ(read(), ERROR_FILE_NOT_FOUND);
+}
+
+// Records the bytes that would reach Windows.
+class Trace final : public TraceWriter {
+ public:
+  explicit Trace(std::string& out) : bytes(out) {}
+  bool Listens(std::uint8_t level) const noexcept override { return level <= 3; }
+  void Write(std::uint8_t level, std::span<const std::byte> traits,
+             std::span<const std::byte> description,
+             std::span<const std::vector<std::byte>> values) noexcept override {
+    bytes += std::to_string(level);
+    Append(traits);
+    Append(description);
+    for (const auto& value : values) Append(value);
+  }
+
+ private:
+  void Append(std::span<const std::byte> part) {
+    bytes += '|';
+    for (const std::byte byte : part) bytes += byte == std::byte{0} ? '.' : static_cast<char>(byte);
+  }
+
+  std::string& bytes;
+};
+
+TEST(TraceTargetTest, AnEventDescribesItsFieldsAndThenHasTheirValues) {
+  std::string bytes;
+  TraceTarget target(std::make_unique<Trace>(bytes));
+  EXPECT_TRUE(target.Write({kFirstDay, 'T', 9, {L"INFO", L"p", L"c", L"not recorded"}}));
+  EXPECT_TRUE(target.Write({kFirstDay, 'T', 9, {L"ERROR", L"p", L"", L"m"}}));
+  EXPECT_EQ(bytes,
+            "2|\x12.Vx-Host-Service."
+            "|\x31..Log.level.\x01provider.\x01"
+            "caller.\x01thread.\x08message.\x01"
+            "|E.R.R.O.R...|p...|..|T...|m...");
+}
+
+}  // namespace
+}  // namespace Vx::Host

@@ -1,0 +1,157 @@
+#include "servicehost/service_process.h"
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <windows.h>
+
+#include "servicehost/log_lines.h"
+#include "hosting/text.h"
+#include "platform/thread.h"
+#include "servicehost/guarded_folder.h"
+#include "support/probe.h"
+#include "support/temp_folder.h"
+#include "vxhost/service/service_manager.h"
+
+namespace Vx::Host {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::Not;
+
+constexpr std::uint32_t kWriting = FILE_WRITE_DATA | WRITE_DAC;
+
+TEST(GuardedFolderTest, AnyAccountBesidesTheSystemsThatMayWriteIsFound) {
+  static constexpr wchar_t kUser[] = L"S-1-5-21-1-2-3-1001";
+  static constexpr wchar_t kSystem[] = L"S-1-5-18";
+  static constexpr wchar_t kUsers[] = L"S-1-5-32-545";
+  static constexpr struct {
+    const char* name;
+    const wchar_t* owner;
+    bool allowed;
+    std::uint32_t mask;
+    const wchar_t* sid;
+    const wchar_t* writer;
+  } kCases[] = {
+      {"the administrators", kSystem, true, FILE_ALL_ACCESS, L"S-1-5-32-544", L""},
+      {"users who read", kSystem, true, FILE_GENERIC_READ, kUsers, L""},
+      {"users who write", kSystem, true, FILE_WRITE_DATA, kUsers, kUsers},
+      {"users who may let themselves", kSystem, true, WRITE_DAC, kUser, kUser},
+      {"a denial", kSystem, false, FILE_WRITE_DATA, L"S-1-1-0", L""},
+      {"a user who owns it", kUser, true, FILE_ALL_ACCESS, kSystem, kUser},
+      {"a group of some later Windows", kSystem, true, FILE_WRITE_DATA, L"S-1-99", L"S-1-99"},
+  };
+  for (const auto& c : kCases) {
+    const Platform::AccessList access{c.owner, {{c.allowed, c.mask, c.sid}}};
+    const auto writers = OtherWriters(access, kWriting, Writers::System);
+    EXPECT_EQ(writers.empty() ? L"" : writers.front(), c.writer) << c.name;
+  }
+}
+
+TEST(ServicePlanTest, ItsCommandLineIsQuotedAndItsNameCannotBreakOut) {
+  ServicePlan plan{.name = L"A", .program = L"C:\\a b\\x.exe", .module = L"C:\\c d\\m.dll"};
+  plan.allowed = {L"S-1-5-32-545"};
+  EXPECT_EQ(ImagePath(plan),
+            L"\"C:\\a b\\x.exe\" service entry --name A --module \"C:\\c d\\m.dll\""
+            L" --allow S-1-5-32-545");
+  for (const wchar_t* name : {L"", L"a b", L"a\"", L"a\\b", L"a/b", L"\xE9"}) {
+    EXPECT_FALSE(IsServiceName(name)) << Utf8(name);
+  }
+  EXPECT_FALSE(IsServiceName(std::wstring(65, L'a')));
+  EXPECT_TRUE(IsServiceName(std::wstring(64, L'a')));
+}
+
+// The service as the manager runs it, with the module as it ships and a store of its own.
+class ServiceProcessTest : public ::testing::Test, public StatusSink {
+ protected:
+  void Report(const ServiceState& state) noexcept override {
+    states.push_back(state);
+    if (state.state == SERVICE_RUNNING) SetEvent(running.get());
+  }
+
+  ServiceProcess& Service(const std::wstring& module, bool development) {
+    const std::wstring name = L"process-" + std::to_wstring(GetCurrentProcessId());
+    service = std::make_unique<ServiceProcess>(ServiceOptions{name, module, {}, development},
+                                               lines.Targets(), *this);
+    return *service;
+  }
+
+  // Runs the service, sends it the controls and stops it. Returns what its handler returned.
+  std::vector<std::uint32_t> RunWith(
+      const std::vector<std::pair<std::uint32_t, std::uint32_t>>& controls, bool development) {
+    ServiceProcess& one = Service(Tests::ModulePath(), development);
+    Platform::Thread main([&one] { one.Run(); });
+    EXPECT_EQ(WaitForSingleObject(running.get(), 10'000), WAIT_OBJECT_0);
+    std::vector<std::uint32_t> results;
+    results.reserve(controls.size());
+    for (const auto& [control, event] : controls) results.push_back(one.Control(control, event));
+    one.Control(SERVICE_CONTROL_STOP, 0);
+    main.Join();
+    service.reset();
+    return results;
+  }
+
+  Tests::PrivateStore store;
+  Platform::UniqueHandle running{CreateEventW(nullptr, TRUE, FALSE, nullptr)};
+  std::vector<ServiceState> states;
+  LogLines lines;
+  std::unique_ptr<ServiceProcess> service;
+};
+
+TEST_F(ServiceProcessTest, ForwardsTheManagersCodesInOrderAndReportsEachState) {
+  EXPECT_THAT(RunWith({{SERVICE_CONTROL_POWEREVENT, 4},
+                       {SERVICE_CONTROL_SESSIONCHANGE, 5},
+                       {SERVICE_CONTROL_POWEREVENT, 18},
+                       {SERVICE_CONTROL_INTERROGATE, 0},
+                       {PowerControl(7), 0},
+                       {SERVICE_CONTROL_PARAMCHANGE, 0}},
+                      false),
+              ElementsAre(NO_ERROR, NO_ERROR, NO_ERROR, NO_ERROR, ERROR_CALL_NOT_IMPLEMENTED,
+                          ERROR_CALL_NOT_IMPLEMENTED));
+  const std::wstring text = lines.Text();
+  const auto at = [&](const wchar_t* line) { return text.find(line); };
+  EXPECT_LT(at(L": power event 4\n"), at(L": session change 5\n"));
+  EXPECT_LT(at(L": session change 5\n"), at(L": power event 18\n"));
+  EXPECT_LT(at(L": power event 18\n"), at(L": the module is stopped\n"));
+  EXPECT_THAT(text, Not(HasSubstr(L"power event 7")));
+  std::vector<std::uint32_t> seen;
+  std::uint32_t checkpoint = 0;
+  for (const ServiceState& state : states) {
+    if (seen.empty() || seen.back() != state.state) {
+      seen.push_back(state.state);
+      checkpoint = 0;
+    }
+    const bool lasts = state.state == SERVICE_RUNNING || state.state == SERVICE_STOPPED;
+    EXPECT_EQ(state.checkpoint, lasts ? 0 : ++checkpoint);
+    EXPECT_EQ(state.exitCode, 0U);
+  }
+  EXPECT_THAT(seen, ElementsAre(SERVICE_START_PENDING, SERVICE_RUNNING, SERVICE_STOP_PENDING,
+                                SERVICE_STOPPED));
+}
+
+TEST_F(ServiceProcessTest, TakesEventsOfUsersOnlyUnderDevelopment) {
+  EXPECT_THAT(
+      RunWith({{PowerControl(7), 0}, {SessionControl(63), 0}, {127, 0}, {256, 0}}, true),
+      ElementsAre(NO_ERROR, NO_ERROR, ERROR_CALL_NOT_IMPLEMENTED, ERROR_CALL_NOT_IMPLEMENTED));
+  EXPECT_THAT(lines.Text(), HasSubstr(L"power event 7\n"));
+  EXPECT_THAT(lines.Text(), HasSubstr(L"session change 63\n"));
+}
+
+TEST_F(ServiceProcessTest, AModuleThatCannotBeLoadedEndsItWithAnErrorAndALine) {
+  ServiceProcess& one = Service(L"C:\\windows\\none.dll", false);
+  one.Run();
+  EXPECT_EQ(states.back().state, static_cast<std::uint32_t>(SERVICE_STOPPED));
+  EXPECT_EQ(states.back().exitCode, static_cast<std::uint32_t>(ERROR_SERVICE_SPECIFIC_ERROR));
+  EXPECT_THAT(lines.Text(), HasSubstr(L"the service cannot run: "));
+  EXPECT_EQ(one.Control(SERVICE_CONTROL_POWEREVENT, 7), static_cast<std::uint32_t>(NO_ERROR));
+}
+
+}  // namespace
+}  // namespace Vx::Host

@@ -1,0 +1,147 @@
+// Whether a host stays as large as it is over a day's events and commands. The variable VX_STEPS
+// sets how many codes, see scripts/soak.
+
+#include <cstdint>
+#include <cstdio>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include <windows.h>
+
+#include "hosting/text.h"
+#include "platform/thread.h"
+#include "servicehost/host_loop.h"
+#include "servicehost/log_folder.h"
+#include "servicehost/pipe_server.h"
+#include "support/framework_thread.h"
+#include "support/probe.h"
+#include "support/process_gauges.h"
+#include "support/setting.h"
+#include "support/temp_folder.h"
+#include "vxhost/service/pipe_client.h"
+
+namespace Vx::Host {
+namespace {
+
+constexpr std::size_t kConnections = 50;
+constexpr std::size_t kHeapAllowance = std::size_t{64} * 1024;
+constexpr std::size_t kCommitAllowance = std::size_t{1} << 20;
+
+// How many handles this process has open. Counts them one by one: what leaks while many connections
+// are open has high values, which HandleGauge sees only in part.
+std::size_t OpenHandles() {
+  constexpr std::uintptr_t kBeyond = 0x8000;
+  std::size_t open = 0;
+  DWORD flags = 0;
+  for (std::uintptr_t value = 4; value < kBeyond; value += 4) {
+    // NOLINTNEXTLINE(performance-no-int-to-ptr): handle values are multiples of four
+    if (GetHandleInformation(reinterpret_cast<HANDLE>(value), &flags) != FALSE) ++open;
+  }
+  return open;
+}
+
+// Returns the number as soon as it is at most `goal`, and otherwise what it is after five seconds.
+std::size_t RestingHandles(std::size_t goal) {
+  const ULONGLONG end = GetTickCount64() + 5000;
+  std::size_t open = OpenHandles();
+  for (; open > goal && GetTickCount64() < end; open = OpenHandles()) Sleep(5);
+  return open;
+}
+
+class ServiceSoakTest : public ::testing::Test {
+ protected:
+  static std::vector<std::unique_ptr<LogTarget>> Files(const std::wstring& folder) {
+    std::vector<std::unique_ptr<LogTarget>> targets;
+    targets.push_back(std::make_unique<LogFolder>(folder));
+    return targets;
+  }
+
+  // Codes from both sources and the sessions', and a command per ten codes over
+  // connections of their own, some of which a client breaks off in the middle.
+  void LiveThrough(std::size_t codes) {
+    std::vector<Platform::Thread> clients;
+    const std::size_t each = codes / 10 / kConnections;
+    for (std::size_t client = 0; client < kConnections; ++client) {
+      clients.emplace_back([this, each] {
+        PipeClient connection(path, GetCurrentProcessId(), std::chrono::seconds(60));
+        for (std::size_t i = 0; i < each; ++i) {
+          EXPECT_EQ(connection.Execute({i % 2 == 0 ? 20U : 22U, L"{}"}).code, 0U);
+        }
+      });
+    }
+    for (std::size_t code = 0; code < codes; ++code) {
+      if (code % 10 == 9) {
+        host.OnSession(code % 20 == 9 ? 7 : 8);
+      } else {
+        host.OnPower(code % 3 == 0 ? 10 : 32787, PowerSource::ServiceControl);
+      }
+    }
+    for (Platform::Thread& client : clients) client.Join();
+    for (std::size_t i = 0; i < codes / 500; ++i) BreakOff(i);
+  }
+
+  // A client that goes before its message, in it or before its result.
+  void BreakOff(std::size_t kind) {
+    Platform::UniqueHandle pipe;
+    while (pipe == nullptr) {
+      pipe = Platform::AdoptFile(CreateFileW(path.c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr,
+                                             OPEN_EXISTING, 0, nullptr));
+      if (pipe == nullptr) Sleep(1);
+    }
+    const std::string whole = WriteCommand({22, L"{}"});
+    const std::string message = kind % 3 == 0 ? "" : kind % 3 == 1 ? whole.substr(0, 5) : whole;
+    DWORD written = 0;
+    if (!message.empty()) {
+      WriteFile(pipe.get(), message.data(), static_cast<DWORD>(message.size()), &written, nullptr);
+    }
+  }
+
+  Tests::PrivateStore store;
+  Tests::TempFolder logs;
+  const std::wstring path = PipePath(L"soak-" + std::to_wstring(GetCurrentProcessId()));
+  ServiceLog log{Files(logs.Path().wstring())};
+  HostLoop host{{Tests::ModulePath(), false}, log};
+  PipeServer server{{.path = path, .allowed = {}},
+                    [this](const CommandEnvelope& command, const std::wstring& client) {
+                      return host.Execute(command, client);
+                    },
+                    [](const wchar_t*, std::wstring_view) {}};
+};
+
+TEST_F(ServiceSoakTest, ADayLeavesHandlesThreadsAndMemoryWhereTheyWere) {
+  host.Execute(
+      {9, LR"({"powerEventType":10,"eventAction":1,"commandParams":{"path":"C:\\no.exe"}})"}, L"s");
+  Tests::StartFrameworkThread();
+  const std::size_t quiet = Tests::ThreadCount();
+  const std::size_t day = Tests::Setting("VX_STEPS", 1000);
+  LiveThrough(1000);
+  struct Figures {
+    std::size_t threads;
+    std::size_t handles;
+    Tests::MemoryInUse memory;
+  };
+  const auto measure = [this, quiet](std::size_t handles, const char* when) {
+    log.Flush();
+    Tests::ThreadsEnd(quiet + 1);  // the last connection is joined when the next one comes
+    const Figures now{Tests::ThreadCount(), RestingHandles(handles + Tests::kMutexEvents),
+                      Tests::MeasureMemory()};
+    std::printf("%-9s %zu threads, %zu handles, %zu KiB committed, %zu bytes in blocks\n", when,
+                now.threads, now.handles, now.memory.committed / 1024, now.memory.heap);
+    return now;
+  };
+  const Figures before = measure(SIZE_MAX - Tests::kMutexEvents, "warm");
+  LiveThrough(day);
+  const Figures after = measure(before.handles, "afterward");
+  EXPECT_LE(after.threads, quiet + 1);  // as above: the last connection may not be joined yet
+  EXPECT_LE(after.handles, before.handles + Tests::kMutexEvents);
+  if (!Tests::MemoryIsMeasurable()) return;
+  EXPECT_LE(after.memory.heap, before.memory.heap + kHeapAllowance);
+  EXPECT_LE(after.memory.committed, before.memory.committed + kCommitAllowance);
+}
+
+}  // namespace
+}  // namespace Vx::Host

@@ -1,0 +1,187 @@
+#include "vxhost/commands/command_line.h"
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <exception>
+#include <stdexcept>
+#include <utility>
+
+#include "hosting/text.h"
+#include "platform/windows_runtime_error.h"
+#include "vxhost/service/service_manager.h"
+
+#include <windows.h>
+
+namespace Vx::Host {
+
+namespace {
+
+constexpr char kAbout[] =
+    "The development host: loads the service module in the role of the service host, and shows "
+    "what\n"
+    "the module stores, trusts and decides.";
+constexpr char kFooter[] =
+    "Exit codes: 0 done; 1 the command failed, an expectation was not met, a file is not trusted "
+    "or\n"
+    "has no signature to pin, or a subscription would never run; 2 wrong usage, or the module, a\n"
+    "file or the store cannot be used.\n"
+    "\n"
+    "vxhost SUBCOMMAND --help shows every option and an example.";
+constexpr char kVersion[] = "vxhost " VX_VERSION;
+
+std::string Joined(const std::vector<const CLI::App*>& commands) {
+  std::string names;
+  for (std::size_t i = 0; i < commands.size(); ++i) {
+    if (i != 0) names += i + 1 == commands.size() ? " and " : ", ";
+    const CLI::App* parent = commands[i]->get_parent();
+    if (parent->get_parent() != nullptr) names += parent->get_name() + " ";
+    names += commands[i]->get_name();
+  }
+  return names;
+}
+
+}  // namespace
+
+CommandLine::CommandLine() : app(kAbout, "vxhost") {
+  app.footer(kFooter);
+  app.set_version_flag("--version", kVersion);
+  app.require_subcommand(1);
+  app.fallthrough();
+  app.allow_windows_style_options(false);  // a path may begin with a slash
+  moduleOptions.options = {
+      app.add_option("--dll", module.dll, "the module (default: OrvaneService.dll beside vxhost)"),
+      app.add_flag("--private-store", module.privateStore, "give this run a store of its own"),
+      app.add_flag("--simulate", module.simulate,
+                   "use a simulated machine, with the service that is built into vxhost and a\n"
+                   "store of its own")};
+  storeOption.options = {app.add_option(
+      "--store", module.store, "keep the store below this existing folder, not the machine's")};
+  app.add_flag("-q,--quiet", quiet, "results only");
+  app.add_option("--color", colours, "auto, always or never; NO_COLOR is respected")
+      ->check(CLI::IsMember({"auto", "always", "never"}));
+}
+
+CLI::App& CommandLine::Add(const char* name, const char* about, const char* footer, Run function) {
+  return Add(app, name, about, footer, std::move(function));
+}
+
+CLI::App& CommandLine::Add(CLI::App& parent, const char* name, const char* about,
+                           const char* footer, Run function) {
+  CLI::App& command = *parent.add_subcommand(name, about);
+  command.footer(footer);
+  command.callback([this, &command, function = std::move(function)] {
+    if (!command.get_subcommands().empty()) return;  // one of its own was chosen
+    chosen = &command;
+    run = function;
+  });
+  return command;
+}
+
+CLI::App& CommandLine::AddGroup(const char* name, const char* about) {
+  CLI::App& group = *app.add_subcommand(name, about);
+  group.require_subcommand(1);
+  return group;
+}
+
+void CommandLine::UseModule(const CLI::App& command) {
+  moduleOptions.users.push_back(&command);
+}
+
+void CommandLine::OfferJson(CLI::App& command) {
+  command.add_flag("--json", json, "one JSON object per line");
+}
+
+void CommandLine::AddTimeout(CLI::App& command, HoldLimits& limits) {
+  command
+      .add_option_function<int>(
+          "--timeout", [&limits](int seconds) { limits.timeout = std::chrono::seconds(seconds); },
+          "how many seconds to wait for the store; 0: without limit")
+      ->check(CLI::Range(0, kLongestSeconds))
+      ->default_str("30");
+}
+
+void CommandLine::OfferService(CLI::App& command, std::string& name) {
+  command.add_flag("--service{" + std::string(kDefaultServiceName) + "}", name,
+                   "speak to the running service, or with --service=NAME to the one of this name");
+}
+
+int CommandLine::Execute(std::vector<std::string> arguments) {
+  for (const LeadingOptions& leading : {moduleOptions, storeOption}) {
+    for (const CLI::Option* option : leading.options) {
+      app.get_option(option->get_name())->group("Options of " + Joined(leading.users));
+    }
+  }
+  // A fault of the command line comes before the parser has seen the option.
+  json = std::find(arguments.begin(), arguments.end(), "--json") != arguments.end();
+  try {
+    RefuseUnknownSubcommand(arguments);
+    std::reverse(arguments.begin(), arguments.end());  // the parser takes them from the end
+    app.parse(std::move(arguments));
+    RefuseUselessOptions();
+  } catch (const CLI::ParseError& error) {
+    if (error.get_exit_code() != 0 && json) return Fail(error.what(), 0);
+    return app.exit(error) == 0 ? kDone : kUnusable;
+  }
+  Console console({.form = json ? LogForm::Json : LogForm::Text,
+                   .quiet = quiet,
+                   .colours = colours == "always"  ? Colours::Always
+                              : colours == "never" ? Colours::Never
+                                                   : Colours::Auto});
+  try {
+    ChooseStore();
+    return run(console);
+  } catch (const Platform::WindowsRuntimeError& error) {
+    return Fail(Utf8(error.message()), error.code());
+  } catch (const std::exception& error) {
+    return Fail(error.what(), 0);
+  }
+}
+
+int CommandLine::Fail(const std::string& why, std::int32_t result) const {
+  if (json) {
+    Console({.form = LogForm::Json}).JsonResult(ErrorJson(why, kUnusable, result));
+  } else {
+    const std::string code = result == 0 ? "" : ": " + DescribeResult(result);
+    std::fprintf(stderr, "vxhost: %s\n", Printable(why + code, LineBreaks::Keep).c_str());
+  }
+  return kUnusable;
+}
+
+// The parser would only report that a subcommand is missing.
+void CommandLine::RefuseUnknownSubcommand(const std::vector<std::string>& arguments) const {
+  if (arguments.empty() || arguments.front().rfind('-', 0) == 0) return;
+  const std::string& name = arguments.front();
+  const auto known =
+      app.get_subcommands([&name](const CLI::App* command) { return command->get_name() == name; });
+  if (!known.empty()) return;
+  std::vector<std::string> names;
+  for (const CLI::App* command : app.get_subcommands({})) names.push_back(command->get_name());
+  throw CLI::ValidationError("there is no subcommand \"" + name + "\"" + DidYouMean(name, names));
+}
+
+void CommandLine::RefuseUselessOptions() const {
+  for (const LeadingOptions& leading : {moduleOptions, storeOption}) {
+    if (std::ranges::find(leading.users, chosen) != leading.users.end()) continue;
+    for (const CLI::Option* option : leading.options) {
+      if (option->count() == 0) continue;
+      throw CLI::ValidationError(option->get_name(), "only " + Joined(leading.users) + " use it");
+    }
+  }
+}
+
+// The module and what vxhost links find the store by this variable.
+void CommandLine::ChooseStore() const {
+  if (module.store.empty()) return;
+  if (module.privateStore || module.simulate) {
+    throw std::runtime_error("--store excludes --private-store and --simulate");
+  }
+  const std::wstring folder = FullPath(module.store);
+  const DWORD attributes = GetFileAttributesW(folder.c_str());
+  if (attributes == INVALID_FILE_ATTRIBUTES || (attributes & FILE_ATTRIBUTE_DIRECTORY) == 0) {
+    throw std::runtime_error("there is no folder " + Utf8(folder));
+  }
+  SetEnvironmentVariableW(L"ProgramData", folder.c_str());
+}
+
+}  // namespace Vx::Host

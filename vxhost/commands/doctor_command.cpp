@@ -1,0 +1,468 @@
+#include "vxhost/commands/doctor_command.h"
+
+#include <algorithm>
+#include <array>
+#include <cstdint>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <windows.h>
+
+#include "bod/vx_bios_wmi.h"
+#include "hosting/text.h"
+#include "json/json_object.h"
+#include "json/json_text.h"
+#include "launch/companion_apps.h"
+#include "launch/session_launch.h"
+#include "platform/clock.h"
+#include "platform/console_user.h"
+#include "platform/environment.h"
+#include "platform/files.h"
+#include "platform/machine.h"
+#include "platform/packages.h"
+#include "platform/processes.h"
+#include "platform/system_services.h"
+#include "platform/unique_handle.h"
+#include "platform/windows_runtime_error.h"
+#include "security/file_trust.h"
+#include "security/pinned_keys.h"
+#include "servicehost/host_loop.h"
+#include "servicehost/service_log.h"
+#include "simulator/simulated_machine.h"
+#include "storage/cap_data_store.h"
+#include "storage/sealed_file.h"
+#include "vxhost/subscriptions/certificates.h"
+#include "vxhost/subscriptions/module_pins.h"
+
+#include <rapidjson/prettywriter.h>
+
+namespace Vx::Host {
+
+namespace {
+
+namespace Orvane = Tessel::Server::Services::Orvane;
+using Tessel::Server::Storage::CapDataStore;
+using Tessel::Server::Storage::SealedFile;
+using Tessel::Server::Storage::StoreState;
+
+// Unusable: the module cannot work at all. Finding: one of its capabilities cannot.
+enum class Health { Good, Finding, Unusable };
+
+struct Check {
+  const char* what;
+  Health health = Health::Good;
+  std::wstring found;
+  std::wstring expected = {};  // this and the advice only where `health` is not good
+  std::wstring advice = {};
+};
+
+// A check that is good, or a finding with what was expected and what to do.
+Check Judge(const char* what, bool good, std::wstring found, const wchar_t* expected,
+            const wchar_t* advice) {
+  Check check{.what = what, .found = std::move(found)};
+  if (!good) {
+    check.health = Health::Finding;
+    check.expected = expected;
+    check.advice = advice;
+  }
+  return check;
+}
+
+constexpr DWORD kMutexLimit = 1000;  // milliseconds
+
+const Platform::Machine& Machine() {
+  return Platform::CurrentMachine();
+}
+
+std::wstring Expanded(const wchar_t* text) {
+  auto expanded = Machine().environment->Expand(text, Platform::kLongestPath);
+  return expanded ? *std::move(expanded) : text;
+}
+
+std::wstring Code(std::uint32_t error) {
+  return L"error " + std::to_wstring(error);
+}
+
+// The version in a file's resource, "1.2.3.4". Empty when it has none.
+std::wstring FileVersion(const std::wstring& path) {
+  DWORD ignored = 0;
+  std::vector<std::byte> block(GetFileVersionInfoSizeW(path.c_str(), &ignored));
+  UINT length = 0;
+  void* found = nullptr;
+  if (block.empty() ||
+      GetFileVersionInfoW(path.c_str(), 0, static_cast<DWORD>(block.size()), block.data()) == 0 ||
+      VerQueryValueW(block.data(), L"\\", &found, &length) == 0) {
+    return {};
+  }
+  const auto* info = static_cast<VS_FIXEDFILEINFO*>(found);
+  return std::to_wstring(HIWORD(info->dwFileVersionMS)) + L"." +
+         std::to_wstring(LOWORD(info->dwFileVersionMS)) + L"." +
+         std::to_wstring(HIWORD(info->dwFileVersionLS)) + L"." +
+         std::to_wstring(LOWORD(info->dwFileVersionLS));
+}
+
+Check ModuleFile(const std::wstring& path) {
+  const std::wstring version = FileVersion(path);
+  if (version.empty()) {
+    return {.what = "module",
+            .health = Health::Unusable,
+            .found = path + L" is missing or has no version",
+            .expected = L"the service module",
+            .advice = L"install it, or name it with --dll"};
+  }
+  const std::wstring own = Wide(VX_VERSION);
+  return Judge("module", version == own, path + L", version " + version,
+               (L"version " + own + L", that of this tool").c_str(),
+               L"install both from one package");
+}
+
+constexpr std::int64_t kDaysToRenew = 30;
+
+Check ModuleSignature(const std::wstring& path) {
+  static constexpr char kWhat[] = "module's signature";
+  constexpr wchar_t kExpected[] = L"a signature whose certificate is valid for a month more";
+  const auto keys = Tessel::Security::PublicKeysOf(path);
+  if (keys.empty()) {
+    return Judge(kWhat, false, path + L" has no signature that Windows can read", kExpected,
+                 L"sign it before it is installed");
+  }
+  const auto certificates = CertificatesIn(path);
+  const Certificate* certificate = CertificateOf(certificates, keys.front());
+  if (certificate == nullptr) return {.what = kWhat, .found = L"signed by a catalog"};
+  const std::uint64_t now = Machine().clock->UtcFileTime();
+  return Judge(kWhat, DaysLeft(*certificate, now) >= kDaysToRenew,
+               L"signed by " + certificate->subject + L", until " + Lifetime(*certificate, now),
+               kExpected, L"sign it anew: pin the new key as well if it is another one");
+}
+
+void Pins(const std::wstring& module, const std::optional<ModulePins>& pins,
+          std::vector<Check>& checks) {
+  constexpr wchar_t kAdvice[] = L"without keys nothing is trusted: build with the maker's";
+  if (!pins) {
+    checks.push_back(Judge("pinned keys", false, L"the module's file lists none",
+                           L"at least one of each set", kAdvice));
+    return;
+  }
+  const std::size_t general = pins->General().size();
+  const std::size_t restricted = pins->Restricted().size();
+  checks.push_back(
+      Judge("pinned keys", general != 0 && restricted != 0,
+            std::to_wstring(general) + L" general, " + std::to_wstring(restricted) + L" restricted",
+            L"at least one of each set", kAdvice));
+  const auto keys = Tessel::Security::PublicKeysOf(module);
+  if (keys.empty()) return;  // then the check of the signature is a finding
+  const auto isIn = [&](Tessel::Security::KeySet set) {
+    return std::ranges::any_of(
+        keys, [&](const std::string& key) { return std::ranges::find(set, key) != set.end(); });
+  };
+  const bool isRestricted = isIn(pins->Restricted());
+  const bool pinned = isRestricted || isIn(pins->General());
+  checks.push_back(Judge("module's key", pinned,
+                         !pinned        ? L"its signature's key is not among its pinned keys"
+                         : isRestricted ? L"its signature's key is a restricted one"
+                                        : L"its signature's key is a general one",
+                         L"a module that is signed with a key that it pins",
+                         L"compare vxhost pins with the maker's keys: another party may have "
+                         L"signed it, or it was built with other keys"));
+}
+
+// Whether ordinary users may change what an entry protects.
+bool LetsUsersWrite(const Platform::AccessEntry& entry) {
+  static constexpr std::array kEveryone = {L"S-1-1-0", L"S-1-5-11", L"S-1-5-4", L"S-1-5-32-545"};
+  constexpr std::uint32_t kWriting = FILE_WRITE_DATA | FILE_APPEND_DATA | FILE_DELETE_CHILD |
+                                     DELETE | WRITE_DAC | WRITE_OWNER | GENERIC_WRITE | GENERIC_ALL;
+  return entry.allowed && (entry.mask & kWriting) != 0 &&
+         std::ranges::any_of(kEveryone, [&](const wchar_t* sid) { return entry.sid == sid; });
+}
+
+Check Folder(const std::wstring& folder) {
+  constexpr wchar_t kExpected[] = L"a folder of SYSTEM or the administrators that users only read";
+  const auto access = Machine().files->FolderAccess(folder);
+  if (!access) {
+    return Judge("folder", false, folder + L": " + Code(access.Error()), kExpected,
+                 L"create it at installation, so that no user can create it first");
+  }
+  const bool closed = std::ranges::none_of(access->entries, LetsUsersWrite);
+  return Judge("folder", closed,
+               folder + L", owner " + access->owner + (closed ? L"" : L", users may write to it"),
+               kExpected, L"take the right to write from Users and Everyone");
+}
+
+Check Mutex() {
+  // Services share the global name, programs of a session that of the session.
+  for (const std::wstring& name : {std::wstring(L"Global\\") + CapDataStore::kMutexName,
+                                   std::wstring(CapDataStore::kMutexName)}) {
+    const Platform::UniqueHandle mutex(
+        OpenMutexW(SYNCHRONIZE | MUTEX_MODIFY_STATE, FALSE, name.c_str()));
+    if (mutex == nullptr && GetLastError() == ERROR_FILE_NOT_FOUND) continue;
+    if (mutex == nullptr) {
+      return Judge("store mutex", false, name + L": " + Code(GetLastError()),
+                   L"a mutex that this account may take", L"run as administrator");
+    }
+    const DWORD outcome = WaitForSingleObject(mutex.get(), kMutexLimit);
+    if (outcome == WAIT_OBJECT_0 || outcome == WAIT_ABANDONED) ReleaseMutex(mutex.get());
+    return Judge("store mutex", outcome == WAIT_OBJECT_0 || outcome == WAIT_ABANDONED,
+                 outcome == WAIT_TIMEOUT ? L"still taken after a second" : L"free",
+                 L"free within a second",
+                 L"find the program that keeps it: it stops every service");
+  }
+  return {.what = "store mutex", .found = L"not in use"};
+}
+
+Check Store(const std::wstring& path) {
+  constexpr wchar_t kExpected[] = L"a file that this machine can decrypt";
+  const auto siblings = Machine().files->Siblings(path);
+  if (!siblings || !siblings->empty()) {
+    return Judge("store", false,
+                 siblings ? L"files beside it: a damaged copy or an interrupted write"
+                          : L"its folder cannot be listed: " + Code(siblings.Error()),
+                 L"the file alone", L"see docs/operations.md before you remove any");
+  }
+  // Without siblings this only reads.
+  const SealedFile::Reading reading = SealedFile(path).Read();
+  switch (reading.state) {
+    case StoreState::Missing:
+      return {.what = "store", .found = path + L" does not exist yet"};
+    case StoreState::Sound:
+      return {.what = "store", .found = path + L", readable"};
+    case StoreState::Damaged:
+      return Judge("store", false, L"damaged", kExpected, L"see docs/operations.md");
+    case StoreState::OtherMachine:
+      return Judge("store", false, L"sealed on another machine", kExpected, L"remove it");
+    case StoreState::Linked:
+      return Judge("store", false, L"a link, or a file with a second name", kExpected,
+                   L"find out who made it, then remove it");
+    case StoreState::TooLarge:
+      return Judge("store", false, L"beyond 64 MiB", kExpected, L"see docs/operations.md");
+    case StoreState::NotOpened:
+      break;
+  }
+  return Judge("store", false, path + L": " + Code(reading.error), kExpected,
+               L"run as administrator, or end the program that keeps the file");
+}
+
+void ConsoleUser(std::vector<Check>& checks) {
+  const std::uint32_t session = Machine().sessions->ActiveConsoleSession();
+  if (session == Platform::kNoSession) {
+    checks.push_back(Judge("console", false, L"no session", L"a session with a user",
+                           L"sign in at the machine: programs start in that session only"));
+    return;
+  }
+  const auto user = Machine().sessions->QueryText(session, Platform::SessionText::UserName);
+  checks.push_back(Judge("console", user && !user->empty(),
+                         L"session " + std::to_wstring(session) + L", user " +
+                             (user ? *user : L"unknown: " + Code(user.Error())),
+                         L"a user", L"sign in at the machine"));
+  const auto logon = Orvane::LogonProcessIn(session);
+  const auto image = logon ? Machine().processes->ImagePath(*logon) : std::nullopt;
+  checks.push_back(Judge("logon process", image.has_value(), image.value_or(L"none is seen"),
+                         L"winlogon.exe in the session of the console",
+                         L"run as administrator, who may see it"));
+}
+
+Check FirstRun() {
+  const auto state = Machine().oobe->Query();
+  return Judge("first-run set-up", state.known && state.complete,
+               !state.known     ? L"not reported"
+               : state.complete ? L"complete"
+                                : L"not complete",
+               L"complete", L"the service waits until Windows has finished its set-up");
+}
+
+Check Lockdown(Tessel::Security::KeySet keys) {
+  const std::wstring path = Expanded(L"%windir%\\System32\\wldp.dll");
+  const auto trust = Tessel::Security::JudgeFile(path, keys);
+  return Judge("lockdown library", trust.trusted,
+               path + (trust.trusted ? L", trusted" : L", not trusted"),
+               L"a library that is signed with a general key",
+               L"without it S mode is never noticed; see vxhost trust --general");
+}
+
+Check Package(const Orvane::CompanionApp& app) {
+  const Platform::ActingReport ignored = [](auto, auto) {};
+  auto found = Platform::AsConsoleUser(
+      ignored, [&] { return Machine().packages->FindByFamily(app.packageFamilyName).fullNames; });
+  if (found.empty()) found = Machine().packages->FindByFamily(app.packageFamilyName).fullNames;
+  return Judge("companion app", !found.empty(),
+               std::wstring(app.packageFamilyName) +
+                   (found.empty() ? L" is not installed for the user" : L": " + found.front()),
+               L"installed for the user at the console",
+               L"install it, unless this machine is sold without it");
+}
+
+Check Firmware() {
+  Tessel::Server::Shared::WMI::VxBiosWmi firmware;
+  const bool ready = firmware.GetReady();
+  return Judge("firmware", ready,
+               ready ? L"its WMI namespace opens (its class is not asked)" : L"no WMI namespace",
+               L"the maker's WMI provider", L"a machine of another maker keeps no born-on date");
+}
+
+Check SessionPart() {
+  const bool present = Machine().apiSets->IsPresent(Platform::kSessionApiSet);
+  return Judge("session functions", present, present ? L"present" : L"absent", L"present",
+               L"this edition has no interactive users: nothing is started for them");
+}
+
+Check Triggers() {
+  const bool present =
+      GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "RtlRaiseCustomSystemEventTrigger") != nullptr;
+  return Judge("custom triggers", present, present ? L"present" : L"absent", L"present",
+               L"this Windows raises no custom triggers: subscriptions with one only log a status");
+}
+
+// Counts the power events in the log of a service and returns the last record of one. Clients
+// choose other texts of a log, so only the service's own records count.
+struct PowerEvents {
+  std::size_t count = 0;
+  std::wstring last;  // "power event 18 at 2026-01-02T03:04:05.678Z"
+};
+
+void CountPowerEvents(const std::filesystem::path& path, PowerEvents& events) {
+  std::ifstream file(path, std::ios::binary);
+  for (std::string line; std::getline(file, line);) {
+    if (line.find(Utf8(kHostProvider)) == std::string::npos) continue;
+    try {
+      const auto record = Json::JsonObject::Parse(Wide(line));
+      const std::wstring message = record.GetNamedString(L"message");
+      if (record.GetNamedString(L"provider") != kHostProvider ||
+          message.rfind(kPowerForwarded, 0) != 0) {
+        continue;
+      }
+      ++events.count;
+      events.last = message + L" at " + record.GetNamedString(L"time");
+    } catch (const Platform::WindowsRuntimeError&) {
+      continue;  // not a record, such as the half line of a process that was killed
+    }
+  }
+}
+
+Check Power(const std::string& folder) {
+  if (folder.empty()) {
+    return {.what = "power events",
+            .found = L"not known: no log folder of a service is named with --log"};
+  }
+  std::vector<std::filesystem::path> files;
+  std::error_code error;
+  for (const auto& entry : std::filesystem::directory_iterator(FullPath(folder), error)) {
+    if (entry.path().extension() == L".log") files.push_back(entry.path());
+  }
+  if (error) throw std::runtime_error("cannot list " + folder + ": " + error.message());
+  std::ranges::sort(files);  // by day and number
+  PowerEvents events;
+  for (const auto& file : files) CountPowerEvents(file, events);
+  return Judge("power events", events.count != 0,
+               events.count == 0 ? L"none in " + std::to_wstring(files.size()) + L" log files"
+                                 : std::to_wstring(events.count) + L", the last " + events.last,
+               L"at least one", L"let the machine sleep and wake while the service runs");
+}
+
+std::vector<Check> Examine(const std::wstring& module, const std::string& logFolder) {
+  std::optional<ModulePins> pins;
+  try {
+    pins.emplace(module);
+  } catch (const std::runtime_error&) {
+    pins.reset();  // its check says so
+  }
+  std::vector<Check> checks;
+  checks.push_back(ModuleFile(module));
+  checks.push_back(ModuleSignature(module));
+  Pins(module, pins, checks);
+  const std::wstring data = Expanded(L"%ProgramData%\\Vx");
+  checks.push_back(Folder(data));
+  checks.push_back(Mutex());
+  checks.push_back(Store(data + L"\\SharedServices\\shared_store.dat"));
+  ConsoleUser(checks);
+  checks.push_back(FirstRun());
+  checks.push_back(Lockdown(pins ? pins->General() : Tessel::Security::KeySet()));
+  for (const auto& app : {Orvane::kQubo, Orvane::kAurelo}) checks.push_back(Package(app));
+  checks.push_back(Firmware());
+  checks.push_back(SessionPart());
+  checks.push_back(Triggers());
+  checks.push_back(Power(logFolder));
+  return checks;
+}
+
+const char* Name(Health health) {
+  switch (health) {
+    case Health::Good:
+      return "ok";
+    case Health::Finding:
+      return "finding";
+    case Health::Unusable:
+      break;
+  }
+  return "unusable";
+}
+
+void PrintText(const std::vector<Check>& checks, Console& console) {
+  for (const Check& check : checks) {
+    console.Line(std::string(check.health == Health::Good ? "  +  " : "  -  ") + check.what + ": " +
+                 Utf8(check.found));
+    if (check.health == Health::Good) continue;
+    console.Line("       expected: " + Utf8(check.expected));
+    console.Line("       do: " + Utf8(check.advice));
+  }
+}
+
+void PrintJson(const std::vector<Check>& checks, Console& console) {
+  Json::WideDocument document(rapidjson::kArrayType);
+  auto& pool = document.GetAllocator();
+  for (const Check& check : checks) {
+    Json::WideValue row(rapidjson::kObjectType);
+    const auto add = [&](const wchar_t* key, const std::wstring& text) {
+      row.AddMember(rapidjson::StringRef(key), Json::WideValue(text, pool), pool);
+    };
+    add(L"check", Wide(check.what));
+    add(L"health", Wide(Name(check.health)));
+    add(L"found", check.found);
+    add(L"expected", check.expected);
+    add(L"advice", check.advice);
+    document.PushBack(row, pool);
+  }
+  console.JsonResult(document);
+}
+
+int Doctor(const CommandLine& line, const std::string& logFolder, Console& console) {
+  const ModuleOptions& options = line.Module();
+  if (options.privateStore) throw std::runtime_error("doctor examines the store of the machine");
+  std::optional<Simulator::SimulatedMachine> simulated;
+  std::optional<Platform::MachineScope> scope;
+  if (options.simulate) {
+    simulated.emplace();
+    scope.emplace([&](Platform::Machine& machine) { simulated->Install(machine); });
+  }
+  const auto checks = Examine(options.Path(), logFolder);
+  if (line.Json()) {
+    PrintJson(checks, console);
+  } else {
+    PrintText(checks, console);
+  }
+  const auto worst = std::ranges::max_element(checks, {}, &Check::health)->health;
+  return worst == Health::Good ? kDone : worst == Health::Finding ? kNotMet : kUnusable;
+}
+
+constexpr char kFooter[] =
+    "Only looks: it changes nothing, starts nothing and creates nothing.\n"
+    "Exit code 0: everything is in order; 1: findings; 2: the module cannot be used.\n"
+    "  vxhost doctor\n"
+    "  vxhost doctor --json > report.json";
+
+}  // namespace
+
+void AddDoctorCommand(CommandLine& line) {
+  const auto logFolder = std::make_shared<std::string>();
+  CLI::App& doctor =
+      line.Add("doctor", "examine whether this machine has what the module needs", kFooter,
+               [&line, logFolder](Console& console) { return Doctor(line, *logFolder, console); });
+  doctor.add_option("--log", *logFolder, "the log folder of a service that runs on this machine");
+  line.UseModule(doctor);
+  line.OfferJson(doctor);
+}
+
+}  // namespace Vx::Host

@@ -1,0 +1,166 @@
+#include "vxhost/commands/explain_command.h"
+
+#include <charconv>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "hosting/text.h"
+#include "json/json_text.h"
+#include "vxhost/play/played_keys.h"
+#include "vxhost/store/store_look.h"
+#include "vxhost/subscriptions/explanation.h"
+
+namespace Vx::Host {
+
+namespace {
+
+struct Options {
+  std::string kind;
+  std::string which;
+  bool all = false;
+  HoldLimits limits;
+};
+
+const wchar_t* NameOf(Fate fate) {
+  switch (fate) {
+    case Fate::Runs:
+      return L"run";
+    case Fate::Dropped:
+      return L"dropped";
+    case Fate::Refused:
+      return L"refused";
+    case Fate::Never:
+      return L"never";
+    case Fate::OtherEvent:
+      return L"other event";
+  }
+  return L"";
+}
+
+std::uint32_t CodeOf(const std::string& written) {
+  std::string_view text = written;
+  const bool hexadecimal = text.starts_with("0x");
+  if (hexadecimal) text.remove_prefix(2);
+  std::uint32_t code = 0;
+  const auto [end, error] =
+      std::from_chars(text.data(), text.data() + text.size(), code, hexadecimal ? 16 : 10);
+  if (error != std::errc() || end != text.data() + text.size()) {
+    throw std::runtime_error(written + " is not the code of an event");
+  }
+  return code;
+}
+
+Occasion OccasionOf(const Options& options) {
+  if (options.all) {
+    if (!options.kind.empty()) throw std::runtime_error("--all takes no event");
+    return {};
+  }
+  if (options.which.empty()) {
+    throw std::runtime_error("name an event, such as power 18 or uninstall FAMILY, or --all");
+  }
+  const bool uninstall = options.kind == "uninstall";
+  for (const SubscriptionKind& kind : SubscriptionKinds()) {
+    if (uninstall && kind.family != nullptr) return {&kind, 0, Wide(options.which)};
+    if (kind.family == nullptr && options.kind == kind.name) {
+      return {&kind, CodeOf(options.which), {}};
+    }
+  }
+  throw std::runtime_error("there is no event " + options.kind +
+                           DidYouMean(options.kind, {"power", "platform", "uninstall"}));
+}
+
+std::string VerdictOf(const Explanation& one) {
+  switch (one.fate) {
+    case Fate::Runs:
+      return one.wait == 0 ? "would run" : "would wait " + std::to_string(one.wait) + " s and run";
+    case Fate::Dropped:
+      return "would be dropped";
+    case Fate::Refused:
+      return one.wait == 0 ? "refused"
+                           : "would wait " + std::to_string(one.wait) + " s and be refused";
+    case Fate::Never:
+      return "never";
+    case Fate::OtherEvent:
+      return "not concerned";
+  }
+  return {};
+}
+
+void Print(const Explanation& one, Console& console) {
+  const std::string number = std::to_string(one.subscription.number);
+  const std::string hash =
+      one.subscription.hash.empty() ? std::string(8, '-') : Utf8(one.subscription.hash);
+  std::string line = std::string(number.size() < 4 ? 4 - number.size() : 0, ' ') + number + "  " +
+                     hash + "  " + VerdictOf(one);
+  if (!one.action.empty()) line += ": " + Utf8(one.action);
+  console.Line(line);
+  for (const std::wstring& reason : one.reasons) {
+    console.Line("                because " + Utf8(reason));
+  }
+}
+
+Json::WideDocument AsJson(const Explanation& one) {
+  Json::WideDocument row = RowOf(one);
+  auto& pool = row.GetAllocator();
+  const auto text = [&pool](const std::wstring& value) { return Json::WideValue(value, pool); };
+  row.AddMember(L"verdict", text(NameOf(one.fate)), pool);
+  row.AddMember(L"wait", one.wait, pool);
+  row.AddMember(L"action", text(one.action), pool);
+  Json::WideValue reasons(rapidjson::kArrayType);
+  for (const std::wstring& reason : one.reasons) reasons.PushBack(text(reason), pool);
+  row.AddMember(L"reasons", reasons, pool);
+  return row;
+}
+
+int RunExplain(const ModuleOptions& module, const Options& options, Console& console) {
+  if (module.privateStore || module.simulate) {
+    throw std::runtime_error(
+        "explain judges on this machine and with its store, or that of --store");
+  }
+  const Occasion occasion = OccasionOf(options);
+  const auto subscriptions = SubscriptionsIn(DocumentOf(LookAtStore(options.limits)));
+  const KeysOfModule keys(module.Path());
+  if (occasion.kind != nullptr && occasion.kind->family == nullptr &&
+      MeaningOfCode(*occasion.kind, occasion.code) == nullptr) {
+    console.Note(std::string(occasion.kind->name) + " event " + std::to_string(occasion.code) +
+                 " never occurs");
+  }
+  for (const Explanation& one : Explain(subscriptions, occasion)) {
+    if (console.WritesJson()) {
+      console.JsonResult(AsJson(one));
+    } else {
+      Print(one, console);
+    }
+  }
+  if (subscriptions.empty()) console.Note("(no subscription is stored)");
+  return kDone;
+}
+
+constexpr char kFooter[] =
+    "Starts, sends and stores nothing. The keys are those of the module, see --dll. Judges with "
+    "this account's rights: another one may not use\n"
+    "the console session's winlogon.exe, as the service may.\n"
+    "  vxhost explain power 18\n"
+    "  vxhost explain uninstall Maker.App_abcdefgh12345\n"
+    "  vxhost explain --all --json";
+
+}  // namespace
+
+void AddExplainCommand(CommandLine& line) {
+  const auto options = std::make_shared<Options>();
+  CLI::App& explain = line.Add(
+      "explain", "explain what an event would lead to, for each stored subscription", kFooter,
+      [&line, options](Console& console) { return RunExplain(line.Module(), *options, console); });
+  explain.add_option("kind", options->kind, "power, platform or uninstall");
+  explain.add_option("event", options->which, "its code, or the family of the package");
+  explain.add_flag("--all", options->all, "each subscription at its own event");
+  CommandLine::AddTimeout(explain, options->limits);
+  line.OfferJson(explain);
+  line.UseModule(explain);
+  line.UseStore(explain);
+}
+
+}  // namespace Vx::Host

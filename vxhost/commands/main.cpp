@@ -1,0 +1,64 @@
+#include <cstdio>
+#include <exception>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <windows.h>
+
+#include <shellapi.h>
+
+#include "hosting/text.h"
+#include "vxhost/commands/command_line.h"
+#include "vxhost/commands/doctor_command.h"
+#include "vxhost/commands/explain_command.h"
+#include "vxhost/commands/history_command.h"
+#include "vxhost/commands/module_commands.h"
+#include "vxhost/commands/service_command.h"
+#include "vxhost/commands/store_commands.h"
+#include "vxhost/commands/subscription_commands.h"
+#include "vxhost/commands/trust_commands.h"
+#include "vxhost/commands/validate_command.h"
+#include "vxhost/commands/watch_command.h"
+#include "vxhost/common/console.h"
+#include "vxhost/subscriptions/own_signature.h"
+
+namespace {
+
+using namespace Vx::Host;
+
+// The arguments as UTF-8. Those of main passed through the system's code page.
+std::vector<std::string> Arguments() {
+  int count = 0;
+  const std::unique_ptr<wchar_t*, decltype(&LocalFree)> wide(
+      CommandLineToArgvW(GetCommandLineW(), &count), &LocalFree);
+  std::vector<std::string> arguments;
+  for (int i = 1; wide != nullptr && i < count; ++i) arguments.push_back(Utf8(wide.get()[i]));
+  return arguments;
+}
+
+}  // namespace
+
+int main() {
+  const TerminalScope terminal;
+  try {
+    RefusePinnedSignature(OwnPath());
+    CommandLine line;
+    // The order of the help.
+    AddModuleCommands(line);
+    AddServiceCommands(line);
+    AddStoreCommands(line);
+    AddSubscriptionCommands(line);
+    AddTrustCommands(line);
+    AddWatchCommand(line);
+    AddValidateCommand(line);
+    AddExplainCommand(line);
+    AddHistoryCommand(line);
+    AddResumeCommand(line);
+    AddDoctorCommand(line);
+    return line.Execute(Arguments());
+  } catch (const std::exception& error) {
+    std::fprintf(stderr, "vxhost: %s\n", error.what());
+    return kUnusable;
+  }
+}

@@ -1,0 +1,313 @@
+#include "vxhost/commands/module_commands.h"
+
+#include <algorithm>
+#include <chrono>
+#include <cstdint>
+#include <cwchar>
+#include <iterator>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include <windows.h>
+
+#include "hosting/store_hold.h"
+#include "hosting/text.h"
+#include "json/json_object.h"
+#include "platform/windows_runtime_error.h"
+#include "simulator/simulated_machine.h"
+#include "vxhost/log/timeline_page.h"
+#include "vxhost/log/timeline_picture.h"
+#include "vxhost/play/play_report.h"
+#include "vxhost/play/scenario.h"
+#include "vxhost/play/theatre.h"
+#include "vxhost/service/service_views.h"
+
+namespace Vx::Host {
+
+namespace {
+
+Definitions DefinitionsOf(const std::vector<std::string>& arguments) {
+  Definitions definitions;
+  for (const std::string& argument : arguments) {
+    const std::size_t equals = argument.find('=');
+    if (equals == std::string::npos) throw std::runtime_error("--define needs NAME=VALUE");
+    definitions[Wide(argument.substr(0, equals))] = Wide(argument.substr(equals + 1));
+  }
+  return definitions;
+}
+
+struct ExecOptions {
+  std::uint32_t id = 0;
+  std::string request = "{}";
+  std::string caller = "vxhost";
+  std::string service;  // empty: a module of this process
+  HoldLimits limits;
+};
+
+// The request that an argument gives. The module compares the text of a subscription to remove with
+// the stored one's compact form, which the file that subscribed need not have.
+std::wstring RequestText(const ExecOptions& options) {
+  constexpr std::uint32_t kUnsubscribe[] = {15, 19};
+  std::wstring text = TextOrFile(options.request);
+  const bool isFile = options.request.rfind('@', 0) == 0;
+  if (!isFile || std::ranges::find(kUnsubscribe, options.id) == std::end(kUnsubscribe)) return text;
+  try {
+    return Json::JsonObject::Parse(text).Stringify();
+  } catch (const Platform::WindowsRuntimeError&) {
+    return text;  // the module refuses it and names the fault
+  }
+}
+
+Answer ExecuteInModule(const ModuleOptions& module, const ExecOptions& options,
+                       const std::wstring& request, Console& console) {
+  const auto theatre = MakeTheatre(module, console);
+  console.Request(options.id, request);
+  if (!module.simulate) {
+    // The module waits for it without limit or notice.
+    const StoreHold isFree(StoreUse::Write, options.limits);
+  }
+  return theatre->Open().session.Execute(options.id, request, Wide(options.caller));
+}
+
+int Exec(const ModuleOptions& module, const ExecOptions& options, Console& console) {
+  const std::wstring request = RequestText(options);
+  Answer answer;
+  if (options.service.empty()) {
+    answer = ExecuteInModule(module, options, request, console);
+  } else {
+    RefuseForService(module);
+    console.Request(options.id, request);
+    answer = ExecuteInService(options.service, options.id, request);
+  }
+  if (console.WritesJson()) {
+    console.JsonResult(CommandJson(options.id, answer));
+  } else {
+    console.Result(answer);
+  }
+  return answer.code == 0 ? kDone : kNotMet;
+}
+
+struct ScenarioOptions {
+  std::vector<std::string> scenarios;
+  std::vector<std::string> definitions;
+  std::string junit;
+  std::string timeline;
+};
+
+// Scenarios that are to be played, all of which are read before the first is.
+struct Programme {
+  std::vector<std::unique_ptr<Scenario>> scenarios;
+  std::vector<PlayedScenario> played;  // one each; of those that cannot be played, only the error
+  std::string faults;
+};
+
+Programme Read(const ModuleOptions& module, const ScenarioOptions& options) {
+  const auto definitions = DefinitionsOf(options.definitions);
+  const StageKind where = module.simulate       ? StageKind::Simulated
+                          : module.privateStore ? StageKind::PrivateStore
+                                                : StageKind::Real;
+  Programme programme;
+  for (const std::string& file : options.scenarios) {
+    PlayedScenario entry;
+    entry.file = file;
+    try {
+      programme.scenarios.push_back(std::make_unique<Scenario>(FullPath(file), definitions, where));
+    } catch (const std::runtime_error& error) {
+      entry.error = error.what();
+      programme.faults += (programme.faults.empty() ? "" : "\n") + entry.error;
+    }
+    programme.played.push_back(std::move(entry));
+  }
+  return programme;
+}
+
+// Plays on a stage of its own. An error ends the scenario, but not the reports.
+void Play(const ModuleOptions& module, const Scenario& scenario, Console& console,
+          PlayedScenario& played) {
+  const auto theatre = MakeTheatre(module, console, [&] { scenario.Prepare(); });
+  Stage& stage = theatre->Open();
+  try {
+    played.met = scenario.Play(stage);
+  } catch (const std::runtime_error& error) {
+    played.error = error.what();
+  }
+  played.steps = stage.record.Steps();
+  played.entries = stage.record.Entries();
+}
+
+constexpr char kMet[] = "Everything that was expected happened.";
+constexpr char kUnmet[] = "Not everything that was expected happened";
+
+// The page of one scenario, also of one that broke off.
+void WriteTimeline(const std::string& file, const std::vector<PlayedScenario>& played) {
+  const PlayedScenario& one = played.front();
+  PageHead head{.title = Wide(one.file.substr(one.file.find_last_of("/\\") + 1)),
+                .verdict = Wide(!one.error.empty() ? one.error
+                                : one.met          ? kMet
+                                                   : kUnmet),
+                .met = one.met};
+  WriteTextFile(FullPath(file), TimelinePage(head, PictureOf(one.steps, one.entries)));
+}
+
+int PlayScenarios(const ModuleOptions& module, const ScenarioOptions& options, Console& console) {
+  if (!options.timeline.empty() && options.scenarios.size() != 1) {
+    throw std::runtime_error("--timeline draws one scenario");
+  }
+  Programme programme = Read(module, options);
+  const auto report = [&] {
+    if (!options.junit.empty()) {
+      WriteTextFile(FullPath(options.junit), JUnitReport(programme.played));
+    }
+    if (!options.timeline.empty()) WriteTimeline(options.timeline, programme.played);
+  };
+  if (!programme.faults.empty()) {
+    report();
+    throw std::runtime_error(programme.faults);
+  }
+  bool met = true;
+  for (std::size_t i = 0; i < programme.scenarios.size(); ++i) {
+    PlayedScenario& played = programme.played[i];
+    if (programme.scenarios.size() > 1 && !console.WritesJson()) {
+      console.Lines("\n==== " + played.file);
+    }
+    Play(module, *programme.scenarios[i], console, played);
+    if (!played.error.empty()) {
+      report();
+      throw std::runtime_error(played.file + ": " + played.error);
+    }
+    met = played.met && met;
+    if (console.WritesJson()) console.JsonResult(ScenarioJson(played));
+  }
+  report();
+  if (!console.WritesJson()) {
+    console.Lines(met ? std::string("\n") + kMet
+                      : std::string("\n") + kUnmet + ": see the lines with !!");
+  }
+  return met ? kDone : kNotMet;
+}
+
+struct EventOptions {
+  std::vector<std::uint32_t> power;
+  std::vector<std::uint32_t> sessions;
+  int seconds = 5;
+  bool watch = false;
+  std::string service;
+};
+
+int Events(const ModuleOptions& module, const EventOptions& options, Console& console) {
+  if (options.watch != !options.service.empty()) {
+    throw std::runtime_error(
+        "--watch needs --service, and --service only watches; see \"service "
+        "send\"");
+  }
+  if (options.watch) {
+    RefuseForService(module);
+    return WatchService(options.service, options.seconds, console);
+  }
+  if (options.power.empty() && options.sessions.empty()) {
+    throw std::runtime_error("no event to send: name some with --power or --session");
+  }
+  const auto theatre = MakeTheatre(module, console);
+  const Stage& stage = theatre->Open();
+  const auto call = [&](const std::string& text) {
+    stage.record.AddCall(Wide(text));
+    console.Note("-> " + text);
+  };
+  for (const std::uint32_t code : options.power) {
+    call("power event " + std::to_string(code));
+    stage.session.Slots().power_event_task(code);
+  }
+  for (const std::uint32_t code : options.sessions) {
+    call("session change " + std::to_string(code));
+    stage.session.Slots().OnSessionChange(code);
+  }
+  // Deliveries run on their own threads.
+  if (stage.machine != nullptr) {
+    stage.machine->clock.Advance(std::chrono::seconds(options.seconds));
+  } else {
+    Sleep(static_cast<DWORD>(options.seconds) * 1000);
+  }
+  if (console.WritesJson()) console.JsonResult(EventsJson(stage.record.Entries()));
+  return kDone;
+}
+
+constexpr char kExecFooter[] =
+    "vxhost --dll, --private-store and --simulate choose the module and its store.\n"
+    "Exit code 0 for result code 0x00000000, else 1.\n"
+    "  vxhost exec 22\n"
+    "  vxhost --private-store exec 9 @subscription.json";
+constexpr char kScenarioFooter[] =
+    "vxhost --dll, --private-store and --simulate choose the module and its store.\n"
+    "A scenario is a JSON file of steps; see the samples, and docs/vxhost.md for every part.\n"
+    "Exit code 1 when an expectation was not met: the lines with !! name it.\n"
+    "  vxhost --simulate scenario scenarios\\first_boot.json";
+constexpr char kEventsFooter[] =
+    "vxhost --dll, --private-store and --simulate choose the module and its store.\n"
+    "Power: 4 suspending, 7 resumed by the user, 10 power status changed, 18 resumed.\n"
+    "Session: 1 console connected, 5 logon, 6 logoff, 7 locked, 8 unlocked.\n"
+    "  vxhost events --power 4 7 --seconds 10";
+
+void AddExec(CommandLine& line) {
+  const auto options = std::make_shared<ExecOptions>();
+  CLI::App& exec = line.Add(
+      "exec", "run one command and print its answer", kExecFooter,
+      [&line, options](Console& console) { return Exec(line.Module(), *options, console); });
+  exec.add_option("id", options->id, "the number of the command")->required();
+  exec.add_option("request", options->request,
+                  "the request's JSON, @FILE, or @- for standard input");
+  exec.add_option("--caller", options->caller, "the client's identity")->capture_default_str();
+  CommandLine::AddTimeout(exec, options->limits);
+  CommandLine::OfferService(exec, options->service);
+  line.UseModule(exec);
+  line.UseStore(exec);
+  line.OfferJson(exec);
+}
+
+void AddScenario(CommandLine& line) {
+  const auto options = std::make_shared<ScenarioOptions>();
+  CLI::App& scenario = line.Add("scenario", "play a scenario and check what it expects",
+                                kScenarioFooter, [&line, options](Console& console) {
+                                  return PlayScenarios(line.Module(), *options, console);
+                                });
+  scenario.add_option("file", options->scenarios, "the scenario; each of several is played anew")
+      ->required();
+  scenario.add_option("--define", options->definitions, "NAME=VALUE for ${NAME} in it");
+  scenario.add_option("--junit", options->junit,
+                      "write a JUnit report, with one test case per step, into this file");
+  scenario.add_option("--timeline", options->timeline,
+                      "draw what happened as a web page, into this file");
+  line.UseModule(scenario);
+  line.OfferJson(scenario);
+  line.UseStore(scenario);
+}
+
+void AddEvents(CommandLine& line) {
+  const auto options = std::make_shared<EventOptions>();
+  CLI::App& events = line.Add(
+      "events", "send power and session events", kEventsFooter,
+      [&line, options](Console& console) { return Events(line.Module(), *options, console); });
+  events.add_option("--power", options->power, "power broadcast codes (PBT_)");
+  events.add_option("--session", options->sessions, "session change codes (WTS_SESSION_)");
+  events.add_option("--seconds", options->seconds, "how long to wait for deliveries")
+      ->check(CLI::Range(0, kLongestSeconds))
+      ->capture_default_str();
+  events.add_flag("--watch", options->watch,
+                  "with --service: show what the service logs, for --seconds or, if 0, until\n"
+                  "Ctrl+C; needs administrator rights");
+  CommandLine::OfferService(events, options->service);
+  line.UseModule(events);
+  line.OfferJson(events);
+  line.UseStore(events);
+}
+
+}  // namespace
+
+void AddModuleCommands(CommandLine& line) {
+  AddExec(line);
+  AddScenario(line);
+  AddEvents(line);
+}
+
+}  // namespace Vx::Host

@@ -1,0 +1,267 @@
+#include "vxhost/commands/service_setup_command.h"
+
+#include <cstdint>
+#include <cstdio>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include <windows.h>
+
+#include "hosting/text.h"
+#include "json/json_text.h"
+#include "servicehost/guarded_folder.h"
+#include "servicehost/pipe_server.h"
+#include "servicehost/service_process.h"
+#include "vxhost/service/service_manager.h"
+
+namespace Vx::Host {
+
+namespace {
+
+struct InstallOptions {
+  std::string name = kDefaultServiceName;
+  std::string start = "auto";
+  std::vector<std::string> allowed;
+  bool repair = false;
+  bool replace = false;
+  bool development = false;
+};
+
+struct EntryOptions {
+  std::string name;
+  std::string module;
+  std::vector<std::string> allowed;
+  bool development = false;
+};
+
+struct SendOptions {
+  std::string name = kDefaultServiceName;
+  std::vector<std::uint32_t> power;
+  std::vector<std::uint32_t> sessions;
+};
+
+std::vector<std::wstring> WideAll(const std::vector<std::string>& texts) {
+  std::vector<std::wstring> wide;
+  wide.reserve(texts.size());
+  for (const std::string& text : texts) wide.push_back(Wide(text));
+  return wide;
+}
+
+std::wstring CheckedName(const std::string& name) {
+  if (!IsServiceName(Wide(name))) {
+    throw std::runtime_error(
+        "a service's name has 1 to 64 letters, digits, dots, hyphens and "
+        "underscores");
+  }
+  return Wide(name);
+}
+
+int Install(const ModuleOptions& module, const InstallOptions& options, Console& console) {
+  if (module.simulate || module.privateStore) {
+    throw std::runtime_error("a service uses the module and the store of the machine");
+  }
+  ServicePlan plan;
+  plan.name = CheckedName(options.name);
+  plan.program = OwnPath();
+  plan.module = module.Path();
+  plan.start = options.start == "auto" ? ServicePlan::Start::Automatic : ServicePlan::Start::Demand;
+  plan.allowed = WideAll(options.allowed);
+  plan.development = options.development;
+  plan.replaces = options.replace;
+  CheckSids(plan.allowed);
+  const Writers accepted = options.development ? Writers::Account : Writers::System;
+  for (const std::wstring& file : {plan.program, plan.module}) {
+    if (const std::string why = WhyUnguarded(file, accepted); !why.empty()) {
+      throw std::runtime_error(why +
+                               ";\nit could replace what runs as SYSTEM. Install into a "
+                               "folder that only administrators write to");
+    }
+  }
+  const auto existing =
+      options.repair ? DataFolders::Existing::Repair : DataFolders::Existing::Report;
+  for (const std::string& folder : DataFolders(ProgramDataFolder(), accepted).Prepare(existing)) {
+    console.Line("repaired: " + folder);
+  }
+  for (const std::string& unknown : ServiceManager().Install(plan)) {
+    console.Line("this system does not know, so the service has not: " + unknown);
+  }
+  for (const std::string& sid : options.allowed) {
+    console.Line("warning: " + sid +
+                 " may now start any trusted program as SYSTEM, with its own arguments");
+  }
+  if (options.development) {
+    console.Line(
+        "warning: a service for development. The account that installs can replace what "
+        "runs as SYSTEM, and users at the machine can send it events");
+  }
+  console.Line(options.name + " is installed");
+  return kDone;
+}
+
+const wchar_t* NameOf(std::uint32_t state) {
+  switch (state) {
+    case SERVICE_STOPPED:
+      return L"stopped";
+    case SERVICE_START_PENDING:
+      return L"starting";
+    case SERVICE_STOP_PENDING:
+      return L"stopping";
+    case SERVICE_RUNNING:
+      return L"running";
+    default:
+      return L"other";
+  }
+}
+
+int Status(const std::string& name, Console& console) {
+  const std::wstring wide = CheckedName(name);
+  const auto report = ServiceManager().Query(wide);
+  const wchar_t* const state = report ? NameOf(report->state) : L"not installed";
+  Json::WideDocument document(rapidjson::kObjectType);
+  auto& pool = document.GetAllocator();
+  std::string text = name + ": " + Utf8(state);
+  const auto add = [&](const wchar_t* key, const std::wstring& value) {
+    document.AddMember(rapidjson::StringRef(key), Json::WideValue(value, pool), pool);
+  };
+  add(L"name", wide);
+  add(L"state", state);
+  if (report) {
+    document.AddMember(L"process", report->process, pool);
+    document.AddMember(L"exitCode", report->exitCode, pool);
+    add(L"start", report->automatic ? L"auto" : L"demand");
+    add(L"account", report->account);
+    add(L"image", report->image);
+    add(L"pipe", PipePath(wide));
+    if (report->process != 0) text += ", process " + std::to_string(report->process);
+    if (report->exitCode != 0) text += ", error " + std::to_string(report->exitCode);
+    text += "\n  start:   " + std::string(report->automatic ? "auto" : "demand") +
+            "\n  account: " + Utf8(report->account) + "\n  image:   " + Utf8(report->image) +
+            "\n  pipe:    " + Utf8(PipePath(wide));
+  }
+  if (console.WritesJson()) {
+    console.JsonResult(document);
+  } else {
+    console.Lines(text);
+  }
+  return report && report->state == SERVICE_RUNNING ? kDone : kNotMet;
+}
+
+int Send(const SendOptions& options, Console& console) {
+  if (options.power.empty() && options.sessions.empty()) {
+    throw std::runtime_error("no event to send: name one with --power or --session");
+  }
+  ServiceManager manager;
+  const std::wstring name = CheckedName(options.name);
+  for (const std::uint32_t code : options.power) {
+    console.Line("-> power event " + std::to_string(code));
+    manager.Send(name, PowerControl(code));
+  }
+  for (const std::uint32_t code : options.sessions) {
+    console.Line("-> session change " + std::to_string(code));
+    manager.Send(name, SessionControl(code));
+  }
+  return kDone;
+}
+
+int Enter(const EntryOptions& options) {
+  RunUnderManager({.name = CheckedName(options.name),
+                   .module = Wide(options.module),
+                   .allowed = WideAll(options.allowed),
+                   .development = options.development});
+  return kDone;
+}
+
+constexpr char kInstallFooter[] =
+    "Needs administrator rights. Makes %ProgramData%\\Vx with its folders, which users cannot\n"
+    "write to. Refuses where another account may write to the folder of this tool or of the\n"
+    "module, or to %ProgramData%\\Vx. The service runs as LocalSystem.\n"
+    "  vxhost service install --start demand\n"
+    "  vxhost --dll \"C:\\Program Files\\Vx\\OrvaneService.dll\" service install";
+constexpr char kNameFooter[] = "Needs administrator rights, and waits until it is done.";
+constexpr char kStatusFooter[] =
+    "Exit code 0 for a service that runs, else 1.\n"
+    "  vxhost service status --json";
+constexpr char kSendFooter[] =
+    "Only for a service that was installed with --development. Codes of 0 to 63.\n"
+    "  vxhost service send --power 7";
+constexpr char kEntryFooter[] = "Only the service manager starts it.";
+
+void AddInstall(CommandLine& line, CLI::App& group) {
+  const auto options = std::make_shared<InstallOptions>();
+  CLI::App& install = line.Add(
+      group, "install", "install the module as a Windows service", kInstallFooter,
+      [&line, options](Console& console) { return Install(line.Module(), *options, console); });
+  install.add_option("--name", options->name, "its name")->capture_default_str();
+  install.add_option("--start", options->start, "auto (delayed) or demand")
+      ->check(CLI::IsMember({"auto", "demand"}))
+      ->capture_default_str();
+  install.add_option("--allow", options->allowed,
+                     "a further account for its pipe, as SID: it may then start every trusted\n"
+                     "program as SYSTEM, with its own arguments");
+  install.add_flag("--repair", options->repair,
+                   "take the right to write to an existing %ProgramData%\\Vx from users");
+  install.add_flag("--replace", options->replace,
+                   "give an installed service of this name these files and options; it uses them\n"
+                   "from its next start on");
+  install.add_flag("--development", options->development,
+                   "accept folders of the account that installs, and events of \"service send\";\n"
+                   "never on a machine that others use");
+  line.UseModule(install);
+}
+
+}  // namespace
+
+void AddServiceSetupCommands(CommandLine& line, CLI::App& group) {
+  AddInstall(line, group);
+  const struct {
+    const char* name;
+    const char* about;
+    void (ServiceManager::*act)(const std::wstring&);
+    const char* done;
+  } kActions[] = {
+      {"start", "start the installed service", &ServiceManager::Start, " runs"},
+      {"stop", "stop the service", &ServiceManager::Stop, " has stopped"},
+      {"remove", "remove the stopped service; its data stays", &ServiceManager::Remove,
+       " is removed"},
+  };
+  for (const auto& action : kActions) {
+    const auto name = std::make_shared<std::string>(kDefaultServiceName);
+    CLI::App& command =
+        line.Add(group, action.name, action.about, kNameFooter, [name, action](Console& console) {
+          ServiceManager manager;
+          (manager.*action.act)(CheckedName(*name));
+          console.Line(*name + action.done);
+          return kDone;
+        });
+    command.add_option("--name", *name, "its name")->capture_default_str();
+  }
+
+  const auto queried = std::make_shared<std::string>(kDefaultServiceName);
+  CLI::App& status = line.Add(group, "status", "whether the service runs", kStatusFooter,
+                              [queried](Console& console) { return Status(*queried, console); });
+  status.add_option("--name", *queried, "its name")->capture_default_str();
+  line.OfferJson(status);
+
+  const auto send = std::make_shared<SendOptions>();
+  CLI::App& sending =
+      line.Add(group, "send", "send events to a service under development", kSendFooter,
+               [send](Console& console) { return Send(*send, console); });
+  sending.add_option("--name", send->name, "its name")->capture_default_str();
+  sending.add_option("--power", send->power, "power broadcast codes (PBT_)")
+      ->check(CLI::Range(0, 63));
+  sending.add_option("--session", send->sessions, "session change codes (WTS_SESSION_)")
+      ->check(CLI::Range(0, 63));
+
+  const auto entry = std::make_shared<EntryOptions>();
+  CLI::App& entering = line.Add(group, "entry", "the running service", kEntryFooter,
+                                [entry](Console& /*console*/) { return Enter(*entry); });
+  entering.group("");  // not for people
+  entering.add_option("--name", entry->name)->required();
+  entering.add_option("--module", entry->module)->required();
+  entering.add_option("--allow", entry->allowed);
+  entering.add_flag("--development", entry->development);
+}
+
+}  // namespace Vx::Host

@@ -1,0 +1,204 @@
+#include "vxhost/commands/store_commands.h"
+
+#include <cstddef>
+#include <cstdio>
+#include <memory>
+#include <stdexcept>
+#include <utility>
+
+#include "hosting/text.h"
+#include "json/json_text.h"
+#include "vxhost/service/service_views.h"
+#include "vxhost/store/store_content.h"
+#include "vxhost/store/store_look.h"
+#include "vxhost/store/store_repair.h"
+#include "vxhost/subscriptions/stored_subscriptions.h"
+
+#include <rapidjson/prettywriter.h>
+
+namespace Vx::Host {
+
+namespace {
+
+using Json::WideDocument;
+using Json::WideValue;
+
+// People read it too, so its lines are indented unless a program asks for one.
+void Print(const WideDocument& document, Console& console) {
+  if (console.WritesJson()) {
+    console.JsonResult(document);
+    return;
+  }
+  Json::TextBuffer buffer;
+  Json::ScratchMemory scratch;
+  rapidjson::PrettyWriter<Json::TextBuffer, Json::WideEncoding, Json::WideEncoding,
+                          Json::ScratchMemory>
+      writer(buffer, &scratch);
+  writer.SetIndent(L' ', 2);
+  document.Accept(writer);
+  console.JsonResult(buffer.View());
+}
+
+struct Options {
+  std::string file;
+  std::string service;  // empty: the store's file
+  HoldLimits limits;
+};
+
+int Show(const Options& options, Console& console) {
+  if (!options.service.empty()) return ShowServiceStore(options.service, console);
+  std::size_t left = 0;
+  Print(StoreContent(LookAtStore(options.limits), ShownValues::All, left), console);
+  return kDone;
+}
+
+int Export(const Options& options, Console& console) {
+  std::size_t left = 0;
+  Print(StoreContent(LookAtStore(options.limits), ShownValues::Exported, left), console);
+  if (left != 0) {
+    std::fprintf(stderr, "%zu values of other services were left out\n", left);
+  }
+  return kDone;
+}
+
+// A list that the module could not read, in words; empty if there is none.
+std::string ListFault(const StoreLook& look) {
+  try {
+    SubscriptionsIn(DocumentOf(look));
+    return {};
+  } catch (const std::runtime_error& error) {
+    return error.what();
+  }
+}
+
+int Verify(const Options& options, Console& console) {
+  const StoreLook look =
+      options.file.empty() ? LookAtStore(options.limits) : LookAtFile(FullPathOfFile(options.file));
+  StoreVerdict verdict = Judge(look, options.file.empty() ? Owner::Trusted : Owner::Any);
+  if (verdict.IsSound()) {
+    if (const std::string fault = ListFault(look); !fault.empty()) verdict = {"list broken", fault};
+  }
+  if (console.WritesJson()) {
+    WideDocument result(rapidjson::kObjectType);
+    auto& pool = result.GetAllocator();
+    result.AddMember(L"path", WideValue(look.path, pool), pool);
+    result.AddMember(L"state", WideValue(Wide(verdict.state), pool), pool);
+    result.AddMember(L"text", WideValue(Wide(verdict.text), pool), pool);
+    WideValue siblings(rapidjson::kArrayType);
+    for (const std::wstring& path : look.siblings) siblings.PushBack(WideValue(path, pool), pool);
+    result.AddMember(L"beside", siblings, pool);
+    console.JsonResult(result);
+  } else {
+    console.Line(Utf8(look.path) + ": " + verdict.text);
+    for (const std::wstring& path : look.siblings) {
+      console.Line("beside it: " + Utf8(path) +
+                   (path.ends_with(L".new") ? ", an interrupted write" : ""));
+    }
+  }
+  return verdict.IsSound() ? kDone : kNotMet;
+}
+
+// Reports where the former store is.
+int Replaced(const std::wstring& kept, Console& console) {
+  const std::wstring text = kept.empty() ? L"" : kept;
+  if (console.WritesJson()) {
+    WideDocument result(rapidjson::kObjectType);
+    auto& pool = result.GetAllocator();
+    result.AddMember(L"kept", WideValue(text, pool), pool);
+    console.JsonResult(result);
+  } else {
+    console.Line(kept.empty() ? "done; there was no store before"
+                              : "done; the store as it was is kept as " + Utf8(kept));
+  }
+  return kDone;
+}
+
+int BackUp(const Options& options, Console& console) {
+  const std::wstring path = FullPath(options.file);
+  BackUpStore(path, options.limits);
+  console.Note("written to " + Utf8(path));
+  return kDone;
+}
+
+int Restore(const Options& options, Console& console) {
+  return Replaced(RestoreStore(FullPathOfFile(options.file), options.limits), console);
+}
+
+int Import(const Options& options, Console& console) {
+  const std::wstring text = ReadTextFile(FullPathOfFile(options.file));
+  WideDocument document;
+  Json::ParseFault fault;
+  if (!Json::ParseJson(document, text, Json::kMaxNesting, &fault)) {
+    throw std::runtime_error("not valid JSON: " + FaultText(text, fault));
+  }
+  return Replaced(ImportValues(document, options.limits), console);
+}
+
+constexpr char kShowFooter[] =
+    "Reads %ProgramData%\\Vx\\SharedServices\\shared_store.dat of this machine, without a change.\n"
+    "  vxhost store show > store.json";
+constexpr char kVerifyFooter[] =
+    "Says what is wrong with the store, or with a copy of it. Changes nothing.\n"
+    "Exit code 1 when it is not sound.\n"
+    "  vxhost store verify\n"
+    "  vxhost store verify backup.dat";
+constexpr char kBackupFooter[] =
+    "The copy can be read on this machine only. The file must not exist.\n"
+    "  vxhost store backup backup.dat";
+constexpr char kRestoreFooter[] =
+    "Checks the copy first and keeps what it replaces beside the store. A service that runs\n"
+    "reads it at its next access.\n"
+    "  vxhost store restore backup.dat";
+constexpr char kExportFooter[] =
+    "Prints this module's values in the form of \"store show\". Values of other services, which "
+    "may\n"
+    "be secret, are left out. Any machine can import it.\n"
+    "  vxhost store export > values.json";
+constexpr char kImportFooter[] =
+    "Checks all values first and keeps the store as it was beside it.\n"
+    "  vxhost store import values.json";
+
+enum class File { None, Optional, Required };
+
+struct Command {
+  const char* name;
+  const char* about;
+  const char* footer;
+  int (*run)(const Options& options, Console& console);
+  File file;
+};
+constexpr Command kCommands[] = {
+    {"show", "print the decrypted store as JSON, each value with its type", kShowFooter, &Show,
+     File::None},
+    {"verify", "say whether the store is sound, and what is wrong with it", kVerifyFooter, &Verify,
+     File::Optional},
+    {"backup", "copy the store's file", kBackupFooter, &BackUp, File::Required},
+    {"restore", "replace the store by a copy of it", kRestoreFooter, &Restore, File::Required},
+    {"export", "print this module's values of the store as JSON", kExportFooter, &Export,
+     File::None},
+    {"import", "put exported values into the store", kImportFooter, &Import, File::Required},
+};
+
+}  // namespace
+
+void AddStoreCommands(CommandLine& line) {
+  CLI::App& group = line.AddGroup("store", "the shared store");
+  for (const Command& command : kCommands) {
+    const auto options = std::make_shared<Options>();
+    CLI::App& added = line.Add(group, command.name, command.about, command.footer,
+                               [&line, &command, options](Console& console) {
+                                 if (!options->service.empty()) RefuseForService(line.Module());
+                                 return command.run(*options, console);
+                               });
+    if (command.file != File::None) {
+      added.add_option("file", options->file, "a copy of the store's file, or exported values")
+          ->required(command.file == File::Required);
+    }
+    CommandLine::AddTimeout(added, options->limits);
+    if (command.run == &Show) CommandLine::OfferService(added, options->service);
+    line.OfferJson(added);
+    line.UseStore(added);
+  }
+}
+
+}  // namespace Vx::Host

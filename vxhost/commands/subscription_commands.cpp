@@ -1,0 +1,355 @@
+#include "vxhost/commands/subscription_commands.h"
+
+#include <algorithm>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "events/package_event_request.h"
+#include "events/subscription_hash.h"
+#include "hosting/store_hold.h"
+#include "hosting/text.h"
+#include "json/json_object.h"
+#include "json/json_text.h"
+#include "platform/windows_runtime_error.h"
+#include "storage/request_manager.h"
+#include "storage/sealed_file.h"
+#include "vxhost/play/played_keys.h"
+#include "vxhost/play/theatre.h"
+#include "vxhost/service/service_views.h"
+#include "vxhost/store/store_look.h"
+#include "vxhost/subscriptions/explanation.h"
+
+namespace Vx::Host {
+
+namespace {
+
+using namespace Tessel::Server::Services::Orvane;
+using Tessel::Server::Storage::StoreState;
+
+// Returns the stored subscriptions. Without a store there are none.
+std::vector<StoredSubscription> Stored(const HoldLimits& limits) {
+  const StoreLook look = LookAtStore(limits);
+  if (look.reading.state == StoreState::Missing) return {};
+  return SubscriptionsIn(DocumentOf(look));
+}
+
+std::string Cell(const std::string& text, std::size_t width) {
+  return text.size() < width ? text + std::string(width - text.size(), ' ') : text + " ";
+}
+
+std::string NumberCell(std::size_t number) {
+  const std::string text = std::to_string(number);
+  return std::string(text.size() < 4 ? 4 - text.size() : 0, ' ') + text + "  ";
+}
+
+std::string Row(const Explanation& one) {
+  const StoredSubscription& subscription = one.subscription;
+  const std::string event = one.event.empty() ? subscription.kind->name : Utf8(one.event);
+  std::string row = NumberCell(subscription.number) +
+                    Cell(subscription.hash.empty() ? "-" : Utf8(subscription.hash), 10) +
+                    Cell(event, 14) + Cell(one.delay.empty() ? "-" : Utf8(one.delay) + " s", 7);
+  return row + (one.action.empty() ? Utf8(subscription.text.value_or(L"")) : Utf8(one.action));
+}
+
+Json::WideDocument AsJson(const Explanation& one) {
+  Json::WideDocument row = RowOf(one);
+  auto& pool = row.GetAllocator();
+  const auto text = [&pool](const std::wstring& value) { return Json::WideValue(value, pool); };
+  row.AddMember(L"delay", text(one.delay), pool);
+  row.AddMember(L"action", text(one.action), pool);
+  row.AddMember(L"valid", one.fate == Fate::Runs, pool);
+  Json::WideValue reasons(rapidjson::kArrayType);
+  for (const std::wstring& reason : one.reasons) reasons.PushBack(text(reason), pool);
+  row.AddMember(L"reasons", reasons, pool);
+  row.AddMember(L"text", text(one.subscription.text.value_or(L"")), pool);
+  return row;
+}
+
+int List(const ModuleOptions& module, const HoldLimits& limits, Console& console) {
+  if (module.privateStore || module.simulate) {
+    throw std::runtime_error("the list is that of the machine's store, or of --store");
+  }
+  const auto subscriptions = Stored(limits);
+  const KeysOfModule keys(module.Path());
+  if (!console.WritesJson()) {
+    console.Line("  NO  HASH      EVENT         DELAY  ACTION");
+    if (subscriptions.empty()) console.Line("(none is stored)");
+  }
+  for (const Explanation& one : Explain(subscriptions, {})) {
+    if (console.WritesJson()) {
+      console.JsonResult(AsJson(one));
+      continue;
+    }
+    console.Line(Row(one));
+    for (const std::wstring& reason : one.reasons) {
+      console.Line(std::string(16, ' ') + "never runs: " + Utf8(reason));
+    }
+  }
+  return kDone;
+}
+
+struct AddOptions {
+  std::optional<std::uint32_t> power;
+  std::optional<std::uint32_t> platform;
+  std::string uninstalling;
+  std::string uninstalled;
+  std::string run;
+  std::string arguments;
+  std::string send;
+  std::string service;
+  std::string payload = "{}";
+  std::string trigger;
+  std::string delay;
+  std::string caller = "vxhost";
+  bool force = false;
+  HoldLimits limits;
+};
+
+// Composes the text of a subscription.
+class Composer {
+ public:
+  explicit Composer(const AddOptions& given) : options(given), pool(request.GetAllocator()) {}
+
+  std::wstring Text() {
+    if (CountOf(options.power) + CountOf(options.platform) + CountOf(options.uninstalling) +
+            CountOf(options.uninstalled) !=
+        1) {
+      throw std::runtime_error("name one of --power, --platform, --uninstalling and --uninstalled");
+    }
+    if (CountOf(options.run) + CountOf(options.send) != 1) {
+      throw std::runtime_error("name one of --run and --send");
+    }
+    request.SetObject();
+    kind = &Kind();
+    Put(request, kind->event, Json::WideValue(Code()));
+    Put(request, kind->action, Json::WideValue(options.run.empty() ? 2 : 1));
+    if (kind->family != nullptr) {
+      PutText(request, kind->family, options.uninstalling + options.uninstalled);
+    }
+    Json::WideValue parameters = options.run.empty() ? Message() : Launch();
+    if (!options.delay.empty()) PutText(parameters, L"delayDeliverySec", options.delay);
+    Put(request, kind->parameters, std::move(parameters));
+    return Json::JsonText(request);
+  }
+
+  std::uint32_t Command() const { return kind->subscribe; }
+
+ private:
+  static int CountOf(const std::optional<std::uint32_t>& value) { return value ? 1 : 0; }
+  static int CountOf(const std::string& value) { return value.empty() ? 0 : 1; }
+
+  const SubscriptionKind& Kind() const {
+    const auto& kinds = SubscriptionKinds();
+    return options.power ? kinds[0] : options.platform ? kinds[1] : kinds[2];
+  }
+
+  std::uint32_t Code() const {
+    if (options.power) return *options.power;
+    if (options.platform) return *options.platform;
+    return static_cast<std::uint32_t>(options.uninstalled.empty()
+                                          ? PackageCatalogEvent::Uninstalling
+                                          : PackageCatalogEvent::Uninstalled);
+  }
+
+  Json::WideValue Launch() {
+    Json::WideValue parameters(rapidjson::kObjectType);
+    PutText(parameters, L"path", options.run);
+    if (!options.arguments.empty()) PutText(parameters, L"arguments", options.arguments);
+    return parameters;
+  }
+
+  Json::WideValue Message() {
+    Json::WideDocument payload;
+    if (!Json::ParseJson(payload, TextOrFile(options.payload)) || !payload.IsObject()) {
+      throw std::runtime_error("--payload needs a JSON object");
+    }
+    Json::WideValue copy;
+    copy.CopyFrom(payload, pool);
+    if (!options.trigger.empty() && copy.HasMember(L"customTriggerGUID")) {
+      throw std::runtime_error("the payload names a trigger already; leave --trigger out");
+    }
+    if (!options.trigger.empty()) PutText(copy, L"customTriggerGUID", options.trigger);
+    Json::WideValue parameters(rapidjson::kObjectType);
+    PutText(parameters, L"packageFamilyName", options.send);
+    PutText(parameters, L"appServiceName", options.service);
+    Put(parameters, L"payload", std::move(copy));
+    return parameters;
+  }
+
+  void Put(Json::WideValue& object, const wchar_t* key, Json::WideValue&& value) {
+    object.AddMember(Json::WideValue(key, pool), value, pool);
+  }
+  void PutText(Json::WideValue& object, const wchar_t* key, const std::string& text) {
+    Put(object, key, Json::WideValue(Wide(text), pool));
+  }
+
+  const AddOptions& options;
+  Json::WideDocument request;
+  Json::WidePool& pool;
+  const SubscriptionKind* kind = nullptr;
+};
+
+// Writes what was added or removed. Returns the exit code.
+int Report(const wchar_t* done, const std::wstring& text, bool succeeded, Console& console) {
+  const std::wstring hash = text.empty() ? std::wstring() : SubscriptionHash(text);
+  if (console.WritesJson()) {
+    Json::WideDocument result(rapidjson::kObjectType);
+    auto& pool = result.GetAllocator();
+    result.AddMember(Json::WideValue(done, pool), Json::WideValue(succeeded), pool);
+    result.AddMember(L"hash", Json::WideValue(hash, pool), pool);
+    result.AddMember(L"text", Json::WideValue(text, pool), pool);
+    console.JsonResult(result);
+  } else {
+    const std::wstring what = text.empty() ? L"" : L": " + hash + L" " + text;
+    console.Line(Utf8(std::wstring(succeeded ? L"" : L"not ") + done + what));
+  }
+  return succeeded ? kDone : kNotMet;
+}
+
+int Add(const ModuleOptions& module, const AddOptions& options, Console& console) {
+  Composer composer(options);
+  const std::wstring text = composer.Text();
+  const SubscriptionCheck check =
+      CheckSubscription(text, module.simulate ? Tessel::Security::RestrictedKeys()
+                                              : ModulePins(module.Path()).Restricted());
+  for (const Finding& finding : check.findings) {
+    if (finding.verdict == Verdict::Never) {
+      console.Note(Utf8(L"never runs: " + finding.key + L": " + finding.text));
+    }
+  }
+  if (!check.Runs() && !options.force) return Report(L"added", text, false, console);
+  const std::size_t before = Stored(options.limits).size();
+  const auto theatre = MakeTheatre(module, console);
+  const Answer answer =
+      theatre->Open().session.Execute(composer.Command(), text, Wide(options.caller));
+  const bool added = answer.code == 0 && Stored(options.limits).size() > before;
+  return Report(L"added", text, added, console);
+}
+
+struct RemoveOptions {
+  std::string which;
+  std::string caller = "vxhost";
+  HoldLimits limits;
+};
+
+const StoredSubscription* Find(const std::vector<StoredSubscription>& all,
+                               const std::string& which) {
+  const auto found = std::ranges::find_if(all, [&](const StoredSubscription& one) {
+    return std::to_string(one.number) == which || (!which.empty() && Utf8(one.hash) == which);
+  });
+  if (found == all.end()) return nullptr;
+  if (!found->text) throw std::runtime_error("the stored element is not an object: see store show");
+  return &*found;
+}
+
+int Remove(const ModuleOptions& module, const RemoveOptions& options, Console& console) {
+  const auto before = Stored(options.limits);
+  const StoredSubscription* found = Find(before, options.which);
+  if (found == nullptr) {
+    console.Note("no stored subscription has the number or hash " + options.which);
+    return Report(L"removed", {}, false, console);
+  }
+  const StoredSubscription& one = *found;
+  if (one.kind->unsubscribe != 0) {
+    const auto theatre = MakeTheatre(module, console);
+    theatre->Open().session.Execute(one.kind->unsubscribe, *one.text, Wide(options.caller));
+  } else {
+    // No command takes it back. A service that runs watches it until the user logs off.
+    const StoreHold hold(StoreUse::Write, options.limits);
+    RequestManager(kServiceDocument, one.kind->list).RemoveRequest(*one.text);
+    console.Note("a running service may still carry it out, until the next logoff");
+  }
+  const bool removed = Stored(options.limits).size() < before.size();
+  return Report(L"removed", *one.text, removed, console);
+}
+
+constexpr char kListFooter[] =
+    "Each is judged on this machine as explain --all does. Reads the store without a change, and\n"
+    "lists all, where command 20 lists as many as fit into an answer.\n"
+    "  vxhost subscriptions\n"
+    "  vxhost subscriptions list --json";
+constexpr char kAddFooter[] =
+    "Checks the subscription first, and adds one that would never run only with --force.\n"
+    "Exit code 1 when nothing was added.\n"
+    "  vxhost subscriptions add --power 18 --run \"C:\\Program Files\\Maker\\Tool.exe\" --delay 5\n"
+    "  vxhost subscriptions add --platform 1 --send Maker.App_abcdefgh12345 --service Sync";
+constexpr char kRemoveFooter[] =
+    "Sends the exact text that is stored. Exit code 1 when nothing was removed.\n"
+    "  vxhost subscriptions remove 3";
+
+// A change would go past the service that the operator means.
+void RefuseService(const std::string& service) {
+  if (!service.empty()) throw std::runtime_error("\"subscriptions --service\" only lists");
+}
+
+void AddAdd(CommandLine& line, CLI::App& parent, const std::shared_ptr<std::string>& service) {
+  const auto options = std::make_shared<AddOptions>();
+  CLI::App& add = line.Add(parent, "add", "compose a subscription, check it and send it",
+                           kAddFooter, [&line, options, service](Console& console) {
+                             RefuseService(*service);
+                             return Add(line.Module(), *options, console);
+                           });
+  add.add_option("--power", options->power, "at this power event");
+  add.add_option("--platform", options->platform, "at this platform event");
+  add.add_option("--uninstalling", options->uninstalling, "when this family begins to go");
+  add.add_option("--uninstalled", options->uninstalled, "when this family is gone");
+  add.add_option("--run", options->run, "start this program, by its full path");
+  add.add_option("--arguments", options->arguments, "with these arguments");
+  add.add_option("--send", options->send, "send a message to the app of this family");
+  add.add_option("--service", options->service, "to this app service of it");
+  add.add_option("--payload", options->payload, "with this JSON object, or @FILE")
+      ->capture_default_str();
+  add.add_option("--trigger", options->trigger, "raise the trigger with this GUID instead");
+  add.add_option("--delay", options->delay, "this many seconds later");
+  add.add_option("--caller", options->caller, "the client's identity")->capture_default_str();
+  add.add_flag("--force", options->force, "also if it would never run");
+  CommandLine::AddTimeout(add, options->limits);
+  line.OfferJson(add);
+  line.UseModule(add);
+  line.UseStore(add);
+}
+
+void AddRemove(CommandLine& line, CLI::App& parent, const std::shared_ptr<std::string>& service) {
+  const auto options = std::make_shared<RemoveOptions>();
+  CLI::App& remove = line.Add(parent, "remove", "take a subscription back", kRemoveFooter,
+                              [&line, options, service](Console& console) {
+                                RefuseService(*service);
+                                return Remove(line.Module(), *options, console);
+                              });
+  remove.add_option("which", options->which, "its number, or its hash")->required();
+  remove.add_option("--caller", options->caller, "the client's identity")->capture_default_str();
+  CommandLine::AddTimeout(remove, options->limits);
+  line.OfferJson(remove);
+  line.UseModule(remove);
+  line.UseStore(remove);
+}
+
+}  // namespace
+
+void AddSubscriptionCommands(CommandLine& line) {
+  const auto limits = std::make_shared<HoldLimits>();
+  const auto service = std::make_shared<std::string>();
+  const auto list = [&line, limits, service](Console& console) {
+    if (service->empty()) return List(line.Module(), *limits, console);
+    RefuseForService(line.Module());
+    return ShowServiceSubscriptions(*service, console);
+  };
+  CLI::App& group =
+      line.Add("subscriptions", "list the stored subscriptions, or change them", kListFooter, list);
+  CLI::App& listing = line.Add(group, "list", "list the stored subscriptions", kListFooter, list);
+  for (CLI::App* command : {&group, &listing}) {
+    CommandLine::AddTimeout(*command, *limits);
+    CommandLine::OfferService(*command, *service);
+    line.OfferJson(*command);
+    line.UseModule(*command);
+    line.UseStore(*command);
+  }
+  AddAdd(line, group, service);
+  AddRemove(line, group, service);
+}
+
+}  // namespace Vx::Host

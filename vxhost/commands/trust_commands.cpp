@@ -1,0 +1,279 @@
+#include "vxhost/commands/trust_commands.h"
+
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <fstream>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include <windows.h>
+
+#include "hosting/text.h"
+#include "json/json_text.h"
+#include "launch/qubo_facade.h"
+#include "platform/clock.h"
+#include "platform/machine.h"
+#include "platform/windows_runtime_error.h"
+#include "security/file_trust.h"
+#include "vxhost/subscriptions/certificates.h"
+#include "vxhost/subscriptions/module_pins.h"
+
+namespace Vx::Host {
+
+namespace {
+
+constexpr char kPinsFooter[] =
+    "Shows the SHA-256 of each key and, where the module's own signature or a --cert has a "
+    "certificate\n"
+    "of it, the subject and the days left.\n"
+    "  vxhost --dll OrvaneService.dll pins --cert Maker.cer";
+constexpr char kTrustFooter[] =
+    "The keys are those of the module, see --dll. Lines with + are checks that the file passes, "
+    "lines\n"
+    "with - checks that it fails. Exit code 0: trusted; 1: not.\n"
+    "  vxhost trust \"C:\\Program Files\\Maker\\Tool.exe\"";
+constexpr char kPinFooter[] =
+    "With --append, each key that FILE lacks is added to it below a comment with the subject. "
+    "FILE\n"
+    "becomes UTF-8, as the build wants it, also where Windows PowerShell made it UTF-16.\n"
+    "  vxhost pin Signed.exe --append restricted.txt";
+constexpr char kResumeFooter[] = "  vxhost explain-resume";
+
+struct Options {
+  std::string file;
+  std::string append;
+  bool general = false;
+  std::vector<std::string> certificates;
+};
+
+void RefuseStores(const ModuleOptions& module, const char* command) {
+  if (!module.simulate && !module.privateStore) return;
+  throw std::runtime_error(std::string(command) + " uses no store and no simulated machine");
+}
+
+// {NAME: [TEXT, ...]}
+Json::WideDocument Texts(const wchar_t* name, const std::vector<std::string>& texts) {
+  Json::WideDocument result(rapidjson::kObjectType);
+  auto& allocator = result.GetAllocator();
+  Json::WideValue list(rapidjson::kArrayType);
+  for (const std::string& text : texts) {
+    list.PushBack(Json::WideValue(Wide(text), allocator), allocator);
+  }
+  result.AddMember(Json::WideValue(name, allocator), list, allocator);
+  return result;
+}
+
+// A set of keys, each with its certificate if one is at hand.
+struct ShownSet {
+  const wchar_t* name;
+  const char* meaningOfNone;
+  Tessel::Security::KeySet keys;
+};
+
+void PrintSet(const ShownSet& set, const std::vector<Certificate>& certificates, Console& console) {
+  const std::uint64_t now = Platform::CurrentMachine().clock->UtcFileTime();
+  console.Line(Utf8(set.name) + ": " +
+               (set.keys.empty() ? set.meaningOfNone : std::to_string(set.keys.size())));
+  for (const std::string_view key : set.keys) {
+    console.Line("  sha256 " + Fingerprint(key));
+    const Certificate* certificate = CertificateOf(certificates, key);
+    console.Line("    " + (certificate == nullptr ? "no certificate at hand"
+                                                  : Utf8(certificate->subject + L", until " +
+                                                         Lifetime(*certificate, now))));
+  }
+}
+
+Json::WideValue JsonOf(const ShownSet& set, const std::vector<Certificate>& certificates,
+                       Json::WidePool& pool) {
+  const std::uint64_t now = Platform::CurrentMachine().clock->UtcFileTime();
+  Json::WideValue rows(rapidjson::kArrayType);
+  for (const std::string_view key : set.keys) {
+    Json::WideValue row(rapidjson::kObjectType);
+    row.AddMember(L"fingerprint", Json::WideValue(Wide(Fingerprint(key)), pool), pool);
+    row.AddMember(L"key", Json::WideValue(Wide(key), pool), pool);
+    if (const Certificate* certificate = CertificateOf(certificates, key)) {
+      row.AddMember(L"subject", Json::WideValue(certificate->subject, pool), pool);
+      row.AddMember(L"until", Json::WideValue(EndDate(*certificate), pool), pool);
+      row.AddMember(L"daysLeft", DaysLeft(*certificate, now), pool);
+    }
+    rows.PushBack(row, pool);
+  }
+  return rows;
+}
+
+int Pins(const ModuleOptions& module, const Options& options, Console& console) {
+  RefuseStores(module, "pins");
+  const ModulePins pins(module.Path());
+  std::vector<Certificate> certificates = CertificatesIn(module.Path());
+  for (const std::string& file : options.certificates) {
+    const auto more = CertificatesIn(FullPathOfFile(file));
+    if (more.empty()) throw std::runtime_error(file + " holds no certificate and no signature");
+    certificates.insert(certificates.end(), more.begin(), more.end());
+  }
+  const ShownSet sets[] = {
+      {L"general", "none, so the lockdown library is not trusted", pins.General()},
+      {L"restricted", "none, so no program is started", pins.Restricted()}};
+  if (!console.WritesJson()) {
+    console.Note("The keys that " + Utf8(module.Path()) + " trusts");
+    for (const ShownSet& set : sets) PrintSet(set, certificates, console);
+    return kDone;
+  }
+  Json::WideDocument result(rapidjson::kObjectType);
+  auto& pool = result.GetAllocator();
+  result.AddMember(L"module", Json::WideValue(module.Path(), pool), pool);
+  for (const ShownSet& set : sets) {
+    result.AddMember(rapidjson::StringRef(set.name), JsonOf(set, certificates, pool), pool);
+  }
+  console.JsonResult(result);
+  return kDone;
+}
+
+int Trust(const ModuleOptions& module, const Options& options, Console& console) {
+  RefuseStores(module, "trust");
+  const std::wstring file = FullPathOfFile(options.file);
+  const ModulePins pins(module.Path());
+  const auto keys = options.general ? pins.General() : pins.Restricted();
+  const auto trust = Tessel::Security::JudgeFile(file, keys);
+  Json::WideDocument result(rapidjson::kObjectType);
+  auto& allocator = result.GetAllocator();
+  Json::WideValue checks(rapidjson::kArrayType);
+  for (const auto& step : Tessel::Security::Explain(trust, keys)) {
+    if (console.WritesJson()) {
+      Json::WideValue check(rapidjson::kObjectType);
+      check.AddMember(L"passed", step.passed, allocator);
+      check.AddMember(L"text", Json::WideValue(step.text, allocator), allocator);
+      checks.PushBack(check, allocator);
+      continue;
+    }
+    console.Line((step.passed ? "  +  " : "  -  ") + Utf8(step.text));
+  }
+  if (console.WritesJson()) {
+    result.AddMember(L"file", Json::WideValue(Wide(options.file), allocator), allocator);
+    result.AddMember(L"trusted", trust.trusted, allocator);
+    result.AddMember(L"checks", checks, allocator);
+    console.JsonResult(result);
+  }
+  return trust.trusted ? kDone : kNotMet;
+}
+
+// Whether a line of a key file holds `key`, before a comment.
+bool HoldsKey(const std::string& text, std::string_view key) {
+  for (std::size_t start = 0; start < text.size();) {
+    const std::size_t end = std::min(text.find('\n', start), text.size());
+    std::string_view line(text.data() + start, end - start);
+    line = line.substr(0, line.find('#'));
+    line = line.substr(0, line.find_last_not_of(" \t\r") + 1);
+    if (line == key) return true;
+    start = end + 1;
+  }
+  return false;
+}
+
+// Replaces the content of the file in one step.
+void Replace(const std::wstring& path, const std::string& text) {
+  const std::wstring sibling = path + L".new";
+  std::ofstream file(sibling.c_str(), std::ios::binary);
+  file << text;
+  file.close();
+  if (!file.fail() && MoveFileExW(sibling.c_str(), path.c_str(),
+                                  MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH) != FALSE) {
+    return;
+  }
+  DeleteFileW(sibling.c_str());
+  throw std::runtime_error("cannot write " + Utf8(path));
+}
+
+// Returns the keys that the file did not have.
+std::vector<std::string> AppendKeys(const std::vector<std::string>& keys,
+                                    const std::vector<Certificate>& certificates,
+                                    const std::wstring& path) {
+  const bool exists = GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES;
+  std::string text = exists ? Utf8(ReadTextFile(path)) : std::string();
+  std::vector<std::string> added;
+  for (const std::string& key : keys) {
+    if (HoldsKey(text, key)) continue;
+    if (!text.empty() && text.back() != '\n') text += '\n';
+    const Certificate* certificate = CertificateOf(certificates, key);
+    const std::wstring subject =
+        certificate == nullptr ? L"subject not known" : certificate->subject;
+    text += "# " + Printable(Utf8(subject), LineBreaks::Replace) + "\n" + key + "\n";
+    added.push_back(key);
+  }
+  Replace(path, text);
+  return added;
+}
+
+int Pin(const Options& options, Console& console) {
+  const std::wstring file = FullPathOfFile(options.file);
+  auto keys = Tessel::Security::PublicKeysOf(file);
+  const bool found = !keys.empty();
+  if (found && !options.append.empty()) {
+    keys = AppendKeys(keys, CertificatesIn(file), FullPath(options.append));
+    console.Note("keys added: " + std::to_string(keys.size()));
+  }
+  if (console.WritesJson()) {
+    console.JsonResult(Texts(L"keys", keys));
+    return found ? kDone : kNotMet;
+  }
+  for (const std::string& key : keys) console.Line(key);
+  if (found) return kDone;
+  // Not on standard output, which users append to a file of pinned keys.
+  std::fprintf(stderr, "vxhost: the file has no signature that Windows can read\n");
+  return kNotMet;
+}
+
+int ExplainResume(Console& console) {
+  using Tessel::Server::Services::Orvane::Qubo::Explain;
+  using Tessel::Server::Services::Orvane::Qubo::QuboFacade;
+  std::vector<std::string> lines;
+  for (const std::wstring& line : Explain(QuboFacade().ExplainResume())) {
+    lines.push_back(Utf8(line));
+  }
+  if (console.WritesJson()) {
+    console.JsonResult(Texts(L"rules", lines));
+    return kDone;
+  }
+  for (const std::string& line : lines) console.Line(line);
+  return kDone;
+}
+
+}  // namespace
+
+void AddTrustCommands(CommandLine& line) {
+  const auto options = std::make_shared<Options>();
+  CLI::App& pins = line.Add(
+      "pins", "list the keys that a module trusts", kPinsFooter,
+      [options, &line](Console& console) { return Pins(line.Module(), *options, console); });
+  pins.add_option("--cert", options->certificates, "a certificate, or a file signed with it");
+  line.UseModule(pins);
+  line.OfferJson(pins);
+
+  CLI::App& trust = line.Add(
+      "trust", "explain whether a file is trusted, step by step", kTrustFooter,
+      [options, &line](Console& console) { return Trust(line.Module(), *options, console); });
+  trust.add_option("file", options->file, "the file")->required();
+  trust.add_flag("--general", options->general,
+                 "check against the general keys instead of the restricted ones");
+  line.UseModule(trust);
+  line.OfferJson(trust);
+
+  CLI::App& pin =
+      line.Add("pin", "print a signed file's public keys in the pinned form", kPinFooter,
+               [options](Console& console) { return Pin(*options, console); });
+  pin.add_option("file", options->file, "the file")->required();
+  pin.add_option("--append", options->append, "the file of pinned keys to add them to");
+  line.OfferJson(pin);
+}
+
+void AddResumeCommand(CommandLine& line) {
+  line.OfferJson(line.Add("explain-resume",
+                          "explain whether a resume would launch the companion app, and why",
+                          kResumeFooter, &ExplainResume));
+}
+
+}  // namespace Vx::Host

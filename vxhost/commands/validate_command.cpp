@@ -1,0 +1,124 @@
+#include "vxhost/commands/validate_command.h"
+
+#include <memory>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "hosting/text.h"
+#include "json/json_text.h"
+#include "platform/machine.h"
+#include "simulator/simulated_machine.h"
+#include "vxhost/subscriptions/module_pins.h"
+#include "vxhost/subscriptions/subscription_check.h"
+
+namespace Vx::Host {
+
+namespace {
+
+// The result for one request.
+struct Outcome {
+  std::string request;  // as the command line names it
+  SubscriptionCheck check;
+};
+
+const wchar_t* NameOf(Verdict verdict) {
+  switch (verdict) {
+    case Verdict::Good:
+      return L"ok";
+    case Verdict::Hint:
+      return L"hint";
+    case Verdict::Never:
+      return L"NEVER";
+  }
+  return L"";
+}
+
+std::wstring Line(const Finding& finding) {
+  constexpr std::size_t kWidth = 7;
+  std::wstring line = NameOf(finding.verdict);
+  line = L"  " + line + std::wstring(kWidth - line.size(), L' ');
+  if (!finding.key.empty()) line += finding.key + L": ";
+  line += finding.text;
+  if (!finding.found.empty()) line += L"; found " + finding.found;
+  if (!finding.wanted.empty()) line += L"; wanted " + finding.wanted;
+  return line;
+}
+
+void Print(const Outcome& outcome, bool named, Console& console) {
+  if (named) console.Heading(outcome.request);
+  for (const Finding& finding : outcome.check.findings) console.Line(Utf8(Line(finding)));
+  console.Line(outcome.check.Runs() ? "It can run." : "It would never run.");
+}
+
+std::wstring AsJson(const Outcome& outcome) {
+  Json::WideDocument document(rapidjson::kObjectType);
+  auto& pool = document.GetAllocator();
+  Json::WideValue findings(rapidjson::kArrayType);
+  for (const Finding& finding : outcome.check.findings) {
+    Json::WideValue row(rapidjson::kObjectType);
+    row.AddMember(L"verdict",
+                  Json::WideValue(
+                      finding.verdict == Verdict::Never ? L"never" : NameOf(finding.verdict), pool),
+                  pool);
+    row.AddMember(L"key", Json::WideValue(finding.key, pool), pool);
+    row.AddMember(L"found", Json::WideValue(finding.found, pool), pool);
+    row.AddMember(L"wanted", Json::WideValue(finding.wanted, pool), pool);
+    row.AddMember(L"text", Json::WideValue(finding.text, pool), pool);
+    findings.PushBack(row, pool);
+  }
+  document.AddMember(L"request", Json::WideValue(Wide(outcome.request), pool), pool);
+  document.AddMember(L"runs", outcome.check.Runs(), pool);
+  document.AddMember(L"findings", findings, pool);
+  return Json::JsonText(document);
+}
+
+constexpr char kFooter[] =
+    "Exit code 0: all can run here; 1: one would never run, and the lines with NEVER give the "
+    "reasons.\n"
+    "The keys are those of the module, see --dll. With --simulate the machine is a simulated one,\n"
+    "without packages, and the keys those of the service that is built into vxhost.\n"
+    "  vxhost validate @subscription.json";
+
+int Validate(const ModuleOptions& module, const std::vector<std::string>& requests,
+             Console& console) {
+  if (module.privateStore) throw std::runtime_error("validate uses no store");
+  std::optional<ModulePins> pins;
+  std::optional<Simulator::SimulatedMachine> simulated;
+  std::optional<Platform::MachineScope> scope;
+  if (module.simulate) {
+    if (!module.dll.empty()) throw std::runtime_error("--simulate does not use --dll");
+    simulated.emplace();
+    scope.emplace([&](Platform::Machine& machine) { simulated->Install(machine); });
+  } else {
+    pins.emplace(module.Path());
+  }
+  const auto keys = pins ? pins->Restricted() : Tessel::Security::RestrictedKeys();
+  int code = kDone;
+  for (const std::string& request : requests) {
+    const Outcome outcome{request, CheckSubscription(TextOrFile(request), keys)};
+    if (!outcome.check.Runs()) code = kNotMet;
+    if (console.WritesJson()) {
+      console.JsonResult(AsJson(outcome));
+    } else {
+      Print(outcome, requests.size() > 1, console);
+    }
+  }
+  return code;
+}
+
+}  // namespace
+
+void AddValidateCommand(CommandLine& line) {
+  const auto requests = std::make_shared<std::vector<std::string>>();
+  CLI::App& command = line.Add(
+      "validate", "check subscriptions before sending them", kFooter,
+      [requests, &line](Console& console) { return Validate(line.Module(), *requests, console); });
+  command.add_option("request", *requests, "a subscription's JSON, or @FILE; or several")
+      ->required();
+  line.OfferJson(command);
+  line.UseModule(command);
+}
+
+}  // namespace Vx::Host

@@ -1,0 +1,170 @@
+#include "vxhost/commands/watch_command.h"
+
+#include <algorithm>
+#include <array>
+#include <cstdint>
+#include <cstdio>
+#include <cwchar>
+#include <iterator>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include <windows.h>
+
+#include "hosting/text.h"
+#include "platform/unique_handle.h"
+
+namespace Vx::Host {
+
+namespace {
+
+// The memory shared by the programs that write debug output and its only monitor: the writer's
+// process id, then narrow text.
+struct DebugBuffer {
+  DWORD process;
+  std::array<char, 4096 - sizeof(DWORD)> text;
+};
+
+struct Unmapper {
+  void operator()(const DebugBuffer* view) const { UnmapViewOfFile(view); }
+};
+
+// The receiving end. A session has at most one, and all services share one under the global names.
+class Monitor {
+ public:
+  explicit Monitor(bool global) {
+    const std::wstring prefix = global ? L"Global\\" : L"";
+    MakeBuffer(prefix + L"DBWIN_BUFFER");
+    bufferReady.reset(
+        CreateEventW(nullptr, FALSE, FALSE, (prefix + L"DBWIN_BUFFER_READY").c_str()));
+    dataReady.reset(CreateEventW(nullptr, FALSE, FALSE, (prefix + L"DBWIN_DATA_READY").c_str()));
+    if (mapping != nullptr) {
+      view.reset(static_cast<const DebugBuffer*>(
+          MapViewOfFile(mapping.get(), FILE_MAP_READ, 0, 0, sizeof(DebugBuffer))));
+    }
+    if (bufferReady == nullptr || dataReady == nullptr || view == nullptr) {
+      throw std::runtime_error("cannot receive debug output; close other monitors" +
+                               std::string(global ? ", and run as administrator" : ""));
+    }
+  }
+
+  // Receives the next text, without its line end, and the process that wrote it. Returns false when
+  // none comes in `milliseconds`.
+  bool Next(DWORD milliseconds, std::wstring& text, std::uint32_t& process) {
+    SetEvent(bufferReady.get());
+    if (WaitForSingleObject(dataReady.get(), milliseconds) != WAIT_OBJECT_0) return false;
+    process = view->process;
+    const auto length = strnlen(view->text.data(), view->text.size());
+    text.assign(length, L'\0');
+    text.resize(static_cast<std::size_t>(MultiByteToWideChar(CP_ACP, 0, view->text.data(),
+                                                             static_cast<int>(length), text.data(),
+                                                             static_cast<int>(text.size()))));
+    while (!text.empty() && (text.back() == L'\n' || text.back() == L'\r')) text.pop_back();
+    return true;
+  }
+
+ private:
+  // Only a monitor makes the buffer. Two that share it would take turns at the lines. A program
+  // that writes keeps the buffer of a monitor that has just ended for a moment.
+  void MakeBuffer(const std::wstring& name) {
+    constexpr int kAttempts = 20;
+    constexpr DWORD kPause = 50;  // milliseconds
+    for (int attempt = 0; attempt < kAttempts; ++attempt) {
+      mapping.reset(CreateFileMappingW(INVALID_HANDLE_VALUE, nullptr, PAGE_READWRITE, 0,
+                                       sizeof(DebugBuffer), name.c_str()));
+      if (mapping == nullptr || GetLastError() != ERROR_ALREADY_EXISTS) return;
+      mapping.reset();
+      Sleep(kPause);
+    }
+    throw std::runtime_error(
+        "another monitor receives the debug output, and two would share the lines; close it");
+  }
+
+  Platform::UniqueHandle bufferReady;
+  Platform::UniqueHandle dataReady;
+  Platform::UniqueHandle mapping;
+  std::unique_ptr<const DebugBuffer, Unmapper> view;
+};
+
+// The local time: with the date for programs, without it for people.
+std::wstring Now(bool whole) {
+  SYSTEMTIME now;
+  GetLocalTime(&now);
+  wchar_t text[32];
+  std::swprintf(text, std::size(text), L"%04u-%02u-%02uT%02u:%02u:%02u.%03u", now.wYear, now.wMonth,
+                now.wDay, now.wHour, now.wMinute, now.wSecond, now.wMilliseconds);
+  return whole ? text : std::wcschr(text, L'T') + 1;
+}
+
+constexpr const wchar_t* kLevels[] = {L"INFO", L"WARNING", L"ERROR"};
+const std::vector<std::string> kLevelNames = {"info", "warning", "error"};
+
+struct Options {
+  int seconds = 0;
+  bool global = false;
+  std::vector<std::uint32_t> processes = {};
+  std::string level = "info";
+  std::string provider = {};
+  std::string text = {};
+  const bool& json;
+};
+
+bool Contains(const std::wstring& text, const std::string& part) {
+  return text.find(Wide(part)) != std::wstring::npos;
+}
+
+// Whether the line is one of those that are wanted.
+bool IsWanted(const LogLine& line, const Options& options) {
+  if (line.provider.empty()) return false;  // debug output of another program
+  const auto level = std::ranges::find(kLevels, line.level) - kLevels;
+  if (level < std::ranges::find(kLevelNames, options.level) - kLevelNames.begin()) return false;
+  const auto& processes = options.processes;
+  if (!processes.empty() && std::ranges::find(processes, line.process) == processes.end()) {
+    return false;
+  }
+  return Contains(line.provider, options.provider) && Contains(line.message, options.text);
+}
+
+int Watch(const Options& options, Console& console) {
+  Monitor monitor(options.global);
+  std::fprintf(stderr, "Listening for log lines%s\n",
+               options.seconds == 0 ? "; Ctrl+C ends it" : "");
+  const ULONGLONG end = GetTickCount64() + static_cast<ULONGLONG>(options.seconds) * 1000;
+  std::wstring text;
+  while (options.seconds == 0 || GetTickCount64() < end) {
+    std::uint32_t process = 0;
+    if (!monitor.Next(250, text, process)) continue;
+    LogLine line = ParseLogLine(text);
+    line.process = process;
+    if (IsWanted(line, options)) console.LogResult(line, Now(options.json));
+  }
+  return kDone;
+}
+
+constexpr char kFooter[] =
+    "Only one monitor can receive the lines of a session: a second one is refused.\n"
+    "  vxhost watch --level warning\n"
+    "  vxhost watch --json --seconds 60 > lines.json";
+
+}  // namespace
+
+void AddWatchCommand(CommandLine& line) {
+  const auto options = std::make_shared<Options>(Options{.json = line.Json()});
+  CLI::App& watch =
+      line.Add("watch", "show the log lines of a running module as it writes them", kFooter,
+               [options](Console& console) { return Watch(*options, console); });
+  watch.add_option("--seconds", options->seconds, "how long; 0: until Ctrl+C")
+      ->check(CLI::Range(0, kLongestSeconds));
+  line.OfferJson(watch);
+  watch.add_option("--pid", options->processes, "only lines of these processes");
+  watch
+      .add_option("--level", options->level, "info, warning or error: only these and graver lines")
+      ->check(CLI::IsMember(kLevelNames));
+  watch.add_option("--provider", options->provider, "only lines whose provider contains this");
+  watch.add_option("--text", options->text, "only lines that contain this");
+  watch.add_flag("--global", options->global, "those of services (needs administrator rights)");
+}
+
+}  // namespace Vx::Host

@@ -1,0 +1,240 @@
+#include "vxhost/common/console.h"
+
+#include <cstdio>
+#include <cstdlib>
+
+#include <windows.h>
+
+#include <io.h>
+
+namespace Vx::Host {
+
+namespace {
+
+constexpr struct {
+  std::uint32_t code;
+  const char* meaning;
+} kCodes[] = {
+    {0x00000000, "done"},
+    {0x20000001, "no such command"},
+    {0x20000002, "argument missing or command failed"},
+    {0x20000003, "the request is not valid JSON"},
+    {0x20000004, "no package of the family is installed"},
+    {0x20000005, "the console user cannot be acted for"},
+    {0x20000006, "unknown catalogEvent"},
+    {0x20000007, "unknown action"},
+    {0x20000008, "internal failure"},
+    {0x20000009, "Windows Runtime failure, or subscribed already"},
+    {0x2000000A, "this Windows has no interactive users"},
+};
+
+constexpr struct {
+  std::uint32_t result;
+  const char* name;
+} kResults[] = {
+    {0x80004001, "E_NOTIMPL"},
+    {0x80004002, "E_NOINTERFACE"},
+    {0x80004003, "E_POINTER"},
+    {0x80004004, "E_ABORT"},
+    {0x80004005, "E_FAIL"},
+    {0x8000000B, "E_BOUNDS"},
+    {0x8000FFFF, "E_UNEXPECTED"},
+    {0x80040154, "REGDB_E_CLASSNOTREG"},
+    {0x80070002, "ERROR_FILE_NOT_FOUND"},
+    {0x80070003, "ERROR_PATH_NOT_FOUND"},
+    {0x80070005, "E_ACCESSDENIED"},
+    {0x80070006, "E_HANDLE"},
+    {0x8007000D, "ERROR_INVALID_DATA"},
+    {0x8007000E, "E_OUTOFMEMORY"},
+    {0x80070020, "ERROR_SHARING_VIOLATION"},
+    {0x80070057, "E_INVALIDARG"},
+    {0x80070490, "ERROR_NOT_FOUND"},
+    {0x80073CF1, "ERROR_PACKAGE_NOT_FOUND"},
+    {0x80073CF9, "ERROR_INSTALL_FAILED"},
+    {0x80073CFA, "ERROR_REMOVE_FAILED"},
+    {0x80092003, "CRYPT_E_FILE_ERROR"},
+    {0x80096010, "TRUST_E_BAD_DIGEST"},
+    {0x800B0100, "TRUST_E_NOSIGNATURE"},
+    {0x800B0101, "CERT_E_EXPIRED"},
+    {0x800B0109, "CERT_E_UNTRUSTEDROOT"},
+    {0x800B010A, "CERT_E_CHAINING"},
+};
+
+// What the terminal had before. The handler of Ctrl+C runs on a thread of its own.
+UINT codePageBefore = 0;
+DWORD modeBefore = 0;
+bool modeChanged = false;
+
+void GiveTerminalBack() {
+  if (codePageBefore != 0) static_cast<void>(SetConsoleOutputCP(codePageBefore));
+  if (modeChanged) {
+    static_cast<void>(SetConsoleMode(GetStdHandle(STD_OUTPUT_HANDLE), modeBefore));
+  }
+}
+
+BOOL WINAPI EndedByUser(DWORD) {
+  GiveTerminalBack();
+  return FALSE;  // the next handler ends the process
+}
+
+bool WantsColours(Colours colours) {
+  if (colours != Colours::Auto) return colours == Colours::Always;
+  // Returns the length or what it would be. An empty variable refuses nothing.
+  wchar_t refused[2] = {};
+  const bool set = GetEnvironmentVariableW(L"NO_COLOR", refused, 2) != 0;
+  return !set && _isatty(_fileno(stdout)) != 0;
+}
+
+const char* Colour(const std::wstring& level) {
+  if (level == L"ERROR") return "\x1b[31m";
+  if (level == L"WARNING") return "\x1b[33m";
+  return "\x1b[2m";
+}
+
+std::wstring JsonLine(const LogLine& line, const std::wstring& moment) {
+  Json::WideDocument document(rapidjson::kObjectType);
+  auto& allocator = document.GetAllocator();
+  const auto add = [&](const wchar_t* key, const std::wstring& value) {
+    document.AddMember(Json::WideValue(key, allocator), Json::WideValue(value, allocator),
+                       allocator);
+  };
+  if (!moment.empty()) add(L"time", moment);
+  add(L"level", line.level);
+  add(L"provider", line.provider);
+  add(L"caller", line.caller);
+  if (line.process != 0) document.AddMember(L"process", line.process, allocator);
+  add(L"message", line.message);
+  return Json::JsonText(document);
+}
+
+}  // namespace
+
+TerminalScope::TerminalScope() {
+  codePageBefore = GetConsoleOutputCP();
+  static_cast<void>(SetConsoleOutputCP(CP_UTF8));  // on failure the console shows what it can
+  const HANDLE output = GetStdHandle(STD_OUTPUT_HANDLE);
+  modeChanged = GetConsoleMode(output, &modeBefore) != 0 &&
+                SetConsoleMode(output, modeBefore | ENABLE_VIRTUAL_TERMINAL_PROCESSING) != 0;
+  static_cast<void>(SetConsoleCtrlHandler(&EndedByUser, TRUE));
+}
+
+TerminalScope::~TerminalScope() {
+  static_cast<void>(SetConsoleCtrlHandler(&EndedByUser, FALSE));
+  GiveTerminalBack();
+}
+
+std::string MeaningOf(std::uint32_t code) {
+  for (const auto& known : kCodes) {
+    if (known.code == code) return known.meaning;
+  }
+  return {};
+}
+
+std::string Describe(std::uint32_t code) {
+  char text[16];
+  std::snprintf(text, sizeof text, "0x%08X", code);
+  const std::string meaning = MeaningOf(code);
+  return meaning.empty() ? text : std::string(text) + " (" + meaning + ")";
+}
+
+std::string DescribeResult(std::int32_t result) {
+  const auto number = static_cast<std::uint32_t>(result);
+  char text[16];
+  std::snprintf(text, sizeof text, "0x%08X", number);
+  for (const auto& known : kResults) {
+    if (known.result == number) return std::string(text) + " (" + known.name + ")";
+  }
+  return text;
+}
+
+std::wstring ErrorJson(const std::string& message, int exitCode, std::int32_t result) {
+  Json::WideDocument document(rapidjson::kObjectType);
+  auto& allocator = document.GetAllocator();
+  const auto text = [&allocator](const std::string& value) {
+    return Json::WideValue(Wide(value), allocator);
+  };
+  Json::WideValue error(rapidjson::kObjectType);
+  error.AddMember(L"message", text(message), allocator);
+  error.AddMember(L"exitCode", exitCode, allocator);
+  if (result != 0) {
+    const std::string described = DescribeResult(result);
+    const std::size_t space = described.find(' ');
+    error.AddMember(L"result", text(described.substr(0, space)), allocator);
+    if (space != std::string::npos) {
+      error.AddMember(L"name", text(described.substr(space + 2, described.size() - space - 3)),
+                      allocator);
+    }
+  }
+  document.AddMember(L"error", error, allocator);
+  return Json::JsonText(document);
+}
+
+Console::Console(ConsoleOptions options)
+    : form(options.form), quiet(options.quiet), coloured(WantsColours(options.colours)) {}
+
+void Console::Write(const std::string& text, std::FILE* file) {
+  const std::lock_guard guard(lock);
+  std::fprintf(file, "%s\n", text.c_str());
+  std::fflush(file);
+}
+
+void Console::WriteNote(const std::string& text, LineBreaks breaks) {
+  if (quiet) return;
+  Write(Printable(text, breaks), WritesJson() ? stderr : stdout);
+}
+
+void Console::JsonResult(const Json::WideValue& result) {
+  JsonResult(Json::JsonText(result));
+}
+
+void Console::JsonResult(std::wstring_view json) {
+  Write(PrintableJson(json));
+}
+
+void Console::Line(const std::string& text) {
+  Write(Printable(text, LineBreaks::Replace));
+}
+
+void Console::Lines(const std::string& text) {
+  Write(Printable(text, LineBreaks::Keep));
+}
+
+void Console::Note(const std::string& text) {
+  WriteNote(text, LineBreaks::Replace);
+}
+
+void Console::Heading(const std::string& text) {
+  WriteNote("\n== " + text, LineBreaks::Keep);
+}
+
+void Console::Request(std::uint32_t id, const std::wstring& request) {
+  WriteNote("-> " + std::to_string(id) + " " + Utf8(request), LineBreaks::Keep);
+}
+
+void Console::Result(const Answer& answer) {
+  Line("<- " + (answer.text ? Utf8(*answer.text) : std::string("(no response)")));
+  Line("   result " + Describe(answer.code));
+}
+
+std::string Console::TextOf(const LogLine& line, const std::wstring& moment) const {
+  if (WritesJson()) return PrintableJson(JsonLine(line, moment));
+  const std::string caller = line.caller.empty() ? "" : " [" + Utf8(line.caller) + "]";
+  const std::string text = Printable("   " + (moment.empty() ? "" : Utf8(moment) + " ") + "log " +
+                                         Utf8(line.level) + caller + ": " + Utf8(line.message),
+                                     LineBreaks::Replace);
+  return coloured ? Colour(line.level) + text + "\x1b[0m" : text;
+}
+
+void Console::Log(const LogLine& line, const std::wstring& moment) {
+  if (!quiet) Write(TextOf(line, moment), WritesJson() ? stderr : stdout);
+}
+
+void Console::LogResult(const LogLine& line, const std::wstring& moment) {
+  Write(TextOf(line, moment));
+}
+
+void Console::Failure(const std::string& text) {
+  Write(Printable("!! " + text, LineBreaks::Replace), WritesJson() ? stderr : stdout);
+}
+
+}  // namespace Vx::Host

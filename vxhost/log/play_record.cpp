@@ -1,0 +1,101 @@
+#include "vxhost/log/play_record.h"
+
+#include <algorithm>
+
+#include <windows.h>
+
+namespace Vx::Host {
+
+void PlayRecord::BeginStep(std::size_t line, const std::wstring& say) {
+  const auto moment = now();
+  const std::lock_guard guard(mutex);
+  steps.push_back({.line = line, .say = say, .begin = moment, .end = moment});
+  stepBegin = entries.size();
+}
+
+void PlayRecord::EndStep() {
+  const auto moment = now();
+  const std::lock_guard guard(mutex);
+  if (!steps.empty()) steps.back().end = moment;
+}
+
+void PlayRecord::AddCall(const std::wstring& text) {
+  Add({.what = Happening::Call, .text = text, .log = {}, .request = {}, .answer = {}});
+}
+
+void PlayRecord::AddCommand(std::uint32_t id, const std::wstring& request, const Answer& answer) {
+  Add({.what = Happening::Command,
+       .text = {},
+       .log = {},
+       .command = id,
+       .request = request,
+       .answer = answer});
+}
+
+void PlayRecord::AddEvent(const std::wstring& text) {
+  Add({.what = Happening::Event,
+       .thread = GetCurrentThreadId(),
+       .text = text,
+       .log = {},
+       .request = {},
+       .answer = {}});
+}
+
+void PlayRecord::AddLog(const LogLine& line) {
+  Add({.what = Happening::Log,
+       .thread = GetCurrentThreadId(),
+       .text = {},
+       .log = line,
+       .request = {},
+       .answer = {}});
+}
+
+void PlayRecord::AddFailure(const std::wstring& text) {
+  Add({.what = Happening::Failure, .text = text, .log = {}, .request = {}, .answer = {}});
+}
+
+void PlayRecord::Add(RecordEntry entry) {
+  entry.at = now();
+  const std::lock_guard guard(mutex);
+  entry.step = steps.size();
+  entries.push_back(std::move(entry));
+}
+
+bool PlayRecord::Contains(Happening what, const std::wstring& text) const {
+  const std::lock_guard guard(mutex);
+  return std::any_of(entries.begin() + static_cast<std::ptrdiff_t>(stepBegin), entries.end(),
+                     [&](const RecordEntry& entry) {
+                       const std::wstring& said =
+                           what == Happening::Log ? entry.log.message : entry.text;
+                       return entry.what == what && said.find(text) != said.npos;
+                     });
+}
+
+bool PlayRecord::WaitFor(const std::wstring& text, int seconds) const {
+  return WaitUntil(seconds, [&] { return Contains(Happening::Log, text); });
+}
+
+bool PlayRecord::Happened(const std::wstring& text) const {
+  return Contains(Happening::Event, text);
+}
+
+std::vector<RecordStep> PlayRecord::Steps() const {
+  const std::lock_guard guard(mutex);
+  return steps;
+}
+
+std::vector<RecordEntry> PlayRecord::Entries() const {
+  const std::lock_guard guard(mutex);
+  return entries;
+}
+
+bool WaitUntil(int seconds, const std::function<bool()>& condition) {
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
+  while (!condition()) {
+    if (std::chrono::steady_clock::now() > deadline) return false;
+    Sleep(5);
+  }
+  return true;
+}
+
+}  // namespace Vx::Host

@@ -1,0 +1,106 @@
+#include "vxhost/play/initial_store.h"
+
+#include <stdexcept>
+#include <string_view>
+#include <utility>
+
+#include "hosting/text.h"
+#include "storage/bson_document.h"
+#include "storage/cap_data_store.h"
+#include "vxhost/play/machine_steps.h"
+
+namespace Vx::Host {
+
+namespace {
+
+using Json::WideValue;
+using Tessel::Server::Storage::BsonDocument;
+using Tessel::Server::Storage::BsonElement;
+using Tessel::Server::Storage::CapDataStore;
+
+std::wstring_view TextOf(const WideValue& value) {
+  return {value.GetString(), value.GetStringLength()};
+}
+
+// An integer becomes an int32 if it fits, otherwise an int64.
+BsonElement PlainElement(const WideValue& value, const Definitions& definitions) {
+  if (value.IsNull()) return BsonElement();
+  if (value.IsBool()) return BsonElement::Boolean(value.GetBool());
+  if (value.IsInt()) return BsonElement::Int32(value.GetInt());
+  if (value.IsInt64()) return BsonElement::Int64(value.GetInt64());
+  if (value.IsString()) {
+    return BsonElement::Text(Expanded(std::wstring(TextOf(value)), definitions));
+  }
+  return BsonElement::Text(Json::JsonText(value));
+}
+
+// {"type", "value"} as "store show" prints it. The parser bounds the depth.
+BsonElement TypedElement(const std::string& key, const WideValue& member) {
+  const WideValue* type = member.IsObject() ? Find(member, L"type") : nullptr;
+  const WideValue* value = member.IsObject() ? Find(member, L"value") : nullptr;
+  const std::wstring_view kind = type != nullptr && type->IsString() ? TextOf(*type) : L"";
+  if (kind == L"null") return BsonElement();
+  if (value != nullptr) {
+    if (kind == L"text" && value->IsString()) return BsonElement::Text(TextOf(*value));
+    if (kind == L"bool" && value->IsBool()) return BsonElement::Boolean(value->GetBool());
+    if (kind == L"int32" && value->IsInt()) return BsonElement::Int32(value->GetInt());
+    if (kind == L"int64" && value->IsInt64()) return BsonElement::Int64(value->GetInt64());
+    if (kind == L"document" && value->IsObject()) {
+      BsonDocument document;
+      for (auto inner = value->MemberBegin(); inner != value->MemberEnd(); ++inner) {
+        const std::string name = Utf8(inner->name.GetString());
+        document.Set(name, TypedElement(name, inner->value));
+      }
+      return BsonElement(document);
+    }
+  }
+  throw std::runtime_error("the store to begin with cannot hold \"" + key +
+                           "\": " + Utf8(Json::JsonText(member)));
+}
+
+}  // namespace
+
+InitialStore::InitialStore(const WideValue& value, const std::wstring& folder, Definitions names)
+    : definitions(std::move(names)) {
+  if (value.IsObject()) {
+    values = &value;
+    return;
+  }
+  std::wstring path = Expanded(std::wstring(TextOf(value)), definitions);
+  if (path.find(L':') == path.npos) path = folder + path;
+  file = std::make_unique<Json::WideDocument>();
+  if (Json::ParseJson(*file, ReadTextFile(path)) && file->IsObject()) {
+    values = Find(*file, L"document");
+  }
+  if (values == nullptr || !values->IsObject()) {
+    throw std::runtime_error(Utf8(path) + " is not a store as \"vxhost store show\" prints it");
+  }
+  for (auto member = values->MemberBegin(); member != values->MemberEnd(); ++member) {
+    TypedElement(Utf8(member->name.GetString()), member->value);
+  }
+}
+
+void InitialStore::Write() const {
+  if (values == nullptr) return;
+  for (auto member = values->MemberBegin(); member != values->MemberEnd(); ++member) {
+    const std::string key = Utf8(member->name.GetString());
+    if (file != nullptr) {
+      CapDataStore().persist(key, TypedElement(key, member->value));
+    } else {
+      StoreValue(key, member->value, definitions);
+    }
+  }
+}
+
+void StoreValue(const std::string& key, const WideValue& value, const Definitions& definitions) {
+  if (!value.IsObject()) {
+    CapDataStore().persist(key, PlainElement(value, definitions));
+    return;
+  }
+  for (auto member = value.MemberBegin(); member != value.MemberEnd(); ++member) {
+    CapDataStore().mergeMember(key, Utf8(member->name.GetString()),
+                               PlainElement(member->value, definitions));
+  }
+}
+
+}  // namespace Vx::Host

@@ -1,0 +1,34 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "json/json_text.h"
+#include "vxhost/log/play_record.h"
+
+namespace Vx::Host {
+
+// One scenario that was played, or could not be.
+struct PlayedScenario {
+  std::string file;  // as the command line names it
+  bool met = false;
+  std::string error;  // why it could not be played, or not to its end
+  std::vector<RecordStep> steps;
+  std::vector<RecordEntry> entries;
+};
+
+// {"id", "code", "meaning", "answer"}. The answer is null when the module returned none, and a text
+// when it is not JSON.
+Json::WideDocument CommandJson(std::uint32_t id, const Answer& answer);
+
+// {"scenario", "met", "seconds", "steps": [{"step", "line", "say", "met", "entries"}]}, as
+// docs/vxhost.md describes it.
+Json::WideDocument ScenarioJson(const PlayedScenario& played);
+
+// {"entries"}
+Json::WideDocument EventsJson(const std::vector<RecordEntry>& entries);
+
+// The report that continuous integration servers read: one suite per scenario, one case per step.
+std::string JUnitReport(const std::vector<PlayedScenario>& played);
+
+}  // namespace Vx::Host

@@ -1,0 +1,321 @@
+#include "vxhost/play/scenario.h"
+
+#include <algorithm>
+#include <chrono>
+#include <cwchar>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <memory>
+#include <optional>
+#include <sstream>
+#include <stdexcept>
+#include <vector>
+
+#include <windows.h>
+
+#include "hosting/services_mutex.h"
+#include "hosting/text.h"
+#include "json/json_text.h"
+#include "platform/unique_handle.h"
+#include "storage/cap_data_store.h"
+#include "storage/service_document.h"
+#include "vxhost/play/machine_steps.h"
+#include "vxhost/play/scenario_check.h"
+#include "vxhost/store/store_content.h"
+
+namespace Vx::Host {
+
+namespace {
+
+using Json::WideValue;
+using Tessel::Server::Services::Orvane::kServiceDocument;
+using Tessel::Server::Storage::CapDataStore;
+
+constexpr int kDefaultWait = 10;  // seconds
+constexpr wchar_t kCaller[] = L"vxhost";
+
+// A program that runs until the scenario ends.
+class Helper {
+ public:
+  Helper(const std::wstring& path, const std::wstring& arguments) {
+    STARTUPINFOW startup{};
+    startup.cb = sizeof startup;
+    PROCESS_INFORMATION started{};
+    std::wstring commandLine = L"\"" + path + L"\" " + arguments;
+    if (CreateProcessW(path.c_str(), commandLine.data(), nullptr, nullptr, FALSE, 0, nullptr,
+                       nullptr, &startup, &started) == 0) {
+      throw std::runtime_error("cannot start " + Utf8(path));
+    }
+    process.reset(started.hProcess);
+    Platform::UniqueHandle thread(started.hThread);
+  }
+  Helper(const Helper&) = delete;
+  Helper& operator=(const Helper&) = delete;
+  ~Helper() {
+    TerminateProcess(process.get(), 0);
+    WaitForSingleObject(process.get(), 5000);
+  }
+
+ private:
+  Platform::UniqueHandle process;
+};
+
+std::wstring ReadIfThere(const std::wstring& path) {
+  try {
+    return ReadTextFile(path);
+  } catch (const std::runtime_error&) {
+    return {};
+  }
+}
+
+class Player {
+ public:
+  Player(const Definitions& names, Stage& where) : definitions(names), stage(where) {}
+
+  bool Play(const WideValue& steps, const std::vector<std::size_t>& lines) {
+    for (rapidjson::SizeType i = 0; i < steps.Size(); ++i) {
+      const auto* say = Find(steps[i], L"say");
+      stage.record.BeginStep(lines[i], say == nullptr ? std::wstring() : Expand(*say));
+      try {
+        Step(steps[i]);
+      } catch (const std::runtime_error& error) {
+        throw std::runtime_error("line " + std::to_string(lines[i]) + ", step " +
+                                 std::to_string(i + 1) + ": " + error.what());
+      }
+      stage.record.EndStep();
+    }
+    if (stage.machine != nullptr) RequireRefusal(*stage.machine);
+    return succeeded;
+  }
+
+ private:
+  void Step(const WideValue& step) {
+    if (const auto* text = Find(step, L"say")) stage.console.Heading(Utf8(Expand(*text)));
+    if (stage.machine != nullptr) {
+      const auto expand = [this](const WideValue& value) { return Expand(value); };
+      ChangeMachine(step, expand, *stage.machine);
+    }
+    if (const auto* values = Find(step, L"store")) Store(*values);
+    if (Find(step, L"end") != nullptr) End();
+    if (Find(step, L"restart") != nullptr) Restart();
+    if (Find(step, L"start") != nullptr) {
+      Call("start");
+      stage.session.Slots().Start();
+    }
+    if (Find(step, L"policy") != nullptr) Announce();
+    if (const auto* id = Find(step, L"exec")) Execute(step, id->GetUint());
+    if (const auto* code = Find(step, L"power")) {
+      Call("power event " + std::to_string(code->GetUint()));
+      stage.session.Slots().power_event_task(code->GetUint());
+    }
+    if (const auto* code = Find(step, L"session")) {
+      Call("session change " + std::to_string(code->GetUint()));
+      stage.session.Slots().OnSessionChange(code->GetUint());
+    }
+    if (const auto* copy = Find(step, L"copy")) Copy(*copy);
+    if (const auto* path = Find(step, L"remove")) {
+      std::error_code ignored;
+      std::filesystem::remove(Expand(*path), ignored);
+    }
+    if (const auto* path = Find(step, L"run")) {
+      const auto* arguments = Find(step, L"arguments");
+      helpers.push_back(std::make_unique<Helper>(
+          Expand(*path), arguments == nullptr ? std::wstring() : Expand(*arguments)));
+    }
+    if (stage.machine != nullptr) PassTime(step, *stage.machine);
+    stage.showRepeated();
+    if (const auto* file = Find(step, L"waitFor")) WaitForFile(*file);
+    if (Find(step, L"showStore") != nullptr) {
+      for (const std::string& line : StoreLines()) stage.console.Note("   store " + line);
+    }
+    if (const auto* expect = Find(step, L"expect")) ExpectTraces(*expect);
+  }
+
+  // As other services of the machine do.
+  void Store(const WideValue& values) {
+    const ServicesMutexHold hold(ServicesMutexFor(StoreUse::Write));
+    for (auto value = values.MemberBegin(); value != values.MemberEnd(); ++value) {
+      const std::string key = Utf8(value->name.GetString());
+      Call("another service stores " + key + " = " + Utf8(Expand(value->value)));
+      StoreValue(key, value->value, definitions);
+    }
+  }
+
+  void Call(const std::string& text) {
+    stage.record.AddCall(Wide(text));
+    stage.console.Note("-> " + text);
+  }
+
+  void End() {
+    Call("end");
+    stage.session.End();
+    if (stage.machine != nullptr) stage.machine->clock.Settle();
+  }
+
+  void Restart() {
+    Call("end and start");
+    stage.session.End();
+    if (stage.machine != nullptr) stage.machine->clock.Settle();
+    stage.session = stage.newService();
+    stage.session.Slots().Start();
+  }
+
+  // A text unchanged, any other value as JSON. Definitions are expanded in both.
+  std::wstring Expand(const WideValue& value) const {
+    if (value.IsString()) {
+      return Expanded(std::wstring(value.GetString(), value.GetStringLength()), definitions);
+    }
+    Definitions escaped;
+    for (const auto& [name, content] : definitions) escaped[name] = Escaped(content);
+    return Expanded(Json::JsonText(value), escaped);
+  }
+
+  static std::wstring Escaped(const std::wstring& text) {
+    const std::wstring quoted =
+        Json::JsonText(WideValue(text.c_str(), static_cast<rapidjson::SizeType>(text.size())));
+    return quoted.substr(1, quoted.size() - 2);
+  }
+
+  void Execute(const WideValue& step, std::uint32_t id) {
+    const auto* request = Find(step, L"request");
+    const std::wstring text = request == nullptr ? L"{}" : Expand(*request);
+    stage.console.Request(id, text);
+    const Answer answer = stage.session.Execute(id, text, kCaller);
+    if (stage.machine != nullptr) stage.machine->clock.Settle();
+    stage.record.AddCommand(id, text, answer);
+    stage.console.Note("<- " + (answer.text ? Utf8(*answer.text) : std::string("(no response)")));
+    stage.console.Note("   result " + Describe(answer.code));
+    const auto* expect = Find(step, L"expect");
+    if (expect == nullptr) return;
+    if (const auto* code = Find(*expect, L"code")) {
+      const auto wanted = static_cast<std::uint32_t>(std::wcstoul(code->GetString(), nullptr, 16));
+      Check(answer.code == wanted, "the result code should be " + Describe(wanted));
+    }
+    if (const auto* response = Find(*expect, L"answer")) {
+      const std::wstring wanted = Expand(*response);
+      Check(answer.text == wanted, "the answer should be " + Utf8(wanted));
+    }
+  }
+
+  // As the component that applies the maker's policy does.
+  void Announce() {
+    constexpr std::uint32_t kPolicyChanged = 16;
+    Call("the policy changed");
+    const Answer answer = stage.session.Execute(kPolicyChanged, L"{}", kCaller);
+    if (stage.machine != nullptr) stage.machine->clock.Settle();
+    Check(answer.code == 0,
+          "the policy should be announced, but the result is " + Describe(answer.code));
+  }
+
+  void Copy(const WideValue& copy) {
+    const std::filesystem::path from = Expand(Member(copy, L"from"));
+    const std::filesystem::path to = Expand(Member(copy, L"to"));
+    std::error_code error;
+    std::filesystem::create_directories(to.parent_path(), error);
+    std::filesystem::copy_file(from, to, std::filesystem::copy_options::overwrite_existing, error);
+    Check(!error, "cannot copy " + Utf8(from.wstring()) + " to " + Utf8(to.wstring()));
+  }
+
+  void WaitForFile(const WideValue& what) {
+    const std::wstring path = Expand(Member(what, L"file"));
+    const auto* text = Find(what, L"contains");
+    const std::wstring wanted = text == nullptr ? std::wstring() : Expand(*text);
+    std::wstring content;
+    const bool came = WaitUntil(Seconds(what), [&] {
+      content = ReadIfThere(path);
+      return !content.empty() && content.find(wanted) != std::wstring::npos;
+    });
+    if (Find(what, L"quiet") == nullptr) {
+      stage.console.Note("   " + Utf8(path) + " says:");
+      std::wistringstream lines(content);
+      for (std::wstring line; std::getline(lines, line);) stage.console.Note(Utf8(line));
+    }
+    Check(came, Utf8(path) + " should say \"" + Utf8(wanted) + "\"");
+  }
+
+  void ExpectTraces(const WideValue& expect) {
+    if (const auto* text = Find(expect, L"log")) {
+      const std::wstring wanted = Expand(*text);
+      // On a simulated machine all that could happen has happened.
+      const int patience = stage.machine == nullptr ? Seconds(expect) : 0;
+      Check(stage.record.WaitFor(wanted, patience), "the log should say \"" + Utf8(wanted) + "\"");
+    }
+    if (const auto* text = Find(expect, L"event")) {
+      const std::wstring wanted = Expand(*text);
+      Check(stage.record.Happened(wanted), "it should have happened that \"" + Utf8(wanted) + "\"");
+    }
+    if (const auto* text = Find(expect, L"noEvent")) {
+      const std::wstring unwanted = Expand(*text);
+      Check(!stage.record.Happened(unwanted),
+            "it should not have happened that \"" + Utf8(unwanted) + "\"");
+    }
+    if (const auto* values = Find(expect, L"stored")) ExpectStored(*values);
+  }
+
+  void ExpectStored(const WideValue& values) {
+    const ServicesMutexHold hold(ServicesMutexFor(StoreUse::Read));
+    CapDataStore store;
+    const auto document = store.readDocument(kServiceDocument);
+    for (auto value = values.MemberBegin(); value != values.MemberEnd(); ++value) {
+      const std::string key = Utf8(value->name.GetString());
+      const std::wstring wanted = Expand(value->value);
+      const auto stored = document.Find(key);
+      const std::wstring text = stored ? stored->AsWideText().value_or(L"") : std::wstring();
+      stage.console.Note("   the store holds " + key + " = \"" + Utf8(text) + "\"");
+      Check(text == wanted, key + " should be stored as \"" + Utf8(wanted) + "\"");
+    }
+  }
+
+  static int Seconds(const WideValue& object) {
+    const auto* seconds = Find(object, L"seconds");
+    return seconds == nullptr ? kDefaultWait : seconds->GetInt();
+  }
+
+  void Check(bool happened, const std::string& expectation) {
+    if (happened) return;
+    succeeded = false;
+    stage.record.AddFailure(Wide(expectation));
+    stage.console.Failure(expectation);
+  }
+
+  const Definitions& definitions;
+  Stage& stage;
+  std::vector<std::unique_ptr<Helper>> helpers;
+  bool succeeded = true;
+};
+
+}  // namespace
+
+Scenario::Scenario(const std::wstring& path, Definitions names, StageKind where)
+    : definitions(std::move(names)) {
+  const std::wstring text = ReadTextFile(path);
+  Json::ParseFault fault;
+  if (!Json::ParseJson(document, text, Json::kMaxNesting, &fault)) {
+    throw std::runtime_error(Utf8(path) + " is not valid JSON: " + FaultText(text, fault));
+  }
+  const LineIndex index(document, text);
+  const std::vector<std::string> faults = FaultsOf(document, index, definitions, where);
+  if (faults.empty()) {
+    for (const WideValue& step : Find(document, L"steps")->GetArray()) {
+      lines.push_back(index.LineOf(step));
+    }
+    const auto* values = Find(document, L"store");
+    if (values == nullptr) return;
+    initialStore = InitialStore(*values, path.substr(0, path.rfind(L'\\') + 1), definitions);
+    return;
+  }
+  std::string list = Utf8(path) + " cannot be played:";
+  for (const std::string& one : faults) list += "\n  " + one;
+  throw std::runtime_error(list);
+}
+
+void Scenario::Prepare() const {
+  initialStore.Write();
+}
+
+bool Scenario::Play(Stage& stage) const {
+  return Player(definitions, stage).Play(*Find(document, L"steps"), lines);
+}
+
+}  // namespace Vx::Host

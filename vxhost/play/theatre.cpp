@@ -1,0 +1,230 @@
+#include "vxhost/play/theatre.h"
+
+#include <algorithm>
+#include <chrono>
+#include <deque>
+#include <filesystem>
+#include <optional>
+#include <stdexcept>
+#include <utility>
+
+#include <windows.h>
+
+#include "host/logging.h"
+#include "hosting/log_listener.h"
+#include "hosting/text.h"
+#include "platform/machine.h"
+#include "service/orvane_service.h"
+#include "simulator/simulated_machine.h"
+#include "vxhost/play/played_keys.h"
+
+namespace Vx::Host {
+
+namespace {
+
+namespace Logging = Tessel::Server::Logging;
+
+// How long, in real time, a simulated worker may run on: longer than the ten seconds for which a
+// monitor of debug output that does not read holds up a line.
+constexpr std::chrono::seconds kPatience{30};
+
+// How long, in virtual time, the tasks that outlive a service may still wait: longer than any delay
+// of a subscription and any length in a scenario.
+constexpr std::chrono::hours kLongestTask{24 * 500};
+
+constexpr const wchar_t* kLevels[] = {L"INFO", L"WARNING", L"ERROR"};
+
+// A folder for the stored values of one run instead of the machine's, removed at the end.
+class PrivateStore {
+ public:
+  PrivateStore()
+      : folder(std::filesystem::temp_directory_path() /
+               (L"vxhost-" + std::to_wstring(GetCurrentProcessId()))) {
+    std::filesystem::create_directories(folder);
+    SetEnvironmentVariableW(L"ProgramData", folder.wstring().c_str());
+  }
+  PrivateStore(const PrivateStore&) = delete;
+  PrivateStore& operator=(const PrivateStore&) = delete;
+  ~PrivateStore() {
+    std::error_code ignored;  // the module makes these and nothing else
+    for (const wchar_t* name :
+         {L"Vx\\SharedServices\\shared_store.dat", L"Vx\\SharedServices", L"Vx"}) {
+      std::filesystem::remove(folder / name, ignored);
+    }
+    std::filesystem::remove(folder, ignored);
+  }
+
+ private:
+  std::filesystem::path folder;
+};
+
+// The real module and its service, whose log lines are shown and recorded. The listener outlives
+// the module, which may log until it is unloaded.
+class RealTheatre final : public Theatre {
+ public:
+  RealTheatre(const ModuleOptions& options, Console& console, const std::function<void()>& prepare)
+      : store(options.privateStore ? std::make_unique<PrivateStore>() : nullptr),
+        listener([this, &console](const LogLine& line) {
+          console.Log(line);
+          recorder.AddLog(line);
+        }),
+        module(options.Path()),
+        session((prepare(), module.NewService())),
+        stage{.session = session,
+              .newService = [this] { return module.NewService(); },
+              .record = recorder,
+              .console = console,
+              .machine = nullptr,
+              .showRepeated = [] {}} {}
+
+  Stage& Open() override { return stage; }
+
+ private:
+  std::unique_ptr<PrivateStore> store;
+  PlayRecord recorder{[begin = std::chrono::steady_clock::now()] {
+    return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() -
+                                                                 begin);
+  }};
+  LogListener listener;
+  LoadedModule module;
+  ServiceSession session;
+  Stage stage;
+};
+
+// Shows and records the log lines of the linked service, each with its virtual moment. A line that
+// a poll repeats every second is shown once, and at the end with the number of repetitions.
+class SimulatedLog {
+ public:
+  SimulatedLog(Console& output, PlayRecord& keeper, const Simulator::VirtualClock& timeOf)
+      : console(output),
+        recorder(keeper),
+        clock(timeOf),
+        sink(Logging::LogManager::AddSink(
+            [this](const Logging::LogRecord& record) { Take(record); })) {}
+  SimulatedLog(const SimulatedLog&) = delete;
+  SimulatedLog& operator=(const SimulatedLog&) = delete;
+  ~SimulatedLog() { Logging::LogManager::RemoveSink(sink); }
+
+  // Shows the repeated lines. No thread may log meanwhile.
+  void ShowRepeated() {
+    for (Said& said : recent) Show(said);
+  }
+
+ private:
+  // More lines than one round of any poll writes.
+  static constexpr std::size_t kRemembered = 5;
+  static constexpr std::chrono::seconds kPollStep{1};
+
+  struct Said {
+    LogLine line;
+    Simulator::VirtualClock::Duration first;
+    Simulator::VirtualClock::Duration last;
+    int repeated = 0;  // since it was last shown
+  };
+
+  void Show(Said& said) {
+    if (said.repeated == 0) return;
+    LogLine line = said.line;
+    line.message += L" (" + std::to_wstring(std::exchange(said.repeated, 0)) +
+                    L" times more since " + Simulator::FormatMoment(said.first) + L")";
+    console.Log(line, Simulator::FormatMoment(said.last));
+    said.first = said.last;
+  }
+
+  void Take(const Logging::LogRecord& record) {
+    const LogLine line{.level = kLevels[static_cast<int>(record.level)],
+                       .provider = std::wstring(record.provider),
+                       .caller = std::wstring(record.caller),
+                       .message = std::wstring(record.message)};
+    recorder.AddLog(line);
+    const auto now = clock.Moment();
+    const auto found = std::find_if(recent.begin(), recent.end(), [&line](const Said& one) {
+      return one.line.message == line.message;
+    });
+    if (found != recent.end()) {
+      // The most recent lines are forgotten last.
+      std::rotate(found, found + 1, recent.end());
+      Said& said = recent.back();
+      if (now - said.last <= kPollStep && (said.last != now || said.repeated != 0)) {
+        said.last = now;
+        ++said.repeated;
+        return;
+      }
+      Show(said);
+      said.first = said.last = now;
+    } else {
+      recent.push_back({.line = line, .first = now, .last = now});
+      if (recent.size() > kRemembered) {
+        Show(recent.front());
+        recent.pop_front();
+      }
+    }
+    console.Log(line, Simulator::FormatMoment(now));
+  }
+
+  Console& console;
+  PlayRecord& recorder;
+  const Simulator::VirtualClock& clock;
+  std::deque<Said> recent;  // used by the sink alone, which one thread at a time calls
+  Logging::LogManager::SinkId sink;
+};
+
+// The service that is linked into this program, on a machine in memory and with a store of its own.
+class SimulatedTheatre final : public Theatre {
+ public:
+  SimulatedTheatre(Console& console, const std::function<void()>& prepare)
+      : scope([this](Platform::Machine& real) { machine.InstallSealed(real); }),
+        prepared((prepare(), true)),
+        log(std::in_place, console, recorder, machine.clock),
+        session(NewService()),
+        stage{.session = *session,
+              .newService = &NewService,
+              .record = recorder,
+              .console = console,
+              .machine = &machine,
+              .showRepeated = [this] { log->ShowRepeated(); }} {
+    machine.clock.SetPatience(kPatience);
+    machine.timeline.SetListener([this, &console](const Simulator::Timeline::Entry& entry) {
+      recorder.AddEvent(entry.text);
+      console.Note(" * " + Utf8(Simulator::Format(entry)));
+    });
+  }
+  // The service and the tasks that outlive it end before their machine does. What they log is not
+  // shown, because it would come before or after the end of the output.
+  ~SimulatedTheatre() override {
+    machine.timeline.SetListener({});
+    log.reset();
+    session.reset();
+    machine.Drain(kLongestTask);
+  }
+
+  Stage& Open() override { return stage; }
+
+ private:
+  static ServiceSession NewService() {
+    auto* service = Tessel::Server::Services::Orvane::OrvaneService::Create();
+    if (service == nullptr) throw std::runtime_error("no memory for a service");
+    return ServiceSession(service);
+  }
+
+  PrivateStore store;
+  PlayedKeys keys;
+  Simulator::SimulatedMachine machine;
+  PlayRecord recorder{[this] { return machine.clock.Moment(); }};
+  Platform::MachineScope scope;
+  bool prepared;  // before anything is logged
+  std::optional<SimulatedLog> log;
+  std::optional<ServiceSession> session;
+  Stage stage;
+};
+
+}  // namespace
+
+std::unique_ptr<Theatre> MakeTheatre(const ModuleOptions& options, Console& console,
+                                     const std::function<void()>& prepare) {
+  if (!options.simulate) return std::make_unique<RealTheatre>(options, console, prepare);
+  if (!options.dll.empty()) throw std::runtime_error("--simulate does not use --dll");
+  return std::make_unique<SimulatedTheatre>(console, prepare);
+}
+
+}  // namespace Vx::Host

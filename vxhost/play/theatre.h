@@ -1,0 +1,26 @@
+#pragma once
+
+#include <functional>
+#include <memory>
+
+#include "vxhost/common/console.h"
+#include "vxhost/common/module_options.h"
+#include "vxhost/play/scenario.h"
+
+namespace Vx::Host {
+
+// The service that a subcommand uses and its surroundings: the real module on this machine, or,
+// with
+// --simulate, the service linked into this program on a simulated machine.
+class Theatre {
+ public:
+  virtual ~Theatre() = default;
+  virtual Stage& Open() = 0;
+};
+
+// Calls `prepare` when the machine is there but not yet a service. Throws std::runtime_error when
+// the module cannot be used.
+std::unique_ptr<Theatre> MakeTheatre(
+    const ModuleOptions& options, Console& console, const std::function<void()>& prepare = [] {});
+
+}  // namespace Vx::Host

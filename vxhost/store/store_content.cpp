@@ -1,0 +1,129 @@
+#include "vxhost/store/store_content.h"
+
+#include <cstdint>
+#include <optional>
+
+#include "hosting/text.h"
+#include "json/utf8.h"
+#include "storage/bson_document.h"
+#include "storage/service_document.h"
+#include "vxhost/store/store_repair.h"
+
+namespace Vx::Host {
+
+namespace {
+
+using namespace Tessel::Server::Services::Orvane;
+using Json::WideDocument;
+using Json::WideValue;
+using Tessel::Server::Storage::BsonDocument;
+using Tessel::Server::Storage::BsonKind;
+using Tessel::Server::Storage::BsonView;
+
+// The writer of a document chooses its depth. Only the size of deeper documents is shown.
+constexpr int kShownLevels = 32;
+
+const wchar_t* KindName(BsonKind kind) {
+  switch (kind) {
+    case BsonKind::Double:
+      return L"double";
+    case BsonKind::String:
+      return L"text";
+    case BsonKind::Document:
+      return L"document";
+    case BsonKind::Binary:
+      return L"binary";
+    case BsonKind::Boolean:
+      return L"bool";
+    case BsonKind::Null:
+      return L"null";
+    case BsonKind::Int32:
+      return L"int32";
+    case BsonKind::Int64:
+      return L"int64";
+    default:
+      return L"other";
+  }
+}
+
+// A document as JSON: each member becomes an object with its type and its value, or its size in
+// bytes where a value cannot be shown.
+class StoreWriter {
+ public:
+  explicit StoreWriter(WideDocument& target, ShownValues which = ShownValues::All)
+      : pool(target.GetAllocator()), shown(which) {}
+
+  // `name` is that of the document in the store, empty for the top level.
+  WideValue Document(const BsonDocument& document, int levelsLeft, const std::string& name = {}) {
+    WideValue object(rapidjson::kObjectType);
+    for (const BsonDocument::Member& member : document) {
+      const std::string key(member.key);
+      if (shown == ShownValues::Exported && !IsExported(name, key) &&
+          (!name.empty() || key != kServiceDocument)) {
+        ++left;
+        continue;
+      }
+      object.AddMember(WideValue(Json::ToWide(key), pool), Member(key, member.value, levelsLeft),
+                       pool);
+    }
+    return object;
+  }
+
+  // The number of values that were left out.
+  std::size_t Left() const { return left; }
+
+ private:
+  WideValue Member(const std::string& key, const BsonView& view, int levelsLeft) {
+    WideValue member(rapidjson::kObjectType);
+    member.AddMember(L"type", WideValue(KindName(view.Kind()), pool), pool);
+    if (const auto embedded = levelsLeft > 0 ? view.AsDocument() : std::nullopt) {
+      member.AddMember(L"value", Document(*embedded, levelsLeft - 1, key), pool);
+    } else if (WideValue value = Scalar(view); !value.IsNull()) {
+      member.AddMember(L"value", value, pool);
+    } else {
+      member.AddMember(L"bytes", static_cast<std::uint64_t>(view.Bytes().size()), pool);
+    }
+    return member;
+  }
+
+  WideValue Scalar(const BsonView& view) {
+    if (const auto text = view.AsWideText()) return WideValue(*text, pool);
+    if (const auto flag = view.AsBoolean()) return WideValue(*flag);
+    if (const auto number = view.AsInt32()) return WideValue(*number);
+    if (const auto number = view.AsInt64()) return WideValue(*number);
+    if (const auto number = view.AsDouble()) return WideValue(*number);
+    return WideValue();
+  }
+
+  Json::WidePool& pool;
+  ShownValues shown;
+  std::size_t left = 0;
+};
+
+}  // namespace
+
+WideDocument StoreContent(const StoreLook& look, ShownValues shown, std::size_t& left) {
+  const BsonDocument stored = DocumentOf(look);
+  WideDocument content(rapidjson::kObjectType);
+  auto& pool = content.GetAllocator();
+  content.AddMember(L"storeId", WideValue(look.reading.id, pool), pool);
+  StoreWriter writer(content, shown);
+  content.AddMember(L"document", writer.Document(stored, kShownLevels), pool);
+  left = writer.Left();
+  return content;
+}
+
+std::vector<std::string> StoreLines() {
+  const StoreLook look = LookAtStore();
+  if (look.reading.state == Tessel::Server::Storage::StoreState::Missing) return {};
+  WideDocument document;
+  document.CopyFrom(StoreWriter(document).Document(DocumentOf(look), kShownLevels),
+                    document.GetAllocator());
+  std::vector<std::string> lines;
+  for (auto value = document.MemberBegin(); value < document.MemberEnd(); ++value) {
+    lines.push_back(Utf8(value->name.GetString()) + " " + Utf8(Json::JsonText(value->value)));
+  }
+  return lines;
+}
+
+}  // namespace Vx::Host

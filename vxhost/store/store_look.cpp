@@ -1,0 +1,118 @@
+#include "vxhost/store/store_look.h"
+
+#include <algorithm>
+#include <cstddef>
+#include <cstdio>
+#include <stdexcept>
+
+#include "hosting/text.h"
+#include "platform/file_handle.h"
+#include "platform/files.h"
+#include "platform/machine.h"
+#include "storage/cap_data_store.h"
+
+namespace Vx::Host {
+
+namespace {
+
+using Tessel::Server::Storage::BsonDocument;
+using Tessel::Server::Storage::CapDataStore;
+using Tessel::Server::Storage::SealedFile;
+using Tessel::Server::Storage::StoreState;
+
+std::string Hexadecimal(std::uint32_t error) {
+  char text[16];
+  std::snprintf(text, sizeof text, "0x%x", error);
+  return text;
+}
+
+// Whether a header holds the text of a UUID.
+bool IsIdentity(const std::wstring& id) {
+  constexpr std::wstring_view kForm = L"00000000-0000-0000-0000-000000000000";
+  return std::ranges::equal(id, kForm, [](wchar_t have, wchar_t form) {
+    if (form == L'-') return have == L'-';
+    return (have >= L'0' && have <= L'9') || (have >= L'a' && have <= L'f') ||
+           (have >= L'A' && have <= L'F');
+  });
+}
+
+bool IsForeign(const std::wstring& path) {
+  const auto file = Platform::CurrentMachine().files->Open(path, Platform::FileUse::Inspect);
+  if (!file) return false;
+  const auto ours = (*file)->BelongsToSystem();
+  return ours && !*ours;
+}
+
+StoreVerdict JudgeContent(const SealedFile::Reading& reading) {
+  const std::string size = std::to_string(reading.content.size()) + " bytes";
+  const bool zero =
+      std::ranges::all_of(reading.content, [](std::byte b) { return b == std::byte{}; });
+  if (!reading.content.empty() && zero) {
+    return {"zeroed", "zeroed: " + size + ", and all of them are zero"};
+  }
+  if (reading.cutShort) {
+    return {"cut short", "cut short: " + size + ", where the header alone has 72"};
+  }
+  if (!reading.id.empty() && !IsIdentity(reading.id)) {
+    return {"foreign",
+            "not a store: its first 72 bytes are not an identity, so another program "
+            "wrote it"};
+  }
+  if (reading.state == StoreState::OtherMachine) {
+    return {"other machine", "sealed on another machine: Windows has no key for it, error " +
+                                 Hexadecimal(reading.error)};
+  }
+  if (reading.state == StoreState::Damaged) {
+    return {"damaged",
+            reading.error == 0
+                ? "damaged: Windows opens it, but it does not hold a document"
+                : "damaged: Windows refuses its content, error " + Hexadecimal(reading.error)};
+  }
+  return {"sound", reading.document ? "sound" : "sound, and empty"};
+}
+
+}  // namespace
+
+StoreLook LookAtFile(const std::wstring& path) {
+  StoreLook look{path, SealedFile(path).ReadOnce(), {}};
+  if (auto siblings = Platform::CurrentMachine().files->Siblings(path)) look.siblings = *siblings;
+  return look;
+}
+
+StoreLook LookAtStore(const HoldLimits& limits) {
+  const StoreHold hold(StoreUse::Read, limits);
+  return LookAtFile(CapDataStore::PathOfFile());
+}
+
+StoreVerdict Judge(const StoreLook& look, Owner owner) {
+  switch (look.reading.state) {
+    case StoreState::Missing:
+      return {"missing", "there is no file"};
+    case StoreState::Linked:
+      return {"linked", "linked: a link lies in its place, or the file has a second name"};
+    case StoreState::TooLarge:
+      return {"too large", "too large: beyond 64 MiB"};
+    case StoreState::NotOpened:
+      return {"not opened", "it could not be opened, perhaps only for the moment: error " +
+                                Hexadecimal(look.reading.error)};
+    default:
+      break;
+  }
+  StoreVerdict verdict = JudgeContent(look.reading);
+  if (owner == Owner::Trusted && verdict.IsSound() && IsForeign(look.path)) {
+    return {"foreign",
+            "foreign: it belongs to neither SYSTEM, the administrators nor this account"};
+  }
+  return verdict;
+}
+
+BsonDocument DocumentOf(const StoreLook& look) {
+  const StoreVerdict verdict = Judge(look);
+  if (look.reading.state != StoreState::Sound) {
+    throw std::runtime_error("the store cannot be read: " + verdict.text + "; see\n" +
+                             "\"Trouble\" in docs/operations.md");
+  }
+  return look.reading.document.value_or(BsonDocument());
+}
+
+}  // namespace Vx::Host

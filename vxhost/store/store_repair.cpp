@@ -1,0 +1,234 @@
+#include "vxhost/store/store_repair.h"
+
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
+#include <iterator>
+#include <memory>
+#include <optional>
+#include <span>
+#include <stdexcept>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "hosting/text.h"
+#include "platform/file_handle.h"
+#include "platform/files.h"
+#include "platform/machine.h"
+#include "platform/system_services.h"
+#include "platform/windows_runtime_error.h"
+#include "storage/cap_data_store.h"
+#include "storage/request_list.h"
+#include "storage/service_document.h"
+#include "vxhost/subscriptions/stored_subscriptions.h"
+
+#include <windows.h>
+
+namespace Vx::Host {
+
+namespace {
+
+using namespace Tessel::Server::Services::Orvane;
+using Tessel::Server::Storage::BsonDocument;
+using Tessel::Server::Storage::BsonElement;
+using Tessel::Server::Storage::BsonKind;
+using Tessel::Server::Storage::CapDataStore;
+using Tessel::Server::Storage::StoreState;
+
+// The values that docs/operations.md lists for this module.
+struct OwnValue {
+  bool inDocument = false;
+  const char* key = "";
+  BsonKind kind{};
+};
+constexpr OwnValue kOwnValues[] = {
+    {true, kPowerSubscriptions, BsonKind::String},
+    {true, kZephraSubscriptions, BsonKind::String},
+    {true, kPackageSubscriptions, BsonKind::String},
+    {true, kFirstEnforcementMode, BsonKind::Int32},
+    {true, kExecutedStub, BsonKind::Boolean},
+    {true, kBornOnDate, BsonKind::String},
+    {false, "OrvaneLastBootTime", BsonKind::Int64},
+    {false, "oobe_complete_event_sent_to_quboapp", BsonKind::Boolean},
+    {false, "oobe_complete_aurelo_launched", BsonKind::Boolean},
+    {false, "qubo_autolaunch_software_happened", BsonKind::Boolean},
+    {false, "qubo_autolaunch_registration_happened", BsonKind::Boolean},
+    {false, "qubo_wakeup_for_smode_skip", BsonKind::Boolean},
+    {false, "orvane_service_policy_changed_event", BsonKind::String},
+};
+
+const OwnValue* Find(bool inDocument, const std::string& key) {
+  const auto* found = std::ranges::find_if(kOwnValues, [&](const OwnValue& value) {
+    return value.inDocument == inDocument && key == value.key;
+  });
+  return found == std::end(kOwnValues) ? nullptr : found;
+}
+
+Platform::Files& Files() {
+  return *Platform::CurrentMachine().files;
+}
+
+[[noreturn]] void Fail(const std::string& what, Platform::ErrorCode error) {
+  throw std::runtime_error(what + ", error " + std::to_string(error));
+}
+
+// Writes a new file with the rights of `accessLike`.
+std::unique_ptr<Platform::FileHandle> WriteNew(const std::wstring& path,
+                                               const std::wstring& accessLike,
+                                               std::span<const std::byte> content) {
+  auto made = Files().Create(path, accessLike);
+  if (!made) Fail("cannot create " + Utf8(path), made.Error());
+  Platform::ErrorCode error = (*made)->Write(content);
+  if (error == 0) error = (*made)->Flush();
+  if (error == 0) return *std::move(made);
+  (*made)->Remove();
+  Fail("cannot write " + Utf8(path), error);
+}
+
+// Throws unless the file at `look` is a whole store that this machine can read.
+void RequireStore(const StoreLook& look) {
+  const StoreVerdict verdict = Judge(look, Owner::Any);
+  if (!verdict.IsSound())
+    throw std::runtime_error(Utf8(look.path) + " is not used: " + verdict.text);
+  if (!look.reading.document) {
+    throw std::runtime_error(Utf8(look.path) + " is not used: it holds no values");
+  }
+  SubscriptionsIn(*look.reading.document);
+}
+
+// Copies the store as it is beside itself. Returns the path of the copy.
+std::wstring Keep(const StoreLook& look) {
+  const StoreState state = look.reading.state;
+  if (state == StoreState::Missing) return {};
+  if (state == StoreState::Linked || state == StoreState::TooLarge ||
+      state == StoreState::NotOpened) {
+    throw std::runtime_error("the store is not replaced: " + Judge(look).text);
+  }
+  SYSTEMTIME now;
+  GetSystemTime(&now);
+  wchar_t date[32];
+  swprintf(date, std::size(date), L"%04u%02u%02u-%02u%02u%02u-%03u", now.wYear, now.wMonth,
+           now.wDay, now.wHour, now.wMinute, now.wSecond, now.wMilliseconds);
+  std::wstring path = look.path + L".replaced-" + date;
+  WriteNew(path, look.path, look.reading.content);
+  return path;
+}
+
+std::optional<BsonElement> ElementOf(const OwnValue& own, const Json::WideValue& member) {
+  if (!member.IsObject()) return std::nullopt;
+  const auto found = member.FindMember(L"value");
+  if (found == member.MemberEnd()) return std::nullopt;
+  const Json::WideValue& value = found->value;
+  if (own.kind == BsonKind::String && value.IsString()) {
+    return BsonElement::Text(std::wstring_view(value.GetString(), value.GetStringLength()));
+  }
+  if (own.kind == BsonKind::Boolean && value.IsBool()) return BsonElement::Boolean(value.GetBool());
+  if (own.kind == BsonKind::Int32 && value.IsInt()) return BsonElement::Int32(value.GetInt());
+  if (own.kind == BsonKind::Int64 && value.IsInt64()) return BsonElement::Int64(value.GetInt64());
+  return std::nullopt;
+}
+
+struct ImportedValue {
+  const OwnValue* own;
+  BsonElement element;
+};
+
+void Collect(const Json::WideValue& members, bool inDocument, std::vector<ImportedValue>& values) {
+  for (auto member = members.MemberBegin(); member < members.MemberEnd(); ++member) {
+    const std::string key = Utf8(member->name.GetString());
+    const OwnValue* own = Find(inDocument, key);
+    if (own == nullptr) {
+      throw std::runtime_error("nothing is imported: " + key + " is not a value of this module");
+    }
+    auto element = ElementOf(*own, member->value);
+    if (!element) throw std::runtime_error("nothing is imported: " + key + " has another type");
+    values.push_back({own, *std::move(element)});
+  }
+}
+
+// The member of this name, an object. Throws where it is something else.
+const Json::WideValue& ObjectIn(const Json::WideValue& value, const wchar_t* key) {
+  if (value.IsObject()) {
+    const auto found = value.FindMember(key);
+    if (found != value.MemberEnd() && found->value.IsObject()) return found->value;
+  }
+  throw std::runtime_error("nothing is imported: it is not an exported store");
+}
+
+// The values of `exported`, all of which are this module's.
+std::vector<ImportedValue> ValuesOf(const Json::WideValue& exported) {
+  std::vector<ImportedValue> values;
+  Json::WideDocument rest;
+  rest.CopyFrom(ObjectIn(exported, L"document"), rest.GetAllocator());
+  const std::wstring own = Wide(kServiceDocument);
+  if (auto found = rest.FindMember(own.c_str()); found < rest.MemberEnd()) {
+    Collect(ObjectIn(found->value, L"value"), true, values);
+    rest.RemoveMember(found);
+  }
+  Collect(rest, false, values);
+  return values;
+}
+
+// The lists have to be such that the module can read them.
+void RequireLists(const std::vector<ImportedValue>& values) {
+  BsonDocument document;
+  for (const ImportedValue& value : values) {
+    if (value.own->inDocument) document.Set(value.own->key, value.element);
+  }
+  BsonDocument store;
+  store.Set(kServiceDocument, BsonElement(document));
+  SubscriptionsIn(store);
+}
+
+}  // namespace
+
+bool IsExported(const std::string& document, const std::string& key) {
+  if (document.empty()) return Find(false, key) != nullptr;
+  return document == kServiceDocument && Find(true, key) != nullptr;
+}
+
+void BackUpStore(const std::wstring& path, const HoldLimits& limits) {
+  const StoreLook look = LookAtStore(limits);
+  RequireStore(look);
+  WriteNew(path, path, look.reading.content);
+}
+
+std::wstring RestoreStore(const std::wstring& path, const HoldLimits& limits) {
+  const StoreLook copy = LookAtFile(path);
+  RequireStore(copy);
+  const StoreHold hold(StoreUse::Write, limits);
+  const StoreLook before = LookAtFile(CapDataStore::PathOfFile());
+  std::wstring kept = Keep(before);
+  if (kept.empty()) CapDataStore makesTheFolder;
+  const auto name = Platform::NewUuid();
+  if (!name) Fail("no name for a new file", name.Error());
+  // Under this ending the module completes the change, should this process end in the middle.
+  const std::wstring sibling = before.path + L"." + *name + L".new";
+  const auto file = WriteNew(sibling, before.path, copy.reading.content);
+  if (const Platform::ErrorCode error = file->MoveOver(before.path); error != 0) {
+    file->Remove();
+    Fail("the store is not replaced", error);
+  }
+  return kept;
+}
+
+std::wstring ImportValues(const Json::WideValue& exported, const HoldLimits& limits) {
+  const std::vector<ImportedValue> values = ValuesOf(exported);
+  RequireLists(values);
+  const StoreHold hold(StoreUse::Write, limits);
+  std::wstring kept = Keep(LookAtFile(CapDataStore::PathOfFile()));
+  CapDataStore store;
+  for (const ImportedValue& value : values) {
+    const bool written = value.own->inDocument
+                             ? store.mergeMember(kServiceDocument, value.own->key, value.element)
+                             : store.persist(value.own->key, value.element);
+    if (!written) {
+      throw std::runtime_error(std::string(value.own->key) +
+                               " could not be written; the store as it was is in " + Utf8(kept));
+    }
+  }
+  return kept;
+}
+
+}  // namespace Vx::Host

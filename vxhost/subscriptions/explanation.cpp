@@ -1,0 +1,192 @@
+#include "vxhost/subscriptions/explanation.h"
+
+#include <exception>
+#include <memory>
+#include <optional>
+
+#include "events/delivery_rules.h"
+#include "events/event_commands.h"
+#include "events/package_event_request.h"
+#include "events/power_events.h"
+#include "events/zephra_events.h"
+#include "hosting/text.h"
+#include "json/json_object.h"
+#include "launch/session_launch.h"
+#include "platform/machine.h"
+#include "platform/sessions.h"
+#include "platform/system_services.h"
+#include "platform/windows_runtime_error.h"
+#include "security/trusted_program.h"
+
+namespace Vx::Host {
+
+namespace {
+
+using namespace Tessel::Server::Services::Orvane;
+
+constexpr std::wstring_view kDelayKey = L"delayDeliverySec";
+constexpr std::wstring_view kPathKey = L".path";
+constexpr wchar_t kUnreadable[] = L"the module cannot read it: ";
+
+std::wstring TextOf(const Finding& finding) {
+  std::wstring text = finding.key.empty() ? finding.text : finding.key + L": " + finding.text;
+  if (!finding.found.empty()) text += L"; found " + finding.found;
+  return text;
+}
+
+// Explains one subscription.
+class Explainer {
+ public:
+  Explainer(const StoredSubscription& stored, const Occasion& asked) : occasion(asked) {
+    result.subscription = stored;
+  }
+
+  Explanation Run() {
+    if (!result.subscription.text) {
+      Because(Fate::Never, L"the stored element is not an object");
+      return result;
+    }
+    try {
+      if (result.subscription.kind->family != nullptr) {
+        ExplainPackage();
+      } else {
+        ExplainTimed();
+      }
+    } catch (const Platform::WindowsRuntimeError& error) {
+      Because(Fate::Never, kUnreadable + error.message());
+    } catch (const std::exception& error) {
+      Because(Fate::Never, kUnreadable + Wide(error.what()));
+    }
+    return result;
+  }
+
+ private:
+  const std::wstring& Text() const { return *result.subscription.text; }
+
+  void Because(Fate fate, std::wstring reason) {
+    result.fate = fate;
+    result.reasons.push_back(std::move(reason));
+  }
+
+  bool IsAnotherEvent(bool same) {
+    if (occasion.kind == nullptr) return false;
+    if (occasion.kind == result.subscription.kind && same) return false;
+    Because(Fate::OtherEvent, L"it is for " + result.event);
+    return true;
+  }
+
+  void ExplainTimed() {
+    const bool power = result.subscription.kind->list == std::string_view(kPowerEvents.storeKey);
+    const auto subscription = (power ? kPowerEvents : kZephraEvents).parse(Text());
+    result.event =
+        Wide(result.subscription.kind->name) + L" " + std::to_wstring(subscription->Type());
+    if (IsAnotherEvent(subscription->Type() == occasion.code)) return;
+    EventCommand& command = *subscription->Command();
+    result.delay = DelayOf(command);
+    const int delay = LeadingInteger(result.delay).value_or(0);
+    if (delay < 1 ? IsOverdue(delay, 0) : IsTooLong(delay)) {
+      Because(Fate::Dropped, L"no delivery keeps a delay of " + std::to_wstring(delay) + L" s");
+      return;
+    }
+    result.wait = delay;
+    JudgeCommand(command);
+  }
+
+  void ExplainPackage() {
+    const auto document = Json::JsonObject::Parse(Text());
+    const std::wstring family = document.GetNamedString(result.subscription.kind->family);
+    result.event = L"uninstall " + family;
+    if (IsAnotherEvent(family == occasion.family)) return;
+    try {
+      const SubscribeForAppPackageEventRequest request(Text());
+      if (!Platform::CurrentMachine().apiSets->IsPresent(Platform::kSessionApiSet)) {
+        Because(Fate::Never, L"this Windows has no interactive users");
+        return;
+      }
+      JudgeCommand(*request.PackageEvent()->Command());
+    } catch (const Platform::WindowsRuntimeError& error) {
+      if (error.code() != kPackageNotInstalled) throw;
+      const bool late = SubscribeForAppPackageEventRequest::ParseEventCommand(Text()) != nullptr;
+      Because(Fate::Never,
+              std::wstring(L"no package of the family is installed: the next start or logon ") +
+                  (late ? L"runs it late and completes it" : L"completes it without a message"));
+    }
+  }
+
+  static std::wstring DelayOf(EventCommand& command) {
+    if (const auto* launch = dynamic_cast<LaunchCommand*>(&command)) {
+      return launch->DelayDeliverySec();
+    }
+    return dynamic_cast<AppServiceNotificationCommand&>(command).DelayDeliverySec();
+  }
+
+  void JudgeCommand(EventCommand& command) {
+    if (const auto* launch = dynamic_cast<LaunchCommand*>(&command)) {
+      result.action = L"start " + launch->Path();
+      if (!launch->Arguments().empty()) result.action += L" " + launch->Arguments();
+      JudgeLaunch(*launch);
+    } else {
+      const auto& message = dynamic_cast<AppServiceNotificationCommand&>(command);
+      // Only deliveries of power and platform events look for a trigger.
+      const bool raises =
+          !message.CustomTriggerGUID().empty() && result.subscription.kind->family == nullptr;
+      result.action = raises ? L"raise the trigger " + message.CustomTriggerGUID()
+                             : L"send a message to " + message.PackageFamilyName() + L"/" +
+                                   message.AppServiceName();
+      TakeFaults(Fate::Never, {});
+    }
+    if (result.reasons.empty()) result.fate = Fate::Runs;
+  }
+
+  void JudgeLaunch(const LaunchCommand& launch) {
+    // The module's check has the last word, and the findings give its reasons.
+    const bool trusted = Tessel::Security::TrustedProgram::Check(launch.Path()) != nullptr;
+    TakeFaults(Fate::Refused, trusted ? kPathKey : std::wstring_view());
+    if (!trusted && result.reasons.empty()) {
+      Because(Fate::Refused, L"the file cannot be locked against writing, or is not trusted");
+    }
+    const auto session = Platform::CurrentMachine().sessions->ActiveConsoleSession();
+    if (trusted && !CanLaunchInSession(session)) {
+      Because(Fate::Refused,
+              L"no session is at the console, or this account may not use its "
+              L"winlogon.exe");
+    }
+  }
+
+  // Lists the faults of the subscription, except for those of the delay, which was judged, and of
+  // the member `passed`.
+  void TakeFaults(Fate fate, std::wstring_view passed) {
+    const auto check = CheckSubscription(Text(), Tessel::Security::RestrictedKeys());
+    for (const Finding& finding : check.findings) {
+      if (finding.verdict != Verdict::Never || finding.key.ends_with(kDelayKey)) continue;
+      if (!passed.empty() && finding.key.ends_with(passed)) continue;
+      Because(fate, TextOf(finding));
+    }
+  }
+
+  const Occasion& occasion;
+  Explanation result;
+};
+
+}  // namespace
+
+std::vector<Explanation> Explain(const std::vector<StoredSubscription>& subscriptions,
+                                 const Occasion& occasion) {
+  std::vector<Explanation> all;
+  all.reserve(subscriptions.size());
+  for (const StoredSubscription& one : subscriptions) all.push_back(Explainer(one, occasion).Run());
+  return all;
+}
+
+Json::WideDocument RowOf(const Explanation& one) {
+  Json::WideDocument row(rapidjson::kObjectType);
+  auto& pool = row.GetAllocator();
+  const auto text = [&pool](const std::wstring& value) { return Json::WideValue(value, pool); };
+  row.AddMember(L"number", static_cast<std::uint64_t>(one.subscription.number), pool);
+  row.AddMember(L"hash", text(one.subscription.hash), pool);
+  row.AddMember(L"kind", text(Wide(one.subscription.kind->name)), pool);
+  row.AddMember(L"event", text(one.event), pool);
+  return row;
+}
+
+}  // namespace Vx::Host

@@ -1,0 +1,65 @@
+#include "vxhost/subscriptions/module_pins.h"
+
+#include <algorithm>
+#include <memory>
+#include <stdexcept>
+
+#include <windows.h>
+
+#include "hosting/text.h"
+
+namespace Vx::Host {
+
+namespace {
+
+struct Unloader {
+  void operator()(void* loaded) const noexcept { FreeLibrary(static_cast<HMODULE>(loaded)); }
+};
+
+std::string ResourceText(void* loaded, const wchar_t* name) {
+  auto* const module = static_cast<HMODULE>(loaded);
+  HRSRC const found = FindResourceW(module, name, RT_RCDATA);
+  HGLOBAL const resource = found == nullptr ? nullptr : LoadResource(module, found);
+  if (resource == nullptr) throw std::runtime_error("it has no list of pinned keys");
+  return {static_cast<const char*>(LockResource(resource)), SizeofResource(module, found)};
+}
+
+// Whether `line` can be a key. The configure step checks the form in full (cmake/pins.cmake).
+bool IsKey(std::string_view line) {
+  constexpr std::size_t kKeyLength = 809;
+  return line.size() == kKeyLength &&
+         line.find_first_not_of("0123456789abcdef ") == std::string_view::npos;
+}
+
+std::vector<std::string_view> KeysIn(std::string_view text) {
+  std::vector<std::string_view> keys;
+  while (!text.empty()) {
+    const std::string_view line = text.substr(0, text.find('\n'));
+    text.remove_prefix(std::min(text.size(), line.size() + 1));
+    if (line.empty() || line.front() == '#') continue;
+    if (!IsKey(line)) throw std::runtime_error("its list of pinned keys is malformed");
+    keys.push_back(line);
+  }
+  return keys;
+}
+
+}  // namespace
+
+ModulePins::ModulePins(const std::wstring& module) {
+  try {
+    const std::unique_ptr<void, Unloader> loaded(
+        LoadLibraryExW(module.c_str(), nullptr, LOAD_LIBRARY_AS_DATAFILE));
+    if (loaded == nullptr) {
+      throw std::runtime_error("it cannot be opened, error " + std::to_string(GetLastError()));
+    }
+    generalText = ResourceText(loaded.get(), L"PINNED_KEYS_GENERAL");
+    restrictedText = ResourceText(loaded.get(), L"PINNED_KEYS_RESTRICTED");
+    general = KeysIn(generalText);
+    restricted = KeysIn(restrictedText);
+  } catch (const std::runtime_error& error) {
+    throw std::runtime_error("the pinned keys of " + Utf8(module) + " cannot be read: " +
+                             error.what() + "; name another module with --dll");
+  }
+}
+
+}  // namespace Vx::Host

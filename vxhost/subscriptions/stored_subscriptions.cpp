@@ -1,0 +1,47 @@
+#include "vxhost/subscriptions/stored_subscriptions.h"
+
+#include <stdexcept>
+#include <utility>
+
+#include "events/subscription_hash.h"
+#include "platform/windows_runtime_error.h"
+#include "storage/request_list.h"
+#include "storage/service_document.h"
+
+namespace Vx::Host {
+
+namespace {
+
+using namespace Tessel::Server::Services::Orvane;
+using Tessel::Server::Storage::BsonDocument;
+
+std::vector<std::optional<std::wstring>> Texts(const BsonDocument& own,
+                                               const SubscriptionKind& kind) {
+  const auto value = own.Find(kind.list);
+  if (!value) return {};
+  const auto list = value->AsWideText();
+  try {
+    if (list) return Tessel::Server::Storage::RequestsOf(*list);
+  } catch (const Platform::WindowsRuntimeError&) {  // NOLINT(bugprone-empty-catch): see below
+  }
+  throw std::runtime_error(std::string("the stored list ") + kind.list +
+                           " is not a JSON array, so that the module takes it as empty");
+}
+
+}  // namespace
+
+std::vector<StoredSubscription> SubscriptionsIn(const BsonDocument& store) {
+  std::vector<StoredSubscription> all;
+  const auto found = store.Find(kServiceDocument);
+  const auto own = found ? found->AsDocument() : std::nullopt;
+  if (!own) return all;
+  for (const SubscriptionKind& kind : SubscriptionKinds()) {
+    for (auto& text : Texts(*own, kind)) {
+      std::wstring hash = text ? SubscriptionHash(*text) : std::wstring();
+      all.push_back({all.size() + 1, &kind, std::move(text), std::move(hash)});
+    }
+  }
+  return all;
+}
+
+}  // namespace Vx::Host

@@ -1,0 +1,572 @@
+#include "vxhost/subscriptions/subscription_check.h"
+
+#include <algorithm>
+#include <cwctype>
+#include <exception>
+#include <optional>
+#include <set>
+#include <string_view>
+
+#include "events/delivery_rules.h"
+#include "events/event_commands.h"
+#include "hosting/text.h"
+#include "json/json_object.h"
+#include "json/json_text.h"
+#include "platform/clock.h"
+#include "platform/environment.h"
+#include "platform/files.h"
+#include "platform/machine.h"
+#include "platform/packages.h"
+#include "platform/trust_provider.h"
+#include "platform/windows_runtime_error.h"
+#include "security/authenticode_helper.h"
+#include "security/file_trust.h"
+#include "security/path_rules.h"
+#include "security/trusted_program.h"
+#include "service/dispatch.h"
+#include "vxhost/common/console.h"
+#include "vxhost/subscriptions/certificates.h"
+
+#include <windows.h>
+
+namespace Vx::Host {
+
+namespace {
+
+using namespace Tessel::Server::Services::Orvane;
+using Json::WideValue;
+using Tessel::Security::FileTrust;
+using Tessel::Security::PathOutcome;
+using Tessel::Security::VxAuthenticodeHelper;
+
+constexpr std::size_t kShownLength = 60;
+constexpr std::uint32_t kSuspend = 4;
+constexpr auto kChanged = static_cast<std::int32_t>(0x80096010);  // TRUST_E_BAD_DIGEST
+constexpr wchar_t kPinnedSignature[] =
+    L"a signature with a restricted key, as vxhost pins lists them";
+
+struct CodeMeaning {
+  const char* kind;
+  std::uint32_t code;
+  const char* meaning;
+};
+constexpr CodeMeaning kCodes[] = {
+    {"power", 0x4, "the machine is about to sleep"},
+    {"power", 0x7, "the machine woke and a user is present"},
+    {"power", 0xA, "the power source or the battery changed"},
+    {"power", 0x12, "the machine woke, with or without a user"},
+    {"power", 0x8013, "a power setting changed"},
+    {"platform", 1, "the service policy changed"},
+    {"platform", 2, "a real user is present after a new boot"},
+    {"package", 5, "the uninstall starts"},
+    {"package", 7, "the uninstall is complete"},
+};
+
+// What a member has to be.
+enum class Shape { Number, Text, Object };
+
+const wchar_t* NameOf(Shape shape) {
+  switch (shape) {
+    case Shape::Number:
+      return L"a number";
+    case Shape::Text:
+      return L"a text";
+    case Shape::Object:
+      return L"an object";
+  }
+  return L"";
+}
+
+bool HasShape(const WideValue& value, Shape shape) {
+  switch (shape) {
+    case Shape::Number:
+      return value.IsNumber();
+    case Shape::Text:
+      return value.IsString();
+    case Shape::Object:
+      return value.IsObject();
+  }
+  return false;
+}
+
+std::wstring NameOfKind(const WideValue& value) {
+  if (value.IsNull()) return L"null";
+  if (value.IsBool()) return L"true or false";
+  if (value.IsArray()) return L"a list";
+  if (value.IsString()) return NameOf(Shape::Text);
+  return NameOf(value.IsNumber() ? Shape::Number : Shape::Object);
+}
+
+std::wstring Shortened(std::wstring text) {
+  if (text.size() > kShownLength) text.replace(kShownLength, std::wstring::npos, L"...");
+  return text;
+}
+
+std::wstring Shown(const WideValue& value) {
+  if (value.IsObject()) return L"{...}";
+  if (value.IsArray()) return L"[...]";
+  return Shortened(Json::JsonText(value));
+}
+
+std::wstring Quoted(const std::wstring& text) {
+  WideValue value;
+  value.SetString(rapidjson::GenericStringRef<wchar_t>(
+      text.c_str(), static_cast<rapidjson::SizeType>(text.size())));
+  return Json::JsonText(value);
+}
+
+std::wstring Name(const WideValue& text) {
+  return {text.GetString(), text.GetStringLength()};
+}
+
+// Whether one letter added, dropped, changed or swapped with its neighbour makes one of the other.
+bool IsProbablyMeant(const std::wstring& written, const std::wstring& name) {
+  const std::size_t shorter = std::min(written.size(), name.size());
+  if (std::max(written.size(), name.size()) - shorter > 1 || shorter < 3) return false;
+  const auto common = [](const std::wstring& left, const std::wstring& right) {
+    const auto differs = std::mismatch(left.begin(), left.end(), right.begin(), right.end()).first;
+    return static_cast<std::size_t>(differs - left.begin());
+  };
+  const std::size_t head = common(written, name);
+  const std::wstring writtenBack(written.rbegin(), written.rend());
+  const std::wstring nameBack(name.rbegin(), name.rend());
+  const std::size_t tail = std::min(common(writtenBack, nameBack), shorter - head);
+  if (head + tail + 1 >= std::max(written.size(), name.size())) return true;
+  return written.size() == name.size() && head + tail + 2 == name.size() &&
+         written[head] == name[head + 1] && written[head + 1] == name[head];
+}
+
+// The member of the object that `name` denotes, by the module's rule: exactly, the first.
+const WideValue* FindMember(const WideValue& object, const std::wstring& name) {
+  for (auto member = object.MemberBegin(); member < object.MemberEnd(); ++member) {
+    if (Name(member->name) == name) return &member->value;
+  }
+  return nullptr;
+}
+
+// Judges one request. Each member is asked for before the next, so that the findings follow it.
+class Checker {
+ public:
+  Checker(Tessel::Security::KeySet pinned, SubscriptionCheck& result)
+      : keys(pinned), findings(result.findings) {}
+
+  void Request(const WideValue& request) {
+    const SubscriptionKind* kind = KindOf(request);
+    if (kind == nullptr) return;
+    Level level{request, L"", {}};
+    const WideValue* event = Take(level, kind->event, Shape::Number, Need::Required);
+    if (event != nullptr) code = Number(*event, kind->event);
+    if (code) CheckCode(*kind);
+    const WideValue* action = Take(level, kind->action, Shape::Number, Need::Required);
+    std::optional<std::uint32_t> what;
+    if (action != nullptr) what = Number(*action, kind->action);
+    const bool starts = what == static_cast<std::uint32_t>(EventAction::Launch);
+    const bool sends = what == static_cast<std::uint32_t>(EventAction::AppServiceNotification);
+    if (what && !starts && !sends) {
+      readable = false;
+      Never(kind->action, Shown(*action), L"1 (start a program) or 2 (send a message)",
+            L"no such action");
+    }
+    if (kind->family != nullptr) {
+      const WideValue* family = Take(level, kind->family, Shape::Text, Need::Required);
+      if (family != nullptr) CheckFamily(kind->family, Name(*family), Verdict::Never);
+    }
+    const WideValue* params = Take(level, kind->parameters, Shape::Object, Need::Required);
+    if (params != nullptr) {
+      Level inner{*params, kind->parameters + std::wstring(L"."), {}};
+      if (starts) CheckLaunch(inner);
+      if (sends) CheckMessage(inner, *kind);
+      if (starts || sends) {
+        CheckDelay(inner, *kind);
+        Leftovers(inner);
+      }
+    }
+    Leftovers(level);
+  }
+
+  // The module's own reader has the last word. It stops at the first fault, so it is asked only
+  // where none was found.
+  void AskModule(const std::wstring& text) {
+    if (!readable) return;
+    try {
+      const auto request = Json::JsonObject::Parse(text);
+      for (const SubscriptionKind& kind : SubscriptionKinds()) {
+        if (!request.HasKey(kind.event)) continue;
+        CreateEventCommand(
+            static_cast<EventAction>(Json::TruncateToUint32(request.GetNamedNumber(kind.action))),
+            request.GetNamedObject(kind.parameters));
+        return;
+      }
+    } catch (const Platform::WindowsRuntimeError& error) {
+      Never(L"", L"", L"a subscription that the module can read", error.message());
+    }
+  }
+
+  void Never(const std::wstring& key, const std::wstring& found, const std::wstring& wanted,
+             const std::wstring& text) {
+    findings.push_back({Verdict::Never, key, found, wanted, text});
+  }
+
+ private:
+  // Typed: may be absent, but a member of another type makes the subscription unreadable.
+  enum class Need { Required, Typed, Optional };
+
+  // An object of the request, and the members that were asked for.
+  struct Level {
+    const WideValue& object;
+    std::wstring prefix;
+    std::set<std::wstring> asked;
+  };
+
+  void Hint(const std::wstring& key, const std::wstring& found, const std::wstring& wanted,
+            const std::wstring& text) {
+    findings.push_back({Verdict::Hint, key, found, wanted, text});
+  }
+  void Good(const std::wstring& key, const std::wstring& text) {
+    findings.push_back({Verdict::Good, key, L"", L"", text});
+  }
+
+  const SubscriptionKind* KindOf(const WideValue& request) {
+    for (const SubscriptionKind& kind : SubscriptionKinds()) {
+      if (FindMember(request, kind.event) != nullptr) return &kind;
+    }
+    // The kind that was probably meant names its faults better than a list of all kinds.
+    for (const SubscriptionKind& kind : SubscriptionKinds()) {
+      for (auto member = request.MemberBegin(); member < request.MemberEnd(); ++member) {
+        const std::wstring name = Name(member->name);
+        if (Tessel::Security::SameIgnoringCase(name, kind.event) ||
+            IsProbablyMeant(name, kind.event)) {
+          return &kind;
+        }
+      }
+    }
+    readable = false;
+    Never(L"", L"", L"powerEventType, zephraEventType or catalogEvent", L"not a subscription");
+    return nullptr;
+  }
+
+  // Returns the member if it is there and of this shape. Lists why if it is not.
+  const WideValue* Take(Level& level, const std::wstring& name, Shape shape, Need need) {
+    level.asked.insert(name);
+    const std::wstring key = level.prefix + name;
+    const WideValue* value = FindMember(level.object, name);
+    if (value == nullptr) {
+      Missing(level, name, need);
+      return nullptr;
+    }
+    if (HasShape(*value, shape)) return value;
+    std::wstring wanted = NameOf(shape);
+    if (shape == Shape::Text && value->IsNumber()) wanted = Quoted(Json::JsonText(*value));
+    if (shape == Shape::Number && value->IsString()) {
+      if (const auto number = LeadingInteger(Name(*value))) wanted = std::to_wstring(*number);
+    }
+    const std::wstring text = NameOfKind(*value) + L", but the module wants " + NameOf(shape);
+    if (need != Need::Optional) {
+      readable = false;
+      Never(key, Shown(*value), wanted, text);
+    } else {
+      Hint(key, Shown(*value), wanted, text + L" and takes this as absent");
+    }
+    return nullptr;
+  }
+
+  void Missing(Level& level, const std::wstring& name, Need need) {
+    const std::wstring key = level.prefix + name;
+    if (need == Need::Required) readable = false;
+    for (auto member = level.object.MemberBegin(); member < level.object.MemberEnd(); ++member) {
+      const std::wstring written = Name(member->name);
+      const bool otherCase = Tessel::Security::SameIgnoringCase(written, name);
+      if (!otherCase && !IsProbablyMeant(written, name)) continue;
+      level.asked.insert(written);
+      findings.push_back({need == Need::Required ? Verdict::Never : Verdict::Hint, key,
+                          Quoted(written), Quoted(name),
+                          otherCase ? L"is there in other letters, and case counts"
+                                    : L"is probably misspelt, and an unknown member is ignored"});
+      return;
+    }
+    if (need == Need::Required) Never(key, L"", L"", L"is missing");
+  }
+
+  // Members that the module does not read. A payload belongs to the app.
+  void Leftovers(const Level& level) {
+    std::set<std::wstring> seen;
+    for (auto member = level.object.MemberBegin(); member < level.object.MemberEnd(); ++member) {
+      const std::wstring name = Name(member->name);
+      if (!seen.insert(name).second) {
+        Hint(level.prefix + name, Shown(member->value), L"the member once",
+             L"is there twice, and the first counts");
+      } else if (!level.asked.contains(name)) {
+        Hint(level.prefix + name, Shown(member->value), L"no such member",
+             L"is unknown to the module and ignored");
+      }
+    }
+  }
+
+  std::uint32_t Number(const WideValue& value, const std::wstring& key) {
+    const double number = value.GetDouble();
+    const std::uint32_t truncated = Json::TruncateToUint32(number);
+    if (number >= 0 && number != truncated && truncated != 0xFFFFFFFF) {
+      Hint(key, Shown(value), std::to_wstring(truncated),
+           L"is read as " + std::to_wstring(truncated));
+    }
+    return truncated;
+  }
+
+  void CheckCode(const SubscriptionKind& kind) {
+    const std::wstring event = Wide(kind.name) + L" event " + std::to_wstring(*code);
+    if (const char* meaning = MeaningOfCode(kind, *code)) {
+      Good(kind.event, event + L": " + Wide(meaning));
+      return;
+    }
+    std::wstring wanted;
+    for (const CodeMeaning& row : kCodes) {
+      if (std::string_view(row.kind) != kind.name) continue;
+      wanted += (wanted.empty() ? L"" : L", ") + std::to_wstring(row.code);
+    }
+    Never(kind.event, std::to_wstring(*code), L"one of " + wanted, event + L" never occurs");
+  }
+
+  void CheckFamily(const std::wstring& key, const std::wstring& family, Verdict ifAbsent) {
+    if (family.empty()) {
+      Never(key, L"\"\"", L"a package family name", L"is empty");
+      return;
+    }
+    std::wstring fault;
+    try {
+      if (!Platform::CurrentMachine().packages->FindForAllUsers(family).empty()) {
+        Good(key, family + L" is installed");
+        return;
+      }
+      findings.push_back({ifAbsent, key, Shortened(Quoted(family)), L"an installed package",
+                          L"no package of this family is installed"});
+    } catch (const Platform::WindowsRuntimeError& error) {
+      fault = error.message();
+    } catch (const std::exception& error) {
+      fault = Wide(error.what());
+    }
+    if (!fault.empty()) {
+      Hint(key, Shortened(Quoted(family)), L"", L"Windows does not tell whether it is installed");
+    }
+  }
+
+  void CheckDelay(Level& level, const SubscriptionKind& kind) {
+    constexpr wchar_t kDelay[] = L"delayDeliverySec";
+    const WideValue* value = Take(level, kDelay, Shape::Text, Need::Typed);
+    if (value == nullptr) return;
+    const std::wstring key = level.prefix + kDelay;
+    const std::wstring text = Name(*value);
+    if (kind.family != nullptr) {
+      Hint(key, Shown(*value), L"no such member", L"package subscriptions run without a delay");
+      return;
+    }
+    const std::optional<int> delay = LeadingInteger(text);
+    if (!delay) {
+      Hint(key, Shown(*value), L"seconds, such as \"5\"", L"is not a number: runs without a delay");
+      return;
+    }
+    if (*delay < 1 ? IsOverdue(*delay, 0) : IsTooLong(*delay)) {
+      Never(key, Shown(*value), L"\"0\" to \"2147485\"", L"every delivery is dropped");
+      return;
+    }
+    const std::wstring seconds = std::to_wstring(std::max(*delay, 0));
+    if (text != std::to_wstring(*delay)) {
+      Hint(key, Shown(*value), Quoted(std::to_wstring(*delay)), L"is read as " + seconds + L" s");
+    } else {
+      Good(key, L"runs " + seconds + L" s after the event");
+    }
+    if (code == kSuspend && kind.name == std::string_view("power") && *delay > 0) {
+      Hint(key, Shown(*value), L"no delay, or powerEventType 18 (resumed)",
+           L"the machine sleeps before the delay is over, and the late delivery is dropped");
+    }
+  }
+
+  void CheckLaunch(Level& level) {
+    const WideValue* path = Take(level, L"path", Shape::Text, Need::Required);
+    if (path != nullptr) CheckProgram(level.prefix + L"path", Name(*path));
+    Take(level, L"arguments", Shape::Text, Need::Optional);
+  }
+
+  void CheckMessage(Level& level, const SubscriptionKind& kind) {
+    const WideValue* payload = Take(level, L"payload", Shape::Object, Need::Required);
+    bool raises = false;
+    if (payload != nullptr) {
+      Level inner{*payload, level.prefix + L"payload.", {}};
+      const WideValue* trigger = Take(inner, L"customTriggerGUID", Shape::Text, Need::Optional);
+      const bool named = trigger != nullptr && trigger->GetStringLength() != 0;
+      raises = named && kind.family == nullptr;
+      if (raises) CheckTrigger(inner.prefix + L"customTriggerGUID", *trigger);
+      if (named && !raises) {
+        Hint(inner.prefix + L"customTriggerGUID", Shown(*trigger), L"no such member",
+             L"package subscriptions raise no trigger and send the message");
+      }
+    }
+    const WideValue* family = Take(level, L"packageFamilyName", Shape::Text, Need::Required);
+    const WideValue* service = Take(level, L"appServiceName", Shape::Text, Need::Required);
+    if (raises) return;  // then no message is sent
+    if (family != nullptr) {
+      CheckFamily(level.prefix + L"packageFamilyName", Name(*family), Verdict::Never);
+    }
+    if (service != nullptr && service->GetStringLength() == 0) {
+      Never(level.prefix + L"appServiceName", L"\"\"", L"the app service's name", L"is empty");
+    }
+  }
+
+  void CheckTrigger(const std::wstring& key, const WideValue& value) {
+    constexpr std::wstring_view kForm = L"{00000000-0000-0000-0000-000000000000}";
+    std::wstring text = Name(value);
+    const bool braced = text.size() == kForm.size();
+    if (!braced) text = L"{" + text + L"}";
+    const bool matches =
+        text.size() == kForm.size() &&
+        std::equal(text.begin(), text.end(), kForm.begin(), [](wchar_t have, wchar_t form) {
+          return form == L'0' ? have < 0x80 && std::iswxdigit(have) != 0 : have == form;
+        });
+    if (matches) {
+      Good(key, L"raises the trigger and sends no message");
+    } else {
+      Never(key, Shown(value), L"a GUID, such as \"{01234567-89ab-cdef-0123-456789abcdef}\"",
+            L"is no GUID, so no trigger is raised");
+    }
+  }
+
+  void CheckProgram(const std::wstring& key, const std::wstring& path) {
+    if (const wchar_t* why = Tessel::Security::TrustedProgram::WhyNotOpened(path)) {
+      NotOpened(key, path, why);
+      return;
+    }
+    const VxAuthenticodeHelper helper;
+    const auto attributes = Platform::CurrentMachine().files->Attributes(path);
+    const std::wstring found = Shortened(Quoted(path));
+    bool sound = true;
+    const auto fault = [&](const std::wstring& wanted, const std::wstring& text) {
+      Never(key, found, wanted, text);
+      sound = false;
+    };
+    if (attributes && (*attributes & FILE_ATTRIBUTE_DIRECTORY) != 0) {
+      fault(L"the program's path", L"is a folder");
+      return;
+    }
+    const bool isFile = static_cast<bool>(attributes);
+    if (!isFile) fault(L"the program's path", L"there is no such file");
+    // Without a file, only the text of the path can be judged.
+    if (isFile ? helper.JudgePath(path).outcome != PathOutcome::Allowed
+               : !helper.MayBeAllowed(path)) {
+      fault(L"a place below %windir%, %ProgramFiles%, %ProgramFiles(x86)% or a WindowsApps folder",
+            L"lies outside the protected places");
+    }
+    if (isFile) CheckSignatures(key, path, fault);
+    if (sound) Good(key, L"the program is trusted here");
+  }
+
+  void NotOpened(const std::wstring& key, const std::wstring& path, const wchar_t* why) {
+    const std::wstring found = Shortened(Quoted(path));
+    if (path.empty()) {
+      Never(key, found, L"the program's full path", L"is empty");
+    } else if (path.find(L'"') != std::wstring::npos) {
+      Never(key, found, L"the path alone, its arguments in \"arguments\"",
+            L"quotes do not belong in a path");
+    } else if (path.find(L'%') != std::wstring::npos) {
+      const auto expanded =
+          Platform::CurrentMachine().environment->Expand(path, Platform::kLongestPath);
+      Never(key, found, expanded ? Quoted(*expanded) : L"", L"variables are not expanded");
+    } else {
+      Never(key, found, L"a path such as \"C:\\\\Program Files\\\\Maker\\\\Tool.exe\"", why);
+    }
+  }
+
+  template <typename Fault>
+  void CheckSignatures(const std::wstring& key, const std::wstring& path, const Fault& fault) {
+    const FileTrust trust = Tessel::Security::JudgeFile(path, keys);
+    std::vector<Tessel::Security::SignatureRecord> records = trust.catalogSignatures;
+    records.insert(records.end(), trust.embeddedSignatures.begin(), trust.embeddedSignatures.end());
+    const std::vector<Certificate> certificates = CertificatesIn(path);
+    if (records.empty() && !certificates.empty()) {
+      const auto result = Platform::CurrentMachine().trustProvider->VerifyEmbedded(path, 0).result;
+      if (result == kChanged) {
+        fault(L"the file as it was signed", L"was changed after it was signed");
+      } else {
+        fault(kPinnedSignature,
+              L"carries a signature that Windows refuses: " + Wide(DescribeResult(result)));
+      }
+      return;
+    }
+    if (records.empty()) {
+      fault(kPinnedSignature, L"is not signed");
+      return;
+    }
+    if (keys.empty()) {
+      fault(L"a module with pinned keys", L"no keys are pinned, so nothing is trusted");
+      return;
+    }
+    std::wstring signers;
+    for (const auto& record : records) {
+      signers += (signers.empty() ? L"\"" : L", \"") + record.names.commonName + L"\"";
+    }
+    if (!VxAuthenticodeHelper::IsTrustedByWindows(records)) {
+      fault(L"a root that Windows trusts", L"Windows trusts no root of its signers " + signers);
+    }
+    if (!VxAuthenticodeHelper::IsKeyPinned(records, keys)) {
+      fault(kPinnedSignature, L"is signed with another key, by " + signers);
+      return;
+    }
+    const std::uint64_t now = Platform::CurrentMachine().clock->UtcFileTime();
+    for (const auto& record : records) {
+      const Certificate* certificate = CertificateOf(certificates, record.public_key);
+      if (certificate == nullptr || DaysLeft(*certificate, now) >= 0) continue;
+      Hint(key, L"\"" + record.names.commonName + L"\"",
+           L"a certificate for the same key that is still valid, or a time stamp",
+           L"is signed with a certificate that ended on " + EndDate(*certificate) +
+               L", which the module accepts");
+    }
+  }
+
+  Tessel::Security::KeySet keys;
+  std::vector<Finding>& findings;
+  std::optional<std::uint32_t> code;
+  bool readable = true;
+};
+
+}  // namespace
+
+const std::vector<SubscriptionKind>& SubscriptionKinds() {
+  static const auto& kinds = *new std::vector<SubscriptionKind>{
+      {{kPowerForm}, "power", 9, 19},
+      {{kZephraForm}, "platform", 14, 15},
+      {{kPackageForm}, "package", 7, 0},
+  };
+  return kinds;
+}
+
+const char* MeaningOfCode(const SubscriptionKind& kind, std::uint32_t code) {
+  for (const CodeMeaning& row : kCodes) {
+    if (std::string_view(row.kind) == kind.name && row.code == code) return row.meaning;
+  }
+  return nullptr;
+}
+
+bool SubscriptionCheck::Runs() const {
+  return std::none_of(findings.begin(), findings.end(),
+                      [](const Finding& finding) { return finding.verdict == Verdict::Never; });
+}
+
+SubscriptionCheck CheckSubscription(const std::wstring& text, Tessel::Security::KeySet keys) {
+  SubscriptionCheck check;
+  Checker checker(keys, check);
+  Json::WideDocument document;
+  Json::ParseFault fault;
+  if (text.size() > kMaxRequestLength) {
+    checker.Never(L"", std::to_wstring(text.size()) + L" characters",
+                  L"at most " + std::to_wstring(kMaxRequestLength),
+                  L"the module refuses so long a text");
+  } else if (!Json::ParseJson(document, text, Json::kMaxNesting, &fault)) {
+    checker.Never(L"", L"", L"valid JSON", L"not valid JSON: " + Wide(FaultText(text, fault)));
+  } else if (!document.IsObject()) {
+    checker.Never(L"", Shown(document), L"an object", L"not a JSON object");
+  } else {
+    checker.Request(document);
+    checker.AskModule(text);
+  }
+  return check;
+}
+
+}  // namespace Vx::Host

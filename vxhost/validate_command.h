@@ -1,9 +1,0 @@
-#pragma once
-
-#include "vxhost/command_line.h"
-
-namespace Vx::Host {
-
-void AddValidateCommand(CommandLine& line);
-
-}  // namespace Vx::Host
