@@ -11,8 +11,8 @@ namespace Vx::Host {
 // The messages of the service's pipe: one JSON object in UTF-8 per message.
 //
 // `request` and `response` are JSON strings that hold the texts unchanged. The texts are compared
-// exactly by the module, so the envelope never parses or rewrites them. An unpaired surrogate
-// travels as an escape.
+// exactly by the module, so the envelope never parses or rewrites them. A text with an unpaired
+// surrogate is written with an escape for it, and refused by whoever reads it.
 
 // The longest messages in bytes. A longer one ends the connection.
 inline constexpr std::size_t kLongestCommand = std::size_t{1} << 20;
@@ -30,8 +30,9 @@ struct ResultEnvelope {
   std::optional<std::wstring> response;
 };
 
-// Parse a message. Empty unless it is a JSON object with exactly the members of its kind, each
-// once, in any order: a whole number of 32 bits and a string. Accept no nesting.
+// Parse a message. Empty unless it is a JSON object with the members of its kind, each once, in any
+// order: a whole number of 32 bits and a string. A command has no others; those of a result that
+// this version does not know are ignored.
 std::optional<CommandEnvelope> ParseCommand(std::string_view message);
 std::optional<ResultEnvelope> ParseResult(std::string_view message);
 

@@ -27,7 +27,7 @@ PATIENCE = 10000  # milliseconds, for a free instance of the pipe
 
 
 def message_of(command, request):
-    """The bytes of a command. Escapes all but ASCII, so an unpaired surrogate travels too."""
+    """The bytes of a command. Escapes all but ASCII."""
     message = json.dumps({"id": command, "request": request}, separators=(",", ":")).encode("ascii")
     if len(message) > LONGEST_COMMAND:
         raise ValueError("the request is too long")
