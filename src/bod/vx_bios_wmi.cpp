@@ -12,7 +12,7 @@
 #include "platform/com.h"
 #include "platform/com_owners.h"
 #include "platform/machine.h"
-#include "platform/type_name.h"
+#include "platform/runtime/type_name.h"
 
 namespace Vx::Tessel::Server::Shared::WMI {
 

@@ -1,5 +1,5 @@
 #include "host/vx_service.h"
-#include "platform/fail_fast.h"
+#include "platform/runtime/fail_fast.h"
 #include "service/orvane_service.h"
 
 #include <windows.h>

@@ -12,7 +12,7 @@
 #include "packages/uwp_package.h"
 #include "packages/uwp_package_data_access.h"
 #include "platform/console_user.h"
-#include "platform/type_name.h"
+#include "platform/runtime/type_name.h"
 
 namespace Vx::Tessel::Server::Services::Orvane {
 

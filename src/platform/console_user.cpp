@@ -3,8 +3,8 @@
 #include <cstdint>
 #include <utility>
 
-#include "platform/fail_fast.h"
 #include "platform/machine.h"
+#include "platform/runtime/fail_fast.h"
 #include "platform/system_services.h"
 
 namespace Vx::Platform {

@@ -1,19 +1,14 @@
 #include "platform/thread.h"
 
 #include <cerrno>
-#include <memory>
 #include <optional>
 #include <system_error>
 #include <utility>
 
-#include <windows.h>
-
-#include <process.h>
-
 #include "platform/clock.h"
-#include "platform/fail_fast.h"
 #include "platform/machine.h"
-#include "platform/windows/capabilities.h"
+#include "platform/runtime/fail_fast.h"
+#include "platform/threads.h"
 #include "platform/worker_machine.h"
 
 namespace Vx::Platform {
@@ -61,51 +56,7 @@ UniqueHandle StartWorker(std::function<void()> body) {
                           kCannotStart);
 }
 
-// The state that a new thread takes over: its work, and a reference that keeps this module loaded
-// until the last instruction of the thread, which is in the system.
-struct Starter {
-  std::function<void()> body;
-  HMODULE module = nullptr;
-};
-
-unsigned __stdcall Run(void* argument) {
-  auto* starter = static_cast<Starter*>(argument);
-  HMODULE module = starter->module;
-  starter->body();
-  // The callable may own handles and documents. They are freed here because the module is still
-  // loaded and the call below runs no destructor of this frame.
-  delete starter;
-  FreeLibraryAndExitThread(module, 0);
-}
-
-class RealThreads final : public Threads {
- public:
-  Result<UniqueHandle> Start(std::function<void()> body) override {
-    auto starter = std::make_unique<Starter>();
-    starter->body = std::move(body);
-    if (GetModuleHandleExW(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS,
-                           reinterpret_cast<const wchar_t*>(&Run), &starter->module) == 0) {
-      return Result<UniqueHandle>::Failure(EAGAIN);
-    }
-    // The runtime returns the handle as a number.
-    const std::uintptr_t raw = _beginthreadex(nullptr, kWorkerStack, &Run, starter.get(),
-                                              STACK_SIZE_PARAM_IS_A_RESERVATION, nullptr);
-    if (raw == 0) {
-      const int error = errno;
-      FreeLibrary(starter->module);
-      return Result<UniqueHandle>::Failure(static_cast<ErrorCode>(error));
-    }
-    static_cast<void>(starter.release());                   // the thread deletes it
-    return UniqueHandle(reinterpret_cast<RawHandle>(raw));  // NOLINT(performance-no-int-to-ptr)
-  }
-};
-
 }  // namespace
-
-Threads& WindowsThreads() {
-  static RealThreads threads;
-  return threads;
-}
 
 Thread::Thread(std::function<void()> body) : handle(StartWorker(std::move(body))) {}
 

@@ -3,7 +3,7 @@
 #include <exception>
 
 #include "host/logging.h"
-#include "platform/type_name.h"
+#include "platform/runtime/type_name.h"
 #include "platform/windows_runtime_error.h"
 #include "service/orvane_service.h"
 

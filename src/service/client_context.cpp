@@ -6,7 +6,7 @@
 #include <new>
 
 #include "host/logging.h"
-#include "platform/fail_fast.h"
+#include "platform/runtime/fail_fast.h"
 #include "service/result_codes.h"
 
 namespace Vx::Tessel::Server::Services::Orvane {

@@ -7,7 +7,7 @@
 
 #include "host/logging.h"
 #include "json/json_text.h"
-#include "platform/type_name.h"
+#include "platform/runtime/type_name.h"
 
 namespace Vx::Tessel::Server::Services::Orvane {
 

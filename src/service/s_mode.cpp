@@ -9,7 +9,7 @@
 #include "platform/environment.h"
 #include "platform/machine.h"
 #include "platform/processes.h"
-#include "platform/type_name.h"
+#include "platform/runtime/type_name.h"
 #include "security/trusted_program.h"
 #include "service/orvane_service.h"
 #include "storage/cap_data_store.h"

@@ -16,7 +16,7 @@
 #include "events/power_events.h"
 #include "events/zephra_events.h"
 #include "platform/kernel_objects.h"
-#include "platform/thread.h"
+#include "platform/threads.h"
 #include "support/machine_test.h"
 
 namespace Vx::Tessel::Server::Services::Orvane {

@@ -16,7 +16,7 @@
 
 #include "events/power_events.h"
 #include "platform/machine.h"
-#include "platform/thread.h"
+#include "platform/threads.h"
 #include "support/log_capture.h"
 #include "support/probe.h"
 #include "support/stand_in_logon.h"

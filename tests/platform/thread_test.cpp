@@ -1,4 +1,5 @@
 #include "platform/thread.h"
+#include "platform/threads.h"
 
 #include <gmock/gmock.h>
 
@@ -13,8 +14,8 @@
 
 #include <windows.h>
 
-#include "platform/fail_fast.h"
 #include "platform/machine.h"
+#include "platform/runtime/fail_fast.h"
 #include "simulator/fault_injection.h"
 #include "simulator/virtual_clock.h"
 

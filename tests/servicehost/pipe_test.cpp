@@ -28,6 +28,7 @@
 
 #include "platform/machine.h"
 #include "platform/thread.h"
+#include "platform/threads.h"
 #include "servicehost/pipe_io.h"
 #include "support/memory_shortage.h"
 #include "support/probe.h"

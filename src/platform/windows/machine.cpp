@@ -4,7 +4,7 @@
 
 #include <windows.h>
 
-#include "platform/fail_fast.h"
+#include "platform/runtime/fail_fast.h"
 #include "platform/windows/capabilities.h"
 #include "platform/worker_machine.h"
 

@@ -1,4 +1,4 @@
-#include "platform/exception_memory.h"
+#include "platform/runtime/exception_memory.h"
 
 #include <atomic>
 #include <bit>

@@ -1,4 +1,4 @@
-#include "platform/fail_fast.h"
+#include "platform/runtime/fail_fast.h"
 
 #include <exception>
 

@@ -1,4 +1,4 @@
-#include "platform/stack_guard.h"
+#include "platform/runtime/stack_guard.h"
 
 #include <windows.h>
 
