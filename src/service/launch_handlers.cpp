@@ -2,9 +2,9 @@
 
 #include <string>
 
+#include "companion/qubo_facade.h"
+#include "companion/registration.h"
 #include "host/logging.h"
-#include "launch/qubo_facade.h"
-#include "launch/registration.h"
 
 namespace Vx::Tessel::Server::Services::Orvane {
 

@@ -3,9 +3,9 @@
 #include <exception>
 #include <mutex>
 
+#include "companion/aurelo.h"
+#include "companion/qubo_facade.h"
 #include "json/utf8.h"
-#include "launch/aurelo.h"
-#include "launch/qubo_facade.h"
 #include "service/boundary.h"
 #include "service/service_state.h"
 #include "storage/cap_data_store.h"

@@ -7,12 +7,12 @@
 #include <string_view>
 #include <utility>
 
+#include "companion/text_files.h"
+#include "companion/windows_mode.h"
 #include "events/package_completion.h"
 #include "events/package_event_manager.h"
 #include "events/power_events.h"
 #include "events/zephra_events.h"
-#include "launch/text_files.h"
-#include "launch/windows_mode.h"
 #include "platform/console_user.h"
 #include "platform/files.h"
 #include "platform/kernel_objects.h"

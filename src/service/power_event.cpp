@@ -1,8 +1,8 @@
 #include "service/power_event.h"
 
+#include "companion/qubo_facade.h"
+#include "companion/registration.h"
 #include "host/logging.h"
-#include "launch/qubo_facade.h"
-#include "launch/registration.h"
 #include "platform/app_services.h"
 #include "platform/machine.h"
 #include "service/boundary.h"

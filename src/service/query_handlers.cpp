@@ -2,11 +2,11 @@
 
 #include <string>
 
+#include "companion/qubo_behaviors.h"
+#include "companion/qubo_facade.h"
+#include "companion/registration.h"
+#include "companion/windows_mode.h"
 #include "launch/launcher.h"
-#include "launch/qubo_behaviors.h"
-#include "launch/qubo_facade.h"
-#include "launch/registration.h"
-#include "launch/windows_mode.h"
 #include "platform/console_user.h"
 #include "service/consent_store.h"
 #include "service/orvane_service.h"

@@ -4,8 +4,8 @@
 #include <exception>
 #include <string>
 
+#include "companion/windows_mode.h"
 #include "launch/launch_rules.h"
-#include "launch/windows_mode.h"
 #include "platform/environment.h"
 #include "platform/machine.h"
 #include "platform/processes.h"

@@ -2,8 +2,8 @@
 
 #include <atomic>
 
+#include "companion/aurelo.h"
 #include "host/logging.h"
-#include "launch/aurelo.h"
 #include "platform/unique_handle.h"
 
 namespace Vx::Tessel::Server::Services::Orvane {

@@ -20,10 +20,10 @@ done
 for header in client_information exemption_white_list manifest_check_criteria matching_descriptor \
   tessel_access_manager; do
   # The directive alone is looked at: the standard library's headers are not there.
-  echo "#include \"security/client_information.h\"" | "$@" -I "$root/src" -fsyntax-only -x c++ - 2>&1 |
+  echo "#include \"exemption/client_information.h\"" | "$@" -I "$root/src" -fsyntax-only -x c++ - 2>&1 |
     grep -q 'Use the table of CreateClientExemption' || { echo "failed: $header.h is not refused"; failures=1; }
   grep -q 'client_information.h"\|matching_descriptor.h"\|manifest_check_criteria.h"\|#ifdef _MSC_VER' \
-    "$root/src/security/$header.h" || { echo "failed: $header.h does not include the refusal"; failures=1; }
+    "$root/src/exemption/$header.h" || { echo "failed: $header.h does not include the refusal"; failures=1; }
 done
 [ $failures = 0 ] && echo passed
 exit $failures

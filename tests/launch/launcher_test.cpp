@@ -2,8 +2,8 @@
 
 #include <gmock/gmock.h>
 
+#include "companion/registration.h"
 #include "launch/launch_rules.h"
-#include "launch/registration.h"
 #include "support/machine_test.h"
 
 namespace Vx::Tessel::Server::Services::Orvane {

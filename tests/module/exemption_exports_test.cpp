@@ -3,10 +3,10 @@
 #include <memory>
 #include <string>
 
-#include "security/client_information.h"
-#include "security/exemption_white_list.h"
-#include "security/manifest_check_criteria.h"
-#include "security/tessel_access_manager.h"
+#include "exemption/client_information.h"
+#include "exemption/exemption_white_list.h"
+#include "exemption/manifest_check_criteria.h"
+#include "exemption/tessel_access_manager.h"
 
 // The exemption classes as a program uses them that has nothing but their headers and the module.
 

@@ -7,7 +7,7 @@
 
 #include <gmock/gmock.h>
 
-#include "launch/windows_mode.h"
+#include "companion/windows_mode.h"
 #include "platform/unique_handle.h"
 #include "service/simulated_service.h"
 #include "storage/cap_data_store.h"

@@ -14,10 +14,10 @@
 #include <windows.h>
 
 #include "bod/vx_bios_wmi.h"
+#include "companion/companion_apps.h"
 #include "hosting/text.h"
 #include "json/json_object.h"
 #include "json/json_text.h"
-#include "launch/companion_apps.h"
 #include "launch/session_launch.h"
 #include "platform/clock.h"
 #include "platform/console_user.h"

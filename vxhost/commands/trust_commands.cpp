@@ -13,9 +13,9 @@
 
 #include <windows.h>
 
+#include "companion/qubo_facade.h"
 #include "hosting/text.h"
 #include "json/json_text.h"
-#include "launch/qubo_facade.h"
 #include "platform/clock.h"
 #include "platform/machine.h"
 #include "platform/windows_runtime_error.h"

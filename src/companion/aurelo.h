@@ -1,0 +1,52 @@
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "companion/behaviors.h"
+#include "host/logging.h"
+#include "platform/unique_handle.h"
+
+namespace Vx::Tessel::Server::Services::Orvane::Aurelo {
+
+// Starts the AI-experience app. There is no app to fall back on.
+class AureloLaunchBehavior final : public Base::ApplicationLaunchBehavior {
+ public:
+  static const wchar_t* const package_family_name;
+  static const wchar_t* const alias;
+
+  bool Run(const std::wstring& parameter) const override;
+  bool Run() const override;
+};
+
+// The AI-experience app of the console user. Constructed for one operation.
+class AureloFacade {
+ public:
+  AureloFacade();
+  explicit AureloFacade(std::unique_ptr<Base::ApplicationLaunchBehavior> launch);
+
+  bool LaunchUwpForOobe() const;
+
+ private:
+  std::unique_ptr<Base::ApplicationLaunchBehavior> launchBehavior;
+};
+
+// The waitable timer of the launch that was scheduled last. Expired when that launch is over or
+// none was scheduled. The launch owns the timer, because it outlives the service object.
+using LaunchTimer = std::weak_ptr<void>;
+
+// Schedules the one launch of the AI-experience app for an hour from now, unless the store says
+// that it has been launched.
+//
+// Each call starts a detached worker with a timer of its own. The first worker whose hour ends
+// marks the store and launches the app, and later workers find the mark. An app whose launch cannot
+// be marked is not launched. Two workers whose hours end at the same moment may both launch it.
+// Stopping the service does not end a worker. If the timer cannot be set, the worker launches the
+// app at once.
+//
+// `logger` lives as long as the process. `aureloLaunchTimer` is written before the worker starts.
+// The caller makes one call at a time. Throws std::system_error when no thread can be created, and
+// what the store throws when its mutex fails.
+void ScheduleLaunch(const Logging::TraceLogger& logger, LaunchTimer& aureloLaunchTimer);
+
+}  // namespace Vx::Tessel::Server::Services::Orvane::Aurelo

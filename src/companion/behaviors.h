@@ -1,0 +1,73 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <utility>
+
+#include "companion/registration.h"
+
+// The questions and actions of the launch decisions, each replaceable on its own. In every class
+// the virtual destructor comes first and the operations keep this order. One thread at a time uses
+// an object.
+namespace Vx::Tessel::Server::Services::Orvane::Base {
+
+// Checks whether a piece of preloaded software is still installed.
+class SoftwareCheckBehavior {
+ public:
+  virtual ~SoftwareCheckBehavior() = default;
+
+  virtual bool IsWin32Installed() const = 0;
+  virtual bool IsUwpInstalled() const = 0;
+  virtual bool IsInstalled() const = 0;
+
+  // Returns whether the machine was delivered with the files that install it.
+  virtual bool IsPreloaded() const = 0;
+};
+
+class RegistrationCheckBehavior {
+ public:
+  virtual ~RegistrationCheckBehavior() = default;
+
+  virtual RegistrationHelper::RegistrationState GetState() const = 0;
+};
+
+class ModeCheckBehavior {
+ public:
+  virtual ~ModeCheckBehavior() = default;
+
+  // Returns whether Windows was in S mode at the first start and is not now.
+  virtual bool HasBeenInSMode() = 0;
+
+  virtual bool IsInSMode() const = 0;
+};
+
+// Starts one app for the user at the console. Returns true when it was started.
+class ApplicationLaunchBehavior {
+ public:
+  virtual ~ApplicationLaunchBehavior() = default;
+
+  virtual bool Run(const std::wstring& parameter) const = 0;
+  virtual bool Run() const = 0;
+};
+
+// Reads and writes the mark that one reason for a launch has been used.
+class ApplicationLaunchCriteriaDataAccess {
+ public:
+  virtual ~ApplicationLaunchCriteriaDataAccess() = default;
+
+  // Returns true when the mark was stored.
+  virtual bool SaveSkipState(bool skip) const = 0;
+
+  virtual bool ShouldBeSkipped() const = 0;
+};
+
+class UwpBuildInfoDataAccess {
+ public:
+  virtual ~UwpBuildInfoDataAccess() = default;
+
+  // Returns Windows' staged-package origin code, and the version as four 16-bit parts, major
+  // highest.
+  virtual std::pair<std::int32_t, std::uint64_t> GetOriginAndVersion() const = 0;
+};
+
+}  // namespace Vx::Tessel::Server::Services::Orvane::Base

@@ -1,0 +1,112 @@
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "companion/behaviors.h"
+#include "companion/qubo_behaviors.h"
+#include "companion/resume_decision.h"
+#include "host/logging.h"
+
+namespace Vx::Tessel::Server::Services::Orvane::Qubo {
+
+struct QuboLaunchOverride {
+  QuboLaunchOverride() = default;
+  explicit QuboLaunchOverride(bool force) : forceRun(force) {}
+
+  bool forceRun = false;  // launch at every resume, whatever the other rules say
+};
+
+// The companion app of the console user. Registers its package, notifies the app that set-up is
+// complete, starts it, and decides whether a resume has to start it.
+//
+// Constructed for one operation on one thread and then destroyed. The shared store is its only
+// memory. An operation that impersonates the user reverts before it returns. When Windows refuses a
+// call, the operation logs it and returns false. Blocks for as long as the deployment (two minutes
+// at most) or the app's own service takes.
+class QuboFacade {
+ public:
+  using QuboStartingPoint = Qubo::QuboStartingPoint;
+
+  static const char* const datastore_key_wakeup_for_smode_skip;
+  static const char* const datastore_key_autolaunch_software_happened;
+  static const char* const datastore_key_autolaunch_registration_happened;
+  static const wchar_t* const win_key_zephra;
+  static const wchar_t* const win_key_value_name;
+  static const wchar_t* const oobe_app_service_name;
+  static const wchar_t* const oobe_app_service_name_qubo;
+
+  // Uses this machine's own behaviours.
+  QuboFacade();
+
+  QuboFacade(std::shared_ptr<QuboDataAccessFactory> dataAccess,
+             std::unique_ptr<Base::SoftwareCheckBehavior> firstSoftware,
+             std::unique_ptr<Base::SoftwareCheckBehavior> secondSoftware,
+             std::unique_ptr<Base::RegistrationCheckBehavior> registration,
+             std::unique_ptr<Base::ModeCheckBehavior> mode,
+             std::unique_ptr<Base::ApplicationLaunchBehavior> launch, QuboLaunchOverride override);
+  QuboFacade(const QuboFacade&) = delete;
+  QuboFacade& operator=(const QuboFacade&) = delete;
+  ~QuboFacade();
+
+  // `name` receives the console user as "domain\user".
+  bool GetCurrentUserName(std::wstring& name) const;
+
+  // `fullName` receives the companion package that the console user has, or else the predecessor's.
+  bool GetPackageFullName(std::wstring& fullName) const;
+
+  // Registers the companion package for the console user if it is only staged. Returns true when it
+  // is registered afterwards.
+  bool RegisterApp() const;
+  bool RegisterApp(const std::wstring& user, const std::wstring& fullName) const;
+
+  bool LaunchUwpForOobe() const;
+  bool LaunchUwpWithParameter(const std::wstring& parameter) const;
+
+  // Registers the package, decides, and starts the app if the decision says so. The reason counts
+  // as used whether or not the app could be started.
+  QuboStartingPoint LaunchUwpWhenComingBackFromSleepIfNeeded();
+
+  // Does the same without registering the package. Does not read `criteria`.
+  QuboStartingPoint LaunchUwpWhenComingBackFromSleepIfNeeded(
+      const std::shared_ptr<Base::ApplicationLaunchCriteriaDataAccess>& criteria);
+
+  // Returns what a resume would do now, and why. Launches nothing and marks nothing.
+  ResumeDecision ExplainResume() const;
+
+  // Notifies the app through its app service that set-up is complete.
+  bool CallAppServiceAfterOobe() const;
+  bool CallAppServiceAfterOobe(const std::wstring& packageFamilyName,
+                               const std::wstring& appServiceName) const;
+
+  // Marks one reason for an automatic launch as used. Accepts any key that is not empty.
+  bool SkipAutoLaunchCriteria(const std::string& key) const;
+  bool SkipAutoLaunchCriteria(
+      const std::shared_ptr<Base::ApplicationLaunchCriteriaDataAccess>& criteria) const;
+
+  // Return whether the predecessor's package is a 1.0 placeholder, or a 1.1 build.
+  bool IsStubClient() const;
+  bool IsNuboClient() const;
+
+ private:
+  static QuboLaunchOverride GetLaunchOverride();
+  static bool GetForceRunFromSleep();
+
+  ResumeDecision GetStartingPointWhenComingBackFromSleepForWindowsS() const;
+  void MarkAsUsed(QuboStartingPoint reason) const;
+
+  // Runs `action` as the console user and returns its result. Returns false if that is impossible.
+  template <typename Action>
+  bool AsConsoleUser(Action&& action) const;
+
+  const Logging::TraceLogger* logger;
+  std::shared_ptr<QuboDataAccessFactory> factory;
+  std::unique_ptr<Base::SoftwareCheckBehavior> softwareCheck;
+  std::unique_ptr<Base::SoftwareCheckBehavior> softwareCheck2;
+  std::unique_ptr<Base::RegistrationCheckBehavior> registrationCheck;
+  std::unique_ptr<Base::ModeCheckBehavior> modeCheck;
+  std::unique_ptr<Base::ApplicationLaunchBehavior> launchBehavior;
+  QuboLaunchOverride launchOverride;
+};
+
+}  // namespace Vx::Tessel::Server::Services::Orvane::Qubo

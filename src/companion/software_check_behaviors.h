@@ -1,0 +1,45 @@
+#pragma once
+
+#include <string>
+
+#include "companion/behaviors.h"
+
+namespace Vx::Tessel::Server::Services::Orvane::Qubo {
+
+// The support assistant. It is installed if a registry value or a package exists. Returns false
+// when Windows refuses a call.
+class SentraSoftwareCheckBehavior final : public Base::SoftwareCheckBehavior {
+ public:
+  SentraSoftwareCheckBehavior();
+
+  bool IsWin32Installed() const override;
+  bool IsUwpInstalled() const override;
+  bool IsInstalled() const override;
+  bool IsPreloaded() const override;
+
+ private:
+  std::wstring packageFamilyName;
+  std::wstring registryKey;
+  std::wstring registryValue;
+  std::wstring preloadFolder;
+};
+
+// The virus scanner. It is installed if its folder exists. It has no package.
+class McAfeeSoftwareCheckBehavior final : public Base::SoftwareCheckBehavior {
+ public:
+  McAfeeSoftwareCheckBehavior();
+
+  bool IsWin32Installed() const override;
+
+  // Always throws std::logic_error.
+  bool IsUwpInstalled() const override;
+
+  bool IsInstalled() const override;
+  bool IsPreloaded() const override;
+
+ private:
+  std::wstring installFolder;
+  std::wstring preloadFolder;
+};
+
+}  // namespace Vx::Tessel::Server::Services::Orvane::Qubo

@@ -1,0 +1,24 @@
+#pragma once
+
+#include <memory>
+#include <vector>
+
+#include "exemption/matching_descriptor.h"
+
+namespace Vx::Tessel::Security {
+
+// Clients without the maker's manifest that are tolerated up to a version. Each call returns a new
+// list.
+
+class UwpWithNoVxManifestExemptionWhiteList {
+ public:
+  static std::shared_ptr<std::vector<UwpMatchingDescriptor>> GetExemption();
+};
+
+// The names are in lower case, because the checker compares them so.
+class Win32WithNoVxManifestExemptionWhiteList {
+ public:
+  static std::shared_ptr<std::vector<Win32MatchingDescriptor>> GetExemption();
+};
+
+}  // namespace Vx::Tessel::Security

@@ -1,0 +1,55 @@
+#pragma once
+
+#include <memory>
+#include <vector>
+
+#include "exemption/client_information.h"
+#include "exemption/matching_descriptor.h"
+
+namespace Vx::Tessel::Security {
+
+// Decides whether a client may lack the maker's manifest.
+class IClientWithNoVxManifestCheckCriteria {
+ public:
+  IClientWithNoVxManifestCheckCriteria() = default;
+  IClientWithNoVxManifestCheckCriteria(const IClientWithNoVxManifestCheckCriteria&) = delete;
+  IClientWithNoVxManifestCheckCriteria& operator=(const IClientWithNoVxManifestCheckCriteria&) =
+      delete;
+  virtual ~IClientWithNoVxManifestCheckCriteria() = default;
+
+  virtual bool IsAnException() = 0;
+};
+
+// Exempts a packaged client whose family name is listed, in the same letter case, with at least the
+// client's version. Without a list or a record, or with an empty list, no client is exempt.
+class UwpWithNoVxManifestCheckBasedOnMajorAndMinorVersion final
+    : public IClientWithNoVxManifestCheckCriteria {
+ public:
+  UwpWithNoVxManifestCheckBasedOnMajorAndMinorVersion(
+      std::shared_ptr<std::vector<UwpMatchingDescriptor>> whiteList,
+      std::shared_ptr<Server::Uwp::UwpInformation> client);
+
+  bool IsAnException() override;
+
+ private:
+  std::shared_ptr<std::vector<UwpMatchingDescriptor>> list;
+  std::shared_ptr<Server::Uwp::UwpInformation> caller;
+};
+
+// The same for a desktop client by the name of its executable, in any letter case. The check turns
+// the name in the shared record to lower case permanently. One thread at a time per record.
+class Win32WithNoVxManifestCheckBasedOnMajorAndMinorVersion final
+    : public IClientWithNoVxManifestCheckCriteria {
+ public:
+  Win32WithNoVxManifestCheckBasedOnMajorAndMinorVersion(
+      std::shared_ptr<std::vector<Win32MatchingDescriptor>> whiteList,
+      std::shared_ptr<Server::Win32::Win32Information> client);
+
+  bool IsAnException() override;
+
+ private:
+  std::shared_ptr<std::vector<Win32MatchingDescriptor>> list;
+  std::shared_ptr<Server::Win32::Win32Information> caller;
+};
+
+}  // namespace Vx::Tessel::Security

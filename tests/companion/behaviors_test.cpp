@@ -1,0 +1,290 @@
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <iterator>
+#include <memory>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include <windows.h>
+
+#include <gmock/gmock.h>
+
+#include "companion/qubo_behaviors.h"
+#include "companion/registration.h"
+#include "companion/software_check_behaviors.h"
+#include "companion/text_files.h"
+#include "companion/windows_mode.h"
+#include "storage/cap_data_store.h"
+#include "support/faulty_files.h"
+#include "support/machine_test.h"
+
+namespace Vx::Tessel::Server::Services::Orvane {
+namespace {
+
+using State = RegistrationHelper::RegistrationState;
+using ::testing::ElementsAre;
+
+constexpr wchar_t kSentra[] = L"7C3B9E40.SentraAssistant_r4x2m8kq7tn3b";
+constexpr wchar_t kSentraKey[] = L"SOFTWARE\\WOW6432Node\\Vexmoor\\SentraActive";
+
+void Write(const std::filesystem::path& path, std::string_view content) {
+  std::ofstream(path, std::ios::binary) << content;
+}
+
+std::string Read(const std::filesystem::path& path) {
+  std::ifstream file(path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(file), {}};
+}
+
+class BehaviorTest : public Tests::StoreTest {
+ protected:
+  Tests::TempFolder programs;
+  Tests::EnvironmentOverride programFiles{L"ProgramFiles", programs.Path().wstring()};
+};
+
+TEST_F(BehaviorTest, SentraIsInstalledByItsValueOrItsPackage) {
+  const Qubo::SentraSoftwareCheckBehavior sentra;
+  EXPECT_FALSE(sentra.IsInstalled());
+  machine.registry.SetText(kSentraKey, L"Another", L"");
+  EXPECT_FALSE(sentra.IsInstalled());
+
+  machine.packages.Install({kSentra, L"Sentra_1", {}}, L"ann");
+  EXPECT_TRUE(sentra.IsInstalled());
+  machine.users.DetachConsole();
+  EXPECT_FALSE(sentra.IsInstalled());
+
+  machine.registry.SetText(kSentraKey, L"Version", L"");
+  machine.faults.Clear();
+  EXPECT_TRUE(sentra.IsInstalled());
+  EXPECT_THAT(machine.faults.Calls(),
+              ElementsAre("Registry.Exists"));  // the registry value is enough
+}
+
+TEST_F(BehaviorTest, FoldersTellPreloadedAndInstalled) {
+  const Qubo::SentraSoftwareCheckBehavior sentra;
+  const Qubo::McAfeeSoftwareCheckBehavior mcafee;
+  const std::pair<const char*, std::function<bool()>> answers[] = {
+      {"Vx/SentraPre", [&] { return sentra.IsPreloaded(); }},
+      {"Vx/McAfeePre", [&] { return mcafee.IsPreloaded(); }},
+      {"Common Files/McAfee", [&] { return mcafee.IsInstalled(); }},
+  };
+  for (const auto& [folder, answer] : answers) {
+    const auto path = programs.Path() / folder;
+    std::filesystem::create_directories(path.parent_path());
+    Write(path, "a file is no folder");
+    EXPECT_FALSE(answer()) << folder;
+    std::filesystem::remove(path);
+    std::filesystem::create_directory(path);
+    EXPECT_TRUE(answer()) << folder;
+  }
+  EXPECT_THROW(mcafee.IsUwpInstalled(), std::logic_error);
+  const Tests::EnvironmentOverride tooLong(L"ProgramFiles", L"C:\\" + std::wstring(260, L'x'));
+  EXPECT_FALSE(sentra.IsPreloaded());
+}
+
+TEST_F(BehaviorTest, KnowsNoRegistrationStateOfAnotherKindOrWithoutAStore) {
+  const Qubo::QuboRegistrationCheckBehavior check(std::make_unique<RegistrationHelper>());
+  Storage::CapDataStore().persist("registration_full_sent", "skipped_oobe");
+  EXPECT_EQ(check.GetState(), State::SkippedOobe);
+  Storage::CapDataStore().persist("registration_full_sent", true);
+  EXPECT_EQ(check.GetState(), State::Unknown);
+  store.Block();
+  EXPECT_EQ(check.GetState(), State::Unknown);
+}
+
+TEST_F(BehaviorTest, WasInSModeOnlyWithALockedFirstModeOnRecord) {
+  using Storage::BsonElement;
+  static const struct {
+    BsonElement first;
+    const wchar_t* logged = nullptr;
+    bool was = false;
+  } kCases[] = {
+      {{}, L"-1", false},
+      {BsonElement::Int32(2), L"2", true},
+      {BsonElement::Int32(0), L"0", false},
+      {BsonElement::Int64(2), L"-1", false},
+      {BsonElement::Text("2"), L"-1", false},
+  };
+  for (const auto& c : kCases) {
+    Storage::CapDataStore().mergeMember("OrvaneServiceDocument", "FirstSystemEnforcementMode",
+                                        c.first);
+    Qubo::WindowsModeCheckBehavior check;
+    EXPECT_EQ(check.HasBeenInSMode(), c.was);
+    EXPECT_FALSE(check.IsInSMode());
+    const std::wstring start = L"info|.HasBeenInSMode ";
+    EXPECT_TRUE(log.Has(start + L"Current Lockdown Policy is 0"));
+    EXPECT_TRUE(log.Has(start + L"First Lockdown Policy is " + c.logged));
+    EXPECT_EQ(log.Has(start + L"Detected S Mode Switch"), c.was);
+    EXPECT_EQ(log.Has(start + L"Detected S Mode Switch 1"), c.was);
+    log.Clear();
+  }
+}
+
+class RegistrationDataTest : public BehaviorTest {
+ protected:
+  RegistrationDataTest() {
+    machine.users.SetProfile(L"ann", user.Path().wstring());
+    std::filesystem::create_directories(Source().parent_path());
+    std::filesystem::create_directories(Destination().parent_path());
+  }
+
+  std::filesystem::path Source() const {
+    return everyones.Path() / "Vx" / "Registration" / "registration_subset.xml";
+  }
+  std::filesystem::path Destination() const {
+    return user.Path() / "AppData" / "Roaming" / "Vx" / "Vx Setup" / "REGDATA" /
+           "RegistrationSubset.xml";
+  }
+
+  Tests::TempFolder everyones;
+  Tests::TempFolder user;
+  Tests::EnvironmentOverride programData{L"ProgramData", everyones.Path().wstring()};
+  const Logging::TraceLogger& logger = *Logging::LogManager::GetLogger();
+};
+
+TEST_F(RegistrationDataTest, CopiesTheMachinesDataOverTheUsersWithTheUsersRightsAlone) {
+  Tests::FaultyFiles files;
+  int accesses = 0;
+  files.onStep = [&](const char*) {
+    ++accesses;
+    EXPECT_TRUE(machine.users.Acting());
+    return 0U;
+  };
+  const Platform::MachineScope inserted(
+      [&](Platform::Machine& platform) { platform.files = &files; });
+  const std::string content("\xFF\xFE<\0x\0\r\n\0\x1A", 9);
+  Write(Source(), content);
+  Write(Destination(), "older and longer than what comes");
+  EXPECT_TRUE(CopyRegistrationData(L"client", logger));
+  EXPECT_EQ(Read(Destination()), content);
+  Write(Source(), "second");
+  EXPECT_TRUE(RefreshRegistrationData(logger));
+  EXPECT_EQ(Read(Destination()), "second");
+  EXPECT_EQ(accesses, 8);
+  EXPECT_FALSE(machine.users.Acting());
+
+  // The first path, the second path and the right to copy are refused in turn.
+  const std::pair<const char*, std::size_t> refused[] = {{"Environment.ExpandForUser", 0},
+                                                         {"Environment.ExpandForUser", 1},
+                                                         {"Sessions.Impersonate", 2}};
+  for (const auto& [call, succeeding] : refused) {
+    machine.faults.FailNamed(call, succeeding);
+    EXPECT_FALSE(CopyRegistrationData(L"client", logger));
+  }
+  EXPECT_EQ(accesses, 8);
+}
+
+// A folder of files and the log lines about them.
+class TextFileTest : public ::testing::Test {
+ protected:
+  std::optional<std::wstring> Text(const wchar_t* name) const {
+    return ReadTextFile(folder / name, L"Win10SSwitch", logger);
+  }
+  bool Copy(const wchar_t* from, const wchar_t* to) const {
+    return CopyFileContent(folder / from, folder / to, L"Win10SSwitch", logger);
+  }
+
+  Tests::TempFolder folder;
+  Tests::LogCapture log;
+  const Logging::TraceLogger& logger = *Logging::LogManager::GetLogger();
+};
+
+TEST_F(TextFileTest, AFileWithoutAMarkIsReadAsUtf8AndAnUnreadableOneHasNoText) {
+  static constexpr wchar_t kNoMark[] = L"warning|Error Finding BOM for file: ";
+  static constexpr wchar_t kUnreadable[] = L"warning|Error while reading text file ";
+  std::filesystem::create_directory(folder.Path() / "a folder");
+  Write(folder / L"large", "\xEF\xBB\xBF");
+  std::filesystem::resize_file(folder.Path() / "large", kMaxTextFile + 1);
+  Write(folder / L"largest", std::string(kMaxTextFile, 'x'));
+  Write(folder / L"marked", "\xEF\xBB\xBF/quiet");
+  Write(folder / L"plain", "/caf\xC3\xA9");
+  Write(folder / L"empty", "");
+  Write(folder / L"UTF-16", std::string_view("/\0q\0", 4));
+  Write(folder / L"cut", std::string_view("\xFF\xFE/\0\0\0q\0", 8));
+  const struct {
+    const wchar_t* name;
+    std::optional<std::wstring> text;
+    std::vector<std::wstring> lines;
+  } cases[] = {
+      {L"marked", L"/quiet", {}},
+      {L"plain", L"/caf\u00E9", {kNoMark}},
+      {L"largest", std::wstring(kMaxTextFile, L'x'), {kNoMark}},
+      {L"empty", L"", {kNoMark}},
+      {L"missing", std::nullopt, {kUnreadable}},
+      {L"a folder", std::nullopt, {kUnreadable}},
+      {L"large", std::nullopt, {kUnreadable}},
+      {L"UTF-16", std::nullopt, {kNoMark, kUnreadable}},
+      {L"cut", std::nullopt, {kUnreadable}},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(::testing::PrintToString(std::wstring(c.name)));
+    log.Clear();
+    EXPECT_TRUE(Text(c.name) == c.text);
+    auto lines = c.lines;
+    for (std::wstring& line : lines) line += folder / c.name;
+    EXPECT_EQ(log.Lines(), lines);
+    EXPECT_THAT(log.Callers(), ::testing::Each(L"Win10SSwitch"));
+  }
+}
+
+TEST_F(TextFileTest, ADestinationThatCannotBeWrittenKeepsItsContentAndNoPartIsLeft) {
+  Write(folder / L"source", "new");
+  Write(folder / L"read only", "old");
+  SetFileAttributesW((folder / L"read only").c_str(), FILE_ATTRIBUTE_READONLY);
+  Write(folder / L"target", "old");
+  std::filesystem::create_directory(folder.Path() / "a folder");
+  for (const wchar_t* to : {L"read only", L"a folder", L"missing\\file"}) {
+    SCOPED_TRACE(::testing::PrintToString(std::wstring(to)));
+    EXPECT_FALSE(Copy(L"source", to));
+    EXPECT_EQ(log.Lines().back(), L"error|Error while copying destination file " + folder / to);
+  }
+  EXPECT_FALSE(Copy(L"nothing", L"target"));
+  EXPECT_EQ(log.Lines().back(), L"error|Error while copying source file " + folder / L"nothing");
+  {
+    // The disk is full.
+    Tests::FaultyFiles files;
+    const Platform::MachineScope scope(
+        [&](Platform::Machine& platform) { platform.files = &files; });
+    files.onStep = [](const std::string& step) { return step == "Half" ? Tests::kFault : 0U; };
+    EXPECT_FALSE(Copy(L"source", L"target"));
+  }
+  EXPECT_EQ(Read(folder / L"read only"), "old");
+  EXPECT_EQ(Read(folder / L"target"), "old");
+  const std::filesystem::directory_iterator entries(folder.Path());
+  EXPECT_EQ(std::distance(begin(entries), end(entries)), 4);
+
+  Write(folder / L"source", "");
+  EXPECT_TRUE(Copy(L"source", L"target"));
+  EXPECT_EQ(Read(folder / L"target"), "");
+}
+
+TEST(RegistrationStateTest, OnlyTheWholeTextMapsToAState) {
+  static constexpr struct {
+    std::string_view text;
+    State state;
+  } kCases[] = {
+      {"yes", State::Yes},
+      {"no", State::No},
+      {"skipped_uwp", State::No},
+      {"skipped_oobe", State::SkippedOobe},
+      {"pending_oobe", State::Pending},
+      {"pending_uwp", State::Pending},
+      {"not_set", State::Unknown},
+      {"", State::Unknown},
+      {"Skipped_OOBE", State::Unknown},
+      {"skipped_oobe ", State::Unknown},
+      {std::string_view("yes\0", 4), State::Unknown},
+  };
+  for (const auto& c : kCases) {
+    SCOPED_TRACE(c.text);
+    EXPECT_EQ(RegistrationHelper::MapValueToState(c.text), c.state);
+  }
+}
+
+}  // namespace
+}  // namespace Vx::Tessel::Server::Services::Orvane

@@ -1,0 +1,147 @@
+#include "companion/resume_decision.h"
+
+#include <string>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "companion/behaviors.h"
+
+namespace Vx::Tessel::Server::Services::Orvane::Qubo {
+namespace {
+
+using State = RegistrationHelper::RegistrationState;
+using ::testing::ElementsAre;
+
+// Everything that a resume decision depends on.
+struct World final : Base::RegistrationCheckBehavior, Base::ModeCheckBehavior {
+  struct Software final : Base::SoftwareCheckBehavior {
+    bool IsWin32Installed() const override { return installed; }
+    bool IsUwpInstalled() const override { return installed; }
+    bool IsInstalled() const override { return installed; }
+    bool IsPreloaded() const override { return preloaded; }
+    bool preloaded = false;
+    bool installed = false;
+  };
+  struct Mark final : Base::ApplicationLaunchCriteriaDataAccess {
+    bool SaveSkipState(bool) const override {
+      ADD_FAILURE() << "a decision did something";
+      return true;
+    }
+    bool ShouldBeSkipped() const override { return used; }
+    bool used = false;
+  };
+
+  // The bits from the lowest: first software preloaded and installed, second software preloaded and
+  // installed, was and is in S mode, software used, registration used.
+  World(unsigned bits, State state) : registration(state) {
+    const auto bit = [bits](unsigned n) { return (bits >> n & 1U) != 0; };
+    first.preloaded = bit(0);
+    first.installed = bit(1);
+    second.preloaded = bit(2);
+    second.installed = bit(3);
+    wasInSMode = bit(4);
+    isInSMode = bit(5);
+    softwareUsed.used = bit(6);
+    registrationUsed.used = bit(7);
+  }
+
+  State GetState() const override { return registration; }
+  bool HasBeenInSMode() override { return wasInSMode; }
+  bool IsInSMode() const override { return isInSMode; }
+  ResumeDecision Decide() {
+    return DecideResume({first, second, *this, *this, softwareUsed, registrationUsed});
+  }
+
+  Software first;
+  Software second;
+  bool wasInSMode = false;
+  bool isInSMode = false;
+  Mark softwareUsed;
+  Mark registrationUsed;
+  State registration;
+};
+
+// The rule without an order of asking. Missing software counts on a machine that left S mode,
+// skipped registration on one that is or was in S mode, each once, software first.
+QuboStartingPoint Expected(const World& world) {
+  const bool missing = (world.first.preloaded && !world.first.installed) ||
+                       (world.second.preloaded && !world.second.installed);
+  const bool software = missing && world.wasInSMode && !world.softwareUsed.used;
+  const bool registration = world.registration == State::SkippedOobe &&
+                            (world.wasInSMode || world.isInSMode) && !world.registrationUsed.used;
+  if (software) return QuboStartingPoint::Software;
+  return registration ? QuboStartingPoint::Registration : QuboStartingPoint::None;
+}
+
+TEST(ResumeDecisionTest, IsTheRuleInEveryWorld) {
+  for (unsigned bits = 0; bits < 256; ++bits) {
+    for (const State state :
+         {State::Yes, State::No, State::SkippedOobe, State::Pending, State::Unknown}) {
+      World world(bits, state);
+      ASSERT_EQ(world.Decide().startingPoint, Expected(world)) << "bits " << bits;
+    }
+  }
+}
+
+// The decision asks only what it needs, because a question costs a trust check, a package query or
+// a read of the store.
+TEST(ResumeDecisionTest, NamesTheRuleThatSettledItAndAsksNoMoreThanThat) {
+  using Q = ResumeQuestion;
+  const struct {
+    ResumeRule rule;
+    unsigned bits;
+    State state;
+    std::vector<Q> asked;
+  } cases[] = {
+      {ResumeRule::RegistrationNotSkipped,
+       0,
+       State::Yes,
+       {Q::FirstPreloaded, Q::SecondPreloaded, Q::RegistrationState}},
+      {ResumeRule::Software,
+       0x11,
+       State::Yes,
+       {Q::FirstPreloaded, Q::FirstInstalled, Q::HasBeenInSMode, Q::SoftwareUsed}},
+      {ResumeRule::NotInSMode,
+       0x04,
+       State::SkippedOobe,
+       {Q::FirstPreloaded, Q::SecondPreloaded, Q::SecondInstalled, Q::HasBeenInSMode,
+        Q::RegistrationState, Q::HasBeenInSMode, Q::IsInSMode}},
+      {ResumeRule::Registration,
+       0x10,
+       State::SkippedOobe,
+       {Q::FirstPreloaded, Q::SecondPreloaded, Q::RegistrationState, Q::HasBeenInSMode,
+        Q::RegistrationUsed}},
+      {ResumeRule::RegistrationUsed,
+       0xA0,
+       State::SkippedOobe,
+       {Q::FirstPreloaded, Q::SecondPreloaded, Q::RegistrationState, Q::HasBeenInSMode,
+        Q::IsInSMode, Q::RegistrationUsed}},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(static_cast<int>(c.rule));
+    const ResumeDecision decision = World(c.bits, c.state).Decide();
+    EXPECT_EQ(decision.rule, c.rule);
+    std::vector<Q> asked;
+    for (const ResumeAnswer& answer : decision.answers) asked.push_back(answer.question);
+    EXPECT_EQ(asked, c.asked);
+  }
+}
+
+TEST(ResumeDecisionTest, ExplainsEachAnswerAndTheRule) {
+  EXPECT_THAT(
+      Explain(World(0x27, State::SkippedOobe).Decide()),
+      ElementsAre(
+          L"first preloaded software: preloaded: yes", L"first preloaded software: installed: yes",
+          L"second preloaded software: preloaded: yes", L"second preloaded software: installed: no",
+          L"Windows was in S mode at the first start and is not now: no", L"registration state: 2",
+          L"Windows was in S mode at the first start and is not now: no",
+          L"Windows is in S mode now: yes", L"launch because of registration was made before: no",
+          L"the owner skipped registration on a machine that is or was in S mode: one "
+          L"launch",
+          L"starting point: 2"));
+}
+
+}  // namespace
+}  // namespace Vx::Tessel::Server::Services::Orvane::Qubo
