@@ -435,7 +435,7 @@ TEST_F(SealedFileTest, AStoreWithoutContentGivesWayToTheSiblingOfAnInterruptedWr
       Tests::WriteBytes(Sibling(L"a"), FileWith(kNew));
       Tests::WriteBytes(Sibling(held ? L"0" : L"b"), FileWith(kOld));
       disk.onFacts = [](Platform::FileFacts& facts) { facts.written = facts.size > 3000 ? 1 : 2; };
-      std::string change;  // the last one of a file that is kept
+      std::string change;  // the last step that changed a file
       disk.onStep = [&](const std::string& step) {
         if (step != "Open" && step != "Content" && step != "Remove") change = step;
         return 0U;
