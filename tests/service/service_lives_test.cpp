@@ -79,13 +79,13 @@ TEST_F(ServiceLivesTest, APolicyChangeThatThrowsIsLoggedAndReturnsZero) {
   };
   FaultyFiles disk;
   const Platform::MachineScope faulty([&](auto& platform) { platform.files = &disk; });
-  for (const auto& [fail, line] : cases) {
-    disk.onStep = [&](const char*) {
-      fail();
+  for (const auto& c : cases) {
+    disk.onStep = [&c](const char*) {
+      c.first();
       return 0U;
     };
     EXPECT_EQ(host.Execute(16, L"{}").result, 0U);
-    EXPECT_TRUE(log.Has(L"warning|OrvaneService - OnPolicyChangedEvent failed: " + line));
+    EXPECT_TRUE(log.Has(L"warning|OrvaneService - OnPolicyChangedEvent failed: " + c.second));
   }
 }
 

@@ -62,11 +62,9 @@ class OtherService {
  public:
   // Stores the value under kOtherKey in place. Throws if the last one is not found there.
   void Store(std::int32_t value) {
-    std::string file;
-    {
-      std::ifstream in(path, std::ios::binary);
-      file.assign(std::istreambuf_iterator<char>(in), {});
-    }
+    std::ifstream in(path, std::ios::binary);
+    const std::string file(std::istreambuf_iterator<char>(in), {});
+    in.close();
     std::string document = Converted(file.substr(kHeader), [](DATA_BLOB* from, DATA_BLOB* to) {
       return CryptUnprotectData(from, nullptr, nullptr, nullptr, nullptr, 0, to);
     });
@@ -99,12 +97,12 @@ class OtherService {
       std::memcpy(&number, document.data() + at, sizeof number);
       return number;
     };
-    const auto bytes = [](std::size_t number) {
-      return std::string(reinterpret_cast<const char*>(&number), sizeof(std::int32_t));
+    const auto bytes = [](std::int32_t number) {
+      return std::string(reinterpret_cast<const char*>(&number), sizeof number);
     };
     constexpr char kInt32 = 0x10;  // any other value here is a document
     std::int32_t before = 0;
-    std::size_t at = sizeof(std::int32_t);
+    std::size_t at = sizeof before;
     while (document.at(at) != 0) {
       const std::string key = document.c_str() + at + 1;
       const std::size_t content = at + key.size() + 2;
@@ -119,7 +117,7 @@ class OtherService {
       }
     }
     document.insert(at, kInt32 + std::string(Vx::Tests::kOtherKey) + '\0' + bytes(value));
-    document.replace(0, sizeof(std::int32_t), bytes(document.size()));
+    document.replace(0, sizeof before, bytes(static_cast<std::int32_t>(document.size())));
     return before;
   }
 
