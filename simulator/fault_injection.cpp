@@ -124,17 +124,12 @@ class FaultyClock final : public Decorator<Platform::Clock> {
   std::uint64_t TickCount() const override { return inner.TickCount(); }
   std::uint64_t UtcFileTime() const override { return inner.UtcFileTime(); }
   void Sleep(Duration length) override { inner.Sleep(length); }
-  // A wait that fails ends the task that waits, as a null handle does.
   Platform::WaitResult Wait(RawHandle handle, std::optional<Duration> length) override {
-    if (faults.Fails("Clock.Wait")) {
-      return {Platform::WaitOutcome::Failed, 0xFFFFFFFF, kDenied};
-    }
+    if (faults.Fails("Clock.Wait")) return Fail(length.value_or(Duration(0)));
     return inner.Wait(handle, length);
   }
   Platform::WaitResult WaitForEither(RawHandle first, RawHandle second, Duration length) override {
-    if (faults.Fails("Clock.Wait")) {
-      return {Platform::WaitOutcome::Failed, 0xFFFFFFFF, kDenied};
-    }
+    if (faults.Fails("Clock.Wait")) return Fail(length);
     return inner.WaitForEither(first, second, length);
   }
   Result<UniqueHandle> MakeTimer() override {
@@ -147,6 +142,13 @@ class FaultyClock final : public Decorator<Platform::Clock> {
   void WorkerStarted() override { inner.WorkerStarted(); }
   void WorkerNotStarted() override { inner.WorkerNotStarted(); }
   void WorkerEnded() override { inner.WorkerEnded(); }
+
+ private:
+  // A refused wait fails after half of its time.
+  Platform::WaitResult Fail(Duration length) {
+    inner.Sleep(length / 2);
+    return {Platform::WaitOutcome::Failed, 0xFFFFFFFF, kDenied};
+  }
 };
 
 class FaultyCom final : public Decorator<Platform::Com> {

@@ -8,7 +8,8 @@ namespace {
 
 using Platform::Result;
 
-constexpr Platform::ErrorCode kInvalidParameter = 87;  // ERROR_INVALID_PARAMETER
+constexpr Platform::ErrorCode kInvalidParameter = 87;         // ERROR_INVALID_PARAMETER
+constexpr Platform::ErrorCode kBadImpersonationLevel = 1346;  // ERROR_BAD_IMPERSONATION_LEVEL
 constexpr wchar_t kSystem[] = L"SYSTEM";
 
 // The logon process of the console's session. It is not stored.
@@ -39,7 +40,8 @@ Result<std::uint32_t> SimulatedProcesses::Start(Platform::RawHandle token,
                            .session = token == nullptr ? 0 : users.ActiveConsoleSession(),
                            .user = user ? user->name : kSystem,
                            .start = start};
-  Platform::ErrorCode error = 0;
+  // https://learn.microsoft.com/en-us/windows/win32/api/securitybaseapi/nf-securitybaseapi-duplicatetoken
+  Platform::ErrorCode error = users.IsForImpersonation(token) ? kBadImpersonationLevel : 0;
   {
     const std::lock_guard guard(mutex);
     const auto refusal = refused.find(start.application);

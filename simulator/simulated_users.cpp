@@ -89,8 +89,14 @@ bool SimulatedUsers::AnyoneActs() const {
 std::optional<SimulatedUser> SimulatedUsers::UserOf(Platform::RawHandle token) const {
   const std::lock_guard guard(mutex);
   const auto found = tokens.find(token);
-  if (found == tokens.end() || found->second == kSystem) return std::nullopt;
-  return users.at(found->second);
+  if (found == tokens.end() || found->second.owner == kSystem) return std::nullopt;
+  return users.at(found->second.owner);
+}
+
+bool SimulatedUsers::IsForImpersonation(Platform::RawHandle token) const {
+  const std::lock_guard guard(mutex);
+  const auto found = tokens.find(token);
+  return found != tokens.end() && found->second.type == Platform::TokenType::Impersonation;
 }
 
 std::optional<SimulatedUser> SimulatedUsers::Find(const std::wstring& name) const {
@@ -102,14 +108,15 @@ std::optional<SimulatedUser> SimulatedUsers::Find(const std::wstring& name) cons
 
 Result<UniqueHandle> SimulatedUsers::TokenOf(const std::wstring& name) const {
   const std::lock_guard guard(mutex);
-  return MakeToken(name);
+  return MakeToken(name, Platform::TokenType::Primary);
 }
 
 // The system may reuse a handle value, which then gets a new owner here.
-Result<UniqueHandle> SimulatedUsers::MakeToken(const std::wstring& owner) const {
+Result<UniqueHandle> SimulatedUsers::MakeToken(const std::wstring& owner,
+                                               Platform::TokenType type) const {
   UniqueHandle token(CreateEventW(nullptr, TRUE, FALSE, nullptr));
   if (token == nullptr) return Result<UniqueHandle>::Failure(GetLastError());
-  tokens[token.get()] = owner;
+  tokens[token.get()] = {.owner = owner, .type = type};
   return token;
 }
 
@@ -122,15 +129,15 @@ Result<UniqueHandle> SimulatedUsers::QueryUserToken(std::uint32_t session) const
   const std::lock_guard guard(mutex);
   if (session != console) return Result<UniqueHandle>::Failure(ERROR_FILE_NOT_FOUND);
   if (atConsole.empty()) return Result<UniqueHandle>::Failure(ERROR_NO_TOKEN);
-  return MakeToken(atConsole);
+  return MakeToken(atConsole, Platform::TokenType::Primary);
 }
 
 Result<UniqueHandle> SimulatedUsers::DuplicateUserToken(Platform::RawHandle token,
-                                                        Platform::TokenType) const {
+                                                        Platform::TokenType type) const {
   const std::lock_guard guard(mutex);
   const auto found = tokens.find(token);
   if (found == tokens.end()) return Result<UniqueHandle>::Failure(ERROR_INVALID_HANDLE);
-  return MakeToken(std::wstring(found->second));
+  return MakeToken(std::wstring(found->second.owner), type);
 }
 
 Result<std::wstring> SimulatedUsers::QueryText(std::uint32_t session,
@@ -146,7 +153,7 @@ Platform::ErrorCode SimulatedUsers::Impersonate(Platform::RawHandle token) {
   const std::lock_guard guard(mutex);
   const auto found = tokens.find(token);
   if (found == tokens.end()) return ERROR_INVALID_HANDLE;
-  acting[GetCurrentThreadId()] = found->second;
+  acting[GetCurrentThreadId()] = found->second.owner;
   return ERROR_SUCCESS;
 }
 
@@ -160,7 +167,7 @@ Result<UniqueHandle> SimulatedUsers::ThreadToken() const {
   const std::lock_guard guard(mutex);
   const auto found = acting.find(GetCurrentThreadId());
   if (found == acting.end()) return UniqueHandle();
-  return MakeToken(std::wstring(found->second));
+  return MakeToken(found->second, Platform::TokenType::Impersonation);
 }
 
 Platform::ErrorCode SimulatedUsers::Resume(Platform::RawHandle threadToken) {

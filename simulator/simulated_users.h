@@ -53,7 +53,10 @@ class SimulatedUsers final : public Platform::Sessions, public Platform::Environ
   std::optional<SimulatedUser> UserOf(Platform::RawHandle token) const;
   std::optional<SimulatedUser> Find(const std::wstring& name) const;
 
-  // A token of the user of this name, or of the system for an empty name.
+  // Whether `token` is an impersonation token, with which Windows starts no process.
+  bool IsForImpersonation(Platform::RawHandle token) const;
+
+  // A primary token of the user of this name, or of the system for an empty name.
   Platform::Result<Platform::UniqueHandle> TokenOf(const std::wstring& name) const;
 
   std::uint32_t ActiveConsoleSession() const override;
@@ -75,12 +78,17 @@ class SimulatedUsers final : public Platform::Sessions, public Platform::Environ
   Platform::Result<std::vector<wchar_t>> Block(Platform::RawHandle token) const override;
 
  private:
+  struct Token {
+    std::wstring owner;
+    Platform::TokenType type = Platform::TokenType::Primary;
+  };
   using Variables = std::vector<std::pair<std::wstring, std::wstring>>;
 
   static constexpr wchar_t kSystem[] = L"";  // the owner name of the system's own tokens
 
   static Variables VariablesOf(const SimulatedUser& user);
-  Platform::Result<Platform::UniqueHandle> MakeToken(const std::wstring& owner) const;
+  Platform::Result<Platform::UniqueHandle> MakeToken(const std::wstring& owner,
+                                                     Platform::TokenType type) const;
   SimulatedUser AddLocked(const std::wstring& name);
 
   Timeline& timeline;
@@ -89,7 +97,7 @@ class SimulatedUsers final : public Platform::Sessions, public Platform::Environ
   std::optional<std::uint32_t> console = 1;
   std::uint32_t lastSession = 1;
   std::wstring atConsole;  // empty at the logon screen
-  mutable std::map<Platform::RawHandle, std::wstring> tokens;
+  mutable std::map<Platform::RawHandle, Token> tokens;
   std::map<std::uint32_t, std::wstring> acting;  // thread id to user
 };
 

@@ -42,6 +42,7 @@ TEST_F(QuboFacadeTest, ResumeLaunchesOnceForEachReasonAndWheneverItIsForced) {
   const std::wstring determining = L"info|Determining if the UWP has to auto-launch.";
   const std::wstring forcing = L"info|Forcing to launch the UWP.";
   const std::wstring saving = L"info|Saving skip state for qubo_autolaunch_";
+  bool refused = false;
   const struct {
     std::function<void()> before;
     Point point;
@@ -55,7 +56,10 @@ TEST_F(QuboFacadeTest, ResumeLaunchesOnceForEachReasonAndWheneverItIsForced) {
        },
        Point::Registration, saving + L"registration_happened"},
       {nothing, Point::None, determining},
-      {[&] { std::filesystem::create_directories(programs.Path() / "vx" / "SentraPre"); },
+      {[&] {
+         std::filesystem::create_directories(programs.Path() / "vx" / "SentraPre");
+         refused = true;  // which uses the reason up all the same
+       },
        Point::Software, saving + L"software_happened"},
       {nothing, Point::None, determining},
       {[&] {
@@ -69,6 +73,7 @@ TEST_F(QuboFacadeTest, ResumeLaunchesOnceForEachReasonAndWheneverItIsForced) {
     SCOPED_TRACE(&c - cases);
     c.before();
     const std::size_t before = machine.processes.Started().size();
+    if (refused) machine.faults.FailNamed("Processes.Start");
     const auto explained = QuboFacade().ExplainResume();
     EXPECT_EQ(explained.startingPoint, c.point);
     EXPECT_EQ(explained.answers.empty(), c.point == Point::Forced);  // a forced launch asks nothing
@@ -76,13 +81,13 @@ TEST_F(QuboFacadeTest, ResumeLaunchesOnceForEachReasonAndWheneverItIsForced) {
     EXPECT_EQ(QuboFacade().LaunchUwpWhenComingBackFromSleepIfNeeded(), c.point);
     EXPECT_TRUE(log.Has(kChecking));
     EXPECT_TRUE(log.Has(c.line));
-    const bool launched = c.point != Point::None;
-    EXPECT_EQ(log.Lines().back() == L"info|Result of launching UWP was 1", launched);
-    EXPECT_THAT(machine.processes.Started(), SizeIs(before + (launched ? 1 : 0)));
+    const std::size_t launched = c.point == Point::None || refused ? 0 : 1;
+    const std::wstring result = L"info|Result of launching UWP was " + std::to_wstring(launched);
+    EXPECT_EQ(log.Lines().back() == result, c.point != Point::None);
+    EXPECT_THAT(machine.processes.Started(), SizeIs(before + launched));
+    machine.faults.Clear();
+    refused = false;
   }
-  machine.faults.FailNamed("Processes.Start");
-  QuboFacade().LaunchUwpWhenComingBackFromSleepIfNeeded();
-  EXPECT_EQ(log.Lines().back(), L"info|Result of launching UWP was 0");
 }
 
 TEST_F(QuboFacadeTest, RegistersOnlyAStagedPackageThatTheUserLacks) {

@@ -223,10 +223,12 @@ TEST_F(RealLaunchTest, CanBeUpdatedWhileItWaitsForItsTurnAndIsThenCheckedAgain) 
     });
     running.get_future().wait();
     LaunchCommand command = Command(path);
+    const auto begin = clock.Elapsed();
     {
       const auto guard = TakeTurn(command, turn);
       command.Execute();
     }
+    EXPECT_EQ(clock.Elapsed() - begin, std::chrono::seconds(1));
     const bool trusted = update == std::wstring(L"pinned.exe");
     EXPECT_THAT(log.Lines(), Contains(LockLine(path, L"succeeded")).Times(2));
     EXPECT_EQ(

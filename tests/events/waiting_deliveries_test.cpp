@@ -174,6 +174,15 @@ TEST_F(WaitingDeliveriesTest, EndWithTheirServiceAndNoOther) {
   }
 }
 
+TEST_F(WaitingDeliveriesTest, RunAtTheirTimeAlthoughTheWaitFailsInTheMiddle) {
+  machine.faults.FailNamed("Clock.Wait");
+  Deliver(Delayed(L"10"));
+  machine.clock.Advance(9999ms);
+  EXPECT_THAT(Sent(), SizeIs(0));
+  machine.clock.Advance(1ms);
+  EXPECT_THAT(Sent(), SizeIs(1));
+}
+
 TEST_F(WaitingDeliveriesTest, EndWithTheirServiceAlsoWhileTheyWaitForTheCommandOfAnother) {
   const auto stop = MakeStopEvent();
   machine.timeline.SetListener(

@@ -1,11 +1,24 @@
 #include "platform/files.h"
 
+#include <utility>
+
 #include <gtest/gtest.h>
 
 #include <windows.h>
 
+#include <aclapi.h>
+
 #include "platform/machine.h"
+#include "support/import_override.h"
 #include "support/temp_folder.h"
+
+// Imports that every such call of this program goes through.
+// NOLINTBEGIN(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
+extern "C" decltype(&GetDriveTypeW) __imp_GetDriveTypeW;
+extern "C" decltype(&GetSecurityInfo) __imp_GetSecurityInfo;
+extern "C" decltype(&MoveFileExW) __imp_MoveFileExW;
+extern "C" decltype(&WriteFile) __imp_WriteFile;
+// NOLINTEND(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
 
 namespace Vx::Platform {
 namespace {
@@ -14,11 +27,12 @@ class FilesTest : public testing::Test {
  protected:
   FilesTest() {
     for (const auto& file : {path, other}) {
-      EXPECT_EQ(files.Overwrite(file, std::as_bytes(std::span("content", 8))), 0U);
+      EXPECT_EQ(files.Overwrite(file, content), 0U);
     }
   }
 
   Files& files = *CurrentMachine().files;
+  const std::span<const std::byte> content = std::as_bytes(std::span("content", 8));
   Tests::TempFolder folder;
   std::wstring path = folder / L"a file.dat";
   std::wstring other = folder / L"other.dat";
@@ -44,14 +58,8 @@ TEST_F(FilesTest, ALockIsRefusedWhileSomebodyWrites) {
   EXPECT_EQ(files.OpenReadLocked(path).Error(), ErrorCode{ERROR_SHARING_VIOLATION});
 }
 
-TEST_F(FilesTest, LocksNoDeviceAndNoPipe) {
-  const std::wstring pipe = LR"(\\.\pipe\VxTest-)" + std::to_wstring(GetCurrentProcessId());
-  const UniqueHandle server = AdoptFile(
-      CreateNamedPipeW(pipe.c_str(), PIPE_ACCESS_DUPLEX, PIPE_TYPE_BYTE, 1, 64, 64, 0, nullptr));
-  ASSERT_NE(server, nullptr);
-  for (const std::wstring& device : {pipe, std::wstring(LR"(\\.\NUL)")}) {
-    EXPECT_EQ(files.OpenReadLocked(device).Error(), ErrorCode{ERROR_BAD_FILE_TYPE});
-  }
+TEST_F(FilesTest, LocksNoDevice) {
+  EXPECT_EQ(files.OpenReadLocked(LR"(\\.\NUL)").Error(), ErrorCode{ERROR_BAD_FILE_TYPE});
 }
 
 TEST_F(FilesTest, ReadsUpToTheLimitAndNotOneByteMore) {
@@ -79,6 +87,59 @@ TEST_F(FilesTest, GivesTheSystemsErrorForWhatIsMissing) {
   EXPECT_EQ(files.Overwrite(deep, {}), kNoFolder);
   EXPECT_EQ(files.MakeFolder(deep), kNoFolder);
   EXPECT_EQ(files.MakeFolder(folder.Path().wstring()), ErrorCode{ERROR_ALREADY_EXISTS});
+}
+
+TEST_F(FilesTest, AWriteThatIsCutShortFails) {
+  const Tests::ImportOverride cut(
+      __imp_WriteFile, +[](HANDLE, const void*, DWORD size, DWORD* written, OVERLAPPED*) {
+        *written = size - 1;
+        return TRUE;
+      });
+  EXPECT_EQ(files.Overwrite(path, content), ErrorCode{ERROR_WRITE_FAULT});
+  EXPECT_EQ((*files.Open(path, FileUse::Change))->Write(content), ErrorCode{ERROR_WRITE_FAULT});
+}
+
+// https://learn.microsoft.com/en-us/windows/win32/api/winbase/nf-winbase-movefileexw
+TEST_F(FilesTest, ARenameIsOnTheDiskWhenItReturns) {
+  static DWORD asked = 0;
+  const Tests::ImportOverride watch(
+      __imp_MoveFileExW, +[](const wchar_t*, const wchar_t*, DWORD flags) {
+        asked = flags;
+        return TRUE;
+      });
+  EXPECT_EQ(files.MoveOver(path, other), 0U);
+  EXPECT_EQ(asked, DWORD{MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH});
+}
+
+TEST_F(FilesTest, OnlyARemoteDriveOrNoneIsElsewhere) {
+  static UINT type = 0;
+  const Tests::ImportOverride drives(
+      __imp_GetDriveTypeW, +[](const wchar_t* root) {
+        return root == std::wstring(L"Q:\\") ? type : UINT{DRIVE_FIXED};
+      });
+  for (type = DRIVE_UNKNOWN; type <= DRIVE_RAMDISK; ++type) {
+    const bool elsewhere = type == DRIVE_REMOTE || type == DRIVE_NO_ROOT_DIR;
+    EXPECT_EQ(files.IsElsewhere(L"Q:\\folder\\a.exe"), elsewhere) << type;
+  }
+}
+
+TEST_F(FilesTest, AFileOfTheAdministratorsBelongsToTheSystemAndOneOfTheUsersDoesNot) {
+  static WELL_KNOWN_SID_TYPE account{};
+  const Tests::ImportOverride owners(
+      __imp_GetSecurityInfo, +[](HANDLE, SE_OBJECT_TYPE, SECURITY_INFORMATION, PSID* owner, PSID*,
+                                 PACL*, PACL*, PSECURITY_DESCRIPTOR*) {
+        static std::byte sid[SECURITY_MAX_SID_SIZE];
+        DWORD size = sizeof sid;
+        *owner = sid;
+        return CreateWellKnownSid(account, nullptr, sid, &size) != 0 ? DWORD{0} : GetLastError();
+      });
+  const auto opened = files.Open(path, FileUse::Inspect);
+  for (const auto& [type, systems] : {std::pair(WinLocalSystemSid, true),
+                                      {WinBuiltinAdministratorsSid, true},
+                                      {WinBuiltinUsersSid, false}}) {
+    account = type;
+    EXPECT_EQ(*(*opened)->BelongsToSystem(), systems) << type;
+  }
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 
 #include "security/file_trust.h"
+#include "support/memory_shortage.h"
 #include "support/test_pki.h"
 
 // Uses real signatures, files and folders. The keys are those of the test authority.
@@ -48,6 +49,15 @@ TEST(VxAuthenticodeFacade, TrustsNoPathThatIsNotThere) {
   VxAuthenticodeFacade facade;
   EXPECT_FALSE(facade.IsFileTrusted(nullptr) || facade.IsFileTrustedRestricted(nullptr) ||
                facade.IsDropboxFileTrusted(nullptr));
+}
+
+TEST(VxAuthenticodeFacade, TrustsNothingWhenMemoryRunsOut) {
+  const Tests::ProtectedFolder folder;
+  const std::wstring path = folder.Hold(L"unsigned.exe");
+  std::string trust;
+  const auto ask = [&] { trust = TrustOf(path); };
+  const auto check = [&] { EXPECT_EQ(trust, ""); };
+  EXPECT_GT(Tests::FailEachAllocation(Tests::Shortage::Once, ask, check), 0U);
 }
 
 TEST(PublicKeysOf, ListsTheKeysInTheFormInWhichTheyArePinned) {

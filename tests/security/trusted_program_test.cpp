@@ -1,8 +1,11 @@
 #include "security/trusted_program.h"
 
+#include <cstddef>
 #include <filesystem>
+#include <map>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include <gmock/gmock.h>
 
@@ -14,6 +17,7 @@
 #include "platform/unique_handle.h"
 #include "platform/windows/capabilities.h"
 #include "platform/windows/deferred_library.h"
+#include "simulator/fault_injection.h"
 #include "support/directory_link.h"
 #include "support/log_capture.h"
 #include "support/log_trap.h"
@@ -29,6 +33,7 @@ using testing::Each;
 using testing::ElementsAre;
 using testing::EndsWith;
 using testing::HasSubstr;
+using testing::Pair;
 using testing::StartsWith;
 
 constexpr wchar_t kPinned[] = L"pinned.exe";
@@ -68,6 +73,29 @@ TEST(TrustedProgramTest, IsWhatTheLockHoldsWhereverALinkLeadsNow) {
   EXPECT_EQ(Checked(program), program);
   // Where a folder distinguishes case, another spelling could be another file.
   EXPECT_EQ(Checked(genuine / L"PINNED.EXE"), program);
+}
+
+TEST(TrustedProgramTest, IsNoneIfWindowsRefusesAnyCallThatItNeeds) {
+  const Tests::ProtectedFolder folder;
+  std::filesystem::create_directory(folder / L"%x%");
+  std::filesystem::copy_file(Tests::PkiFile(kPinned), folder / L"%x%\\pinned.exe");
+  // Makes the most calls: a percent sign is expanded, and another spelling is judged twice.
+  const std::wstring text = folder / L"%x%\\PINNED.EXE";
+  Simulator::FaultInjection faults;
+  const Platform::MachineScope scope([&](Platform::Machine& machine) { faults.Install(machine); });
+  std::map<std::string, int> spare;  // calls that were refused while the program was trusted
+  std::vector<std::string> calls;
+  for (std::size_t call = 0; call <= calls.size(); ++call) {
+    faults.FailCall(call);
+    const bool trusted = !Checked(text).empty();
+    calls = faults.Calls();
+    if (trusted) ++spare[call < calls.size() ? calls[call] : "none"];
+  }
+  // The path rule is applied five times, and two of its prefixes are of other folders. The text is
+  // a full path already, a lock is tried twice, and the signature is in the file, not in a catalog.
+  EXPECT_THAT(spare, ElementsAre(Pair("Environment.Expand", 10), Pair("Files.FullPath", 3),
+                                 Pair("Files.OpenReadLocked", 1),
+                                 Pair("TrustProvider.FindCatalog", 2), Pair("none", 1)));
 }
 
 TEST(TrustedProgramTest, KeepsItsFileFromBeingReplacedUntilItGoes) {

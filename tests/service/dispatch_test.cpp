@@ -54,11 +54,14 @@ TEST_F(DispatchTest, ANullContextRequestOrResponseIsRefusedBeforeParsing) {
 }
 
 TEST_F(DispatchTest, OnlyCommandsWithoutArgumentsAcceptWhatIsNoJson) {
-  static const std::wstring kTexts[] = {L"", L"{", L"{\"a\":\"\\uDC00\"}",
-                                        std::wstring(100000, L'['),
-                                        L"\"" + std::wstring(std::size_t{1} << 20, L'x') + L"\""};
+  const auto ofLength = [](std::size_t length) {
+    return L"\"" + std::wstring(length - 2, L'x') + L"\"";
+  };
+  EXPECT_EQ(Execute(22, ofLength(1'048'576)).result, 0U);
+  const std::wstring texts[] = {L"", L"{", L"{\"a\":\"\\uDC00\"}", std::wstring(100000, L'['),
+                                ofLength(1'048'577)};
   for (const auto& [id, ignores] : {std::pair(12U, true), std::pair(22U, false)}) {
-    for (const std::wstring& text : kTexts) {
+    for (const std::wstring& text : texts) {
       SCOPED_TRACE(testing::Message() << "id " << id << ", " << text.substr(0, 20).c_str());
       const Reply reply = Execute(id, text);
       EXPECT_EQ(reply.result == kInvalid, !ignores);

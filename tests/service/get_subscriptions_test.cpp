@@ -62,6 +62,8 @@ TEST_F(GetSubscriptionsTest, TellsAnEmptyListFromOneThatCannotBeRead) {
       {"an empty array", [] { Plant(kPowerSubscriptions, Element::Text("[]")); }, 0, kListed},
       {"no array", [] { Plant(kZephraSubscriptions, Element::Text("{}")); }, kRefused,
        L"GetSubscriptions threw exception the stored list is not a JSON array"},
+      {"no JSON", [] { Plant(kZephraSubscriptions, Element::Text("[{}")); }, kRefused,
+       L"GetSubscriptions threw exception the stored list is not a JSON array"},
       {"no text", [] { Plant(kPowerSubscriptions, Element::Int32(0)); }, kRefused,
        L"GetSubscriptions threw exception the stored list is not a JSON array"},
       {"no document", [] { Store().persist(kServiceDocument, "text"); }, kRefused,

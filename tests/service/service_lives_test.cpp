@@ -3,16 +3,20 @@
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <limits>
+#include <stdexcept>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include <gmock/gmock.h>
 
+#include "platform/windows_runtime_error.h"
 #include "service/simulated_service.h"
 #include "storage/cap_data_store.h"
 #include "storage/request_manager.h"
+#include "support/faulty_files.h"
 #include "support/log_trap.h"
 
 namespace Vx::Tests {
@@ -65,6 +69,23 @@ TEST_F(ServiceLivesTest, ABootIsNewWhenItIsMoreThanAMinuteFromTheOneOnRecord) {
     Start(6s);
     EXPECT_THAT(log.Lines(), Contains(HasSubstr(L"Event: Not a new boot")).Times(!isNew));
     EXPECT_EQ(Storage().readInt64(kBootTime) == kPowerOnUnix, isNew);
+  }
+}
+
+TEST_F(ServiceLivesTest, APolicyChangeThatThrowsIsLoggedAndReturnsZero) {
+  const std::pair<std::function<void()>, std::wstring> cases[] = {
+      {[] { throw Platform::WindowsRuntimeError(5, L"no"); }, L"Message: no, Code: 5"},
+      {[] { throw std::runtime_error("no"); }, L"no"},
+  };
+  FaultyFiles disk;
+  const Platform::MachineScope faulty([&](auto& platform) { platform.files = &disk; });
+  for (const auto& c : cases) {
+    disk.onStep = [&c](const char*) {
+      c.first();
+      return 0U;
+    };
+    EXPECT_EQ(host.Execute(16, L"{}").result, 0U);
+    EXPECT_TRUE(log.Has(L"warning|OrvaneService - OnPolicyChangedEvent failed: " + c.second));
   }
 }
 

@@ -20,6 +20,10 @@ inline constexpr char kStormDocument[] = "storm";
 inline constexpr std::size_t kWritersOfAProcess = 2;
 inline constexpr std::size_t kMostProcesses = 32;
 
+// The process of another service, which has no code of the store, and the key that it increments.
+inline constexpr std::size_t kOtherService = kMostProcesses - 1;
+inline constexpr char kOtherKey[] = "other_service";
+
 struct StormWriter {
   std::atomic<std::int32_t> begun{0};         // the last value that it began to write
   std::atomic<std::int32_t> acknowledged{0};  // the last one that the store acknowledged
@@ -31,7 +35,8 @@ struct StormProcess {
 };
 
 struct StormNotes {
-  std::atomic<bool> end{false};  // each writer begins one more write
+  std::atomic<bool> end{false};         // each writer begins one more write
+  std::atomic<unsigned> abandoned{0U};  // times that the other service found the mutex so
   std::array<StormProcess, kMostProcesses> processes;
 };
 

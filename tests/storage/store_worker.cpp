@@ -1,6 +1,7 @@
 // Another process that uses the shared store.
 //
-//   store_worker NOTES PROCESS  increments members until the notes end the storm
+//   store_worker NOTES PROCESS  increments members until the notes end the storm, or a key of its
+//                               own as process kOtherService
 //   store_worker KEY VALUE STEP  stores the value under the key, and ends itself before that step
 //                                of the write, counted from 1
 //   store_worker KEY VALUE STEP LATER  the same with only the thread that writes, and then stores a
@@ -10,18 +11,26 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <exception>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include <windows.h>
 
+#include <wincrypt.h>
+
 #include "platform/machine.h"
 #include "platform/unique_handle.h"
 #include "platform/windows_runtime_error.h"
 #include "simulator/virtual_clock.h"
 #include "storage/cap_data_store.h"
+#include "storage/store_file.h"
 #include "storage/store_storm.h"
 #include "support/faulty_files.h"
 
@@ -47,8 +56,92 @@ void CountUp(const Vx::Tests::SharedNotes& notes, std::size_t self, std::size_t 
   }
 }
 
+// Another service, which knows only what the manual says of the file: a header of 72 bytes and a
+// DPAPI blob around a BSON document.
+class OtherService {
+ public:
+  // Stores the value under kOtherKey in place. Throws if the last one is not found there.
+  void Store(std::int32_t value) {
+    std::ifstream in(path, std::ios::binary);
+    const std::string file(std::istreambuf_iterator<char>(in), {});
+    in.close();
+    std::string document = Converted(file.substr(kHeader), [](DATA_BLOB* from, DATA_BLOB* to) {
+      return CryptUnprotectData(from, nullptr, nullptr, nullptr, nullptr, 0, to);
+    });
+    if (Set(document, value) != last) throw std::runtime_error("the last value is lost");
+    const std::string blob = Converted(document, [](DATA_BLOB* from, DATA_BLOB* to) {
+      constexpr DWORD kFlags = CRYPTPROTECT_LOCAL_MACHINE;
+      return CryptProtectData(from, L"other", nullptr, nullptr, nullptr, kFlags, to);
+    });
+    std::ofstream(path, std::ios::binary) << file.substr(0, kHeader) << blob;
+    last = value;
+  }
+
+ private:
+  static constexpr std::size_t kHeader = 72;
+
+  template <typename Call>
+  static std::string Converted(std::string from, const Call& call) {
+    DATA_BLOB in{static_cast<DWORD>(from.size()), reinterpret_cast<BYTE*>(from.data())};
+    DATA_BLOB out{};
+    if (call(&in, &out) == 0) throw std::runtime_error("DPAPI refuses the content");
+    std::string to(reinterpret_cast<char*>(out.pbData), out.cbData);
+    LocalFree(out.pbData);
+    return to;
+  }
+
+  // Returns the value before, 0 if there is none.
+  static std::int32_t Set(std::string& document, std::int32_t value) {
+    const auto int32At = [&](std::size_t at) {
+      std::int32_t number = 0;
+      std::memcpy(&number, document.data() + at, sizeof number);
+      return number;
+    };
+    const auto bytes = [](std::int32_t number) {
+      return std::string(reinterpret_cast<const char*>(&number), sizeof number);
+    };
+    constexpr char kInt32 = 0x10;  // any other value here is a document
+    std::int32_t before = 0;
+    std::size_t at = sizeof before;
+    while (document.at(at) != 0) {
+      const std::string key = document.c_str() + at + 1;
+      const std::size_t content = at + key.size() + 2;
+      const bool number = document[at] == kInt32;
+      const auto end =
+          content + (number ? sizeof before : static_cast<std::size_t>(int32At(content)));
+      if (key == Vx::Tests::kOtherKey) {
+        before = int32At(content);
+        document.erase(at, end - at);
+      } else {
+        at = end;
+      }
+    }
+    document.insert(at, kInt32 + std::string(Vx::Tests::kOtherKey) + '\0' + bytes(value));
+    document.replace(0, sizeof before, bytes(static_cast<std::int32_t>(document.size())));
+    return before;
+  }
+
+  const std::filesystem::path path =
+      std::filesystem::path(_wgetenv(L"ProgramData")) / L"Vx\\SharedServices\\shared_store.dat";
+  std::int32_t last = 0;
+};
+
+void CountUpInPlace(const Vx::Tests::SharedNotes& notes) {
+  Vx::Tests::StormWriter& own = notes->processes.at(Vx::Tests::kOtherService).writers[0];
+  const Vx::Platform::UniqueHandle mutex(CreateMutexW(nullptr, FALSE, Vx::Tests::kStoreMutex));
+  OtherService service;
+  for (bool last = false; !last;) {
+    last = notes->end;
+    if (WaitForSingleObject(mutex.get(), INFINITE) == WAIT_ABANDONED) ++notes->abandoned;
+    service.Store(++own.begun);
+    ReleaseMutex(mutex.get());
+    own.acknowledged = own.begun.load();
+  }
+}
+
 void Storm(const std::wstring& name, std::size_t self) {
   const Vx::Tests::SharedNotes notes(name);
+  if (self == Vx::Tests::kOtherService) return CountUpInPlace(notes);
   std::vector<std::thread> writers;
   writers.reserve(Vx::Tests::kWritersOfAProcess);
   for (std::size_t i = 0; i < Vx::Tests::kWritersOfAProcess; ++i) {
