@@ -20,6 +20,7 @@
 #include "platform/unique_handle.h"
 #include "storage/cap_data_store.h"
 #include "storage/system_mutex.h"
+#include "support/import_override.h"
 #include "support/probe.h"
 #include "support/temp_folder.h"
 #include "vxhost/service/service_process.h"
@@ -74,26 +75,15 @@ bool HasEnteredCom() {
 // accepts every call and ignores it, so that only the call itself can be looked at.
 class SecurityWatch {
  public:
-  explicit SecurityWatch(HRESULT answer) : real(__imp_CoInitializeSecurity) {
+  explicit SecurityWatch(HRESULT answer) {
     calls = 0;
     result = answer;
-    SetImport(&Answer);
   }
   SecurityWatch(const SecurityWatch&) = delete;
   SecurityWatch& operator=(const SecurityWatch&) = delete;
-  ~SecurityWatch() {
-    SetImport(real);
-    EXPECT_EQ(calls, 1);
-  }
+  ~SecurityWatch() { EXPECT_EQ(calls, 1); }
 
  private:
-  static void SetImport(decltype(&CoInitializeSecurity) function) {
-    DWORD before = 0;
-    ASSERT_TRUE(
-        VirtualProtect(&__imp_CoInitializeSecurity, sizeof function, PAGE_READWRITE, &before));
-    __imp_CoInitializeSecurity = function;
-  }
-
   static HRESULT WINAPI Answer(void* /*access*/, LONG /*count*/,
                                SOLE_AUTHENTICATION_SERVICE* /*services*/, void* /*reserved*/,
                                DWORD /*authentication*/, DWORD impersonation, void* /*list*/,
@@ -108,7 +98,8 @@ class SecurityWatch {
 
   static inline int calls = 0;
   static inline HRESULT result = S_OK;
-  decltype(&CoInitializeSecurity) real;
+  Tests::ImportOverride<decltype(&CoInitializeSecurity)> import{__imp_CoInitializeSecurity,
+                                                                &Answer};
 };
 
 // The module as it ships, with a store of its own.
@@ -185,19 +176,22 @@ TEST_F(HostLoopTest, ChoosesDynamicCloakingBeforeItLoadsTheModuleAndKeepsComEnte
 }
 
 TEST_F(HostLoopTest, SetsTheStandbyEventOnModernStandbyAloneAndNeverLeavesItSet) {
+  constexpr auto kControl = PowerSource::ServiceControl;
   SetEvent(standby.get());
   {
     HostLoop host(Options(true), *log);
     EXPECT_FALSE(StandbyIsSet()) << "what a host that ended left behind";
-    host.OnStandby(HostLoop::Standby::Entered);
-    EXPECT_TRUE(StandbyIsSet());
-    host.OnStandby(HostLoop::Standby::Left);
-    EXPECT_FALSE(StandbyIsSet());
-    host.OnStandby(HostLoop::Standby::Entered);
+    for (const std::uint32_t resume : {PBT_APMRESUMESUSPEND, PBT_APMRESUMEAUTOMATIC}) {
+      host.OnPower(PBT_APMSUSPEND, kControl);
+      EXPECT_TRUE(StandbyIsSet());
+      host.OnPower(resume, kControl);
+      EXPECT_FALSE(StandbyIsSet()) << resume;
+    }
+    host.OnPower(PBT_APMSUSPEND, kControl);
   }
   EXPECT_FALSE(StandbyIsSet());
   HostLoop other(Options(false), *log);
-  other.OnStandby(HostLoop::Standby::Entered);
+  other.OnPower(PBT_APMSUSPEND, kControl);
   EXPECT_FALSE(StandbyIsSet());
 }
 
