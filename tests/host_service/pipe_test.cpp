@@ -284,6 +284,7 @@ TEST_F(PipeTest, AClientSeesTheErrorsOfTheManual) {
   // Those that are served, and the one that may connect and wait.
   std::vector<Platform::UniqueHandle> crowd(8 + 1);
   for (auto& pipe : crowd) pipe = RawClient();
+  EXPECT_FALSE(WaitNamedPipeW(path.c_str(), 50));
   EXPECT_EQ(errorOfOpen(), DWORD{ERROR_PIPE_BUSY});
   crowd[3].reset();
   crowd[3] = RawClient();  // the one that waited has its place
