@@ -13,6 +13,7 @@
 #include <windows.h>
 
 #include <objbase.h>
+#include <powrprof.h>
 
 #include "host_service/log_lines.h"
 #include "platform/machine.h"
@@ -26,9 +27,11 @@
 #include "vxhost/service/service_process.h"
 #include "vxhost/text.h"
 
-// The import that every CoInitializeSecurity of this program goes through.
-// NOLINTNEXTLINE(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
+// The imports that every call of this program goes through.
+// NOLINTBEGIN(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
 extern "C" decltype(&CoInitializeSecurity) __imp_CoInitializeSecurity;
+extern "C" decltype(&GetPwrCapabilities) __imp_GetPwrCapabilities;
+// NOLINTEND(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
 
 namespace Vx::Host {
 namespace {
@@ -56,6 +59,25 @@ TEST(PowerFilterTest, DropsWhatTheOtherSourceReportedWithinTwoSeconds) {
   };
   for (const auto& step : kSteps) {
     EXPECT_EQ(filter.Passes(step.code, step.source, step.time), step.passes) << step.name;
+  }
+}
+
+// https://learn.microsoft.com/windows/win32/api/winnt/ns-winnt-system_power_capabilities
+BOOLEAN isKnown = FALSE;
+BYTE alwaysConnected = 0;
+BOOLEAN WINAPI Capabilities(SYSTEM_POWER_CAPABILITIES* all) {
+  reinterpret_cast<BYTE*>(all)[20] = alwaysConnected;  // AoAc, after twenty members of a byte
+  return isKnown;
+}
+
+TEST(HasModernStandbyTest, IsTheCapabilityAoAc) {
+  const Tests::ImportOverride watch(__imp_GetPwrCapabilities, &Capabilities);
+  for (const BOOLEAN known : {BOOLEAN{FALSE}, BOOLEAN{TRUE}}) {
+    for (const BYTE value : {BYTE{0}, BYTE{1}}) {
+      isKnown = known;
+      alwaysConnected = value;
+      EXPECT_EQ(HasModernStandby(), known != FALSE && value != 0);
+    }
   }
 }
 
