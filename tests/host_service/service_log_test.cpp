@@ -54,15 +54,17 @@ std::string Content(const std::filesystem::path& file) {
 TEST(LogFolderTest, BeginsAFileWithTheDayAndAtTheLimitAndKeepsTheNewest) {
   const Tests::TempFolder folder;
   std::ofstream(folder.Path() / "vxhost-notes.log") << "not a log";
-  LogFolder log(folder.Path().wstring(), {.fileBytes = 400, .files = 3});
+  LogFolder log(folder.Path().wstring(), {.fileBytes = 400, .files = 4});
   for (int day = 0; day < 3; ++day) {
     for (int line = 0; line < 4; ++line) {  // three lines fit
       EXPECT_TRUE(log.Write(Entry(kFirstDay + static_cast<std::uint64_t>(day) * kDay, L"line")));
     }
   }
-  EXPECT_THAT(Names(folder.Path()),
-              ElementsAre("vxhost-20240102-0002.log", "vxhost-20240103-0001.log",
-                          "vxhost-20240103-0002.log", "vxhost-notes.log"));
+  EXPECT_TRUE(log.Write(Entry(kFirstDay + 2 * kDay, std::wstring(400, L'x'))));  // more than fits
+  EXPECT_THAT(
+      Names(folder.Path()),
+      ElementsAre("vxhost-20240102-0002.log", "vxhost-20240103-0001.log",
+                  "vxhost-20240103-0002.log", "vxhost-20240103-0003.log", "vxhost-notes.log"));
 }
 
 TEST(LogFolderTest, ContinuesBehindALineThatAKillTore) {
