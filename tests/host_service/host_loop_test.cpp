@@ -203,7 +203,7 @@ TEST_F(HostLoopTest, SetsTheStandbyEventOnModernStandbyAloneAndNeverLeavesItSet)
   {
     HostLoop host(Options(true), *log);
     EXPECT_FALSE(StandbyIsSet()) << "what a host that ended left behind";
-    for (const std::uint32_t resume : {PBT_APMRESUMESUSPEND, PBT_APMRESUMEAUTOMATIC}) {
+    for (const std::uint32_t resume : {7U, 18U}) {
       host.OnPower(PBT_APMSUSPEND, kControl);
       EXPECT_TRUE(StandbyIsSet());
       host.OnPower(resume, kControl);
