@@ -1,9 +1,9 @@
 """What scripts/mutants runs: builds what a fault touches in `release`, in a clone below build/mutants
 of the commit that is checked out, and runs the tests (under the command MUTANTS_UNDER, if set) until
-one fails, those that mirror the fault's folder first, the slowest last. A fault that does not compile,
+one fails, those of the fault's folder first, the slowest last. A fault that does not compile,
 or changes no object file, is not planted, and another is drawn. A time-out ends the judging and is not
 a kill. After MINUTES no fault is begun, and the next call resumes: build/mutants keeps the tests' times
-(COMMIT.json) and the results (SEED-COMMIT.txt). SEED and the text of src decide which faults are drawn.
+(COMMIT.json) and the results (SEED-COMMIT.txt). SEED and the text of the sources decide which are drawn.
 """
 import hashlib, itertools, json, os, pathlib, re, shutil, subprocess, sys, time
 
@@ -12,11 +12,17 @@ work = pathlib.Path("build/mutants").resolve()
 tree, pristine = work / "tree", work / "wine"
 build, prefix = tree / "build/release", tree / "build/release/wine"
 ninja = ("ninja", "-C", build)
+product = ("src", "servicehost", "vxhost/service")
+built = ("src", "servicehost", "vxhost/CMakeFiles/tool_service.dir")
 turned = dict(zip("== != < <= > >= true false".split(), "!= == <= < >= > false true".split()))
 
 
+def in_folders(root, folders, ending):
+    return sorted(file for folder in folders for file in (root / folder).glob("**/*" + ending))
+
+
 def objects():
-    return hashlib.sha256(b"".join(f.read_bytes() for f in sorted(build.glob("src/**/*.obj")))).hexdigest()
+    return hashlib.sha256(b"".join(file.read_bytes() for file in in_folders(build, built, ".obj"))).hexdigest()
 
 
 def run(*command, seconds=1800, **options):
@@ -52,7 +58,7 @@ def faults_in(code):
 def draw(seed):
     """Yields all faults: the kinds in turn, each in an order given by the seed and the line's text."""
     kinds = {"comparison": [], "constant": [], "call": [], "negation": []}
-    for path in sorted([*tree.glob("src/**/*.cpp"), *tree.glob("src/**/*.h")]):
+    for path in in_folders(tree, product, ".cpp") + in_folders(tree, product, ".h"):
         name, text = str(path.relative_to(tree)), path.read_text()
         if name.startswith("src/platform/windows/") or name.endswith("_abi.h"):
             continue  # what calls Windows, and what only repeats its tables
@@ -86,7 +92,7 @@ def use_prefix(command):
 
 def judge(name, tests):
     """Returns what became of the fault in the source NAME."""
-    near = str(build / "tests" / name.split("/")[1])
+    near = str(build / "tests" / (name.split("/")[1] if name.startswith("src/") else "servicehost"))
     for test in sorted(tests, key=lambda test: (test["folder"] != near, test["seconds"])):
         at = "the build of " + test["name"]
         status = run(*ninja, *([os.path.relpath(near, build) + "/all", "vxhost"] if test["folder"] == near else []))
@@ -122,6 +128,7 @@ def main(count, seed, minutes):
     use_prefix("-k")
     done = dict(line.rsplit(" | ", 1) for line in log.read_text().splitlines()) if log.exists() else {}
     sources = [f"src/{folder.name}/all" for folder in (build / "src").iterdir() if folder.is_dir()]
+    sources += ["servicehost/all", "tool_service"]
     for first, last, new, name, title in draw(seed):
         if len(results) == count or time.monotonic() > end:
             break

@@ -103,9 +103,9 @@ void LogFolder::Open(const std::wstring& day, std::size_t lineSize) {
   }
   for (; number <= kLastNumber; ++number) {
     const std::wstring path = folder + L"\\" + NameOf(day, number);
-    Platform::UniqueHandle opened = Platform::AdoptFile(CreateFileW(
-        path.c_str(), GENERIC_READ | FILE_APPEND_DATA, FILE_SHARE_READ | FILE_SHARE_DELETE, nullptr,
-        OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL | FILE_FLAG_OPEN_REPARSE_POINT, nullptr));
+    Platform::UniqueHandle opened = Platform::AdoptFile(
+        CreateFileW(path.c_str(), GENERIC_READ | FILE_APPEND_DATA, FILE_SHARE_READ, nullptr,
+                    OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL | FILE_FLAG_OPEN_REPARSE_POINT, nullptr));
     if (opened == nullptr) {
       throw std::system_error(static_cast<int>(GetLastError()), std::system_category());
     }

@@ -20,7 +20,8 @@ std::vector<std::wstring> LogFileNames(const std::wstring& folder);
 
 // Log files in a folder: vxhost-YYYYMMDD-NNNN.log, in UTC. A new file begins with the day, and when
 // a line would take the file beyond its limit. The oldest files beyond the limit are deleted.
-// Anyone who may read the folder may read a file while it is written.
+// Anyone who may read the folder may read a file while it is written. No process can delete it
+// then, because the lines that follow would go with it.
 //
 // A process that is killed leaves at most a line without its end. The next process begins a line of
 // its own behind it.

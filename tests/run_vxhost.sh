@@ -20,6 +20,9 @@ need "$emulator" "$vxhost"
 
 run() { "$emulator" ${prefix:+"$prefix"} "$vxhost" "$@"; }
 
+# What run_program_at and run_at need.
+with_data=$(dirname "$vxhost")/../tests/with_data.exe
+
 # windows PATH: the full path as a Windows program names it.
 windows() { printf 'Z:%s' "$1" | tr / '\\'; }
 
@@ -27,7 +30,7 @@ windows() { printf 'Z:%s' "$1" | tr / '\\'; }
 run_program_at() {
   data=$(windows "$1")
   shift
-  VX_PROGRAM_DATA=$data "$emulator" ${prefix:+"$prefix"} "$(dirname "$vxhost")/../tests/with_data.exe" "$@"
+  VX_PROGRAM_DATA=$data "$emulator" ${prefix:+"$prefix"} "$with_data" "$@"
 }
 
 # run_at FOLDER ARG...: runs vxhost with FOLDER as %ProgramData%.

@@ -13,21 +13,25 @@
 #include <windows.h>
 
 #include <objbase.h>
+#include <powrprof.h>
 
-#include "servicehost/log_lines.h"
 #include "hosting/text.h"
 #include "platform/machine.h"
 #include "platform/system_services.h"
 #include "platform/unique_handle.h"
+#include "servicehost/log_lines.h"
 #include "servicehost/service_process.h"
 #include "storage/cap_data_store.h"
 #include "storage/system_mutex.h"
+#include "support/import_override.h"
 #include "support/probe.h"
 #include "support/temp_folder.h"
 
-// The import that every CoInitializeSecurity of this program goes through.
-// NOLINTNEXTLINE(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
+// The imports that every call of this program goes through.
+// NOLINTBEGIN(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
 extern "C" decltype(&CoInitializeSecurity) __imp_CoInitializeSecurity;
+extern "C" decltype(&GetPwrCapabilities) __imp_GetPwrCapabilities;
+// NOLINTEND(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
 
 namespace Vx::Host {
 namespace {
@@ -58,6 +62,25 @@ TEST(PowerFilterTest, DropsWhatTheOtherSourceReportedWithinTwoSeconds) {
   }
 }
 
+// https://learn.microsoft.com/windows/win32/api/winnt/ns-winnt-system_power_capabilities
+BOOLEAN isKnown = FALSE;
+BYTE alwaysConnected = 0;
+BOOLEAN WINAPI Capabilities(SYSTEM_POWER_CAPABILITIES* all) {
+  reinterpret_cast<BYTE*>(all)[20] = alwaysConnected;  // AoAc, after twenty members of a byte
+  return isKnown;
+}
+
+TEST(HasModernStandbyTest, IsTheCapabilityAoAc) {
+  const Tests::ImportOverride watch(__imp_GetPwrCapabilities, &Capabilities);
+  for (const BOOLEAN known : {BOOLEAN{FALSE}, BOOLEAN{TRUE}}) {
+    for (const BYTE value : {BYTE{0}, BYTE{1}}) {
+      isKnown = known;
+      alwaysConnected = value;
+      EXPECT_EQ(HasModernStandby(), known != FALSE && value != 0);
+    }
+  }
+}
+
 bool ModuleIsLoaded() {
   return GetModuleHandleW(L"OrvaneService.dll") != nullptr;
 }
@@ -74,26 +97,15 @@ bool HasEnteredCom() {
 // accepts every call and ignores it, so that only the call itself can be looked at.
 class SecurityWatch {
  public:
-  explicit SecurityWatch(HRESULT answer) : real(__imp_CoInitializeSecurity) {
+  explicit SecurityWatch(HRESULT answer) {
     calls = 0;
     result = answer;
-    SetImport(&Answer);
   }
   SecurityWatch(const SecurityWatch&) = delete;
   SecurityWatch& operator=(const SecurityWatch&) = delete;
-  ~SecurityWatch() {
-    SetImport(real);
-    EXPECT_EQ(calls, 1);
-  }
+  ~SecurityWatch() { EXPECT_EQ(calls, 1); }
 
  private:
-  static void SetImport(decltype(&CoInitializeSecurity) function) {
-    DWORD before = 0;
-    ASSERT_TRUE(
-        VirtualProtect(&__imp_CoInitializeSecurity, sizeof function, PAGE_READWRITE, &before));
-    __imp_CoInitializeSecurity = function;
-  }
-
   static HRESULT WINAPI Answer(void* /*access*/, LONG /*count*/,
                                SOLE_AUTHENTICATION_SERVICE* /*services*/, void* /*reserved*/,
                                DWORD /*authentication*/, DWORD impersonation, void* /*list*/,
@@ -108,7 +120,8 @@ class SecurityWatch {
 
   static inline int calls = 0;
   static inline HRESULT result = S_OK;
-  decltype(&CoInitializeSecurity) real;
+  Tests::ImportOverride<decltype(&CoInitializeSecurity)> import{__imp_CoInitializeSecurity,
+                                                                &Answer};
 };
 
 // The module as it ships, with a store of its own.
@@ -185,19 +198,22 @@ TEST_F(HostLoopTest, ChoosesDynamicCloakingBeforeItLoadsTheModuleAndKeepsComEnte
 }
 
 TEST_F(HostLoopTest, SetsTheStandbyEventOnModernStandbyAloneAndNeverLeavesItSet) {
+  constexpr auto kControl = PowerSource::ServiceControl;
   SetEvent(standby.get());
   {
     HostLoop host(Options(true), *log);
     EXPECT_FALSE(StandbyIsSet()) << "what a host that ended left behind";
-    host.OnStandby(HostLoop::Standby::Entered);
-    EXPECT_TRUE(StandbyIsSet());
-    host.OnStandby(HostLoop::Standby::Left);
-    EXPECT_FALSE(StandbyIsSet());
-    host.OnStandby(HostLoop::Standby::Entered);
+    for (const std::uint32_t resume : {7U, 18U}) {
+      host.OnPower(PBT_APMSUSPEND, kControl);
+      EXPECT_TRUE(StandbyIsSet());
+      host.OnPower(resume, kControl);
+      EXPECT_FALSE(StandbyIsSet()) << resume;
+    }
+    host.OnPower(PBT_APMSUSPEND, kControl);
   }
   EXPECT_FALSE(StandbyIsSet());
   HostLoop other(Options(false), *log);
-  other.OnStandby(HostLoop::Standby::Entered);
+  other.OnPower(PBT_APMSUSPEND, kControl);
   EXPECT_FALSE(StandbyIsSet());
 }
 

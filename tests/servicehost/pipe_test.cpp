@@ -215,7 +215,8 @@ TEST_F(PipeTest, AShortageCostsOneClientAndIsReported) {
   } kCases[] = {
       {Missing::Thread, 7, L"WARNING a client was turned away for want of a thread"},
       {Missing::Memory, 7, L"WARNING a client was turned away for want of a thread"},
-      {Missing::Nothing, 3, L"WARNING a client was disconnected, its result is too long: servicehost"},
+      {Missing::Nothing, 3,
+       L"WARNING a client was disconnected, its result is too long: servicehost"},
       {Missing::Nothing, 4, L"ERROR a connection ended without memory"},
   };
   Serve();
@@ -285,7 +286,10 @@ TEST_F(PipeTest, AClientSeesTheErrorsOfTheManual) {
   // Those that are served, and the one that may connect and wait.
   std::vector<Platform::UniqueHandle> crowd(8 + 1);
   for (auto& pipe : crowd) pipe = RawClient();
+  EXPECT_FALSE(WaitNamedPipeW(path.c_str(), 50));
   EXPECT_EQ(errorOfOpen(), DWORD{ERROR_PIPE_BUSY});
+  crowd[3].reset();
+  crowd[3] = RawClient();  // the one that waited has its place
   EXPECT_TRUE(Send(crowd[0], WriteCommand({7, L"longer than its buffer"})));
   EXPECT_EQ(errorOfRead(crowd[0]), DWORD{ERROR_MORE_DATA});
   EXPECT_TRUE(Send(crowd[1], "rubbish"));

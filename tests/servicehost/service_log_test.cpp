@@ -18,8 +18,12 @@
 #include "servicehost/event_log.h"
 #include "servicehost/log_folder.h"
 #include "servicehost/trace_target.h"
+#include "support/import_override.h"
 #include "support/memory_shortage.h"
 #include "support/temp_folder.h"
+
+// NOLINTNEXTLINE(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp): the linker's name
+extern "C" decltype(&WriteFile) __imp_WriteFile;
 
 namespace Vx::Host {
 namespace {
@@ -50,15 +54,17 @@ std::string Content(const std::filesystem::path& file) {
 TEST(LogFolderTest, BeginsAFileWithTheDayAndAtTheLimitAndKeepsTheNewest) {
   const Tests::TempFolder folder;
   std::ofstream(folder.Path() / "vxhost-notes.log") << "not a log";
-  LogFolder log(folder.Path().wstring(), {.fileBytes = 400, .files = 3});
+  LogFolder log(folder.Path().wstring(), {.fileBytes = 400, .files = 4});
   for (int day = 0; day < 3; ++day) {
     for (int line = 0; line < 4; ++line) {  // three lines fit
       EXPECT_TRUE(log.Write(Entry(kFirstDay + static_cast<std::uint64_t>(day) * kDay, L"line")));
     }
   }
-  EXPECT_THAT(Names(folder.Path()),
-              ElementsAre("vxhost-20240102-0002.log", "vxhost-20240103-0001.log",
-                          "vxhost-20240103-0002.log", "vxhost-notes.log"));
+  EXPECT_TRUE(log.Write(Entry(kFirstDay + 2 * kDay, std::wstring(400, L'x'))));  // more than fits
+  EXPECT_THAT(
+      Names(folder.Path()),
+      ElementsAre("vxhost-20240102-0002.log", "vxhost-20240103-0001.log",
+                  "vxhost-20240103-0002.log", "vxhost-20240103-0003.log", "vxhost-notes.log"));
 }
 
 TEST(LogFolderTest, ContinuesBehindALineThatAKillTore) {
@@ -74,22 +80,60 @@ TEST(LogFolderTest, ContinuesBehindALineThatAKillTore) {
             "\xC3\xA9\"}\n");
 }
 
-// Holds every record back until it is opened.
-class Gate : public LogTarget {
+// A disk that is full after half of the next write, whatever Windows returns for it.
+const auto writeAll = __imp_WriteFile;
+BOOL partlyWritten = FALSE;
+BOOL WINAPI WriteHalf(HANDLE file, const void* bytes, DWORD size, DWORD* count, OVERLAPPED* late) {
+  return writeAll(file, bytes, size / 2, count, late) != FALSE && partlyWritten != FALSE;
+}
+
+TEST(LogFolderTest, LosesOnlyWhatItCannotWriteAndSaysSo) {
+  const Tests::TempFolder parent;
+  const auto folder = parent.Path() / L"Logs";
+  LogFolder log(folder.wstring());
+  EXPECT_FALSE(log.Write(Entry(kFirstDay, L"there is no folder")));
+  std::filesystem::create_directory(folder);
+  const LogEntry entry = Entry(kFirstDay, L"text");
+  const std::string line = JsonLineOf(entry);
+  std::string expected;
+  for (const BOOL outcome : {TRUE, FALSE}) {
+    EXPECT_TRUE(log.Write(entry));
+    partlyWritten = outcome;
+    const Tests::ImportOverride full(__imp_WriteFile, &WriteHalf);
+    EXPECT_FALSE(log.Write(entry));
+    expected += line + line.substr(0, line.size() / 2) + "\n";
+  }
+  EXPECT_TRUE(log.Write(entry));
+  const auto file = folder / L"vxhost-20240101-0001.log";
+  EXPECT_FALSE(DeleteFileW(file.c_str())) << "what is written later would go with it";
+  EXPECT_EQ(Content(file), expected + line);
+}
+
+// A target that keeps every record, even one that it refuses.
+class Target : public LogTarget {
  public:
-  explicit Gate(std::vector<std::wstring>& out, bool works = true) : messages(out), good(works) {}
+  explicit Target(std::vector<std::wstring>& out, bool works = true) : messages(out), good(works) {}
   bool Write(const LogEntry& entry) noexcept override {
-    SetEvent(entered.get());
-    WaitForSingleObject(open.get(), 10'000);
     messages.push_back(entry.line.message);
     return good;
   }
-  Platform::UniqueHandle open{CreateEventW(nullptr, TRUE, FALSE, nullptr)};
-  Platform::UniqueHandle entered{CreateEventW(nullptr, TRUE, FALSE, nullptr)};
 
  private:
   std::vector<std::wstring>& messages;
   bool good;
+};
+
+// Holds every record back until it is opened.
+class Gate final : public Target {
+ public:
+  using Target::Target;
+  bool Write(const LogEntry& entry) noexcept override {
+    SetEvent(entered.get());
+    WaitForSingleObject(open.get(), 10'000);
+    return Target::Write(entry);
+  }
+  Platform::UniqueHandle open{CreateEventW(nullptr, TRUE, FALSE, nullptr)};
+  Platform::UniqueHandle entered{CreateEventW(nullptr, TRUE, FALSE, nullptr)};
 };
 
 TEST(ServiceLogTest, DropsAndCountsInsteadOfWaitingForATarget) {
@@ -108,13 +152,13 @@ TEST(ServiceLogTest, DropsAndCountsInsteadOfWaitingForATarget) {
   EXPECT_THAT(messages, ElementsAre(L"held", L"3 log lines were dropped", L"1", L"2"));
 }
 
-TEST(ServiceLogTest, CountsWhatItHasNoMemoryFor) {
+TEST(ServiceLogTest, CountsWhatATargetRefusesAndWhatItHasNoMemoryFor) {
+  std::vector<std::wstring> refused;
   std::vector<std::wstring> messages;
   {
-    auto target = std::make_unique<Gate>(messages);
-    SetEvent(target->open.get());
     std::vector<std::unique_ptr<LogTarget>> targets;
-    targets.push_back(std::move(target));
+    targets.push_back(std::make_unique<Target>(refused, false));
+    targets.push_back(std::make_unique<Target>(messages));
     ServiceLog log(std::move(targets));
     log.Add(L"INFO", L"first");
     log.Flush();
@@ -123,8 +167,10 @@ TEST(ServiceLogTest, CountsWhatItHasNoMemoryFor) {
       log.Add(L"ERROR", L"lost with its text");
     }
     log.Add(L"INFO", L"next");
+    log.Add(L"INFO", L"last");
   }
-  EXPECT_THAT(messages, ElementsAre(L"first", L"1 log lines were dropped", L"next"));
+  EXPECT_THAT(messages, ElementsAre(L"first", L"2 log lines were dropped", L"next",
+                                    L"3 log lines were dropped", L"last"));
 }
 
 TEST(LogListenerTest, PassesOnALineThatItHasNoMemoryFor) {

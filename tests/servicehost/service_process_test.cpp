@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <stdexcept>
 #include <string>
 #include <utility>
 #include <vector>
@@ -11,13 +12,21 @@
 
 #include <windows.h>
 
-#include "servicehost/log_lines.h"
 #include "hosting/text.h"
 #include "platform/thread.h"
 #include "servicehost/guarded_folder.h"
+#include "servicehost/log_lines.h"
+#include "support/import_override.h"
 #include "support/probe.h"
 #include "support/temp_folder.h"
 #include "vxhost/service/service_manager.h"
+
+// NOLINTBEGIN(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp): the linker's names
+extern "C" decltype(&ChangeServiceConfig2W) __imp_ChangeServiceConfig2W;
+extern "C" decltype(&RegSetKeyValueW) __imp_RegSetKeyValueW;
+extern "C" DWORD(WINAPI* __imp_PowerRegisterSuspendResumeNotification)(DWORD, HANDLE, void**);
+extern "C" DWORD(WINAPI* __imp_PowerUnregisterSuspendResumeNotification)(void*);
+// NOLINTEND(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
 
 namespace Vx::Host {
 namespace {
@@ -68,12 +77,71 @@ TEST(ServicePlanTest, ItsCommandLineIsQuotedAndItsNameCannotBreakOut) {
   EXPECT_TRUE(IsServiceName(std::wstring(64, L'a')));
 }
 
+// Take the place of Windows, which refuses one setting of a service, or the source of its events.
+DWORD refusedLevel = 0;
+BOOL restartsAfterErrors = FALSE;
+BOOL WINAPI Change(SC_HANDLE /*service*/, DWORD level, void* info) {
+  if (level == SERVICE_CONFIG_FAILURE_ACTIONS_FLAG) {
+    restartsAfterErrors =
+        static_cast<SERVICE_FAILURE_ACTIONS_FLAG*>(info)->fFailureActionsOnNonCrashFailures;
+  }
+  SetLastError(ERROR_ACCESS_DENIED);
+  return level != refusedLevel;
+}
+LSTATUS WINAPI RefuseValue(HKEY /*key*/, const wchar_t* /*path*/, const wchar_t* /*name*/,
+                           DWORD /*type*/, const void* /*value*/, DWORD /*size*/) {
+  return ERROR_ACCESS_DENIED;
+}
+
+TEST(ServiceManagerTest, ARefusedSettingLeavesNoServiceExceptOneThatWasThere) {
+  const Tests::ImportOverride settings(__imp_ChangeServiceConfig2W, &Change);
+  ServiceManager manager;
+  ServicePlan plan{.name = L"VxHalf" + std::to_wstring(GetCurrentProcessId()),
+                   .program = OwnPath(),
+                   .module = Tests::ModulePath()};
+  const auto expectRefusal = [&] {
+    EXPECT_THROW(manager.Install(plan), std::runtime_error) << refusedLevel;
+    EXPECT_EQ(manager.Query(plan.name).has_value(), plan.replaces) << refusedLevel;
+  };
+  for (const bool replaces : {false, true}) {
+    plan.replaces = replaces;
+    for (refusedLevel = SERVICE_CONFIG_DESCRIPTION; refusedLevel <= SERVICE_CONFIG_PRESHUTDOWN_INFO;
+         ++refusedLevel) {
+      expectRefusal();
+    }
+    {
+      const Tests::ImportOverride source(__imp_RegSetKeyValueW, &RefuseValue);
+      expectRefusal();
+    }
+    manager.Install(plan);
+    EXPECT_TRUE(restartsAfterErrors);
+  }
+  manager.Remove(plan.name);
+}
+
+// As Windows calls the recipient of its notifications, which the emulator never does.
+struct Recipient {
+  ULONG(CALLBACK* callback)(void* context, ULONG code, void* setting);
+  void* context;
+};
+Recipient* recipient = nullptr;
+DWORD WINAPI Register(DWORD flags, HANDLE registered, void** handle) {
+  EXPECT_EQ(flags, 2U);  // DEVICE_NOTIFY_CALLBACK
+  *handle = recipient = static_cast<Recipient*>(registered);
+  return ERROR_SUCCESS;
+}
+DWORD WINAPI Unregister(void* handle) {
+  EXPECT_EQ(handle, std::exchange(recipient, nullptr));
+  return ERROR_SUCCESS;
+}
+
 // The service as the manager runs it, with the module as it ships and a store of its own.
 class ServiceProcessTest : public ::testing::Test, public StatusSink {
  protected:
   void Report(const ServiceState& state) noexcept override {
     states.push_back(state);
     if (state.state == SERVICE_RUNNING) SetEvent(running.get());
+    if (state.state == SERVICE_STOPPED) SetEvent(stopped.get());
   }
 
   ServiceProcess& Service(const std::wstring& module, bool development) {
@@ -83,23 +151,36 @@ class ServiceProcessTest : public ::testing::Test, public StatusSink {
     return *service;
   }
 
-  // Runs the service, sends it the controls and stops it. Returns what its handler returned.
+  // Runs the service, sends it the controls and then the last one, which stops it. Returns what its
+  // handler returned for the others.
   std::vector<std::uint32_t> RunWith(
-      const std::vector<std::pair<std::uint32_t, std::uint32_t>>& controls, bool development) {
+      const std::vector<std::pair<std::uint32_t, std::uint32_t>>& controls, bool development,
+      std::uint32_t last) {
     ServiceProcess& one = Service(Tests::ModulePath(), development);
     Platform::Thread main([&one] { one.Run(); });
     EXPECT_EQ(WaitForSingleObject(running.get(), 10'000), WAIT_OBJECT_0);
     std::vector<std::uint32_t> results;
     results.reserve(controls.size());
     for (const auto& [control, event] : controls) results.push_back(one.Control(control, event));
-    one.Control(SERVICE_CONTROL_STOP, 0);
+    if (recipient != nullptr) {
+      recipient->callback(recipient->context, PBT_APMPOWERSTATUSCHANGE, nullptr);
+    }
+    one.Control(last, 0);
+    EXPECT_EQ(WaitForSingleObject(stopped.get(), 10'000), WAIT_OBJECT_0);
+    one.Control(SERVICE_CONTROL_STOP, 0);  // or the join would take for ever
     main.Join();
+    EXPECT_EQ(recipient, nullptr);
     service.reset();
     return results;
   }
 
+  const Tests::ImportOverride<DWORD(WINAPI*)(DWORD, HANDLE, void**)> registers{
+      __imp_PowerRegisterSuspendResumeNotification, &Register};
+  const Tests::ImportOverride<DWORD(WINAPI*)(void*)> unregisters{
+      __imp_PowerUnregisterSuspendResumeNotification, &Unregister};
   Tests::PrivateStore store;
   Platform::UniqueHandle running{CreateEventW(nullptr, TRUE, FALSE, nullptr)};
+  Platform::UniqueHandle stopped{CreateEventW(nullptr, TRUE, FALSE, nullptr)};
   std::vector<ServiceState> states;
   LogLines lines;
   std::unique_ptr<ServiceProcess> service;
@@ -112,15 +193,18 @@ TEST_F(ServiceProcessTest, ForwardsTheManagersCodesInOrderAndReportsEachState) {
                        {SERVICE_CONTROL_INTERROGATE, 0},
                        {PowerControl(7), 0},
                        {SERVICE_CONTROL_PARAMCHANGE, 0}},
-                      false),
+                      false, SERVICE_CONTROL_PRESHUTDOWN),
               ElementsAre(NO_ERROR, NO_ERROR, NO_ERROR, NO_ERROR, ERROR_CALL_NOT_IMPLEMENTED,
                           ERROR_CALL_NOT_IMPLEMENTED));
   const std::wstring text = lines.Text();
   const auto at = [&](const wchar_t* line) { return text.find(line); };
   EXPECT_LT(at(L": power event 4\n"), at(L": session change 5\n"));
   EXPECT_LT(at(L": session change 5\n"), at(L": power event 18\n"));
-  EXPECT_LT(at(L": power event 18\n"), at(L": the module is stopped\n"));
+  EXPECT_LT(at(L": power event 18\n"), at(L": power event 10\n"));
+  EXPECT_LT(at(L": power event 10\n"), at(L": the module is stopped\n"));
   EXPECT_THAT(text, Not(HasSubstr(L"power event 7")));
+  // Windows sends only what a service accepts: stop, power event, session change, pre-shutdown.
+  EXPECT_EQ(ServiceProcess::Accepted(), 0x1U | 0x40U | 0x80U | 0x100U);
   std::vector<std::uint32_t> seen;
   std::uint32_t checkpoint = 0;
   for (const ServiceState& state : states) {
@@ -138,7 +222,8 @@ TEST_F(ServiceProcessTest, ForwardsTheManagersCodesInOrderAndReportsEachState) {
 
 TEST_F(ServiceProcessTest, TakesEventsOfUsersOnlyUnderDevelopment) {
   EXPECT_THAT(
-      RunWith({{PowerControl(7), 0}, {SessionControl(63), 0}, {127, 0}, {256, 0}}, true),
+      RunWith({{PowerControl(7), 0}, {SessionControl(63), 0}, {127, 0}, {256, 0}}, true,
+              SERVICE_CONTROL_STOP),
       ElementsAre(NO_ERROR, NO_ERROR, ERROR_CALL_NOT_IMPLEMENTED, ERROR_CALL_NOT_IMPLEMENTED));
   EXPECT_THAT(lines.Text(), HasSubstr(L"power event 7\n"));
   EXPECT_THAT(lines.Text(), HasSubstr(L"session change 63\n"));

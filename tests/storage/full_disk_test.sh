@@ -6,7 +6,7 @@ set -u
 vxhost=$1 worker=$2
 shift 2
 . "$(dirname "$0")/../run_vxhost.sh"
-need "$worker"
+need "$worker" "$with_data"
 disk=$work/disk
 mkdir "$disk"
 if ! mount -t tmpfs -o size=640k tmpfs "$disk" 2>/dev/null; then

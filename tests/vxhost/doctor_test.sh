@@ -4,6 +4,7 @@ set -u
 vxhost=$1
 shift
 . "$(dirname "$0")/../run_vxhost.sh"
+need "$with_data"
 mkdir "$work/data"
 exits 1 run_at "$work/data" doctor
 if ! grep -q 'do: create it at installation' "$work/output" ||

@@ -5,7 +5,7 @@ set -u
 vxhost=$1 module=$2
 shift 2
 . "$(dirname "$0")/../run_vxhost.sh"
-need "$module"
+need "$module" "$with_data"
 expect 2 'no event to send' service send
 expect 2 'there is no folder' --dll "$module" service run --seconds 1 --log "$work/missing"
 expect 2 'Invalid SID' --dll "$module" service run --seconds 1 --allow S-1-nonsense

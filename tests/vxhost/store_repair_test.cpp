@@ -9,11 +9,16 @@
 #include <span>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
+#include "hosting/text.h"
 #include "platform/data_protection.h"
 #include "storage/cap_data_store.h"
 #include "storage/service_document.h"
+#include "storage/system_mutex.h"
+#include "support/faulty_files.h"
+#include "support/is_free.h"
 #include "support/machine_test.h"
 #include "vxhost/subscriptions/stored_subscriptions.h"
 
@@ -24,7 +29,11 @@ namespace {
 using namespace Tessel::Server::Services::Orvane;
 using Tessel::Server::Storage::BsonElement;
 using Tessel::Server::Storage::CapDataStore;
+using Tessel::Server::Storage::SystemMutex;
+using testing::Each;
+using testing::EndsWith;
 using testing::HasSubstr;
+using testing::Not;
 
 std::string ReadBytes(const std::wstring& path) {
   std::ifstream file(path.c_str(), std::ios::binary);
@@ -63,6 +72,13 @@ class StoreRepairTest : public Tests::StoreTest {
   }
 
   std::size_t Kept() const { return LookAtStore().siblings.size(); }
+
+  static std::wstring Import(const std::wstring& own, const std::wstring& top = {}) {
+    Json::WideDocument document;
+    EXPECT_TRUE(Json::ParseJson(document, LR"({"document":{"OrvaneServiceDocument":{"value":{)" +
+                                              own + L"}}" + top + L"}}"));
+    return ImportValues(document, {});
+  }
 
   Tests::TempFolder folder;
   std::wstring copy = folder / L"copy.dat";
@@ -128,23 +144,50 @@ TEST_F(StoreRepairTest, KeepsWhatItReplaces) {
 
 TEST_F(StoreRepairTest, LeavesTheStoreWhereItCannotBeReplaced) {
   BackUpStore(copy, {});
-  for (const char* call :
-       {"Files.Create", "FileHandle.Write", "FileHandle.Flush", "FileHandle.MoveOver"}) {
+  // The first file keeps the store, the second one is the new store.
+  for (const auto& [call, skip] : {std::pair("Files.Create", 0U),
+                                   {"Files.Create", 1U},
+                                   {"FileHandle.Write", 0U},
+                                   {"FileHandle.Write", 1U},
+                                   {"FileHandle.Flush", 1U},
+                                   {"FileHandle.MoveOver", 0U}}) {
     SCOPED_TRACE(call);
-    machine.faults.FailNamed(call);
+    machine.faults.FailNamed(call, skip);
     EXPECT_THROW(RestoreStore(copy, {}), std::runtime_error);
+    EXPECT_EQ(machine.faults.Unused(), "");
     machine.faults.Clear();
     EXPECT_EQ(ReadBytes(store.FilePath()), original);
+    // The module would finish the write that it takes it for.
+    EXPECT_THAT(LookAtStore().siblings, Each(Not(EndsWith(L".new"))));
   }
 }
 
-TEST_F(StoreRepairTest, ImportsValuesOfThisModuleOnly) {
-  const auto import = [](const std::wstring& own, const std::wstring& top = {}) {
-    Json::WideDocument document;
-    EXPECT_TRUE(Json::ParseJson(document, LR"({"document":{"OrvaneServiceDocument":{"value":{)" +
-                                              own + L"}}" + top + L"}}"));
-    return ImportValues(document, {});
+// Another process could write the store between two steps, and the copy would lack that.
+TEST_F(StoreRepairTest, HoldsTheStoreThroughoutAndAnImportThatFailsHalfwayNamesTheCopy) {
+  const SystemMutex ofAService(CapDataStore::kMutexName);
+  BackUpStore(copy, {});
+  Tests::FaultyFiles files;
+  const Platform::MachineScope faulty([&](Platform::Machine& each) { each.files = &files; });
+  int moves = 0;
+  files.onStep = [&](const char* step) {
+    const std::string name = step;
+    EXPECT_FALSE(name == "Create" && Tests::IsFree(CapDataStore::kMutexName));
+    return name == "MoveOver" && ++moves == 3 ? Tests::kFault : 0U;
   };
+  std::filesystem::remove(RestoreStore(copy, {}));
+  std::string message;
+  try {
+    Import(LR"("born_on_date":{"value":"1"},"ExecutedMcAfeeStub":{"value":true})");
+  } catch (const std::runtime_error& error) {
+    message = error.what();
+  }
+  EXPECT_TRUE(Tests::IsFree(CapDataStore::kMutexName));
+  const std::wstring kept = LookAtStore().siblings.at(0);
+  EXPECT_THAT(message, EndsWith("; the store as it was is in " + Utf8(kept)));
+  EXPECT_EQ(ReadBytes(kept), original);
+}
+
+TEST_F(StoreRepairTest, ImportsValuesOfThisModuleOnly) {
   const wchar_t* const refused[][2] = {
       {LR"("sleep_state":{"value":1})", L""},
       {L"", LR"(,"registration_full_sent":{"value":"no"})"},
@@ -153,10 +196,10 @@ TEST_F(StoreRepairTest, ImportsValuesOfThisModuleOnly) {
       {LR"("born_on_date":"20240715")", L""},
   };
   for (const auto& values : refused) {
-    EXPECT_THROW(import(values[0], values[1]), std::runtime_error);
+    EXPECT_THROW(Import(values[0], values[1]), std::runtime_error);
     EXPECT_EQ(ReadBytes(store.FilePath()), original);
   }
-  const std::wstring kept = import(
+  const std::wstring kept = Import(
       LR"("ZephraEventSubscriptions":{"value":"[{\"a\":1}]"},"ExecutedMcAfeeStub":{"value":true})",
       LR"(,"OrvaneLastBootTime":{"value":1721014400})");
   EXPECT_EQ(ReadBytes(kept), original);

@@ -5,7 +5,7 @@ set -u
 vxhost=$1 module=$2
 shift 2
 . "$(dirname "$0")/../run_vxhost.sh"
-need "$module"
+need "$module" "$with_data"
 
 # part NAME: what follows has an empty store.
 part() {
