@@ -89,8 +89,8 @@ bool SimulatedUsers::AnyoneActs() const {
 std::optional<SimulatedUser> SimulatedUsers::UserOf(Platform::RawHandle token) const {
   const std::lock_guard guard(mutex);
   const auto found = tokens.find(token);
-  if (found == tokens.end() || found->second == kSystem) return std::nullopt;
-  return users.at(found->second);
+  if (found == tokens.end() || found->second.owner == kSystem) return std::nullopt;
+  return users.at(found->second.owner);
 }
 
 std::optional<SimulatedUser> SimulatedUsers::Find(const std::wstring& name) const {
@@ -105,11 +105,15 @@ Result<UniqueHandle> SimulatedUsers::TokenOf(const std::wstring& name) const {
   return MakeToken(name);
 }
 
-// The system may reuse a handle value, which then gets a new owner here.
 Result<UniqueHandle> SimulatedUsers::MakeToken(const std::wstring& owner) const {
+  return MakeToken(Token{owner, owner == atConsole ? console.value_or(0) : 0});
+}
+
+// The system may reuse a handle value, which then gets a new owner here.
+Result<UniqueHandle> SimulatedUsers::MakeToken(Token made) const {
   UniqueHandle token(CreateEventW(nullptr, TRUE, FALSE, nullptr));
   if (token == nullptr) return Result<UniqueHandle>::Failure(GetLastError());
-  tokens[token.get()] = owner;
+  tokens[token.get()] = std::move(made);
   return token;
 }
 
@@ -130,7 +134,14 @@ Result<UniqueHandle> SimulatedUsers::DuplicateUserToken(Platform::RawHandle toke
   const std::lock_guard guard(mutex);
   const auto found = tokens.find(token);
   if (found == tokens.end()) return Result<UniqueHandle>::Failure(ERROR_INVALID_HANDLE);
-  return MakeToken(std::wstring(found->second));
+  return MakeToken(Token(found->second));
+}
+
+Result<std::uint64_t> SimulatedUsers::LogonOf(Platform::RawHandle token) const {
+  const std::lock_guard guard(mutex);
+  const auto found = tokens.find(token);
+  if (found == tokens.end()) return Result<std::uint64_t>::Failure(ERROR_INVALID_HANDLE);
+  return found->second.logon;
 }
 
 Result<std::wstring> SimulatedUsers::QueryText(std::uint32_t session,
@@ -146,7 +157,7 @@ Platform::ErrorCode SimulatedUsers::Impersonate(Platform::RawHandle token) {
   const std::lock_guard guard(mutex);
   const auto found = tokens.find(token);
   if (found == tokens.end()) return ERROR_INVALID_HANDLE;
-  acting[GetCurrentThreadId()] = found->second;
+  acting[GetCurrentThreadId()] = found->second.owner;
   return ERROR_SUCCESS;
 }
 

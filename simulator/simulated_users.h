@@ -60,6 +60,7 @@ class SimulatedUsers final : public Platform::Sessions, public Platform::Environ
   Platform::Result<Platform::UniqueHandle> QueryUserToken(std::uint32_t session) const override;
   Platform::Result<Platform::UniqueHandle> DuplicateUserToken(
       Platform::RawHandle token, Platform::TokenType type) const override;
+  Platform::Result<std::uint64_t> LogonOf(Platform::RawHandle token) const override;
   Platform::Result<std::wstring> QueryText(std::uint32_t session,
                                            Platform::SessionText what) const override;
   Platform::ErrorCode Impersonate(Platform::RawHandle token) override;
@@ -79,8 +80,14 @@ class SimulatedUsers final : public Platform::Sessions, public Platform::Environ
 
   static constexpr wchar_t kSystem[] = L"";  // the owner name of the system's own tokens
 
+  struct Token {
+    std::wstring owner;
+    std::uint64_t logon = 0;
+  };
+
   static Variables VariablesOf(const SimulatedUser& user);
   Platform::Result<Platform::UniqueHandle> MakeToken(const std::wstring& owner) const;
+  Platform::Result<Platform::UniqueHandle> MakeToken(Token made) const;
   SimulatedUser AddLocked(const std::wstring& name);
 
   Timeline& timeline;
@@ -89,7 +96,7 @@ class SimulatedUsers final : public Platform::Sessions, public Platform::Environ
   std::optional<std::uint32_t> console = 1;
   std::uint32_t lastSession = 1;
   std::wstring atConsole;  // empty at the logon screen
-  mutable std::map<Platform::RawHandle, std::wstring> tokens;
+  mutable std::map<Platform::RawHandle, Token> tokens;
   std::map<std::uint32_t, std::wstring> acting;  // thread id to user
 };
 

@@ -21,6 +21,7 @@
 #include "launch/windows_mode.h"
 #include "storage/cap_data_store.h"
 #include "support/faulty_files.h"
+#include "support/log_trap.h"
 #include "support/machine_test.h"
 
 namespace Vx::Tessel::Server::Services::Orvane {
@@ -177,6 +178,25 @@ TEST_F(RegistrationDataTest, CopiesTheMachinesDataOverTheUsersWithTheUsersRights
     EXPECT_FALSE(CopyRegistrationData(L"client", logger));
   }
   EXPECT_EQ(accesses, 8);
+}
+
+// During the second of the three steps, and between that and the third.
+TEST_F(RegistrationDataTest, CopiesNothingWithTheRightsOfAnotherUser) {
+  Write(Source(), "new");
+  Write(Destination(), "old");
+  const std::function<bool()> copies[] = {[&] { return CopyRegistrationData(L"client", logger); },
+                                          [&] { return RefreshRegistrationData(logger); }};
+  for (const auto& [line, time] : {std::pair(L"Attempting to impersonate", 2),
+                                   std::pair(L"Problem while reverting the impersonation.", 1)}) {
+    for (const auto& copy : copies) {
+      machine.users.LogOn(L"ann");
+      machine.faults.FailNamed("Sessions.Revert", 1);
+      const Tests::LogTrap change(line, time, [&] { machine.users.LogOn(L"bob"); });
+      EXPECT_FALSE(copy());
+      EXPECT_EQ(log.Lines().back(), L"warning|Problem while querying user's access token.");
+    }
+  }
+  EXPECT_EQ(Read(Destination()), "old");
 }
 
 // A folder of files and the log lines about them.

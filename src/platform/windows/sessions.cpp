@@ -41,6 +41,18 @@ class RealSessions final : public Sessions {
     return UniqueHandle(raw);
   }
 
+  // https://learn.microsoft.com/windows/win32/api/winnt/ns-winnt-token_statistics
+  Result<std::uint64_t> LogonOf(RawHandle token) const override {
+    TOKEN_STATISTICS statistics{};
+    DWORD size = 0;
+    if (GetTokenInformation(token, TokenStatistics, &statistics, sizeof statistics, &size) ==
+        FALSE) {
+      return Result<std::uint64_t>::Failure(GetLastError());
+    }
+    const LUID& id = statistics.AuthenticationId;
+    return std::uint64_t{static_cast<std::uint32_t>(id.HighPart)} << 32 | id.LowPart;
+  }
+
   Result<std::wstring> QueryText(std::uint32_t session, SessionText what) const override {
     wchar_t* raw = nullptr;
     DWORD bytes = 0;
