@@ -141,8 +141,9 @@ void PackageCatalogEventManager::register_event(const std::wstring& request,
                                                 const CompletionHandler& completed,
                                                 const void* /*argument*/, Owner owner,
                                                 const std::shared_ptr<FiringMark>& mark) {
-  const std::lock_guard guard(register_event_mux);
+  // Without the lock, which a service that ends takes: the package queries may take seconds.
   LiveRequest live{owner, std::make_unique<SubscribeForAppPackageEventRequest>(request, mark)};
+  const std::lock_guard guard(register_event_mux);
   live.request->RegisterPackageEvent(completed);
   requests().push_back(std::move(live));
 }
@@ -186,6 +187,7 @@ void RegisterExistingPackageCatalogManagerRequests(Owner owner,
   Replay replay(owner);
   PackageCompletion::StoredRequests().RegisterExistingRequests(
       [&](const std::wstring& request) {
+        if (stop != nullptr && PackageCompletion::HasEnded(stop)) return;
         try {
           replay.Register(request);
         } catch (const std::exception& error) {

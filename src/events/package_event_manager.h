@@ -60,7 +60,8 @@ void RegisterAppPackageEvent(const std::wstring& request, PackageCatalogEventMan
 
 // Makes every stored subscription live again. Where the package is gone, runs the command now if it
 // may run late, and completes the subscription. A request that was registered before runs once, and
-// one whose command has run but which could not be completed is completed now.
+// one whose command has run but which could not be completed is completed now. Registers no further
+// request once `stop` is signalled.
 void RegisterExistingPackageCatalogManagerRequests(PackageCatalogEventManager::Owner owner,
                                                    const Platform::SharedHandle& stop = nullptr);
 
