@@ -53,6 +53,7 @@ std::int64_t IPCEvent::EventComplete(CompletionHandler handler) {
 std::mutex PackageUninstallingPCEvent::rLock;
 std::mutex PackageUninstallingPCEvent::register_mux;
 std::mutex PackageUninstallingPCEvent::uninstall_event_mux;
+std::mutex PackageUninstallingPCEvent::commandTurn;
 
 PackageUninstallingPCEvent::PackageUninstallingPCEvent(const std::wstring& packageFamilyName,
                                                        UninstallMoment moment,

@@ -71,12 +71,13 @@ class PackageUninstallingPCEvent final : public IPCEvent {
 
   void Register() override;
 
-  // Lock order: a mark's turn before uninstall_event_mux, and that before rLock. A notification
-  // takes neither of the register mutexes, so a caller that holds one may destroy an event during a
-  // notification.
+  // Lock order: a mark's turn before uninstall_event_mux and commandTurn, and uninstall_event_mux
+  // before rLock. A notification takes neither of the register mutexes, so a caller that holds one
+  // may destroy an event during a notification.
   static std::mutex rLock;                // guards package queries and the opening of catalogs
   static std::mutex register_mux;         // guards the start of watcher threads
-  static std::mutex uninstall_event_mux;  // serialises notifications, but for first trust checks
+  static std::mutex uninstall_event_mux;  // serialises the decisions about notifications
+  static std::mutex commandTurn;          // serialises the commands that they run
 
  private:
   bool IsProcessRunningAsSystem() const;

@@ -117,29 +117,35 @@ void UninstallWatch::Handle(const Platform::PackageUninstall& uninstall) {
   // A notification that came before a log-off is handled also when the lock is free only later: the
   // package went, and no other notification follows.
   if (stopping) return;
-  if (IsDue(uninstall)) RunCommand();
+  const std::wstring received = uninstall.FamilyName();
+  const auto due = [&] { return IsDue(uninstall, received); };
+  // Of another package: only logged, so a logon that runs the command late need not wait for it.
+  if (received != familyName) {
+    due();
+    return;
+  }
+  const auto run = [this] {
+    const auto guard = TakeTurn(*command, PackageUninstallingPCEvent::commandTurn);
+    command->Execute();
+  };
+  // Marked before the handlers are called, so that one that fails does not make the command run
+  // again.
+  if (mark->RunOnce(run, due)) completion->Raise({});
 }
 
-bool UninstallWatch::IsDue(const Platform::PackageUninstall& uninstall) const {
-  const std::wstring received = uninstall.FamilyName();
+bool UninstallWatch::IsDue(const Platform::PackageUninstall& uninstall,
+                           const std::wstring& received) const {
   const std::lock_guard guard(PackageUninstallingPCEvent::uninstall_event_mux);
   if (!mark->MayRun()) return false;
   Log().LogInfo(kInvoked, familyName.c_str(), received.c_str());
   if (received != familyName) return false;
-  if (moment == UninstallMoment::Starts) return true;
-  AwaitCompletion(uninstall);
-  // Another user may still have the package. The event then stays armed.
-  return IsGone(familyName);
-}
-
-void UninstallWatch::RunCommand() {
-  const bool ran = mark->RunOnce([this] {
-    const auto guard = TakeTurn(*command, PackageUninstallingPCEvent::uninstall_event_mux);
-    command->Execute();
-  });
-  // Marked before the handlers are called, so that one that fails does not make the command run
-  // again.
-  if (ran) completion->Raise({});
+  if (moment == UninstallMoment::Completed) {
+    AwaitCompletion(uninstall);
+    // Another user may still have the package. The event then stays armed.
+    if (!IsGone(familyName) || !mark->MayRun()) return false;
+  }
+  mark->Begin();
+  return true;
 }
 
 void UninstallWatch::Pause() {

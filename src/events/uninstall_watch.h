@@ -56,9 +56,9 @@ class UninstallWatch {
   void Handle(const Platform::PackageUninstall& uninstall);
 
   // Logs a notification and returns whether the command is to run: for an uninstall that has to be
-  // complete, once it is and the package is gone.
-  bool IsDue(const Platform::PackageUninstall& uninstall) const;
-  void RunCommand();
+  // complete, once it is and the package is gone. Marks the run as begun before another
+  // notification is decided.
+  bool IsDue(const Platform::PackageUninstall& uninstall, const std::wstring& received) const;
   void Pause();
 
   const std::wstring familyName;
