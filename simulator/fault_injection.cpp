@@ -496,6 +496,9 @@ class FaultySessions final : public Decorator<Platform::Sessions> {
   Result<std::uint64_t> LogonOf(RawHandle token) const override {
     return Or("Sessions.LogonOf", [&] { return inner.LogonOf(token); });
   }
+  Result<std::wstring> SidOf(RawHandle token) const override {
+    return Or("Sessions.SidOf", [&] { return inner.SidOf(token); });
+  }
   Result<std::wstring> QueryText(std::uint32_t session, Platform::SessionText what) const override {
     return Or("Sessions.QueryText", [&] { return inner.QueryText(session, what); });
   }

@@ -144,6 +144,11 @@ Result<std::uint64_t> SimulatedUsers::LogonOf(Platform::RawHandle token) const {
   return found->second.logon;
 }
 
+Result<std::wstring> SimulatedUsers::SidOf(Platform::RawHandle token) const {
+  const auto user = UserOf(token);
+  return user ? user->sid : Result<std::wstring>::Failure(ERROR_INVALID_HANDLE);
+}
+
 Result<std::wstring> SimulatedUsers::QueryText(std::uint32_t session,
                                                Platform::SessionText what) const {
   const std::lock_guard guard(mutex);

@@ -61,6 +61,7 @@ class SimulatedUsers final : public Platform::Sessions, public Platform::Environ
   Platform::Result<Platform::UniqueHandle> DuplicateUserToken(
       Platform::RawHandle token, Platform::TokenType type) const override;
   Platform::Result<std::uint64_t> LogonOf(Platform::RawHandle token) const override;
+  Platform::Result<std::wstring> SidOf(Platform::RawHandle token) const override;
   Platform::Result<std::wstring> QueryText(std::uint32_t session,
                                            Platform::SessionText what) const override;
   Platform::ErrorCode Impersonate(Platform::RawHandle token) override;

@@ -4,6 +4,7 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -71,6 +72,13 @@ class PackageUninstallingPCEvent final : public IPCEvent {
 
   void Register() override;
 
+  // The SID of the user whose catalog is watched, or an empty text if that is the account of this
+  // process or there is no catalog. Nothing if the SID is not known.
+  const std::optional<std::wstring>& User() const noexcept { return user; }
+
+  // Outlives this object for as long as it is held.
+  const std::shared_ptr<UninstallWatch>& Watch() const noexcept { return watch; }
+
   // Lock order: a mark's turn before uninstall_event_mux and commandTurn, and uninstall_event_mux
   // before rLock. A notification takes neither of the register mutexes, so a caller that holds one
   // may destroy an event during a notification.
@@ -81,8 +89,9 @@ class PackageUninstallingPCEvent final : public IPCEvent {
 
  private:
   bool IsProcessRunningAsSystem() const;
-  std::shared_ptr<Platform::PackageCatalog> OpenConsoleUserCatalog() const;
+  std::shared_ptr<Platform::PackageCatalog> OpenConsoleUserCatalog();
 
+  std::optional<std::wstring> user = std::wstring();
   std::shared_ptr<Platform::PackageCatalog> catalog;
   std::shared_ptr<UninstallWatch> watch;
   std::vector<Platform::Thread> watchers;

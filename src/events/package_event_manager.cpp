@@ -9,6 +9,7 @@
 #include "events/firing_marks.h"
 #include "events/package_completion.h"
 #include "events/subscription_forms.h"
+#include "events/uninstall_watch.h"
 #include "host/logging.h"
 #include "json/json_object.h"
 #include "platform/windows_runtime_error.h"
@@ -93,7 +94,11 @@ class Replay {
   explicit Replay(Owner of) : owner(of), forgotten(FiringMarks::Forgotten()) {}
 
   void Register(const std::wstring& stored) {
-    if (RegisterOne(stored)) PackageCompletion::Complete(stored, mark);
+    if (RegisterOne(stored)) {
+      PackageCompletion::Complete(stored, mark);
+    } else {
+      PackageCatalogEventManager::EndReplaced(owner, mark);
+    }
   }
 
   // For the request whose registration failed last. Does not wait for a notification that runs the
@@ -131,6 +136,7 @@ class Replay {
 }  // namespace
 
 std::mutex PackageCatalogEventManager::register_event_mux;
+std::uint64_t PackageCatalogEventManager::lastNumber = 0;
 
 std::vector<PackageCatalogEventManager::LiveRequest>& PackageCatalogEventManager::requests() {
   static auto& list = *new std::vector<LiveRequest>();
@@ -142,10 +148,32 @@ void PackageCatalogEventManager::register_event(const std::wstring& request,
                                                 const void* /*argument*/, Owner owner,
                                                 const std::shared_ptr<FiringMark>& mark) {
   // Without the lock, which a service that ends takes: the package queries may take seconds.
-  LiveRequest live{owner, std::make_unique<SubscribeForAppPackageEventRequest>(request, mark)};
+  LiveRequest live{owner, mark,
+                   std::make_unique<SubscribeForAppPackageEventRequest>(request, mark)};
   const std::lock_guard guard(register_event_mux);
   live.request->RegisterPackageEvent(completed);
+  live.number = ++lastNumber;
   requests().push_back(std::move(live));
+}
+
+void PackageCatalogEventManager::EndReplaced(Owner owner, const std::shared_ptr<FiringMark>& mark) {
+  const auto same = [&](const LiveRequest& live) {
+    return live.owner == owner && live.mark == mark;
+  };
+  std::unique_lock guard(register_event_mux);
+  const auto last = std::find_if(requests().rbegin(), requests().rend(), same);
+  if (last == requests().rend()) return;
+  const std::uint64_t number = last->number;
+  const auto user = last->request->PackageEvent()->User();
+  const auto watch = last->request->PackageEvent()->Watch();
+  // Without the lock, which a service that ends takes. Until both watch, an uninstall could be
+  // missed.
+  guard.unlock();
+  if (!user || !watch->AwaitHandler()) return;
+  guard.lock();
+  std::erase_if(requests(), [&](const LiveRequest& live) {
+    return same(live) && live.number < number && live.request->PackageEvent()->User() == user;
+  });
 }
 
 void PackageCatalogEventManager::execute_command(const std::wstring& request) {

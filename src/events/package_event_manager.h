@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -27,6 +28,10 @@ class PackageCatalogEventManager {
                              const void* argument = nullptr, Owner owner = nullptr,
                              const std::shared_ptr<FiringMark>& mark = nullptr);
 
+  // Ends the service's earlier registrations of the stored request of `mark` for the user of its
+  // last one, once that one watches. Waits for its watcher to begin.
+  static void EndReplaced(Owner owner, const std::shared_ptr<FiringMark>& mark);
+
   // Runs the command of a request whose package was uninstalled while the service was not running,
   // if the command may run late.
   static void execute_command(const std::wstring& request);
@@ -42,11 +47,14 @@ class PackageCatalogEventManager {
  private:
   struct LiveRequest {
     Owner owner;
+    std::shared_ptr<FiringMark> mark;  // null if there is none
     std::unique_ptr<SubscribeForAppPackageEventRequest> request;
+    std::uint64_t number = 0;  // in the order of registration
   };
 
   // Never destroyed, because the host may unload the module while subscriptions are live.
   static std::vector<LiveRequest>& requests();
+  static std::uint64_t lastNumber;  // guarded by register_event_mux
 };
 
 // Stores a request, then makes it live. Throws as PersistRequest and register_event do, and
@@ -58,10 +66,11 @@ class PackageCatalogEventManager {
 void RegisterAppPackageEvent(const std::wstring& request, PackageCatalogEventManager::Owner owner,
                              const Platform::SharedHandle& stop = nullptr);
 
-// Makes every stored subscription live again. Where the package is gone, runs the command now if it
-// may run late, and completes the subscription. A request that was registered before runs once, and
-// one whose command has run but which could not be completed is completed now. Registers no further
-// request once `stop` is signalled.
+// Makes every stored subscription live again, in place of this service's earlier registrations for
+// the same user. Where the package is gone, runs the command now if it may run late, and completes
+// the subscription. A request that was registered before runs once, and one whose command has run
+// but which could not be completed is completed now. Registers no further request once `stop` is
+// signalled.
 void RegisterExistingPackageCatalogManagerRequests(PackageCatalogEventManager::Owner owner,
                                                    const Platform::SharedHandle& stop = nullptr);
 

@@ -95,13 +95,29 @@ UninstallWatch::UninstallWatch(std::wstring packageFamilyName, UninstallMoment u
 
 void UninstallWatch::Run(const std::shared_ptr<UninstallWatch>& watch,
                          const std::shared_ptr<Platform::PackageCatalog>& catalog) noexcept {
-  if (catalog == nullptr) return;
+  bool added = false;
   Contain([&] {
+    if (catalog == nullptr) return;
     const auto token = catalog->AddUninstalling(
         [watch](const Platform::PackageUninstall& uninstall) { watch->OnUninstalling(uninstall); });
+    added = true;
+    watch->Report(Handler::Added);
     while (!watch->stopping) watch->Pause();
     catalog->RemoveUninstalling(token);
   });
+  if (!added) watch->Report(Handler::Refused);
+}
+
+void UninstallWatch::Report(Handler outcome) {
+  const std::lock_guard guard(handlerMutex);
+  handler = outcome;
+  handlerKnown.notify_all();
+}
+
+bool UninstallWatch::AwaitHandler() {
+  std::unique_lock guard(handlerMutex);
+  handlerKnown.wait(guard, [this] { return handler != Handler::Awaited; });
+  return handler == Handler::Added;
 }
 
 void UninstallWatch::Stop() noexcept {

@@ -31,6 +31,9 @@ class Sessions {
   // Identifies the logon session of `token`. Every token of one logon has the same value.
   virtual Result<std::uint64_t> LogonOf(RawHandle token) const = 0;
 
+  // The SID, as text, of the user of `token`.
+  virtual Result<std::wstring> SidOf(RawHandle token) const = 0;
+
   // The name or the domain of the user of `session`.
   virtual Result<std::wstring> QueryText(std::uint32_t session, SessionText what) const = 0;
 

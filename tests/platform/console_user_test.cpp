@@ -74,7 +74,8 @@ TEST_F(ConsoleUserTest, ReportsEachRefusedStepOnce) {
 
 TEST_F(ConsoleUserTest, FindsTheSameLogonInEveryTokenOfAnOperationAndRefusesWhatItCannotCompare) {
   OneLogon same;
-  EXPECT_NE(ConsoleUserToken(report, &same), nullptr);
+  const UniqueHandle token = ConsoleUserToken(report, &same);
+  EXPECT_THAT(*CurrentMachine().sessions->SidOf(token.get()), testing::StartsWith(L"S-1-5-"));
   EXPECT_TRUE(same);
   EXPECT_NE(ConsoleUserToken(TokenType::Primary, report, &same), nullptr);
   EXPECT_THAT(refused, IsEmpty());
