@@ -100,6 +100,8 @@ TEST_F(BehaviorTest, KnowsNoRegistrationStateOfAnotherKindOrWithoutAStore) {
 
 TEST_F(BehaviorTest, WasInSModeOnlyWithALockedFirstModeOnRecord) {
   using Storage::BsonElement;
+  constexpr wchar_t kNoDocument[] =
+      L"error|Could not retrive OrvaneService for WindowsModeCheckBehavior";
   static const struct {
     BsonElement first;
     const wchar_t* logged = nullptr;
@@ -122,8 +124,12 @@ TEST_F(BehaviorTest, WasInSModeOnlyWithALockedFirstModeOnRecord) {
     EXPECT_TRUE(log.Has(start + L"First Lockdown Policy is " + c.logged));
     EXPECT_EQ(log.Has(start + L"Detected S Mode Switch"), c.was);
     EXPECT_EQ(log.Has(start + L"Detected S Mode Switch 1"), c.was);
+    EXPECT_FALSE(log.Has(kNoDocument));
     log.Clear();
   }
+  Write(store.FilePath(), std::string(100, 'x'));
+  EXPECT_FALSE(Qubo::WindowsModeCheckBehavior().HasBeenInSMode());
+  EXPECT_TRUE(log.Has(kNoDocument));
 }
 
 class RegistrationDataTest : public BehaviorTest {
