@@ -61,13 +61,14 @@ bool MayBeStored(const std::wstring& stored) noexcept {
   }
 }
 
-// Stores a request. One whose command has run, but which could not be completed, makes room for it.
-void Persist(const std::wstring& request) {
+// Stores a request and returns whether the store took it. One whose command has run, but which
+// could not be completed, makes room for it.
+bool Persist(const std::wstring& request) {
   try {
-    PackageCompletion::StoredRequests().PersistRequest(request);
+    return PackageCompletion::StoredRequests().PersistRequest(request);
   } catch (const Platform::WindowsRuntimeError& error) {
     if (error.code() != kAlreadySubscribed || !PackageCompletion::CompleteEqual(request)) throw;
-    PackageCompletion::StoredRequests().PersistRequest(request);
+    return PackageCompletion::StoredRequests().PersistRequest(request);
   }
 }
 
@@ -195,7 +196,7 @@ void RegisterAppPackageEvent(const std::wstring& request, Owner owner,
                              const Platform::SharedHandle& stop) {
   const std::lock_guard guard(PackageCompletion::listChange);
   PackageCompletion::AddService(stop);
-  Persist(request);
+  const bool isStored = Persist(request);
   const std::wstring stored = StoredText(request);
   const MarkPtr mark = FiringMarks::Renew(stored);
   try {
@@ -203,6 +204,9 @@ void RegisterAppPackageEvent(const std::wstring& request, Owner owner,
   } catch (const Platform::WindowsRuntimeError&) {
     TakeBack(stored, mark);
     throw;
+  } catch (const std::exception& error) {
+    if (!isStored) throw;
+    throw NotWatched(error.what());
   }
 }
 

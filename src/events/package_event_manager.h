@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <memory>
 #include <mutex>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -57,10 +58,16 @@ class PackageCatalogEventManager {
   static std::uint64_t lastNumber;  // guarded by register_event_mux
 };
 
+// A request was stored but could not be made live. It stays stored.
+class NotWatched : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
 // Stores a request, then makes it live. Throws as PersistRequest and register_event do, and
 // std::runtime_error if the same subscription has run but cannot be removed. Removes the request
-// again where its registration throws Platform::WindowsRuntimeError; after another exception it
-// stays stored. No other client can subscribe the same text in between. `stop` is signalled when
+// again where its registration throws Platform::WindowsRuntimeError; throws NotWatched for another
+// exception. No other client can subscribe the same text in between. `stop` is signalled when
 // the service ends: while one lives, a completion that fails is tried again (see
 // PackageCompletion).
 void RegisterAppPackageEvent(const std::wstring& request, PackageCatalogEventManager::Owner owner,
