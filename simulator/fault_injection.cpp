@@ -495,6 +495,12 @@ class FaultySessions final : public Decorator<Platform::Sessions> {
                                           Platform::TokenType type) const override {
     return Or("Sessions.DuplicateUserToken", [&] { return inner.DuplicateUserToken(token, type); });
   }
+  Result<std::uint64_t> LogonOf(RawHandle token) const override {
+    return Or("Sessions.LogonOf", [&] { return inner.LogonOf(token); });
+  }
+  Result<std::wstring> SidOf(RawHandle token) const override {
+    return Or("Sessions.SidOf", [&] { return inner.SidOf(token); });
+  }
   Result<std::wstring> QueryText(std::uint32_t session, Platform::SessionText what) const override {
     return Or("Sessions.QueryText", [&] { return inner.QueryText(session, what); });
   }

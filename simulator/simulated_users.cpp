@@ -111,12 +111,16 @@ Result<UniqueHandle> SimulatedUsers::TokenOf(const std::wstring& name) const {
   return MakeToken(name, Platform::TokenType::Primary);
 }
 
-// The system may reuse a handle value, which then gets a new owner here.
 Result<UniqueHandle> SimulatedUsers::MakeToken(const std::wstring& owner,
                                                Platform::TokenType type) const {
+  return MakeToken(Token{owner, type, owner == atConsole ? console.value_or(0) : 0});
+}
+
+// The system may reuse a handle value, which then gets a new owner here.
+Result<UniqueHandle> SimulatedUsers::MakeToken(Token made) const {
   UniqueHandle token(CreateEventW(nullptr, TRUE, FALSE, nullptr));
   if (token == nullptr) return Result<UniqueHandle>::Failure(GetLastError());
-  tokens[token.get()] = {.owner = owner, .type = type};
+  tokens[token.get()] = std::move(made);
   return token;
 }
 
@@ -137,7 +141,19 @@ Result<UniqueHandle> SimulatedUsers::DuplicateUserToken(Platform::RawHandle toke
   const std::lock_guard guard(mutex);
   const auto found = tokens.find(token);
   if (found == tokens.end()) return Result<UniqueHandle>::Failure(ERROR_INVALID_HANDLE);
-  return MakeToken(std::wstring(found->second.owner), type);
+  return MakeToken({found->second.owner, type, found->second.logon});
+}
+
+Result<std::uint64_t> SimulatedUsers::LogonOf(Platform::RawHandle token) const {
+  const std::lock_guard guard(mutex);
+  const auto found = tokens.find(token);
+  if (found == tokens.end()) return Result<std::uint64_t>::Failure(ERROR_INVALID_HANDLE);
+  return found->second.logon;
+}
+
+Result<std::wstring> SimulatedUsers::SidOf(Platform::RawHandle token) const {
+  const auto user = UserOf(token);
+  return user ? user->sid : Result<std::wstring>::Failure(ERROR_INVALID_HANDLE);
 }
 
 Result<std::wstring> SimulatedUsers::QueryText(std::uint32_t session,

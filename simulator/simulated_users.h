@@ -63,6 +63,8 @@ class SimulatedUsers final : public Platform::Sessions, public Platform::Environ
   Platform::Result<Platform::UniqueHandle> QueryUserToken(std::uint32_t session) const override;
   Platform::Result<Platform::UniqueHandle> DuplicateUserToken(
       Platform::RawHandle token, Platform::TokenType type) const override;
+  Platform::Result<std::uint64_t> LogonOf(Platform::RawHandle token) const override;
+  Platform::Result<std::wstring> SidOf(Platform::RawHandle token) const override;
   Platform::Result<std::wstring> QueryText(std::uint32_t session,
                                            Platform::SessionText what) const override;
   Platform::ErrorCode Impersonate(Platform::RawHandle token) override;
@@ -81,6 +83,7 @@ class SimulatedUsers final : public Platform::Sessions, public Platform::Environ
   struct Token {
     std::wstring owner;
     Platform::TokenType type = Platform::TokenType::Primary;
+    std::uint64_t logon = 0;
   };
   using Variables = std::vector<std::pair<std::wstring, std::wstring>>;
 
@@ -89,6 +92,7 @@ class SimulatedUsers final : public Platform::Sessions, public Platform::Environ
   static Variables VariablesOf(const SimulatedUser& user);
   Platform::Result<Platform::UniqueHandle> MakeToken(const std::wstring& owner,
                                                      Platform::TokenType type) const;
+  Platform::Result<Platform::UniqueHandle> MakeToken(Token made) const;
   SimulatedUser AddLocked(const std::wstring& name);
 
   Timeline& timeline;

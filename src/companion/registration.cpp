@@ -45,16 +45,18 @@ Platform::ActingReport ReportTo(const Logging::TraceLogger& logger) {
   };
 }
 
-bool Expand(const wchar_t* path, std::wstring& expanded) {
-  return McAfeeHelper().expand_path_impersonated_as_loggedin_user(path, expanded);
+bool Expand(const wchar_t* path, std::wstring& expanded, Platform::OneLogon& user) {
+  return McAfeeHelper().expand_path_impersonated_as_loggedin_user(path, expanded, &user);
 }
 
 // The user controls the destination folder, where a link may wait, and the variables in both paths.
-// So the copy reads and writes with no more rights than the user has.
-bool CopyAsUser(const std::wstring& source, const std::wstring& destination, const wchar_t* caller,
+// So the copy reads and writes with no more rights than the user has, and never with another
+// user's.
+bool CopyAsUser(const std::wstring& source, const std::wstring& destination,
+                Platform::OneLogon& user, const wchar_t* caller,
                 const Logging::TraceLogger& logger) {
   const auto report = ReportTo(*Logging::LogManager::SetProvider(Logging::kComponentProvider));
-  const auto token = Platform::ConsoleUserToken(Platform::TokenType::Impersonation, report);
+  const auto token = Platform::ConsoleUserToken(Platform::TokenType::Impersonation, report, &user);
   return Platform::AsUser(token.get(), report,
                           [&] { return CopyFileContent(source, destination, caller, logger); });
 }
@@ -93,10 +95,11 @@ McAfeeHelper::McAfeeHelper()
     : logger(Logging::LogManager::SetProvider(Logging::kComponentProvider)) {}
 
 bool McAfeeHelper::expand_path_impersonated_as_loggedin_user(const std::wstring& path,
-                                                             std::wstring& expanded) const {
+                                                             std::wstring& expanded,
+                                                             Platform::OneLogon* same) const {
   logger->LogInfo(kActingAsUser);
   const auto token =
-      Platform::ConsoleUserToken(Platform::TokenType::Impersonation, ReportTo(*logger));
+      Platform::ConsoleUserToken(Platform::TokenType::Impersonation, ReportTo(*logger), same);
   auto answer = ExpandAsUser(token.get(), path, *logger);
   if (!answer) return false;
   expanded = *std::move(answer);
@@ -106,15 +109,17 @@ bool McAfeeHelper::expand_path_impersonated_as_loggedin_user(const std::wstring&
 bool CopyRegistrationData(const wchar_t* caller, const Logging::TraceLogger& logger) {
   std::wstring source;
   std::wstring destination;
-  return Expand(kMachineData, source) && Expand(kUserData, destination) &&
-         CopyAsUser(source, destination, caller, logger);
+  Platform::OneLogon user;
+  return Expand(kMachineData, source, user) && Expand(kUserData, destination, user) &&
+         CopyAsUser(source, destination, user, caller, logger);
 }
 
 bool RefreshRegistrationData(const Logging::TraceLogger& logger) {
   std::wstring source;
   std::wstring destination;
-  return Expand(kUserData, destination) && Expand(kMachineData, source) &&
-         CopyAsUser(source, destination, kResumeCaller, logger);
+  Platform::OneLogon user;
+  return Expand(kUserData, destination, user) && Expand(kMachineData, source, user) &&
+         CopyAsUser(source, destination, user, kResumeCaller, logger);
 }
 
 }  // namespace Vx::Tessel::Server::Services::Orvane

@@ -5,6 +5,7 @@
 #include <string_view>
 
 #include "host/logging.h"
+#include "platform/console_user.h"
 
 namespace Vx::Tessel::Server::Services::Orvane {
 
@@ -38,9 +39,10 @@ class McAfeeHelper {
   McAfeeHelper();
 
   // `expanded` receives `path` with the console user's variables expanded, at most 520 characters
-  // with the terminator. Returns false, and logs, when there is no console user or Windows refuses.
-  bool expand_path_impersonated_as_loggedin_user(const std::wstring& path,
-                                                 std::wstring& expanded) const;
+  // with the terminator. Returns false, and logs, when there is no console user, that user is not
+  // that of `same` or Windows refuses.
+  bool expand_path_impersonated_as_loggedin_user(const std::wstring& path, std::wstring& expanded,
+                                                 Platform::OneLogon* same = nullptr) const;
 
  private:
   const Logging::TraceLogger* logger;
@@ -48,7 +50,8 @@ class McAfeeHelper {
 
 // Copies the machine's registration data to the folder where the console user's programs look for
 // it. Returns true when the copy was made. Copies nothing unless both paths could be expanded as
-// that user, and copies with that user's rights. `caller` is the client of the log lines.
+// that user, and copies with that user's rights. Fails if another user comes to the console before
+// it has asked for the last time. `caller` is the client of the log lines.
 bool CopyRegistrationData(const wchar_t* caller, const Logging::TraceLogger& logger);
 
 // Makes the same copy after a resume. Expands the user's path first, and the machine's only if that

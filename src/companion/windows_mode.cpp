@@ -2,6 +2,7 @@
 
 #include <exception>
 #include <string>
+#include <utility>
 
 #include "json/utf8.h"
 #include "platform/environment.h"
@@ -60,10 +61,13 @@ namespace Qubo {
 WindowsModeCheckBehavior::WindowsModeCheckBehavior()
     : logger(Logging::LogManager::SetProvider(Logging::kComponentProvider)) {
   try {
-    document = Storage::CapDataStore().readDocument(kServiceDocument);
-  } catch (const std::exception&) {
-    logger->LogError(kNoDocument);
+    if (auto stored = Storage::CapDataStore().documentAtOpening(kServiceDocument)) {
+      document = *std::move(stored);
+      return;
+    }
+  } catch (const std::exception&) {  // NOLINT(bugprone-empty-catch): logged below
   }
+  logger->LogError(kNoDocument);
 }
 
 bool WindowsModeCheckBehavior::IsInSMode() const {

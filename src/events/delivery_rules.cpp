@@ -10,8 +10,6 @@ namespace {
 
 constexpr std::int64_t kTolerance = 2000;       // milliseconds
 constexpr std::int64_t kStandbyElapsed = 2001;  // milliseconds
-constexpr std::int64_t kLongestElapsed =
-    -std::int64_t{std::numeric_limits<std::int32_t>::min()};  // milliseconds
 constexpr std::wstring_view kBlanks = L" \t\n\v\f\r";
 
 constexpr bool IsDigit(wchar_t c) {
@@ -53,7 +51,8 @@ std::int64_t ElapsedUntilStandby(std::uint64_t start, std::uint64_t now) {
 }
 
 bool IsTooLong(int delaySeconds) {
-  return DelayLength(delaySeconds).count() - kLongestElapsed > kTolerance;
+  const auto length = static_cast<std::uint64_t>(DelayLength(delaySeconds).count());
+  return delaySeconds > 0 && IsOverdue(delaySeconds, ElapsedMilliseconds(0, length));
 }
 
 bool IsOverdue(int delaySeconds, std::int64_t elapsedMilliseconds) {

@@ -23,7 +23,8 @@ std::int64_t ElapsedUntilStandby(std::uint64_t start, std::uint64_t now);
 // out.
 bool IsOverdue(int delaySeconds, std::int64_t elapsedMilliseconds);
 
-// Whether a delay is so long that no elapsed time, measured in 32 bits, keeps a delivery.
+// Whether a delay is so long that a delivery is dropped after exactly that time, which is measured
+// in 32 bits.
 bool IsTooLong(int delaySeconds);
 
 // The delay in the clock's unit. Any int of seconds fits.

@@ -20,21 +20,29 @@ Marks& All() {
 
 }  // namespace
 
-bool FiringMark::RunOnce(const std::function<void()>& run) {
+bool FiringMark::RunOnce(const std::function<void()>& run, const std::function<bool()>& due) {
   const std::lock_guard guard(turn);
-  return RunInTurn(run);
+  return RunInTurn(run, due);
 }
 
 bool FiringMark::RunOnceUnlessRunning(const std::function<void()>& run) {
   const std::unique_lock guard(turn, std::try_to_lock);
-  return guard.owns_lock() && RunInTurn(run);
+  return guard.owns_lock() && RunInTurn(run, [] { return true; });
 }
 
-bool FiringMark::RunInTurn(const std::function<void()>& run) {
+bool FiringMark::RunInTurn(const std::function<void()>& run, const std::function<bool()>& due) {
   if (!MayRun()) return false;
-  run();
-  hasRun = true;
-  return true;
+  try {
+    if (due()) {
+      run();
+      hasRun = true;
+    }
+  } catch (...) {
+    begun = false;
+    throw;
+  }
+  begun = false;
+  return hasRun;
 }
 
 std::shared_ptr<FiringMark> FiringMarks::Of(const std::wstring& stored) {

@@ -15,24 +15,30 @@ namespace Vx::Tessel::Server::Services::Orvane {
 // several times, and all its registrations share one mark. Any thread.
 class FiringMark {
  public:
-  // Calls `run` unless it has run or may not. A call during another one waits for that. A call that
-  // throws does not count, and the exception is the caller's. Returns whether this call ran it.
-  bool RunOnce(const std::function<void()>& run);
+  // Calls `run` unless it has run or may not, or `due` returns false. A call during another one
+  // waits for that, before `due`. A call that throws does not count, and the exception is the
+  // caller's. Returns whether this call ran it.
+  bool RunOnce(
+      const std::function<void()>& run, const std::function<bool()>& due = [] { return true; });
 
   // The same, but returns false at once during another call.
   bool RunOnceUnlessRunning(const std::function<void()>& run);
 
+  // Called by `due` when it will return true: MayRun returns false from now on, unless `run` fails.
+  void Begin() noexcept { begun = true; }
+
   bool HasRun() const noexcept { return hasRun; }
-  bool MayRun() const noexcept { return !hasRun && !retired; }
+  bool MayRun() const noexcept { return !hasRun && !retired && !begun; }
 
   // Its request is gone: a command that has not begun does not run, and one that is running does
   // not run again when it fails. Does not wait.
   void Retire() noexcept { retired = true; }
 
  private:
-  bool RunInTurn(const std::function<void()>& run);
+  bool RunInTurn(const std::function<void()>& run, const std::function<bool()>& due);
 
-  std::mutex turn;  // held during a run
+  std::mutex turn;  // held during a run and the decision before it
+  std::atomic<bool> begun{false};
   std::atomic<bool> hasRun{false};
   std::atomic<bool> retired{false};
 };

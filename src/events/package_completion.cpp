@@ -45,16 +45,10 @@ Retries& All() {
   return retries;
 }
 
-bool HasEnded(const Platform::SharedHandle& service) {
-  const auto now =
-      Platform::CurrentMachine().clock->Wait(service.get(), std::chrono::milliseconds(0));
-  return now.outcome != Platform::WaitOutcome::TimedOut;
-}
-
 // Returns the event of a service that lives. Null if there is none, or none whose event could be
 // made.
 Platform::SharedHandle LivingService() {
-  std::erase_if(All().services, &HasEnded);
+  std::erase_if(All().services, &PackageCompletion::HasEnded);
   return All().services.empty() ? nullptr : All().services.front();
 }
 
@@ -103,6 +97,11 @@ std::mutex PackageCompletion::listChange;
 
 RequestManager PackageCompletion::StoredRequests() {
   return RequestManager(kServiceDocument, kPackageForm.list);
+}
+
+bool PackageCompletion::HasEnded(const Platform::SharedHandle& stop) {
+  const auto now = Platform::CurrentMachine().clock->Wait(stop.get(), std::chrono::milliseconds(0));
+  return now.outcome != Platform::WaitOutcome::TimedOut;
 }
 
 void PackageCompletion::AddService(const Platform::SharedHandle& stop) {
@@ -159,10 +158,17 @@ bool PackageCompletion::CompleteEqual(const std::wstring& request) {
   return false;
 }
 
-void PackageCompletion::CompleteAll() {
+void PackageCompletion::CompleteAll() noexcept {
   const std::lock_guard guard(listChange);
-  const bool goesOn = LivingService() != nullptr && All().working;
-  if (!Contained(&RemoveAll) && !goesOn) ReportLeft();
+  const auto complete = [] {
+    const bool goesOn = LivingService() != nullptr && All().working;
+    return Contained(&RemoveAll) || goesOn || ReportLeft();
+  };
+  Contained(complete);
+}
+
+void PackageCompletion::StartCompletingAll() {
+  if (!FiringMarks::OfThoseThatHaveRun().empty()) Platform::StartDetached(&CompleteAll);
 }
 
 }  // namespace Vx::Tessel::Server::Services::Orvane

@@ -23,6 +23,9 @@ class PackageCompletion {
   // listChange.
   static void AddService(const Platform::SharedHandle& stop);
 
+  // Whether the service that owns the event `stop` has ended, or its event cannot be waited for.
+  static bool HasEnded(const Platform::SharedHandle& stop);
+
   // Removes a request whose command has run, unless that happened already. If it fails, starts a
   // worker that tries again after 1, 2, 4 ... 256 seconds, until no service is left. It does so for
   // every such request of the process, and there is one worker at most: for a request that fails
@@ -36,8 +39,13 @@ class PackageCompletion {
   static bool CompleteEqual(const std::wstring& request);
 
   // Tries once more to complete what could not be completed. Logs what still cannot, unless the
-  // worker goes on for another service. Called when a service has ended. Takes listChange.
-  static void CompleteAll();
+  // worker goes on for another service. Takes listChange.
+  static void CompleteAll() noexcept;
+
+  // Does the same on a thread of its own if anything is left. Called when a service has ended,
+  // whose host waits for neither listChange nor the store. Throws std::system_error when no thread
+  // can be started.
+  static void StartCompletingAll();
 
   // Held while a request, its mark and its registration come or go together, so that what one
   // thread takes back or finds gone is never the request that another client was acknowledged for.

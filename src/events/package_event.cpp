@@ -53,6 +53,7 @@ std::int64_t IPCEvent::EventComplete(CompletionHandler handler) {
 std::mutex PackageUninstallingPCEvent::rLock;
 std::mutex PackageUninstallingPCEvent::register_mux;
 std::mutex PackageUninstallingPCEvent::uninstall_event_mux;
+std::mutex PackageUninstallingPCEvent::commandTurn;
 
 PackageUninstallingPCEvent::PackageUninstallingPCEvent(const std::wstring& packageFamilyName,
                                                        UninstallMoment moment,
@@ -92,12 +93,14 @@ bool PackageUninstallingPCEvent::IsProcessRunningAsSystem() const {
   return *answer;
 }
 
-std::shared_ptr<Platform::PackageCatalog> PackageUninstallingPCEvent::OpenConsoleUserCatalog()
-    const {
+std::shared_ptr<Platform::PackageCatalog> PackageUninstallingPCEvent::OpenConsoleUserCatalog() {
   Platform::Packages& packages = *Platform::CurrentMachine().packages;
   if (!IsProcessRunningAsSystem()) return packages.OpenCatalogForCurrentUser();
-  return Platform::AsConsoleUser(&ReportRefusedStep,
-                                 [&] { return packages.OpenCatalogForCurrentUser(); });
+  const Platform::UniqueHandle token = Platform::ConsoleUserToken(&ReportRefusedStep);
+  auto sid = Platform::CurrentMachine().sessions->SidOf(token.get());
+  user = sid ? std::optional(*std::move(sid)) : std::nullopt;
+  return Platform::AsUser(token.get(), &ReportRefusedStep,
+                          [&] { return packages.OpenCatalogForCurrentUser(); });
 }
 
 }  // namespace Vx::Tessel::Server::Services::Orvane

@@ -4,6 +4,7 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -71,17 +72,26 @@ class PackageUninstallingPCEvent final : public IPCEvent {
 
   void Register() override;
 
-  // Lock order: a mark's turn before uninstall_event_mux, and that before rLock. A notification
-  // takes neither of the register mutexes, so a caller that holds one may destroy an event during a
-  // notification.
+  // The SID of the user whose catalog is watched, or an empty text if that is the account of this
+  // process or there is no catalog. Nothing if the SID is not known.
+  const std::optional<std::wstring>& User() const noexcept { return user; }
+
+  // Outlives this object for as long as it is held.
+  const std::shared_ptr<UninstallWatch>& Watch() const noexcept { return watch; }
+
+  // Lock order: a mark's turn before uninstall_event_mux and commandTurn, and uninstall_event_mux
+  // before rLock. A notification takes neither of the register mutexes, so a caller that holds one
+  // may destroy an event during a notification.
   static std::mutex rLock;                // guards package queries and the opening of catalogs
   static std::mutex register_mux;         // guards the start of watcher threads
-  static std::mutex uninstall_event_mux;  // serialises notifications, but for first trust checks
+  static std::mutex uninstall_event_mux;  // serialises the decisions about notifications
+  static std::mutex commandTurn;          // serialises the commands that they run
 
  private:
   bool IsProcessRunningAsSystem() const;
-  std::shared_ptr<Platform::PackageCatalog> OpenConsoleUserCatalog() const;
+  std::shared_ptr<Platform::PackageCatalog> OpenConsoleUserCatalog();
 
+  std::optional<std::wstring> user = std::wstring();
   std::shared_ptr<Platform::PackageCatalog> catalog;
   std::shared_ptr<UninstallWatch> watch;
   std::vector<Platform::Thread> watchers;

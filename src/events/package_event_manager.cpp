@@ -9,6 +9,7 @@
 #include "events/firing_marks.h"
 #include "events/package_completion.h"
 #include "events/subscription_forms.h"
+#include "events/uninstall_watch.h"
 #include "host/logging.h"
 #include "json/json_object.h"
 #include "platform/windows_runtime_error.h"
@@ -60,13 +61,14 @@ bool MayBeStored(const std::wstring& stored) noexcept {
   }
 }
 
-// Stores a request. One whose command has run, but which could not be completed, makes room for it.
-void Persist(const std::wstring& request) {
+// Stores a request and returns whether the store took it. One whose command has run, but which
+// could not be completed, makes room for it.
+bool Persist(const std::wstring& request) {
   try {
-    PackageCompletion::StoredRequests().PersistRequest(request);
+    return PackageCompletion::StoredRequests().PersistRequest(request);
   } catch (const Platform::WindowsRuntimeError& error) {
     if (error.code() != kAlreadySubscribed || !PackageCompletion::CompleteEqual(request)) throw;
-    PackageCompletion::StoredRequests().PersistRequest(request);
+    return PackageCompletion::StoredRequests().PersistRequest(request);
   }
 }
 
@@ -93,7 +95,11 @@ class Replay {
   explicit Replay(Owner of) : owner(of), forgotten(FiringMarks::Forgotten()) {}
 
   void Register(const std::wstring& stored) {
-    if (RegisterOne(stored)) PackageCompletion::Complete(stored, mark);
+    if (RegisterOne(stored)) {
+      PackageCompletion::Complete(stored, mark);
+    } else {
+      PackageCatalogEventManager::EndReplaced(owner, mark);
+    }
   }
 
   // For the request whose registration failed last. Does not wait for a notification that runs the
@@ -131,6 +137,7 @@ class Replay {
 }  // namespace
 
 std::mutex PackageCatalogEventManager::register_event_mux;
+std::uint64_t PackageCatalogEventManager::lastNumber = 0;
 
 std::vector<PackageCatalogEventManager::LiveRequest>& PackageCatalogEventManager::requests() {
   static auto& list = *new std::vector<LiveRequest>();
@@ -141,10 +148,33 @@ void PackageCatalogEventManager::register_event(const std::wstring& request,
                                                 const CompletionHandler& completed,
                                                 const void* /*argument*/, Owner owner,
                                                 const std::shared_ptr<FiringMark>& mark) {
+  // Without the lock, which a service that ends takes: the package queries may take seconds.
+  LiveRequest live{owner, mark,
+                   std::make_unique<SubscribeForAppPackageEventRequest>(request, mark)};
   const std::lock_guard guard(register_event_mux);
-  LiveRequest live{owner, std::make_unique<SubscribeForAppPackageEventRequest>(request, mark)};
   live.request->RegisterPackageEvent(completed);
+  live.number = ++lastNumber;
   requests().push_back(std::move(live));
+}
+
+void PackageCatalogEventManager::EndReplaced(Owner owner, const std::shared_ptr<FiringMark>& mark) {
+  const auto same = [&](const LiveRequest& live) {
+    return live.owner == owner && live.mark == mark;
+  };
+  std::unique_lock guard(register_event_mux);
+  const auto last = std::find_if(requests().rbegin(), requests().rend(), same);
+  if (last == requests().rend()) return;
+  const std::uint64_t number = last->number;
+  const auto user = last->request->PackageEvent()->User();
+  const auto watch = last->request->PackageEvent()->Watch();
+  // Without the lock, which a service that ends takes. Until both watch, an uninstall could be
+  // missed.
+  guard.unlock();
+  if (!user || !watch->AwaitHandler()) return;
+  guard.lock();
+  std::erase_if(requests(), [&](const LiveRequest& live) {
+    return same(live) && live.number < number && live.request->PackageEvent()->User() == user;
+  });
 }
 
 void PackageCatalogEventManager::execute_command(const std::wstring& request) {
@@ -166,7 +196,7 @@ void RegisterAppPackageEvent(const std::wstring& request, Owner owner,
                              const Platform::SharedHandle& stop) {
   const std::lock_guard guard(PackageCompletion::listChange);
   PackageCompletion::AddService(stop);
-  Persist(request);
+  const bool isStored = Persist(request);
   const std::wstring stored = StoredText(request);
   const MarkPtr mark = FiringMarks::Renew(stored);
   try {
@@ -174,6 +204,9 @@ void RegisterAppPackageEvent(const std::wstring& request, Owner owner,
   } catch (const Platform::WindowsRuntimeError&) {
     TakeBack(stored, mark);
     throw;
+  } catch (const std::exception& error) {
+    if (!isStored) throw;
+    throw NotWatched(error.what());
   }
 }
 
@@ -186,6 +219,7 @@ void RegisterExistingPackageCatalogManagerRequests(Owner owner,
   Replay replay(owner);
   PackageCompletion::StoredRequests().RegisterExistingRequests(
       [&](const std::wstring& request) {
+        if (stop != nullptr && PackageCompletion::HasEnded(stop)) return;
         try {
           replay.Register(request);
         } catch (const std::exception& error) {

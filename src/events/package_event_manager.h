@@ -1,7 +1,9 @@
 #pragma once
 
+#include <cstdint>
 #include <memory>
 #include <mutex>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -27,6 +29,10 @@ class PackageCatalogEventManager {
                              const void* argument = nullptr, Owner owner = nullptr,
                              const std::shared_ptr<FiringMark>& mark = nullptr);
 
+  // Ends the service's earlier registrations of the stored request of `mark` for the user of its
+  // last one, once that one watches. Waits for its watcher to begin.
+  static void EndReplaced(Owner owner, const std::shared_ptr<FiringMark>& mark);
+
   // Runs the command of a request whose package was uninstalled while the service was not running,
   // if the command may run late.
   static void execute_command(const std::wstring& request);
@@ -42,25 +48,36 @@ class PackageCatalogEventManager {
  private:
   struct LiveRequest {
     Owner owner;
+    std::shared_ptr<FiringMark> mark;  // null if there is none
     std::unique_ptr<SubscribeForAppPackageEventRequest> request;
+    std::uint64_t number = 0;  // in the order of registration
   };
 
   // Never destroyed, because the host may unload the module while subscriptions are live.
   static std::vector<LiveRequest>& requests();
+  static std::uint64_t lastNumber;  // guarded by register_event_mux
+};
+
+// A request was stored but could not be made live. It stays stored.
+class NotWatched : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
 };
 
 // Stores a request, then makes it live. Throws as PersistRequest and register_event do, and
 // std::runtime_error if the same subscription has run but cannot be removed. Removes the request
-// again where its registration throws Platform::WindowsRuntimeError; after another exception it
-// stays stored. No other client can subscribe the same text in between. `stop` is signalled when
+// again where its registration throws Platform::WindowsRuntimeError; throws NotWatched for another
+// exception. No other client can subscribe the same text in between. `stop` is signalled when
 // the service ends: while one lives, a completion that fails is tried again (see
 // PackageCompletion).
 void RegisterAppPackageEvent(const std::wstring& request, PackageCatalogEventManager::Owner owner,
                              const Platform::SharedHandle& stop = nullptr);
 
-// Makes every stored subscription live again. Where the package is gone, runs the command now if it
-// may run late, and completes the subscription. A request that was registered before runs once, and
-// one whose command has run but which could not be completed is completed now.
+// Makes every stored subscription live again, in place of this service's earlier registrations for
+// the same user. Where the package is gone, runs the command now if it may run late, and completes
+// the subscription. A request that was registered before runs once, and one whose command has run
+// but which could not be completed is completed now. Registers no further request once `stop` is
+// signalled.
 void RegisterExistingPackageCatalogManagerRequests(PackageCatalogEventManager::Owner owner,
                                                    const Platform::SharedHandle& stop = nullptr);
 

@@ -25,7 +25,7 @@ class SubscribeForAppPackageEventRequest {
   PackageCatalogEvent CatalogEvent() const noexcept { return catalogEvent; }
   EventAction CatalogAction() const noexcept { return catalogAction; }
   std::wstring PackageFamilyName() const { return packageFamilyName; }
-  IPCEvent* PackageEvent() const noexcept { return packageEvent.get(); }
+  PackageUninstallingPCEvent* PackageEvent() const noexcept { return packageEvent.get(); }
 
   // Adds the handler unless it is empty, and starts to watch. Throws as IPCEvent::Register does.
   void RegisterPackageEvent(const CompletionHandler& completed);
@@ -38,7 +38,7 @@ class SubscribeForAppPackageEventRequest {
   PackageCatalogEvent catalogEvent{};
   EventAction catalogAction{};
   std::wstring packageFamilyName;
-  std::unique_ptr<IPCEvent> packageEvent;
+  std::unique_ptr<PackageUninstallingPCEvent> packageEvent;
 };
 
 }  // namespace Vx::Tessel::Server::Services::Orvane

@@ -190,13 +190,6 @@ std::optional<std::int64_t> WaitDelay(const DeliveryKind& kind, const std::wstri
   return elapsed;
 }
 
-// Whether the service ended, also while the delivery queued behind others for the lock.
-bool HasEnded(const Platform::SharedHandle& stop) {
-  if (stop == nullptr) return false;
-  const auto now = Platform::CurrentMachine().clock->Wait(stop.get(), std::chrono::milliseconds(0));
-  return now.outcome == Platform::WaitOutcome::Signalled;
-}
-
 std::wstring TriggerOf(const EventSubscription& subscription) {
   if (subscription.Action() != EventAction::AppServiceNotification) return {};
   try {
@@ -220,9 +213,7 @@ void Deliver(const DeliveryKind& kind, const std::wstring& request,
                          ? std::unique_lock(*kind.handleEventMutex)
                          : TakeTurn(*subscription.Command(), *kind.handleEventMutex);
   place.StopWaiting();
-  if (HasEnded(stop)) {
-    Log().LogWarning(kServiceEnded, kind.name, request.c_str());
-  } else if (IsOverdue(delay, *elapsed)) {
+  if (IsOverdue(delay, *elapsed)) {
     Log().LogInfo(kind.texts.discarded, static_cast<int>(*elapsed));
   } else if (!trigger.empty()) {
     const std::uint32_t status = Platform::CurrentMachine().systemTriggers->Raise(trigger);

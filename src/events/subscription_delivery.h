@@ -104,9 +104,9 @@ inline constexpr int kMostDeliveries = 1024;
 // one for another event, and one that cannot be read, which is logged, needs no worker. Otherwise
 // starts a detached worker, or logs that the delivery is dropped because too many exist. The worker
 // waits out the delay without a lock, then decides and runs the command under the kind's mutex. It
-// does not wait for a delay that IsTooLong, and logs a delivery that it drops. If it waits when
-// `stop` is signalled, it logs that and ends. Throws std::system_error when no thread can be
-// started, and std::bad_alloc.
+// does not wait for a delay that IsTooLong, and logs a delivery that it drops. If it waits for its
+// delay when `stop` is signalled, it logs that and ends. Throws std::system_error when no thread
+// can be started, and std::bad_alloc.
 void StartDelivery(const DeliveryKind& kind, const std::wstring& request, std::uint32_t eventType,
                    const Platform::SharedHandle& stop);
 

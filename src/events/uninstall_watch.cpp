@@ -95,13 +95,29 @@ UninstallWatch::UninstallWatch(std::wstring packageFamilyName, UninstallMoment u
 
 void UninstallWatch::Run(const std::shared_ptr<UninstallWatch>& watch,
                          const std::shared_ptr<Platform::PackageCatalog>& catalog) noexcept {
-  if (catalog == nullptr) return;
+  bool added = false;
   Contain([&] {
+    if (catalog == nullptr) return;
     const auto token = catalog->AddUninstalling(
         [watch](const Platform::PackageUninstall& uninstall) { watch->OnUninstalling(uninstall); });
+    added = true;
+    watch->Report(Handler::Added);
     while (!watch->stopping) watch->Pause();
     catalog->RemoveUninstalling(token);
   });
+  if (!added) watch->Report(Handler::Refused);
+}
+
+void UninstallWatch::Report(Handler outcome) {
+  const std::lock_guard guard(handlerMutex);
+  handler = outcome;
+  handlerKnown.notify_all();
+}
+
+bool UninstallWatch::AwaitHandler() {
+  std::unique_lock guard(handlerMutex);
+  handlerKnown.wait(guard, [this] { return handler != Handler::Awaited; });
+  return handler == Handler::Added;
 }
 
 void UninstallWatch::Stop() noexcept {
@@ -117,29 +133,35 @@ void UninstallWatch::Handle(const Platform::PackageUninstall& uninstall) {
   // A notification that came before a log-off is handled also when the lock is free only later: the
   // package went, and no other notification follows.
   if (stopping) return;
-  if (IsDue(uninstall)) RunCommand();
+  const std::wstring received = uninstall.FamilyName();
+  const auto due = [&] { return IsDue(uninstall, received); };
+  // Of another package: only logged, so a logon that runs the command late need not wait for it.
+  if (received != familyName) {
+    due();
+    return;
+  }
+  const auto run = [this] {
+    const auto guard = TakeTurn(*command, PackageUninstallingPCEvent::commandTurn);
+    command->Execute();
+  };
+  // Marked before the handlers are called, so that one that fails does not make the command run
+  // again.
+  if (mark->RunOnce(run, due)) completion->Raise({});
 }
 
-bool UninstallWatch::IsDue(const Platform::PackageUninstall& uninstall) const {
-  const std::wstring received = uninstall.FamilyName();
+bool UninstallWatch::IsDue(const Platform::PackageUninstall& uninstall,
+                           const std::wstring& received) const {
   const std::lock_guard guard(PackageUninstallingPCEvent::uninstall_event_mux);
   if (!mark->MayRun()) return false;
   Log().LogInfo(kInvoked, familyName.c_str(), received.c_str());
   if (received != familyName) return false;
-  if (moment == UninstallMoment::Starts) return true;
-  AwaitCompletion(uninstall);
-  // Another user may still have the package. The event then stays armed.
-  return IsGone(familyName);
-}
-
-void UninstallWatch::RunCommand() {
-  const bool ran = mark->RunOnce([this] {
-    const auto guard = TakeTurn(*command, PackageUninstallingPCEvent::uninstall_event_mux);
-    command->Execute();
-  });
-  // Marked before the handlers are called, so that one that fails does not make the command run
-  // again.
-  if (ran) completion->Raise({});
+  if (moment == UninstallMoment::Completed) {
+    AwaitCompletion(uninstall);
+    // Another user may still have the package. The event then stays armed.
+    if (!IsGone(familyName) || !mark->MayRun()) return false;
+  }
+  mark->Begin();
+  return true;
 }
 
 void UninstallWatch::Pause() {

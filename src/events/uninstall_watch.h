@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <condition_variable>
 #include <cstdint>
 #include <memory>
 #include <mutex>
@@ -44,6 +45,10 @@ class UninstallWatch {
   static void Run(const std::shared_ptr<UninstallWatch>& watch,
                   const std::shared_ptr<Platform::PackageCatalog>& catalog) noexcept;
 
+  // Waits until the watcher has added its handler and returns true, or false if it ends without.
+  // The watcher must have been started.
+  bool AwaitHandler();
+
   // Ends the watcher now. Later notifications have no effect. One that has begun to wait for
   // another one or for the end of an uninstall finishes: the code of a log-off does not say whose
   // session ended.
@@ -56,10 +61,13 @@ class UninstallWatch {
   void Handle(const Platform::PackageUninstall& uninstall);
 
   // Logs a notification and returns whether the command is to run: for an uninstall that has to be
-  // complete, once it is and the package is gone.
-  bool IsDue(const Platform::PackageUninstall& uninstall) const;
-  void RunCommand();
+  // complete, once it is and the package is gone. Marks the run as begun before another
+  // notification is decided.
+  bool IsDue(const Platform::PackageUninstall& uninstall, const std::wstring& received) const;
   void Pause();
+
+  enum class Handler : std::uint8_t { Awaited, Added, Refused };
+  void Report(Handler outcome);
 
   const std::wstring familyName;
   const UninstallMoment moment;
@@ -69,6 +77,9 @@ class UninstallWatch {
   // could not create it.
   const Platform::UniqueHandle stopEvent;
   std::atomic<bool> stopping{false};
+  std::mutex handlerMutex;  // guards `handler`; no other lock is taken under it
+  std::condition_variable handlerKnown;
+  Handler handler = Handler::Awaited;
   const std::shared_ptr<FiringMark> mark;
 };
 

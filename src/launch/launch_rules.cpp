@@ -56,7 +56,7 @@ bool CanBePath(std::wstring_view text) {
 
 std::optional<std::wstring> AppCommandLine(std::wstring_view executable,
                                            std::wstring_view parameter) {
-  if (executable.size() > kMaxPath || parameter.size() > kMaxCommandLine) return std::nullopt;
+  if (std::max(executable.size(), parameter.size()) > kMaxCommandLine) return std::nullopt;
   if (parameter.empty()) return std::wstring(executable);
   std::wstring line = Quoted(executable);
   if (line.size() + 1 + parameter.size() > kMaxCommandLine) return std::nullopt;

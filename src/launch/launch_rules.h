@@ -8,8 +8,9 @@
 
 namespace Vx::Tessel::Server::Services::Orvane {
 
-// The longest command line that Windows takes, in characters without the terminator.
-inline constexpr std::size_t kMaxCommandLine = 32767;
+// The longest command line that Windows takes, in characters without the terminator: see
+// https://learn.microsoft.com/windows/win32/api/processthreadsapi/nf-processthreadsapi-createprocessasuserw
+inline constexpr std::size_t kMaxCommandLine = 32766;
 inline constexpr std::size_t kMaxPath = 32767;
 
 // Returns the command line of an app: its path alone, or the quoted path, a blank and the

@@ -84,13 +84,14 @@ std::mutex Launcher::rLock;
 Launcher::Launcher()
     : logger(LogManager::SetProvider(Logging::kComponentProvider)), aliasFolder(kAliasFolder) {}
 
-Platform::SharedHandle Launcher::GetUserTokenForCurrentUser(TokenType type) const {
+Platform::SharedHandle Launcher::GetUserTokenForCurrentUser(TokenType type,
+                                                            Platform::OneLogon* same) const {
   if (!CurrentMachine().apiSets->IsPresent(Platform::kSessionApiSet)) {
     logger->LogError(kNoSessionApi);
     return nullptr;
   }
   logger->LogInfo(kActingAsUser);
-  return Platform::Share(Platform::ConsoleUserToken(type, ReportTo(*logger)));
+  return Platform::Share(Platform::ConsoleUserToken(type, ReportTo(*logger), same));
 }
 
 std::wstring Launcher::GetPackageFullNameByFamilyName(const std::wstring& familyName) const {
@@ -150,8 +151,10 @@ std::wstring Launcher::GetAbsolutePathForUWPAlias(const std::wstring& alias) con
 bool Launcher::Run(const std::wstring& alias, const std::wstring& packageFamilyName,
                    const std::wstring& parameter) const {
   if (alias.empty() || packageFamilyName.empty()) return false;
-  const auto actingToken = GetUserTokenForCurrentUser(TokenType::Impersonation);
-  const auto primaryToken = GetUserTokenForCurrentUser(TokenType::Primary);
+  // One user's program must not start with another user's token.
+  Platform::OneLogon user;
+  const auto actingToken = GetUserTokenForCurrentUser(TokenType::Impersonation, &user);
+  const auto primaryToken = GetUserTokenForCurrentUser(TokenType::Primary, &user);
   if (actingToken == nullptr) return false;
 
   const std::wstring program = GetPathExpandedImpersonatedAsCurrentUser(

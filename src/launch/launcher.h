@@ -35,8 +35,9 @@ class Launcher {
   bool Run(const std::wstring& alias, const std::wstring& packageFamilyName,
            const std::wstring& parameter = {}) const;
 
-  // Returns the console user's token, or null on failure.
-  Platform::SharedHandle GetUserTokenForCurrentUser(Platform::TokenType type) const;
+  // Returns the console user's token, or null on failure or if that user is not that of `same`.
+  Platform::SharedHandle GetUserTokenForCurrentUser(Platform::TokenType type,
+                                                    Platform::OneLogon* same = nullptr) const;
 
   // Return an empty text on failure. The overloads with a token impersonate its user.
   std::wstring GetPackageFullNameByFamilyName(const std::wstring& familyName) const;

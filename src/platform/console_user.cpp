@@ -13,10 +13,19 @@ namespace {
 
 constexpr ErrorCode kCallNotImplemented = 120;  // ERROR_CALL_NOT_IMPLEMENTED
 constexpr ErrorCode kNoToken = 1008;            // ERROR_NO_TOKEN
+constexpr ErrorCode kLogonFailure = 1326;       // ERROR_LOGON_FAILURE
+
+// Returns zero, or why the user of `token` is not known to be that of `same`.
+ErrorCode CheckLogon(RawHandle token, OneLogon& same) {
+  const auto logon = CurrentMachine().sessions->LogonOf(token);
+  if (!logon) return logon.Error();
+  if (!same) same = *logon;
+  return *same == *logon ? 0 : kLogonFailure;
+}
 
 }  // namespace
 
-UniqueHandle ConsoleUserToken(const ActingReport& report) {
+UniqueHandle ConsoleUserToken(const ActingReport& report, OneLogon* same) {
   const Machine& machine = CurrentMachine();
   const std::uint32_t session = machine.sessions->ActiveConsoleSession();
   if (session == kNoSession) {
@@ -28,13 +37,15 @@ UniqueHandle ConsoleUserToken(const ActingReport& report) {
     return nullptr;
   }
   auto token = machine.sessions->QueryUserToken(session);
-  if (token) return *std::move(token);
-  report(ActingStep::Token, token.Error());
+  ErrorCode error = token ? 0 : token.Error();
+  if (token && same != nullptr) error = CheckLogon(token->get(), *same);
+  if (error == 0) return *std::move(token);
+  report(ActingStep::Token, error);
   return nullptr;
 }
 
-UniqueHandle ConsoleUserToken(TokenType type, const ActingReport& report) {
-  const UniqueHandle token = ConsoleUserToken(report);
+UniqueHandle ConsoleUserToken(TokenType type, const ActingReport& report, OneLogon* same) {
+  const UniqueHandle token = ConsoleUserToken(report, same);
   if (token == nullptr) return nullptr;
   auto copy = CurrentMachine().sessions->DuplicateUserToken(token.get(), type);
   if (copy) return *std::move(copy);

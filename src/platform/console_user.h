@@ -1,6 +1,8 @@
 #pragma once
 
+#include <cstdint>
 #include <functional>
+#include <optional>
 #include <utility>
 
 #include "platform/result.h"
@@ -18,12 +20,17 @@ enum class ActingStep { Session, SessionApi, Token, TokenCopy, Impersonation, Re
 // for Revert, which a destructor reports.
 using ActingReport = std::function<void(ActingStep step, ErrorCode error)>;
 
+// The logon session that one operation acts for, which its first question decides. Another user may
+// be at the console when the operation asks again.
+using OneLogon = std::optional<std::uint64_t>;
+
 // Returns the primary token of the user at the console, or null after a refusal. Session fails with
-// ERROR_NO_TOKEN, SessionApi with ERROR_CALL_NOT_IMPLEMENTED.
-UniqueHandle ConsoleUserToken(const ActingReport& report);
+// ERROR_NO_TOKEN, SessionApi with ERROR_CALL_NOT_IMPLEMENTED, and Token with ERROR_LOGON_FAILURE if
+// the user is not that of `same`.
+UniqueHandle ConsoleUserToken(const ActingReport& report, OneLogon* same = nullptr);
 
 // Returns a copy of that token with maximum allowed access and impersonation level "impersonation".
-UniqueHandle ConsoleUserToken(TokenType type, const ActingReport& report);
+UniqueHandle ConsoleUserToken(TokenType type, const ActingReport& report, OneLogon* same = nullptr);
 
 // Runs the calling thread as another user for the life of this object.
 //

@@ -28,6 +28,12 @@ class Sessions {
   // A copy of `token` with maximum allowed access and impersonation level "impersonation".
   virtual Result<UniqueHandle> DuplicateUserToken(RawHandle token, TokenType type) const = 0;
 
+  // Identifies the logon session of `token`. Every token of one logon has the same value.
+  virtual Result<std::uint64_t> LogonOf(RawHandle token) const = 0;
+
+  // The SID, as text, of the user of `token`.
+  virtual Result<std::wstring> SidOf(RawHandle token) const = 0;
+
   // The name or the domain of the user of `session`.
   virtual Result<std::wstring> QueryText(std::uint32_t session, SessionText what) const = 0;
 

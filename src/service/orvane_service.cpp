@@ -130,7 +130,7 @@ OrvaneService::~OrvaneService() {
   SignalIfMade(state->sessionStopEvent.get());
   // Their watchers would keep the module loaded for good.
   Contain("Destroy", [this] { PackageCatalogEventManager::clear_events(state.get()); });
-  Contain("Destroy", [] { PackageCompletion::CompleteAll(); });
+  Contain("Destroy", [] { PackageCompletion::StartCompletingAll(); });
 }
 
 void* OrvaneService::Destroy(unsigned flags) noexcept {

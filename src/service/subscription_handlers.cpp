@@ -3,6 +3,7 @@
 #include <exception>
 
 #include "events/package_event.h"
+#include "events/package_event_manager.h"
 #include "events/power_events.h"
 #include "events/subscription_hash.h"
 #include "events/zephra_events.h"
@@ -51,11 +52,13 @@ void ReportUnreadable(const Call& call) {
   }
 }
 
-// Subscribes and reports a failure, but not the outcome.
-std::uint32_t TrySubscribeToPackageEvent(const Call& call) {
+// Subscribes and reports a failure, but not what became of the list, which `change` receives.
+std::uint32_t TrySubscribeToPackageEvent(const Call& call, ListChange& change) {
   const auto log = Log(call.caller);
+  change = ListChange::Refused;
   try {
     call.service.RegisterAppPackageEvent(call.text);
+    change = ListChange::Accepted;
     return kSuccess;
   } catch (const Platform::WindowsRuntimeError& error) {
     log.LogError(kPackageRuntimeError, error.message().c_str(), error.code());
@@ -64,6 +67,7 @@ std::uint32_t TrySubscribeToPackageEvent(const Call& call) {
     return static_cast<std::uint32_t>(error.code());
   } catch (const std::exception& error) {
     log.LogError(kPackageFailed, error.what());
+    if (dynamic_cast<const NotWatched*>(&error) != nullptr) change = ListChange::Accepted;
     return kStandardException;
   }
 }
@@ -71,9 +75,9 @@ std::uint32_t TrySubscribeToPackageEvent(const Call& call) {
 }  // namespace
 
 std::uint32_t SubscribeToPackageEvent(const Call& call) {
-  const std::uint32_t result = TrySubscribeToPackageEvent(call);
-  LogListChange(result == kSuccess ? ListChange::Accepted : ListChange::Refused, call.text,
-                call.caller.clientId, kSubscribeToPackageEvent);
+  ListChange change{};
+  const std::uint32_t result = TrySubscribeToPackageEvent(call, change);
+  LogListChange(change, call.text, call.caller.clientId, kSubscribeToPackageEvent);
   return result;
 }
 

@@ -231,8 +231,8 @@ bool CapDataStore::persistUnlessDocument(std::string_view key, bool value) {
   const std::optional<BsonView> found = document.Find(key);
   const bool isDocument = found && found->Kind() == BsonKind::Document;
   if (isDocument) Log().LogWarning(kDocumentStays);
-  const bool stored = lastReading.state == StoreState::Sound && !isDocument &&
-                      store(key, BsonElement::Boolean(value));
+  const bool stored =
+      MayReplace(lastReading.state) && !isDocument && store(key, BsonElement::Boolean(value));
   hold.Release();
   return stored;
 }

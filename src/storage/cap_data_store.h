@@ -44,9 +44,9 @@ class CapDataStore {
   bool persist(std::string_view key, bool value);
   bool persist(std::string_view key, const BsonElement& value);
 
-  // Writes a top-level boolean, unless the value under `key` is a document or the file cannot be
-  // read, which may hold one. Looks and writes under one hold of the mutex. Returns true once the
-  // disk holds it. Throws system_mutex_exception.
+  // Writes a top-level boolean, unless the value under `key` is a document or the file may hold one
+  // but cannot be read. Replaces a damaged file and keeps a copy. Looks and writes under one hold
+  // of the mutex. Returns true once the disk holds it. Throws system_mutex_exception.
   bool persistUnlessDocument(std::string_view key, bool value);
 
   // A copy of the top-level value under `key`; false when it is missing or the file cannot be read

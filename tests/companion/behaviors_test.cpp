@@ -21,6 +21,7 @@
 #include "companion/windows_mode.h"
 #include "storage/cap_data_store.h"
 #include "support/faulty_files.h"
+#include "support/log_trap.h"
 #include "support/machine_test.h"
 
 namespace Vx::Tessel::Server::Services::Orvane {
@@ -99,6 +100,8 @@ TEST_F(BehaviorTest, KnowsNoRegistrationStateOfAnotherKindOrWithoutAStore) {
 
 TEST_F(BehaviorTest, WasInSModeOnlyWithALockedFirstModeOnRecord) {
   using Storage::BsonElement;
+  constexpr wchar_t kNoDocument[] =
+      L"error|Could not retrive OrvaneService for WindowsModeCheckBehavior";
   static const struct {
     BsonElement first;
     const wchar_t* logged = nullptr;
@@ -121,8 +124,12 @@ TEST_F(BehaviorTest, WasInSModeOnlyWithALockedFirstModeOnRecord) {
     EXPECT_TRUE(log.Has(start + L"First Lockdown Policy is " + c.logged));
     EXPECT_EQ(log.Has(start + L"Detected S Mode Switch"), c.was);
     EXPECT_EQ(log.Has(start + L"Detected S Mode Switch 1"), c.was);
+    EXPECT_FALSE(log.Has(kNoDocument));
     log.Clear();
   }
+  Write(store.FilePath(), std::string(100, 'x'));
+  EXPECT_FALSE(Qubo::WindowsModeCheckBehavior().HasBeenInSMode());
+  EXPECT_TRUE(log.Has(kNoDocument));
 }
 
 class RegistrationDataTest : public BehaviorTest {
@@ -177,6 +184,25 @@ TEST_F(RegistrationDataTest, CopiesTheMachinesDataOverTheUsersWithTheUsersRights
     EXPECT_FALSE(CopyRegistrationData(L"client", logger));
   }
   EXPECT_EQ(accesses, 8);
+}
+
+// During the second of the three steps, and between that and the third.
+TEST_F(RegistrationDataTest, CopiesNothingWithTheRightsOfAnotherUser) {
+  Write(Source(), "new");
+  Write(Destination(), "old");
+  const std::function<bool()> copies[] = {[&] { return CopyRegistrationData(L"client", logger); },
+                                          [&] { return RefreshRegistrationData(logger); }};
+  for (const auto& [line, time] : {std::pair(L"Attempting to impersonate", 2),
+                                   std::pair(L"Problem while reverting the impersonation.", 1)}) {
+    for (const auto& copy : copies) {
+      machine.users.LogOn(L"ann");
+      machine.faults.FailNamed("Sessions.Revert", 1);
+      const Tests::LogTrap change(line, time, [&] { machine.users.LogOn(L"bob"); });
+      EXPECT_FALSE(copy());
+      EXPECT_EQ(log.Lines().back(), L"warning|Problem while querying user's access token.");
+    }
+  }
+  EXPECT_EQ(Read(Destination()), "old");
 }
 
 // A folder of files and the log lines about them.

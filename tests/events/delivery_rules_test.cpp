@@ -82,15 +82,15 @@ TEST(IsOverdue, ToleratesTwoSecondsEitherWay) {
   }
 }
 
-TEST(IsTooLong, IsADelayThatNoTimeIn32BitsKeeps) {
+TEST(IsTooLong, IsADelayThatIsOverdueWhenItIsOver) {
   static constexpr struct {
     int delay;
     bool tooLong;
-  } kCases[] = {{kMin, false}, {0, false}, {2147485, false}, {2147486, true}, {kMax, true}};
+  } kCases[] = {{kMin, false}, {0, false}, {2147484, false}, {2147485, true}, {kMax, true}};
   for (const auto& c : kCases) {
     EXPECT_EQ(IsTooLong(c.delay), c.tooLong) << c.delay;
-    EXPECT_EQ(IsOverdue(c.delay, ElapsedMilliseconds(0, 0x80000000)), c.tooLong || c.delay < 0)
-        << c.delay;
+    const auto end = static_cast<std::uint64_t>(DelayLength(c.delay).count());
+    EXPECT_EQ(IsOverdue(c.delay, ElapsedMilliseconds(0, end)), c.tooLong || c.delay < 0) << c.delay;
   }
 }
 

@@ -86,7 +86,7 @@ TEST_F(OneShotTest, RunsOnceHoweverOftenItIsRegistered) {
       const std::size_t sent = Sent().size();
       Subscribe(L" " + Request(event));
       for (const int* service : {&first, &first, &second}) Replay(*service);
-      EXPECT_EQ(machine.packages.Handlers(L"ann"), 4U);
+      EXPECT_EQ(machine.packages.Handlers(L"ann"), 2U) << "one of each service";
       Uninstall();
       EXPECT_EQ(Sent().size() - sent, 1U);
       EXPECT_EQ(Stored(), L"[]");
@@ -240,6 +240,26 @@ TEST_F(OneShotTest, IsReportedAtTheEndAlsoWhenTheLastTryThrows) {
   disk.onStep = [](const char*) { return 0U; };
   PackageCompletion::CompleteAll();
   PackageCatalogEventManager::clear_events();
+}
+
+TEST_F(OneShotTest, IsRegisteredOnceForEachUserHoweverOftenUsersLogOn) {
+  Subscribe(L" " + Request(5));
+  for (const wchar_t* user : {L"ann", L"bob", L"ann", L"bob"}) {
+    machine.users.LogOn(user);
+    Replay(first);
+  }
+  EXPECT_EQ(machine.packages.Handlers(L"ann"), 1U);
+  EXPECT_EQ(machine.packages.Handlers(L"bob"), 1U);
+  EXPECT_EQ(machine.clock.Workers(), 2U);
+  // One that cannot watch, or of an unknown user, ends no other.
+  for (const char* call : {"PackageCatalog.AddUninstalling", "Sessions.SidOf"}) {
+    machine.faults.FailNamed(call);
+    Replay(first);
+    machine.faults.Clear();
+    EXPECT_GE(machine.packages.Handlers(L"bob"), 1U);
+  }
+  Notify(kFamily);
+  EXPECT_THAT(Sent(), SizeIs(1));
 }
 
 // A process that ends takes its marks with it, but leaves what is stored.

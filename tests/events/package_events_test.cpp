@@ -3,6 +3,7 @@
 #include <atomic>
 #include <chrono>
 #include <functional>
+#include <future>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -17,6 +18,7 @@
 #include "events/package_event_request.h"
 #include "events/package_event_test.h"
 #include "platform/windows_runtime_error.h"
+#include "simulator/simulated_files.h"
 #include "support/is_free.h"
 #include "support/log_trap.h"
 
@@ -32,6 +34,19 @@ using Tests::kFamily;
 using Tests::PackageRequest;
 using Manager = PackageCatalogEventManager;
 
+// Runs an action when a program is opened for its check.
+class CheckTrap final : public Simulator::SimulatedFiles {
+ public:
+  explicit CheckTrap(std::function<void()> run) : action(std::move(run)) {}
+  Platform::Result<Platform::UniqueHandle> OpenReadLocked(const std::wstring& path) const override {
+    if (const auto run = std::exchange(action, nullptr)) run();
+    return SimulatedFiles::OpenReadLocked(path);
+  }
+
+ private:
+  mutable std::function<void()> action;
+};
+
 class PackageEventTest : public Tests::PackageEventFixture {
  protected:
   // Returns 0, or the code that it throws.
@@ -44,6 +59,12 @@ class PackageEventTest : public Tests::PackageEventFixture {
     } catch (const Platform::WindowsRuntimeError& error) {
       return error.code();
     }
+  }
+
+  static std::wstring LaunchRequest(const std::wstring& event,
+                                    const std::wstring& family = kFamily) {
+    return L"{\"catalogEvent\":" + event + LR"(,"catalogAction":1,"packageFamilyName":")" + family +
+           LR"(","catalogActionParams":{"path":"C:\\windows\\x.exe"}})";
   }
 
   std::vector<std::wstring> completed;
@@ -85,23 +106,65 @@ TEST_F(PackageEventTest, StaysArmedWhenItsCommandFails) {
 TEST_F(PackageEventTest, ChecksAProgramWithoutHoldingUpOtherNotifications) {
   for (const std::wstring event : {L"5", L"7"}) {
     Install();
-    Register(
-        LR"({"catalogAction":1,"packageFamilyName":"App_abc",)"
-        LR"("catalogActionParams":{"path":"C:\\windows\\x.exe"},"catalogEvent":)" +
-        event + L"}");
+    Register(LaunchRequest(event));
     Remove();
     log.Clear();
     std::vector<bool> free;
     const auto note = [&] {
       free.push_back(Tests::IsFree(PackageUninstallingPCEvent::uninstall_event_mux));
+      free.push_back(Tests::IsFree(PackageUninstallingPCEvent::commandTurn));
     };
     const Tests::LogTrap check(L"AquireFileReadOnlyLock", 1, note);
     const Tests::LogTrap verdict(L"not trusted to launch as system", 1, note);
     Notify(kFamily);
-    EXPECT_THAT(free, testing::ElementsAre(true, false));
+    EXPECT_THAT(free, testing::ElementsAre(true, true, true, false));
     EXPECT_THAT(completed, SizeIs(event == L"5" ? 1 : 2));
     Manager::clear_events();
   }
+}
+
+// They come while the program of the first is checked, two of its package and one of another.
+TEST_F(PackageEventTest, LogsNoNotificationThatComesAfterTheOneThatRunsItsCommand) {
+  Register(LaunchRequest(L"5"));
+  std::vector<std::jthread> others;
+  CheckTrap check([&] {
+    for (const std::wstring family : {kFamily, kFamily, L"Other_abc"}) {
+      others.emplace_back([this, family] { Notify(family); });
+    }
+    Sleep(100);
+  });
+  const Platform::MachineScope trap([&](Platform::Machine& all) { all.files = &check; });
+  Notify(kFamily);
+  others.clear();
+  EXPECT_THAT(log.Lines(), testing::Contains(testing::HasSubstr(L"invoked")).Times(1));
+  EXPECT_THAT(completed, SizeIs(1));
+}
+
+TEST_F(PackageEventTest, RunsACommandThatIsDueWhileAnotherUninstallIsAwaited) {
+  constexpr wchar_t kOther[] = L"Other_abc";
+  machine.packages.Install({kOther, L"Other_1", {}}, L"bob");
+  Register(LaunchRequest(L"5", kOther));
+  Register(PackageRequest(L"7"));
+  std::promise<void> awaited;
+  std::promise<void> ran;
+  auto hasRun = ran.get_future();
+  bool inTime = false;
+  std::jthread another;
+  CheckTrap check([&] {
+    another = std::jthread([&] {
+      Notify(kFamily, [&] {
+        awaited.set_value();
+        inTime = hasRun.wait_for(2s) == std::future_status::ready;
+        return true;
+      });
+    });
+    awaited.get_future().wait();
+  });
+  const Platform::MachineScope trap([&](Platform::Machine& all) { all.files = &check; });
+  const Tests::LogTrap verdict(L"not trusted to launch", 1, [&] { ran.set_value(); });
+  Notify(kOther);
+  another.join();
+  EXPECT_TRUE(inTime);
 }
 
 TEST_F(PackageEventTest, HoldsUpNeitherSubscriptionsNorALogOffWhileItsCommandRuns) {

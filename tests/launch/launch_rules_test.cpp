@@ -16,25 +16,27 @@ constexpr wchar_t kProgram[] = L"C:\\Program Files\\a b.exe";
 constexpr wchar_t kQuoted[] = L"\"C:\\Program Files\\a b.exe\"";
 constexpr std::size_t kQuotedSize = std::size(kQuoted) - 1;
 
-constexpr std::size_t kRoom = kMaxCommandLine - kQuotedSize - 1;
+// Windows documents 32,767 characters with the terminator.
+constexpr std::size_t kLongest = 32766;
+constexpr std::size_t kRoom = kLongest - kQuotedSize - 1;
 
 TEST(AppCommandLine, QuotesThePathOnlyBeforeAParameterAndRefusesWhatIsTooLong) {
   EXPECT_EQ(AppCommandLine(kProgram, L""), kProgram);
   EXPECT_EQ(AppCommandLine(kProgram, L"x \"y"), kQuoted + std::wstring(L" x \"y"));
-  EXPECT_EQ(AppCommandLine(kProgram, std::wstring(kRoom, L'p')).value().size(), kMaxCommandLine);
+  EXPECT_EQ(AppCommandLine(kProgram, std::wstring(kRoom, L'p')).value().size(), kLongest);
   EXPECT_FALSE(AppCommandLine(kProgram, std::wstring(kRoom + 1, L'p')));
-  EXPECT_FALSE(AppCommandLine(std::wstring(kMaxPath + 1, L'p'), L""));
+  EXPECT_FALSE(AppCommandLine(std::wstring(kLongest + 1, L'p'), L""));
 }
 
 TEST(SessionCommandLine, DropsArgumentsThatDoNotFitAndStaysBoundedWhateverThePath) {
   EXPECT_EQ(SessionCommandLine(kProgram, L""), kQuoted);
   EXPECT_EQ(SessionCommandLine(kProgram, L"a"), kQuoted + std::wstring(L" a"));
-  EXPECT_EQ(SessionCommandLine(kProgram, std::wstring(kRoom, L'a')).size(), kMaxCommandLine);
+  EXPECT_EQ(SessionCommandLine(kProgram, std::wstring(kRoom, L'a')).size(), kLongest);
   for (const std::size_t tooMany : {kRoom + 1, std::size_t{40000}}) {
     EXPECT_EQ(SessionCommandLine(kProgram, std::wstring(tooMany, L'a')), kQuoted);
   }
-  for (const std::size_t length : {kMaxCommandLine - 2, kMaxCommandLine, kMaxCommandLine * 3}) {
-    EXPECT_EQ(SessionCommandLine(std::wstring(length, L'p'), L"a").size(), kMaxCommandLine);
+  for (const std::size_t length : {kLongest - 2, kLongest, kLongest * 3}) {
+    EXPECT_EQ(SessionCommandLine(std::wstring(length, L'p'), L"a").size(), kLongest);
   }
 }
 

@@ -4,6 +4,7 @@
 
 #include "companion/registration.h"
 #include "launch/launch_rules.h"
+#include "support/log_trap.h"
 #include "support/machine_test.h"
 
 namespace Vx::Tessel::Server::Services::Orvane {
@@ -56,6 +57,19 @@ TEST_F(LauncherTest, AsksWindowsNothingWithoutAnAliasAFamilyATokenOrSessions) {
                           kActing,
                           L"error|Problem in McAfeeHelper::expand_path_impersonated_as_loggedin_"
                           L"user(): WTSQueryUserToken is not available on this platform"));
+}
+
+// Even to another logon of the same user, whose first one may have ended.
+TEST_F(LauncherTest, StartsNothingIfTheUserChangesBetweenItsTwoTokens) {
+  for (const std::wstring next : {L"bob", L"ann"}) {
+    machine.users.LogOn(L"ann");
+    log.Clear();
+    const Tests::LogTrap change(L"Attempting to impersonate", 2,
+                                [&] { machine.users.LogOn(next); });
+    EXPECT_FALSE(launcher.Run(L"app.exe", kFamily));
+    EXPECT_EQ(log.Lines()[2], L"warning|Problem while querying user's access token.");
+  }
+  EXPECT_THAT(machine.processes.Started(), IsEmpty());
 }
 
 TEST_F(LauncherTest, RefusesAParameterThatIsTooLong) {

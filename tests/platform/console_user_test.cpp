@@ -72,6 +72,22 @@ TEST_F(ConsoleUserTest, ReportsEachRefusedStepOnce) {
   }
 }
 
+TEST_F(ConsoleUserTest, FindsTheSameLogonInEveryTokenOfAnOperationAndRefusesWhatItCannotCompare) {
+  OneLogon same;
+  const UniqueHandle token = ConsoleUserToken(report, &same);
+  EXPECT_THAT(*CurrentMachine().sessions->SidOf(token.get()), testing::StartsWith(L"S-1-5-"));
+  EXPECT_TRUE(same);
+  EXPECT_NE(ConsoleUserToken(TokenType::Primary, report, &same), nullptr);
+  EXPECT_THAT(refused, IsEmpty());
+  faults.FailNamed("Sessions.LogonOf");
+  EXPECT_EQ(ConsoleUserToken(report, &same), nullptr);
+  same = ~*same;
+  faults.Clear();
+  EXPECT_EQ(ConsoleUserToken(report, &same), nullptr);
+  EXPECT_THAT(refused, ElementsAre(Pair(ActingStep::Token, ErrorCode{ERROR_ACCESS_DENIED}),
+                                   Pair(ActingStep::Token, ErrorCode{ERROR_LOGON_FAILURE})));
+}
+
 TEST_F(ConsoleUserTest, AFailedRevertIsReportedWhileAnExceptionPasses) {
   faults.FailNamed("Sessions.Revert");
   const auto failing = []() -> bool { throw std::runtime_error("in the middle"); };

@@ -1,22 +1,30 @@
 // Lives of a service that no scenario can play: several tasks that log at the same moment, and
 // faults in the middle of one. What the other lives log, and when, is in scenarios/.
 
+#include <algorithm>
 #include <chrono>
 #include <cstdint>
 #include <functional>
+#include <future>
 #include <limits>
+#include <mutex>
 #include <stdexcept>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
 #include <gmock/gmock.h>
 
+#include "events/package_completion.h"
+#include "events/package_event.h"
 #include "platform/windows_runtime_error.h"
 #include "service/simulated_service.h"
 #include "storage/cap_data_store.h"
 #include "storage/request_manager.h"
+#include "storage/system_mutex.h"
 #include "support/faulty_files.h"
+#include "support/is_free.h"
 #include "support/log_trap.h"
 
 namespace Vx::Tests {
@@ -49,6 +57,25 @@ class ServiceLivesTest : public SimulatedServiceTest {
   void Start(std::chrono::milliseconds length) {
     host.service->Start();
     machine.clock.Advance(length);
+  }
+
+  // Ends the service while another thread holds `lock`. Returns false if that takes two seconds.
+  template <typename Lock>
+  bool EndsDuring(Lock& lock, const std::function<void()>& before) {
+    bool inTime = false;
+    std::promise<void> held;
+    std::promise<void> ended;
+    std::jthread holder([&] {
+      const std::lock_guard guard(lock);
+      held.set_value();
+      inTime = ended.get_future().wait_for(2s) == std::future_status::ready;
+    });
+    held.get_future().wait();
+    before();
+    host.End();
+    ended.set_value();
+    holder.join();
+    return inTime;
   }
 };
 
@@ -196,7 +223,7 @@ TEST_F(ServiceLivesTest, ARefusedPackageSubscriptionTakesNoOtherClientsWithIt) {
   EXPECT_EQ(machine.packages.Handlers(L"ann"), 1U);
 }
 
-TEST_F(ServiceLivesTest, CompletesAtItsEndWhatTheStoreRefused) {
+TEST_F(ServiceLivesTest, CompletesAfterItsEndWhatTheStoreRefused) {
   constexpr wchar_t kRequest[] =
       LR"({"catalogEvent":5,"catalogAction":2,"packageFamilyName":"App_r4x2m8kq7tn3b",)"
       LR"("catalogActionParams":{"packageFamilyName":"f","appServiceName":"s","payload":{}}})";
@@ -212,10 +239,37 @@ TEST_F(ServiceLivesTest, CompletesAtItsEndWhatTheStoreRefused) {
   machine.faults.Clear();
   EXPECT_EQ(Sent().size(), 1U);
   EXPECT_EQ(stored(), L"[" + std::wstring(kRequest) + L"]");
-  host.End();
-  EXPECT_EQ(stored(), L"[]");
+  Tessel::Server::Storage::SystemMutex ofTheStore(Storage::kMutexName);
+  EXPECT_TRUE(EndsDuring(ofTheStore, [] {}));
   machine.clock.Settle();
+  EXPECT_EQ(stored(), L"[]");
   EXPECT_EQ(machine.clock.Workers(), 0U);
+}
+
+TEST_F(ServiceLivesTest, DestructionDoesNotWaitForThePackageQueriesOfItsStartUpTask) {
+  using Tessel::Server::Services::Orvane::PackageCompletion;
+  InstallApp(L"App");
+  for (const std::wstring program : {L"a", L"b"}) {
+    ASSERT_EQ(host.Execute(7, (LR"({"catalogEvent":5,"catalogAction":1,"packageFamilyName":)"
+                               LR"("App_r4x2m8kq7tn3b","catalogActionParams":{"path":")" +
+                               program + L"\"}}")
+                                  .c_str())
+                  .result,
+              0U);
+  }
+  host.service->OnSessionChange(6);
+  machine.faults.Clear();
+  EXPECT_TRUE(EndsDuring(Tessel::Server::Services::Orvane::PackageUninstallingPCEvent::rLock, [&] {
+    const auto deadline = std::chrono::steady_clock::now() + 20s;
+    host.service->Start();
+    while (IsFree(PackageCompletion::listChange) && std::chrono::steady_clock::now() < deadline) {
+      std::this_thread::sleep_for(1ms);
+    }
+  }));
+  machine.clock.Settle();
+  EXPECT_EQ(machine.packages.Handlers(L"ann"), 0U);
+  EXPECT_LE(std::ranges::count(machine.faults.Calls(), "Packages.FindForAllUsers"), 1)
+      << "after the end";
 }
 
 // A service that is destroyed while its start-up task works cannot end the watches that the task

@@ -287,17 +287,21 @@ TEST_F(DamagedStoreTest, AFolderInItsPlaceIsNeitherReadNorWritten) {
   EXPECT_NE(GetFileAttributesW(Path().c_str()) & FILE_ATTRIBUTE_DIRECTORY, 0U);
 }
 
-TEST_F(CapDataStoreTest, AMarkReplacesNeitherADocumentNorWhatCannotBeRead) {
+TEST_F(CapDataStoreTest, AMarkReplacesADamagedFileButNeitherADocumentNorWhatCannotBeRead) {
   CapDataStore store;
   EXPECT_TRUE(store.persistUnlessDocument("key", true));
   ASSERT_TRUE(store.mergeMember("document", "member", BsonElement::Int32(1)));
   EXPECT_FALSE(store.persistUnlessDocument("document", true));
   EXPECT_EQ(store.readDocument("document"), WithInt("member", 1));
 
-  const Bytes damaged(100, std::byte{1});
-  Tests::WriteBytes(Path(), damaged);
-  EXPECT_FALSE(CapDataStore().persistUnlessDocument("document", true));
-  EXPECT_EQ(Tests::ReadBytes(Path()), damaged);
+  const Bytes sound = Tests::ReadBytes(Path());
+  faults.FailNamed("Files.Open");
+  EXPECT_FALSE(CapDataStore().persistUnlessDocument("key", false));
+  faults.Clear();
+  EXPECT_EQ(Tests::ReadBytes(Path()), sound);
+  Tests::WriteBytes(Path(), Bytes(100, std::byte{1}));
+  EXPECT_TRUE(CapDataStore().persistUnlessDocument("key", true));
+  EXPECT_TRUE(CapDataStore().readBool("key", false));
 }
 
 TEST_F(CapDataStoreTest, AsksForNoMoreOfAFileThanItsBound) {

@@ -365,7 +365,7 @@ class Checker {
       return;
     }
     if (*delay < 1 ? IsOverdue(*delay, 0) : IsTooLong(*delay)) {
-      Never(key, Shown(*value), L"\"0\" to \"2147485\"", L"every delivery is dropped");
+      Never(key, Shown(*value), L"\"0\" to \"2147484\"", L"every delivery is dropped");
       return;
     }
     const std::wstring seconds = std::to_wstring(std::max(*delay, 0));

@@ -6,6 +6,7 @@
 
 #include <windows.h>
 
+#include <sddl.h>
 #include <wtsapi32.h>
 
 #include "platform/windows/capabilities.h"
@@ -18,6 +19,20 @@ struct SessionMemoryFreer {
   void operator()(wchar_t* memory) const noexcept { WTSFreeMemory(memory); }
 };
 using UniqueSessionText = std::unique_ptr<wchar_t, SessionMemoryFreer>;
+
+// Holds the answer of GetTokenInformation about the user of a token.
+struct TokenUserBuffer {
+  alignas(TOKEN_USER) std::byte bytes[sizeof(TOKEN_USER) + SECURITY_MAX_SID_SIZE];
+};
+
+// Returns the SID of the user of `token`, which lives as long as `buffer`, or null.
+PSID UserOf(HANDLE token, TokenUserBuffer& buffer) {
+  DWORD size = 0;
+  if (GetTokenInformation(token, TokenUser, buffer.bytes, sizeof buffer.bytes, &size) == FALSE) {
+    return nullptr;
+  }
+  return reinterpret_cast<const TOKEN_USER*>(buffer.bytes)->User.Sid;
+}
 
 class RealSessions final : public Sessions {
  public:
@@ -39,6 +54,29 @@ class RealSessions final : public Sessions {
       return Result<UniqueHandle>::Failure(GetLastError());
     }
     return UniqueHandle(raw);
+  }
+
+  // https://learn.microsoft.com/windows/win32/api/winnt/ns-winnt-token_statistics
+  Result<std::uint64_t> LogonOf(RawHandle token) const override {
+    TOKEN_STATISTICS statistics{};
+    DWORD size = 0;
+    if (GetTokenInformation(token, TokenStatistics, &statistics, sizeof statistics, &size) ==
+        FALSE) {
+      return Result<std::uint64_t>::Failure(GetLastError());
+    }
+    const LUID& id = statistics.AuthenticationId;
+    return std::uint64_t{static_cast<std::uint32_t>(id.HighPart)} << 32 | id.LowPart;
+  }
+
+  Result<std::wstring> SidOf(RawHandle token) const override {
+    TokenUserBuffer buffer{};
+    const PSID user = UserOf(token, buffer);
+    wchar_t* raw = nullptr;
+    if (user == nullptr || ConvertSidToStringSidW(user, &raw) == FALSE) {
+      return Result<std::wstring>::Failure(GetLastError());
+    }
+    const UniqueLocalMemory<wchar_t> text(raw);
+    return std::wstring(text.get());
   }
 
   Result<std::wstring> QueryText(std::uint32_t session, SessionText what) const override {
@@ -79,13 +117,10 @@ class RealSessions final : public Sessions {
       return Result<bool>::Failure(GetLastError());
     }
     const UniqueHandle token(raw);
-    alignas(TOKEN_USER) std::byte buffer[sizeof(TOKEN_USER) + SECURITY_MAX_SID_SIZE];
-    DWORD size = 0;
-    if (GetTokenInformation(token.get(), TokenUser, buffer, sizeof buffer, &size) == FALSE) {
-      return Result<bool>::Failure(GetLastError());
-    }
-    const auto* user = reinterpret_cast<const TOKEN_USER*>(buffer);
-    return IsWellKnownSid(user->User.Sid, WinLocalSystemSid) != FALSE;
+    TokenUserBuffer buffer{};
+    const PSID user = UserOf(token.get(), buffer);
+    if (user == nullptr) return Result<bool>::Failure(GetLastError());
+    return IsWellKnownSid(user, WinLocalSystemSid) != FALSE;
   }
 };
 
