@@ -74,7 +74,7 @@ eventually tool_is_gone || fail 'the removal leaves the tool'
 
 install /i "$(windows "$old")" ADDLOCAL=ALL "$options" || fail "the installation exits with $?"
 run service status | grep -q running || fail 'the service does not run'
-run service exec 9 '{"powerEventType":7,"eventAction":1,"commandParams":{"path":"C:\\kept.exe"}}' |
+run exec --service 9 '{"powerEventType":7,"eventAction":1,"commandParams":{"path":"C:\\kept.exe"}}' |
   grep -q 00000000 || fail 'no subscription is stored'
 
 # An upgrade that fails leaves the older service registered. The emulator neither marks a removal as part

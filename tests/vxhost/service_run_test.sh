@@ -7,6 +7,7 @@ shift 2
 . "$(dirname "$0")/../run_vxhost.sh"
 need "$module" "$with_data"
 expect 2 'no event to send' service send
+expect 2 '--process needs --service' exec 22 --process 1
 expect 2 'there is no folder' --dll "$module" service run --seconds 1 --log "$work/missing"
 expect 2 'Invalid SID' --dll "$module" service run --seconds 1 --allow S-1-nonsense
 ! grep -q 'the module is started' "$work/output" || fail "the module runs before its options are read"
@@ -22,9 +23,9 @@ until process=$(sed -n 's/.* runs as process \([0-9]*\);.*/\1/p' "$work/banner")
   sleep 0.1
   tries=$((tries + 1))
 done
-expect 0 '<- {"result":{"getVersion":' service exec 22 --name "$name" --process "$process"
-expect 1 'no such command' service exec 99 --name "$name" --process "$process"
-expect 2 'and not to the service; nothing was sent' service exec 22 --name "$name" --process 1
+expect 0 '<- {"result":{"getVersion":' exec 22 --service="$name" --process "$process"
+expect 1 'no such command' exec 99 --service="$name" --process "$process"
+expect 2 'and not to the service; nothing was sent' exec 22 --service="$name" --process 1
 wait $running
 exit=$?
 if [ $exit != 0 ] || ! grep -q '"message":"Version number is' "$work"/served/vxhost-*-0001.log; then

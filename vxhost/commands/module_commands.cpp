@@ -22,7 +22,7 @@
 #include "vxhost/play/play_report.h"
 #include "vxhost/play/scenario.h"
 #include "vxhost/play/theatre.h"
-#include "vxhost/service/service_views.h"
+#include "vxhost/service/running_service.h"
 
 namespace Vx::Host {
 
@@ -43,6 +43,7 @@ struct ExecOptions {
   std::string request = "{}";
   std::string caller = "vxhost";
   std::string service;  // empty: a module of this process
+  std::uint32_t process = 0;
   HoldLimits limits;
 };
 
@@ -75,11 +76,12 @@ int Exec(const ModuleOptions& module, const ExecOptions& options, Console& conso
   const std::wstring request = RequestText(options);
   Answer answer;
   if (options.service.empty()) {
+    if (options.process != 0) throw std::runtime_error("--process needs --service");
     answer = ExecuteInModule(module, options, request, console);
   } else {
     RefuseForService(module);
     console.Request(options.id, request);
-    answer = ExecuteInService(options.service, options.id, request);
+    answer = ExecuteInService(options.service, options.process, options.id, request);
   }
   if (console.WritesJson()) {
     console.JsonResult(CommandJson(options.id, answer));
@@ -192,20 +194,9 @@ struct EventOptions {
   std::vector<std::uint32_t> power;
   std::vector<std::uint32_t> sessions;
   int seconds = 5;
-  bool watch = false;
-  std::string service;
 };
 
 int Events(const ModuleOptions& module, const EventOptions& options, Console& console) {
-  if (options.watch != !options.service.empty()) {
-    throw std::runtime_error(
-        "--watch needs --service, and --service only watches; see \"service "
-        "send\"");
-  }
-  if (options.watch) {
-    RefuseForService(module);
-    return WatchService(options.service, options.seconds, console);
-  }
   if (options.power.empty() && options.sessions.empty()) {
     throw std::runtime_error("no event to send: name some with --power or --session");
   }
@@ -235,6 +226,8 @@ int Events(const ModuleOptions& module, const EventOptions& options, Console& co
 
 constexpr char kExecFooter[] =
     "vxhost --dll, --private-store and --simulate choose the module and its store.\n"
+    "With --service nothing is sent unless the pipe belongs to the process that the service\n"
+    "manager names, or to that of --process, which \"service run\" names.\n"
     "Exit code 0 for result code 0x00000000, else 1.\n"
     "  vxhost exec 22\n"
     "  vxhost --private-store exec 9 @subscription.json";
@@ -260,6 +253,8 @@ void AddExec(CommandLine& line) {
   exec.add_option("--caller", options->caller, "the client's identity")->capture_default_str();
   CommandLine::AddTimeout(exec, options->limits);
   CommandLine::OfferService(exec, options->service);
+  exec.add_option("--process", options->process,
+                  "the service's process, if it is not the one that is installed by that name");
   line.UseModule(exec);
   line.UseStore(exec);
   line.OfferJson(exec);
@@ -293,10 +288,6 @@ void AddEvents(CommandLine& line) {
   events.add_option("--seconds", options->seconds, "how long to wait for deliveries")
       ->check(CLI::Range(0, kLongestSeconds))
       ->capture_default_str();
-  events.add_flag("--watch", options->watch,
-                  "with --service: show what the service logs, for --seconds or, if 0, until\n"
-                  "Ctrl+C; needs administrator rights");
-  CommandLine::OfferService(events, options->service);
   line.UseModule(events);
   line.OfferJson(events);
   line.UseStore(events);

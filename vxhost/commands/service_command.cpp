@@ -1,6 +1,5 @@
 #include "vxhost/commands/service_command.h"
 
-#include <chrono>
 #include <cstdint>
 #include <cstdio>
 #include <filesystem>
@@ -20,27 +19,17 @@
 #include "servicehost/power_notifications.h"
 #include "servicehost/service_log.h"
 #include "vxhost/commands/service_setup_command.h"
-#include "vxhost/service/pipe_client.h"
 #include "vxhost/service/service_manager.h"
 
 namespace Vx::Host {
 
 namespace {
 
-constexpr std::chrono::seconds kPatience{10};
-
 struct RunOptions {
   std::string name = kDefaultServiceName;
   std::string log;
   std::vector<std::string> allowed;
   int seconds = 0;
-};
-
-struct ExecOptions {
-  std::string name = kDefaultServiceName;
-  std::uint32_t process = 0;
-  std::uint32_t id = 0;
-  std::string request = "{}";
 };
 
 // Shows the records on the console.
@@ -107,27 +96,10 @@ int RunService(const ModuleOptions& module, const RunOptions& options, Console& 
   return kDone;
 }
 
-int ExecInService(const ExecOptions& options, Console& console) {
-  const std::wstring name = Wide(options.name);
-  PipeClient client = options.process == 0 ? ConnectToService(name)
-                                           : PipeClient(PipePath(name), options.process, kPatience);
-  const CommandEnvelope command{options.id, TextOrFile(options.request)};
-  console.Request(command.id, command.request);
-  const ResultEnvelope result = client.Execute(command);
-  console.Result({result.code, result.response});
-  return result.code == 0 ? kDone : kNotMet;
-}
-
 constexpr char kRunFooter[] =
-    "Clients send commands over the pipe \\\\.\\pipe\\VxHost-NAME, see docs/host.md.\n"
+    "Clients send commands over the pipe \\\\.\\pipe\\VxHost-NAME, see docs/host.md, for example\n"
+    "vxhost exec 22 --service=NAME --process PID.\n"
     "  vxhost service run --log C:\\Logs";
-constexpr char kExecFooter[] =
-    "Sends nothing unless the pipe belongs to the process that the service manager names, or to\n"
-    "that of --process, which \"service run\" names.\n"
-    "Exit code 0 for result code 0x00000000, else 1.\n"
-    "  vxhost service exec 22\n"
-    "  vxhost service exec 22 --name Trial --process 4711";
-
 }  // namespace
 
 void AddServiceCommands(CommandLine& line) {
@@ -145,16 +117,6 @@ void AddServiceCommands(CommandLine& line) {
   running.add_option("--seconds", run->seconds, "how long; 0: until Ctrl+C")
       ->check(CLI::Range(0, kLongestSeconds));
   line.UseModule(running);
-
-  const auto exec = std::make_shared<ExecOptions>();
-  CLI::App& executing =
-      line.Add(group, "exec", "send one command to a running service", kExecFooter,
-               [exec](Console& console) { return ExecInService(*exec, console); });
-  executing.add_option("id", exec->id, "the number of the command")->required();
-  executing.add_option("request", exec->request, "the request's JSON, @FILE or @-");
-  executing.add_option("--name", exec->name, "the name of its pipe")->capture_default_str();
-  executing.add_option("--process", exec->process,
-                       "its process, if it is not the service that is installed by that name");
 
   AddServiceSetupCommands(line, group);
 }

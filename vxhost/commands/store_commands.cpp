@@ -8,7 +8,6 @@
 
 #include "hosting/text.h"
 #include "json/json_text.h"
-#include "vxhost/service/service_views.h"
 #include "vxhost/store/store_content.h"
 #include "vxhost/store/store_look.h"
 #include "vxhost/store/store_repair.h"
@@ -41,12 +40,10 @@ void Print(const WideDocument& document, Console& console) {
 
 struct Options {
   std::string file;
-  std::string service;  // empty: the store's file
   HoldLimits limits;
 };
 
 int Show(const Options& options, Console& console) {
-  if (!options.service.empty()) return ShowServiceStore(options.service, console);
   std::size_t left = 0;
   Print(StoreContent(LookAtStore(options.limits), ShownValues::All, left), console);
   return kDone;
@@ -185,17 +182,14 @@ void AddStoreCommands(CommandLine& line) {
   CLI::App& group = line.AddGroup("store", "the shared store");
   for (const Command& command : kCommands) {
     const auto options = std::make_shared<Options>();
-    CLI::App& added = line.Add(group, command.name, command.about, command.footer,
-                               [&line, &command, options](Console& console) {
-                                 if (!options->service.empty()) RefuseForService(line.Module());
-                                 return command.run(*options, console);
-                               });
+    CLI::App& added =
+        line.Add(group, command.name, command.about, command.footer,
+                 [&command, options](Console& console) { return command.run(*options, console); });
     if (command.file != File::None) {
       added.add_option("file", options->file, "a copy of the store's file, or exported values")
           ->required(command.file == File::Required);
     }
     CommandLine::AddTimeout(added, options->limits);
-    if (command.run == &Show) CommandLine::OfferService(added, options->service);
     line.OfferJson(added);
     line.UseStore(added);
   }

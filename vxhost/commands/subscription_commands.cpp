@@ -19,7 +19,6 @@
 #include "storage/sealed_file.h"
 #include "vxhost/play/played_keys.h"
 #include "vxhost/play/theatre.h"
-#include "vxhost/service/service_views.h"
 #include "vxhost/store/store_look.h"
 #include "vxhost/subscriptions/explanation.h"
 
@@ -281,18 +280,11 @@ constexpr char kRemoveFooter[] =
     "Sends the exact text that is stored. Exit code 1 when nothing was removed.\n"
     "  vxhost subscriptions remove 3";
 
-// A change would go past the service that the operator means.
-void RefuseService(const std::string& service) {
-  if (!service.empty()) throw std::runtime_error("\"subscriptions --service\" only lists");
-}
-
-void AddAdd(CommandLine& line, CLI::App& parent, const std::shared_ptr<std::string>& service) {
+void AddAdd(CommandLine& line, CLI::App& parent) {
   const auto options = std::make_shared<AddOptions>();
-  CLI::App& add = line.Add(parent, "add", "compose a subscription, check it and send it",
-                           kAddFooter, [&line, options, service](Console& console) {
-                             RefuseService(*service);
-                             return Add(line.Module(), *options, console);
-                           });
+  CLI::App& add = line.Add(
+      parent, "add", "compose a subscription, check it and send it", kAddFooter,
+      [&line, options](Console& console) { return Add(line.Module(), *options, console); });
   add.add_option("--power", options->power, "at this power event");
   add.add_option("--platform", options->platform, "at this platform event");
   add.add_option("--uninstalling", options->uninstalling, "when this family begins to go");
@@ -313,13 +305,11 @@ void AddAdd(CommandLine& line, CLI::App& parent, const std::shared_ptr<std::stri
   line.UseStore(add);
 }
 
-void AddRemove(CommandLine& line, CLI::App& parent, const std::shared_ptr<std::string>& service) {
+void AddRemove(CommandLine& line, CLI::App& parent) {
   const auto options = std::make_shared<RemoveOptions>();
-  CLI::App& remove = line.Add(parent, "remove", "take a subscription back", kRemoveFooter,
-                              [&line, options, service](Console& console) {
-                                RefuseService(*service);
-                                return Remove(line.Module(), *options, console);
-                              });
+  CLI::App& remove = line.Add(
+      parent, "remove", "take a subscription back", kRemoveFooter,
+      [&line, options](Console& console) { return Remove(line.Module(), *options, console); });
   remove.add_option("which", options->which, "its number, or its hash")->required();
   remove.add_option("--caller", options->caller, "the client's identity")->capture_default_str();
   CommandLine::AddTimeout(remove, options->limits);
@@ -332,24 +322,20 @@ void AddRemove(CommandLine& line, CLI::App& parent, const std::shared_ptr<std::s
 
 void AddSubscriptionCommands(CommandLine& line) {
   const auto limits = std::make_shared<HoldLimits>();
-  const auto service = std::make_shared<std::string>();
-  const auto list = [&line, limits, service](Console& console) {
-    if (service->empty()) return List(line.Module(), *limits, console);
-    RefuseForService(line.Module());
-    return ShowServiceSubscriptions(*service, console);
+  const auto list = [&line, limits](Console& console) {
+    return List(line.Module(), *limits, console);
   };
   CLI::App& group =
       line.Add("subscriptions", "list the stored subscriptions, or change them", kListFooter, list);
   CLI::App& listing = line.Add(group, "list", "list the stored subscriptions", kListFooter, list);
   for (CLI::App* command : {&group, &listing}) {
     CommandLine::AddTimeout(*command, *limits);
-    CommandLine::OfferService(*command, *service);
     line.OfferJson(*command);
     line.UseModule(*command);
     line.UseStore(*command);
   }
-  AddAdd(line, group, service);
-  AddRemove(line, group, service);
+  AddAdd(line, group);
+  AddRemove(line, group);
 }
 
 }  // namespace Vx::Host

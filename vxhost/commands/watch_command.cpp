@@ -15,6 +15,7 @@
 
 #include "hosting/text.h"
 #include "platform/unique_handle.h"
+#include "vxhost/service/running_service.h"
 
 namespace Vx::Host {
 
@@ -108,6 +109,7 @@ struct Options {
   std::string level = "info";
   std::string provider = {};
   std::string text = {};
+  std::string service = {};  // empty: debug output
   const bool& json;
 };
 
@@ -128,6 +130,12 @@ bool IsWanted(const LogLine& line, const Options& options) {
 }
 
 int Watch(const Options& options, Console& console) {
+  if (!options.service.empty()) {
+    FollowService(options.service, options.seconds, [&](const LogLine& line, const auto& time) {
+      if (IsWanted(line, options)) console.LogResult(line, time);
+    });
+    return kDone;
+  }
   Monitor monitor(options.global);
   std::fprintf(stderr, "Listening for log lines%s\n",
                options.seconds == 0 ? "; Ctrl+C ends it" : "");
@@ -144,8 +152,11 @@ int Watch(const Options& options, Console& console) {
 }
 
 constexpr char kFooter[] =
-    "Only one monitor can receive the lines of a session: a second one is refused.\n"
+    "With --service it follows the service's log files, which needs administrator rights. "
+    "Without,\n"
+    "only one monitor can receive the lines of a session: a second one is refused.\n"
     "  vxhost watch --level warning\n"
+    "  vxhost watch --service --text 'power event'\n"
     "  vxhost watch --json --seconds 60 > lines.json";
 
 }  // namespace
@@ -164,6 +175,7 @@ void AddWatchCommand(CommandLine& line) {
       ->check(CLI::IsMember(kLevelNames));
   watch.add_option("--provider", options->provider, "only lines whose provider contains this");
   watch.add_option("--text", options->text, "only lines that contain this");
+  CommandLine::OfferService(watch, options->service);
   watch.add_flag("--global", options->global, "those of services (needs administrator rights)");
 }
 

@@ -71,8 +71,8 @@ ResultEnvelope PipeClient::Execute(const CommandEnvelope& command) {
   return std::move(*result);
 }
 
-PipeClient ConnectToService(const std::wstring& name) {
-  return {PipePath(name), ProcessOfService(name), kPatience};
+PipeClient ConnectToService(const std::wstring& name, std::uint32_t process) {
+  return {PipePath(name), process == 0 ? ProcessOfService(name) : process, kPatience};
 }
 
 }  // namespace Vx::Host

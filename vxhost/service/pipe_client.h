@@ -25,8 +25,8 @@ class PipeClient {
   Platform::UniqueHandle pipe;
 };
 
-// Connects to the running service of this name: to the process that the service manager names.
-// Throws like the constructor.
-PipeClient ConnectToService(const std::wstring& name);
+// Connects to the running service of this name: to `process` or, if 0, to the one that the service
+// manager names. Throws like the constructor.
+PipeClient ConnectToService(const std::wstring& name, std::uint32_t process = 0);
 
 }  // namespace Vx::Host

@@ -1,0 +1,70 @@
+#include "vxhost/service/running_service.h"
+
+#include <cstdint>
+#include <cstdio>
+#include <stdexcept>
+#include <utility>
+
+#include <windows.h>
+
+#include "hosting/text.h"
+#include "json/json_object.h"
+#include "json/json_text.h"
+#include "platform/windows_runtime_error.h"
+#include "servicehost/guarded_folder.h"
+#include "vxhost/service/log_follower.h"
+#include "vxhost/service/pipe_client.h"
+#include "vxhost/service/service_manager.h"
+
+namespace Vx::Host {
+
+namespace {
+
+constexpr DWORD kPoll = 100;  // milliseconds between two looks at the log
+
+LogLine LineOf(const Json::JsonObject& record) {
+  return {record.GetNamedString(L"level"), record.GetNamedString(L"provider"),
+          record.GetNamedString(L"caller"), record.GetNamedString(L"message"),
+          Json::TruncateToUint32(record.GetNamedNumber(L"process"))};
+}
+
+}  // namespace
+
+void RefuseForService(const ModuleOptions& options) {
+  if (options.dll.empty() && !options.privateStore && !options.simulate && options.store.empty()) {
+    return;
+  }
+  throw std::runtime_error("a running service has its own module and store");
+}
+
+Answer ExecuteInService(const std::string& name, std::uint32_t process, std::uint32_t id,
+                        const std::wstring& request) {
+  ResultEnvelope result = ConnectToService(Wide(name), process).Execute({id, request});
+  return {result.code, std::move(result.response)};
+}
+
+void FollowService(const std::string& name, int seconds,
+                   const std::function<void(const LogLine&, const std::wstring& time)>& receive) {
+  const std::uint32_t process = ProcessOfService(Wide(name));
+  LogFollower follower(DataFolders(ProgramDataFolder(), Writers::System).Logs());
+  std::fprintf(stderr, "Listening to process %lu%s\n", static_cast<unsigned long>(process),
+               seconds == 0 ? "; Ctrl+C ends it" : "");
+  const ULONGLONG end = GetTickCount64() + static_cast<ULONGLONG>(seconds) * 1000;
+  while (seconds == 0 || GetTickCount64() < end) {
+    const auto text = follower.Next();
+    if (!text) {
+      Sleep(kPoll);
+      continue;
+    }
+    try {
+      const auto record = Json::JsonObject::Parse(Wide(*text));
+      LogLine line = LineOf(record);
+      // Another service may write to the same folder.
+      if (line.process == process) receive(line, record.GetNamedString(L"time"));
+    } catch (const Platform::WindowsRuntimeError&) {
+      continue;  // the torn line of a process that was killed
+    }
+  }
+}
+
+}  // namespace Vx::Host
