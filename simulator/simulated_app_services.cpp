@@ -13,10 +13,6 @@ class SimulatedAppServices::Conversation final : public Platform::AppService {
   }
 
   void SystemRestarted() override {
-    {
-      const std::lock_guard guard(owner.mutex);
-      ++owner.restarts;
-    }
     owner.timeline.Add(L"the app services are notified that the machine came up again");
   }
 
@@ -34,11 +30,6 @@ void SimulatedAppServices::SetReplies(std::deque<Reply> next, Reply usual) {
 std::vector<SimulatedAppServices::Message> SimulatedAppServices::Messages() const {
   const std::lock_guard guard(mutex);
   return messages;
-}
-
-int SimulatedAppServices::Restarts() const {
-  const std::lock_guard guard(mutex);
-  return restarts;
 }
 
 std::unique_ptr<Platform::AppService> SimulatedAppServices::Open(

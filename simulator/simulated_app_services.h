@@ -30,7 +30,6 @@ class SimulatedAppServices final : public Platform::AppServices {
   void SetReplies(std::deque<Reply> next, Reply usual = {0, L""});
 
   std::vector<Message> Messages() const;
-  int Restarts() const;
 
   std::unique_ptr<Platform::AppService> Open(const std::wstring& packageFamilyName,
                                              const std::wstring& appServiceName) override;
@@ -45,7 +44,6 @@ class SimulatedAppServices final : public Platform::AppServices {
   std::vector<Message> messages;
   std::deque<Reply> replies;
   Reply usualReply{0, L""};
-  int restarts = 0;
 };
 
 }  // namespace Vx::Simulator

@@ -37,11 +37,6 @@ void SimulatedSystem::SetTriggerStatus(std::uint32_t status) {
   triggerStatus = status;
 }
 
-std::vector<std::wstring> SimulatedSystem::RaisedTriggers() const {
-  const std::lock_guard guard(mutex);
-  return raised;
-}
-
 void SimulatedSystem::SetLockdownMode(std::optional<std::int32_t> mode, std::int32_t result) {
   const std::lock_guard guard(mutex);
   lockdownMode = mode;
@@ -68,7 +63,6 @@ std::uint32_t SimulatedSystem::Raise(const std::wstring& triggerId) {
   {
     const std::lock_guard guard(mutex);
     status = triggerStatus;
-    if (status == 0) raised.push_back(triggerId);
   }
   timeline.Add(L"trigger " + triggerId + (status == 0 ? L" is raised" : L" cannot be raised"));
   return status;

@@ -33,7 +33,6 @@ class SimulatedSystem final : public Platform::ApiSets,
 
   // Sets the status that every trigger returns.
   void SetTriggerStatus(std::uint32_t status);
-  std::vector<std::wstring> RaisedTriggers() const;
 
   // Sets what the policy library returns: the mode that it writes, if any, and the HRESULT.
   void SetLockdownMode(std::optional<std::int32_t> mode, std::int32_t result = 0);
@@ -57,7 +56,6 @@ class SimulatedSystem final : public Platform::ApiSets,
   bool oobeKnown = true;
   std::set<std::wstring> missingApiSets;
   std::uint32_t triggerStatus = 0;
-  std::vector<std::wstring> raised;
   std::optional<std::int32_t> lockdownMode = 0;
   std::int32_t lockdownResult = 0;
   Platform::ErrorCode libraryError = 0;

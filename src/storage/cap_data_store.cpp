@@ -287,18 +287,6 @@ std::int32_t CapDataStore::requireInt32(std::string_view key) {
   return value;
 }
 
-CapDataStore::Content CapDataStore::readAll() {
-  Hold hold(mutex);
-  Content content;
-  if (readFile()) {
-    content.storeId = storeId;
-    content.document = document;
-  }
-  content.state = lastReading.state;
-  hold.Release();
-  return content;
-}
-
 bool CapDataStore::mergeMember(std::string_view documentName, std::string_view member,
                                const BsonElement& value) {
   return updateMember(documentName, member, [&](const BsonElement*) { return value; });

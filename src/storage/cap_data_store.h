@@ -74,14 +74,6 @@ class CapDataStore {
   // What the last reading or change found.
   StoreState State() const noexcept { return lastReading.state; }
 
-  // Returns the whole file, to be shown. Empty unless the state is Sound.
-  struct Content {
-    StoreState state = StoreState::NotOpened;
-    std::wstring storeId;  // empty before the first write
-    BsonDocument document;
-  };
-  Content readAll();
-
   // Puts one member into the embedded document `documentName` without touching its other members,
   // read and written under one hold of the mutex. True when the file holds it. The way to change
   // the service's own document: an older copy of the whole would undo what others wrote in between.

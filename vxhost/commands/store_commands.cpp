@@ -97,11 +97,10 @@ int Verify(const Options& options, Console& console) {
 
 // Reports where the former store is.
 int Replaced(const std::wstring& kept, Console& console) {
-  const std::wstring text = kept.empty() ? L"" : kept;
   if (console.WritesJson()) {
     WideDocument result(rapidjson::kObjectType);
     auto& pool = result.GetAllocator();
-    result.AddMember(L"kept", WideValue(text, pool), pool);
+    result.AddMember(L"kept", WideValue(kept, pool), pool);
     console.JsonResult(result);
   } else {
     console.Line(kept.empty() ? "done; there was no store before"

@@ -284,8 +284,7 @@ std::string LinkedMark(const PictureMark& mark, std::size_t number, double x, do
 
 std::string BarShape(const PictureBar& bar, double x, double y, double width, double height) {
   return Rectangle(x, y, width, height,
-                   std::string("bar ") + ClassOf(bar.kind) + (bar.open ? " open" : "")) +
-         "";
+                   std::string("bar ") + ClassOf(bar.kind) + (bar.open ? " open" : ""));
 }
 
 // Marks of one lane and moment are placed one after the other.
