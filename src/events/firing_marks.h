@@ -28,6 +28,8 @@ class FiringMark {
   void Begin() noexcept { begun = true; }
 
   bool HasRun() const noexcept { return hasRun; }
+  // Whether it has run and its request may still be stored.
+  bool AwaitsCompletion() const noexcept { return hasRun && !retired; }
   bool MayRun() const noexcept { return !hasRun && !retired && !begun; }
 
   // Its request is gone: a command that has not begun does not run, and one that is running does

@@ -83,20 +83,24 @@ void TakeBack(const std::wstring& stored, const MarkPtr& mark) {
 }
 
 void MakeLive(const std::wstring& request, const std::wstring& stored, Owner owner,
-              const MarkPtr& mark) {
+              const MarkPtr& mark, const Platform::SharedHandle& stop) {
   PackageCatalogEventManager::register_event(
-      request, [stored, mark](const std::wstring&) { PackageCompletion::Complete(stored, mark); },
+      request,
+      [stored, mark, stop](const std::wstring&) {
+        PackageCompletion::Complete(stored, mark, stop);
+      },
       nullptr, owner, mark);
 }
 
 // One replay of the stored requests.
 class Replay {
  public:
-  explicit Replay(Owner of) : owner(of), forgotten(FiringMarks::Forgotten()) {}
+  Replay(Owner of, Platform::SharedHandle ends)
+      : owner(of), stop(std::move(ends)), forgotten(FiringMarks::Forgotten()) {}
 
   void Register(const std::wstring& stored) {
     if (RegisterOne(stored)) {
-      PackageCompletion::Complete(stored, mark);
+      PackageCompletion::Remove(stored, mark);
     } else {
       PackageCatalogEventManager::EndReplaced(owner, mark);
     }
@@ -110,7 +114,7 @@ class Replay {
       Logging::LogManager::GetLogger()->LogInfo(kRunningLate);
       PackageCatalogEventManager::execute_command(stored);
     });
-    if (ran) PackageCompletion::Complete(stored, mark);
+    if (ran) PackageCompletion::Complete(stored, mark, stop);
   }
 
  private:
@@ -124,12 +128,13 @@ class Replay {
     if (FiringMarks::Forgotten() != forgotten && !MayBeStored(stored)) {
       FiringMarks::Forget(stored, mark);
     } else {
-      MakeLive(stored, stored, owner, mark);
+      MakeLive(stored, stored, owner, mark, stop);
     }
     return false;
   }
 
   const Owner owner;
+  const Platform::SharedHandle stop;
   const std::uint64_t forgotten;
   MarkPtr mark;
 };
@@ -195,12 +200,11 @@ void PackageCatalogEventManager::clear_events(Owner owner) {
 void RegisterAppPackageEvent(const std::wstring& request, Owner owner,
                              const Platform::SharedHandle& stop) {
   const std::lock_guard guard(PackageCompletion::listChange);
-  PackageCompletion::AddService(stop);
   const bool isStored = Persist(request);
   const std::wstring stored = StoredText(request);
   const MarkPtr mark = FiringMarks::Renew(stored);
   try {
-    MakeLive(request, stored, owner, mark);
+    MakeLive(request, stored, owner, mark, stop);
   } catch (const Platform::WindowsRuntimeError&) {
     TakeBack(stored, mark);
     throw;
@@ -212,11 +216,7 @@ void RegisterAppPackageEvent(const std::wstring& request, Owner owner,
 
 void RegisterExistingPackageCatalogManagerRequests(Owner owner,
                                                    const Platform::SharedHandle& stop) {
-  {
-    const std::lock_guard guard(PackageCompletion::listChange);
-    PackageCompletion::AddService(stop);
-  }
-  Replay replay(owner);
+  Replay replay(owner, stop);
   PackageCompletion::StoredRequests().RegisterExistingRequests(
       [&](const std::wstring& request) {
         if (stop != nullptr && PackageCompletion::HasEnded(stop)) return;

@@ -145,8 +145,9 @@ void UninstallWatch::Handle(const Platform::PackageUninstall& uninstall) {
     command->Execute();
   };
   // Marked before the handlers are called, so that one that fails does not make the command run
-  // again.
-  if (mark->RunOnce(run, due)) completion->Raise({});
+  // again. They also complete a request that an earlier run left stored.
+  mark->RunOnce(run, due);
+  if (mark->AwaitsCompletion()) completion->Raise({});
 }
 
 bool UninstallWatch::IsDue(const Platform::PackageUninstall& uninstall,

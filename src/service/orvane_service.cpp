@@ -9,7 +9,6 @@
 
 #include "companion/text_files.h"
 #include "companion/windows_mode.h"
-#include "events/package_completion.h"
 #include "events/package_event_manager.h"
 #include "events/power_events.h"
 #include "events/zephra_events.h"
@@ -130,7 +129,6 @@ OrvaneService::~OrvaneService() {
   SignalIfMade(state->sessionStopEvent.get());
   // Their watchers would keep the module loaded for good.
   Contain("Destroy", [this] { PackageCatalogEventManager::clear_events(state.get()); });
-  Contain("Destroy", [] { PackageCompletion::StartCompletingAll(); });
 }
 
 void* OrvaneService::Destroy(unsigned flags) noexcept {

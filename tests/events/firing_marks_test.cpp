@@ -60,13 +60,6 @@ class OneShotTest : public Tests::PackageEventFixture {
     Uninstall();
     machine.timeline.SetListener({});
   }
-  // The command runs, and each step of `disk` throws from then on.
-  void UninstallBeforeThrows(Tests::FaultyFiles& disk) {
-    machine.timeline.SetListener(
-        [&](const auto&) { disk.onStep = [](const char*) -> Platform::ErrorCode { throw 1; }; });
-    Uninstall();
-    machine.timeline.SetListener({});
-  }
   void Uninstall(std::function<bool()> complete = [] { return true; }) {
     Remove();
     Notify(kFamily, std::move(complete));
@@ -95,151 +88,41 @@ TEST_F(OneShotTest, RunsOnceHoweverOftenItIsRegistered) {
   }
 }
 
-TEST_F(OneShotTest, IsCompletedSoonAfterTheStoreFailed) {
+TEST_F(OneShotTest, IsCompletedWhenTheStoreIsBack) {
+  constexpr wchar_t kFailed[] = L"Failed to get DataStore";
   constexpr wchar_t kGivenUp[] =
       L"the command has run, but its request stays stored and runs again after a restart: ";
   const struct {
     const char* name;
-    std::chrono::seconds failing;
-    std::chrono::seconds completed;  // after the command; zero: by the next replay
+    int failures;
+    std::function<void()> atTheSecond;
+    std::function<void()> then;  // empty: it is completed by then
   } cases[] = {
-      {"for a moment", std::chrono::seconds(0), std::chrono::seconds(1)},
-      {"for a minute", std::chrono::seconds(60), std::chrono::seconds(63)},
-      {"for an hour", std::chrono::hours(1), std::chrono::seconds(0)},
+      {"at the third try", 2, [&] { machine.faults.Clear(); }, {}},
+      {"at the next replay", 3, [] {}, [&] { Replay(first); }},
+      {"at the next notification, for its service has ended", 2,
+       [&] { Platform::CurrentMachine().kernelObjects->Signal(stop.get()); },
+       [&] { Notify(kFamily); }},
   };
   std::size_t runs = 0;
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
-    log.Clear();
     Install();
     Subscribe(Request(5));
+    log.Clear();
+    const Tests::LogTrap trap(kFailed, 2, c.atTheSecond);
     UninstallBeforeTheStoreFails();
-    machine.clock.Advance(c.failing);
     machine.faults.Clear();
-    const bool byReplay = c.completed == c.completed.zero();
-    if (!byReplay) {
+    EXPECT_THAT(log.Lines(), Contains(HasSubstr(kFailed)).Times(c.failures));
+    EXPECT_THAT(log.Lines(), Contains(HasSubstr(kGivenUp)).Times(c.then ? 1 : 0));
+    if (c.then) {
       EXPECT_EQ(Stored(), L"[" + Request(5) + L"]");
-      machine.clock.Advance(c.completed - c.failing);
-    } else {
-      EXPECT_EQ(machine.clock.Workers(), 1U) << "other than its watcher";
-      Replay(first);
+      c.then();
     }
     EXPECT_EQ(Stored(), L"[]");
-    EXPECT_THAT(log.Lines(), Contains(HasSubstr(kGivenUp)).Times(byReplay ? 1 : 0));
-    Install();
-    Uninstall();
     EXPECT_THAT(Sent(), SizeIs(++runs));
     PackageCatalogEventManager::clear_events();
-    EXPECT_EQ(machine.clock.Workers(), 0U);
   }
-}
-
-TEST_F(OneShotTest, IsCompletedForTheServiceThatIsLeft) {
-  const Platform::SharedHandle stopOfSecond =
-      Platform::Share(*Platform::CurrentMachine().kernelObjects->MakeManualEvent({}));
-  Subscribe(Request(5));
-  RegisterExistingPackageCatalogManagerRequests(&second, stopOfSecond);
-  machine.clock.Settle();
-  UninstallBeforeTheStoreFails();
-  Platform::CurrentMachine().kernelObjects->Signal(stop.get());
-  PackageCompletion::CompleteAll();
-  machine.clock.Advance(std::chrono::seconds(1));
-  machine.faults.Clear();
-  machine.clock.Advance(std::chrono::seconds(3));
-  EXPECT_EQ(Stored(), L"[]");
-  EXPECT_THAT(log.Lines(), Not(Contains(HasSubstr(L"but its request stays stored"))));
-  Platform::CurrentMachine().kernelObjects->Signal(stopOfSecond.get());
-}
-
-TEST_F(OneShotTest, IsCompletedAlthoughSomeTriesThrow) {
-  Tests::FaultyFiles disk;
-  const Platform::MachineScope faulty([&](Platform::Machine& all) { all.files = &disk; });
-  Subscribe(Request(5));
-  UninstallBeforeThrows(disk);
-  machine.clock.Advance(std::chrono::seconds(5));  // the removal, and two more tries
-  disk.onStep = [](const char*) { return 0U; };
-  machine.clock.Advance(std::chrono::seconds(2));
-  EXPECT_EQ(Stored(), L"[]");
-  EXPECT_THAT(log.Lines(),
-              Contains(HasSubstr(L"completing failed: an exception of an unk")).Times(1));
-  PackageCatalogEventManager::clear_events();
-}
-
-TEST_F(OneShotTest, ManyThatCannotBeCompletedTakeNoLongerThanOne) {
-  Tests::FaultyFiles disk;
-  const Platform::MachineScope faulty([&](Platform::Machine& all) { all.files = &disk; });
-  for (int i = 0; i < 20; ++i) {
-    std::wstring request = Request(5);
-    request.replace(request.find(L"{}"), 2, L"{\"n\":" + std::to_wstring(i) + L"}");
-    Subscribe(request);
-  }
-  int opens = 0;
-  const auto fail = [&](const char*) { return ++opens, Tests::kFault; };
-  machine.timeline.SetListener([&](const auto&) { disk.onStep = fail; });
-  Uninstall();
-  machine.timeline.SetListener({});
-  opens = 0;
-  PackageCompletion::CompleteAll();
-  EXPECT_LE(opens, 4);
-  disk.onStep = [](const char*) { return 0U; };
-  PackageCompletion::CompleteAll();
-  EXPECT_EQ(Stored(), L"[]");
-  machine.clock.Advance(std::chrono::seconds(1));
-  PackageCatalogEventManager::clear_events();
-}
-
-// The pauses of the first one have grown long by then.
-TEST_F(OneShotTest, IsTriedAgainSoonAlsoWhileAnEarlierOneStillWaits) {
-  constexpr wchar_t kLater[] = L"Later_abc";
-  machine.packages.Install({kLater, L"Later_1", {}}, L"bob");
-  Subscribe(Request(5));
-  const std::wstring later = Tests::PackageRequest(L"5", kLater);
-  Subscribe(later);
-  UninstallBeforeTheStoreFails();
-  machine.clock.Advance(std::chrono::seconds(300));
-  Notify(kLater);
-  machine.clock.Advance(std::chrono::seconds(220));  // a try after 511
-  machine.faults.Clear();
-  machine.clock.Advance(std::chrono::seconds(20));
-  EXPECT_EQ(Stored(), L"[]");
-  Platform::CurrentMachine().kernelObjects->Signal(stop.get());
-  machine.clock.Settle();
-}
-
-TEST_F(OneShotTest, ReportsACommandThatEndsAfterItsServiceAndStaysStored) {
-  Subscribe(Request(7));
-  Uninstall([&] {
-    Platform::CurrentMachine().kernelObjects->Signal(stop.get());
-    PackageCatalogEventManager::clear_events(&first);
-    PackageCompletion::CompleteAll();
-    machine.faults.FailNamed("KernelObjects.LockMutex");
-    return true;
-  });
-  machine.clock.Settle();
-  EXPECT_THAT(Sent(), SizeIs(1));
-  EXPECT_THAT(log.Lines(), Contains(HasSubstr(L"but its request stays stored")).Times(1));
-  machine.faults.Clear();
-  PackageCompletion::CompleteAll();
-}
-
-TEST_F(OneShotTest, KeepsNoEventOfAServiceThatHasEnded) {
-  Platform::CurrentMachine().kernelObjects->Signal(stop.get());
-  Replay(first);
-  EXPECT_EQ(stop.use_count(), 1);
-}
-
-TEST_F(OneShotTest, IsReportedAtTheEndAlsoWhenTheLastTryThrows) {
-  Tests::FaultyFiles disk;
-  const Platform::MachineScope faulty([&](Platform::Machine& all) { all.files = &disk; });
-  Subscribe(Request(5));
-  UninstallBeforeThrows(disk);
-  Platform::CurrentMachine().kernelObjects->Signal(stop.get());
-  machine.clock.Settle();
-  EXPECT_NO_THROW(PackageCompletion::CompleteAll());
-  EXPECT_THAT(log.Lines(), Contains(HasSubstr(L"but its request stays stored")).Times(1));
-  disk.onStep = [](const char*) { return 0U; };
-  PackageCompletion::CompleteAll();
-  PackageCatalogEventManager::clear_events();
 }
 
 TEST_F(OneShotTest, IsRegisteredOnceForEachUserHoweverOftenUsersLogOn) {

@@ -33,10 +33,7 @@ namespace {
 using namespace std::chrono_literals;  // NOLINT(google-build-using-namespace)
 using Storage = Tessel::Server::Storage::CapDataStore;
 using Element = Tessel::Server::Storage::BsonElement;
-using Tessel::Server::Services::Orvane::kPackageSubscriptions;
-using Tessel::Server::Services::Orvane::kServiceDocument;
 using Tessel::Server::Services::Orvane::OrvaneService;
-using Tessel::Server::Services::Orvane::RequestManager;
 using testing::Contains;
 using testing::HasSubstr;
 using testing::IsEmpty;
@@ -221,29 +218,6 @@ TEST_F(ServiceLivesTest, ARefusedPackageSubscriptionTakesNoOtherClientsWithIt) {
   EXPECT_EQ(host.Execute(7, request).result, 0x20000009U) << "the second one is not stored";
   machine.clock.Settle();
   EXPECT_EQ(machine.packages.Handlers(L"ann"), 1U);
-}
-
-TEST_F(ServiceLivesTest, CompletesAfterItsEndWhatTheStoreRefused) {
-  constexpr wchar_t kRequest[] =
-      LR"({"catalogEvent":5,"catalogAction":2,"packageFamilyName":"App_r4x2m8kq7tn3b",)"
-      LR"("catalogActionParams":{"packageFamilyName":"f","appServiceName":"s","payload":{}}})";
-  const auto stored = [] {
-    return RequestManager(kServiceDocument, kPackageSubscriptions).StoredRequests();
-  };
-  InstallApp(L"App");
-  ASSERT_EQ(host.Execute(7, kRequest).result, 0U);
-  machine.clock.Settle();
-  machine.faults.FailNamed("FileHandle.Write");
-  machine.packages.Uninstall(L"App_r4x2m8kq7tn3b", L"ann", 0ms);
-  machine.clock.Settle();
-  machine.faults.Clear();
-  EXPECT_EQ(Sent().size(), 1U);
-  EXPECT_EQ(stored(), L"[" + std::wstring(kRequest) + L"]");
-  Tessel::Server::Storage::SystemMutex ofTheStore(Storage::kMutexName);
-  EXPECT_TRUE(EndsDuring(ofTheStore, [] {}));
-  machine.clock.Settle();
-  EXPECT_EQ(stored(), L"[]");
-  EXPECT_EQ(machine.clock.Workers(), 0U);
 }
 
 TEST_F(ServiceLivesTest, DestructionDoesNotWaitForThePackageQueriesOfItsStartUpTask) {
