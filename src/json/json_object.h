@@ -127,6 +127,8 @@ class JsonArray {
   Iterator begin() const;
   Iterator end() const;
 
+  std::wstring Stringify() const { return value.Text(); }
+
  private:
   friend class JsonValue;
   explicit JsonArray(JsonValue array) : value(std::move(array)) {}

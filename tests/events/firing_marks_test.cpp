@@ -17,7 +17,6 @@
 #include "platform/kernel_objects.h"
 #include "platform/machine.h"
 #include "platform/windows_runtime_error.h"
-#include "support/faulty_files.h"
 #include "support/log_trap.h"
 
 namespace Vx::Tessel::Server::Services::Orvane {

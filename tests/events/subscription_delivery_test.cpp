@@ -7,12 +7,9 @@
 #include <algorithm>
 #include <chrono>
 #include <functional>
-#include <mutex>
 #include <stdexcept>
 #include <string>
 #include <system_error>
-#include <thread>
-#include <utility>
 #include <vector>
 
 #include <windows.h>

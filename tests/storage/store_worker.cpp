@@ -6,7 +6,6 @@
 //                                of the write, counted from 1
 //   store_worker KEY VALUE STEP LATER  the same with only the thread that writes, and then stores a
 //                                      value under LATER
-#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
