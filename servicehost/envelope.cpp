@@ -17,13 +17,6 @@ constexpr char kRequest[] = "request";
 constexpr char kCode[] = "code";
 constexpr char kResponse[] = "response";
 
-bool IsLead(std::uint32_t unit) {
-  return unit >= 0xD800 && unit < 0xDC00;
-}
-bool IsTrail(std::uint32_t unit) {
-  return unit >= 0xDC00 && unit < 0xE000;
-}
-
 enum class Others { Refused, Ignored };
 
 struct Members {
@@ -35,8 +28,10 @@ struct Members {
 // members.
 std::optional<Members> ParseMembers(std::string_view message, std::string_view numberName,
                                     std::string_view textName, Others others) {
+  // Without nesting, a message of a client takes little memory before it is refused.
+  const std::size_t nesting = others == Others::Refused ? 1 : Json::kMaxNesting;
   Json::WideDocument document;
-  if (!Json::IsUtf8(message) || !Json::ParseJson(document, Json::ToWide(message)) ||
+  if (!Json::IsUtf8(message) || !Json::ParseJson(document, Json::ToWide(message), nesting) ||
       !document.IsObject()) {
     return std::nullopt;
   }
@@ -101,13 +96,9 @@ void AppendJsonString(std::string& out, std::wstring_view text) {
     plain = end + 1;
   };
   for (std::size_t i = 0; i < text.size(); ++i) {
-    const auto unit = static_cast<std::uint32_t>(text[i]) & 0xFFFF;
-    if (IsLead(unit) && i + 1 < text.size() && IsTrail(static_cast<std::uint32_t>(text[i + 1]))) {
-      ++i;
-      continue;
-    }
+    const auto unit = static_cast<std::uint32_t>(text[i]);
     const bool quoted = unit == '"' || unit == '\\';
-    if (!quoted && unit >= 0x20 && !IsLead(unit) && !IsTrail(unit)) continue;
+    if (!quoted && unit >= 0x20) continue;
     flush(i);
     if (quoted) {
       out += {'\\', static_cast<char>(unit)};

@@ -11,8 +11,8 @@ namespace Vx::Host {
 // The messages of the service's pipe: one JSON object in UTF-8 per message.
 //
 // `request` and `response` are JSON strings that hold the texts unchanged. The texts are compared
-// exactly by the module, so the envelope never parses or rewrites them. A text with an unpaired
-// surrogate is written with an escape for it, and refused by whoever reads it.
+// exactly by the module, so the envelope never parses or rewrites them. An unpaired
+// surrogate, which no valid request has, is written as U+FFFD, and a message with one is refused.
 
 // The longest messages in bytes. A longer one ends the connection.
 inline constexpr std::size_t kLongestCommand = std::size_t{1} << 20;
@@ -39,7 +39,7 @@ std::optional<ResultEnvelope> ParseResult(std::string_view message);
 std::string WriteCommand(const CommandEnvelope& command);
 std::string WriteResult(const ResultEnvelope& result);
 
-// Appends `text` to `out` as a JSON string in UTF-8, with an unpaired surrogate as an escape.
+// Appends `text` to `out` as a JSON string in UTF-8, with U+FFFD in place of an unpaired surrogate.
 void AppendJsonString(std::string& out, std::wstring_view text);
 
 }  // namespace Vx::Host

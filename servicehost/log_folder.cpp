@@ -106,6 +106,8 @@ void LogFolder::Open(const std::wstring& day, std::size_t lineSize) {
     Platform::UniqueHandle opened = Platform::AdoptFile(
         CreateFileW(path.c_str(), GENERIC_READ | FILE_APPEND_DATA, FILE_SHARE_READ, nullptr,
                     OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL | FILE_FLAG_OPEN_REPARSE_POINT, nullptr));
+    // Another service writes to it, or a program that may delete it has it open.
+    if (opened == nullptr && GetLastError() == ERROR_SHARING_VIOLATION) continue;
     if (opened == nullptr) {
       throw std::system_error(static_cast<int>(GetLastError()), std::system_category());
     }

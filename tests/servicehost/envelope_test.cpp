@@ -24,6 +24,8 @@ TEST(EnvelopeTest, CarriesEveryTextUnchanged) {
     EXPECT_EQ(result->response, text);
   }
   EXPECT_FALSE(ParseResult(WriteResult({0, std::nullopt}))->response);
+  // A log line with an unpaired surrogate can be read back.
+  EXPECT_EQ(ParseResult(WriteResult({0, L"a\xD83D"}))->response, L"a\xFFFD");
 }
 
 TEST(EnvelopeTest, IgnoresMembersOfAResultFromALaterVersion) {
