@@ -51,7 +51,7 @@ class McAfeeHelper {
 // Copies the machine's registration data to the folder where the console user's programs look for
 // it. Returns true when the copy was made. Copies nothing unless both paths could be expanded as
 // that user, and copies with that user's rights. Fails if another user comes to the console before
-// it has asked for the last time. `caller` is the client of the log lines.
+// the last query. `caller` is the client of the log lines.
 bool CopyRegistrationData(const wchar_t* caller, const Logging::TraceLogger& logger);
 
 // Makes the same copy after a resume. Expands the user's path first, and the machine's only if that

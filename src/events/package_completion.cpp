@@ -36,6 +36,10 @@ bool RemoveHeld(const std::wstring& stored, const MarkPtr& mark) {
   return true;
 }
 
+void ReportLeft(const std::wstring& stored) {
+  Logging::LogManager::GetLogger()->LogWarning(kNotCompleted, stored.c_str());
+}
+
 // Returns false when the service ends first.
 bool Pause(const Platform::SharedHandle& stop) noexcept {
   Platform::Clock& clock = *Platform::CurrentMachine().clock;
@@ -70,13 +74,17 @@ bool PackageCompletion::Remove(const std::wstring& stored, const MarkPtr& mark) 
   return false;
 }
 
+void PackageCompletion::CompleteNow(const std::wstring& stored, const MarkPtr& mark) noexcept {
+  if (!Remove(stored, mark)) ReportLeft(stored);
+}
+
 void PackageCompletion::Complete(const std::wstring& stored, const MarkPtr& mark,
                                  const Platform::SharedHandle& stop) noexcept {
-  for (int tries = 1; !Remove(stored, mark); ++tries) {
-    if (tries < kTries && Pause(stop)) continue;
-    Logging::LogManager::GetLogger()->LogWarning(kNotCompleted, stored.c_str());
-    return;
+  for (int tries = 1; tries < kTries; ++tries) {
+    if (Remove(stored, mark)) return;
+    if (!Pause(stop)) return ReportLeft(stored);
   }
+  CompleteNow(stored, mark);
 }
 
 bool PackageCompletion::CompleteEqual(const std::wstring& request) {

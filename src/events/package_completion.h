@@ -26,9 +26,13 @@ class PackageCompletion {
   // gone. Logs what throws. Takes listChange.
   static bool Remove(const std::wstring& stored, const std::shared_ptr<FiringMark>& mark) noexcept;
 
-  // Does the same up to three times, a second apart, without a lock in between. Gives up, with a
-  // log line, when its service ends, whose event is `stop`, or null. The next replay, notification
-  // or equal subscription then completes the request.
+  // Does the same, and logs a request that stays. The next replay, notification or equal
+  // subscription then completes it.
+  static void CompleteNow(const std::wstring& stored,
+                          const std::shared_ptr<FiringMark>& mark) noexcept;
+
+  // Does the same up to three times, a second apart, without a lock in between. Gives up when its
+  // service ends, whose event is `stop`, or null. Not for a thread that a host waits for.
   static void Complete(const std::wstring& stored, const std::shared_ptr<FiringMark>& mark,
                        const Platform::SharedHandle& stop) noexcept;
 

@@ -73,7 +73,7 @@ class PackageUninstallingPCEvent final : public IPCEvent {
   void Register() override;
 
   // The SID of the user whose catalog is watched, or an empty text if that is the account of this
-  // process or there is no catalog. Nothing if the SID is not known.
+  // process or there is no catalog. std::nullopt if the SID is unknown.
   const std::optional<std::wstring>& User() const noexcept { return user; }
 
   // Outlives this object for as long as it is held.

@@ -114,7 +114,7 @@ class Replay {
       Logging::LogManager::GetLogger()->LogInfo(kRunningLate);
       PackageCatalogEventManager::execute_command(stored);
     });
-    if (ran) PackageCompletion::Complete(stored, mark, stop);
+    if (ran) PackageCompletion::CompleteNow(stored, mark);
   }
 
  private:
@@ -197,16 +197,20 @@ void PackageCatalogEventManager::clear_events(Owner owner) {
   std::erase_if(requests(), [owner](const LiveRequest& live) { return live.owner == owner; });
 }
 
-void RegisterAppPackageEvent(const std::wstring& request, Owner owner,
+bool RegisterAppPackageEvent(const std::wstring& request, Owner owner,
                              const Platform::SharedHandle& stop) {
   const std::lock_guard guard(PackageCompletion::listChange);
   const bool isStored = Persist(request);
-  const std::wstring stored = StoredText(request);
-  const MarkPtr mark = FiringMarks::Renew(stored);
+  std::wstring stored;
+  MarkPtr mark;
   try {
+    stored = StoredText(request);
+    mark = FiringMarks::Renew(stored);
     MakeLive(request, stored, owner, mark, stop);
+    return isStored;
   } catch (const Platform::WindowsRuntimeError&) {
-    TakeBack(stored, mark);
+    // A store that did not take it may hold the equal request of another client.
+    if (isStored && mark != nullptr) TakeBack(stored, mark);
     throw;
   } catch (const std::exception& error) {
     if (!isStored) throw;

@@ -68,9 +68,8 @@ class NotWatched : public std::runtime_error {
 // std::runtime_error if the same subscription has run but cannot be removed. Removes the request
 // again where its registration throws Platform::WindowsRuntimeError; throws NotWatched for another
 // exception. No other client can subscribe the same text in between. `stop` is signalled when
-// the service ends: while one lives, a completion that fails is tried again (see
-// PackageCompletion).
-void RegisterAppPackageEvent(const std::wstring& request, PackageCatalogEventManager::Owner owner,
+// the service ends, which gives up completions that fail. Returns whether the request is stored.
+bool RegisterAppPackageEvent(const std::wstring& request, PackageCatalogEventManager::Owner owner,
                              const Platform::SharedHandle& stop = nullptr);
 
 // Makes every stored subscription live again, in place of this service's earlier registrations for

@@ -135,7 +135,8 @@ void UninstallWatch::Handle(const Platform::PackageUninstall& uninstall) {
   if (stopping) return;
   const std::wstring received = uninstall.FamilyName();
   const auto due = [&] { return IsDue(uninstall, received); };
-  // Of another package: only logged, so a logon that runs the command late need not wait for it.
+  // A notification of another package is only logged, so a logon that runs the command late need
+  // not wait for it.
   if (received != familyName) {
     due();
     return;

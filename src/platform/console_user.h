@@ -20,7 +20,7 @@ enum class ActingStep { Session, SessionApi, Token, TokenCopy, Impersonation, Re
 // for Revert, which a destructor reports.
 using ActingReport = std::function<void(ActingStep step, ErrorCode error)>;
 
-// The logon session that one operation acts for, which its first question decides. Another user may
+// The logon session that one operation acts for, set by its first query. Another user may
 // be at the console when the operation asks again.
 using OneLogon = std::optional<std::uint64_t>;
 

@@ -28,7 +28,8 @@ class Sessions {
   // A copy of `token` with maximum allowed access and impersonation level "impersonation".
   virtual Result<UniqueHandle> DuplicateUserToken(RawHandle token, TokenType type) const = 0;
 
-  // Identifies the logon session of `token`. Every token of one logon has the same value.
+  // Identifies the logon session of `token`. Every token that QueryUserToken returns for one logon
+  // has the same value.
   virtual Result<std::uint64_t> LogonOf(RawHandle token) const = 0;
 
   // The SID, as text, of the user of `token`.

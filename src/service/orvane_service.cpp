@@ -180,8 +180,8 @@ void OrvaneService::OnSessionChange(std::uint32_t code) noexcept {
   });
 }
 
-void OrvaneService::RegisterAppPackageEvent(const wchar_t* request) {
-  Orvane::RegisterAppPackageEvent(request, state.get(), state->stopEvent);
+bool OrvaneService::RegisterAppPackageEvent(const wchar_t* request) {
+  return Orvane::RegisterAppPackageEvent(request, state.get(), state->stopEvent);
 }
 
 int OrvaneService::RegisterPowerEvent(const wchar_t* request, const wchar_t* clientId) {

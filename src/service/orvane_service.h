@@ -38,7 +38,7 @@ class OrvaneService final : public VxService {
   void OnSessionChange(std::uint32_t code) noexcept override;
 
   // Stores a package subscription and makes it live for this service.
-  void RegisterAppPackageEvent(const wchar_t* request);
+  bool RegisterAppPackageEvent(const wchar_t* request);
 
   // Change the stored lists of power and platform ("Zephra") subscriptions, or raise the platform
   // event of a changed policy. The client is named in log lines. Return 0.

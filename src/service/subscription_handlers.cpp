@@ -52,13 +52,12 @@ void ReportUnreadable(const Call& call) {
   }
 }
 
-// Subscribes and reports a failure, but not what became of the list, which `change` receives.
+// Subscribes and reports a failure. Sets `change` to the outcome for the list.
 std::uint32_t TrySubscribeToPackageEvent(const Call& call, ListChange& change) {
   const auto log = Log(call.caller);
   change = ListChange::Refused;
   try {
-    call.service.RegisterAppPackageEvent(call.text);
-    change = ListChange::Accepted;
+    if (call.service.RegisterAppPackageEvent(call.text)) change = ListChange::Accepted;
     return kSuccess;
   } catch (const Platform::WindowsRuntimeError& error) {
     log.LogError(kPackageRuntimeError, error.message().c_str(), error.code());

@@ -9,6 +9,7 @@
 #include "platform/machine.h"
 #include "platform/system_services.h"
 #include "storage/path_pattern.h"
+#include "storage/service_document.h"
 
 namespace Vx::Tessel::Server::Storage {
 
@@ -229,7 +230,8 @@ bool CapDataStore::persistUnlessDocument(std::string_view key, bool value) {
   Hold hold(mutex);
   readForChange();
   const std::optional<BsonView> found = document.Find(key);
-  const bool isDocument = found && found->Kind() == BsonKind::Document;
+  const bool isDocument =
+      key == Services::Orvane::kServiceDocument || (found && found->Kind() == BsonKind::Document);
   if (isDocument) Log().LogWarning(kDocumentStays);
   const bool stored =
       MayReplace(lastReading.state) && !isDocument && store(key, BsonElement::Boolean(value));

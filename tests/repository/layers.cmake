@@ -1,4 +1,5 @@
-# check_layers(ROOT RESULT): reads every source of the folders below, of ROOT and puts a list of "file: what is wrong" into RESULT. The rules are those of ARCHITECTURE.md.
+# check_layers(ROOT RESULT): reads every source in these folders of ROOT and puts a list of "file: what is
+# wrong" into RESULT. The rules are those of ARCHITECTURE.md.
 
 set(folders src host standins simulator hosting servicehost vxhost)
 

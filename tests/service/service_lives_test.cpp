@@ -246,6 +246,21 @@ TEST_F(ServiceLivesTest, DestructionDoesNotWaitForThePackageQueriesOfItsStartUpT
       << "after the end";
 }
 
+TEST_F(ServiceLivesTest, AFailureWhileTheStoreIsUnreadableTakesNoOtherClientsSubscription) {
+  const wchar_t* request =
+      LR"({"catalogEvent":5,"catalogAction":1,"packageFamilyName":)"
+      LR"("App_r4x2m8kq7tn3b","catalogActionParams":{"path":"C:\\a.exe"}})";
+  InstallApp(L"App");
+  ASSERT_EQ(host.Execute(7, request).result, 0U);
+  machine.faults.FailNamed("KernelObjects.LockMutex");
+  const LogTrap readable(L"Failed to get DataStore", 1,
+                         [&] { machine.faults.FailNamed("Packages.FindForAllUsers"); });
+  EXPECT_NE(host.Execute(7, request).result, 0U);
+  EXPECT_TRUE(log.Lines().back().find(L": refused") != std::wstring::npos) << log.Lines().size();
+  machine.faults.Clear();
+  EXPECT_EQ(host.Execute(7, request).result, 0x20000009U) << "the first one is not stored";
+}
+
 // A service that is destroyed while its start-up task works cannot end the watches that the task
 // makes.
 TEST_F(ServiceLivesTest, NoPackageIsWatchedForAServiceThatIsGone) {
