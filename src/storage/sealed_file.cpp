@@ -261,8 +261,9 @@ std::wstring DateText(std::chrono::milliseconds since1601) {
   const auto day = floor<days>(time);
   const year_month_day date(day);
   const hh_mm_ss clock(time - day);
-  const auto dateDigits =
-      std::int64_t{int{date.year()}} * 10'000 + unsigned{date.month()} * 100 + unsigned{date.day()};
+  const auto dateDigits = std::int64_t{int{date.year()}} * 10'000 +
+                          std::int64_t{unsigned{date.month()}} * 100 +
+                          std::int64_t{unsigned{date.day()}};
   const auto clockDigits =
       clock.hours().count() * 10'000 + clock.minutes().count() * 100 + clock.seconds().count();
   return Json::WideDecimal(dateDigits, 8) + L'-' + Json::WideDecimal(clockDigits, 6) + L'-' +

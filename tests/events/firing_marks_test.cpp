@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 
 #include <chrono>
+#include <cstddef>
 #include <functional>
 #include <future>
 #include <mutex>
@@ -93,7 +94,7 @@ TEST_F(OneShotTest, IsCompletedWhenTheStoreIsBack) {
       L"the command has run, but its request stays stored and runs again after a restart: ";
   const struct {
     const char* name;
-    int failures;
+    std::size_t failures;
     std::function<void()> atTheSecond;
     std::function<void()> then;  // empty: it is completed by then
   } cases[] = {
