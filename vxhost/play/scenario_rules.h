@@ -29,8 +29,8 @@ enum class PartNeeds { Nothing, SimulatedMachine };
 
 // One part of a step, or one member of a part.
 struct PartRule {
-  const wchar_t* key;
-  PartForm form;
+  const wchar_t* key = nullptr;
+  PartForm form = PartForm::Anything;
   const PartRule* members = nullptr;  // of an object
   std::size_t memberCount = 0;
   bool required = false;               // in its object
