@@ -62,7 +62,7 @@ add_library(rapidjson INTERFACE)
 target_include_directories(rapidjson SYSTEM INTERFACE ${PROJECT_BINARY_DIR}/third_party)
 
 # vx_headers(TARGET OWNER [HEADER...]): parses what most files include once, for the owner. Others of the same
-# compile options share that. Files include what they use all the same; scripts/lint builds without this.
+# compile options share that. Files include what they use nevertheless: scripts/lint reads them without these.
 function(vx_headers target owner)
   if(target STREQUAL owner)
     target_precompile_headers(${owner} PRIVATE <algorithm> <chrono> <functional> <map> <memory> <mutex> <optional>

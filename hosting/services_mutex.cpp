@@ -124,8 +124,8 @@ std::shared_ptr<const ServicesMutex> ServicesMutexFor(StoreUse use) {
       throw std::runtime_error(std::string("the machine's store cannot be kept from services: ") +
                                error.what() + "; run as administrator, or use --private-store");
     }
-    std::fprintf(stderr, "vxhost: the store is read while services may write it: %s\n",
-                 error.what());
+    static_cast<void>(std::fprintf(
+        stderr, "vxhost: the store is read while services may write it: %s\n", error.what()));
     return nullptr;
   }
 }

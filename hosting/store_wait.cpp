@@ -59,8 +59,8 @@ bool Take(HANDLE mutex, DWORD limit) {
 void AwaitStoreMutex(Platform::RawHandle mutex, const HoldLimits& limits) {
   if (Take(mutex, static_cast<DWORD>(limits.notice.count()))) return;
   const std::string holder = HolderOf(mutex);
-  std::fprintf(stderr, "vxhost: waiting for the store, which is held by %s\n",
-               Printable(holder, LineBreaks::Replace).c_str());
+  static_cast<void>(std::fprintf(stderr, "vxhost: waiting for the store, which is held by %s\n",
+                                 Printable(holder, LineBreaks::Replace).c_str()));
   const auto rest = limits.timeout - limits.notice;
   const bool endless = limits.timeout == milliseconds(0);
   if (Take(mutex, endless                  ? INFINITE

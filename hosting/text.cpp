@@ -85,7 +85,8 @@ std::string PrintableJson(std::wstring_view json) {
       continue;
     }
     wchar_t escape[8];
-    std::swprintf(escape, std::size(escape), L"\\u%04X", static_cast<unsigned>(unit));
+    static_cast<void>(
+        std::swprintf(escape, std::size(escape), L"\\u%04X", static_cast<unsigned>(unit)));
     shown += escape;
   }
   return Utf8(shown);

@@ -24,8 +24,8 @@ struct Members {
   std::optional<std::wstring> text;
 };
 
-// Reads {NUMBER: n, TEXT: "..."}, where either may be missing. `others`: what becomes of other
-// members.
+// Reads {NUMBER: n, TEXT: "..."}, where either may be missing. `others`: how other members are
+// treated.
 std::optional<Members> ParseMembers(std::string_view message, std::string_view numberName,
                                     std::string_view textName, Others others) {
   // Without nesting, a message of a client takes little memory before it is refused.
@@ -105,7 +105,7 @@ void AppendJsonString(std::string& out, std::wstring_view text) {
       continue;
     }
     char escape[8];
-    std::snprintf(escape, sizeof escape, "\\u%04x", static_cast<unsigned>(unit));
+    static_cast<void>(std::snprintf(escape, sizeof escape, "\\u%04x", static_cast<unsigned>(unit)));
     out += escape;
   }
   if (plain < text.size()) out += Json::ToUtf8(text.substr(plain));

@@ -21,9 +21,9 @@ std::string Moment(std::uint64_t time) {
   SYSTEMTIME moment{};
   FileTimeToSystemTime(&fileTime, &moment);
   char text[32];
-  std::snprintf(text, sizeof text, "%04u-%02u-%02uT%02u:%02u:%02u.%03uZ", moment.wYear,
-                moment.wMonth, moment.wDay, moment.wHour, moment.wMinute, moment.wSecond,
-                moment.wMilliseconds);
+  static_cast<void>(std::snprintf(text, sizeof text, "%04u-%02u-%02uT%02u:%02u:%02u.%03uZ",
+                                  moment.wYear, moment.wMonth, moment.wDay, moment.wHour,
+                                  moment.wMinute, moment.wSecond, moment.wMilliseconds));
   return text;
 }
 

@@ -39,8 +39,8 @@ class McAfeeHelper {
   McAfeeHelper();
 
   // `expanded` receives `path` with the console user's variables expanded, at most 520 characters
-  // with the terminator. Returns false, and logs, when there is no console user, that user is not
-  // that of `same` or Windows refuses.
+  // with the terminator. Returns false, and logs, if no user is at the console, if that user is
+  // not the one of `same`, or if Windows refuses.
   bool expand_path_impersonated_as_loggedin_user(const std::wstring& path, std::wstring& expanded,
                                                  Platform::OneLogon* same = nullptr) const;
 

@@ -15,8 +15,8 @@ namespace Vx::Tessel::Server::Services::Orvane {
 // several times, and all its registrations share one mark. Any thread.
 class FiringMark {
  public:
-  // Calls `run` unless it has run or may not, or `due` returns false. A concurrent call
-  // waits before it calls `due`. An exception passes to the caller, and the command may run again.
+  // Calls `run` unless it has run or may not, or `due` returns false. A concurrent call waits
+  // before it calls `due`. An exception passes to the caller, and the command may run again.
   // Returns whether this call ran it.
   bool RunOnce(
       const std::function<void()>& run, const std::function<bool()>& due = [] { return true; });

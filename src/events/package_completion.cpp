@@ -43,8 +43,9 @@ void ReportLeft(const std::wstring& stored) {
 // Returns false when the service ends first.
 bool Pause(const Platform::SharedHandle& stop) noexcept {
   Platform::Clock& clock = *Platform::CurrentMachine().clock;
-  if (stop != nullptr)
+  if (stop != nullptr) {
     return clock.Wait(stop.get(), kPause).outcome == Platform::WaitOutcome::TimedOut;
+  }
   clock.Sleep(kPause);
   return true;
 }

@@ -72,8 +72,8 @@ class PackageUninstallingPCEvent final : public IPCEvent {
 
   void Register() override;
 
-  // The SID of the user whose catalog is watched, or an empty text if that is the account of this
-  // process or there is no catalog. std::nullopt if the SID is unknown.
+  // The SID of the user whose catalog is watched. An empty text if that user is the account of this
+  // process, or if no catalog was opened. std::nullopt if Windows does not return the SID.
   const std::optional<std::wstring>& User() const noexcept { return user; }
 
   // Outlives this object for as long as it is held.

@@ -20,8 +20,8 @@ enum class ActingStep { Session, SessionApi, Token, TokenCopy, Impersonation, Re
 // for Revert, which a destructor reports.
 using ActingReport = std::function<void(ActingStep step, ErrorCode error)>;
 
-// The logon session that one operation acts for, set by its first query. Another user may
-// be at the console when the operation asks again.
+// The logon session that one operation acts for, set by its first query. Another user may be at
+// the console at the next one.
 using OneLogon = std::optional<std::uint64_t>;
 
 // Returns the primary token of the user at the console, or null after a refusal. Session fails with

@@ -79,6 +79,19 @@ TEST(LogFolderTest, ContinuesBehindALineThatAKillTore) {
             "\xC3\xA9\"}\n");
 }
 
+TEST(LogFolderTest, LeavesAFileThatAnotherServiceWritesToIt) {
+  const Tests::TempFolder folder;
+  LogFolder other(folder.Path().wstring());
+  LogFolder log(folder.Path().wstring());
+  const LogEntry entry = Entry(kFirstDay, L"text");
+  EXPECT_TRUE(other.Write(entry));
+  EXPECT_TRUE(log.Write(entry));
+  EXPECT_TRUE(other.Write(entry));
+  EXPECT_EQ(Content(folder.Path() / "vxhost-20240101-0001.log"),
+            JsonLineOf(entry) + JsonLineOf(entry));
+  EXPECT_EQ(Content(folder.Path() / "vxhost-20240101-0002.log"), JsonLineOf(entry));
+}
+
 // A disk that is full after half of the next write, whatever Windows returns for it.
 const auto writeAll = __imp_WriteFile;
 BOOL partlyWritten = FALSE;
