@@ -6,6 +6,8 @@
 #include <string_view>
 #include <type_traits>
 
+#include "host/log_sink.h"
+
 // Contract of the host's logging library. standins/ implements it. A build option links the maker's
 // own library instead.
 
@@ -20,6 +22,7 @@ struct LogRecord {
   std::wstring_view
       caller;  // identity of the client that the line is about; empty if there is none
   std::wstring_view message;
+  const VxLogRecord* record = nullptr;  // of a line written with WriteRecord
 };
 
 // Argument types that a printf-style format takes unchanged.
@@ -101,6 +104,10 @@ class LogManager {
   static SinkId AddSink(Sink sink);
   static void RemoveSink(SinkId id);
 };
+
+// Writes a line of the service's own logger, about the client of `record`, which listeners receive
+// with it. Any thread; never throws. With the maker's library, the line alone is written.
+void WriteRecord(const VxLogRecord& record, const wchar_t* text) noexcept;
 
 inline constexpr char kComponentProvider[] = "Vx-Tessel-SystemInformation";
 

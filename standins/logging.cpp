@@ -24,7 +24,7 @@ namespace Vx::Tessel::Server::Logging {
 namespace {
 
 // The provider of the service object's own logger.
-constexpr char kServiceProvider[] = "Vx-Tessel-Service";
+constexpr wchar_t kServiceProvider[] = L"Vx-Tessel-Service";
 
 // The event provider that every line goes to: {653180DD-2F61-43C5-B3F1-1B516C6D7870}.
 constexpr GUID kEventProvider = {
@@ -110,26 +110,51 @@ struct SinkEntry {
   LogManager::Sink sink;
 };
 
+struct HostSink {
+  VxLogSink function = nullptr;
+  void* context = nullptr;
+};
+
 // The registered sinks, guarded by the lock. A delivery holds it, so that sinks receive one record
-// at a time and RemoveSink waits for the end of a call. `sinkCount` may be read without the lock.
+// at a time and their removal waits for the end of a call. `sinkCount` may be read without the
+// lock.
 StaticLock sinkLock;
 std::vector<SinkEntry>* sinks = nullptr;  // null while empty
+constinit HostSink hostSink;
 std::atomic<std::size_t> sinkCount{0};
 // The thread that is calling a sink. A sink that logs, against its contract, must not block itself.
 std::atomic<DWORD> deliveringThread{0};
+
+// The caller holds the lock.
+void CountSinks() noexcept {
+  const std::size_t own = sinks != nullptr ? sinks->size() : 0;
+  sinkCount.store(own + (hostSink.function != nullptr ? 1 : 0), std::memory_order_release);
+}
+
+// The texts of a record end with a NUL where the module logs.
+void DeliverToHost(const LogRecord& record) noexcept {
+  const VxLogLine line{.size = sizeof line,
+                       .level = static_cast<std::uint32_t>(record.level),
+                       .thread = GetCurrentThreadId(),
+                       .provider = record.provider.data(),
+                       .caller = record.caller.data(),
+                       .text = record.message.data(),
+                       .record = record.record};
+  hostSink.function(&line, hostSink.context);
+}
 
 void DeliverToSinks(const LogRecord& record) {
   if (sinkCount.load(std::memory_order_acquire) == 0) return;
   if (deliveringThread.load(std::memory_order_relaxed) == GetCurrentThreadId()) return;
   const std::lock_guard guard(sinkLock);
-  if (sinks == nullptr) return;
   deliveringThread.store(GetCurrentThreadId(), std::memory_order_relaxed);
-  for (const SinkEntry& entry : *sinks) {
+  for (std::size_t i = 0; sinks != nullptr && i < sinks->size(); ++i) {
     try {
-      entry.sink(record);
+      (*sinks)[i].sink(record);
     } catch (...) {  // NOLINT(bugprone-empty-catch): there is no other listener
     }
   }
+  if (hostSink.function != nullptr) DeliverToHost(record);
   deliveringThread.store(0, std::memory_order_relaxed);
 }
 
@@ -213,8 +238,9 @@ std::wstring_view Format(wchar_t (&buffer)[Size], const wchar_t* format, va_list
 // Copies what fits of a caller's identity.
 template <std::size_t Size>
 std::wstring_view CopyCaller(wchar_t (&buffer)[Size], const wchar_t* caller) noexcept {
-  const std::size_t length = caller != nullptr ? wcsnlen(caller, Size) : 0;
+  const std::size_t length = caller != nullptr ? wcsnlen(caller, Size - 1) : 0;
   std::transform(caller, caller + length, std::begin(buffer), &Shown);
+  buffer[length] = L'\0';
   return {buffer, length};
 }
 
@@ -242,20 +268,39 @@ void DeliverToSystem(const LogRecord& record, bool traced, bool debugged) {
   if (debugged) DeliverToDebugger(record, line);
 }
 
+// Who would receive a line now.
+class Listeners {
+ public:
+  explicit Listeners(LogLevel level)
+      : traced(Trace().Listens(level)), debugged(DebugOutputIsShown()) {}
+
+  bool Any() const noexcept {
+    return traced || debugged || sinkCount.load(std::memory_order_relaxed) != 0;
+  }
+
+  void Deliver(const LogRecord& record) const {
+    DeliverToSinks(record);
+    if (traced || debugged) DeliverToSystem(record, traced, debugged);
+  }
+
+ private:
+  bool traced;
+  bool debugged;
+};
+
 }  // namespace
 
 void TraceLogger::Write(LogLevel level, const wchar_t* caller, const wchar_t* format,
                         ...) const noexcept {
   const LastErrorKept kept;
-  const bool traced = Trace().Listens(level);
-  const bool debugged = DebugOutputIsShown();
-  if (!traced && !debugged && sinkCount.load(std::memory_order_relaxed) == 0) return;
+  const Listeners listeners(level);
+  if (!listeners.Any()) return;
 
   wchar_t buffer[kLongestMessage + 1];
   LogRecord record;
   record.level = level;
   record.provider = provider;
-  wchar_t callerBuffer[kLongestCaller];
+  wchar_t callerBuffer[kLongestCaller + 1];
   record.caller = CopyCaller(callerBuffer, caller);
   va_list arguments;  // NOLINT(cppcoreguidelines-init-variables): va_start does
   va_start(arguments, format);
@@ -263,12 +308,24 @@ void TraceLogger::Write(LogLevel level, const wchar_t* caller, const wchar_t* fo
   record.message = Format(buffer, texts.Format(), texts.Arguments());
   va_end(arguments);
 
-  DeliverToSinks(record);
-  if (traced || debugged) DeliverToSystem(record, traced, debugged);
+  listeners.Deliver(record);
+}
+
+void WriteRecord(const VxLogRecord& fields, const wchar_t* text) noexcept {
+  const LastErrorKept kept;
+  const Listeners listeners(LogLevel::Info);
+  if (!listeners.Any()) return;
+  wchar_t callerBuffer[kLongestCaller + 1];
+  LogRecord record;
+  record.provider = kServiceProvider;
+  record.caller = CopyCaller(callerBuffer, fields.client);
+  record.message = text;
+  record.record = &fields;
+  listeners.Deliver(record);
 }
 
 TraceLogger* LogManager::GetLogger() {
-  return SetProvider(kServiceProvider);
+  return SetProvider("Vx-Tessel-Service");
 }
 
 TraceLogger* LogManager::SetProvider(const char* name) {
@@ -303,7 +360,7 @@ LogManager::SinkId LogManager::AddSink(Sink sink) {
   const std::lock_guard guard(sinkLock);
   if (sinks == nullptr) sinks = new std::vector<SinkEntry>;
   sinks->push_back({++lastId, std::move(sink)});
-  sinkCount.store(sinks->size(), std::memory_order_release);
+  CountSinks();
   return lastId;
 }
 
@@ -317,8 +374,15 @@ void LogManager::RemoveSink(SinkId id) {
   if (found == sinks->end()) return;
   removed.push_back(std::move(*found));
   sinks->erase(found);
-  sinkCount.store(sinks->size(), std::memory_order_release);
   if (sinks->empty()) delete std::exchange(sinks, nullptr);
+  CountSinks();
 }
 
 }  // namespace Vx::Tessel::Server::Logging
+
+extern "C" void VxSetLogSink(VxLogSink sink, void* context) {
+  using namespace Vx::Tessel::Server::Logging;
+  const std::lock_guard guard(sinkLock);
+  hostSink = {sink, context};
+  CountSinks();
+}

@@ -6,6 +6,7 @@
 #include <chrono>
 #include <cstdint>
 #include <cstdlib>
+#include <functional>
 #include <future>
 #include <stdexcept>
 #include <string>
@@ -146,24 +147,73 @@ TEST(LoggingTest, DeliversEveryLineWholeAndOneAtATimeFromOneLoggerAProvider) {
   EXPECT_THAT(loggers, Each(loggers[0]));
 }
 
-TEST(LoggingTest, RemovesASinkOnlyWhenNoCallIntoItIsLeft) {
-  std::promise<void> entered;
-  std::promise<void> leave;
-  std::atomic<bool> left{false};
-  const auto id = LogManager::AddSink([&](const LogRecord&) {
+// A sink that stays in its call until it is told to leave.
+struct SlowSink {
+  void Take() {
     entered.set_value();
     leave.get_future().wait_for(kLongestWait);
     left = true;
-  });
-  const std::jthread logging([] { Logger().LogInfo(L"x"); });
-  entered.get_future().wait_for(kLongestWait);
-  const auto removed = std::async(std::launch::async, [&] {
-    LogManager::RemoveSink(id);
-    EXPECT_TRUE(left);
-  });
-  // Long enough for a removal that does not wait. A slow machine can only hide the fault.
-  EXPECT_EQ(removed.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout);
-  leave.set_value();
+  }
+
+  // `remove` ends the sink while a thread is in it.
+  void ExpectToBeAwaited(const std::function<void()>& remove) {
+    const std::jthread logging([] { Logger().LogInfo(L"x"); });
+    entered.get_future().wait_for(kLongestWait);
+    const auto removed = std::async(std::launch::async, [&] {
+      remove();
+      EXPECT_TRUE(left);
+    });
+    // Long enough for a removal that does not wait. A slow machine can only hide the fault.
+    EXPECT_EQ(removed.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout);
+    leave.set_value();
+  }
+
+  std::promise<void> entered;
+  std::promise<void> leave;
+  std::atomic<bool> left{false};
+};
+
+TEST(LoggingTest, RemovesASinkOnlyWhenNoCallIntoItIsLeft) {
+  SlowSink own;
+  const auto id = LogManager::AddSink([&](const LogRecord&) { own.Take(); });
+  own.ExpectToBeAwaited([id] { LogManager::RemoveSink(id); });
+  SlowSink host;
+  VxSetLogSink([](const VxLogLine*, void* sink) { static_cast<SlowSink*>(sink)->Take(); }, &host);
+  host.ExpectToBeAwaited([] { VxSetLogSink(nullptr, nullptr); });
+}
+
+// What a host's sink received, as one text for each line.
+struct HostLines {
+  static void Take(const VxLogLine* line, void* context) {
+    std::wstring text = std::to_wstring(line->level) + L'|' + line->provider + L'|' + line->caller +
+                        L'|' + line->text;
+    if (line->record != nullptr) text += std::wstring(L"|") + line->record->decision;
+    if (line->thread != GetCurrentThreadId()) text += L"|wrong thread";
+    static_cast<HostLines*>(context)->lines.push_back(text);
+    LogManager::GetLogger()->LogInfo(L"from the sink");
+  }
+
+  std::vector<std::wstring> lines;
+};
+
+TEST(HostSinkTest, ReceivesLinesAndRecordsUntilItIsReplaced) {
+  HostLines first;
+  HostLines second;
+  VxLogRecord record{};
+  record.decision = L"ran";
+  record.client = L"a\nclient";
+  VxSetLogSink(&HostLines::Take, &first);
+  Logger().LogWarning(L"%d", 7);
+  SetLastError(7);
+  WriteRecord(record, L"one delivery");
+  EXPECT_EQ(GetLastError(), 7U);
+  VxSetLogSink(&HostLines::Take, &second);
+  Logger().For(L"x").LogError(L"8");
+  VxSetLogSink(nullptr, nullptr);
+  Logger().LogInfo(L"9");
+  EXPECT_THAT(first.lines, ElementsAre(L"1|Vx-Test-Provider||7",
+                                       L"0|Vx-Tessel-Service|a client|one delivery|ran"));
+  EXPECT_THAT(second.lines, ElementsAre(L"2|Vx-Test-Provider|x|8"));
 }
 
 TEST(LoggingTest, SurvivesASinkThatThrowsAndOneThatLogs) {
