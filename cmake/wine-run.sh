@@ -11,6 +11,11 @@ export LC_ALL=C.UTF-8 WINEARCH=win64 WINEDEBUG=${WINEDEBUG:--all}
 # program's output open until the server ends.
 export WINEDLLOVERRIDES='mscoree=;mshtml=;winemenubuilder.exe=d;winedbg.exe=d;explorer.exe=d'
 unset DISPLAY
+# Windows has its shared data at a fixed address, where Linux puts the heap of about one program in
+# 5,000: Wine then ends without a word. Some containers do not allow the fixed addresses.
+if [ -z "${VX_FIXED_ADDRESSES:-}" ] && setarch -R true 2>/dev/null; then
+  VX_FIXED_ADDRESSES=1 exec setarch -R "$0" "$WINEPREFIX" "$@"
+fi
 umask go-w  # a service cannot be installed where other accounts write
 mkdir -p "$WINEPREFIX"
 # Wine's background services inherit the first client's open files. Starting the server here, with all

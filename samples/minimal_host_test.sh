@@ -17,7 +17,7 @@ expect() {
   code=$?
   tr -d '\r' <"$work/raw" >"$work/output"
   if [ $code != "$1" ] || ! diff - "$work/output"; then
-    echo "failed: with $2 the sample exits with $code"
+    printf '%s\n' "failed: with $2 the sample exits with $code"
     failures=1
   fi
 }
