@@ -539,6 +539,9 @@ class FaultyThreads final : public Decorator<Platform::Threads> {
     if (faults.Fails("Threads.Start")) return Result<UniqueHandle>::Failure(kTryAgain);
     return inner.Start(std::move(body));
   }
+  void CancelIo(RawHandle thread) override {
+    if (!faults.Fails("Threads.CancelIo")) inner.CancelIo(thread);
+  }
 };
 
 class FaultyTrustProvider final : public Decorator<Platform::TrustProvider> {

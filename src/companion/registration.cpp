@@ -1,11 +1,17 @@
 #include "companion/registration.h"
 
+#include <atomic>
+#include <chrono>
 #include <exception>
+#include <memory>
+#include <mutex>
+#include <system_error>
 #include <utility>
 
 #include "companion/text_files.h"
 #include "launch/launcher.h"
 #include "platform/console_user.h"
+#include "platform/thread.h"
 #include "storage/cap_data_store.h"
 
 namespace Vx::Tessel::Server::Services::Orvane {
@@ -24,6 +30,14 @@ constexpr char kNotSet[] = "not_set";
 constexpr wchar_t kMachineData[] = L"%programdata%\\Vx\\Registration\\registration_subset.xml";
 constexpr wchar_t kUserData[] = L"%AppData%\\Vx\\Vx Setup\\REGDATA\\RegistrationSubset.xml";
 constexpr wchar_t kResumeCaller[] = L"Win10SSwitch";
+
+constexpr wchar_t kCopyFailed[] = L"CopyRegistration - failed: %S";
+constexpr wchar_t kTookTooLong[] =
+    L"CopyRegistration - cancelled, because another program holds up %s or %s";
+constexpr wchar_t kStuck[] = L"CopyRegistration - not begun, because an earlier copy hangs";
+
+constexpr std::chrono::seconds kLongestCopy{30};
+constexpr std::chrono::seconds kLongestEnd{1};  // of a copy that is cancelled
 
 std::string StoredState() {
   try {
@@ -49,16 +63,76 @@ bool Expand(const wchar_t* path, std::wstring& expanded, Platform::OneLogon& use
   return McAfeeHelper().expand_path_impersonated_as_loggedin_user(path, expanded, &user);
 }
 
-// The user controls the destination folder, where a link may wait, and the variables in both paths.
-// So the copy reads and writes with no more rights than the user has, and never with another
-// user's.
-bool CopyAsUser(const std::wstring& source, const std::wstring& destination,
-                Platform::OneLogon& user, const wchar_t* caller,
-                const Logging::TraceLogger& logger) {
+// One copy, which owns all that its thread needs, because the thread may outlive its command.
+struct Copy {
+  std::wstring source;
+  std::wstring destination;
+  std::wstring caller;
+  Platform::UniqueHandle token;
+  const Logging::TraceLogger& logger;  // lives as long as the process
+  bool copied = false;
+  std::atomic<bool> ended = false;
+
+  // The user controls the destination folder, where a link may wait, and the variables in both
+  // paths. So the copy reads and writes with no more rights than the user has, and never with
+  // another user's.
+  void Run() noexcept {
+    try {
+      const auto report = ReportTo(*Logging::LogManager::SetProvider(Logging::kComponentProvider));
+      copied = Platform::AsUser(token.get(), report, [this] {
+        return CopyFileContent(source, destination, caller.c_str(), logger);
+      });
+    } catch (const std::exception& error) {
+      LogFailure(error);
+    }
+    ended = true;
+  }
+
+  bool LogFailure(const std::exception& error) const noexcept {
+    logger.For(caller.c_str()).LogError(kCopyFailed, error.what());
+    return false;
+  }
+};
+using CopyPtr = std::shared_ptr<Copy>;
+
+// Empty, and logged, if the user at the console is not the one of `user` any more.
+CopyPtr PrepareCopy(std::wstring source, std::wstring destination, Platform::OneLogon& user,
+                    const wchar_t* caller, const Logging::TraceLogger& logger) {
   const auto report = ReportTo(*Logging::LogManager::SetProvider(Logging::kComponentProvider));
-  const auto token = Platform::ConsoleUserToken(Platform::TokenType::Impersonation, report, &user);
-  return Platform::AsUser(token.get(), report,
-                          [&] { return CopyFileContent(source, destination, caller, logger); });
+  auto token = Platform::ConsoleUserToken(Platform::TokenType::Impersonation, report, &user);
+  if (token == nullptr) return nullptr;
+  return CopyPtr(new Copy{.source = std::move(source),
+                          .destination = std::move(destination),
+                          .caller = caller,
+                          .token = std::move(token),
+                          .logger = logger});
+}
+
+// Makes a copy on a thread of its own, because the user can hold up each access to a file of theirs
+// for as long as they like, with an opportunistic lock for instance. One that takes too long is
+// cancelled. Should its thread hang all the same, later copies fail until it ends: one user must
+// not fill the process with threads.
+bool AwaitCopy(const CopyPtr& copy) noexcept try {
+  static std::mutex turn;
+  static CopyPtr stuck;
+  const std::lock_guard guard(turn);
+  if (stuck != nullptr && !stuck->ended) {
+    copy->logger.For(copy->caller.c_str()).LogWarning(kStuck);
+    return false;
+  }
+  stuck = nullptr;
+  Platform::Thread worker([copy] { copy->Run(); });
+  if (!worker.JoinFor(kLongestCopy)) {
+    worker.CancelIo();
+    if (!worker.JoinFor(kLongestEnd)) stuck = copy;
+    copy->logger.For(copy->caller.c_str())
+        .LogWarning(kTookTooLong, copy->source.c_str(), copy->destination.c_str());
+    if (stuck != nullptr) worker.Detach();
+    return false;
+  }
+  return copy->copied;
+} catch (const std::exception& error) {  // no memory, no thread
+  return copy->LogFailure(error);
 }
 
 }  // namespace
@@ -110,16 +184,23 @@ bool CopyRegistrationData(const wchar_t* caller, const Logging::TraceLogger& log
   std::wstring source;
   std::wstring destination;
   Platform::OneLogon user;
-  return Expand(kMachineData, source, user) && Expand(kUserData, destination, user) &&
-         CopyAsUser(source, destination, user, caller, logger);
+  if (!Expand(kMachineData, source, user) || !Expand(kUserData, destination, user)) return false;
+  const auto copy = PrepareCopy(source, destination, user, caller, logger);
+  return copy != nullptr && AwaitCopy(copy);
 }
 
-bool RefreshRegistrationData(const Logging::TraceLogger& logger) {
+void RefreshRegistrationData(const Logging::TraceLogger& logger) {
   std::wstring source;
   std::wstring destination;
   Platform::OneLogon user;
-  return Expand(kUserData, destination, user) && Expand(kMachineData, source, user) &&
-         CopyAsUser(source, destination, user, kResumeCaller, logger);
+  if (!Expand(kUserData, destination, user) || !Expand(kMachineData, source, user)) return;
+  const auto copy = PrepareCopy(source, destination, user, kResumeCaller, logger);
+  if (copy == nullptr) return;
+  try {
+    Platform::StartDetached([copy] { AwaitCopy(copy); });
+  } catch (const std::system_error& error) {
+    copy->LogFailure(error);
+  }
 }
 
 }  // namespace Vx::Tessel::Server::Services::Orvane

@@ -51,11 +51,12 @@ class McAfeeHelper {
 // Copies the machine's registration data to the folder where the console user's programs look for
 // it. Returns true when the copy was made. Copies nothing unless both paths could be expanded as
 // that user, and copies with that user's rights. Fails if another user comes to the console before
-// the last query. `caller` is the client of the log lines.
+// the last query, if the copy takes more than 30 s, and while an earlier one still hangs. `caller`
+// is the client of the log lines.
 bool CopyRegistrationData(const wchar_t* caller, const Logging::TraceLogger& logger);
 
-// Makes the same copy after a resume. Expands the user's path first, and the machine's only if that
-// succeeded.
-bool RefreshRegistrationData(const Logging::TraceLogger& logger);
+// Begins the same copy after a resume and does not wait for it. Expands the user's path first, and
+// the machine's only if that succeeded.
+void RefreshRegistrationData(const Logging::TraceLogger& logger);
 
 }  // namespace Vx::Tessel::Server::Services::Orvane

@@ -47,6 +47,7 @@ class Files {
   virtual ErrorCode Touch(const std::wstring& path) = 0;
 
   // The whole file, if it is no larger than `maxBytes` (ERROR_FILE_TOO_LARGE otherwise).
+  // ERROR_BAD_FILE_TYPE for a pipe or a device, as from Overwrite.
   virtual Result<std::vector<std::byte>> Read(const std::wstring& path,
                                               std::size_t maxBytes) const = 0;
 

@@ -82,6 +82,19 @@ void Thread::Join() {
   handle.reset();
 }
 
+bool Thread::JoinFor(std::chrono::milliseconds length) {
+  if (!Joinable()) throw std::system_error(EINVAL, std::generic_category(), kNotJoinable);
+  if (CurrentMachine().clock->Wait(handle.get(), length).outcome != WaitOutcome::Signalled) {
+    return false;
+  }
+  handle.reset();
+  return true;
+}
+
+void Thread::CancelIo() noexcept {
+  CurrentMachine().threads->CancelIo(handle.get());
+}
+
 void StartDetached(std::function<void()> body) {
   Thread(std::move(body)).Detach();
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <functional>
 
 #include "platform/unique_handle.h"
@@ -33,6 +34,13 @@ class Thread {
 
   // Blocks until the thread has ended. Throws like Detach.
   void Join();
+
+  // The same for at most `length`. Returns whether the thread has ended; if not, it is still
+  // joinable.
+  bool JoinFor(std::chrono::milliseconds length);
+
+  // Ends the call in which the thread waits for a file, if it does. The thread must be joinable.
+  void CancelIo() noexcept;
 
  private:
   UniqueHandle handle;

@@ -23,6 +23,10 @@ class Threads {
   // Starts a thread that runs `body` once and then ends. `body` does not throw. The error is the
   // C runtime's errno value.
   virtual Result<UniqueHandle> Start(std::function<void()> body) = 0;
+
+  // Ends the call in which `thread` waits for a file, if it does: the call fails with
+  // ERROR_OPERATION_ABORTED.
+  virtual void CancelIo(RawHandle /*thread*/) {}
 };
 
 }  // namespace Vx::Platform

@@ -1,3 +1,5 @@
+#include <atomic>
+#include <chrono>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -19,6 +21,7 @@
 #include "companion/software_check_behaviors.h"
 #include "companion/text_files.h"
 #include "companion/windows_mode.h"
+#include "platform/threads.h"
 #include "storage/cap_data_store.h"
 #include "support/faulty_files.h"
 #include "support/log_trap.h"
@@ -170,7 +173,8 @@ TEST_F(RegistrationDataTest, CopiesTheMachinesDataOverTheUsersWithTheUsersRights
   EXPECT_TRUE(CopyRegistrationData(L"client", logger));
   EXPECT_EQ(Read(Destination()), content);
   Write(Source(), "second");
-  EXPECT_TRUE(RefreshRegistrationData(logger));
+  RefreshRegistrationData(logger);
+  machine.clock.Settle();
   EXPECT_EQ(Read(Destination()), "second");
   EXPECT_EQ(accesses, 8);
   EXPECT_FALSE(machine.users.Acting());
@@ -190,19 +194,88 @@ TEST_F(RegistrationDataTest, CopiesTheMachinesDataOverTheUsersWithTheUsersRights
 TEST_F(RegistrationDataTest, CopiesNothingWithTheRightsOfAnotherUser) {
   Write(Source(), "new");
   Write(Destination(), "old");
-  const std::function<bool()> copies[] = {[&] { return CopyRegistrationData(L"client", logger); },
-                                          [&] { return RefreshRegistrationData(logger); }};
+  const std::function<void()> copies[] = {
+      [&] { EXPECT_FALSE(CopyRegistrationData(L"client", logger)); },
+      [&] { RefreshRegistrationData(logger); }};
   for (const auto& [line, time] : {std::pair(L"Attempting to impersonate", 2),
                                    std::pair(L"Problem while reverting the impersonation.", 1)}) {
     for (const auto& copy : copies) {
       machine.users.LogOn(L"ann");
       machine.faults.FailNamed("Sessions.Revert", 1);
       const Tests::LogTrap change(line, time, [&] { machine.users.LogOn(L"bob"); });
-      EXPECT_FALSE(copy());
+      copy();
+      machine.clock.Settle();
       EXPECT_EQ(log.Lines().back(), L"warning|Problem while querying user's access token.");
     }
   }
   EXPECT_EQ(Read(Destination()), "old");
+}
+
+// A program of the user holds up the access to a file, until the thread's call is cancelled or, if
+// that has no effect, until the hold ends.
+class HeldUpFiles final : public Platform::Threads {
+ public:
+  explicit HeldUpFiles(Platform::Machine& platform) : clock(*platform.clock) {
+    files.onStep = [this](const char*) {
+      if (!holds) return 0U;
+      clock.Wait(freed.get(), std::nullopt);
+      return Tests::kFault;
+    };
+    platform.files = &files;
+    platform.threads = this;
+  }
+
+  Platform::Result<Platform::UniqueHandle> Start(std::function<void()> body) override {
+    return Platform::WindowsMachine().threads->Start(std::move(body));
+  }
+  void CancelIo(Platform::RawHandle) override {
+    if (cancels) SetEvent(freed.get());
+  }
+
+  void Free() {
+    holds = false;
+    SetEvent(freed.get());
+  }
+
+  std::atomic<bool> holds = true;
+  bool cancels = true;
+
+ private:
+  Platform::Clock& clock;
+  Platform::UniqueHandle freed{CreateEventW(nullptr, FALSE, FALSE, nullptr)};
+  Tests::FaultyFiles files;
+};
+
+TEST_F(RegistrationDataTest, AUserWhoHoldsUpTheCopyHoldsUpNeitherAResumeNorACommandForLong) {
+  using std::chrono::seconds;
+  std::optional<HeldUpFiles> held;
+  const Platform::MachineScope inserted(
+      [&](Platform::Machine& platform) { held.emplace(platform); });
+  const auto secondsOfCopy = [&](bool expected) {
+    const auto begin = machine.clock.Elapsed();
+    EXPECT_EQ(CopyRegistrationData(L"client", logger), expected);
+    return machine.clock.Elapsed() - begin;
+  };
+  Write(Source(), "new");
+  EXPECT_EQ(secondsOfCopy(false), seconds(30));
+  EXPECT_EQ(log.Lines().back(),
+            L"warning|CopyRegistration - cancelled, because another program "
+            L"holds up " +
+                Source().wstring() + L" or " + Destination().wstring());
+
+  held->cancels = false;
+  held->holds = true;
+  const auto begin = machine.clock.Elapsed();
+  RefreshRegistrationData(logger);
+  EXPECT_EQ(machine.clock.Elapsed(), begin);
+  machine.clock.Advance(seconds(31));
+  EXPECT_EQ(secondsOfCopy(false), seconds(0));
+  EXPECT_EQ(log.Lines().back(),
+            L"warning|CopyRegistration - not begun, because an earlier copy hangs");
+  held->Free();
+  machine.clock.Settle();
+  EXPECT_EQ(secondsOfCopy(true), seconds(0));
+  EXPECT_EQ(Read(Destination()), "new");
 }
 
 // A folder of files and the log lines about them.

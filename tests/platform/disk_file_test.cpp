@@ -1,3 +1,4 @@
+#include <cstddef>
 #include <cwchar>
 #include <functional>
 #include <utility>
@@ -32,13 +33,16 @@ HANDLE WINAPI WatchedCreateFile(const wchar_t* name, DWORD access, DWORD share,
   return realCreateFile(name, access, share, security, disposition, flags, pattern);
 }
 
-// A pipe is refused before it is read, which would take for ever, and its server cannot act as the
-// account that opened it.
-TEST(DiskFileTest, APipeIsNeitherReadNorGivenAnIdentity) {
-  const Files& files = *CurrentMachine().files;
+// A pipe is refused before it is read or written, which would take for ever, and its server cannot
+// act as the account that opened it.
+TEST(DiskFileTest, APipeIsNeitherReadNorWrittenNorGivenAnIdentity) {
+  Files& files = *CurrentMachine().files;
   const TrustProvider& trust = *CurrentMachine().trustProvider;
   constexpr ErrorCode kNoFile = ERROR_BAD_FILE_TYPE;
   const std::pair<const char*, std::function<ErrorCode(const std::wstring&)>> kCases[] = {
+      {"read", [&](const auto& path) { return files.Read(path, 1).Error(); }},
+      {"overwrite",
+       [&](const auto& path) { return files.Overwrite(path, std::vector<std::byte>(100'000)); }},
       {"lock", [&](const auto& path) { return files.OpenReadLocked(path).Error(); }},
       {"final path", [&](const auto& path) { return files.FinalPath(path).Error(); }},
       {"access list", [&](const auto& path) { return files.FolderAccess(path).Error(); }},

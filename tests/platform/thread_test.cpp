@@ -4,6 +4,7 @@
 #include <gmock/gmock.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstddef>
 #include <exception>
 #include <functional>
@@ -18,6 +19,7 @@
 #include "platform/runtime/fail_fast.h"
 #include "simulator/fault_injection.h"
 #include "simulator/virtual_clock.h"
+#include "support/silent_pipe.h"
 
 namespace Vx::Platform {
 namespace {
@@ -54,6 +56,21 @@ TEST_F(ThreadTest, ThrowsAndIsNotCountedWhenNoThreadCanBeMade) {
   }
   EXPECT_FALSE(ran);
   EXPECT_EQ(clock.Workers(), 0U);
+}
+
+TEST(HeldUpThreadTest, IsAwaitedForATimeAndItsCallOfWindowsCancelled) {
+  const Tests::SilentPipe pipe;
+  DWORD error = 0;
+  Thread reader([&] {
+    const UniqueHandle client =
+        AdoptFile(CreateFileW((L"\\\\.\\pipe\\" + pipe.Name()).c_str(), GENERIC_READ, 0, nullptr,
+                              OPEN_EXISTING, 0, nullptr));
+    char byte = 0;
+    DWORD got = 0;
+    error = ReadFile(client.get(), &byte, 1, &got, nullptr) != FALSE ? 0 : GetLastError();
+  });
+  while (!reader.JoinFor(std::chrono::milliseconds(20))) reader.CancelIo();
+  EXPECT_EQ(error, static_cast<DWORD>(ERROR_OPERATION_ABORTED));
 }
 
 TEST_F(ThreadTest, RefusesToJoinOrDetachWhatIsNotJoinable) {

@@ -185,9 +185,10 @@ Opened OpenWith(const std::wstring& path, Opening opening, SECURITY_ATTRIBUTES* 
 
 }  // namespace
 
-UniqueHandle OpenDiskFile(const std::wstring& path, DWORD access, DWORD share, DWORD flags) {
+UniqueHandle OpenDiskFile(const std::wstring& path, DWORD access, DWORD share, DWORD flags,
+                          DWORD disposition) {
   UniqueHandle file =
-      AdoptFile(CreateFileW(path.c_str(), access, share, nullptr, OPEN_EXISTING,
+      AdoptFile(CreateFileW(path.c_str(), access, share, nullptr, disposition,
                             flags | SECURITY_SQOS_PRESENT | SECURITY_IDENTIFICATION, nullptr));
   if (file == nullptr || GetFileType(file.get()) == FILE_TYPE_DISK) return file;
   file.reset();

@@ -127,9 +127,7 @@ class RealFiles final : public Files {
   Result<Bytes> Read(const std::wstring& path, std::size_t maxBytes) const override {
     // Shares writing: the users of the file keep its writers apart, and a reader must not block
     // them.
-    const UniqueHandle file =
-        AdoptFile(CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE,
-                              nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
+    const UniqueHandle file = OpenDiskFile(path, GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE);
     if (file == nullptr) return Result<Bytes>::Failure(GetLastError());
     LARGE_INTEGER size;
     if (GetFileSizeEx(file.get(), &size) == 0) return Result<Bytes>::Failure(GetLastError());
@@ -154,9 +152,8 @@ class RealFiles final : public Files {
 
   ErrorCode Overwrite(const std::wstring& path, std::span<const std::byte> content) override {
     if (content.size() > std::numeric_limits<DWORD>::max()) return ERROR_FILE_TOO_LARGE;
-    const UniqueHandle file =
-        AdoptFile(CreateFileW(path.c_str(), GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE,
-                              nullptr, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
+    const UniqueHandle file = OpenDiskFile(path, GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE,
+                                           FILE_ATTRIBUTE_NORMAL, CREATE_ALWAYS);
     if (file == nullptr) return GetLastError();
     if (content.empty()) return 0;
     const auto size = static_cast<DWORD>(content.size());

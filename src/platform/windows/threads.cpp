@@ -52,6 +52,10 @@ class RealThreads final : public Threads {
     static_cast<void>(starter.release());                   // the thread deletes it
     return UniqueHandle(reinterpret_cast<RawHandle>(raw));  // NOLINT(performance-no-int-to-ptr)
   }
+
+  // Also ends an open that waits for another program's opportunistic lock. Needs THREAD_TERMINATE,
+  // which the handle of a new thread has.
+  void CancelIo(RawHandle thread) override { CancelSynchronousIo(thread); }
 };
 
 }  // namespace
