@@ -21,13 +21,18 @@ using Platform::UniqueHandle;
 constexpr wchar_t kNameTaken[] =
     L"the pipe's name is in use by another process, no commands until it is free: ";
 constexpr wchar_t kNameFree[] = L"the pipe is open: ";
+constexpr wchar_t kNotOpened[] = L"the pipe cannot be opened for a further client: ";
+constexpr wchar_t kAccountIsFull[] =
+    L"a client was turned away, because its account holds too many places: ";
+constexpr wchar_t kReserved[] =
+    L"a client was turned away, because the places left are for administrators: ";
+constexpr wchar_t kNoMemory[] = L"a client was turned away for want of memory";
 constexpr wchar_t kNoThread[] = L"a client was turned away for want of a thread";
 constexpr wchar_t kRubbish[] = L"a client was disconnected, its message is not a command: ";
 constexpr wchar_t kTooSlow[] = L"a client was disconnected, it did not read its result: ";
 constexpr wchar_t kTooLong[] = L"a client was disconnected, its result is too long: ";
 
 constexpr DWORD kPipeBuffer = 65536;
-constexpr std::size_t kLongestName = 64;
 
 [[noreturn]] void ThrowLastError(const char* what) {
   throw std::system_error(static_cast<int>(GetLastError()), std::system_category(), what);
@@ -37,25 +42,6 @@ UniqueHandle NewEvent(BOOL manual) {
   UniqueHandle event(CreateEventW(nullptr, manual, FALSE, nullptr));
   if (event == nullptr) ThrowLastError("event");
   return event;
-}
-
-std::wstring UserOf(HANDLE process) {
-  HANDLE raw = nullptr;
-  if (OpenProcessToken(process, TOKEN_QUERY, &raw) == FALSE) return {};
-  const UniqueHandle token(raw);
-  alignas(TOKEN_USER) std::byte buffer[sizeof(TOKEN_USER) + SECURITY_MAX_SID_SIZE];
-  DWORD size = sizeof buffer;
-  if (GetTokenInformation(token.get(), TokenUser, buffer, size, &size) == FALSE) return {};
-  wchar_t name[256];
-  wchar_t domain[256];
-  DWORD nameSize = static_cast<DWORD>(std::size(name));
-  DWORD domainSize = static_cast<DWORD>(std::size(domain));
-  SID_NAME_USE use{};
-  const PSID sid = reinterpret_cast<const TOKEN_USER*>(buffer)->User.Sid;
-  if (LookupAccountSidW(nullptr, sid, name, &nameSize, domain, &domainSize, &use) == FALSE) {
-    return {};
-  }
-  return name;
 }
 
 }  // namespace
@@ -78,21 +64,6 @@ std::wstring PipeAccess(const std::vector<std::wstring>& allowed) {
   // right to create an instance, and with it to serve other clients.
   for (const std::wstring& sid : allowed) access += L"(A;;0x12018b;;;" + sid + L")";
   return access;
-}
-
-std::wstring ClientName(std::uint32_t processId) {
-  const UniqueHandle process(OpenProcess(PROCESS_QUERY_LIMITED_INFORMATION, FALSE, processId));
-  std::wstring path(32768, L'\0');
-  DWORD length = static_cast<DWORD>(path.size());
-  if (process == nullptr ||
-      QueryFullProcessImageNameW(process.get(), 0, path.data(), &length) == FALSE) {
-    return L"process " + std::to_wstring(processId);
-  }
-  path.resize(length);
-  std::wstring name = path.substr(path.find_last_of(L'\\') + 1);
-  if (const std::wstring user = UserOf(process.get()); !user.empty()) name += L" " + user;
-  name.resize(std::min(name.size(), kLongestName));
-  return name;
 }
 
 PipeServer::PipeServer(PipeOptions settings, Handler run, Report tell)
@@ -127,37 +98,39 @@ UniqueHandle PipeServer::NewInstance(bool first) const {
       PIPE_UNLIMITED_INSTANCES, kPipeBuffer, kPipeBuffer, 0, &attributes));
 }
 
-// Null when the server stops first.
-UniqueHandle PipeServer::FirstInstance() {
-  bool reported = false;
+// An instance exists at any time, so that the name is never free for another process: the next one
+// is made before the present one is served or closed. Where Windows refuses it, the clients that
+// are served keep the name.
+void PipeServer::Listen() noexcept {
+  UniqueHandle pipe;
+  UniqueHandle used;  // had a client, who may have gone
+  bool refused = false;
+  bool open = false;
   while (true) {
-    UniqueHandle pipe = NewInstance(true);
-    if (pipe != nullptr) {
-      report(L"INFO", kNameFree + options.path);
-      return pipe;
-    }
-    const DWORD error = GetLastError();
-    if (!std::exchange(reported, true)) {
-      report(L"ERROR", kNameTaken + options.path + L" (error " + std::to_wstring(error) + L")");
+    try {
+      JoinThoseThatAreOver();
+      const bool first = connections.empty() && used == nullptr;
+      if (pipe == nullptr) pipe = NewInstance(first);
+      const DWORD error = GetLastError();
+      if (used != nullptr) Admit(std::exchange(used, nullptr));
+      if (pipe != nullptr) {
+        if (!std::exchange(open, true)) report(L"INFO", kNameFree + options.path);
+        refused = false;
+        if (!WaitForRoom()) return;
+        if (PipeMessages(pipe.get(), stop.get()).Connect() == PipeOutcome::Stopped) return;
+        used = std::move(pipe);
+        continue;
+      }
+      open = open && !first;
+      if (!std::exchange(refused, true)) {
+        report(L"ERROR", (first ? kNameTaken : kNotOpened) + options.path + L" (error " +
+                             std::to_wstring(error) + L")");
+      }
+    } catch (const std::exception&) {
+      report(L"ERROR", kNoMemory);
     }
     const auto patience = static_cast<DWORD>(options.retry.count());
-    if (WaitForSingleObject(stop.get(), patience) != WAIT_TIMEOUT) return nullptr;
-  }
-}
-
-// An instance exists at any time, so that the name is never free for another process.
-void PipeServer::Listen() noexcept {
-  try {
-    UniqueHandle pipe = FirstInstance();
-    while (pipe != nullptr && WaitForRoom()) {
-      const PipeOutcome outcome = PipeMessages(pipe.get(), stop.get()).Connect();
-      if (outcome == PipeOutcome::Stopped) return;
-      UniqueHandle next = NewInstance(false);
-      if (outcome == PipeOutcome::Done) Admit(std::move(pipe));
-      pipe = next != nullptr ? std::move(next) : FirstInstance();
-    }
-  } catch (const std::exception&) {
-    report(L"ERROR", L"the pipe serves no further clients");
+    if (WaitForSingleObject(stop.get(), patience) != WAIT_TIMEOUT) return;
   }
 }
 
@@ -183,9 +156,30 @@ void PipeServer::JoinThoseThatAreOver() {
   }
 }
 
+// Why `caller` gets none of the places that are left; null if it gets one. One account must not
+// keep the others out, and nobody keeps out those who have to repair what is wrong.
+const wchar_t* PipeServer::WhyTurnedAway(const PipeCaller& caller) const {
+  if (caller.privileged) return nullptr;
+  const auto places = std::count_if(connections.begin(), connections.end(), [&](const auto& other) {
+    return !other.caller.privileged && other.caller.account == caller.account;
+  });
+  if (static_cast<std::size_t>(places) >= options.perAccount) return kAccountIsFull;
+  return connections.size() + options.reserved >= options.clients ? kReserved : nullptr;
+}
+
 void PipeServer::Admit(UniqueHandle pipe) {
+  ULONG processId = 0;
+  if (GetNamedPipeClientProcessId(pipe.get(), &processId) == FALSE) return;  // has gone
+  PipeCaller caller = options.identify(processId);
+  if (const wchar_t* const why = WhyTurnedAway(caller)) {
+    if (turnedAway.insert(caller.account).second) report(L"WARNING", why + caller.account);
+    return;
+  }
+  turnedAway.erase(caller.account);
   Connection& connection = connections.emplace_back();
   connection.pipe = std::move(pipe);
+  connection.processId = processId;
+  connection.caller = std::move(caller);
   try {
     connection.thread = Platform::Thread([this, &connection] { Serve(connection); });
   } catch (const std::exception&) {  // no thread, or no memory for what it takes over
@@ -200,11 +194,7 @@ void PipeServer::Serve(Connection& connection) noexcept {
     std::wstring client;
     std::string message;
     while (messages.Read(message, kLongestCommand, options.idle) == PipeOutcome::Done) {
-      if (client.empty()) {
-        ULONG processId = 0;
-        GetNamedPipeClientProcessId(connection.pipe.get(), &processId);
-        client = ClientName(processId);
-      }
+      if (client.empty()) client = CallerName(connection.processId);
       const auto command = ParseCommand(message);
       if (!command) {
         report(L"WARNING", kRubbish + client);

@@ -6,6 +6,7 @@
 #include <functional>
 #include <list>
 #include <mutex>
+#include <set>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -13,6 +14,7 @@
 #include "platform/thread.h"
 #include "platform/unique_handle.h"
 #include "servicehost/envelope.h"
+#include "servicehost/pipe_caller.h"
 
 namespace Vx::Host {
 
@@ -26,6 +28,9 @@ struct PipeOptions {
   std::wstring path;
   std::vector<std::wstring> allowed;  // accounts beside SYSTEM and the administrators, SIDs as text
   std::size_t clients = 64;           // served at a time; one more may wait
+  std::size_t reserved = 4;           // of these, for SYSTEM and administrators
+  std::size_t perAccount = 16;        // of these, for each other account
+  std::function<PipeCaller(std::uint32_t processId)> identify = &CallerOf;
   std::chrono::milliseconds idle = std::chrono::minutes(10);   // without a command
   std::chrono::milliseconds stuck = std::chrono::seconds(30);  // without reading a result
   std::chrono::milliseconds retry = std::chrono::seconds(10);  // while the name is taken
@@ -53,13 +58,15 @@ class PipeServer {
  private:
   struct Connection {
     Platform::UniqueHandle pipe;
+    std::uint32_t processId = 0;
+    PipeCaller caller;
     Platform::Thread thread;
     bool over = false;  // under the lock
   };
 
   void Listen() noexcept;
   Platform::UniqueHandle NewInstance(bool first) const;
-  Platform::UniqueHandle FirstInstance();
+  const wchar_t* WhyTurnedAway(const PipeCaller& caller) const;
   void Admit(Platform::UniqueHandle pipe);
   void Serve(Connection& connection) noexcept;
   void JoinThoseThatAreOver();
@@ -72,13 +79,10 @@ class PipeServer {
   Platform::UniqueHandle stop;
   Platform::UniqueHandle left;  // auto-reset: a connection is over
   std::mutex lock;
-  std::list<Connection> connections;  // changed by the listener alone
+  std::list<Connection> connections;  // changed by the listener alone, as the next
+  std::set<std::wstring> turnedAway;  // accounts that were reported and got no place since
   Platform::Thread listener;
 };
-
-// The file name and the user of a process, cut to 64 characters. For logs only: a process can end
-// and another one get its id.
-std::wstring ClientName(std::uint32_t processId);
 
 // An access list that admits SYSTEM, the administrators and `allowed`, and denies remote users.
 // The accounts of `allowed` may read and write, but not create an instance of the pipe.

@@ -30,9 +30,15 @@
 #include "platform/thread.h"
 #include "platform/threads.h"
 #include "servicehost/pipe_io.h"
+#include "support/import_override.h"
 #include "support/memory_shortage.h"
 #include "support/probe.h"
+#include "support/temp_folder.h"
 #include "vxhost/service/pipe_client.h"
+
+// The import that every CreateNamedPipeW of this program goes through.
+// NOLINTNEXTLINE(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
+extern "C" decltype(&CreateNamedPipeW) __imp_CreateNamedPipeW;
 
 namespace Vx::Host {
 namespace {
@@ -69,6 +75,10 @@ class PipeTest : public ::testing::Test {
     options.idle = idle;
     options.stuck = 200ms;
     options.retry = 20ms;
+    if (identify != nullptr) {
+      options.identify = identify;
+      options.perAccount = 3;
+    }
     server = std::make_unique<PipeServer>(
         options,
         [this](const CommandEnvelope& command, const std::wstring& client) {
@@ -129,6 +139,7 @@ class PipeTest : public ::testing::Test {
 
   const std::wstring path = PipePath(L"test-" + std::to_wstring(GetCurrentProcessId()));
   std::chrono::milliseconds idle = 10min;
+  std::function<PipeCaller(std::uint32_t)> identify;
   Platform::UniqueHandle release{CreateEventW(nullptr, TRUE, FALSE, nullptr)};
   std::atomic<int> held{0};
   std::mutex lock;
@@ -150,7 +161,7 @@ TEST_F(PipeTest, AnswersEachClientWhileTheCommandOfAnotherOneRuns) {
     EXPECT_EQ(second.Execute({id, L""}).code, id);
   }
   EXPECT_EQ(second.Execute({5, std::wstring(200'000, L'\xE9')}).response->size(), 200'000U);
-  EXPECT_THAT(lastClient, StartsWith(L"servicehost_test.exe "));
+  EXPECT_THAT(lastClient, EndsWith(L" servicehost_test.exe"));
   SetEvent(release.get());
   slow.Join();
 }
@@ -195,10 +206,8 @@ TEST_F(PipeTest, AHostileClientCostsTheOthersNothing) {
   const auto silent = RawClient();
   const auto deaf = RawClient();
   EXPECT_TRUE(Send(deaf, WriteCommand({2, L""})));  // its result is larger than the pipe
-  EXPECT_TRUE(IsReported(
-      L"WARNING a client was disconnected, it did not read its result: servicehost_test.exe"));
-  EXPECT_TRUE(IsReported(
-      L"WARNING a client was disconnected, its message is not a command: servicehost_test.exe"));
+  EXPECT_TRUE(IsReported(L"WARNING a client was disconnected, it did not read its result: "));
+  EXPECT_TRUE(IsReported(L"WARNING a client was disconnected, its message is not a command: "));
   // All places are free again, except those of the two clients that stay.
   std::vector<std::unique_ptr<PipeClient>> crowd;
   for (int i = 0; i < 5; ++i) {
@@ -215,8 +224,7 @@ TEST_F(PipeTest, AShortageCostsOneClientAndIsReported) {
   } kCases[] = {
       {Missing::Thread, 7, L"WARNING a client was turned away for want of a thread"},
       {Missing::Memory, 7, L"WARNING a client was turned away for want of a thread"},
-      {Missing::Nothing, 3,
-       L"WARNING a client was disconnected, its result is too long: servicehost"},
+      {Missing::Nothing, 3, L"WARNING a client was disconnected, its result is too long: "},
       {Missing::Nothing, 4, L"ERROR a connection ended without memory"},
   };
   Serve();
@@ -233,8 +241,9 @@ TEST_F(PipeTest, AShortageCostsOneClientAndIsReported) {
   PipeClient last = Client();
   EXPECT_EQ(last.Execute({7, L"last"}).response, L"last");
   EXPECT_THROW(Client().Execute({7, L""}), std::runtime_error);
-  EXPECT_TRUE(IsReported(L"ERROR the pipe serves no further clients"));
+  EXPECT_TRUE(IsReported(L"ERROR a client was turned away for want of memory"));
   EXPECT_EQ(last.Execute({7, L"still"}).response, L"still");
+  EXPECT_EQ(Client().Execute({7, L"next"}).response, L"next");
 }
 
 // The clients run where this test cannot: what they send and how they open the pipe is replayed.
@@ -298,6 +307,87 @@ TEST_F(PipeTest, AClientSeesTheErrorsOfTheManual) {
     EXPECT_THAT(errorOfRead(crowd[ended]),
                 testing::AnyOf(DWORD{ERROR_BROKEN_PIPE}, DWORD{ERROR_PIPE_NOT_CONNECTED}));
   }
+}
+
+TEST_F(PipeTest, NobodyKeepsAdministratorsOrOtherAccountsOut) {
+  const PipeCaller ann{.account = L"ann"};
+  const PipeCaller bob{.account = L"bob"};
+  const PipeCaller administrator{.account = L"ann", .privileged = true};
+  PipeCaller next;
+  identify = [&](std::uint32_t) { return next; };
+  Serve();  // eight places, of which four are reserved, and three for an account
+  std::vector<Platform::UniqueHandle> crowd;
+  const auto isServed = [&](const PipeCaller& caller) {
+    next = caller;
+    const auto& pipe = crowd.emplace_back(RawClient());
+    char byte = 0;
+    DWORD size = 0;
+    const bool served = Send(pipe, WriteCommand({7, L""})) &&
+                        (ReadFile(pipe.get(), &byte, 1, &size, nullptr) != FALSE ||
+                         GetLastError() == ERROR_MORE_DATA);
+    if (!served) crowd.pop_back();
+    return served;
+  };
+  for (int i = 0; i < 3; ++i) EXPECT_TRUE(isServed(ann));
+  for (int i = 0; i < 2; ++i) EXPECT_FALSE(isServed(ann));
+  EXPECT_TRUE(isServed(bob));
+  EXPECT_FALSE(isServed(bob));
+  for (int i = 0; i < 4; ++i) EXPECT_TRUE(isServed(administrator));
+  crowd.erase(crowd.begin());
+  EXPECT_TRUE(isServed(administrator));
+  EXPECT_EQ(Reports(),
+            L"INFO the pipe is open: " + path +
+                L"\nWARNING a client was turned away, because its account holds too many places: "
+                L"ann\nWARNING a client was turned away, because the places left are for "
+                L"administrators: bob\n");
+}
+
+std::atomic<int> refusedInstances{0};
+const decltype(&CreateNamedPipeW) realCreateNamedPipe = __imp_CreateNamedPipeW;
+
+HANDLE WINAPI RefuseInstances(const wchar_t* name, DWORD mode, DWORD type, DWORD most, DWORD out,
+                              DWORD in, DWORD wait, SECURITY_ATTRIBUTES* security) {
+  // As Windows answers a first instance while others exist; the emulator does not.
+  const bool own = (mode & FILE_FLAG_FIRST_PIPE_INSTANCE) != 0 &&
+                   (WaitNamedPipeW(name, 1) != FALSE || GetLastError() != ERROR_FILE_NOT_FOUND);
+  if (own || refusedInstances > 0) {
+    --refusedInstances;
+    SetLastError(own ? ERROR_ACCESS_DENIED : ERROR_NO_SYSTEM_RESOURCES);
+    return INVALID_HANDLE_VALUE;
+  }
+  return realCreateNamedPipe(name, mode, type, most, out, in, wait, security);
+}
+
+TEST_F(PipeTest, AnInstanceThatWindowsRefusesIsTriedAgainAndIsNotTheFirst) {
+  Serve();
+  PipeClient client = Client();
+  EXPECT_EQ(client.Execute({7, L"x"}).response, L"x");
+  const Tests::ImportOverride refuse(__imp_CreateNamedPipeW, &RefuseInstances);
+  refusedInstances = 2;
+  PipeClient second = Client();
+  EXPECT_TRUE(IsReported(L"ERROR the pipe cannot be opened for a further client: " + path +
+                         L" (error 1450)"));
+  EXPECT_EQ(second.Execute({7, L"x"}).response, L"x");
+  EXPECT_EQ(Client().Execute({7, L"x"}).response, L"x");
+  EXPECT_EQ(std::count(reports.begin(), reports.end(), L'\n'), 2);
+}
+
+TEST(PipeCallerTest, CannotLookLikeAnotherOne) {
+  const Tests::TempFolder folder;
+  const std::wstring program = folder / L"a.exe Administrator] x [y \u202E.exe";
+  std::filesystem::copy_file(Tests::BuiltFile(L"with_data.exe"), program);
+  STARTUPINFOW startup{};
+  startup.cb = sizeof startup;
+  PROCESS_INFORMATION started{};
+  ASSERT_TRUE(CreateProcessW(program.c_str(), nullptr, nullptr, nullptr, FALSE, CREATE_SUSPENDED,
+                             nullptr, nullptr, &startup, &started));
+  const Platform::UniqueHandle process(started.hProcess);
+  const Platform::UniqueHandle thread(started.hThread);
+  EXPECT_THAT(CallerName(started.dwProcessId), EndsWith(L" a.exe Administrator) x (y \uFFFD.exe"));
+  EXPECT_THAT(CallerOf(started.dwProcessId).account, StartsWith(L"S-1-5-"));
+  TerminateProcess(process.get(), 0);
+  EXPECT_EQ(CallerName(0), L"process 0");
+  EXPECT_FALSE(CallerOf(0).privileged);
 }
 
 TEST_F(PipeTest, ASilentClientIsDisconnected) {

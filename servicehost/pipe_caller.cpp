@@ -1,0 +1,117 @@
+#include "servicehost/pipe_caller.h"
+
+#include <algorithm>
+#include <cstddef>
+#include <iterator>
+
+#include <windows.h>
+
+#include <sddl.h>
+
+#include "hosting/text.h"
+#include "platform/unique_handle.h"
+
+namespace Vx::Host {
+
+namespace {
+
+using Platform::UniqueHandle;
+
+constexpr std::size_t kLongestName = 64;
+
+UniqueHandle OpenCaller(std::uint32_t processId) {
+  return UniqueHandle(OpenProcess(PROCESS_QUERY_LIMITED_INFORMATION, FALSE, processId));
+}
+
+UniqueHandle TokenOf(HANDLE process) {
+  HANDLE token = nullptr;
+  const BOOL opened = OpenProcessToken(process, TOKEN_QUERY | TOKEN_DUPLICATE, &token);
+  return UniqueHandle(opened != FALSE ? token : nullptr);
+}
+
+// The user of a token, for the life of this object.
+class TokenAccount {
+ public:
+  explicit TokenAccount(HANDLE token) {
+    DWORD size = sizeof buffer;
+    known = GetTokenInformation(token, TokenUser, buffer, size, &size) != FALSE;
+  }
+
+  // Null if Windows does not tell it.
+  PSID Sid() const {
+    return known ? reinterpret_cast<const TOKEN_USER*>(buffer)->User.Sid : nullptr;
+  }
+
+ private:
+  alignas(TOKEN_USER) std::byte buffer[sizeof(TOKEN_USER) + SECURITY_MAX_SID_SIZE];
+  bool known = false;
+};
+
+std::wstring TextOf(PSID sid) {
+  wchar_t* text = nullptr;
+  if (sid == nullptr || ConvertSidToStringSidW(sid, &text) == FALSE) return {};
+  return Platform::UniqueLocalMemory<wchar_t>(text).get();
+}
+
+std::wstring NameOf(PSID sid) {
+  wchar_t name[256];
+  wchar_t domain[256];
+  DWORD nameSize = static_cast<DWORD>(std::size(name));
+  DWORD domainSize = static_cast<DWORD>(std::size(domain));
+  SID_NAME_USE use{};
+  const bool found = sid != nullptr && LookupAccountSidW(nullptr, sid, name, &nameSize, domain,
+                                                         &domainSize, &use) != FALSE;
+  return found ? name : L"";
+}
+
+// Whether `group` is in effect in `token`: it is not in the token of an administrator who has not
+// elevated. CheckTokenMembership takes impersonation tokens only.
+bool IsMember(HANDLE token, WELL_KNOWN_SID_TYPE group) {
+  HANDLE raw = nullptr;
+  if (DuplicateToken(token, SecurityIdentification, &raw) == FALSE) return false;
+  const UniqueHandle copy(raw);
+  alignas(SID) std::byte sid[SECURITY_MAX_SID_SIZE];
+  DWORD size = sizeof sid;
+  BOOL member = FALSE;
+  return CreateWellKnownSid(group, nullptr, sid, &size) != FALSE &&
+         CheckTokenMembership(copy.get(), sid, &member) != FALSE && member != FALSE;
+}
+
+std::wstring FileNameOf(HANDLE process) {
+  std::wstring path(kLongestPath, L'\0');
+  DWORD length = static_cast<DWORD>(path.size());
+  if (QueryFullProcessImageNameW(process, 0, path.data(), &length) == FALSE) return {};
+  path.resize(length);
+  return path.substr(path.find_last_of(L'\\') + 1);
+}
+
+// A line of the log names its caller in brackets, and a file's name may hold anything.
+std::wstring Harmless(const std::wstring& name) {
+  std::wstring text = Wide(Printable(Utf8(name), LineBreaks::Replace));
+  std::replace(text.begin(), text.end(), L'[', L'(');
+  std::replace(text.begin(), text.end(), L']', L')');
+  text.resize(std::min(text.size(), kLongestName));
+  return text;
+}
+
+}  // namespace
+
+PipeCaller CallerOf(std::uint32_t processId) {
+  const UniqueHandle process = OpenCaller(processId);
+  const UniqueHandle token = TokenOf(process.get());
+  if (token == nullptr) return {};
+  return {.account = TextOf(TokenAccount(token.get()).Sid()),
+          .privileged = IsMember(token.get(), WinLocalSystemSid) ||
+                        IsMember(token.get(), WinBuiltinAdministratorsSid)};
+}
+
+std::wstring CallerName(std::uint32_t processId) {
+  const UniqueHandle process = OpenCaller(processId);
+  const std::wstring file = FileNameOf(process.get());
+  if (file.empty()) return L"process " + std::to_wstring(processId);
+  // First, because a long file name is cut.
+  const std::wstring user = NameOf(TokenAccount(TokenOf(process.get()).get()).Sid());
+  return Harmless(user.empty() ? file : user + L" " + file);
+}
+
+}  // namespace Vx::Host
