@@ -24,9 +24,8 @@ expect 0 '"decision":"not sent","failed":true' --store "$store" history "$folder
   --subscription "$(awk '/not sent/ { print $4; exit }' "$folder/service.txt")" --since 2026-11-25T11:44:10
 [ "$(wc -l < "$work/output")" = 1 ] || fail "the filters of history leave:" "$work/output"
 expect 0 'ran: process 460' --store "$store" history "$folder/service.log" --timeline "Z:$work/page.html"
-for wanted in 'subscription accepted</b> <span class="reason">629974c1, client vxhost.exe ann' \
-  'refused</b> <span class="reason">it is signed with another key' \
-  'dropped</b> <span class="reason">the service ended while it waited' 'the module is stopped</b>'; do
+for wanted in '"subscription accepted","629974c1, client vxhost.exe ann' '"refused","it is signed with another key' \
+  '"dropped","the service ended while it waited' '"the module is stopped"'; do
   grep -qF "$wanted" "$work/page.html" || fail "the page lacks $wanted"
 done
 expect 2 'needs the thread of each line' history "$folder/watch.json" --timeline "Z:$work/none.html"

@@ -13,9 +13,8 @@ struct PageHead {
   bool met = true;
 };
 
-// One HTML page in UTF-8 that needs nothing beside it: the picture with time from left to right,
-// for narrow screens with time downward, and below it the list of its marks with their log lines.
-// Readable without script, in light and dark, and on paper. Every text of a client is escaped.
+// One HTML page in UTF-8 that needs nothing else: timeline.html with the picture as JSON, which its
+// script draws. No text of a client can end the script element that holds it.
 std::string TimelinePage(const PageHead& head, const Picture& picture);
 
 }  // namespace Vx::Host
