@@ -47,12 +47,15 @@ LoadedModule::LoadedModule(const std::wstring& fullPath)
     : module(LoadLibraryExW(fullPath.c_str(), nullptr, LOAD_LIBRARY_SEARCH_SYSTEM32)) {
   if (module == nullptr) throw std::runtime_error(LoadFailure(fullPath, GetLastError()));
   factory = reinterpret_cast<Tessel::Server::Services::CreateServiceFunction>(
-      reinterpret_cast<void*>(GetProcAddress(static_cast<HMODULE>(module.get()),
-                                             Tessel::Server::Services::kCreateServiceExport)));
+      Find(Tessel::Server::Services::kCreateServiceExport));
   if (factory == nullptr) {
     throw std::runtime_error(Utf8(fullPath) + " is not a service module: it does not export " +
                              Tessel::Server::Services::kCreateServiceExport);
   }
+}
+
+void* LoadedModule::Find(const char* name) const {
+  return reinterpret_cast<void*>(GetProcAddress(static_cast<HMODULE>(module.get()), name));
 }
 
 ServiceSession LoadedModule::NewService() const {

@@ -48,6 +48,9 @@ class LoadedModule {
   // or that mutex is needed and cannot be used.
   ServiceSession NewService() const;
 
+  // The export of this name, null if there is none.
+  void* Find(const char* name) const;
+
  private:
   struct Unloader {
     void operator()(void* module) const noexcept;

@@ -1,6 +1,9 @@
 #include "servicehost/event_log.h"
 
+#include <algorithm>
+#include <iterator>
 #include <stdexcept>
+#include <string_view>
 
 #include <windows.h>
 
@@ -13,6 +16,31 @@ constexpr wchar_t kSources[] = L"SYSTEM\\CurrentControlSet\\Services\\EventLog\\
 // Of host_messages.mc, with the bits of its severity.
 constexpr std::uint32_t kWarningMessage = 0x80000001;
 constexpr std::uint32_t kErrorMessage = 0xC0000002;
+
+constexpr wchar_t kNotRun[] = L" delivery did not run: ";
+constexpr wchar_t kReason[] = L", reason ";
+constexpr wchar_t kSubscription[] = L", subscription ";
+constexpr wchar_t kTarget[] = L", target ";
+
+constexpr std::wstring_view kDeliveries[] = {L"power", L"platform", L"uninstall"};
+constexpr std::wstring_view kNotRunDecisions[] = {L"dropped",     L"refused",  L"failed",
+                                                  L"not_started", L"not_sent", L"not_raised"};
+
+bool SaysThatNothingRan(const DecisionRecord& record) {
+  return std::ranges::find(kDeliveries, record.kind) != std::end(kDeliveries) &&
+         std::ranges::find(kNotRunDecisions, record.decision) != std::end(kNotRunDecisions);
+}
+
+std::wstring TextOf(const DecisionRecord& record) {
+  std::wstring text = record.kind + kNotRun + record.decision;
+  const auto add = [&text](const wchar_t* what, const std::wstring& value) {
+    if (!value.empty()) (text += what) += value;
+  };
+  add(kReason, record.reason);
+  add(kSubscription, record.subscription);
+  add(kTarget, record.target);
+  return text;
+}
 
 struct SourceCloser {
   void operator()(void* source) const noexcept { DeregisterEventSource(source); }
@@ -44,12 +72,13 @@ std::unique_ptr<EventJournal> OpenEventJournal(const std::wstring& source) {
 bool EventLogTarget::Write(const LogEntry& entry) noexcept {
   try {
     const LogLine& line = entry.line;
-    const bool error = line.level == L"ERROR";
-    if (!error && line.level != L"WARNING") return true;
-    static_cast<void>(
-        journal->Report(error ? EVENTLOG_ERROR_TYPE : EVENTLOG_WARNING_TYPE,
-                        error ? kErrorMessage : kWarningMessage,
-                        {line.message, line.provider, line.caller, std::to_wstring(entry.thread)}));
+    const bool lost = line.record && SaysThatNothingRan(*line.record);
+    if (!lost && (line.provider != kHostProvider || line.level == L"INFO")) return true;
+    const bool error = !lost && line.level == L"ERROR";
+    static_cast<void>(journal->Report(error ? EVENTLOG_ERROR_TYPE : EVENTLOG_WARNING_TYPE,
+                                      error ? kErrorMessage : kWarningMessage,
+                                      {lost ? TextOf(*line.record) : line.message, line.provider,
+                                       line.caller, std::to_wstring(entry.thread)}));
     return true;
   } catch (const std::exception&) {
     return false;

@@ -26,8 +26,10 @@ class EventJournal {
 // That of this machine, for the source of this name.
 std::unique_ptr<EventJournal> OpenEventJournal(const std::wstring& source);
 
-// Writes the warnings and errors among the records to the event log. A record that Windows refuses
-// does not count as lost, because the log files have it.
+// Writes to the event log what an operator acts on: the warnings and errors of the host itself, and
+// as a warning each delivery whose command did not run. The levels of the module do not tell: a
+// launch that went well has errors. What Windows refuses does not count as lost, because the log
+// files have it.
 class EventLogTarget final : public LogTarget {
  public:
   explicit EventLogTarget(std::unique_ptr<EventJournal> where) : journal(std::move(where)) {}

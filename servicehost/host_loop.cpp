@@ -91,8 +91,8 @@ HostLoop::HostLoop(const Options& options, ServiceLog& output)
       com(output),
       standbyEvent(options.modernStandby ? ManualEvent(kStandbyEvent, output) : nullptr),
       stop(ManualEvent({}, output)),
-      listener([this](const LogLine& line) { log.Add(line); }),
       module(options.module),
+      moduleLog(module, [this](const VxLogLine& line) { log.Add(line); }),
       session(module.NewService()) {
   if (stop == nullptr) throw std::runtime_error("Windows has no memory for an event");
   ResetStandby();

@@ -7,6 +7,7 @@
 #include <string>
 
 #include "hosting/loaded_module.h"
+#include "hosting/module_log.h"
 #include "platform/thread.h"
 #include "platform/unique_handle.h"
 #include "servicehost/envelope.h"
@@ -91,8 +92,8 @@ class HostLoop {
   const ComForModule com;  // before the module, which chooses otherwise
   Platform::UniqueHandle standbyEvent;
   Platform::UniqueHandle stop;
-  LogListener listener;  // before the module, whose first lines it takes
   LoadedModule module;
+  ModuleLog moduleLog;  // between them: it has the first lines, and those of the service's end
   ServiceSession session;
   std::mutex filterLock;
   PowerFilter filter;

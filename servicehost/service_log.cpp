@@ -27,6 +27,37 @@ std::string Moment(std::uint64_t time) {
   return text;
 }
 
+void AppendRecord(std::string& out, const DecisionRecord& record) {
+  char separator = '{';
+  const auto begin = [&](const char* name) {
+    ((out += separator) += '"').append(name) += "\":";
+    separator = ',';
+  };
+  for (const auto& member : kRecordTexts) {
+    if ((record.*member.text).empty()) continue;
+    begin(member.name);
+    AppendJsonString(out, record.*member.text);
+  }
+  const bool counts =
+      record.kind == L"command" || record.kind == L"power" || record.kind == L"platform";
+  const struct {
+    const char* name;
+    std::uint64_t value;
+    bool needed = false;
+  } kNumbers[] = {{"number", record.number, counts},
+                  {"status", record.status},
+                  {"process", record.process},
+                  {"delivery", record.delivery},
+                  {"milliseconds", record.milliseconds}};
+  for (const auto& number : kNumbers) {
+    if (number.value == 0 && !number.needed) continue;
+    begin(number.name);
+    out += std::to_string(number.value);
+  }
+  if (separator == '{') out += '{';
+  out += '}';
+}
+
 }  // namespace
 
 LogEntry EntryOf(LogLine line) {
@@ -45,6 +76,10 @@ std::string JsonLineOf(const LogEntry& entry) {
   text += R"(,"process":)" + std::to_string(entry.process);
   text += R"(,"message":)";
   AppendJsonString(text, entry.line.message);
+  if (entry.line.record) {
+    text += R"(,"record":)";
+    AppendRecord(text, *entry.line.record);
+  }
   return text + "}\n";
 }
 
@@ -65,16 +100,20 @@ void ServiceLog::Flush() noexcept {
   changed.wait(guard, [this] { return queue.empty() && !writing; });
 }
 
-void ServiceLog::Add(LogLine line) noexcept {
+void ServiceLog::Add(LogLine line) {
+  LogEntry entry = EntryOf(std::move(line));
+  const std::lock_guard guard(lock);
+  if (queue.size() >= capacity) {
+    ++lost;
+    return;
+  }
+  queue.push_back(std::move(entry));
+  changed.notify_all();
+}
+
+void ServiceLog::Add(const VxLogLine& line) noexcept {
   try {
-    LogEntry entry = EntryOf(std::move(line));
-    const std::lock_guard guard(lock);
-    if (queue.size() >= capacity) {
-      ++lost;
-      return;
-    }
-    queue.push_back(std::move(entry));
-    changed.notify_all();
+    Add(LineOf(line));
   } catch (const std::exception&) {
     CountLost();
   }

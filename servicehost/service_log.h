@@ -10,12 +10,12 @@
 #include <string_view>
 #include <vector>
 
-#include "hosting/log_listener.h"
+#include "hosting/module_log.h"
 #include "platform/thread.h"
 
 namespace Vx::Host {
 
-// One record of the service's log.
+// One entry of the service's log.
 struct LogEntry {
   std::uint64_t time = 0;  // UTC, on the scale of FILETIME
   std::uint32_t thread = 0;
@@ -23,21 +23,21 @@ struct LogEntry {
   LogLine line;
 };
 
-// A place that records go to. One thread calls it. It may block, and must not throw.
+// A place that entries go to. One thread calls it. It may block, and must not throw.
 class LogTarget {
  public:
   virtual ~LogTarget() = default;
 
-  // False if the record is lost.
+  // False if the entry is lost.
   virtual bool Write(const LogEntry& entry) noexcept = 0;
 };
 
-// Takes the records of the service and writes them to every target, in order, on a thread of its
-// own. Adding never waits for a target: when the queue is full the record is dropped and counted,
-// and the next record that is written is a warning with that count.
+// Takes the entries of the service and writes them to every target, in order, on a thread of its
+// own. Adding never waits for a target: when the queue is full the entry is dropped and counted,
+// and the next entry that is written is a warning with that count.
 class ServiceLog {
  public:
-  static constexpr std::size_t kQueue = 4096;  // records
+  static constexpr std::size_t kQueue = 4096;  // entries
 
   explicit ServiceLog(std::vector<std::unique_ptr<LogTarget>> places, std::size_t limit = kQueue);
   ServiceLog(const ServiceLog&) = delete;
@@ -45,15 +45,16 @@ class ServiceLog {
   // Writes what the queue holds first.
   ~ServiceLog();
 
-  // Waits until every record added so far was written.
+  // Waits until every entry added so far was written.
   void Flush() noexcept;
 
-  // Any thread, which becomes the thread of the record.
-  void Add(LogLine line) noexcept;
-  // A record of the service itself: `level` is INFO, WARNING or ERROR.
+  // Any thread, which becomes the thread of the entry. The line of a module is copied.
+  void Add(const VxLogLine& line) noexcept;
+  // An entry of the service itself: `level` is INFO, WARNING or ERROR.
   void Add(const wchar_t* level, std::wstring_view message) noexcept;
 
  private:
+  void Add(LogLine line);
   void Run() noexcept;
   void CountLost() noexcept;
   bool WriteLoss(std::uint64_t count) noexcept;
@@ -70,14 +71,13 @@ class ServiceLog {
   Platform::Thread writer;
 };
 
-// The provider of the service's own records.
-inline constexpr wchar_t kHostProvider[] = L"Vx-Host-Service";
-
-// A record now, of this thread.
+// An entry now, of this thread.
 LogEntry EntryOf(LogLine line);
 
 // `entry` as one JSON object in UTF-8 with a line feed: time (UTC, ISO 8601), level, provider,
-// caller, thread, process, message. A message is never split over lines, so the lines of one thread
+// caller, thread, process, message, and `record` with those members of a record that say something:
+// texts that are not empty, and numbers other than 0. A command or an event has a number even if
+// it is 0. A message is never split over lines, so the lines of one thread
 // tell one delivery from another.
 std::string JsonLineOf(const LogEntry& entry);
 

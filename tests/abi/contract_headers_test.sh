@@ -1,7 +1,7 @@
 #!/bin/sh
 # contract_headers_test.sh ROOT COMPILER FLAG...: each header that an integrator is handed compiles
 # alone for Microsoft's binary interface, as C++17 and as C++20; the exemption classes, which have
-# the layout of another compiler, say what to use instead. The C header compiles as C11 and as C++.
+# the layout of another compiler, say what to use instead. The C headers compile as C11 and as C++.
 set -u
 root=$1
 shift
@@ -12,10 +12,12 @@ for header in vx_service completion_callback cryptography_helper uwp_package_mod
       "$@" -std=$standard -fsyntax-only -x c++ - || { echo "failed: $header.h as $standard"; failures=1; }
   done
 done
-for language in c:c11 c++:c++17 c++:c++20; do
-  echo '#include "host/vx_service_c.h"' |
-    "$@" -std=${language#*:} -Wpedantic -fsyntax-only -x ${language%%:*} - ||
-    { echo "failed: vx_service_c.h as ${language#*:}"; failures=1; }
+for header in vx_service_c log_sink; do
+  for language in c:c11 c++:c++17 c++:c++20; do
+    echo "#include \"host/$header.h\"" |
+      "$@" -std=${language#*:} -Wpedantic -fsyntax-only -x ${language%%:*} - ||
+      { echo "failed: $header.h as ${language#*:}"; failures=1; }
+  done
 done
 for header in client_information exemption_white_list manifest_check_criteria matching_descriptor \
   tessel_access_manager; do

@@ -1,7 +1,11 @@
 #include "servicehost/host_loop.h"
 
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <memory>
 #include <sstream>
 #include <stdexcept>
@@ -283,6 +287,35 @@ TEST_F(HostLoopTest, DropsTheSecondReportHoweverLongTheModuleTakesForTheFirst) {
     inUse.unlock();
   }
   EXPECT_TRUE(Logs(L"the other source has just reported it: power event 10\n"));
+}
+
+// Any user may be first to create what a monitor of debug output creates.
+TEST_F(HostLoopTest, LogsTheModulesLinesWhoeverHasTheNamesOfDebugOutput) {
+  const Platform::UniqueHandle buffer(CreateEventW(nullptr, TRUE, FALSE, L"DBWIN_BUFFER"));
+  const Platform::UniqueHandle ready(CreateSemaphoreW(nullptr, 0, 1, L"DBWIN_DATA_READY"));
+  ASSERT_TRUE(buffer != nullptr && ready != nullptr);
+  HostLoop(Options(false), *log).Execute({99, L"{}"}, L"client");
+  EXPECT_THAT(Logged(), HasSubstr(L"Unsupported Function call 99"));
+}
+
+// As a build with the maker's logging library: another name takes the place of the export's.
+TEST_F(HostLoopTest, ServesAModuleWithoutASinkWithOneWarning) {
+  const Tests::TempFolder folder;
+  const auto path = folder.Path() / L"OrvaneService.dll";
+  std::ifstream in(std::filesystem::path(Tests::ModulePath()), std::ios::binary);
+  std::string bytes{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+  const std::size_t name = bytes.find("VxSetLogSink");
+  ASSERT_NE(name, std::string::npos);
+  bytes[name + 11] = 'z';  // the names stay sorted
+  std::ofstream(path, std::ios::binary) << bytes;
+  EXPECT_EQ(HostLoop({path.wstring(), false}, *log).Execute({99, L"{}"}, L"client").code,
+            0x20000001U);
+  ExpectUnload();
+  EXPECT_EQ(Logged(),
+            L"WARNING : the module logs through a library without VxSetLogSink, so its lines are "
+            L"not in this log\n"
+            L"INFO : the module is started: " +
+                path.wstring() + L"\nINFO : the module is stopped\n");
 }
 
 TEST_F(HostLoopTest, AFileThatIsNotAModuleIsReported) {

@@ -13,6 +13,7 @@
 
 #include <windows.h>
 
+#include "hosting/text.h"
 #include "platform/unique_handle.h"
 #include "servicehost/event_log.h"
 #include "servicehost/log_folder.h"
@@ -28,6 +29,7 @@ namespace Vx::Host {
 namespace {
 
 using ::testing::ElementsAre;
+using ::testing::EndsWith;
 
 constexpr std::uint64_t kDay = std::uint64_t{86'400} * 10'000'000;
 constexpr std::uint64_t kFirstDay = 154'497 * kDay;  // 2024-01-01
@@ -177,24 +179,42 @@ TEST(ServiceLogTest, CountsWhatATargetRefusesAndWhatItHasNoMemoryFor) {
     {
       const Tests::MemoryShortage shortage(Tests::Shortage::Lasting, 0);
       log.Add(L"ERROR", L"lost with its text");
+      VxLogLine line{};
+      line.size = sizeof line;
+      line.text = L"a line of the module";
+      log.Add(line);
     }
     log.Add(L"INFO", L"next");
     log.Add(L"INFO", L"last");
   }
-  EXPECT_THAT(messages, ElementsAre(L"first", L"2 log lines were dropped", L"next",
-                                    L"3 log lines were dropped", L"last"));
+  EXPECT_THAT(messages, ElementsAre(L"first", L"3 log lines were dropped", L"next",
+                                    L"4 log lines were dropped", L"last"));
 }
 
-TEST(LogListenerTest, PassesOnALineThatItHasNoMemoryFor) {
-  std::vector<std::wstring> messages;
-  const LogListener listener([&](const LogLine& line) { messages.push_back(line.message); });
-  OutputDebugStringW(L"INFO Vx-Test first");
-  {
-    const Tests::MemoryShortage shortage(Tests::Shortage::Lasting, 0);
-    OutputDebugStringW(L"INFO Vx-Test lost");
+TEST(JsonLineTest, ARecordHasTheMembersThatSaySomething) {
+  const DecisionRecord whole{L"power",  L"ran", L"on time", L"1f", L"C:\\a.exe", L"family",
+                             L"client", 7,      5,          12,    ~0ULL,        3};
+  DecisionRecord command;
+  command.kind = L"command";
+  DecisionRecord completion;
+  completion.kind = L"completion";
+  const struct {
+    DecisionRecord record;
+    const char* member;
+  } kCases[] = {
+      {whole, R"("kind":"power","decision":"ran","reason":"on time","subscription":"1f",)"
+              R"("target":"C:\\a.exe","package":"family","client":"client","number":7,"status":5,)"
+              R"("process":12,"delivery":18446744073709551615,"milliseconds":3)"},
+      {command, R"("kind":"command","number":0)"},
+      {completion, R"("kind":"completion")"},
+      {{}, ""},
+  };
+  for (const auto& c : kCases) {
+    LogEntry entry = Entry(kFirstDay, L"m");
+    entry.line.record = c.record;
+    EXPECT_THAT(JsonLineOf(entry),
+                EndsWith(R"("message":"m","record":{)" + std::string(c.member) + "}}\n"));
   }
-  OutputDebugStringW(L"INFO Vx-Test next");
-  EXPECT_THAT(messages, ElementsAre(L"first", L"next"));
 }
 
 // Records what would reach Windows.
@@ -212,14 +232,46 @@ class Journal final : public EventJournal {
   std::vector<std::wstring>& records;
 };
 
-TEST(EventLogTest, TakesWarningsAndErrorsAndCountsNoneAsLost) {
+TEST(EventLogTest, TakesTheHostsWarningsAndTheDeliveriesThatDidNotRun) {
   std::vector<std::wstring> records;
   EventLogTarget target(std::make_unique<Journal>(records));
-  for (const wchar_t* level : {L"INFO", L"WARNING", L"ERROR"}) {
-    EXPECT_TRUE(target.Write({kFirstDay, 7, 9, {level, L"Vx-Test", L"client", L"text"}}));
+  for (const wchar_t* provider : {kHostProvider, L"Vx-Test"}) {
+    for (const wchar_t* level : {L"INFO", L"WARNING", L"ERROR"}) {
+      EXPECT_TRUE(target.Write({kFirstDay, 7, 9, {level, provider, L"", L"text"}}));
+    }
   }
-  EXPECT_THAT(records, ElementsAre(L"2 2147483649|text|Vx-Test|client|7",
-                                   L"1 3221225474|text|Vx-Test|client|7"));
+  EXPECT_THAT(records, ElementsAre(L"2 2147483649|text|Vx-Host-Service||7",
+                                   L"1 3221225474|text|Vx-Host-Service||7"));
+  const struct {
+    const wchar_t* kind;
+    const wchar_t* decision;
+    bool taken;
+  } kCases[] = {
+      {L"power", L"dropped", true},         {L"platform", L"refused", true},
+      {L"uninstall", L"failed", true},      {L"power", L"not_started", true},
+      {L"power", L"not_sent", true},        {L"platform", L"not_raised", true},
+      {L"power", L"started", false},        {L"command", L"refused", false},
+      {L"completion", L"not_sent", false},  {L"power", L"a word of a later module", false},
+      {L"a later kind", L"dropped", false},
+  };
+  for (const auto& c : kCases) {
+    SCOPED_TRACE(std::string(Utf8(c.kind) + " " + Utf8(c.decision)));
+    records.clear();
+    LogLine line{L"INFO", L"Vx-Test", L"client", L"text"};
+    line.record = {.kind = c.kind, .decision = c.decision, .subscription = L"1f"};
+    EXPECT_TRUE(target.Write({kFirstDay, 7, 9, line}));
+    EXPECT_EQ(records.size(), c.taken ? 1U : 0U);
+  }
+  LogLine line{L"ERROR", L"Vx-Test", L"client", L"text"};
+  line.record = {.kind = L"power",
+                 .decision = L"refused",
+                 .reason = L"unsigned",
+                 .subscription = L"1f",
+                 .target = L"C:\\a.exe"};
+  EXPECT_TRUE(target.Write({kFirstDay, 7, 9, line}));
+  EXPECT_EQ(records.back(),
+            L"2 2147483649|power delivery did not run: refused, reason unsigned, subscription 1f, "
+            L"target C:\\a.exe|Vx-Test|client|7");
 }
 
 TEST(EventLogTest, ItsSourceNamesTheMessageFileAndGoes) {

@@ -89,6 +89,34 @@ class Monitor {
   std::unique_ptr<const DebugBuffer, Unmapper> view;
 };
 
+// Cuts the first word off `rest`.
+std::wstring TakeWord(std::wstring& rest) {
+  const std::size_t blank = rest.find(L' ');
+  std::wstring word = rest.substr(0, blank);
+  rest.erase(0, blank == std::wstring::npos ? blank : blank + 1);
+  return word;
+}
+
+// Parses a debug line `LEVEL provider [caller] message`. A line of another form yields only a
+// message.
+LogLine ParseLogLine(const std::wstring& text) {
+  LogLine line;
+  std::wstring rest = text;
+  line.level = TakeWord(rest);
+  if (line.level != L"INFO" && line.level != L"WARNING" && line.level != L"ERROR") {
+    return {.level = L"INFO", .provider = {}, .caller = {}, .message = text};
+  }
+  line.provider = TakeWord(rest);
+  if (!rest.empty() && rest.front() == L'[') {
+    if (const std::size_t end = rest.find(L"] "); end != std::wstring::npos) {
+      line.caller = rest.substr(1, end - 1);
+      rest.erase(0, end + 2);
+    }
+  }
+  line.message = rest;
+  return line;
+}
+
 // The local time: with the date for programs, without it for people.
 std::wstring Now(bool whole) {
   SYSTEMTIME now;

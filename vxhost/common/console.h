@@ -6,7 +6,7 @@
 #include <string>
 
 #include "hosting/loaded_module.h"
-#include "hosting/log_listener.h"
+#include "hosting/module_log.h"
 #include "hosting/text.h"
 #include "json/json_text.h"
 

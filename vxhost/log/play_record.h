@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "hosting/loaded_module.h"
-#include "hosting/log_listener.h"
+#include "hosting/module_log.h"
 
 namespace Vx::Host {
 

@@ -11,7 +11,7 @@
 #include <windows.h>
 
 #include "host/logging.h"
-#include "hosting/log_listener.h"
+#include "hosting/module_log.h"
 #include "hosting/text.h"
 #include "platform/machine.h"
 #include "service/orvane_service.h"
@@ -31,8 +31,6 @@ constexpr std::chrono::seconds kPatience{30};
 // How long, in virtual time, the tasks that outlive a service may still wait: longer than any delay
 // of a subscription and any length in a scenario.
 constexpr std::chrono::hours kLongestTask{24 * 500};
-
-constexpr const wchar_t* kLevels[] = {L"INFO", L"WARNING", L"ERROR"};
 
 // A folder for the stored values of one run instead of the machine's, removed at the end.
 class PrivateStore {
@@ -58,17 +56,19 @@ class PrivateStore {
   std::filesystem::path folder;
 };
 
-// The real module and its service, whose log lines are shown and recorded. The listener outlives
-// the module, which may log until it is unloaded.
+// The real module and its service, whose log lines are shown and recorded at once, so that they
+// stand before the result of their command.
 class RealTheatre final : public Theatre {
  public:
   RealTheatre(const ModuleOptions& options, Console& console, const std::function<void()>& prepare)
       : store(options.privateStore ? std::make_unique<PrivateStore>() : nullptr),
-        listener([this, &console](const LogLine& line) {
-          console.Log(line);
-          recorder.AddLog(line);
-        }),
         module(options.Path()),
+        log(module,
+            [this, &console](const VxLogLine& given) {
+              const LogLine line = LineOf(given);
+              console.Log(line);
+              recorder.AddLog(line);
+            }),
         session((prepare(), module.NewService())),
         stage{.session = session,
               .newService = [this] { return module.NewService(); },
@@ -85,8 +85,8 @@ class RealTheatre final : public Theatre {
     return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() -
                                                                  begin);
   }};
-  LogListener listener;
   LoadedModule module;
+  ModuleLog log;
   ServiceSession session;
   Stage stage;
 };
@@ -132,10 +132,11 @@ class SimulatedLog {
   }
 
   void Take(const Logging::LogRecord& record) {
-    const LogLine line{.level = kLevels[static_cast<int>(record.level)],
-                       .provider = std::wstring(record.provider),
-                       .caller = std::wstring(record.caller),
-                       .message = std::wstring(record.message)};
+    LogLine line{.level = LevelName(static_cast<std::uint32_t>(record.level)),
+                 .provider = std::wstring(record.provider),
+                 .caller = std::wstring(record.caller),
+                 .message = std::wstring(record.message)};
+    if (record.record != nullptr) line.record = RecordOf(*record.record);
     recorder.AddLog(line);
     const auto now = clock.Moment();
     const auto found = std::find_if(recent.begin(), recent.end(), [&line](const Said& one) {

@@ -5,7 +5,7 @@
 #include <string>
 
 #include "hosting/loaded_module.h"
-#include "hosting/log_listener.h"
+#include "hosting/module_log.h"
 #include "vxhost/common/module_options.h"
 
 namespace Vx::Host {
