@@ -72,6 +72,14 @@ function(vx_headers target owner)
   endif()
 endfunction()
 
+# vx_version(FILE TYPE DESCRIPTION): the version resource of a file, as version.rc in the current build folder.
+# TYPE is VFT_DLL or VFT_APP.
+function(vx_version file type description)
+  string(REPLACE "." "," version_numbers ${PROJECT_VERSION})
+  cmake_path(GET file STEM name)
+  configure_file(${PROJECT_SOURCE_DIR}/cmake/version.rc.in version.rc @ONLY)
+endfunction()
+
 # vx_library(NAME [PORTABLE SOURCES...] [WINDOWS SOURCES...] [LIBS...]): a static library; in src, one for
 # each folder. The portable sources (parsers and rules) are also built as Linux programs, for sanitizers and
 # fuzzers. A library without portable sources does not exist there, and other libraries omit it.

@@ -62,7 +62,7 @@ DecisionRecord RecordOf(const VxLogRecord& record) {
 
 ModuleLog::ModuleLog(const LoadedModule& module, Receiver function)
     : receiver(std::move(function)),
-      setSink(reinterpret_cast<VxSetLogSinkFunction>(module.Find("VxSetLogSink"))) {
+      setSink{reinterpret_cast<VxSetLogSinkFunction>(module.Find("VxSetLogSink"))} {
   if (setSink != nullptr) {
     setSink(&Take, this);
     return;

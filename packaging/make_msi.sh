@@ -3,7 +3,7 @@
 # 64-bit, per machine; an upgrade removes the older version first. The store, the logs and the
 # subscriptions lie below ProgramData, which no component names, so they survive everything.
 #
-# Features: Main (module, tool), Manuals, and Service, which is left out unless it is asked for. Public
+# Features: Main (module, service program, tool), Manuals, and Service, which is left out unless it is asked for. Public
 # properties: INSTALLFOLDER, and SERVICEOPTIONS, the further arguments of "vxhost service install". The
 # package code and the times in it differ from build to build, everything else is the same.
 #
@@ -98,6 +98,7 @@ components=() features=
 <Directory Id="INSTALLFOLDER" Name="OrvaneService">
 END
   component OrvaneService.dll Module
+  component OrvaneHost.exe Host
   component vxhost.exe Tool
   references 'Id="Main" Title="Module and tool" Level="1" Absent="disallow"'
   cd "$folder"

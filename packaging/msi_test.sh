@@ -54,7 +54,7 @@ shared=$({ rows "$old" Component; rows "$new" Component; } | cut -f 2 | sort | u
 [ -z "$shared" ] || fail "both versions have the components $shared"
 echo 'WScript.Echo(new ActiveXObject("Scripting.FileSystemObject").GetFileVersion(WScript.Arguments(0)));' \
   >"$prefix/drive_c/version.js"
-for file in OrvaneService.dll vxhost.exe; do
+for file in OrvaneService.dll OrvaneHost.exe vxhost.exe; do
   version=$("$emulator" "$prefix" cscript //nologo 'C:\version.js' "C:\\Program Files\\Vx\\OrvaneService\\$file" | tr -d '\r\n')
   [ -n "$version" ] || [ $file = vxhost.exe ] || fail "$file has no version"
   for msi in "$old" "$new"; do

@@ -37,14 +37,13 @@ constexpr std::chrono::seconds kSuspendPatience{2};
 
 constexpr std::uint32_t kLastControl = 255;
 
-// The one service of this process, which the functions that Windows calls have to find.
-struct Entry {
-  ServiceOptions options;
-  std::wstring logs;  // folder
-};
-Entry& TheEntry() {
-  static Entry entry;
-  return entry;
+constexpr char kNoModule[] =
+    "no module is named below the key Parameters of the service; install it with --replace";
+
+// The one service of this process, which the function that Windows calls has to find.
+std::wstring& TheName() {
+  static std::wstring name;
+  return name;
 }
 
 class ManagerSink final : public StatusSink {
@@ -69,14 +68,17 @@ DWORD WINAPI HandleControl(DWORD control, DWORD event, void* /*data*/, void* con
 
 // Without memory for this the process ends, and the manager starts it again.
 void WINAPI ServiceMain(DWORD /*count*/, LPWSTR* /*arguments*/) noexcept {
+  const std::wstring programData = ProgramDataFolder();
+  // The module takes the folder of its store from the variable. The emulator gives services another
+  // value than programs.
+  SetEnvironmentVariableW(L"ProgramData", programData.c_str());
   ManagerSink sink;
   std::vector<std::unique_ptr<LogTarget>> places;
-  places.push_back(std::make_unique<LogFolder>(TheEntry().logs));
-  places.push_back(std::make_unique<EventLogTarget>(OpenEventJournal(TheEntry().options.name)));
+  places.push_back(std::make_unique<LogFolder>(DataFolders(programData, Writers::System).Logs()));
+  places.push_back(std::make_unique<EventLogTarget>(OpenEventJournal(TheName())));
   places.push_back(std::make_unique<TraceTarget>(OpenTraceWriter()));
-  ServiceProcess service(TheEntry().options, std::move(places), sink);
-  sink.handle =
-      RegisterServiceCtrlHandlerExW(TheEntry().options.name.c_str(), &HandleControl, &service);
+  ServiceProcess service(ReadParameters(TheName()), std::move(places), sink);
+  sink.handle = RegisterServiceCtrlHandlerExW(TheName().c_str(), &HandleControl, &service);
   if (sink.handle != nullptr) service.Run();
 }
 
@@ -239,6 +241,7 @@ void ServiceProcess::Run() noexcept {
 
 void ServiceProcess::Serve() {
   Report(SERVICE_START_PENDING);
+  if (options.module.empty()) throw std::runtime_error(kNoModule);
   std::unique_ptr<CheckpointTicks> ticks;  // outlives what it reports the end of
   HostLoop host({.module = options.module, .modernStandby = HasModernStandby()}, log);
   Report(SERVICE_START_PENDING);
@@ -296,18 +299,12 @@ std::uint32_t ServiceProcess::Control(std::uint32_t control, std::uint32_t event
                                      : session(control - SessionControl(0));
 }
 
-void RunUnderManager(ServiceOptions options) {
-  const std::wstring programData = ProgramDataFolder();
-  TheEntry() = {std::move(options), DataFolders(programData, Writers::System).Logs()};
-  // The module takes the folder of its store from the variable. The emulator gives services another
-  // value than programs.
-  SetEnvironmentVariableW(L"ProgramData", programData.c_str());
-  std::wstring name = TheEntry().options.name;
-  const SERVICE_TABLE_ENTRYW table[] = {{name.data(), &ServiceMain}, {nullptr, nullptr}};
-  if (StartServiceCtrlDispatcherW(table) == FALSE) {
-    throw std::runtime_error("only the service manager starts it (error " +
-                             std::to_string(GetLastError()) + "); see \"service start\"");
-  }
+// https://learn.microsoft.com/windows/win32/api/winsvc/nf-winsvc-startservicectrldispatcherw: 1063
+// is the error of a program that the service manager did not start.
+std::uint32_t RunUnderManager(const std::wstring& name) {
+  TheName() = name;
+  const SERVICE_TABLE_ENTRYW table[] = {{TheName().data(), &ServiceMain}, {nullptr, nullptr}};
+  return StartServiceCtrlDispatcherW(table) != FALSE ? ERROR_SUCCESS : GetLastError();
 }
 
 }  // namespace Vx::Host

@@ -13,6 +13,7 @@
 #include "platform/unique_handle.h"
 #include "servicehost/host_loop.h"
 #include "servicehost/service_log.h"
+#include "servicehost/service_parameters.h"
 
 namespace Vx::Host {
 
@@ -23,13 +24,6 @@ constexpr std::uint32_t PowerControl(std::uint32_t code) {
 constexpr std::uint32_t SessionControl(std::uint32_t code) {
   return 192 + code;
 }
-
-struct ServiceOptions {
-  std::wstring name;
-  std::wstring module;                // full path
-  std::vector<std::wstring> allowed;  // SIDs whose accounts may use the pipe
-  bool development = false;           // takes the controls above
-};
 
 // What the service reports of itself, in the numbers of Windows.
 struct ServiceState {
@@ -126,8 +120,9 @@ class ServiceProcess {
   CodeQueue* queue = nullptr;  // under the lock above; null while no module runs
 };
 
-// The service that the manager starts in this process. Returns when it has ended. Throws
-// std::runtime_error when another program started the process.
-void RunUnderManager(ServiceOptions options);
+// The installed service of this name, a service name, which the manager starts in this process.
+// Returns when it has ended, or at once with ERROR_FAILED_SERVICE_CONTROLLER_CONNECT (1063), before
+// anything else was done, when another program started the process.
+std::uint32_t RunUnderManager(const std::wstring& name);
 
 }  // namespace Vx::Host

@@ -40,14 +40,15 @@ run_at() {
   run_program_at "$at" "$vxhost" "$@"
 }
 
-# install_tool NAME MODULE: copies the tool and a module into the folder $place, C:\Program Files\NAME, which goes
+# install_tool NAME MODULE: copies the tool, the service's program and a module into the folder $place, C:\Program Files\NAME, which goes
 # with the test, and runs the tool from there: a service may not be installed from where the build lies, below
 # folders of other accounts.
 install_tool() {
   place="$prefix/drive_c/Program Files/$1"
   trap 'rm -rf "$work" "$place"' EXIT
-  need "$2"
-  mkdir -p "$place" && cp "$vxhost" "$2" "$place" || exit 1
+  host=$(dirname "$vxhost")/OrvaneHost.exe
+  need "$2" "$host"
+  mkdir -p "$place" && cp "$vxhost" "$host" "$2" "$place" || exit 1
   open=$(find "$prefix/drive_c" "$prefix/drive_c/Program Files" -maxdepth 0 -perm /022)
   if [ -n "$open" ]; then
     echo "other accounts may write to $open, so no service can be installed: chmod go-w '$open'"

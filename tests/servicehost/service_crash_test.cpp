@@ -32,7 +32,7 @@ class ServiceCrashTest : public ::testing::Test {
     Tests::RemoveTree(data);
     DataFolders(ProgramDataFolder(), Writers::Account).Prepare(DataFolders::Existing::Report);
     ServicePlan plan{.name = name,
-                     .program = Tests::BuiltFile(L"..\\bin\\vxhost.exe"),
+                     .program = Tests::BuiltFile(L"..\\bin\\OrvaneHost.exe"),
                      .module = Tests::ModulePath()};
     plan.start = ServicePlan::Start::Demand;
     manager.Install(plan);

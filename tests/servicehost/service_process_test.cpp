@@ -65,11 +65,8 @@ TEST(GuardedFolderTest, AnyAccountBesidesTheSystemsThatMayWriteIsFound) {
 }
 
 TEST(ServicePlanTest, ItsCommandLineIsQuotedAndItsNameCannotBreakOut) {
-  ServicePlan plan{.name = L"A", .program = L"C:\\a b\\x.exe", .module = L"C:\\c d\\m.dll"};
-  plan.allowed = {L"S-1-5-32-545"};
-  EXPECT_EQ(ImagePath(plan),
-            L"\"C:\\a b\\x.exe\" service entry --name A --module \"C:\\c d\\m.dll\""
-            L" --allow S-1-5-32-545");
+  EXPECT_EQ(ImagePath({.name = L"A", .program = L"C:\\a b\\x.exe", .module = L"C:\\m.dll"}),
+            L"\"C:\\a b\\x.exe\" A");
   for (const wchar_t* name : {L"", L"a b", L"a\"", L"a\\b", L"a/b", L"\xE9"}) {
     EXPECT_FALSE(IsServiceName(name)) << Utf8(name);
   }
@@ -117,6 +114,69 @@ TEST(ServiceManagerTest, ARefusedSettingLeavesNoServiceExceptOneThatWasThere) {
     EXPECT_TRUE(restartsAfterErrors);
   }
   manager.Remove(plan.name);
+}
+
+// A service as an earlier version installed it, with the options in its command line.
+TEST(ServiceManagerTest, ReplacingMovesTheOptionsFromTheCommandLineToTheParameters) {
+  const std::wstring name = L"VxOlder" + std::to_wstring(GetCurrentProcessId());
+  const UniqueServiceHandle windows(OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CREATE_SERVICE));
+  UniqueServiceHandle older(CreateServiceW(
+      static_cast<SC_HANDLE>(windows.get()), name.c_str(), nullptr, SERVICE_ALL_ACCESS,
+      SERVICE_WIN32_OWN_PROCESS, SERVICE_DEMAND_START, SERVICE_ERROR_NORMAL,
+      L"\"C:\\x\\vxhost.exe\" service entry --name x --module C:\\x\\m.dll", nullptr, nullptr,
+      nullptr, nullptr, nullptr));
+  ASSERT_NE(older, nullptr);
+  older.reset();
+  ServiceManager manager;
+  EXPECT_EQ(manager.Query(name)->options.module, L"");
+  manager.Install({.name = name,
+                   .program = L"C:\\a b\\OrvaneHost.exe",
+                   .module = L"C:\\a b\\m.dll",
+                   .allowed = {L"S-1-5-32-545", L"S-1-5-4"},
+                   .development = true,
+                   .replaces = true});
+  const auto report = manager.Query(name);
+  EXPECT_EQ(report->image, L"\"C:\\a b\\OrvaneHost.exe\" " + name);
+  EXPECT_EQ(report->options.module, L"C:\\a b\\m.dll");
+  EXPECT_THAT(report->options.allowed, ElementsAre(L"S-1-5-32-545", L"S-1-5-4"));
+  EXPECT_TRUE(report->options.development);
+
+  const std::wstring key = L"SYSTEM\\CurrentControlSet\\Services\\" + name + L"\\Parameters";
+  const DWORD other = 2;
+  for (const wchar_t* value : {L"Module", L"Allow", L"Development"}) {
+    RegSetKeyValueW(HKEY_LOCAL_MACHINE, key.c_str(), value, REG_DWORD, &other, sizeof other);
+  }
+  const ServiceOptions damaged = ReadParameters(name);
+  EXPECT_EQ(damaged.module, L"");
+  EXPECT_TRUE(damaged.allowed.empty());
+  EXPECT_FALSE(damaged.development);
+  manager.Remove(name);
+}
+
+// A client may have the module start the program as SYSTEM, with any arguments.
+TEST(OrvaneHostTest, DoesNothingUnlessTheServiceManagerStartedItForAName) {
+  const struct {
+    const wchar_t* arguments;
+    DWORD code;
+  } kCases[] = {
+      {L" OrvaneService", ERROR_FAILED_SERVICE_CONTROLLER_CONNECT}, {L"", ERROR_BAD_ARGUMENTS},
+      {L" OrvaneService --module C:\\x.dll", ERROR_BAD_ARGUMENTS},  {L" a\\b", ERROR_INVALID_NAME},
+      {L" --help", ERROR_FAILED_SERVICE_CONTROLLER_CONNECT},
+  };
+  for (const auto& c : kCases) {
+    std::wstring line = L"\"" + Tests::BuiltFile(L"..\\bin\\OrvaneHost.exe") + L"\"" + c.arguments;
+    STARTUPINFOW start{};
+    start.cb = sizeof start;
+    PROCESS_INFORMATION made{};
+    ASSERT_TRUE(CreateProcessW(nullptr, line.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr,
+                               &start, &made));
+    const Platform::UniqueHandle process(made.hProcess);
+    const Platform::UniqueHandle thread(made.hThread);
+    EXPECT_EQ(WaitForSingleObject(process.get(), 20'000), WAIT_OBJECT_0);
+    DWORD code = 0;
+    GetExitCodeProcess(process.get(), &code);
+    EXPECT_EQ(code, c.code) << Utf8(c.arguments);
+  }
 }
 
 // As Windows calls the recipient of its notifications, which the emulator never does.
@@ -230,12 +290,15 @@ TEST_F(ServiceProcessTest, TakesEventsOfUsersOnlyUnderDevelopment) {
 }
 
 TEST_F(ServiceProcessTest, AModuleThatCannotBeLoadedEndsItWithAnErrorAndALine) {
-  ServiceProcess& one = Service(L"C:\\windows\\none.dll", false);
-  one.Run();
-  EXPECT_EQ(states.back().state, static_cast<std::uint32_t>(SERVICE_STOPPED));
-  EXPECT_EQ(states.back().exitCode, static_cast<std::uint32_t>(ERROR_SERVICE_SPECIFIC_ERROR));
-  EXPECT_THAT(lines.Text(), HasSubstr(L"the service cannot run: "));
-  EXPECT_EQ(one.Control(SERVICE_CONTROL_POWEREVENT, 7), static_cast<std::uint32_t>(NO_ERROR));
+  for (const auto& [module, line] : {std::pair{L"C:\\windows\\none.dll", L": cannot load C:"},
+                                     std::pair{L"", L": no module is named below the key"}}) {
+    ServiceProcess& one = Service(module, false);
+    one.Run();
+    EXPECT_EQ(states.back().state, static_cast<std::uint32_t>(SERVICE_STOPPED));
+    EXPECT_EQ(states.back().exitCode, static_cast<std::uint32_t>(ERROR_SERVICE_SPECIFIC_ERROR));
+    EXPECT_THAT(lines.Text(), HasSubstr(std::wstring(L"the service cannot run") + line));
+    EXPECT_EQ(one.Control(SERVICE_CONTROL_POWEREVENT, 7), static_cast<std::uint32_t>(NO_ERROR));
+  }
 }
 
 }  // namespace

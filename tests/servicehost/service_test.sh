@@ -67,7 +67,6 @@ for folder in "$data" "$data/Logs" "$data/SharedServices"; do
   fi
 done
 
-expect 2 'only the service manager starts it' service entry --name "$name" --module x
 expect 2 'does not run' exec 22 --service="$name"
 # Nothing that follows works without it.
 if ! run service start --name "$name" >"$work/output" 2>&1; then
@@ -77,7 +76,9 @@ if ! run service start --name "$name" >"$work/output" 2>&1; then
   exit 1
 fi
 expect 0 '"state":"running"' service status --name "$name" --json
-expect 0 '"account":"LocalSystem","image":"\"C:\\Program Files\\' service status --name "$name" --json
+place='C:\\Program Files\\'$name
+expect 0 '"account":"LocalSystem","image":"\"'"$place"'\\OrvaneHost.exe\" '"$name"'","module":"'"$place"'\\OrvaneService.dll","allow":[],"development":true' \
+  service status --name "$name" --json
 expect 0 '<- {"result":{"getVersion":' exec 22 --service="$name"
 # A client id of more than 64 characters would end the service.
 client="$work/$(printf '%080d' 0).exe"

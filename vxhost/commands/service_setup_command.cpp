@@ -29,13 +29,6 @@ struct InstallOptions {
   bool development = false;
 };
 
-struct EntryOptions {
-  std::string name;
-  std::string module;
-  std::vector<std::string> allowed;
-  bool development = false;
-};
-
 struct SendOptions {
   std::string name = kDefaultServiceName;
   std::vector<std::uint32_t> power;
@@ -58,13 +51,19 @@ std::wstring CheckedName(const std::string& name) {
   return Wide(name);
 }
 
+// The program of the service, beside this one.
+std::wstring HostProgram() {
+  const std::wstring tool = OwnPath();
+  return FullPathOfFile(Utf8(tool.substr(0, tool.rfind(L'\\') + 1)) + "OrvaneHost.exe");
+}
+
 int Install(const ModuleOptions& module, const InstallOptions& options, Console& console) {
   if (module.simulate || module.privateStore) {
     throw std::runtime_error("a service uses the module and the store of the machine");
   }
   ServicePlan plan;
   plan.name = CheckedName(options.name);
-  plan.program = OwnPath();
+  plan.program = HostProgram();
   plan.module = module.Path();
   plan.start = options.start == "auto" ? ServicePlan::Start::Automatic : ServicePlan::Start::Demand;
   plan.allowed = WideAll(options.allowed);
@@ -133,12 +132,21 @@ int Status(const std::string& name, Console& console) {
     add(L"start", report->automatic ? L"auto" : L"demand");
     add(L"account", report->account);
     add(L"image", report->image);
+    if (!report->options.module.empty()) add(L"module", report->options.module);
+    Json::WideValue allowed(rapidjson::kArrayType);
+    for (const std::wstring& sid : report->options.allowed) {
+      allowed.PushBack(Json::WideValue(sid, pool), pool);
+    }
+    document.AddMember(L"allow", allowed, pool);
+    document.AddMember(L"development", report->options.development, pool);
     add(L"pipe", PipePath(wide));
     if (report->process != 0) text += ", process " + std::to_string(report->process);
     if (report->exitCode != 0) text += ", error " + std::to_string(report->exitCode);
     text += "\n  start:   " + std::string(report->automatic ? "auto" : "demand") +
             "\n  account: " + Utf8(report->account) + "\n  image:   " + Utf8(report->image) +
-            "\n  pipe:    " + Utf8(PipePath(wide));
+            "\n  module:  " + Utf8(report->options.module) + "\n  pipe:    " + Utf8(PipePath(wide));
+    for (const std::wstring& sid : report->options.allowed) text += "\n  allow:   " + Utf8(sid);
+    if (report->options.development) text += "\n  for development";
   }
   if (console.WritesJson()) {
     console.JsonResult(document);
@@ -165,18 +173,11 @@ int Send(const SendOptions& options, Console& console) {
   return kDone;
 }
 
-int Enter(const EntryOptions& options) {
-  RunUnderManager({.name = CheckedName(options.name),
-                   .module = Wide(options.module),
-                   .allowed = WideAll(options.allowed),
-                   .development = options.development});
-  return kDone;
-}
-
 constexpr char kInstallFooter[] =
     "Needs administrator rights. Makes %ProgramData%\\Vx with its folders, which users cannot\n"
     "write to. Refuses where another account may write to the folder of this tool or of the\n"
-    "module, or to %ProgramData%\\Vx. The service runs as LocalSystem.\n"
+    "module, or to %ProgramData%\\Vx. The service is OrvaneHost.exe, which lies beside this tool,\n"
+    "and runs as LocalSystem.\n"
     "  vxhost service install --start demand\n"
     "  vxhost --dll \"C:\\Program Files\\Vx\\OrvaneService.dll\" service install";
 constexpr char kNameFooter[] = "Needs administrator rights, and waits until it is done.";
@@ -186,7 +187,6 @@ constexpr char kStatusFooter[] =
 constexpr char kSendFooter[] =
     "Only for a service that was installed with --development. Codes of 0 to 63.\n"
     "  vxhost service send --power 7";
-constexpr char kEntryFooter[] = "Only the service manager starts it.";
 
 void AddInstall(CommandLine& line, CLI::App& group) {
   const auto options = std::make_shared<InstallOptions>();
@@ -253,15 +253,6 @@ void AddServiceSetupCommands(CommandLine& line, CLI::App& group) {
       ->check(CLI::Range(0, 63));
   sending.add_option("--session", send->sessions, "session change codes (WTS_SESSION_)")
       ->check(CLI::Range(0, 63));
-
-  const auto entry = std::make_shared<EntryOptions>();
-  CLI::App& entering = line.Add(group, "entry", "the running service", kEntryFooter,
-                                [entry](Console& /*console*/) { return Enter(*entry); });
-  entering.group("");  // not for people
-  entering.add_option("--name", entry->name)->required();
-  entering.add_option("--module", entry->module)->required();
-  entering.add_option("--allow", entry->allowed);
-  entering.add_flag("--development", entry->development);
 }
 
 }  // namespace Vx::Host

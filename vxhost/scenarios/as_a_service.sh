@@ -40,7 +40,7 @@ mkdir -p "$place"
 cp "$pki/pinned.exe" "$place/tool.exe"
 cp "$probe" "$place/winlogon.exe"
 # Not from where the build lies: other accounts may write to a folder above it.
-cp "$vxhost" "$module" "$place"
+cp "$vxhost" "$(dirname "$vxhost")/OrvaneHost.exe" "$module" "$place"
 vxhost=$place/vxhost.exe
 
 echo '== The service is installed and started. It has a folder of its own that users cannot write to'

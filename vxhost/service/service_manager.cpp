@@ -1,10 +1,10 @@
 #include "vxhost/service/service_manager.h"
 
-#include <algorithm>
 #include <chrono>
 #include <cstddef>
 #include <iterator>
 #include <stdexcept>
+#include <utility>
 
 #include <windows.h>
 
@@ -16,7 +16,6 @@ namespace Vx::Host {
 
 namespace {
 
-constexpr std::size_t kLongestName = 64;
 constexpr std::chrono::seconds kPatience{60};
 constexpr DWORD kPause = 20;                // milliseconds
 constexpr DWORD kProcessPatience = 10'000;  // milliseconds
@@ -154,20 +153,9 @@ void ServiceHandleCloser::operator()(void* handle) const noexcept {
   SetLastError(kept);
 }
 
-bool IsServiceName(const std::wstring& name) {
-  return !name.empty() && name.size() <= kLongestName && std::ranges::all_of(name, [](wchar_t c) {
-    return (c >= L'a' && c <= L'z') || (c >= L'A' && c <= L'Z') || (c >= L'0' && c <= L'9') ||
-           c == L'.' || c == L'-' || c == L'_';
-  });
-}
-
 std::wstring ImagePath(const ServicePlan& plan) {
   // A path cannot hold a quotation mark, and a full path of a file ends without a backslash.
-  std::wstring line = L"\"" + plan.program + L"\" service entry --name " + plan.name +
-                      L" --module \"" + plan.module + L"\"";
-  for (const std::wstring& sid : plan.allowed) line += L" --allow " + sid;
-  if (plan.development) line += L" --development";
-  return line;
+  return L"\"" + plan.program + L"\" " + plan.name;
 }
 
 std::wstring RequiredPrivileges() {
@@ -189,26 +177,24 @@ std::vector<std::string> ServiceManager::Install(const ServicePlan& plan) {
   if (service == nullptr && plan.replaces && GetLastError() == ERROR_SERVICE_EXISTS) {
     created = false;
     service.reset(OpenServiceW(Raw(manager), name, SERVICE_ALL_ACCESS));
-    if (service != nullptr &&
-        ChangeServiceConfigW(Raw(service), SERVICE_WIN32_OWN_PROCESS, start, SERVICE_ERROR_NORMAL,
-                             image.c_str(), nullptr, nullptr, nullptr, nullptr, nullptr,
-                             name) == FALSE) {
-      Refused("replace", plan.name, GetLastError());
-    }
   }
   if (service == nullptr) Refused("install", plan.name, GetLastError());
-  const Settings settings(Raw(service), automatic);
-  if (settings.error != ERROR_SUCCESS) {
-    if (created) DeleteService(Raw(service));
-    Refused("install", plan.name, settings.error);
-  }
   try {
+    // First: a service that is replaced may start between the steps.
+    WriteParameters({plan.name, plan.module, plan.allowed, plan.development});
+    if (!created && ChangeServiceConfigW(Raw(service), SERVICE_WIN32_OWN_PROCESS, start,
+                                         SERVICE_ERROR_NORMAL, image.c_str(), nullptr, nullptr,
+                                         nullptr, nullptr, nullptr, name) == FALSE) {
+      Refused("replace", plan.name, GetLastError());
+    }
+    Settings settings(Raw(service), automatic);
+    if (settings.error != ERROR_SUCCESS) Refused("install", plan.name, settings.error);
     AddEventSource(plan.name, plan.program);
+    return std::move(settings.unknown);
   } catch (const std::runtime_error&) {
     if (created) DeleteService(Raw(service));
     throw;
   }
-  return settings.unknown;
 }
 
 void ServiceManager::Start(const std::wstring& name) {
@@ -279,7 +265,8 @@ std::optional<ServiceReport> ServiceManager::Query(const std::wstring& name) {
                        .exitCode = status.dwWin32ExitCode,
                        .automatic = config->dwStartType == SERVICE_AUTO_START,
                        .image = config->lpBinaryPathName,
-                       .account = config->lpServiceStartName};
+                       .account = config->lpServiceStartName,
+                       .options = ReadParameters(name)};
 }
 
 void ServiceManager::Send(const std::wstring& name, std::uint32_t control) {

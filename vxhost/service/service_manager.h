@@ -6,6 +6,8 @@
 #include <string>
 #include <vector>
 
+#include "servicehost/service_parameters.h"
+
 namespace Vx::Host {
 
 inline constexpr char kDefaultServiceName[] = "OrvaneService";
@@ -13,7 +15,7 @@ inline constexpr char kDefaultServiceName[] = "OrvaneService";
 // One service as it is installed.
 struct ServicePlan {
   std::wstring name;
-  std::wstring program;  // full path of the tool
+  std::wstring program;  // full path of OrvaneHost.exe
   std::wstring module;   // full path
   enum class Start { Automatic, Demand } start = Start::Automatic;
   std::vector<std::wstring> allowed = {};  // SIDs whose accounts may use the pipe
@@ -21,11 +23,7 @@ struct ServicePlan {
   bool replaces = false;                   // an installed service of this name, if there is one
 };
 
-// Whether `name` may name a service, its pipe and its key: 1 to 64 letters, digits, dots, hyphens
-// and underscores.
-bool IsServiceName(const std::wstring& name);
-
-// The command line of the service: the quoted full path of the tool and the arguments of its entry.
+// The command line of the service: the quoted full path of its program and the service's name.
 std::wstring ImagePath(const ServicePlan& plan);
 
 // The privileges that the service's process keeps, as Windows takes the list: each text with its
@@ -40,6 +38,7 @@ struct ServiceReport {
   bool automatic = false;
   std::wstring image;
   std::wstring account;
+  ServiceOptions options;  // without a module: an earlier version has installed it
 };
 
 struct ServiceHandleCloser {
@@ -53,7 +52,8 @@ class ServiceManager {
  public:
   // Registers a service of LocalSystem in a process of its own, with failure actions, a service SID
   // and the required privileges alone. Undone if Windows refuses a part, except of a service that
-  // is replaced: that one has the new command line from its next start on. Returns the settings
+  // is replaced: that one has the new command line and parameters from its next start on, also one
+  // of an earlier version, whose command line had the parameters. Returns the settings
   // that this system does not know, which is none on Windows.
   std::vector<std::string> Install(const ServicePlan& plan);
 
