@@ -66,9 +66,9 @@ void SignalIfMade(Platform::RawHandle event) {
 
 // Reads the stored requests under `key` into an array. Leaves out elements of another writer that
 // are not objects, as a replay does.
-Json::WideValue StoredRequests(const char* key, Json::WidePool& pool) {
+Json::WideValue RequestsUnder(const char* key, Json::WidePool& pool) {
   Json::WideValue requests(rapidjson::kArrayType);
-  const std::wstring text = RequestManager(kServiceDocument, key).RequireStoredRequests();
+  const std::wstring text = RequestManager(kServiceDocument, key).RequireStoredList();
   if (text.empty()) return requests;
   Json::WideDocument stored(&pool);
   if (!Json::ParseJson(stored, text, Json::kMaxListNesting) || !stored.IsArray()) {
@@ -218,8 +218,8 @@ std::uint32_t OrvaneService::GetSubscriptions(const Call& call) {
   return Answer("GetSubscriptions", call, [&] {
     if (LacksResponse(call)) return kFailed;
     auto& pool = call.response->GetAllocator();
-    Json::WideValue power = StoredRequests(kPowerSubscriptions, pool);
-    Json::WideValue zephra = StoredRequests(kZephraSubscriptions, pool);
+    Json::WideValue power = RequestsUnder(kPowerSubscriptions, pool);
+    Json::WideValue zephra = RequestsUnder(kZephraSubscriptions, pool);
     unsigned omitted = 0;
     if (kListFrame.size() + TextLength(power) + TextLength(zephra) > kMaxResponseLength) {
       std::size_t room = kMaxResponseLength - kPartFrame.size();

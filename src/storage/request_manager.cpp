@@ -49,6 +49,21 @@ std::wstring TextOf(const std::optional<Storage::BsonView>& value) {
   return value ? value->AsWideText().value_or(kNotAText) : std::wstring();
 }
 
+// Returns the error that `handler` throws, a standard exception as E_OUTOFMEMORY or E_FAIL.
+std::optional<Platform::WindowsRuntimeError> ErrorOf(const RequestManager::Handler& handler,
+                                                     const std::wstring& request) {
+  try {
+    handler(request);
+    return std::nullopt;
+  } catch (const Platform::WindowsRuntimeError& error) {
+    return error;
+  } catch (const std::bad_alloc&) {
+    return Platform::WindowsRuntimeError(kOutOfMemory);
+  } catch (const std::exception&) {
+    return Platform::WindowsRuntimeError(kFail);
+  }
+}
+
 }  // namespace
 
 RequestManager::RequestManager(std::string embeddedDocument, std::string listKey)
@@ -69,78 +84,46 @@ RequestManager::RequestManager(std::string embeddedDocument, std::string listKey
 
 RequestManager::~RequestManager() = default;
 
-std::wstring RequestManager::StoredRequests() const {
+std::wstring RequestManager::StoredList() const {
   return TextOf(document.Find(key));
 }
 
-std::wstring RequestManager::RequireStoredRequests() const {
+std::wstring RequestManager::RequireStoredList() const {
   if (!readable) throw std::runtime_error(kNotReadable);
-  return StoredRequests();
+  return StoredList();
 }
 
-bool RequestManager::ChangeCopy(const Edit& edit) {
-  const std::optional<std::wstring> list = edit(StoredRequests());
-  return !list || document.Set(key, BsonElement::Text(*list));
-}
-
-std::optional<BsonElement> RequestManager::ChangeStored(const BsonElement* stored,
-                                                        const Edit& edit) {
-  // Updates the copy first, so that it is right even if the write fails.
-  if (stored == nullptr) {
-    document.Erase(key);
-  } else {
-    document.Set(key, *stored);
-  }
-  const std::optional<std::wstring> list = edit(StoredRequests());
-  if (!list) return std::nullopt;
-  BsonElement changed = BsonElement::Text(*list);
-  document.Set(key, changed);
-  return changed;
-}
-
-bool RequestManager::Change(const Edit& edit) {
-  if (store == nullptr) return ChangeCopy(edit);
-  bool edited = false;
-  const auto change = [&](const BsonElement* stored) {
-    edited = true;
-    return ChangeStored(stored, edit);
+std::optional<bool> RequestManager::Change(const FailureTexts& texts, const Edit& edit) {
+  std::optional<Platform::WindowsRuntimeError> refused;
+  const auto change = [&](const BsonElement* stored) -> std::optional<BsonElement> {
+    try {
+      const std::optional<std::wstring> list =
+          edit(stored == nullptr ? std::wstring() : TextOf(stored->View()));
+      return list ? std::optional(BsonElement::Text(*list)) : std::nullopt;
+    } catch (const Platform::WindowsRuntimeError& error) {
+      refused.emplace(error);
+      return std::nullopt;
+    }
   };
+  std::optional<bool> held;
   try {
-    return store->updateMember(documentName, key, change);
-  } catch (const std::exception&) {
-    if (!edited) ChangeCopy(edit);
-    throw;
-  }
-}
-
-std::optional<bool> RequestManager::ChangeAndLog(const FailureTexts& texts, const Edit& edit) {
-  try {
-    return Change(edit);
+    if (store == nullptr) {
+      change(nullptr);
+      held = true;
+    } else {
+      held = store->updateMember(documentName, key, change);
+    }
   } catch (const Platform::WindowsRuntimeError& error) {
     logger->LogError(texts.runtime, error.message().c_str(), error.code());
   } catch (const std::exception& error) {
     logger->LogError(texts.standard, error.what());
   }
-  return std::nullopt;
-}
-
-std::optional<bool> RequestManager::ChangeOrRefuse(const FailureTexts& texts, const Edit& edit) {
-  std::optional<Platform::WindowsRuntimeError> refused;
-  const std::optional<bool> held =
-      ChangeAndLog(texts, [&](const std::wstring& list) -> std::optional<std::wstring> {
-        try {
-          return edit(list);
-        } catch (const Platform::WindowsRuntimeError& error) {
-          refused.emplace(error);
-          return std::nullopt;
-        }
-      });
   if (refused) throw Platform::WindowsRuntimeError(*refused);
   return held;
 }
 
 bool RequestManager::PersistRequest(std::wstring_view request) {
-  const std::optional<bool> held = ChangeOrRefuse(kPersistThrew, [&](const std::wstring& list) {
+  const std::optional<bool> held = Change(kPersistThrew, [&](const std::wstring& list) {
     std::optional<std::wstring> longer = Storage::ListWith(list, request);
     if (!longer) throw Platform::WindowsRuntimeError(kAlreadySubscribed, kStoredAlready);
     return longer;
@@ -151,7 +134,7 @@ bool RequestManager::PersistRequest(std::wstring_view request) {
 
 RequestManager::Removal RequestManager::RemoveRequest(std::wstring_view request) {
   bool found = false;
-  const std::optional<bool> held = ChangeOrRefuse(kRemoveThrew, [&](const std::wstring& list) {
+  const std::optional<bool> held = Change(kRemoveThrew, [&](const std::wstring& list) {
     std::optional<std::wstring> shorter = Storage::ListWithout(list, request);
     found = shorter.has_value();
     return shorter;
@@ -161,47 +144,33 @@ RequestManager::Removal RequestManager::RemoveRequest(std::wstring_view request)
 }
 
 bool RequestManager::CompleteRequest(std::wstring_view request) {
-  const auto edit = [&](const std::wstring& list) {
-    return Storage::ListWithoutCompleted(list, request);
-  };
-  return ChangeAndLog(kCompleteThrew, edit).value_or(false) && store != nullptr;
+  try {
+    const std::optional<bool> held = Change(kCompleteThrew, [&](const std::wstring& list) {
+      return Storage::ListWithoutCompleted(list, request);
+    });
+    return held.value_or(false) && store != nullptr;
+  } catch (const Platform::WindowsRuntimeError& error) {
+    logger->LogError(kCompleteThrew.runtime, error.message().c_str(), error.code());
+    return false;
+  }
 }
 
 void RequestManager::RegisterExistingRequests(const Handler& handler,
                                               const ErrorCallback& onError) {
   std::vector<std::optional<std::wstring>> requests;
   try {
-    requests = Storage::RequestsOf(StoredRequests());
+    requests = Storage::RequestsOf(StoredList());
   } catch (const Platform::WindowsRuntimeError& error) {
     logger->LogError(kRegisterFailed, error.code());
   }
   for (const std::optional<std::wstring>& request : requests) {
-    if (request) {
-      CallHandler(*request, handler, onError);
-    } else {
+    if (!request) {
       logger->LogError(kUnexpectedElement);
+    } else if (const auto error = ErrorOf(handler, *request)) {
+      logger->LogError(kRegisterFailed, error->code());
+      if (onError) onError(*request, *error);
     }
   }
-}
-
-void RequestManager::CallHandler(const std::wstring& request, const Handler& handler,
-                                 const ErrorCallback& onError) const {
-  try {
-    handler(request);
-  } catch (const Platform::WindowsRuntimeError& error) {
-    ReportFailure(request, error, onError);
-  } catch (const std::bad_alloc&) {
-    ReportFailure(request, Platform::WindowsRuntimeError(kOutOfMemory), onError);
-  } catch (const std::exception&) {
-    ReportFailure(request, Platform::WindowsRuntimeError(kFail), onError);
-  }
-}
-
-void RequestManager::ReportFailure(const std::wstring& request,
-                                   const Platform::WindowsRuntimeError& error,
-                                   const ErrorCallback& onError) const {
-  logger->LogError(kRegisterFailed, error.code());
-  if (onError) onError(request, error);
 }
 
 }  // namespace Vx::Tessel::Server::Services::Orvane

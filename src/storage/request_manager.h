@@ -36,7 +36,7 @@ class RequestManager {
       std::function<void(const std::wstring& request, const Platform::WindowsRuntimeError& error)>;
 
   // Opens the store and reads the document. If the store cannot be opened, logs that. The object
-  // then works in memory only.
+  // then has an empty list and stores nothing.
   RequestManager(std::string embeddedDocument, std::string listKey);
   RequestManager(const RequestManager&) = delete;
   RequestManager& operator=(const RequestManager&) = delete;
@@ -66,13 +66,13 @@ class RequestManager {
   // treats it as empty. Holds no lock during the calls.
   void RegisterExistingRequests(const Handler& handler, const ErrorCallback& onError);
 
-  // Returns the stored array's text as of construction or the last change, empty if there is none.
-  // For a value that is not a text, returns one that is not a JSON array.
-  std::wstring StoredRequests() const;
+  // Returns the stored array's text as of construction, empty if there is none. For a value that is
+  // not a text, returns one that is not a JSON array.
+  std::wstring StoredList() const;
 
-  // Same as StoredRequests, but throws std::runtime_error if the list could not be read at
+  // Same as StoredList, but throws std::runtime_error if the list could not be read at
   // construction, because the store or the document in it could not.
-  std::wstring RequireStoredRequests() const;
+  std::wstring RequireStoredList() const;
 
   // The log lines for an exception from the store.
   struct FailureTexts {
@@ -84,24 +84,10 @@ class RequestManager {
   // Returns the new list's text for the stored one, or nothing to leave it.
   using Edit = std::function<std::optional<std::wstring>(const std::wstring& list)>;
 
-  // Applies `edit` to the stored list, or without a store to the copy in memory. Returns false if
-  // the store refused the new list. Throws what the store and `edit` throw.
-  bool Change(const Edit& edit);
-
-  // Same as Change, but logs exceptions and returns nothing.
-  std::optional<bool> ChangeAndLog(const FailureTexts& texts, const Edit& edit);
-
-  // Same as ChangeAndLog, but a Windows Runtime error of `edit` passes to the caller: the request
-  // or the stored list caused it, not the store.
-  std::optional<bool> ChangeOrRefuse(const FailureTexts& texts, const Edit& edit);
-
-  bool ChangeCopy(const Edit& edit);
-  std::optional<Storage::BsonElement> ChangeStored(const Storage::BsonElement* stored,
-                                                   const Edit& edit);
-  void CallHandler(const std::wstring& request, const Handler& handler,
-                   const ErrorCallback& onError) const;
-  void ReportFailure(const std::wstring& request, const Platform::WindowsRuntimeError& error,
-                     const ErrorCallback& onError) const;
+  // Applies `edit` to the stored list, or to an empty one if there is no store. Returns false if
+  // the store refused the new list, and nothing if it threw, which is logged. An error that `edit`
+  // throws passes to the caller.
+  std::optional<bool> Change(const FailureTexts& texts, const Edit& edit);
 
   std::string documentName;
   std::string key;

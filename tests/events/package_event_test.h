@@ -63,7 +63,7 @@ class PackageEventFixture : public StoreTest {
   }
   static std::wstring Stored() {
     using namespace Tessel::Server::Services::Orvane;
-    return RequestManager(kServiceDocument, kPackageSubscriptions).StoredRequests();
+    return RequestManager(kServiceDocument, kPackageSubscriptions).StoredList();
   }
 };
 

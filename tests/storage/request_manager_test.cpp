@@ -145,16 +145,13 @@ TEST_F(RequestManagerTest, ActsOnTheListAsItIsStoredNotAsItWasRead) {
   EXPECT_EQ(Persist(kFirst), 0);
   early.PersistRequest(kSecond);
   EXPECT_EQ(Stored(), std::wstring(L"[") + kFirst + L"," + kSecond + L"]");
-  EXPECT_EQ(early.StoredRequests(), Stored());
 }
 
 TEST_F(RequestManagerTest, LogsWhatTheStoreThrows) {
   RequestManager manager = Manager();
   faults.FailNamed("KernelObjects.LockMutex");
-  manager.PersistRequest(kFirst);
-  EXPECT_EQ(manager.StoredRequests(), std::wstring(L"[") + kFirst + L"]");
-  manager.RemoveRequest(kFirst);
-  EXPECT_EQ(manager.StoredRequests(), L"[]");
+  EXPECT_FALSE(manager.PersistRequest(kFirst));
+  EXPECT_EQ(manager.RemoveRequest(kFirst), RequestManager::Removal::Failed);
   EXPECT_FALSE(manager.CompleteRequest(kFirst));
   const std::wstring cause = L"SystemMutex::lock - failed to gain ownership of mutex";
   EXPECT_THAT(log.Lines(),
@@ -163,7 +160,7 @@ TEST_F(RequestManagerTest, LogsWhatTheStoreThrows) {
                           L"error|CompleteRequest - failed to persist: Exception " + cause));
 }
 
-TEST_F(RequestManagerTest, WorksInMemoryWhenThereIsNoStore) {
+TEST_F(RequestManagerTest, StoresNothingWhenThereIsNoStore) {
   const Tests::EnvironmentOverride programData(L"ProgramData", L"C:\\no such folder");
   RequestManager manager = Manager();
   EXPECT_THAT(
@@ -171,11 +168,10 @@ TEST_F(RequestManagerTest, WorksInMemoryWhenThereIsNoStore) {
       ElementsAre(L"error|RequestManager() - Failed to get DataStore. Functionality will be "
                   L"lost. CapDataStore::expandPathAndCreateDirectory - failed to create "
                   L"storage directory"));
-  manager.PersistRequest(kFirst);
-  EXPECT_THROW(manager.PersistRequest(kFirst), Platform::WindowsRuntimeError);
-  EXPECT_EQ(manager.StoredRequests(), std::wstring(L"[") + kFirst + L"]");
-  manager.RemoveRequest(kFirst);
-  EXPECT_EQ(manager.StoredRequests(), L"[]");
+  EXPECT_FALSE(manager.PersistRequest(kFirst));
+  EXPECT_EQ(manager.RemoveRequest(kFirst), RequestManager::Removal::Unknown);
+  EXPECT_FALSE(manager.CompleteRequest(kFirst));
+  EXPECT_EQ(Persist(L"[]"), Json::kInvalidJsonString);
 }
 
 }  // namespace

@@ -62,7 +62,7 @@ TEST_F(StoreSharingTest, SubscribersAndFlagWritersDoNotUndoOneAnother) {
       if (n % 2 == 0) manager.RemoveRequest(request);
     }
   });
-  const std::wstring list = RequestManager(kServiceDocument, kPowerSubscriptions).StoredRequests();
+  const std::wstring list = RequestManager(kServiceDocument, kPowerSubscriptions).StoredList();
   EXPECT_EQ(RequestsOf(list).size(), static_cast<std::size_t>(kCount));
   EXPECT_EQ(CapDataStore().readDocument(kServiceDocument).Find("Flag")->AsBoolean(), true);
 }
