@@ -1,9 +1,9 @@
 #include "storage/sealed_file.h"
 
 #include <algorithm>
-#include <array>
 #include <cstring>
 #include <cwchar>
+#include <iterator>
 #include <memory>
 #include <string_view>
 #include <utility>
@@ -61,57 +61,65 @@ constexpr ErrorCode kFileExists = 80;
 constexpr ErrorCode kNameTooLong = 206;
 constexpr ErrorCode kFileTooLarge = 223;
 
-// What Windows reports for a moment: files that another process keeps, no memory, no handles, and
-// the service of data protection while it starts or is overloaded.
-constexpr std::array<ErrorCode, 13> kPassing = {
-    4,   // ERROR_TOO_MANY_OPEN_FILES
-    8,   // ERROR_NOT_ENOUGH_MEMORY
-    14,  // ERROR_OUTOFMEMORY
-    kSharingViolation,
-    33,          // ERROR_LOCK_VIOLATION
-    87,          // ERROR_INVALID_PARAMETER, of unsealing
-    303,         // ERROR_DELETE_PENDING
-    1450,        // ERROR_NO_SYSTEM_RESOURCES
-    1455,        // ERROR_COMMITMENT_LIMIT
-    1722,        // RPC_S_SERVER_UNAVAILABLE
-    1723,        // RPC_S_SERVER_TOO_BUSY
-    1726,        // RPC_S_CALL_FAILED
-    0x8009000B,  // NTE_BAD_KEY_STATE
+// What an error of opening, reading or unsealing the file means.
+struct Meaning {
+  StoreState state;
+  enum class Retry : std::uint8_t { No, Yes } retry;
+
+  bool operator==(const Meaning&) const = default;
+};
+constexpr Meaning kUnknown = {StoreState::NotOpened, Meaning::Retry::No};
+constexpr Meaning kPasses = {StoreState::NotOpened, Meaning::Retry::Yes};
+// The blob is not valid, or an algorithm or a flag that it names.
+constexpr Meaning kDamage = {StoreState::Damaged, Meaning::Retry::No};
+// This machine does not have the blob's key.
+constexpr Meaning kForeignKey = {StoreState::OtherMachine, Meaning::Retry::No};
+// The same, if data protection opens what it seals. Windows also reports these while a machine's
+// keys are not there yet.
+constexpr Meaning kUncertainDamage = {StoreState::Damaged, Meaning::Retry::Yes};
+constexpr Meaning kUncertainKey = {StoreState::OtherMachine, Meaning::Retry::Yes};
+
+constexpr std::pair<ErrorCode, Meaning> kMeanings[] = {
+    // https://learn.microsoft.com/windows/win32/debug/system-error-codes--0-499-
+    {4, kPasses},   // ERROR_TOO_MANY_OPEN_FILES
+    {8, kPasses},   // ERROR_NOT_ENOUGH_MEMORY
+    {13, kDamage},  // ERROR_INVALID_DATA
+    {14, kPasses},  // ERROR_OUTOFMEMORY
+    {kSharingViolation, kPasses},
+    {33, kPasses},           // ERROR_LOCK_VIOLATION
+    {87, kUncertainDamage},  // ERROR_INVALID_PARAMETER: only the blob varies
+    {303, kPasses},          // ERROR_DELETE_PENDING
+    // https://learn.microsoft.com/windows/win32/debug/system-error-codes--1300-1699-
+    {1450, kPasses},  // ERROR_NO_SYSTEM_RESOURCES
+    {1455, kPasses},  // ERROR_COMMITMENT_LIMIT
+    // The service of data protection while it starts or is overloaded:
+    // https://learn.microsoft.com/windows/win32/debug/system-error-codes--1700-3999-
+    {1722, kPasses},  // RPC_S_SERVER_UNAVAILABLE
+    {1723, kPasses},  // RPC_S_SERVER_TOO_BUSY
+    {1726, kPasses},  // RPC_S_CALL_FAILED
+    // https://learn.microsoft.com/windows/win32/com/com-error-codes-4
+    {0x80090002, kDamage},        // NTE_BAD_HASH
+    {0x80090003, kForeignKey},    // NTE_BAD_KEY
+    {0x80090004, kDamage},        // NTE_BAD_LEN
+    {0x80090005, kDamage},        // NTE_BAD_DATA
+    {0x80090006, kDamage},        // NTE_BAD_SIGNATURE
+    {0x80090007, kDamage},        // NTE_BAD_VER
+    {0x80090008, kDamage},        // NTE_BAD_ALGID
+    {0x80090009, kDamage},        // NTE_BAD_FLAGS
+    {0x8009000A, kDamage},        // NTE_BAD_TYPE
+    {0x8009000B, kUncertainKey},  // NTE_BAD_KEY_STATE
+    {0x8009000D, kForeignKey},    // NTE_NO_KEY
 };
 
-// What Windows reports for a file that was deleted since, and for a name that is longer than this
-// process may open: that is none of ours.
-constexpr std::array<ErrorCode, 3> kNotThere = {kFileNotFound, kPathNotFound, kNameTooLong};
+Meaning MeaningOf(ErrorCode error) {
+  const auto* const row =
+      std::ranges::find(kMeanings, error, &std::pair<ErrorCode, Meaning>::first);
+  return row == std::end(kMeanings) ? kUnknown : row->second;
+}
 
-// What Windows reports for a blob that is not valid: it, or the algorithms and flags that it names.
-// Every other error of unsealing may pass.
-constexpr std::array<ErrorCode, 10> kInvalidBlob = {
-    13,          // ERROR_INVALID_DATA
-    87,          // ERROR_INVALID_PARAMETER: the blob is the only parameter that varies
-    0x80090002,  // NTE_BAD_HASH
-    0x80090004,  // NTE_BAD_LEN
-    0x80090005,  // NTE_BAD_DATA
-    0x80090006,  // NTE_BAD_SIGNATURE
-    0x80090007,  // NTE_BAD_VER
-    0x80090008,  // NTE_BAD_ALGID
-    0x80090009,  // NTE_BAD_FLAGS
-    0x8009000A,  // NTE_BAD_TYPE
-};
-
-// What Windows reports for a blob whose key this machine does not have.
-constexpr std::array<ErrorCode, 3> kForeignKey = {
-    0x80090003,  // NTE_BAD_KEY
-    0x8009000B,  // NTE_BAD_KEY_STATE
-    0x8009000D,  // NTE_NO_KEY
-};
-
-// Which of these is about the blob, and which about the keys of a machine that is starting, Windows
-// does not say.
-constexpr std::array<ErrorCode, 2> kUncertain = {87, 0x8009000B};
-
-template <std::size_t Count>
-bool IsOneOf(ErrorCode error, const std::array<ErrorCode, Count>& errors) {
-  return std::ranges::find(errors, error) != errors.end();
+bool IsUncertain(ErrorCode error) {
+  const Meaning meaning = MeaningOf(error);
+  return meaning == kUncertainDamage || meaning == kUncertainKey;
 }
 
 Platform::Files& Files() {
@@ -138,6 +146,12 @@ bool IsPlain(const FileFacts& facts) {
   return facts.names == 1 && (facts.attributes & (kDirectory | kReparsePoint)) == 0;
 }
 
+// Whether the file was deleted since, or has a name that is longer than this process may open: that
+// is none of ours.
+bool IsNotThere(ErrorCode error) {
+  return error == kFileNotFound || error == kPathNotFound || error == kNameTooLong;
+}
+
 // Opens a file beside the store if the store may adopt or delete it: an ordinary one that belongs
 // to the system. Returns null if it is not or no longer exists, and the error if Windows does not
 // say.
@@ -148,7 +162,7 @@ Opened OpenOwn(const std::wstring& path, FileUse use) {
     if (!opened) {
       // Windows lets the system inspect its own files. It refuses to open a folder like this.
       const bool foreign = step == FileUse::Inspect && opened.Error() == kAccessDenied;
-      if (foreign || IsOneOf(opened.Error(), kNotThere)) break;
+      if (foreign || IsNotThere(opened.Error())) break;
       return Opened::Failure(opened.Error());
     }
     const Result<FileFacts> facts = (*opened)->Facts();
@@ -299,7 +313,9 @@ auto SealedFile::Patiently(const Attempt& attempt) {
   constexpr std::chrono::milliseconds kPause{25};
   for (;;) {
     auto result = attempt();
-    if (result || patience < kPause || !IsOneOf(result.Error(), kPassing)) return result;
+    if (result || patience < kPause || MeaningOf(result.Error()).retry == Meaning::Retry::No) {
+      return result;
+    }
     patience -= kPause;
     Platform::CurrentMachine().clock->Sleep(kPause);
   }
@@ -357,8 +373,7 @@ SealedFile::Reading SealedFile::Unseal(Bytes content) {
   const auto blob = std::span(reading.content).subspan(kHeaderSize);
   const auto unprotect = [&] { return Platform::CurrentMachine().dataProtection->Unprotect(blob); };
   Result<Bytes> plain = Patiently(unprotect);
-  const auto isUncertain = [&] { return !plain && IsOneOf(plain.Error(), kUncertain); };
-  const bool works = isUncertain() && ProtectionWorks();
+  const bool works = !plain && IsUncertain(plain.Error()) && ProtectionWorks();
   // The keys may have come between the last try and the probe.
   if (works) plain = unprotect();
   if (plain) {
@@ -366,10 +381,8 @@ SealedFile::Reading SealedFile::Unseal(Bytes content) {
     if (!reading.document) reading.state = StoreState::Damaged;
   } else {
     reading.error = plain.Error();
-    reading.state = isUncertain() && !works                ? StoreState::NotOpened
-                    : IsOneOf(plain.Error(), kInvalidBlob) ? StoreState::Damaged
-                    : IsOneOf(plain.Error(), kForeignKey)  ? StoreState::OtherMachine
-                                                           : StoreState::NotOpened;
+    reading.state = IsUncertain(plain.Error()) && !works ? StoreState::NotOpened
+                                                         : MeaningOf(plain.Error()).state;
   }
   return reading;
 }
