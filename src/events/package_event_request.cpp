@@ -2,7 +2,6 @@
 
 #include <utility>
 
-#include "events/subscription_forms.h"
 #include "json/json_object.h"
 #include "platform/windows_runtime_error.h"
 

@@ -6,10 +6,9 @@
 
 #include "events/event_commands.h"
 #include "events/package_event.h"
+#include "events/subscription_forms.h"
 
 namespace Vx::Tessel::Server::Services::Orvane {
-
-enum class PackageCatalogEvent : std::uint32_t { Uninstalling = 5, Uninstalled = 7 };
 
 // A client's request to run a command when a packaged app is uninstalled. The constructor opens the
 // package catalog: see PackageUninstallingPCEvent for what that needs.

@@ -9,9 +9,6 @@
 
 namespace Vx::Tessel::Server::Services::Orvane {
 
-// The service's own events.
-enum class ZephraEvent : std::uint32_t { PolicyChanged = 1, UserSessionAfterBoot = 2 };
-
 // A client's request to run a command at one of the service's own events.
 class SubscribeForZephraEventRequest final : public EventSubscription {
  public:

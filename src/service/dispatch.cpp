@@ -48,6 +48,7 @@ enum class BadJson : std::uint8_t { Refused, Ignored };
 // One row is one command. A command without a handler is unsupported.
 struct Command {
   std::uint32_t id;
+  const wchar_t* name;  // for people, as the heading of its page
   SessionApi sessionApi;
   BadJson badJson;
   Handler run;
@@ -60,29 +61,39 @@ std::uint32_t RecordBornOnDate(const Call& /*call*/) {
 
 // To add a command, write its handler and name it in its row.
 constexpr Command kCommands[] = {
-    {0, SessionApi::NotNeeded, BadJson::Ignored, &GetLockdownMode},
-    {1, SessionApi::NotNeeded, BadJson::Refused, nullptr},
-    {2, SessionApi::NotNeeded, BadJson::Refused, &GetRegistrationState},
-    {3, SessionApi::Needed, BadJson::Refused, &SkipAutoLaunchCriteria},
-    {4, SessionApi::NotNeeded, BadJson::Refused, &HasBeenInSMode},
-    {5, SessionApi::NotNeeded, BadJson::Refused, &ShouldAutoLaunchBeSkipped},
-    {6, SessionApi::NotNeeded, BadJson::Refused, &IsUwpInstalled},
-    {7, SessionApi::NotNeeded, BadJson::Refused, &SubscribeToPackageEvent},
-    {8, SessionApi::Needed, BadJson::Ignored, &CopyRegistration},
-    {9, SessionApi::NotNeeded, BadJson::Refused, &SubscribeToPowerEvent},
-    {10, SessionApi::Needed, BadJson::Ignored, &LaunchAfterResume},
-    {11, SessionApi::Needed, BadJson::Ignored, &LaunchCompanionApp},
-    {12, SessionApi::NotNeeded, BadJson::Ignored, &GetExecutedMcAfeeStub},
-    {13, SessionApi::Needed, BadJson::Refused, &SetExecutedMcAfeeStub},
-    {14, SessionApi::NotNeeded, BadJson::Refused, &SubscribeToZephraEvent},
-    {15, SessionApi::NotNeeded, BadJson::Refused, &UnsubscribeFromZephraEvent},
-    {16, SessionApi::NotNeeded, BadJson::Refused, &ReportPolicyChange},
-    {17, SessionApi::Needed, BadJson::Refused, &LaunchWithParameter},
-    {18, SessionApi::NotNeeded, BadJson::Refused, &RecordBornOnDate},
-    {19, SessionApi::NotNeeded, BadJson::Refused, &UnsubscribeFromPowerEvent},
-    {20, SessionApi::NotNeeded, BadJson::Refused, &OrvaneService::GetSubscriptions},
-    {21, SessionApi::NotNeeded, BadJson::Refused, &OrvaneService::GetSleepState},
-    {22, SessionApi::NotNeeded, BadJson::Refused, &GetVersion},
+    {0, L"lockdown mode", SessionApi::NotNeeded, BadJson::Ignored, &GetLockdownMode},
+    {1, nullptr, SessionApi::NotNeeded, BadJson::Refused, nullptr},
+    {2, L"registration state", SessionApi::NotNeeded, BadJson::Refused, &GetRegistrationState},
+    {3, L"skip an automatic launch", SessionApi::Needed, BadJson::Refused, &SkipAutoLaunchCriteria},
+    {4, L"left S mode", SessionApi::NotNeeded, BadJson::Refused, &HasBeenInSMode},
+    {5, L"is an automatic launch skipped", SessionApi::NotNeeded, BadJson::Refused,
+     &ShouldAutoLaunchBeSkipped},
+    {6, L"is a packaged app installed", SessionApi::NotNeeded, BadJson::Refused, &IsUwpInstalled},
+    {7, L"subscribe to a package event", SessionApi::NotNeeded, BadJson::Refused,
+     &SubscribeToPackageEvent},
+    {8, L"copy the registration data", SessionApi::Needed, BadJson::Ignored, &CopyRegistration},
+    {9, L"subscribe to a power event", SessionApi::NotNeeded, BadJson::Refused,
+     &SubscribeToPowerEvent},
+    {10, L"launch after resume if needed", SessionApi::Needed, BadJson::Ignored,
+     &LaunchAfterResume},
+    {11, L"launch the companion app", SessionApi::Needed, BadJson::Ignored, &LaunchCompanionApp},
+    {12, L"read the switch-software flag", SessionApi::NotNeeded, BadJson::Ignored,
+     &GetExecutedMcAfeeStub},
+    {13, L"write the switch-software flag", SessionApi::Needed, BadJson::Refused,
+     &SetExecutedMcAfeeStub},
+    {14, L"subscribe to a platform event", SessionApi::NotNeeded, BadJson::Refused,
+     &SubscribeToZephraEvent},
+    {15, L"unsubscribe from a platform event", SessionApi::NotNeeded, BadJson::Refused,
+     &UnsubscribeFromZephraEvent},
+    {16, L"the policy changed", SessionApi::NotNeeded, BadJson::Refused, &ReportPolicyChange},
+    {17, L"launch with a parameter", SessionApi::Needed, BadJson::Refused, &LaunchWithParameter},
+    {18, L"born-on date", SessionApi::NotNeeded, BadJson::Refused, &RecordBornOnDate},
+    {19, L"unsubscribe from a power event", SessionApi::NotNeeded, BadJson::Refused,
+     &UnsubscribeFromPowerEvent},
+    {20, L"list the subscriptions", SessionApi::NotNeeded, BadJson::Refused,
+     &OrvaneService::GetSubscriptions},
+    {21, L"sleep state", SessionApi::NotNeeded, BadJson::Refused, &OrvaneService::GetSleepState},
+    {22, L"version", SessionApi::NotNeeded, BadJson::Refused, &GetVersion},
 };
 
 template <typename Has>
@@ -107,7 +118,8 @@ static_assert(IdsThat([](const Command& c) { return c.badJson == BadJson::Ignore
 
 // Returns the row of an id, or one without a handler for an unknown id.
 const Command& CommandOf(std::uint32_t id) {
-  static constexpr Command kNoCommand = {0, SessionApi::NotNeeded, BadJson::Refused, nullptr};
+  static constexpr Command kNoCommand = {0, nullptr, SessionApi::NotNeeded, BadJson::Refused,
+                                         nullptr};
   return id < std::size(kCommands) ? kCommands[id] : kNoCommand;
 }
 
@@ -195,6 +207,10 @@ std::uint32_t CheckCall(const ClientContext* context, std::uint32_t id, const wc
 }
 
 }  // namespace
+
+const wchar_t* CommandName(std::uint32_t id) noexcept {
+  return CommandOf(id).name;
+}
 
 std::uint32_t Dispatch(OrvaneService& service, const ClientContext* context, std::uint32_t id,
                        const wchar_t* request, wchar_t** response,

@@ -14,6 +14,9 @@ class OrvaneService;
 // any real request and limits what one call can make the service allocate.
 inline constexpr std::size_t kMaxRequestLength = std::size_t{1024} * 1024;
 
+// Returns the name of a command for people, or null for an unsupported one.
+const wchar_t* CommandName(std::uint32_t id) noexcept;
+
 // Executes one command for slot 3 and returns its result code. Any thread may call, also several at
 // once, because each call has its own documents.
 //

@@ -2,6 +2,7 @@
 
 #include "companion/qubo_facade.h"
 #include "companion/registration.h"
+#include "events/subscription_forms.h"
 #include "host/logging.h"
 #include "platform/app_services.h"
 #include "platform/machine.h"
@@ -23,7 +24,8 @@ struct Resume {
   std::uint32_t code;
   const char* name;
 };
-constexpr Resume kResumes[] = {{7, "PBT_APMRESUMESUSPEND"}, {18, "PBT_APMRESUMEAUTOMATIC"}};
+constexpr Resume kResumes[] = {{kResumeSuspend, "PBT_APMRESUMESUSPEND"},
+                               {kResumeAutomatic, "PBT_APMRESUMEAUTOMATIC"}};
 
 const Resume* ResumeOf(std::uint32_t eventType) {
   for (const Resume& resume : kResumes) {

@@ -96,7 +96,7 @@ class ExplanationTest : public Tests::StoreTest {
 };
 
 TEST_F(ExplanationTest, SaysOfTenSubscriptionsWhatThenHappensAndChangesNothing) {
-  const SubscriptionKind& power = SubscriptionKinds().front();
+  const SubscriptionForm& power = kPowerForm;
   const std::wstring pinned = folder.Hold(L"pinned.exe");
   const std::wstring unsigned_ = folder.Hold(L"unsigned.exe");
   const std::wstring missing = folder / L"missing.exe";
@@ -177,7 +177,7 @@ TEST_F(ExplanationTest, SaysWhatAnUninstallLeadsTo) {
                                         LR"({"packageFamilyName":"f",
                                   "appServiceName":"s","payload":{"customTriggerGUID":"g"}})")});
   Install(L"Here");
-  const SubscriptionKind& kind = SubscriptionKinds().back();
+  const SubscriptionForm& kind = kPackageForm;
   const auto before = State();
   const auto here = ExplainNow({&kind, 0, L"Here"});
   EXPECT_EQ(here[0].fate, Fate::Runs);

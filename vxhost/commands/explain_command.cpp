@@ -62,10 +62,10 @@ Occasion OccasionOf(const Options& options) {
     throw std::runtime_error("name an event, such as power 18 or uninstall FAMILY, or --all");
   }
   const bool uninstall = options.kind == "uninstall";
-  for (const SubscriptionKind& kind : SubscriptionKinds()) {
-    if (uninstall && kind.family != nullptr) return {&kind, 0, Wide(options.which)};
-    if (kind.family == nullptr && options.kind == kind.name) {
-      return {&kind, CodeOf(options.which), {}};
+  for (const SubscriptionForm* kind : kSubscriptionForms) {
+    if (uninstall && kind->family != nullptr) return {kind, 0, Wide(options.which)};
+    if (kind->family == nullptr && options.kind == kind->name) {
+      return {kind, CodeOf(options.which), {}};
     }
   }
   throw std::runtime_error("there is no event " + options.kind +
@@ -124,7 +124,7 @@ int RunExplain(const ModuleOptions& module, const Options& options, Console& con
   const auto subscriptions = SubscriptionsIn(DocumentOf(LookAtStore(options.limits)));
   const KeysOfModule keys(module.Path());
   if (occasion.kind != nullptr && occasion.kind->family == nullptr &&
-      MeaningOfCode(*occasion.kind, occasion.code) == nullptr) {
+      MeaningOf(occasion.kind->codes, occasion.code) == nullptr) {
     console.Note(std::string(occasion.kind->name) + " event " + std::to_string(occasion.code) +
                  " never occurs");
   }

@@ -141,9 +141,8 @@ class Composer {
   static int CountOf(const std::optional<std::uint32_t>& value) { return value ? 1 : 0; }
   static int CountOf(const std::string& value) { return value.empty() ? 0 : 1; }
 
-  const SubscriptionKind& Kind() const {
-    const auto& kinds = SubscriptionKinds();
-    return options.power ? kinds[0] : options.platform ? kinds[1] : kinds[2];
+  const SubscriptionForm& Kind() const {
+    return options.power ? kPowerForm : options.platform ? kZephraForm : kPackageForm;
   }
 
   std::uint32_t Code() const {
@@ -189,7 +188,7 @@ class Composer {
   const AddOptions& options;
   Json::WideDocument request;
   Json::WidePool& pool;
-  const SubscriptionKind* kind = nullptr;
+  const SubscriptionForm* kind = nullptr;
 };
 
 // Writes what was added or removed. Returns the exit code.

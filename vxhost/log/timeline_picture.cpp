@@ -16,6 +16,7 @@
 #include "hosting/text.h"
 #include "json/json_object.h"
 #include "platform/windows_runtime_error.h"
+#include "service/dispatch.h"
 #include "vxhost/common/console.h"
 #include "vxhost/log/log_formats.h"
 
@@ -41,44 +42,12 @@ constexpr std::size_t kMachine = 0;
 constexpr std::size_t kUser = 1;
 constexpr std::size_t kService = 2;
 
-struct CodeMeaning {
-  std::uint32_t code;
-  const wchar_t* meaning;
-};
-constexpr CodeMeaning kPowerCodes[] = {{4, L"the machine goes to sleep"},
-                                       {7, L"the machine resumes with a user"},
-                                       {10, L"the power source changes"},
-                                       {18, L"the machine resumes"}};
-constexpr CodeMeaning kSessionCodes[] = {{1, L"a session is at the console"},
-                                         {2, L"a session leaves the console"},
-                                         {5, L"a user logs on"},
-                                         {6, L"a user logs off"},
-                                         {7, L"the session is locked"},
-                                         {8, L"the session is unlocked"}};
-
-constexpr const wchar_t* kCommands[] = {L"lockdown mode?",
-                                        nullptr,
-                                        L"registration state?",
-                                        L"skip a launch",
-                                        L"left S mode?",
-                                        L"is a launch skipped?",
-                                        L"is an app installed?",
-                                        L"subscribe to a package",
-                                        L"copy the registration data",
-                                        L"subscribe to a power event",
-                                        L"launch after resume",
-                                        L"launch the companion app",
-                                        L"read the switch flag",
-                                        L"write the switch flag",
-                                        L"subscribe to a platform event",
-                                        L"unsubscribe",
-                                        L"the policy changed",
-                                        L"launch with a parameter",
-                                        L"record the born-on date",
-                                        L"unsubscribe",
-                                        L"list the subscriptions",
-                                        L"sleep state?",
-                                        L"version?"};
+constexpr EventCode kSessionCodes[] = {{1, L"a session is at the console"},
+                                       {2, L"a session leaves the console"},
+                                       {5, L"a user logs on"},
+                                       {6, L"a user logs off"},
+                                       {7, L"the session is locked"},
+                                       {8, L"the session is unlocked"}};
 
 // What lines of the service that are not about a delivery mean for its lane: the beginning or the
 // end of a wait, and a mark.
@@ -113,12 +82,9 @@ std::uint32_t NumberOf(const std::wstring& text) {
   return static_cast<std::uint32_t>(std::wcstoul(text.c_str(), nullptr, 10));
 }
 
-std::wstring MeaningOfCode(std::span<const CodeMeaning> codes, std::uint32_t code,
-                           const wchar_t* name) {
-  for (const CodeMeaning& known : codes) {
-    if (known.code == code) return known.meaning;
-  }
-  return name + std::to_wstring(code);
+std::wstring MeaningOrCode(std::span<const EventCode> codes, std::uint32_t code) {
+  const wchar_t* meaning = MeaningOf(codes, code);
+  return meaning != nullptr ? meaning : L"code " + std::to_wstring(code);
 }
 
 struct Subscription {
@@ -261,10 +227,10 @@ class Reader {
   void TakeCall(milliseconds at, const std::wstring& text) {
     if (const auto power = Match(kPowerEvent, text)) {
       powerEvent = NumberOf(power->front());
-      Mark(kMachine, at, Tone::Neutral, text, MeaningOfCode(kPowerCodes, powerEvent, L"code "));
+      Mark(kMachine, at, Tone::Neutral, text, MeaningOrCode(kPowerCodes, powerEvent));
     } else if (const auto session = Match(kSession, text)) {
       Mark(kMachine, at, Tone::Neutral, text,
-           MeaningOfCode(kSessionCodes, NumberOf(session->front()), L"code "));
+           MeaningOrCode(kSessionCodes, NumberOf(session->front())));
     } else if (text == L"start" || text == L"end" || text == L"end and start") {
       if (text != L"start") EndWaits(at);
       Mark(kService, at, Tone::Neutral,
@@ -297,7 +263,7 @@ class Reader {
         return;
       }
     }
-    const wchar_t* name = entry.command < std::size(kCommands) ? kCommands[entry.command] : nullptr;
+    const wchar_t* name = CommandName(entry.command);
     const std::wstring text =
         name == nullptr ? L"command " + std::to_wstring(entry.command) : std::wstring(name);
     Mark(kService, entry.at, done ? Tone::Neutral : Tone::Bad, text,

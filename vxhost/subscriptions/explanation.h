@@ -11,7 +11,7 @@ namespace Vx::Host {
 
 // The event that is asked about.
 struct Occasion {
-  const SubscriptionKind* kind = nullptr;  // null: for each subscription its own event
+  const SubscriptionForm* kind = nullptr;  // null: for each subscription its own event
   std::uint32_t code = 0;                  // of a power or platform event
   std::wstring family;                     // of the package that is uninstalled
 };

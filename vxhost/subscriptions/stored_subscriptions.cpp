@@ -16,7 +16,7 @@ using namespace Tessel::Server::Services::Orvane;
 using Tessel::Server::Storage::BsonDocument;
 
 std::vector<std::optional<std::wstring>> Texts(const BsonDocument& own,
-                                               const SubscriptionKind& kind) {
+                                               const SubscriptionForm& kind) {
   const auto value = own.Find(kind.list);
   if (!value) return {};
   const auto list = value->AsWideText();
@@ -35,10 +35,10 @@ std::vector<StoredSubscription> SubscriptionsIn(const BsonDocument& store) {
   const auto found = store.Find(kServiceDocument);
   const auto own = found ? found->AsDocument() : std::nullopt;
   if (!own) return all;
-  for (const SubscriptionKind& kind : SubscriptionKinds()) {
-    for (auto& text : Texts(*own, kind)) {
+  for (const SubscriptionForm* kind : kSubscriptionForms) {
+    for (auto& text : Texts(*own, *kind)) {
       std::wstring hash = text ? SubscriptionHash(*text) : std::wstring();
-      all.push_back({all.size() + 1, &kind, std::move(text), std::move(hash)});
+      all.push_back({all.size() + 1, kind, std::move(text), std::move(hash)});
     }
   }
   return all;

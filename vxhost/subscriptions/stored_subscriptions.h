@@ -13,7 +13,7 @@ namespace Vx::Host {
 // One element of the stored lists.
 struct StoredSubscription {
   std::size_t number = 0;  // in the order of all lists, from 1
-  const SubscriptionKind* kind = nullptr;
+  const SubscriptionForm* kind = nullptr;
   std::optional<std::wstring> text;  // empty for an element that is not an object
   std::wstring hash;                 // as the module logs it; empty with the text
 };

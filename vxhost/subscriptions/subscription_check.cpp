@@ -40,27 +40,9 @@ using Tessel::Security::PathOutcome;
 using Tessel::Security::VxAuthenticodeHelper;
 
 constexpr std::size_t kShownLength = 60;
-constexpr std::uint32_t kSuspend = 4;
 constexpr auto kChanged = static_cast<std::int32_t>(0x80096010);  // TRUST_E_BAD_DIGEST
 constexpr wchar_t kPinnedSignature[] =
     L"a signature with a restricted key, as vxhost pins lists them";
-
-struct CodeMeaning {
-  const char* kind;
-  std::uint32_t code;
-  const char* meaning;
-};
-constexpr CodeMeaning kCodes[] = {
-    {"power", 0x4, "the machine is about to sleep"},
-    {"power", 0x7, "the machine woke and a user is present"},
-    {"power", 0xA, "the power source or the battery changed"},
-    {"power", 0x12, "the machine woke, with or without a user"},
-    {"power", 0x8013, "a power setting changed"},
-    {"platform", 1, "the service policy changed"},
-    {"platform", 2, "a real user is present after a new boot"},
-    {"package", 5, "the uninstall starts"},
-    {"package", 7, "the uninstall is complete"},
-};
 
 // What a member has to be.
 enum class Shape { Number, Text, Object };
@@ -151,7 +133,7 @@ class Checker {
       : keys(pinned), findings(result.findings) {}
 
   void Request(const WideValue& request) {
-    const SubscriptionKind* kind = KindOf(request);
+    const SubscriptionForm* kind = KindOf(request);
     if (kind == nullptr) return;
     Level level{request, L"", {}};
     const WideValue* event = Take(level, kind->event, Shape::Number, Need::Required);
@@ -190,11 +172,11 @@ class Checker {
     if (!readable) return;
     try {
       const auto request = Json::JsonObject::Parse(text);
-      for (const SubscriptionKind& kind : SubscriptionKinds()) {
-        if (!request.HasKey(kind.event)) continue;
+      for (const SubscriptionForm* kind : kSubscriptionForms) {
+        if (!request.HasKey(kind->event)) continue;
         CreateEventCommand(
-            static_cast<EventAction>(Json::TruncateToUint32(request.GetNamedNumber(kind.action))),
-            request.GetNamedObject(kind.parameters));
+            static_cast<EventAction>(Json::TruncateToUint32(request.GetNamedNumber(kind->action))),
+            request.GetNamedObject(kind->parameters));
         return;
       }
     } catch (const Platform::WindowsRuntimeError& error) {
@@ -226,17 +208,17 @@ class Checker {
     findings.push_back({Verdict::Good, key, L"", L"", text});
   }
 
-  const SubscriptionKind* KindOf(const WideValue& request) {
-    for (const SubscriptionKind& kind : SubscriptionKinds()) {
-      if (FindMember(request, kind.event) != nullptr) return &kind;
+  const SubscriptionForm* KindOf(const WideValue& request) {
+    for (const SubscriptionForm* kind : kSubscriptionForms) {
+      if (FindMember(request, kind->event) != nullptr) return kind;
     }
     // The kind that was probably meant names its faults better than a list of all kinds.
-    for (const SubscriptionKind& kind : SubscriptionKinds()) {
+    for (const SubscriptionForm* kind : kSubscriptionForms) {
       for (auto member = request.MemberBegin(); member < request.MemberEnd(); ++member) {
         const std::wstring name = Name(member->name);
-        if (Tessel::Security::SameIgnoringCase(name, kind.event) ||
-            IsProbablyMeant(name, kind.event)) {
-          return &kind;
+        if (Tessel::Security::SameIgnoringCase(name, kind->event) ||
+            IsProbablyMeant(name, kind->event)) {
+          return kind;
         }
       }
     }
@@ -312,15 +294,14 @@ class Checker {
     return truncated;
   }
 
-  void CheckCode(const SubscriptionKind& kind) {
+  void CheckCode(const SubscriptionForm& kind) {
     const std::wstring event = Wide(kind.name) + L" event " + std::to_wstring(*code);
-    if (const char* meaning = MeaningOfCode(kind, *code)) {
-      Good(kind.event, event + L": " + Wide(meaning));
+    if (const wchar_t* meaning = MeaningOf(kind.codes, *code)) {
+      Good(kind.event, event + L": " + meaning);
       return;
     }
     std::wstring wanted;
-    for (const CodeMeaning& row : kCodes) {
-      if (std::string_view(row.kind) != kind.name) continue;
+    for (const EventCode& row : kind.codes) {
       wanted += (wanted.empty() ? L"" : L", ") + std::to_wstring(row.code);
     }
     Never(kind.event, std::to_wstring(*code), L"one of " + wanted, event + L" never occurs");
@@ -349,7 +330,7 @@ class Checker {
     }
   }
 
-  void CheckDelay(Level& level, const SubscriptionKind& kind) {
+  void CheckDelay(Level& level, const SubscriptionForm& kind) {
     constexpr wchar_t kDelay[] = L"delayDeliverySec";
     const WideValue* value = Take(level, kDelay, Shape::Text, Need::Typed);
     if (value == nullptr) return;
@@ -374,7 +355,7 @@ class Checker {
     } else {
       Good(key, L"runs " + seconds + L" s after the event");
     }
-    if (code == kSuspend && kind.name == std::string_view("power") && *delay > 0) {
+    if (code == kSuspend && &kind == &kPowerForm && *delay > 0) {
       Hint(key, Shown(*value), L"no delay, or powerEventType 18 (resumed)",
            L"the machine sleeps before the delay is over, and the late delivery is dropped");
     }
@@ -386,7 +367,7 @@ class Checker {
     Take(level, L"arguments", Shape::Text, Need::Optional);
   }
 
-  void CheckMessage(Level& level, const SubscriptionKind& kind) {
+  void CheckMessage(Level& level, const SubscriptionForm& kind) {
     const WideValue* payload = Take(level, L"payload", Shape::Object, Need::Required);
     bool raises = false;
     if (payload != nullptr) {
@@ -527,22 +508,6 @@ class Checker {
 };
 
 }  // namespace
-
-const std::vector<SubscriptionKind>& SubscriptionKinds() {
-  static const auto& kinds = *new std::vector<SubscriptionKind>{
-      {{kPowerForm}, "power", 9, 19},
-      {{kZephraForm}, "platform", 14, 15},
-      {{kPackageForm}, "package", 7, 0},
-  };
-  return kinds;
-}
-
-const char* MeaningOfCode(const SubscriptionKind& kind, std::uint32_t code) {
-  for (const CodeMeaning& row : kCodes) {
-    if (std::string_view(row.kind) == kind.name && row.code == code) return row.meaning;
-  }
-  return nullptr;
-}
 
 bool SubscriptionCheck::Runs() const {
   return std::none_of(findings.begin(), findings.end(),

@@ -9,18 +9,8 @@
 
 namespace Vx::Host {
 
-// One kind of subscription and the commands that take it.
-struct SubscriptionKind : Tessel::Server::Services::Orvane::SubscriptionForm {
-  const char* name;
-  std::uint32_t subscribe;
-  std::uint32_t unsubscribe;  // 0: no command removes it
-};
-
-// Power, platform and package, in the order of a listing.
-const std::vector<SubscriptionKind>& SubscriptionKinds();
-
-// Returns what raises this code of a kind, or null when Windows and the module never do.
-const char* MeaningOfCode(const SubscriptionKind& kind, std::uint32_t code);
+using Tessel::Server::Services::Orvane::kSubscriptionForms;
+using Tessel::Server::Services::Orvane::SubscriptionForm;
 
 enum class Verdict {
   Good,   // as it has to be
