@@ -130,6 +130,10 @@ std::vector<std::wstring> OtherWriters(const Platform::AccessList& access, std::
   return writers;
 }
 
+std::string WhyWritable(const std::wstring& folder, Writers accepted) {
+  return WhyOpen(folder, kWriting, accepted);
+}
+
 std::string WhyUnguarded(const std::wstring& file, Writers accepted) {
   std::wstring path = file;
   std::uint32_t rights = kWriting;
@@ -169,13 +173,13 @@ std::vector<std::string> DataFolders::Prepare(Existing existing) const {
     }
     // The maker of the link chooses where it leads from now on.
     if (IsLink(path)) throw std::runtime_error(Utf8(path) + " is a link; find out who made it");
-    const std::string why = WhyOpen(path, kWriting, accepted);
+    const std::string why = WhyWritable(path, accepted);
     if (why.empty()) continue;
     if (existing == Existing::Report) {
       throw std::runtime_error(why + "; look at what it holds, then install with --repair");
     }
     Close(path, folder.access);
-    if (const std::string still = WhyOpen(path, kWriting, accepted); !still.empty()) {
+    if (const std::string still = WhyWritable(path, accepted); !still.empty()) {
       throw std::runtime_error(still + ", also after the repair");
     }
     repaired.push_back(why);

@@ -19,6 +19,10 @@ enum class Writers {
 std::vector<std::wstring> OtherWriters(const Platform::AccessList& access, std::uint32_t rights,
                                        Writers accepted);
 
+// Why a folder of the service is not safe: another account may write to it, or it cannot be
+// examined. Empty if it is safe.
+std::string WhyWritable(const std::wstring& folder, Writers accepted);
+
 // Why a program at the full path `file` is not safe to run as SYSTEM: another account may write to
 // it, to its folder or to a folder above it, or one of them cannot be examined. Empty if it is
 // safe.

@@ -1,5 +1,6 @@
 // Another process that uses the shared store.
 //
+//   store_worker FILE  holds the store's mutex, makes the file, and ends when it is gone
 //   store_worker NOTES PROCESS  increments members until the notes end the storm, or a key of its
 //                               own as process kOtherService
 //   store_worker KEY VALUE STEP  stores the value under the key, and ends itself before that step
@@ -190,7 +191,20 @@ class EndedWrite {
   }};
 };
 
+// Holds the mutex while the file exists that says so.
+void HoldWhile(const std::filesystem::path& file) {
+  const Vx::Platform::UniqueHandle mutex(CreateMutexW(nullptr, FALSE, CapDataStore::kMutexName));
+  WaitForSingleObject(mutex.get(), INFINITE);
+  std::ofstream(file).flush();
+  while (std::filesystem::exists(file)) Sleep(50);
+  ReleaseMutex(mutex.get());
+}
+
 int Run(const std::vector<std::wstring>& arguments) {
+  if (arguments.size() == 1) {
+    HoldWhile(arguments[0]);
+    return 0;
+  }
   if (arguments.size() == 2) {
     Storm(arguments[0], std::stoul(arguments[1]));
     return 0;

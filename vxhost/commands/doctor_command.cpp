@@ -1,13 +1,13 @@
 #include "vxhost/commands/doctor_command.h"
 
 #include <algorithm>
-#include <array>
 #include <cstdint>
 #include <filesystem>
 #include <fstream>
 #include <functional>
 #include <memory>
 #include <optional>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -15,6 +15,7 @@
 
 #include "bod/vx_bios_wmi.h"
 #include "companion/companion_apps.h"
+#include "hosting/store_hold.h"
 #include "hosting/text.h"
 #include "json/json_object.h"
 #include "json/json_text.h"
@@ -22,20 +23,19 @@
 #include "platform/clock.h"
 #include "platform/console_user.h"
 #include "platform/environment.h"
-#include "platform/files.h"
 #include "platform/machine.h"
 #include "platform/packages.h"
 #include "platform/processes.h"
 #include "platform/system_services.h"
-#include "platform/unique_handle.h"
 #include "platform/windows_runtime_error.h"
 #include "security/file_trust.h"
 #include "security/pinned_keys.h"
+#include "servicehost/guarded_folder.h"
 #include "servicehost/host_loop.h"
 #include "servicehost/service_log.h"
 #include "simulator/simulated_machine.h"
 #include "storage/cap_data_store.h"
-#include "storage/sealed_file.h"
+#include "vxhost/store/store_look.h"
 #include "vxhost/subscriptions/certificates.h"
 #include "vxhost/subscriptions/module_pins.h"
 
@@ -47,8 +47,12 @@ namespace {
 
 namespace Orvane = Tessel::Server::Services::Orvane;
 using Tessel::Server::Storage::CapDataStore;
-using Tessel::Server::Storage::SealedFile;
 using Tessel::Server::Storage::StoreState;
+
+struct Options {
+  std::string logFolder;
+  HoldLimits limits;
+};
 
 // Unusable: the module cannot work at all. Finding: one of its capabilities cannot.
 enum class Health { Good, Finding, Unusable };
@@ -72,8 +76,6 @@ Check Judge(const char* what, bool good, std::wstring found, const wchar_t* expe
   }
   return check;
 }
-
-constexpr DWORD kMutexLimit = 1000;  // milliseconds
 
 const Platform::Machine& Machine() {
   return Platform::CurrentMachine();
@@ -171,79 +173,38 @@ void Pins(const std::wstring& module, const std::optional<ModulePins>& pins,
                          L"signed it, or it was built with other keys"));
 }
 
-// Whether ordinary users may change what an entry protects.
-bool LetsUsersWrite(const Platform::AccessEntry& entry) {
-  static constexpr std::array kEveryone = {L"S-1-1-0", L"S-1-5-11", L"S-1-5-4", L"S-1-5-32-545"};
-  constexpr std::uint32_t kWriting = FILE_WRITE_DATA | FILE_APPEND_DATA | FILE_DELETE_CHILD |
-                                     DELETE | WRITE_DAC | WRITE_OWNER | GENERIC_WRITE | GENERIC_ALL;
-  return entry.allowed && (entry.mask & kWriting) != 0 &&
-         std::ranges::any_of(kEveryone, [&](const wchar_t* sid) { return entry.sid == sid; });
-}
-
 Check Folder(const std::wstring& folder) {
-  constexpr wchar_t kExpected[] = L"a folder of SYSTEM or the administrators that users only read";
-  const auto access = Machine().files->FolderAccess(folder);
-  if (!access) {
-    return Judge("folder", false, folder + L": " + Code(access.Error()), kExpected,
-                 L"create it at installation, so that no user can create it first");
-  }
-  const bool closed = std::ranges::none_of(access->entries, LetsUsersWrite);
-  return Judge("folder", closed,
-               folder + L", owner " + access->owner + (closed ? L"" : L", users may write to it"),
-               kExpected, L"take the right to write from Users and Everyone");
+  const std::string why = WhyWritable(folder, Writers::System);
+  return Judge("folder", why.empty(), why.empty() ? folder : Wide(why),
+               L"a folder of SYSTEM or the administrators that users only read",
+               L"create it at installation, so that no user can create it first: vxhost service "
+               L"install --repair");
 }
 
-Check Mutex() {
-  // Services share the global name, programs of a session that of the session.
-  for (const std::wstring& name : {std::wstring(L"Global\\") + CapDataStore::kMutexName,
-                                   std::wstring(CapDataStore::kMutexName)}) {
-    const Platform::UniqueHandle mutex(
-        OpenMutexW(SYNCHRONIZE | MUTEX_MODIFY_STATE, FALSE, name.c_str()));
-    if (mutex == nullptr && GetLastError() == ERROR_FILE_NOT_FOUND) continue;
-    if (mutex == nullptr) {
-      return Judge("store mutex", false, name + L": " + Code(GetLastError()),
-                   L"a mutex that this account may take", L"run as administrator");
-    }
-    const DWORD outcome = WaitForSingleObject(mutex.get(), kMutexLimit);
-    if (outcome == WAIT_OBJECT_0 || outcome == WAIT_ABANDONED) ReleaseMutex(mutex.get());
-    return Judge("store mutex", outcome == WAIT_OBJECT_0 || outcome == WAIT_ABANDONED,
-                 outcome == WAIT_TIMEOUT ? L"still taken after a second" : L"free",
-                 L"free within a second",
-                 L"find the program that keeps it: it stops every service");
+// Reads the store as "store verify" does, while no service can write it.
+void Store(const HoldLimits& limits, std::vector<Check>& checks) {
+  constexpr wchar_t kSound[] = L"a file that this machine can decrypt, and no other beside it";
+  std::optional<StoreHold> hold;
+  try {
+    hold.emplace(StoreUse::Write, limits);
+  } catch (const std::runtime_error& error) {
+    checks.push_back(Judge("store mutex", false, Wide(error.what()), L"free",
+                           L"run as administrator, or find the program that keeps it: it stops "
+                           L"every service"));
+    checks.push_back(
+        Judge("store", false, L"not read while its mutex is taken", kSound, L"as for the mutex"));
+    return;
   }
-  return {.what = "store mutex", .found = L"not in use"};
-}
-
-Check Store(const std::wstring& path) {
-  constexpr wchar_t kExpected[] = L"a file that this machine can decrypt";
-  const auto siblings = Machine().files->Siblings(path);
-  if (!siblings || !siblings->empty()) {
-    return Judge("store", false,
-                 siblings ? L"files beside it: a damaged copy or an interrupted write"
-                          : L"its folder cannot be listed: " + Code(siblings.Error()),
-                 L"the file alone", L"see docs/operations.md before you remove any");
-  }
-  // Without siblings this only reads.
-  const SealedFile::Reading reading = SealedFile(path).Read();
-  switch (reading.state) {
-    case StoreState::Missing:
-      return {.what = "store", .found = path + L" does not exist yet"};
-    case StoreState::Sound:
-      return {.what = "store", .found = path + L", readable"};
-    case StoreState::Damaged:
-      return Judge("store", false, L"damaged", kExpected, L"see docs/operations.md");
-    case StoreState::OtherMachine:
-      return Judge("store", false, L"sealed on another machine", kExpected, L"remove it");
-    case StoreState::Linked:
-      return Judge("store", false, L"a link, or a file with a second name", kExpected,
-                   L"find out who made it, then remove it");
-    case StoreState::TooLarge:
-      return Judge("store", false, L"beyond 64 MiB", kExpected, L"see docs/operations.md");
-    case StoreState::NotOpened:
-      break;
-  }
-  return Judge("store", false, path + L": " + Code(reading.error), kExpected,
-               L"run as administrator, or end the program that keeps the file");
+  checks.push_back({.what = "store mutex", .found = L"free"});
+  const StoreLook look = LookAtFile(CapDataStore::PathOfFile());
+  const StoreVerdict verdict = JudgeWithLists(look);
+  const bool good =
+      look.siblings.empty() && (verdict.IsSound() || look.reading.state == StoreState::Missing);
+  checks.push_back(
+      Judge("store", good,
+            look.path + L": " + Wide(verdict.text) +
+                (look.siblings.empty() ? L"" : L"; beside it " + look.siblings.front()),
+            kSound, L"run as administrator, or see \"Trouble\" in docs/operations.md"));
 }
 
 void ConsoleUser(std::vector<Check>& checks) {
@@ -362,7 +323,7 @@ Check Power(const std::string& folder) {
                L"at least one", L"let the machine sleep and wake while the service runs");
 }
 
-std::vector<Check> Examine(const std::wstring& module, const std::string& logFolder) {
+std::vector<Check> Examine(const std::wstring& module, const Options& options) {
   std::optional<ModulePins> pins;
   try {
     pins.emplace(module);
@@ -373,10 +334,8 @@ std::vector<Check> Examine(const std::wstring& module, const std::string& logFol
   checks.push_back(ModuleFile(module));
   checks.push_back(ModuleSignature(module));
   Pins(module, pins, checks);
-  const std::wstring data = Expanded(L"%ProgramData%\\Vx");
-  checks.push_back(Folder(data));
-  checks.push_back(Mutex());
-  checks.push_back(Store(data + L"\\SharedServices\\shared_store.dat"));
+  checks.push_back(Folder(Expanded(L"%ProgramData%\\Vx")));
+  Store(options.limits, checks);
   ConsoleUser(checks);
   checks.push_back(FirstRun());
   checks.push_back(Lockdown(pins ? pins->General() : Tessel::Security::KeySet()));
@@ -384,7 +343,7 @@ std::vector<Check> Examine(const std::wstring& module, const std::string& logFol
   checks.push_back(Firmware());
   checks.push_back(SessionPart());
   checks.push_back(Triggers());
-  checks.push_back(Power(logFolder));
+  checks.push_back(Power(options.logFolder));
   return checks;
 }
 
@@ -428,16 +387,16 @@ void PrintJson(const std::vector<Check>& checks, Console& console) {
   console.JsonResult(document);
 }
 
-int Doctor(const CommandLine& line, const std::string& logFolder, Console& console) {
-  const ModuleOptions& options = line.Module();
-  if (options.privateStore) throw std::runtime_error("doctor examines the store of the machine");
+int Doctor(const CommandLine& line, const Options& options, Console& console) {
+  const ModuleOptions& module = line.Module();
+  if (module.privateStore) throw std::runtime_error("doctor examines the store of the machine");
   std::optional<Simulator::SimulatedMachine> simulated;
   std::optional<Platform::MachineScope> scope;
-  if (options.simulate) {
+  if (module.simulate) {
     simulated.emplace();
     scope.emplace([&](Platform::Machine& machine) { simulated->Install(machine); });
   }
-  const auto checks = Examine(options.Path(), logFolder);
+  const auto checks = Examine(module.Path(), options);
   if (line.Json()) {
     PrintJson(checks, console);
   } else {
@@ -456,11 +415,13 @@ constexpr char kFooter[] =
 }  // namespace
 
 void AddDoctorCommand(CommandLine& line) {
-  const auto logFolder = std::make_shared<std::string>();
+  const auto options = std::make_shared<Options>();
   CLI::App& doctor =
       line.Add("doctor", "examine whether this machine has what the module needs", kFooter,
-               [&line, logFolder](Console& console) { return Doctor(line, *logFolder, console); });
-  doctor.add_option("--log", *logFolder, "the log folder of a service that runs on this machine");
+               [&line, options](Console& console) { return Doctor(line, *options, console); });
+  doctor.add_option("--log", options->logFolder,
+                    "the log folder of a service that runs on this machine");
+  CommandLine::AddTimeout(doctor, options->limits);
   line.UseModule(doctor);
   line.OfferJson(doctor);
 }

@@ -11,7 +11,6 @@
 #include "vxhost/store/store_content.h"
 #include "vxhost/store/store_look.h"
 #include "vxhost/store/store_repair.h"
-#include "vxhost/subscriptions/stored_subscriptions.h"
 
 #include <rapidjson/prettywriter.h>
 
@@ -58,23 +57,11 @@ int Export(const Options& options, Console& console) {
   return kDone;
 }
 
-// A list that the module could not read, in words; empty if there is none.
-std::string ListFault(const StoreLook& look) {
-  try {
-    SubscriptionsIn(DocumentOf(look));
-    return {};
-  } catch (const std::runtime_error& error) {
-    return error.what();
-  }
-}
-
 int Verify(const Options& options, Console& console) {
   const StoreLook look =
       options.file.empty() ? LookAtStore(options.limits) : LookAtFile(FullPathOfFile(options.file));
-  StoreVerdict verdict = Judge(look, options.file.empty() ? Owner::Trusted : Owner::Any);
-  if (verdict.IsSound()) {
-    if (const std::string fault = ListFault(look); !fault.empty()) verdict = {"list broken", fault};
-  }
+  const StoreVerdict verdict =
+      JudgeWithLists(look, options.file.empty() ? Owner::Trusted : Owner::Any);
   if (console.WritesJson()) {
     WideDocument result(rapidjson::kObjectType);
     auto& pool = result.GetAllocator();

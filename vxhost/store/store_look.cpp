@@ -10,6 +10,7 @@
 #include "platform/files.h"
 #include "platform/machine.h"
 #include "storage/cap_data_store.h"
+#include "vxhost/subscriptions/stored_subscriptions.h"
 
 namespace Vx::Host {
 
@@ -104,6 +105,17 @@ StoreVerdict Judge(const StoreLook& look, Owner owner) {
             "foreign: it belongs to neither SYSTEM, the administrators nor this account"};
   }
   return verdict;
+}
+
+StoreVerdict JudgeWithLists(const StoreLook& look, Owner owner) {
+  StoreVerdict verdict = Judge(look, owner);
+  if (!verdict.IsSound()) return verdict;
+  try {
+    SubscriptionsIn(DocumentOf(look));
+    return verdict;
+  } catch (const std::runtime_error& error) {
+    return {"list broken", error.what()};
+  }
 }
 
 BsonDocument DocumentOf(const StoreLook& look) {

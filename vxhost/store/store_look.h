@@ -32,6 +32,10 @@ struct StoreVerdict {
 enum class Owner { Trusted, Any };  // whose file it may be
 StoreVerdict Judge(const StoreLook& look, Owner owner = Owner::Trusted);
 
+// Same as Judge, but looks at the lists of subscriptions as well: "list broken" if the module could
+// not read one.
+StoreVerdict JudgeWithLists(const StoreLook& look, Owner owner = Owner::Trusted);
+
 // Looks at a copy of the store's file at `path`.
 StoreLook LookAtFile(const std::wstring& path);
 
