@@ -2,7 +2,6 @@
 
 #include "host/logging.h"
 #include "security/file_trust.h"
-#include "security/pinned_keys.h"
 
 namespace Vx::Tessel::Security {
 
@@ -24,14 +23,16 @@ bool Answer(const char* operation, const wchar_t* path, Check check) noexcept {
 
 }  // namespace
 
+bool IsTrustedBy(KeySet keys, const wchar_t* path, const char* operation) noexcept {
+  return Answer(operation, path, [&](const std::wstring& file) { return JudgeFile(file, keys); });
+}
+
 bool VxAuthenticodeFacade::IsFileTrusted(const wchar_t* path) {
-  return Answer("IsFileTrusted", path,
-                [](const std::wstring& file) { return JudgeFile(file, GeneralKeys()); });
+  return IsTrustedBy(GeneralKeys(), path, "IsFileTrusted");
 }
 
 bool VxAuthenticodeFacade::IsFileTrustedRestricted(const wchar_t* path) {
-  return Answer("IsFileTrustedRestricted", path,
-                [](const std::wstring& file) { return JudgeFile(file, RestrictedKeys()); });
+  return IsTrustedBy(RestrictedKeys(), path, "IsFileTrustedRestricted");
 }
 
 bool VxAuthenticodeFacade::IsDropboxFileTrusted(const wchar_t* path) {

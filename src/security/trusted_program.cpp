@@ -20,17 +20,18 @@ using Server::Logging::kComponentProvider;
 using Server::Logging::LogManager;
 
 constexpr wchar_t kRefusedText[] = L"TrustedProgram - [%s] is not opened, because it %s";
+constexpr char kOperation[] = "IsFileTrustedRestricted";
 
 // Returns what to start for `path`, judged while `lock` holds the file. Empty when that is not
 // trusted.
-std::optional<std::wstring> JudgeLocked(const std::wstring& path, Platform::RawHandle lock) {
-  VxAuthenticodeFacade facade;
-  if (!facade.IsFileTrustedRestricted(path.c_str())) return std::nullopt;
+std::optional<std::wstring> JudgeLocked(const std::wstring& path, Platform::RawHandle lock,
+                                        KeySet keys) {
+  if (!IsTrustedBy(keys, path.c_str(), kOperation)) return std::nullopt;
   auto place = Platform::CurrentMachine().files->FinalPathOf(lock);
   if (!place) return std::nullopt;
   // Exactly: where a folder distinguishes case, another spelling is another object.
   if (*place == path) return path;
-  if (!facade.IsFileTrustedRestricted(place->c_str())) return std::nullopt;
+  if (!IsTrustedBy(keys, place->c_str(), kOperation)) return std::nullopt;
   return *std::move(place);
 }
 
@@ -57,7 +58,7 @@ const wchar_t* TrustedProgram::WhyNotOpened(const std::wstring& path) {
   return nullptr;
 }
 
-std::unique_ptr<const TrustedProgram> TrustedProgram::Check(const std::wstring& path) {
+std::unique_ptr<const TrustedProgram> TrustedProgram::Check(const std::wstring& path, KeySet keys) {
   if (const wchar_t* reason = WhyNotOpened(path)) {
     LogManager::SetProvider(kComponentProvider)->LogWarning(kRefusedText, path.c_str(), reason);
     return nullptr;
@@ -67,11 +68,11 @@ std::unique_ptr<const TrustedProgram> TrustedProgram::Check(const std::wstring& 
   if (!helper.MayBeAllowed(path)) return nullptr;
   Platform::UniqueHandle lock = helper.AquireFileReadOnlyLock(path);
   if (lock == nullptr) {
-    if (!VxAuthenticodeFacade().IsFileTrustedRestricted(path.c_str())) return nullptr;
+    if (!IsTrustedBy(keys, path.c_str(), kOperation)) return nullptr;
     lock = helper.AquireFileReadOnlyLock(path);
     if (lock == nullptr) return nullptr;
   }
-  auto judged = JudgeLocked(path, lock.get());
+  auto judged = JudgeLocked(path, lock.get(), keys);
   if (!judged) return nullptr;
   return std::unique_ptr<const TrustedProgram>(
       new TrustedProgram(*std::move(judged), std::move(lock)));

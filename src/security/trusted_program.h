@@ -4,6 +4,7 @@
 #include <string>
 
 #include "platform/unique_handle.h"
+#include "security/pinned_keys.h"
 
 namespace Vx::Tessel::Security {
 
@@ -12,15 +13,16 @@ namespace Vx::Tessel::Security {
 // replaced before the program is started.
 class TrustedProgram {
  public:
-  // Locks `path` and judges it against the restricted keys. Returns null when the program cannot be
-  // locked or is not trusted. Logs each step but not the refusal. Blocks for as long as
+  // Locks `path` and judges it against `keys`. Returns null when the program cannot be locked or is
+  // not trusted. Logs each step but not the refusal. Blocks for as long as
   // VxAuthenticodeFacade, which includes network look-ups of Windows. Opens only a file whose text
   // WhyNotOpened and the path rule accept.
   //
   // A lock that is refused does not end the check. If the program is then found trusted, the lock
   // is tried once more and the program is judged again under it, because the process that kept the
   // first lock from being taken could have changed the file since.
-  static std::unique_ptr<const TrustedProgram> Check(const std::wstring& path);
+  static std::unique_ptr<const TrustedProgram> Check(const std::wstring& path,
+                                                     KeySet keys = RestrictedKeys());
 
   // Returns why no program of this text is opened, as the end of "because it ...". Null when it is
   // a full path on a drive of this machine, without variables. Opens nothing; any thread.

@@ -61,7 +61,8 @@ class ExplanationTest : public Tests::StoreTest {
   }
 
   static std::vector<Explanation> ExplainNow(const Occasion& occasion) {
-    return Explain(SubscriptionsIn(DocumentOf(LookAtStore())), occasion);
+    return Explain(SubscriptionsIn(DocumentOf(LookAtStore())), occasion,
+                   Tessel::Security::RestrictedKeys());
   }
 
   // All that an explanation could have changed.

@@ -16,7 +16,8 @@ namespace {
 // What becomes of a tool that is `program`.
 std::string Fate(const std::wstring& program) {
   try {
-    RefusePinnedSignature(program);
+    RefusePinnedSignature(program, Tessel::Security::GeneralKeys(),
+                          Tessel::Security::RestrictedKeys());
     return "runs";
   } catch (const std::runtime_error& error) {
     const std::string why = error.what();

@@ -9,9 +9,9 @@
 
 #include "hosting/text.h"
 #include "json/json_text.h"
-#include "vxhost/play/played_keys.h"
 #include "vxhost/store/store_look.h"
 #include "vxhost/subscriptions/explanation.h"
+#include "vxhost/subscriptions/module_pins.h"
 
 namespace Vx::Host {
 
@@ -122,13 +122,13 @@ int RunExplain(const ModuleOptions& module, const Options& options, Console& con
   }
   const Occasion occasion = OccasionOf(options);
   const auto subscriptions = SubscriptionsIn(DocumentOf(LookAtStore(options.limits)));
-  const KeysOfModule keys(module.Path());
+  const ModulePins pins(module.Path());
   if (occasion.kind != nullptr && occasion.kind->family == nullptr &&
       MeaningOf(occasion.kind->codes, occasion.code) == nullptr) {
     console.Note(std::string(occasion.kind->name) + " event " + std::to_string(occasion.code) +
                  " never occurs");
   }
-  for (const Explanation& one : Explain(subscriptions, occasion)) {
+  for (const Explanation& one : Explain(subscriptions, occasion, pins.Restricted())) {
     if (console.WritesJson()) {
       console.JsonResult(AsJson(one));
     } else {

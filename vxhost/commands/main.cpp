@@ -21,6 +21,7 @@
 #include "vxhost/commands/validate_command.h"
 #include "vxhost/commands/watch_command.h"
 #include "vxhost/common/console.h"
+#include "vxhost/play/played_keys.h"
 #include "vxhost/subscriptions/own_signature.h"
 
 namespace {
@@ -42,7 +43,8 @@ std::vector<std::string> Arguments() {
 int main() {
   const TerminalScope terminal;
   try {
-    RefusePinnedSignature(OwnPath());
+    RefusePinnedSignature(OwnPath(), Vx::Tessel::Security::BuiltGeneralKeys(),
+                          Vx::Tessel::Security::BuiltRestrictedKeys());
     CommandLine line;
     // The order of the help.
     AddModuleCommands(line);

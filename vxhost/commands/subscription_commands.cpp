@@ -21,6 +21,7 @@
 #include "vxhost/play/theatre.h"
 #include "vxhost/store/store_look.h"
 #include "vxhost/subscriptions/explanation.h"
+#include "vxhost/subscriptions/module_pins.h"
 
 namespace Vx::Host {
 
@@ -73,12 +74,12 @@ int List(const ModuleOptions& module, const HoldLimits& limits, Console& console
     throw std::runtime_error("the list is that of the machine's store, or of --store");
   }
   const auto subscriptions = Stored(limits);
-  const KeysOfModule keys(module.Path());
+  const ModulePins pins(module.Path());
   if (!console.WritesJson()) {
     console.Line("  NO  HASH      EVENT         DELAY  ACTION");
     if (subscriptions.empty()) console.Line("(none is stored)");
   }
-  for (const Explanation& one : Explain(subscriptions, {})) {
+  for (const Explanation& one : Explain(subscriptions, {}, pins.Restricted())) {
     if (console.WritesJson()) {
       console.JsonResult(AsJson(one));
       continue;
@@ -212,7 +213,7 @@ int Add(const ModuleOptions& module, const AddOptions& options, Console& console
   Composer composer(options);
   const std::wstring text = composer.Text();
   const SubscriptionCheck check =
-      CheckSubscription(text, module.simulate ? Tessel::Security::RestrictedKeys()
+      CheckSubscription(text, module.simulate ? Tessel::Security::BuiltRestrictedKeys()
                                               : ModulePins(module.Path()).Restricted());
   for (const Finding& finding : check.findings) {
     if (finding.verdict == Verdict::Never) {

@@ -10,6 +10,7 @@
 #include "json/json_text.h"
 #include "platform/machine.h"
 #include "simulator/simulated_machine.h"
+#include "vxhost/play/played_keys.h"
 #include "vxhost/subscriptions/module_pins.h"
 #include "vxhost/subscriptions/subscription_check.h"
 
@@ -94,7 +95,7 @@ int Validate(const ModuleOptions& module, const std::vector<std::string>& reques
   } else {
     pins.emplace(module.Path());
   }
-  const auto keys = pins ? pins->Restricted() : Tessel::Security::RestrictedKeys();
+  const auto keys = pins ? pins->Restricted() : Tessel::Security::BuiltRestrictedKeys();
   int code = kDone;
   for (const std::string& request : requests) {
     const Outcome outcome{request, CheckSubscription(TextOrFile(request), keys)};

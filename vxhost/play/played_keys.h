@@ -1,35 +1,12 @@
 #pragma once
 
-#include <string>
+#include "security/pinned_keys.h"
 
-#include "vxhost/subscriptions/module_pins.h"
+namespace Vx::Tessel::Security {
 
-namespace Vx::Host {
+// The keys that this build trusts. In this program GeneralKeys and RestrictedKeys also hold the key
+// that counts as pinned on a simulated machine. No real signature has that key. All are constants.
+KeySet BuiltGeneralKeys() noexcept;
+KeySet BuiltRestrictedKeys() noexcept;
 
-// While such an object lives, the module that is linked into this program also pins the key of
-// simulated signatures. This program's other uses of pinned keys see those of the build alone. One
-// object at a time, made and destroyed while no trust check runs.
-class PlayedKeys {
- public:
-  PlayedKeys();
-  PlayedKeys(const PlayedKeys&) = delete;
-  PlayedKeys& operator=(const PlayedKeys&) = delete;
-  ~PlayedKeys();
-};
-
-// While such an object lives, the rules that are linked into this program trust exactly the keys of
-// `module`. One object at a time, none beside PlayedKeys, made and destroyed while no trust check
-// runs.
-class KeysOfModule {
- public:
-  // Throws as ModulePins does.
-  explicit KeysOfModule(const std::wstring& module);
-  KeysOfModule(const KeysOfModule&) = delete;
-  KeysOfModule& operator=(const KeysOfModule&) = delete;
-  ~KeysOfModule();
-
- private:
-  ModulePins pins;
-};
-
-}  // namespace Vx::Host
+}  // namespace Vx::Tessel::Security

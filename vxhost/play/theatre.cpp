@@ -16,7 +16,6 @@
 #include "platform/machine.h"
 #include "service/orvane_service.h"
 #include "simulator/simulated_machine.h"
-#include "vxhost/play/played_keys.h"
 
 namespace Vx::Host {
 
@@ -209,7 +208,6 @@ class SimulatedTheatre final : public Theatre {
   }
 
   PrivateStore store;
-  PlayedKeys keys;
   Simulator::SimulatedMachine machine;
   PlayRecord recorder{[this] { return machine.clock.Moment(); }};
   Platform::MachineScope scope;

@@ -37,7 +37,9 @@ std::wstring TextOf(const Finding& finding) {
 // Explains one subscription.
 class Explainer {
  public:
-  Explainer(const StoredSubscription& stored, const Occasion& asked) : occasion(asked) {
+  Explainer(const StoredSubscription& stored, const Occasion& asked,
+            Tessel::Security::KeySet restricted)
+      : occasion(asked), keys(restricted) {
     result.subscription = stored;
   }
 
@@ -140,7 +142,7 @@ class Explainer {
 
   void JudgeLaunch(const LaunchCommand& launch) {
     // The module's check has the last word, and the findings give its reasons.
-    const bool trusted = Tessel::Security::TrustedProgram::Check(launch.Path()) != nullptr;
+    const bool trusted = Tessel::Security::TrustedProgram::Check(launch.Path(), keys) != nullptr;
     TakeFaults(Fate::Refused, trusted ? kPathKey : std::wstring_view());
     if (!trusted && result.reasons.empty()) {
       Because(Fate::Refused, L"the file cannot be locked against writing, or is not trusted");
@@ -156,7 +158,7 @@ class Explainer {
   // Lists the faults of the subscription, except for those of the delay, which was judged, and of
   // the member `passed`.
   void TakeFaults(Fate fate, std::wstring_view passed) {
-    const auto check = CheckSubscription(Text(), Tessel::Security::RestrictedKeys());
+    const auto check = CheckSubscription(Text(), keys);
     for (const Finding& finding : check.findings) {
       if (finding.verdict != Verdict::Never || finding.key.ends_with(kDelayKey)) continue;
       if (!passed.empty() && finding.key.ends_with(passed)) continue;
@@ -165,16 +167,19 @@ class Explainer {
   }
 
   const Occasion& occasion;
+  const Tessel::Security::KeySet keys;
   Explanation result;
 };
 
 }  // namespace
 
 std::vector<Explanation> Explain(const std::vector<StoredSubscription>& subscriptions,
-                                 const Occasion& occasion) {
+                                 const Occasion& occasion, Tessel::Security::KeySet keys) {
   std::vector<Explanation> all;
   all.reserve(subscriptions.size());
-  for (const StoredSubscription& one : subscriptions) all.push_back(Explainer(one, occasion).Run());
+  for (const StoredSubscription& one : subscriptions) {
+    all.push_back(Explainer(one, occasion, keys).Run());
+  }
   return all;
 }
 

@@ -35,11 +35,12 @@ struct Explanation {
   std::vector<std::wstring> reasons;  // for a fate other than Runs
 };
 
-// Asks the module's own readers and rules, with its pinned keys, about each subscription in order.
+// Asks the module's own readers and rules about each subscription in order, with `keys` as its
+// restricted ones.
 // Opens programs for reading. Starts, stores and sends nothing. Blocks for as long as the trust
 // checks.
 std::vector<Explanation> Explain(const std::vector<StoredSubscription>& subscriptions,
-                                 const Occasion& occasion);
+                                 const Occasion& occasion, Tessel::Security::KeySet keys);
 
 // Returns the beginning of a result in JSON: the members that name the subscription and its event.
 Json::WideDocument RowOf(const Explanation& one);

@@ -5,7 +5,6 @@
 
 #include "hosting/text.h"
 #include "security/authenticode_helper.h"
-#include "security/pinned_keys.h"
 
 namespace Vx::Host {
 
@@ -19,9 +18,7 @@ constexpr char kPinned[] =
 
 }  // namespace
 
-void RefusePinnedSignature(const std::wstring& program) {
-  const KeySet general = GeneralKeys();
-  const KeySet restricted = RestrictedKeys();
+void RefusePinnedSignature(const std::wstring& program, KeySet general, KeySet restricted) {
   if (general.empty() && restricted.empty()) return;
   const VxAuthenticodeHelper helper;
   const auto lock = helper.AquireFileReadOnlyLock(program);
