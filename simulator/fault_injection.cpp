@@ -85,27 +85,37 @@ class Decorator : public Capability {
   FaultInjection& faults;
 };
 
+// The same for what a capability returns.
+template <typename Capability>
+class OwningDecorator : public Decorator<Capability> {
+ public:
+  OwningDecorator(std::shared_ptr<Capability> behind, FaultInjection& decider)
+      : Decorator<Capability>(*behind, decider), owner(std::move(behind)) {}
+
+ private:
+  std::shared_ptr<Capability> owner;
+};
+
+// An operation that is passed on, or refused in the way of its result.
+#define REFUSABLE(Interface, Answer, Name, Parameters, Arguments, Qualifier) \
+  Answer Name Parameters Qualifier override {                                \
+    return Or(#Interface "." #Name, [&] { return inner.Name Arguments; });   \
+  }
+
 class FaultyApiSets final : public Decorator<Platform::ApiSets> {
  public:
   using Decorator::Decorator;
-  bool IsPresent(const std::wstring& name) const override {
-    return Or("ApiSets.IsPresent", [&] { return inner.IsPresent(name); });
-  }
+  REFUSABLE(ApiSets, bool, IsPresent, (const std::wstring& name), (name), const)
 };
 
-class FaultyAppService final : public Platform::AppService {
+class FaultyAppService final : public OwningDecorator<Platform::AppService> {
  public:
-  FaultyAppService(std::unique_ptr<AppService> behind, FaultInjection& decider)
-      : inner(std::move(behind)), faults(decider) {}
+  using OwningDecorator::OwningDecorator;
   std::pair<int, std::wstring> Send(const std::wstring& text) override {
     if (faults.Fails("AppService.Send")) return {kNotSent, {}};
-    return inner->Send(text);
+    return inner.Send(text);
   }
-  void SystemRestarted() override { inner->SystemRestarted(); }
-
- private:
-  std::unique_ptr<AppService> inner;
-  FaultInjection& faults;
+  void SystemRestarted() override { inner.SystemRestarted(); }
 };
 
 class FaultyAppServices final : public Decorator<Platform::AppServices> {
@@ -132,12 +142,8 @@ class FaultyClock final : public Decorator<Platform::Clock> {
     if (faults.Fails("Clock.Wait")) return Fail(length);
     return inner.WaitForEither(first, second, length);
   }
-  Result<UniqueHandle> MakeTimer() override {
-    return Or("Clock.MakeTimer", [&] { return inner.MakeTimer(); });
-  }
-  ErrorCode SetTimer(RawHandle timer, Duration due) override {
-    return Or("Clock.SetTimer", [&] { return inner.SetTimer(timer, due); });
-  }
+  REFUSABLE(Clock, Result<UniqueHandle>, MakeTimer, (), (), )
+  REFUSABLE(Clock, ErrorCode, SetTimer, (RawHandle timer, Duration due), (timer, due), )
   void WorkerStarting() override { inner.WorkerStarting(); }
   void WorkerStarted() override { inner.WorkerStarted(); }
   void WorkerNotStarted() override { inner.WorkerNotStarted(); }
@@ -154,158 +160,91 @@ class FaultyClock final : public Decorator<Platform::Clock> {
 class FaultyCom final : public Decorator<Platform::Com> {
  public:
   using Decorator::Decorator;
-  std::int32_t InitializeMultithreaded() override {
-    return Or("Com.InitializeMultithreaded", [&] { return inner.InitializeMultithreaded(); });
-  }
+  REFUSABLE(Com, std::int32_t, InitializeMultithreaded, (), (), )
   void Uninitialize() override { inner.Uninitialize(); }
-  std::int32_t InitializeSecurity(Platform::Cloaking cloaking) override {
-    return Or("Com.InitializeSecurity", [&] { return inner.InitializeSecurity(cloaking); });
-  }
-  std::int32_t CreateWbemLocator(IWbemLocator** locator) override {
-    return Or("Com.CreateWbemLocator", [&] { return inner.CreateWbemLocator(locator); });
-  }
-  std::int32_t SetProxyBlanket(IUnknown* proxy) override {
-    return Or("Com.SetProxyBlanket", [&] { return inner.SetProxyBlanket(proxy); });
-  }
+  REFUSABLE(Com, std::int32_t, InitializeSecurity, (Platform::Cloaking cloaking), (cloaking), )
+  REFUSABLE(Com, std::int32_t, CreateWbemLocator, (IWbemLocator * *locator), (locator), )
+  REFUSABLE(Com, std::int32_t, SetProxyBlanket, (IUnknown * proxy), (proxy), )
   wchar_t* MakeText(const wchar_t* text) override {
     return Or("Com.MakeText", [&] { return inner.MakeText(text); });
   }
   tagSAFEARRAY* MakeByteArray(std::uint32_t count) override {
     return Or("Com.MakeByteArray", [&] { return inner.MakeByteArray(count); });
   }
-  std::int32_t PutByte(tagSAFEARRAY* bytes, std::int32_t index, std::uint8_t value) override {
-    return Or("Com.PutByte", [&] { return inner.PutByte(bytes, index, value); });
-  }
+  REFUSABLE(Com, std::int32_t, PutByte,
+            (tagSAFEARRAY * bytes, std::int32_t index, std::uint8_t value), (bytes, index, value), )
 };
 
 class FaultyDataProtection final : public Decorator<Platform::DataProtection> {
  public:
   using Decorator::Decorator;
-  Result<Bytes> Protect(std::span<const std::byte> plain,
-                        const std::wstring& description) const override {
-    return Or("DataProtection.Protect", [&] { return inner.Protect(plain, description); });
-  }
-  Result<Bytes> Unprotect(std::span<const std::byte> sealed) const override {
-    return Or("DataProtection.Unprotect", [&] { return inner.Unprotect(sealed); });
-  }
+  REFUSABLE(DataProtection, Result<Bytes>, Protect,
+            (std::span<const std::byte> plain, const std::wstring& description),
+            (plain, description), const)
+  REFUSABLE(DataProtection, Result<Bytes>, Unprotect, (std::span<const std::byte> sealed), (sealed),
+            const)
 };
 
 class FaultyEnvironment final : public Decorator<Platform::Environment> {
  public:
   using Decorator::Decorator;
-  Result<std::wstring> Expand(const std::wstring& text, std::size_t maxChars) const override {
-    return Or("Environment.Expand", [&] { return inner.Expand(text, maxChars); });
-  }
-  Result<std::wstring> ExpandForUser(RawHandle token, const std::wstring& text,
-                                     std::size_t maxChars) const override {
-    return Or("Environment.ExpandForUser",
-              [&] { return inner.ExpandForUser(token, text, maxChars); });
-  }
-  Result<std::vector<wchar_t>> Block(RawHandle token) const override {
-    return Or("Environment.Block", [&] { return inner.Block(token); });
-  }
+  REFUSABLE(Environment, Result<std::wstring>, Expand,
+            (const std::wstring& text, std::size_t maxChars), (text, maxChars), const)
+  REFUSABLE(Environment, Result<std::wstring>, ExpandForUser,
+            (RawHandle token, const std::wstring& text, std::size_t maxChars),
+            (token, text, maxChars), const)
+  REFUSABLE(Environment, Result<std::vector<wchar_t>>, Block, (RawHandle token), (token), const)
 };
 
-class FaultyFileHandle final : public Platform::FileHandle {
-  template <typename Call>
-  auto Or(const char* name, Call&& call) const {
-    using Answer = decltype(call());
-    return faults.Fails(name) ? Refusal<Answer>::Make() : call();
-  }
-
+class FaultyFileHandle final : public OwningDecorator<Platform::FileHandle> {
  public:
-  FaultyFileHandle(std::unique_ptr<FileHandle> behind, FaultInjection& decider)
-      : inner(std::move(behind)), faults(decider) {}
-
-  Result<Platform::FileFacts> Facts() const override {
-    return Or("FileHandle.Facts", [&] { return inner->Facts(); });
-  }
-  Result<bool> BelongsToSystem() const override {
-    return Or("FileHandle.BelongsToSystem", [&] { return inner->BelongsToSystem(); });
-  }
-  Result<Bytes> Content(std::size_t maxBytes) const override {
-    return Or("FileHandle.Content", [&] { return inner->Content(maxBytes); });
-  }
+  using OwningDecorator::OwningDecorator;
+  REFUSABLE(FileHandle, Result<Platform::FileFacts>, Facts, (), (), const)
+  REFUSABLE(FileHandle, Result<bool>, BelongsToSystem, (), (), const)
+  REFUSABLE(FileHandle, Result<Bytes>, Content, (std::size_t maxBytes), (maxBytes), const)
   // A refused write has written half, as on a full disk.
   ErrorCode Write(std::span<const std::byte> content) override {
-    if (!faults.Fails("FileHandle.Write")) return inner->Write(content);
-    inner->Write(content.first(content.size() / 2));
+    if (!faults.Fails("FileHandle.Write")) return inner.Write(content);
+    inner.Write(content.first(content.size() / 2));
     return kDenied;
   }
-  ErrorCode SetSize(std::uint64_t size) override {
-    return Or("FileHandle.SetSize", [&] { return inner->SetSize(size); });
-  }
-  ErrorCode Flush() override {
-    return Or("FileHandle.Flush", [&] { return inner->Flush(); });
-  }
-  ErrorCode MoveOver(const std::wstring& path) override {
-    return Or("FileHandle.MoveOver", [&] { return inner->MoveOver(path); });
-  }
-  ErrorCode Remove() override {
-    return Or("FileHandle.Remove", [&] { return inner->Remove(); });
-  }
-
- private:
-  std::unique_ptr<FileHandle> inner;
-  FaultInjection& faults;
+  REFUSABLE(FileHandle, ErrorCode, SetSize, (std::uint64_t size), (size), )
+  REFUSABLE(FileHandle, ErrorCode, Flush, (), (), )
+  REFUSABLE(FileHandle, ErrorCode, MoveOver, (const std::wstring& path), (path), )
+  REFUSABLE(FileHandle, ErrorCode, Remove, (), (), )
 };
 
 class FaultyFiles final : public Decorator<Platform::Files> {
  public:
   using Decorator::Decorator;
-  Result<std::uint32_t> Attributes(const std::wstring& path) const override {
-    return Or("Files.Attributes", [&] { return inner.Attributes(path); });
-  }
-  bool ExistsByExactName(const std::wstring& path) const override {
-    return Or("Files.ExistsByExactName", [&] { return inner.ExistsByExactName(path); });
-  }
-  ErrorCode MakeFolder(const std::wstring& path) override {
-    return Or("Files.MakeFolder", [&] { return inner.MakeFolder(path); });
-  }
-  ErrorCode Touch(const std::wstring& path) override {
-    return Or("Files.Touch", [&] { return inner.Touch(path); });
-  }
-  Result<Bytes> Read(const std::wstring& path, std::size_t maxBytes) const override {
-    return Or("Files.Read", [&] { return inner.Read(path, maxBytes); });
-  }
-  ErrorCode Overwrite(const std::wstring& path, std::span<const std::byte> content) override {
-    return Or("Files.Overwrite", [&] { return inner.Overwrite(path, content); });
-  }
-  ErrorCode MoveOver(const std::wstring& from, const std::wstring& to) override {
-    return Or("Files.MoveOver", [&] { return inner.MoveOver(from, to); });
-  }
-  ErrorCode Remove(const std::wstring& path) override {
-    return Or("Files.Remove", [&] { return inner.Remove(path); });
-  }
-  Result<UniqueHandle> OpenReadLocked(const std::wstring& path) const override {
-    return Or("Files.OpenReadLocked", [&] { return inner.OpenReadLocked(path); });
-  }
-  Result<Bytes> Sha256(const std::wstring& path) const override {
-    return Or("Files.Sha256", [&] { return inner.Sha256(path); });
-  }
-  Result<std::wstring> FullPath(const std::wstring& path) const override {
-    return Or("Files.FullPath", [&] { return inner.FullPath(path); });
-  }
-  Result<std::wstring> FinalPath(const std::wstring& path) const override {
-    return Or("Files.FinalPath", [&] { return inner.FinalPath(path); });
-  }
-  Result<std::wstring> FinalPathOf(Platform::RawHandle file) const override {
-    return Or("Files.FinalPathOf", [&] { return inner.FinalPathOf(file); });
-  }
+  REFUSABLE(Files, Result<std::uint32_t>, Attributes, (const std::wstring& path), (path), const)
+  REFUSABLE(Files, bool, ExistsByExactName, (const std::wstring& path), (path), const)
+  REFUSABLE(Files, ErrorCode, MakeFolder, (const std::wstring& path), (path), )
+  REFUSABLE(Files, ErrorCode, Touch, (const std::wstring& path), (path), )
+  REFUSABLE(Files, Result<Bytes>, Read, (const std::wstring& path, std::size_t maxBytes),
+            (path, maxBytes), const)
+  REFUSABLE(Files, ErrorCode, Overwrite,
+            (const std::wstring& path, std::span<const std::byte> content), (path, content), )
+  REFUSABLE(Files, ErrorCode, MoveOver, (const std::wstring& from, const std::wstring& to),
+            (from, to), )
+  REFUSABLE(Files, ErrorCode, Remove, (const std::wstring& path), (path), )
+  REFUSABLE(Files, Result<UniqueHandle>, OpenReadLocked, (const std::wstring& path), (path), const)
+  REFUSABLE(Files, Result<Bytes>, Sha256, (const std::wstring& path), (path), const)
+  REFUSABLE(Files, Result<std::wstring>, FullPath, (const std::wstring& path), (path), const)
+  REFUSABLE(Files, Result<std::wstring>, FinalPath, (const std::wstring& path), (path), const)
+  REFUSABLE(Files, Result<std::wstring>, FinalPathOf, (Platform::RawHandle file), (file), const)
   bool IsElsewhere(const std::wstring& path) const override { return inner.IsElsewhere(path); }
 
-  Result<Platform::AccessList> FolderAccess(const std::wstring& folder) const override {
-    return Or("Files.FolderAccess", [&] { return inner.FolderAccess(folder); });
-  }
+  REFUSABLE(Files, Result<Platform::AccessList>, FolderAccess, (const std::wstring& folder),
+            (folder), const)
   Opened Open(const std::wstring& path, Platform::FileUse use) override {
     return Wrapped(Or("Files.Open", [&] { return inner.Open(path, use); }));
   }
   Opened Create(const std::wstring& path, const std::wstring& accessLike) override {
     return Wrapped(Or("Files.Create", [&] { return inner.Create(path, accessLike); }));
   }
-  Result<std::vector<std::wstring>> Siblings(const std::wstring& path) const override {
-    return Or("Files.Siblings", [&] { return inner.Siblings(path); });
-  }
+  REFUSABLE(Files, Result<std::vector<std::wstring>>, Siblings, (const std::wstring& path), (path),
+            const)
 
  private:
   Opened Wrapped(Opened opened) {
@@ -319,34 +258,22 @@ class FaultyFiles final : public Decorator<Platform::Files> {
 class FaultyKernelObjects final : public Decorator<Platform::KernelObjects> {
  public:
   using Decorator::Decorator;
-  Result<UniqueHandle> MakeMutex(const std::wstring& name) override {
-    return Or("KernelObjects.MakeMutex", [&] { return inner.MakeMutex(name); });
-  }
-  Result<Locked> LockMutex(RawHandle mutex) override {
-    return Or("KernelObjects.LockMutex", [&] { return inner.LockMutex(mutex); });
-  }
+  REFUSABLE(KernelObjects, Result<UniqueHandle>, MakeMutex, (const std::wstring& name), (name), )
+  REFUSABLE(KernelObjects, Result<Locked>, LockMutex, (RawHandle mutex), (mutex), )
   // A refused unlock is one that has happened: a mutex that stays locked would stop the walk.
   ErrorCode UnlockMutex(RawHandle mutex) override {
     const ErrorCode error = inner.UnlockMutex(mutex);
     return Or("KernelObjects.UnlockMutex", [&] { return error; });
   }
-  Result<UniqueHandle> MakeManualEvent(const std::wstring& name) override {
-    return Or("KernelObjects.MakeManualEvent", [&] { return inner.MakeManualEvent(name); });
-  }
+  REFUSABLE(KernelObjects, Result<UniqueHandle>, MakeManualEvent, (const std::wstring& name),
+            (name), )
   ErrorCode Signal(RawHandle event) override { return inner.Signal(event); }
 };
 
-class FaultyLockdownLibrary final : public Platform::LockdownLibrary {
+class FaultyLockdownLibrary final : public OwningDecorator<Platform::LockdownLibrary> {
  public:
-  FaultyLockdownLibrary(std::unique_ptr<LockdownLibrary> behind, FaultInjection& decider)
-      : inner(std::move(behind)), faults(decider) {}
-  std::int32_t QueryMode(std::int32_t& mode) const override {
-    return faults.Fails("LockdownLibrary.QueryMode") ? kDeniedResult : inner->QueryMode(mode);
-  }
-
- private:
-  std::unique_ptr<LockdownLibrary> inner;
-  FaultInjection& faults;
+  using OwningDecorator::OwningDecorator;
+  REFUSABLE(LockdownLibrary, std::int32_t, QueryMode, (std::int32_t & mode), (mode), const)
 };
 
 class FaultyLockdownLibraries final : public Decorator<Platform::LockdownLibraries> {
@@ -364,9 +291,7 @@ class FaultyLockdownLibraries final : public Decorator<Platform::LockdownLibrari
 class FaultyOobe final : public Decorator<Platform::Oobe> {
  public:
   using Decorator::Decorator;
-  State Query() const override {
-    return Or("Oobe.Query", [&] { return inner.Query(); });
-  }
+  REFUSABLE(Oobe, State, Query, (), (), const)
 };
 
 class FaultyPackageUninstall final : public Platform::PackageUninstall {
@@ -387,22 +312,17 @@ class FaultyPackageUninstall final : public Platform::PackageUninstall {
   FaultInjection& faults;
 };
 
-class FaultyPackageCatalog final : public Platform::PackageCatalog {
+class FaultyPackageCatalog final : public OwningDecorator<Platform::PackageCatalog> {
  public:
-  FaultyPackageCatalog(std::shared_ptr<PackageCatalog> behind, FaultInjection& decider)
-      : inner(std::move(behind)), faults(decider) {}
+  using OwningDecorator::OwningDecorator;
   Token AddUninstalling(UninstallingHandler handler) override {
     if (faults.Fails("PackageCatalog.AddUninstalling")) Throw();
-    return inner->AddUninstalling([&decider = faults, notify = std::move(handler)](
-                                      const Platform::PackageUninstall& uninstall) {
+    return inner.AddUninstalling([&decider = faults, notify = std::move(handler)](
+                                     const Platform::PackageUninstall& uninstall) {
       notify(FaultyPackageUninstall(uninstall, decider));
     });
   }
-  void RemoveUninstalling(Token token) noexcept override { inner->RemoveUninstalling(token); }
-
- private:
-  std::shared_ptr<PackageCatalog> inner;
-  FaultInjection& faults;
+  void RemoveUninstalling(Token token) noexcept override { inner.RemoveUninstalling(token); }
 };
 
 class FaultyPackages final : public Decorator<Platform::Packages> {
@@ -422,18 +342,15 @@ class FaultyPackages final : public Decorator<Platform::Packages> {
     if (faults.Fails("Packages.PathByFullName")) return {kDenied, 0, {}};
     return inner.PathByFullName(fullName);
   }
-  Result<std::int32_t> StagedOrigin(const std::wstring& fullName) const override {
-    return Or("Packages.StagedOrigin", [&] { return inner.StagedOrigin(fullName); });
-  }
-  Result<std::uint64_t> Version(const std::wstring& fullName) const override {
-    return Or("Packages.Version", [&] { return inner.Version(fullName); });
-  }
+  REFUSABLE(Packages, Result<std::int32_t>, StagedOrigin, (const std::wstring& fullName),
+            (fullName), const)
+  REFUSABLE(Packages, Result<std::uint64_t>, Version, (const std::wstring& fullName), (fullName),
+            const)
   std::vector<std::wstring> FindForAllUsers(const std::wstring& familyName) const override {
     return OrThrow("Packages.FindForAllUsers", [&] { return inner.FindForAllUsers(familyName); });
   }
-  Result<std::wstring> AccountSid(const std::wstring& account) const override {
-    return Or("Packages.AccountSid", [&] { return inner.AccountSid(account); });
-  }
+  REFUSABLE(Packages, Result<std::wstring>, AccountSid, (const std::wstring& account), (account),
+            const)
   std::vector<std::wstring> FindForUser(const std::wstring& sid,
                                         const std::wstring& familyName) const override {
     return OrThrow("Packages.FindForUser", [&] { return inner.FindForUser(sid, familyName); });
@@ -452,33 +369,21 @@ class FaultyPackages final : public Decorator<Platform::Packages> {
 class FaultyProcesses final : public Decorator<Platform::Processes> {
  public:
   using Decorator::Decorator;
-  Result<std::uint32_t> Start(RawHandle token, const Platform::ProcessStart& start) override {
-    return Or("Processes.Start", [&] { return inner.Start(token, start); });
-  }
-  std::vector<std::uint32_t> Ids(std::size_t limit) const override {
-    return Or("Processes.Ids", [&] { return inner.Ids(limit); });
-  }
-  std::optional<std::wstring> ImagePath(std::uint32_t id) const override {
-    return Or("Processes.ImagePath", [&] { return inner.ImagePath(id); });
-  }
-  std::optional<std::uint32_t> Session(std::uint32_t id) const override {
-    return Or("Processes.Session", [&] { return inner.Session(id); });
-  }
-  Result<UniqueHandle> PrimaryToken(std::uint32_t id) const override {
-    return Or("Processes.PrimaryToken", [&] { return inner.PrimaryToken(id); });
-  }
+  REFUSABLE(Processes, Result<std::uint32_t>, Start,
+            (RawHandle token, const Platform::ProcessStart& start), (token, start), )
+  REFUSABLE(Processes, std::vector<std::uint32_t>, Ids, (std::size_t limit), (limit), const)
+  REFUSABLE(Processes, std::optional<std::wstring>, ImagePath, (std::uint32_t id), (id), const)
+  REFUSABLE(Processes, std::optional<std::uint32_t>, Session, (std::uint32_t id), (id), const)
+  REFUSABLE(Processes, Result<UniqueHandle>, PrimaryToken, (std::uint32_t id), (id), const)
 };
 
 class FaultyRegistry final : public Decorator<Platform::Registry> {
  public:
   using Decorator::Decorator;
-  Result<Platform::RegistryValue> Read(const std::wstring& key,
-                                       const std::wstring& value) const override {
-    return Or("Registry.Read", [&] { return inner.Read(key, value); });
-  }
-  bool Exists(const std::wstring& key, const std::wstring& value) const override {
-    return Or("Registry.Exists", [&] { return inner.Exists(key, value); });
-  }
+  REFUSABLE(Registry, Result<Platform::RegistryValue>, Read,
+            (const std::wstring& key, const std::wstring& value), (key, value), const)
+  REFUSABLE(Registry, bool, Exists, (const std::wstring& key, const std::wstring& value),
+            (key, value), const)
 };
 
 class FaultySessions final : public Decorator<Platform::Sessions> {
@@ -488,39 +393,23 @@ class FaultySessions final : public Decorator<Platform::Sessions> {
     if (faults.Fails("Sessions.ActiveConsoleSession")) return Platform::kNoSession;
     return inner.ActiveConsoleSession();
   }
-  Result<UniqueHandle> QueryUserToken(std::uint32_t session) const override {
-    return Or("Sessions.QueryUserToken", [&] { return inner.QueryUserToken(session); });
-  }
-  Result<UniqueHandle> DuplicateUserToken(RawHandle token,
-                                          Platform::TokenType type) const override {
-    return Or("Sessions.DuplicateUserToken", [&] { return inner.DuplicateUserToken(token, type); });
-  }
-  Result<std::uint64_t> LogonOf(RawHandle token) const override {
-    return Or("Sessions.LogonOf", [&] { return inner.LogonOf(token); });
-  }
-  Result<std::wstring> SidOf(RawHandle token) const override {
-    return Or("Sessions.SidOf", [&] { return inner.SidOf(token); });
-  }
-  Result<std::wstring> QueryText(std::uint32_t session, Platform::SessionText what) const override {
-    return Or("Sessions.QueryText", [&] { return inner.QueryText(session, what); });
-  }
-  ErrorCode Impersonate(RawHandle token) override {
-    return Or("Sessions.Impersonate", [&] { return inner.Impersonate(token); });
-  }
+  REFUSABLE(Sessions, Result<UniqueHandle>, QueryUserToken, (std::uint32_t session), (session),
+            const)
+  REFUSABLE(Sessions, Result<UniqueHandle>, DuplicateUserToken,
+            (RawHandle token, Platform::TokenType type), (token, type), const)
+  REFUSABLE(Sessions, Result<std::uint64_t>, LogonOf, (RawHandle token), (token), const)
+  REFUSABLE(Sessions, Result<std::wstring>, SidOf, (RawHandle token), (token), const)
+  REFUSABLE(Sessions, Result<std::wstring>, QueryText,
+            (std::uint32_t session, Platform::SessionText what), (session, what), const)
+  REFUSABLE(Sessions, ErrorCode, Impersonate, (RawHandle token), (token), )
   // A refused revert is reported, but happens: the walk goes on as the service itself.
   ErrorCode Revert() override {
     const ErrorCode error = inner.Revert();
     return Or("Sessions.Revert", [&] { return error; });
   }
-  Result<UniqueHandle> ThreadToken() const override {
-    return Or("Sessions.ThreadToken", [&] { return inner.ThreadToken(); });
-  }
-  ErrorCode Resume(RawHandle threadToken) override {
-    return Or("Sessions.Resume", [&] { return inner.Resume(threadToken); });
-  }
-  Result<bool> ProcessIsLocalSystem() const override {
-    return Or("Sessions.ProcessIsLocalSystem", [&] { return inner.ProcessIsLocalSystem(); });
-  }
+  REFUSABLE(Sessions, Result<UniqueHandle>, ThreadToken, (), (), const)
+  REFUSABLE(Sessions, ErrorCode, Resume, (RawHandle threadToken), (threadToken), )
+  REFUSABLE(Sessions, Result<bool>, ProcessIsLocalSystem, (), (), const)
 };
 
 class FaultySystemTriggers final : public Decorator<Platform::SystemTriggers> {
@@ -547,10 +436,8 @@ class FaultyThreads final : public Decorator<Platform::Threads> {
 class FaultyTrustProvider final : public Decorator<Platform::TrustProvider> {
  public:
   using Decorator::Decorator;
-  Platform::SignatureVerdict VerifyEmbedded(const std::wstring& path,
-                                            std::uint32_t index) const override {
-    return Or("TrustProvider.VerifyEmbedded", [&] { return inner.VerifyEmbedded(path, index); });
-  }
+  REFUSABLE(TrustProvider, Platform::SignatureVerdict, VerifyEmbedded,
+            (const std::wstring& path, std::uint32_t index), (path, index), const)
   std::optional<Platform::CatalogHit> FindCatalog(
       const std::wstring& path, Platform::CatalogFailure& failure) const override {
     if (faults.Fails("TrustProvider.FindCatalog")) {
@@ -559,11 +446,8 @@ class FaultyTrustProvider final : public Decorator<Platform::TrustProvider> {
     }
     return inner.FindCatalog(path, failure);
   }
-  Platform::SignatureVerdict VerifyInCatalog(const Platform::CatalogHit& catalog,
-                                             std::uint32_t index) const override {
-    return Or("TrustProvider.VerifyInCatalog",
-              [&] { return inner.VerifyInCatalog(catalog, index); });
-  }
+  REFUSABLE(TrustProvider, Platform::SignatureVerdict, VerifyInCatalog,
+            (const Platform::CatalogHit& catalog, std::uint32_t index), (catalog, index), const)
 };
 
 }  // namespace

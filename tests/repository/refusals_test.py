@@ -40,9 +40,14 @@ for header in sorted((root / "src/platform").glob("*.h")):
                 operations.append(f"{interface[1]}.{name}")
 
 source = read(root / "simulator/fault_injection.cpp")
+ROW = r"\n  REFUSABLE\(((?:[^()]|\([^()]*\))*)\)"
 refused = set()
-for decorator, body in blocks(source, r"\nclass \w+ final : public (?:Decorator<)?Platform::(\w+)>? \{"):
-    for function, code in blocks(body, r"\b(\w+)\([^;{}]*\)(?: const)? override \{"):
+for decorator, body in blocks(source, r"\nclass \w+ final : public (?:\w*Decorator<)?Platform::(\w+)>? \{"):
+    for row in re.findall(ROW, body):
+        interface, _, name = (part.strip() for part in row.split(",")[:3])
+        if interface == decorator[1]:
+            refused.add(f"{interface}.{name}")
+    for function, code in blocks(re.sub(ROW, "", body), r"\b(\w+)\([^;{}]*\)(?: const)? override \{"):
         if f'"{decorator[1]}.' in code:
             refused.add(f"{decorator[1]}.{function[1]}")
 
