@@ -40,19 +40,27 @@ std::wstring FromBytes(const std::string& bytes) {
   return marked ? *std::move(marked) : Wide(bytes);
 }
 
-// How many letters have to be inserted, removed or replaced to turn one text into the other.
-std::size_t Distance(const std::string& one, const std::string& other) {
+// How many letters have to be inserted, removed, replaced or swapped with their neighbour to turn
+// one text into the other.
+std::size_t Distance(std::wstring_view one, std::wstring_view other) {
   std::vector<std::size_t> row(other.size() + 1);
   std::iota(row.begin(), row.end(), std::size_t{0});
+  std::vector<std::size_t> last = row;
+  std::vector<std::size_t> beforeLast = row;
   for (std::size_t i = 1; i <= one.size(); ++i) {
-    std::size_t diagonal = std::exchange(row[0], i);
+    row[0] = i;
     for (std::size_t j = 1; j <= other.size(); ++j) {
-      const std::size_t replaced = diagonal + (one[i - 1] == other[j - 1] ? 0 : 1);
-      diagonal = row[j];
-      row[j] = std::min({row[j] + 1, row[j - 1] + 1, replaced});
+      const bool same = one[i - 1] == other[j - 1];
+      row[j] = std::min({last[j] + 1, row[j - 1] + 1, last[j - 1] + (same ? 0 : 1)});
+      if (i > 1 && j > 1 && one[i - 1] == other[j - 2] && one[i - 2] == other[j - 1]) {
+        row[j] = std::min(row[j], beforeLast[j - 2] + 1);
+      }
     }
+    beforeLast.swap(last);
+    last.swap(row);
+    row.resize(last.size());
   }
-  return row.back();
+  return last.back();
 }
 
 }  // namespace
@@ -174,13 +182,52 @@ std::wstring TextOrFile(const std::string& argument) {
   return Wide(argument);
 }
 
+std::string Cell(const std::string& text, std::size_t width) {
+  return text + std::string(text.size() < width ? width - text.size() : 1, ' ');
+}
+
+std::wstring Shortened(std::wstring text) {
+  constexpr std::size_t kMost = 60;
+  if (text.size() > kMost) text.replace(kMost, text.npos, L"...");
+  return text;
+}
+
+std::wstring DateTimeText(std::uint64_t time) {
+  const FILETIME fileTime{static_cast<DWORD>(time), static_cast<DWORD>(time >> 32)};
+  SYSTEMTIME moment{};
+  FileTimeToSystemTime(&fileTime, &moment);
+  wchar_t text[32];
+  static_cast<void>(std::swprintf(text, std::size(text), L"%04u-%02u-%02uT%02u:%02u:%02u.%03u",
+                                  moment.wYear, moment.wMonth, moment.wDay, moment.wHour,
+                                  moment.wMinute, moment.wSecond, moment.wMilliseconds));
+  return text;
+}
+
+std::uint64_t LocalFileTime() {
+  FILETIME utc;
+  FILETIME local;
+  GetSystemTimeAsFileTime(&utc);
+  FileTimeToLocalFileTime(&utc, &local);
+  return std::uint64_t{local.dwHighDateTime} << 32 | local.dwLowDateTime;
+}
+
+const Json::WideValue* FindMember(const Json::WideValue& object, const std::wstring& name) {
+  const auto found = object.FindMember(name.c_str());
+  return found == object.MemberEnd() ? nullptr : &found->value;
+}
+
+bool IsProbablyMeant(std::wstring_view written, std::wstring_view name) {
+  const auto [shorter, longer] = std::minmax(written.size(), name.size());
+  return shorter >= 3 && longer - shorter <= 1 && Distance(written, name) <= 1;
+}
+
 std::string DidYouMean(const std::string& written, const std::vector<std::string>& names) {
   constexpr std::size_t kLongestName = 64;  // the comparison takes the product of the lengths
   if (written.size() > kLongestName) return {};
   std::size_t least = std::max<std::size_t>(2, written.size() / 3) + 1;
   const std::string* closest = nullptr;
   for (const std::string& name : names) {
-    const std::size_t distance = Distance(written, name);
+    const std::size_t distance = Distance(Wide(written), Wide(name));
     if (distance >= std::min(least, name.size())) continue;
     least = distance;
     closest = &name;

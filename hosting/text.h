@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -48,6 +49,25 @@ std::wstring DefaultModule();
 
 // The text that an argument gives: literally, as @FILE, or as @- for standard input.
 std::wstring TextOrFile(const std::string& argument);
+
+// Returns `text` in a column of `width` characters, with one blank after a text that fills it.
+std::string Cell(const std::string& text, std::size_t width);
+
+// Returns the beginning of `text`, for a message.
+std::wstring Shortened(std::wstring text);
+
+// Returns a FILETIME as "2026-11-25T11:31:46.251".
+std::wstring DateTimeText(std::uint64_t time);
+
+// Returns this machine's local time as a FILETIME.
+std::uint64_t LocalFileTime();
+
+// Returns the first member of a JSON object with exactly this name, or null.
+const Json::WideValue* FindMember(const Json::WideValue& object, const std::wstring& name);
+
+// Whether one letter added, dropped, changed or swapped with its neighbour turns one of two names,
+// which are not very short, into the other.
+bool IsProbablyMeant(std::wstring_view written, std::wstring_view name);
 
 // "; did you mean \"x\"?" for the name that `written` probably is a slip of, otherwise empty.
 std::string DidYouMean(const std::string& written, const std::vector<std::string>& names);

@@ -19,13 +19,13 @@
 
 #include "hosting/text.h"
 #include "json/json_text.h"
+#include "platform/clock.h"
+#include "platform/machine.h"
 #include "vxhost/log/history.h"
 #include "vxhost/log/timeline_page.h"
 #include "vxhost/log/timeline_picture.h"
 #include "vxhost/store/store_look.h"
 #include "vxhost/subscriptions/stored_subscriptions.h"
-
-#include <windows.h>
 
 namespace Vx::Host {
 
@@ -65,13 +65,6 @@ struct Since {
   }
 };
 
-std::int64_t Milliseconds(const SYSTEMTIME& now) {
-  wchar_t text[32];
-  swprintf(text, std::size(text), L"%04u-%02u-%02uT%02u:%02u:%02u.%03u", now.wYear, now.wMonth,
-           now.wDay, now.wHour, now.wMinute, now.wSecond, now.wMilliseconds);
-  return MomentOf(text).value_or(0);
-}
-
 Since SinceOf(const std::string& text) {
   if (text.empty()) return {};
   if (const auto moment = MomentOf(Wide(text))) return {*moment, *moment};
@@ -83,12 +76,9 @@ Since SinceOf(const std::string& text) {
   if (error != std::errc() || length == 0 || count < 0 || count > kMost) {
     throw std::runtime_error("--since needs a time such as 2026-11-25T11:30, or 30m, 2h or 3d");
   }
-  SYSTEMTIME utc;
-  SYSTEMTIME local;
-  GetSystemTime(&utc);
-  GetLocalTime(&local);
   const std::int64_t before = count * length * 1000;
-  return {Milliseconds(utc) - before, Milliseconds(local) - before};
+  const auto since = [before](std::uint64_t now) { return *MomentOf(DateTimeText(now)) - before; };
+  return {since(Platform::CurrentMachine().clock->UtcFileTime()), since(LocalFileTime())};
 }
 
 // What the store holds now helps to read lines that name no subscription. Nothing where it cannot
@@ -116,10 +106,6 @@ std::wstring Joined(const std::vector<std::wstring>& hashes) {
   std::wstring text;
   for (const std::wstring& hash : hashes) text += (text.empty() ? L"" : L" or ") + hash;
   return text.empty() ? L"--------" : text;
-}
-
-std::string Cell(const std::string& text, std::size_t width) {
-  return text.size() < width ? text + std::string(width - text.size(), ' ') : text + " ";
 }
 
 std::string Took(const HistoryRow& row) {

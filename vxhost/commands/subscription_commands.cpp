@@ -37,10 +37,6 @@ std::vector<StoredSubscription> Stored(const HoldLimits& limits) {
   return SubscriptionsIn(DocumentOf(look));
 }
 
-std::string Cell(const std::string& text, std::size_t width) {
-  return text.size() < width ? text + std::string(width - text.size(), ' ') : text + " ";
-}
-
 std::string NumberCell(std::size_t number) {
   const std::string text = std::to_string(number);
   return std::string(text.size() < 4 ? 4 - text.size() : 0, ' ') + text + "  ";

@@ -4,8 +4,6 @@
 #include <array>
 #include <cstdint>
 #include <cstdio>
-#include <cwchar>
-#include <iterator>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -119,12 +117,8 @@ LogLine ParseLogLine(const std::wstring& text) {
 
 // The local time: with the date for programs, without it for people.
 std::wstring Now(bool whole) {
-  SYSTEMTIME now;
-  GetLocalTime(&now);
-  wchar_t text[32];
-  std::swprintf(text, std::size(text), L"%04u-%02u-%02uT%02u:%02u:%02u.%03u", now.wYear, now.wMonth,
-                now.wDay, now.wHour, now.wMinute, now.wSecond, now.wMilliseconds);
-  return whole ? text : std::wcschr(text, L'T') + 1;
+  const std::wstring text = DateTimeText(LocalFileTime());
+  return whole ? text : text.substr(text.find(L'T') + 1);
 }
 
 constexpr const wchar_t* kLevels[] = {L"INFO", L"WARNING", L"ERROR"};

@@ -36,8 +36,8 @@ BsonElement PlainElement(const WideValue& value, const Definitions& definitions)
 
 // {"type", "value"} as "store show" prints it. The parser bounds the depth.
 BsonElement TypedElement(const std::string& key, const WideValue& member) {
-  const WideValue* type = member.IsObject() ? Find(member, L"type") : nullptr;
-  const WideValue* value = member.IsObject() ? Find(member, L"value") : nullptr;
+  const WideValue* type = member.IsObject() ? FindMember(member, L"type") : nullptr;
+  const WideValue* value = member.IsObject() ? FindMember(member, L"value") : nullptr;
   const std::wstring_view kind = type != nullptr && type->IsString() ? TextOf(*type) : L"";
   if (kind == L"null") return BsonElement();
   if (value != nullptr) {
@@ -70,7 +70,7 @@ InitialStore::InitialStore(const WideValue& value, const std::wstring& folder, D
   if (path.find(L':') == path.npos) path = folder + path;
   file = std::make_unique<Json::WideDocument>();
   if (Json::ParseJson(*file, ReadTextFile(path)) && file->IsObject()) {
-    values = Find(*file, L"document");
+    values = FindMember(*file, L"document");
   }
   if (values == nullptr || !values->IsObject()) {
     throw std::runtime_error(Utf8(path) + " is not a store as \"vxhost store show\" prints it");

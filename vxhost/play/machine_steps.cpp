@@ -28,7 +28,7 @@ struct Change {
   const Expander& expand;
   SimulatedMachine& machine;
 
-  const WideValue* Find(const wchar_t* key) const { return Host::Find(value, key); }
+  const WideValue* Find(const wchar_t* key) const { return Host::FindMember(value, key); }
   std::wstring Text(const wchar_t* key) const { return expand(Member(value, key)); }
 };
 
@@ -259,13 +259,8 @@ constexpr struct {
 
 }  // namespace
 
-const WideValue* Find(const WideValue& object, const wchar_t* key) {
-  const auto found = object.FindMember(key);
-  return found == object.MemberEnd() ? nullptr : &found->value;
-}
-
 const WideValue& Member(const WideValue& object, const wchar_t* key) {
-  const WideValue* member = Find(object, key);
+  const WideValue* member = FindMember(object, key);
   if (member == nullptr) throw std::runtime_error("a step lacks \"" + Utf8(key) + "\"");
   return *member;
 }
@@ -290,14 +285,14 @@ void RequireRefusal(const SimulatedMachine& machine) {
 
 void ChangeMachine(const WideValue& step, const Expander& expand, SimulatedMachine& machine) {
   for (const auto& change : kChanges) {
-    const auto found = step.FindMember(change.rule.key);
-    if (found != step.MemberEnd()) change.make({found->value, expand, machine});
+    const WideValue* found = FindMember(step, change.rule.key);
+    if (found != nullptr) change.make({*found, expand, machine});
   }
 }
 
 void PassTime(const WideValue& step, SimulatedMachine& machine) {
-  const auto found = step.FindMember(kAdvance.key);
-  if (found != step.MemberEnd()) machine.clock.Advance(Length(found->value));
+  const WideValue* found = FindMember(step, kAdvance.key);
+  if (found != nullptr) machine.clock.Advance(Length(*found));
   machine.clock.Settle();
 }
 

@@ -13,10 +13,7 @@ namespace Vx::Host {
 // Returns the text of a scenario's value, with definitions expanded.
 using Expander = std::function<std::wstring(const Json::WideValue&)>;
 
-// A member of a step or of one of its parts; null when it is absent.
-const Json::WideValue* Find(const Json::WideValue& object, const wchar_t* key);
-
-// The same, for a required member. Throws std::runtime_error when it is absent.
+// A required member of a step or of one of its parts. Throws std::runtime_error when it is absent.
 const Json::WideValue& Member(const Json::WideValue& object, const wchar_t* key);
 
 // The rule of a part that changes the simulated machine or lets its time pass. Null when `key` is

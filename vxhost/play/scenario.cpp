@@ -75,7 +75,7 @@ class Player {
 
   bool Play(const WideValue& steps, const std::vector<std::size_t>& lines) {
     for (rapidjson::SizeType i = 0; i < steps.Size(); ++i) {
-      const auto* say = Find(steps[i], L"say");
+      const auto* say = FindMember(steps[i], L"say");
       stage.record.BeginStep(lines[i], say == nullptr ? std::wstring() : Expand(*say));
       try {
         Step(steps[i]);
@@ -91,45 +91,45 @@ class Player {
 
  private:
   void Step(const WideValue& step) {
-    if (const auto* text = Find(step, L"say")) stage.console.Heading(Utf8(Expand(*text)));
+    if (const auto* text = FindMember(step, L"say")) stage.console.Heading(Utf8(Expand(*text)));
     if (stage.machine != nullptr) {
       const auto expand = [this](const WideValue& value) { return Expand(value); };
       ChangeMachine(step, expand, *stage.machine);
     }
-    if (const auto* values = Find(step, L"store")) Store(*values);
-    if (Find(step, L"end") != nullptr) End();
-    if (Find(step, L"restart") != nullptr) Restart();
-    if (Find(step, L"start") != nullptr) {
+    if (const auto* values = FindMember(step, L"store")) Store(*values);
+    if (FindMember(step, L"end") != nullptr) End();
+    if (FindMember(step, L"restart") != nullptr) Restart();
+    if (FindMember(step, L"start") != nullptr) {
       Call("start");
       stage.session.Slots().Start();
     }
-    if (Find(step, L"policy") != nullptr) Announce();
-    if (const auto* id = Find(step, L"exec")) Execute(step, id->GetUint());
-    if (const auto* code = Find(step, L"power")) {
+    if (FindMember(step, L"policy") != nullptr) Announce();
+    if (const auto* id = FindMember(step, L"exec")) Execute(step, id->GetUint());
+    if (const auto* code = FindMember(step, L"power")) {
       Call("power event " + std::to_string(code->GetUint()));
       stage.session.Slots().power_event_task(code->GetUint());
     }
-    if (const auto* code = Find(step, L"session")) {
+    if (const auto* code = FindMember(step, L"session")) {
       Call("session change " + std::to_string(code->GetUint()));
       stage.session.Slots().OnSessionChange(code->GetUint());
     }
-    if (const auto* copy = Find(step, L"copy")) Copy(*copy);
-    if (const auto* path = Find(step, L"remove")) {
+    if (const auto* copy = FindMember(step, L"copy")) Copy(*copy);
+    if (const auto* path = FindMember(step, L"remove")) {
       std::error_code ignored;
       std::filesystem::remove(Expand(*path), ignored);
     }
-    if (const auto* path = Find(step, L"run")) {
-      const auto* arguments = Find(step, L"arguments");
+    if (const auto* path = FindMember(step, L"run")) {
+      const auto* arguments = FindMember(step, L"arguments");
       helpers.push_back(std::make_unique<Helper>(
           Expand(*path), arguments == nullptr ? std::wstring() : Expand(*arguments)));
     }
     if (stage.machine != nullptr) PassTime(step, *stage.machine);
     stage.showRepeated();
-    if (const auto* file = Find(step, L"waitFor")) WaitForFile(*file);
-    if (Find(step, L"showStore") != nullptr) {
+    if (const auto* file = FindMember(step, L"waitFor")) WaitForFile(*file);
+    if (FindMember(step, L"showStore") != nullptr) {
       for (const std::string& line : StoreLines()) stage.console.Note("   store " + line);
     }
-    if (const auto* expect = Find(step, L"expect")) ExpectTraces(*expect);
+    if (const auto* expect = FindMember(step, L"expect")) ExpectTraces(*expect);
   }
 
   // As other services of the machine do.
@@ -178,7 +178,7 @@ class Player {
   }
 
   void Execute(const WideValue& step, std::uint32_t id) {
-    const auto* request = Find(step, L"request");
+    const auto* request = FindMember(step, L"request");
     const std::wstring text = request == nullptr ? L"{}" : Expand(*request);
     stage.console.Request(id, text);
     const Answer answer = stage.session.Execute(id, text, kCaller);
@@ -186,13 +186,13 @@ class Player {
     stage.record.AddCommand(id, text, answer);
     stage.console.Note("<- " + (answer.text ? Utf8(*answer.text) : std::string("(no response)")));
     stage.console.Note("   result " + Describe(answer.code));
-    const auto* expect = Find(step, L"expect");
+    const auto* expect = FindMember(step, L"expect");
     if (expect == nullptr) return;
-    if (const auto* code = Find(*expect, L"code")) {
+    if (const auto* code = FindMember(*expect, L"code")) {
       const auto wanted = static_cast<std::uint32_t>(std::wcstoul(code->GetString(), nullptr, 16));
       Check(answer.code == wanted, "the result code should be " + Describe(wanted));
     }
-    if (const auto* response = Find(*expect, L"answer")) {
+    if (const auto* response = FindMember(*expect, L"answer")) {
       const std::wstring wanted = Expand(*response);
       Check(answer.text == wanted, "the answer should be " + Utf8(wanted));
     }
@@ -219,14 +219,14 @@ class Player {
 
   void WaitForFile(const WideValue& what) {
     const std::wstring path = Expand(Member(what, L"file"));
-    const auto* text = Find(what, L"contains");
+    const auto* text = FindMember(what, L"contains");
     const std::wstring wanted = text == nullptr ? std::wstring() : Expand(*text);
     std::wstring content;
     const bool came = WaitUntil(Seconds(what), [&] {
       content = ReadIfThere(path);
       return !content.empty() && content.find(wanted) != std::wstring::npos;
     });
-    if (Find(what, L"quiet") == nullptr) {
+    if (FindMember(what, L"quiet") == nullptr) {
       stage.console.Note("   " + Utf8(path) + " says:");
       std::wistringstream lines(content);
       for (std::wstring line; std::getline(lines, line);) stage.console.Note(Utf8(line));
@@ -235,22 +235,22 @@ class Player {
   }
 
   void ExpectTraces(const WideValue& expect) {
-    if (const auto* text = Find(expect, L"log")) {
+    if (const auto* text = FindMember(expect, L"log")) {
       const std::wstring wanted = Expand(*text);
       // On a simulated machine all that could happen has happened.
       const int patience = stage.machine == nullptr ? Seconds(expect) : 0;
       Check(stage.record.WaitFor(wanted, patience), "the log should say \"" + Utf8(wanted) + "\"");
     }
-    if (const auto* text = Find(expect, L"event")) {
+    if (const auto* text = FindMember(expect, L"event")) {
       const std::wstring wanted = Expand(*text);
       Check(stage.record.Happened(wanted), "it should have happened that \"" + Utf8(wanted) + "\"");
     }
-    if (const auto* text = Find(expect, L"noEvent")) {
+    if (const auto* text = FindMember(expect, L"noEvent")) {
       const std::wstring unwanted = Expand(*text);
       Check(!stage.record.Happened(unwanted),
             "it should not have happened that \"" + Utf8(unwanted) + "\"");
     }
-    if (const auto* values = Find(expect, L"stored")) ExpectStored(*values);
+    if (const auto* values = FindMember(expect, L"stored")) ExpectStored(*values);
   }
 
   void ExpectStored(const WideValue& values) {
@@ -268,7 +268,7 @@ class Player {
   }
 
   static int Seconds(const WideValue& object) {
-    const auto* seconds = Find(object, L"seconds");
+    const auto* seconds = FindMember(object, L"seconds");
     return seconds == nullptr ? kDefaultWait : seconds->GetInt();
   }
 
@@ -297,10 +297,10 @@ Scenario::Scenario(const std::wstring& path, Definitions names, StageKind where)
   const LineIndex index(document, text);
   const std::vector<std::string> faults = FaultsOf(document, index, definitions, where);
   if (faults.empty()) {
-    for (const WideValue& step : Find(document, L"steps")->GetArray()) {
+    for (const WideValue& step : FindMember(document, L"steps")->GetArray()) {
       lines.push_back(index.LineOf(step));
     }
-    const auto* values = Find(document, L"store");
+    const auto* values = FindMember(document, L"store");
     if (values == nullptr) return;
     initialStore = InitialStore(*values, path.substr(0, path.rfind(L'\\') + 1), definitions);
     return;
@@ -315,7 +315,7 @@ void Scenario::Prepare() const {
 }
 
 bool Scenario::Play(Stage& stage) const {
-  return Player(definitions, stage).Play(*Find(document, L"steps"), lines);
+  return Player(definitions, stage).Play(*FindMember(document, L"steps"), lines);
 }
 
 }  // namespace Vx::Host

@@ -139,10 +139,7 @@ const char* WantedInstead(PartForm form, const WideValue& value) {
 
 // The beginning of a value, for a message.
 std::string Shown(const WideValue& value) {
-  constexpr std::size_t kMost = 60;
-  std::wstring text = Json::JsonText(value);
-  if (text.size() > kMost) text.replace(kMost, text.npos, L"...");
-  return Utf8(text);
+  return Utf8(Shortened(Json::JsonText(value)));
 }
 
 class Checker {
@@ -167,7 +164,7 @@ class Checker {
         Add(member->value, key, "is not known" + DidYouMean(Utf8(key), {"steps", "store"}));
       }
     }
-    const WideValue* steps = Find(scenario, kSteps);
+    const WideValue* steps = FindMember(scenario, kSteps);
     if (steps == nullptr || !steps->IsArray()) {
       Add(steps == nullptr ? scenario : *steps, kSteps, "has to be a list of steps");
       return faults;
@@ -204,7 +201,8 @@ class Checker {
       Part(*rule, part->value, key, one);
     }
     Liveness(one);
-    if (const WideValue* expect = Find(one, L"expect"); expect != nullptr && expect->IsObject()) {
+    if (const WideValue* expect = FindMember(one, L"expect");
+        expect != nullptr && expect->IsObject()) {
       Observation(one, *expect);
     }
   }
@@ -220,7 +218,7 @@ class Checker {
     if (rule.needs == PartNeeds::SimulatedMachine && where != StageKind::Simulated) {
       Add(value, key, "needs a simulated machine: --simulate");
     }
-    if (rule.companion != nullptr && Find(one, rule.companion) == nullptr) {
+    if (rule.companion != nullptr && FindMember(one, rule.companion) == nullptr) {
       Add(value, key, "means nothing without \"" + Utf8(rule.companion) + "\" in the same step");
     }
     if (const char* wanted = WantedInstead(rule.form, value)) {
@@ -250,7 +248,7 @@ class Checker {
       }
     }
     for (std::size_t i = 0; i < count; ++i) {
-      if (!rules[i].required || Find(object, rules[i].key) != nullptr) continue;
+      if (!rules[i].required || FindMember(object, rules[i].key) != nullptr) continue;
       Add(object, path, "lacks \"" + Utf8(rules[i].key) + "\"");
     }
   }
@@ -284,21 +282,21 @@ class Checker {
 
   // After "end" there is no service to call.
   void Liveness(const WideValue& one) {
-    if (Find(one, L"end") != nullptr) ended = true;
-    if (Find(one, L"restart") != nullptr) ended = false;
+    if (FindMember(one, L"end") != nullptr) ended = true;
+    if (FindMember(one, L"restart") != nullptr) ended = false;
     if (!ended) return;
     for (const wchar_t* call : kCalls) {
-      const WideValue* value = Find(one, call);
+      const WideValue* value = FindMember(one, call);
       if (value != nullptr) Add(*value, call, "follows \"end\"; only \"restart\" may");
     }
   }
 
   void Observation(const WideValue& one, const WideValue& expect) {
-    if (const WideValue* seconds = Find(expect, L"seconds");
-        seconds != nullptr && Find(expect, L"log") == nullptr) {
+    if (const WideValue* seconds = FindMember(expect, L"seconds");
+        seconds != nullptr && FindMember(expect, L"log") == nullptr) {
       Add(*seconds, L"expect.seconds", "means nothing without \"expect.log\"");
     }
-    const WideValue* unwanted = Find(expect, L"noEvent");
+    const WideValue* unwanted = FindMember(expect, L"noEvent");
     if (unwanted == nullptr) return;
     const bool acts = std::any_of(one.MemberBegin(), one.MemberEnd(), [](const auto& part) {
       return std::find(std::begin(kOnlyLook), std::end(kOnlyLook), TextOf(part.name)) ==

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "hosting/text.h"
+#include "platform/clock.h"
 #include "platform/file_handle.h"
 #include "platform/files.h"
 #include "platform/machine.h"
@@ -22,8 +23,6 @@
 #include "storage/request_list.h"
 #include "storage/service_document.h"
 #include "vxhost/subscriptions/stored_subscriptions.h"
-
-#include <windows.h>
 
 namespace Vx::Host {
 
@@ -105,11 +104,10 @@ std::wstring Keep(const StoreLook& look) {
       state == StoreState::NotOpened) {
     throw std::runtime_error("the store is not replaced: " + Judge(look).text);
   }
-  SYSTEMTIME now;
-  GetSystemTime(&now);
-  wchar_t date[32];
-  swprintf(date, std::size(date), L"%04u%02u%02u-%02u%02u%02u-%03u", now.wYear, now.wMonth,
-           now.wDay, now.wHour, now.wMinute, now.wSecond, now.wMilliseconds);
+  std::wstring date = DateTimeText(Platform::WindowsMachine().clock->UtcFileTime());
+  std::erase_if(date, [](wchar_t c) { return c == L'-' || c == L':'; });
+  std::ranges::replace_if(
+      date, [](wchar_t c) { return c == L'T' || c == L'.'; }, L'-');
   std::wstring path = look.path + L".replaced-" + date;
   WriteNew(path, look.path, look.reading.content);
   return path;
@@ -117,9 +115,9 @@ std::wstring Keep(const StoreLook& look) {
 
 std::optional<BsonElement> ElementOf(const OwnValue& own, const Json::WideValue& member) {
   if (!member.IsObject()) return std::nullopt;
-  const auto found = member.FindMember(L"value");
-  if (found == member.MemberEnd()) return std::nullopt;
-  const Json::WideValue& value = found->value;
+  const Json::WideValue* found = FindMember(member, L"value");
+  if (found == nullptr) return std::nullopt;
+  const Json::WideValue& value = *found;
   if (own.kind == BsonKind::String && value.IsString()) {
     return BsonElement::Text(std::wstring_view(value.GetString(), value.GetStringLength()));
   }
@@ -150,8 +148,8 @@ void Collect(const Json::WideValue& members, bool inDocument, std::vector<Import
 // The member of this name, an object. Throws where it is something else.
 const Json::WideValue& ObjectIn(const Json::WideValue& value, const wchar_t* key) {
   if (value.IsObject()) {
-    const auto found = value.FindMember(key);
-    if (found != value.MemberEnd() && found->value.IsObject()) return found->value;
+    const Json::WideValue* found = FindMember(value, key);
+    if (found != nullptr && found->IsObject()) return *found;
   }
   throw std::runtime_error("nothing is imported: it is not an exported store");
 }

@@ -2,7 +2,6 @@
 
 #include <array>
 #include <cstddef>
-#include <cstdio>
 #include <memory>
 #include <span>
 #include <stdexcept>
@@ -11,6 +10,7 @@
 
 #include <wincrypt.h>
 
+#include "hosting/text.h"
 #include "security/signature_record.h"
 
 namespace Vx::Host {
@@ -82,14 +82,7 @@ std::int64_t DaysLeft(const Certificate& certificate, std::uint64_t now) {
 }
 
 std::wstring EndDate(const Certificate& certificate) {
-  const FILETIME end{static_cast<DWORD>(certificate.end),
-                     static_cast<DWORD>(certificate.end >> 32)};
-  SYSTEMTIME date{};
-  FileTimeToSystemTime(&end, &date);
-  char text[16];
-  std::snprintf(text, sizeof text, "%04d-%02d-%02d", date.wYear, date.wMonth, date.wDay);
-  const std::string_view shown(text);
-  return {shown.begin(), shown.end()};
+  return DateTimeText(certificate.end).substr(0, 10);
 }
 
 std::wstring Lifetime(const Certificate& certificate, std::uint64_t now) {

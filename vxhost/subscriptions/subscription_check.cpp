@@ -39,7 +39,6 @@ using Tessel::Security::FileTrust;
 using Tessel::Security::PathOutcome;
 using Tessel::Security::VxAuthenticodeHelper;
 
-constexpr std::size_t kShownLength = 60;
 constexpr auto kChanged = static_cast<std::int32_t>(0x80096010);  // TRUST_E_BAD_DIGEST
 constexpr wchar_t kPinnedSignature[] =
     L"a signature with a restricted key, as vxhost pins lists them";
@@ -79,11 +78,6 @@ std::wstring NameOfKind(const WideValue& value) {
   return NameOf(value.IsNumber() ? Shape::Number : Shape::Object);
 }
 
-std::wstring Shortened(std::wstring text) {
-  if (text.size() > kShownLength) text.replace(kShownLength, std::wstring::npos, L"...");
-  return text;
-}
-
 std::wstring Shown(const WideValue& value) {
   if (value.IsObject()) return L"{...}";
   if (value.IsArray()) return L"[...]";
@@ -99,31 +93,6 @@ std::wstring Quoted(const std::wstring& text) {
 
 std::wstring Name(const WideValue& text) {
   return {text.GetString(), text.GetStringLength()};
-}
-
-// Whether one letter added, dropped, changed or swapped with its neighbour makes one of the other.
-bool IsProbablyMeant(const std::wstring& written, const std::wstring& name) {
-  const std::size_t shorter = std::min(written.size(), name.size());
-  if (std::max(written.size(), name.size()) - shorter > 1 || shorter < 3) return false;
-  const auto common = [](const std::wstring& left, const std::wstring& right) {
-    const auto differs = std::mismatch(left.begin(), left.end(), right.begin(), right.end()).first;
-    return static_cast<std::size_t>(differs - left.begin());
-  };
-  const std::size_t head = common(written, name);
-  const std::wstring writtenBack(written.rbegin(), written.rend());
-  const std::wstring nameBack(name.rbegin(), name.rend());
-  const std::size_t tail = std::min(common(writtenBack, nameBack), shorter - head);
-  if (head + tail + 1 >= std::max(written.size(), name.size())) return true;
-  return written.size() == name.size() && head + tail + 2 == name.size() &&
-         written[head] == name[head + 1] && written[head + 1] == name[head];
-}
-
-// The member of the object that `name` denotes, by the module's rule: exactly, the first.
-const WideValue* FindMember(const WideValue& object, const std::wstring& name) {
-  for (auto member = object.MemberBegin(); member < object.MemberEnd(); ++member) {
-    if (Name(member->name) == name) return &member->value;
-  }
-  return nullptr;
 }
 
 // Judges one request. Each member is asked for before the next, so that the findings follow it.
