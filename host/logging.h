@@ -107,7 +107,7 @@ class LogManager {
 
 // Writes a line of the service's own logger, about the client of `record`, which listeners receive
 // with it. Any thread; never throws. With the maker's library, the line alone is written.
-void WriteRecord(const VxLogRecord& record, const wchar_t* text) noexcept;
+void WriteRecord(const VxLogRecord& record, LogLevel level, const wchar_t* text) noexcept;
 
 inline constexpr char kComponentProvider[] = "Vx-Tessel-SystemInformation";
 

@@ -311,12 +311,13 @@ void TraceLogger::Write(LogLevel level, const wchar_t* caller, const wchar_t* fo
   listeners.Deliver(record);
 }
 
-void WriteRecord(const VxLogRecord& fields, const wchar_t* text) noexcept {
+void WriteRecord(const VxLogRecord& fields, LogLevel level, const wchar_t* text) noexcept {
   const LastErrorKept kept;
-  const Listeners listeners(LogLevel::Info);
+  const Listeners listeners(level);
   if (!listeners.Any()) return;
   wchar_t callerBuffer[kLongestCaller + 1];
   LogRecord record;
+  record.level = level;
   record.provider = kServiceProvider;
   record.caller = CopyCaller(callerBuffer, fields.client);
   record.message = text;

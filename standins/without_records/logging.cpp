@@ -3,8 +3,10 @@
 namespace Vx::Tessel::Server::Logging {
 
 // The maker's logging library knows no records, so their lines are all there is.
-void WriteRecord(const VxLogRecord& record, const wchar_t* text) noexcept {
-  LogManager::GetLogger()->For(record.client).LogInfo(L"%s", text);
+void WriteRecord(const VxLogRecord& record, LogLevel level, const wchar_t* text) noexcept {
+  const auto log = LogManager::GetLogger()->For(record.client);
+  if (level == LogLevel::Info) return log.LogInfo(L"%s", text);
+  log.LogWarning(L"%s", text);
 }
 
 }  // namespace Vx::Tessel::Server::Logging

@@ -205,14 +205,14 @@ TEST(HostSinkTest, ReceivesLinesAndRecordsUntilItIsReplaced) {
   VxSetLogSink(&HostLines::Take, &first);
   Logger().LogWarning(L"%d", 7);
   SetLastError(7);
-  WriteRecord(record, L"one delivery");
+  WriteRecord(record, LogLevel::Warning, L"one delivery");
   EXPECT_EQ(GetLastError(), 7U);
   VxSetLogSink(&HostLines::Take, &second);
   Logger().For(L"x").LogError(L"8");
   VxSetLogSink(nullptr, nullptr);
   Logger().LogInfo(L"9");
   EXPECT_THAT(first.lines, ElementsAre(L"1|Vx-Test-Provider||7",
-                                       L"0|Vx-Tessel-Service|a client|one delivery|ran"));
+                                       L"1|Vx-Tessel-Service|a client|one delivery|ran"));
   EXPECT_THAT(second.lines, ElementsAre(L"2|Vx-Test-Provider|x|8"));
 }
 
