@@ -40,12 +40,12 @@ bool TesselIsInstalled() {
   return path && machine.files->Attributes(*path);
 }
 
-void SetAndStore(const Logging::TraceLogger& logger) {
+bool SetAndStore(const Logging::TraceLogger& logger) {
   BornOnDateManager manager(true);
   if (TesselIsInstalled()) {
     logger.LogInfo(kTesselFound);
     logger.LogInfo(kTesselInstalled);
-    return;
+    return false;
   }
   // Opens the store before it uses the firmware. On a machine without a store it would write a date
   // that the other readers of the store never see.
@@ -54,11 +54,14 @@ void SetAndStore(const Logging::TraceLogger& logger) {
   manager.conditionally_set("");
   const std::string finalDate = manager.get_born_on_date().get();
   logger.LogInfo(kFinalValue, finalDate.c_str());
-  if (store.mergeMember(kServiceDocument, kBornOnDate, Storage::BsonElement::Text(finalDate))) {
+  const bool stored =
+      store.mergeMember(kServiceDocument, kBornOnDate, Storage::BsonElement::Text(finalDate));
+  if (stored) {
     logger.LogInfo(kStored);
   } else {
     logger.LogWarning(kNotStored);
   }
+  return stored;
 }
 
 // Allocates nothing, because the exception may report that memory has run out.
@@ -69,9 +72,9 @@ const char* TextOf(const std::exception& error) {
 
 }  // namespace
 
-void SetBornOnDate(const Logging::TraceLogger& logger) {
+bool SetBornOnDate(const Logging::TraceLogger& logger) {
   try {
-    SetAndStore(logger);
+    return SetAndStore(logger);
   } catch (const std::invalid_argument& error) {
     logger.LogError(kInvalidArgument, TextOf(error));
   } catch (const std::system_error& error) {
@@ -79,6 +82,7 @@ void SetBornOnDate(const Logging::TraceLogger& logger) {
   } catch (const std::exception& error) {
     logger.LogError(kException, TextOf(error));
   }
+  return false;
 }
 
 }  // namespace Vx::Tessel::Server::Services::Orvane

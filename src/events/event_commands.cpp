@@ -1,6 +1,7 @@
 #include "events/event_commands.h"
 
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <utility>
 
@@ -30,6 +31,8 @@ constexpr wchar_t kNullInArguments[] = L"the arguments hold a null character";
 constexpr wchar_t kDelayKey[] = L"delayDeliverySec";
 constexpr wchar_t kNoDelay[] = L"0";
 
+constexpr std::size_t kLongestTarget = 512;
+
 template <typename Command>
 EventCommandPtr Make(const Json::JsonObject& parameters) {
   return EventCommandPtr(new Command(parameters), CommandDeleter([](EventCommand* command) {
@@ -41,8 +44,9 @@ EventCommandPtr Make(const Json::JsonObject& parameters) {
 
 LaunchCommand::LaunchCommand(const Json::JsonObject& parameters)
     : path(parameters.GetNamedString(L"path")),
-      arguments(parameters.FindString(L"arguments").value_or(L"")),
-      delayDeliverySec(parameters.GetNamedString(kDelayKey, kNoDelay)) {
+      arguments(parameters.FindString(L"arguments").value_or(L"")) {
+  delayDeliverySec = parameters.GetNamedString(kDelayKey, kNoDelay);
+  target = path.substr(0, kLongestTarget);
   // Windows ends a command line at a null: the program would run with part of its arguments.
   if (arguments.find(L'\0') != std::wstring::npos) {
     throw Platform::WindowsRuntimeError(kInvalidArgument, kNullInArguments);
@@ -50,36 +54,42 @@ LaunchCommand::LaunchCommand(const Json::JsonObject& parameters)
 }
 
 bool LaunchCommand::CheckAhead() {
-  return checked.emplace(Security::TrustedProgram::Check(path)) != nullptr;
+  return checked.emplace(Security::TrustedProgram::Check(path)).program != nullptr;
 }
 
-void LaunchCommand::Execute() {
+Records::Outcome LaunchCommand::Execute() {
   const Logging::TraceLogger& log = *Logging::LogManager::SetProvider(Logging::kComponentProvider);
   const std::uint32_t session = Platform::CurrentMachine().sessions->ActiveConsoleSession();
-  std::uint32_t processId = 0;
 
-  const auto program =
+  const auto check =
       checked ? *std::exchange(checked, std::nullopt) : Security::TrustedProgram::Check(path);
-  if (program == nullptr) {
+  if (check.program == nullptr) {
     log.LogWarning(kNotTrusted, path.c_str());
-    return;
+    return {Records::Decision::Refused, check.reason};
   }
   log.LogInfo(kLaunching, path.c_str(), arguments.c_str());
-  const int result = LaunchProcessInSession(*program, arguments, {}, session, processId);
-  log.LogInfo(kLaunched, result, processId);
+  const Records::Outcome outcome = LaunchProcessInSession(*check.program, arguments, {}, session);
+  const bool ran = outcome.decision == Records::Decision::Ran;
+  log.LogInfo(kLaunched, ran ? 1 : 0, ran ? outcome.number : 0U);
+  return outcome;
 }
 
 AppServiceNotificationCommand::AppServiceNotificationCommand(const Json::JsonObject& parameters)
     : packageFamilyName(parameters.GetNamedString(L"packageFamilyName")),
       appServiceName(parameters.GetNamedString(L"appServiceName")),
-      payload(parameters.GetNamedObject(L"payload")),
-      delayDeliverySec(parameters.GetNamedString(kDelayKey, kNoDelay)),
-      customTriggerGuid(payload.FindString(L"customTriggerGUID").value_or(L"")) {}
+      payload(parameters.GetNamedObject(L"payload")) {
+  delayDeliverySec = parameters.GetNamedString(kDelayKey, kNoDelay);
+  customTriggerGuid = payload.FindString(L"customTriggerGUID").value_or(L"");
+  target = (packageFamilyName + L"/" + appServiceName).substr(0, kLongestTarget);
+}
 
-void AppServiceNotificationCommand::Execute() {
+Records::Outcome AppServiceNotificationCommand::Execute() {
   const auto service =
       Platform::CurrentMachine().appServices->Open(packageFamilyName, appServiceName);
-  service->Send(payload.Stringify());
+  const int status = service->Send(payload.Stringify()).first;
+  if (status == 0) return {Records::Decision::Sent};
+  return {Records::Decision::NotSent, Records::Reason::NotTaken,
+          static_cast<std::uint32_t>(status)};
 }
 
 EventCommandPtr CreateEventCommand(EventAction action, const Json::JsonObject& parameters) {

@@ -7,6 +7,7 @@
 #include <string>
 
 #include "json/json_object.h"
+#include "records/record.h"
 #include "security/trusted_program.h"
 
 namespace Vx::Tessel::Server::Services::Orvane {
@@ -23,12 +24,25 @@ enum class EventAction : std::uint32_t { Launch = 1, AppServiceNotification = 2 
 // owners delete through CommandDeleter.
 class EventCommand {
  public:
-  // Runs the command and blocks until it is done. Only logs the outcome. May throw
+  // Runs the command and blocks until it is done. Logs and returns the outcome. May throw
   // Platform::WindowsRuntimeError and std::exception.
-  virtual void Execute() = 0;
+  virtual Records::Outcome Execute() = 0;
+
+  // How long a delivery waits before it runs the command: the client's text, "0" if it has none.
+  std::wstring DelayDeliverySec() const { return delayDeliverySec; }
+
+  // The trigger that a power or platform event raises in place of the command; empty if none.
+  std::wstring CustomTriggerGUID() const { return customTriggerGuid; }
+
+  // The program, or "FAMILY/APP SERVICE". Cut if it is too long for a record.
+  const std::wstring& Target() const noexcept { return target; }
 
  protected:
   ~EventCommand() = default;
+
+  std::wstring delayDeliverySec;
+  std::wstring customTriggerGuid;
+  std::wstring target;
 };
 
 // A command for a package event. It may allow to be run late, at service start, for a package that
@@ -73,19 +87,17 @@ class LaunchCommand final : public PackageEventCommand {
   void ForgetCheck() { checked.reset(); }
 
   // Keeps the file locked against writing from before the trust check until the program is started.
-  void Execute() override;
+  Records::Outcome Execute() override;
   bool RunIfUninstalledWhileNotRunning() override { return true; }
 
   std::wstring Path() const { return path; }
   std::wstring Arguments() const { return arguments; }
-  std::wstring DelayDeliverySec() const { return delayDeliverySec; }
 
  private:
   std::wstring path;
   std::wstring arguments;
-  std::wstring delayDeliverySec;
-  // Of CheckAhead, for one Execute. Holds null for a program that is not trusted.
-  std::optional<std::unique_ptr<const Security::TrustedProgram>> checked;
+  // The result of CheckAhead, used by the next Execute.
+  std::optional<Security::ProgramCheck> checked;
 };
 
 // Sends a JSON message to the app service of a packaged app. Does not report whether it arrived.
@@ -96,20 +108,16 @@ class AppServiceNotificationCommand final : public EventCommand {
   // the JSON layer's Platform::WindowsRuntimeError.
   explicit AppServiceNotificationCommand(const Json::JsonObject& parameters);
 
-  void Execute() override;
+  Records::Outcome Execute() override;
 
   std::wstring PackageFamilyName() const { return packageFamilyName; }
   std::wstring AppServiceName() const { return appServiceName; }
   Json::JsonObject Payload() const { return payload; }
-  std::wstring DelayDeliverySec() const { return delayDeliverySec; }
-  std::wstring CustomTriggerGUID() const { return customTriggerGuid; }
 
  private:
   std::wstring packageFamilyName;
   std::wstring appServiceName;
   Json::JsonObject payload;
-  std::wstring delayDeliverySec;
-  std::wstring customTriggerGuid;
 };
 
 // Creates the command of an action from its parameters. Throws Platform::WindowsRuntimeError with

@@ -4,6 +4,7 @@
 #include <exception>
 #include <stdexcept>
 
+#include "events/subscription_delivery.h"
 #include "events/subscription_forms.h"
 #include "host/logging.h"
 #include "platform/clock.h"
@@ -27,12 +28,23 @@ constexpr char kCannotReplace[] =
 constexpr std::chrono::seconds kPause{1};
 constexpr int kTries = 3;
 
+void RecordCompletion(const std::wstring& stored) noexcept {
+  Records::Record record{.kind = Records::Kind::Completion,
+                         .outcome = {Records::Decision::Removed, Records::Reason::HasRun}};
+  try {
+    NameSubscription(record, stored, kPackageForm);
+  } catch (const std::exception&) {  // NOLINT(bugprone-empty-catch): the record names less
+  }
+  Records::Write(record);
+}
+
 // The caller holds listChange.
 bool RemoveHeld(const std::wstring& stored, const MarkPtr& mark) {
   // Another registration has completed it, and the text may be subscribed again by now.
   if (!FiringMarks::IsCurrent(stored, mark)) return true;
   if (!PackageCompletion::StoredRequests().CompleteRequest(stored)) return false;
   FiringMarks::Forget(stored, mark);
+  RecordCompletion(stored);
   return true;
 }
 

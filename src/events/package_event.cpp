@@ -58,11 +58,12 @@ std::mutex PackageUninstallingPCEvent::commandTurn;
 PackageUninstallingPCEvent::PackageUninstallingPCEvent(const std::wstring& packageFamilyName,
                                                        UninstallMoment moment,
                                                        EventCommandPtr packageCommand,
-                                                       const std::shared_ptr<FiringMark>& mark)
+                                                       const std::shared_ptr<FiringMark>& mark,
+                                                       const std::wstring& subscription)
     : IPCEvent(std::move(packageCommand)),
       watch(std::make_shared<UninstallWatch>(
           packageFamilyName, moment, command, completion,
-          mark == nullptr ? std::make_shared<FiringMark>() : mark)) {
+          mark == nullptr ? std::make_shared<FiringMark>() : mark, subscription)) {
   if (!Platform::CurrentMachine().apiSets->IsPresent(Platform::kSessionApiSet)) {
     Log().LogError(kNoSessionApi);
     return;

@@ -50,7 +50,8 @@ class IPCEvent {
   std::shared_ptr<CompletionEvent> completion;
 };
 
-enum class UninstallMoment { Starts, Completed };
+// The codes of the events of a request.
+enum class UninstallMoment : std::uint32_t { Starts = 5, Completed = 7 };
 
 // Runs a command when a package of a family is uninstalled: as soon as the uninstall starts, or
 // once it has completed and no package of the family is left.
@@ -64,10 +65,12 @@ class PackageUninstallingPCEvent final : public IPCEvent {
   // Opens the console user's catalog. Throws Platform::WindowsRuntimeError with
   // kPackageNotInstalled, kConsoleUserUnavailable or a code of the package manager. Without the
   // session API set there is no catalog: that is logged, and the event never occurs.
-  // `mark` belongs to the stored request; without one the event has its own.
+  // `mark` belongs to the stored request; without one the event has its own. `subscription` is the
+  // hash of that request, for records.
   PackageUninstallingPCEvent(const std::wstring& packageFamilyName, UninstallMoment moment,
                              EventCommandPtr packageCommand,
-                             const std::shared_ptr<FiringMark>& mark = nullptr);
+                             const std::shared_ptr<FiringMark>& mark = nullptr,
+                             const std::wstring& subscription = {});
   ~PackageUninstallingPCEvent() override;
 
   void Register() override;

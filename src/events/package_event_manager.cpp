@@ -8,11 +8,13 @@
 
 #include "events/firing_marks.h"
 #include "events/package_completion.h"
+#include "events/subscription_delivery.h"
 #include "events/subscription_forms.h"
 #include "events/uninstall_watch.h"
 #include "host/logging.h"
 #include "json/json_object.h"
 #include "platform/windows_runtime_error.h"
+#include "records/delivery.h"
 #include "storage/cap_data_store.h"
 #include "storage/request_list.h"
 #include "storage/request_manager.h"
@@ -183,8 +185,19 @@ void PackageCatalogEventManager::EndReplaced(Owner owner, const std::shared_ptr<
 }
 
 void PackageCatalogEventManager::execute_command(const std::wstring& request) {
+  Records::Record record{.kind = Records::Kind::Uninstall};
+  try {
+    NameSubscription(record, request, kPackageForm);
+  } catch (const Platform::WindowsRuntimeError&) {  // NOLINT(bugprone-empty-catch)
+    // It has no command either.
+  }
+  Records::Delivery delivery(std::move(record));
   const auto command = SubscribeForAppPackageEventRequest::ParseEventCommand(request);
-  if (command != nullptr && command->RunIfUninstalledWhileNotRunning()) command->Execute();
+  if (command != nullptr && command->RunIfUninstalledWhileNotRunning()) {
+    delivery.Ends(command->Execute());
+  } else {
+    delivery.Ends({Records::Decision::Dropped, Records::Reason::NotLate});
+  }
 }
 
 void PackageCatalogEventManager::clear_events() {

@@ -4,6 +4,7 @@
 
 #include "json/json_object.h"
 #include "platform/windows_runtime_error.h"
+#include "records/subscription_hash.h"
 
 namespace Vx::Tessel::Server::Services::Orvane {
 
@@ -37,7 +38,8 @@ SubscribeForAppPackageEventRequest::SubscribeForAppPackageEventRequest(
 
   const UninstallMoment moment = MomentOf(catalogEvent);
   packageEvent = std::make_unique<PackageUninstallingPCEvent>(
-      packageFamilyName, moment, CreateEventCommand(catalogAction, parameters), mark);
+      packageFamilyName, moment, CreateEventCommand(catalogAction, parameters), mark,
+      Records::SubscriptionHash(request));
 }
 
 void SubscribeForAppPackageEventRequest::RegisterPackageEvent(const CompletionHandler& completed) {

@@ -21,8 +21,6 @@ constexpr DeliveryTexts kTexts = {
     .unregisterRuntimeError =
         L"OrvaneService - UnregisterPowerEvent threw hresult_error: Message: %s, Code: %i",
     .unregisterFailed = L"OrvaneService - UnregisterPowerEvent threw %S",
-    .unregisterUnknown =
-        L"OrvaneService - UnregisterPowerEvent: no stored subscription has exactly this text",
 };
 
 }  // namespace
@@ -30,12 +28,9 @@ constexpr DeliveryTexts kTexts = {
 std::mutex PowerEventManager::handle_event_mutex;
 
 constinit const DeliveryKind kPowerEvents = {
-    .name = "PowerEventManager::handle_event",
+    .kind = Records::Kind::Power,
     .texts = kTexts,
-    .storeKey = kPowerForm.list,
-    .subscribe = kPowerForm.subscribe,
-    .unsubscribe = kPowerForm.unsubscribe,
-    .parse = &ParseAs<SubscribeForPowerEventRequest>,
+    .form = kPowerForm,
     .handleEvent = &PowerEventManager::handle_event,
     .handleEventMutex = &PowerEventManager::handle_event_mutex,
 };

@@ -11,7 +11,6 @@
 #include <utility>
 
 #include "events/delivery_rules.h"
-#include "events/subscription_hash.h"
 #include "host/logging.h"
 #include "json/json_object.h"
 #include "json/utf8.h"
@@ -21,6 +20,8 @@
 #include "platform/system_services.h"
 #include "platform/thread.h"
 #include "platform/windows_runtime_error.h"
+#include "records/delivery.h"
+#include "records/subscription_hash.h"
 #include "storage/request_manager.h"
 
 namespace Vx::Tessel::Server::Services::Orvane {
@@ -28,15 +29,11 @@ namespace Vx::Tessel::Server::Services::Orvane {
 namespace {
 
 using Logging::LogManager;
+using Records::Decision;
+using Records::Outcome;
+using Records::Reason;
 
 constexpr wchar_t kTriggerUnreadable[] = L"Failed to retrieve custom trigger GUID.";
-constexpr wchar_t kTooManyWait[] =
-    L"%S - dropped, because %d deliveries of the same subscription wait already: %s";
-constexpr wchar_t kTooManyExist[] =
-    L"%S - dropped, because %d deliveries of all subscriptions exist already: %s";
-constexpr wchar_t kServiceEnded[] = L"%S - dropped while it waited, because the service ends: %s";
-
-constexpr wchar_t kLost[] = L"%S - this delivery is lost, because of \"%S\": %s";
 constexpr char kUnknown[] = "an exception of an unknown kind";
 
 constexpr wchar_t kStandbyNameTaken[] =
@@ -54,32 +51,11 @@ const Logging::TraceLogger& Log() {
   return *LogManager::SetProvider(Logging::kComponentProvider);
 }
 
-std::optional<std::wstring> DelayText(const EventSubscription& subscription) {
-  switch (subscription.Action()) {
-    case EventAction::Launch:
-      return dynamic_cast<const LaunchCommand&>(*subscription.Command()).DelayDeliverySec();
-    case EventAction::AppServiceNotification:
-      return dynamic_cast<const AppServiceNotificationCommand&>(*subscription.Command())
-          .DelayDeliverySec();
-  }
-  return std::nullopt;
-}
-
-int DelaySeconds(const DeliveryTexts& texts, const EventSubscription& subscription) {
-  const auto text = DelayText(subscription);
-  if (!text) return 0;
-  const auto seconds = LeadingInteger(*text);
+int DelaySeconds(const DeliveryTexts& texts, const EventCommand& command) {
+  const auto seconds = LeadingInteger(command.DelayDeliverySec());
   if (!seconds) Log().LogError(texts.delayUnreadable);
   return seconds.value_or(0);
 }
-
-// A bound on the deliveries at one time, and the line about one that it drops.
-struct Limit {
-  const wchar_t* dropped;
-  int most;
-};
-constexpr Limit kOfOneText = {kTooManyWait, kMostWaiting};
-constexpr Limit kOfAll = {kTooManyExist, kMostDeliveries};
 
 // A place among the deliveries of the process, of every kind and service object, for as long as
 // this object lives. Until StopWaiting it is also one among those of one stored text that wait.
@@ -87,13 +63,13 @@ class DeliveryPlace {
  public:
   DeliveryPlace(const DeliveryKind& kind, const std::wstring& request) {
     const std::lock_guard guard(mutex);
-    if (existing == kOfAll.most) {
-      reached = &kOfAll;
+    if (existing == kMostDeliveries) {
+      refusal = Reason::TooManyOfAll;
       return;
     }
-    entry = Waiting().try_emplace({kind.storeKey, request}, 0).first;
-    if (entry->second == kOfOneText.most) {
-      reached = &kOfOneText;
+    entry = Waiting().try_emplace({kind.kind, request}, 0).first;
+    if (entry->second == kMostWaiting) {
+      refusal = Reason::TooManyOfOne;
       return;
     }
     ++entry->second;
@@ -102,14 +78,14 @@ class DeliveryPlace {
   DeliveryPlace(const DeliveryPlace&) = delete;
   DeliveryPlace& operator=(const DeliveryPlace&) = delete;
   ~DeliveryPlace() {
-    if (reached != nullptr) return;
+    if (refusal != Reason::None) return;
     StopWaiting();
     const std::lock_guard guard(mutex);
     --existing;
   }
 
-  // The limit for which there is no place, otherwise null.
-  const Limit* Reached() const { return reached; }
+  // The bound for which there is no place, otherwise None.
+  Reason Refusal() const { return refusal; }
 
   void StopWaiting() {
     if (!std::exchange(waits, false)) return;
@@ -118,7 +94,7 @@ class DeliveryPlace {
   }
 
  private:
-  using Map = std::map<std::pair<const char*, std::wstring>, int>;
+  using Map = std::map<std::pair<Records::Kind, std::wstring>, int>;
 
   // Never destroyed, because a worker may outlive every service.
   static Map& Waiting() {
@@ -129,98 +105,99 @@ class DeliveryPlace {
   static std::mutex mutex;  // guards the counts; no other lock is taken under it
   static int existing;
   Map::iterator entry;
-  const Limit* reached = nullptr;
+  Reason refusal = Reason::None;
   bool waits = true;
 };
 
 std::mutex DeliveryPlace::mutex;
 int DeliveryPlace::existing = 0;
 
-// Waits until Modern Standby begins, the service ends or the delay is over. Returns the
-// milliseconds that count, or nothing when the service ends.
-std::optional<std::int64_t> Wait(const DeliveryTexts& texts, int seconds,
-                                 const Platform::SharedHandle& stop) {
+// The milliseconds of a wait that count, and what ended it early: Standby, ServiceEnded or None.
+struct Waited {
+  std::int64_t elapsed = 0;
+  Reason early = Reason::None;
+};
+
+// Waits until Modern Standby begins, the service ends or the delay is over.
+Waited Wait(const DeliveryTexts& texts, int seconds, const Platform::SharedHandle& stop) {
   Platform::Clock& clock = *Platform::CurrentMachine().clock;
+  const auto length = DelayLength(seconds);
   const std::uint64_t start = clock.TickCount();
   const auto standby =
       Platform::CurrentMachine().kernelObjects->MakeManualEvent(kModernStandbyEvent);
   if (standbyNameTaken.IsNews(standby ? 0 : standby.Error())) {
     Log().LogWarning(kStandbyNameTaken, kModernStandbyEvent);
   }
-  Platform::WaitResult wait;
-  if (standby && stop != nullptr) {
-    wait = clock.WaitForEither(stop.get(), standby->get(), DelayLength(seconds));
-  } else if (standby || stop != nullptr) {
-    wait = clock.Wait(standby ? standby->get() : stop.get(), DelayLength(seconds));
-  } else {
-    clock.Sleep(DelayLength(seconds));
+  const Platform::WaitResult wait = standby && stop != nullptr
+                                        ? clock.WaitForEither(stop.get(), standby->get(), length)
+                                        : clock.Wait(standby ? standby->get() : stop.get(), length);
+  if (wait.outcome == Platform::WaitOutcome::Signalled) {
+    if (stop != nullptr && (!standby || wait.code == 0)) return {0, Reason::ServiceEnded};
+    Log().LogInfo(texts.modernStandby);
+    return {ElapsedUntilStandby(start, clock.TickCount()), Reason::Standby};
   }
-  // A wait that fails says nothing about the time.
-  if (wait.outcome == Platform::WaitOutcome::Failed) {
-    const std::uint64_t passed = clock.TickCount() - start;
-    const auto length = DelayLength(seconds);
-    const std::chrono::milliseconds gone(passed);
-    if ((standby || stop != nullptr) && gone < length) clock.Sleep(length - gone);
-  }
-  if (wait.outcome != Platform::WaitOutcome::Signalled) {
-    return ElapsedMilliseconds(start, clock.TickCount());
-  }
-  const bool ended = stop != nullptr && (!standby || wait.code == 0);
-  if (ended) return std::nullopt;
-  Log().LogInfo(texts.modernStandby);
-  return ElapsedUntilStandby(start, clock.TickCount());
+  // A wait that fails, as one without an event does, says nothing about the time.
+  const std::chrono::milliseconds gone(clock.TickCount() - start);
+  if (wait.outcome == Platform::WaitOutcome::Failed && gone < length) clock.Sleep(length - gone);
+  return {ElapsedMilliseconds(start, clock.TickCount())};
 }
 
-// Waits out the delay of a delivery. Returns the milliseconds that count for it, or nothing when it
-// is dropped, which is logged.
-std::optional<std::int64_t> WaitDelay(const DeliveryKind& kind, const std::wstring& request,
-                                      int seconds, const Platform::SharedHandle& stop) {
+// Waits out the delay of a delivery.
+Waited WaitDelay(const DeliveryTexts& texts, int seconds, const Platform::SharedHandle& stop,
+                 Records::Delivery& delivery) {
   if (seconds < 1) {
-    Log().LogInfo(kind.texts.noDelay);
-    return 0;
+    Log().LogInfo(texts.noDelay);
+    return {};
   }
-  Log().LogInfo(kind.texts.delayStart, seconds);
-  std::optional<std::int64_t> elapsed = 0;
-  if (!IsTooLong(seconds)) elapsed = Wait(kind.texts, seconds, stop);
-  if (!elapsed) {
-    Log().LogWarning(kServiceEnded, kind.name, request.c_str());
-    return std::nullopt;
+  Log().LogInfo(texts.delayStart, seconds);
+  Waited waited;
+  if (!IsTooLong(seconds)) {
+    delivery.Waits(DelayLength(seconds));
+    waited = Wait(texts, seconds, stop);
   }
-  Log().LogInfo(kind.texts.delayEnd, seconds);
-  return elapsed;
+  if (waited.early != Reason::ServiceEnded) Log().LogInfo(texts.delayEnd, seconds);
+  return waited;
 }
 
-std::wstring TriggerOf(const EventSubscription& subscription) {
-  if (subscription.Action() != EventAction::AppServiceNotification) return {};
+std::wstring TriggerOf(const EventCommand& command) {
   try {
-    return dynamic_cast<const AppServiceNotificationCommand&>(*subscription.Command())
-        .CustomTriggerGUID();
+    return command.CustomTriggerGUID();
   } catch (const std::exception&) {
     Log().LogError(kTriggerUnreadable);
     return {};
   }
 }
 
-void Deliver(const DeliveryKind& kind, const std::wstring& request,
-             const EventSubscription& subscription, const Platform::SharedHandle& stop,
-             DeliveryPlace& place) {
-  const int delay = DelaySeconds(kind.texts, subscription);
-  const std::optional<std::int64_t> elapsed = WaitDelay(kind, request, delay, stop);
-  if (!elapsed) return;
-  const std::wstring trigger = TriggerOf(subscription);
+Reason WhyOverdue(int delay, Reason early) {
+  if (delay < 0 || IsTooLong(delay)) return Reason::ImpossibleDelay;
+  return early == Reason::None ? Reason::Late : early;
+}
 
-  const auto guard = IsOverdue(delay, *elapsed)
-                         ? std::unique_lock(*kind.handleEventMutex)
-                         : TakeTurn(*subscription.Command(), *kind.handleEventMutex);
+// Ends the record under the lock, so that it follows the lines of its own delivery.
+void Deliver(const DeliveryKind& kind, const std::wstring& request, EventCommand& command,
+             const Platform::SharedHandle& stop, DeliveryPlace& place,
+             Records::Delivery& delivery) {
+  const int delay = DelaySeconds(kind.texts, command);
+  const auto [elapsed, early] = WaitDelay(kind.texts, delay, stop, delivery);
+  if (early == Reason::ServiceEnded) return delivery.Ends({Decision::Dropped, early});
+  const bool overdue = IsOverdue(delay, elapsed);
+  const std::wstring trigger = TriggerOf(command);
+
+  const auto guard = overdue ? std::unique_lock(*kind.handleEventMutex)
+                             : TakeTurn(command, *kind.handleEventMutex);
   place.StopWaiting();
-  if (IsOverdue(delay, *elapsed)) {
-    Log().LogInfo(kind.texts.discarded, static_cast<int>(*elapsed));
+  if (overdue) {
+    Log().LogInfo(kind.texts.discarded, static_cast<int>(elapsed));
+    delivery.Ends({Decision::Dropped, WhyOverdue(delay, early)});
   } else if (!trigger.empty()) {
     const std::uint32_t status = Platform::CurrentMachine().systemTriggers->Raise(trigger);
     Log().LogInfo(kind.texts.triggerRaised, status, request.c_str());
+    const Outcome refused{Decision::NotRaised, Reason::Windows, status};
+    delivery.Ends(status == 0 ? Outcome{Decision::Raised} : refused);
   } else {
-    subscription.Command()->Execute();
+    const Outcome outcome = command.Execute();
     Log().LogInfo(kind.texts.executed, request.c_str());
+    delivery.Ends(outcome);
   }
 }
 
@@ -243,11 +220,14 @@ void LogWorkerFailure(const DeliveryTexts& texts,
 
 // Reads the text of a request. Logs one that is not a subscription and returns null.
 std::shared_ptr<const EventSubscription> Parse(const DeliveryKind& kind,
-                                               const std::wstring& request) {
+                                               const std::wstring& request, std::uint32_t event) {
   try {
-    return kind.parse(request);
+    return std::make_shared<const EventSubscription>(request, kind.form);
   } catch (const Platform::WindowsRuntimeError& error) {
     LogWorkerFailure(kind.texts, error);
+    Records::Delivery(
+        {.kind = kind.kind, .subscription = Records::SubscriptionHash(request), .number = event})
+        .Ends(Records::FailedWith(error.code(), Reason::Unreadable));
     return nullptr;
   }
 }
@@ -255,32 +235,37 @@ std::shared_ptr<const EventSubscription> Parse(const DeliveryKind& kind,
 // The worker's boundary: whatever the command throws ends here.
 void Work(const DeliveryKind& kind, const std::wstring& request,
           const EventSubscription& subscription, const Platform::SharedHandle& stop,
-          DeliveryPlace& place) noexcept {
+          DeliveryPlace& place, Records::Delivery& delivery) noexcept {
+  std::int32_t status = kUnspecified;
   try {
-    Deliver(kind, request, subscription, stop, place);
+    return Deliver(kind, request, *subscription.Command(), stop, place, delivery);
   } catch (const Platform::WindowsRuntimeError& error) {
     LogWorkerFailure(kind.texts, error);
+    status = error.code();
   } catch (const std::exception& error) {
-    Log().LogError(kind.texts.workerFailed, error.what(), StatusOf(error));
+    status = StatusOf(error);
+    Log().LogError(kind.texts.workerFailed, error.what(), status);
   } catch (...) {
-    Log().LogError(kind.texts.workerFailed, kUnknown, kUnspecified);
+    Log().LogError(kind.texts.workerFailed, kUnknown, status);
   }
+  delivery.Ends(Records::FailedWith(status));
 }
 
-// Changes a stored list and returns whether that was done. Failures are logged, not reported to the
-// client.
+// Changes a stored list. Failures are logged, not reported to the client.
 template <typename Change>
-bool ChangeList(const DeliveryKind& kind, const wchar_t* runtimeError, const wchar_t* failed,
-                Change&& change) noexcept {
+Outcome ChangeList(const DeliveryKind& kind, const wchar_t* runtimeError, const wchar_t* failed,
+                   Change&& change) noexcept {
   try {
-    RequestManager manager(kServiceDocument, kind.storeKey);
+    RequestManager manager(kServiceDocument, kind.form.list);
     return change(manager);
   } catch (const Platform::WindowsRuntimeError& error) {
     LogManager::GetLogger()->LogError(runtimeError, error.message().c_str(), error.code());
+    const bool stored = error.code() == kAlreadySubscribed;
+    return {Decision::Refused, stored ? Reason::AlreadyStored : Reason::EarlierLines};
   } catch (const std::exception& error) {
     LogManager::GetLogger()->LogError(failed, error.what());
+    return {Decision::Failed, Reason::Exception};
   }
-  return false;
 }
 
 }  // namespace
@@ -290,63 +275,68 @@ EventSubscription::EventSubscription(const std::wstring& request, const Subscrip
   eventType = Json::TruncateToUint32(document.GetNamedNumber(form.event));
   action = static_cast<EventAction>(Json::TruncateToUint32(document.GetNamedNumber(form.action)));
   command = CreateEventCommand(action, document.GetNamedObject(form.parameters));
+  if (form.family != nullptr) family = document.GetNamedString(form.family);
 }
 
-int RegisterSubscription(const DeliveryKind& kind, const std::wstring& request,
-                         const wchar_t* clientId) noexcept {
-  const bool stored =
-      ChangeList(kind, kind.texts.registerRuntimeError, kind.texts.registerFailed,
-                 [&](RequestManager& manager) { return manager.PersistRequest(request); });
-  LogListChange(stored ? ListChange::Accepted : ListChange::Refused, request, clientId,
-                kind.subscribe);
-  return 0;
+void NameSubscription(Records::Record& record, const std::wstring& request,
+                      const SubscriptionForm& form) {
+  record.subscription = Records::SubscriptionHash(request);
+  const EventSubscription subscription(request, form);
+  record.target = subscription.Command()->Target();
+  record.package = subscription.Family();
+  if (record.kind == Records::Kind::Uninstall) record.number = subscription.Type();
 }
 
-int UnregisterSubscription(const DeliveryKind& kind, const std::wstring& request,
-                           const wchar_t* clientId) noexcept {
-  const bool removed =
-      ChangeList(kind, kind.texts.unregisterRuntimeError, kind.texts.unregisterFailed,
-                 [&](RequestManager& manager) {
-                   const RequestManager::Removal removal = manager.RemoveRequest(request);
-                   if (removal == RequestManager::Removal::Unknown) {
-                     LogManager::GetLogger()->LogWarning(kind.texts.unregisterUnknown);
-                   }
-                   return removal == RequestManager::Removal::Removed;
-                 });
-  LogListChange(removed ? ListChange::TakenBack : ListChange::Refused, request, clientId,
-                kind.unsubscribe);
-  return 0;
+Outcome RegisterSubscription(const DeliveryKind& kind, const std::wstring& request) noexcept {
+  return ChangeList(kind, kind.texts.registerRuntimeError, kind.texts.registerFailed,
+                    [&](RequestManager& manager) -> Outcome {
+                      if (manager.PersistRequest(request)) return {Decision::Stored};
+                      return {Decision::Refused, Reason::StoreRefused};
+                    });
+}
+
+Outcome UnregisterSubscription(const DeliveryKind& kind, const std::wstring& request) noexcept {
+  using Removal = RequestManager::Removal;
+  return ChangeList(
+      kind, kind.texts.unregisterRuntimeError, kind.texts.unregisterFailed,
+      [&](RequestManager& manager) -> Outcome {
+        const Removal removal = manager.RemoveRequest(request);
+        if (removal == Removal::Removed) return {Decision::Removed};
+        const bool unknown = removal == Removal::Unknown;
+        return {Decision::Refused, unknown ? Reason::NotStored : Reason::StoreRefused};
+      });
 }
 
 void FulfillSubscriptions(const DeliveryKind& kind, std::uint32_t eventType,
                           const Platform::SharedHandle& stop) {
-  RequestManager manager(kServiceDocument, kind.storeKey);
+  RequestManager manager(kServiceDocument, kind.form.list);
   manager.RegisterExistingRequests(
-      [&](const std::wstring& request) {
-        try {
-          kind.handleEvent(request, nullptr, eventType, stop);
-        } catch (const std::exception& error) {
-          Log().LogWarning(kLost, kind.name, error.what(), request.c_str());
-          throw;
-        }
-      },
+      [&](const std::wstring& request) { kind.handleEvent(request, nullptr, eventType, stop); },
       [](const std::wstring&, const Platform::WindowsRuntimeError&) {});
 }
 
 void StartDelivery(const DeliveryKind& kind, const std::wstring& request, std::uint32_t eventType,
                    const Platform::SharedHandle& stop) {
-  auto subscription = Parse(kind, request);
+  auto subscription = Parse(kind, request, eventType);
   if (subscription == nullptr || subscription->Type() != eventType) return;
+  auto delivery = std::make_shared<Records::Delivery>(
+      Records::Record{.kind = kind.kind,
+                      .subscription = Records::SubscriptionHash(request),
+                      .target = subscription->Command()->Target(),
+                      .number = eventType});
   // Taken here, so that a delivery that is dropped costs no thread.
   auto place = std::make_shared<DeliveryPlace>(kind, request);
-  if (const Limit* limit = place->Reached()) {
-    Log().LogWarning(limit->dropped, kind.name, limit->most, request.c_str());
-    return;
+  if (place->Refusal() != Reason::None) {
+    return delivery->Ends({Decision::Dropped, place->Refusal()});
   }
-  Platform::StartDetached(
-      [&kind, request, subscription = std::move(subscription), stop, place = std::move(place)] {
-        Work(kind, request, *subscription, stop, *place);
-      });
+  try {
+    Platform::StartDetached([&kind, request, subscription, stop, place, delivery] {
+      Work(kind, request, *subscription, stop, *place, *delivery);
+    });
+  } catch (const std::exception& error) {
+    delivery->Ends(Records::FailedWith(StatusOf(error), Reason::NoThread));
+    throw;
+  }
 }
 
 }  // namespace Vx::Tessel::Server::Services::Orvane

@@ -9,6 +9,7 @@
 #include "events/event_commands.h"
 #include "events/subscription_forms.h"
 #include "platform/unique_handle.h"
+#include "records/record.h"
 
 namespace Vx::Tessel::Server::Services::Orvane {
 
@@ -16,6 +17,8 @@ namespace Vx::Tessel::Server::Services::Orvane {
 // power and the Zephra request, which differ only in the names of their members.
 class EventSubscription {
  public:
+  // Throws Platform::WindowsRuntimeError when the text is not such a request.
+  EventSubscription(const std::wstring& request, const SubscriptionForm& form);
   EventSubscription(EventSubscription&&) noexcept = default;
   EventSubscription& operator=(EventSubscription&&) noexcept = default;
 
@@ -25,16 +28,20 @@ class EventSubscription {
   std::uint32_t Type() const noexcept { return eventType; }
   EventAction Action() const noexcept { return action; }
 
- protected:
-  // Throws Platform::WindowsRuntimeError when the text is not such a request.
-  EventSubscription(const std::wstring& request, const SubscriptionForm& form);
-  ~EventSubscription() = default;
+  // The package that it watches; empty for other kinds.
+  const std::wstring& Family() const noexcept { return family; }
 
  private:
   std::uint32_t eventType = 0;
   EventAction action{};
   EventCommandPtr command;
+  std::wstring family;
 };
+
+// Names the subscription of a record, and its target and package if the text can be read. Throws as
+// EventSubscription does, and std::bad_alloc.
+void NameSubscription(Records::Record& record, const std::wstring& request,
+                      const SubscriptionForm& form);
 
 // The log texts of one kind of subscription.
 struct DeliveryTexts {
@@ -51,7 +58,6 @@ struct DeliveryTexts {
   const wchar_t* registerFailed;
   const wchar_t* unregisterRuntimeError;
   const wchar_t* unregisterFailed;
-  const wchar_t* unregisterUnknown;
 };
 
 // Takes the text of a stored request, a completion handler that may be empty, the event's code, and
@@ -63,34 +69,25 @@ using DeliveryHandler = void (*)(const std::wstring& request,
 // All that distinguishes one kind of subscription from the other. A constant, so that it outlives
 // every worker.
 struct DeliveryKind {
-  const char* name;  // of the handler, in log lines
+  Records::Kind kind;
   DeliveryTexts texts;
-  const char* storeKey;
-  unsigned subscribe;  // the ids of the commands that change the list, for log lines
-  unsigned unsubscribe;
-  std::shared_ptr<const EventSubscription> (*parse)(const std::wstring& request);
+  const SubscriptionForm& form;
   DeliveryHandler handleEvent;
   std::mutex* handleEventMutex;
 };
 
-// The `parse` of a kind whose requests are of class `Request`.
-template <typename Request>
-std::shared_ptr<const EventSubscription> ParseAs(const std::wstring& request) {
-  return std::make_shared<Request>(request);
-}
-
 // Adds a request to the stored list of its kind without reading it: a malformed one fails at
-// delivery. Logs failures and the outcome for the client, and always returns 0.
-int RegisterSubscription(const DeliveryKind& kind, const std::wstring& request,
-                         const wchar_t* clientId = nullptr) noexcept;
+// delivery. Logs failures. Returns Stored, Refused or Failed.
+Records::Outcome RegisterSubscription(const DeliveryKind& kind,
+                                      const std::wstring& request) noexcept;
 
-// Removes the request with exactly this text from the stored list. Logs failures and the outcome
-// for the client, and always returns 0.
-int UnregisterSubscription(const DeliveryKind& kind, const std::wstring& request,
-                           const wchar_t* clientId = nullptr) noexcept;
+// Removes the request with exactly this text from the stored list. Logs failures. Returns Removed,
+// Refused or Failed.
+Records::Outcome UnregisterSubscription(const DeliveryKind& kind,
+                                        const std::wstring& request) noexcept;
 
-// Delivers an event to every stored request of the kind: see StartDelivery. Logs a request whose
-// worker cannot be started and goes on with the next. Throws only std::bad_alloc.
+// Delivers an event to every stored request of the kind: see StartDelivery. Goes on with the next
+// if a worker cannot be started. Throws only std::bad_alloc.
 void FulfillSubscriptions(const DeliveryKind& kind, std::uint32_t eventType,
                           const Platform::SharedHandle& stop = nullptr);
 

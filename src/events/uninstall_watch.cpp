@@ -23,6 +23,8 @@ constexpr wchar_t kFailed[] = L"PackageUninstallingEvent failed. %S";
 
 constexpr char kUnknown[] = "an exception of an unknown kind";
 
+constexpr auto kUnspecified = static_cast<std::int32_t>(0x80004005);
+
 constexpr milliseconds kWatchStep{5000};
 constexpr milliseconds kPollStep{2000};
 constexpr int kPolls = 15;
@@ -32,18 +34,21 @@ const Logging::TraceLogger& Log() {
   return *Logging::LogManager::SetProvider(Logging::kComponentProvider);
 }
 
-// The boundary of the watcher thread and of a notification.
+// The boundary of the watcher thread and of a notification. Returns the code of a failure.
 template <typename Body>
-void Contain(Body&& body) noexcept {
+std::int32_t Contain(Body&& body) noexcept {
   try {
     body();
+    return 0;
   } catch (const Platform::WindowsRuntimeError& error) {
     Log().LogError(kRuntimeError, error.message().c_str(), error.code());
+    return error.code();
   } catch (const std::exception& error) {
     Log().LogError(kFailed, error.what());
   } catch (...) {
     Log().LogError(kFailed, kUnknown);
   }
+  return kUnspecified;
 }
 
 // Polls until the uninstall has completed, for half a minute at most.
@@ -85,13 +90,15 @@ void CompletionEvent::Raise(const std::wstring& text) const {
 UninstallWatch::UninstallWatch(std::wstring packageFamilyName, UninstallMoment uninstallMoment,
                                std::shared_ptr<EventCommand> packageCommand,
                                std::shared_ptr<CompletionEvent> completionEvent,
-                               std::shared_ptr<FiringMark> firingMark)
+                               std::shared_ptr<FiringMark> firingMark,
+                               std::wstring subscriptionHash)
     : familyName(std::move(packageFamilyName)),
       moment(uninstallMoment),
       command(std::move(packageCommand)),
       completion(std::move(completionEvent)),
       stopEvent(MakeStopEvent()),
-      mark(std::move(firingMark)) {}
+      mark(std::move(firingMark)),
+      subscription(std::move(subscriptionHash)) {}
 
 void UninstallWatch::Run(const std::shared_ptr<UninstallWatch>& watch,
                          const std::shared_ptr<Platform::PackageCatalog>& catalog) noexcept {
@@ -126,24 +133,27 @@ void UninstallWatch::Stop() noexcept {
 }
 
 void UninstallWatch::OnUninstalling(const Platform::PackageUninstall& uninstall) noexcept {
-  Contain([&] { Handle(uninstall); });
+  std::optional<Records::Delivery> delivery;
+  const std::int32_t failure = Contain([&] { Handle(uninstall, delivery); });
+  if (delivery) delivery->Ends(Records::FailedWith(failure));
 }
 
-void UninstallWatch::Handle(const Platform::PackageUninstall& uninstall) {
+void UninstallWatch::Handle(const Platform::PackageUninstall& uninstall,
+                            std::optional<Records::Delivery>& delivery) {
   // A notification that came before a log-off is handled also when the lock is free only later: the
   // package went, and no other notification follows.
   if (stopping) return;
   const std::wstring received = uninstall.FamilyName();
-  const auto due = [&] { return IsDue(uninstall, received); };
+  const auto due = [&] { return IsDue(uninstall, received, delivery); };
   // A notification of another package is only logged, so a logon that runs the command late need
   // not wait for it.
   if (received != familyName) {
     due();
     return;
   }
-  const auto run = [this] {
+  const auto run = [&] {
     const auto guard = TakeTurn(*command, PackageUninstallingPCEvent::commandTurn);
-    command->Execute();
+    delivery->Ends(command->Execute());
   };
   // Marked before the handlers are called, so that one that fails does not make the command run
   // again. They also complete a request that an earlier run left stored.
@@ -152,15 +162,27 @@ void UninstallWatch::Handle(const Platform::PackageUninstall& uninstall) {
 }
 
 bool UninstallWatch::IsDue(const Platform::PackageUninstall& uninstall,
-                           const std::wstring& received) const {
+                           const std::wstring& received,
+                           std::optional<Records::Delivery>& delivery) const {
   const std::lock_guard guard(PackageUninstallingPCEvent::uninstall_event_mux);
   if (!mark->MayRun()) return false;
   Log().LogInfo(kInvoked, familyName.c_str(), received.c_str());
   if (received != familyName) return false;
+  delivery.emplace(Records::Record{.kind = Records::Kind::Uninstall,
+                                   .subscription = subscription,
+                                   .target = command->Target(),
+                                   .package = familyName,
+                                   .number = static_cast<std::uint32_t>(moment)});
   if (moment == UninstallMoment::Completed) {
+    delivery->Waits(kPollStep * kPolls);
     AwaitCompletion(uninstall);
     // Another user may still have the package. The event then stays armed.
-    if (!IsGone(familyName) || !mark->MayRun()) return false;
+    const bool gone = IsGone(familyName);
+    if (!gone || !mark->MayRun()) {
+      delivery->Ends({Records::Decision::Dropped,
+                      gone ? Records::Reason::HasRun : Records::Reason::PackageLeft});
+      return false;
+    }
   }
   mark->Begin();
   return true;

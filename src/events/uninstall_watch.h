@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -13,6 +14,7 @@
 #include "events/package_event.h"
 #include "platform/packages.h"
 #include "platform/unique_handle.h"
+#include "records/delivery.h"
 
 namespace Vx::Tessel::Server::Services::Orvane {
 
@@ -38,7 +40,7 @@ class UninstallWatch {
   UninstallWatch(std::wstring packageFamilyName, UninstallMoment uninstallMoment,
                  std::shared_ptr<EventCommand> packageCommand,
                  std::shared_ptr<CompletionEvent> completionEvent,
-                 std::shared_ptr<FiringMark> firingMark);
+                 std::shared_ptr<FiringMark> firingMark, std::wstring subscriptionHash);
 
   // The body of the watcher thread: keeps a handler on `catalog` until Stop. Returns at once
   // without a catalog.
@@ -58,12 +60,15 @@ class UninstallWatch {
   void OnUninstalling(const Platform::PackageUninstall& uninstall) noexcept;
 
  private:
-  void Handle(const Platform::PackageUninstall& uninstall);
+  // Puts what it decides to run into `delivery`.
+  void Handle(const Platform::PackageUninstall& uninstall,
+              std::optional<Records::Delivery>& delivery);
 
   // Logs a notification and returns whether the command is to run: for an uninstall that has to be
   // complete, once it is and the package is gone. Marks the run as begun before another
   // notification is decided.
-  bool IsDue(const Platform::PackageUninstall& uninstall, const std::wstring& received) const;
+  bool IsDue(const Platform::PackageUninstall& uninstall, const std::wstring& received,
+             std::optional<Records::Delivery>& delivery) const;
   void Pause();
 
   enum class Handler : std::uint8_t { Awaited, Added, Refused };
@@ -81,6 +86,7 @@ class UninstallWatch {
   std::condition_variable handlerKnown;
   Handler handler = Handler::Awaited;
   const std::shared_ptr<FiringMark> mark;
+  const std::wstring subscription;
 };
 
 }  // namespace Vx::Tessel::Server::Services::Orvane

@@ -21,8 +21,6 @@ constexpr DeliveryTexts kTexts = {
     .unregisterRuntimeError =
         L"OrvaneService - UnregisterZephraEvent threw hresult_error: Message: %s, Code: %i",
     .unregisterFailed = L"OrvaneService - UnregisterZephraEvent threw %S",
-    .unregisterUnknown =
-        L"OrvaneService - UnregisterZephraEvent: no stored subscription has exactly this text",
 };
 
 }  // namespace
@@ -30,12 +28,9 @@ constexpr DeliveryTexts kTexts = {
 std::mutex ZephraEventManager::handle_event_mutex;
 
 constinit const DeliveryKind kZephraEvents = {
-    .name = "ZephraEventManager::handle_event",
+    .kind = Records::Kind::Platform,
     .texts = kTexts,
-    .storeKey = kZephraForm.list,
-    .subscribe = kZephraForm.subscribe,
-    .unsubscribe = kZephraForm.unsubscribe,
-    .parse = &ParseAs<SubscribeForZephraEventRequest>,
+    .form = kZephraForm,
     .handleEvent = &ZephraEventManager::handle_event,
     .handleEventMutex = &ZephraEventManager::handle_event_mutex,
 };

@@ -21,12 +21,11 @@ constexpr std::wstring_view kLogonProcess = L"winlogon.exe";
 constexpr wchar_t kUserDesktop[] = L"winsta0\\default";
 constexpr std::size_t kMaxProcesses = 2048;
 
-// Returns the SYSTEM token of a session's logon process. Null on any failure.
-Platform::UniqueHandle SystemTokenIn(std::uint32_t session) {
+// Returns the SYSTEM token of a session's logon process, or error 0 if no such process is seen.
+Platform::Result<Platform::UniqueHandle> SystemTokenIn(std::uint32_t session) {
   const auto process = LogonProcessIn(session);
-  if (!process) return nullptr;
-  auto token = Platform::CurrentMachine().processes->PrimaryToken(*process);
-  return token ? std::move(*token) : nullptr;
+  if (!process) return Platform::Result<Platform::UniqueHandle>::Failure(0);
+  return Platform::CurrentMachine().processes->PrimaryToken(*process);
 }
 
 }  // namespace
@@ -42,21 +41,29 @@ std::optional<std::uint32_t> LogonProcessIn(std::uint32_t session) {
 }
 
 bool CanLaunchInSession(std::uint32_t session) {
-  return SystemTokenIn(session) != nullptr;
+  return static_cast<bool>(SystemTokenIn(session));
 }
 
-int LaunchProcessInSession(const Security::TrustedProgram& program, const std::wstring& arguments,
-                           const std::wstring& workingDirectory, std::uint32_t session,
-                           std::uint32_t& processId, const std::wstring& packageFolder) {
+Records::Outcome LaunchProcessInSession(const Security::TrustedProgram& program,
+                                        const std::wstring& arguments,
+                                        const std::wstring& workingDirectory, std::uint32_t session,
+                                        const std::wstring& packageFolder) {
+  using Records::Decision;
+  using Records::Reason;
   const Platform::Machine& machine = Platform::CurrentMachine();
 
   auto environment = machine.environment->Block(nullptr);
   // Without an environment block the program would inherit the service's variables.
-  if (!environment || environment->empty()) return 0;
+  if (!environment || environment->empty()) {
+    return {Decision::NotStarted, Reason::Windows, environment.Error()};
+  }
 
   // With a null token the program would start in the service's own session.
-  const Platform::UniqueHandle token = SystemTokenIn(session);
-  if (token == nullptr) return 0;
+  const auto token = SystemTokenIn(session);
+  if (!token) {
+    const auto error = token.Error();
+    return {Decision::NotStarted, error == 0 ? Reason::NoSession : Reason::Windows, error};
+  }
 
   Platform::ProcessStart start;
   start.application = program.Path();
@@ -65,10 +72,9 @@ int LaunchProcessInSession(const Security::TrustedProgram& program, const std::w
   start.environment = packageFolder.empty() ? *std::move(environment)
                                             : EnvironmentForPackage(*environment, packageFolder);
   start.desktop = kUserDesktop;
-  const auto started = machine.processes->Start(token.get(), start);
-  if (!started) return 0;
-  processId = *started;
-  return 1;
+  const auto started = machine.processes->Start(token->get(), start);
+  if (!started) return {Decision::NotStarted, Reason::Windows, started.Error()};
+  return {Decision::Ran, Reason::None, *started};
 }
 
 }  // namespace Vx::Tessel::Server::Services::Orvane

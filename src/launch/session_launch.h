@@ -4,6 +4,8 @@
 #include <optional>
 #include <string>
 
+#include "records/record.h"
+
 namespace Vx::Tessel::Security {
 class TrustedProgram;
 }
@@ -18,11 +20,11 @@ std::optional<std::uint32_t> LogonProcessIn(std::uint32_t session);
 // system's environment. Leaves out arguments that do not fit into a command line. An empty working
 // directory means the program's own folder. `packageFolder`, if not empty, is the folder name of a
 // packaged app; the environment then names that app's local and roaming data folders. Returns
-// non-zero when the process was created; `processId` then receives its id. Throws only
-// std::bad_alloc.
-int LaunchProcessInSession(const Security::TrustedProgram& program, const std::wstring& arguments,
-                           const std::wstring& workingDirectory, std::uint32_t session,
-                           std::uint32_t& processId, const std::wstring& packageFolder = {});
+// Ran with the process, or NotStarted with the reason. Throws only std::bad_alloc.
+Records::Outcome LaunchProcessInSession(const Security::TrustedProgram& program,
+                                        const std::wstring& arguments,
+                                        const std::wstring& workingDirectory, std::uint32_t session,
+                                        const std::wstring& packageFolder = {});
 
 // Whether this process could start a program in `session` now: a logon process is there, and its
 // token can be used. Starts nothing.

@@ -5,38 +5,40 @@
 
 namespace Vx::Tessel::Security {
 
+using Server::Records::Reason;
+
 namespace {
 
 constexpr wchar_t kCheckFailed[] = L"Security - %S - the check failed, not trusted";
 
 // The only boundary of a trust check. Every failure below it means "not trusted".
 template <typename Check>
-bool Answer(const char* operation, const wchar_t* path, Check check) noexcept {
+Reason Judge(const char* operation, const wchar_t* path, Check check) noexcept {
   try {
-    return path != nullptr && check(std::wstring(path)).trusted;
+    return path == nullptr ? Reason::NotOnDrive : ReasonOf(check(std::wstring(path)));
   } catch (...) {
     using Server::Logging::LogManager;
     LogManager::SetProvider(Server::Logging::kComponentProvider)->LogError(kCheckFailed, operation);
-    return false;
+    return Reason::Exception;
   }
 }
 
 }  // namespace
 
-bool IsTrustedBy(KeySet keys, const wchar_t* path, const char* operation) noexcept {
-  return Answer(operation, path, [&](const std::wstring& file) { return JudgeFile(file, keys); });
+Reason WhyNotTrusted(KeySet keys, const wchar_t* path, const char* operation) noexcept {
+  return Judge(operation, path, [&](const std::wstring& file) { return JudgeFile(file, keys); });
 }
 
 bool VxAuthenticodeFacade::IsFileTrusted(const wchar_t* path) {
-  return IsTrustedBy(GeneralKeys(), path, "IsFileTrusted");
+  return WhyNotTrusted(GeneralKeys(), path, "IsFileTrusted") == Reason::None;
 }
 
 bool VxAuthenticodeFacade::IsFileTrustedRestricted(const wchar_t* path) {
-  return IsTrustedBy(RestrictedKeys(), path, "IsFileTrustedRestricted");
+  return WhyNotTrusted(RestrictedKeys(), path, "IsFileTrustedRestricted") == Reason::None;
 }
 
 bool VxAuthenticodeFacade::IsDropboxFileTrusted(const wchar_t* path) {
-  return Answer("IsDropboxFileTrusted", path, &JudgeDropboxFile);
+  return Judge("IsDropboxFileTrusted", path, &JudgeDropboxFile) == Reason::None;
 }
 
 }  // namespace Vx::Tessel::Security

@@ -1,12 +1,14 @@
 #pragma once
 
+#include "records/record.h"
 #include "security/pinned_keys.h"
 
 namespace Vx::Tessel::Security {
 
-// Whether the file at the full path `path` is trusted against `keys`. A null path is not. Every
-// failure means "not trusted" and is logged with `operation`.
-bool IsTrustedBy(KeySet keys, const wchar_t* path, const char* operation) noexcept;
+// Why the file at the full path `path` is not trusted against `keys`; None if it is. A null path
+// is not. A failure of the check is a reason too, and is logged with `operation`.
+Server::Records::Reason WhyNotTrusted(KeySet keys, const wchar_t* path,
+                                      const char* operation) noexcept;
 
 // Base of the trust check, so that callers can receive another implementation. `path` is a full
 // path. A null or empty path is never trusted. Nothing is thrown.

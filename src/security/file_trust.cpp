@@ -132,6 +132,16 @@ FileTrust JudgeDropboxFile(const std::wstring& path) {
   return trust;
 }
 
+Server::Records::Reason ReasonOf(const FileTrust& trust) {
+  using Server::Records::Reason;
+  if (trust.trusted) return Reason::None;
+  if (AllSignatures(trust).empty()) return Reason::NoSignature;
+  if (!trust.trustedByWindows) {
+    return trust.pinsConfigured ? Reason::NotTrusted : Reason::NoPinnedKeys;
+  }
+  return trust.place ? Reason::Place : Reason::NotPinned;
+}
+
 std::vector<TrustStep> Explain(const FileTrust& trust, KeySet keys) {
   std::vector<TrustStep> steps;
   for (const auto& record : trust.catalogSignatures) {

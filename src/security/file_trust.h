@@ -4,6 +4,7 @@
 #include <string>
 #include <vector>
 
+#include "records/record.h"
 #include "security/authenticode_helper.h"
 #include "security/pinned_keys.h"
 #include "security/signature_record.h"
@@ -28,6 +29,9 @@ FileTrust JudgeFile(const std::wstring& path, KeySet keys);
 
 // The decision of IsDropboxFileTrusted, which depends on the signer's name and not on keys.
 FileTrust JudgeDropboxFile(const std::wstring& path);
+
+// Why a file is not trusted; None if it is.
+Server::Records::Reason ReasonOf(const FileTrust& trust);
 
 // A step of a decision, for display.
 struct TrustStep {

@@ -1,7 +1,6 @@
 #include "security/trusted_program.h"
 
 #include <algorithm>
-#include <optional>
 #include <utility>
 
 #include "host/logging.h"
@@ -18,21 +17,21 @@ namespace {
 
 using Server::Logging::kComponentProvider;
 using Server::Logging::LogManager;
+using Server::Records::Reason;
 
-constexpr wchar_t kRefusedText[] = L"TrustedProgram - [%s] is not opened, because it %s";
+constexpr wchar_t kRefusedText[] = L"TrustedProgram - [%s] is not opened, because %s";
 constexpr char kOperation[] = "IsFileTrustedRestricted";
 
-// Returns what to start for `path`, judged while `lock` holds the file. Empty when that is not
-// trusted.
-std::optional<std::wstring> JudgeLocked(const std::wstring& path, Platform::RawHandle lock,
-                                        KeySet keys) {
-  if (!IsTrustedBy(keys, path.c_str(), kOperation)) return std::nullopt;
+// Judges `path` while `lock` holds the file. Sets it to what is to be started.
+Reason JudgeLocked(std::wstring& path, Platform::RawHandle lock, KeySet keys) {
+  const Reason reason = WhyNotTrusted(keys, path.c_str(), kOperation);
+  if (reason != Reason::None) return reason;
   auto place = Platform::CurrentMachine().files->FinalPathOf(lock);
-  if (!place) return std::nullopt;
+  if (!place) return Reason::NotLocked;
   // Exactly: where a folder distinguishes case, another spelling is another object.
-  if (*place == path) return path;
-  if (!IsTrustedBy(keys, place->c_str(), kOperation)) return std::nullopt;
-  return *std::move(place);
+  if (*place == path) return Reason::None;
+  path = *std::move(place);
+  return WhyNotTrusted(keys, path.c_str(), kOperation);
 }
 
 }  // namespace
@@ -42,40 +41,45 @@ TrustedProgram::TrustedProgram(std::wstring judged, Platform::UniqueHandle held)
 
 // The text that is judged must be the text that is opened: a pipe or a share would get a connection
 // of SYSTEM before any signature is looked at.
-const wchar_t* TrustedProgram::WhyNotOpened(const std::wstring& path) {
-  if (!IsDrivePath(path)) return L"is not a full path on a drive";
+Reason TrustedProgram::WhyNotOpened(const std::wstring& path) {
+  if (!IsDrivePath(path)) return Reason::NotOnDrive;
   const bool control = std::ranges::any_of(path, [](wchar_t c) { return c < L' '; });
-  if (control) return L"holds a control character";
+  if (control) return Reason::ControlCharacter;
   if (path.find(L'%') != path.npos) {
     const auto expanded =
         Platform::CurrentMachine().environment->Expand(path, Platform::kLongestPath);
-    if (!expanded || *expanded != path) return L"holds a variable";
+    if (!expanded || *expanded != path) return Reason::Variable;
   }
   // The other places that the path rule allows are on the drives of Windows itself.
   if (DriveWindowsAppsFolder(path) && Platform::CurrentMachine().files->IsElsewhere(path)) {
-    return L"is on no drive of this machine";
+    return Reason::OtherMachine;
   }
-  return nullptr;
+  return Reason::None;
 }
 
-std::unique_ptr<const TrustedProgram> TrustedProgram::Check(const std::wstring& path, KeySet keys) {
-  if (const wchar_t* reason = WhyNotOpened(path)) {
-    LogManager::SetProvider(kComponentProvider)->LogWarning(kRefusedText, path.c_str(), reason);
-    return nullptr;
+ProgramCheck TrustedProgram::Check(const std::wstring& path, KeySet keys) {
+  if (const Reason reason = WhyNotOpened(path); reason != Reason::None) {
+    LogManager::SetProvider(kComponentProvider)
+        ->LogWarning(kRefusedText, path.c_str(), Server::Records::NameOf(reason).text);
+    return {nullptr, reason};
   }
   const VxAuthenticodeHelper helper;
   // A file elsewhere is not even read: hashing a huge one would take a minute.
-  if (!helper.MayBeAllowed(path)) return nullptr;
+  if (!helper.MayBeAllowed(path)) return {nullptr, Reason::Place};
   Platform::UniqueHandle lock = helper.AquireFileReadOnlyLock(path);
   if (lock == nullptr) {
-    if (!IsTrustedBy(keys, path.c_str(), kOperation)) return nullptr;
-    lock = helper.AquireFileReadOnlyLock(path);
-    if (lock == nullptr) return nullptr;
+    const Reason reason = WhyNotTrusted(keys, path.c_str(), kOperation);
+    if (reason == Reason::None) lock = helper.AquireFileReadOnlyLock(path);
+    // Without its lock a file mostly cannot be read either, so that its signature is not the
+    // reason.
+    if (lock == nullptr) return {nullptr, Reason::NotLocked};
   }
-  auto judged = JudgeLocked(path, lock.get(), keys);
-  if (!judged) return nullptr;
-  return std::unique_ptr<const TrustedProgram>(
-      new TrustedProgram(*std::move(judged), std::move(lock)));
+  std::wstring judged = path;
+  const Reason reason = JudgeLocked(judged, lock.get(), keys);
+  if (reason != Reason::None) return {nullptr, reason};
+  return {
+      std::unique_ptr<const TrustedProgram>(new TrustedProgram(std::move(judged), std::move(lock))),
+      Reason::None};
 }
 
 }  // namespace Vx::Tessel::Security

@@ -4,29 +4,31 @@
 #include <string>
 
 #include "platform/unique_handle.h"
+#include "records/record.h"
 #include "security/pinned_keys.h"
 
 namespace Vx::Tessel::Security {
+
+struct ProgramCheck;
 
 // A program that was judged as trusted while it was locked, and that stays locked for the life of
 // this object. The lock allows reading only, so neither the file nor the folders above it can be
 // replaced before the program is started.
 class TrustedProgram {
  public:
-  // Locks `path` and judges it against `keys`. Returns null when the program cannot be locked or is
-  // not trusted. Logs each step but not the refusal. Blocks for as long as
+  // Locks `path` and judges it against `keys`. Returns the reason if the program cannot be locked
+  // or is not trusted. Logs each step but not the refusal. Blocks for as long as
   // VxAuthenticodeFacade, which includes network look-ups of Windows. Opens only a file whose text
   // WhyNotOpened and the path rule accept.
   //
   // A lock that is refused does not end the check. If the program is then found trusted, the lock
   // is tried once more and the program is judged again under it, because the process that kept the
   // first lock from being taken could have changed the file since.
-  static std::unique_ptr<const TrustedProgram> Check(const std::wstring& path,
-                                                     KeySet keys = RestrictedKeys());
+  static ProgramCheck Check(const std::wstring& path, KeySet keys = RestrictedKeys());
 
-  // Returns why no program of this text is opened, as the end of "because it ...". Null when it is
-  // a full path on a drive of this machine, without variables. Opens nothing; any thread.
-  static const wchar_t* WhyNotOpened(const std::wstring& path);
+  // Returns why no program of this text is opened. None when it is a full path on a drive of this
+  // machine, without variables. Opens nothing; any thread.
+  static Server::Records::Reason WhyNotOpened(const std::wstring& path);
 
   TrustedProgram(const TrustedProgram&) = delete;
   TrustedProgram& operator=(const TrustedProgram&) = delete;
@@ -41,6 +43,11 @@ class TrustedProgram {
 
   std::wstring path;
   Platform::UniqueHandle lock;
+};
+
+struct ProgramCheck {
+  std::unique_ptr<const TrustedProgram> program;  // null if it is refused
+  Server::Records::Reason reason = {};            // why; None if it is not
 };
 
 }  // namespace Vx::Tessel::Security

@@ -8,6 +8,7 @@
 
 #include "json/json_text.h"
 #include "json/utf8.h"
+#include "records/record.h"
 #include "service/boundary.h"
 #include "service/json_request.h"
 #include "service/result_codes.h"
@@ -23,6 +24,7 @@ struct Call {
   const Json::WideDocument* request = nullptr;  // the same, parsed
   Json::WideDocument* response = nullptr;
   RequestCaller caller;  // its `problem` is not null
+  Records::Record& record;
 };
 
 // Whether a document that the handler works on is null. Each null one is reported.
@@ -42,12 +44,21 @@ std::uint32_t Answer(const char* operation, const Call& call, Body&& body) {
   } catch (const std::exception& error) {
     Log(call.caller).LogError(kThrew, call.caller.className, operation, error.what());
     try {
-      *call.caller.problem = {L"request", L"failed: ", Json::ToWide(error.what())};
+      *call.caller.problem = {L"request", L"failed: ", Json::ToWide(error.what()),
+                              Records::Reason::Exception};
     } catch (const std::bad_alloc&) {
-      *call.caller.problem = {L"request", L"failed"};
+      *call.caller.problem = {L"request", L"failed", {}, Records::Reason::Exception};
     }
     return kFailed;
   }
+}
+
+// Records whether a command did what it is for, unless its request was wrong.
+inline void Decide(const Call& call, bool succeeded, Records::Decision done,
+                   Records::Decision undone) {
+  if (call.caller.problem->key != nullptr) return;
+  call.record.outcome =
+      succeeded ? Records::Outcome{done} : Records::Outcome{undone, Records::Reason::EarlierLines};
 }
 
 // Adds a result of one value to the response.

@@ -11,6 +11,7 @@
 #include "bod/set_born_on_date.h"
 #include "host/logging.h"
 #include "json/json_text.h"
+#include "platform/clock.h"
 #include "platform/machine.h"
 #include "platform/runtime/type_name.h"
 #include "platform/system_services.h"
@@ -44,6 +45,7 @@ using Handler = std::uint32_t (*)(const Call& call);
 
 enum class SessionApi : std::uint8_t { NotNeeded, Needed };
 enum class BadJson : std::uint8_t { Refused, Ignored };
+enum class Effect : std::uint8_t { Reads, Changes };
 
 // One row is one command. A command without a handler is unsupported.
 struct Command {
@@ -51,49 +53,60 @@ struct Command {
   const wchar_t* name;  // for people, as the heading of its page
   SessionApi sessionApi;
   BadJson badJson;
+  Effect effect;
   Handler run;
 };
 
-std::uint32_t RecordBornOnDate(const Call& /*call*/) {
-  SetBornOnDate(*Logging::LogManager::GetLogger());
+std::uint32_t RecordBornOnDate(const Call& call) {
+  const bool stored = SetBornOnDate(*Logging::LogManager::GetLogger());
+  Decide(call, stored, Records::Decision::Done, Records::Decision::Failed);
   return kSuccess;
 }
 
 // To add a command, write its handler and name it in its row.
 constexpr Command kCommands[] = {
-    {0, L"lockdown mode", SessionApi::NotNeeded, BadJson::Ignored, &GetLockdownMode},
-    {1, nullptr, SessionApi::NotNeeded, BadJson::Refused, nullptr},
-    {2, L"registration state", SessionApi::NotNeeded, BadJson::Refused, &GetRegistrationState},
-    {3, L"skip an automatic launch", SessionApi::Needed, BadJson::Refused, &SkipAutoLaunchCriteria},
-    {4, L"left S mode", SessionApi::NotNeeded, BadJson::Refused, &HasBeenInSMode},
-    {5, L"is an automatic launch skipped", SessionApi::NotNeeded, BadJson::Refused,
+    {0, L"lockdown mode", SessionApi::NotNeeded, BadJson::Ignored, Effect::Reads, &GetLockdownMode},
+    {1, nullptr, SessionApi::NotNeeded, BadJson::Refused, Effect::Reads, nullptr},
+    {2, L"registration state", SessionApi::NotNeeded, BadJson::Refused, Effect::Reads,
+     &GetRegistrationState},
+    {3, L"skip an automatic launch", SessionApi::Needed, BadJson::Refused, Effect::Changes,
+     &SkipAutoLaunchCriteria},
+    {4, L"left S mode", SessionApi::NotNeeded, BadJson::Refused, Effect::Reads, &HasBeenInSMode},
+    {5, L"is an automatic launch skipped", SessionApi::NotNeeded, BadJson::Refused, Effect::Reads,
      &ShouldAutoLaunchBeSkipped},
-    {6, L"is a packaged app installed", SessionApi::NotNeeded, BadJson::Refused, &IsUwpInstalled},
-    {7, L"subscribe to a package event", SessionApi::NotNeeded, BadJson::Refused,
+    {6, L"is a packaged app installed", SessionApi::NotNeeded, BadJson::Refused, Effect::Reads,
+     &IsUwpInstalled},
+    {7, L"subscribe to a package event", SessionApi::NotNeeded, BadJson::Refused, Effect::Changes,
      &SubscribeToPackageEvent},
-    {8, L"copy the registration data", SessionApi::Needed, BadJson::Ignored, &CopyRegistration},
-    {9, L"subscribe to a power event", SessionApi::NotNeeded, BadJson::Refused,
+    {8, L"copy the registration data", SessionApi::Needed, BadJson::Ignored, Effect::Changes,
+     &CopyRegistration},
+    {9, L"subscribe to a power event", SessionApi::NotNeeded, BadJson::Refused, Effect::Changes,
      &SubscribeToPowerEvent},
-    {10, L"launch after resume if needed", SessionApi::Needed, BadJson::Ignored,
+    {10, L"launch after resume if needed", SessionApi::Needed, BadJson::Ignored, Effect::Reads,
      &LaunchAfterResume},
-    {11, L"launch the companion app", SessionApi::Needed, BadJson::Ignored, &LaunchCompanionApp},
-    {12, L"read the switch-software flag", SessionApi::NotNeeded, BadJson::Ignored,
+    {11, L"launch the companion app", SessionApi::Needed, BadJson::Ignored, Effect::Changes,
+     &LaunchCompanionApp},
+    {12, L"read the switch-software flag", SessionApi::NotNeeded, BadJson::Ignored, Effect::Reads,
      &GetExecutedMcAfeeStub},
-    {13, L"write the switch-software flag", SessionApi::Needed, BadJson::Refused,
+    {13, L"write the switch-software flag", SessionApi::Needed, BadJson::Refused, Effect::Changes,
      &SetExecutedMcAfeeStub},
-    {14, L"subscribe to a platform event", SessionApi::NotNeeded, BadJson::Refused,
+    {14, L"subscribe to a platform event", SessionApi::NotNeeded, BadJson::Refused, Effect::Changes,
      &SubscribeToZephraEvent},
     {15, L"unsubscribe from a platform event", SessionApi::NotNeeded, BadJson::Refused,
-     &UnsubscribeFromZephraEvent},
-    {16, L"the policy changed", SessionApi::NotNeeded, BadJson::Refused, &ReportPolicyChange},
-    {17, L"launch with a parameter", SessionApi::Needed, BadJson::Refused, &LaunchWithParameter},
-    {18, L"born-on date", SessionApi::NotNeeded, BadJson::Refused, &RecordBornOnDate},
+     Effect::Changes, &UnsubscribeFromZephraEvent},
+    {16, L"the policy changed", SessionApi::NotNeeded, BadJson::Refused, Effect::Changes,
+     &ReportPolicyChange},
+    {17, L"launch with a parameter", SessionApi::Needed, BadJson::Refused, Effect::Changes,
+     &LaunchWithParameter},
+    {18, L"born-on date", SessionApi::NotNeeded, BadJson::Refused, Effect::Changes,
+     &RecordBornOnDate},
     {19, L"unsubscribe from a power event", SessionApi::NotNeeded, BadJson::Refused,
-     &UnsubscribeFromPowerEvent},
-    {20, L"list the subscriptions", SessionApi::NotNeeded, BadJson::Refused,
+     Effect::Changes, &UnsubscribeFromPowerEvent},
+    {20, L"list the subscriptions", SessionApi::NotNeeded, BadJson::Refused, Effect::Reads,
      &OrvaneService::GetSubscriptions},
-    {21, L"sleep state", SessionApi::NotNeeded, BadJson::Refused, &OrvaneService::GetSleepState},
-    {22, L"version", SessionApi::NotNeeded, BadJson::Refused, &GetVersion},
+    {21, L"sleep state", SessionApi::NotNeeded, BadJson::Refused, Effect::Reads,
+     &OrvaneService::GetSleepState},
+    {22, L"version", SessionApi::NotNeeded, BadJson::Refused, Effect::Reads, &GetVersion},
 };
 
 template <typename Has>
@@ -118,8 +131,8 @@ static_assert(IdsThat([](const Command& c) { return c.badJson == BadJson::Ignore
 
 // Returns the row of an id, or one without a handler for an unknown id.
 const Command& CommandOf(std::uint32_t id) {
-  static constexpr Command kNoCommand = {0, nullptr, SessionApi::NotNeeded, BadJson::Refused,
-                                         nullptr};
+  static constexpr Command kNoCommand = {
+      0, nullptr, SessionApi::NotNeeded, BadJson::Refused, Effect::Reads, nullptr};
   return id < std::size(kCommands) ? kCommands[id] : kNoCommand;
 }
 
@@ -141,15 +154,18 @@ std::uint32_t RunHandler(Handler handler, const Call& call, std::uint32_t id) {
     Logging::LogManager::GetLogger()
         ->For(call.caller.clientId)
         .LogError(kUnsupported, kClass, kExecuteCommand, id);
+    call.caller.problem->reason = Records::Reason::UnknownCommand;
     return kUnsupportedFunction;
   }
   try {
     return handler(call);
   } catch (const Platform::WindowsRuntimeError&) {
     LogCurrentException(kExecuteCommand, call.caller.clientId);
+    call.caller.problem->reason = Records::Reason::Exception;
     return kRuntimeError;
   } catch (...) {
     LogCurrentException(kExecuteCommand, call.caller.clientId);
+    call.caller.problem->reason = Records::Reason::Exception;
     return kStandardException;
   }
 }
@@ -169,7 +185,7 @@ bool Deliver(const Json::WideDocument& answer, wchar_t** response) {
 
 // Parses the request, runs the handler and delivers the response. Throws std::bad_alloc.
 std::uint32_t Execute(OrvaneService& service, std::uint32_t id, const wchar_t* request,
-                      wchar_t** response, const RequestCaller& caller) {
+                      wchar_t** response, const RequestCaller& caller, Records::Record& record) {
   *response = nullptr;
   Json::InlineDocument<kRequestPool> document;
   Json::InlineDocument<kResponsePool> answer;
@@ -177,14 +193,33 @@ std::uint32_t Execute(OrvaneService& service, std::uint32_t id, const wchar_t* r
   const std::wstring_view text(request);
   const bool valid = text.size() <= kMaxRequestLength && Json::ParseJson(*document, text);
   if (!valid && command.badJson == BadJson::Refused) {
-    *caller.problem = {L"message", L"is not valid JSON"};
+    *caller.problem = {L"message", L"is not valid JSON", {}, Records::Reason::NotJson};
     return kInvalidRequest;
   }
   answer->SetObject();
   const std::uint32_t result =
-      RunHandler(command.run, {service, request, &*document, &*answer, caller}, id);
+      RunHandler(command.run, {service, request, &*document, &*answer, caller, record}, id);
   if (Deliver(*answer, response)) return result;
   throw std::bad_alloc();
+}
+
+// Logs why a request was refused or not taken as its sender meant it.
+void LogProblem(std::uint32_t id, std::uint32_t result, const RequestCaller& caller) {
+  RequestProblem& problem = *caller.problem;
+  if (problem.key == nullptr) {
+    if (result == kSuccess) return;
+    problem.key = L"request";
+    problem.what = L"could not be carried out";
+  }
+  const auto report = [&](auto write) {
+    write(kProblem, kClass, kExecuteCommand, id, problem.key, problem.what, problem.detail.c_str(),
+          result);
+  };
+  if (result == kSuccess) {
+    report([&](auto... texts) { Log(caller).LogWarning(texts...); });
+  } else {
+    report([&](auto... texts) { Log(caller).LogError(texts...); });
+  }
 }
 
 // The checks before the documents are made. Returns kSuccess for a command that may run.
@@ -192,15 +227,19 @@ std::uint32_t CheckCall(const ClientContext* context, std::uint32_t id, const wc
                         wchar_t** response, const RequestCaller& caller) {
   if (CommandOf(id).sessionApi == SessionApi::Needed &&
       !Platform::CurrentMachine().apiSets->IsPresent(Platform::kSessionApiSet)) {
-    *caller.problem = {Platform::kSessionApiSet, L"is missing on this Windows"};
+    *caller.problem = {
+        Platform::kSessionApiSet, L"is missing on this Windows", {}, Records::Reason::NoSessionApi};
     return kNoSessionApiSet;
   }
   if (context == nullptr) {
-    *caller.problem = {L"context", L"is null"};
+    *caller.problem = {L"context", L"is null", {}, Records::Reason::NullArgument};
     return kFailed;
   }
   if (NullChecker({{request, "message"}, {response, "outString"}}, caller)) {
-    *caller.problem = {request == nullptr ? L"message" : L"outString", L"is null"};
+    *caller.problem = {request == nullptr ? L"message" : L"outString",
+                       L"is null",
+                       {},
+                       Records::Reason::NullArgument};
     return kFailed;
   }
   return kSuccess;
@@ -216,37 +255,39 @@ std::uint32_t Dispatch(OrvaneService& service, const ClientContext* context, std
                        const wchar_t* request, wchar_t** response,
                        CompletionCallback* callback) noexcept {
   const CallbackOwner owner(callback);
-  RequestProblem problem;
+  const Platform::Clock& clock = *Platform::CurrentMachine().clock;
+  const std::uint64_t start = clock.TickCount();
+  RequestProblem problem{.reason = Records::Reason::EarlierLines};
   const RequestCaller caller{context == nullptr ? nullptr : context->clientId, &problem};
   const auto log = Logging::LogManager::GetLogger()->For(caller.clientId);
+  Records::Record record{.client = caller.clientId, .number = id};
   std::uint32_t result = kFailed;
   try {
     result = CheckCall(context, id, request, response, caller);
-    if (result == kSuccess) result = Execute(service, id, request, response, caller);
+    if (result == kSuccess) result = Execute(service, id, request, response, caller, record);
   } catch (const std::bad_alloc&) {
     log.LogError(kNoMemory);
+    problem.reason = Records::Reason::Exception;
     result = kFailed;
   } catch (...) {
     LogCurrentException(kExecuteCommand, caller.clientId);
+    problem.reason = Records::Reason::Exception;
     result = kFailed;
   }
   // An unknown id has left its own line.
-  if (result == kUnsupportedFunction) return result;
-  if (result != kSuccess && problem.key == nullptr) {
-    problem = {L"request", L"could not be carried out"};
+  if (result != kUnsupportedFunction) LogProblem(id, result, caller);
+  const auto decide = [&](const Records::Outcome& outcome) {
+    if (record.outcome.decision == Records::Decision::None) record.outcome = outcome;
+  };
+  if (result != kSuccess || problem.key != nullptr) {
+    const bool failed = problem.reason == Records::Reason::Exception;
+    decide({failed ? Records::Decision::Failed : Records::Decision::Refused, problem.reason});
+  } else if (CommandOf(id).effect == Effect::Changes) {
+    decide({Records::Decision::Done});
   }
-  if (problem.key != nullptr) {
-    const auto report = [&](auto write) {
-      write(kProblem, kClass, kExecuteCommand, id, problem.key, problem.what,
-            problem.detail.c_str(), result);
-    };
-    // A request that returned 0 was taken, though not as its sender meant it.
-    if (result == kSuccess) {
-      report([&](auto... texts) { log.LogWarning(texts...); });
-    } else {
-      report([&](auto... texts) { log.LogError(texts...); });
-    }
-  }
+  record.outcome.number = result;
+  record.milliseconds = clock.TickCount() - start;
+  if (record.outcome.decision != Records::Decision::None) Records::Write(record);
   return result;
 }
 

@@ -27,7 +27,8 @@ const wchar_t* CommandName(std::uint32_t id) noexcept;
 // every path.
 //
 // A refused command, and a request with an unusable key, leave one error line that names the
-// function id, the key and the reason.
+// function id, the key and the reason. These and a command that changes something leave a record,
+// in which the handler names what it changed.
 std::uint32_t Dispatch(OrvaneService& service, const ClientContext* context,
                        std::uint32_t functionId, const wchar_t* request, wchar_t** response,
                        CompletionCallback* callback) noexcept;

@@ -8,6 +8,7 @@
 #include "host/logging.h"
 #include "json/json_text.h"
 #include "platform/runtime/type_name.h"
+#include "records/record.h"
 
 namespace Vx::Tessel::Server::Services::Orvane {
 
@@ -19,6 +20,7 @@ struct RequestProblem {
   const wchar_t* key = nullptr;  // the member or argument, null while nothing is wrong
   const wchar_t* what = L"";     // continues the sentence that `key` begins
   std::wstring detail = {};      // ends the sentence
+  Records::Reason reason = Records::Reason::BadMember;
 };
 
 // The client on whose behalf an accessor reads, and the class that its log lines name.

@@ -21,6 +21,7 @@ std::uint32_t CopyRegistration(const Call& call) {
     if (LacksResponse(call)) return kFailed;
     const bool copied =
         CopyRegistrationData(call.caller.clientId, *Logging::LogManager::GetLogger());
+    Decide(call, copied, Records::Decision::Done, Records::Decision::Failed);
     AddAnswer(*call.response, L"copied", Json::WideValue(copied));
     return kSuccess;
   });
@@ -30,6 +31,8 @@ std::uint32_t LaunchAfterResume(const Call& call) {
   return Answer("LaunchUwpWhenComingBackFromSleepIfNeeded", call, [&] {
     if (LacksResponse(call)) return kFailed;
     const auto reason = Qubo::QuboFacade().LaunchUwpWhenComingBackFromSleepIfNeeded();
+    // Without one nothing was changed.
+    if (reason != Qubo::QuboStartingPoint::None) call.record.outcome = {Records::Decision::Done};
     AddAnswer(*call.response, L"startingPoint", Json::WideValue(static_cast<unsigned>(reason)));
     return kSuccess;
   });
@@ -40,7 +43,9 @@ std::uint32_t LaunchCompanionApp(const Call& call) {
     if (LacksResponse(call)) return kFailed;
     const Qubo::QuboFacade facade;
     facade.RegisterApp();
-    AddAnswer(*call.response, L"launched", Json::WideValue(facade.LaunchUwpForOobe()));
+    const bool launched = facade.LaunchUwpForOobe();
+    Decide(call, launched, Records::Decision::Ran, Records::Decision::NotStarted);
+    AddAnswer(*call.response, L"launched", Json::WideValue(launched));
     return kSuccess;
   });
 }
@@ -55,8 +60,9 @@ std::uint32_t LaunchWithParameter(const Call& call) {
     }
     const Qubo::QuboFacade facade;
     facade.RegisterApp();
-    AddAnswer(*call.response, L"launched",
-              Json::WideValue(facade.LaunchUwpWithParameter(parameter)));
+    const bool launched = facade.LaunchUwpWithParameter(parameter);
+    Decide(call, launched, Records::Decision::Ran, Records::Decision::NotStarted);
+    AddAnswer(*call.response, L"launched", Json::WideValue(launched));
     return kSuccess;
   });
 }

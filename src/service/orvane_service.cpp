@@ -184,24 +184,24 @@ bool OrvaneService::RegisterAppPackageEvent(const wchar_t* request) {
   return Orvane::RegisterAppPackageEvent(request, state.get(), state->stopEvent);
 }
 
-int OrvaneService::RegisterPowerEvent(const wchar_t* request, const wchar_t* clientId) {
-  return RegisterSubscription(kPowerEvents, request, clientId);
+Records::Outcome OrvaneService::RegisterPowerEvent(const wchar_t* request) {
+  return RegisterSubscription(kPowerEvents, request);
 }
 
-int OrvaneService::UnregisterPowerEvent(const wchar_t* request, const wchar_t* clientId) {
-  return UnregisterSubscription(kPowerEvents, request, clientId);
+Records::Outcome OrvaneService::UnregisterPowerEvent(const wchar_t* request) {
+  return UnregisterSubscription(kPowerEvents, request);
 }
 
 void OrvaneService::FulfillPowerManagementEventRequests(std::uint32_t eventType) {
   FulfillSubscriptions(kPowerEvents, eventType, state->stopEvent);
 }
 
-int OrvaneService::RegisterZephraEvent(const wchar_t* request, const wchar_t* clientId) {
-  return RegisterSubscription(kZephraEvents, request, clientId);
+Records::Outcome OrvaneService::RegisterZephraEvent(const wchar_t* request) {
+  return RegisterSubscription(kZephraEvents, request);
 }
 
-int OrvaneService::UnregisterZephraEvent(const wchar_t* request, const wchar_t* clientId) {
-  return UnregisterSubscription(kZephraEvents, request, clientId);
+Records::Outcome OrvaneService::UnregisterZephraEvent(const wchar_t* request) {
+  return UnregisterSubscription(kZephraEvents, request);
 }
 
 void OrvaneService::FulfillZephraManagementEventRequests(std::uint32_t eventType) {
@@ -258,17 +258,19 @@ bool OrvaneService::Launch10SSwitchSoftwares() {
   return arguments && LaunchExeFor10SSwitch(kSwitchProgram, arguments->c_str());
 }
 
-int OrvaneService::OnPolicyChangedEvent(const wchar_t* /*request*/, const wchar_t* /*clientId*/) {
+Records::Outcome OrvaneService::OnPolicyChangedEvent() {
   try {
     Storage::CapDataStore store;
-    store.persist(kPolicyChangedKey, "yes");
+    const bool stored = store.persist(kPolicyChangedKey, "yes");
     FulfillZephraManagementEventRequests(static_cast<std::uint32_t>(ZephraEvent::PolicyChanged));
+    return {Records::Decision::Done,
+            stored ? Records::Reason::None : Records::Reason::StoreRefused};
   } catch (const Platform::WindowsRuntimeError& error) {
     state->logger->LogWarning(kPolicyRuntimeError, error.message().c_str(), error.code());
   } catch (const std::exception& error) {
     state->logger->LogWarning(kPolicyFailed, error.what());
   }
-  return 0;
+  return {Records::Decision::Failed, Records::Reason::Exception};
 }
 
 }  // namespace Vx::Tessel::Server::Services::Orvane

@@ -4,6 +4,7 @@
 #include <memory>
 
 #include "host/vx_service.h"
+#include "records/record.h"
 #include "service/service_state.h"
 
 namespace Vx::Tessel::Server::Services::Orvane {
@@ -41,12 +42,12 @@ class OrvaneService final : public VxService {
   bool RegisterAppPackageEvent(const wchar_t* request);
 
   // Change the stored lists of power and platform ("Zephra") subscriptions, or raise the platform
-  // event of a changed policy. The client is named in log lines. Return 0.
-  int RegisterPowerEvent(const wchar_t* request, const wchar_t* clientId);
-  int UnregisterPowerEvent(const wchar_t* request, const wchar_t* clientId);
-  int RegisterZephraEvent(const wchar_t* request, const wchar_t* clientId);
-  int UnregisterZephraEvent(const wchar_t* request, const wchar_t* clientId);
-  int OnPolicyChangedEvent(const wchar_t* request, const wchar_t* clientId);
+  // event of a changed policy.
+  Records::Outcome RegisterPowerEvent(const wchar_t* request);
+  Records::Outcome UnregisterPowerEvent(const wchar_t* request);
+  Records::Outcome RegisterZephraEvent(const wchar_t* request);
+  Records::Outcome UnregisterZephraEvent(const wchar_t* request);
+  Records::Outcome OnPolicyChangedEvent();
 
   // Deliver an event to every stored subscription of its kind. See FulfillSubscriptions.
   void FulfillPowerManagementEventRequests(std::uint32_t eventType);

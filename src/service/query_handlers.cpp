@@ -61,6 +61,7 @@ std::uint32_t SkipAutoLaunchCriteria(const Call& call) {
     if (LacksDocuments(call)) return kFailed;
     const std::string keyName = SkipAutoLaunchCriteriaRequest(call.request, call.caller);
     const bool marked = Qubo::QuboFacade().SkipAutoLaunchCriteria(keyName);
+    Decide(call, marked, Records::Decision::Done, Records::Decision::Failed);
     AddAnswer(*call.response, L"setOperationOkay", Json::WideValue(marked));
     return kSuccess;
   });
@@ -113,7 +114,9 @@ std::uint32_t SetExecutedMcAfeeStub(const Call& call) {
     if (!ParseJsonValue(call.request, &launched, call.caller)) return kFailed;
     Storage::CapDataStore store;
     const auto flag = Storage::BsonElement::Boolean(launched);
-    return store.mergeMember(kServiceDocument, kExecutedStub, flag) ? kSuccess : kFailed;
+    if (store.mergeMember(kServiceDocument, kExecutedStub, flag)) return kSuccess;
+    call.record.outcome = {Records::Decision::Refused, Records::Reason::StoreRefused};
+    return kFailed;
   });
 }
 

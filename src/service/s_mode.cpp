@@ -90,12 +90,12 @@ bool LaunchExeFor10SSwitch(const wchar_t* pathToExecute, const wchar_t* argument
   const auto path =
       Platform::CurrentMachine().environment->Expand(pathToExecute, Platform::kShortPath);
   if (!path) return false;
-  const auto program = Security::TrustedProgram::Check(*path);
-  if (program == nullptr) {
+  const auto check = Security::TrustedProgram::Check(*path);
+  if (check.program == nullptr) {
     logger.LogError(kNotTrusted, kClass, kLaunchExe, path->c_str());
     return false;
   }
-  return StartSwitchSoftware(*program, arguments, logger);
+  return StartSwitchSoftware(*check.program, arguments, logger);
 }
 
 }  // namespace Vx::Tessel::Server::Services::Orvane

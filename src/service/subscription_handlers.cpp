@@ -5,9 +5,10 @@
 #include "events/package_event.h"
 #include "events/package_event_manager.h"
 #include "events/power_events.h"
-#include "events/subscription_hash.h"
+#include "events/subscription_forms.h"
 #include "events/zephra_events.h"
 #include "host/logging.h"
+#include "json/json_object.h"
 #include "platform/windows_runtime_error.h"
 #include "service/orvane_service.h"
 #include "storage/request_manager.h"
@@ -16,7 +17,9 @@ namespace Vx::Tessel::Server::Services::Orvane {
 
 namespace {
 
-constexpr unsigned kSubscribeToPackageEvent = 7;  // the id of the command
+using Records::Decision;
+using Records::Outcome;
+using Records::Reason;
 
 constexpr wchar_t kPackageRuntimeError[] =
     L"OrvaneService - RegisterAppPackageEvent threw hresult_error: Message: %s, Code: %i";
@@ -25,48 +28,59 @@ constexpr wchar_t kPackageFailed[] = L"OrvaneService - RegisterAppPacakgeEvent t
 RequestProblem ProblemOf(const Platform::WindowsRuntimeError& error) {
   switch (error.code()) {
     case kAlreadySubscribed:
-      return {L"request", L"is subscribed already"};
+      return {L"request", L"is subscribed already", {}, Reason::AlreadyStored};
     case kPackageNotInstalled:
-      return {L"packageFamilyName", L"names a package that is not installed"};
+      return {
+          L"packageFamilyName", L"names a package that is not installed", {}, Reason::NotInstalled};
     case kConsoleUserUnavailable:
-      return {L"request", L"needs a user at the console"};
+      return {L"request", L"needs a user at the console", {}, Reason::NoConsoleUser};
     case kUnknownCatalogEvent:
-      return {L"catalogEvent", L"is unknown"};
+      return {L"catalogEvent", L"is unknown", {}, Reason::UnknownEvent};
     case kUnknownAction:
-      return {L"catalogAction", L"is unknown"};
+      return {L"catalogAction", L"is unknown", {}, Reason::UnknownAction};
+    case Json::kJsonValueNotFound:
+    case Json::kIllegalMethodCall:
+      return {L"request", L"failed: ", error.message(), Reason::BadMember};
     default:
-      return {L"request", L"failed: ", error.message()};
+      return {L"request", L"failed: ", error.message(), Reason::EarlierLines};
   }
 }
 
-// A power or platform subscription is stored unread, so a fault in it does not change the result.
-// Report the fault now instead of when the event occurs.
-template <typename Request>
-void ReportUnreadable(const Call& call) {
+// Names the subscription in the record. A power or platform subscription is stored unread, so a
+// fault in it does not change the result. Report the fault now instead of when the event occurs.
+enum class Faults { Reported, Ignored };
+void Name(const Call& call, const SubscriptionForm& form, Faults faults = Faults::Ignored) {
   try {
-    const Request readable(call.text);
+    NameSubscription(call.record, call.text, form);
   } catch (const Platform::WindowsRuntimeError& error) {
-    *call.caller.problem = {L"request", L"will never run: ", error.message()};
+    Outcome& outcome = call.record.outcome;
+    if (faults == Faults::Ignored) return;
+    *call.caller.problem = {L"request", L"will never run: ", error.message(), Reason::Unreadable};
+    if (outcome.reason == Reason::None) outcome.reason = Reason::Unreadable;
   } catch (const std::exception&) {  // NOLINT(bugprone-empty-catch)
-    // The request is stored; without memory for a second look its result stays 0.
+    // The list is changed; without memory for a second look the result stays.
   }
 }
 
-// Subscribes and reports a failure. Sets `change` to the outcome for the list.
-std::uint32_t TrySubscribeToPackageEvent(const Call& call, ListChange& change) {
+std::uint32_t TrySubscribeToPackageEvent(const Call& call) {
   const auto log = Log(call.caller);
-  change = ListChange::Refused;
+  Outcome& outcome = call.record.outcome;
+  outcome = {Decision::Refused, Reason::StoreRefused};
   try {
-    if (call.service.RegisterAppPackageEvent(call.text)) change = ListChange::Accepted;
+    if (call.service.RegisterAppPackageEvent(call.text)) outcome = {Decision::Stored};
     return kSuccess;
   } catch (const Platform::WindowsRuntimeError& error) {
     log.LogError(kPackageRuntimeError, error.message().c_str(), error.code());
     *call.caller.problem = ProblemOf(error);
+    outcome.reason = call.caller.problem->reason;
     if (error.code() == kAlreadySubscribed) return kRuntimeError;
     return static_cast<std::uint32_t>(error.code());
   } catch (const std::exception& error) {
     log.LogError(kPackageFailed, error.what());
-    if (dynamic_cast<const NotWatched*>(&error) != nullptr) change = ListChange::Accepted;
+    outcome = {Decision::Failed, Reason::Exception};
+    if (dynamic_cast<const NotWatched*>(&error) != nullptr) {
+      outcome = {Decision::Stored, Reason::NotWatched};
+    }
     return kStandardException;
   }
 }
@@ -74,36 +88,37 @@ std::uint32_t TrySubscribeToPackageEvent(const Call& call, ListChange& change) {
 }  // namespace
 
 std::uint32_t SubscribeToPackageEvent(const Call& call) {
-  ListChange change{};
-  const std::uint32_t result = TrySubscribeToPackageEvent(call, change);
-  LogListChange(change, call.text, call.caller.clientId, kSubscribeToPackageEvent);
+  const std::uint32_t result = TrySubscribeToPackageEvent(call);
+  Name(call, kPackageForm);
   return result;
 }
 
 std::uint32_t SubscribeToPowerEvent(const Call& call) {
-  call.service.RegisterPowerEvent(call.text, call.caller.clientId);
-  ReportUnreadable<SubscribeForPowerEventRequest>(call);
+  call.record.outcome = call.service.RegisterPowerEvent(call.text);
+  Name(call, kPowerForm, Faults::Reported);
   return kSuccess;
 }
 
 std::uint32_t SubscribeToZephraEvent(const Call& call) {
-  call.service.RegisterZephraEvent(call.text, call.caller.clientId);
-  ReportUnreadable<SubscribeForZephraEventRequest>(call);
+  call.record.outcome = call.service.RegisterZephraEvent(call.text);
+  Name(call, kZephraForm, Faults::Reported);
   return kSuccess;
 }
 
 std::uint32_t UnsubscribeFromPowerEvent(const Call& call) {
-  call.service.UnregisterPowerEvent(call.text, call.caller.clientId);
+  call.record.outcome = call.service.UnregisterPowerEvent(call.text);
+  Name(call, kPowerForm);
   return kSuccess;
 }
 
 std::uint32_t UnsubscribeFromZephraEvent(const Call& call) {
-  call.service.UnregisterZephraEvent(call.text, call.caller.clientId);
+  call.record.outcome = call.service.UnregisterZephraEvent(call.text);
+  Name(call, kZephraForm);
   return kSuccess;
 }
 
 std::uint32_t ReportPolicyChange(const Call& call) {
-  call.service.OnPolicyChangedEvent(call.text, call.caller.clientId);
+  call.record.outcome = call.service.OnPolicyChangedEvent();
   return kSuccess;
 }
 

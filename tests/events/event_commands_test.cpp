@@ -170,7 +170,7 @@ TEST_F(RealLaunchTest, StartsATrustedProgramOnTheUsersDesktopAndReportsIt) {
   const Tests::EnvironmentOverride own(L"VX_PROBE", L"of the service");
   const std::wstring path = folder / L"a tool.exe";
   std::filesystem::copy_file(Tests::PkiFile(L"pinned.exe"), path);
-  Command(path).Execute();
+  EXPECT_EQ(Command(path).Execute().decision, Records::Decision::Ran);
 
   const auto report = Tests::WaitForProbe(path + L".out");
   ASSERT_TRUE(report);
@@ -239,24 +239,27 @@ TEST_F(RealLaunchTest, CanBeUpdatedWhileItWaitsForItsTurnAndIsThenCheckedAgain) 
 }
 
 TEST_F(RealLaunchTest, StartsNothingThatIsNotTrusted) {
+  using Records::Reason;
   const auto misplaced = userFolder / L"pinned.exe";
   std::filesystem::copy_file(Tests::PkiFile(L"pinned.exe"), misplaced);
   const struct {
     std::wstring path;
     std::wstring lock;  // the outcome that is logged first; empty when nothing is opened
+    Records::Reason reason;
   } cases[] = {
-      {folder.Hold(L"general.exe"), L"succeeded"},  // its key is not in the restricted set
-      {folder.Hold(L"unpinned.exe"), L"succeeded"},
-      {folder.Hold(L"unsigned.exe"), L"succeeded"},
-      {folder.Hold(L"tampered.exe"), L"succeeded"},
-      {folder / L"missing.exe", L"FAILED"},
-      {misplaced, L""},
-      {L"pinned.exe", L""},
+      {folder.Hold(L"general.exe"), L"succeeded",
+       Reason::NotPinned},  // its key is not in the restricted set
+      {folder.Hold(L"unpinned.exe"), L"succeeded", Reason::NotPinned},
+      {folder.Hold(L"unsigned.exe"), L"succeeded", Reason::NoSignature},
+      {folder.Hold(L"tampered.exe"), L"succeeded", Reason::NoSignature},
+      {folder / L"missing.exe", L"FAILED", Reason::NotLocked},
+      {misplaced, L"", Reason::Place},
+      {L"pinned.exe", L"", Reason::NotOnDrive},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(testing::PrintToString(c.path));
     log.Clear();
-    Command(c.path).Execute();
+    EXPECT_EQ(Command(c.path).Execute().reason, c.reason);
     if (!c.lock.empty()) {
       EXPECT_EQ(log.Lines().front(), LockLine(c.path, c.lock.c_str()));
     } else {

@@ -111,7 +111,7 @@ class ReplayTest : public DeliveryTest {
  protected:
   // Returns how many workers an event starts for the stored list, once they have ended.
   std::ptrdiff_t Replay(const DeliveryKind& kind, const std::wstring& list) {
-    Storage::CapDataStore().mergeMember(kServiceDocument, kind.storeKey,
+    Storage::CapDataStore().mergeMember(kServiceDocument, kind.form.list,
                                         Storage::BsonElement::Text(list));
     machine.faults.Clear();
     log.Clear();

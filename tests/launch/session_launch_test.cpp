@@ -22,7 +22,8 @@ class SessionLaunchTest : public Tests::MachineTest {
  protected:
   // Returns whether the program was started in the session.
   bool Launch(std::uint32_t session = 1) {
-    return LaunchProcessInSession(*program, {}, {}, session, processId) != 0;
+    outcome = LaunchProcessInSession(*program, {}, {}, session);
+    return outcome.decision == Records::Decision::Ran;
   }
   // Adds a process of the user, or if the name is empty one of the system in session 0.
   std::uint32_t Run(const wchar_t* image, const std::wstring& user = {}) {
@@ -34,15 +35,15 @@ class SessionLaunchTest : public Tests::MachineTest {
 
   Tests::ProtectedFolder folder;
   const std::unique_ptr<const Security::TrustedProgram> program =
-      Security::TrustedProgram::Check(folder.Hold(L"pinned.exe"));
-  std::uint32_t processId = 0;
+      Security::TrustedProgram::Check(folder.Hold(L"pinned.exe")).program;
+  Records::Outcome outcome;
 };
 
 TEST_F(SessionLaunchTest, TakesTheTokenOfTheFirstLogonProcessThatCanBeRead) {
   Run(kLogon, L"ann");
   EXPECT_TRUE(Launch());
   EXPECT_EQ(machine.processes.Started().back().user, L"SYSTEM");
-  EXPECT_EQ(machine.processes.Started().back().id, processId);
+  EXPECT_EQ(machine.processes.Started().back().id, outcome.number);
   machine.faults.FailCall(2);
   EXPECT_TRUE(Launch());
   EXPECT_EQ(machine.faults.Calls()[2], "Processes.ImagePath");
@@ -65,14 +66,27 @@ TEST_F(SessionLaunchTest, KnowsTheLogonProcessByItsExactNameAmongTheFirst2048) {
   EXPECT_FALSE(Launch(0));
 }
 
-TEST_F(SessionLaunchTest, AnswersZeroWithoutATokenAnEnvironmentOrAStart) {
-  for (const char* call : {"Environment.Block", "Processes.Ids", "Processes.ImagePath",
-                           "Processes.Session", "Processes.PrimaryToken", "Processes.Start"}) {
-    machine.faults.FailNamed(call);
-    EXPECT_FALSE(Launch()) << call;
+TEST_F(SessionLaunchTest, SaysWhatIsMissingForAStart) {
+  constexpr auto kNoProcess = Records::Reason::NoSession;
+  constexpr auto kRefused = Records::Reason::Windows;
+  static constexpr struct {
+    const char* call;
+    Records::Reason reason;
+    std::uint32_t error;
+  } kCases[] = {
+      {"Environment.Block", kRefused, 5},      {"Processes.Ids", kNoProcess, 0},
+      {"Processes.ImagePath", kNoProcess, 0},  {"Processes.Session", kNoProcess, 0},
+      {"Processes.PrimaryToken", kRefused, 5}, {"Processes.Start", kRefused, 5},
+  };
+  for (const auto& c : kCases) {
+    SCOPED_TRACE(c.call);
+    machine.faults.FailNamed(c.call);
+    EXPECT_FALSE(Launch());
+    EXPECT_EQ(outcome.decision, Records::Decision::NotStarted);
+    EXPECT_EQ(outcome.reason, c.reason);
+    EXPECT_EQ(outcome.number, c.error);
   }
   EXPECT_THAT(machine.processes.Started(), SizeIs(0));
-  EXPECT_EQ(processId, 0U);
 }
 
 }  // namespace

@@ -40,7 +40,7 @@ constexpr wchar_t kPinned[] = L"pinned.exe";
 
 // The path to start for `path`; empty when that is not trusted.
 std::wstring Checked(const std::wstring& path) {
-  const auto program = TrustedProgram::Check(path);
+  const auto program = TrustedProgram::Check(path).program;
   return program == nullptr ? std::wstring() : program->Path();
 }
 
@@ -102,7 +102,7 @@ TEST(TrustedProgramTest, KeepsItsFileFromBeingReplacedUntilItGoes) {
   const Tests::ProtectedFolder folder;
   const std::wstring path = folder.Hold(kPinned);
   Platform::Files& files = *Platform::CurrentMachine().files;
-  auto program = TrustedProgram::Check(path);
+  auto program = TrustedProgram::Check(path).program;
   ASSERT_NE(program, nullptr);
   EXPECT_NE(files.Remove(path), 0U);
   EXPECT_NE(files.MoveOver(path, folder / L"moved.exe"), 0U);

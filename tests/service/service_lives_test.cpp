@@ -187,16 +187,16 @@ TEST_F(ServiceLivesTest, DestructionEndsTheDeliveriesThatWait) {
   OrvaneService* const other = OrvaneService::Create();
   for (OrvaneService* service : {host.service.get(), other}) {
     service->power_event_task(7);
-    service->OnPolicyChangedEvent(L"", L"");
+    service->OnPolicyChangedEvent();
   }
   machine.clock.Settle();
   log.Clear();
   host.End();
   machine.clock.Settle();
   EXPECT_EQ(machine.clock.Workers(), 2U);
-  EXPECT_THAT(log.Lines(), testing::UnorderedElementsAre(
-                               HasSubstr(L"PowerEventManager::handle_event - dropped while it "),
-                               HasSubstr(L"ZephraEventManager::handle_event - dropped while it ")));
+  EXPECT_THAT(log.Records(),
+              testing::UnorderedElementsAre(HasSubstr(L"power 7 dropped:service_ended"),
+                                            HasSubstr(L"platform 1 dropped:service_ended")));
   other->Destroy(1);
   machine.clock.Settle();
   EXPECT_EQ(machine.clock.Workers(), 0U);

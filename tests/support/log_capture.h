@@ -1,6 +1,7 @@
 #pragma once
 
 #include <algorithm>
+#include <cstdint>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -10,7 +11,7 @@
 namespace Vx::Tests {
 
 // Collects every log line that is written while it lives, as "info|", "warning|" or "error|" and
-// the message. Any thread may log meanwhile.
+// the message, and instead of the line of a record its fields. Any thread may log meanwhile.
 class LogCapture {
  public:
   LogCapture()
@@ -31,6 +32,19 @@ class LogCapture {
     return callers;
   }
 
+  // "KIND NUMBER DECISION", then ":REASON", " TARGET", " in PACKAGE", " by CLIENT", " of
+  // SUBSCRIPTION", " status N", " process N", " after N ms" where there is such a field.
+  std::vector<std::wstring> Records() const {
+    const std::lock_guard guard(mutex);
+    return records;
+  }
+
+  // The numbers of the deliveries of the same records.
+  std::vector<std::uint64_t> Deliveries() const {
+    const std::lock_guard guard(mutex);
+    return deliveries;
+  }
+
   bool Has(const std::wstring& line) const {
     const auto all = Lines();
     return std::find(all.begin(), all.end(), line) != all.end();
@@ -40,19 +54,42 @@ class LogCapture {
     const std::lock_guard guard(mutex);
     lines.clear();
     callers.clear();
+    records.clear();
+    deliveries.clear();
   }
 
  private:
   void Add(const Tessel::Server::Logging::LogRecord& record) {
     static constexpr const wchar_t* kLevels[] = {L"info|", L"warning|", L"error|"};
     const std::lock_guard guard(mutex);
+    if (record.record != nullptr) return AddRecord(*record.record);
     lines.push_back(kLevels[static_cast<int>(record.level)] + std::wstring(record.message));
     callers.emplace_back(record.caller);
+  }
+
+  void AddRecord(const VxLogRecord& record) {
+    std::wstring text =
+        record.kind + (L" " + std::to_wstring(record.number) + L" ") + record.decision;
+    const auto add = [&text](const wchar_t* name, const std::wstring& value) {
+      if (!value.empty() && value != L"0") text += name + value;
+    };
+    add(L":", record.reason);
+    add(L" ", record.target);
+    add(L" in ", record.package);
+    add(L" by ", record.client);
+    add(L" of ", record.subscription);
+    add(L" status ", std::to_wstring(static_cast<std::int32_t>(record.status)));
+    add(L" process ", std::to_wstring(record.process));
+    add(L" after ", std::to_wstring(record.milliseconds));
+    records.push_back(text);
+    deliveries.push_back(record.delivery);
   }
 
   mutable std::mutex mutex;
   std::vector<std::wstring> lines;
   std::vector<std::wstring> callers;
+  std::vector<std::wstring> records;
+  std::vector<std::uint64_t> deliveries;
   Tessel::Server::Logging::LogManager::SinkId sink;
 };
 

@@ -9,12 +9,12 @@
 #include <vector>
 
 #include "events/package_event_request.h"
-#include "events/subscription_hash.h"
 #include "hosting/store_hold.h"
 #include "hosting/text.h"
 #include "json/json_object.h"
 #include "json/json_text.h"
 #include "platform/windows_runtime_error.h"
+#include "records/subscription_hash.h"
 #include "storage/request_manager.h"
 #include "storage/sealed_file.h"
 #include "vxhost/play/played_keys.h"
@@ -190,7 +190,8 @@ class Composer {
 
 // Writes what was added or removed. Returns the exit code.
 int Report(const wchar_t* done, const std::wstring& text, bool succeeded, Console& console) {
-  const std::wstring hash = text.empty() ? std::wstring() : SubscriptionHash(text);
+  const std::wstring hash =
+      text.empty() ? std::wstring() : Tessel::Server::Records::SubscriptionHash(text);
   if (console.WritesJson()) {
     Json::WideDocument result(rapidjson::kObjectType);
     auto& pool = result.GetAllocator();

@@ -9,12 +9,12 @@
 
 #include "events/delivery_rules.h"
 #include "events/power_events.h"
-#include "events/subscription_hash.h"
 #include "events/zephra_events.h"
 #include "hosting/text.h"
 #include "json/json_object.h"
 #include "json/json_text.h"
 #include "platform/windows_runtime_error.h"
+#include "records/subscription_hash.h"
 #include "vxhost/log/log_formats.h"
 
 namespace Vx::Host {
@@ -136,9 +136,9 @@ bool History::TakeListChange(const HistoryLine& line) {
   if (!parts) return false;
   HistoryRow row{.time = line.time, .event = L"command " + (*parts)[2]};
   row.subscriptions.push_back((*parts)[0]);
-  row.decision = (*parts)[1] == L"accepted"  ? Decision::Accepted
-                 : (*parts)[1] == L"refused" ? Decision::Refused
-                                             : Decision::TakenBack;
+  row.decision = (*parts)[1].starts_with(L"accepted")  ? Decision::Accepted
+                 : (*parts)[1].starts_with(L"refused") ? Decision::Refused
+                                                       : Decision::TakenBack;
   row.detail = L"client " + line.caller;
   rows.push_back(std::move(row));
   return true;
@@ -206,7 +206,9 @@ bool History::TakeDelivery(const HistoryLine& line, const Kind& kind) {
 }
 
 bool History::TakeEnding(const HistoryLine& line, const Kind& kind) {
-  const std::wstring name = Wide(kind.name);
+  const std::wstring name =
+      std::wstring(&kind == &kPowerEvents ? L"PowerEventManager::handle_event"
+                                          : L"ZephraEventManager::handle_event");
   const auto ofKind = [&](const wchar_t* format) {
     auto parts = Match(format, line.message);
     if (parts && parts->front() != name) parts.reset();
@@ -361,9 +363,10 @@ History::Facts* History::FactsOf(const HistoryLine& line, const std::wstring& pa
 History::Known History::Learn(const Kind& kind, const std::wstring& text) {
   Known one{.kind = &kind, .hash = {}, .delay = 0, .event = NameOf(kind)};
   try {
-    const auto subscription = kind.parse(text);
+    const EventSubscription read(text, kind.form);
+    const auto* const subscription = &read;
     one.event += L" " + std::to_wstring(subscription->Type());
-    one.hash = SubscriptionHash(text);
+    one.hash = Tessel::Server::Records::SubscriptionHash(text);
     if (const auto* launch = dynamic_cast<const LaunchCommand*>(subscription->Command())) {
       one.delay = NumberOf(launch->DelayDeliverySec());
       one.target = launch->Path();
@@ -439,12 +442,12 @@ void History::CloseSilent(Place delivery) {
 
 void History::Know(const std::string& list, const std::wstring& text) {
   for (const Kind* kind : kKinds) {
-    if (list == kind->storeKey) Learn(*kind, text);
+    if (list == kind->form.list) Learn(*kind, text);
   }
   if (list != kPackageForm.list) return;
   try {
     packages.emplace(Json::JsonObject::Parse(text).GetNamedString(kPackageForm.family),
-                     SubscriptionHash(text));
+                     Tessel::Server::Records::SubscriptionHash(text));
   } catch (const Platform::WindowsRuntimeError&) {
     return;  // no delivery is of it
   }

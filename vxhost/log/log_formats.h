@@ -12,7 +12,7 @@ namespace Vx::Host {
 // texts of deliveries are in the DeliveryKind of the module itself.
 namespace LogFormat {
 
-inline constexpr wchar_t kListChanged[] = L"OrvaneService - subscription %s: %s (function id %u)";
+inline constexpr wchar_t kListChanged[] = L"OrvaneService - subscription %s: %s (function id %u)%s";
 inline constexpr wchar_t kNotTrusted[] =
     L"LaunchCommand::Execute - %s not trusted to launch as system";
 inline constexpr wchar_t kLaunching[] =

@@ -341,7 +341,7 @@ class Reader {
       EndDeliveries(entry.at);
       Mark(kService, entry.at, Tone::Neutral, message);
     } else if (const auto change = Match(kListChanged, message); change && !commands) {
-      const bool refused = (*change)[1] == L"refused";
+      const bool refused = (*change)[1].starts_with(L"refused");
       Mark(kService, entry.at, refused ? Tone::Bad : Tone::Neutral, L"subscription " + (*change)[1],
            (*change)[0] + L", client " + entry.log.caller);
     }
@@ -427,7 +427,10 @@ class Reader {
     const std::wstring& message = entry.log.message;
     const auto ofKind = [&](const wchar_t* format) {
       auto parts = Match(format, message);
-      if (parts && parts->front() != Wide(kind.name)) parts.reset();
+      if (parts && parts->front() != std::wstring(&kind == &kPowerEvents
+                                                      ? L"PowerEventManager::handle_event"
+                                                      : L"ZephraEventManager::handle_event"))
+        parts.reset();
       return parts;
     };
     Open delivery{

@@ -78,13 +78,13 @@ class Explainer {
   }
 
   void ExplainTimed() {
-    const bool power = result.subscription.kind->list == std::string_view(kPowerEvents.storeKey);
-    const auto subscription = (power ? kPowerEvents : kZephraEvents).parse(Text());
+    const bool power = result.subscription.kind->list == std::string_view(kPowerForm.list);
+    const EventSubscription subscription(Text(), power ? kPowerForm : kZephraForm);
     result.event =
-        Wide(result.subscription.kind->name) + L" " + std::to_wstring(subscription->Type());
-    if (IsAnotherEvent(subscription->Type() == occasion.code)) return;
-    EventCommand& command = *subscription->Command();
-    result.delay = DelayOf(command);
+        Wide(result.subscription.kind->name) + L" " + std::to_wstring(subscription.Type());
+    if (IsAnotherEvent(subscription.Type() == occasion.code)) return;
+    EventCommand& command = *subscription.Command();
+    result.delay = command.DelayDeliverySec();
     const int delay = LeadingInteger(result.delay).value_or(0);
     if (delay < 1 ? IsOverdue(delay, 0) : IsTooLong(delay)) {
       Because(Fate::Dropped, L"no delivery keeps a delay of " + std::to_wstring(delay) + L" s");
@@ -115,13 +115,6 @@ class Explainer {
     }
   }
 
-  static std::wstring DelayOf(EventCommand& command) {
-    if (const auto* launch = dynamic_cast<LaunchCommand*>(&command)) {
-      return launch->DelayDeliverySec();
-    }
-    return dynamic_cast<AppServiceNotificationCommand&>(command).DelayDeliverySec();
-  }
-
   void JudgeCommand(EventCommand& command) {
     if (const auto* launch = dynamic_cast<LaunchCommand*>(&command)) {
       result.action = L"start " + launch->Path();
@@ -142,7 +135,8 @@ class Explainer {
 
   void JudgeLaunch(const LaunchCommand& launch) {
     // The module's check has the last word, and the findings give its reasons.
-    const bool trusted = Tessel::Security::TrustedProgram::Check(launch.Path(), keys) != nullptr;
+    const bool trusted =
+        Tessel::Security::TrustedProgram::Check(launch.Path(), keys).program != nullptr;
     TakeFaults(Fate::Refused, trusted ? kPathKey : std::wstring_view());
     if (!trusted && result.reasons.empty()) {
       Because(Fate::Refused, L"the file cannot be locked against writing, or is not trusted");

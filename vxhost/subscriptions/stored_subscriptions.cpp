@@ -3,8 +3,8 @@
 #include <stdexcept>
 #include <utility>
 
-#include "events/subscription_hash.h"
 #include "platform/windows_runtime_error.h"
+#include "records/subscription_hash.h"
 #include "storage/request_list.h"
 #include "storage/service_document.h"
 
@@ -37,7 +37,7 @@ std::vector<StoredSubscription> SubscriptionsIn(const BsonDocument& store) {
   if (!own) return all;
   for (const SubscriptionForm* kind : kSubscriptionForms) {
     for (auto& text : Texts(*own, *kind)) {
-      std::wstring hash = text ? SubscriptionHash(*text) : std::wstring();
+      std::wstring hash = text ? Tessel::Server::Records::SubscriptionHash(*text) : std::wstring();
       all.push_back({all.size() + 1, kind, std::move(text), std::move(hash)});
     }
   }

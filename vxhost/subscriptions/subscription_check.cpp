@@ -380,8 +380,11 @@ class Checker {
   }
 
   void CheckProgram(const std::wstring& key, const std::wstring& path) {
-    if (const wchar_t* why = Tessel::Security::TrustedProgram::WhyNotOpened(path)) {
-      NotOpened(key, path, why);
+    using Tessel::Server::Records::Reason;
+    const Reason why = Tessel::Security::TrustedProgram::WhyNotOpened(path);
+    if (why != Reason::None) {
+      constexpr std::size_t kIt = 3;  // the key takes the place of "it "
+      NotOpened(key, path, NameOf(why).text + kIt);
       return;
     }
     const VxAuthenticodeHelper helper;

@@ -1,29 +1,13 @@
-#include "events/subscription_hash.h"
+#include "records/subscription_hash.h"
 
 #include <cstdint>
-#include <exception>
 
-#include "host/logging.h"
 #include "json/json_object.h"
 #include "platform/windows_runtime_error.h"
 
-namespace Vx::Tessel::Server::Services::Orvane {
+namespace Vx::Tessel::Server::Records {
 
 namespace {
-
-constexpr wchar_t kChanged[] = L"OrvaneService - subscription %s: %s (function id %u)";
-
-const wchar_t* NameOf(ListChange change) {
-  switch (change) {
-    case ListChange::Accepted:
-      return L"accepted";
-    case ListChange::Refused:
-      return L"refused";
-    case ListChange::TakenBack:
-      return L"taken back";
-  }
-  return L"";
-}
 
 // FNV-1a over the UTF-16 units, low byte first.
 std::uint32_t HashOf(std::wstring_view text) {
@@ -57,13 +41,4 @@ std::wstring SubscriptionHash(std::wstring_view request) {
   return text;
 }
 
-void LogListChange(ListChange change, std::wstring_view request, const wchar_t* clientId,
-                   unsigned functionId) noexcept {
-  try {
-    Logging::LogManager::GetLogger()->For(clientId).LogInfo(
-        kChanged, SubscriptionHash(request).c_str(), NameOf(change), functionId);
-  } catch (const std::exception&) {  // NOLINT(bugprone-empty-catch)
-  }
-}
-
-}  // namespace Vx::Tessel::Server::Services::Orvane
+}  // namespace Vx::Tessel::Server::Records

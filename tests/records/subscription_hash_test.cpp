@@ -1,10 +1,10 @@
-#include "events/subscription_hash.h"
+#include "records/subscription_hash.h"
 
 #include <gtest/gtest.h>
 
 #include <string>
 
-namespace Vx::Tessel::Server::Services::Orvane {
+namespace Vx::Tessel::Server::Records {
 
 namespace {
 
@@ -24,4 +24,4 @@ TEST(SubscriptionHash, DependsOnTheTokensAlone) {
 
 }  // namespace
 
-}  // namespace Vx::Tessel::Server::Services::Orvane
+}  // namespace Vx::Tessel::Server::Records

@@ -1,0 +1,118 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace Vx::Tessel::Server::Records {
+
+enum class Kind : std::uint8_t { Command, Completion, Power, Platform, Uninstall };
+
+enum class Decision : std::uint8_t {
+  None,  // there is nothing to record
+  Done,
+  Stored,
+  Removed,
+  Waiting,
+  Ran,
+  Sent,
+  Raised,
+  Refused,
+  NotStarted,
+  NotSent,
+  NotRaised,
+  Dropped,
+  Failed,
+};
+
+enum class Reason : std::uint8_t {
+  None,
+  // Of a command.
+  UnknownCommand,
+  NoSessionApi,
+  NullArgument,
+  NotJson,
+  BadMember,
+  AlreadyStored,
+  NotStored,
+  StoreRefused,
+  NotWatched,
+  UnknownEvent,
+  UnknownAction,
+  NotInstalled,
+  NoConsoleUser,
+  EarlierLines,
+  // Of a stored subscription or a delivery.
+  Unreadable,
+  HasRun,
+  Late,
+  Standby,
+  ImpossibleDelay,
+  TooManyOfOne,
+  TooManyOfAll,
+  ServiceEnded,
+  PackageLeft,
+  NotLate,
+  NoThread,
+  Exception,
+  // Of a program.
+  NotOnDrive,
+  ControlCharacter,
+  Variable,
+  OtherMachine,
+  Place,
+  NotLocked,
+  NoSignature,
+  NoPinnedKeys,
+  NotTrusted,
+  NotPinned,
+  NoSession,
+  Windows,
+  // Of a message.
+  NotTaken,
+};
+
+// The stable identifier of a value, and its text for people.
+struct Name {
+  const wchar_t* word;
+  const wchar_t* text;
+};
+const Name& NameOf(Kind kind);
+const Name& NameOf(Decision decision);
+const Name& NameOf(Reason reason);
+
+// The value with this identifier. Empty if this version has none.
+template <typename Value>
+std::optional<Value> FromWord(std::wstring_view word);
+
+// Whether something that a client asked for was not done.
+constexpr bool IsFailure(Decision decision) {
+  return decision >= Decision::Refused;
+}
+
+// Fits into a register, so that a caller that expects no result may ignore it.
+struct Outcome {
+  Decision decision = Decision::None;
+  Reason reason = Reason::None;
+  std::uint32_t number = 0;  // the process that Ran, otherwise why Windows or the module failed
+};
+static_assert(sizeof(Outcome) == sizeof(void*));
+
+// The C++ form of VxLogRecord.
+struct Record {
+  Kind kind = Kind::Command;
+  Outcome outcome = {};
+  std::wstring subscription = {};
+  std::wstring target = {};
+  std::wstring package = {};
+  const wchar_t* client = nullptr;
+  std::uint32_t number = 0;
+  std::uint64_t delivery = 0;
+  std::uint64_t milliseconds = 0;
+};
+
+// Writes a record and its line. Any thread.
+void Write(const Record& record) noexcept;
+
+}  // namespace Vx::Tessel::Server::Records
