@@ -23,14 +23,14 @@ std::string LoadFailure(const std::wstring& path, DWORD error) {
 
 }  // namespace
 
-Answer ServiceSession::Execute(std::uint32_t id, const std::wstring& request,
-                               const std::wstring& caller) {
+CommandResult ServiceSession::Execute(std::uint32_t id, const std::wstring& request,
+                                      const std::wstring& caller) {
   if (caller.size() > kLongestCaller) {
     throw std::runtime_error("a client's identity has at most 64 characters");
   }
   ClientContext* context = nullptr;
   service->CreateClientContext(caller.c_str(), &context);
-  Answer answer;
+  CommandResult answer;
   wchar_t* response = nullptr;
   answer.code = service->ExecuteCommand(context, id, request.c_str(), &response, nullptr);
   if (response != nullptr) answer.text = response;

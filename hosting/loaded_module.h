@@ -10,7 +10,7 @@
 namespace Vx::Host {
 
 // The outcome of a command.
-struct Answer {
+struct CommandResult {
   std::uint32_t code = 0;
   std::optional<std::wstring> text;  // empty when the module returned none
 };
@@ -28,7 +28,7 @@ class ServiceSession {
   void End() { service.reset(); }
 
   // Runs one command as `caller` (at most 64 characters). Blocks until it has run.
-  Answer Execute(std::uint32_t id, const std::wstring& request, const std::wstring& caller);
+  CommandResult Execute(std::uint32_t id, const std::wstring& request, const std::wstring& caller);
 
  private:
   struct Destroyer {

@@ -113,7 +113,7 @@ HostLoop::~HostLoop() {
 }
 
 ResultEnvelope HostLoop::Execute(const CommandEnvelope& command, const std::wstring& client) {
-  Answer answer = session.Execute(command.id, command.request, client);
+  CommandResult answer = session.Execute(command.id, command.request, client);
   return {answer.code, std::move(answer.text)};
 }
 

@@ -48,7 +48,7 @@ std::wstring& TheName() {
 
 class ManagerSink final : public StatusSink {
  public:
-  void Report(const ServiceState& state) noexcept override {
+  void Report(const ServiceStatus& state) noexcept override {
     SERVICE_STATUS status{};
     status.dwServiceType = SERVICE_WIN32_OWN_PROCESS;
     status.dwCurrentState = state.state;

@@ -26,7 +26,7 @@ constexpr std::uint32_t SessionControl(std::uint32_t code) {
 }
 
 // What the service reports of itself, in the numbers of Windows.
-struct ServiceState {
+struct ServiceStatus {
   std::uint32_t state = 0;       // SERVICE_START_PENDING and so on
   std::uint32_t checkpoint = 0;  // grows while it starts or stops
   std::uint32_t exitCode = 0;
@@ -38,7 +38,7 @@ class StatusSink {
   virtual ~StatusSink() = default;
 
   // Any thread, one call at a time. The process may end after SERVICE_STOPPED was reported.
-  virtual void Report(const ServiceState& state) noexcept = 0;
+  virtual void Report(const ServiceStatus& state) noexcept = 0;
 };
 
 // Forwards the codes of the service manager to the module, in their order, on a thread of its own:
@@ -115,7 +115,7 @@ class ServiceProcess {
   ServiceLog log;
   Platform::UniqueHandle stop;
   std::mutex stateLock;
-  ServiceState reported;  // under the lock above
+  ServiceStatus reported;  // under the lock above
   std::mutex queueLock;
   CodeQueue* queue = nullptr;  // under the lock above; null while no module runs
 };

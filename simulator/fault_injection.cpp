@@ -200,7 +200,7 @@ class FaultyFileHandle final : public OwningDecorator<Platform::FileHandle> {
  public:
   using OwningDecorator::OwningDecorator;
   REFUSABLE(FileHandle, Result<Platform::FileFacts>, Facts, (), (), const)
-  REFUSABLE(FileHandle, Result<bool>, BelongsToSystem, (), (), const)
+  REFUSABLE(FileHandle, Result<bool>, HasTrustedOwner, (), (), const)
   REFUSABLE(FileHandle, Result<Bytes>, Content, (std::size_t maxBytes), (maxBytes), const)
   // A refused write has written half, as on a full disk.
   ErrorCode Write(std::span<const std::byte> content) override {

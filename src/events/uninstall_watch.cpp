@@ -36,7 +36,7 @@ const Logging::TraceLogger& Log() {
 
 // The boundary of the watcher thread and of a notification. Returns the code of a failure.
 template <typename Body>
-std::int32_t Contain(Body&& body) noexcept {
+std::int32_t CatchAndLog(Body&& body) noexcept {
   try {
     body();
     return 0;
@@ -103,7 +103,7 @@ UninstallWatch::UninstallWatch(std::wstring packageFamilyName, UninstallMoment u
 void UninstallWatch::Run(const std::shared_ptr<UninstallWatch>& watch,
                          const std::shared_ptr<Platform::PackageCatalog>& catalog) noexcept {
   bool added = false;
-  Contain([&] {
+  CatchAndLog([&] {
     if (catalog == nullptr) return;
     const auto token = catalog->AddUninstalling(
         [watch](const Platform::PackageUninstall& uninstall) { watch->OnUninstalling(uninstall); });
@@ -134,7 +134,7 @@ void UninstallWatch::Stop() noexcept {
 
 void UninstallWatch::OnUninstalling(const Platform::PackageUninstall& uninstall) noexcept {
   std::optional<Records::Delivery> delivery;
-  const std::int32_t failure = Contain([&] { Handle(uninstall, delivery); });
+  const std::int32_t failure = CatchAndLog([&] { Handle(uninstall, delivery); });
   if (delivery) delivery->Ends(Records::FailedWith(failure));
 }
 

@@ -22,7 +22,7 @@ constexpr std::uint32_t kInvalidParameter = 87;
 
 // The boundary of every slot. No exception may reach the host, which another compiler built.
 template <typename Question>
-std::uint32_t Answer(std::int32_t* exempt, Question&& question) noexcept {
+std::uint32_t ResultFromException(std::int32_t* exempt, Question&& question) noexcept {
   try {
     *exempt = question() ? 1 : 0;
     return kSuccess;
@@ -48,7 +48,7 @@ class ExportedExemption final : public Server::Services::VxClientExemption {
   std::uint32_t IsUwpExempt(const wchar_t* packageFamilyName, std::uint16_t majorVersion,
                             std::uint16_t minorVersion, std::int32_t* exempt) override {
     if (packageFamilyName == nullptr || exempt == nullptr) return kInvalidParameter;
-    return Answer(exempt, [&] {
+    return ResultFromException(exempt, [&] {
       TesselAccessManager manager;
       manager.SetUwpChecker(std::make_shared<UwpWithNoVxManifestCheckBasedOnMajorAndMinorVersion>(
           UwpWithNoVxManifestExemptionWhiteList::GetExemption(),
@@ -61,7 +61,7 @@ class ExportedExemption final : public Server::Services::VxClientExemption {
   std::uint32_t IsWin32Exempt(wchar_t* executableName, std::uint16_t majorVersion,
                               std::uint16_t minorVersion, std::int32_t* exempt) override {
     if (executableName == nullptr || exempt == nullptr) return kInvalidParameter;
-    return Answer(exempt, [&] {
+    return ResultFromException(exempt, [&] {
       const auto client = std::make_shared<Server::Win32::Win32Information>(
           executableName, majorVersion, minorVersion);
       TesselAccessManager manager;

@@ -51,22 +51,23 @@ class ExportedPackageModel final : public UwpPackageModel {
 
   Hresult FindPackageFullName(const wchar_t* familyName, wchar_t* buffer,
                               std::uint32_t* length) override {
-    return Answer("FindPackageFullName", familyName != nullptr && length != nullptr, [&] {
-      const std::wstring fullName = UwpPackage().FindPackageFullName(familyName);
-      const auto needed = static_cast<std::uint32_t>(fullName.size() + 1);
-      const std::uint32_t room = buffer != nullptr ? *length : 0;
-      *length = needed;
-      if (room < needed) return Refuse(kInsufficientBuffer, kNoRoom);
-      fullName.copy(buffer, fullName.size());
-      buffer[fullName.size()] = L'\0';
-      return kOk;
-    });
+    return ResultFromException(
+        "FindPackageFullName", familyName != nullptr && length != nullptr, [&] {
+          const std::wstring fullName = UwpPackage().FindPackageFullName(familyName);
+          const auto needed = static_cast<std::uint32_t>(fullName.size() + 1);
+          const std::uint32_t room = buffer != nullptr ? *length : 0;
+          *length = needed;
+          if (room < needed) return Refuse(kInsufficientBuffer, kNoRoom);
+          fullName.copy(buffer, fullName.size());
+          buffer[fullName.size()] = L'\0';
+          return kOk;
+        });
   }
 
   Hresult ShouldForceRegistration(const wchar_t* user, const wchar_t* fullName,
                                   std::int32_t* force) override {
     const bool complete = user != nullptr && fullName != nullptr && force != nullptr;
-    return Answer("ShouldForceRegistration", complete, [&] {
+    return ResultFromException("ShouldForceRegistration", complete, [&] {
       *force = 0;
       *force = UwpPackage().ShouldForceRegistration(user, fullName) ? 1 : 0;
       return kOk;
@@ -74,7 +75,7 @@ class ExportedPackageModel final : public UwpPackageModel {
   }
 
   Hresult Register(const wchar_t* fullName) override {
-    return Answer("Register", fullName != nullptr, [&] {
+    return ResultFromException("Register", fullName != nullptr, [&] {
       UwpPackage().Register(fullName);
       return kOk;
     });
@@ -83,7 +84,7 @@ class ExportedPackageModel final : public UwpPackageModel {
   Hresult GetOriginAndVersion(const wchar_t* familyName, std::int32_t* origin,
                               std::uint64_t* version) override {
     const bool complete = familyName != nullptr && origin != nullptr && version != nullptr;
-    return Answer("GetOriginAndVersion", complete, [&] {
+    return ResultFromException("GetOriginAndVersion", complete, [&] {
       const auto found = UwpPackageDataAccess().GetOriginAndVersion(familyName);
       *origin = found.first;
       *version = found.second;
@@ -104,7 +105,8 @@ class ExportedPackageModel final : public UwpPackageModel {
   // The boundary of every operation. The caller was built by another compiler, so no exception may
   // leave it.
   template <typename Operation>
-  Hresult Answer(const char* name, bool argumentsComplete, Operation&& operation) noexcept {
+  Hresult ResultFromException(const char* name, bool argumentsComplete,
+                              Operation&& operation) noexcept {
     try {
       lastError.clear();
       if (!argumentsComplete) return Refuse(kPointer, kNullArgument);

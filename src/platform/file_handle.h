@@ -37,7 +37,7 @@ class FileHandle {
   virtual Result<FileFacts> Facts() const = 0;
 
   // Whether the file belongs to SYSTEM, to the administrators or to the account of this process.
-  virtual Result<bool> BelongsToSystem() const = 0;
+  virtual Result<bool> HasTrustedOwner() const = 0;
 
   // Returns the whole content if it has at most `maxBytes` (ERROR_FILE_TOO_LARGE otherwise).
   virtual Result<std::vector<std::byte>> Content(std::size_t maxBytes) const = 0;

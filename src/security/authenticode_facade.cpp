@@ -13,7 +13,7 @@ constexpr wchar_t kCheckFailed[] = L"Security - %S - the check failed, not trust
 
 // The only boundary of a trust check. Every failure below it means "not trusted".
 template <typename Check>
-Reason Judge(const char* operation, const wchar_t* path, Check check) noexcept {
+Reason CatchAndLog(const char* operation, const wchar_t* path, Check check) noexcept {
   try {
     return path == nullptr ? Reason::NotOnDrive : ReasonOf(check(std::wstring(path)));
   } catch (...) {
@@ -26,7 +26,7 @@ Reason Judge(const char* operation, const wchar_t* path, Check check) noexcept {
 }  // namespace
 
 Reason WhyNotTrusted(KeySet keys, const wchar_t* path, const char* operation) noexcept {
-  return Judge(operation, path, [&](const std::wstring& file) { return JudgeFile(file, keys); });
+  return CatchAndLog(operation, path, [&](const std::wstring& file) { return VerifyFile(file, keys); });
 }
 
 bool VxAuthenticodeFacade::IsFileTrusted(const wchar_t* path) {
@@ -38,7 +38,7 @@ bool VxAuthenticodeFacade::IsFileTrustedRestricted(const wchar_t* path) {
 }
 
 bool VxAuthenticodeFacade::IsDropboxFileTrusted(const wchar_t* path) {
-  return Judge("IsDropboxFileTrusted", path, &JudgeDropboxFile) == Reason::None;
+  return CatchAndLog("IsDropboxFileTrusted", path, &VerifyDropboxFile) == Reason::None;
 }
 
 }  // namespace Vx::Tessel::Security

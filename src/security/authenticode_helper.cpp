@@ -151,7 +151,7 @@ bool VxAuthenticodeHelper::IsKeyPinned(const std::vector<SignatureRecord>& recor
 }
 
 bool VxAuthenticodeHelper::IsPathAllowed(const std::wstring& path) const {
-  return JudgePath(path).outcome == PathOutcome::Allowed;
+  return CheckPath(path).outcome == PathOutcome::Allowed;
 }
 
 // A client chooses the path, and several texts that begin with "C:\Windows\" name a file elsewhere:
@@ -159,7 +159,7 @@ bool VxAuthenticodeHelper::IsPathAllowed(const std::wstring& path) const {
 // a stream of another file. So the rule is applied twice: to the full form of the text, which is
 // also logged, and to the place where the opened file really is. A path that Windows cannot resolve
 // is refused.
-PathVerdict VxAuthenticodeHelper::JudgePath(const std::wstring& path) const {
+PathVerdict VxAuthenticodeHelper::CheckPath(const std::wstring& path) const {
   PathVerdict verdict;
   const auto expanded = CurrentMachine().environment->Expand(path, Platform::kLongestPath);
   if (!expanded) {

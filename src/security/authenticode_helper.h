@@ -58,7 +58,7 @@ class VxAuthenticodeHelper {
   bool IsPathAllowed(const std::wstring& path) const;
 
   // The same decision with its reasons.
-  PathVerdict JudgePath(const std::wstring& path) const;
+  PathVerdict CheckPath(const std::wstring& path) const;
 
   // The part of the decision that needs only the text: false when no file that it names could be
   // in an allowed place. Opens nothing. Logs only a refusal, with the lines of the rule.

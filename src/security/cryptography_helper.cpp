@@ -44,7 +44,7 @@ std::uint32_t HandOver(const Bytes& bytes, void** result, std::uint32_t* resultS
 
 // The boundary of every slot. No exception may reach the host, which another compiler built.
 template <typename Work>
-std::uint32_t Answer(Work&& work) noexcept {
+std::uint32_t ResultFromException(Work&& work) noexcept {
   try {
     return work();
   } catch (const std::bad_alloc&) {
@@ -69,7 +69,7 @@ class ExportedHelper final : public Server::Services::VxCryptographyHelper {
   std::uint32_t Protect(const void* plain, std::uint32_t size, const wchar_t* description,
                         void** result, std::uint32_t* resultSize) override {
     if (plain == nullptr || result == nullptr || resultSize == nullptr) return kInvalidParameter;
-    return Answer([&] {
+    return ResultFromException([&] {
       const std::wstring text = description == nullptr ? L"" : description;
       return HandOver(Platform::CurrentMachine().dataProtection->Protect(Input(plain, size), text),
                       result, resultSize);
@@ -79,7 +79,7 @@ class ExportedHelper final : public Server::Services::VxCryptographyHelper {
   std::uint32_t Unprotect(const void* sealed, std::uint32_t size, void** result,
                           std::uint32_t* resultSize) override {
     if (sealed == nullptr || result == nullptr || resultSize == nullptr) return kInvalidParameter;
-    return Answer([&] {
+    return ResultFromException([&] {
       return HandOver(Platform::CurrentMachine().dataProtection->Unprotect(Input(sealed, size)),
                       result, resultSize);
     });
@@ -87,7 +87,7 @@ class ExportedHelper final : public Server::Services::VxCryptographyHelper {
 
   std::uint32_t FileSha256(const wchar_t* path, unsigned char* digest) override {
     if (path == nullptr || digest == nullptr) return kInvalidParameter;
-    return Answer([&]() -> std::uint32_t {
+    return ResultFromException([&]() -> std::uint32_t {
       const Bytes sum = Platform::CurrentMachine().files->Sha256(path);
       if (!sum) return sum.Error();
       if (sum->size() != kDigestSize) return kGeneralFailure;

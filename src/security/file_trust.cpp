@@ -30,8 +30,8 @@ std::vector<SignatureRecord> AllSignatures(const FileTrust& trust) {
 
 // Called only for signatures that are good enough, because the check of the place can take a
 // second.
-void JudgePlace(const VxAuthenticodeHelper& helper, const std::wstring& path, FileTrust& trust) {
-  trust.place = helper.JudgePath(path);
+void CheckPlace(const VxAuthenticodeHelper& helper, const std::wstring& path, FileTrust& trust) {
+  trust.place = helper.CheckPath(path);
   trust.trusted = trust.place->outcome == PathOutcome::Allowed;
 }
 
@@ -89,7 +89,7 @@ std::wstring PlaceText(const PathVerdict& place) {
 
 }  // namespace
 
-FileTrust JudgeFile(const std::wstring& path, KeySet keys) {
+FileTrust VerifyFile(const std::wstring& path, KeySet keys) {
   FileTrust trust;
   trust.pinsConfigured = !keys.empty();
   if (path.empty()) return trust;
@@ -103,11 +103,11 @@ FileTrust JudgeFile(const std::wstring& path, KeySet keys) {
   trust.keyPinned = VxAuthenticodeHelper::IsKeyPinned(records, keys);
   LogManager::SetProvider(kComponentProvider)
       ->LogInfo(kTrustOutcome, YesNo(trust.trustedByWindows), YesNo(trust.keyPinned));
-  if (trust.trustedByWindows && trust.keyPinned) JudgePlace(helper, path, trust);
+  if (trust.trustedByWindows && trust.keyPinned) CheckPlace(helper, path, trust);
   return trust;
 }
 
-FileTrust JudgeDropboxFile(const std::wstring& path) {
+FileTrust VerifyDropboxFile(const std::wstring& path) {
   const auto* logger = LogManager::SetProvider(kComponentProvider);
   FileTrust trust;
   if (path.empty()) return trust;
@@ -128,7 +128,7 @@ FileTrust JudgeDropboxFile(const std::wstring& path) {
           return record.names.commonName == row.names.commonName;
         });
       });
-  if (known) JudgePlace(helper, path, trust);
+  if (known) CheckPlace(helper, path, trust);
   return trust;
 }
 

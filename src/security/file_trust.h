@@ -25,10 +25,10 @@ struct FileTrust {
 
 // The decision of IsFileTrusted against `keys`. An empty path is not trusted. Logs like the facade.
 // Throws only exceptions of the standard library.
-FileTrust JudgeFile(const std::wstring& path, KeySet keys);
+FileTrust VerifyFile(const std::wstring& path, KeySet keys);
 
 // The decision of IsDropboxFileTrusted, which depends on the signer's name and not on keys.
-FileTrust JudgeDropboxFile(const std::wstring& path);
+FileTrust VerifyDropboxFile(const std::wstring& path);
 
 // Why a file is not trusted; None if it is.
 Server::Records::Reason ReasonOf(const FileTrust& trust);

@@ -22,8 +22,8 @@ using Server::Records::Reason;
 constexpr wchar_t kRefusedText[] = L"TrustedProgram - [%s] is not opened, because %s";
 constexpr char kOperation[] = "IsFileTrustedRestricted";
 
-// Judges `path` while `lock` holds the file. Sets it to what is to be started.
-Reason JudgeLocked(std::wstring& path, Platform::RawHandle lock, KeySet keys) {
+// Verifies `path` while `lock` holds the file. Sets it to what is to be started.
+Reason VerifyLocked(std::wstring& path, Platform::RawHandle lock, KeySet keys) {
   const Reason reason = WhyNotTrusted(keys, path.c_str(), kOperation);
   if (reason != Reason::None) return reason;
   auto place = Platform::CurrentMachine().files->FinalPathOf(lock);
@@ -75,7 +75,7 @@ ProgramCheck TrustedProgram::Check(const std::wstring& path, KeySet keys) {
     if (lock == nullptr) return {nullptr, Reason::NotLocked};
   }
   std::wstring judged = path;
-  const Reason reason = JudgeLocked(judged, lock.get(), keys);
+  const Reason reason = VerifyLocked(judged, lock.get(), keys);
   if (reason != Reason::None) return {nullptr, reason};
   return {
       std::unique_ptr<const TrustedProgram>(new TrustedProgram(std::move(judged), std::move(lock))),

@@ -14,7 +14,7 @@ void LogCurrentException(const char* operation, const wchar_t* caller = nullptr)
 // The boundary of a slot or a task without a result code: runs `body` and logs what it throws.
 // Returns false when it threw.
 template <typename Body>
-bool Contain(const char* operation, Body&& body) noexcept {
+bool CatchAndLog(const char* operation, Body&& body) noexcept {
   try {
     std::forward<Body>(body)();
     return true;

@@ -38,7 +38,7 @@ inline bool LacksDocuments(const Call& call) {
 // The boundary of a handler: runs `body`, which returns a result code. A standard exception becomes
 // a log line and 0x20000002.
 template <typename Body>
-std::uint32_t Answer(const char* operation, const Call& call, Body&& body) {
+std::uint32_t ResultFromException(const char* operation, const Call& call, Body&& body) {
   try {
     return std::forward<Body>(body)();
   } catch (const std::exception& error) {

@@ -17,7 +17,7 @@ constexpr char kNoParameter[] = "parameter is missing or is not a string";
 }  // namespace
 
 std::uint32_t CopyRegistration(const Call& call) {
-  return Answer("CopyRegistration", call, [&] {
+  return ResultFromException("CopyRegistration", call, [&] {
     if (LacksResponse(call)) return kFailed;
     const bool copied =
         CopyRegistrationData(call.caller.clientId, *Logging::LogManager::GetLogger());
@@ -28,7 +28,7 @@ std::uint32_t CopyRegistration(const Call& call) {
 }
 
 std::uint32_t LaunchAfterResume(const Call& call) {
-  return Answer("LaunchUwpWhenComingBackFromSleepIfNeeded", call, [&] {
+  return ResultFromException("LaunchUwpWhenComingBackFromSleepIfNeeded", call, [&] {
     if (LacksResponse(call)) return kFailed;
     const auto reason = Qubo::QuboFacade().LaunchUwpWhenComingBackFromSleepIfNeeded();
     // Without one nothing was changed.
@@ -39,7 +39,7 @@ std::uint32_t LaunchAfterResume(const Call& call) {
 }
 
 std::uint32_t LaunchCompanionApp(const Call& call) {
-  return Answer("RegisterApp", call, [&] {
+  return ResultFromException("RegisterApp", call, [&] {
     if (LacksResponse(call)) return kFailed;
     const Qubo::QuboFacade facade;
     facade.RegisterApp();
@@ -51,7 +51,7 @@ std::uint32_t LaunchCompanionApp(const Call& call) {
 }
 
 std::uint32_t LaunchWithParameter(const Call& call) {
-  return Answer("LaunchUwpWithParameter", call, [&] {
+  return ResultFromException("LaunchUwpWithParameter", call, [&] {
     if (LacksDocuments(call)) return kFailed;
     const std::wstring parameter = LaunchQuboWithParameterRequest(call.request, call.caller);
     if (call.caller.problem->key != nullptr) {

@@ -52,7 +52,7 @@ bool OobeEventTask(ServiceState& state) {
 
 bool RunOobeEventTask(ServiceState& state) noexcept {
   bool done = false;
-  Contain("oobe_event_task", [&] { done = OobeEventTask(state); });
+  CatchAndLog("oobe_event_task", [&] { done = OobeEventTask(state); });
   return done;
 }
 

@@ -128,7 +128,7 @@ OrvaneService::~OrvaneService() {
   SignalIfMade(state->stopEvent.get());
   SignalIfMade(state->sessionStopEvent.get());
   // Their watchers would keep the module loaded for good.
-  Contain("Destroy", [this] { PackageCatalogEventManager::clear_events(state.get()); });
+  CatchAndLog("Destroy", [this] { PackageCatalogEventManager::clear_events(state.get()); });
 }
 
 void* OrvaneService::Destroy(unsigned flags) noexcept {
@@ -156,13 +156,13 @@ std::uint32_t OrvaneService::ExecuteCommand(ClientContext* context, std::uint32_
 
 void OrvaneService::Start() noexcept {
   Platform::ExpectOwnIdentity();
-  Contain("Start",
-          [this] { Platform::StartDetached([shared = state] { RunStartupTask(shared); }); });
+  CatchAndLog("Start",
+              [this] { Platform::StartDetached([shared = state] { RunStartupTask(shared); }); });
 }
 
 void OrvaneService::power_event_task(std::uint32_t eventType) noexcept {
   Platform::ExpectOwnIdentity();
-  Contain("power_event_task", [&] { HandlePowerEvent(*this, eventType); });
+  CatchAndLog("power_event_task", [&] { HandlePowerEvent(*this, eventType); });
 }
 
 bool OrvaneService::oobe_event_task() noexcept {
@@ -172,7 +172,7 @@ bool OrvaneService::oobe_event_task() noexcept {
 
 void OrvaneService::OnSessionChange(std::uint32_t code) noexcept {
   Platform::ExpectOwnIdentity();
-  Contain("OnSessionChange", [this, code] {
+  CatchAndLog("OnSessionChange", [this, code] {
     if (code == kSessionLogon) {
       RegisterExistingPackageCatalogManagerRequests(state.get(), state->stopEvent);
     }
@@ -215,7 +215,7 @@ void OrvaneService::FulfillZephraManagementEventRequests(const ServiceState& sta
 }
 
 std::uint32_t OrvaneService::GetSubscriptions(const Call& call) {
-  return Answer("GetSubscriptions", call, [&] {
+  return ResultFromException("GetSubscriptions", call, [&] {
     if (LacksResponse(call)) return kFailed;
     auto& pool = call.response->GetAllocator();
     Json::WideValue power = RequestsUnder(kPowerSubscriptions, pool);
@@ -237,7 +237,7 @@ std::uint32_t OrvaneService::GetSubscriptions(const Call& call) {
 }
 
 std::uint32_t OrvaneService::GetSleepState(const Call& call) {
-  return Answer("GetSleepState", call, [&] {
+  return ResultFromException("GetSleepState", call, [&] {
     if (LacksResponse(call)) return kFailed;
     const std::int32_t stored = Storage::CapDataStore().requireInt32(kSleepState);
     AddAnswer(*call.response, L"sleepState", Json::WideValue(stored));

@@ -51,8 +51,8 @@ void HandlePowerEvent(OrvaneService& service, std::uint32_t eventType) {
   const Qubo::QuboFacade facade;
   logger.LogInfo(kPowerEventTrace, kPowerEventTask, "Enter");
   // A failure of the host's library must not cost the subscribers their event.
-  Contain("power_event_task",
-          [] { Platform::CurrentMachine().appServices->Open({}, {})->SystemRestarted(); });
+  CatchAndLog("power_event_task",
+              [] { Platform::CurrentMachine().appServices->Open({}, {})->SystemRestarted(); });
   service.FulfillPowerManagementEventRequests(eventType);
 
   const Resume* resume = ResumeOf(eventType);

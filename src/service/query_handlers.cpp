@@ -38,7 +38,7 @@ bool IsInstalledForConsoleUser(const std::wstring& packageFamilyName, const Requ
 }  // namespace
 
 std::uint32_t GetLockdownMode(const Call& call) {
-  return Answer("QueryLockoutMode", call, [&] {
+  return ResultFromException("QueryLockoutMode", call, [&] {
     if (LacksResponse(call)) return kFailed;
     AddAnswer(*call.response, L"sMode", Json::WideValue(QueryLockoutMode(call.caller.clientId)));
     return kSuccess;
@@ -46,7 +46,7 @@ std::uint32_t GetLockdownMode(const Call& call) {
 }
 
 std::uint32_t GetRegistrationState(const Call& call) {
-  return Answer("GetRegistrationState", call, [&] {
+  return ResultFromException("GetRegistrationState", call, [&] {
     if (LacksResponse(call)) return kFailed;
     const auto state = RegistrationHelper().GetRegistrationState();
     const int told = ConsentStore::Apply(static_cast<int>(state));
@@ -57,7 +57,7 @@ std::uint32_t GetRegistrationState(const Call& call) {
 }
 
 std::uint32_t SkipAutoLaunchCriteria(const Call& call) {
-  return Answer("SkipAutoLaunchCriteria", call, [&] {
+  return ResultFromException("SkipAutoLaunchCriteria", call, [&] {
     if (LacksDocuments(call)) return kFailed;
     const std::string keyName = SkipAutoLaunchCriteriaRequest(call.request, call.caller);
     const bool marked = Qubo::QuboFacade().SkipAutoLaunchCriteria(keyName);
@@ -68,7 +68,7 @@ std::uint32_t SkipAutoLaunchCriteria(const Call& call) {
 }
 
 std::uint32_t HasBeenInSMode(const Call& call) {
-  return Answer("HasBeenInSMode", call, [&] {
+  return ResultFromException("HasBeenInSMode", call, [&] {
     if (LacksResponse(call)) return kFailed;
     AddAnswer(*call.response, L"hasBeenInSMode", Json::WideValue(call.service.HasBeenInSMode()));
     return kSuccess;
@@ -76,7 +76,7 @@ std::uint32_t HasBeenInSMode(const Call& call) {
 }
 
 std::uint32_t ShouldAutoLaunchBeSkipped(const Call& call) {
-  return Answer("ShouldAutoLaunchBeSkipped", call, [&] {
+  return ResultFromException("ShouldAutoLaunchBeSkipped", call, [&] {
     if (LacksDocuments(call)) return kFailed;
     const std::string keyName = SkipAutoLaunchCriteriaRequest(call.request, call.caller);
     const auto criteria =
@@ -87,7 +87,7 @@ std::uint32_t ShouldAutoLaunchBeSkipped(const Call& call) {
 }
 
 std::uint32_t IsUwpInstalled(const Call& call) {
-  return Answer("IsUwpInstalled", call, [&] {
+  return ResultFromException("IsUwpInstalled", call, [&] {
     if (LacksDocuments(call)) return kFailed;
     const std::wstring packageFamilyName = IsUwpInstalledRequest(call.request, call.caller);
     AddAnswer(*call.response, L"installed",
@@ -97,7 +97,7 @@ std::uint32_t IsUwpInstalled(const Call& call) {
 }
 
 std::uint32_t GetExecutedMcAfeeStub(const Call& call) {
-  return Answer("GetExecutedMcAfeeStub", call, [&] {
+  return ResultFromException("GetExecutedMcAfeeStub", call, [&] {
     if (LacksResponse(call)) return kFailed;
     Storage::CapDataStore store;
     const Storage::BsonDocument document = store.readDocument(kServiceDocument);
@@ -109,7 +109,7 @@ std::uint32_t GetExecutedMcAfeeStub(const Call& call) {
 }
 
 std::uint32_t SetExecutedMcAfeeStub(const Call& call) {
-  return Answer("SetExecutedMcAfeeStub", call, [&] {
+  return ResultFromException("SetExecutedMcAfeeStub", call, [&] {
     bool launched = false;
     if (!ParseJsonValue(call.request, &launched, call.caller)) return kFailed;
     Storage::CapDataStore store;
@@ -121,7 +121,7 @@ std::uint32_t SetExecutedMcAfeeStub(const Call& call) {
 }
 
 std::uint32_t GetVersion(const Call& call) {
-  return Answer("GetVersion", call, [&] {
+  return ResultFromException("GetVersion", call, [&] {
     if (LacksResponse(call)) return kFailed;
     AddAnswer(*call.response, L"getVersion", Json::WideValue(rapidjson::StringRef(kVersion)));
     Log(call.caller).LogInfo(kVersionIs, kVersion);

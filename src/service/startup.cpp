@@ -82,7 +82,7 @@ void StartWakeupCheck(const std::shared_ptr<ServiceState>& state) {
   if (state->wakeupCheckDone) return;
   state->logger->LogInfo(kStarted, kWakeupCheckName);
   // Without a thread for the check, the rest of the start-up goes on.
-  Contain("startup_task", [&] { Platform::StartDetached([state] { RunWakeupCheck(state); }); });
+  CatchAndLog("startup_task", [&] { Platform::StartDetached([state] { RunWakeupCheck(state); }); });
 }
 
 // Waits for a real user, at most two hours. Returns false when the service ends first, and true
@@ -123,7 +123,7 @@ void StartupTask(const std::shared_ptr<ServiceState>& state) {
   state->logger->LogInfo(kOobeCompleted);
   SetBornOnDate(*state->logger);
   SetFirstLockDownMode(*state->logger);
-  Contain("startup_task", [&] { WatchStoredPackages(*state); });
+  CatchAndLog("startup_task", [&] { WatchStoredPackages(*state); });
   StartWakeupCheck(state);
   if (WaitForUser(*state)) NotifyOobe(*state);
 }
@@ -131,7 +131,7 @@ void StartupTask(const std::shared_ptr<ServiceState>& state) {
 }  // namespace
 
 void RunStartupTask(const std::shared_ptr<ServiceState>& state) noexcept {
-  Contain("startup_task", [&] { StartupTask(state); });
+  CatchAndLog("startup_task", [&] { StartupTask(state); });
 }
 
 }  // namespace Vx::Tessel::Server::Services::Orvane

@@ -89,7 +89,7 @@ void WakeupCheck(ServiceState& state) {
 }  // namespace
 
 void RunWakeupCheck(const std::shared_ptr<ServiceState>& state) noexcept {
-  Contain("CheckToSendWakeupEvent", [&] { WakeupCheck(*state); });
+  CatchAndLog("CheckToSendWakeupEvent", [&] { WakeupCheck(*state); });
 }
 
 }  // namespace Vx::Tessel::Server::Services::Orvane

@@ -167,7 +167,7 @@ Opened OpenOwn(const std::wstring& path, FileUse use) {
     }
     const Result<FileFacts> facts = (*opened)->Facts();
     if (!facts) return Opened::Failure(facts.Error());
-    const Result<bool> ours = (*opened)->BelongsToSystem();
+    const Result<bool> ours = (*opened)->HasTrustedOwner();
     if (!ours) return Opened::Failure(ours.Error());
     if (!IsPlain(*facts) || !*ours) break;
     if (step == use) return opened;

@@ -15,7 +15,7 @@ namespace Vx::Tests {
 // it with a store of its own.
 class ModuleTest : public testing::Test {
  protected:
-  Host::Answer Execute(std::uint32_t id, const std::wstring& request) {
+  Host::CommandResult Execute(std::uint32_t id, const std::wstring& request) {
     return service.Execute(id, request, L"client");
   }
 

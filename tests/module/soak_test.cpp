@@ -154,7 +154,7 @@ TEST_F(SoakTest, ServicesComeAndGoWithEverythingInFlight) {
     for (int caller = 0; caller < kCallers; ++caller) {
       callers.emplace_back([&session, odd = (turn + caller) % 2 != 0] {
         const auto use = [&](std::uint32_t id, const wchar_t* request) {
-          const Host::Answer answer = session.Execute(id, request, L"soak");
+          const Host::CommandResult answer = session.Execute(id, request, L"soak");
           EXPECT_TRUE(answer.code == 0 && answer.text) << id;
         };
         use(22, L"{}");

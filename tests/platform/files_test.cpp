@@ -138,7 +138,7 @@ TEST_F(FilesTest, AFileOfTheAdministratorsBelongsToTheSystemAndOneOfTheUsersDoes
                                       {WinBuiltinAdministratorsSid, true},
                                       {WinBuiltinUsersSid, false}}) {
     account = type;
-    EXPECT_EQ(*(*opened)->BelongsToSystem(), systems) << type;
+    EXPECT_EQ(*(*opened)->HasTrustedOwner(), systems) << type;
   }
 }
 

@@ -90,7 +90,7 @@ TEST(Explain, TellsTheStepsOfTheDecisionAndEndsWithTheVerdict) {
   const Tests::ProtectedFolder folder;
   for (const auto& c : kCases) {
     std::vector<std::wstring> lines;
-    const auto trust = JudgeFile(folder.Hold(c.file), RestrictedKeys());
+    const auto trust = VerifyFile(folder.Hold(c.file), RestrictedKeys());
     for (const auto& step : Explain(trust, RestrictedKeys())) {
       lines.push_back((step.passed ? L"+ " : L"- ") + step.text);
     }
@@ -100,13 +100,13 @@ TEST(Explain, TellsTheStepsOfTheDecisionAndEndsWithTheVerdict) {
 
 // Wine verifies the first signature instead of the second one, so this test can only check the
 // number.
-TEST(JudgeFile, LooksAtBothSignaturesOfAFile) {
-  EXPECT_EQ(JudgeFile(PkiFile(L"dual.exe"), GeneralKeys()).embeddedSignatures.size(), 2U);
+TEST(VerifyFile, LooksAtBothSignaturesOfAFile) {
+  EXPECT_EQ(VerifyFile(PkiFile(L"dual.exe"), GeneralKeys()).embeddedSignatures.size(), 2U);
 }
 
-TEST(JudgeFile, TrustsNothingWithoutPinnedKeys) {
+TEST(VerifyFile, TrustsNothingWithoutPinnedKeys) {
   const Tests::ProtectedFolder folder;
-  const FileTrust trust = JudgeFile(folder.Hold(kPinned), {});
+  const FileTrust trust = VerifyFile(folder.Hold(kPinned), {});
   EXPECT_FALSE(trust.trusted);
   EXPECT_FALSE(trust.pinsConfigured);
   EXPECT_EQ(trust.embeddedSignatures.size(), 1U);

@@ -220,7 +220,7 @@ TEST_F(AuthenticodeHelperTest, TakesAcceptanceAndPinFromDifferentSignatures) {
     SCOPED_TRACE(c.name);
     trust.inCatalog = {Signed(c.otherResult, 0x0B)};
     trust.embedded = {Signed(c.otherResult, 0x0C, 1), Signed(c.pinnedResult, 0x0A)};
-    EXPECT_EQ(JudgeFile(path, kPins).trusted, c.trusted);
+    EXPECT_EQ(VerifyFile(path, kPins).trusted, c.trusted);
   }
 }
 
@@ -250,7 +250,7 @@ TEST_F(AuthenticodeHelperTest, ComparesTheDropboxNameExactly) {
 
 class PathVerdictTest : public AuthenticodeHelperTest {
  protected:
-  PathOutcome Outcome(const std::wstring& path) const { return helper.JudgePath(path).outcome; }
+  PathOutcome Outcome(const std::wstring& path) const { return helper.CheckPath(path).outcome; }
 };
 
 TEST_F(PathVerdictTest, AllowsEveryTextThatNamesAProtectedFile) {
@@ -261,7 +261,7 @@ TEST_F(PathVerdictTest, AllowsEveryTextThatNamesAProtectedFile) {
                                    L"C:\\.\\" + below, path + L".", path + L" "}) {
     SCOPED_TRACE(testing::PrintToString(text));
     EXPECT_EQ(Outcome(text), PathOutcome::Allowed);
-    EXPECT_EQ(helper.JudgePath(text).fullPath, path);
+    EXPECT_EQ(helper.CheckPath(text).fullPath, path);
   }
   for (const wchar_t* text :
        {L"C:\\windows\\notepad.exe", L"C:\\WINDOWS\\NOTEPAD.EXE", L"%WinDir%\\notepad.exe"}) {

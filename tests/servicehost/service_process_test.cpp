@@ -198,7 +198,7 @@ DWORD WINAPI Unregister(void* handle) {
 // The service as the manager runs it, with the module as it ships and a store of its own.
 class ServiceProcessTest : public ::testing::Test, public StatusSink {
  protected:
-  void Report(const ServiceState& state) noexcept override {
+  void Report(const ServiceStatus& state) noexcept override {
     states.push_back(state);
     if (state.state == SERVICE_RUNNING) SetEvent(running.get());
     if (state.state == SERVICE_STOPPED) SetEvent(stopped.get());
@@ -241,7 +241,7 @@ class ServiceProcessTest : public ::testing::Test, public StatusSink {
   Tests::PrivateStore store;
   Platform::UniqueHandle running{CreateEventW(nullptr, TRUE, FALSE, nullptr)};
   Platform::UniqueHandle stopped{CreateEventW(nullptr, TRUE, FALSE, nullptr)};
-  std::vector<ServiceState> states;
+  std::vector<ServiceStatus> states;
   LogLines lines;
   std::unique_ptr<ServiceProcess> service;
 };
@@ -267,7 +267,7 @@ TEST_F(ServiceProcessTest, ForwardsTheManagersCodesInOrderAndReportsEachState) {
   EXPECT_EQ(ServiceProcess::Accepted(), 0x1U | 0x40U | 0x80U | 0x100U);
   std::vector<std::uint32_t> seen;
   std::uint32_t checkpoint = 0;
-  for (const ServiceState& state : states) {
+  for (const ServiceStatus& state : states) {
     if (seen.empty() || seen.back() != state.state) {
       seen.push_back(state.state);
       checkpoint = 0;

@@ -42,8 +42,8 @@ class FaultyFileHandle final : public Platform::FileHandle {
     if (facts) faults.onFacts(*facts);
     return facts;
   }
-  Platform::Result<bool> BelongsToSystem() const override {
-    return faults.foreignOwner ? false : real->BelongsToSystem();
+  Platform::Result<bool> HasTrustedOwner() const override {
+    return faults.foreignOwner ? false : real->HasTrustedOwner();
   }
   Platform::Result<std::vector<std::byte>> Content(std::size_t maxBytes) const override {
     faults.largestRead = maxBytes;

@@ -102,9 +102,9 @@ TEST_F(StoreRepairTest, NamesWhatIsWrongWithAStoreAndRestoresOnlyASoundOne) {
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.state + ", " + std::to_string(c.bytes.size()) + " bytes");
-    EXPECT_EQ(Judge(LookAtFile(Put(c.bytes)), Owner::Any).state, c.state);
+    EXPECT_EQ(Diagnose(LookAtFile(Put(c.bytes)), Owner::Any).state, c.state);
     WriteBytes(store.FilePath(), c.bytes);
-    EXPECT_EQ(Judge(LookAtStore()).state, c.state);
+    EXPECT_EQ(Diagnose(LookAtStore()).state, c.state);
     WriteBytes(store.FilePath(), original);
     if (c.bytes == original) continue;
     EXPECT_THROW(RestoreStore(copy, {}), std::runtime_error);
@@ -115,14 +115,14 @@ TEST_F(StoreRepairTest, NamesWhatIsWrongWithAStoreAndRestoresOnlyASoundOne) {
     NoKey noKey;
     const Platform::MachineScope other(
         [&](Platform::Machine& platform) { platform.dataProtection = &noKey; });
-    EXPECT_THAT(Judge(LookAtStore()).text, HasSubstr("sealed on another machine"));
+    EXPECT_THAT(Diagnose(LookAtStore()).text, HasSubstr("sealed on another machine"));
   }
   std::filesystem::create_hard_link(store.FilePath(), folder / L"second");
-  EXPECT_EQ(Judge(LookAtStore()).state, "linked");
+  EXPECT_EQ(Diagnose(LookAtStore()).state, "linked");
   EXPECT_THROW(RestoreStore(Put(original), {}), std::runtime_error);
   std::filesystem::remove(folder / L"second");
   std::filesystem::remove(store.FilePath());
-  EXPECT_EQ(Judge(LookAtStore()).state, "missing");
+  EXPECT_EQ(Diagnose(LookAtStore()).state, "missing");
 }
 
 TEST_F(StoreRepairTest, KeepsWhatItReplaces) {

@@ -66,8 +66,8 @@ struct Check {
 };
 
 // A check that is good, or a finding with what was expected and what to do.
-Check Judge(const char* what, bool good, std::wstring found, const wchar_t* expected,
-            const wchar_t* advice) {
+Check MakeCheck(const char* what, bool good, std::wstring found, const wchar_t* expected,
+                const wchar_t* advice) {
   Check check{.what = what, .found = std::move(found)};
   if (!good) {
     check.health = Health::Finding;
@@ -118,9 +118,9 @@ Check ModuleFile(const std::wstring& path) {
             .advice = L"install it, or name it with --dll"};
   }
   const std::wstring own = Wide(VX_VERSION);
-  return Judge("module", version == own, path + L", version " + version,
-               (L"version " + own + L", that of this tool").c_str(),
-               L"install both from one package");
+  return MakeCheck("module", version == own, path + L", version " + version,
+                   (L"version " + own + L", that of this tool").c_str(),
+                   L"install both from one package");
 }
 
 constexpr std::int64_t kDaysToRenew = 30;
@@ -130,32 +130,32 @@ Check ModuleSignature(const std::wstring& path) {
   constexpr wchar_t kExpected[] = L"a signature whose certificate is valid for a month more";
   const auto keys = Tessel::Security::PublicKeysOf(path);
   if (keys.empty()) {
-    return Judge(kWhat, false, path + L" has no signature that Windows can read", kExpected,
-                 L"sign it before it is installed");
+    return MakeCheck(kWhat, false, path + L" has no signature that Windows can read", kExpected,
+                     L"sign it before it is installed");
   }
   const auto certificates = CertificatesIn(path);
   const Certificate* certificate = CertificateOf(certificates, keys.front());
   if (certificate == nullptr) return {.what = kWhat, .found = L"signed by a catalog"};
   const std::uint64_t now = Machine().clock->UtcFileTime();
-  return Judge(kWhat, DaysLeft(*certificate, now) >= kDaysToRenew,
-               L"signed by " + certificate->subject + L", until " + Lifetime(*certificate, now),
-               kExpected, L"sign it anew: pin the new key as well if it is another one");
+  return MakeCheck(kWhat, DaysLeft(*certificate, now) >= kDaysToRenew,
+                   L"signed by " + certificate->subject + L", until " + Lifetime(*certificate, now),
+                   kExpected, L"sign it anew: pin the new key as well if it is another one");
 }
 
 void Pins(const std::wstring& module, const std::optional<ModulePins>& pins,
           std::vector<Check>& checks) {
   constexpr wchar_t kAdvice[] = L"without keys nothing is trusted: build with the maker's";
   if (!pins) {
-    checks.push_back(Judge("pinned keys", false, L"the module's file lists none",
-                           L"at least one of each set", kAdvice));
+    checks.push_back(MakeCheck("pinned keys", false, L"the module's file lists none",
+                               L"at least one of each set", kAdvice));
     return;
   }
   const std::size_t general = pins->General().size();
   const std::size_t restricted = pins->Restricted().size();
-  checks.push_back(
-      Judge("pinned keys", general != 0 && restricted != 0,
-            std::to_wstring(general) + L" general, " + std::to_wstring(restricted) + L" restricted",
-            L"at least one of each set", kAdvice));
+  checks.push_back(MakeCheck(
+      "pinned keys", general != 0 && restricted != 0,
+      std::to_wstring(general) + L" general, " + std::to_wstring(restricted) + L" restricted",
+      L"at least one of each set", kAdvice));
   const auto keys = Tessel::Security::PublicKeysOf(module);
   if (keys.empty()) return;  // then the check of the signature is a finding
   const auto isIn = [&](Tessel::Security::KeySet set) {
@@ -164,21 +164,22 @@ void Pins(const std::wstring& module, const std::optional<ModulePins>& pins,
   };
   const bool isRestricted = isIn(pins->Restricted());
   const bool pinned = isRestricted || isIn(pins->General());
-  checks.push_back(Judge("module's key", pinned,
-                         !pinned        ? L"its signature's key is not among its pinned keys"
-                         : isRestricted ? L"its signature's key is a restricted one"
-                                        : L"its signature's key is a general one",
-                         L"a module that is signed with a key that it pins",
-                         L"compare vxhost pins with the maker's keys: another party may have "
-                         L"signed it, or it was built with other keys"));
+  checks.push_back(MakeCheck("module's key", pinned,
+                             !pinned        ? L"its signature's key is not among its pinned keys"
+                             : isRestricted ? L"its signature's key is a restricted one"
+                                            : L"its signature's key is a general one",
+                             L"a module that is signed with a key that it pins",
+                             L"compare vxhost pins with the maker's keys: another party may have "
+                             L"signed it, or it was built with other keys"));
 }
 
 Check Folder(const std::wstring& folder) {
   const std::string why = WhyWritable(folder, Writers::System);
-  return Judge("folder", why.empty(), why.empty() ? folder : Wide(why),
-               L"a folder of SYSTEM or the administrators that users only read",
-               L"create it at installation, so that no user can create it first: vxhost service "
-               L"install --repair");
+  return MakeCheck(
+      "folder", why.empty(), why.empty() ? folder : Wide(why),
+      L"a folder of SYSTEM or the administrators that users only read",
+      L"create it at installation, so that no user can create it first: vxhost service "
+      L"install --repair");
 }
 
 // Reads the store as "store verify" does, while no service can write it.
@@ -188,60 +189,60 @@ void Store(const HoldLimits& limits, std::vector<Check>& checks) {
   try {
     hold.emplace(StoreUse::Write, limits);
   } catch (const std::runtime_error& error) {
-    checks.push_back(Judge("store mutex", false, Wide(error.what()), L"free",
-                           L"run as administrator, or find the program that keeps it: it stops "
-                           L"every service"));
-    checks.push_back(
-        Judge("store", false, L"not read while its mutex is taken", kSound, L"as for the mutex"));
+    checks.push_back(MakeCheck("store mutex", false, Wide(error.what()), L"free",
+                               L"run as administrator, or find the program that keeps it: it stops "
+                               L"every service"));
+    checks.push_back(MakeCheck("store", false, L"not read while its mutex is taken", kSound,
+                               L"as for the mutex"));
     return;
   }
   checks.push_back({.what = "store mutex", .found = L"free"});
   const StoreLook look = LookAtFile(CapDataStore::PathOfFile());
-  const StoreVerdict verdict = JudgeWithLists(look);
+  const StoreVerdict verdict = DiagnoseWithLists(look);
   const bool good =
       look.siblings.empty() && (verdict.IsSound() || look.reading.state == StoreState::Missing);
   checks.push_back(
-      Judge("store", good,
-            look.path + L": " + Wide(verdict.text) +
-                (look.siblings.empty() ? L"" : L"; beside it " + look.siblings.front()),
-            kSound, L"run as administrator, or see \"Trouble\" in docs/operations.md"));
+      MakeCheck("store", good,
+                look.path + L": " + Wide(verdict.text) +
+                    (look.siblings.empty() ? L"" : L"; beside it " + look.siblings.front()),
+                kSound, L"run as administrator, or see \"Trouble\" in docs/operations.md"));
 }
 
 void ConsoleUser(std::vector<Check>& checks) {
   const std::uint32_t session = Machine().sessions->ActiveConsoleSession();
   if (session == Platform::kNoSession) {
-    checks.push_back(Judge("console", false, L"no session", L"a session with a user",
-                           L"sign in at the machine: programs start in that session only"));
+    checks.push_back(MakeCheck("console", false, L"no session", L"a session with a user",
+                               L"sign in at the machine: programs start in that session only"));
     return;
   }
   const auto user = Machine().sessions->QueryText(session, Platform::SessionText::UserName);
-  checks.push_back(Judge("console", user && !user->empty(),
-                         L"session " + std::to_wstring(session) + L", user " +
-                             (user ? *user : L"unknown: " + Code(user.Error())),
-                         L"a user", L"sign in at the machine"));
+  checks.push_back(MakeCheck("console", user && !user->empty(),
+                             L"session " + std::to_wstring(session) + L", user " +
+                                 (user ? *user : L"unknown: " + Code(user.Error())),
+                             L"a user", L"sign in at the machine"));
   const auto logon = Orvane::LogonProcessIn(session);
   const auto image = logon ? Machine().processes->ImagePath(*logon) : std::nullopt;
-  checks.push_back(Judge("logon process", image.has_value(), image.value_or(L"none is seen"),
-                         L"winlogon.exe in the session of the console",
-                         L"run as administrator, who may see it"));
+  checks.push_back(MakeCheck("logon process", image.has_value(), image.value_or(L"none is seen"),
+                             L"winlogon.exe in the session of the console",
+                             L"run as administrator, who may see it"));
 }
 
 Check FirstRun() {
   const auto state = Machine().oobe->Query();
-  return Judge("first-run set-up", state.known && state.complete,
-               !state.known     ? L"not reported"
-               : state.complete ? L"complete"
-                                : L"not complete",
-               L"complete", L"the service waits until Windows has finished its set-up");
+  return MakeCheck("first-run set-up", state.known && state.complete,
+                   !state.known     ? L"not reported"
+                   : state.complete ? L"complete"
+                                    : L"not complete",
+                   L"complete", L"the service waits until Windows has finished its set-up");
 }
 
 Check Lockdown(Tessel::Security::KeySet keys) {
   const std::wstring path = Expanded(L"%windir%\\System32\\wldp.dll");
-  const auto trust = Tessel::Security::JudgeFile(path, keys);
-  return Judge("lockdown library", trust.trusted,
-               path + (trust.trusted ? L", trusted" : L", not trusted"),
-               L"a library that is signed with a general key",
-               L"without it S mode is never noticed; see vxhost trust --general");
+  const auto trust = Tessel::Security::VerifyFile(path, keys);
+  return MakeCheck("lockdown library", trust.trusted,
+                   path + (trust.trusted ? L", trusted" : L", not trusted"),
+                   L"a library that is signed with a general key",
+                   L"without it S mode is never noticed; see vxhost trust --general");
 }
 
 Check Package(const Orvane::CompanionApp& app) {
@@ -249,32 +250,34 @@ Check Package(const Orvane::CompanionApp& app) {
   auto found = Platform::AsConsoleUser(
       ignored, [&] { return Machine().packages->FindByFamily(app.packageFamilyName).fullNames; });
   if (found.empty()) found = Machine().packages->FindByFamily(app.packageFamilyName).fullNames;
-  return Judge("companion app", !found.empty(),
-               std::wstring(app.packageFamilyName) +
-                   (found.empty() ? L" is not installed for the user" : L": " + found.front()),
-               L"installed for the user at the console",
-               L"install it, unless this machine is sold without it");
+  return MakeCheck("companion app", !found.empty(),
+                   std::wstring(app.packageFamilyName) +
+                       (found.empty() ? L" is not installed for the user" : L": " + found.front()),
+                   L"installed for the user at the console",
+                   L"install it, unless this machine is sold without it");
 }
 
 Check Firmware() {
   Tessel::Server::Shared::WMI::VxBiosWmi firmware;
   const bool ready = firmware.GetReady();
-  return Judge("firmware", ready,
-               ready ? L"its WMI namespace opens (its class is not asked)" : L"no WMI namespace",
-               L"the maker's WMI provider", L"a machine of another maker keeps no born-on date");
+  return MakeCheck(
+      "firmware", ready,
+      ready ? L"its WMI namespace opens (its class is not asked)" : L"no WMI namespace",
+      L"the maker's WMI provider", L"a machine of another maker keeps no born-on date");
 }
 
 Check SessionPart() {
   const bool present = Machine().apiSets->IsPresent(Platform::kSessionApiSet);
-  return Judge("session functions", present, present ? L"present" : L"absent", L"present",
-               L"this edition has no interactive users: nothing is started for them");
+  return MakeCheck("session functions", present, present ? L"present" : L"absent", L"present",
+                   L"this edition has no interactive users: nothing is started for them");
 }
 
 Check Triggers() {
   const bool present =
       GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "RtlRaiseCustomSystemEventTrigger") != nullptr;
-  return Judge("custom triggers", present, present ? L"present" : L"absent", L"present",
-               L"this Windows raises no custom triggers: subscriptions with one only log a status");
+  return MakeCheck(
+      "custom triggers", present, present ? L"present" : L"absent", L"present",
+      L"this Windows raises no custom triggers: subscriptions with one only log a status");
 }
 
 // Counts the power events in the log of a service and returns the last record of one. Clients
@@ -317,10 +320,10 @@ Check Power(const std::string& folder) {
   std::ranges::sort(files);  // by day and number
   PowerEvents events;
   for (const auto& file : files) CountPowerEvents(file, events);
-  return Judge("power events", events.count != 0,
-               events.count == 0 ? L"none in " + std::to_wstring(files.size()) + L" log files"
-                                 : std::to_wstring(events.count) + L", the last " + events.last,
-               L"at least one", L"let the machine sleep and wake while the service runs");
+  return MakeCheck("power events", events.count != 0,
+                   events.count == 0 ? L"none in " + std::to_wstring(files.size()) + L" log files"
+                                     : std::to_wstring(events.count) + L", the last " + events.last,
+                   L"at least one", L"let the machine sleep and wake while the service runs");
 }
 
 std::vector<Check> Examine(const std::wstring& module, const Options& options) {

@@ -19,9 +19,9 @@
 #include "simulator/simulated_machine.h"
 #include "vxhost/log/timeline_page.h"
 #include "vxhost/log/timeline_picture.h"
+#include "vxhost/play/harness.h"
 #include "vxhost/play/play_report.h"
 #include "vxhost/play/scenario.h"
-#include "vxhost/play/theatre.h"
 #include "vxhost/service/running_service.h"
 
 namespace Vx::Host {
@@ -61,20 +61,20 @@ std::wstring RequestText(const ExecOptions& options) {
   }
 }
 
-Answer ExecuteInModule(const ModuleOptions& module, const ExecOptions& options,
-                       const std::wstring& request, Console& console) {
-  const auto theatre = MakeTheatre(module, console);
+CommandResult ExecuteInModule(const ModuleOptions& module, const ExecOptions& options,
+                              const std::wstring& request, Console& console) {
+  const auto harness = MakeHarness(module, console);
   console.Request(options.id, request);
   if (!module.simulate) {
     // The module waits for it without limit or notice.
     const StoreHold isFree(StoreUse::Write, options.limits);
   }
-  return theatre->Open().session.Execute(options.id, request, Wide(options.caller));
+  return harness->Open().session.Execute(options.id, request, Wide(options.caller));
 }
 
 int Exec(const ModuleOptions& module, const ExecOptions& options, Console& console) {
   const std::wstring request = RequestText(options);
-  Answer answer;
+  CommandResult answer;
   if (options.service.empty()) {
     if (options.process != 0) throw std::runtime_error("--process needs --service");
     answer = ExecuteInModule(module, options, request, console);
@@ -99,44 +99,44 @@ struct ScenarioOptions {
 };
 
 // Scenarios that are to be played, all of which are read before the first is.
-struct Programme {
+struct ScenarioRun {
   std::vector<std::unique_ptr<Scenario>> scenarios;
   std::vector<PlayedScenario> played;  // one each; of those that cannot be played, only the error
   std::string faults;
 };
 
-Programme Read(const ModuleOptions& module, const ScenarioOptions& options) {
+ScenarioRun Read(const ModuleOptions& module, const ScenarioOptions& options) {
   const auto definitions = DefinitionsOf(options.definitions);
-  const StageKind where = module.simulate       ? StageKind::Simulated
-                          : module.privateStore ? StageKind::PrivateStore
-                                                : StageKind::Real;
-  Programme programme;
+  const HarnessKind where = module.simulate       ? HarnessKind::Simulated
+                            : module.privateStore ? HarnessKind::PrivateStore
+                                                  : HarnessKind::Real;
+  ScenarioRun run;
   for (const std::string& file : options.scenarios) {
     PlayedScenario entry;
     entry.file = file;
     try {
-      programme.scenarios.push_back(std::make_unique<Scenario>(FullPath(file), definitions, where));
+      run.scenarios.push_back(std::make_unique<Scenario>(FullPath(file), definitions, where));
     } catch (const std::runtime_error& error) {
       entry.error = error.what();
-      programme.faults += (programme.faults.empty() ? "" : "\n") + entry.error;
+      run.faults += (run.faults.empty() ? "" : "\n") + entry.error;
     }
-    programme.played.push_back(std::move(entry));
+    run.played.push_back(std::move(entry));
   }
-  return programme;
+  return run;
 }
 
-// Plays on a stage of its own. An error ends the scenario, but not the reports.
+// Plays in a harness of its own. An error ends the scenario, but not the reports.
 void Play(const ModuleOptions& module, const Scenario& scenario, Console& console,
           PlayedScenario& played) {
-  const auto theatre = MakeTheatre(module, console, [&] { scenario.Prepare(); });
-  Stage& stage = theatre->Open();
+  const auto harness = MakeHarness(module, console, [&] { scenario.Prepare(); });
+  ScenarioContext& context = harness->Open();
   try {
-    played.met = scenario.Play(stage);
+    played.met = scenario.Play(context);
   } catch (const std::runtime_error& error) {
     played.error = error.what();
   }
-  played.steps = stage.record.Steps();
-  played.entries = stage.record.Entries();
+  played.steps = context.record.Steps();
+  played.entries = context.record.Entries();
 }
 
 constexpr char kMet[] = "Everything that was expected happened.";
@@ -157,24 +157,24 @@ int PlayScenarios(const ModuleOptions& module, const ScenarioOptions& options, C
   if (!options.timeline.empty() && options.scenarios.size() != 1) {
     throw std::runtime_error("--timeline draws one scenario");
   }
-  Programme programme = Read(module, options);
+  ScenarioRun run = Read(module, options);
   const auto report = [&] {
     if (!options.junit.empty()) {
-      WriteTextFile(FullPath(options.junit), JUnitReport(programme.played));
+      WriteTextFile(FullPath(options.junit), JUnitReport(run.played));
     }
-    if (!options.timeline.empty()) WriteTimeline(options.timeline, programme.played);
+    if (!options.timeline.empty()) WriteTimeline(options.timeline, run.played);
   };
-  if (!programme.faults.empty()) {
+  if (!run.faults.empty()) {
     report();
-    throw std::runtime_error(programme.faults);
+    throw std::runtime_error(run.faults);
   }
   bool met = true;
-  for (std::size_t i = 0; i < programme.scenarios.size(); ++i) {
-    PlayedScenario& played = programme.played[i];
-    if (programme.scenarios.size() > 1 && !console.WritesJson()) {
+  for (std::size_t i = 0; i < run.scenarios.size(); ++i) {
+    PlayedScenario& played = run.played[i];
+    if (run.scenarios.size() > 1 && !console.WritesJson()) {
       console.Lines("\n==== " + played.file);
     }
-    Play(module, *programme.scenarios[i], console, played);
+    Play(module, *run.scenarios[i], console, played);
     if (!played.error.empty()) {
       report();
       throw std::runtime_error(played.file + ": " + played.error);
@@ -200,27 +200,27 @@ int Events(const ModuleOptions& module, const EventOptions& options, Console& co
   if (options.power.empty() && options.sessions.empty()) {
     throw std::runtime_error("no event to send: name some with --power or --session");
   }
-  const auto theatre = MakeTheatre(module, console);
-  const Stage& stage = theatre->Open();
+  const auto harness = MakeHarness(module, console);
+  const ScenarioContext& context = harness->Open();
   const auto call = [&](const std::string& text) {
-    stage.record.AddCall(Wide(text));
+    context.record.AddCall(Wide(text));
     console.Note("-> " + text);
   };
   for (const std::uint32_t code : options.power) {
     call("power event " + std::to_string(code));
-    stage.session.Slots().power_event_task(code);
+    context.session.Slots().power_event_task(code);
   }
   for (const std::uint32_t code : options.sessions) {
     call("session change " + std::to_string(code));
-    stage.session.Slots().OnSessionChange(code);
+    context.session.Slots().OnSessionChange(code);
   }
   // Deliveries run on their own threads.
-  if (stage.machine != nullptr) {
-    stage.machine->clock.Advance(std::chrono::seconds(options.seconds));
+  if (context.machine != nullptr) {
+    context.machine->clock.Advance(std::chrono::seconds(options.seconds));
   } else {
     Sleep(static_cast<DWORD>(options.seconds) * 1000);
   }
-  if (console.WritesJson()) console.JsonResult(EventsJson(stage.record.Entries()));
+  if (console.WritesJson()) console.JsonResult(EventsJson(context.record.Entries()));
   return kDone;
 }
 

@@ -61,7 +61,7 @@ int Verify(const Options& options, Console& console) {
   const StoreLook look =
       options.file.empty() ? LookAtStore(options.limits) : LookAtFile(FullPathOfFile(options.file));
   const StoreVerdict verdict =
-      JudgeWithLists(look, options.file.empty() ? Owner::Trusted : Owner::Any);
+      DiagnoseWithLists(look, options.file.empty() ? Owner::Trusted : Owner::Any);
   if (console.WritesJson()) {
     WideDocument result(rapidjson::kObjectType);
     auto& pool = result.GetAllocator();

@@ -17,8 +17,8 @@
 #include "records/subscription_hash.h"
 #include "storage/request_manager.h"
 #include "storage/sealed_file.h"
+#include "vxhost/play/harness.h"
 #include "vxhost/play/played_keys.h"
-#include "vxhost/play/theatre.h"
 #include "vxhost/store/store_look.h"
 #include "vxhost/subscriptions/explanation.h"
 #include "vxhost/subscriptions/module_pins.h"
@@ -219,9 +219,9 @@ int Add(const ModuleOptions& module, const AddOptions& options, Console& console
   }
   if (!check.Runs() && !options.force) return Report(L"added", text, false, console);
   const std::size_t before = Stored(options.limits).size();
-  const auto theatre = MakeTheatre(module, console);
-  const Answer answer =
-      theatre->Open().session.Execute(composer.Command(), text, Wide(options.caller));
+  const auto harness = MakeHarness(module, console);
+  const CommandResult answer =
+      harness->Open().session.Execute(composer.Command(), text, Wide(options.caller));
   const bool added = answer.code == 0 && Stored(options.limits).size() > before;
   return Report(L"added", text, added, console);
 }
@@ -251,8 +251,8 @@ int Remove(const ModuleOptions& module, const RemoveOptions& options, Console& c
   }
   const StoredSubscription& one = *found;
   if (one.kind->unsubscribe != 0) {
-    const auto theatre = MakeTheatre(module, console);
-    theatre->Open().session.Execute(one.kind->unsubscribe, *one.text, Wide(options.caller));
+    const auto harness = MakeHarness(module, console);
+    harness->Open().session.Execute(one.kind->unsubscribe, *one.text, Wide(options.caller));
   } else {
     // No command takes it back. A service that runs watches it until the user logs off.
     const StoreHold hold(StoreUse::Write, options.limits);

@@ -138,7 +138,7 @@ int Trust(const ModuleOptions& module, const Options& options, Console& console)
   const std::wstring file = FullPathOfFile(options.file);
   const ModulePins pins(module.Path());
   const auto keys = options.general ? pins.General() : pins.Restricted();
-  const auto trust = Tessel::Security::JudgeFile(file, keys);
+  const auto trust = Tessel::Security::VerifyFile(file, keys);
   Json::WideDocument result(rapidjson::kObjectType);
   auto& allocator = result.GetAllocator();
   Json::WideValue checks(rapidjson::kArrayType);

@@ -211,7 +211,7 @@ void Console::Request(std::uint32_t id, const std::wstring& request) {
   WriteNote("-> " + std::to_string(id) + " " + Utf8(request), LineBreaks::Keep);
 }
 
-void Console::Result(const Answer& answer) {
+void Console::Result(const CommandResult& answer) {
   Line("<- " + (answer.text ? Utf8(*answer.text) : std::string("(no response)")));
   Line("   result " + Describe(answer.code));
 }

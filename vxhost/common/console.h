@@ -59,7 +59,7 @@ class Console {
   // The lines of `text`, as they are.
   void Lines(const std::string& text);
   void Request(std::uint32_t id, const std::wstring& request);
-  void Result(const Answer& answer);
+  void Result(const CommandResult& answer);
   // `moment`, if not empty, precedes the line.
   void Log(const LogLine& line, const std::wstring& moment = {});
   // The same, as the result of a command that shows log lines.

@@ -23,7 +23,8 @@ void PlayRecord::AddCall(const std::wstring& text) {
   Add({.what = Happening::Call, .text = text, .log = {}, .request = {}, .answer = {}});
 }
 
-void PlayRecord::AddCommand(std::uint32_t id, const std::wstring& request, const Answer& answer) {
+void PlayRecord::AddCommand(std::uint32_t id, const std::wstring& request,
+                            const CommandResult& answer) {
   Add({.what = Happening::Command,
        .text = {},
        .log = {},

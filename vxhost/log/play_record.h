@@ -26,7 +26,7 @@ struct RecordEntry {
   LogLine log;
   std::uint32_t command = 0;  // its id, with request and answer
   std::wstring request;
-  Answer answer;
+  CommandResult answer;
 };
 
 // A step that was played.
@@ -50,7 +50,7 @@ class PlayRecord {
   void EndStep();
 
   void AddCall(const std::wstring& text);
-  void AddCommand(std::uint32_t id, const std::wstring& request, const Answer& answer);
+  void AddCommand(std::uint32_t id, const std::wstring& request, const CommandResult& answer);
   void AddEvent(const std::wstring& text);  // on the thread that causes it
   void AddLog(const LogLine& line);         // on the thread that logs
   void AddFailure(const std::wstring& text);

@@ -41,7 +41,7 @@ const wchar_t* NameOf(Happening what) {
   return L"";
 }
 
-void AddCommandMembers(WideValue& object, std::uint32_t id, const Answer& answer,
+void AddCommandMembers(WideValue& object, std::uint32_t id, const CommandResult& answer,
                        Json::WidePool& pool) {
   wchar_t code[16];
   std::swprintf(code, std::size(code), L"0x%08X", answer.code);
@@ -158,7 +158,7 @@ std::string Suite(const PlayedScenario& played) {
 
 }  // namespace
 
-Json::WideDocument CommandJson(std::uint32_t id, const Answer& answer) {
+Json::WideDocument CommandJson(std::uint32_t id, const CommandResult& answer) {
   Json::WideDocument result(rapidjson::kObjectType);
   AddCommandMembers(result, id, answer, result.GetAllocator());
   return result;

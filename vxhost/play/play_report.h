@@ -19,7 +19,7 @@ struct PlayedScenario {
 
 // {"id", "code", "meaning", "answer"}. The answer is null when the module returned none, and a text
 // when it is not JSON.
-Json::WideDocument CommandJson(std::uint32_t id, const Answer& answer);
+Json::WideDocument CommandJson(std::uint32_t id, const CommandResult& answer);
 
 // {"scenario", "met", "seconds", "steps": [{"step", "line", "say", "met", "entries"}]}, as
 // docs/vxhost.md describes it.

@@ -69,49 +69,50 @@ std::wstring ReadIfThere(const std::wstring& path) {
   }
 }
 
-class Player {
+class ScenarioRunner {
  public:
-  Player(const Definitions& names, Stage& where) : definitions(names), stage(where) {}
+  ScenarioRunner(const Definitions& names, ScenarioContext& where)
+      : definitions(names), context(where) {}
 
   bool Play(const WideValue& steps, const std::vector<std::size_t>& lines) {
     for (rapidjson::SizeType i = 0; i < steps.Size(); ++i) {
       const auto* say = FindMember(steps[i], L"say");
-      stage.record.BeginStep(lines[i], say == nullptr ? std::wstring() : Expand(*say));
+      context.record.BeginStep(lines[i], say == nullptr ? std::wstring() : Expand(*say));
       try {
         Step(steps[i]);
       } catch (const std::runtime_error& error) {
         throw std::runtime_error("line " + std::to_string(lines[i]) + ", step " +
                                  std::to_string(i + 1) + ": " + error.what());
       }
-      stage.record.EndStep();
+      context.record.EndStep();
     }
-    if (stage.machine != nullptr) RequireRefusal(*stage.machine);
+    if (context.machine != nullptr) RequireRefusal(*context.machine);
     return succeeded;
   }
 
  private:
   void Step(const WideValue& step) {
-    if (const auto* text = FindMember(step, L"say")) stage.console.Heading(Utf8(Expand(*text)));
-    if (stage.machine != nullptr) {
+    if (const auto* text = FindMember(step, L"say")) context.console.Heading(Utf8(Expand(*text)));
+    if (context.machine != nullptr) {
       const auto expand = [this](const WideValue& value) { return Expand(value); };
-      ChangeMachine(step, expand, *stage.machine);
+      ChangeMachine(step, expand, *context.machine);
     }
     if (const auto* values = FindMember(step, L"store")) Store(*values);
     if (FindMember(step, L"end") != nullptr) End();
     if (FindMember(step, L"restart") != nullptr) Restart();
     if (FindMember(step, L"start") != nullptr) {
       Call("start");
-      stage.session.Slots().Start();
+      context.session.Slots().Start();
     }
     if (FindMember(step, L"policy") != nullptr) Announce();
     if (const auto* id = FindMember(step, L"exec")) Execute(step, id->GetUint());
     if (const auto* code = FindMember(step, L"power")) {
       Call("power event " + std::to_string(code->GetUint()));
-      stage.session.Slots().power_event_task(code->GetUint());
+      context.session.Slots().power_event_task(code->GetUint());
     }
     if (const auto* code = FindMember(step, L"session")) {
       Call("session change " + std::to_string(code->GetUint()));
-      stage.session.Slots().OnSessionChange(code->GetUint());
+      context.session.Slots().OnSessionChange(code->GetUint());
     }
     if (const auto* copy = FindMember(step, L"copy")) Copy(*copy);
     if (const auto* path = FindMember(step, L"remove")) {
@@ -123,11 +124,11 @@ class Player {
       helpers.push_back(std::make_unique<Helper>(
           Expand(*path), arguments == nullptr ? std::wstring() : Expand(*arguments)));
     }
-    if (stage.machine != nullptr) PassTime(step, *stage.machine);
-    stage.showRepeated();
+    if (context.machine != nullptr) PassTime(step, *context.machine);
+    context.showRepeated();
     if (const auto* file = FindMember(step, L"waitFor")) WaitForFile(*file);
     if (FindMember(step, L"showStore") != nullptr) {
-      for (const std::string& line : StoreLines()) stage.console.Note("   store " + line);
+      for (const std::string& line : StoreLines()) context.console.Note("   store " + line);
     }
     if (const auto* expect = FindMember(step, L"expect")) ExpectTraces(*expect);
   }
@@ -143,22 +144,22 @@ class Player {
   }
 
   void Call(const std::string& text) {
-    stage.record.AddCall(Wide(text));
-    stage.console.Note("-> " + text);
+    context.record.AddCall(Wide(text));
+    context.console.Note("-> " + text);
   }
 
   void End() {
     Call("end");
-    stage.session.End();
-    if (stage.machine != nullptr) stage.machine->clock.Settle();
+    context.session.End();
+    if (context.machine != nullptr) context.machine->clock.Settle();
   }
 
   void Restart() {
     Call("end and start");
-    stage.session.End();
-    if (stage.machine != nullptr) stage.machine->clock.Settle();
-    stage.session = stage.newService();
-    stage.session.Slots().Start();
+    context.session.End();
+    if (context.machine != nullptr) context.machine->clock.Settle();
+    context.session = context.newService();
+    context.session.Slots().Start();
   }
 
   // A text unchanged, any other value as JSON. Definitions are expanded in both.
@@ -180,12 +181,12 @@ class Player {
   void Execute(const WideValue& step, std::uint32_t id) {
     const auto* request = FindMember(step, L"request");
     const std::wstring text = request == nullptr ? L"{}" : Expand(*request);
-    stage.console.Request(id, text);
-    const Answer answer = stage.session.Execute(id, text, kCaller);
-    if (stage.machine != nullptr) stage.machine->clock.Settle();
-    stage.record.AddCommand(id, text, answer);
-    stage.console.Note("<- " + (answer.text ? Utf8(*answer.text) : std::string("(no response)")));
-    stage.console.Note("   result " + Describe(answer.code));
+    context.console.Request(id, text);
+    const CommandResult answer = context.session.Execute(id, text, kCaller);
+    if (context.machine != nullptr) context.machine->clock.Settle();
+    context.record.AddCommand(id, text, answer);
+    context.console.Note("<- " + (answer.text ? Utf8(*answer.text) : std::string("(no response)")));
+    context.console.Note("   result " + Describe(answer.code));
     const auto* expect = FindMember(step, L"expect");
     if (expect == nullptr) return;
     if (const auto* code = FindMember(*expect, L"code")) {
@@ -202,8 +203,8 @@ class Player {
   void Announce() {
     constexpr std::uint32_t kPolicyChanged = 16;
     Call("the policy changed");
-    const Answer answer = stage.session.Execute(kPolicyChanged, L"{}", kCaller);
-    if (stage.machine != nullptr) stage.machine->clock.Settle();
+    const CommandResult answer = context.session.Execute(kPolicyChanged, L"{}", kCaller);
+    if (context.machine != nullptr) context.machine->clock.Settle();
     Check(answer.code == 0,
           "the policy should be announced, but the result is " + Describe(answer.code));
   }
@@ -227,9 +228,9 @@ class Player {
       return !content.empty() && content.find(wanted) != std::wstring::npos;
     });
     if (FindMember(what, L"quiet") == nullptr) {
-      stage.console.Note("   " + Utf8(path) + " says:");
+      context.console.Note("   " + Utf8(path) + " says:");
       std::wistringstream lines(content);
-      for (std::wstring line; std::getline(lines, line);) stage.console.Note(Utf8(line));
+      for (std::wstring line; std::getline(lines, line);) context.console.Note(Utf8(line));
     }
     Check(came, Utf8(path) + " should say \"" + Utf8(wanted) + "\"");
   }
@@ -238,16 +239,18 @@ class Player {
     if (const auto* text = FindMember(expect, L"log")) {
       const std::wstring wanted = Expand(*text);
       // On a simulated machine all that could happen has happened.
-      const int patience = stage.machine == nullptr ? Seconds(expect) : 0;
-      Check(stage.record.WaitFor(wanted, patience), "the log should say \"" + Utf8(wanted) + "\"");
+      const int patience = context.machine == nullptr ? Seconds(expect) : 0;
+      Check(context.record.WaitFor(wanted, patience),
+            "the log should say \"" + Utf8(wanted) + "\"");
     }
     if (const auto* text = FindMember(expect, L"event")) {
       const std::wstring wanted = Expand(*text);
-      Check(stage.record.Happened(wanted), "it should have happened that \"" + Utf8(wanted) + "\"");
+      Check(context.record.Happened(wanted),
+            "it should have happened that \"" + Utf8(wanted) + "\"");
     }
     if (const auto* text = FindMember(expect, L"noEvent")) {
       const std::wstring unwanted = Expand(*text);
-      Check(!stage.record.Happened(unwanted),
+      Check(!context.record.Happened(unwanted),
             "it should not have happened that \"" + Utf8(unwanted) + "\"");
     }
     if (const auto* values = FindMember(expect, L"stored")) ExpectStored(*values);
@@ -262,7 +265,7 @@ class Player {
       const std::wstring wanted = Expand(value->value);
       const auto stored = document.Find(key);
       const std::wstring text = stored ? stored->AsWideText().value_or(L"") : std::wstring();
-      stage.console.Note("   the store holds " + key + " = \"" + Utf8(text) + "\"");
+      context.console.Note("   the store holds " + key + " = \"" + Utf8(text) + "\"");
       Check(text == wanted, key + " should be stored as \"" + Utf8(wanted) + "\"");
     }
   }
@@ -275,19 +278,19 @@ class Player {
   void Check(bool happened, const std::string& expectation) {
     if (happened) return;
     succeeded = false;
-    stage.record.AddFailure(Wide(expectation));
-    stage.console.Failure(expectation);
+    context.record.AddFailure(Wide(expectation));
+    context.console.Failure(expectation);
   }
 
   const Definitions& definitions;
-  Stage& stage;
+  ScenarioContext& context;
   std::vector<std::unique_ptr<Helper>> helpers;
   bool succeeded = true;
 };
 
 }  // namespace
 
-Scenario::Scenario(const std::wstring& path, Definitions names, StageKind where)
+Scenario::Scenario(const std::wstring& path, Definitions names, HarnessKind where)
     : definitions(std::move(names)) {
   const std::wstring text = ReadTextFile(path);
   Json::ParseFault fault;
@@ -314,8 +317,8 @@ void Scenario::Prepare() const {
   initialStore.Write();
 }
 
-bool Scenario::Play(Stage& stage) const {
-  return Player(definitions, stage).Play(*FindMember(document, L"steps"), lines);
+bool Scenario::Play(ScenarioContext& context) const {
+  return ScenarioRunner(definitions, context).Play(*FindMember(document, L"steps"), lines);
 }
 
 }  // namespace Vx::Host

@@ -18,7 +18,7 @@ class SimulatedMachine;
 namespace Vx::Host {
 
 // What a scenario plays against: a service, and the record of what happens.
-struct Stage {
+struct ScenarioContext {
   ServiceSession& session;
   std::function<ServiceSession()> newService;
   PlayRecord& record;
@@ -32,14 +32,14 @@ class Scenario {
  public:
   // Reads and checks the file. Throws std::runtime_error, whose text lists every fault with its
   // line, when it cannot be played as it is.
-  Scenario(const std::wstring& path, Definitions definitions, StageKind where);
+  Scenario(const std::wstring& path, Definitions definitions, HarnessKind where);
 
   // Writes the store to begin with. To be called before the service is created.
   void Prepare() const;
 
   // Plays every step, also after one whose expectation was not met. Returns whether all were met.
   // Throws std::runtime_error when a step cannot be carried out.
-  bool Play(Stage& stage) const;
+  bool Play(ScenarioContext& context) const;
 
  private:
   Json::WideDocument document;

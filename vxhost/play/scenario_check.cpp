@@ -144,8 +144,8 @@ std::string Shown(const WideValue& value) {
 
 class Checker {
  public:
-  Checker(const LineIndex& index, const Definitions& names, StageKind stage)
-      : lines(index), definitions(names), where(stage) {}
+  Checker(const LineIndex& index, const Definitions& names, HarnessKind harness)
+      : lines(index), definitions(names), where(harness) {}
 
   std::vector<std::string> Check(const WideValue& scenario) {
     if (!scenario.IsObject()) {
@@ -157,7 +157,7 @@ class Checker {
       const std::wstring key = member->name.GetString();
       if (key == kStore) {
         Part(kBegin, member->value, key, scenario);
-        if (where != StageKind::Real) continue;
+        if (where != HarnessKind::Real) continue;
         Add(member->value, key,
             "would change the store of this machine: --private-store or --simulate");
       } else if (key != kSteps) {
@@ -215,7 +215,7 @@ class Checker {
 
   void Part(const PartRule& rule, const WideValue& value, const std::wstring& key,
             const WideValue& one) {
-    if (rule.needs == PartNeeds::SimulatedMachine && where != StageKind::Simulated) {
+    if (rule.needs == PartNeeds::SimulatedMachine && where != HarnessKind::Simulated) {
       Add(value, key, "needs a simulated machine: --simulate");
     }
     if (rule.companion != nullptr && FindMember(one, rule.companion) == nullptr) {
@@ -310,7 +310,7 @@ class Checker {
 
   const LineIndex& lines;
   const Definitions& definitions;
-  StageKind where;
+  HarnessKind where;
   std::vector<std::string> faults;
   std::size_t step = 0;
   bool ended = false;
@@ -391,7 +391,7 @@ std::wstring Expanded(const std::wstring& text, const Definitions& definitions,
 }
 
 std::vector<std::string> FaultsOf(const Json::WideDocument& scenario, const LineIndex& lines,
-                                  const Definitions& definitions, StageKind where) {
+                                  const Definitions& definitions, HarnessKind where) {
   return Checker(lines, definitions, where).Check(scenario);
 }
 

@@ -33,12 +33,12 @@ std::wstring Expanded(const std::wstring& text, const Definitions& definitions,
                       const UnknownName& unknown = {});
 
 // Where a scenario is to be played.
-enum class StageKind { Real, PrivateStore, Simulated };
+enum class HarnessKind { Real, PrivateStore, Simulated };
 
 // Every fault of a scenario, in order, as "line 4, step 2, \"expect.code\": ...": unknown parts,
 // values of the wrong kind, names without a definition, and claims that the player could not check.
 // Empty for a scenario that can be played.
 std::vector<std::string> FaultsOf(const Json::WideDocument& scenario, const LineIndex& lines,
-                                  const Definitions& definitions, StageKind where);
+                                  const Definitions& definitions, HarnessKind where);
 
 }  // namespace Vx::Host

@@ -37,8 +37,8 @@ void RefuseForService(const ModuleOptions& options) {
   throw std::runtime_error("a running service has its own module and store");
 }
 
-Answer ExecuteInService(const std::string& name, std::uint32_t process, std::uint32_t id,
-                        const std::wstring& request) {
+CommandResult ExecuteInService(const std::string& name, std::uint32_t process, std::uint32_t id,
+                               const std::wstring& request) {
   ResultEnvelope result = ConnectToService(Wide(name), process).Execute({id, request});
   return {result.code, std::move(result.response)};
 }

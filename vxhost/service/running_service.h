@@ -18,8 +18,8 @@ void RefuseForService(const ModuleOptions& options);
 
 // Runs one command in the service. `process`, if not 0, is the one that must have the pipe, instead
 // of the one that the service manager names.
-Answer ExecuteInService(const std::string& name, std::uint32_t process, std::uint32_t id,
-                        const std::wstring& request);
+CommandResult ExecuteInService(const std::string& name, std::uint32_t process, std::uint32_t id,
+                               const std::wstring& request);
 
 // Calls `receive` with each log line that the service writes, and its UTC time, for `seconds` or,
 // if 0, until Ctrl+C. Reads the log files, so the account has to be an administrator's.

@@ -40,11 +40,11 @@ bool IsIdentity(const std::wstring& id) {
 bool IsForeign(const std::wstring& path) {
   const auto file = Platform::CurrentMachine().files->Open(path, Platform::FileUse::Inspect);
   if (!file) return false;
-  const auto ours = (*file)->BelongsToSystem();
+  const auto ours = (*file)->HasTrustedOwner();
   return ours && !*ours;
 }
 
-StoreVerdict JudgeContent(const SealedFile::Reading& reading) {
+StoreVerdict DiagnoseContent(const SealedFile::Reading& reading) {
   const std::string size = std::to_string(reading.content.size()) + " bytes";
   const bool zero =
       std::ranges::all_of(reading.content, [](std::byte b) { return b == std::byte{}; });
@@ -85,7 +85,7 @@ StoreLook LookAtStore(const HoldLimits& limits) {
   return LookAtFile(CapDataStore::PathOfFile());
 }
 
-StoreVerdict Judge(const StoreLook& look, Owner owner) {
+StoreVerdict Diagnose(const StoreLook& look, Owner owner) {
   switch (look.reading.state) {
     case StoreState::Missing:
       return {"missing", "there is no file"};
@@ -99,7 +99,7 @@ StoreVerdict Judge(const StoreLook& look, Owner owner) {
     default:
       break;
   }
-  StoreVerdict verdict = JudgeContent(look.reading);
+  StoreVerdict verdict = DiagnoseContent(look.reading);
   if (owner == Owner::Trusted && verdict.IsSound() && IsForeign(look.path)) {
     return {"foreign",
             "foreign: it belongs to neither SYSTEM, the administrators nor this account"};
@@ -107,8 +107,8 @@ StoreVerdict Judge(const StoreLook& look, Owner owner) {
   return verdict;
 }
 
-StoreVerdict JudgeWithLists(const StoreLook& look, Owner owner) {
-  StoreVerdict verdict = Judge(look, owner);
+StoreVerdict DiagnoseWithLists(const StoreLook& look, Owner owner) {
+  StoreVerdict verdict = Diagnose(look, owner);
   if (!verdict.IsSound()) return verdict;
   try {
     SubscriptionsIn(DocumentOf(look));
@@ -119,7 +119,7 @@ StoreVerdict JudgeWithLists(const StoreLook& look, Owner owner) {
 }
 
 BsonDocument DocumentOf(const StoreLook& look) {
-  const StoreVerdict verdict = Judge(look);
+  const StoreVerdict verdict = Diagnose(look);
   if (look.reading.state != StoreState::Sound) {
     throw std::runtime_error("the store cannot be read: " + verdict.text + "; see\n" +
                              "\"Trouble\" in docs/operations.md");

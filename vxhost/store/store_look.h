@@ -30,11 +30,11 @@ struct StoreVerdict {
   bool IsSound() const { return state == "sound"; }
 };
 enum class Owner { Trusted, Any };  // whose file it may be
-StoreVerdict Judge(const StoreLook& look, Owner owner = Owner::Trusted);
+StoreVerdict Diagnose(const StoreLook& look, Owner owner = Owner::Trusted);
 
-// Same as Judge, but looks at the lists of subscriptions as well: "list broken" if the module could
-// not read one.
-StoreVerdict JudgeWithLists(const StoreLook& look, Owner owner = Owner::Trusted);
+// Same as Diagnose, but looks at the lists of subscriptions as well: "list broken" if the module
+// could not read one.
+StoreVerdict DiagnoseWithLists(const StoreLook& look, Owner owner = Owner::Trusted);
 
 // Looks at a copy of the store's file at `path`.
 StoreLook LookAtFile(const std::wstring& path);

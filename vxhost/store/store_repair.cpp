@@ -87,7 +87,7 @@ std::unique_ptr<Platform::FileHandle> WriteNew(const std::wstring& path,
 
 // Throws unless the file at `look` is a whole store that this machine can read.
 void RequireStore(const StoreLook& look) {
-  const StoreVerdict verdict = Judge(look, Owner::Any);
+  const StoreVerdict verdict = Diagnose(look, Owner::Any);
   if (!verdict.IsSound())
     throw std::runtime_error(Utf8(look.path) + " is not used: " + verdict.text);
   if (!look.reading.document) {
@@ -102,7 +102,7 @@ std::wstring Keep(const StoreLook& look) {
   if (state == StoreState::Missing) return {};
   if (state == StoreState::Linked || state == StoreState::TooLarge ||
       state == StoreState::NotOpened) {
-    throw std::runtime_error("the store is not replaced: " + Judge(look).text);
+    throw std::runtime_error("the store is not replaced: " + Diagnose(look).text);
   }
   std::wstring date = DateTimeText(Platform::WindowsMachine().clock->UtcFileTime());
   std::erase_if(date, [](wchar_t c) { return c == L'-' || c == L':'; });

@@ -91,7 +91,7 @@ class Explainer {
       return;
     }
     result.wait = delay;
-    JudgeCommand(command);
+    CheckCommand(command);
   }
 
   void ExplainPackage() {
@@ -105,7 +105,7 @@ class Explainer {
         Because(Fate::Never, L"this Windows has no interactive users");
         return;
       }
-      JudgeCommand(*request.PackageEvent()->Command());
+      CheckCommand(*request.PackageEvent()->Command());
     } catch (const Platform::WindowsRuntimeError& error) {
       if (error.code() != kPackageNotInstalled) throw;
       const bool late = SubscribeForAppPackageEventRequest::ParseEventCommand(Text()) != nullptr;
@@ -115,11 +115,11 @@ class Explainer {
     }
   }
 
-  void JudgeCommand(EventCommand& command) {
+  void CheckCommand(EventCommand& command) {
     if (const auto* launch = dynamic_cast<LaunchCommand*>(&command)) {
       result.action = L"start " + launch->Path();
       if (!launch->Arguments().empty()) result.action += L" " + launch->Arguments();
-      JudgeLaunch(*launch);
+      CheckLaunch(*launch);
     } else {
       const auto& message = dynamic_cast<AppServiceNotificationCommand&>(command);
       // Only deliveries of power and platform events look for a trigger.
@@ -133,7 +133,7 @@ class Explainer {
     if (result.reasons.empty()) result.fate = Fate::Runs;
   }
 
-  void JudgeLaunch(const LaunchCommand& launch) {
+  void CheckLaunch(const LaunchCommand& launch) {
     // The module's check has the last word, and the findings give its reasons.
     const bool trusted =
         Tessel::Security::TrustedProgram::Check(launch.Path(), keys).program != nullptr;

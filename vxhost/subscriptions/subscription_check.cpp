@@ -402,7 +402,7 @@ class Checker {
     const bool isFile = static_cast<bool>(attributes);
     if (!isFile) fault(L"the program's path", L"there is no such file");
     // Without a file, only the text of the path can be judged.
-    if (isFile ? helper.JudgePath(path).outcome != PathOutcome::Allowed
+    if (isFile ? helper.CheckPath(path).outcome != PathOutcome::Allowed
                : !helper.MayBeAllowed(path)) {
       fault(L"a place below %windir%, %ProgramFiles%, %ProgramFiles(x86)% or a WindowsApps folder",
             L"lies outside the protected places");
@@ -429,7 +429,7 @@ class Checker {
 
   template <typename Fault>
   void CheckSignatures(const std::wstring& key, const std::wstring& path, const Fault& fault) {
-    const FileTrust trust = Tessel::Security::JudgeFile(path, keys);
+    const FileTrust trust = Tessel::Security::VerifyFile(path, keys);
     std::vector<Tessel::Security::SignatureRecord> records = trust.catalogSignatures;
     records.insert(records.end(), trust.embeddedSignatures.begin(), trust.embeddedSignatures.end());
     const std::vector<Certificate> certificates = CertificatesIn(path);

@@ -59,7 +59,7 @@ class RealFileHandle final : public FileHandle {
     };
   }
 
-  Result<bool> BelongsToSystem() const override {
+  Result<bool> HasTrustedOwner() const override {
     PSID owner = nullptr;
     PSECURITY_DESCRIPTOR descriptor = nullptr;
     const DWORD error = GetSecurityInfo(file.get(), SE_FILE_OBJECT, OWNER_SECURITY_INFORMATION,

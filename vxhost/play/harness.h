@@ -9,18 +9,18 @@
 
 namespace Vx::Host {
 
-// The service that a subcommand uses and its surroundings: the real module on this machine, or,
+// The service that a subcommand uses, and its surroundings: the real module on this machine, or
 // with
-// --simulate, the service linked into this program on a simulated machine.
-class Theatre {
+// --simulate the service linked into this program on a simulated machine.
+class Harness {
  public:
-  virtual ~Theatre() = default;
-  virtual Stage& Open() = 0;
+  virtual ~Harness() = default;
+  virtual ScenarioContext& Open() = 0;
 };
 
 // Calls `prepare` when the machine is there but not yet a service. Throws std::runtime_error when
 // the module cannot be used.
-std::unique_ptr<Theatre> MakeTheatre(
+std::unique_ptr<Harness> MakeHarness(
     const ModuleOptions& options, Console& console, const std::function<void()>& prepare = [] {});
 
 }  // namespace Vx::Host

@@ -1,4 +1,4 @@
-#include "vxhost/play/theatre.h"
+#include "vxhost/play/harness.h"
 
 #include <algorithm>
 #include <chrono>
@@ -57,9 +57,9 @@ class PrivateStore {
 
 // The real module and its service, whose log lines are shown and recorded at once, so that they
 // stand before the result of their command.
-class RealTheatre final : public Theatre {
+class RealHarness final : public Harness {
  public:
-  RealTheatre(const ModuleOptions& options, Console& console, const std::function<void()>& prepare)
+  RealHarness(const ModuleOptions& options, Console& console, const std::function<void()>& prepare)
       : store(options.privateStore ? std::make_unique<PrivateStore>() : nullptr),
         module(options.Path()),
         log(module,
@@ -69,14 +69,14 @@ class RealTheatre final : public Theatre {
               recorder.AddLog(line);
             }),
         session((prepare(), module.NewService())),
-        stage{.session = session,
-              .newService = [this] { return module.NewService(); },
-              .record = recorder,
-              .console = console,
-              .machine = nullptr,
-              .showRepeated = [] {}} {}
+        context{.session = session,
+                .newService = [this] { return module.NewService(); },
+                .record = recorder,
+                .console = console,
+                .machine = nullptr,
+                .showRepeated = [] {}} {}
 
-  Stage& Open() override { return stage; }
+  ScenarioContext& Open() override { return context; }
 
  private:
   std::unique_ptr<PrivateStore> store;
@@ -87,7 +87,7 @@ class RealTheatre final : public Theatre {
   LoadedModule module;
   ModuleLog log;
   ServiceSession session;
-  Stage stage;
+  ScenarioContext context;
 };
 
 // Shows and records the log lines of the linked service, each with its virtual moment. A line that
@@ -170,19 +170,19 @@ class SimulatedLog {
 };
 
 // The service that is linked into this program, on a machine in memory and with a store of its own.
-class SimulatedTheatre final : public Theatre {
+class SimulatedHarness final : public Harness {
  public:
-  SimulatedTheatre(Console& console, const std::function<void()>& prepare)
+  SimulatedHarness(Console& console, const std::function<void()>& prepare)
       : scope([this](Platform::Machine& real) { machine.InstallSealed(real); }),
         prepared((prepare(), true)),
         log(std::in_place, console, recorder, machine.clock),
         session(NewService()),
-        stage{.session = *session,
-              .newService = &NewService,
-              .record = recorder,
-              .console = console,
-              .machine = &machine,
-              .showRepeated = [this] { log->ShowRepeated(); }} {
+        context{.session = *session,
+                .newService = &NewService,
+                .record = recorder,
+                .console = console,
+                .machine = &machine,
+                .showRepeated = [this] { log->ShowRepeated(); }} {
     machine.clock.SetPatience(kPatience);
     machine.timeline.SetListener([this, &console](const Simulator::Timeline::Entry& entry) {
       recorder.AddEvent(entry.text);
@@ -191,14 +191,14 @@ class SimulatedTheatre final : public Theatre {
   }
   // The service and the tasks that outlive it end before their machine does. What they log is not
   // shown, because it would come before or after the end of the output.
-  ~SimulatedTheatre() override {
+  ~SimulatedHarness() override {
     machine.timeline.SetListener({});
     log.reset();
     session.reset();
     machine.Drain(kLongestTask);
   }
 
-  Stage& Open() override { return stage; }
+  ScenarioContext& Open() override { return context; }
 
  private:
   static ServiceSession NewService() {
@@ -214,16 +214,16 @@ class SimulatedTheatre final : public Theatre {
   bool prepared;  // before anything is logged
   std::optional<SimulatedLog> log;
   std::optional<ServiceSession> session;
-  Stage stage;
+  ScenarioContext context;
 };
 
 }  // namespace
 
-std::unique_ptr<Theatre> MakeTheatre(const ModuleOptions& options, Console& console,
+std::unique_ptr<Harness> MakeHarness(const ModuleOptions& options, Console& console,
                                      const std::function<void()>& prepare) {
-  if (!options.simulate) return std::make_unique<RealTheatre>(options, console, prepare);
+  if (!options.simulate) return std::make_unique<RealHarness>(options, console, prepare);
   if (!options.dll.empty()) throw std::runtime_error("--simulate does not use --dll");
-  return std::make_unique<SimulatedTheatre>(console, prepare);
+  return std::make_unique<SimulatedHarness>(console, prepare);
 }
 
 }  // namespace Vx::Host
