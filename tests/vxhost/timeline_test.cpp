@@ -1,9 +1,11 @@
 #include <chrono>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <gmock/gmock.h>
 
+#include "records/subscription_hash.h"
 #include "vxhost/log/timeline_page.h"
 #include "vxhost/log/timeline_picture.h"
 
@@ -32,88 +34,107 @@ RecordEntry Entry(Happening what, milliseconds at, const std::wstring& text) {
   return {.at = at, .what = what, .text = text, .log = {}, .request = {}, .answer = {}};
 }
 
-// A client subscribes, power event 18 comes, and its delivery logs these lines after its delay.
-Picture Delivery(milliseconds length, const std::vector<std::wstring>& lines) {
+// The line of a record about delivery `number`, by default of kRequest.
+RecordEntry Decided(milliseconds at, DecisionRecord record, std::uint64_t number = 1,
+                    std::uint32_t thread = 1) {
+  if (record.kind.empty()) record.kind = L"power";
+  if (record.number == 0) record.number = 18;
+  if (record.subscription.empty()) {
+    record.subscription = Tessel::Server::Records::SubscriptionHash(kRequest);
+  }
+  record.delivery = number;
+  RecordEntry entry = LogEntry(at, L"a record", thread);
+  entry.log.record = std::move(record);
+  return entry;
+}
+
+const DecisionRecord kWaiting{.decision = L"waiting", .milliseconds = 10'000};
+
+// A client subscribes, power event 18 comes, and its delivery waits and ends so.
+Picture Delivery(const DecisionRecord& end) {
   RecordEntry command = Entry(Happening::Command, 0ms, {});
   command.command = 9;
   command.request = kRequest;
-  std::vector<RecordEntry> entries = {
-      command, Entry(Happening::Call, 0ms, L"power event 18"),
-      LogEntry(0ms, L"PowerEventManager::handle_event delay start: 10")};
-  for (const std::wstring& line : lines) entries.push_back(LogEntry(length, line));
+  std::vector<RecordEntry> entries = {command, Entry(Happening::Call, 0ms, L"power event 18"),
+                                      LogEntry(0ms, L"of another thread", 2),
+                                      LogEntry(0ms, L"delay start"), Decided(0ms, kWaiting)};
+  const milliseconds length(end.milliseconds);
+  if (!end.decision.empty()) {
+    entries.push_back(LogEntry(length, L"the decision"));
+    entries.push_back(Decided(length, end));
+  }
   return PictureOf({}, entries);
 }
 
 TEST(PictureTest, ShowsEachDecisionWithItsReason) {
-  const std::wstring end = L"PowerEventManager::handle_event delay end: 10";
-  const std::wstring executed =
-      std::wstring(L"PowerEventManager::handle_event Executed: ") + kRequest;
-  const std::wstring refused =
-      L"LaunchCommand::Execute - C:\\a.exe not trusted to launch as system";
-  const std::wstring trust = L"Security - IsFileTrusted - trusted by windows = ";
-  const std::wstring raised = L"PowerEventManager::handle_event CustomTrigger raised: 5 ";
-  const std::wstring dropped = L"PowerEventManager::handle_event Event discarded, ";
-  const std::wstring standby =
-      L"PowerEventManager::handle_event receive Modern Standby enter event";
-  const std::wstring started = L"LaunchCommand::Execute returned with result ";
-  const std::wstring variable = L"TrustedProgram - [a] is not opened, because it holds a variable";
   using enum Tone;
   const struct {
-    milliseconds length;
-    std::vector<std::wstring> lines;
+    DecisionRecord end;
     std::wstring decision;  // and its reason
     Tone tone;
+    milliseconds waited = 10s;
   } kCases[] = {
-      {10s, {end, started + L"1 and PID 7", executed}, L"the program starts: process 7", Good},
-      {10s,
-       {end, started + L"0 and PID 0", executed},
-       L"the program does not start: Windows refused",
+      {{.decision = L"ran", .process = 7, .milliseconds = 10'500}, L"ran: process 7", Good},
+      {{.decision = L"not_started", .reason = L"windows", .status = 5, .milliseconds = 10'000},
+       L"not started: Windows refused, status 0x00000005",
        Bad},
-      {10s, {end, refused, executed}, L"refused: it lies outside the protected places", Bad},
-      {10s,
-       {end, trust + L"yes, trusted by Zephra = no", refused, executed},
-       L"refused: it is signed with another key",
+      {{.decision = L"refused", .reason = L"not_pinned", .milliseconds = 10'000},
+       L"refused: it was not signed with a pinned key",
        Bad},
-      {10s,
-       {end, trust + L"no, trusted by Zephra = yes", refused, executed},
-       L"refused: Windows does not trust its signature",
+      {{.decision = L"refused", .reason = L"of a later version", .milliseconds = 10'000},
+       L"refused: of a later version",
        Bad},
-      {10s, {end, variable, refused, executed}, L"refused: its path holds a variable", Bad},
-      {10s, {end, raised + kRequest}, L"the trigger is not raised: 0x00000005", Bad},
-      {610s, {end, dropped + L"610000 ms"}, L"dropped: late by 600.000 s", Dropped},
-      {3s,
-       {standby, end, dropped + L"3000 ms"},
-       L"dropped: Modern Standby ended its wait 7.000 s early",
+      {{.decision = L"dropped", .reason = L"late", .milliseconds = 610'000},
+       L"dropped: too late",
        Dropped},
-      {4s, {}, L"still waits: ", Neutral},
+      {{.decision = L"dropped", .reason = L"standby", .milliseconds = 3000},
+       L"dropped: Modern Standby ended its wait too early",
+       Dropped,
+       3s},
+      {{.decision = L"dropped", .reason = L"service_ended", .milliseconds = 3000},
+       L"dropped: the service ended while it waited",
+       Dropped,
+       3s},
+      {{}, L"still waits: ", Neutral, 0s},
   };
   for (const auto& c : kCases) {
-    SCOPED_TRACE(testing::PrintToString(c.lines));
-    const Picture picture = Delivery(c.length, c.lines);
+    SCOPED_TRACE(testing::PrintToString(c.decision));
+    const Picture picture = Delivery(c.end);
     const PictureMark& mark = picture.marks.back();
     EXPECT_EQ(mark.text + L": " + mark.reason, c.decision);
     EXPECT_EQ(mark.tone, c.tone);
     EXPECT_EQ(picture.lanes.at(mark.lane).name, L"power 18 + 10 s");
     ASSERT_EQ(picture.bars.size(), 1U);
     EXPECT_EQ(picture.bars[0].lane, mark.lane);
-    EXPECT_EQ(picture.bars[0].to, c.lines.empty() ? 0ms : c.length);
-    EXPECT_EQ(mark.lines.size(), c.lines.size() + 1);
+    EXPECT_EQ(picture.bars[0].to, c.waited);
+    EXPECT_EQ(mark.lines.size(), c.end.decision.empty() ? 0U : 4U);
   }
 }
 
-TEST(PictureTest, KeepsDeliveriesApartByTheirThreads) {
+TEST(PictureTest, KeepsDeliveriesApartByTheirNumbersAndProcesses) {
+  const DecisionRecord other{.kind = L"platform",
+                             .decision = L"waiting",
+                             .subscription = L"0badcafe",
+                             .target = L"Maker.App_1/Resume",
+                             .number = 1,
+                             .milliseconds = 4000};
+  DecisionRecord sent = other;
+  sent.decision = L"sent";
+  RecordEntry restarted = Decided(5s, sent, 2, 1);
+  restarted.log.process = 9;  // counts anew
+  RecordEntry started = LogEntry(9s, L"the module is started: Z:\\module.dll");
+  started.log.provider = kHostProvider;
   const Picture picture =
-      PictureOf({}, {LogEntry(0ms, L"PowerEventManager::handle_event delay start: 3", 1),
-                     LogEntry(0ms, L"ZephraEventManager::handle_event delay: 4", 2),
-                     LogEntry(3s, L"PowerEventManager::handle_event delay end: 3", 1),
-                     LogEntry(4s, L"ZephraEventManager::handle_event delay end: 4", 2),
-                     LogEntry(4s, L"ZephraEventManager::handle_event Event discarded, 9000 ms", 2),
-                     LogEntry(5s, L"PowerEventManager::handle_event Event discarded, 6000 ms", 1)});
-  ASSERT_EQ(picture.bars.size(), 2U);
-  EXPECT_EQ(picture.bars[0].to, 4s);
-  EXPECT_EQ(picture.bars[1].to, 3s);
-  EXPECT_EQ(picture.marks.at(0).reason, L"late by 5.000 s");
-  EXPECT_EQ(picture.marks.at(1).reason, L"late by 3.000 s");
+      PictureOf({}, {Decided(0s, kWaiting, 1, 1), Decided(0s, other, 2, 1), Decided(4s, sent, 2, 1),
+                     Decided(4s, other, 3, 1), restarted, started});
+  ASSERT_EQ(picture.lanes.size(), 5U);
+  EXPECT_EQ(picture.lanes[4].name, L"platform 1 + 4 s");
+  EXPECT_EQ(picture.lanes[4].detail, L"message to Resume");
+  std::vector<std::wstring> marks;
+  for (const PictureMark& mark : picture.marks) marks.push_back(mark.text + L": " + mark.reason);
+  EXPECT_THAT(marks, testing::ElementsAre(
+                         L"sent: ", L"sent: ", L"dropped: its service ended before it did",
+                         L"dropped: its service ended before it did", L"the module is started: "));
 }
 
 TEST(PageTest, CountsWhatAPollRepeatsAndEscapesWhatClientsChoose) {

@@ -143,7 +143,7 @@ def check_content(seen, report):
     for entry in entries:
         if entry["kind"] == "event" and entry["text"] not in seen["events"] and not shown["EVENT", entry["text"]]:
             fail(f"the page lacks the event {entry['text']}")
-    for decision in ("the program starts", "the message is sent", "refused", "dropped", "Aurelo is started"):
+    for decision in ("ran", "sent", "refused", "dropped", "Aurelo is started"):
         if decision not in seen["events"]:
             fail(f"the page lacks the decision \"{decision}\"")
     if seen["headings"][-1] != HOSTILE.replace("\u202e", "\ufffd").replace("\u2028", "\ufffd"):

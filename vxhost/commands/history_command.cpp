@@ -81,7 +81,7 @@ Since SinceOf(const std::string& text) {
   return {since(Platform::CurrentMachine().clock->UtcFileTime()), since(LocalFileTime())};
 }
 
-// What the store holds now helps to read lines that name no subscription. Nothing where it cannot
+// What the store holds now, for --subscription and the lanes of a timeline. Nothing where it cannot
 // be read.
 std::vector<StoredSubscription> Stored() {
   try {
@@ -102,12 +102,6 @@ std::wstring HashOf(const std::string& written, const std::vector<StoredSubscrip
                            "; name a hash of 8 digits instead");
 }
 
-std::wstring Joined(const std::vector<std::wstring>& hashes) {
-  std::wstring text;
-  for (const std::wstring& hash : hashes) text += (text.empty() ? L"" : L" or ") + hash;
-  return text.empty() ? L"--------" : text;
-}
-
 std::string Took(const HistoryRow& row) {
   if (!row.milliseconds) return "-";
   return std::to_string(*row.milliseconds / 1000) + "." +
@@ -117,8 +111,8 @@ std::string Took(const HistoryRow& row) {
 void Print(const HistoryRow& row, Console& console) {
   const std::string detail = row.detail.empty() ? "" : ": " + Utf8(row.detail);
   console.Line(Cell(Utf8(row.time), 25) + Cell(Utf8(row.event), 13) +
-               Cell(Utf8(Joined(row.subscriptions)), 10) + Cell(Took(row), 11) +
-               Utf8(NameOf(row.decision)) + detail);
+               Cell(row.subscription.empty() ? "--------" : Utf8(row.subscription), 10) +
+               Cell(Took(row), 11) + Utf8(NameOf(row.decision).text) + detail);
 }
 
 Json::WideDocument AsJson(const HistoryRow& row) {
@@ -128,9 +122,9 @@ Json::WideDocument AsJson(const HistoryRow& row) {
   result.AddMember(L"time", text(row.time), pool);
   result.AddMember(L"event", text(row.event), pool);
   Json::WideValue hashes(rapidjson::kArrayType);
-  for (const std::wstring& hash : row.subscriptions) hashes.PushBack(text(hash), pool);
+  if (!row.subscription.empty()) hashes.PushBack(text(row.subscription), pool);
   result.AddMember(L"subscriptions", hashes, pool);
-  result.AddMember(L"decision", text(NameOf(row.decision)), pool);
+  result.AddMember(L"decision", text(NameOf(row.decision).text), pool);
   result.AddMember(L"failed", IsFailure(row.decision), pool);
   result.AddMember(L"detail", text(row.detail), pool);
   if (row.startedProcess != 0) result.AddMember(L"process", row.startedProcess, pool);
@@ -154,15 +148,12 @@ class LogRecord {
     }
     // Processes may use one number for a thread each.
     const auto number = static_cast<std::uint32_t>(threads.size() + 1);
-    const auto thread = threads.try_emplace({line.process, line.thread}, number).first->second;
+    const auto thread = threads.try_emplace({line.line.process, line.thread}, number).first->second;
     entries.push_back({.at = std::chrono::milliseconds(std::max<std::int64_t>(*moment - first, 0)),
                        .what = Happening::Log,
                        .thread = thread,
                        .text = {},
-                       .log = {.level = line.level,
-                               .provider = {},
-                               .caller = line.caller,
-                               .message = line.message},
+                       .log = line.line,
                        .request = {},
                        .answer = {}});
   }
@@ -204,14 +195,16 @@ std::size_t ReadFile(const std::filesystem::path& path,
   return others;
 }
 
+constexpr char kNoRecords[] =
+    "(no line has a record of a decision. Nothing was decided, or an earlier version wrote the "
+    "log, or "
+    "a module with another logging library, or it is output of \"watch\")";
+
 int RunHistory(const Options& options, Console& console) {
   const Since since = SinceOf(options.since);
   const auto stored = Stored();
   const std::wstring hash = HashOf(options.subscription, stored);
   History history;
-  for (const StoredSubscription& one : stored) {
-    if (one.text) history.Know(one.kind->list, *one.text);
-  }
   std::size_t others = 0;
   LogRecord record;
   const auto take = [&](const HistoryLine& line) {
@@ -225,23 +218,23 @@ int RunHistory(const Options& options, Console& console) {
   for (const HistoryRow& row : history.Finish()) {
     if (options.failed && !IsFailure(row.decision)) continue;
     if (!since.Includes(row.time)) continue;
-    if (!hash.empty() && std::ranges::find(row.subscriptions, hash) == row.subscriptions.end()) {
-      continue;
-    }
+    if (!hash.empty() && row.subscription != hash) continue;
     if (console.WritesJson()) {
       console.JsonResult(AsJson(row));
     } else {
       Print(row, console);
     }
   }
+  if (history.Records() == 0) console.Note(kNoRecords);
+  if (history.Unknown() != 0) {
+    console.Note("(" + std::to_string(history.Unknown()) + " records are of a later version)");
+  }
   if (others != 0) console.Note("(" + std::to_string(others) + " lines are not lines of a log)");
   return kDone;
 }
 
 constexpr char kFooter[] =
-    "Reads what \"service run --log\" writes and \"watch --json\" shows: files, or a folder of "
-    "logs.\n"
-    "Two hashes in a row: no line names the subscription, and these have its event and delay.\n"
+    "Reads the records in what a service writes: files, or a folder of logs.\n"
     "  vxhost history C:\\Logs --failed --since 2h\n"
     "  vxhost history lines.json --subscription 2 --json";
 

@@ -6,37 +6,38 @@
 #include <iterator>
 #include <map>
 #include <optional>
+#include <set>
 #include <span>
 #include <utility>
 
 #include "events/delivery_rules.h"
-#include "events/power_events.h"
+#include "events/subscription_delivery.h"
 #include "events/subscription_forms.h"
-#include "events/zephra_events.h"
 #include "hosting/text.h"
 #include "json/json_object.h"
 #include "platform/windows_runtime_error.h"
+#include "records/subscription_hash.h"
 #include "service/dispatch.h"
 #include "vxhost/common/console.h"
-#include "vxhost/log/log_formats.h"
+#include "vxhost/log/history.h"
 
 namespace Vx::Host {
 
 namespace {
 
+using namespace Tessel::Server::Records;
 using namespace Tessel::Server::Services::Orvane;
 using std::chrono::milliseconds;
 
-using namespace LogFormat;
-
-// As the player and the simulated machine say it.
-constexpr wchar_t kReceives[] = L"%s receives %s and returns %s";
-constexpr wchar_t kSession[] = L"session change %d";
-constexpr wchar_t kSleeps[] = L"the machine sleeps for %s s";
+// As the player, the host and the simulated machine say it.
+constexpr std::wstring_view kPowerEvent = L"power event ";
+constexpr std::wstring_view kSession = L"session change ";
+constexpr std::wstring_view kSleeps = L"the machine sleeps for ";
 constexpr wchar_t kEntersStandby[] = L"the machine enters Modern Standby";
 constexpr wchar_t kLeavesStandby[] = L"the machine leaves Modern Standby";
-constexpr wchar_t kPolicyChanged[] = L"the policy changed";
-constexpr wchar_t kUserAfterBoot[] = L"FulfillZephraManagementEventRequests for: ";
+
+// The clocks of the log and of a record differ by this much at most.
+constexpr milliseconds kRounding{20};
 
 constexpr std::size_t kMachine = 0;
 constexpr std::size_t kUser = 1;
@@ -70,16 +71,18 @@ constexpr struct {
     {L"OrvaneService: waited for 2 hours for real user session", Wait::None, Wait::User,
      L"no user came for two hours", Tone::Dropped},
     {L"CheckToSendWakeupEvent: Started", Wait::Report, Wait::None, L"a user to report", {}},
-    {kUserAfterBoot, Wait::None, Wait::Report, L"the first user after the boot is reported",
-     Tone::Good},
+    {L"FulfillZephraManagementEventRequests for: ", Wait::None, Wait::Report,
+     L"the first user after the boot is reported", Tone::Good},
     {L"CheckToSendWakeupEvent: Not a new boot", Wait::None, Wait::Report, nullptr, {}},
     {L"Scheduling Vx Aurelo launch", Wait::Aurelo, Wait::None, L"an hour for Aurelo", {}},
     {L"Aurelo launched", Wait::None, Wait::Aurelo, L"Aurelo is started", Tone::Good},
     {L"Aurelo not launched", Wait::None, Wait::Aurelo, L"Aurelo is not started", Tone::Bad},
 };
 
-std::uint32_t NumberOf(const std::wstring& text) {
-  return static_cast<std::uint32_t>(std::wcstoul(text.c_str(), nullptr, 10));
+// The number behind `prefix`. Empty for another text.
+std::optional<double> NumberAfter(std::wstring_view prefix, const std::wstring& text) {
+  if (!text.starts_with(prefix)) return std::nullopt;
+  return std::wcstod(text.c_str() + prefix.size(), nullptr);
 }
 
 std::wstring MeaningOrCode(std::span<const EventCode> codes, std::uint32_t code) {
@@ -87,22 +90,14 @@ std::wstring MeaningOrCode(std::span<const EventCode> codes, std::uint32_t code)
   return meaning != nullptr ? meaning : L"code " + std::to_wstring(code);
 }
 
-struct Subscription {
-  const DeliveryKind* kind = nullptr;  // null for a package
-  std::uint32_t event = 0;
-  int delay = 0;
-  std::wstring text;    // in the module's spelling
-  std::wstring target;  // the path of its program, or FAMILY/SERVICE
-  std::size_t lane = 0;
-};
+Tone ToneOf(Decision decision) {
+  if (decision == Decision::Dropped) return Tone::Dropped;
+  return IsFailure(decision) ? Tone::Bad : Tone::Good;
+}
 
-constexpr struct {
-  const SubscriptionForm& form;
-  const DeliveryKind* kind;
-  const wchar_t* name;
-} kForms[] = {{kPowerForm, &kPowerEvents, L"power "},
-              {kZephraForm, &kZephraEvents, L"platform "},
-              {kPackageForm, nullptr, L"uninstall "}};
+std::wstring Seconds(milliseconds length) {
+  return std::to_wstring(length.count() / 1000) + L" s";
+}
 
 class Reader {
  public:
@@ -112,26 +107,33 @@ class Reader {
                      {LaneKind::Service, L"Service", {}}};
   }
 
-  // The subscription of a client's text. Null when it is not readable.
-  const Subscription* Learn(const std::wstring& text) {
+  // Makes the lane of a client's text and returns it. Empty for one that never runs.
+  std::optional<std::size_t> Learn(const std::wstring& text) {
+    constexpr struct {
+      const SubscriptionForm& form;
+      Kind kind;
+    } kForms[] = {
+        {kPowerForm, Kind::Power}, {kZephraForm, Kind::Platform}, {kPackageForm, Kind::Uninstall}};
     try {
       const auto request = Json::JsonObject::Parse(text);
-      const std::wstring spelt = request.Stringify();
-      const auto found = std::find_if(subscriptions.begin(), subscriptions.end(),
-                                      [&](const Subscription& one) { return one.text == spelt; });
-      if (found != subscriptions.end()) return &*found;
       for (const auto& row : kForms) {
         if (!request.HasKey(row.form.event)) continue;
-        return Add(row.form, row.kind, row.name, request);
+        const EventSubscription read(text, row.form);
+        const EventCommand& command = *read.Command();
+        const int delay = LeadingInteger(command.DelayDeliverySec()).value_or(0);
+        std::wstring event = NameOf(row.kind).text;
+        event += L" " + (read.Family().empty() ? std::to_wstring(read.Type()) : read.Family());
+        return LaneOf(SubscriptionHash(text), event, command.Target(), DelayLength(delay));
       }
     } catch (const Platform::WindowsRuntimeError&) {
-      return nullptr;  // it never runs
+      return std::nullopt;
     }
-    return nullptr;
+    return std::nullopt;
   }
 
   Picture Read(const std::vector<RecordStep>& steps, const std::vector<RecordEntry>& entries) {
     commands = !steps.empty();
+    FindLines(entries);
     std::size_t step = 0;
     const auto announce = [&](std::size_t until) {
       for (; step < until; ++step) {
@@ -139,11 +141,17 @@ class Reader {
         picture.headings.push_back({picture.marks.size(), steps[step].begin, steps[step].say});
       }
     };
-    for (const RecordEntry& entry : entries) {
+    for (std::size_t i = 0; i < entries.size(); ++i) {
+      const RecordEntry& entry = entries[i];
       announce(std::min(entry.step, steps.size()));
       picture.end = std::max(picture.end, entry.at);
       FlushLines(entry.at);
-      Take(entry);
+      if (ofDelivery.contains(i)) {
+        AddLine(lines[entry.thread], LineOf(entry));
+      } else {
+        Take(entry);
+      }
+      if (entry.log.record) TakeRecord(entry, *entry.log.record);
     }
     announce(steps.size());
     if (!steps.empty()) picture.end = std::max(picture.end, steps.back().end);
@@ -152,20 +160,40 @@ class Reader {
   }
 
  private:
-  // A delivery whose decision has not been logged.
+  using Delivery = std::pair<std::uint32_t, std::uint64_t>;  // the process, and its number there
+
+  // A delivery that waits.
   struct Open {
-    const DeliveryKind* kind = nullptr;
-    std::uint32_t event = 0;
-    int delay = 0;
-    milliseconds begin{};
-    std::optional<milliseconds> waited;  // until when
-    bool standby = false;
-    bool refused = false;
-    std::wstring why;
-    std::wstring outcome;
-    Tone tone = Tone::Good;
-    std::vector<PictureLine> lines;
+    std::size_t lane = 0;
+    std::size_t bar = 0;
   };
+
+  // A delivery has a thread of its own, or one of its event to itself. The lines of that thread
+  // from its beginning to its record belong to it.
+  void FindLines(const std::vector<RecordEntry>& entries) {
+    std::map<std::uint32_t, std::vector<std::size_t>> threads;
+    for (std::size_t i = 0; i < entries.size(); ++i) {
+      const RecordEntry& entry = entries[i];
+      if (entry.thread == 0) continue;
+      std::vector<std::size_t>& since = threads[entry.thread];
+      since.push_back(i);
+      const auto& record = entry.log.record;
+      if (!record) continue;
+      if (record->decision == NameOf(Decision::Waiting).word) continue;
+      if (record->delivery != 0) {
+        const auto begin = entry.at - milliseconds(record->milliseconds) - kRounding;
+        for (const std::size_t one : since) {
+          if (entries[one].at >= begin) ofDelivery.insert(one);
+        }
+      }
+      since.clear();
+    }
+  }
+
+  static PictureLine LineOf(const RecordEntry& entry) {
+    if (entry.what == Happening::Event) return {entry.at, entry.at, 1, L"EVENT", {}, entry.text};
+    return {entry.at, entry.at, 1, entry.log.level, entry.log.caller, entry.log.message};
+  }
 
   void Take(const RecordEntry& entry) {
     switch (entry.what) {
@@ -225,18 +253,17 @@ class Reader {
   }
 
   void TakeCall(milliseconds at, const std::wstring& text) {
-    if (const auto power = Match(kPowerEvent, text)) {
-      powerEvent = NumberOf(power->front());
-      Mark(kMachine, at, Tone::Neutral, text, MeaningOrCode(kPowerCodes, powerEvent));
-    } else if (const auto session = Match(kSession, text)) {
+    if (const auto power = NumberAfter(kPowerEvent, text)) {
       Mark(kMachine, at, Tone::Neutral, text,
-           MeaningOrCode(kSessionCodes, NumberOf(session->front())));
+           MeaningOrCode(kPowerCodes, static_cast<std::uint32_t>(*power)));
+    } else if (const auto session = NumberAfter(kSession, text)) {
+      Mark(kMachine, at, Tone::Neutral, text,
+           MeaningOrCode(kSessionCodes, static_cast<std::uint32_t>(*session)));
     } else if (text == L"start" || text == L"end" || text == L"end and start") {
-      if (text != L"start") EndWaits(at);
+      if (text != L"start") EndDeliveries(at);
       Mark(kService, at, Tone::Neutral,
            L"the service " + (text == L"end and start" ? L"restarts" : text + L"s"));
     } else {
-      if (text == kPolicyChanged) platformEvent = 1;
       Mark(kMachine, at, Tone::Neutral, text);
     }
   }
@@ -244,22 +271,13 @@ class Reader {
   void TakeCommand(const RecordEntry& entry) {
     constexpr std::uint32_t kSubscribe[] = {7, 9, 14};
     constexpr std::uint32_t kUnsubscribe[] = {15, 19};
-    const auto has = [&](const auto& ids) {
-      return std::find(std::begin(ids), std::end(ids), entry.command) != std::end(ids);
-    };
     const bool done = entry.answer.code == 0;
-    if (done && has(kSubscribe)) {
-      if (const Subscription* known = Learn(entry.request)) {
-        Mark(known->lane, entry.at, Tone::Neutral, L"subscribed", known->text);
-        return;
-      }
-    }
-    if (done && has(kUnsubscribe)) {
-      const auto found =
-          std::find_if(subscriptions.begin(), subscriptions.end(),
-                       [&](const Subscription& one) { return one.text == entry.request; });
-      if (found != subscriptions.end()) {
-        Mark(found->lane, entry.at, Tone::Neutral, L"taken back");
+    const bool takesBack = std::ranges::find(kUnsubscribe, entry.command) != std::end(kUnsubscribe);
+    if (done &&
+        (takesBack || std::ranges::find(kSubscribe, entry.command) != std::end(kSubscribe))) {
+      if (const auto lane = Learn(entry.request)) {
+        Mark(*lane, entry.at, Tone::Neutral, takesBack ? L"taken back" : L"subscribed",
+             takesBack ? std::wstring() : entry.request);
         return;
       }
     }
@@ -272,17 +290,8 @@ class Reader {
   }
 
   void TakeEvent(const RecordEntry& entry) {
-    PictureLine line{entry.at, entry.at, 1, L"EVENT", {}, entry.text};
-    if (const auto delivery = open.find(entry.thread); delivery != open.end()) {
-      AddLine(delivery->second.lines, std::move(line));
-      if (const auto message = Match(kReceives, entry.text)) {
-        TakeMessage(delivery->second, message->back());
-      }
-      return;
-    }
-    if (const auto sleep = Match(kSleeps, entry.text)) {
-      const auto length =
-          milliseconds(std::llround(std::wcstod(sleep->front().c_str(), nullptr) * 1000));
+    if (const auto sleep = NumberAfter(kSleeps, entry.text)) {
+      const auto length = milliseconds(std::llround(*sleep * 1000));
       picture.bars.push_back(
           {kMachine, BarKind::Sleep, entry.at, entry.at + length, false, L"asleep"});
       picture.end = std::max(picture.end, entry.at + length);
@@ -300,73 +309,89 @@ class Reader {
     const auto contains = [&](const wchar_t* part) {
       return entry.text.find(part) != std::wstring::npos;
     };
-    const auto message = Match(kReceives, entry.text);
+    const bool message = contains(L" receives ");
     if (contains(L"are notified that the machine came up")) {
-      AddLine(std::move(line));  // with every power event
+      AddLine(LineOf(entry));  // with every power event
       return;
     }
     const bool ofUser = contains(L" logs o") || contains(L" starts ") ||
                         contains(L" uninstalls ") || contains(L" cannot start ") || message;
-    const bool refused = contains(L"cannot ") || (message && message->back() != L"0");
+    const bool refused = contains(L"cannot ") || (message && !entry.text.ends_with(L" returns 0"));
     Mark(ofUser ? kUser : kMachine, entry.at, refused ? Tone::Bad : Tone::Neutral, entry.text);
-  }
-
-  static void TakeMessage(Open& delivery, const std::wstring& status) {
-    const bool sent = status == L"0";
-    delivery.outcome = sent ? L"the message is sent" : L"the message is not sent";
-    delivery.why = sent ? std::wstring() : L"status " + status;
-    delivery.tone = sent ? Tone::Good : Tone::Bad;
   }
 
   void TakeLog(const RecordEntry& entry) {
     const std::wstring& message = entry.log.message;
-    PictureLine line{entry.at, entry.at, 1, entry.log.level, entry.log.caller, message};
-    for (const DeliveryKind* kind : {&kPowerEvents, &kZephraEvents}) {
-      if (TakeDelivery(entry, *kind, line)) return;
-    }
-    if (const auto delivery = open.find(entry.thread); delivery != open.end()) {
-      AddLine(delivery->second.lines, std::move(line));
-      TakeEvidence(delivery->second, message);
-      return;
-    }
-    if (PictureMark* mark = TakePackageOutcome(entry.at, message)) {
-      AddLine(mark->lines, std::move(line));
-      return;
-    }
-    if (Match(kPowerEvent, message)) TakeCall(entry.at, message);
-    if (Match(kModuleStarted, message)) {
+    if (StartsModule(entry.log) || EndsModule(entry.log)) {
       EndDeliveries(entry.at);
-      Mark(kService, entry.at, Tone::Neutral, L"the module is started");
-    } else if (message == kModuleStopped) {
-      EndDeliveries(entry.at);
-      Mark(kService, entry.at, Tone::Neutral, message);
-    } else if (const auto change = Match(kListChanged, message); change && !commands) {
-      const bool refused = (*change)[1].starts_with(L"refused");
-      Mark(kService, entry.at, refused ? Tone::Bad : Tone::Neutral, L"subscription " + (*change)[1],
-           (*change)[0] + L", client " + entry.log.caller);
+      Mark(kService, entry.at, Tone::Neutral,
+           StartsModule(entry.log) ? L"the module is started" : message);
+    } else if (entry.log.provider == kHostProvider) {
+      if (NumberAfter(kPowerEvent, message)) TakeCall(entry.at, message);
     }
     for (const auto& rule : kServiceLines) {
       if (message.find(rule.contained) == message.npos) continue;
-      if (rule.contained == kUserAfterBoot) platformEvent = 2;
       if (rule.ends != Wait::None) EndWait(rule.ends, entry.at);
       if (rule.begins != Wait::None) {
         BeginWait(rule.begins, entry.at, rule.text);
       } else if (rule.text != nullptr) {
-        AddLine(Mark(kService, entry.at, rule.tone, rule.text).lines, std::move(line));
+        AddLine(Mark(kService, entry.at, rule.tone, rule.text).lines, LineOf(entry));
         return;
       }
     }
-    AddLine(std::move(line));
+    AddLine(LineOf(entry));
+  }
+
+  void TakeRecord(const RecordEntry& entry, const DecisionRecord& record) {
+    const auto known = Understand(record);
+    if (!known) return;
+    const std::wstring decision = NameOf(known->decision).text;
+    if (record.delivery == 0) {
+      if (known->kind == Kind::Completion) {
+        Mark(LaneOf(record.subscription, known->event, record.target), entry.at, Tone::Neutral,
+             decision, known->why);
+      } else if (!commands) {
+        const bool ofList = !record.subscription.empty();
+        std::wstring about = known->why + (known->why.empty() ? L"" : L", ");
+        if (ofList) about += record.subscription + L", ";
+        Mark(kService, entry.at, IsFailure(known->decision) ? Tone::Bad : Tone::Neutral,
+             (ofList ? L"subscription" : known->event) + L" " + decision,
+             about + L"client " + record.client);
+      }
+      return;
+    }
+    const Delivery delivery(entry.log.process, record.delivery);
+    const milliseconds length(record.milliseconds);
+    if (known->decision == Decision::Waiting) {
+      const std::size_t lane = LaneOf(record.subscription, known->event, record.target, length);
+      open[delivery] = {lane, picture.bars.size()};
+      picture.bars.push_back(
+          {lane, BarKind::Wait, entry.at, entry.at + length, false, Seconds(length)});
+      return;
+    }
+    const auto waited = open.find(delivery);
+    std::size_t lane = 0;
+    if (waited != open.end()) {
+      lane = waited->second.lane;
+      PictureBar& bar = picture.bars[waited->second.bar];
+      bar.to = std::min(bar.to, entry.at);
+      open.erase(waited);
+    } else {
+      lane = LaneOf(record.subscription, known->event, record.target);
+    }
+    std::wstring why = known->why;
+    if (record.process != 0) why = L"process " + std::to_wstring(record.process);
+    Mark(lane, entry.at, ToneOf(known->decision), decision, why).lines =
+        std::exchange(lines[entry.thread], {});
   }
 
   // The process ends or another one takes over, so that nothing of it waits any more.
   void EndDeliveries(milliseconds at) {
     EndWaits(at);
-    for (auto& [thread, delivery] : open) {
-      delivery.outcome = L"dropped";
-      delivery.tone = Tone::Dropped;
-      delivery.why = L"the service ended while it waited";
-      Close(delivery, LaneOf(delivery, {}), at);
+    for (const auto& [delivery, waiting] : open) {
+      PictureBar& bar = picture.bars[waiting.bar];
+      bar.to = std::min(bar.to, at);
+      Mark(waiting.lane, at, Tone::Dropped, NameOf(Decision::Dropped).text, kCutOff);
     }
     open.clear();
   }
@@ -390,203 +415,24 @@ class Reader {
     while (!waits.empty()) EndWait(waits.begin()->first, at);
   }
 
-  bool TakeDelivery(const RecordEntry& entry, const DeliveryKind& kind, const PictureLine& line) {
-    const std::wstring& message = entry.log.message;
-    const auto found = open.find(entry.thread);
-    const bool begun = found != open.end() && found->second.kind == &kind;
-    // One kind's text for the beginning is also the beginning of the one for the end.
-    if (const auto ended = Match(kind.texts.delayEnd, message); ended && begun) {
-      found->second.waited = entry.at;
-      AddLine(found->second.lines, line);
-      return true;
-    }
-    const auto started = Match(kind.texts.delayStart, message);
-    if (started || message == kind.texts.noDelay || message == kind.texts.delayUnreadable) {
-      if (!begun) {
-        open[entry.thread] = {.kind = &kind,
-                              .event = &kind == &kPowerEvents ? powerEvent : platformEvent,
-                              .delay = started ? static_cast<int>(NumberOf(started->front())) : 0,
-                              .begin = entry.at,
-                              .waited = {},
-                              .why = {},
-                              .outcome = {},
-                              .lines = {}};
-      }
-      AddLine(open[entry.thread].lines, line);
-      return true;
-    }
-    if (message == kind.texts.modernStandby && begun) {
-      found->second.standby = true;
-      AddLine(found->second.lines, line);
-      return true;
-    }
-    return TakeEnding(entry, kind, line);
-  }
-
-  bool TakeEnding(const RecordEntry& entry, const DeliveryKind& kind, const PictureLine& line) {
-    const std::wstring& message = entry.log.message;
-    const auto ofKind = [&](const wchar_t* format) {
-      auto parts = Match(format, message);
-      if (parts && parts->front() != std::wstring(&kind == &kPowerEvents
-                                                      ? L"PowerEventManager::handle_event"
-                                                      : L"ZephraEventManager::handle_event"))
-        parts.reset();
-      return parts;
-    };
-    Open delivery{
-        .kind = &kind, .begin = entry.at, .waited = {}, .why = {}, .outcome = {}, .lines = {}};
-    const auto found = open.find(entry.thread);
-    const bool begun = found != open.end() && found->second.kind == &kind;
-    if (begun) delivery = found->second;
-    std::wstring text;
-    if (const auto executed = Match(kind.texts.executed, message)) {
-      text = executed->back();
-    } else if (const auto raised = Match(kind.texts.triggerRaised, message)) {
-      text = raised->back();
-      const std::uint32_t status = NumberOf(raised->front());
-      delivery.outcome = status == 0 ? L"the trigger is raised" : L"the trigger is not raised";
-      delivery.tone = status == 0 ? Tone::Good : Tone::Bad;
-      if (status != 0) delivery.why = Wide(Describe(status));
-    } else if (const auto discarded = Match(kind.texts.discarded, message)) {
-      delivery.outcome = L"dropped";
-      delivery.tone = Tone::Dropped;
-      // A delay below zero is logged as none.
-      delivery.why = Lateness(delivery.delay == 0 ? -1 : delivery.delay,
-                              NumberOf(discarded->front()), delivery.standby);
-    } else if (const auto failed = Match(kind.texts.workerFailed, message)) {
-      delivery.outcome = L"failed";
-      delivery.tone = Tone::Bad;
-      delivery.why = failed->front();
-    } else if (const auto many = ofKind(kTooMany)) {
-      text = many->back();
-      delivery.outcome = L"dropped";
-      delivery.tone = Tone::Dropped;
-      delivery.why = (*many)[1] + L" deliveries of " + (*many)[2] + L" already";
-    } else if (const auto ended = ofKind(kServiceEnded)) {
-      text = ended->back();
-      delivery.outcome = L"dropped";
-      delivery.tone = Tone::Dropped;
-      delivery.why = L"the service ended while it waited";
-    } else {
-      return false;
-    }
-    if (begun) open.erase(found);
-    AddLine(delivery.lines, line);
-    Close(delivery, LaneOf(delivery, text), entry.at);
-    return true;
-  }
-
-  void Close(const Open& delivery, std::size_t lane, milliseconds at) {
-    const milliseconds until = delivery.waited.value_or(at);
-    if (delivery.delay > 0 && until > delivery.begin) {
-      picture.bars.push_back({lane, BarKind::Wait, delivery.begin, until, false,
-                              std::to_wstring(delivery.delay) + L" s"});
-    }
-    const std::wstring outcome = delivery.outcome.empty() ? L"carried out" : delivery.outcome;
-    PictureMark& mark = Mark(lane, at, delivery.tone, outcome, delivery.why);
-    for (const PictureLine& line : delivery.lines) mark.lines.push_back(line);
-  }
-
-  // What the lines about a program or a message say. The trust check logs errors on the way to a
-  // launch too: for each place that the program does not lie in, and for a catalog without it.
-  static void TakeEvidence(Open& delivery, const std::wstring& message) {
-    if (const auto closed = Match(kNotOpened, message)) {
-      delivery.why = L"its path " + closed->back();
-    } else if (const auto lock = Match(kLock, message)) {
-      delivery.why = lock->back() == L"succeeded"
-                         ? L"it carries no signature that Windows can verify"
-                         : L"it is missing, or another process keeps it open for writing";
-    } else if (const auto trusted = Match(kTrusted, message)) {
-      delivery.why = trusted->front() != L"yes"  ? L"Windows does not trust its signature"
-                     : trusted->back() != L"yes" ? L"it is signed with another key"
-                                                 : L"it lies outside the protected places";
-    } else if (Match(kNotTrusted, message)) {
-      delivery.outcome = L"refused";
-      delivery.tone = Tone::Bad;
-      if (delivery.why.empty()) delivery.why = L"it lies outside the protected places";
-    } else if (Match(kLaunching, message)) {
-      delivery.why.clear();
-    } else if (const auto launched = Match(kLaunched, message)) {
-      const bool started = launched->front() != L"0";
-      delivery.outcome = started ? L"the program starts" : L"the program does not start";
-      delivery.tone = started ? Tone::Good : Tone::Bad;
-      delivery.why = started ? L"process " + launched->back() : L"Windows refused";
-    } else if (const auto unsent = Match(kNoMessage, message)) {
-      TakeMessage(delivery, unsent->back());
-    }
-  }
-
-  // A package event has no lines of its own around the command.
-  PictureMark* TakePackageOutcome(milliseconds at, const std::wstring& message) {
-    std::wstring target;
-    Open delivery{.begin = at, .waited = {}, .why = {}, .outcome = {}, .lines = {}};
-    if (const auto launching = Match(kLaunching, message)) {
-      delivery.outcome = L"the program is started";
-      target = launching->front();
-    } else if (const auto refused = Match(kNotTrusted, message)) {
-      TakeEvidence(delivery, message);
-      target = refused->front();
-    } else {
-      return nullptr;
-    }
-    const auto found = std::find_if(
-        subscriptions.begin(), subscriptions.end(),
-        [&](const Subscription& one) { return one.kind == nullptr && one.target == target; });
-    if (found == subscriptions.end()) return nullptr;
-    return &Mark(found->lane, at, delivery.tone, delivery.outcome, delivery.why);
-  }
-
-  const Subscription* Add(const SubscriptionForm& form, const DeliveryKind* kind,
-                          const wchar_t* name, const Json::JsonObject& request) {
-    Subscription one{.kind = kind, .text = request.Stringify(), .target = {}};
-    one.event = Json::TruncateToUint32(request.GetNamedNumber(form.event));
-    const auto parameters = request.GetNamedObject(form.parameters);
-    const auto delay = parameters.FindString(L"delayDeliverySec");
-    if (delay) one.delay = LeadingInteger(*delay).value_or(0);
-    PictureLane lane{LaneKind::Subscription, name, {}};
-    lane.name +=
-        form.family == nullptr ? std::to_wstring(one.event) : request.GetNamedString(form.family);
-    if (one.delay > 0) lane.name += L" + " + std::to_wstring(one.delay) + L" s";
-    if (const auto path = parameters.FindString(L"path")) {
-      one.target = *path;
-      lane.detail = L"starts " + path->substr(path->rfind(L'\\') + 1);
-    } else {
-      const std::wstring service = parameters.GetNamedString(L"appServiceName");
-      one.target = parameters.GetNamedString(L"packageFamilyName") + L"/" + service;
-      lane.detail = L"message to " + service;
-    }
-    one.lane = picture.lanes.size();
+  // The lane of a subscription, which is made with what is known of it at first.
+  std::size_t LaneOf(const std::wstring& hash, const std::wstring& event,
+                     const std::wstring& target, milliseconds delay = {}) {
+    const auto [found, isNew] = lanes.try_emplace(hash, picture.lanes.size());
+    if (!isNew) return found->second;
+    PictureLane lane{LaneKind::Subscription, event, {}};
+    if (delay > milliseconds(0)) lane.name += L" + " + Seconds(delay);
+    const bool program = target.find(L'\\') != target.npos;
+    const std::wstring name = target.substr(target.find_last_of(program ? L'\\' : L'/') + 1);
+    if (!target.empty()) lane.detail = (program ? L"starts " : L"message to ") + name;
     picture.lanes.push_back(std::move(lane));
-    subscriptions.push_back(std::move(one));
-    return &subscriptions.back();
-  }
-
-  std::size_t LaneOf(const Open& delivery, const std::wstring& text) {
-    if (!text.empty()) {
-      const Subscription* known = Learn(text);
-      if (known != nullptr) return known->lane;
-    }
-    const auto found =
-        std::find_if(subscriptions.begin(), subscriptions.end(), [&](const Subscription& one) {
-          return one.kind == delivery.kind && one.event == delivery.event &&
-                 std::max(one.delay, 0) == delivery.delay;
-        });
-    if (found != subscriptions.end()) return found->lane;
-    if (!unknownLane) {
-      unknownLane = picture.lanes.size();
-      picture.lanes.push_back(
-          {LaneKind::Subscription, L"not known which", L"no line names the subscription"});
-    }
-    return *unknownLane;
+    return found->second;
   }
 
   void Finish() {
-    for (auto& [thread, delivery] : open) {
-      const std::size_t lane = LaneOf(delivery, {});
-      picture.bars.push_back({lane, BarKind::Wait, delivery.begin, picture.end, true,
-                              std::to_wstring(delivery.delay) + L" s"});
-      PictureMark& mark = Mark(lane, picture.end, Tone::Neutral, L"still waits");
-      for (PictureLine& line : delivery.lines) mark.lines.push_back(std::move(line));
+    for (const auto& [delivery, waiting] : open) {
+      picture.bars[waiting.bar].open = true;
+      Mark(waiting.lane, picture.end, Tone::Neutral, L"still waits");
     }
     for (PictureBar& bar : picture.bars) {
       if (bar.open) bar.to = picture.end;
@@ -596,16 +442,15 @@ class Reader {
   }
 
   Picture picture;
-  std::vector<PictureLine> loose;   // not yet of a mark
-  std::optional<std::size_t> last;  // mark that is not of a subscription
-  std::vector<Subscription> subscriptions;
-  std::map<std::uint32_t, Open> open;  // by thread
+  std::vector<PictureLine> loose;    // not yet of a mark
+  std::optional<std::size_t> last;   // mark that is not of a subscription
+  std::set<std::size_t> ofDelivery;  // the entries that lead to the record of a delivery
+  std::map<std::uint32_t, std::vector<PictureLine>> lines;  // of these, by thread
+  std::map<std::wstring, std::size_t> lanes;                // by the hash of their subscription
+  std::map<Delivery, Open> open;
   std::map<Wait, std::size_t> waits;   // to the bar
   std::optional<std::size_t> standby;  // the bar
-  std::optional<std::size_t> unknownLane;
-  std::uint32_t powerEvent = 0;
-  std::uint32_t platformEvent = 0;
-  bool commands = false;  // the record has them, not only their lines
+  bool commands = false;               // the record has them, not only their lines
 };
 
 }  // namespace

@@ -65,11 +65,9 @@ struct Picture {
   std::vector<PictureHeading> headings;
 };
 
-// Reads a record as a reader of the log would: joins the lines of each delivery by their thread,
-// finds its subscription, and says why it ran or not. Without steps, which the log of a running
-// service lacks, there are no headings. Where several subscriptions of one event and delay cannot
-// be distinguished, the first one gets the delivery. `stored` are texts of subscriptions that were
-// made before the record began.
+// Draws what the module decided, from the records among `entries`, with the lines of each delivery,
+// which their thread joins. Without steps, which the log of a running service lacks, there are no
+// headings. `stored` are texts of subscriptions that were made before.
 Picture PictureOf(const std::vector<RecordStep>& steps, const std::vector<RecordEntry>& entries,
                   const std::vector<std::wstring>& stored = {});
 
