@@ -1,7 +1,7 @@
-// The program of the installed service. A client may subscribe any program that is signed with a pinned
-// key, with arguments of its own, and the module starts it as SYSTEM. So that this program may have such
-// a signature, it takes the name of a service alone and does nothing unless the service manager started
-// it. All else stands in the registry, where administrators put it.
+// The program of the installed service. A client may subscribe any program that is signed with a
+// pinned key, with arguments of its own, and the module starts it as SYSTEM. So that this program
+// may have such a signature, it takes the name of a service alone and does nothing unless the
+// service manager started it. All else stands in the registry, where administrators put it.
 
 #include <memory>
 

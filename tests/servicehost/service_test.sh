@@ -90,7 +90,7 @@ expect 0 'result 0x00000000' exec 9 \
   '{"powerEventType":7,"eventAction":1,"commandParams":{"path":"C:\\windows\\none.exe"}}' \
   --service="$name"
 expect 0 'power event 7' service send --name "$name" --power 7 --session 6
-logged '"message":"PowerEventManager::handle_event delay: None"'
+logged '"record":{"kind":"power","decision":"refused","reason":"'
 logged '"message":"session change 6"'
 expect 2 'has its own module and store' --private-store exec 22 --service="$name"
 expect 2 'no service OrvaneService is installed' exec 22 --service
