@@ -33,7 +33,7 @@ void RecordCompletion(const std::wstring& stored) noexcept {
                          .outcome = {Records::Decision::Removed, Records::Reason::HasRun}};
   try {
     NameSubscription(record, stored, kPackageForm);
-  } catch (const std::exception&) {  // NOLINT(bugprone-empty-catch): the record names less
+  } catch (...) {  // NOLINT(bugprone-empty-catch): the record names less
   }
   Records::Write(record);
 }

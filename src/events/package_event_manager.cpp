@@ -14,7 +14,7 @@
 #include "host/logging.h"
 #include "json/json_object.h"
 #include "platform/windows_runtime_error.h"
-#include "records/delivery.h"
+#include "records/record.h"
 #include "storage/cap_data_store.h"
 #include "storage/request_list.h"
 #include "storage/request_manager.h"

@@ -20,7 +20,7 @@
 #include "platform/system_services.h"
 #include "platform/thread.h"
 #include "platform/windows_runtime_error.h"
-#include "records/delivery.h"
+#include "records/record.h"
 #include "records/subscription_hash.h"
 #include "storage/request_manager.h"
 
@@ -33,6 +33,17 @@ using Records::Decision;
 using Records::Outcome;
 using Records::Reason;
 
+constexpr wchar_t kDelayUnreadable[] = L"Failed to retrieve delay parameter in %S.";
+constexpr wchar_t kNoDelay[] = L"%S delay: None";
+constexpr wchar_t kModernStandby[] = L"%S receive Modern Standby enter event";
+constexpr wchar_t kDelayEnd[] = L"%S delay end: %d";
+constexpr wchar_t kDiscarded[] = L"%S Event discarded, %d ms";
+constexpr wchar_t kTriggerRaised[] = L"%S CustomTrigger raised: %u %s";
+constexpr wchar_t kExecuted[] = L"%S Executed: %s";
+constexpr wchar_t kWorkerFailed[] = L"Failed to execute command in %S. Message: %S, Status: %i";
+constexpr wchar_t kChangeRuntimeError[] =
+    L"OrvaneService - %S threw hresult_error: Message: %s, Code: %i";
+constexpr wchar_t kChangeFailed[] = L"OrvaneService - %S threw %S";
 constexpr wchar_t kTriggerUnreadable[] = L"Failed to retrieve custom trigger GUID.";
 constexpr char kUnknown[] = "an exception of an unknown kind";
 
@@ -51,9 +62,9 @@ const Logging::TraceLogger& Log() {
   return *LogManager::SetProvider(Logging::kComponentProvider);
 }
 
-int DelaySeconds(const DeliveryTexts& texts, const EventCommand& command) {
+int DelaySeconds(const DeliveryNames& names, const EventCommand& command) {
   const auto seconds = LeadingInteger(command.DelayDeliverySec());
-  if (!seconds) Log().LogError(texts.delayUnreadable);
+  if (!seconds) Log().LogError(kDelayUnreadable, names.failing);
   return seconds.value_or(0);
 }
 
@@ -119,7 +130,7 @@ struct Waited {
 };
 
 // Waits until Modern Standby begins, the service ends or the delay is over.
-Waited Wait(const DeliveryTexts& texts, int seconds, const Platform::SharedHandle& stop) {
+Waited Wait(const DeliveryNames& names, int seconds, const Platform::SharedHandle& stop) {
   Platform::Clock& clock = *Platform::CurrentMachine().clock;
   const auto length = DelayLength(seconds);
   const std::uint64_t start = clock.TickCount();
@@ -133,7 +144,7 @@ Waited Wait(const DeliveryTexts& texts, int seconds, const Platform::SharedHandl
                                         : clock.Wait(standby ? standby->get() : stop.get(), length);
   if (wait.outcome == Platform::WaitOutcome::Signalled) {
     if (stop != nullptr && (!standby || wait.code == 0)) return {0, Reason::ServiceEnded};
-    Log().LogInfo(texts.modernStandby);
+    Log().LogInfo(kModernStandby, names.handler);
     return {ElapsedUntilStandby(start, clock.TickCount()), Reason::Standby};
   }
   // A wait that fails, as one without an event does, says nothing about the time.
@@ -143,19 +154,19 @@ Waited Wait(const DeliveryTexts& texts, int seconds, const Platform::SharedHandl
 }
 
 // Waits out the delay of a delivery.
-Waited WaitDelay(const DeliveryTexts& texts, int seconds, const Platform::SharedHandle& stop,
+Waited WaitDelay(const DeliveryNames& names, int seconds, const Platform::SharedHandle& stop,
                  Records::Delivery& delivery) {
   if (seconds < 1) {
-    Log().LogInfo(texts.noDelay);
+    Log().LogInfo(kNoDelay, names.handler);
     return {};
   }
-  Log().LogInfo(texts.delayStart, seconds);
+  Log().LogInfo(names.delayStart, seconds);
   Waited waited;
   if (!IsTooLong(seconds)) {
     delivery.Waits(DelayLength(seconds));
-    waited = Wait(texts, seconds, stop);
+    waited = Wait(names, seconds, stop);
   }
-  if (waited.early != Reason::ServiceEnded) Log().LogInfo(texts.delayEnd, seconds);
+  if (waited.early != Reason::ServiceEnded) Log().LogInfo(kDelayEnd, names.handler, seconds);
   return waited;
 }
 
@@ -177,8 +188,8 @@ Reason WhyOverdue(int delay, Reason early) {
 void Deliver(const DeliveryKind& kind, const std::wstring& request, EventCommand& command,
              const Platform::SharedHandle& stop, DeliveryPlace& place,
              Records::Delivery& delivery) {
-  const int delay = DelaySeconds(kind.texts, command);
-  const auto [elapsed, early] = WaitDelay(kind.texts, delay, stop, delivery);
+  const int delay = DelaySeconds(kind.names, command);
+  const auto [elapsed, early] = WaitDelay(kind.names, delay, stop, delivery);
   if (early == Reason::ServiceEnded) return delivery.Ends({Decision::Dropped, early});
   const bool overdue = IsOverdue(delay, elapsed);
   const std::wstring trigger = TriggerOf(command);
@@ -187,16 +198,16 @@ void Deliver(const DeliveryKind& kind, const std::wstring& request, EventCommand
                              : TakeTurn(command, *kind.handleEventMutex);
   place.StopWaiting();
   if (overdue) {
-    Log().LogInfo(kind.texts.discarded, static_cast<int>(elapsed));
+    Log().LogInfo(kDiscarded, kind.names.handler, static_cast<int>(elapsed));
     delivery.Ends({Decision::Dropped, WhyOverdue(delay, early)});
   } else if (!trigger.empty()) {
     const std::uint32_t status = Platform::CurrentMachine().systemTriggers->Raise(trigger);
-    Log().LogInfo(kind.texts.triggerRaised, status, request.c_str());
+    Log().LogInfo(kTriggerRaised, kind.names.handler, status, request.c_str());
     const Outcome refused{Decision::NotRaised, Reason::Windows, status};
     delivery.Ends(status == 0 ? Outcome{Decision::Raised} : refused);
   } else {
     const Outcome outcome = command.Execute();
-    Log().LogInfo(kind.texts.executed, request.c_str());
+    Log().LogInfo(kExecuted, kind.names.handler, request.c_str());
     delivery.Ends(outcome);
   }
 }
@@ -207,7 +218,7 @@ std::int32_t StatusOf(const std::exception& error) {
 }
 
 // Called inside a catch block. Without memory for the message, the status alone is logged.
-void LogWorkerFailure(const DeliveryTexts& texts,
+void LogWorkerFailure(const DeliveryNames& names,
                       const Platform::WindowsRuntimeError& error) noexcept {
   std::string message;
   try {
@@ -215,7 +226,7 @@ void LogWorkerFailure(const DeliveryTexts& texts,
   } catch (const std::bad_alloc&) {
     message.clear();
   }
-  Log().LogError(texts.workerFailed, message.c_str(), error.code());
+  Log().LogError(kWorkerFailed, names.failing, message.c_str(), error.code());
 }
 
 // Reads the text of a request. Logs one that is not a subscription and returns null.
@@ -224,7 +235,7 @@ std::shared_ptr<const EventSubscription> Parse(const DeliveryKind& kind,
   try {
     return std::make_shared<const EventSubscription>(request, kind.form);
   } catch (const Platform::WindowsRuntimeError& error) {
-    LogWorkerFailure(kind.texts, error);
+    LogWorkerFailure(kind.names, error);
     Records::Delivery(
         {.kind = kind.kind, .subscription = Records::SubscriptionHash(request), .number = event})
         .Ends(Records::FailedWith(error.code(), Reason::Unreadable));
@@ -240,30 +251,30 @@ void Work(const DeliveryKind& kind, const std::wstring& request,
   try {
     return Deliver(kind, request, *subscription.Command(), stop, place, delivery);
   } catch (const Platform::WindowsRuntimeError& error) {
-    LogWorkerFailure(kind.texts, error);
+    LogWorkerFailure(kind.names, error);
     status = error.code();
   } catch (const std::exception& error) {
     status = StatusOf(error);
-    Log().LogError(kind.texts.workerFailed, error.what(), status);
+    Log().LogError(kWorkerFailed, kind.names.failing, error.what(), status);
   } catch (...) {
-    Log().LogError(kind.texts.workerFailed, kUnknown, status);
+    Log().LogError(kWorkerFailed, kind.names.failing, kUnknown, status);
   }
   delivery.Ends(Records::FailedWith(status));
 }
 
 // Changes a stored list. Failures are logged, not reported to the client.
 template <typename Change>
-Outcome ChangeList(const DeliveryKind& kind, const wchar_t* runtimeError, const wchar_t* failed,
-                   Change&& change) noexcept {
+Outcome ChangeList(const DeliveryKind& kind, const char* operation, Change&& change) noexcept {
   try {
     RequestManager manager(kServiceDocument, kind.form.list);
     return change(manager);
   } catch (const Platform::WindowsRuntimeError& error) {
-    LogManager::GetLogger()->LogError(runtimeError, error.message().c_str(), error.code());
+    LogManager::GetLogger()->LogError(kChangeRuntimeError, operation, error.message().c_str(),
+                                      error.code());
     const bool stored = error.code() == kAlreadySubscribed;
     return {Decision::Refused, stored ? Reason::AlreadyStored : Reason::EarlierLines};
   } catch (const std::exception& error) {
-    LogManager::GetLogger()->LogError(failed, error.what());
+    LogManager::GetLogger()->LogError(kChangeFailed, operation, error.what());
     return {Decision::Failed, Reason::Exception};
   }
 }
@@ -288,23 +299,20 @@ void NameSubscription(Records::Record& record, const std::wstring& request,
 }
 
 Outcome RegisterSubscription(const DeliveryKind& kind, const std::wstring& request) noexcept {
-  return ChangeList(kind, kind.texts.registerRuntimeError, kind.texts.registerFailed,
-                    [&](RequestManager& manager) -> Outcome {
-                      if (manager.PersistRequest(request)) return {Decision::Stored};
-                      return {Decision::Refused, Reason::StoreRefused};
-                    });
+  return ChangeList(kind, kind.names.subscribe, [&](RequestManager& manager) -> Outcome {
+    if (manager.PersistRequest(request)) return {Decision::Stored};
+    return {Decision::Refused, Reason::StoreRefused};
+  });
 }
 
 Outcome UnregisterSubscription(const DeliveryKind& kind, const std::wstring& request) noexcept {
   using Removal = RequestManager::Removal;
-  return ChangeList(
-      kind, kind.texts.unregisterRuntimeError, kind.texts.unregisterFailed,
-      [&](RequestManager& manager) -> Outcome {
-        const Removal removal = manager.RemoveRequest(request);
-        if (removal == Removal::Removed) return {Decision::Removed};
-        const bool unknown = removal == Removal::Unknown;
-        return {Decision::Refused, unknown ? Reason::NotStored : Reason::StoreRefused};
-      });
+  return ChangeList(kind, kind.names.unsubscribe, [&](RequestManager& manager) -> Outcome {
+    const Removal removal = manager.RemoveRequest(request);
+    if (removal == Removal::Removed) return {Decision::Removed};
+    const bool unknown = removal == Removal::Unknown;
+    return {Decision::Refused, unknown ? Reason::NotStored : Reason::StoreRefused};
+  });
 }
 
 void FulfillSubscriptions(const DeliveryKind& kind, std::uint32_t eventType,

@@ -43,21 +43,13 @@ class EventSubscription {
 void NameSubscription(Records::Record& record, const std::wstring& request,
                       const SubscriptionForm& form);
 
-// The log texts of one kind of subscription.
-struct DeliveryTexts {
-  const wchar_t* delayUnreadable;
-  const wchar_t* noDelay;
-  const wchar_t* delayStart;
-  const wchar_t* modernStandby;
-  const wchar_t* delayEnd;
-  const wchar_t* discarded;
-  const wchar_t* triggerRaised;
-  const wchar_t* executed;
-  const wchar_t* workerFailed;
-  const wchar_t* registerRuntimeError;
-  const wchar_t* registerFailed;
-  const wchar_t* unregisterRuntimeError;
-  const wchar_t* unregisterFailed;
+// The names of one kind of subscription in log lines.
+struct DeliveryNames {
+  const char* handler;
+  const char* failing;        // the handler in lines about a failure
+  const wchar_t* delayStart;  // with the delay
+  const char* subscribe;      // the functions that change the list
+  const char* unsubscribe;
 };
 
 // Takes the text of a stored request, a completion handler that may be empty, the event's code, and
@@ -70,7 +62,7 @@ using DeliveryHandler = void (*)(const std::wstring& request,
 // every worker.
 struct DeliveryKind {
   Records::Kind kind;
-  DeliveryTexts texts;
+  DeliveryNames names;
   const SubscriptionForm& form;
   DeliveryHandler handleEvent;
   std::mutex* handleEventMutex;

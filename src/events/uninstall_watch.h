@@ -14,7 +14,7 @@
 #include "events/package_event.h"
 #include "platform/packages.h"
 #include "platform/unique_handle.h"
-#include "records/delivery.h"
+#include "records/record.h"
 
 namespace Vx::Tessel::Server::Services::Orvane {
 

@@ -2,34 +2,15 @@
 
 namespace Vx::Tessel::Server::Services::Orvane {
 
-namespace {
-
-constexpr DeliveryTexts kTexts = {
-    .delayUnreadable = L"Failed to retrieve delay parameter in ZephraEventManager::handle_event.",
-    .noDelay = L"ZephraEventManager::handle_event delay: None",
-    .delayStart = L"ZephraEventManager::handle_event delay: %d",
-    .modernStandby = L"ZephraEventManager::handle_event receive Modern Standby enter event",
-    .delayEnd = L"ZephraEventManager::handle_event delay end: %d",
-    .discarded = L"ZephraEventManager::handle_event Event discarded, %d ms",
-    .triggerRaised = L"ZephraEventManager::handle_event CustomTrigger raised: %u %s",
-    .executed = L"ZephraEventManager::handle_event Executed: %s",
-    .workerFailed =
-        L"Failed to execute command in ZephraEventManager::handle_event. Message: %S, Status: %i",
-    .registerRuntimeError =
-        L"OrvaneService - RegisterZephraEvent threw hresult_error: Message: %s, Code: %i",
-    .registerFailed = L"OrvaneService - RegisterZephraEvent threw %S",
-    .unregisterRuntimeError =
-        L"OrvaneService - UnregisterZephraEvent threw hresult_error: Message: %s, Code: %i",
-    .unregisterFailed = L"OrvaneService - UnregisterZephraEvent threw %S",
-};
-
-}  // namespace
-
 std::mutex ZephraEventManager::handle_event_mutex;
 
 constinit const DeliveryKind kZephraEvents = {
     .kind = Records::Kind::Platform,
-    .texts = kTexts,
+    .names = {.handler = "ZephraEventManager::handle_event",
+              .failing = "ZephraEventManager::handle_event",
+              .delayStart = L"ZephraEventManager::handle_event delay: %d",
+              .subscribe = "RegisterZephraEvent",
+              .unsubscribe = "UnregisterZephraEvent"},
     .form = kZephraForm,
     .handleEvent = &ZephraEventManager::handle_event,
     .handleEventMutex = &ZephraEventManager::handle_event_mutex,

@@ -1,11 +1,15 @@
 #include "records/record.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cstddef>
 #include <cwchar>
 #include <iterator>
+#include <utility>
 
 #include "host/logging.h"
+#include "platform/clock.h"
+#include "platform/machine.h"
 
 namespace Vx::Tessel::Server::Records {
 
@@ -128,6 +132,12 @@ class Line {
   std::size_t length = 0;
 };
 
+constinit std::atomic<std::uint64_t> lastNumber{0};
+
+std::uint64_t Now() noexcept {
+  return Platform::CurrentMachine().clock->TickCount();
+}
+
 }  // namespace
 
 const Name& NameOf(Kind kind) {
@@ -188,6 +198,27 @@ void Write(const Record& record) noexcept {
                         .delivery = record.delivery,
                         .milliseconds = record.milliseconds},
                        level, line.Text());
+}
+
+Delivery::Delivery(Record subject) noexcept : record(std::move(subject)), start(Now()) {
+  record.delivery = ++lastNumber;
+}
+
+Delivery::~Delivery() {
+  Ends(FailedWith(0));
+}
+
+void Delivery::Waits(std::chrono::milliseconds delay) noexcept {
+  record.outcome.decision = Decision::Waiting;
+  record.milliseconds = static_cast<std::uint64_t>(delay.count());
+  Write(record);
+}
+
+void Delivery::Ends(const Outcome& outcome) noexcept {
+  if (record.outcome.decision > Decision::Waiting) return;
+  record.outcome = outcome;
+  record.milliseconds = Now() - start;
+  Write(record);
 }
 
 }  // namespace Vx::Tessel::Server::Records

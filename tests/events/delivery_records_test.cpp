@@ -1,6 +1,6 @@
 // The record of each decision about a delivery. That of a program that runs is in scenarios/.
 
-#include "records/delivery.h"
+#include "records/record.h"
 
 #include <gmock/gmock.h>
 
