@@ -28,6 +28,10 @@ Platform::Result<Platform::UniqueHandle> SystemTokenIn(std::uint32_t session) {
   return Platform::CurrentMachine().processes->PrimaryToken(*process);
 }
 
+Records::Reason WhyNoToken(Platform::ErrorCode error) {
+  return error == 0 ? Records::Reason::NoSession : Records::Reason::Windows;
+}
+
 }  // namespace
 
 std::optional<std::uint32_t> LogonProcessIn(std::uint32_t session) {
@@ -40,8 +44,9 @@ std::optional<std::uint32_t> LogonProcessIn(std::uint32_t session) {
   return std::nullopt;
 }
 
-bool CanLaunchInSession(std::uint32_t session) {
-  return static_cast<bool>(SystemTokenIn(session));
+Records::Reason WhyNoLaunchIn(std::uint32_t session) {
+  const auto token = SystemTokenIn(session);
+  return token ? Records::Reason::None : WhyNoToken(token.Error());
 }
 
 Records::Outcome LaunchProcessInSession(const Security::TrustedProgram& program,
@@ -60,10 +65,7 @@ Records::Outcome LaunchProcessInSession(const Security::TrustedProgram& program,
 
   // With a null token the program would start in the service's own session.
   const auto token = SystemTokenIn(session);
-  if (!token) {
-    const auto error = token.Error();
-    return {Decision::NotStarted, error == 0 ? Reason::NoSession : Reason::Windows, error};
-  }
+  if (!token) return {Decision::NotStarted, WhyNoToken(token.Error()), token.Error()};
 
   Platform::ProcessStart start;
   start.application = program.Path();

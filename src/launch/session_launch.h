@@ -26,8 +26,8 @@ Records::Outcome LaunchProcessInSession(const Security::TrustedProgram& program,
                                         const std::wstring& workingDirectory, std::uint32_t session,
                                         const std::wstring& packageFolder = {});
 
-// Whether this process could start a program in `session` now: a logon process is there, and its
-// token can be used. Starts nothing.
-bool CanLaunchInSession(std::uint32_t session);
+// Why this process could start no program in `session` now: no logon process is there, or Windows
+// refuses its token. None if it could. Starts nothing.
+Records::Reason WhyNoLaunchIn(std::uint32_t session);
 
 }  // namespace Vx::Tessel::Server::Services::Orvane

@@ -77,11 +77,14 @@ class ExplanationTest : public Tests::StoreTest {
     return state;
   }
 
-  // The lines of the log that contain a text.
-  std::ptrdiff_t Logged(const std::wstring& text) const {
-    const auto lines = log.Lines();
-    return std::ranges::count_if(
-        lines, [&](const std::wstring& line) { return line.find(text) != line.npos; });
+  // The last record about a subscription, without what follows the reason.
+  std::wstring RecordOf(const std::wstring& hash) const {
+    std::wstring last;
+    for (const std::wstring& record : log.Records()) {
+      if (record.find(L" of " + hash) == record.npos) continue;
+      last = record.substr(0, record.find(L' ', std::wstring_view(L"power 18 ").size()));
+    }
+    return last;
   }
 
   // The seconds after `since` at which something happened on the machine, or -1.
@@ -104,21 +107,28 @@ TEST_F(ExplanationTest, SaysOfTenSubscriptionsWhatThenHappensAndChangesNothing) 
   const struct {
     std::wstring text;
     Fate fate;
+    std::wstring record;
     std::wstring trace;  // what shows on the machine if it runs
     int wait = 0;
   } rows[] = {
-      {Launch(pinned, LR"(,"arguments":"one")"), Fate::Runs, L"starts \"" + pinned},
-      {Launch(unsigned_), Fate::Refused, unsigned_},
-      {Launch(L"C:\\outside.exe"), Fate::Refused, L"C:\\outside.exe"},
-      {Launch(missing, LR"(,"delayDeliverySec":"3")"), Fate::Refused, missing, 3},
-      {Message(L"late", LR"(,"delayDeliverySec":"10s")"), Fate::Runs, L"f/late receives", 10},
-      {Message(L"past", LR"(,"delayDeliverySec":"-5")"), Fate::Dropped, L"f/past"},
-      {Message(L"long", LR"(,"delayDeliverySec":"2147483647")"), Fate::Dropped, L"f/long"},
+      {Launch(pinned, LR"(,"arguments":"one")"), Fate::Runs, L"power 18 ran",
+       L"starts \"" + pinned},
+      {Launch(unsigned_), Fate::Refused, L"power 18 refused:no_signature", unsigned_},
+      {Launch(L"C:\\outside.exe"), Fate::Refused, L"power 18 refused:place", L"C:\\outside.exe"},
+      {Launch(missing, LR"(,"delayDeliverySec":"3")"), Fate::Refused,
+       L"power 18 refused:not_locked", missing, 3},
+      {Message(L"late", LR"(,"delayDeliverySec":"10s")"), Fate::Runs, L"power 18 sent",
+       L"f/late receives", 10},
+      {Message(L"past", LR"(,"delayDeliverySec":"-5")"), Fate::Dropped,
+       L"power 18 dropped:impossible_delay", L"f/past"},
+      {Message(L"long", LR"(,"delayDeliverySec":"2147483647")"), Fate::Dropped,
+       L"power 18 dropped:impossible_delay", L"f/long"},
       {Message(L"trigger", L"", L"18",
                LR"({"customTriggerGUID":"{01234567-89ab-cdef-0123-456789abcdef}"})"),
-       Fate::Runs, L"{01234567-89ab-cdef-0123-456789abcdef}"},
-      {Message(L"other", L"", L"7"), Fate::OtherEvent, L"f/other"},
-      {LR"({"powerEventType":18,"eventAction":1})", Fate::Never, L"never"},
+       Fate::Runs, L"power 18 raised", L"{01234567-89ab-cdef-0123-456789abcdef}"},
+      {Message(L"other", L"", L"7"), Fate::OtherEvent, L"", L"f/other"},
+      {LR"({"powerEventType":18,"eventAction":1})", Fate::Never, L"power 18 failed:unreadable",
+       L"never"},
   };
   std::vector<std::wstring> texts;
   for (const auto& row : rows) texts.push_back(row.text);
@@ -134,8 +144,6 @@ TEST_F(ExplanationTest, SaysOfTenSubscriptionsWhatThenHappensAndChangesNothing) 
   FulfillSubscriptions(kPowerEvents, 18);
   machine.clock.Advance(20s);
 
-  std::ptrdiff_t refused = 0;
-  std::ptrdiff_t dropped = 0;
   for (std::size_t i = 0; i < explained.size(); ++i) {
     const Explanation& one = explained[i];
     SCOPED_TRACE(testing::PrintToString(one.subscription.text));
@@ -143,14 +151,8 @@ TEST_F(ExplanationTest, SaysOfTenSubscriptionsWhatThenHappensAndChangesNothing) 
     EXPECT_EQ(one.wait, rows[i].wait);
     EXPECT_EQ(one.reasons.empty(), one.fate == Fate::Runs);
     EXPECT_EQ(HappenedAfter(start, rows[i].trace), one.fate == Fate::Runs ? one.wait : -1);
-    dropped += one.fate == Fate::Dropped ? 1 : 0;
-    if (one.fate != Fate::Refused) continue;
-    ++refused;
-    EXPECT_EQ(Logged(rows[i].trace + L" not trusted to launch as system"), 1);
+    EXPECT_EQ(RecordOf(one.subscription.hash), rows[i].record);
   }
-  EXPECT_EQ(Logged(L" not trusted to launch as system"), refused);
-  EXPECT_EQ(Logged(L"Event discarded"), dropped);
-  EXPECT_EQ(Logged(L"Failed to execute command"), 1);
 }
 
 TEST_F(ExplanationTest, RefusesWhatTheConsoleSessionKeepsFromStarting) {
@@ -160,9 +162,10 @@ TEST_F(ExplanationTest, RefusesWhatTheConsoleSessionKeepsFromStarting) {
   const auto explained = ExplainNow({});
   ASSERT_EQ(explained.size(), 1U);
   EXPECT_EQ(explained[0].fate, Fate::Refused);
+  EXPECT_EQ(explained[0].reasons, std::vector<std::wstring>{L"no session is at the console"});
   FulfillSubscriptions(kPowerEvents, 18);
   machine.clock.Advance(1s);
-  EXPECT_EQ(Logged(L"returned with result 0 and PID 0"), 1);
+  EXPECT_EQ(RecordOf(explained[0].subscription.hash), L"power 18 not_started:no_session");
 }
 
 TEST_F(ExplanationTest, SaysWhatAnUninstallLeadsTo) {

@@ -64,7 +64,7 @@ echo '== The log files tell it: the subscription was accepted, and ran'
 tries=0
 until vxhost history "$logs" >"$place/history.raw" &&
   tr -d '\r' <"$place/history.raw" >"$place/history.txt" &&
-  awk '$2 " " $3 == "command 9" && $6 == "accepted:" { stored = $4 }
+  awk '$2 " " $3 == "command 9" && $7 == "accepted:" { stored = $4 }
     $2 " " $3 == "power 7" && $7 " " $8 == "ran: process" { ran = $4 }
     END { exit stored == "" || ran != stored }' "$place/history.txt"; do
   tries=$((tries + 1))

@@ -23,6 +23,7 @@ namespace Vx::Host {
 namespace {
 
 using namespace Tessel::Server::Services::Orvane;
+using Tessel::Server::Records::Reason;
 
 constexpr std::wstring_view kDelayKey = L"delayDeliverySec";
 constexpr std::wstring_view kPathKey = L".path";
@@ -78,8 +79,7 @@ class Explainer {
   }
 
   void ExplainTimed() {
-    const bool power = result.subscription.kind->list == std::string_view(kPowerForm.list);
-    const EventSubscription subscription(Text(), power ? kPowerForm : kZephraForm);
+    const EventSubscription subscription(Text(), *result.subscription.kind);
     result.event =
         Wide(result.subscription.kind->name) + L" " + std::to_wstring(subscription.Type());
     if (IsAnotherEvent(subscription.Type() == occasion.code)) return;
@@ -87,7 +87,7 @@ class Explainer {
     result.delay = command.DelayDeliverySec();
     const int delay = LeadingInteger(result.delay).value_or(0);
     if (delay < 1 ? IsOverdue(delay, 0) : IsTooLong(delay)) {
-      Because(Fate::Dropped, L"no delivery keeps a delay of " + std::to_wstring(delay) + L" s");
+      Because(Fate::Dropped, NameOf(Reason::ImpossibleDelay).text);
       return;
     }
     result.wait = delay;
@@ -102,7 +102,7 @@ class Explainer {
     try {
       const SubscribeForAppPackageEventRequest request(Text());
       if (!Platform::CurrentMachine().apiSets->IsPresent(Platform::kSessionApiSet)) {
-        Because(Fate::Never, L"this Windows has no interactive users");
+        Because(Fate::Never, NameOf(Reason::NoSessionApi).text);
         return;
       }
       CheckCommand(*request.PackageEvent()->Command());
@@ -135,18 +135,14 @@ class Explainer {
 
   void CheckLaunch(const LaunchCommand& launch) {
     // The module's check has the last word, and the findings give its reasons.
-    const bool trusted =
-        Tessel::Security::TrustedProgram::Check(launch.Path(), keys).program != nullptr;
+    Reason why = Tessel::Security::TrustedProgram::Check(launch.Path(), keys).reason;
+    const bool trusted = why == Reason::None;
     TakeFaults(Fate::Refused, trusted ? kPathKey : std::wstring_view());
-    if (!trusted && result.reasons.empty()) {
-      Because(Fate::Refused, L"the file cannot be locked against writing, or is not trusted");
+    if (!trusted && !result.reasons.empty()) return;
+    if (trusted) {
+      why = WhyNoLaunchIn(Platform::CurrentMachine().sessions->ActiveConsoleSession());
     }
-    const auto session = Platform::CurrentMachine().sessions->ActiveConsoleSession();
-    if (trusted && !CanLaunchInSession(session)) {
-      Because(Fate::Refused,
-              L"no session is at the console, or this account may not use its "
-              L"winlogon.exe");
-    }
+    if (why != Reason::None) Because(Fate::Refused, NameOf(why).text);
   }
 
   // Lists the faults of the subscription, except for those of the delay, which was judged, and of
