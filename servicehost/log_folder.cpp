@@ -10,6 +10,8 @@
 
 #include <windows.h>
 
+#include "hosting/text.h"
+
 namespace Vx::Host {
 
 namespace {
@@ -21,13 +23,9 @@ constexpr std::size_t kNameLength = kPrefixLength + kDayLength + 9;  // "-NNNN.l
 constexpr unsigned kLastNumber = 9999;
 
 std::wstring DayOf(std::uint64_t time) {
-  const FILETIME fileTime{static_cast<DWORD>(time), static_cast<DWORD>(time >> 32)};
-  SYSTEMTIME moment{};
-  FileTimeToSystemTime(&fileTime, &moment);
-  wchar_t text[kDayLength + 1];
-  _snwprintf(text, kDayLength, L"%04u%02u%02u", moment.wYear, moment.wMonth, moment.wDay);
-  text[kDayLength] = L'\0';
-  return text;
+  std::wstring day = DateTimeText(time).substr(0, kDayLength + 2);
+  std::erase(day, L'-');
+  return day;
 }
 
 std::wstring NameOf(const std::wstring& day, unsigned number) {

@@ -1,11 +1,11 @@
 #include "servicehost/service_log.h"
 
-#include <cstdio>
 #include <exception>
 #include <utility>
 
 #include <windows.h>
 
+#include "hosting/text.h"
 #include "platform/clock.h"
 #include "platform/machine.h"
 #include "servicehost/envelope.h"
@@ -15,17 +15,6 @@ namespace Vx::Host {
 namespace {
 
 constexpr wchar_t kDropped[] = L" log lines were dropped";
-
-std::string Moment(std::uint64_t time) {
-  const FILETIME fileTime{static_cast<DWORD>(time), static_cast<DWORD>(time >> 32)};
-  SYSTEMTIME moment{};
-  FileTimeToSystemTime(&fileTime, &moment);
-  char text[32];
-  static_cast<void>(std::snprintf(text, sizeof text, "%04u-%02u-%02uT%02u:%02u:%02u.%03uZ",
-                                  moment.wYear, moment.wMonth, moment.wDay, moment.wHour,
-                                  moment.wMinute, moment.wSecond, moment.wMilliseconds));
-  return text;
-}
 
 void AppendRecord(std::string& out, const DecisionRecord& record) {
   char separator = '{';
@@ -66,7 +55,7 @@ LogEntry EntryOf(LogLine line) {
 }
 
 std::string JsonLineOf(const LogEntry& entry) {
-  std::string text = R"({"time":")" + Moment(entry.time) + R"(","level":)";
+  std::string text = R"({"time":")" + Utf8(DateTimeText(entry.time)) + R"(Z","level":)";
   AppendJsonString(text, entry.line.level);
   text += R"(,"provider":)";
   AppendJsonString(text, entry.line.provider);
