@@ -255,7 +255,7 @@ std::uint32_t Dispatch(OrvaneService& service, const ClientContext* context, std
                        const wchar_t* request, wchar_t** response,
                        CompletionCallback* callback) noexcept {
   const CallbackOwner owner(callback);
-  const Platform::Clock& clock = *Platform::CurrentMachine().clock;
+  Platform::Clock& clock = *Platform::CurrentMachine().clock;
   const std::uint64_t start = clock.TickCount();
   RequestProblem problem{.reason = Records::Reason::EarlierLines};
   const RequestCaller caller{context == nullptr ? nullptr : context->clientId, &problem};
