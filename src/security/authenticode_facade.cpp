@@ -26,7 +26,8 @@ Reason CatchAndLog(const char* operation, const wchar_t* path, Check check) noex
 }  // namespace
 
 Reason WhyNotTrusted(KeySet keys, const wchar_t* path, const char* operation) noexcept {
-  return CatchAndLog(operation, path, [&](const std::wstring& file) { return VerifyFile(file, keys); });
+  return CatchAndLog(operation, path,
+                     [&](const std::wstring& file) { return VerifyFile(file, keys); });
 }
 
 bool VxAuthenticodeFacade::IsFileTrusted(const wchar_t* path) {
