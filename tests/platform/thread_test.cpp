@@ -19,6 +19,7 @@
 #include "platform/runtime/fail_fast.h"
 #include "simulator/fault_injection.h"
 #include "simulator/virtual_clock.h"
+#include "support/memory_shortage.h"
 #include "support/silent_pipe.h"
 
 namespace Vx::Platform {
@@ -71,6 +72,26 @@ TEST(HeldUpThreadTest, IsAwaitedForATimeAndItsCallOfWindowsCancelled) {
   });
   while (!reader.JoinFor(std::chrono::milliseconds(20))) reader.CancelIo();
   EXPECT_EQ(error, static_cast<DWORD>(ERROR_OPERATION_ABORTED));
+}
+
+TEST_F(ThreadTest, NeedsNoMemoryForItsFirstException) {
+  struct Note {
+    ~Note() { pending = std::uncaught_exceptions(); }
+    int& pending;
+  };
+  int unwinding = -1;
+  int caught = -1;
+  Thread([&] {
+    const Tests::MemoryShortage shortage(Tests::Shortage::Lasting, 0);
+    try {
+      const Note note{unwinding};
+      throw 0;
+    } catch (int) {
+      caught = std::uncaught_exceptions();
+    }
+  }).Join();
+  EXPECT_EQ(unwinding, 1);
+  EXPECT_EQ(caught, 0);
 }
 
 TEST_F(ThreadTest, RefusesToJoinOrDetachWhatIsNotJoinable) {

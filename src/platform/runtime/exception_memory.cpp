@@ -7,6 +7,16 @@
 #include <cstring>
 #include <exception>
 
+#include <windows.h>
+
+// The image's own directory of thread-local storage, which the C runtime defines.
+// NOLINTBEGIN(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp): the runtime's names
+extern "C" {
+extern const IMAGE_TLS_DIRECTORY64 _tls_used;
+extern ULONG _tls_index;
+}
+// NOLINTEND(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
+
 namespace Vx::Platform {
 
 namespace {
@@ -50,10 +60,29 @@ void Free(void* block) noexcept {
   }
 }
 
-// Allocates at load what the runtime otherwise allocates, unchecked, at the first exception of the
-// process. The first exception of each further thread still needs some bytes of the heap.
-__attribute__((constructor)) void PrepareRuntime() {
-  [[maybe_unused]] const volatile int uncaught = std::uncaught_exceptions();
+// __cxa_eh_globals of the C++ ABI: what the runtime knows about the exceptions of a thread.
+struct ThreadExceptions {
+  void* caught;
+  unsigned int uncaught;
+};
+
+// The copy of this in a thread's own storage is used. Twice the size, because a copy may be aligned
+// less than its original. The linker sorts by name what it puts before the end, ".tls$ZZZ".
+[[gnu::section(".tls$VX"), gnu::used]] std::byte original[2 * sizeof(ThreadExceptions)] = {};
+
+// The exceptions of the calling thread. This compiler does not use the storage that Windows gives
+// each thread before it runs anything, and each thread that was there before the module
+// (https://learn.microsoft.com/cpp/parallel/thread-local-storage-tls).
+ThreadExceptions* OfThisThread() noexcept {
+  constexpr unsigned long kStoragesOfThread = 0x58;  // ThreadLocalStoragePointer in the x64 TEB
+  const auto storages = __readgsqword(kStoragesOfThread) + _tls_index * sizeof(std::uintptr_t);
+  // NOLINTBEGIN(performance-no-int-to-ptr)
+  const std::uintptr_t copy = *reinterpret_cast<const std::uintptr_t*>(storages) +
+                              reinterpret_cast<std::uintptr_t>(&original[0]) -
+                              _tls_used.StartAddressOfRawData;
+  constexpr std::uintptr_t kMask = alignof(ThreadExceptions) - 1;
+  return reinterpret_cast<ThreadExceptions*>((copy + kMask) & ~kMask);
+  // NOLINTEND(performance-no-int-to-ptr)
 }
 
 }  // namespace
@@ -84,6 +113,14 @@ void* __cxa_allocate_dependent_exception() noexcept {
 
 void __cxa_free_dependent_exception(void* record) noexcept {
   Vx::Platform::Free(record);
+}
+
+void* __cxa_get_globals() noexcept {
+  return Vx::Platform::OfThisThread();
+}
+
+void* __cxa_get_globals_fast() noexcept {
+  return Vx::Platform::OfThisThread();
 }
 
 }  // extern "C"

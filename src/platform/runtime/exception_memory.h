@@ -8,6 +8,9 @@
 // first use. Without memory that allocation fails, the runtime throws because it could not lock,
 // needs memory for that exception, and so on until the stack ends. This module therefore replaces
 // the functions that allocate exceptions. Their reserve is static and needs no lock.
+//
+// The runtime also allocates at the first exception of each thread, and aborts the process if that
+// fails. Here the storage that Windows gives every thread when it starts takes its place.
 
 namespace Vx::Platform {
 
