@@ -393,6 +393,8 @@ SealedFile::Reading SealedFile::Adopt(Reading reading) {
   };
   const Result<std::vector<std::wstring>> names = Patiently([this] { return SiblingsOf(path); });
   if (!names) return notOpened(names.Error());
+  // A file that is a header and nothing else may have been reset to that on purpose.
+  const bool isReset = reading.state == StoreState::Sound && !reading.id.empty();
   std::wstring newest;
   std::uint64_t written = 0;
   Bytes content;
@@ -410,7 +412,7 @@ SealedFile::Reading SealedFile::Adopt(Reading reading) {
     if (!found) return notOpened(found.Error());
     Reading unsealed = Unseal(*found);
     if (unsealed.state == StoreState::NotOpened) return unsealed;
-    if (!unsealed.document) continue;
+    if (!unsealed.document || (isReset && unsealed.id != reading.id)) continue;
     newest = name;
     written = facts->written;
     content = *std::move(found);

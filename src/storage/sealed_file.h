@@ -34,7 +34,8 @@ bool MayReplace(StoreState state);
 // that dies at any moment leaves the old content or the new. If another process keeps Windows from
 // renaming, the file is written in place. The sibling then stays until the disk holds the content,
 // and Read adopts it if the write was interrupted. Only an ordinary file that belongs to the system
-// is adopted or deleted, because users may be able to create files in the folder.
+// is adopted or deleted, because users may be able to create files in the folder. A file that is an
+// id and nothing else adopts only a sibling with that id.
 //
 // Only content that is proved damaged is replaced, and a copy of it is kept.
 class SealedFile {

@@ -421,6 +421,21 @@ TEST_F(SealedFileTest, AFileThatHasASecondNameOrIsTooLargeIsNotReplaced) {
   EXPECT_EQ(Tests::ReadBytes(Path()).size(), large.size());
 }
 
+TEST_F(SealedFileTest, AStoreThatWasResetToItsHeaderAdoptsOnlyASiblingWithItsId) {
+  for (const bool same : {false, true}) {
+    const Bytes stale = FileWith(kNew);
+    Bytes header(stale.begin(), stale.begin() + Tests::kHeaderSize);
+    if (!same) header.front() = std::byte{'f'};
+    Tests::WriteBytes(Path(), header);
+    Tests::WriteBytes(Sibling(L"a"), stale);
+    EXPECT_TRUE(CapDataStore().persist("other", true));
+    EXPECT_EQ(Value(), same ? std::optional(kNew) : std::nullopt);
+    EXPECT_EQ(Tests::IdOf(Tests::ReadBytes(Path())), Tests::IdOf(header));
+    const CapDataStore next;
+    EXPECT_THAT(Siblings(), IsEmpty());
+  }
+}
+
 // Interrupted writes: the file is as given, and one of two siblings holds the new value.
 TEST_F(SealedFileTest, AStoreWithoutContentGivesWayToTheSiblingOfAnInterruptedWrite) {
   const std::function<void()> kStores[] = {
