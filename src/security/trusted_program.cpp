@@ -23,14 +23,19 @@ constexpr wchar_t kRefusedText[] = L"TrustedProgram - [%s] is not opened, becaus
 constexpr char kOperation[] = "IsFileTrustedRestricted";
 
 // Verifies `path` while `lock` holds the file. Sets it to what is to be started.
-Reason VerifyLocked(std::wstring& path, Platform::RawHandle lock, KeySet keys) {
-  const Reason reason = WhyNotTrusted(keys, path.c_str(), kOperation);
-  if (reason != Reason::None) return reason;
+Reason VerifyLocked(const VxAuthenticodeHelper& helper, std::wstring& path,
+                    Platform::RawHandle lock, KeySet keys) {
   auto place = Platform::CurrentMachine().files->FinalPathOf(lock);
   if (!place) return Reason::NotLocked;
   // Exactly: where a folder distinguishes case, another spelling is another object.
-  if (*place == path) return Reason::None;
-  path = *std::move(place);
+  if (*place != path) {
+    // Nothing is read where the link leads now, which may be elsewhere again.
+    const PathVerdict verdict = helper.CheckPath(path);
+    if (verdict.outcome != PathOutcome::Allowed || verdict.finalPath != *place) {
+      return Reason::Place;
+    }
+    path = *std::move(place);
+  }
   return WhyNotTrusted(keys, path.c_str(), kOperation);
 }
 
@@ -68,6 +73,8 @@ ProgramCheck TrustedProgram::Check(const std::wstring& path, KeySet keys) {
   if (!helper.MayBeAllowed(path)) return {nullptr, Reason::Place};
   Platform::UniqueHandle lock = helper.AquireFileReadOnlyLock(path);
   if (lock == nullptr) {
+    const auto place = Platform::CurrentMachine().files->FinalPath(path);
+    if (place && *place != path && !helper.MayBeAllowed(*place)) return {nullptr, Reason::Place};
     const Reason reason = WhyNotTrusted(keys, path.c_str(), kOperation);
     if (reason == Reason::None) lock = helper.AquireFileReadOnlyLock(path);
     // Without its lock a file mostly cannot be read either, so that its signature is not the
@@ -75,7 +82,7 @@ ProgramCheck TrustedProgram::Check(const std::wstring& path, KeySet keys) {
     if (lock == nullptr) return {nullptr, Reason::NotLocked};
   }
   std::wstring judged = path;
-  const Reason reason = VerifyLocked(judged, lock.get(), keys);
+  const Reason reason = VerifyLocked(helper, judged, lock.get(), keys);
   if (reason != Reason::None) return {nullptr, reason};
   return {
       std::unique_ptr<const TrustedProgram>(new TrustedProgram(std::move(judged), std::move(lock))),

@@ -19,7 +19,7 @@ class TrustedProgram {
   // Locks `path` and judges it against `keys`. Returns the reason if the program cannot be locked
   // or is not trusted. Logs each step but not the refusal. Blocks for as long as
   // VxAuthenticodeFacade, which includes network look-ups of Windows. Opens only a file whose text
-  // WhyNotOpened and the path rule accept.
+  // WhyNotOpened and the path rule accept, and reads only one whose place the path rule accepts.
   //
   // A lock that is refused does not end the check. If the program is then found trusted, the lock
   // is tried once more and the program is judged again under it, because the process that kept the

@@ -311,7 +311,7 @@ TEST_F(RealLaunchTest, StartsNothingThatChangedAfterALockThatFailed) {
       {"opened again", program, [&] { hold(alias); }, nothing, 0, 1, false},
       {"link turned", behindLink, [&] { turn(forged.Path()); }, nothing, 1, 1, false},
       {"link turned and turned back", behindLink, [&] { turn(forged.Path()); },
-       [&] { turn(folder.Path()); }, 1, 2, false},
+       [&] { turn(folder.Path()); }, 1, 1, false},
       {"let go and left alone", program, nothing, nothing, 1, 2, true},
   };
   for (const auto& c : cases) {
