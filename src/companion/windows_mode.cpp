@@ -6,6 +6,7 @@
 
 #include "json/utf8.h"
 #include "platform/environment.h"
+#include "platform/files.h"
 #include "platform/machine.h"
 #include "platform/system_services.h"
 #include "security/authenticode_facade.h"
@@ -38,16 +39,19 @@ constexpr std::int32_t kUnknownMode = -1;
 std::int32_t QueryLockoutMode(const wchar_t* callerName) {
   const Platform::Machine& machine = Platform::CurrentMachine();
   const auto path = machine.environment->Expand(kPolicyLibrary, Platform::kShortPath);
-  if (!path || !Security::VxAuthenticodeFacade().IsFileTrusted(path->c_str())) return 0;
-
+  if (!path) return 0;
   const auto* const logger = Logging::LogManager::SetProvider(Logging::kComponentProvider);
   const std::string caller = Json::ToUtf8(callerName != nullptr ? callerName : L"");
-  const auto library = machine.lockdownLibraries->Load(*path);
-  if (!library) {
-    logger->LogWarning(kLoadFailed, caller.c_str(), kQueryLockoutMode, path->c_str(),
-                       library.Error());
+  const auto notLoaded = [&](Platform::ErrorCode error) {
+    logger->LogWarning(kLoadFailed, caller.c_str(), kQueryLockoutMode, path->c_str(), error);
     return 0;
-  }
+  };
+  // The file that is judged is the one that is loaded.
+  const auto lock = machine.files->OpenReadLocked(*path);
+  if (!Security::VxAuthenticodeFacade().IsFileTrusted(path->c_str())) return 0;
+  if (!lock) return notLoaded(lock.Error());
+  const auto library = machine.lockdownLibraries->Load(*path);
+  if (!library) return notLoaded(library.Error());
   std::int32_t mode = 0;
   const std::int32_t status = (*library)->QueryMode(mode);
   if (status < 0) {

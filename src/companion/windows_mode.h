@@ -12,7 +12,7 @@ namespace Vx::Tessel::Server::Services::Orvane {
 inline constexpr std::int32_t kLockedMode = 2;
 
 // Returns the lockdown mode that Windows' policy library reports now, or 0 if that fails. Loads the
-// library only if it is trusted, and unloads it again. `callerName` is for the log.
+// library only if it is trusted, under a lock, and unloads it again. `callerName` is for the log.
 std::int32_t QueryLockoutMode(const wchar_t* callerName);
 
 namespace Qubo {

@@ -2,6 +2,8 @@
 
 #include <gmock/gmock.h>
 
+#include "platform/files.h"
+#include "platform/machine.h"
 #include "security/file_trust.h"
 #include "support/memory_shortage.h"
 #include "support/test_pki.h"
@@ -40,6 +42,15 @@ TEST(VxAuthenticodeFacade, NeedsAGoodSignatureAPinnedKeyAndAProtectedPlace) {
     EXPECT_EQ(TrustOf(folder.Hold(file)), trust);
     EXPECT_EQ(TrustOf(PkiFile(file)), "") << "in a folder of the user";
   }
+}
+
+TEST(VxAuthenticodeFacade, TrustsNoFileThatAnotherProcessMayWrite) {
+  const Tests::ProtectedFolder folder;
+  const std::wstring path = folder.Hold(kPinned);
+  auto writer = Platform::CurrentMachine().files->Open(path, Platform::FileUse::Change);
+  EXPECT_EQ(TrustOf(path), "");
+  writer->reset();
+  EXPECT_EQ(TrustOf(path), "gr");
 }
 
 TEST(VxAuthenticodeFacade, TrustsNoPathThatIsNotThere) {

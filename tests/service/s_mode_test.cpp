@@ -8,6 +8,8 @@
 #include <gmock/gmock.h>
 
 #include "companion/windows_mode.h"
+#include "platform/files.h"
+#include "platform/machine.h"
 #include "platform/unique_handle.h"
 #include "service/simulated_service.h"
 #include "storage/cap_data_store.h"
@@ -69,7 +71,13 @@ TEST(LockdownPolicyTest, OnlyALibraryWithAPinnedSignatureIsLoadedAndItIsFreedAga
     SCOPED_TRACE(testing::PrintToString(std::wstring(c.fileName)));
     const PrivateLockdownPolicy policy(c.fileName);
     const LogCapture log;
+    bool writable = true;
+    const LogTrap judged(L"GetSecurityCatalogInfo - File", 1, [&] {
+      writable = static_cast<bool>(
+          Platform::CurrentMachine().files->Open(policy.Path(), Platform::FileUse::Change));
+    });
     EXPECT_EQ(Orvane::QueryLockoutMode(L"caller"), c.mode);
+    EXPECT_FALSE(writable);
     EXPECT_EQ(GetModuleHandleW(policy.Path().c_str()), nullptr);
     EXPECT_THAT(log.Lines(), Not(Contains(HasSubstr(L"QueryLockoutMode"))));
   }

@@ -112,9 +112,12 @@ Result<std::wstring> CatalogOf(const SignatureFunctions& functions, const Catalo
 
 // Opens a program for a verification, which then reads this handle. By its path it would open the
 // file once more and lend this process's identity to whatever lies there by then.
-UniqueHandle OpenProgram(const std::wstring& path) {
-  return OpenDiskFile(path, GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE);
+UniqueHandle OpenProgram(const std::wstring& path, DWORD share) {
+  return OpenDiskFile(path, GENERIC_READ, share);
 }
+
+constexpr DWORD kUnlessWritten = FILE_SHARE_READ | FILE_SHARE_DELETE;
+constexpr DWORD kShareAll = kUnlessWritten | FILE_SHARE_WRITE;
 
 // The verdict on a file that cannot be opened, and on each one where Windows' functions are absent.
 SignatureVerdict Unverifiable(DWORD error) {
@@ -128,7 +131,7 @@ class WindowsTrust final : public TrustProvider {
   SignatureVerdict VerifyEmbedded(const std::wstring& path, std::uint32_t index) const override {
     const SignatureFunctions functions(wintrust);
     if (!functions.Complete()) return Unverifiable(GetLastError());
-    const UniqueHandle file = OpenProgram(path);
+    const UniqueHandle file = OpenProgram(path, kUnlessWritten);
     if (!file) return Unverifiable(GetLastError());
     WINTRUST_FILE_INFO info{};
     info.cbStruct = sizeof info;
@@ -147,7 +150,7 @@ class WindowsTrust final : public TrustProvider {
     if (!functions.Complete()) return failed(CatalogStep::AcquireContext, GetLastError());
     const auto admin = OpenCatalogs(functions);
     if (!admin) return failed(CatalogStep::AcquireContext, admin.Error());
-    const UniqueHandle file = OpenProgram(path);
+    const UniqueHandle file = OpenProgram(path, kShareAll);
     if (!file) return failed(CatalogStep::OpenFile, GetLastError());
     auto hash = CatalogHashOf(functions, *admin, file.get());
     if (!hash) return failed(CatalogStep::Hash, hash.Error());
@@ -162,7 +165,7 @@ class WindowsTrust final : public TrustProvider {
   SignatureVerdict VerifyInCatalog(const CatalogHit& catalog, std::uint32_t index) const override {
     const SignatureFunctions functions(wintrust);
     if (!functions.Complete()) return Unverifiable(GetLastError());
-    const UniqueHandle file = OpenProgram(catalog.memberPath);
+    const UniqueHandle file = OpenProgram(catalog.memberPath, kShareAll);
     if (!file) return Unverifiable(GetLastError());
     // The verification needs the context to know by which hash the catalog is searched.
     const auto admin = OpenCatalogs(functions);
