@@ -21,9 +21,11 @@ namespace {
 using Platform::CurrentMachine;
 
 constexpr std::array kSystem = {
-    L"S-1-5-18", L"S-1-5-32-544",
+    L"S-1-5-18",
+    L"S-1-5-32-544",
     L"S-1-5-80-956008885-3418522649-1831038044-1853292631-2271478464",  // Windows' installer
     L"S-1-3-0",  // the owner of what is made inside, who is judged there
+    L"S-1-3-4",  // the owner, who is judged anyway
 };
 
 constexpr std::uint32_t kReplacing =
@@ -42,7 +44,7 @@ struct DataFolder {
 // Each after the one that it lies in.
 constexpr DataFolder kFolders[] = {
     {L"\\Vx", kReadable},
-    {L"\\Vx\\SharedServices", kReadable},
+    {L"\\Vx\\SharedServices", kPrivate},
     {L"\\Vx\\Logs", kPrivate},
 };
 

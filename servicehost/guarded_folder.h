@@ -32,8 +32,8 @@ std::string WhyUnguarded(const std::wstring& file, Writers accepted);
 // Throws std::runtime_error if Windows does not know it.
 std::wstring ProgramDataFolder();
 
-// The folders of the service below `programData`: Vx, which users may only read, Vx\SharedServices
-// with the store and Vx\Logs, which only administrators and SYSTEM may read.
+// The folders of the service below `programData`: Vx, which users may only read, and
+// Vx\SharedServices with the store and Vx\Logs, which only administrators and SYSTEM may read.
 class DataFolders {
  public:
   DataFolders(std::wstring programData, Writers writers)

@@ -219,7 +219,8 @@ class FaultyFiles final : public Decorator<Platform::Files> {
   using Decorator::Decorator;
   REFUSABLE(Files, Result<std::uint32_t>, Attributes, (const std::wstring& path), (path), const)
   REFUSABLE(Files, bool, ExistsByExactName, (const std::wstring& path), (path), const)
-  REFUSABLE(Files, ErrorCode, MakeFolder, (const std::wstring& path), (path), )
+  REFUSABLE(Files, ErrorCode, MakeFolder, (const std::wstring& path, Platform::NewFolder access),
+            (path, access), )
   REFUSABLE(Files, ErrorCode, Touch, (const std::wstring& path), (path), )
   REFUSABLE(Files, Result<Bytes>, Read, (const std::wstring& path, std::size_t maxBytes),
             (path, maxBytes), const)

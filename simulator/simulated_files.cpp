@@ -51,8 +51,9 @@ bool SimulatedFiles::ExistsByExactName(const std::wstring& path) const {
   return Holds(path) || RealFiles().ExistsByExactName(path);
 }
 
-Platform::ErrorCode SimulatedFiles::MakeFolder(const std::wstring& path) {
-  return RealFiles().MakeFolder(path);
+Platform::ErrorCode SimulatedFiles::MakeFolder(const std::wstring& path,
+                                               Platform::NewFolder access) {
+  return RealFiles().MakeFolder(path, access);
 }
 
 Platform::ErrorCode SimulatedFiles::Touch(const std::wstring& path) {

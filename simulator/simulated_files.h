@@ -22,7 +22,7 @@ class SimulatedFiles : public Platform::Files {
 
   Platform::Result<std::uint32_t> Attributes(const std::wstring& path) const override;
   bool ExistsByExactName(const std::wstring& path) const override;
-  Platform::ErrorCode MakeFolder(const std::wstring& path) override;
+  Platform::ErrorCode MakeFolder(const std::wstring& path, Platform::NewFolder access) override;
   Platform::ErrorCode Touch(const std::wstring& path) override;
   Platform::Result<std::vector<std::byte>> Read(const std::wstring& path,
                                                 std::size_t maxBytes) const override;

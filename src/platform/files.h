@@ -27,6 +27,12 @@ struct AccessList {
   std::vector<AccessEntry> entries;
 };
 
+// Who may use a new folder.
+enum class NewFolder : std::uint8_t {
+  Inherits,  // as the folder above says
+  Private,   // SYSTEM, the administrators and the owner, who could change the list anyway
+};
+
 // Files and folders by full path. Every error is a Win32 code; zero is success.
 class Files {
  public:
@@ -40,8 +46,8 @@ class Files {
   // Whether a directory search finds exactly this name. Wildcards do not match.
   virtual bool ExistsByExactName(const std::wstring& path) const = 0;
 
-  // Creates the last level of `path` only.
-  virtual ErrorCode MakeFolder(const std::wstring& path) = 0;
+  // Creates the last level of `path` only. A private folder has its access list from the start.
+  virtual ErrorCode MakeFolder(const std::wstring& path, NewFolder access) = 0;
 
   // Creates an empty file if there is none, and leaves an existing file untouched.
   virtual ErrorCode Touch(const std::wstring& path) = 0;
@@ -91,8 +97,8 @@ class Files {
   // or without such a file with the one that its folder gives. Open as for FileUse::Replace.
   virtual Opened Create(const std::wstring& path, const std::wstring& accessLike) = 0;
 
-  // Returns the files whose paths consist of `path`, a dot and more. Fails unless the folder was
-  // listed to its end.
+  // Returns the files whose paths consist of `path`, a dot and more, the last written first. Fails
+  // unless the folder was listed to its end.
   virtual Result<std::vector<std::wstring>> Siblings(const std::wstring& path) const = 0;
 };
 

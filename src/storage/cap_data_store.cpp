@@ -98,8 +98,10 @@ CapDataStore::CapDataStore()
       readMode(kInputBinary),
       writeMode(kOutputTruncateBinary),
       storeName(kStoreName),
-      filePath((expandPathAndCreateDirectory(programDataRoot),
-                expandPathAndCreateDirectory(storeDirectory) + storeName + kFileEnding)),
+      filePath((expandPathAndCreateDirectory(programDataRoot, Platform::NewFolder::Inherits),
+                // An account that can read the file can hold it open, which slows each write.
+                expandPathAndCreateDirectory(storeDirectory, Platform::NewFolder::Private) +
+                    storeName + kFileEnding)),
       file(filePath),
       mutex(kMutexName) {
   initializeFile();
@@ -116,9 +118,10 @@ std::wstring CapDataStore::expandPath(const std::wstring& path) {
   return *std::move(expanded);
 }
 
-std::wstring CapDataStore::expandPathAndCreateDirectory(const std::wstring& path) {
+std::wstring CapDataStore::expandPathAndCreateDirectory(const std::wstring& path,
+                                                        Platform::NewFolder access) {
   std::wstring expanded = expandPath(path);
-  const Platform::ErrorCode error = Files().MakeFolder(expanded);
+  const Platform::ErrorCode error = Files().MakeFolder(expanded, access);
   if (error != 0 && error != kAlreadyExists) throw std::runtime_error(kMakeFolderFailed);
   return expanded;
 }

@@ -7,6 +7,7 @@
 #include <string>
 #include <string_view>
 
+#include "platform/files.h"
 #include "storage/bson_document.h"
 #include "storage/sealed_file.h"
 #include "storage/system_mutex.h"
@@ -92,7 +93,8 @@ class CapDataStore {
 
   static std::wstring expandPath(const std::wstring& path);
   // `path` with its variables replaced, and its last level made.
-  static std::wstring expandPathAndCreateDirectory(const std::wstring& path);
+  static std::wstring expandPathAndCreateDirectory(const std::wstring& path,
+                                                   Platform::NewFolder access);
   static bool isNTFSJunction(const std::wstring& path);
   void initializeFile();
 

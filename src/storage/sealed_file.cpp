@@ -47,6 +47,8 @@ static_assert(sizeof(wchar_t) == 2, "the header is UTF-16 in memory order");
 constexpr std::size_t kMaxFileSize = std::size_t{64} * 1024 * 1024;
 
 constexpr std::wstring_view kSiblingEnding = L".new";
+// That one access opens, because a process that holds them open keeps as many as there are writes.
+constexpr std::size_t kMostSiblings = 16;
 constexpr wchar_t kDamagedMark[] = L".damaged-";
 constexpr std::size_t kMostCopies = 3;
 
@@ -175,10 +177,12 @@ Opened OpenOwn(const std::wstring& path, FileUse use) {
   return Opened(nullptr);
 }
 
+// Returns the newest. Later accesses delete the others.
 Result<std::vector<std::wstring>> SiblingsOf(const std::wstring& path) {
   Result<std::vector<std::wstring>> names = Files().Siblings(path);
   if (names) {
     std::erase_if(*names, [](const std::wstring& name) { return !name.ends_with(kSiblingEnding); });
+    if (names->size() > kMostSiblings) names->resize(kMostSiblings);
   }
   return names;
 }

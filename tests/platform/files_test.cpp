@@ -85,8 +85,9 @@ TEST_F(FilesTest, GivesTheSystemsErrorForWhatIsMissing) {
   EXPECT_EQ(files.Read(folder / L"none", 8).Error(), ErrorCode{ERROR_FILE_NOT_FOUND});
   EXPECT_EQ(files.Read(deep, 8).Error(), kNoFolder);
   EXPECT_EQ(files.Overwrite(deep, {}), kNoFolder);
-  EXPECT_EQ(files.MakeFolder(deep), kNoFolder);
-  EXPECT_EQ(files.MakeFolder(folder.Path().wstring()), ErrorCode{ERROR_ALREADY_EXISTS});
+  EXPECT_EQ(files.MakeFolder(deep, NewFolder::Private), kNoFolder);
+  EXPECT_EQ(files.MakeFolder(folder.Path().wstring(), NewFolder::Inherits),
+            ErrorCode{ERROR_ALREADY_EXISTS});
 }
 
 TEST_F(FilesTest, AWriteThatIsCutShortFails) {

@@ -303,6 +303,24 @@ TEST_F(CapDataStoreTest, AMarkReplacesADamagedFileButNeitherADocumentNorWhatCann
   EXPECT_TRUE(CapDataStore().readBool("key", false));
 }
 
+TEST_F(CapDataStoreTest, ANewFolderIsPrivateAndAnExistingOneKeepsItsEntries) {
+  const std::wstring folder = Path().substr(0, Path().find_last_of(L'\\'));
+  const auto isOpenToUsers = [&] {
+    const auto access = disk.FolderAccess(folder);
+    EXPECT_TRUE(access);
+    return access && std::ranges::any_of(access->entries, [](const Platform::AccessEntry& entry) {
+             return entry.allowed && entry.sid == L"S-1-1-0";
+           });
+  };
+  { const CapDataStore store; }
+  EXPECT_FALSE(isOpenToUsers());
+  ASSERT_TRUE(::DeleteFileW(Path().c_str()));
+  ASSERT_TRUE(RemoveDirectoryW(folder.c_str()));
+  ASSERT_TRUE(CreateDirectoryW(folder.c_str(), nullptr));
+  { const CapDataStore store; }
+  EXPECT_TRUE(isOpenToUsers());
+}
+
 TEST_F(CapDataStoreTest, AsksForNoMoreOfAFileThanItsBound) {
   EXPECT_EQ(Read(CapDataStore(), "key"), std::nullopt);
   EXPECT_EQ(disk.largestRead, std::size_t{64} * 1024 * 1024);

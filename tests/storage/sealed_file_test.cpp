@@ -1,7 +1,9 @@
 // What the store's file holds after writes that fail or are killed, and after reads of files that
 // are damaged, held by another process or not the store's own.
 #include <algorithm>
+#include <chrono>
 #include <cstdint>
+#include <filesystem>
 #include <functional>
 #include <iterator>
 #include <optional>
@@ -566,6 +568,27 @@ TEST_F(SealedFileTest, ASiblingWhoseNameIsTooLongToOpenStopsNoWrite) {
     EXPECT_TRUE(store.persist("key", BsonElement::Int32(kNew))) << error;
     disk.onStep = [](const std::string&) { return 0U; };
   }
+}
+
+TEST_F(SealedFileTest, AnAccessOpensTheNewestSiblingsAndNoMore) {
+  for (int i = 0; i < 60; ++i) {
+    const std::wstring sibling = Sibling(std::to_wstring(i).c_str());
+    Tests::WriteBytes(sibling, FileWith(i == 30 ? kNew : kOld));
+    if (i != 30) continue;
+    const std::filesystem::path newest(sibling);
+    last_write_time(newest, last_write_time(newest) + std::chrono::hours(1));
+  }
+  Tests::WriteBytes(Path(), {});
+  int opened = 0;
+  disk.onStep = [&](const std::string& step) {
+    if (step == "Open") ++opened;
+    return 0U;
+  };
+  { const CapDataStore store; }
+  EXPECT_EQ(Value(), kNew);
+  EXPECT_LE(opened, 2 * (2 * 16) + 4) << "to adopt one, and to delete them";
+  for (int i = 0; i < 3; ++i) const CapDataStore store;
+  EXPECT_THAT(Siblings(), IsEmpty());
 }
 
 TEST_F(SealedFileTest, AStoreThatDecodesWinsAndItsOwnSiblingsGo) {

@@ -1,6 +1,7 @@
 #include "platform/files.h"
 
 #include <algorithm>
+#include <functional>
 #include <limits>
 #include <memory>
 #include <string>
@@ -27,6 +28,9 @@ using Bytes = std::vector<std::byte>;
 constexpr wchar_t kWildcards[] = L"*?<>\"";
 // Turns path parsing off. Contains a question mark that is not a wildcard.
 constexpr std::wstring_view kVerbatimPrefix = L"\\\\?\\";
+
+// Protected: nothing is inherited. S-1-3-4 is the owner.
+constexpr wchar_t kPrivateFolder[] = L"D:P(A;OICI;FA;;;SY)(A;OICI;FA;;;BA)(A;OICI;FA;;;S-1-3-4)";
 
 constexpr DWORD kShareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
 constexpr DWORD kReadStep = 1U << 30;
@@ -113,8 +117,18 @@ class RealFiles final : public Files {
     return true;
   }
 
-  ErrorCode MakeFolder(const std::wstring& path) override {
-    return CreateDirectoryW(path.c_str(), nullptr) != 0 ? 0 : GetLastError();
+  ErrorCode MakeFolder(const std::wstring& path, NewFolder access) override {
+    if (access == NewFolder::Inherits) {
+      return CreateDirectoryW(path.c_str(), nullptr) != 0 ? 0 : GetLastError();
+    }
+    PSECURITY_DESCRIPTOR raw = nullptr;
+    if (ConvertStringSecurityDescriptorToSecurityDescriptorW(kPrivateFolder, SDDL_REVISION_1, &raw,
+                                                             nullptr) == FALSE) {
+      return GetLastError();
+    }
+    const UniqueLocalMemory<void> descriptor(raw);
+    SECURITY_ATTRIBUTES security{sizeof security, descriptor.get(), FALSE};
+    return CreateDirectoryW(path.c_str(), &security) != 0 ? 0 : GetLastError();
   }
 
   ErrorCode Touch(const std::wstring& path) override {
@@ -270,13 +284,13 @@ class RealFiles final : public Files {
 
   Result<std::vector<std::wstring>> Siblings(const std::wstring& path) const override {
     using Names = Result<std::vector<std::wstring>>;
-    std::vector<std::wstring> siblings;
+    std::vector<std::pair<std::uint64_t, std::wstring>> siblings;  // with the time of writing
     WIN32_FIND_DATAW found;
     const HANDLE raw = FindFirstFileW((path + L".*").c_str(), &found);
     if (raw == INVALID_HANDLE_VALUE) {
       const DWORD error = GetLastError();
       const bool none = error == ERROR_FILE_NOT_FOUND || error == ERROR_PATH_NOT_FOUND;
-      return none ? Names(siblings) : Names::Failure(error);
+      return none ? Names(std::vector<std::wstring>()) : Names::Failure(error);
     }
     const UniqueSearch search(raw);
     const std::size_t folderEnd = path.find_last_of(L"\\/") + 1;
@@ -285,10 +299,16 @@ class RealFiles final : public Files {
     do {
       // The pattern also matches `path` itself, and short names.
       const std::wstring name = found.cFileName;
-      if (name.starts_with(prefix)) siblings.push_back(folder + name);
+      if (!name.starts_with(prefix)) continue;
+      const FILETIME& time = found.ftLastWriteTime;
+      siblings.emplace_back(std::uint64_t{time.dwHighDateTime} << 32U | time.dwLowDateTime,
+                            folder + name);
     } while (FindNextFileW(search.get(), &found) != 0);
-    const DWORD end = GetLastError();
-    return end == ERROR_NO_MORE_FILES ? Names(std::move(siblings)) : Names::Failure(end);
+    if (const DWORD end = GetLastError(); end != ERROR_NO_MORE_FILES) return Names::Failure(end);
+    std::ranges::sort(siblings, std::greater());
+    std::vector<std::wstring> names;
+    for (auto& [time, name] : siblings) names.push_back(std::move(name));
+    return names;
   }
 };
 
