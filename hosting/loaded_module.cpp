@@ -59,10 +59,10 @@ void* LoadedModule::Find(const char* name) const {
 }
 
 ServiceSession LoadedModule::NewService() const {
-  const auto mutex = ServicesMutexFor(StoreUse::Write);
+  ServicesMutexFor(StoreUse::Write);  // throws before the module works
   auto* service = factory();
   if (service == nullptr) throw std::runtime_error("the module's factory returned null");
-  return ServiceSession(mutex == nullptr ? service : WithServicesMutex(*service, mutex));
+  return ServiceSession(WithServicesMutex(*service));
 }
 
 }  // namespace Vx::Host

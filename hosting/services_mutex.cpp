@@ -2,6 +2,7 @@
 
 #include <cstdio>
 #include <cwchar>
+#include <mutex>
 #include <stdexcept>
 #include <utility>
 
@@ -40,17 +41,17 @@ std::wstring GlobalName() {
   return std::wstring(L"Global\\") + Tessel::Server::Storage::CapDataStore::kMutexName;
 }
 
-HANDLE OpenOrCreate() {
-  const std::wstring name = GlobalName();
-  HANDLE opened = OpenMutexW(kAccess, FALSE, name.c_str());
-  if (opened != nullptr || GetLastError() != ERROR_FILE_NOT_FOUND) return opened;
-  return CreateMutexExW(nullptr, name.c_str(), 0, kAccess);
+bool SharesServicesStore() {
+  DWORD session = 0;
+  // Without an answer the object is taken: in the services' session it is the module's own, which a
+  // thread may hold twice.
+  if (ProcessIdToSessionId(GetCurrentProcessId(), &session) == FALSE) session = MAXDWORD;
+  return NeedsServicesMutex(session, Variable(L"ProgramData"), Variable(L"ALLUSERSPROFILE"));
 }
 
 class LockingService final : public VxService {
  public:
-  LockingService(VxService& service, std::shared_ptr<const ServicesMutex> services)
-      : inner(service), mutex(std::move(services)) {}
+  explicit LockingService(VxService& service) : inner(service) {}
 
   void* Destroy(unsigned flags) override {
     void* const address = inner.Destroy(flags);
@@ -65,22 +66,22 @@ class LockingService final : public VxService {
   }
   uint32_t ExecuteCommand(ClientContext* context, uint32_t functionId, const wchar_t* request,
                           wchar_t** response, CompletionCallback* callback) override {
-    const ServicesMutexHold hold(mutex);
+    const ServicesMutexHold hold(Mutex());
     return inner.ExecuteCommand(context, functionId, request, response, callback);
   }
   void FreeResponse(void* response) override { inner.FreeResponse(response); }
   void Start() override { inner.Start(); }
   void power_event_task(uint32_t eventType) override {
-    const ServicesMutexHold hold(mutex);
+    const ServicesMutexHold hold(Mutex());
     inner.power_event_task(eventType);
   }
   void Reserved7() override { inner.Reserved7(); }
   bool oobe_event_task() override {
-    const ServicesMutexHold hold(mutex);
+    const ServicesMutexHold hold(Mutex());
     return inner.oobe_event_task();
   }
   void OnSessionChange(uint32_t code) override {
-    const ServicesMutexHold hold(mutex);
+    const ServicesMutexHold hold(Mutex());
     inner.OnSessionChange(code);
   }
   void Reserved10() override { inner.Reserved10(); }
@@ -88,8 +89,16 @@ class LockingService final : public VxService {
  private:
   ~LockingService() = default;
 
+  // Looks again until a service has made it.
+  ServicesMutex Mutex() {
+    const std::lock_guard guard(lock);
+    if (mutex == nullptr) mutex = ServicesMutexFor(StoreUse::Write);
+    return mutex;
+  }
+
   VxService& inner;
-  const std::shared_ptr<const ServicesMutex> mutex;
+  std::mutex lock;
+  ServicesMutex mutex;  // under the lock
 };
 
 }  // namespace
@@ -100,48 +109,38 @@ bool NeedsServicesMutex(std::uint32_t session, std::wstring_view programData,
   return machineData.empty() || SameFolder(programData, machineData);
 }
 
-ServicesMutex::ServicesMutex() : handle(OpenOrCreate()) {
-  if (handle != nullptr) return;
-  const DWORD error = GetLastError();
-  throw std::runtime_error(Utf8(GlobalName()) +
-                           (error == ERROR_INVALID_HANDLE
-                                ? " is an object of another kind, made by another program"
-                                : " cannot be opened, error " + std::to_string(error)));
+ServicesMutex ServicesMutexFor(StoreUse use) {
+  if (!SharesServicesStore()) return nullptr;
+  const std::wstring name = GlobalName();
+  Platform::UniqueHandle opened(OpenMutexW(kAccess, FALSE, name.c_str()));
+  const DWORD error = opened == nullptr ? GetLastError() : ERROR_SUCCESS;
+  if (error == ERROR_SUCCESS) return opened;
+  if (error == ERROR_FILE_NOT_FOUND) return nullptr;
+  const std::string why =
+      Utf8(name) + (error == ERROR_INVALID_HANDLE
+                        ? " is an object of another kind, made by another program"
+                        : " cannot be opened, error " + std::to_string(error));
+  if (use == StoreUse::Write) {
+    throw std::runtime_error("the machine's store cannot be kept from services: " + why +
+                             "; run as administrator, or use --private-store");
+  }
+  static_cast<void>(std::fprintf(
+      stderr, "vxhost: the store is read while services may write it: %s\n", why.c_str()));
+  return nullptr;
 }
 
-std::shared_ptr<const ServicesMutex> ServicesMutexFor(StoreUse use) {
-  DWORD session = 0;
-  // Without an answer the object is taken: in the services' session it is the module's own, which a
-  // thread may hold twice.
-  if (ProcessIdToSessionId(GetCurrentProcessId(), &session) == FALSE) session = MAXDWORD;
-  if (!NeedsServicesMutex(session, Variable(L"ProgramData"), Variable(L"ALLUSERSPROFILE"))) {
-    return nullptr;
-  }
-  try {
-    return std::make_shared<const ServicesMutex>();
-  } catch (const std::runtime_error& error) {
-    if (use == StoreUse::Write) {
-      throw std::runtime_error(std::string("the machine's store cannot be kept from services: ") +
-                               error.what() + "; run as administrator, or use --private-store");
-    }
-    static_cast<void>(std::fprintf(
-        stderr, "vxhost: the store is read while services may write it: %s\n", error.what()));
-    return nullptr;
-  }
-}
-
-ServicesMutexHold::ServicesMutexHold(std::shared_ptr<const ServicesMutex> mutex,
-                                     const HoldLimits& limits)
+ServicesMutexHold::ServicesMutexHold(ServicesMutex mutex, const HoldLimits& limits)
     : held(std::move(mutex)) {
-  if (held != nullptr) AwaitStoreMutex(held->handle.get(), limits);
+  if (held != nullptr) AwaitStoreMutex(held.get(), limits);
 }
 
 ServicesMutexHold::~ServicesMutexHold() {
-  if (held != nullptr) ReleaseMutex(held->handle.get());
+  if (held != nullptr) ReleaseMutex(held.get());
 }
 
-VxService* WithServicesMutex(VxService& inner, std::shared_ptr<const ServicesMutex> mutex) {
-  return new LockingService(inner, std::move(mutex));
+VxService* WithServicesMutex(VxService& inner) {
+  if (!SharesServicesStore()) return &inner;
+  return new LockingService(inner);
 }
 
 }  // namespace Vx::Host

@@ -21,42 +21,35 @@ namespace Vx::Host {
 bool NeedsServicesMutex(std::uint32_t session, std::wstring_view programData,
                         std::wstring_view machineData);
 
-// Any thread may hold it.
-class ServicesMutex {
- public:
-  // Opens the object, or creates it if no service has. Throws std::runtime_error, whose text says
-  // why, when this account may not, or when an object of another kind has the name.
-  ServicesMutex();
-
- private:
-  friend class ServicesMutexHold;
-
-  Platform::UniqueHandle handle;
-};
+// The services' mutex, which any thread may hold. Null where this process needs none.
+using ServicesMutex = std::shared_ptr<void>;
 
 enum class StoreUse { Read, Write };
 
-// The mutex that this process needs, null where it needs none. Throws std::runtime_error, whose
-// text advises the user, for a use that writes and cannot have it. One that only reads goes on
-// without, after a warning on standard error: a writer replaces the file in one step.
-std::shared_ptr<const ServicesMutex> ServicesMutexFor(StoreUse use);
+// Opens the mutex that this process needs. Null if it needs none, or if no service has made it,
+// because then none runs. Throws std::runtime_error, whose text advises the user, for a use that
+// writes when this account may not open it, or when an object of another kind has the name. One
+// that only reads goes on without, after a warning on standard error: a writer replaces the file in
+// one step.
+ServicesMutex ServicesMutexFor(StoreUse use);
 
 // Holds `mutex`, which may be null, for the scope of a thread. Waits as AwaitStoreMutex does.
 class ServicesMutexHold {
  public:
-  explicit ServicesMutexHold(std::shared_ptr<const ServicesMutex> mutex,
+  explicit ServicesMutexHold(ServicesMutex mutex,
                              const HoldLimits& limits = {.timeout = std::chrono::milliseconds(0)});
   ServicesMutexHold(const ServicesMutexHold&) = delete;
   ServicesMutexHold& operator=(const ServicesMutexHold&) = delete;
   ~ServicesMutexHold();
 
  private:
-  std::shared_ptr<const ServicesMutex> held;
+  ServicesMutex held;
 };
 
-// Returns a service that holds `mutex` around each call of `inner` that can use the store, and
-// destroys `inner` with itself. The threads that `inner` starts do not hold it.
-Tessel::Server::Services::VxService* WithServicesMutex(Tessel::Server::Services::VxService& inner,
-                                                       std::shared_ptr<const ServicesMutex> mutex);
+// Returns a service that holds the services' mutex, as soon as there is one, around each call of
+// `inner` that can use the store, and destroys `inner` with itself. Returns `inner` where this
+// process needs no such mutex. The threads that `inner` starts do not hold it. A call throws as
+// ServicesMutexFor does.
+Tessel::Server::Services::VxService* WithServicesMutex(Tessel::Server::Services::VxService& inner);
 
 }  // namespace Vx::Host

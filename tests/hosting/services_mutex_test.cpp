@@ -124,9 +124,13 @@ class AskingService final : public VxService {
   std::vector<DWORD> outcomes;
 };
 
-TEST_F(ServicesMutexTest, ACallThatCanUseTheStoreHoldsItAndLetsItGo) {
+TEST_F(ServicesMutexTest, ACallThatCanUseTheStoreHoldsItAndMakesNone) {
   AskingService asking;
-  ServiceSession session(WithServicesMutex(asking, ServicesMutexFor(StoreUse::Write)));
+  ServiceSession session(WithServicesMutex(asking));
+  session.Slots().power_event_task(7);
+  EXPECT_EQ(UniqueHandle(OpenMutexW(SYNCHRONIZE, FALSE, kName)), nullptr);
+  asking.outcomes.clear();
+  const UniqueHandle ofAService(CreateMutexW(nullptr, FALSE, kName));
   EXPECT_EQ(session.Execute(22, L"{}", L"client").code, 7U);
   session.Slots().power_event_task(7);
   session.Slots().oobe_event_task();
@@ -139,6 +143,7 @@ TEST_F(ServicesMutexTest, ACallThatCanUseTheStoreHoldsItAndLetsItGo) {
 
 TEST_F(ServicesMutexTest, NoProgramWithAStoreOfItsOwnTakesIt) {
   const Tests::PrivateStore own;
+  const UniqueHandle ofAService(CreateMutexW(nullptr, FALSE, kName));
   EXPECT_EQ(ServicesMutexFor(StoreUse::Write), nullptr);
 }
 
