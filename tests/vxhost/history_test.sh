@@ -24,8 +24,8 @@ expect 0 '"decision":"not sent","failed":true' --store "$store" history "$folder
   --subscription "$(awk '/not sent/ { print $4; exit }' "$folder/service.txt")" --since 2026-11-26T05:38:30
 [ "$(wc -l < "$work/output")" = 1 ] || fail "the filters of history leave:" "$work/output"
 expect 0 'ran: process 888' --store "$store" history "$folder/service.log" --timeline "Z:$work/page.html"
-for wanted in '"subscription accepted","0a4a3c1f, client vxhost.exe ann' '"refused","it was not signed with a pinned key' \
-  '"dropped","its service ended before it did' '"the module is stopped"'; do
+for wanted in '"decision":"accepted","tone":"good","subscription":"0a4a3c1f"' '"what":"ended"' \
+  '"decision":"refused","tone":"bad","why":"it was not signed with a pinned key'; do
   grep -qF "$wanted" "$work/page.html" || fail "the page lacks $wanted"
 done
 expect 2 'needs the thread of each line' history "$folder/watch.json" --timeline "Z:$work/none.html"

@@ -1,7 +1,7 @@
 """timeline_test.py VXHOST SCENARIO PICTURE EMULATOR...: plays a scenario, opens its timeline in Chromium, in
 windows of 1280 and 390 pixels at once, and compares what is on the page with the log; so also a page of a
-hundred such plays. RECORD=1 writes the picture for the manual to PICTURE. Look at a new one before it is
-kept."""
+hundred such plays, and one of each of CASES. RECORD=1 writes the picture for the manual to PICTURE. Look at
+a new one before it is kept."""
 
 import collections
 import html
@@ -35,6 +35,11 @@ const measure = page => {
     texts: ['.label', '.in', '.who > *', '.tick span', '#picture .mark'].flatMap(shown),
     targets: all('#picture a').map(a => page.querySelector(a.getAttribute('href')) !== null),
     headings: all('h3').map(h => h.textContent), events: all('.what > b').map(b => b.textContent),
+    bars: all('#picture .bar').map(b => b.closest('.lane').querySelector('b').textContent + ': ' + b.title),
+    list: all('h3, #list li').map(e => e.tagName === 'H3' ? e.textContent :
+      ['.time', '.lane-name', '.what > b', '.reason'].map(kind => e.querySelector(kind)?.textContent.trim() || '-')
+        .concat(e.querySelector('.what > b').className, e.querySelectorAll('tr').length,
+          [...e.querySelectorAll('.count')].map(c => c.textContent + ' times')).join('; ')),
     lines: all('tr').map(r => [r.className, r.querySelector('.message').textContent,
       +(r.querySelector('.count') || {textContent: 1}).textContent, r.getClientRects().length]),
   };
@@ -50,8 +55,101 @@ const frame = (name, width) => {
   }, 200);
   document.body.append(f);
 };
-frame('page', 1280); frame('page', 390); frame('dense', 1280); frame('dense', 390);
+NAMES.forEach((name, index) => {
+  frame(name, 1280);
+  if (index < 2) frame(name, 390);
+});
 </script>"""
+
+
+def entry(at, text, what="log", thread=1, **more):
+    return {"at": at, "what": what, "text": text, "thread": thread, "step": 0, "level": "INFO", **more}
+
+
+def decided(at, decision, tone="good", thread=1, **more):
+    """The line of a record, of this delivery unless `more` says otherwise."""
+    return entry(at, "a record", thread=thread, record={
+        "kind": "power", "event": "power 18", "decision": decision, "tone": tone, "subscription": "0badcafe",
+        "target": "C:\\M\\Resume.exe", "milliseconds": 10000, "delivery": "1.1", **more})
+
+
+SUBSCRIPTION = {"subscription": "0badcafe", "event": "power 18", "target": "Maker.App/Resume", "milliseconds": 10000}
+COMMAND = {"what": "command", "thread": 0, "done": True, "request": "{}", "result": "a result", "names": SUBSCRIPTION}
+OTHER = {"event": "platform 1", "subscription": "other", "target": "", "milliseconds": 4000}
+NO_DELIVERY = {"delivery": None, "client": "ann"}
+WAITS = [entry(0, "of another thread", thread=2), entry(0, "delay start"), decided(0, "waiting")]
+# What happened, other data, the list of the page with the number of lines, and the bars of its picture.
+CASES = {
+    "a delivery": (
+        [entry(0, "power event 18", "call", 0), *WAITS, entry(10500, "the decision"),
+         decided(10500, "ran", milliseconds=10500, process=7), entry(10500, "not of it")], {},
+        ["0 s; Machine; power event 18; the machine woke, with or without a user; neutral; 2",
+         "10.5 s; power 18 + 10 s starts Resume.exe; ran; process 7; good; 4"],
+        ["power 18 + 10 s: 10 s, 0 s to 10 s"]),
+    "a wait cut short": (
+        [*WAITS, decided(3000, "dropped", "dropped", milliseconds=3000, why="too early")], {},
+        ["3 s; power 18 + 10 s starts Resume.exe; dropped; too early; dropped; 3",
+         "3 s; Service; log lines; -; neutral; 1"],
+        ["power 18 + 10 s: 10 s, 0 s to 3 s"]),
+    "a delivery that waits": (
+        [*WAITS, entry(5000, "later")], {},
+        ["5 s; power 18 + 10 s starts Resume.exe; still waits; -; neutral; 0",
+         "5 s; Service; log lines; -; neutral; 4"],
+        ["power 18 + 10 s: 10 s, 0 s to 5 s, not over"]),
+    "deliveries told apart": (
+        [decided(0, "waiting"), decided(0, "waiting", thread=2, **OTHER, delivery="1.2"),
+         decided(4000, "sent", thread=2, **OTHER, delivery="1.2"),
+         decided(4000, "waiting", thread=3, **OTHER, delivery="1.3"),
+         decided(5000, "not sent", "bad", thread=4, **OTHER, delivery="9.2"), entry(9000, "anew", "started")], {},
+        ["4 s; platform 1 + 4 s; sent; -; good; 2", "5 s; platform 1 + 4 s; not sent; -; bad; 1",
+         "9 s; power 18 + 10 s starts Resume.exe; dropped; its service ended before it did; dropped; 0",
+         "9 s; platform 1 + 4 s; dropped; its service ended before it did; dropped; 0",
+         "9 s; Service; the module is started; -; neutral; 3"],
+        ["power 18 + 10 s: 10 s, 0 s to 9 s", "platform 1 + 4 s: 4 s, 0 s to 4 s",
+         "platform 1 + 4 s: 4 s, 4 s to 8 s"]),
+    "a start-up": (
+        [entry(0, "start", "call", 0), entry(0, "OrvaneService: OOBE not completed"),
+         *[entry(second * 1000, line) for second in range(90) for line in ("no user", "path = []")],
+         entry(90000, "OrvaneService: Verified that OOBE completed."), entry(95000, "Aurelo not launched"),
+         entry(96000, "Scheduling Vx Aurelo launch"), entry(99000, "end", "call", 0)], {},
+        ["0 s; Service; the service starts; -; neutral; 3; 90 times; 90 times",
+         "1 min 30 s; Service; first-run set-up is complete; -; good; 1",
+         "1 min 35 s; Service; Aurelo is not started; -; bad; 2",
+         "1 min 39 s; Service; the service ends; -; neutral; 0"],
+        ["Service: waits for first-run set-up, 0 s to 1 min 30 s",
+         "Service: waits for an hour for Aurelo, 1 min 36 s to 1 min 39 s"]),
+    "steps": (
+        [entry(0, "", **COMMAND, command=9, step=1), entry(1000, "", **COMMAND, command=19, step=2),
+         entry(2000, "", **{**COMMAND, "done": False}, command=9, name="a name", step=3),
+         entry(3000, "it lacks a line", "failure", 0, step=3)],
+        {"steps": ["begins", "", "refuses", "ends"], "end": 4000},
+        ["begins", "0 s; power 18 + 10 s message to Resume; subscribed; {}; neutral; 0",
+         "1 s; power 18 + 10 s message to Resume; taken back; -; neutral; 0",
+         "refuses", "2 s; Service; a name; command 9: a result; bad; 0",
+         "3 s; Service; not as expected; it lacks a line; bad; 0", "ends"], []),
+    "a running service": (
+        [entry(0, "power event 4", "host"), decided(0, "accepted", **NO_DELIVERY),
+         decided(1000, "refused", "bad", **NO_DELIVERY, subscription="", event="command 9", why="not valid"),
+         decided(2000, "taken back", kind="completion", **NO_DELIVERY, why="has run")],
+        {"stored": [None, SUBSCRIPTION]},
+        ["0 s; Machine; power event 4; the machine is about to sleep; neutral; 0",
+         "0 s; Service; subscription accepted; 0badcafe, client ann; neutral; 2",
+         "1 s; Service; command 9 refused; not valid, client ann; bad; 1; 2 times",
+         "2 s; power 18 + 10 s message to Resume; taken back; has run; neutral; 0"], []),
+    "a machine": (
+        [entry(0, "session change 7", "call", 0),
+         *[entry(1000 * at, text, "event") for at, text in enumerate((
+             "the machine enters Modern Standby", "ann logs on", "ann cannot start a.exe",
+             "the machine leaves Modern Standby", "Maker.App/Resume receives {} and returns 1",
+             "they are notified that the machine came up", "the machine sleeps for 1.5 s"))]], {},
+        ["0 s; Machine; session change 7; the session is locked; neutral; 0",
+         "0 s; Machine; the machine enters Modern Standby; -; neutral; 0", "1 s; User; ann logs on; -; neutral; 0",
+         "2 s; User; ann cannot start a.exe; -; bad; 0",
+         "3 s; Machine; the machine leaves Modern Standby; -; neutral; 0",
+         "4 s; User; Maker.App/Resume receives {} and returns 1; -; bad; 1",
+         "6 s; Machine; the machine sleeps for 1.5 s; -; neutral; 0"],
+        ["Machine: Modern Standby, 0 s to 3 s", "Machine: asleep, 6 s to 7.5 s"]),
+}
 
 
 def fail(text):
@@ -78,16 +176,22 @@ def play(work):
         return file.read(), json.loads(run.stdout)
 
 
-def repeated(page, times):
-    """The page of a log that holds the same so many times, one after the other."""
+def page_of(page, change):
+    """The page with other data, to which `change` turns its own."""
     before, text, after = re.fullmatch(r'(.*id="data">)(.*?)(</script>.*)', page, re.S).groups()
-    data = json.loads(text)
-    data["marks"] = [[lane, at + i * data["end"], *rest]
-                     for i in range(times) for lane, at, *rest in data["marks"]]
-    data["bars"] = [[lane, kind, begin + i * data["end"], end + i * data["end"], *rest]
-                    for i in range(times) for lane, kind, begin, end, *rest in data["bars"]]
-    data["end"] *= times
-    return before + json.dumps(data).replace("<", "\\u003c") + after
+    return before + json.dumps(change(json.loads(text))).replace("<", "\\u003c") + after
+
+
+def case_data(data, entries, more):
+    return {**data, "end": 0, "steps": [], "texts": [one["text"] for one in entries],
+            "entries": [{**one, "text": index} for index, one in enumerate(entries)], **more}
+
+
+def dense_data(data):
+    """A log that holds the same a hundred times, one after the other."""
+    end = data["end"]
+    entries = [{**one, "at": one["at"] + i * end} for i in range(100) for one in data["entries"]]
+    return {**data, "entries": entries, "end": 100 * end}
 
 
 def chromium(work, *arguments):
@@ -99,8 +203,11 @@ def chromium(work, *arguments):
 
 
 def measure(work, page):
-    """Returns what Chromium shows of the page and of a dense one, by name and width of the window."""
-    for name, text in (("page", page), ("dense", repeated(page, 100)), ("frames", FRAMES)):
+    """Returns what Chromium shows of the page, a dense one and those of the cases, by name and width of window."""
+    pages = {"page": page, "dense": page_of(page, dense_data)}
+    for name, (entries, more, *_) in CASES.items():
+        pages[name] = page_of(page, lambda data: case_data(data, entries, more))
+    for name, text in [*pages.items(), ("frames", FRAMES.replace("NAMES", json.dumps([*pages])))]:
         with open(os.path.join(work, name + ".html"), "w", encoding="utf-8") as file:
             file.write(text)
     dom = chromium(work, "--dump-dom", f"file://{work}/frames.html")
@@ -148,7 +255,7 @@ def check_content(seen, report):
             fail(f"the page lacks the decision \"{decision}\"")
     if seen["headings"][-1] != HOSTILE.replace("\u202e", "\ufffd").replace("\u2028", "\ufffd"):
         fail(f"the hostile step is shown as {seen['headings'][-1]}")
-    if (seen["title"], seen["scripts"], seen["images"]) != (os.path.basename(scenario), 1, 0):
+    if (seen["title"], seen["scripts"], seen["images"]) != (os.path.basename(scenario), 2, 0):
         fail(f"the hostile step makes elements: {seen['title']}, {seen['scripts']}, {seen['images']}")
 
 
@@ -162,6 +269,10 @@ with tempfile.TemporaryDirectory() as folder:
     if not {"power 18 + 30 s", "starts Unsigned.exe", "asleep", "subscribed", "29", "1:01:11"} <= drawn:
         fail(f"the picture lacks texts: {drawn}")
     check_content(views["page390"], result)
+    for name, (_, _, marks, bars) in CASES.items():
+        shown = views[name + "1280"]
+        if shown["list"] != marks or sorted(shown["bars"]) != sorted(bars):
+            fail(f"of {name} the page shows\n{json.dumps([shown['list'], shown['bars']], indent=1)}")
     if os.environ.get("RECORD") and not failures:
         chromium(folder, "--hide-scrollbars", "--window-size=1280,565", f"--screenshot={picture}",
                  f"file://{folder}/page.html")

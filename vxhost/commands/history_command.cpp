@@ -23,7 +23,6 @@
 #include "platform/machine.h"
 #include "vxhost/log/history.h"
 #include "vxhost/log/timeline_page.h"
-#include "vxhost/log/timeline_picture.h"
 #include "vxhost/store/store_look.h"
 #include "vxhost/subscriptions/stored_subscriptions.h"
 
@@ -164,7 +163,7 @@ class LogRecord {
       if (one.text) texts.push_back(*one.text);
     }
     const PageHead head{.title = L"The service from " + begin, .verdict = {}};
-    WriteTextFile(FullPath(file), TimelinePage(head, PictureOf({}, entries, texts)));
+    WriteTextFile(FullPath(file), TimelinePage(head, {}, entries, texts));
   }
 
  private:

@@ -18,7 +18,6 @@
 #include "platform/windows_runtime_error.h"
 #include "simulator/simulated_machine.h"
 #include "vxhost/log/timeline_page.h"
-#include "vxhost/log/timeline_picture.h"
 #include "vxhost/play/harness.h"
 #include "vxhost/play/play_report.h"
 #include "vxhost/play/scenario.h"
@@ -150,7 +149,7 @@ void WriteTimeline(const std::string& file, const std::vector<PlayedScenario>& p
                                 : one.met          ? kMet
                                                    : kUnmet),
                 .met = one.met};
-  WriteTextFile(FullPath(file), TimelinePage(head, PictureOf(one.steps, one.entries)));
+  WriteTextFile(FullPath(file), TimelinePage(head, one.steps, one.entries));
 }
 
 int PlayScenarios(const ModuleOptions& module, const ScenarioOptions& options, Console& console) {

@@ -11,11 +11,8 @@ const TONES = ['neutral', 'good', 'dropped', 'bad'];  // the worst last
 
 const source = document.getElementById('data');
 const data = JSON.parse(source.textContent);
-const lanes = data.lanes.map(([name, detail]) => ({name, detail, tracks: [], track: make('div', 'track')}));
-const bars = data.bars.map(([lane, kind, from, to, open, text]) =>
-  ({lane: lanes[lane], kind, from, to, open, text}));
-const marks = data.marks.map(([lane, at, tone, text, reason, lines], index) =>
-  ({lane: lanes[lane], at, tone, text, reason, lines, number: index + 1}));
+const {end, lanes, bars, marks, headings} = readPicture(data);
+for (const lane of lanes) Object.assign(lane, {tracks: [], track: make('div', 'track')});
 const grouped = marks.length > MOST_MARKS;
 const STEP = grouped ? 30 : 24;  // pixels between marks of one lane and moment
 const picture = document.getElementById('picture');
@@ -50,7 +47,7 @@ function clockText(moment) {
 // and a long time between two moments is drawn shorter than it is: a first boot waits for an hour
 // after a minute in which most happens.
 function makeAxis() {
-  const moments = new Set([0, data.end]);
+  const moments = new Set([0, end]);
   for (const mark of marks) moments.add(mark.at);
   for (const bar of bars) moments.add(bar.from).add(bar.to);
   const each = grouped ? Math.ceil(moments.size / MOST_MOMENTS) : 1;
@@ -165,8 +162,8 @@ function drawPicture() {
   addEventListener('afterprint', thinForScreen);
 }
 
-function lineRow([first, last, count, level, caller, message]) {
-  const text = make('td', '', caller && '[' + caller + '] ', make('span', 'message', data.messages[message]));
+function lineRow({first, last, count, level, caller, text: message}) {
+  const text = make('td', '', caller && '[' + caller + '] ', make('span', 'message', message));
   if (count > 1) {
     text.append(make('i', '', ' (', make('span', 'count', count), ' times until ' + timeText(last) + ')'));
   }
@@ -174,7 +171,7 @@ function lineRow([first, last, count, level, caller, message]) {
 }
 
 function makeDetails(lines, atOnce) {
-  const count = lines.reduce((sum, [, , times]) => sum + times, 0);
+  const count = lines.reduce((sum, line) => sum + line.count, 0);
   const details = make('details', '', make('summary', '', count + (count === 1 ? ' line' : ' lines')));
   const fill = () => {
     const table = make('table', '');
@@ -189,9 +186,8 @@ function makeDetails(lines, atOnce) {
 function drawList() {
   const atOnce = marks.reduce((sum, mark) => sum + mark.lines.length, 0) <= MOST_LINES;
   const list = document.getElementById('list');
-  const headings = [...data.headings];
   const announce = until => {
-    while (headings.length && headings[0][0] < until) list.append(make('h3', '', headings.shift()[1]));
+    while (headings.length && headings[0].mark < until) list.append(make('h3', '', headings.shift().text));
   };
   for (const mark of marks) {
     announce(mark.number);
@@ -210,10 +206,10 @@ function drawList() {
 
 document.title = document.querySelector('h1').textContent = data.title;
 const verdict = document.getElementById('verdict');
-verdict.textContent = data.verdict;
+verdict.textContent = data.verdict || '';
 verdict.className = data.met ? 'met' : 'unmet';
 document.getElementById('span').textContent =
-  'From 0 s to ' + timeText(data.end) + '. Each number leads to its entry below.';
+  'From 0 s to ' + timeText(end) + '. Each number leads to its entry below.';
 drawPicture();
 if (grouped) {
   document.getElementById('legend')

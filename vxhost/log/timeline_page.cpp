@@ -1,24 +1,34 @@
 #include "vxhost/log/timeline_page.h"
 
 #include <chrono>
+#include <concepts>
 #include <cstddef>
+#include <cstdint>
 #include <map>
 #include <string_view>
-#include <vector>
+#include <type_traits>
 
+#include "events/delivery_rules.h"
+#include "events/subscription_delivery.h"
+#include "events/subscription_forms.h"
 #include "hosting/text.h"
+#include "json/json_object.h"
 #include "json/json_text.h"
+#include "platform/windows_runtime_error.h"
+#include "records/subscription_hash.h"
+#include "service/dispatch.h"
+#include "vxhost/common/console.h"
+#include "vxhost/log/history.h"
 #include "vxhost/log/timeline_template.h"
 
 namespace Vx::Host {
 
 namespace {
 
-constexpr std::string_view kPlaceOfData = "{{data}}";
+using namespace Tessel::Server::Records;
+using namespace Tessel::Server::Services::Orvane;
 
-// By their enumerations; classes of the page's style.
-constexpr const wchar_t* kTones[] = {L"neutral", L"good", L"bad", L"dropped"};
-constexpr const wchar_t* kBars[] = {L"wait", L"sleep", L"standby"};
+constexpr std::string_view kPlaceOfData = "{{data}}";
 
 // JSON for a script element. Without a '<' no text can end the element or begin a comment in it.
 struct ScriptText {
@@ -35,84 +45,163 @@ struct ScriptText {
   std::wstring text;
 };
 
-// Writes what the script reads: arrays whose order it knows.
+// By their enumeration.
+constexpr const wchar_t* kHappenings[] = {L"call", L"command", L"event", L"log", L"failure"};
+
+const wchar_t* WhatOf(const RecordEntry& entry) {
+  if (StartsModule(entry.log)) return L"started";
+  if (EndsModule(entry.log)) return L"ended";
+  if (entry.log.provider == kHostProvider) return L"host";
+  return kHappenings[static_cast<std::size_t>(entry.what)];
+}
+
+// The classes of the page's style.
+const wchar_t* ToneOf(Decision decision) {
+  if (decision == Decision::Dropped) return L"dropped";
+  return IsFailure(decision) ? L"bad" : L"good";
+}
+
+// Writes what the page's scripts read. An empty text has no member.
 class DataWriter {
  public:
-  std::string Write(const PageHead& head, const Picture& picture) {
+  std::string Write(const PageHead& head, const std::vector<RecordStep>& steps,
+                    const std::vector<RecordEntry>& entries,
+                    const std::vector<std::wstring>& stored) {
     json.StartObject();
     Member(L"title", head.title);
     Member(L"verdict", head.verdict);
     Member(L"met", head.met);
-    Member(L"end", picture.end);
-    Member(L"lanes", picture.lanes);
-    Member(L"bars", picture.bars);
-    Member(L"headings", picture.headings);
-    Member(L"marks", picture.marks);
-    Member(L"messages", messages);
+    Member(L"end", steps.empty() ? 0 : steps.back().end.count());
+    json.Key(L"powerCodes");
+    json.StartObject();
+    for (const EventCode& one : kPowerCodes) {
+      Member(std::to_wstring(one.code).c_str(), one.meaning);
+    }
+    json.EndObject();
+    List(L"stored", stored, [&](const std::wstring& text) { PutSubscription(text); });
+    List(L"steps", steps, [&](const RecordStep& step) { Put(step.say); });
+    List(L"entries", entries, [&](const RecordEntry& entry) { Put(entry); });
+    List(L"texts", texts, [&](const std::wstring* text) { Put(*text); });
     json.EndObject();
     return Utf8(out.text);
   }
 
  private:
-  template <typename Type>
-  void Member(const wchar_t* name, const Type& value) {
-    out.Put(L'\n');
-    json.Key(name);
-    Put(value);
-  }
-
-  void Put(bool value) { json.Bool(value); }
-  void Put(std::size_t value) { json.Uint64(value); }
-  void Put(std::chrono::milliseconds value) { json.Int64(value.count()); }
-  void Put(const wchar_t* text) { json.String(text); }
   void Put(const std::wstring& text) {
     json.String(Wide(Printable(Utf8(text), LineBreaks::Replace)));
   }
-  void Put(const PictureLane& lane) { Row(lane.name, lane.detail); }
-  void Put(const PictureBar& bar) {
-    Row(bar.lane, kBars[static_cast<std::size_t>(bar.kind)], bar.from, bar.to, bar.open, bar.text);
+  void Member(const wchar_t* name, const std::wstring& text) {
+    if (text.empty()) return;
+    json.Key(name);
+    Put(text);
   }
-  void Put(const PictureHeading& heading) { Row(heading.mark, heading.text); }
-  // Each message is written once: a log repeats few of them thousands of times.
-  void Put(const PictureLine& line) {
-    const auto [known, isNew] = numbers.try_emplace(line.message, messages.size());
-    if (isNew) messages.push_back(line.message);
-    Row(line.first, line.last, line.count, line.level, line.caller, known->second);
+  void Member(const wchar_t* name, std::integral auto number) {
+    json.Key(name);
+    if constexpr (std::is_same_v<decltype(number), bool>) {
+      json.Bool(number);
+    } else {
+      json.Int64(static_cast<std::int64_t>(number));
+    }
   }
-  void Put(const PictureMark& mark) {
-    Row(mark.lane, mark.at, kTones[static_cast<std::size_t>(mark.tone)], mark.text, mark.reason,
-        mark.lines);
-  }
-
-  template <typename Type>
-  void Put(const std::vector<Type>& values) {
+  // One value per line, so that the data can be read where no script runs.
+  void List(const wchar_t* name, const auto& values, const auto& put) {
+    json.Key(name);
     json.StartArray();
-    for (const Type& value : values) Put(value);
+    for (const auto& value : values) {
+      out.Put(L'\n');
+      put(value);
+    }
     json.EndArray();
   }
 
-  // Each on a line of its own, so that the data can be read where no script runs.
-  template <typename... Types>
-  void Row(const Types&... values) {
-    out.Put(L'\n');
-    json.StartArray();
-    (Put(values), ...);
-    json.EndArray();
+  // Each text is written once: a log repeats few of them thousands of times.
+  void Put(const RecordEntry& entry) {
+    const std::wstring& text = entry.what == Happening::Log ? entry.log.message : entry.text;
+    const auto [known, isNew] = numbers.try_emplace(text, texts.size());
+    if (isNew) texts.push_back(&known->first);
+    json.StartObject();
+    Member(L"at", entry.at.count());
+    Member(L"step", entry.step);
+    Member(L"what", WhatOf(entry));
+    Member(L"text", known->second);
+    Member(L"thread", entry.thread);
+    Member(L"level", entry.log.level);
+    Member(L"caller", entry.log.caller);
+    if (entry.what == Happening::Command) {
+      const wchar_t* name = CommandName(entry.command);
+      Member(L"command", entry.command);
+      Member(L"name", name == nullptr ? L"" : name);
+      Member(L"done", entry.answer.code == 0);
+      Member(L"result", Wide(Describe(entry.answer.code)) +
+                            (entry.answer.text ? L" " + *entry.answer.text : L""));
+      Member(L"request", entry.request);
+      json.Key(L"names");
+      PutSubscription(entry.request);
+    }
+    if (entry.log.record) PutRecord(*entry.log.record, entry.log.process);
+    json.EndObject();
+  }
+
+  void PutRecord(const DecisionRecord& record, std::uint32_t writer) {
+    const auto known = Understand(record);
+    if (!known) return;
+    json.Key(L"record");
+    json.StartObject();
+    Member(L"kind", NameOf(known->kind).word);
+    Member(L"event", known->event);
+    Member(L"decision", NameOf(known->decision).text);
+    Member(L"tone", ToneOf(known->decision));
+    Member(L"why", known->why);
+    Member(L"subscription", record.subscription);
+    Member(L"target", record.target);
+    Member(L"client", record.client);
+    Member(L"process", record.process);
+    Member(L"milliseconds", record.milliseconds);
+    if (record.delivery != 0) {
+      Member(L"delivery", std::to_wstring(writer) + L"." + std::to_wstring(record.delivery));
+    }
+    json.EndObject();
+  }
+
+  // The subscription of a client's text, as a record names it. Null for one that never runs.
+  void PutSubscription(const std::wstring& text) {
+    try {
+      const auto request = Json::JsonObject::Parse(text);
+      for (const SubscriptionForm* form : kSubscriptionForms) {
+        if (!request.HasKey(form->event)) continue;
+        const EventSubscription read(text, *form);
+        const int delay = LeadingInteger(read.Command()->DelayDeliverySec()).value_or(0);
+        json.StartObject();
+        Member(L"subscription", SubscriptionHash(text));
+        Member(L"event", form->family != nullptr
+                             ? NameOf(Kind::Uninstall).text + (L" " + read.Family())
+                             : Wide(form->name) + L" " + std::to_wstring(read.Type()));
+        Member(L"target", read.Command()->Target());
+        Member(L"milliseconds", DelayLength(delay).count());
+        json.EndObject();
+        return;
+      }
+    } catch (const Platform::WindowsRuntimeError&) {
+      // Not such a request.
+    }
+    json.Null();
   }
 
   ScriptText out;
   rapidjson::Writer<ScriptText, Json::WideEncoding, Json::WideEncoding, Json::ScratchMemory> json{
       out};
-  std::map<std::wstring, std::size_t> numbers;  // of messages
-  std::vector<std::wstring> messages;
+  std::map<std::wstring, std::size_t> numbers;  // of texts
+  std::vector<const std::wstring*> texts;
 };
 
 }  // namespace
 
-std::string TimelinePage(const PageHead& head, const Picture& picture) {
+std::string TimelinePage(const PageHead& head, const std::vector<RecordStep>& steps,
+                         const std::vector<RecordEntry>& entries,
+                         const std::vector<std::wstring>& stored) {
   std::string page = kTimelineTemplate;
   return page.replace(page.find(kPlaceOfData), kPlaceOfData.size(),
-                      DataWriter().Write(head, picture));
+                      DataWriter().Write(head, steps, entries, stored));
 }
 
 }  // namespace Vx::Host
