@@ -6,9 +6,9 @@
 
 namespace Vx::Json {
 
-// Returns the number in decimal, with zeros in front up to `width` digits. With a width above 1 it
-// must not be negative. The C library's formatting would bring that of floating point into the
-// module.
+// Returns the number in decimal, padded with zeros to `width` digits. A width above 1 requires a
+// number that is not negative. Avoids the C library's formatting, which would link its
+// floating-point code into the module.
 std::string Decimal(std::int64_t number, std::size_t width = 1);
 std::wstring WideDecimal(std::int64_t number, std::size_t width = 1);
 

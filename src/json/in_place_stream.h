@@ -18,15 +18,14 @@ constexpr bool IsLead(Unit unit) {
   return unit >= kFirstSurrogate && unit < kFirstTrail;
 }
 
-// A text that is parsed in place: strings are unescaped where they stand, so they need no second
-// copy. Unlike rapidjson's own stream of this kind, it moves the ordinary units of a string in
-// runs, and not at all before the first escape, which takes a third off the row "id 22, 20 KiB" of
-// docs/performance.md.
+// Parses a text in place: strings are unescaped where they stand. Unlike rapidjson's own stream of
+// this kind, it moves the ordinary units of a string in runs, and moves nothing before the first
+// escape. That cuts a third off the row "id 22, 20 KiB" of docs/performance.md.
 class InPlaceStream {
  public:
   using Ch = wchar_t;
 
-  // `text` ends at `textEnd`, with a NUL.
+  // `textEnd` points to the terminating NUL.
   InPlaceStream(wchar_t* text, const wchar_t* textEnd) : from(text), begin(text), end(textEnd) {}
 
   wchar_t Peek() const { return *from; }
@@ -37,8 +36,8 @@ class InPlaceStream {
   wchar_t* PutBegin() { return to = from; }
   void Put(wchar_t unit) {
     *to++ = unit;
-    // No run follows the NUL that ends a string, or an escaped lead surrogate, after which the
-    // reader puts the trail.
+    // No run follows the NUL that ends a string, or an escaped lead surrogate, because the reader
+    // puts its trail next.
     if (unit != L'\0' && !IsLead(static_cast<Unit>(unit)) && from >= nextRun) MoveRuns();
   }
   std::size_t PutEnd(const wchar_t* start) { return static_cast<std::size_t>(to - start); }
@@ -57,8 +56,7 @@ class InPlaceStream {
     nextRun = from + kRun;  // skips the units that stopped this run
   }
 
-  // Whether none of the next kRun units ends the string, begins an escape or is invalid in a
-  // string.
+  // Returns whether the next kRun units need no attention: no quote, escape or control character.
   static bool IsOrdinary(const wchar_t* units) {
     Unit special = 0;
     for (std::ptrdiff_t i = 0; i < kRun; ++i) {

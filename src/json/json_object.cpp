@@ -11,7 +11,7 @@ namespace Vx::Json {
 namespace Detail {
 
 struct Tree {
-  // Allocates in proportion to the text, because many small objects live at once.
+  // Sized to the text, because many small objects live at once.
   explicit Tree(std::size_t textLength)
       : pool(std::clamp(textLength * 8, std::size_t{512}, kPoolChunk)), document(&pool) {}
 
@@ -25,12 +25,12 @@ namespace {
 
 using Detail::Tree;
 
-// These continue the sentence that the key begins.
+// Appended to the key.
 constexpr wchar_t kMissing[] = L" is missing";
 constexpr wchar_t kOtherKind[] = L" is a value of another type";
 constexpr wchar_t kNotThatText[] = L"the text is not valid JSON or not of the wanted type";
 
-// Converts the pointer of a JsonValue, whose header does not include rapidjson's.
+// A JsonValue holds a void pointer, because its header does not include rapidjson's.
 const WideValue& At(const void* node) {
   return *static_cast<const WideValue*>(node);
 }
@@ -68,7 +68,7 @@ std::shared_ptr<const Tree> ParseTree(std::wstring_view text, std::size_t nestin
 
 using TextWriter = rapidjson::Writer<TextBuffer, WideEncoding, WideEncoding, ScratchMemory>;
 
-// Writes `object`. `keep` writes each member that is to stay.
+// Writes `object` with those members that `keep` writes.
 template <typename Keep>
 void WriteObject(TextWriter& writer, const WideValue& object, Keep&& keep) {
   writer.StartObject();

@@ -31,15 +31,12 @@ class JsonValue {
  public:
   JsonKind Kind() const;
 
-  // Returns the value as compact JSON: without white space, members in their order, each text and
-  // number in the writer's spelling.
+  // Returns compact JSON: members keep their order, texts and numbers take the writer's spelling.
   std::wstring Text() const;
 
-  // Appends Text() to `out`.
   void AppendTo(std::wstring& out) const;
 
-  // These throw Platform::WindowsRuntimeError with kIllegalMethodCall if the value is of another
-  // kind.
+  // Throw Platform::WindowsRuntimeError with kIllegalMethodCall if the value is of another kind.
   std::wstring AsString() const;
   double AsNumber() const;
   JsonObject AsObject() const;
@@ -57,25 +54,23 @@ class JsonValue {
   const void* node;  // a value in `tree`
 };
 
-// A JSON object that throws when a member is missing or of another kind, like the Windows
-// Runtime's. The error message names the key. If a key is repeated, the first one counts. Copies
-// share one immutable text.
+// A JSON object that throws, like the Windows Runtime's, if a member is missing or of another kind.
+// The message names the key. If a key is repeated, the first one counts. Copies share one immutable
+// text.
 class JsonObject {
  public:
-  // Makes an empty object.
   JsonObject();
 
-  // Throws Platform::WindowsRuntimeError with kInvalidJsonString if `text` is not valid JSON (see
-  // ParseJson for the details) or is not an object.
+  // Throws Platform::WindowsRuntimeError with kInvalidJsonString if ParseJson rejects `text` or it
+  // is not an object.
   static JsonObject Parse(std::wstring_view text);
 
   bool HasKey(std::wstring_view name) const { return Find(name).has_value(); }
 
-  // Returns the member, or nothing if it is absent.
   std::optional<JsonValue> Find(std::wstring_view name) const;
 
-  // The getters throw Platform::WindowsRuntimeError: kJsonValueNotFound if the member is absent,
-  // kIllegalMethodCall if it is of another kind (JSON null is another kind).
+  // Throw Platform::WindowsRuntimeError: kJsonValueNotFound if the member is absent,
+  // kIllegalMethodCall if it is of another kind, such as null.
   JsonValue GetNamedValue(std::wstring_view name) const;
   std::wstring GetNamedString(std::wstring_view name) const;
   double GetNamedNumber(std::wstring_view name) const;
@@ -84,14 +79,13 @@ class JsonObject {
   // Returns `fallback` if the member is absent. Throws kIllegalMethodCall if it is of another kind.
   std::wstring GetNamedString(std::wstring_view name, std::wstring_view fallback) const;
 
-  // Returns the text of the member, or nothing if it is absent or of another kind.
+  // Returns nothing if the member is absent or of another kind.
   std::optional<std::wstring> FindString(std::wstring_view name) const;
 
-  // Same as JsonValue::Text.
   std::wstring Stringify() const { return value.Text(); }
 
-  // Same as Stringify, but leaves out the members called `name` of the first member object called
-  // `object`. Returns the whole text if there are none.
+  // Same as Stringify, but omits the members called `name` of the first member called `object`, if
+  // that is an object.
   std::wstring StringifyWithout(std::wstring_view object, std::wstring_view name) const;
 
  private:
@@ -102,14 +96,12 @@ class JsonObject {
   JsonValue value;
 };
 
-// A JSON array that is walked from the front. Copies share one immutable text.
+// A JSON array for iteration. Copies share one immutable text.
 class JsonArray {
  public:
-  // Throws Platform::WindowsRuntimeError with kInvalidJsonString if `text` is not valid JSON or is
-  // not an array. Each element may nest as deeply as a separate text.
+  // Throws like JsonObject::Parse. Each element may nest as deeply as a separate text.
   static JsonArray Parse(std::wstring_view text);
 
-  // Supports a range-for loop.
   class Iterator {
    public:
     JsonValue operator*() const;
@@ -123,7 +115,7 @@ class JsonArray {
     const void* node;
   };
 
-  // The iterators borrow the array.
+  // Iterators borrow the array.
   Iterator begin() const;
   Iterator end() const;
 
@@ -136,9 +128,8 @@ class JsonArray {
   JsonValue value;
 };
 
-// Returns `number` truncated toward zero. Returns 0xFFFFFFFF, which is not the code of any event,
-// action or catalog event, for numbers that do not fit (-1 and less, 2^32 and more) and for
-// not-a-number.
+// Truncates `number` toward zero. Returns 0xFFFFFFFF, which is not the code of any event, action or
+// catalog event, if that does not fit or `number` is not a number.
 std::uint32_t TruncateToUint32(double number);
 
 }  // namespace Vx::Json

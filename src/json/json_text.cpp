@@ -14,22 +14,22 @@ namespace {
 
 constexpr char kMisuse[] = "JSON value used as another type";
 
-// Checks for what rapidjson must not be given: unpaired surrogates, units beyond UTF-16 (where
-// wchar_t is wider), and numbers whose exponent is so long that rapidjson's arithmetic overflows
-// and with it an index into its tables.
+// Rejects what rapidjson must not be given: unpaired surrogates, units beyond UTF-16 (where wchar_t
+// is wider), and exponents so long that they overflow rapidjson's arithmetic and then an index into
+// its tables.
 class TextCheck {
  public:
   explicit TextCheck(std::wstring_view checked) : text(checked) {}
 
   bool Passes() { return !NeedsALook() || PassesALook(); }
 
-  // The offset of the fault in a text that does not pass.
+  // The offset of the fault if the text does not pass.
   std::size_t FaultAt() const { return std::min(at, text.size()); }
 
  private:
-  // Whether the text has anything that could be refused, which is rare. Treats strings and numbers
-  // alike and has no branches, so that the compiler vectorises the loop: that takes three quarters
-  // off the row "id 22, 20 KiB" of docs/performance.md.
+  // Returns whether the text contains anything that could be rejected, which is rare. Treats
+  // strings and numbers alike and does not branch, so that the compiler vectorises the loop. That
+  // cuts three quarters off the row "id 22, 20 KiB" of docs/performance.md.
   bool NeedsALook() const {
     if (text.empty()) return false;
     const std::size_t last = text.size() - 1;
@@ -82,9 +82,9 @@ class TextCheck {
 };
 
 // Returns the double nearest to a number that rapidjson read as `approximation`, or nothing if it
-// is too large. rapidjson's fast conversion is off by some units in the last place, so that a
-// number would drift with each reading and writing. Its exact one reads beyond its tables for
-// extreme exponents.
+// is too large. rapidjson's fast conversion is off by some units in the last place, so a number
+// would drift each time it is read and written. Its exact one reads beyond its tables for extreme
+// exponents.
 std::optional<double> NearestDouble(std::wstring_view spelling, double approximation) {
   std::string narrow(spelling.size(), '\0');
   std::transform(spelling.begin(), spelling.end(), narrow.begin(),
@@ -96,7 +96,7 @@ std::optional<double> NearestDouble(std::wstring_view spelling, double approxima
   return std::copysign(0.0, approximation);
 }
 
-// Passes a parser's events on to a document, limits the nesting, and makes doubles exact.
+// Forwards a parser's events to a document, limits the nesting, and makes doubles exact.
 class DocumentBuilder {
  public:
   using Size = rapidjson::SizeType;
@@ -114,7 +114,7 @@ class DocumentBuilder {
     const std::optional<double> exact = NearestDouble(NumberHere(), approximation);
     return exact && document.Double(*exact);
   }
-  bool RawNumber(const wchar_t*, Size, bool) { ThrowMisuse(); }  // needs a flag
+  bool RawNumber(const wchar_t*, Size, bool) { ThrowMisuse(); }  // only with a flag that is not set
   bool String(const wchar_t* text, Size length, bool copy) {
     return document.String(text, length, copy);
   }
@@ -135,8 +135,8 @@ class DocumentBuilder {
     return true;
   }
 
-  // The reader works on a copy of its stream and writes it back after the event. Until then the
-  // stream stands at the beginning of the number.
+  // The reader advances a copy of its stream and writes it back after the event. Until then the
+  // stream points to the beginning of the number.
   std::wstring_view NumberHere() const {
     const std::wstring_view characters = L"+-.0123456789Ee";
     const wchar_t* const begin = stream.Here();
@@ -206,7 +206,7 @@ bool ParseJson(WideDocument& document, std::wstring_view text, std::size_t nesti
   bool valid = false;
   auto generator = [&](WideDocument& target) {
     DocumentBuilder builder(target, stream, nestingLimit);
-    // The reader takes a NUL among the characters for the end.
+    // The reader stops at an embedded NUL.
     const rapidjson::ParseResult result = reader.template Parse<kParseFlags>(stream, builder);
     valid = !result.IsError() && stream.Tell() == text.size();
     if (result.IsError()) {
@@ -219,7 +219,7 @@ bool ParseJson(WideDocument& document, std::wstring_view text, std::size_t nesti
   try {
     document.Populate(generator);
   } catch (const Misuse&) {
-    // rapidjson's own check fails on an unpaired trail surrogate in an escape.
+    // rapidjson asserts on an unpaired trail surrogate in an escape.
     valid = false;
     tell(stream.Tell(), rapidjson::kParseErrorStringUnicodeSurrogateInvalid);
   }

@@ -9,8 +9,8 @@
 #include <string_view>
 #include <vector>
 
-// Configures rapidjson for the whole program: its inline functions must be the same in every file
-// that includes them. A failed check of its own throws, and does not end the process.
+// Configures rapidjson for the whole program, because its inline functions must be the same in
+// every file that includes them. A failed assertion throws instead of ending the process.
 #ifdef RAPIDJSON_RAPIDJSON_H_
 #error "include json/json_text.h instead of rapidjson's own headers"
 #endif
@@ -29,7 +29,7 @@ class Misuse : public std::logic_error {
 
 #define RAPIDJSON_ASSERT(x) \
   (static_cast<bool>(x) ? static_cast<void>(0) : ::Vx::Json::ThrowMisuse())
-// Some checks are in functions that would otherwise be noexcept.
+// Some assertions are in functions that would otherwise be noexcept.
 #define RAPIDJSON_HAS_CXX11_NOEXCEPT 0
 #define RAPIDJSON_HAS_STDSTRING 1
 
@@ -39,7 +39,7 @@ class Misuse : public std::logic_error {
 
 namespace Vx::Json {
 
-// Heap memory for rapidjson, which does not check for null. Throws std::bad_alloc.
+// Throws std::bad_alloc, because rapidjson does not check for null.
 class CheckedHeap {
  public:
   static const bool kNeedFree = true;
@@ -59,9 +59,9 @@ class CheckedHeap {
   }
 };
 
-// Memory for the short-lived stack of one parse or one write. The first block of moderate size lies
-// in the object itself, which takes a quarter off the row "id 22, request of 150 characters" of
-// docs/performance.md. Others come from the heap. Serves one stack on one thread.
+// Memory for the stack of one parse or one write, on one thread. The first block of moderate size
+// is in the object itself, which cuts a quarter off the row "id 22, request of 150 characters" of
+// docs/performance.md. Others come from the heap.
 class ScratchMemory {
  public:
   static const bool kNeedFree = true;
@@ -75,7 +75,7 @@ class ScratchMemory {
   static void Free(void* block);
 
  private:
-  // Precedes each block and records its origin for Free.
+  // Precedes each block and tells Free its origin.
   struct alignas(16) Header {
     bool onHeap;
   };
@@ -87,49 +87,47 @@ class ScratchMemory {
 using WideEncoding = rapidjson::UTF16<wchar_t>;
 using WidePool = rapidjson::MemoryPoolAllocator<CheckedHeap>;
 
-// Request and response documents: UTF-16, in pool chunks of 65,536 bytes. Objects keep their
-// members in order, including repeated keys. A lookup finds the first.
+// Request and response documents. Objects keep their members in order, including repeated keys. A
+// lookup finds the first.
 using WideDocument = rapidjson::GenericDocument<WideEncoding, WidePool, ScratchMemory>;
 using WideValue = WideDocument::ValueType;
 
 inline constexpr std::size_t kPoolChunk = 65536;
 
-// How deeply objects and arrays may nest. A text that nests deeper is not valid JSON. Real
-// documents use three or four levels. Values of this depth may be walked with recursion.
+// A text that nests deeper is invalid. Real documents use three or four levels. Recursion to this
+// depth is safe.
 inline constexpr std::size_t kMaxNesting = 128;
 
-// The same for a list whose elements are separate documents.
+// For a list whose elements are separate documents.
 inline constexpr std::size_t kMaxListNesting = kMaxNesting + 1;
 
-// In UTF-16 units. A longer text is not valid JSON, because rapidjson counts in 32 bits.
+// In UTF-16 units. A longer text is invalid, because rapidjson counts in 32 bits.
 inline constexpr std::size_t kMaxTextLength = std::size_t{64} * 1024 * 1024;
 
-// Where and why a text is not valid JSON.
+// Where and why a text is invalid.
 struct ParseFault {
   std::size_t offset = 0;  // UTF-16 units before the fault
-  // None: the text was refused before rapidjson parsed it, because it is too long, holds an
-  // unpaired surrogate, or has a number whose exponent is too long. Termination: the text nests too
-  // deeply, or a number is too large.
+  // None: rejected before parsing, because the text is too long, has an unpaired surrogate or has a
+  // number whose exponent is too long. Termination: nested too deeply, or a number is too large.
   rapidjson::ParseErrorCode code = rapidjson::kParseErrorNone;
 };
 
-// Parses one JSON text into `document`. Returns false and leaves a null document if the text is not
-// valid JSON. `fault`, if not null, receives the position and kind of the first error.
+// Parses one JSON text into `document`. If the text is invalid, returns false and leaves a null
+// document. `fault`, if not null, receives the position and kind of the first error.
 //
-// Beyond the grammar: unpaired surrogates, raw or escaped, are not valid. An escaped U+0000 is an
-// ordinary character. A number is not valid if it is too large for a double (also if only its
-// digits before the exponent are) or has an exponent of more than eight digits. A number that is
-// too small is zero. Whole numbers beyond 64 bits are doubles. If a key is repeated, the first one
-// counts. A text that nests deeper than `nestingLimit` or is longer than kMaxTextLength is not
-// valid.
+// Beyond the grammar: Unpaired surrogates, raw or escaped, are invalid. An escaped U+0000 is an
+// ordinary character. A number is invalid if it is too large for a double, even if only its digits
+// before the exponent are, or if its exponent has more than eight digits. A number that is too
+// small is zero. Whole numbers beyond 64 bits are doubles. If a key is repeated, the first one
+// counts. A text that nests deeper than `nestingLimit` or is longer than kMaxTextLength is invalid.
 //
-// Uses a stack in memory, so nesting costs no machine stack. Throws std::bad_alloc.
+// Nesting costs heap, not machine stack. Throws std::bad_alloc.
 bool ParseJson(WideDocument& document, std::wstring_view text,
                std::size_t nestingLimit = kMaxNesting, ParseFault* fault = nullptr);
 
-// A document with its first `PoolBytes` of pool memory inside, so that a small one on the stack
-// costs no allocation: that takes a sixth off the row "id 22, request of 150 characters" of
-// docs/performance.md. The pool continues on the heap.
+// A document that contains its first `PoolBytes` of pool memory, so that a small one costs no
+// allocation. That cuts a sixth off the row "id 22, request of 150 characters" of
+// docs/performance.md.
 template <std::size_t PoolBytes>
 class InlineDocument {
  public:
@@ -150,8 +148,8 @@ class InlineDocument {
   WideDocument document{&pool, kParseStack, &scratch};
 };
 
-// UTF-16 text under construction. A short one needs no heap, which takes a quarter off the row
-// "id 22, request of 150 characters" of docs/performance.md. An output stream for rapidjson.
+// UTF-16 text under construction, an output stream for rapidjson. A short one needs no heap, which
+// cuts a quarter off the row "id 22, request of 150 characters" of docs/performance.md.
 class TextBuffer {
  public:
   using Ch = wchar_t;
@@ -180,11 +178,11 @@ class TextBuffer {
   std::size_t capacity = kOwnUnits;
 };
 
-// Appends `value` to `out` as compact JSON. Returns false if a number in it is not finite. `out`
-// then ends early. Throws std::bad_alloc.
+// Appends `value` to `out` as compact JSON. Returns false, and ends `out` early, if it contains a
+// number that is not finite. Throws std::bad_alloc.
 bool WriteJson(const WideValue& value, TextBuffer& out);
 
-// Returns `value` as compact JSON, or an empty text if a number in it is not finite.
+// Returns `value` as compact JSON, or an empty text if it contains a number that is not finite.
 std::wstring JsonText(const WideValue& value);
 
 }  // namespace Vx::Json

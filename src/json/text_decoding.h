@@ -7,8 +7,8 @@
 
 namespace Vx::Json {
 
-// The text of a file whose byte-order mark says how it is encoded: UTF-8, or UTF-16 of either byte
-// order. Nothing without such a mark; half a unit at the end is dropped.
+// Decodes a file by its byte-order mark: UTF-8, or UTF-16 of either byte order. Returns nothing if
+// there is no such mark. Drops half a unit at the end.
 std::optional<std::wstring> DecodeText(std::span<const std::byte> content);
 
 }  // namespace Vx::Json

@@ -38,7 +38,7 @@ void AppendWide(std::wstring& out, std::uint32_t point) {
 }
 
 struct Sequence {
-  std::size_t length;  // zero: not a valid sequence
+  std::size_t length;  // zero if invalid
   std::uint32_t point;
 };
 
