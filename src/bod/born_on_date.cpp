@@ -28,7 +28,7 @@ bool HasDayOfFebruary(int year, int day) {
   return 1 <= day && day <= (leap ? 29 : 28);
 }
 
-// `digits` holds at most four decimal digits, so the number fits.
+// At most four digits, so the number fits.
 int NumberOf(std::string_view digits) {
   int number = 0;
   for (const char digit : digits) number = number * 10 + (digit - '0');
@@ -110,8 +110,8 @@ bool BornOnDate::is_valid_born_on_date(const std::string& s) noexcept {
 void WriteDigits(std::span<std::uint8_t> buffer, BODFormat format, const CalendarTime& day) {
   if (buffer.size() < DigitCount(format)) throw std::invalid_argument(kVectorTooSmall);
 
-  // The fields may be any 16-bit numbers. Their prints are cut to their columns.
-  // The service has always given firmware of six digits only the last digit of the year.
+  // The fields may be any 16-bit numbers, so the year and the whole are cut to their widths.
+  // Firmware of six digits has always received only the last digit of the year.
   const bool six = format == BODFormat::SixDigits;
   std::string date = Json::Decimal(six ? day.year % 10 : day.year, six ? 2 : 4);
   date.resize(six ? 2 : 4);

@@ -8,7 +8,7 @@
 
 #include "bod/calendar_time.h"
 
-// Windows' SYSTEMTIME. Only this name can be declared without its header.
+// The tag of Windows' SYSTEMTIME, which can be declared without its header.
 struct _SYSTEMTIME;  // NOLINT(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
 
 namespace Vx::Tessel::Server::Services::Orvane {
@@ -19,14 +19,14 @@ enum class BODFormat : std::uint8_t {
   EightDigits = 2,  // YYYYMMDD
 };
 
-// Returns the digits of a date in `format`: 6 for SixDigits, 8 otherwise.
+// Returns the number of digits of a date in `format`: 6 for SixDigits, 8 otherwise.
 std::size_t DigitCount(BODFormat format);
 
 // A born-on date as text, and its format. Holds any text, but only a valid one has a format.
 class BornOnDate {
  public:
-  // Returns whether a month of `year` has this day. The year is the number as written, below 100 if
-  // it has two digits.
+  // Returns whether a month of `year` has this day. `year` is as written: below 100 if it has two
+  // digits.
   using DayTest = bool (*)(int year, int day);
 
   // Each month's number and day test, ordered by month.
@@ -37,20 +37,19 @@ class BornOnDate {
 
   void set(std::string s);
 
-  // Returns the text as it was set, valid or not.
+  // Returns the text as set, valid or not.
   std::string get() const { return date; }
 
   BODFormat get_format() const { return format; }
 
-  // Returns the date with every other field zero, or all zero if it is not valid. A year of two
-  // digits is one of 2000 to 2099.
+  // Returns the date with all other fields zero, or all zeros if it is invalid. A two-digit year
+  // means 2000 to 2099.
   CalendarTime get_as_calendar_time() const;
 
-  // Returns the same as a SYSTEMTIME. Only in builds for Windows.
+  // Returns the same as a SYSTEMTIME. Windows builds only.
   _SYSTEMTIME get_as_system_time() const;
 
-  // Returns whether `s` is six or eight decimal digits that name a day. Four-digit years start at
-  // 1970.
+  // Returns whether `s` is a date of six or eight decimal digits. Four-digit years start at 1970.
   static bool is_valid_born_on_date(const std::string& s) noexcept;
 
  private:
@@ -60,13 +59,12 @@ class BornOnDate {
   BODFormat format = BODFormat::Invalid;
 };
 
-// Writes the digits of `day` in `format` to the front of `buffer`, without a terminator. Six digits
-// carry 0 and the last digit of the year. Throws std::invalid_argument when the buffer is too
-// small.
+// Writes the digits of `day` in `format` to the front of `buffer`, without a terminator. The year
+// of six digits is 0 and its last digit. Throws std::invalid_argument if the buffer is too small.
 void WriteDigits(std::span<std::uint8_t> buffer, BODFormat format, const CalendarTime& day);
 
-// Returns whether `date` can be written to firmware of `format`. It is a valid date of that length,
-// or as many zeros, which erase the date.
+// Returns whether `date` can be written to firmware of `format`: a valid date of that length, or as
+// many zeros, which erase the date.
 bool IsAssignable(const std::string& date, BODFormat format);
 
 // Returns the text at the front of a firmware block: up to the first zero byte, or all of it.

@@ -9,9 +9,9 @@
 namespace Vx::Tessel::Server::Services::Orvane {
 
 // Reads the born-on date that the firmware keeps, and writes it once in a machine's life. Each
-// operation that uses the firmware opens its own channel and throws std::system_error with the
-// HRESULT when a command fails or its output cannot be read whole. One thread at a time uses an
-// object. Blocks for as long as WMI takes.
+// operation that uses the firmware opens its own channel, blocks for as long as WMI takes, and
+// throws std::system_error with the HRESULT if a command fails or its output cannot be read whole.
+// Use from one thread at a time.
 class BornOnDateManager {
  public:
   BornOnDateManager() : BornOnDateManager(true) {}
@@ -22,13 +22,13 @@ class BornOnDateManager {
   // Returns the firmware's text, valid or not.
   BornOnDate get_born_on_date();
 
-  // Returns how many digits the firmware holds. Never Invalid.
+  // Returns how many digits the firmware stores. Never Invalid.
   BODFormat get_num_bod_digits();
 
   bool born_on_date_has_been_set();
 
-  // Returns the day on which Windows set-up ended, other fields zero. All zero if it is not
-  // recorded.
+  // Returns the day on which Windows set-up ended, with all other fields zero, or all zeros if it
+  // is not recorded.
   _SYSTEMTIME get_windows_bod();
 
   // Returns the day on which set-up ended or the time now (UTC), whichever is earlier.
@@ -36,11 +36,11 @@ class BornOnDateManager {
 
   static _SYSTEMTIME min_systemtime(_SYSTEMTIME a, _SYSTEMTIME b);
 
-  // Writes the digits to assign to the front of `buffer`. Throws std::invalid_argument when it is
-  // too small.
+  // Writes the date to assign to the front of `buffer`. Throws std::invalid_argument if that is too
+  // small.
   void determine_date_to_assign(std::vector<std::uint8_t>& buffer, BODFormat format);
 
-  // Writes `date`, or if it is empty the date of determine_bod_source, unless the firmware holds a
+  // Writes `date`, or that of determine_bod_source if it is empty, unless the firmware holds a
   // valid date. Throws std::invalid_argument for a date that the firmware cannot take.
   void conditionally_set(const std::string& date);
 

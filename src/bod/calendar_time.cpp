@@ -35,7 +35,7 @@ std::optional<std::uint64_t> FileTimeOf(const CalendarTime& time) {
 }
 
 CalendarTime CalendarTimeOf(std::uint64_t fileTime) {
-  // Divides first, because the whole number may not fit into a duration's signed one.
+  // Divides first, because the whole number may not fit a signed duration.
   const std::chrono::days wholeDays{static_cast<std::int64_t>(fileTime / kUnitsADay)};
   const FileTimeUnits rest{static_cast<std::int64_t>(fileTime % kUnitsADay)};
   const std::chrono::sys_days day = kFileTimeEpoch + wholeDays;

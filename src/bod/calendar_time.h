@@ -7,8 +7,8 @@
 
 namespace Vx::Tessel::Server::Services::Orvane {
 
-// A date and time of day, UTC. Has the fields of Windows' SYSTEMTIME in their order, so that
-// copying the 16 bytes converts one to the other.
+// A UTC date and time of day, laid out like Windows' SYSTEMTIME so that copying the 16 bytes
+// converts it.
 struct CalendarTime {
   std::uint16_t year = 0;
   std::uint16_t month = 0;  // 1 to 12
@@ -22,19 +22,19 @@ struct CalendarTime {
   friend bool operator==(const CalendarTime&, const CalendarTime&) = default;
 };
 
-// Returns the 100-nanosecond units since 1601-01-01. Ignores the day of the week. Empty when the
-// fields do not name a moment of this scale (years 1601 to 30827).
+// Returns 100-nanosecond units since 1601-01-01. Ignores the day of the week. Empty if the fields
+// are not a valid time in the years 1601 to 30827.
 std::optional<std::uint64_t> FileTimeOf(const CalendarTime& time);
 
 // Returns the moment `fileTime` units after 1601-01-01, truncated to milliseconds.
 CalendarTime CalendarTimeOf(std::uint64_t fileTime);
 
-// Returns the earlier of the two, `first` on a tie. If only one of them names a moment, returns
+// Returns the earlier of the two, `first` on a tie. If only one of them is a valid time, returns
 // that one.
 CalendarTime EarlierOf(const CalendarTime& first, const CalendarTime& second);
 
-// Returns the date at the front of the raw bytes of a SYSTEMTIME, other fields zero. All zero when
-// there are too few bytes. Ignores bytes that follow.
+// Returns the date at the front of a raw SYSTEMTIME, with all other fields zero, or all zeros if
+// there are too few bytes.
 CalendarTime DateOfTimeStamp(std::span<const std::byte> bytes);
 
 }  // namespace Vx::Tessel::Server::Services::Orvane

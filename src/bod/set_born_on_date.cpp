@@ -47,8 +47,8 @@ bool SetAndStore(const Logging::TraceLogger& logger) {
     logger.LogInfo(kTesselInstalled);
     return false;
   }
-  // Opens the store before it uses the firmware. On a machine without a store it would write a date
-  // that the other readers of the store never see.
+  // Opened before the firmware is used: without a store, the date would be written where no reader
+  // of the store sees it.
   Storage::CapDataStore store;
   logger.LogInfo(kInitialValue, manager.get_born_on_date().get().c_str());
   manager.conditionally_set("");
@@ -64,7 +64,7 @@ bool SetAndStore(const Logging::TraceLogger& logger) {
   return stored;
 }
 
-// Allocates nothing, because the exception may report that memory has run out.
+// Must not allocate, because memory may have run out.
 const char* TextOf(const std::exception& error) {
   const char* const text = error.what();
   return *text == '\0' ? kUnknownException : text;

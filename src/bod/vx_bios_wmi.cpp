@@ -33,14 +33,14 @@ constexpr char kCreateSafeArray[] = "CreateSafeArray";
 constexpr char kOutOfMemory[] = "VxBiosWmi - no memory for a text";
 
 constexpr wchar_t kNamespace[] = LR"(\\.\root\wmi)";
-// The firmware uses both spellings of its method class.
+// The firmware spells its method class both ways.
 constexpr wchar_t kMethodClass[] = L"zrkBIntM";
 constexpr wchar_t kMethodInstances[] = L"ZrkBIntM";
 constexpr wchar_t kInputBlockClass[] = L"zrkBDataIn";
 constexpr wchar_t kMethodName[] = L"zrkBIOSInt%ld";
 constexpr std::size_t kMethodNameChars = 60;
 
-// The result of a reply without exactly the bytes that were asked for.
+// The result if the reply does not have exactly the requested bytes.
 constexpr HRESULT kNotTheBlock = HRESULT_FROM_WIN32(ERROR_INVALID_DATA);
 
 constexpr std::uint8_t kSignature[] = {'S', 'E', 'C', 'U'};
@@ -62,7 +62,7 @@ UniqueBstr Text(const wchar_t* text) {
   return copy;
 }
 
-// Returns E_POINTER for a call that succeeded without an object.
+// Treats success without an object as E_POINTER.
 template <typename Interface>
 HRESULT WithObject(HRESULT result, const ComPtr<Interface>& object) {
   return SUCCEEDED(result) && !object ? E_POINTER : result;
@@ -101,12 +101,12 @@ std::int32_t VxBiosWmi::Check(const char* step, const wchar_t* function,
 
 bool VxBiosWmi::GetReady() {
   if (ready) return true;
-  // Allocated before COM is entered, because the allocation can throw.
+  // Allocated before entering COM, because the allocation can throw.
   const UniqueBstr name = Text(kNamespace);
   Platform::Com& com = Com();
 
-  // Neither failure ends the conversation. Another part of the process may have set up COM in its
-  // own way, and the calls often work then too.
+  // Neither failure is fatal, because another part of the process may have set up COM in its own
+  // way, and the calls often work then too.
   comEntered =
       SUCCEEDED(Check(kGetReady, L"CoInitializeEx()", com.InitializeMultithreaded())) || comEntered;
   const std::int32_t security = com.InitializeSecurity(Platform::Cloaking::None);
@@ -114,7 +114,7 @@ bool VxBiosWmi::GetReady() {
 
   ComPtr<IWbemLocator> locator;
   const HRESULT created = WithObject(com.CreateWbemLocator(locator.Receive()), locator);
-  // COM stays entered on this path, as callers have always found it.
+  // COM stays entered here, as callers have always found it.
   if (FAILED(Check(kGetReady, L"CoCreateInstance(IWbemLocator)", created))) return false;
 
   HRESULT connected = locator->ConnectServer(name.get(), nullptr, nullptr, nullptr, 0, nullptr,
@@ -134,7 +134,7 @@ bool VxBiosWmi::GetReady() {
 
 void VxBiosWmi::Disconnect() {
   services.Reset();
-  // If entering COM was refused, the thread is in another component's apartment.
+  // If entering COM was refused, the thread belongs to another component's apartment.
   if (comEntered) Com().Uninitialize();
   comEntered = false;
   ready = false;
@@ -152,8 +152,8 @@ std::int32_t VxBiosWmi::ExecuteCommand(int command, int commandType, std::uint32
   if (!ready && !GetReady()) return E_FAIL;
 
   wchar_t method[kMethodNameChars] = {};
-  // Any size fits. The formatting is the system's: this compiler's own would be linked into the
-  // module.
+  // Fits any size. Uses the system's formatting, because the compiler's own would be linked into
+  // the module.
   static_cast<void>(
       _snwprintf(method, std::size(method) - 1, kMethodName, static_cast<long>(outputSize)));
 
@@ -185,7 +185,7 @@ std::int32_t VxBiosWmi::ExecuteCommand(int command, int commandType, std::uint32
   if (FAILED(Check(kExecuteCommand, L"IWbemServices->ExecMethod(BIOS method)", result))) {
     return result;
   }
-  // The firmware has run the command by now, so an unreadable reply is not a failure of it.
+  // The firmware has already run the command, so an unreadable reply does not fail it.
   outputResult = GetOutputData(outParameters, outputSize, output, returnCode);
   return result;
 }
@@ -316,7 +316,7 @@ std::int32_t VxBiosWmi::GetOutputData(const ClassObject& outParameters, std::uin
   }
   if (outputSize == 0) return S_OK;
 
-  // The property's own array replaces this one. Allocating it checks that there is enough memory.
+  // The property's own array replaces this one, which only checks that there is enough memory.
   Variant bytes;
   Platform::UniqueSafeArray room(Com().MakeByteArray(outputSize));
   if (room == nullptr) {
@@ -331,7 +331,7 @@ std::int32_t VxBiosWmi::GetOutputData(const ClassObject& outParameters, std::uin
 std::int32_t VxBiosWmi::CopyOutputBytes(const Variant& data, std::uint32_t outputSize,
                                         std::uint8_t* output) const {
   SAFEARRAY* const array = Platform::BytesIn(*data);
-  // An element is copied to the position of its index, so an index below zero has no position.
+  // Elements are copied to the position of their index, so a negative index has no position.
   if (array == nullptr || Platform::BoundsOf(*array).lower < 0) {
     logger->LogWarning(kInvalidData, class_name, kGetOutputData);
     return kNotTheBlock;
@@ -348,7 +348,7 @@ std::int32_t VxBiosWmi::CopyOutputBytes(const Variant& data, std::uint32_t outpu
     if (FAILED(result)) return result;
   }
   if (bounds.lower == 0) return S_OK;
-  // No element has the index of the first places, so these bytes are unknown.
+  // No element fills the first positions, so their bytes are unknown.
   logger->LogWarning(kInvalidData, class_name, kGetOutputData);
   return kNotTheBlock;
 }

@@ -20,12 +20,12 @@ inline constexpr int kBiosWrite = 2;
 inline constexpr int kBiosFeatures = 13;
 inline constexpr int kWarranty = 16;
 
-// The firmware's command interface in WMI. One object is one short conversation, on one thread.
+// The firmware's command interface in WMI, for one short conversation on one thread.
 //
 // The first command connects and enters COM on the calling thread. The destructor leaves both.
-// Calls block for as long as WMI takes. Each failing step is logged as a warning and its HRESULT
-// returned. The only exception is std::system_error (E_OUTOFMEMORY), thrown when there is no memory
-// for the text of a call.
+// Calls block for as long as WMI takes. Each failing step is logged as a warning, and its HRESULT
+// is returned. Throws only std::system_error (E_OUTOFMEMORY), if out of memory for the text of a
+// call.
 class VxBiosWmi {
  public:
   VxBiosWmi();
@@ -33,17 +33,17 @@ class VxBiosWmi {
   VxBiosWmi& operator=(const VxBiosWmi&) = delete;
   ~VxBiosWmi();
 
-  // Runs a command. `input` may be null if `inputSize` is 0. `output` has room for `outputSize`
-  // bytes. The caller fills it with zeros. It keeps them if the firmware's reply cannot be read,
-  // which is not a failure of the command, see OutputResult(). `returnCode` receives the firmware's
-  // own code, uninterpreted, if there is one.
+  // Runs a command. `input` may be null if `inputSize` is 0. The caller zeroes the `outputSize`
+  // bytes of `output`. Bytes that cannot be read stay zero, which does not fail
+  // the command (see OutputResult). `returnCode` receives the firmware's own code, uninterpreted,
+  // if there is one.
   std::int32_t ExecuteCommand(int command, int commandType, std::uint32_t inputSize,
                               const std::uint8_t* input, std::uint32_t outputSize,
                               std::uint8_t* output, std::int32_t* returnCode);
 
-  // Returns S_OK if the last command's output was read whole, otherwise the HRESULT of the step
-  // that failed. That is the one of ERROR_INVALID_DATA if the reply has no bytes, or has bytes of
-  // another type, number or index, and E_FAIL if there was no reply.
+  // Returns S_OK if the last command's output was read whole, otherwise the HRESULT of the failed
+  // step: that of ERROR_INVALID_DATA if the reply has no bytes, or bytes of another type, number or
+  // index, and E_FAIL if there was no reply.
   std::int32_t OutputResult() const { return outputResult; }
 
   // Connects to the namespace once. Returns false if that failed.
