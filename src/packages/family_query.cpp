@@ -21,8 +21,7 @@ constexpr std::ptrdiff_t kFullNameSeparators = 4;
 
 std::wstring FirstPackageOf(const std::wstring& familyName) {
   const auto found = Platform::CurrentMachine().packages->FindByFamily(familyName);
-  // The query for the size fails with "too small" if there are packages and succeeds if there are
-  // none.
+  // The size query fails with "too small" if there are packages and succeeds if there are none.
   if (found.sizeError != kSuccess && found.sizeError != kInsufficientBuffer) {
     throw PackageError(kFindByFamily, found.sizeError);
   }

@@ -15,14 +15,14 @@ namespace Vx::Tessel::Server::Services::Orvane {
 
 namespace {
 
-// Registering a staged package takes seconds. The margin is for a machine that is busy at logon.
+// Takes seconds. The margin is for a machine that is busy at logon.
 constexpr std::chrono::minutes kRegistrationLimit{2};
 
 constexpr wchar_t LowerAscii(wchar_t unit) {
   return unit >= L'A' && unit <= L'Z' ? static_cast<wchar_t>(unit - L'A' + L'a') : unit;
 }
 
-// Windows ignores the case of package names, which consist of ASCII characters.
+// Package names are ASCII, and Windows ignores their case.
 bool SameName(std::wstring_view left, std::wstring_view right) {
   return std::equal(left.begin(), left.end(), right.begin(), right.end(),
                     [](wchar_t a, wchar_t b) { return LowerAscii(a) == LowerAscii(b); });
@@ -55,7 +55,7 @@ bool UwpPackage::ShouldForceRegistration(const std::wstring& user,
 
 void UwpPackage::Register(const std::wstring& fullName) const {
   try {
-    // Starts, awaits and reads the deployment as the user, because it applies to that user alone.
+    // Starts, awaits and reads the deployment as the user, because it applies only to that user.
     const auto registration = Platform::AsConsoleUser(&ReportRefusedStep, [&] {
       return Platform::CurrentMachine().packages->Register(fullName, kRegistrationLimit);
     });

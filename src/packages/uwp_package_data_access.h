@@ -6,13 +6,12 @@
 
 namespace Vx::Tessel::Server::Services::Orvane {
 
-// Reads facts about the package of a family that the user at the console has. Keeps nothing between
-// calls; any thread.
+// Reads facts about the console user's package of a family. Stateless; any thread.
 class UwpPackageDataAccess {
  public:
   // Returns Windows' staged-package origin code, and the version as four 16-bit parts, major
   // highest. Acts as the console user, which ends any impersonation that the caller began. Throws
-  // PackageError, with ERROR_NOT_FOUND when the user has no such package.
+  // PackageError, with ERROR_NOT_FOUND if the user has no such package.
   std::pair<std::int32_t, std::uint64_t> GetOriginAndVersion(const std::wstring& familyName) const;
 };
 

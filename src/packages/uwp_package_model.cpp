@@ -33,7 +33,7 @@ constexpr Hresult kOutOfMemory = static_cast<Hresult>(0x8007000E);
 constexpr Hresult kInvalidArgument = static_cast<Hresult>(0x80070057);
 constexpr Hresult kInsufficientBuffer = static_cast<Hresult>(0x8007007A);
 
-// Windows' own mapping. A negative code is an HRESULT already.
+// Windows' own mapping. A negative code is already an HRESULT.
 Hresult FromCode(std::uint32_t code) {
   constexpr std::uint32_t kWin32Facility = 0x80070000;
   if (static_cast<Hresult>(code) < 0) return static_cast<Hresult>(code);
@@ -102,8 +102,8 @@ class ExportedPackageModel final : public UwpPackageModel {
     return code;
   }
 
-  // The boundary of every operation. The caller was built by another compiler, so no exception may
-  // leave it.
+  // The boundary of every operation. Another compiler built the caller, so no exception may reach
+  // it.
   template <typename Operation>
   Hresult ResultFromException(const char* name, bool argumentsComplete,
                               Operation&& operation) noexcept {
@@ -124,7 +124,7 @@ class ExportedPackageModel final : public UwpPackageModel {
     }
   }
 
-  // The operations act as the console user and then as the process, whatever the caller acted as.
+  // Runs `operation` with the process's identity and then restores the caller's.
   template <typename Operation>
   static Hresult AsProcess(Operation&& operation) {
     Platform::OwnIdentity own;
