@@ -1,14 +1,12 @@
 #pragma once
 
-// The exported exemption classes have the layout of this module's compiler and its library.
+// The exported exemption classes have the layout of this compiler and its library.
 #ifdef _MSC_VER
 #error "Use the table of CreateClientExemption, host/client_exemption.h, with this compiler."
 #endif
 
 #include <cstdint>
 #include <string>
-
-// Records of client programs. All are copyable values.
 
 namespace Vx::Tessel::Server {
 
@@ -25,7 +23,6 @@ struct IClientInformation {
 
 namespace Uwp {
 
-// A packaged client.
 struct UwpInformation : IClientInformation {
   UwpInformation(std::wstring name, std::wstring familyName, std::uint16_t major,
                  std::uint16_t minor);
@@ -40,7 +37,6 @@ struct UwpInformation : IClientInformation {
 
 namespace Win32 {
 
-// A desktop client.
 struct Win32Information : IClientInformation {
   Win32Information(std::wstring name, std::uint16_t major, std::uint16_t minor);
   Win32Information(std::wstring name, std::wstring second, std::uint16_t major,

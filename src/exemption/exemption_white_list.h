@@ -15,7 +15,7 @@ class UwpWithNoVxManifestExemptionWhiteList {
   static std::shared_ptr<std::vector<UwpMatchingDescriptor>> GetExemption();
 };
 
-// The names are in lower case, because the checker compares them so.
+// Names are in lower case, because the checker lowercases the client's.
 class Win32WithNoVxManifestExemptionWhiteList {
  public:
   static std::shared_ptr<std::vector<Win32MatchingDescriptor>> GetExemption();

@@ -13,8 +13,8 @@ bool IsVersionCovered(const Information& caller, const Information& listed) {
          (caller.majorVersion == listed.majorVersion && caller.minorVersion <= listed.minorVersion);
 }
 
-// Converts only the letters A to Z. Other letters fold into these in some languages, and a name
-// made of such letters must not become a listed one.
+// Converts only A to Z. In some languages other letters fold into these, and a name with such
+// letters must not match a listed one.
 wchar_t ToLower(wchar_t c) {
   return c >= L'A' && c <= L'Z' ? static_cast<wchar_t>(c - L'A' + L'a') : c;
 }

@@ -21,7 +21,7 @@ class IClientWithNoVxManifestCheckCriteria {
 };
 
 // Exempts a packaged client whose family name is listed, in the same letter case, with at least the
-// client's version. Without a list or a record, or with an empty list, no client is exempt.
+// client's version. Exempts none if the list or the record is missing.
 class UwpWithNoVxManifestCheckBasedOnMajorAndMinorVersion final
     : public IClientWithNoVxManifestCheckCriteria {
  public:
@@ -36,8 +36,8 @@ class UwpWithNoVxManifestCheckBasedOnMajorAndMinorVersion final
   std::shared_ptr<Server::Uwp::UwpInformation> caller;
 };
 
-// The same for a desktop client by the name of its executable, in any letter case. The check turns
-// the name in the shared record to lower case permanently. One thread at a time per record.
+// Does the same for a desktop client by its executable's name, ignoring case. Lowercases the name
+// in the shared record. One thread at a time per record.
 class Win32WithNoVxManifestCheckBasedOnMajorAndMinorVersion final
     : public IClientWithNoVxManifestCheckCriteria {
  public:

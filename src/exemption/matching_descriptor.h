@@ -6,8 +6,7 @@
 
 namespace Vx::Tessel::Security {
 
-// How a row of a white list is compared. The version checkers ignore it. It is meant for other
-// checkers.
+// How a checker compares a row of a white list. The version checkers ignore it.
 struct MatchingDescriptor {
   enum class Operation {
     regex,

@@ -7,7 +7,7 @@
 
 namespace Vx::Tessel::Security {
 
-// Thrown when no checker is set. Copying it cannot fail, as its base promises.
+// Thrown if no checker is set. Copying it cannot fail, as its base promises.
 class tessel_access_exception : public std::runtime_error {
  public:
   explicit tessel_access_exception(const char* message);
@@ -20,7 +20,7 @@ class TesselAccessManager {
   void SetUwpChecker(std::shared_ptr<IClientWithNoVxManifestCheckCriteria> checker);
   void SetWin32Checker(std::shared_ptr<IClientWithNoVxManifestCheckCriteria> checker);
 
-  // Both throw tessel_access_exception if the checker of that kind is not set.
+  // Throw tessel_access_exception if the checker of that kind is not set.
   bool IsUwpExempt();
   bool IsWin32Exempt();
 
