@@ -33,8 +33,7 @@ constexpr wchar_t kLaunchThrewUnknown[] = L"Problem while launching Vx Aurelo.";
 constexpr char kLaunchedMark[] = "oobe_complete_aurelo_launched";
 constexpr std::chrono::hours kDelay{1};
 
-// Null, and logged, when the store cannot be opened. The caller handles what its mutex throws
-// later.
+// Returns null, and logs, if the store cannot be opened. Its mutex may still throw later.
 std::unique_ptr<Storage::CapDataStore> OpenStore(const Logging::TraceLogger& logger) {
   auto store = Storage::TryOpenStore();
   if (store == nullptr) logger.LogError(kNoStore);
@@ -48,9 +47,8 @@ void LaunchUnlessMarked(const Logging::TraceLogger& logger) {
     logger.LogInfo(kNotSending);
     return;
   }
-  // Marks the launch before making it, so that an app that cannot be started is not tried again.
-  // Without a mark each start of the service would launch the app once more. A store that could not
-  // be read may hold it, even if it can be written by now.
+  // Marked before it is made, or each start of the service would retry an app that cannot be
+  // started. A store that could not be read may hold the mark, even if it can be written by now.
   if (!Storage::MayReplace(store->State()) || !store->persist(kLaunchedMark, true)) {
     logger.LogWarning(kNotMarked);
     return;
@@ -61,7 +59,7 @@ void LaunchUnlessMarked(const Logging::TraceLogger& logger) {
 // The worker's only exception boundary.
 void LaunchLater(const Platform::SharedHandle& timer, const Logging::TraceLogger& logger) noexcept {
   try {
-    // Without a timer the wait returns at once, and the app is launched without a delay.
+    // If there is no timer, the wait returns at once and the app is launched without a delay.
     Platform::CurrentMachine().clock->Wait(timer.get(), std::nullopt);
     LaunchUnlessMarked(logger);
   } catch (const std::exception& error) {

@@ -9,7 +9,7 @@
 
 namespace Vx::Tessel::Server::Services::Orvane::Aurelo {
 
-// Starts the AI-experience app. There is no app to fall back on.
+// Starts the AI-experience app. It has no fallback.
 class AureloLaunchBehavior final : public Base::ApplicationLaunchBehavior {
  public:
   static const wchar_t* const package_family_name;
@@ -31,22 +31,22 @@ class AureloFacade {
   std::unique_ptr<Base::ApplicationLaunchBehavior> launchBehavior;
 };
 
-// The waitable timer of the launch that was scheduled last. Expired when that launch is over or
-// none was scheduled. The launch owns the timer, because it outlives the service object.
+// The waitable timer of the last scheduled launch. Expired if that launch is over or none was
+// scheduled. The launch owns the timer, because it outlives the service object.
 using LaunchTimer = std::weak_ptr<void>;
 
-// Schedules the one launch of the AI-experience app for an hour from now, unless the store says
+// Schedules the one launch of the AI-experience app for an hour from now, unless the store records
 // that it has been launched.
 //
-// Each call starts a detached worker with a timer of its own. The first worker whose hour ends
-// marks the store and launches the app, and later workers find the mark. An app whose launch cannot
-// be marked is not launched. Two workers whose hours end at the same moment may both launch it.
-// Stopping the service does not end a worker. If the timer cannot be set, the worker launches the
-// app at once.
+// Each call starts a detached worker with its own timer. The first worker whose hour ends marks the
+// store and launches the app, and later workers find the mark. If the launch cannot be marked, the
+// app is not launched. Two workers whose hours end at the same moment may both launch it. Stopping
+// the service does not end a worker. If the timer cannot be set, the worker launches the app at
+// once.
 //
 // `logger` lives as long as the process. `aureloLaunchTimer` is written before the worker starts.
-// The caller makes one call at a time. Throws std::system_error when no thread can be created, and
-// what the store throws when its mutex fails.
+// Make one call at a time. Throws std::system_error if no thread can be created, and whatever the
+// store throws if its mutex fails.
 void ScheduleLaunch(const Logging::TraceLogger& logger, LaunchTimer& aureloLaunchTimer);
 
 }  // namespace Vx::Tessel::Server::Services::Orvane::Aurelo

@@ -7,8 +7,8 @@
 #include "companion/registration.h"
 
 // The questions and actions of the launch decisions, each replaceable on its own. In every class
-// the virtual destructor comes first and the operations keep this order. One thread at a time uses
-// an object.
+// the virtual destructor comes first and the operations keep this order. Use an object from one
+// thread at a time.
 namespace Vx::Tessel::Server::Services::Orvane::Base {
 
 // Checks whether a piece of preloaded software is still installed.
@@ -20,7 +20,7 @@ class SoftwareCheckBehavior {
   virtual bool IsUwpInstalled() const = 0;
   virtual bool IsInstalled() const = 0;
 
-  // Returns whether the machine was delivered with the files that install it.
+  // Returns whether the machine shipped with the files that install it.
   virtual bool IsPreloaded() const = 0;
 };
 
@@ -35,13 +35,13 @@ class ModeCheckBehavior {
  public:
   virtual ~ModeCheckBehavior() = default;
 
-  // Returns whether Windows was in S mode at the first start and is not now.
+  // Returns whether Windows was in S mode at the first start and no longer is.
   virtual bool HasBeenInSMode() = 0;
 
   virtual bool IsInSMode() const = 0;
 };
 
-// Starts one app for the user at the console. Returns true when it was started.
+// Starts one app for the console user. Returns true if it was started.
 class ApplicationLaunchBehavior {
  public:
   virtual ~ApplicationLaunchBehavior() = default;
@@ -50,12 +50,12 @@ class ApplicationLaunchBehavior {
   virtual bool Run() const = 0;
 };
 
-// Reads and writes the mark that one reason for a launch has been used.
+// Reads and writes the mark that a reason for a launch has been used.
 class ApplicationLaunchCriteriaDataAccess {
  public:
   virtual ~ApplicationLaunchCriteriaDataAccess() = default;
 
-  // Returns true when the mark was stored.
+  // Returns true if the mark was stored.
   virtual bool SaveSkipState(bool skip) const = 0;
 
   virtual bool ShouldBeSkipped() const = 0;

@@ -51,8 +51,8 @@ bool QuboLaunchCriteriaDataAccess::SaveSkipState(bool skip) const {
   // The client names the key. An empty one names no criterion, and long ones would fill the store.
   if (key.empty() || Json::ToWide(key).size() > kLongestKey) return false;
   try {
-    // A document under a client's key is another writer's data, perhaps all of this service's own.
-    const auto store = Storage::TryOpenStore();  // logs why there is none
+    // A document under a client's key is another writer's data, or even this service's own.
+    const auto store = Storage::TryOpenStore();  // logs a failure
     return store != nullptr && store->persistUnlessDocument(key, skip);
   } catch (const std::exception& error) {
     Logging::LogManager::SetProvider(Logging::kComponentProvider)

@@ -31,8 +31,8 @@ class QuboUwpLaunchBehavior final : public Base::ApplicationLaunchBehavior {
   bool Run() const override;
 };
 
-// One mark in the shared store: a boolean at its top level. Does not throw: if the store cannot be
-// used, the mark reads as false and saving it fails.
+// One mark in the shared store, a boolean at its top level. Does not throw: if the store cannot be
+// used, the mark reads as false and is not saved.
 class QuboLaunchCriteriaDataAccess final : public Base::ApplicationLaunchCriteriaDataAccess {
  public:
   explicit QuboLaunchCriteriaDataAccess(std::string storeKey);
@@ -44,8 +44,8 @@ class QuboLaunchCriteriaDataAccess final : public Base::ApplicationLaunchCriteri
   std::string key;
 };
 
-// Reads origin and version of the predecessor app's package as the console user has it. Both are
-// zero when the user has none or Windows refuses a call.
+// Reads the origin and version of the console user's package of the predecessor app. Both are zero
+// if the user has none or Windows refuses a call.
 class QuboBuildInfoDataAccess final : public Base::UwpBuildInfoDataAccess {
  public:
   std::pair<std::int32_t, std::uint64_t> GetOriginAndVersion() const override;

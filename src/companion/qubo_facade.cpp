@@ -58,7 +58,7 @@ static_assert(std::wstring_view(kOobeCompleted).size() == 31);
 constexpr unsigned kStubMinor = 0;
 constexpr unsigned kNuboMinor = 1;
 
-// Logs `error`, also when there is no memory to convert its text.
+// Logs `error` even if there is no memory to convert its text.
 void LogRegistrationFailure(const Logging::TraceLogger& logger,
                             const std::exception& error) noexcept {
   try {
@@ -80,7 +80,7 @@ bool NotifyOfOobe(const Logging::TraceLogger& logger, const wchar_t* packageFami
   }
 }
 
-// Returns the full name of the app's package that the thread's user has. Empty when the user has
+// Returns the full name of the app's package for the thread's user, or an empty text if there is
 // none or the query fails.
 std::wstring FullNameOf(const CompanionApp& app) {
   try {

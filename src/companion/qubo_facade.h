@@ -17,11 +17,11 @@ struct QuboLaunchOverride {
   bool forceRun = false;  // launch at every resume, whatever the other rules say
 };
 
-// The companion app of the console user. Registers its package, notifies the app that set-up is
-// complete, starts it, and decides whether a resume has to start it.
+// Registers the console user's companion app, notifies it that set-up is complete, starts it, and
+// decides whether a resume has to start it.
 //
-// Constructed for one operation on one thread and then destroyed. The shared store is its only
-// memory. An operation that impersonates the user reverts before it returns. When Windows refuses a
+// Constructed, used for one operation and destroyed on one thread. Keeps state only in the shared
+// store. An operation that impersonates the user reverts before it returns. If Windows refuses a
 // call, the operation logs it and returns false. Blocks for as long as the deployment (two minutes
 // at most) or the app's own service takes.
 class QuboFacade {
@@ -52,10 +52,10 @@ class QuboFacade {
   // `name` receives the console user as "domain\user".
   bool GetCurrentUserName(std::wstring& name) const;
 
-  // `fullName` receives the companion package that the console user has, or else the predecessor's.
+  // `fullName` receives the console user's companion package, or else the predecessor's.
   bool GetPackageFullName(std::wstring& fullName) const;
 
-  // Registers the companion package for the console user if it is only staged. Returns true when it
+  // Registers the companion package for the console user if it is only staged. Returns true if it
   // is registered afterwards.
   bool RegisterApp() const;
   bool RegisterApp(const std::wstring& user, const std::wstring& fullName) const;
@@ -63,15 +63,15 @@ class QuboFacade {
   bool LaunchUwpForOobe() const;
   bool LaunchUwpWithParameter(const std::wstring& parameter) const;
 
-  // Registers the package, decides, and starts the app if the decision says so. The reason counts
-  // as used whether or not the app could be started.
+  // Registers the package, decides, and starts the app if so decided. The reason counts as used
+  // even if the app could not be started.
   QuboStartingPoint LaunchUwpWhenComingBackFromSleepIfNeeded();
 
-  // Does the same without registering the package. Does not read `criteria`.
+  // Does the same without registering the package. Ignores `criteria`.
   QuboStartingPoint LaunchUwpWhenComingBackFromSleepIfNeeded(
       const std::shared_ptr<Base::ApplicationLaunchCriteriaDataAccess>& criteria);
 
-  // Returns what a resume would do now, and why. Launches nothing and marks nothing.
+  // Returns what a resume would do now, and why. Changes nothing.
   ResumeDecision ExplainResume() const;
 
   // Notifies the app through its app service that set-up is complete.
@@ -79,12 +79,12 @@ class QuboFacade {
   bool CallAppServiceAfterOobe(const std::wstring& packageFamilyName,
                                const std::wstring& appServiceName) const;
 
-  // Marks one reason for an automatic launch as used. Accepts any key that is not empty.
+  // Marks one reason for an automatic launch as used. Accepts any key of 1 to 256 UTF-16 units.
   bool SkipAutoLaunchCriteria(const std::string& key) const;
   bool SkipAutoLaunchCriteria(
       const std::shared_ptr<Base::ApplicationLaunchCriteriaDataAccess>& criteria) const;
 
-  // Return whether the predecessor's package is a 1.0 placeholder, or a 1.1 build.
+  // Return whether the predecessor's package is a 1.0 placeholder or a 1.1 build.
   bool IsStubClient() const;
   bool IsNuboClient() const;
 
@@ -95,7 +95,7 @@ class QuboFacade {
   ResumeDecision GetStartingPointWhenComingBackFromSleepForWindowsS() const;
   void MarkAsUsed(QuboStartingPoint reason) const;
 
-  // Runs `action` as the console user and returns its result. Returns false if that is impossible.
+  // Runs `action` as the console user. Returns its result, or false if that is impossible.
   template <typename Action>
   bool AsConsoleUser(Action&& action) const;
 

@@ -37,7 +37,7 @@ constexpr wchar_t kTookTooLong[] =
 constexpr wchar_t kStuck[] = L"CopyRegistration - not begun, because an earlier copy hangs";
 
 constexpr std::chrono::seconds kLongestCopy{30};
-constexpr std::chrono::seconds kLongestEnd{1};  // of a copy that is cancelled
+constexpr std::chrono::seconds kLongestEnd{1};  // of a cancelled copy
 
 std::string StoredState() {
   try {
@@ -63,7 +63,7 @@ bool Expand(const wchar_t* path, std::wstring& expanded, Platform::OneLogon& use
   return McAfeeHelper().expand_path_impersonated_as_loggedin_user(path, expanded, &user);
 }
 
-// One copy, which owns all that its thread needs, because the thread may outlive its command.
+// One copy. It owns everything that its thread needs, because the thread may outlive its command.
 struct Copy {
   std::wstring source;
   std::wstring destination;
@@ -74,8 +74,7 @@ struct Copy {
   std::atomic<bool> ended = false;
 
   // The user controls the destination folder, where a link may wait, and the variables in both
-  // paths. So the copy reads and writes with no more rights than the user has, and never with
-  // another user's.
+  // paths. So the copy runs with this user's rights, never with more and never with another user's.
   void Run() noexcept {
     try {
       const auto report = ReportTo(*Logging::LogManager::SetProvider(Logging::kComponentProvider));
@@ -95,7 +94,7 @@ struct Copy {
 };
 using CopyPtr = std::shared_ptr<Copy>;
 
-// Empty, and logged, if the user at the console is not the one of `user` any more.
+// Returns null, and logs, if the console user is no longer that of `user`.
 CopyPtr PrepareCopy(std::wstring source, std::wstring destination, Platform::OneLogon& user,
                     const wchar_t* caller, const Logging::TraceLogger& logger) {
   const auto report = ReportTo(*Logging::LogManager::SetProvider(Logging::kComponentProvider));
@@ -108,10 +107,10 @@ CopyPtr PrepareCopy(std::wstring source, std::wstring destination, Platform::One
                           .logger = logger});
 }
 
-// Makes a copy on a thread of its own, because the user can hold up each access to a file of theirs
-// for as long as they like, with an opportunistic lock for instance. One that takes too long is
-// cancelled. Should its thread hang all the same, later copies fail until it ends: one user must
-// not fill the process with threads.
+// Copies on a separate thread, because the user can delay each access to their files indefinitely,
+// for instance with an opportunistic lock. A copy that takes too long is cancelled. If its thread
+// still hangs, later copies fail until it ends, so that one user cannot fill the process with
+// threads.
 bool AwaitCopy(const CopyPtr& copy) noexcept try {
   static std::mutex turn;
   static CopyPtr stuck;

@@ -9,8 +9,8 @@
 
 namespace Vx::Tessel::Server::Services::Orvane {
 
-// Reads whether the owner registered the product, which another service of the host writes to the
-// shared store. Keeps nothing between calls; any thread.
+// Reads the owner's registration state, which another service of the host writes to the shared
+// store. Stateless; any thread.
 class RegistrationHelper {
  public:
   enum class RegistrationState : std::int32_t {
@@ -23,24 +23,24 @@ class RegistrationHelper {
 
   RegistrationHelper();
 
-  // Returns Unknown also when the store cannot be read. Does not throw.
+  // Returns Unknown if the store cannot be read. Does not throw.
   RegistrationState GetRegistrationState() const;
 
-  // Returns the state that a stored text stands for. Case and blanks count.
+  // Returns the state for a stored text. Case and blanks matter.
   static RegistrationState MapValueToState(std::string_view value);
 
  private:
   const Logging::TraceLogger* logger;
 };
 
-// Expands paths as the user at the console. Any thread. Each call reverts before it returns.
+// Expands paths as the console user. Any thread. Each call reverts before it returns.
 class McAfeeHelper {
  public:
   McAfeeHelper();
 
   // `expanded` receives `path` with the console user's variables expanded, at most 520 characters
-  // with the terminator. Returns false, and logs, if no user is at the console, if that user is
-  // not the one of `same`, or if Windows refuses.
+  // with the terminator. Logs and returns false if there is no console user, if it is not the user
+  // of `same`, or if Windows refuses.
   bool expand_path_impersonated_as_loggedin_user(const std::wstring& path, std::wstring& expanded,
                                                  Platform::OneLogon* same = nullptr) const;
 
@@ -48,14 +48,13 @@ class McAfeeHelper {
   const Logging::TraceLogger* logger;
 };
 
-// Copies the machine's registration data to the folder where the console user's programs look for
-// it. Returns true when the copy was made. Copies nothing unless both paths could be expanded as
-// that user, and copies with that user's rights. Fails if another user comes to the console before
-// the last query, if the copy takes more than 30 s, and while an earlier one still hangs. `caller`
-// is the client of the log lines.
+// Copies the machine's registration data to where the console user's programs look for it. Expands
+// both paths and copies with that user's rights. Returns true if the copy was made. Fails if a path
+// cannot be expanded, if another user comes to the console before the last query, if the copy takes
+// more than 30 s, or while an earlier copy still hangs. `caller` is the client in the log lines.
 bool CopyRegistrationData(const wchar_t* caller, const Logging::TraceLogger& logger);
 
-// Begins the same copy after a resume and does not wait for it. Expands the user's path first, and
+// Starts the same copy after a resume and does not wait for it. Expands the user's path first, and
 // the machine's only if that succeeded.
 void RefreshRegistrationData(const Logging::TraceLogger& logger);
 

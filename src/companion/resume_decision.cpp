@@ -12,7 +12,7 @@ namespace {
 
 using State = RegistrationHelper::RegistrationState;
 
-// Asks the questions and keeps the results, so that an explanation shows what the decision used.
+// Keeps the answers, so that an explanation shows what the decision used.
 class Questioner {
  public:
   explicit Questioner(const ResumeSources& askedSources) : sources(askedSources) {}

@@ -22,7 +22,7 @@ enum class ResumeRule {
   Software,               // preloaded software is missing, and this reason is unused
   Registration,           // the owner skipped registration, and this reason is unused
   RegistrationUsed,       // the owner skipped registration, but this reason was used before
-  NotInSMode,             // the owner skipped registration on a machine that never was in S mode
+  NotInSMode,             // the owner skipped registration on a machine that was never in S mode
   RegistrationNotSkipped  // neither reason applies
 };
 
@@ -47,8 +47,7 @@ struct ResumeAnswer {
 struct ResumeDecision {
   QuboStartingPoint startingPoint = QuboStartingPoint::None;
   ResumeRule rule = ResumeRule::RegistrationNotSkipped;
-  std::vector<ResumeAnswer>
-      answers;  // in the order of asking; a question that was not asked is missing
+  std::vector<ResumeAnswer> answers;  // in the order asked
 };
 
 // The objects that answer the questions. Borrowed for one decision.
@@ -61,9 +60,9 @@ struct ResumeSources {
   const Base::ApplicationLaunchCriteriaDataAccess& registrationUsed;
 };
 
-// Decides whether a resume starts the companion app. Missing software outranks registration. Both
-// count only on a machine that is or was in S mode, and each counts until it is used. Asks only
-// what it needs, in a fixed order, and changes nothing.
+// Decides whether a resume starts the companion app. Missing software outranks registration. Each
+// counts until it is used, on a machine that is or was in S mode. Asks only what it needs, in a
+// fixed order, and changes nothing.
 ResumeDecision DecideResume(const ResumeSources& sources);
 
 // Returns the decision as text: one line per answer, then the rule and the starting point.

@@ -6,8 +6,8 @@
 
 namespace Vx::Tessel::Server::Services::Orvane::Qubo {
 
-// The support assistant. It is installed if a registry value or a package exists. Returns false
-// when Windows refuses a call.
+// The support assistant, installed if a registry value or a package exists. Returns false if
+// Windows refuses a call.
 class SentraSoftwareCheckBehavior final : public Base::SoftwareCheckBehavior {
  public:
   SentraSoftwareCheckBehavior();
@@ -24,7 +24,7 @@ class SentraSoftwareCheckBehavior final : public Base::SoftwareCheckBehavior {
   std::wstring preloadFolder;
 };
 
-// The virus scanner. It is installed if its folder exists. It has no package.
+// The virus scanner, installed if its folder exists. It has no package.
 class McAfeeSoftwareCheckBehavior final : public Base::SoftwareCheckBehavior {
  public:
   McAfeeSoftwareCheckBehavior();

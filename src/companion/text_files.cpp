@@ -29,7 +29,7 @@ bool IsReadOnly(const Platform::Files& files, const std::wstring& path) {
   return attributes && (*attributes & kReadOnly) != 0;
 }
 
-// Writes a second file and moves it over the first, so that a copy cut short leaves the old
+// Writes a second file and moves it over the first, so that an interrupted copy leaves the old
 // content.
 bool Replace(Platform::Files& files, const std::wstring& destination,
              std::span<const std::byte> content) {
@@ -41,7 +41,7 @@ bool Replace(Platform::Files& files, const std::wstring& destination,
   if (written && files.MoveOver(part, destination) == 0) return true;
   files.Remove(part);
   // A process that has the destination open can prevent its replacement and still share writing.
-  // Only a copy made in place can be cut short.
+  // Only this copy in place can leave half a file.
   return written && files.Overwrite(destination, content) == 0;
 }
 

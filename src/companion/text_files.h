@@ -11,14 +11,15 @@ namespace Vx::Tessel::Server::Services::Orvane {
 // The largest file that these functions read.
 inline constexpr std::size_t kMaxTextFile = std::size_t{16} * 1024 * 1024;  // bytes
 
-// Returns the text of a file as Json::DecodeText decodes it, or as UTF-8, and logged, if the file
-// has no mark. Nothing, and logged, if the file cannot be read, is too large or contains a null
-// character, at which Windows would cut the text. `caller` is the client of the log lines.
+// Decodes a text file as Json::DecodeText does, or as UTF-8, and logs that, if it has no mark.
+// Returns nothing, and logs, if the file cannot be read, is too large or contains a NUL, at which
+// Windows would cut the text. `caller` is the client in the log lines.
 std::optional<std::wstring> ReadTextFile(const std::wstring& path, const wchar_t* caller,
                                          const Logging::TraceLogger& logger);
 
-// Copies the bytes of one file over another. Returns true when all were written. Logs the file that
-// could not be read or written. A destination that cannot be written whole stays as it was.
+// Copies the bytes of one file over another. Returns true if all were written, otherwise logs the
+// file that failed. A failed copy leaves the destination as it was, unless another process
+// prevented its replacement.
 bool CopyFileContent(const std::wstring& source, const std::wstring& destination,
                      const wchar_t* caller, const Logging::TraceLogger& logger);
 

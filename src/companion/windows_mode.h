@@ -11,7 +11,7 @@ namespace Vx::Tessel::Server::Services::Orvane {
 // The lockdown mode that means S mode.
 inline constexpr std::int32_t kLockedMode = 2;
 
-// Returns the lockdown mode that Windows' policy library reports now, or 0 if that fails. Loads the
+// Returns the lockdown mode that Windows' policy library reports now, or 0 on failure. Loads the
 // library only if it is trusted, under a lock, and unloads it again. `callerName` is for the log.
 std::int32_t QueryLockoutMode(const wchar_t* callerName);
 
@@ -21,7 +21,7 @@ namespace Qubo {
 // reads from the service's document.
 class WindowsModeCheckBehavior final : public Base::ModeCheckBehavior {
  public:
-  // Logs a store that cannot be read. The first mode is unknown then.
+  // Logs a store that cannot be read. The first mode is then unknown.
   WindowsModeCheckBehavior();
 
   bool HasBeenInSMode() override;
