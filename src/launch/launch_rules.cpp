@@ -8,15 +8,15 @@ namespace {
 
 constexpr std::wstring_view kSystemMarker = L"\\system32\\";
 constexpr std::wstring_view kDefaultMarker = L"\\Default\\";
-// Two backslashes, as documented. So a profile folder of this name in the users folder passes.
+// Two backslashes, as documented, so a profile folder of this name in the users folder passes.
 constexpr std::wstring_view kSetUpMarker = L"\\\\defaultuser0";
 
 constexpr std::wstring_view kPackages = L"\\AppData\\Local\\Packages\\";
 
-// One row is one variable that has another value for a packaged app.
+// A variable that has another value for a packaged app.
 struct Redirection {
   std::wstring_view name;  // with the equals sign
-  std::wstring_view part;  // of the value, to be replaced
+  std::wstring_view part;  // the part of the value to replace
   std::wstring_view cache;
 };
 
@@ -68,7 +68,7 @@ std::optional<std::wstring> AppCommandLine(std::wstring_view executable,
 std::wstring SessionCommandLine(std::wstring_view executable, std::wstring_view arguments) {
   std::wstring line = Quoted(executable.substr(0, kMaxCommandLine));
   if (line.size() > kMaxCommandLine) line.resize(kMaxCommandLine);
-  // The sum is on the side of known lengths, so that a client's length cannot overflow it.
+  // Compared as a difference, so that a client's length cannot overflow a sum.
   if (!arguments.empty() && line.size() < kMaxCommandLine &&
       arguments.size() <= kMaxCommandLine - line.size() - 1) {
     line += L' ';

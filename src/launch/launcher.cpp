@@ -159,7 +159,7 @@ bool Launcher::Run(const std::wstring& alias, const std::wstring& packageFamilyN
 
   const std::wstring program = GetPathExpandedImpersonatedAsCurrentUser(
       GetAbsolutePathForUWPAlias(alias), actingToken.get());
-  // Asks both questions while impersonating once, so that both are about the same user.
+  // Queries both while impersonating once, so that both are about the same user.
   const auto installFolder = [&]() -> std::wstring {
     const std::wstring fullName = GetPackageFullNameByFamilyName(packageFamilyName);
     return fullName.empty() ? fullName : GetPackageInstalledPathByFullName(fullName);

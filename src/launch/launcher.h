@@ -13,29 +13,28 @@ namespace Vx::Tessel::Server::Services::Orvane {
 
 inline constexpr wchar_t kActingAsUser[] = L"Attempting to impersonate logged in user.";
 
-// Logs a step of acting as the console user that Windows refused: an error if the thread could not
-// revert, a warning otherwise. Callers log a missing session API set themselves.
+// Logs a refused step of acting as the console user: an error if the thread could not revert, a
+// warning otherwise. Callers log a missing session API set themselves.
 void LogRefusedStep(const Logging::TraceLogger& logger, Platform::ActingStep step);
 
 // Returns `path` with the variables of the user of `token` expanded, at most 520 characters with
-// the terminator. Empty, and logged, on failure.
+// the terminator. Returns nothing, and logs, on failure.
 std::optional<std::wstring> ExpandAsUser(Platform::RawHandle token, const std::wstring& path,
                                          const Logging::TraceLogger& logger);
 
-// Starts programs for the user at the console and queries packages and paths as that user.
-// Copyable; any thread. When Windows refuses a call, the operation logs it and returns an empty or
-// false result; it does not throw. Every impersonation ends before the operation returns.
+// Starts programs for the console user and queries packages and paths as that user. Copyable; any
+// thread. If Windows refuses a call, the operation logs it and returns an empty or false result. It
+// does not throw. Every impersonation ends before the operation returns.
 class Launcher {
  public:
   Launcher();
 
-  // Starts a packaged app through its execution alias as the console user. If `parameter` is not
-  // empty, the command line is the quoted path, a blank and the parameter. Returns true when the
-  // process was created.
+  // Starts a packaged app through its execution alias as the console user. A `parameter` follows
+  // the quoted path and a blank. Returns true if the process was created.
   bool Run(const std::wstring& alias, const std::wstring& packageFamilyName,
            const std::wstring& parameter = {}) const;
 
-  // Returns the console user's token, or null on failure or if that user is not that of `same`.
+  // Returns the console user's token, or null on failure or if the user is not that of `same`.
   Platform::SharedHandle GetUserTokenForCurrentUser(Platform::TokenType type,
                                                     Platform::OneLogon* same = nullptr) const;
 
