@@ -17,8 +17,8 @@ struct WaitResult {
   ErrorCode lastError = 0;
 };
 
-// Time, and every wait that has a length. Nothing else in the program sleeps, sets a timer or reads
-// a clock, so that a test can run hours in milliseconds on the real code. Any thread may call.
+// Time, and every wait with a length. Nothing else in the program sleeps, sets a timer or reads a
+// clock, so that a test runs hours in milliseconds on the real code. Any thread may call.
 class Clock {
  public:
   using Duration = std::chrono::milliseconds;
@@ -28,30 +28,31 @@ class Clock {
   // Milliseconds since Windows started, including time asleep.
   virtual std::uint64_t TickCount() const = 0;
 
-  // UTC now, in 100-nanosecond units since 1601-01-01 (the FILETIME scale).
+  // UTC in 100-nanosecond units since 1601-01-01 (the FILETIME scale).
   virtual std::uint64_t UtcFileTime() const = 0;
 
   virtual void Sleep(Duration length) = 0;
 
-  // Blocks until `handle` is signalled or `length` has passed. Without a length there is no limit.
-  // A null or closed handle fails at once.
+  // Blocks until `handle` is signalled or `length` has passed, if there is a length. A null or
+  // closed handle fails at once.
   virtual WaitResult Wait(RawHandle handle, std::optional<Duration> length) = 0;
 
-  // The same for two manual-reset events. `code` is 0 when the first is signalled, whether or not
-  // the second is too, and 1 when only the second is.
+  // Waits for either of two manual-reset events. `code` is 0 if the first is signalled, whether or
+  // not the second is too, and 1 if only the second is.
   virtual WaitResult WaitForEither(RawHandle first, RawHandle second, Duration length) = 0;
 
-  // An unnamed, auto-reset waitable timer, to be waited on with Wait.
+  // Returns an unnamed, auto-reset waitable timer for Wait.
   virtual Result<UniqueHandle> MakeTimer() = 0;
 
   // Sets `timer` to fire once, `due` from now, without waking the machine. Returns zero or the
   // error.
   virtual ErrorCode SetTimer(RawHandle timer, Duration due) = 0;
 
-  // Thread accounting, called only by Thread (thread.h). A virtual clock advances only while every
-  // worker is parked in one of the waits above. The starting thread calls WorkerStarting before the
-  // new thread exists. The new thread then calls WorkerStarted first and WorkerEnded last. If no
-  // thread can be created, the starting thread calls WorkerNotStarted instead.
+  // Thread accounting, called only by Thread (thread.h), because a virtual clock advances only
+  // while every worker is parked in one of the waits above. The starting thread calls
+  // WorkerStarting before the new thread exists. The new thread calls WorkerStarted first and
+  // WorkerEnded last. If no thread can be created, the starting thread calls WorkerNotStarted
+  // instead.
   virtual void WorkerStarting() = 0;
   virtual void WorkerStarted() {}
   virtual void WorkerNotStarted() { WorkerEnded(); }

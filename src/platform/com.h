@@ -9,13 +9,13 @@ struct tagSAFEARRAY;
 
 namespace Vx::Platform {
 
-// As whom a proxy calls another process by default: as this process, or as the user that the
-// calling thread acts as at each call, if it does.
+// The identity with which a proxy calls another process by default: this process's, or at each call
+// that of the user whom the calling thread impersonates.
 enum class Cloaking { None, Dynamic };
 
-// Entering COM, its steps that lead to the firmware's WMI namespace, and the values that are passed
-// to it. After these, code calls the interfaces themselves. Every function without another result
-// returns the HRESULT of its call. One thread at a time.
+// COM as far as the firmware's WMI namespace, and the values that are passed to it. From there,
+// code calls the interfaces directly. Functions that return an std::int32_t return their call's
+// HRESULT. One thread at a time.
 class Com {
  public:
   virtual ~Com() = default;
@@ -23,28 +23,27 @@ class Com {
   virtual std::int32_t InitializeMultithreaded() = 0;
   virtual void Uninitialize() = 0;
 
-  // Process-wide security with default authentication and impersonation level "impersonate". COM
-  // must be initialised on the thread. Only the first call of a process succeeds.
+  // Sets process-wide security: default authentication, impersonation level "impersonate". COM must
+  // be initialised on the thread. Only a process's first call succeeds.
   virtual std::int32_t InitializeSecurity(Cloaking cloaking) = 0;
 
   // `locator` receives a reference that the caller releases.
   virtual std::int32_t CreateWbemLocator(IWbemLocator** locator) = 0;
 
-  // Call-level authentication (WinNT, no authorisation, impersonate) on a proxy.
+  // Sets call-level authentication (WinNT, no authorisation, impersonate) on a proxy.
   virtual std::int32_t SetProxyBlanket(IUnknown* proxy) = 0;
 
-  // Returns a BSTR with a copy of `text`, owned by the caller (see com_owners.h), or null without
+  // Returns a BSTR copy of `text`, owned by the caller (see com_owners.h), or null if out of
   // memory.
   virtual wchar_t* MakeText(const wchar_t* text) = 0;
 
-  // Returns an array of `count` zero bytes from index 0, owned by the caller, or null without
-  // memory.
+  // Returns `count` zero bytes from index 0, owned by the caller, or null if out of memory.
   virtual tagSAFEARRAY* MakeByteArray(std::uint32_t count) = 0;
   virtual std::int32_t PutByte(tagSAFEARRAY* bytes, std::int32_t index, std::uint8_t value) = 0;
 };
 
-// Owns one reference to a COM object. A copy owns another. The interface may be incomplete where
-// the owner is only declared.
+// Owns one reference to a COM object. A copy owns another. Where it is only declared, the interface
+// may be incomplete.
 template <typename Interface>
 class ComPtr {
  public:
@@ -62,7 +61,7 @@ class ComPtr {
   }
   ~ComPtr() { Reset(); }
 
-  // Returns where a call may store a new reference, after releasing the current one.
+  // Returns where a call may store a new reference. Releases the current one.
   Interface** Receive() noexcept {
     Reset();
     return &object;

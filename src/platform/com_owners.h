@@ -14,17 +14,15 @@ struct BstrFreer {
   void operator()(wchar_t* text) const noexcept;  // SysFreeString
 };
 
-// Owns a BSTR.
 using UniqueBstr = std::unique_ptr<wchar_t, BstrFreer>;
 
 struct SafeArrayDestroyer {
   void operator()(SAFEARRAY* array) const noexcept;  // SafeArrayDestroy
 };
 
-// Owns a SAFEARRAY and its elements.
 using UniqueSafeArray = std::unique_ptr<SAFEARRAY, SafeArrayDestroyer>;
 
-// A VARIANT that clears itself together with its content. Starts empty.
+// A VARIANT that clears itself and its content. Starts empty.
 class Variant {
  public:
   Variant() noexcept = default;
@@ -37,14 +35,13 @@ class Variant {
   // Adds a reference.
   void SetObject(IUnknown* object) noexcept;
 
-  // A null array counts as one without elements.
+  // A null array counts as empty.
   void SetBytes(UniqueSafeArray array) noexcept;
 
-  // The content, for calls that read it.
   VARIANT* Get() noexcept { return &content; }
   const VARIANT& operator*() const noexcept { return content; }
 
-  // Returns where a call may store a new value, after clearing the current one.
+  // Returns where a call may store a new value. Clears the current one.
   VARIANT* Receive() noexcept;
 
  private:
@@ -52,20 +49,19 @@ class Variant {
 };
 
 // Accessors for a VARIANT that another program filled. Each returns an empty value (or null) unless
-// the content really is of that kind, whatever its type word claims.
+// the content really is of that kind, whatever its type claims.
 std::optional<std::int32_t> Int32In(const VARIANT& value) noexcept;
 IUnknown* ObjectIn(const VARIANT& value) noexcept;  // borrowed
 const wchar_t* TextIn(const VARIANT& value) noexcept;
 SAFEARRAY* BytesIn(const VARIANT& value) noexcept;  // one dimension of one-byte elements
 
-// Bounds of a byte array that BytesIn returned.
 struct ByteArrayBounds {
   std::int32_t lower = 0;
   std::uint32_t count = 0;
 };
 ByteArrayBounds BoundsOf(const SAFEARRAY& bytes) noexcept;
 
-// Reads the element with this index. Returns the HRESULT of SafeArrayGetElement.
+// Returns the HRESULT of SafeArrayGetElement.
 std::int32_t ReadByte(SAFEARRAY* bytes, std::int32_t index, std::uint8_t& element) noexcept;
 
 }  // namespace Vx::Platform

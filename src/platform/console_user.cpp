@@ -15,7 +15,7 @@ constexpr ErrorCode kCallNotImplemented = 120;  // ERROR_CALL_NOT_IMPLEMENTED
 constexpr ErrorCode kNoToken = 1008;            // ERROR_NO_TOKEN
 constexpr ErrorCode kLogonFailure = 1326;       // ERROR_LOGON_FAILURE
 
-// Returns zero, or why the user of `token` is not known to be that of `same`.
+// Returns zero, or why the user of `token` is not that of `same`.
 ErrorCode CheckLogon(RawHandle token, OneLogon& same) {
   const auto logon = CurrentMachine().sessions->LogonOf(token);
   if (!logon) return logon.Error();
@@ -82,7 +82,7 @@ ErrorCode OwnIdentity::End() {
   return token == nullptr ? 0 : CurrentMachine().sessions->Resume(token.get());
 }
 
-// Asks the real Windows: no test's machine may hide what a host did.
+// Asks the real Windows, because no test's machine may hide what a host did.
 void ExpectOwnIdentity() noexcept {
 #ifndef NDEBUG
   const auto token = WindowsMachine().sessions->ThreadToken();

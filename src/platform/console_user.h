@@ -9,22 +9,22 @@
 #include "platform/sessions.h"
 #include "platform/unique_handle.h"
 
-// Acting as the user at the console. Every operation that does so goes through here and hands in
-// how it reports a step that Windows refuses.
+// Acting as the console user. Every operation that does so goes through here and passes a function
+// that reports a step that Windows refuses.
 namespace Vx::Platform {
 
 // The steps in the order in which they are taken.
 enum class ActingStep { Session, SessionApi, Token, TokenCopy, Impersonation, Revert };
 
-// Receives the step that Windows refused and its error, on the thread that acts. May throw, except
-// for Revert, which a destructor reports.
+// Receives the refused step and its error, on the acting thread. May throw, except for Revert,
+// which a destructor reports.
 using ActingReport = std::function<void(ActingStep step, ErrorCode error)>;
 
-// The logon session that one operation acts for, set by its first query. Another user may be at
-// the console at the next one.
+// The logon session that one operation acts for, set by its first query. By the next query another
+// user may be at the console.
 using OneLogon = std::optional<std::uint64_t>;
 
-// Returns the primary token of the user at the console, or null after a refusal. Session fails with
+// Returns the primary token of the console user, or null after a refusal. Session fails with
 // ERROR_NO_TOKEN, SessionApi with ERROR_CALL_NOT_IMPLEMENTED, and Token with ERROR_LOGON_FAILURE if
 // the user is not that of `same`.
 UniqueHandle ConsoleUserToken(const ActingReport& report, OneLogon* same = nullptr);
@@ -34,9 +34,8 @@ UniqueHandle ConsoleUserToken(TokenType type, const ActingReport& report, OneLog
 
 // Runs the calling thread as another user for the life of this object.
 //
-// Belongs to one thread, which constructs, uses and destroys it. Waits while impersonating are
-// bounded. A revert that fails is always reported, because the thread goes on with the user's
-// rights. It is not tried again.
+// Constructed, used and destroyed on one thread. Waits while impersonating are bounded. A failed
+// revert is always reported, because the thread keeps the user's rights. It is not retried.
 class Impersonation {
  public:
   // Borrows `token` for this call only. After a refusal there is nothing to revert.
@@ -52,9 +51,8 @@ class Impersonation {
   bool active = false;
 };
 
-// Runs the calling thread as its process for the life of this object, and then as it ran before.
-// For operations whose caller may act as one of its clients. Belongs to one thread, like
-// Impersonation.
+// Runs the calling thread as its process for the life of this object, then as before. For
+// operations whose caller may be impersonating one of its clients. Belongs to one thread.
 class OwnIdentity {
  public:
   OwnIdentity();
@@ -62,24 +60,24 @@ class OwnIdentity {
   OwnIdentity& operator=(const OwnIdentity&) = delete;
   ~OwnIdentity() { End(); }
 
-  // Zero, or why the thread does not act as its process. It then still acts as before.
+  // Zero, or why the thread still runs as before.
   ErrorCode Error() const noexcept { return error; }
 
-  // Makes the thread act as before. Returns zero or the error with which the thread goes on as its
-  // process. Does nothing the second time.
+  // Restores the thread's identity. Returns zero, or the error with which the thread keeps running
+  // as its process. Does nothing the second time.
   ErrorCode End();
 
  private:
-  UniqueHandle before;  // null if the thread did not impersonate, or again after End
+  UniqueHandle before;  // null if the thread did not impersonate, and after End
   ErrorCode error = 0;
 };
 
-// In a debug build, ends the process if the calling thread impersonates. For entries that would
-// leave it with its process's identity.
+// In a debug build, ends the process if the calling thread impersonates. For entry points that
+// would revert it.
 void ExpectOwnIdentity() noexcept;
 
-// Returns what `action` returns when run as the user of `token`, or an empty value when `token` is
-// null or Windows refuses. The thread acts as the service again when this returns or throws.
+// Returns the result of `action`, run as the user of `token`, or an empty value if `token` is null
+// or Windows refuses. The thread acts as the service again when this returns or throws.
 template <typename Action>
 auto AsUser(RawHandle token, const ActingReport& report, Action&& action) -> decltype(action()) {
   if (token == nullptr) return {};
@@ -88,7 +86,7 @@ auto AsUser(RawHandle token, const ActingReport& report, Action&& action) -> dec
   return std::forward<Action>(action)();
 }
 
-// Does the same as the user at the console.
+// Does the same as the console user.
 template <typename Action>
 auto AsConsoleUser(const ActingReport& report, Action&& action) -> decltype(action()) {
   const UniqueHandle token = ConsoleUserToken(report);

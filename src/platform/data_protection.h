@@ -9,13 +9,13 @@
 
 namespace Vx::Platform {
 
-// Encryption for this machine: DPAPI with the local-machine flag, without entropy or prompts. Any
+// Encryption for this machine: DPAPI with the local-machine flag, no entropy and no prompts. Any
 // thread; does not wait.
 class DataProtection {
  public:
   virtual ~DataProtection() = default;
 
-  // Seals `plain` so that every process of this machine can open it, but no other machine can.
+  // Seals `plain` so that every process of this machine can open it, but no other machine.
   virtual Result<std::vector<std::byte>> Protect(std::span<const std::byte> plain,
                                                  const std::wstring& description) const = 0;
 

@@ -9,26 +9,24 @@
 
 namespace Vx::Platform {
 
-// The capacity for paths of this system itself, in characters including the terminator.
+// Path capacities in characters, including the terminator.
 inline constexpr std::size_t kShortPath = 260;
 inline constexpr std::size_t kLongestPath = 32767;
 
-// Environment variables of the process and of users.
 class Environment {
  public:
   virtual ~Environment() = default;
 
   // Returns `text` with the process's variables expanded. Fails if the result needs more than
-  // `maxChars` characters, including the terminator.
+  // `maxChars` characters with the terminator.
   virtual Result<std::wstring> Expand(const std::wstring& text, std::size_t maxChars) const = 0;
 
-  // The same with the variables of the user of `token`, or of the system for a null token.
+  // Does the same with the variables of the user of `token`, or of the system if it is null.
   virtual Result<std::wstring> ExpandForUser(RawHandle token, const std::wstring& text,
                                              std::size_t maxChars) const = 0;
 
-  // Returns the environment block of the user of `token`, or of the system for a null token,
-  // without the service's own variables. Each entry is "NAME=value\0", and a final "\0" ends the
-  // block.
+  // Returns the environment block of the user of `token`, or of the system if it is null, without
+  // the service's own variables. Each entry is "NAME=value\0", and a final "\0" ends the block.
   virtual Result<std::vector<wchar_t>> Block(RawHandle token) const = 0;
 };
 

@@ -14,7 +14,7 @@
 
 namespace Vx::Platform {
 
-// One entry of an access list, reduced to what the rules look at.
+// An entry of an access list, reduced to what the rules check.
 struct AccessEntry {
   bool allowed = false;  // an access-allowed entry
   std::uint32_t mask = 0;
@@ -40,61 +40,60 @@ class Files {
 
   virtual ~Files() = default;
 
-  // The FILE_ATTRIBUTE_ bits of `path` itself (a link is not followed).
+  // Returns the FILE_ATTRIBUTE_ bits of `path` itself. Does not follow a link.
   virtual Result<std::uint32_t> Attributes(const std::wstring& path) const = 0;
 
-  // Whether a directory search finds exactly this name. Wildcards do not match.
+  // Returns whether a directory search finds exactly this name. Wildcards do not match.
   virtual bool ExistsByExactName(const std::wstring& path) const = 0;
 
   // Creates the last level of `path` only. A private folder has its access list from the start.
   virtual ErrorCode MakeFolder(const std::wstring& path, NewFolder access) = 0;
 
-  // Creates an empty file if there is none, and leaves an existing file untouched.
+  // Creates an empty file if there is none.
   virtual ErrorCode Touch(const std::wstring& path) = 0;
 
-  // The whole file, if it is no larger than `maxBytes` (ERROR_FILE_TOO_LARGE otherwise).
-  // ERROR_BAD_FILE_TYPE for a pipe or a device, as from Overwrite.
+  // Returns the whole file. Fails with ERROR_FILE_TOO_LARGE above `maxBytes` and, like Overwrite,
+  // with ERROR_BAD_FILE_TYPE for a pipe or a device.
   virtual Result<std::vector<std::byte>> Read(const std::wstring& path,
                                               std::size_t maxBytes) const = 0;
 
   // Empties `path`, creating it if needed, and writes `content` in one write call.
   virtual ErrorCode Overwrite(const std::wstring& path, std::span<const std::byte> content) = 0;
 
-  // Renames `from` to `to` in one step, replacing a file that is there.
+  // Renames `from` to `to` in one step, replacing an existing file.
   virtual ErrorCode MoveOver(const std::wstring& from, const std::wstring& to) = 0;
 
   virtual ErrorCode Remove(const std::wstring& path) = 0;
 
-  // Opens `path` for reading with read sharing only. While the handle lives, the file cannot be
-  // written, renamed or deleted. ERROR_BAD_FILE_TYPE for a pipe or a device.
+  // Opens `path` with read sharing only, so that the file cannot be written, renamed or deleted
+  // while the handle lives. ERROR_BAD_FILE_TYPE for a pipe or a device.
   virtual Result<UniqueHandle> OpenReadLocked(const std::wstring& path) const = 0;
 
-  // The SHA-256 of the file's content, 32 bytes. Reads the file in pieces.
+  // Returns the 32 bytes of the content's SHA-256. Reads the file in pieces.
   virtual Result<std::vector<std::byte>> Sha256(const std::wstring& path) const = 0;
 
-  // Returns `path` as Windows interprets it before opening anything: slashes, "." and "..",
-  // trailing dots and blanks. Looks at the text only, so the file need not exist.
+  // Returns `path` as Windows normalises it before opening anything: slashes, "." and "..",
+  // trailing dots and blanks. The file need not exist.
   virtual Result<std::wstring> FullPath(const std::wstring& path) const = 0;
 
-  // Whether `path`, which begins with a drive, is on a drive of another machine or of none.
+  // Returns whether `path`, which begins with a drive, is on another machine's drive or on none.
   virtual bool IsElsewhere(const std::wstring& path) const = 0;
 
   // Returns where the existing file `path` really is, after links, mount points and short names,
-  // without the "\\?\" in front.
+  // without the leading "\\?\".
   virtual Result<std::wstring> FinalPath(const std::wstring& path) const = 0;
 
-  // The same for an open file.
   virtual Result<std::wstring> FinalPathOf(RawHandle file) const = 0;
 
-  // The owner and the discretionary access list of a folder. Fails if it cannot be read or if there
-  // is none.
+  // Returns the owner and the discretionary access list of a folder. Fails if they cannot be read
+  // or if there is no list.
   virtual Result<AccessList> FolderAccess(const std::wstring& folder) const = 0;
 
-  // Opens the existing file `path` itself: a link is not followed.
+  // Opens the existing file `path` itself. Does not follow a link.
   virtual Opened Open(const std::wstring& path, FileUse use) = 0;
 
   // Creates the file `path`, which must not exist, with the access list of the file `accessLike`,
-  // or without such a file with the one that its folder gives. Open as for FileUse::Replace.
+  // or its folder's if that file does not exist. Opened as for FileUse::Replace.
   virtual Opened Create(const std::wstring& path, const std::wstring& accessLike) = 0;
 
   // Returns the files whose paths consist of `path`, a dot and more, the last written first. Fails

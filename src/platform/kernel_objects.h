@@ -8,11 +8,10 @@
 
 namespace Vx::Platform {
 
-// Mutexes and events of the kernel. Bounded waits on events go through the clock.
+// Kernel mutexes and events. Bounded waits on events go through the clock.
 class KernelObjects {
  public:
-  // How a mutex was found.
-  enum class Locked { Free, Abandoned };  // its holder ended without unlocking it
+  enum class Locked { Free, Abandoned };  // Abandoned: its holder ended without unlocking it
 
   virtual ~KernelObjects() = default;
 
@@ -30,13 +29,13 @@ class KernelObjects {
   virtual ErrorCode Signal(RawHandle event) = 0;
 };
 
-// Decides whether to report that a name is taken. Any process of the machine can give an object of
-// another kind a name that this system uses, and every use of the name then fails until that object
-// is gone. A report per use would hide it. Any thread.
+// Decides whether to report that a name is taken. Any process can create an object of another kind
+// under a name that this system uses, and every use of the name then fails until that object is
+// gone. One report per use would flood the log. Any thread.
 class TakenName {
  public:
-  // Takes the result of MakeMutex or MakeManualEvent: its error, or zero after a success. Returns
-  // true if the name has been taken since the last success and that has not been reported yet.
+  // Takes the error of MakeMutex or MakeManualEvent, or zero after a success. Returns true if the
+  // name is taken and that has not been reported since the last success.
   bool IsNews(ErrorCode error) noexcept {
     constexpr ErrorCode kOtherKind = 6;  // ERROR_INVALID_HANDLE
     if (error == 0) reported = false;

@@ -24,8 +24,8 @@ class Threads;
 class TrustProvider;
 struct InstalledMachine;
 
-// Everything outside the program, one member per capability. The capabilities outlive the machine
-// that names them, and none is ever null.
+// Everything outside the program, one member per capability. None is ever null, and each outlives
+// the machine that names it.
 struct Machine {
   ApiSets* apiSets = nullptr;
   AppServices* appServices = nullptr;
@@ -46,11 +46,11 @@ struct Machine {
   TrustProvider* trustProvider = nullptr;
 };
 
-// The machine of the calling thread. For a worker that is the machine it was started under, for
-// other threads the one installed last, and the real one if none is installed. Cheap; never blocks.
+// The machine of the calling thread: for a worker, the one it was started under, and for other
+// threads the one installed last, or the real one. Cheap; never blocks.
 const Machine& CurrentMachine() noexcept;
 
-// The real Windows, regardless of what is installed.
+// The real Windows, whatever is installed.
 const Machine& WindowsMachine() noexcept;
 
 // Replaces the current machine for the life of this object. For tests and the simulator.
@@ -58,7 +58,7 @@ const Machine& WindowsMachine() noexcept;
 // The new machine is a copy of the current one with `change` applied, so that a test can replace
 // one capability and keep the others. Scopes nest. A scope that ends out of order, or while a
 // worker started under it still runs, ends the process with a message, because the worker might use
-// a capability that no longer exists.
+// a destroyed capability.
 class MachineScope {
  public:
   explicit MachineScope(const std::function<void(Machine&)>& change);

@@ -11,17 +11,17 @@
 
 namespace Vx::Platform {
 
-// An uninstall notification of a package catalog. Lives only while its handler runs.
+// An uninstall notification of a package catalog. Valid only while its handler runs.
 class PackageUninstall {
  public:
   virtual ~PackageUninstall() = default;
 
-  // Both throw WindowsRuntimeError when Windows fails.
+  // Both throw WindowsRuntimeError if Windows fails.
   virtual std::wstring FamilyName() const = 0;
   virtual bool IsComplete() const = 0;
 };
 
-// Watches the packages of one user. May be released on any thread.
+// Watches one user's packages. May be released on any thread.
 class PackageCatalog {
  public:
   using UninstallingHandler = std::function<void(const PackageUninstall&)>;
@@ -29,11 +29,11 @@ class PackageCatalog {
 
   virtual ~PackageCatalog() = default;
 
-  // Calls `handler` on threads of the system, several times per uninstall, until it is removed. The
+  // Calls `handler` on system threads, several times per uninstall, until it is removed. The
   // handler must not throw. Throws WindowsRuntimeError.
   virtual Token AddUninstalling(UninstallingHandler handler) = 0;
 
-  // No new notification starts after this call. One that has already started may still be running.
+  // Prevents new notifications. One that has already started may still be running.
   virtual void RemoveUninstalling(Token token) noexcept = 0;
 };
 
@@ -43,7 +43,7 @@ struct PackageRegistration {
 };
 
 // Packaged apps. The Win32 queries see the user that the calling thread acts as. The deployment
-// queries use Windows' package manager and throw WindowsRuntimeError when it fails.
+// queries use Windows' package manager and throw WindowsRuntimeError if it fails.
 class Packages {
  public:
   virtual ~Packages() = default;
@@ -51,7 +51,7 @@ class Packages {
   // Full names of the family's packages (head, direct, resource and bundle: filter 0xF0).
   struct FamilyQuery {
     std::uint32_t sizeError = 0;     // status of the call that returns the size
-    std::uint32_t bufferLength = 0;  // characters; 0 when there is none
+    std::uint32_t bufferLength = 0;  // characters; 0 if there are no packages
     std::uint32_t error = 0;         // status of the call that returns the names
     std::vector<std::wstring> fullNames;
   };
@@ -64,7 +64,7 @@ class Packages {
   };
   virtual PathQuery PathByFullName(const std::wstring& fullName) const = 0;
 
-  // The staged-package origin code of Windows.
+  // Windows' staged-package origin code.
   virtual Result<std::int32_t> StagedOrigin(const std::wstring& fullName) const = 0;
 
   // The version in a full name: four 16-bit parts, major in the highest.
@@ -73,17 +73,17 @@ class Packages {
   // Full names of the family's packages on the whole machine (needs administrator rights).
   virtual std::vector<std::wstring> FindForAllUsers(const std::wstring& familyName) const = 0;
 
-  // The SID, as text, of the account "domain\user". May block, because Windows may ask a domain
+  // Returns the SID, as text, of the account "domain\user". May block while Windows asks a domain
   // controller.
   virtual Result<std::wstring> AccountSid(const std::wstring& account) const = 0;
 
-  // Full names of the family's packages that the user with this SID has registered. An empty SID
-  // means the calling user.
+  // Full names of the family's packages registered for the user with this SID, or for the calling
+  // user if it is empty.
   virtual std::vector<std::wstring> FindForUser(const std::wstring& sid,
                                                 const std::wstring& familyName) const = 0;
 
   // Registers a staged package for the calling user. Blocks until the deployment ends or `limit`
-  // has passed. After the limit the result is HRESULT_FROM_WIN32(ERROR_TIMEOUT).
+  // has passed, which gives the result HRESULT_FROM_WIN32(ERROR_TIMEOUT).
   virtual PackageRegistration Register(const std::wstring& fullName,
                                        std::chrono::milliseconds limit) = 0;
 

@@ -14,19 +14,19 @@ struct RegistryValue {
   std::vector<std::byte> data;  // exactly as stored, without an added terminator
 };
 
-// Reads below HKEY_LOCAL_MACHINE (64-bit view, KEY_READ). Nothing is cached between calls.
+// Reads below HKEY_LOCAL_MACHINE (64-bit view, KEY_READ). Does not cache.
 class Registry {
  public:
   virtual ~Registry() = default;
 
-  // ERROR_FILE_NOT_FOUND when the key or the value is missing.
+  // ERROR_FILE_NOT_FOUND if the key or the value is missing.
   virtual Result<RegistryValue> Read(const std::wstring& key, const std::wstring& value) const = 0;
 
-  // Whether the value exists, whatever its type. Does not read its data.
+  // Returns whether the value exists, whatever its type. Does not read its data.
   virtual bool Exists(const std::wstring& key, const std::wstring& value) const = 0;
 };
 
-// The text of a REG_SZ value, up to the first NUL or the end of the stored data.
+// Returns the text of a REG_SZ value, up to the first NUL or the end of the stored data.
 std::wstring TextOf(const RegistryValue& value);
 
 }  // namespace Vx::Platform

@@ -10,7 +10,7 @@ namespace Vx::Platform {
 // success.
 using ErrorCode = std::uint32_t;
 
-// A value, or the error code that Windows returned instead of it.
+// A value, or the error code that Windows returned instead.
 template <typename T>
 class Result {
  public:

@@ -19,34 +19,32 @@ class Sessions {
  public:
   virtual ~Sessions() = default;
 
-  // The session at the console, or kNoSession while there is none.
+  // The console session, or kNoSession if there is none.
   virtual std::uint32_t ActiveConsoleSession() const = 0;
 
   // The primary token of the user signed in to `session`.
   virtual Result<UniqueHandle> QueryUserToken(std::uint32_t session) const = 0;
 
-  // A copy of `token` with maximum allowed access and impersonation level "impersonation".
+  // Copies `token` with maximum allowed access and impersonation level "impersonation".
   virtual Result<UniqueHandle> DuplicateUserToken(RawHandle token, TokenType type) const = 0;
 
-  // Identifies the logon session of `token`. Every token that QueryUserToken returns for one logon
-  // has the same value.
+  // Identifies the logon session of `token`. All tokens of one logon have the same value.
   virtual Result<std::uint64_t> LogonOf(RawHandle token) const = 0;
 
   // The SID, as text, of the user of `token`.
   virtual Result<std::wstring> SidOf(RawHandle token) const = 0;
 
-  // The name or the domain of the user of `session`.
   virtual Result<std::wstring> QueryText(std::uint32_t session, SessionText what) const = 0;
 
   // Makes the calling thread act as the user of `token`. Use Impersonation (console_user.h), which
-  // pairs this with Revert. Both return zero or the error.
+  // also reverts. Both return zero or the error.
   virtual ErrorCode Impersonate(RawHandle token) = 0;
   virtual ErrorCode Revert() = 0;
 
-  // The token that the calling thread impersonates with, or null while it acts as its process.
+  // Returns the token that the calling thread impersonates with, or null if it does not.
   virtual Result<UniqueHandle> ThreadToken() const = 0;
 
-  // Makes the calling thread impersonate with such a token again, at the token's own level. Returns
+  // Makes the calling thread impersonate with such a token again, at the token's level. Returns
   // zero or the error.
   virtual ErrorCode Resume(RawHandle threadToken) = 0;
 

@@ -8,16 +8,15 @@
 
 namespace Vx::Platform {
 
-// Which API sets this edition of Windows has.
 class ApiSets {
  public:
   virtual ~ApiSets() = default;
 
-  // `name` has no ".dll". Also returns true where the system has no such query.
+  // `name` has no ".dll". Also returns true if the system lacks this query.
   virtual bool IsPresent(const std::wstring& name) const = 0;
 };
 
-// The session part of Windows; absent on editions without interactive users.
+// Windows' session API set; absent on editions without interactive users.
 inline constexpr wchar_t kSessionApiSet[] = L"ext-ms-win-session-wtsapi32-l1-1-0";
 
 // First-run set-up of Windows.
@@ -27,7 +26,7 @@ class Oobe {
 
   struct State {
     bool known = false;     // the query succeeded
-    bool complete = false;  // as reported; false while not known
+    bool complete = false;  // as reported; false if not known
   };
   virtual State Query() const = 0;
 };
@@ -38,17 +37,17 @@ class SystemTriggers {
   virtual ~SystemTriggers() = default;
 
   // Raises the trigger with this id (GUID text as the subscriber registered it) and returns the
-  // system's status. 0 means raised, 0xC0000002 that this Windows has no custom triggers.
+  // system's status: 0 means raised, 0xC0000002 that this Windows has no custom triggers.
   virtual std::uint32_t Raise(const std::wstring& triggerId) = 0;
 };
 
-// The lockdown policy library. It is loaded from a full path and unloaded with this object.
+// The lockdown policy library, loaded from a full path and unloaded with this object.
 class LockdownLibrary {
  public:
   virtual ~LockdownLibrary() = default;
 
-  // Reads the lockdown mode and returns an HRESULT, which is negative if the entry point is
-  // missing. `mode` keeps its value if the library does not write it.
+  // Reads the lockdown mode and returns an HRESULT, negative if the entry point is missing. Leaves
+  // `mode` alone if the library does not write it.
   virtual std::int32_t QueryMode(std::int32_t& mode) const = 0;
 };
 
@@ -59,8 +58,7 @@ class LockdownLibraries {
   virtual Result<std::unique_ptr<LockdownLibrary>> Load(const std::wstring& fullPath) = 0;
 };
 
-// Returns a new UUID as 36 lower-case characters with hyphens. It is unique on this machine, so a
-// test has nothing to replace.
+// Returns a new UUID as 36 lower-case characters with hyphens, unique on this machine.
 Result<std::wstring> NewUuid();
 
 }  // namespace Vx::Platform

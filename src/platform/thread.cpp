@@ -23,8 +23,7 @@ void CountIn(InstalledMachine& installed) {
   installed.machine.clock->WorkerStarting();
 }
 
-// Notifies the clock first, because the scope that owns it may end as soon as the worker is no
-// longer counted.
+// Notifies the clock first, because its scope may end once the worker is no longer counted.
 void CountOut(InstalledMachine& installed) noexcept {
   installed.machine.clock->WorkerEnded();
   installed.workers.fetch_sub(1);
@@ -43,7 +42,7 @@ UniqueHandle StartWorker(std::function<void()> body) {
       AdoptMachine(installed);
       installed.machine.clock->WorkerStarted();
       body();
-      body = nullptr;  // frees what it owns while the worker still counts
+      body = nullptr;  // destroyed while the worker still counts
       CountOut(installed);
     });
     if (started) return *std::move(started);
@@ -77,7 +76,7 @@ void Thread::Detach() {
 
 void Thread::Join() {
   if (!Joinable()) throw std::system_error(EINVAL, std::generic_category(), kNotJoinable);
-  // Waits through the clock so that it counts a worker that joins another one as parked.
+  // Waits through the clock, which then counts a worker that joins another as parked.
   CurrentMachine().clock->Wait(handle.get(), std::nullopt);
   handle.reset();
 }

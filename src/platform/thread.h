@@ -7,19 +7,17 @@
 
 namespace Vx::Platform {
 
-// A thread that runs under the machine (see machine.h) of the code that started it. The clock of
-// that machine counts it from the constructor on. The thread keeps this module loaded until it has
-// ended.
+// A thread that runs under the machine (see machine.h) of its starter. That machine's clock counts
+// it from the constructor on. The thread keeps this module loaded until it ends.
 //
-// Like std::thread, but over _beginthreadex, because a detached std::thread of this runtime can
-// lose its callable. A Thread that is still joinable when it is destroyed or replaced ends the
-// process.
+// Uses _beginthreadex, because a detached std::thread of this runtime can lose its callable. Like
+// std::thread, a Thread that is destroyed or replaced while joinable ends the process.
 class Thread {
  public:
   Thread() = default;
 
-  // Starts `body`, which must not throw, because each worker has its own boundary. Throws
-  // std::system_error (resource_unavailable_try_again) when no thread can be created.
+  // Starts `body`, which must not throw. Throws std::system_error (resource_unavailable_try_again)
+  // if no thread can be created.
   explicit Thread(std::function<void()> body);
 
   Thread(Thread&& other) noexcept = default;
@@ -28,18 +26,15 @@ class Thread {
 
   bool Joinable() const noexcept { return handle != nullptr; }
 
-  // Lets the thread run on its own. Throws std::system_error (invalid_argument) if it is not
-  // joinable.
+  // Throws std::system_error (invalid_argument) if the thread is not joinable, like Join.
   void Detach();
 
-  // Blocks until the thread has ended. Throws like Detach.
   void Join();
 
-  // The same for at most `length`. Returns whether the thread has ended; if not, it is still
-  // joinable.
+  // Joins within `length`. Returns whether the thread has ended. If not, it is still joinable.
   bool JoinFor(std::chrono::milliseconds length);
 
-  // Ends the call in which the thread waits for a file, if it does. The thread must be joinable.
+  // Cancels the call in which the thread waits for a file, if any. The thread must be joinable.
   void CancelIo() noexcept;
 
  private:

@@ -24,7 +24,7 @@ struct SignerNames {
 struct Signer {
   std::vector<std::byte> publicKey;  // DER of the key inside SubjectPublicKeyInfo
   std::wstring subject;              // the whole subject in the form of CertNameToStr
-  std::optional<SignerNames> names;  // empty when they could not be read
+  std::optional<SignerNames> names;  // empty if they could not be read
 };
 
 struct SignatureVerdict {
@@ -47,18 +47,18 @@ struct CatalogFailure {
   ErrorCode error = 0;
 };
 
-// Authenticode verification by Windows. Any thread; keeps no state between calls; closes what it
-// opens. The caller decides which results are good enough.
+// Authenticode verification by Windows. Any thread; keeps no state between calls. The caller
+// decides which results are good enough.
 class TrustProvider {
  public:
   virtual ~TrustProvider() = default;
 
-  // Verifies signature number `index` of the file itself, without prompts or revocation checks. To
-  // build the chain, Windows may fetch missing certificates and its list of trusted roots from the
-  // network, which takes as long as its own time limits allow. VerifyInCatalog does the same.
+  // Verifies the embedded signature at `index`, without prompts or revocation checks. Like
+  // VerifyInCatalog, it may fetch missing certificates and the list of trusted roots from the
+  // network to build the chain, within Windows' own time limits.
   virtual SignatureVerdict VerifyEmbedded(const std::wstring& path, std::uint32_t index) const = 0;
 
-  // Returns the catalog that holds the file's SHA-256. On failure, `failure` receives the step.
+  // Returns the catalog that holds the file's hash. On failure, `failure` receives the step.
   virtual std::optional<CatalogHit> FindCatalog(const std::wstring& path,
                                                 CatalogFailure& failure) const = 0;
 

@@ -12,24 +12,24 @@ struct HandleCloser {
   void operator()(RawHandle handle) const noexcept;  // CloseHandle
 };
 
-// Owns a kernel handle; null means none.
+// Owns a kernel handle. Null means none.
 using UniqueHandle = std::unique_ptr<void, HandleCloser>;
 
-// A handle with several owners. The last of them closes it.
+// A handle with several owners, closed by the last.
 using SharedHandle = std::shared_ptr<void>;
 
 // CreateFile fails with INVALID_HANDLE_VALUE where most calls fail with null. Converting it here
-// leaves the rest of the program a single empty value.
+// leaves one empty value for the rest of the program.
 UniqueHandle AdoptFile(RawHandle raw) noexcept;
 
-// Shares what `handle` owned. An empty handle stays empty.
+// An empty handle stays empty.
 SharedHandle Share(UniqueHandle handle);
 
 struct LocalMemoryFreer {
   void operator()(void* memory) const noexcept;  // LocalFree
 };
 
-// Owns a block that a Windows call made with LocalAlloc.
+// Owns memory that Windows allocated with LocalAlloc.
 template <typename T>
 using UniqueLocalMemory = std::unique_ptr<T, LocalMemoryFreer>;
 

@@ -6,8 +6,8 @@
 
 namespace Vx::Platform {
 
-// A Windows Runtime error: an HRESULT and a message. It does not derive from std::exception, so
-// that a boundary can distinguish the two in either order of its catches.
+// An HRESULT and a message. Not derived from std::exception, so that a boundary can catch the two
+// in either order.
 class WindowsRuntimeError {
  public:
   explicit WindowsRuntimeError(std::int32_t code) : errorCode(code) {}
@@ -16,7 +16,7 @@ class WindowsRuntimeError {
 
   std::int32_t code() const noexcept { return errorCode; }
 
-  // UTF-16, may be empty.
+  // UTF-16; may be empty.
   const std::wstring& message() const noexcept { return errorMessage; }
 
  private:

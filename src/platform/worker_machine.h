@@ -7,8 +7,8 @@
 
 namespace Vx::Platform {
 
-// A machine in use, and how many workers run under it. The machine of a MachineScope lives as long
-// as the scope, the real one as long as the module.
+// A machine in use and its number of workers. The machine of a MachineScope lives as long as the
+// scope, the real one as long as the module.
 struct InstalledMachine {
   Machine machine;
   InstalledMachine* previous = nullptr;  // becomes current when this machine's scope ends
@@ -17,10 +17,9 @@ struct InstalledMachine {
   std::atomic<std::uint32_t> workers{0};
 };
 
-// The source of CurrentMachine().
 InstalledMachine& CurrentInstalled() noexcept;
 
-// Gives the calling thread, a worker that is about to run its body, this machine.
+// Gives the calling worker, which is about to run its body, this machine.
 void AdoptMachine(InstalledMachine& installed) noexcept;
 
 }  // namespace Vx::Platform

@@ -21,8 +21,8 @@ namespace Vx::Platform {
 
 namespace {
 
-// The runtime keeps a record directly before the object that is thrown. GCC 12 needs 160 bytes for
-// it. The rest is for later compilers.
+// The runtime keeps a record directly before the thrown object. GCC 12 needs 160 bytes for it. The
+// rest is for later compilers.
 constexpr std::size_t kRecord = 256;
 constexpr std::size_t kSlot = kRecord + kLargestReservedException;
 constexpr std::size_t kAlignment = 16;
@@ -66,12 +66,12 @@ struct ThreadExceptions {
   unsigned int uncaught;
 };
 
-// The copy of this in a thread's own storage is used. Twice the size, because a copy may be aligned
-// less than its original. The linker sorts by name what it puts before the end, ".tls$ZZZ".
+// Only its copies in the threads' own storage are used. Twice the size, because a copy may be less
+// aligned than its original. The linker sorts sections by name, the last of which is ".tls$ZZZ".
 [[gnu::section(".tls$VX"), gnu::used]] std::byte original[2 * sizeof(ThreadExceptions)] = {};
 
-// The exceptions of the calling thread. This compiler does not use the storage that Windows gives
-// each thread before it runs anything, and each thread that was there before the module
+// Returns the calling thread's part of the storage that Windows allocates for every thread, even one
+// older than the module, but this compiler does not use
 // (https://learn.microsoft.com/cpp/parallel/thread-local-storage-tls).
 ThreadExceptions* OfThisThread() noexcept {
   constexpr unsigned long kStoragesOfThread = 0x58;  // ThreadLocalStoragePointer in the x64 TEB
@@ -104,7 +104,7 @@ void __cxa_free_exception(void* object) noexcept {
   Vx::Platform::Free(static_cast<std::byte*>(object) - Vx::Platform::kRecord);
 }
 
-// A record alone, which refers to another exception.
+// A record without an object, which refers to another exception.
 void* __cxa_allocate_dependent_exception() noexcept {
   void* block = Vx::Platform::Take(Vx::Platform::kRecord);
   std::memset(block, 0, Vx::Platform::kRecord);

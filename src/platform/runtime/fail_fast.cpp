@@ -7,10 +7,10 @@
 namespace Vx::Platform {
 
 void FailFast() noexcept {
-  // Bypasses every exception handler of the process and starts Windows Error Reporting directly
-  // (documented for RaiseFailFastException). A null record reports the caller's address.
+  // Bypasses all exception handlers and starts Windows Error Reporting directly, as documented for
+  // RaiseFailFastException. A null record reports the caller's address.
   RaiseFailFastException(nullptr, nullptr, FAIL_FAST_GENERATE_EXCEPTION_ADDRESS);
-  __builtin_trap();  // not reached; the compiler does not know that the call never returns
+  __builtin_trap();  // not reached, but the compiler does not know that the call never returns
 }
 
 void FailFastOnTerminate() noexcept {

@@ -3,12 +3,13 @@
 #include <windows.h>
 
 // The symbols that -fstack-protector calls. The toolchain's own library opens a cryptographic
-// provider in a constructor, so loading this module would load another one under the loader lock.
+// provider in a constructor, so loading this module would load another library under the loader
+// lock.
 // NOLINTBEGIN(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp): the compiler's names
 namespace {
 
-// Ends the process as the instruction is documented: no handler runs, and Windows Error Reporting
-// gets the code.
+// Ends the process with the documented fail-fast instruction: no handler runs, and Windows Error
+// Reporting gets the code.
 [[noreturn]] void FastFail(unsigned code) {
   asm volatile("int $0x29" : : "c"(code));
   __builtin_unreachable();
@@ -18,14 +19,14 @@ namespace {
 
 extern "C" {
 
-// Replaced by Seed before any function that is not a constructor runs.
+// Replaced by Seed before any function other than a constructor runs.
 std::uintptr_t __stack_chk_guard = 0x2B992DDFA200;
 
 [[noreturn]] void __stack_chk_fail() {
   FastFail(FAST_FAIL_STACK_COOKIE_CHECK_FAILURE);
 }
 
-// What the checked copies of _FORTIFY_SOURCE end in.
+// Called by the checked functions of _FORTIFY_SOURCE.
 [[noreturn]] void __chk_fail() {
   FastFail(FAST_FAIL_RANGE_CHECK_FAILURE);
 }
@@ -37,9 +38,9 @@ namespace {
 // A zero in the lowest byte stops an overflow that copies text.
 constexpr std::uintptr_t kTextStopper = ~std::uintptr_t{0xFF};
 
-// First of the constructors, from what Microsoft's compiler takes: time, process, thread, ticks and
-// the performance counter. Calls kernel32 alone, which is loaded already. Not protected itself,
-// because the guard changes while it runs.
+// Runs as the first constructor and uses the sources of Microsoft's compiler: time, process,
+// thread, ticks and the performance counter. Calls only kernel32, which is already loaded. Not
+// protected itself, because the guard changes while it runs.
 __attribute__((constructor(101), no_stack_protector)) void Seed() {
   FILETIME now;
   LARGE_INTEGER counter;

@@ -32,8 +32,8 @@ inline constexpr auto kClassText = ClassText<T>();
 
 }  // namespace Detail
 
-// "class " and the qualified name of T: the run-time type name at the beginning of log lines. The
-// text of typeid depends on the compiler. This one does not.
+// Returns "class " and the qualified name of T, which begin log lines. Unlike typeid's text, it
+// does not depend on the compiler.
 template <typename T>
 constexpr const char* TypeName() noexcept {
   return Detail::kClassText<T>.data();

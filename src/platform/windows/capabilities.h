@@ -6,7 +6,7 @@
 
 namespace Vx::Platform {
 
-// The real capabilities, one object each, constructed at the first call.
+// The real capabilities, each constructed at its first call.
 ApiSets& WindowsApiSets();
 AppServices& WindowsAppServices();
 Clock& WindowsClock();
@@ -27,7 +27,7 @@ TrustProvider& WindowsTrustProvider();
 
 class DeferredLibrary;
 
-// The trust provider over a library that stands for wintrust.dll and outlives it.
+// Makes the trust provider over `wintrust`, which stands for wintrust.dll and outlives it.
 std::unique_ptr<TrustProvider> MakeTrustProvider(DeferredLibrary& wintrust);
 
 }  // namespace Vx::Platform

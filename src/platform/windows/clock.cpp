@@ -11,7 +11,7 @@ namespace Vx::Platform {
 
 namespace {
 
-// The longest single wait, because INFINITE itself means "no limit".
+// The longest single wait. INFINITE itself means "no limit".
 constexpr std::int64_t kLongestWait = INFINITE - 1;
 constexpr std::int64_t kTicksPerMillisecond = 10'000;  // FILETIME units
 
@@ -61,7 +61,6 @@ class RealClock final : public Clock {
     return 0;
   }
 
-  // The real clock does not depend on its workers.
   void WorkerStarting() override {}
   void WorkerEnded() override {}
 

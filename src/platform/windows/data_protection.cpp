@@ -15,7 +15,7 @@ namespace {
 
 using Bytes = std::vector<std::byte>;
 
-// The call takes a pointer to non-const but only reads its input.
+// The call takes a non-const pointer but only reads.
 DATA_BLOB BlobOf(std::span<const std::byte> bytes) {
   auto* data = const_cast<std::byte*>(bytes.data());
   return {static_cast<DWORD>(bytes.size()), reinterpret_cast<BYTE*>(data)};

@@ -11,7 +11,7 @@ namespace Vx::Platform {
 
 HMODULE DeferredLibrary::Load() noexcept {
   if (const HMODULE known = loaded.load()) return known;
-  // A thread that acts as a user may also see the drives as that user has defined them.
+  // An impersonating thread may also see the drives as its user has defined them.
   Sessions& sessions = WindowsSessions();
   const Result<UniqueHandle> user = sessions.ThreadToken();
   ErrorCode error = user ? 0 : user.Error();
@@ -38,10 +38,10 @@ HMODULE DeferredLibrary::LoadAsProcess() noexcept {
   }
   path[folder] = L'\\';
   std::wcscpy(&path[folder + 1], fileName);
-  // The flag keeps the search for the library's own imports in the system directory.
+  // The flag also limits the search for the library's imports to the system directory.
   const HMODULE library = LoadLibraryExW(path.data(), nullptr, LOAD_LIBRARY_SEARCH_SYSTEM32);
   if (library == nullptr) return nullptr;
-  // Only one of two threads at once keeps its reference, so that the number does not grow.
+  // If two threads load at once, only one keeps its reference, so that the count does not grow.
   HMODULE none = nullptr;
   if (!loaded.compare_exchange_strong(none, library)) FreeLibrary(library);
   return library;

@@ -6,20 +6,17 @@
 
 namespace Vx::Platform {
 
-// A library of Windows that only a launch or the firmware needs. A host whose module never gets
-// there does not pay for it. Loads the library when its first function is asked for, from the
-// system directory by its full path, and keeps it for the life of the process: freeing it would
-// have to happen while this module is unloaded, under the loader's lock, where Windows forbids it.
-// Loads as the process, also in a thread that acts as a user.
-//
-// Not for DllMain and constructors, for the same reason. Any thread. Does not throw.
+// A Windows library that only a launch or the firmware needs, so that other hosts do not pay for
+// it. Loads it from the system directory at the first Find, as the process even if the thread
+// impersonates, and keeps it for the life of the process: Windows forbids freeing it under the
+// loader lock, while this module is unloaded. For the same reason not for DllMain or constructors.
+// Any thread. Does not throw.
 class DeferredLibrary {
  public:
-  // `name` has no folder and outlives this object.
   constexpr explicit DeferredLibrary(const wchar_t* name) noexcept : fileName(name) {}
 
-  // Returns the function `name`, or null, with the reason as the thread's last error, if the
-  // library does not load or lacks the function.
+  // Returns the function `name`, or null and sets the last error if the library does not load or
+  // lacks it.
   template <typename Function>
   Function* Find(const char* name) noexcept {
     return reinterpret_cast<Function*>(Address(name));

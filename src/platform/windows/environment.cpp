@@ -27,12 +27,11 @@ struct BlockDestroyer {
 
 using Text = Result<std::wstring>;
 
-// Longest text that a counted string of Windows holds, including the terminator. Wine expands the
-// beginning of a longer one and reports success.
+// The longest counted string of Windows, including the terminator. Wine expands the beginning of a
+// longer one and reports success.
 constexpr std::size_t kMaxText = 32767;
 
-// Returns the expansion in `buffer`, which has room for more than `maxChars` or for the longest
-// text.
+// `buffer` has room for more than `maxChars`, or for the longest text.
 Text TextIn(const std::vector<wchar_t>& buffer, std::size_t maxChars) {
   const auto end = std::find(buffer.begin(), buffer.end(), L'\0');
   const auto length = static_cast<std::size_t>(end - buffer.begin());
@@ -40,7 +39,7 @@ Text TextIn(const std::vector<wchar_t>& buffer, std::size_t maxChars) {
   return std::wstring(buffer.begin(), end);
 }
 
-// One element more than the caller allows. A text that fills it was too long.
+// One more than the caller allows: a text that fills it was too long.
 std::size_t Room(std::size_t maxChars) {
   return std::min<std::size_t>(maxChars, std::numeric_limits<DWORD>::max() - 1) + 1;
 }
@@ -49,7 +48,6 @@ DWORD Count(const std::vector<wchar_t>& buffer) {
   return static_cast<DWORD>(buffer.size());
 }
 
-// Fails with ERROR_INSUFFICIENT_BUFFER for an expansion that does not fit into `maxChars`.
 Text ExpandInto(const std::wstring& text, std::size_t maxChars) {
   std::vector<wchar_t> buffer(Room(maxChars));
   const DWORD needed = ExpandEnvironmentStringsW(text.c_str(), buffer.data(), Count(buffer));
@@ -70,8 +68,8 @@ class RealEnvironment final : public Environment {
   Text ExpandForUser(RawHandle token, const std::wstring& text,
                      std::size_t maxChars) const override {
     if (text.size() >= kMaxText) return Text::Failure(ERROR_FILENAME_EXCED_RANGE);
-    // Room for the longest text. Windows reports too small a buffer as a failure, but Wine reports
-    // success, and from one release to the next it leaves other parts of the text there.
+    // Room for the longest text, because Wine reports success for a buffer that is too small and
+    // leaves part of the text there.
     std::vector<wchar_t> buffer(kMaxText);
     auto* expand = userenv.Find<decltype(ExpandEnvironmentStringsForUserW)>(
         "ExpandEnvironmentStringsForUserW");
@@ -91,7 +89,7 @@ class RealEnvironment final : public Environment {
     const auto* first = static_cast<const wchar_t*>(raw);
     const wchar_t* end = first;
     while (*end != L'\0') end += std::wcslen(end) + 1;
-    // An empty block is two zeroes, because a filled one ends in two.
+    // An empty block also needs two terminators.
     std::vector<wchar_t> block(static_cast<std::size_t>(end - first) + (end == first ? 2 : 1));
     std::copy(first, end, block.begin());
     return block;

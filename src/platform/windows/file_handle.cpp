@@ -19,7 +19,7 @@ using Opened = Result<std::unique_ptr<FileHandle>>;
 
 constexpr DWORD kReadStep = 1U << 30;
 
-// The user of this process, as Windows gives it; empty if it cannot be asked.
+// Returns the user of this process, or nothing if Windows refuses.
 std::vector<std::byte> ProcessUser() {
   HANDLE raw = nullptr;
   if (OpenProcessToken(GetCurrentProcess(), TOKEN_QUERY, &raw) == 0) return {};
@@ -88,7 +88,7 @@ class RealFileHandle final : public FileHandle {
       if (ReadFile(file.get(), content.data() + filled, wanted, &got, &place) == 0) {
         if (GetLastError() != ERROR_HANDLE_EOF) return Bytes::Failure(GetLastError());
       }
-      if (got == 0) break;  // another process has cut the file meanwhile
+      if (got == 0) break;  // another process has truncated the file
       filled += got;
     }
     content.resize(filled);
@@ -114,7 +114,6 @@ class RealFileHandle final : public FileHandle {
 
   ErrorCode MoveOver(const std::wstring& path) override {
     const std::size_t nameBytes = path.size() * sizeof(wchar_t);
-    // The structure has room for the terminator.
     std::vector<std::byte> memory(sizeof(FILE_RENAME_INFO) + nameBytes);
     auto* const rename = new (memory.data()) FILE_RENAME_INFO{};
     rename->ReplaceIfExists = TRUE;
@@ -129,7 +128,7 @@ class RealFileHandle final : public FileHandle {
   }
 
  private:
-  // Where a read or a write begins, in a file that is opened for synchronous access.
+  // The position of a read or a write in a file opened for synchronous access.
   static OVERLAPPED At(std::size_t offset) {
     OVERLAPPED place{};
     place.Offset = static_cast<DWORD>(offset);

@@ -24,9 +24,9 @@ namespace {
 
 using Bytes = std::vector<std::byte>;
 
-// Wildcards of the system's directory search. The last three are their DOS forms.
+// Wildcards of the directory search. The last three are their DOS forms.
 constexpr wchar_t kWildcards[] = L"*?<>\"";
-// Turns path parsing off. Contains a question mark that is not a wildcard.
+// Turns path parsing off. Its question mark is not a wildcard.
 constexpr std::wstring_view kVerbatimPrefix = L"\\\\?\\";
 
 // Protected: nothing is inherited. S-1-3-4 is the owner.
@@ -54,14 +54,12 @@ bool HasWildcard(std::wstring_view path) {
   return path.find_first_of(kWildcards) != std::wstring_view::npos;
 }
 
-// The digest functions return a status of the kernel's kind. Only the lack of memory has a meaning
-// for a caller.
+// Converts an NTSTATUS of the digest functions. Callers distinguish only out of memory.
 ErrorCode Win32Error(NTSTATUS status) {
   constexpr auto kNoMemory = static_cast<NTSTATUS>(0xC0000017);
   return status == kNoMemory ? ERROR_NOT_ENOUGH_MEMORY : ERROR_GEN_FAILURE;
 }
 
-// Feeds the rest of `file` to `hash`. Returns zero or the error.
 ErrorCode HashContent(RawHandle file, BCRYPT_HASH_HANDLE hash) {
   std::vector<UCHAR> piece(kHashStep);
   for (;;) {
@@ -75,7 +73,7 @@ ErrorCode HashContent(RawHandle file, BCRYPT_HASH_HANDLE hash) {
   }
 }
 
-// Returns the SID as text, or an empty text for none.
+// Returns the SID as text, or an empty text for null.
 std::wstring SidText(PSID sid) {
   wchar_t* raw = nullptr;
   if (sid == nullptr || ConvertSidToStringSidW(sid, &raw) == FALSE) return {};
@@ -83,7 +81,7 @@ std::wstring SidText(PSID sid) {
   return text.get();
 }
 
-// `call(buffer, size)` returns the length without the terminator, the size that it needs, or zero.
+// `call(buffer, size)` returns the length without the terminator, the required size, or zero.
 template <typename Call>
 Result<std::wstring> SizedText(Call call) {
   std::wstring text(MAX_PATH, L'\0');
@@ -139,8 +137,7 @@ class RealFiles final : public Files {
   }
 
   Result<Bytes> Read(const std::wstring& path, std::size_t maxBytes) const override {
-    // Shares writing: the users of the file keep its writers apart, and a reader must not block
-    // them.
+    // Shares writing, because a reader must not block the file's writers, whom its users serialise.
     const UniqueHandle file = OpenDiskFile(path, GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE);
     if (file == nullptr) return Result<Bytes>::Failure(GetLastError());
     LARGE_INTEGER size;
@@ -157,7 +154,7 @@ class RealFiles final : public Files {
       if (ReadFile(file.get(), content.data() + filled, wanted, &got, nullptr) == 0) {
         return Result<Bytes>::Failure(GetLastError());
       }
-      if (got == 0) break;  // another process cut the file meanwhile
+      if (got == 0) break;  // another process truncated the file
       filled += got;
     }
     content.resize(filled);
@@ -248,7 +245,7 @@ class RealFiles final : public Files {
     PSID group = nullptr;
     PACL list = nullptr;
     PSECURITY_DESCRIPTOR raw = nullptr;
-    // By name, GetNamedSecurityInfo would lend this process's identity to what lies there.
+    // GetNamedSecurityInfo would lend this process's identity to whatever is at the path.
     const UniqueHandle opened =
         OpenDiskFile(folder, READ_CONTROL, kShareAll, FILE_FLAG_BACKUP_SEMANTICS);
     if (opened == nullptr) return Entries::Failure(GetLastError());
@@ -297,7 +294,7 @@ class RealFiles final : public Files {
     const std::wstring folder = path.substr(0, folderEnd);
     const std::wstring prefix = path.substr(folderEnd) + L".";
     do {
-      // The pattern also matches `path` itself, and short names.
+      // The pattern also matches `path` itself and short names.
       const std::wstring name = found.cFileName;
       if (!name.starts_with(prefix)) continue;
       const FILETIME& time = found.ftLastWriteTime;

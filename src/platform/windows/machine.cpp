@@ -15,22 +15,21 @@ namespace {
 constexpr char kOutOfOrder[] = "A MachineScope ended while another one was installed above it.\n";
 constexpr char kWorkersRun[] = "A MachineScope ended while a worker still ran under it.\n";
 
-// A worker can notify a test a few instructions before it stops being counted. A worker that still
-// runs after this time, in milliseconds, was forgotten by the owner of the scope.
+// In milliseconds. A worker can notify a test a few instructions before it stops being counted. One
+// that runs for longer was forgotten by the scope's owner.
 constexpr int kGrace = 2000;
 
-// The machine installed last. Null means the real one.
 std::atomic<InstalledMachine*> installedLast{nullptr};
 
-// The machine that each worker was started under. Uses TlsAlloc because the runtime emulates
-// thread_local with memory that it never frees, and pins the module.
+// The machine that each worker was started under. Uses TlsAlloc, because the runtime's emulated
+// thread_local never frees its memory and pins the module.
 class ThreadSlot {
  public:
   ThreadSlot() noexcept : index(TlsAlloc()) {}
   ThreadSlot(const ThreadSlot&) = delete;
   ThreadSlot& operator=(const ThreadSlot&) = delete;
-  // Runs when the module is unloaded or the process ends. The module cannot be unloaded while a
-  // worker runs, because each worker holds a reference to it.
+  // Runs when the module is unloaded or the process ends. By then no worker runs, because each
+  // holds a reference to the module.
   ~ThreadSlot() {
     const DWORD freed = index.exchange(TLS_OUT_OF_INDEXES);
     if (freed != TLS_OUT_OF_INDEXES) TlsFree(freed);

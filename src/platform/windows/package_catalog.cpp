@@ -19,9 +19,8 @@ namespace Vx::Platform {
 
 namespace {
 
-// Keeps the process's multithreaded apartment alive. The threads that use a catalog enter and leave
-// the apartment per operation. Without this object the apartment would end with the last of them
-// and destroy the catalog.
+// Keeps the process's multithreaded apartment alive. The catalog's threads enter and leave the
+// apartment per operation, so otherwise it would end with the last of them and destroy the catalog.
 class MultithreadedApartmentUsage {
  public:
   MultithreadedApartmentUsage() { Check(CoIncrementMTAUsage(&cookie), L"CoIncrementMTAUsage"); }
@@ -60,7 +59,7 @@ class Uninstall final : public PackageUninstall {
   Abi::IPackageUninstallingEventArgs& arguments;
 };
 
-// A handler. Shared with the delegate, which the system may hold after the removal: a running
+// A handler, shared with the delegate, which the system may hold after the removal: a running
 // notification still has its handler, and a later one finds it closed.
 struct Subscription {
   PackageCatalog::UninstallingHandler handler;
@@ -103,7 +102,7 @@ class WindowsPackageCatalog final : public PackageCatalog {
                        Abi::IPackageUninstallingEventArgs* arguments) noexcept -> HRESULT {
           return subscription->Notify(arguments);
         });
-    // Allocates the entry before the system knows the handler, so that nothing can fail afterwards.
+    // Allocates the entry before registering the handler, so that nothing can fail afterwards.
     SubscriptionMap entry;
     entry.emplace(0, std::move(subscription));
     Abi::EventToken token;
@@ -128,7 +127,7 @@ class WindowsPackageCatalog final : public PackageCatalog {
  private:
   using SubscriptionMap = std::map<Token, std::shared_ptr<Subscription>>;
 
-  // Closes first. If the system does not remove the handler, its calls do nothing.
+  // Closes first, so that a handler that the system does not remove does nothing.
   void Remove(Token token, Subscription& subscription) const noexcept {
     subscription.closed.store(true);
     const Abi::Apartment apartment;
@@ -141,7 +140,6 @@ class WindowsPackageCatalog final : public PackageCatalog {
   SubscriptionMap subscriptions;  // guarded by mutex
 };
 
-// Whether the thread's objects belong to that thread alone.
 bool InSingleThreadedApartment() {
   APTTYPE type{};
   APTTYPEQUALIFIER qualifier{};
@@ -149,7 +147,7 @@ bool InSingleThreadedApartment() {
   return type == APTTYPE_STA || type == APTTYPE_MAINSTA;
 }
 
-// Opens the catalog in the multithreaded apartment, on a thread that acts as the calling one.
+// Opens the catalog in the multithreaded apartment, on a thread with the caller's identity.
 std::shared_ptr<PackageCatalog> OpenOnAnotherThread() {
   const auto token = WindowsSessions().ThreadToken();
   if (!token) throw WindowsRuntimeError(HRESULT_FROM_WIN32(token.Error()), L"OpenThreadToken");
@@ -173,8 +171,8 @@ std::shared_ptr<PackageCatalog> OpenOnAnotherThread() {
 
 }  // namespace
 
-// The watchers and the system's notifications run in the multithreaded apartment. The documentation
-// of PackageCatalog does not promise that it may be used in another apartment than its own.
+// Watchers and notifications run in the multithreaded apartment. Its documentation does not promise
+// that a PackageCatalog can be used outside its own apartment.
 std::shared_ptr<PackageCatalog> OpenWindowsPackageCatalog() {
   if (InSingleThreadedApartment()) return OpenOnAnotherThread();
   return std::make_shared<WindowsPackageCatalog>();

@@ -6,9 +6,9 @@
 
 namespace Vx::Platform {
 
-// Opens the catalog of the user that the calling thread acts as, for use by threads of the
-// multithreaded apartment, whatever the apartment of the calling thread. Throws
-// WindowsRuntimeError, and std::system_error when it needs a thread and cannot start one.
+// Opens the catalog of the user that the calling thread acts as, for threads of the multithreaded
+// apartment, from any apartment. Throws WindowsRuntimeError, or std::system_error if it cannot
+// start a thread that it needs.
 std::shared_ptr<PackageCatalog> OpenWindowsPackageCatalog();
 
 }  // namespace Vx::Platform

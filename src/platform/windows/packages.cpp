@@ -28,8 +28,7 @@ constexpr std::uint32_t kFamilyFilter =
 
 constexpr std::uint32_t kInformationBasic = 0;
 
-// PACKAGE_ID has two 32-bit members before the version, which has major in the highest of its 64
-// bits.
+// In PACKAGE_ID two 32-bit members precede the 64-bit version, whose highest part is major.
 constexpr std::size_t kVersionOffset = 8;
 
 std::uint32_t Status(long code) {
@@ -64,8 +63,7 @@ std::vector<std::wstring> FullNamesOf(const Abi::ComPtr<Abi::IPackageIterable>& 
   return names;
 }
 
-// Reads the deployment's own report as far as possible, because a failed operation may not return
-// one.
+// Reads as much as possible of the deployment's report, which a failed operation may not return.
 void ReadReport(Abi::IDeploymentOperation& operation, PackageRegistration& registration) {
   Abi::ComPtr<Abi::IDeploymentResult> report;
   const HRESULT read = operation.GetResults(report.Receive());

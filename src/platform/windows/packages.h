@@ -7,8 +7,8 @@
 
 namespace Vx::Platform {
 
-// Application-model functions that are looked up at run time. A function that this Windows lacks is
-// null. The signatures are those of appmodel.h.
+// Application-model functions looked up at run time, with the signatures of appmodel.h. Null if
+// this Windows lacks one.
 struct AppModelFunctions {
   using FindByFamily = long __stdcall(const wchar_t* family, std::uint32_t filters,
                                       std::uint32_t* count, wchar_t** fullNames,
@@ -26,13 +26,13 @@ struct AppModelFunctions {
   IdFromFullName* packageIdFromFullName = nullptr;
 };
 
-// Returns the functions of this Windows. Does not load anything.
+// Loads nothing.
 AppModelFunctions ResolveAppModel() noexcept;
 
-// Returns the packages of this Windows, with the queries over `functions`. A query whose function
-// is null fails with ERROR_PROC_NOT_FOUND. The operations of the package manager enter and leave
-// the apartment of their thread. Their errors have the name of the step as message, and the code
-// REGDB_E_CLASSNOTREG where this Windows has no package manager.
+// Returns the packages of this Windows, queried through `functions`. A query whose function is null
+// fails with ERROR_PROC_NOT_FOUND. Package manager operations enter and leave the apartment of
+// their thread. Their errors name the step, with REGDB_E_CLASSNOTREG if this Windows has no package
+// manager.
 std::unique_ptr<Packages> MakeWindowsPackages(const AppModelFunctions& functions);
 
 }  // namespace Vx::Platform

@@ -13,9 +13,9 @@ namespace Vx::Platform {
 
 namespace {
 
-// Far above the size of any value that is read here. A writer of the key could store more.
+// Far above any value read here. A writer of the key could store more.
 constexpr DWORD kLargestValue = 1U << 20;
-// A value can grow between the query of its size and the read.
+// A value can grow between the query for its size and the read.
 constexpr int kAttempts = 3;
 
 struct KeyCloser {

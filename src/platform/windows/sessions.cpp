@@ -20,12 +20,11 @@ struct SessionMemoryFreer {
 };
 using UniqueSessionText = std::unique_ptr<wchar_t, SessionMemoryFreer>;
 
-// Holds the answer of GetTokenInformation about the user of a token.
 struct TokenUserBuffer {
   alignas(TOKEN_USER) std::byte bytes[sizeof(TOKEN_USER) + SECURITY_MAX_SID_SIZE];
 };
 
-// Returns the SID of the user of `token`, which lives as long as `buffer`, or null.
+// Returns the SID of the user of `token`, in `buffer`, or null.
 PSID UserOf(HANDLE token, TokenUserBuffer& buffer) {
   DWORD size = 0;
   if (GetTokenInformation(token, TokenUser, buffer.bytes, sizeof buffer.bytes, &size) == FALSE) {

@@ -1,7 +1,7 @@
 #pragma once
 
 #include <windows.h>
-// The trust headers need the types of this one.
+// The trust headers need these types.
 #include <wincrypt.h>
 
 #include <mscat.h>
@@ -12,8 +12,8 @@
 
 namespace Vx::Platform {
 
-// The functions of wintrust.dll that judge a file. `acquireContext2` and `calcHash2` support
-// SHA-256 and are null where Windows lacks them. No import library of this toolchain has them.
+// wintrust.dll's functions for checking a file, absent from this toolchain's import libraries.
+// `acquireContext2` and `calcHash2` support SHA-256 and are null if Windows lacks them.
 struct SignatureFunctions {
   using AcquireContext2 = BOOL WINAPI(HCATADMIN*, const GUID*, PCWSTR, const CERT_STRONG_SIGN_PARA*,
                                       DWORD);
@@ -21,7 +21,7 @@ struct SignatureFunctions {
 
   explicit SignatureFunctions(DeferredLibrary& wintrust) noexcept;
 
-  // Whether all functions are there that every Windows has.
+  // Returns whether all functions that every Windows has were found.
   bool Complete() const noexcept;
 
   decltype(WinVerifyTrust)* verify;

@@ -11,8 +11,8 @@ namespace Vx::Platform {
 
 namespace {
 
-// WINTRUST_SIGNATURE_SETTINGS and the WINTRUST_DATA that points to it are newer than the headers of
-// this toolchain.
+// WINTRUST_SIGNATURE_SETTINGS, and the WINTRUST_DATA that points to it, are newer than this
+// toolchain's headers.
 struct SignatureSettings {
   DWORD size;
   DWORD index;
@@ -51,12 +51,12 @@ constexpr DWORD kEncoding = X509_ASN_ENCODING | PKCS_7_ASN_ENCODING;
 
 LONG VerifyTrust(const SignatureFunctions& functions, TrustData& data) {
   GUID action = WINTRUST_ACTION_GENERIC_VERIFY_V2;
-  // With this window, unlike a null one, no policy provider may prompt.
+  // With this window, unlike null, no policy provider may prompt.
   return functions.verify(static_cast<HWND>(INVALID_HANDLE_VALUE), &action, &data);
 }
 
-// One verification. The second call closes its state on every path. A failed verification has state
-// too.
+// One verification. The second call closes its state on every path, because even a failed
+// verification has state.
 class Verification {
  public:
   Verification(const SignatureFunctions& wintrust, DWORD unionChoice, const void* subject,
@@ -92,7 +92,7 @@ class Verification {
   LONG TrustResult() const { return result; }
   DWORD SecondaryCount() const { return settings.secondarySignatures; }
 
-  // The certificate of the signer, owned by this verification. Null if the state names none.
+  // Returns the signer's certificate, owned by this verification, or null if the state names none.
   const CERT_CONTEXT* SignerCertificate() const {
     if (data.stateData == nullptr) return nullptr;
     CRYPT_PROVIDER_DATA* provider = functions.providerOf(data.stateData);
@@ -110,8 +110,8 @@ class Verification {
   LONG result;
 };
 
-// Uses the length that Windows reports and not a terminator, so that a NUL inside a name does not
-// make it equal to a shorter one.
+// Uses the reported length, not a terminator, so that a NUL inside a name cannot make it equal to a
+// shorter one.
 std::wstring Attribute(const CERT_CONTEXT* certificate, DWORD flags, const char* attribute) {
   std::string type(attribute);
   const DWORD length =
@@ -133,7 +133,7 @@ std::wstring NameText(CERT_NAME_BLOB name) {
   return text;
 }
 
-// Whether the encoded name can be parsed at all. The calls that read one attribute return the same
+// Returns whether the encoded name can be parsed. The calls that read one attribute return the same
 // empty text for an absent and an unreadable one.
 bool IsReadable(const CERT_NAME_BLOB& name) {
   DWORD size = 0;

@@ -10,9 +10,8 @@
 namespace Vx::Platform {
 
 // Verifies the signature at `index` of a file and reads the signer. `functions` is complete.
-// `unionChoice` is the member of
-// WINTRUST_DATA's union that `subject` points to: a file or a member of a catalog. Does not prompt,
-// does not check revocation, and keeps no state. Blocks while it reads the file. Any thread.
+// `unionChoice` names the member of WINTRUST_DATA's union that `subject` points to: a file or a
+// catalog member. No prompts, no revocation checks. Blocks while it reads the file. Any thread.
 SignatureVerdict VerifySignature(const SignatureFunctions& functions, DWORD unionChoice,
                                  const void* subject, std::uint32_t index);
 

@@ -6,10 +6,8 @@
 
 namespace Vx::Platform {
 
-// Returns the function `name` of a library that every process has loaded: ntdll, kernel32 or
-// kernelbase. Returns null if this Windows lacks the
-// function. For functions that must not be imported statically, because the whole module does not
-// load if a static import is absent.
+// Returns a function of ntdll, kernel32 or kernelbase, which every process has loaded, or null if
+// this Windows lacks it. A missing static import would prevent the whole module from loading.
 template <typename Function>
 Function* SystemFunction(const wchar_t* loadedLibrary, const char* name) noexcept {
   const HMODULE library = GetModuleHandleW(loadedLibrary);
@@ -17,8 +15,8 @@ Function* SystemFunction(const wchar_t* loadedLibrary, const char* name) noexcep
   return reinterpret_cast<Function*>(reinterpret_cast<void*>(GetProcAddress(library, name)));
 }
 
-// Whether `path` is complete, so that neither a search nor the current folder decides what is
-// loaded or started.
+// Returns whether `path` is complete, so that neither a search nor the current folder decides what
+// is loaded or started.
 inline bool IsFullPath(std::wstring_view path) noexcept {
   const auto separates = [](wchar_t c) { return c == L'\\' || c == L'/'; };
   if (path.find(L'\0') != std::wstring_view::npos) return false;

@@ -47,7 +47,7 @@ class RealApiSets final : public ApiSets {
     text.Length = static_cast<USHORT>(copy.size() * sizeof(wchar_t));
     text.MaximumLength = static_cast<USHORT>(text.Length + sizeof(wchar_t));
     text.Buffer = copy.data();
-    // Both queries are documented to return a BOOL, but return a status. Neither writes its output
+    // Both queries are documented to return a BOOL but return a status. Neither writes its output
     // on failure.
     BOOLEAN present = FALSE;
     NTSTATUS status = 0;
@@ -109,8 +109,7 @@ class RealLockdownLibraries final : public LockdownLibraries {
   Result<std::unique_ptr<LockdownLibrary>> Load(const std::wstring& fullPath) override {
     using Loaded = Result<std::unique_ptr<LockdownLibrary>>;
     if (!IsFullPath(fullPath)) return Loaded::Failure(ERROR_BAD_PATHNAME);
-    // The flag applies to the dependencies of the library. Only the system folder is searched for
-    // them.
+    // The flag limits the search for the library's dependencies to the system folder.
     UniqueLibrary library(LoadLibraryExW(fullPath.c_str(), nullptr, LOAD_LIBRARY_SEARCH_SYSTEM32));
     if (library == nullptr) return Loaded::Failure(GetLastError());
     return std::unique_ptr<LockdownLibrary>(
@@ -143,7 +142,7 @@ LockdownLibraries& WindowsLockdownLibraries() {
 Result<std::wstring> NewUuid() {
   UUID uuid;
   const RPC_STATUS status = UuidCreate(&uuid);
-  // A "local only" UUID is unique on this machine, which is enough for its uses.
+  // A "local only" UUID is unique on this machine, which suffices.
   if (status != RPC_S_OK && status != RPC_S_UUID_LOCAL_ONLY) {
     return Result<std::wstring>::Failure(static_cast<ErrorCode>(status));
   }

@@ -16,7 +16,7 @@ namespace Vx::Platform {
 namespace {
 
 // The state that a new thread takes over: its work, and a reference that keeps this module loaded
-// until the last instruction of the thread, which is in the system.
+// until the thread ends, inside Windows.
 struct Starter {
   std::function<void()> body;
   HMODULE module = nullptr;
@@ -26,8 +26,8 @@ unsigned __stdcall Run(void* argument) {
   auto* starter = static_cast<Starter*>(argument);
   HMODULE module = starter->module;
   starter->body();
-  // The callable may own handles and documents. They are freed here because the module is still
-  // loaded and the call below runs no destructor of this frame.
+  // Frees what the callable owns while the module is still loaded. The next call runs no
+  // destructors.
   delete starter;
   FreeLibraryAndExitThread(module, 0);
 }
@@ -41,7 +41,6 @@ class RealThreads final : public Threads {
                            reinterpret_cast<const wchar_t*>(&Run), &starter->module) == 0) {
       return Result<UniqueHandle>::Failure(EAGAIN);
     }
-    // The runtime returns the handle as a number.
     const std::uintptr_t raw = _beginthreadex(nullptr, kWorkerStack, &Run, starter.get(),
                                               STACK_SIZE_PARAM_IS_A_RESERVATION, nullptr);
     if (raw == 0) {
@@ -49,12 +48,12 @@ class RealThreads final : public Threads {
       FreeLibrary(starter->module);
       return Result<UniqueHandle>::Failure(static_cast<ErrorCode>(error));
     }
-    static_cast<void>(starter.release());                   // the thread deletes it
+    static_cast<void>(starter.release());                   // owned by the thread
     return UniqueHandle(reinterpret_cast<RawHandle>(raw));  // NOLINT(performance-no-int-to-ptr)
   }
 
   // Also ends an open that waits for another program's opportunistic lock. Needs THREAD_TERMINATE,
-  // which the handle of a new thread has.
+  // which a new thread's handle has.
   void CancelIo(RawHandle thread) override { CancelSynchronousIo(thread); }
 };
 

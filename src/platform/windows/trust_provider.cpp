@@ -22,7 +22,6 @@ namespace {
 constexpr wchar_t kCatalogHash[] = L"SHA256";
 
 struct CatalogAdminCloser {
-  // `admin` is null only in an empty owner.
   void operator()(void* admin) const noexcept { release(admin, 0); }
 
   decltype(CryptCATAdminReleaseContext)* release = nullptr;
@@ -30,13 +29,13 @@ struct CatalogAdminCloser {
 
 using AdminHandle = std::unique_ptr<void, CatalogAdminCloser>;
 
-// A context for the signed catalogs of Windows and of drivers, and the hash that it searches by.
+// A context for searching the signed catalogs of Windows and of drivers by hash.
 struct CatalogAdmin {
   AdminHandle handle;
   bool sha256 = false;  // otherwise the SHA-1 of the older calls
 };
 
-// Falls back to the older call where the newer one is missing or, as under Wine, not implemented.
+// Falls back to the older call if the newer one is missing or, as under Wine, not implemented.
 Result<CatalogAdmin> OpenCatalogs(const SignatureFunctions& functions) {
   const GUID subsystem = DRIVER_ACTION_VERIFY;
   HCATADMIN admin = nullptr;
@@ -56,11 +55,11 @@ Result<CatalogAdmin> OpenCatalogs(const SignatureFunctions& functions) {
   return owned(false);
 }
 
-// Returns the hash by which `admin` finds `file`, which is open for reading. Reads the whole file.
+// Returns the hash by which `admin` finds `file`, an open file. Reads the whole file.
 Result<std::vector<std::byte>> CatalogHashOf(const SignatureFunctions& functions,
                                              const CatalogAdmin& admin, HANDLE file) {
   using Bytes = Result<std::vector<std::byte>>;
-  // A context for SHA-256 finds nothing by the older hash.
+  // A SHA-256 context finds nothing by the older hash.
   if (admin.sha256 && functions.calcHash2 == nullptr)
     return Bytes::Failure(ERROR_CALL_NOT_IMPLEMENTED);
   const auto calculate = [&](DWORD& size, BYTE* bytes) {
@@ -81,7 +80,7 @@ Result<std::vector<std::byte>> CatalogHashOf(const SignatureFunctions& functions
   return hash;
 }
 
-// The name of a catalog member: its hash in upper-case hexadecimal digits.
+// Returns a catalog member's name: its hash in upper-case hexadecimal digits.
 std::wstring MemberTag(const std::vector<std::byte>& hash) {
   constexpr std::wstring_view digits = L"0123456789ABCDEF";
   std::wstring tag;
@@ -93,7 +92,7 @@ std::wstring MemberTag(const std::vector<std::byte>& hash) {
   return tag;
 }
 
-// Returns the full path of the first catalog that has a member of this hash.
+// Returns the full path of the first catalog with a member of this hash.
 Result<std::wstring> CatalogOf(const SignatureFunctions& functions, const CatalogAdmin& admin,
                                std::vector<std::byte>& hash) {
   using Text = Result<std::wstring>;
@@ -167,7 +166,7 @@ class WindowsTrust final : public TrustProvider {
     if (!functions.Complete()) return Unverifiable(GetLastError());
     const UniqueHandle file = OpenProgram(catalog.memberPath, kShareAll);
     if (!file) return Unverifiable(GetLastError());
-    // The verification needs the context to know by which hash the catalog is searched.
+    // The verification needs the context to know which hash the catalog uses.
     const auto admin = OpenCatalogs(functions);
     std::vector<std::byte> hash = catalog.hash;
     WINTRUST_CATALOG_INFO info{};

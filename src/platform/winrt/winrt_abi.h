@@ -7,16 +7,16 @@
 #include <winstring.h>
 
 // The Windows Runtime interfaces that this system uses, in Windows' layout. Slots 0 to 5 belong to
-// IUnknown and IInspectable. The members below follow in the order of their slots, up to the last
-// one in use. The caller owns every HSTRING and interface that a method returns. Declared by hand
-// because the compiler's headers lack most of them and have several of the generic ones wrong (a
-// four-byte boolean, a wrong identifier).
+// IUnknown and IInspectable. The other members follow in the order of their slots, up to the last
+// one used. The caller owns every returned HSTRING and interface. Declared by hand because the
+// compiler's headers lack most of them and get several generic ones wrong (a four-byte boolean, a
+// wrong identifier).
 
-// The destructor that these warnings ask for would take a slot.
+// The virtual destructor that these warnings ask for would take a slot.
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wnon-virtual-dtor"
 
-// A member without a caller, and so without parameters. It only holds its slot.
+// A member that is never called, so it has no parameters. It only reserves its slot.
 #define VX_PLACE(name)                       \
   virtual HRESULT STDMETHODCALLTYPE name() { \
     return E_NOTIMPL;                        \
@@ -25,13 +25,12 @@
 namespace Vx::Abi {
 
 using Boolean =
-    unsigned char;  // one byte; initialise it, because the call does not clear the bytes beside it
+    unsigned char;  // one byte; initialise it, because the call does not clear its neighbours
 
 struct EventToken {
   std::int64_t value = 0;
 };
 
-// The interface identifier of T.
 template <typename T>
 const GUID& IidOf() noexcept {
   if constexpr (requires { T::kIid; }) {

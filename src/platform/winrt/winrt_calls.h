@@ -7,8 +7,8 @@
 #include "platform/windows_runtime_error.h"
 #include "platform/winrt/winrt_owners.h"
 
-// Windows Runtime calls with failures as WindowsRuntimeError. The message names the call, because
-// the code alone does not say which of several steps failed.
+// Windows Runtime calls that throw WindowsRuntimeError on failure. The message names the call,
+// because the code alone does not identify the failed step.
 
 namespace Vx::Platform {
 
@@ -16,14 +16,14 @@ inline void Check(HRESULT result, const wchar_t* call) {
   if (FAILED(result)) throw WindowsRuntimeError(result, call);
 }
 
-// For calls that can return success without an object, which then counts as E_UNEXPECTED.
+// For calls that can succeed without returning an object. That counts as E_UNEXPECTED.
 template <typename T>
 void CheckMade(HRESULT result, const Abi::ComPtr<T>& object, const wchar_t* call) {
   Check(result, call);
   if (!object) throw WindowsRuntimeError(E_UNEXPECTED, call);
 }
 
-// Enters the multithreaded apartment for a scope. Throws if the thread may not.
+// Enters the multithreaded apartment for a scope. Throws on failure.
 class ApartmentScope {
  public:
   ApartmentScope() { Check(apartment.Result(), L"RoInitialize"); }
@@ -34,7 +34,7 @@ class ApartmentScope {
 
 Abi::HString MakeString(std::wstring_view text);
 
-// Creates an object of a class that needs no arguments and returns its interface T.
+// Creates an object of a class without constructor arguments and returns its interface T.
 template <typename T>
 Abi::ComPtr<T> Activate(const wchar_t* className) {
   Abi::ComPtr<IInspectable> made;
@@ -46,7 +46,7 @@ Abi::ComPtr<T> Activate(const wchar_t* className) {
   return object;
 }
 
-// The static members of a class.
+// Returns the interface with a class's static members.
 template <typename T>
 Abi::ComPtr<T> FactoryOf(const wchar_t* className) {
   Abi::ComPtr<T> factory;
@@ -69,15 +69,15 @@ AsyncOutcome AwaitCompletion(Abi::IAsyncInfo& operation, RawHandle completed,
 
 }  // namespace Detail
 
-// Blocks, through the clock, until `operation` ends. An operation that has not ended after `limit`
-// is cancelled, and the result is HRESULT_FROM_WIN32(ERROR_TIMEOUT); it may run on if it cannot be
-// cancelled. Throws when the operation refuses its completion handler.
+// Blocks, through the clock, until `operation` ends. After `limit` the operation is cancelled and
+// the result is HRESULT_FROM_WIN32(ERROR_TIMEOUT). If it cannot be cancelled, it may continue to
+// run. Throws if the operation refuses its completion handler.
 template <typename Operation>
 AsyncOutcome Await(const Abi::ComPtr<Operation>& operation, Clock::Duration limit) {
   using Handler = typename Operation::Handler;
   Abi::ComPtr<Abi::IAsyncInfo> info;
   Check(Abi::Query(operation, info), L"IAsyncInfo");
-  // Shared with the handler, because the system may still call it after the wait has ended.
+  // Shared with the handler, which the system may still call after the wait has ended.
   const SharedHandle completed = Detail::MakeCompletionEvent();
   const auto handler = Abi::MakeDelegate<Handler>(
       [completed](typename Handler::Sender, typename Handler::Argument) noexcept -> HRESULT {

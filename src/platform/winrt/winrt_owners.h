@@ -13,7 +13,6 @@ namespace Vx::Abi {
 
 using Platform::ComPtr;
 
-// Queries `object` for another of its interfaces.
 template <typename From, typename To>
 HRESULT Query(const ComPtr<From>& object, ComPtr<To>& other) noexcept {
   return object->QueryInterface(IidOf<To>(), reinterpret_cast<void**>(other.Receive()));
@@ -30,7 +29,7 @@ class HString {
   }
   ~HString() { WindowsDeleteString(handle); }
 
-  // Copies `text`. Keeps its content on failure.
+  // Copies `text`. Keeps the old content on failure.
   HRESULT Assign(std::wstring_view text) noexcept {
     HSTRING copy = nullptr;
     const HRESULT result =
@@ -46,7 +45,7 @@ class HString {
 
   HSTRING Get() const noexcept { return handle; }
 
-  // Valid while this object keeps the string.
+  // Valid until this object changes.
   std::wstring_view View() const noexcept {
     std::uint32_t length = 0;
     const wchar_t* text = WindowsGetStringRawBuffer(handle, &length);
@@ -57,8 +56,8 @@ class HString {
   HSTRING handle = nullptr;
 };
 
-// Keeps the calling thread in the multithreaded apartment for the life of this object. A thread
-// that is already in another apartment stays there, also at the end.
+// Keeps the calling thread in the multithreaded apartment for the life of this object. A thread in
+// another apartment stays there.
 class Apartment {
  public:
   Apartment() noexcept : result(RoInitialize(RO_INIT_MULTITHREADED)) {}
@@ -68,7 +67,7 @@ class Apartment {
     if (SUCCEEDED(result)) RoUninitialize();
   }
 
-  // The result of entering. S_OK for a thread that was already in another apartment.
+  // S_OK also for a thread in another apartment.
   HRESULT Result() const noexcept { return result == RPC_E_CHANGED_MODE ? S_OK : result; }
 
  private:
@@ -79,8 +78,8 @@ class Apartment {
 #pragma GCC diagnostic ignored "-Wnon-virtual-dtor"  // Windows defines the slots of the base
 
 // A delegate that runs `callable(sender, argument)`, which returns an HRESULT and does not throw.
-// The system calls it on any thread. It is agile, so calls are not marshalled. The callable is
-// destroyed with the last reference, which the system may hold for longer than the creator.
+// The system calls it on any thread. It is agile, so calls are not marshalled. The last reference,
+// which the system may hold for longer than the creator, destroys the callable.
 template <typename Interface, typename Callable>
 class Delegate final : public Interface {
  public:
@@ -121,17 +120,16 @@ class Delegate final : public Interface {
 
 #pragma GCC diagnostic pop
 
-// Keeps this module loaded until the process ends. Windows may call or release a delegate after it
-// was removed, and its thread may still be on its way out of our code when the last reference is
-// gone, so no count of references shows when the code may go.
+// Keeps this module loaded until the process ends. Windows may call or release a delegate after its
+// removal, and its thread may still be leaving our code when the last reference is gone. So no
+// reference count shows when the code may be unloaded.
 inline void KeepModuleLoaded() noexcept {
   HMODULE module = nullptr;
   GetModuleHandleExW(GET_MODULE_HANDLE_EX_FLAG_PIN | GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS,
                      reinterpret_cast<const wchar_t*>(&KeepModuleLoaded), &module);
 }
 
-// Returns a new delegate with one reference, which the caller owns. From then on the module stays
-// loaded.
+// Returns a new delegate with one reference, owned by the caller. Pins the module.
 template <typename Interface, typename Callable>
 ComPtr<Interface> MakeDelegate(Callable callable) {
   KeepModuleLoaded();
