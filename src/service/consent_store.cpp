@@ -21,8 +21,8 @@ bool Reads(const wchar_t* value, const wchar_t* expected) {
   return ConsentStore::ReadRegistry(kPolicyKey, value) == expected;
 }
 
-// Whether the policy keeps the registration in its country or on the machine. Reads a later value
-// only when the earlier ones leave the question open.
+// Returns whether the policy keeps the registration in its country or on the machine. Reads a later
+// value only if the earlier ones do not decide.
 bool TransferIsBlocked() {
   if (Reads(L"TransferOutAllowed", L"False")) return true;
   if (Reads(L"TransferOutConsentRequired", L"True") &&

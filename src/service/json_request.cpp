@@ -31,14 +31,14 @@ void WarnWrongType(const RequestCaller& caller, const wchar_t* key, rapidjson::T
                          static_cast<int>(expected), static_cast<int>(actual));
 }
 
-// Returns a member of the root, or null when there is none or the root is not an object.
+// Returns a member of the root, or null if there is none or the root is not an object.
 const Json::WideValue* FindMember(const Json::WideDocument& document, const wchar_t* name) {
   if (!document.IsObject()) return nullptr;
   const auto member = document.FindMember(name);
   return member == document.MemberEnd() ? nullptr : &member->value;
 }
 
-// The body of the request readers. Returns the text under `key`, empty when it cannot be read.
+// Reads a request's text under `key`. Empty if it cannot be read.
 std::wstring_view ReadText(const Json::WideDocument* document, const wchar_t* key,
                            const char* reader, const char* resultName,
                            const RequestCaller& caller) {

@@ -31,7 +31,7 @@ std::uint32_t LaunchAfterResume(const Call& call) {
   return ResultFromException("LaunchUwpWhenComingBackFromSleepIfNeeded", call, [&] {
     if (LacksResponse(call)) return kFailed;
     const auto reason = Qubo::QuboFacade().LaunchUwpWhenComingBackFromSleepIfNeeded();
-    // Without one nothing was changed.
+    // No reason, no change.
     if (reason != Qubo::QuboStartingPoint::None) call.record.outcome = {Records::Decision::Done};
     AddAnswer(*call.response, L"startingPoint", Json::WideValue(static_cast<unsigned>(reason)));
     return kSuccess;

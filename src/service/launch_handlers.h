@@ -13,13 +13,13 @@ namespace Vx::Tessel::Server::Services::Orvane {
 // Id 8, "copied": copies the machine's registration data into the user's profile.
 std::uint32_t CopyRegistration(const Call& call);
 
-// Id 10, "startingPoint": starts the companion app if there is a reason to, and returns the reason.
+// Id 10, "startingPoint": starts the companion app if there is a reason, and returns the reason.
 std::uint32_t LaunchAfterResume(const Call& call);
 
 // Id 11, "launched": registers the companion app if needed and starts it.
 std::uint32_t LaunchCompanionApp(const Call& call);
 
-// Id 17, "launched": the same with a parameter. Starts nothing without a readable one.
+// Id 17, "launched": the same with a parameter. Starts nothing if that cannot be read.
 std::uint32_t LaunchWithParameter(const Call& call);
 
 }  // namespace Vx::Tessel::Server::Services::Orvane

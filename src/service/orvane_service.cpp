@@ -40,7 +40,7 @@ constexpr char kListBroken[] = "the stored list is not a JSON array";
 constexpr wchar_t kSubscriptionsDone[] = L"GetSubscriptions executed";
 constexpr wchar_t kSleepStateDone[] = L"GetSleepState executed";
 
-// A response of command 20 without its lists, and the longest one without its requests.
+// A response of command 20 without its lists, and the longest one without requests.
 constexpr std::wstring_view kListFrame = LR"({"result":{"power_events":,"zephra_events":}})";
 constexpr std::wstring_view kPartFrame =
     LR"({"result":{"power_events":[],"zephra_events":[],"omitted":4294967295}})";
@@ -64,8 +64,8 @@ void SignalIfMade(Platform::RawHandle event) {
   if (event != nullptr) Platform::CurrentMachine().kernelObjects->Signal(event);
 }
 
-// Reads the stored requests under `key` into an array. Leaves out elements of another writer that
-// are not objects, as a replay does.
+// Reads the stored requests under `key` into an array. Omits another writer's elements that are not
+// objects, as a replay does.
 Json::WideValue RequestsUnder(const char* key, Json::WidePool& pool) {
   Json::WideValue requests(rapidjson::kArrayType);
   const std::wstring text = RequestManager(kServiceDocument, key).RequireStoredList();
@@ -80,7 +80,6 @@ Json::WideValue RequestsUnder(const char* key, Json::WidePool& pool) {
   return requests;
 }
 
-// An output stream that only counts characters.
 struct LengthStream {
   using Ch = wchar_t;
   std::size_t length = 0;
@@ -97,9 +96,8 @@ std::size_t TextLength(const Json::WideValue& value) {
   return stream.length;
 }
 
-// Leaves out the requests of `list` that do not fit into `room` characters beside those before
-// them, and keeps the order of the others. Takes from `room` what these need. Returns how many are
-// left out.
+// Removes each request of `list` that no longer fits into `room` characters and deducts the others
+// from `room`. Returns how many were removed.
 unsigned LeaveOut(Json::WideValue& list, std::size_t& room, Json::WidePool& pool) {
   Json::WideValue listed(rapidjson::kArrayType);
   for (auto& request : list.GetArray()) {

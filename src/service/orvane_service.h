@@ -11,18 +11,16 @@ namespace Vx::Tessel::Server::Services::Orvane {
 
 struct Call;
 
-// The service object that the host drives.
-//
-// Any host thread may call any slot at any time after creation, also before Start. No exception
-// leaves a slot, because the host's compiler could not catch it. A slot without a result code logs
-// its failures.
+// The service object that the host drives. Any host thread may call any slot at any time after
+// creation, even before Start. No exception leaves a slot, because the host's compiler could not
+// catch it. A slot without a result code logs its failures.
 class OrvaneService final : public VxService {
  public:
-  // Returns a new service, to be freed through Destroy(1), or null when memory runs out.
+  // Returns a new service, to be freed through Destroy(1), or null if out of memory.
   static OrvaneService* Create() noexcept;
 
-  // Signals both stop events and releases the state that the tasks share. A running task keeps its
-  // share until it has seen the event.
+  // Signals both stop events and releases its share of the state. A running task keeps its own
+  // until it has seen the event.
   void* Destroy(unsigned flags) noexcept override;
   std::uint32_t CreateClientContext(const wchar_t* clientId,
                                     ClientContext** context) noexcept override;
@@ -31,8 +29,8 @@ class OrvaneService final : public VxService {
                                const wchar_t* request, wchar_t** response,
                                CompletionCallback* callback) noexcept override;
 
-  // Starts the detached `startup_task` thread. Logs a thread that cannot be started; the service
-  // stays usable for commands.
+  // Starts the detached `startup_task` thread. If that fails, logs it and stays usable for
+  // commands.
   void Start() noexcept override;
   void power_event_task(std::uint32_t eventType) noexcept override;
   bool oobe_event_task() noexcept override;
@@ -42,35 +40,35 @@ class OrvaneService final : public VxService {
   bool RegisterAppPackageEvent(const wchar_t* request);
 
   // Change the stored lists of power and platform ("Zephra") subscriptions, or raise the platform
-  // event of a changed policy.
+  // event for a changed policy.
   Records::Outcome RegisterPowerEvent(const wchar_t* request);
   Records::Outcome UnregisterPowerEvent(const wchar_t* request);
   Records::Outcome RegisterZephraEvent(const wchar_t* request);
   Records::Outcome UnregisterZephraEvent(const wchar_t* request);
   Records::Outcome OnPolicyChangedEvent();
 
-  // Deliver an event to every stored subscription of its kind. See FulfillSubscriptions.
+  // Deliver an event to every stored subscription of its kind (see FulfillSubscriptions).
   void FulfillPowerManagementEventRequests(std::uint32_t eventType);
   void FulfillZephraManagementEventRequests(std::uint32_t eventType);
-  // The same for a background task, which may outlive the service object.
+  // For a background task, which may outlive the service object.
   static void FulfillZephraManagementEventRequests(const ServiceState& state,
                                                    std::uint32_t eventType);
 
-  // Handlers of commands. See query_handlers.h for what they have in common.
+  // Command handlers, see query_handlers.h.
   //
   // Id 20, "power_events" and "zephra_events": the stored requests as objects, in stored order.
-  // Requests that do not fit into the response are left out and counted in "omitted". Fails when a
+  // Requests that do not fit into the response are omitted and counted in "omitted". Fails if a
   // list cannot be read.
   static std::uint32_t GetSubscriptions(const Call& call);
 
   // Id 21, "sleepState": the number that another service stored, or 0.
   static std::uint32_t GetSleepState(const Call& call);
 
-  // Whether the machine was in S mode at its first start and is not now.
+  // Returns whether the machine was in S mode at its first start and no longer is.
   bool HasBeenInSMode();
 
-  // Starts the preloaded software that could not run in S mode, if it is installed and trusted.
-  // Returns whether it was started, and does not wait for it.
+  // Starts the preloaded software that could not run in S mode, if it is installed and trusted,
+  // without waiting for it. Returns whether it was started.
   bool Launch10SSwitchSoftwares();
 
  private:

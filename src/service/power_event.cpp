@@ -19,7 +19,6 @@ constexpr wchar_t kPowerEventTrace[] = L"%S::PEVX::%S";
 constexpr char kPowerEventTask[] =
     "Vx::Tessel::Server::Services::Orvane::OrvaneService::power_event_task";
 
-// The power broadcasts of a resume.
 struct Resume {
   std::uint32_t code;
   const char* name;
@@ -47,10 +46,10 @@ void DoSModeSwitchWork(OrvaneService& service, const Logging::TraceLogger& logge
 
 void HandlePowerEvent(OrvaneService& service, std::uint32_t eventType) {
   const Logging::TraceLogger& logger = *Logging::LogManager::GetLogger();
-  // Constructed first so that an unreadable store is logged before anything else.
+  // Constructed first, so that an unreadable store is logged first.
   const Qubo::QuboFacade facade;
   logger.LogInfo(kPowerEventTrace, kPowerEventTask, "Enter");
-  // A failure of the host's library must not cost the subscribers their event.
+  // Subscribers must get their event even if the host's library fails.
   CatchAndLog("power_event_task",
               [] { Platform::CurrentMachine().appServices->Open({}, {})->SystemRestarted(); });
   service.FulfillPowerManagementEventRequests(eventType);

@@ -9,7 +9,7 @@ class OrvaneService;
 // Handles a power broadcast (PBT_ code) for slot 6: notifies the host's app-service layer, replays
 // the stored power subscriptions and, at a resume of a machine that left S mode, refreshes the
 // registration data and starts the switch software. Runs on the host's thread and does not wait for
-// a subscription's delay. Throws what the store and its mutex throw.
+// subscriptions' delays. Throws what the store and its mutex throw.
 void HandlePowerEvent(OrvaneService& service, std::uint32_t eventType);
 
 }  // namespace Vx::Tessel::Server::Services::Orvane

@@ -7,14 +7,13 @@
 namespace Vx::Tessel::Server::Services::Orvane {
 
 // The commands that query or set one value. Each adds its result to the response and returns 0. On
-// failure it logs the reason, returns 0x20000002 and leaves the response as it was. A null document
-// is a failure. None throws std::exception.
+// failure, such as a null document, it logs the reason, returns 0x20000002 and leaves the response
+// alone. None throws std::exception.
 
 // Id 0, "sMode": the lockdown mode of Windows.
 std::uint32_t GetLockdownMode(const Call& call);
 
-// Id 2, "registrationState": the owner's registration where the consent policy allows to pass it
-// on.
+// Id 2, "registrationState": the owner's registration if the consent policy allows sharing it.
 std::uint32_t GetRegistrationState(const Call& call);
 
 // Id 3, "setOperationOkay": marks the reason "keyName" for an automatic launch as used.
@@ -26,7 +25,7 @@ std::uint32_t HasBeenInSMode(const Call& call);
 // Id 5, "skip": whether the reason "keyName" is marked as used.
 std::uint32_t ShouldAutoLaunchBeSkipped(const Call& call);
 
-// Id 6, "installed": whether the console user has a package of the family in the request.
+// Id 6, "installed": whether the console user has a package of the requested family.
 std::uint32_t IsUwpInstalled(const Call& call);
 
 // Ids 12 and 13, "launched": get and set the flag that the switch software was started.

@@ -4,8 +4,7 @@
 
 namespace Vx::Tessel::Server::Services::Orvane {
 
-// The result codes of a command. Command 7 may also return the HRESULT of a Windows Runtime error
-// unchanged.
+// Result codes of commands. Command 7 may also return the HRESULT of a Windows Runtime error.
 inline constexpr std::uint32_t kSuccess = 0;
 inline constexpr std::uint32_t kUnsupportedFunction = 0x20000001;
 inline constexpr std::uint32_t kFailed = 0x20000002;  // missing argument, handler or allocation

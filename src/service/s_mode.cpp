@@ -45,13 +45,12 @@ std::int32_t StoredFirstMode(CapDataStore& store) {
   return stored ? stored->AsInt32().value_or(kNoMode) : kNoMode;
 }
 
-// Starts the program as the service itself and does not wait for it.
+// Starts the program as the service and does not wait for it.
 bool StartSwitchSoftware(const Security::TrustedProgram& program, const wchar_t* arguments,
                          const Logging::TraceLogger& logger) {
   Platform::ProcessStart start;
   start.application = program.Path();
   start.commandLine = L"\"" + program.Path() + L"\" " + arguments;
-  // Windows does not start a program with a longer command line.
   const bool started =
       start.commandLine.size() <= kMaxCommandLine &&
       static_cast<bool>(Platform::CurrentMachine().processes->Start(nullptr, start));
@@ -69,7 +68,7 @@ void SetFirstLockDownMode(const Logging::TraceLogger& logger) {
     if (first >= 0) return;
     const std::int32_t current = QueryLockoutMode(kStartupCaller);
     logger.LogInfo(kCurrentMode, kStartupTask, kSetFirstLockDownMode, current);
-    // A recorded mode stays, also one that could not be read above.
+    // Keeps a recorded mode, even one that could not be read above.
     store.updateMember(kServiceDocument, kFirstEnforcementMode,
                        [current](const BsonElement* stored) -> std::optional<BsonElement> {
                          if (stored != nullptr && stored->AsInt32().value_or(kNoMode) >= 0) {

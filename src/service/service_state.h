@@ -8,11 +8,10 @@
 
 namespace Vx::Tessel::Server::Services::Orvane {
 
-// The state that the service object and its background tasks share. They own it together: the tasks
-// are detached and may outlive the service object, which signals both events when it is destroyed
-// and does not wait. A null event makes every wait on it fail at once, and a task then ends.
+// The state shared by the service object and its background tasks. The tasks are detached and may
+// outlive the service object, which signals both events when it is destroyed and does not wait. If
+// an event is null, every wait on it fails at once and its task ends.
 struct ServiceState {
-  // Creates both events and fetches the logger. Starts and reads nothing.
   ServiceState();
   ServiceState(const ServiceState&) = delete;
   ServiceState& operator=(const ServiceState&) = delete;
@@ -20,9 +19,9 @@ struct ServiceState {
 
   Logging::TraceLogger* logger = nullptr;
   std::atomic<bool> wakeupCheckDone{false};
-  Platform::SharedHandle stopEvent;  // shared with deliveries that wait
+  Platform::SharedHandle stopEvent;  // shared with waiting deliveries
   Platform::UniqueHandle sessionStopEvent;
-  Aurelo::LaunchTimer aureloLaunchTimer;  // of the pending launch
+  Aurelo::LaunchTimer aureloLaunchTimer;  // the pending launch's
 };
 
 }  // namespace Vx::Tessel::Server::Services::Orvane

@@ -42,14 +42,14 @@ constexpr int kUserPolls = 7200;
 constexpr std::chrono::milliseconds kAttemptPause{600'000};
 constexpr int kAttempts = 7;
 
-// Waits on a stop event. Returns true when the time is over and the service still exists.
+// Waits on a stop event. Returns true if the time is over and the service still exists.
 bool Pause(Platform::RawHandle stop, std::chrono::milliseconds length, Platform::WaitResult& wait) {
   wait = Platform::CurrentMachine().clock->Wait(stop, length);
   return wait.outcome == Platform::WaitOutcome::TimedOut;
 }
 
-// Polls until first-run set-up is over. A query that fails counts as "not yet". Returns false when
-// the service ends first.
+// Polls until first-run set-up is over. A failed query counts as "not yet". Returns false if the
+// service ends first.
 bool WaitForOobe(const ServiceState& state) {
   Platform::WaitResult wait;
   for (int poll = 0;; ++poll) {
@@ -64,29 +64,29 @@ bool WaitForOobe(const ServiceState& state) {
   }
 }
 
-// Makes the stored package subscriptions live. A service that was destroyed since the wait for OOBE
-// has ended its subscriptions already, and later ones would be watched for good.
+// Activates the stored package subscriptions. A service destroyed since the wait for OOBE has
+// already ended its own, and these would be watched forever.
 void WatchStoredPackages(const ServiceState& state) {
   RegisterExistingPackageCatalogManagerRequests(&state, state.stopEvent);
   const auto stop =
       Platform::CurrentMachine().clock->Wait(state.stopEvent.get(), std::chrono::milliseconds(0));
-  // A stop event that could not be made ends every wait as failed, and the service is gone unseen.
+  // If the stop event could not be made, this wait fails, and the service may be gone.
   if (stop.outcome != Platform::WaitOutcome::TimedOut) {
     PackageCatalogEventManager::clear_events(&state);
   }
 }
 
-// Starts the check and does not wait for it. It runs once per service object, however often this
-// task runs.
+// Starts the check without waiting for it. Runs once per service object, however often this task
+// runs.
 void StartWakeupCheck(const std::shared_ptr<ServiceState>& state) {
   if (state->wakeupCheckDone) return;
   state->logger->LogInfo(kStarted, kWakeupCheckName);
-  // Without a thread for the check, the rest of the start-up goes on.
+  // Start-up continues even if no thread can be created for the check.
   CatchAndLog("startup_task", [&] { Platform::StartDetached([state] { RunWakeupCheck(state); }); });
 }
 
-// Waits for a real user, at most two hours. Returns false when the service ends first, and true
-// also when no user came: the next step runs all the same.
+// Waits for a real user, at most two hours. Returns false if the service ends first, and true even
+// if no user came.
 bool WaitForUser(const ServiceState& state) {
   state.logger->LogInfo(kUserWait);
   const Launcher launcher;

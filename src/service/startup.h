@@ -6,8 +6,7 @@ namespace Vx::Tessel::Server::Services::Orvane {
 
 struct ServiceState;
 
-// The body of the start-up thread, and its boundary. Each of its waits ends when the service object
-// is destroyed.
+// The start-up thread's body and boundary. Its waits end when the service object is destroyed.
 void RunStartupTask(const std::shared_ptr<ServiceState>& state) noexcept;
 
 }  // namespace Vx::Tessel::Server::Services::Orvane

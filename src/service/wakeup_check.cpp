@@ -33,7 +33,7 @@ constexpr int kLongestWait = 720;       // seconds
 constexpr std::uint64_t kUnitsPerSecond = 10'000'000;  // of the FILETIME scale
 constexpr std::int64_t kUnixEpoch = 11'644'473'600;    // seconds from 1601 to 1970
 
-// Waits one step. Returns false when the service ends first.
+// Waits one step. Returns false if the service ends first.
 bool Pause(const ServiceState& state) {
   const auto wait = Platform::CurrentMachine().clock->Wait(state.stopEvent.get(), kPause);
   if (wait.outcome == Platform::WaitOutcome::TimedOut) return true;
@@ -48,10 +48,10 @@ std::int64_t BootTime() {
   return now - static_cast<std::int64_t>(clock.TickCount() / 1000);
 }
 
-// Returns whether this boot is new, and if so records it as handled, with or without a user.
+// Returns whether this boot is new, and if so records it as handled, even without a user.
 bool IsNewBoot(const ServiceState& state, Storage::CapDataStore& store, std::int64_t storedBoot) {
   const std::int64_t boot = BootTime();
-  // The stored number may be anything. The difference of two doubles cannot overflow.
+  // The stored number may be anything. A difference of doubles cannot overflow.
   const double apart = static_cast<double>(boot) - static_cast<double>(storedBoot);
   if (std::abs(apart) <= static_cast<double>(kSameBoot)) {
     state.logger->LogInfo(kNotANewBoot, kWakeupCheckName);

@@ -6,13 +6,12 @@ namespace Vx::Tessel::Server::Services::Orvane {
 
 struct ServiceState;
 
-// The qualified name of the check in its log lines.
 inline constexpr char kWakeupCheckName[] =
     "Vx::Tessel::Server::Services::Orvane::OrvaneService::CheckToSendWakeupEvent";
 
-// The body of the wake-up thread, and its boundary. After a new boot of Windows it waits up to
-// twelve minutes for a real user and then raises the platform event, once per boot. Its waits end
-// when the service object is destroyed.
+// The wake-up thread's body and boundary. After a new boot of Windows it waits up to twelve minutes
+// for a real user and then raises the platform event, once per boot. Its waits end when the service
+// object is destroyed.
 void RunWakeupCheck(const std::shared_ptr<ServiceState>& state) noexcept;
 
 }  // namespace Vx::Tessel::Server::Services::Orvane
