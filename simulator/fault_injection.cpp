@@ -63,7 +63,7 @@ struct Refusal<Platform::SignatureVerdict> {
   throw Platform::WindowsRuntimeError(kDeniedResult, L"refused");
 }
 
-// A capability with faults: what it stands in front of, and who decides.
+// A capability with faults, in front of the capability that it decorates.
 template <typename Capability>
 class Decorator : public Capability {
  public:
@@ -85,7 +85,7 @@ class Decorator : public Capability {
   FaultInjection& faults;
 };
 
-// The same for what a capability returns.
+// Decorates an object that a capability returned.
 template <typename Capability>
 class OwningDecorator : public Decorator<Capability> {
  public:
@@ -96,7 +96,7 @@ class OwningDecorator : public Decorator<Capability> {
   std::shared_ptr<Capability> owner;
 };
 
-// An operation that is passed on, or refused in the way of its result.
+// An operation that is forwarded, or refused with its result type's failure.
 #define REFUSABLE(Interface, Answer, Name, Parameters, Arguments, Qualifier) \
   Answer Name Parameters Qualifier override {                                \
     return Or(#Interface "." #Name, [&] { return inner.Name Arguments; });   \
@@ -150,7 +150,7 @@ class FaultyClock final : public Decorator<Platform::Clock> {
   void WorkerEnded() override { inner.WorkerEnded(); }
 
  private:
-  // A refused wait fails after half of its time.
+  // Fails after half of the time.
   Platform::WaitResult Fail(Duration length) {
     inner.Sleep(length / 2);
     return {Platform::WaitOutcome::Failed, 0xFFFFFFFF, kDenied};
@@ -202,7 +202,7 @@ class FaultyFileHandle final : public OwningDecorator<Platform::FileHandle> {
   REFUSABLE(FileHandle, Result<Platform::FileFacts>, Facts, (), (), const)
   REFUSABLE(FileHandle, Result<bool>, HasTrustedOwner, (), (), const)
   REFUSABLE(FileHandle, Result<Bytes>, Content, (std::size_t maxBytes), (maxBytes), const)
-  // A refused write has written half, as on a full disk.
+  // Writes half before failing, as on a full disk.
   ErrorCode Write(std::span<const std::byte> content) override {
     if (!faults.Fails("FileHandle.Write")) return inner.Write(content);
     inner.Write(content.first(content.size() / 2));
@@ -261,7 +261,7 @@ class FaultyKernelObjects final : public Decorator<Platform::KernelObjects> {
   using Decorator::Decorator;
   REFUSABLE(KernelObjects, Result<UniqueHandle>, MakeMutex, (const std::wstring& name), (name), )
   REFUSABLE(KernelObjects, Result<Locked>, LockMutex, (RawHandle mutex), (mutex), )
-  // A refused unlock is one that has happened: a mutex that stays locked would stop the walk.
+  // Unlocks before failing, because a mutex that stays locked would stop the walk.
   ErrorCode UnlockMutex(RawHandle mutex) override {
     const ErrorCode error = inner.UnlockMutex(mutex);
     return Or("KernelObjects.UnlockMutex", [&] { return error; });
@@ -332,7 +332,7 @@ class FaultyPackages final : public Decorator<Platform::Packages> {
   FamilyQuery FindByFamily(const std::wstring& familyName) const override {
     if (faults.Fails("Packages.FindByFamily")) return {kDenied, 0, 0, {}};
     FamilyQuery query = inner.FindByFamily(familyName);
-    // Windows is asked twice: for the room that the names need, and for the names.
+    // Windows is called twice: for the size of the buffer and for the names.
     if (!query.fullNames.empty() && faults.Fails("Packages.FamilyNames")) {
       query.error = kDenied;
       query.fullNames.clear();
@@ -403,7 +403,7 @@ class FaultySessions final : public Decorator<Platform::Sessions> {
   REFUSABLE(Sessions, Result<std::wstring>, QueryText,
             (std::uint32_t session, Platform::SessionText what), (session, what), const)
   REFUSABLE(Sessions, ErrorCode, Impersonate, (RawHandle token), (token), )
-  // A refused revert is reported, but happens: the walk goes on as the service itself.
+  // Reverts before failing, so that the walk continues as the service.
   ErrorCode Revert() override {
     const ErrorCode error = inner.Revert();
     return Or("Sessions.Revert", [&] { return error; });

@@ -12,37 +12,37 @@
 
 namespace Vx::Simulator {
 
-// Stands between a program and every capability of its machine, counts the calls that Windows may
-// refuse, and lets one of them be refused in Windows' way: a Result or an error code carries
-// "access denied", a question has no answer, an interface that throws throws the HRESULT of it.
+// Decorates every capability of a machine, counts the calls that Windows may refuse, and makes one
+// of them fail as it would in Windows: a Result or an error code carries "access denied", a query
+// returns nothing, an interface that throws throws that HRESULT.
 //
-// A fault walk runs the same thing again and again: in run n call n fails, until a run comes whose
-// call n does not exist (Calls() is no longer than n). Any thread.
+// A fault walk repeats one scenario: in run n call n fails, until a run makes too few calls
+// (Calls() is no longer than n). Any thread.
 class FaultInjection {
  public:
   FaultInjection() = default;
   FaultInjection(const FaultInjection&) = delete;
   FaultInjection& operator=(const FaultInjection&) = delete;
 
-  // Puts decorators over what `machine` names; for the change of a MachineScope. At most once.
+  // Decorates what `machine` names, for the change of a MachineScope. At most once.
   void Install(Platform::Machine& machine);
 
-  // From now on, counted from zero, call `index` fails.
+  // Makes call `index`, counted from zero, fail from now on.
   void FailCall(std::size_t index);
 
-  // The calls of this name ("Files.Read") fail from now on, all but the first `skip`.
+  // Makes all calls of this name ("Files.Read") but the first `skip` fail from now on.
   void FailNamed(const std::string& name, std::size_t skip = 0);
 
-  // The name of the last FailNamed if no call of it has failed since, or an empty text.
+  // Returns the name of the last FailNamed if no call of it has failed since, or an empty text.
   std::string Unused() const;
 
-  // Nothing fails any more; counting starts again.
+  // Ends all failures and restarts the count.
   void Clear();
 
-  // Names of the calls since the last FailCall, FailNamed or Clear.
+  // Returns the names of the calls since the last FailCall, FailNamed or Clear.
   std::vector<std::string> Calls() const;
 
-  // Counts a call; whether it is to fail. For the decorators.
+  // Counts a call and returns whether it must fail. For the decorators.
   bool Fails(const char* name);
 
  private:

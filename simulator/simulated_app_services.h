@@ -13,7 +13,7 @@
 namespace Vx::Simulator {
 
 // The app services of a simulated machine's packaged apps. They record each message and reply as
-// configured, at first with success. Any thread.
+// set, initially with success. Any thread.
 class SimulatedAppServices final : public Platform::AppServices {
  public:
   using Reply = std::pair<int, std::wstring>;
@@ -26,7 +26,7 @@ class SimulatedAppServices final : public Platform::AppServices {
 
   explicit SimulatedAppServices(Timeline& log) : timeline(log) {}
 
-  // Sets the replies to the next messages, one each. After those, the reply is `usual`.
+  // Sets the replies to the next messages, one each. Later messages get `usual`.
   void SetReplies(std::deque<Reply> next, Reply usual = {0, L""});
 
   std::vector<Message> Messages() const;

@@ -105,7 +105,7 @@ Result<Platform::UniqueHandle> SimulatedFiles::OpenReadLocked(const std::wstring
   if (opened && ours) {
     locked[opened->get()] = path;
   } else if (opened) {
-    locked.erase(opened->get());  // a known value belonged to a handle that was closed
+    locked.erase(opened->get());  // the system has reused a closed handle's value
   }
   return opened;
 }

@@ -11,13 +11,13 @@
 
 namespace Vx::Simulator {
 
-// The real files, overlaid with files that exist in memory only, by exact path: programs and texts
+// The real files, overlaid by exact path with files that exist only in memory: programs and texts
 // in folders that a test must not write to. Any thread.
 class SimulatedFiles : public Platform::Files {
  public:
   void Add(const std::wstring& path, const std::string& content);
 
-  // Whether `path` is a file in memory.
+  // Returns whether `path` is a file in memory.
   bool Holds(const std::wstring& path) const;
 
   Platform::Result<std::uint32_t> Attributes(const std::wstring& path) const override;
@@ -38,7 +38,7 @@ class SimulatedFiles : public Platform::Files {
   bool IsElsewhere(const std::wstring& path) const override;
   Platform::Result<Platform::AccessList> FolderAccess(const std::wstring& folder) const override;
 
-  // For the real files only.
+  // Real files only.
   Opened Open(const std::wstring& path, Platform::FileUse use) override;
   Opened Create(const std::wstring& path, const std::wstring& accessLike) override;
   Platform::Result<std::vector<std::wstring>> Siblings(const std::wstring& path) const override;

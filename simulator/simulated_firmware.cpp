@@ -43,7 +43,7 @@ constexpr char kEightDigitsBit = 0x10;
 // The firmware's return code for an unknown command.
 constexpr std::int32_t kUnknownCommand = 1;
 
-// WMI names are ASCII and compared without case.
+// WMI names are ASCII, and their case is ignored.
 bool SameName(std::wstring_view one, std::wstring_view other) {
   return one.size() == other.size() && _wcsnicmp(one.data(), other.data(), one.size()) == 0;
 }
@@ -79,7 +79,7 @@ void SetBytes(Variant& value, const std::string& bytes) {
 
 }  // namespace
 
-// A reference-counted object of the firmware. It counts among the live objects and starts with one
+// A reference-counted object of the firmware, counted in the live objects. Starts with one
 // reference.
 template <typename Base, typename Interface>
 class Implementation : public Base {
@@ -303,8 +303,7 @@ class SimulatedFirmware::Locator final : public Implementation<IWbemLocator, IWb
   }
 };
 
-// The factory is not counted, because COM keeps a reference while the class is registered, which is
-// not a leak.
+// Not counted, because COM keeps a reference while the class is registered, which is not a leak.
 class SimulatedFirmware::Factory final : public Implementation<IClassFactory, IClassFactory> {
  public:
   explicit Factory(SimulatedFirmware& owner) : Implementation(owner, uncounted) {}

@@ -18,14 +18,13 @@ namespace Vx::Simulator {
 // A PC's firmware behind WMI, in this process: a locator whose namespace "\\.\root\wmi" has the
 // firmware's classes and runs its commands on a warranty block and a features block.
 //
-// Reached in two ways: as the machine's Com capability, or, through a ClassRegistration, by all
-// code in the process that creates a WMI locator. Any thread. Every object that it returned must be
-// released before it is destroyed, see LiveObjects().
+// It is reached as the machine's Com capability or, through a ClassRegistration, by all code in the
+// process that creates a WMI locator. Any thread. Release every object that it returned before it
+// is destroyed (see LiveObjects).
 class SimulatedFirmware final : public Platform::Com {
  public:
   enum class Digits { Six, Eight };
 
-  // A command as received.
   struct Request {
     std::wstring path;    // of the instance that ran the method
     std::wstring method;  // "zrkBIOSInt" and the output size
@@ -37,35 +36,34 @@ class SimulatedFirmware final : public Platform::Com {
     bool hasData = false;
   };
 
-  // `bornOnDate` is the start of the warranty block.
+  // The warranty block starts with `bornOnDate`.
   explicit SimulatedFirmware(Digits digits = Digits::Eight, std::string bornOnDate = {});
   ~SimulatedFirmware() override;
 
   // Becomes another machine's firmware, without a born-on date.
   void Replace(Digits count);
 
-  // Adds an entry to `log` per write to the warranty block. `log` must outlive the firmware.
+  // Logs each write to the warranty block. `log` must outlive the firmware.
   void SetTimeline(Timeline& log);
 
-  // The content of the warranty block up to its first zero byte.
+  // Returns the warranty block up to its first zero byte.
   std::string BornOnDate() const;
   void SetWarrantyBlock(std::string block);
 
   std::vector<Request> Requests() const;
 
-  // Makes a step return `result` from now on. The steps are "CoInitializeEx",
-  // "CoInitializeSecurity", "CoCreateInstance", "ConnectServer", "SetBlanket", "GetObject CLASS",
-  // "GetMethod", "SpawnInstance CLASS", "Put PROPERTY", "CreateInstanceEnum", "Next", "ExecMethod",
-  // "QueryInterface OutData" and "Get PROPERTY". Steps that allocate are "MakeText",
-  // "MakeByteArray" (both only fail or succeed) and "PutByte". With a success code the step reports
-  // success and returns no object.
+  // Makes a step return `result` from now on: "CoInitializeEx", "CoInitializeSecurity",
+  // "CoCreateInstance", "ConnectServer", "SetBlanket", "GetObject CLASS", "GetMethod",
+  // "SpawnInstance CLASS", "Put PROPERTY", "CreateInstanceEnum", "Next", "ExecMethod",
+  // "QueryInterface OutData", "Get PROPERTY", or the allocations "MakeText", "MakeByteArray" (both
+  // only fail or succeed) and "PutByte". With a success code the step succeeds and returns no
+  // object.
   void Fail(std::string step, std::int32_t result);
 
-  // The same, but skips the next `skip` calls of the step.
+  // Skips the next `skip` calls of the step first.
   void FailAfter(std::string step, unsigned skip, std::int32_t result);
   void ClearFailures();
 
-  // Sets the firmware's return code for every command.
   void SetReturnCode(std::int32_t code);
 
   // Called with every property value before it is returned, so that a test can make a reply
@@ -75,11 +73,11 @@ class SimulatedFirmware final : public Platform::Com {
 
   int LiveObjects() const { return liveObjects; }
 
-  // COM initialisations without an uninitialisation.
+  // COM initialisations that have not been undone.
   int OpenInitializations() const { return initializations; }
   int Connections() const { return connections; }
 
-  // The namespace of the last connection.
+  // Returns the namespace of the last connection.
   std::wstring ConnectedTo() const;
 
   std::int32_t InitializeMultithreaded() override;
@@ -92,7 +90,7 @@ class SimulatedFirmware final : public Platform::Com {
   std::int32_t PutByte(tagSAFEARRAY* bytes, std::int32_t index, std::uint8_t value) override;
 
   // Registers this firmware's locator as the process's class for CLSID_WbemLocator. COM must stay
-  // initialised (multithreaded) for the whole life of this object.
+  // initialised (multithreaded) while this object lives.
   class ClassRegistration {
    public:
     explicit ClassRegistration(SimulatedFirmware& firmware);
@@ -116,7 +114,7 @@ class SimulatedFirmware final : public Platform::Com {
     std::int32_t result = 0;
   };
 
-  // Whether `step` must fail now. `result` then receives its result.
+  // Returns whether `step` must fail now, and with which `result`.
   bool Fails(const std::string& step, std::int32_t& result);
   void Connected(const std::wstring& where);
   std::int32_t Run(Request request, std::string& output);

@@ -11,7 +11,7 @@ namespace Vx::Simulator {
 
 namespace {
 
-// A documented name, which the service opens to notice Modern Standby.
+// The documented name of the event that shows Modern Standby to the service.
 constexpr wchar_t kStandbyEvent[] = L"{CE7DC567-F47B-4A07-8489-C9DEB372B88F}";
 
 Platform::KernelObjects& RealObjects() {

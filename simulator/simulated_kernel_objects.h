@@ -6,11 +6,11 @@
 
 namespace Vx::Simulator {
 
-// The real mutexes and events, with named events of this machine alone: another simulated machine,
-// which may be played at the same time, has others of the same names. Any thread.
+// The real mutexes and events, with the names of events private to this machine, because several
+// simulated machines may run at once. Any thread.
 class SimulatedKernelObjects final : public Platform::KernelObjects {
  public:
-  // Signals or resets the event that Windows signals while the machine is in Modern Standby.
+  // Signals or resets the event for Modern Standby.
   void SetStandby(bool entered);
 
   Platform::Result<Platform::UniqueHandle> MakeMutex(const std::wstring& name) override;

@@ -21,34 +21,33 @@
 
 namespace Vx::Simulator {
 
-// A whole PC in memory, one member per subject. At first it has just been switched on: no user is
-// signed in, first-run set-up is over, there are no packages, the registry is empty and the
-// firmware has no born-on date. Files that were not added to it, signatures, data protection,
-// mutexes, events and threads are real.
+// A whole PC in memory, one member per subject, just switched on: no user is signed in, first-run
+// set-up is over, there are no packages, the registry is empty and the firmware has no born-on
+// date. Other files, signatures, data protection, mutexes, events and threads are real.
 //
 //   SimulatedMachine machine;
 //   Platform::MachineScope scope([&](Platform::Machine& platform) { machine.Install(platform); });
 //
-// Workers that run under the scope must end before the scope does, see Drain().
+// Workers that run under the scope must end before it (see Drain).
 class SimulatedMachine {
  public:
   SimulatedMachine();
   SimulatedMachine(const SimulatedMachine&) = delete;
   SimulatedMachine& operator=(const SimulatedMachine&) = delete;
 
-  // Replaces the capabilities of `platform` with those of this machine, decorated by `faults`.
+  // Replaces the capabilities of `platform` with this machine's, decorated by `faults`.
   void Install(Platform::Machine& platform);
 
-  // The same for a machine that shares neither named events nor signatures with the real one.
+  // Does the same without sharing named events or signatures with the real machine.
   void InstallSealed(Platform::Machine& platform);
 
-  // Enters or leaves Modern Standby, for the code under InstallSealed.
+  // Enters or leaves Modern Standby. Needs InstallSealed.
   void SetStandby(bool entered);
 
-  // Signs a file, which is added to the files in memory if it is not there.
+  // Signs a file. Adds it to the files in memory if needed.
   void Sign(const std::wstring& path, const SimulatedSignature& signature);
 
-  // Sleeps and wakes: time passes, but not for waits.
+  // Simulates sleep: time passes, but not for waits.
   void SleepFor(VirtualClock::Duration length);
 
   // Advances time until no worker is left. Returns false if some remain after `limit`.

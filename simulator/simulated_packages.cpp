@@ -88,8 +88,8 @@ void SimulatedPackages::Uninstall(const std::wstring& familyName, const std::wst
       clock.Sleep(length);
       Remove(uninstall->FamilyName(), owner);
       uninstall->Complete();
-      // Sends one notification after the other, because a handler holds its lock while it polls for
-      // the end.
+      // Sends the notifications in order, because a handler holds its lock while it polls for the
+      // end.
       if (begin->Joinable()) begin->Join();
       Notify(owner.name, *uninstall);
     });
@@ -123,7 +123,7 @@ std::vector<Platform::PackageCatalog::UninstallingHandler> SimulatedPackages::Ha
   return found;
 }
 
-// Called without the lock: handlers may wait, and may query packages meanwhile.
+// Called without the lock, because handlers may wait and query packages.
 void SimulatedPackages::Notify(const std::wstring& user,
                                const Platform::PackageUninstall& uninstall) const {
   for (const auto& handler : HandlersOf(user)) handler(uninstall);

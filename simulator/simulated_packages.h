@@ -21,21 +21,20 @@ namespace Vx::Simulator {
 struct SimulatedPackage {
   std::wstring familyName;
   std::wstring fullName;    // Name_1.2.3.4_x64__publisher, which contains the version
-  std::wstring folder;      // if empty, below C:\Program Files\WindowsApps
+  std::wstring folder;      // if empty, a folder in C:\Program Files\WindowsApps
   std::int32_t origin = 3;  // Windows' code for the store
 };
 
-// The packaged apps of a simulated machine: those on the machine ("staged"), and those registered
-// for each user. Any thread.
+// The packaged apps of a simulated machine ("staged") and of each user (registered). Any thread.
 class SimulatedPackages final : public Platform::Packages {
  public:
   SimulatedPackages(Timeline& log, const SimulatedUsers& machineUsers, Platform::Clock& clockOf)
       : timeline(log), users(machineUsers), clock(clockOf) {}
 
-  // Adds a package to the machine, not yet for any user. Replaces a package of the same full name.
+  // Adds a package to the machine but to no user. Replaces one of the same full name.
   void Stage(const SimulatedPackage& package);
 
-  // Adds a package to the machine and registers it for the user of this name.
+  // Adds a package to the machine and registers it for `user`.
   void Install(const SimulatedPackage& package, const std::wstring& user);
 
   // Removes the user's packages of the family, `length` from now. Packages without a user leave the
@@ -47,10 +46,10 @@ class SimulatedPackages final : public Platform::Packages {
   // Notifies the user's catalogs of `uninstall` on the calling thread. Removes nothing.
   void Notify(const std::wstring& user, const Platform::PackageUninstall& uninstall) const;
 
-  // The number of handlers of the user's catalogs.
+  // Returns the number of handlers of the user's catalogs.
   std::size_t Handlers(const std::wstring& user) const;
 
-  // Sets the result of Register from now on: a failure, or success after `length`.
+  // Sets the result of later Register calls: a failure, or success after `length`.
   void SetRegistration(Platform::PackageRegistration answer, Platform::Clock::Duration length);
 
   FamilyQuery FindByFamily(const std::wstring& familyName) const override;
@@ -71,14 +70,14 @@ class SimulatedPackages final : public Platform::Packages {
 
   struct Staged {
     SimulatedPackage package;
-    std::set<std::wstring> sids;  // of the users that have it registered
+    std::set<std::wstring> sids;  // the users that have it registered
   };
   struct Watch {
     std::wstring sid;
     Platform::PackageCatalog::UninstallingHandler handler;
   };
 
-  // The SID of the acting user, or empty for the service itself, which has no packages.
+  // Returns the SID of the acting user, or an empty text for the service, which has no packages.
   std::wstring ActingSid() const;
   std::vector<std::wstring> Registered(const std::wstring& sid, const std::wstring& family) const;
   void Remove(const std::wstring& familyName, const SimulatedUser& user);

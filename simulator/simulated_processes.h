@@ -15,23 +15,23 @@ namespace Vx::Simulator {
 struct SimulatedProcess {
   std::uint32_t id = 0;
   std::uint32_t session = 0;
-  std::wstring user;  // "SYSTEM" for the service itself
+  std::wstring user;  // "SYSTEM" for the service
   Platform::ProcessStart start;
 };
 
-// The processes of a simulated machine. A start is only recorded: no program runs, and none need
-// exist. The console's session has a logon process. Any thread.
+// The processes of a simulated machine. Starts are only recorded, so the programs need not exist.
+// The console session has a logon process. Any thread.
 class SimulatedProcesses final : public Platform::Processes {
  public:
   SimulatedProcesses(Timeline& log, const SimulatedUsers& machineUsers)
       : timeline(log), users(machineUsers) {}
 
-  // All successful starts in order, including processes that have ended.
+  // Returns all successful starts in order, even of processes that have ended.
   std::vector<SimulatedProcess> Started() const;
 
   void End(std::uint32_t id);
 
-  // Makes every start of `application` fail from now on. Zero lets it succeed again.
+  // Makes every start of `application` fail from now on, or succeed again if `error` is zero.
   void Refuse(const std::wstring& application, Platform::ErrorCode error);
 
   Platform::Result<std::uint32_t> Start(Platform::RawHandle token,

@@ -10,8 +10,8 @@
 
 namespace Vx::Simulator {
 
-// The values below HKEY_LOCAL_MACHINE of a simulated machine, at first none. Names are compared
-// without case. Any thread.
+// A simulated machine's values below HKEY_LOCAL_MACHINE, initially none. Ignores the case of names.
+// Any thread.
 class SimulatedRegistry final : public Platform::Registry {
  public:
   void Set(const std::wstring& key, const std::wstring& value, Platform::RegistryValue content);

@@ -2,7 +2,7 @@
 
 namespace Vx::Simulator {
 
-// Returns the state of the machine at the time of the call.
+// Returns the machine's state at the time of the call.
 class SimulatedSystem::Library final : public Platform::LockdownLibrary {
  public:
   explicit Library(const SimulatedSystem& system) : owner(system) {}

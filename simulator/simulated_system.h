@@ -13,9 +13,8 @@
 
 namespace Vx::Simulator {
 
-// The small services of a simulated Windows: first-run set-up (at first over), API sets (at first
-// all present), event triggers (at first all raised) and the lockdown policy (at first mode 0). Any
-// thread.
+// The small services of a simulated Windows. Initially first-run set-up is over, all API sets are
+// present, all triggers can be raised and the lockdown mode is 0. Any thread.
 class SimulatedSystem final : public Platform::ApiSets,
                               public Platform::Oobe,
                               public Platform::SystemTriggers,
@@ -23,10 +22,11 @@ class SimulatedSystem final : public Platform::ApiSets,
  public:
   SimulatedSystem(Timeline& log, const VirtualClock& clockOf) : timeline(log), clock(clockOf) {}
 
-  // First-run set-up ends at this time since the clock was constructed.
+  // Ends first-run set-up at this time since the clock was constructed.
   void EndOobeAt(VirtualClock::Duration elapsed);
 
-  // Whether the query for first-run set-up succeeds. If not, the rest of its result has no meaning.
+  // Sets whether the query for first-run set-up succeeds. If not, the rest of its result is
+  // meaningless.
   void SetOobeKnown(bool known);
 
   void RemoveApiSet(const std::wstring& name);
@@ -34,10 +34,10 @@ class SimulatedSystem final : public Platform::ApiSets,
   // Sets the status that every trigger returns.
   void SetTriggerStatus(std::uint32_t status);
 
-  // Sets what the policy library returns: the mode that it writes, if any, and the HRESULT.
+  // Sets the mode that the policy library writes, if any, and the HRESULT that it returns.
   void SetLockdownMode(std::optional<std::int32_t> mode, std::int32_t result = 0);
 
-  // Makes loading the policy library fail from now on. Zero lets it succeed again.
+  // Makes loading the policy library fail from now on, or succeed again if `error` is zero.
   void FailLockdownLibrary(Platform::ErrorCode error);
 
   bool IsPresent(const std::wstring& name) const override;

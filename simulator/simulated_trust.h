@@ -14,18 +14,19 @@
 namespace Vx::Simulator {
 
 struct SimulatedSignature {
-  std::wstring key;         // the name of its owner; empty for the key that counts as pinned
-  std::int32_t result = 0;  // of Windows' check
+  std::wstring key;         // the owner's name; empty for the key that counts as pinned
+  std::int32_t result = 0;  // of Windows' verification
 };
 
-// Signatures of files in memory, by exact path: one that was signed here has one signature, every
-// other one none. Windows judges real files. Any thread.
+// Signatures of files in memory, by exact path: one if signed here, otherwise none. Windows
+// verifies real files. Any thread.
 class SimulatedTrust final : public Platform::TrustProvider {
  public:
   explicit SimulatedTrust(const SimulatedFiles& machineFiles) : files(machineFiles) {}
 
-  // The public key that counts as pinned on a simulated machine. No real signature has it, because
-  // it is not the encoding of a key. The program that plays the machine adds it to its pinned keys.
+  // Returns the public key that counts as pinned on a simulated machine. It is not the encoding of
+  // a key, so no real signature has it. The program that simulates the machine adds it to its
+  // pinned keys.
   static std::vector<std::byte> PinnedKey();
 
   void Sign(const std::wstring& path, const SimulatedSignature& signature);

@@ -116,7 +116,7 @@ Result<UniqueHandle> SimulatedUsers::MakeToken(const std::wstring& owner,
   return MakeToken(Token{owner, type, owner == atConsole ? console.value_or(0) : 0});
 }
 
-// The system may reuse a handle value, which then gets a new owner here.
+// The system may have reused a handle value. It then gets a new owner here.
 Result<UniqueHandle> SimulatedUsers::MakeToken(Token made) const {
   UniqueHandle token(CreateEventW(nullptr, TRUE, FALSE, nullptr));
   if (token == nullptr) return Result<UniqueHandle>::Failure(GetLastError());
@@ -160,7 +160,7 @@ Result<std::wstring> SimulatedUsers::QueryText(std::uint32_t session,
                                                Platform::SessionText what) const {
   const std::lock_guard guard(mutex);
   if (session != console) return Result<std::wstring>::Failure(ERROR_FILE_NOT_FOUND);
-  if (atConsole.empty()) return std::wstring();  // as Windows does for a logon screen
+  if (atConsole.empty()) return std::wstring();  // as in Windows at the logon screen
   const SimulatedUser& user = users.at(atConsole);
   return what == Platform::SessionText::UserName ? user.name : user.domain;
 }

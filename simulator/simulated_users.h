@@ -20,43 +20,42 @@ struct SimulatedUser {
   std::wstring profile;  // a folder, which need not exist
 };
 
-// The users of a simulated machine and the console that they log on to. At first the console shows
-// the logon screen of session 1. Tokens are handles of real, unnamed kernel objects, so that their
-// owners can close them. Any thread.
+// The users of a simulated machine and the console where they log on. Initially session 1 shows the
+// logon screen. Tokens are handles of real, unnamed kernel objects, so that their owners can close
+// them. Any thread.
 class SimulatedUsers final : public Platform::Sessions, public Platform::Environment {
  public:
   explicit SimulatedUsers(Timeline& log) : timeline(log) {}
 
-  // Adds a user of this name ("PC\name", profile "C:\Users\name") if there is none.
+  // Adds a user ("PC\name", profile "C:\Users\name") unless there is one.
   SimulatedUser Add(const std::wstring& name);
 
-  // Changes the profile folder of the user of this name.
+  // Changes a user's profile folder.
   void SetProfile(const std::wstring& name, const std::wstring& folder);
 
-  // Logs the user of this name on at the console.
+  // Logs a user on at the console.
   void LogOn(const std::wstring& name);
 
   // Returns to the logon screen, in a new session. Does nothing if no user is signed in.
   void LogOff();
 
-  // Leaves the console without a session (Platform::kNoSession), as between two sessions, until
-  // LogOn.
+  // Leaves the console without a session (Platform::kNoSession) until LogOn.
   void DetachConsole();
 
-  // The user that the calling thread acts as, or empty for the service itself.
+  // Returns the user that the calling thread acts as, or nothing for the service.
   std::optional<SimulatedUser> Acting() const;
 
-  // Whether any thread, including one that has ended, did not revert to the service.
+  // Returns whether any thread, even one that has ended, did not revert.
   bool AnyoneActs() const;
 
-  // The user of `token`. Empty for null, for a token of the system and for any other handle.
+  // Returns the user of `token`, or nothing if it is null, the system's or unknown.
   std::optional<SimulatedUser> UserOf(Platform::RawHandle token) const;
   std::optional<SimulatedUser> Find(const std::wstring& name) const;
 
-  // Whether `token` is an impersonation token, with which Windows starts no process.
+  // Returns whether `token` is an impersonation token, which cannot start a process.
   bool IsForImpersonation(Platform::RawHandle token) const;
 
-  // A primary token of the user of this name, or of the system for an empty name.
+  // Returns a primary token of a user, or of the system for an empty name.
   Platform::Result<Platform::UniqueHandle> TokenOf(const std::wstring& name) const;
 
   std::uint32_t ActiveConsoleSession() const override;
@@ -87,7 +86,7 @@ class SimulatedUsers final : public Platform::Sessions, public Platform::Environ
   };
   using Variables = std::vector<std::pair<std::wstring, std::wstring>>;
 
-  static constexpr wchar_t kSystem[] = L"";  // the owner name of the system's own tokens
+  static constexpr wchar_t kSystem[] = L"";  // owns the system's tokens
 
   static Variables VariablesOf(const SimulatedUser& user);
   Platform::Result<Platform::UniqueHandle> MakeToken(const std::wstring& owner,

@@ -9,7 +9,7 @@
 
 namespace Vx::Simulator {
 
-// The events of a simulated machine in order, each with its virtual time. Any thread.
+// The events of a simulated machine in order, with their virtual times. Any thread.
 class Timeline {
  public:
   struct Entry {
@@ -24,10 +24,11 @@ class Timeline {
 
   void Add(std::wstring text);
 
-  // Called with each new entry on the thread that adds it, one at a time. It must not add entries.
+  // Sets a function that is called with each new entry on the thread that adds it, one at a time.
+  // It must not add entries.
   void SetListener(Listener function);
 
-  // The entries, each as "61.000 text".
+  // Returns the entries, each as "61.000 text".
   std::vector<std::wstring> Lines() const;
 
  private:

@@ -20,10 +20,11 @@ using Duration = Platform::Clock::Duration;
 constexpr Duration kFirstPatience = std::chrono::seconds(10);
 
 // If several waits have the same deadline, the first runs alone, so that the order is fixed. If it
-// has not come to rest after this time, it may need a lock that the next one holds.
+// is not at rest after this time, it may need a lock that the next one holds.
 constexpr Duration kTurnPatience{250};
 
-// How often a parked worker polls a handle that its own wait would reset (see Park).
+// In milliseconds, how often a parked worker polls a handle that its own wait would reset (see
+// Park).
 constexpr DWORD kLookInterval = 2;
 
 constexpr std::uint64_t kFirstTicks = 3'600'000;
@@ -32,7 +33,7 @@ constexpr std::uint64_t kFileTimePerMillisecond = 10'000;
 
 // Declared here because the toolchain's headers omit it.
 struct EventBasicInformation {
-  ULONG type;  // 0 keeps its state until reset, 1 is reset by the wait that it ends
+  ULONG type;  // 0 if manual-reset, 1 if auto-reset
   LONG state;
 };
 using NtQueryEventFunction = NTSTATUS(NTAPI*)(HANDLE, int, void*, ULONG, ULONG*);
@@ -43,7 +44,7 @@ NtQueryEventFunction NtQueryEventAddress() {
   return address;
 }
 
-// Whether a wait on `handle` leaves its state unchanged.
+// Returns whether a wait leaves the state of `handle` unchanged.
 bool KeepsItsState(HANDLE handle) {
   EventBasicInformation information{};
   if (NtQueryEventAddress()(handle, 0, &information, sizeof information, nullptr) >= 0) {
@@ -52,7 +53,7 @@ bool KeepsItsState(HANDLE handle) {
   return GetProcessId(handle) != 0 || GetThreadId(handle) != 0;
 }
 
-// Consumes the signal of `handle` if it has one.
+// Consumes the signal of `handle`, if any.
 bool TakeSignal(HANDLE handle) {
   const DWORD code = WaitForSingleObject(handle, 0);
   return code == WAIT_OBJECT_0 || code == WAIT_ABANDONED;
@@ -76,7 +77,7 @@ Platform::WaitResult TimedOut() {
   std::abort();
 }
 
-// Returns another handle for the same object, or null for null.
+// Returns a duplicate of `handle`, or null if that is null.
 Platform::UniqueHandle OwnHandle(HANDLE handle) {
   HANDLE own = nullptr;
   if (handle != nullptr && DuplicateHandle(GetCurrentProcess(), handle, GetCurrentProcess(), &own,
@@ -196,7 +197,7 @@ void VirtualClock::Sleep(Duration length) {
 
 Platform::WaitResult VirtualClock::Wait(Platform::RawHandle handle,
                                         std::optional<Duration> length) {
-  // A kernel wait on the null handle fails like one on a closed handle.
+  // A kernel wait fails for a null handle as for a closed one.
   const DWORD code = WaitForSingleObject(handle, 0);
   if (code == WAIT_FAILED) return {Platform::WaitOutcome::Failed, code, GetLastError()};
   if (code != WAIT_TIMEOUT) return {Platform::WaitOutcome::Signalled, code, 0};
@@ -211,7 +212,7 @@ Platform::WaitResult VirtualClock::WaitForEither(Platform::RawHandle first,
   if (code == WAIT_TIMEOUT) {
     const Platform::WaitResult result = WaitFor(first, second, length);
     if (result.outcome != Platform::WaitOutcome::Signalled) return result;
-    code = look();  // both keep their signal
+    code = look();  // both keep their signals
   }
   if (code == WAIT_FAILED) return {Platform::WaitOutcome::Failed, code, GetLastError()};
   return {Platform::WaitOutcome::Signalled, code, 0};
@@ -238,7 +239,7 @@ Platform::Result<Platform::UniqueHandle> VirtualClock::MakeTimer() {
     return Platform::Result<Platform::UniqueHandle>::Failure(GetLastError());
   }
   const std::lock_guard guard(mutex);
-  // A known value belonged to a timer that its owner has closed.
+  // A known value belonged to a closed timer.
   timers[timer.get()] = {Platform::UniqueHandle(own), std::nullopt, 0};
   return timer;
 }
@@ -277,7 +278,7 @@ void VirtualClock::WorkerEnded() {
   --workers;
   const auto self = threads.find(GetCurrentThreadId());
   if (self != threads.end()) {
-    // Another thread may wait for this thread itself, which ends shortly after this call.
+    // Another thread may be waiting for this one, which ends shortly after this call.
     ending.push_back(std::move(self->second));
     threads.erase(self);
   }
@@ -296,9 +297,9 @@ Platform::WaitResult VirtualClock::WaitAsWorker(Lock& lock, Platform::RawHandle 
   return wake == Wake::Signalled ? Signalled() : TimedOut();
 }
 
-// A handle whose signal is consumed by the wait that it ends must not be waited for outside the
-// lock: until this thread's next instruction the clock would not see that it runs. Instead, this
-// function and AtRest poll it under the lock, and either may consume the signal.
+// A handle whose signal its wait consumes must not be waited for outside the lock, because the
+// clock would not see this thread run until its next instruction. Instead, this function and AtRest
+// poll it under the lock, and either may consume the signal.
 VirtualClock::Wake VirtualClock::Park(Lock& lock, Waiter& waiter) {
   const HANDLE handles[] = {waiter.wake.get(), waiter.handle.get(), waiter.second.get()};
   const DWORD count = waiter.second != nullptr ? 3 : waiter.level ? 2 : 1;
@@ -331,7 +332,7 @@ Platform::WaitResult VirtualClock::WaitOutside(Lock& lock, Platform::RawHandle h
     } else if (deadline) {
       now = *deadline;
     } else {
-      // No worker can act any more, so only a thread outside can signal the handle.
+      // No worker can run, so only an outside thread can signal the handle.
       lock.unlock();
       const DWORD code = WaitForSingleObject(handle, static_cast<DWORD>(Count(patience)));
       lock.lock();
@@ -360,8 +361,8 @@ bool VirtualClock::AtRest() {
   const auto runs = [](const Waiter& waiter) { return waiter.woken != Wake::No; };
   if (std::any_of(waiters.begin(), waiters.end(), runs)) return false;
 
-  // Often all workers wait for the same stop event. One query for all of them keeps a step of a
-  // thousand workers from a thousand calls into the system.
+  // Often all workers wait for the same stop event. Querying it once avoids a thousand system calls
+  // for a step of a thousand workers.
   Platform::RawHandle quiet = nullptr;
   bool rest = true;
   for (Waiter& waiter : waiters) {
@@ -417,7 +418,7 @@ void VirtualClock::Fire(const Due& due) {
   SetEvent(due.timer->event.get());
 }
 
-// Waits for rest and fires what is due next, unless that is later than `limit`.
+// Waits for rest and fires what is due next, unless that is after `limit`.
 bool VirtualClock::StepTo(Lock& lock, Duration limit) {
   const auto dueNow = NextDue();
   const bool moreNow = dueNow && dueNow->at <= now;

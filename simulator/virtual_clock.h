@@ -16,8 +16,8 @@
 
 namespace Vx::Simulator {
 
-// Thrown when workers do not come to rest within the clock's patience. Such a worker runs forever,
-// waits for something outside the clock, or is blocked by a lock that a parked worker holds.
+// Thrown if workers do not come to rest within the clock's patience: one runs forever, waits for
+// something outside the clock, or is blocked by a lock that a parked worker holds.
 class ClockStuck : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
@@ -25,15 +25,15 @@ class ClockStuck : public std::runtime_error {
 
 // A clock whose time moves only when a test or the simulator advances it.
 //
-// Every thread of Platform::Thread counts as running from the call that starts it until it is
-// parked in Sleep or Wait, or has ended. Advance moves time to the next deadline only while no
-// worker runs, wakes one wait, waits until every worker is at rest again, and repeats, so that each
-// run has the same order of events. A worker whose handle has been signalled counts as running from
-// the signal on, whichever thread signalled it. An event that is set and reset at once may go
-// unnoticed until its thread is scheduled. Mutexes are not supported.
+// Every thread of Platform::Thread counts as running from its start until it ends or is parked in
+// Sleep or Wait. While no worker runs, Advance moves time to the next deadline, wakes one wait,
+// waits until every worker is at rest again, and repeats, so that events occur in the same order in
+// each run. A worker whose handle is signalled counts as running from then on, whichever thread
+// signalled it. An event that is set and reset at once may go unnoticed until its thread is
+// scheduled. Mutexes are not supported.
 //
-// Every other thread (of a test, of the host) is outside. When it waits, it moves time itself, up
-// to its own deadline or until its handle is signalled. Any thread may call every function.
+// Every other thread (a test's or the host's) is outside. Its own waits move time up to its
+// deadline or until its handle is signalled. Any thread may call every function.
 class VirtualClock final : public Platform::Clock {
  public:
   VirtualClock();
@@ -43,35 +43,35 @@ class VirtualClock final : public Platform::Clock {
   // Ends the process with a message if a worker is still parked here.
   ~VirtualClock() override;
 
-  // Advances time through everything that is due until then. Every worker is at rest when it
-  // returns. Throws ClockStuck.
+  // Advances time through everything that is due. Every worker is at rest on return. Throws
+  // ClockStuck.
   void Advance(Duration length);
 
-  // Moves time from one deadline to the next until `reached` returns true. Calls `reached`, which
-  // must not wait, only while every worker is at rest. Returns false if it is still not reached
-  // after `limit`, or if nothing is left to wait for.
+  // Moves time from one deadline to the next until `reached` returns true. `reached` must not wait.
+  // It is called only while every worker is at rest. Returns false after `limit`, or if nothing is
+  // left to wait for.
   bool AdvanceUntil(const std::function<bool()>& reached, Duration limit);
 
   // Waits in real time until every worker is parked or has ended. Virtual time stands still. Throws
   // ClockStuck.
   void Settle();
 
-  // Simulates sleep of the machine: advances the tick count and UTC, but not the waits.
+  // Simulates sleep: advances the tick count and UTC, but not the waits.
   void JumpTicks(Duration asleep);
 
   void SetTickCount(std::uint64_t ticks);
   void SetUtcFileTime(std::uint64_t fileTime);
 
-  // Sets how long Settle lets workers run, in real time, before it throws. At first 10 s.
+  // Sets how long, in real time, Settle lets workers run before it throws. Initially 10 s.
   void SetPatience(Duration patience);
 
-  // Time advanced since the clock was constructed, without sleep of the machine.
+  // Returns the time advanced since construction, without sleep.
   Duration Elapsed() const;
 
-  // The same with its sleep: what a clock on the wall shows.
+  // Returns the same with sleep: the time on a wall clock.
   Duration Moment() const;
 
-  // Threads that have been started and have not ended.
+  // Returns the number of threads that have been started and have not ended.
   std::size_t Workers() const;
 
   std::uint64_t TickCount() const override;
@@ -93,8 +93,8 @@ class VirtualClock final : public Platform::Clock {
   struct Waiter {
     Platform::RawHandle callersHandle = nullptr;  // null for a sleep
     Platform::UniqueHandle handle;  // a duplicate, because the caller may close its own
-    bool level = false;             // stays signalled when a wait ends
-    Platform::UniqueHandle second;  // the other of two manual-reset events; null for one
+    bool level = false;             // stays signalled after a wait
+    Platform::UniqueHandle second;  // the second of two manual-reset events, or null
     std::optional<Duration> deadline;
     std::uint64_t turn = 0;  // orders waits with equal deadlines
     Platform::UniqueHandle wake;
@@ -107,7 +107,6 @@ class VirtualClock final : public Platform::Clock {
     std::uint64_t turn = 0;
   };
 
-  // What is due next: a waiter or a timer.
   struct Due {
     Duration at{};
     std::uint64_t turn = 0;
@@ -134,10 +133,10 @@ class VirtualClock final : public Platform::Clock {
   bool StepTo(Lock& lock, Duration limit);
   std::string Describe() const;
 
-  // Held by the thread that moves time. Taken before `mutex`.
+  // Held by the thread that moves time. Acquired before `mutex`.
   std::mutex driving;
 
-  mutable std::mutex mutex;  // guards all below
+  mutable std::mutex mutex;  // guards everything below
   std::condition_variable changed;
   Duration now{};
   Duration slept{};
@@ -146,7 +145,7 @@ class VirtualClock final : public Platform::Clock {
   std::uint64_t utcBase;
   std::uint64_t nextTurn = 0;
   std::size_t workers = 0;
-  std::map<std::uint32_t, Platform::UniqueHandle> threads;  // workers that have begun, by thread id
+  std::map<std::uint32_t, Platform::UniqueHandle> threads;  // running workers, by thread id
   std::vector<Platform::UniqueHandle> ending;  // have called WorkerEnded, but still run
   std::list<Waiter> waiters;
   std::map<Platform::RawHandle, Timer> timers;

@@ -4,14 +4,13 @@
 
 #include <wbemcli.h>
 
-// COM interfaces have no virtual destructor, because they are released and never deleted through.
-// Every implementation would cause this warning.
+// COM objects are released, not deleted through an interface, so they need no virtual destructor.
 #pragma GCC diagnostic ignored "-Wnon-virtual-dtor"
 
 namespace Vx::Simulator {
 
 // The WMI interfaces with every operation unimplemented, so that an implementation writes only the
-// operations that it has. The slots are in the order of the interface.
+// operations it has. The slots are in the interface's order.
 
 #define VX_REFUSES(name, ...)                            \
   HRESULT STDMETHODCALLTYPE name(__VA_ARGS__) override { \
