@@ -21,7 +21,7 @@ T ResultsOf(const ComPtr<Abi::IAsyncOperation<T>>& operation, std::chrono::milli
   return results;
 }
 
-// Closes the connection. Otherwise the app's service runs on until the system collects the object.
+// Closes the connection. Otherwise the app's service runs until the system collects the object.
 class ConnectionCloser {
  public:
   explicit ConnectionCloser(const ComPtr<Abi::IAppServiceConnection>& opened)

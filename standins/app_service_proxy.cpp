@@ -11,7 +11,7 @@ namespace Vx::Tessel::Server::TesselCommunication {
 
 namespace {
 
-// Windows stops an app's background task after 30 seconds, so a later reply cannot arrive.
+// Windows stops an app's background task after 30 seconds, so no reply can come later.
 constexpr std::chrono::seconds kStepLimit{30};
 
 constexpr wchar_t kNotDelivered[] =
@@ -25,7 +25,7 @@ const Logging::TraceLogger& Log() {
   return *Logging::LogManager::SetProvider(Logging::kComponentProvider);
 }
 
-// A console without a user is not an error. The message is then sent as the service.
+// A console without a user is not an error: the message is then sent as the service.
 void ReportRevert(Platform::ActingStep step, Platform::ErrorCode error) {
   if (step == Platform::ActingStep::Revert) Log().LogWarning(kRevertFailed, error);
 }
@@ -35,8 +35,7 @@ void ReportRevert(Platform::ActingStep step, Platform::ErrorCode error) {
 AppServiceProxySDK::AppServiceProxySDK(std::wstring family, std::wstring service)
     : packageFamilyName(std::move(family)), appServiceName(std::move(service)) {}
 
-// An app service belongs to a user, and Windows refuses a connection from the service's own
-// session.
+// An app service belongs to a user, and Windows refuses connections from the service's session.
 std::pair<int, std::wstring> AppServiceProxySDK::send_message(const std::wstring& text) {
   const auto exchange = [&] {
     return std::optional(
@@ -53,8 +52,7 @@ std::pair<int, std::wstring> AppServiceProxySDK::send_message(const std::wstring
   return *std::move(reply);
 }
 
-// The maker's library drops the connections that did not survive the restart. This one keeps none,
-// because every message opens and closes a connection.
+// The maker's library drops connections that did not survive the restart. This one keeps none.
 void AppServiceProxySDK::SystemRestarted() {}
 
 }  // namespace Vx::Tessel::Server::TesselCommunication

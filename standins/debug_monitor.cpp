@@ -23,8 +23,8 @@ namespace {
 
 using Platform::UniqueHandle;
 
-// The names of the protocol between writers and the monitor. The monitor creates the events and the
-// buffer, and the first writer creates the mutex.
+// The names of the protocol. The monitor creates the events and the buffer, the first writer the
+// mutex.
 constexpr wchar_t kMutex[] = L"DBWinMutex";
 constexpr wchar_t kBuffer[] = L"DBWIN_BUFFER";
 constexpr wchar_t kBufferReady[] = L"DBWIN_BUFFER_READY";
@@ -36,7 +36,7 @@ constexpr DWORD kMutexAccess = SYNCHRONIZE | MUTEX_MODIFY_STATE;
 // READ_CONTROL), as if OutputDebugString had created it.
 constexpr wchar_t kMutexSecurity[] = L"D:(A;;0x1F0001;;;SY)(A;;0x1F0001;;;BA)(A;;0x120001;;;WD)";
 
-// The content of the buffer. Longer texts are sent in pieces.
+// The buffer's content. Longer texts are sent in pieces.
 struct Packet {
   DWORD processId;
   char text[4092];
@@ -50,16 +50,16 @@ constexpr std::uint64_t kPatience = 100;      // milliseconds
 constexpr std::uint64_t kAnswerHolds = 1000;  // milliseconds
 constexpr std::uint64_t kLeftAlone = 60'000;  // milliseconds
 
-// Whether a monitor was there, and until when that counts. Without it every log line would pay a
-// call into the system, several times what the "parse, dispatch, answer" rows take as a whole.
+// Whether a monitor was found, and until when that is valid. Otherwise every log line would pay for
+// a system call, several times the cost of the whole "parse, dispatch, answer" rows.
 std::atomic<bool> monitorFound{false};
 std::atomic<std::uint64_t> foundUntil{0};
 
-// Until when a reader that did not keep up is left alone, whatever else is found meanwhile.
+// When to try a reader that did not keep up again, whatever is found until then.
 std::atomic<std::uint64_t> leftAloneUntil{0};
 
-// Admits one writer of this module at a time, so that the patience with the reader does not include
-// the wait for one another.
+// Admits one writer of this module at a time, so that their waits for each other do not count
+// against the reader.
 SRWLOCK writers = SRWLOCK_INIT;
 
 class WritersLock {
@@ -70,7 +70,7 @@ class WritersLock {
   ~WritersLock() { ReleaseSRWLockExclusive(&writers); }
 };
 
-// The real clock even under a simulated machine, because the monitor is real.
+// The monitor is real, even under a simulated machine.
 Platform::Clock& RealClock() {
   return *Platform::WindowsMachine().clock;
 }
@@ -98,7 +98,7 @@ bool WaitUntil(const UniqueHandle& handle, std::uint64_t end) {
   return RealClock().Wait(handle.get(), left).outcome == Platform::WaitOutcome::Signalled;
 }
 
-// Owns the mutex for a scope.
+// Holds the mutex for a scope.
 class WritersTurn {
  public:
   explicit WritersTurn(std::uint64_t end)
@@ -120,9 +120,9 @@ struct ViewCloser {
   void operator()(void* view) const noexcept { UnmapViewOfFile(view); }
 };
 
-// Raises the exception by which OutputDebugString offers a text to its own process, for a handler
-// such as the development host's. The frame-based handler that ends it there needs a compiler with
-// structured exceptions, so a vectored handler does it here, after all others.
+// Raises the exception with which OutputDebugString offers a text to its own process, for handlers
+// such as the development host's. A vectored handler, after all others, ends it here, because a
+// frame-based one needs a compiler with structured exceptions.
 class Offer {
  public:
   explicit Offer(std::wstring_view text) noexcept : handler(AddVectoredExceptionHandler(0, &End)) {
@@ -146,12 +146,12 @@ class Offer {
   }
 
   static constexpr DWORD kWideDebugOutput = 0x4001000A;  // DBG_PRINTEXCEPTION_WIDE_C
-  static constexpr char mark = 0;  // its address marks these exceptions as this module's
+  static constexpr char mark = 0;  // its address marks this module's exceptions
 
   void* handler;
 };
 
-// Puts the beginning of `text` into the packet and removes it from `text`.
+// Moves the beginning of `text` into the packet.
 void TakePiece(std::wstring_view& text, Packet& packet) {
   std::size_t length = std::min(text.size(), kPiece);
   if (length < text.size() && IS_HIGH_SURROGATE(text[length - 1])) --length;
@@ -162,7 +162,7 @@ void TakePiece(std::wstring_view& text, Packet& packet) {
   text.remove_prefix(length);
 }
 
-// False if there is a monitor that did not take the whole text until `end`.
+// Returns false if there is a monitor that did not take the whole text by `end`.
 bool SendToMonitor(std::wstring_view text, std::uint64_t end) {
   const UniqueHandle buffer(OpenFileMappingW(FILE_MAP_WRITE, FALSE, kBuffer));
   if (buffer == nullptr) return GetLastError() == ERROR_FILE_NOT_FOUND;
@@ -176,11 +176,11 @@ bool SendToMonitor(std::wstring_view text, std::uint64_t end) {
   if (view == nullptr) return false;
   while (!text.empty()) {
     if (!WaitUntil(bufferReady, end)) return false;
-    Packet packet{};  // no leftovers of the stack leave the process
+    Packet packet{};  // zeroed, so that no stack leftovers leave the process
     packet.processId = GetCurrentProcessId();
     TakePiece(text, packet);
-    // The monitor may have reserved the memory without committing it, or backed it by a file that
-    // is gone. This call then fails where a plain copy would end the process.
+    // Fails where a plain copy would end the process: the monitor may have reserved the memory
+    // without committing it, or backed it by a file that is gone.
     if (WriteProcessMemory(GetCurrentProcess(), view.get(), &packet, sizeof packet, nullptr) ==
         FALSE) {
       return false;

@@ -23,16 +23,14 @@ namespace Vx::Tessel::Server::Logging {
 
 namespace {
 
-// The provider of the service object's own logger.
 constexpr wchar_t kServiceProvider[] = L"Vx-Tessel-Service";
 
-// The event provider that every line goes to: {653180DD-2F61-43C5-B3F1-1B516C6D7870}.
+// Every line goes to this event provider: {653180DD-2F61-43C5-B3F1-1B516C6D7870}.
 constexpr GUID kEventProvider = {
     0x653180dd, 0x2f61, 0x43c5, {0xb3, 0xf1, 0x1b, 0x51, 0x6c, 0x6d, 0x78, 0x70}};
 
-// Longest message, and longest line with the level, provider and caller before it, in characters.
-// A longer text is cut, because a line is meant to be read and its buffer is on the stack of the
-// thread that logs.
+// The longest message, and the longest line with level, provider and caller, in characters. Longer
+// texts are cut, because people read the line and its buffer is on the logging thread's stack.
 constexpr std::size_t kLongestMessage = 4096;
 constexpr std::size_t kLongestCaller = 256;
 constexpr std::size_t kLongestFormat = 1024;
@@ -40,7 +38,7 @@ constexpr std::size_t kLongestLine = kLongestMessage + kLongestCaller + 256;
 
 struct LevelNames {
   const wchar_t* text;
-  UCHAR event;  // the level of Windows' event tracing
+  UCHAR event;  // the event tracing level
 };
 constexpr LevelNames kLevels[] = {{L"INFO", 4}, {L"WARNING", 3}, {L"ERROR", 2}};
 
@@ -48,7 +46,7 @@ const LevelNames& NamesOf(LogLevel level) {
   return kLevels[static_cast<std::size_t>(level)];
 }
 
-// A caller may log between a failed call and GetLastError().
+// Callers may log between a failed call and GetLastError().
 class LastErrorKept {
  public:
   LastErrorKept() noexcept : error(GetLastError()) {}
@@ -60,8 +58,7 @@ class LastErrorKept {
   DWORD error;
 };
 
-// A lock without a constructor, a destructor or a kernel object, for state that lives as long as
-// the module is loaded.
+// A lock without constructor, destructor or kernel object, for state as long-lived as the module.
 class StaticLock {
  public:
   void lock() noexcept { AcquireSRWLockExclusive(&state); }
@@ -72,7 +69,7 @@ class StaticLock {
 };
 
 // Event tracing. The provider is registered at first use and unregistered when the module is
-// unloaded. Windows holds no pointer to code of this module.
+// unloaded. Windows holds no pointer into this module's code.
 class EventTrace {
  public:
   EventTrace() noexcept {
@@ -115,14 +112,13 @@ struct HostSink {
   void* context = nullptr;
 };
 
-// The registered sinks, guarded by the lock. A delivery holds it, so that sinks receive one record
-// at a time and their removal waits for the end of a call. `sinkCount` may be read without the
-// lock.
+// The registered sinks, guarded by the lock. Deliveries hold it, so sinks receive one record at a
+// time and a removal waits for the call to end. `sinkCount` may be read without the lock.
 StaticLock sinkLock;
 std::vector<SinkEntry>* sinks = nullptr;  // null while empty
 constinit HostSink hostSink;
 std::atomic<std::size_t> sinkCount{0};
-// The thread that is calling a sink. A sink that logs, against its contract, must not block itself.
+// The thread that is calling a sink. A sink that logs, against its contract, must not deadlock.
 std::atomic<DWORD> deliveringThread{0};
 
 // The caller holds the lock.
@@ -131,7 +127,7 @@ void CountSinks() noexcept {
   sinkCount.store(own + (hostSink.function != nullptr ? 1 : 0), std::memory_order_release);
 }
 
-// The texts of a record end with a NUL where the module logs.
+// A record's texts end with a NUL here.
 void DeliverToHost(const LogRecord& record) noexcept {
   const VxLogLine line{.size = sizeof line,
                        .level = static_cast<std::uint32_t>(record.level),
@@ -160,9 +156,9 @@ void DeliverToSinks(const LogRecord& record) {
 
 constexpr wchar_t kReplacement = 0xFFFD;
 
-// A client's text must neither begin a line of its own nor reach the terminal that shows the log as
-// a command: control characters and line separators do both, and marks of writing direction reorder
-// what is shown. Blanks among them stay blanks.
+// A client's text must not start a new line or control the terminal that shows the log, as control
+// characters and line separators do, or reorder text, as direction marks do. White space among them
+// becomes a blank.
 wchar_t Shown(wchar_t unit) noexcept {
   if (unit >= L'\t' && unit <= L'\r') return L' ';
   const bool control = unit < L' ' || (unit >= 0x7F && unit < 0xA0);
@@ -172,9 +168,8 @@ wchar_t Shown(wchar_t unit) noexcept {
   return control || separator || direction ? kReplacement : unit;
 }
 
-// Formats into `buffer` with the host's conversions. False if the text does not fit or cannot be
-// formatted. The C runtime's function then leaves the beginning, without a terminator; hence the
-// zeroes.
+// Formats into `buffer` with the host's conversions. Returns false if the text does not fit or
+// cannot be formatted. The C runtime then leaves its beginning unterminated, hence the zeros.
 template <std::size_t Size>
 bool FormatWhole(wchar_t (&buffer)[Size], const wchar_t* format, va_list arguments) {
   std::fill(std::begin(buffer), std::end(buffer), L'\0');
@@ -185,8 +180,8 @@ bool FormatWhole(wchar_t (&buffer)[Size], const wchar_t* format, va_list argumen
   return length >= 0;
 }
 
-// Writes `format` to `bounded` with every text conversion limited to `limit` characters, unless it
-// has a limit already. False if there is no room.
+// Copies `format` to `bounded`, limiting every text conversion that has no limit to `limit`
+// characters. Returns false if there is no room.
 template <std::size_t Size>
 bool BoundTexts(const wchar_t* format, int limit, wchar_t (&bounded)[Size]) {
   wchar_t* out = bounded;
@@ -211,8 +206,8 @@ bool BoundTexts(const wchar_t* format, int limit, wchar_t (&bounded)[Size]) {
   return *format == L'\0';
 }
 
-// Formats into `buffer`. If the message is too long, its texts are cut so that what follows them in
-// the format stays: the end of a line says what happened to the text.
+// Formats into `buffer`. If the message is too long, cuts its texts but keeps the rest of the
+// format, because the end of a line says what happened.
 template <std::size_t Size>
 std::wstring_view Format(wchar_t (&buffer)[Size], const wchar_t* format, va_list arguments) {
   if (!FormatWhole(buffer, format, arguments)) {
@@ -235,7 +230,7 @@ std::wstring_view Format(wchar_t (&buffer)[Size], const wchar_t* format, va_list
   return message;
 }
 
-// Copies what fits of a caller's identity.
+// Copies as much of a caller's identity as fits.
 template <std::size_t Size>
 std::wstring_view CopyCaller(wchar_t (&buffer)[Size], const wchar_t* caller) noexcept {
   const std::size_t length = caller != nullptr ? wcsnlen(caller, Size - 1) : 0;
@@ -244,8 +239,8 @@ std::wstring_view CopyCaller(wchar_t (&buffer)[Size], const wchar_t* caller) noe
   return {buffer, length};
 }
 
-// A debug line: `LEVEL provider [caller] message` and a line feed, without the brackets if no
-// caller is known.
+// Sends a debug line: `LEVEL provider [caller] message` and a line feed, without brackets if there
+// is no caller.
 void DeliverToDebugger(const LogRecord& record, const wchar_t* line) {
   wchar_t text[kLongestLine + 16];
   _snwprintf(text, std::size(text) - 2, L"%s %s", NamesOf(record.level).text, line);
@@ -254,7 +249,7 @@ void DeliverToDebugger(const LogRecord& record, const wchar_t* line) {
   SendDebugOutput(text);
 }
 
-// A line for people: `provider [caller] message`.
+// Formats `provider [caller] message`.
 void DeliverToSystem(const LogRecord& record, bool traced, bool debugged) {
   wchar_t line[kLongestLine];
   const auto length = [](std::wstring_view text) { return static_cast<int>(text.size()); };
@@ -268,7 +263,7 @@ void DeliverToSystem(const LogRecord& record, bool traced, bool debugged) {
   if (debugged) DeliverToDebugger(record, line);
 }
 
-// Who would receive a line now.
+// The listeners that would receive a line now.
 class Listeners {
  public:
   explicit Listeners(LogLevel level)
@@ -330,14 +325,14 @@ TraceLogger* LogManager::GetLogger() {
 }
 
 TraceLogger* LogManager::SetProvider(const char* name) {
-  // Loggers are never removed, so finding one takes no lock, which the threads of commands would
-  // meet at several times each.
+  // Loggers are never removed, so a lookup needs no lock, for which the threads of commands would
+  // contend.
   struct Known {
     std::string name;
     std::unique_ptr<TraceLogger> logger;
     const Known* next;
   };
-  static StaticLock lock;  // held while one is added
+  static StaticLock lock;  // held while adding one
   static std::atomic<const Known*> newest{nullptr};
 
   const std::string_view wanted = name != nullptr ? name : "";

@@ -13,17 +13,16 @@ namespace Vx::Tessel::Server::Logging {
 
 namespace {
 
-// In the calling convention of 64-bit Windows the arguments lie one behind the other, each in a
-// slot of this size, whatever its type.
+// In the calling convention of 64-bit Windows each argument takes one slot of this size.
 using Slot = std::uint64_t;
 static_assert(sizeof(va_list) == sizeof(Slot));  // a pointer to the next slot
 
-// Longest narrow text that is widened, in bytes. A line has room for less.
+// The longest narrow text that is widened, in bytes. A line has less room.
 constexpr std::size_t kLongest = 32768;
 
 constexpr wchar_t kBeforeLetter[] = L"-+ #.0123456789*hlwLIjzt";
 
-// A narrow text of a line: where its format says so, and which argument it is.
+// A narrow text of a line: its place in the format and its argument.
 struct Narrow {
   std::size_t place;
   std::size_t slot;
@@ -35,7 +34,7 @@ struct Line {
   std::size_t slots = 0;  // arguments in all
 };
 
-// Finds the conversions "%S" with any width. Texts beyond the eighth stay as they are.
+// Finds the conversions "%S" with any width. Ignores those after the eighth.
 Line Read(const wchar_t* format) {
   Line line;
   for (const wchar_t* at = format; *at != L'\0'; ++at) {
@@ -60,7 +59,7 @@ bool IsAscii(const char* text) {
   return *text == '\0';
 }
 
-// Shows what is not UTF-8 as U+FFFD.
+// Replaces what is not UTF-8 with U+FFFD.
 std::wstring FromUtf8(const char* text) {
   const auto size = static_cast<int>(strnlen(text, kLongest));
   std::wstring wide(static_cast<std::size_t>(size), L'\0');

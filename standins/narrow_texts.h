@@ -7,11 +7,11 @@
 
 namespace Vx::Tessel::Server::Logging {
 
-// The format and the arguments of a log line, with its narrow texts widened from UTF-8. The C
-// runtime would show each byte of such a text as a character ("J\u00C3\u00BCrgen").
+// The format and arguments of a log line, with its narrow texts widened from UTF-8. The C runtime
+// would show each byte of such a text as a character ("J\u00C3\u00BCrgen").
 //
-// Leaves a line as it is if its narrow texts are ASCII, if they have a precision, and without
-// memory. Borrows what it is constructed from and allocates only for a text that is not ASCII.
+// Keeps the line unchanged if its narrow texts are ASCII or have a precision, or if out of memory.
+// Borrows what it is constructed from. Allocates only for a text that is not ASCII.
 class NarrowTexts {
  public:
   NarrowTexts(const wchar_t* format, va_list arguments) noexcept;
@@ -20,7 +20,7 @@ class NarrowTexts {
 
   const wchar_t* Format() const noexcept { return format; }
 
-  // Valid for as long as this object.
+  // Valid as long as this object.
   va_list Arguments() const noexcept { return arguments; }
 
  private:
