@@ -4,31 +4,29 @@
 
 namespace Vx::Tessel::Server::Services {
 
-// Decides whether a client without the maker's manifest is tolerated. The host is built with
-// another compiler, so the contract is this table of slots: one entry per function, in this order.
-// All arguments are scalars or pointers, and nothing is thrown. No two slots share a name, because
+// Decides whether a client without the maker's manifest is tolerated. Another compiler builds the
+// host, so the contract is this table of slots: one entry per function, in this order. All
+// arguments are scalars or pointers, and nothing is thrown. No two slots share a name, because
 // compilers order overloaded virtual functions differently.
 //
-// The object keeps no state between calls. Any thread may call, and no call waits. Results are
-// Win32 error codes: 0 success, 87 for a null argument, 8 without memory, 31 for any other failure.
-// On success `*exempt` becomes 1 or 0. Otherwise it keeps its value.
+// Stateless. Any thread may call, and no call waits. Results are Win32 error codes: 0 success, 87
+// null argument, 8 out of memory, 31 any other failure. On success `*exempt` becomes 1 or 0.
+// Otherwise it keeps its value.
 class VxClientExemption {
  public:
   VxClientExemption() = default;
   VxClientExemption(const VxClientExemption&) = delete;
   VxClientExemption& operator=(const VxClientExemption&) = delete;
 
-  // Slot 0. Destroys the object; bit 0 of `flags` frees its memory too. Returns the object's
-  // address.
+  // Slot 0. Destroys the object. Bit 0 of `flags` also frees its memory. Returns its address.
   virtual void* Destroy(unsigned flags) = 0;
 
-  // Slot 1. A packaged client by its package family name (NUL-terminated UTF-16). Letter case
-  // counts.
+  // Slot 1. A packaged client by its package family name (NUL-terminated UTF-16), case-sensitive.
   virtual uint32_t IsUwpExempt(const wchar_t* packageFamilyName, uint16_t majorVersion,
                                uint16_t minorVersion, int32_t* exempt) = 0;
 
   // Slot 2. A desktop client by its executable's name, without folder and extension (NUL-terminated
-  // UTF-16). Turns the letters A to Z in `executableName` to lower case in place.
+  // UTF-16). Lowercases the letters A to Z of `executableName` in place.
   virtual uint32_t IsWin32Exempt(wchar_t* executableName, uint16_t majorVersion,
                                  uint16_t minorVersion, int32_t* exempt) = 0;
 
@@ -36,7 +34,7 @@ class VxClientExemption {
   ~VxClientExemption() = default;
 };
 
-// The factory, exported under this name. Returns null without memory. Slot 0 frees the object.
+// The factory, exported under this name. Returns null if out of memory. Slot 0 frees the object.
 using CreateClientExemptionFunction = VxClientExemption* (*)();
 inline constexpr char kCreateClientExemptionExport[] = "CreateClientExemption";
 

@@ -4,12 +4,11 @@
 
 namespace Vx::Tessel::Server::Services {
 
-// The memory layout of the host's callable, its standard function object of 64 bytes. The last word
-// points at the held callable, or is null if there is none. The callable may be inside the object
-// itself.
+// The memory layout of the host's callable, its 64-byte standard function object. The last word
+// points to the held callable, which may be inside the object, or is null if there is none.
 struct CompletionCallback {
-  // The table of the held callable: copy, move, call, type, then delete-this. The argument of
-  // delete-this is whether the callable is outside the object and has to be freed.
+  // The held callable's table: copy, move, call, type, then delete-this, whose argument says
+  // whether the callable is outside the object and must be freed.
   struct Held {
     void* const* table;
   };
@@ -18,7 +17,7 @@ struct CompletionCallback {
   Held* held;
 };
 
-// Destroys a callback that was passed by value, without calling it. It may be null or empty.
+// Destroys a callback that was passed by value, without calling it. Accepts null and empty.
 inline void DestroyCallback(CompletionCallback* callback) noexcept {
   constexpr size_t kDeleteThisSlot = 4;
   using DeleteThis = void (*)(CompletionCallback::Held * self, bool outsideTheObject);

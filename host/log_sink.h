@@ -1,7 +1,7 @@
 #pragma once
 
-// How a host receives the module's log lines, and with some of them a record: what the module
-// decided, in fields instead of words for people. docs/host.md describes both.
+// How a host receives the module's log lines, some with a record: the module's decision, as fields
+// instead of text. docs/host.md describes both.
 
 #include <stddef.h>
 #include <stdint.h>
@@ -11,44 +11,44 @@ extern "C" {
 #endif
 
 // One change of the stored subscriptions, one command that was refused or changed something, or the
-// beginning or end of one delivery. Texts are NUL-terminated UTF-16, empty where there is nothing to
-// say, and those of the first group are stable words.
+// start or end of one delivery. Texts are NUL-terminated UTF-16, or empty. Those of the first group
+// are stable words.
 typedef struct VxLogRecord {
-  size_t size;  // of this struct, which later versions lengthen at its end
+  size_t size;  // of this struct; later versions append members
 
   const wchar_t* kind;  // "command", "completion", "power", "platform" or "uninstall"
   const wchar_t* decision;
   const wchar_t* reason;
 
   const wchar_t* subscription;  // its hash
-  const wchar_t* target;        // the path of its program, or "FAMILY/APP SERVICE"
-  const wchar_t* package;       // the family that an uninstall is about
-  const wchar_t* client;        // that sent the command
+  const wchar_t* target;        // its program's path, or "FAMILY/APP SERVICE"
+  const wchar_t* package;       // the family of an uninstall
+  const wchar_t* client;        // the sender of the command
 
-  uint32_t number;        // the id of a command, or the code of an event
-  uint32_t status;        // why Windows or the module failed, as its own number; 0 if neither did
-  uint32_t process;       // that was started; 0 if none was
-  uint64_t delivery;      // the same in each record of one delivery of this process; 0 for others
-  uint64_t milliseconds;  // that a command or a delivery took; of one that waits, its delay
+  uint32_t number;        // a command's id or an event's code
+  uint32_t status;        // Windows' or the module's own error, 0 if none
+  uint32_t process;       // the started process, 0 if none
+  uint64_t delivery;      // the same in all records of one delivery in this process, 0 for others
+  uint64_t milliseconds;  // duration of a command or a delivery, or a waiting delivery's delay
 } VxLogRecord;
 
 typedef struct VxLogLine {
-  size_t size;               // of this struct, which later versions lengthen at its end
-  uint32_t level;            // 0 information, 1 warning, 2 error
-  uint32_t thread;           // that logs
-  const wchar_t* provider;   // NUL-terminated UTF-16, as the next two
-  const wchar_t* caller;     // identity of the client that the line is about; empty if there is none
+  size_t size;              // of this struct; later versions append members
+  uint32_t level;           // 0 information, 1 warning, 2 error
+  uint32_t thread;          // the logging thread
+  const wchar_t* provider;  // NUL-terminated UTF-16, like the next two
+  const wchar_t* caller;    // identity of the client that the line is about, or empty
   const wchar_t* text;
-  const VxLogRecord* record;  // null for a line without one
+  const VxLogRecord* record;  // or null
 } VxLogLine;
 
-// Is called on the thread that logs, which may hold locks of the module, for one line at a time.
-// Must copy what it keeps, return at once, and neither throw nor call the module.
+// Called on the logging thread, which may hold locks of the module, for one line at a time. Must
+// copy what it keeps, return at once, and neither throw nor call the module.
 typedef void (*VxLogSink)(const VxLogLine* line, void* context);
 
-// Replaces the sink; null ends it. The earlier one is not called any more when this returns. Any
-// thread but one that is in a sink. Find it by its name with GetProcAddress: a module that logs
-// through another library does not have it.
+// Replaces the sink, or removes it if null. After this returns, the earlier one is no longer
+// called. Any thread except one that is in a sink. Find it by its name with GetProcAddress: a
+// module that logs through another library does not have it.
 void VxSetLogSink(VxLogSink sink, void* context);
 typedef void (*VxSetLogSinkFunction)(VxLogSink sink, void* context);
 

@@ -8,33 +8,32 @@
 
 #include "host/log_sink.h"
 
-// Contract of the host's logging library. standins/ implements it. A build option links the maker's
-// own library instead.
+// Contract of the host's logging library, implemented in standins/. A build option links the
+// maker's own library instead.
 
 namespace Vx::Tessel::Server::Logging {
 
 enum class LogLevel : std::uint8_t { Info = 0, Warning = 1, Error = 2 };
 
-// One log line. The views are valid only during the call that delivers the record.
+// One log line. The views are valid only while the record is being delivered.
 struct LogRecord {
   LogLevel level = LogLevel::Info;
   std::wstring_view provider;
-  std::wstring_view
-      caller;  // identity of the client that the line is about; empty if there is none
+  std::wstring_view caller;  // identity of the client that the line is about, or empty
   std::wstring_view message;
-  const VxLogRecord* record = nullptr;  // of a line written with WriteRecord
+  const VxLogRecord* record = nullptr;  // if written with WriteRecord
 };
 
-// Argument types that a printf-style format takes unchanged.
+// Argument types that a printf-style format takes as they are.
 template <typename T>
 concept LogArgument = std::is_arithmetic_v<std::decay_t<T>> || std::is_pointer_v<std::decay_t<T>>;
 
 // Writes log lines for one provider. Formats are printf-style and wide, with the host's
-// conversions: %s takes wide text, %S narrow text in UTF-8. Any thread; never throws. A line that
-// cannot be formatted or delivered is dropped. Costs almost nothing without a listener.
+// conversions: %s takes wide text, %S narrow UTF-8. Any thread; never throws. A line that cannot be
+// formatted or delivered is dropped. Costs almost nothing if there is no listener.
 class TraceLogger {
  public:
-  // The same logger with a caller identity on every record. Borrows both for its own life.
+  // The same logger with a caller identity on every record. Borrows both.
   class ForCaller {
    public:
     ForCaller(const TraceLogger& owner, const wchar_t* callerId) noexcept
@@ -86,27 +85,27 @@ class TraceLogger {
   std::wstring provider;
 };
 
-// Returns loggers, which live as long as the process.
+// Provides loggers, which live as long as the process.
 class LogManager {
  public:
-  // Receives every record, one at a time, on the thread that logs. Must not throw or log.
+  // Receives every record, one at a time, on the logging thread. Must not throw or log.
   using Sink = std::function<void(const LogRecord&)>;
   using SinkId = std::uint64_t;
 
   // The service's own logger.
   static TraceLogger* GetLogger();
 
-  // The logger of a named provider. The same name returns the same logger.
+  // The logger of a provider, the same for the same name.
   static TraceLogger* SetProvider(const char* name);
 
-  // Listeners of the host or of a test. A sink is not called after RemoveSink has returned,
-  // and must call neither function.
+  // Listeners of the host or of a test. A sink is not called after RemoveSink has returned, and
+  // must call neither function.
   static SinkId AddSink(Sink sink);
   static void RemoveSink(SinkId id);
 };
 
-// Writes a line of the service's own logger, about the client of `record`, which listeners receive
-// with it. Any thread; never throws. With the maker's library, the line alone is written.
+// Writes a line of the service's own logger, about the client of `record`, which listeners also
+// receive. Any thread; never throws. The maker's library writes only the line.
 void WriteRecord(const VxLogRecord& record, LogLevel level, const wchar_t* text) noexcept;
 
 inline constexpr char kComponentProvider[] = "Vx-Tessel-SystemInformation";

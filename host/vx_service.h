@@ -5,24 +5,25 @@
 
 namespace Vx::Tessel::Server::Services {
 
-// The caller's identity. Slot 1 creates it and slot 2 frees it.
+// The caller's identity, created by slot 1 and freed by slot 2.
 struct ClientContext {
   wchar_t* clientId;  // NUL-terminated, at most 64 characters, owned by the record
 };
 
-// The host's completion callback: a callable passed by value. The host's compiler passes the
-// address of a copy, which the callee destroys (see completion_callback.h).
+// The host's completion callback, a callable passed by value: its compiler passes the address of a
+// copy, which the callee destroys (see completion_callback.h).
 struct CompletionCallback;
 
-// The abstract service class of the host, which is a closed program built with another compiler.
-// The contract is this table of slots, in this order, one entry each.
+// The abstract service class of the host, a closed program built by another compiler. The contract
+// is this table of slots, in this order, one entry each.
 //
-// Slot 0 is one ordinary virtual function instead of the deleting destructor of the host's
-// compiler. A C++ virtual destructor would take two entries here and shift every slot behind it.
-// All arguments are scalars or pointers, which both compilers pass in the same way.
+// Slot 0 is an ordinary virtual function in place of the other compiler's deleting destructor,
+// because a C++ virtual destructor would take two entries here and shift all later slots. All
+// arguments are scalars or pointers, which both compilers pass in the same way.
 //
-// The calling thread must not impersonate: slots 3, 6, 8 and 9 act as the user at the console and
-// return the thread with its process's identity. A debug build of the module ends the process when
+// The calling thread must not impersonate: slots 3, 6, 8 and 9 act as the console user and leave
+// the thread with its process's identity. A debug build of the module ends the process if such a
+// thread calls slot 3, 5, 6, 8 or 9.
 // slot 3, 5, 6, 8 or 9 is called by such a thread.
 class VxService {
  public:
@@ -30,18 +31,17 @@ class VxService {
   VxService(const VxService&) = delete;
   VxService& operator=(const VxService&) = delete;
 
-  // Slot 0. Destroys the object; bit 0 of `flags` frees its memory too. Returns the object's
-  // address.
+  // Slot 0. Destroys the object. Bit 0 of `flags` also frees its memory. Returns its address.
   virtual void* Destroy(unsigned flags) = 0;
 
-  // Slot 1. Creates the context of a caller. `clientId` has at most 64 characters.
+  // Slot 1. Creates a caller's context. `clientId` has at most 64 characters.
   virtual uint32_t CreateClientContext(const wchar_t* clientId, ClientContext** context) = 0;
 
   // Slot 2. Frees a context. Does not clear the caller's pointer.
   virtual uint32_t ReleaseClientContext(ClientContext** context) = 0;
 
   // Slot 3. Runs command `functionId`. `request` is NUL-terminated UTF-16 JSON. `*response`
-  // receives the answer in a buffer that slot 4 frees.
+  // receives the response in a buffer that slot 4 frees.
   virtual uint32_t ExecuteCommand(ClientContext* context, uint32_t functionId,
                                   const wchar_t* request, wchar_t** response,
                                   CompletionCallback* callback) = 0;
@@ -52,16 +52,16 @@ class VxService {
   // Slot 5. Starts the background work.
   virtual void Start() {}
 
-  // Slot 6. A power broadcast (PBT_ code) that the host received.
+  // Slot 6. The host received a power broadcast (PBT_ code).
   virtual void power_event_task(uint32_t eventType) { static_cast<void>(eventType); }
 
   // Slot 7. Reserved.
   virtual void Reserved7() {}
 
-  // Slot 8. Called when first-run set-up is over. Returns true if nothing is left to do.
+  // Slot 8. First-run set-up is over. Returns true if nothing is left to do.
   virtual bool oobe_event_task() { return true; }
 
-  // Slot 9. A session change (WTS_SESSION_ code) that the host received.
+  // Slot 9. The host received a session change (WTS_SESSION_ code).
   virtual void OnSessionChange(uint32_t code) { static_cast<void>(code); }
 
   // Slot 10. Reserved.
@@ -72,7 +72,7 @@ class VxService {
 };
 
 // The module's only factory, exported under this name. Each call returns a separate service, or
-// null without memory. The host creates one. Slot 0 frees it.
+// null if out of memory. The host creates one. Slot 0 frees it.
 using CreateServiceFunction = VxService* (*)();
 inline constexpr char kCreateServiceExport[] = "VxCreateService";
 

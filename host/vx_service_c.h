@@ -1,8 +1,8 @@
 #pragma once
 
-// The contract of vx_service.h for a host in C, or in any language that speaks C: the object as a
-// pointer to a table of functions. docs/host.md describes what each one does, and from which thread
-// it may be called.
+// The contract of vx_service.h for a host in C, or in any language that can call C: the object as a
+// pointer to a table of functions. docs/host.md describes each function and the threads that may
+// call it.
 
 #include <stdbool.h>
 #include <stddef.h>
@@ -12,13 +12,13 @@
 extern "C" {
 #endif
 
-// The caller's identity. Slot 1 creates it and slot 2 frees it.
+// The caller's identity, created by slot 1 and freed by slot 2.
 typedef struct VxClientContext {
   wchar_t* clientId;  // NUL-terminated, at most 64 characters, owned by the record
 } VxClientContext;
 
-// The host's callable, which slot 3 destroys through the fifth entry of `held->table` and never
-// calls. A host without one passes a null pointer.
+// The host's callable. Slot 3 destroys it through the fifth entry of `held->table` and never calls
+// it. Pass null for none.
 typedef struct VxHeldCallable {
   void* const* table;
 } VxHeldCallable;
@@ -29,9 +29,9 @@ typedef struct VxCompletionCallback {
 
 typedef struct VxServiceObject VxServiceObject;
 
-// The slots in their order. The comment before each group names the results.
+// The slots in order. The comment before each group describes the results.
 typedef struct VxServiceTable {
-  // Slot 0. Bit 0 of `flags` frees the object's memory too. Returns the object's address.
+  // Slot 0. Bit 0 of `flags` also frees the object's memory. Returns its address.
   void* (*Destroy)(VxServiceObject* self, unsigned flags);
 
   // Slots 1 to 3. Result codes, 0 for success. `request` is NUL-terminated UTF-16 JSON.
@@ -53,7 +53,7 @@ typedef struct VxServiceTable {
 
   void (*Reserved7)(VxServiceObject* self);
 
-  // Slot 8. First-run set-up is over. Returns whether nothing is left to do.
+  // Slot 8. First-run set-up is over. Returns true if nothing is left to do.
   bool (*OobeEventTask)(VxServiceObject* self);
 
   // Slot 9. A session change (WTS_SESSION_ code).
@@ -66,8 +66,7 @@ struct VxServiceObject {
   const VxServiceTable* table;
 };
 
-// The factory and the name it is exported under. Returns null without memory. Slot 0 frees the
-// object.
+// The factory and its export name. Returns null if out of memory. Slot 0 frees the object.
 typedef VxServiceObject* (*VxCreateServiceFunction)(void);
 #define VX_CREATE_SERVICE_EXPORT "VxCreateService"
 
