@@ -16,7 +16,7 @@ bool IsLink(const std::wstring& path) {
   return attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0;
 }
 
-// The name of `path` in the system below the emulator, in double quotes; empty on Windows.
+// Returns the host system's name of `path` in double quotes, or an empty text on Windows.
 std::wstring UnixName(const std::wstring& path) {
   using NameFunction = char*(CDECL*)(LPCWSTR);
   const auto name = reinterpret_cast<NameFunction>(reinterpret_cast<void*>(
@@ -31,9 +31,9 @@ std::wstring UnixName(const std::wstring& path) {
   return L"\"" + wide + L"\"";
 }
 
-// Such a program's end cannot be waited for, so the caller looks for what it does. The emulator
-// returns no handles for it but leftovers of its stack, so none are closed: once in a while they
-// were those of a file that a test held.
+// The end of such a program cannot be waited for, so the caller checks for its effect. The emulator
+// returns stack leftovers instead of handles, so none are closed. Closing them once hit a file of a
+// test.
 void StartOutside(const wchar_t* program, std::wstring commandLine) {
   STARTUPINFOW startup{};
   startup.cb = sizeof startup;

@@ -5,7 +5,7 @@
 namespace Vx::Tests {
 
 // A link at `path` to the directory `target`, removed at the end. The emulator reports success for
-// a symbolic link without making one. There the link is one of the underlying system.
+// a symbolic link without creating one, so there the host system's link is used.
 class DirectoryLink {
  public:
   DirectoryLink(std::wstring path, const std::wstring& target);
@@ -15,7 +15,7 @@ class DirectoryLink {
 
  private:
   std::wstring path;
-  bool outside = false;  // made below the emulator
+  bool outside = false;  // made on the host system
 };
 
 }  // namespace Vx::Tests

@@ -18,10 +18,10 @@ inline constexpr Platform::ErrorCode kFault = 1117;  // ERROR_IO_DEVICE
 inline constexpr Platform::ErrorCode kDenied = 5;    // ERROR_ACCESS_DENIED
 inline constexpr std::uint32_t kReparsePoint = 0x400;
 
-// What the switches of FaultyFiles do to the files that it opens.
+// The faults of the files that FaultyFiles opens.
 struct FileFaults {
-  // Called before each step that reads, changes or renames content, with the step's name, and as
-  // "Half" in the middle of a write. Returns the error that the step fails with, or zero.
+  // Called with its name before each step that reads, changes or renames content, and with "Half"
+  // in the middle of a write. Returns the error with which the step fails, or zero.
   std::function<Platform::ErrorCode(const char* step)> onStep = [](const char*) { return 0U; };
 
   std::function<void(Platform::FileFacts&)> onFacts = [](Platform::FileFacts&) {};
@@ -80,11 +80,11 @@ class FaultyFileHandle final : public Platform::FileHandle {
   }
 
   std::unique_ptr<FileHandle> real;
-  const bool writable;  // Windows flushes no other file
+  const bool writable;  // Windows flushes only a writable file
   FileFaults& faults;
 };
 
-// Real files, with switches for faults.
+// Real files with switchable faults.
 class FaultyFiles final : public Simulator::SimulatedFiles, public FileFaults {
  public:
   bool linksEverywhere = false;  // every existing path has the reparse attribute

@@ -4,9 +4,8 @@
 
 namespace Vx::Tests {
 
-// Makes GoogleTest start its thread for the thread-locals of the calling one. It starts that at the
-// first trace or failure of a thread otherwise, where it adds a stack and handles to what a test
-// counts.
+// Makes GoogleTest start its thread for the calling thread's thread-locals now. Otherwise it starts
+// at the first trace or failure and adds a stack and handles to what a test counts.
 inline void StartFrameworkThread() {
   SCOPED_TRACE("");
 }

@@ -7,8 +7,8 @@
 namespace Vx::Tests {
 
 // Replaces a function that this program imports, for every caller and the life of this object.
-// `imported` is the linker's own variable, __imp_ and the function's name, and is borrowed. The
-// table it lies in is writable or not, depending on the linker.
+// `imported` is the linker's __imp_ variable, borrowed. Depending on the linker, its table may be
+// read-only.
 template <typename Function>
 class ImportOverride {
  public:

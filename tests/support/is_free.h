@@ -10,14 +10,14 @@
 
 namespace Vx::Tests {
 
-// Whether another thread could lock the mutex now.
+// Returns whether another thread could lock the mutex now.
 inline bool IsFree(std::mutex& mutex) {
   bool taken = false;
   std::thread([&] { taken = std::unique_lock(mutex, std::try_to_lock).owns_lock(); }).join();
   return taken;
 }
 
-// The same of the kernel's mutex of this name.
+// Does the same for the named kernel mutex.
 inline bool IsFree(const std::wstring& name) {
   bool taken = false;
   std::thread([&] {

@@ -1,6 +1,5 @@
-// A lockdown policy library for tests: reports the mode in the variable VX_LOCKDOWN_MODE of its
-// process, and fails all the same if '!' follows. Without the variable it fails and does not set
-// the mode.
+// A lockdown policy library for tests: reports the mode in its process's variable VX_LOCKDOWN_MODE,
+// and still fails if '!' follows. If the variable is missing, fails without setting the mode.
 #include <cwchar>
 
 #include <windows.h>

@@ -10,8 +10,8 @@
 
 namespace Vx::Tests {
 
-// Collects every log line that is written while it lives, as "info|", "warning|" or "error|" and
-// the message, and instead of the line of a record its fields. Any thread may log meanwhile.
+// Collects every log line written while it lives, as "info|", "warning|" or "error|" and the
+// message, or a record's fields instead of its line. Any thread may log.
 class LogCapture {
  public:
   LogCapture()
@@ -26,20 +26,20 @@ class LogCapture {
     return lines;
   }
 
-  // The caller identities of the same lines.
+  // The caller identities of these lines.
   std::vector<std::wstring> Callers() const {
     const std::lock_guard guard(mutex);
     return callers;
   }
 
   // "KIND NUMBER DECISION", then ":REASON", " TARGET", " in PACKAGE", " by CLIENT", " of
-  // SUBSCRIPTION", " status N", " process N", " after N ms" where there is such a field.
+  // SUBSCRIPTION", " status N", " process N", " after N ms" if present.
   std::vector<std::wstring> Records() const {
     const std::lock_guard guard(mutex);
     return records;
   }
 
-  // The numbers of the deliveries of the same records.
+  // The delivery numbers of these records.
   std::vector<std::uint64_t> Deliveries() const {
     const std::lock_guard guard(mutex);
     return deliveries;

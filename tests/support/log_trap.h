@@ -8,7 +8,7 @@
 
 namespace Vx::Tests {
 
-// Runs an action in the middle of the code under test: on its thread, when it logs a line with
+// Runs an action in the middle of the code under test, on its thread, when that logs a line with
 // `text` for the `time`th time.
 class LogTrap {
  public:

@@ -12,12 +12,12 @@
 
 namespace Vx::Tests {
 
-// A simulated machine with ann at its console replaces the real one, and the log is recorded.
+// Replaces the real machine with a simulated one, with ann at its console, and captures the log.
 class MachineTest : public testing::Test {
  protected:
   MachineTest() { machine.users.LogOn(L"ann"); }
 
-  // What the app services were sent, each as "family/service text".
+  // The messages sent to app services, each as "family/service text".
   std::vector<std::wstring> Sent() const {
     std::vector<std::wstring> sent;
     for (const auto& message : machine.appServices.Messages()) {
@@ -32,7 +32,7 @@ class MachineTest : public testing::Test {
   LogCapture log;
 };
 
-// The same with a store of its own.
+// Adds a private store.
 class StoreTest : public MachineTest {
  protected:
   PrivateStore store;

@@ -6,12 +6,11 @@
 
 namespace Vx::Tests {
 
-// Whether one allocation fails or every one from then on.
 enum class Shortage { Once, Lasting };
 
-// Makes the allocations of the calling thread fail after the first `succeeding` ones, while it
-// lives. The linker redirects every malloc, calloc and realloc of a program that links this
-// library, and so every operator new.
+// Makes the calling thread's allocations fail after the first `succeeding` ones, while it lives.
+// The linker redirects every malloc, calloc and realloc, and so every operator new, of a program
+// that links this library.
 class MemoryShortage {
  public:
   MemoryShortage(Shortage kind, std::size_t succeeding);
@@ -19,13 +18,13 @@ class MemoryShortage {
   MemoryShortage& operator=(const MemoryShortage&) = delete;
   ~MemoryShortage();
 
-  // Lets every allocation succeed again. Returns whether one has failed.
+  // Lets allocations succeed again. Returns whether one failed.
   bool End();
 };
 
-// Runs `action` with its first, second, ... allocation failing, until there is none left to fail,
-// and then `check` each time with memory enough. Expects that `action` throws nothing. Returns the
-// number of allocations.
+// Runs `action` with its first, second, ... allocation failing, until none is left to fail, and
+// each time then `check` with enough memory. Expects `action` not to throw. Returns the number of
+// allocations.
 template <typename Action, typename Check>
 std::size_t FailEachAllocation(Shortage kind, Action&& action, Check&& check) {
   for (std::size_t i = 0;; ++i) {

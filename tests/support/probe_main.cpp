@@ -1,10 +1,10 @@
-// A program for tests to start: reports how it was started. It writes lines "name=value" in UTF-8:
+// A program for tests to start, which reports how it was started, in UTF-8 lines "name=value":
 // commandLine, workingDirectory, desktop, one "argument" for each of its arguments, and the
-// variable VX_PROBE when it is set. The report goes to the file named by the first argument, when
-// that is a full path, else beside the program as "<program>.out", and appears there whole.
+// variable VX_PROBE if set. The report appears, whole, in the file named by the first argument, if
+// that is a full path, or beside the program as "<program>.out".
 //
-// A further argument "wait:NAME" keeps it running until the named event is signalled. "own:NAME"
-// makes it own the named mutex from before the report until its end.
+// With a further argument "wait:NAME" it runs until the named event is signalled. With "own:NAME"
+// it owns the named mutex from before the report until it ends.
 #include <cstdio>
 #include <iterator>
 #include <string>
@@ -17,7 +17,7 @@ namespace {
 
 constexpr std::wstring_view kWait = L"wait:";
 constexpr std::wstring_view kOwn = L"own:";
-constexpr DWORD kLongestWait = 60'000;  // milliseconds; a forgotten probe does not stay for ever
+constexpr DWORD kLongestWait = 60'000;  // milliseconds, so that a forgotten probe ends
 
 std::string Utf8(std::wstring_view text) {
   std::string bytes(text.size() * 3, '\0');

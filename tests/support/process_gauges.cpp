@@ -13,7 +13,7 @@
 namespace Vx::Tests {
 namespace {
 
-// The bytes and the number of the blocks that a heap lists as used.
+// The bytes and number of the blocks that a heap lists as used.
 struct UsedBlocks {
   std::size_t bytes = 0;
   std::size_t count = 0;
@@ -51,7 +51,7 @@ std::uintptr_t RestingHandleGauge(std::uintptr_t goal, std::chrono::milliseconds
   return gauge;
 }
 
-// Counted here, region by region: the emulator reports zero private bytes for every process.
+// Counts regions, because the emulator reports zero private bytes for every process.
 MemoryInUse MeasureMemory() {
   MemoryInUse memory;
   MEMORY_BASIC_INFORMATION region{};

@@ -8,7 +8,7 @@
 
 namespace Vx::Tests {
 
-// A named pipe whose server never writes: a client that reads from it waits for ever.
+// A named pipe whose server never writes, so that a reading client waits forever.
 class SilentPipe {
  public:
   SilentPipe()

@@ -29,7 +29,7 @@ StandInLogon::StandInLogon(const std::wstring& folder) {
 
 StandInLogon::~StandInLogon() {
   SetEvent(leave.get());
-  // Its program can be deleted only once it is gone.
+  // Its program cannot be deleted while it runs.
   if (WaitForSingleObject(process.get(), 10'000) != WAIT_OBJECT_0) {
     TerminateProcess(process.get(), 1);
   }

@@ -6,7 +6,7 @@
 
 namespace Vx::Tests {
 
-// A running process named winlogon.exe, from whose token programs are started in the session. Ends
+// A running process named winlogon.exe, whose token is used to start programs in the session. Ends
 // with this object.
 class StandInLogon {
  public:

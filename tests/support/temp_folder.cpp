@@ -14,7 +14,6 @@ namespace {
 constexpr int kTries = 400;
 constexpr DWORD kPause = 5;  // milliseconds
 
-// A program that has just ended holds its file and its working directory for a moment longer.
 void Insist(BOOL(WINAPI* remove)(const wchar_t*), const std::wstring& path) {
   for (int tries = 0; tries < kTries; ++tries) {
     if (remove(path.c_str()) != FALSE) return;
@@ -35,7 +34,7 @@ void RemoveFolder(const std::wstring& path) {
   Insist(&RemoveDirectoryW, path);
 }
 
-// std::filesystem::remove_all of this runtime follows directory links and empties their targets.
+// This runtime's std::filesystem::remove_all follows directory links and empties their targets.
 void RemoveTree(const std::wstring& folder) {
   std::error_code ignored;
   for (const auto& entry : std::filesystem::directory_iterator(folder, ignored)) {

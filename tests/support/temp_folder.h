@@ -6,15 +6,15 @@
 
 namespace Vx::Tests {
 
-// Delete a file, or a folder that is empty. A program that has just ended holds its file and its
-// working directory for a moment longer, so a refusal is tried again for up to two seconds.
+// Delete a file, or an empty folder. A program that has just ended holds its file and its working
+// directory a little longer, so these retry for up to two seconds.
 void RemoveFile(const std::wstring& path);
 void RemoveFolder(const std::wstring& path);
 
-// Deletes a folder with its content, but nothing behind a directory link inside it.
+// Deletes a folder with its content, but does not follow directory links in it.
 void RemoveTree(const std::wstring& folder);
 
-// A fresh folder under the user's temporary folder, removed with its content at the end.
+// A new folder in the user's temporary folder, removed with its content at the end.
 class TempFolder {
  public:
   TempFolder();
@@ -29,7 +29,6 @@ class TempFolder {
   std::filesystem::path path;
 };
 
-// Sets an environment variable of this process for the life of the object.
 class EnvironmentOverride {
  public:
   EnvironmentOverride(const wchar_t* name, const std::wstring& value);
@@ -42,7 +41,7 @@ class EnvironmentOverride {
   std::optional<std::wstring> previous;
 };
 
-// Points %programdata% at a fresh folder, so that the store of this process is its own.
+// Points %programdata% at a new folder, so that this process has its own store.
 class PrivateStore {
  public:
   PrivateStore() : variable(L"ProgramData", folder.Path().wstring()) {}
@@ -51,7 +50,7 @@ class PrivateStore {
     return (folder.Path() / L"Vx\\SharedServices\\shared_store.dat").wstring();
   }
 
-  // Puts a file where the store's folder would be: from now on no store can be opened.
+  // Puts a file where the store's folder would be, so that no store can be opened from now on.
   void Block() const;
 
  private:

@@ -21,7 +21,7 @@ ProtectedFolder::ProtectedFolder() {
   const std::wstring text =
       L"%ProgramFiles%\\VxTest-" + std::to_wstring(GetCurrentProcessId()) + L"-";
   const std::wstring base = *Platform::WindowsMachine().environment->Expand(text, MAX_PATH);
-  // A run that died may have left the folder of a process id that is in use again.
+  // A crashed run may have left the folder of a process id that is in use again.
   do {
     path = base + std::to_wstring(++counter);
     if (CreateDirectoryW(path.c_str(), nullptr) != FALSE) return;

@@ -4,12 +4,12 @@
 
 namespace Vx::Tests {
 
-// Full path of a file that the target test_pki makes (see cmake/test_pki.cmake). They lie in the
+// Returns the full path of a file that the target test_pki makes (see cmake/test_pki.cmake), in the
 // folder "pki" beside the test programs.
 std::wstring PkiFile(const wchar_t* name);
 
-// A folder that no ordinary user may write to, made for this process below %PROGRAMFILES% and
-// removed with its content at the end: a place that the path rule allows.
+// A folder below %PROGRAMFILES%, made for this process and removed with its content at the end,
+// that no ordinary user may write to and so the path rule allows.
 class ProtectedFolder {
  public:
   ProtectedFolder();
@@ -20,7 +20,7 @@ class ProtectedFolder {
   std::wstring operator/(const wchar_t* name) const { return path + L"\\" + name; }
   const std::wstring& Path() const { return path; }
 
-  // Full path of a copy of PkiFile(name) in this folder.
+  // Returns the full path of a copy of PkiFile(name) in this folder.
   std::wstring Hold(const wchar_t* name) const;
 
  private:

@@ -6,7 +6,7 @@
 
 namespace Vx::Tests {
 
-// The token that the calling thread impersonates with. Null without one.
+// Returns the token that the calling thread impersonates with, or null.
 inline Platform::UniqueHandle ThreadToken() {
   HANDLE raw = nullptr;
   OpenThreadToken(GetCurrentThread(), TOKEN_QUERY, TRUE, &raw);

@@ -10,8 +10,8 @@
 
 #include <combaseapi.h>
 
-// The classes below have no virtual destructor where the warning wants one: the interfaces' slots
-// are Windows' to decide, and only Release deletes.
+// Windows dictates the interfaces' slots, and only Release deletes, so the classes below have no
+// virtual destructor.
 #pragma GCC diagnostic ignored "-Wnon-virtual-dtor"
 
 namespace Vx::Tests {
@@ -23,7 +23,7 @@ std::atomic<int> liveStrings{0};
 
 RuntimeTest* runtime = nullptr;
 
-// An object with these interfaces; the first one is the default.
+// An object with these interfaces, the first of which is the default.
 template <typename Main, typename... Others>
 class Fake : public Main, public Others... {
  public:
@@ -71,7 +71,7 @@ Abi::ComPtr<T> Shared(T* object) {
   return Abi::ComPtr<T>(object);
 }
 
-// Each call into a fake returns through one of these, so that a test can fail them in turn.
+// Every call into a fake returns through one of these, so that a test can fail each in turn.
 template <typename Body>
 HRESULT Answer(Body body) {
   if (runtime->Fails()) return E_ACCESSDENIED;
@@ -98,7 +98,7 @@ std::wstring TextOf(HSTRING text) {
   return {buffer, length};
 }
 
-// A package and its identity, from its full name or from that of its family.
+// A package and its identity, from its full name or its family's.
 class FakePackage final : public Fake<Abi::IPackage, Abi::IPackageId> {
  public:
   explicit FakePackage(std::wstring anyName) : name(std::move(anyName)) {}
@@ -113,7 +113,7 @@ class FakePackage final : public Fake<Abi::IPackage, Abi::IPackageId> {
   std::wstring name;
 };
 
-// Packages and the way through them.
+// Packages and their iterator.
 class FakePackages final : public Fake<Abi::IPackageIterable, Abi::IPackageIterator> {
  public:
   explicit FakePackages(std::vector<std::wstring> names) : fullNames(std::move(names)) {}
@@ -137,7 +137,7 @@ class FakePackages final : public Fake<Abi::IPackageIterable, Abi::IPackageItera
   std::size_t position = 0;
 };
 
-// An asynchronous operation: one handler, called once, when there is an outcome.
+// An asynchronous operation with one handler, called once, when there is an outcome.
 template <typename Operation, typename Handler, typename Results>
 class FakeAsync final : public Fake<Operation, Abi::IAsyncInfo> {
  public:
@@ -357,7 +357,7 @@ class FakeConnection final : public Fake<Abi::IAppServiceConnection, Abi::IClosa
   std::wstring serviceName;
 };
 
-// What there is of a faked class: an instance, or else its static members.
+// Returns an instance of a faked class, or otherwise its static members.
 IInspectable* MakeOf(const std::wstring& className) {
   if (className == Abi::kPackageManagerClass) return Make<FakePackageManager>();
   if (className == Abi::kPackageCatalogClass) return Make<FakePackageCatalogStatics>();
@@ -367,7 +367,7 @@ IInspectable* MakeOf(const std::wstring& className) {
   return nullptr;
 }
 
-// What Windows gets of a faked class: a factory of instances that also has the static members.
+// The factory of a faked class that Windows gets. It also has the static members.
 class FakeFactory final : public Fake<IActivationFactory> {
  public:
   explicit FakeFactory(std::wstring name) : className(std::move(name)) {}
@@ -494,7 +494,7 @@ RegisteredFakes::RegisteredFakes()
     : keyName(L"Software\\vx-fakes-" + std::to_wstring(GetCurrentProcessId())) {
   RegCreateKeyExW(HKEY_CURRENT_USER, keyName.c_str(), 0, nullptr, 0, KEY_ALL_ACCESS, nullptr,
                   &machine, nullptr);
-  // Data protection looks its provider up.
+  // Data protection looks up its provider.
   const wchar_t* const providers = L"Software\\Microsoft\\Cryptography\\Defaults";
   HKEY copy = nullptr;
   RegCreateKeyW(machine, providers, &copy);
@@ -521,12 +521,12 @@ RegisteredFakes::~RegisteredFakes() {
 
 }  // namespace Vx::Tests
 
-// The linker leads the calls of the whole test program through these, which keep count of strings
-// and activate the fakes while there are any. It dictates their names.
+// The linker redirects the test program's calls to these, whose names it dictates. They count
+// strings and activate the fakes while there are any.
 // NOLINTBEGIN(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
 extern "C" {
 
-// Where the registry names this program as the home of a class, Windows calls this.
+// Called by Windows if the registry names this program as the home of a class.
 __declspec(dllexport) HRESULT WINAPI
     DllGetActivationFactory(HSTRING name, IActivationFactory** factory) {
   *factory = new Vx::Tests::FakeFactory(Vx::Tests::TextOf(name));

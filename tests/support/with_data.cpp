@@ -1,5 +1,5 @@
 // with_data PROGRAM ARG...: runs a program with the variable VX_PROGRAM_DATA as its ProgramData,
-// and ends with its exit code. The emulator sets ProgramData itself in what a Unix program starts.
+// and returns its exit code. The emulator sets ProgramData itself for programs started from Unix.
 #include <cwchar>
 #include <string>
 
@@ -9,7 +9,7 @@
 
 namespace {
 
-// The command line after the name of this program, which is in quotes or has no space.
+// Returns the command line after this program's name, which is quoted or has no space.
 std::wstring OwnArguments() {
   const std::wstring line = GetCommandLineW();
   return line.substr(line.front() == L'"' ? line.find(L'"', 1) + 2 : line.find(L' ') + 1);
