@@ -54,23 +54,20 @@ class JsonValue {
   const void* node;  // a value in `tree`
 };
 
-// A JSON object that throws, like the Windows Runtime's, if a member is missing or of another kind.
-// The message names the key. If a key is repeated, the first one counts. Copies share one immutable
-// text.
+// A JSON object. Its functions throw Platform::WindowsRuntimeError, as in the Windows Runtime, with
+// the key in the message. The first of repeated keys counts. Copies share one immutable text.
 class JsonObject {
  public:
   JsonObject();
 
-  // Throws Platform::WindowsRuntimeError with kInvalidJsonString if ParseJson rejects `text` or it
-  // is not an object.
+  // Throws kInvalidJsonString unless ParseJson reads an object from `text`.
   static JsonObject Parse(std::wstring_view text);
 
   bool HasKey(std::wstring_view name) const { return Find(name).has_value(); }
 
   std::optional<JsonValue> Find(std::wstring_view name) const;
 
-  // Throw Platform::WindowsRuntimeError: kJsonValueNotFound if the member is absent,
-  // kIllegalMethodCall if it is of another kind, such as null.
+  // Throw kJsonValueNotFound if the member is absent, kIllegalMethodCall if it is of another kind.
   JsonValue GetNamedValue(std::wstring_view name) const;
   std::wstring GetNamedString(std::wstring_view name) const;
   double GetNamedNumber(std::wstring_view name) const;
@@ -84,8 +81,7 @@ class JsonObject {
 
   std::wstring Stringify() const { return value.Text(); }
 
-  // Same as Stringify, but omits the members called `name` of the first member called `object`, if
-  // that is an object.
+  // Same as Stringify, but without the members called `name` of the first member `object`.
   std::wstring StringifyWithout(std::wstring_view object, std::wstring_view name) const;
 
  private:

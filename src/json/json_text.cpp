@@ -15,15 +15,13 @@ namespace {
 constexpr char kMisuse[] = "JSON value used as another type";
 
 // Rejects what rapidjson must not be given: unpaired surrogates, units beyond UTF-16 (where wchar_t
-// is wider), and exponents so long that they overflow rapidjson's arithmetic and then an index into
-// its tables.
+// is wider), and exponents whose arithmetic overflows and then an index into a table.
 class TextCheck {
  public:
   explicit TextCheck(std::wstring_view checked) : text(checked) {}
 
   bool Passes() { return !NeedsALook() || PassesALook(); }
 
-  // The offset of the fault if the text does not pass.
   std::size_t FaultAt() const { return std::min(at, text.size()); }
 
  private:
@@ -82,9 +80,8 @@ class TextCheck {
 };
 
 // Returns the double nearest to a number that rapidjson read as `approximation`, or nothing if it
-// is too large. rapidjson's fast conversion is off by some units in the last place, so a number
-// would drift each time it is read and written. Its exact one reads beyond its tables for extreme
-// exponents.
+// is too large. rapidjson's fast conversion is off by some last places, so a number would drift
+// each time it is read and written. Its exact one reads beyond its tables for extreme exponents.
 std::optional<double> NearestDouble(std::wstring_view spelling, double approximation) {
   std::string narrow(spelling.size(), '\0');
   std::transform(spelling.begin(), spelling.end(), narrow.begin(),

@@ -87,15 +87,13 @@ class ScratchMemory {
 using WideEncoding = rapidjson::UTF16<wchar_t>;
 using WidePool = rapidjson::MemoryPoolAllocator<CheckedHeap>;
 
-// Request and response documents. Objects keep their members in order, including repeated keys. A
-// lookup finds the first.
+// Request and response documents. Members keep their order, and a lookup finds the first of a key.
 using WideDocument = rapidjson::GenericDocument<WideEncoding, WidePool, ScratchMemory>;
 using WideValue = WideDocument::ValueType;
 
 inline constexpr std::size_t kPoolChunk = 65536;
 
-// A text that nests deeper is invalid. Real documents use three or four levels. Recursion to this
-// depth is safe.
+// A text that nests deeper is invalid. Real ones use three or four levels. Recursion is safe.
 inline constexpr std::size_t kMaxNesting = 128;
 
 // For a list whose elements are separate documents.
@@ -104,7 +102,6 @@ inline constexpr std::size_t kMaxListNesting = kMaxNesting + 1;
 // In UTF-16 units. A longer text is invalid, because rapidjson counts in 32 bits.
 inline constexpr std::size_t kMaxTextLength = std::size_t{64} * 1024 * 1024;
 
-// Where and why a text is invalid.
 struct ParseFault {
   std::size_t offset = 0;  // UTF-16 units before the fault
   // None: rejected before parsing, because the text is too long, has an unpaired surrogate or has a
@@ -125,9 +122,8 @@ struct ParseFault {
 bool ParseJson(WideDocument& document, std::wstring_view text,
                std::size_t nestingLimit = kMaxNesting, ParseFault* fault = nullptr);
 
-// A document that contains its first `PoolBytes` of pool memory, so that a small one costs no
-// allocation. That cuts a sixth off the row "id 22, request of 150 characters" of
-// docs/performance.md.
+// Contains its first `PoolBytes` of pool memory, so that a small document costs no allocation: a
+// sixth off the row "id 22, request of 150 characters" of docs/performance.md.
 template <std::size_t PoolBytes>
 class InlineDocument {
  public:
