@@ -19,14 +19,13 @@ enum class BODFormat : std::uint8_t {
   EightDigits = 2,  // YYYYMMDD
 };
 
-// Returns the number of digits of a date in `format`: 6 for SixDigits, 8 otherwise.
+// 6 for SixDigits, 8 otherwise.
 std::size_t DigitCount(BODFormat format);
 
 // A born-on date as text, and its format. Holds any text, but only a valid one has a format.
 class BornOnDate {
  public:
-  // Returns whether a month of `year` has this day. `year` is as written: below 100 if it has two
-  // digits.
+  // Returns whether a month of `year`, as written (below 100 if two digits), has this day.
   using DayTest = bool (*)(int year, int day);
 
   // Each month's number and day test, ordered by month.
@@ -42,8 +41,7 @@ class BornOnDate {
 
   BODFormat get_format() const { return format; }
 
-  // Returns the date with all other fields zero, or all zeros if it is invalid. A two-digit year
-  // means 2000 to 2099.
+  // Returns the date alone, or all zeros if it is invalid. A two-digit year means 2000 to 2099.
   CalendarTime get_as_calendar_time() const;
 
   // Returns the same as a SYSTEMTIME. Windows builds only.
@@ -63,8 +61,7 @@ class BornOnDate {
 // of six digits is 0 and its last digit. Throws std::invalid_argument if the buffer is too small.
 void WriteDigits(std::span<std::uint8_t> buffer, BODFormat format, const CalendarTime& day);
 
-// Returns whether `date` can be written to firmware of `format`: a valid date of that length, or as
-// many zeros, which erase the date.
+// Returns whether `date` is a valid date of this format, or as many zeros, which erase the date.
 bool IsAssignable(const std::string& date, BODFormat format);
 
 // Returns the text at the front of a firmware block: up to the first zero byte, or all of it.

@@ -27,8 +27,7 @@ class BornOnDateManager {
 
   bool born_on_date_has_been_set();
 
-  // Returns the day on which Windows set-up ended, with all other fields zero, or all zeros if it
-  // is not recorded.
+  // Returns the day on which Windows set-up ended, or all zeros if it is not recorded.
   _SYSTEMTIME get_windows_bod();
 
   // Returns the day on which set-up ended or the time now (UTC), whichever is earlier.
@@ -36,8 +35,7 @@ class BornOnDateManager {
 
   static _SYSTEMTIME min_systemtime(_SYSTEMTIME a, _SYSTEMTIME b);
 
-  // Writes the date to assign to the front of `buffer`. Throws std::invalid_argument if that is too
-  // small.
+  // Writes the digits to the front of `buffer`. Throws std::invalid_argument if it is too small.
   void determine_date_to_assign(std::vector<std::uint8_t>& buffer, BODFormat format);
 
   // Writes `date`, or that of determine_bod_source if it is empty, unless the firmware holds a

@@ -7,8 +7,7 @@
 
 namespace Vx::Tessel::Server::Services::Orvane {
 
-// A UTC date and time of day, laid out like Windows' SYSTEMTIME so that copying the 16 bytes
-// converts it.
+// UTC, laid out like Windows' SYSTEMTIME so that copying the 16 bytes converts it.
 struct CalendarTime {
   std::uint16_t year = 0;
   std::uint16_t month = 0;  // 1 to 12
@@ -29,12 +28,10 @@ std::optional<std::uint64_t> FileTimeOf(const CalendarTime& time);
 // Returns the moment `fileTime` units after 1601-01-01, truncated to milliseconds.
 CalendarTime CalendarTimeOf(std::uint64_t fileTime);
 
-// Returns the earlier of the two, `first` on a tie. If only one of them is a valid time, returns
-// that one.
+// Returns the earlier of the two (`first` on a tie), or the only one that is a valid time.
 CalendarTime EarlierOf(const CalendarTime& first, const CalendarTime& second);
 
-// Returns the date at the front of a raw SYSTEMTIME, with all other fields zero, or all zeros if
-// there are too few bytes.
+// Returns the date at the front of a raw SYSTEMTIME, or all zeros if there are too few bytes.
 CalendarTime DateOfTimeStamp(std::span<const std::byte> bytes);
 
 }  // namespace Vx::Tessel::Server::Services::Orvane

@@ -47,8 +47,7 @@ bool SetAndStore(const Logging::TraceLogger& logger) {
     logger.LogInfo(kTesselInstalled);
     return false;
   }
-  // Opened before the firmware is used: without a store, the date would be written where no reader
-  // of the store sees it.
+  // Opened first: without a store, no reader of the store would see the date in the firmware.
   Storage::CapDataStore store;
   logger.LogInfo(kInitialValue, manager.get_born_on_date().get().c_str());
   manager.conditionally_set("");

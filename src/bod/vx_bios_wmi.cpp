@@ -152,8 +152,7 @@ std::int32_t VxBiosWmi::ExecuteCommand(int command, int commandType, std::uint32
   if (!ready && !GetReady()) return E_FAIL;
 
   wchar_t method[kMethodNameChars] = {};
-  // Fits any size. Uses the system's formatting, because the compiler's own would be linked into
-  // the module.
+  // Uses the system's formatting, because the compiler's would be linked into the module.
   static_cast<void>(
       _snwprintf(method, std::size(method) - 1, kMethodName, static_cast<long>(outputSize)));
 

@@ -14,7 +14,6 @@ class Variant;
 
 namespace Vx::Tessel::Server::Shared::WMI {
 
-// The firmware's commands and command types.
 inline constexpr int kBiosRead = 1;
 inline constexpr int kBiosWrite = 2;
 inline constexpr int kBiosFeatures = 13;
@@ -24,8 +23,7 @@ inline constexpr int kWarranty = 16;
 //
 // The first command connects and enters COM on the calling thread. The destructor leaves both.
 // Calls block for as long as WMI takes. Each failing step is logged as a warning, and its HRESULT
-// is returned. Throws only std::system_error (E_OUTOFMEMORY), if out of memory for the text of a
-// call.
+// is returned. Throws only std::system_error (E_OUTOFMEMORY), if out of memory.
 class VxBiosWmi {
  public:
   VxBiosWmi();
@@ -34,9 +32,8 @@ class VxBiosWmi {
   ~VxBiosWmi();
 
   // Runs a command. `input` may be null if `inputSize` is 0. The caller zeroes the `outputSize`
-  // bytes of `output`. Bytes that cannot be read stay zero, which does not fail
-  // the command (see OutputResult). `returnCode` receives the firmware's own code, uninterpreted,
-  // if there is one.
+  // bytes of `output`. Bytes that cannot be read stay zero, which does not fail the command (see
+  // OutputResult). `returnCode` receives the firmware's own code, if any.
   std::int32_t ExecuteCommand(int command, int commandType, std::uint32_t inputSize,
                               const std::uint8_t* input, std::uint32_t outputSize,
                               std::uint8_t* output, std::int32_t* returnCode);
@@ -72,7 +69,7 @@ class VxBiosWmi {
   std::int32_t CreateSafeArray(const std::uint8_t* bytes, std::uint32_t count,
                                Platform::Variant& array) const;
 
-  // Returns `result`, and logs it if it is a failure.
+  // Logs a failure. Returns `result`.
   std::int32_t Check(const char* step, const wchar_t* function, std::int32_t result) const;
 
   const Logging::TraceLogger* logger;
