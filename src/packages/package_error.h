@@ -10,8 +10,7 @@
 
 namespace Vx::Tessel::Server::Services::Orvane {
 
-// A step of the package model that Windows refused. The text is UTF-8: the call, its code in
-// hexadecimal, and Windows' error text if there is one.
+// The text is UTF-8: the call, its code in hexadecimal, and Windows' error text if there is one.
 class PackageError : public std::runtime_error {
  public:
   // `code` is a Win32 error or an HRESULT, whichever the call returned.
@@ -26,8 +25,7 @@ class PackageError : public std::runtime_error {
   std::uint32_t errorCode;
 };
 
-// Reports a refused step of acting as the console user: logs a warning if the thread could not
-// revert, and throws PackageError otherwise.
+// Logs a warning if the thread could not revert. Throws PackageError for any other step.
 void ReportRefusedStep(Platform::ActingStep step, Platform::ErrorCode error);
 
 }  // namespace Vx::Tessel::Server::Services::Orvane

@@ -12,13 +12,11 @@ class UwpPackage {
   // Returns the full name of the console user's package of the family, or an empty text.
   std::wstring FindPackageFullName(const std::wstring& familyName) const;
 
-  // Returns whether `fullName` is staged on the machine but not registered for `user`
-  // ("domain\user"). Runs as the service, because only administrators may query another user's
-  // packages.
+  // Returns whether `fullName` is staged but not registered for `user` ("domain\user"). Runs as the
+  // service, because only administrators may query another user's packages.
   bool ShouldForceRegistration(const std::wstring& user, const std::wstring& fullName) const;
 
-  // Registers the staged package for the console user. Blocks until the deployment ends, at most
-  // two minutes.
+  // Registers the staged package for the console user. Blocks for at most two minutes.
   void Register(const std::wstring& fullName) const;
 };
 

@@ -102,8 +102,7 @@ class ExportedPackageModel final : public UwpPackageModel {
     return code;
   }
 
-  // The boundary of every operation. Another compiler built the caller, so no exception may reach
-  // it.
+  // Another compiler built the caller, so no exception may leave an operation.
   template <typename Operation>
   Hresult ResultFromException(const char* name, bool argumentsComplete,
                               Operation&& operation) noexcept {
