@@ -13,8 +13,7 @@ class tessel_access_exception : public std::runtime_error {
   explicit tessel_access_exception(const char* message);
 };
 
-// Calls the checker of each kind of client. Not synchronised: set the checkers before the first
-// call.
+// Not synchronised: set the checkers before the first call.
 class TesselAccessManager {
  public:
   void SetUwpChecker(std::shared_ptr<IClientWithNoVxManifestCheckCriteria> checker);
