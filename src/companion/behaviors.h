@@ -6,12 +6,10 @@
 
 #include "companion/registration.h"
 
-// The questions and actions of the launch decisions, each replaceable on its own. In every class
-// the virtual destructor comes first and the operations keep this order. Use an object from one
-// thread at a time.
+// The questions and actions of the launch decisions, each replaceable. In every class the virtual
+// destructor comes first and the operations keep this order. One thread at a time.
 namespace Vx::Tessel::Server::Services::Orvane::Base {
 
-// Checks whether a piece of preloaded software is still installed.
 class SoftwareCheckBehavior {
  public:
   virtual ~SoftwareCheckBehavior() = default;
@@ -55,7 +53,6 @@ class ApplicationLaunchCriteriaDataAccess {
  public:
   virtual ~ApplicationLaunchCriteriaDataAccess() = default;
 
-  // Returns true if the mark was stored.
   virtual bool SaveSkipState(bool skip) const = 0;
 
   virtual bool ShouldBeSkipped() const = 0;
@@ -65,8 +62,7 @@ class UwpBuildInfoDataAccess {
  public:
   virtual ~UwpBuildInfoDataAccess() = default;
 
-  // Returns Windows' staged-package origin code, and the version as four 16-bit parts, major
-  // highest.
+  // Returns Windows' staged-package origin code and the version: four 16-bit parts, major highest.
   virtual std::pair<std::int32_t, std::uint64_t> GetOriginAndVersion() const = 0;
 };
 

@@ -68,7 +68,6 @@ void LogRegistrationFailure(const Logging::TraceLogger& logger,
   }
 }
 
-// Sends the message that set-up is complete. Returns true if the app received it.
 bool NotifyOfOobe(const Logging::TraceLogger& logger, const wchar_t* packageFamilyName,
                   const wchar_t* appServiceName) {
   try {
@@ -80,8 +79,7 @@ bool NotifyOfOobe(const Logging::TraceLogger& logger, const wchar_t* packageFami
   }
 }
 
-// Returns the full name of the app's package for the thread's user, or an empty text if there is
-// none or the query fails.
+// Returns the thread's user's package, or an empty text if there is none or the query fails.
 std::wstring FullNameOf(const CompanionApp& app) {
   try {
     return FirstPackageOf(app.packageFamilyName);

@@ -36,7 +36,6 @@ class QuboFacade {
   static const wchar_t* const oobe_app_service_name;
   static const wchar_t* const oobe_app_service_name_qubo;
 
-  // Uses this machine's own behaviours.
   QuboFacade();
 
   QuboFacade(std::shared_ptr<QuboDataAccessFactory> dataAccess,
@@ -55,8 +54,7 @@ class QuboFacade {
   // `fullName` receives the console user's companion package, or else the predecessor's.
   bool GetPackageFullName(std::wstring& fullName) const;
 
-  // Registers the companion package for the console user if it is only staged. Returns true if it
-  // is registered afterwards.
+  // Registers the package if it is only staged. Returns true if it is registered afterwards.
   bool RegisterApp() const;
   bool RegisterApp(const std::wstring& user, const std::wstring& fullName) const;
 

@@ -108,9 +108,8 @@ CopyPtr PrepareCopy(std::wstring source, std::wstring destination, Platform::One
 }
 
 // Copies on a separate thread, because the user can delay each access to their files indefinitely,
-// for instance with an opportunistic lock. A copy that takes too long is cancelled. If its thread
-// still hangs, later copies fail until it ends, so that one user cannot fill the process with
-// threads.
+// for instance with an opportunistic lock. Cancels a copy that takes too long. While its thread
+// still hangs, later copies fail, so that one user cannot fill the process with threads.
 bool AwaitCopy(const CopyPtr& copy) noexcept try {
   static std::mutex turn;
   static CopyPtr stuck;

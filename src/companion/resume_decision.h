@@ -8,7 +8,7 @@
 
 namespace Vx::Tessel::Server::Services::Orvane::Qubo {
 
-// The reason why a resume started the companion app.
+// Why a resume started the companion app.
 enum class QuboStartingPoint : std::int32_t {
   None = 0,
   Forced = 1,

@@ -29,8 +29,7 @@ bool IsReadOnly(const Platform::Files& files, const std::wstring& path) {
   return attributes && (*attributes & kReadOnly) != 0;
 }
 
-// Writes a second file and moves it over the first, so that an interrupted copy leaves the old
-// content.
+// Moves a second file over the first, so that an interrupted copy leaves the old content.
 bool Replace(Platform::Files& files, const std::wstring& destination,
              std::span<const std::byte> content) {
   if (IsReadOnly(files, destination)) return false;

@@ -8,7 +8,6 @@
 
 namespace Vx::Tessel::Server::Services::Orvane {
 
-// The largest file that these functions read.
 inline constexpr std::size_t kMaxTextFile = std::size_t{16} * 1024 * 1024;  // bytes
 
 // Decodes a text file as Json::DecodeText does, or as UTF-8, and logs that, if it has no mark.
@@ -18,8 +17,7 @@ std::optional<std::wstring> ReadTextFile(const std::wstring& path, const wchar_t
                                          const Logging::TraceLogger& logger);
 
 // Copies the bytes of one file over another. Returns true if all were written, otherwise logs the
-// file that failed. A failed copy leaves the destination as it was, unless another process
-// prevented its replacement.
+// file that failed. The destination then stays as it was unless it could not be replaced.
 bool CopyFileContent(const std::wstring& source, const std::wstring& destination,
                      const wchar_t* caller, const Logging::TraceLogger& logger);
 
