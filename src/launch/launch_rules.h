@@ -13,9 +13,8 @@ namespace Vx::Tessel::Server::Services::Orvane {
 inline constexpr std::size_t kMaxCommandLine = 32766;
 inline constexpr std::size_t kMaxPath = 32767;
 
-// Returns an app's command line: its path alone, or the quoted path, a blank and the parameter.
-// Empty if too long. Callers also pass the program separately, so that no parameter can start
-// another one.
+// Returns an app's path, or the quoted path, a blank and the parameter. Empty if too long. Callers
+// also pass the program separately, so that no parameter can start another one.
 std::optional<std::wstring> AppCommandLine(std::wstring_view executable,
                                            std::wstring_view parameter);
 
@@ -25,8 +24,7 @@ std::wstring SessionCommandLine(std::wstring_view executable, std::wstring_view 
 // Returns `wanted` if it can be a path, or else the folder of `executable`, or else an empty text.
 std::wstring SessionWorkingDirectory(std::wstring_view wanted, std::wstring_view executable);
 
-// Returns the folder of a path, without a trailing backslash except for a drive's root, or an empty
-// text if the path has no backslash.
+// Returns the folder, which ends in a backslash only at a drive's root. Empty if there is none.
 std::wstring_view FolderOf(std::wstring_view path);
 
 std::wstring_view FileNameOf(std::wstring_view path);
@@ -36,8 +34,7 @@ std::wstring_view FileNameOf(std::wstring_view path);
 std::vector<wchar_t> EnvironmentForPackage(const std::vector<wchar_t>& block,
                                            std::wstring_view packageFolder);
 
-// Returns whether a profile folder is a person's: not the system's, the default or the set-up
-// user's.
+// Returns whether a profile is a person's, not that of the system, the default user or set-up.
 bool IsRealUserProfile(std::wstring_view profile);
 
 }  // namespace Vx::Tessel::Server::Services::Orvane
