@@ -33,8 +33,7 @@ class Clock {
 
   virtual void Sleep(Duration length) = 0;
 
-  // Blocks until `handle` is signalled or `length` has passed, if there is a length. A null or
-  // closed handle fails at once.
+  // Blocks until a signal or, if there is a `length`, a timeout. A null or closed handle fails.
   virtual WaitResult Wait(RawHandle handle, std::optional<Duration> length) = 0;
 
   // Waits for either of two manual-reset events. `code` is 0 if the first is signalled, whether or
@@ -44,15 +43,13 @@ class Clock {
   // Returns an unnamed, auto-reset waitable timer for Wait.
   virtual Result<UniqueHandle> MakeTimer() = 0;
 
-  // Sets `timer` to fire once, `due` from now, without waking the machine. Returns zero or the
-  // error.
+  // Makes `timer` fire once, `due` from now, without waking the machine. Zero or the error.
   virtual ErrorCode SetTimer(RawHandle timer, Duration due) = 0;
 
   // Thread accounting, called only by Thread (thread.h), because a virtual clock advances only
   // while every worker is parked in one of the waits above. The starting thread calls
-  // WorkerStarting before the new thread exists. The new thread calls WorkerStarted first and
-  // WorkerEnded last. If no thread can be created, the starting thread calls WorkerNotStarted
-  // instead.
+  // WorkerStarting before the new thread exists, and WorkerNotStarted if it cannot be created. The
+  // new thread calls WorkerStarted first and WorkerEnded last.
   virtual void WorkerStarting() = 0;
   virtual void WorkerStarted() {}
   virtual void WorkerNotStarted() { WorkerEnded(); }

@@ -33,8 +33,7 @@ class Com {
   // Sets call-level authentication (WinNT, no authorisation, impersonate) on a proxy.
   virtual std::int32_t SetProxyBlanket(IUnknown* proxy) = 0;
 
-  // Returns a BSTR copy of `text`, owned by the caller (see com_owners.h), or null if out of
-  // memory.
+  // Returns a BSTR, owned by the caller (see com_owners.h), or null if out of memory.
   virtual wchar_t* MakeText(const wchar_t* text) = 0;
 
   // Returns `count` zero bytes from index 0, owned by the caller, or null if out of memory.
@@ -42,8 +41,7 @@ class Com {
   virtual std::int32_t PutByte(tagSAFEARRAY* bytes, std::int32_t index, std::uint8_t value) = 0;
 };
 
-// Owns one reference to a COM object. A copy owns another. Where it is only declared, the interface
-// may be incomplete.
+// Owns one reference to a COM object. The interface may be incomplete in mere declarations.
 template <typename Interface>
 class ComPtr {
  public:

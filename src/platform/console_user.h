@@ -9,19 +9,16 @@
 #include "platform/sessions.h"
 #include "platform/unique_handle.h"
 
-// Acting as the console user. Every operation that does so goes through here and passes a function
-// that reports a step that Windows refuses.
+// All acting as the console user goes through here. Callers pass how to report a refused step.
 namespace Vx::Platform {
 
 // The steps in the order in which they are taken.
 enum class ActingStep { Session, SessionApi, Token, TokenCopy, Impersonation, Revert };
 
-// Receives the refused step and its error, on the acting thread. May throw, except for Revert,
-// which a destructor reports.
+// Receives the refused step and its error, on the acting thread. May throw except for Revert.
 using ActingReport = std::function<void(ActingStep step, ErrorCode error)>;
 
-// The logon session that one operation acts for, set by its first query. By the next query another
-// user may be at the console.
+// The logon session of one operation, set by its first query, because the console user can change.
 using OneLogon = std::optional<std::uint64_t>;
 
 // Returns the primary token of the console user, or null after a refusal. Session fails with
@@ -72,8 +69,7 @@ class OwnIdentity {
   ErrorCode error = 0;
 };
 
-// In a debug build, ends the process if the calling thread impersonates. For entry points that
-// would revert it.
+// In a debug build, ends the process if the thread impersonates, which an entry would revert.
 void ExpectOwnIdentity() noexcept;
 
 // Returns the result of `action`, run as the user of `token`, or an empty value if `token` is null

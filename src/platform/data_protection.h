@@ -9,8 +9,7 @@
 
 namespace Vx::Platform {
 
-// Encryption for this machine: DPAPI with the local-machine flag, no entropy and no prompts. Any
-// thread; does not wait.
+// DPAPI with the local-machine flag, no entropy and no prompts. Any thread; does not wait.
 class DataProtection {
  public:
   virtual ~DataProtection() = default;

@@ -17,8 +17,7 @@ class Environment {
  public:
   virtual ~Environment() = default;
 
-  // Returns `text` with the process's variables expanded. Fails if the result needs more than
-  // `maxChars` characters with the terminator.
+  // Expands the process's variables. Fails above `maxChars` characters with the terminator.
   virtual Result<std::wstring> Expand(const std::wstring& text, std::size_t maxChars) const = 0;
 
   // Does the same with the variables of the user of `token`, or of the system if it is null.

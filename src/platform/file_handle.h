@@ -49,11 +49,10 @@ class FileHandle {
   // Returns once the disk holds what was written. FlushFileBuffers needs write access.
   virtual ErrorCode Flush() = 0;
 
-  // Renames the file to `path` in one step, replacing an existing file. Needs FileUse::Remove or
-  // FileUse::Replace.
+  // Renames the file in one step, replacing any file at `path`. Needs FileUse::Remove or Replace.
   virtual ErrorCode MoveOver(const std::wstring& path) = 0;
 
-  // Deletes the file when it is closed. Needs FileUse::Remove or FileUse::Replace.
+  // Deletes the file when it is closed. Needs FileUse::Remove or Replace.
   virtual ErrorCode Remove() = 0;
 };
 

@@ -21,7 +21,6 @@ struct AccessEntry {
   std::wstring sid;  // as text, "S-1-..."; empty for other kinds of entries
 };
 
-// A discretionary access list and the owner.
 struct AccessList {
   std::wstring owner;  // a SID as text
   std::vector<AccessEntry> entries;
@@ -52,8 +51,8 @@ class Files {
   // Creates an empty file if there is none.
   virtual ErrorCode Touch(const std::wstring& path) = 0;
 
-  // Returns the whole file. Fails with ERROR_FILE_TOO_LARGE above `maxBytes` and, like Overwrite,
-  // with ERROR_BAD_FILE_TYPE for a pipe or a device.
+  // ERROR_FILE_TOO_LARGE above `maxBytes`, ERROR_BAD_FILE_TYPE (like Overwrite) for a pipe or
+  // device.
   virtual Result<std::vector<std::byte>> Read(const std::wstring& path,
                                               std::size_t maxBytes) const = 0;
 
@@ -79,14 +78,12 @@ class Files {
   // Returns whether `path`, which begins with a drive, is on another machine's drive or on none.
   virtual bool IsElsewhere(const std::wstring& path) const = 0;
 
-  // Returns where the existing file `path` really is, after links, mount points and short names,
-  // without the leading "\\?\".
+  // Returns where `path` really is, after links, mount points and short names, without "\\?\".
   virtual Result<std::wstring> FinalPath(const std::wstring& path) const = 0;
 
   virtual Result<std::wstring> FinalPathOf(RawHandle file) const = 0;
 
-  // Returns the owner and the discretionary access list of a folder. Fails if they cannot be read
-  // or if there is no list.
+  // Fails if the owner or the discretionary access list cannot be read or there is no list.
   virtual Result<AccessList> FolderAccess(const std::wstring& folder) const = 0;
 
   // Opens the existing file `path` itself. Does not follow a link.

@@ -24,8 +24,7 @@ class Threads;
 class TrustProvider;
 struct InstalledMachine;
 
-// Everything outside the program, one member per capability. None is ever null, and each outlives
-// the machine that names it.
+// Everything outside the program, one member per capability. Never null. Each outlives the machine.
 struct Machine {
   ApiSets* apiSets = nullptr;
   AppServices* appServices = nullptr;
@@ -53,12 +52,9 @@ const Machine& CurrentMachine() noexcept;
 // The real Windows, whatever is installed.
 const Machine& WindowsMachine() noexcept;
 
-// Replaces the current machine for the life of this object. For tests and the simulator.
-//
-// The new machine is a copy of the current one with `change` applied, so that a test can replace
-// one capability and keep the others. Scopes nest. A scope that ends out of order, or while a
-// worker started under it still runs, ends the process with a message, because the worker might use
-// a destroyed capability.
+// Replaces the current machine, for tests and the simulator, with a copy to which `change` was
+// applied. Scopes nest. A scope that ends out of order, or while a worker started under it still
+// runs, ends the process with a message, because the worker might use a destroyed capability.
 class MachineScope {
  public:
   explicit MachineScope(const std::function<void(Machine&)>& change);

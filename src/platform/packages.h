@@ -73,12 +73,10 @@ class Packages {
   // Full names of the family's packages on the whole machine (needs administrator rights).
   virtual std::vector<std::wstring> FindForAllUsers(const std::wstring& familyName) const = 0;
 
-  // Returns the SID, as text, of the account "domain\user". May block while Windows asks a domain
-  // controller.
+  // The SID of "domain\user" as text. May block while Windows asks a domain controller.
   virtual Result<std::wstring> AccountSid(const std::wstring& account) const = 0;
 
-  // Full names of the family's packages registered for the user with this SID, or for the calling
-  // user if it is empty.
+  // Full names registered for the user with this SID, or for the calling user if it is empty.
   virtual std::vector<std::wstring> FindForUser(const std::wstring& sid,
                                                 const std::wstring& familyName) const = 0;
 

@@ -11,8 +11,7 @@
 
 namespace Vx::Platform {
 
-// The parameters of a new process. It inherits no handles. The creation flags are always new
-// console, normal priority and Unicode environment (0x430).
+// Inherits no handles. Flags: new console, normal priority, Unicode environment (0x430).
 struct ProcessStart {
   std::wstring application;          // full path, never searched for
   std::wstring commandLine;          // at most 32,767 characters with the terminator
@@ -26,8 +25,7 @@ class Processes {
  public:
   virtual ~Processes() = default;
 
-  // Starts a process as the user of `token`, or as the service if it is null. Returns its id and
-  // closes its handles at once.
+  // Starts as the user of `token`, or as the service if null. Returns the id and keeps no handle.
   virtual Result<std::uint32_t> Start(RawHandle token, const ProcessStart& start) = 0;
 
   // Returns the ids of at most `limit` running processes, in the system's order.
@@ -43,9 +41,8 @@ class Processes {
   virtual Result<UniqueHandle> PrimaryToken(std::uint32_t id) const = 0;
 };
 
-// Splits a command line into words as CommandLineToArgvW does. Returns an empty list on failure.
-// `commandLine` must not be empty, because Windows would return the path of the running program. A
-// pure function, so not a capability.
+// Splits like CommandLineToArgvW. Returns an empty list on failure. `commandLine` must not be
+// empty, because Windows would return the path of the running program.
 std::vector<std::wstring> SplitCommandLine(const std::wstring& commandLine);
 
 }  // namespace Vx::Platform

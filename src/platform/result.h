@@ -6,8 +6,7 @@
 
 namespace Vx::Platform {
 
-// A Windows error code: GetLastError() or an HRESULT, depending on the operation. Zero means
-// success.
+// GetLastError() or an HRESULT, depending on the operation. Zero means success.
 using ErrorCode = std::uint32_t;
 
 // A value, or the error code that Windows returned instead.

@@ -44,8 +44,7 @@ class Sessions {
   // Returns the token that the calling thread impersonates with, or null if it does not.
   virtual Result<UniqueHandle> ThreadToken() const = 0;
 
-  // Makes the calling thread impersonate with such a token again, at the token's level. Returns
-  // zero or the error.
+  // Impersonates with such a token again, at the token's level. Returns zero or the error.
   virtual ErrorCode Resume(RawHandle threadToken) = 0;
 
   // Whether the process runs as Local System.

@@ -47,8 +47,7 @@ struct CatalogFailure {
   ErrorCode error = 0;
 };
 
-// Authenticode verification by Windows. Any thread; keeps no state between calls. The caller
-// decides which results are good enough.
+// Authenticode verification by Windows. Any thread. The caller decides which results suffice.
 class TrustProvider {
  public:
   virtual ~TrustProvider() = default;

@@ -12,14 +12,12 @@ struct HandleCloser {
   void operator()(RawHandle handle) const noexcept;  // CloseHandle
 };
 
-// Owns a kernel handle. Null means none.
 using UniqueHandle = std::unique_ptr<void, HandleCloser>;
 
 // A handle with several owners, closed by the last.
 using SharedHandle = std::shared_ptr<void>;
 
-// CreateFile fails with INVALID_HANDLE_VALUE where most calls fail with null. Converting it here
-// leaves one empty value for the rest of the program.
+// CreateFile fails with INVALID_HANDLE_VALUE, where most calls return null. Converts it to null.
 UniqueHandle AdoptFile(RawHandle raw) noexcept;
 
 // An empty handle stays empty.

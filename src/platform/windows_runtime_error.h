@@ -6,8 +6,7 @@
 
 namespace Vx::Platform {
 
-// An HRESULT and a message. Not derived from std::exception, so that a boundary can catch the two
-// in either order.
+// Not derived from std::exception, so that a boundary can catch the two in either order.
 class WindowsRuntimeError {
  public:
   explicit WindowsRuntimeError(std::int32_t code) : errorCode(code) {}

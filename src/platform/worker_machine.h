@@ -7,8 +7,7 @@
 
 namespace Vx::Platform {
 
-// A machine in use and its number of workers. The machine of a MachineScope lives as long as the
-// scope, the real one as long as the module.
+// A machine in use. A MachineScope's ends with the scope, the real one with the module.
 struct InstalledMachine {
   Machine machine;
   InstalledMachine* previous = nullptr;  // becomes current when this machine's scope ends

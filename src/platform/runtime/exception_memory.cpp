@@ -21,8 +21,7 @@ namespace Vx::Platform {
 
 namespace {
 
-// The runtime keeps a record directly before the thrown object. GCC 12 needs 160 bytes for it. The
-// rest is for later compilers.
+// The runtime's record before the thrown object. GCC 12 needs 160 bytes, later ones perhaps more.
 constexpr std::size_t kRecord = 256;
 constexpr std::size_t kSlot = kRecord + kLargestReservedException;
 constexpr std::size_t kAlignment = 16;

@@ -7,8 +7,7 @@
 namespace Vx::Platform {
 
 void FailFast() noexcept {
-  // Bypasses all exception handlers and starts Windows Error Reporting directly, as documented for
-  // RaiseFailFastException. A null record reports the caller's address.
+  // Bypasses all exception handlers, as documented. A null record reports the caller's address.
   RaiseFailFastException(nullptr, nullptr, FAIL_FAST_GENERATE_EXCEPTION_ADDRESS);
   __builtin_trap();  // not reached, but the compiler does not know that the call never returns
 }

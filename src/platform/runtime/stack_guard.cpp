@@ -8,8 +8,7 @@
 // NOLINTBEGIN(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp): the compiler's names
 namespace {
 
-// Ends the process with the documented fail-fast instruction: no handler runs, and Windows Error
-// Reporting gets the code.
+// The documented fail-fast: no handler runs, and Windows Error Reporting gets the code.
 [[noreturn]] void FastFail(unsigned code) {
   asm volatile("int $0x29" : : "c"(code));
   __builtin_unreachable();

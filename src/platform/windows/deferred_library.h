@@ -8,15 +8,13 @@ namespace Vx::Platform {
 
 // A Windows library that only a launch or the firmware needs, so that other hosts do not pay for
 // it. Loads it from the system directory at the first Find, as the process even if the thread
-// impersonates, and keeps it for the life of the process: Windows forbids freeing it under the
-// loader lock, while this module is unloaded. For the same reason not for DllMain or constructors.
-// Any thread. Does not throw.
+// impersonates, and never frees it, which Windows forbids under the loader lock, while this module
+// is unloaded. So not for DllMain or constructors. Any thread. Does not throw.
 class DeferredLibrary {
  public:
   constexpr explicit DeferredLibrary(const wchar_t* name) noexcept : fileName(name) {}
 
-  // Returns the function `name`, or null and sets the last error if the library does not load or
-  // lacks it.
+  // Returns null and sets the last error if the library does not load or lacks the function.
   template <typename Function>
   Function* Find(const char* name) noexcept {
     return reinterpret_cast<Function*>(Address(name));

@@ -19,7 +19,6 @@ using Opened = Result<std::unique_ptr<FileHandle>>;
 
 constexpr DWORD kReadStep = 1U << 30;
 
-// Returns the user of this process, or nothing if Windows refuses.
 std::vector<std::byte> ProcessUser() {
   HANDLE raw = nullptr;
   if (OpenProcessToken(GetCurrentProcess(), TOKEN_QUERY, &raw) == 0) return {};
@@ -128,7 +127,6 @@ class RealFileHandle final : public FileHandle {
   }
 
  private:
-  // The position of a read or a write in a file opened for synchronous access.
   static OVERLAPPED At(std::size_t offset) {
     OVERLAPPED place{};
     place.Offset = static_cast<DWORD>(offset);

@@ -28,8 +28,7 @@ class ThreadSlot {
   ThreadSlot() noexcept : index(TlsAlloc()) {}
   ThreadSlot(const ThreadSlot&) = delete;
   ThreadSlot& operator=(const ThreadSlot&) = delete;
-  // Runs when the module is unloaded or the process ends. By then no worker runs, because each
-  // holds a reference to the module.
+  // No worker can still run here, because each holds a reference to the module.
   ~ThreadSlot() {
     const DWORD freed = index.exchange(TLS_OUT_OF_INDEXES);
     if (freed != TLS_OUT_OF_INDEXES) TlsFree(freed);

@@ -7,8 +7,7 @@
 
 namespace Vx::Platform {
 
-// Application-model functions looked up at run time, with the signatures of appmodel.h. Null if
-// this Windows lacks one.
+// Found at run time. Null if this Windows lacks it. The signatures are those of appmodel.h.
 struct AppModelFunctions {
   using FindByFamily = long __stdcall(const wchar_t* family, std::uint32_t filters,
                                       std::uint32_t* count, wchar_t** fullNames,
@@ -30,9 +29,8 @@ struct AppModelFunctions {
 AppModelFunctions ResolveAppModel() noexcept;
 
 // Returns the packages of this Windows, queried through `functions`. A query whose function is null
-// fails with ERROR_PROC_NOT_FOUND. Package manager operations enter and leave the apartment of
-// their thread. Their errors name the step, with REGDB_E_CLASSNOTREG if this Windows has no package
-// manager.
+// fails with ERROR_PROC_NOT_FOUND. Package manager operations enter and leave their thread's
+// apartment. Their errors name the step, with REGDB_E_CLASSNOTREG if there is no package manager.
 std::unique_ptr<Packages> MakeWindowsPackages(const AppModelFunctions& functions);
 
 }  // namespace Vx::Platform

@@ -11,8 +11,7 @@ namespace Vx::Platform {
 
 namespace {
 
-// WINTRUST_SIGNATURE_SETTINGS, and the WINTRUST_DATA that points to it, are newer than this
-// toolchain's headers.
+// WINTRUST_SIGNATURE_SETTINGS and the WINTRUST_DATA for it, newer than this toolchain's headers.
 struct SignatureSettings {
   DWORD size;
   DWORD index;
@@ -55,8 +54,7 @@ LONG VerifyTrust(const SignatureFunctions& functions, TrustData& data) {
   return functions.verify(static_cast<HWND>(INVALID_HANDLE_VALUE), &action, &data);
 }
 
-// One verification. The second call closes its state on every path, because even a failed
-// verification has state.
+// One verification. Even a failed one has state, which the second call closes on every path.
 class Verification {
  public:
   Verification(const SignatureFunctions& wintrust, DWORD unionChoice, const void* subject,
@@ -110,8 +108,7 @@ class Verification {
   LONG result;
 };
 
-// Uses the reported length, not a terminator, so that a NUL inside a name cannot make it equal to a
-// shorter one.
+// Uses the reported length, because a NUL inside a name must not make it equal to a shorter one.
 std::wstring Attribute(const CERT_CONTEXT* certificate, DWORD flags, const char* attribute) {
   std::string type(attribute);
   const DWORD length =

@@ -26,8 +26,7 @@ unsigned __stdcall Run(void* argument) {
   auto* starter = static_cast<Starter*>(argument);
   HMODULE module = starter->module;
   starter->body();
-  // Frees what the callable owns while the module is still loaded. The next call runs no
-  // destructors.
+  // Frees the callable while the module is still loaded. The next call runs no destructors.
   delete starter;
   FreeLibraryAndExitThread(module, 0);
 }

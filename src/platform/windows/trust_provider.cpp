@@ -92,7 +92,6 @@ std::wstring MemberTag(const std::vector<std::byte>& hash) {
   return tag;
 }
 
-// Returns the full path of the first catalog with a member of this hash.
 Result<std::wstring> CatalogOf(const SignatureFunctions& functions, const CatalogAdmin& admin,
                                std::vector<std::byte>& hash) {
   using Text = Result<std::wstring>;

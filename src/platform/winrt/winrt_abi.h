@@ -6,11 +6,10 @@
 #include <windows.h>
 #include <winstring.h>
 
-// The Windows Runtime interfaces that this system uses, in Windows' layout. Slots 0 to 5 belong to
-// IUnknown and IInspectable. The other members follow in the order of their slots, up to the last
-// one used. The caller owns every returned HSTRING and interface. Declared by hand because the
-// compiler's headers lack most of them and get several generic ones wrong (a four-byte boolean, a
-// wrong identifier).
+// The Windows Runtime interfaces in use, in Windows' layout. Slots 0 to 5 belong to IUnknown and
+// IInspectable. The other members follow in the order of their slots, up to the last one used. The
+// caller owns every returned HSTRING and interface. Declared by hand because the compiler's headers
+// lack most of them and get several wrong (a four-byte boolean, a wrong identifier).
 
 // The virtual destructor that these warnings ask for would take a slot.
 #pragma GCC diagnostic push

@@ -7,8 +7,7 @@
 #include "platform/windows_runtime_error.h"
 #include "platform/winrt/winrt_owners.h"
 
-// Windows Runtime calls that throw WindowsRuntimeError on failure. The message names the call,
-// because the code alone does not identify the failed step.
+// The message of a failure names the call, because the code alone does not identify the step.
 
 namespace Vx::Platform {
 

@@ -121,8 +121,7 @@ class Delegate final : public Interface {
 #pragma GCC diagnostic pop
 
 // Keeps this module loaded until the process ends. Windows may call or release a delegate after its
-// removal, and its thread may still be leaving our code when the last reference is gone. So no
-// reference count shows when the code may be unloaded.
+// removal, and its thread may still be leaving our code after the last release.
 inline void KeepModuleLoaded() noexcept {
   HMODULE module = nullptr;
   GetModuleHandleExW(GET_MODULE_HANDLE_EX_FLAG_PIN | GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS,
