@@ -11,9 +11,8 @@ namespace Vx::Tessel::Server::Services::Orvane {
 inline constexpr std::size_t kMaxClientIdLength = 64;
 
 // Creates the record that carries a caller's identity (null counts as empty) and returns 0, or
-// 0x20000002 and a null record if out of memory. Ignores a null `context`. An identity that is too
-// long breaks the host's contract and ends the process, because a shortened one could match another
-// client's.
+// 0x20000002 and a null record if out of memory. Ignores a null `context`. A longer identity breaks
+// the host's contract and ends the process: if shortened, it could match another client's.
 std::uint32_t MakeClientContext(const wchar_t* clientId, ClientContext** context) noexcept;
 
 // Frees the record and its text. Accepts nulls. Returns 0.

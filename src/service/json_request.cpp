@@ -31,7 +31,6 @@ void WarnWrongType(const RequestCaller& caller, const wchar_t* key, rapidjson::T
                          static_cast<int>(expected), static_cast<int>(actual));
 }
 
-// Returns a member of the root, or null if there is none or the root is not an object.
 const Json::WideValue* FindMember(const Json::WideDocument& document, const wchar_t* name) {
   if (!document.IsObject()) return nullptr;
   const auto member = document.FindMember(name);

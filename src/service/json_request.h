@@ -50,8 +50,7 @@ bool NullChecker(std::initializer_list<NullCheck> checks, const RequestCaller& c
 bool GetJsonValue(const Json::WideDocument* document, const wchar_t* jsonName,
                   const Json::WideValue** outJsonValue, const RequestCaller& caller);
 
-// Finds the text of a string member, which lives as long as the document. An escaped NUL ends it
-// for every reader.
+// Finds a string's text, which lives as long as the document and ends at an escaped NUL.
 bool ParseJsonValue(const Json::WideDocument* document, const wchar_t* jsonName,
                     const wchar_t** resultValue, const RequestCaller& caller);
 

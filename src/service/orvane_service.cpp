@@ -64,8 +64,7 @@ void SignalIfMade(Platform::RawHandle event) {
   if (event != nullptr) Platform::CurrentMachine().kernelObjects->Signal(event);
 }
 
-// Reads the stored requests under `key` into an array. Omits another writer's elements that are not
-// objects, as a replay does.
+// Reads the stored requests under `key`. Like a replay, omits elements that are not objects.
 Json::WideValue RequestsUnder(const char* key, Json::WidePool& pool) {
   Json::WideValue requests(rapidjson::kArrayType);
   const std::wstring text = RequestManager(kServiceDocument, key).RequireStoredList();

@@ -19,8 +19,7 @@ class OrvaneService final : public VxService {
   // Returns a new service, to be freed through Destroy(1), or null if out of memory.
   static OrvaneService* Create() noexcept;
 
-  // Signals both stop events and releases its share of the state. A running task keeps its own
-  // until it has seen the event.
+  // Signals both stop events. A running task keeps its share of the state until it has seen one.
   void* Destroy(unsigned flags) noexcept override;
   std::uint32_t CreateClientContext(const wchar_t* clientId,
                                     ClientContext** context) noexcept override;
@@ -29,8 +28,7 @@ class OrvaneService final : public VxService {
                                const wchar_t* request, wchar_t** response,
                                CompletionCallback* callback) noexcept override;
 
-  // Starts the detached `startup_task` thread. If that fails, logs it and stays usable for
-  // commands.
+  // If the `startup_task` thread cannot be started, logs that and stays usable for commands.
   void Start() noexcept override;
   void power_event_task(std::uint32_t eventType) noexcept override;
   bool oobe_event_task() noexcept override;
@@ -39,8 +37,7 @@ class OrvaneService final : public VxService {
   // Stores a package subscription and makes it live for this service.
   bool RegisterAppPackageEvent(const wchar_t* request);
 
-  // Change the stored lists of power and platform ("Zephra") subscriptions, or raise the platform
-  // event for a changed policy.
+  // Change the stored power and platform ("Zephra") subscriptions, or raise the policy event.
   Records::Outcome RegisterPowerEvent(const wchar_t* request);
   Records::Outcome UnregisterPowerEvent(const wchar_t* request);
   Records::Outcome RegisterZephraEvent(const wchar_t* request);
@@ -57,8 +54,7 @@ class OrvaneService final : public VxService {
   // Command handlers, see query_handlers.h.
   //
   // Id 20, "power_events" and "zephra_events": the stored requests as objects, in stored order.
-  // Requests that do not fit into the response are omitted and counted in "omitted". Fails if a
-  // list cannot be read.
+  // "omitted" counts those that do not fit into the response. Fails if a list cannot be read.
   static std::uint32_t GetSubscriptions(const Call& call);
 
   // Id 21, "sleepState": the number that another service stored, or 0.

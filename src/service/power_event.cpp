@@ -33,7 +33,6 @@ const Resume* ResumeOf(std::uint32_t eventType) {
   return nullptr;
 }
 
-// Refreshes the user's registration data and starts the software that could not run in S mode.
 void DoSModeSwitchWork(OrvaneService& service, const Logging::TraceLogger& logger) {
   RefreshRegistrationData(logger);
   const auto store = Storage::TryOpenStore();

@@ -45,7 +45,6 @@ std::int32_t StoredFirstMode(CapDataStore& store) {
   return stored ? stored->AsInt32().value_or(kNoMode) : kNoMode;
 }
 
-// Starts the program as the service and does not wait for it.
 bool StartSwitchSoftware(const Security::TrustedProgram& program, const wchar_t* arguments,
                          const Logging::TraceLogger& logger) {
   Platform::ProcessStart start;

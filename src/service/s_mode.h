@@ -4,8 +4,7 @@
 
 namespace Vx::Tessel::Server::Services::Orvane {
 
-// Stores the lockdown mode of the machine's first start unless one is stored. A failure changes
-// nothing and is not logged.
+// Stores the lockdown mode of the first start unless one is stored. Does not log failures.
 void SetFirstLockDownMode(const Logging::TraceLogger& logger);
 
 // Starts `pathToExecute` with `arguments` as the service, if it is trusted.

@@ -48,8 +48,7 @@ bool Pause(Platform::RawHandle stop, std::chrono::milliseconds length, Platform:
   return wait.outcome == Platform::WaitOutcome::TimedOut;
 }
 
-// Polls until first-run set-up is over. A failed query counts as "not yet". Returns false if the
-// service ends first.
+// A failed query counts as "not yet". Returns false if the service ends first.
 bool WaitForOobe(const ServiceState& state) {
   Platform::WaitResult wait;
   for (int poll = 0;; ++poll) {
@@ -76,8 +75,7 @@ void WatchStoredPackages(const ServiceState& state) {
   }
 }
 
-// Starts the check without waiting for it. Runs once per service object, however often this task
-// runs.
+// Runs once per service object, however often this task runs. Does not wait for the check.
 void StartWakeupCheck(const std::shared_ptr<ServiceState>& state) {
   if (state->wakeupCheckDone) return;
   state->logger->LogInfo(kStarted, kWakeupCheckName);
@@ -85,8 +83,7 @@ void StartWakeupCheck(const std::shared_ptr<ServiceState>& state) {
   CatchAndLog("startup_task", [&] { Platform::StartDetached([state] { RunWakeupCheck(state); }); });
 }
 
-// Waits for a real user, at most two hours. Returns false if the service ends first, and true even
-// if no user came.
+// Returns false if the service ends first, and true even if no user came in two hours.
 bool WaitForUser(const ServiceState& state) {
   state.logger->LogInfo(kUserWait);
   const Launcher launcher;

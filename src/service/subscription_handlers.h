@@ -10,8 +10,7 @@ namespace Vx::Tessel::Server::Services::Orvane {
 // throws std::exception.
 
 // Id 7: stores a package subscription and makes it live. Returns the HRESULT of a Windows Runtime
-// error, after removing the request again. A request that is stored already stays and returns
-// 0x20000009.
+// error, after removing the request, or 0x20000009 for a request that is already stored.
 std::uint32_t SubscribeToPackageEvent(const Call& call);
 
 // Ids 9 and 14. Log failures and return 0.

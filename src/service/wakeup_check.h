@@ -10,8 +10,7 @@ inline constexpr char kWakeupCheckName[] =
     "Vx::Tessel::Server::Services::Orvane::OrvaneService::CheckToSendWakeupEvent";
 
 // The wake-up thread's body and boundary. After a new boot of Windows it waits up to twelve minutes
-// for a real user and then raises the platform event, once per boot. Its waits end when the service
-// object is destroyed.
+// for a real user, then raises the platform event, once per boot. Its waits end with the service.
 void RunWakeupCheck(const std::shared_ptr<ServiceState>& state) noexcept;
 
 }  // namespace Vx::Tessel::Server::Services::Orvane
