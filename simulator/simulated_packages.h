@@ -37,9 +37,9 @@ class SimulatedPackages final : public Platform::Packages {
   // Adds a package to the machine and registers it for `user`.
   void Install(const SimulatedPackage& package, const std::wstring& user);
 
-  // Removes the user's packages of the family, `length` from now. Packages without a user leave the
-  // machine. The user's catalogs report the start at once (unless `length` is zero) and later the
-  // end, on workers of the current machine, which must be the machine of these packages.
+  // Removes the user's packages of the family, `length` from now, and from the machine those that
+  // no user has. The user's catalogs report the start at once (unless `length` is zero) and the end
+  // later, on workers of the current machine, which must be the one of these packages.
   void Uninstall(const std::wstring& familyName, const std::wstring& user,
                  Platform::Clock::Duration length = std::chrono::seconds(1));
 
