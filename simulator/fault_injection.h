@@ -49,7 +49,7 @@ class FaultInjection {
   template <typename Faulty, typename Capability>
   void Decorate(Capability*& capability);
 
-  mutable std::mutex mutex;  // guards what follows
+  mutable std::mutex mutex;  // guards everything below
   std::vector<std::string> calls;
   std::optional<std::size_t> failingCall;
   std::string failingName;

@@ -40,7 +40,7 @@ class SimulatedAppServices final : public Platform::AppServices {
   Reply Take(const Message& message);
 
   Timeline& timeline;
-  mutable std::mutex mutex;  // guards what follows
+  mutable std::mutex mutex;  // guards everything below
   std::vector<Message> messages;
   std::deque<Reply> replies;
   Reply usualReply{0, L""};

@@ -87,7 +87,7 @@ class SimulatedPackages final : public Platform::Packages {
   Timeline& timeline;
   const SimulatedUsers& users;
   Platform::Clock& clock;
-  mutable std::mutex mutex;  // guards what follows
+  mutable std::mutex mutex;  // guards everything below
   std::map<std::wstring, Staged> packages;
   std::map<std::int64_t, Watch> watches;
   std::int64_t lastToken = 0;

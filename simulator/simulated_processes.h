@@ -44,7 +44,7 @@ class SimulatedProcesses final : public Platform::Processes {
  private:
   Timeline& timeline;
   const SimulatedUsers& users;
-  mutable std::mutex mutex;  // guards what follows
+  mutable std::mutex mutex;  // guards everything below
   std::vector<SimulatedProcess> started;
   std::map<std::uint32_t, SimulatedProcess> running;
   std::map<std::wstring, Platform::ErrorCode> refused;

@@ -51,7 +51,7 @@ class SimulatedSystem final : public Platform::ApiSets,
 
   Timeline& timeline;
   const VirtualClock& clock;
-  mutable std::mutex mutex;  // guards what follows
+  mutable std::mutex mutex;  // guards everything below
   VirtualClock::Duration oobeEnds{};
   bool oobeKnown = true;
   std::set<std::wstring> missingApiSets;

@@ -95,7 +95,7 @@ class SimulatedUsers final : public Platform::Sessions, public Platform::Environ
   SimulatedUser AddLocked(const std::wstring& name);
 
   Timeline& timeline;
-  mutable std::mutex mutex;  // guards what follows
+  mutable std::mutex mutex;  // guards everything below
   std::map<std::wstring, SimulatedUser> users;
   std::optional<std::uint32_t> console = 1;
   std::uint32_t lastSession = 1;

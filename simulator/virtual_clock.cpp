@@ -337,7 +337,7 @@ Platform::WaitResult VirtualClock::WaitOutside(Lock& lock, Platform::RawHandle h
       const DWORD code = WaitForSingleObject(handle, static_cast<DWORD>(Count(patience)));
       lock.lock();
       if (code != WAIT_TIMEOUT) return Signalled();
-      Die("VirtualClock: a thread waits without limit for something that nobody is left to do");
+      Die("VirtualClock: a thread waits for something that no other thread can do");
     }
   }
 }

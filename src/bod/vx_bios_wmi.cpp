@@ -30,7 +30,7 @@ constexpr char kGetBiosMethodObjectPath[] = "GetBiosMethodObjectPath";
 constexpr char kGetOutputData[] = "GetOutputData";
 constexpr char kCreateSafeArray[] = "CreateSafeArray";
 
-constexpr char kOutOfMemory[] = "VxBiosWmi - no memory for a text";
+constexpr char kOutOfMemory[] = "VxBiosWmi - out of memory";
 
 constexpr wchar_t kNamespace[] = LR"(\\.\root\wmi)";
 // The firmware spells its method class both ways.

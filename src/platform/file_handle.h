@@ -13,7 +13,7 @@ namespace Vx::Platform {
 struct FileFacts {
   std::uint64_t size = 0;        // bytes
   std::uint32_t attributes = 0;  // FILE_ATTRIBUTE_ bits
-  std::uint32_t names = 0;       // 1 unless the file has further hard links
+  std::uint32_t names = 0;       // hard links, at least 1
   std::uint64_t created = 0;     // FILETIME scale, like `written`
   std::uint64_t written = 0;
 };

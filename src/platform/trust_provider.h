@@ -23,7 +23,7 @@ struct SignerNames {
 
 struct Signer {
   std::vector<std::byte> publicKey;  // DER of the key inside SubjectPublicKeyInfo
-  std::wstring subject;              // the whole subject in the form of CertNameToStr
+  std::wstring subject;              // the whole subject as CertNameToStr formats it
   std::optional<SignerNames> names;  // empty if they could not be read
 };
 

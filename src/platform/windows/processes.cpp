@@ -54,7 +54,7 @@ class RealProcesses final : public Processes {
         start.workingDirectory.empty() ? nullptr : start.workingDirectory.c_str();
     STARTUPINFOW startup{};
     startup.cb = sizeof startup;
-    std::wstring desktop = start.desktop;  // the call takes a pointer to non-const
+    std::wstring desktop = start.desktop;  // the call takes a non-const pointer
     if (!desktop.empty()) startup.lpDesktop = desktop.data();
     PROCESS_INFORMATION made{};
     const BOOL done =
