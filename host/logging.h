@@ -8,8 +8,7 @@
 
 #include "host/log_sink.h"
 
-// Contract of the host's logging library, implemented in standins/. A build option links the
-// maker's own library instead.
+// The host's logging library. standins/ implements it unless a build links the maker's own.
 
 namespace Vx::Tessel::Server::Logging {
 
@@ -98,8 +97,7 @@ class LogManager {
   // The logger of a provider, the same for the same name.
   static TraceLogger* SetProvider(const char* name);
 
-  // Listeners of the host or of a test. A sink is not called after RemoveSink has returned, and
-  // must call neither function.
+  // A sink is not called after RemoveSink has returned, and must call neither function.
   static SinkId AddSink(Sink sink);
   static void RemoveSink(SinkId id);
 };

@@ -29,8 +29,7 @@ class UwpPackageModel {
   virtual int32_t FindPackageFullName(const wchar_t* familyName, wchar_t* buffer,
                                       uint32_t* length) = 0;
 
-  // Slot 2. `*force` becomes 1 if the package is staged on the machine but not registered for
-  // `user` ("domain\user"), otherwise 0.
+  // Slot 2. `*force` becomes 1 if the package is staged but not registered for "domain\user", or 0.
   virtual int32_t ShouldForceRegistration(const wchar_t* user, const wchar_t* fullName,
                                           int32_t* force) = 0;
 
@@ -42,8 +41,7 @@ class UwpPackageModel {
   virtual int32_t GetOriginAndVersion(const wchar_t* familyName, int32_t* origin,
                                       uint64_t* version) = 0;
 
-  // Slot 5. Why the last operation failed, or an empty text after a success. Valid until the next
-  // operation or the end of the object.
+  // Slot 5. Why the last operation failed, or an empty text. Valid until the next operation.
   virtual const wchar_t* LastError() = 0;
 
  protected:

@@ -12,8 +12,8 @@
 
 namespace Vx::Simulator {
 
-// The app services of a simulated machine's packaged apps. They record each message and reply as
-// set, initially with success. Any thread.
+// The app services of a simulated machine's packaged apps. Initially they reply with success. Any
+// thread.
 class SimulatedAppServices final : public Platform::AppServices {
  public:
   using Reply = std::pair<int, std::wstring>;

@@ -79,8 +79,7 @@ void SetBytes(Variant& value, const std::string& bytes) {
 
 }  // namespace
 
-// A reference-counted object of the firmware, counted in the live objects. Starts with one
-// reference.
+// A reference-counted object of the firmware, counted as live, with initially one reference.
 template <typename Base, typename Interface>
 class Implementation : public Base {
  public:

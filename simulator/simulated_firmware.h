@@ -66,8 +66,7 @@ class SimulatedFirmware final : public Platform::Com {
 
   void SetReturnCode(std::int32_t code);
 
-  // Called with every property value before it is returned, so that a test can make a reply
-  // hostile.
+  // Called with every property value before it is returned, to make a reply hostile.
   using Tamper = std::function<void(const std::wstring& property, tagVARIANT& value)>;
   void SetTamper(Tamper change);
 

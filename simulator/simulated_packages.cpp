@@ -88,8 +88,7 @@ void SimulatedPackages::Uninstall(const std::wstring& familyName, const std::wst
       clock.Sleep(length);
       Remove(uninstall->FamilyName(), owner);
       uninstall->Complete();
-      // Sends the notifications in order, because a handler holds its lock while it polls for the
-      // end.
+      // In order, because a handler holds its lock while it polls for the end.
       if (begin->Joinable()) begin->Join();
       Notify(owner.name, *uninstall);
     });

@@ -25,8 +25,7 @@ class SimulatedSystem final : public Platform::ApiSets,
   // Ends first-run set-up at this time since the clock was constructed.
   void EndOobeAt(VirtualClock::Duration elapsed);
 
-  // Sets whether the query for first-run set-up succeeds. If not, the rest of its result is
-  // meaningless.
+  // Sets whether the query succeeds. If not, the rest of its result is meaningless.
   void SetOobeKnown(bool known);
 
   void RemoveApiSet(const std::wstring& name);

@@ -18,15 +18,13 @@ struct SimulatedSignature {
   std::int32_t result = 0;  // of Windows' verification
 };
 
-// Signatures of files in memory, by exact path: one if signed here, otherwise none. Windows
-// verifies real files. Any thread.
+// Signatures by exact path: one if signed here, otherwise none. Windows verifies real files.
 class SimulatedTrust final : public Platform::TrustProvider {
  public:
   explicit SimulatedTrust(const SimulatedFiles& machineFiles) : files(machineFiles) {}
 
-  // Returns the public key that counts as pinned on a simulated machine. It is not the encoding of
-  // a key, so no real signature has it. The program that simulates the machine adds it to its
-  // pinned keys.
+  // Returns the public key that counts as pinned on a simulated machine, because its program adds
+  // it. It is not the encoding of a key, so no real signature has it.
   static std::vector<std::byte> PinnedKey();
 
   void Sign(const std::wstring& path, const SimulatedSignature& signature);

@@ -24,8 +24,7 @@ class Timeline {
 
   void Add(std::wstring text);
 
-  // Sets a function that is called with each new entry on the thread that adds it, one at a time.
-  // It must not add entries.
+  // Called with each new entry on the thread that adds it, one at a time. Must not add entries.
   void SetListener(Listener function);
 
   // Returns the entries, each as "61.000 text".

@@ -23,8 +23,7 @@ constexpr Duration kFirstPatience = std::chrono::seconds(10);
 // is not at rest after this time, it may need a lock that the next one holds.
 constexpr Duration kTurnPatience{250};
 
-// In milliseconds, how often a parked worker polls a handle that its own wait would reset (see
-// Park).
+// Milliseconds between a parked worker's polls of a handle that its own wait would reset.
 constexpr DWORD kLookInterval = 2;
 
 constexpr std::uint64_t kFirstTicks = 3'600'000;
@@ -361,8 +360,7 @@ bool VirtualClock::AtRest() {
   const auto runs = [](const Waiter& waiter) { return waiter.woken != Wake::No; };
   if (std::any_of(waiters.begin(), waiters.end(), runs)) return false;
 
-  // Often all workers wait for the same stop event. Querying it once avoids a thousand system calls
-  // for a step of a thousand workers.
+  // One query suffices when, as often, all workers wait for the same stop event.
   Platform::RawHandle quiet = nullptr;
   bool rest = true;
   for (Waiter& waiter : waiters) {

@@ -43,17 +43,14 @@ class VirtualClock final : public Platform::Clock {
   // Ends the process with a message if a worker is still parked here.
   ~VirtualClock() override;
 
-  // Advances time through everything that is due. Every worker is at rest on return. Throws
-  // ClockStuck.
+  // Advances through everything that is due. Returns with every worker at rest. Throws ClockStuck.
   void Advance(Duration length);
 
-  // Moves time from one deadline to the next until `reached` returns true. `reached` must not wait.
-  // It is called only while every worker is at rest. Returns false after `limit`, or if nothing is
-  // left to wait for.
+  // Moves time from one deadline to the next until `reached` returns true. It is called while every
+  // worker is at rest and must not wait. Returns false after `limit` or if no wait is left.
   bool AdvanceUntil(const std::function<bool()>& reached, Duration limit);
 
-  // Waits in real time until every worker is parked or has ended. Virtual time stands still. Throws
-  // ClockStuck.
+  // Waits in real time, at constant virtual time, until every worker is at rest. Throws ClockStuck.
   void Settle();
 
   // Simulates sleep: advances the tick count and UTC, but not the waits.

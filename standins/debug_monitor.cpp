@@ -23,8 +23,7 @@ namespace {
 
 using Platform::UniqueHandle;
 
-// The names of the protocol. The monitor creates the events and the buffer, the first writer the
-// mutex.
+// The protocol's names. The monitor creates events and buffer, and the first writer the mutex.
 constexpr wchar_t kMutex[] = L"DBWinMutex";
 constexpr wchar_t kBuffer[] = L"DBWIN_BUFFER";
 constexpr wchar_t kBufferReady[] = L"DBWIN_BUFFER_READY";
@@ -58,8 +57,7 @@ std::atomic<std::uint64_t> foundUntil{0};
 // When to try a reader that did not keep up again, whatever is found until then.
 std::atomic<std::uint64_t> leftAloneUntil{0};
 
-// Admits one writer of this module at a time, so that their waits for each other do not count
-// against the reader.
+// Admits one writer of this module at a time, so that only the reader uses up the patience.
 SRWLOCK writers = SRWLOCK_INIT;
 
 class WritersLock {

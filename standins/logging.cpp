@@ -156,9 +156,8 @@ void DeliverToSinks(const LogRecord& record) {
 
 constexpr wchar_t kReplacement = 0xFFFD;
 
-// A client's text must not start a new line or control the terminal that shows the log, as control
-// characters and line separators do, or reorder text, as direction marks do. White space among them
-// becomes a blank.
+// A client's text must not start a new line, control the terminal that shows the log or reorder
+// text, as control characters, separators and direction marks do. White space becomes a blank.
 wchar_t Shown(wchar_t unit) noexcept {
   if (unit >= L'\t' && unit <= L'\r') return L' ';
   const bool control = unit < L' ' || (unit >= 0x7F && unit < 0xA0);
@@ -239,8 +238,7 @@ std::wstring_view CopyCaller(wchar_t (&buffer)[Size], const wchar_t* caller) noe
   return {buffer, length};
 }
 
-// Sends a debug line: `LEVEL provider [caller] message` and a line feed, without brackets if there
-// is no caller.
+// `LEVEL provider [caller] message` and a line feed. No brackets if there is no caller.
 void DeliverToDebugger(const LogRecord& record, const wchar_t* line) {
   wchar_t text[kLongestLine + 16];
   _snwprintf(text, std::size(text) - 2, L"%s %s", NamesOf(record.level).text, line);
@@ -325,8 +323,7 @@ TraceLogger* LogManager::GetLogger() {
 }
 
 TraceLogger* LogManager::SetProvider(const char* name) {
-  // Loggers are never removed, so a lookup needs no lock, for which the threads of commands would
-  // contend.
+  // Loggers are never removed, so a lookup needs no lock.
   struct Known {
     std::string name;
     std::unique_ptr<TraceLogger> logger;

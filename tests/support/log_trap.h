@@ -8,8 +8,7 @@
 
 namespace Vx::Tests {
 
-// Runs an action in the middle of the code under test, on its thread, when that logs a line with
-// `text` for the `time`th time.
+// Runs an action on the thread that logs a line with `text` for the `time`th time, at that moment.
 class LogTrap {
  public:
   LogTrap(std::wstring text, int time, std::function<void()> action)

@@ -20,12 +20,10 @@ struct ProbeReport {
 
 std::wstring TestFolder();
 
-// Returns the full path of a file of the build, relative to TestFolder(). Ends the program with one
-// line if there is none.
+// Full path of a file of the build, relative to TestFolder(). If missing, ends the program.
 std::wstring BuiltFile(const std::wstring& name);
 
-// Full paths of the probe program, of the shipping module, and of the module that trusts the tests'
-// own authority.
+// The probe program, the shipping module, and the module that trusts the tests' own authority.
 std::wstring ProbePath();
 std::wstring ModulePath();
 std::wstring TestModulePath();

@@ -17,13 +17,11 @@ std::uintptr_t HandleGauge();
 inline constexpr std::size_t kMutexEvents = 8;
 inline constexpr std::uintptr_t kMutexEventsGauge = kMutexEvents * 4;  // values are four apart
 
-// Returns the gauge once it is at most `goal`, or its value after `limit`, because system threads
-// that come and go also hold handles.
+// Waits for the gauge to be at most `goal`, because passing system threads also hold handles.
 std::uintptr_t RestingHandleGauge(std::uintptr_t goal,
                                   std::chrono::milliseconds limit = std::chrono::seconds(30));
 
-// This process's memory in bytes: all addresses that are not free, its private commit, and the heap
-// blocks in use.
+// Bytes of this process: addresses that are not free, private commit, and heap blocks in use.
 struct MemoryInUse {
   std::size_t addresses = 0;
   std::size_t committed = 0;

@@ -6,8 +6,7 @@
 
 namespace Vx::Tests {
 
-// A running process named winlogon.exe, whose token is used to start programs in the session. Ends
-// with this object.
+// Runs a process named winlogon.exe, to start programs in the session with its token.
 class StandInLogon {
  public:
   // `folder` receives the program and its report. Throws std::runtime_error.

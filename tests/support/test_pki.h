@@ -4,8 +4,7 @@
 
 namespace Vx::Tests {
 
-// Returns the full path of a file that the target test_pki makes (see cmake/test_pki.cmake), in the
-// folder "pki" beside the test programs.
+// Full path of a file that cmake/test_pki.cmake makes, in the folder "pki" beside the tests.
 std::wstring PkiFile(const wchar_t* name);
 
 // A folder below %PROGRAMFILES%, made for this process and removed with its content at the end,

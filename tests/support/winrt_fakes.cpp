@@ -10,8 +10,7 @@
 
 #include <combaseapi.h>
 
-// Windows dictates the interfaces' slots, and only Release deletes, so the classes below have no
-// virtual destructor.
+// Windows dictates the slots, so these have no virtual destructor. Only Release deletes.
 #pragma GCC diagnostic ignored "-Wnon-virtual-dtor"
 
 namespace Vx::Tests {
