@@ -200,7 +200,7 @@ void Write(const Record& record) noexcept {
                        level, line.Text());
 }
 
-Delivery::Delivery(Record subject) noexcept : record(std::move(subject)), start(Now()) {
+Delivery::Delivery(Record&& subject) noexcept : record(std::move(subject)), start(Now()) {
   record.delivery = ++lastNumber;
 }
 

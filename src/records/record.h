@@ -121,7 +121,7 @@ class Delivery {
  public:
   // Gives the delivery the next number of this process. `subject` holds its kind, the code of its
   // event, the subscription and its target.
-  explicit Delivery(Record subject) noexcept;
+  explicit Delivery(Record&& subject) noexcept;
   Delivery(const Delivery&) = delete;
   Delivery& operator=(const Delivery&) = delete;
   // Records a delivery that has not ended as failed by an exception.

@@ -255,8 +255,8 @@ std::uint32_t Dispatch(OrvaneService& service, const ClientContext* context, std
                        const wchar_t* request, wchar_t** response,
                        CompletionCallback* callback) noexcept {
   const CallbackOwner owner(callback);
-  Platform::Clock& clock = *Platform::CurrentMachine().clock;
-  const std::uint64_t start = clock.TickCount();
+  const auto now = [] { return Platform::CurrentMachine().clock->TickCount(); };
+  const std::uint64_t start = now();
   RequestProblem problem{.reason = Records::Reason::EarlierLines};
   const RequestCaller caller{context == nullptr ? nullptr : context->clientId, &problem};
   const auto log = Logging::LogManager::GetLogger()->For(caller.clientId);
@@ -286,7 +286,7 @@ std::uint32_t Dispatch(OrvaneService& service, const ClientContext* context, std
     decide({Records::Decision::Done});
   }
   record.outcome.number = result;
-  record.milliseconds = clock.TickCount() - start;
+  record.milliseconds = now() - start;
   if (record.outcome.decision != Records::Decision::None) Records::Write(record);
   return result;
 }

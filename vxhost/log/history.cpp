@@ -80,10 +80,8 @@ std::optional<HistoryLine> ParseHistoryLine(const std::string& text) {
   result.line.provider = TextMember(line, L"provider");
   result.line.caller = TextMember(line, L"caller");
   result.line.message = TextMember(line, L"message");
-  const auto record = line.FindMember(L"record");
-  if (record != line.MemberEnd() && record->value.IsObject()) {
-    result.line.record = ParseRecord(record->value);
-  }
+  const Json::WideValue* const record = FindMember(line, L"record");
+  if (record != nullptr && record->IsObject()) result.line.record = ParseRecord(*record);
   if (result.time.empty() || result.line.message.empty()) return std::nullopt;
   return result;
 }
