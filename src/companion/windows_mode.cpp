@@ -46,7 +46,7 @@ std::int32_t QueryLockoutMode(const wchar_t* callerName) {
     logger->LogWarning(kLoadFailed, caller.c_str(), kQueryLockoutMode, path->c_str(), error);
     return 0;
   };
-  // The file that is judged is the one that is loaded.
+  // Keeps the verified file from being replaced before it is loaded.
   const auto lock = machine.files->OpenReadLocked(*path);
   if (!Security::VxAuthenticodeFacade().IsFileTrusted(path->c_str())) return 0;
   if (!lock) return notLoaded(lock.Error());

@@ -26,9 +26,9 @@ struct AccessList {
   std::vector<AccessEntry> entries;
 };
 
-// Who may use a new folder.
+// The access list of a new folder.
 enum class NewFolder : std::uint8_t {
-  Inherits,  // as the folder above says
+  Inherits,  // from the parent folder
   Private,   // SYSTEM, the administrators and the owner, who could change the list anyway
 };
 
@@ -45,7 +45,7 @@ class Files {
   // Returns whether a directory search finds exactly this name. Wildcards do not match.
   virtual bool ExistsByExactName(const std::wstring& path) const = 0;
 
-  // Creates the last level of `path` only. A private folder has its access list from the start.
+  // Creates only the last level of `path`. A private folder has its access list from the start.
   virtual ErrorCode MakeFolder(const std::wstring& path, NewFolder access) = 0;
 
   // Creates an empty file if there is none.
@@ -93,8 +93,8 @@ class Files {
   // or its folder's if that file does not exist. Opened as for FileUse::Replace.
   virtual Opened Create(const std::wstring& path, const std::wstring& accessLike) = 0;
 
-  // Returns the files whose paths consist of `path`, a dot and more, the last written first. Fails
-  // unless the folder was listed to its end.
+  // Returns the files whose paths are `path`, a dot and more, last written first. Fails unless the
+  // whole folder was listed.
   virtual Result<std::vector<std::wstring>> Siblings(const std::wstring& path) const = 0;
 };
 

@@ -108,8 +108,8 @@ Result<std::wstring> CatalogOf(const SignatureFunctions& functions, const Catalo
   return std::wstring(info.wszCatalogFile);
 }
 
-// Opens a program for a verification, which then reads this handle. By its path it would open the
-// file once more and lend this process's identity to whatever lies there by then.
+// Opens a program for a verification by handle. A verification by path would open the file again
+// and lend this process's identity to whatever is there by then.
 UniqueHandle OpenProgram(const std::wstring& path, DWORD share) {
   return OpenDiskFile(path, GENERIC_READ, share);
 }
@@ -117,7 +117,7 @@ UniqueHandle OpenProgram(const std::wstring& path, DWORD share) {
 constexpr DWORD kUnlessWritten = FILE_SHARE_READ | FILE_SHARE_DELETE;
 constexpr DWORD kShareAll = kUnlessWritten | FILE_SHARE_WRITE;
 
-// The verdict on a file that cannot be opened, and on each one where Windows' functions are absent.
+// The verdict if the file cannot be opened or Windows lacks the functions.
 SignatureVerdict Unverifiable(DWORD error) {
   return {.result = HRESULT_FROM_WIN32(error), .secondaryCount = 0, .signer = std::nullopt};
 }
