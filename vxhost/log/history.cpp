@@ -16,6 +16,7 @@ using namespace Tessel::Server::Records;
 
 constexpr std::wstring_view kModuleStarted = L"the module is started: ";
 constexpr std::wstring_view kModuleStopped = L"the module is stopped";
+constexpr wchar_t kCutOff[] = L"its service ended before it did";
 
 std::wstring TextMember(const Json::WideValue& object, const wchar_t* key) {
   const auto found = object.FindMember(key);

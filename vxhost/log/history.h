@@ -41,9 +41,6 @@ std::optional<KnownRecord> Understand(const DecisionRecord& record);
 bool StartsModule(const LogLine& line);
 bool EndsModule(const LogLine& line);
 
-// Why a delivery has no end although its module has.
-inline constexpr wchar_t kCutOff[] = L"its service ended before it did";
-
 // One delivery, or one command that changed something or was refused.
 struct HistoryRow {
   std::wstring time;  // of its first record
