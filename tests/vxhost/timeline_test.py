@@ -121,11 +121,12 @@ CASES = {
     "steps": (
         [entry(0, "", **COMMAND, command=9, step=1), entry(1000, "", **COMMAND, command=19, step=2),
          entry(2000, "", **{**COMMAND, "done": False}, command=9, name="a name", step=3),
+         decided(2000, "refused", "bad", **NO_DELIVERY, subscription=""),
          entry(3000, "it lacks a line", "failure", 0, step=3)],
         {"steps": ["begins", "", "refuses", "ends"], "end": 4000},
         ["begins", "0 s; power 18 + 10 s message to Resume; subscribed; {}; neutral; 0",
          "1 s; power 18 + 10 s message to Resume; taken back; -; neutral; 0",
-         "refuses", "2 s; Service; a name; command 9: a result; bad; 0",
+         "refuses", "2 s; Service; a name; command 9: a result; bad; 1",
          "3 s; Service; not as expected; it lacks a line; bad; 0", "ends"], []),
     "a running service": (
         [entry(0, "power event 4", "host"), decided(0, "accepted", **NO_DELIVERY),
