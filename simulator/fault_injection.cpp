@@ -234,6 +234,8 @@ class FaultyFiles final : public Decorator<Platform::Files> {
   REFUSABLE(Files, Result<std::wstring>, FullPath, (const std::wstring& path), (path), const)
   REFUSABLE(Files, Result<std::wstring>, FinalPath, (const std::wstring& path), (path), const)
   REFUSABLE(Files, Result<std::wstring>, FinalPathOf, (Platform::RawHandle file), (file), const)
+  REFUSABLE(Files, Result<Platform::FileIdentity>, IdentityOf, (Platform::RawHandle file), (file),
+            const)
   bool IsElsewhere(const std::wstring& path) const override { return inner.IsElsewhere(path); }
 
   REFUSABLE(Files, Result<Platform::AccessList>, FolderAccess, (const std::wstring& folder),

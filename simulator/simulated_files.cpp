@@ -132,6 +132,13 @@ Result<std::wstring> SimulatedFiles::FinalPathOf(Platform::RawHandle file) const
   return RealFiles().FinalPathOf(file);
 }
 
+Result<Platform::FileIdentity> SimulatedFiles::IdentityOf(Platform::RawHandle file) const {
+  const auto path = FinalPathOf(file);
+  const auto content = path ? Content(*path) : std::nullopt;
+  if (content) return Platform::FileIdentity{.size = content->size()};
+  return RealFiles().IdentityOf(file);
+}
+
 bool SimulatedFiles::IsElsewhere(const std::wstring& path) const {
   return !Holds(path) && RealFiles().IsElsewhere(path);
 }

@@ -35,6 +35,8 @@ class SimulatedFiles : public Platform::Files {
   Platform::Result<std::wstring> FullPath(const std::wstring& path) const override;
   Platform::Result<std::wstring> FinalPath(const std::wstring& path) const override;
   Platform::Result<std::wstring> FinalPathOf(Platform::RawHandle file) const override;
+  // Without the time of writing for a file in memory.
+  Platform::Result<Platform::FileIdentity> IdentityOf(Platform::RawHandle file) const override;
   bool IsElsewhere(const std::wstring& path) const override;
   Platform::Result<Platform::AccessList> FolderAccess(const std::wstring& folder) const override;
 

@@ -57,6 +57,16 @@ bool LaunchCommand::CheckAhead() {
   return checked.emplace(Security::TrustedProgram::Check(path)).program != nullptr;
 }
 
+void LaunchCommand::ForgetCheck() {
+  forgotten = checked->program->Identity();
+  checked.reset();
+}
+
+bool LaunchCommand::CheckUnchanged() {
+  if (forgotten) checked = Security::TrustedProgram::CheckUnchanged(path, *forgotten);
+  return checked.has_value();
+}
+
 Records::Outcome LaunchCommand::Execute() {
   const Logging::TraceLogger& log = *Logging::LogManager::SetProvider(Logging::kComponentProvider);
   const std::uint32_t session = Platform::CurrentMachine().sessions->ActiveConsoleSession();
@@ -105,19 +115,24 @@ EventCommandPtr CreateEventCommand(EventAction action, const Json::JsonObject& p
 std::unique_lock<std::mutex> TakeTurn(EventCommand& command, std::mutex& turn) {
   constexpr std::chrono::milliseconds kPause{10};
   constexpr std::uint64_t kPatience = 1000;  // milliseconds; Windows may sleep longer than asked
+  constexpr int kMostChecks = 3;
   auto* const launch = dynamic_cast<LaunchCommand*>(&command);
-  // What is not trusted is not locked either.
-  if (launch == nullptr || !launch->CheckAhead()) return std::unique_lock(turn);
+  if (launch == nullptr) return std::unique_lock(turn);
   Platform::Clock& clock = *Platform::CurrentMachine().clock;
-  const std::uint64_t begin = clock.TickCount();
-  std::unique_lock taken(turn, std::try_to_lock);
-  while (!taken && clock.TickCount() - begin < kPatience) {
-    clock.Sleep(kPause);
-    static_cast<void>(taken.try_lock());
+  for (int checks = 1;; ++checks) {
+    // What is not trusted is not locked either.
+    if (!launch->CheckAhead() || checks == kMostChecks) return std::unique_lock(turn);
+    const std::uint64_t begin = clock.TickCount();
+    std::unique_lock taken(turn, std::try_to_lock);
+    while (!taken && clock.TickCount() - begin < kPatience) {
+      clock.Sleep(kPause);
+      static_cast<void>(taken.try_lock());
+    }
+    if (taken) return taken;
+    launch->ForgetCheck();
+    taken.lock();
+    if (launch->CheckUnchanged()) return taken;
   }
-  if (taken) return taken;
-  launch->ForgetCheck();
-  return std::unique_lock(turn);
 }
 
 }  // namespace Vx::Tessel::Server::Services::Orvane

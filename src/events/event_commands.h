@@ -7,6 +7,7 @@
 #include <string>
 
 #include "json/json_object.h"
+#include "platform/files.h"
 #include "records/record.h"
 #include "security/trusted_program.h"
 
@@ -83,8 +84,12 @@ class LaunchCommand final : public PackageEventCommand {
   // one after the other. Returns whether it is trusted. Blocks for as long as the check.
   bool CheckAhead();
 
-  // Lets go of what CheckAhead locked, so that Execute checks it anew.
-  void ForgetCheck() { checked.reset(); }
+  // Lets go of the program that CheckAhead found trusted.
+  void ForgetCheck();
+
+  // Locks the program that ForgetCheck let go of and checks it again, as CheckAhead does. Returns
+  // false, and reads nothing, if its file has changed.
+  bool CheckUnchanged();
 
   // Keeps the file locked against writing from before the trust check until the program is started.
   Records::Outcome Execute() override;
@@ -96,8 +101,9 @@ class LaunchCommand final : public PackageEventCommand {
  private:
   std::wstring path;
   std::wstring arguments;
-  // The result of CheckAhead, used by the next Execute.
+  // The result of CheckAhead or CheckUnchanged, used by the next Execute.
   std::optional<Security::ProgramCheck> checked;
+  std::optional<Platform::FileIdentity> forgotten;
 };
 
 // Sends a JSON message to the app service of a packaged app. Does not report whether it arrived.
@@ -126,8 +132,10 @@ EventCommandPtr CreateEventCommand(EventAction action, const Json::JsonObject& p
 
 // Takes `turn`, under which the commands of a kind run one after the other. Checks the program of a
 // launch before, so that the other commands do not wait for its check. The program stays locked for
-// a second of the wait at most, because its update would wait too. After that Execute checks it
-// again, in its turn.
+// a second of the wait at most, because its update would wait too. After that it is checked again
+// in its turn, and in an unchanged file that takes no longer than before. A file that has changed
+// is checked like a new one, without the turn. After a second change it stays locked until its
+// turn.
 std::unique_lock<std::mutex> TakeTurn(EventCommand& command, std::mutex& turn);
 
 }  // namespace Vx::Tessel::Server::Services::Orvane

@@ -32,6 +32,16 @@ enum class NewFolder : std::uint8_t {
   Private,   // SYSTEM, the administrators and the owner, who could change the list anyway
 };
 
+// Tells whether an open file is one that was open before, and probably unchanged.
+struct FileIdentity {
+  std::uint32_t volume = 0;   // its serial number
+  std::uint64_t index = 0;    // of the file on the volume
+  std::uint64_t size = 0;     // bytes
+  std::uint64_t written = 0;  // FILETIME scale
+
+  bool operator==(const FileIdentity&) const = default;
+};
+
 // Files and folders by full path. Every error is a Win32 code; zero is success.
 class Files {
  public:
@@ -82,6 +92,8 @@ class Files {
   virtual Result<std::wstring> FinalPath(const std::wstring& path) const = 0;
 
   virtual Result<std::wstring> FinalPathOf(RawHandle file) const = 0;
+
+  virtual Result<FileIdentity> IdentityOf(RawHandle file) const = 0;
 
   // Fails if the owner or the discretionary access list cannot be read or there is no list.
   virtual Result<AccessList> FolderAccess(const std::wstring& folder) const = 0;

@@ -22,23 +22,6 @@ using Server::Records::Reason;
 constexpr wchar_t kRefusedText[] = L"TrustedProgram - [%s] is not opened, because %s";
 constexpr char kOperation[] = "IsFileTrustedRestricted";
 
-// Verifies `path` while `lock` holds the file. Sets it to what is to be started.
-Reason VerifyLocked(const VxAuthenticodeHelper& helper, std::wstring& path,
-                    Platform::RawHandle lock, KeySet keys) {
-  auto place = Platform::CurrentMachine().files->FinalPathOf(lock);
-  if (!place) return Reason::NotLocked;
-  // Exactly: where a folder distinguishes case, another spelling is another object.
-  if (*place != path) {
-    // Nothing is read where the link leads now, which may be elsewhere again.
-    const PathVerdict verdict = helper.CheckPath(path);
-    if (verdict.outcome != PathOutcome::Allowed || verdict.finalPath != *place) {
-      return Reason::Place;
-    }
-    path = *std::move(place);
-  }
-  return WhyNotTrusted(keys, path.c_str(), kOperation);
-}
-
 }  // namespace
 
 TrustedProgram::TrustedProgram(std::wstring judged, Platform::UniqueHandle held)
@@ -81,11 +64,41 @@ ProgramCheck TrustedProgram::Check(const std::wstring& path, KeySet keys) {
     // reason.
     if (lock == nullptr) return {nullptr, Reason::NotLocked};
   }
-  std::wstring judged = path;
-  const Reason reason = VerifyLocked(helper, judged, lock.get(), keys);
+  return Judge(path, std::move(lock), keys);
+}
+
+std::optional<ProgramCheck> TrustedProgram::CheckUnchanged(const std::wstring& path,
+                                                           const Platform::FileIdentity& known) {
+  if (WhyNotOpened(path) != Reason::None) return std::nullopt;
+  Platform::UniqueHandle lock = VxAuthenticodeHelper().AquireFileReadOnlyLock(path);
+  if (lock == nullptr) return std::nullopt;
+  const auto found = Platform::CurrentMachine().files->IdentityOf(lock.get());
+  if (!found || *found != known) return std::nullopt;
+  return Judge(path, std::move(lock), RestrictedKeys());
+}
+
+std::optional<Platform::FileIdentity> TrustedProgram::Identity() const {
+  const auto identity = Platform::CurrentMachine().files->IdentityOf(lock.get());
+  return identity ? std::optional(*identity) : std::nullopt;
+}
+
+// Judges `path` while `lock` holds the file.
+ProgramCheck TrustedProgram::Judge(const std::wstring& path, Platform::UniqueHandle lock,
+                                   KeySet keys) {
+  auto place = Platform::CurrentMachine().files->FinalPathOf(lock.get());
+  if (!place) return {nullptr, Reason::NotLocked};
+  // Exactly: where a folder distinguishes case, another spelling is another object.
+  if (*place != path) {
+    // Nothing is read where the link leads now, which may be elsewhere again.
+    const PathVerdict verdict = VxAuthenticodeHelper().CheckPath(path);
+    if (verdict.outcome != PathOutcome::Allowed || verdict.finalPath != *place) {
+      return {nullptr, Reason::Place};
+    }
+  }
+  const Reason reason = WhyNotTrusted(keys, place->c_str(), kOperation);
   if (reason != Reason::None) return {nullptr, reason};
   return {
-      std::unique_ptr<const TrustedProgram>(new TrustedProgram(std::move(judged), std::move(lock))),
+      std::unique_ptr<const TrustedProgram>(new TrustedProgram(*std::move(place), std::move(lock))),
       Reason::None};
 }
 

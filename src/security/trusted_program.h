@@ -1,8 +1,10 @@
 #pragma once
 
 #include <memory>
+#include <optional>
 #include <string>
 
+#include "platform/files.h"
 #include "platform/unique_handle.h"
 #include "records/record.h"
 #include "security/pinned_keys.h"
@@ -26,6 +28,11 @@ class TrustedProgram {
   // first lock from being taken could have changed the file since.
   static ProgramCheck Check(const std::wstring& path, KeySet keys = RestrictedKeys());
 
+  // The same in short for a `path` that Check found trusted as `known`. Empty, and nothing is read,
+  // unless the file can be locked and is still that one, of the same size and time of writing.
+  static std::optional<ProgramCheck> CheckUnchanged(const std::wstring& path,
+                                                    const Platform::FileIdentity& known);
+
   // Returns why no program of this text is opened. None when it is a full path on a drive of this
   // machine, without variables. Opens nothing; any thread.
   static Server::Records::Reason WhyNotOpened(const std::wstring& path);
@@ -38,7 +45,12 @@ class TrustedProgram {
   // can be changed without access to the file.
   const std::wstring& Path() const noexcept { return path; }
 
+  // Of the locked file. Empty if Windows cannot tell.
+  std::optional<Platform::FileIdentity> Identity() const;
+
  private:
+  static ProgramCheck Judge(const std::wstring& path, Platform::UniqueHandle lock, KeySet keys);
+
   TrustedProgram(std::wstring judged, Platform::UniqueHandle held);
 
   std::wstring path;

@@ -2,7 +2,6 @@
 
 #include <gmock/gmock.h>
 
-#include <atomic>
 #include <chrono>
 #include <cstddef>
 #include <filesystem>
@@ -23,6 +22,7 @@
 #include "platform/windows_runtime_error.h"
 #include "simulator/virtual_clock.h"
 #include "support/directory_link.h"
+#include "support/is_free.h"
 #include "support/log_capture.h"
 #include "support/log_trap.h"
 #include "support/probe.h"
@@ -198,42 +198,66 @@ TEST_F(RealLaunchTest, StartsWhatItCheckedAhead) {
   EXPECT_TRUE(Tests::WaitForProbe(path + L".out"));
 }
 
-// An update of the program that waits for another command of its kind.
+// Updates of a program that waits for other commands of its kind. Each holds the turn until it has
+// updated the program, or found it locked for long.
 TEST_F(RealLaunchTest, CanBeUpdatedWhileItWaitsForItsTurnAndIsThenCheckedAgain) {
-  const std::wstring path = folder.Hold(L"pinned.exe");
+  const struct {
+    std::vector<const wchar_t*> updates;
+    int inTurn;  // checks that read the file and hold up other commands
+    int locks;
+    int seconds;
+    bool runs;
+  } cases[] = {
+      {{L"pinned.exe"}, 1, 2, 1, true},  // the same size and time
+      {{L"expired.exe"}, 0, 3, 1, true},
+      {{L"unsigned.exe"}, 0, 3, 1, false},
+      {{L"expired.exe", L"pinned.exe", nullptr}, 0, 5, 2, true},
+  };
+  const std::wstring path = folder / L"pinned.exe";
   Simulator::VirtualClock clock;  // waits take no time on it
   const Platform::MachineScope scope([&](Platform::Machine& machine) { machine.clock = &clock; });
-  for (const wchar_t* update : {L"pinned.exe", L"unsigned.exe"}) {
+  const auto update = [&](const wchar_t* file, int polls) {
+    for (; polls > 0; --polls) {
+      if (CopyFileW(Tests::PkiFile(file).c_str(), path.c_str(), FALSE) != 0) return true;
+      Sleep(10);
+    }
+    return false;
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(testing::Message() << c.updates.size() << " x " << c.locks);
+    ASSERT_TRUE(update(L"pinned.exe", 500));
     log.Clear();
     std::mutex turn;
-    std::promise<void> running;
-    std::atomic<bool> locked{false};
-    const Tests::LogTrap check(L" : succeeded", 1, [&] { locked = true; });
-    std::jthread other([&] {
-      const std::lock_guard guard(turn);
-      running.set_value();
-      const auto updated = [&] {
-        return CopyFileW(Tests::PkiFile(update).c_str(), path.c_str(), FALSE) != 0;
-      };
-      for (int polls = 0; polls < 500; ++polls) {
-        if (locked && updated()) return;
-        Sleep(10);
-      }
-      ADD_FAILURE() << "the program stays locked";
+    std::vector<std::jthread> others;
+    int inTurn = 0;
+    const auto sink = Logging::LogManager::AddSink([&](const Logging::LogRecord& record) {
+      if (record.message.find(L"GetSecurityCatalogInfo - File") == std::wstring::npos) return;
+      const bool free = Tests::IsFree(turn);
+      if (!free) ++inTurn;
+      if (!free || others.size() == c.updates.size()) return;
+      std::promise<void> running;
+      others.emplace_back([&, file = c.updates[others.size()]] {
+        const std::lock_guard guard(turn);
+        running.set_value();
+        EXPECT_EQ(update(file != nullptr ? file : L"pinned.exe", file != nullptr ? 500 : 20),
+                  file != nullptr);
+      });
+      running.get_future().wait();
     });
-    running.get_future().wait();
     LaunchCommand command = Command(path);
     const auto begin = clock.Elapsed();
     {
       const auto guard = TakeTurn(command, turn);
       command.Execute();
     }
-    EXPECT_EQ(clock.Elapsed() - begin, std::chrono::seconds(1));
-    const bool trusted = update == std::wstring(L"pinned.exe");
-    EXPECT_THAT(log.Lines(), Contains(LockLine(path, L"succeeded")).Times(2));
+    others.clear();
+    Logging::LogManager::RemoveSink(sink);
+    EXPECT_EQ(clock.Elapsed() - begin, std::chrono::seconds(c.seconds));
+    EXPECT_EQ(inTurn, c.inTurn);
+    EXPECT_THAT(log.Lines(), Contains(LockLine(path, L"succeeded")).Times(c.locks));
     EXPECT_EQ(
-        Tests::WaitForProbe(path + L".out", std::chrono::seconds(trusted ? 20 : 0)).has_value(),
-        trusted);
+        Tests::WaitForProbe(path + L".out", std::chrono::seconds(c.runs ? 20 : 0)).has_value(),
+        c.runs);
     Tests::RemoveFile(path + L".out");
   }
 }

@@ -239,6 +239,19 @@ class RealFiles final : public Files {
     return text;
   }
 
+  Result<FileIdentity> IdentityOf(RawHandle file) const override {
+    BY_HANDLE_FILE_INFORMATION facts;
+    if (GetFileInformationByHandle(file, &facts) == 0) {
+      return Result<FileIdentity>::Failure(GetLastError());
+    }
+    const auto joined = [](DWORD high, DWORD low) { return std::uint64_t{high} << 32U | low; };
+    return FileIdentity{.volume = facts.dwVolumeSerialNumber,
+                        .index = joined(facts.nFileIndexHigh, facts.nFileIndexLow),
+                        .size = joined(facts.nFileSizeHigh, facts.nFileSizeLow),
+                        .written = joined(facts.ftLastWriteTime.dwHighDateTime,
+                                          facts.ftLastWriteTime.dwLowDateTime)};
+  }
+
   Result<AccessList> FolderAccess(const std::wstring& folder) const override {
     using Entries = Result<AccessList>;
     PSID owner = nullptr;
