@@ -4,6 +4,7 @@
 #include <cwchar>
 #include <exception>
 #include <memory>
+#include <string_view>
 #include <system_error>
 #include <utility>
 #include <vector>
@@ -16,10 +17,8 @@ namespace Vx::Host {
 
 namespace {
 
-constexpr wchar_t kPrefix[] = L"vxhost-";
-constexpr std::size_t kPrefixLength = 7;
+constexpr std::wstring_view kAgeForm = L"-00000000-0000.log";  // 0: a digit
 constexpr std::size_t kDayLength = 8;
-constexpr std::size_t kNameLength = kPrefixLength + kDayLength + 9;  // "-NNNN.log"
 constexpr unsigned kLastNumber = 9999;
 
 std::wstring DayOf(std::uint64_t time) {
@@ -28,44 +27,65 @@ std::wstring DayOf(std::uint64_t time) {
   return day;
 }
 
-std::wstring NameOf(const std::wstring& day, unsigned number) {
+std::wstring AgeOf(const std::wstring& day, unsigned number) {
   wchar_t text[16];
   _snwprintf(text, std::size(text) - 1, L"-%04u.log", number);
   text[std::size(text) - 1] = L'\0';
-  return kPrefix + day + text;
+  return L"-" + day + text;
 }
 
 struct FindCloser {
   void operator()(void* find) const noexcept { FindClose(find); }
 };
 
-bool IsLogName(const std::wstring& name) {
-  const auto digits = [&name](std::size_t from, std::size_t count) {
-    return std::all_of(name.begin() + static_cast<std::ptrdiff_t>(from),
-                       name.begin() + static_cast<std::ptrdiff_t>(from + count),
-                       [](wchar_t c) { return c >= L'0' && c <= L'9'; });
-  };
-  return name.size() == kNameLength && digits(kPrefixLength, kDayLength) &&
-         digits(kPrefixLength + kDayLength + 1, 4);
+struct LogFile {
+  std::wstring name;
+  std::uint64_t written = 0;  // on the scale of FILETIME
+};
+
+bool IsOf(std::wstring_view service, const std::wstring& name) {
+  const std::size_t length = name.size() - kAgeForm.size();
+  return service.empty() || (length == service.size() &&
+                             _wcsnicmp(name.c_str(), service.data(), service.size()) == 0);
+}
+
+// By age.
+std::vector<LogFile> LogFiles(const std::wstring& folder, std::wstring_view service) {
+  std::vector<LogFile> files;
+  WIN32_FIND_DATAW found;
+  const HANDLE first = FindFirstFileW((folder + L"\\*.log").c_str(), &found);
+  if (first == INVALID_HANDLE_VALUE) return files;
+  const std::unique_ptr<void, FindCloser> find(first);
+  do {
+    const std::wstring name = found.cFileName;
+    const FILETIME& time = found.ftLastWriteTime;
+    if (LogAge(name).empty() || !IsOf(service, name)) continue;
+    files.push_back({name, std::uint64_t{time.dwHighDateTime} << 32U | time.dwLowDateTime});
+  } while (FindNextFileW(first, &found) != FALSE);
+  std::ranges::sort(files, {},
+                    [](const LogFile& file) { return std::pair(LogAge(file.name), file.name); });
+  return files;
 }
 
 }  // namespace
 
-std::vector<std::wstring> LogFileNames(const std::wstring& folder) {
+std::wstring_view LogAge(std::wstring_view name) {
+  if (name.size() <= kAgeForm.size()) return {};
+  name.remove_prefix(name.size() - kAgeForm.size());
+  const bool fits = std::ranges::equal(name, kAgeForm, [](wchar_t unit, wchar_t form) {
+    return form == L'0' ? unit >= L'0' && unit <= L'9' : unit == form;
+  });
+  return fits ? name : std::wstring_view();
+}
+
+std::vector<std::wstring> LogFileNames(const std::wstring& folder, std::wstring_view service) {
   std::vector<std::wstring> names;
-  WIN32_FIND_DATAW found;
-  const HANDLE first = FindFirstFileW((folder + L"\\" + kPrefix + L"*.log").c_str(), &found);
-  if (first == INVALID_HANDLE_VALUE) return names;
-  const std::unique_ptr<void, FindCloser> find(first);
-  do {
-    if (IsLogName(found.cFileName)) names.emplace_back(found.cFileName);
-  } while (FindNextFileW(first, &found) != FALSE);
-  std::sort(names.begin(), names.end());
+  for (LogFile& file : LogFiles(folder, service)) names.push_back(std::move(file.name));
   return names;
 }
 
-LogFolder::LogFolder(std::wstring where, LogLimits bounds)
-    : folder(std::move(where)), limits(bounds) {}
+LogFolder::LogFolder(std::wstring where, std::wstring name, LogLimits bounds)
+    : folder(std::move(where)), service(std::move(name)), limits(bounds) {}
 
 bool LogFolder::Write(const LogEntry& entry) noexcept {
   try {
@@ -93,18 +113,19 @@ bool LogFolder::Write(const LogEntry& entry) noexcept {
 void LogFolder::Open(const std::wstring& day, std::size_t lineSize) {
   file.reset();
   unsigned number = 1;
-  for (const std::wstring& name : LogFileNames(folder)) {
-    if (name.compare(kPrefixLength, kDayLength, day) == 0) {
-      number = static_cast<unsigned>(
-          std::wcstoul(name.c_str() + kPrefixLength + kDayLength + 1, nullptr, 10));
+  for (const std::wstring& name : LogFileNames(folder, service)) {
+    const std::wstring age(LogAge(name));
+    if (age.compare(1, kDayLength, day) == 0) {
+      number = static_cast<unsigned>(std::wcstoul(age.c_str() + kDayLength + 2, nullptr, 10));
     }
   }
   for (; number <= kLastNumber; ++number) {
-    const std::wstring path = folder + L"\\" + NameOf(day, number);
+    const std::wstring name = service + AgeOf(day, number);
+    const std::wstring path = folder + L"\\" + name;
     Platform::UniqueHandle opened = Platform::AdoptFile(
         CreateFileW(path.c_str(), GENERIC_READ | FILE_APPEND_DATA, FILE_SHARE_READ, nullptr,
                     OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL | FILE_FLAG_OPEN_REPARSE_POINT, nullptr));
-    // Another service writes to it, or a program that may delete it has it open.
+    // Another process writes to it, or a program that may delete it has it open.
     if (opened == nullptr && GetLastError() == ERROR_SHARING_VIOLATION) continue;
     if (opened == nullptr) {
       throw std::system_error(static_cast<int>(GetLastError()), std::system_category());
@@ -115,6 +136,7 @@ void LogFolder::Open(const std::wstring& day, std::size_t lineSize) {
     if (size != 0 && size + lineSize > limits.fileBytes) continue;
     file = std::move(opened);
     fileDay = day;
+    fileName = name;
     if (size != 0) {
       LARGE_INTEGER last{};
       last.QuadPart = length.QuadPart - 1;
@@ -130,11 +152,14 @@ void LogFolder::Open(const std::wstring& day, std::size_t lineSize) {
   throw std::system_error(ERROR_NO_MORE_FILES, std::system_category());
 }
 
+// By the time of writing: the clock may have been wrong when a file got its name.
 void LogFolder::DeleteOldest() const {
-  const std::vector<std::wstring> names = LogFileNames(folder);
-  for (std::size_t i = 0; i + limits.files < names.size(); ++i) {
+  std::vector<LogFile> files = LogFiles(folder, service);
+  std::erase_if(files, [this](const LogFile& each) { return each.name == fileName; });
+  std::ranges::stable_sort(files, {}, &LogFile::written);
+  for (std::size_t i = 0; i + limits.files < files.size() + 1; ++i) {
     // A file that a reader holds without sharing stays until the next one begins.
-    static_cast<void>(DeleteFileW((folder + L"\\" + names[i]).c_str()));
+    static_cast<void>(DeleteFileW((folder + L"\\" + files[i].name).c_str()));
   }
 }
 

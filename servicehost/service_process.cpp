@@ -74,7 +74,8 @@ void WINAPI ServiceMain(DWORD /*count*/, LPWSTR* /*arguments*/) noexcept {
   SetEnvironmentVariableW(L"ProgramData", programData.c_str());
   ManagerSink sink;
   std::vector<std::unique_ptr<LogTarget>> places;
-  places.push_back(std::make_unique<LogFolder>(DataFolders(programData, Writers::System).Logs()));
+  places.push_back(
+      std::make_unique<LogFolder>(DataFolders(programData, Writers::System).Logs(), TheName()));
   places.push_back(std::make_unique<EventLogTarget>(OpenEventJournal(TheName())));
   places.push_back(std::make_unique<TraceTarget>(OpenTraceWriter()));
   ServiceProcess service(ReadParameters(TheName()), std::move(places), sink);

@@ -1,6 +1,7 @@
 #include "servicehost/service_log.h"
 
 #include <algorithm>
+#include <chrono>
 #include <filesystem>
 #include <fstream>
 #include <memory>
@@ -54,8 +55,9 @@ std::string Content(const std::filesystem::path& file) {
 
 TEST(LogFolderTest, BeginsAFileWithTheDayAndAtTheLimitAndKeepsTheNewest) {
   const Tests::TempFolder folder;
-  std::ofstream(folder.Path() / "vxhost-notes.log") << "not a log";
-  LogFolder log(folder.Path().wstring(), {.fileBytes = 400, .files = 4});
+  std::ofstream(folder.Path() / "A-1-notes.log") << "not a log";
+  std::ofstream(folder.Path() / "A-2-20230101-0001.log") << "of another service";
+  LogFolder log(folder.Path().wstring(), L"A-1", {.fileBytes = 400, .files = 4});
   for (int day = 0; day < 3; ++day) {
     for (int line = 0; line < 4; ++line) {  // three lines fit
       EXPECT_TRUE(log.Write(Entry(kFirstDay + static_cast<std::uint64_t>(day) * kDay, L"line")));
@@ -64,15 +66,33 @@ TEST(LogFolderTest, BeginsAFileWithTheDayAndAtTheLimitAndKeepsTheNewest) {
   EXPECT_TRUE(log.Write(Entry(kFirstDay + 2 * kDay, std::wstring(400, L'x'))));  // more than fits
   EXPECT_THAT(
       Names(folder.Path()),
-      ElementsAre("vxhost-20240102-0002.log", "vxhost-20240103-0001.log",
-                  "vxhost-20240103-0002.log", "vxhost-20240103-0003.log", "vxhost-notes.log"));
+      ElementsAre("A-1-20240102-0002.log", "A-1-20240103-0001.log", "A-1-20240103-0002.log",
+                  "A-1-20240103-0003.log", "A-1-notes.log", "A-2-20230101-0001.log"));
+}
+
+TEST(LogFolderTest, DeletesTheFileThatWasWrittenLongestAgoWhateverItsName) {
+  const Tests::TempFolder folder;
+  const auto path = [&](const char* day) {
+    return folder.Path() / ("A-" + std::string(day) + "-0001.log");
+  };
+  for (const char* day : {"20370101", "20370102"}) {
+    std::ofstream(path(day)) << "{}\n";
+    last_write_time(path(day), std::filesystem::file_time_type::clock::now() - std::chrono::hours(1));
+  }
+  LogFolder log(folder.Path().wstring(), L"A", {.files = 2});
+  EXPECT_TRUE(log.Write(Entry(kFirstDay, L"line")));
+  EXPECT_THAT(LogFileNames(folder.Path().wstring()),
+              ElementsAre(L"A-20240101-0001.log", L"A-20370102-0001.log"));
+  EXPECT_TRUE(log.Write(Entry(kFirstDay + kDay, L"line")));
+  EXPECT_THAT(LogFileNames(folder.Path().wstring(), L"a"),
+              ElementsAre(L"A-20240101-0001.log", L"A-20240102-0001.log"));
 }
 
 TEST(LogFolderTest, ContinuesBehindALineThatAKillTore) {
   const Tests::TempFolder folder;
-  const auto file = folder.Path() / "vxhost-20240101-0001.log";
+  const auto file = folder.Path() / "A-20240101-0001.log";
   std::ofstream(file, std::ios::binary) << "{\"time\":\"20";
-  LogFolder log(folder.Path().wstring());
+  LogFolder log(folder.Path().wstring(), L"A");
   EXPECT_TRUE(log.Write(Entry(kFirstDay + 12'345'0000, L"a \"b\"\n\xE9")));
   EXPECT_EQ(Content(file),
             "{\"time\":\"20\n"
@@ -81,17 +101,17 @@ TEST(LogFolderTest, ContinuesBehindALineThatAKillTore) {
             "\xC3\xA9\"}\n");
 }
 
-TEST(LogFolderTest, LeavesAFileThatAnotherServiceWritesToIt) {
+TEST(LogFolderTest, LeavesAFileThatAnotherProcessWritesToIt) {
   const Tests::TempFolder folder;
-  LogFolder other(folder.Path().wstring());
-  LogFolder log(folder.Path().wstring());
+  LogFolder other(folder.Path().wstring(), L"A");
+  LogFolder log(folder.Path().wstring(), L"A");
   const LogEntry entry = Entry(kFirstDay, L"text");
   EXPECT_TRUE(other.Write(entry));
   EXPECT_TRUE(log.Write(entry));
   EXPECT_TRUE(other.Write(entry));
-  EXPECT_EQ(Content(folder.Path() / "vxhost-20240101-0001.log"),
+  EXPECT_EQ(Content(folder.Path() / "A-20240101-0001.log"),
             JsonLineOf(entry) + JsonLineOf(entry));
-  EXPECT_EQ(Content(folder.Path() / "vxhost-20240101-0002.log"), JsonLineOf(entry));
+  EXPECT_EQ(Content(folder.Path() / "A-20240101-0002.log"), JsonLineOf(entry));
 }
 
 // A disk that is full after half of the next write, whatever Windows returns for it.
@@ -104,7 +124,7 @@ BOOL WINAPI WriteHalf(HANDLE file, const void* bytes, DWORD size, DWORD* count, 
 TEST(LogFolderTest, LosesOnlyWhatItCannotWriteAndSaysSo) {
   const Tests::TempFolder parent;
   const auto folder = parent.Path() / L"Logs";
-  LogFolder log(folder.wstring());
+  LogFolder log(folder.wstring(), L"A");
   EXPECT_FALSE(log.Write(Entry(kFirstDay, L"there is no folder")));
   std::filesystem::create_directory(folder);
   const LogEntry entry = Entry(kFirstDay, L"text");
@@ -118,7 +138,7 @@ TEST(LogFolderTest, LosesOnlyWhatItCannotWriteAndSaysSo) {
     expected += line + line.substr(0, line.size() / 2) + "\n";
   }
   EXPECT_TRUE(log.Write(entry));
-  const auto file = folder / L"vxhost-20240101-0001.log";
+  const auto file = folder / L"A-20240101-0001.log";
   EXPECT_FALSE(DeleteFileW(file.c_str())) << "what is written later would go with it";
   EXPECT_EQ(Content(file), expected + line);
 }

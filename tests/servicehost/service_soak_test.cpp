@@ -56,7 +56,7 @@ class ServiceSoakTest : public ::testing::Test {
  protected:
   static std::vector<std::unique_ptr<LogTarget>> Files(const std::wstring& folder) {
     std::vector<std::unique_ptr<LogTarget>> targets;
-    targets.push_back(std::make_unique<LogFolder>(folder));
+    targets.push_back(std::make_unique<LogFolder>(folder, L"soak"));
     return targets;
   }
 

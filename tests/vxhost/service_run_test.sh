@@ -28,7 +28,7 @@ expect 1 'no such command' exec 99 --service="$name" --process "$process"
 expect 2 'and not to the service; nothing was sent' exec 22 --service="$name" --process 1
 wait $running
 exit=$?
-if [ $exit != 0 ] || ! grep -q '"message":"Version number is' "$work"/served/vxhost-*-0001.log; then
-  fail "vxhost service run exits with $exit and prints:" "$work/banner" "$work/run" "$work"/served/vxhost-*.log
+if [ $exit != 0 ] || ! grep -q '"message":"Version number is' "$work/served/$name"-*-0001.log; then
+  fail "vxhost service run exits with $exit and prints:" "$work/banner" "$work/run" "$work/served"/*.log
 fi
 exit $((failures > 0))

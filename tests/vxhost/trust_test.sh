@@ -78,7 +78,7 @@ record() { # TIME PROVIDER MESSAGE
   printf '{"time":"2026-01-01T00:00:00.000Z","provider":"Vx-Host-Service","messa\n'
 } > "$work/log files/vxhost-20260101-0001.log"
 expect 1 '-  power events: none in 1 log files' --dll "$module" doctor --log "Z:$work/log files"
-record 2026-01-02T00:00:00.000Z Vx-Host-Service 'power event 18' > "$work/log files/vxhost-20260102-0001.log"
+record 2026-01-02T00:00:00.000Z Vx-Host-Service 'power event 18' > "$work/log files/Other-20260102-0001.log"
 record 2026-01-01T00:00:00.000Z Vx-Host-Service 'power event 4' >> "$work/log files/vxhost-20260101-0001.log"
 expect 1 '+  power events: 2, the last power event 18 at 2026-01-02' --dll "$module" doctor --log "Z:$work/log files"
 expect 2 'cannot list' --dll "$module" doctor --log missing

@@ -32,6 +32,7 @@
 #include "security/pinned_keys.h"
 #include "servicehost/guarded_folder.h"
 #include "servicehost/host_loop.h"
+#include "servicehost/log_folder.h"
 #include "servicehost/service_log.h"
 #include "simulator/simulated_machine.h"
 #include "storage/cap_data_store.h"
@@ -311,15 +312,13 @@ Check Power(const std::string& folder) {
     return {.what = "power events",
             .found = L"not known: no log folder of a service is named with --log"};
   }
-  std::vector<std::filesystem::path> files;
+  const std::filesystem::path path = FullPath(folder);
   std::error_code error;
-  for (const auto& entry : std::filesystem::directory_iterator(FullPath(folder), error)) {
-    if (entry.path().extension() == L".log") files.push_back(entry.path());
-  }
+  static_cast<void>(std::filesystem::directory_iterator(path, error));
   if (error) throw std::runtime_error("cannot list " + folder + ": " + error.message());
-  std::ranges::sort(files);  // by day and number
+  const std::vector<std::wstring> files = LogFileNames(path.wstring());
   PowerEvents events;
-  for (const auto& file : files) CountPowerEvents(file, events);
+  for (const std::wstring& file : files) CountPowerEvents(path / file, events);
   return MakeCheck("power events", events.count != 0,
                    events.count == 0 ? L"none in " + std::to_wstring(files.size()) + L" log files"
                                      : std::to_wstring(events.count) + L", the last " + events.last,

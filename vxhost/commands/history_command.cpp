@@ -21,6 +21,7 @@
 #include "json/json_text.h"
 #include "platform/clock.h"
 #include "platform/machine.h"
+#include "servicehost/log_folder.h"
 #include "vxhost/log/history.h"
 #include "vxhost/log/timeline_page.h"
 #include "vxhost/store/store_look.h"
@@ -38,18 +39,14 @@ struct Options {
   std::string timeline;
 };
 
-// The files that an argument names: itself, or the logs of a folder by name, which is by age.
+// The files that an argument names: itself, or the logs of a folder by age.
 std::vector<std::filesystem::path> FilesOf(const std::string& argument) {
   const std::filesystem::path path = FullPath(argument);
   std::error_code error;
   if (!std::filesystem::is_directory(path, error)) return {FullPathOfFile(argument)};
   std::vector<std::filesystem::path> files;
-  for (const auto& entry : std::filesystem::directory_iterator(path)) {
-    const std::wstring name = entry.path().filename().wstring();
-    if (name.starts_with(L"vxhost-") && name.ends_with(L".log")) files.push_back(entry.path());
-  }
-  std::ranges::sort(files);
-  if (files.empty()) throw std::runtime_error("there is no vxhost-*.log in " + argument);
+  for (const std::wstring& name : LogFileNames(path.wstring())) files.push_back(path / name);
+  if (files.empty()) throw std::runtime_error("there is no NAME-YYYYMMDD-NNNN.log in " + argument);
   return files;
 }
 

@@ -76,7 +76,9 @@ int RunService(const ModuleOptions& module, const RunOptions& options, Console& 
   }
   std::vector<std::unique_ptr<LogTarget>> targets;
   targets.push_back(std::make_unique<ConsoleTarget>(console));
-  if (!options.log.empty()) targets.push_back(std::make_unique<LogFolder>(FullPath(options.log)));
+  if (!options.log.empty()) {
+    targets.push_back(std::make_unique<LogFolder>(FullPath(options.log), Wide(options.name)));
+  }
   ServiceLog log(std::move(targets));
   HostLoop host({.module = module.Path(), .modernStandby = HasModernStandby()}, log);
   const PowerNotifications power(

@@ -16,6 +16,7 @@ namespace Vx::Host {
 namespace {
 
 constexpr std::size_t kPiece = 65536;  // bytes
+constexpr wchar_t kEarlier[] = L"vxhost";
 
 // The writer has the file open for appending and deletes old ones.
 Platform::UniqueHandle OpenLog(const std::wstring& path) {
@@ -26,7 +27,8 @@ Platform::UniqueHandle OpenLog(const std::wstring& path) {
 
 }  // namespace
 
-LogFollower::LogFollower(std::wstring where) : folder(std::move(where)) {
+LogFollower::LogFollower(std::wstring where, std::wstring name)
+    : folder(std::move(where)), service(std::move(name)) {
   WIN32_FIND_DATAW found;
   const HANDLE listing = FindFirstFileW((folder + L"\\*").c_str(), &found);
   if (listing == INVALID_HANDLE_VALUE) {
@@ -34,7 +36,7 @@ LogFollower::LogFollower(std::wstring where) : folder(std::move(where)) {
                              std::to_string(GetLastError()) + "); run as administrator");
   }
   FindClose(listing);
-  const auto names = LogFileNames(folder);
+  const auto names = Files();
   if (names.empty()) return;
   file = names.back();
   LARGE_INTEGER size{};
@@ -44,13 +46,24 @@ LogFollower::LogFollower(std::wstring where) : folder(std::move(where)) {
   offset = static_cast<std::uint64_t>(size.QuadPart);
 }
 
+// Oldest first.
+std::vector<std::wstring> LogFollower::Files() const {
+  std::vector<std::wstring> names = LogFileNames(folder, kEarlier);
+  for (std::wstring& name : LogFileNames(folder, service)) {
+    if (std::ranges::find(names, name) == names.end()) names.push_back(std::move(name));
+  }
+  return names;
+}
+
 std::optional<std::string> LogFollower::Next() {
   std::size_t end = rest.find('\n');
   while (end == std::string::npos) {
     if (!Read(file)) {
       // What follows in the next file, if there is one. A file that was left gets no further line.
-      const auto names = LogFileNames(folder);
-      const auto next = std::ranges::upper_bound(names, file);
+      const auto names = Files();
+      auto next = std::ranges::find(names, file);
+      // The first one, or the file was deleted.
+      if (!names.empty()) next = next == names.end() ? next - 1 : next + 1;
       if (next == names.end() || Read(file)) break;
       file = *next;
       offset = 0;

@@ -46,7 +46,7 @@ CommandResult ExecuteInService(const std::string& name, std::uint32_t process, s
 void FollowService(const std::string& name, int seconds,
                    const std::function<void(const LogLine&, const std::wstring& time)>& receive) {
   const std::uint32_t process = ProcessOfService(Wide(name));
-  LogFollower follower(DataFolders(ProgramDataFolder(), Writers::System).Logs());
+  LogFollower follower(DataFolders(ProgramDataFolder(), Writers::System).Logs(), Wide(name));
   std::fprintf(stderr, "Listening to process %lu%s\n", static_cast<unsigned long>(process),
                seconds == 0 ? "; Ctrl+C ends it" : "");
   const ULONGLONG end = GetTickCount64() + static_cast<ULONGLONG>(seconds) * 1000;
