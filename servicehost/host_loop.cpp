@@ -4,7 +4,6 @@
 #include <cwchar>
 #include <iterator>
 #include <stdexcept>
-#include <string>
 #include <utility>
 
 #include <windows.h>

@@ -1,6 +1,5 @@
 #include "servicehost/pipe_io.h"
 
-#include <algorithm>
 #include <vector>
 
 #include <windows.h>

@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdint>
-#include <cwchar>
 #include <iterator>
 #include <memory>
 #include <stdexcept>

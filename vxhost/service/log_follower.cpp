@@ -1,7 +1,6 @@
 #include "vxhost/service/log_follower.h"
 
 #include <algorithm>
-#include <array>
 #include <stdexcept>
 #include <utility>
 

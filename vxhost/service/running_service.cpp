@@ -1,6 +1,5 @@
 #include "vxhost/service/running_service.h"
 
-#include <cstdint>
 #include <cstdio>
 #include <stdexcept>
 #include <utility>

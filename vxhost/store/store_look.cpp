@@ -5,7 +5,6 @@
 #include <cstdio>
 #include <stdexcept>
 
-#include "hosting/text.h"
 #include "platform/file_handle.h"
 #include "platform/files.h"
 #include "platform/machine.h"

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cstddef>
-#include <cstdint>
 #include <iterator>
 #include <memory>
 #include <optional>
@@ -18,9 +17,7 @@
 #include "platform/files.h"
 #include "platform/machine.h"
 #include "platform/system_services.h"
-#include "platform/windows_runtime_error.h"
 #include "storage/cap_data_store.h"
-#include "storage/request_list.h"
 #include "storage/service_document.h"
 #include "vxhost/subscriptions/stored_subscriptions.h"
 
