@@ -101,32 +101,16 @@ std::string PrintableJson(std::wstring_view json) {
 }
 
 std::string Markup(std::string_view text) {
+  static constexpr struct {
+    char unit;
+    std::string_view markup;
+  } kMarkup[] = {{'&', "&amp;"},  {'<', "&lt;"},   {'>', "&gt;"}, {'"', "&quot;"},
+                 {'\'', "&#39;"}, {'\n', "&#10;"}, {'\r', ""}};
   std::string escaped;
   for (const char unit : text) {
-    switch (unit) {
-      case '&':
-        escaped += "&amp;";
-        break;
-      case '<':
-        escaped += "&lt;";
-        break;
-      case '>':
-        escaped += "&gt;";
-        break;
-      case '"':
-        escaped += "&quot;";
-        break;
-      case '\'':
-        escaped += "&#39;";
-        break;
-      case '\n':
-        escaped += "&#10;";
-        break;
-      case '\r':
-        break;
-      default:
-        escaped += unit;
-    }
+    const auto* special =
+        std::ranges::find(kMarkup, unit, [](const auto& row) { return row.unit; });
+    escaped += special == std::end(kMarkup) ? std::string_view(&unit, 1) : special->markup;
   }
   return escaped;
 }
@@ -143,6 +127,12 @@ void WriteTextFile(const std::wstring& path, const std::string& utf8) {
   file << utf8;
   file.close();
   if (!file) throw std::runtime_error("cannot write " + Utf8(path));
+}
+
+std::string CodeText(std::uint32_t number) {
+  char text[16];
+  std::snprintf(text, sizeof text, "0x%08X", number);
+  return text;
 }
 
 std::wstring OwnPath() {
@@ -209,6 +199,15 @@ std::uint64_t LocalFileTime() {
   GetSystemTimeAsFileTime(&utc);
   FileTimeToLocalFileTime(&utc, &local);
   return std::uint64_t{local.dwHighDateTime} << 32 | local.dwLowDateTime;
+}
+
+std::wstring Quoted(const std::wstring& text) {
+  return Json::JsonText(
+      Json::WideValue(text.c_str(), static_cast<rapidjson::SizeType>(text.size())));
+}
+
+std::wstring TextOf(const Json::WideValue& text) {
+  return {text.GetString(), text.GetStringLength()};
 }
 
 const Json::WideValue* FindMember(const Json::WideValue& object, const std::wstring& name) {

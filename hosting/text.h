@@ -43,6 +43,9 @@ std::wstring FullPath(const std::string& path);
 // The same, for a file that has to exist. Throws std::runtime_error when it does not.
 std::wstring FullPathOfFile(const std::string& path);
 
+// A code or a status as Windows writes them, "0x80070005".
+std::string CodeText(std::uint32_t number);
+
 // This program, and the module beside it.
 std::wstring OwnPath();
 std::wstring DefaultModule();
@@ -61,6 +64,12 @@ std::wstring DateTimeText(std::uint64_t time);
 
 // Returns this machine's local time as a FILETIME.
 std::uint64_t LocalFileTime();
+
+// Returns `text` as a JSON string.
+std::wstring Quoted(const std::wstring& text);
+
+// The text of a JSON string.
+std::wstring TextOf(const Json::WideValue& text);
 
 // Returns the first member of a JSON object with exactly this name, or null.
 const Json::WideValue* FindMember(const Json::WideValue& object, const std::wstring& name);

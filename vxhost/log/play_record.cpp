@@ -20,39 +20,24 @@ void PlayRecord::EndStep() {
 }
 
 void PlayRecord::AddCall(const std::wstring& text) {
-  Add({.what = Happening::Call, .text = text, .log = {}, .request = {}, .answer = {}});
+  Add({.what = Happening::Call, .text = text});
 }
 
 void PlayRecord::AddCommand(std::uint32_t id, const std::wstring& request,
                             const CommandResult& answer) {
-  Add({.what = Happening::Command,
-       .text = {},
-       .log = {},
-       .command = id,
-       .request = request,
-       .answer = answer});
+  Add({.what = Happening::Command, .command = id, .request = request, .answer = answer});
 }
 
 void PlayRecord::AddEvent(const std::wstring& text) {
-  Add({.what = Happening::Event,
-       .thread = GetCurrentThreadId(),
-       .text = text,
-       .log = {},
-       .request = {},
-       .answer = {}});
+  Add({.what = Happening::Event, .thread = GetCurrentThreadId(), .text = text});
 }
 
 void PlayRecord::AddLog(const LogLine& line) {
-  Add({.what = Happening::Log,
-       .thread = GetCurrentThreadId(),
-       .text = {},
-       .log = line,
-       .request = {},
-       .answer = {}});
+  Add({.what = Happening::Log, .thread = GetCurrentThreadId(), .log = line});
 }
 
 void PlayRecord::AddFailure(const std::wstring& text) {
-  Add({.what = Happening::Failure, .text = text, .log = {}, .request = {}, .answer = {}});
+  Add({.what = Happening::Failure, .text = text});
 }
 
 void PlayRecord::Add(RecordEntry entry) {

@@ -22,11 +22,11 @@ struct RecordEntry {
   Happening what = Happening::Call;
   std::size_t step = 0;      // of the scenario, from 1
   std::uint32_t thread = 0;  // that logged or caused the event
-  std::wstring text;         // of a call, an event or a failure
-  LogLine log;
+  std::wstring text = {};    // of a call, an event or a failure
+  LogLine log = {};
   std::uint32_t command = 0;  // its id, with request and answer
-  std::wstring request;
-  CommandResult answer;
+  std::wstring request = {};
+  CommandResult answer = {};
 };
 
 // A step that was played.

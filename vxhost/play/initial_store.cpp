@@ -1,7 +1,6 @@
 #include "vxhost/play/initial_store.h"
 
 #include <stdexcept>
-#include <string_view>
 #include <utility>
 
 #include "hosting/text.h"
@@ -18,10 +17,6 @@ using Tessel::Server::Storage::BsonDocument;
 using Tessel::Server::Storage::BsonElement;
 using Tessel::Server::Storage::CapDataStore;
 
-std::wstring_view TextOf(const WideValue& value) {
-  return {value.GetString(), value.GetStringLength()};
-}
-
 // An integer becomes an int32 if it fits, otherwise an int64.
 BsonElement PlainElement(const WideValue& value, const Definitions& definitions) {
   if (value.IsNull()) return BsonElement();
@@ -29,7 +24,7 @@ BsonElement PlainElement(const WideValue& value, const Definitions& definitions)
   if (value.IsInt()) return BsonElement::Int32(value.GetInt());
   if (value.IsInt64()) return BsonElement::Int64(value.GetInt64());
   if (value.IsString()) {
-    return BsonElement::Text(Expanded(std::wstring(TextOf(value)), definitions));
+    return BsonElement::Text(Expanded(TextOf(value), definitions));
   }
   return BsonElement::Text(Json::JsonText(value));
 }
@@ -38,7 +33,7 @@ BsonElement PlainElement(const WideValue& value, const Definitions& definitions)
 BsonElement TypedElement(const std::string& key, const WideValue& member) {
   const WideValue* type = member.IsObject() ? FindMember(member, L"type") : nullptr;
   const WideValue* value = member.IsObject() ? FindMember(member, L"value") : nullptr;
-  const std::wstring_view kind = type != nullptr && type->IsString() ? TextOf(*type) : L"";
+  const std::wstring kind = type != nullptr && type->IsString() ? TextOf(*type) : L"";
   if (kind == L"null") return BsonElement();
   if (value != nullptr) {
     if (kind == L"text" && value->IsString()) return BsonElement::Text(TextOf(*value));
@@ -66,7 +61,7 @@ InitialStore::InitialStore(const WideValue& value, const std::wstring& folder, D
     values = &value;
     return;
   }
-  std::wstring path = Expanded(std::wstring(TextOf(value)), definitions);
+  std::wstring path = Expanded(TextOf(value), definitions);
   if (path.find(L':') == path.npos) path = folder + path;
   file = std::make_unique<Json::WideDocument>();
   if (Json::ParseJson(*file, ReadTextFile(path)) && file->IsObject()) {

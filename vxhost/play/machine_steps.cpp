@@ -17,7 +17,7 @@ namespace {
 
 using Json::WideValue;
 using Simulator::SimulatedMachine;
-using std::chrono::seconds;
+using enum PartForm;
 
 constexpr std::chrono::seconds kUninstallLength{1};
 constexpr wchar_t kPolicyKey[] = L"SOFTWARE\\Policies\\Vx\\Consent";
@@ -30,6 +30,10 @@ struct Change {
 
   const WideValue* Find(const wchar_t* key) const { return Host::FindMember(value, key); }
   std::wstring Text(const wchar_t* key) const { return expand(Member(value, key)); }
+  // What Windows returns.
+  std::int32_t Result() const {
+    return static_cast<std::int32_t>(std::wcstoul(Text(L"result").c_str(), nullptr, 16));
+  }
 };
 
 // Seconds, which may have a fraction.
@@ -41,10 +45,6 @@ Simulator::VirtualClock::Duration Length(const WideValue& value) {
 void EndOobe(const Change& change) {
   SimulatedMachine& machine = change.machine;
   machine.system.EndOobeAt(machine.clock.Elapsed() + Length(change.value));
-}
-
-void SetOobeKnown(const Change& change) {
-  change.machine.system.SetOobeKnown(change.value.GetBool());
 }
 
 // "3rd"
@@ -64,22 +64,6 @@ void Refuse(const Change& change) {
   change.machine.timeline.Add(
       L"Windows refuses " + (call.empty() ? L"nothing" : call) +
       (after == 0 ? L" from now on" : L" from the " + Ordinal(after + 1) + L" call on"));
-}
-
-void RemoveApiSet(const Change& change) {
-  change.machine.system.RemoveApiSet(change.expand(change.value));
-}
-
-void DetachConsole(const Change& change) {
-  change.machine.users.DetachConsole();
-}
-
-void LogOn(const Change& change) {
-  change.machine.users.LogOn(change.expand(change.value));
-}
-
-void LogOff(const Change& change) {
-  change.machine.users.LogOff();
 }
 
 void Install(const Change& change) {
@@ -111,10 +95,6 @@ void SetAppServiceStatus(const Change& change) {
   change.machine.appServices.SetReplies(replies, replies.back());
 }
 
-void SetTriggerStatus(const Change& change) {
-  change.machine.system.SetTriggerStatus(change.value.GetUint());
-}
-
 void SetRegistry(const Change& change) {
   const std::wstring key = change.Text(L"key");
   const std::wstring value = change.Text(L"value");
@@ -143,26 +123,12 @@ void FailFirmware(const Change& change) {
   change.machine.firmware.ClearFailures();
   const WideValue* after = change.Find(L"after");
   if (change.Find(L"step") == nullptr) return;
-  const unsigned long result = std::wcstoul(change.Text(L"result").c_str(), nullptr, 16);
   change.machine.firmware.FailAfter(Utf8(change.Text(L"step")),
-                                    after == nullptr ? 0 : after->GetUint(),
-                                    static_cast<std::int32_t>(result));
+                                    after == nullptr ? 0 : after->GetUint(), change.Result());
 }
 
 void AddFile(const Change& change) {
   change.machine.files.Add(change.Text(L"path"), Utf8(change.Text(L"text")));
-}
-
-void SetLockdownMode(const Change& change) {
-  change.machine.system.SetLockdownMode(change.value.GetInt());
-}
-
-void SleepFor(const Change& change) {
-  change.machine.SleepFor(Length(change.value));
-}
-
-void SetStandby(const Change& change) {
-  change.machine.SetStandby(change.value.GetBool());
 }
 
 // Takes a path, or a path and how the signature differs from a good one of a pinned key.
@@ -173,10 +139,7 @@ void Sign(const Change& change) {
   }
   Simulator::SimulatedSignature signature;
   if (change.Find(L"key") != nullptr) signature.key = change.Text(L"key");
-  if (change.Find(L"result") != nullptr) {
-    signature.result =
-        static_cast<std::int32_t>(std::wcstoul(change.Text(L"result").c_str(), nullptr, 16));
-  }
+  if (change.Find(L"result") != nullptr) signature.result = change.Result();
   change.machine.Sign(change.Text(L"path"), signature);
 }
 
@@ -192,69 +155,64 @@ void SetPolicy(const Change& change) {
   }
 }
 
-constexpr PartRule kRefusal[] = {{.key = L"call", .form = PartForm::SomeText, .required = true},
-                                 {.key = L"after", .form = PartForm::Count, .required = true}};
+constexpr PartRule kRefusal[] = {{L"call", SomeText, Presence::Required},
+                                 {L"after", Count, Presence::Required}};
 constexpr PartRule kRegistryValue[] = {
-    {.key = L"key", .form = PartForm::SomeText, .required = true},
-    {.key = L"value", .form = PartForm::Text, .required = true},
-    {.key = L"text", .form = PartForm::Text}};
-constexpr PartRule kFirmwareFailure[] = {{.key = L"step", .form = PartForm::SomeText},
-                                         {.key = L"result", .form = PartForm::Hex},
-                                         {.key = L"after", .form = PartForm::Count}};
-constexpr PartRule kFile[] = {{.key = L"path", .form = PartForm::SomeText, .required = true},
-                              {.key = L"text", .form = PartForm::Text, .required = true}};
-constexpr PartRule kSignature[] = {{.key = L"path", .form = PartForm::SomeText, .required = true},
-                                   {.key = L"key", .form = PartForm::SomeText},
-                                   {.key = L"result", .form = PartForm::Hex}};
-constexpr PartRule kInstallation[] = {
-    {.key = L"family", .form = PartForm::SomeText, .required = true},
-    {.key = L"fullName", .form = PartForm::SomeText, .required = true},
-    {.key = L"user", .form = PartForm::SomeText}};
-constexpr PartRule kRemoval[] = {{.key = L"family", .form = PartForm::SomeText, .required = true},
-                                 {.key = L"user", .form = PartForm::SomeText, .required = true},
-                                 {.key = L"seconds", .form = PartForm::Seconds}};
+    {L"key", SomeText, Presence::Required}, {L"value", Text, Presence::Required}, {L"text", Text}};
+constexpr PartRule kFirmwareFailure[] = {{L"step", SomeText}, {L"result", Hex}, {L"after", Count}};
+constexpr PartRule kFile[] = {{L"path", SomeText, Presence::Required},
+                              {L"text", Text, Presence::Required}};
+constexpr PartRule kSignature[] = {
+    {L"path", SomeText, Presence::Required}, {L"key", SomeText}, {L"result", Hex}};
+constexpr PartRule kInstallation[] = {{L"family", SomeText, Presence::Required},
+                                      {L"fullName", SomeText, Presence::Required},
+                                      {L"user", SomeText}};
+constexpr PartRule kRemoval[] = {{L"family", SomeText, Presence::Required},
+                                 {L"user", SomeText, Presence::Required},
+                                 {L"seconds", Seconds}};
 
-constexpr PartRule Rule(const wchar_t* key, PartForm form) {
-  return {.key = key, .form = form, .needs = PartNeeds::SimulatedMachine};
+// A rule for the simulated machine.
+constexpr PartRule Simulated(PartRule rule) {
+  rule.needs = PartNeeds::SimulatedMachine;
+  return rule;
 }
 
-template <std::size_t Count>
-constexpr PartRule Rule(const wchar_t* key, PartForm form, const PartRule (&members)[Count]) {
-  return {.key = key,
-          .form = form,
-          .members = members,
-          .memberCount = Count,
-          .needs = PartNeeds::SimulatedMachine};
-}
-
-constexpr PartRule kAdvance = Rule(L"advance", PartForm::Seconds);
+constexpr PartRule kAdvance = Simulated({L"advance", Seconds});
 
 // In the order in which the changes of one step are made.
 constexpr struct {
   PartRule rule;
   void (*make)(const Change&) = nullptr;
 } kChanges[] = {
-    {Rule(L"refuse", PartForm::TextOrObject, kRefusal), &Refuse},
-    {Rule(L"sleep", PartForm::Seconds), &SleepFor},
-    {Rule(L"standby", PartForm::Boolean), &SetStandby},
-    {Rule(L"oobeEndsAfter", PartForm::Seconds), &EndOobe},
-    {Rule(L"oobeKnown", PartForm::Boolean), &SetOobeKnown},
-    {Rule(L"missingApiSet", PartForm::SomeText), &RemoveApiSet},
-    {Rule(L"registry", PartForm::Object, kRegistryValue), &SetRegistry},
-    {Rule(L"firmwareDigits", PartForm::Digits), &ReplaceFirmware},
-    {Rule(L"warrantyBlock", PartForm::Text), &SetWarrantyBlock},
-    {Rule(L"firmwareFails", PartForm::Object, kFirmwareFailure), &FailFirmware},
-    {Rule(L"file", PartForm::Object, kFile), &AddFile},
-    {Rule(L"trust", PartForm::TextOrObject, kSignature), &Sign},
-    {Rule(L"policy", PartForm::Texts), &SetPolicy},
-    {Rule(L"lockdownMode", PartForm::Number), &SetLockdownMode},
-    {Rule(L"appServiceStatus", PartForm::Numbers), &SetAppServiceStatus},
-    {Rule(L"triggerStatus", PartForm::Count), &SetTriggerStatus},
-    {Rule(L"logOff", PartForm::True), &LogOff},
-    {Rule(L"noConsole", PartForm::True), &DetachConsole},
-    {Rule(L"logOn", PartForm::SomeText), &LogOn},
-    {Rule(L"install", PartForm::Object, kInstallation), &Install},
-    {Rule(L"uninstall", PartForm::Object, kRemoval), &Uninstall},
+    {Simulated(RuleWith(L"refuse", TextOrObject, kRefusal)), &Refuse},
+    {Simulated({L"sleep", Seconds}),
+     [](const Change& change) { change.machine.SleepFor(Length(change.value)); }},
+    {Simulated({L"standby", Boolean}),
+     [](const Change& change) { change.machine.SetStandby(change.value.GetBool()); }},
+    {Simulated({L"oobeEndsAfter", Seconds}), &EndOobe},
+    {Simulated({L"oobeKnown", Boolean}),
+     [](const Change& change) { change.machine.system.SetOobeKnown(change.value.GetBool()); }},
+    {Simulated({L"missingApiSet", SomeText}),
+     [](const Change& change) { change.machine.system.RemoveApiSet(change.expand(change.value)); }},
+    {Simulated(RuleWith(L"registry", Object, kRegistryValue)), &SetRegistry},
+    {Simulated({L"firmwareDigits", Digits}), &ReplaceFirmware},
+    {Simulated({L"warrantyBlock", Text}), &SetWarrantyBlock},
+    {Simulated(RuleWith(L"firmwareFails", Object, kFirmwareFailure)), &FailFirmware},
+    {Simulated(RuleWith(L"file", Object, kFile)), &AddFile},
+    {Simulated(RuleWith(L"trust", TextOrObject, kSignature)), &Sign},
+    {Simulated({L"policy", Texts}), &SetPolicy},
+    {Simulated({L"lockdownMode", Number}),
+     [](const Change& change) { change.machine.system.SetLockdownMode(change.value.GetInt()); }},
+    {Simulated({L"appServiceStatus", Numbers}), &SetAppServiceStatus},
+    {Simulated({L"triggerStatus", Count}),
+     [](const Change& change) { change.machine.system.SetTriggerStatus(change.value.GetUint()); }},
+    {Simulated({L"logOff", True}), [](const Change& change) { change.machine.users.LogOff(); }},
+    {Simulated({L"noConsole", True}),
+     [](const Change& change) { change.machine.users.DetachConsole(); }},
+    {Simulated({L"logOn", SomeText}),
+     [](const Change& change) { change.machine.users.LogOn(change.expand(change.value)); }},
+    {Simulated(RuleWith(L"install", Object, kInstallation)), &Install},
+    {Simulated(RuleWith(L"uninstall", Object, kRemoval)), &Uninstall},
 };
 
 }  // namespace

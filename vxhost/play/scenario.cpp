@@ -1,27 +1,19 @@
 #include "vxhost/play/scenario.h"
 
-#include <algorithm>
-#include <chrono>
 #include <cwchar>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <memory>
-#include <optional>
 #include <sstream>
 #include <stdexcept>
-#include <vector>
 
 #include <windows.h>
 
 #include "hosting/services_mutex.h"
 #include "hosting/text.h"
-#include "json/json_text.h"
 #include "platform/unique_handle.h"
 #include "storage/cap_data_store.h"
 #include "storage/service_document.h"
 #include "vxhost/play/machine_steps.h"
-#include "vxhost/play/scenario_check.h"
 #include "vxhost/store/store_content.h"
 
 namespace Vx::Host {
@@ -165,17 +157,14 @@ class ScenarioRunner {
   // A text unchanged, any other value as JSON. Definitions are expanded in both.
   std::wstring Expand(const WideValue& value) const {
     if (value.IsString()) {
-      return Expanded(std::wstring(value.GetString(), value.GetStringLength()), definitions);
+      return Expanded(TextOf(value), definitions);
     }
     Definitions escaped;
-    for (const auto& [name, content] : definitions) escaped[name] = Escaped(content);
+    for (const auto& [name, content] : definitions) {
+      const std::wstring quoted = Quoted(content);
+      escaped[name] = quoted.substr(1, quoted.size() - 2);
+    }
     return Expanded(Json::JsonText(value), escaped);
-  }
-
-  static std::wstring Escaped(const std::wstring& text) {
-    const std::wstring quoted =
-        Json::JsonText(WideValue(text.c_str(), static_cast<rapidjson::SizeType>(text.size())));
-    return quoted.substr(1, quoted.size() - 2);
   }
 
   void Execute(const WideValue& step, std::uint32_t id) {

@@ -1,10 +1,10 @@
 #include "vxhost/play/scenario_check.h"
 
 #include <algorithm>
-#include <cstdint>
 #include <cwctype>
 #include <iterator>
 #include <set>
+#include <span>
 #include <string_view>
 
 #include "hosting/text.h"
@@ -16,52 +16,46 @@ namespace Vx::Host {
 namespace {
 
 using Json::WideValue;
+using enum PartForm;
 
 constexpr double kLongest = 366.0 * 24 * 60 * 60;  // seconds
 
-constexpr PartRule kCopy[] = {{.key = L"from", .form = PartForm::SomeText, .required = true},
-                              {.key = L"to", .form = PartForm::SomeText, .required = true}};
-constexpr PartRule kWaitFor[] = {{.key = L"file", .form = PartForm::SomeText, .required = true},
-                                 {.key = L"contains", .form = PartForm::Text},
-                                 {.key = L"seconds", .form = PartForm::WholeSeconds},
-                                 {.key = L"quiet", .form = PartForm::True}};
+constexpr PartRule kCopy[] = {{L"from", SomeText, Presence::Required},
+                              {L"to", SomeText, Presence::Required}};
+constexpr PartRule kWaitFor[] = {{L"file", SomeText, Presence::Required},
+                                 {L"contains", Text},
+                                 {L"seconds", WholeSeconds},
+                                 {L"quiet", True}};
 constexpr PartRule kExpect[] = {
-    {.key = L"code", .form = PartForm::Hex, .companion = L"exec"},
-    {.key = L"answer", .form = PartForm::Anything, .companion = L"exec"},
-    {.key = L"log", .form = PartForm::SomeText},
-    {.key = L"seconds", .form = PartForm::WholeSeconds},
-    {.key = L"stored", .form = PartForm::AnyObject},
-    {.key = L"event", .form = PartForm::SomeText, .needs = PartNeeds::SimulatedMachine},
-    {.key = L"noEvent", .form = PartForm::SomeText, .needs = PartNeeds::SimulatedMachine}};
+    {.key = L"code", .form = Hex, .companion = L"exec"},
+    {.key = L"answer", .form = Anything, .companion = L"exec"},
+    {L"log", SomeText},
+    {L"seconds", WholeSeconds},
+    {L"stored", AnyObject},
+    {.key = L"event", .form = SomeText, .needs = PartNeeds::SimulatedMachine},
+    {.key = L"noEvent", .form = SomeText, .needs = PartNeeds::SimulatedMachine}};
 
 // The parts of a step, without those that change the simulated machine.
-constexpr PartRule kParts[] = {
-    {.key = L"say", .form = PartForm::Text},
-    {.key = L"start", .form = PartForm::True},
-    {.key = L"restart", .form = PartForm::True},
-    {.key = L"end", .form = PartForm::True},
-    {.key = L"store", .form = PartForm::AnyObject},
-    {.key = L"exec", .form = PartForm::Count},
-    {.key = L"request", .form = PartForm::Anything, .companion = L"exec"},
-    {.key = L"power", .form = PartForm::Count},
-    {.key = L"session", .form = PartForm::Count},
-    {.key = L"copy", .form = PartForm::Object, .members = kCopy, .memberCount = std::size(kCopy)},
-    {.key = L"remove", .form = PartForm::SomeText},
-    {.key = L"run", .form = PartForm::SomeText},
-    {.key = L"arguments", .form = PartForm::Text, .companion = L"run"},
-    {.key = L"waitFor",
-     .form = PartForm::Object,
-     .members = kWaitFor,
-     .memberCount = std::size(kWaitFor)},
-    {.key = L"showStore", .form = PartForm::True},
-    {.key = L"expect",
-     .form = PartForm::Object,
-     .members = kExpect,
-     .memberCount = std::size(kExpect)}};
+constexpr PartRule kParts[] = {{L"say", Text},
+                               {L"start", True},
+                               {L"restart", True},
+                               {L"end", True},
+                               {L"store", AnyObject},
+                               {L"exec", Count},
+                               {.key = L"request", .form = Anything, .companion = L"exec"},
+                               {L"power", Count},
+                               {L"session", Count},
+                               RuleWith(L"copy", Object, kCopy),
+                               {L"remove", SomeText},
+                               {L"run", SomeText},
+                               {.key = L"arguments", .form = Text, .companion = L"run"},
+                               RuleWith(L"waitFor", Object, kWaitFor),
+                               {L"showStore", True},
+                               RuleWith(L"expect", Object, kExpect)};
 
 constexpr wchar_t kSteps[] = L"steps";
 constexpr wchar_t kStore[] = L"store";
-constexpr PartRule kBegin = {.key = kStore, .form = PartForm::TextOrObject};
+constexpr PartRule kBegin = {kStore, TextOrObject};
 
 // Parts without which a step does nothing that could be observed.
 constexpr std::wstring_view kOnlyLook[] = {L"say", L"expect", L"showStore", L"waitFor"};
@@ -69,10 +63,16 @@ constexpr std::wstring_view kOnlyLook[] = {L"say", L"expect", L"showStore", L"wa
 // Parts that call the service.
 constexpr const wchar_t* kCalls[] = {L"start", L"exec", L"policy", L"power", L"session"};
 
-const PartRule* FindRule(const PartRule* rules, std::size_t count, const std::wstring& key) {
-  const auto* found =
-      std::find_if(rules, rules + count, [&key](const PartRule& rule) { return key == rule.key; });
-  return found == rules + count ? nullptr : found;
+const PartRule* FindRule(std::span<const PartRule> rules, const std::wstring& key) {
+  const auto found = std::ranges::find(rules, key, &PartRule::key);
+  return found == rules.end() ? nullptr : &*found;
+}
+
+// "; did you mean" one of the keys of `rules` or one of `others`?
+std::string Closest(const std::wstring& key, std::span<const PartRule> rules,
+                    std::vector<std::string> others = {}) {
+  for (const PartRule& rule : rules) others.push_back(Utf8(rule.key));
+  return DidYouMean(Utf8(key), others);
 }
 
 bool IsHex(std::wstring_view text) {
@@ -83,58 +83,63 @@ bool IsHex(std::wstring_view text) {
          });
 }
 
-std::wstring_view TextOf(const WideValue& value) {
-  return {value.GetString(), value.GetStringLength()};
-}
+// What a value of each form is, and what is wanted instead of one that is not.
+constexpr struct {
+  PartForm form;
+  bool (*has)(const WideValue& value);
+  const char* wanted;
+} kForms[] = {
+    {Text, [](const WideValue& value) { return value.IsString(); }, "a text"},
+    {SomeText,
+     [](const WideValue& value) { return value.IsString() && value.GetStringLength() != 0; },
+     "a text that is not empty"},
+    {True, [](const WideValue& value) { return value.IsTrue(); }, "true, or leave the part out"},
+    {Boolean, [](const WideValue& value) { return value.IsBool(); }, "true or false"},
+    {Count, [](const WideValue& value) { return value.IsUint(); },
+     "a whole number from 0 to 4294967295"},
+    {Number, [](const WideValue& value) { return value.IsInt(); }, "a whole number"},
+    {Numbers,
+     [](const WideValue& value) {
+       return value.IsInt() || (value.IsArray() && !value.Empty() &&
+                                std::all_of(value.Begin(), value.End(),
+                                            [](const auto& one) { return one.IsInt(); }));
+     },
+     "a whole number, or a list of at least one"},
+    {Digits,
+     [](const WideValue& value) {
+       return value.IsInt() && (value.GetInt() == 6 || value.GetInt() == 8);
+     },
+     "6 or 8"},
+    {Hex, [](const WideValue& value) { return value.IsString() && IsHex(TextOf(value)); },
+     "a text of one to eight hexadecimal digits, such as \"20000002\""},
+    {Seconds,
+     [](const WideValue& value) {
+       return value.IsNumber() && value.GetDouble() >= 0 && value.GetDouble() <= kLongest;
+     },
+     "seconds, from 0 to 31622400"},
+    {WholeSeconds,
+     [](const WideValue& value) { return value.IsUint() && value.GetUint() <= kLongest; },
+     "whole seconds, from 0 to 31622400"},
+    {Object, [](const WideValue& value) { return value.IsObject(); }, "an object"},
+    {AnyObject, [](const WideValue& value) { return value.IsObject(); }, "an object"},
+    {Texts,
+     [](const WideValue& value) {
+       return value.IsObject() &&
+              std::all_of(value.MemberBegin(), value.MemberEnd(), [](const auto& one) {
+                return one.value.IsString() || one.value.IsNull();
+              });
+     },
+     "an object whose values are texts or null"},
+    {TextOrObject, [](const WideValue& value) { return value.IsString() || value.IsObject(); },
+     "a text or an object"},
+};
 
 // What is wanted instead of `value`. Null when it has the form.
 const char* WantedInstead(PartForm form, const WideValue& value) {
-  const auto unless = [](bool right, const char* wanted) { return right ? nullptr : wanted; };
-  switch (form) {
-    case PartForm::Text:
-      return unless(value.IsString(), "a text");
-    case PartForm::SomeText:
-      return unless(value.IsString() && value.GetStringLength() != 0, "a text that is not empty");
-    case PartForm::True:
-      return unless(value.IsTrue(), "true, or leave the part out");
-    case PartForm::Boolean:
-      return unless(value.IsBool(), "true or false");
-    case PartForm::Count:
-      return unless(value.IsUint(), "a whole number from 0 to 4294967295");
-    case PartForm::Number:
-      return unless(value.IsInt(), "a whole number");
-    case PartForm::Numbers:
-      return unless(value.IsInt() || (value.IsArray() && !value.Empty() &&
-                                      std::all_of(value.Begin(), value.End(),
-                                                  [](const auto& one) { return one.IsInt(); })),
-                    "a whole number, or a list of at least one");
-    case PartForm::Digits:
-      return unless(value.IsInt() && (value.GetInt() == 6 || value.GetInt() == 8), "6 or 8");
-    case PartForm::Hex:
-      return unless(value.IsString() && IsHex(TextOf(value)),
-                    "a text of one to eight hexadecimal digits, such as \"20000002\"");
-    case PartForm::Seconds:
-      return unless(value.IsNumber() && value.GetDouble() >= 0 && value.GetDouble() <= kLongest,
-                    "seconds, from 0 to 31622400");
-    case PartForm::WholeSeconds:
-      return unless(value.IsUint() && value.GetUint() <= kLongest,
-                    "whole seconds, from 0 to 31622400");
-    case PartForm::Object:
-    case PartForm::AnyObject:
-      return unless(value.IsObject(), "an object");
-    case PartForm::Texts:
-      return unless(value.IsObject() && std::all_of(value.MemberBegin(), value.MemberEnd(),
-                                                    [](const auto& one) {
-                                                      return one.value.IsString() ||
-                                                             one.value.IsNull();
-                                                    }),
-                    "an object whose values are texts or null");
-    case PartForm::TextOrObject:
-      return unless(value.IsString() || value.IsObject(), "a text or an object");
-    case PartForm::Anything:
-      return nullptr;
+  for (const auto& row : kForms) {
+    if (row.form == form) return row.has(value) ? nullptr : row.wanted;
   }
-  return nullptr;
+  return nullptr;  // anything
 }
 
 // The beginning of a value, for a message.
@@ -192,10 +197,10 @@ class Checker {
     Once(one, {});
     for (auto part = one.MemberBegin(); part != one.MemberEnd(); ++part) {
       const std::wstring key = part->name.GetString();
-      const PartRule* rule = FindRule(kParts, std::size(kParts), key);
+      const PartRule* rule = FindRule(kParts, key);
       if (rule == nullptr) rule = FindMachineRule(key);
       if (rule == nullptr) {
-        Add(part->value, key, "is not a part of a step" + Closest(key));
+        Add(part->value, key, "is not a part of a step" + Closest(key, kParts, MachineKeys()));
         continue;
       }
       Part(*rule, part->value, key, one);
@@ -205,12 +210,6 @@ class Checker {
         expect != nullptr && expect->IsObject()) {
       Observation(one, *expect);
     }
-  }
-
-  static std::string Closest(const std::wstring& key) {
-    std::vector<std::string> names = MachineKeys();
-    for (const PartRule& rule : kParts) names.push_back(Utf8(rule.key));
-    return DidYouMean(Utf8(key), names);
   }
 
   void Part(const PartRule& rule, const WideValue& value, const std::wstring& key,
@@ -226,30 +225,28 @@ class Checker {
       return;
     }
     if (value.IsObject() && rule.members != nullptr) {
-      Members(value, rule.members, rule.memberCount, key, one);
+      Members(value, rule.Members(), key, one);
     } else {
       Names(value, key);
     }
   }
 
-  void Members(const WideValue& object, const PartRule* rules, std::size_t count,
-               const std::wstring& path, const WideValue& one) {
+  void Members(const WideValue& object, std::span<const PartRule> rules, const std::wstring& path,
+               const WideValue& one) {
     const std::wstring prefix = path + L".";
     Once(object, prefix);
     for (auto member = object.MemberBegin(); member != object.MemberEnd(); ++member) {
       const std::wstring key = member->name.GetString();
-      const PartRule* rule = FindRule(rules, count, key);
+      const PartRule* rule = FindRule(rules, key);
       if (rule == nullptr) {
-        std::vector<std::string> names;
-        for (std::size_t i = 0; i < count; ++i) names.push_back(Utf8(rules[i].key));
-        Add(member->value, prefix + key, "is not known" + DidYouMean(Utf8(key), names));
+        Add(member->value, prefix + key, "is not known" + Closest(key, rules));
       } else {
         Part(*rule, member->value, prefix + key, one);
       }
     }
-    for (std::size_t i = 0; i < count; ++i) {
-      if (!rules[i].required || FindMember(object, rules[i].key) != nullptr) continue;
-      Add(object, path, "lacks \"" + Utf8(rules[i].key) + "\"");
+    for (const PartRule& rule : rules) {
+      if (rule.presence == Presence::Optional || FindMember(object, rule.key) != nullptr) continue;
+      Add(object, path, "lacks \"" + Utf8(rule.key) + "\"");
     }
   }
 
@@ -265,7 +262,7 @@ class Checker {
   // A name that stays in a text would be sent, or be expected.
   void Names(const WideValue& value, const std::wstring& key) {
     if (value.IsString()) {
-      Expanded(std::wstring(TextOf(value)), definitions, [&](const std::wstring& name) {
+      Expanded(TextOf(value), definitions, [&](const std::wstring& name) {
         const std::string text = Utf8(name);
         Add(value, key,
             "holds ${" + text + "}, which has no definition: --define \"" + text + "=VALUE\"");

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <span>
 
 namespace Vx::Host {
 
@@ -27,15 +28,25 @@ enum class PartForm {
 // What has to be there for a part to mean anything.
 enum class PartNeeds { Nothing, SimulatedMachine };
 
+enum class Presence { Optional, Required };  // of a member in its object
+
 // One part of a step, or one member of a part.
 struct PartRule {
   const wchar_t* key = nullptr;
   PartForm form = PartForm::Anything;
-  const PartRule* members = nullptr;  // of an object
-  std::size_t memberCount = 0;
-  bool required = false;               // in its object
+  Presence presence = Presence::Optional;
   const wchar_t* companion = nullptr;  // another part that the step needs for it
   PartNeeds needs = PartNeeds::Nothing;
+  const PartRule* members = nullptr;  // of an object
+  std::size_t memberCount = 0;
+
+  std::span<const PartRule> Members() const { return {members, memberCount}; }
 };
+
+// The rule of a part that is or may be an object with these members.
+template <std::size_t Count>
+constexpr PartRule RuleWith(const wchar_t* key, PartForm form, const PartRule (&members)[Count]) {
+  return {.key = key, .form = form, .members = members, .memberCount = Count};
+}
 
 }  // namespace Vx::Host
