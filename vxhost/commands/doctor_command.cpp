@@ -4,7 +4,6 @@
 #include <cstdint>
 #include <filesystem>
 #include <fstream>
-#include <functional>
 #include <memory>
 #include <optional>
 #include <stdexcept>
@@ -39,8 +38,6 @@
 #include "vxhost/store/store_look.h"
 #include "vxhost/subscriptions/certificates.h"
 #include "vxhost/subscriptions/module_pins.h"
-
-#include <rapidjson/prettywriter.h>
 
 namespace Vx::Host {
 
@@ -350,15 +347,8 @@ std::vector<Check> Examine(const std::wstring& module, const Options& options) {
 }
 
 const char* Name(Health health) {
-  switch (health) {
-    case Health::Good:
-      return "ok";
-    case Health::Finding:
-      return "finding";
-    case Health::Unusable:
-      break;
-  }
-  return "unusable";
+  static constexpr const char* kNames[] = {"ok", "finding", "unusable"};  // in the enum's order
+  return kNames[static_cast<std::size_t>(health)];
 }
 
 void PrintText(const std::vector<Check>& checks, Console& console) {
@@ -372,21 +362,15 @@ void PrintText(const std::vector<Check>& checks, Console& console) {
 }
 
 void PrintJson(const std::vector<Check>& checks, Console& console) {
-  Json::WideDocument document(rapidjson::kArrayType);
-  auto& pool = document.GetAllocator();
+  std::vector<JsonRow> rows;
   for (const Check& check : checks) {
-    Json::WideValue row(rapidjson::kObjectType);
-    const auto add = [&](const wchar_t* key, const std::wstring& text) {
-      row.AddMember(rapidjson::StringRef(key), Json::WideValue(text, pool), pool);
-    };
-    add(L"check", Wide(check.what));
-    add(L"health", Wide(Name(check.health)));
-    add(L"found", check.found);
-    add(L"expected", check.expected);
-    add(L"advice", check.advice);
-    document.PushBack(row, pool);
+    rows.push_back({{L"check", std::string(check.what)},
+                    {L"health", std::string(Name(check.health))},
+                    {L"found", check.found},
+                    {L"expected", check.expected},
+                    {L"advice", check.advice}});
   }
-  console.JsonResult(document);
+  console.JsonResult(JsonRow::TextOf(rows));
 }
 
 int Doctor(const CommandLine& line, const Options& options, Console& console) {

@@ -5,7 +5,6 @@
 #include <stdexcept>
 #include <string>
 #include <string_view>
-#include <vector>
 
 #include "hosting/text.h"
 #include "json/json_text.h"
@@ -25,19 +24,10 @@ struct Options {
 };
 
 const wchar_t* NameOf(Fate fate) {
-  switch (fate) {
-    case Fate::Runs:
-      return L"run";
-    case Fate::Dropped:
-      return L"dropped";
-    case Fate::Refused:
-      return L"refused";
-    case Fate::Never:
-      return L"never";
-    case Fate::OtherEvent:
-      return L"other event";
-  }
-  return L"";
+  // In the order of the enumeration.
+  static constexpr const wchar_t* kNames[] = {L"run", L"dropped", L"refused", L"never",
+                                              L"other event"};
+  return kNames[static_cast<std::size_t>(fate)];
 }
 
 std::uint32_t CodeOf(const std::string& written) {
@@ -102,16 +92,12 @@ void Print(const Explanation& one, Console& console) {
   }
 }
 
-Json::WideDocument AsJson(const Explanation& one) {
-  Json::WideDocument row = RowOf(one);
-  auto& pool = row.GetAllocator();
-  const auto text = [&pool](const std::wstring& value) { return Json::WideValue(value, pool); };
-  row.AddMember(L"verdict", text(NameOf(one.fate)), pool);
-  row.AddMember(L"wait", one.wait, pool);
-  row.AddMember(L"action", text(one.action), pool);
-  Json::WideValue reasons(rapidjson::kArrayType);
-  for (const std::wstring& reason : one.reasons) reasons.PushBack(text(reason), pool);
-  row.AddMember(L"reasons", reasons, pool);
+JsonRow AsJson(const Explanation& one) {
+  JsonRow row = RowOf(one);
+  row.Add({L"verdict", NameOf(one.fate)});
+  row.Add({L"wait", one.wait});
+  row.Add({L"action", one.action});
+  row.Add({L"reasons", one.reasons});
   return row;
 }
 

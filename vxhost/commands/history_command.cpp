@@ -10,7 +10,6 @@
 #include <functional>
 #include <map>
 #include <memory>
-#include <optional>
 #include <sstream>
 #include <stdexcept>
 #include <string>
@@ -111,20 +110,17 @@ void Print(const HistoryRow& row, Console& console) {
                Cell(Took(row), 11) + Utf8(NameOf(row.decision).text) + detail);
 }
 
-Json::WideDocument AsJson(const HistoryRow& row) {
-  Json::WideDocument result(rapidjson::kObjectType);
-  auto& pool = result.GetAllocator();
-  const auto text = [&pool](const std::wstring& value) { return Json::WideValue(value, pool); };
-  result.AddMember(L"time", text(row.time), pool);
-  result.AddMember(L"event", text(row.event), pool);
-  Json::WideValue hashes(rapidjson::kArrayType);
-  if (!row.subscription.empty()) hashes.PushBack(text(row.subscription), pool);
-  result.AddMember(L"subscriptions", hashes, pool);
-  result.AddMember(L"decision", text(NameOf(row.decision).text), pool);
-  result.AddMember(L"failed", IsFailure(row.decision), pool);
-  result.AddMember(L"detail", text(row.detail), pool);
-  if (row.startedProcess != 0) result.AddMember(L"process", row.startedProcess, pool);
-  if (row.milliseconds) result.AddMember(L"milliseconds", *row.milliseconds, pool);
+JsonRow AsJson(const HistoryRow& row) {
+  std::vector<std::wstring> hashes;
+  if (!row.subscription.empty()) hashes.push_back(row.subscription);
+  JsonRow result{{L"time", row.time},
+                 {L"event", row.event},
+                 {L"subscriptions", hashes},
+                 {L"decision", NameOf(row.decision).text},
+                 {L"failed", IsFailure(row.decision)},
+                 {L"detail", row.detail}};
+  if (row.startedProcess != 0) result.Add({L"process", row.startedProcess});
+  if (row.milliseconds) result.Add({L"milliseconds", *row.milliseconds});
   return result;
 }
 
@@ -148,10 +144,7 @@ class LogRecord {
     entries.push_back({.at = std::chrono::milliseconds(std::max<std::int64_t>(*moment - first, 0)),
                        .what = Happening::Log,
                        .thread = thread,
-                       .text = {},
-                       .log = line.line,
-                       .request = {},
-                       .answer = {}});
+                       .log = line.line});
   }
 
   void Draw(const std::string& file, const std::vector<StoredSubscription>& stored) const {

@@ -1,7 +1,6 @@
 #include "vxhost/commands/service_setup_command.h"
 
 #include <cstdint>
-#include <cstdio>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -99,57 +98,39 @@ int Install(const ModuleOptions& module, const InstallOptions& options, Console&
   return kDone;
 }
 
-const wchar_t* NameOf(std::uint32_t state) {
-  switch (state) {
-    case SERVICE_STOPPED:
-      return L"stopped";
-    case SERVICE_START_PENDING:
-      return L"starting";
-    case SERVICE_STOP_PENDING:
-      return L"stopping";
-    case SERVICE_RUNNING:
-      return L"running";
-    default:
-      return L"other";
-  }
+std::wstring NameOf(std::uint32_t state) {
+  // In the order of SERVICE_STOPPED, which is 1, and the states after it.
+  static constexpr const wchar_t* kNames[] = {L"stopped", L"starting", L"stopping", L"running"};
+  return state - 1 < std::size(kNames) ? kNames[state - 1] : L"other";
 }
 
 int Status(const std::string& name, Console& console) {
   const std::wstring wide = CheckedName(name);
   const auto report = ServiceManager().Query(wide);
-  const wchar_t* const state = report ? NameOf(report->state) : L"not installed";
-  Json::WideDocument document(rapidjson::kObjectType);
-  auto& pool = document.GetAllocator();
+  const std::wstring state = report ? NameOf(report->state) : L"not installed";
+  JsonRow row{{L"name", wide}, {L"state", state}};
   std::string text = name + ": " + Utf8(state);
-  const auto add = [&](const wchar_t* key, const std::wstring& value) {
-    document.AddMember(rapidjson::StringRef(key), Json::WideValue(value, pool), pool);
-  };
-  add(L"name", wide);
-  add(L"state", state);
   if (report) {
-    document.AddMember(L"process", report->process, pool);
-    document.AddMember(L"exitCode", report->exitCode, pool);
-    add(L"start", report->automatic ? L"auto" : L"demand");
-    add(L"account", report->account);
-    add(L"image", report->image);
-    if (!report->options.module.empty()) add(L"module", report->options.module);
-    Json::WideValue allowed(rapidjson::kArrayType);
-    for (const std::wstring& sid : report->options.allowed) {
-      allowed.PushBack(Json::WideValue(sid, pool), pool);
-    }
-    document.AddMember(L"allow", allowed, pool);
-    document.AddMember(L"development", report->options.development, pool);
-    add(L"pipe", PipePath(wide));
+    const std::string start = report->automatic ? "auto" : "demand";
+    row.Add({L"process", report->process});
+    row.Add({L"exitCode", report->exitCode});
+    row.Add({L"start", start});
+    row.Add({L"account", report->account});
+    row.Add({L"image", report->image});
+    if (!report->options.module.empty()) row.Add({L"module", report->options.module});
+    row.Add({L"allow", report->options.allowed});
+    row.Add({L"development", report->options.development});
+    row.Add({L"pipe", PipePath(wide)});
     if (report->process != 0) text += ", process " + std::to_string(report->process);
     if (report->exitCode != 0) text += ", error " + std::to_string(report->exitCode);
-    text += "\n  start:   " + std::string(report->automatic ? "auto" : "demand") +
-            "\n  account: " + Utf8(report->account) + "\n  image:   " + Utf8(report->image) +
-            "\n  module:  " + Utf8(report->options.module) + "\n  pipe:    " + Utf8(PipePath(wide));
+    text += "\n  start:   " + start + "\n  account: " + Utf8(report->account) +
+            "\n  image:   " + Utf8(report->image) + "\n  module:  " + Utf8(report->options.module) +
+            "\n  pipe:    " + Utf8(PipePath(wide));
     for (const std::wstring& sid : report->options.allowed) text += "\n  allow:   " + Utf8(sid);
     if (report->options.development) text += "\n  for development";
   }
   if (console.WritesJson()) {
-    console.JsonResult(document);
+    console.JsonResult(row);
   } else {
     console.Lines(text);
   }

@@ -4,7 +4,6 @@
 #include <cstdio>
 #include <memory>
 #include <stdexcept>
-#include <utility>
 
 #include "hosting/text.h"
 #include "json/json_text.h"
@@ -19,12 +18,11 @@ namespace Vx::Host {
 namespace {
 
 using Json::WideDocument;
-using Json::WideValue;
 
 // People read it too, so its lines are indented unless a program asks for one.
 void Print(const WideDocument& document, Console& console) {
   if (console.WritesJson()) {
-    console.JsonResult(document);
+    console.JsonResult(Json::JsonText(document));
     return;
   }
   Json::TextBuffer buffer;
@@ -63,15 +61,10 @@ int Verify(const Options& options, Console& console) {
   const StoreVerdict verdict =
       DiagnoseWithLists(look, options.file.empty() ? Owner::Trusted : Owner::Any);
   if (console.WritesJson()) {
-    WideDocument result(rapidjson::kObjectType);
-    auto& pool = result.GetAllocator();
-    result.AddMember(L"path", WideValue(look.path, pool), pool);
-    result.AddMember(L"state", WideValue(Wide(verdict.state), pool), pool);
-    result.AddMember(L"text", WideValue(Wide(verdict.text), pool), pool);
-    WideValue siblings(rapidjson::kArrayType);
-    for (const std::wstring& path : look.siblings) siblings.PushBack(WideValue(path, pool), pool);
-    result.AddMember(L"beside", siblings, pool);
-    console.JsonResult(result);
+    console.JsonResult({{L"path", look.path},
+                        {L"state", verdict.state},
+                        {L"text", verdict.text},
+                        {L"beside", look.siblings}});
   } else {
     console.Line(Utf8(look.path) + ": " + verdict.text);
     for (const std::wstring& path : look.siblings) {
@@ -85,10 +78,7 @@ int Verify(const Options& options, Console& console) {
 // Reports where the former store is.
 int Replaced(const std::wstring& kept, Console& console) {
   if (console.WritesJson()) {
-    WideDocument result(rapidjson::kObjectType);
-    auto& pool = result.GetAllocator();
-    result.AddMember(L"kept", WideValue(kept, pool), pool);
-    console.JsonResult(result);
+    console.JsonResult({{L"kept", kept}});
   } else {
     console.Line(kept.empty() ? "done; there was no store before"
                               : "done; the store as it was is kept as " + Utf8(kept));

@@ -13,7 +13,6 @@
 #include "hosting/text.h"
 #include "json/json_object.h"
 #include "json/json_text.h"
-#include "platform/windows_runtime_error.h"
 #include "records/subscription_hash.h"
 #include "storage/request_manager.h"
 #include "storage/sealed_file.h"
@@ -51,17 +50,13 @@ std::string Row(const Explanation& one) {
   return row + (one.action.empty() ? Utf8(subscription.text.value_or(L"")) : Utf8(one.action));
 }
 
-Json::WideDocument AsJson(const Explanation& one) {
-  Json::WideDocument row = RowOf(one);
-  auto& pool = row.GetAllocator();
-  const auto text = [&pool](const std::wstring& value) { return Json::WideValue(value, pool); };
-  row.AddMember(L"delay", text(one.delay), pool);
-  row.AddMember(L"action", text(one.action), pool);
-  row.AddMember(L"valid", one.fate == Fate::Runs, pool);
-  Json::WideValue reasons(rapidjson::kArrayType);
-  for (const std::wstring& reason : one.reasons) reasons.PushBack(text(reason), pool);
-  row.AddMember(L"reasons", reasons, pool);
-  row.AddMember(L"text", text(one.subscription.text.value_or(L"")), pool);
+JsonRow AsJson(const Explanation& one) {
+  JsonRow row = RowOf(one);
+  row.Add({L"delay", one.delay});
+  row.Add({L"action", one.action});
+  row.Add({L"valid", one.fate == Fate::Runs});
+  row.Add({L"reasons", one.reasons});
+  row.Add({L"text", one.subscription.text.value_or(L"")});
   return row;
 }
 
@@ -193,12 +188,7 @@ int Report(const wchar_t* done, const std::wstring& text, bool succeeded, Consol
   const std::wstring hash =
       text.empty() ? std::wstring() : Tessel::Server::Records::SubscriptionHash(text);
   if (console.WritesJson()) {
-    Json::WideDocument result(rapidjson::kObjectType);
-    auto& pool = result.GetAllocator();
-    result.AddMember(Json::WideValue(done, pool), Json::WideValue(succeeded), pool);
-    result.AddMember(L"hash", Json::WideValue(hash, pool), pool);
-    result.AddMember(L"text", Json::WideValue(text, pool), pool);
-    console.JsonResult(result);
+    console.JsonResult({{done, succeeded}, {L"hash", hash}, {L"text", text}});
   } else {
     const std::wstring what = text.empty() ? L"" : L": " + hash + L" " + text;
     console.Line(Utf8(std::wstring(succeeded ? L"" : L"not ") + done + what));

@@ -18,7 +18,6 @@
 #include "json/json_text.h"
 #include "platform/clock.h"
 #include "platform/machine.h"
-#include "platform/windows_runtime_error.h"
 #include "security/file_trust.h"
 #include "vxhost/subscriptions/certificates.h"
 #include "vxhost/subscriptions/module_pins.h"
@@ -56,18 +55,6 @@ void RefuseStores(const ModuleOptions& module, const char* command) {
   throw std::runtime_error(std::string(command) + " uses no store and no simulated machine");
 }
 
-// {NAME: [TEXT, ...]}
-Json::WideDocument Texts(const wchar_t* name, const std::vector<std::string>& texts) {
-  Json::WideDocument result(rapidjson::kObjectType);
-  auto& allocator = result.GetAllocator();
-  Json::WideValue list(rapidjson::kArrayType);
-  for (const std::string& text : texts) {
-    list.PushBack(Json::WideValue(Wide(text), allocator), allocator);
-  }
-  result.AddMember(Json::WideValue(name, allocator), list, allocator);
-  return result;
-}
-
 // A set of keys, each with its certificate if one is at hand.
 struct ShownSet {
   const wchar_t* name;
@@ -88,20 +75,17 @@ void PrintSet(const ShownSet& set, const std::vector<Certificate>& certificates,
   }
 }
 
-Json::WideValue JsonOf(const ShownSet& set, const std::vector<Certificate>& certificates,
-                       Json::WidePool& pool) {
+std::vector<JsonRow> JsonOf(const ShownSet& set, const std::vector<Certificate>& certificates) {
   const std::uint64_t now = Platform::CurrentMachine().clock->UtcFileTime();
-  Json::WideValue rows(rapidjson::kArrayType);
+  std::vector<JsonRow> rows;
   for (const std::string_view key : set.keys) {
-    Json::WideValue row(rapidjson::kObjectType);
-    row.AddMember(L"fingerprint", Json::WideValue(Wide(Fingerprint(key)), pool), pool);
-    row.AddMember(L"key", Json::WideValue(Wide(key), pool), pool);
+    JsonRow row{{L"fingerprint", Fingerprint(key)}, {L"key", std::string(key)}};
     if (const Certificate* certificate = CertificateOf(certificates, key)) {
-      row.AddMember(L"subject", Json::WideValue(certificate->subject, pool), pool);
-      row.AddMember(L"until", Json::WideValue(EndDate(*certificate), pool), pool);
-      row.AddMember(L"daysLeft", DaysLeft(*certificate, now), pool);
+      row.Add({L"subject", certificate->subject});
+      row.Add({L"until", EndDate(*certificate)});
+      row.Add({L"daysLeft", DaysLeft(*certificate, now)});
     }
-    rows.PushBack(row, pool);
+    rows.push_back(row);
   }
   return rows;
 }
@@ -123,12 +107,8 @@ int Pins(const ModuleOptions& module, const Options& options, Console& console) 
     for (const ShownSet& set : sets) PrintSet(set, certificates, console);
     return kDone;
   }
-  Json::WideDocument result(rapidjson::kObjectType);
-  auto& pool = result.GetAllocator();
-  result.AddMember(L"module", Json::WideValue(module.Path(), pool), pool);
-  for (const ShownSet& set : sets) {
-    result.AddMember(rapidjson::StringRef(set.name), JsonOf(set, certificates, pool), pool);
-  }
+  JsonRow result{{L"module", module.Path()}};
+  for (const ShownSet& set : sets) result.Add({set.name, JsonOf(set, certificates)});
   console.JsonResult(result);
   return kDone;
 }
@@ -139,24 +119,16 @@ int Trust(const ModuleOptions& module, const Options& options, Console& console)
   const ModulePins pins(module.Path());
   const auto keys = options.general ? pins.General() : pins.Restricted();
   const auto trust = Tessel::Security::VerifyFile(file, keys);
-  Json::WideDocument result(rapidjson::kObjectType);
-  auto& allocator = result.GetAllocator();
-  Json::WideValue checks(rapidjson::kArrayType);
+  std::vector<JsonRow> checks;
   for (const auto& step : Tessel::Security::Explain(trust, keys)) {
     if (console.WritesJson()) {
-      Json::WideValue check(rapidjson::kObjectType);
-      check.AddMember(L"passed", step.passed, allocator);
-      check.AddMember(L"text", Json::WideValue(step.text, allocator), allocator);
-      checks.PushBack(check, allocator);
-      continue;
+      checks.push_back({{L"passed", step.passed}, {L"text", step.text}});
+    } else {
+      console.Line((step.passed ? "  +  " : "  -  ") + Utf8(step.text));
     }
-    console.Line((step.passed ? "  +  " : "  -  ") + Utf8(step.text));
   }
   if (console.WritesJson()) {
-    result.AddMember(L"file", Json::WideValue(Wide(options.file), allocator), allocator);
-    result.AddMember(L"trusted", trust.trusted, allocator);
-    result.AddMember(L"checks", checks, allocator);
-    console.JsonResult(result);
+    console.JsonResult({{L"file", options.file}, {L"trusted", trust.trusted}, {L"checks", checks}});
   }
   return trust.trusted ? kDone : kNotMet;
 }
@@ -217,7 +189,7 @@ int Pin(const Options& options, Console& console) {
     console.Note("keys added: " + std::to_string(keys.size()));
   }
   if (console.WritesJson()) {
-    console.JsonResult(Texts(L"keys", keys));
+    console.JsonResult({{L"keys", keys}});
     return found ? kDone : kNotMet;
   }
   for (const std::string& key : keys) console.Line(key);
@@ -235,7 +207,7 @@ int ExplainResume(Console& console) {
     lines.push_back(Utf8(line));
   }
   if (console.WritesJson()) {
-    console.JsonResult(Texts(L"rules", lines));
+    console.JsonResult({{L"rules", lines}});
     return kDone;
   }
   for (const std::string& line : lines) console.Line(line);

@@ -25,15 +25,8 @@ struct Outcome {
 };
 
 const wchar_t* NameOf(Verdict verdict) {
-  switch (verdict) {
-    case Verdict::Good:
-      return L"ok";
-    case Verdict::Hint:
-      return L"hint";
-    case Verdict::Never:
-      return L"NEVER";
-  }
-  return L"";
+  static constexpr const wchar_t* kNames[] = {L"ok", L"hint", L"NEVER"};  // in the enum's order
+  return kNames[static_cast<std::size_t>(verdict)];
 }
 
 std::wstring Line(const Finding& finding) {
@@ -53,26 +46,17 @@ void Print(const Outcome& outcome, bool named, Console& console) {
   console.Line(outcome.check.Runs() ? "It can run." : "It would never run.");
 }
 
-std::wstring AsJson(const Outcome& outcome) {
-  Json::WideDocument document(rapidjson::kObjectType);
-  auto& pool = document.GetAllocator();
-  Json::WideValue findings(rapidjson::kArrayType);
+JsonRow AsJson(const Outcome& outcome) {
+  std::vector<JsonRow> findings;
   for (const Finding& finding : outcome.check.findings) {
-    Json::WideValue row(rapidjson::kObjectType);
-    row.AddMember(L"verdict",
-                  Json::WideValue(
-                      finding.verdict == Verdict::Never ? L"never" : NameOf(finding.verdict), pool),
-                  pool);
-    row.AddMember(L"key", Json::WideValue(finding.key, pool), pool);
-    row.AddMember(L"found", Json::WideValue(finding.found, pool), pool);
-    row.AddMember(L"wanted", Json::WideValue(finding.wanted, pool), pool);
-    row.AddMember(L"text", Json::WideValue(finding.text, pool), pool);
-    findings.PushBack(row, pool);
+    const bool never = finding.verdict == Verdict::Never;
+    findings.push_back({{L"verdict", never ? L"never" : NameOf(finding.verdict)},
+                        {L"key", finding.key},
+                        {L"found", finding.found},
+                        {L"wanted", finding.wanted},
+                        {L"text", finding.text}});
   }
-  document.AddMember(L"request", Json::WideValue(Wide(outcome.request), pool), pool);
-  document.AddMember(L"runs", outcome.check.Runs(), pool);
-  document.AddMember(L"findings", findings, pool);
-  return Json::JsonText(document);
+  return {{L"request", outcome.request}, {L"runs", outcome.check.Runs()}, {L"findings", findings}};
 }
 
 constexpr char kFooter[] =

@@ -1,7 +1,7 @@
 #include "vxhost/common/console.h"
 
-#include <cstdio>
-#include <cstdlib>
+#include <algorithm>
+#include <iterator>
 
 #include <windows.h>
 
@@ -91,20 +91,22 @@ const char* Colour(const std::wstring& level) {
   return "\x1b[2m";
 }
 
+// Null for a result without a known name.
+const char* NameOfResult(std::int32_t result) {
+  const auto* known = std::ranges::find(kResults, static_cast<std::uint32_t>(result),
+                                        [](const auto& row) { return row.result; });
+  return known == std::end(kResults) ? nullptr : known->name;
+}
+
 std::wstring JsonLine(const LogLine& line, const std::wstring& moment) {
-  Json::WideDocument document(rapidjson::kObjectType);
-  auto& allocator = document.GetAllocator();
-  const auto add = [&](const wchar_t* key, const std::wstring& value) {
-    document.AddMember(Json::WideValue(key, allocator), Json::WideValue(value, allocator),
-                       allocator);
-  };
-  if (!moment.empty()) add(L"time", moment);
-  add(L"level", line.level);
-  add(L"provider", line.provider);
-  add(L"caller", line.caller);
-  if (line.process != 0) document.AddMember(L"process", line.process, allocator);
-  add(L"message", line.message);
-  return Json::JsonText(document);
+  JsonRow row{};
+  if (!moment.empty()) row.Add({L"time", moment});
+  row.Add({L"level", line.level});
+  row.Add({L"provider", line.provider});
+  row.Add({L"caller", line.caller});
+  if (line.process != 0) row.Add({L"process", line.process});
+  row.Add({L"message", line.message});
+  return row.Text();
 }
 
 }  // namespace
@@ -124,49 +126,26 @@ TerminalScope::~TerminalScope() {
 }
 
 std::string MeaningOf(std::uint32_t code) {
-  for (const auto& known : kCodes) {
-    if (known.code == code) return known.meaning;
-  }
-  return {};
+  const auto* known = std::ranges::find(kCodes, code, [](const auto& row) { return row.code; });
+  return known == std::end(kCodes) ? "" : known->meaning;
 }
 
 std::string Describe(std::uint32_t code) {
-  char text[16];
-  std::snprintf(text, sizeof text, "0x%08X", code);
   const std::string meaning = MeaningOf(code);
-  return meaning.empty() ? text : std::string(text) + " (" + meaning + ")";
+  return meaning.empty() ? CodeText(code) : CodeText(code) + " (" + meaning + ")";
 }
 
 std::string DescribeResult(std::int32_t result) {
-  const auto number = static_cast<std::uint32_t>(result);
-  char text[16];
-  std::snprintf(text, sizeof text, "0x%08X", number);
-  for (const auto& known : kResults) {
-    if (known.result == number) return std::string(text) + " (" + known.name + ")";
-  }
-  return text;
+  const std::string number = CodeText(static_cast<std::uint32_t>(result));
+  const char* const name = NameOfResult(result);
+  return name == nullptr ? number : number + " (" + name + ")";
 }
 
 std::wstring ErrorJson(const std::string& message, int exitCode, std::int32_t result) {
-  Json::WideDocument document(rapidjson::kObjectType);
-  auto& allocator = document.GetAllocator();
-  const auto text = [&allocator](const std::string& value) {
-    return Json::WideValue(Wide(value), allocator);
-  };
-  Json::WideValue error(rapidjson::kObjectType);
-  error.AddMember(L"message", text(message), allocator);
-  error.AddMember(L"exitCode", exitCode, allocator);
-  if (result != 0) {
-    const std::string described = DescribeResult(result);
-    const std::size_t space = described.find(' ');
-    error.AddMember(L"result", text(described.substr(0, space)), allocator);
-    if (space != std::string::npos) {
-      error.AddMember(L"name", text(described.substr(space + 2, described.size() - space - 3)),
-                      allocator);
-    }
-  }
-  document.AddMember(L"error", error, allocator);
-  return Json::JsonText(document);
+  JsonRow error{{L"message", message}, {L"exitCode", exitCode}};
+  if (result != 0) error.Add({L"result", CodeText(static_cast<std::uint32_t>(result))});
+  if (const char* const name = NameOfResult(result)) error.Add({L"name", std::string(name)});
+  return JsonRow{{L"error", error}}.Text();
 }
 
 Console::Console(ConsoleOptions options)
@@ -183,8 +162,8 @@ void Console::WriteNote(const std::string& text, LineBreaks breaks) {
   Write(Printable(text, breaks), WritesJson() ? stderr : stdout);
 }
 
-void Console::JsonResult(const Json::WideValue& result) {
-  JsonResult(Json::JsonText(result));
+void Console::JsonResult(const JsonRow& result) {
+  JsonResult(result.Text());
 }
 
 void Console::JsonResult(std::wstring_view json) {

@@ -8,7 +8,7 @@
 #include "hosting/loaded_module.h"
 #include "hosting/module_log.h"
 #include "hosting/text.h"
-#include "json/json_text.h"
+#include "vxhost/common/json_row.h"
 
 namespace Vx::Host {
 
@@ -48,7 +48,7 @@ class Console {
   bool WritesJson() const { return form == LogForm::Json; }
 
   // A result in JSON form. Commands that offer --json write nothing else to standard output.
-  void JsonResult(const Json::WideValue& result);
+  void JsonResult(const JsonRow& result);
   void JsonResult(std::wstring_view json);
 
   void Heading(const std::string& text);

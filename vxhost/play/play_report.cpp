@@ -2,8 +2,6 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <cwchar>
-#include <iterator>
 
 #include "hosting/text.h"
 #include "vxhost/common/console.h"
@@ -12,7 +10,6 @@ namespace Vx::Host {
 
 namespace {
 
-using Json::WideValue;
 using std::chrono::milliseconds;
 
 double Seconds(milliseconds length) {
@@ -26,68 +23,47 @@ std::string SecondsText(milliseconds length) {
 }
 
 const wchar_t* NameOf(Happening what) {
-  switch (what) {
-    case Happening::Call:
-      return L"call";
-    case Happening::Command:
-      return L"command";
-    case Happening::Event:
-      return L"event";
-    case Happening::Log:
-      return L"log";
-    case Happening::Failure:
-      return L"failure";
-  }
-  return L"";
+  // In the order of the enumeration.
+  static constexpr const wchar_t* kNames[] = {L"call", L"command", L"event", L"log", L"failure"};
+  return kNames[static_cast<std::size_t>(what)];
 }
 
-void AddCommandMembers(WideValue& object, std::uint32_t id, const CommandResult& answer,
-                       Json::WidePool& pool) {
-  wchar_t code[16];
-  std::swprintf(code, std::size(code), L"0x%08X", answer.code);
-  object.AddMember(L"id", id, pool);
-  object.AddMember(L"code", WideValue(code, pool), pool);
-  object.AddMember(L"meaning", WideValue(Wide(MeaningOf(answer.code)), pool), pool);
-  WideValue value;
-  if (answer.text) {
-    Json::WideDocument parsed(&pool);
-    if (Json::ParseJson(parsed, *answer.text)) {
-      value.Swap(parsed);
-    } else {
-      value.SetString(*answer.text, pool);
-    }
+void AddCommandMembers(JsonRow& row, std::uint32_t id, const CommandResult& answer) {
+  Json::WideDocument value;  // null without an answer
+  if (answer.text && !Json::ParseJson(value, *answer.text)) {
+    value.SetString(*answer.text, value.GetAllocator());
   }
-  object.AddMember(L"answer", value, pool);
+  row.Add({L"id", id});
+  row.Add({L"code", CodeText(answer.code)});
+  row.Add({L"meaning", MeaningOf(answer.code)});
+  row.Add({L"answer", value});
 }
 
-WideValue EntryJson(const RecordEntry& entry, Json::WidePool& pool) {
-  WideValue object(rapidjson::kObjectType);
-  object.AddMember(L"kind", WideValue(NameOf(entry.what), pool), pool);
-  object.AddMember(L"seconds", Seconds(entry.at), pool);
+JsonRow EntryJson(const RecordEntry& entry) {
+  JsonRow row{{L"kind", NameOf(entry.what)}, {L"seconds", Seconds(entry.at)}};
   switch (entry.what) {
     case Happening::Command:
-      object.AddMember(L"request", WideValue(entry.request, pool), pool);
-      AddCommandMembers(object, entry.command, entry.answer, pool);
+      row.Add({L"request", entry.request});
+      AddCommandMembers(row, entry.command, entry.answer);
       break;
     case Happening::Log:
-      object.AddMember(L"level", WideValue(entry.log.level, pool), pool);
-      object.AddMember(L"provider", WideValue(entry.log.provider, pool), pool);
-      object.AddMember(L"caller", WideValue(entry.log.caller, pool), pool);
-      object.AddMember(L"message", WideValue(entry.log.message, pool), pool);
-      object.AddMember(L"thread", entry.thread, pool);
+      row.Add({L"level", entry.log.level});
+      row.Add({L"provider", entry.log.provider});
+      row.Add({L"caller", entry.log.caller});
+      row.Add({L"message", entry.log.message});
+      row.Add({L"thread", entry.thread});
       break;
     default:
-      object.AddMember(L"text", WideValue(entry.text, pool), pool);
+      row.Add({L"text", entry.text});
   }
-  return object;
+  return row;
 }
 
 // The entries of one step, or all of them for step 0.
-WideValue EntriesJson(const std::vector<RecordEntry>& entries, std::size_t step,
-                      Json::WidePool& pool) {
-  WideValue list(rapidjson::kArrayType);
+std::vector<JsonRow> EntriesJson(const std::vector<RecordEntry>& entries, std::size_t step) {
+  std::vector<JsonRow> list;
   for (const RecordEntry& entry : entries) {
-    if (step == 0 || entry.step == step) list.PushBack(EntryJson(entry, pool), pool);
+    if (step == 0 || entry.step == step) list.push_back(EntryJson(entry));
   }
   return list;
 }
@@ -158,40 +134,32 @@ std::string Suite(const PlayedScenario& played) {
 
 }  // namespace
 
-Json::WideDocument CommandJson(std::uint32_t id, const CommandResult& answer) {
-  Json::WideDocument result(rapidjson::kObjectType);
-  AddCommandMembers(result, id, answer, result.GetAllocator());
-  return result;
+JsonRow CommandJson(std::uint32_t id, const CommandResult& answer) {
+  JsonRow row{};
+  AddCommandMembers(row, id, answer);
+  return row;
 }
 
-Json::WideDocument ScenarioJson(const PlayedScenario& played) {
-  Json::WideDocument result(rapidjson::kObjectType);
-  auto& pool = result.GetAllocator();
-  WideValue steps(rapidjson::kArrayType);
+JsonRow ScenarioJson(const PlayedScenario& played) {
+  std::vector<JsonRow> steps;
   milliseconds length{};
   for (std::size_t i = 0; i < played.steps.size(); ++i) {
     const RecordStep& step = played.steps[i];
-    WideValue object(rapidjson::kObjectType);
-    object.AddMember(L"step", static_cast<std::uint64_t>(i + 1), pool);
-    object.AddMember(L"line", static_cast<std::uint64_t>(step.line), pool);
-    object.AddMember(L"say", WideValue(step.say, pool), pool);
-    object.AddMember(L"met", FailuresOf(played, i + 1).empty(), pool);
-    object.AddMember(L"entries", EntriesJson(played.entries, i + 1, pool), pool);
-    steps.PushBack(object, pool);
+    steps.push_back({{L"step", i + 1},
+                     {L"line", step.line},
+                     {L"say", step.say},
+                     {L"met", FailuresOf(played, i + 1).empty()},
+                     {L"entries", EntriesJson(played.entries, i + 1)}});
     length = std::max(length, step.end);
   }
-  result.AddMember(L"scenario", WideValue(Wide(played.file), pool), pool);
-  result.AddMember(L"met", played.met, pool);
-  result.AddMember(L"seconds", Seconds(length), pool);
-  result.AddMember(L"steps", steps, pool);
-  return result;
+  return {{L"scenario", played.file},
+          {L"met", played.met},
+          {L"seconds", Seconds(length)},
+          {L"steps", steps}};
 }
 
-Json::WideDocument EventsJson(const std::vector<RecordEntry>& entries) {
-  Json::WideDocument result(rapidjson::kObjectType);
-  result.AddMember(L"entries", EntriesJson(entries, 0, result.GetAllocator()),
-                   result.GetAllocator());
-  return result;
+JsonRow EventsJson(const std::vector<RecordEntry>& entries) {
+  return {{L"entries", EntriesJson(entries, 0)}};
 }
 
 std::string JUnitReport(const std::vector<PlayedScenario>& played) {

@@ -3,7 +3,7 @@
 #include <string>
 #include <vector>
 
-#include "json/json_text.h"
+#include "vxhost/common/json_row.h"
 #include "vxhost/log/play_record.h"
 
 namespace Vx::Host {
@@ -19,14 +19,14 @@ struct PlayedScenario {
 
 // {"id", "code", "meaning", "answer"}. The answer is null when the module returned none, and a text
 // when it is not JSON.
-Json::WideDocument CommandJson(std::uint32_t id, const CommandResult& answer);
+JsonRow CommandJson(std::uint32_t id, const CommandResult& answer);
 
 // {"scenario", "met", "seconds", "steps": [{"step", "line", "say", "met", "entries"}]}, as
 // docs/vxhost.md describes it.
-Json::WideDocument ScenarioJson(const PlayedScenario& played);
+JsonRow ScenarioJson(const PlayedScenario& played);
 
 // {"entries"}
-Json::WideDocument EventsJson(const std::vector<RecordEntry>& entries);
+JsonRow EventsJson(const std::vector<RecordEntry>& entries);
 
 // The report that continuous integration servers read: one suite per scenario, one case per step.
 std::string JUnitReport(const std::vector<PlayedScenario>& played);

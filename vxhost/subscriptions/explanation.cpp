@@ -1,8 +1,6 @@
 #include "vxhost/subscriptions/explanation.h"
 
 #include <exception>
-#include <memory>
-#include <optional>
 
 #include "events/delivery_rules.h"
 #include "events/event_commands.h"
@@ -173,15 +171,11 @@ std::vector<Explanation> Explain(const std::vector<StoredSubscription>& subscrip
   return all;
 }
 
-Json::WideDocument RowOf(const Explanation& one) {
-  Json::WideDocument row(rapidjson::kObjectType);
-  auto& pool = row.GetAllocator();
-  const auto text = [&pool](const std::wstring& value) { return Json::WideValue(value, pool); };
-  row.AddMember(L"number", static_cast<std::uint64_t>(one.subscription.number), pool);
-  row.AddMember(L"hash", text(one.subscription.hash), pool);
-  row.AddMember(L"kind", text(Wide(one.subscription.kind->name)), pool);
-  row.AddMember(L"event", text(one.event), pool);
-  return row;
+JsonRow RowOf(const Explanation& one) {
+  return {{L"number", one.subscription.number},
+          {L"hash", one.subscription.hash},
+          {L"kind", Wide(one.subscription.kind->name)},
+          {L"event", one.event}};
 }
 
 }  // namespace Vx::Host

@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "json/json_text.h"
+#include "vxhost/common/json_row.h"
 #include "vxhost/subscriptions/stored_subscriptions.h"
 
 namespace Vx::Host {
@@ -43,6 +43,6 @@ std::vector<Explanation> Explain(const std::vector<StoredSubscription>& subscrip
                                  const Occasion& occasion, Tessel::Security::KeySet keys);
 
 // Returns the beginning of a result in JSON: the members that name the subscription and its event.
-Json::WideDocument RowOf(const Explanation& one);
+JsonRow RowOf(const Explanation& one);
 
 }  // namespace Vx::Host

@@ -1,0 +1,53 @@
+#pragma once
+
+#include <concepts>
+#include <initializer_list>
+#include <string>
+#include <vector>
+
+#include "hosting/text.h"
+#include "json/json_text.h"
+
+namespace Vx::Host {
+
+// An object of JSON under construction, as text: results hold few values, and in their order.
+class JsonRow {
+ public:
+  // A name, which needs no escape, and its value.
+  struct Member {
+    template <typename Value>
+    Member(const wchar_t* name, const Value& value)
+        : text(L'"' + std::wstring(name) + L"\":" + TextOf(value)) {}
+    std::wstring text;
+  };
+
+  JsonRow(std::initializer_list<Member> first) {
+    for (const Member& member : first) Add(member);
+  }
+
+  void Add(const Member& member) { (members += members.empty() ? L"" : L",") += member.text; }
+
+  std::wstring Text() const { return L'{' + members + L'}'; }
+
+  // A value as JSON.
+  static std::wstring TextOf(const JsonRow& row) { return row.Text(); }
+  static std::wstring TextOf(const Json::WideValue& value) { return Json::JsonText(value); }
+  static std::wstring TextOf(const std::wstring& text) { return Quoted(text); }
+  static std::wstring TextOf(const std::string& utf8) { return Quoted(Wide(utf8)); }
+  template <typename Number>
+    requires std::integral<Number> || std::floating_point<Number>
+  static std::wstring TextOf(Number number) {
+    return Json::JsonText(Json::WideValue(number));
+  }
+  template <typename Element>
+  static std::wstring TextOf(const std::vector<Element>& list) {
+    std::wstring text;
+    for (const Element& element : list) (text += text.empty() ? L"" : L",") += TextOf(element);
+    return L'[' + text + L']';
+  }
+
+ private:
+  std::wstring members;
+};
+
+}  // namespace Vx::Host
