@@ -69,8 +69,8 @@ struct ThreadExceptions {
 // aligned than its original. The linker sorts sections by name, the last of which is ".tls$ZZZ".
 [[gnu::section(".tls$VX"), gnu::used]] std::byte original[2 * sizeof(ThreadExceptions)] = {};
 
-// Returns the calling thread's part of the storage that Windows allocates for every thread, even one
-// older than the module, but this compiler does not use
+// Returns the calling thread's part of the storage that Windows allocates for every thread, even
+// one older than the module, but this compiler does not use
 // (https://learn.microsoft.com/cpp/parallel/thread-local-storage-tls).
 ThreadExceptions* OfThisThread() noexcept {
   constexpr unsigned long kStoragesOfThread = 0x58;  // ThreadLocalStoragePointer in the x64 TEB
