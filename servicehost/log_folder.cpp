@@ -45,8 +45,8 @@ struct LogFile {
 
 bool IsOf(std::wstring_view service, const std::wstring& name) {
   const std::size_t length = name.size() - kAgeForm.size();
-  return service.empty() || (length == service.size() &&
-                             _wcsnicmp(name.c_str(), service.data(), service.size()) == 0);
+  return service.empty() ||
+         (length == service.size() && _wcsnicmp(name.c_str(), service.data(), service.size()) == 0);
 }
 
 // By age.

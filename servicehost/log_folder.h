@@ -22,14 +22,13 @@ struct LogLimits {
 std::wstring_view LogAge(std::wstring_view name);
 
 // The names of the log files in `folder` by age, of `service` or of all services.
-std::vector<std::wstring> LogFileNames(const std::wstring& folder,
-                                       std::wstring_view service = {});
+std::vector<std::wstring> LogFileNames(const std::wstring& folder, std::wstring_view service = {});
 
 // Log files of a service in a folder that services may share: NAME-YYYYMMDD-NNNN.log, in UTC. A new
 // file begins with the day, when a line would take the file beyond its limit, and when another
 // process writes to the file. Beyond the limit, the files of the service that were written longest
-// ago are deleted, never the one that is open. Anyone who may read the folder may read a file while it is written. No process can delete it
-// then, because the lines that follow would go with it.
+// ago are deleted, never the one that is open. Anyone who may read the folder may read a file while
+// it is written. No process can delete it then, because the lines that follow would go with it.
 //
 // A process that is killed leaves at most a line without its end. The next process begins a line of
 // its own behind it.

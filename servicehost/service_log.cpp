@@ -1,5 +1,6 @@
 #include "servicehost/service_log.h"
 
+#include <algorithm>
 #include <exception>
 #include <utility>
 
@@ -14,7 +15,10 @@ namespace Vx::Host {
 
 namespace {
 
+using Clock = std::chrono::steady_clock;
+
 constexpr wchar_t kDropped[] = L" log lines were dropped";
+constexpr wchar_t kRepeated[] = L" (repeated: ";  // with the number and a bracket behind it
 
 void AppendRecord(std::string& out, const DecisionRecord& record) {
   char separator = '{';
@@ -47,6 +51,12 @@ void AppendRecord(std::string& out, const DecisionRecord& record) {
   out += '}';
 }
 
+// Each record is a decision of its own.
+bool IsRepeated(const LogLine& line, const LogLine& next) {
+  return !line.record && !next.record && line.message == next.message && line.level == next.level &&
+         line.provider == next.provider && line.caller == next.caller;
+}
+
 }  // namespace
 
 LogEntry EntryOf(LogLine line) {
@@ -72,8 +82,9 @@ std::string JsonLineOf(const LogEntry& entry) {
   return text + "}\n";
 }
 
-ServiceLog::ServiceLog(std::vector<std::unique_ptr<LogTarget>> places, std::size_t limit)
-    : targets(std::move(places)), capacity(limit), writer([this] { Run(); }) {}
+ServiceLog::ServiceLog(std::vector<std::unique_ptr<LogTarget>> places, std::size_t limit,
+                       std::chrono::milliseconds foldFor)
+    : targets(std::move(places)), capacity(limit), foldTime(foldFor), writer([this] { Run(); }) {}
 
 ServiceLog::~ServiceLog() {
   {
@@ -86,7 +97,9 @@ ServiceLog::~ServiceLog() {
 
 void ServiceLog::Flush() noexcept {
   std::unique_lock guard(lock);
-  changed.wait(guard, [this] { return queue.empty() && !writing; });
+  flushing = true;
+  changed.notify_all();
+  changed.wait(guard, [this] { return queue.empty() && !writing && !flushing; });
 }
 
 void ServiceLog::Add(LogLine line) {
@@ -125,22 +138,69 @@ void ServiceLog::CountLost() noexcept {
 }
 
 void ServiceLog::Run() noexcept {
+  const auto ready = [this] { return ending || flushing || !queue.empty(); };
   std::unique_lock guard(lock);
-  while (true) {
-    changed.wait(guard, [this] { return ending || !queue.empty(); });
-    if (queue.empty()) return;
-    const LogEntry entry = std::move(queue.front());
-    queue.pop_front();
-    const std::uint64_t missing = std::exchange(lost, 0);
+  for (bool ended = false; !ended;) {
+    auto next = Clock::time_point::max();
+    for (const Repeat& repeat : repeats) {
+      if (repeat.count != 0) next = std::min(next, repeat.end);
+    }
+    if (next == Clock::time_point::max()) {
+      changed.wait(guard, ready);
+    } else {
+      changed.wait_until(guard, next, ready);
+    }
+    const bool idle = queue.empty();
+    const bool all = idle && (ending || flushing);
+    ended = idle && ending;
+    if (all) flushing = false;
+    LogEntry entry;
+    std::uint64_t missing = 0;
+    if (!idle) {
+      entry = std::move(queue.front());
+      queue.pop_front();
+      missing = std::exchange(lost, 0);
+    }
     writing = true;
     guard.unlock();
     std::uint64_t failed = 0;
+    for (Repeat& repeat : repeats) {
+      if (all || repeat.end <= Clock::now()) failed += WriteRepeat(repeat);
+    }
     if (missing != 0 && !WriteLoss(missing)) failed += missing;
-    if (!WriteEverywhere(entry)) ++failed;
+    if (!idle) failed += WriteNext(std::move(entry));
     guard.lock();
     lost += failed;
     writing = false;
     changed.notify_all();
+  }
+}
+
+std::uint64_t ServiceLog::WriteNext(LogEntry entry) noexcept {
+  const auto threadOf = [](const Repeat& repeat) { return repeat.entry.thread; };
+  auto known = std::ranges::find(repeats, entry.thread, threadOf);
+  if (known == repeats.end()) known = std::ranges::min_element(repeats, {}, &Repeat::end);
+  const auto now = Clock::now();
+  if (known->entry.thread == entry.thread && now < known->end &&
+      IsRepeated(known->entry.line, entry.line)) {
+    ++known->count;
+    return 0;
+  }
+  const std::uint64_t failed = WriteRepeat(*known);
+  *known = {std::move(entry), now + foldTime};
+  return failed + (WriteEverywhere(known->entry) ? 0U : 1U);
+}
+
+std::uint64_t ServiceLog::WriteRepeat(Repeat& repeat) noexcept {
+  const std::uint64_t count = std::exchange(repeat.count, 0);
+  if (count == 0) return 0;
+  try {
+    LogEntry entry = repeat.entry;
+    entry.time = Platform::CurrentMachine().clock->UtcFileTime();
+    entry.line.message += kRepeated + std::to_wstring(count) + L")";
+    return WriteEverywhere(entry) ? 0 : 1;
+  } catch (const std::exception&) {
+    return 1;
   }
 }
 

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <array>
+#include <chrono>
 #include <condition_variable>
 #include <cstddef>
 #include <cstdint>
@@ -35,17 +37,21 @@ class LogTarget {
 // Takes the entries of the service and writes them to every target, in order, on a thread of its
 // own. Adding never waits for a target: when the queue is full the entry is dropped and counted,
 // and the next entry that is written is a warning with that count.
+//
+// An entry without a record that a thread repeats is written once, and again with the number of
+// repetitions when the thread adds another one or after a second.
 class ServiceLog {
  public:
   static constexpr std::size_t kQueue = 4096;  // entries
 
-  explicit ServiceLog(std::vector<std::unique_ptr<LogTarget>> places, std::size_t limit = kQueue);
+  explicit ServiceLog(std::vector<std::unique_ptr<LogTarget>> places, std::size_t limit = kQueue,
+                      std::chrono::milliseconds foldFor = std::chrono::seconds(1));
   ServiceLog(const ServiceLog&) = delete;
   ServiceLog& operator=(const ServiceLog&) = delete;
   // Writes what the queue holds first.
   ~ServiceLog();
 
-  // Waits until every entry added so far was written.
+  // Waits until every entry added so far was written, with the numbers of repetitions.
   void Flush() noexcept;
 
   // Any thread, which becomes the thread of the entry. The line of a module is copied.
@@ -54,8 +60,18 @@ class ServiceLog {
   void Add(const wchar_t* level, std::wstring_view message) noexcept;
 
  private:
+  // The last entry of a thread.
+  struct Repeat {
+    LogEntry entry;
+    std::chrono::steady_clock::time_point end;  // of folding
+    std::uint64_t count = 0;                    // not written yet
+  };
+
   void Add(LogLine line);
   void Run() noexcept;
+  // Each returns how many entries were lost.
+  std::uint64_t WriteNext(LogEntry entry) noexcept;
+  std::uint64_t WriteRepeat(Repeat& repeat) noexcept;
   void CountLost() noexcept;
   bool WriteLoss(std::uint64_t count) noexcept;
   bool WriteEverywhere(const LogEntry& entry) noexcept;
@@ -68,6 +84,9 @@ class ServiceLog {
   std::uint64_t lost = 0;      // since the last warning
   bool writing = false;
   bool ending = false;
+  bool flushing = false;
+  const std::chrono::milliseconds foldTime;
+  std::array<Repeat, 64> repeats;  // of the writer. More threads than these take turns
   Platform::Thread writer;
 };
 

@@ -15,6 +15,7 @@
 #include <windows.h>
 
 #include "hosting/text.h"
+#include "platform/thread.h"
 #include "platform/unique_handle.h"
 #include "servicehost/event_log.h"
 #include "servicehost/log_folder.h"
@@ -64,10 +65,9 @@ TEST(LogFolderTest, BeginsAFileWithTheDayAndAtTheLimitAndKeepsTheNewest) {
     }
   }
   EXPECT_TRUE(log.Write(Entry(kFirstDay + 2 * kDay, std::wstring(400, L'x'))));  // more than fits
-  EXPECT_THAT(
-      Names(folder.Path()),
-      ElementsAre("A-1-20240102-0002.log", "A-1-20240103-0001.log", "A-1-20240103-0002.log",
-                  "A-1-20240103-0003.log", "A-1-notes.log", "A-2-20230101-0001.log"));
+  EXPECT_THAT(Names(folder.Path()),
+              ElementsAre("A-1-20240102-0002.log", "A-1-20240103-0001.log", "A-1-20240103-0002.log",
+                          "A-1-20240103-0003.log", "A-1-notes.log", "A-2-20230101-0001.log"));
 }
 
 TEST(LogFolderTest, DeletesTheFileThatWasWrittenLongestAgoWhateverItsName) {
@@ -77,7 +77,8 @@ TEST(LogFolderTest, DeletesTheFileThatWasWrittenLongestAgoWhateverItsName) {
   };
   for (const char* day : {"20370101", "20370102"}) {
     std::ofstream(path(day)) << "{}\n";
-    last_write_time(path(day), std::filesystem::file_time_type::clock::now() - std::chrono::hours(1));
+    last_write_time(path(day),
+                    std::filesystem::file_time_type::clock::now() - std::chrono::hours(1));
   }
   LogFolder log(folder.Path().wstring(), L"A", {.files = 2});
   EXPECT_TRUE(log.Write(Entry(kFirstDay, L"line")));
@@ -109,8 +110,7 @@ TEST(LogFolderTest, LeavesAFileThatAnotherProcessWritesToIt) {
   EXPECT_TRUE(other.Write(entry));
   EXPECT_TRUE(log.Write(entry));
   EXPECT_TRUE(other.Write(entry));
-  EXPECT_EQ(Content(folder.Path() / "A-20240101-0001.log"),
-            JsonLineOf(entry) + JsonLineOf(entry));
+  EXPECT_EQ(Content(folder.Path() / "A-20240101-0001.log"), JsonLineOf(entry) + JsonLineOf(entry));
   EXPECT_EQ(Content(folder.Path() / "A-20240101-0002.log"), JsonLineOf(entry));
 }
 
@@ -184,6 +184,47 @@ TEST(ServiceLogTest, DropsAndCountsInsteadOfWaitingForATarget) {
     SetEvent(target.open.get());
   }
   EXPECT_THAT(messages, ElementsAre(L"held", L"3 log lines were dropped", L"1", L"2"));
+}
+
+TEST(ServiceLogTest, WritesALineThatAThreadRepeatsOnceAndThenTheNumber) {
+  std::vector<std::wstring> messages;
+  {
+    std::vector<std::unique_ptr<LogTarget>> targets;
+    targets.push_back(std::make_unique<Target>(messages));
+    ServiceLog log(std::move(targets), ServiceLog::kQueue, std::chrono::minutes(1));
+    const VxLogRecord record{};
+    VxLogLine decision{};
+    decision.size = sizeof decision;
+    decision.text = L"decision";
+    decision.record = &record;
+    for (const wchar_t* text : {L"a", L"a", L"a"}) log.Add(L"INFO", text);
+    Platform::Thread([&log] { log.Add(L"INFO", L"a"); }).Join();
+    log.Add(L"INFO", L"b");
+    log.Add(L"WARNING", L"b");
+    log.Add(L"WARNING", L"b");
+    log.Flush();
+    for (int i = 0; i < 2; ++i) log.Add(decision);
+  }
+  EXPECT_THAT(messages, ElementsAre(L"a", L"a", L"a (repeated: 2)", L"b", L"b", L"b (repeated: 1)",
+                                    L"decision", L"decision"));
+}
+
+TEST(ServiceLogTest, ARepeatedLineIsCountedAfterAWhileAndThenWrittenAgain) {
+  std::vector<std::wstring> messages;
+  auto gate = std::make_unique<Gate>(messages);
+  Gate& target = *gate;
+  SetEvent(target.open.get());
+  std::vector<std::unique_ptr<LogTarget>> targets;
+  targets.push_back(std::move(gate));
+  {
+    ServiceLog log(std::move(targets), ServiceLog::kQueue, std::chrono::milliseconds(20));
+    for (int i = 0; i < 2; ++i) log.Add(L"INFO", L"a");
+    ASSERT_EQ(WaitForSingleObject(target.entered.get(), 10'000), WAIT_OBJECT_0);
+    ResetEvent(target.entered.get());
+    ASSERT_EQ(WaitForSingleObject(target.entered.get(), 10'000), WAIT_OBJECT_0);
+    log.Add(L"INFO", L"a");
+  }
+  EXPECT_THAT(messages, ElementsAre(L"a", L"a (repeated: 1)", L"a"));
 }
 
 TEST(ServiceLogTest, CountsWhatATargetRefusesAndWhatItHasNoMemoryFor) {
