@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <stdexcept>
+#include <utility>
 
 #include <windows.h>
 
@@ -12,7 +13,10 @@
 
 #include "hosting/text.h"
 #include "platform/machine.h"
+#include "platform/result.h"
+#include "platform/system_services.h"
 #include "platform/unique_handle.h"
+#include "platform/windows/file_handle.h"
 
 namespace Vx::Host {
 
@@ -30,6 +34,8 @@ constexpr std::array kSystem = {
 
 constexpr std::uint32_t kReplacing =
     FILE_DELETE_CHILD | DELETE | WRITE_DAC | WRITE_OWNER | GENERIC_WRITE | GENERIC_ALL;
+constexpr std::uint32_t kReplacingChildren =
+    FILE_DELETE_CHILD | WRITE_DAC | WRITE_OWNER | GENERIC_ALL;
 constexpr std::uint32_t kWriting = FILE_WRITE_DATA | FILE_APPEND_DATA | kReplacing;
 
 // The owner is stated, since an account that made the folder would keep the right to change the
@@ -70,14 +76,18 @@ std::string Names(const std::vector<std::wstring>& accounts) {
   return names;
 }
 
-// Empty if no other account may use `rights` on `path`.
-std::string WhyOpen(const std::wstring& path, std::uint32_t rights, Writers accepted) {
-  const auto access = CurrentMachine().files->FolderAccess(path);
+// Empty if no other account may use `rights` on what has this access list.
+std::string WhyOpen(const std::wstring& path, const Platform::Result<Platform::AccessList>& access,
+                    std::uint32_t rights, Writers accepted) {
   if (!access) {
     return Utf8(path) + " cannot be examined (error " + std::to_string(access.Error()) + ")";
   }
   const auto writers = OtherWriters(*access, rights, accepted);
   return writers.empty() ? "" : Utf8(path) + " can be written by " + Names(writers);
+}
+
+std::string WhyOpen(const std::wstring& path, std::uint32_t rights, Writers accepted) {
+  return WhyOpen(path, CurrentMachine().files->FolderAccess(path), rights, accepted);
 }
 
 Platform::UniqueLocalMemory<void> Descriptor(const wchar_t* access) {
@@ -89,13 +99,45 @@ Platform::UniqueLocalMemory<void> Descriptor(const wchar_t* access) {
   return Platform::UniqueLocalMemory<void>(raw);
 }
 
-bool IsLink(const std::wstring& path) {
-  const auto attributes = CurrentMachine().files->Attributes(path);
-  return attributes && (*attributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0;
+[[noreturn]] void ThrowError(const std::wstring& path, const char* what, DWORD error) {
+  throw std::runtime_error(Utf8(path) + what + " (error " + std::to_string(error) +
+                           "); run as administrator");
+}
+
+// Returns whether the folder was made. One that exists is left as it is.
+bool Make(const std::wstring& path, const wchar_t* access) {
+  const auto descriptor = Descriptor(access);
+  SECURITY_ATTRIBUTES security{sizeof security, descriptor.get(), FALSE};
+  if (CreateDirectoryW(path.c_str(), &security) != FALSE) return true;
+  const DWORD error = GetLastError();
+  if (error != ERROR_ALREADY_EXISTS) ThrowError(path, " cannot be made", error);
+  return false;
+}
+
+// Opens the folder itself and keeps others from renaming and deleting it: a link that takes its
+// place could lead what follows elsewhere. Only a handle that may list it counts in sharing.
+Platform::UniqueHandle Hold(const std::wstring& path, DWORD rights) {
+  Platform::UniqueHandle folder = Platform::OpenDiskFile(
+      path, READ_CONTROL | FILE_READ_ATTRIBUTES | FILE_LIST_DIRECTORY | rights,
+      FILE_SHARE_READ | FILE_SHARE_WRITE,
+      FILE_FLAG_BACKUP_SEMANTICS | FILE_FLAG_OPEN_REPARSE_POINT);
+  if (folder == nullptr) ThrowError(path, " cannot be opened", GetLastError());
+  FILE_ATTRIBUTE_TAG_INFO found{};
+  if (GetFileInformationByHandleEx(folder.get(), FileAttributeTagInfo, &found, sizeof found) ==
+      FALSE) {
+    ThrowError(path, " cannot be examined", GetLastError());
+  }
+  // The emulator follows a link all the same, and shows it under its name alone.
+  const auto named = CurrentMachine().files->Attributes(path);
+  if (((found.FileAttributes | (named ? *named : 0)) & FILE_ATTRIBUTE_REPARSE_POINT) != 0) {
+    // The maker of the link chooses where it leads from now on.
+    throw std::runtime_error(Utf8(path) + " is a link; find out who made it");
+  }
+  return folder;
 }
 
 // What is inside keeps its own entries. What it inherited follows the new list.
-void Close(const std::wstring& path, const wchar_t* access) {
+void Close(Platform::RawHandle folder, const std::wstring& path, const wchar_t* access) {
   const auto descriptor = Descriptor(access);
   BOOL present = FALSE;
   BOOL defaulted = FALSE;
@@ -103,15 +145,25 @@ void Close(const std::wstring& path, const wchar_t* access) {
   PSID owner = nullptr;
   GetSecurityDescriptorDacl(descriptor.get(), &present, &list, &defaulted);
   GetSecurityDescriptorOwner(descriptor.get(), &owner, &defaulted);
-  std::wstring name = path;
-  const DWORD error = SetNamedSecurityInfoW(
-      name.data(), SE_FILE_OBJECT,
+  const DWORD error = SetSecurityInfo(
+      folder, SE_FILE_OBJECT,
       OWNER_SECURITY_INFORMATION | DACL_SECURITY_INFORMATION | PROTECTED_DACL_SECURITY_INFORMATION,
       owner, nullptr, list, nullptr);
-  if (error != ERROR_SUCCESS) {
-    throw std::runtime_error(Utf8(path) + " cannot be repaired (error " + std::to_string(error) +
-                             "); run as administrator");
-  }
+  if (error != ERROR_SUCCESS) ThrowError(path, " cannot be repaired", error);
+}
+
+// Puts a new folder in the place of one that another account made, which may hold it open with the
+// right to change its list. Returns where that one is now.
+std::wstring Replace(Platform::UniqueHandle& folder, const std::wstring& path,
+                     const wchar_t* access) {
+  const auto name = Platform::NewUuid();
+  const std::wstring aside = path + L".replaced-" + (name ? *name : std::wstring());
+  const Platform::ErrorCode error = Platform::RenameTo(folder.get(), aside);
+  if (error != 0) ThrowError(path, " belongs to another account and cannot be renamed", error);
+  folder.reset();
+  if (!Make(path, access)) throw std::runtime_error(Utf8(path) + " was made again meanwhile");
+  folder = Hold(path, 0);
+  return aside;
 }
 
 }  // namespace
@@ -139,14 +191,14 @@ std::string WhyWritable(const std::wstring& folder, Writers accepted) {
 std::string WhyUnguarded(const std::wstring& file, Writers accepted) {
   std::wstring path = file;
   std::uint32_t rights = kWriting;
-  // Not the root of the drive: what users may make there does not replace the folders in it.
   for (std::size_t end = path.size(); end != std::wstring::npos && end > 2;
        end = path.find_last_of(L'\\')) {
     path.resize(end);
     if (std::string why = WhyOpen(path, rights, accepted); !why.empty()) return why;
     if (path.size() < file.size() && rights == kWriting) rights = kReplacing;
   }
-  return {};
+  // What users may make in the root of the drive does not replace the folders in it.
+  return WhyOpen(file.substr(0, 2) + L"\\", kReplacingChildren, accepted);
 }
 
 std::wstring ProgramDataFolder() {
@@ -162,29 +214,31 @@ std::wstring DataFolders::Logs() const {
 }
 
 std::vector<std::string> DataFolders::Prepare(Existing existing) const {
+  const bool repairs = existing == Existing::Repair;
   std::vector<std::string> repaired;
+  std::vector<Platform::UniqueHandle> held;
   for (const DataFolder& folder : kFolders) {
     const std::wstring path = parent + folder.path;
-    const auto descriptor = Descriptor(folder.access);
-    SECURITY_ATTRIBUTES security{sizeof security, descriptor.get(), FALSE};
-    if (CreateDirectoryW(path.c_str(), &security) != FALSE) continue;
-    const DWORD error = GetLastError();
-    if (error != ERROR_ALREADY_EXISTS) {
-      throw std::runtime_error(Utf8(path) + " cannot be made (error " + std::to_string(error) +
-                               "); run as administrator");
+    Make(path, folder.access);
+    auto opened = Hold(path, repairs ? WRITE_DAC | WRITE_OWNER | DELETE : 0);
+    const auto access = Platform::AccessOf(opened.get());
+    std::string why = WhyOpen(path, access, kWriting, accepted);
+    if (!why.empty()) {
+      if (!repairs) {
+        throw std::runtime_error(why + "; look at what it holds, then install with --repair");
+      }
+      if (access && !OtherWriters({access->owner, {}}, kWriting, accepted).empty()) {
+        why += "; what it held is in " + Utf8(Replace(opened, path, folder.access));
+      } else {
+        Close(opened.get(), path, folder.access);
+      }
+      const auto now = Platform::AccessOf(opened.get());
+      if (const std::string still = WhyOpen(path, now, kWriting, accepted); !still.empty()) {
+        throw std::runtime_error(still + ", also after the repair");
+      }
+      repaired.push_back(why);
     }
-    // The maker of the link chooses where it leads from now on.
-    if (IsLink(path)) throw std::runtime_error(Utf8(path) + " is a link; find out who made it");
-    const std::string why = WhyWritable(path, accepted);
-    if (why.empty()) continue;
-    if (existing == Existing::Report) {
-      throw std::runtime_error(why + "; look at what it holds, then install with --repair");
-    }
-    Close(path, folder.access);
-    if (const std::string still = WhyWritable(path, accepted); !still.empty()) {
-      throw std::runtime_error(still + ", also after the repair");
-    }
-    repaired.push_back(why);
+    held.push_back(std::move(opened));
   }
   return repaired;
 }

@@ -24,8 +24,8 @@ std::vector<std::wstring> OtherWriters(const Platform::AccessList& access, std::
 std::string WhyWritable(const std::wstring& folder, Writers accepted);
 
 // Why a program at the full path `file` is not safe to run as SYSTEM: another account may write to
-// it, to its folder or to a folder above it, or one of them cannot be examined. Empty if it is
-// safe.
+// it, to its folder or to a folder above it or may delete what lies in the root of its drive, or
+// one of them cannot be examined. Empty if it is safe.
 std::string WhyUnguarded(const std::wstring& file, Writers accepted);
 
 // The folder that %ProgramData% names for services, whatever the variable of this process says.
@@ -41,8 +41,9 @@ class DataFolders {
 
   enum class Existing { Report, Repair };
 
-  // Makes the folders that are missing. An existing folder that other accounts may write to is
-  // given the access list of a new one, or stops the installation. Returns what was repaired.
+  // Makes the folders that are missing. An existing folder that other accounts may write to stops
+  // the installation or is repaired: it gets the access list of a new one, and if it belongs to
+  // another account it is renamed and made again. Returns what was repaired.
   // Throws std::runtime_error, whose text advises the administrator.
   std::vector<std::string> Prepare(Existing existing) const;
 

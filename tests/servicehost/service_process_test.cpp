@@ -1,6 +1,10 @@
 #include "servicehost/service_process.h"
 
 #include <cstdint>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <initializer_list>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -12,10 +16,14 @@
 
 #include <windows.h>
 
+#include <aclapi.h>
+
 #include "hosting/text.h"
+#include "platform/machine.h"
 #include "platform/thread.h"
 #include "servicehost/guarded_folder.h"
 #include "servicehost/log_lines.h"
+#include "simulator/simulated_files.h"
 #include "support/import_override.h"
 #include "support/probe.h"
 #include "support/temp_folder.h"
@@ -23,6 +31,7 @@
 
 // NOLINTBEGIN(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp): the linker's names
 extern "C" decltype(&ChangeServiceConfig2W) __imp_ChangeServiceConfig2W;
+extern "C" decltype(&GetSecurityInfo) __imp_GetSecurityInfo;
 extern "C" decltype(&RegSetKeyValueW) __imp_RegSetKeyValueW;
 extern "C" DWORD(WINAPI* __imp_PowerRegisterSuspendResumeNotification)(DWORD, HANDLE, void**);
 extern "C" DWORD(WINAPI* __imp_PowerUnregisterSuspendResumeNotification)(void*);
@@ -61,6 +70,73 @@ TEST(GuardedFolderTest, AnyAccountBesidesTheSystemsThatMayWriteIsFound) {
     const Platform::AccessList access{c.owner, {{c.allowed, c.mask, c.sid}}};
     const auto writers = OtherWriters(access, kWriting, Writers::System);
     EXPECT_EQ(writers.empty() ? L"" : writers.front(), c.writer) << c.name;
+  }
+}
+
+// Takes the place of Windows: something happens before the first access list is read, which then
+// names another owner.
+std::function<void()> beforeFirst;
+PSID firstOwner = nullptr;
+const auto readSecurity = __imp_GetSecurityInfo;
+DWORD WINAPI ReadSecurity(HANDLE file, SE_OBJECT_TYPE type, SECURITY_INFORMATION what, PSID* owner,
+                          PSID* group, PACL* list, PACL* audit, PSECURITY_DESCRIPTOR* all) {
+  if (const auto act = std::exchange(beforeFirst, nullptr)) act();
+  const DWORD error = readSecurity(file, type, what, owner, group, list, audit, all);
+  if (PSID other = std::exchange(firstOwner, nullptr)) *owner = other;
+  return error;
+}
+
+class DataFoldersTest : public ::testing::Test {
+ protected:
+  DataFoldersTest() { std::filesystem::create_directory(data); }
+
+  Tests::TempFolder parent;
+  const std::filesystem::path data = parent.Path() / L"Vx";
+  const DataFolders folders{parent.Path().wstring(), Writers::Account};
+  const Tests::ImportOverride<decltype(&GetSecurityInfo)> security{__imp_GetSecurityInfo, &ReadSecurity};
+};
+
+TEST_F(DataFoldersTest, AFolderCannotBeReplacedWhileItIsJudged) {
+  DWORD error = 0;
+  beforeFirst = [&] {
+    error =
+        MoveFileW(data.c_str(), (parent.Path() / L"away").c_str()) != FALSE ? 0 : GetLastError();
+  };
+  folders.Prepare(DataFolders::Existing::Report);
+  EXPECT_EQ(error, DWORD{ERROR_SHARING_VIOLATION});
+}
+
+TEST_F(DataFoldersTest, AFolderOfAnotherAccountIsRenamedAndMadeAgain) {
+  std::ofstream(data / L"kept") << "x";
+  SID everyone{SID_REVISION, 1, SECURITY_WORLD_SID_AUTHORITY, {SECURITY_WORLD_RID}};
+  firstOwner = &everyone;
+  EXPECT_THROW(folders.Prepare(DataFolders::Existing::Report), std::runtime_error);
+  firstOwner = &everyone;
+  EXPECT_THAT(folders.Prepare(DataFolders::Existing::Repair),
+              testing::ElementsAre(testing::HasSubstr("Vx.replaced-")));
+  EXPECT_FALSE(exists(data / L"kept"));
+  EXPECT_TRUE(exists(data / L"SharedServices"));
+  std::size_t kept = 0;
+  for (const auto& entry : std::filesystem::directory_iterator(parent.Path())) {
+    kept += exists(entry.path() / L"kept") ? 1U : 0U;
+  }
+  EXPECT_EQ(kept, 1U);
+}
+
+TEST(WhyUnguardedTest, TheRootOfTheDriveCountsIfOthersMayDeleteWhatLiesInIt) {
+  class Disk final : public Simulator::SimulatedFiles {
+   public:
+    Platform::Result<Platform::AccessList> FolderAccess(const std::wstring& path) const override {
+      return Platform::AccessList{L"S-1-5-18", {{true, path == L"C:\\" ? mask : 0, L"S-1-1-0"}}};
+    }
+    std::uint32_t mask = 0;
+  } disk;
+  const Platform::MachineScope scope([&](Platform::Machine& machine) { machine.files = &disk; });
+  for (const std::uint32_t mask :
+       std::initializer_list<std::uint32_t>{FILE_ADD_SUBDIRECTORY | DELETE, FILE_DELETE_CHILD,
+                                            WRITE_DAC}) {
+    disk.mask = mask;
+    EXPECT_EQ(WhyUnguarded(L"C:\\a\\b.dll", Writers::System).empty(), (mask & DELETE) != 0) << mask;
   }
 }
 

@@ -8,6 +8,7 @@
 #include <windows.h>
 
 #include <aclapi.h>
+#include <sddl.h>
 
 #include "platform/unique_handle.h"
 
@@ -36,6 +37,14 @@ bool IsProcessUser(PSID sid) {
   TOKEN_USER information;
   std::memcpy(&information, user.data(), sizeof information);
   return EqualSid(sid, information.User.Sid) != 0;
+}
+
+// Returns the SID as text, or an empty text for none.
+std::wstring SidText(PSID sid) {
+  wchar_t* raw = nullptr;
+  if (sid == nullptr || ConvertSidToStringSidW(sid, &raw) == FALSE) return {};
+  const UniqueLocalMemory<wchar_t> text(raw);
+  return text.get();
 }
 
 class RealFileHandle final : public FileHandle {
@@ -111,15 +120,7 @@ class RealFileHandle final : public FileHandle {
 
   ErrorCode Flush() override { return FlushFileBuffers(file.get()) != 0 ? 0 : GetLastError(); }
 
-  ErrorCode MoveOver(const std::wstring& path) override {
-    const std::size_t nameBytes = path.size() * sizeof(wchar_t);
-    std::vector<std::byte> memory(sizeof(FILE_RENAME_INFO) + nameBytes);
-    auto* const rename = new (memory.data()) FILE_RENAME_INFO{};
-    rename->ReplaceIfExists = TRUE;
-    rename->FileNameLength = static_cast<DWORD>(nameBytes);
-    std::memcpy(rename->FileName, path.c_str(), nameBytes);
-    return Set(FileRenameInfo, rename, memory.size());
-  }
+  ErrorCode MoveOver(const std::wstring& path) override { return RenameTo(file.get(), path); }
 
   ErrorCode Remove() override {
     FILE_DISPOSITION_INFO disposition{TRUE};
@@ -191,6 +192,48 @@ UniqueHandle OpenDiskFile(const std::wstring& path, DWORD access, DWORD share, D
   file.reset();
   SetLastError(ERROR_BAD_FILE_TYPE);
   return file;
+}
+
+ErrorCode RenameTo(RawHandle file, const std::wstring& path) {
+  const std::size_t nameBytes = path.size() * sizeof(wchar_t);
+  // The structure has room for the terminator.
+  std::vector<std::byte> memory(sizeof(FILE_RENAME_INFO) + nameBytes);
+  auto* const rename = new (memory.data()) FILE_RENAME_INFO{};
+  rename->ReplaceIfExists = TRUE;
+  rename->FileNameLength = static_cast<DWORD>(nameBytes);
+  std::memcpy(rename->FileName, path.c_str(), nameBytes);
+  const auto size = static_cast<DWORD>(memory.size());
+  return SetFileInformationByHandle(file, FileRenameInfo, rename, size) != 0 ? 0 : GetLastError();
+}
+
+Result<AccessList> AccessOf(RawHandle file) {
+  using Entries = Result<AccessList>;
+  PSID owner = nullptr;
+  PSID group = nullptr;
+  PACL list = nullptr;
+  PSECURITY_DESCRIPTOR raw = nullptr;
+  const DWORD error = GetSecurityInfo(
+      file, SE_FILE_OBJECT,
+      OWNER_SECURITY_INFORMATION | GROUP_SECURITY_INFORMATION | DACL_SECURITY_INFORMATION, &owner,
+      &group, &list, nullptr, &raw);
+  const UniqueLocalMemory<void> descriptor(raw);
+  if (error != ERROR_SUCCESS) return Entries::Failure(error);
+  if (list == nullptr) return Entries::Failure(ERROR_NO_SECURITY_ON_OBJECT);
+  AccessList access{.owner = SidText(owner), .entries = {}};
+  for (DWORD i = 0; i < list->AceCount; ++i) {
+    void* ace = nullptr;
+    if (GetAce(list, i, &ace) == FALSE) continue;
+    const auto* header = static_cast<const ACE_HEADER*>(ace);
+    AccessEntry entry;
+    entry.allowed = header->AceType == ACCESS_ALLOWED_ACE_TYPE;
+    if (entry.allowed) {
+      auto* allowed = static_cast<ACCESS_ALLOWED_ACE*>(ace);
+      entry.mask = allowed->Mask;
+      entry.sid = SidText(&allowed->SidStart);
+    }
+    access.entries.push_back(std::move(entry));
+  }
+  return access;
 }
 
 Opened OpenFileHandle(const std::wstring& path, FileUse use) {

@@ -6,6 +6,7 @@
 #include <windows.h>
 
 #include "platform/file_handle.h"
+#include "platform/files.h"
 #include "platform/unique_handle.h"
 
 namespace Vx::Platform {
@@ -17,6 +18,12 @@ namespace Vx::Platform {
 // process (CreateFileW, dwFlagsAndAttributes).
 UniqueHandle OpenDiskFile(const std::wstring& path, DWORD access, DWORD share,
                           DWORD flags = FILE_ATTRIBUTE_NORMAL, DWORD disposition = OPEN_EXISTING);
+
+// Renames an open file or folder in one step, replacing a file that is there. Needs DELETE.
+ErrorCode RenameTo(RawHandle file, const std::wstring& path);
+
+// See Files::FolderAccess. Needs READ_CONTROL.
+Result<AccessList> AccessOf(RawHandle file);
 
 Result<std::unique_ptr<FileHandle>> OpenFileHandle(const std::wstring& path, FileUse use);
 Result<std::unique_ptr<FileHandle>> CreateFileHandle(const std::wstring& path,

@@ -11,7 +11,6 @@
 
 #include <windows.h>
 
-#include <aclapi.h>
 #include <bcrypt.h>
 #include <sddl.h>
 
@@ -71,14 +70,6 @@ ErrorCode HashContent(RawHandle file, BCRYPT_HASH_HANDLE hash) {
     const NTSTATUS status = BCryptHashData(hash, piece.data(), got, 0);
     if (status < 0) return Win32Error(status);
   }
-}
-
-// Returns the SID as text, or an empty text for null.
-std::wstring SidText(PSID sid) {
-  wchar_t* raw = nullptr;
-  if (sid == nullptr || ConvertSidToStringSidW(sid, &raw) == FALSE) return {};
-  const UniqueLocalMemory<wchar_t> text(raw);
-  return text.get();
 }
 
 // `call(buffer, size)` returns the length without the terminator, the required size, or zero.
@@ -253,37 +244,10 @@ class RealFiles final : public Files {
   }
 
   Result<AccessList> FolderAccess(const std::wstring& folder) const override {
-    using Entries = Result<AccessList>;
-    PSID owner = nullptr;
-    PSID group = nullptr;
-    PACL list = nullptr;
-    PSECURITY_DESCRIPTOR raw = nullptr;
     // GetNamedSecurityInfo would lend this process's identity to whatever is at the path.
     const UniqueHandle opened =
         OpenDiskFile(folder, READ_CONTROL, kShareAll, FILE_FLAG_BACKUP_SEMANTICS);
-    if (opened == nullptr) return Entries::Failure(GetLastError());
-    const DWORD error = GetSecurityInfo(
-        opened.get(), SE_FILE_OBJECT,
-        OWNER_SECURITY_INFORMATION | GROUP_SECURITY_INFORMATION | DACL_SECURITY_INFORMATION, &owner,
-        &group, &list, nullptr, &raw);
-    const UniqueLocalMemory<void> descriptor(raw);
-    if (error != ERROR_SUCCESS) return Entries::Failure(error);
-    if (list == nullptr) return Entries::Failure(ERROR_NO_SECURITY_ON_OBJECT);
-    AccessList access{.owner = SidText(owner), .entries = {}};
-    for (DWORD i = 0; i < list->AceCount; ++i) {
-      void* ace = nullptr;
-      if (GetAce(list, i, &ace) == FALSE) continue;
-      const auto* header = static_cast<const ACE_HEADER*>(ace);
-      AccessEntry entry;
-      entry.allowed = header->AceType == ACCESS_ALLOWED_ACE_TYPE;
-      if (entry.allowed) {
-        auto* allowed = static_cast<ACCESS_ALLOWED_ACE*>(ace);
-        entry.mask = allowed->Mask;
-        entry.sid = SidText(&allowed->SidStart);
-      }
-      access.entries.push_back(std::move(entry));
-    }
-    return access;
+    return opened != nullptr ? AccessOf(opened.get()) : Result<AccessList>::Failure(GetLastError());
   }
 
   Opened Open(const std::wstring& path, FileUse use) override { return OpenFileHandle(path, use); }
