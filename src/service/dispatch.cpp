@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <exception>
 #include <iterator>
+#include <memory>
 #include <new>
 #include <string>
 #include <string_view>
@@ -11,6 +12,7 @@
 #include "bod/set_born_on_date.h"
 #include "host/logging.h"
 #include "json/json_text.h"
+#include "json/utf8.h"
 #include "platform/clock.h"
 #include "platform/machine.h"
 #include "platform/runtime/type_name.h"
@@ -43,18 +45,19 @@ constexpr std::size_t kResponsePool = 2048;
 
 using Handler = std::uint32_t (*)(const Call& call);
 
-enum class SessionApi : std::uint8_t { NotNeeded, Needed };
-enum class BadJson : std::uint8_t { Refused, Ignored };
-enum class Effect : std::uint8_t { Reads, Changes };
+// What distinguishes a command from one that only reads, needs no interactive users and refuses a
+// request that is not JSON.
+constexpr unsigned kNeedsSessionApi = 1;
+constexpr unsigned kIgnoresBadJson = 2;
+constexpr unsigned kChanges = 4;
 
 // One row is one command. A command without a handler is unsupported.
 struct Command {
-  std::uint32_t id;
-  const wchar_t* name;  // for people, as the heading of its page
-  SessionApi sessionApi;
-  BadJson badJson;
-  Effect effect;
-  Handler run;
+  std::uint32_t id = 0;
+  const wchar_t* name = nullptr;    // for people, as the heading of its page
+  const char* operation = nullptr;  // in the line of an exception; null if the handler has its own
+  Handler run = nullptr;
+  unsigned traits = 0;
 };
 
 std::uint32_t RecordBornOnDate(const Call& call) {
@@ -65,55 +68,42 @@ std::uint32_t RecordBornOnDate(const Call& call) {
 
 // To add a command, write its handler and name it in its row.
 constexpr Command kCommands[] = {
-    {0, L"lockdown mode", SessionApi::NotNeeded, BadJson::Ignored, Effect::Reads, &GetLockdownMode},
-    {1, nullptr, SessionApi::NotNeeded, BadJson::Refused, Effect::Reads, nullptr},
-    {2, L"registration state", SessionApi::NotNeeded, BadJson::Refused, Effect::Reads,
-     &GetRegistrationState},
-    {3, L"skip an automatic launch", SessionApi::Needed, BadJson::Refused, Effect::Changes,
-     &SkipAutoLaunchCriteria},
-    {4, L"left S mode", SessionApi::NotNeeded, BadJson::Refused, Effect::Reads, &HasBeenInSMode},
-    {5, L"is an automatic launch skipped", SessionApi::NotNeeded, BadJson::Refused, Effect::Reads,
-     &ShouldAutoLaunchBeSkipped},
-    {6, L"is a packaged app installed", SessionApi::NotNeeded, BadJson::Refused, Effect::Reads,
-     &IsUwpInstalled},
-    {7, L"subscribe to a package event", SessionApi::NotNeeded, BadJson::Refused, Effect::Changes,
-     &SubscribeToPackageEvent},
-    {8, L"copy the registration data", SessionApi::Needed, BadJson::Ignored, Effect::Changes,
-     &CopyRegistration},
-    {9, L"subscribe to a power event", SessionApi::NotNeeded, BadJson::Refused, Effect::Changes,
-     &SubscribeToPowerEvent},
-    {10, L"launch after resume if needed", SessionApi::Needed, BadJson::Ignored, Effect::Reads,
-     &LaunchAfterResume},
-    {11, L"launch the companion app", SessionApi::Needed, BadJson::Ignored, Effect::Changes,
-     &LaunchCompanionApp},
-    {12, L"read the switch-software flag", SessionApi::NotNeeded, BadJson::Ignored, Effect::Reads,
-     &GetExecutedMcAfeeStub},
-    {13, L"write the switch-software flag", SessionApi::Needed, BadJson::Refused, Effect::Changes,
-     &SetExecutedMcAfeeStub},
-    {14, L"subscribe to a platform event", SessionApi::NotNeeded, BadJson::Refused, Effect::Changes,
-     &SubscribeToZephraEvent},
-    {15, L"unsubscribe from a platform event", SessionApi::NotNeeded, BadJson::Refused,
-     Effect::Changes, &UnsubscribeFromZephraEvent},
-    {16, L"the policy changed", SessionApi::NotNeeded, BadJson::Refused, Effect::Changes,
-     &ReportPolicyChange},
-    {17, L"launch with a parameter", SessionApi::Needed, BadJson::Refused, Effect::Changes,
-     &LaunchWithParameter},
-    {18, L"born-on date", SessionApi::NotNeeded, BadJson::Refused, Effect::Changes,
-     &RecordBornOnDate},
-    {19, L"unsubscribe from a power event", SessionApi::NotNeeded, BadJson::Refused,
-     Effect::Changes, &UnsubscribeFromPowerEvent},
-    {20, L"list the subscriptions", SessionApi::NotNeeded, BadJson::Refused, Effect::Reads,
-     &OrvaneService::GetSubscriptions},
-    {21, L"sleep state", SessionApi::NotNeeded, BadJson::Refused, Effect::Reads,
-     &OrvaneService::GetSleepState},
-    {22, L"version", SessionApi::NotNeeded, BadJson::Refused, Effect::Reads, &GetVersion},
+    {0, L"lockdown mode", "QueryLockoutMode", &GetLockdownMode, kIgnoresBadJson},
+    {1},
+    {2, L"registration state", "GetRegistrationState", &GetRegistrationState},
+    {3, L"skip an automatic launch", "SkipAutoLaunchCriteria", &SkipAutoLaunchCriteria,
+     kNeedsSessionApi | kChanges},
+    {4, L"left S mode", "HasBeenInSMode", &HasBeenInSMode},
+    {5, L"is an automatic launch skipped", "ShouldAutoLaunchBeSkipped", &ShouldAutoLaunchBeSkipped},
+    {6, L"is a packaged app installed", "IsUwpInstalled", &IsUwpInstalled},
+    {7, L"subscribe to a package event", nullptr, &SubscribeToPackageEvent, kChanges},
+    {8, L"copy the registration data", "CopyRegistration", &CopyRegistration,
+     kNeedsSessionApi | kIgnoresBadJson | kChanges},
+    {9, L"subscribe to a power event", nullptr, &SubscribeToPowerEvent, kChanges},
+    {10, L"launch after resume if needed", "LaunchUwpWhenComingBackFromSleepIfNeeded",
+     &LaunchAfterResume, kNeedsSessionApi | kIgnoresBadJson},
+    {11, L"launch the companion app", "RegisterApp", &LaunchCompanionApp,
+     kNeedsSessionApi | kIgnoresBadJson | kChanges},
+    {12, L"read the switch-software flag", "GetExecutedMcAfeeStub", &GetExecutedMcAfeeStub,
+     kIgnoresBadJson},
+    {13, L"write the switch-software flag", "SetExecutedMcAfeeStub", &SetExecutedMcAfeeStub,
+     kNeedsSessionApi | kChanges},
+    {14, L"subscribe to a platform event", nullptr, &SubscribeToZephraEvent, kChanges},
+    {15, L"unsubscribe from a platform event", nullptr, &UnsubscribeFromZephraEvent, kChanges},
+    {16, L"the policy changed", nullptr, &ReportPolicyChange, kChanges},
+    {17, L"launch with a parameter", "LaunchUwpWithParameter", &LaunchWithParameter,
+     kNeedsSessionApi | kChanges},
+    {18, L"born-on date", nullptr, &RecordBornOnDate, kChanges},
+    {19, L"unsubscribe from a power event", nullptr, &UnsubscribeFromPowerEvent, kChanges},
+    {20, L"list the subscriptions", "GetSubscriptions", &OrvaneService::GetSubscriptions},
+    {21, L"sleep state", "GetSleepState", &OrvaneService::GetSleepState},
+    {22, L"version", "GetVersion", &GetVersion},
 };
 
-template <typename Has>
-consteval std::uint32_t IdsThat(Has has) {
+consteval std::uint32_t IdsThatHave(unsigned trait) {
   std::uint32_t mask = 0;
   for (const Command& command : kCommands) {
-    if (has(command)) mask |= 1U << command.id;
+    if ((command.traits & trait) != 0) mask |= 1U << command.id;
   }
   return mask;
 }
@@ -125,49 +115,51 @@ consteval bool RowsMatchIds() {
 }
 
 static_assert(RowsMatchIds(), "row n holds the command with id n");
-static_assert(IdsThat([](const Command& c) { return c.sessionApi == SessionApi::Needed; }) ==
-              0x22D08);
-static_assert(IdsThat([](const Command& c) { return c.badJson == BadJson::Ignored; }) == 0x1D01);
+static_assert(IdsThatHave(kNeedsSessionApi) == 0x22D08);
+static_assert(IdsThatHave(kIgnoresBadJson) == 0x1D01);
 
 // Returns the row of an id, or one without a handler for an unknown id.
 const Command& CommandOf(std::uint32_t id) {
-  static constexpr Command kNoCommand = {
-      0, nullptr, SessionApi::NotNeeded, BadJson::Refused, Effect::Reads, nullptr};
+  static constexpr Command kNoCommand;
   return id < std::size(kCommands) ? kCommands[id] : kNoCommand;
 }
 
-// Destroys the host's callback at the end of the call, on every path.
-class CallbackOwner {
- public:
-  explicit CallbackOwner(CompletionCallback* owned) : callback(owned) {}
-  CallbackOwner(const CallbackOwner&) = delete;
-  CallbackOwner& operator=(const CallbackOwner&) = delete;
-  ~CallbackOwner() { DestroyCallback(callback); }
-
- private:
-  CompletionCallback* callback;
-};
+// The boundary of a handler whose operation the log names: a standard exception becomes a log line
+// and 0x20000002.
+std::uint32_t ResultFromException(const Command& command, const Call& call) {
+  try {
+    return command.run(call);
+  } catch (const std::exception& error) {
+    if (command.operation == nullptr) throw;
+    Log(call.caller).LogError(kThrew, call.caller.className, command.operation, error.what());
+    try {
+      *call.caller.problem = {L"request", L"failed: ", Json::ToWide(error.what()),
+                              Records::Reason::Exception};
+    } catch (const std::bad_alloc&) {
+      *call.caller.problem = {L"request", L"failed", {}, Records::Reason::Exception};
+    }
+    return kFailed;
+  }
+}
 
 // The boundary of the handlers. Most contain their own failures, and the rest end here.
-std::uint32_t RunHandler(Handler handler, const Call& call, std::uint32_t id) {
-  if (handler == nullptr) {
-    Logging::LogManager::GetLogger()
-        ->For(call.caller.clientId)
-        .LogError(kUnsupported, kClass, kExecuteCommand, id);
+std::uint32_t RunHandler(const Command& command, const Call& call, std::uint32_t id) {
+  if (command.run == nullptr) {
+    Log(call.caller).LogError(kUnsupported, kClass, kExecuteCommand, id);
     call.caller.problem->reason = Records::Reason::UnknownCommand;
     return kUnsupportedFunction;
   }
+  std::uint32_t result = kStandardException;
   try {
-    return handler(call);
+    return ResultFromException(command, call);
   } catch (const Platform::WindowsRuntimeError&) {
+    result = kRuntimeError;
     LogCurrentException(kExecuteCommand, call.caller.clientId);
-    call.caller.problem->reason = Records::Reason::Exception;
-    return kRuntimeError;
   } catch (...) {
     LogCurrentException(kExecuteCommand, call.caller.clientId);
-    call.caller.problem->reason = Records::Reason::Exception;
-    return kStandardException;
   }
+  call.caller.problem->reason = Records::Reason::Exception;
+  return result;
 }
 
 // Copies the response into a buffer of the C allocator. Returns false when there is no memory.
@@ -192,13 +184,13 @@ std::uint32_t Execute(OrvaneService& service, std::uint32_t id, const wchar_t* r
   const Command& command = CommandOf(id);
   const std::wstring_view text(request);
   const bool valid = text.size() <= kMaxRequestLength && Json::ParseJson(*document, text);
-  if (!valid && command.badJson == BadJson::Refused) {
+  if (!valid && (command.traits & kIgnoresBadJson) == 0) {
     *caller.problem = {L"message", L"is not valid JSON", {}, Records::Reason::NotJson};
     return kInvalidRequest;
   }
   answer->SetObject();
   const std::uint32_t result =
-      RunHandler(command.run, {service, request, &*document, &*answer, caller, record}, id);
+      RunHandler(command, {service, request, *document, *answer, caller, record}, id);
   if (Deliver(*answer, response)) return result;
   throw std::bad_alloc();
 }
@@ -225,7 +217,7 @@ void LogProblem(std::uint32_t id, std::uint32_t result, const RequestCaller& cal
 // The checks before the documents are made. Returns kSuccess for a command that may run.
 std::uint32_t CheckCall(const ClientContext* context, std::uint32_t id, const wchar_t* request,
                         wchar_t** response, const RequestCaller& caller) {
-  if (CommandOf(id).sessionApi == SessionApi::Needed &&
+  if ((CommandOf(id).traits & kNeedsSessionApi) != 0 &&
       !Platform::CurrentMachine().apiSets->IsPresent(Platform::kSessionApiSet)) {
     *caller.problem = {
         Platform::kSessionApiSet, L"is missing on this Windows", {}, Records::Reason::NoSessionApi};
@@ -254,7 +246,9 @@ const wchar_t* CommandName(std::uint32_t id) noexcept {
 std::uint32_t Dispatch(OrvaneService& service, const ClientContext* context, std::uint32_t id,
                        const wchar_t* request, wchar_t** response,
                        CompletionCallback* callback) noexcept {
-  const CallbackOwner owner(callback);
+  // Destroyed last, on every path.
+  const std::unique_ptr<CompletionCallback, decltype(&DestroyCallback)> owner(callback,
+                                                                              &DestroyCallback);
   const auto now = [] { return Platform::CurrentMachine().clock->TickCount(); };
   const std::uint64_t start = now();
   RequestProblem problem{.reason = Records::Reason::EarlierLines};
@@ -282,7 +276,7 @@ std::uint32_t Dispatch(OrvaneService& service, const ClientContext* context, std
   if (result != kSuccess || problem.key != nullptr) {
     const bool failed = problem.reason == Records::Reason::Exception;
     decide({failed ? Records::Decision::Failed : Records::Decision::Refused, problem.reason});
-  } else if (CommandOf(id).effect == Effect::Changes) {
+  } else if ((CommandOf(id).traits & kChanges) != 0) {
     decide({Records::Decision::Done});
   }
   record.outcome.number = result;

@@ -212,35 +212,29 @@ void OrvaneService::FulfillZephraManagementEventRequests(const ServiceState& sta
 }
 
 std::uint32_t OrvaneService::GetSubscriptions(const Call& call) {
-  return ResultFromException("GetSubscriptions", call, [&] {
-    if (LacksResponse(call)) return kFailed;
-    auto& pool = call.response->GetAllocator();
-    Json::WideValue power = RequestsUnder(kPowerSubscriptions, pool);
-    Json::WideValue zephra = RequestsUnder(kZephraSubscriptions, pool);
-    unsigned omitted = 0;
-    if (kListFrame.size() + TextLength(power) + TextLength(zephra) > kMaxResponseLength) {
-      std::size_t room = kMaxResponseLength - kPartFrame.size();
-      omitted = LeaveOut(power, room, pool);
-      omitted += LeaveOut(zephra, room, pool);
-    }
-    Json::WideValue answer(rapidjson::kObjectType);
-    AddMember(answer, L"power_events", std::move(power), pool);
-    AddMember(answer, L"zephra_events", std::move(zephra), pool);
-    if (omitted != 0) AddMember(answer, L"omitted", Json::WideValue(omitted), pool);
-    AddResult(*call.response, std::move(answer));
-    Log(call.caller).LogInfo(kSubscriptionsDone);
-    return kSuccess;
-  });
+  auto& pool = call.response.GetAllocator();
+  Json::WideValue power = RequestsUnder(kPowerSubscriptions, pool);
+  Json::WideValue zephra = RequestsUnder(kZephraSubscriptions, pool);
+  unsigned omitted = 0;
+  if (kListFrame.size() + TextLength(power) + TextLength(zephra) > kMaxResponseLength) {
+    std::size_t room = kMaxResponseLength - kPartFrame.size();
+    omitted = LeaveOut(power, room, pool);
+    omitted += LeaveOut(zephra, room, pool);
+  }
+  Json::WideValue answer(rapidjson::kObjectType);
+  AddMember(answer, L"power_events", std::move(power), pool);
+  AddMember(answer, L"zephra_events", std::move(zephra), pool);
+  if (omitted != 0) AddMember(answer, L"omitted", Json::WideValue(omitted), pool);
+  AddResult(call.response, std::move(answer));
+  Log(call.caller).LogInfo(kSubscriptionsDone);
+  return kSuccess;
 }
 
 std::uint32_t OrvaneService::GetSleepState(const Call& call) {
-  return ResultFromException("GetSleepState", call, [&] {
-    if (LacksResponse(call)) return kFailed;
-    const std::int32_t stored = Storage::CapDataStore().requireInt32(kSleepState);
-    AddAnswer(*call.response, L"sleepState", Json::WideValue(stored));
-    Log(call.caller).LogInfo(kSleepStateDone);
-    return kSuccess;
-  });
+  const std::int32_t stored = Storage::CapDataStore().requireInt32(kSleepState);
+  AddAnswer(call, L"sleepState", stored);
+  Log(call.caller).LogInfo(kSleepStateDone);
+  return kSuccess;
 }
 
 bool OrvaneService::HasBeenInSMode() {

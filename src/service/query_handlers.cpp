@@ -38,96 +38,69 @@ bool IsInstalledForConsoleUser(const std::wstring& packageFamilyName, const Requ
 }  // namespace
 
 std::uint32_t GetLockdownMode(const Call& call) {
-  return ResultFromException("QueryLockoutMode", call, [&] {
-    if (LacksResponse(call)) return kFailed;
-    AddAnswer(*call.response, L"sMode", Json::WideValue(QueryLockoutMode(call.caller.clientId)));
-    return kSuccess;
-  });
+  AddAnswer(call, L"sMode", QueryLockoutMode(call.caller.clientId));
+  return kSuccess;
 }
 
 std::uint32_t GetRegistrationState(const Call& call) {
-  return ResultFromException("GetRegistrationState", call, [&] {
-    if (LacksResponse(call)) return kFailed;
-    const auto state = RegistrationHelper().GetRegistrationState();
-    const int told = ConsentStore::Apply(static_cast<int>(state));
-    AddAnswer(*call.response, L"registrationState", Json::WideValue(told));
-    Log(call.caller).LogInfo(kStateIs, told);
-    return kSuccess;
-  });
+  const auto state = RegistrationHelper().GetRegistrationState();
+  const int told = ConsentStore::Apply(static_cast<int>(state));
+  AddAnswer(call, L"registrationState", told);
+  Log(call.caller).LogInfo(kStateIs, told);
+  return kSuccess;
 }
 
 std::uint32_t SkipAutoLaunchCriteria(const Call& call) {
-  return ResultFromException("SkipAutoLaunchCriteria", call, [&] {
-    if (LacksDocuments(call)) return kFailed;
-    const std::string keyName = SkipAutoLaunchCriteriaRequest(call.request, call.caller);
-    const bool marked = Qubo::QuboFacade().SkipAutoLaunchCriteria(keyName);
-    Decide(call, marked, Records::Decision::Done, Records::Decision::Failed);
-    AddAnswer(*call.response, L"setOperationOkay", Json::WideValue(marked));
-    return kSuccess;
-  });
+  const std::string keyName = SkipAutoLaunchCriteriaRequest(&call.request, call.caller);
+  const bool marked = Qubo::QuboFacade().SkipAutoLaunchCriteria(keyName);
+  Decide(call, marked, Records::Decision::Done, Records::Decision::Failed);
+  AddAnswer(call, L"setOperationOkay", marked);
+  return kSuccess;
 }
 
 std::uint32_t HasBeenInSMode(const Call& call) {
-  return ResultFromException("HasBeenInSMode", call, [&] {
-    if (LacksResponse(call)) return kFailed;
-    AddAnswer(*call.response, L"hasBeenInSMode", Json::WideValue(call.service.HasBeenInSMode()));
-    return kSuccess;
-  });
+  AddAnswer(call, L"hasBeenInSMode", call.service.HasBeenInSMode());
+  return kSuccess;
 }
 
 std::uint32_t ShouldAutoLaunchBeSkipped(const Call& call) {
-  return ResultFromException("ShouldAutoLaunchBeSkipped", call, [&] {
-    if (LacksDocuments(call)) return kFailed;
-    const std::string keyName = SkipAutoLaunchCriteriaRequest(call.request, call.caller);
-    const auto criteria =
-        Qubo::QuboDataAccessFactory().CreateApplicationLaunchCriteriaDataAccess(keyName);
-    AddAnswer(*call.response, L"skip", Json::WideValue(criteria->ShouldBeSkipped()));
-    return kSuccess;
-  });
+  const std::string keyName = SkipAutoLaunchCriteriaRequest(&call.request, call.caller);
+  const auto criteria =
+      Qubo::QuboDataAccessFactory().CreateApplicationLaunchCriteriaDataAccess(keyName);
+  AddAnswer(call, L"skip", criteria->ShouldBeSkipped());
+  return kSuccess;
 }
 
 std::uint32_t IsUwpInstalled(const Call& call) {
-  return ResultFromException("IsUwpInstalled", call, [&] {
-    if (LacksDocuments(call)) return kFailed;
-    const std::wstring packageFamilyName = IsUwpInstalledRequest(call.request, call.caller);
-    AddAnswer(*call.response, L"installed",
-              Json::WideValue(IsInstalledForConsoleUser(packageFamilyName, call.caller)));
-    return kSuccess;
-  });
+  const std::wstring packageFamilyName = IsUwpInstalledRequest(&call.request, call.caller);
+  AddAnswer(call, L"installed", IsInstalledForConsoleUser(packageFamilyName, call.caller));
+  return kSuccess;
 }
 
 std::uint32_t GetExecutedMcAfeeStub(const Call& call) {
-  return ResultFromException("GetExecutedMcAfeeStub", call, [&] {
-    if (LacksResponse(call)) return kFailed;
-    Storage::CapDataStore store;
-    const Storage::BsonDocument document = store.readDocument(kServiceDocument);
-    const auto flag = document.Find(kExecutedStub);
-    const bool launched = flag && flag->AsBoolean().value_or(false);
-    AddAnswer(*call.response, L"launched", Json::WideValue(launched));
-    return kSuccess;
-  });
+  Storage::CapDataStore store;
+  const Storage::BsonDocument document = store.readDocument(kServiceDocument);
+  const auto flag = document.Find(kExecutedStub);
+  const bool launched = flag && flag->AsBoolean().value_or(false);
+  AddAnswer(call, L"launched", launched);
+  return kSuccess;
 }
 
 std::uint32_t SetExecutedMcAfeeStub(const Call& call) {
-  return ResultFromException("SetExecutedMcAfeeStub", call, [&] {
-    bool launched = false;
-    if (!ParseJsonValue(call.request, &launched, call.caller)) return kFailed;
-    Storage::CapDataStore store;
-    const auto flag = Storage::BsonElement::Boolean(launched);
-    if (store.mergeMember(kServiceDocument, kExecutedStub, flag)) return kSuccess;
-    call.record.outcome = {Records::Decision::Refused, Records::Reason::StoreRefused};
-    return kFailed;
-  });
+  bool launched = false;
+  if (!ParseJsonValue(&call.request, &launched, call.caller)) return kFailed;
+  Storage::CapDataStore store;
+  const auto flag = Storage::BsonElement::Boolean(launched);
+  if (store.mergeMember(kServiceDocument, kExecutedStub, flag)) return kSuccess;
+  call.record.outcome = {Records::Decision::Refused, Records::Reason::StoreRefused};
+  return kFailed;
 }
 
 std::uint32_t GetVersion(const Call& call) {
-  return ResultFromException("GetVersion", call, [&] {
-    if (LacksResponse(call)) return kFailed;
-    AddAnswer(*call.response, L"getVersion", Json::WideValue(rapidjson::StringRef(kVersion)));
-    Log(call.caller).LogInfo(kVersionIs, kVersion);
-    Log(call.caller).LogInfo(kVersionDone);
-    return kSuccess;
-  });
+  AddAnswer(call, L"getVersion", rapidjson::StringRef(kVersion));
+  Log(call.caller).LogInfo(kVersionIs, kVersion);
+  Log(call.caller).LogInfo(kVersionDone);
+  return kSuccess;
 }
 
 }  // namespace Vx::Tessel::Server::Services::Orvane

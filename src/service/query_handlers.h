@@ -7,8 +7,8 @@
 namespace Vx::Tessel::Server::Services::Orvane {
 
 // The commands that query or set one value. Each adds its result to the response and returns 0. On
-// failure, such as a null document, it logs the reason, returns 0x20000002 and leaves the response
-// alone. None throws std::exception.
+// failure it returns 0x20000002 and leaves the response alone, as the dispatch does for a standard
+// exception, which it logs.
 
 // Id 0, "sMode": the lockdown mode of Windows.
 std::uint32_t GetLockdownMode(const Call& call);
