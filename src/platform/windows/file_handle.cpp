@@ -5,12 +5,8 @@
 #include <limits>
 #include <utility>
 
-#include <windows.h>
-
 #include <aclapi.h>
 #include <sddl.h>
-
-#include "platform/unique_handle.h"
 
 namespace Vx::Platform {
 
@@ -47,6 +43,14 @@ std::wstring SidText(PSID sid) {
   return text.get();
 }
 
+// Where a read or a write begins, in a file that is opened for synchronous access.
+OVERLAPPED At(std::size_t offset) {
+  OVERLAPPED place{};
+  place.Offset = static_cast<DWORD>(offset);
+  place.OffsetHigh = static_cast<DWORD>(std::uint64_t{offset} >> 32U);
+  return place;
+}
+
 class RealFileHandle final : public FileHandle {
  public:
   explicit RealFileHandle(UniqueHandle opened) : file(std::move(opened)) {}
@@ -80,36 +84,11 @@ class RealFileHandle final : public FileHandle {
   }
 
   Result<std::vector<std::byte>> Content(std::size_t maxBytes) const override {
-    using Bytes = Result<std::vector<std::byte>>;
-    LARGE_INTEGER size;
-    if (GetFileSizeEx(file.get(), &size) == 0) return Bytes::Failure(GetLastError());
-    if (static_cast<std::uint64_t>(size.QuadPart) > maxBytes) {
-      return Bytes::Failure(ERROR_FILE_TOO_LARGE);
-    }
-    std::vector<std::byte> content(static_cast<std::size_t>(size.QuadPart));
-    std::size_t filled = 0;
-    while (filled < content.size()) {
-      const auto wanted =
-          static_cast<DWORD>(std::min<std::size_t>(content.size() - filled, kReadStep));
-      DWORD got = 0;
-      OVERLAPPED place = At(filled);
-      if (ReadFile(file.get(), content.data() + filled, wanted, &got, &place) == 0) {
-        if (GetLastError() != ERROR_HANDLE_EOF) return Bytes::Failure(GetLastError());
-      }
-      if (got == 0) break;  // another process has truncated the file
-      filled += got;
-    }
-    content.resize(filled);
-    return content;
+    return ReadContent(file.get(), maxBytes);
   }
 
   ErrorCode Write(std::span<const std::byte> content) override {
-    if (content.size() > std::numeric_limits<DWORD>::max()) return ERROR_FILE_TOO_LARGE;
-    const auto size = static_cast<DWORD>(content.size());
-    DWORD written = 0;
-    OVERLAPPED place = At(0);
-    if (WriteFile(file.get(), content.data(), size, &written, &place) == 0) return GetLastError();
-    return written == size ? 0 : ERROR_WRITE_FAULT;
+    return WriteContent(file.get(), content);
   }
 
   ErrorCode SetSize(std::uint64_t size) override {
@@ -128,13 +107,6 @@ class RealFileHandle final : public FileHandle {
   }
 
  private:
-  static OVERLAPPED At(std::size_t offset) {
-    OVERLAPPED place{};
-    place.Offset = static_cast<DWORD>(offset);
-    place.OffsetHigh = static_cast<DWORD>(std::uint64_t{offset} >> 32U);
-    return place;
-  }
-
   template <typename Information>
   bool Query(FILE_INFO_BY_HANDLE_CLASS what, Information& information) const {
     return GetFileInformationByHandleEx(file.get(), what, &information, sizeof information) != 0;
@@ -182,6 +154,39 @@ Opened OpenWith(const std::wstring& path, Opening opening, SECURITY_ATTRIBUTES* 
 }
 
 }  // namespace
+
+Result<std::vector<std::byte>> ReadContent(HANDLE file, std::size_t maxBytes) {
+  using Bytes = Result<std::vector<std::byte>>;
+  LARGE_INTEGER size;
+  if (GetFileSizeEx(file, &size) == 0) return Bytes::Failure(GetLastError());
+  if (static_cast<std::uint64_t>(size.QuadPart) > maxBytes) {
+    return Bytes::Failure(ERROR_FILE_TOO_LARGE);
+  }
+  std::vector<std::byte> content(static_cast<std::size_t>(size.QuadPart));
+  std::size_t filled = 0;
+  while (filled < content.size()) {
+    const auto wanted =
+        static_cast<DWORD>(std::min<std::size_t>(content.size() - filled, kReadStep));
+    DWORD got = 0;
+    OVERLAPPED place = At(filled);
+    if (ReadFile(file, content.data() + filled, wanted, &got, &place) == 0) {
+      if (GetLastError() != ERROR_HANDLE_EOF) return Bytes::Failure(GetLastError());
+    }
+    if (got == 0) break;  // another process has truncated the file
+    filled += got;
+  }
+  content.resize(filled);
+  return content;
+}
+
+ErrorCode WriteContent(HANDLE file, std::span<const std::byte> content) {
+  if (content.size() > std::numeric_limits<DWORD>::max()) return ERROR_FILE_TOO_LARGE;
+  const auto size = static_cast<DWORD>(content.size());
+  DWORD written = 0;
+  OVERLAPPED place = At(0);
+  if (WriteFile(file, content.data(), size, &written, &place) == 0) return GetLastError();
+  return written == size ? 0 : ERROR_WRITE_FAULT;
+}
 
 UniqueHandle OpenDiskFile(const std::wstring& path, DWORD access, DWORD share, DWORD flags,
                           DWORD disposition) {

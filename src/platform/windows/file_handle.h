@@ -25,6 +25,10 @@ ErrorCode RenameTo(RawHandle file, const std::wstring& path);
 // See Files::FolderAccess. Needs READ_CONTROL.
 Result<AccessList> AccessOf(RawHandle file);
 
+// See FileHandle::Content and FileHandle::Write. `file` is opened for synchronous access.
+Result<std::vector<std::byte>> ReadContent(HANDLE file, std::size_t maxBytes);
+ErrorCode WriteContent(HANDLE file, std::span<const std::byte> content);
+
 Result<std::unique_ptr<FileHandle>> OpenFileHandle(const std::wstring& path, FileUse use);
 Result<std::unique_ptr<FileHandle>> CreateFileHandle(const std::wstring& path,
                                                      const std::wstring& accessLike);

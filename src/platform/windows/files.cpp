@@ -1,13 +1,9 @@
 #include "platform/files.h"
 
-#include <algorithm>
 #include <functional>
 #include <limits>
-#include <memory>
-#include <string>
 #include <string_view>
 #include <utility>
-#include <vector>
 
 #include <windows.h>
 
@@ -32,7 +28,6 @@ constexpr std::wstring_view kVerbatimPrefix = L"\\\\?\\";
 constexpr wchar_t kPrivateFolder[] = L"D:P(A;OICI;FA;;;SY)(A;OICI;FA;;;BA)(A;OICI;FA;;;S-1-3-4)";
 
 constexpr DWORD kShareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
-constexpr DWORD kReadStep = 1U << 30;
 constexpr std::size_t kHashStep = std::size_t{64} * 1024;
 constexpr std::size_t kSha256Bytes = 32;
 
@@ -131,25 +126,7 @@ class RealFiles final : public Files {
     // Shares writing, because a reader must not block the file's writers, whom its users serialise.
     const UniqueHandle file = OpenDiskFile(path, GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE);
     if (file == nullptr) return Result<Bytes>::Failure(GetLastError());
-    LARGE_INTEGER size;
-    if (GetFileSizeEx(file.get(), &size) == 0) return Result<Bytes>::Failure(GetLastError());
-    if (static_cast<std::uint64_t>(size.QuadPart) > maxBytes) {
-      return Result<Bytes>::Failure(ERROR_FILE_TOO_LARGE);
-    }
-    Bytes content(static_cast<std::size_t>(size.QuadPart));
-    std::size_t filled = 0;
-    while (filled < content.size()) {
-      const auto wanted =
-          static_cast<DWORD>(std::min<std::size_t>(content.size() - filled, kReadStep));
-      DWORD got = 0;
-      if (ReadFile(file.get(), content.data() + filled, wanted, &got, nullptr) == 0) {
-        return Result<Bytes>::Failure(GetLastError());
-      }
-      if (got == 0) break;  // another process truncated the file
-      filled += got;
-    }
-    content.resize(filled);
-    return content;
+    return ReadContent(file.get(), maxBytes);
   }
 
   ErrorCode Overwrite(const std::wstring& path, std::span<const std::byte> content) override {
@@ -157,11 +134,7 @@ class RealFiles final : public Files {
     const UniqueHandle file = OpenDiskFile(path, GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE,
                                            FILE_ATTRIBUTE_NORMAL, CREATE_ALWAYS);
     if (file == nullptr) return GetLastError();
-    if (content.empty()) return 0;
-    const auto size = static_cast<DWORD>(content.size());
-    DWORD written = 0;
-    if (WriteFile(file.get(), content.data(), size, &written, nullptr) == 0) return GetLastError();
-    return written == size ? 0 : ERROR_WRITE_FAULT;
+    return content.empty() ? 0 : WriteContent(file.get(), content);
   }
 
   ErrorCode MoveOver(const std::wstring& from, const std::wstring& to) override {
