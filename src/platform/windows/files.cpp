@@ -1,5 +1,6 @@
 #include "platform/files.h"
 
+#include <algorithm>
 #include <functional>
 #include <limits>
 #include <string_view>

@@ -39,11 +39,10 @@ class Uninstall final : public PackageUninstall {
 
   std::wstring FamilyName() const override {
     Abi::ComPtr<Abi::IPackage> package;
-    const HRESULT got = arguments.get_Package(package.Receive());
-    CheckMade(got, package, L"IPackageUninstallingEventArgs::get_Package");
+    CheckMade(arguments.get_Package(package.Receive()), package,
+              L"IPackageUninstallingEventArgs::get_Package");
     Abi::ComPtr<Abi::IPackageId> id;
-    const HRESULT identified = package->get_Id(id.Receive());
-    CheckMade(identified, id, L"IPackage::get_Id");
+    CheckMade(package->get_Id(id.Receive()), id, L"IPackage::get_Id");
     Abi::HString name;
     Check(id->get_FamilyName(name.Receive()), L"IPackageId::get_FamilyName");
     return std::wstring(name.View());
@@ -83,8 +82,8 @@ class WindowsPackageCatalog final : public PackageCatalog {
   WindowsPackageCatalog() {
     const ApartmentScope apartment;
     const auto statics = FactoryOf<Abi::IPackageCatalogStatics>(Abi::kPackageCatalogClass);
-    const HRESULT opened = statics->OpenForCurrentUser(catalog.Receive());
-    CheckMade(opened, catalog, L"IPackageCatalogStatics::OpenForCurrentUser");
+    CheckMade(statics->OpenForCurrentUser(catalog.Receive()), catalog,
+              L"IPackageCatalogStatics::OpenForCurrentUser");
   }
   WindowsPackageCatalog(const WindowsPackageCatalog&) = delete;
   WindowsPackageCatalog& operator=(const WindowsPackageCatalog&) = delete;

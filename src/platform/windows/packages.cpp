@@ -37,8 +37,7 @@ std::uint32_t Status(long code) {
 
 std::wstring FullNameOf(Abi::IPackage& package) {
   Abi::ComPtr<Abi::IPackageId> id;
-  const HRESULT result = package.get_Id(id.Receive());
-  CheckMade(result, id, L"IPackage::get_Id");
+  CheckMade(package.get_Id(id.Receive()), id, L"IPackage::get_Id");
   Abi::HString name;
   Check(id->get_FullName(name.Receive()), L"IPackageId::get_FullName");
   return std::wstring(name.View());
@@ -48,14 +47,12 @@ std::vector<std::wstring> FullNamesOf(const Abi::ComPtr<Abi::IPackageIterable>& 
   std::vector<std::wstring> names;
   if (!packages) return names;
   Abi::ComPtr<Abi::IPackageIterator> iterator;
-  const HRESULT result = packages->First(iterator.Receive());
-  CheckMade(result, iterator, L"IIterable::First");
+  CheckMade(packages->First(iterator.Receive()), iterator, L"IIterable::First");
   Abi::Boolean more = 0;
   Check(iterator->get_HasCurrent(&more), L"IIterator::get_HasCurrent");
   while (more != 0) {
     Abi::ComPtr<Abi::IPackage> package;
-    const HRESULT current = iterator->get_Current(package.Receive());
-    CheckMade(current, package, L"IIterator::get_Current");
+    CheckMade(iterator->get_Current(package.Receive()), package, L"IIterator::get_Current");
     names.push_back(FullNameOf(*package.Get()));
     more = 0;
     Check(iterator->MoveNext(&more), L"IIterator::MoveNext");
@@ -211,9 +208,9 @@ class RealPackages final : public Packages {
     const auto manager = Activate<Abi::IPackageManager2>(Abi::kPackageManagerClass);
     const Abi::HString name = MakeString(fullName);
     Abi::ComPtr<Abi::IDeploymentOperation> operation;
-    const HRESULT started = manager->RegisterPackageByFullNameAsync(
-        name.Get(), nullptr, Abi::DeploymentOptions::None, operation.Receive());
-    CheckMade(started, operation, L"IPackageManager2::RegisterPackageByFullNameAsync");
+    CheckMade(manager->RegisterPackageByFullNameAsync(
+                  name.Get(), nullptr, Abi::DeploymentOptions::None, operation.Receive()),
+              operation, L"IPackageManager2::RegisterPackageByFullNameAsync");
     const AsyncOutcome outcome = Await(operation, limit);
     PackageRegistration registration{.result = outcome.result, .errorText = {}};
     if (outcome.ended) ReadReport(*operation.Get(), registration);

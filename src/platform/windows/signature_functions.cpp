@@ -2,34 +2,26 @@
 
 namespace Vx::Platform {
 
-SignatureFunctions::SignatureFunctions(DeferredLibrary& wintrust) noexcept
-    : verify(wintrust.Find<decltype(WinVerifyTrust)>("WinVerifyTrust")),
-      providerOf(
-          wintrust.Find<decltype(WTHelperProvDataFromStateData)>("WTHelperProvDataFromStateData")),
-      signerOf(wintrust.Find<decltype(WTHelperGetProvSignerFromChain)>(
-          "WTHelperGetProvSignerFromChain")),
-      certificateOf(
-          wintrust.Find<decltype(WTHelperGetProvCertFromChain)>("WTHelperGetProvCertFromChain")),
-      acquireContext(
-          wintrust.Find<decltype(CryptCATAdminAcquireContext)>("CryptCATAdminAcquireContext")),
-      releaseContext(
-          wintrust.Find<decltype(CryptCATAdminReleaseContext)>("CryptCATAdminReleaseContext")),
-      calcHash(wintrust.Find<decltype(CryptCATAdminCalcHashFromFileHandle)>(
-          "CryptCATAdminCalcHashFromFileHandle")),
-      enumCatalog(wintrust.Find<decltype(CryptCATAdminEnumCatalogFromHash)>(
-          "CryptCATAdminEnumCatalogFromHash")),
-      releaseCatalog(wintrust.Find<decltype(CryptCATAdminReleaseCatalogContext)>(
-          "CryptCATAdminReleaseCatalogContext")),
-      catalogInfo(wintrust.Find<decltype(CryptCATCatalogInfoFromContext)>(
-          "CryptCATCatalogInfoFromContext")),
-      acquireContext2(wintrust.Find<AcquireContext2>("CryptCATAdminAcquireContext2")),
-      calcHash2(wintrust.Find<CalcHash2>("CryptCATAdminCalcHashFromFileHandle2")) {}
-
-bool SignatureFunctions::Complete() const noexcept {
-  return verify != nullptr && providerOf != nullptr && signerOf != nullptr &&
-         certificateOf != nullptr && acquireContext != nullptr && releaseContext != nullptr &&
-         calcHash != nullptr && enumCatalog != nullptr && releaseCatalog != nullptr &&
-         catalogInfo != nullptr;
+SignatureFunctions::SignatureFunctions(DeferredLibrary& wintrust) noexcept {
+  const auto find = [&]<typename Function>(Function*& function, const char* name) {
+    function = wintrust.Find<Function>(name);
+  };
+  const auto require = [&](auto& function, const char* name) {
+    find(function, name);
+    complete = complete && function != nullptr;
+  };
+  require(verify, "WinVerifyTrust");
+  require(providerOf, "WTHelperProvDataFromStateData");
+  require(signerOf, "WTHelperGetProvSignerFromChain");
+  require(certificateOf, "WTHelperGetProvCertFromChain");
+  require(acquireContext, "CryptCATAdminAcquireContext");
+  require(releaseContext, "CryptCATAdminReleaseContext");
+  require(calcHash, "CryptCATAdminCalcHashFromFileHandle");
+  require(enumCatalog, "CryptCATAdminEnumCatalogFromHash");
+  require(releaseCatalog, "CryptCATAdminReleaseCatalogContext");
+  require(catalogInfo, "CryptCATCatalogInfoFromContext");
+  find(acquireContext2, "CryptCATAdminAcquireContext2");
+  find(calcHash2, "CryptCATAdminCalcHashFromFileHandle2");
 }
 
 }  // namespace Vx::Platform

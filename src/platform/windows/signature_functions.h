@@ -15,27 +15,26 @@ namespace Vx::Platform {
 // wintrust.dll's functions for checking a file, absent from this toolchain's import libraries.
 // `acquireContext2` and `calcHash2` support SHA-256 and are null if Windows lacks them.
 struct SignatureFunctions {
-  using AcquireContext2 = BOOL WINAPI(HCATADMIN*, const GUID*, PCWSTR, const CERT_STRONG_SIGN_PARA*,
-                                      DWORD);
-  using CalcHash2 = BOOL WINAPI(HCATADMIN, HANDLE, DWORD*, BYTE*, DWORD);
-
   explicit SignatureFunctions(DeferredLibrary& wintrust) noexcept;
 
   // Returns whether all functions that every Windows has were found.
-  bool Complete() const noexcept;
+  bool Complete() const noexcept { return complete; }
 
-  decltype(WinVerifyTrust)* verify;
-  decltype(WTHelperProvDataFromStateData)* providerOf;
-  decltype(WTHelperGetProvSignerFromChain)* signerOf;
-  decltype(WTHelperGetProvCertFromChain)* certificateOf;
-  decltype(CryptCATAdminAcquireContext)* acquireContext;
-  decltype(CryptCATAdminReleaseContext)* releaseContext;
-  decltype(CryptCATAdminCalcHashFromFileHandle)* calcHash;
-  decltype(CryptCATAdminEnumCatalogFromHash)* enumCatalog;
-  decltype(CryptCATAdminReleaseCatalogContext)* releaseCatalog;
-  decltype(CryptCATCatalogInfoFromContext)* catalogInfo;
-  AcquireContext2* acquireContext2;
-  CalcHash2* calcHash2;
+  decltype(WinVerifyTrust)* verify = nullptr;
+  decltype(WTHelperProvDataFromStateData)* providerOf = nullptr;
+  decltype(WTHelperGetProvSignerFromChain)* signerOf = nullptr;
+  decltype(WTHelperGetProvCertFromChain)* certificateOf = nullptr;
+  decltype(CryptCATAdminAcquireContext)* acquireContext = nullptr;
+  decltype(CryptCATAdminReleaseContext)* releaseContext = nullptr;
+  decltype(CryptCATAdminCalcHashFromFileHandle)* calcHash = nullptr;
+  decltype(CryptCATAdminEnumCatalogFromHash)* enumCatalog = nullptr;
+  decltype(CryptCATAdminReleaseCatalogContext)* releaseCatalog = nullptr;
+  decltype(CryptCATCatalogInfoFromContext)* catalogInfo = nullptr;
+  decltype(CryptCATAdminAcquireContext2)* acquireContext2 = nullptr;
+  decltype(CryptCATAdminCalcHashFromFileHandle2)* calcHash2 = nullptr;
+
+ private:
+  bool complete = true;
 };
 
 }  // namespace Vx::Platform

@@ -13,12 +13,12 @@ namespace {
 
 // WINTRUST_SIGNATURE_SETTINGS and the WINTRUST_DATA for it, newer than this toolchain's headers.
 struct SignatureSettings {
-  DWORD size;
-  DWORD index;
-  DWORD flags;
-  DWORD secondarySignatures;  // out
-  DWORD verifiedIndex;        // out
-  CERT_STRONG_SIGN_PARA* cryptoPolicy;
+  DWORD size = sizeof(SignatureSettings);
+  DWORD index = 0;
+  DWORD flags = 0;
+  DWORD secondarySignatures = 0;  // out
+  DWORD verifiedIndex = 0;        // out
+  CERT_STRONG_SIGN_PARA* cryptoPolicy = nullptr;
 };
 static_assert(sizeof(SignatureSettings) == 32);
 static_assert(offsetof(SignatureSettings, cryptoPolicy) == 24);
@@ -27,19 +27,19 @@ constexpr DWORD kVerifySpecific = 0x1;     // WSS_VERIFY_SPECIFIC
 constexpr DWORD kGetSecondaryCount = 0x2;  // WSS_GET_SECONDARY_SIG_COUNT
 
 struct TrustData {
-  DWORD size;
-  void* policyCallbackData;
-  void* sipClientData;
-  DWORD uiChoice;
-  DWORD revocationChecks;
-  DWORD unionChoice;
-  const void* subject;
-  DWORD stateAction;
-  HANDLE stateData;
-  wchar_t* urlReference;
-  DWORD provFlags;
-  DWORD uiContext;
-  SignatureSettings* signatureSettings;
+  DWORD size = sizeof(TrustData);
+  void* policyCallbackData = nullptr;
+  void* sipClientData = nullptr;
+  DWORD uiChoice = 0;
+  DWORD revocationChecks = 0;
+  DWORD unionChoice = 0;
+  const void* subject = nullptr;
+  DWORD stateAction = 0;
+  HANDLE stateData = nullptr;
+  wchar_t* urlReference = nullptr;
+  DWORD provFlags = 0;
+  DWORD uiContext = 0;
+  SignatureSettings* signatureSettings = nullptr;
 };
 static_assert(sizeof(TrustData) == 88);
 static_assert(offsetof(TrustData, subject) == 40);
@@ -60,22 +60,12 @@ class Verification {
   Verification(const SignatureFunctions& wintrust, DWORD unionChoice, const void* subject,
                DWORD index)
       : functions(wintrust),
-        settings{.size = sizeof settings,
-                 .index = index,
-                 .flags = kVerifySpecific | kGetSecondaryCount,
-                 .secondarySignatures = 0,
-                 .verifiedIndex = 0,
-                 .cryptoPolicy = nullptr},
-        data{.size = sizeof data,
-             .policyCallbackData = nullptr,
-             .sipClientData = nullptr,
-             .uiChoice = WTD_UI_NONE,
+        settings{.index = index, .flags = kVerifySpecific | kGetSecondaryCount},
+        data{.uiChoice = WTD_UI_NONE,
              .revocationChecks = WTD_REVOKE_NONE,
              .unionChoice = unionChoice,
              .subject = subject,
              .stateAction = WTD_STATEACTION_VERIFY,
-             .stateData = nullptr,
-             .urlReference = nullptr,
              .provFlags = WTD_REVOCATION_CHECK_NONE,
              .uiContext = WTD_UICONTEXT_EXECUTE,
              .signatureSettings = &settings},

@@ -37,11 +37,9 @@ Abi::HString MakeString(std::wstring_view text);
 template <typename T>
 Abi::ComPtr<T> Activate(const wchar_t* className) {
   Abi::ComPtr<IInspectable> made;
-  const HRESULT activated = RoActivateInstance(MakeString(className).Get(), made.Receive());
-  CheckMade(activated, made, className);
+  CheckMade(RoActivateInstance(MakeString(className).Get(), made.Receive()), made, className);
   Abi::ComPtr<T> object;
-  const HRESULT queried = Abi::Query(made, object);
-  CheckMade(queried, object, className);
+  CheckMade(Abi::Query(made, object), object, className);
   return object;
 }
 
@@ -49,9 +47,9 @@ Abi::ComPtr<T> Activate(const wchar_t* className) {
 template <typename T>
 Abi::ComPtr<T> FactoryOf(const wchar_t* className) {
   Abi::ComPtr<T> factory;
-  const HRESULT found = RoGetActivationFactory(MakeString(className).Get(), Abi::IidOf<T>(),
-                                               reinterpret_cast<void**>(factory.Receive()));
-  CheckMade(found, factory, className);
+  CheckMade(RoGetActivationFactory(MakeString(className).Get(), Abi::IidOf<T>(),
+                                   reinterpret_cast<void**>(factory.Receive())),
+            factory, className);
   return factory;
 }
 
