@@ -56,13 +56,13 @@ std::mutex PackageUninstallingPCEvent::uninstall_event_mux;
 std::mutex PackageUninstallingPCEvent::commandTurn;
 
 PackageUninstallingPCEvent::PackageUninstallingPCEvent(const std::wstring& packageFamilyName,
-                                                       UninstallMoment moment,
+                                                       PackageCatalogEvent event,
                                                        EventCommandPtr packageCommand,
                                                        const std::shared_ptr<FiringMark>& mark,
                                                        const std::wstring& subscription)
     : IPCEvent(std::move(packageCommand)),
       watch(std::make_shared<UninstallWatch>(
-          packageFamilyName, moment, command, completion,
+          packageFamilyName, event, command, completion,
           mark == nullptr ? std::make_shared<FiringMark>() : mark, subscription)) {
   if (!Platform::CurrentMachine().apiSets->IsPresent(Platform::kSessionApiSet)) {
     Log().LogError(kNoSessionApi);

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "events/event_commands.h"
+#include "events/subscription_forms.h"
 #include "platform/packages.h"
 #include "platform/thread.h"
 
@@ -50,9 +51,6 @@ class IPCEvent {
   std::shared_ptr<CompletionEvent> completion;
 };
 
-// The codes of the events of a request.
-enum class UninstallMoment : std::uint32_t { Starts = 5, Completed = 7 };
-
 // Runs a command when a package of a family is uninstalled: as soon as the uninstall starts, or
 // once it has completed and no package of the family is left.
 //
@@ -67,7 +65,7 @@ class PackageUninstallingPCEvent final : public IPCEvent {
   // session API set there is no catalog: that is logged, and the event never occurs.
   // `mark` belongs to the stored request; without one the event has its own. `subscription` is the
   // hash of that request, for records.
-  PackageUninstallingPCEvent(const std::wstring& packageFamilyName, UninstallMoment moment,
+  PackageUninstallingPCEvent(const std::wstring& packageFamilyName, PackageCatalogEvent event,
                              EventCommandPtr packageCommand,
                              const std::shared_ptr<FiringMark>& mark = nullptr,
                              const std::wstring& subscription = {});

@@ -1,7 +1,5 @@
 #include "events/package_event_request.h"
 
-#include <utility>
-
 #include "json/json_object.h"
 #include "platform/windows_runtime_error.h"
 #include "records/subscription_hash.h"
@@ -16,16 +14,6 @@ std::uint32_t Code(const Json::JsonObject& document, const std::wstring& key) {
   return Json::TruncateToUint32(document.GetNamedNumber(key));
 }
 
-UninstallMoment MomentOf(PackageCatalogEvent event) {
-  switch (event) {
-    case PackageCatalogEvent::Uninstalling:
-      return UninstallMoment::Starts;
-    case PackageCatalogEvent::Uninstalled:
-      return UninstallMoment::Completed;
-  }
-  throw Platform::WindowsRuntimeError(kUnknownCatalogEvent, kUnknownEvent);
-}
-
 }  // namespace
 
 SubscribeForAppPackageEventRequest::SubscribeForAppPackageEventRequest(
@@ -36,9 +24,11 @@ SubscribeForAppPackageEventRequest::SubscribeForAppPackageEventRequest(
   packageFamilyName = document.GetNamedString(kPackageForm.family);
   const auto parameters = document.GetNamedObject(kPackageForm.parameters);
 
-  const UninstallMoment moment = MomentOf(catalogEvent);
+  if (MeaningOf(kPackageCodes, static_cast<std::uint32_t>(catalogEvent)) == nullptr) {
+    throw Platform::WindowsRuntimeError(kUnknownCatalogEvent, kUnknownEvent);
+  }
   packageEvent = std::make_unique<PackageUninstallingPCEvent>(
-      packageFamilyName, moment, CreateEventCommand(catalogAction, parameters), mark,
+      packageFamilyName, catalogEvent, CreateEventCommand(catalogAction, parameters), mark,
       Records::SubscriptionHash(request));
 }
 

@@ -67,11 +67,6 @@ bool IsGone(const std::wstring& familyName) {
   return Platform::CurrentMachine().packages->FindForAllUsers(familyName).empty();
 }
 
-Platform::UniqueHandle MakeStopEvent() {
-  auto event = Platform::CurrentMachine().kernelObjects->MakeManualEvent({});
-  return event ? *std::move(event) : nullptr;
-}
-
 }  // namespace
 
 std::int64_t CompletionEvent::Add(CompletionHandler handler) {
@@ -87,16 +82,16 @@ void CompletionEvent::Raise(const std::wstring& text) const {
   for (const auto& [token, handler] : called) handler(text);
 }
 
-UninstallWatch::UninstallWatch(std::wstring packageFamilyName, UninstallMoment uninstallMoment,
+UninstallWatch::UninstallWatch(std::wstring packageFamilyName, PackageCatalogEvent catalogEvent,
                                std::shared_ptr<EventCommand> packageCommand,
                                std::shared_ptr<CompletionEvent> completionEvent,
                                std::shared_ptr<FiringMark> firingMark,
                                std::wstring subscriptionHash)
     : familyName(std::move(packageFamilyName)),
-      moment(uninstallMoment),
+      event(catalogEvent),
       command(std::move(packageCommand)),
       completion(std::move(completionEvent)),
-      stopEvent(MakeStopEvent()),
+      stopEvent(Platform::MakeUnnamedEvent()),
       mark(std::move(firingMark)),
       subscription(std::move(subscriptionHash)) {}
 
@@ -172,8 +167,8 @@ bool UninstallWatch::IsDue(const Platform::PackageUninstall& uninstall,
                                    .subscription = subscription,
                                    .target = command->Target(),
                                    .package = familyName,
-                                   .number = static_cast<std::uint32_t>(moment)});
-  if (moment == UninstallMoment::Completed) {
+                                   .number = static_cast<std::uint32_t>(event)});
+  if (event == PackageCatalogEvent::Uninstalled) {
     delivery->Waits(kPollStep * kPolls);
     AwaitCompletion(uninstall);
     // Another user may still have the package. The event then stays armed.

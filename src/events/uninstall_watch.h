@@ -37,7 +37,7 @@ class CompletionEvent {
 // itself is destroyed.
 class UninstallWatch {
  public:
-  UninstallWatch(std::wstring packageFamilyName, UninstallMoment uninstallMoment,
+  UninstallWatch(std::wstring packageFamilyName, PackageCatalogEvent catalogEvent,
                  std::shared_ptr<EventCommand> packageCommand,
                  std::shared_ptr<CompletionEvent> completionEvent,
                  std::shared_ptr<FiringMark> firingMark, std::wstring subscriptionHash);
@@ -75,7 +75,7 @@ class UninstallWatch {
   void Report(Handler outcome);
 
   const std::wstring familyName;
-  const UninstallMoment moment;
+  const PackageCatalogEvent event;
   const std::shared_ptr<EventCommand> command;
   const std::shared_ptr<CompletionEvent> completion;
   // Signalled together with `stopping`, so that log-off does not wait out a step. Null when Windows

@@ -29,6 +29,9 @@ class KernelObjects {
   virtual ErrorCode Signal(RawHandle event) = 0;
 };
 
+// Makes an unnamed manual-reset event. Null if Windows refuses.
+UniqueHandle MakeUnnamedEvent();
+
 // Decides whether to report that a name is taken. Any process can create an object of another kind
 // under a name that this system uses, and every use of the name then fails until that object is
 // gone. One report per use would flood the log. Any thread.

@@ -4,6 +4,7 @@
 #include <string>
 
 #include "bod/set_born_on_date.h"
+#include "events/package_completion.h"
 #include "events/package_event_manager.h"
 #include "launch/launcher.h"
 #include "platform/clock.h"
@@ -67,12 +68,8 @@ bool WaitForOobe(const ServiceState& state) {
 // already ended its own, and these would be watched forever.
 void WatchStoredPackages(const ServiceState& state) {
   RegisterExistingPackageCatalogManagerRequests(&state, state.stopEvent);
-  const auto stop =
-      Platform::CurrentMachine().clock->Wait(state.stopEvent.get(), std::chrono::milliseconds(0));
-  // If the stop event could not be made, this wait fails, and the service may be gone.
-  if (stop.outcome != Platform::WaitOutcome::TimedOut) {
-    PackageCatalogEventManager::clear_events(&state);
-  }
+  // Without a stop event the service counts as ended, because its end would go unseen.
+  if (PackageCompletion::HasEnded(state.stopEvent)) PackageCatalogEventManager::clear_events(&state);
 }
 
 // Runs once per service object, however often this task runs. Does not wait for the check.

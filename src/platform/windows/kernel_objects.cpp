@@ -1,5 +1,7 @@
 #include "platform/kernel_objects.h"
 
+#include <utility>
+
 #include <windows.h>
 
 #include "platform/windows/capabilities.h"
@@ -47,6 +49,11 @@ class RealKernelObjects final : public KernelObjects {
 KernelObjects& WindowsKernelObjects() {
   static RealKernelObjects objects;
   return objects;
+}
+
+UniqueHandle MakeUnnamedEvent() {
+  auto event = CurrentMachine().kernelObjects->MakeManualEvent({});
+  return event ? *std::move(event) : nullptr;
 }
 
 }  // namespace Vx::Platform
