@@ -12,57 +12,6 @@ namespace {
 
 using State = RegistrationHelper::RegistrationState;
 
-// Keeps the answers, so that an explanation shows what the decision used.
-class Questioner {
- public:
-  explicit Questioner(const ResumeSources& askedSources) : sources(askedSources) {}
-
-  bool SoftwareIsMissing() {
-    return IsMissing(sources.firstSoftware, ResumeQuestion::FirstPreloaded,
-                     ResumeQuestion::FirstInstalled) ||
-           IsMissing(sources.secondSoftware, ResumeQuestion::SecondPreloaded,
-                     ResumeQuestion::SecondInstalled);
-  }
-
-  bool HasBeenInSMode() {
-    return Keep(ResumeQuestion::HasBeenInSMode, sources.mode.HasBeenInSMode());
-  }
-
-  bool IsInSMode() { return Keep(ResumeQuestion::IsInSMode, sources.mode.IsInSMode()); }
-
-  bool SoftwareUsed() {
-    return Keep(ResumeQuestion::SoftwareUsed, sources.softwareUsed.ShouldBeSkipped());
-  }
-
-  bool RegistrationUsed() {
-    return Keep(ResumeQuestion::RegistrationUsed, sources.registrationUsed.ShouldBeSkipped());
-  }
-
-  State Registration() {
-    const State state = sources.registration.GetState();
-    answers.push_back({ResumeQuestion::RegistrationState, static_cast<std::int32_t>(state)});
-    return state;
-  }
-
-  ResumeDecision Settle(ResumeRule rule, QuboStartingPoint startingPoint) {
-    return {startingPoint, rule, std::move(answers)};
-  }
-
- private:
-  bool IsMissing(const Base::SoftwareCheckBehavior& software, ResumeQuestion preloaded,
-                 ResumeQuestion installed) {
-    return Keep(preloaded, software.IsPreloaded()) && !Keep(installed, software.IsInstalled());
-  }
-
-  bool Keep(ResumeQuestion question, bool answer) {
-    answers.push_back({question, answer ? 1 : 0});
-    return answer;
-  }
-
-  const ResumeSources& sources;
-  std::vector<ResumeAnswer> answers;
-};
-
 constexpr std::wstring_view kQuestionTexts[] = {
     L"first preloaded software: preloaded",
     L"first preloaded software: installed",
@@ -92,20 +41,43 @@ static_assert(std::size(kRuleTexts) ==
 }  // namespace
 
 ResumeDecision DecideResume(const ResumeSources& sources) {
-  Questioner ask(sources);
-  if (ask.SoftwareIsMissing() && ask.HasBeenInSMode() && !ask.SoftwareUsed()) {
-    return ask.Settle(ResumeRule::Software, QuboStartingPoint::Software);
+  using Question = ResumeQuestion;
+  // Keeps the answers, so that an explanation shows what the decision used.
+  ResumeDecision decision;
+  const auto keep = [&decision](Question question, bool answer) {
+    decision.answers.push_back({question, answer ? 1 : 0});
+    return answer;
+  };
+  const auto isMissing = [&keep](const Base::SoftwareCheckBehavior& software, Question preloaded,
+                                 Question installed) {
+    return keep(preloaded, software.IsPreloaded()) && !keep(installed, software.IsInstalled());
+  };
+  const auto hasBeenInSMode = [&] {
+    return keep(Question::HasBeenInSMode, sources.mode.HasBeenInSMode());
+  };
+  const auto settle = [&decision](ResumeRule rule, QuboStartingPoint startingPoint) {
+    decision.rule = rule;
+    decision.startingPoint = startingPoint;
+    return std::move(decision);
+  };
+
+  if ((isMissing(sources.firstSoftware, Question::FirstPreloaded, Question::FirstInstalled) ||
+       isMissing(sources.secondSoftware, Question::SecondPreloaded, Question::SecondInstalled)) &&
+      hasBeenInSMode() && !keep(Question::SoftwareUsed, sources.softwareUsed.ShouldBeSkipped())) {
+    return settle(ResumeRule::Software, QuboStartingPoint::Software);
   }
-  if (ask.Registration() != State::SkippedOobe) {
-    return ask.Settle(ResumeRule::RegistrationNotSkipped, QuboStartingPoint::None);
+  const State state = sources.registration.GetState();
+  decision.answers.push_back({Question::RegistrationState, static_cast<std::int32_t>(state)});
+  if (state != State::SkippedOobe) {
+    return settle(ResumeRule::RegistrationNotSkipped, QuboStartingPoint::None);
   }
-  if (!ask.HasBeenInSMode() && !ask.IsInSMode()) {
-    return ask.Settle(ResumeRule::NotInSMode, QuboStartingPoint::None);
+  if (!hasBeenInSMode() && !keep(Question::IsInSMode, sources.mode.IsInSMode())) {
+    return settle(ResumeRule::NotInSMode, QuboStartingPoint::None);
   }
-  if (ask.RegistrationUsed()) {
-    return ask.Settle(ResumeRule::RegistrationUsed, QuboStartingPoint::None);
+  if (keep(Question::RegistrationUsed, sources.registrationUsed.ShouldBeSkipped())) {
+    return settle(ResumeRule::RegistrationUsed, QuboStartingPoint::None);
   }
-  return ask.Settle(ResumeRule::Registration, QuboStartingPoint::Registration);
+  return settle(ResumeRule::Registration, QuboStartingPoint::Registration);
 }
 
 std::vector<std::wstring> Explain(const ResumeDecision& decision) {
