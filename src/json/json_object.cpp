@@ -1,8 +1,8 @@
 #include "json/json_object.h"
 
 #include <algorithm>
+#include <iterator>
 #include <limits>
-#include <utility>
 
 #include "json/json_text.h"
 
@@ -40,21 +40,12 @@ std::wstring_view TextOf(const WideValue& value) {
 }
 
 JsonKind KindOf(const WideValue& value) {
-  switch (value.GetType()) {
-    case rapidjson::kFalseType:
-    case rapidjson::kTrueType:
-      return JsonKind::Boolean;
-    case rapidjson::kObjectType:
-      return JsonKind::Object;
-    case rapidjson::kArrayType:
-      return JsonKind::Array;
-    case rapidjson::kStringType:
-      return JsonKind::String;
-    case rapidjson::kNumberType:
-      return JsonKind::Number;
-    default:
-      return JsonKind::Null;
-  }
+  // In the order of rapidjson::Type.
+  static constexpr JsonKind kKinds[] = {JsonKind::Null,   JsonKind::Boolean, JsonKind::Boolean,
+                                        JsonKind::Object, JsonKind::Array,   JsonKind::String,
+                                        JsonKind::Number};
+  static_assert(std::size(kKinds) == rapidjson::kNumberType + 1);
+  return kKinds[value.GetType()];
 }
 
 std::shared_ptr<const Tree> ParseTree(std::wstring_view text, std::size_t nestingLimit,

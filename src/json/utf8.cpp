@@ -10,21 +10,15 @@ namespace {
 constexpr std::uint32_t kReplacement = 0xFFFD;
 
 void AppendUtf8(std::string& out, std::uint32_t point) {
-  const auto put = [&out](std::uint32_t byte) { out.push_back(static_cast<char>(byte)); };
   if (point < 0x80) {
-    put(point);
-  } else if (point < 0x800) {
-    put(0xC0U | point >> 6U);
-    put(0x80U | (point & 0x3FU));
-  } else if (point < 0x10000) {
-    put(0xE0U | point >> 12U);
-    put(0x80U | (point >> 6U & 0x3FU));
-    put(0x80U | (point & 0x3FU));
-  } else {
-    put(0xF0U | point >> 18U);
-    put(0x80U | (point >> 12U & 0x3FU));
-    put(0x80U | (point >> 6U & 0x3FU));
-    put(0x80U | (point & 0x3FU));
+    out.push_back(static_cast<char>(point));
+    return;
+  }
+  const unsigned trails = point < 0x800 ? 1 : point < 0x10000 ? 2 : 3;
+  static constexpr std::uint32_t kMarks[] = {0, 0xC0, 0xE0, 0xF0};
+  out.push_back(static_cast<char>(kMarks[trails] | point >> 6U * trails));
+  for (unsigned left = trails; left-- > 0;) {
+    out.push_back(static_cast<char>(0x80U | (point >> 6U * left & 0x3FU)));
   }
 }
 

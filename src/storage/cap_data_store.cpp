@@ -30,14 +30,16 @@ constexpr wchar_t kPersistReadFailed[] = L"CapDataStore::persist - failed to rea
 constexpr wchar_t kReadFailed[] = L"CapDataStore::read - File read error";
 constexpr char kReadError[] = "CapDataStore::read - File read error";
 
-// Why the file could not be read.
-constexpr wchar_t kMissing[] = L"CapDataStore - the file is missing";
-constexpr wchar_t kDamaged[] = L"CapDataStore - the file is damaged, error 0x%x";
-constexpr wchar_t kOtherMachine[] =
-    L"CapDataStore - the file was sealed on another machine, error 0x%x";
-constexpr wchar_t kLinked[] = L"CapDataStore - the file is a link or has a second name";
-constexpr wchar_t kTooLarge[] = L"CapDataStore - the file is too large";
-constexpr wchar_t kNotOpened[] = L"CapDataStore - the file could not be opened, error 0x%x";
+// Why the file could not be read, with the error.
+constexpr std::pair<StoreState, const wchar_t*> kUnreadable[] = {
+    {StoreState::Missing, L"CapDataStore - the file is missing"},
+    {StoreState::Damaged, L"CapDataStore - the file is damaged, error 0x%x"},
+    {StoreState::OtherMachine,
+     L"CapDataStore - the file was sealed on another machine, error 0x%x"},
+    {StoreState::Linked, L"CapDataStore - the file is a link or has a second name"},
+    {StoreState::TooLarge, L"CapDataStore - the file is too large"},
+    {StoreState::NotOpened, L"CapDataStore - the file could not be opened, error 0x%x"},
+};
 constexpr wchar_t kCutShort[] = L"CapDataStore - the file is shorter than its header and not new";
 
 // Why a value was not stored.
@@ -181,21 +183,8 @@ void CapDataStore::readForChange() {
 }
 
 void CapDataStore::reportState() const {
-  switch (lastReading.state) {
-    case StoreState::Sound:
-      return;
-    case StoreState::Missing:
-      return Log().LogWarning(kMissing);
-    case StoreState::Damaged:
-      return Log().LogWarning(kDamaged, lastReading.error);
-    case StoreState::OtherMachine:
-      return Log().LogWarning(kOtherMachine, lastReading.error);
-    case StoreState::Linked:
-      return Log().LogWarning(kLinked);
-    case StoreState::TooLarge:
-      return Log().LogWarning(kTooLarge);
-    case StoreState::NotOpened:
-      return Log().LogWarning(kNotOpened, lastReading.error);
+  for (const auto& [state, text] : kUnreadable) {
+    if (state == lastReading.state) Log().LogWarning(text, lastReading.error);
   }
 }
 
