@@ -9,7 +9,6 @@
 
 #include <wbemcli.h>
 
-#include "platform/com.h"
 #include "platform/com_owners.h"
 #include "platform/machine.h"
 #include "platform/runtime/type_name.h"

@@ -1,7 +1,6 @@
 #include "companion/qubo_behaviors.h"
 
 #include <exception>
-#include <utility>
 
 #include "companion/companion_apps.h"
 #include "host/logging.h"

@@ -7,7 +7,6 @@
 #include <utility>
 
 #include "companion/companion_apps.h"
-#include "companion/qubo_behaviors.h"
 #include "companion/software_check_behaviors.h"
 #include "companion/windows_mode.h"
 #include "json/utf8.h"

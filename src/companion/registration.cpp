@@ -10,7 +10,6 @@
 
 #include "companion/text_files.h"
 #include "launch/launcher.h"
-#include "platform/console_user.h"
 #include "platform/thread.h"
 #include "storage/cap_data_store.h"
 

@@ -1,6 +1,5 @@
 #include "companion/software_check_behaviors.h"
 
-#include <cstddef>
 #include <cstdint>
 #include <stdexcept>
 

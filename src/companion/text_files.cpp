@@ -1,10 +1,8 @@
 #include "companion/text_files.h"
 
-#include <cstddef>
 #include <cstdint>
 #include <mutex>
 #include <span>
-#include <utility>
 
 #include "json/text_decoding.h"
 #include "json/utf8.h"

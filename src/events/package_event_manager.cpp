@@ -1,7 +1,6 @@
 #include "events/package_event_manager.h"
 
 #include <algorithm>
-#include <cstdint>
 #include <exception>
 #include <optional>
 #include <utility>

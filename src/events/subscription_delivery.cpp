@@ -3,10 +3,7 @@
 #include <exception>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <new>
-#include <optional>
-#include <string>
 #include <system_error>
 #include <utility>
 
@@ -20,7 +17,6 @@
 #include "platform/system_services.h"
 #include "platform/thread.h"
 #include "platform/windows_runtime_error.h"
-#include "records/record.h"
 #include "records/subscription_hash.h"
 #include "storage/request_manager.h"
 

@@ -1,7 +1,6 @@
 #include "json/text_decoding.h"
 
 #include <cstdint>
-#include <string_view>
 
 #include "json/utf8.h"
 

@@ -1,6 +1,5 @@
 #include "host/uwp_package_model.h"
 
-#include <cstddef>
 #include <new>
 #include <stdexcept>
 #include <string>

@@ -1,8 +1,5 @@
 #include "platform/console_user.h"
 
-#include <cstdint>
-#include <utility>
-
 #include "platform/machine.h"
 #include "platform/runtime/fail_fast.h"
 #include "platform/system_services.h"

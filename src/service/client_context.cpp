@@ -1,6 +1,5 @@
 #include "service/client_context.h"
 
-#include <cstdlib>
 #include <cwchar>
 #include <memory>
 #include <new>

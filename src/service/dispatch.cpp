@@ -6,7 +6,6 @@
 #include <iterator>
 #include <memory>
 #include <new>
-#include <string>
 #include <string_view>
 
 #include "bod/set_born_on_date.h"

@@ -2,7 +2,6 @@
 
 #include <cstdint>
 #include <exception>
-#include <string>
 
 #include "companion/windows_mode.h"
 #include "launch/launch_rules.h"

@@ -1,7 +1,6 @@
 #include "storage/system_mutex.h"
 
 #include <atomic>
-#include <utility>
 
 #include "host/logging.h"
 #include "platform/kernel_objects.h"

@@ -1,7 +1,6 @@
 #include "platform/system_services.h"
 
 #include <limits>
-#include <memory>
 #include <type_traits>
 #include <utility>
 

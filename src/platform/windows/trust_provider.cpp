@@ -1,7 +1,6 @@
 #include "platform/trust_provider.h"
 
 #include <algorithm>
-#include <cstddef>
 #include <iterator>
 #include <memory>
 #include <string_view>

@@ -2,7 +2,6 @@
 
 #include <atomic>
 #include <cstdint>
-#include <string>
 #include <string_view>
 #include <utility>
 
