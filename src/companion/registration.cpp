@@ -32,7 +32,7 @@ constexpr wchar_t kResumeCaller[] = L"Win10SSwitch";
 
 constexpr wchar_t kCopyFailed[] = L"CopyRegistration - failed: %S";
 constexpr wchar_t kTookTooLong[] =
-    L"CopyRegistration - cancelled, because another program blocks %s or %s";
+    L"CopyRegistration - cancelled, because another program holds up %s or %s";
 constexpr wchar_t kStuck[] = L"CopyRegistration - not begun, because an earlier copy hangs";
 
 constexpr std::chrono::seconds kLongestCopy{30};
