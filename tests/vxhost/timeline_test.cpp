@@ -26,7 +26,7 @@ TEST(PageTest, WritesWhatHappenedAndEscapesWhatClientsChoose) {
   RecordEntry decided = Entry(Happening::Log, {});
   decided.log = {.level = L"INFO", .provider = {}, .caller = {}, .message = L"a\nb", .process = 4};
   decided.log.record = {
-      .kind = L"power", .decision = L"dropped", .reason = L"late", .number = 18, .delivery = 7};
+      .kind = L"power", .decision = L"dropped", .reason = L"service_ended", .delivery = 7};
   RecordEntry later = decided;
   later.log.record->kind = L"of a later version";
   const std::string page = TimelinePage(
@@ -43,8 +43,8 @@ TEST(PageTest, WritesWhatHappenedAndEscapesWhatClientsChoose) {
         "\"stored\":[\nnull\n,{\"subscription\":",
         R"("event":"uninstall Maker\u003c","target":"C:\\a")",
         R"("text":2,"thread":0,"level":"INFO","record":{"kind":"power",)",
-        R"("decision":"dropped","tone":"dropped","why":"too late")", R"("delivery":"4.7"}})",
-        R"("text":2,"thread":0,"level":"INFO"})"}) {
+        R"("decision":"dropped","tone":"dropped","why":"the service ended while it waited")",
+        R"("delivery":"4.7"}})", R"("text":2,"thread":0,"level":"INFO"})"}) {
     EXPECT_THAT(page, HasSubstr(wanted));
   }
   for (const char* never : {"alert('1')<", "\x1b", "http://", "https://", "src=", "{{"}) {
