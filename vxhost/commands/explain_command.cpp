@@ -102,10 +102,8 @@ JsonRow AsJson(const Explanation& one) {
 }
 
 int RunExplain(const ModuleOptions& module, const Options& options, Console& console) {
-  if (module.privateStore || module.simulate) {
-    throw std::runtime_error(
-        "explain judges on this machine and with its store, or that of --store");
-  }
+  module.RequireRealMachine(
+      "explain judges on this machine and with its store, or that of --store");
   const Occasion occasion = OccasionOf(options);
   const auto subscriptions = SubscriptionsIn(DocumentOf(LookAtStore(options.limits)));
   const ModulePins pins(module.Path());

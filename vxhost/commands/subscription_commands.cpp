@@ -61,9 +61,7 @@ JsonRow AsJson(const Explanation& one) {
 }
 
 int List(const ModuleOptions& module, const HoldLimits& limits, Console& console) {
-  if (module.privateStore || module.simulate) {
-    throw std::runtime_error("the list is that of the machine's store, or of --store");
-  }
+  module.RequireRealMachine("the list is that of the machine's store, or of --store");
   const auto subscriptions = Stored(limits);
   const ModulePins pins(module.Path());
   if (!console.WritesJson()) {

@@ -50,11 +50,6 @@ struct Options {
   std::vector<std::string> certificates;
 };
 
-void RefuseStores(const ModuleOptions& module, const char* command) {
-  if (!module.simulate && !module.privateStore) return;
-  throw std::runtime_error(std::string(command) + " uses no store and no simulated machine");
-}
-
 // A set of keys, each with its certificate if one is at hand.
 struct ShownSet {
   const wchar_t* name;
@@ -91,7 +86,7 @@ std::vector<JsonRow> JsonOf(const ShownSet& set, const std::vector<Certificate>&
 }
 
 int Pins(const ModuleOptions& module, const Options& options, Console& console) {
-  RefuseStores(module, "pins");
+  module.RequireRealMachine("pins uses no store and no simulated machine");
   const ModulePins pins(module.Path());
   std::vector<Certificate> certificates = CertificatesIn(module.Path());
   for (const std::string& file : options.certificates) {
@@ -114,7 +109,7 @@ int Pins(const ModuleOptions& module, const Options& options, Console& console) 
 }
 
 int Trust(const ModuleOptions& module, const Options& options, Console& console) {
-  RefuseStores(module, "trust");
+  module.RequireRealMachine("trust uses no store and no simulated machine");
   const std::wstring file = FullPathOfFile(options.file);
   const ModulePins pins(module.Path());
   const auto keys = options.general ? pins.General() : pins.Restricted();

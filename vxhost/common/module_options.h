@@ -1,5 +1,6 @@
 #pragma once
 
+#include <stdexcept>
 #include <string>
 
 #include "hosting/text.h"
@@ -15,6 +16,11 @@ struct ModuleOptions {
 
   // Full path of the module: the one beside this program unless --dll names another.
   std::wstring Path() const { return dll.empty() ? DefaultModule() : FullPath(dll); }
+
+  // Throws std::runtime_error with `why` if a store or a machine takes the place of the real one.
+  void RequireRealMachine(const std::string& why) const {
+    if (privateStore || simulate) throw std::runtime_error(why);
+  }
 };
 
 }  // namespace Vx::Host
