@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <initializer_list>
 #include <memory>
 #include <optional>
 #include <stdexcept>
@@ -98,88 +99,63 @@ struct AddOptions {
   HoldLimits limits;
 };
 
+const SubscriptionForm& KindOf(const AddOptions& options) {
+  return options.power ? kPowerForm : options.platform ? kZephraForm : kPackageForm;
+}
+
+std::uint32_t EventOf(const AddOptions& options) {
+  if (options.power) return *options.power;
+  if (options.platform) return *options.platform;
+  return static_cast<std::uint32_t>(options.uninstalled.empty() ? PackageCatalogEvent::Uninstalling
+                                                                : PackageCatalogEvent::Uninstalled);
+}
+
+Json::WideDocument PayloadOf(const AddOptions& options) {
+  constexpr wchar_t kTrigger[] = L"customTriggerGUID";
+  Json::WideDocument payload;
+  if (!Json::ParseJson(payload, TextOrFile(options.payload)) || !payload.IsObject()) {
+    throw std::runtime_error("--payload needs a JSON object");
+  }
+  if (options.trigger.empty()) return payload;
+  if (payload.HasMember(kTrigger)) {
+    throw std::runtime_error("the payload names a trigger already; leave --trigger out");
+  }
+  auto& pool = payload.GetAllocator();
+  payload.AddMember(kTrigger, Json::WideValue(Wide(options.trigger), pool), pool);
+  return payload;
+}
+
 // Composes the text of a subscription.
-class Composer {
- public:
-  explicit Composer(const AddOptions& given) : options(given), pool(request.GetAllocator()) {}
-
-  std::wstring Text() {
-    if (CountOf(options.power) + CountOf(options.platform) + CountOf(options.uninstalling) +
-            CountOf(options.uninstalled) !=
-        1) {
-      throw std::runtime_error("name one of --power, --platform, --uninstalling and --uninstalled");
-    }
-    if (CountOf(options.run) + CountOf(options.send) != 1) {
-      throw std::runtime_error("name one of --run and --send");
-    }
-    request.SetObject();
-    kind = &Kind();
-    Put(request, kind->event, Json::WideValue(Code()));
-    Put(request, kind->action, Json::WideValue(options.run.empty() ? 2 : 1));
-    if (kind->family != nullptr) {
-      PutText(request, kind->family, options.uninstalling + options.uninstalled);
-    }
-    Json::WideValue parameters = options.run.empty() ? Message() : Launch();
-    if (!options.delay.empty()) PutText(parameters, L"delayDeliverySec", options.delay);
-    Put(request, kind->parameters, std::move(parameters));
-    return Json::JsonText(request);
+std::wstring Compose(const AddOptions& options) {
+  const auto count = [](std::initializer_list<bool> given) {
+    return std::ranges::count(given, true);
+  };
+  if (count({options.power.has_value(), options.platform.has_value(), !options.uninstalling.empty(),
+             !options.uninstalled.empty()}) != 1) {
+    throw std::runtime_error("name one of --power, --platform, --uninstalling and --uninstalled");
   }
-
-  std::uint32_t Command() const { return kind->subscribe; }
-
- private:
-  static int CountOf(const std::optional<std::uint32_t>& value) { return value ? 1 : 0; }
-  static int CountOf(const std::string& value) { return value.empty() ? 0 : 1; }
-
-  const SubscriptionForm& Kind() const {
-    return options.power ? kPowerForm : options.platform ? kZephraForm : kPackageForm;
+  const bool launches = !options.run.empty();
+  if (count({launches, !options.send.empty()}) != 1) {
+    throw std::runtime_error("name one of --run and --send");
   }
-
-  std::uint32_t Code() const {
-    if (options.power) return *options.power;
-    if (options.platform) return *options.platform;
-    return static_cast<std::uint32_t>(options.uninstalled.empty()
-                                          ? PackageCatalogEvent::Uninstalling
-                                          : PackageCatalogEvent::Uninstalled);
+  const SubscriptionForm& kind = KindOf(options);
+  JsonRow parameters{};
+  if (launches) {
+    parameters.Add({L"path", options.run});
+    if (!options.arguments.empty()) parameters.Add({L"arguments", options.arguments});
+  } else {
+    parameters.Add({L"packageFamilyName", options.send});
+    parameters.Add({L"appServiceName", options.service});
+    parameters.Add({L"payload", PayloadOf(options)});
   }
-
-  Json::WideValue Launch() {
-    Json::WideValue parameters(rapidjson::kObjectType);
-    PutText(parameters, L"path", options.run);
-    if (!options.arguments.empty()) PutText(parameters, L"arguments", options.arguments);
-    return parameters;
+  if (!options.delay.empty()) parameters.Add({L"delayDeliverySec", options.delay});
+  JsonRow request{{kind.event, EventOf(options)}, {kind.action, launches ? 1 : 2}};
+  if (kind.family != nullptr) {
+    request.Add({kind.family, options.uninstalling + options.uninstalled});
   }
-
-  Json::WideValue Message() {
-    Json::WideDocument payload;
-    if (!Json::ParseJson(payload, TextOrFile(options.payload)) || !payload.IsObject()) {
-      throw std::runtime_error("--payload needs a JSON object");
-    }
-    Json::WideValue copy;
-    copy.CopyFrom(payload, pool);
-    if (!options.trigger.empty() && copy.HasMember(L"customTriggerGUID")) {
-      throw std::runtime_error("the payload names a trigger already; leave --trigger out");
-    }
-    if (!options.trigger.empty()) PutText(copy, L"customTriggerGUID", options.trigger);
-    Json::WideValue parameters(rapidjson::kObjectType);
-    PutText(parameters, L"packageFamilyName", options.send);
-    PutText(parameters, L"appServiceName", options.service);
-    Put(parameters, L"payload", std::move(copy));
-    return parameters;
-  }
-
-  void Put(Json::WideValue& object, const wchar_t* key, Json::WideValue&& value) {
-    object.AddMember(Json::WideValue(key, pool), value, pool);
-  }
-  void PutText(Json::WideValue& object, const wchar_t* key, const std::string& text) {
-    Put(object, key, Json::WideValue(Wide(text), pool));
-  }
-
-  const AddOptions& options;
-  Json::WideDocument request;
-  Json::WidePool& pool;
-  const SubscriptionForm* kind = nullptr;
-};
+  request.Add({kind.parameters, parameters});
+  return request.Text();
+}
 
 // Writes what was added or removed. Returns the exit code.
 int Report(const wchar_t* done, const std::wstring& text, bool succeeded, Console& console) {
@@ -195,8 +171,7 @@ int Report(const wchar_t* done, const std::wstring& text, bool succeeded, Consol
 }
 
 int Add(const ModuleOptions& module, const AddOptions& options, Console& console) {
-  Composer composer(options);
-  const std::wstring text = composer.Text();
+  const std::wstring text = Compose(options);
   const SubscriptionCheck check =
       CheckSubscription(text, module.simulate ? Tessel::Security::BuiltRestrictedKeys()
                                               : ModulePins(module.Path()).Restricted());
@@ -209,7 +184,7 @@ int Add(const ModuleOptions& module, const AddOptions& options, Console& console
   const std::size_t before = Stored(options.limits).size();
   const auto harness = MakeHarness(module, console);
   const CommandResult answer =
-      harness->Open().session.Execute(composer.Command(), text, Wide(options.caller));
+      harness->Open().session.Execute(KindOf(options).subscribe, text, Wide(options.caller));
   const bool added = answer.code == 0 && Stored(options.limits).size() > before;
   return Report(L"added", text, added, console);
 }
