@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <filesystem>
+#include <iterator>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -13,12 +14,13 @@
 #include <windows.h>
 
 #include "hosting/text.h"
+#include "servicehost/guarded_folder.h"
 #include "servicehost/host_loop.h"
 #include "servicehost/log_folder.h"
 #include "servicehost/pipe_server.h"
 #include "servicehost/power_notifications.h"
 #include "servicehost/service_log.h"
-#include "vxhost/commands/service_setup_command.h"
+#include "servicehost/service_process.h"
 #include "vxhost/service/service_manager.h"
 
 namespace Vx::Host {
@@ -31,6 +33,13 @@ struct RunOptions {
   std::vector<std::string> allowed;
   int seconds = 0;
 };
+
+std::vector<std::wstring> WideAll(const std::vector<std::string>& texts) {
+  std::vector<std::wstring> wide;
+  wide.reserve(texts.size());
+  for (const std::string& text : texts) wide.push_back(Wide(text));
+  return wide;
+}
 
 // Shows the records on the console.
 class ConsoleTarget final : public LogTarget {
@@ -63,12 +72,10 @@ BOOL WINAPI StopOnCtrlC(DWORD /*kind*/) {
 }
 
 int RunService(const ModuleOptions& module, const RunOptions& options, Console& console) {
-  if (module.simulate || module.privateStore) {
-    throw std::runtime_error("service run uses the module and the store of the machine");
-  }
+  module.RequireRealMachine("service run uses the module and the store of the machine");
   PipeOptions pipe;
   pipe.path = PipePath(Wide(options.name));
-  for (const std::string& sid : options.allowed) pipe.allowed.push_back(Wide(sid));
+  pipe.allowed = WideAll(options.allowed);
   // The module begins to work as soon as it is loaded, and every fault is better found before.
   CheckSids(pipe.allowed);
   if (!options.log.empty() && !std::filesystem::is_directory(FullPath(options.log))) {
@@ -102,6 +109,214 @@ constexpr char kRunFooter[] =
     "Clients send commands over the pipe \\\\.\\pipe\\VxHost-NAME, see docs/host.md, for example\n"
     "vxhost exec 22 --service=NAME --process PID.\n"
     "  vxhost service run --log C:\\Logs";
+
+// Commands that install, control and remove the service.
+struct InstallOptions {
+  std::string name = kDefaultServiceName;
+  std::string start = "auto";
+  std::vector<std::string> allowed;
+  bool repair = false;
+  bool replace = false;
+  bool development = false;
+};
+
+struct SendOptions {
+  std::string name = kDefaultServiceName;
+  std::vector<std::uint32_t> power;
+  std::vector<std::uint32_t> sessions;
+};
+
+std::wstring CheckedName(const std::string& name) {
+  if (!IsServiceName(Wide(name))) {
+    throw std::runtime_error(
+        "a service's name has 1 to 64 letters, digits, dots, hyphens and "
+        "underscores");
+  }
+  return Wide(name);
+}
+
+// The program of the service, beside this one.
+std::wstring HostProgram() {
+  const std::wstring tool = OwnPath();
+  return FullPathOfFile(Utf8(tool.substr(0, tool.rfind(L'\\') + 1)) + "OrvaneHost.exe");
+}
+
+int Install(const ModuleOptions& module, const InstallOptions& options, Console& console) {
+  module.RequireRealMachine("a service uses the module and the store of the machine");
+  ServicePlan plan;
+  plan.name = CheckedName(options.name);
+  plan.program = HostProgram();
+  plan.module = module.Path();
+  plan.start = options.start == "auto" ? ServicePlan::Start::Automatic : ServicePlan::Start::Demand;
+  plan.allowed = WideAll(options.allowed);
+  plan.development = options.development;
+  plan.replaces = options.replace;
+  CheckSids(plan.allowed);
+  const Writers accepted = options.development ? Writers::Account : Writers::System;
+  for (const std::wstring& file : {plan.program, plan.module}) {
+    if (const std::string why = WhyUnguarded(file, accepted); !why.empty()) {
+      throw std::runtime_error(why +
+                               ";\nit could replace what runs as SYSTEM. Install into a "
+                               "folder that only administrators write to");
+    }
+  }
+  const auto existing =
+      options.repair ? DataFolders::Existing::Repair : DataFolders::Existing::Report;
+  for (const std::string& folder : DataFolders(ProgramDataFolder(), accepted).Prepare(existing)) {
+    console.Line("repaired: " + folder);
+  }
+  for (const std::string& unknown : ServiceManager().Install(plan)) {
+    console.Line("this system does not know, so the service has not: " + unknown);
+  }
+  for (const std::string& sid : options.allowed) {
+    console.Line("warning: " + sid +
+                 " may now start any trusted program as SYSTEM, with its own arguments");
+  }
+  if (options.development) {
+    console.Line(
+        "warning: a service for development. The account that installs can replace what "
+        "runs as SYSTEM, and users at the machine can send it events");
+  }
+  console.Line(options.name + " is installed");
+  return kDone;
+}
+
+std::wstring NameOf(std::uint32_t state) {
+  // In the order of SERVICE_STOPPED, which is 1, and the states after it.
+  static constexpr const wchar_t* kNames[] = {L"stopped", L"starting", L"stopping", L"running"};
+  return state - 1 < std::size(kNames) ? kNames[state - 1] : L"other";
+}
+
+int Status(const std::string& name, Console& console) {
+  const std::wstring wide = CheckedName(name);
+  const auto report = ServiceManager().Query(wide);
+  const std::wstring state = report ? NameOf(report->state) : L"not installed";
+  JsonRow row{{L"name", wide}, {L"state", state}};
+  std::string text = name + ": " + Utf8(state);
+  if (report) {
+    const std::string start = report->automatic ? "auto" : "demand";
+    row.Add({L"process", report->process});
+    row.Add({L"exitCode", report->exitCode});
+    row.Add({L"start", start});
+    row.Add({L"account", report->account});
+    row.Add({L"image", report->image});
+    if (!report->options.module.empty()) row.Add({L"module", report->options.module});
+    row.Add({L"allow", report->options.allowed});
+    row.Add({L"development", report->options.development});
+    row.Add({L"pipe", PipePath(wide)});
+    if (report->process != 0) text += ", process " + std::to_string(report->process);
+    if (report->exitCode != 0) text += ", error " + std::to_string(report->exitCode);
+    text += "\n  start:   " + start + "\n  account: " + Utf8(report->account) +
+            "\n  image:   " + Utf8(report->image) + "\n  module:  " + Utf8(report->options.module) +
+            "\n  pipe:    " + Utf8(PipePath(wide));
+    for (const std::wstring& sid : report->options.allowed) text += "\n  allow:   " + Utf8(sid);
+    if (report->options.development) text += "\n  for development";
+  }
+  if (console.WritesJson()) {
+    console.JsonResult(row);
+  } else {
+    console.Lines(text);
+  }
+  return report && report->state == SERVICE_RUNNING ? kDone : kNotMet;
+}
+
+int Send(const SendOptions& options, Console& console) {
+  if (options.power.empty() && options.sessions.empty()) {
+    throw std::runtime_error("no event to send: name one with --power or --session");
+  }
+  ServiceManager manager;
+  const std::wstring name = CheckedName(options.name);
+  for (const std::uint32_t code : options.power) {
+    console.Line("-> power event " + std::to_string(code));
+    manager.Send(name, PowerControl(code));
+  }
+  for (const std::uint32_t code : options.sessions) {
+    console.Line("-> session change " + std::to_string(code));
+    manager.Send(name, SessionControl(code));
+  }
+  return kDone;
+}
+
+constexpr char kInstallFooter[] =
+    "Needs administrator rights. Makes %ProgramData%\\Vx with its folders, which users cannot\n"
+    "write to. Refuses where another account may write to the folder of this tool or of the\n"
+    "module, or to %ProgramData%\\Vx. The service is OrvaneHost.exe, which lies beside this tool,\n"
+    "and runs as LocalSystem.\n"
+    "  vxhost service install --start demand\n"
+    "  vxhost --dll \"C:\\Program Files\\Vx\\OrvaneService.dll\" service install";
+constexpr char kNameFooter[] = "Needs administrator rights, and waits until it is done.";
+constexpr char kStatusFooter[] =
+    "Exit code 0 for a service that runs, else 1.\n"
+    "  vxhost service status --json";
+constexpr char kSendFooter[] =
+    "Only for a service that was installed with --development. Codes of 0 to 63.\n"
+    "  vxhost service send --power 7";
+
+void AddInstall(CommandLine& line, CLI::App& group) {
+  const auto options = std::make_shared<InstallOptions>();
+  CLI::App& install = line.Add(
+      group, "install", "install the module as a Windows service", kInstallFooter,
+      [&line, options](Console& console) { return Install(line.Module(), *options, console); });
+  install.add_option("--name", options->name, "its name")->capture_default_str();
+  install.add_option("--start", options->start, "auto (delayed) or demand")
+      ->check(CLI::IsMember({"auto", "demand"}))
+      ->capture_default_str();
+  install.add_option("--allow", options->allowed,
+                     "a further account for its pipe, as SID: it may then start every trusted\n"
+                     "program as SYSTEM, with its own arguments");
+  install.add_flag("--repair", options->repair,
+                   "take the right to write to an existing %ProgramData%\\Vx from users");
+  install.add_flag("--replace", options->replace,
+                   "give an installed service of this name these files and options; it uses them\n"
+                   "from its next start on");
+  install.add_flag("--development", options->development,
+                   "accept folders of the account that installs, and events of \"service send\";\n"
+                   "never on a machine that others use");
+  line.UseModule(install);
+}
+
+void AddSetup(CommandLine& line, CLI::App& group) {
+  AddInstall(line, group);
+  const struct {
+    const char* name;
+    const char* about;
+    void (ServiceManager::*act)(const std::wstring&);
+    const char* done;
+  } kActions[] = {
+      {"start", "start the installed service", &ServiceManager::Start, " runs"},
+      {"stop", "stop the service", &ServiceManager::Stop, " has stopped"},
+      {"remove", "remove the stopped service; its data stays", &ServiceManager::Remove,
+       " is removed"},
+  };
+  for (const auto& action : kActions) {
+    const auto name = std::make_shared<std::string>(kDefaultServiceName);
+    CLI::App& command =
+        line.Add(group, action.name, action.about, kNameFooter, [name, action](Console& console) {
+          ServiceManager manager;
+          (manager.*action.act)(CheckedName(*name));
+          console.Line(*name + action.done);
+          return kDone;
+        });
+    command.add_option("--name", *name, "its name")->capture_default_str();
+  }
+
+  const auto queried = std::make_shared<std::string>(kDefaultServiceName);
+  CLI::App& status = line.Add(group, "status", "whether the service runs", kStatusFooter,
+                              [queried](Console& console) { return Status(*queried, console); });
+  status.add_option("--name", *queried, "its name")->capture_default_str();
+  line.OfferJson(status);
+
+  const auto send = std::make_shared<SendOptions>();
+  CLI::App& sending =
+      line.Add(group, "send", "send events to a service under development", kSendFooter,
+               [send](Console& console) { return Send(*send, console); });
+  sending.add_option("--name", send->name, "its name")->capture_default_str();
+  sending.add_option("--power", send->power, "power broadcast codes (PBT_)")
+      ->check(CLI::Range(0, 63));
+  sending.add_option("--session", send->sessions, "session change codes (WTS_SESSION_)")
+      ->check(CLI::Range(0, 63));
+}
+
 }  // namespace
 
 void AddServiceCommands(CommandLine& line) {
@@ -120,7 +335,7 @@ void AddServiceCommands(CommandLine& line) {
       ->check(CLI::Range(0, kLongestSeconds));
   line.UseModule(running);
 
-  AddServiceSetupCommands(line, group);
+  AddSetup(line, group);
 }
 
 }  // namespace Vx::Host
