@@ -4,9 +4,8 @@
 #include <utility>
 
 #include "hosting/text.h"
-#include "storage/bson_document.h"
 #include "storage/cap_data_store.h"
-#include "vxhost/play/machine_steps.h"
+#include "vxhost/store/store_content.h"
 
 namespace Vx::Host {
 
@@ -15,6 +14,7 @@ namespace {
 using Json::WideValue;
 using Tessel::Server::Storage::BsonDocument;
 using Tessel::Server::Storage::BsonElement;
+using Tessel::Server::Storage::BsonKind;
 using Tessel::Server::Storage::CapDataStore;
 
 // An integer becomes an int32 if it fits, otherwise an int64.
@@ -33,14 +33,11 @@ BsonElement PlainElement(const WideValue& value, const Definitions& definitions)
 BsonElement TypedElement(const std::string& key, const WideValue& member) {
   const WideValue* type = member.IsObject() ? FindMember(member, L"type") : nullptr;
   const WideValue* value = member.IsObject() ? FindMember(member, L"value") : nullptr;
-  const std::wstring kind = type != nullptr && type->IsString() ? TextOf(*type) : L"";
-  if (kind == L"null") return BsonElement();
+  const BsonKind kind = KindNamed(type != nullptr && type->IsString() ? TextOf(*type) : L"");
+  if (kind == BsonKind::Null) return BsonElement();
   if (value != nullptr) {
-    if (kind == L"text" && value->IsString()) return BsonElement::Text(TextOf(*value));
-    if (kind == L"bool" && value->IsBool()) return BsonElement::Boolean(value->GetBool());
-    if (kind == L"int32" && value->IsInt()) return BsonElement::Int32(value->GetInt());
-    if (kind == L"int64" && value->IsInt64()) return BsonElement::Int64(value->GetInt64());
-    if (kind == L"document" && value->IsObject()) {
+    if (auto scalar = ScalarOf(kind, *value)) return *std::move(scalar);
+    if (kind == BsonKind::Document && value->IsObject()) {
       BsonDocument document;
       for (auto inner = value->MemberBegin(); inner != value->MemberEnd(); ++inner) {
         const std::string name = Utf8(inner->name.GetString());

@@ -1,7 +1,8 @@
 #include "vxhost/store/store_content.h"
 
+#include <algorithm>
 #include <cstdint>
-#include <optional>
+#include <iterator>
 
 #include "hosting/text.h"
 #include "json/utf8.h"
@@ -17,33 +18,25 @@ using namespace Tessel::Server::Services::Orvane;
 using Json::WideDocument;
 using Json::WideValue;
 using Tessel::Server::Storage::BsonDocument;
+using Tessel::Server::Storage::BsonElement;
 using Tessel::Server::Storage::BsonKind;
 using Tessel::Server::Storage::BsonView;
 
 // The writer of a document chooses its depth. Only the size of deeper documents is shown.
 constexpr int kShownLevels = 32;
 
+constexpr struct {
+  BsonKind kind;
+  const wchar_t* name;
+} kKinds[] = {
+    {BsonKind::Double, L"double"}, {BsonKind::String, L"text"},  {BsonKind::Document, L"document"},
+    {BsonKind::Binary, L"binary"}, {BsonKind::Boolean, L"bool"}, {BsonKind::Null, L"null"},
+    {BsonKind::Int32, L"int32"},   {BsonKind::Int64, L"int64"},
+};
+
 const wchar_t* KindName(BsonKind kind) {
-  switch (kind) {
-    case BsonKind::Double:
-      return L"double";
-    case BsonKind::String:
-      return L"text";
-    case BsonKind::Document:
-      return L"document";
-    case BsonKind::Binary:
-      return L"binary";
-    case BsonKind::Boolean:
-      return L"bool";
-    case BsonKind::Null:
-      return L"null";
-    case BsonKind::Int32:
-      return L"int32";
-    case BsonKind::Int64:
-      return L"int64";
-    default:
-      return L"other";
-  }
+  const auto* row = std::ranges::find(kKinds, kind, [](const auto& known) { return known.kind; });
+  return row == std::end(kKinds) ? L"other" : row->name;
 }
 
 // A document as JSON: each member becomes an object with its type and its value, or its size in
@@ -101,6 +94,19 @@ class StoreWriter {
 };
 
 }  // namespace
+
+std::optional<BsonElement> ScalarOf(BsonKind kind, const WideValue& value) {
+  if (kind == BsonKind::String && value.IsString()) return BsonElement::Text(TextOf(value));
+  if (kind == BsonKind::Boolean && value.IsBool()) return BsonElement::Boolean(value.GetBool());
+  if (kind == BsonKind::Int32 && value.IsInt()) return BsonElement::Int32(value.GetInt());
+  if (kind == BsonKind::Int64 && value.IsInt64()) return BsonElement::Int64(value.GetInt64());
+  return std::nullopt;
+}
+
+BsonKind KindNamed(const std::wstring& name) {
+  const auto* row = std::ranges::find(kKinds, name, [](const auto& known) { return known.name; });
+  return row == std::end(kKinds) ? BsonKind{} : row->kind;
+}
 
 WideDocument StoreContent(const StoreLook& look, ShownValues shown, std::size_t& left) {
   const BsonDocument stored = DocumentOf(look);

@@ -7,7 +7,6 @@
 #include <optional>
 #include <span>
 #include <stdexcept>
-#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -19,6 +18,7 @@
 #include "platform/system_services.h"
 #include "storage/cap_data_store.h"
 #include "storage/service_document.h"
+#include "vxhost/store/store_content.h"
 #include "vxhost/subscriptions/stored_subscriptions.h"
 
 namespace Vx::Host {
@@ -110,20 +110,6 @@ std::wstring Keep(const StoreLook& look) {
   return path;
 }
 
-std::optional<BsonElement> ElementOf(const OwnValue& own, const Json::WideValue& member) {
-  if (!member.IsObject()) return std::nullopt;
-  const Json::WideValue* found = FindMember(member, L"value");
-  if (found == nullptr) return std::nullopt;
-  const Json::WideValue& value = *found;
-  if (own.kind == BsonKind::String && value.IsString()) {
-    return BsonElement::Text(std::wstring_view(value.GetString(), value.GetStringLength()));
-  }
-  if (own.kind == BsonKind::Boolean && value.IsBool()) return BsonElement::Boolean(value.GetBool());
-  if (own.kind == BsonKind::Int32 && value.IsInt()) return BsonElement::Int32(value.GetInt());
-  if (own.kind == BsonKind::Int64 && value.IsInt64()) return BsonElement::Int64(value.GetInt64());
-  return std::nullopt;
-}
-
 struct ImportedValue {
   const OwnValue* own;
   BsonElement element;
@@ -136,7 +122,8 @@ void Collect(const Json::WideValue& members, bool inDocument, std::vector<Import
     if (own == nullptr) {
       throw std::runtime_error("nothing is imported: " + key + " is not a value of this module");
     }
-    auto element = ElementOf(*own, member->value);
+    const auto* value = member->value.IsObject() ? FindMember(member->value, L"value") : nullptr;
+    auto element = value == nullptr ? std::nullopt : ScalarOf(own->kind, *value);
     if (!element) throw std::runtime_error("nothing is imported: " + key + " has another type");
     values.push_back({own, *std::move(element)});
   }
