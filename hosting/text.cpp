@@ -210,6 +210,18 @@ std::wstring TextOf(const Json::WideValue& text) {
   return {text.GetString(), text.GetStringLength()};
 }
 
+bool IsHexDigit(wchar_t unit) {
+  return (unit >= L'0' && unit <= L'9') || (unit >= L'a' && unit <= L'f') ||
+         (unit >= L'A' && unit <= L'F');
+}
+
+bool IsUuid(std::wstring_view text) {
+  constexpr std::wstring_view kForm = L"00000000-0000-0000-0000-000000000000";
+  return std::ranges::equal(text, kForm, [](wchar_t have, wchar_t form) {
+    return form == L'-' ? have == L'-' : IsHexDigit(have);
+  });
+}
+
 const Json::WideValue* FindMember(const Json::WideValue& object, const std::wstring& name) {
   const auto found = object.FindMember(name.c_str());
   return found == object.MemberEnd() ? nullptr : &found->value;

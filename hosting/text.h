@@ -71,6 +71,12 @@ std::wstring Quoted(const std::wstring& text);
 // The text of a JSON string.
 std::wstring TextOf(const Json::WideValue& text);
 
+// Whether `unit` is one of 0-9, a-f and A-F.
+bool IsHexDigit(wchar_t unit);
+
+// Whether `text` is a UUID in its usual form, without braces.
+bool IsUuid(std::wstring_view text);
+
 // Returns the first member of a JSON object with exactly this name, or null.
 const Json::WideValue* FindMember(const Json::WideValue& object, const std::wstring& name);
 

@@ -77,10 +77,7 @@ std::string Closest(const std::wstring& key, std::span<const PartRule> rules,
 
 bool IsHex(std::wstring_view text) {
   if (text.rfind(L"0x", 0) == 0) text.remove_prefix(2);
-  return !text.empty() && text.size() <= 8 &&
-         std::all_of(text.begin(), text.end(), [](wchar_t digit) {
-           return digit < 0x80 && std::iswxdigit(static_cast<wint_t>(digit)) != 0;
-         });
+  return !text.empty() && text.size() <= 8 && std::ranges::all_of(text, &IsHexDigit);
 }
 
 // What a value of each form is, and what is wanted instead of one that is not.

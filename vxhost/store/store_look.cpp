@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <stdexcept>
 
+#include "hosting/text.h"
 #include "platform/file_handle.h"
 #include "platform/files.h"
 #include "platform/machine.h"
@@ -26,16 +27,6 @@ std::string Hexadecimal(std::uint32_t error) {
   return text;
 }
 
-// Whether a header holds the text of a UUID.
-bool IsIdentity(const std::wstring& id) {
-  constexpr std::wstring_view kForm = L"00000000-0000-0000-0000-000000000000";
-  return std::ranges::equal(id, kForm, [](wchar_t have, wchar_t form) {
-    if (form == L'-') return have == L'-';
-    return (have >= L'0' && have <= L'9') || (have >= L'a' && have <= L'f') ||
-           (have >= L'A' && have <= L'F');
-  });
-}
-
 bool IsForeign(const std::wstring& path) {
   const auto file = Platform::CurrentMachine().files->Open(path, Platform::FileUse::Inspect);
   if (!file) return false;
@@ -53,7 +44,7 @@ StoreVerdict DiagnoseContent(const SealedFile::Reading& reading) {
   if (reading.cutShort) {
     return {"cut short", "cut short: " + size + ", where the header alone has 72"};
   }
-  if (!reading.id.empty() && !IsIdentity(reading.id)) {
+  if (!reading.id.empty() && !IsUuid(reading.id)) {
     return {"foreign",
             "not a store: its first 72 bytes are not an identity, so another program "
             "wrote it"};

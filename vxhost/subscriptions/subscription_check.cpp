@@ -1,11 +1,9 @@
 #include "vxhost/subscriptions/subscription_check.h"
 
 #include <algorithm>
-#include <cwctype>
 #include <exception>
 #include <optional>
 #include <set>
-#include <string_view>
 
 #include "events/delivery_rules.h"
 #include "events/event_commands.h"
@@ -43,31 +41,21 @@ constexpr auto kChanged = static_cast<std::int32_t>(0x80096010);  // TRUST_E_BAD
 constexpr wchar_t kPinnedSignature[] =
     L"a signature with a restricted key, as vxhost pins lists them";
 
-// What a member has to be.
+// What a member has to be, and the names and tests of that in the same order.
 enum class Shape { Number, Text, Object };
+constexpr struct {
+  const wchar_t* name;
+  bool (WideValue::*holds)() const;
+} kShapes[] = {{L"a number", &WideValue::IsNumber},
+               {L"a text", &WideValue::IsString},
+               {L"an object", &WideValue::IsObject}};
 
 const wchar_t* NameOf(Shape shape) {
-  switch (shape) {
-    case Shape::Number:
-      return L"a number";
-    case Shape::Text:
-      return L"a text";
-    case Shape::Object:
-      return L"an object";
-  }
-  return L"";
+  return kShapes[static_cast<std::size_t>(shape)].name;
 }
 
 bool HasShape(const WideValue& value, Shape shape) {
-  switch (shape) {
-    case Shape::Number:
-      return value.IsNumber();
-    case Shape::Text:
-      return value.IsString();
-    case Shape::Object:
-      return value.IsObject();
-  }
-  return false;
+  return (value.*kShapes[static_cast<std::size_t>(shape)].holds)();
 }
 
 std::wstring NameOfKind(const WideValue& value) {
@@ -82,17 +70,6 @@ std::wstring Shown(const WideValue& value) {
   if (value.IsObject()) return L"{...}";
   if (value.IsArray()) return L"[...]";
   return Shortened(Json::JsonText(value));
-}
-
-std::wstring Quoted(const std::wstring& text) {
-  WideValue value;
-  value.SetString(rapidjson::GenericStringRef<wchar_t>(
-      text.c_str(), static_cast<rapidjson::SizeType>(text.size())));
-  return Json::JsonText(value);
-}
-
-std::wstring Name(const WideValue& text) {
-  return {text.GetString(), text.GetStringLength()};
 }
 
 // Judges one request. Each member is asked for before the next, so that the findings follow it.
@@ -120,7 +97,7 @@ class Checker {
     }
     if (kind->family != nullptr) {
       const WideValue* family = Take(level, kind->family, Shape::Text, Need::Required);
-      if (family != nullptr) CheckFamily(kind->family, Name(*family), Verdict::Never);
+      if (family != nullptr) CheckFamily(kind->family, TextOf(*family), Verdict::Never);
     }
     const WideValue* params = Take(level, kind->parameters, Shape::Object, Need::Required);
     if (params != nullptr) {
@@ -184,7 +161,7 @@ class Checker {
     // The kind that was probably meant names its faults better than a list of all kinds.
     for (const SubscriptionForm* kind : kSubscriptionForms) {
       for (auto member = request.MemberBegin(); member < request.MemberEnd(); ++member) {
-        const std::wstring name = Name(member->name);
+        const std::wstring name = TextOf(member->name);
         if (Tessel::Security::SameIgnoringCase(name, kind->event) ||
             IsProbablyMeant(name, kind->event)) {
           return kind;
@@ -209,7 +186,7 @@ class Checker {
     std::wstring wanted = NameOf(shape);
     if (shape == Shape::Text && value->IsNumber()) wanted = Quoted(Json::JsonText(*value));
     if (shape == Shape::Number && value->IsString()) {
-      if (const auto number = LeadingInteger(Name(*value))) wanted = std::to_wstring(*number);
+      if (const auto number = LeadingInteger(TextOf(*value))) wanted = std::to_wstring(*number);
     }
     const std::wstring text = NameOfKind(*value) + L", but the module wants " + NameOf(shape);
     if (need != Need::Optional) {
@@ -225,7 +202,7 @@ class Checker {
     const std::wstring key = level.prefix + name;
     if (need == Need::Required) readable = false;
     for (auto member = level.object.MemberBegin(); member < level.object.MemberEnd(); ++member) {
-      const std::wstring written = Name(member->name);
+      const std::wstring written = TextOf(member->name);
       const bool otherCase = Tessel::Security::SameIgnoringCase(written, name);
       if (!otherCase && !IsProbablyMeant(written, name)) continue;
       level.asked.insert(written);
@@ -242,7 +219,7 @@ class Checker {
   void Leftovers(const Level& level) {
     std::set<std::wstring> seen;
     for (auto member = level.object.MemberBegin(); member < level.object.MemberEnd(); ++member) {
-      const std::wstring name = Name(member->name);
+      const std::wstring name = TextOf(member->name);
       if (!seen.insert(name).second) {
         Hint(level.prefix + name, Shown(member->value), L"the member once",
              L"is there twice, and the first counts");
@@ -304,7 +281,7 @@ class Checker {
     const WideValue* value = Take(level, kDelay, Shape::Text, Need::Typed);
     if (value == nullptr) return;
     const std::wstring key = level.prefix + kDelay;
-    const std::wstring text = Name(*value);
+    const std::wstring text = TextOf(*value);
     if (kind.family != nullptr) {
       Hint(key, Shown(*value), L"no such member", L"package subscriptions run without a delay");
       return;
@@ -332,7 +309,7 @@ class Checker {
 
   void CheckLaunch(Level& level) {
     const WideValue* path = Take(level, L"path", Shape::Text, Need::Required);
-    if (path != nullptr) CheckProgram(level.prefix + L"path", Name(*path));
+    if (path != nullptr) CheckProgram(level.prefix + L"path", TextOf(*path));
     Take(level, L"arguments", Shape::Text, Need::Optional);
   }
 
@@ -354,7 +331,7 @@ class Checker {
     const WideValue* service = Take(level, L"appServiceName", Shape::Text, Need::Required);
     if (raises) return;  // then no message is sent
     if (family != nullptr) {
-      CheckFamily(level.prefix + L"packageFamilyName", Name(*family), Verdict::Never);
+      CheckFamily(level.prefix + L"packageFamilyName", TextOf(*family), Verdict::Never);
     }
     if (service != nullptr && service->GetStringLength() == 0) {
       Never(level.prefix + L"appServiceName", L"\"\"", L"the app service's name", L"is empty");
@@ -362,16 +339,10 @@ class Checker {
   }
 
   void CheckTrigger(const std::wstring& key, const WideValue& value) {
-    constexpr std::wstring_view kForm = L"{00000000-0000-0000-0000-000000000000}";
-    std::wstring text = Name(value);
-    const bool braced = text.size() == kForm.size();
-    if (!braced) text = L"{" + text + L"}";
-    const bool matches =
-        text.size() == kForm.size() &&
-        std::equal(text.begin(), text.end(), kForm.begin(), [](wchar_t have, wchar_t form) {
-          return form == L'0' ? have < 0x80 && std::iswxdigit(have) != 0 : have == form;
-        });
-    if (matches) {
+    std::wstring text = TextOf(value);
+    // The braces may be left out.
+    if (text.starts_with(L'{') && text.ends_with(L'}')) text = text.substr(1, text.size() - 2);
+    if (IsUuid(text)) {
       Good(key, L"raises the trigger and sends no message");
     } else {
       Never(key, Shown(value), L"a GUID, such as \"{01234567-89ab-cdef-0123-456789abcdef}\"",
