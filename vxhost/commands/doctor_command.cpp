@@ -16,8 +16,6 @@
 #include "companion/companion_apps.h"
 #include "hosting/store_hold.h"
 #include "hosting/text.h"
-#include "json/json_object.h"
-#include "json/json_text.h"
 #include "launch/session_launch.h"
 #include "platform/clock.h"
 #include "platform/console_user.h"
@@ -26,7 +24,6 @@
 #include "platform/packages.h"
 #include "platform/processes.h"
 #include "platform/system_services.h"
-#include "platform/windows_runtime_error.h"
 #include "security/file_trust.h"
 #include "security/pinned_keys.h"
 #include "servicehost/guarded_folder.h"
@@ -35,6 +32,7 @@
 #include "servicehost/service_log.h"
 #include "simulator/simulated_machine.h"
 #include "storage/cap_data_store.h"
+#include "vxhost/log/history.h"
 #include "vxhost/store/store_look.h"
 #include "vxhost/subscriptions/certificates.h"
 #include "vxhost/subscriptions/module_pins.h"
@@ -264,17 +262,20 @@ Check Firmware() {
       L"the maker's WMI provider", L"a machine of another maker keeps no born-on date");
 }
 
+// A part of Windows that is there or not.
+Check Part(const char* what, bool present, const wchar_t* advice) {
+  return MakeCheck(what, present, present ? L"present" : L"absent", L"present", advice);
+}
+
 Check SessionPart() {
-  const bool present = Machine().apiSets->IsPresent(Platform::kSessionApiSet);
-  return MakeCheck("session functions", present, present ? L"present" : L"absent", L"present",
-                   L"this edition has no interactive users: nothing is started for them");
+  return Part("session functions", Machine().apiSets->IsPresent(Platform::kSessionApiSet),
+              L"this edition has no interactive users: nothing is started for them");
 }
 
 Check Triggers() {
-  const bool present =
-      GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "RtlRaiseCustomSystemEventTrigger") != nullptr;
-  return MakeCheck(
-      "custom triggers", present, present ? L"present" : L"absent", L"present",
+  return Part(
+      "custom triggers",
+      GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "RtlRaiseCustomSystemEventTrigger") != nullptr,
       L"this Windows raises no custom triggers: subscriptions with one only log a status");
 }
 
@@ -289,18 +290,14 @@ void CountPowerEvents(const std::filesystem::path& path, PowerEvents& events) {
   std::ifstream file(path, std::ios::binary);
   for (std::string line; std::getline(file, line);) {
     if (line.find(Utf8(kHostProvider)) == std::string::npos) continue;
-    try {
-      const auto record = Json::JsonObject::Parse(Wide(line));
-      const std::wstring message = record.GetNamedString(L"message");
-      if (record.GetNamedString(L"provider") != kHostProvider ||
-          message.rfind(kPowerForwarded, 0) != 0) {
-        continue;
-      }
-      ++events.count;
-      events.last = message + L" at " + record.GetNamedString(L"time");
-    } catch (const Platform::WindowsRuntimeError&) {
-      continue;  // not a record, such as the half line of a process that was killed
+    // Nothing for the half line of a process that was killed.
+    const auto record = ParseHistoryLine(line);
+    if (!record || record->line.provider != kHostProvider ||
+        !record->line.message.starts_with(kPowerForwarded)) {
+      continue;
     }
+    ++events.count;
+    events.last = record->line.message + L" at " + record->time;
   }
 }
 

@@ -2,7 +2,6 @@
 
 #include <chrono>
 #include <cwchar>
-#include <iterator>
 #include <limits>
 
 #include "hosting/text.h"
@@ -18,24 +17,23 @@ constexpr std::wstring_view kModuleStarted = L"the module is started: ";
 constexpr std::wstring_view kModuleStopped = L"the module is stopped";
 constexpr wchar_t kCutOff[] = L"its service ended before it did";
 
-std::wstring TextMember(const Json::WideValue& object, const wchar_t* key) {
-  const auto found = object.FindMember(key);
-  if (found == object.MemberEnd() || !found->value.IsString()) return {};
-  return {found->value.GetString(), found->value.GetStringLength()};
+std::wstring TextMember(const Json::WideValue& object, const std::wstring& key) {
+  const Json::WideValue* member = FindMember(object, key);
+  return member == nullptr || !member->IsString() ? L"" : TextOf(*member);
 }
 
 template <typename Number>
 void ReadNumber(const Json::WideValue& object, const wchar_t* key, Number& number) {
-  const auto found = object.FindMember(key);
-  if (found == object.MemberEnd() || !found->value.IsUint64()) return;
-  const std::uint64_t value = found->value.GetUint64();
+  const Json::WideValue* member = FindMember(object, key);
+  if (member == nullptr || !member->IsUint64()) return;
+  const std::uint64_t value = member->GetUint64();
   if (value <= std::numeric_limits<Number>::max()) number = static_cast<Number>(value);
 }
 
 DecisionRecord ParseRecord(const Json::WideValue& object) {
   DecisionRecord record;
   for (const auto& member : kRecordTexts) {
-    record.*member.text = TextMember(object, Wide(member.name).c_str());
+    record.*member.text = TextMember(object, Wide(member.name));
   }
   ReadNumber(object, L"number", record.number);
   ReadNumber(object, L"status", record.status);
@@ -49,9 +47,7 @@ std::wstring WhyOf(const DecisionRecord& record) {
   const auto reason = FromWord<Reason>(record.reason);
   std::wstring why = reason ? NameOf(*reason).text : record.reason;
   if (record.status != 0) {
-    wchar_t status[32];
-    std::swprintf(status, std::size(status), L"status 0x%08X", record.status);
-    why += (why.empty() ? L"" : L", ") + std::wstring(status);
+    why += (why.empty() ? L"status " : L", status ") + Wide(CodeText(record.status));
   }
   return why;
 }
