@@ -1,10 +1,10 @@
 #include "vxhost/service/service_manager.h"
 
+#include <algorithm>
 #include <chrono>
 #include <cstddef>
 #include <iterator>
 #include <stdexcept>
-#include <utility>
 
 #include <windows.h>
 
@@ -34,20 +34,19 @@ constexpr const wchar_t* kPrivileges[] = {L"SeAssignPrimaryTokenPrivilege",
                                           L"SeIncreaseQuotaPrivilege", L"SeTcbPrivilege"};
 
 std::string AdviceFor(DWORD error) {
-  switch (error) {
-    case ERROR_ACCESS_DENIED:
-      return "; run as administrator";
-    case ERROR_SERVICE_DOES_NOT_EXIST:
-      return "; it is not installed";
-    case ERROR_SERVICE_EXISTS:
-      return "; remove the installed one first, or install with --replace";
-    case ERROR_SERVICE_MARKED_FOR_DELETE:
-      return "; close the programs that look at it, then try again";
-    case ERROR_SERVICE_NOT_ACTIVE:
-      return "; it does not run";
-    default:
-      return {};
-  }
+  static constexpr struct {
+    DWORD error;
+    const char* advice;
+  } kAdvice[] = {
+      {ERROR_ACCESS_DENIED, "; run as administrator"},
+      {ERROR_SERVICE_DOES_NOT_EXIST, "; it is not installed"},
+      {ERROR_SERVICE_EXISTS, "; remove the installed one first, or install with --replace"},
+      {ERROR_SERVICE_MARKED_FOR_DELETE, "; close the programs that look at it, then try again"},
+      {ERROR_SERVICE_NOT_ACTIVE, "; it does not run"},
+  };
+  const auto* row =
+      std::ranges::find(kAdvice, error, [](const auto& known) { return known.error; });
+  return row == std::end(kAdvice) ? "" : row->advice;
 }
 
 [[noreturn]] void Refused(const std::string& what, const std::wstring& name, DWORD error) {
@@ -100,39 +99,11 @@ SERVICE_STATUS_PROCESS AwaitWhile(const UniqueServiceHandle& service, const std:
   return status;
 }
 
-// What ChangeServiceConfig2 is called with after the service was created.
-class Settings {
- public:
-  Settings(SC_HANDLE changed, bool automatic) : service(changed) {
-    SERVICE_DESCRIPTIONW text{description};
-    Set("a description", SERVICE_CONFIG_DESCRIPTION, &text);
-    SC_ACTION actions[] = {{SC_ACTION_RESTART, kMinute},
-                           {SC_ACTION_RESTART, kMinute},
-                           {SC_ACTION_RESTART, 5 * kMinute}};
-    SERVICE_FAILURE_ACTIONSW failure{};
-    failure.dwResetPeriod = kDay;
-    failure.cActions = static_cast<DWORD>(std::size(actions));
-    failure.lpsaActions = actions;
-    Set("failure actions", SERVICE_CONFIG_FAILURE_ACTIONS, &failure);
-    // Also for a service that stops with an error, and not only for one that crashes.
-    SERVICE_FAILURE_ACTIONS_FLAG always{TRUE};
-    Set("failure actions after an error", SERVICE_CONFIG_FAILURE_ACTIONS_FLAG, &always);
-    SERVICE_SID_INFO sid{SERVICE_SID_TYPE_UNRESTRICTED};
-    Set("a service SID", SERVICE_CONFIG_SERVICE_SID_INFO, &sid);
-    std::wstring privileges = RequiredPrivileges();
-    SERVICE_REQUIRED_PRIVILEGES_INFOW required{privileges.data()};
-    Set("required privileges", SERVICE_CONFIG_REQUIRED_PRIVILEGES_INFO, &required);
-    SERVICE_PRESHUTDOWN_INFO preshutdown{kPreshutdown};
-    Set("time before a shutdown", SERVICE_CONFIG_PRESHUTDOWN_INFO, &preshutdown);
-    SERVICE_DELAYED_AUTO_START_INFO delayed{TRUE};
-    if (automatic) Set("a delayed start", SERVICE_CONFIG_DELAYED_AUTO_START_INFO, &delayed);
-  }
-
-  DWORD error = ERROR_SUCCESS;  // the first refusal
-  std::vector<std::string> unknown;
-
- private:
-  void Set(const char* what, DWORD level, void* info) {
+// Sets what CreateService does not take. Returns the first refusal of Windows. `unknown` receives
+// the settings that this system does not have.
+DWORD Configure(SC_HANDLE service, bool automatic, std::vector<std::string>& unknown) {
+  DWORD error = ERROR_SUCCESS;
+  const auto set = [&](const char* what, DWORD level, void* info) {
     if (error != ERROR_SUCCESS || ChangeServiceConfig2W(service, level, info) != FALSE) return;
     // Only the emulator lacks a level.
     if (const DWORD refusal = GetLastError(); refusal == ERROR_INVALID_LEVEL) {
@@ -140,10 +111,30 @@ class Settings {
     } else {
       error = refusal;
     }
-  }
-
-  SC_HANDLE service;
-};
+  };
+  SERVICE_DESCRIPTIONW text{description};
+  set("a description", SERVICE_CONFIG_DESCRIPTION, &text);
+  SC_ACTION actions[] = {
+      {SC_ACTION_RESTART, kMinute}, {SC_ACTION_RESTART, kMinute}, {SC_ACTION_RESTART, 5 * kMinute}};
+  SERVICE_FAILURE_ACTIONSW failure{};
+  failure.dwResetPeriod = kDay;
+  failure.cActions = static_cast<DWORD>(std::size(actions));
+  failure.lpsaActions = actions;
+  set("failure actions", SERVICE_CONFIG_FAILURE_ACTIONS, &failure);
+  // Also for a service that stops with an error, and not only for one that crashes.
+  SERVICE_FAILURE_ACTIONS_FLAG always{TRUE};
+  set("failure actions after an error", SERVICE_CONFIG_FAILURE_ACTIONS_FLAG, &always);
+  SERVICE_SID_INFO sid{SERVICE_SID_TYPE_UNRESTRICTED};
+  set("a service SID", SERVICE_CONFIG_SERVICE_SID_INFO, &sid);
+  std::wstring privileges = RequiredPrivileges();
+  SERVICE_REQUIRED_PRIVILEGES_INFOW required{privileges.data()};
+  set("required privileges", SERVICE_CONFIG_REQUIRED_PRIVILEGES_INFO, &required);
+  SERVICE_PRESHUTDOWN_INFO preshutdown{kPreshutdown};
+  set("time before a shutdown", SERVICE_CONFIG_PRESHUTDOWN_INFO, &preshutdown);
+  SERVICE_DELAYED_AUTO_START_INFO delayed{TRUE};
+  if (automatic) set("a delayed start", SERVICE_CONFIG_DELAYED_AUTO_START_INFO, &delayed);
+  return error;
+}
 
 }  // namespace
 
@@ -187,10 +178,11 @@ std::vector<std::string> ServiceManager::Install(const ServicePlan& plan) {
                                          nullptr, nullptr, nullptr, name) == FALSE) {
       Refused("replace", plan.name, GetLastError());
     }
-    Settings settings(Raw(service), automatic);
-    if (settings.error != ERROR_SUCCESS) Refused("install", plan.name, settings.error);
+    std::vector<std::string> unknown;
+    const DWORD error = Configure(Raw(service), automatic, unknown);
+    if (error != ERROR_SUCCESS) Refused("install", plan.name, error);
     AddEventSource(plan.name, plan.program);
-    return std::move(settings.unknown);
+    return unknown;
   } catch (const std::runtime_error&) {
     if (created) DeleteService(Raw(service));
     throw;
