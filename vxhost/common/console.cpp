@@ -162,26 +162,6 @@ void Console::WriteNote(const std::string& text, LineBreaks breaks) {
   Write(Printable(text, breaks), WritesJson() ? stderr : stdout);
 }
 
-void Console::JsonResult(const JsonRow& result) {
-  JsonResult(result.Text());
-}
-
-void Console::JsonResult(std::wstring_view json) {
-  Write(PrintableJson(json));
-}
-
-void Console::Line(const std::string& text) {
-  Write(Printable(text, LineBreaks::Replace));
-}
-
-void Console::Lines(const std::string& text) {
-  Write(Printable(text, LineBreaks::Keep));
-}
-
-void Console::Note(const std::string& text) {
-  WriteNote(text, LineBreaks::Replace);
-}
-
 void Console::Heading(const std::string& text) {
   WriteNote("\n== " + text, LineBreaks::Keep);
 }

@@ -48,16 +48,16 @@ class Console {
   bool WritesJson() const { return form == LogForm::Json; }
 
   // A result in JSON form. Commands that offer --json write nothing else to standard output.
-  void JsonResult(const JsonRow& result);
-  void JsonResult(std::wstring_view json);
+  void JsonResult(std::wstring_view json) { Write(PrintableJson(json)); }
+  void JsonResult(const JsonRow& result) { JsonResult(result.Text()); }
 
   void Heading(const std::string& text);
   // One line that accompanies the result.
-  void Note(const std::string& text);
+  void Note(const std::string& text) { WriteNote(text, LineBreaks::Replace); }
   // One line, whatever `text` holds.
-  void Line(const std::string& text);
+  void Line(const std::string& text) { Write(Printable(text, LineBreaks::Replace)); }
   // The lines of `text`, as they are.
-  void Lines(const std::string& text);
+  void Lines(const std::string& text) { Write(Printable(text, LineBreaks::Keep)); }
   void Request(std::uint32_t id, const std::wstring& request);
   void Result(const CommandResult& answer);
   // `moment`, if not empty, precedes the line.
