@@ -10,6 +10,9 @@
 
 namespace Vx::Host {
 
+template <typename Value>
+concept Number = std::integral<Value> || std::floating_point<Value>;
+
 // An object of JSON under construction, as text: results hold few values, and in their order.
 class JsonRow {
  public:
@@ -34,9 +37,8 @@ class JsonRow {
   static std::wstring TextOf(const Json::WideValue& value) { return Json::JsonText(value); }
   static std::wstring TextOf(const std::wstring& text) { return Quoted(text); }
   static std::wstring TextOf(const std::string& utf8) { return Quoted(Wide(utf8)); }
-  template <typename Number>
-    requires std::integral<Number> || std::floating_point<Number>
-  static std::wstring TextOf(Number number) {
+  template <Number Value>
+  static std::wstring TextOf(Value number) {
     return Json::JsonText(Json::WideValue(number));
   }
   template <typename Element>
