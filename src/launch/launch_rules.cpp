@@ -26,12 +26,7 @@ constexpr Redirection kRedirections[] = {
 };
 
 std::wstring Quoted(std::wstring_view path) {
-  std::wstring text;
-  text.reserve(path.size() + 2);
-  text += L'"';
-  text += path;
-  text += L'"';
-  return text;
+  return std::wstring(L"\"").append(path) + L'"';
 }
 
 std::wstring Redirected(std::wstring_view entry, std::wstring_view packageFolder) {

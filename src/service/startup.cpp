@@ -69,7 +69,8 @@ bool WaitForOobe(const ServiceState& state) {
 void WatchStoredPackages(const ServiceState& state) {
   RegisterExistingPackageCatalogManagerRequests(&state, state.stopEvent);
   // Without a stop event the service counts as ended, because its end would go unseen.
-  if (PackageCompletion::HasEnded(state.stopEvent)) PackageCatalogEventManager::clear_events(&state);
+  if (PackageCompletion::HasEnded(state.stopEvent))
+    PackageCatalogEventManager::clear_events(&state);
 }
 
 // Runs once per service object, however often this task runs. Does not wait for the check.
