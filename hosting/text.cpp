@@ -131,7 +131,7 @@ void WriteTextFile(const std::wstring& path, const std::string& utf8) {
 
 std::string CodeText(std::uint32_t number) {
   char text[16];
-  std::snprintf(text, sizeof text, "0x%08X", number);
+  static_cast<void>(std::snprintf(text, sizeof text, "0x%08X", number));
   return text;
 }
 
