@@ -93,7 +93,8 @@ class DataFoldersTest : public ::testing::Test {
   Tests::TempFolder parent;
   const std::filesystem::path data = parent.Path() / L"Vx";
   const DataFolders folders{parent.Path().wstring(), Writers::Account};
-  const Tests::ImportOverride<decltype(&GetSecurityInfo)> security{__imp_GetSecurityInfo, &ReadSecurity};
+  const Tests::ImportOverride<decltype(&GetSecurityInfo)> security{__imp_GetSecurityInfo,
+                                                                   &ReadSecurity};
 };
 
 TEST_F(DataFoldersTest, AFolderCannotBeReplacedWhileItIsJudged) {
@@ -132,9 +133,8 @@ TEST(WhyUnguardedTest, TheRootOfTheDriveCountsIfOthersMayDeleteWhatLiesInIt) {
     std::uint32_t mask = 0;
   } disk;
   const Platform::MachineScope scope([&](Platform::Machine& machine) { machine.files = &disk; });
-  for (const std::uint32_t mask :
-       std::initializer_list<std::uint32_t>{FILE_ADD_SUBDIRECTORY | DELETE, FILE_DELETE_CHILD,
-                                            WRITE_DAC}) {
+  for (const std::uint32_t mask : std::initializer_list<std::uint32_t>{
+           FILE_ADD_SUBDIRECTORY | DELETE, FILE_DELETE_CHILD, WRITE_DAC}) {
     disk.mask = mask;
     EXPECT_EQ(WhyUnguarded(L"C:\\a\\b.dll", Writers::System).empty(), (mask & DELETE) != 0) << mask;
   }
