@@ -157,7 +157,7 @@ void Close(Platform::RawHandle folder, const std::wstring& path, const wchar_t* 
 std::wstring Replace(Platform::UniqueHandle& folder, const std::wstring& path,
                      const wchar_t* access) {
   const auto name = Platform::NewUuid();
-  const std::wstring aside = path + L".replaced-" + (name ? *name : std::wstring());
+  std::wstring aside = path + L".replaced-" + (name ? *name : std::wstring());
   const Platform::ErrorCode error = Platform::RenameTo(folder.get(), aside);
   if (error != 0) ThrowError(path, " belongs to another account and cannot be renamed", error);
   folder.reset();

@@ -86,7 +86,6 @@ ComForModule::~ComForModule() {
 
 HostLoop::HostLoop(const Options& options, ServiceLog& output)
     : log(output),
-      modernStandby(options.modernStandby),
       com(output),
       standbyEvent(options.modernStandby ? ManualEvent(kStandbyEvent, output) : nullptr),
       stop(ManualEvent({}, output)),

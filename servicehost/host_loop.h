@@ -88,7 +88,6 @@ class HostLoop {
   void AwaitSetup() noexcept;
 
   ServiceLog& log;
-  const bool modernStandby;
   const ComForModule com;  // before the module, which chooses otherwise
   Platform::UniqueHandle standbyEvent;
   Platform::UniqueHandle stop;

@@ -43,7 +43,7 @@ class TokenAccount {
   }
 
  private:
-  alignas(TOKEN_USER) std::byte buffer[sizeof(TOKEN_USER) + SECURITY_MAX_SID_SIZE];
+  alignas(TOKEN_USER) std::byte buffer[sizeof(TOKEN_USER) + SECURITY_MAX_SID_SIZE] = {};
   bool known = false;
 };
 

@@ -34,8 +34,8 @@ void AppendRecord(std::string& out, const DecisionRecord& record) {
   const bool counts =
       record.kind == L"command" || record.kind == L"power" || record.kind == L"platform";
   const struct {
-    const char* name;
-    std::uint64_t value;
+    const char* name = nullptr;
+    std::uint64_t value = 0;
     bool needed = false;
   } kNumbers[] = {{"number", record.number, counts},
                   {"status", record.status},

@@ -94,15 +94,16 @@ struct Copy {
 using CopyPtr = std::shared_ptr<Copy>;
 
 // Returns null, and logs, if the console user is no longer that of `user`.
-CopyPtr PrepareCopy(std::wstring source, std::wstring destination, Platform::OneLogon& user,
-                    const wchar_t* caller, const Logging::TraceLogger& logger) {
+CopyPtr PrepareCopy(const std::wstring& source, const std::wstring& destination,
+                    Platform::OneLogon& user, const wchar_t* caller,
+                    const Logging::TraceLogger& logger) {
   const auto report = ReportTo(*Logging::LogManager::SetProvider(Logging::kComponentProvider));
-  auto token = Platform::ConsoleUserToken(Platform::TokenType::Impersonation, report, &user);
-  if (token == nullptr) return nullptr;
-  return CopyPtr(new Copy{.source = std::move(source),
-                          .destination = std::move(destination),
+  auto consoleUser = Platform::ConsoleUserToken(Platform::TokenType::Impersonation, report, &user);
+  if (consoleUser == nullptr) return nullptr;
+  return CopyPtr(new Copy{.source = source,
+                          .destination = destination,
                           .caller = caller,
-                          .token = std::move(token),
+                          .token = std::move(consoleUser),
                           .logger = logger});
 }
 

@@ -119,7 +119,7 @@ static_assert(IdsThatHave(kIgnoresBadJson) == 0x1D01);
 
 // Returns the row of an id, or one without a handler for an unknown id.
 const Command& CommandOf(std::uint32_t id) {
-  static constexpr Command kNoCommand;
+  static constexpr Command kNoCommand = {};
   return id < std::size(kCommands) ? kCommands[id] : kNoCommand;
 }
 

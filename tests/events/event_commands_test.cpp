@@ -204,7 +204,7 @@ TEST_F(RealLaunchTest, CanBeUpdatedWhileItWaitsForItsTurnAndIsThenCheckedAgain) 
   const struct {
     std::vector<const wchar_t*> updates;
     int inTurn;  // checks that read the file and hold up other commands
-    int locks;
+    std::size_t locks;
     int seconds;
     bool runs;
   } cases[] = {

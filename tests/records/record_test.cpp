@@ -14,8 +14,8 @@ namespace {
 TEST(Record, IsWrittenWithItsWordsAndALineForPeople) {
   const struct {
     Record record;
-    const wchar_t* words;
-    const wchar_t* line;
+    const wchar_t* words = nullptr;
+    const wchar_t* line = nullptr;
   } cases[] = {
       {{.kind = Kind::Power,
         .outcome = {Decision::Ran, Reason::None, 12},

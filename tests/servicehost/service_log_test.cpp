@@ -261,7 +261,7 @@ TEST(JsonLineTest, ARecordHasTheMembersThatSaySomething) {
   completion.kind = L"completion";
   const struct {
     DecisionRecord record;
-    const char* member;
+    const char* member = nullptr;
   } kCases[] = {
       {whole, R"("kind":"power","decision":"ran","reason":"on time","subscription":"1f",)"
               R"("target":"C:\\a.exe","package":"family","client":"client","number":7,"status":5,)"

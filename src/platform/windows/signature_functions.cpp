@@ -2,12 +2,18 @@
 
 namespace Vx::Platform {
 
+namespace {
+
+template <typename Function>
+void Find(DeferredLibrary& library, Function*& function, const char* name) {
+  function = library.Find<Function>(name);
+}
+
+}  // namespace
+
 SignatureFunctions::SignatureFunctions(DeferredLibrary& wintrust) noexcept {
-  const auto find = [&]<typename Function>(Function*& function, const char* name) {
-    function = wintrust.Find<Function>(name);
-  };
   const auto require = [&](auto& function, const char* name) {
-    find(function, name);
+    Find(wintrust, function, name);
     complete = complete && function != nullptr;
   };
   require(verify, "WinVerifyTrust");
@@ -20,8 +26,8 @@ SignatureFunctions::SignatureFunctions(DeferredLibrary& wintrust) noexcept {
   require(enumCatalog, "CryptCATAdminEnumCatalogFromHash");
   require(releaseCatalog, "CryptCATAdminReleaseCatalogContext");
   require(catalogInfo, "CryptCATCatalogInfoFromContext");
-  find(acquireContext2, "CryptCATAdminAcquireContext2");
-  find(calcHash2, "CryptCATAdminCalcHashFromFileHandle2");
+  Find(wintrust, acquireContext2, "CryptCATAdminAcquireContext2");
+  Find(wintrust, calcHash2, "CryptCATAdminCalcHashFromFileHandle2");
 }
 
 }  // namespace Vx::Platform
