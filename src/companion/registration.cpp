@@ -64,6 +64,8 @@ bool Expand(const wchar_t* path, std::wstring& expanded, Platform::OneLogon& use
 
 // One copy. It owns everything that its thread needs, because the thread may outlive its command.
 struct Copy {
+  explicit Copy(const Logging::TraceLogger& log) : logger(log) {}
+
   std::wstring source;
   std::wstring destination;
   std::wstring caller;
@@ -98,13 +100,14 @@ CopyPtr PrepareCopy(const std::wstring& source, const std::wstring& destination,
                     Platform::OneLogon& user, const wchar_t* caller,
                     const Logging::TraceLogger& logger) {
   const auto report = ReportTo(*Logging::LogManager::SetProvider(Logging::kComponentProvider));
-  auto consoleUser = Platform::ConsoleUserToken(Platform::TokenType::Impersonation, report, &user);
-  if (consoleUser == nullptr) return nullptr;
-  return CopyPtr(new Copy{.source = source,
-                          .destination = destination,
-                          .caller = caller,
-                          .token = std::move(consoleUser),
-                          .logger = logger});
+  auto token = Platform::ConsoleUserToken(Platform::TokenType::Impersonation, report, &user);
+  if (token == nullptr) return nullptr;
+  auto copy = std::make_shared<Copy>(logger);
+  copy->source = source;
+  copy->destination = destination;
+  copy->caller = caller;
+  copy->token = std::move(token);
+  return copy;
 }
 
 // Copies on a separate thread, because the user can delay each access to their files indefinitely,
