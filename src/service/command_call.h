@@ -15,7 +15,7 @@ class OrvaneService;
 // One command being executed, as its handler sees it.
 struct Call {
   OrvaneService& service;
-  const wchar_t* text;                // the request as the client sent it
+  const wchar_t* text = nullptr;      // the request as the client sent it
   const Json::WideDocument& request;  // the same, parsed
   Json::WideDocument& response;
   RequestCaller caller;  // its `problem` is not null

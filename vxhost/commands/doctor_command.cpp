@@ -360,6 +360,7 @@ void PrintText(const std::vector<Check>& checks, Console& console) {
 
 void PrintJson(const std::vector<Check>& checks, Console& console) {
   std::vector<JsonRow> rows;
+  rows.reserve(checks.size());
   for (const Check& check : checks) {
     rows.push_back({{L"check", std::string(check.what)},
                     {L"health", std::string(Name(check.health))},

@@ -255,6 +255,7 @@ class RealFiles final : public Files {
     if (const DWORD end = GetLastError(); end != ERROR_NO_MORE_FILES) return Names::Failure(end);
     std::ranges::sort(siblings, std::greater());
     std::vector<std::wstring> names;
+    names.reserve(siblings.size());
     for (auto& [time, name] : siblings) names.push_back(std::move(name));
     return names;
   }
