@@ -14,7 +14,7 @@ using Tessel::Server::Services::ClientContext;
 
 namespace {
 
-constexpr std::size_t kLongestCaller = 64;  // the module ends the process for a longer one
+constexpr std::size_t kLongestCaller = 64;  // a longer one makes the module end the process
 
 std::string LoadFailure(const std::wstring& path, DWORD error) {
   return "cannot load " + Utf8(path) + " (error " + std::to_string(error) +
@@ -59,7 +59,7 @@ void* LoadedModule::Find(const char* name) const {
 }
 
 ServiceSession LoadedModule::NewService() const {
-  ServicesMutexFor(StoreUse::Write);  // throws before the module works
+  ServicesMutexFor(StoreUse::Write);  // throws before the module does any work
   auto* service = factory();
   if (service == nullptr) throw std::runtime_error("the module's factory returned null");
   return ServiceSession(WithServicesMutex(*service));

@@ -9,25 +9,25 @@
 
 namespace Vx::Host {
 
-// The outcome of a command.
 struct CommandResult {
   std::uint32_t code = 0;
   std::optional<std::wstring> text;  // empty when the module returned none
 };
 
 // A service object and its client contexts, used only through the slots, as the service host does.
-// Destroyed through slot 0.
+// The destructor calls slot 0.
 class ServiceSession {
  public:
-  // Takes over `created`, which a module's factory returned.
+  // Takes ownership of `created`, a module's new service object.
   explicit ServiceSession(Tessel::Server::Services::VxService* created) : service(created) {}
 
   Tessel::Server::Services::VxService& Slots() { return *service; }
 
-  // Destroys the service. No call may follow until another session is assigned.
+  // Destroys the service. Assign another session before the next call.
   void End() { service.reset(); }
 
-  // Runs one command as `caller` (at most 64 characters). Blocks until it has run.
+  // Runs one command as `caller` and blocks until it finishes. Throws std::runtime_error if
+  // `caller` is longer than 64 characters.
   CommandResult Execute(std::uint32_t id, const std::wstring& request, const std::wstring& caller);
 
  private:
@@ -40,15 +40,15 @@ class ServiceSession {
 // A module loaded from a full path.
 class LoadedModule {
  public:
-  // Throws std::runtime_error, whose text advises the user.
+  // Throws std::runtime_error with advice for the user.
   explicit LoadedModule(const std::wstring& fullPath);
 
-  // Calls the module's factory. The service holds the services' mutex where it shares the machine's
-  // store with them (see services_mutex.h). Throws std::runtime_error when the factory returns null
-  // or that mutex is needed and cannot be used.
+  // Creates a service object. If the module shares the machine's store with services, its calls
+  // hold the services' mutex (see services_mutex.h). Throws std::runtime_error if the factory
+  // returns null or if that mutex is needed but cannot be used.
   ServiceSession NewService() const;
 
-  // The export of this name, null if there is none.
+  // Returns the export called `name`, or null if there is none.
   void* Find(const char* name) const;
 
  private:

@@ -18,7 +18,7 @@ constexpr wchar_t kNoSink[] =
 constexpr const wchar_t* kLevels[] = {L"INFO", L"WARNING", L"ERROR"};
 constexpr std::uint32_t kWarning = 1;
 
-// The member, or zero if the struct ends before it.
+// Returns the member, or zero if the struct ends before it.
 template <typename Struct, typename Value>
 Value Read(const Struct& all, Value Struct::*member) {
   const auto* const end = reinterpret_cast<const std::byte*>(&(all.*member) + 1);

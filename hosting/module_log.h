@@ -10,7 +10,7 @@
 
 namespace Vx::Host {
 
-// A copy of a VxLogRecord, whose members it describes.
+// A copy of a VxLogRecord, which documents the members.
 struct DecisionRecord {
   std::wstring kind = {};
   std::wstring decision = {};
@@ -26,7 +26,7 @@ struct DecisionRecord {
   std::uint64_t milliseconds = 0;
 };
 
-// The texts of a record, in their order.
+// The strings of a record, in order.
 inline constexpr struct {
   const char* name;
   std::wstring DecisionRecord::*text;
@@ -41,37 +41,35 @@ inline constexpr struct {
     {"client", &DecisionRecord::client, &VxLogRecord::client},
 };
 
-// One log line of the module.
 struct LogLine {
   std::wstring level;  // INFO, WARNING or ERROR
   std::wstring provider;
-  std::wstring caller;  // empty when the line does not concern a client
+  std::wstring caller;  // empty if the line does not concern a client
   std::wstring message;
-  std::uint32_t process = 0;  // that wrote it; 0: not known
+  std::uint32_t process = 0;  // the process that wrote the line; 0 if unknown
   std::optional<DecisionRecord> record = {};
 };
 
-// The provider of the lines that a host itself writes.
+// The provider of lines written by a host itself.
 inline constexpr wchar_t kHostProvider[] = L"Vx-Host-Service";
 
-// The name of a level of VxLogLine. One that this version does not know is an ERROR.
+// Returns the name of a VxLogLine level, ERROR if the level is unknown.
 const wchar_t* LevelName(std::uint32_t level);
 
-// Copies. A member that lies beyond the size of an older module's struct is empty.
+// Return a copy. Members past the end of an older module's struct are left empty.
 LogLine LineOf(const VxLogLine& line);
 DecisionRecord RecordOf(const VxLogRecord& record);
 
-// Receives the log lines of a loaded module for the life of this object, one object per module at
-// a time. Destroy it while the module is loaded: threads of the module may log until they have
-// ended, and no line comes once the destructor has returned.
+// Receives the log lines of a loaded module for the life of this object. A module can have only one
+// at a time. Destroy it before unloading the module, whose threads may log until they end. No line
+// arrives after the destructor returns.
 class ModuleLog {
  public:
-  // Runs on the thread that logs, which may hold locks of the module: it copies the line, returns
-  // at once and neither calls the module nor waits for a thread that does. A line for which it
-  // throws is lost.
+  // Called on the thread that logs, which may hold the module's locks. Must copy the line and
+  // return, without calling the module or waiting for a thread that does. A throw loses the line.
   using Receiver = std::function<void(const VxLogLine&)>;
 
-  // `function` receives one warning instead if the module logs through a library that has no sink.
+  // If the module's logging library has no sink, `function` instead receives one warning.
   ModuleLog(const LoadedModule& module, Receiver function);
   ModuleLog(const ModuleLog&) = delete;
   ModuleLog& operator=(const ModuleLog&) = delete;
@@ -81,7 +79,7 @@ class ModuleLog {
   static void Take(const VxLogLine* line, void* context) noexcept;
 
   Receiver receiver;
-  VxSetLogSinkFunction setSink;  // null if the module has none
+  VxSetLogSinkFunction setSink;  // null if the module does not export it
 };
 
 }  // namespace Vx::Host

@@ -19,7 +19,7 @@ using Tessel::Server::Services::ClientContext;
 using Tessel::Server::Services::CompletionCallback;
 using Tessel::Server::Services::VxService;
 
-constexpr DWORD kAccess = SYNCHRONIZE | MUTEX_MODIFY_STATE;  // what administrators have
+constexpr DWORD kAccess = SYNCHRONIZE | MUTEX_MODIFY_STATE;  // granted to administrators
 
 std::wstring Variable(const wchar_t* name) {
   std::wstring value(kLongestPath, L'\0');
@@ -43,8 +43,8 @@ std::wstring GlobalName() {
 
 bool SharesServicesStore() {
   DWORD session = 0;
-  // Without an answer the object is taken: in the services' session it is the module's own, which a
-  // thread may hold twice.
+  // If the session is unknown, assume that it is not the services'. If it is theirs after all, the
+  // global mutex is the module's own, which a thread may acquire twice.
   if (ProcessIdToSessionId(GetCurrentProcessId(), &session) == FALSE) session = MAXDWORD;
   return NeedsServicesMutex(session, Variable(L"ProgramData"), Variable(L"ALLUSERSPROFILE"));
 }
@@ -89,7 +89,7 @@ class LockingService final : public VxService {
  private:
   ~LockingService() = default;
 
-  // Looks again until a service has made it.
+  // Retries until a service has created it.
   ServicesMutex Mutex() {
     const std::lock_guard guard(lock);
     if (mutex == nullptr) mutex = ServicesMutexFor(StoreUse::Write);
@@ -98,7 +98,7 @@ class LockingService final : public VxService {
 
   VxService& inner;
   std::mutex lock;
-  ServicesMutex mutex;  // under the lock
+  ServicesMutex mutex;  // guarded by `lock`
 };
 
 }  // namespace

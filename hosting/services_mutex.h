@@ -9,31 +9,30 @@
 #include "hosting/store_wait.h"
 #include "platform/unique_handle.h"
 
-// The module locks the store under an unqualified name. For a service that name lies in the global
-// namespace, for any other program in that of its session, where it keeps no service out. So this
-// tool, outside the services' session, takes the global object as well.
+// The module locks the store with a mutex whose name is unqualified. A service creates it in the
+// global namespace, any other program in its own session's namespace, where it does not block a
+// service. Outside the services' session, this tool therefore also takes the global mutex.
 
 namespace Vx::Host {
 
-// Whether a process of `session` whose %ProgramData% is `programData` shares the machine's store
-// with services and not their mutex. `machineData` is the machine's own folder, empty where it is
-// not known.
+// Returns whether a process in `session`, with `programData` as its %ProgramData%, shares the store
+// with services but not their mutex. `machineData` is the machine-wide folder, or empty if unknown.
 bool NeedsServicesMutex(std::uint32_t session, std::wstring_view programData,
                         std::wstring_view machineData);
 
-// The services' mutex, which any thread may hold. Null where this process needs none.
+// The services' mutex, which any thread may acquire. Null if this process does not need it.
 using ServicesMutex = std::shared_ptr<void>;
 
 enum class StoreUse { Read, Write };
 
-// Opens the mutex that this process needs. Null if it needs none, or if no service has made it,
-// because then none runs. Throws std::runtime_error, whose text advises the user, for a use that
-// writes when this account may not open it, or when an object of another kind has the name. One
-// that only reads goes on without, after a warning on standard error: a writer replaces the file in
-// one step.
+// Opens the services' mutex. Returns null if this process does not need it, or if it does not exist
+// because no service is running. For StoreUse::Write, throws std::runtime_error with advice for the
+// user if this account may not open the mutex or another kind of object has the name. For
+// StoreUse::Read, prints a warning to standard error and returns null in those cases, because
+// writers replace the file atomically.
 ServicesMutex ServicesMutexFor(StoreUse use);
 
-// Holds `mutex`, which may be null, for the scope of a thread. Waits as AwaitStoreMutex does.
+// Holds `mutex`, which may be null, on the current thread. Waits as AwaitStoreMutex does.
 class ServicesMutexHold {
  public:
   explicit ServicesMutexHold(ServicesMutex mutex,
@@ -46,10 +45,9 @@ class ServicesMutexHold {
   ServicesMutex held;
 };
 
-// Returns a service that holds the services' mutex, as soon as there is one, around each call of
-// `inner` that can use the store, and destroys `inner` with itself. Returns `inner` where this
-// process needs no such mutex. The threads that `inner` starts do not hold it. A call throws as
-// ServicesMutexFor does.
+// Wraps `inner` in a service that holds the services' mutex, once one exists, during each call that
+// may use the store. The wrapper owns `inner`. Returns `inner` itself if this process does not need
+// the mutex. Threads started by `inner` do not hold it. Calls throw as ServicesMutexFor does.
 Tessel::Server::Services::VxService* WithServicesMutex(Tessel::Server::Services::VxService& inner);
 
 }  // namespace Vx::Host

@@ -6,12 +6,12 @@
 
 namespace Vx::Host {
 
-// Keeps every other process from the store for the life of this object: those that share the
-// services' mutex, and those of this session, if there is a mutex. Makes none for the session. The
-// thread that made it may use the store meanwhile.
+// Keeps every other process out of the store for the life of this object: those that share the
+// services' mutex, and those in this session, if it has a mutex. Does not create a session mutex.
+// The constructing thread may use the store meanwhile.
 class StoreHold {
  public:
-  // Throws std::runtime_error as ServicesMutexFor and AwaitStoreMutex do.
+  // Throws std::runtime_error, like ServicesMutexFor and AwaitStoreMutex.
   explicit StoreHold(StoreUse use, const HoldLimits& limits = {});
   StoreHold(const StoreHold&) = delete;
   StoreHold& operator=(const StoreHold&) = delete;

@@ -14,7 +14,7 @@ namespace {
 
 using std::chrono::milliseconds;
 
-// As documented for NtQueryMutant and MutantOwnerInformation. No header of this toolchain has them.
+// As documented for NtQueryMutant. This toolchain's headers do not declare them.
 struct MutantOwner {
   HANDLE process;
   HANDLE thread;
@@ -51,7 +51,7 @@ std::string HolderOf(HANDLE mutex) {
 bool Take(HANDLE mutex, DWORD limit) {
   const DWORD outcome = WaitForSingleObject(mutex, limit);
   if (outcome == WAIT_FAILED) throw std::runtime_error("the store's mutex cannot be waited for");
-  return outcome != WAIT_TIMEOUT;  // an abandoned mutex is held too
+  return outcome != WAIT_TIMEOUT;  // an abandoned mutex is acquired too
 }
 
 }  // namespace

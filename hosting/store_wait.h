@@ -8,12 +8,12 @@ namespace Vx::Host {
 
 // How long a command waits for the store.
 struct HoldLimits {
-  std::chrono::milliseconds notice{1000};     // until it reports that it waits
-  std::chrono::milliseconds timeout{30'000};  // in all; 0: without limit
+  std::chrono::milliseconds notice{1000};     // before reporting the wait
+  std::chrono::milliseconds timeout{30'000};  // in total; 0 means no limit
 };
 
-// Waits for a mutex of the store. After a while, reports on standard error which process holds it,
-// where Windows reveals that. Throws std::runtime_error when the time is over.
+// Waits for one of the store's mutexes. After `limits.notice`, reports its holder to standard error
+// if Windows reveals it. Throws std::runtime_error on timeout or failure.
 void AwaitStoreMutex(Platform::RawHandle mutex, const HoldLimits& limits);
 
 }  // namespace Vx::Host

@@ -27,21 +27,20 @@ namespace {
 
 constexpr wchar_t kReplacement = 0xFFFD;
 
-// The control characters of ASCII and of Latin-1, and the separators and direction marks of
-// Unicode.
+// ASCII and Latin-1 control characters, and Unicode separators and direction marks.
 bool DrivesATerminal(wchar_t unit) {
   return unit < 0x20 || (unit >= 0x7F && unit < 0xA0) || (unit >= 0x2028 && unit <= 0x202E) ||
          (unit >= 0x2066 && unit <= 0x2069) || unit == 0x061C || unit == 0x200E || unit == 0x200F;
 }
 
-// UTF-8 unless a byte-order mark says UTF-16, as Windows PowerShell writes.
+// Decodes UTF-8, or UTF-16 as Windows PowerShell writes it, with a byte-order mark.
 std::wstring FromBytes(const std::string& bytes) {
   auto marked = Json::DecodeText(std::as_bytes(std::span(bytes)));
   return marked ? *std::move(marked) : Wide(bytes);
 }
 
-// How many letters have to be inserted, removed, replaced or swapped with their neighbour to turn
-// one text into the other.
+// Returns how many letters must be inserted, removed, replaced or swapped with their neighbour to
+// turn one string into the other.
 std::size_t Distance(std::wstring_view one, std::wstring_view other) {
   std::vector<std::size_t> row(other.size() + 1);
   std::iota(row.begin(), row.end(), std::size_t{0});
@@ -164,7 +163,7 @@ std::wstring FullPathOfFile(const std::string& path) {
 
 std::wstring TextOrFile(const std::string& argument) {
   if (argument == "@-") {
-    // As text it would end at a byte 0x1A, which UTF-16 has in letters.
+    // In text mode, reading would stop at byte 0x1A, which occurs inside UTF-16 characters.
     if (_setmode(_fileno(stdin), _O_BINARY) == -1) throw std::runtime_error("no standard input");
     return FromBytes(std::string(std::istreambuf_iterator<char>(std::cin), {}));
   }
@@ -233,7 +232,7 @@ bool IsProbablyMeant(std::wstring_view written, std::wstring_view name) {
 }
 
 std::string DidYouMean(const std::string& written, const std::vector<std::string>& names) {
-  constexpr std::size_t kLongestName = 64;  // the comparison takes the product of the lengths
+  constexpr std::size_t kLongestName = 64;  // the comparison's cost is the product of the lengths
   if (written.size() > kLongestName) return {};
   std::size_t least = std::max<std::size_t>(2, written.size() / 3) + 1;
   const std::string* closest = nullptr;

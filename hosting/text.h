@@ -10,56 +10,58 @@
 
 namespace Vx::Host {
 
-// Convert UTF-16 to UTF-8 and back. Malformed input becomes U+FFFD.
+// Convert between UTF-16 and UTF-8. Malformed input becomes U+FFFD.
 std::string Utf8(std::wstring_view text);
 std::wstring Wide(std::string_view text);
 
-// `text` as a terminal may show it: U+FFFD replaces control characters, the start of an escape
-// sequence among them, and characters that end a line or change its direction. Clients choose many
-// of the texts that are shown, and could otherwise forge lines or drive the terminal.
+// Returns `text` made safe for a terminal: U+FFFD replaces control characters, including those that
+// start escape sequences, and characters that end a line or change its direction. Many strings come
+// from clients, which could otherwise forge lines or control the terminal.
 enum class LineBreaks { Replace, Keep };
 std::string Printable(std::string_view text, LineBreaks breaks);
 
-// The JSON text `json` as a terminal may show it: the same characters become escapes, so that a
-// reader gets every string unchanged.
+// Returns `json` made safe for a terminal by escaping the same characters, so that a parser still
+// gets every string unchanged. Line feeds are kept.
 std::string PrintableJson(std::wstring_view json);
 
-// `text` as the content of an element or an attribute of XML or HTML. Keeps line ends, as LF.
+// Returns `text` escaped for use in an XML or HTML element or attribute. Keeps line endings, as LF.
 std::string Markup(std::string_view text);
 
-// The content of a text file as UTF-16, without its byte-order mark. It is UTF-8 unless the mark
+// Returns the content of a text file without its byte-order mark. The file is UTF-8 unless the mark
 // says UTF-16. Throws std::runtime_error.
 std::wstring ReadTextFile(const std::wstring& path);
 
-// Replaces the file by `utf8`. Throws std::runtime_error.
+// Overwrites the file with `utf8`. Throws std::runtime_error.
 void WriteTextFile(const std::wstring& path, const std::string& utf8);
 
-// The most characters of a path, its end included.
+// The maximum length of a path in characters, including the terminator.
 inline constexpr std::size_t kLongestPath = 32768;
 
-// The full form of `path`, which may be relative to the working directory.
+// Returns the full path of `path`, which may be relative to the working directory. Throws
+// std::runtime_error if it is not a path.
 std::wstring FullPath(const std::string& path);
 
-// The same, for a file that has to exist. Throws std::runtime_error when it does not.
+// As above, for an existing file. Throws std::runtime_error if there is none.
 std::wstring FullPathOfFile(const std::string& path);
 
-// A code or a status as Windows writes them, "0x80070005".
+// Formats a code or status as Windows does: "0x80070005".
 std::string CodeText(std::uint32_t number);
 
-// This program, and the module beside it.
+// Return the full paths of this program and of the module next to it.
 std::wstring OwnPath();
 std::wstring DefaultModule();
 
-// The text that an argument gives: literally, as @FILE, or as @- for standard input.
+// Returns the text given as an argument: literally, as @FILE, or as @- for standard input. Throws
+// std::runtime_error if it cannot be read.
 std::wstring TextOrFile(const std::string& argument);
 
-// Returns `text` in a column of `width` characters, with one blank after a text that fills it.
+// Returns `text` padded to `width` characters, and with at least one space.
 std::string Cell(const std::string& text, std::size_t width);
 
-// Returns the beginning of `text`, for a message.
+// Returns `text`, cut to 60 characters and an ellipsis if longer, for a message.
 std::wstring Shortened(std::wstring text);
 
-// Returns a FILETIME as "2026-11-25T11:31:46.251".
+// Formats a FILETIME as "2026-11-25T11:31:46.251".
 std::wstring DateTimeText(std::uint64_t time);
 
 // Returns this machine's local time as a FILETIME.
@@ -68,26 +70,25 @@ std::uint64_t LocalFileTime();
 // Returns `text` as a JSON string.
 std::wstring Quoted(const std::wstring& text);
 
-// The text of a JSON string.
+// Returns the value of a JSON string.
 std::wstring TextOf(const Json::WideValue& text);
 
-// Whether `unit` is one of 0-9, a-f and A-F.
 bool IsHexDigit(wchar_t unit);
 
-// Whether `text` is a UUID in its usual form, without braces.
+// Returns whether `text` is a UUID in its usual form, without braces.
 bool IsUuid(std::wstring_view text);
 
-// Returns the first member of a JSON object with exactly this name, or null.
+// Returns the value of the first member with exactly this name, or null.
 const Json::WideValue* FindMember(const Json::WideValue& object, const std::wstring& name);
 
-// Whether one letter added, dropped, changed or swapped with its neighbour turns one of two names,
-// which are not very short, into the other.
+// Returns whether the names differ by at most one letter added, dropped, changed or swapped with
+// its neighbour. Always false for names shorter than three letters.
 bool IsProbablyMeant(std::wstring_view written, std::wstring_view name);
 
-// "; did you mean \"x\"?" for the name that `written` probably is a slip of, otherwise empty.
+// Returns "; did you mean \"x\"?" with the closest of `names`, empty if none is close enough.
 std::string DidYouMean(const std::string& written, const std::vector<std::string>& names);
 
-// Where and why `text` is not JSON: the module's parser refused it with `fault`.
+// Returns where and why the module's parser rejected `text` with `fault`.
 std::string FaultText(const std::wstring& text, const Json::ParseFault& fault);
 
 }  // namespace Vx::Host
