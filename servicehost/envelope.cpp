@@ -24,11 +24,10 @@ struct Members {
   std::optional<std::wstring> text;
 };
 
-// Reads {NUMBER: n, TEXT: "..."}, where either may be missing. `others`: how other members are
-// treated.
+// Reads {NUMBER: n, TEXT: "..."}, where either member may be missing.
 std::optional<Members> ParseMembers(std::string_view message, std::string_view numberName,
                                     std::string_view textName, Others others) {
-  // Without nesting, a message of a client takes little memory before it is refused.
+  // Refusing nested values limits the memory that a client's message can take.
   const std::size_t nesting = others == Others::Refused ? 1 : Json::kMaxNesting;
   Json::WideDocument document;
   if (!Json::IsUtf8(message) || !Json::ParseJson(document, Json::ToWide(message), nesting) ||
@@ -90,7 +89,7 @@ std::string WriteResult(const ResultEnvelope& result) {
 
 void AppendJsonString(std::string& out, std::wstring_view text) {
   out += '"';
-  std::size_t plain = 0;  // where the units begin that need no escape
+  std::size_t plain = 0;  // start of the pending units that need no escape
   const auto flush = [&](std::size_t end) {
     out += Json::ToUtf8(text.substr(plain, end - plain));
     plain = end + 1;

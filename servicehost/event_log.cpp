@@ -13,7 +13,7 @@ namespace {
 
 constexpr wchar_t kSources[] = L"SYSTEM\\CurrentControlSet\\Services\\EventLog\\Application\\";
 
-// Of host_messages.mc, with the bits of its severity.
+// Message IDs from host_messages.mc, including the severity bits.
 constexpr std::uint32_t kWarningMessage = 0x80000001;
 constexpr std::uint32_t kErrorMessage = 0xC0000002;
 

@@ -10,26 +10,25 @@
 
 namespace Vx::Host {
 
-// The event log of Windows, as the service writes to it.
+// The Windows event log, as used by the service.
 class EventJournal {
  public:
-  // Message, provider, client and thread: what the message file puts into its text.
+  // The strings that the message file inserts: message, provider, client and thread.
   using Texts = std::array<std::wstring, 4>;
 
   virtual ~EventJournal() = default;
 
-  // Adds a record of the EVENTLOG_ type with the message `id` of host_messages.mc. False if Windows
-  // refuses it.
+  // Adds an event of an EVENTLOG_ type with message `id` from host_messages.mc. False on failure.
   virtual bool Report(std::uint16_t type, std::uint32_t id, const Texts& texts) noexcept = 0;
 };
 
-// That of this machine, for the source of this name.
+// Opens this machine's event log for the given source.
 std::unique_ptr<EventJournal> OpenEventJournal(const std::wstring& source);
 
-// Writes to the event log what an operator acts on: the warnings and errors of the host itself, and
-// as a warning each delivery whose command did not run. The levels of the module do not tell: a
-// launch that went well has errors. What Windows refuses does not count as lost, because the log
-// files have it.
+// Writes to the event log what an operator must act on: warnings and errors from the host itself,
+// and as a warning each delivery whose command did not run. The module's own levels are no guide,
+// because even a successful launch logs errors. An event that Windows refuses does not count as
+// lost, because the log files have it.
 class EventLogTarget final : public LogTarget {
  public:
   explicit EventLogTarget(std::unique_ptr<EventJournal> where) : journal(std::move(where)) {}
@@ -40,10 +39,10 @@ class EventLogTarget final : public LogTarget {
   std::unique_ptr<EventJournal> journal;
 };
 
-// Registers the source `name` of the log "Application" with the message file `program`, so that the
-// event viewer finds its texts. Throws std::runtime_error.
+// Registers the event source `name` in the "Application" log with the message file `program`, which
+// gives Event Viewer its texts. Throws std::runtime_error.
 void AddEventSource(const std::wstring& name, const std::wstring& program);
-// Does nothing if there is no such source.
+// Does nothing if the source does not exist.
 void RemoveEventSource(const std::wstring& name) noexcept;
 
 }  // namespace Vx::Host

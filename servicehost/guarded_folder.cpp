@@ -27,9 +27,9 @@ using Platform::CurrentMachine;
 constexpr std::array kSystem = {
     L"S-1-5-18",
     L"S-1-5-32-544",
-    L"S-1-5-80-956008885-3418522649-1831038044-1853292631-2271478464",  // Windows' installer
-    L"S-1-3-0",  // the owner of what is made inside, who is judged there
-    L"S-1-3-4",  // the owner, who is judged anyway
+    L"S-1-5-80-956008885-3418522649-1831038044-1853292631-2271478464",  // the Windows installer
+    L"S-1-3-0",  // CREATOR OWNER: applies to child objects, whose owner is checked there
+    L"S-1-3-4",  // OWNER RIGHTS: the owner is checked in any case
 };
 
 constexpr std::uint32_t kReplacing =
@@ -38,8 +38,7 @@ constexpr std::uint32_t kReplacingChildren =
     FILE_DELETE_CHILD | WRITE_DAC | WRITE_OWNER | GENERIC_ALL;
 constexpr std::uint32_t kWriting = FILE_WRITE_DATA | FILE_APPEND_DATA | kReplacing;
 
-// The owner is stated, since an account that made the folder would keep the right to change the
-// list.
+// Sets the owner: an account that created the folder could otherwise still change the list.
 constexpr wchar_t kReadable[] = L"O:BAD:P(A;OICI;GA;;;SY)(A;OICI;GA;;;BA)(A;OICI;GRGX;;;BU)";
 constexpr wchar_t kPrivate[] = L"O:BAD:P(A;OICI;GA;;;SY)(A;OICI;GA;;;BA)";
 
@@ -47,7 +46,7 @@ struct DataFolder {
   const wchar_t* path;
   const wchar_t* access;
 };
-// Each after the one that it lies in.
+// Parents first.
 constexpr DataFolder kFolders[] = {
     {L"\\Vx", kReadable},
     {L"\\Vx\\SharedServices", kPrivate},
@@ -76,7 +75,7 @@ std::string Names(const std::vector<std::wstring>& accounts) {
   return names;
 }
 
-// Empty if no other account may use `rights` on what has this access list.
+// Returns which other account has any of `rights` under this access list. Empty if none has.
 std::string WhyOpen(const std::wstring& path, const Platform::Result<Platform::AccessList>& access,
                     std::uint32_t rights, Writers accepted) {
   if (!access) {
@@ -104,7 +103,7 @@ Platform::UniqueLocalMemory<void> Descriptor(const wchar_t* access) {
                            "); run as administrator");
 }
 
-// Returns whether the folder was made. One that exists is left as it is.
+// Returns whether the folder was created. Leaves an existing one as it is.
 bool Make(const std::wstring& path, const wchar_t* access) {
   const auto descriptor = Descriptor(access);
   SECURITY_ATTRIBUTES security{sizeof security, descriptor.get(), FALSE};
@@ -114,8 +113,9 @@ bool Make(const std::wstring& path, const wchar_t* access) {
   return false;
 }
 
-// Opens the folder itself and keeps others from renaming and deleting it: a link that takes its
-// place could lead what follows elsewhere. Only a handle that may list it counts in sharing.
+// Opens the folder itself, not a link's target, and keeps others from renaming or deleting it. A
+// link put in its place could redirect later operations. Only a handle that can list the folder
+// takes part in sharing checks.
 Platform::UniqueHandle Hold(const std::wstring& path, DWORD rights) {
   Platform::UniqueHandle folder = Platform::OpenDiskFile(
       path, READ_CONTROL | FILE_READ_ATTRIBUTES | FILE_LIST_DIRECTORY | rights,
@@ -127,16 +127,17 @@ Platform::UniqueHandle Hold(const std::wstring& path, DWORD rights) {
       FALSE) {
     ThrowError(path, " cannot be examined", GetLastError());
   }
-  // The emulator follows a link all the same, and shows it under its name alone.
+  // The emulator follows links regardless, and reveals a link only by its name.
   const auto named = CurrentMachine().files->Attributes(path);
   if (((found.FileAttributes | (named ? *named : 0)) & FILE_ATTRIBUTE_REPARSE_POINT) != 0) {
-    // The maker of the link chooses where it leads from now on.
+    // The link's creator decides where it leads.
     throw std::runtime_error(Utf8(path) + " is a link; find out who made it");
   }
   return folder;
 }
 
-// What is inside keeps its own entries. What it inherited follows the new list.
+// Sets the folder's owner and access list. Its contents keep their own entries, but inherited ones
+// follow the new list.
 void Close(Platform::RawHandle folder, const std::wstring& path, const wchar_t* access) {
   const auto descriptor = Descriptor(access);
   BOOL present = FALSE;
@@ -152,8 +153,8 @@ void Close(Platform::RawHandle folder, const std::wstring& path, const wchar_t* 
   if (error != ERROR_SUCCESS) ThrowError(path, " cannot be repaired", error);
 }
 
-// Puts a new folder in the place of one that another account made, which may hold it open with the
-// right to change its list. Returns where that one is now.
+// Replaces a folder created by another account, which may still have a handle with the right to
+// change its list. Returns the old folder's new path.
 std::wstring Replace(Platform::UniqueHandle& folder, const std::wstring& path,
                      const wchar_t* access) {
   const auto name = Platform::NewUuid();
@@ -197,7 +198,7 @@ std::string WhyUnguarded(const std::wstring& file, Writers accepted) {
     if (std::string why = WhyOpen(path, rights, accepted); !why.empty()) return why;
     if (path.size() < file.size() && rights == kWriting) rights = kReplacing;
   }
-  // What users may make in the root of the drive does not replace the folders in it.
+  // What users can create in the drive's root cannot replace the folders there.
   return WhyOpen(file.substr(0, 2) + L"\\", kReplacingChildren, accepted);
 }
 

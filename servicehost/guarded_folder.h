@@ -8,32 +8,32 @@
 
 namespace Vx::Host {
 
-// Whose right to write is accepted besides SYSTEM's, the administrators' and Windows' installer's.
+// Accounts that may have write access besides SYSTEM, administrators and the installer.
 enum class Writers {
-  System,   // no other
-  Account,  // that of the account of this process, for a machine on which the service is developed
+  System,   // none
+  Account,  // the account of this process, for development machines
 };
 
-// The accounts (SIDs as text) that may change what has this access list, the owner included, who
-// may change the list. `rights` are the access rights that count.
+// Returns the accounts (SIDs as text), beyond those accepted, that have any of `rights` under this
+// access list. Includes the owner, unless accepted, because an owner can change the list.
 std::vector<std::wstring> OtherWriters(const Platform::AccessList& access, std::uint32_t rights,
                                        Writers accepted);
 
-// Why a folder of the service is not safe: another account may write to it, or it cannot be
-// examined. Empty if it is safe.
+// Returns why one of the service's folders is not safe: another account can write to it, or it
+// cannot be examined. Empty if it is safe.
 std::string WhyWritable(const std::wstring& folder, Writers accepted);
 
-// Why a program at the full path `file` is not safe to run as SYSTEM: another account may write to
-// it, to its folder or to a folder above it or may delete what lies in the root of its drive, or
-// one of them cannot be examined. Empty if it is safe.
+// Returns why it is not safe to run the program at the full path `file` as SYSTEM. It is not safe
+// if another account can write to the file, its folder or a folder above that, or can delete
+// entries in the drive's root, or if one of them cannot be examined. Empty if it is safe.
 std::string WhyUnguarded(const std::wstring& file, Writers accepted);
 
-// The folder that %ProgramData% names for services, whatever the variable of this process says.
-// Throws std::runtime_error if Windows does not know it.
+// Returns the folder that %ProgramData% denotes for services, regardless of this process's
+// variable. Throws std::runtime_error if Windows cannot supply it.
 std::wstring ProgramDataFolder();
 
-// The folders of the service below `programData`: Vx, which users may only read, and
-// Vx\SharedServices with the store and Vx\Logs, which only administrators and SYSTEM may read.
+// The service's folders under `programData`: Vx, which users can only read, and Vx\SharedServices
+// with the store and Vx\Logs, which only administrators and SYSTEM can read.
 class DataFolders {
  public:
   DataFolders(std::wstring programData, Writers writers)
@@ -41,13 +41,12 @@ class DataFolders {
 
   enum class Existing { Report, Repair };
 
-  // Makes the folders that are missing. An existing folder that other accounts may write to stops
-  // the installation or is repaired: it gets the access list of a new one, and if it belongs to
-  // another account it is renamed and made again. Returns what was repaired.
-  // Throws std::runtime_error, whose text advises the administrator.
+  // Creates missing folders. If other accounts can write to an existing folder, Report throws, and
+  // Repair gives the folder a new folder's access list or, if another account owns it, renames it
+  // and creates a new one. Returns a description of each repair. Throws std::runtime_error with
+  // advice for the administrator.
   std::vector<std::string> Prepare(Existing existing) const;
 
-  // The full path of Vx\Logs.
   std::wstring Logs() const;
 
  private:

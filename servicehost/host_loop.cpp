@@ -22,7 +22,7 @@ namespace {
 
 using Platform::CurrentMachine;
 
-// A manual-reset event that ends the delays that run.
+// A manual-reset event that cuts running delays short.
 constexpr wchar_t kStandbyEvent[] = L"{CE7DC567-F47B-4A07-8489-C9DEB372B88F}";
 
 constexpr wchar_t kRepeated[] = L"dropped, the other source has just reported it: power event ";
@@ -47,8 +47,7 @@ Platform::UniqueHandle ManualEvent(const std::wstring& name, ServiceLog& log) {
 }  // namespace
 
 bool HasModernStandby() {
-  // The last of these bytes is AoAc (always on, always connected), which the compiler's header does
-  // not name.
+  // The last of these bytes is AoAc (always on, always connected), which the header does not name.
   SYSTEM_POWER_CAPABILITIES capabilities{};
   return GetPwrCapabilities(&capabilities) != FALSE &&
          capabilities.spare2[std::size(capabilities.spare2) - 1] != 0;
@@ -58,16 +57,17 @@ bool PowerFilter::Passes(std::uint32_t code, PowerSource source, std::uint64_t n
   const auto known = passed.find(code);
   if (known != passed.end() && known->second.source != source &&
       now - known->second.time <= kOtherSource) {
-    passed.erase(known);  // its pair is complete: the next one is an event of its own
+    passed.erase(known);  // the pair is complete, so the next one is a new event
     return false;
   }
   passed[code] = {source, now};
   return true;
 }
 
-// A process makes this choice once, with COM entered. Without cloaking, COM presents the process
-// even while a thread acts as a user (https://learn.microsoft.com/windows/win32/com/cloaking). The
-// module itself chooses none when it first reads the firmware.
+// COM security can be set once per process, after initializing COM. Without cloaking, COM uses the
+// process's identity even while a thread impersonates a user
+// (https://learn.microsoft.com/windows/win32/com/cloaking). The module itself does not enable it
+// when it first reads the firmware.
 ComForModule::ComForModule(ServiceLog& output) {
   Platform::Com& com = *CurrentMachine().com;
   std::int32_t result = com.InitializeMultithreaded();
@@ -96,7 +96,7 @@ HostLoop::HostLoop(const Options& options, ServiceLog& output)
   ResetStandby();
   session.Slots().Start();
   log.Add(L"INFO", kStarted + options.module);
-  // A set-up that is over is none that ends.
+  // The task is only for a set-up that completes while the service runs.
   if (const auto setup = CurrentMachine().oobe->Query(); setup.known && !setup.complete) {
     setupWatch = Platform::Thread([this] { AwaitSetup(); });
   }
@@ -126,7 +126,7 @@ void HostLoop::OnPower(std::uint32_t code, PowerSource source,
     }
   }
   log.Add(L"INFO", kPowerForwarded + std::to_wstring(code));
-  // A delay that begins with the resume runs in full, and one that runs at the suspend ends.
+  // A delay that starts at resume runs in full. One still running at suspend is cut short.
   if (code == PBT_APMRESUMESUSPEND || code == PBT_APMRESUMEAUTOMATIC) OnStandby(Standby::Left);
   session.Slots().power_event_task(code);
   if (code == PBT_APMSUSPEND) OnStandby(Standby::Entered);
@@ -145,7 +145,7 @@ void HostLoop::OnStandby(Standby change) {
   }
 }
 
-// An event that stays set would end every later delay at once.
+// An event left set would end every later delay at once.
 void HostLoop::ResetStandby() noexcept {
   if (standbyEvent != nullptr) ResetEvent(standbyEvent.get());
 }

@@ -15,18 +15,18 @@
 
 namespace Vx::Host {
 
-// The start of the log line of a power broadcast that goes to the module. The code follows.
+// Begins the log line for each power broadcast forwarded to the module, followed by the code.
 inline constexpr wchar_t kPowerForwarded[] = L"power event ";
 
-// Through which channel Windows reported a power broadcast.
+// How Windows reported a power broadcast.
 enum class PowerSource { ServiceControl, Notification };
 
-// Passes each power broadcast on once. Windows reports a suspend and a resume as a service control
-// and as a notification, and on some machines only as one of them.
+// Passes each power broadcast on once. Windows reports a suspend or resume as both a service
+// control and a notification, but on some machines as only one of them.
 class PowerFilter {
  public:
-  // Whether `code`, reported at the tick count `now`, goes to the module. False for a code that the
-  // other source reported within the last two seconds.
+  // Returns whether to forward `code`, reported at tick count `now`. False if the other source
+  // reported the same code within the last two seconds.
   bool Passes(std::uint32_t code, PowerSource source, std::uint64_t now);
 
  private:
@@ -34,15 +34,15 @@ class PowerFilter {
     PowerSource source;
     std::uint64_t time;
   };
-  std::map<std::uint32_t, Last> passed;  // per code
+  std::map<std::uint32_t, Last> passed;  // by code
 };
 
-// COM on the thread that makes this object, as the module needs it of its host: calls to other
-// processes are made as the user that a thread acts as. Destroyed on the same thread, after the
-// module.
+// Initializes COM on the constructing thread with dynamic cloaking, which the module needs from its
+// host: calls to other processes then use the identity of the user that the thread impersonates.
+// Destroy it on the same thread, after the module.
 class ComForModule {
  public:
-  // A refusal of Windows is logged to `output`. The module works without it, but not as the user.
+  // Logs a failure to `output`. The module then works on, but without the user's identity.
   explicit ComForModule(ServiceLog& output);
   ComForModule(const ComForModule&) = delete;
   ComForModule& operator=(const ComForModule&) = delete;
@@ -52,34 +52,33 @@ class ComForModule {
   bool entered;
 };
 
-// The part of a service host between Windows and the module: loads the module, forwards codes and
-// commands, and destroys the service object before it unloads the module. Everything that reaches
-// it from Windows comes through its functions, so a test sends codes the same way. Made and
-// destroyed on one thread.
+// The part of a service host between Windows and the module. Loads the module, forwards codes and
+// commands, and destroys the service object before unloading the module. Everything from Windows
+// arrives through its functions, so tests send codes the same way. Belongs to one thread.
 class HostLoop {
  public:
   struct Options {
     std::wstring module;         // full path
-    bool modernStandby = false;  // this machine enters Modern Standby
+    bool modernStandby = false;  // the machine supports Modern Standby
   };
 
-  // Loads the module and starts its service. `output` outlives this object. Throws
-  // std::runtime_error, whose text advises the operator.
+  // Loads the module and starts its service. `output` must outlive this object. Throws
+  // std::runtime_error with advice for the operator.
   HostLoop(const Options& options, ServiceLog& output);
   HostLoop(const HostLoop&) = delete;
   HostLoop& operator=(const HostLoop&) = delete;
-  // Waits for the calls that run.
+  // Waits for running calls.
   ~HostLoop();
 
-  // Any thread, several at once. Block while the module works.
+  // These functions may be called concurrently on any thread. They block while the module works.
   ResultEnvelope Execute(const CommandEnvelope& command, const std::wstring& client);
-  // `reported` is the tick count at which Windows reported the code, by default now.
+  // `reported` is the tick count at which Windows reported the code. Defaults to now.
   void OnPower(std::uint32_t code, PowerSource source,
                std::optional<std::uint64_t> reported = std::nullopt);
   void OnSession(std::uint32_t code);
 
-  // The machine enters or leaves Modern Standby. Sets or resets the standby event on a machine that
-  // has Modern Standby, otherwise does nothing.
+  // Sets or resets the standby event as the machine enters or leaves Modern Standby. Does nothing
+  // on a machine without Modern Standby.
   enum class Standby { Entered, Left };
   void OnStandby(Standby change);
 
@@ -88,18 +87,18 @@ class HostLoop {
   void AwaitSetup() noexcept;
 
   ServiceLog& log;
-  const ComForModule com;  // before the module, which chooses otherwise
+  const ComForModule com;  // before the module, which would set up COM without cloaking
   Platform::UniqueHandle standbyEvent;
   Platform::UniqueHandle stop;
   LoadedModule module;
-  ModuleLog moduleLog;  // between them: it has the first lines, and those of the service's end
+  ModuleLog moduleLog;  // declared here to receive the module's first and last lines
   ServiceSession session;
   std::mutex filterLock;
   PowerFilter filter;
   Platform::Thread setupWatch;
 };
 
-// Whether this machine has Modern Standby (the AoAc power capability).
+// Returns whether this machine has Modern Standby (the AoAc power capability).
 bool HasModernStandby();
 
 }  // namespace Vx::Host

@@ -17,7 +17,7 @@ namespace Vx::Host {
 
 namespace {
 
-constexpr std::wstring_view kAgeForm = L"-00000000-0000.log";  // 0: a digit
+constexpr std::wstring_view kAgeForm = L"-00000000-0000.log";  // 0 stands for any digit
 constexpr std::size_t kDayLength = 8;
 constexpr unsigned kLastNumber = 9999;
 
@@ -40,7 +40,7 @@ struct FindCloser {
 
 struct LogFile {
   std::wstring name;
-  std::uint64_t written = 0;  // on the scale of FILETIME
+  std::uint64_t written = 0;  // last write, a FILETIME
 };
 
 bool IsOf(std::wstring_view service, const std::wstring& name) {
@@ -49,7 +49,7 @@ bool IsOf(std::wstring_view service, const std::wstring& name) {
          (length == service.size() && _wcsnicmp(name.c_str(), service.data(), service.size()) == 0);
 }
 
-// By age.
+// Returns the log files, oldest first.
 std::vector<LogFile> LogFiles(const std::wstring& folder, std::wstring_view service) {
   std::vector<LogFile> files;
   WIN32_FIND_DATAW found;
@@ -98,7 +98,7 @@ bool LogFolder::Write(const LogEntry& entry) noexcept {
     if (WriteFile(file.get(), line.data(), static_cast<DWORD>(line.size()), &written, nullptr) ==
             FALSE ||
         written != line.size()) {
-      file.reset();  // the next record tries anew, behind what was written
+      file.reset();  // the next entry reopens it and appends after this partial line
       return false;
     }
     size += written;
@@ -109,7 +109,7 @@ bool LogFolder::Write(const LogEntry& entry) noexcept {
   }
 }
 
-// Continues the day's last file if it has room for a line.
+// Continues the day's last file if the line fits.
 void LogFolder::Open(const std::wstring& day, std::size_t lineSize) {
   file.reset();
   unsigned number = 1;
@@ -125,7 +125,7 @@ void LogFolder::Open(const std::wstring& day, std::size_t lineSize) {
     Platform::UniqueHandle opened = Platform::AdoptFile(
         CreateFileW(path.c_str(), GENERIC_READ | FILE_APPEND_DATA, FILE_SHARE_READ, nullptr,
                     OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL | FILE_FLAG_OPEN_REPARSE_POINT, nullptr));
-    // Another process writes to it, or a program that may delete it has it open.
+    // Another process is writing to the file, or a program has it open with the right to delete it.
     if (opened == nullptr && GetLastError() == ERROR_SHARING_VIOLATION) continue;
     if (opened == nullptr) {
       throw std::system_error(static_cast<int>(GetLastError()), std::system_category());
@@ -152,13 +152,13 @@ void LogFolder::Open(const std::wstring& day, std::size_t lineSize) {
   throw std::system_error(ERROR_NO_MORE_FILES, std::system_category());
 }
 
-// By the time of writing: the clock may have been wrong when a file got its name.
+// Goes by the last write, because the clock may have been wrong when a file was named.
 void LogFolder::DeleteOldest() const {
   std::vector<LogFile> files = LogFiles(folder, service);
   std::erase_if(files, [this](const LogFile& each) { return each.name == fileName; });
   std::ranges::stable_sort(files, {}, &LogFile::written);
   for (std::size_t i = 0; i + limits.files < files.size() + 1; ++i) {
-    // A file that a reader holds without sharing stays until the next one begins.
+    // If a reader has the file open without sharing, it stays until the next new file.
     static_cast<void>(DeleteFileW((folder + L"\\" + files[i].name).c_str()));
   }
 }

@@ -16,25 +16,23 @@ struct LogLimits {
   std::size_t files = 14;
 };
 
-// Returns the end of the name of a log file, by which names of one service are ordered:
-// "-YYYYMMDD-NNNN.log". Empty if `name` is not one. What precedes it is the name of the service, or
-// "vxhost" in a file of an earlier version.
+// Returns the suffix that orders a service's log files: "-YYYYMMDD-NNNN.log". Empty if `name` is
+// not a log file's. The prefix is the service's name, or "vxhost" in files from an earlier version.
 std::wstring_view LogAge(std::wstring_view name);
 
-// The names of the log files in `folder` by age, of `service` or of all services.
+// Returns the names of the log files in `folder`, oldest first, of `service` or of all services.
 std::vector<std::wstring> LogFileNames(const std::wstring& folder, std::wstring_view service = {});
 
-// Log files of a service in a folder that services may share: NAME-YYYYMMDD-NNNN.log, in UTC. A new
-// file begins with the day, when a line would take the file beyond its limit, and when another
-// process writes to the file. Beyond the limit, the files of the service that were written longest
-// ago are deleted, never the one that is open. Anyone who may read the folder may read a file while
-// it is written. No process can delete it then, because the lines that follow would go with it.
+// A service's log files in a folder that services may share: NAME-YYYYMMDD-NNNN.log, in UTC. A new
+// file starts each day, when a line would exceed the size limit, and while another process is
+// writing to the current file. Beyond the file limit, the service's least recently written files
+// are deleted, but never the open one. The open file can be read, but not deleted, because later
+// lines would be lost with it.
 //
-// A process that is killed leaves at most a line without its end. The next process begins a line of
-// its own behind it.
+// A killed process leaves at most one incomplete line. The next process starts on a new line.
 class LogFolder : public LogTarget {
  public:
-  // The folder has to exist. `service` names the files.
+  // `folder` must exist. File names start with `service`.
   LogFolder(std::wstring folder, std::wstring service, LogLimits limits = {});
 
   bool Write(const LogEntry& entry) noexcept override;
@@ -49,7 +47,7 @@ class LogFolder : public LogTarget {
   Platform::UniqueHandle file;
   std::wstring fileName;
   std::wstring fileDay;
-  std::uint64_t size = 0;  // of the open file
+  std::uint64_t size = 0;  // of the open file, in bytes
 };
 
 }  // namespace Vx::Host

@@ -1,7 +1,7 @@
-// The program of the installed service. A client may subscribe any program that is signed with a
-// pinned key, with arguments of its own, and the module starts it as SYSTEM. So that this program
-// may have such a signature, it takes the name of a service alone and does nothing unless the
-// service manager started it. All else stands in the registry, where administrators put it.
+// The installed service's program. A client can subscribe any program signed with a pinned key,
+// with arguments of its choice, and the module starts it as SYSTEM. To be safe to sign with such a
+// key, this program takes only a service name and does nothing unless the service manager started
+// it. Its other settings are in the registry, which only administrators can write.
 
 #include <memory>
 

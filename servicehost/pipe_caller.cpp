@@ -29,7 +29,7 @@ UniqueHandle TokenOf(HANDLE process) {
   return UniqueHandle(opened != FALSE ? token : nullptr);
 }
 
-// The user of a token, for the life of this object.
+// The user of a token. The SID is valid for the life of this object.
 class TokenAccount {
  public:
   explicit TokenAccount(HANDLE token) {
@@ -37,7 +37,7 @@ class TokenAccount {
     known = GetTokenInformation(token, TokenUser, buffer, size, &size) != FALSE;
   }
 
-  // Null if Windows does not tell it.
+  // Returns null if unknown.
   PSID Sid() const {
     return known ? reinterpret_cast<const TOKEN_USER*>(buffer)->User.Sid : nullptr;
   }
@@ -64,8 +64,8 @@ std::wstring NameOf(PSID sid) {
   return found ? name : L"";
 }
 
-// Whether `group` is in effect in `token`: it is not in the token of an administrator who has not
-// elevated. CheckTokenMembership takes impersonation tokens only.
+// Returns whether `group` is enabled in `token`. The administrators group is not enabled for an
+// administrator who has not elevated. CheckTokenMembership takes only impersonation tokens.
 bool IsMember(HANDLE token, WELL_KNOWN_SID_TYPE group) {
   HANDLE raw = nullptr;
   if (DuplicateToken(token, SecurityIdentification, &raw) == FALSE) return false;
@@ -85,7 +85,7 @@ std::wstring FileNameOf(HANDLE process) {
   return path.substr(path.find_last_of(L'\\') + 1);
 }
 
-// A line of the log names its caller in brackets, and a file's name may hold anything.
+// Log lines show the caller in brackets, and a file name may contain any character.
 std::wstring Harmless(const std::wstring& name) {
   std::wstring text = Wide(Printable(Utf8(name), LineBreaks::Replace));
   std::replace(text.begin(), text.end(), L'[', L'(');
@@ -109,7 +109,7 @@ std::wstring CallerName(std::uint32_t processId) {
   const UniqueHandle process = OpenCaller(processId);
   const std::wstring file = FileNameOf(process.get());
   if (file.empty()) return L"process " + std::to_wstring(processId);
-  // First, because a long file name is cut.
+  // The user comes first, because a long file name is cut.
   const std::wstring user = NameOf(TokenAccount(TokenOf(process.get()).get()).Sid());
   return Harmless(user.empty() ? file : user + L" " + file);
 }

@@ -8,12 +8,12 @@ namespace Vx::Host {
 
 namespace {
 
-constexpr DWORD kPiece = 16384;  // bytes that one read takes
+constexpr DWORD kPiece = 16384;  // bytes per read
 
 }  // namespace
 
-// One overlapped operation. Its memory and its buffer have to stay until Windows is done with them,
-// so it never ends before that.
+// One overlapped operation. Windows uses its memory and buffer until the operation completes, so
+// Finish never returns before that.
 struct PipeMessages::Operation {
   explicit Operation(const PipeMessages& owner) : messages(owner) {
     overlapped.hEvent = owner.finished.get();
@@ -21,7 +21,7 @@ struct PipeMessages::Operation {
   Operation(const Operation&) = delete;
   Operation& operator=(const Operation&) = delete;
 
-  // `started` and GetLastError() are of the call that began the operation.
+  // `started` and GetLastError() are from the call that started the operation.
   PipeOutcome Finish(BOOL started, DWORD patience) {
     error = started != FALSE ? ERROR_SUCCESS : GetLastError();
     if (error == ERROR_IO_PENDING) {

@@ -8,24 +8,23 @@
 
 namespace Vx::Host {
 
-// How an operation on a pipe ended.
 enum class PipeOutcome {
   Done,
-  Ended,     // the other side has gone, or broke the protocol
+  Ended,     // the other side disconnected or broke the protocol
   TimedOut,  // cancelled
-  Stopped,   // cancelled because the stop event was signalled
+  Stopped,   // cancelled by the stop event
 };
 
-// Messages over one end of a named pipe in message mode that was opened for overlapped operations.
-// Borrows both handles. One thread. Every wait ends with the stop event, which may be null.
+// Messages over one end of a named pipe in message mode, opened for overlapped I/O. Borrows both
+// handles. One thread. The stop event, which may be null, ends every wait.
 class PipeMessages {
  public:
   PipeMessages(Platform::RawHandle pipe, Platform::RawHandle stop);
 
-  // Server: waits for a client.
+  // Waits for a client to connect to this server end.
   PipeOutcome Connect();
 
-  // Reads a whole message into `message`. Ended also for one of more than `limit` bytes.
+  // Reads a whole message. Also returns Ended if it is longer than `limit` bytes.
   PipeOutcome Read(std::string& message, std::size_t limit, std::chrono::milliseconds patience);
 
   PipeOutcome Write(const std::string& message, std::chrono::milliseconds patience);
@@ -35,7 +34,7 @@ class PipeMessages {
 
   Platform::RawHandle pipe;
   Platform::RawHandle stop;
-  Platform::UniqueHandle finished;  // null if Windows refused it: every operation then fails
+  Platform::UniqueHandle finished;  // null if not created: every operation then fails
 };
 
 }  // namespace Vx::Host

@@ -61,7 +61,7 @@ void CheckSids(const std::vector<std::wstring>& texts) {
 std::wstring PipeAccess(const std::vector<std::wstring>& allowed) {
   std::wstring access = L"D:P(D;;GA;;;NU)(A;;GA;;;SY)(A;;GA;;;BA)";
   // FILE_GENERIC_READ, FILE_WRITE_DATA and FILE_WRITE_ATTRIBUTES. GENERIC_WRITE would include the
-  // right to create an instance, and with it to serve other clients.
+  // right to create an instance, and so to impersonate the server to other clients.
   for (const std::wstring& sid : allowed) access += L"(A;;0x12018b;;;" + sid + L")";
   return access;
 }
@@ -98,12 +98,11 @@ UniqueHandle PipeServer::NewInstance(bool first) const {
       PIPE_UNLIMITED_INSTANCES, kPipeBuffer, kPipeBuffer, 0, &attributes));
 }
 
-// An instance exists at any time, so that the name is never free for another process: the next one
-// is made before the present one is served or closed. Where Windows refuses it, the clients that
-// are served keep the name.
+// Keeps an instance open at all times, so that no other process can take the name: creates the next
+// one before serving or closing the current one. If that fails, those being served keep the name.
 void PipeServer::Listen() noexcept {
   UniqueHandle pipe;
-  UniqueHandle used;  // had a client, who may have gone
+  UniqueHandle used;  // has connected to a client, which may be gone
   bool refused = false;
   bool open = false;
   while (true) {
@@ -134,7 +133,7 @@ void PipeServer::Listen() noexcept {
   }
 }
 
-// False when the server stops first.
+// Returns false if the server stops first.
 bool PipeServer::WaitForRoom() {
   JoinThoseThatAreOver();
   while (connections.size() >= options.clients) {
@@ -156,8 +155,8 @@ void PipeServer::JoinThoseThatAreOver() {
   }
 }
 
-// Why `caller` gets none of the places that are left; null if it gets one. One account must not
-// keep the others out, and nobody keeps out those who have to repair what is wrong.
+// Returns why `caller` gets no connection, or null if it gets one. One account must not lock out
+// the others, and none must lock out SYSTEM and the administrators, who repair faults.
 const wchar_t* PipeServer::WhyTurnedAway(const PipeCaller& caller) const {
   if (caller.privileged) return nullptr;
   const auto places = std::count_if(connections.begin(), connections.end(), [&](const auto& other) {
@@ -169,7 +168,7 @@ const wchar_t* PipeServer::WhyTurnedAway(const PipeCaller& caller) const {
 
 void PipeServer::Admit(UniqueHandle pipe) {
   ULONG processId = 0;
-  if (GetNamedPipeClientProcessId(pipe.get(), &processId) == FALSE) return;  // has gone
+  if (GetNamedPipeClientProcessId(pipe.get(), &processId) == FALSE) return;  // the client is gone
   PipeCaller caller = options.identify(processId);
   if (const wchar_t* const why = WhyTurnedAway(caller)) {
     if (turnedAway.insert(caller.account).second) report(L"WARNING", why + caller.account);
@@ -182,7 +181,7 @@ void PipeServer::Admit(UniqueHandle pipe) {
   connection.caller = std::move(caller);
   try {
     connection.thread = Platform::Thread([this, &connection] { Serve(connection); });
-  } catch (const std::exception&) {  // no thread, or no memory for what it takes over
+  } catch (const std::exception&) {  // no thread or out of memory
     connections.pop_back();
     report(L"WARNING", kNoThread);
   }
@@ -212,7 +211,7 @@ void PipeServer::Serve(Connection& connection) noexcept {
   } catch (const std::exception&) {
     report(L"ERROR", L"a connection ended without memory");
   }
-  // Closing does not discard a result that the client has yet to read, as disconnecting would.
+  // Unlike disconnecting, closing does not discard a result that the client has not read yet.
   connection.pipe.reset();
   {
     const std::lock_guard guard(lock);

@@ -18,41 +18,40 @@
 
 namespace Vx::Host {
 
-// The pipe of the service of this name.
+// Returns the path of the pipe that the service `serviceName` uses.
 std::wstring PipePath(const std::wstring& serviceName);
 
-// Throws std::system_error for a text that is not a SID: it could hold entries of its own.
+// Throws std::system_error if a string is not a SID, because it could inject access entries.
 void CheckSids(const std::vector<std::wstring>& texts);
 
 struct PipeOptions {
   std::wstring path;
-  std::vector<std::wstring> allowed;  // accounts beside SYSTEM and the administrators, SIDs as text
-  std::size_t clients = 64;           // served at a time; one more may wait
-  std::size_t reserved = 4;           // of these, for SYSTEM and administrators
-  std::size_t perAccount = 16;        // of these, for each other account
+  std::vector<std::wstring> allowed;  // SIDs of accounts besides SYSTEM and administrators
+  std::size_t clients = 64;           // served at a time; one more can wait
+  std::size_t reserved = 4;           // of these, reserved for SYSTEM and administrators
+  std::size_t perAccount = 16;        // of these, at most per other account
   std::function<PipeCaller(std::uint32_t processId)> identify = &CallerOf;
   std::chrono::milliseconds idle = std::chrono::minutes(10);   // without a command
-  std::chrono::milliseconds stuck = std::chrono::seconds(30);  // without reading a result
-  std::chrono::milliseconds retry = std::chrono::seconds(10);  // while the name is taken
+  std::chrono::milliseconds stuck = std::chrono::seconds(30);  // until a result is read
+  std::chrono::milliseconds retry = std::chrono::seconds(10);  // between attempts to open the pipe
 };
 
-// Serves commands over a named pipe, see docs/host.md. A thread per client. What one client sends,
-// or fails to send or to read, reaches no other.
+// Serves commands over a named pipe (see docs/host.md), with one thread per client. No client can
+// disturb another by what it sends or by failing to send or read.
 class PipeServer {
  public:
-  // Runs one command as `client` (at most 64 characters). Called on any of the server's threads,
-  // several at once. Must not throw.
+  // Runs one command as `client` (at most 64 characters). Called concurrently. Must not throw.
   using Handler = std::function<ResultEnvelope(const CommandEnvelope&, const std::wstring& client)>;
-  // Receives what an operator should know: `level` is INFO, WARNING or ERROR. Must not throw. A
-  // view, because some messages report a want of memory.
+  // Receives messages for the operator. `level` is INFO, WARNING or ERROR. Must not throw. The
+  // message is a view because some report that memory ran out.
   using Report = std::function<void(const wchar_t* level, std::wstring_view message)>;
 
-  // Serves from now on. Throws std::system_error without a thread or an event, or when `allowed`
-  // holds a text that is not a SID.
+  // Starts serving. Throws std::system_error if no thread or event can be created, or if `allowed`
+  // contains a string that is not a SID.
   PipeServer(PipeOptions settings, Handler run, Report tell);
   PipeServer(const PipeServer&) = delete;
   PipeServer& operator=(const PipeServer&) = delete;
-  // Waits for the commands that run.
+  // Waits for running commands.
   ~PipeServer();
 
  private:
@@ -61,7 +60,7 @@ class PipeServer {
     std::uint32_t processId = 0;
     PipeCaller caller;
     Platform::Thread thread;
-    bool over = false;  // under the lock
+    bool over = false;  // guarded by `lock`
   };
 
   void Listen() noexcept;
@@ -77,15 +76,15 @@ class PipeServer {
   const Report report;
   Platform::UniqueLocalMemory<void> security;
   Platform::UniqueHandle stop;
-  Platform::UniqueHandle left;  // auto-reset: a connection is over
+  Platform::UniqueHandle left;  // auto-reset: signalled when a connection ends
   std::mutex lock;
-  std::list<Connection> connections;  // changed by the listener alone, as the next
-  std::set<std::wstring> turnedAway;  // accounts that were reported and got no place since
+  std::list<Connection> connections;  // changed only by the listener, like the next one
+  std::set<std::wstring> turnedAway;  // accounts reported as turned away and not admitted since
   Platform::Thread listener;
 };
 
-// An access list that admits SYSTEM, the administrators and `allowed`, and denies remote users.
-// The accounts of `allowed` may read and write, but not create an instance of the pipe.
+// Returns an SDDL access list that admits SYSTEM, the administrators and `allowed`, and denies
+// remote users. `allowed` can read and write, but not create an instance of the pipe.
 std::wstring PipeAccess(const std::vector<std::wstring>& allowed);
 
 }  // namespace Vx::Host

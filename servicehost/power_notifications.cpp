@@ -2,7 +2,7 @@
 
 #include <windows.h>
 
-// As documented for powrprof.dll, whose import library has it. No header of this toolchain does.
+// As documented for powrprof.dll. This toolchain's headers do not declare them.
 extern "C" {
 DWORD WINAPI PowerRegisterSuspendResumeNotification(DWORD flags, HANDLE recipient, void** handle);
 DWORD WINAPI PowerUnregisterSuspendResumeNotification(void* handle);

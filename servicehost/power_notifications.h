@@ -5,11 +5,11 @@
 
 namespace Vx::Host {
 
-// Receives the notifications of suspend and resume for the life of this object. On a machine with
-// Modern Standby they may come without a service control.
+// Receives suspend and resume notifications for the life of this object. With Modern Standby, they
+// may come without a service control.
 class PowerNotifications {
  public:
-  // Called on a thread of the system with a PBT_ code. Must not throw.
+  // Called on a system thread with a PBT_ code. Must not throw.
   using Receiver = std::function<void(std::uint32_t code)>;
 
   explicit PowerNotifications(Receiver receive);
@@ -18,7 +18,7 @@ class PowerNotifications {
   ~PowerNotifications();
 
  private:
-  // As Windows takes it.
+  // DEVICE_NOTIFY_SUBSCRIBE_PARAMETERS, which this toolchain's headers do not declare.
   struct Recipient {
     void* callback;
     void* context;

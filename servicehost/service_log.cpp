@@ -18,7 +18,7 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 constexpr wchar_t kDropped[] = L" log lines were dropped";
-constexpr wchar_t kRepeated[] = L" (repeated: ";  // with the number and a bracket behind it
+constexpr wchar_t kRepeated[] = L" (repeated: ";  // followed by the count and a bracket
 
 void AppendRecord(std::string& out, const DecisionRecord& record) {
   char separator = '{';
@@ -51,7 +51,7 @@ void AppendRecord(std::string& out, const DecisionRecord& record) {
   out += '}';
 }
 
-// Each record is a decision of its own.
+// Entries with records never count as repeated: each record is a separate decision.
 bool IsRepeated(const LogLine& line, const LogLine& next) {
   return !line.record && !next.record && line.message == next.message && line.level == next.level &&
          line.provider == next.provider && line.caller == next.caller;

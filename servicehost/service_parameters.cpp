@@ -17,9 +17,8 @@ namespace {
 
 constexpr std::size_t kLongestName = 64;
 
-// Accounts other than administrators and SYSTEM may only read it. DeleteService deletes the
-// service's key with its subkeys:
-// https://learn.microsoft.com/windows/win32/api/winsvc/nf-winsvc-deleteservice
+// Only administrators and SYSTEM can write here. DeleteService deletes the service's key with its
+// subkeys: https://learn.microsoft.com/windows/win32/api/winsvc/nf-winsvc-deleteservice
 constexpr wchar_t kServices[] = L"SYSTEM\\CurrentControlSet\\Services\\";
 constexpr wchar_t kParameters[] = L"\\Parameters";
 
@@ -32,7 +31,7 @@ std::wstring KeyOf(const std::wstring& name) {
   return kServices + name + kParameters;
 }
 
-// The bytes of a value of this type. Empty if there is none.
+// Returns a value of this type, or an empty one if there is none.
 Platform::RegistryValue Read(const std::wstring& key, const wchar_t* name, DWORD type) {
   auto value = Platform::CurrentMachine().registry->Read(key, name);
   return value && value->type == type ? std::move(*value) : Platform::RegistryValue{};
@@ -65,7 +64,7 @@ bool IsServiceName(const std::wstring& name) {
 ServiceOptions ReadParameters(const std::wstring& name) {
   const std::wstring key = KeyOf(name);
   ServiceOptions options{.name = name, .module = TextOf(Read(key, kModule, REG_SZ))};
-  // Texts that each end with a null character. After the last one comes another.
+  // Null-terminated strings, followed by one more null.
   for (auto allowed = Read(key, kAllow, REG_MULTI_SZ); !TextOf(allowed).empty();) {
     options.allowed.push_back(TextOf(allowed));
     const std::size_t size = (options.allowed.back().size() + 1) * sizeof(wchar_t);

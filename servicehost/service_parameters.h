@@ -5,24 +5,23 @@
 
 namespace Vx::Host {
 
-// How an installed service runs.
 struct ServiceOptions {
   std::wstring name;
   std::wstring module = {};                // full path
-  std::vector<std::wstring> allowed = {};  // SIDs whose accounts may use the pipe
-  bool development = false;                // takes the controls of service_process.h
+  std::vector<std::wstring> allowed = {};  // SIDs of accounts that may use the pipe
+  bool development = false;                // accepts the controls in service_process.h
 };
 
-// Whether `name` may name a service, its pipe and its key: 1 to 64 letters, digits, dots, hyphens
-// and underscores.
+// Returns whether `name` is valid for a service, its pipe and its registry key: 1 to 64 letters,
+// digits, dots, hyphens and underscores.
 bool IsServiceName(const std::wstring& name);
 
-// The options of the installed service of this name, a service name: values of its key Parameters,
-// where the service manager deletes them with the service. What is missing or has another type is
-// empty or false.
+// Returns the options of the installed service `name`, which must be a valid service name. They are
+// values of its Parameters key, which is deleted with the service. A value that is missing or of
+// the wrong type is empty or false.
 ServiceOptions ReadParameters(const std::wstring& name);
 
-// Throws std::runtime_error if Windows refuses a value.
+// Throws std::runtime_error if a value cannot be written.
 void WriteParameters(const ServiceOptions& options);
 
 }  // namespace Vx::Host

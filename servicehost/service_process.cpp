@@ -31,8 +31,8 @@ constexpr wchar_t kFailed[] = L"the service cannot run: ";
 constexpr wchar_t kOverflowed[] =
     L" codes of Windows were dropped, because the module was busy with an earlier one";
 
-constexpr DWORD kTick = 1000;        // milliseconds between two checkpoints
-constexpr DWORD kWaitHint = 10'000;  // milliseconds in which the next one comes
+constexpr DWORD kTick = 1000;        // milliseconds between checkpoints
+constexpr DWORD kWaitHint = 10'000;  // milliseconds until the next one is due
 constexpr std::chrono::seconds kSuspendPatience{2};
 
 constexpr std::uint32_t kLastControl = 255;
@@ -40,7 +40,7 @@ constexpr std::uint32_t kLastControl = 255;
 constexpr char kNoModule[] =
     "no module is named below the key Parameters of the service; install it with --replace";
 
-// The one service of this process, which the function that Windows calls has to find.
+// The service's name, for the callbacks from Windows.
 std::wstring& TheName() {
   static std::wstring name;
   return name;
@@ -66,11 +66,10 @@ DWORD WINAPI HandleControl(DWORD control, DWORD event, void* /*data*/, void* con
   return static_cast<ServiceProcess*>(context)->Control(control, event);
 }
 
-// Without memory for this the process ends, and the manager starts it again.
+// If memory runs out here, the process ends and the service manager restarts it.
 void WINAPI ServiceMain(DWORD /*count*/, LPWSTR* /*arguments*/) noexcept {
   const std::wstring programData = ProgramDataFolder();
-  // The module takes the folder of its store from the variable. The emulator gives services another
-  // value than programs.
+  // The module finds its store through this variable. The emulator gives services another value.
   SetEnvironmentVariableW(L"ProgramData", programData.c_str());
   ManagerSink sink;
   std::vector<std::unique_ptr<LogTarget>> places;
@@ -83,7 +82,7 @@ void WINAPI ServiceMain(DWORD /*count*/, LPWSTR* /*arguments*/) noexcept {
   if (sink.handle != nullptr) service.Run();
 }
 
-// Reports progress while the main thread waits for what it ends.
+// Reports progress while the main thread blocks.
 class CheckpointTicks {
  public:
   explicit CheckpointTicks(std::function<void()> progress)
@@ -134,13 +133,13 @@ void CodeQueue::Add(bool power, std::uint32_t code, PowerSource source) noexcept
     if (codes.size() > capacity) DropOne();
     changed.notify_all();
     if (!power || code != PBT_APMSUSPEND) return;
-    // The machine sleeps as soon as every handler has returned.
+    // The machine may sleep once every handler has returned.
     changed.wait_for(guard, kSuspendPatience, [this] { return codes.empty() && !forwarding; });
   } catch (const std::exception&) {  // NOLINT(bugprone-empty-catch): see the header
   }
 }
 
-// Were all of them different, the oldest would go.
+// Drops the oldest code if all differ.
 void CodeQueue::DropOne() {
   auto victim = codes.begin();
   for (auto at = codes.begin(); at != codes.end(); ++at) {
@@ -185,7 +184,7 @@ void CodeQueue::Run() noexcept {
   }
 }
 
-// Lets Control reach the queue for the life of this object.
+// Makes the queue available to Control for the life of this object.
 class ServiceProcess::Published {
  public:
   Published(ServiceProcess& owner, CodeQueue& codes) : service(owner) { Set(&codes); }
@@ -216,7 +215,7 @@ std::uint32_t ServiceProcess::Accepted() {
          SERVICE_ACCEPT_SESSIONCHANGE;
 }
 
-// A state that lasts has no checkpoint. A report of the same pending state is progress.
+// Only pending states have a checkpoint. Reporting the same one again signals progress.
 void ServiceProcess::Report(std::uint32_t state, std::uint32_t exitCode) noexcept {
   const std::lock_guard guard(stateLock);
   const bool pending = state == SERVICE_START_PENDING || state == SERVICE_STOP_PENDING;
@@ -236,14 +235,14 @@ void ServiceProcess::Run() noexcept {
     }
     exitCode = ERROR_SERVICE_SPECIFIC_ERROR;
   }
-  log.Flush();  // the process may be gone after the report
+  log.Flush();  // the process may end after the report
   Report(SERVICE_STOPPED, exitCode);
 }
 
 void ServiceProcess::Serve() {
   Report(SERVICE_START_PENDING);
   if (options.module.empty()) throw std::runtime_error(kNoModule);
-  std::unique_ptr<CheckpointTicks> ticks;  // outlives what it reports the end of
+  std::unique_ptr<CheckpointTicks> ticks;  // outlives the objects whose destruction it reports on
   HostLoop host({.module = options.module, .modernStandby = HasModernStandby()}, log);
   Report(SERVICE_START_PENDING);
   PipeOptions pipe;
@@ -300,8 +299,8 @@ std::uint32_t ServiceProcess::Control(std::uint32_t control, std::uint32_t event
                                      : session(control - SessionControl(0));
 }
 
-// https://learn.microsoft.com/windows/win32/api/winsvc/nf-winsvc-startservicectrldispatcherw: 1063
-// is the error of a program that the service manager did not start.
+// Error 1063 means that the service manager did not start the program:
+// https://learn.microsoft.com/windows/win32/api/winsvc/nf-winsvc-startservicectrldispatcherw
 std::uint32_t RunUnderManager(const std::wstring& name) {
   TheName() = name;
   const SERVICE_TABLE_ENTRYW table[] = {{TheName().data(), &ServiceMain}, {nullptr, nullptr}};

@@ -17,7 +17,7 @@
 
 namespace Vx::Host {
 
-// The user-defined controls that stand for an event of a service under development. Codes up to 63.
+// User-defined controls that simulate events for a service under development. `code` is at most 63.
 constexpr std::uint32_t PowerControl(std::uint32_t code) {
   return 128 + code;
 }
@@ -25,39 +25,38 @@ constexpr std::uint32_t SessionControl(std::uint32_t code) {
   return 192 + code;
 }
 
-// What the service reports of itself, in the numbers of Windows.
+// The status that the service reports, with Windows' values.
 struct ServiceStatus {
-  std::uint32_t state = 0;       // SERVICE_START_PENDING and so on
-  std::uint32_t checkpoint = 0;  // grows while it starts or stops
+  std::uint32_t state = 0;       // SERVICE_START_PENDING etc.
+  std::uint32_t checkpoint = 0;  // increases while starting or stopping
   std::uint32_t exitCode = 0;
 };
 
-// The service manager as the service sees it.
+// The service manager, as seen by the service.
 class StatusSink {
  public:
   virtual ~StatusSink() = default;
 
-  // Any thread, one call at a time. The process may end after SERVICE_STOPPED was reported.
+  // Called on any thread, one call at a time. The process may end once SERVICE_STOPPED is reported.
   virtual void Report(const ServiceStatus& state) noexcept = 0;
 };
 
-// Forwards the codes of the service manager to the module, in their order, on a thread of its own:
-// the module may take minutes for one, and the manager waits for its handler. When too many wait,
-// the oldest that came again later is dropped. So the last report of each code stays, and standby
-// and log-on end as Windows reported them.
+// Forwards codes from the service manager to the module, in order, on its own thread: the module
+// may take minutes for one, while the manager waits for its handler. On overflow, drops the oldest
+// code that is queued again later, so that standby and log-on end up as Windows last reported.
 class CodeQueue {
  public:
-  static constexpr std::size_t kLongest = 1024;  // more than the codes that Windows has
+  static constexpr std::size_t kLongest = 1024;  // more than the number of codes Windows has
 
-  // Both outlive this object. `output` receives one warning per overflow with the number of codes
-  // that it cost.
+  // Both must outlive this object. `output` receives one warning per overflow, with the loss.
   CodeQueue(HostLoop& loop, ServiceLog& output, std::size_t limit = kLongest);
   CodeQueue(const CodeQueue&) = delete;
   CodeQueue& operator=(const CodeQueue&) = delete;
-  // Forwards what waits first.
+  // Forwards the queued codes first.
   ~CodeQueue();
 
-  // Any thread. Without memory for it, the service drops the code.
+  // May be called on any thread. A code is dropped if memory runs out. For a suspend, AddPower
+  // blocks for at most two seconds until the module has handled it.
   void AddPower(std::uint32_t code, PowerSource source) noexcept;
   void AddSession(std::uint32_t code) noexcept;
 
@@ -66,7 +65,7 @@ class CodeQueue {
     bool power;
     std::uint32_t code;
     PowerSource source;
-    std::uint64_t reported;  // the tick count then: the module may take longer than the reports
+    std::uint64_t reported;  // tick count on arrival, because forwarding may be delayed
   };
 
   void Add(bool power, std::uint32_t code, PowerSource source) noexcept;
@@ -79,29 +78,29 @@ class CodeQueue {
   const std::size_t capacity;
   std::mutex lock;
   std::condition_variable changed;
-  std::deque<Code> codes;     // under the lock, as the next three
+  std::deque<Code> codes;     // guarded by `lock`, like the next three
   std::uint64_t dropped = 0;  // since the last warning
   bool forwarding = false;
   bool ending = false;
   Platform::Thread worker;
 };
 
-// One run of the service, between the service manager and the module.
+// One run of the service, linking the service manager and the module.
 class ServiceProcess {
  public:
-  // `places` receive the log. Throws std::system_error without an event.
+  // `places` receive the log. Throws std::system_error if no event can be created.
   ServiceProcess(ServiceOptions settings, std::vector<std::unique_ptr<LogTarget>> places,
                  StatusSink& manager);
 
-  // Runs until Control receives a stop or a pre-shutdown. Reports each state, last SERVICE_STOPPED.
+  // Runs until Control receives a stop or pre-shutdown. The last state reported is SERVICE_STOPPED.
   void Run() noexcept;
 
-  // What the service manager sends: the return value is that of its handler. Any thread, before,
-  // during and after Run. Blocks for at most two seconds, which a suspend takes to reach the module
-  // before the machine sleeps.
+  // Handles a control from the service manager. Returns what its handler must return. May be called
+  // on any thread, before, during and after Run. Blocks for at most two seconds, so that a suspend
+  // reaches the module before the machine sleeps.
   std::uint32_t Control(std::uint32_t control, std::uint32_t event) noexcept;
 
-  // The controls that a running service accepts, SERVICE_ACCEPT_ bits.
+  // Returns the controls that a running service accepts, as SERVICE_ACCEPT_ bits.
   static std::uint32_t Accepted();
 
  private:
@@ -115,14 +114,14 @@ class ServiceProcess {
   ServiceLog log;
   Platform::UniqueHandle stop;
   std::mutex stateLock;
-  ServiceStatus reported;  // under the lock above
+  ServiceStatus reported;  // guarded by `stateLock`
   std::mutex queueLock;
-  CodeQueue* queue = nullptr;  // under the lock above; null while no module runs
+  CodeQueue* queue = nullptr;  // guarded by `queueLock`; null while no module runs
 };
 
-// The installed service of this name, a service name, which the manager starts in this process.
-// Returns when it has ended, or at once with ERROR_FAILED_SERVICE_CONTROLLER_CONNECT (1063), before
-// anything else was done, when another program started the process.
+// Runs the installed service `name`, a valid service name, in the process that the service manager
+// started for it. Returns when the service has ended. If another program started the process, does
+// nothing and returns ERROR_FAILED_SERVICE_CONTROLLER_CONNECT (1063).
 std::uint32_t RunUnderManager(const std::wstring& name);
 
 }  // namespace Vx::Host

@@ -14,15 +14,15 @@ namespace {
 
 using Bytes = std::vector<std::byte>;
 
-// Derived from the provider's name as tools derive it, so that they also accept "*Vx-Host-Service".
+// Derived from the provider's name as tools do it, so that they also accept "*Vx-Host-Service".
 constexpr GUID kProvider = {
     0x1f3716e0, 0xc3cb, 0x5355, {0x7c, 0xd0, 0xdc, 0x57, 0x8e, 0xba, 0x4f, 0xdc}};
 constexpr std::string_view kProviderName = "Vx-Host-Service";
 constexpr std::string_view kEventName = "Log";
 
-// The types of self-describing fields.
-constexpr std::uint8_t kText = 1;    // UTF-16 with a terminator
-constexpr std::uint8_t kNumber = 8;  // 32 bits, unsigned
+// Field types of self-describing events.
+constexpr std::uint8_t kText = 1;    // null-terminated UTF-16
+constexpr std::uint8_t kNumber = 8;  // unsigned 32-bit integer
 
 struct Field {
   std::string_view name;
@@ -34,10 +34,10 @@ constexpr Field kFields[] = {{"level", kText},
                              {"thread", kNumber},
                              {"message", kText}};
 
-constexpr std::uint8_t kSelfDescribing = 11;  // tools recognise such events by it
-constexpr std::uint8_t kDescription = 1;      // the kinds of the first two parts of an event
+constexpr std::uint8_t kSelfDescribing = 11;  // marks self-describing events for tools
+constexpr std::uint8_t kDescription = 1;      // the types of an event's first two parts
 constexpr std::uint8_t kTraits = 2;
-constexpr int kProviderTraits = 2;  // what EventSetInformation sets
+constexpr int kProviderTraits = 2;  // the EventSetInformation class for traits
 
 void AppendByte(Bytes& bytes, std::uint8_t value) {
   bytes.push_back(std::byte{value});
@@ -48,7 +48,7 @@ void AppendName(Bytes& bytes, std::string_view name) {
   AppendByte(bytes, 0);
 }
 
-// Both blocks begin with their size in 16 bits, little-endian.
+// Both blocks begin with their size as a 16-bit little-endian integer.
 Bytes Sized(Bytes bytes) {
   bytes[0] = std::byte{static_cast<std::uint8_t>(bytes.size() & 0xFF)};
   bytes[1] = std::byte{static_cast<std::uint8_t>(bytes.size() >> 8)};
@@ -88,7 +88,7 @@ class WindowsTrace final : public TraceWriter {
  public:
   WindowsTrace() {
     if (EventRegister(&kProvider, nullptr, nullptr, &handle) != ERROR_SUCCESS) handle = 0;
-    // Not in every Windows, and only for tools that list providers.
+    // Not in every Windows version, and needed only by tools that list providers.
     using SetInformation = ULONG(WINAPI*)(REGHANDLE, int, void*, ULONG);
     const auto set = reinterpret_cast<SetInformation>(reinterpret_cast<void*>(
         GetProcAddress(GetModuleHandleW(L"advapi32.dll"), "EventSetInformation")));
@@ -115,7 +115,7 @@ class WindowsTrace final : public TraceWriter {
     event.Level = level;
     EVENT_DATA_DESCRIPTOR parts[2 + std::size(kFields)];
     ULONG count = 0;
-    // The kind of a part lies in the lowest byte of its reserved word.
+    // A part's type is in the low byte of its reserved word.
     const auto add = [&](std::span<const std::byte> bytes, std::uint8_t kind) {
       EventDataDescCreate(&parts[count], bytes.data(), static_cast<ULONG>(bytes.size()));
       parts[count++].Reserved = kind;
