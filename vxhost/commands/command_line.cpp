@@ -48,7 +48,7 @@ CommandLine::CommandLine() : app(kAbout, "vxhost") {
   app.set_version_flag("--version", kVersion);
   app.require_subcommand(1);
   app.fallthrough();
-  app.allow_windows_style_options(false);  // a path may begin with a slash
+  app.allow_windows_style_options(false);  // a path may start with a slash
   moduleOptions.options = {
       app.add_option("--dll", module.dll, "the module (default: OrvaneService.dll beside vxhost)"),
       app.add_flag("--private-store", module.privateStore, "give this run a store of its own"),
@@ -71,7 +71,7 @@ CLI::App& CommandLine::Add(CLI::App& parent, const char* name, const char* about
   CLI::App& command = *parent.add_subcommand(name, about);
   command.footer(footer);
   command.callback([this, &command, function = std::move(function)] {
-    if (!command.get_subcommands().empty()) return;  // one of its own was chosen
+    if (!command.get_subcommands().empty()) return;  // one of its subcommands was chosen
     chosen = &command;
     run = function;
   });
@@ -112,7 +112,7 @@ int CommandLine::Execute(std::vector<std::string> arguments) {
       app.get_option(option->get_name())->group("Options of " + Joined(leading.users));
     }
   }
-  // A fault of the command line comes before the parser has seen the option.
+  // A command-line error can be raised before the parser has seen the option.
   json = std::find(arguments.begin(), arguments.end(), "--json") != arguments.end();
   try {
     RefuseUnknownSubcommand(arguments);
@@ -148,7 +148,7 @@ int CommandLine::Fail(const std::string& why, std::int32_t result) const {
   return kUnusable;
 }
 
-// The parser would only report that a subcommand is missing.
+// Without this, the parser would only report that a subcommand is missing.
 void CommandLine::RefuseUnknownSubcommand(const std::vector<std::string>& arguments) const {
   if (arguments.empty() || arguments.front().rfind('-', 0) == 0) return;
   const std::string& name = arguments.front();
@@ -170,7 +170,7 @@ void CommandLine::RefuseUselessOptions() const {
   }
 }
 
-// The module and what vxhost links find the store by this variable.
+// The module and the code linked into vxhost find the store through this variable.
 void CommandLine::ChooseStore() const {
   if (module.store.empty()) return;
   if (module.privateStore || module.simulate) {

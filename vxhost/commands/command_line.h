@@ -13,48 +13,47 @@
 
 namespace Vx::Host {
 
-// The longest wait that an option can ask for: a day.
+// The longest wait that an option can request: a day.
 constexpr int kLongestSeconds = 86'400;
 
-// The subcommands, and the one that the command line names. One thread.
+// The subcommands and the one chosen on the command line. One thread.
 class CommandLine {
  public:
-  // Returns an ExitCode and throws std::exception for a fault that the user has to correct: in the
-  // module, a file or a text.
+  // Returns an ExitCode. Throws std::exception for an error that the user must correct.
   using Run = std::function<int(Console&)>;
 
   CommandLine();
 
-  // Adds a subcommand to the tool, or to `parent`. `footer` stands below its help.
+  // Add a subcommand to the tool, or to `parent`. `footer` is printed below its help.
   CLI::App& Add(const char* name, const char* about, const char* footer, Run run);
   CLI::App& Add(CLI::App& parent, const char* name, const char* about, const char* footer, Run run);
   // Adds a subcommand that only has subcommands of its own.
   CLI::App& AddGroup(const char* name, const char* about);
 
-  // Lets the module options precede `command`. They are refused everywhere else, where they would
-  // have no effect: the user would take the machine's store for a private one, for example.
+  // Allows the module options before `command`. Other commands, on which they would have no effect,
+  // reject them: a user might think, for example, that one uses a private store.
   void UseModule(const CLI::App& command);
   const ModuleOptions& Module() const { return module; }
 
-  // Lets --store precede `command`, in the same way.
+  // Allows --store before `command`, in the same way.
   void UseStore(const CLI::App& command) { storeOption.users.push_back(&command); }
 
-  // Adds --json to `command`, which then writes its results with Console::JsonResult. A failure
-  // that it throws is written in the form of ErrorJson.
+  // Adds --json to `command`, which then writes its results with Console::JsonResult. Errors that
+  // it throws are written in the form of ErrorJson.
   void OfferJson(CLI::App& command);
   const bool& Json() const { return json; }
 
-  // Adds --timeout to `command`: the seconds that it waits for the store.
+  // Adds --timeout to `command`, in seconds to wait for the store.
   static void AddTimeout(CLI::App& command, HoldLimits& limits);
 
-  // Adds --service[=NAME] to `command`, which leaves `name` empty when the option is missing.
+  // Adds --service[=NAME] to `command`. `name` stays empty if the option is absent.
   static void OfferService(CLI::App& command, std::string& name);
 
-  // Parses and runs. Returns the exit code of the process. Writes what the subcommand throws.
+  // Runs the subcommand in `arguments`. Prints what it throws. Returns the process's exit code.
   int Execute(std::vector<std::string> arguments);
 
  private:
-  // Options that stand before the subcommand, and the subcommands that use them.
+  // Options that precede the subcommand, and the subcommands that use them.
   struct LeadingOptions {
     std::vector<const CLI::Option*> options;
     std::vector<const CLI::App*> users;

@@ -50,18 +50,18 @@ struct Options {
   HoldLimits limits;
 };
 
-// Unusable: the module cannot work at all. Finding: one of its capabilities cannot.
+// Finding: one of the module's capabilities does not work. Unusable: none does.
 enum class Health { Good, Finding, Unusable };
 
 struct Check {
   const char* what;
   Health health = Health::Good;
   std::wstring found;
-  std::wstring expected = {};  // this and the advice only where `health` is not good
+  std::wstring expected = {};  // this and the advice are set only if `health` is not good
   std::wstring advice = {};
 };
 
-// A check that is good, or a finding with what was expected and what to do.
+// Returns a good check, or a finding with what was expected and what to do.
 Check MakeCheck(const char* what, bool good, std::wstring found, const wchar_t* expected,
                 const wchar_t* advice) {
   Check check{.what = what, .found = std::move(found)};
@@ -86,7 +86,7 @@ std::wstring Code(std::uint32_t error) {
   return L"error " + std::to_wstring(error);
 }
 
-// The version in a file's resource, "1.2.3.4". Empty when it has none.
+// Returns the version in a file's resource, "1.2.3.4", or empty if it has none.
 std::wstring FileVersion(const std::wstring& path) {
   DWORD ignored = 0;
   std::vector<std::byte> block(GetFileVersionInfoSizeW(path.c_str(), &ignored));
@@ -153,7 +153,7 @@ void Pins(const std::wstring& module, const std::optional<ModulePins>& pins,
       std::to_wstring(general) + L" general, " + std::to_wstring(restricted) + L" restricted",
       L"at least one of each set", kAdvice));
   const auto keys = Tessel::Security::PublicKeysOf(module);
-  if (keys.empty()) return;  // then the check of the signature is a finding
+  if (keys.empty()) return;  // the signature check then reports a finding
   const auto isIn = [&](Tessel::Security::KeySet set) {
     return std::ranges::any_of(
         keys, [&](const std::string& key) { return std::ranges::find(set, key) != set.end(); });
@@ -262,7 +262,7 @@ Check Firmware() {
       L"the maker's WMI provider", L"a machine of another maker keeps no born-on date");
 }
 
-// A part of Windows that is there or not.
+// Checks that a part of Windows is present.
 Check Part(const char* what, bool present, const wchar_t* advice) {
   return MakeCheck(what, present, present ? L"present" : L"absent", L"present", advice);
 }
@@ -279,8 +279,8 @@ Check Triggers() {
       L"this Windows raises no custom triggers: subscriptions with one only log a status");
 }
 
-// Counts the power events in the log of a service and returns the last record of one. Clients
-// choose other texts of a log, so only the service's own records count.
+// The number of power events in a service's log, and the last one. Clients choose other texts in a
+// log, so only the service's own records count.
 struct PowerEvents {
   std::size_t count = 0;
   std::wstring last;  // "power event 18 at 2026-01-02T03:04:05.678Z"
@@ -290,7 +290,7 @@ void CountPowerEvents(const std::filesystem::path& path, PowerEvents& events) {
   std::ifstream file(path, std::ios::binary);
   for (std::string line; std::getline(file, line);) {
     if (line.find(Utf8(kHostProvider)) == std::string::npos) continue;
-    // Nothing for the half line of a process that was killed.
+    // Empty for the incomplete line of a killed process.
     const auto record = ParseHistoryLine(line);
     if (!record || record->line.provider != kHostProvider ||
         !record->line.message.starts_with(kPowerForwarded)) {
@@ -324,7 +324,7 @@ std::vector<Check> Examine(const std::wstring& module, const Options& options) {
   try {
     pins.emplace(module);
   } catch (const std::runtime_error&) {
-    pins.reset();  // its check says so
+    pins.reset();  // its check reports that
   }
   std::vector<Check> checks;
   checks.push_back(ModuleFile(module));

@@ -4,7 +4,6 @@
 
 namespace Vx::Host {
 
-// doctor.
 void AddDoctorCommand(CommandLine& line);
 
 }  // namespace Vx::Host

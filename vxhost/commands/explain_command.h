@@ -4,7 +4,6 @@
 
 namespace Vx::Host {
 
-// explain.
 void AddExplainCommand(CommandLine& line);
 
 }  // namespace Vx::Host

@@ -38,7 +38,7 @@ struct Options {
   std::string timeline;
 };
 
-// The files that an argument names: itself, or the logs of a folder by age.
+// Returns the files given by an argument: itself, or a folder's logs by age.
 std::vector<std::filesystem::path> FilesOf(const std::string& argument) {
   const std::filesystem::path path = FullPath(argument);
   std::error_code error;
@@ -49,7 +49,7 @@ std::vector<std::filesystem::path> FilesOf(const std::string& argument) {
   return files;
 }
 
-// The moment from which rows count, for a log of UTC and for one of the local time.
+// The time from which rows count, for logs in UTC and in local time.
 struct Since {
   std::int64_t utc = 0;
   std::int64_t local = 0;
@@ -76,8 +76,7 @@ Since SinceOf(const std::string& text) {
   return {since(Platform::CurrentMachine().clock->UtcFileTime()), since(LocalFileTime())};
 }
 
-// What the store holds now, for --subscription and the lanes of a timeline. Nothing where it cannot
-// be read.
+// Returns the stored subscriptions. Empty if the store cannot be read.
 std::vector<StoredSubscription> Stored() {
   try {
     return SubscriptionsIn(DocumentOf(LookAtStore()));
@@ -86,7 +85,7 @@ std::vector<StoredSubscription> Stored() {
   }
 }
 
-// The hash that --subscription gives, or that of the stored one with this number.
+// Returns the hash given by --subscription, or the hash of the subscription with that number.
 std::wstring HashOf(const std::string& written, const std::vector<StoredSubscription>& stored) {
   constexpr std::size_t kDigits = 8;
   if (written.empty() || written.size() == kDigits) return Wide(written);
@@ -124,7 +123,7 @@ JsonRow AsJson(const HistoryRow& row) {
   return result;
 }
 
-// Lines of a log as a record, which begins with the first of them.
+// Log lines as a play record, which starts with the first line.
 class LogRecord {
  public:
   void Add(const HistoryLine& line) {
@@ -138,7 +137,7 @@ class LogRecord {
       first = *moment;
       begin = line.time;
     }
-    // Processes may use one number for a thread each.
+    // Different processes may use the same thread number.
     const auto number = static_cast<std::uint32_t>(threads.size() + 1);
     const auto thread = threads.try_emplace({line.line.process, line.thread}, number).first->second;
     entries.push_back({.at = std::chrono::milliseconds(std::max<std::int64_t>(*moment - first, 0)),
@@ -163,12 +162,12 @@ class LogRecord {
   std::vector<RecordEntry> entries;
 };
 
-// Returns how many lines were not of a log. `take` receives the others.
+// Passes each log line to `take`. Returns how many lines were not log lines.
 std::size_t ReadFile(const std::filesystem::path& path,
                      const std::function<void(const HistoryLine&)>& take) {
   std::ifstream file(path, std::ios::binary);
   if (!file) throw std::runtime_error("cannot read " + Utf8(path.wstring()));
-  // A line begins with a brace, and anything beyond ASCII is a mark: PowerShell saves as UTF-16.
+  // A log line starts with a brace. A byte beyond ASCII is a mark: PowerShell saves as UTF-16.
   std::istringstream decoded;
   const bool marked = file.peek() > 0x7F;
   if (marked) decoded.str(Utf8(ReadTextFile(path.wstring())));

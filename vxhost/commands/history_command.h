@@ -4,7 +4,6 @@
 
 namespace Vx::Host {
 
-// history.
 void AddHistoryCommand(CommandLine& line);
 
 }  // namespace Vx::Host

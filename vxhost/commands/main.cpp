@@ -28,7 +28,7 @@ namespace {
 
 using namespace Vx::Host;
 
-// The arguments as UTF-8. Those of main passed through the system's code page.
+// Returns the arguments as UTF-8. Those passed to main went through the system's code page.
 std::vector<std::string> Arguments() {
   int count = 0;
   const std::unique_ptr<wchar_t*, decltype(&LocalFree)> wide(
@@ -46,7 +46,7 @@ int main() {
     RefusePinnedSignature(OwnPath(), Vx::Tessel::Security::BuiltGeneralKeys(),
                           Vx::Tessel::Security::BuiltRestrictedKeys());
     CommandLine line;
-    // The order of the help.
+    // In the order of the help.
     AddModuleCommands(line);
     AddServiceCommands(line);
     AddStoreCommands(line);

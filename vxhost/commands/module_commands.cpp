@@ -40,13 +40,13 @@ struct ExecOptions {
   std::uint32_t id = 0;
   std::string request = "{}";
   std::string caller = "vxhost";
-  std::string service;  // empty: a module of this process
+  std::string service;  // empty: a module in this process
   std::uint32_t process = 0;
   HoldLimits limits;
 };
 
-// The request that an argument gives. The module compares the text of a subscription to remove with
-// the stored one's compact form, which the file that subscribed need not have.
+// Returns the request given as an argument. To remove a subscription, the module compares the text
+// with the stored compact form, which may differ from the file used to subscribe.
 std::wstring RequestText(const ExecOptions& options) {
   constexpr std::uint32_t kUnsubscribe[] = {15, 19};
   std::wstring text = TextOrFile(options.request);
@@ -55,7 +55,7 @@ std::wstring RequestText(const ExecOptions& options) {
   try {
     return Json::JsonObject::Parse(text).Stringify();
   } catch (const Platform::WindowsRuntimeError&) {
-    return text;  // the module refuses it and names the fault
+    return text;  // the module rejects it and names the fault
   }
 }
 
@@ -64,7 +64,7 @@ CommandResult ExecuteInModule(const ModuleOptions& module, const ExecOptions& op
   const auto harness = MakeHarness(module, console);
   console.Request(options.id, request);
   if (!module.simulate) {
-    // The module waits for it without limit or notice.
+    // The module waits for the store without limit or notice.
     const StoreHold isFree(StoreUse::Write, options.limits);
   }
   return harness->Open().session.Execute(options.id, request, Wide(options.caller));
@@ -96,10 +96,10 @@ struct ScenarioOptions {
   std::string timeline;
 };
 
-// Scenarios that are to be played, all of which are read before the first is.
+// Scenarios to play. All are read before the first is played.
 struct ScenarioRun {
   std::vector<std::unique_ptr<Scenario>> scenarios;
-  std::vector<PlayedScenario> played;  // one each; of those that cannot be played, only the error
+  std::vector<PlayedScenario> played;  // one each; only the error if it cannot be played
   std::string faults;
 };
 
@@ -123,7 +123,7 @@ ScenarioRun Read(const ModuleOptions& module, const ScenarioOptions& options) {
   return run;
 }
 
-// Plays in a harness of its own. An error ends the scenario, but not the reports.
+// Plays in its own harness. An error ends the scenario, but not the reports.
 void Play(const ModuleOptions& module, const Scenario& scenario, Console& console,
           PlayedScenario& played) {
   const auto harness = MakeHarness(module, console, [&] { scenario.Prepare(); });
@@ -140,7 +140,7 @@ void Play(const ModuleOptions& module, const Scenario& scenario, Console& consol
 constexpr char kMet[] = "Everything that was expected happened.";
 constexpr char kUnmet[] = "Not everything that was expected happened";
 
-// The page of one scenario, also of one that broke off.
+// Writes the page of one scenario, even if it was cut short.
 void WriteTimeline(const std::string& file, const std::vector<PlayedScenario>& played) {
   const PlayedScenario& one = played.front();
   PageHead head{.title = Wide(one.file.substr(one.file.find_last_of("/\\") + 1)),

@@ -4,7 +4,7 @@
 
 namespace Vx::Host {
 
-// exec, scenario and events, which load the module in the role of the service host.
+// Adds exec, scenario and events, which load the module as the service host does.
 void AddModuleCommands(CommandLine& line);
 
 }  // namespace Vx::Host

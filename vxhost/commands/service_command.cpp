@@ -41,7 +41,6 @@ std::vector<std::wstring> WideAll(const std::vector<std::string>& texts) {
   return wide;
 }
 
-// Shows the records on the console.
 class ConsoleTarget final : public LogTarget {
  public:
   explicit ConsoleTarget(Console& shown) : console(shown) {}
@@ -59,8 +58,7 @@ class ConsoleTarget final : public LogTarget {
   Console& console;
 };
 
-// Signalled by Ctrl+C. Lives as long as the process, because the system calls the handler on a
-// thread of its own.
+// Signalled by Ctrl+C. Never closed, because Windows calls the handler on its own thread.
 HANDLE StopEvent() {
   static const HANDLE event = CreateEventW(nullptr, TRUE, FALSE, nullptr);
   return event;
@@ -76,7 +74,7 @@ int RunService(const ModuleOptions& module, const RunOptions& options, Console& 
   PipeOptions pipe;
   pipe.path = PipePath(Wide(options.name));
   pipe.allowed = WideAll(options.allowed);
-  // The module begins to work as soon as it is loaded, and every fault is better found before.
+  // The module starts work as soon as it is loaded, so check everything else first.
   CheckSids(pipe.allowed);
   if (!options.log.empty() && !std::filesystem::is_directory(FullPath(options.log))) {
     throw std::runtime_error("there is no folder " + Utf8(FullPath(options.log)));
@@ -110,7 +108,6 @@ constexpr char kRunFooter[] =
     "vxhost exec 22 --service=NAME --process PID.\n"
     "  vxhost service run --log C:\\Logs";
 
-// Commands that install, control and remove the service.
 struct InstallOptions {
   std::string name = kDefaultServiceName;
   std::string start = "auto";
@@ -135,7 +132,7 @@ std::wstring CheckedName(const std::string& name) {
   return Wide(name);
 }
 
-// The program of the service, beside this one.
+// Returns the service's program, next to this one.
 std::wstring HostProgram() {
   const std::wstring tool = OwnPath();
   return FullPathOfFile(Utf8(tool.substr(0, tool.rfind(L'\\') + 1)) + "OrvaneHost.exe");
@@ -182,7 +179,7 @@ int Install(const ModuleOptions& module, const InstallOptions& options, Console&
 }
 
 std::wstring NameOf(std::uint32_t state) {
-  // In the order of SERVICE_STOPPED, which is 1, and the states after it.
+  // In order from SERVICE_STOPPED, which is 1.
   static constexpr const wchar_t* kNames[] = {L"stopped", L"starting", L"stopping", L"running"};
   return state - 1 < std::size(kNames) ? kNames[state - 1] : L"other";
 }

@@ -4,7 +4,6 @@
 
 namespace Vx::Host {
 
-// service and its subcommands.
 void AddServiceCommands(CommandLine& line);
 
 }  // namespace Vx::Host

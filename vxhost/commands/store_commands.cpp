@@ -19,7 +19,7 @@ namespace {
 
 using Json::WideDocument;
 
-// People read it too, so its lines are indented unless a program asks for one.
+// Also read by people, so it is indented unless a program asks for a single line.
 void Print(const WideDocument& document, Console& console) {
   if (console.WritesJson()) {
     console.JsonResult(Json::JsonText(document));

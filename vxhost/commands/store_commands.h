@@ -4,7 +4,6 @@
 
 namespace Vx::Host {
 
-// store.
 void AddStoreCommands(CommandLine& line);
 
 }  // namespace Vx::Host

@@ -30,7 +30,7 @@ namespace {
 using namespace Tessel::Server::Services::Orvane;
 using Tessel::Server::Storage::StoreState;
 
-// Returns the stored subscriptions. Without a store there are none.
+// Returns the stored subscriptions. Empty if there is no store.
 std::vector<StoredSubscription> Stored(const HoldLimits& limits) {
   const StoreLook look = LookAtStore(limits);
   if (look.reading.state == StoreState::Missing) return {};
@@ -125,7 +125,6 @@ Json::WideDocument PayloadOf(const AddOptions& options) {
   return payload;
 }
 
-// Composes the text of a subscription.
 std::wstring Compose(const AddOptions& options) {
   const auto count = [](std::initializer_list<bool> given) {
     return std::ranges::count(given, true);
@@ -157,7 +156,7 @@ std::wstring Compose(const AddOptions& options) {
   return request.Text();
 }
 
-// Writes what was added or removed. Returns the exit code.
+// Prints what was added or removed. Returns the exit code.
 int Report(const wchar_t* done, const std::wstring& text, bool succeeded, Console& console) {
   const std::wstring hash =
       text.empty() ? std::wstring() : Tessel::Server::Records::SubscriptionHash(text);
@@ -217,7 +216,7 @@ int Remove(const ModuleOptions& module, const RemoveOptions& options, Console& c
     const auto harness = MakeHarness(module, console);
     harness->Open().session.Execute(one.kind->unsubscribe, *one.text, Wide(options.caller));
   } else {
-    // No command takes it back. A service that runs watches it until the user logs off.
+    // No command reverts a package subscription. A running service watches it until logoff.
     const StoreHold hold(StoreUse::Write, options.limits);
     RequestManager(kServiceDocument, one.kind->list).RemoveRequest(*one.text);
     console.Note("a running service may still carry it out, until the next logoff");

@@ -4,7 +4,6 @@
 
 namespace Vx::Host {
 
-// subscriptions, with list, add and remove.
 void AddSubscriptionCommands(CommandLine& line);
 
 }  // namespace Vx::Host

@@ -50,7 +50,7 @@ struct Options {
   std::vector<std::string> certificates;
 };
 
-// A set of keys, each with its certificate if one is at hand.
+// A set of keys, each with its certificate if available.
 struct ShownSet {
   const wchar_t* name;
   const char* meaningOfNone;
@@ -128,7 +128,7 @@ int Trust(const ModuleOptions& module, const Options& options, Console& console)
   return trust.trusted ? kDone : kNotMet;
 }
 
-// Whether a line of a key file holds `key`, before a comment.
+// Returns whether a line of a key file contains `key`, before any comment.
 bool HoldsKey(const std::string& text, std::string_view key) {
   for (std::size_t start = 0; start < text.size();) {
     const std::size_t end = std::min(text.find('\n', start), text.size());
@@ -141,7 +141,7 @@ bool HoldsKey(const std::string& text, std::string_view key) {
   return false;
 }
 
-// Replaces the content of the file in one step.
+// Replaces the file through a temporary one, so that a failed write leaves the old content.
 void Replace(const std::wstring& path, const std::string& text) {
   const std::wstring sibling = path + L".new";
   std::ofstream file(sibling.c_str(), std::ios::binary);
@@ -189,7 +189,7 @@ int Pin(const Options& options, Console& console) {
   }
   for (const std::string& key : keys) console.Line(key);
   if (found) return kDone;
-  // Not on standard output, which users append to a file of pinned keys.
+  // Not to standard output, which users append to a file of pinned keys.
   std::fprintf(stderr, "vxhost: the file has no signature that Windows can read\n");
   return kNotMet;
 }

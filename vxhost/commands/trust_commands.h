@@ -4,10 +4,10 @@
 
 namespace Vx::Host {
 
-// pins, trust and pin.
+// Adds pins, trust and pin.
 void AddTrustCommands(CommandLine& line);
 
-// explain-resume.
+// Adds explain-resume.
 void AddResumeCommand(CommandLine& line);
 
 }  // namespace Vx::Host

@@ -18,9 +18,8 @@ namespace Vx::Host {
 
 namespace {
 
-// The result for one request.
 struct Outcome {
-  std::string request;  // as the command line names it
+  std::string request;  // as given on the command line
   SubscriptionCheck check;
 };
 

@@ -19,8 +19,7 @@ namespace Vx::Host {
 
 namespace {
 
-// The memory shared by the programs that write debug output and its only monitor: the writer's
-// process id, then narrow text.
+// Shared by programs that write debug output and their only monitor: process ID, narrow text.
 struct DebugBuffer {
   DWORD process;
   std::array<char, 4096 - sizeof(DWORD)> text;
@@ -30,7 +29,7 @@ struct Unmapper {
   void operator()(const DebugBuffer* view) const { UnmapViewOfFile(view); }
 };
 
-// The receiving end. A session has at most one, and all services share one under the global names.
+// The receiving end. Each session has at most one. All services share the global one.
 class Monitor {
  public:
   explicit Monitor(bool global) {
@@ -49,8 +48,8 @@ class Monitor {
     }
   }
 
-  // Receives the next text, without its line end, and the process that wrote it. Returns false when
-  // none comes in `milliseconds`.
+  // Receives the next text, without its line ending, and the process that wrote it. Returns false
+  // if none arrives within `milliseconds`.
   bool Next(DWORD milliseconds, std::wstring& text, std::uint32_t& process) {
     SetEvent(bufferReady.get());
     if (WaitForSingleObject(dataReady.get(), milliseconds) != WAIT_OBJECT_0) return false;
@@ -65,8 +64,8 @@ class Monitor {
   }
 
  private:
-  // Only a monitor makes the buffer. Two that share it would take turns at the lines. A program
-  // that writes keeps the buffer of a monitor that has just ended for a moment.
+  // Only a monitor creates the buffer. Two monitors sharing one would each get only some of the
+  // lines. A writer can keep an ended monitor's buffer alive for a moment.
   void MakeBuffer(const std::wstring& name) {
     constexpr int kAttempts = 20;
     constexpr DWORD kPause = 50;  // milliseconds
@@ -87,7 +86,7 @@ class Monitor {
   std::unique_ptr<const DebugBuffer, Unmapper> view;
 };
 
-// Cuts the first word off `rest`.
+// Removes the first word from `rest` and returns it.
 std::wstring TakeWord(std::wstring& rest) {
   const std::size_t blank = rest.find(L' ');
   std::wstring word = rest.substr(0, blank);
@@ -95,8 +94,7 @@ std::wstring TakeWord(std::wstring& rest) {
   return word;
 }
 
-// Parses a debug line `LEVEL provider [caller] message`. A line of another form yields only a
-// message.
+// Parses `LEVEL provider [caller] message`. For a line in another form, fills only the message.
 LogLine ParseLogLine(const std::wstring& text) {
   LogLine line;
   std::wstring rest = text;
@@ -115,7 +113,7 @@ LogLine ParseLogLine(const std::wstring& text) {
   return line;
 }
 
-// The local time: with the date for programs, without it for people.
+// Returns the local time, with the date for programs and without it for people.
 std::wstring Now(bool whole) {
   const std::wstring text = DateTimeText(LocalFileTime());
   return whole ? text : text.substr(text.find(L'T') + 1);
@@ -131,7 +129,7 @@ struct Options {
   std::string level = "info";
   std::string provider = {};
   std::string text = {};
-  std::string service = {};  // empty: debug output
+  std::string service = {};  // empty: read debug output
   const bool& json;
 };
 
@@ -139,9 +137,9 @@ bool Contains(const std::wstring& text, const std::string& part) {
   return text.find(Wide(part)) != std::wstring::npos;
 }
 
-// Whether the line is one of those that are wanted.
+// Returns whether the user asked for this line.
 bool IsWanted(const LogLine& line, const Options& options) {
-  if (line.provider.empty()) return false;  // debug output of another program
+  if (line.provider.empty()) return false;  // debug output from another program
   const auto level = std::ranges::find(kLevels, line.level) - kLevels;
   if (level < std::ranges::find(kLevelNames, options.level) - kLevelNames.begin()) return false;
   const auto& processes = options.processes;

@@ -60,7 +60,7 @@ constexpr struct {
     {0x800B010A, "CERT_E_CHAINING"},
 };
 
-// What the terminal had before. The handler of Ctrl+C runs on a thread of its own.
+// The terminal's former state. Global, because the Ctrl+C handler runs on its own thread.
 UINT codePageBefore = 0;
 DWORD modeBefore = 0;
 bool modeChanged = false;
@@ -79,7 +79,7 @@ BOOL WINAPI EndedByUser(DWORD) {
 
 bool WantsColours(Colours colours) {
   if (colours != Colours::Auto) return colours == Colours::Always;
-  // Returns the length or what it would be. An empty variable refuses nothing.
+  // Nonzero if the variable is set, even if it does not fit. An empty one does not disable colours.
   wchar_t refused[2] = {};
   const bool set = GetEnvironmentVariableW(L"NO_COLOR", refused, 2) != 0;
   return !set && _isatty(_fileno(stdout)) != 0;
@@ -91,7 +91,7 @@ const char* Colour(const std::wstring& level) {
   return "\x1b[2m";
 }
 
-// Null for a result without a known name.
+// Returns null if the name is unknown.
 const char* NameOfResult(std::int32_t result) {
   const auto* known = std::ranges::find(kResults, static_cast<std::uint32_t>(result),
                                         [](const auto& row) { return row.result; });

@@ -12,21 +12,21 @@
 
 namespace Vx::Host {
 
-// The exit codes of the process.
+// The process's exit codes.
 enum ExitCode : int { kDone = 0, kNotMet = 1, kUnusable = 2 };
 
-// For people, or as one JSON object per line.
+// Human-readable, or one JSON object per line.
 enum class LogForm { Text, Json };
 enum class Colours { Auto, Always, Never };
 
 struct ConsoleOptions {
   LogForm form = LogForm::Text;
-  bool quiet = false;  // results only
+  bool quiet = false;  // print only results
   Colours colours = Colours::Auto;
 };
 
-// Lets the terminal show UTF-8 and colours, and gives it back its code page and mode at the end,
-// also when Ctrl+C ends the process. One object per process.
+// Switches the terminal to UTF-8 and colours, and restores its code page and mode at the end, even
+// if Ctrl+C ends the process. Create only one per process.
 class TerminalScope {
  public:
   TerminalScope();
@@ -35,11 +35,11 @@ class TerminalScope {
   ~TerminalScope();
 };
 
-// Writes in UTF-8, one whole line at a time. Any thread may call it. Control characters in a text
-// are replaced (see Printable), and those in JSON escaped.
+// Writes UTF-8, one whole line at a time. Thread-safe. Replaces control characters in text (see
+// Printable) and escapes them in JSON.
 //
-// Results go to standard output. Headings, requests, notes and log lines accompany a result: in
-// text form they stand before it, in JSON form they go to standard error, where no parser reads
+// Results go to standard output. Headings, requests, notes and log lines accompany them: in text
+// form they come before the result, in JSON form they go to standard error, where no parser reads
 // them, and a quiet console omits them.
 class Console {
  public:
@@ -47,22 +47,22 @@ class Console {
 
   bool WritesJson() const { return form == LogForm::Json; }
 
-  // A result in JSON form. Commands that offer --json write nothing else to standard output.
+  // Writes a result in JSON form. Commands with --json write nothing else to standard output.
   void JsonResult(std::wstring_view json) { Write(PrintableJson(json)); }
   void JsonResult(const JsonRow& result) { JsonResult(result.Text()); }
 
   void Heading(const std::string& text);
-  // One line that accompanies the result.
+  // Writes a line that accompanies the result.
   void Note(const std::string& text) { WriteNote(text, LineBreaks::Replace); }
-  // One line, whatever `text` holds.
+  // Writes `text` as one line, replacing any line breaks in it.
   void Line(const std::string& text) { Write(Printable(text, LineBreaks::Replace)); }
-  // The lines of `text`, as they are.
+  // Writes `text` with its line breaks.
   void Lines(const std::string& text) { Write(Printable(text, LineBreaks::Keep)); }
   void Request(std::uint32_t id, const std::wstring& request);
   void Result(const CommandResult& answer);
-  // `moment`, if not empty, precedes the line.
+  // If `moment` is not empty, it precedes the line.
   void Log(const LogLine& line, const std::wstring& moment = {});
-  // The same, as the result of a command that shows log lines.
+  // As above, as the result of a command that shows log lines.
   void LogResult(const LogLine& line, const std::wstring& moment = {});
   void Failure(const std::string& text);
 
@@ -77,17 +77,17 @@ class Console {
   std::mutex lock;
 };
 
-// "0x20000003", with its meaning where that is known.
+// Returns "0x20000003", with its meaning if known.
 std::string Describe(std::uint32_t code);
 
-// "done" for 0; empty when the code has no known meaning.
+// Returns the meaning of a code: "done" for 0, and empty if unknown.
 std::string MeaningOf(std::uint32_t code);
 
-// "0x80070005 (E_ACCESSDENIED)", or only the number when the name is not known.
+// Returns "0x80070005 (E_ACCESSDENIED)", or only the number if the name is unknown.
 std::string DescribeResult(std::int32_t result);
 
-// The error in the form that every command with --json writes: {"error": {"message", "exitCode",
-// "result", "name"}}, the last two only where Windows returned a result.
+// Returns the error in the form that every command with --json writes: {"error": {"message",
+// "exitCode", "result", "name"}}. The last two are present only if Windows returned a result.
 std::wstring ErrorJson(const std::string& message, int exitCode, std::int32_t result = 0);
 
 }  // namespace Vx::Host

@@ -13,10 +13,10 @@ namespace Vx::Host {
 template <typename Value>
 concept Number = std::integral<Value> || std::floating_point<Value>;
 
-// An object of JSON under construction, as text: results hold few values, and in their order.
+// A JSON object under construction, as text. Keeps the order of its members.
 class JsonRow {
  public:
-  // A name, which needs no escape, and its value.
+  // A name, which must not need escaping, and its value.
   struct Member {
     template <typename Value>
     Member(const wchar_t* name, const Value& value)
@@ -32,7 +32,7 @@ class JsonRow {
 
   std::wstring Text() const { return L'{' + members + L'}'; }
 
-  // A value as JSON.
+  // Return a value as JSON.
   static std::wstring TextOf(const JsonRow& row) { return row.Text(); }
   static std::wstring TextOf(const Json::WideValue& value) { return Json::JsonText(value); }
   static std::wstring TextOf(const std::wstring& text) { return Quoted(text); }

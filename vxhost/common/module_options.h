@@ -7,17 +7,17 @@
 
 namespace Vx::Host {
 
-// Which module is used, and which store.
+// Selects the module and the store.
 struct ModuleOptions {
   std::string dll;
   bool privateStore = false;
   bool simulate = false;
-  std::string store;  // the folder of a store that is kept; empty for the machine's
+  std::string store;  // a store folder to keep and use; empty for the machine's
 
-  // Full path of the module: the one beside this program unless --dll names another.
+  // Returns the module's full path: the one next to this program unless --dll names another.
   std::wstring Path() const { return dll.empty() ? DefaultModule() : FullPath(dll); }
 
-  // Throws std::runtime_error with `why` if a store or a machine takes the place of the real one.
+  // Throws std::runtime_error with `why` if a private store or a simulated machine is in use.
   void RequireRealMachine(const std::string& why) const {
     if (privateStore || simulate) throw std::runtime_error(why);
   }

@@ -14,22 +14,21 @@
 
 namespace Vx::Host {
 
-// What a player sent to a service, what the service logged and what its machine did meanwhile.
+// What the player sent to the service, what the service logged, and what its machine did.
 enum class Happening : std::uint8_t { Call, Command, Event, Log, Failure };
 
 struct RecordEntry {
-  std::chrono::milliseconds at{};  // since the beginning, with the sleep of a simulated machine
+  std::chrono::milliseconds at{};  // since the start, including a simulated machine's sleep
   Happening what = Happening::Call;
-  std::size_t step = 0;      // of the scenario, from 1
-  std::uint32_t thread = 0;  // that logged or caused the event
-  std::wstring text = {};    // of a call, an event or a failure
+  std::size_t step = 0;      // the scenario's step, from 1
+  std::uint32_t thread = 0;  // the thread that logged or caused the event
+  std::wstring text = {};    // for a call, event or failure
   LogLine log = {};
-  std::uint32_t command = 0;  // its id, with request and answer
+  std::uint32_t command = 0;  // command ID, with request and answer
   std::wstring request = {};
   CommandResult answer = {};
 };
 
-// A step that was played.
 struct RecordStep {
   std::size_t line = 0;  // in the scenario's file
   std::wstring say;      // empty if the step says nothing
@@ -37,28 +36,27 @@ struct RecordStep {
   std::chrono::milliseconds end{};
 };
 
-// Keeps all that happens while a scenario plays, for its expectations and for reports. Any thread
-// may use it.
+// Records everything that happens while a scenario plays. Thread-safe.
 class PlayRecord {
  public:
   using Now = std::function<std::chrono::milliseconds()>;
 
   explicit PlayRecord(Now clock) : now(std::move(clock)) {}
 
-  // Expectations concern their own step, which begins here.
+  // Starts a step. Expectations only consider their own step.
   void BeginStep(std::size_t line, const std::wstring& say);
   void EndStep();
 
   void AddCall(const std::wstring& text);
   void AddCommand(std::uint32_t id, const std::wstring& request, const CommandResult& answer);
-  void AddEvent(const std::wstring& text);  // on the thread that causes it
-  void AddLog(const LogLine& line);         // on the thread that logs
+  void AddEvent(const std::wstring& text);  // call on the thread that causes it
+  void AddLog(const LogLine& line);         // call on the thread that logs
   void AddFailure(const std::wstring& text);
 
-  // Waits up to `seconds` of real time for a line of this step that contains `text`.
+  // Waits up to `seconds` of real time for a log line in this step that contains `text`.
   bool WaitFor(const std::wstring& text, int seconds) const;
 
-  // Whether an event of this step contains `text`.
+  // Returns whether an event in this step contains `text`.
   bool Happened(const std::wstring& text) const;
 
   std::vector<RecordStep> Steps() const;
@@ -69,13 +67,13 @@ class PlayRecord {
   bool Contains(Happening what, const std::wstring& text) const;
 
   Now now;
-  mutable std::mutex mutex;  // guards what follows
+  mutable std::mutex mutex;  // guards the members below
   std::vector<RecordStep> steps;
   std::vector<RecordEntry> entries;
-  std::size_t stepBegin = 0;  // of the entries
+  std::size_t stepBegin = 0;  // index of the step's first entry
 };
 
-// Polls `condition` every few milliseconds of real time. Returns whether it was met in time.
+// Polls `condition` every few milliseconds of real time. Returns whether it held in time.
 bool WaitUntil(int seconds, const std::function<bool()>& condition);
 
 }  // namespace Vx::Host

@@ -1,23 +1,23 @@
 'use strict';
 
-const GAP = 6;             // pixels at least for each unit of a time in which nothing happens
-const MOST_GAPS = 3000;    // pixels for all of them, unless the window is wider
-const MOST_MARKS = 250;    // drawn one by one; of more, those of a group of moments as one
-const MOST_MOMENTS = 64;   // groups of moments
-const MOST_LINES = 5000;   // in the page at once; of more, each mark's when they are opened
-const PAPER = 960;         // pixels across a page of A4 or Letter
-const BESIDE = 230;        // of them, for the names of the lanes and after the last mark
-const TONES = ['neutral', 'good', 'dropped', 'bad'];  // the worst last
+const GAP = 6;             // minimum pixels per unit of idle time
+const MOST_GAPS = 3000;    // maximum pixels for all idle time, unless the window is wider
+const MOST_MARKS = 250;    // drawn individually; beyond that, one per group of moments
+const MOST_MOMENTS = 64;   // maximum groups of moments
+const MOST_LINES = 5000;   // in the page at once; beyond that, a mark's lines appear when opened
+const PAPER = 960;         // width of an A4 or Letter page in pixels
+const BESIDE = 230;        // of these, for the lane names and the space after the last mark
+const TONES = ['neutral', 'good', 'dropped', 'bad'];  // worst last
 
 const source = document.getElementById('data');
 const data = JSON.parse(source.textContent);
 const {end, lanes, bars, marks, headings} = readPicture(data);
 for (const lane of lanes) Object.assign(lane, {tracks: [], track: make('div', 'track')});
 const grouped = marks.length > MOST_MARKS;
-const STEP = grouped ? 30 : 24;  // pixels between marks of one lane and moment
+const STEP = grouped ? 30 : 24;  // pixels between marks at one moment in a lane
 const picture = document.getElementById('picture');
 
-// Texts become text nodes, so that none of them is ever read as markup.
+// Text becomes text nodes, so it is never parsed as markup.
 function make(tag, kind, ...content) {
   const element = document.createElement(tag);
   element.className = kind;
@@ -30,22 +30,21 @@ function set(element, numbers) {
   return element;
 }
 
-// "1 h 1 min 11.5 s"
+// Returns "1 h 1 min 11.5 s".
 function timeText(moment) {
   const hours = Math.floor(moment / 3600000);
   const parts = [[hours, 'h'], [Math.floor(moment / 60000) % 60, 'min'], [moment % 60000 / 1000, 's']];
   return parts.filter(([count]) => count).map(part => part.join(' ')).join(' ') || '0 s';
 }
 
-// "1:01:11"
+// Returns "1:01:11".
 function clockText(moment) {
   const two = number => String(Math.floor(number) % 60).padStart(2, '0');
   return Math.floor(moment / 3600000) + ':' + two(moment / 60000) + ':' + two(moment / 1000);
 }
 
-// The moments of the picture, or groups of them. Marks of one moment need room beside one another,
-// and a long time between two moments is drawn shorter than it is: a first boot waits for an hour
-// after a minute in which most happens.
+// Places moments, or groups of them. Marks at one moment need room side by side, and long gaps are
+// drawn compressed: a first boot waits for an hour after a minute in which most happens.
 function makeAxis() {
   const moments = new Set([0, end]);
   for (const mark of marks) moments.add(mark.at);
@@ -81,9 +80,9 @@ function drawBars({slotOf}) {
   for (const bar of [...bars].sort((a, b) => a.from - b.from)) {
     const from = slotOf.get(bar.from);
     const to = slotOf.get(bar.to);
-    // Of a dense log only those that last longer than a group of moments.
+    // In a dense log, draw only bars that last longer than a group of moments.
     if (to.index - from.index < (grouped ? 2 : 1)) continue;
-    // Those that overlap lie in tracks of their own.
+    // Overlapping bars get separate tracks.
     const {tracks} = bar.lane;
     const free = tracks.findIndex(end => end <= bar.from);
     const track = free < 0 ? tracks.length : free;
@@ -95,7 +94,7 @@ function drawBars({slotOf}) {
   }
 }
 
-// One shape for marks of a lane. The worst tone of them counts.
+// Draws one or more marks of a lane as one shape, with the worst of their tones.
 function markShape(all) {
   const [first, ...others] = all;
   const tone = TONES[Math.max(...all.map(mark => TONES.indexOf(mark.tone)))];
@@ -108,7 +107,7 @@ function markShape(all) {
 }
 
 function drawMarks(lane, {slots, fixed}) {
-  let next = {p: fixed + 70, f: 1};  // where the label has to end
+  let next = {p: fixed + 70, f: 1};  // where the label must end
   const drawn = [];
   for (const slot of [...slots].reverse()) {
     const shapes = slot.shapes.get(lane) || [];
@@ -139,7 +138,7 @@ function drawPicture() {
   const line = make('div', 'ticks', ...ticks);
   picture.append(make('div', 'lanes', line, ...rows));
 
-  // Shows those times that have room beside the one before, along a picture of this length.
+  // Shows only the times that have room next to the previous one, for a picture of this length.
   const thin = (length, size) => {
     let free = -Infinity;
     let before = '';

@@ -30,7 +30,7 @@ using namespace Tessel::Server::Services::Orvane;
 
 constexpr std::string_view kPlaceOfData = "{{data}}";
 
-// JSON for a script element. Without a '<' no text can end the element or begin a comment in it.
+// JSON for a script element. Without '<', no string can end the element or start a comment in it.
 struct ScriptText {
   using Ch = wchar_t;
   void Put(wchar_t unit) {
@@ -45,7 +45,7 @@ struct ScriptText {
   std::wstring text;
 };
 
-// By their enumeration.
+// In the order of the enumeration.
 constexpr const wchar_t* kHappenings[] = {L"call", L"command", L"event", L"log", L"failure"};
 
 const wchar_t* WhatOf(const RecordEntry& entry) {
@@ -55,13 +55,13 @@ const wchar_t* WhatOf(const RecordEntry& entry) {
   return kHappenings[static_cast<std::size_t>(entry.what)];
 }
 
-// The classes of the page's style.
+// Returns a CSS class of the page.
 const wchar_t* ToneOf(Decision decision) {
   if (decision == Decision::Dropped) return L"dropped";
   return IsFailure(decision) ? L"bad" : L"good";
 }
 
-// Writes what the page's scripts read. An empty text has no member.
+// Writes the data for the page's scripts. Omits empty strings.
 class DataWriter {
  public:
   std::string Write(const PageHead& head, const std::vector<RecordStep>& steps,
@@ -103,7 +103,7 @@ class DataWriter {
       json.Int64(static_cast<std::int64_t>(number));
     }
   }
-  // One value per line, so that the data can be read where no script runs.
+  // One value per line, so that the data is readable without scripts.
   void List(const wchar_t* name, const auto& values, const auto& put) {
     json.Key(name);
     json.StartArray();
@@ -114,7 +114,7 @@ class DataWriter {
     json.EndArray();
   }
 
-  // Each text is written once: a log repeats few of them thousands of times.
+  // Writes each text once, because a log repeats a few messages thousands of times.
   void Put(const RecordEntry& entry) {
     const std::wstring& text = entry.what == Happening::Log ? entry.log.message : entry.text;
     const auto [known, isNew] = numbers.try_emplace(text, texts.size());
@@ -163,7 +163,7 @@ class DataWriter {
     json.EndObject();
   }
 
-  // The subscription of a client's text, as a record names it. Null for one that never runs.
+  // Writes the subscription in a client's request, or null if it never runs.
   void PutSubscription(const std::wstring& text) {
     try {
       const auto request = Json::JsonObject::Parse(text);
@@ -182,7 +182,7 @@ class DataWriter {
         return;
       }
     } catch (const Platform::WindowsRuntimeError&) {
-      // Not such a request.
+      // Not a request of this kind.
     }
     json.Null();
   }
@@ -190,7 +190,7 @@ class DataWriter {
   ScriptText out;
   rapidjson::Writer<ScriptText, Json::WideEncoding, Json::WideEncoding, Json::ScratchMemory> json{
       out};
-  std::map<std::wstring, std::size_t> numbers;  // of texts
+  std::map<std::wstring, std::size_t> numbers;  // text to its index
   std::vector<const std::wstring*> texts;
 };
 

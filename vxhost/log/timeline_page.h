@@ -7,17 +7,16 @@
 
 namespace Vx::Host {
 
-// What stands above the picture.
+// The heading above the timeline.
 struct PageHead {
   std::wstring title;
-  std::wstring verdict;  // empty if nothing was expected
+  std::wstring verdict;  // empty if there were no expectations
   bool met = true;
 };
 
-// One HTML page in UTF-8 that needs nothing else: timeline.html with what happened as JSON, from
-// which its scripts make the picture. No text of a client can end the script element that holds it.
-// The log of a running service has no steps. `stored` are texts of subscriptions that were made
-// before.
+// Returns a self-contained HTML page in UTF-8: timeline.html with the events as JSON, which its
+// scripts draw. No client's text can end the script element that contains it. A running service's
+// log has no steps. `stored` are the texts of subscriptions made before the log starts.
 std::string TimelinePage(const PageHead& head, const std::vector<RecordStep>& steps,
                          const std::vector<RecordEntry>& entries,
                          const std::vector<std::wstring>& stored = {});

@@ -1,15 +1,15 @@
 'use strict';
 
-const ROUNDING = 20;   // milliseconds by which the clocks of the log and of a record differ at most
-const POLL = 1000;     // milliseconds between the rounds of a poll, and the lines of one at most
-const ROUND = 5;
+const ROUNDING = 20;   // maximum difference between log and record clocks, in milliseconds
+const POLL = 1000;     // milliseconds between poll rounds
+const ROUND = 5;       // maximum lines per poll round
 const SUBSCRIBE = [7, 9, 14];
 const UNSUBSCRIBE = [15, 19];
 const SESSION_CODES = {1: 'a session is at the console', 2: 'a session leaves the console', 5: 'a user logs on',
   6: 'a user logs off', 7: 'the session is locked', 8: 'the session is unlocked'};
 
-// What lines of the service that are not about a delivery mean for its lane: part of the line, the wait that
-// begins or ends, the text of a wait that begins and otherwise of a mark, and the mark's tone.
+// Effects of service lines that do not concern a delivery: part of the line, the wait that begins,
+// the wait that ends, the text (of the new wait, otherwise of a mark), and the mark's tone.
 const SERVICE_LINES = [
   ['OrvaneService: OOBE not completed', 'set-up', '', 'first-run set-up'],
   ['OrvaneService: Verified that OOBE completed.', '', 'set-up', 'first-run set-up is complete', 'good'],
@@ -25,8 +25,8 @@ const SERVICE_LINES = [
   ['Aurelo not launched', '', 'aurelo', 'Aurelo is not started', 'bad'],
 ];
 
-// A delivery has a thread of its own, or one of its event to itself. The entries of that thread from its
-// beginning to its record belong to it.
+// Each delivery has its own thread, or shares one with the others of its event. The thread's
+// entries between the delivery's beginning and its record belong to it.
 function entriesOfDeliveries(entries) {
   const found = new Set();
   const threads = new Map();
@@ -46,21 +46,21 @@ function entriesOfDeliveries(entries) {
   return found;
 }
 
-// Makes the picture from what the tool wrote: what the module decided, from its records, with the lines of each
-// delivery. The log of a running service has no steps, and its commands only as records.
+// Builds the picture from the tool's data: decisions from the module's records, with each
+// delivery's lines. A running service's log has no steps, and shows commands only as records.
 function readPicture(data) {
   const [machine, user, service] = ['Machine', 'User', 'Service'].map(name => ({name, detail: ''}));
   const lanes = [machine, user, service];
   const bars = [];
-  const marks = [];              // in their order in time
-  const headings = [];           // each in front of the mark with this index
-  const subscriptions = new Map();  // their lanes, by hash
-  const open = new Map();        // bars of the deliveries that wait
-  const waits = new Map();       // bars of the service that waits
-  const ofThread = new Map();    // lines of deliveries
-  let loose = [];                // lines that are not yet of a mark
-  let last = null;               // mark that is not of a subscription
-  let standby = null;            // bar
+  const marks = [];              // in chronological order
+  const headings = [];           // each precedes the mark with this index
+  const subscriptions = new Map();  // lanes by subscription hash
+  const open = new Map();        // bars of waiting deliveries
+  const waits = new Map();       // bars of the service's waits
+  const ofThread = new Map();    // lines of deliveries, by thread
+  let loose = [];                // lines not yet assigned to a mark
+  let last = null;               // last mark outside the subscriptions
+  let standby = null;            // current bar
   let end = data.end;
   let step = 0;
 
@@ -81,7 +81,7 @@ function readPicture(data) {
     return mark;
   }
 
-  // Of polls, which repeat a few lines every second, each line is kept once.
+  // Polls repeat a few lines every second. Each of them is kept once.
   function addLine(lines, line) {
     const same = lines.slice(-ROUND).find(one =>
       one.text === line.text && one.level === line.level && line.first - one.last <= POLL);
@@ -97,15 +97,14 @@ function readPicture(data) {
     return {first: at, last: at, count: 1, level: what === 'event' ? 'EVENT' : level, caller, text: data.texts[text]};
   }
 
-  // A line that is not about a delivery leads to the next mark of its moment. If there is none, it follows the
-  // last one.
+  // Lines outside a delivery belong to the next mark at the same moment, else to the previous mark.
   function flushLines(now) {
     if (!last || !loose.length || loose.at(-1).last === now) return;
     for (const line of loose) addLine(last.lines, line);
     loose = [];
   }
 
-  // The lane of a subscription, which is made with what is known of it at first.
+  // Returns a subscription's lane, created from its first entry.
   function laneOf({subscription, event, target = ''}, delay = 0) {
     if (!subscriptions.has(subscription)) {
       const program = target.includes('\\');
@@ -124,7 +123,7 @@ function readPicture(data) {
     waits.delete(name);
   }
 
-  // The process ends or another one takes over, so that nothing of it waits any more.
+  // The process ended or was replaced, so nothing of it is waiting any more.
   function endDeliveries(at) {
     for (const name of [...waits.keys()]) endWait(name, at);
     for (const bar of open.values()) {
@@ -134,7 +133,7 @@ function readPicture(data) {
     open.clear();
   }
 
-  // Whether it was a broadcast, which gets a mark.
+  // Adds a mark if the line is a broadcast. Returns whether it was one.
   function takeBroadcast(at, text) {
     const [, kind, code] = text.match(/^(power event|session change) (\d+)/) || [];
     if (!kind) return false;
@@ -177,7 +176,7 @@ function readPicture(data) {
       standby = null;
     }
     if (text.includes('are notified that the machine came up')) {
-      addLine(loose, lineOf(entry));  // with every power event
+      addLine(loose, lineOf(entry));  // logged with every power event
       return;
     }
     const isMessage = text.includes(' receives ');

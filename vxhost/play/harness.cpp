@@ -23,15 +23,15 @@ namespace {
 
 namespace Logging = Tessel::Server::Logging;
 
-// How long, in real time, a simulated worker may run on: longer than the ten seconds for which a
-// monitor of debug output that does not read holds up a line.
+// How long a simulated worker may run in real time. Exceeds the ten seconds for which a debug
+// monitor that does not read delays a line.
 constexpr std::chrono::seconds kPatience{30};
 
-// How long, in virtual time, the tasks that outlive a service may still wait: longer than any delay
-// of a subscription and any length in a scenario.
+// How long tasks that outlive a service may still wait in virtual time. Exceeds any subscription's
+// delay and any length in a scenario.
 constexpr std::chrono::hours kLongestTask{24 * 500};
 
-// A folder for the stored values of one run instead of the machine's, removed at the end.
+// A folder that replaces the machine's for one run's stored values. Removed at the end.
 class PrivateStore {
  public:
   PrivateStore()
@@ -43,7 +43,7 @@ class PrivateStore {
   PrivateStore(const PrivateStore&) = delete;
   PrivateStore& operator=(const PrivateStore&) = delete;
   ~PrivateStore() {
-    std::error_code ignored;  // the module makes these and nothing else
+    std::error_code ignored;  // the module creates only these
     for (const wchar_t* name :
          {L"Vx\\SharedServices\\shared_store.dat", L"Vx\\SharedServices", L"Vx"}) {
       std::filesystem::remove(folder / name, ignored);
@@ -55,8 +55,8 @@ class PrivateStore {
   std::filesystem::path folder;
 };
 
-// The real module and its service, whose log lines are shown and recorded at once, so that they
-// stand before the result of their command.
+// The real module and its service. Log lines are shown and recorded immediately, so that they
+// precede their command's result.
 class RealHarness final : public Harness {
  public:
   RealHarness(const ModuleOptions& options, Console& console, const std::function<void()>& prepare)
@@ -90,8 +90,8 @@ class RealHarness final : public Harness {
   ScenarioContext context;
 };
 
-// Shows and records the log lines of the linked service, each with its virtual moment. A line that
-// a poll repeats every second is shown once, and at the end with the number of repetitions.
+// Shows and records the linked service's log lines, each with its virtual time. A line that a poll
+// repeats every second is shown once, and later again with the number of repetitions.
 class SimulatedLog {
  public:
   SimulatedLog(Console& output, PlayRecord& keeper, const Simulator::VirtualClock& timeOf)
@@ -104,13 +104,13 @@ class SimulatedLog {
   SimulatedLog& operator=(const SimulatedLog&) = delete;
   ~SimulatedLog() { Logging::LogManager::RemoveSink(sink); }
 
-  // Shows the repeated lines. No thread may log meanwhile.
+  // Shows the repeated lines. No thread may log during the call.
   void ShowRepeated() {
     for (Said& said : recent) Show(said);
   }
 
  private:
-  // More lines than one round of any poll writes.
+  // At least as many lines as one round of any poll writes.
   static constexpr std::size_t kRemembered = 5;
   static constexpr std::chrono::seconds kPollStep{1};
 
@@ -118,7 +118,7 @@ class SimulatedLog {
     LogLine line;
     Simulator::VirtualClock::Duration first;
     Simulator::VirtualClock::Duration last;
-    int repeated = 0;  // since it was last shown
+    int repeated = 0;  // since last shown
   };
 
   void Show(Said& said) {
@@ -142,7 +142,7 @@ class SimulatedLog {
       return one.line.message == line.message;
     });
     if (found != recent.end()) {
-      // The most recent lines are forgotten last.
+      // Keeps the most recent lines longest.
       std::rotate(found, found + 1, recent.end());
       Said& said = recent.back();
       if (now - said.last <= kPollStep && (said.last != now || said.repeated != 0)) {
@@ -165,11 +165,11 @@ class SimulatedLog {
   Console& console;
   PlayRecord& recorder;
   const Simulator::VirtualClock& clock;
-  std::deque<Said> recent;  // used by the sink alone, which one thread at a time calls
+  std::deque<Said> recent;  // used only by the sink, which one thread at a time calls
   Logging::LogManager::SinkId sink;
 };
 
-// The service that is linked into this program, on a machine in memory and with a store of its own.
+// The service linked into this program, on a machine in memory with its own store.
 class SimulatedHarness final : public Harness {
  public:
   SimulatedHarness(Console& console, const std::function<void()>& prepare)
@@ -189,8 +189,8 @@ class SimulatedHarness final : public Harness {
       console.Note(" * " + Utf8(Simulator::Format(entry)));
     });
   }
-  // The service and the tasks that outlive it end before their machine does. What they log is not
-  // shown, because it would come before or after the end of the output.
+  // The service and the tasks that outlive it end before their machine. What they log is not shown,
+  // because it would be out of place.
   ~SimulatedHarness() override {
     machine.timeline.SetListener({});
     log.reset();
@@ -211,7 +211,7 @@ class SimulatedHarness final : public Harness {
   Simulator::SimulatedMachine machine;
   PlayRecord recorder{[this] { return machine.clock.Moment(); }};
   Platform::MachineScope scope;
-  bool prepared;  // before anything is logged
+  bool prepared;  // initialized before anything is logged
   std::optional<SimulatedLog> log;
   std::optional<ServiceSession> session;
   ScenarioContext context;

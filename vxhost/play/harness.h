@@ -9,17 +9,15 @@
 
 namespace Vx::Host {
 
-// The service that a subcommand uses, and its surroundings: the real module on this machine, or
-// with
-// --simulate the service linked into this program on a simulated machine.
+// The service that a subcommand uses, and its environment: the real module on this machine or, with
+// --simulate, the service linked into this program on a simulated machine.
 class Harness {
  public:
   virtual ~Harness() = default;
   virtual ScenarioContext& Open() = 0;
 };
 
-// Calls `prepare` when the machine is there but not yet a service. Throws std::runtime_error when
-// the module cannot be used.
+// Calls `prepare` after creating the machine and before the service. Throws std::runtime_error.
 std::unique_ptr<Harness> MakeHarness(
     const ModuleOptions& options, Console& console, const std::function<void()>& prepare = [] {});
 

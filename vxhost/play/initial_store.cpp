@@ -17,7 +17,7 @@ using Tessel::Server::Storage::BsonElement;
 using Tessel::Server::Storage::BsonKind;
 using Tessel::Server::Storage::CapDataStore;
 
-// An integer becomes an int32 if it fits, otherwise an int64.
+// Converts an integer to int32 if it fits, otherwise to int64.
 BsonElement PlainElement(const WideValue& value, const Definitions& definitions) {
   if (value.IsNull()) return BsonElement();
   if (value.IsBool()) return BsonElement::Boolean(value.GetBool());
@@ -29,7 +29,7 @@ BsonElement PlainElement(const WideValue& value, const Definitions& definitions)
   return BsonElement::Text(Json::JsonText(value));
 }
 
-// {"type", "value"} as "store show" prints it. The parser bounds the depth.
+// Converts {"type", "value"}, as printed by "store show". The parser limits the depth.
 BsonElement TypedElement(const std::string& key, const WideValue& member) {
   const WideValue* type = member.IsObject() ? FindMember(member, L"type") : nullptr;
   const WideValue* value = member.IsObject() ? FindMember(member, L"value") : nullptr;

@@ -8,17 +8,17 @@
 
 namespace Vx::Host {
 
-// What the store of a scenario holds before its service is created.
+// The contents of a scenario's store before its service is created.
 class InitialStore {
  public:
   InitialStore() = default;
 
-  // `value` is {KEY: VALUE} with plain values, as the part "store" of a step takes them, or the
-  // path of a file that "store show" printed. Borrows plain values. Relative paths begin at
-  // `folder`. Throws std::runtime_error when the file cannot be used.
+  // `value` is {KEY: VALUE} with plain values, as in a step's "store" part, or the path of a file
+  // printed by "store show". Borrows plain values. Relative paths start at `folder`. Throws
+  // std::runtime_error if the file cannot be used.
   InitialStore(const Json::WideValue& value, const std::wstring& folder, Definitions names);
 
-  // Writes the values into the store of the current machine.
+  // Writes the values to the current machine's store.
   void Write() const;
 
  private:
@@ -27,8 +27,8 @@ class InitialStore {
   Definitions definitions;
 };
 
-// Stores a value as another service does: a scalar under its key, the members of an object in the
-// document of that name. Definitions are expanded in texts.
+// Stores a value as another service would: a scalar under its key, an object's members in the
+// document of that name. Expands definitions in strings.
 void StoreValue(const std::string& key, const Json::WideValue& value,
                 const Definitions& definitions);
 

@@ -22,7 +22,7 @@ using enum PartForm;
 constexpr std::chrono::seconds kUninstallLength{1};
 constexpr wchar_t kPolicyKey[] = L"SOFTWARE\\Policies\\Vx\\Consent";
 
-// The value of a step, and what it changes.
+// A part's value and the machine that it changes.
 struct Change {
   const WideValue& value;
   const Expander& expand;
@@ -30,13 +30,13 @@ struct Change {
 
   const WideValue* Find(const wchar_t* key) const { return Host::FindMember(value, key); }
   std::wstring Text(const wchar_t* key) const { return expand(Member(value, key)); }
-  // What Windows returns.
+  // Returns the HRESULT that Windows will return.
   std::int32_t Result() const {
     return static_cast<std::int32_t>(std::wcstoul(Text(L"result").c_str(), nullptr, 16));
   }
 };
 
-// Seconds, which may have a fraction.
+// Converts seconds, which may be fractional.
 Simulator::VirtualClock::Duration Length(const WideValue& value) {
   return std::chrono::duration_cast<Simulator::VirtualClock::Duration>(
       std::chrono::duration<double>(value.GetDouble()));
@@ -47,14 +47,14 @@ void EndOobe(const Change& change) {
   machine.system.EndOobeAt(machine.clock.Elapsed() + Length(change.value));
 }
 
-// "3rd"
+// Returns "3rd", for example.
 std::wstring Ordinal(unsigned number) {
   static constexpr const wchar_t* kEnds[] = {L"th", L"st", L"nd", L"rd"};
   const unsigned last = number / 10 % 10 == 1 ? 0 : number % 10;
   return std::to_wstring(number) + kEnds[last < std::size(kEnds) ? last : 0];
 }
 
-// Takes a name, or a name and the number of calls that still succeed.
+// Takes the name of a call, or its name and how many calls still succeed.
 void Refuse(const Change& change) {
   RequireRefusal(change.machine);
   const bool first = change.value.IsString();
@@ -82,7 +82,7 @@ void Uninstall(const Change& change) {
                                     length == nullptr ? kUninstallLength : Length(*length));
 }
 
-// One status for each of the next messages. The last one stays in effect.
+// Takes a status for each of the next messages. The last stays in effect.
 void SetAppServiceStatus(const Change& change) {
   if (!change.value.IsArray()) {
     change.machine.appServices.SetReplies({}, {change.value.GetInt(), L""});
@@ -118,7 +118,7 @@ void SetWarrantyBlock(const Change& change) {
   change.machine.firmware.SetWarrantyBlock(std::move(block));
 }
 
-// One step of WMI at a time; an empty object ends it.
+// One WMI step at a time. An empty object ends the failure.
 void FailFirmware(const Change& change) {
   change.machine.firmware.ClearFailures();
   const WideValue* after = change.Find(L"after");
@@ -131,7 +131,7 @@ void AddFile(const Change& change) {
   change.machine.files.Add(change.Text(L"path"), Utf8(change.Text(L"text")));
 }
 
-// Takes a path, or a path and how the signature differs from a good one of a pinned key.
+// Takes a path, or a path and how its signature differs from a valid one with a pinned key.
 void Sign(const Change& change) {
   if (change.value.IsString()) {
     change.machine.Sign(change.expand(change.value), {});
@@ -143,7 +143,7 @@ void Sign(const Change& change) {
   change.machine.Sign(change.Text(L"path"), signature);
 }
 
-// The values of the maker's policy; null removes one.
+// Takes values of the maker's policy. Null removes one.
 void SetPolicy(const Change& change) {
   for (auto value = change.value.MemberBegin(); value != change.value.MemberEnd(); ++value) {
     const std::wstring name = change.expand(value->name);
@@ -171,7 +171,7 @@ constexpr PartRule kRemoval[] = {{L"family", SomeText, Presence::Required},
                                  {L"user", SomeText, Presence::Required},
                                  {L"seconds", Seconds}};
 
-// A rule for the simulated machine.
+// Returns `rule`, restricted to the simulated machine.
 constexpr PartRule Simulated(PartRule rule) {
   rule.needs = PartNeeds::SimulatedMachine;
   return rule;
@@ -179,7 +179,7 @@ constexpr PartRule Simulated(PartRule rule) {
 
 constexpr PartRule kAdvance = Simulated({L"advance", Seconds});
 
-// In the order in which the changes of one step are made.
+// In the order in which a step's changes are made.
 constexpr struct {
   PartRule rule;
   void (*make)(const Change&) = nullptr;

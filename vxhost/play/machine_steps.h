@@ -10,29 +10,27 @@
 
 namespace Vx::Host {
 
-// Returns the text of a scenario's value, with definitions expanded.
+// Returns a scenario value as text, with definitions expanded.
 using Expander = std::function<std::wstring(const Json::WideValue&)>;
 
-// A required member of a step or of one of its parts. Throws std::runtime_error when it is absent.
+// Returns a required member of a step or part. Throws std::runtime_error if it is absent.
 const Json::WideValue& Member(const Json::WideValue& object, const wchar_t* key);
 
-// The rule of a part that changes the simulated machine or lets its time pass. Null when `key` is
-// none.
+// Returns the rule for a part that changes the simulated machine or its time, or null.
 const PartRule* FindMachineRule(const std::wstring& key);
 
-// The keys of all of them.
+// Returns the keys of all such parts.
 std::vector<std::string> MachineKeys();
 
-// Throws std::runtime_error if a part "refuse" is in effect whose call was not made since, as with
-// a misspelt name.
+// Throws std::runtime_error if a "refuse" part is in effect but its call has not been made since,
+// as when the name is misspelt.
 void RequireRefusal(const Simulator::SimulatedMachine& machine);
 
-// Changes the machine as the step asks (docs/vxhost.md lists the parts), except for its time.
-// Throws std::runtime_error.
+// Makes the step's changes to the machine, except to its time. Throws std::runtime_error.
 void ChangeMachine(const Json::WideValue& step, const Expander& expand,
                    Simulator::SimulatedMachine& machine);
 
-// Lets the seconds of the step's "advance" pass, if it has one, and then every worker come to rest.
+// Advances the clock by the step's "advance", if any, then waits until all workers are idle.
 void PassTime(const Json::WideValue& step, Simulator::SimulatedMachine& machine);
 
 }  // namespace Vx::Host

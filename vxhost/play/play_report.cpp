@@ -29,7 +29,7 @@ const wchar_t* NameOf(Happening what) {
 }
 
 void AddCommandMembers(JsonRow& row, std::uint32_t id, const CommandResult& answer) {
-  Json::WideDocument value;  // null without an answer
+  Json::WideDocument value;  // null if there is no answer
   if (answer.text && !Json::ParseJson(value, *answer.text)) {
     value.SetString(*answer.text, value.GetAllocator());
   }
@@ -59,7 +59,7 @@ JsonRow EntryJson(const RecordEntry& entry) {
   return row;
 }
 
-// The entries of one step, or all of them for step 0.
+// Returns the entries of one step, or all for step 0.
 std::vector<JsonRow> EntriesJson(const std::vector<RecordEntry>& entries, std::size_t step) {
   std::vector<JsonRow> list;
   for (const RecordEntry& entry : entries) {
@@ -76,7 +76,7 @@ std::vector<std::wstring> FailuresOf(const PlayedScenario& played, std::size_t s
   return failures;
 }
 
-// XML has no form at all for most control characters and for U+FFFE and U+FFFF.
+// XML cannot represent most control characters, nor U+FFFE and U+FFFF.
 std::string Xml(const std::string& text) {
   std::wstring clean = Wide(Printable(text, LineBreaks::Keep));
   std::replace_if(

@@ -4,8 +4,8 @@
 
 namespace Vx::Tessel::Security {
 
-// The keys that this build trusts. In this program GeneralKeys and RestrictedKeys also hold the key
-// that counts as pinned on a simulated machine. No real signature has that key. All are constants.
+// The keys that this build trusts. In this program, GeneralKeys and RestrictedKeys also contain a
+// key that counts as pinned on a simulated machine and that no real signature has.
 KeySet BuiltGeneralKeys() noexcept;
 KeySet BuiltRestrictedKeys() noexcept;
 

@@ -125,7 +125,7 @@ class ScenarioRunner {
     if (const auto* expect = FindMember(step, L"expect")) ExpectTraces(*expect);
   }
 
-  // As other services of the machine do.
+  // Writes as the machine's other services do.
   void Store(const WideValue& values) {
     const ServicesMutexHold hold(ServicesMutexFor(StoreUse::Write));
     for (auto value = values.MemberBegin(); value != values.MemberEnd(); ++value) {
@@ -154,7 +154,7 @@ class ScenarioRunner {
     context.session.Slots().Start();
   }
 
-  // A text unchanged, any other value as JSON. Definitions are expanded in both.
+  // Returns a string unchanged, and any other value as JSON. Expands definitions in both.
   std::wstring Expand(const WideValue& value) const {
     if (value.IsString()) {
       return Expanded(TextOf(value), definitions);
@@ -188,7 +188,7 @@ class ScenarioRunner {
     }
   }
 
-  // As the component that applies the maker's policy does.
+  // Announces a change as the component that applies the maker's policy does.
   void Announce() {
     constexpr std::uint32_t kPolicyChanged = 16;
     Call("the policy changed");
@@ -227,7 +227,7 @@ class ScenarioRunner {
   void ExpectTraces(const WideValue& expect) {
     if (const auto* text = FindMember(expect, L"log")) {
       const std::wstring wanted = Expand(*text);
-      // On a simulated machine all that could happen has happened.
+      // A simulated machine has already done all it can.
       const int patience = context.machine == nullptr ? Seconds(expect) : 0;
       Check(context.record.WaitFor(wanted, patience),
             "the log should say \"" + Utf8(wanted) + "\"");

@@ -17,28 +17,27 @@ class SimulatedMachine;
 
 namespace Vx::Host {
 
-// What a scenario plays against: a service, and the record of what happens.
+// A service under test and the record of what happens.
 struct ScenarioContext {
   ServiceSession& session;
   std::function<ServiceSession()> newService;
   PlayRecord& record;
   Console& console;
-  Simulator::SimulatedMachine* machine;  // null: the real one
-  std::function<void()> showRepeated;    // prints the log lines that were only counted
+  Simulator::SimulatedMachine* machine;  // null for the real one
+  std::function<void()> showRepeated;    // prints log lines so far only counted
 };
 
-// A scenario: a JSON document {"store": ..., "steps": [...]}, whose parts docs/vxhost.md describes.
+// A scenario: a JSON document {"store": ..., "steps": [...]}, described in docs/vxhost.md.
 class Scenario {
  public:
-  // Reads and checks the file. Throws std::runtime_error, whose text lists every fault with its
-  // line, when it cannot be played as it is.
+  // Reads and checks the file. Throws std::runtime_error that lists every fault with its line.
   Scenario(const std::wstring& path, Definitions definitions, HarnessKind where);
 
-  // Writes the store to begin with. To be called before the service is created.
+  // Writes the initial store. Call before creating the service.
   void Prepare() const;
 
-  // Plays every step, also after one whose expectation was not met. Returns whether all were met.
-  // Throws std::runtime_error when a step cannot be carried out.
+  // Plays every step, even after an expectation is not met. Returns whether all were met. Throws
+  // std::runtime_error if a step cannot be carried out.
   bool Play(ScenarioContext& context) const;
 
  private:

@@ -35,7 +35,7 @@ constexpr PartRule kExpect[] = {
     {.key = L"event", .form = SomeText, .needs = PartNeeds::SimulatedMachine},
     {.key = L"noEvent", .form = SomeText, .needs = PartNeeds::SimulatedMachine}};
 
-// The parts of a step, without those that change the simulated machine.
+// The parts of a step, except those that change the simulated machine.
 constexpr PartRule kParts[] = {{L"say", Text},
                                {L"start", True},
                                {L"restart", True},
@@ -57,10 +57,9 @@ constexpr wchar_t kSteps[] = L"steps";
 constexpr wchar_t kStore[] = L"store";
 constexpr PartRule kBegin = {kStore, TextOrObject};
 
-// Parts without which a step does nothing that could be observed.
+// Parts that only observe or print. A step with no others cannot cause an event.
 constexpr std::wstring_view kOnlyLook[] = {L"say", L"expect", L"showStore", L"waitFor"};
 
-// Parts that call the service.
 constexpr const wchar_t* kCalls[] = {L"start", L"exec", L"policy", L"power", L"session"};
 
 const PartRule* FindRule(std::span<const PartRule> rules, const std::wstring& key) {
@@ -68,7 +67,7 @@ const PartRule* FindRule(std::span<const PartRule> rules, const std::wstring& ke
   return found == rules.end() ? nullptr : &*found;
 }
 
-// "; did you mean" one of the keys of `rules` or one of `others`?
+// Returns "; did you mean ..." with the closest of the keys of `rules` and `others`.
 std::string Closest(const std::wstring& key, std::span<const PartRule> rules,
                     std::vector<std::string> others = {}) {
   for (const PartRule& rule : rules) others.push_back(Utf8(rule.key));
@@ -80,7 +79,7 @@ bool IsHex(std::wstring_view text) {
   return !text.empty() && text.size() <= 8 && std::ranges::all_of(text, &IsHexDigit);
 }
 
-// What a value of each form is, and what is wanted instead of one that is not.
+// The test for each form, and the text that a message asks for if a value fails it.
 constexpr struct {
   PartForm form;
   bool (*has)(const WideValue& value);
@@ -131,7 +130,7 @@ constexpr struct {
      "a text or an object"},
 };
 
-// What is wanted instead of `value`. Null when it has the form.
+// Returns the form that `value` should have, or null if it has it.
 const char* WantedInstead(PartForm form, const WideValue& value) {
   for (const auto& row : kForms) {
     if (row.form == form) return row.has(value) ? nullptr : row.wanted;
@@ -139,7 +138,7 @@ const char* WantedInstead(PartForm form, const WideValue& value) {
   return nullptr;  // anything
 }
 
-// The beginning of a value, for a message.
+// Returns the beginning of a value, for a message.
 std::string Shown(const WideValue& value) {
   return Utf8(Shortened(Json::JsonText(value)));
 }
@@ -247,7 +246,7 @@ class Checker {
     }
   }
 
-  // A second value under the same key would be ignored.
+  // A second value with the same key would be ignored.
   void Once(const WideValue& object, const std::wstring& prefix) {
     std::set<std::wstring> seen;
     for (auto member = object.MemberBegin(); member != object.MemberEnd(); ++member) {
@@ -256,7 +255,7 @@ class Checker {
     }
   }
 
-  // A name that stays in a text would be sent, or be expected.
+  // An undefined name would be sent or expected literally.
   void Names(const WideValue& value, const std::wstring& key) {
     if (value.IsString()) {
       Expanded(TextOf(value), definitions, [&](const std::wstring& name) {
@@ -274,7 +273,7 @@ class Checker {
     }
   }
 
-  // After "end" there is no service to call.
+  // Tracks whether a service exists: after "end" there is none to call.
   void Liveness(const WideValue& one) {
     if (FindMember(one, L"end") != nullptr) ended = true;
     if (FindMember(one, L"restart") != nullptr) ended = false;
@@ -310,8 +309,8 @@ class Checker {
   bool ended = false;
 };
 
-// The lines on which the strings, numbers, literals, objects and arrays of a valid JSON text begin,
-// keys included, in order.
+// Returns the lines on which the strings, numbers, literals, objects and arrays of a valid JSON
+// text start, keys included, in order.
 std::vector<std::size_t> TokenLines(const std::wstring& text) {
   std::vector<std::size_t> tokens;
   std::size_t line = 1;
@@ -349,7 +348,7 @@ LineIndex::LineIndex(const Json::WideDocument& document, const std::wstring& tex
       }
     }
   };
-  take(take, document);  // the parser bounds the depth
+  take(take, document);  // the parser limits the depth
 }
 
 std::size_t LineIndex::LineOf(const WideValue& value) const {
@@ -364,7 +363,7 @@ std::wstring Expanded(const std::wstring& text, const Definitions& definitions,
   for (;;) {
     const std::size_t begin = text.find(L"${", done);
     if (begin == text.npos) return result + text.substr(done);
-    // No name holds what could end a text in JSON.
+    // No name contains a character that could end a JSON string.
     const std::size_t end = text.find_first_of(L"} {$\"\\", begin + 2);
     if (end == text.npos || text[end] != L'}') {
       result += text.substr(done, begin + 2 - done);

@@ -17,7 +17,7 @@ namespace {
 constexpr std::size_t kPiece = 65536;  // bytes
 constexpr wchar_t kEarlier[] = L"vxhost";
 
-// The writer has the file open for appending and deletes old ones.
+// The writer keeps the file open for appending and deletes old files.
 Platform::UniqueHandle OpenLog(const std::wstring& path) {
   return Platform::AdoptFile(CreateFileW(path.c_str(), GENERIC_READ,
                                          FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
@@ -45,7 +45,7 @@ LogFollower::LogFollower(std::wstring where, std::wstring name)
   offset = static_cast<std::uint64_t>(size.QuadPart);
 }
 
-// Oldest first.
+// Returns the files, oldest first.
 std::vector<std::wstring> LogFollower::Files() const {
   std::vector<std::wstring> names = LogFileNames(folder, kEarlier);
   for (std::wstring& name : LogFileNames(folder, service)) {
@@ -58,10 +58,10 @@ std::optional<std::string> LogFollower::Next() {
   std::size_t end = rest.find('\n');
   while (end == std::string::npos) {
     if (!Read(file)) {
-      // What follows in the next file, if there is one. A file that was left gets no further line.
+      // Move on to the next file, if any. A file the writer has left gets no more lines.
       const auto names = Files();
       auto next = std::ranges::find(names, file);
-      // The first one, or the file was deleted.
+      // No file yet, or it was deleted.
       if (!names.empty()) next = next == names.end() ? next - 1 : next + 1;
       if (next == names.end() || Read(file)) break;
       file = *next;
@@ -77,7 +77,7 @@ std::optional<std::string> LogFollower::Next() {
   return line;
 }
 
-// Whether there was more.
+// Returns whether there was more to read.
 bool LogFollower::Read(const std::wstring& name) {
   if (name.empty()) return false;
   const auto opened = OpenLog(folder + L"\\" + name);

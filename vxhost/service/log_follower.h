@@ -7,15 +7,15 @@
 
 namespace Vx::Host {
 
-// Reads the lines that a service adds to its log files from now on, also to those of an earlier
-// version, whose names begin with "vxhost". One thread; never blocks for
-// longer than a read of a file. Survives the change of the file.
+// Reads lines that a service adds to its log files from now on, including files from an earlier
+// version, whose names begin with "vxhost". Follows the service to its next file. One thread. Never
+// blocks for longer than reading a file takes.
 class LogFollower {
  public:
-  // Throws std::runtime_error when the folder cannot be listed by this account.
+  // Throws std::runtime_error if this account cannot list the folder.
   LogFollower(std::wstring folder, std::wstring service);
 
-  // The next whole line, without its end. Nothing if none was added.
+  // Returns the next complete line, without its line ending, or nothing if none was added.
   std::optional<std::string> Next();
 
  private:
@@ -24,9 +24,9 @@ class LogFollower {
 
   const std::wstring folder;
   const std::wstring service;
-  std::wstring file;         // the one that is read, empty before there is one
-  std::uint64_t offset = 0;  // of the first byte in it that was not read
-  std::string rest;          // read, but not yet returned
+  std::wstring file;         // the file being read; empty if there is none yet
+  std::uint64_t offset = 0;  // of the first unread byte
+  std::string rest;          // read but not yet returned
 };
 
 }  // namespace Vx::Host

@@ -14,16 +14,15 @@ namespace Vx::Host {
 
 namespace {
 
-// No GENERIC_WRITE: it includes the right to create an instance, which the service grants to
-// administrators only.
+// Not GENERIC_WRITE: it includes the right to create an instance, which only administrators have.
 constexpr DWORD kAccess = FILE_GENERIC_READ | FILE_WRITE_DATA | FILE_WRITE_ATTRIBUTES;
 
-// A command may take minutes, and the client can end the wait by ending.
+// A command may take minutes. The user can end the wait by ending the client.
 constexpr std::chrono::milliseconds kNoLimit{std::numeric_limits<DWORD>::max()};
 
 constexpr DWORD kPause = 20;  // milliseconds
 
-// For a free instance of the pipe.
+// The wait for a free pipe instance.
 constexpr std::chrono::seconds kPatience{10};
 
 }  // namespace
@@ -32,7 +31,7 @@ PipeClient::PipeClient(const std::wstring& path, std::uint32_t service,
                        std::chrono::milliseconds patience) {
   const ULONGLONG end = GetTickCount64() + static_cast<ULONGLONG>(patience.count());
   while (true) {
-    // Identification: a false server must not act as this client.
+    // Identification level, so that an impostor server cannot act as this client.
     pipe = Platform::AdoptFile(CreateFileW(
         path.c_str(), kAccess, 0, nullptr, OPEN_EXISTING,
         FILE_FLAG_OVERLAPPED | SECURITY_SQOS_PRESENT | SECURITY_IDENTIFICATION, nullptr));

@@ -9,24 +9,23 @@
 
 namespace Vx::Host {
 
-// A connection to the pipe of a running service. One thread.
+// A connection to a running service's pipe. One thread.
 class PipeClient {
  public:
-  // Connects, waiting up to `patience` for a free instance. Sends nothing to a server whose process
-  // is not `service`, because any process can open a pipe of that name first. Throws
-  // std::runtime_error, whose text advises the user.
+  // Connects, waiting up to `patience` for a free instance. Sends nothing unless the server's
+  // process is `service`, because any process could have created a pipe of that name first. Throws
+  // std::runtime_error with advice for the user.
   PipeClient(const std::wstring& path, std::uint32_t service, std::chrono::milliseconds patience);
 
-  // Runs one command. Blocks until its result arrives. Throws std::runtime_error when the
-  // connection ends first.
+  // Runs one command. Blocks until its result arrives. Throws std::runtime_error if none does.
   ResultEnvelope Execute(const CommandEnvelope& command);
 
  private:
   Platform::UniqueHandle pipe;
 };
 
-// Connects to the running service of this name: to `process` or, if 0, to the one that the service
-// manager names. Throws like the constructor.
+// Connects to the running service `name`: to `process` or, if 0, to the process that the service
+// manager reports. Throws like the constructor.
 PipeClient ConnectToService(const std::wstring& name, std::uint32_t process = 0);
 
 }  // namespace Vx::Host

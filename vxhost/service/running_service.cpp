@@ -19,7 +19,7 @@ namespace Vx::Host {
 
 namespace {
 
-constexpr DWORD kPoll = 100;  // milliseconds between two looks at the log
+constexpr DWORD kPoll = 100;  // milliseconds between polls of the log
 
 LogLine LineOf(const Json::JsonObject& record) {
   return {record.GetNamedString(L"level"), record.GetNamedString(L"provider"),
@@ -58,10 +58,10 @@ void FollowService(const std::string& name, int seconds,
     try {
       const auto record = Json::JsonObject::Parse(Wide(*text));
       LogLine line = LineOf(record);
-      // Another service may write to the same folder.
+      // Another service may log to the same folder.
       if (line.process == process) receive(line, record.GetNamedString(L"time"));
     } catch (const Platform::WindowsRuntimeError&) {
-      continue;  // the torn line of a process that was killed
+      continue;  // an incomplete line from a killed process
     }
   }
 }

@@ -10,19 +10,19 @@
 
 namespace Vx::Host {
 
-// An installed service that runs, as the account of this process may use it. Each function throws
-// std::runtime_error, whose text advises the user, if no service of that name runs.
+// Access to a running installed service, with the rights of this process's account. Each function
+// throws std::runtime_error with advice for the user if no service of that name is running.
 
-// Throws std::runtime_error if `options` name a module or a store: a running service has its own.
+// Throws std::runtime_error if `options` select a module or store: a running service has its own.
 void RefuseForService(const ModuleOptions& options);
 
-// Runs one command in the service. `process`, if not 0, is the one that must have the pipe, instead
-// of the one that the service manager names.
+// Runs one command in the service. If not 0, `process` must own the pipe, instead of the process
+// that the service manager reports.
 CommandResult ExecuteInService(const std::string& name, std::uint32_t process, std::uint32_t id,
                                const std::wstring& request);
 
-// Calls `receive` with each log line that the service writes, and its UTC time, for `seconds` or,
-// if 0, until Ctrl+C. Reads the log files, so the account has to be an administrator's.
+// Calls `receive` with each line that the service logs and its UTC time, for `seconds` or, if 0,
+// until Ctrl+C. Reads the log files, so the account must be an administrator.
 void FollowService(const std::string& name, int seconds,
                    const std::function<void(const LogLine&, const std::wstring& time)>& receive);
 

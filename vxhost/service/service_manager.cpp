@@ -22,13 +22,13 @@ constexpr DWORD kProcessPatience = 10'000;  // milliseconds
 
 constexpr DWORD kMinute = 60'000;       // milliseconds
 constexpr DWORD kDay = 86'400;          // seconds
-constexpr DWORD kPreshutdown = 30'000;  // milliseconds that Windows waits for the running commands
+constexpr DWORD kPreshutdown = 30'000;  // milliseconds that Windows waits for running commands
 
 wchar_t description[] =
     L"Runs programs for client applications when the machine resumes, when the policy changes or "
     L"when a package is uninstalled.";
 
-// To read the token of the user at the console, to start a program with it and to act as that user.
+// Needed to read the console user's token, start programs with it and impersonate that user.
 constexpr const wchar_t* kPrivileges[] = {L"SeAssignPrimaryTokenPrivilege",
                                           L"SeChangeNotifyPrivilege", L"SeImpersonatePrivilege",
                                           L"SeIncreaseQuotaPrivilege", L"SeTcbPrivilege"};
@@ -85,7 +85,7 @@ SERVICE_STATUS_PROCESS StatusOf(const UniqueServiceHandle& service, const std::w
   return status;
 }
 
-// Waits while `holds` is true of the service's state.
+// Waits while `holds` returns true for the service's state.
 template <typename Condition>
 SERVICE_STATUS_PROCESS AwaitWhile(const UniqueServiceHandle& service, const std::wstring& name,
                                   const Condition& holds) {
@@ -99,8 +99,8 @@ SERVICE_STATUS_PROCESS AwaitWhile(const UniqueServiceHandle& service, const std:
   return status;
 }
 
-// Sets what CreateService does not take. Returns the first refusal of Windows. `unknown` receives
-// the settings that this system does not have.
+// Applies settings that CreateService does not take. Returns the first error from Windows. Adds
+// settings that this system does not support to `unknown`.
 DWORD Configure(SC_HANDLE service, bool automatic, std::vector<std::string>& unknown) {
   DWORD error = ERROR_SUCCESS;
   const auto set = [&](const char* what, DWORD level, void* info) {
@@ -121,7 +121,7 @@ DWORD Configure(SC_HANDLE service, bool automatic, std::vector<std::string>& unk
   failure.cActions = static_cast<DWORD>(std::size(actions));
   failure.lpsaActions = actions;
   set("failure actions", SERVICE_CONFIG_FAILURE_ACTIONS, &failure);
-  // Also for a service that stops with an error, and not only for one that crashes.
+  // Also if the service stops with an error, not only if it crashes.
   SERVICE_FAILURE_ACTIONS_FLAG always{TRUE};
   set("failure actions after an error", SERVICE_CONFIG_FAILURE_ACTIONS_FLAG, &always);
   SERVICE_SID_INFO sid{SERVICE_SID_TYPE_UNRESTRICTED};
@@ -145,7 +145,7 @@ void ServiceHandleCloser::operator()(void* handle) const noexcept {
 }
 
 std::wstring ImagePath(const ServicePlan& plan) {
-  // A path cannot hold a quotation mark, and a full path of a file ends without a backslash.
+  // A path cannot contain a quotation mark, and a file's full path does not end with a backslash.
   return L"\"" + plan.program + L"\" " + plan.name;
 }
 
@@ -171,7 +171,7 @@ std::vector<std::string> ServiceManager::Install(const ServicePlan& plan) {
   }
   if (service == nullptr) Refused("install", plan.name, GetLastError());
   try {
-    // First: a service that is replaced may start between the steps.
+    // Written first, because a service being replaced may start between the steps.
     WriteParameters({plan.name, plan.module, plan.allowed, plan.development});
     if (!created && ChangeServiceConfigW(Raw(service), SERVICE_WIN32_OWN_PROCESS, start,
                                          SERVICE_ERROR_NORMAL, image.c_str(), nullptr, nullptr,
@@ -214,10 +214,10 @@ void ServiceManager::Stop(const std::wstring& name) {
     if (error == ERROR_SERVICE_NOT_ACTIVE) return;
     if (error != ERROR_SERVICE_CANNOT_ACCEPT_CTRL) Refused("stop", name, error);
   }
-  // The service still counts as running for a moment after it has accepted the control.
+  // The service still reports running for a moment after accepting the control.
   const auto status =
       AwaitWhile(service, name, [](DWORD state) { return state != SERVICE_STOPPED; });
-  // The process ends a moment after that. Until then its files can be neither replaced nor removed.
+  // The process ends a moment later. Until then, its files cannot be replaced or deleted.
   if (status.dwCurrentState != SERVICE_STOPPED ||
       (process != nullptr &&
        WaitForSingleObject(process.get(), kProcessPatience) != WAIT_OBJECT_0)) {
@@ -228,7 +228,7 @@ void ServiceManager::Stop(const std::wstring& name) {
 
 void ServiceManager::Remove(const std::wstring& name) {
   const auto service = Open(name, DELETE | SERVICE_QUERY_STATUS, "remove");
-  // Windows would keep the service, and its name, until it ends.
+  // Windows would keep a running service, and its name, until it ends.
   if (StatusOf(service, name).dwCurrentState != SERVICE_STOPPED) {
     throw std::runtime_error("the service " + Utf8(name) + " runs; stop it first");
   }
@@ -246,7 +246,7 @@ std::optional<ServiceReport> ServiceManager::Query(const std::wstring& name) {
     Refused("query", name, error);
   }
   const auto status = StatusOf(service, name);
-  alignas(QUERY_SERVICE_CONFIGW) std::byte buffer[8192];  // the most that Windows returns
+  alignas(QUERY_SERVICE_CONFIGW) std::byte buffer[8192];  // the maximum that Windows returns
   auto* config = reinterpret_cast<QUERY_SERVICE_CONFIGW*>(buffer);
   DWORD size = 0;
   if (QueryServiceConfigW(Raw(service), config, sizeof buffer, &size) == FALSE) {

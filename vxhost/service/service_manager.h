@@ -12,33 +12,32 @@ namespace Vx::Host {
 
 inline constexpr char kDefaultServiceName[] = "OrvaneService";
 
-// One service as it is installed.
 struct ServicePlan {
   std::wstring name;
   std::wstring program;  // full path of OrvaneHost.exe
   std::wstring module;   // full path
   enum class Start { Automatic, Demand } start = Start::Automatic;
-  std::vector<std::wstring> allowed = {};  // SIDs whose accounts may use the pipe
-  bool development = false;                // takes codes for tests, see ServiceProcess
-  bool replaces = false;                   // an installed service of this name, if there is one
+  std::vector<std::wstring> allowed = {};  // SIDs of accounts that may use the pipe
+  bool development = false;                // accepts test codes, see ServiceProcess
+  bool replaces = false;                   // replace an installed service of this name
 };
 
-// The command line of the service: the quoted full path of its program and the service's name.
+// Returns the service's command line: its program's full path in quotes, and the service's name.
 std::wstring ImagePath(const ServicePlan& plan);
 
-// The privileges that the service's process keeps, as Windows takes the list: each text with its
-// terminator, and one more at the end.
+// Returns the privileges that the service's process keeps, in the form Windows expects: each string
+// with its terminator, and one more null at the end.
 std::wstring RequiredPrivileges();
 
-// What the service manager knows of a service. The numbers are those of Windows.
+// What the service manager knows about a service, with Windows' values.
 struct ServiceReport {
-  std::uint32_t state = 0;    // SERVICE_RUNNING and so on
-  std::uint32_t process = 0;  // 0 unless it runs
+  std::uint32_t state = 0;    // SERVICE_RUNNING etc.
+  std::uint32_t process = 0;  // 0 unless running
   std::uint32_t exitCode = 0;
   bool automatic = false;
   std::wstring image;
   std::wstring account;
-  ServiceOptions options;  // without a module: an earlier version has installed it
+  ServiceOptions options;  // no module if an earlier version installed it
 };
 
 struct ServiceHandleCloser {
@@ -46,33 +45,32 @@ struct ServiceHandleCloser {
 };
 using UniqueServiceHandle = std::unique_ptr<void, ServiceHandleCloser>;
 
-// The service manager of this machine. One thread. Every function throws std::runtime_error, whose
-// text advises the administrator.
+// This machine's service manager. One thread. Every function throws std::runtime_error with advice.
 class ServiceManager {
  public:
-  // Registers a service of LocalSystem in a process of its own, with failure actions, a service SID
-  // and the required privileges alone. Undone if Windows refuses a part, except of a service that
-  // is replaced: that one has the new command line and parameters from its next start on, also one
-  // of an earlier version, whose command line had the parameters. Returns the settings
-  // that this system does not know, which is none on Windows.
+  // Registers a LocalSystem service in its own process, with failure actions, a service SID and
+  // only the required privileges. If Windows refuses a setting, removes the new service again. A
+  // replaced service instead keeps the changes made so far, effective from its next start. It may
+  // be from an earlier version, which kept the parameters in the command line. Returns the settings
+  // that this system does not support. Windows supports all.
   std::vector<std::string> Install(const ServicePlan& plan);
 
-  // Starts the service, or asks it to stop, and waits until it has and its process is gone. Done at
-  // once if it already has.
+  // Start the service, or ask it to stop, and wait until it has, and on a stop until its process is
+  // gone. Return immediately if it is already in that state.
   void Start(const std::wstring& name);
   void Stop(const std::wstring& name);
 
-  // Removes a service that has stopped.
+  // Removes a stopped service.
   void Remove(const std::wstring& name);
 
-  // Nothing if no service has that name.
+  // Returns nothing if no service has that name.
   std::optional<ServiceReport> Query(const std::wstring& name);
 
   // Sends a user-defined control code, 128 to 255.
   void Send(const std::wstring& name, std::uint32_t control);
 };
 
-// The process of the running service of this name. Throws as above when it does not run.
+// Returns the process ID of the running service `name`. Throws as above if it is not running.
 std::uint32_t ProcessOfService(const std::wstring& name);
 
 }  // namespace Vx::Host

@@ -22,7 +22,7 @@ using Tessel::Server::Storage::BsonElement;
 using Tessel::Server::Storage::BsonKind;
 using Tessel::Server::Storage::BsonView;
 
-// The writer of a document chooses its depth. Only the size of deeper documents is shown.
+// Documents can be arbitrarily deep. Only the size of deeper ones is shown.
 constexpr int kShownLevels = 32;
 
 constexpr struct {
@@ -39,14 +39,14 @@ const wchar_t* KindName(BsonKind kind) {
   return row == std::end(kKinds) ? L"other" : row->name;
 }
 
-// A document as JSON: each member becomes an object with its type and its value, or its size in
-// bytes where a value cannot be shown.
+// Converts a document to JSON: each member becomes an object with its type and value, or its size
+// in bytes if the value cannot be shown.
 class StoreWriter {
  public:
   explicit StoreWriter(WideDocument& target, ShownValues which = ShownValues::All)
       : pool(target.GetAllocator()), shown(which) {}
 
-  // `name` is that of the document in the store, empty for the top level.
+  // `name` is the document's name in the store, empty for the top level.
   WideValue Document(const BsonDocument& document, int levelsLeft, const std::string& name = {}) {
     WideValue object(rapidjson::kObjectType);
     for (const BsonDocument::Member& member : document) {
@@ -62,7 +62,7 @@ class StoreWriter {
     return object;
   }
 
-  // The number of values that were left out.
+  // Returns the number of values left out.
   std::size_t Left() const { return left; }
 
  private:

@@ -11,22 +11,21 @@
 
 namespace Vx::Host {
 
-enum class ShownValues { All, Exported };  // the latter: those of this module
+enum class ShownValues { All, Exported };  // Exported: only this module's
 
-// The values of the store, each with its type, as "store show" prints them. `left` becomes the
-// number of those that are not shown. Throws std::runtime_error when the store cannot be read.
+// Returns the store's values, each with its type, as printed by "store show". Sets `left` to the
+// number of values omitted. Throws std::runtime_error if the store cannot be read.
 Json::WideDocument StoreContent(const StoreLook& look, ShownValues shown, std::size_t& left);
 
-// Returns the kind that is called so there, or an unknown one.
+// Returns the kind with this name in that output, or an unknown one.
 Tessel::Server::Storage::BsonKind KindNamed(const std::wstring& name);
 
-// Returns a text, a truth value or a whole number as an element of this kind, nothing if `value` is
-// of another one.
+// Returns a string, Boolean or integer as an element of `kind`, or nothing if it is another kind.
 std::optional<Tessel::Server::Storage::BsonElement> ScalarOf(Tessel::Server::Storage::BsonKind kind,
                                                              const Json::WideValue& value);
 
-// All of the store in the same form, with one line per value of its top level: "KEY {...}". Throws
-// std::runtime_error when it cannot be read.
+// Returns the whole store in the same form, with one line per top-level value: "KEY {...}". Throws
+// std::runtime_error if it cannot be read.
 std::vector<std::string> StoreLines();
 
 }  // namespace Vx::Host

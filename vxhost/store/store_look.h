@@ -8,35 +8,33 @@
 
 namespace Vx::Host {
 
-// The store as it lies there, read without a change: no folder and no file is made, and an
-// interrupted write is not completed.
+// The store as found. Creates no folder or file, and completes no interrupted write.
 struct StoreLook {
   std::wstring path;
   Tessel::Server::Storage::SealedFile::Reading reading;
-  std::vector<std::wstring> siblings;  // full paths of the files beside it
+  std::vector<std::wstring> siblings;  // full paths of the files next to it
 };
 
-// Looks at the store while holding it. Throws as StoreHold does.
+// Reads the store while holding it. Throws as StoreHold does.
 StoreLook LookAtStore(const HoldLimits& limits = {});
 
-// Returns the store's document, an empty one for an empty store. Throws std::runtime_error with the
-// reason when it cannot be read.
+// Returns the store's document, or an empty one if the store is empty. Throws std::runtime_error
+// with the reason if it cannot be read.
 Tessel::Server::Storage::BsonDocument DocumentOf(const StoreLook& look);
 
-// What is wrong with a store, in a word for programs and a sentence for people.
+// The state of a store, as a word for programs and a sentence for people.
 struct StoreVerdict {
   std::string state;  // "sound", "missing", "zeroed", "foreign", ...
   std::string text;
   bool IsSound() const { return state == "sound"; }
 };
-enum class Owner { Trusted, Any };  // whose file it may be
+enum class Owner { Trusted, Any };  // who may own the file
 StoreVerdict Diagnose(const StoreLook& look, Owner owner = Owner::Trusted);
 
-// Same as Diagnose, but looks at the lists of subscriptions as well: "list broken" if the module
-// could not read one.
+// As Diagnose, but also checks the lists: "list broken" if the module could not read one.
 StoreVerdict DiagnoseWithLists(const StoreLook& look, Owner owner = Owner::Trusted);
 
-// Looks at a copy of the store's file at `path`.
+// Reads a copy of the store's file at `path`.
 StoreLook LookAtFile(const std::wstring& path);
 
 }  // namespace Vx::Host

@@ -32,7 +32,7 @@ using Tessel::Server::Storage::BsonKind;
 using Tessel::Server::Storage::CapDataStore;
 using Tessel::Server::Storage::StoreState;
 
-// The values that docs/operations.md lists for this module.
+// This module's values, as listed in docs/operations.md.
 struct OwnValue {
   bool inDocument = false;
   const char* key = "";
@@ -69,7 +69,7 @@ Platform::Files& Files() {
   throw std::runtime_error(what + ", error " + std::to_string(error));
 }
 
-// Writes a new file with the rights of `accessLike`.
+// Writes a new file with the same access rights as `accessLike`.
 std::unique_ptr<Platform::FileHandle> WriteNew(const std::wstring& path,
                                                const std::wstring& accessLike,
                                                std::span<const std::byte> content) {
@@ -82,7 +82,7 @@ std::unique_ptr<Platform::FileHandle> WriteNew(const std::wstring& path,
   Fail("cannot write " + Utf8(path), error);
 }
 
-// Throws unless the file at `look` is a whole store that this machine can read.
+// Throws unless `look` shows a sound store that this machine can read.
 void RequireStore(const StoreLook& look) {
   const StoreVerdict verdict = Diagnose(look, Owner::Any);
   if (!verdict.IsSound())
@@ -93,7 +93,7 @@ void RequireStore(const StoreLook& look) {
   SubscriptionsIn(*look.reading.document);
 }
 
-// Copies the store as it is beside itself. Returns the path of the copy.
+// Copies the store, in whatever state, next to itself. Returns the copy's path.
 std::wstring Keep(const StoreLook& look) {
   const StoreState state = look.reading.state;
   if (state == StoreState::Missing) return {};
@@ -129,7 +129,7 @@ void Collect(const Json::WideValue& members, bool inDocument, std::vector<Import
   }
 }
 
-// The member of this name, an object. Throws where it is something else.
+// Returns the object member `key`. Throws if it is not an object.
 const Json::WideValue& ObjectIn(const Json::WideValue& value, const wchar_t* key) {
   if (value.IsObject()) {
     const Json::WideValue* found = FindMember(value, key);
@@ -138,7 +138,7 @@ const Json::WideValue& ObjectIn(const Json::WideValue& value, const wchar_t* key
   throw std::runtime_error("nothing is imported: it is not an exported store");
 }
 
-// The values of `exported`, all of which are this module's.
+// Returns the values in `exported`. Throws unless all are this module's.
 std::vector<ImportedValue> ValuesOf(const Json::WideValue& exported) {
   std::vector<ImportedValue> values;
   Json::WideDocument rest;
@@ -152,7 +152,7 @@ std::vector<ImportedValue> ValuesOf(const Json::WideValue& exported) {
   return values;
 }
 
-// The lists have to be such that the module can read them.
+// Throws unless the module can read the lists.
 void RequireLists(const std::vector<ImportedValue>& values) {
   BsonDocument document;
   for (const ImportedValue& value : values) {
@@ -185,7 +185,7 @@ std::wstring RestoreStore(const std::wstring& path, const HoldLimits& limits) {
   if (kept.empty()) CapDataStore makesTheFolder;
   const auto name = Platform::NewUuid();
   if (!name) Fail("no name for a new file", name.Error());
-  // Under this ending the module completes the change, should this process end in the middle.
+  // With this suffix, the module completes the change if this process ends halfway.
   const std::wstring sibling = before.path + L"." + *name + L".new";
   const auto file = WriteNew(sibling, before.path, copy.reading.content);
   if (const Platform::ErrorCode error = file->MoveOver(before.path); error != 0) {

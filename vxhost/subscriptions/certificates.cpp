@@ -56,7 +56,7 @@ std::vector<Certificate> CertificatesIn(const std::wstring& path) {
   }
   const std::unique_ptr<void, StoreCloser> store(opened);
   const CERT_CONTEXT* context = nullptr;
-  // Each call frees the context that it gets.
+  // Each call frees the context passed to it.
   while ((context = CertEnumCertificatesInStore(store.get(), context)) != nullptr) {
     certificates.push_back(Describe(*context));
   }

@@ -33,7 +33,6 @@ std::wstring TextOf(const Finding& finding) {
   return text;
 }
 
-// Explains one subscription.
 class Explainer {
  public:
   Explainer(const StoredSubscription& stored, const Occasion& asked,
@@ -120,7 +119,7 @@ class Explainer {
       CheckLaunch(*launch);
     } else {
       const auto& message = dynamic_cast<AppServiceNotificationCommand&>(command);
-      // Only deliveries of power and platform events look for a trigger.
+      // Only power and platform deliveries raise triggers.
       const bool raises =
           !message.CustomTriggerGUID().empty() && result.subscription.kind->family == nullptr;
       result.action = raises ? L"raise the trigger " + message.CustomTriggerGUID()
@@ -132,7 +131,7 @@ class Explainer {
   }
 
   void CheckLaunch(const LaunchCommand& launch) {
-    // The module's check has the last word, and the findings give its reasons.
+    // The module's check decides. The findings give its reasons.
     Reason why = Tessel::Security::TrustedProgram::Check(launch.Path(), keys).reason;
     const bool trusted = why == Reason::None;
     TakeFaults(Fate::Refused, trusted ? kPathKey : std::wstring_view());
@@ -143,8 +142,7 @@ class Explainer {
     if (why != Reason::None) Because(Fate::Refused, NameOf(why).text);
   }
 
-  // Lists the faults of the subscription, except for those of the delay, which was judged, and of
-  // the member `passed`.
+  // Lists the subscription's faults, except those of the delay, already judged, and of `passed`.
   void TakeFaults(Fate fate, std::wstring_view passed) {
     const auto check = CheckSubscription(Text(), keys);
     for (const Finding& finding : check.findings) {

@@ -9,40 +9,38 @@
 
 namespace Vx::Host {
 
-// The event that is asked about.
+// The event in question.
 struct Occasion {
-  const SubscriptionForm* kind = nullptr;  // null: for each subscription its own event
-  std::uint32_t code = 0;                  // of a power or platform event
-  std::wstring family;                     // of the package that is uninstalled
+  const SubscriptionForm* kind = nullptr;  // null: each subscription's own event
+  std::uint32_t code = 0;                  // for a power or platform event
+  std::wstring family;                     // of the uninstalled package
 };
 
 enum class Fate {
-  Runs,        // at once or after its delay
+  Runs,        // immediately or after its delay
   Dropped,     // its delay can never be kept
   Refused,     // the program would not be started
   Never,       // the module cannot carry it out
-  OtherEvent,  // it waits for another event
+  OtherEvent,  // it is waiting for another event
 };
 
-// What an event would lead to for one subscription, on this machine and now.
+// What an event would do for one subscription on this machine right now.
 struct Explanation {
   StoredSubscription subscription;
-  std::wstring event;  // the one that it waits for, "power 18"; empty if that cannot be read
+  std::wstring event;  // the event it waits for, "power 18"; empty if unreadable
   Fate fate = Fate::Never;
-  std::wstring delay;                 // as it is stored, "0" if it is not, or empty
-  int wait = 0;                       // seconds before that
-  std::wstring action;                // "start C:\...", empty if that cannot be read
+  std::wstring delay;                 // as stored, "0" if absent, or empty
+  int wait = 0;                       // the delay in seconds
+  std::wstring action;                // "start C:\..."; empty if unreadable
   std::vector<std::wstring> reasons;  // for a fate other than Runs
 };
 
-// Asks the module's own readers and rules about each subscription in order, with `keys` as its
-// restricted ones.
-// Opens programs for reading. Starts, stores and sends nothing. Blocks for as long as the trust
-// checks.
+// Applies the module's own readers and rules to each subscription, in order, with `keys` as the
+// restricted keys. Only opens programs for reading. Blocks for as long as the trust checks take.
 std::vector<Explanation> Explain(const std::vector<StoredSubscription>& subscriptions,
                                  const Occasion& occasion, Tessel::Security::KeySet keys);
 
-// Returns the beginning of a result in JSON: the members that name the subscription and its event.
+// Starts a JSON result with the members that identify the subscription and its event.
 JsonRow RowOf(const Explanation& one);
 
 }  // namespace Vx::Host

@@ -24,7 +24,7 @@ std::string ResourceText(void* loaded, const wchar_t* name) {
   return {static_cast<const char*>(LockResource(resource)), SizeofResource(module, found)};
 }
 
-// Whether `line` can be a key. The configure step checks the form in full (cmake/pins.cmake).
+// Returns whether `line` can be a key. The configure step checks the full form (cmake/pins.cmake).
 bool IsKey(std::string_view line) {
   constexpr std::size_t kKeyLength = 809;
   return line.size() == kKeyLength &&

@@ -41,7 +41,7 @@ constexpr auto kChanged = static_cast<std::int32_t>(0x80096010);  // TRUST_E_BAD
 constexpr wchar_t kPinnedSignature[] =
     L"a signature with a restricted key, as vxhost pins lists them";
 
-// What a member has to be, and the names and tests of that in the same order.
+// The required type of a member, with names and tests in the same order.
 enum class Shape { Number, Text, Object };
 constexpr struct {
   const wchar_t* name;
@@ -72,7 +72,7 @@ std::wstring Shown(const WideValue& value) {
   return Shortened(Json::JsonText(value));
 }
 
-// Judges one request. Each member is asked for before the next, so that the findings follow it.
+// Checks one request. Members are taken in order, which the findings keep.
 class Checker {
  public:
   Checker(Tessel::Security::KeySet pinned, SubscriptionCheck& result)
@@ -112,8 +112,7 @@ class Checker {
     Leftovers(level);
   }
 
-  // The module's own reader has the last word. It stops at the first fault, so it is asked only
-  // where none was found.
+  // The module's own reader decides. It stops at the first fault, so use it only if none was found.
   void AskModule(const std::wstring& text) {
     if (!readable) return;
     try {
@@ -136,10 +135,10 @@ class Checker {
   }
 
  private:
-  // Typed: may be absent, but a member of another type makes the subscription unreadable.
+  // Typed: may be absent, but the wrong type makes the subscription unreadable.
   enum class Need { Required, Typed, Optional };
 
-  // An object of the request, and the members that were asked for.
+  // An object in the request, and the members taken from it.
   struct Level {
     const WideValue& object;
     std::wstring prefix;
@@ -158,7 +157,7 @@ class Checker {
     for (const SubscriptionForm* kind : kSubscriptionForms) {
       if (FindMember(request, kind->event) != nullptr) return kind;
     }
-    // The kind that was probably meant names its faults better than a list of all kinds.
+    // The faults of the likely kind help more than a list of all kinds.
     for (const SubscriptionForm* kind : kSubscriptionForms) {
       for (auto member = request.MemberBegin(); member < request.MemberEnd(); ++member) {
         const std::wstring name = TextOf(member->name);
@@ -173,7 +172,7 @@ class Checker {
     return nullptr;
   }
 
-  // Returns the member if it is there and of this shape. Lists why if it is not.
+  // Returns the member if present and of this shape. Otherwise lists why not.
   const WideValue* Take(Level& level, const std::wstring& name, Shape shape, Need need) {
     level.asked.insert(name);
     const std::wstring key = level.prefix + name;
@@ -215,7 +214,7 @@ class Checker {
     if (need == Need::Required) Never(key, L"", L"", L"is missing");
   }
 
-  // Members that the module does not read. A payload belongs to the app.
+  // Reports members that the module does not read. A payload's members are the app's.
   void Leftovers(const Level& level) {
     std::set<std::wstring> seen;
     for (auto member = level.object.MemberBegin(); member < level.object.MemberEnd(); ++member) {
@@ -329,7 +328,7 @@ class Checker {
     }
     const WideValue* family = Take(level, L"packageFamilyName", Shape::Text, Need::Required);
     const WideValue* service = Take(level, L"appServiceName", Shape::Text, Need::Required);
-    if (raises) return;  // then no message is sent
+    if (raises) return;  // no message is sent then
     if (family != nullptr) {
       CheckFamily(level.prefix + L"packageFamilyName", TextOf(*family), Verdict::Never);
     }
@@ -340,7 +339,7 @@ class Checker {
 
   void CheckTrigger(const std::wstring& key, const WideValue& value) {
     std::wstring text = TextOf(value);
-    // The braces may be left out.
+    // The braces are optional.
     if (text.starts_with(L'{') && text.ends_with(L'}')) text = text.substr(1, text.size() - 2);
     if (IsUuid(text)) {
       Good(key, L"raises the trigger and sends no message");
@@ -354,7 +353,7 @@ class Checker {
     using Tessel::Server::Records::Reason;
     const Reason why = Tessel::Security::TrustedProgram::WhyNotOpened(path);
     if (why != Reason::None) {
-      constexpr std::size_t kIt = 3;  // the key takes the place of "it "
+      constexpr std::size_t kIt = 3;  // the key replaces "it "
       NotOpened(key, path, NameOf(why).text + kIt);
       return;
     }
@@ -372,7 +371,7 @@ class Checker {
     }
     const bool isFile = static_cast<bool>(attributes);
     if (!isFile) fault(L"the program's path", L"there is no such file");
-    // Without a file, only the text of the path can be judged.
+    // Without a file, only the path itself can be checked.
     if (isFile ? helper.CheckPath(path).outcome != PathOutcome::Allowed
                : !helper.MayBeAllowed(path)) {
       fault(L"a place below %windir%, %ProgramFiles%, %ProgramFiles(x86)% or a WindowsApps folder",

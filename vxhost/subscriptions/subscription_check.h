@@ -12,29 +12,27 @@ using Tessel::Server::Services::Orvane::kSubscriptionForms;
 using Tessel::Server::Services::Orvane::SubscriptionForm;
 
 enum class Verdict {
-  Good,   // as it has to be
-  Hint,   // runs, but perhaps not as it was meant
+  Good,   // correct
+  Hint,   // runs, but perhaps not as intended
   Never,  // never runs on this machine
 };
 
-// One fact about a subscription.
 struct Finding {
   Verdict verdict = Verdict::Good;
-  std::wstring key;     // the member, with those above it: "commandParams.path"; may be empty
-  std::wstring found;   // JSON, shortened; empty where nothing was found
-  std::wstring wanted;  // the repair; empty for good ones
+  std::wstring key;     // the member's path, "commandParams.path"; may be empty
+  std::wstring found;   // shortened JSON; empty if nothing was found
+  std::wstring wanted;  // what to write instead; empty if good
   std::wstring text;
 };
 
-// The facts in the order of the request. A fault is listed where it is caused, and what follows
-// from it is not listed.
+// Findings in the order of the request. Each fault is listed where it is caused, once.
 struct SubscriptionCheck {
   std::vector<Finding> findings;
   bool Runs() const;
 };
 
-// Judges the text of a subscription on the current machine, with `keys` as the pinned ones. Opens
-// the program for reading and changes nothing. Blocks for as long as the trust check.
+// Checks a subscription's text on the current machine, with `keys` as the pinned keys. Opens the
+// program for reading and changes nothing. Blocks for as long as the trust check takes.
 SubscriptionCheck CheckSubscription(const std::wstring& text, Tessel::Security::KeySet keys);
 
 }  // namespace Vx::Host
