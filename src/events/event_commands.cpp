@@ -47,7 +47,7 @@ LaunchCommand::LaunchCommand(const Json::JsonObject& parameters)
       arguments(parameters.FindString(L"arguments").value_or(L"")) {
   delayDeliverySec = parameters.GetNamedString(kDelayKey, kNoDelay);
   target = path.substr(0, kLongestTarget);
-  // Windows ends a command line at a null: the program would run with part of its arguments.
+  // Windows ends a command line at a null: the program would run with only some of its arguments.
   if (arguments.find(L'\0') != std::wstring::npos) {
     throw Platform::WindowsRuntimeError(kInvalidArgument, kNullInArguments);
   }
@@ -120,7 +120,7 @@ std::unique_lock<std::mutex> TakeTurn(EventCommand& command, std::mutex& turn) {
   if (launch == nullptr) return std::unique_lock(turn);
   Platform::Clock& clock = *Platform::CurrentMachine().clock;
   for (int checks = 1;; ++checks) {
-    // What is not trusted is not locked either.
+    // An untrusted program is not locked, so it can simply wait.
     if (!launch->CheckAhead() || checks == kMostChecks) return std::unique_lock(turn);
     const std::uint64_t begin = clock.TickCount();
     std::unique_lock taken(turn, std::try_to_lock);

@@ -13,29 +13,29 @@
 
 namespace Vx::Tessel::Server::Services::Orvane {
 
-// HRESULT of an unknown action.
+// The HRESULT for an unknown action.
 inline constexpr std::int32_t kUnknownAction = 0x20000007;
 
 enum class EventAction : std::uint32_t { Launch = 1, AppServiceNotification = 2 };
 
 // The command that a subscription runs when its event occurs. May run any number of times, on any
-// thread, but by one thread at a time.
+// thread, but on only one at a time.
 //
-// The order of the virtual slots is a contract and leaves no room for a virtual destructor, so
-// owners delete through CommandDeleter.
+// The order of the virtual slots is a contract without a slot for a destructor, so owners delete
+// through CommandDeleter.
 class EventCommand {
  public:
-  // Runs the command and blocks until it is done. Logs and returns the outcome. May throw
+  // Runs the command, blocks until it is done and returns the outcome. May throw
   // Platform::WindowsRuntimeError and std::exception.
   virtual Records::Outcome Execute() = 0;
 
-  // How long a delivery waits before it runs the command: the client's text, "0" if it has none.
+  // The delay in seconds before the command runs, as the client wrote it; "0" if absent.
   std::wstring DelayDeliverySec() const { return delayDeliverySec; }
 
-  // The trigger that a power or platform event raises in place of the command; empty if none.
+  // The trigger that a power or platform event raises instead of the command; empty if none.
   std::wstring CustomTriggerGUID() const { return customTriggerGuid; }
 
-  // The program, or "FAMILY/APP SERVICE". Cut if it is too long for a record.
+  // The program, or "FAMILY/APP SERVICE", truncated to fit a record.
   const std::wstring& Target() const noexcept { return target; }
 
  protected:
@@ -46,7 +46,7 @@ class EventCommand {
   std::wstring target;
 };
 
-// A command for a package event. It may allow to be run late, at service start, for a package that
+// A command for a package event. Some commands may run late, at service start, for a package that
 // was uninstalled while the service was not running.
 class PackageEventCommand : public EventCommand {
  public:
@@ -56,7 +56,7 @@ class PackageEventCommand : public EventCommand {
   ~PackageEventCommand() = default;
 };
 
-// Deletes a command as the class it was created as.
+// Deletes a command through the class it was created as.
 class CommandDeleter {
  public:
   using Destroy = void (*)(EventCommand*);
@@ -77,21 +77,22 @@ using PackageEventCommandPtr = std::unique_ptr<PackageEventCommand, CommandDelet
 class LaunchCommand final : public PackageEventCommand {
  public:
   // Reads "path" (required), "arguments" (empty unless it is a string) and "delayDeliverySec" ("0"
-  // when absent). Throws the JSON layer's Platform::WindowsRuntimeError.
+  // if absent). Throws Platform::WindowsRuntimeError with a code from the JSON layer, or
+  // E_INVALIDARG if the arguments contain a null character.
   explicit LaunchCommand(const Json::JsonObject& parameters);
 
-  // Locks and checks the program now instead of in Execute, which the deliveries of an event run
-  // one after the other. Returns whether it is trusted. Blocks for as long as the check.
+  // Locks and checks the program now instead of in Execute, because the deliveries of an event
+  // execute one at a time. Returns whether it is trusted. Blocks for as long as the check takes.
   bool CheckAhead();
 
-  // Lets go of the program that CheckAhead found trusted.
+  // Unlocks the program that CheckAhead found trusted.
   void ForgetCheck();
 
-  // Locks the program that ForgetCheck let go of and checks it again, as CheckAhead does. Returns
-  // false, and reads nothing, if its file has changed.
+  // Locks the program that ForgetCheck unlocked and checks it again, as CheckAhead does. Returns
+  // false without reading the file if it has changed or cannot be locked.
   bool CheckUnchanged();
 
-  // Keeps the file locked against writing from before the trust check until the program is started.
+  // Keeps the file locked against writing from before the trust check until the program starts.
   Records::Outcome Execute() override;
   bool RunIfUninstalledWhileNotRunning() override { return true; }
 
@@ -106,12 +107,12 @@ class LaunchCommand final : public PackageEventCommand {
   std::optional<Platform::FileIdentity> forgotten;
 };
 
-// Sends a JSON message to the app service of a packaged app. Does not report whether it arrived.
+// Sends a JSON message to the app service of a packaged app.
 class AppServiceNotificationCommand final : public EventCommand {
  public:
   // Reads "packageFamilyName", "appServiceName" and "payload" (required), "delayDeliverySec" ("0"
-  // when absent) and, inside the payload, "customTriggerGUID" (empty unless it is a string). Throws
-  // the JSON layer's Platform::WindowsRuntimeError.
+  // if absent) and, inside the payload, "customTriggerGUID" (empty unless it is a string). Throws
+  // Platform::WindowsRuntimeError with a code from the JSON layer.
   explicit AppServiceNotificationCommand(const Json::JsonObject& parameters);
 
   Records::Outcome Execute() override;
@@ -126,16 +127,15 @@ class AppServiceNotificationCommand final : public EventCommand {
   Json::JsonObject payload;
 };
 
-// Creates the command of an action from its parameters. Throws Platform::WindowsRuntimeError with
-// kUnknownAction or a code of the JSON layer.
+// Creates the command for an action from its parameters. Throws Platform::WindowsRuntimeError with
+// kUnknownAction or a code from the command's constructor.
 EventCommandPtr CreateEventCommand(EventAction action, const Json::JsonObject& parameters);
 
-// Takes `turn`, under which the commands of a kind run one after the other. Checks the program of a
-// launch before, so that the other commands do not wait for its check. The program stays locked for
-// a second of the wait at most, because its update would wait too. After that it is checked again
-// in its turn, and in an unchanged file that takes no longer than before. A file that has changed
-// is checked like a new one, without the turn. After a second change it stays locked until its
-// turn.
+// Acquires `turn`, which lets the commands of a kind run one at a time. The program of a launch is
+// checked first, so that other commands do not wait for its check. While this waits, the program
+// stays locked for a second at most, because an update would have to wait too. It is then unlocked,
+// and checked again in its turn, which for an unchanged file takes no longer. A changed file is
+// checked as a new one, without the turn. After a second change it stays locked until its turn.
 std::unique_lock<std::mutex> TakeTurn(EventCommand& command, std::mutex& turn);
 
 }  // namespace Vx::Tessel::Server::Services::Orvane

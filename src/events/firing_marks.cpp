@@ -7,7 +7,7 @@ namespace Vx::Tessel::Server::Services::Orvane {
 namespace {
 
 struct Marks {
-  std::mutex mutex;  // guards what follows
+  std::mutex mutex;  // guards the members below
   std::map<std::wstring, std::shared_ptr<FiringMark>> byText;
   std::uint64_t forgotten = 0;
 };

@@ -33,14 +33,14 @@ void RecordCompletion(const std::wstring& stored) noexcept {
                          .outcome = {Records::Decision::Removed, Records::Reason::HasRun}};
   try {
     NameSubscription(record, stored, kPackageForm);
-  } catch (...) {  // NOLINT(bugprone-empty-catch): the record names less
+  } catch (...) {  // NOLINT(bugprone-empty-catch): the record has fewer details
   }
   Records::Write(record);
 }
 
 // The caller holds listChange.
 bool RemoveHeld(const std::wstring& stored, const MarkPtr& mark) {
-  // Another registration has completed it, and the text may be subscribed again by now.
+  // Another registration has completed it, and a client may have subscribed the text again.
   if (!FiringMarks::IsCurrent(stored, mark)) return true;
   if (!PackageCompletion::StoredRequests().CompleteRequest(stored)) return false;
   FiringMarks::Forget(stored, mark);
@@ -52,7 +52,7 @@ void ReportLeft(const std::wstring& stored) {
   Logging::LogManager::GetLogger()->LogWarning(kNotCompleted, stored.c_str());
 }
 
-// Returns false when the service ends first.
+// Returns false if the service ends first.
 bool Pause(const Platform::SharedHandle& stop) noexcept {
   Platform::Clock& clock = *Platform::CurrentMachine().clock;
   if (stop != nullptr) {

@@ -10,8 +10,8 @@
 
 namespace Vx::Tessel::Server::Services::Orvane {
 
-// The stored list of package subscriptions, and the completion of those whose command has run. A
-// completion that fails leaves its request stored until a later one succeeds. Until then the mark
+// The stored list of package subscriptions, and the completion of those whose command has run. If
+// completing a request fails, it stays stored until a later attempt succeeds. Until then its mark
 // keeps the command from running again in this process.
 class PackageCompletion {
  public:
@@ -19,31 +19,30 @@ class PackageCompletion {
 
   static RequestManager StoredRequests();
 
-  // Whether the service that owns the event `stop` has ended, or its event cannot be waited for.
+  // Whether the service that owns the event `stop` has ended, or the event cannot be waited for.
   static bool HasEnded(const Platform::SharedHandle& stop);
 
-  // Removes a request whose command has run, unless that happened already. Returns whether it is
-  // gone. Logs what throws. Takes listChange.
+  // Removes a request whose command has run, unless it has already been removed. Returns whether it
+  // is gone. Logs exceptions. Acquires listChange.
   static bool Remove(const std::wstring& stored, const std::shared_ptr<FiringMark>& mark) noexcept;
 
-  // Does the same, and logs a request that stays. The next replay, notification or equal
+  // As Remove, but logs a request that stays stored. The next replay, notification or equal
   // subscription then completes it.
   static void CompleteNow(const std::wstring& stored,
                           const std::shared_ptr<FiringMark>& mark) noexcept;
 
-  // Does the same up to three times, a second apart, without a lock in between. Gives up when its
-  // service ends, whose event is `stop`, or null. Not for a thread that a host waits for.
+  // As CompleteNow, but tries up to three times, a second apart, holding no lock in between. Gives
+  // up once `stop`, which may be null, is signalled. Not for a thread that a host waits for.
   static void Complete(const std::wstring& stored, const std::shared_ptr<FiringMark>& mark,
                        const Platform::SharedHandle& stop) noexcept;
 
-  // If the command of a stored request that PersistRequest would take for `request` has run,
-  // completes that one. Returns whether it did. The caller holds listChange. Throws
-  // std::runtime_error if the completion fails.
+  // Completes the stored request that PersistRequest treats as equal to `request`, if it has run.
+  // Returns whether it did. Call with listChange held. Throws std::runtime_error on failure.
   static bool CompleteEqual(const std::wstring& request);
 
-  // Held while a request, its mark and its registration come or go together, so that what one
-  // thread takes back or finds gone is never the request that another client was acknowledged for.
-  // Taken before register_event_mux, the store's mutex and that of the marks.
+  // Held while a request, its mark and its registration are added or removed together, so that no
+  // thread removes a request for which another client has received success. Acquired before
+  // register_event_mux, the store's mutex and the lock of the marks.
   static std::mutex listChange;
 };
 

@@ -89,7 +89,7 @@ void PackageUninstallingPCEvent::Register() {
 
 bool PackageUninstallingPCEvent::IsProcessRunningAsSystem() const {
   const auto answer = Platform::CurrentMachine().sessions->ProcessIsLocalSystem();
-  // A guess could watch the wrong user's packages for good.
+  // A wrong guess would watch another user's packages for good.
   if (!answer) throw Platform::WindowsRuntimeError(kConsoleUserUnavailable, kOwnAccountUnknown);
   return *answer;
 }

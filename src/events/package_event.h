@@ -15,7 +15,7 @@
 
 namespace Vx::Tessel::Server::Services::Orvane {
 
-// HRESULTs of package subscriptions, which clients see.
+// HRESULTs that clients receive for package subscriptions.
 inline constexpr std::int32_t kPackageNotInstalled = 0x20000004;
 inline constexpr std::int32_t kConsoleUserUnavailable = 0x20000005;
 inline constexpr std::int32_t kUnknownCatalogEvent = 0x20000006;
@@ -24,25 +24,25 @@ class CompletionEvent;
 class FiringMark;
 class UninstallWatch;
 
-// Called after a package command has run, with an empty text, on the system's catalog thread.
+// Called with an empty string, on the system's catalog thread, after a package command has run.
 using CompletionHandler = std::function<void(const std::wstring&)>;
 
-// An event of a package, and the command that it runs once.
+// A package event, and the command that it runs once.
 class IPCEvent {
  public:
   explicit IPCEvent(EventCommandPtr packageCommand);
   IPCEvent(const IPCEvent&) = delete;
   IPCEvent& operator=(const IPCEvent&) = delete;
 
-  // Starts to watch for the event. A second call has no effect. Throws std::system_error when no
-  // thread can be started. This is the first virtual slot, and the destructor's follow it.
+  // Starts watching for the event. A second call has no effect. Throws std::system_error if no
+  // thread can be started. This is the first virtual slot; the destructor's slots follow.
   virtual void Register() = 0;
 
   virtual ~IPCEvent();
 
   EventCommand* Command() const noexcept { return command.get(); }
 
-  // Adds a handler to be called once the command has run, and returns its token. Any thread.
+  // Adds a handler to call once the command has run, and returns its token. Any thread.
   std::int64_t EventComplete(CompletionHandler handler);
 
  protected:
@@ -55,16 +55,15 @@ class IPCEvent {
 // once it has completed and no package of the family is left.
 //
 // Any thread may create, register and destroy it. The destructor stops and joins the watcher, which
-// removes its handler from the catalog within milliseconds. It does not wait for a notification in
-// progress, which finishes: that owns a share of all it uses and does not touch this object
-// afterwards.
+// normally removes its handler from the catalog within milliseconds. It does not wait for a
+// notification in progress, which finishes on shared state without touching this object.
 class PackageUninstallingPCEvent final : public IPCEvent {
  public:
   // Opens the console user's catalog. Throws Platform::WindowsRuntimeError with
-  // kPackageNotInstalled, kConsoleUserUnavailable or a code of the package manager. Without the
-  // session API set there is no catalog: that is logged, and the event never occurs.
-  // `mark` belongs to the stored request; without one the event has its own. `subscription` is the
-  // hash of that request, for records.
+  // kPackageNotInstalled, kConsoleUserUnavailable or a code from the package manager. If the
+  // session API set is missing, logs that and opens no catalog, and the event never occurs. `mark`
+  // belongs to the stored request; if it is null, the event has its own. `subscription` is the hash
+  // of that request, for records.
   PackageUninstallingPCEvent(const std::wstring& packageFamilyName, PackageCatalogEvent event,
                              EventCommandPtr packageCommand,
                              const std::shared_ptr<FiringMark>& mark = nullptr,
@@ -73,20 +72,20 @@ class PackageUninstallingPCEvent final : public IPCEvent {
 
   void Register() override;
 
-  // The SID of the user whose catalog is watched. An empty text if that user is the account of this
-  // process, or if no catalog was opened. std::nullopt if Windows does not return the SID.
+  // The SID of the user whose catalog is watched. Empty if that user is this process's own account
+  // or no catalog was opened; std::nullopt if Windows does not return the SID.
   const std::optional<std::wstring>& User() const noexcept { return user; }
 
-  // Outlives this object for as long as it is held.
+  // The caller may keep it after this object is destroyed.
   const std::shared_ptr<UninstallWatch>& Watch() const noexcept { return watch; }
 
   // Lock order: a mark's turn before uninstall_event_mux and commandTurn, and uninstall_event_mux
   // before rLock. A notification takes neither of the register mutexes, so a caller that holds one
   // may destroy an event during a notification.
-  static std::mutex rLock;                // guards package queries and the opening of catalogs
-  static std::mutex register_mux;         // guards the start of watcher threads
-  static std::mutex uninstall_event_mux;  // serialises the decisions about notifications
-  static std::mutex commandTurn;          // serialises the commands that they run
+  static std::mutex rLock;                // guards package queries and opening catalogs
+  static std::mutex register_mux;         // guards starting watcher threads
+  static std::mutex uninstall_event_mux;  // serialises decisions about notifications
+  static std::mutex commandTurn;          // serialises the commands that notifications run
 
  private:
   bool IsProcessRunningAsSystem() const;

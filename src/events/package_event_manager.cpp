@@ -33,21 +33,20 @@ constexpr wchar_t kNotWatched[] =
     L"RegisterExistingPackageCatalogManagerRequests - a stored request is not watched, because of "
     L"\"%S\": %s";
 
-// The text of a request in the stored list, instead of the client's spelling.
+// A request as the list stores it, not as the client wrote it.
 std::wstring StoredText(const std::wstring& request) {
   return Json::JsonObject::Parse(request).Stringify();
 }
 
-// Whether a list in the store holds a request. `list` is null when there is none. Throws for a list
-// that cannot be read.
+// Whether a stored list, null if there is none, contains a request. Throws if it is unreadable.
 bool Holds(const Storage::BsonElement* list, const std::wstring& stored) {
   if (list == nullptr) return false;
   const auto requests = Storage::RequestsOf(list->AsWideText().value());
   return std::find(requests.begin(), requests.end(), stored) != requests.end();
 }
 
-// Also true when the store cannot be read: a subscription that is watched for nothing does less
-// harm than one that a client was acknowledged for and that never runs.
+// Returns true even if the store cannot be read: a needless watch does less harm than a command
+// that never runs although a client has received success.
 bool MayBeStored(const std::wstring& stored) noexcept {
   try {
     bool held = true;
@@ -62,8 +61,8 @@ bool MayBeStored(const std::wstring& stored) noexcept {
   }
 }
 
-// Stores a request and returns whether the store took it. One whose command has run, but which
-// could not be completed, makes room for it.
+// Stores a request and returns whether the store accepted it. An equal request whose command has
+// run, but which could not be completed, is removed to make room.
 bool Persist(const std::wstring& request) {
   try {
     return PackageCompletion::StoredRequests().PersistRequest(request);
@@ -73,12 +72,12 @@ bool Persist(const std::wstring& request) {
   }
 }
 
-// Removes a request whose registration failed. A failure here must not hide the first one.
+// Removes a request whose registration failed. A failure here must not hide the original one.
 void TakeBack(const std::wstring& stored, const MarkPtr& mark) {
   try {
     PackageCompletion::StoredRequests().RemoveRequest(stored);
   } catch (const Platform::WindowsRuntimeError&) {  // NOLINT(bugprone-empty-catch)
-    // The stored list cannot be read, so it never took the request.
+    // The stored list cannot be read, so the request was never added.
   }
   FiringMarks::Forget(stored, mark);
 }
@@ -107,8 +106,8 @@ class Replay {
     }
   }
 
-  // For the request whose registration failed last. Does not wait for a notification that runs the
-  // command already: a logon must not hang with a command.
+  // For the request whose registration just failed. Does not wait for a notification that is
+  // already running the command: a logon must not hang on a command.
   void RunLate(const std::wstring& stored, const Platform::WindowsRuntimeError& error) const {
     if (error.code() != kPackageNotInstalled) return;
     const bool ran = mark->RunOnceUnlessRunning([&] {
@@ -119,13 +118,13 @@ class Replay {
   }
 
  private:
-  // Takes the lock for the step in which a request, its mark and its registration belong together.
-  // Returns whether the command has run already.
+  // Holds the lock while request, mark and registration must match. Returns whether the command has
+  // already run.
   bool RegisterOne(const std::wstring& stored) {
     const std::lock_guard guard(PackageCompletion::listChange);
     mark = FiringMarks::Of(stored);
     if (mark->HasRun()) return true;
-    // Completed since the list was read: the mark is a new one, and its command must not run.
+    // Completed since the list was read: this mark is new, and the command must not run again.
     if (FiringMarks::Forgotten() != forgotten && !MayBeStored(stored)) {
       FiringMarks::Forget(stored, mark);
     } else {
@@ -154,7 +153,7 @@ void PackageCatalogEventManager::register_event(const std::wstring& request,
                                                 const CompletionHandler& completed,
                                                 const void* /*argument*/, Owner owner,
                                                 const std::shared_ptr<FiringMark>& mark) {
-  // Without the lock, which a service that ends takes: the package queries may take seconds.
+  // Not under the lock, which an ending service needs: the package queries may take seconds.
   LiveRequest live{owner, mark,
                    std::make_unique<SubscribeForAppPackageEventRequest>(request, mark)};
   const std::lock_guard guard(register_event_mux);
@@ -173,8 +172,8 @@ void PackageCatalogEventManager::EndReplaced(Owner owner, const std::shared_ptr<
   const std::uint64_t number = last->number;
   const auto user = last->request->PackageEvent()->User();
   const auto watch = last->request->PackageEvent()->Watch();
-  // Without the lock, which a service that ends takes. Until both watch, an uninstall could be
-  // missed.
+  // Not under the lock, which an ending service needs. The old registration stays until the new one
+  // is watching, or an uninstall could be missed.
   guard.unlock();
   if (!user || !watch->AwaitHandler()) return;
   guard.lock();
@@ -188,7 +187,7 @@ void PackageCatalogEventManager::execute_command(const std::wstring& request) {
   try {
     NameSubscription(record, request, kPackageForm);
   } catch (const Platform::WindowsRuntimeError&) {  // NOLINT(bugprone-empty-catch)
-    // It has no command either.
+    // An unreadable request has no command either.
   }
   Records::Delivery delivery(std::move(record));
   const auto command = SubscribeForAppPackageEventRequest::ParseEventCommand(request);
@@ -221,7 +220,7 @@ bool RegisterAppPackageEvent(const std::wstring& request, Owner owner,
     MakeLive(request, stored, owner, mark, stop);
     return isStored;
   } catch (const Platform::WindowsRuntimeError&) {
-    // A store that did not take it may hold the equal request of another client.
+    // If the store did not accept it, an equal request there may be another client's.
     if (isStored && mark != nullptr) TakeBack(stored, mark);
     throw;
   } catch (const std::exception& error) {

@@ -11,12 +11,12 @@
 namespace Vx::Tessel::Server::Services::Orvane {
 
 // A client's request to run a command when a packaged app is uninstalled. The constructor opens the
-// package catalog: see PackageUninstallingPCEvent for what that needs.
+// package catalog: see PackageUninstallingPCEvent for what that requires.
 class SubscribeForAppPackageEventRequest {
  public:
-  // `mark` belongs to the stored request; without one the request has its own. Throws
-  // Platform::WindowsRuntimeError with a code of the JSON layer, package_event.h or
-  // event_commands.h.
+  // `mark` belongs to the stored request; if it is null, the request has its own. Throws
+  // Platform::WindowsRuntimeError with kUnknownCatalogEvent or a code from the JSON layer,
+  // CreateEventCommand or PackageUninstallingPCEvent.
   explicit SubscribeForAppPackageEventRequest(const std::wstring& request,
                                               const std::shared_ptr<FiringMark>& mark = nullptr);
   SubscribeForAppPackageEventRequest(SubscribeForAppPackageEventRequest&&) noexcept = default;
@@ -26,11 +26,11 @@ class SubscribeForAppPackageEventRequest {
   std::wstring PackageFamilyName() const { return packageFamilyName; }
   PackageUninstallingPCEvent* PackageEvent() const noexcept { return packageEvent.get(); }
 
-  // Adds the handler unless it is empty, and starts to watch. Throws as IPCEvent::Register does.
+  // Adds the handler unless it is empty, and starts watching. Throws as IPCEvent::Register does.
   void RegisterPackageEvent(const CompletionHandler& completed);
 
-  // Returns the command of a stored request, or null when the text is not such a request or its
-  // command cannot be run late. Throws only std::bad_alloc.
+  // Returns the command of a stored request, or null if the text is not a request of this kind or
+  // its command cannot run late. Throws only std::bad_alloc.
   static PackageEventCommandPtr ParseEventCommand(const std::wstring& request);
 
  private:

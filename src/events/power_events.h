@@ -9,10 +9,10 @@
 
 namespace Vx::Tessel::Server::Services::Orvane {
 
-// A client's request to run a command at a power event.
+// A client's request to run a command on a power event.
 class SubscribeForPowerEventRequest final : public EventSubscription {
  public:
-  // Throws Platform::WindowsRuntimeError with a code of the JSON layer or kUnknownAction.
+  // Throws as EventSubscription does.
   explicit SubscribeForPowerEventRequest(const std::wstring& request);
 
   std::uint32_t PowerEventType() const noexcept { return Type(); }
@@ -25,16 +25,15 @@ class PowerEventManager {
   PowerEventManager() = delete;
 
   // Delivers the event with this code to one stored request: see StartDelivery. Never calls the
-  // completion handler, because firing does not use a subscription up.
+  // completion handler, because an event does not use up a subscription.
   static void handle_event(const std::wstring& request,
                            const std::function<void(const std::wstring&)>& completed,
                            std::uint32_t eventType, const Platform::SharedHandle& stop = nullptr);
 
-  // Serialises the decisions and commands of all power workers. They wait outside it.
+  // Serialises the decisions and commands of all power workers, but not their delays.
   static std::mutex handle_event_mutex;
 };
 
-// For the functions of subscription_delivery.h.
 extern const DeliveryKind kPowerEvents;
 
 }  // namespace Vx::Tessel::Server::Services::Orvane

@@ -64,8 +64,8 @@ int DelaySeconds(const DeliveryNames& names, const EventCommand& command) {
   return seconds.value_or(0);
 }
 
-// A place among the deliveries of the process, of every kind and service object, for as long as
-// this object lives. Until StopWaiting it is also one among those of one stored text that wait.
+// One of the process's deliveries, of every kind and service object, for the life of this object.
+// Until StopWaiting it also counts among the waiting deliveries of its request.
 class DeliveryPlace {
  public:
   DeliveryPlace(const DeliveryKind& kind, const std::wstring& request) {
@@ -91,7 +91,7 @@ class DeliveryPlace {
     --existing;
   }
 
-  // The bound for which there is no place, otherwise None.
+  // The limit that was reached, or None.
   Reason Refusal() const { return refusal; }
 
   void StopWaiting() {
@@ -109,7 +109,7 @@ class DeliveryPlace {
     return counts;
   }
 
-  static std::mutex mutex;  // guards the counts; no other lock is taken under it
+  static std::mutex mutex;  // guards the counts; no other lock is taken while it is held
   static int existing;
   Map::iterator entry;
   Reason refusal = Reason::None;
@@ -119,7 +119,7 @@ class DeliveryPlace {
 std::mutex DeliveryPlace::mutex;
 int DeliveryPlace::existing = 0;
 
-// The milliseconds of a wait that count, and what ended it early: Standby, ServiceEnded or None.
+// How many milliseconds of a wait count, and what ended it early: Standby, ServiceEnded or None.
 struct Waited {
   std::int64_t elapsed = 0;
   Reason early = Reason::None;
@@ -143,13 +143,12 @@ Waited Wait(const DeliveryNames& names, int seconds, const Platform::SharedHandl
     Log().LogInfo(kModernStandby, names.handler);
     return {ElapsedUntilStandby(start, clock.TickCount()), Reason::Standby};
   }
-  // A wait that fails, as one without an event does, says nothing about the time.
+  // A wait that fails, for example because there is no event, does not wait for the whole delay.
   const std::chrono::milliseconds gone(clock.TickCount() - start);
   if (wait.outcome == Platform::WaitOutcome::Failed && gone < length) clock.Sleep(length - gone);
   return {ElapsedMilliseconds(start, clock.TickCount())};
 }
 
-// Waits out the delay of a delivery.
 Waited WaitDelay(const DeliveryNames& names, int seconds, const Platform::SharedHandle& stop,
                  Records::Delivery& delivery) {
   if (seconds < 1) {
@@ -180,7 +179,7 @@ Reason WhyOverdue(int delay, Reason early) {
   return early == Reason::None ? Reason::Late : early;
 }
 
-// Ends the record under the lock, so that it follows the lines of its own delivery.
+// Ends the record under the lock, so that it follows the log lines of its own delivery.
 void Deliver(const DeliveryKind& kind, const std::wstring& request, EventCommand& command,
              const Platform::SharedHandle& stop, DeliveryPlace& place,
              Records::Delivery& delivery) {
@@ -213,7 +212,7 @@ std::int32_t StatusOf(const std::exception& error) {
   return system != nullptr ? system->code().value() : kUnspecified;
 }
 
-// Called inside a catch block. Without memory for the message, the status alone is logged.
+// Logs the status alone if there is no memory for the message.
 void LogWorkerFailure(const DeliveryNames& names,
                       const Platform::WindowsRuntimeError& error) noexcept {
   std::string message;
@@ -225,7 +224,7 @@ void LogWorkerFailure(const DeliveryNames& names,
   Log().LogError(kWorkerFailed, names.failing, message.c_str(), error.code());
 }
 
-// Reads the text of a request. Logs one that is not a subscription and returns null.
+// Logs a request that is not a subscription of this kind and returns null.
 std::shared_ptr<const EventSubscription> Parse(const DeliveryKind& kind,
                                                const std::wstring& request, std::uint32_t event) {
   try {
@@ -239,7 +238,7 @@ std::shared_ptr<const EventSubscription> Parse(const DeliveryKind& kind,
   }
 }
 
-// The worker's boundary: whatever the command throws ends here.
+// The worker's boundary: no exception leaves it.
 void Work(const DeliveryKind& kind, const std::wstring& request,
           const EventSubscription& subscription, const Platform::SharedHandle& stop,
           DeliveryPlace& place, Records::Delivery& delivery) noexcept {
@@ -258,7 +257,7 @@ void Work(const DeliveryKind& kind, const std::wstring& request,
   delivery.Ends(Records::FailedWith(status));
 }
 
-// Changes a stored list. Failures are logged, not reported to the client.
+// Modifies a stored list. Failures are logged, not reported to the client.
 template <typename Change>
 Outcome ChangeList(const DeliveryKind& kind, const char* operation, Change&& change) noexcept {
   try {
@@ -328,7 +327,7 @@ void StartDelivery(const DeliveryKind& kind, const std::wstring& request, std::u
                       .subscription = Records::SubscriptionHash(request),
                       .target = subscription->Command()->Target(),
                       .number = eventType});
-  // Taken here, so that a delivery that is dropped costs no thread.
+  // Taken before the worker starts, so that a dropped delivery costs no thread.
   auto place = std::make_shared<DeliveryPlace>(kind, request);
   if (place->Refusal() != Reason::None) {
     return delivery->Ends({Decision::Dropped, place->Refusal()});

@@ -12,22 +12,23 @@
 
 namespace Vx::Tessel::Server::Services::Orvane {
 
-// One stored subscription, read from a client's text: which event runs which command. Base of the
-// power and the Zephra request, which differ only in the names of their members.
+// One stored subscription, parsed from a client's text: which event runs which command. Base of the
+// power and Zephra requests, which differ only in their member names.
 class EventSubscription {
  public:
-  // Throws Platform::WindowsRuntimeError when the text is not such a request.
+  // Throws Platform::WindowsRuntimeError with a code from the JSON layer or CreateEventCommand if
+  // the text is not a request of this kind.
   EventSubscription(const std::wstring& request, const SubscriptionForm& form);
   EventSubscription(EventSubscription&&) noexcept = default;
   EventSubscription& operator=(EventSubscription&&) noexcept = default;
 
   EventCommand* Command() const noexcept { return command.get(); }
 
-  // The event and the action. The derived classes offer both under names of their own too.
+  // The derived classes also offer these two under their own names.
   std::uint32_t Type() const noexcept { return eventType; }
   EventAction Action() const noexcept { return action; }
 
-  // The package that it watches; empty for other kinds.
+  // The package family that it watches; empty for other kinds.
   const std::wstring& Family() const noexcept { return family; }
 
  private:
@@ -37,28 +38,27 @@ class EventSubscription {
   std::wstring family;
 };
 
-// Names the subscription of a record, and its target and package if the text can be read. Throws as
-// EventSubscription does, and std::bad_alloc.
+// Sets a record's subscription hash and, if the request can be read, its target and package. Throws
+// as EventSubscription does, and std::bad_alloc.
 void NameSubscription(Records::Record& record, const std::wstring& request,
                       const SubscriptionForm& form);
 
-// The names of one kind of subscription in log lines.
+// How log lines refer to one kind of subscription.
 struct DeliveryNames {
   const char* handler;
-  const char* failing;        // the handler in lines about a failure
-  const wchar_t* delayStart;  // with the delay
+  const char* failing;        // the handler, in lines about a failure
+  const wchar_t* delayStart;  // the line for the start of a delay, in seconds
   const char* subscribe;      // the functions that change the list
   const char* unsubscribe;
 };
 
-// Takes the text of a stored request, a completion handler that may be empty, the event's code, and
-// the event that ends a wait early, or null.
+// Takes a stored request, a completion handler that may be empty, the event's code, and the kernel
+// event that ends a wait early, or null.
 using DeliveryHandler = void (*)(const std::wstring& request,
                                  const std::function<void(const std::wstring&)>& completed,
                                  std::uint32_t eventType, const Platform::SharedHandle& stop);
 
-// All that distinguishes one kind of subscription from the other. A constant, so that it outlives
-// every worker.
+// Everything that distinguishes the kinds of subscription. A constant, to outlive every worker.
 struct DeliveryKind {
   Records::Kind kind;
   DeliveryNames names;
@@ -67,8 +67,8 @@ struct DeliveryKind {
   std::mutex* handleEventMutex;
 };
 
-// Adds a request to the stored list of its kind without reading it: a malformed one fails at
-// delivery. Logs failures. Returns Stored, Refused or Failed.
+// Adds a request to the stored list of its kind without checking its members: a bad request fails
+// at delivery. Logs failures. Returns Stored, Refused or Failed.
 Records::Outcome RegisterSubscription(const DeliveryKind& kind,
                                       const std::wstring& request) noexcept;
 
@@ -77,24 +77,25 @@ Records::Outcome RegisterSubscription(const DeliveryKind& kind,
 Records::Outcome UnregisterSubscription(const DeliveryKind& kind,
                                         const std::wstring& request) noexcept;
 
-// Delivers an event to every stored request of the kind: see StartDelivery. Goes on with the next
-// if a worker cannot be started. Throws only std::bad_alloc.
+// Delivers an event to every stored request of the kind: see StartDelivery. Continues with the next
+// one if a worker cannot be started. Throws only std::bad_alloc.
 void FulfillSubscriptions(const DeliveryKind& kind, std::uint32_t eventType,
                           const Platform::SharedHandle& stop = nullptr);
 
-// Deliveries of one stored text that wait for their delay or their turn at the same time, and
-// deliveries of the process that exist, from the start of their worker to its end. The next one is
+// The most deliveries of one stored request that may wait for their delay or turn at a time, and
+// the most in the process, from the start of their worker to its end. Any further delivery is
 // dropped, so that neither long delays nor many subscriptions fill the process with threads.
 inline constexpr int kMostWaiting = 64;
 inline constexpr int kMostDeliveries = 1024;
 
-// Delivers one event to one stored request, and returns. Parses the request on the calling thread:
-// one for another event, and one that cannot be read, which is logged, needs no worker. Otherwise
-// starts a detached worker, or logs that the delivery is dropped because too many exist. The worker
-// waits out the delay without a lock, then decides and runs the command under the kind's mutex. It
-// does not wait for a delay that IsTooLong, and logs a delivery that it drops. If it waits for its
-// delay when `stop` is signalled, it logs that and ends. Throws std::system_error when no thread
-// can be started, and std::bad_alloc.
+// Starts delivering one event to one stored request. Parses the request on the calling thread: one
+// for another event, or an unreadable one, which is logged, needs no worker. Otherwise starts a
+// detached worker, or logs that the delivery is dropped because there are too many. Throws
+// std::system_error if no thread can be started, and std::bad_alloc.
+//
+// The worker waits out the delay without a lock, then decides and runs the command under the kind's
+// mutex. It does not wait for a delay that IsTooLong, and logs a delivery that it drops. If `stop`
+// is signalled during the delay, it logs that and ends.
 void StartDelivery(const DeliveryKind& kind, const std::wstring& request, std::uint32_t eventType,
                    const Platform::SharedHandle& stop);
 

@@ -34,7 +34,7 @@ const Logging::TraceLogger& Log() {
   return *Logging::LogManager::SetProvider(Logging::kComponentProvider);
 }
 
-// The boundary of the watcher thread and of a notification. Returns the code of a failure.
+// The boundary of the watcher thread and of a notification. Returns the error code, or 0.
 template <typename Body>
 std::int32_t CatchAndLog(Body&& body) noexcept {
   try {
@@ -51,7 +51,7 @@ std::int32_t CatchAndLog(Body&& body) noexcept {
   return kUnspecified;
 }
 
-// Polls until the uninstall has completed, for half a minute at most.
+// Polls until the uninstall has completed, for at most half a minute.
 void AwaitCompletion(const Platform::PackageUninstall& uninstall) {
   for (int poll = 0; poll < kPolls; ++poll) {
     if (uninstall.IsComplete()) return;
@@ -60,8 +60,7 @@ void AwaitCompletion(const Platform::PackageUninstall& uninstall) {
   Log().LogWarning(kTookTooLong, kPollSeconds);
 }
 
-// Holds the lock for the query only: a subscription and a log-off wait for it, and must not wait
-// for a command.
+// Locks for the query only: subscribing and logging off must not wait for a command.
 bool IsGone(const std::wstring& familyName) {
   const std::lock_guard guard(PackageUninstallingPCEvent::rLock);
   return Platform::CurrentMachine().packages->FindForAllUsers(familyName).empty();
@@ -135,13 +134,12 @@ void UninstallWatch::OnUninstalling(const Platform::PackageUninstall& uninstall)
 
 void UninstallWatch::Handle(const Platform::PackageUninstall& uninstall,
                             std::optional<Records::Delivery>& delivery) {
-  // A notification that came before a log-off is handled also when the lock is free only later: the
-  // package went, and no other notification follows.
+  // A notification that arrived before a log-off is handled even if it gets the lock only
+  // afterwards: the package is gone, and no other notification follows.
   if (stopping) return;
   const std::wstring received = uninstall.FamilyName();
   const auto due = [&] { return IsDue(uninstall, received, delivery); };
-  // A notification of another package is only logged, so a logon that runs the command late need
-  // not wait for it.
+  // A notification about another package is only logged: a late run at logon need not wait for it.
   if (received != familyName) {
     due();
     return;
@@ -150,8 +148,8 @@ void UninstallWatch::Handle(const Platform::PackageUninstall& uninstall,
     const auto guard = TakeTurn(*command, PackageUninstallingPCEvent::commandTurn);
     delivery->Ends(command->Execute());
   };
-  // Marked before the handlers are called, so that one that fails does not make the command run
-  // again. They also complete a request that an earlier run left stored.
+  // Marked before the handlers are called, so that a failing handler does not make the command run
+  // again. The handlers also complete a request that an earlier run left stored.
   mark->RunOnce(run, due);
   if (mark->AwaitsCompletion()) completion->Raise({});
 }

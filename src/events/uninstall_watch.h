@@ -18,12 +18,12 @@
 
 namespace Vx::Tessel::Server::Services::Orvane {
 
-// Handlers to be called after a command has run. Any thread.
+// Handlers to call after a command has run. Any thread.
 class CompletionEvent {
  public:
   std::int64_t Add(CompletionHandler handler);
 
-  // Calls every handler that was added before this call, without holding a lock.
+  // Calls every handler added before this call, without holding a lock.
   void Raise(const std::wstring& text) const;
 
  private:
@@ -32,9 +32,8 @@ class CompletionEvent {
   std::vector<std::pair<std::int64_t, CompletionHandler>> handlers;
 };
 
-// The state that the watcher thread and the catalog's notifications of one package event share.
-// Each holds a reference, because a notification that the system has begun may end after the event
-// itself is destroyed.
+// The state shared by the watcher thread and the catalog notifications of one package event. Each
+// holds a reference, because a notification that the system has begun may outlive the event itself.
 class UninstallWatch {
  public:
   UninstallWatch(std::wstring packageFamilyName, PackageCatalogEvent catalogEvent,
@@ -42,31 +41,30 @@ class UninstallWatch {
                  std::shared_ptr<CompletionEvent> completionEvent,
                  std::shared_ptr<FiringMark> firingMark, std::wstring subscriptionHash);
 
-  // The body of the watcher thread: keeps a handler on `catalog` until Stop. Returns at once
-  // without a catalog.
+  // The body of the watcher thread: keeps a handler registered with `catalog` until Stop. Returns
+  // at once if `catalog` is null.
   static void Run(const std::shared_ptr<UninstallWatch>& watch,
                   const std::shared_ptr<Platform::PackageCatalog>& catalog) noexcept;
 
-  // Waits until the watcher has added its handler and returns true, or false if it ends without.
-  // The watcher must have been started.
+  // Waits until the watcher has added its handler and returns true, or returns false if the watcher
+  // ends without adding one. The watcher must have been started.
   bool AwaitHandler();
 
-  // Ends the watcher now. Later notifications have no effect. One that has begun to wait for
-  // another one or for the end of an uninstall finishes: the code of a log-off does not say whose
-  // session ended.
+  // Ends the watcher now. Later notifications have no effect. One that already waits for another or
+  // for the end of an uninstall still finishes: a log-off does not say whose session ended.
   void Stop() noexcept;
 
-  // Handles one notification, on a thread of the system.
+  // Handles one notification, on a system thread.
   void OnUninstalling(const Platform::PackageUninstall& uninstall) noexcept;
 
  private:
-  // Puts what it decides to run into `delivery`.
+  // Creates `delivery` if the notification is about this event's package.
   void Handle(const Platform::PackageUninstall& uninstall,
               std::optional<Records::Delivery>& delivery);
 
-  // Logs a notification and returns whether the command is to run: for an uninstall that has to be
-  // complete, once it is and the package is gone. Marks the run as begun before another
-  // notification is decided.
+  // Logs a notification and returns whether the command should run: for Uninstalled, waits until
+  // the uninstall is complete and requires that the package is gone. Marks the run as begun before
+  // another notification is decided.
   bool IsDue(const Platform::PackageUninstall& uninstall, const std::wstring& received,
              std::optional<Records::Delivery>& delivery) const;
   void Pause();
@@ -78,11 +76,11 @@ class UninstallWatch {
   const PackageCatalogEvent event;
   const std::shared_ptr<EventCommand> command;
   const std::shared_ptr<CompletionEvent> completion;
-  // Signalled together with `stopping`, so that log-off does not wait out a step. Null when Windows
-  // could not create it.
+  // Signalled together with `stopping`, so that a log-off does not wait for the next step. Null if
+  // Windows could not create it.
   const Platform::UniqueHandle stopEvent;
   std::atomic<bool> stopping{false};
-  std::mutex handlerMutex;  // guards `handler`; no other lock is taken under it
+  std::mutex handlerMutex;  // guards `handler`; no other lock is taken while it is held
   std::condition_variable handlerKnown;
   Handler handler = Handler::Awaited;
   const std::shared_ptr<FiringMark> mark;

@@ -9,17 +9,17 @@
 
 namespace Vx::Tessel::Server::Services::Orvane {
 
-// A client's request to run a command at one of the service's own events.
+// A client's request to run a command on one of the service's own events.
 class SubscribeForZephraEventRequest final : public EventSubscription {
  public:
-  // Throws Platform::WindowsRuntimeError with a code of the JSON layer or kUnknownAction.
+  // Throws as EventSubscription does.
   explicit SubscribeForZephraEventRequest(const std::wstring& request);
 
   std::uint32_t EventType() const noexcept { return Type(); }
   EventAction ZephraEventAction() const noexcept { return Action(); }
 };
 
-// Delivers Zephra events as PowerEventManager delivers power events. Its lock is its own, so that a
+// Delivers Zephra events as PowerEventManager delivers power events. Has its own lock, so that a
 // power command and a Zephra command may run at the same time.
 class ZephraEventManager {
  public:
@@ -32,7 +32,6 @@ class ZephraEventManager {
   static std::mutex handle_event_mutex;
 };
 
-// For the functions of subscription_delivery.h.
 extern const DeliveryKind kZephraEvents;
 
 }  // namespace Vx::Tessel::Server::Services::Orvane
