@@ -48,7 +48,7 @@ constexpr wchar_t kAccessException[] =
     L"Exception in CheckForFullConrolByTrustedInstallAndSystem().";
 constexpr wchar_t kLockOutcome[] = L"%S(%s) : %s";
 
-// HRESULTs of wintrust as signed numbers, as WinVerifyTrust returns them.
+// HRESULTs that WinVerifyTrust returns as signed numbers.
 constexpr std::int32_t kVerified = 0;
 constexpr auto kUntrustedRoot = static_cast<std::int32_t>(0x800B0109);
 constexpr auto kExpired = static_cast<std::int32_t>(0x800B0101);
@@ -57,7 +57,7 @@ constexpr const wchar_t* kAllowedPrefixes[] = {L"%windir%\\", L"%PROGRAMFILES(x8
                                                L"%PROGRAMFILES%\\"};
 constexpr wchar_t kWindowsApps[] = L":\\WindowsApps\\";
 
-// The accounts "SYSTEM" and "TrustedInstaller" in every language.
+// The SIDs of SYSTEM and TrustedInstaller.
 constexpr wchar_t kSystem[] = L"S-1-5-18";
 constexpr wchar_t kTrustedInstaller[] =
     L"S-1-5-80-956008885-3418522649-1831038044-1853292631-2271478464";
@@ -66,7 +66,7 @@ constexpr std::uint32_t kGenericAll = 1U << 28;
 constexpr int kAccessAttempts = 5;
 constexpr std::chrono::milliseconds kAccessPause{250};
 
-// The count comes from the file that is being judged. Real files have a handful.
+// The file being checked supplies the count. Real files have a handful.
 constexpr std::uint32_t kMaxSecondarySignatures = 255;
 
 constexpr bool IsCollected(std::int32_t result) noexcept {
@@ -87,7 +87,7 @@ const wchar_t* FailureText(Platform::CatalogStep step) noexcept {
   return kFindCatalogFailed;
 }
 
-// Returns `text` with its variables expanded, or an empty text if Windows fails.
+// Returns `text` with its variables expanded, or an empty string if Windows fails.
 std::wstring Expanded(const std::wstring& text) {
   auto expanded = CurrentMachine().environment->Expand(text, Platform::kLongestPath);
   return expanded ? *std::move(expanded) : std::wstring();
@@ -154,11 +154,10 @@ bool VxAuthenticodeHelper::IsPathAllowed(const std::wstring& path) const {
   return CheckPath(path).outcome == PathOutcome::Allowed;
 }
 
-// A client chooses the path, and several texts that begin with "C:\Windows\" name a file elsewhere:
-// with ".." in the middle, through a mount point below a folder that every user may write to, or as
-// a stream of another file. So the rule is applied twice: to the full form of the text, which is
-// also logged, and to the place where the opened file really is. A path that Windows cannot resolve
-// is refused.
+// A client chooses the path, and several that begin with "C:\Windows\" name a file elsewhere: with
+// ".." in the middle, through a mount point in a folder that every user may write to, or as a
+// stream of another file. So the rule is applied twice: to the full form of the path, which is also
+// logged, and to where the file really is. A path that Windows cannot resolve is refused.
 PathVerdict VxAuthenticodeHelper::CheckPath(const std::wstring& path) const {
   PathVerdict verdict;
   const auto expanded = CurrentMachine().environment->Expand(path, Platform::kLongestPath);
@@ -183,7 +182,7 @@ PathVerdict VxAuthenticodeHelper::CheckPath(const std::wstring& path) const {
                      verdict.finalPath.c_str());
     return verdict;
   }
-  // Windows moves packages to another drive and leaves a link behind. Both folders then count.
+  // When Windows moves a package to another drive, it leaves a link. Both folders are then checked.
   if (place->appFolder) verdict.appFolders.push_back(*place->appFolder);
   if (finalPlace->appFolder &&
       !(place->appFolder && SameIgnoringCase(*finalPlace->appFolder, *place->appFolder))) {
@@ -204,16 +203,16 @@ bool VxAuthenticodeHelper::MayBeAllowed(const std::wstring& path) const {
   return false;
 }
 
-// The full form of a path from the root of a drive. Any other path matches no prefix, and its full
-// form would depend on the service's own folder.
+// Returns the full form of a path from the root of a drive. Any other path is returned unchanged:
+// it matches no prefix, and its full form would depend on the service's own folder.
 std::wstring VxAuthenticodeHelper::FullText(const std::wstring& expanded) const {
   if (!IsDrivePath(expanded)) return expanded;
   auto full = CurrentMachine().files->FullPath(expanded);
   return full ? *std::move(full) : expanded;
 }
 
-// The WindowsApps folder of %PROGRAMFILES% is below a prefix, but is still judged by its access
-// list, because Windows installs packages there for ordinary users, without an administrator.
+// The WindowsApps folder in %PROGRAMFILES% is below a prefix, but its access list is still checked,
+// because Windows installs packages there for ordinary users, without an administrator.
 std::optional<VxAuthenticodeHelper::Place> VxAuthenticodeHelper::FindPlace(
     const std::wstring& fullPath, Misses misses) const {
   for (const wchar_t* allowed : kAllowedPrefixes) {
@@ -233,7 +232,7 @@ std::optional<VxAuthenticodeHelper::Place> VxAuthenticodeHelper::FindPlace(
   return std::nullopt;
 }
 
-// Sets the final path, or the outcome if there is none that can be trusted.
+// Sets the final path, or the outcome on failure.
 bool VxAuthenticodeHelper::ResolveFinalPath(const std::wstring& path, const std::wstring& expanded,
                                             PathVerdict& verdict) const {
   if (!IsPlainPath(verdict.fullPath)) {
@@ -251,8 +250,8 @@ bool VxAuthenticodeHelper::ResolveFinalPath(const std::wstring& path, const std:
   }
   verdict.finalPath = *target;
   if (path == expanded) return true;
-  // The caller starts the file by the text with its variables, and a folder may really be called
-  // "%x%". Then the started file is not the judged one.
+  // The caller starts the file by the path with its variables, and a folder may really be called
+  // "%x%". The file that starts would then not be the one that was checked.
   const auto unexpanded = files.FinalPath(path);
   if (!unexpanded || SameIgnoringCase(*unexpanded, *target)) return true;
   verdict.outcome = PathOutcome::LeadsElsewhere;

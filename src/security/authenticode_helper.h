@@ -18,17 +18,17 @@ enum class SignatureKind { Catalog, Embedded };
 enum class PathOutcome {
   Allowed,
   NotExpanded,      // its variables could not be expanded
-  OutsidePrefixes,  // below none of the allowed prefixes and in no WindowsApps folder
-  NotPlain,         // not a drive, folders and a name, for example an alternate data stream
+  OutsidePrefixes,  // neither below an allowed prefix nor in a WindowsApps folder
+  NotPlain,         // not just a drive, folders and a name, for example an alternate data stream
   NotFound,         // Windows could not resolve it
   LeadsElsewhere,   // a link leads to a place that is not allowed
-  OpenFolder,       // its WindowsApps folder does not belong to TrustedInstaller and SYSTEM
+  OpenFolder,       // its WindowsApps folder fails CheckForFullConrolByTrustedInstallAndSystem
 };
 
-// The result of the path rule with its reasons.
+// The result of the path rule, with its reasons.
 struct PathVerdict {
   PathOutcome outcome = PathOutcome::NotExpanded;
-  std::wstring fullPath;                 // the text that was compared with the prefixes
+  std::wstring fullPath;                 // the path that was compared with the prefixes
   std::wstring finalPath;                // where the file really is; empty if it was not resolved
   std::wstring prefix;                   // the expanded prefix that matched; may be empty
   std::vector<std::wstring> appFolders;  // WindowsApps folders whose access was checked
@@ -39,38 +39,36 @@ class VxAuthenticodeHelper {
  public:
   VxAuthenticodeHelper();
 
-  // Returns the signatures of one kind whose result is success, untrusted root or expired, in the
-  // order of their index. Returns an empty list if there are none or Windows fails, which is
-  // logged.
+  // Returns the signatures of one kind whose result is success, untrusted root or expired, in index
+  // order. Empty if there are none or Windows fails, which is logged.
   std::vector<SignatureRecord> CollectSignatures(const std::wstring& path,
                                                  SignatureKind kind) const;
 
-  // Whether Windows accepts one of `records`, as verified or as expired and otherwise good. An
+  // Whether Windows accepts one of `records`: it is verified, or expired but otherwise good. An
   // untrusted root is never enough.
   static bool IsTrustedByWindows(const std::vector<SignatureRecord>& records) noexcept;
 
-  // Whether one of `records` was made with a key of `keys`.
+  // Whether one of `records` was signed with a key in `keys`.
   static bool IsKeyPinned(const std::vector<SignatureRecord>& records, KeySet keys) noexcept;
 
-  // Whether the file is in a place where only administrators put programs: below an allowed prefix,
-  // or in a WindowsApps folder whose access list proves it. Blocks for up to a second per such
-  // folder.
+  // Whether only administrators can put programs where the file is: below an allowed prefix, or in
+  // a WindowsApps folder whose access list proves it. Blocks for up to a second per such folder.
   bool IsPathAllowed(const std::wstring& path) const;
 
-  // The same decision with its reasons.
+  // As IsPathAllowed, with the reasons.
   PathVerdict CheckPath(const std::wstring& path) const;
 
-  // The part of the decision that needs only the text: false when no file that it names could be
-  // in an allowed place. Opens nothing. Logs only a refusal, with the lines of the rule.
+  // The part of the decision that needs only the path itself: false if no file with this path could
+  // be in an allowed place. Opens nothing. Logs only a refusal, as CheckPath would.
   bool MayBeAllowed(const std::wstring& path) const;
 
-  // Whether `folder` belongs to SYSTEM or TrustedInstaller and grants GENERIC_ALL to both. An entry
-  // alone proves nothing, because the maker of a folder may add any. Accounts are compared by SID,
-  // since their names depend on the language of Windows.
+  // Whether `folder` is owned by SYSTEM or TrustedInstaller and grants GENERIC_ALL to both. An
+  // entry alone proves nothing, because the creator of a folder can add any entry. Accounts are
+  // compared by SID, because their names depend on the language of Windows.
   bool CheckForFullConrolByTrustedInstallAndSystem(const std::wstring& folder) const;
 
-  // Opens `path` for reading with read sharing only, so that it cannot be replaced between a trust
-  // check and the start of the program, and logs the outcome. Returns null if it cannot be opened.
+  // Opens `path` for reading and shares it for reading only, so that it cannot be replaced between
+  // a trust check and the start of the program. Logs the outcome. Returns null on failure.
   Platform::UniqueHandle AquireFileReadOnlyLock(const std::wstring& path) const;
 
  private:

@@ -7,7 +7,7 @@
 namespace Vx::Tessel::Security {
 
 // Whether the program of a command line (its first word) passes IsFileTrusted. A path with blanks
-// must be quoted. An empty or too long command line is not trusted. Nothing is thrown.
+// must be quoted. An empty or overlong command line is not trusted. Does not throw.
 bool IsCommandLineTrusted(VxAuthenticodeFacadeBase& facade,
                           const std::wstring& commandLine) noexcept;
 

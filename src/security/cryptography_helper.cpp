@@ -29,11 +29,11 @@ std::span<const std::byte> Input(const void* data, std::uint32_t size) {
   return {static_cast<const std::byte*>(data), size};
 }
 
-// Copies `bytes` to a block of this module's heap, which slot 4 frees.
+// Copies `bytes` to a block on this module's heap, which slot 4 frees.
 std::uint32_t HandOver(const Bytes& bytes, void** result, std::uint32_t* resultSize) {
   if (!bytes) return bytes.Error();
   if (bytes->size() > std::numeric_limits<std::uint32_t>::max()) return kNotEnoughMemory;
-  // Allocates one byte more, so that the block of empty data is not a null pointer.
+  // One extra byte, so that the block for empty data is not null.
   void* block = std::malloc(bytes->size() + 1);
   if (block == nullptr) return kNotEnoughMemory;
   if (!bytes->empty()) std::memcpy(block, bytes->data(), bytes->size());
@@ -42,7 +42,7 @@ std::uint32_t HandOver(const Bytes& bytes, void** result, std::uint32_t* resultS
   return kSuccess;
 }
 
-// The boundary of every slot. No exception may reach the host, which another compiler built.
+// The boundary of every slot. No exception may reach the host, which was built by another compiler.
 template <typename Work>
 std::uint32_t ResultFromException(Work&& work) noexcept {
   try {

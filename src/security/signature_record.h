@@ -11,17 +11,17 @@
 namespace Vx::Tessel::Security {
 
 // Returns `der` in the form in which keys are compared: two lower-case hexadecimal digits per byte,
-// with single blanks between the bytes.
+// with a blank between bytes.
 std::string FormatPublicKey(std::span<const std::byte> der);
 
-// A signature of a file, or a row of a signer table, which has an empty key and a zero result.
+// A signature of a file, or a row in a table of signers, with an empty key and a zero result.
 struct SignatureRecord {
   std::string public_key;         // in the form of FormatPublicKey
   std::int32_t trust_result = 0;  // result of WinVerifyTrust for this signature
   Platform::SignerNames names;
 };
 
-// The signers of programs of other makers. Only IsDropboxFileTrusted uses one of them, the first.
+// Known signers. Only the first table is used, by IsDropboxFileTrusted.
 std::vector<SignatureRecord> DropboxSigners();
 std::vector<SignatureRecord> VexmoorSigners();
 std::vector<SignatureRecord> MicrosoftSigners();

@@ -27,8 +27,8 @@ constexpr char kOperation[] = "IsFileTrustedRestricted";
 TrustedProgram::TrustedProgram(std::wstring judged, Platform::UniqueHandle held)
     : path(std::move(judged)), lock(std::move(held)) {}
 
-// The text that is judged must be the text that is opened: a pipe or a share would get a connection
-// of SYSTEM before any signature is looked at.
+// The path that is checked must be the path that is opened. Otherwise SYSTEM could be made to
+// connect to a pipe or share before any signature is checked.
 Reason TrustedProgram::WhyNotOpened(const std::wstring& path) {
   if (!IsDrivePath(path)) return Reason::NotOnDrive;
   const bool control = std::ranges::any_of(path, [](wchar_t c) { return c < L' '; });
@@ -38,7 +38,7 @@ Reason TrustedProgram::WhyNotOpened(const std::wstring& path) {
         Platform::CurrentMachine().environment->Expand(path, Platform::kLongestPath);
     if (!expanded || *expanded != path) return Reason::Variable;
   }
-  // The other places that the path rule allows are on the drives of Windows itself.
+  // The other allowed places are on the drives of Windows itself.
   if (DriveWindowsAppsFolder(path) && Platform::CurrentMachine().files->IsElsewhere(path)) {
     return Reason::OtherMachine;
   }
@@ -60,8 +60,7 @@ ProgramCheck TrustedProgram::Check(const std::wstring& path, KeySet keys) {
     if (place && *place != path && !helper.MayBeAllowed(*place)) return {nullptr, Reason::Place};
     const Reason reason = WhyNotTrusted(keys, path.c_str(), kOperation);
     if (reason == Reason::None) lock = helper.AquireFileReadOnlyLock(path);
-    // Without its lock a file mostly cannot be read either, so that its signature is not the
-    // reason.
+    // A file that cannot be locked can rarely be read, so its signature is not the reason.
     if (lock == nullptr) return {nullptr, Reason::NotLocked};
   }
   return Judge(path, std::move(lock), keys);
@@ -82,14 +81,14 @@ std::optional<Platform::FileIdentity> TrustedProgram::Identity() const {
   return identity ? std::optional(*identity) : std::nullopt;
 }
 
-// Judges `path` while `lock` holds the file.
+// Checks `path` while `lock` holds the file.
 ProgramCheck TrustedProgram::Judge(const std::wstring& path, Platform::UniqueHandle lock,
                                    KeySet keys) {
   auto place = Platform::CurrentMachine().files->FinalPathOf(lock.get());
   if (!place) return {nullptr, Reason::NotLocked};
-  // Exactly: where a folder distinguishes case, another spelling is another object.
+  // An exact comparison: in a case-sensitive folder, another spelling is another file.
   if (*place != path) {
-    // Nothing is read where the link leads now, which may be elsewhere again.
+    // Nothing is read through the link, which may lead elsewhere by now.
     const PathVerdict verdict = VxAuthenticodeHelper().CheckPath(path);
     if (verdict.outcome != PathOutcome::Allowed || verdict.finalPath != *place) {
       return {nullptr, Reason::Place};

@@ -13,39 +13,40 @@ namespace Vx::Tessel::Security {
 
 struct ProgramCheck;
 
-// A program that was judged as trusted while it was locked, and that stays locked for the life of
-// this object. The lock allows reading only, so neither the file nor the folders above it can be
+// A program that was found trusted while it was locked, and that stays locked for the life of this
+// object. The lock allows only reading, so neither the file nor the folders above it can be
 // replaced before the program is started.
 class TrustedProgram {
  public:
-  // Locks `path` and judges it against `keys`. Returns the reason if the program cannot be locked
-  // or is not trusted. Logs each step but not the refusal. Blocks for as long as
-  // VxAuthenticodeFacade, which includes network look-ups of Windows. Opens only a file whose text
-  // WhyNotOpened and the path rule accept, and reads only one whose place the path rule accepts.
+  // Locks `path` and checks it against `keys`. Returns the reason if the program cannot be locked
+  // or is not trusted. Logs each step, but leaves logging the verdict to the caller. Blocks for as
+  // long as VxAuthenticodeFacade does, which includes network access by Windows. Opens a file only
+  // if WhyNotOpened and the path rule accept its path, and reads it only if the path rule accepts
+  // where it really is.
   //
-  // A lock that is refused does not end the check. If the program is then found trusted, the lock
-  // is tried once more and the program is judged again under it, because the process that kept the
-  // first lock from being taken could have changed the file since.
+  // If the lock fails but the program is found trusted, tries to lock it once more and checks it
+  // again, because the process that prevented the first lock could have changed the file since.
   static ProgramCheck Check(const std::wstring& path, KeySet keys = RestrictedKeys());
 
-  // The same in short for a `path` that Check found trusted as `known`. Empty, and nothing is read,
-  // unless the file can be locked and is still that one, of the same size and time of writing.
+  // Checks a `path` that Check found trusted as `known` again, against RestrictedKeys. Returns
+  // nothing, without reading the file, unless it can be locked and is still the same one, with the
+  // same size and time of writing.
   static std::optional<ProgramCheck> CheckUnchanged(const std::wstring& path,
                                                     const Platform::FileIdentity& known);
 
-  // Returns why no program of this text is opened. None when it is a full path on a drive of this
-  // machine, without variables. Opens nothing; any thread.
+  // Returns why a program with this path is not opened; None if it is a full path on a drive of
+  // this machine, without variables or control characters. Opens nothing; any thread.
   static Server::Records::Reason WhyNotOpened(const std::wstring& path);
 
   TrustedProgram(const TrustedProgram&) = delete;
   TrustedProgram& operator=(const TrustedProgram&) = delete;
   ~TrustedProgram() = default;
 
-  // The full path to start: the place of the locked file where a link leads to it, because the link
-  // can be changed without access to the file.
+  // The full path to start. If a link leads to the locked file, this is where the file really is,
+  // because the link can be changed without access to the file.
   const std::wstring& Path() const noexcept { return path; }
 
-  // Of the locked file. Empty if Windows cannot tell.
+  // The identity of the locked file. Empty if Windows cannot tell.
   std::optional<Platform::FileIdentity> Identity() const;
 
  private:
@@ -58,8 +59,8 @@ class TrustedProgram {
 };
 
 struct ProgramCheck {
-  std::unique_ptr<const TrustedProgram> program;  // null if it is refused
-  Server::Records::Reason reason = {};            // why; None if it is not
+  std::unique_ptr<const TrustedProgram> program;  // null if refused
+  Server::Records::Reason reason = {};            // why it was refused; None if it was not
 };
 
 }  // namespace Vx::Tessel::Security
