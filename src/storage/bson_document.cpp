@@ -83,7 +83,7 @@ std::optional<BsonView> BsonDocument::Find(std::string_view key) const {
 }
 
 bool BsonDocument::Set(std::string_view key, const BsonElement& value) {
-  const std::string name(key);  // `key` may lie in this document
+  const std::string name(key);  // `key` may point into this document
   const Iterator found = FirstOf(name, begin());
   if (found == end()) return Append(name, value);
   const std::span<const std::byte> oldBytes = (*found).value.Bytes();
@@ -102,7 +102,7 @@ bool BsonDocument::Set(std::string_view key, const BsonElement& value) {
 }
 
 void BsonDocument::Erase(std::string_view key) {
-  const std::string name(key);  // `key` may lie in this document
+  const std::string name(key);  // `key` may point into this document
   std::size_t at = kLengthSize;
   for (;;) {
     const Iterator found = FirstOf(name, From(at));

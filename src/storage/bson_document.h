@@ -11,15 +11,15 @@
 
 namespace Vx::Tessel::Server::Storage {
 
-// A BSON document: an ordered list of keys and values. Keeps the encoding as it came in and walks
-// it in place. A change rewrites the changed member only, so the values of other services stay as
-// they are, byte for byte, whatever they contain.
+// A BSON document: an ordered list of keys and values. Keeps its encoding and walks it in place. A
+// change rewrites only the changed member, so the values of other services stay as they are, byte
+// for byte, whatever they contain.
 //
 // A document made by another service may repeat a key. The first one counts, and the others stay
 // until Set or Erase changes that key. Copies are deep. Use from one thread at a time.
 class BsonDocument {
  public:
-  // Keys of other services need not be UTF-8.
+  // Keys written by other services need not be UTF-8.
   struct Member {
     std::string_view key;
     BsonView value;
@@ -41,7 +41,6 @@ class BsonDocument {
     std::span<const std::byte> rest;  // this member and those that follow
   };
 
-  // Makes an empty document.
   BsonDocument();
   BsonDocument(const BsonDocument& other) : BsonDocument(other.Encoded()) {}
   // A moved-from document may only be assigned to or destroyed.
@@ -51,8 +50,8 @@ class BsonDocument {
   ~BsonDocument() = default;
 
   // Returns the document that fills `encoded`, or nothing if its members cannot be separated: a
-  // length is wrong, the terminator is missing, a key does not end or a kind is unknown. What a
-  // value contains is checked when a getter reads it.
+  // length is wrong, the terminator is missing, a key does not end or a kind is unknown. The
+  // content of a value is checked when a getter reads it.
   static std::optional<BsonDocument> Decode(std::span<const std::byte> encoded);
 
   // Returns the encoding, which is valid until the next change.
@@ -61,16 +60,15 @@ class BsonDocument {
   Iterator begin() const;
   Iterator end() const;
 
-  // Counts the members.
   std::size_t Size() const;
   bool Empty() const { return begin() == end(); }
 
-  // Finds the first member called `key`.
+  // Returns the value of the first member called `key`.
   std::optional<BsonView> Find(std::string_view key) const;
 
   // Replaces the value of the first member called `key` and removes the others, or adds the member
-  // at the end. Returns false and changes nothing if the key is not valid (it contains U+0000 or is
-  // not UTF-8) or the document would exceed 2 GiB.
+  // at the end. Returns false and changes nothing if a new key is not valid (it contains U+0000 or
+  // is not UTF-8) or the document would exceed 2 GiB.
   bool Set(std::string_view key, const BsonElement& value);
 
   // Removes every member called `key`.
@@ -81,21 +79,21 @@ class BsonDocument {
  private:
   friend class BsonView;
 
-  // The memory comes from the C library, whose realloc can grow it in place.
+  // Memory from the C library, whose realloc can grow it in place.
   struct Freer {
     void operator()(std::byte* memory) const noexcept { std::free(memory); }
   };
 
-  // Copies `checked`, which is a document.
+  // Copies `checked`, which must be a valid document.
   explicit BsonDocument(std::span<const std::byte> checked);
 
-  // Adds a member at the end, without looking for another of that key. Returns false as Set does.
+  // Adds a member at the end, without looking for another with that key. Returns false as Set does.
   bool Append(std::string_view key, const BsonElement& value);
 
-  // Returns the members at or behind `offset`.
+  // Returns the members from `offset` on.
   Iterator From(std::size_t offset) const;
 
-  // Finds the first member called `key` at or behind `from`.
+  // Finds the first member called `key`, starting at `from`.
   Iterator FirstOf(std::string_view key, Iterator from) const;
 
   // Replaces a part of the encoding.

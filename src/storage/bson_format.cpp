@@ -9,20 +9,20 @@ using Bytes = std::span<const std::byte>;
 constexpr std::size_t kSubtypeSize = 1;  // between a binary's length and its bytes
 constexpr std::size_t kObjectIdSize = 12;
 
-// Returns the length at the front of `bytes` and `extra` more bytes.
+// Returns the length field at the front of `bytes` plus `extra`.
 std::optional<std::size_t> WithLength(Bytes bytes, std::size_t extra) {
   if (bytes.size() < kLengthSize) return std::nullopt;
   return std::size_t{Load<std::uint32_t>(bytes.data())} + extra;
 }
 
-// The size of a value that counts its own length field.
+// Returns the size of a value whose length includes the length field itself.
 std::optional<std::size_t> WholeLength(Bytes bytes) {
   const std::optional<std::size_t> length = WithLength(bytes, 0);
   return length && *length >= kLengthSize ? length : std::nullopt;
 }
 
-// The size of the C string at the front of `bytes`, with its terminator. Keys are short: eight
-// bytes at once cost less than a call of memchr, which is made for long texts.
+// Returns the size of the C string at the front of `bytes`, including its terminator. Testing eight
+// bytes at once is cheaper than memchr, which is made for long strings: keys are short.
 std::optional<std::size_t> CStringSize(Bytes bytes) {
   constexpr std::uint64_t kOnes = 0x0101010101010101;
   constexpr std::uint64_t kTops = 0x8080808080808080;
@@ -47,7 +47,7 @@ std::optional<std::size_t> TwoCStringsSize(Bytes bytes) {
   return *first + *second;
 }
 
-// The size that a value of `kind` at the front of `bytes` claims, which may exceed them.
+// Returns the size that a value of `kind` at the front of `bytes` claims, which may exceed them.
 std::optional<std::size_t> ValueSize(BsonKind kind, Bytes bytes) {
   switch (kind) {
     case BsonKind::Undefined:

@@ -41,19 +41,19 @@ inline std::span<const std::byte> AsBytes(std::string_view text) {
   return std::as_bytes(std::span(text));
 }
 
-// Where a member of a document lies.
+// One member of a document.
 struct Frame {
   BsonKind kind;
   std::span<const std::byte> key;  // without its terminator
   std::span<const std::byte> value;
 };
 
-// Frames the member at the front of `bytes`. Checks only what the frame needs: the kind is known,
-// the key ends, and the value lies within the bytes. Returns nothing if there is no such member.
+// Frames the member at the front of `bytes`. Checks only that the kind is known, the key ends and
+// the value fits in the bytes. Returns nothing if there is no such member.
 std::optional<Frame> FrameMember(std::span<const std::byte> bytes);
 
-// Whether `encoded` is a whole document whose members can be framed. Their values, and documents
-// inside them, are not examined.
+// Whether `encoded` is a whole document whose members can be framed. Does not examine their values
+// or the documents inside them.
 bool IsDocument(std::span<const std::byte> encoded);
 
 }  // namespace Vx::Tessel::Server::Storage::Bson

@@ -11,7 +11,7 @@
 
 namespace Vx::Tessel::Server::Storage {
 
-// The element kinds of BSON 1.1, by their type byte.
+// The element kinds of BSON 1.1, by type byte.
 enum class BsonKind : std::uint8_t {
   Double = 0x01,
   String = 0x02,
@@ -38,9 +38,9 @@ enum class BsonKind : std::uint8_t {
 
 class BsonDocument;
 
-// A value inside a document or an element. Borrows their bytes and is valid until they change.
-// Other services write these bytes, so each getter checks them. It returns nothing if the value is
-// of another kind or its bytes are not a value of that kind.
+// A value inside a document or an element. Borrows its bytes and is valid until they change. Other
+// services write these bytes, so each getter checks them. It returns nothing if the value is of
+// another kind or its bytes are not a value of that kind.
 class BsonView {
  public:
   BsonView(BsonKind valueKind, std::span<const std::byte> valueBytes)
@@ -48,7 +48,7 @@ class BsonView {
 
   BsonKind Kind() const { return kind; }
 
-  // Returns the value as it is encoded.
+  // Returns the encoded value.
   std::span<const std::byte> Bytes() const { return bytes; }
 
   std::optional<double> AsDouble() const;
@@ -66,8 +66,7 @@ class BsonView {
   std::span<const std::byte> bytes;
 };
 
-// A value without a key that owns its bytes. Copies are deep. A new one is null. The getters are
-// those of BsonView.
+// A value without a key. Owns its bytes; copies are deep. Null at first. See BsonView for getters.
 class BsonElement {
  public:
   BsonElement() = default;

@@ -30,7 +30,6 @@ constexpr wchar_t kPersistReadFailed[] = L"CapDataStore::persist - failed to rea
 constexpr wchar_t kReadFailed[] = L"CapDataStore::read - File read error";
 constexpr char kReadError[] = "CapDataStore::read - File read error";
 
-// Why the file could not be read, with the error.
 constexpr std::pair<StoreState, const wchar_t*> kUnreadable[] = {
     {StoreState::Missing, L"CapDataStore - the file is missing"},
     {StoreState::Damaged, L"CapDataStore - the file is damaged, error 0x%x"},
@@ -42,7 +41,6 @@ constexpr std::pair<StoreState, const wchar_t*> kUnreadable[] = {
 };
 constexpr wchar_t kCutShort[] = L"CapDataStore - the file is shorter than its header and not new";
 
-// Why a value was not stored.
 constexpr wchar_t kNotMade[] = L"CapDataStore - the store could not be opened: %S";
 constexpr wchar_t kNoId[] = L"CapDataStore - no id could be made for the file, error 0x%x";
 constexpr wchar_t kNotSet[] = L"CapDataStore - the value does not fit into the document";
@@ -56,9 +54,9 @@ constexpr wchar_t kFileEnding[] = L"_store.dat";
 
 constexpr std::size_t kMaxPathUnits = 261;  // with the terminator
 constexpr Platform::ErrorCode kAlreadyExists = 183;
-constexpr std::uint32_t kReparsePoint = 0x400;  // among the attributes of a file
+constexpr std::uint32_t kReparsePoint = 0x400;  // a file attribute
 constexpr std::uint32_t kHeaderSize = 72;
-constexpr std::uint32_t kInputBinary = 0x21;  // as the stream library numbers its modes
+constexpr std::uint32_t kInputBinary = 0x21;  // in the stream library's numbering
 constexpr std::uint32_t kOutputTruncateBinary = 0x32;
 
 Platform::Files& Files() {
@@ -71,8 +69,8 @@ const Logging::TraceLogger& Log() {
 
 }  // namespace
 
-// Holds the mutex for a scope. Release, the ordinary end, reports a failure; the destructor of a
-// scope left by an exception cannot.
+// Holds the mutex for a scope. Release, which normally ends it, throws on failure; the destructor,
+// which runs when an exception leaves the scope, cannot.
 class CapDataStore::Hold {
  public:
   explicit Hold(SystemMutex& systemMutex) : mutex(&systemMutex) { mutex->lock(); }
@@ -83,7 +81,7 @@ class CapDataStore::Hold {
     try {
       mutex->unlock();
     } catch (const system_mutex_exception&) {
-      return;  // the exception that is on its way says more
+      return;  // the exception in flight says more
     }
   }
 
@@ -101,7 +99,7 @@ CapDataStore::CapDataStore()
       writeMode(kOutputTruncateBinary),
       storeName(kStoreName),
       filePath((expandPathAndCreateDirectory(programDataRoot, Platform::NewFolder::Inherits),
-                // An account that can read the file can hold it open, which slows each write.
+                // An account that can read the file can hold it open, which slows down every write.
                 expandPathAndCreateDirectory(storeDirectory, Platform::NewFolder::Private) +
                     storeName + kFileEnding)),
       file(filePath),
@@ -139,7 +137,7 @@ void CapDataStore::initializeFile() {
   Hold hold(mutex);
   if (isNTFSJunction(filePath)) throw std::runtime_error(kJunction);
   Files().Touch(filePath);
-  // A file that cannot be read now is reported by the operation that needs it.
+  // If the file cannot be read now, the operation that needs it reports that.
   readFile();
   if (lastReading.state == StoreState::Linked) throw std::runtime_error(kJunction);
   if (lastReading.cutShort) Log().LogWarning(kCutShort);

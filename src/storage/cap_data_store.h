@@ -14,95 +14,94 @@
 
 namespace Vx::Tessel::Server::Storage {
 
-// The machine-wide key-value store that several services share: one protected file, read before and
-// written after every change, each access under one named mutex. Cheap, and made where it is
-// needed, for one thread. A process that dies in the middle of a change leaves the old content or
-// the new.
+// The machine-wide key-value store that several services share: one protected file, read before
+// each change and written after it, each access under one named mutex. Cheap to create where
+// needed, for one thread. A process that dies during a change leaves the old content or the new.
 class CapDataStore {
  public:
-  // The mutex that every access holds. The name is documented, and other services use it too.
+  // The mutex that every access holds. Its name is documented, and other services use it too.
   static constexpr wchar_t kMutexName[] = L"18CC6446-1DB5-4D23-8F2B-441BA13883D6";
 
-  // Receives the stored element, or null when there is none. Returns the new one, or nothing to
-  // leave the file unchanged.
+  // Receives the stored element, or null if there is none. Returns the new one, or nothing to leave
+  // the file unchanged.
   using Change = std::function<std::optional<BsonElement>(const BsonElement* stored)>;
 
-  // Makes the folder and an empty file where they are missing and reads the file. Throws
+  // Creates the folder and an empty file if they are missing, and reads the file. Throws
   // std::runtime_error and system_mutex_exception.
   CapDataStore();
   CapDataStore(const CapDataStore&) = delete;
   CapDataStore& operator=(const CapDataStore&) = delete;
   ~CapDataStore() = default;
 
-  // Returns the path of the file. Makes nothing. Throws std::runtime_error.
+  // Returns the path of the file. Creates nothing. Throws std::runtime_error.
   static std::wstring PathOfFile();
 
-  // Writes one top-level value and keeps every other key. Returns true once the disk holds it. A
-  // failed write removes the key from memory again. Text is stored as UTF-8. Throws
-  // system_mutex_exception.
+  // Writes one top-level value and keeps every other key. Returns true once it is on disk. A failed
+  // write removes the key from memory again. Stores text as UTF-8. Throws system_mutex_exception.
   bool persist(std::string_view key, std::string_view value);
-  bool persist(std::string_view key, const char* value);  // would otherwise pass for a bool
+  bool persist(std::string_view key, const char* value);  // would otherwise convert to bool
   bool persist(std::string_view key, bool value);
   bool persist(std::string_view key, const BsonElement& value);
 
-  // Writes a top-level boolean, unless the value under `key` is a document or the file may hold one
-  // but cannot be read. Replaces a damaged file and keeps a copy. Looks and writes under one hold
-  // of the mutex. Returns true once the disk holds it. Throws system_mutex_exception.
+  // Writes a top-level boolean, unless `key` names the service's own document, its value is a
+  // document, or the file cannot be read and so may hold one. Replaces a damaged file and keeps a
+  // copy. Reads and writes under one hold of the mutex. Returns true once it is on disk. Throws
+  // system_mutex_exception.
   bool persistUnlessDocument(std::string_view key, bool value);
 
-  // A copy of the top-level value under `key`; false when it is missing or the file cannot be read
-  // (which is logged). Throws system_mutex_exception.
+  // Copies the top-level value under `key`. Returns false if it is missing or the file cannot be
+  // read, which is logged. Throws system_mutex_exception.
   bool read(std::string_view key, BsonElement& out);
 
-  // The same for one kind of value; nothing also when it is of another kind.
+  // As read, but returns nothing if the value is missing or of another kind.
   std::optional<std::int64_t> readInt64(std::string_view key);
 
-  // A boolean under `key` of the top level; `fallback` when there is none.
+  // Returns the top-level boolean under `key`, or `fallback` if there is none.
   bool readBool(std::string_view key, bool fallback);
 
-  // The embedded document `key`; an empty one when there is none.
+  // Returns the embedded document under `key`, or an empty one if there is none.
   BsonDocument readDocument(std::string_view key);
 
-  // The same as the constructor read it, which saves reading and unsealing the file again. Reads it
-  // if the constructor could not. Nothing if the file is there but cannot be read, which is logged,
-  // or if the value under `key` is not a document.
+  // As readDocument, but returns what the constructor read, which saves reading and unsealing the
+  // file again. Reads the file if the constructor could not. Returns nothing if the file exists but
+  // cannot be read, which is logged, or if the value under `key` is not a document.
   std::optional<BsonDocument> documentAtOpening(std::string_view key);
 
-  // The 32-bit number under `key`; 0 when it is missing or of another kind. Throws
-  // std::runtime_error when the file cannot be read.
+  // Returns the 32-bit number under `key`; 0 if it is missing or of another kind. Throws
+  // system_mutex_exception, and std::runtime_error if the file cannot be read.
   std::int32_t requireInt32(std::string_view key);
 
-  // What the last reading or change found.
+  // The file's state at the last read or change.
   StoreState State() const noexcept { return lastReading.state; }
 
-  // Puts one member into the embedded document `documentName` without touching its other members,
-  // read and written under one hold of the mutex. True when the file holds it. The way to change
-  // the service's own document: an older copy of the whole would undo what others wrote in between.
-  // Replaces a value of that name that is not a document, and keeps a copy of the file. Throws
-  // system_mutex_exception.
+  // Sets one member of the embedded document `documentName` without touching its other members,
+  // reading and writing under one hold of the mutex. Returns true once it is on disk. The service's
+  // own document must be changed this way: writing an older copy of it would undo what others wrote
+  // in between. Replaces a value of that name that is not a document, and keeps a copy of the file.
+  // Throws system_mutex_exception.
   bool mergeMember(std::string_view documentName, std::string_view member,
                    const BsonElement& value);
 
-  // Like mergeMember, with a value that `change` makes of the stored one. It runs with the mutex
-  // held and must not touch a store; what it throws passes through, unlocked. True also when it
-  // returned nothing.
+  // Like mergeMember, with a value that `change` makes from the stored one. `change` runs with the
+  // mutex held and must not use a store; its exceptions pass through once the mutex is released. If
+  // it returns nothing, returns whether the file could be read or may be replaced.
   bool updateMember(std::string_view documentName, std::string_view member, const Change& change);
 
  private:
   class Hold;
 
   static std::wstring expandPath(const std::wstring& path);
-  // `path` with its variables replaced, and its last level made.
+  // Expands the variables in `path` and creates its last folder.
   static std::wstring expandPathAndCreateDirectory(const std::wstring& path,
                                                    Platform::NewFolder access);
   static bool isNTFSJunction(const std::wstring& path);
   void initializeFile();
 
-  // The steps below need the mutex.
+  // Call the functions below only with the mutex held.
   bool readFile();
   bool writeFile();
   void readForChange();
-  void reportState() const;  // why the last reading failed
+  void reportState() const;  // logs why the last read failed
   BsonDocument embeddedForChange(std::string_view documentName);
   bool store(std::string_view key, const BsonElement& value);
 
@@ -121,7 +120,7 @@ class CapDataStore {
   BsonDocument document;  // as of the last reading or change
 };
 
-// A store. Null where none can be made, which is logged.
+// Returns null on failure, which is logged.
 std::unique_ptr<CapDataStore> TryOpenStore() noexcept;
 
 }  // namespace Vx::Tessel::Server::Storage

@@ -11,30 +11,29 @@ namespace {
 
 constexpr wchar_t kCommandParams[] = L"commandParams";
 constexpr wchar_t kDelay[] = L"delayDeliverySec";
-constexpr std::wstring_view kDelayMember = L"\"delayDeliverySec\":";  // as compact text writes it
+constexpr std::wstring_view kDelayMember = L"\"delayDeliverySec\":";  // as in compact text
 
 std::wstring Normalised(const Json::JsonObject& request) {
   return request.StringifyWithout(kCommandParams, kDelay);
 }
 
 // Whether the object with this compact text may have the normalised form `form`. The form lacks
-// members of the text, each with a comma beside it, so nearly every other request is ruled out
-// without making its form.
+// members of the text, each with a comma beside it, which rules out nearly every other request.
 bool MayNormaliseTo(std::wstring_view text, std::wstring_view form) {
   if (text.size() <= form.size()) return text == form;
   const auto differs = std::mismatch(form.begin(), form.end(), text.begin()).first;
   const auto same = static_cast<std::size_t>(differs - form.begin());
-  // The texts differ at the comma before the first such member, or behind it.
+  // The texts differ at the comma before the first such member, or after it.
   return text.substr(0, same + 1 + kDelayMember.size()).find(kDelayMember) !=
          std::wstring_view::npos;
 }
 
-// The element that was appended when the text ended at `before`.
+// Returns the element that was appended when the text was `before` characters long.
 std::wstring_view LastElement(const std::wstring& open, std::size_t before) {
   return std::wstring_view(open).substr(before == 1 ? 1 : before + 1);
 }
 
-// Appends an element to the text of an array that lacks its closing bracket.
+// Appends an element to an array's text that lacks its closing bracket.
 void AppendElement(std::wstring& open, const Json::JsonValue& element) {
   if (open.size() > 1) open.push_back(L',');
   element.AppendTo(open);

@@ -6,27 +6,26 @@
 #include <vector>
 
 // The rules of a stored list of subscription requests: the text of a JSON array whose elements are
-// the clients' objects. An empty text is an empty list.
+// the clients' objects. An empty string is an empty list.
 //
-// An object's text is compact JSON, each value in the writer's spelling. Every operation throws
+// An object's text is compact JSON, with each value as the client wrote it. Every function throws
 // Platform::WindowsRuntimeError with Json::kInvalidJsonString if the list is not a JSON array, so
 // that an unreadable list is never overwritten. Time and memory are linear in the list.
 namespace Vx::Tessel::Server::Storage {
 
 // Returns `list` with `request` appended, or nothing if an element has the same normalised form:
-// the text without the "delayDeliverySec" of its "commandParams". The first request of a list is
+// its text without the "delayDeliverySec" of its "commandParams". The first request in a list is
 // kept unchanged. Also throws as above if `request` is not a JSON object.
 std::optional<std::wstring> ListWith(std::wstring_view list, std::wstring_view request);
 
-// Returns `list` without the first element whose text is exactly `request`, or nothing if there is
-// none.
+// Returns `list` without the first element whose text is `request`, or nothing if there is none.
 std::optional<std::wstring> ListWithout(std::wstring_view list, std::wstring_view request);
 
-// Same as ListWithout, for a request that has fired. Ignores white space in `request`, which may be
-// the text that the client sent instead of the stored one.
+// As ListWithout, for a request that has fired. Ignores white space in `request`, which may be the
+// client's text instead of the stored one.
 std::optional<std::wstring> ListWithoutCompleted(std::wstring_view list, std::wstring_view request);
 
-// Returns the text of each element in order, or nothing for one that is not an object.
+// Returns the text of each element in order, or nothing for an element that is not an object.
 std::vector<std::optional<std::wstring>> RequestsOf(std::wstring_view list);
 
 }  // namespace Vx::Tessel::Server::Storage

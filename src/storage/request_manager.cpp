@@ -41,15 +41,15 @@ constexpr wchar_t kStoredAlready[] = L"the same subscription, the delay apart, i
 constexpr auto kFail = static_cast<std::int32_t>(0x80004005);
 constexpr auto kOutOfMemory = static_cast<std::int32_t>(0x8007000E);
 
-// Stands for a stored value that is not a text. It is not a JSON array either, so the list rules
-// refuse it and it is never overwritten.
+// Stands for a stored value that is not a string. It is not a JSON array either, so the list rules
+// reject it and it is never overwritten.
 constexpr wchar_t kNotAText[] = L"\xFFFD";
 
 std::wstring TextOf(const std::optional<Storage::BsonView>& value) {
   return value ? value->AsWideText().value_or(kNotAText) : std::wstring();
 }
 
-// Returns the error that `handler` throws, a standard exception as E_OUTOFMEMORY or E_FAIL.
+// Returns the error that `handler` throws, std::exception mapped to E_OUTOFMEMORY or E_FAIL.
 std::optional<Platform::WindowsRuntimeError> ErrorOf(const RequestManager::Handler& handler,
                                                      const std::wstring& request) {
   try {

@@ -21,57 +21,56 @@ namespace Vx::Tessel::Server::Services::Orvane {
 inline constexpr std::int32_t kAlreadySubscribed = 1;
 
 // The list of subscription requests under one key of the shared store: a JSON array whose elements
-// are the clients' own request objects. Made for one operation on one thread. Several may exist.
+// are the clients' own objects. Create one for each operation, on one thread. Several may exist.
 //
 // A change reads and writes the stored list under one hold of the store's mutex, so that managers
-// in other threads and processes lose nothing. A stored list that is not a JSON array is never
-// overwritten. The text of a stored request is its compact form: the client's tokens without the
-// white space between them.
+// in other threads and processes lose nothing. A list that is not a JSON array is never
+// overwritten. A stored request's text is compact: the client's tokens without the white space
+// between them.
 class RequestManager {
  public:
-  // Receives a stored request's text. May throw Platform::WindowsRuntimeError or a standard
-  // exception.
+  // Receives a stored request's text. May throw Platform::WindowsRuntimeError and std::exception.
   using Handler = std::function<void(const std::wstring& request)>;
   using ErrorCallback =
       std::function<void(const std::wstring& request, const Platform::WindowsRuntimeError& error)>;
 
-  // Opens the store and reads the document. If the store cannot be opened, logs that. The object
-  // then has an empty list and stores nothing.
+  // Opens the store and reads the document. If the store cannot be opened, logs that, has an empty
+  // list and stores nothing.
   RequestManager(std::string embeddedDocument, std::string listKey);
   RequestManager(const RequestManager&) = delete;
   RequestManager& operator=(const RequestManager&) = delete;
   ~RequestManager();
 
-  // Adds a request. Returns false if the store did not take it. Throws
-  // Platform::WindowsRuntimeError with kAlreadySubscribed if one is stored that differs at most in
-  // its delay, and the JSON layer's error if the text is not a JSON object or the stored list
-  // cannot be read. Logs failures of the store.
+  // Adds a request. Returns false if the store did not accept it. Throws
+  // Platform::WindowsRuntimeError with kAlreadySubscribed if the same request, apart from its
+  // delay, is already stored, and the JSON layer's error if the text is not a JSON object or the
+  // stored list cannot be read. Logs failures of the store.
   bool PersistRequest(std::wstring_view request);
 
   enum class Removal { Removed, Unknown, Failed };
 
   // Removes the first stored request with exactly this text. Returns Unknown if there is none, and
-  // Failed if the store did not take the shorter list. Throws the JSON layer's error if the stored
-  // list cannot be read. Logs failures of the store.
+  // Failed if the store did not accept the shorter list. Throws the JSON layer's error if the
+  // stored list cannot be read. Logs failures of the store.
   Removal RemoveRequest(std::wstring_view request);
 
   // Removes a one-shot request that has fired, ignoring white space in `request`. Returns true if
-  // the list no longer holds it, also if it was removed before. Returns false and logs if the store
-  // or the list failed, and returns false without a store.
+  // the list no longer holds it, even if it was removed earlier. Returns false if there is no
+  // store, or if the store or the list failed, which is logged.
   bool CompleteRequest(std::wstring_view request);
 
   // Calls `handler` once for every stored request, in stored order. Logs an error that it throws,
-  // passes it to `onError` (a standard exception as E_FAIL or E_OUTOFMEMORY) and continues. An
-  // error that `onError` throws passes to the caller. Logs a stored list that cannot be read and
-  // treats it as empty. Holds no lock during the calls.
+  // passes it to `onError` (with standard exceptions mapped to E_OUTOFMEMORY or E_FAIL) and
+  // continues. An error from `onError` passes to the caller. Logs a stored list that cannot be read
+  // and treats it as empty. Holds no lock during the calls.
   void RegisterExistingRequests(const Handler& handler, const ErrorCallback& onError);
 
-  // Returns the stored array's text as of construction, empty if there is none. For a value that is
-  // not a text, returns one that is not a JSON array.
+  // Returns the text of the stored array as of construction; empty if there is none. If the stored
+  // value is not a string, returns text that is not a JSON array.
   std::wstring StoredList() const;
 
-  // Same as StoredList, but throws std::runtime_error if the list could not be read at
-  // construction, because the store or the document in it could not.
+  // As StoredList, but throws std::runtime_error if the store or the document in it could not be
+  // read at construction.
   std::wstring RequireStoredList() const;
 
   // The log lines for an exception from the store.
@@ -81,12 +80,12 @@ class RequestManager {
   };
 
  private:
-  // Returns the new list's text for the stored one, or nothing to leave it.
+  // Receives the stored list's text. Returns the new one, or nothing to leave it unchanged.
   using Edit = std::function<std::optional<std::wstring>(const std::wstring& list)>;
 
   // Applies `edit` to the stored list, or to an empty one if there is no store. Returns false if
-  // the store refused the new list, and nothing if it threw, which is logged. An error that `edit`
-  // throws passes to the caller.
+  // the store refused the new list, and nothing if it threw, which is logged. A
+  // Platform::WindowsRuntimeError from `edit` passes to the caller.
   std::optional<bool> Change(const FailureTexts& texts, const Edit& edit);
 
   std::string documentName;

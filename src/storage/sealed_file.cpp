@@ -47,12 +47,12 @@ static_assert(sizeof(wchar_t) == 2, "the header is UTF-16 in memory order");
 constexpr std::size_t kMaxFileSize = std::size_t{64} * 1024 * 1024;
 
 constexpr std::wstring_view kSiblingEnding = L".new";
-// That one access opens, because a process that holds them open keeps as many as there are writes.
+// The most siblings that one access opens: a process that holds them open leaves one per write.
 constexpr std::size_t kMostSiblings = 16;
 constexpr wchar_t kDamagedMark[] = L".damaged-";
 constexpr std::size_t kMostCopies = 3;
 
-constexpr std::uint32_t kDirectory = 0x10;      // among the attributes of a file
+constexpr std::uint32_t kDirectory = 0x10;      // a file attribute
 constexpr std::uint32_t kReparsePoint = 0x400;  // likewise
 
 constexpr ErrorCode kFileNotFound = 2;
@@ -63,7 +63,7 @@ constexpr ErrorCode kFileExists = 80;
 constexpr ErrorCode kNameTooLong = 206;
 constexpr ErrorCode kFileTooLarge = 223;
 
-// What an error of opening, reading or unsealing the file means.
+// What an error in opening, reading or unsealing the file means.
 struct Meaning {
   StoreState state;
   enum class Retry : std::uint8_t { No, Yes } retry;
@@ -72,12 +72,12 @@ struct Meaning {
 };
 constexpr Meaning kUnknown = {StoreState::NotOpened, Meaning::Retry::No};
 constexpr Meaning kPasses = {StoreState::NotOpened, Meaning::Retry::Yes};
-// The blob is not valid, or an algorithm or a flag that it names.
+// The blob is invalid, or an algorithm or flag that it names.
 constexpr Meaning kDamage = {StoreState::Damaged, Meaning::Retry::No};
 // This machine does not have the blob's key.
 constexpr Meaning kForeignKey = {StoreState::OtherMachine, Meaning::Retry::No};
-// The same, if data protection opens what it seals. Windows also reports these while a machine's
-// keys are not there yet.
+// The same, provided that data protection can open what it seals. Windows also reports these while
+// a machine's keys are not available yet.
 constexpr Meaning kUncertainDamage = {StoreState::Damaged, Meaning::Retry::Yes};
 constexpr Meaning kUncertainKey = {StoreState::OtherMachine, Meaning::Retry::Yes};
 
@@ -94,7 +94,7 @@ constexpr std::pair<ErrorCode, Meaning> kMeanings[] = {
     // https://learn.microsoft.com/windows/win32/debug/system-error-codes--1300-1699-
     {1450, kPasses},  // ERROR_NO_SYSTEM_RESOURCES
     {1455, kPasses},  // ERROR_COMMITMENT_LIMIT
-    // The service of data protection while it starts or is overloaded:
+    // The data protection service while it is starting or overloaded:
     // https://learn.microsoft.com/windows/win32/debug/system-error-codes--1700-3999-
     {1722, kPasses},  // RPC_S_SERVER_UNAVAILABLE
     {1723, kPasses},  // RPC_S_SERVER_TOO_BUSY
@@ -136,33 +136,32 @@ bool IsDamaged(StoreState state) {
   return state == StoreState::Damaged || state == StoreState::OtherMachine;
 }
 
-// Whether data protection opens what it seals now, so that an uncertain error is about the blob.
+// Whether data protection can open what it seals now, so that an uncertain error is about the blob.
 bool ProtectionWorks() {
   const auto& protection = *Platform::CurrentMachine().dataProtection;
   const Result<Bytes> probe = protection.Protect(Bytes(1), {});
   return probe && protection.Unprotect(*probe);
 }
 
-// Whether the file is an ordinary one that has no other name.
+// Whether the file is an ordinary one with only one name.
 bool IsPlain(const FileFacts& facts) {
   return facts.names == 1 && (facts.attributes & (kDirectory | kReparsePoint)) == 0;
 }
 
-// Whether the file was deleted since, or has a name that is longer than this process may open: that
-// is none of ours.
+// Whether the file has been deleted, or its name is longer than this process may open, so that it
+// is not one of ours.
 bool IsNotThere(ErrorCode error) {
   return error == kFileNotFound || error == kPathNotFound || error == kNameTooLong;
 }
 
-// Opens a file beside the store if the store may adopt or delete it: an ordinary one that belongs
-// to the system. Returns null if it is not or no longer exists, and the error if Windows does not
-// say.
+// Opens a file beside the store if the store may adopt or delete it: an ordinary one owned by the
+// system. Returns null if it is not or no longer exists, and the error if Windows cannot tell.
 Opened OpenOwn(const std::wstring& path, FileUse use) {
-  // A file of another account may be held open: its owner is read first.
+  // Reads the owner first, because another account may be holding its file open.
   for (const FileUse step : {FileUse::Inspect, use}) {
     Opened opened = Files().Open(path, step);
     if (!opened) {
-      // Windows lets the system inspect its own files. It refuses to open a folder like this.
+      // The system may always inspect its own files. Opening a folder like this is denied too.
       const bool foreign = step == FileUse::Inspect && opened.Error() == kAccessDenied;
       if (foreign || IsNotThere(opened.Error())) break;
       return Opened::Failure(opened.Error());
@@ -177,7 +176,7 @@ Opened OpenOwn(const std::wstring& path, FileUse use) {
   return Opened(nullptr);
 }
 
-// Returns the newest. Later accesses delete the others.
+// Returns the newest siblings. Later accesses delete the others.
 Result<std::vector<std::wstring>> SiblingsOf(const std::wstring& path) {
   Result<std::vector<std::wstring>> names = Files().Siblings(path);
   if (names) {
@@ -187,13 +186,13 @@ Result<std::vector<std::wstring>> SiblingsOf(const std::wstring& path) {
   return names;
 }
 
-// Deletes a file if it is an own one that no process holds.
+// Deletes a file if it is one of ours and no process has it open.
 void RemoveOwn(const std::wstring& path) {
   const Opened own = OpenOwn(path, FileUse::Remove);
   if (own && *own != nullptr) (*own)->Remove();
 }
 
-// Returns the number at the end of a copy's name, which orders the copies also if the clock is set
+// Returns the number at the end of a copy's name, which orders the copies even if the clock is set
 // back. Zero for a name without one.
 unsigned long NumberOf(const std::wstring& copy) {
   const std::size_t dot = copy.find_last_of(L'.');
@@ -201,7 +200,7 @@ unsigned long NumberOf(const std::wstring& copy) {
   return end.starts_with(L"damaged-") ? 0 : std::wcstoul(end.c_str(), nullptr, 10);
 }
 
-// Returns the copies of damaged files, the oldest first, also those that another process holds.
+// Returns the copies of damaged files, oldest first, including those that another process has open.
 Result<std::vector<std::wstring>> CopiesOf(const std::wstring& path) {
   Result<std::vector<std::wstring>> copies = Files().Siblings(path);
   if (!copies) return copies;
@@ -225,14 +224,14 @@ bool IsCopyOf(const std::wstring& copy, std::span<const std::byte> content) {
   return own && *own != nullptr && Holds(**own, content);
 }
 
-// Writes over an open file whose content is `old`, and puts that back if it fails.
+// Overwrites an open file, and restores its old content on failure.
 class InPlaceWrite {
  public:
   explicit InPlaceWrite(FileHandle& opened) : file(opened) {}
 
-  // Returns the error. `torn` is set if neither the new content nor the old one could be written.
+  // Returns the error. Sets `torn` if neither the new content nor the old one could be written.
   ErrorCode Run(std::span<const std::byte> old, std::span<const std::byte> content, bool& torn) {
-    // Extends the file before it overwrites anything, because the disk may be full.
+    // Extends the file before overwriting anything, because the disk may be full.
     ErrorCode error = file.SetSize(std::max(old.size(), content.size()));
     if (error == 0) error = Rewrite(content);
     torn = error != 0 && Rewrite(old) != 0;
@@ -250,7 +249,7 @@ class InPlaceWrite {
   FileHandle& file;
 };
 
-// Whether Windows refuses to rename over a file that another process has open.
+// Whether another process has the file open, so that Windows refuses to rename over it.
 bool IsHeldByAnother(ErrorCode error) {
   return error == kAccessDenied || error == kSharingViolation;
 }
@@ -264,7 +263,7 @@ Bytes Joined(const std::wstring& id, const Bytes& blob) {
   return content;
 }
 
-// Writes and flushes a file that was just created. Deletes it if that fails.
+// Writes and flushes a newly created file. Deletes it on failure.
 ErrorCode Fill(FileHandle& file, std::span<const std::byte> content) {
   ErrorCode error = file.Write(content);
   if (error == 0) error = file.Flush();
@@ -272,7 +271,7 @@ ErrorCode Fill(FileHandle& file, std::span<const std::byte> content) {
   return error;
 }
 
-// Returns a time as "20240715-101500-042", UTC.
+// Returns a UTC time as "20240715-101500-042".
 std::wstring DateText(std::chrono::milliseconds since1601) {
   using namespace std::chrono;  // NOLINT(google-build-using-namespace)
   const auto time = sys_days(year(1601) / January / 1) + since1601;
@@ -325,8 +324,8 @@ auto SealedFile::Patiently(const Attempt& attempt) {
   }
 }
 
-// A virus scanner keeps a new file open for a moment. Windows then refuses to rename it or to
-// rename over it, with an error that also stands for what does not pass.
+// A virus scanner keeps a new file open for a moment. Windows then refuses to rename it or over it,
+// with an error that can also be permanent.
 template <typename Rename>
 ErrorCode SealedFile::PatientRename(const Rename& rename) {
   const Result<bool> renamed = Patiently([&] {
@@ -378,7 +377,7 @@ SealedFile::Reading SealedFile::Unseal(Bytes content) {
   const auto unprotect = [&] { return Platform::CurrentMachine().dataProtection->Unprotect(blob); };
   Result<Bytes> plain = Patiently(unprotect);
   const bool works = !plain && IsUncertain(plain.Error()) && ProtectionWorks();
-  // The keys may have come between the last try and the probe.
+  // The keys may have become available between the last try and the probe.
   if (works) plain = unprotect();
   if (plain) {
     reading.document = BsonDocument::Decode(*plain);
@@ -397,21 +396,21 @@ SealedFile::Reading SealedFile::Adopt(Reading reading) {
   };
   const Result<std::vector<std::wstring>> names = Patiently([this] { return SiblingsOf(path); });
   if (!names) return notOpened(names.Error());
-  // A file that is a header and nothing else may have been reset to that on purpose.
+  // A file with only a header may have been reset on purpose.
   const bool isReset = reading.state == StoreState::Sound && !reading.id.empty();
   std::wstring newest;
   std::uint64_t written = 0;
   Bytes content;
   for (const std::wstring& name : *names) {
     const Opened own = Patiently([&] { return OpenOwn(name, FileUse::Read); });
-    // An interrupted write may have left what cannot be read for the moment.
+    // It may come from an interrupted write and be unreadable only for the moment.
     if (!own) return notOpened(own.Error());
     if (*own == nullptr) continue;
     const Result<FileFacts> facts = (*own)->Facts();
     if (!facts) return notOpened(facts.Error());
     if (facts->written < written) continue;
     Result<Bytes> found = Patiently([&] { return (*own)->Content(kMaxFileSize); });
-    // No write leaves one that is so large.
+    // No write leaves a file this large.
     if (!found && found.Error() == kFileTooLarge) continue;
     if (!found) return notOpened(found.Error());
     Reading unsealed = Unseal(*found);
@@ -429,8 +428,8 @@ SealedFile::Reading SealedFile::Adopt(Reading reading) {
   return ReadOnce();
 }
 
-// Replaces the file by its sibling, whose content was read. A thread that its host terminated
-// keeps the sibling open until its process ends, so that it cannot be renamed. Its content is then
+// Replaces the file with its sibling, whose content was read. A thread that its host terminated
+// keeps the sibling open until the process ends, so that it cannot be renamed. Its content is then
 // written over the file.
 ErrorCode SealedFile::PutInPlace(const std::wstring& sibling, std::span<const std::byte> content) {
   const Opened own = Patiently([&] { return OpenOwn(sibling, FileUse::Replace); });
@@ -490,12 +489,12 @@ ErrorCode SealedFile::SealAndReplace(const std::wstring& id, const BsonDocument&
 
 bool SealedFile::KeepCopy(std::span<const std::byte> content) const {
   const Result<std::vector<std::wstring>> found = CopiesOf(path);
-  if (!found) {  // numbered anew, the copy would count as the oldest
+  if (!found) {  // numbered from 1 again, the copy would count as the oldest
     Log().LogWarning(kNotCopied, found.Error());
     return false;
   }
   const std::vector<std::wstring>& copies = *found;
-  // The last write may have failed after its copy was made.
+  // The last write may have failed after making its copy.
   std::size_t kept = kMostCopies;
   if (copies.empty() || !IsCopyOf(copies.back(), content)) {
     const unsigned long number = copies.empty() ? 1 : NumberOf(copies.back()) + 1;
@@ -503,9 +502,9 @@ bool SealedFile::KeepCopy(std::span<const std::byte> content) const {
       Log().LogWarning(kNotCopied, error);
       return false;
     }
-    --kept;  // beside the new one
+    --kept;  // in addition to the new one
   }
-  // One that is held now goes after a later damage.
+  // A copy that is held open now is deleted when the next one is made.
   for (std::size_t i = 0; i + kept < copies.size(); ++i) RemoveOwn(copies[i]);
   return true;
 }

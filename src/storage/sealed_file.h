@@ -14,52 +14,52 @@
 
 namespace Vx::Tessel::Server::Storage {
 
-// What reading the store's file found.
+// The result of reading the store's file.
 enum class StoreState : std::uint8_t {
-  Sound,         // read. A file without a document is empty
+  Sound,         // read; a file without a document is empty
   Missing,       // there is no file
-  Damaged,       // Windows or the document's format refuses the content
+  Damaged,       // Windows or the document's format rejects the content
   OtherMachine,  // sealed on another machine
-  Linked,        // a link in its place, or a file with a second name
-  TooLarge,      // beyond what the store reads and writes
-  NotOpened,     // any other failure, such as a process that has the file to itself
+  Linked,        // a link, or a file with a second name
+  TooLarge,      // larger than the store reads or writes
+  NotOpened,     // any other failure, such as another process's exclusive access
 };
 
-// Whether the file may be replaced: it has no content, or none that can ever be read.
+// Whether the file may be replaced: it was read, is missing or can never be read.
 bool MayReplace(StoreState state);
 
 // The store's file: an id and a sealed document. Use while holding the store's mutex.
 //
-// A write makes a sibling of the file, flushes it and renames it over the file, so that a process
-// that dies at any moment leaves the old content or the new. If another process keeps Windows from
-// renaming, the file is written in place. The sibling then stays until the disk holds the content,
-// and Read adopts it if the write was interrupted. Only an ordinary file that belongs to the system
-// is adopted or deleted, because users may be able to create files in the folder. A file that is an
-// id and nothing else adopts only a sibling with that id.
+// A write creates a sibling of the file, flushes it and renames it over the file, so that a process
+// that dies at any moment leaves the old content or the new. If another process prevents the
+// rename, the file is written in place. The sibling then stays until the content has been flushed
+// to disk, and Read adopts it if the write was interrupted. Only an ordinary file owned by the
+// system is adopted or deleted, because users may be able to create files in the folder. If the
+// file is only an id, only a sibling with that id is adopted.
 //
-// Only content that is proved damaged is replaced, and a copy of it is kept.
+// Unreadable content is replaced only if it is proved damaged, and a copy of it is kept.
 class SealedFile {
  public:
   explicit SealedFile(std::wstring filePath) : path(std::move(filePath)) {}
 
   struct Reading {
     StoreState state = StoreState::NotOpened;
-    Platform::ErrorCode error = 0;              // that Windows reported for the state
+    Platform::ErrorCode error = 0;              // the Windows error behind the state
     std::wstring id = {};                       // 36 UTF-16 units, empty if the file has no header
     std::optional<BsonDocument> document = {};  // nothing if the file has none
     std::vector<std::byte> content = {};        // of the whole file, as far as it was read
-    bool cutShort = false;                      // shorter than its header although it is not new
+    bool cutShort = false;                      // shorter than its header, but not new
   };
 
-  // Reads the file. If it has no document, first adopts the sibling of an interrupted write, and
-  // logs that. NotOpened also if such a sibling cannot be read. Failures that pass are tried again,
-  // up to 250 ms in the life of this object, in Write too.
+  // Reads the file. If it has no document, first adopts the sibling of an interrupted write and
+  // logs that. Returns NotOpened if such a sibling cannot be read. Temporary failures are retried,
+  // in Write too, for up to 250 ms in the life of this object.
   Reading Read();
 
-  // The same without completing an interrupted write: changes nothing.
+  // As Read, but does not complete an interrupted write: changes nothing.
   Reading ReadOnce();
 
-  // Replaces the file by this id and document. `before` is the last reading. Logs why it returns
+  // Replaces the file with this id and document. `before` is the last reading. Logs why it returns
   // false. The file then has its old content, or it is torn and the next reading adopts the sibling
   // with the new content.
   bool Write(const std::wstring& id, const BsonDocument& document, const Reading& before);

@@ -10,13 +10,13 @@ inline constexpr char kPowerSubscriptions[] = "PowerEventSubscriptions";
 inline constexpr char kZephraSubscriptions[] = "ZephraEventSubscriptions";
 inline constexpr char kPackageSubscriptions[] = "PackageCatalogEventSubscriptions";
 
-// The lockdown mode of the machine's first start, a 32-bit number.
+// The lockdown mode at the machine's first start, a 32-bit number.
 inline constexpr char kFirstEnforcementMode[] = "FirstSystemEnforcementMode";
 
-// Whether the last switch work after S mode started the software.
+// Whether the switch software was started: recorded after S mode was left, or by a client.
 inline constexpr char kExecutedStub[] = "ExecutedMcAfeeStub";
 
-// The born-on date, eight digits.
+// The born-on date as eight digits.
 inline constexpr char kBornOnDate[] = "born_on_date";
 
 }  // namespace Vx::Tessel::Server::Services::Orvane

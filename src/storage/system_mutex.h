@@ -9,7 +9,7 @@
 
 namespace Vx::Tessel::Server::Storage {
 
-// A failed operation on the store's mutex: 0 create, 2 lock, 3 unlock.
+// A failed operation on the store's mutex. Its code is 0 for create, 2 for lock and 3 for unlock.
 class system_mutex_exception : public std::exception {
  public:
   system_mutex_exception(std::string message, std::uint32_t code)
@@ -23,8 +23,8 @@ class system_mutex_exception : public std::exception {
   std::uint32_t number;
 };
 
-// A mutex shared by every process that opens its name. The thread that locks it also unlocks it.
-// Re-entrant as far as the mutex of Windows is. Satisfies BasicLockable.
+// A mutex shared by every process that opens its name. The thread that locks it must unlock it.
+// Recursive, as a Windows mutex is. Satisfies BasicLockable.
 class SystemMutex {
  public:
   // Throws system_mutex_exception, code 0.
@@ -35,7 +35,7 @@ class SystemMutex {
   // Unlocks the mutex if this object still holds it.
   ~SystemMutex();
 
-  // Blocks without limit. Owns the mutex also if its holder died. Throws code 2.
+  // Blocks indefinitely. Acquires the mutex even if its holder died. Throws code 2.
   void lock();
 
   // Throws code 3.
