@@ -117,7 +117,7 @@ std::optional<Value> Find(const Row<Value> (&rows)[Size], std::wstring_view word
   return std::nullopt;
 }
 
-// The line of a record, whose texts are bounded by the table.
+// The log line of a record. The tables above bound the length of its texts.
 class Line {
  public:
   template <typename... Args>
@@ -181,7 +181,7 @@ void Write(const Record& record) noexcept {
   if (outcome.reason != Reason::None) line.Add(kReason, reason.text);
   const bool ran = outcome.decision == Decision::Ran;
   if (outcome.number != 0) line.Add(ran ? kProcess : kStatus, outcome.number);
-  // A refusal has its own lines.
+  // What was refused or not carried out has already been logged.
   const bool lost = record.kind >= Kind::Power && outcome.decision >= Decision::Dropped;
   const auto level = lost ? Logging::LogLevel::Warning : Logging::LogLevel::Info;
   Logging::WriteRecord({.size = sizeof(VxLogRecord),

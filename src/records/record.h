@@ -11,7 +11,7 @@ namespace Vx::Tessel::Server::Records {
 enum class Kind : std::uint8_t { Command, Completion, Power, Platform, Uninstall };
 
 enum class Decision : std::uint8_t {
-  None,  // there is nothing to record
+  None,  // nothing to record
   Done,
   Stored,
   Removed,
@@ -29,7 +29,7 @@ enum class Decision : std::uint8_t {
 
 enum class Reason : std::uint8_t {
   None,
-  // Of a command.
+  // For a command.
   UnknownCommand,
   NoSessionApi,
   NullArgument,
@@ -44,7 +44,7 @@ enum class Reason : std::uint8_t {
   NotInstalled,
   NoConsoleUser,
   EarlierLines,
-  // Of a stored subscription or a delivery.
+  // For a stored subscription or a delivery.
   Unreadable,
   HasRun,
   Late,
@@ -57,7 +57,7 @@ enum class Reason : std::uint8_t {
   NotLate,
   NoThread,
   Exception,
-  // Of a program.
+  // For a program.
   NotOnDrive,
   ControlCharacter,
   Variable,
@@ -70,11 +70,11 @@ enum class Reason : std::uint8_t {
   NotPinned,
   NoSession,
   Windows,
-  // Of a message.
+  // For a message.
   NotTaken,
 };
 
-// The stable identifier of a value, and its text for people.
+// A value's stable identifier, and its text for people.
 struct Name {
   const wchar_t* word;
   const wchar_t* text;
@@ -83,7 +83,7 @@ const Name& NameOf(Kind kind);
 const Name& NameOf(Decision decision);
 const Name& NameOf(Reason reason);
 
-// The value with this identifier. Empty if this version has none.
+// Returns the value with this identifier, or nothing if this version has none.
 template <typename Value>
 std::optional<Value> FromWord(std::wstring_view word);
 
@@ -92,11 +92,11 @@ constexpr bool IsFailure(Decision decision) {
   return decision >= Decision::Refused;
 }
 
-// Fits into a register, so that a caller that expects no result may ignore it.
+// Fits in a register, so that a caller that expects no result may ignore it.
 struct Outcome {
   Decision decision = Decision::None;
   Reason reason = Reason::None;
-  std::uint32_t number = 0;  // the process that Ran, otherwise why Windows or the module failed
+  std::uint32_t number = 0;  // the process that Ran, otherwise the error code
 };
 static_assert(sizeof(Outcome) == sizeof(void*));
 
@@ -113,24 +113,24 @@ struct Record {
   std::uint64_t milliseconds = 0;
 };
 
-// Writes a record and its line. Any thread.
+// Writes a record and its log line. Any thread.
 void Write(const Record& record) noexcept;
 
 // The records of one delivery, from its event to its end. Used by one thread at a time.
 class Delivery {
  public:
-  // Gives the delivery the next number of this process. `subject` holds its kind, the code of its
-  // event, the subscription and its target.
+  // Gives the delivery this process's next number. `subject` has its kind, event, subscription and
+  // target.
   explicit Delivery(Record&& subject) noexcept;
   Delivery(const Delivery&) = delete;
   Delivery& operator=(const Delivery&) = delete;
-  // Records a delivery that has not ended as failed by an exception.
+  // Records a delivery that has not ended as failed: an exception ended it.
   ~Delivery();
 
-  // Records that it waits, for at most `delay`.
+  // Records that the delivery waits, for at most `delay`.
   void Waits(std::chrono::milliseconds delay) noexcept;
 
-  // Records its end. Later calls do nothing.
+  // Records the outcome. Later calls have no effect.
   void Ends(const Outcome& outcome) noexcept;
 
  private:
@@ -138,7 +138,7 @@ class Delivery {
   std::uint64_t start;
 };
 
-// The outcome of a delivery that an exception with this code ended.
+// The outcome of a delivery that threw an exception with this code.
 constexpr Outcome FailedWith(std::int32_t code, Reason reason = Reason::Exception) {
   return {Decision::Failed, reason, static_cast<std::uint32_t>(code)};
 }

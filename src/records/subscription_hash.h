@@ -5,9 +5,9 @@
 
 namespace Vx::Tessel::Server::Records {
 
-// A short name of a subscription for log lines and tables: 8 hexadecimal digits that depend on the
-// text alone, white space between its tokens aside. It distinguishes subscriptions for a reader and
-// protects against nothing. A text that is not a JSON object counts as it is.
+// Returns a short name for a subscription, for log lines and tables: 8 hexadecimal digits that
+// depend only on its text, apart from white space between tokens. It tells subscriptions apart for
+// a reader and is not a safeguard. A text that is not a JSON object is hashed as it is.
 std::wstring SubscriptionHash(std::wstring_view request);
 
 }  // namespace Vx::Tessel::Server::Records
