@@ -16,12 +16,12 @@ namespace Vx::Tessel::Server::Services::Orvane {
 namespace {
 
 constexpr std::wstring_view kLogonProcess = L"winlogon.exe";
-// The console user's desktop. Without a name, CreateProcessAsUser gives a program under another
+// The console user's desktop. If none is named, CreateProcessAsUser gives a program in another
 // logon session a window station of its own, which is not visible (documented for STARTUPINFO).
 constexpr wchar_t kUserDesktop[] = L"winsta0\\default";
 constexpr std::size_t kMaxProcesses = 2048;
 
-// Returns the SYSTEM token of a session's logon process, or error 0 if no such process is seen.
+// Returns the SYSTEM token of a session's logon process, or error 0 if there is no such process.
 Platform::Result<Platform::UniqueHandle> SystemTokenIn(std::uint32_t session) {
   const auto process = LogonProcessIn(session);
   if (!process) return Platform::Result<Platform::UniqueHandle>::Failure(0);
@@ -58,7 +58,7 @@ Records::Outcome LaunchProcessInSession(const Security::TrustedProgram& program,
   const Platform::Machine& machine = Platform::CurrentMachine();
 
   auto environment = machine.environment->Block(nullptr);
-  // Without an environment block the program would inherit the service's variables.
+  // With no environment block, the program would inherit the service's variables.
   if (!environment || environment->empty()) {
     return {Decision::NotStarted, Reason::Windows, environment.Error()};
   }
