@@ -10,8 +10,8 @@ struct ClientContext {
   wchar_t* clientId;  // NUL-terminated, at most 64 characters, owned by the record
 };
 
-// The host's completion callback, a callable passed by value: its compiler passes the address of a
-// copy, which the callee destroys (see completion_callback.h).
+// The host's completion callback, a callable passed by value: the host's compiler passes the
+// address of a copy, which the callee destroys (see completion_callback.h).
 struct CompletionCallback;
 
 // The abstract service class of the host, a closed program built by another compiler. The contract

@@ -12,7 +12,7 @@ struct PipeCaller {
   bool privileged = false;  // SYSTEM, or an elevated administrator
 };
 
-// Queries only this machine, so does not block.
+// Queries only this machine, so it does not block.
 PipeCaller CallerOf(std::uint32_t processId);
 
 // Returns the user and file name of a process, cut to 64 characters, for logs only. Replaces

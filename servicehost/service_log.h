@@ -36,8 +36,8 @@ class LogTarget {
 // Writes log entries to every target, in order, on its own thread. Adding never waits for a target:
 // if the queue is full, entries are dropped, and a warning with their number precedes the next one.
 //
-// An entry without a record that a thread repeats is written once, and again with the number of
-// repetitions after a second or before the thread's next different entry.
+// If a thread repeats an entry that has no record, the entry is written once, and again with the
+// repeat count after a second or before the thread's next different entry.
 class ServiceLog {
  public:
   static constexpr std::size_t kQueue = 4096;  // entries

@@ -96,7 +96,7 @@ class OwningDecorator : public Decorator<Capability> {
   std::shared_ptr<Capability> owner;
 };
 
-// An operation that is forwarded, or refused with its result type's failure.
+// An operation that either is forwarded or fails with its result type's failure value.
 #define REFUSABLE(Interface, Answer, Name, Parameters, Arguments, Qualifier) \
   Answer Name Parameters Qualifier override {                                \
     return Or(#Interface "." #Name, [&] { return inner.Name Arguments; });   \

@@ -29,8 +29,8 @@ class ClockStuck : public std::runtime_error {
 // Sleep or Wait. While no worker runs, Advance moves time to the next deadline, wakes one wait,
 // waits until every worker is at rest again, and repeats, so that events occur in the same order in
 // each run. A worker whose handle is signalled counts as running from then on, whichever thread
-// signalled it. An event that is set and reset at once may go unnoticed until its thread is
-// scheduled. Mutexes are not supported.
+// signalled it. An event that is set and immediately reset may be missed if the waiting
+// thread has not been scheduled yet. Mutexes are not supported.
 //
 // Every other thread (a test's or the host's) is outside. Its own waits move time up to its
 // deadline or until its handle is signalled. Any thread may call every function.

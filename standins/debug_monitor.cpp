@@ -57,7 +57,8 @@ std::atomic<std::uint64_t> foundUntil{0};
 // When to try a reader that did not keep up again, whatever is found until then.
 std::atomic<std::uint64_t> leftAloneUntil{0};
 
-// Admits one writer of this module at a time, so that only the reader uses up the patience.
+// Admits one writer of this module at a time, so that the time limit is spent waiting only for the
+// reader.
 SRWLOCK writers = SRWLOCK_INIT;
 
 class WritersLock {

@@ -168,7 +168,7 @@ wchar_t Shown(wchar_t unit) noexcept {
 }
 
 // Formats into `buffer` with the host's conversions. Returns false if the text does not fit or
-// cannot be formatted. The C runtime then leaves its beginning unterminated, hence the zeros.
+// cannot be formatted. The C runtime then leaves an unterminated beginning, hence the zeros.
 template <std::size_t Size>
 bool FormatWhole(wchar_t (&buffer)[Size], const wchar_t* format, va_list arguments) {
   std::fill(std::begin(buffer), std::end(buffer), L'\0');

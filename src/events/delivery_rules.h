@@ -20,11 +20,11 @@ std::int64_t ElapsedMilliseconds(std::uint64_t start, std::uint64_t now);
 std::int64_t ElapsedUntilStandby(std::uint64_t start, std::uint64_t now);
 
 // Whether a delivery is dropped because it is more than two seconds early or late. Never for a zero
-// delay. A negative delay counts too, although it was not waited for.
+// delay. Negative delays are checked too, although they cause no wait.
 bool IsOverdue(int delaySeconds, std::int64_t elapsedMilliseconds);
 
-// Whether a delivery with this delay would be overdue even after exactly that time, because the
-// elapsed time is measured in 32 bits.
+// Whether a delivery with this delay would count as overdue even if it came exactly on time,
+// because the elapsed time is measured in 32 bits.
 bool IsTooLong(int delaySeconds);
 
 // Converts a delay to the clock's unit. No int overflows.

@@ -64,7 +64,7 @@ class NotWatched : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
-// Stores a request, then makes it live. No other client can subscribe the same text in between.
+// Stores a request, then makes it live. No other client can add the same subscription in between.
 // Returns whether the request is stored. Throws as PersistRequest and register_event do, and
 // std::runtime_error if the same subscription has run but cannot be removed. If registering the
 // stored request throws Platform::WindowsRuntimeError, removes it again; any other exception

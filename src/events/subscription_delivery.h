@@ -12,8 +12,8 @@
 
 namespace Vx::Tessel::Server::Services::Orvane {
 
-// One stored subscription, parsed from a client's text: which event runs which command. Base of the
-// power and Zephra requests, which differ only in their member names.
+// One stored subscription, parsed from a client's text: which event triggers which command. Base of
+// the power and Zephra requests, which differ only in their member names.
 class EventSubscription {
  public:
   // Throws Platform::WindowsRuntimeError with a code from the JSON layer or CreateEventCommand if

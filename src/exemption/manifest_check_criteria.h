@@ -20,8 +20,8 @@ class IClientWithNoVxManifestCheckCriteria {
   virtual bool IsAnException() = 0;
 };
 
-// Exempts a packaged client whose family name is listed, in the same letter case, with at least the
-// client's version. Exempts none if the list or the record is missing.
+// Exempts a packaged client whose family name is listed (case-sensitive) with a version no lower
+// than the client's. Exempts none if the list or the record is missing.
 class UwpWithNoVxManifestCheckBasedOnMajorAndMinorVersion final
     : public IClientWithNoVxManifestCheckCriteria {
  public:

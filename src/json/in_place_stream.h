@@ -36,8 +36,8 @@ class InPlaceStream {
   wchar_t* PutBegin() { return to = from; }
   void Put(wchar_t unit) {
     *to++ = unit;
-    // The NUL that ends a string starts no run, nor does an escaped lead: the reader puts its
-    // trail.
+    // Neither the terminating NUL nor an escaped lead surrogate starts a run, because the reader
+    // writes the trail surrogate itself.
     if (unit != L'\0' && !IsLead(static_cast<Unit>(unit)) && from >= nextRun) MoveRuns();
   }
   std::size_t PutEnd(const wchar_t* start) { return static_cast<std::size_t>(to - start); }

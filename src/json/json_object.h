@@ -55,7 +55,8 @@ class JsonValue {
 };
 
 // A JSON object. Its functions throw Platform::WindowsRuntimeError, as in the Windows Runtime, with
-// the key in the message. The first of repeated keys counts. Copies share one immutable text.
+// the key in the message. If a key is repeated, the first one wins. Copies share one immutable
+// text.
 class JsonObject {
  public:
   JsonObject();
@@ -81,7 +82,7 @@ class JsonObject {
 
   std::wstring Stringify() const { return value.Text(); }
 
-  // Same as Stringify, but without the members called `name` of the first member `object`.
+  // Like Stringify, but omits every member named `name` from the first member named `object`.
   std::wstring StringifyWithout(std::wstring_view object, std::wstring_view name) const;
 
  private:

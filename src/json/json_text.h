@@ -113,8 +113,8 @@ struct ParseFault {
 // document. `fault`, if not null, receives the position and kind of the first error.
 //
 // Beyond the grammar: Unpaired surrogates, raw or escaped, are invalid. An escaped U+0000 is an
-// ordinary character. A number is invalid if it is too large for a double, even if only its digits
-// before the exponent are, or if its exponent has more than eight digits. A number that is too
+// ordinary character. A number is invalid if it, or its significand alone, is too large for a
+// double, or if its exponent has more than eight digits. A number that is too
 // small is zero. Whole numbers beyond 64 bits are doubles. If a key is repeated, the first one
 // counts. A text that nests deeper than `nestingLimit` or is longer than kMaxTextLength is invalid.
 //

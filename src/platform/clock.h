@@ -47,7 +47,7 @@ class Clock {
   virtual ErrorCode SetTimer(RawHandle timer, Duration due) = 0;
 
   // Thread accounting, called only by Thread (thread.h), because a virtual clock advances only
-  // while every worker is parked in one of the waits above. The starting thread calls
+  // while every worker is parked in one of the waits above. The creating thread calls
   // WorkerStarting before the new thread exists, and WorkerNotStarted if it cannot be created. The
   // new thread calls WorkerStarted first and WorkerEnded last.
   virtual void WorkerStarting() = 0;

@@ -14,7 +14,7 @@ struct RegistryValue {
   std::vector<std::byte> data;  // exactly as stored, without an added terminator
 };
 
-// Reads below HKEY_LOCAL_MACHINE (64-bit view, KEY_READ). Does not cache.
+// Reads values under HKEY_LOCAL_MACHINE (64-bit view, KEY_READ). Does not cache.
 class Registry {
  public:
   virtual ~Registry() = default;

@@ -48,7 +48,7 @@ class VxAuthenticodeHelper {
   // untrusted root is never enough.
   static bool IsTrustedByWindows(const std::vector<SignatureRecord>& records) noexcept;
 
-  // Whether one of `records` was signed with a key in `keys`.
+  // Whether any of `records` was signed with a key in `keys`.
   static bool IsKeyPinned(const std::vector<SignatureRecord>& records, KeySet keys) noexcept;
 
   // Whether only administrators can put programs where the file is: below an allowed prefix, or in

@@ -23,7 +23,7 @@ struct FileTrust {
   std::optional<PathVerdict> place;  // empty if it was not checked
 };
 
-// Decides as IsFileTrusted does, against `keys`. An empty path is not trusted. Logs as the facade
+// Like IsFileTrusted, but checks against `keys`. An empty path is not trusted. Logs as the facade
 // does. Throws only standard exceptions.
 FileTrust VerifyFile(const std::wstring& path, KeySet keys);
 

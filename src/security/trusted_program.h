@@ -28,7 +28,7 @@ class TrustedProgram {
   // again, because the process that prevented the first lock could have changed the file since.
   static ProgramCheck Check(const std::wstring& path, KeySet keys = RestrictedKeys());
 
-  // Checks a `path` that Check found trusted as `known` again, against RestrictedKeys. Returns
+  // Rechecks `path`, which Check found trusted as `known`, against RestrictedKeys. Returns
   // nothing, without reading the file, unless it can be locked and is still the same one, with the
   // same size and time of writing.
   static std::optional<ProgramCheck> CheckUnchanged(const std::wstring& path,

@@ -81,7 +81,7 @@ void StartWakeupCheck(const std::shared_ptr<ServiceState>& state) {
   CatchAndLog("startup_task", [&] { Platform::StartDetached([state] { RunWakeupCheck(state); }); });
 }
 
-// Returns false if the service ends first, and true even if no user came in two hours.
+// Returns false if the service ends first, and true even if no user signed in within two hours.
 bool WaitForUser(const ServiceState& state) {
   state.logger->LogInfo(kUserWait);
   const Launcher launcher;

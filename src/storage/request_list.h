@@ -21,8 +21,8 @@ std::optional<std::wstring> ListWith(std::wstring_view list, std::wstring_view r
 // Returns `list` without the first element whose text is `request`, or nothing if there is none.
 std::optional<std::wstring> ListWithout(std::wstring_view list, std::wstring_view request);
 
-// As ListWithout, for a request that has fired. Ignores white space in `request`, which may be the
-// client's text instead of the stored one.
+// Like ListWithout, but for a request that has fired. Ignores white space in `request`, which may
+// be the client's text instead of the stored one.
 std::optional<std::wstring> ListWithoutCompleted(std::wstring_view list, std::wstring_view request);
 
 // Returns the text of each element in order, or nothing for an element that is not an object.

@@ -69,7 +69,7 @@ class RequestManager {
   // value is not a string, returns text that is not a JSON array.
   std::wstring StoredList() const;
 
-  // As StoredList, but throws std::runtime_error if the store or the document in it could not be
+  // Like StoredList, but throws std::runtime_error if the store or the document in it could not be
   // read at construction.
   std::wstring RequireStoredList() const;
 

@@ -56,7 +56,7 @@ class SealedFile {
   // in Write too, for up to 250 ms in the life of this object.
   Reading Read();
 
-  // As Read, but does not complete an interrupted write: changes nothing.
+  // Like Read, but changes nothing: does not complete an interrupted write.
   Reading ReadOnce();
 
   // Replaces the file with this id and document. `before` is the last reading. Logs why it returns

@@ -38,7 +38,7 @@ struct Options {
   std::string timeline;
 };
 
-// Returns the files given by an argument: itself, or a folder's logs by age.
+// Returns the file that an argument names or, for a folder, its logs sorted by age.
 std::vector<std::filesystem::path> FilesOf(const std::string& argument) {
   const std::filesystem::path path = FullPath(argument);
   std::error_code error;

@@ -17,7 +17,7 @@ enum class ShownValues { All, Exported };  // Exported: only this module's
 // number of values omitted. Throws std::runtime_error if the store cannot be read.
 Json::WideDocument StoreContent(const StoreLook& look, ShownValues shown, std::size_t& left);
 
-// Returns the kind with this name in that output, or an unknown one.
+// Returns the kind that has this name in that output, or an unknown kind if none does.
 Tessel::Server::Storage::BsonKind KindNamed(const std::wstring& name);
 
 // Returns a string, Boolean or integer as an element of `kind`, or nothing if it is another kind.

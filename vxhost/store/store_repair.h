@@ -8,7 +8,7 @@
 namespace Vx::Host {
 
 // Operations on the whole store. Each checks its input before changing anything, keeps a copy next
-// to any store that it replaces, and throws std::runtime_error with what it found.
+// to any store that it replaces, and throws std::runtime_error describing a problem that it finds.
 
 // Copies the store's file to `path`, which must not exist. Rejects a store that is not sound.
 void BackUpStore(const std::wstring& path, const HoldLimits& limits);

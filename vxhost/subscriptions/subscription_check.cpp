@@ -172,7 +172,7 @@ class Checker {
     return nullptr;
   }
 
-  // Returns the member if present and of this shape. Otherwise lists why not.
+  // Returns the member if present and of this shape. Otherwise adds the reason to the list.
   const WideValue* Take(Level& level, const std::wstring& name, Shape shape, Need need) {
     level.asked.insert(name);
     const std::wstring key = level.prefix + name;

@@ -16,7 +16,7 @@ namespace Vx::Platform {
 namespace {
 
 // The state that a new thread takes over: its work, and a reference that keeps this module loaded
-// until the thread ends, inside Windows.
+// until the thread has left its code.
 struct Starter {
   std::function<void()> body;
   HMODULE module = nullptr;
