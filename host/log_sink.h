@@ -46,7 +46,7 @@ typedef struct VxLogLine {
 // copy what it keeps, return at once, and neither throw nor call the module.
 typedef void (*VxLogSink)(const VxLogLine* line, void* context);
 
-// Replaces the sink, or removes it if null. After this returns, the earlier one is no longer
+// Replaces the sink, or removes it if null. After this returns, the earlier one is not
 // called. Any thread except one that is in a sink. Find it by its name with GetProcAddress: a
 // module that logs through another library does not have it.
 void VxSetLogSink(VxLogSink sink, void* context);

@@ -29,7 +29,7 @@ concept LogArgument = std::is_arithmetic_v<std::decay_t<T>> || std::is_pointer_v
 
 // Writes log lines for one provider. Formats are printf-style and wide, with the host's
 // conversions: %s takes wide text, %S narrow UTF-8. Any thread; never throws. A line that cannot be
-// formatted or delivered is dropped. Costs almost nothing if there is no listener.
+// formatted or delivered is dropped. Costs almost nothing unless someone listens.
 class TraceLogger {
  public:
   // The same logger with a caller identity on every record. Borrows both.

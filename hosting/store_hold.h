@@ -8,7 +8,7 @@ namespace Vx::Host {
 
 // Keeps every other process out of the store for the life of this object: those that share the
 // services' mutex, and those in this session, if it has a mutex. Does not create a session mutex.
-// The constructing thread may use the store meanwhile.
+// The constructing thread may still use the store.
 class StoreHold {
  public:
   // Throws std::runtime_error, like ServicesMutexFor and AwaitStoreMutex.

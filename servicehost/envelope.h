@@ -24,7 +24,7 @@ struct CommandEnvelope {
   std::wstring request;  // never contains U+0000, because the module takes null-terminated strings
 };
 
-// The result of a command: {"code": 0, "response": "..."}, without `response` if there is no text.
+// The result of a command: {"code": 0, "response": "..."}, or only the code if there is no text.
 struct ResultEnvelope {
   std::uint32_t code = 0;
   std::optional<std::wstring> response;

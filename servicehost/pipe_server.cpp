@@ -26,8 +26,8 @@ constexpr wchar_t kAccountIsFull[] =
     L"a client was turned away, because its account holds too many places: ";
 constexpr wchar_t kReserved[] =
     L"a client was turned away, because the places left are for administrators: ";
-constexpr wchar_t kNoMemory[] = L"a client was turned away for want of memory";
-constexpr wchar_t kNoThread[] = L"a client was turned away for want of a thread";
+constexpr wchar_t kNoMemory[] = L"a client was turned away, because memory ran out";
+constexpr wchar_t kNoThread[] = L"a client was turned away, because no thread could be started";
 constexpr wchar_t kRubbish[] = L"a client was disconnected, its message is not a command: ";
 constexpr wchar_t kTooSlow[] = L"a client was disconnected, it did not read its result: ";
 constexpr wchar_t kTooLong[] = L"a client was disconnected, its result is too long: ";

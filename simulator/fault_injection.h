@@ -17,7 +17,7 @@ namespace Vx::Simulator {
 // returns nothing, an interface that throws throws that HRESULT.
 //
 // A fault walk repeats one scenario: in run n call n fails, until a run makes too few calls
-// (Calls() is no longer than n). Any thread.
+// (Calls() does not exceed n). Any thread.
 class FaultInjection {
  public:
   FaultInjection() = default;

@@ -36,7 +36,8 @@ constexpr wchar_t kTookTooLong[] =
 constexpr wchar_t kStuck[] = L"CopyRegistration - not begun, because an earlier copy hangs";
 
 constexpr std::chrono::seconds kLongestCopy{30};
-constexpr std::chrono::seconds kLongestEnd{1};  // of a cancelled copy
+constexpr std::chrono::milliseconds kPause{100};
+constexpr int kCancels = 10;  // tries, each followed by a pause
 
 std::string StoredState() {
   try {
@@ -124,8 +125,13 @@ bool AwaitCopy(const CopyPtr& copy) noexcept try {
   stuck = nullptr;
   Platform::Thread worker([copy] { copy->Run(); });
   if (!worker.JoinFor(kLongestCopy)) {
-    worker.CancelIo();
-    if (!worker.JoinFor(kLongestEnd)) stuck = copy;
+    // A copy that fails still removes its partial file, which can be held up as well.
+    bool ended = false;
+    for (int tries = 0; tries < kCancels && !ended; ++tries) {
+      worker.CancelIo();
+      ended = worker.JoinFor(kPause);
+    }
+    if (!ended) stuck = copy;
     copy->logger.For(copy->caller.c_str())
         .LogWarning(kTookTooLong, copy->source.c_str(), copy->destination.c_str());
     if (stuck != nullptr) worker.Detach();

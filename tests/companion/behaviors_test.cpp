@@ -211,13 +211,13 @@ TEST_F(RegistrationDataTest, CopiesNothingWithTheRightsOfAnotherUser) {
   EXPECT_EQ(Read(Destination()), "old");
 }
 
-// A program of the user holds up the access to a file, until the thread's call is cancelled or, if
-// that has no effect, until the hold ends.
+// A program of the user holds up each change of a file, until the thread's call is cancelled or,
+// if that has no effect, until the hold ends.
 class HeldUpFiles final : public Platform::Threads {
  public:
   explicit HeldUpFiles(Platform::Machine& platform) : clock(*platform.clock) {
-    files.onStep = [this](const char*) {
-      if (!holds) return 0U;
+    files.onStep = [this](const char* step) {
+      if (!holds || std::string_view(step) == "Read") return 0U;
       clock.Wait(freed.get(), std::nullopt);
       return Tests::kFault;
     };
@@ -241,9 +241,16 @@ class HeldUpFiles final : public Platform::Threads {
   bool cancels = true;
 
  private:
+  struct Files final : Tests::FaultyFiles {
+    Platform::ErrorCode Remove(const std::wstring& path) override {
+      onStep("Remove");
+      return FaultyFiles::Remove(path);
+    }
+  };
+
   Platform::Clock& clock;
   Platform::UniqueHandle freed{CreateEventW(nullptr, FALSE, FALSE, nullptr)};
-  Tests::FaultyFiles files;
+  Files files;
 };
 
 TEST_F(RegistrationDataTest, AUserWhoHoldsUpTheCopyHoldsUpNeitherAResumeNorACommandForLong) {
@@ -257,7 +264,9 @@ TEST_F(RegistrationDataTest, AUserWhoHoldsUpTheCopyHoldsUpNeitherAResumeNorAComm
     return machine.clock.Elapsed() - begin;
   };
   Write(Source(), "new");
-  EXPECT_EQ(secondsOfCopy(false), seconds(30));
+  // The partial file can be held up as well when it is removed.
+  EXPECT_EQ(secondsOfCopy(false), seconds(30) + std::chrono::milliseconds(100));
+  EXPECT_EQ(machine.clock.Workers(), 0U);
   EXPECT_EQ(log.Lines().back(),
             L"warning|CopyRegistration - cancelled, because another program "
             L"holds up " +

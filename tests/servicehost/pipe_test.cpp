@@ -222,8 +222,8 @@ TEST_F(PipeTest, AShortageCostsOneClientAndIsReported) {
     std::uint32_t id;
     const wchar_t* line;
   } kCases[] = {
-      {Missing::Thread, 7, L"WARNING a client was turned away for want of a thread"},
-      {Missing::Memory, 7, L"WARNING a client was turned away for want of a thread"},
+      {Missing::Thread, 7, L"WARNING a client was turned away, because no thread could be started"},
+      {Missing::Memory, 7, L"WARNING a client was turned away, because no thread could be started"},
       {Missing::Nothing, 3, L"WARNING a client was disconnected, its result is too long: "},
       {Missing::Nothing, 4, L"ERROR a connection ended without memory"},
   };
@@ -241,7 +241,7 @@ TEST_F(PipeTest, AShortageCostsOneClientAndIsReported) {
   PipeClient last = Client();
   EXPECT_EQ(last.Execute({7, L"last"}).response, L"last");
   EXPECT_THROW(Client().Execute({7, L""}), std::runtime_error);
-  EXPECT_TRUE(IsReported(L"ERROR a client was turned away for want of memory"));
+  EXPECT_TRUE(IsReported(L"ERROR a client was turned away, because memory ran out"));
   EXPECT_EQ(last.Execute({7, L"still"}).response, L"still");
   EXPECT_EQ(Client().Execute({7, L"next"}).response, L"next");
 }

@@ -85,7 +85,7 @@ class FaultyFileHandle final : public Platform::FileHandle {
 };
 
 // Real files with switchable faults.
-class FaultyFiles final : public Simulator::SimulatedFiles, public FileFaults {
+class FaultyFiles : public Simulator::SimulatedFiles, public FileFaults {
  public:
   bool linksEverywhere = false;  // every existing path has the reparse attribute
 
