@@ -60,6 +60,11 @@ constexpr unsigned kFreeMemory = 1;
 constexpr std::uint32_t kSessionLogon = 5;   // WTS_SESSION_LOGON
 constexpr std::uint32_t kSessionLogoff = 6;  // WTS_SESSION_LOGOFF
 
+int Report(const Records::Outcome& done, Records::Outcome* outcome) {
+  if (outcome != nullptr) *outcome = done;
+  return 0;
+}
+
 void SignalIfMade(Platform::RawHandle event) {
   if (event != nullptr) Platform::CurrentMachine().kernelObjects->Signal(event);
 }
@@ -181,24 +186,28 @@ bool OrvaneService::RegisterAppPackageEvent(const wchar_t* request) {
   return Orvane::RegisterAppPackageEvent(request, state.get(), state->stopEvent);
 }
 
-Records::Outcome OrvaneService::RegisterPowerEvent(const wchar_t* request) {
-  return RegisterSubscription(kPowerEvents, request);
+int OrvaneService::RegisterPowerEvent(const wchar_t* request, const wchar_t* /*unused*/,
+                                      Records::Outcome* outcome) {
+  return Report(RegisterSubscription(kPowerEvents, request), outcome);
 }
 
-Records::Outcome OrvaneService::UnregisterPowerEvent(const wchar_t* request) {
-  return UnregisterSubscription(kPowerEvents, request);
+int OrvaneService::UnregisterPowerEvent(const wchar_t* request, const wchar_t* /*unused*/,
+                                        Records::Outcome* outcome) {
+  return Report(UnregisterSubscription(kPowerEvents, request), outcome);
 }
 
 void OrvaneService::FulfillPowerManagementEventRequests(std::uint32_t eventType) {
   FulfillSubscriptions(kPowerEvents, eventType, state->stopEvent);
 }
 
-Records::Outcome OrvaneService::RegisterZephraEvent(const wchar_t* request) {
-  return RegisterSubscription(kZephraEvents, request);
+int OrvaneService::RegisterZephraEvent(const wchar_t* request, const wchar_t* /*unused*/,
+                                       Records::Outcome* outcome) {
+  return Report(RegisterSubscription(kZephraEvents, request), outcome);
 }
 
-Records::Outcome OrvaneService::UnregisterZephraEvent(const wchar_t* request) {
-  return UnregisterSubscription(kZephraEvents, request);
+int OrvaneService::UnregisterZephraEvent(const wchar_t* request, const wchar_t* /*unused*/,
+                                         Records::Outcome* outcome) {
+  return Report(UnregisterSubscription(kZephraEvents, request), outcome);
 }
 
 void OrvaneService::FulfillZephraManagementEventRequests(std::uint32_t eventType) {
@@ -249,19 +258,21 @@ bool OrvaneService::Launch10SSwitchSoftwares() {
   return arguments && LaunchExeFor10SSwitch(kSwitchProgram, arguments->c_str());
 }
 
-Records::Outcome OrvaneService::OnPolicyChangedEvent() {
+int OrvaneService::OnPolicyChangedEvent(const wchar_t* /*unused*/, const wchar_t* /*unusedToo*/,
+                                        Records::Outcome* outcome) {
+  Records::Outcome done{Records::Decision::Failed, Records::Reason::Exception};
   try {
     Storage::CapDataStore store;
     const bool stored = store.persist(kPolicyChangedKey, "yes");
     FulfillZephraManagementEventRequests(static_cast<std::uint32_t>(ZephraEvent::PolicyChanged));
-    return {Records::Decision::Done,
+    done = {Records::Decision::Done,
             stored ? Records::Reason::None : Records::Reason::StoreRefused};
   } catch (const Platform::WindowsRuntimeError& error) {
     state->logger->LogWarning(kPolicyRuntimeError, error.message().c_str(), error.code());
   } catch (const std::exception& error) {
     state->logger->LogWarning(kPolicyFailed, error.what());
   }
-  return {Records::Decision::Failed, Records::Reason::Exception};
+  return Report(done, outcome);
 }
 
 }  // namespace Vx::Tessel::Server::Services::Orvane

@@ -37,12 +37,18 @@ class OrvaneService final : public VxService {
   // Stores a package subscription and makes it live for this service.
   bool RegisterAppPackageEvent(const wchar_t* request);
 
-  // Change the stored power and platform ("Zephra") subscriptions, or raise the policy event.
-  Records::Outcome RegisterPowerEvent(const wchar_t* request);
-  Records::Outcome UnregisterPowerEvent(const wchar_t* request);
-  Records::Outcome RegisterZephraEvent(const wchar_t* request);
-  Records::Outcome UnregisterZephraEvent(const wchar_t* request);
-  Records::Outcome OnPolicyChangedEvent();
+  // Change the stored power and platform ("Zephra") subscriptions, or raise the policy event. The
+  // second string is not used. Return 0 and, unless `outcome` is null, what was done.
+  int RegisterPowerEvent(const wchar_t* request, const wchar_t* unused,
+                         Records::Outcome* outcome = nullptr);
+  int UnregisterPowerEvent(const wchar_t* request, const wchar_t* unused,
+                           Records::Outcome* outcome = nullptr);
+  int RegisterZephraEvent(const wchar_t* request, const wchar_t* unused,
+                          Records::Outcome* outcome = nullptr);
+  int UnregisterZephraEvent(const wchar_t* request, const wchar_t* unused,
+                            Records::Outcome* outcome = nullptr);
+  int OnPolicyChangedEvent(const wchar_t* unused, const wchar_t* unusedToo,
+                           Records::Outcome* outcome = nullptr);
 
   // Deliver an event to every stored subscription of its kind (see FulfillSubscriptions).
   void FulfillPowerManagementEventRequests(std::uint32_t eventType);

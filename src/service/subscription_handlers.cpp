@@ -94,31 +94,31 @@ std::uint32_t SubscribeToPackageEvent(const Call& call) {
 }
 
 std::uint32_t SubscribeToPowerEvent(const Call& call) {
-  call.record.outcome = call.service.RegisterPowerEvent(call.text);
+  call.service.RegisterPowerEvent(call.text, call.caller.clientId, &call.record.outcome);
   Name(call, kPowerForm, Faults::Reported);
   return kSuccess;
 }
 
 std::uint32_t SubscribeToZephraEvent(const Call& call) {
-  call.record.outcome = call.service.RegisterZephraEvent(call.text);
+  call.service.RegisterZephraEvent(call.text, call.caller.clientId, &call.record.outcome);
   Name(call, kZephraForm, Faults::Reported);
   return kSuccess;
 }
 
 std::uint32_t UnsubscribeFromPowerEvent(const Call& call) {
-  call.record.outcome = call.service.UnregisterPowerEvent(call.text);
+  call.service.UnregisterPowerEvent(call.text, call.caller.clientId, &call.record.outcome);
   Name(call, kPowerForm);
   return kSuccess;
 }
 
 std::uint32_t UnsubscribeFromZephraEvent(const Call& call) {
-  call.record.outcome = call.service.UnregisterZephraEvent(call.text);
+  call.service.UnregisterZephraEvent(call.text, call.caller.clientId, &call.record.outcome);
   Name(call, kZephraForm);
   return kSuccess;
 }
 
 std::uint32_t ReportPolicyChange(const Call& call) {
-  call.record.outcome = call.service.OnPolicyChangedEvent();
+  call.service.OnPolicyChangedEvent(call.text, call.caller.clientId, &call.record.outcome);
   return kSuccess;
 }
 

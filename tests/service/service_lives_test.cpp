@@ -187,7 +187,7 @@ TEST_F(ServiceLivesTest, DestructionEndsTheDeliveriesThatWait) {
   OrvaneService* const other = OrvaneService::Create();
   for (OrvaneService* service : {host.service.get(), other}) {
     service->power_event_task(7);
-    service->OnPolicyChangedEvent();
+    service->OnPolicyChangedEvent(L"", L"");
   }
   machine.clock.Settle();
   log.Clear();
