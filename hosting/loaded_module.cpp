@@ -8,7 +8,7 @@
 #include "hosting/services_mutex.h"
 #include "hosting/text.h"
 
-namespace Vx::Host {
+namespace Vx::Hosting {
 
 using Tessel::Server::Services::ClientContext;
 
@@ -65,4 +65,4 @@ ServiceSession LoadedModule::NewService() const {
   return ServiceSession(WithServicesMutex(*service));
 }
 
-}  // namespace Vx::Host
+}  // namespace Vx::Hosting

@@ -7,7 +7,7 @@
 
 #include "host/vx_service.h"
 
-namespace Vx::Host {
+namespace Vx::Hosting {
 
 struct CommandResult {
   std::uint32_t code = 0;
@@ -59,4 +59,4 @@ class LoadedModule {
   Tessel::Server::Services::CreateServiceFunction factory = nullptr;
 };
 
-}  // namespace Vx::Host
+}  // namespace Vx::Hosting

@@ -8,7 +8,7 @@
 
 #include <windows.h>
 
-namespace Vx::Host {
+namespace Vx::Hosting {
 
 namespace {
 
@@ -88,4 +88,4 @@ void ModuleLog::Take(const VxLogLine* line, void* context) noexcept {
   }
 }
 
-}  // namespace Vx::Host
+}  // namespace Vx::Hosting

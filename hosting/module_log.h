@@ -8,7 +8,7 @@
 #include "host/log_sink.h"
 #include "hosting/loaded_module.h"
 
-namespace Vx::Host {
+namespace Vx::Hosting {
 
 // A copy of a VxLogRecord, which documents the members.
 struct DecisionRecord {
@@ -82,4 +82,4 @@ class ModuleLog {
   VxSetLogSinkFunction setSink;  // null if the module does not export it
 };
 
-}  // namespace Vx::Host
+}  // namespace Vx::Hosting

@@ -11,7 +11,7 @@
 #include "hosting/text.h"
 #include "storage/cap_data_store.h"
 
-namespace Vx::Host {
+namespace Vx::Hosting {
 
 namespace {
 
@@ -143,4 +143,4 @@ VxService* WithServicesMutex(VxService& inner) {
   return new LockingService(inner);
 }
 
-}  // namespace Vx::Host
+}  // namespace Vx::Hosting

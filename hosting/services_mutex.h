@@ -13,7 +13,7 @@
 // global namespace, any other program in its own session's namespace, where it does not block a
 // service. Outside the services' session, this tool therefore also takes the global mutex.
 
-namespace Vx::Host {
+namespace Vx::Hosting {
 
 // Returns whether a process in `session`, with `programData` as its %ProgramData%, shares the store
 // with services but not their mutex. `machineData` is the machine-wide folder, or empty if unknown.
@@ -50,4 +50,4 @@ class ServicesMutexHold {
 // the mutex. Threads started by `inner` do not hold it. Calls throw as ServicesMutexFor does.
 Tessel::Server::Services::VxService* WithServicesMutex(Tessel::Server::Services::VxService& inner);
 
-}  // namespace Vx::Host
+}  // namespace Vx::Hosting

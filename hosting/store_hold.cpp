@@ -7,7 +7,7 @@
 
 #include "storage/cap_data_store.h"
 
-namespace Vx::Host {
+namespace Vx::Hosting {
 
 StoreHold::StoreHold(StoreUse use, const HoldLimits& limits)
     : services(ServicesMutexFor(use), limits),
@@ -25,4 +25,4 @@ StoreHold::~StoreHold() {
   if (session != nullptr) ReleaseMutex(session.get());
 }
 
-}  // namespace Vx::Host
+}  // namespace Vx::Hosting

@@ -4,7 +4,7 @@
 #include "hosting/store_wait.h"
 #include "platform/unique_handle.h"
 
-namespace Vx::Host {
+namespace Vx::Hosting {
 
 // Keeps every other process out of the store for the life of this object: those that share the
 // services' mutex, and those in this session, if it has a mutex. Does not create a session mutex.
@@ -22,4 +22,4 @@ class StoreHold {
   Platform::UniqueHandle session;
 };
 
-}  // namespace Vx::Host
+}  // namespace Vx::Hosting

@@ -8,7 +8,7 @@
 
 #include <windows.h>
 
-namespace Vx::Host {
+namespace Vx::Hosting {
 
 namespace {
 
@@ -72,4 +72,4 @@ void AwaitStoreMutex(Platform::RawHandle mutex, const HoldLimits& limits) {
                            "; --timeout waits longer");
 }
 
-}  // namespace Vx::Host
+}  // namespace Vx::Hosting

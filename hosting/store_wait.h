@@ -4,7 +4,7 @@
 
 #include "platform/unique_handle.h"
 
-namespace Vx::Host {
+namespace Vx::Hosting {
 
 // How long a command waits for the store.
 struct HoldLimits {
@@ -16,4 +16,4 @@ struct HoldLimits {
 // if Windows reveals it. Throws std::runtime_error on timeout or failure.
 void AwaitStoreMutex(Platform::RawHandle mutex, const HoldLimits& limits);
 
-}  // namespace Vx::Host
+}  // namespace Vx::Hosting

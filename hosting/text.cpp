@@ -21,7 +21,7 @@
 
 #include <rapidjson/error/en.h>
 
-namespace Vx::Host {
+namespace Vx::Hosting {
 
 namespace {
 
@@ -256,4 +256,4 @@ std::string FaultText(const std::wstring& text, const Json::ParseFault& fault) {
                : rapidjson::GetParseError_En(fault.code));
 }
 
-}  // namespace Vx::Host
+}  // namespace Vx::Hosting

@@ -8,7 +8,7 @@
 
 #include "json/json_text.h"
 
-namespace Vx::Host {
+namespace Vx::Hosting {
 
 // Convert between UTF-16 and UTF-8. Malformed input becomes U+FFFD.
 std::string Utf8(std::wstring_view text);
@@ -91,4 +91,4 @@ std::string DidYouMean(const std::string& written, const std::vector<std::string
 // Returns where and why the module's parser rejected `text` with `fault`.
 std::string FaultText(const std::wstring& text, const Json::ParseFault& fault);
 
-}  // namespace Vx::Host
+}  // namespace Vx::Hosting

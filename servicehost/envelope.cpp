@@ -6,7 +6,7 @@
 #include "json/json_text.h"
 #include "json/utf8.h"
 
-namespace Vx::Host {
+namespace Vx::Hosting::ServiceHost {
 
 namespace {
 
@@ -111,4 +111,4 @@ void AppendJsonString(std::string& out, std::wstring_view text) {
   out += '"';
 }
 
-}  // namespace Vx::Host
+}  // namespace Vx::Hosting::ServiceHost

@@ -6,7 +6,7 @@
 #include <string>
 #include <string_view>
 
-namespace Vx::Host {
+namespace Vx::Hosting::ServiceHost {
 
 // The messages on the service's pipe: one JSON object in UTF-8 per message.
 //
@@ -41,4 +41,4 @@ std::string WriteResult(const ResultEnvelope& result);
 // Appends `text` to `out` as a UTF-8 JSON string, with U+FFFD in place of unpaired surrogates.
 void AppendJsonString(std::string& out, std::wstring_view text);
 
-}  // namespace Vx::Host
+}  // namespace Vx::Hosting::ServiceHost

@@ -7,7 +7,7 @@
 
 #include <windows.h>
 
-namespace Vx::Host {
+namespace Vx::Hosting::ServiceHost {
 
 namespace {
 
@@ -105,4 +105,4 @@ void RemoveEventSource(const std::wstring& name) noexcept {
   RegDeleteKeyW(HKEY_LOCAL_MACHINE, (kSources + name).c_str());
 }
 
-}  // namespace Vx::Host
+}  // namespace Vx::Hosting::ServiceHost

@@ -8,7 +8,7 @@
 
 #include "servicehost/service_log.h"
 
-namespace Vx::Host {
+namespace Vx::Hosting::ServiceHost {
 
 // The Windows event log, as used by the service.
 class EventJournal {
@@ -45,4 +45,4 @@ void AddEventSource(const std::wstring& name, const std::wstring& program);
 // Does nothing if the source does not exist.
 void RemoveEventSource(const std::wstring& name) noexcept;
 
-}  // namespace Vx::Host
+}  // namespace Vx::Hosting::ServiceHost

@@ -18,7 +18,7 @@
 #include "platform/unique_handle.h"
 #include "platform/windows/file_handle.h"
 
-namespace Vx::Host {
+namespace Vx::Hosting::ServiceHost {
 
 namespace {
 
@@ -244,4 +244,4 @@ std::vector<std::string> DataFolders::Prepare(Existing existing) const {
   return repaired;
 }
 
-}  // namespace Vx::Host
+}  // namespace Vx::Hosting::ServiceHost

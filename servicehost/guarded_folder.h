@@ -6,7 +6,7 @@
 
 #include "platform/files.h"
 
-namespace Vx::Host {
+namespace Vx::Hosting::ServiceHost {
 
 // Accounts that may have write access besides SYSTEM, administrators and the installer.
 enum class Writers {
@@ -54,4 +54,4 @@ class DataFolders {
   Writers accepted;
 };
 
-}  // namespace Vx::Host
+}  // namespace Vx::Hosting::ServiceHost

@@ -16,7 +16,7 @@
 #include "platform/machine.h"
 #include "platform/system_services.h"
 
-namespace Vx::Host {
+namespace Vx::Hosting::ServiceHost {
 
 namespace {
 
@@ -161,4 +161,4 @@ void HostLoop::AwaitSetup() noexcept {
   }
 }
 
-}  // namespace Vx::Host
+}  // namespace Vx::Hosting::ServiceHost

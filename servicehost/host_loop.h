@@ -13,7 +13,7 @@
 #include "servicehost/envelope.h"
 #include "servicehost/service_log.h"
 
-namespace Vx::Host {
+namespace Vx::Hosting::ServiceHost {
 
 // Begins the log line for each power broadcast forwarded to the module, followed by the code.
 inline constexpr wchar_t kPowerForwarded[] = L"power event ";
@@ -101,4 +101,4 @@ class HostLoop {
 // Returns whether this machine has Modern Standby (the AoAc power capability).
 bool HasModernStandby();
 
-}  // namespace Vx::Host
+}  // namespace Vx::Hosting::ServiceHost

@@ -13,7 +13,7 @@
 
 #include "hosting/text.h"
 
-namespace Vx::Host {
+namespace Vx::Hosting::ServiceHost {
 
 namespace {
 
@@ -163,4 +163,4 @@ void LogFolder::DeleteOldest() const {
   }
 }
 
-}  // namespace Vx::Host
+}  // namespace Vx::Hosting::ServiceHost

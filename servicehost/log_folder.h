@@ -9,7 +9,7 @@
 #include "platform/unique_handle.h"
 #include "servicehost/service_log.h"
 
-namespace Vx::Host {
+namespace Vx::Hosting::ServiceHost {
 
 struct LogLimits {
   std::uint64_t fileBytes = std::uint64_t{8} << 20;
@@ -50,4 +50,4 @@ class LogFolder : public LogTarget {
   std::uint64_t size = 0;  // of the open file, in bytes
 };
 
-}  // namespace Vx::Host
+}  // namespace Vx::Hosting::ServiceHost

@@ -17,6 +17,6 @@ int main() {
       CommandLineToArgvW(GetCommandLineW(), &count), &LocalFree);
   if (arguments == nullptr || count != 2) return ERROR_BAD_ARGUMENTS;
   const std::wstring name = arguments.get()[1];
-  if (!Vx::Host::IsServiceName(name)) return ERROR_INVALID_NAME;
-  return static_cast<int>(Vx::Host::RunUnderManager(name));
+  if (!Vx::Hosting::ServiceHost::IsServiceName(name)) return ERROR_INVALID_NAME;
+  return static_cast<int>(Vx::Hosting::ServiceHost::RunUnderManager(name));
 }

@@ -11,7 +11,7 @@
 #include "hosting/text.h"
 #include "platform/unique_handle.h"
 
-namespace Vx::Host {
+namespace Vx::Hosting::ServiceHost {
 
 namespace {
 
@@ -114,4 +114,4 @@ std::wstring CallerName(std::uint32_t processId) {
   return Harmless(user.empty() ? file : user + L" " + file);
 }
 
-}  // namespace Vx::Host
+}  // namespace Vx::Hosting::ServiceHost

@@ -3,7 +3,7 @@
 #include <cstdint>
 #include <string>
 
-namespace Vx::Host {
+namespace Vx::Hosting::ServiceHost {
 
 // The rights of the process at the other end of a pipe. The process may end and another one get its
 // id, so use this only to allocate connections, never for access checks.
@@ -19,4 +19,4 @@ PipeCaller CallerOf(std::uint32_t processId);
 // characters that could make one caller look like another. May query a domain controller.
 std::wstring CallerName(std::uint32_t processId);
 
-}  // namespace Vx::Host
+}  // namespace Vx::Hosting::ServiceHost

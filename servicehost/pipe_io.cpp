@@ -4,7 +4,7 @@
 
 #include <windows.h>
 
-namespace Vx::Host {
+namespace Vx::Hosting::ServiceHost {
 
 namespace {
 
@@ -84,4 +84,4 @@ PipeOutcome PipeMessages::Write(const std::string& message, std::chrono::millise
   return write.transferred == message.size() ? PipeOutcome::Done : PipeOutcome::Ended;
 }
 
-}  // namespace Vx::Host
+}  // namespace Vx::Hosting::ServiceHost

@@ -6,7 +6,7 @@
 
 #include "platform/unique_handle.h"
 
-namespace Vx::Host {
+namespace Vx::Hosting::ServiceHost {
 
 enum class PipeOutcome {
   Done,
@@ -37,4 +37,4 @@ class PipeMessages {
   Platform::UniqueHandle finished;  // null if not created: every operation then fails
 };
 
-}  // namespace Vx::Host
+}  // namespace Vx::Hosting::ServiceHost

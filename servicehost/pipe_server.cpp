@@ -12,7 +12,7 @@
 
 #include "servicehost/pipe_io.h"
 
-namespace Vx::Host {
+namespace Vx::Hosting::ServiceHost {
 
 namespace {
 
@@ -220,4 +220,4 @@ void PipeServer::Serve(Connection& connection) noexcept {
   SetEvent(left.get());
 }
 
-}  // namespace Vx::Host
+}  // namespace Vx::Hosting::ServiceHost

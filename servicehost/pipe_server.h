@@ -16,7 +16,7 @@
 #include "servicehost/envelope.h"
 #include "servicehost/pipe_caller.h"
 
-namespace Vx::Host {
+namespace Vx::Hosting::ServiceHost {
 
 // Returns the path of the pipe that the service `serviceName` uses.
 std::wstring PipePath(const std::wstring& serviceName);
@@ -87,4 +87,4 @@ class PipeServer {
 // remote users. `allowed` can read and write, but not create an instance of the pipe.
 std::wstring PipeAccess(const std::vector<std::wstring>& allowed);
 
-}  // namespace Vx::Host
+}  // namespace Vx::Hosting::ServiceHost

@@ -8,7 +8,7 @@ DWORD WINAPI PowerRegisterSuspendResumeNotification(DWORD flags, HANDLE recipien
 DWORD WINAPI PowerUnregisterSuspendResumeNotification(void* handle);
 }
 
-namespace Vx::Host {
+namespace Vx::Hosting::ServiceHost {
 
 namespace {
 
@@ -31,4 +31,4 @@ PowerNotifications::~PowerNotifications() {
   if (handle != nullptr) PowerUnregisterSuspendResumeNotification(handle);
 }
 
-}  // namespace Vx::Host
+}  // namespace Vx::Hosting::ServiceHost

@@ -3,7 +3,7 @@
 #include <cstdint>
 #include <functional>
 
-namespace Vx::Host {
+namespace Vx::Hosting::ServiceHost {
 
 // Receives suspend and resume notifications for the life of this object. With Modern Standby, they
 // may come without a service control.
@@ -29,4 +29,4 @@ class PowerNotifications {
   void* handle = nullptr;
 };
 
-}  // namespace Vx::Host
+}  // namespace Vx::Hosting::ServiceHost

@@ -11,7 +11,7 @@
 #include "platform/machine.h"
 #include "servicehost/envelope.h"
 
-namespace Vx::Host {
+namespace Vx::Hosting::ServiceHost {
 
 namespace {
 
@@ -219,4 +219,4 @@ bool ServiceLog::WriteEverywhere(const LogEntry& entry) noexcept {
   return written;
 }
 
-}  // namespace Vx::Host
+}  // namespace Vx::Hosting::ServiceHost

@@ -15,7 +15,7 @@
 #include "hosting/module_log.h"
 #include "platform/thread.h"
 
-namespace Vx::Host {
+namespace Vx::Hosting::ServiceHost {
 
 struct LogEntry {
   std::uint64_t time = 0;  // a FILETIME, in UTC
@@ -97,4 +97,4 @@ LogEntry EntryOf(LogLine line);
 // never split over lines, so the lines of one thread can be told apart by delivery.
 std::string JsonLineOf(const LogEntry& entry);
 
-}  // namespace Vx::Host
+}  // namespace Vx::Hosting::ServiceHost

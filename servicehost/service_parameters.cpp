@@ -11,7 +11,7 @@
 #include "platform/machine.h"
 #include "platform/registry.h"
 
-namespace Vx::Host {
+namespace Vx::Hosting::ServiceHost {
 
 namespace {
 
@@ -88,4 +88,4 @@ void WriteParameters(const ServiceOptions& options) {
   Write(key, kDevelopment, REG_DWORD, &development, sizeof development);
 }
 
-}  // namespace Vx::Host
+}  // namespace Vx::Hosting::ServiceHost

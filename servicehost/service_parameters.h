@@ -3,7 +3,7 @@
 #include <string>
 #include <vector>
 
-namespace Vx::Host {
+namespace Vx::Hosting::ServiceHost {
 
 struct ServiceOptions {
   std::wstring name;
@@ -24,4 +24,4 @@ ServiceOptions ReadParameters(const std::wstring& name);
 // Throws std::runtime_error if a value cannot be written.
 void WriteParameters(const ServiceOptions& options);
 
-}  // namespace Vx::Host
+}  // namespace Vx::Hosting::ServiceHost

@@ -21,7 +21,7 @@
 #include "servicehost/power_notifications.h"
 #include "servicehost/trace_target.h"
 
-namespace Vx::Host {
+namespace Vx::Hosting::ServiceHost {
 
 namespace {
 
@@ -307,4 +307,4 @@ std::uint32_t RunUnderManager(const std::wstring& name) {
   return StartServiceCtrlDispatcherW(table) != FALSE ? ERROR_SUCCESS : GetLastError();
 }
 
-}  // namespace Vx::Host
+}  // namespace Vx::Hosting::ServiceHost

@@ -15,7 +15,7 @@
 #include "servicehost/service_log.h"
 #include "servicehost/service_parameters.h"
 
-namespace Vx::Host {
+namespace Vx::Hosting::ServiceHost {
 
 // User-defined controls that simulate events for a service under development. `code` is at most 63.
 constexpr std::uint32_t PowerControl(std::uint32_t code) {
@@ -124,4 +124,4 @@ class ServiceProcess {
 // nothing and returns ERROR_FAILED_SERVICE_CONTROLLER_CONNECT (1063).
 std::uint32_t RunUnderManager(const std::wstring& name);
 
-}  // namespace Vx::Host
+}  // namespace Vx::Hosting::ServiceHost

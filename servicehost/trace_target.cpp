@@ -8,7 +8,7 @@
 
 #include <evntprov.h>
 
-namespace Vx::Host {
+namespace Vx::Hosting::ServiceHost {
 
 namespace {
 
@@ -151,4 +151,4 @@ bool TraceTarget::Write(const LogEntry& entry) noexcept {
   return true;
 }
 
-}  // namespace Vx::Host
+}  // namespace Vx::Hosting::ServiceHost

@@ -9,7 +9,7 @@
 
 #include "servicehost/service_log.h"
 
-namespace Vx::Host {
+namespace Vx::Hosting::ServiceHost {
 
 // Event Tracing for Windows, as used by the service.
 class TraceWriter {
@@ -41,4 +41,4 @@ class TraceTarget final : public LogTarget {
   std::unique_ptr<TraceWriter> writer;
 };
 
-}  // namespace Vx::Host
+}  // namespace Vx::Hosting::ServiceHost

@@ -13,7 +13,7 @@
 #include "support/probe.h"
 #include "support/temp_folder.h"
 
-namespace Vx::Host {
+namespace Vx::Hosting {
 namespace {
 
 // NOLINTNEXTLINE(performance-no-int-to-ptr): nothing may follow it
@@ -73,4 +73,4 @@ TEST(ModuleLogTest, PassesNoLineOnceItHasEndedWhileAThreadLogs) {
 }
 
 }  // namespace
-}  // namespace Vx::Host
+}  // namespace Vx::Hosting

@@ -18,7 +18,7 @@
 #include "support/probe.h"
 #include "support/temp_folder.h"
 
-namespace Vx::Host {
+namespace Vx::Hosting {
 namespace {
 
 using Platform::UniqueHandle;
@@ -148,4 +148,4 @@ TEST_F(ServicesMutexTest, NoProgramWithAStoreOfItsOwnTakesIt) {
 }
 
 }  // namespace
-}  // namespace Vx::Host
+}  // namespace Vx::Hosting

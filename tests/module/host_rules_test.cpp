@@ -28,8 +28,8 @@ class HostRulesTest : public RuntimeTest {
 
   RegisteredFakes fakes;
   PrivateStore store;
-  Host::LoadedModule module{ModulePath()};
-  Host::ServiceSession service = module.NewService();
+  Hosting::LoadedModule module{ModulePath()};
+  Hosting::ServiceSession service = module.NewService();
 };
 
 TEST_F(HostRulesTest, CallsOfSlot8WaitForOneAnother) {
@@ -52,7 +52,7 @@ TEST_F(HostRulesTest, CallsOfSlot8WaitForOneAnother) {
 TEST_F(HostRulesTest, SeveralObjectsShareTheStore) {
   constexpr wchar_t kPower[] =
       LR"({"powerEventType":7,"eventAction":1,"commandParams":{"path":"C:\\a.exe"}})";
-  Host::ServiceSession other = module.NewService();
+  Hosting::ServiceSession other = module.NewService();
   EXPECT_EQ(service.Execute(9, kPower, L"client").code, 0U);
   EXPECT_THAT(other.Execute(20, L"{}", L"client").text.value_or(L""), HasSubstr(L"a.exe"));
 }

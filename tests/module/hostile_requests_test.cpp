@@ -136,7 +136,7 @@ class HostileRequestsTest : public ModuleTest {
   }
 
   void Send(std::uint32_t id, const Text& request) {
-    const Host::CommandResult answer = Execute(id, request);
+    const Hosting::CommandResult answer = Execute(id, request);
     ++sent;
     if (Documented(id, answer) && WellFormed(answer)) return;
     ADD_FAILURE() << "id " << id << " returned " << std::hex << answer.code << " for "
@@ -163,7 +163,7 @@ class HostileRequestsTest : public ModuleTest {
   std::size_t sent = 0;
 
  private:
-  static bool Documented(std::uint32_t id, const Host::CommandResult& answer) {
+  static bool Documented(std::uint32_t id, const Hosting::CommandResult& answer) {
     static constexpr std::array kCodes = {0U,          0x20000001U, 0x20000002U, 0x20000003U,
                                           0x20000008U, 0x20000009U, 0x2000000AU};
     static const std::array packageCodes = {PackageManagersFailure(),
@@ -181,7 +181,7 @@ class HostileRequestsTest : public ModuleTest {
     return has(kCodes) || (id == 7 && has(packageCodes));
   }
 
-  static bool WellFormed(const Host::CommandResult& answer) {
+  static bool WellFormed(const Hosting::CommandResult& answer) {
     if (!answer.text) return answer.code == kInvalidRequest;
     Json::InlineDocument<1024> document;
     return answer.code != kInvalidRequest && answer.text->size() <= kMaxResponse &&

@@ -15,13 +15,13 @@ namespace Vx::Tests {
 // it with a store of its own.
 class ModuleTest : public testing::Test {
  protected:
-  Host::CommandResult Execute(std::uint32_t id, const std::wstring& request) {
+  Hosting::CommandResult Execute(std::uint32_t id, const std::wstring& request) {
     return service.Execute(id, request, L"client");
   }
 
   PrivateStore store;
-  Host::LoadedModule module{TestModulePath()};
-  Host::ServiceSession service = module.NewService();
+  Hosting::LoadedModule module{TestModulePath()};
+  Hosting::ServiceSession service = module.NewService();
 };
 
 // A few threads belong to the system's own pools, which grow when they like.

@@ -154,7 +154,7 @@ TEST_F(SoakTest, ServicesComeAndGoWithEverythingInFlight) {
     for (int caller = 0; caller < kCallers; ++caller) {
       callers.emplace_back([&session, odd = (turn + caller) % 2 != 0] {
         const auto use = [&](std::uint32_t id, const wchar_t* request) {
-          const Host::CommandResult answer = session.Execute(id, request, L"soak");
+          const Hosting::CommandResult answer = session.Execute(id, request, L"soak");
           EXPECT_TRUE(answer.code == 0 && answer.text) << id;
         };
         use(22, L"{}");
@@ -194,7 +194,7 @@ DWORD NextThreadSlot() {
 // A thread that ran on in an unloaded module would end this process.
 TEST_F(SoakTest, TheModuleStaysUntilItsLastThreadHasGoneAndLeavesNoThreadSlot) {
   constexpr DWORD kLoads = 5;
-  const auto use = [](Host::LoadedModule loaded) {
+  const auto use = [](Hosting::LoadedModule loaded) {
     for (int turn = 0; turn < 5; ++turn) loaded.NewService().Slots().Start();
   };
   const auto expectGone = [] {
@@ -208,7 +208,7 @@ TEST_F(SoakTest, TheModuleStaysUntilItsLastThreadHasGoneAndLeavesNoThreadSlot) {
   expectGone();
   const DWORD before = NextThreadSlot();
   for (DWORD i = 0; i < kLoads; ++i) {
-    use(Host::LoadedModule(TestModulePath()));
+    use(Hosting::LoadedModule(TestModulePath()));
     expectGone();
   }
   // The thread library that is linked into each module keeps one slot per load. Ours would be

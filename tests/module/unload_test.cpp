@@ -85,8 +85,8 @@ class UnloadDeathTest : public RuntimeTest {
   const std::size_t quiet = ThreadCount();
   std::optional<RegisteredFakes> fakes;
   std::optional<PrivateStore> store;
-  std::optional<Host::LoadedModule> module;
-  std::optional<Host::ServiceSession> service;
+  std::optional<Hosting::LoadedModule> module;
+  std::optional<Hosting::ServiceSession> service;
   Handlers held;  // as the system's threads hold them
 };
 

@@ -4,7 +4,7 @@
 
 #include <gtest/gtest.h>
 
-namespace Vx::Host {
+namespace Vx::Hosting::ServiceHost {
 namespace {
 
 TEST(EnvelopeTest, CarriesEveryTextUnchanged) {
@@ -69,4 +69,4 @@ TEST(EnvelopeTest, RefusesEverythingElse) {
 }
 
 }  // namespace
-}  // namespace Vx::Host
+}  // namespace Vx::Hosting::ServiceHost

@@ -37,7 +37,7 @@ extern "C" decltype(&CoInitializeSecurity) __imp_CoInitializeSecurity;
 extern "C" decltype(&GetPwrCapabilities) __imp_GetPwrCapabilities;
 // NOLINTEND(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
 
-namespace Vx::Host {
+namespace Vx::Hosting::ServiceHost {
 namespace {
 
 using ::testing::HasSubstr;
@@ -323,4 +323,4 @@ TEST_F(HostLoopTest, AFileThatIsNotAModuleIsReported) {
 }
 
 }  // namespace
-}  // namespace Vx::Host
+}  // namespace Vx::Hosting::ServiceHost

@@ -16,7 +16,7 @@
 #include "support/setting.h"
 #include "vxhost/service/pipe_client.h"
 
-namespace Vx::Host {
+namespace Vx::Hosting::ServiceHost {
 namespace {
 
 using namespace std::chrono_literals;
@@ -86,7 +86,7 @@ TEST(HostilePipeTest, AMessageIsACommandOrTheEndOfItsConnection) {
         return ResultEnvelope{command.id, command.request};
       },
       [](const wchar_t*, std::wstring_view) {});
-  PipeClient honest(TestPath(), GetCurrentProcessId(), 10s);
+  Tool::PipeClient honest(TestPath(), GetCurrentProcessId(), 10s);
   std::size_t accepted = 0;
   std::size_t refused = 0;
   Platform::UniqueHandle pipe;
@@ -117,4 +117,4 @@ TEST(HostilePipeTest, AMessageIsACommandOrTheEndOfItsConnection) {
 }
 
 }  // namespace
-}  // namespace Vx::Host
+}  // namespace Vx::Hosting::ServiceHost

@@ -7,7 +7,7 @@
 
 #include "servicehost/service_log.h"
 
-namespace Vx::Host {
+namespace Vx::Hosting::ServiceHost {
 
 // What a ServiceLog writes, each line as "LEVEL caller: message". Any thread.
 class LogLines {
@@ -43,4 +43,4 @@ class LogLines {
   std::wstring text;
 };
 
-}  // namespace Vx::Host
+}  // namespace Vx::Hosting::ServiceHost

@@ -40,7 +40,7 @@
 // NOLINTNEXTLINE(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
 extern "C" decltype(&CreateNamedPipeW) __imp_CreateNamedPipeW;
 
-namespace Vx::Host {
+namespace Vx::Hosting::ServiceHost {
 namespace {
 
 using namespace std::chrono_literals;
@@ -103,7 +103,7 @@ class PipeTest : public ::testing::Test {
         });
   }
 
-  PipeClient Client() { return {path, GetCurrentProcessId(), 5s}; }
+  Tool::PipeClient Client() { return {path, GetCurrentProcessId(), 5s}; }
 
   Platform::UniqueHandle RawClient() {
     for (int i = 0; i < 500; ++i) {
@@ -154,8 +154,8 @@ TEST_F(PipeTest, AnswersEachClientWhileTheCommandOfAnotherOneRuns) {
   Serve();
   Platform::Thread slow([this] { EXPECT_EQ(Client().Execute({1, L"slow"}).response, L"slow"); });
   ASSERT_TRUE(Eventually([this] { return held == 1; }));
-  PipeClient first = Client();
-  PipeClient second = Client();
+  Tool::PipeClient first = Client();
+  Tool::PipeClient second = Client();
   for (std::uint32_t id = 10; id < 20; ++id) {
     EXPECT_EQ(first.Execute({id, L"{broken \xE9"}).response, L"{broken \xE9");
     EXPECT_EQ(second.Execute({id, L""}).code, id);
@@ -197,7 +197,7 @@ TEST_F(PipeTest, AHostileClientCostsTheOthersNothing) {
         EXPECT_TRUE(Send(RawClient(), WriteCommand({2, L"gone"})));
       },
   };
-  PipeClient honest = Client();
+  Tool::PipeClient honest = Client();
   for (const auto& attack : attacks) {
     for (int i = 0; i < 2; ++i) attack();
     EXPECT_EQ(honest.Execute({7, L"still"}).response, L"still");
@@ -209,9 +209,9 @@ TEST_F(PipeTest, AHostileClientCostsTheOthersNothing) {
   EXPECT_TRUE(IsReported(L"WARNING a client was disconnected, it did not read its result: "));
   EXPECT_TRUE(IsReported(L"WARNING a client was disconnected, its message is not a command: "));
   // All places are free again, except those of the two clients that stay.
-  std::vector<std::unique_ptr<PipeClient>> crowd;
+  std::vector<std::unique_ptr<Tool::PipeClient>> crowd;
   for (int i = 0; i < 5; ++i) {
-    crowd.push_back(std::make_unique<PipeClient>(path, GetCurrentProcessId(), 5s));
+    crowd.push_back(std::make_unique<Tool::PipeClient>(path, GetCurrentProcessId(), 5s));
     EXPECT_EQ(crowd.back()->Execute({7, L"room"}).response, L"room");
   }
 }
@@ -238,7 +238,7 @@ TEST_F(PipeTest, AShortageCostsOneClientAndIsReported) {
   }
   // The listener itself needs memory for each client.
   threads.missing = Missing::MemoryAfterwards;
-  PipeClient last = Client();
+  Tool::PipeClient last = Client();
   EXPECT_EQ(last.Execute({7, L"last"}).response, L"last");
   EXPECT_THROW(Client().Execute({7, L""}), std::runtime_error);
   EXPECT_TRUE(IsReported(L"ERROR a client was turned away, because memory ran out"));
@@ -360,11 +360,11 @@ HANDLE WINAPI RefuseInstances(const wchar_t* name, DWORD mode, DWORD type, DWORD
 
 TEST_F(PipeTest, AnInstanceThatWindowsRefusesIsTriedAgainAndIsNotTheFirst) {
   Serve();
-  PipeClient client = Client();
+  Tool::PipeClient client = Client();
   EXPECT_EQ(client.Execute({7, L"x"}).response, L"x");
   const Tests::ImportOverride refuse(__imp_CreateNamedPipeW, &RefuseInstances);
   refusedInstances = 2;
-  PipeClient second = Client();
+  Tool::PipeClient second = Client();
   EXPECT_TRUE(IsReported(L"ERROR the pipe cannot be opened for a further client: " + path +
                          L" (error 1450)"));
   EXPECT_EQ(second.Execute({7, L"x"}).response, L"x");
@@ -419,7 +419,7 @@ TEST_F(PipeTest, ATakenNameIsOneErrorAndARetry) {
 TEST_F(PipeTest, AClientSendsNothingToAnotherProcess) {
   Serve();
   const std::string process = std::to_string(GetCurrentProcessId());
-  EXPECT_THAT([&] { PipeClient(path, GetCurrentProcessId() + 4, 5s); },
+  EXPECT_THAT([&] { Tool::PipeClient(path, GetCurrentProcessId() + 4, 5s); },
               ThrowsMessage<std::runtime_error>(EndsWith(
                   " belongs to process " + process + " and not to the service; nothing was sent")));
 }
@@ -441,4 +441,4 @@ TEST_F(PipeTest, ItsAccessListAdmitsOnlyWhoWasNamed) {
 }
 
 }  // namespace
-}  // namespace Vx::Host
+}  // namespace Vx::Hosting::ServiceHost

@@ -21,7 +21,7 @@
 #include "vxhost/service/pipe_client.h"
 #include "vxhost/service/service_manager.h"
 
-namespace Vx::Host {
+namespace Vx::Hosting::ServiceHost {
 namespace {
 
 using ::testing::HasSubstr;
@@ -31,10 +31,10 @@ class ServiceCrashTest : public ::testing::Test {
   ServiceCrashTest() {
     Tests::RemoveTree(data);
     DataFolders(ProgramDataFolder(), Writers::Account).Prepare(DataFolders::Existing::Report);
-    ServicePlan plan{.name = name,
-                     .program = Tests::BuiltFile(L"..\\bin\\OrvaneHost.exe"),
-                     .module = Tests::ModulePath()};
-    plan.start = ServicePlan::Start::Demand;
+    Tool::ServicePlan plan{.name = name,
+                           .program = Tests::BuiltFile(L"..\\bin\\OrvaneHost.exe"),
+                           .module = Tests::ModulePath()};
+    plan.start = Tool::ServicePlan::Start::Demand;
     manager.Install(plan);
   }
 
@@ -51,7 +51,7 @@ class ServiceCrashTest : public ::testing::Test {
 
   Platform::UniqueHandle Process() const {
     return Platform::UniqueHandle(
-        OpenProcess(PROCESS_TERMINATE | SYNCHRONIZE, FALSE, ProcessOfService(name)));
+        OpenProcess(PROCESS_TERMINATE | SYNCHRONIZE, FALSE, Tool::ProcessOfService(name)));
   }
 
   // Whether a write is under way, or was when the service was killed.
@@ -64,7 +64,7 @@ class ServiceCrashTest : public ::testing::Test {
   int SubscribeUntilKilled(int first) {
     int number = first;
     try {
-      PipeClient client = ConnectToService(name);
+      Tool::PipeClient client = Tool::ConnectToService(name);
       while (client.Execute({9, Subscription(number)}).code == 0) {
         ++number;
         inFlight = true;
@@ -79,7 +79,7 @@ class ServiceCrashTest : public ::testing::Test {
   const std::wstring name = L"VxCrash" + std::to_wstring(GetCurrentProcessId());
   const std::wstring data = ProgramDataFolder() + L"\\Vx";
   const std::wstring store = data + L"\\SharedServices\\shared_store.dat";
-  ServiceManager manager;
+  Tool::ServiceManager manager;
   std::atomic<bool> inFlight{false};
 };
 
@@ -104,7 +104,7 @@ TEST_F(ServiceCrashTest, NoKillLosesAnAcknowledgedSubscription) {
     cut += Writing() ? 1 : 0;
     acknowledged += added;
     manager.Start(name);
-    const auto list = ConnectToService(name).Execute({20, L"{}"}).response;
+    const auto list = Tool::ConnectToService(name).Execute({20, L"{}"}).response;
     ASSERT_TRUE(list);
     for (int number = 0; number < acknowledged; ++number) {
       ASSERT_THAT(*list, HasSubstr(L"s-" + std::to_wstring(number) + L".exe\""));
@@ -120,4 +120,4 @@ TEST_F(ServiceCrashTest, NoKillLosesAnAcknowledgedSubscription) {
 }
 
 }  // namespace
-}  // namespace Vx::Host
+}  // namespace Vx::Hosting::ServiceHost

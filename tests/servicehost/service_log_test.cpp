@@ -27,7 +27,7 @@
 // NOLINTNEXTLINE(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp): the linker's name
 extern "C" decltype(&WriteFile) __imp_WriteFile;
 
-namespace Vx::Host {
+namespace Vx::Hosting::ServiceHost {
 namespace {
 
 using ::testing::ElementsAre;
@@ -387,4 +387,4 @@ TEST(TraceTargetTest, AnEventDescribesItsFieldsAndThenHasTheirValues) {
 }
 
 }  // namespace
-}  // namespace Vx::Host
+}  // namespace Vx::Hosting::ServiceHost

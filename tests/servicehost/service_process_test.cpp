@@ -37,7 +37,7 @@ extern "C" DWORD(WINAPI* __imp_PowerRegisterSuspendResumeNotification)(DWORD, HA
 extern "C" DWORD(WINAPI* __imp_PowerUnregisterSuspendResumeNotification)(void*);
 // NOLINTEND(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
 
-namespace Vx::Host {
+namespace Vx::Hosting::ServiceHost {
 namespace {
 
 using ::testing::ElementsAre;
@@ -141,7 +141,7 @@ TEST(WhyUnguardedTest, TheRootOfTheDriveCountsIfOthersMayDeleteWhatLiesInIt) {
 }
 
 TEST(ServicePlanTest, ItsCommandLineIsQuotedAndItsNameCannotBreakOut) {
-  EXPECT_EQ(ImagePath({.name = L"A", .program = L"C:\\a b\\x.exe", .module = L"C:\\m.dll"}),
+  EXPECT_EQ(Tool::ImagePath({.name = L"A", .program = L"C:\\a b\\x.exe", .module = L"C:\\m.dll"}),
             L"\"C:\\a b\\x.exe\" A");
   for (const wchar_t* name : {L"", L"a b", L"a\"", L"a\\b", L"a/b", L"\xE9"}) {
     EXPECT_FALSE(IsServiceName(name)) << Utf8(name);
@@ -168,10 +168,10 @@ LSTATUS WINAPI RefuseValue(HKEY /*key*/, const wchar_t* /*path*/, const wchar_t*
 
 TEST(ServiceManagerTest, ARefusedSettingLeavesNoServiceExceptOneThatWasThere) {
   const Tests::ImportOverride settings(__imp_ChangeServiceConfig2W, &Change);
-  ServiceManager manager;
-  ServicePlan plan{.name = L"VxHalf" + std::to_wstring(GetCurrentProcessId()),
-                   .program = OwnPath(),
-                   .module = Tests::ModulePath()};
+  Tool::ServiceManager manager;
+  Tool::ServicePlan plan{.name = L"VxHalf" + std::to_wstring(GetCurrentProcessId()),
+                         .program = OwnPath(),
+                         .module = Tests::ModulePath()};
   const auto expectRefusal = [&] {
     EXPECT_THROW(manager.Install(plan), std::runtime_error) << refusedLevel;
     EXPECT_EQ(manager.Query(plan.name).has_value(), plan.replaces) << refusedLevel;
@@ -195,15 +195,16 @@ TEST(ServiceManagerTest, ARefusedSettingLeavesNoServiceExceptOneThatWasThere) {
 // A service as an earlier version installed it, with the options in its command line.
 TEST(ServiceManagerTest, ReplacingMovesTheOptionsFromTheCommandLineToTheParameters) {
   const std::wstring name = L"VxOlder" + std::to_wstring(GetCurrentProcessId());
-  const UniqueServiceHandle windows(OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CREATE_SERVICE));
-  UniqueServiceHandle older(CreateServiceW(
+  const Tool::UniqueServiceHandle windows(
+      OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CREATE_SERVICE));
+  Tool::UniqueServiceHandle older(CreateServiceW(
       static_cast<SC_HANDLE>(windows.get()), name.c_str(), nullptr, SERVICE_ALL_ACCESS,
       SERVICE_WIN32_OWN_PROCESS, SERVICE_DEMAND_START, SERVICE_ERROR_NORMAL,
       L"\"C:\\x\\vxhost.exe\" service entry --name x --module C:\\x\\m.dll", nullptr, nullptr,
       nullptr, nullptr, nullptr));
   ASSERT_NE(older, nullptr);
   older.reset();
-  ServiceManager manager;
+  Tool::ServiceManager manager;
   EXPECT_EQ(manager.Query(name)->options.module, L"");
   manager.Install({.name = name,
                    .program = L"C:\\a b\\OrvaneHost.exe",
@@ -378,4 +379,4 @@ TEST_F(ServiceProcessTest, AModuleThatCannotBeLoadedEndsItWithAnErrorAndALine) {
 }
 
 }  // namespace
-}  // namespace Vx::Host
+}  // namespace Vx::Hosting::ServiceHost

@@ -24,7 +24,7 @@
 #include "support/temp_folder.h"
 #include "vxhost/service/pipe_client.h"
 
-namespace Vx::Host {
+namespace Vx::Hosting::ServiceHost {
 namespace {
 
 constexpr std::size_t kConnections = 50;
@@ -67,7 +67,7 @@ class ServiceSoakTest : public ::testing::Test {
     const std::size_t each = codes / 10 / kConnections;
     for (std::size_t client = 0; client < kConnections; ++client) {
       clients.emplace_back([this, each] {
-        PipeClient connection(path, GetCurrentProcessId(), std::chrono::seconds(60));
+        Tool::PipeClient connection(path, GetCurrentProcessId(), std::chrono::seconds(60));
         for (std::size_t i = 0; i < each; ++i) {
           EXPECT_EQ(connection.Execute({i % 2 == 0 ? 20U : 22U, L"{}"}).code, 0U);
         }
@@ -144,4 +144,4 @@ TEST_F(ServiceSoakTest, ADayLeavesHandlesThreadsAndMemoryWhereTheyWere) {
 }
 
 }  // namespace
-}  // namespace Vx::Host
+}  // namespace Vx::Hosting::ServiceHost

@@ -24,7 +24,7 @@
 #include "support/test_pki.h"
 #include "vxhost/store/store_look.h"
 
-namespace Vx::Host {
+namespace Vx::Hosting::Tool {
 
 namespace {
 
@@ -230,4 +230,4 @@ TEST_F(ExplanationTest, MakesNoStoreWhereThereIsNone) {
 
 }  // namespace
 
-}  // namespace Vx::Host
+}  // namespace Vx::Hosting::Tool

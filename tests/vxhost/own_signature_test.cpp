@@ -10,7 +10,7 @@
 #include "platform/unique_handle.h"
 #include "support/test_pki.h"
 
-namespace Vx::Host {
+namespace Vx::Hosting::Tool {
 namespace {
 
 // What becomes of a tool that is `program`.
@@ -46,4 +46,4 @@ TEST(OwnSignatureTest, RefusesAFileThatAnotherProcessKeepsItFromReading) {
 }
 
 }  // namespace
-}  // namespace Vx::Host
+}  // namespace Vx::Hosting::Tool

@@ -22,7 +22,7 @@
 #include "support/machine_test.h"
 #include "vxhost/subscriptions/stored_subscriptions.h"
 
-namespace Vx::Host {
+namespace Vx::Hosting::Tool {
 
 namespace {
 
@@ -222,4 +222,4 @@ TEST_F(StoreRepairTest, ExportsNothingOfAnotherService) {
 
 }  // namespace
 
-}  // namespace Vx::Host
+}  // namespace Vx::Hosting::Tool

@@ -5,7 +5,7 @@
 
 #include "vxhost/log/timeline_page.h"
 
-namespace Vx::Host {
+namespace Vx::Hosting::Tool {
 namespace {
 
 using namespace std::chrono_literals;
@@ -53,4 +53,4 @@ TEST(PageTest, WritesWhatHappenedAndEscapesWhatClientsChoose) {
 }
 
 }  // namespace
-}  // namespace Vx::Host
+}  // namespace Vx::Hosting::Tool

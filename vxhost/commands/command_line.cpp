@@ -13,7 +13,7 @@
 
 #include <windows.h>
 
-namespace Vx::Host {
+namespace Vx::Hosting::Tool {
 
 namespace {
 
@@ -184,4 +184,4 @@ void CommandLine::ChooseStore() const {
   SetEnvironmentVariableW(L"ProgramData", folder.c_str());
 }
 
-}  // namespace Vx::Host
+}  // namespace Vx::Hosting::Tool

@@ -11,7 +11,7 @@
 #include "vxhost/common/console.h"
 #include "vxhost/common/module_options.h"
 
-namespace Vx::Host {
+namespace Vx::Hosting::Tool {
 
 // The longest wait that an option can request: a day.
 constexpr int kLongestSeconds = 86'400;
@@ -75,4 +75,4 @@ class CommandLine {
   Run run;
 };
 
-}  // namespace Vx::Host
+}  // namespace Vx::Hosting::Tool

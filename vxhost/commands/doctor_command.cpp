@@ -37,7 +37,7 @@
 #include "vxhost/subscriptions/certificates.h"
 #include "vxhost/subscriptions/module_pins.h"
 
-namespace Vx::Host {
+namespace Vx::Hosting::Tool {
 
 namespace {
 
@@ -170,7 +170,7 @@ void Pins(const std::wstring& module, const std::optional<ModulePins>& pins,
 }
 
 Check Folder(const std::wstring& folder) {
-  const std::string why = WhyWritable(folder, Writers::System);
+  const std::string why = ServiceHost::WhyWritable(folder, ServiceHost::Writers::System);
   return MakeCheck(
       "folder", why.empty(), why.empty() ? folder : Wide(why),
       L"a folder of SYSTEM or the administrators that users only read",
@@ -293,7 +293,7 @@ void CountPowerEvents(const std::filesystem::path& path, PowerEvents& events) {
     // Empty for the incomplete line of a killed process.
     const auto record = ParseHistoryLine(line);
     if (!record || record->line.provider != kHostProvider ||
-        !record->line.message.starts_with(kPowerForwarded)) {
+        !record->line.message.starts_with(ServiceHost::kPowerForwarded)) {
       continue;
     }
     ++events.count;
@@ -310,7 +310,7 @@ Check Power(const std::string& folder) {
   std::error_code error;
   static_cast<void>(std::filesystem::directory_iterator(path, error));
   if (error) throw std::runtime_error("cannot list " + folder + ": " + error.message());
-  const std::vector<std::wstring> files = LogFileNames(path.wstring());
+  const std::vector<std::wstring> files = ServiceHost::LogFileNames(path.wstring());
   PowerEvents events;
   for (const std::wstring& file : files) CountPowerEvents(path / file, events);
   return MakeCheck("power events", events.count != 0,
@@ -410,4 +410,4 @@ void AddDoctorCommand(CommandLine& line) {
   line.OfferJson(doctor);
 }
 
-}  // namespace Vx::Host
+}  // namespace Vx::Hosting::Tool

@@ -12,7 +12,7 @@
 #include "vxhost/subscriptions/explanation.h"
 #include "vxhost/subscriptions/module_pins.h"
 
-namespace Vx::Host {
+namespace Vx::Hosting::Tool {
 
 namespace {
 
@@ -147,4 +147,4 @@ void AddExplainCommand(CommandLine& line) {
   line.UseStore(explain);
 }
 
-}  // namespace Vx::Host
+}  // namespace Vx::Hosting::Tool

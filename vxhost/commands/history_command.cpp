@@ -26,7 +26,7 @@
 #include "vxhost/store/store_look.h"
 #include "vxhost/subscriptions/stored_subscriptions.h"
 
-namespace Vx::Host {
+namespace Vx::Hosting::Tool {
 
 namespace {
 
@@ -44,7 +44,8 @@ std::vector<std::filesystem::path> FilesOf(const std::string& argument) {
   std::error_code error;
   if (!std::filesystem::is_directory(path, error)) return {FullPathOfFile(argument)};
   std::vector<std::filesystem::path> files;
-  for (const std::wstring& name : LogFileNames(path.wstring())) files.push_back(path / name);
+  for (const std::wstring& name : ServiceHost::LogFileNames(path.wstring()))
+    files.push_back(path / name);
   if (files.empty()) throw std::runtime_error("there is no NAME-YYYYMMDD-NNNN.log in " + argument);
   return files;
 }
@@ -244,4 +245,4 @@ void AddHistoryCommand(CommandLine& line) {
   line.UseStore(history);
 }
 
-}  // namespace Vx::Host
+}  // namespace Vx::Hosting::Tool

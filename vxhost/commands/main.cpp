@@ -26,7 +26,7 @@
 
 namespace {
 
-using namespace Vx::Host;
+using namespace Vx::Hosting::Tool;
 
 // Returns the arguments as UTF-8. Those passed to main went through the system's code page.
 std::vector<std::string> Arguments() {
@@ -34,7 +34,8 @@ std::vector<std::string> Arguments() {
   const std::unique_ptr<wchar_t*, decltype(&LocalFree)> wide(
       CommandLineToArgvW(GetCommandLineW(), &count), &LocalFree);
   std::vector<std::string> arguments;
-  for (int i = 1; wide != nullptr && i < count; ++i) arguments.push_back(Utf8(wide.get()[i]));
+  for (int i = 1; wide != nullptr && i < count; ++i)
+    arguments.push_back(Vx::Hosting::Utf8(wide.get()[i]));
   return arguments;
 }
 
@@ -43,7 +44,7 @@ std::vector<std::string> Arguments() {
 int main() {
   const TerminalScope terminal;
   try {
-    RefusePinnedSignature(OwnPath(), Vx::Tessel::Security::BuiltGeneralKeys(),
+    RefusePinnedSignature(Vx::Hosting::OwnPath(), Vx::Tessel::Security::BuiltGeneralKeys(),
                           Vx::Tessel::Security::BuiltRestrictedKeys());
     CommandLine line;
     // In the order of the help.

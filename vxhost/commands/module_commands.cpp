@@ -22,7 +22,7 @@
 #include "vxhost/play/scenario.h"
 #include "vxhost/service/running_service.h"
 
-namespace Vx::Host {
+namespace Vx::Hosting::Tool {
 
 namespace {
 
@@ -299,4 +299,4 @@ void AddModuleCommands(CommandLine& line) {
   AddEvents(line);
 }
 
-}  // namespace Vx::Host
+}  // namespace Vx::Hosting::Tool

@@ -23,7 +23,7 @@
 #include "servicehost/service_process.h"
 #include "vxhost/service/service_manager.h"
 
-namespace Vx::Host {
+namespace Vx::Hosting::Tool {
 
 namespace {
 
@@ -41,11 +41,11 @@ std::vector<std::wstring> WideAll(const std::vector<std::string>& texts) {
   return wide;
 }
 
-class ConsoleTarget final : public LogTarget {
+class ConsoleTarget final : public ServiceHost::LogTarget {
  public:
   explicit ConsoleTarget(Console& shown) : console(shown) {}
 
-  bool Write(const LogEntry& entry) noexcept override {
+  bool Write(const ServiceHost::LogEntry& entry) noexcept override {
     try {
       console.Log(entry.line);
       return true;
@@ -71,26 +71,28 @@ BOOL WINAPI StopOnCtrlC(DWORD /*kind*/) {
 
 int RunService(const ModuleOptions& module, const RunOptions& options, Console& console) {
   module.RequireRealMachine("service run uses the module and the store of the machine");
-  PipeOptions pipe;
-  pipe.path = PipePath(Wide(options.name));
+  ServiceHost::PipeOptions pipe;
+  pipe.path = ServiceHost::PipePath(Wide(options.name));
   pipe.allowed = WideAll(options.allowed);
   // The module starts work as soon as it is loaded, so check everything else first.
-  CheckSids(pipe.allowed);
+  ServiceHost::CheckSids(pipe.allowed);
   if (!options.log.empty() && !std::filesystem::is_directory(FullPath(options.log))) {
     throw std::runtime_error("there is no folder " + Utf8(FullPath(options.log)));
   }
-  std::vector<std::unique_ptr<LogTarget>> targets;
+  std::vector<std::unique_ptr<ServiceHost::LogTarget>> targets;
   targets.push_back(std::make_unique<ConsoleTarget>(console));
   if (!options.log.empty()) {
-    targets.push_back(std::make_unique<LogFolder>(FullPath(options.log), Wide(options.name)));
+    targets.push_back(
+        std::make_unique<ServiceHost::LogFolder>(FullPath(options.log), Wide(options.name)));
   }
-  ServiceLog log(std::move(targets));
-  HostLoop host({.module = module.Path(), .modernStandby = HasModernStandby()}, log);
-  const PowerNotifications power(
-      [&host](std::uint32_t code) { host.OnPower(code, PowerSource::Notification); });
-  const PipeServer server(
+  ServiceHost::ServiceLog log(std::move(targets));
+  ServiceHost::HostLoop host(
+      {.module = module.Path(), .modernStandby = ServiceHost::HasModernStandby()}, log);
+  const ServiceHost::PowerNotifications power(
+      [&host](std::uint32_t code) { host.OnPower(code, ServiceHost::PowerSource::Notification); });
+  const ServiceHost::PipeServer server(
       std::move(pipe),
-      [&host](const CommandEnvelope& command, const std::wstring& client) {
+      [&host](const ServiceHost::CommandEnvelope& command, const std::wstring& client) {
         return host.Execute(command, client);
       },
       [&log](const wchar_t* level, std::wstring_view message) { log.Add(level, message); });
@@ -124,7 +126,7 @@ struct SendOptions {
 };
 
 std::wstring CheckedName(const std::string& name) {
-  if (!IsServiceName(Wide(name))) {
+  if (!ServiceHost::IsServiceName(Wide(name))) {
     throw std::runtime_error(
         "a service's name has 1 to 64 letters, digits, dots, hyphens and "
         "underscores");
@@ -148,18 +150,20 @@ int Install(const ModuleOptions& module, const InstallOptions& options, Console&
   plan.allowed = WideAll(options.allowed);
   plan.development = options.development;
   plan.replaces = options.replace;
-  CheckSids(plan.allowed);
-  const Writers accepted = options.development ? Writers::Account : Writers::System;
+  ServiceHost::CheckSids(plan.allowed);
+  const ServiceHost::Writers accepted =
+      options.development ? ServiceHost::Writers::Account : ServiceHost::Writers::System;
   for (const std::wstring& file : {plan.program, plan.module}) {
-    if (const std::string why = WhyUnguarded(file, accepted); !why.empty()) {
+    if (const std::string why = ServiceHost::WhyUnguarded(file, accepted); !why.empty()) {
       throw std::runtime_error(why +
                                ";\nit could replace what runs as SYSTEM. Install into a "
                                "folder that only administrators write to");
     }
   }
-  const auto existing =
-      options.repair ? DataFolders::Existing::Repair : DataFolders::Existing::Report;
-  for (const std::string& folder : DataFolders(ProgramDataFolder(), accepted).Prepare(existing)) {
+  const auto existing = options.repair ? ServiceHost::DataFolders::Existing::Repair
+                                       : ServiceHost::DataFolders::Existing::Report;
+  for (const std::string& folder :
+       ServiceHost::DataFolders(ServiceHost::ProgramDataFolder(), accepted).Prepare(existing)) {
     console.Line("repaired: " + folder);
   }
   for (const std::string& unknown : ServiceManager().Install(plan)) {
@@ -200,12 +204,12 @@ int Status(const std::string& name, Console& console) {
     if (!report->options.module.empty()) row.Add({L"module", report->options.module});
     row.Add({L"allow", report->options.allowed});
     row.Add({L"development", report->options.development});
-    row.Add({L"pipe", PipePath(wide)});
+    row.Add({L"pipe", ServiceHost::PipePath(wide)});
     if (report->process != 0) text += ", process " + std::to_string(report->process);
     if (report->exitCode != 0) text += ", error " + std::to_string(report->exitCode);
     text += "\n  start:   " + start + "\n  account: " + Utf8(report->account) +
             "\n  image:   " + Utf8(report->image) + "\n  module:  " + Utf8(report->options.module) +
-            "\n  pipe:    " + Utf8(PipePath(wide));
+            "\n  pipe:    " + Utf8(ServiceHost::PipePath(wide));
     for (const std::wstring& sid : report->options.allowed) text += "\n  allow:   " + Utf8(sid);
     if (report->options.development) text += "\n  for development";
   }
@@ -225,11 +229,11 @@ int Send(const SendOptions& options, Console& console) {
   const std::wstring name = CheckedName(options.name);
   for (const std::uint32_t code : options.power) {
     console.Line("-> power event " + std::to_string(code));
-    manager.Send(name, PowerControl(code));
+    manager.Send(name, ServiceHost::PowerControl(code));
   }
   for (const std::uint32_t code : options.sessions) {
     console.Line("-> session change " + std::to_string(code));
-    manager.Send(name, SessionControl(code));
+    manager.Send(name, ServiceHost::SessionControl(code));
   }
   return kDone;
 }
@@ -335,4 +339,4 @@ void AddServiceCommands(CommandLine& line) {
   AddSetup(line, group);
 }
 
-}  // namespace Vx::Host
+}  // namespace Vx::Hosting::Tool

@@ -13,7 +13,7 @@
 
 #include <rapidjson/prettywriter.h>
 
-namespace Vx::Host {
+namespace Vx::Hosting::Tool {
 
 namespace {
 
@@ -171,4 +171,4 @@ void AddStoreCommands(CommandLine& line) {
   }
 }
 
-}  // namespace Vx::Host
+}  // namespace Vx::Hosting::Tool

@@ -23,7 +23,7 @@
 #include "vxhost/subscriptions/explanation.h"
 #include "vxhost/subscriptions/module_pins.h"
 
-namespace Vx::Host {
+namespace Vx::Hosting::Tool {
 
 namespace {
 
@@ -297,4 +297,4 @@ void AddSubscriptionCommands(CommandLine& line) {
   AddRemove(line, group);
 }
 
-}  // namespace Vx::Host
+}  // namespace Vx::Hosting::Tool

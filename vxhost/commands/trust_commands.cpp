@@ -22,7 +22,7 @@
 #include "vxhost/subscriptions/certificates.h"
 #include "vxhost/subscriptions/module_pins.h"
 
-namespace Vx::Host {
+namespace Vx::Hosting::Tool {
 
 namespace {
 
@@ -243,4 +243,4 @@ void AddResumeCommand(CommandLine& line) {
                           kResumeFooter, &ExplainResume));
 }
 
-}  // namespace Vx::Host
+}  // namespace Vx::Hosting::Tool

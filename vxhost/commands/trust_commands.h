@@ -2,7 +2,7 @@
 
 #include "vxhost/commands/command_line.h"
 
-namespace Vx::Host {
+namespace Vx::Hosting::Tool {
 
 // Adds pins, trust and pin.
 void AddTrustCommands(CommandLine& line);
@@ -10,4 +10,4 @@ void AddTrustCommands(CommandLine& line);
 // Adds explain-resume.
 void AddResumeCommand(CommandLine& line);
 
-}  // namespace Vx::Host
+}  // namespace Vx::Hosting::Tool

@@ -14,7 +14,7 @@
 #include "vxhost/subscriptions/module_pins.h"
 #include "vxhost/subscriptions/subscription_check.h"
 
-namespace Vx::Host {
+namespace Vx::Hosting::Tool {
 
 namespace {
 
@@ -105,4 +105,4 @@ void AddValidateCommand(CommandLine& line) {
   line.UseModule(command);
 }
 
-}  // namespace Vx::Host
+}  // namespace Vx::Hosting::Tool

@@ -15,7 +15,7 @@
 #include "platform/unique_handle.h"
 #include "vxhost/service/running_service.h"
 
-namespace Vx::Host {
+namespace Vx::Hosting::Tool {
 
 namespace {
 
@@ -199,4 +199,4 @@ void AddWatchCommand(CommandLine& line) {
   watch.add_flag("--global", options->global, "those of services (needs administrator rights)");
 }
 
-}  // namespace Vx::Host
+}  // namespace Vx::Hosting::Tool

@@ -2,8 +2,8 @@
 
 #include "vxhost/commands/command_line.h"
 
-namespace Vx::Host {
+namespace Vx::Hosting::Tool {
 
 void AddWatchCommand(CommandLine& line);
 
-}  // namespace Vx::Host
+}  // namespace Vx::Hosting::Tool

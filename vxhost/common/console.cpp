@@ -7,7 +7,7 @@
 
 #include <io.h>
 
-namespace Vx::Host {
+namespace Vx::Hosting::Tool {
 
 namespace {
 
@@ -196,4 +196,4 @@ void Console::Failure(const std::string& text) {
   Write(Printable("!! " + text, LineBreaks::Replace), WritesJson() ? stderr : stdout);
 }
 
-}  // namespace Vx::Host
+}  // namespace Vx::Hosting::Tool

@@ -10,7 +10,7 @@
 #include "hosting/text.h"
 #include "vxhost/common/json_row.h"
 
-namespace Vx::Host {
+namespace Vx::Hosting::Tool {
 
 // The process's exit codes.
 enum ExitCode : int { kDone = 0, kNotMet = 1, kUnusable = 2 };
@@ -90,4 +90,4 @@ std::string DescribeResult(std::int32_t result);
 // "exitCode", "result", "name"}}. The last two are present only if Windows returned a result.
 std::wstring ErrorJson(const std::string& message, int exitCode, std::int32_t result = 0);
 
-}  // namespace Vx::Host
+}  // namespace Vx::Hosting::Tool

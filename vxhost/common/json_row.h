@@ -8,7 +8,7 @@
 #include "hosting/text.h"
 #include "json/json_text.h"
 
-namespace Vx::Host {
+namespace Vx::Hosting::Tool {
 
 template <typename Value>
 concept Number = std::integral<Value> || std::floating_point<Value>;
@@ -52,4 +52,4 @@ class JsonRow {
   std::wstring members;
 };
 
-}  // namespace Vx::Host
+}  // namespace Vx::Hosting::Tool

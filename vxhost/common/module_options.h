@@ -5,7 +5,7 @@
 
 #include "hosting/text.h"
 
-namespace Vx::Host {
+namespace Vx::Hosting::Tool {
 
 // Selects the module and the store.
 struct ModuleOptions {
@@ -23,4 +23,4 @@ struct ModuleOptions {
   }
 };
 
-}  // namespace Vx::Host
+}  // namespace Vx::Hosting::Tool

@@ -7,7 +7,7 @@
 #include "hosting/text.h"
 #include "json/json_text.h"
 
-namespace Vx::Host {
+namespace Vx::Hosting::Tool {
 
 namespace {
 
@@ -160,4 +160,4 @@ std::vector<HistoryRow> History::Finish() {
   return std::move(rows);
 }
 
-}  // namespace Vx::Host
+}  // namespace Vx::Hosting::Tool

@@ -10,7 +10,7 @@
 #include "hosting/module_log.h"
 #include "records/record.h"
 
-namespace Vx::Host {
+namespace Vx::Hosting::Tool {
 
 // A log line as the service writes it or "watch --json" shows it.
 struct HistoryLine {
@@ -75,4 +75,4 @@ class History {
   std::size_t unknown = 0;
 };
 
-}  // namespace Vx::Host
+}  // namespace Vx::Hosting::Tool

@@ -4,7 +4,7 @@
 
 #include <windows.h>
 
-namespace Vx::Host {
+namespace Vx::Hosting::Tool {
 
 void PlayRecord::BeginStep(std::size_t line, const std::wstring& say) {
   const auto moment = now();
@@ -84,4 +84,4 @@ bool WaitUntil(int seconds, const std::function<bool()>& condition) {
   return true;
 }
 
-}  // namespace Vx::Host
+}  // namespace Vx::Hosting::Tool

@@ -12,7 +12,7 @@
 #include "hosting/loaded_module.h"
 #include "hosting/module_log.h"
 
-namespace Vx::Host {
+namespace Vx::Hosting::Tool {
 
 // What the player sent to the service, what the service logged, and what its machine did.
 enum class Happening : std::uint8_t { Call, Command, Event, Log, Failure };
@@ -76,4 +76,4 @@ class PlayRecord {
 // Polls `condition` every few milliseconds of real time. Returns whether it held in time.
 bool WaitUntil(int seconds, const std::function<bool()>& condition);
 
-}  // namespace Vx::Host
+}  // namespace Vx::Hosting::Tool

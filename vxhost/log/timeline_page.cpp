@@ -21,7 +21,7 @@
 #include "vxhost/log/history.h"
 #include "vxhost/log/timeline_template.h"
 
-namespace Vx::Host {
+namespace Vx::Hosting::Tool {
 
 namespace {
 
@@ -204,4 +204,4 @@ std::string TimelinePage(const PageHead& head, const std::vector<RecordStep>& st
                       DataWriter().Write(head, steps, entries, stored));
 }
 
-}  // namespace Vx::Host
+}  // namespace Vx::Hosting::Tool

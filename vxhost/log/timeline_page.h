@@ -5,7 +5,7 @@
 
 #include "vxhost/log/play_record.h"
 
-namespace Vx::Host {
+namespace Vx::Hosting::Tool {
 
 // The heading above the timeline.
 struct PageHead {
@@ -21,4 +21,4 @@ std::string TimelinePage(const PageHead& head, const std::vector<RecordStep>& st
                          const std::vector<RecordEntry>& entries,
                          const std::vector<std::wstring>& stored = {});
 
-}  // namespace Vx::Host
+}  // namespace Vx::Hosting::Tool

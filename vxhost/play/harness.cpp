@@ -17,7 +17,7 @@
 #include "service/orvane_service.h"
 #include "simulator/simulated_machine.h"
 
-namespace Vx::Host {
+namespace Vx::Hosting::Tool {
 
 namespace {
 
@@ -226,4 +226,4 @@ std::unique_ptr<Harness> MakeHarness(const ModuleOptions& options, Console& cons
   return std::make_unique<SimulatedHarness>(console, prepare);
 }
 
-}  // namespace Vx::Host
+}  // namespace Vx::Hosting::Tool

@@ -7,7 +7,7 @@
 #include "vxhost/common/module_options.h"
 #include "vxhost/play/scenario.h"
 
-namespace Vx::Host {
+namespace Vx::Hosting::Tool {
 
 // The service that a subcommand uses, and its environment: the real module on this machine or, with
 // --simulate, the service linked into this program on a simulated machine.
@@ -21,4 +21,4 @@ class Harness {
 std::unique_ptr<Harness> MakeHarness(
     const ModuleOptions& options, Console& console, const std::function<void()>& prepare = [] {});
 
-}  // namespace Vx::Host
+}  // namespace Vx::Hosting::Tool

@@ -7,7 +7,7 @@
 #include "storage/cap_data_store.h"
 #include "vxhost/store/store_content.h"
 
-namespace Vx::Host {
+namespace Vx::Hosting::Tool {
 
 namespace {
 
@@ -95,4 +95,4 @@ void StoreValue(const std::string& key, const WideValue& value, const Definition
   }
 }
 
-}  // namespace Vx::Host
+}  // namespace Vx::Hosting::Tool

@@ -6,7 +6,7 @@
 #include "json/json_text.h"
 #include "vxhost/play/scenario_check.h"
 
-namespace Vx::Host {
+namespace Vx::Hosting::Tool {
 
 // The contents of a scenario's store before its service is created.
 class InitialStore {
@@ -32,4 +32,4 @@ class InitialStore {
 void StoreValue(const std::string& key, const Json::WideValue& value,
                 const Definitions& definitions);
 
-}  // namespace Vx::Host
+}  // namespace Vx::Hosting::Tool

@@ -11,7 +11,7 @@
 
 #include "hosting/text.h"
 
-namespace Vx::Host {
+namespace Vx::Hosting::Tool {
 
 namespace {
 
@@ -28,7 +28,7 @@ struct Change {
   const Expander& expand;
   SimulatedMachine& machine;
 
-  const WideValue* Find(const wchar_t* key) const { return Host::FindMember(value, key); }
+  const WideValue* Find(const wchar_t* key) const { return FindMember(value, key); }
   std::wstring Text(const wchar_t* key) const { return expand(Member(value, key)); }
   // Returns the HRESULT that Windows will return.
   std::int32_t Result() const {
@@ -254,4 +254,4 @@ void PassTime(const WideValue& step, SimulatedMachine& machine) {
   machine.clock.Settle();
 }
 
-}  // namespace Vx::Host
+}  // namespace Vx::Hosting::Tool

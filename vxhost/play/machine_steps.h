@@ -8,7 +8,7 @@
 #include "simulator/simulated_machine.h"
 #include "vxhost/play/scenario_rules.h"
 
-namespace Vx::Host {
+namespace Vx::Hosting::Tool {
 
 // Returns a scenario value as text, with definitions expanded.
 using Expander = std::function<std::wstring(const Json::WideValue&)>;
@@ -33,4 +33,4 @@ void ChangeMachine(const Json::WideValue& step, const Expander& expand,
 // Advances the clock by the step's "advance", if any, then waits until all workers are idle.
 void PassTime(const Json::WideValue& step, Simulator::SimulatedMachine& machine);
 
-}  // namespace Vx::Host
+}  // namespace Vx::Hosting::Tool

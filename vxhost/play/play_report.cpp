@@ -6,7 +6,7 @@
 #include "hosting/text.h"
 #include "vxhost/common/console.h"
 
-namespace Vx::Host {
+namespace Vx::Hosting::Tool {
 
 namespace {
 
@@ -168,4 +168,4 @@ std::string JUnitReport(const std::vector<PlayedScenario>& played) {
   return report + "</testsuites>\n";
 }
 
-}  // namespace Vx::Host
+}  // namespace Vx::Hosting::Tool

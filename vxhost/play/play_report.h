@@ -6,7 +6,7 @@
 #include "vxhost/common/json_row.h"
 #include "vxhost/log/play_record.h"
 
-namespace Vx::Host {
+namespace Vx::Hosting::Tool {
 
 // A scenario that was played, or could not be.
 struct PlayedScenario {
@@ -31,4 +31,4 @@ JsonRow EventsJson(const std::vector<RecordEntry>& entries);
 // Returns a JUnit report, with one suite per scenario and one case per step.
 std::string JUnitReport(const std::vector<PlayedScenario>& played);
 
-}  // namespace Vx::Host
+}  // namespace Vx::Hosting::Tool

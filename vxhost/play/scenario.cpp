@@ -16,7 +16,7 @@
 #include "vxhost/play/machine_steps.h"
 #include "vxhost/store/store_content.h"
 
-namespace Vx::Host {
+namespace Vx::Hosting::Tool {
 
 namespace {
 
@@ -310,4 +310,4 @@ bool Scenario::Play(ScenarioContext& context) const {
   return ScenarioRunner(definitions, context).Play(*FindMember(document, L"steps"), lines);
 }
 
-}  // namespace Vx::Host
+}  // namespace Vx::Hosting::Tool

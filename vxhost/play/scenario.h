@@ -15,7 +15,7 @@ namespace Vx::Simulator {
 class SimulatedMachine;
 }  // namespace Vx::Simulator
 
-namespace Vx::Host {
+namespace Vx::Hosting::Tool {
 
 // A service under test and the record of what happens.
 struct ScenarioContext {
@@ -47,4 +47,4 @@ class Scenario {
   InitialStore initialStore;
 };
 
-}  // namespace Vx::Host
+}  // namespace Vx::Hosting::Tool

@@ -11,7 +11,7 @@
 #include "vxhost/play/machine_steps.h"
 #include "vxhost/play/scenario_rules.h"
 
-namespace Vx::Host {
+namespace Vx::Hosting::Tool {
 
 namespace {
 
@@ -388,4 +388,4 @@ std::vector<std::string> FaultsOf(const Json::WideDocument& scenario, const Line
   return Checker(lines, definitions, where).Check(scenario);
 }
 
-}  // namespace Vx::Host
+}  // namespace Vx::Hosting::Tool

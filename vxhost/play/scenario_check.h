@@ -9,7 +9,7 @@
 
 #include "json/json_text.h"
 
-namespace Vx::Host {
+namespace Vx::Hosting::Tool {
 
 // Finds the line on which each value of a JSON text starts.
 class LineIndex {
@@ -40,4 +40,4 @@ enum class HarnessKind { Real, PrivateStore, Simulated };
 std::vector<std::string> FaultsOf(const Json::WideDocument& scenario, const LineIndex& lines,
                                   const Definitions& definitions, HarnessKind where);
 
-}  // namespace Vx::Host
+}  // namespace Vx::Hosting::Tool

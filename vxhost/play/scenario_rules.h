@@ -3,7 +3,7 @@
 #include <cstddef>
 #include <span>
 
-namespace Vx::Host {
+namespace Vx::Hosting::Tool {
 
 // The form of a part's value.
 enum class PartForm {
@@ -49,4 +49,4 @@ constexpr PartRule RuleWith(const wchar_t* key, PartForm form, const PartRule (&
   return {.key = key, .form = form, .members = members, .memberCount = Count};
 }
 
-}  // namespace Vx::Host
+}  // namespace Vx::Hosting::Tool

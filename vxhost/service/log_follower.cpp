@@ -10,7 +10,7 @@
 #include "platform/unique_handle.h"
 #include "servicehost/log_folder.h"
 
-namespace Vx::Host {
+namespace Vx::Hosting::Tool {
 
 namespace {
 
@@ -47,8 +47,8 @@ LogFollower::LogFollower(std::wstring where, std::wstring name)
 
 // Returns the files, oldest first.
 std::vector<std::wstring> LogFollower::Files() const {
-  std::vector<std::wstring> names = LogFileNames(folder, kEarlier);
-  for (std::wstring& name : LogFileNames(folder, service)) {
+  std::vector<std::wstring> names = ServiceHost::LogFileNames(folder, kEarlier);
+  for (std::wstring& name : ServiceHost::LogFileNames(folder, service)) {
     if (std::ranges::find(names, name) == names.end()) names.push_back(std::move(name));
   }
   return names;
@@ -96,4 +96,4 @@ bool LogFollower::Read(const std::wstring& name) {
   return true;
 }
 
-}  // namespace Vx::Host
+}  // namespace Vx::Hosting::Tool

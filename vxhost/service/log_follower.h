@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-namespace Vx::Host {
+namespace Vx::Hosting::Tool {
 
 // Reads lines that a service adds to its log files from now on, including files from an earlier
 // version, whose names begin with "vxhost". Follows the service to its next file. One thread. Never
@@ -29,4 +29,4 @@ class LogFollower {
   std::string rest;          // read but not yet returned
 };
 
-}  // namespace Vx::Host
+}  // namespace Vx::Hosting::Tool

@@ -10,7 +10,7 @@
 #include "servicehost/pipe_server.h"
 #include "vxhost/service/service_manager.h"
 
-namespace Vx::Host {
+namespace Vx::Hosting::Tool {
 
 namespace {
 
@@ -57,21 +57,23 @@ PipeClient::PipeClient(const std::wstring& path, std::uint32_t service,
   }
 }
 
-ResultEnvelope PipeClient::Execute(const CommandEnvelope& command) {
-  PipeMessages messages(pipe.get(), nullptr);
-  std::string message = WriteCommand(command);
-  if (message.size() > kLongestCommand) throw std::runtime_error("the request is too long");
-  if (messages.Write(message, kNoLimit) != PipeOutcome::Done ||
-      messages.Read(message, kLongestResult, kNoLimit) != PipeOutcome::Done) {
+ServiceHost::ResultEnvelope PipeClient::Execute(const ServiceHost::CommandEnvelope& command) {
+  ServiceHost::PipeMessages messages(pipe.get(), nullptr);
+  std::string message = ServiceHost::WriteCommand(command);
+  if (message.size() > ServiceHost::kLongestCommand)
+    throw std::runtime_error("the request is too long");
+  if (messages.Write(message, kNoLimit) != ServiceHost::PipeOutcome::Done ||
+      messages.Read(message, ServiceHost::kLongestResult, kNoLimit) !=
+          ServiceHost::PipeOutcome::Done) {
     throw std::runtime_error("the service ended the connection");
   }
-  auto result = ParseResult(message);
+  auto result = ServiceHost::ParseResult(message);
   if (!result) throw std::runtime_error("the service sent no result");
   return std::move(*result);
 }
 
 PipeClient ConnectToService(const std::wstring& name, std::uint32_t process) {
-  return {PipePath(name), process == 0 ? ProcessOfService(name) : process, kPatience};
+  return {ServiceHost::PipePath(name), process == 0 ? ProcessOfService(name) : process, kPatience};
 }
 
-}  // namespace Vx::Host
+}  // namespace Vx::Hosting::Tool

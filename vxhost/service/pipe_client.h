@@ -7,7 +7,7 @@
 #include "platform/unique_handle.h"
 #include "servicehost/envelope.h"
 
-namespace Vx::Host {
+namespace Vx::Hosting::Tool {
 
 // A connection to a running service's pipe. One thread.
 class PipeClient {
@@ -18,7 +18,7 @@ class PipeClient {
   PipeClient(const std::wstring& path, std::uint32_t service, std::chrono::milliseconds patience);
 
   // Runs one command. Blocks until its result arrives. Throws std::runtime_error if none does.
-  ResultEnvelope Execute(const CommandEnvelope& command);
+  ServiceHost::ResultEnvelope Execute(const ServiceHost::CommandEnvelope& command);
 
  private:
   Platform::UniqueHandle pipe;
@@ -28,4 +28,4 @@ class PipeClient {
 // manager reports. Throws like the constructor.
 PipeClient ConnectToService(const std::wstring& name, std::uint32_t process = 0);
 
-}  // namespace Vx::Host
+}  // namespace Vx::Hosting::Tool

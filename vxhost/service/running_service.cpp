@@ -15,7 +15,7 @@
 #include "vxhost/service/pipe_client.h"
 #include "vxhost/service/service_manager.h"
 
-namespace Vx::Host {
+namespace Vx::Hosting::Tool {
 
 namespace {
 
@@ -38,14 +38,17 @@ void RefuseForService(const ModuleOptions& options) {
 
 CommandResult ExecuteInService(const std::string& name, std::uint32_t process, std::uint32_t id,
                                const std::wstring& request) {
-  ResultEnvelope result = ConnectToService(Wide(name), process).Execute({id, request});
+  ServiceHost::ResultEnvelope result = ConnectToService(Wide(name), process).Execute({id, request});
   return {result.code, std::move(result.response)};
 }
 
 void FollowService(const std::string& name, int seconds,
                    const std::function<void(const LogLine&, const std::wstring& time)>& receive) {
   const std::uint32_t process = ProcessOfService(Wide(name));
-  LogFollower follower(DataFolders(ProgramDataFolder(), Writers::System).Logs(), Wide(name));
+  LogFollower follower(
+      ServiceHost::DataFolders(ServiceHost::ProgramDataFolder(), ServiceHost::Writers::System)
+          .Logs(),
+      Wide(name));
   std::fprintf(stderr, "Listening to process %lu%s\n", static_cast<unsigned long>(process),
                seconds == 0 ? "; Ctrl+C ends it" : "");
   const ULONGLONG end = GetTickCount64() + static_cast<ULONGLONG>(seconds) * 1000;
@@ -66,4 +69,4 @@ void FollowService(const std::string& name, int seconds,
   }
 }
 
-}  // namespace Vx::Host
+}  // namespace Vx::Hosting::Tool

@@ -8,7 +8,7 @@
 #include "hosting/module_log.h"
 #include "vxhost/common/module_options.h"
 
-namespace Vx::Host {
+namespace Vx::Hosting::Tool {
 
 // Access to a running installed service, with the rights of this process's account. Each function
 // throws std::runtime_error with advice for the user if no service of that name is running.
@@ -26,4 +26,4 @@ CommandResult ExecuteInService(const std::string& name, std::uint32_t process, s
 void FollowService(const std::string& name, int seconds,
                    const std::function<void(const LogLine&, const std::wstring& time)>& receive);
 
-}  // namespace Vx::Host
+}  // namespace Vx::Hosting::Tool

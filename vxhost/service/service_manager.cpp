@@ -12,7 +12,7 @@
 #include "platform/unique_handle.h"
 #include "servicehost/event_log.h"
 
-namespace Vx::Host {
+namespace Vx::Hosting::Tool {
 
 namespace {
 
@@ -172,7 +172,7 @@ std::vector<std::string> ServiceManager::Install(const ServicePlan& plan) {
   if (service == nullptr) Refused("install", plan.name, GetLastError());
   try {
     // Written first, because a service being replaced may start between the steps.
-    WriteParameters({plan.name, plan.module, plan.allowed, plan.development});
+    ServiceHost::WriteParameters({plan.name, plan.module, plan.allowed, plan.development});
     if (!created && ChangeServiceConfigW(Raw(service), SERVICE_WIN32_OWN_PROCESS, start,
                                          SERVICE_ERROR_NORMAL, image.c_str(), nullptr, nullptr,
                                          nullptr, nullptr, nullptr, name) == FALSE) {
@@ -181,7 +181,7 @@ std::vector<std::string> ServiceManager::Install(const ServicePlan& plan) {
     std::vector<std::string> unknown;
     const DWORD error = Configure(Raw(service), automatic, unknown);
     if (error != ERROR_SUCCESS) Refused("install", plan.name, error);
-    AddEventSource(plan.name, plan.program);
+    ServiceHost::AddEventSource(plan.name, plan.program);
     return unknown;
   } catch (const std::runtime_error&) {
     if (created) DeleteService(Raw(service));
@@ -233,7 +233,7 @@ void ServiceManager::Remove(const std::wstring& name) {
     throw std::runtime_error("the service " + Utf8(name) + " runs; stop it first");
   }
   if (DeleteService(Raw(service)) == FALSE) Refused("remove", name, GetLastError());
-  RemoveEventSource(name);
+  ServiceHost::RemoveEventSource(name);
 }
 
 std::optional<ServiceReport> ServiceManager::Query(const std::wstring& name) {
@@ -258,7 +258,7 @@ std::optional<ServiceReport> ServiceManager::Query(const std::wstring& name) {
                        .automatic = config->dwStartType == SERVICE_AUTO_START,
                        .image = config->lpBinaryPathName,
                        .account = config->lpServiceStartName,
-                       .options = ReadParameters(name)};
+                       .options = ServiceHost::ReadParameters(name)};
 }
 
 void ServiceManager::Send(const std::wstring& name, std::uint32_t control) {
@@ -276,4 +276,4 @@ std::uint32_t ProcessOfService(const std::wstring& name) {
   return report->process;
 }
 
-}  // namespace Vx::Host
+}  // namespace Vx::Hosting::Tool

@@ -8,7 +8,7 @@
 
 #include "servicehost/service_parameters.h"
 
-namespace Vx::Host {
+namespace Vx::Hosting::Tool {
 
 inline constexpr char kDefaultServiceName[] = "OrvaneService";
 
@@ -37,7 +37,7 @@ struct ServiceReport {
   bool automatic = false;
   std::wstring image;
   std::wstring account;
-  ServiceOptions options;  // no module if an earlier version installed it
+  ServiceHost::ServiceOptions options;  // no module if an earlier version installed it
 };
 
 struct ServiceHandleCloser {
@@ -73,4 +73,4 @@ class ServiceManager {
 // Returns the process ID of the running service `name`. Throws as above if it is not running.
 std::uint32_t ProcessOfService(const std::wstring& name);
 
-}  // namespace Vx::Host
+}  // namespace Vx::Hosting::Tool

@@ -10,7 +10,7 @@
 #include "storage/service_document.h"
 #include "vxhost/store/store_repair.h"
 
-namespace Vx::Host {
+namespace Vx::Hosting::Tool {
 
 namespace {
 
@@ -132,4 +132,4 @@ std::vector<std::string> StoreLines() {
   return lines;
 }
 
-}  // namespace Vx::Host
+}  // namespace Vx::Hosting::Tool

@@ -9,7 +9,7 @@
 #include "storage/bson_document.h"
 #include "vxhost/store/store_look.h"
 
-namespace Vx::Host {
+namespace Vx::Hosting::Tool {
 
 enum class ShownValues { All, Exported };  // Exported: only this module's
 
@@ -28,4 +28,4 @@ std::optional<Tessel::Server::Storage::BsonElement> ScalarOf(Tessel::Server::Sto
 // std::runtime_error if it cannot be read.
 std::vector<std::string> StoreLines();
 
-}  // namespace Vx::Host
+}  // namespace Vx::Hosting::Tool

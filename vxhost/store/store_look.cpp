@@ -12,7 +12,7 @@
 #include "storage/cap_data_store.h"
 #include "vxhost/subscriptions/stored_subscriptions.h"
 
-namespace Vx::Host {
+namespace Vx::Hosting::Tool {
 
 namespace {
 
@@ -117,4 +117,4 @@ BsonDocument DocumentOf(const StoreLook& look) {
   return look.reading.document.value_or(BsonDocument());
 }
 
-}  // namespace Vx::Host
+}  // namespace Vx::Hosting::Tool

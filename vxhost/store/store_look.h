@@ -6,7 +6,7 @@
 #include "hosting/store_hold.h"
 #include "storage/sealed_file.h"
 
-namespace Vx::Host {
+namespace Vx::Hosting::Tool {
 
 // The store as found. Creates no folder or file, and completes no interrupted write.
 struct StoreLook {
@@ -37,4 +37,4 @@ StoreVerdict DiagnoseWithLists(const StoreLook& look, Owner owner = Owner::Trust
 // Reads a copy of the store's file at `path`.
 StoreLook LookAtFile(const std::wstring& path);
 
-}  // namespace Vx::Host
+}  // namespace Vx::Hosting::Tool

@@ -21,7 +21,7 @@
 #include "vxhost/store/store_content.h"
 #include "vxhost/subscriptions/stored_subscriptions.h"
 
-namespace Vx::Host {
+namespace Vx::Hosting::Tool {
 
 namespace {
 
@@ -213,4 +213,4 @@ std::wstring ImportValues(const Json::WideValue& exported, const HoldLimits& lim
   return kept;
 }
 
-}  // namespace Vx::Host
+}  // namespace Vx::Hosting::Tool

@@ -5,7 +5,7 @@
 #include "json/json_text.h"
 #include "vxhost/store/store_look.h"
 
-namespace Vx::Host {
+namespace Vx::Hosting::Tool {
 
 // Operations on the whole store. Each checks its input before changing anything, keeps a copy next
 // to any store that it replaces, and throws std::runtime_error describing a problem that it finds.
@@ -25,4 +25,4 @@ std::wstring ImportValues(const Json::WideValue& exported, const HoldLimits& lim
 // the top level if that is empty. Other services may keep secrets in the store.
 bool IsExported(const std::string& document, const std::string& key);
 
-}  // namespace Vx::Host
+}  // namespace Vx::Hosting::Tool

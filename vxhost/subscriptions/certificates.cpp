@@ -13,7 +13,7 @@
 #include "hosting/text.h"
 #include "security/signature_record.h"
 
-namespace Vx::Host {
+namespace Vx::Hosting::Tool {
 
 namespace {
 
@@ -108,4 +108,4 @@ std::string Fingerprint(std::string_view key) {
   return text;
 }
 
-}  // namespace Vx::Host
+}  // namespace Vx::Hosting::Tool

@@ -5,7 +5,7 @@
 #include <string_view>
 #include <vector>
 
-namespace Vx::Host {
+namespace Vx::Hosting::Tool {
 
 // What an operator needs to know about a certificate.
 struct Certificate {
@@ -35,4 +35,4 @@ std::wstring Lifetime(const Certificate& certificate, std::uint64_t now);
 // -RSAPublicKey_out -outform DER | sha256sum".
 std::string Fingerprint(std::string_view key);
 
-}  // namespace Vx::Host
+}  // namespace Vx::Hosting::Tool

@@ -16,7 +16,7 @@
 #include "platform/windows_runtime_error.h"
 #include "security/trusted_program.h"
 
-namespace Vx::Host {
+namespace Vx::Hosting::Tool {
 
 namespace {
 
@@ -176,4 +176,4 @@ JsonRow RowOf(const Explanation& one) {
           {L"event", one.event}};
 }
 
-}  // namespace Vx::Host
+}  // namespace Vx::Hosting::Tool

@@ -7,7 +7,7 @@
 #include "vxhost/common/json_row.h"
 #include "vxhost/subscriptions/stored_subscriptions.h"
 
-namespace Vx::Host {
+namespace Vx::Hosting::Tool {
 
 // The event in question.
 struct Occasion {
@@ -43,4 +43,4 @@ std::vector<Explanation> Explain(const std::vector<StoredSubscription>& subscrip
 // Starts a JSON result with the members that identify the subscription and its event.
 JsonRow RowOf(const Explanation& one);
 
-}  // namespace Vx::Host
+}  // namespace Vx::Hosting::Tool

@@ -8,7 +8,7 @@
 
 #include "hosting/text.h"
 
-namespace Vx::Host {
+namespace Vx::Hosting::Tool {
 
 namespace {
 
@@ -62,4 +62,4 @@ ModulePins::ModulePins(const std::wstring& module) {
   }
 }
 
-}  // namespace Vx::Host
+}  // namespace Vx::Hosting::Tool

@@ -6,7 +6,7 @@
 
 #include "security/pinned_keys.h"
 
-namespace Vx::Host {
+namespace Vx::Hosting::Tool {
 
 // The keys that a module trusts, as listed in a resource of its file. The module itself uses the
 // copy compiled into its code.
@@ -29,4 +29,4 @@ class ModulePins {
   std::vector<std::string_view> restricted;
 };
 
-}  // namespace Vx::Host
+}  // namespace Vx::Hosting::Tool

@@ -6,7 +6,7 @@
 #include "hosting/text.h"
 #include "security/authenticode_helper.h"
 
-namespace Vx::Host {
+namespace Vx::Hosting::Tool {
 
 using namespace Tessel::Security;
 
@@ -35,4 +35,4 @@ void RefusePinnedSignature(const std::wstring& program, KeySet general, KeySet r
   }
 }
 
-}  // namespace Vx::Host
+}  // namespace Vx::Hosting::Tool

@@ -4,7 +4,7 @@
 
 #include "security/pinned_keys.h"
 
-namespace Vx::Host {
+namespace Vx::Hosting::Tool {
 
 // Throws std::runtime_error if Windows accepts a signature of `program` made with a key in either
 // set, wherever the file is. In a protected location, the module would start it as SYSTEM for any
@@ -16,4 +16,4 @@ namespace Vx::Host {
 void RefusePinnedSignature(const std::wstring& program, Tessel::Security::KeySet general,
                            Tessel::Security::KeySet restricted);
 
-}  // namespace Vx::Host
+}  // namespace Vx::Hosting::Tool

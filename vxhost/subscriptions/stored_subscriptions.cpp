@@ -8,7 +8,7 @@
 #include "storage/request_list.h"
 #include "storage/service_document.h"
 
-namespace Vx::Host {
+namespace Vx::Hosting::Tool {
 
 namespace {
 
@@ -44,4 +44,4 @@ std::vector<StoredSubscription> SubscriptionsIn(const BsonDocument& store) {
   return all;
 }
 
-}  // namespace Vx::Host
+}  // namespace Vx::Hosting::Tool

@@ -8,7 +8,7 @@
 #include "storage/bson_document.h"
 #include "vxhost/subscriptions/subscription_check.h"
 
-namespace Vx::Host {
+namespace Vx::Hosting::Tool {
 
 struct StoredSubscription {
   std::size_t number = 0;  // position across all lists, from 1
@@ -21,4 +21,4 @@ struct StoredSubscription {
 // std::runtime_error if a list is not a JSON array.
 std::vector<StoredSubscription> SubscriptionsIn(const Tessel::Server::Storage::BsonDocument& store);
 
-}  // namespace Vx::Host
+}  // namespace Vx::Hosting::Tool

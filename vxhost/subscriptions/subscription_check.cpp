@@ -27,7 +27,7 @@
 
 #include <windows.h>
 
-namespace Vx::Host {
+namespace Vx::Hosting::Tool {
 
 namespace {
 
@@ -476,4 +476,4 @@ SubscriptionCheck CheckSubscription(const std::wstring& text, Tessel::Security::
   return check;
 }
 
-}  // namespace Vx::Host
+}  // namespace Vx::Hosting::Tool

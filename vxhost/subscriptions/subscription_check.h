@@ -6,7 +6,7 @@
 #include "events/subscription_forms.h"
 #include "security/pinned_keys.h"
 
-namespace Vx::Host {
+namespace Vx::Hosting::Tool {
 
 using Tessel::Server::Services::Orvane::kSubscriptionForms;
 using Tessel::Server::Services::Orvane::SubscriptionForm;
@@ -35,4 +35,4 @@ struct SubscriptionCheck {
 // program for reading and changes nothing. Blocks for as long as the trust check takes.
 SubscriptionCheck CheckSubscription(const std::wstring& text, Tessel::Security::KeySet keys);
 
-}  // namespace Vx::Host
+}  // namespace Vx::Hosting::Tool
