@@ -5,6 +5,7 @@
 
 #include <windows.h>
 
+#include "hosting/module_log.h"
 #include "hosting/services_mutex.h"
 #include "hosting/text.h"
 
@@ -31,6 +32,7 @@ CommandResult ServiceSession::Execute(std::uint32_t id, const std::wstring& requ
   ClientContext* context = nullptr;
   service->CreateClientContext(caller.c_str(), &context);
   CommandResult answer;
+  const DecisionScope decided(answer);
   wchar_t* response = nullptr;
   answer.code = service->ExecuteCommand(context, id, request.c_str(), &response, nullptr);
   if (response != nullptr) answer.text = response;

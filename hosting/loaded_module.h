@@ -12,6 +12,10 @@ namespace Vx::Hosting {
 struct CommandResult {
   std::uint32_t code = 0;
   std::optional<std::wstring> text;  // empty when the module returned none
+  // The words of the command's record, empty if it changed and refused nothing or if the module
+  // keeps no records. Only known while a ModuleLog exists.
+  std::wstring decision = {};
+  std::wstring reason = {};
 };
 
 // A service object and its client contexts, used only through the slots, as the service host does.

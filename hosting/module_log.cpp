@@ -4,6 +4,8 @@
 #include <cstddef>
 #include <exception>
 #include <iterator>
+#include <map>
+#include <mutex>
 #include <utility>
 
 #include <windows.h>
@@ -25,6 +27,9 @@ Value Read(const Struct& all, Value Struct::*member) {
   const auto size = static_cast<std::size_t>(end - reinterpret_cast<const std::byte*>(&all));
   return size <= all.size ? all.*member : Value{};
 }
+
+std::mutex runningLock;
+std::map<DWORD, CommandResult*> running;  // by the thread that runs the command
 
 template <typename Struct>
 std::wstring ReadText(const Struct& all, const wchar_t* Struct::*member) {
@@ -60,6 +65,25 @@ DecisionRecord RecordOf(const VxLogRecord& record) {
   return copy;
 }
 
+DecisionScope::DecisionScope(CommandResult& result) {
+  const std::lock_guard guard(runningLock);
+  running[GetCurrentThreadId()] = &result;
+}
+
+DecisionScope::~DecisionScope() {
+  const std::lock_guard guard(runningLock);
+  running.erase(GetCurrentThreadId());
+}
+
+void NoteDecision(const VxLogRecord& record) {
+  if (ReadText(record, &VxLogRecord::kind) != L"command") return;
+  const std::lock_guard guard(runningLock);
+  const auto mine = running.find(GetCurrentThreadId());
+  if (mine == running.end()) return;
+  mine->second->decision = ReadText(record, &VxLogRecord::decision);
+  mine->second->reason = ReadText(record, &VxLogRecord::reason);
+}
+
 ModuleLog::ModuleLog(const LoadedModule& module, Receiver function)
     : receiver(std::move(function)),
       setSink{reinterpret_cast<VxSetLogSinkFunction>(module.Find("VxSetLogSink"))} {
@@ -83,6 +107,8 @@ ModuleLog::~ModuleLog() {
 
 void ModuleLog::Take(const VxLogLine* line, void* context) noexcept {
   try {
+    const VxLogRecord* const record = Read(*line, &VxLogLine::record);
+    if (record != nullptr) NoteDecision(*record);
     static_cast<ModuleLog*>(context)->receiver(*line);
   } catch (const std::exception&) {  // NOLINT(bugprone-empty-catch): see the header
   }

@@ -60,6 +60,19 @@ const wchar_t* LevelName(std::uint32_t level);
 LogLine LineOf(const VxLogLine& line);
 DecisionRecord RecordOf(const VxLogRecord& record);
 
+// Fills in the decision and the reason of `result` from the record of the command that the calling
+// thread runs meanwhile: the module writes it on that thread.
+class DecisionScope {
+ public:
+  explicit DecisionScope(CommandResult& result);
+  DecisionScope(const DecisionScope&) = delete;
+  DecisionScope& operator=(const DecisionScope&) = delete;
+  ~DecisionScope();
+};
+
+// Tells the scope of the calling thread, if any, of a record. A ModuleLog does so itself.
+void NoteDecision(const VxLogRecord& record);
+
 // Receives the log lines of a loaded module for the life of this object. A module can have only one
 // at a time. Destroy it before unloading the module, whose threads may log until they end. No line
 // arrives after the destructor returns.

@@ -16,13 +16,25 @@ constexpr char kId[] = "id";
 constexpr char kRequest[] = "request";
 constexpr char kCode[] = "code";
 constexpr char kResponse[] = "response";
+constexpr char kRecord[] = "record";
+constexpr wchar_t kDecision[] = L"decision";
+constexpr wchar_t kReason[] = L"reason";
 
 enum class Others { Refused, Ignored };
 
 struct Members {
   std::optional<std::uint32_t> number;
   std::optional<std::wstring> text;
+  std::wstring decision = {};
+  std::wstring reason = {};
 };
+
+// Returns the member's text, empty if it has none.
+std::wstring TextOf(const WideValue& object, const wchar_t* name) {
+  const auto member = object.FindMember(name);
+  if (member == object.MemberEnd() || !member->value.IsString()) return {};
+  return {member->value.GetString(), member->value.GetStringLength()};
+}
 
 // Reads {NUMBER: n, TEXT: "..."}, where either member may be missing.
 std::optional<Members> ParseMembers(std::string_view message, std::string_view numberName,
@@ -47,6 +59,9 @@ std::optional<Members> ParseMembers(std::string_view message, std::string_view n
       members.text.emplace(value.GetString(), value.GetStringLength());
     } else if (others == Others::Refused) {
       return std::nullopt;
+    } else if (name == kRecord && value.IsObject()) {
+      members.decision = TextOf(value, kDecision);
+      members.reason = TextOf(value, kReason);
     }
   }
   return members;
@@ -59,7 +74,7 @@ std::string WriteMembers(const char* numberName, std::uint32_t number, const cha
     message += ",\"" + std::string(textName) + "\":";
     AppendJsonString(message, *text);
   }
-  return message + "}";
+  return message;
 }
 
 }  // namespace
@@ -76,15 +91,25 @@ std::optional<ResultEnvelope> ParseResult(std::string_view message) {
   if (message.size() > kLongestResult) return std::nullopt;
   auto members = ParseMembers(message, kCode, kResponse, Others::Ignored);
   if (!members || !members->number) return std::nullopt;
-  return ResultEnvelope{*members->number, std::move(members->text)};
+  return ResultEnvelope{*members->number, std::move(members->text), std::move(members->decision),
+                        std::move(members->reason)};
 }
 
 std::string WriteCommand(const CommandEnvelope& command) {
-  return WriteMembers(kId, command.id, kRequest, &command.request);
+  return WriteMembers(kId, command.id, kRequest, &command.request) + "}";
 }
 
 std::string WriteResult(const ResultEnvelope& result) {
-  return WriteMembers(kCode, result.code, kResponse, result.response ? &*result.response : nullptr);
+  std::string message =
+      WriteMembers(kCode, result.code, kResponse, result.response ? &*result.response : nullptr);
+  if (!result.decision.empty()) {
+    message += R"(,"record":{"decision":)";
+    AppendJsonString(message, result.decision);
+    message += R"(,"reason":)";
+    AppendJsonString(message, result.reason);
+    message += '}';
+  }
+  return message + "}";
 }
 
 void AppendJsonString(std::string& out, std::wstring_view text) {

@@ -24,10 +24,13 @@ struct CommandEnvelope {
   std::wstring request;  // never contains U+0000, because the module takes null-terminated strings
 };
 
-// The result of a command: {"code": 0, "response": "..."}, or only the code if there is no text.
+// The result of a command: {"code": 0, "response": "...", "record": {"decision": "refused",
+// "reason": "already_stored"}}. Without a text or a decision, its member is missing.
 struct ResultEnvelope {
   std::uint32_t code = 0;
   std::optional<std::wstring> response;
+  std::wstring decision = {};
+  std::wstring reason = {};
 };
 
 // Parse a message. Empty unless it is a JSON object with each of its members exactly once, in any

@@ -112,7 +112,8 @@ HostLoop::~HostLoop() {
 
 ResultEnvelope HostLoop::Execute(const CommandEnvelope& command, const std::wstring& client) {
   CommandResult answer = session.Execute(command.id, command.request, client);
-  return {answer.code, std::move(answer.text)};
+  return {answer.code, std::move(answer.text), std::move(answer.decision),
+          std::move(answer.reason)};
 }
 
 void HostLoop::OnPower(std::uint32_t code, PowerSource source,

@@ -24,12 +24,15 @@ TEST(EnvelopeTest, CarriesEveryTextUnchanged) {
     EXPECT_EQ(result->response, text);
   }
   EXPECT_FALSE(ParseResult(WriteResult({0, std::nullopt}))->response);
+  const auto refused = ParseResult(WriteResult({0, std::nullopt, L"refused", L"not_\"stored"}));
+  EXPECT_EQ(refused->decision, L"refused");
+  EXPECT_EQ(refused->reason, L"not_\"stored");
   // A log line with an unpaired surrogate can be read back.
   EXPECT_EQ(ParseResult(WriteResult({0, L"a\xD83D"}))->response, L"a\xFFFD");
 }
 
 TEST(EnvelopeTest, IgnoresMembersOfAResultFromALaterVersion) {
-  const auto result = ParseResult(R"({"reason":{"a":[1]},"code":7,"response":"x","more":1})");
+  const auto result = ParseResult(R"({"reason":{"a":[1]},"code":7,"response":"x","record":7,"more":1})");
   ASSERT_TRUE(result);
   EXPECT_EQ(result->code, 7U);
   EXPECT_EQ(result->response, L"x");

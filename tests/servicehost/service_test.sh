@@ -86,16 +86,19 @@ cp "$vxhost" "$client"
 exits 0 "$emulator" "$prefix" "$client" exec 22 --service="$name"
 grep -q getVersion "$work/output" || fail 'a client with a long name gets no result:' "$work/output"
 expect 2 'and not to the service; nothing was sent' exec 22 --service="$name" --process 1
-expect 0 'result 0x00000000' exec 9 \
-  '{"powerEventType":7,"eventAction":1,"commandParams":{"path":"C:\\windows\\none.exe"}}' \
-  --service="$name"
+power='{"powerEventType":7,"eventAction":1,"commandParams":{"path":"C:\\windows\\none.exe"}}'
+expect 0 'result 0x00000000 (stored)' exec 9 "$power" --service="$name"
+expect 1 'result 0x00000000 (stored already)' exec 9 "$power" --service="$name"
+expect 1 'stored already' subscriptions add --power 7 --run 'C:\windows\none.exe' --force --service="$name"
+expect 0 'added: ' subscriptions add --power 18 --send f --app-service s --service="$name"
+expect 0 'removed: ' subscriptions remove 2 --service="$name"
 expect 0 'power event 7' service send --name "$name" --power 7 --session 6
 logged '"record":{"kind":"power","decision":"refused","reason":"'
 logged '"message":"session change 6"'
 expect 2 'has its own module and store' --private-store exec 22 --service="$name"
 expect 2 'no service OrvaneService is installed' exec 22 --service
 printf '{"powerEventType":7,"x":"%070000d"}' 0 >"$work/long.json"
-expect 0 'result 0x00000000' exec 9 "@$(windows "$work/long.json")" --service="$name"
+expect 1 'never runs' exec 9 "@$(windows "$work/long.json")" --service="$name"
 expect 0 '"omitted":1' exec 20 --service="$name"
 run watch --service="$name" --text 'power event' --seconds 3 >"$work/watched" 2>"$work/listening" &
 watching=$!

@@ -17,7 +17,7 @@ expect 0 "$(printf '\033[2m')" --simulate --color always exec 22
 # What a script reads of exec is one line, whatever the module logs.
 run --simulate exec 99 --json > "$work/raw" 2> "$work/errors"
 if [ $? != 1 ] || [ "$(tr -d '\r' < "$work/raw")" != \
-  '{"id":99,"code":"0x20000001","meaning":"no such command","answer":{}}' ] ||
+  '{"id":99,"code":"0x20000001","meaning":"no such command","answer":{},"decision":"refused","reason":"unknown_command"}' ] ||
   ! grep -q '"level":"ERROR"' "$work/errors"; then
   fail "exec --json mixes its result with the log:" "$work/raw" "$work/errors"
 fi

@@ -88,7 +88,7 @@ def check_outputs():
 def check_stored():
     with tempfile.TemporaryDirectory() as folder:
         store = "Z:" + folder.replace("/", "\\")
-        trigger = ("--send", "f", "--service", "s", "--trigger", "{01234567-89ab-cdef-0123-456789abcdef}")
+        trigger = ("--send", "f", "--app-service", "s", "--trigger", "{01234567-89ab-cdef-0123-456789abcdef}")
         run("--store", store, "exec", "9", "@subscriptions/14_unsigned.json", "--json")
         for part, arguments in {
                 "subscriptions-add": ("subscriptions", "add", "--platform", "1", *trigger),
@@ -106,7 +106,7 @@ def check_stored():
             expect(result, True, "vxhost store import", "outputs", "store-restore")
         long = pathlib.Path(folder) / "long.json"
         long.write_text(json.dumps({"powerEventType": 7, "x": "x" * 70000}), encoding="utf-8")
-        run("--store", store, "exec", "9", "@Z:" + str(long).replace("/", "\\"), "--json")
+        run("--store", store, "exec", "9", "@Z:" + str(long).replace("/", "\\"), "--json", code=1)
         part = run("--store", store, "exec", "20", "--json")[0][0]["answer"]
         expect(part, True, "a part of the subscriptions", "answers", "command20")
         if part["result"].get("omitted") != 1:

@@ -25,7 +25,7 @@ module() {
   expect "$module_code" "$module_text" --dll "$module" --store "$store" "$@"
 }
 subscribe() { # NUMBER: a subscription that can run
-  module 0 'added: ' subscriptions add --power 18 --send f --service s --delay "$1" \
+  module 0 'added: ' subscriptions add --power 18 --send f --app-service s --delay "$1" \
     --trigger "{01234567-89ab-cdef-0123-456789abcde$1}"
 }
 
@@ -41,7 +41,7 @@ kept 1 'not removed' subscriptions remove 1
 
 part subscriptions
 subscribe 5
-module 1 'not added: ' subscriptions add --power 18 --send f --service s --delay 6 \
+module 1 'not added: ' subscriptions add --power 18 --send f --app-service s --delay 6 \
   --trigger '{01234567-89ab-cdef-0123-456789abcde5}'
 module 1 'never runs: commandParams.path: ' subscriptions add --platform 1 --run 'C:\Missing.exe'
 module 0 '"added":true' subscriptions add --platform 1 --run 'C:\Missing.exe' --force --json
@@ -51,6 +51,18 @@ module 0 'removed: ' subscriptions remove 2
 module 0 'removed: ' subscriptions remove 1
 module 1 'not removed' subscriptions remove 1
 
+# A command that answers 0 says what became of its request.
+part verdicts
+power='{"powerEventType":18,"eventAction":1,"commandParams":{"path":"C:\\windows\\none.exe"}}'
+printf '%s' "$power" | sed 's/,/, /g' > "$work/power.json"
+module 0 'result 0x00000000 (stored)' exec 9 "$power"
+module 1 'result 0x00000000 (stored already)' exec 9 "$power"
+module 1 'result 0x00000000 (stored, but never runs: its text cannot be read)' exec 9
+module 0 'result 0x00000000 (taken back)' exec 19
+module 1 'result 0x00000000 (stored, but never runs: ' exec 14 '{"zephraEventTyp":1,"zephraEventAction":1,"commandParams":{}}'
+module 1 'result 0x00000000 (nothing removed)' exec 19 '{}'
+module 0 'result 0x00000000 (taken back)' exec 19 "@$work/power.json"
+
 # An export leaves out what other services store. A backup is a copy of all.
 part others
 printf '{"steps": [{"store": {"token": "a secret"}}]}' > "$work/others.json"
@@ -58,6 +70,11 @@ module 0 'happened' scenario "$work/others.json"
 subscribe 5
 kept 0 'a secret' store show
 kept 0 '1 values of other services' store export
+kept 0 'written to ' store export "$work/exported.json"
+run --store "$store" store export 2> /dev/null | diff --strip-trailing-cr - "$work/exported.json" || fail 'the two exports differ'
+run --store "$store" store export > /dev/full 2> "$work/output"
+[ $? = 2 ] && grep -q 'standard output cannot be written' "$work/output" ||
+  fail 'an export that was cut short succeeds:' "$work/output"
 ! grep -q 'secret' "$work/output" || fail "an export holds a value of another service:" "$work/output"
 kept 0 'written to' store backup "$work/backup.dat"
 subscribe 6
@@ -71,7 +88,7 @@ kept 0 'sound' store verify
 part marks
 printf '{"zephraEventType":1,"eventAction":2,"commandParams":{"packageFamilyName":"a",
   "appServiceName":"b","payload":{"\342\200\217\302\205\177":1}}}' > "$work/marks.json"
-module 0 'accepted' exec 14 "@$work/marks.json"
+module 1 'accepted' exec 14 "@$work/marks.json"
 run --store "$store" store export > "$work/export.json" 2> "$work/errors" ||
   fail "the export fails:" "$work/errors"
 kept 0 'is kept as' store import "$work/export.json"
@@ -103,7 +120,7 @@ fi
 tail -n 1 "$work/tables" | grep -qF '(none is stored)' ||
   fail "exec 19 with the file that subscribed removes nothing:" "$work/tables"
 
-expect 2 'names a trigger already' subscriptions add --power 7 --send a --service b \
+expect 2 'names a trigger already' subscriptions add --power 7 --send a --app-service b \
   --payload '{"customTriggerGUID":"c"}' --trigger d
 expect 2 'its own module and store' --store "$work" exec 22 --service=None
 exit $((failures > 0))

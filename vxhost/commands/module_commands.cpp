@@ -21,6 +21,7 @@
 #include "vxhost/play/play_report.h"
 #include "vxhost/play/scenario.h"
 #include "vxhost/service/running_service.h"
+#include "vxhost/subscriptions/command_verdict.h"
 
 namespace Vx::Hosting::Tool {
 
@@ -84,9 +85,9 @@ int Exec(const ModuleOptions& module, const ExecOptions& options, Console& conso
   if (console.WritesJson()) {
     console.JsonResult(CommandJson(options.id, answer));
   } else {
-    console.Result(answer);
+    console.Result(answer, VerdictOf(options.id, answer));
   }
-  return answer.code == 0 ? kDone : kNotMet;
+  return WasDone(answer) ? kDone : kNotMet;
 }
 
 struct ScenarioOptions {
@@ -226,7 +227,9 @@ constexpr char kExecFooter[] =
     "vxhost --dll, --private-store and --simulate choose the module and its store.\n"
     "With --service nothing is sent unless the pipe belongs to the process that the service\n"
     "manager names, or to that of --process, which \"service run\" names.\n"
-    "Exit code 0 for result code 0x00000000, else 1.\n"
+    "Exit code 1 for another result code than 0x00000000, if the module refused the request, and "
+    "if\n"
+    "it stored a subscription that never runs.\n"
     "  vxhost exec 22\n"
     "  vxhost --private-store exec 9 @subscription.json";
 constexpr char kScenarioFooter[] =

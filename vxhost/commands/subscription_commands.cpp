@@ -14,12 +14,15 @@
 #include "hosting/text.h"
 #include "json/json_object.h"
 #include "json/json_text.h"
+#include "records/record.h"
 #include "records/subscription_hash.h"
 #include "storage/request_manager.h"
 #include "storage/sealed_file.h"
 #include "vxhost/play/harness.h"
 #include "vxhost/play/played_keys.h"
+#include "vxhost/service/running_service.h"
 #include "vxhost/store/store_look.h"
+#include "vxhost/subscriptions/command_verdict.h"
 #include "vxhost/subscriptions/explanation.h"
 #include "vxhost/subscriptions/module_pins.h"
 
@@ -28,6 +31,7 @@ namespace Vx::Hosting::Tool {
 namespace {
 
 using namespace Tessel::Server::Services::Orvane;
+namespace Records = Tessel::Server::Records;
 using Tessel::Server::Storage::StoreState;
 
 // Returns the stored subscriptions. Empty if there is no store.
@@ -82,6 +86,31 @@ int List(const ModuleOptions& module, const HoldLimits& limits, Console& console
   return kDone;
 }
 
+// Who carries out a command.
+struct Recipient {
+  std::string service;  // empty: a module in this process
+  std::string caller = "vxhost";
+  HoldLimits limits;
+};
+
+// Sends the command. Returns whether the module decided `wanted`.
+bool Sends(const ModuleOptions& module, const Recipient& to, std::uint32_t command,
+           const std::wstring& text, Records::Decision wanted, Console& console) {
+  CommandResult answer;
+  if (to.service.empty()) {
+    const auto harness = MakeHarness(module, console);
+    answer = harness->Open().session.Execute(command, text, Wide(to.caller));
+  } else {
+    answer = ExecuteInService(to.service, 0, command, text);
+  }
+  const bool met = answer.decision == Records::NameOf(wanted).word;
+  if (!met) {
+    const std::string verdict = VerdictOf(command, answer);
+    console.Note(verdict.empty() ? "result " + Describe(answer.code) : verdict);
+  }
+  return met;
+}
+
 struct AddOptions {
   std::optional<std::uint32_t> power;
   std::optional<std::uint32_t> platform;
@@ -90,13 +119,12 @@ struct AddOptions {
   std::string run;
   std::string arguments;
   std::string send;
-  std::string service;
+  std::string appService;
   std::string payload = "{}";
   std::string trigger;
   std::string delay;
-  std::string caller = "vxhost";
   bool force = false;
-  HoldLimits limits;
+  Recipient recipient;
 };
 
 const SubscriptionForm& KindOf(const AddOptions& options) {
@@ -144,7 +172,7 @@ std::wstring Compose(const AddOptions& options) {
     if (!options.arguments.empty()) parameters.Add({L"arguments", options.arguments});
   } else {
     parameters.Add({L"packageFamilyName", options.send});
-    parameters.Add({L"appServiceName", options.service});
+    parameters.Add({L"appServiceName", options.appService});
     parameters.Add({L"payload", PayloadOf(options)});
   }
   if (!options.delay.empty()) parameters.Add({L"delayDeliverySec", options.delay});
@@ -158,8 +186,7 @@ std::wstring Compose(const AddOptions& options) {
 
 // Prints what was added or removed. Returns the exit code.
 int Report(const wchar_t* done, const std::wstring& text, bool succeeded, Console& console) {
-  const std::wstring hash =
-      text.empty() ? std::wstring() : Tessel::Server::Records::SubscriptionHash(text);
+  const std::wstring hash = text.empty() ? std::wstring() : Records::SubscriptionHash(text);
   if (console.WritesJson()) {
     console.JsonResult({{done, succeeded}, {L"hash", hash}, {L"text", text}});
   } else {
@@ -170,6 +197,7 @@ int Report(const wchar_t* done, const std::wstring& text, bool succeeded, Consol
 }
 
 int Add(const ModuleOptions& module, const AddOptions& options, Console& console) {
+  if (!options.recipient.service.empty()) RefuseForService(module);
   const std::wstring text = Compose(options);
   const SubscriptionCheck check =
       CheckSubscription(text, module.simulate ? Tessel::Security::BuiltRestrictedKeys()
@@ -180,18 +208,14 @@ int Add(const ModuleOptions& module, const AddOptions& options, Console& console
     }
   }
   if (!check.Runs() && !options.force) return Report(L"added", text, false, console);
-  const std::size_t before = Stored(options.limits).size();
-  const auto harness = MakeHarness(module, console);
-  const CommandResult answer =
-      harness->Open().session.Execute(KindOf(options).subscribe, text, Wide(options.caller));
-  const bool added = answer.code == 0 && Stored(options.limits).size() > before;
+  const bool added = Sends(module, options.recipient, KindOf(options).subscribe, text,
+                           Records::Decision::Stored, console);
   return Report(L"added", text, added, console);
 }
 
 struct RemoveOptions {
   std::string which;
-  std::string caller = "vxhost";
-  HoldLimits limits;
+  Recipient recipient;
 };
 
 const StoredSubscription* Find(const std::vector<StoredSubscription>& all,
@@ -205,7 +229,9 @@ const StoredSubscription* Find(const std::vector<StoredSubscription>& all,
 }
 
 int Remove(const ModuleOptions& module, const RemoveOptions& options, Console& console) {
-  const auto before = Stored(options.limits);
+  const Recipient& to = options.recipient;
+  if (!to.service.empty()) RefuseForService(module);
+  const auto before = Stored(to.limits);
   const StoredSubscription* found = Find(before, options.which);
   if (found == nullptr) {
     console.Note("no stored subscription has the number or hash " + options.which);
@@ -213,16 +239,17 @@ int Remove(const ModuleOptions& module, const RemoveOptions& options, Console& c
   }
   const StoredSubscription& one = *found;
   if (one.kind->unsubscribe != 0) {
-    const auto harness = MakeHarness(module, console);
-    harness->Open().session.Execute(one.kind->unsubscribe, *one.text, Wide(options.caller));
-  } else {
-    // No command reverts a package subscription. A running service watches it until logoff.
-    const StoreHold hold(StoreUse::Write, options.limits);
-    RequestManager(kServiceDocument, one.kind->list).RemoveRequest(*one.text);
-    console.Note("a running service may still carry it out, until the next logoff");
+    const bool removed =
+        Sends(module, to, one.kind->unsubscribe, *one.text, Records::Decision::Removed, console);
+    return Report(L"removed", *one.text, removed, console);
   }
-  const bool removed = Stored(options.limits).size() < before.size();
-  return Report(L"removed", *one.text, removed, console);
+  {
+    // No command reverts a package subscription. A running service watches it until logoff.
+    const StoreHold hold(StoreUse::Write, to.limits);
+    RequestManager(kServiceDocument, one.kind->list).RemoveRequest(*one.text);
+  }
+  console.Note("a running service may still carry it out, until the next logoff");
+  return Report(L"removed", *one.text, Stored(to.limits).size() < before.size(), console);
 }
 
 constexpr char kListFooter[] =
@@ -234,10 +261,18 @@ constexpr char kAddFooter[] =
     "Checks the subscription first, and adds one that would never run only with --force.\n"
     "Exit code 1 when nothing was added.\n"
     "  vxhost subscriptions add --power 18 --run \"C:\\Program Files\\Maker\\Tool.exe\" --delay 5\n"
-    "  vxhost subscriptions add --platform 1 --send Maker.App_abcdefgh12345 --service Sync";
+    "  vxhost subscriptions add --platform 1 --send Maker.App_abcdefgh12345 --app-service Sync";
 constexpr char kRemoveFooter[] =
-    "Sends the exact text that is stored. Exit code 1 when nothing was removed.\n"
-    "  vxhost subscriptions remove 3";
+    "Finds the subscription in the store and sends the exact text that is stored there. Exit code "
+    "1\n"
+    "when nothing was removed.\n"
+    "  vxhost subscriptions remove 3 --service";
+
+void OfferRecipient(CLI::App& command, Recipient& recipient) {
+  command.add_option("--caller", recipient.caller, "the client's identity")->capture_default_str();
+  CommandLine::AddTimeout(command, recipient.limits);
+  CommandLine::OfferService(command, recipient.service);
+}
 
 void AddAdd(CommandLine& line, CLI::App& parent) {
   const auto options = std::make_shared<AddOptions>();
@@ -251,14 +286,13 @@ void AddAdd(CommandLine& line, CLI::App& parent) {
   add.add_option("--run", options->run, "start this program, by its full path");
   add.add_option("--arguments", options->arguments, "with these arguments");
   add.add_option("--send", options->send, "send a message to the app of this family");
-  add.add_option("--service", options->service, "to this app service of it");
+  add.add_option("--app-service", options->appService, "to this app service of it");
   add.add_option("--payload", options->payload, "with this JSON object, or @FILE")
       ->capture_default_str();
   add.add_option("--trigger", options->trigger, "raise the trigger with this GUID instead");
   add.add_option("--delay", options->delay, "this many seconds later");
-  add.add_option("--caller", options->caller, "the client's identity")->capture_default_str();
   add.add_flag("--force", options->force, "also if it would never run");
-  CommandLine::AddTimeout(add, options->limits);
+  OfferRecipient(add, options->recipient);
   line.OfferJson(add);
   line.UseModule(add);
   line.UseStore(add);
@@ -270,8 +304,7 @@ void AddRemove(CommandLine& line, CLI::App& parent) {
       parent, "remove", "take a subscription back", kRemoveFooter,
       [&line, options](Console& console) { return Remove(line.Module(), *options, console); });
   remove.add_option("which", options->which, "its number, or its hash")->required();
-  remove.add_option("--caller", options->caller, "the client's identity")->capture_default_str();
-  CommandLine::AddTimeout(remove, options->limits);
+  OfferRecipient(remove, options->recipient);
   line.OfferJson(remove);
   line.UseModule(remove);
   line.UseStore(remove);

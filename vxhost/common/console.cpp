@@ -155,6 +155,8 @@ void Console::Write(const std::string& text, std::FILE* file) {
   const std::lock_guard guard(lock);
   std::fprintf(file, "%s\n", text.c_str());
   std::fflush(file);
+  // The two calls report no failed write of an unbuffered stream.
+  if (file == stdout && std::ferror(file) != 0) lostOutput = true;
 }
 
 void Console::WriteNote(const std::string& text, LineBreaks breaks) {
@@ -170,9 +172,10 @@ void Console::Request(std::uint32_t id, const std::wstring& request) {
   WriteNote("-> " + std::to_string(id) + " " + Utf8(request), LineBreaks::Keep);
 }
 
-void Console::Result(const CommandResult& answer) {
+void Console::Result(const CommandResult& answer, const std::string& verdict) {
   Line("<- " + (answer.text ? Utf8(*answer.text) : std::string("(no response)")));
-  Line("   result " + Describe(answer.code));
+  Line("   result " +
+       (verdict.empty() ? Describe(answer.code) : CodeText(answer.code) + " (" + verdict + ")"));
 }
 
 std::string Console::TextOf(const LogLine& line, const std::wstring& moment) const {

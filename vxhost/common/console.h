@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <cstdio>
 #include <mutex>
@@ -59,12 +60,16 @@ class Console {
   // Writes `text` with its line breaks.
   void Lines(const std::string& text) { Write(Printable(text, LineBreaks::Keep)); }
   void Request(std::uint32_t id, const std::wstring& request);
-  void Result(const CommandResult& answer);
+  // `verdict` replaces the meaning of the code if not empty.
+  void Result(const CommandResult& answer, const std::string& verdict = {});
   // If `moment` is not empty, it precedes the line.
   void Log(const LogLine& line, const std::wstring& moment = {});
   // As above, as the result of a command that shows log lines.
   void LogResult(const LogLine& line, const std::wstring& moment = {});
   void Failure(const std::string& text);
+
+  // Returns whether something could not be written to standard output, such as on a full disk.
+  bool LostOutput() const { return lostOutput; }
 
  private:
   void Write(const std::string& text, std::FILE* file = stdout);
@@ -74,6 +79,7 @@ class Console {
   LogForm form;
   bool quiet;
   bool coloured;
+  std::atomic<bool> lostOutput{false};
   std::mutex lock;
 };
 

@@ -135,7 +135,10 @@ class SimulatedLog {
                  .provider = std::wstring(record.provider),
                  .caller = std::wstring(record.caller),
                  .message = std::wstring(record.message)};
-    if (record.record != nullptr) line.record = RecordOf(*record.record);
+    if (record.record != nullptr) {
+      NoteDecision(*record.record);
+      line.record = RecordOf(*record.record);
+    }
     recorder.AddLog(line);
     const auto now = clock.Moment();
     const auto found = std::find_if(recent.begin(), recent.end(), [&line](const Said& one) {

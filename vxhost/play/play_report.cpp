@@ -137,6 +137,8 @@ std::string Suite(const PlayedScenario& played) {
 JsonRow CommandJson(std::uint32_t id, const CommandResult& answer) {
   JsonRow row{};
   AddCommandMembers(row, id, answer);
+  row.Add({L"decision", answer.decision});
+  row.Add({L"reason", answer.reason});
   return row;
 }
 

@@ -39,7 +39,8 @@ void RefuseForService(const ModuleOptions& options) {
 CommandResult ExecuteInService(const std::string& name, std::uint32_t process, std::uint32_t id,
                                const std::wstring& request) {
   ServiceHost::ResultEnvelope result = ConnectToService(Wide(name), process).Execute({id, request});
-  return {result.code, std::move(result.response)};
+  return {result.code, std::move(result.response), std::move(result.decision),
+          std::move(result.reason)};
 }
 
 void FollowService(const std::string& name, int seconds,

@@ -1,0 +1,18 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "hosting/loaded_module.h"
+
+namespace Vx::Hosting::Tool {
+
+// Returns whether the command did what was asked: it answered 0, refused nothing, and stored no
+// subscription that will never run.
+bool WasDone(const CommandResult& answer);
+
+// Returns what became of command `id`, such as "stored" or "nothing removed". Empty if the module
+// answered with an error code or recorded no decision.
+std::string VerdictOf(std::uint32_t id, const CommandResult& answer);
+
+}  // namespace Vx::Hosting::Tool
