@@ -28,6 +28,7 @@ constexpr char kFooter[] =
     "file or the store cannot be used.\n"
     "\n"
     "vxhost SUBCOMMAND --help shows every option and an example.";
+constexpr char kLostOutput[] = "the output is incomplete: standard output cannot be written";
 constexpr char kVersion[] = "vxhost " VX_VERSION;
 
 std::string Joined(const std::vector<const CLI::App*>& commands) {
@@ -130,7 +131,8 @@ int CommandLine::Execute(std::vector<std::string> arguments) {
                                                    : Colours::Auto});
   try {
     ChooseStore();
-    return run(console);
+    const int code = run(console);
+    return console.LostOutput() ? Fail(kLostOutput, 0) : code;
   } catch (const Platform::WindowsRuntimeError& error) {
     return Fail(Utf8(error.message()), error.code());
   } catch (const std::exception& error) {

@@ -19,12 +19,8 @@ namespace {
 
 using Json::WideDocument;
 
-// Also read by people, so it is indented unless a program asks for a single line.
-void Print(const WideDocument& document, Console& console) {
-  if (console.WritesJson()) {
-    console.JsonResult(Json::JsonText(document));
-    return;
-  }
+// Returns the document's text, indented for people.
+std::wstring Indented(const WideDocument& document) {
   Json::TextBuffer buffer;
   Json::ScratchMemory scratch;
   rapidjson::PrettyWriter<Json::TextBuffer, Json::WideEncoding, Json::WideEncoding,
@@ -32,7 +28,11 @@ void Print(const WideDocument& document, Console& console) {
       writer(buffer, &scratch);
   writer.SetIndent(L' ', 2);
   document.Accept(writer);
-  console.JsonResult(buffer.View());
+  return std::wstring(buffer.View());
+}
+
+void Print(const WideDocument& document, Console& console) {
+  console.JsonResult(console.WritesJson() ? Json::JsonText(document) : Indented(document));
 }
 
 struct Options {
@@ -48,7 +48,14 @@ int Show(const Options& options, Console& console) {
 
 int Export(const Options& options, Console& console) {
   std::size_t left = 0;
-  Print(StoreContent(LookAtStore(options.limits), ShownValues::Exported, left), console);
+  const WideDocument values =
+      StoreContent(LookAtStore(options.limits), ShownValues::Exported, left);
+  if (options.file.empty()) {
+    Print(values, console);
+  } else {
+    WriteTextFile(FullPath(options.file), Utf8(Indented(values)) + "\n");
+    console.Note("written to " + options.file);
+  }
   if (left != 0) {
     std::fprintf(stderr, "%zu values of other services were left out\n", left);
   }
@@ -123,10 +130,10 @@ constexpr char kRestoreFooter[] =
     "reads it at its next access.\n"
     "  vxhost store restore backup.dat";
 constexpr char kExportFooter[] =
-    "Prints this module's values in the form of \"store show\". Values of other services, which "
-    "may\n"
-    "be secret, are left out. Any machine can import it.\n"
-    "  vxhost store export > values.json";
+    "Prints this module's values in the form of \"store show\", or writes them into FILE. Values "
+    "of\n"
+    "other services, which may be secret, are left out. Any machine can import it.\n"
+    "  vxhost store export values.json";
 constexpr char kImportFooter[] =
     "Checks all values first and keeps the store as it was beside it.\n"
     "  vxhost store import values.json";
@@ -148,7 +155,7 @@ constexpr Command kCommands[] = {
     {"backup", "copy the store's file", kBackupFooter, &BackUp, File::Required},
     {"restore", "replace the store by a copy of it", kRestoreFooter, &Restore, File::Required},
     {"export", "print this module's values of the store as JSON", kExportFooter, &Export,
-     File::None},
+     File::Optional},
     {"import", "put exported values into the store", kImportFooter, &Import, File::Required},
 };
 
