@@ -171,7 +171,8 @@ TEST(ServiceManagerTest, ARefusedSettingLeavesNoServiceExceptOneThatWasThere) {
   Tool::ServiceManager manager;
   Tool::ServicePlan plan{.name = L"VxHalf" + std::to_wstring(GetCurrentProcessId()),
                          .program = OwnPath(),
-                         .module = Tests::ModulePath()};
+                         .module = Tests::ModulePath(),
+                         .start = Tool::ServicePlan::Start::Automatic};
   const auto expectRefusal = [&] {
     EXPECT_THROW(manager.Install(plan), std::runtime_error) << refusedLevel;
     EXPECT_EQ(manager.Query(plan.name).has_value(), plan.replaces) << refusedLevel;
@@ -200,20 +201,24 @@ TEST(ServiceManagerTest, ReplacingMovesTheOptionsFromTheCommandLineToTheParamete
   Tool::UniqueServiceHandle older(CreateServiceW(
       static_cast<SC_HANDLE>(windows.get()), name.c_str(), nullptr, SERVICE_ALL_ACCESS,
       SERVICE_WIN32_OWN_PROCESS, SERVICE_DEMAND_START, SERVICE_ERROR_NORMAL,
-      L"\"C:\\x\\vxhost.exe\" service entry --name x --module C:\\x\\m.dll", nullptr, nullptr,
-      nullptr, nullptr, nullptr));
+      L"\"C:\\x\\vxhost.exe\" service entry --name x --module \"C:\\x y\\m.dll\" --allow "
+      L"S-1-5-32-545 "
+      L"--allow S-1-5-4 --development",
+      nullptr, nullptr, nullptr, nullptr, nullptr));
   ASSERT_NE(older, nullptr);
   older.reset();
   Tool::ServiceManager manager;
-  EXPECT_EQ(manager.Query(name)->options.module, L"");
+  const ServiceOptions before = manager.Query(name)->options;
+  EXPECT_EQ(before.module, L"");
   manager.Install({.name = name,
                    .program = L"C:\\a b\\OrvaneHost.exe",
                    .module = L"C:\\a b\\m.dll",
-                   .allowed = {L"S-1-5-32-545", L"S-1-5-4"},
-                   .development = true,
+                   .allowed = before.allowed,
+                   .development = before.development,
                    .replaces = true});
   const auto report = manager.Query(name);
   EXPECT_EQ(report->image, L"\"C:\\a b\\OrvaneHost.exe\" " + name);
+  EXPECT_FALSE(report->automatic);
   EXPECT_EQ(report->options.module, L"C:\\a b\\m.dll");
   EXPECT_THAT(report->options.allowed, ElementsAre(L"S-1-5-32-545", L"S-1-5-4"));
   EXPECT_TRUE(report->options.development);

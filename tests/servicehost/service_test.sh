@@ -57,10 +57,11 @@ expect 0 'may now start any trusted program as SYSTEM' service install --name "$
 expect 2 'remove the installed one first' service install --name "$name" --development
 expect 2 'can be written by' --dll "$open" \
   service install --name "$name" --development --replace
-expect 1 'demand' service status --name "$name"
-expect 0 'is installed' service install --name "$name" --development --replace
+expect 0 'is installed' service install --name "$name" --development --replace --start auto
 expect 1 'auto' service status --name "$name"
-expect 0 'is installed' service install --name "$name" --development --replace --start demand
+expect 0 'is installed' service install --name "$name" --replace --start demand --allow S-1-5-32-546
+expect 0 'S-1-5-32-546 may now' service install --name "$name" --replace
+expect 1 'demand' service status --name "$name"
 for folder in "$data" "$data/Logs" "$data/SharedServices"; do
   if [ -n "$(find "$folder" -maxdepth 0 -perm /002)" ]; then
     fail "others may write to $folder"
@@ -77,7 +78,7 @@ if ! run service start --name "$name" >"$work/output" 2>&1; then
 fi
 expect 0 '"state":"running"' service status --name "$name" --json
 place='C:\\Program Files\\'$name
-expect 0 '"account":"LocalSystem","image":"\"'"$place"'\\OrvaneHost.exe\" '"$name"'","module":"'"$place"'\\OrvaneService.dll","allow":[],"development":true' \
+expect 0 '"account":"LocalSystem","image":"\"'"$place"'\\OrvaneHost.exe\" '"$name"'","module":"'"$place"'\\OrvaneService.dll","allow":["S-1-5-32-546"],"development":true' \
   service status --name "$name" --json
 expect 0 '<- {"result":{"getVersion":' exec 22 --service="$name"
 # A client id of more than 64 characters would end the service.
@@ -120,8 +121,9 @@ expect 1 'stopped' service status --name "$name"
 # The subscription is there again after a restart.
 expect 0 ' runs' service start --name "$name"
 expect 0 'none.exe' exec 20 --service="$name"
+expect 0 'is removed' service remove --name "$name" --force
 expect 0 'has stopped' service stop --name "$name"
-expect 0 'is removed' service remove --name "$name"
+expect 1 'not installed' service status --name "$name"
 
 # A service that was not installed for development takes no events from users.
 plain='a code to the service'

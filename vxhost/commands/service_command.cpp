@@ -112,7 +112,7 @@ constexpr char kRunFooter[] =
 
 struct InstallOptions {
   std::string name = kDefaultServiceName;
-  std::string start = "auto";
+  std::string start;
   std::vector<std::string> allowed;
   bool repair = false;
   bool replace = false;
@@ -146,13 +146,20 @@ int Install(const ModuleOptions& module, const InstallOptions& options, Console&
   plan.name = CheckedName(options.name);
   plan.program = HostProgram();
   plan.module = module.Path();
-  plan.start = options.start == "auto" ? ServicePlan::Start::Automatic : ServicePlan::Start::Demand;
+  if (!options.start.empty()) {
+    plan.start =
+        options.start == "auto" ? ServicePlan::Start::Automatic : ServicePlan::Start::Demand;
+  }
   plan.allowed = WideAll(options.allowed);
   plan.development = options.development;
   plan.replaces = options.replace;
+  if (const auto replaced = options.replace ? ServiceManager().Query(plan.name) : std::nullopt) {
+    if (plan.allowed.empty()) plan.allowed = replaced->options.allowed;
+    plan.development = plan.development || replaced->options.development;
+  }
   ServiceHost::CheckSids(plan.allowed);
   const ServiceHost::Writers accepted =
-      options.development ? ServiceHost::Writers::Account : ServiceHost::Writers::System;
+      plan.development ? ServiceHost::Writers::Account : ServiceHost::Writers::System;
   for (const std::wstring& file : {plan.program, plan.module}) {
     if (const std::string why = ServiceHost::WhyUnguarded(file, accepted); !why.empty()) {
       throw std::runtime_error(why +
@@ -169,11 +176,11 @@ int Install(const ModuleOptions& module, const InstallOptions& options, Console&
   for (const std::string& unknown : ServiceManager().Install(plan)) {
     console.Line("this system does not know, so the service has not: " + unknown);
   }
-  for (const std::string& sid : options.allowed) {
-    console.Line("warning: " + sid +
+  for (const std::wstring& sid : plan.allowed) {
+    console.Line("warning: " + Utf8(sid) +
                  " may now start any trusted program as SYSTEM, with its own arguments");
   }
-  if (options.development) {
+  if (plan.development) {
     console.Line(
         "warning: a service for development. The account that installs can replace what "
         "runs as SYSTEM, and users at the machine can send it events");
@@ -259,9 +266,8 @@ void AddInstall(CommandLine& line, CLI::App& group) {
       group, "install", "install the module as a Windows service", kInstallFooter,
       [&line, options](Console& console) { return Install(line.Module(), *options, console); });
   install.add_option("--name", options->name, "its name")->capture_default_str();
-  install.add_option("--start", options->start, "auto (delayed) or demand")
-      ->check(CLI::IsMember({"auto", "demand"}))
-      ->capture_default_str();
+  install.add_option("--start", options->start, "auto (delayed, the default) or demand")
+      ->check(CLI::IsMember({"auto", "demand"}));
   install.add_option("--allow", options->allowed,
                      "a further account for its pipe, as SID: it may then start every trusted\n"
                      "program as SYSTEM, with its own arguments");
@@ -269,7 +275,7 @@ void AddInstall(CommandLine& line, CLI::App& group) {
                    "take the right to write to an existing %ProgramData%\\Vx from users");
   install.add_flag("--replace", options->replace,
                    "give an installed service of this name these files and options; it uses them\n"
-                   "from its next start on");
+                   "from its next start on, and keeps the options that are not given");
   install.add_flag("--development", options->development,
                    "accept folders of the account that installs, and events of \"service send\";\n"
                    "never on a machine that others use");
@@ -286,8 +292,6 @@ void AddSetup(CommandLine& line, CLI::App& group) {
   } kActions[] = {
       {"start", "start the installed service", &ServiceManager::Start, " runs"},
       {"stop", "stop the service", &ServiceManager::Stop, " has stopped"},
-      {"remove", "remove the stopped service; its data stays", &ServiceManager::Remove,
-       " is removed"},
   };
   for (const auto& action : kActions) {
     const auto name = std::make_shared<std::string>(kDefaultServiceName);
@@ -300,6 +304,24 @@ void AddSetup(CommandLine& line, CLI::App& group) {
         });
     command.add_option("--name", *name, "its name")->capture_default_str();
   }
+
+  struct Removal {
+    std::string name = kDefaultServiceName;
+    bool force = false;
+  };
+  const auto removal = std::make_shared<Removal>();
+  CLI::App& removing =
+      line.Add(group, "remove", "remove the stopped service; its data stays", kNameFooter,
+               [removal](Console& console) {
+                 ServiceManager().Remove(CheckedName(removal->name),
+                                         removal->force ? ServiceManager::Running::Marked
+                                                        : ServiceManager::Running::Refused);
+                 console.Line(removal->name + " is removed");
+                 return kDone;
+               });
+  removing.add_option("--name", removal->name, "its name")->capture_default_str();
+  removing.add_flag("--force", removal->force,
+                    "a running one too, which Windows removes as soon as it ends");
 
   const auto queried = std::make_shared<std::string>(kDefaultServiceName);
   CLI::App& status = line.Add(group, "status", "whether the service runs", kStatusFooter,

@@ -4,9 +4,14 @@
 #include <chrono>
 #include <cstddef>
 #include <iterator>
+#include <memory>
 #include <stdexcept>
+#include <string_view>
+#include <utility>
 
 #include <windows.h>
+
+#include <shellapi.h>
 
 #include "hosting/text.h"
 #include "platform/unique_handle.h"
@@ -101,7 +106,7 @@ SERVICE_STATUS_PROCESS AwaitWhile(const UniqueServiceHandle& service, const std:
 
 // Applies settings that CreateService does not take. Returns the first error from Windows. Adds
 // settings that this system does not support to `unknown`.
-DWORD Configure(SC_HANDLE service, bool automatic, std::vector<std::string>& unknown) {
+DWORD Configure(SC_HANDLE service, bool delays, std::vector<std::string>& unknown) {
   DWORD error = ERROR_SUCCESS;
   const auto set = [&](const char* what, DWORD level, void* info) {
     if (error != ERROR_SUCCESS || ChangeServiceConfig2W(service, level, info) != FALSE) return;
@@ -132,8 +137,20 @@ DWORD Configure(SC_HANDLE service, bool automatic, std::vector<std::string>& unk
   SERVICE_PRESHUTDOWN_INFO preshutdown{kPreshutdown};
   set("time before a shutdown", SERVICE_CONFIG_PRESHUTDOWN_INFO, &preshutdown);
   SERVICE_DELAYED_AUTO_START_INFO delayed{TRUE};
-  if (automatic) set("a delayed start", SERVICE_CONFIG_DELAYED_AUTO_START_INFO, &delayed);
+  if (delays) set("a delayed start", SERVICE_CONFIG_DELAYED_AUTO_START_INFO, &delayed);
   return error;
+}
+
+// Reads the options of an earlier version, which kept them in the service's command line.
+void AddEarlierOptions(const wchar_t* image, ServiceHost::ServiceOptions& options) {
+  int count = 0;
+  const std::unique_ptr<wchar_t*, decltype(&LocalFree)> words(CommandLineToArgvW(image, &count),
+                                                              &LocalFree);
+  for (int i = 1; words != nullptr && i < count; ++i) {
+    const std::wstring_view word = words.get()[i];
+    if (word == L"--development") options.development = true;
+    if (word == L"--allow" && i + 1 < count) options.allowed.emplace_back(words.get()[i + 1]);
+  }
 }
 
 }  // namespace
@@ -157,7 +174,7 @@ std::wstring RequiredPrivileges() {
 
 std::vector<std::string> ServiceManager::Install(const ServicePlan& plan) {
   const UniqueServiceHandle manager = OpenManager(SC_MANAGER_CONNECT | SC_MANAGER_CREATE_SERVICE);
-  const bool automatic = plan.start == ServicePlan::Start::Automatic;
+  const bool automatic = plan.start != ServicePlan::Start::Demand;
   const DWORD start = automatic ? SERVICE_AUTO_START : SERVICE_DEMAND_START;
   const wchar_t* const name = plan.name.c_str();
   const std::wstring image = ImagePath(plan);
@@ -173,13 +190,15 @@ std::vector<std::string> ServiceManager::Install(const ServicePlan& plan) {
   try {
     // Written first, because a service being replaced may start between the steps.
     ServiceHost::WriteParameters({plan.name, plan.module, plan.allowed, plan.development});
-    if (!created && ChangeServiceConfigW(Raw(service), SERVICE_WIN32_OWN_PROCESS, start,
+    if (!created && ChangeServiceConfigW(Raw(service), SERVICE_WIN32_OWN_PROCESS,
+                                         plan.start ? start : SERVICE_NO_CHANGE,
                                          SERVICE_ERROR_NORMAL, image.c_str(), nullptr, nullptr,
                                          nullptr, nullptr, nullptr, name) == FALSE) {
       Refused("replace", plan.name, GetLastError());
     }
     std::vector<std::string> unknown;
-    const DWORD error = Configure(Raw(service), automatic, unknown);
+    const bool delayed = automatic && (created || plan.start);
+    const DWORD error = Configure(Raw(service), delayed, unknown);
     if (error != ERROR_SUCCESS) Refused("install", plan.name, error);
     ServiceHost::AddEventSource(plan.name, plan.program);
     return unknown;
@@ -226,10 +245,10 @@ void ServiceManager::Stop(const std::wstring& name) {
   }
 }
 
-void ServiceManager::Remove(const std::wstring& name) {
+void ServiceManager::Remove(const std::wstring& name, Running running) {
   const auto service = Open(name, DELETE | SERVICE_QUERY_STATUS, "remove");
   // Windows would keep a running service, and its name, until it ends.
-  if (StatusOf(service, name).dwCurrentState != SERVICE_STOPPED) {
+  if (running == Running::Refused && StatusOf(service, name).dwCurrentState != SERVICE_STOPPED) {
     throw std::runtime_error("the service " + Utf8(name) + " runs; stop it first");
   }
   if (DeleteService(Raw(service)) == FALSE) Refused("remove", name, GetLastError());
@@ -252,13 +271,15 @@ std::optional<ServiceReport> ServiceManager::Query(const std::wstring& name) {
   if (QueryServiceConfigW(Raw(service), config, sizeof buffer, &size) == FALSE) {
     Refused("query", name, GetLastError());
   }
+  ServiceHost::ServiceOptions options = ServiceHost::ReadParameters(name);
+  if (options.module.empty()) AddEarlierOptions(config->lpBinaryPathName, options);
   return ServiceReport{.state = status.dwCurrentState,
                        .process = status.dwProcessId,
                        .exitCode = status.dwWin32ExitCode,
                        .automatic = config->dwStartType == SERVICE_AUTO_START,
                        .image = config->lpBinaryPathName,
                        .account = config->lpServiceStartName,
-                       .options = ServiceHost::ReadParameters(name)};
+                       .options = std::move(options)};
 }
 
 void ServiceManager::Send(const std::wstring& name, std::uint32_t control) {

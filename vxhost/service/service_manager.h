@@ -16,7 +16,8 @@ struct ServicePlan {
   std::wstring name;
   std::wstring program;  // full path of OrvaneHost.exe
   std::wstring module;   // full path
-  enum class Start { Automatic, Demand } start = Start::Automatic;
+  enum class Start { Automatic, Demand };
+  std::optional<Start> start = {};         // default: a replaced service's own, else Automatic
   std::vector<std::wstring> allowed = {};  // SIDs of accounts that may use the pipe
   bool development = false;                // accepts test codes, see ServiceProcess
   bool replaces = false;                   // replace an installed service of this name
@@ -37,7 +38,8 @@ struct ServiceReport {
   bool automatic = false;
   std::wstring image;
   std::wstring account;
-  ServiceHost::ServiceOptions options;  // no module if an earlier version installed it
+  ServiceHost::ServiceOptions options;  // no module if an earlier version installed it; that
+                                        // version kept the others in the image
 };
 
 struct ServiceHandleCloser {
@@ -60,8 +62,9 @@ class ServiceManager {
   void Start(const std::wstring& name);
   void Stop(const std::wstring& name);
 
-  // Removes a stopped service.
-  void Remove(const std::wstring& name);
+  // Removes a service. Refuses one that runs, or marks it for removal as soon as it ends.
+  enum class Running { Refused, Marked };
+  void Remove(const std::wstring& name, Running running = Running::Refused);
 
   // Returns nothing if no service has that name.
   std::optional<ServiceReport> Query(const std::wstring& name);
