@@ -7,8 +7,10 @@
 # properties: INSTALLFOLDER, and SERVICEOPTIONS, the further arguments of "vxhost service install". The
 # package code and the times in it differ from build to build, everything else is the same.
 #
-# An upgrade leaves the older service registered until the newer one replaces it, because the tool that
-# writes the MSI knows no rollback actions: an upgrade that is rolled back finds its service again.
+# An upgrade leaves the older service registered until the newer one replaces it, so that one that is rolled back
+# finds its service again. The roll-back of an installation removes the service, unless there was one before. The
+# ServiceInstall table cannot state a delayed start, failure actions, a SID or privileges, so the tool registers the
+# service. The ServiceControl table only stops it, which tells Windows Installer that its files will not be in use.
 #
 # An upgrade removes the older files after Windows Installer has decided what to install. It skips a
 # component that is already installed with a key file of a higher version, and to a table without versions
@@ -27,12 +29,24 @@ uuid() {
     sed -E 's/^(.{8})(.{4}).(.{3}).(.{3})(.{12}).*/\1-\2-5\3-A\4-\5/'
 }
 
-# Windows Installer compares three parts, and each version needs a product code of its own.
+# Windows Installer compares three parts. Repairs of a build share the product code, so that it refuses to install
+# one beside the other (1638).
 short=${version%.*}
-product=$(uuid "$version")
+product=$(uuid "$short")
 source=$(mktemp --suffix=.wxs "$folder-XXXXXX")  # the tool looks for files from where it lies
 trap 'rm -f "$source"' EXIT
-number=0 queries=()
+number=0
+# The tool knows neither roll-back nor commands of a folder: https://learn.microsoft.com/windows/win32/msi/custom-action-in-script-execution-options
+# 18 (an installed program) or 34 (a command) + 0x40 (its result is ignored) + 0x100 (rollback) + 0x400 (deferred) +
+# 0x800 (as SYSTEM). Windows undoes the latest action first, so that the installed tool is still there, the emulator
+# the earliest.
+queries=()
+rollback() {
+  queries+=("UPDATE \`CustomAction\` SET \`Type\`=$2, \`Source\`='$3' WHERE \`Action\`='$1'")
+}
+rollback UndoAddService 3426 System64Folder
+rollback UndoAddSource 3426 System64Folder
+rollback UndoStartService 3410 Tool
 
 # find_key FILE NAME REST: the offset of a structure's name in UTF-16, with these bytes after its padding.
 find_key() { LC_ALL=C grep -obUaP "$(sed 's/./&\\0/g' <<<"$2")\\0\\0\\0\\0$3" "$1" | cut -d: -f1; }
@@ -52,15 +66,15 @@ version_of() {
   words "$1" $((key + 26)) $(($(words "$1" $((key - 4)) 1) / 2)) | sed -n '1~2p' | tr -d ' ' | paste -sd,
 }
 
-# component FILE [ID]: one component of one file. Repairs of a build, which Windows Installer does not tell
-# apart and installs side by side, share it.
+# component FILE [ID [CONTENT]]: one component of one file. Repairs of a build share it, as one replaces another by
+# being installed over it.
 component() {
   local id versions
   number=$((number + 1))
   id=${2:-File$number}
   components+=("C$id")
-  printf '<Component Id="C%s" Guid="%s" Win64="yes"><File Id="%s" Source="%s" KeyPath="yes"/></Component>\n' \
-    "$id" "$(uuid "file-$1-$short")" "$id" "$(basename "$folder")/$1"
+  printf '<Component Id="C%s" Guid="%s" Win64="yes"><File Id="%s" Source="%s" KeyPath="yes"/>%s</Component>\n' \
+    "$id" "$(uuid "file-$1-$short")" "$id" "$(basename "$folder")/$1" "${3:-}"
   versions=$(version_of "$folder/$1")
   [[ -n $versions ]] || return 0
   # A hash is for files without a version only.
@@ -93,8 +107,12 @@ components=() features=
 <Package InstallerVersion="200" Compressed="yes" InstallScope="perMachine"
     Description="OrvaneService $version"/>
 <MajorUpgrade DowngradeErrorMessage="A newer version is installed. Remove it first: its data stay."/>
+<Condition Message="SERVICEOPTIONS must not name the service: its removal knows only the default name."
+    >NOT (SERVICEOPTIONS &gt;&lt; "--name")</Condition>
+<Property Id="SERVICESTART"><RegistrySearch Id="ServiceStart" Root="HKLM" Type="raw" Win64="yes" Name="Start"
+    Key="SYSTEM\CurrentControlSet\Services\OrvaneService"/></Property>
 <Media Id="1" Cabinet="files.cab" EmbedCab="yes"/>
-<Directory Id="TARGETDIR" Name="SourceDir"><Directory Id="ProgramFiles64Folder"><Directory Id="VxFolder" Name="Vx">
+<Directory Id="TARGETDIR" Name="SourceDir"><Directory Id="System64Folder"/><Directory Id="ProgramFiles64Folder"><Directory Id="VxFolder" Name="Vx">
 <Directory Id="INSTALLFOLDER" Name="OrvaneService">
 END
   component OrvaneService.dll Module
@@ -103,14 +121,15 @@ END
   references 'Id="Main" Title="Module and tool" Level="1" Absent="disallow"'
   cd "$folder"
   components *.md
-  for part in docs licences; do
+  for part in docs licences schemas; do
     echo "<Directory Id=\"${part}Folder\" Name=\"$part\">"
     components $part/*
     echo '</Directory>'
   done
   references 'Id="Manuals" Title="Manuals and licences" Level="1"'
   echo '<Directory Id="clientsFolder" Name="clients">'
-  components samples/pipe/vx_client.*
+  component samples/pipe/vx_client.ps1 Client '<ServiceControl Id="Stop" Name="OrvaneService" Stop="both" Wait="no"/>'
+  component samples/pipe/vx_client.py
   echo '</Directory>'
   references 'Id="Service" Title="Reference service and clients of its pipe" Level="1000"'
   cat <<END
@@ -118,21 +137,33 @@ END
 $features
 <CustomAction Id="AddService" FileKey="Tool" Execute="deferred" Impersonate="no" Return="check"
     ExeCommand="service install --replace [SERVICEOPTIONS]"/>
+<CustomAction Id="UndoAddService" FileKey="Tool" Execute="deferred" Impersonate="no" Return="ignore"
+    ExeCommand='"[System64Folder]sc.exe" delete OrvaneService'/>
+<CustomAction Id="UndoAddSource" FileKey="Tool" Execute="deferred" Impersonate="no" Return="ignore"
+    ExeCommand='"[System64Folder]reg.exe" delete HKLM\SYSTEM\CurrentControlSet\Services\EventLog\Application\OrvaneService /f'/>
 <CustomAction Id="StartService" FileKey="Tool" Execute="deferred" Impersonate="no" Return="check"
+    ExeCommand="service start"/>
+<CustomAction Id="UndoStartService" FileKey="Tool" Execute="deferred" Impersonate="no" Return="ignore"
+    ExeCommand="service stop"/>
+<CustomAction Id="RestartService" FileKey="Tool" Execute="deferred" Impersonate="no" Return="ignore"
     ExeCommand="service start"/>
 <CustomAction Id="StopService" FileKey="Tool" Execute="deferred" Impersonate="no" Return="ignore"
     ExeCommand="service stop"/>
 <CustomAction Id="DropService" FileKey="Tool" Execute="deferred" Impersonate="no" Return="ignore"
-    ExeCommand="service remove"/>
+    ExeCommand="service remove --force"/>
 <CustomAction Id="DropOlderService" FileKey="Tool" Execute="deferred" Impersonate="no" Return="ignore"
-    ExeCommand="service remove"/>
+    ExeCommand="service remove --force"/>
 <InstallExecuteSequence>
 <RemoveExistingProducts Sequence="1510"/>
-<Custom Action="StopService" Sequence="1610">!Service=3 AND (&amp;Service=2 OR REMOVE="ALL")</Custom>
-<Custom Action="DropService" Sequence="1620">!Service=3 AND (&amp;Service=2 OR REMOVE="ALL") AND NOT UPGRADINGPRODUCTCODE</Custom>
+<Custom Action="StopService" Sequence="1910">!Service=3 AND (&amp;Service=2 OR REMOVE="ALL" OR REINSTALL)</Custom>
+<Custom Action="DropService" Sequence="1920">!Service=3 AND (&amp;Service=2 OR REMOVE="ALL") AND NOT UPGRADINGPRODUCTCODE</Custom>
 <Custom Action="DropOlderService" Sequence="4090">WIX_UPGRADE_DETECTED AND NOT &amp;Service=3</Custom>
+<Custom Action="UndoAddService" Sequence="4095">&amp;Service=3 AND NOT !Service=3 AND NOT SERVICESTART</Custom>
+<Custom Action="UndoAddSource" Sequence="4096">&amp;Service=3 AND NOT !Service=3 AND NOT SERVICESTART</Custom>
 <Custom Action="AddService" Sequence="4100">&amp;Service=3 AND NOT !Service=3</Custom>
-<Custom Action="StartService" Sequence="4200">&amp;Service=3 AND NOT !Service=3</Custom>
+<Custom Action="UndoStartService" Sequence="4190">&amp;Service=3 AND NOT !Service=3</Custom>
+<Custom Action="StartService" Sequence="4200">&amp;Service=3 AND NOT !Service=3 AND SERVICESTART &lt;&gt; "#4"</Custom>
+<Custom Action="RestartService" Sequence="4210">!Service=3 AND REINSTALL AND SERVICESTART &lt;&gt; "#4"</Custom>
 </InstallExecuteSequence>
 </Product></Wix>
 END

@@ -1,13 +1,13 @@
 #!/bin/sh
-# msi_test.sh OLD NEW EMULATOR PREFIX: the emulator's installer installs the package OLD without and with
+# msi_test.sh OLD NEW BROKEN EMULATOR PREFIX: the emulator's installer installs the package OLD without and with
 # the service, fails to upgrade it, upgrades it to NEW and removes it. The subscription that a client
-# stored stays throughout. Of the upgrade it also reads the tables: where they are wrong Windows Installer
+# stored stays throughout. BROKEN is a repair of OLD whose module does not load, so that its service cannot start. Of the upgrade it also reads the tables: where they are wrong Windows Installer
 # deletes the module, but the emulator keeps it.
 set -u
-old=$1 new=$2 emulator=$3 prefix=$4
+old=$1 new=$2 broken=$3 emulator=$4 prefix=$5
 place="$prefix/drive_c/Program Files/Vx/OrvaneService"
 data="$prefix/drive_c/ProgramData/Vx"
-vxhost='C:\Program Files\Vx\OrvaneService\vxhost.exe'
+vxhost='C:\vxhost.exe'  # a copy, which stays
 failures=0
 fail() { echo "failed: $*"; failures=$((failures + 1)); }
 windows() { printf 'Z:%s' "$(printf %s "$(realpath "$1")" | tr / '\\')"; }
@@ -30,7 +30,8 @@ rows() { msiinfo export "$1" "$2" | tr -d '\r' | tail -n +4; }
 cleanup() {
   install /x "$(windows "$new")"
   install /x "$(windows "$old")"
-  "$emulator" "$prefix" 'C:\vxhost.exe' service remove >/dev/null 2>&1
+  install /x "$(windows "$broken")"
+  run service remove --force >/dev/null
   rm -rf "$data" "$prefix/drive_c/vxhost.exe" "$prefix/drive_c/OrvaneService.dll" \
     "$prefix/drive_c/version.js"
 }
@@ -38,11 +39,12 @@ trap cleanup EXIT
 trap 'exit 1' HUP INT TERM  # otherwise a signal skips the trap above
 
 # The service account of the emulator also owns the program folder, which is for developers only.
-options='SERVICEOPTIONS=--development --start demand'
+options='SERVICEOPTIONS=--development --start demand --allow S-1-5-32-546'
 
 rm -rf "$data"
 install /i "$(windows "$old")" || fail "the installation exits with $?"
 [ -f "$place/OrvaneService.dll" ] && [ -f "$place/docs/operations.md" ] || fail 'no module or no manual'
+cp "$place/vxhost.exe" "$place/OrvaneService.dll" "$prefix/drive_c/"
 service_is_gone || fail 'a service that was not asked for'
 [ -e "$place/clients" ] && fail 'clients that were not asked for'
 
@@ -52,6 +54,9 @@ components=$(rows "$old" Component | wc -l)
 [ "$components" -gt 9 ] && [ "$(rows "$new" Component | wc -l)" = "$components" ] || fail 'components are missing'
 shared=$({ rows "$old" Component; rows "$new" Component; } | cut -f 2 | sort | uniq -d)
 [ -z "$shared" ] || fail "both versions have the components $shared"
+product() { rows "$1" Property | grep '^ProductCode'; }
+[ "$(product "$broken")" = "$(product "$old")" ] || fail 'a repair of a build is installed beside it'
+[ "$(product "$new")" != "$(product "$old")" ] || fail 'a newer build does not replace the older one'
 echo 'WScript.Echo(new ActiveXObject("Scripting.FileSystemObject").GetFileVersion(WScript.Arguments(0)));' \
   >"$prefix/drive_c/version.js"
 for file in OrvaneService.dll OrvaneHost.exe vxhost.exe; do
@@ -72,6 +77,12 @@ done
 install /x "$(windows "$old")" || fail "the removal exits with $?"
 eventually tool_is_gone || fail 'the removal leaves the tool'
 
+install /i "$(windows "$old")" ADDLOCAL=ALL "$options --name Other" && fail 'another name is accepted'
+[ ! -e "$place" ] || fail 'another name is noticed too late'
+install /i "$(windows "$broken")" ADDLOCAL=ALL "$options" && fail 'a service that cannot start is accepted'
+service_is_gone || fail 'a service that cannot start stays registered'
+eventually tool_is_gone || fail 'an installation that fails leaves the tool'
+
 install /i "$(windows "$old")" ADDLOCAL=ALL "$options" || fail "the installation exits with $?"
 run service status | grep -q running || fail 'the service does not run'
 run exec --service 9 '{"powerEventType":7,"eventAction":1,"commandParams":{"path":"C:\\kept.exe"}}' |
@@ -79,26 +90,29 @@ run exec --service 9 '{"powerEventType":7,"eventAction":1,"commandParams":{"path
 
 # An upgrade that fails leaves the older service registered. The emulator neither marks a removal as part
 # of an upgrade, as Windows does, nor brings the older files back.
-cp "$place/vxhost.exe" "$place/OrvaneService.dll" "$prefix/drive_c/"
-registered() { "$emulator" "$prefix" 'C:\vxhost.exe' service status 2>&1 | grep -E 'demand|image'; }
+registered() { run service status | grep -E 'demand|image|allow|development'; }
 before=$(registered)
 install /x "$(windows "$old")" UPGRADINGPRODUCTCODE=newer || fail "the removal exits with $?"
 eventually tool_is_gone || fail 'the removal for an upgrade leaves the tool'
 install /i "$(windows "$new")" ADDLOCAL=ALL SERVICEOPTIONS=--none && fail 'wrong options are accepted'
 [ -n "$before" ] && [ "$(registered)" = "$before" ] ||
   fail 'an upgrade that fails does not leave the older service as it was'
-install /i "$(windows "$old")" ADDLOCAL=ALL "$options" || fail "the installation over a registered service exits with $?"
+install /i "$(windows "$old")" ADDLOCAL=ALL || fail "the installation over a registered service exits with $?"
+[ "$(registered)" = "$before" ] || fail 'an installation without options changes those of the service'
 run service status | grep -q running || fail 'the service that was registered does not run again'
-first=$(run service status --json | grep -o '"process": *[0-9]*')
+process() { run service status --json | grep -o '"process": *[0-9]*'; }
+first=$(process)
+install /i "$(windows "$old")" REINSTALL=ALL || fail "the repair exits with $?"
+[ -n "$(process)" ] && [ "$(process)" != "$first" ] || fail 'a repair does not start the service again'
+first=$(process)
 
 install /i "$(windows "$new")" ADDLOCAL=ALL "$options" || fail "the upgrade exits with $?"
 run service status | grep -q running || fail 'the service does not run after the upgrade'
-[ "$(run service status --json | grep -o '"process": *[0-9]*')" != "$first" ] ||
+[ "$(process)" != "$first" ] ||
   fail 'the service of the old version runs on'
 install /i "$(windows "$old")" && fail 'the older version replaces the newer one'
 
 install /x "$(windows "$new")" || fail "the removal exits with $?"
-vxhost='C:\vxhost.exe'
 eventually tool_is_gone || fail 'the removal leaves the tool'
 eventually service_is_gone || fail 'the removal leaves the service'
 run subscriptions | grep -q 'kept.exe' || fail 'the subscription is gone'
