@@ -4,11 +4,10 @@
 #include <cwchar>
 #include <iterator>
 #include <stdexcept>
+#include <system_error>
 #include <utility>
 
 #include <windows.h>
-
-#include <powrprof.h>
 
 #include "platform/clock.h"
 #include "platform/com.h"
@@ -25,16 +24,15 @@ using Platform::CurrentMachine;
 // A manual-reset event that cuts running delays short.
 constexpr wchar_t kStandbyEvent[] = L"{CE7DC567-F47B-4A07-8489-C9DEB372B88F}";
 
-constexpr wchar_t kRepeated[] = L"dropped, the other source has just reported it: power event ";
 constexpr wchar_t kSessionForwarded[] = L"session change ";
 constexpr wchar_t kNoCloaking[] =
     L"COM cannot call as the user, so messages may not reach apps: status 0x%08x";
 constexpr wchar_t kNoStandbyEvent[] = L"the standby event cannot be used, error ";
+constexpr wchar_t kNoDisplay[] = L"the standby event cannot follow the display, error ";
 constexpr wchar_t kSetupOver[] = L"first-run set-up is complete";
 constexpr wchar_t kStarted[] = L"the module is started: ";
 constexpr wchar_t kStopped[] = L"the module is stopped";
 
-constexpr std::uint64_t kOtherSource = 2000;  // milliseconds
 constexpr std::chrono::seconds kSetupPoll{1};
 
 Platform::UniqueHandle ManualEvent(const std::wstring& name, ServiceLog& log) {
@@ -45,24 +43,6 @@ Platform::UniqueHandle ManualEvent(const std::wstring& name, ServiceLog& log) {
 }
 
 }  // namespace
-
-bool HasModernStandby() {
-  // The last of these bytes is AoAc (always on, always connected), which the header does not name.
-  SYSTEM_POWER_CAPABILITIES capabilities{};
-  return GetPwrCapabilities(&capabilities) != FALSE &&
-         capabilities.spare2[std::size(capabilities.spare2) - 1] != 0;
-}
-
-bool PowerFilter::Passes(std::uint32_t code, PowerSource source, std::uint64_t now) {
-  const auto known = passed.find(code);
-  if (known != passed.end() && known->second.source != source &&
-      now - known->second.time <= kOtherSource) {
-    passed.erase(known);  // the pair is complete, so the next one is a new event
-    return false;
-  }
-  passed[code] = {source, now};
-  return true;
-}
 
 // COM security can be set once per process, after initializing COM. Without cloaking, COM uses the
 // process's identity even while a thread impersonates a user
@@ -100,11 +80,13 @@ HostLoop::HostLoop(const Options& options, ServiceLog& output)
   if (const auto setup = CurrentMachine().oobe->Query(); setup.known && !setup.complete) {
     setupWatch = Platform::Thread([this] { AwaitSetup(); });
   }
+  if (standbyEvent != nullptr) WatchDisplay();
 }
 
 HostLoop::~HostLoop() {
   CurrentMachine().kernelObjects->Signal(stop.get());
   if (setupWatch.Joinable()) setupWatch.Join();
+  display.reset();
   ResetStandby();
   session.End();
   log.Add(L"INFO", kStopped);
@@ -116,21 +98,11 @@ ResultEnvelope HostLoop::Execute(const CommandEnvelope& command, const std::wstr
           std::move(answer.reason)};
 }
 
-void HostLoop::OnPower(std::uint32_t code, PowerSource source,
-                       std::optional<std::uint64_t> reported) {
-  {
-    const std::lock_guard guard(filterLock);
-    const std::uint64_t time = reported ? *reported : CurrentMachine().clock->TickCount();
-    if (!filter.Passes(code, source, time)) {
-      log.Add(L"INFO", kRepeated + std::to_wstring(code));
-      return;
-    }
-  }
+void HostLoop::OnPower(std::uint32_t code) {
   log.Add(L"INFO", kPowerForwarded + std::to_wstring(code));
-  // A delay that starts at resume runs in full. One still running at suspend is cut short.
-  if (code == PBT_APMRESUMESUSPEND || code == PBT_APMRESUMEAUTOMATIC) OnStandby(Standby::Left);
+  // The display may still be off. A delay that starts at a resume runs in full all the same.
+  if (code == PBT_APMRESUMESUSPEND || code == PBT_APMRESUMEAUTOMATIC) ResetStandby();
   session.Slots().power_event_task(code);
-  if (code == PBT_APMSUSPEND) OnStandby(Standby::Entered);
 }
 
 void HostLoop::OnSession(std::uint32_t code) {
@@ -138,11 +110,20 @@ void HostLoop::OnSession(std::uint32_t code) {
   session.Slots().OnSessionChange(code);
 }
 
-void HostLoop::OnStandby(Standby change) {
-  if (change == Standby::Left) {
-    ResetStandby();
-  } else if (standbyEvent != nullptr) {
-    CurrentMachine().kernelObjects->Signal(standbyEvent.get());
+// A service is not told of Modern Standby, which begins as the display turns off and ends as it
+// turns on:
+// https://learn.microsoft.com/archive/blogs/winsdk/how-to-get-notified-when-going-in-and-out-of-connected-standby-from-a-windows-service
+void HostLoop::WatchDisplay() {
+  try {
+    display.emplace(PowerNotifications::Kind::Display, [this](std::uint32_t state) {
+      if (state != 0) {
+        ResetStandby();
+      } else {
+        CurrentMachine().kernelObjects->Signal(standbyEvent.get());
+      }
+    });
+  } catch (const std::system_error& error) {
+    log.Add(L"ERROR", kNoDisplay + std::to_wstring(error.code().value()));
   }
 }
 

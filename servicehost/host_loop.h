@@ -1,8 +1,6 @@
 #pragma once
 
 #include <cstdint>
-#include <map>
-#include <mutex>
 #include <optional>
 #include <string>
 
@@ -11,31 +9,13 @@
 #include "platform/thread.h"
 #include "platform/unique_handle.h"
 #include "servicehost/envelope.h"
+#include "servicehost/power_notifications.h"
 #include "servicehost/service_log.h"
 
 namespace Vx::Hosting::ServiceHost {
 
 // Begins the log line for each power broadcast forwarded to the module, followed by the code.
 inline constexpr wchar_t kPowerForwarded[] = L"power event ";
-
-// How Windows reported a power broadcast.
-enum class PowerSource { ServiceControl, Notification };
-
-// Passes each power broadcast on once. Windows reports a suspend or resume as both a service
-// control and a notification, but on some machines as only one of them.
-class PowerFilter {
- public:
-  // Returns whether to forward `code`, reported at tick count `now`. False if the other source
-  // reported the same code within the last two seconds.
-  bool Passes(std::uint32_t code, PowerSource source, std::uint64_t now);
-
- private:
-  struct Last {
-    PowerSource source;
-    std::uint64_t time;
-  };
-  std::map<std::uint32_t, Last> passed;  // by code
-};
 
 // Initializes COM on the constructing thread with dynamic cloaking, which the module needs from its
 // host: calls to other processes then use the identity of the user that the thread impersonates.
@@ -72,17 +52,11 @@ class HostLoop {
 
   // These functions may be called concurrently on any thread. They block while the module works.
   ResultEnvelope Execute(const CommandEnvelope& command, const std::wstring& client);
-  // `reported` is the tick count at which Windows reported the code. Defaults to now.
-  void OnPower(std::uint32_t code, PowerSource source,
-               std::optional<std::uint64_t> reported = std::nullopt);
+  void OnPower(std::uint32_t code);
   void OnSession(std::uint32_t code);
 
-  // Sets or resets the standby event as the machine enters or leaves Modern Standby. Does nothing
-  // on a machine without Modern Standby.
-  enum class Standby { Entered, Left };
-  void OnStandby(Standby change);
-
  private:
+  void WatchDisplay();
   void ResetStandby() noexcept;
   void AwaitSetup() noexcept;
 
@@ -93,12 +67,8 @@ class HostLoop {
   LoadedModule module;
   ModuleLog moduleLog;  // declared here to receive the module's first and last lines
   ServiceSession session;
-  std::mutex filterLock;
-  PowerFilter filter;
   Platform::Thread setupWatch;
+  std::optional<PowerNotifications> display;  // with Modern Standby
 };
-
-// Returns whether this machine has Modern Standby (the AoAc power capability).
-bool HasModernStandby();
 
 }  // namespace Vx::Hosting::ServiceHost

@@ -5,16 +5,25 @@
 
 namespace Vx::Hosting::ServiceHost {
 
-// Receives suspend and resume notifications for the life of this object. With Modern Standby, they
-// may come without a service control.
+// Receives power notifications of one kind for the life of this object.
 class PowerNotifications {
  public:
-  // Called on a system thread with a PBT_ code. Must not throw.
-  using Receiver = std::function<void(std::uint32_t code)>;
+  enum class Kind {
+    // The state of the console's display, at once and then at each change: 0 off, 1 on, 2 dimmed.
+    Display,
+    // PBT_ codes of suspend and resume. Not for a service, which receives them from the service
+    // manager, and in which this registration may never return
+    // (https://github.com/libuv/libuv/issues/1995).
+    Sleep,
+  };
+  // Called on a system thread. Must not throw.
+  using Receiver = std::function<void(std::uint32_t value)>;
 
-  explicit PowerNotifications(Receiver receive);
+  // Throws std::system_error if Windows refuses.
+  PowerNotifications(Kind kind, Receiver receive);
   PowerNotifications(const PowerNotifications&) = delete;
   PowerNotifications& operator=(const PowerNotifications&) = delete;
+  // Waits for a running call of the receiver.
   ~PowerNotifications();
 
  private:
@@ -24,9 +33,13 @@ class PowerNotifications {
     void* context;
   };
 
+  const Kind kind;
   Receiver receiver;
   Recipient recipient;
   void* handle = nullptr;
 };
+
+// Returns whether this machine has Modern Standby (the AoAc power capability).
+bool HasModernStandby();
 
 }  // namespace Vx::Hosting::ServiceHost

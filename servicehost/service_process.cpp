@@ -12,8 +12,6 @@
 #include <windows.h>
 
 #include "hosting/text.h"
-#include "platform/clock.h"
-#include "platform/machine.h"
 #include "servicehost/event_log.h"
 #include "servicehost/guarded_folder.h"
 #include "servicehost/log_folder.h"
@@ -118,21 +116,21 @@ CodeQueue::~CodeQueue() {
   worker.Join();
 }
 
-void CodeQueue::AddPower(std::uint32_t code, PowerSource source) noexcept {
-  Add(true, code, source);
+void CodeQueue::AddPower(std::uint32_t code) noexcept {
+  Add({true, code});
 }
 
 void CodeQueue::AddSession(std::uint32_t code) noexcept {
-  Add(false, code, PowerSource::ServiceControl);
+  Add({false, code});
 }
 
-void CodeQueue::Add(bool power, std::uint32_t code, PowerSource source) noexcept {
+void CodeQueue::Add(Code code) noexcept {
   try {
     std::unique_lock guard(lock);
-    codes.push_back({power, code, source, Platform::CurrentMachine().clock->TickCount()});
+    codes.push_back(code);
     if (codes.size() > capacity) DropOne();
     changed.notify_all();
-    if (!power || code != PBT_APMSUSPEND) return;
+    if (!code.power || code.code != PBT_APMSUSPEND) return;
     // The machine may sleep once every handler has returned.
     changed.wait_for(guard, kSuspendPatience, [this] { return codes.empty() && !forwarding; });
   } catch (const std::exception&) {  // NOLINT(bugprone-empty-catch): see the header
@@ -174,7 +172,7 @@ void CodeQueue::Run() noexcept {
     guard.unlock();
     if (lost != 0) Report(lost);
     if (code.power) {
-      host.OnPower(code.code, code.source, code.reported);
+      host.OnPower(code.code);
     } else {
       host.OnSession(code.code);
     }
@@ -255,8 +253,6 @@ void ServiceProcess::Serve() {
       },
       [this](const wchar_t* level, std::wstring_view message) { log.Add(level, message); });
   CodeQueue codes(host, log);
-  const PowerNotifications notifications(
-      [&codes](std::uint32_t code) { codes.AddPower(code, PowerSource::Notification); });
   const Published published(*this, codes);
   log.Add(L"INFO", kRuns + std::to_wstring(GetCurrentProcessId()));
   Report(SERVICE_RUNNING);
@@ -273,7 +269,7 @@ std::uint32_t ServiceProcess::Control(std::uint32_t control, std::uint32_t event
     return std::uint32_t{NO_ERROR};
   };
   const auto power = [&](std::uint32_t code) {
-    return add([code](CodeQueue& to) { to.AddPower(code, PowerSource::ServiceControl); });
+    return add([code](CodeQueue& to) { to.AddPower(code); });
   };
   const auto session = [&](std::uint32_t code) {
     return add([code](CodeQueue& to) { to.AddSession(code); });

@@ -57,18 +57,16 @@ class CodeQueue {
 
   // May be called on any thread. A code is dropped if memory runs out. For a suspend, AddPower
   // blocks for at most two seconds until the module has handled it.
-  void AddPower(std::uint32_t code, PowerSource source) noexcept;
+  void AddPower(std::uint32_t code) noexcept;
   void AddSession(std::uint32_t code) noexcept;
 
  private:
   struct Code {
     bool power;
     std::uint32_t code;
-    PowerSource source;
-    std::uint64_t reported;  // tick count on arrival, because forwarding may be delayed
   };
 
-  void Add(bool power, std::uint32_t code, PowerSource source) noexcept;
+  void Add(Code code) noexcept;
   void DropOne();
   void Report(std::uint64_t count) noexcept;
   void Run() noexcept;

@@ -5,11 +5,14 @@
 #include <cstdint>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <iterator>
 #include <memory>
 #include <sstream>
 #include <stdexcept>
 #include <string>
+#include <string_view>
+#include <utility>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -34,37 +37,13 @@
 // The imports that every call of this program goes through.
 // NOLINTBEGIN(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
 extern "C" decltype(&CoInitializeSecurity) __imp_CoInitializeSecurity;
-extern "C" decltype(&GetPwrCapabilities) __imp_GetPwrCapabilities;
+extern "C" decltype(&GetProcAddress) __imp_GetProcAddress;
 // NOLINTEND(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
 
 namespace Vx::Hosting::ServiceHost {
 namespace {
 
 using ::testing::HasSubstr;
-
-TEST(PowerFilterTest, DropsWhatTheOtherSourceReportedWithinTwoSeconds) {
-  constexpr auto kControl = PowerSource::ServiceControl;
-  constexpr auto kNotice = PowerSource::Notification;
-  PowerFilter filter;
-  const struct {
-    const char* name;
-    std::uint32_t code;
-    PowerSource source;
-    std::uint64_t time;
-    bool passes;
-  } kSteps[] = {
-      {"the first report", 18, kControl, 1000, true},
-      {"the same from the other source", 18, kNotice, 3000, false},
-      {"7 after 18", 7, kNotice, 3000, true},
-      {"its pair", 7, kControl, 3001, false},
-      {"a second resume, from one source only", 7, kControl, 3500, true},
-      {"a third one from that source", 7, kControl, 3600, true},
-      {"the other source two seconds late", 7, kNotice, 5601, true},
-  };
-  for (const auto& step : kSteps) {
-    EXPECT_EQ(filter.Passes(step.code, step.source, step.time), step.passes) << step.name;
-  }
-}
 
 // https://learn.microsoft.com/windows/win32/api/winnt/ns-winnt-system_power_capabilities
 BOOLEAN isKnown = FALSE;
@@ -74,8 +53,54 @@ BOOLEAN WINAPI Capabilities(SYSTEM_POWER_CAPABILITIES* all) {
   return isKnown;
 }
 
+// The console's display, as Windows reports it. The emulator never does.
+struct Recipient {
+  ULONG(CALLBACK* callback)(void* context, ULONG code, void* setting);
+  void* context;
+};
+Recipient* recipient = nullptr;
+DWORD refusal = ERROR_SUCCESS;
+DWORD WINAPI Register(const GUID* setting, DWORD flags, HANDLE registered, void** handle) {
+  wchar_t text[40];
+  EXPECT_NE(StringFromGUID2(*setting, text, 40), 0);
+  EXPECT_STREQ(text, L"{6FE69556-704A-47A0-8F24-C28D936FDA47}");  // GUID_CONSOLE_DISPLAY_STATE
+  EXPECT_EQ(flags, 2U);                                           // DEVICE_NOTIFY_CALLBACK
+  if (refusal == ERROR_SUCCESS) *handle = recipient = static_cast<Recipient*>(registered);
+  return refusal;
+}
+DWORD WINAPI Unregister(void* handle) {
+  EXPECT_EQ(handle, std::exchange(recipient, nullptr));
+  return ERROR_SUCCESS;
+}
+void ReportDisplay(BYTE state, DWORD size = sizeof(DWORD)) {
+  alignas(POWERBROADCAST_SETTING) BYTE setting[sizeof(GUID) + sizeof(DWORD) * 2]{};
+  reinterpret_cast<POWERBROADCAST_SETTING*>(setting)->DataLength = size;
+  reinterpret_cast<POWERBROADCAST_SETTING*>(setting)->Data[0] = state;
+  recipient->callback(recipient->context, PBT_POWERSETTINGCHANGE, setting);
+}
+
+// Takes the place of powrprof.dll's functions, which are looked up at each call.
+decltype(&GetProcAddress) realAddress = nullptr;
+FARPROC WINAPI Address(HMODULE library, LPCSTR name) {
+  const std::string_view sought = name;
+  EXPECT_NE(sought, "PowerRegisterSuspendResumeNotification") << "may hang in a service";
+  const std::pair<const char*, void*> functions[] = {
+      {"GetPwrCapabilities", reinterpret_cast<void*>(&Capabilities)},
+      {"PowerSettingRegisterNotification", reinterpret_cast<void*>(&Register)},
+      {"PowerSettingUnregisterNotification", reinterpret_cast<void*>(&Unregister)},
+  };
+  for (const auto& [known, function] : functions) {
+    if (sought == known) return reinterpret_cast<FARPROC>(function);
+  }
+  return realAddress(library, name);
+}
+class PowerFunctions {
+  const decltype(&GetProcAddress) real = realAddress = __imp_GetProcAddress;
+  const Tests::ImportOverride<decltype(&GetProcAddress)> find{__imp_GetProcAddress, &Address};
+};
+
 TEST(HasModernStandbyTest, IsTheCapabilityAoAc) {
-  const Tests::ImportOverride watch(__imp_GetPwrCapabilities, &Capabilities);
+  const PowerFunctions functions;
   for (const BOOLEAN known : {BOOLEAN{FALSE}, BOOLEAN{TRUE}}) {
     for (const BYTE value : {BYTE{0}, BYTE{1}}) {
       isKnown = known;
@@ -165,19 +190,16 @@ class HostLoopTest : public ::testing::Test {
   std::unique_ptr<ServiceLog> log = std::make_unique<ServiceLog>(lines.Targets());
 };
 
-TEST_F(HostLoopTest, RunsCommandsAndForwardsEachPowerEventOnce) {
+TEST_F(HostLoopTest, RunsCommandsAndForwardsCodes) {
   {
     HostLoop host(Options(false), *log);
     EXPECT_EQ(host.Execute({22, L"{}"}, L"client").code, 0U);
     EXPECT_EQ(host.Execute({22, L"{broken"}, L"client").code, 0x20000003U);
-    host.OnPower(7, PowerSource::ServiceControl);
-    host.OnPower(7, PowerSource::Notification);
+    host.OnPower(7);
     host.OnSession(6);
   }
   EXPECT_THAT(Logged(), HasSubstr(L" client: ")) << "a line of the module about its client";
   EXPECT_THAT(Logged(), HasSubstr(L"INFO : power event 7\n"));
-  EXPECT_THAT(Logged(),
-              HasSubstr(L"dropped, the other source has just reported it: power event 7"));
   EXPECT_THAT(Logged(), HasSubstr(L"INFO : session change 6\n"));
   EXPECT_THAT(Logged(), HasSubstr(L"the module is stopped"));
 }
@@ -201,39 +223,60 @@ TEST_F(HostLoopTest, ChoosesDynamicCloakingBeforeItLoadsTheModuleAndKeepsComEnte
   }
 }
 
-TEST_F(HostLoopTest, SetsTheStandbyEventOnModernStandbyAloneAndNeverLeavesItSet) {
-  constexpr auto kControl = PowerSource::ServiceControl;
+TEST_F(HostLoopTest, TheDisplaySetsTheStandbyEventOnModernStandbyAlone) {
+  const PowerFunctions functions;
   SetEvent(standby.get());
   {
     HostLoop host(Options(true), *log);
     EXPECT_FALSE(StandbyIsSet()) << "what a host that ended left behind";
-    for (const std::uint32_t resume : {7U, 18U}) {
-      host.OnPower(PBT_APMSUSPEND, kControl);
-      EXPECT_TRUE(StandbyIsSet());
-      host.OnPower(resume, kControl);
-      EXPECT_FALSE(StandbyIsSet()) << resume;
+    const struct {
+      const char* name;
+      std::function<void()> happens;
+      bool set;
+    } kSteps[] = {
+        {"on at first", [] { ReportDisplay(1); }, false},
+        {"off", [] { ReportDisplay(0); }, true},
+        {"a setting of another size", [] { ReportDisplay(1, 1); }, true},
+        {"on", [] { ReportDisplay(1); }, false},
+        {"a suspend handled after that", [&] { host.OnPower(PBT_APMSUSPEND); }, false},
+        {"off again", [] { ReportDisplay(0); }, true},
+        {"a resume in the dark", [&] { host.OnPower(PBT_APMRESUMEAUTOMATIC); }, false},
+        {"off a third time", [] { ReportDisplay(0); }, true},
+        {"a user's resume before the display", [&] { host.OnPower(PBT_APMRESUMESUSPEND); }, false},
+        {"off at last", [] { ReportDisplay(0); }, true},
+    };
+    for (const auto& step : kSteps) {
+      step.happens();
+      EXPECT_EQ(StandbyIsSet(), step.set) << step.name;
     }
-    host.OnPower(PBT_APMSUSPEND, kControl);
   }
+  EXPECT_EQ(recipient, nullptr);
   EXPECT_FALSE(StandbyIsSet());
-  HostLoop other(Options(false), *log);
-  other.OnPower(PBT_APMSUSPEND, kControl);
-  EXPECT_FALSE(StandbyIsSet());
+  ExpectUnload();
+  {
+    const HostLoop other(Options(false), *log);
+    EXPECT_EQ(recipient, nullptr);
+  }
+  ExpectUnload();
+  refusal = ERROR_ACCESS_DENIED;
+  { const HostLoop refused(Options(true), *log); }
+  refusal = ERROR_SUCCESS;
+  EXPECT_THAT(Logged(), HasSubstr(L"ERROR : the standby event cannot follow the display, error 5"));
 }
 
 // The module hangs in a code while others come. What came once stays, the leaving of standby too.
 TEST_F(HostLoopTest, AFullQueueKeepsTheLastReportOfEachCodeAndWarnsOnce) {
-  constexpr auto kControl = PowerSource::ServiceControl;
   HostLoop host(Options(true), *log);
+  SetEvent(standby.get());
   {
     CodeQueue codes(host, *log, 4);
-    codes.AddPower(4, kControl);
+    codes.AddPower(4);
     EXPECT_TRUE(StandbyIsSet());
     Tessel::Server::Storage::SystemMutex inUse(Tessel::Server::Storage::CapDataStore::kMutexName);
     inUse.lock();
-    codes.AddPower(10, kControl);
+    codes.AddPower(10);
     EXPECT_TRUE(Logs(L"power event 10\n"));
-    codes.AddPower(18, kControl);
+    codes.AddPower(18);
     for (const std::uint32_t code : {8U, 8U, 7U, 8U, 6U}) codes.AddSession(code);
     inUse.unlock();
   }
@@ -273,20 +316,6 @@ TEST_F(HostLoopTest, CallsSlot8WhenSetupEnds) {
     EXPECT_TRUE(Logs(L"ERROR : Failed to create CapDataStore"));
   }
   EXPECT_THAT(Logged(), HasSubstr(L"first-run set-up is complete"));
-}
-
-TEST_F(HostLoopTest, DropsTheSecondReportHoweverLongTheModuleTakesForTheFirst) {
-  HostLoop host(Options(false), *log);
-  {
-    CodeQueue codes(host, *log);
-    Tessel::Server::Storage::SystemMutex inUse(Tessel::Server::Storage::CapDataStore::kMutexName);
-    inUse.lock();
-    codes.AddPower(10, PowerSource::ServiceControl);
-    codes.AddPower(10, PowerSource::Notification);
-    Sleep(2100);
-    inUse.unlock();
-  }
-  EXPECT_TRUE(Logs(L"the other source has just reported it: power event 10\n"));
 }
 
 // Any user may be first to create what a monitor of debug output creates.

@@ -33,8 +33,6 @@
 extern "C" decltype(&ChangeServiceConfig2W) __imp_ChangeServiceConfig2W;
 extern "C" decltype(&GetSecurityInfo) __imp_GetSecurityInfo;
 extern "C" decltype(&RegSetKeyValueW) __imp_RegSetKeyValueW;
-extern "C" DWORD(WINAPI* __imp_PowerRegisterSuspendResumeNotification)(DWORD, HANDLE, void**);
-extern "C" DWORD(WINAPI* __imp_PowerUnregisterSuspendResumeNotification)(void*);
 // NOLINTEND(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
 
 namespace Vx::Hosting::ServiceHost {
@@ -261,22 +259,6 @@ TEST(OrvaneHostTest, DoesNothingUnlessTheServiceManagerStartedItForAName) {
   }
 }
 
-// As Windows calls the recipient of its notifications, which the emulator never does.
-struct Recipient {
-  ULONG(CALLBACK* callback)(void* context, ULONG code, void* setting);
-  void* context;
-};
-Recipient* recipient = nullptr;
-DWORD WINAPI Register(DWORD flags, HANDLE registered, void** handle) {
-  EXPECT_EQ(flags, 2U);  // DEVICE_NOTIFY_CALLBACK
-  *handle = recipient = static_cast<Recipient*>(registered);
-  return ERROR_SUCCESS;
-}
-DWORD WINAPI Unregister(void* handle) {
-  EXPECT_EQ(handle, std::exchange(recipient, nullptr));
-  return ERROR_SUCCESS;
-}
-
 // The service as the manager runs it, with the module as it ships and a store of its own.
 class ServiceProcessTest : public ::testing::Test, public StatusSink {
  protected:
@@ -304,22 +286,14 @@ class ServiceProcessTest : public ::testing::Test, public StatusSink {
     std::vector<std::uint32_t> results;
     results.reserve(controls.size());
     for (const auto& [control, event] : controls) results.push_back(one.Control(control, event));
-    if (recipient != nullptr) {
-      recipient->callback(recipient->context, PBT_APMPOWERSTATUSCHANGE, nullptr);
-    }
     one.Control(last, 0);
     EXPECT_EQ(WaitForSingleObject(stopped.get(), 10'000), WAIT_OBJECT_0);
     one.Control(SERVICE_CONTROL_STOP, 0);  // or the join would take for ever
     main.Join();
-    EXPECT_EQ(recipient, nullptr);
     service.reset();
     return results;
   }
 
-  const Tests::ImportOverride<DWORD(WINAPI*)(DWORD, HANDLE, void**)> registers{
-      __imp_PowerRegisterSuspendResumeNotification, &Register};
-  const Tests::ImportOverride<DWORD(WINAPI*)(void*)> unregisters{
-      __imp_PowerUnregisterSuspendResumeNotification, &Unregister};
   Tests::PrivateStore store;
   Platform::UniqueHandle running{CreateEventW(nullptr, TRUE, FALSE, nullptr)};
   Platform::UniqueHandle stopped{CreateEventW(nullptr, TRUE, FALSE, nullptr)};
@@ -342,8 +316,7 @@ TEST_F(ServiceProcessTest, ForwardsTheManagersCodesInOrderAndReportsEachState) {
   const auto at = [&](const wchar_t* line) { return text.find(line); };
   EXPECT_LT(at(L": power event 4\n"), at(L": session change 5\n"));
   EXPECT_LT(at(L": session change 5\n"), at(L": power event 18\n"));
-  EXPECT_LT(at(L": power event 18\n"), at(L": power event 10\n"));
-  EXPECT_LT(at(L": power event 10\n"), at(L": the module is stopped\n"));
+  EXPECT_LT(at(L": power event 18\n"), at(L": the module is stopped\n"));
   EXPECT_THAT(text, Not(HasSubstr(L"power event 7")));
   // Windows sends only what a service accepts: stop, power event, session change, pre-shutdown.
   EXPECT_EQ(ServiceProcess::Accepted(), 0x1U | 0x40U | 0x80U | 0x100U);

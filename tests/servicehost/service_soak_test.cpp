@@ -60,7 +60,7 @@ class ServiceSoakTest : public ::testing::Test {
     return targets;
   }
 
-  // Codes from both sources and the sessions', and a command per ten codes over
+  // Codes of power and of sessions, and a command per ten codes over
   // connections of their own, some of which a client breaks off in the middle.
   void LiveThrough(std::size_t codes) {
     std::vector<Platform::Thread> clients;
@@ -77,7 +77,7 @@ class ServiceSoakTest : public ::testing::Test {
       if (code % 10 == 9) {
         host.OnSession(code % 20 == 9 ? 7 : 8);
       } else {
-        host.OnPower(code % 3 == 0 ? 10 : 32787, PowerSource::ServiceControl);
+        host.OnPower(code % 3 == 0 ? 10 : 32787);
       }
     }
     for (Platform::Thread& client : clients) client.Join();

@@ -88,8 +88,8 @@ int RunService(const ModuleOptions& module, const RunOptions& options, Console& 
   ServiceHost::ServiceLog log(std::move(targets));
   ServiceHost::HostLoop host(
       {.module = module.Path(), .modernStandby = ServiceHost::HasModernStandby()}, log);
-  const ServiceHost::PowerNotifications power(
-      [&host](std::uint32_t code) { host.OnPower(code, ServiceHost::PowerSource::Notification); });
+  const ServiceHost::PowerNotifications power(ServiceHost::PowerNotifications::Kind::Sleep,
+                                              [&host](std::uint32_t code) { host.OnPower(code); });
   const ServiceHost::PipeServer server(
       std::move(pipe),
       [&host](const ServiceHost::CommandEnvelope& command, const std::wstring& client) {
