@@ -1,5 +1,6 @@
 #include "events/subscription_delivery.h"
 
+#include <cstddef>
 #include <exception>
 #include <map>
 #include <memory>
@@ -68,9 +69,10 @@ int DelaySeconds(const DeliveryNames& names, const EventCommand& command) {
 // Until StopWaiting it also counts among the waiting deliveries of its request.
 class DeliveryPlace {
  public:
-  DeliveryPlace(const DeliveryKind& kind, const std::wstring& request) {
+  DeliveryPlace(const DeliveryKind& kind, const std::wstring& request)
+      : longText(request.size() > kShortRequest ? request.size() : 0) {
     const std::lock_guard guard(mutex);
-    if (existing == kMostDeliveries) {
+    if (existing == kMostDeliveries || longTexts + longText > kMostLongText) {
       refusal = Reason::TooManyOfAll;
       return;
     }
@@ -81,6 +83,7 @@ class DeliveryPlace {
     }
     ++entry->second;
     ++existing;
+    longTexts += longText;
   }
   DeliveryPlace(const DeliveryPlace&) = delete;
   DeliveryPlace& operator=(const DeliveryPlace&) = delete;
@@ -89,6 +92,7 @@ class DeliveryPlace {
     StopWaiting();
     const std::lock_guard guard(mutex);
     --existing;
+    longTexts -= longText;
   }
 
   // The limit that was reached, or None.
@@ -111,6 +115,8 @@ class DeliveryPlace {
 
   static std::mutex mutex;  // guards the counts; no other lock is taken while it is held
   static int existing;
+  static std::size_t longTexts;
+  const std::size_t longText;  // characters
   Map::iterator entry;
   Reason refusal = Reason::None;
   bool waits = true;
@@ -118,6 +124,7 @@ class DeliveryPlace {
 
 std::mutex DeliveryPlace::mutex;
 int DeliveryPlace::existing = 0;
+std::size_t DeliveryPlace::longTexts = 0;
 
 // How many milliseconds of a wait count, and what ended it early: Standby, ServiceEnded or None.
 struct Waited {

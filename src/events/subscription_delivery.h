@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <mutex>
@@ -87,6 +88,12 @@ void FulfillSubscriptions(const DeliveryKind& kind, std::uint32_t eventType,
 // dropped, so that neither long delays nor many subscriptions fill the process with threads.
 inline constexpr int kMostWaiting = 64;
 inline constexpr int kMostDeliveries = 1024;
+
+// The most characters that the requests of the process's deliveries may have together, because each
+// delivery keeps its request, parsed, at up to 20 bytes a character. Short requests do not count,
+// so that long ones do not keep them out. Any further delivery of a long one is dropped.
+inline constexpr std::size_t kMostLongText = std::size_t{8} * 1024 * 1024;
+inline constexpr std::size_t kShortRequest = 4096;
 
 // Starts delivering one event to one stored request. Parses the request on the calling thread: one
 // for another event, or an unreadable one, which is logged, needs no worker. Otherwise starts a

@@ -124,6 +124,29 @@ TEST_F(WaitingDeliveriesTest, TheOneAfterAThousandAndTwentyFourOfAllKindsIsDropp
   EXPECT_THAT(Sent(), SizeIs(1025));
 }
 
+TEST_F(WaitingDeliveriesTest, TheOneWhoseLongTextDoesNotFitBesideTheOthersIsDropped) {
+  HeldThreads threads;
+  const Platform::MachineScope holding([&](auto& platform) { platform.threads = &threads; });
+  const auto deliver = [&](std::size_t length) {
+    std::wstring request = Delayed(L"0");
+    request.insert(1, LR"("padding":"",)");
+    request.insert(12, length - request.size(), L'x');
+    PowerEventManager::handle_event(request, nullptr, 7);
+    return threads.held.size();
+  };
+  for (std::size_t i = 0; i < kMostLongText; i += kMostLongText / 4) deliver(kMostLongText / 4);
+  EXPECT_EQ(threads.held.size(), 4U);
+  log.Clear();
+  EXPECT_EQ(deliver(kShortRequest + 1), 4U);
+  EXPECT_THAT(log.Records(), ElementsAre(StartsWith(L"power 7 dropped:too_many_of_all f/s of ")));
+  EXPECT_EQ(deliver(kShortRequest), 5U);
+  threads.LetGo(1);
+  EXPECT_EQ(deliver(kShortRequest + 1), 5U);
+  threads.LetGo(5);
+  EXPECT_EQ(deliver(kMostLongText), 1U);
+  threads.LetGo(1);
+}
+
 TEST_F(WaitingDeliveriesTest, CountAlsoWhileTheyWaitForTheCommandOfAnother) {
   const std::wstring request = Delayed(L"0");
   const auto dropped = [&] {
