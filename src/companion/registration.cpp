@@ -2,14 +2,16 @@
 
 #include <atomic>
 #include <chrono>
+#include <cstdint>
 #include <exception>
 #include <memory>
 #include <mutex>
 #include <system_error>
-#include <utility>
 
 #include "companion/text_files.h"
 #include "launch/launcher.h"
+#include "platform/clock.h"
+#include "platform/machine.h"
 #include "platform/thread.h"
 #include "storage/cap_data_store.h"
 
@@ -59,19 +61,16 @@ Platform::ActingReport ReportTo(const Logging::TraceLogger& logger) {
   };
 }
 
-bool Expand(const wchar_t* path, std::wstring& expanded, Platform::OneLogon& user) {
-  return McAfeeHelper().expand_path_impersonated_as_loggedin_user(path, expanded, &user);
-}
-
 // One copy. It owns everything that its thread needs, because the thread may outlive its command.
 struct Copy {
-  explicit Copy(const Logging::TraceLogger& log) : logger(log) {}
+  Copy(const wchar_t* client, const Logging::TraceLogger& log) : caller(client), logger(log) {}
 
+  const std::wstring caller;
+  const Logging::TraceLogger& logger;  // lives as long as the process
+  const std::uint64_t asked = Platform::CurrentMachine().clock->TickCount();
   std::wstring source;
   std::wstring destination;
-  std::wstring caller;
   Platform::UniqueHandle token;
-  const Logging::TraceLogger& logger;  // lives as long as the process
   bool copied = false;
   std::atomic<bool> ended = false;
 
@@ -96,48 +95,48 @@ struct Copy {
 };
 using CopyPtr = std::shared_ptr<Copy>;
 
-// Returns null, and logs, if the console user is no longer that of `user`.
-CopyPtr PrepareCopy(const std::wstring& source, const std::wstring& destination,
-                    Platform::OneLogon& user, const wchar_t* caller,
-                    const Logging::TraceLogger& logger) {
+bool Expand(const wchar_t* path, std::wstring& expanded, Platform::OneLogon& user) {
+  return McAfeeHelper().expand_path_impersonated_as_loggedin_user(path, expanded, &user);
+}
+
+// Returns false, and logs, if the console user is no longer that of `user`.
+bool TakeRights(Copy& copy, Platform::OneLogon& user) {
   const auto report = ReportTo(*Logging::LogManager::SetProvider(Logging::kComponentProvider));
-  auto token = Platform::ConsoleUserToken(Platform::TokenType::Impersonation, report, &user);
-  if (token == nullptr) return nullptr;
-  auto copy = std::make_shared<Copy>(logger);
-  copy->source = source;
-  copy->destination = destination;
-  copy->caller = caller;
-  copy->token = std::move(token);
-  return copy;
+  copy.token = Platform::ConsoleUserToken(Platform::TokenType::Impersonation, report, &user);
+  return copy.token != nullptr;
 }
 
 // Copies on a separate thread, because the user can delay each access to their files indefinitely,
 // for instance with an opportunistic lock. Cancels a copy that takes too long. While its thread
-// still hangs, later copies fail, so that one user cannot fill the process with threads.
+// still hangs, later copies cancel it again and fail, so that one user cannot fill the process with
+// threads. So do those that waited for another as long as a copy may take.
 bool AwaitCopy(const CopyPtr& copy) noexcept try {
   static std::mutex turn;
-  static CopyPtr stuck;
+  static CopyPtr hanging;
+  static auto& worker = *new Platform::Thread();  // that of `hanging`; never destroyed
   const std::lock_guard guard(turn);
-  if (stuck != nullptr && !stuck->ended) {
+  const std::uint64_t waited = Platform::CurrentMachine().clock->TickCount() - copy->asked;
+  if (hanging != nullptr && hanging->ended) {
+    worker.Join();
+    hanging = nullptr;
+  }
+  if (hanging != nullptr) worker.CancelIo();
+  if (hanging != nullptr || std::chrono::milliseconds(waited) >= kLongestCopy) {
     copy->logger.For(copy->caller.c_str()).LogWarning(kStuck);
     return false;
   }
-  stuck = nullptr;
-  Platform::Thread worker([copy] { copy->Run(); });
-  if (!worker.JoinFor(kLongestCopy)) {
-    // A copy that fails still removes its partial file, which can be held up as well.
-    bool ended = false;
-    for (int tries = 0; tries < kCancels && !ended; ++tries) {
-      worker.CancelIo();
-      ended = worker.JoinFor(kPause);
-    }
-    if (!ended) stuck = copy;
-    copy->logger.For(copy->caller.c_str())
-        .LogWarning(kTookTooLong, copy->source.c_str(), copy->destination.c_str());
-    if (stuck != nullptr) worker.Detach();
-    return false;
+  worker = Platform::Thread([copy] { copy->Run(); });
+  if (worker.JoinFor(kLongestCopy)) return copy->copied;
+  // A copy that fails still removes its partial file, which can be held up as well.
+  bool ended = false;
+  for (int tries = 0; tries < kCancels && !ended; ++tries) {
+    worker.CancelIo();
+    ended = worker.JoinFor(kPause);
   }
-  return copy->copied;
+  if (!ended) hanging = copy;
+  copy->logger.For(copy->caller.c_str())
+      .LogWarning(kTookTooLong, copy->source.c_str(), copy->destination.c_str());
+  return false;
 } catch (const std::exception& error) {  // no memory, no thread
   return copy->LogFailure(error);
 }
@@ -188,21 +187,19 @@ bool McAfeeHelper::expand_path_impersonated_as_loggedin_user(const std::wstring&
 }
 
 bool CopyRegistrationData(const wchar_t* caller, const Logging::TraceLogger& logger) {
-  std::wstring source;
-  std::wstring destination;
+  const auto copy = std::make_shared<Copy>(caller, logger);
   Platform::OneLogon user;
-  if (!Expand(kMachineData, source, user) || !Expand(kUserData, destination, user)) return false;
-  const auto copy = PrepareCopy(source, destination, user, caller, logger);
-  return copy != nullptr && AwaitCopy(copy);
+  return Expand(kMachineData, copy->source, user) && Expand(kUserData, copy->destination, user) &&
+         TakeRights(*copy, user) && AwaitCopy(copy);
 }
 
 void RefreshRegistrationData(const Logging::TraceLogger& logger) {
-  std::wstring source;
-  std::wstring destination;
+  const auto copy = std::make_shared<Copy>(kResumeCaller, logger);
   Platform::OneLogon user;
-  if (!Expand(kUserData, destination, user) || !Expand(kMachineData, source, user)) return;
-  const auto copy = PrepareCopy(source, destination, user, kResumeCaller, logger);
-  if (copy == nullptr) return;
+  if (!Expand(kUserData, copy->destination, user) || !Expand(kMachineData, copy->source, user) ||
+      !TakeRights(*copy, user)) {
+    return;
+  }
   try {
     Platform::StartDetached([copy] { AwaitCopy(copy); });
   } catch (const std::system_error& error) {

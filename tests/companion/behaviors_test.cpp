@@ -3,12 +3,14 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <future>
 #include <iterator>
 #include <memory>
 #include <optional>
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -218,6 +220,7 @@ class HeldUpFiles final : public Platform::Threads {
   explicit HeldUpFiles(Platform::Machine& platform) : clock(*platform.clock) {
     files.onStep = [this](const char* step) {
       if (!holds || std::string_view(step) == "Read") return 0U;
+      if (const auto act = std::exchange(onHold, nullptr)) act();
       clock.Wait(freed.get(), std::nullopt);
       return Tests::kFault;
     };
@@ -231,11 +234,7 @@ class HeldUpFiles final : public Platform::Threads {
   void CancelIo(Platform::RawHandle) override {
     if (cancels) SetEvent(freed.get());
   }
-
-  void Free() {
-    holds = false;
-    SetEvent(freed.get());
-  }
+  std::function<void()> onHold;
 
   std::atomic<bool> holds = true;
   bool cancels = true;
@@ -281,10 +280,33 @@ TEST_F(RegistrationDataTest, AUserWhoHoldsUpTheCopyHoldsUpNeitherAResumeNorAComm
   EXPECT_EQ(secondsOfCopy(false), seconds(0));
   EXPECT_EQ(log.Lines().back(),
             L"warning|CopyRegistration - not begun, because an earlier copy hangs");
-  held->Free();
-  machine.clock.Settle();
+  // Each further command cancels it again: its write, then the removal of the partial file.
+  held->cancels = true;
+  for (int i = 0; i < 2; ++i) {
+    EXPECT_EQ(secondsOfCopy(false), seconds(0));
+    machine.clock.Settle();
+  }
+  held->holds = false;
   EXPECT_EQ(secondsOfCopy(true), seconds(0));
   EXPECT_EQ(Read(Destination()), "new");
+}
+
+TEST_F(RegistrationDataTest, ACommandThatWaitsForACopyThatIsHeldUpDoesNotBeginItsOwn) {
+  std::optional<HeldUpFiles> held;
+  const Platform::MachineScope inserted(
+      [&](Platform::Machine& platform) { held.emplace(platform); });
+  Write(Source(), "new");
+  std::thread second;
+  std::promise<void> asked;
+  const Tests::LogTrap trap(L"Attempting to impersonate", 3, [&] { asked.set_value(); });
+  held->onHold = [&] {
+    second = std::thread([&] { EXPECT_FALSE(CopyRegistrationData(L"second", logger)); });
+    asked.get_future().wait();
+  };
+  EXPECT_FALSE(CopyRegistrationData(L"first", logger));
+  second.join();
+  EXPECT_EQ(log.Lines().back(),
+            L"warning|CopyRegistration - not begun, because an earlier copy hangs");
 }
 
 // A folder of files and the log lines about them.
