@@ -15,9 +15,11 @@ namespace Vx::Platform {
 
 // An entry of an access list, reduced to what the rules check.
 struct AccessEntry {
-  bool allowed = false;  // an access-allowed entry
+  bool allowed = false;  // anything but a denial
   std::uint32_t mask = 0;
-  std::wstring sid;  // as text, "S-1-..."; empty for other kinds of entries
+  // As text, "S-1-...". Another text for an entry that allows access on a condition, to an object
+  // or in a way that this version does not know.
+  std::wstring sid;
 };
 
 struct AccessList {

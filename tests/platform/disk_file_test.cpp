@@ -8,9 +8,12 @@
 
 #include <windows.h>
 
+#include <aclapi.h>
+
 #include "platform/files.h"
 #include "platform/machine.h"
 #include "platform/trust_provider.h"
+#include "platform/windows/file_handle.h"
 #include "support/import_override.h"
 #include "support/silent_pipe.h"
 
@@ -18,6 +21,8 @@
 // NOLINTNEXTLINE(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
 extern "C" decltype(&CreateFileW) __imp_CreateFileW;
 
+// NOLINTNEXTLINE(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
+extern "C" decltype(&GetSecurityInfo) __imp_GetSecurityInfo;
 namespace Vx::Platform {
 namespace {
 
@@ -78,3 +83,47 @@ TEST(DiskFileTest, APipeIsNeitherReadNorWrittenNorGivenAnIdentity) {
 
 }  // namespace
 }  // namespace Vx::Platform
+BYTE entryType = 0;
+
+DWORD WINAPI OneEntry(HANDLE, SE_OBJECT_TYPE, SECURITY_INFORMATION, PSID* owner, PSID*, PACL* list,
+                      PACL*, PSECURITY_DESCRIPTOR*) {
+  static struct {
+    ACL list{ACL_REVISION_DS, 0, sizeof(ACL) + 20, 1, 0};
+    ACE_HEADER header{0, 0, 20};
+    ACCESS_MASK mask = FILE_GENERIC_READ | FILE_GENERIC_WRITE;
+    SID everyone{SID_REVISION, 1, SECURITY_WORLD_SID_AUTHORITY, {SECURITY_WORLD_RID}};
+  } access;
+  access.header.AceType = entryType;
+  *owner = &access.everyone;
+  *list = &access.list;
+  return ERROR_SUCCESS;
+}
+
+// The emulator's file system keeps no other type.
+TEST(AccessOfTest, AnEntryOfAnotherTypeAllowsAccessToAnUnknownAccountUnlessItDenies) {
+  constexpr DWORD kMask = FILE_GENERIC_READ | FILE_GENERIC_WRITE;
+  static constexpr struct {
+    BYTE type;
+    bool allowed;
+    DWORD mask;
+  } kCases[] = {
+      {ACCESS_ALLOWED_ACE_TYPE, true, kMask},
+      {ACCESS_ALLOWED_OBJECT_ACE_TYPE, true, kMask},
+      {ACCESS_ALLOWED_CALLBACK_ACE_TYPE, true, kMask},
+      {ACCESS_ALLOWED_CALLBACK_OBJECT_ACE_TYPE, true, kMask},
+      {ACCESS_DENIED_ACE_TYPE, false, ~0U},
+      {ACCESS_DENIED_CALLBACK_ACE_TYPE, false, ~0U},
+      {ACCESS_ALLOWED_COMPOUND_ACE_TYPE, true, ~0U},
+      {0x7F, true, ~0U},  // of some later Windows
+  };
+  const Tests::ImportOverride list(__imp_GetSecurityInfo, &OneEntry);
+  for (const auto& c : kCases) {
+    SCOPED_TRACE(+c.type);
+    entryType = c.type;
+    const AccessEntry entry = AccessOf(nullptr)->entries.at(0);
+    EXPECT_EQ(entry.allowed, c.allowed);
+    EXPECT_EQ(entry.mask, c.mask);
+    EXPECT_EQ(entry.sid == L"S-1-1-0", c.type == ACCESS_ALLOWED_ACE_TYPE);
+  }
+}
+

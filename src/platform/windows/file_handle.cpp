@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <iterator>
 #include <limits>
 #include <utility>
 
@@ -13,6 +14,14 @@ namespace Vx::Platform {
 namespace {
 
 using Opened = Result<std::unique_ptr<FileHandle>>;
+
+constexpr BYTE kGrants[] = {ACCESS_ALLOWED_ACE_TYPE, ACCESS_ALLOWED_OBJECT_ACE_TYPE,
+                            ACCESS_ALLOWED_CALLBACK_ACE_TYPE,
+                            ACCESS_ALLOWED_CALLBACK_OBJECT_ACE_TYPE};
+constexpr BYTE kDenials[] = {ACCESS_DENIED_ACE_TYPE, ACCESS_DENIED_OBJECT_ACE_TYPE,
+                             ACCESS_DENIED_CALLBACK_ACE_TYPE,
+                             ACCESS_DENIED_CALLBACK_OBJECT_ACE_TYPE};
+constexpr wchar_t kUnknownEntry[] = L"an entry of another kind";
 
 constexpr DWORD kReadStep = 1U << 30;
 
@@ -227,14 +236,15 @@ Result<AccessList> AccessOf(RawHandle file) {
   AccessList access{.owner = SidText(owner), .entries = {}};
   for (DWORD i = 0; i < list->AceCount; ++i) {
     void* ace = nullptr;
-    if (GetAce(list, i, &ace) == FALSE) continue;
-    const auto* header = static_cast<const ACE_HEADER*>(ace);
-    AccessEntry entry;
-    entry.allowed = header->AceType == ACCESS_ALLOWED_ACE_TYPE;
-    if (entry.allowed) {
+    AccessEntry entry{.allowed = true, .mask = ~0U, .sid = kUnknownEntry};
+    if (GetAce(list, i, &ace) != FALSE) {
+      const BYTE type = static_cast<const ACE_HEADER*>(ace)->AceType;
       auto* allowed = static_cast<ACCESS_ALLOWED_ACE*>(ace);
-      entry.mask = allowed->Mask;
-      entry.sid = SidText(&allowed->SidStart);
+      entry.allowed = std::ranges::find(kDenials, type) == std::end(kDenials);
+      // The others begin the same, but allow access to some objects only or on a condition:
+      // https://learn.microsoft.com/windows/win32/api/winnt/ns-winnt-ace_header
+      if (std::ranges::find(kGrants, type) != std::end(kGrants)) entry.mask = allowed->Mask;
+      if (type == ACCESS_ALLOWED_ACE_TYPE) entry.sid = SidText(&allowed->SidStart);
     }
     access.entries.push_back(std::move(entry));
   }
