@@ -12,6 +12,7 @@
 #include <windows.h>
 
 #include "hosting/text.h"
+#include "platform/windows/file_handle.h"
 
 namespace Vx::Hosting::ServiceHost {
 
@@ -122,9 +123,9 @@ void LogFolder::Open(const std::wstring& day, std::size_t lineSize) {
   for (; number <= kLastNumber; ++number) {
     const std::wstring name = service + AgeOf(day, number);
     const std::wstring path = folder + L"\\" + name;
-    Platform::UniqueHandle opened = Platform::AdoptFile(
-        CreateFileW(path.c_str(), GENERIC_READ | FILE_APPEND_DATA, FILE_SHARE_READ, nullptr,
-                    OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL | FILE_FLAG_OPEN_REPARSE_POINT, nullptr));
+    Platform::UniqueHandle opened =
+        Platform::OpenDiskFile(path, GENERIC_READ | FILE_APPEND_DATA, FILE_SHARE_READ,
+                               FILE_ATTRIBUTE_NORMAL | FILE_FLAG_OPEN_REPARSE_POINT, OPEN_ALWAYS);
     // Another process is writing to the file, or a program has it open with the right to delete it.
     if (opened == nullptr && GetLastError() == ERROR_SHARING_VIOLATION) continue;
     if (opened == nullptr) {

@@ -16,13 +16,14 @@
 #include "platform/windows/file_handle.h"
 #include "support/import_override.h"
 #include "support/silent_pipe.h"
+#include "support/temp_folder.h"
 
 // The import that every CreateFileW of this program goes through.
 // NOLINTNEXTLINE(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
 extern "C" decltype(&CreateFileW) __imp_CreateFileW;
-
 // NOLINTNEXTLINE(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
 extern "C" decltype(&GetSecurityInfo) __imp_GetSecurityInfo;
+
 namespace Vx::Platform {
 namespace {
 
@@ -43,6 +44,7 @@ HANDLE WINAPI WatchedCreateFile(const wchar_t* name, DWORD access, DWORD share,
 TEST(DiskFileTest, APipeIsNeitherReadNorWrittenNorGivenAnIdentity) {
   Files& files = *CurrentMachine().files;
   const TrustProvider& trust = *CurrentMachine().trustProvider;
+  const Tests::TempFolder folder;
   constexpr ErrorCode kNoFile = ERROR_BAD_FILE_TYPE;
   const std::pair<const char*, std::function<ErrorCode(const std::wstring&)>> kCases[] = {
       {"read", [&](const auto& path) { return files.Read(path, 1).Error(); }},
@@ -51,6 +53,12 @@ TEST(DiskFileTest, APipeIsNeitherReadNorWrittenNorGivenAnIdentity) {
       {"lock", [&](const auto& path) { return files.OpenReadLocked(path).Error(); }},
       {"final path", [&](const auto& path) { return files.FinalPath(path).Error(); }},
       {"access list", [&](const auto& path) { return files.FolderAccess(path).Error(); }},
+      {"make sure that there is one", [&](const auto& path) { return files.Touch(path); }},
+      {"open", [&](const auto& path) { return files.Open(path, FileUse::Read).Error(); }},
+      {"create with its access list",
+       [&](const auto& path) {
+         return files.Create((folder.Path() / "new").wstring(), path).Error();
+       }},
       {"digest", [&](const auto& path) { return files.Sha256(path).Error(); }},
       {"catalog",
        [&](const auto& path) {
@@ -81,8 +89,6 @@ TEST(DiskFileTest, APipeIsNeitherReadNorWrittenNorGivenAnIdentity) {
   }
 }
 
-}  // namespace
-}  // namespace Vx::Platform
 BYTE entryType = 0;
 
 DWORD WINAPI OneEntry(HANDLE, SE_OBJECT_TYPE, SECURITY_INFORMATION, PSID* owner, PSID*, PACL* list,
@@ -127,3 +133,5 @@ TEST(AccessOfTest, AnEntryOfAnotherTypeAllowsAccessToAnUnknownAccountUnlessItDen
   }
 }
 
+}  // namespace
+}  // namespace Vx::Platform

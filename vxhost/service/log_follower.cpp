@@ -8,6 +8,7 @@
 
 #include "hosting/text.h"
 #include "platform/unique_handle.h"
+#include "platform/windows/file_handle.h"
 #include "servicehost/log_folder.h"
 
 namespace Vx::Hosting::Tool {
@@ -19,9 +20,8 @@ constexpr wchar_t kEarlier[] = L"vxhost";
 
 // The writer keeps the file open for appending and deletes old files.
 Platform::UniqueHandle OpenLog(const std::wstring& path) {
-  return Platform::AdoptFile(CreateFileW(path.c_str(), GENERIC_READ,
-                                         FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
-                                         nullptr, OPEN_EXISTING, 0, nullptr));
+  return Platform::OpenDiskFile(path, GENERIC_READ,
+                                FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE);
 }
 
 }  // namespace

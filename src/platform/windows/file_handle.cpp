@@ -24,6 +24,7 @@ constexpr BYTE kDenials[] = {ACCESS_DENIED_ACE_TYPE, ACCESS_DENIED_OBJECT_ACE_TY
 constexpr wchar_t kUnknownEntry[] = L"an entry of another kind";
 
 constexpr DWORD kReadStep = 1U << 30;
+constexpr DWORD kShareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
 
 std::vector<std::byte> ProcessUser() {
   HANDLE raw = nullptr;
@@ -136,7 +137,6 @@ struct Opening {
 };
 
 Opening OpeningFor(FileUse use) {
-  constexpr DWORD kShareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
   switch (use) {
     case FileUse::Inspect:
       return {READ_CONTROL | FILE_READ_ATTRIBUTES, kShareAll};
@@ -155,8 +155,8 @@ Opening OpeningFor(FileUse use) {
 Opened OpenWith(const std::wstring& path, Opening opening, SECURITY_ATTRIBUTES* security,
                 DWORD disposition) {
   UniqueHandle file =
-      AdoptFile(CreateFileW(path.c_str(), opening.access, opening.share, security, disposition,
-                            FILE_ATTRIBUTE_NORMAL | FILE_FLAG_OPEN_REPARSE_POINT, nullptr));
+      OpenDiskFile(path, opening.access, opening.share,
+                   FILE_ATTRIBUTE_NORMAL | FILE_FLAG_OPEN_REPARSE_POINT, disposition, security);
   if (file == nullptr) return Opened::Failure(GetLastError());
   std::unique_ptr<FileHandle> opened = std::make_unique<RealFileHandle>(std::move(file));
   return opened;
@@ -198,9 +198,9 @@ ErrorCode WriteContent(HANDLE file, std::span<const std::byte> content) {
 }
 
 UniqueHandle OpenDiskFile(const std::wstring& path, DWORD access, DWORD share, DWORD flags,
-                          DWORD disposition) {
+                          DWORD disposition, SECURITY_ATTRIBUTES* security) {
   UniqueHandle file =
-      AdoptFile(CreateFileW(path.c_str(), access, share, nullptr, disposition,
+      AdoptFile(CreateFileW(path.c_str(), access, share, security, disposition,
                             flags | SECURITY_SQOS_PRESENT | SECURITY_IDENTIFICATION, nullptr));
   if (file == nullptr || GetFileType(file.get()) == FILE_TYPE_DISK) return file;
   file.reset();
@@ -256,11 +256,12 @@ Opened OpenFileHandle(const std::wstring& path, FileUse use) {
 }
 
 Opened CreateFileHandle(const std::wstring& path, const std::wstring& accessLike) {
-  PACL access = nullptr;
   PSECURITY_DESCRIPTOR raw = nullptr;
-  const DWORD error =
-      GetNamedSecurityInfoW(accessLike.c_str(), SE_FILE_OBJECT, DACL_SECURITY_INFORMATION, nullptr,
-                            nullptr, &access, nullptr, &raw);
+  const UniqueHandle like = OpenDiskFile(accessLike, READ_CONTROL, kShareAll);
+  const DWORD error = like == nullptr
+                          ? GetLastError()
+                          : GetSecurityInfo(like.get(), SE_FILE_OBJECT, DACL_SECURITY_INFORMATION,
+                                            nullptr, nullptr, nullptr, nullptr, &raw);
   if (error != ERROR_SUCCESS && error != ERROR_FILE_NOT_FOUND) return Opened::Failure(error);
   const UniqueLocalMemory<void> descriptor(raw);  // null: the folder decides
   SECURITY_ATTRIBUTES security{sizeof security, descriptor.get(), FALSE};

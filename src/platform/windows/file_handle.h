@@ -11,13 +11,14 @@
 
 namespace Vx::Platform {
 
-// Opens the file `path`, which a client may have chosen. The file must exist unless `disposition`
-// says otherwise. With FILE_FLAG_BACKUP_SEMANTICS in `flags`, opens a folder. Sets the last error
-// and returns null for anything not on a disk, because a pipe or a device could block its reader or
-// writer forever. Passes SECURITY_SQOS_PRESENT, because otherwise a pipe's server could act as this
-// process (CreateFileW, dwFlagsAndAttributes).
+// Opens the file `path`, which others may influence. The file must exist unless `disposition` says
+// otherwise. A new one gets `security`. With FILE_FLAG_BACKUP_SEMANTICS in `flags`, opens a folder.
+// Sets the last error and returns null for anything not on a disk, because a pipe or a device could
+// block its reader or writer forever. Passes SECURITY_SQOS_PRESENT, because otherwise a pipe's
+// server could act as this process (CreateFileW, dwFlagsAndAttributes).
 UniqueHandle OpenDiskFile(const std::wstring& path, DWORD access, DWORD share,
-                          DWORD flags = FILE_ATTRIBUTE_NORMAL, DWORD disposition = OPEN_EXISTING);
+                          DWORD flags = FILE_ATTRIBUTE_NORMAL, DWORD disposition = OPEN_EXISTING,
+                          SECURITY_ATTRIBUTES* security = nullptr);
 
 // Renames an open file or folder in one step, replacing a file that is there. Needs DELETE.
 ErrorCode RenameTo(RawHandle file, const std::wstring& path);

@@ -117,9 +117,9 @@ class RealFiles final : public Files {
   }
 
   ErrorCode Touch(const std::wstring& path) override {
-    const UniqueHandle file = AdoptFile(
-        CreateFileW(path.c_str(), FILE_APPEND_DATA, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
-                    OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL | FILE_FLAG_OPEN_REPARSE_POINT, nullptr));
+    const UniqueHandle file =
+        OpenDiskFile(path, FILE_APPEND_DATA, FILE_SHARE_READ | FILE_SHARE_WRITE,
+                     FILE_ATTRIBUTE_NORMAL | FILE_FLAG_OPEN_REPARSE_POINT, OPEN_ALWAYS);
     return file != nullptr ? 0 : GetLastError();
   }
 
