@@ -176,13 +176,19 @@ Opened OpenOwn(const std::wstring& path, FileUse use) {
   return Opened(nullptr);
 }
 
-// Returns the newest siblings. Later accesses delete the others.
+// Returns the newest siblings that may be ours. Later accesses delete the others. Files of other
+// accounts do not count, because they would hide ours.
 Result<std::vector<std::wstring>> SiblingsOf(const std::wstring& path) {
   Result<std::vector<std::wstring>> names = Files().Siblings(path);
-  if (names) {
-    std::erase_if(*names, [](const std::wstring& name) { return !name.ends_with(kSiblingEnding); });
-    if (names->size() > kMostSiblings) names->resize(kMostSiblings);
-  }
+  if (!names) return names;
+  std::size_t found = 0;
+  std::erase_if(*names, [&](const std::wstring& name) {
+    if (found == kMostSiblings || !name.ends_with(kSiblingEnding)) return true;
+    const Opened own = OpenOwn(name, FileUse::Inspect);
+    if (own && *own == nullptr) return true;
+    ++found;
+    return false;
+  });
   return names;
 }
 

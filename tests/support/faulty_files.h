@@ -26,14 +26,17 @@ struct FileFaults {
 
   std::function<void(Platform::FileFacts&)> onFacts = [](Platform::FileFacts&) {};
   bool foreignOwner = false;                   // every file belongs to another account
+  std::wstring foreignMark = L"?";             // and each whose path has this in it
   std::size_t largestRead = 0;                 // the bound of the last read
   std::vector<std::vector<std::byte>> writes;  // the content of each attempted write
 };
 
 class FaultyFileHandle final : public Platform::FileHandle {
  public:
-  FaultyFileHandle(std::unique_ptr<FileHandle> opened, Platform::FileUse use, FileFaults& switches)
+  FaultyFileHandle(std::unique_ptr<FileHandle> opened, const std::wstring& path,
+                   Platform::FileUse use, FileFaults& switches)
       : real(std::move(opened)),
+        foreign(path.find(switches.foreignMark) != path.npos),
         writable(use == Platform::FileUse::Change || use == Platform::FileUse::Replace),
         faults(switches) {}
 
@@ -43,7 +46,7 @@ class FaultyFileHandle final : public Platform::FileHandle {
     return facts;
   }
   Platform::Result<bool> HasTrustedOwner() const override {
-    return faults.foreignOwner ? false : real->HasTrustedOwner();
+    return faults.foreignOwner || foreign ? false : real->HasTrustedOwner();
   }
   Platform::Result<std::vector<std::byte>> Content(std::size_t maxBytes) const override {
     faults.largestRead = maxBytes;
@@ -80,6 +83,7 @@ class FaultyFileHandle final : public Platform::FileHandle {
   }
 
   std::unique_ptr<FileHandle> real;
+  const bool foreign;
   const bool writable;  // Windows flushes only a writable file
   FileFaults& faults;
 };
@@ -115,20 +119,20 @@ class FaultyFiles : public Simulator::SimulatedFiles, public FileFaults {
   }
   Opened Open(const std::wstring& path, Platform::FileUse use) override {
     if (const Platform::ErrorCode error = onStep("Open"); error != 0) return Opened::Failure(error);
-    return Faulty(SimulatedFiles::Open(path, use), use);
+    return Faulty(SimulatedFiles::Open(path, use), path, use);
   }
   Opened Create(const std::wstring& path, const std::wstring& accessLike) override {
     if (const Platform::ErrorCode error = onStep("Create"); error != 0) {
       return Opened::Failure(error);
     }
-    return Faulty(SimulatedFiles::Create(path, accessLike), Platform::FileUse::Replace);
+    return Faulty(SimulatedFiles::Create(path, accessLike), path, Platform::FileUse::Replace);
   }
 
  private:
-  Opened Faulty(Opened opened, Platform::FileUse use) {
+  Opened Faulty(Opened opened, const std::wstring& path, Platform::FileUse use) {
     if (!opened) return opened;
     std::unique_ptr<Platform::FileHandle> file =
-        std::make_unique<FaultyFileHandle>(*std::move(opened), use, *this);
+        std::make_unique<FaultyFileHandle>(*std::move(opened), path, use, *this);
     return file;
   }
 };
