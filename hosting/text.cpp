@@ -18,20 +18,13 @@
 
 #include "json/text_decoding.h"
 #include "json/utf8.h"
+#include "platform/shown_text.h"
 
 #include <rapidjson/error/en.h>
 
 namespace Vx::Hosting {
 
 namespace {
-
-constexpr wchar_t kReplacement = 0xFFFD;
-
-// ASCII and Latin-1 control characters, and Unicode separators and direction marks.
-bool DrivesATerminal(wchar_t unit) {
-  return unit < 0x20 || (unit >= 0x7F && unit < 0xA0) || (unit >= 0x2028 && unit <= 0x202E) ||
-         (unit >= 0x2066 && unit <= 0x2069) || unit == 0x061C || unit == 0x200E || unit == 0x200F;
-}
 
 // Decodes UTF-8, or UTF-16 as Windows PowerShell writes it, with a byte-order mark.
 std::wstring FromBytes(const std::string& bytes) {
@@ -78,7 +71,7 @@ std::string Printable(std::string_view text, LineBreaks breaks) {
     const bool laysOut =
         shown[i] == L'\n' || shown[i] == L'\t' || shown.compare(i, 2, L"\r\n") == 0;
     if (laysOut && breaks == LineBreaks::Keep) continue;
-    if (DrivesATerminal(shown[i])) shown[i] = kReplacement;
+    if (Platform::IsUnsafeToShow(shown[i])) shown[i] = Platform::kShownInstead;
   }
   return Utf8(shown);
 }
@@ -87,7 +80,7 @@ std::string PrintableJson(std::wstring_view json) {
   std::wstring shown;
   shown.reserve(json.size());
   for (const wchar_t unit : json) {
-    if (unit == L'\n' || !DrivesATerminal(unit)) {
+    if (unit == L'\n' || !Platform::IsUnsafeToShow(unit)) {
       shown += unit;
       continue;
     }

@@ -7,6 +7,8 @@
 
 #include <windows.h>
 
+#include "platform/shown_text.h"
+
 namespace Vx::Hosting::ServiceHost {
 
 namespace {
@@ -21,6 +23,7 @@ constexpr wchar_t kNotRun[] = L" delivery did not run: ";
 constexpr wchar_t kReason[] = L", reason ";
 constexpr wchar_t kSubscription[] = L", subscription ";
 constexpr wchar_t kTarget[] = L", target ";
+constexpr wchar_t kFullWidthPercent = 0xFF05;
 
 constexpr std::wstring_view kDeliveries[] = {L"power", L"platform", L"uninstall"};
 constexpr std::wstring_view kNotRunDecisions[] = {L"dropped",     L"refused",  L"failed",
@@ -39,6 +42,14 @@ std::wstring TextOf(const DecisionRecord& record) {
   add(kReason, record.reason);
   add(kSubscription, record.subscription);
   add(kTarget, record.target);
+  return text;
+}
+
+// Event Viewer also expands "%1" and "%{" in a string, and knows no escape for them:
+// https://learn.microsoft.com/openspecs/windows_protocols/ms-even/d76e867d-96dc-4c09-b747-b1dde1acc5a4
+std::wstring Insertable(std::wstring text) {
+  std::ranges::transform(text, text.begin(), &Platform::ShownAs);
+  std::ranges::replace(text, L'%', kFullWidthPercent);
   return text;
 }
 
@@ -75,10 +86,11 @@ bool EventLogTarget::Write(const LogEntry& entry) noexcept {
     const bool lost = line.record && SaysThatNothingRan(*line.record);
     if (!lost && (line.provider != kHostProvider || line.level == L"INFO")) return true;
     const bool error = !lost && line.level == L"ERROR";
-    static_cast<void>(journal->Report(error ? EVENTLOG_ERROR_TYPE : EVENTLOG_WARNING_TYPE,
-                                      error ? kErrorMessage : kWarningMessage,
-                                      {lost ? TextOf(*line.record) : line.message, line.provider,
-                                       line.caller, std::to_wstring(entry.thread)}));
+    static_cast<void>(
+        journal->Report(error ? EVENTLOG_ERROR_TYPE : EVENTLOG_WARNING_TYPE,
+                        error ? kErrorMessage : kWarningMessage,
+                        {Insertable(lost ? TextOf(*line.record) : line.message), line.provider,
+                         Insertable(line.caller), std::to_wstring(entry.thread)}));
     return true;
   } catch (const std::exception&) {
     return false;

@@ -16,6 +16,7 @@
 
 #include <evntprov.h>
 
+#include "platform/shown_text.h"
 #include "standins/debug_monitor.h"
 #include "standins/narrow_texts.h"
 
@@ -154,19 +155,6 @@ void DeliverToSinks(const LogRecord& record) {
   deliveringThread.store(0, std::memory_order_relaxed);
 }
 
-constexpr wchar_t kReplacement = 0xFFFD;
-
-// A client's text must not start a new line, control the terminal that shows the log or reorder
-// text, as control characters, separators and direction marks do. White space becomes a blank.
-wchar_t Shown(wchar_t unit) noexcept {
-  if (unit >= L'\t' && unit <= L'\r') return L' ';
-  const bool control = unit < L' ' || (unit >= 0x7F && unit < 0xA0);
-  const bool separator = unit == 0x2028 || unit == 0x2029;
-  const bool direction = unit == 0x061C || unit == 0x200E || unit == 0x200F ||
-                         (unit >= 0x202A && unit <= 0x202E) || (unit >= 0x2066 && unit <= 0x2069);
-  return control || separator || direction ? kReplacement : unit;
-}
-
 // Formats into `buffer` with the host's conversions. Returns false if the text does not fit or
 // cannot be formatted. The C runtime then leaves an unterminated beginning, hence the zeros.
 template <std::size_t Size>
@@ -225,7 +213,7 @@ std::wstring_view Format(wchar_t (&buffer)[Size], const wchar_t* format, va_list
     FormatWhole(buffer, bounds ? bounded : format, arguments);
   }
   std::wstring_view message(buffer);
-  std::transform(message.begin(), message.end(), std::begin(buffer), &Shown);
+  std::transform(message.begin(), message.end(), std::begin(buffer), &Platform::ShownAs);
   return message;
 }
 
@@ -233,7 +221,7 @@ std::wstring_view Format(wchar_t (&buffer)[Size], const wchar_t* format, va_list
 template <std::size_t Size>
 std::wstring_view CopyCaller(wchar_t (&buffer)[Size], const wchar_t* caller) noexcept {
   const std::size_t length = caller != nullptr ? wcsnlen(caller, Size - 1) : 0;
-  std::transform(caller, caller + length, std::begin(buffer), &Shown);
+  std::transform(caller, caller + length, std::begin(buffer), &Platform::ShownAs);
   buffer[length] = L'\0';
   return {buffer, length};
 }

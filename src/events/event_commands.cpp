@@ -31,8 +31,6 @@ constexpr wchar_t kNullInArguments[] = L"the arguments hold a null character";
 constexpr wchar_t kDelayKey[] = L"delayDeliverySec";
 constexpr wchar_t kNoDelay[] = L"0";
 
-constexpr std::size_t kLongestTarget = 512;
-
 template <typename Command>
 EventCommandPtr Make(const Json::JsonObject& parameters) {
   return EventCommandPtr(new Command(parameters), CommandDeleter([](EventCommand* command) {
@@ -46,7 +44,7 @@ LaunchCommand::LaunchCommand(const Json::JsonObject& parameters)
     : path(parameters.GetNamedString(L"path")),
       arguments(parameters.FindString(L"arguments").value_or(L"")) {
   delayDeliverySec = parameters.GetNamedString(kDelayKey, kNoDelay);
-  target = path.substr(0, kLongestTarget);
+  target = path;
   // Windows ends a command line at a null: the program would run with only some of its arguments.
   if (arguments.find(L'\0') != std::wstring::npos) {
     throw Platform::WindowsRuntimeError(kInvalidArgument, kNullInArguments);
@@ -90,7 +88,7 @@ AppServiceNotificationCommand::AppServiceNotificationCommand(const Json::JsonObj
       payload(parameters.GetNamedObject(L"payload")) {
   delayDeliverySec = parameters.GetNamedString(kDelayKey, kNoDelay);
   customTriggerGuid = payload.FindString(L"customTriggerGUID").value_or(L"");
-  target = (packageFamilyName + L"/" + appServiceName).substr(0, kLongestTarget);
+  target = packageFamilyName + L"/" + appServiceName;
 }
 
 Records::Outcome AppServiceNotificationCommand::Execute() {

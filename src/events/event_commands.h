@@ -35,7 +35,7 @@ class EventCommand {
   // The trigger that a power or platform event raises instead of the command; empty if none.
   std::wstring CustomTriggerGUID() const { return customTriggerGuid; }
 
-  // The program, or "FAMILY/APP SERVICE", truncated to fit a record.
+  // The program, or "FAMILY/APP SERVICE".
   const std::wstring& Target() const noexcept { return target; }
 
  protected:

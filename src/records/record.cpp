@@ -10,6 +10,7 @@
 #include "host/logging.h"
 #include "platform/clock.h"
 #include "platform/machine.h"
+#include "platform/shown_text.h"
 
 namespace Vx::Tessel::Server::Records {
 
@@ -132,6 +133,20 @@ class Line {
   std::size_t length = 0;
 };
 
+// A record's text from a client, made short and safe for a log.
+class ClientText {
+ public:
+  explicit ClientText(const wchar_t* text) noexcept {
+    for (wchar_t* end = shown; *text != L'\0' && end != shown + kLongestClientText; ++text) {
+      *end++ = Platform::ShownAs(*text);
+    }
+  }
+  const wchar_t* Text() const { return shown; }
+
+ private:
+  wchar_t shown[kLongestClientText + 1] = {};
+};
+
 constinit std::atomic<std::uint64_t> lastNumber{0};
 
 std::uint64_t Now() noexcept {
@@ -184,14 +199,17 @@ void Write(const Record& record) noexcept {
   // What was refused or not carried out has already been logged.
   const bool lost = record.kind >= Kind::Power && outcome.decision >= Decision::Dropped;
   const auto level = lost ? Logging::LogLevel::Warning : Logging::LogLevel::Info;
+  const ClientText target(record.target.c_str());
+  const ClientText package(record.package.c_str());
+  const ClientText client(record.client == nullptr ? L"" : record.client);
   Logging::WriteRecord({.size = sizeof(VxLogRecord),
                         .kind = NameOf(record.kind).word,
                         .decision = decision.word,
                         .reason = reason.word,
                         .subscription = record.subscription.c_str(),
-                        .target = record.target.c_str(),
-                        .package = record.package.c_str(),
-                        .client = record.client == nullptr ? L"" : record.client,
+                        .target = target.Text(),
+                        .package = package.Text(),
+                        .client = client.Text(),
                         .number = record.number,
                         .status = ran ? 0 : outcome.number,
                         .process = ran ? outcome.number : 0,

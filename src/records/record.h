@@ -1,6 +1,7 @@
 #pragma once
 
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -113,7 +114,11 @@ struct Record {
   std::uint64_t milliseconds = 0;
 };
 
-// Writes a record and its log line. Any thread.
+// A record's target, package and client are cut to so many characters.
+inline constexpr std::size_t kLongestClientText = 512;
+
+// Writes a record and its log line. Replaces what a client's text could forge lines with. Any
+// thread.
 void Write(const Record& record) noexcept;
 
 // The records of one delivery, from its event to its end. Used by one thread at a time.

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <vector>
 
 #include "host/logging.h"
 
@@ -67,6 +68,20 @@ TEST(Record, IsWrittenWithItsWordsAndALineForPeople) {
   Logging::LogManager::RemoveSink(sink);
   EXPECT_EQ(FromWord<Reason>(L"too_many_of_all"), Reason::TooManyOfAll);
   EXPECT_EQ(FromWord<Decision>(L"of a later version"), std::nullopt);
+}
+
+TEST(Record, ShowsClientTextsCutAndOnOneLine) {
+  const std::wstring hostile = L"a\r\nb\x1B\x202E\xE9" + std::wstring(1000, L'x');
+  const std::wstring shown = L"a  b\xFFFD\xFFFD\xE9" + std::wstring(505, L'x');
+  std::vector<std::wstring> texts;
+  const auto sink = Logging::LogManager::AddSink([&](const Logging::LogRecord& written) {
+    texts = {written.record->target, written.record->package, written.record->client};
+  });
+  Write({.target = hostile, .package = hostile, .client = hostile.c_str()});
+  EXPECT_EQ(texts, std::vector(3, shown));
+  Write({});
+  EXPECT_EQ(texts, std::vector(3, std::wstring()));
+  Logging::LogManager::RemoveSink(sink);
 }
 
 }  // namespace

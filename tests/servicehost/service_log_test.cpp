@@ -328,11 +328,14 @@ TEST(EventLogTest, TakesTheHostsWarningsAndTheDeliveriesThatDidNotRun) {
                  .decision = L"refused",
                  .reason = L"unsigned",
                  .subscription = L"1f",
-                 .target = L"C:\\a.exe"};
+                 .target = L"C:\\%1\n%{\x202E.exe"};
+  line.caller = L"%2";
   EXPECT_TRUE(target.Write({kFirstDay, 7, 9, line}));
   EXPECT_EQ(records.back(),
             L"2 2147483649|power delivery did not run: refused, reason unsigned, subscription 1f, "
-            L"target C:\\a.exe|Vx-Test|client|7");
+            L"target C:\\\xFF05"
+            L"1 \xFF05{\xFFFD.exe|Vx-Test|\xFF05"
+            L"2|7");
 }
 
 TEST(EventLogTest, ItsSourceNamesTheMessageFileAndGoes) {

@@ -176,7 +176,7 @@ class DataWriter {
         Member(L"event", form->family != nullptr
                              ? NameOf(Kind::Uninstall).text + (L" " + read.Family())
                              : Wide(form->name) + L" " + std::to_wstring(read.Type()));
-        Member(L"target", read.Command()->Target());
+        Member(L"target", read.Command()->Target().substr(0, kLongestClientText));
         Member(L"milliseconds", DelayLength(delay).count());
         json.EndObject();
         return;
