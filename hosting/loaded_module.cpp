@@ -8,6 +8,7 @@
 #include "hosting/module_log.h"
 #include "hosting/services_mutex.h"
 #include "hosting/text.h"
+#include "hosting/windows_error.h"
 
 namespace Vx::Hosting {
 
@@ -16,11 +17,6 @@ using Tessel::Server::Services::ClientContext;
 namespace {
 
 constexpr std::size_t kLongestCaller = 64;  // a longer one makes the module end the process
-
-std::string LoadFailure(const std::wstring& path, DWORD error) {
-  return "cannot load " + Utf8(path) + " (error " + std::to_string(error) +
-         "); build it with scripts/build, or name it with --dll";
-}
 
 }  // namespace
 
@@ -47,7 +43,7 @@ void LoadedModule::Unloader::operator()(void* loaded) const noexcept {
 
 LoadedModule::LoadedModule(const std::wstring& fullPath)
     : module(LoadLibraryExW(fullPath.c_str(), nullptr, LOAD_LIBRARY_SEARCH_SYSTEM32)) {
-  if (module == nullptr) throw std::runtime_error(LoadFailure(fullPath, GetLastError()));
+  if (module == nullptr) throw WindowsError("cannot load " + Utf8(fullPath), GetLastError());
   factory = reinterpret_cast<Tessel::Server::Services::CreateServiceFunction>(
       Find(Tessel::Server::Services::kCreateServiceExport));
   if (factory == nullptr) {

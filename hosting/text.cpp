@@ -154,7 +154,22 @@ std::wstring FullPathOfFile(const std::string& path) {
   return full;
 }
 
+namespace {
+
+// Both command processors remove the quotes from JSON that is typed as it is.
+bool LostItsQuotes(const std::string& argument) {
+  return argument.starts_with('\'') ||
+         (argument.starts_with('{') && argument.ends_with('}') &&
+          argument.find(':') != std::string::npos && argument.find('"') == std::string::npos);
+}
+
+}  // namespace
+
 std::wstring TextOrFile(const std::string& argument) {
+  if (LostItsQuotes(argument)) {
+    throw std::runtime_error("the shell has changed the quotes of the JSON: it arrived as " +
+                             argument + "; use @FILE or @-");
+  }
   if (argument == "@-") {
     // In text mode, reading would stop at byte 0x1A, which occurs inside UTF-16 characters.
     if (_setmode(_fileno(stdin), _O_BINARY) == -1) throw std::runtime_error("no standard input");

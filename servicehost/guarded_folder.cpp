@@ -12,6 +12,7 @@
 #include <shlobj.h>
 
 #include "hosting/text.h"
+#include "hosting/windows_error.h"
 #include "platform/machine.h"
 #include "platform/result.h"
 #include "platform/system_services.h"
@@ -99,8 +100,7 @@ Platform::UniqueLocalMemory<void> Descriptor(const wchar_t* access) {
 }
 
 [[noreturn]] void ThrowError(const std::wstring& path, const char* what, DWORD error) {
-  throw std::runtime_error(Utf8(path) + what + " (error " + std::to_string(error) +
-                           "); run as administrator");
+  throw WindowsError(Utf8(path) + what, error, "; run as administrator");
 }
 
 // Returns whether the folder was created. Leaves an existing one as it is.

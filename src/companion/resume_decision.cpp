@@ -13,10 +13,10 @@ namespace {
 using State = RegistrationHelper::RegistrationState;
 
 constexpr std::wstring_view kQuestionTexts[] = {
-    L"first preloaded software: preloaded",
-    L"first preloaded software: installed",
-    L"second preloaded software: preloaded",
-    L"second preloaded software: installed",
+    L"Sentra was preloaded",
+    L"Sentra is installed",
+    L"McAfee was preloaded",
+    L"McAfee is installed",
     L"Windows was in S mode at the first start and is not now",
     L"launch because of software was made before",
     L"registration state",
@@ -32,6 +32,22 @@ constexpr std::wstring_view kRuleTexts[] = {
     L"the owner skipped registration, but the machine is not and was not in S mode: no launch",
     L"software gives no reason and the owner did not skip registration: no launch",
 };
+
+std::wstring StateText(std::int32_t state) {
+  switch (static_cast<State>(state)) {
+    case State::Yes:
+      return L"registered";
+    case State::No:
+      return L"not registered";
+    case State::SkippedOobe:
+      return L"skipped during first-run set-up";
+    case State::Pending:
+      return L"pending";
+    case State::Unknown:
+      break;
+  }
+  return L"unknown";
+}
 
 static_assert(std::size(kQuestionTexts) ==
               static_cast<std::size_t>(ResumeQuestion::RegistrationUsed) + 1);
@@ -86,7 +102,7 @@ std::vector<std::wstring> Explain(const ResumeDecision& decision) {
     std::wstring line(kQuestionTexts[static_cast<std::size_t>(answer.question)]);
     line += L": ";
     if (answer.question == ResumeQuestion::RegistrationState) {
-      line += Json::WideDecimal(answer.answer);
+      line += StateText(answer.answer);
     } else {
       line += answer.answer != 0 ? L"yes" : L"no";
     }

@@ -132,15 +132,16 @@ TEST(ResumeDecisionTest, NamesTheRuleThatSettledItAndAsksNoMoreThanThat) {
 TEST(ResumeDecisionTest, ExplainsEachAnswerAndTheRule) {
   EXPECT_THAT(
       Explain(World(0x27, State::SkippedOobe).Decide()),
-      ElementsAre(
-          L"first preloaded software: preloaded: yes", L"first preloaded software: installed: yes",
-          L"second preloaded software: preloaded: yes", L"second preloaded software: installed: no",
-          L"Windows was in S mode at the first start and is not now: no", L"registration state: 2",
-          L"Windows was in S mode at the first start and is not now: no",
-          L"Windows is in S mode now: yes", L"launch because of registration was made before: no",
-          L"the owner skipped registration on a machine that is or was in S mode: one "
-          L"launch",
-          L"starting point: 2"));
+      ElementsAre(L"Sentra was preloaded: yes", L"Sentra is installed: yes",
+                  L"McAfee was preloaded: yes", L"McAfee is installed: no",
+                  L"Windows was in S mode at the first start and is not now: no",
+                  L"registration state: skipped during first-run set-up",
+                  L"Windows was in S mode at the first start and is not now: no",
+                  L"Windows is in S mode now: yes",
+                  L"launch because of registration was made before: no",
+                  L"the owner skipped registration on a machine that is or was in S mode: one "
+                  L"launch",
+                  L"starting point: 2"));
 }
 
 }  // namespace

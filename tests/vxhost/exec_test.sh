@@ -24,9 +24,17 @@ fi
 
 # The command-line library prints the help. The paths of nested commands are this project's.
 expect 0 'Usage: vxhost store restore' store restore --help
-expect 2 'build it with scripts/build' --dll "$work/missing.dll" exec 22
-expect 2 '{"error":{"message":' --dll "$work/missing.dll" exec 22 --json
+# The text of an error depends on the language of Windows, so that no program gets it.
+expect 2 '(error 126): ' --dll "$work/missing.dll" exec 22
+expect 2 '(error 126)","exitCode":2}' --dll "$work/missing.dll" exec 22 --json
 expect 2 'there is no subcommand "exce"; did you mean "exec"?' exce 22
+expect 2 'there is no subcommand "stat"; did you mean "start"?' service stat
+expect 2 'there is no subcommand "shw"; did you mean "show"?' store shw
+expect 2 'use @FILE or @-' --simulate exec 9 '{powerEventType:18}'
+expect 2 'use @FILE or @-' validate "'{\"powerEventType\":18}'"
+expect 2 'use one of the three' --simulate --private-store exec 22
+expect 2 'use one of the three' --simulate --store "$work" exec 22
+expect 0 'starting point: ' explain resume
 expect 2 'at most 64 characters' --dll "$module" --private-store exec 22 --caller "$(printf '%065d' 1)"
 expect 2 'subscriptions remove, pins, trust, validate, explain and doctor use it' \
   --private-store store show

@@ -67,7 +67,7 @@ def check_outputs():
             "pin": (1, "pin", program),
             "pins": (0, "pins"),
             "history": (0, "history", "history/service.log"),
-            "explain-resume": (0, "explain-resume"),
+            "explain-resume": (0, "explain", "resume"),
             "service-status": (1, "service", "status", "--name", "VxNone"),
             "error": (2, "exec", "22", "--dll", "missing.dll"),
     }.items():

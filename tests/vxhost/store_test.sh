@@ -37,6 +37,7 @@ kept 2 'there is no file' store show
 kept 2 'there is no file' explain --all
 kept 2 'there is no file' store backup "$work/nothing"
 kept 1 'not removed' subscriptions remove 1
+kept 0 'registration state: unknown' explain resume
 [ -z "$(ls -A "$store")" ] || fail "a command that only looks makes: $(ls -A "$store")"
 
 part subscriptions

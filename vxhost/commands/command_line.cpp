@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "hosting/text.h"
+#include "hosting/windows_error.h"
 #include "platform/windows_runtime_error.h"
 #include "vxhost/service/service_manager.h"
 
@@ -133,6 +134,9 @@ int CommandLine::Execute(std::vector<std::string> arguments) {
     ChooseStore();
     const int code = run(console);
     return console.LostOutput() ? Fail(kLostOutput, 0) : code;
+  } catch (const WindowsError& error) {
+    // Its text is for people. It depends on the language of Windows.
+    return Fail(error.what() + (json ? "" : ": " + ErrorText(error.Code())), 0);
   } catch (const Platform::WindowsRuntimeError& error) {
     return Fail(Utf8(error.message()), error.code());
   } catch (const std::exception& error) {
@@ -152,14 +156,21 @@ int CommandLine::Fail(const std::string& why, std::int32_t result) const {
 
 // Without this, the parser would only report that a subcommand is missing.
 void CommandLine::RefuseUnknownSubcommand(const std::vector<std::string>& arguments) const {
-  if (arguments.empty() || arguments.front().rfind('-', 0) == 0) return;
-  const std::string& name = arguments.front();
-  const auto known =
-      app.get_subcommands([&name](const CLI::App* command) { return command->get_name() == name; });
-  if (!known.empty()) return;
-  std::vector<std::string> names;
-  for (const CLI::App* command : app.get_subcommands({})) names.push_back(command->get_name());
-  throw CLI::ValidationError("there is no subcommand \"" + name + "\"" + DidYouMean(name, names));
+  const CLI::App* parent = &app;
+  for (const std::string& name : arguments) {
+    std::vector<std::string> names;
+    const CLI::App* known = nullptr;
+    for (const CLI::App* command : parent->get_subcommands({})) {
+      names.push_back(command->get_name());
+      if (names.back() == name) known = command;
+    }
+    if (names.empty() || name.starts_with('-')) return;
+    if (known == nullptr) {
+      throw CLI::ValidationError("there is no subcommand \"" + name + "\"" +
+                                 DidYouMean(name, names));
+    }
+    parent = known;
+  }
 }
 
 void CommandLine::RefuseUselessOptions() const {
@@ -174,10 +185,13 @@ void CommandLine::RefuseUselessOptions() const {
 
 // The module and the code linked into vxhost find the store through this variable.
 void CommandLine::ChooseStore() const {
-  if (module.store.empty()) return;
-  if (module.privateStore || module.simulate) {
-    throw std::runtime_error("--store excludes --private-store and --simulate");
+  if (int{module.privateStore} + int{module.simulate} + int{!module.store.empty()} > 1) {
+    throw std::runtime_error(
+        "--simulate and --private-store each bring a store that goes with the run, and --store "
+        "names "
+        "one that stays: use one of the three");
   }
+  if (module.store.empty()) return;
   const std::wstring folder = FullPath(module.store);
   const DWORD attributes = GetFileAttributesW(folder.c_str());
   if (attributes == INVALID_FILE_ATTRIBUTES || (attributes & FILE_ATTRIBUTE_DIRECTORY) == 0) {

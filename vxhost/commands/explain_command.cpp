@@ -2,12 +2,17 @@
 
 #include <charconv>
 #include <memory>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <string_view>
 
+#include "companion/qubo_facade.h"
+#include "companion/resume_decision.h"
 #include "hosting/text.h"
 #include "json/json_text.h"
+#include "storage/cap_data_store.h"
+#include "vxhost/play/private_store.h"
 #include "vxhost/store/store_look.h"
 #include "vxhost/subscriptions/explanation.h"
 #include "vxhost/subscriptions/module_pins.h"
@@ -59,7 +64,7 @@ Occasion OccasionOf(const Options& options) {
     }
   }
   throw std::runtime_error("there is no event " + options.kind +
-                           DidYouMean(options.kind, {"power", "platform", "uninstall"}));
+                           DidYouMean(options.kind, {"power", "platform", "uninstall", "resume"}));
 }
 
 std::string VerdictOf(const Explanation& one) {
@@ -101,9 +106,33 @@ JsonRow AsJson(const Explanation& one) {
   return row;
 }
 
+// Explains whether a resume would launch the companion app.
+int ExplainResume(Console& console) {
+  using Tessel::Server::Services::Orvane::Qubo::Explain;
+  using Tessel::Server::Services::Orvane::Qubo::QuboFacade;
+  using Tessel::Server::Storage::CapDataStore;
+  using Tessel::Server::Storage::StoreState;
+  // The module's store makes its folders even to read.
+  std::optional<PrivateStore> none;
+  if (LookAtFile(CapDataStore::PathOfFile()).reading.state == StoreState::Missing) none.emplace();
+  std::vector<std::string> lines;
+  for (const std::wstring& line : Explain(QuboFacade().ExplainResume())) {
+    lines.push_back(Utf8(line));
+  }
+  if (console.WritesJson()) {
+    console.JsonResult({{L"rules", lines}});
+    return kDone;
+  }
+  for (const std::string& line : lines) console.Line(line);
+  return kDone;
+}
+
 int RunExplain(const ModuleOptions& module, const Options& options, Console& console) {
   module.RequireRealMachine(
       "explain judges on this machine and with its store, or that of --store");
+  if (options.kind == "resume" && options.which.empty() && !options.all) {
+    return ExplainResume(console);
+  }
   const Occasion occasion = OccasionOf(options);
   const auto subscriptions = SubscriptionsIn(DocumentOf(LookAtStore(options.limits)));
   const ModulePins pins(module.Path());
@@ -129,6 +158,7 @@ constexpr char kFooter[] =
     "the console session's winlogon.exe, as the service may.\n"
     "  vxhost explain power 18\n"
     "  vxhost explain uninstall Maker.App_abcdefgh12345\n"
+    "  vxhost explain resume\n"
     "  vxhost explain --all --json";
 
 }  // namespace
@@ -136,9 +166,12 @@ constexpr char kFooter[] =
 void AddExplainCommand(CommandLine& line) {
   const auto options = std::make_shared<Options>();
   CLI::App& explain = line.Add(
-      "explain", "explain what an event would lead to, for each stored subscription", kFooter,
+      "explain",
+      "explain what an event would lead to for each stored subscription, or a resume for the\n"
+      "companion app",
+      kFooter,
       [&line, options](Console& console) { return RunExplain(line.Module(), *options, console); });
-  explain.add_option("kind", options->kind, "power, platform or uninstall");
+  explain.add_option("kind", options->kind, "power, platform, uninstall or resume");
   explain.add_option("event", options->which, "its code, or the family of the package");
   explain.add_flag("--all", options->all, "each subscription at its own event");
   CommandLine::AddTimeout(explain, options->limits);

@@ -57,7 +57,6 @@ int main() {
     AddValidateCommand(line);
     AddExplainCommand(line);
     AddHistoryCommand(line);
-    AddResumeCommand(line);
     AddDoctorCommand(line);
     return line.Execute(Arguments());
   } catch (const std::exception& error) {

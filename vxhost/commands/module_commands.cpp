@@ -231,7 +231,7 @@ constexpr char kExecFooter[] =
     "if\n"
     "it stored a subscription that never runs.\n"
     "  vxhost exec 22\n"
-    "  vxhost --private-store exec 9 @subscription.json";
+    "  vxhost exec 9 @subscription.json --service";
 constexpr char kScenarioFooter[] =
     "vxhost --dll, --private-store and --simulate choose the module and its store.\n"
     "A scenario is a JSON file of steps; see the samples, and docs/vxhost.md for every part.\n"

@@ -14,6 +14,7 @@
 #include <windows.h>
 
 #include "hosting/text.h"
+#include "hosting/windows_error.h"
 #include "servicehost/guarded_folder.h"
 #include "servicehost/host_loop.h"
 #include "servicehost/log_folder.h"
@@ -213,7 +214,9 @@ int Status(const std::string& name, Console& console) {
     row.Add({L"development", report->options.development});
     row.Add({L"pipe", ServiceHost::PipePath(wide)});
     if (report->process != 0) text += ", process " + std::to_string(report->process);
-    if (report->exitCode != 0) text += ", error " + std::to_string(report->exitCode);
+    if (report->exitCode != 0) {
+      text += ", error " + std::to_string(report->exitCode) + ": " + ErrorText(report->exitCode);
+    }
     text += "\n  start:   " + start + "\n  account: " + Utf8(report->account) +
             "\n  image:   " + Utf8(report->image) + "\n  module:  " + Utf8(report->options.module) +
             "\n  pipe:    " + Utf8(ServiceHost::PipePath(wide));

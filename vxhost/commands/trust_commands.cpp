@@ -13,7 +13,6 @@
 
 #include <windows.h>
 
-#include "companion/qubo_facade.h"
 #include "hosting/text.h"
 #include "json/json_text.h"
 #include "platform/clock.h"
@@ -41,7 +40,6 @@ constexpr char kPinFooter[] =
     "FILE\n"
     "becomes UTF-8, as the build wants it, also where Windows PowerShell made it UTF-16.\n"
     "  vxhost pin Signed.exe --append restricted.txt";
-constexpr char kResumeFooter[] = "  vxhost explain-resume";
 
 struct Options {
   std::string file;
@@ -194,21 +192,6 @@ int Pin(const Options& options, Console& console) {
   return kNotMet;
 }
 
-int ExplainResume(Console& console) {
-  using Tessel::Server::Services::Orvane::Qubo::Explain;
-  using Tessel::Server::Services::Orvane::Qubo::QuboFacade;
-  std::vector<std::string> lines;
-  for (const std::wstring& line : Explain(QuboFacade().ExplainResume())) {
-    lines.push_back(Utf8(line));
-  }
-  if (console.WritesJson()) {
-    console.JsonResult({{L"rules", lines}});
-    return kDone;
-  }
-  for (const std::string& line : lines) console.Line(line);
-  return kDone;
-}
-
 }  // namespace
 
 void AddTrustCommands(CommandLine& line) {
@@ -235,12 +218,6 @@ void AddTrustCommands(CommandLine& line) {
   pin.add_option("file", options->file, "the file")->required();
   pin.add_option("--append", options->append, "the file of pinned keys to add them to");
   line.OfferJson(pin);
-}
-
-void AddResumeCommand(CommandLine& line) {
-  line.OfferJson(line.Add("explain-resume",
-                          "explain whether a resume would launch the companion app, and why",
-                          kResumeFooter, &ExplainResume));
 }
 
 }  // namespace Vx::Hosting::Tool

@@ -7,7 +7,4 @@ namespace Vx::Hosting::Tool {
 // Adds pins, trust and pin.
 void AddTrustCommands(CommandLine& line);
 
-// Adds explain-resume.
-void AddResumeCommand(CommandLine& line);
-
 }  // namespace Vx::Hosting::Tool

@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <chrono>
 #include <deque>
-#include <filesystem>
 #include <optional>
 #include <stdexcept>
 #include <utility>
@@ -16,6 +15,7 @@
 #include "platform/machine.h"
 #include "service/orvane_service.h"
 #include "simulator/simulated_machine.h"
+#include "vxhost/play/private_store.h"
 
 namespace Vx::Hosting::Tool {
 
@@ -30,30 +30,6 @@ constexpr std::chrono::seconds kPatience{30};
 // How long tasks that outlive a service may still wait in virtual time. Exceeds any subscription's
 // delay and any length in a scenario.
 constexpr std::chrono::hours kLongestTask{24 * 500};
-
-// A folder that replaces the machine's for one run's stored values. Removed at the end.
-class PrivateStore {
- public:
-  PrivateStore()
-      : folder(std::filesystem::temp_directory_path() /
-               (L"vxhost-" + std::to_wstring(GetCurrentProcessId()))) {
-    std::filesystem::create_directories(folder);
-    SetEnvironmentVariableW(L"ProgramData", folder.wstring().c_str());
-  }
-  PrivateStore(const PrivateStore&) = delete;
-  PrivateStore& operator=(const PrivateStore&) = delete;
-  ~PrivateStore() {
-    std::error_code ignored;  // the module creates only these
-    for (const wchar_t* name :
-         {L"Vx\\SharedServices\\shared_store.dat", L"Vx\\SharedServices", L"Vx"}) {
-      std::filesystem::remove(folder / name, ignored);
-    }
-    std::filesystem::remove(folder, ignored);
-  }
-
- private:
-  std::filesystem::path folder;
-};
 
 // The real module and its service. Log lines are shown and recorded immediately, so that they
 // precede their command's result.

@@ -6,6 +6,7 @@
 #include <windows.h>
 
 #include "hosting/text.h"
+#include "hosting/windows_error.h"
 #include "servicehost/pipe_io.h"
 #include "servicehost/pipe_server.h"
 #include "vxhost/service/service_manager.h"
@@ -41,8 +42,8 @@ PipeClient::PipeClient(const std::wstring& path, std::uint32_t service,
     // A service that has just started may not have opened it yet.
     const bool soon = error == ERROR_PIPE_BUSY || error == ERROR_FILE_NOT_FOUND;
     if (!soon || now >= end) {
-      throw std::runtime_error("cannot open " + Utf8(path) + " (error " + std::to_string(error) +
-                               "); is the service running, and may this account use it?");
+      throw WindowsError("cannot open " + Utf8(path), error,
+                         "; is the service running, and may this account use it?");
     }
     if (WaitNamedPipeW(path.c_str(), static_cast<DWORD>(end - now)) == FALSE) Sleep(kPause);
   }

@@ -14,6 +14,7 @@
 #include <shellapi.h>
 
 #include "hosting/text.h"
+#include "hosting/windows_error.h"
 #include "platform/unique_handle.h"
 #include "servicehost/event_log.h"
 
@@ -55,16 +56,14 @@ std::string AdviceFor(DWORD error) {
 }
 
 [[noreturn]] void Refused(const std::string& what, const std::wstring& name, DWORD error) {
-  throw std::runtime_error("cannot " + what + " the service " + Utf8(name) + " (error " +
-                           std::to_string(error) + ")" + AdviceFor(error));
+  throw WindowsError("cannot " + what + " the service " + Utf8(name), error, AdviceFor(error));
 }
 
 UniqueServiceHandle OpenManager(DWORD access) {
   UniqueServiceHandle manager(OpenSCManagerW(nullptr, nullptr, access));
   if (manager == nullptr) {
     const DWORD error = GetLastError();
-    throw std::runtime_error("cannot reach the service manager (error " + std::to_string(error) +
-                             ")" + AdviceFor(error));
+    throw WindowsError("cannot reach the service manager", error, AdviceFor(error));
   }
   return manager;
 }
@@ -217,8 +216,8 @@ void ServiceManager::Start(const std::wstring& name) {
   const auto status =
       AwaitWhile(service, name, [](DWORD state) { return state == SERVICE_START_PENDING; });
   if (status.dwCurrentState != SERVICE_RUNNING) {
-    throw std::runtime_error("the service " + Utf8(name) + " ended while it started (error " +
-                             std::to_string(status.dwWin32ExitCode) + "); see its log");
+    throw WindowsError("the service " + Utf8(name) + " ended while it started",
+                       status.dwWin32ExitCode, "; see its log");
   }
 }
 

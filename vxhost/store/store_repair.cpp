@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "hosting/text.h"
+#include "hosting/windows_error.h"
 #include "platform/clock.h"
 #include "platform/file_handle.h"
 #include "platform/files.h"
@@ -66,7 +67,7 @@ Platform::Files& Files() {
 }
 
 [[noreturn]] void Fail(const std::string& what, Platform::ErrorCode error) {
-  throw std::runtime_error(what + ", error " + std::to_string(error));
+  throw WindowsError(what, error);
 }
 
 // Writes a new file with the same access rights as `accessLike`.

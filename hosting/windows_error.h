@@ -1,0 +1,26 @@
+#pragma once
+
+#include <cstdint>
+#include <stdexcept>
+#include <string>
+
+namespace Vx::Hosting {
+
+// An error of Windows, whose number `what` ends with. The number is for every reader. Windows' text
+// for it depends on its language, so that only people are shown it.
+class WindowsError : public std::runtime_error {
+ public:
+  // The message is "WHAT (error N)", followed by `advice`.
+  WindowsError(const std::string& what, std::uint32_t error, const std::string& advice = {})
+      : std::runtime_error(what + " (error " + std::to_string(error) + ")" + advice), code(error) {}
+
+  std::uint32_t Code() const { return code; }
+
+ private:
+  std::uint32_t code;
+};
+
+// Returns Windows' text for an error, such as "Access denied".
+std::string ErrorText(std::uint32_t error);
+
+}  // namespace Vx::Hosting
