@@ -35,6 +35,8 @@ kept 0 '(none is stored)' subscriptions
 kept 1 'there is no file' store verify
 kept 2 'there is no file' store show
 kept 2 'there is no file' explain --all
+run_at "$store" > "$work/output" 2>&1 && grep -q 'subscriptions   none' "$work/output" ||
+  fail 'vxhost alone:' "$work/output"
 kept 2 'there is no file' store backup "$work/nothing"
 kept 1 'not removed' subscriptions remove 1
 kept 0 'registration state: unknown' explain resume

@@ -45,10 +45,10 @@ std::string Joined(const std::vector<const CLI::App*>& commands) {
 
 }  // namespace
 
-CommandLine::CommandLine() : app(kAbout, "vxhost") {
+CommandLine::CommandLine(Run alone) : app(kAbout, "vxhost"), run(std::move(alone)) {
   app.footer(kFooter);
   app.set_version_flag("--version", kVersion);
-  app.require_subcommand(1);
+  app.require_subcommand(0, 1);
   app.fallthrough();
   app.allow_windows_style_options(false);  // a path may start with a slash
   moduleOptions.options = {
@@ -187,9 +187,8 @@ void CommandLine::RefuseUselessOptions() const {
 void CommandLine::ChooseStore() const {
   if (int{module.privateStore} + int{module.simulate} + int{!module.store.empty()} > 1) {
     throw std::runtime_error(
-        "--simulate and --private-store each bring a store that goes with the run, and --store "
-        "names "
-        "one that stays: use one of the three");
+        "use one of the three: --simulate and --private-store bring a store that goes with the "
+        "run, and --store names one that stays");
   }
   if (module.store.empty()) return;
   const std::wstring folder = FullPath(module.store);

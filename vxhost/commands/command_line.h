@@ -22,7 +22,8 @@ class CommandLine {
   // Returns an ExitCode. Throws std::exception for an error that the user must correct.
   using Run = std::function<int(Console&)>;
 
-  CommandLine();
+  // `alone` runs if the command line names no subcommand.
+  explicit CommandLine(Run alone);
 
   // Add a subcommand to the tool, or to `parent`. `footer` is printed below its help.
   CLI::App& Add(const char* name, const char* about, const char* footer, Run run);

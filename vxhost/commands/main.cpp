@@ -14,6 +14,7 @@
 #include "vxhost/commands/explain_command.h"
 #include "vxhost/commands/history_command.h"
 #include "vxhost/commands/module_commands.h"
+#include "vxhost/commands/overview.h"
 #include "vxhost/commands/service_command.h"
 #include "vxhost/commands/store_commands.h"
 #include "vxhost/commands/subscription_commands.h"
@@ -46,7 +47,7 @@ int main() {
   try {
     RefusePinnedSignature(Vx::Hosting::OwnPath(), Vx::Tessel::Security::BuiltGeneralKeys(),
                           Vx::Tessel::Security::BuiltRestrictedKeys());
-    CommandLine line;
+    CommandLine line(&Overview);
     // In the order of the help.
     AddModuleCommands(line);
     AddServiceCommands(line);

@@ -1,0 +1,63 @@
+#include "vxhost/commands/overview.h"
+
+#include <chrono>
+#include <exception>
+#include <functional>
+#include <string>
+
+#include <windows.h>
+
+#include "hosting/text.h"
+#include "vxhost/service/service_manager.h"
+#include "vxhost/store/store_look.h"
+#include "vxhost/subscriptions/stored_subscriptions.h"
+
+namespace Vx::Hosting::Tool {
+
+namespace {
+
+constexpr HoldLimits kNoWait{.notice = std::chrono::seconds(2), .timeout = std::chrono::seconds(1)};
+
+constexpr const char* kNext[] = {
+    "vxhost doctor           what this machine lacks, and how to mend it",
+    "vxhost history C:\\Logs  what became of each delivery, from the log of the service",
+    "vxhost subscriptions    what is stored, and why some of it never runs",
+    "vxhost --help           every subcommand",
+};
+
+std::string ServiceState() {
+  const auto report = ServiceManager().Query(Wide(kDefaultServiceName));
+  if (!report) return "not installed";
+  return report->state == SERVICE_RUNNING ? "running, process " + std::to_string(report->process)
+                                          : "installed, but not running";
+}
+
+std::string StoreState() {
+  return DiagnoseWithLists(LookAtStore(kNoWait)).text;
+}
+
+std::string Subscriptions() {
+  const StoreLook look = LookAtStore(kNoWait);
+  if (look.reading.state == Tessel::Server::Storage::StoreState::Missing) return "none";
+  return std::to_string(SubscriptionsIn(DocumentOf(look)).size()) + " stored";
+}
+
+}  // namespace
+
+int Overview(Console& console) {
+  const auto line = [&console](const char* what, const std::function<std::string()>& state) {
+    try {
+      console.Line(Cell(what, 16) + state());
+    } catch (const std::exception& error) {
+      console.Line(Cell(what, 16) + "not known: " + error.what());
+    }
+  };
+  line("service", &ServiceState);
+  line("store", &StoreState);
+  line("subscriptions", &Subscriptions);
+  console.Line("");
+  for (const char* next : kNext) console.Line(next);
+  return kDone;
+}
+
+}  // namespace Vx::Hosting::Tool
