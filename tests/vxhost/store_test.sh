@@ -48,7 +48,7 @@ module 1 'not added: ' subscriptions add --power 18 --send f --app-service s --d
   --trigger '{01234567-89ab-cdef-0123-456789abcde5}'
 module 1 'never runs: commandParams.path: ' subscriptions add --platform 1 --run 'C:\Missing.exe'
 module 0 '"added":true' subscriptions add --platform 1 --run 'C:\Missing.exe' --force --json
-kept 0 'never runs: commandParams.path: ' subscriptions list
+kept 0 'would be refused: ' subscriptions list
 kept 0 '"number":2,"hash":' subscriptions --json
 module 0 'removed: ' subscriptions remove 2
 module 0 'removed: ' subscriptions remove 1

@@ -28,13 +28,6 @@ struct Options {
   HoldLimits limits;
 };
 
-const wchar_t* NameOf(Fate fate) {
-  // In the order of the enumeration.
-  static constexpr const wchar_t* kNames[] = {L"run", L"dropped", L"refused", L"never",
-                                              L"other event"};
-  return kNames[static_cast<std::size_t>(fate)];
-}
-
 std::uint32_t CodeOf(const std::string& written) {
   std::string_view text = written;
   const bool hexadecimal = text.starts_with("0x");
@@ -67,29 +60,12 @@ Occasion OccasionOf(const Options& options) {
                            DidYouMean(options.kind, {"power", "platform", "uninstall", "resume"}));
 }
 
-std::string VerdictOf(const Explanation& one) {
-  switch (one.fate) {
-    case Fate::Runs:
-      return one.wait == 0 ? "would run" : "would wait " + std::to_string(one.wait) + " s and run";
-    case Fate::Dropped:
-      return "would be dropped";
-    case Fate::Refused:
-      return one.wait == 0 ? "refused"
-                           : "would wait " + std::to_string(one.wait) + " s and be refused";
-    case Fate::Never:
-      return "never";
-    case Fate::OtherEvent:
-      return "not concerned";
-  }
-  return {};
-}
-
 void Print(const Explanation& one, Console& console) {
   const std::string number = std::to_string(one.subscription.number);
   const std::string hash =
       one.subscription.hash.empty() ? std::string(8, '-') : Utf8(one.subscription.hash);
   std::string line = std::string(number.size() < 4 ? 4 - number.size() : 0, ' ') + number + "  " +
-                     hash + "  " + VerdictOf(one);
+                     hash + "  " + FateText(one);
   if (!one.action.empty()) line += ": " + Utf8(one.action);
   console.Line(line);
   for (const std::wstring& reason : one.reasons) {

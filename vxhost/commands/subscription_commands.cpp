@@ -60,6 +60,7 @@ JsonRow AsJson(const Explanation& one) {
   row.Add({L"delay", one.delay});
   row.Add({L"action", one.action});
   row.Add({L"valid", one.fate == Fate::Runs});
+  row.Add({L"verdict", NameOf(one.fate)});
   row.Add({L"reasons", one.reasons});
   row.Add({L"text", one.subscription.text.value_or(L"")});
   return row;
@@ -80,7 +81,7 @@ int List(const ModuleOptions& module, const HoldLimits& limits, Console& console
     }
     console.Line(Row(one));
     for (const std::wstring& reason : one.reasons) {
-      console.Line(std::string(16, ' ') + "never runs: " + Utf8(reason));
+      console.Line(std::string(16, ' ') + FateText(one) + ": " + Utf8(reason));
     }
   }
   return kDone;

@@ -159,6 +159,30 @@ class Explainer {
 
 }  // namespace
 
+const wchar_t* NameOf(Fate fate) {
+  // In the order of the enumeration.
+  static constexpr const wchar_t* kNames[] = {L"run", L"dropped", L"refused", L"never",
+                                              L"other event"};
+  return kNames[static_cast<std::size_t>(fate)];
+}
+
+std::string FateText(const Explanation& one) {
+  switch (one.fate) {
+    case Fate::Runs:
+      return one.wait == 0 ? "would run" : "would wait " + std::to_string(one.wait) + " s and run";
+    case Fate::Dropped:
+      return "would be dropped";
+    case Fate::Refused:
+      return one.wait == 0 ? "would be refused"
+                           : "would wait " + std::to_string(one.wait) + " s and be refused";
+    case Fate::Never:
+      return "never runs";
+    case Fate::OtherEvent:
+      return "not concerned";
+  }
+  return {};
+}
+
 std::vector<Explanation> Explain(const std::vector<StoredSubscription>& subscriptions,
                                  const Occasion& occasion, Tessel::Security::KeySet keys) {
   std::vector<Explanation> all;

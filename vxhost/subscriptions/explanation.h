@@ -35,6 +35,10 @@ struct Explanation {
   std::vector<std::wstring> reasons;  // for a fate other than Runs
 };
 
+// Returns the fate as a word for programs, and as text such as "would wait 5 s and run".
+const wchar_t* NameOf(Fate fate);
+std::string FateText(const Explanation& one);
+
 // Applies the module's own readers and rules to each subscription, in order, with `keys` as the
 // restricted keys. Only opens programs for reading. Blocks for as long as the trust checks take.
 std::vector<Explanation> Explain(const std::vector<StoredSubscription>& subscriptions,
