@@ -4,6 +4,7 @@
 #include <chrono>
 #include <cstdint>
 #include <iterator>
+#include <map>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -195,6 +196,23 @@ struct EventOptions {
   int seconds = 5;
 };
 
+// Notes the deliveries that still wait and that the end of this run drops.
+void NoteWaiting(const std::vector<RecordEntry>& entries, Console& console) {
+  std::map<std::uint64_t, std::uint64_t> waiting;  // a delivery's delay in milliseconds
+  for (const RecordEntry& entry : entries) {
+    if (!entry.log.record || entry.log.record->delivery == 0) continue;
+    const DecisionRecord& record = *entry.log.record;
+    waiting.erase(record.delivery);
+    if (record.decision == L"waiting") waiting[record.delivery] = record.milliseconds;
+  }
+  if (waiting.empty()) return;
+  const auto longest =
+      std::ranges::max_element(waiting, {}, [](const auto& one) { return one.second; });
+  console.Note(std::to_string(waiting.size()) + " deliveries still wait, for up to " +
+               std::to_string(longest->second / 1000) +
+               " s, and do not happen: wait longer with --seconds");
+}
+
 int Events(const ModuleOptions& module, const EventOptions& options, Console& console) {
   if (options.power.empty() && options.sessions.empty()) {
     throw std::runtime_error("no event to send: name some with --power or --session");
@@ -219,7 +237,9 @@ int Events(const ModuleOptions& module, const EventOptions& options, Console& co
   } else {
     Sleep(static_cast<DWORD>(options.seconds) * 1000);
   }
-  if (console.WritesJson()) console.JsonResult(EventsJson(context.record.Entries()));
+  const auto entries = context.record.Entries();
+  NoteWaiting(entries, console);
+  if (console.WritesJson()) console.JsonResult(EventsJson(entries));
   return kDone;
 }
 
