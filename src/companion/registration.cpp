@@ -109,19 +109,23 @@ bool TakeRights(Copy& copy, Platform::OneLogon& user) {
 // Copies on a separate thread, because the user can delay each access to their files indefinitely,
 // for instance with an opportunistic lock. Cancels a copy that takes too long. While its thread
 // still hangs, later copies cancel it again and fail, so that one user cannot fill the process with
-// threads. So do those that waited for another as long as a copy may take.
+// threads. So do those that wait for their turn as long as a copy may take.
 bool AwaitCopy(const CopyPtr& copy) noexcept try {
   static std::mutex turn;
   static CopyPtr hanging;
   static auto& worker = *new Platform::Thread();  // that of `hanging`; never destroyed
-  const std::lock_guard guard(turn);
-  const std::uint64_t waited = Platform::CurrentMachine().clock->TickCount() - copy->asked;
-  if (hanging != nullptr && hanging->ended) {
+  Platform::Clock& clock = *Platform::CurrentMachine().clock;
+  std::unique_lock guard(turn, std::defer_lock);
+  while (std::chrono::milliseconds(clock.TickCount() - copy->asked) < kLongestCopy &&
+         !guard.try_lock()) {
+    clock.Sleep(kPause);
+  }
+  if (guard && hanging != nullptr && hanging->ended) {
     worker.Join();
     hanging = nullptr;
   }
-  if (hanging != nullptr) worker.CancelIo();
-  if (hanging != nullptr || std::chrono::milliseconds(waited) >= kLongestCopy) {
+  if (guard && hanging != nullptr) worker.CancelIo();
+  if (!guard || hanging != nullptr) {
     copy->logger.For(copy->caller.c_str()).LogWarning(kStuck);
     return false;
   }
