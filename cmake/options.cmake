@@ -15,7 +15,7 @@ if(WIN32)
   # Both compile and link need the protector: the link brings its runtime.
   target_compile_options(vx_options INTERFACE -fstack-protector-strong)
   target_link_options(vx_options INTERFACE -fstack-protector-strong
-    -Wl,--dynamicbase,--nxcompat,--high-entropy-va,--no-insert-timestamp)
+    -Wl,--dynamicbase,--nxcompat,--high-entropy-va,--no-insert-timestamp,--build-id)
 endif()
 
 # Paths of the build machine stay out of the binaries, so that two checkouts build the same bytes.
@@ -78,6 +78,13 @@ function(vx_version file type description)
   string(REPLACE "." "," version_numbers ${PROJECT_VERSION})
   cmake_path(GET file STEM name)
   configure_file(${PROJECT_SOURCE_DIR}/cmake/version.rc.in version.rc @ONLY)
+endfunction()
+
+# Writes the function names of a program that is delivered to a PDB beside it. Crash dumps name the PDB, and debuggers
+# find it, by the build id: a hash of the file's content, so that the same build has the same one in any folder.
+function(vx_pdb target)
+  target_link_options(${target} PRIVATE
+    -Wl,--pdb=$<TARGET_FILE_DIR:${target}>/$<TARGET_FILE_BASE_NAME:${target}>.pdb)
 endfunction()
 
 # vx_library(NAME [PORTABLE SOURCES...] [WINDOWS SOURCES...] [LIBS...]): a static library; in src, one for

@@ -41,6 +41,9 @@ for text in "$version" 'Vexmoor Inc.' FileVersion ProductVersion OrvaneService.d
   tr -d '\000' <"$dll" | grep -aqF "$text" || fail "no \"$text\" in the version resource"
 done
 
+# A crash dump names the symbols of exactly this build.
+echo "$headers" | grep -q 'RSDS signature [0-9a-f]\{32\} .*pdb OrvaneService.pdb' || fail 'names no symbols'
+
 if [ "$config" = Release ]; then
   "$objdump" -t "$dll" 2>&1 | grep -q 'no symbols' || fail "is not stripped"
   size=$(wc -c <"$dll")
