@@ -1,7 +1,8 @@
 #!/bin/sh
 # history_test.sh FOLDER VXHOST EMULATOR...: reads every log of FOLDER and compares the rows with the
 # transcript beside it. service.log was written by a running service and watch.json by "watch --json", which
-# shows no records. rare.log holds records that need events of a real machine, a restart or a later version.
+# shows no records. rare.log holds records that need events of a real machine, a restart or a later version. In
+# quiet.log nothing is delivered.
 # RECORD=1 writes the transcripts instead.
 set -u
 folder=$1 vxhost=$2
@@ -10,19 +11,55 @@ shift 2
 store=$work/store
 mkdir "$store"
 for log in "$folder"/*.log "$folder"/*.json; do
-  exits 0 run --store "$store" history "$log"
+  exits 0 run --store "$store" history "$log" --utc --until 2026-11-26T10:00:00Z
   same "${log%.*}.txt" "$work/output"
 done
 
 # Windows PowerShell saves what is redirected as UTF-16.
 iconv -f UTF-8 -t UTF-16 "$folder/service.log" > "$work/service.log"
-exits 0 run --store "$store" history "$work/service.log"
+exits 0 run --store "$store" history "$work/service.log" --utc
 cmp -s "$folder/service.txt" "$work/output" || fail "history does not read UTF-16:" "$work/output"
 
 # Every failed delivery, and nothing else, of one subscription since a time.
 expect 0 '"decision":"not sent","failed":true' --store "$store" history "$folder/service.log" --failed --json \
-  --subscription "$(awk '/not sent/ { print $4; exit }' "$folder/service.txt")" --since 2026-11-26T05:38:30
+  --subscription "$(awk '/not sent/ { print $4; exit }' "$folder/service.txt")" --since 2026-11-26T05:38:30Z
 [ "$(wc -l < "$work/output")" = 1 ] || fail "the filters of history leave:" "$work/output"
+
+# Why nothing is delivered: the last line, with the arguments that follow it.
+quiet() {
+  why=$1
+  shift
+  exits 0 run --store "$store" history "$folder/quiet.log" --utc "$@"
+  [ "$(tail -n 1 "$work/output")" = "Nothing was delivered: $why" ] ||
+    fail "history $* does not end with \"$why\", but:" "$work/output"
+}
+day=2026-11-26T
+quiet "the service did not run from ${day}06:20:00.000Z to ${day}07:59:59.900Z; no power event came in that time" \
+  --since ${day}06:15Z --until ${day}08:15Z
+quiet "the subscription was stored later, at ${day}09:00:00.000Z, than the last event, power 10 at ${day}08:30:00.000Z" \
+  --since ${day}08:00Z --until ${day}09:05Z --program LATE
+quiet "nothing waited for the last event, power 18 at ${day}06:00:00.000Z: vxhost explain power 18" \
+  --since ${day}05:00Z --until ${day}06:05Z --subscription aaaaaaaa
+grep -q 'accepted: client ann (Tool.exe)' "$work/output" || fail 'the row lacks its program:' "$work/output"
+
+# Times are local, unless they name a zone. The log of a day has an event at its beginning and one at noon.
+india() { (export TZ='<+0530>-5:30' && run "$@"); }
+for day in 'today' 'yesterday'; do
+  for time in '00:00' '12:00'; do
+    sed "s/\"time\":\"[^\"]*\"/\"time\":\"$(TZ=UTC date -d "TZ=\"<+0530>-5:30\" $day $time" +%FT%T.000Z)\"/;/power event 18/!d" \
+      "$folder/quiet.log"
+  done
+done > "$work/days.log"
+for case in 'yesterday:4' 'today:2' '12:00:1' '00:01:1' '--until yesterday:1'; do
+  since=${case%:*}
+  case $since in --until*) arguments=$since ;; *) arguments="--since $since" ;; esac
+  # shellcheck disable=SC2086 # an option and its value
+  exits 0 india --store "$store" history "$work/days.log" $arguments
+  count=$(grep -c '^....-..-..T[01][02]:00:00.000+05:30 power 18 .* received' "$work/output")
+  [ "$count" = "${case##*:}" ] || fail "history $arguments shows $count events:" "$work/output"
+done
+expect 2 '"soon" is not a time' history "$work/days.log" --since soon
+expect 2 'No such file or directory; name the log files' history "$work/none"
 expect 0 'ran: process 888' --store "$store" history "$folder/service.log" --timeline "Z:$work/page.html"
 for wanted in '"decision":"accepted","tone":"good","subscription":"0a4a3c1f"' '"what":"ended"' \
   '"decision":"refused","tone":"bad","why":"it was not signed with a pinned key'; do

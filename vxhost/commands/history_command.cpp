@@ -8,18 +8,24 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <iterator>
 #include <map>
 #include <memory>
+#include <optional>
 #include <sstream>
 #include <stdexcept>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include <windows.h>
+
 #include "hosting/text.h"
 #include "json/json_text.h"
 #include "platform/clock.h"
 #include "platform/machine.h"
+#include "records/record.h"
+#include "servicehost/guarded_folder.h"
 #include "servicehost/log_folder.h"
 #include "vxhost/log/history.h"
 #include "vxhost/log/timeline_page.h"
@@ -30,11 +36,16 @@ namespace Vx::Hosting::Tool {
 
 namespace {
 
+using namespace Tessel::Server::Records;
+
 struct Options {
   std::vector<std::string> files;
   bool failed = false;
+  bool utc = false;
   std::string since;
+  std::string until;
   std::string subscription;
+  std::string program;
   std::string timeline;
 };
 
@@ -42,39 +53,39 @@ struct Options {
 std::vector<std::filesystem::path> FilesOf(const std::string& argument) {
   const std::filesystem::path path = FullPath(argument);
   std::error_code error;
-  if (!std::filesystem::is_directory(path, error)) return {FullPathOfFile(argument)};
-  std::vector<std::filesystem::path> files;
-  for (const std::wstring& name : ServiceHost::LogFileNames(path.wstring()))
-    files.push_back(path / name);
-  if (files.empty()) throw std::runtime_error("there is no NAME-YYYYMMDD-NNNN.log in " + argument);
-  return files;
+  if (std::filesystem::is_regular_file(path, error)) return {path};
+  return LogFilesIn(path);
 }
 
-// The time from which rows count, for logs in UTC and in local time.
-struct Since {
-  std::int64_t utc = 0;
-  std::int64_t local = 0;
-
-  bool Includes(const std::wstring& time) const {
-    const auto moment = MomentOf(time);
-    return !moment || *moment >= (time.ends_with(L'Z') ? utc : local);
-  }
-};
-
-Since SinceOf(const std::string& text) {
-  if (text.empty()) return {};
-  if (const auto moment = MomentOf(Wide(text))) return {*moment, *moment};
+// Returns the moment that --since or --until names.
+std::int64_t MomentNamed(const std::string& text, std::int64_t now) {
+  constexpr std::int64_t kHalfDay = 43'200'000;
+  const auto dayOf = [](std::int64_t moment) { return TimeText(moment).substr(0, 10); };
+  const std::wstring today = dayOf(now);
+  if (text == "today") return *MomentOf(today);
+  if (text == "yesterday") return *MomentOf(dayOf(*MomentOf(today) - kHalfDay));
+  if (const auto moment = MomentOf(Wide(text))) return *moment;
   std::int64_t count = 0;
   const auto [unit, error] = std::from_chars(text.data(), text.data() + text.size(), count);
   const std::string_view rest(unit, static_cast<std::size_t>(text.data() + text.size() - unit));
+  if (error == std::errc() && count >= 0 && count < 24 && rest.size() >= 3 && rest[0] == ':') {
+    return MomentOf(today + L"T" + Wide(text)).value_or(now);
+  }
   const std::int64_t length = rest == "m" ? 60 : rest == "h" ? 3600 : rest == "d" ? 86'400 : 0;
   constexpr std::int64_t kMost = 100'000;
   if (error != std::errc() || length == 0 || count < 0 || count > kMost) {
-    throw std::runtime_error("--since needs a time such as 2026-11-25T11:30, or 30m, 2h or 3d");
+    throw std::runtime_error("\"" + text +
+                             "\" is not a time such as 2026-11-25T11:30, 08:00, yesterday or 2h");
   }
-  const std::int64_t before = count * length * 1000;
-  const auto since = [before](std::uint64_t now) { return *MomentOf(DateTimeText(now)) - before; };
-  return {since(Platform::CurrentMachine().clock->UtcFileTime()), since(LocalFileTime())};
+  return now - count * length * 1000;
+}
+
+// Returns what the options name. A timeline shows the last day unless told otherwise.
+Period PeriodOf(const Options& options, std::int64_t now) {
+  const std::string first = options.timeline.empty() ? "" : "1d";
+  const std::string& since = options.since.empty() ? first : options.since;
+  return {since.empty() ? 0 : MomentNamed(since, now),
+          options.until.empty() ? Period().end : MomentNamed(options.until, now)};
 }
 
 // Returns the stored subscriptions. Empty if the store cannot be read.
@@ -103,21 +114,20 @@ std::string Took(const HistoryRow& row) {
          std::to_string(*row.milliseconds % 1000 + 1000).substr(1) + " s";
 }
 
-void Print(const HistoryRow& row, Console& console) {
+void Print(const HistoryRow& row, Zone zone, Console& console) {
+  const std::wstring time = row.moment ? TimeText(*row.moment, zone) : row.time;
   const std::string detail = row.detail.empty() ? "" : ": " + Utf8(row.detail);
-  console.Line(Cell(Utf8(row.time), 25) + Cell(Utf8(row.event), 13) +
+  const std::string program = row.target.empty() ? "" : " (" + Utf8(ProgramOf(row.target)) + ")";
+  console.Line(Cell(Utf8(time), zone == Zone::Utc ? 25 : 30) + Cell(Utf8(row.event), 13) +
                Cell(row.subscription.empty() ? "--------" : Utf8(row.subscription), 10) +
-               Cell(Took(row), 11) + Utf8(NameOf(row.decision).text) + detail);
+               Cell(Took(row), 11) + Utf8(row.decision) + detail + program);
 }
 
 JsonRow AsJson(const HistoryRow& row) {
   std::vector<std::wstring> hashes;
   if (!row.subscription.empty()) hashes.push_back(row.subscription);
-  JsonRow result{{L"time", row.time},
-                 {L"event", row.event},
-                 {L"subscriptions", hashes},
-                 {L"decision", NameOf(row.decision).text},
-                 {L"failed", IsFailure(row.decision)},
+  JsonRow result{{L"time", row.time},     {L"event", row.event},       {L"subscriptions", hashes},
+                 {L"target", row.target}, {L"decision", row.decision}, {L"failed", row.failed},
                  {L"detail", row.detail}};
   if (row.startedProcess != 0) result.Add({L"process", row.startedProcess});
   if (row.milliseconds) result.Add({L"milliseconds", *row.milliseconds});
@@ -166,6 +176,8 @@ class LogRecord {
 // Passes each log line to `take`. Returns how many lines were not log lines.
 std::size_t ReadFile(const std::filesystem::path& path,
                      const std::function<void(const HistoryLine&)>& take) {
+  std::wstring service = path.filename().wstring();
+  service.resize(service.size() - ServiceHost::LogAge(service).size());
   std::ifstream file(path, std::ios::binary);
   if (!file) throw std::runtime_error("cannot read " + Utf8(path.wstring()));
   // A log line starts with a brace. A byte beyond ASCII is a mark: PowerShell saves as UTF-16.
@@ -175,7 +187,8 @@ std::size_t ReadFile(const std::filesystem::path& path,
   std::istream& lines = marked ? static_cast<std::istream&>(decoded) : file;
   std::size_t others = 0;
   for (std::string text; std::getline(lines, text);) {
-    if (const auto line = ParseHistoryLine(text)) {
+    if (auto line = ParseHistoryLine(text)) {
+      line->service = service;
       take(*line);
     } else if (text.find_first_not_of(" \t\r") != std::string::npos) {
       ++others;
@@ -189,29 +202,115 @@ constexpr char kNoRecords[] =
     "log, or "
     "a module with another logging library, or it is output of \"watch\")";
 
+// Chooses rows.
+class Filter {
+ public:
+  Filter(const Options& options, const std::vector<StoredSubscription>& stored)
+      : now(*MomentOf(DateTimeText(Platform::CurrentMachine().clock->UtcFileTime()) + L"Z")),
+        period(PeriodOf(options, now)),
+        hash(HashOf(options.subscription, stored)),
+        program(Lower(Wide(options.program))) {}
+
+  const Period& Within() const { return period; }
+  // The part of the period that is over.
+  Period SoFar() const { return {period.begin, std::min(period.end, now)}; }
+
+  // Returns whether the row is of the subscription and the program that were named, at any time.
+  bool IsOf(const HistoryRow& row) const {
+    return (hash.empty() || row.subscription == hash) &&
+           Lower(row.target).find(program) != std::wstring::npos;
+  }
+
+ private:
+  static std::wstring Lower(std::wstring text) {
+    CharLowerBuffW(text.data(), static_cast<DWORD>(text.size()));
+    return text;
+  }
+
+  std::int64_t now;
+  Period period;
+  std::wstring hash;
+  std::wstring program;
+};
+
+// A subscription that cannot be read fails at each event of any code: one row stands for all.
+std::vector<HistoryRow> Chosen(const std::vector<HistoryRow>& rows, const Filter& filter,
+                               bool failedOnly) {
+  std::vector<HistoryRow> chosen;
+  std::map<std::wstring, std::pair<std::size_t, std::size_t>> unreadable;  // row and count, by hash
+  for (const HistoryRow& row : rows) {
+    if ((failedOnly && !row.failed) || !filter.Within().Includes(row.moment)) continue;
+    if (!filter.IsOf(row)) continue;
+    if (row.isUnreadable) {
+      auto& [at, count] = unreadable.try_emplace(row.subscription, chosen.size(), 0).first->second;
+      if (++count > 1) {
+        chosen[at].detail = row.detail + L", at " + std::to_wstring(count) + L" events";
+        continue;
+      }
+    }
+    chosen.push_back(row);
+  }
+  return chosen;
+}
+
+// Returns why no row of the period is a delivery. Empty if one is.
+std::string WhyNothing(const std::vector<HistoryRow>& rows, const Filter& filter,
+                       const std::optional<Period>& outage, Zone zone) {
+  const HistoryRow* event = nullptr;  // the last power event
+  const HistoryRow* stored = nullptr;
+  for (const HistoryRow& row : rows) {
+    const bool within = filter.Within().Includes(row.moment);
+    if (row.isDelivery && within && filter.IsOf(row)) return {};
+    if (row.decision == kReceived && within) event = &row;
+    if (row.decision == NameOf(Decision::Stored).text && stored == nullptr && filter.IsOf(row)) {
+      stored = &row;
+    }
+  }
+  const auto at = [&](std::optional<std::int64_t> moment) {
+    return Utf8(TimeText(moment.value_or(0), zone));
+  };
+  std::string why;
+  if (outage) {
+    why = "the service did not run from " + at(outage->begin) + " to " + at(outage->end);
+  }
+  const auto add = [&why](const std::string& text) { why += (why.empty() ? "" : "; ") + text; };
+  if (event == nullptr) {
+    add("no power event came in that time");
+  } else if (stored != nullptr && stored->moment > event->moment) {
+    add("the subscription was stored later, at " + at(stored->moment) + ", than the last event, " +
+        Utf8(event->event) + " at " + at(event->moment));
+  } else {
+    add("nothing waited for the last event, " + Utf8(event->event) + " at " + at(event->moment) +
+        ": vxhost explain " + Utf8(event->event));
+  }
+  return "Nothing was delivered: " + why;
+}
+
 int RunHistory(const Options& options, Console& console) {
-  const Since since = SinceOf(options.since);
+  const Zone zone = options.utc ? Zone::Utc : Zone::Local;
   const auto stored = Stored();
-  const std::wstring hash = HashOf(options.subscription, stored);
+  const Filter filter(options, stored);
   History history;
   std::size_t others = 0;
   LogRecord record;
   const auto take = [&](const HistoryLine& line) {
     history.Add(line);
-    if (!options.timeline.empty() && since.Includes(line.time)) record.Add(line);
+    if (!options.timeline.empty() && filter.Within().Includes(MomentOf(line.time))) {
+      record.Add(line);
+    }
   };
-  for (const std::string& argument : options.files) {
-    for (const auto& path : FilesOf(argument)) others += ReadFile(path, take);
-  }
+  std::vector<std::filesystem::path> files;
+  if (options.files.empty()) files = LogFilesIn(LogFolderOf({}));
+  for (const std::string& argument : options.files)
+    std::ranges::move(FilesOf(argument), std::back_inserter(files));
+  for (const auto& path : files) others += ReadFile(path, take);
   if (!options.timeline.empty()) record.Draw(options.timeline, stored);
-  for (const HistoryRow& row : history.Finish()) {
-    if (options.failed && !IsFailure(row.decision)) continue;
-    if (!since.Includes(row.time)) continue;
-    if (!hash.empty() && row.subscription != hash) continue;
+  const auto rows = history.Finish();
+  for (const HistoryRow& row : Chosen(rows, filter, options.failed)) {
     if (console.WritesJson()) {
       console.JsonResult(AsJson(row));
     } else {
-      Print(row, console);
+      Print(row, zone, console);
     }
   }
   if (history.Records() == 0) console.Note(kNoRecords);
@@ -219,28 +318,68 @@ int RunHistory(const Options& options, Console& console) {
     console.Note("(" + std::to_string(history.Unknown()) + " records are of a later version)");
   }
   if (others != 0) console.Note("(" + std::to_string(others) + " lines are not lines of a log)");
+  if (!rows.empty()) {
+    const auto why = WhyNothing(rows, filter, history.Outage(filter.SoFar()), zone);
+    if (!why.empty()) console.Note(why);
+  }
   return kDone;
 }
 
 constexpr char kFooter[] =
-    "Reads the records in what a service writes: files, or a folder of logs.\n"
-    "  vxhost history C:\\Logs --failed --since 2h\n"
-    "  vxhost history lines.json --subscription 2 --json";
+    "Reads the records in what a service writes: files, or a folder of logs. The times of --since "
+    "and\n"
+    "--until are 2026-11-25T11:30, 08:00 (today), yesterday, or 30m, 2h or 3d before now.\n"
+    "  vxhost history --failed --since yesterday\n"
+    "  vxhost history D:\\Logs --program tool.exe --json";
 
 }  // namespace
+
+std::filesystem::path LogFolderOf(const std::string& argument) {
+  if (!argument.empty()) return FullPath(argument);
+  return ServiceHost::DataFolders(ServiceHost::ProgramDataFolder(), ServiceHost::Writers::System)
+      .Logs();
+}
+
+std::vector<std::filesystem::path> LogFilesIn(const std::filesystem::path& folder) {
+  std::error_code error;
+  static_cast<void>(std::filesystem::directory_iterator(folder, error));
+  if (error) {
+    const bool denied = error == std::errc::permission_denied;
+    throw std::runtime_error("cannot list " + Utf8(folder.wstring()) + ": " + error.message() +
+                             (denied ? "; run as administrator"
+                                     : "; name the log files of a service, or install one: vxhost "
+                                       "service install"));
+  }
+  std::vector<std::filesystem::path> files;
+  for (const std::wstring& name : ServiceHost::LogFileNames(folder.wstring())) {
+    files.push_back(folder / name);
+  }
+  if (files.empty()) {
+    throw std::runtime_error("there is no NAME-YYYYMMDD-NNNN.log in " + Utf8(folder.wstring()) +
+                             "; start the service: vxhost service start");
+  }
+  return files;
+}
 
 void AddHistoryCommand(CommandLine& line) {
   const auto options = std::make_shared<Options>();
   CLI::App& history =
       line.Add("history", "show what became of each delivery, from the log of a service", kFooter,
                [options](Console& console) { return RunHistory(*options, console); });
-  history.add_option("file", options->files, "log files, or their folder")->required();
+  history.add_option("file", options->files,
+                     "log files, or their folder; by default that of the installed service");
   history.add_flag("--failed", options->failed, "only what was asked for and not done");
-  history.add_option("--since", options->since,
-                     "from this time, as the log writes it, or for 30m, 2h or 3d");
+  history.add_option("--since", options->since, "from this local time on");
+  history.add_option("--until", options->until, "until this local time");
+  history.add_flag("--utc", options->utc, "show times in UTC");
   history.add_option("--subscription", options->subscription,
                      "only of this one: its number in the store, or its hash");
-  history.add_option("--timeline", options->timeline, "draw the log as a web page, into this file");
+  history.add_option("--program", options->program,
+                     "only of programs or apps whose name or path has this text");
+  history.add_option(
+      "--timeline", options->timeline,
+      "draw the log as a web page, into this file; of the last day unless --since or\n"
+      "--until says otherwise");
   line.OfferJson(history);
   line.UseStore(history);
 }

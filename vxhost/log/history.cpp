@@ -1,9 +1,14 @@
 #include "vxhost/log/history.h"
 
+#include <algorithm>
 #include <chrono>
 #include <cwchar>
+#include <iterator>
 #include <limits>
 
+#include <windows.h>
+
+#include "events/subscription_forms.h"
 #include "hosting/text.h"
 #include "json/json_text.h"
 
@@ -15,7 +20,32 @@ using namespace Tessel::Server::Records;
 
 constexpr std::wstring_view kModuleStarted = L"the module is started: ";
 constexpr std::wstring_view kModuleStopped = L"the module is stopped";
+constexpr std::wstring_view kServiceFailed = L"the service cannot run: ";
+constexpr std::wstring_view kPowerForwarded = L"power event ";
 constexpr wchar_t kCutOff[] = L"its service ended before it did";
+constexpr wchar_t kCrashed[] = L"nothing asked it to stop";
+
+constexpr std::int64_t kEpoch = 11'644'473'600'000;  // 1970, in milliseconds since 1601
+
+std::wstring TextOfMoment(std::int64_t moment) {
+  return DateTimeText(static_cast<std::uint64_t>(moment + kEpoch) * 10'000);
+}
+
+// Returns the moment in the other of UTC and local time, by the rule of its own day. A time that
+// Windows cannot convert is returned unchanged.
+std::int64_t Converted(std::int64_t moment, BOOL(WINAPI* convert)(const TIME_ZONE_INFORMATION*,
+                                                                  const SYSTEMTIME*, SYSTEMTIME*)) {
+  const auto ticks = static_cast<std::uint64_t>(moment + kEpoch) * 10'000;
+  FILETIME file{static_cast<DWORD>(ticks), static_cast<DWORD>(ticks >> 32)};
+  SYSTEMTIME from{};
+  SYSTEMTIME to{};
+  if (FileTimeToSystemTime(&file, &from) == FALSE || convert(nullptr, &from, &to) == FALSE ||
+      SystemTimeToFileTime(&to, &file) == FALSE) {
+    return moment;
+  }
+  const auto result = std::uint64_t{file.dwHighDateTime} << 32 | file.dwLowDateTime;
+  return static_cast<std::int64_t>(result / 10'000) - kEpoch;
+}
 
 std::wstring TextMember(const Json::WideValue& object, const std::wstring& key) {
   const Json::WideValue* member = FindMember(object, key);
@@ -52,11 +82,28 @@ std::wstring WhyOf(const DecisionRecord& record) {
   return why;
 }
 
-std::wstring DetailOf(const DecisionRecord& record, const KnownRecord& known) {
-  std::wstring detail = known.why;
+bool FailsToRun(const LogLine& line) {
+  return line.provider == kHostProvider && line.message.starts_with(kServiceFailed);
+}
+
+// Returns what a command's own line says of its request, "launched is missing". Empty if it is
+// another line.
+std::wstring FaultIn(const std::wstring& complaint, std::uint32_t command) {
+  const std::wstring id = L" - function id " + std::to_wstring(command) + L": ";
+  const std::size_t at = complaint.find(id);
+  if (at == complaint.npos) return {};
+  const std::wstring fault = complaint.substr(at + id.size());
+  return fault.substr(0, fault.rfind(L" (result "));
+}
+
+std::wstring DetailOf(const DecisionRecord& record, const KnownRecord& known,
+                      const std::wstring& complaint) {
+  const bool elsewhere = record.reason == NameOf(Reason::EarlierLines).word && !complaint.empty();
+  std::wstring detail = elsewhere ? complaint : known.why;
   const auto add = [&detail](const std::wstring& text) {
-    detail += (detail.empty() ? L"" : L", ") + text;
+    if (!text.empty()) detail += (detail.empty() ? L"" : L", ") + text;
   };
+  if (!elsewhere && known.kind == Kind::Command) add(FaultIn(complaint, record.number));
   if (record.process != 0) add(L"process " + std::to_wstring(record.process));
   if (!record.client.empty()) add(L"client " + record.client);
   if (known.decision == Decision::Waiting) {
@@ -90,9 +137,27 @@ std::optional<std::int64_t> MomentOf(const std::wstring& time) {
                                  &part[2], &part[3], &part[4], &part[5], &part[6]);
   const auto day = year(part[0]) / part[1] / part[2];
   if (count < 3 || !day.ok()) return std::nullopt;
-  const auto moment =
+  const auto since =
       sys_days(day) + hours(part[3]) + minutes(part[4]) + seconds(part[5]) + milliseconds(part[6]);
-  return duration_cast<milliseconds>(moment.time_since_epoch()).count();
+  const auto moment = duration_cast<milliseconds>(since.time_since_epoch()).count();
+  if (time.ends_with(L'Z')) return moment;
+  int zone[2] = {};
+  const std::size_t sign = time.find_first_of(L"+-", time.find(L'T'));
+  if (sign == time.npos || std::swscanf(&time[sign + 1], L"%2d:%2d", &zone[0], &zone[1]) != 2) {
+    return Converted(moment, &TzSpecificLocalTimeToSystemTime);
+  }
+  const std::int64_t offset = (zone[0] * 60 + zone[1]) * 60'000;
+  return time[sign] == L'+' ? moment - offset : moment + offset;
+}
+
+std::wstring TimeText(std::int64_t moment, Zone zone) {
+  if (zone == Zone::Utc) return TextOfMoment(moment) + L"Z";
+  const std::int64_t local = Converted(moment, &SystemTimeToTzSpecificLocalTime);
+  const auto offset = static_cast<int>((local - moment) / 60'000);
+  wchar_t text[16];
+  static_cast<void>(std::swprintf(text, std::size(text), L"%lc%02d:%02d", offset < 0 ? L'-' : L'+',
+                                  std::abs(offset) / 60, std::abs(offset) % 60));
+  return TextOfMoment(local) + text;
 }
 
 std::optional<KnownRecord> Understand(const DecisionRecord& record) {
@@ -116,12 +181,79 @@ bool EndsModule(const LogLine& line) {
   return line.provider == kHostProvider && line.message == kModuleStopped;
 }
 
+std::optional<std::uint32_t> PowerCodeIn(const LogLine& line) {
+  if (line.provider != kHostProvider || !line.message.starts_with(kPowerForwarded)) return {};
+  return static_cast<std::uint32_t>(
+      std::wcstoul(line.message.c_str() + kPowerForwarded.size(), nullptr, 10));
+}
+
+std::wstring ProgramOf(const std::wstring& target) {
+  return target.substr(target.rfind(L'\\') + 1);  // npos + 1 is 0
+}
+
+History::Run* History::LastOf(std::uint32_t process) {
+  const auto found = std::ranges::find(runs.rbegin(), runs.rend(), process, &Run::process);
+  return found == runs.rend() ? nullptr : &*found;
+}
+
+// A process writes its first lines before it says that the module is started, and Windows may give
+// its number to a later one.
+void History::AddToRun(const HistoryLine& line, std::int64_t moment) {
+  const bool starts = StartsModule(line.line);
+  Run* run = LastOf(line.line.process);
+  if (run == nullptr || (starts && (run->started || run->stopped))) {
+    run = &runs.emplace_back(Run{line.service, line.line.process, moment, moment});
+  }
+  if (run->stopped) return;
+  run->started = run->started || starts;
+  run->last = std::max(run->last, moment);
+  run->stopped = EndsModule(line.line) || FailsToRun(line.line);
+}
+
+void History::AddHostLine(const HistoryLine& line, std::optional<std::int64_t> moment) {
+  using Tessel::Server::Services::Orvane::kPowerCodes;
+  const std::wstring& message = line.line.message;
+  HistoryRow row{.time = line.time, .moment = moment, .event = L"service"};
+  if (StartsModule(line.line)) {
+    row.decision = L"started";
+    row.detail = message.substr(kModuleStarted.size());
+  } else if (EndsModule(line.line)) {
+    row.decision = L"stopped";
+  } else if (FailsToRun(line.line)) {
+    row.decision = NameOf(Decision::NotStarted).text;
+    row.detail = message.substr(kServiceFailed.size());
+    row.failed = true;
+  } else if (const auto code = PowerCodeIn(line.line)) {
+    row.event = NameOf(Kind::Power).text + (L" " + std::to_wstring(*code));
+    row.decision = kReceived;
+    for (const auto& one : kPowerCodes) {
+      if (one.code == *code) row.detail = one.meaning;
+    }
+  } else {
+    return;
+  }
+  rows.push_back(std::move(row));
+}
+
 void History::Add(const HistoryLine& line) {
-  if (StartsModule(line.line)) CutOff([](const Delivery&) { return true; });
+  const auto moment = MomentOf(line.time);
+  if (moment && line.thread != 0) AddToRun(line, *moment);
+  if (StartsModule(line.line)) {
+    CutOff([&](const Delivery& one) {
+      const Run* run = LastOf(one.first);
+      return run == nullptr || run->service == line.service;
+    });
+  }
   if (EndsModule(line.line)) {
     CutOff([&](const Delivery& one) { return one.first == line.line.process; });
   }
-  if (!line.line.record) return;
+  if (line.line.provider == kHostProvider) AddHostLine(line, moment);
+  std::wstring& complaint = complaints[{line.line.process, line.thread}];
+  if (!line.line.record) {
+    if (line.line.level != L"INFO") complaint = line.line.message;
+    return;
+  }
+  const std::wstring complained = std::exchange(complaint, {});
   ++records;
   const DecisionRecord& record = *line.line.record;
   const auto known = Understand(record);
@@ -132,13 +264,17 @@ void History::Add(const HistoryLine& line) {
   const Delivery delivery(line.line.process, record.delivery);
   const auto waiting = record.delivery == 0 ? open.end() : open.find(delivery);
   const bool begun = waiting != open.end();
-  if (!begun) rows.push_back({.time = line.time, .event = known->event});
+  if (!begun) rows.push_back({.time = line.time, .moment = moment, .event = known->event});
   HistoryRow& row = begun ? rows[waiting->second] : rows.back();
   if (begun) open.erase(waiting);
   row.subscription = record.subscription;
-  row.decision = known->decision;
-  row.detail = DetailOf(record, *known);
+  row.target = record.target;
+  row.decision = NameOf(known->decision).text;
+  row.failed = IsFailure(known->decision);
+  row.detail = DetailOf(record, *known, complained);
   row.startedProcess = record.process;
+  row.isUnreadable = record.delivery != 0 && record.reason == NameOf(Reason::Unreadable).word;
+  row.isDelivery = record.delivery != 0 && !row.isUnreadable;
   if (known->decision == Decision::Waiting) {
     open[delivery] = rows.size() - 1;
   } else {
@@ -150,14 +286,53 @@ template <typename Of>
 void History::CutOff(const Of& of) {
   std::erase_if(open, [&](const auto& one) {
     if (!of(one.first)) return false;
-    rows[one.second].decision = Decision::Dropped;
-    rows[one.second].detail = kCutOff;
+    HistoryRow& row = rows[one.second];
+    row.decision = NameOf(Decision::Dropped).text;
+    row.detail = kCutOff;
+    row.failed = true;
     return true;
   });
 }
 
+// The next start of a service shows that it ended, and without a stop, that nothing stopped it.
+bool History::Crashed(const Run& run) const {
+  return !run.stopped && std::ranges::any_of(runs, [&](const Run& later) {
+    return later.begin > run.last && later.service == run.service;
+  });
+}
+
 std::vector<HistoryRow> History::Finish() {
+  for (const Run& run : runs) {
+    if (!Crashed(run)) continue;
+    rows.push_back({.time = TimeText(run.last, Zone::Utc),
+                    .moment = run.last,
+                    .event = L"service",
+                    .decision = L"ended",
+                    .detail = kCrashed,
+                    .failed = true});
+  }
+  std::ranges::stable_sort(rows, {}, &HistoryRow::moment);
   return std::move(rows);
+}
+
+std::optional<Period> History::Outage(const Period& within) const {
+  std::vector<Run> sorted = runs;
+  std::ranges::sort(sorted, {}, &Run::begin);
+  constexpr std::int64_t kRestart = 1000;  // a restart takes less
+  Period longest{0, kRestart - 1};
+  // The log does not tell what was before its first line.
+  std::int64_t end = sorted.empty() ? within.end : std::max(within.begin, sorted.front().begin);
+  const auto consider = [&](std::int64_t begin) {
+    begin = std::min(begin, within.end);
+    if (begin - end > longest.end - longest.begin) longest = {end, begin};
+  };
+  for (const Run& run : sorted) {
+    consider(run.begin);
+    end = std::max(end, run.stopped || Crashed(run) ? run.last : within.end);
+  }
+  consider(within.end);
+  if (longest.begin == 0) return std::nullopt;
+  return longest;
 }
 
 }  // namespace Vx::Hosting::Tool

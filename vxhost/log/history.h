@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <limits>
 #include <map>
 #include <optional>
 #include <string>
@@ -14,16 +15,22 @@ namespace Vx::Hosting::Tool {
 
 // A log line as the service writes it or "watch --json" shows it.
 struct HistoryLine {
-  std::wstring time;         // as written
-  std::uint32_t thread = 0;  // 0 if unknown, as in watch output
+  std::wstring time;          // as written
+  std::uint32_t thread = 0;   // 0 if unknown, as in watch output
+  std::wstring service = {};  // names the log's files; empty if unknown
   LogLine line = {};
 };
 
 // Parses a line of UTF-8 JSON. Empty if it is not a log line.
 std::optional<HistoryLine> ParseHistoryLine(const std::string& text);
 
-// Returns "2026-11-25T11:31:46.251", with or without a Z, as milliseconds since 1970, or nothing.
+// Returns "2026-11-25T11:31:46.251" as milliseconds since 1970 in UTC, or nothing. The time ends
+// with its zone, "Z" or "+01:00", or is this machine's local time.
 std::optional<std::int64_t> MomentOf(const std::wstring& time);
+
+// Formats a moment with its zone, in UTC or in this machine's local time.
+enum class Zone { Local, Utc };
+std::wstring TimeText(std::int64_t moment, Zone zone = Zone::Local);
 
 // A record whose words this version knows.
 struct KnownRecord {
@@ -40,15 +47,38 @@ std::optional<KnownRecord> Understand(const DecisionRecord& record);
 bool StartsModule(const LogLine& line);
 bool EndsModule(const LogLine& line);
 
-// One delivery, or one command that changed something or was refused.
+// Returns the code of a power event that the host forwarded to the module, or nothing.
+std::optional<std::uint32_t> PowerCodeIn(const LogLine& line);
+
+// Returns the name of a record's program, without its folder, or its app service, FAMILY/NAME.
+std::wstring ProgramOf(const std::wstring& target);
+
+// The decision in the row of a power event.
+inline constexpr wchar_t kReceived[] = L"received";
+
+// One delivery, one command that changed something or was refused, or one event of the host.
 struct HistoryRow {
-  std::wstring time;  // of its first record
-  std::wstring event = {};
-  std::wstring subscription = {};  // its hash; empty if none
-  Tessel::Server::Records::Decision decision{};
+  std::wstring time;                   // of its first record, as written
+  std::optional<std::int64_t> moment;  // the same time; empty if it cannot be read
+  std::wstring event = {};             // "power 18", "command 9", "service"
+  std::wstring decision = {};          // for people
+  std::wstring subscription = {};      // its hash; empty if none
+  std::wstring target = {};            // what would run; empty if unknown
   std::wstring detail = {};
+  bool failed = false;
+  bool isDelivery = false;                        // not of a subscription that cannot be read
+  bool isUnreadable = false;                      // an event met a subscription that cannot be read
   std::uint32_t startedProcess = 0;               // 0 if none was started
   std::optional<std::int64_t> milliseconds = {};  // empty while it is waiting
+};
+
+// A period in milliseconds since 1970, including both ends. By default all time.
+struct Period {
+  std::int64_t begin = 0;
+  std::int64_t end = std::numeric_limits<std::int64_t>::max();
+  bool Includes(std::optional<std::int64_t> moment) const {
+    return !moment || (*moment >= begin && *moment <= end);
+  }
 };
 
 // Combines a log's records into one row per delivery.
@@ -63,14 +93,35 @@ class History {
   // Returns the rows, ordered by their first records. Call once, at the end.
   std::vector<HistoryRow> Finish();
 
+  // Returns the longest part of the period in which no service ran. Empty if one always ran, or if
+  // the log does not tell.
+  std::optional<Period> Outage(const Period& within) const;
+
  private:
   using Delivery = std::pair<std::uint32_t, std::uint64_t>;  // process and delivery number
 
+  // A process's life, as far as the log shows it.
+  struct Run {
+    std::wstring service;
+    std::uint32_t process = 0;
+    std::int64_t begin = 0;
+    std::int64_t last = 0;  // its last line
+    bool started = false;   // its start is in the log
+    bool stopped = false;
+  };
+
+  Run* LastOf(std::uint32_t process);
+  bool Crashed(const Run& run) const;
+  void AddToRun(const HistoryLine& line, std::int64_t moment);
+  void AddHostLine(const HistoryLine& line, std::optional<std::int64_t> moment);
   template <typename Of>
   void CutOff(const Of& of);
 
   std::vector<HistoryRow> rows;
+  std::vector<Run> runs;
   std::map<Delivery, std::size_t> open;  // rows of waiting deliveries
+  std::map<std::pair<std::uint32_t, std::uint32_t>, std::wstring>
+      complaints;  // the last, by thread
   std::size_t records = 0;
   std::size_t unknown = 0;
 };

@@ -8,7 +8,6 @@ vxhost=$1 module=$2 pki=$3 probe=$4 emulator=$5 prefix=$6
 name=VxSample$$
 place="$prefix/drive_c/Program Files/VxSample"
 data="$prefix/drive_c/ProgramData/Vx"
-logs='C:\ProgramData\Vx\Logs'
 started="C:\\\\Program Files\\\\VxSample"
 
 vxhost() { "$emulator" "$prefix" "$vxhost" "$@" || fail "vxhost $*"; }
@@ -62,7 +61,7 @@ await "$place/report.txt" 'good morning'
 
 echo '== The log files tell it: the subscription was accepted, and ran'
 tries=0
-until vxhost history "$logs" >"$place/history.raw" &&
+until vxhost history >"$place/history.raw" &&
   tr -d '\r' <"$place/history.raw" >"$place/history.txt" &&
   awk '$2 " " $3 == "command 9" && $7 == "accepted:" { stored = $4 }
     $2 " " $3 == "power 7" && $7 " " $8 == "ran: process" { ran = $4 }
