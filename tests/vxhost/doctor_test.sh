@@ -29,8 +29,38 @@ examines '-  store: not read while its mutex is taken'
 rm "$held"
 wait
 
+# Each stored subscription, judged by what it would run, and what "store restore" leaves.
+rm "$work/data/Vx/SharedServices/shared_store.dat"
+for target in '"eventAction":1,"commandParams":{"path":"C:\\Missing\\a.exe"' \
+  '"eventAction":2,"commandParams":{"packageFamilyName":"f","appServiceName":"s","payload":{"customTriggerGUID":"{01234567-89ab-cdef-0123-456789abcdef}"}'; do
+  exits 0 run_at "$work/data" exec 9 "{\"powerEventType\":18,$target}}"
+done
+exits 0 run_at "$work/data" store backup "$(windows "$work/copy")"
+exits 0 run_at "$work/data" store restore "$(windows "$work/copy")"
+examines '+  store: .*: sound'
+grep -q '^  -  subscription: 1 [0-9a-f]* power 18 start C:.Missing.a.exe; .' "$work/output" &&
+  grep -q '^       do: .*vxhost subscriptions remove 1$' "$work/output" &&
+  grep -q '^  [+]  subscription: 2 [0-9a-f]* power 18 raise the trigger' "$work/output" ||
+  fail 'doctor does not judge the subscriptions:' "$work/output"
+
 expect 2 'is missing or has no version' --dll missing.dll doctor
 expect 1 '+  first-run set-up: complete' --simulate doctor
 expect 1 '{"check":"logon process","health":"ok"' --simulate doctor --json
 expect 2 'doctor examines the store of the machine' --private-store doctor
+
+# The service: what Windows knows of it, whether its pipe answers, and what its log says.
+examines '-  service: OrvaneService is not installed'
+install_tool VxDoctor "$(dirname "$vxhost")/OrvaneService.dll"
+name=VxDoctor$$
+trap 'run service stop --name $name; run service remove --name $name; rm -rf "$work" "$place" "$prefix/drive_c/ProgramData/Vx"' EXIT
+exits 0 run service install --name $name --start demand --development --repair
+expect 1 "-  service: $name does not run, error" doctor --name $name
+expect 1 "       do: vxhost service start --name $name" doctor --name $name
+exits 0 run service start --name $name
+expect 1 "+  service: $name runs as process " doctor --name $name
+for wanted in 'pipe: answers {"result":{"getVersion":' 'module: C:\\Program Files\\VxDoctor\\OrvaneService.dll, version 1\.' ; do
+  grep -q "^  +  service's $wanted" "$work/output" || fail "doctor does not find $wanted" "$work/output"
+done
+grep -q '^  +  log folder: C:.ProgramData.Vx.Logs, ' "$work/output" || fail 'doctor does not find the logs:' "$work/output"
+
 exit $((failures > 0))

@@ -65,7 +65,6 @@ expect 1 "-  module's key: its signature's key is not among its pinned keys" --d
 expect 1 "-  module's signature: signed by " --dll "Z:$work/over.dll" doctor
 grep -qF ', until 2016-01-01, which is over' "$work/output" || fail 'the end of the certificate is missing' "$work/output"
 expect 1 '+  pinned keys: 2 general, 1 restricted' --dll "$module" doctor
-expect 1 '+  power events: not known' --dll "$module" doctor
 
 # Power events are those of the service's own records, not of a text that a client chose.
 mkdir "$work/log files"
@@ -75,13 +74,15 @@ record() { # TIME PROVIDER MESSAGE
 {
   record 2026-01-01T00:00:00.000Z Vx-Host-Service 'the module is started: Vx-Host-Service'
   record 2026-01-01T00:00:00.000Z Vx-Tessel-Service 'power event 4 Vx-Host-Service'
+  record 2026-01-01T00:00:00.000Z Vx-Host-Service 'the service cannot run: no file' | sed 's/INFO/ERROR/'
   printf '{"time":"2026-01-01T00:00:00.000Z","provider":"Vx-Host-Service","messa\n'
 } > "$work/log files/vxhost-20260101-0001.log"
 expect 1 '-  power events: none in 1 log files' --dll "$module" doctor --log "Z:$work/log files"
+grep -qF -- '-  last error: the service cannot run: no file at 2026-01-01' "$work/output" || fail 'no last error' "$work/output"
 record 2026-01-02T00:00:00.000Z Vx-Host-Service 'power event 18' > "$work/log files/Other-20260102-0001.log"
 record 2026-01-01T00:00:00.000Z Vx-Host-Service 'power event 4' >> "$work/log files/vxhost-20260101-0001.log"
 expect 1 '+  power events: 2, the last power event 18 at 2026-01-02' --dll "$module" doctor --log "Z:$work/log files"
-expect 2 'cannot list' --dll "$module" doctor --log missing
+expect 1 '-  log folder: cannot list' --dll "$module" doctor --log missing
 
 # A tool that the service would start does nothing, whatever it is asked.
 signed tool.exe pinned pinned "$pinned"

@@ -27,14 +27,16 @@
 #include "security/file_trust.h"
 #include "security/pinned_keys.h"
 #include "servicehost/guarded_folder.h"
-#include "servicehost/host_loop.h"
-#include "servicehost/log_folder.h"
-#include "servicehost/service_log.h"
+#include "servicehost/power_notifications.h"
 #include "simulator/simulated_machine.h"
 #include "storage/cap_data_store.h"
+#include "vxhost/commands/history_command.h"
 #include "vxhost/log/history.h"
+#include "vxhost/service/pipe_client.h"
+#include "vxhost/service/service_manager.h"
 #include "vxhost/store/store_look.h"
 #include "vxhost/subscriptions/certificates.h"
+#include "vxhost/subscriptions/explanation.h"
 #include "vxhost/subscriptions/module_pins.h"
 
 namespace Vx::Hosting::Tool {
@@ -46,6 +48,7 @@ using Tessel::Server::Storage::CapDataStore;
 using Tessel::Server::Storage::StoreState;
 
 struct Options {
+  std::string name = kDefaultServiceName;
   std::string logFolder;
   HoldLimits limits;
 };
@@ -104,19 +107,19 @@ std::wstring FileVersion(const std::wstring& path) {
          std::to_wstring(LOWORD(info->dwFileVersionLS));
 }
 
-Check ModuleFile(const std::wstring& path) {
+// Checks the module at `path`, which is that of a service or else the one that the tool uses.
+Check ModuleFile(const std::wstring& path, const char* what, const wchar_t* advice) {
   const std::wstring version = FileVersion(path);
   if (version.empty()) {
-    return {.what = "module",
+    return {.what = what,
             .health = Health::Unusable,
             .found = path + L" is missing or has no version",
             .expected = L"the service module",
-            .advice = L"install it, or name it with --dll"};
+            .advice = L"install it, or name it: vxhost --dll MODULE"};
   }
   const std::wstring own = Wide(VX_VERSION);
-  return MakeCheck("module", version == own, path + L", version " + version,
-                   (L"version " + own + L", that of this tool").c_str(),
-                   L"install both from one package");
+  return MakeCheck(what, version == own, path + L", version " + version,
+                   (L"version " + own + L", that of this tool").c_str(), advice);
 }
 
 constexpr std::int64_t kDaysToRenew = 30;
@@ -127,7 +130,7 @@ Check ModuleSignature(const std::wstring& path) {
   const auto keys = Tessel::Security::PublicKeysOf(path);
   if (keys.empty()) {
     return MakeCheck(kWhat, false, path + L" has no signature that Windows can read", kExpected,
-                     L"sign it before it is installed");
+                     L"sign it before it is installed: signtool sign /fd SHA256 FILE");
   }
   const auto certificates = CertificatesIn(path);
   const Certificate* certificate = CertificateOf(certificates, keys.front());
@@ -140,7 +143,9 @@ Check ModuleSignature(const std::wstring& path) {
 
 void Pins(const std::wstring& module, const std::optional<ModulePins>& pins,
           std::vector<Check>& checks) {
-  constexpr wchar_t kAdvice[] = L"without keys nothing is trusted: build with the maker's";
+  constexpr wchar_t kAdvice[] =
+      L"nothing is trusted: build it with -DVX_PINNED_KEYS_GENERAL=FILE and "
+      L"-DVX_PINNED_KEYS_RESTRICTED=FILE";
   if (!pins) {
     checks.push_back(MakeCheck("pinned keys", false, L"the module's file lists none",
                                L"at least one of each set", kAdvice));
@@ -165,8 +170,8 @@ void Pins(const std::wstring& module, const std::optional<ModulePins>& pins,
                              : isRestricted ? L"its signature's key is a restricted one"
                                             : L"its signature's key is a general one",
                              L"a module that is signed with a key that it pins",
-                             L"compare vxhost pins with the maker's keys: another party may have "
-                             L"signed it, or it was built with other keys"));
+                             L"another party may have signed it, or it was built with other "
+                             L"keys: compare them with the maker's: vxhost pins"));
 }
 
 Check Folder(const std::wstring& folder) {
@@ -178,30 +183,85 @@ Check Folder(const std::wstring& folder) {
       L"install --repair");
 }
 
+// One line for each stored subscription, judged as "subscriptions" does.
+void Subscriptions(const StoreLook& look, Tessel::Security::KeySet keys,
+                   std::vector<Check>& checks) {
+  for (const Explanation& one : Explain(SubscriptionsIn(DocumentOf(look)), {}, keys)) {
+    const std::wstring number = std::to_wstring(one.subscription.number);
+    std::wstring found = number;
+    for (const std::wstring& part : {one.subscription.hash, one.event, one.action}) {
+      if (!part.empty()) found += L" " + part;
+    }
+    for (const std::wstring& reason : one.reasons) found += L"; " + reason;
+    checks.push_back(MakeCheck("subscription", one.fate == Fate::Runs, found,
+                               L"a subscription that would run",
+                               (L"remove what is in its way, see vxhost explain --all, or take it "
+                                L"back: vxhost subscriptions remove " +
+                                number)
+                                   .c_str()));
+  }
+}
+
 // Reads the store as "store verify" does, while no service can write it.
-void Store(const HoldLimits& limits, std::vector<Check>& checks) {
+void Store(const HoldLimits& limits, Tessel::Security::KeySet keys, std::vector<Check>& checks) {
   constexpr wchar_t kSound[] = L"a file that this machine can decrypt, and no other beside it";
-  std::optional<StoreHold> hold;
+  std::optional<StoreLook> look;
   try {
-    hold.emplace(StoreUse::Write, limits);
+    const StoreHold hold(StoreUse::Write, limits);
+    look = LookAtFile(CapDataStore::PathOfFile());
   } catch (const std::runtime_error& error) {
     checks.push_back(MakeCheck("store mutex", false, Wide(error.what()), L"free",
-                               L"run as administrator, or find the program that keeps it: it stops "
-                               L"every service"));
+                               L"run as administrator, or end the program that keeps it, which "
+                               L"stops every service: vxhost service stop"));
     checks.push_back(MakeCheck("store", false, L"not read while its mutex is taken", kSound,
                                L"as for the mutex"));
     return;
   }
   checks.push_back({.what = "store mutex", .found = L"free"});
-  const StoreLook look = LookAtFile(CapDataStore::PathOfFile());
-  const StoreVerdict verdict = DiagnoseWithLists(look);
-  const bool good =
-      look.siblings.empty() && (verdict.IsSound() || look.reading.state == StoreState::Missing);
+  const StoreVerdict verdict = DiagnoseWithLists(*look);
+  // "store restore" and "store import" keep the store that they replace.
+  std::erase_if(look->siblings, [&](const std::wstring& path) {
+    return path.starts_with(look->path + L".replaced-");
+  });
+  const bool readable = verdict.IsSound() || look->reading.state == StoreState::Missing;
   checks.push_back(
-      MakeCheck("store", good,
-                look.path + L": " + Wide(verdict.text) +
-                    (look.siblings.empty() ? L"" : L"; beside it " + look.siblings.front()),
-                kSound, L"run as administrator, or see \"Trouble\" in docs/operations.md"));
+      MakeCheck("store", readable && look->siblings.empty(),
+                look->path + L": " + Wide(verdict.text) +
+                    (look->siblings.empty() ? L"" : L"; beside it " + look->siblings.front()),
+                kSound,
+                readable ? L"run as administrator, or delete what is beside it: vxhost store verify"
+                         : L"run as administrator, or put a copy in its place: vxhost store "
+                           L"restore COPY"));
+  if (verdict.IsSound()) Subscriptions(*look, keys, checks);
+}
+
+// Checks the installed service: its process, its module and its pipe.
+void Service(const std::string& name, std::vector<Check>& checks) {
+  static constexpr char kWhat[] = "service";
+  const std::wstring wide = Wide(name);
+  try {
+    const auto report = ServiceManager().Query(wide);
+    const bool running = report && report->state == SERVICE_RUNNING;
+    const std::wstring state = !report   ? L" is not installed"
+                               : running ? L" runs as process " + std::to_wstring(report->process)
+                                         : L" does not run, " + Code(report->exitCode);
+    checks.push_back(MakeCheck(
+        kWhat, running, wide + state, L"a service that runs",
+        ((report ? L"vxhost service start --name " : L"vxhost service install --name ") + wide)
+            .c_str()));
+    if (!report) return;
+    checks.push_back(ModuleFile(report->options.module, "service's module",
+                                (L"vxhost service install --replace --name " + wide).c_str()));
+    if (!running) return;
+    constexpr std::uint32_t kVersion = 22;
+    const auto result = ConnectToService(wide, report->process).Execute({kVersion, L"{}"});
+    checks.push_back(
+        {.what = "service's pipe", .found = L"answers " + result.response.value_or(L"nothing")});
+  } catch (const std::runtime_error& error) {
+    checks.push_back(
+        MakeCheck(kWhat, false, Wide(error.what()), L"a service that answers",
+                  (L"run as administrator, or vxhost service status --name " + wide).c_str()));
+  }
 }
 
 void ConsoleUser(std::vector<Check>& checks) {
@@ -220,7 +280,7 @@ void ConsoleUser(std::vector<Check>& checks) {
   const auto image = logon ? Machine().processes->ImagePath(*logon) : std::nullopt;
   checks.push_back(MakeCheck("logon process", image.has_value(), image.value_or(L"none is seen"),
                              L"winlogon.exe in the session of the console",
-                             L"run as administrator, who may see it"));
+                             L"run as administrator, who may see it: vxhost doctor"));
 }
 
 Check FirstRun() {
@@ -238,7 +298,7 @@ Check Lockdown(Tessel::Security::KeySet keys) {
   return MakeCheck("lockdown library", trust.trusted,
                    path + (trust.trusted ? L", trusted" : L", not trusted"),
                    L"a library that is signed with a general key",
-                   L"without it S mode is never noticed; see vxhost trust --general");
+                   (L"without it S mode is never noticed: vxhost trust --general " + path).c_str());
 }
 
 Check Package(const Orvane::CompanionApp& app) {
@@ -250,7 +310,7 @@ Check Package(const Orvane::CompanionApp& app) {
                    std::wstring(app.packageFamilyName) +
                        (found.empty() ? L" is not installed for the user" : L": " + found.front()),
                    L"installed for the user at the console",
-                   L"install it, unless this machine is sold without it");
+                   L"install it, unless this machine is sold without it: Add-AppxPackage FILE");
 }
 
 Check Firmware() {
@@ -279,47 +339,65 @@ Check Triggers() {
       L"this Windows raises no custom triggers: subscriptions with one only log a status");
 }
 
-// The number of power events in a service's log, and the last one. Clients choose other texts in a
-// log, so only the service's own records count.
-struct PowerEvents {
-  std::size_t count = 0;
-  std::wstring last;  // "power event 18 at 2026-01-02T03:04:05.678Z"
+// What a service's logs say. Clients choose other texts in a log, so only the service's own lines
+// count.
+struct LogSummary {
+  std::size_t powerEvents = 0;
+  std::wstring lastPower;  // "power event 18 at 2026-01-02T03:04:05.678Z"
+  std::wstring lastError;  // in the same form
+  bool startedSince = false;
 };
 
-void CountPowerEvents(const std::filesystem::path& path, PowerEvents& events) {
+void Read(const std::filesystem::path& path, LogSummary& summary) {
   std::ifstream file(path, std::ios::binary);
   for (std::string line; std::getline(file, line);) {
     if (line.find(Utf8(kHostProvider)) == std::string::npos) continue;
     // Empty for the incomplete line of a killed process.
     const auto record = ParseHistoryLine(line);
-    if (!record || record->line.provider != kHostProvider ||
-        !record->line.message.starts_with(ServiceHost::kPowerForwarded)) {
-      continue;
+    if (!record || record->line.provider != kHostProvider) continue;
+    const std::wstring text = record->line.message + L" at " + record->time;
+    if (PowerCodeIn(record->line)) {
+      ++summary.powerEvents;
+      summary.lastPower = text;
     }
-    ++events.count;
-    events.last = record->line.message + L" at " + record->time;
+    if (record->line.level == L"ERROR") {
+      summary.lastError = text;
+      summary.startedSince = false;
+    }
+    if (StartsModule(record->line)) summary.startedSince = true;
   }
 }
 
-Check Power(const std::string& folder) {
-  if (folder.empty()) {
-    return {.what = "power events",
-            .found = L"not known: no log folder of a service is named with --log"};
+void Log(const std::string& folder, std::vector<Check>& checks) {
+  constexpr wchar_t kAdvice[] = L"start the service, as administrator: vxhost service start";
+  const std::filesystem::path path = LogFolderOf(folder);
+  std::vector<std::filesystem::path> files;
+  try {
+    files = LogFilesIn(path);
+  } catch (const std::runtime_error& error) {
+    checks.push_back(
+        MakeCheck("log folder", false, Wide(error.what()), L"the log of a service", kAdvice));
+    return;
   }
-  const std::filesystem::path path = FullPath(folder);
-  std::error_code error;
-  static_cast<void>(std::filesystem::directory_iterator(path, error));
-  if (error) throw std::runtime_error("cannot list " + folder + ": " + error.message());
-  const std::vector<std::wstring> files = ServiceHost::LogFileNames(path.wstring());
-  PowerEvents events;
-  for (const std::wstring& file : files) CountPowerEvents(path / file, events);
-  return MakeCheck("power events", events.count != 0,
-                   events.count == 0 ? L"none in " + std::to_wstring(files.size()) + L" log files"
-                                     : std::to_wstring(events.count) + L", the last " + events.last,
-                   L"at least one", L"let the machine sleep and wake while the service runs");
+  LogSummary summary;
+  for (const auto& file : files) Read(file, summary);
+  checks.push_back({.what = "log folder",
+                    .found = path.wstring() + L", " + std::to_wstring(files.size()) + L" files"});
+  checks.push_back(MakeCheck("last error", summary.lastError.empty() || summary.startedSince,
+                             summary.lastError.empty() ? L"none" : summary.lastError,
+                             L"none since the last start",
+                             L"see what happened then: vxhost history"));
+  checks.push_back(
+      MakeCheck("power events", summary.powerEvents != 0,
+                summary.powerEvents == 0
+                    ? L"none in " + std::to_wstring(files.size()) + L" log files"
+                    : std::to_wstring(summary.powerEvents) + L", the last " + summary.lastPower,
+                L"at least one",
+                L"let the machine sleep and wake while the service runs: vxhost watch --service"));
 }
 
-std::vector<Check> Examine(const std::wstring& module, const Options& options) {
+std::vector<Check> Examine(const ModuleOptions& which, const Options& options) {
+  const std::wstring module = which.Path();
   std::optional<ModulePins> pins;
   try {
     pins.emplace(module);
@@ -327,11 +405,12 @@ std::vector<Check> Examine(const std::wstring& module, const Options& options) {
     pins.reset();  // its check reports that
   }
   std::vector<Check> checks;
-  checks.push_back(ModuleFile(module));
+  checks.push_back(ModuleFile(module, "module",
+                              L"install both from one package: vxhost service install --replace"));
   checks.push_back(ModuleSignature(module));
   Pins(module, pins, checks);
   checks.push_back(Folder(Expanded(L"%ProgramData%\\Vx")));
-  Store(options.limits, checks);
+  Store(options.limits, pins ? pins->Restricted() : Tessel::Security::KeySet(), checks);
   ConsoleUser(checks);
   checks.push_back(FirstRun());
   checks.push_back(Lockdown(pins ? pins->General() : Tessel::Security::KeySet()));
@@ -339,7 +418,13 @@ std::vector<Check> Examine(const std::wstring& module, const Options& options) {
   checks.push_back(Firmware());
   checks.push_back(SessionPart());
   checks.push_back(Triggers());
-  checks.push_back(Power(options.logFolder));
+  if (which.simulate) return checks;
+  checks.push_back({.what = "standby",
+                    .found = ServiceHost::HasModernStandby()
+                                 ? L"Modern Standby, which ends the wait of a delivery"
+                                 : L"no Modern Standby"});
+  Service(options.name, checks);
+  Log(options.logFolder, checks);
   return checks;
 }
 
@@ -380,7 +465,7 @@ int Doctor(const CommandLine& line, const Options& options, Console& console) {
     simulated.emplace();
     scope.emplace([&](Platform::Machine& machine) { simulated->Install(machine); });
   }
-  const auto checks = Examine(module.Path(), options);
+  const auto checks = Examine(module, options);
   if (line.Json()) {
     PrintJson(checks, console);
   } else {
@@ -403,8 +488,9 @@ void AddDoctorCommand(CommandLine& line) {
   CLI::App& doctor =
       line.Add("doctor", "examine whether this machine has what the module needs", kFooter,
                [&line, options](Console& console) { return Doctor(line, *options, console); });
+  doctor.add_option("--name", options->name, "the name of the service")->capture_default_str();
   doctor.add_option("--log", options->logFolder,
-                    "the log folder of a service that runs on this machine");
+                    "a folder of logs; by default that of the installed service");
   CommandLine::AddTimeout(doctor, options->limits);
   line.UseModule(doctor);
   line.OfferJson(doctor);
