@@ -25,15 +25,18 @@ CommandResult ServiceSession::Execute(std::uint32_t id, const std::wstring& requ
   if (caller.size() > kLongestCaller) {
     throw std::runtime_error("a client's identity has at most 64 characters");
   }
-  ClientContext* context = nullptr;
-  service->CreateClientContext(caller.c_str(), &context);
+  // Owned, because a host outlives a command for whose answer it had no memory.
+  const auto release = [this](ClientContext* context) { service->ReleaseClientContext(&context); };
+  ClientContext* made = nullptr;
+  service->CreateClientContext(caller.c_str(), &made);
+  const std::unique_ptr<ClientContext, decltype(release)> context(made, release);
   CommandResult answer;
   const DecisionScope decided(answer);
-  wchar_t* response = nullptr;
-  answer.code = service->ExecuteCommand(context, id, request.c_str(), &response, nullptr);
-  if (response != nullptr) answer.text = response;
-  service->FreeResponse(response);
-  service->ReleaseClientContext(&context);
+  wchar_t* text = nullptr;
+  answer.code = service->ExecuteCommand(context.get(), id, request.c_str(), &text, nullptr);
+  const auto free = [this](wchar_t* response) { service->FreeResponse(response); };
+  const std::unique_ptr<wchar_t, decltype(free)> response(text, free);
+  if (response != nullptr) answer.text = response.get();
   return answer;
 }
 
