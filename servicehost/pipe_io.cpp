@@ -64,6 +64,10 @@ PipeOutcome PipeMessages::Read(std::string& message, std::size_t limit,
   message.clear();
   std::vector<char> piece(kPiece);
   while (true) {
+    // Data that has arrived would hide the event: a client that always sends would never stop.
+    if (stop != nullptr && WaitForSingleObject(stop, 0) == WAIT_OBJECT_0) {
+      return PipeOutcome::Stopped;
+    }
     Operation read(*this);
     const BOOL started = ReadFile(pipe, piece.data(), kPiece, nullptr, &read.overlapped);
     const PipeOutcome outcome = read.Finish(started, static_cast<DWORD>(patience.count()));

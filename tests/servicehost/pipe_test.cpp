@@ -171,6 +171,7 @@ TEST_F(PipeTest, ItsEndWaitsForTheCommandThatRuns) {
   Serve();
   const auto pipe = RawClient();
   EXPECT_TRUE(Send(pipe, WriteCommand({1, L"slow"})));
+  EXPECT_TRUE(Send(pipe, WriteCommand({1, L"behind it"})));
   ASSERT_TRUE(Eventually([this] { return held == 1; }));
   std::atomic<bool> ended{false};
   Platform::Thread end([&] {
@@ -181,6 +182,7 @@ TEST_F(PipeTest, ItsEndWaitsForTheCommandThatRuns) {
   EXPECT_FALSE(ended);
   SetEvent(release.get());
   end.Join();
+  EXPECT_EQ(held, 1);
 }
 
 TEST_F(PipeTest, AHostileClientCostsTheOthersNothing) {
