@@ -61,6 +61,28 @@ file(CREATE_LINK ${VX_RAPIDJSON_ROOT}/rapidjson ${PROJECT_BINARY_DIR}/third_part
 add_library(rapidjson INTERFACE)
 target_include_directories(rapidjson SYSTEM INTERFACE ${PROJECT_BINARY_DIR}/third_party)
 
+# vx_delayed_import(NAME FUNCTION...): the library delayed_NAME, which imports functions of NAME.dll at their first
+# call (src/platform/windows/deferred_library.cpp). For each library that Windows does not keep mapped as a known one: a
+# program loads it from its own folder first, where anyone may have put another file of that name.
+function(vx_delayed_import name)
+  list(JOIN ARGN "\n" functions)
+  set(folder ${PROJECT_BINARY_DIR}/delayed)
+  file(WRITE ${folder}/${name}.def "LIBRARY ${name}.dll\nEXPORTS\n${functions}\n")
+  execute_process(COMMAND ${CMAKE_DLLTOOL} -d ${name}.def -y lib${name}.a WORKING_DIRECTORY ${folder}
+    COMMAND_ERROR_IS_FATAL ANY)
+  add_library(delayed_${name} STATIC IMPORTED GLOBAL)
+  set_target_properties(delayed_${name} PROPERTIES
+    IMPORTED_LOCATION ${folder}/lib${name}.a INTERFACE_LINK_LIBRARIES platform)
+endfunction()
+if(WIN32)
+  vx_delayed_import(bcrypt BCryptCloseAlgorithmProvider BCryptCreateHash BCryptDestroyHash BCryptFinishHash
+    BCryptHashData BCryptOpenAlgorithmProvider)
+  vx_delayed_import(crypt32 CertCloseStore CertEnumCertificatesInStore CertGetNameStringW CertNameToStrW
+    CryptDecodeObject CryptHashCertificate CryptProtectData CryptQueryObject CryptUnprotectData)
+  vx_delayed_import(version GetFileVersionInfoSizeW GetFileVersionInfoW VerQueryValueW)
+  vx_delayed_import(wtsapi32 WTSFreeMemory WTSQuerySessionInformationW WTSQueryUserToken)
+endif()
+
 # vx_headers(TARGET OWNER [HEADER...]): parses what most files include once, for the owner. Others of the same
 # compile options share that. Files include what they use nevertheless: scripts/lint reads them without these.
 function(vx_headers target owner)
@@ -73,8 +95,14 @@ function(vx_headers target owner)
 endfunction()
 
 # vx_version(FILE TYPE DESCRIPTION): the version resource of a file, as version.rc in the current build folder.
-# TYPE is VFT_DLL or VFT_APP.
+# TYPE is VFT_DLL or VFT_APP. An application also gets a manifest. Without one, a file beside it could have Windows
+# take other libraries, even known ones, from its folder:
+# https://learn.microsoft.com/windows/win32/sbscs/dll-com-redirection-on-windows
 function(vx_version file type description)
+  set(manifest "")
+  if(type STREQUAL VFT_APP)
+    set(manifest "1 24 \"${PROJECT_SOURCE_DIR}/cmake/application.manifest\"") # 24: RT_MANIFEST
+  endif()
   string(REPLACE "." "," version_numbers ${PROJECT_VERSION})
   cmake_path(GET file STEM name)
   configure_file(${PROJECT_SOURCE_DIR}/cmake/version.rc.in version.rc @ONLY)

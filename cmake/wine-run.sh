@@ -1,6 +1,6 @@
 #!/bin/sh
 # wine-run.sh PREFIX PROGRAM [ARG...]: runs a Windows program under Wine in the prefix PREFIX, which it
-# creates on first use.
+# creates on first use. VX_WITHOUT names libraries of Windows, with commas, that it does not find.
 set -u
 export WINEPREFIX="$1"
 shift
@@ -9,7 +9,7 @@ export LC_ALL=C.UTF-8 WINEARCH=win64 WINEDEBUG=${WINEDEBUG:--all}
 # that crashes ends with the exception's code at once. With it, some ended with 0, a success. The first
 # program with a message window would start the desktop, which shows nothing here and keeps that
 # program's output open until the server ends.
-export WINEDLLOVERRIDES='mscoree=;mshtml=;winemenubuilder.exe=d;winedbg.exe=d;explorer.exe=d'
+export WINEDLLOVERRIDES='mscoree=;mshtml=;winemenubuilder.exe=d;winedbg.exe=d;explorer.exe=d'"${VX_WITHOUT:+;$VX_WITHOUT=}"
 unset DISPLAY
 # Windows has its shared data at a fixed address, where Linux puts the heap of about one program in
 # 5,000: Wine then ends without a word. Some containers do not allow the fixed addresses.

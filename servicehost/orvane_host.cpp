@@ -9,9 +9,11 @@
 
 #include <shellapi.h>
 
+#include "hosting/program_start.h"
 #include "servicehost/service_process.h"
 
 int main() {
+  Vx::Hosting::PrepareProgram();
   int count = 0;
   const std::unique_ptr<wchar_t*, decltype(&LocalFree)> arguments(
       CommandLineToArgvW(GetCommandLineW(), &count), &LocalFree);

@@ -8,6 +8,7 @@
 
 #include <shellapi.h>
 
+#include "hosting/program_start.h"
 #include "hosting/text.h"
 #include "vxhost/commands/command_line.h"
 #include "vxhost/commands/doctor_command.h"
@@ -43,6 +44,7 @@ std::vector<std::string> Arguments() {
 }  // namespace
 
 int main() {
+  Vx::Hosting::PrepareProgram();
   const TerminalScope terminal;
   try {
     RefusePinnedSignature(Vx::Hosting::OwnPath(), Vx::Tessel::Security::BuiltGeneralKeys(),

@@ -27,6 +27,10 @@ class RealCom final : public Com {
   }
 
   std::int32_t CreateWbemLocator(IWbemLocator** locator) override {
+    // WMI needs this library. Without it, each text would look like a lack of memory.
+    if (Automation().Find<void>("SysAllocString") == nullptr) {
+      return HRESULT_FROM_WIN32(GetLastError());
+    }
     void* created = nullptr;
     const HRESULT result = CoCreateInstance(CLSID_WbemLocator, nullptr, CLSCTX_INPROC_SERVER,
                                             IID_IWbemLocator, &created);

@@ -1,11 +1,18 @@
 #include "platform/windows/deferred_library.h"
 
 #include <array>
+#include <cstdint>
 #include <cwchar>
+#include <string_view>
+
+#include <delayimp.h>
 
 #include "platform/sessions.h"
 #include "platform/unique_handle.h"
 #include "platform/windows/capabilities.h"
+
+extern "C" const IMAGE_DOS_HEADER
+    __ImageBase;  // NOLINT(bugprone-reserved-identifier): the linker's
 
 namespace Vx::Platform {
 
@@ -53,4 +60,51 @@ void* DeferredLibrary::Address(const char* name) noexcept {
   return reinterpret_cast<void*>(GetProcAddress(library, name));
 }
 
+namespace {
+
+constinit struct {
+  std::string_view name;
+  DeferredLibrary library;
+} libraries[] = {
+    {"bcrypt.dll", DeferredLibrary(L"bcrypt.dll")},
+    {"crypt32.dll", DeferredLibrary(L"crypt32.dll")},
+    {"version.dll", DeferredLibrary(L"version.dll")},
+    {"wtsapi32.dll", DeferredLibrary(L"wtsapi32.dll")},
+};
+
+template <typename Value>
+const Value* At(std::uintptr_t offset) {
+  return reinterpret_cast<const Value*>(reinterpret_cast<std::uintptr_t>(&__ImageBase) + offset);
+}
+
+// Stand in for a missing function, whatever its arguments.
+INT_PTR WINAPI FailWithLastError() {
+  SetLastError(ERROR_MOD_NOT_FOUND);
+  return 0;
+}
+INT_PTR WINAPI FailWithStatus() {
+  return static_cast<std::int32_t>(0xC0000135);  // STATUS_DLL_NOT_FOUND
+}
+
+}  // namespace
+
 }  // namespace Vx::Platform
+
+// Resolves the functions that vx_delayed_import (cmake/options.cmake) lists when they are called.
+// The toolchain's own helper would search the program's folder first, and raise an exception that
+// nothing here could handle. A missing function fails as its callers expect. Does not store the
+// address in `entry`, because the linker may have made the table read-only.
+// https://learn.microsoft.com/cpp/build/reference/understanding-the-helper-function
+extern "C" FARPROC WINAPI __delayLoadHelper2(  // NOLINT(bugprone-reserved-identifier): documented
+    PCImgDelayDescr from, FARPROC* entry) {
+  using namespace Vx::Platform;
+  const auto& thunk = At<IMAGE_THUNK_DATA>(from->rvaINT)[entry - At<FARPROC>(from->rvaIAT)];
+  const auto* const imported = At<IMAGE_IMPORT_BY_NAME>(thunk.u1.AddressOfData);
+  const std::string_view name = reinterpret_cast<const char*>(imported->Name);
+  const std::string_view file = At<char>(from->rvaDLLName);
+  for (auto& known : libraries) {
+    if (known.name != file) continue;
+    if (auto* const function = known.library.Find<INT_PTR WINAPI()>(name.data())) return function;
+  }
+  return name.starts_with("BCrypt") ? &FailWithStatus : &FailWithLastError;
+}

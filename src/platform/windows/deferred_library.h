@@ -6,10 +6,10 @@
 
 namespace Vx::Platform {
 
-// A Windows library that only a launch or the firmware needs, so that other hosts do not pay for
-// it. Loads it from the system directory at the first Find, as the process even if the thread
-// impersonates, and never frees it, which Windows forbids under the loader lock, while this module
-// is unloaded. So not for DllMain or constructors. Any thread. Does not throw.
+// A Windows library that only some operations need, or that a file beside the program could replace
+// if it were imported. Loads it from the system directory at the first Find, as the process even if
+// the thread impersonates, and never frees it, which Windows forbids under the loader lock, while
+// this module is unloaded. So not for DllMain or constructors. Any thread. Does not throw.
 class DeferredLibrary {
  public:
   constexpr explicit DeferredLibrary(const wchar_t* name) noexcept : fileName(name) {}

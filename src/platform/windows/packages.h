@@ -25,7 +25,8 @@ struct AppModelFunctions {
   IdFromFullName* packageIdFromFullName = nullptr;
 };
 
-// Loads nothing.
+// Returns the functions that this Windows has. They are exported by libraries that are always
+// loaded, but Windows may load another one to which it forwards them.
 AppModelFunctions ResolveAppModel() noexcept;
 
 // Returns the packages of this Windows, queried through `functions`. A query whose function is null

@@ -1,0 +1,16 @@
+#include "hosting/program_start.h"
+
+#include <windows.h>
+
+#include "platform/runtime/fail_fast.h"
+
+namespace Vx::Hosting {
+
+void PrepareProgram() noexcept {
+  Platform::FailFastOnTerminate();
+  // The libraries that the program imports load others late, which files beside it could replace.
+  // https://learn.microsoft.com/windows/win32/api/libloaderapi/nf-libloaderapi-setdefaultdlldirectories
+  if (SetDefaultDllDirectories(LOAD_LIBRARY_SEARCH_SYSTEM32) == FALSE) Platform::FailFast();
+}
+
+}  // namespace Vx::Hosting
