@@ -7,6 +7,8 @@
 
 #include <windows.h>
 
+#include "platform/clock.h"
+#include "platform/machine.h"
 #include "platform/shown_text.h"
 
 namespace Vx::Hosting::ServiceHost {
@@ -18,6 +20,12 @@ constexpr wchar_t kSources[] = L"SYSTEM\\CurrentControlSet\\Services\\EventLog\\
 // Message IDs from host_messages.mc, including the severity bits.
 constexpr std::uint32_t kWarningMessage = 0x80000001;
 constexpr std::uint32_t kErrorMessage = 0xC0000002;
+
+constexpr wchar_t kTooMany[] =
+    L"too many events: those of the next minute are in the log files of the service only";
+
+constexpr std::uint64_t kWindow = 60'000;  // milliseconds
+constexpr int kMostPerWindow = 30;
 
 constexpr wchar_t kNotRun[] = L" delivery did not run: ";
 constexpr wchar_t kReason[] = L", reason ";
@@ -85,6 +93,18 @@ bool EventLogTarget::Write(const LogEntry& entry) noexcept {
     const LogLine& line = entry.line;
     const bool lost = line.record && SaysThatNothingRan(*line.record);
     if (!lost && (line.provider != kHostProvider || line.level == L"INFO")) return true;
+    const std::uint64_t now = Platform::CurrentMachine().clock->TickCount();
+    if (now >= windowEnd) {
+      windowEnd = now + kWindow;
+      room = kMostPerWindow;
+    }
+    if (room <= 0) return true;
+    if (--room == 0) {
+      windowEnd = now + kWindow;
+      static_cast<void>(
+          journal->Report(EVENTLOG_WARNING_TYPE, kWarningMessage, {kTooMany, kHostProvider}));
+      return true;
+    }
     const bool error = !lost && line.level == L"ERROR";
     static_cast<void>(
         journal->Report(error ? EVENTLOG_ERROR_TYPE : EVENTLOG_WARNING_TYPE,

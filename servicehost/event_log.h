@@ -27,8 +27,9 @@ std::unique_ptr<EventJournal> OpenEventJournal(const std::wstring& source);
 
 // Writes to the event log what an operator must act on: warnings and errors from the host itself,
 // and as a warning each delivery whose command did not run. The module's own levels are no guide,
-// because even a successful launch logs errors. An event that Windows refuses does not count as
-// lost, because the log files have it.
+// because even a successful launch logs errors. After 29 events within a minute, one more says so
+// and the next minute's are left out, because other programs share the event log. An event that is
+// left out or that Windows refuses does not count as lost, because the log files have it.
 class EventLogTarget final : public LogTarget {
  public:
   explicit EventLogTarget(std::unique_ptr<EventJournal> where) : journal(std::move(where)) {}
@@ -37,6 +38,8 @@ class EventLogTarget final : public LogTarget {
 
  private:
   std::unique_ptr<EventJournal> journal;
+  std::uint64_t windowEnd = 0;  // tick count
+  int room = 0;                 // events until then
 };
 
 // Registers the event source `name` in the "Application" log with the message file `program`, which

@@ -10,6 +10,8 @@
 
 #include <sddl.h>
 
+#include "platform/clock.h"
+#include "platform/machine.h"
 #include "servicehost/pipe_io.h"
 
 namespace Vx::Hosting::ServiceHost {
@@ -26,6 +28,10 @@ constexpr wchar_t kAccountIsFull[] =
     L"a client was turned away, because its account holds too many places: ";
 constexpr wchar_t kReserved[] =
     L"a client was turned away, because the places left are for administrators: ";
+constexpr wchar_t kUnknown[] =
+    L"a client was turned away, because Windows does not tell its account: ";
+constexpr wchar_t kMore[] = L" (and ";  // followed by the count
+constexpr wchar_t kSinceLast[] = L" more since the last such line)";
 constexpr wchar_t kNoMemory[] = L"a client was turned away, because memory ran out";
 constexpr wchar_t kNoThread[] = L"a client was turned away, because no thread could be started";
 constexpr wchar_t kRubbish[] = L"a client was disconnected, its message is not a command: ";
@@ -159,6 +165,8 @@ void PipeServer::JoinThoseThatAreOver() {
 // the others, and none must lock out SYSTEM and the administrators, who repair faults.
 const wchar_t* PipeServer::WhyTurnedAway(const PipeCaller& caller) const {
   if (caller.privileged) return nullptr;
+  // Such clients would share places of their own, beyond those of their account.
+  if (caller.account.empty()) return kUnknown;
   const auto places = std::count_if(connections.begin(), connections.end(), [&](const auto& other) {
     return !other.caller.privileged && other.caller.account == caller.account;
   });
@@ -171,10 +179,9 @@ void PipeServer::Admit(UniqueHandle pipe) {
   if (GetNamedPipeClientProcessId(pipe.get(), &processId) == FALSE) return;  // the client is gone
   PipeCaller caller = options.identify(processId);
   if (const wchar_t* const why = WhyTurnedAway(caller)) {
-    if (turnedAway.insert(caller.account).second) report(L"WARNING", why + caller.account);
+    Warn(why, caller.account.empty() ? CallerName(processId) : caller.account);
     return;
   }
-  turnedAway.erase(caller.account);
   Connection& connection = connections.emplace_back();
   connection.pipe = std::move(pipe);
   connection.processId = processId;
@@ -183,8 +190,26 @@ void PipeServer::Admit(UniqueHandle pipe) {
     connection.thread = Platform::Thread([this, &connection] { Serve(connection); });
   } catch (const std::exception&) {  // no thread or out of memory
     connections.pop_back();
-    report(L"WARNING", kNoThread);
+    Warn(kNoThread);
   }
+}
+
+void PipeServer::Warn(const wchar_t* why, const std::wstring& who) {
+  const std::uint64_t now = Platform::CurrentMachine().clock->TickCount();
+  std::uint64_t more = 0;
+  {
+    const std::lock_guard guard(lock);
+    auto* const warning = std::ranges::find_if(
+        warnings, [why](const Warning& w) { return w.why == why || w.why == nullptr; });
+    if (warning->why != nullptr && now < warning->next) {
+      ++warning->more;
+      return;
+    }
+    more = std::exchange(warning->more, 0);
+    *warning = {why, now + static_cast<std::uint64_t>(options.quiet.count())};
+  }
+  if (who.empty() && more == 0) return report(L"WARNING", why);  // needs no memory
+  report(L"WARNING", why + who + (more == 0 ? L"" : kMore + std::to_wstring(more) + kSinceLast));
 }
 
 void PipeServer::Serve(Connection& connection) noexcept {
@@ -196,16 +221,16 @@ void PipeServer::Serve(Connection& connection) noexcept {
       if (client.empty()) client = CallerName(connection.processId);
       const auto command = ParseCommand(message);
       if (!command) {
-        report(L"WARNING", kRubbish + client);
+        Warn(kRubbish, client);
         break;
       }
       const std::string result = WriteResult(handler(*command, client));
       if (result.size() > kLongestResult) {
-        report(L"WARNING", kTooLong + client);
+        Warn(kTooLong, client);
         break;
       }
       const PipeOutcome outcome = messages.Write(result, options.stuck);
-      if (outcome == PipeOutcome::TimedOut) report(L"WARNING", kTooSlow + client);
+      if (outcome == PipeOutcome::TimedOut) Warn(kTooSlow, client);
       if (outcome != PipeOutcome::Done) break;
     }
   } catch (const std::exception&) {

@@ -1,12 +1,12 @@
 #pragma once
 
+#include <array>
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <list>
 #include <mutex>
-#include <set>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -33,6 +33,7 @@ struct PipeOptions {
   std::function<PipeCaller(std::uint32_t processId)> identify = &CallerOf;
   std::chrono::milliseconds idle = std::chrono::minutes(10);   // without a command
   std::chrono::milliseconds stuck = std::chrono::seconds(30);  // until a result is read
+  std::chrono::milliseconds quiet = std::chrono::minutes(1);   // between warnings of one kind
   std::chrono::milliseconds retry = std::chrono::seconds(10);  // between attempts to open the pipe
 };
 
@@ -63,11 +64,20 @@ class PipeServer {
     bool over = false;  // guarded by `lock`
   };
 
+  // The last warning of a kind.
+  struct Warning {
+    const wchar_t* why = nullptr;
+    std::uint64_t next = 0;  // tick count before which further ones are only counted
+    std::uint64_t more = 0;
+  };
+
   void Listen() noexcept;
   Platform::UniqueHandle NewInstance(bool first) const;
   const wchar_t* WhyTurnedAway(const PipeCaller& caller) const;
   void Admit(Platform::UniqueHandle pipe);
   void Serve(Connection& connection) noexcept;
+  // Reports a fault of a client, or counts it, so that clients cannot flood the logs. Any thread.
+  void Warn(const wchar_t* why, const std::wstring& who = {});
   void JoinThoseThatAreOver();
   bool WaitForRoom();
 
@@ -78,8 +88,8 @@ class PipeServer {
   Platform::UniqueHandle stop;
   Platform::UniqueHandle left;  // auto-reset: signalled when a connection ends
   std::mutex lock;
-  std::list<Connection> connections;  // changed only by the listener, like the next one
-  std::set<std::wstring> turnedAway;  // accounts reported as turned away and not admitted since
+  std::array<Warning, 8> warnings;    // guarded by `lock`; more than there are kinds
+  std::list<Connection> connections;  // changed only by the listener
   Platform::Thread listener;
 };
 

@@ -30,6 +30,7 @@
 #include "platform/thread.h"
 #include "platform/threads.h"
 #include "servicehost/pipe_io.h"
+#include "simulator/virtual_clock.h"
 #include "support/import_override.h"
 #include "support/memory_shortage.h"
 #include "support/probe.h"
@@ -75,6 +76,7 @@ class PipeTest : public ::testing::Test {
     options.idle = idle;
     options.stuck = 200ms;
     options.retry = 20ms;
+    options.quiet = quiet;
     if (identify != nullptr) {
       options.identify = identify;
       options.perAccount = 3;
@@ -139,6 +141,7 @@ class PipeTest : public ::testing::Test {
 
   const std::wstring path = PipePath(L"test-" + std::to_wstring(GetCurrentProcessId()));
   std::chrono::milliseconds idle = 10min;
+  std::chrono::milliseconds quiet = 1min;
   std::function<PipeCaller(std::uint32_t)> identify;
   Platform::UniqueHandle release{CreateEventW(nullptr, TRUE, FALSE, nullptr)};
   std::atomic<int> held{0};
@@ -229,6 +232,7 @@ TEST_F(PipeTest, AShortageCostsOneClientAndIsReported) {
       {Missing::Nothing, 3, L"WARNING a client was disconnected, its result is too long: "},
       {Missing::Nothing, 4, L"ERROR a connection ended without memory"},
   };
+  quiet = 0ms;
   Serve();
   for (const auto& c : kCases) {
     SCOPED_TRACE(::testing::PrintToString(std::wstring(c.line)));
@@ -330,6 +334,7 @@ TEST_F(PipeTest, NobodyKeepsAdministratorsOrOtherAccountsOut) {
     if (!served) crowd.pop_back();
     return served;
   };
+  EXPECT_FALSE(isServed({}));
   for (int i = 0; i < 3; ++i) EXPECT_TRUE(isServed(ann));
   for (int i = 0; i < 2; ++i) EXPECT_FALSE(isServed(ann));
   EXPECT_TRUE(isServed(bob));
@@ -339,9 +344,30 @@ TEST_F(PipeTest, NobodyKeepsAdministratorsOrOtherAccountsOut) {
   EXPECT_TRUE(isServed(administrator));
   EXPECT_EQ(Reports(),
             L"INFO the pipe is open: " + path +
+                L"\nWARNING a client was turned away, because Windows does not tell its account: " +
+                CallerName(GetCurrentProcessId()) +
                 L"\nWARNING a client was turned away, because its account holds too many places: "
                 L"ann\nWARNING a client was turned away, because the places left are for "
                 L"administrators: bob\n");
+}
+
+TEST_F(PipeTest, WarnsOfClientsOnceAMinuteForEachKindAndCountsTheOthers) {
+  Simulator::VirtualClock clock;
+  const Platform::MachineScope timed([&](Platform::Machine& machine) { machine.clock = &clock; });
+  Serve();
+  const auto sendRubbish = [&] {
+    const auto pipe = RawClient();
+    char byte = 0;
+    DWORD size = 0;
+    EXPECT_TRUE(Send(pipe, "rubbish"));
+    EXPECT_FALSE(ReadFile(pipe.get(), &byte, 1, &size, nullptr));
+  };
+  for (int i = 0; i < 4; ++i) sendRubbish();
+  clock.JumpTicks(1min);
+  sendRubbish();
+  server.reset();
+  EXPECT_EQ(std::count(reports.begin(), reports.end(), L'\n'), 3);
+  EXPECT_THAT(reports, EndsWith(L" (and 3 more since the last such line)\n"));
 }
 
 std::atomic<int> refusedInstances{0};

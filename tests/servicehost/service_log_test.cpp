@@ -15,11 +15,13 @@
 #include <windows.h>
 
 #include "hosting/text.h"
+#include "platform/machine.h"
 #include "platform/thread.h"
 #include "platform/unique_handle.h"
 #include "servicehost/event_log.h"
 #include "servicehost/log_folder.h"
 #include "servicehost/trace_target.h"
+#include "simulator/virtual_clock.h"
 #include "support/import_override.h"
 #include "support/memory_shortage.h"
 #include "support/temp_folder.h"
@@ -32,6 +34,8 @@ namespace {
 
 using ::testing::ElementsAre;
 using ::testing::EndsWith;
+using ::testing::HasSubstr;
+using namespace std::chrono_literals;
 
 constexpr std::uint64_t kDay = std::uint64_t{86'400} * 10'000'000;
 constexpr std::uint64_t kFirstDay = 154'497 * kDay;  // 2024-01-01
@@ -336,6 +340,27 @@ TEST(EventLogTest, TakesTheHostsWarningsAndTheDeliveriesThatDidNotRun) {
             L"target C:\\\xFF05"
             L"1 \xFF05{\xFFFD.exe|Vx-Test|\xFF05"
             L"2|7");
+}
+
+TEST(EventLogTest, AFloodOfEventsIsCutForAMinuteWithOneEventThatSaysSo) {
+  Simulator::VirtualClock clock;
+  const Platform::MachineScope scope([&](Platform::Machine& machine) { machine.clock = &clock; });
+  std::vector<std::wstring> records;
+  EventLogTarget target(std::make_unique<Journal>(records));
+  const auto write = [&](int count) {
+    for (int i = 0; i < count; ++i) {
+      EXPECT_TRUE(target.Write({kFirstDay, 7, 9, {L"ERROR", kHostProvider, L"", L"text"}}));
+    }
+  };
+  write(100);
+  EXPECT_EQ(records.size(), 30U);
+  EXPECT_THAT(records.back(),
+              HasSubstr(L"|too many events: those of the next minute are in the log "
+                        L"files of the service only|"));
+  clock.JumpTicks(1min);
+  write(1);
+  EXPECT_EQ(records.size(), 31U);
+  EXPECT_THAT(records.back(), HasSubstr(L"|text|"));
 }
 
 TEST(EventLogTest, ItsSourceNamesTheMessageFileAndGoes) {
