@@ -12,6 +12,7 @@
 #include <windows.h>
 
 #include "hosting/text.h"
+#include "hosting/windows_error.h"
 #include "servicehost/event_log.h"
 #include "servicehost/guarded_folder.h"
 #include "servicehost/log_folder.h"
@@ -54,6 +55,7 @@ class ManagerSink final : public StatusSink {
     if (state.checkpoint != 0) status.dwWaitHint = kWaitHint;
     if (state.state == SERVICE_RUNNING) status.dwControlsAccepted = ServiceProcess::Accepted();
     status.dwWin32ExitCode = state.exitCode;
+    status.dwServiceSpecificExitCode = state.specificCode;
     SetServiceStatus(handle, &status);
   }
 
@@ -78,6 +80,16 @@ void WINAPI ServiceMain(DWORD /*count*/, LPWSTR* /*arguments*/) noexcept {
   ServiceProcess service(ReadParameters(TheName()), std::move(places), sink);
   sink.handle = RegisterServiceCtrlHandlerExW(TheName().c_str(), &HandleControl, &service);
   if (sink.handle != nullptr) service.Run();
+}
+
+// Returns Windows' error, which the service manager shows, or 1.
+std::uint32_t CodeOf(const std::exception& error) noexcept {
+  std::uint32_t code = 0;
+  if (const auto* windows = dynamic_cast<const WindowsError*>(&error)) code = windows->Code();
+  if (const auto* refused = dynamic_cast<const std::system_error*>(&error)) {
+    code = static_cast<std::uint32_t>(refused->code().value());
+  }
+  return code == 0 ? 1 : code;
 }
 
 // Reports progress while the main thread blocks.
@@ -214,16 +226,17 @@ std::uint32_t ServiceProcess::Accepted() {
 }
 
 // Only pending states have a checkpoint. Reporting the same one again signals progress.
-void ServiceProcess::Report(std::uint32_t state, std::uint32_t exitCode) noexcept {
+void ServiceProcess::Report(std::uint32_t state, std::uint32_t specificCode) noexcept {
   const std::lock_guard guard(stateLock);
   const bool pending = state == SERVICE_START_PENDING || state == SERVICE_STOP_PENDING;
   const std::uint32_t last = reported.state == state ? reported.checkpoint : 0;
-  reported = {state, pending ? last + 1 : 0, exitCode};
+  const DWORD exitCode = specificCode == 0 ? ERROR_SUCCESS : ERROR_SERVICE_SPECIFIC_ERROR;
+  reported = {state, pending ? last + 1 : 0, exitCode, specificCode};
   sink.Report(reported);
 }
 
 void ServiceProcess::Run() noexcept {
-  std::uint32_t exitCode = ERROR_SUCCESS;
+  std::uint32_t failure = 0;
   try {
     Serve();
   } catch (const std::exception& error) {
@@ -231,10 +244,10 @@ void ServiceProcess::Run() noexcept {
       log.Add(L"ERROR", kFailed + Wide(error.what()));
     } catch (const std::exception&) {  // NOLINT(bugprone-empty-catch): the exit code says so
     }
-    exitCode = ERROR_SERVICE_SPECIFIC_ERROR;
+    failure = CodeOf(error);
   }
   log.Flush();  // the process may end after the report
-  Report(SERVICE_STOPPED, exitCode);
+  Report(SERVICE_STOPPED, failure);
 }
 
 void ServiceProcess::Serve() {

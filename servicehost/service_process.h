@@ -30,6 +30,7 @@ struct ServiceStatus {
   std::uint32_t state = 0;       // SERVICE_START_PENDING etc.
   std::uint32_t checkpoint = 0;  // increases while starting or stopping
   std::uint32_t exitCode = 0;
+  std::uint32_t specificCode = 0;  // with ERROR_SERVICE_SPECIFIC_ERROR
 };
 
 // The service manager, as seen by the service.
@@ -105,7 +106,7 @@ class ServiceProcess {
   class Published;
 
   void Serve();
-  void Report(std::uint32_t state, std::uint32_t exitCode = 0) noexcept;
+  void Report(std::uint32_t state, std::uint32_t specificCode = 0) noexcept;
 
   const ServiceOptions options;
   StatusSink& sink;

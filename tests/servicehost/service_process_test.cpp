@@ -17,6 +17,7 @@
 #include <windows.h>
 
 #include <aclapi.h>
+#include <sddl.h>
 
 #include "hosting/text.h"
 #include "platform/machine.h"
@@ -33,14 +34,17 @@
 extern "C" decltype(&ChangeServiceConfig2W) __imp_ChangeServiceConfig2W;
 extern "C" decltype(&GetSecurityInfo) __imp_GetSecurityInfo;
 extern "C" decltype(&RegSetKeyValueW) __imp_RegSetKeyValueW;
+extern "C" decltype(&SetServiceObjectSecurity) __imp_SetServiceObjectSecurity;
 // NOLINTEND(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
 
 namespace Vx::Hosting::ServiceHost {
 namespace {
 
 using ::testing::ElementsAre;
+using ::testing::EndsWith;
 using ::testing::HasSubstr;
 using ::testing::Not;
+using ::testing::ThrowsMessage;
 
 constexpr std::uint32_t kWriting = FILE_WRITE_DATA | WRITE_DAC;
 
@@ -191,6 +195,15 @@ TEST(ServiceManagerTest, ARefusedSettingLeavesNoServiceExceptOneThatWasThere) {
   manager.Remove(plan.name);
 }
 
+std::wstring newAccess;
+BOOL WINAPI SetAccess(SC_HANDLE, SECURITY_INFORMATION what, PSECURITY_DESCRIPTOR access) {
+  wchar_t* text = nullptr;
+  ConvertSecurityDescriptorToStringSecurityDescriptorW(access, SDDL_REVISION_1, what, &text,
+                                                       nullptr);
+  newAccess = Platform::UniqueLocalMemory<wchar_t>(text).get();
+  return TRUE;
+}
+
 // A service as an earlier version installed it, with the options in its command line.
 TEST(ServiceManagerTest, ReplacingMovesTheOptionsFromTheCommandLineToTheParameters) {
   const std::wstring name = L"VxOlder" + std::to_wstring(GetCurrentProcessId());
@@ -204,16 +217,33 @@ TEST(ServiceManagerTest, ReplacingMovesTheOptionsFromTheCommandLineToTheParamete
       L"--allow S-1-5-4 --development",
       nullptr, nullptr, nullptr, nullptr, nullptr));
   ASSERT_NE(older, nullptr);
-  older.reset();
   Tool::ServiceManager manager;
   const ServiceOptions before = manager.Query(name)->options;
   EXPECT_EQ(before.module, L"");
-  manager.Install({.name = name,
-                   .program = L"C:\\a b\\OrvaneHost.exe",
-                   .module = L"C:\\a b\\m.dll",
-                   .allowed = before.allowed,
-                   .development = before.development,
-                   .replaces = true});
+  const Tool::ServicePlan plan{.name = name,
+                               .program = L"C:\\a b\\OrvaneHost.exe",
+                               .module = L"C:\\a b\\m.dll",
+                               .allowed = before.allowed,
+                               .development = before.development,
+                               .replaces = true};
+  const auto runAs = [&](const wchar_t* account) {
+    EXPECT_TRUE(ChangeServiceConfigW(static_cast<SC_HANDLE>(older.get()), SERVICE_NO_CHANGE,
+                                     SERVICE_NO_CHANGE, SERVICE_NO_CHANGE, nullptr, nullptr,
+                                     nullptr, nullptr, account, L"", nullptr));
+  };
+  runAs(L"NT AUTHORITY\\LocalService");
+  EXPECT_THAT([&] { manager.Install(plan); },
+              ThrowsMessage<std::runtime_error>(EndsWith(
+                  "runs as NT AUTHORITY\\LocalService and not as LocalSystem; remove it first")));
+  EXPECT_EQ(manager.Query(name)->options.module, L"");
+  runAs(L"LocalSystem");
+  older.reset();
+  const Tests::ImportOverride access(__imp_SetServiceObjectSecurity, &SetAccess);
+  manager.Install(plan);
+  // The list of a new service, as Windows documents it.
+  EXPECT_EQ(newAccess,
+            L"O:BAD:(A;;CCLCSWRPWPDTLOCRRC;;;SY)(A;;CCDCLCSWRPWPDTLOCRSDRCWDWO;;;BA)"
+            L"(A;;CCLCSWLOCRRC;;;IU)(A;;CCLCSWLOCRRC;;;SU)");
   const auto report = manager.Query(name);
   EXPECT_EQ(report->image, L"\"C:\\a b\\OrvaneHost.exe\" " + name);
   EXPECT_FALSE(report->automatic);
@@ -345,12 +375,18 @@ TEST_F(ServiceProcessTest, TakesEventsOfUsersOnlyUnderDevelopment) {
 }
 
 TEST_F(ServiceProcessTest, AModuleThatCannotBeLoadedEndsItWithAnErrorAndALine) {
-  for (const auto& [module, line] : {std::pair{L"C:\\windows\\none.dll", L": cannot load C:"},
-                                     std::pair{L"", L": no module is named below the key"}}) {
+  const struct {
+    const wchar_t* module;
+    std::uint32_t code;
+    const wchar_t* line;
+  } kCases[] = {{L"C:\\windows\\none.dll", ERROR_MOD_NOT_FOUND, L": cannot load C:"},
+                {L"", 1, L": no module is named below the key"}};
+  for (const auto& [module, code, line] : kCases) {
     ServiceProcess& one = Service(module, false);
     one.Run();
     EXPECT_EQ(states.back().state, static_cast<std::uint32_t>(SERVICE_STOPPED));
     EXPECT_EQ(states.back().exitCode, static_cast<std::uint32_t>(ERROR_SERVICE_SPECIFIC_ERROR));
+    EXPECT_EQ(states.back().specificCode, code);
     EXPECT_THAT(lines.Text(), HasSubstr(std::wstring(L"the service cannot run") + line));
     EXPECT_EQ(one.Control(SERVICE_CONTROL_POWEREVENT, 7), static_cast<std::uint32_t>(NO_ERROR));
   }

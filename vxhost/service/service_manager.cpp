@@ -1,6 +1,7 @@
 #include "vxhost/service/service_manager.h"
 
 #include <algorithm>
+#include <array>
 #include <chrono>
 #include <cstddef>
 #include <iterator>
@@ -11,6 +12,7 @@
 
 #include <windows.h>
 
+#include <sddl.h>
 #include <shellapi.h>
 
 #include "hosting/text.h"
@@ -38,6 +40,13 @@ wchar_t description[] =
 constexpr const wchar_t* kPrivileges[] = {L"SeAssignPrimaryTokenPrivilege",
                                           L"SeChangeNotifyPrivilege", L"SeImpersonatePrivilege",
                                           L"SeIncreaseQuotaPrivilege", L"SeTcbPrivilege"};
+
+// Windows' list for a new service: users at the machine may query it and send it user-defined
+// controls. https://learn.microsoft.com/windows/win32/services/service-security-and-access-rights
+constexpr wchar_t kAccess[] =
+    L"O:BAD:(A;;CCLCSWRPWPDTLOCRRC;;;SY)(A;;CCDCLCSWRPWPDTLOCRSDRCWDWO;;;BA)"
+    L"(A;;CCLCSWLOCRRC;;;IU)(A;;CCLCSWLOCRRC;;;SU)";
+constexpr wchar_t kAccount[] = L"LocalSystem";
 
 std::string AdviceFor(DWORD error) {
   static constexpr struct {
@@ -87,6 +96,45 @@ SERVICE_STATUS_PROCESS StatusOf(const UniqueServiceHandle& service, const std::w
     Refused("query", name, GetLastError());
   }
   return status;
+}
+
+struct ServiceConfig {
+  // The most that Windows returns.
+  alignas(QUERY_SERVICE_CONFIGW) std::array<std::byte, 8192> buffer;
+  const QUERY_SERVICE_CONFIGW* operator->() const {
+    return reinterpret_cast<const QUERY_SERVICE_CONFIGW*>(buffer.data());
+  }
+};
+
+ServiceConfig ConfigOf(const UniqueServiceHandle& service, const std::wstring& name) {
+  ServiceConfig config;
+  DWORD size = 0;
+  if (QueryServiceConfigW(Raw(service),
+                          reinterpret_cast<QUERY_SERVICE_CONFIGW*>(config.buffer.data()),
+                          static_cast<DWORD>(config.buffer.size()), &size) == FALSE) {
+    Refused("query", name, GetLastError());
+  }
+  return config;
+}
+
+// Gives a service that is to be replaced the owner and the access list of a new one, so that no
+// other account can change what will run as SYSTEM.
+void TakeOver(const UniqueServiceHandle& service, const std::wstring& name) {
+  const std::wstring account = ConfigOf(service, name)->lpServiceStartName;
+  if (_wcsicmp(account.c_str(), kAccount) != 0) {
+    throw std::runtime_error("the service " + Utf8(name) + " runs as " + Utf8(account) +
+                             " and not as LocalSystem; remove it first");
+  }
+  PSECURITY_DESCRIPTOR raw = nullptr;
+  if (ConvertStringSecurityDescriptorToSecurityDescriptorW(kAccess, SDDL_REVISION_1, &raw,
+                                                           nullptr) == FALSE) {
+    Refused("replace", name, GetLastError());
+  }
+  const Platform::UniqueLocalMemory<void> access(raw);
+  if (SetServiceObjectSecurity(Raw(service), OWNER_SECURITY_INFORMATION | DACL_SECURITY_INFORMATION,
+                               raw) == FALSE) {
+    Refused("replace", name, GetLastError());
+  }
 }
 
 // Waits while `holds` returns true for the service's state.
@@ -187,6 +235,7 @@ std::vector<std::string> ServiceManager::Install(const ServicePlan& plan) {
   }
   if (service == nullptr) Refused("install", plan.name, GetLastError());
   try {
+    if (!created) TakeOver(service, plan.name);
     // Written first, because a service being replaced may start between the steps.
     ServiceHost::WriteParameters({plan.name, plan.module, plan.allowed, plan.development});
     if (!created && ChangeServiceConfigW(Raw(service), SERVICE_WIN32_OWN_PROCESS,
@@ -264,12 +313,7 @@ std::optional<ServiceReport> ServiceManager::Query(const std::wstring& name) {
     Refused("query", name, error);
   }
   const auto status = StatusOf(service, name);
-  alignas(QUERY_SERVICE_CONFIGW) std::byte buffer[8192];  // the maximum that Windows returns
-  auto* config = reinterpret_cast<QUERY_SERVICE_CONFIGW*>(buffer);
-  DWORD size = 0;
-  if (QueryServiceConfigW(Raw(service), config, sizeof buffer, &size) == FALSE) {
-    Refused("query", name, GetLastError());
-  }
+  const ServiceConfig config = ConfigOf(service, name);
   ServiceHost::ServiceOptions options = ServiceHost::ReadParameters(name);
   if (options.module.empty()) AddEarlierOptions(config->lpBinaryPathName, options);
   return ServiceReport{.state = status.dwCurrentState,

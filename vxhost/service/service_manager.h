@@ -53,8 +53,9 @@ class ServiceManager {
   // Registers a LocalSystem service in its own process, with failure actions, a service SID and
   // only the required privileges. If Windows refuses a setting, removes the new service again. A
   // replaced service instead keeps the changes made so far, effective from its next start. It may
-  // be from an earlier version, which kept the parameters in the command line. Returns the settings
-  // that this system does not support. Windows supports all.
+  // be from an earlier version, which kept the parameters in the command line, and gets the owner
+  // and access list of a new one, but must run as LocalSystem already. Returns the settings that
+  // this system does not support. Windows supports all.
   std::vector<std::string> Install(const ServicePlan& plan);
 
   // Start the service, or ask it to stop, and wait until it has, and on a stop until its process is
