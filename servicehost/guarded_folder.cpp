@@ -39,6 +39,8 @@ constexpr std::uint32_t kReplacingChildren =
     FILE_DELETE_CHILD | WRITE_DAC | WRITE_OWNER | GENERIC_ALL;
 constexpr std::uint32_t kWriting = FILE_WRITE_DATA | FILE_APPEND_DATA | kReplacing;
 
+constexpr std::uint32_t kChangingTheList = WRITE_DAC | WRITE_OWNER | GENERIC_ALL;
+
 // Sets the owner: an account that created the folder could otherwise still change the list.
 constexpr wchar_t kReadable[] = L"O:BAD:P(A;OICI;GA;;;SY)(A;OICI;GA;;;BA)(A;OICI;GRGX;;;BU)";
 constexpr wchar_t kPrivate[] = L"O:BAD:P(A;OICI;GA;;;SY)(A;OICI;GA;;;BA)";
@@ -153,14 +155,14 @@ void Close(Platform::RawHandle folder, const std::wstring& path, const wchar_t* 
   if (error != ERROR_SUCCESS) ThrowError(path, " cannot be repaired", error);
 }
 
-// Replaces a folder created by another account, which may still have a handle with the right to
-// change its list. Returns the old folder's new path.
+// Replaces a folder whose list another account could change, because it may still have a handle
+// with that right. Returns the old folder's new path.
 std::wstring Replace(Platform::UniqueHandle& folder, const std::wstring& path,
                      const wchar_t* access) {
   const auto name = Platform::NewUuid();
   std::wstring aside = path + L".replaced-" + (name ? *name : std::wstring());
   const Platform::ErrorCode error = Platform::RenameTo(folder.get(), aside);
-  if (error != 0) ThrowError(path, " belongs to another account and cannot be renamed", error);
+  if (error != 0) ThrowError(path, " may be open in another account and cannot be renamed", error);
   folder.reset();
   if (!Make(path, access)) throw std::runtime_error(Utf8(path) + " was made again meanwhile");
   folder = Hold(path, 0);
@@ -228,7 +230,7 @@ std::vector<std::string> DataFolders::Prepare(Existing existing) const {
       if (!repairs) {
         throw std::runtime_error(why + "; look at what it holds, then install with --repair");
       }
-      if (access && !OtherWriters({access->owner, {}}, kWriting, accepted).empty()) {
+      if (!access || !OtherWriters(*access, kChangingTheList, accepted).empty()) {
         why += "; what it held is in " + Utf8(Replace(opened, path, folder.access));
       } else {
         Close(opened.get(), path, folder.access);

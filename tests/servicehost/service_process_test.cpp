@@ -1,5 +1,7 @@
 #include "servicehost/service_process.h"
 
+#include <algorithm>
+#include <cstddef>
 #include <cstdint>
 #include <filesystem>
 #include <fstream>
@@ -76,15 +78,17 @@ TEST(GuardedFolderTest, AnyAccountBesidesTheSystemsThatMayWriteIsFound) {
 }
 
 // Takes the place of Windows: something happens before the first access list is read, which then
-// names another owner.
+// names another owner or is another one.
 std::function<void()> beforeFirst;
 PSID firstOwner = nullptr;
+PACL firstList = nullptr;
 const auto readSecurity = __imp_GetSecurityInfo;
 DWORD WINAPI ReadSecurity(HANDLE file, SE_OBJECT_TYPE type, SECURITY_INFORMATION what, PSID* owner,
                           PSID* group, PACL* list, PACL* audit, PSECURITY_DESCRIPTOR* all) {
   if (const auto act = std::exchange(beforeFirst, nullptr)) act();
   const DWORD error = readSecurity(file, type, what, owner, group, list, audit, all);
   if (PSID other = std::exchange(firstOwner, nullptr)) *owner = other;
+  if (PACL other = std::exchange(firstList, nullptr)) *list = other;
   return error;
 }
 
@@ -109,21 +113,44 @@ TEST_F(DataFoldersTest, AFolderCannotBeReplacedWhileItIsJudged) {
   EXPECT_EQ(error, DWORD{ERROR_SHARING_VIOLATION});
 }
 
-TEST_F(DataFoldersTest, AFolderOfAnotherAccountIsRenamedAndMadeAgain) {
-  std::ofstream(data / L"kept") << "x";
+// Whoever could change the list may still hold the folder open with that right.
+TEST_F(DataFoldersTest, AFolderWhoseListAnotherAccountCouldChangeIsRenamedAndMadeAgain) {
   SID everyone{SID_REVISION, 1, SECURITY_WORLD_SID_AUTHORITY, {SECURITY_WORLD_RID}};
-  firstOwner = &everyone;
-  EXPECT_THROW(folders.Prepare(DataFolders::Existing::Report), std::runtime_error);
-  firstOwner = &everyone;
-  EXPECT_THAT(folders.Prepare(DataFolders::Existing::Repair),
-              testing::ElementsAre(testing::HasSubstr("Vx.replaced-")));
-  EXPECT_FALSE(exists(data / L"kept"));
-  EXPECT_TRUE(exists(data / L"SharedServices"));
-  std::size_t kept = 0;
-  for (const auto& entry : std::filesystem::directory_iterator(parent.Path())) {
-    kept += exists(entry.path() / L"kept") ? 1U : 0U;
+  const struct {
+    PSID owner;
+    DWORD rights;
+    bool replaced;
+  } kCases[] = {{&everyone, 0, true},
+                {nullptr, FILE_ALL_ACCESS, true},
+                {nullptr, WRITE_OWNER, true},
+                {nullptr, FILE_WRITE_DATA | DELETE, false}};
+  for (const auto& c : kCases) {
+    SCOPED_TRACE(c.rights);
+    alignas(ACL) std::byte list[128];
+    const auto present = [&] {
+      firstOwner = c.owner;
+      if (c.owner != nullptr) return;
+      firstList = reinterpret_cast<PACL>(list);
+      InitializeAcl(firstList, sizeof list, ACL_REVISION);
+      AddAccessAllowedAce(firstList, ACL_REVISION, c.rights, &everyone);
+    };
+    const std::filesystem::path place = parent.Path() / std::to_wstring(c.rights);
+    const DataFolders made{place.wstring(), Writers::Account};
+    std::filesystem::create_directories(place / L"Vx");
+    std::ofstream(place / L"Vx" / L"kept") << "x";
+    present();
+    EXPECT_THROW(made.Prepare(DataFolders::Existing::Report), std::runtime_error);
+    present();
+    const auto repaired = made.Prepare(DataFolders::Existing::Repair);
+    ASSERT_EQ(repaired.size(), 1U);
+    EXPECT_EQ(repaired.front().find("Vx.replaced-") != std::string::npos, c.replaced);
+    EXPECT_NE(exists(place / L"Vx" / L"kept"), c.replaced);
+    EXPECT_TRUE(exists(place / L"Vx" / L"SharedServices"));
+    const std::filesystem::directory_iterator entries(place);
+    EXPECT_EQ(std::ranges::count_if(
+                  entries, [](const auto& entry) { return exists(entry.path() / L"kept"); }),
+              1);
   }
-  EXPECT_EQ(kept, 1U);
 }
 
 TEST(WhyUnguardedTest, TheRootOfTheDriveCountsIfOthersMayDeleteWhatLiesInIt) {

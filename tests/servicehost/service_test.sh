@@ -68,6 +68,12 @@ for folder in "$data" "$data/Logs" "$data/SharedServices"; do
   fi
 done
 
+# A link can be made to lead elsewhere, so the service gets the place behind it.
+ln -s "$place" "$place/link"
+expect 0 'is installed' --dll "C:\\Program Files\\$name\\link\\OrvaneService.dll" \
+  service install --name "$name" --development --replace --start demand
+expect 1 "module:  C:\\Program Files\\$name\\OrvaneService.dll" service status --name "$name"
+
 expect 2 'does not run' exec 22 --service="$name"
 # Nothing that follows works without it.
 if ! run service start --name "$name" >"$work/output" 2>&1; then

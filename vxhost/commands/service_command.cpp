@@ -15,6 +15,8 @@
 
 #include "hosting/text.h"
 #include "hosting/windows_error.h"
+#include "platform/files.h"
+#include "platform/machine.h"
 #include "servicehost/guarded_folder.h"
 #include "servicehost/host_loop.h"
 #include "servicehost/log_folder.h"
@@ -141,12 +143,20 @@ std::wstring HostProgram() {
   return FullPathOfFile(Utf8(tool.substr(0, tool.rfind(L'\\') + 1)) + "OrvaneHost.exe");
 }
 
+// Returns where `file` really is: whoever made a link on the way could let it lead elsewhere later.
+std::wstring WithoutLinks(const std::wstring& file) {
+  const auto place = Platform::CurrentMachine().files->FinalPath(file);
+  if (place) return *place;
+  throw std::runtime_error("Windows does not tell where " + Utf8(file) + " is (error " +
+                           std::to_string(place.Error()) + ")");
+}
+
 int Install(const ModuleOptions& module, const InstallOptions& options, Console& console) {
   module.RequireRealMachine("a service uses the module and the store of the machine");
   ServicePlan plan;
   plan.name = CheckedName(options.name);
-  plan.program = HostProgram();
-  plan.module = module.Path();
+  plan.program = WithoutLinks(HostProgram());
+  plan.module = WithoutLinks(module.Path());
   if (!options.start.empty()) {
     plan.start =
         options.start == "auto" ? ServicePlan::Start::Automatic : ServicePlan::Start::Demand;
