@@ -61,17 +61,6 @@ class ConsoleTarget final : public ServiceHost::LogTarget {
   Console& console;
 };
 
-// Signalled by Ctrl+C. Never closed, because Windows calls the handler on its own thread.
-HANDLE StopEvent() {
-  static const HANDLE event = CreateEventW(nullptr, TRUE, FALSE, nullptr);
-  return event;
-}
-
-BOOL WINAPI StopOnCtrlC(DWORD /*kind*/) {
-  SetEvent(StopEvent());
-  return TRUE;
-}
-
 int RunService(const ModuleOptions& module, const RunOptions& options, Console& console) {
   module.RequireRealMachine("service run uses the module and the store of the machine");
   ServiceHost::PipeOptions pipe;
@@ -82,6 +71,7 @@ int RunService(const ModuleOptions& module, const RunOptions& options, Console& 
   if (!options.log.empty() && !std::filesystem::is_directory(FullPath(options.log))) {
     throw std::runtime_error("there is no folder " + Utf8(FullPath(options.log)));
   }
+  StopRequest stop;
   std::vector<std::unique_ptr<ServiceHost::LogTarget>> targets;
   targets.push_back(std::make_unique<ConsoleTarget>(console));
   if (!options.log.empty()) {
@@ -99,12 +89,10 @@ int RunService(const ModuleOptions& module, const RunOptions& options, Console& 
         return host.Execute(command, client);
       },
       [&log](const wchar_t* level, std::wstring_view message) { log.Add(level, message); });
-  static_cast<void>(SetConsoleCtrlHandler(&StopOnCtrlC, TRUE));
   std::fprintf(stderr, "%s runs as process %lu; Ctrl+C ends it\n", options.name.c_str(),
                GetCurrentProcessId());
   const DWORD limit = options.seconds == 0 ? INFINITE : static_cast<DWORD>(options.seconds) * 1000;
-  WaitForSingleObject(StopEvent(), limit);
-  static_cast<void>(SetConsoleCtrlHandler(&StopOnCtrlC, FALSE));
+  stop.Wait(limit);
   return kDone;
 }
 

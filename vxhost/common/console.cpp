@@ -77,6 +77,26 @@ BOOL WINAPI EndedByUser(DWORD) {
   return FALSE;  // the next handler ends the process
 }
 
+// Never closed, because Windows calls the handler on a thread of its own.
+HANDLE StopEvent() {
+  static const HANDLE event = CreateEventW(nullptr, TRUE, FALSE, nullptr);
+  return event;
+}
+HANDLE EndEvent() {
+  static const HANDLE event = CreateEventW(nullptr, TRUE, FALSE, nullptr);
+  return event;
+}
+
+// Windows ends the process when this returns for a console that closes, or after some seconds:
+// https://learn.microsoft.com/windows/console/handlerroutine
+BOOL WINAPI RequestStop(DWORD kind) {
+  SetEvent(StopEvent());
+  if (kind != CTRL_C_EVENT && kind != CTRL_BREAK_EVENT) {
+    WaitForSingleObject(EndEvent(), INFINITE);
+  }
+  return TRUE;
+}
+
 bool WantsColours(Colours colours) {
   if (colours != Colours::Auto) return colours == Colours::Always;
   // Nonzero if the variable is set, even if it does not fit. An empty one does not disable colours.
@@ -123,6 +143,21 @@ TerminalScope::TerminalScope() {
 TerminalScope::~TerminalScope() {
   static_cast<void>(SetConsoleCtrlHandler(&EndedByUser, FALSE));
   GiveTerminalBack();
+}
+
+StopRequest::StopRequest() {
+  ResetEvent(StopEvent());
+  ResetEvent(EndEvent());
+  static_cast<void>(SetConsoleCtrlHandler(&RequestStop, TRUE));
+}
+
+// Keeps the handler: Windows may hold a lock while one that it called waits.
+StopRequest::~StopRequest() {
+  SetEvent(EndEvent());
+}
+
+void StopRequest::Wait(std::uint32_t milliseconds) {
+  WaitForSingleObject(StopEvent(), milliseconds);
 }
 
 std::string MeaningOf(std::uint32_t code) {

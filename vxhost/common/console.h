@@ -36,6 +36,20 @@ class TerminalScope {
   ~TerminalScope();
 };
 
+// Ends a command in order on Ctrl+C or when the console closes, at which Windows would otherwise
+// end the process. Make one at a time, before what has to end in order: a close waits until it is
+// gone.
+class StopRequest {
+ public:
+  StopRequest();
+  StopRequest(const StopRequest&) = delete;
+  StopRequest& operator=(const StopRequest&) = delete;
+  ~StopRequest();
+
+  // Waits for the request, at most for `milliseconds`, a count that INFINITE may be.
+  void Wait(std::uint32_t milliseconds);
+};
+
 // Writes UTF-8, one whole line at a time. Thread-safe. Replaces control characters in text (see
 // Printable) and escapes them in JSON.
 //
