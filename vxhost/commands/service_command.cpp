@@ -135,8 +135,7 @@ std::wstring HostProgram() {
 std::wstring WithoutLinks(const std::wstring& file) {
   const auto place = Platform::CurrentMachine().files->FinalPath(file);
   if (place) return *place;
-  throw std::runtime_error("Windows does not tell where " + Utf8(file) + " is (error " +
-                           std::to_string(place.Error()) + ")");
+  throw WindowsError("Windows does not tell where " + Utf8(file) + " is", place.Error());
 }
 
 int Install(const ModuleOptions& module, const InstallOptions& options, Console& console) {
