@@ -44,7 +44,7 @@ grep -q 'accepted: client ann (Tool.exe)' "$work/output" || fail 'the row lacks 
 
 # Times are local, unless they name a zone. The log of a day has an event at its beginning and one at noon.
 india() { (export TZ='<+0530>-5:30' && run "$@"); }
-for day in 'today' 'yesterday'; do
+for day in yesterday today; do
   for time in '00:00' '12:00'; do
     sed "s/\"time\":\"[^\"]*\"/\"time\":\"$(TZ=UTC date -d "TZ=\"<+0530>-5:30\" $day $time" +%FT%T.000Z)\"/;/power event 18/!d" \
       "$folder/quiet.log"
@@ -58,6 +58,23 @@ for case in 'yesterday:4' 'today:2' '12:00:1' '00:01:1' '--until yesterday:1'; d
   count=$(grep -c '^....-..-..T[01][02]:00:00.000+05:30 power 18 .* received' "$work/output")
   [ "$count" = "${case##*:}" ] || fail "history $arguments shows $count events:" "$work/output"
 done
+# A page shows the last day, and of a dense log as much as a browser shows at once.
+# draws COUNT FILE ARG...: the page of the file has so many entries, and less than 2 MB.
+draws() {
+  wanted=$1 file=$2
+  shift 2
+  exits 0 india --store "$store" history "$file" --timeline "Z:$work/page.html" "$@"
+  count=$(grep -c '^,*{"at":' "$work/page.html")
+  [ "$count" = "$wanted" ] && [ "$(wc -c < "$work/page.html")" -lt 2000000 ] ||
+    fail "the page of $file $* has $count entries, wanted $wanted"
+}
+draws 3 "$work/days.log"
+grep -q '"title":"The service from ....-..-..T12:00:00.000+05:30"' "$work/page.html" || fail 'the page begins otherwise'
+draws 4 "$work/days.log" --since yesterday
+awk -v record='{"kind":"power","decision":"ran","subscription":"aaaaaaaa","number":18,"delivery":1}' 'BEGIN { for (s = 0; s < 86400; s += 10)
+  printf "{\"time\":\"2026-11-25T%02d:%02d:%02dZ\",\"level\":\"INFO\",\"thread\":1,\"process\":5,\"message\":\"ran %d\",\"record\":%s}\n",
+    s / 3600, s / 60 % 60, s % 60, s, record }' > "$work/dense.log"
+draws 4000 "$work/dense.log"
 expect 2 '"soon" is not a time' history "$work/days.log" --since soon
 expect 2 'No such file or directory; name the log files' history "$work/none"
 expect 0 'ran: process 888' --store "$store" history "$folder/service.log" --timeline "Z:$work/page.html"

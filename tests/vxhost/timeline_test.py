@@ -84,25 +84,25 @@ CASES = {
         [entry(0, "power event 18", "call", 0), *WAITS, entry(10500, "the decision"),
          decided(10500, "ran", milliseconds=10500, process=7), entry(10500, "not of it")], {},
         ["0 s; Machine; power event 18; the machine woke, with or without a user; neutral; 2",
-         "10.5 s; power 18 + 10 s starts Resume.exe; ran; process 7; good; 4"], ["power 18 + 10 s: 10 s, 0 s to 10 s"]),
+         "10.5 s; Resume.exe power 18 + 10 s; ran; process 7; good; 4"], ["Resume.exe: 10 s, 0 s to 10 s"]),
     "a wait cut short": (
         [*WAITS, decided(3000, "dropped", "dropped", milliseconds=3000, why="too early")], {},
-        ["3 s; power 18 + 10 s starts Resume.exe; dropped; too early; dropped; 3",
-         "3 s; Service; log lines; -; neutral; 1"], ["power 18 + 10 s: 10 s, 0 s to 3 s"]),
+        ["3 s; Resume.exe power 18 + 10 s; dropped; too early; dropped; 3",
+         "3 s; Service; log lines; -; neutral; 1"], ["Resume.exe: 10 s, 0 s to 3 s"]),
     "a delivery that waits": (
         [*WAITS, entry(5000, "later")], {},
-        ["5 s; power 18 + 10 s starts Resume.exe; still waits; -; neutral; 0",
-         "5 s; Service; log lines; -; neutral; 4"], ["power 18 + 10 s: 10 s, 0 s to 5 s, not over"]),
+        ["5 s; Resume.exe power 18 + 10 s; still waits; -; neutral; 0",
+         "5 s; Service; log lines; -; neutral; 4"], ["Resume.exe: 10 s, 0 s to 5 s, not over"]),
     "deliveries told apart": (
         [decided(0, "waiting"), decided(0, "waiting", thread=2, **OTHER, delivery="1.2"),
          decided(4000, "sent", thread=2, **OTHER, delivery="1.2"),
          decided(4000, "waiting", thread=3, **OTHER, delivery="1.3"),
          decided(5000, "not sent", "bad", thread=4, **OTHER, delivery="9.2"), entry(9000, "anew", "started")], {},
         ["4 s; platform 1 + 4 s; sent; -; good; 2", "5 s; platform 1 + 4 s; not sent; -; bad; 1",
-         "9 s; power 18 + 10 s starts Resume.exe; dropped; its service ended before it did; dropped; 0",
+         "9 s; Resume.exe power 18 + 10 s; dropped; its service ended before it did; dropped; 0",
          "9 s; platform 1 + 4 s; dropped; its service ended before it did; dropped; 0",
          "9 s; Service; the module is started; -; neutral; 3"],
-        ["power 18 + 10 s: 10 s, 0 s to 9 s", "platform 1 + 4 s: 4 s, 0 s to 4 s",
+        ["Resume.exe: 10 s, 0 s to 9 s", "platform 1 + 4 s: 4 s, 0 s to 4 s",
          "platform 1 + 4 s: 4 s, 4 s to 8 s"]),
     "a start-up": (
         [entry(0, "start", "call", 0), entry(0, "OrvaneService: OOBE not completed"),
@@ -121,19 +121,19 @@ CASES = {
          decided(2000, "refused", "bad", **NO_DELIVERY, subscription=""),
          entry(3000, "it lacks a line", "failure", 0, step=3)],
         {"steps": ["begins", "", "refuses", "ends"], "end": 4000},
-        ["begins", "0 s; power 18 + 10 s message to Resume; subscribed; {}; neutral; 0",
-         "1 s; power 18 + 10 s message to Resume; taken back; -; neutral; 0",
+        ["begins", "0 s; Maker.App/Resume power 18 + 10 s; subscribed; {}; neutral; 0",
+         "1 s; Maker.App/Resume power 18 + 10 s; taken back; -; neutral; 0",
          "refuses", "2 s; Service; a name; command 9: a result; bad; 1",
          "3 s; Service; not as expected; it lacks a line; bad; 0", "ends"], []),
     "a running service": (
         [entry(0, "power event 4", "host"), decided(0, "accepted", **NO_DELIVERY),
          decided(1000, "refused", "bad", **NO_DELIVERY, subscription="", event="command 9", why="not valid"),
          decided(2000, "taken back", kind="completion", **NO_DELIVERY, why="has run")],
-        {"stored": [None, SUBSCRIPTION]},
-        ["0 s; Machine; power event 4; the machine is about to sleep; neutral; 0",
-         "0 s; Service; subscription accepted; 0badcafe, client ann; neutral; 2",
-         "1 s; Service; command 9 refused; not valid, client ann; bad; 1; 2 times",
-         "2 s; power 18 + 10 s message to Resume; taken back; has run; neutral; 0"], []),
+        {"stored": [None, SUBSCRIPTION], "begin": 1764115199000},
+        ["2025-11-25 23:59:59.000; Machine; power event 4; the machine is about to sleep; neutral; 0",
+         "2025-11-25 23:59:59.000; Service; subscription accepted; 0badcafe, client ann; neutral; 2",
+         "2025-11-26 00:00:00.000; Service; command 9 refused; not valid, client ann; bad; 1; 2 times",
+         "2025-11-26 00:00:01.000; Maker.App/Resume power 18 + 10 s; taken back; has run; neutral; 0"], []),
     "a machine": (
         [entry(0, "session change 7", "call", 0),
          *[entry(1000 * at, text, "event") for at, text in enumerate((
@@ -264,7 +264,7 @@ with tempfile.TemporaryDirectory() as folder:
         for width in (1280, 390):
             check_layout(name, width, views[name + str(width)])
     drawn = {one for one, box in views["page1280"]["texts"]}
-    if not {"power 18 + 30 s", "starts Unsigned.exe", "asleep", "subscribed", "29", "1:01:11"} <= drawn:
+    if not {"power 18 + 30 s", "Unsigned.exe", "asleep", "subscribed", "29", "1:01:11"} <= drawn:
         fail(f"the picture lacks texts: {drawn}")
     check_content(views["page390"], result)
     for name, (_, _, marks, bars) in CASES.items():

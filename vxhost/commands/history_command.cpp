@@ -37,6 +37,7 @@ namespace Vx::Hosting::Tool {
 namespace {
 
 using namespace Tessel::Server::Records;
+using namespace std::chrono_literals;
 
 struct Options {
   std::vector<std::string> files;
@@ -80,12 +81,11 @@ std::int64_t MomentNamed(const std::string& text, std::int64_t now) {
   return now - count * length * 1000;
 }
 
-// Returns what the options name. A timeline shows the last day unless told otherwise.
 Period PeriodOf(const Options& options, std::int64_t now) {
-  const std::string first = options.timeline.empty() ? "" : "1d";
-  const std::string& since = options.since.empty() ? first : options.since;
-  return {since.empty() ? 0 : MomentNamed(since, now),
-          options.until.empty() ? Period().end : MomentNamed(options.until, now)};
+  Period period;
+  if (!options.since.empty()) period.begin = MomentNamed(options.since, now);
+  if (!options.until.empty()) period.end = MomentNamed(options.until, now);
+  return period;
 }
 
 // Returns the stored subscriptions. Empty if the store cannot be read.
@@ -134,7 +134,7 @@ JsonRow AsJson(const HistoryRow& row) {
   return result;
 }
 
-// Log lines as a play record, which starts with the first line.
+// Log lines as a play record.
 class LogRecord {
  public:
   void Add(const HistoryLine& line) {
@@ -144,31 +144,45 @@ class LogRecord {
       throw std::runtime_error(
           "--timeline needs the thread of each line, which only the log of a service has");
     }
-    if (entries.empty()) {
-      first = *moment;
-      begin = line.time;
-    }
     // Different processes may use the same thread number.
     const auto number = static_cast<std::uint32_t>(threads.size() + 1);
     const auto thread = threads.try_emplace({line.line.process, line.thread}, number).first->second;
-    entries.push_back({.at = std::chrono::milliseconds(std::max<std::int64_t>(*moment - first, 0)),
+    entries.push_back({.at = std::chrono::milliseconds(*moment),
                        .what = Happening::Log,
                        .thread = thread,
                        .log = line.line});
   }
 
-  void Draw(const std::string& file, const std::vector<StoredSubscription>& stored) const {
+  // Draws all lines, or those of the log's last day. A browser shows a page of so many entries at
+  // once. A denser log keeps its decisions and the host's lines, and of these the last.
+  enum class Extent { All, LastDay };
+  void Draw(const std::string& file, const std::vector<StoredSubscription>& stored, Extent extent) {
+    constexpr std::size_t kMost = 4000;
+    PageHead head{.title = L"The service", .verdict = {}};
+    std::erase_if(entries, [&, end = entries.empty() ? 0ms : entries.back().at](const auto& one) {
+      return extent == Extent::LastDay && one.at < end - 24h;
+    });
+    if (entries.size() > kMost) {
+      std::erase_if(entries, [](const RecordEntry& one) {
+        return !one.log.record && one.log.provider != kHostProvider;
+      });
+    }
+    if (entries.size() > kMost) entries.erase(entries.begin(), entries.end() - kMost);
+    if (!entries.empty()) {
+      const auto begin = entries.front().at;
+      const std::wstring time = TimeText(begin.count());
+      head.title += L" from " + time;
+      head.begin = MomentOf(time.substr(0, time.size() - 6) + L"Z");
+      for (RecordEntry& one : entries) one.at = std::max(one.at - begin, 0ms);
+    }
     std::vector<std::wstring> texts;
     for (const StoredSubscription& one : stored) {
       if (one.text) texts.push_back(*one.text);
     }
-    const PageHead head{.title = L"The service from " + begin, .verdict = {}};
     WriteTextFile(FullPath(file), TimelinePage(head, {}, entries, texts));
   }
 
  private:
-  std::int64_t first = 0;
-  std::wstring begin;
   std::map<std::pair<std::uint32_t, std::uint32_t>, std::uint32_t> threads;
   std::vector<RecordEntry> entries;
 };
@@ -304,7 +318,11 @@ int RunHistory(const Options& options, Console& console) {
   for (const std::string& argument : options.files)
     std::ranges::move(FilesOf(argument), std::back_inserter(files));
   for (const auto& path : files) others += ReadFile(path, take);
-  if (!options.timeline.empty()) record.Draw(options.timeline, stored);
+  if (!options.timeline.empty()) {
+    const bool all = !options.since.empty() || !options.until.empty();
+    record.Draw(options.timeline, stored,
+                all ? LogRecord::Extent::All : LogRecord::Extent::LastDay);
+  }
   const auto rows = history.Finish();
   for (const HistoryRow& row : Chosen(rows, filter, options.failed)) {
     if (console.WritesJson()) {

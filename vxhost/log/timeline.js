@@ -37,8 +37,14 @@ function timeText(moment) {
   return parts.filter(([count]) => count).map(part => part.join(' ')).join(' ') || '0 s';
 }
 
-// Returns "1:01:11".
+// Returns a moment as "2026-11-25 11:31:46.251" or, for a page that counts from its beginning, "1 h 5 s".
+function momentText(moment) {
+  return 'begin' in data ? new Date(data.begin + moment).toISOString().slice(0, -1).replace('T', ' ') : timeText(moment);
+}
+
+// Returns "1:01:11", or the time of day, with the day on a page of several.
 function clockText(moment) {
+  if ('begin' in data) return momentText(moment).slice(momentText(0).slice(0, 10) === momentText(end).slice(0, 10) ? 11 : 5, 19);
   const two = number => String(Math.floor(number) % 60).padStart(2, '0');
   return Math.floor(moment / 3600000) + ':' + two(moment / 60000) + ':' + two(moment / 1000);
 }
@@ -88,7 +94,7 @@ function drawBars({slotOf}) {
     const track = free < 0 ? tracks.length : free;
     tracks[track] = bar.to;
     const shape = make('div', 'bar ' + bar.kind + (bar.open ? ' open' : ''), make('span', 'in', bar.text));
-    shape.title = bar.text + ', ' + timeText(bar.from) + ' to ' + timeText(bar.to) +
+    shape.title = bar.text + ', ' + momentText(bar.from) + ' to ' + momentText(bar.to) +
       (bar.open ? ', not over' : '');
     bar.lane.track.append(set(shape, {p: from.p, f: from.f, dp: to.p - from.p, df: to.f - from.f, track}));
   }
@@ -101,7 +107,7 @@ function markShape(all) {
   const shape = others.length ? make('a', 'mark group ' + tone, all.length + '×')
     : make('a', 'mark ' + tone, first.number);
   shape.href = '#m' + first.number;
-  shape.title = (others.length ? all.length + ' entries, the first at ' : '') + timeText(first.at) +
+  shape.title = (others.length ? all.length + ' entries, the first at ' : '') + momentText(first.at) +
     ': ' + first.text + (first.reason && ' (' + first.reason + ')');
   return shape;
 }
@@ -164,9 +170,9 @@ function drawPicture() {
 function lineRow({first, last, count, level, caller, text: message}) {
   const text = make('td', '', caller && '[' + caller + '] ', make('span', 'message', message));
   if (count > 1) {
-    text.append(make('i', '', ' (', make('span', 'count', count), ' times until ' + timeText(last) + ')'));
+    text.append(make('i', '', ' (', make('span', 'count', count), ' times until ' + momentText(last) + ')'));
   }
-  return make('tr', level, make('td', '', timeText(first)), make('td', '', level), text);
+  return make('tr', level, make('td', '', momentText(first)), make('td', '', level), text);
 }
 
 function makeDetails(lines, atOnce) {
@@ -194,7 +200,7 @@ function drawList() {
     if (mark.reason) what.append(' ', make('span', 'reason', mark.reason));
     if (mark.lines.length) what.append(makeDetails(mark.lines, atOnce));
     const entry = make('li', '', make('span', 'mark ' + mark.tone, mark.number),
-      make('span', 'time', timeText(mark.at)),
+      make('span', 'time', momentText(mark.at)),
       make('span', 'lane-name', mark.lane.name, ' ', make('small', '', mark.lane.detail)), what);
     entry.id = 'm' + mark.number;
     if (list.lastChild?.tagName !== 'OL') list.append(make('ol', ''));
@@ -208,7 +214,7 @@ const verdict = document.getElementById('verdict');
 verdict.textContent = data.verdict || '';
 verdict.className = data.met ? 'met' : 'unmet';
 document.getElementById('span').textContent =
-  'From 0 s to ' + timeText(end) + '. Each number leads to its entry below.';
+  'From ' + momentText(0) + ' to ' + momentText(end) + '. Each number leads to its entry below.';
 drawPicture();
 if (grouped) {
   document.getElementById('legend')

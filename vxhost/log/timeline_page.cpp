@@ -71,6 +71,7 @@ class DataWriter {
     Member(L"title", head.title);
     Member(L"verdict", head.verdict);
     Member(L"met", head.met);
+    if (head.begin) Member(L"begin", *head.begin);
     Member(L"end", steps.empty() ? 0 : steps.back().end.count());
     json.Key(L"powerCodes");
     json.StartObject();

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -12,6 +14,9 @@ struct PageHead {
   std::wstring title;
   std::wstring verdict;  // empty if there were no expectations
   bool met = true;
+  // The local time at which the page begins, in milliseconds since 1970, for a page that shows
+  // clock times. Empty for one that counts from its beginning.
+  std::optional<std::int64_t> begin = {};
 };
 
 // Returns a self-contained HTML page in UTF-8: timeline.html with the events as JSON, which its

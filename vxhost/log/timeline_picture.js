@@ -107,10 +107,9 @@ function readPicture(data) {
   // Returns a subscription's lane, created from its first entry.
   function laneOf({subscription, event, target = ''}, delay = 0) {
     if (!subscriptions.has(subscription)) {
-      const program = target.includes('\\');
-      const name = target.slice(target.lastIndexOf(program ? '\\' : '/') + 1);
-      const lane = {name: event + (delay > 0 ? ' + ' + seconds(delay) : ''),
-        detail: target && (program ? 'starts ' : 'message to ') + name};
+      const when = event + (delay > 0 ? ' + ' + seconds(delay) : '');
+      const program = target.slice(target.lastIndexOf('\\') + 1);
+      const lane = {name: program || when, detail: program && when};
       lanes.push(lane);
       subscriptions.set(subscription, lane);
     }
