@@ -34,10 +34,10 @@ quiet() {
     fail "history $* does not end with \"$why\", but:" "$work/output"
 }
 day=2026-11-26T
-quiet "the service did not run from ${day}06:20:00.000Z to ${day}07:59:59.900Z; no power event came in that time" \
+quiet "the service did not run from ${day}06:20:00.000Z to ${day}08:00:00.000Z; no power event came in that time" \
   --since ${day}06:15Z --until ${day}08:15Z
 quiet "the subscription was stored later, at ${day}09:00:00.000Z, than the last event, power 10 at ${day}08:30:00.000Z" \
-  --since ${day}08:00Z --until ${day}09:05Z --program LATE
+  --since ${day}08:00:00Z --until ${day}09:05Z --program LATE
 quiet "nothing waited for the last event, power 18 at ${day}06:00:00.000Z: vxhost explain power 18" \
   --since ${day}05:00Z --until ${day}06:05Z --subscription aaaaaaaa
 grep -q 'accepted: client ann (Tool.exe)' "$work/output" || fail 'the row lacks its program:' "$work/output"

@@ -66,12 +66,12 @@ std::int64_t MomentNamed(const std::string& text, std::int64_t now) {
   if (text == "today") return *MomentOf(today);
   if (text == "yesterday") return *MomentOf(dayOf(*MomentOf(today) - kHalfDay));
   if (const auto moment = MomentOf(Wide(text))) return *moment;
+  if (text.find(':') != text.npos && text.find_first_not_of("0123456789:.") == text.npos) {
+    return *MomentOf(today + L"T" + Wide(text));
+  }
   std::int64_t count = 0;
   const auto [unit, error] = std::from_chars(text.data(), text.data() + text.size(), count);
   const std::string_view rest(unit, static_cast<std::size_t>(text.data() + text.size() - unit));
-  if (error == std::errc() && count >= 0 && count < 24 && rest.size() >= 3 && rest[0] == ':') {
-    return MomentOf(today + L"T" + Wide(text)).value_or(now);
-  }
   const std::int64_t length = rest == "m" ? 60 : rest == "h" ? 3600 : rest == "d" ? 86'400 : 0;
   constexpr std::int64_t kMost = 100'000;
   if (error != std::errc() || length == 0 || count < 0 || count > kMost) {
@@ -79,13 +79,6 @@ std::int64_t MomentNamed(const std::string& text, std::int64_t now) {
                              "\" is not a time such as 2026-11-25T11:30, 08:00, yesterday or 2h");
   }
   return now - count * length * 1000;
-}
-
-Period PeriodOf(const Options& options, std::int64_t now) {
-  Period period;
-  if (!options.since.empty()) period.begin = MomentNamed(options.since, now);
-  if (!options.until.empty()) period.end = MomentNamed(options.until, now);
-  return period;
 }
 
 // Returns the stored subscriptions. Empty if the store cannot be read.
@@ -216,102 +209,57 @@ constexpr char kNoRecords[] =
     "log, or "
     "a module with another logging library, or it is output of \"watch\")";
 
-// Chooses rows.
-class Filter {
- public:
-  Filter(const Options& options, const std::vector<StoredSubscription>& stored)
-      : now(*MomentOf(DateTimeText(Platform::CurrentMachine().clock->UtcFileTime()) + L"Z")),
-        period(PeriodOf(options, now)),
-        hash(HashOf(options.subscription, stored)),
-        program(Lower(Wide(options.program))) {}
-
-  const Period& Within() const { return period; }
-  // The part of the period that is over.
-  Period SoFar() const { return {period.begin, std::min(period.end, now)}; }
-
-  // Returns whether the row is of the subscription and the program that were named, at any time.
-  bool IsOf(const HistoryRow& row) const {
-    return (hash.empty() || row.subscription == hash) &&
-           Lower(row.target).find(program) != std::wstring::npos;
-  }
-
- private:
-  static std::wstring Lower(std::wstring text) {
-    CharLowerBuffW(text.data(), static_cast<DWORD>(text.size()));
-    return text;
-  }
-
-  std::int64_t now;
-  Period period;
-  std::wstring hash;
-  std::wstring program;
-};
-
-// A subscription that cannot be read fails at each event of any code: one row stands for all.
-std::vector<HistoryRow> Chosen(const std::vector<HistoryRow>& rows, const Filter& filter,
-                               bool failedOnly) {
-  std::vector<HistoryRow> chosen;
-  std::map<std::wstring, std::pair<std::size_t, std::size_t>> unreadable;  // row and count, by hash
-  for (const HistoryRow& row : rows) {
-    if ((failedOnly && !row.failed) || !filter.Within().Includes(row.moment)) continue;
-    if (!filter.IsOf(row)) continue;
-    if (row.isUnreadable) {
-      auto& [at, count] = unreadable.try_emplace(row.subscription, chosen.size(), 0).first->second;
-      if (++count > 1) {
-        chosen[at].detail = row.detail + L", at " + std::to_wstring(count) + L" events";
-        continue;
-      }
-    }
-    chosen.push_back(row);
-  }
-  return chosen;
+std::wstring Lower(std::wstring text) {
+  CharLowerBuffW(text.data(), static_cast<DWORD>(text.size()));
+  return text;
 }
 
-// Returns why no row of the period is a delivery. Empty if one is.
-std::string WhyNothing(const std::vector<HistoryRow>& rows, const Filter& filter,
+// Returns why none of the rows for which `isOf` holds is a delivery. Empty if one is.
+std::string WhyNothing(const std::vector<HistoryRow>& rows, const auto& isOf,
                        const std::optional<Period>& outage, Zone zone) {
-  const HistoryRow* event = nullptr;  // the last power event
-  const HistoryRow* stored = nullptr;
+  const HistoryRow* event = nullptr;   // the last power event
+  const HistoryRow* stored = nullptr;  // the first subscription
   for (const HistoryRow& row : rows) {
-    const bool within = filter.Within().Includes(row.moment);
-    if (row.isDelivery && within && filter.IsOf(row)) return {};
-    if (row.decision == kReceived && within) event = &row;
-    if (row.decision == NameOf(Decision::Stored).text && stored == nullptr && filter.IsOf(row)) {
-      stored = &row;
-    }
+    if (row.decision == kReceived) event = &row;
+    if (!isOf(row)) continue;
+    if (row.isDelivery) return {};
+    if (row.decision == NameOf(Decision::Stored).text && stored == nullptr) stored = &row;
   }
   const auto at = [&](std::optional<std::int64_t> moment) {
     return Utf8(TimeText(moment.value_or(0), zone));
   };
-  std::string why;
+  std::string why = "Nothing was delivered: ";
   if (outage) {
-    why = "the service did not run from " + at(outage->begin) + " to " + at(outage->end);
+    why += "the service did not run from " + at(outage->begin) + " to " + at(outage->end) + "; ";
   }
-  const auto add = [&why](const std::string& text) { why += (why.empty() ? "" : "; ") + text; };
-  if (event == nullptr) {
-    add("no power event came in that time");
-  } else if (stored != nullptr && stored->moment > event->moment) {
-    add("the subscription was stored later, at " + at(stored->moment) + ", than the last event, " +
-        Utf8(event->event) + " at " + at(event->moment));
-  } else {
-    add("nothing waited for the last event, " + Utf8(event->event) + " at " + at(event->moment) +
-        ": vxhost explain " + Utf8(event->event));
+  if (event == nullptr) return why + "no power event came in that time";
+  const std::string last = "the last event, " + Utf8(event->event) + " at " + at(event->moment);
+  if (stored != nullptr && stored->moment > event->moment) {
+    return why + "the subscription was stored later, at " + at(stored->moment) + ", than " + last;
   }
-  return "Nothing was delivered: " + why;
+  return why + "nothing waited for " + last + ": vxhost explain " + Utf8(event->event);
 }
 
 int RunHistory(const Options& options, Console& console) {
   const Zone zone = options.utc ? Zone::Utc : Zone::Local;
+  const std::int64_t now =
+      *MomentOf(DateTimeText(Platform::CurrentMachine().clock->UtcFileTime()) + L"Z");
+  Period period;
+  if (!options.since.empty()) period.begin = MomentNamed(options.since, now);
+  if (!options.until.empty()) period.end = MomentNamed(options.until, now);
   const auto stored = Stored();
-  const Filter filter(options, stored);
+  const std::wstring hash = HashOf(options.subscription, stored);
+  const std::wstring program = Lower(Wide(options.program));
+  const auto isOf = [&](const HistoryRow& row) {
+    return (hash.empty() || row.subscription == hash) &&
+           Lower(row.target).find(program) != std::wstring::npos;
+  };
   History history;
   std::size_t others = 0;
   LogRecord record;
   const auto take = [&](const HistoryLine& line) {
     history.Add(line);
-    if (!options.timeline.empty() && filter.Within().Includes(MomentOf(line.time))) {
-      record.Add(line);
-    }
+    if (!options.timeline.empty() && period.Includes(MomentOf(line.time))) record.Add(line);
   };
   std::vector<std::filesystem::path> files;
   if (options.files.empty()) files = LogFilesIn(LogFolderOf({}));
@@ -323,8 +271,9 @@ int RunHistory(const Options& options, Console& console) {
     record.Draw(options.timeline, stored,
                 all ? LogRecord::Extent::All : LogRecord::Extent::LastDay);
   }
-  const auto rows = history.Finish();
-  for (const HistoryRow& row : Chosen(rows, filter, options.failed)) {
+  const auto rows = history.Finish(period);
+  for (const HistoryRow& row : rows) {
+    if ((options.failed && !row.failed) || !isOf(row)) continue;
     if (console.WritesJson()) {
       console.JsonResult(AsJson(row));
     } else {
@@ -336,10 +285,9 @@ int RunHistory(const Options& options, Console& console) {
     console.Note("(" + std::to_string(history.Unknown()) + " records are of a later version)");
   }
   if (others != 0) console.Note("(" + std::to_string(others) + " lines are not lines of a log)");
-  if (!rows.empty()) {
-    const auto why = WhyNothing(rows, filter, history.Outage(filter.SoFar()), zone);
-    if (!why.empty()) console.Note(why);
-  }
+  const auto outage = history.Outage({period.begin, std::min(period.end, now)});
+  const auto why = WhyNothing(rows, isOf, outage, zone);
+  if (!why.empty() && (history.Records() != 0 || !rows.empty() || outage)) console.Note(why);
   return kDone;
 }
 

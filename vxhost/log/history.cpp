@@ -146,7 +146,7 @@ std::optional<std::int64_t> MomentOf(const std::wstring& time) {
   if (sign == time.npos || std::swscanf(&time[sign + 1], L"%2d:%2d", &zone[0], &zone[1]) != 2) {
     return Converted(moment, &TzSpecificLocalTimeToSystemTime);
   }
-  const std::int64_t offset = (zone[0] * 60 + zone[1]) * 60'000;
+  const std::int64_t offset = (zone[0] * 60LL + zone[1]) * 60'000;
   return time[sign] == L'+' ? moment - offset : moment + offset;
 }
 
@@ -155,9 +155,9 @@ std::wstring TimeText(std::int64_t moment, Zone zone) {
   const std::int64_t local = Converted(moment, &SystemTimeToTzSpecificLocalTime);
   const auto offset = static_cast<int>((local - moment) / 60'000);
   wchar_t text[16];
-  static_cast<void>(std::swprintf(text, std::size(text), L"%lc%02d:%02d", offset < 0 ? L'-' : L'+',
-                                  std::abs(offset) / 60, std::abs(offset) % 60));
-  return TextOfMoment(local) + text;
+  static_cast<void>(std::swprintf(text, std::size(text), L"%02d:%02d", std::abs(offset) / 60,
+                                  std::abs(offset) % 60));
+  return TextOfMoment(local) + (offset < 0 ? L"-" : L"+") + text;
 }
 
 std::optional<KnownRecord> Understand(const DecisionRecord& record) {
@@ -191,23 +191,29 @@ std::wstring ProgramOf(const std::wstring& target) {
   return target.substr(target.rfind(L'\\') + 1);  // npos + 1 is 0
 }
 
-History::Run* History::LastOf(std::uint32_t process) {
-  const auto found = std::ranges::find(runs.rbegin(), runs.rend(), process, &Run::process);
-  return found == runs.rend() ? nullptr : &*found;
-}
-
-// A process writes its first lines before it says that the module is started, and Windows may give
-// its number to a later one.
-void History::AddToRun(const HistoryLine& line, std::int64_t moment) {
-  const bool starts = StartsModule(line.line);
-  Run* run = LastOf(line.line.process);
-  if (run == nullptr || (starts && (run->started || run->stopped))) {
-    run = &runs.emplace_back(Run{line.service, line.line.process, moment, moment});
+// The next start of a service shows that its last process ended. A process writes its first lines
+// before it says that the module is started.
+void History::FollowService(const HistoryLine& line, std::int64_t moment) {
+  const std::uint32_t process = line.line.process;
+  Run& run = runs.try_emplace(line.service, Run{process, moment}).first->second;
+  if (StartsModule(line.line)) {
+    if (run.started || run.process != process) {
+      CutOff(run.process);
+      outages.push_back({run.last, moment});
+      if (!run.stopped) {
+        rows.push_back({.time = TimeText(run.last, Zone::Utc),
+                        .moment = run.last,
+                        .event = L"service",
+                        .decision = L"ended",
+                        .detail = kCrashed,
+                        .failed = true});
+      }
+    }
+    run = {process, moment, true};
   }
-  if (run->stopped) return;
-  run->started = run->started || starts;
-  run->last = std::max(run->last, moment);
-  run->stopped = EndsModule(line.line) || FailsToRun(line.line);
+  if (run.stopped || run.process != process) return;
+  run.last = moment;
+  run.stopped = EndsModule(line.line) || FailsToRun(line.line);
 }
 
 void History::AddHostLine(const HistoryLine& line, std::optional<std::int64_t> moment) {
@@ -237,16 +243,8 @@ void History::AddHostLine(const HistoryLine& line, std::optional<std::int64_t> m
 
 void History::Add(const HistoryLine& line) {
   const auto moment = MomentOf(line.time);
-  if (moment && line.thread != 0) AddToRun(line, *moment);
-  if (StartsModule(line.line)) {
-    CutOff([&](const Delivery& one) {
-      const Run* run = LastOf(one.first);
-      return run == nullptr || run->service == line.service;
-    });
-  }
-  if (EndsModule(line.line)) {
-    CutOff([&](const Delivery& one) { return one.first == line.line.process; });
-  }
+  if (moment) FollowService(line, *moment);
+  if (EndsModule(line.line)) CutOff(line.line.process);
   if (line.line.provider == kHostProvider) AddHostLine(line, moment);
   std::wstring& complaint = complaints[{line.line.process, line.thread}];
   if (!line.line.record) {
@@ -273,8 +271,9 @@ void History::Add(const HistoryLine& line) {
   row.failed = IsFailure(known->decision);
   row.detail = DetailOf(record, *known, complained);
   row.startedProcess = record.process;
-  row.isUnreadable = record.delivery != 0 && record.reason == NameOf(Reason::Unreadable).word;
-  row.isDelivery = record.delivery != 0 && !row.isUnreadable;
+  const bool isDelivery = record.delivery != 0;
+  row.unreadable = isDelivery && record.reason == NameOf(Reason::Unreadable).word ? 1 : 0;
+  row.isDelivery = isDelivery && row.unreadable == 0;
   if (known->decision == Decision::Waiting) {
     open[delivery] = rows.size() - 1;
   } else {
@@ -282,10 +281,9 @@ void History::Add(const HistoryLine& line) {
   }
 }
 
-template <typename Of>
-void History::CutOff(const Of& of) {
+void History::CutOff(std::uint32_t process) {
   std::erase_if(open, [&](const auto& one) {
-    if (!of(one.first)) return false;
+    if (one.first.first != process) return false;
     HistoryRow& row = rows[one.second];
     row.decision = NameOf(Decision::Dropped).text;
     row.detail = kCutOff;
@@ -294,44 +292,36 @@ void History::CutOff(const Of& of) {
   });
 }
 
-// The next start of a service shows that it ended, and without a stop, that nothing stopped it.
-bool History::Crashed(const Run& run) const {
-  return !run.stopped && std::ranges::any_of(runs, [&](const Run& later) {
-    return later.begin > run.last && later.service == run.service;
-  });
-}
-
-std::vector<HistoryRow> History::Finish() {
-  for (const Run& run : runs) {
-    if (!Crashed(run)) continue;
-    rows.push_back({.time = TimeText(run.last, Zone::Utc),
-                    .moment = run.last,
-                    .event = L"service",
-                    .decision = L"ended",
-                    .detail = kCrashed,
-                    .failed = true});
-  }
+std::vector<HistoryRow> History::Finish(const Period& within) {
+  std::erase_if(rows, [&](const HistoryRow& row) { return !within.Includes(row.moment); });
   std::ranges::stable_sort(rows, {}, &HistoryRow::moment);
+  std::map<std::wstring, HistoryRow*> unreadable;
+  for (HistoryRow& row : rows) {
+    if (row.unreadable == 0) continue;
+    HistoryRow& first = *unreadable.try_emplace(row.subscription, &row).first->second;
+    if (&first == &row) continue;
+    row.unreadable = 0;
+    row.decision.clear();
+    first.detail = row.detail + L", at " + std::to_wstring(++first.unreadable) + L" events";
+  }
+  std::erase_if(rows, [](const HistoryRow& row) { return row.decision.empty(); });
   return std::move(rows);
 }
 
 std::optional<Period> History::Outage(const Period& within) const {
-  std::vector<Run> sorted = runs;
-  std::ranges::sort(sorted, {}, &Run::begin);
   constexpr std::int64_t kRestart = 1000;  // a restart takes less
-  Period longest{0, kRestart - 1};
-  // The log does not tell what was before its first line.
-  std::int64_t end = sorted.empty() ? within.end : std::max(within.begin, sorted.front().begin);
-  const auto consider = [&](std::int64_t begin) {
-    begin = std::min(begin, within.end);
-    if (begin - end > longest.end - longest.begin) longest = {end, begin};
-  };
-  for (const Run& run : sorted) {
-    consider(run.begin);
-    end = std::max(end, run.stopped || Crashed(run) ? run.last : within.end);
+  std::vector<Period> all = outages;
+  for (const auto& [service, run] : runs) {
+    if (run.stopped) all.push_back({run.last, within.end});
   }
-  consider(within.end);
-  if (longest.begin == 0) return std::nullopt;
+  std::optional<Period> longest;
+  std::int64_t length = kRestart;
+  for (const Period& one : all) {
+    const Period part{std::max(one.begin, within.begin), std::min(one.end, within.end)};
+    if (part.end - part.begin < length) continue;
+    length = part.end - part.begin;
+    longest = part;
+  }
   return longest;
 }
 

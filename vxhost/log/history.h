@@ -66,8 +66,8 @@ struct HistoryRow {
   std::wstring target = {};            // what would run; empty if unknown
   std::wstring detail = {};
   bool failed = false;
-  bool isDelivery = false;                        // not of a subscription that cannot be read
-  bool isUnreadable = false;                      // an event met a subscription that cannot be read
+  bool isDelivery = false;                        // of a subscription that can be read
+  std::size_t unreadable = 0;                     // events of one that cannot
   std::uint32_t startedProcess = 0;               // 0 if none was started
   std::optional<std::int64_t> milliseconds = {};  // empty while it is waiting
 };
@@ -90,35 +90,32 @@ class History {
   std::size_t Records() const { return records; }
   std::size_t Unknown() const { return unknown; }
 
-  // Returns the rows, ordered by their first records. Call once, at the end.
-  std::vector<HistoryRow> Finish();
+  // Returns the rows of the period, ordered by their first records, with one row for all failures
+  // of a subscription that cannot be read. Call once, at the end.
+  std::vector<HistoryRow> Finish(const Period& within);
 
-  // Returns the longest part of the period in which no service ran. Empty if one always ran, or if
-  // the log does not tell.
+  // Returns the longest part of the period in which a service did not run, for a second or more.
+  // Empty if there is none, or if the log does not tell.
   std::optional<Period> Outage(const Period& within) const;
 
  private:
   using Delivery = std::pair<std::uint32_t, std::uint64_t>;  // process and delivery number
 
-  // A process's life, as far as the log shows it.
+  // A service's last process.
   struct Run {
-    std::wstring service;
     std::uint32_t process = 0;
-    std::int64_t begin = 0;
     std::int64_t last = 0;  // its last line
     bool started = false;   // its start is in the log
     bool stopped = false;
   };
 
-  Run* LastOf(std::uint32_t process);
-  bool Crashed(const Run& run) const;
-  void AddToRun(const HistoryLine& line, std::int64_t moment);
+  void FollowService(const HistoryLine& line, std::int64_t moment);
   void AddHostLine(const HistoryLine& line, std::optional<std::int64_t> moment);
-  template <typename Of>
-  void CutOff(const Of& of);
+  void CutOff(std::uint32_t process);
 
   std::vector<HistoryRow> rows;
-  std::vector<Run> runs;
+  std::map<std::wstring, Run> runs;  // by service
+  std::vector<Period> outages;
   std::map<Delivery, std::size_t> open;  // rows of waiting deliveries
   std::map<std::pair<std::uint32_t, std::uint32_t>, std::wstring>
       complaints;  // the last, by thread
