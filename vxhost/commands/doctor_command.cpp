@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cstdint>
 #include <filesystem>
-#include <fstream>
 #include <memory>
 #include <optional>
 #include <stdexcept>
@@ -64,17 +63,17 @@ struct Check {
   std::wstring advice = {};
 };
 
-// Returns a good check, or a finding with what was expected and what to do.
-Check MakeCheck(const char* what, bool good, std::wstring found, const wchar_t* expected,
-                const wchar_t* advice) {
-  Check check{.what = what, .found = std::move(found)};
-  if (!good) {
-    check.health = Health::Finding;
-    check.expected = expected;
-    check.advice = advice;
+struct Checks {
+  std::vector<Check> all;
+
+  // Adds a good check, or a finding with what was expected and what to do.
+  void Add(const char* what, bool good, std::wstring found, std::wstring expected = {},
+           std::wstring advice = {}) {
+    if (good) expected = advice = {};
+    all.push_back({what, good ? Health::Good : Health::Finding, std::move(found),
+                   std::move(expected), std::move(advice)});
   }
-  return check;
-}
+};
 
 const Platform::Machine& Machine() {
   return Platform::CurrentMachine();
@@ -101,91 +100,76 @@ std::wstring FileVersion(const std::wstring& path) {
     return {};
   }
   const auto* info = static_cast<VS_FIXEDFILEINFO*>(found);
-  return std::to_wstring(HIWORD(info->dwFileVersionMS)) + L"." +
-         std::to_wstring(LOWORD(info->dwFileVersionMS)) + L"." +
-         std::to_wstring(HIWORD(info->dwFileVersionLS)) + L"." +
-         std::to_wstring(LOWORD(info->dwFileVersionLS));
+  std::wstring version;
+  for (const DWORD part : {info->dwFileVersionMS, info->dwFileVersionLS}) {
+    version += (version.empty() ? L"" : L".") + std::to_wstring(HIWORD(part)) + L"." +
+               std::to_wstring(LOWORD(part));
+  }
+  return version;
 }
 
-// Checks the module at `path`, which is that of a service or else the one that the tool uses.
-Check ModuleFile(const std::wstring& path, const char* what, const wchar_t* advice) {
+// Checks the module of a service, or the one that the tool uses.
+void ModuleFile(const std::wstring& path, const char* what, const wchar_t* advice, Checks& checks) {
   const std::wstring version = FileVersion(path);
   if (version.empty()) {
-    return {.what = what,
-            .health = Health::Unusable,
-            .found = path + L" is missing or has no version",
-            .expected = L"the service module",
-            .advice = L"install it, or name it: vxhost --dll MODULE"};
+    checks.all.push_back({what, Health::Unusable, path + L" is missing or has no version",
+                          L"the service module", L"install it, or name it: vxhost --dll MODULE"});
+    return;
   }
   const std::wstring own = Wide(VX_VERSION);
-  return MakeCheck(what, version == own, path + L", version " + version,
-                   (L"version " + own + L", that of this tool").c_str(), advice);
+  checks.Add(what, version == own, path + L", version " + version,
+             L"version " + own + L", that of this tool", advice);
 }
 
-constexpr std::int64_t kDaysToRenew = 30;
-
-Check ModuleSignature(const std::wstring& path) {
-  static constexpr char kWhat[] = "module's signature";
+void ModuleSignature(const std::wstring& path, Checks& checks) {
+  constexpr char kWhat[] = "module's signature";
   constexpr wchar_t kExpected[] = L"a signature whose certificate is valid for a month more";
+  constexpr wchar_t kAdvice[] = L"sign it, and pin a new key: signtool sign /fd SHA256 FILE";
+  constexpr std::int64_t kDaysToRenew = 30;
   const auto keys = Tessel::Security::PublicKeysOf(path);
   if (keys.empty()) {
-    return MakeCheck(kWhat, false, path + L" has no signature that Windows can read", kExpected,
-                     L"sign it before it is installed: signtool sign /fd SHA256 FILE");
+    checks.Add(kWhat, false, path + L" has no signature that Windows can read", kExpected, kAdvice);
+    return;
   }
   const auto certificates = CertificatesIn(path);
   const Certificate* certificate = CertificateOf(certificates, keys.front());
-  if (certificate == nullptr) return {.what = kWhat, .found = L"signed by a catalog"};
   const std::uint64_t now = Machine().clock->UtcFileTime();
-  return MakeCheck(kWhat, DaysLeft(*certificate, now) >= kDaysToRenew,
-                   L"signed by " + certificate->subject + L", until " + Lifetime(*certificate, now),
-                   kExpected, L"sign it anew: pin the new key as well if it is another one");
+  checks.Add(kWhat, certificate == nullptr || DaysLeft(*certificate, now) >= kDaysToRenew,
+             certificate == nullptr
+                 ? L"signed by a catalog"
+                 : L"signed by " + certificate->subject + L", until " + Lifetime(*certificate, now),
+             kExpected, kAdvice);
 }
 
-void Pins(const std::wstring& module, const std::optional<ModulePins>& pins,
-          std::vector<Check>& checks) {
-  constexpr wchar_t kAdvice[] =
-      L"nothing is trusted: build it with -DVX_PINNED_KEYS_GENERAL=FILE and "
-      L"-DVX_PINNED_KEYS_RESTRICTED=FILE";
-  if (!pins) {
-    checks.push_back(MakeCheck("pinned keys", false, L"the module's file lists none",
-                               L"at least one of each set", kAdvice));
-    return;
-  }
-  const std::size_t general = pins->General().size();
-  const std::size_t restricted = pins->Restricted().size();
-  checks.push_back(MakeCheck(
+void Pins(const std::wstring& module, const std::optional<ModulePins>& pins, Checks& checks) {
+  const std::size_t general = pins ? pins->General().size() : 0;
+  const std::size_t restricted = pins ? pins->Restricted().size() : 0;
+  checks.Add(
       "pinned keys", general != 0 && restricted != 0,
-      std::to_wstring(general) + L" general, " + std::to_wstring(restricted) + L" restricted",
-      L"at least one of each set", kAdvice));
+      pins ? std::to_wstring(general) + L" general, " + std::to_wstring(restricted) + L" restricted"
+           : L"the module's file lists none",
+      L"at least one of each set",
+      L"nothing is trusted: build it with -DVX_PINNED_KEYS_GENERAL=FILE and "
+      L"-DVX_PINNED_KEYS_RESTRICTED=FILE");
   const auto keys = Tessel::Security::PublicKeysOf(module);
-  if (keys.empty()) return;  // the signature check then reports a finding
+  if (!pins || keys.empty()) return;  // the signature check then reports a finding
   const auto isIn = [&](Tessel::Security::KeySet set) {
     return std::ranges::any_of(
         keys, [&](const std::string& key) { return std::ranges::find(set, key) != set.end(); });
   };
   const bool isRestricted = isIn(pins->Restricted());
   const bool pinned = isRestricted || isIn(pins->General());
-  checks.push_back(MakeCheck("module's key", pinned,
-                             !pinned        ? L"its signature's key is not among its pinned keys"
-                             : isRestricted ? L"its signature's key is a restricted one"
-                                            : L"its signature's key is a general one",
-                             L"a module that is signed with a key that it pins",
-                             L"another party may have signed it, or it was built with other "
-                             L"keys: compare them with the maker's: vxhost pins"));
-}
-
-Check Folder(const std::wstring& folder) {
-  const std::string why = ServiceHost::WhyWritable(folder, ServiceHost::Writers::System);
-  return MakeCheck(
-      "folder", why.empty(), why.empty() ? folder : Wide(why),
-      L"a folder of SYSTEM or the administrators that users only read",
-      L"create it at installation, so that no user can create it first: vxhost service "
-      L"install --repair");
+  checks.Add("module's key", pinned,
+             !pinned        ? L"its signature's key is not among its pinned keys"
+             : isRestricted ? L"its signature's key is a restricted one"
+                            : L"its signature's key is a general one",
+             L"a module that is signed with a key that it pins",
+             L"another party may have signed it, or it was built with other keys: compare them "
+             L"with the maker's: vxhost pins");
 }
 
 // One line for each stored subscription, judged as "subscriptions" does.
-void Subscriptions(const StoreLook& look, Tessel::Security::KeySet keys,
-                   std::vector<Check>& checks) {
+void Subscriptions(const StoreLook& look, Tessel::Security::KeySet keys, Checks& checks) {
   for (const Explanation& one : Explain(SubscriptionsIn(DocumentOf(look)), {}, keys)) {
     const std::wstring number = std::to_wstring(one.subscription.number);
     std::wstring found = number;
@@ -193,207 +177,169 @@ void Subscriptions(const StoreLook& look, Tessel::Security::KeySet keys,
       if (!part.empty()) found += L" " + part;
     }
     for (const std::wstring& reason : one.reasons) found += L"; " + reason;
-    checks.push_back(MakeCheck("subscription", one.fate == Fate::Runs, found,
-                               L"a subscription that would run",
-                               (L"remove what is in its way, see vxhost explain --all, or take it "
-                                L"back: vxhost subscriptions remove " +
-                                number)
-                                   .c_str()));
+    checks.Add(
+        "subscription", one.fate == Fate::Runs, found, L"a subscription that would run",
+        L"remove what is in its way, or take it back: vxhost subscriptions remove " + number);
   }
 }
 
 // Reads the store as "store verify" does, while no service can write it.
-void Store(const HoldLimits& limits, Tessel::Security::KeySet keys, std::vector<Check>& checks) {
+void Store(const HoldLimits& limits, Tessel::Security::KeySet keys, Checks& checks) {
   constexpr wchar_t kSound[] = L"a file that this machine can decrypt, and no other beside it";
   std::optional<StoreLook> look;
   try {
     const StoreHold hold(StoreUse::Write, limits);
     look = LookAtFile(CapDataStore::PathOfFile());
   } catch (const std::runtime_error& error) {
-    checks.push_back(MakeCheck("store mutex", false, Wide(error.what()), L"free",
-                               L"run as administrator, or end the program that keeps it, which "
-                               L"stops every service: vxhost service stop"));
-    checks.push_back(MakeCheck("store", false, L"not read while its mutex is taken", kSound,
-                               L"as for the mutex"));
+    checks.Add("store mutex", false, Wide(error.what()), L"free",
+               L"run as administrator, or end the program that keeps it, which stops every "
+               L"service: vxhost service stop");
+    checks.Add("store", false, L"not read while its mutex is taken", kSound, L"as for the mutex");
     return;
   }
-  checks.push_back({.what = "store mutex", .found = L"free"});
+  checks.Add("store mutex", true, L"free");
   const StoreVerdict verdict = DiagnoseWithLists(*look);
   // "store restore" and "store import" keep the store that they replace.
   std::erase_if(look->siblings, [&](const std::wstring& path) {
     return path.starts_with(look->path + L".replaced-");
   });
   const bool readable = verdict.IsSound() || look->reading.state == StoreState::Missing;
-  checks.push_back(
-      MakeCheck("store", readable && look->siblings.empty(),
-                look->path + L": " + Wide(verdict.text) +
-                    (look->siblings.empty() ? L"" : L"; beside it " + look->siblings.front()),
-                kSound,
-                readable ? L"run as administrator, or delete what is beside it: vxhost store verify"
-                         : L"run as administrator, or put a copy in its place: vxhost store "
-                           L"restore COPY"));
+  checks.Add("store", readable && look->siblings.empty(),
+             look->path + L": " + Wide(verdict.text) +
+                 (look->siblings.empty() ? L"" : L"; beside it " + look->siblings.front()),
+             kSound,
+             readable ? L"run as administrator, or delete what is beside it: vxhost store verify"
+                      : L"run as administrator, or replace it: vxhost store restore COPY");
   if (verdict.IsSound()) Subscriptions(*look, keys, checks);
 }
 
 // Checks the installed service: its process, its module and its pipe.
-void Service(const std::string& name, std::vector<Check>& checks) {
-  static constexpr char kWhat[] = "service";
-  const std::wstring wide = Wide(name);
+void Service(const std::string& written, Checks& checks) {
+  const std::wstring name = Wide(written);
   try {
-    const auto report = ServiceManager().Query(wide);
+    const auto report = ServiceManager().Query(name);
     const bool running = report && report->state == SERVICE_RUNNING;
-    const std::wstring state = !report   ? L" is not installed"
-                               : running ? L" runs as process " + std::to_wstring(report->process)
-                                         : L" does not run, " + Code(report->exitCode);
-    checks.push_back(MakeCheck(
-        kWhat, running, wide + state, L"a service that runs",
-        ((report ? L"vxhost service start --name " : L"vxhost service install --name ") + wide)
-            .c_str()));
+    checks.Add(
+        "service", running,
+        name + (!report   ? L" is not installed"
+                : running ? L" runs as process " + std::to_wstring(report->process)
+                          : L" does not run, " + Code(report->exitCode)),
+        L"a service that runs",
+        (report ? L"vxhost service start --name " : L"vxhost service install --name ") + name);
     if (!report) return;
-    checks.push_back(ModuleFile(report->options.module, "service's module",
-                                (L"vxhost service install --replace --name " + wide).c_str()));
+    const std::wstring advice = L"vxhost service install --replace --name " + name;
+    ModuleFile(report->options.module, "service's module", advice.c_str(), checks);
     if (!running) return;
     constexpr std::uint32_t kVersion = 22;
-    const auto result = ConnectToService(wide, report->process).Execute({kVersion, L"{}"});
-    checks.push_back(
-        {.what = "service's pipe", .found = L"answers " + result.response.value_or(L"nothing")});
+    const auto result = ConnectToService(name, report->process).Execute({kVersion, L"{}"});
+    checks.Add("service's pipe", true, L"answers " + result.response.value_or(L"nothing"));
   } catch (const std::runtime_error& error) {
-    checks.push_back(
-        MakeCheck(kWhat, false, Wide(error.what()), L"a service that answers",
-                  (L"run as administrator, or vxhost service status --name " + wide).c_str()));
+    checks.Add("service's pipe", false, Wide(error.what()), L"a service that answers",
+               L"run as administrator, or restart it: vxhost service stop --name " + name);
   }
 }
 
-void ConsoleUser(std::vector<Check>& checks) {
+// Checks what the service's logs say of the service itself. Clients choose other texts in a log.
+void Log(const std::string& named, Checks& checks) {
+  const std::filesystem::path folder = LogFolderOf(named);
+  std::vector<std::filesystem::path> files;
+  try {
+    files = LogFilesIn(folder);
+  } catch (const std::runtime_error& error) {
+    checks.Add("log folder", false, Wide(error.what()), L"the log of a service",
+               L"start the service, as administrator: vxhost service start");
+    return;
+  }
+  const std::wstring count = std::to_wstring(files.size()) + L" log files";
+  checks.Add("log folder", true, folder.wstring() + L", " + count);
+  std::size_t events = 0;
+  std::wstring lastEvent;
+  std::wstring lastError;
+  bool startedSince = true;
+  for (const auto& file : files) {
+    ReadLog(
+        file,
+        [&](const HistoryLine& line) {
+          if (line.line.provider != kHostProvider) return;
+          const std::wstring text = line.line.message + L" at " + line.time;
+          if (PowerCodeIn(line.line)) {
+            ++events;
+            lastEvent = L", the last " + text;
+          }
+          if (line.line.level == L"ERROR") lastError = text;
+          startedSince = StartsModule(line.line) || (startedSince && line.line.level != L"ERROR");
+        },
+        Utf8(kHostProvider));
+  }
+  checks.Add("last error", startedSince, lastError.empty() ? L"none" : lastError,
+             L"none since the last start", L"see what happened then: vxhost history");
+  checks.Add("power events", events != 0,
+             events == 0 ? L"none in " + count : std::to_wstring(events) + lastEvent,
+             L"at least one",
+             L"let the machine sleep and wake while the service runs: vxhost watch --service");
+}
+
+void ConsoleUser(Checks& checks) {
   const std::uint32_t session = Machine().sessions->ActiveConsoleSession();
   if (session == Platform::kNoSession) {
-    checks.push_back(MakeCheck("console", false, L"no session", L"a session with a user",
-                               L"sign in at the machine: programs start in that session only"));
+    checks.Add("console", false, L"no session", L"a session with a user",
+               L"sign in at the machine: programs start in that session only");
     return;
   }
   const auto user = Machine().sessions->QueryText(session, Platform::SessionText::UserName);
-  checks.push_back(MakeCheck("console", user && !user->empty(),
-                             L"session " + std::to_wstring(session) + L", user " +
-                                 (user ? *user : L"unknown: " + Code(user.Error())),
-                             L"a user", L"sign in at the machine"));
+  checks.Add("console", user && !user->empty(),
+             L"session " + std::to_wstring(session) + L", user " +
+                 (user ? *user : L"unknown: " + Code(user.Error())),
+             L"a user", L"sign in at the machine");
   const auto logon = Orvane::LogonProcessIn(session);
   const auto image = logon ? Machine().processes->ImagePath(*logon) : std::nullopt;
-  checks.push_back(MakeCheck("logon process", image.has_value(), image.value_or(L"none is seen"),
-                             L"winlogon.exe in the session of the console",
-                             L"run as administrator, who may see it: vxhost doctor"));
+  checks.Add("logon process", image.has_value(), image.value_or(L"none is seen"),
+             L"winlogon.exe in the session of the console",
+             L"run as administrator, who may see it: vxhost doctor");
 }
 
-Check FirstRun() {
-  const auto state = Machine().oobe->Query();
-  return MakeCheck("first-run set-up", state.known && state.complete,
-                   !state.known     ? L"not reported"
-                   : state.complete ? L"complete"
-                                    : L"not complete",
-                   L"complete", L"the service waits until Windows has finished its set-up");
-}
-
-Check Lockdown(Tessel::Security::KeySet keys) {
-  const std::wstring path = Expanded(L"%windir%\\System32\\wldp.dll");
-  const auto trust = Tessel::Security::VerifyFile(path, keys);
-  return MakeCheck("lockdown library", trust.trusted,
-                   path + (trust.trusted ? L", trusted" : L", not trusted"),
-                   L"a library that is signed with a general key",
-                   (L"without it S mode is never noticed: vxhost trust --general " + path).c_str());
-}
-
-Check Package(const Orvane::CompanionApp& app) {
+void Package(const Orvane::CompanionApp& app, Checks& checks) {
   const Platform::ActingReport ignored = [](auto, auto) {};
-  auto found = Platform::AsConsoleUser(
-      ignored, [&] { return Machine().packages->FindByFamily(app.packageFamilyName).fullNames; });
-  if (found.empty()) found = Machine().packages->FindByFamily(app.packageFamilyName).fullNames;
-  return MakeCheck("companion app", !found.empty(),
-                   std::wstring(app.packageFamilyName) +
-                       (found.empty() ? L" is not installed for the user" : L": " + found.front()),
-                   L"installed for the user at the console",
-                   L"install it, unless this machine is sold without it: Add-AppxPackage FILE");
+  const auto query = [&] {
+    return Machine().packages->FindByFamily(app.packageFamilyName).fullNames;
+  };
+  auto found = Platform::AsConsoleUser(ignored, query);
+  if (found.empty()) found = query();
+  checks.Add("companion app", !found.empty(),
+             std::wstring(app.packageFamilyName) +
+                 (found.empty() ? L" is not installed for the user" : L": " + found.front()),
+             L"installed for the user at the console",
+             L"install it, unless this machine is sold without it: Add-AppxPackage FILE");
 }
 
-Check Firmware() {
+// Checks the parts of Windows and of the machine that the module uses.
+void Parts(Tessel::Security::KeySet general, Checks& checks) {
+  const auto setup = Machine().oobe->Query();
+  checks.Add("first-run set-up", setup.known && setup.complete,
+             !setup.known     ? L"not reported"
+             : setup.complete ? L"complete"
+                              : L"not complete",
+             L"complete", L"the service waits until Windows has finished its set-up");
+  const std::wstring library = Expanded(L"%windir%\\System32\\wldp.dll");
+  const bool trusted = Tessel::Security::VerifyFile(library, general).trusted;
+  checks.Add("lockdown library", trusted, library + (trusted ? L", trusted" : L", not trusted"),
+             L"a library that is signed with a general key",
+             L"without it S mode is never noticed: vxhost trust --general " + library);
+  for (const auto& app : {Orvane::kQubo, Orvane::kAurelo}) Package(app, checks);
   Tessel::Server::Shared::WMI::VxBiosWmi firmware;
   const bool ready = firmware.GetReady();
-  return MakeCheck(
-      "firmware", ready,
-      ready ? L"its WMI namespace opens (its class is not asked)" : L"no WMI namespace",
-      L"the maker's WMI provider", L"a machine of another maker keeps no born-on date");
-}
-
-// Checks that a part of Windows is present.
-Check Part(const char* what, bool present, const wchar_t* advice) {
-  return MakeCheck(what, present, present ? L"present" : L"absent", L"present", advice);
-}
-
-Check SessionPart() {
-  return Part("session functions", Machine().apiSets->IsPresent(Platform::kSessionApiSet),
-              L"this edition has no interactive users: nothing is started for them");
-}
-
-Check Triggers() {
-  return Part(
+  checks.Add("firmware", ready,
+             ready ? L"its WMI namespace opens (its class is not asked)" : L"no WMI namespace",
+             L"the maker's WMI provider", L"a machine of another maker keeps no born-on date");
+  const auto part = [&](const char* what, bool present, const wchar_t* advice) {
+    checks.Add(what, present, present ? L"present" : L"absent", L"present", advice);
+  };
+  part("session functions", Machine().apiSets->IsPresent(Platform::kSessionApiSet),
+       L"this edition has no interactive users: nothing is started for them");
+  part(
       "custom triggers",
       GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "RtlRaiseCustomSystemEventTrigger") != nullptr,
       L"this Windows raises no custom triggers: subscriptions with one only log a status");
-}
-
-// What a service's logs say. Clients choose other texts in a log, so only the service's own lines
-// count.
-struct LogSummary {
-  std::size_t powerEvents = 0;
-  std::wstring lastPower;  // "power event 18 at 2026-01-02T03:04:05.678Z"
-  std::wstring lastError;  // in the same form
-  bool startedSince = false;
-};
-
-void Read(const std::filesystem::path& path, LogSummary& summary) {
-  std::ifstream file(path, std::ios::binary);
-  for (std::string line; std::getline(file, line);) {
-    if (line.find(Utf8(kHostProvider)) == std::string::npos) continue;
-    // Empty for the incomplete line of a killed process.
-    const auto record = ParseHistoryLine(line);
-    if (!record || record->line.provider != kHostProvider) continue;
-    const std::wstring text = record->line.message + L" at " + record->time;
-    if (PowerCodeIn(record->line)) {
-      ++summary.powerEvents;
-      summary.lastPower = text;
-    }
-    if (record->line.level == L"ERROR") {
-      summary.lastError = text;
-      summary.startedSince = false;
-    }
-    if (StartsModule(record->line)) summary.startedSince = true;
-  }
-}
-
-void Log(const std::string& folder, std::vector<Check>& checks) {
-  constexpr wchar_t kAdvice[] = L"start the service, as administrator: vxhost service start";
-  const std::filesystem::path path = LogFolderOf(folder);
-  std::vector<std::filesystem::path> files;
-  try {
-    files = LogFilesIn(path);
-  } catch (const std::runtime_error& error) {
-    checks.push_back(
-        MakeCheck("log folder", false, Wide(error.what()), L"the log of a service", kAdvice));
-    return;
-  }
-  LogSummary summary;
-  for (const auto& file : files) Read(file, summary);
-  checks.push_back({.what = "log folder",
-                    .found = path.wstring() + L", " + std::to_wstring(files.size()) + L" files"});
-  checks.push_back(MakeCheck("last error", summary.lastError.empty() || summary.startedSince,
-                             summary.lastError.empty() ? L"none" : summary.lastError,
-                             L"none since the last start",
-                             L"see what happened then: vxhost history"));
-  checks.push_back(
-      MakeCheck("power events", summary.powerEvents != 0,
-                summary.powerEvents == 0
-                    ? L"none in " + std::to_wstring(files.size()) + L" log files"
-                    : std::to_wstring(summary.powerEvents) + L", the last " + summary.lastPower,
-                L"at least one",
-                L"let the machine sleep and wake while the service runs: vxhost watch --service"));
 }
 
 std::vector<Check> Examine(const ModuleOptions& which, const Options& options) {
@@ -404,28 +350,27 @@ std::vector<Check> Examine(const ModuleOptions& which, const Options& options) {
   } catch (const std::runtime_error&) {
     pins.reset();  // its check reports that
   }
-  std::vector<Check> checks;
-  checks.push_back(ModuleFile(module, "module",
-                              L"install both from one package: vxhost service install --replace"));
-  checks.push_back(ModuleSignature(module));
+  Checks checks;
+  ModuleFile(module, "module", L"install both from one package: vxhost service install --replace",
+             checks);
+  ModuleSignature(module, checks);
   Pins(module, pins, checks);
-  checks.push_back(Folder(Expanded(L"%ProgramData%\\Vx")));
+  const std::wstring folder = Expanded(L"%ProgramData%\\Vx");
+  const std::string why = ServiceHost::WhyWritable(folder, ServiceHost::Writers::System);
+  checks.Add("folder", why.empty(), why.empty() ? folder : Wide(why),
+             L"a folder of SYSTEM or the administrators that users only read",
+             L"create it at installation, so that no user can create it first: vxhost service "
+             L"install --repair");
   Store(options.limits, pins ? pins->Restricted() : Tessel::Security::KeySet(), checks);
   ConsoleUser(checks);
-  checks.push_back(FirstRun());
-  checks.push_back(Lockdown(pins ? pins->General() : Tessel::Security::KeySet()));
-  for (const auto& app : {Orvane::kQubo, Orvane::kAurelo}) checks.push_back(Package(app));
-  checks.push_back(Firmware());
-  checks.push_back(SessionPart());
-  checks.push_back(Triggers());
-  if (which.simulate) return checks;
-  checks.push_back({.what = "standby",
-                    .found = ServiceHost::HasModernStandby()
-                                 ? L"Modern Standby, which ends the wait of a delivery"
-                                 : L"no Modern Standby"});
+  Parts(pins ? pins->General() : Tessel::Security::KeySet(), checks);
+  if (which.simulate) return checks.all;
+  checks.Add("standby", true,
+             ServiceHost::HasModernStandby() ? L"Modern Standby, which ends the wait of a delivery"
+                                             : L"no Modern Standby");
   Service(options.name, checks);
   Log(options.logFolder, checks);
-  return checks;
+  return checks.all;
 }
 
 const char* Name(Health health) {

@@ -50,14 +50,6 @@ struct Options {
   std::string timeline;
 };
 
-// Returns the file that an argument names or, for a folder, its logs sorted by age.
-std::vector<std::filesystem::path> FilesOf(const std::string& argument) {
-  const std::filesystem::path path = FullPath(argument);
-  std::error_code error;
-  if (std::filesystem::is_regular_file(path, error)) return {path};
-  return LogFilesIn(path);
-}
-
 // Returns the moment that --since or --until names.
 std::int64_t MomentNamed(const std::string& text, std::int64_t now) {
   constexpr std::int64_t kHalfDay = 43'200'000;
@@ -180,30 +172,6 @@ class LogRecord {
   std::vector<RecordEntry> entries;
 };
 
-// Passes each log line to `take`. Returns how many lines were not log lines.
-std::size_t ReadFile(const std::filesystem::path& path,
-                     const std::function<void(const HistoryLine&)>& take) {
-  std::wstring service = path.filename().wstring();
-  service.resize(service.size() - ServiceHost::LogAge(service).size());
-  std::ifstream file(path, std::ios::binary);
-  if (!file) throw std::runtime_error("cannot read " + Utf8(path.wstring()));
-  // A log line starts with a brace. A byte beyond ASCII is a mark: PowerShell saves as UTF-16.
-  std::istringstream decoded;
-  const bool marked = file.peek() > 0x7F;
-  if (marked) decoded.str(Utf8(ReadTextFile(path.wstring())));
-  std::istream& lines = marked ? static_cast<std::istream&>(decoded) : file;
-  std::size_t others = 0;
-  for (std::string text; std::getline(lines, text);) {
-    if (auto line = ParseHistoryLine(text)) {
-      line->service = service;
-      take(*line);
-    } else if (text.find_first_not_of(" \t\r") != std::string::npos) {
-      ++others;
-    }
-  }
-  return others;
-}
-
 constexpr char kNoRecords[] =
     "(no line has a record of a decision. Nothing was decided, or an earlier version wrote the "
     "log, or "
@@ -261,11 +229,16 @@ int RunHistory(const Options& options, Console& console) {
     history.Add(line);
     if (!options.timeline.empty() && period.Includes(MomentOf(line.time))) record.Add(line);
   };
-  std::vector<std::filesystem::path> files;
-  if (options.files.empty()) files = LogFilesIn(LogFolderOf({}));
-  for (const std::string& argument : options.files)
-    std::ranges::move(FilesOf(argument), std::back_inserter(files));
-  for (const auto& path : files) others += ReadFile(path, take);
+  auto arguments = options.files;
+  if (arguments.empty()) arguments.emplace_back();
+  for (const std::string& argument : arguments) {
+    const std::filesystem::path path = LogFolderOf(argument);
+    std::error_code error;
+    const bool isFile = std::filesystem::is_regular_file(path, error);
+    for (const auto& file : isFile ? std::vector{path} : LogFilesIn(path)) {
+      others += ReadLog(file, take);
+    }
+  }
   if (!options.timeline.empty()) {
     const bool all = !options.since.empty() || !options.until.empty();
     record.Draw(options.timeline, stored,
@@ -309,22 +282,41 @@ std::filesystem::path LogFolderOf(const std::string& argument) {
 std::vector<std::filesystem::path> LogFilesIn(const std::filesystem::path& folder) {
   std::error_code error;
   static_cast<void>(std::filesystem::directory_iterator(folder, error));
-  if (error) {
-    const bool denied = error == std::errc::permission_denied;
-    throw std::runtime_error("cannot list " + Utf8(folder.wstring()) + ": " + error.message() +
-                             (denied ? "; run as administrator"
-                                     : "; name the log files of a service, or install one: vxhost "
-                                       "service install"));
-  }
   std::vector<std::filesystem::path> files;
   for (const std::wstring& name : ServiceHost::LogFileNames(folder.wstring())) {
     files.push_back(folder / name);
   }
-  if (files.empty()) {
-    throw std::runtime_error("there is no NAME-YYYYMMDD-NNNN.log in " + Utf8(folder.wstring()) +
-                             "; start the service: vxhost service start");
+  if (!files.empty()) return files;
+  const std::string why = error ? "cannot list " + Utf8(folder.wstring()) + ": " + error.message()
+                                : "there is no NAME-YYYYMMDD-NNNN.log in " + Utf8(folder.wstring());
+  throw std::runtime_error(why + (error == std::errc::permission_denied
+                                      ? "; run as administrator"
+                                      : "; name the log files, or install and start a service: "
+                                        "vxhost service install"));
+}
+
+std::size_t ReadLog(const std::filesystem::path& path,
+                    const std::function<void(const HistoryLine&)>& take, std::string_view part) {
+  std::wstring service = path.filename().wstring();
+  service.resize(service.size() - ServiceHost::LogAge(service).size());
+  std::ifstream file(path, std::ios::binary);
+  if (!file) throw std::runtime_error("cannot read " + Utf8(path.wstring()));
+  // A log line starts with a brace. A byte beyond ASCII is a mark: PowerShell saves as UTF-16.
+  std::istringstream decoded;
+  const bool marked = file.peek() > 0x7F;
+  if (marked) decoded.str(Utf8(ReadTextFile(path.wstring())));
+  std::istream& lines = marked ? static_cast<std::istream&>(decoded) : file;
+  std::size_t others = 0;
+  for (std::string text; std::getline(lines, text);) {
+    if (text.find(part) == std::string::npos) continue;
+    if (auto line = ParseHistoryLine(text)) {
+      line->service = service;
+      take(*line);
+    } else if (text.find_first_not_of(" \t\r") != std::string::npos) {
+      ++others;
+    }
   }
-  return files;
+  return others;
 }
 
 void AddHistoryCommand(CommandLine& line) {
