@@ -18,7 +18,7 @@
 #include "platform/trust_provider.h"
 #include "platform/unique_handle.h"
 #include "support/stand_in_logon.h"
-#include "support/test_pki.h"
+#include "support/temp_folder.h"
 
 namespace {
 

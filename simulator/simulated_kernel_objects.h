@@ -8,7 +8,7 @@ namespace Vx::Simulator {
 
 // The real mutexes and events, with the names of events private to this machine, because several
 // simulated machines may run at once. Any thread.
-class SimulatedKernelObjects final : public Platform::KernelObjects {
+class SimulatedKernelObjects : public Platform::KernelObjects {
  public:
   // Signals or resets the event for Modern Standby.
   void SetStandby(bool entered);

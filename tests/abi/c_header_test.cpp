@@ -1,19 +1,15 @@
 // The C form of the contract against the C++ one: each entry has the signature of its virtual
 // function and lies where this compiler looks that function up.
-#include <cstring>
-#include <type_traits>
-
-#include <gtest/gtest.h>
 
 #include "host/completion_callback.h"
 #include "host/vx_service.h"
 #include "host/vx_service_c.h"
+#include "support/test.h"
 
 namespace Contract = Vx::Tessel::Server::Services;
 
 namespace {
 
-// The C name of a type of the contract.
 template <typename T>
 struct InC {
   using Type = T;

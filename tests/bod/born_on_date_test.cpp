@@ -1,12 +1,6 @@
 #include "bod/born_on_date.h"
 
-#include <chrono>
-#include <cstdio>
-#include <stdexcept>
-#include <string>
-#include <vector>
-
-#include <gtest/gtest.h>
+#include "support/test.h"
 
 namespace Vx::Tessel::Server::Services::Orvane {
 namespace {
@@ -89,23 +83,6 @@ TEST(WriteDigitsTest, RefusesABufferThatIsTooSmall) {
     ADD_FAILURE() << "seven bytes were taken for eight digits";
   } catch (const std::invalid_argument& error) {
     EXPECT_STREQ(error.what(), "BornOnDateManager::determine_date_to_assign - vector too small");
-  }
-}
-
-TEST(IsAssignableTest, TakesAValidDateOrZerosOfJustTheFirmwaresLength) {
-  static const struct {
-    const char* text;
-    bool six;
-    bool eight;
-  } kCases[] = {
-      {"240229", true, false},   {"20240229", false, true}, {"000000", true, false},
-      {"00000000", false, true}, {"0000000", false, false}, {"240230", false, false},
-      {"", false, false},
-  };
-  for (const auto& c : kCases) {
-    SCOPED_TRACE(c.text);
-    EXPECT_EQ(IsAssignable(c.text, BODFormat::SixDigits), c.six);
-    EXPECT_EQ(IsAssignable(c.text, BODFormat::EightDigits), c.eight);
   }
 }
 

@@ -1,13 +1,12 @@
 #include "bod/calendar_time.h"
 
-#include <gtest/gtest.h>
+#include "support/test.h"
 
 namespace Vx::Tessel::Server::Services::Orvane {
 namespace {
 
 constexpr std::uint64_t kDay = 864'000'000'000;
 
-// Some well-known moments as Windows' own conversion returns them.
 TEST(CalendarTimeTest, AgreesWithKnownMomentsInBothDirections) {
   static constexpr struct {
     CalendarTime time;

@@ -1,35 +1,20 @@
 #include "bod/vx_bios_wmi.h"
 
-#include <array>
-#include <string>
-#include <system_error>
-#include <vector>
-
-#include <windows.h>
+#include "support/test.h"
 
 #include <oleauto.h>
 #include <wbemcli.h>
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include "platform/machine.h"
 #include "simulator/simulated_firmware.h"
-#include "support/log_capture.h"
 
 namespace Vx::Tessel::Server::Shared::WMI {
 namespace {
-
-using ::testing::ElementsAre;
-using ::testing::IsEmpty;
-using ::testing::SizeIs;
 
 constexpr std::uint32_t kBlock = 128;
 constexpr auto kMissing = static_cast<std::int32_t>(0x80041002);
 constexpr auto kDenied = static_cast<std::int32_t>(0x80041003);
 constexpr auto kNotTheBlock = static_cast<std::int32_t>(0x8007000D);
 
-// Returns the rest of a failed step's line.
 std::wstring Failed(const std::wstring& function, std::int32_t result) {
   wchar_t code[16];
   _snwprintf(code, std::size(code), L"%x", static_cast<unsigned>(result));

@@ -1,15 +1,8 @@
 #include "companion/aurelo.h"
 
-#include <gmock/gmock.h>
-
-#include <chrono>
-#include <cstddef>
-
-#include <windows.h>
-
-#include "platform/unique_handle.h"
 #include "storage/cap_data_store.h"
 #include "support/machine_test.h"
+#include "support/test.h"
 
 namespace Vx::Tessel::Server::Services::Orvane::Aurelo {
 namespace {

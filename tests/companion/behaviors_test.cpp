@@ -1,22 +1,4 @@
-#include <atomic>
-#include <chrono>
-#include <filesystem>
-#include <fstream>
-#include <functional>
-#include <future>
-#include <iterator>
-#include <memory>
-#include <optional>
-#include <stdexcept>
-#include <string>
-#include <string_view>
-#include <thread>
-#include <utility>
-#include <vector>
 
-#include <windows.h>
-
-#include <gmock/gmock.h>
 
 #include "companion/qubo_behaviors.h"
 #include "companion/registration.h"
@@ -26,26 +8,16 @@
 #include "platform/threads.h"
 #include "storage/cap_data_store.h"
 #include "support/faulty_files.h"
-#include "support/log_trap.h"
 #include "support/machine_test.h"
+#include "support/test.h"
 
 namespace Vx::Tessel::Server::Services::Orvane {
 namespace {
 
 using State = RegistrationHelper::RegistrationState;
-using ::testing::ElementsAre;
 
 constexpr wchar_t kSentra[] = L"7C3B9E40.SentraAssistant_r4x2m8kq7tn3b";
 constexpr wchar_t kSentraKey[] = L"SOFTWARE\\WOW6432Node\\Vexmoor\\SentraActive";
-
-void Write(const std::filesystem::path& path, std::string_view content) {
-  std::ofstream(path, std::ios::binary) << content;
-}
-
-std::string Read(const std::filesystem::path& path) {
-  std::ifstream file(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(file), {}};
-}
 
 class BehaviorTest : public Tests::StoreTest {
  protected:
@@ -82,7 +54,7 @@ TEST_F(BehaviorTest, FoldersTellPreloadedAndInstalled) {
   for (const auto& [folder, answer] : answers) {
     const auto path = programs.Path() / folder;
     std::filesystem::create_directories(path.parent_path());
-    Write(path, "a file is no folder");
+    Tests::WriteText(path, "a file is no folder");
     EXPECT_FALSE(answer()) << folder;
     std::filesystem::remove(path);
     std::filesystem::create_directory(path);
@@ -101,40 +73,6 @@ TEST_F(BehaviorTest, KnowsNoRegistrationStateOfAnotherKindOrWithoutAStore) {
   EXPECT_EQ(check.GetState(), State::Unknown);
   store.Block();
   EXPECT_EQ(check.GetState(), State::Unknown);
-}
-
-TEST_F(BehaviorTest, WasInSModeOnlyWithALockedFirstModeOnRecord) {
-  using Storage::BsonElement;
-  constexpr wchar_t kNoDocument[] =
-      L"error|Could not retrive OrvaneService for WindowsModeCheckBehavior";
-  static const struct {
-    BsonElement first;
-    const wchar_t* logged = nullptr;
-    bool was = false;
-  } kCases[] = {
-      {{}, L"-1", false},
-      {BsonElement::Int32(2), L"2", true},
-      {BsonElement::Int32(0), L"0", false},
-      {BsonElement::Int64(2), L"-1", false},
-      {BsonElement::Text("2"), L"-1", false},
-  };
-  for (const auto& c : kCases) {
-    Storage::CapDataStore().mergeMember("OrvaneServiceDocument", "FirstSystemEnforcementMode",
-                                        c.first);
-    Qubo::WindowsModeCheckBehavior check;
-    EXPECT_EQ(check.HasBeenInSMode(), c.was);
-    EXPECT_FALSE(check.IsInSMode());
-    const std::wstring start = L"info|.HasBeenInSMode ";
-    EXPECT_TRUE(log.Has(start + L"Current Lockdown Policy is 0"));
-    EXPECT_TRUE(log.Has(start + L"First Lockdown Policy is " + c.logged));
-    EXPECT_EQ(log.Has(start + L"Detected S Mode Switch"), c.was);
-    EXPECT_EQ(log.Has(start + L"Detected S Mode Switch 1"), c.was);
-    EXPECT_FALSE(log.Has(kNoDocument));
-    log.Clear();
-  }
-  Write(store.FilePath(), std::string(100, 'x'));
-  EXPECT_FALSE(Qubo::WindowsModeCheckBehavior().HasBeenInSMode());
-  EXPECT_TRUE(log.Has(kNoDocument));
 }
 
 class RegistrationDataTest : public BehaviorTest {
@@ -170,14 +108,14 @@ TEST_F(RegistrationDataTest, CopiesTheMachinesDataOverTheUsersWithTheUsersRights
   const Platform::MachineScope inserted(
       [&](Platform::Machine& platform) { platform.files = &files; });
   const std::string content("\xFF\xFE<\0x\0\r\n\0\x1A", 9);
-  Write(Source(), content);
-  Write(Destination(), "older and longer than what comes");
+  Tests::WriteText(Source(), content);
+  Tests::WriteText(Destination(), "older and longer than what comes");
   EXPECT_TRUE(CopyRegistrationData(L"client", logger));
-  EXPECT_EQ(Read(Destination()), content);
-  Write(Source(), "second");
+  EXPECT_EQ(Tests::ReadText(Destination()), content);
+  Tests::WriteText(Source(), "second");
   RefreshRegistrationData(logger);
   machine.clock.Settle();
-  EXPECT_EQ(Read(Destination()), "second");
+  EXPECT_EQ(Tests::ReadText(Destination()), "second");
   EXPECT_EQ(accesses, 8);
   EXPECT_FALSE(machine.users.Acting());
 
@@ -194,8 +132,8 @@ TEST_F(RegistrationDataTest, CopiesTheMachinesDataOverTheUsersWithTheUsersRights
 
 // During the second of the three steps, and between that and the third.
 TEST_F(RegistrationDataTest, CopiesNothingWithTheRightsOfAnotherUser) {
-  Write(Source(), "new");
-  Write(Destination(), "old");
+  Tests::WriteText(Source(), "new");
+  Tests::WriteText(Destination(), "old");
   const std::function<void()> copies[] = {
       [&] { EXPECT_FALSE(CopyRegistrationData(L"client", logger)); },
       [&] { RefreshRegistrationData(logger); }};
@@ -210,7 +148,7 @@ TEST_F(RegistrationDataTest, CopiesNothingWithTheRightsOfAnotherUser) {
       EXPECT_EQ(log.Lines().back(), L"warning|Problem while querying user's access token.");
     }
   }
-  EXPECT_EQ(Read(Destination()), "old");
+  EXPECT_EQ(Tests::ReadText(Destination()), "old");
 }
 
 // A program of the user holds up each change of a file, until the thread's call is cancelled or,
@@ -262,7 +200,7 @@ TEST_F(RegistrationDataTest, AUserWhoHoldsUpTheCopyHoldsUpNeitherAResumeNorAComm
     EXPECT_EQ(CopyRegistrationData(L"client", logger), expected);
     return machine.clock.Elapsed() - begin;
   };
-  Write(Source(), "new");
+  Tests::WriteText(Source(), "new");
   // The partial file can be held up as well when it is removed.
   EXPECT_EQ(secondsOfCopy(false), seconds(30) + std::chrono::milliseconds(100));
   EXPECT_EQ(machine.clock.Workers(), 0U);
@@ -288,14 +226,14 @@ TEST_F(RegistrationDataTest, AUserWhoHoldsUpTheCopyHoldsUpNeitherAResumeNorAComm
   }
   held->holds = false;
   EXPECT_EQ(secondsOfCopy(true), seconds(0));
-  EXPECT_EQ(Read(Destination()), "new");
+  EXPECT_EQ(Tests::ReadText(Destination()), "new");
 }
 
 TEST_F(RegistrationDataTest, ACommandThatWaitsForACopyThatIsHeldUpDoesNotBeginItsOwn) {
   std::optional<HeldUpFiles> held;
   const Platform::MachineScope inserted(
       [&](Platform::Machine& platform) { held.emplace(platform); });
-  Write(Source(), "new");
+  Tests::WriteText(Source(), "new");
   std::thread second;
   std::promise<void> asked;
   const Tests::LogTrap trap(L"Attempting to impersonate", 3, [&] { asked.set_value(); });
@@ -310,7 +248,6 @@ TEST_F(RegistrationDataTest, ACommandThatWaitsForACopyThatIsHeldUpDoesNotBeginIt
       testing::Contains(L"warning|CopyRegistration - not begun, because an earlier copy hangs"));
 }
 
-// A folder of files and the log lines about them.
 class TextFileTest : public ::testing::Test {
  protected:
   std::optional<std::wstring> Text(const wchar_t* name) const {
@@ -329,14 +266,16 @@ TEST_F(TextFileTest, AFileWithoutAMarkIsReadAsUtf8AndAnUnreadableOneHasNoText) {
   static constexpr wchar_t kNoMark[] = L"warning|Error Finding BOM for file: ";
   static constexpr wchar_t kUnreadable[] = L"warning|Error while reading text file ";
   std::filesystem::create_directory(folder.Path() / "a folder");
-  Write(folder / L"large", "\xEF\xBB\xBF");
+  Tests::WriteText(folder / L"large", "\xEF\xBB\xBF");
   std::filesystem::resize_file(folder.Path() / "large", kMaxTextFile + 1);
-  Write(folder / L"largest", std::string(kMaxTextFile, 'x'));
-  Write(folder / L"marked", "\xEF\xBB\xBF/quiet");
-  Write(folder / L"plain", "/caf\xC3\xA9");
-  Write(folder / L"empty", "");
-  Write(folder / L"UTF-16", std::string_view("/\0q\0", 4));
-  Write(folder / L"cut", std::string_view("\xFF\xFE/\0\0\0q\0", 8));
+  Tests::WriteText(folder / L"largest", std::string(kMaxTextFile, 'x'));
+  Tests::WriteText(folder / L"marked", "\xEF\xBB\xBF/quiet");
+  Tests::WriteText(folder / L"plain", "/caf\xC3\xA9");
+  Tests::WriteText(folder / L"empty", "");
+  Tests::WriteText(folder / L"UTF-16", std::string_view("/\0q\0", 4));
+  Tests::WriteText(folder / L"high byte first", std::string_view("\xFE\xFF\0/\0\xE4", 6));
+  Tests::WriteText(folder / L"broken", "\xEF\xBB\xBF/\xC3");
+  Tests::WriteText(folder / L"cut", std::string_view("\xFF\xFE/\0\0\0q\0", 8));
   const struct {
     const wchar_t* name;
     std::optional<std::wstring> text;
@@ -344,6 +283,8 @@ TEST_F(TextFileTest, AFileWithoutAMarkIsReadAsUtf8AndAnUnreadableOneHasNoText) {
   } cases[] = {
       {L"marked", L"/quiet", {}},
       {L"plain", L"/caf\u00E9", {kNoMark}},
+      {L"high byte first", L"/\u00E4", {}},
+      {L"broken", L"/\uFFFD", {}},
       {L"largest", std::wstring(kMaxTextFile, L'x'), {kNoMark}},
       {L"empty", L"", {kNoMark}},
       {L"missing", std::nullopt, {kUnreadable}},
@@ -364,10 +305,10 @@ TEST_F(TextFileTest, AFileWithoutAMarkIsReadAsUtf8AndAnUnreadableOneHasNoText) {
 }
 
 TEST_F(TextFileTest, ADestinationThatCannotBeWrittenKeepsItsContentAndNoPartIsLeft) {
-  Write(folder / L"source", "new");
-  Write(folder / L"read only", "old");
+  Tests::WriteText(folder / L"source", "new");
+  Tests::WriteText(folder / L"read only", "old");
   SetFileAttributesW((folder / L"read only").c_str(), FILE_ATTRIBUTE_READONLY);
-  Write(folder / L"target", "old");
+  Tests::WriteText(folder / L"target", "old");
   std::filesystem::create_directory(folder.Path() / "a folder");
   for (const wchar_t* to : {L"read only", L"a folder", L"missing\\file"}) {
     SCOPED_TRACE(::testing::PrintToString(std::wstring(to)));
@@ -377,44 +318,20 @@ TEST_F(TextFileTest, ADestinationThatCannotBeWrittenKeepsItsContentAndNoPartIsLe
   EXPECT_FALSE(Copy(L"nothing", L"target"));
   EXPECT_EQ(log.Lines().back(), L"error|Error while copying source file " + folder / L"nothing");
   {
-    // The disk is full.
     Tests::FaultyFiles files;
     const Platform::MachineScope scope(
         [&](Platform::Machine& platform) { platform.files = &files; });
     files.onStep = [](const std::string& step) { return step == "Half" ? Tests::kFault : 0U; };
     EXPECT_FALSE(Copy(L"source", L"target"));
   }
-  EXPECT_EQ(Read(folder / L"read only"), "old");
-  EXPECT_EQ(Read(folder / L"target"), "old");
+  EXPECT_EQ(Tests::ReadText(folder / L"read only"), "old");
+  EXPECT_EQ(Tests::ReadText(folder / L"target"), "old");
   const std::filesystem::directory_iterator entries(folder.Path());
   EXPECT_EQ(std::distance(begin(entries), end(entries)), 4);
 
-  Write(folder / L"source", "");
+  Tests::WriteText(folder / L"source", "");
   EXPECT_TRUE(Copy(L"source", L"target"));
-  EXPECT_EQ(Read(folder / L"target"), "");
-}
-
-TEST(RegistrationStateTest, OnlyTheWholeTextMapsToAState) {
-  static constexpr struct {
-    std::string_view text;
-    State state;
-  } kCases[] = {
-      {"yes", State::Yes},
-      {"no", State::No},
-      {"skipped_uwp", State::No},
-      {"skipped_oobe", State::SkippedOobe},
-      {"pending_oobe", State::Pending},
-      {"pending_uwp", State::Pending},
-      {"not_set", State::Unknown},
-      {"", State::Unknown},
-      {"Skipped_OOBE", State::Unknown},
-      {"skipped_oobe ", State::Unknown},
-      {std::string_view("yes\0", 4), State::Unknown},
-  };
-  for (const auto& c : kCases) {
-    SCOPED_TRACE(c.text);
-    EXPECT_EQ(RegistrationHelper::MapValueToState(c.text), c.state);
-  }
+  EXPECT_EQ(Tests::ReadText(folder / L"target"), "");
 }
 
 }  // namespace

@@ -1,23 +1,12 @@
 #include "companion/qubo_facade.h"
 
-#include <filesystem>
-#include <functional>
-#include <stdexcept>
-
-#include <gmock/gmock.h>
-
 #include "storage/cap_data_store.h"
 #include "support/machine_test.h"
 #include "support/memory_shortage.h"
-#include "support/probe.h"
-#include "support/process_gauges.h"
+#include "support/test.h"
 
 namespace Vx::Tessel::Server::Services::Orvane::Qubo {
 namespace {
-
-using ::testing::Contains;
-using ::testing::ElementsAre;
-using ::testing::SizeIs;
 
 constexpr wchar_t kQuboFamily[] = L"7C3B9E40.Qubo_r4x2m8kq7tn3b";
 constexpr wchar_t kLumoFamily[] = L"7C3B9E40.VxLumos_r4x2m8kq7tn3b";
@@ -116,19 +105,6 @@ TEST_F(QuboFacadeTest, AnAppThatCannotBeReachedGetsNoMessage) {
       ElementsAre(unreachable,
                   L"warning|OOBE AppService for Qubo failed. Attempting Vx Lumo's one.",
                   unreachable, L"info|Attempt to launch Vx Lumo's AppService (OOBE) was 0"));
-}
-
-TEST_F(QuboFacadeTest, MarksNoKeyOfMoreThan256Characters) {
-  const std::string longest = std::string(255, 'k') + "\xC3\xA9";
-  EXPECT_TRUE(QuboFacade().SkipAutoLaunchCriteria(longest));
-  EXPECT_FALSE(QuboFacade().SkipAutoLaunchCriteria(longest + "k"));
-}
-
-TEST_F(QuboFacadeTest, WithoutAStoreNothingIsMarkedAndNothingCanBe) {
-  EXPECT_TRUE(QuboFacade().SkipAutoLaunchCriteria("a key"));
-  store.Block();
-  EXPECT_FALSE(QuboFacade().SkipAutoLaunchCriteria("a key"));
-  EXPECT_FALSE(QuboLaunchCriteriaDataAccess("a key").ShouldBeSkipped());
 }
 
 TEST_F(QuboFacadeTest, TellsPlaceholdersOfThePredecessorByItsVersion) {

@@ -1,11 +1,6 @@
 #include "events/delivery_rules.h"
 
-#include <gtest/gtest.h>
-
-#include <cstdint>
-#include <limits>
-#include <optional>
-#include <string>
+#include "support/test.h"
 
 namespace Vx::Tessel::Server::Services::Orvane {
 

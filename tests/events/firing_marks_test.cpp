@@ -1,33 +1,16 @@
 #include "events/firing_marks.h"
 
-#include <gmock/gmock.h>
-
-#include <chrono>
-#include <cstddef>
-#include <functional>
-#include <future>
-#include <mutex>
-#include <optional>
-#include <stdexcept>
-#include <string>
-#include <thread>
-#include <utility>
-
 #include "events/package_completion.h"
 #include "events/package_event_test.h"
 #include "platform/kernel_objects.h"
-#include "platform/machine.h"
 #include "platform/windows_runtime_error.h"
-#include "support/log_trap.h"
+#include "simulator/simulated_kernel_objects.h"
+#include "support/test.h"
 
 namespace Vx::Tessel::Server::Services::Orvane {
 
 namespace {
 
-using testing::Contains;
-using testing::HasSubstr;
-using testing::Not;
-using testing::SizeIs;
 using Tests::FakeUninstall;
 using Tests::kFamily;
 
@@ -53,7 +36,6 @@ class OneShotTest : public Tests::PackageEventFixture {
     RegisterExistingPackageCatalogManagerRequests(&service, stop);
     machine.clock.Settle();
   }
-  // The command runs, and the store fails from then on.
   void UninstallBeforeTheStoreFails() {
     machine.timeline.SetListener(
         [&](const auto&) { machine.faults.FailNamed("KernelObjects.LockMutex"); });
@@ -210,28 +192,16 @@ TEST_F(OneShotTest, DoesNotRunAgainForAListThatWasReadBefore) {
   }
 }
 
-// Runs an action when a mutex is let go for the first time.
-class UnlockTrap final : public Platform::KernelObjects {
+class UnlockTrap final : public Simulator::SimulatedKernelObjects {
  public:
   explicit UnlockTrap(std::function<void()> run) : action(std::move(run)) {}
-  Platform::Result<Platform::UniqueHandle> MakeMutex(const std::wstring& name) override {
-    return real.MakeMutex(name);
-  }
-  Platform::Result<Locked> LockMutex(Platform::RawHandle mutex) override {
-    return real.LockMutex(mutex);
-  }
   Platform::ErrorCode UnlockMutex(Platform::RawHandle mutex) override {
-    const Platform::ErrorCode error = real.UnlockMutex(mutex);
+    const Platform::ErrorCode error = SimulatedKernelObjects::UnlockMutex(mutex);
     if (const auto run = std::exchange(action, nullptr)) run();
     return error;
   }
-  Platform::Result<Platform::UniqueHandle> MakeManualEvent(const std::wstring& name) override {
-    return real.MakeManualEvent(name);
-  }
-  Platform::ErrorCode Signal(Platform::RawHandle event) override { return real.Signal(event); }
 
  private:
-  Platform::KernelObjects& real = *Platform::WindowsMachine().kernelObjects;
   std::function<void()> action;
 };
 
@@ -350,15 +320,6 @@ TEST_F(OneShotTest, IsNotWaitedForByALogon) {
   EXPECT_EQ(replay, std::future_status::ready);
   EXPECT_THAT(Sent(), SizeIs(1));
   EXPECT_EQ(Stored(), L"[]");
-}
-
-TEST_F(OneShotTest, EndsWithItsOwnServiceOnly) {
-  Subscribe(Request(5));
-  Replay(second);
-  PackageCatalogEventManager::clear_events(&first);
-  EXPECT_EQ(machine.packages.Handlers(L"ann"), 1U);
-  Uninstall();
-  EXPECT_THAT(Sent(), SizeIs(1));
 }
 
 TEST(FiringMark, RunsAgainAfterARunThatThrewUnlessItsRequestIsGone) {

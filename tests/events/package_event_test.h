@@ -1,18 +1,14 @@
 #pragma once
 
-#include <functional>
-#include <string>
-#include <utility>
-
 #include "events/package_event_manager.h"
 #include "storage/request_manager.h"
 #include "support/machine_test.h"
+#include "support/test.h"
 
 namespace Vx::Tests {
 
 constexpr wchar_t kFamily[] = L"App_abc";
 
-// A subscription to a package event that notifies the service "s" of the app "f".
 inline std::wstring PackageRequest(const std::wstring& event,
                                    const std::wstring& family = kFamily) {
   return L"{\"catalogEvent\":" + event + LR"(,"catalogAction":2,"packageFamilyName":")" + family +

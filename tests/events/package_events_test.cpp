@@ -1,40 +1,21 @@
-#include <gmock/gmock.h>
 
-#include <atomic>
-#include <chrono>
-#include <functional>
-#include <future>
-#include <memory>
-#include <mutex>
-#include <string>
-#include <system_error>
-#include <thread>
-#include <utility>
-#include <vector>
-
-#include <windows.h>
 
 #include "events/package_completion.h"
 #include "events/package_event_request.h"
 #include "events/package_event_test.h"
 #include "platform/windows_runtime_error.h"
 #include "simulator/simulated_files.h"
-#include "support/is_free.h"
-#include "support/log_trap.h"
+#include "support/test.h"
 
 namespace Vx::Tessel::Server::Services::Orvane {
 
 namespace {
 
-using namespace std::chrono_literals;
-using testing::IsEmpty;
-using testing::SizeIs;
 using Tests::FakeUninstall;
 using Tests::kFamily;
 using Tests::PackageRequest;
 using Manager = PackageCatalogEventManager;
 
-// Runs an action when a program is opened for its check.
 class CheckTrap final : public Simulator::SimulatedFiles {
  public:
   explicit CheckTrap(std::function<void()> run) : action(std::move(run)) {}
@@ -49,16 +30,10 @@ class CheckTrap final : public Simulator::SimulatedFiles {
 
 class PackageEventTest : public Tests::PackageEventFixture {
  protected:
-  // Returns 0, or the code that it throws.
-  std::int32_t Register(const std::wstring& request) {
-    try {
-      Manager::register_event(request,
-                              [this](const std::wstring& text) { completed.push_back(text); });
-      machine.clock.Settle();
-      return 0;
-    } catch (const Platform::WindowsRuntimeError& error) {
-      return error.code();
-    }
+  void Register(const std::wstring& request) {
+    Manager::register_event(request,
+                            [this](const std::wstring& text) { completed.push_back(text); });
+    machine.clock.Settle();
   }
 
   static std::wstring LaunchRequest(const std::wstring& event,
@@ -69,27 +44,6 @@ class PackageEventTest : public Tests::PackageEventFixture {
 
   std::vector<std::wstring> completed;
 };
-
-TEST_F(PackageEventTest, OpensACatalogForEveryRequestThatItUnderstands) {
-  const std::pair<std::int32_t, std::wstring> kCases[] = {
-      {0, PackageRequest(L"5")},
-      {0, PackageRequest(L"5.9")},
-      {kUnknownCatalogEvent, PackageRequest(L"6", L"Gone")},
-      {kUnknownCatalogEvent, PackageRequest(L"4294967301")},
-      {kPackageNotInstalled, PackageRequest(L"5", L"app_ABC")},
-      {Json::kJsonValueNotFound,
-       LR"({"catalogEvent":5,"catalogAction":2,"packageFamilyName":"App_abc",)"
-       LR"("catalogActionParams":{}})"},
-      {Json::kInvalidJsonString, L"{"},
-  };
-  for (const auto& [result, request] : kCases) {
-    SCOPED_TRACE(testing::PrintToString(request));
-    EXPECT_EQ(Register(request), result);
-    EXPECT_EQ(machine.packages.Handlers(L"ann"), result == 0 ? 1U : 0U);
-    EXPECT_FALSE(machine.users.Acting());
-    Manager::clear_events();
-  }
-}
 
 TEST_F(PackageEventTest, StaysArmedWhenItsCommandFails) {
   Register(PackageRequest(L"7"));
@@ -203,7 +157,6 @@ TEST_F(PackageEventTest, LeavesNothingBehindWhenNoThreadCanBeStarted) {
   EXPECT_EQ(held.use_count(), 1);
 }
 
-// Registers, notifies, logs off and destroys at the same time, on real threads.
 TEST(PackageEventStress, SurvivesEverythingAtOnce) {
   constexpr int kTurns = 100;             // of each thread
   constexpr int kEnough = 5;              // events that fired
@@ -245,7 +198,6 @@ TEST(PackageEventStress, SurvivesEverythingAtOnce) {
       ++done;
     });
   }
-  // Runs rarely, so that some events live long enough to fire.
   while (done < jobs.size()) {
     Sleep(20);
     Manager::clear_events();

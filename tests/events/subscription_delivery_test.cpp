@@ -2,35 +2,16 @@
 
 #include "events/subscription_delivery.h"
 
-#include <gmock/gmock.h>
-
-#include <algorithm>
-#include <chrono>
-#include <functional>
-#include <stdexcept>
-#include <string>
-#include <system_error>
-#include <vector>
-
-#include <windows.h>
-
 #include "events/power_events.h"
 #include "events/zephra_events.h"
-#include "platform/unique_handle.h"
 #include "storage/cap_data_store.h"
 #include "storage/service_document.h"
-#include "support/is_free.h"
-#include "support/log_trap.h"
 #include "support/machine_test.h"
+#include "support/test.h"
 
 namespace Vx::Tessel::Server::Services::Orvane {
 
 namespace {
-
-using namespace std::chrono_literals;
-using testing::AllOf;
-using testing::EndsWith;
-using testing::StartsWith;
 
 constexpr std::uint32_t kEvent = 7;
 constexpr wchar_t kManager[] = L"info|PowerEventManager::handle_event ";
@@ -120,36 +101,6 @@ class ReplayTest : public DeliveryTest {
     return std::ranges::count(machine.faults.Calls(), "Threads.Start");
   }
 };
-
-TEST_F(ReplayTest, StartsAWorkerOnlyForAReadableRequestForThisEvent) {
-  constexpr wchar_t kOther[] = LR"({"powerEventType":8,"eventAction":)";
-  constexpr wchar_t kParameters[] =
-      LR"(,"commandParams":{"packageFamilyName":"f","appServiceName":"s","payload":{}}})";
-  const struct {
-    const char* name;
-    std::wstring request;
-    std::ptrdiff_t workers;
-    const wchar_t* lastLine;  // empty: no line
-  } cases[] = {
-      {"another event", std::wstring(kOther) + L"2" + kParameters, 0, L""},
-      {"another event, to launch", std::wstring(kOther) + LR"(1,"commandParams":{"path":"p"}})", 0,
-       L""},
-      {"this event", Request(L"powerEvent"), 1, L"info|PowerEventManager::handle_event Executed"},
-      {"no such action", std::wstring(kOther) + L"3" + kParameters, 0, L"error|Failed to execute"},
-      {"no path", std::wstring(kOther) + LR"(1,"commandParams":{}})", 0,
-       L"error|Failed to execute"},
-      {"no event", L"{}", 0, L"error|Failed to execute"},
-      {"not an object", L"5", 0, L"error|Unexpected JSON array element"},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.name);
-    EXPECT_EQ(Replay(kPowerEvents, L"[" + c.request + L"]"), c.workers);
-    const auto lines = log.Lines();
-    const std::wstring last = lines.empty() ? L"" : lines.back();
-    EXPECT_THAT(last, StartsWith(c.lastLine));
-    EXPECT_EQ(last.empty(), std::wstring(c.lastLine).empty());
-  }
-}
 
 TEST_F(ReplayTest, OfTenThousandRunsTheHundredThatMatchAndNoOther) {
   std::wstring list = L"[";

@@ -1,34 +1,17 @@
-// Deliveries that wait out a delay: how many, and until when.
 
-#include <gmock/gmock.h>
-
-#include <algorithm>
 #include <cerrno>
-#include <chrono>
-#include <cstddef>
-#include <deque>
-#include <functional>
-#include <string>
-#include <system_error>
-#include <thread>
-#include <utility>
 
 #include "events/power_events.h"
 #include "events/zephra_events.h"
 #include "platform/kernel_objects.h"
 #include "platform/thread.h"
 #include "platform/threads.h"
-#include "support/log_trap.h"
 #include "support/machine_test.h"
+#include "support/test.h"
 
 namespace Vx::Tessel::Server::Services::Orvane {
 
 namespace {
-
-using namespace std::chrono_literals;
-using testing::ElementsAre;
-using testing::SizeIs;
-using testing::StartsWith;
 
 std::wstring Delayed(const std::wstring& delay, const std::wstring& service = L"s") {
   return LR"({"powerEventType":7,"eventAction":2,"commandParams":{"packageFamilyName":"f",)"
@@ -54,8 +37,11 @@ TEST_F(WaitingDeliveriesTest, TheSixtyFifthOfOneSubscriptionIsDropped) {
   const std::wstring request = Delayed(L"10");
   for (int i = 0; i < 64; ++i) Deliver(request);
   log.Clear();
+  int told = 0;
+  const Tests::LogTrap line(L"too many deliveries of it wait already", 1, [&] { ++told; });
   Deliver(request);
   EXPECT_THAT(log.Records(), ElementsAre(StartsWith(L"power 7 dropped:too_many_of_one f/s of ")));
+  EXPECT_EQ(told, 1);
   Deliver(Delayed(L"10", L"another"));
   EXPECT_EQ(machine.clock.Workers(), 65U);
   machine.clock.Advance(10s);
@@ -108,8 +94,11 @@ TEST_F(WaitingDeliveriesTest, TheOneAfterAThousandAndTwentyFourOfAllKindsIsDropp
   EXPECT_EQ(threads.held.size(), 1024U);
 
   log.Clear();
+  int told = 0;
+  const Tests::LogTrap line(L"too many deliveries exist already", 2, [&] { ++told; });
   deliver();
   deliver();
+  EXPECT_EQ(told, 1);
   EXPECT_THAT(log.Records(), ElementsAre(StartsWith(L"platform 7 dropped:too_many_of_all f/1027"),
                                          StartsWith(L"power 7 dropped:too_many_of_all f/1028")));
   // One that runs its command still counts.

@@ -1,36 +1,13 @@
-// The stack of a worker, on the deepest path that a delivery takes.
-
-#include <gmock/gmock.h>
-
-#include <algorithm>
-#include <chrono>
-#include <cstddef>
-#include <cstdio>
-#include <functional>
-#include <future>
-#include <memory>
-#include <string>
-#include <utility>
-
-#include <windows.h>
 
 #include "events/power_events.h"
-#include "platform/machine.h"
 #include "platform/threads.h"
-#include "support/log_capture.h"
-#include "support/probe.h"
 #include "support/stand_in_logon.h"
-#include "support/temp_folder.h"
-#include "support/test_pki.h"
+#include "support/test.h"
 #include "support/winrt_fakes.h"
 
 namespace Vx::Tessel::Server::Services::Orvane {
 
 namespace {
-
-using namespace std::chrono_literals;
-using testing::Contains;
-using testing::StartsWith;
 
 // Paints the unused stack of the calling thread, so that what was written later can be seen.
 class PaintedStack {
@@ -94,7 +71,6 @@ class MeasuredThreads final : public Platform::Threads {
 
 class WorkerStackTest : public Tests::RuntimeTest {
  protected:
-  // Delivers an event to this request. Returns what its worker needed, or zeroes if it hangs.
   static StackUse Deliver(const std::wstring& request) {
     MeasuredThreads threads(*Platform::CurrentMachine().threads);
     auto use = threads.use->get_future();

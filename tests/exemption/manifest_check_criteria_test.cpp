@@ -1,8 +1,7 @@
 #include "exemption/manifest_check_criteria.h"
 
-#include <gtest/gtest.h>
-
 #include "exemption/exemption_white_list.h"
+#include "support/test.h"
 
 namespace Vx::Tessel::Security {
 

@@ -1,17 +1,7 @@
 #include "hosting/module_log.h"
 
-#include <atomic>
-#include <cstddef>
-#include <cstdint>
-#include <string>
-
-#include <gtest/gtest.h>
-
-#include <windows.h>
-
 #include "platform/thread.h"
-#include "support/probe.h"
-#include "support/temp_folder.h"
+#include "support/test.h"
 
 namespace Vx::Hosting {
 namespace {

@@ -1,12 +1,7 @@
 #include "json/json_text.h"
 
-#include <limits>
-#include <string>
-#include <utility>
-
-#include <gtest/gtest.h>
-
 #include "json/json_object.h"
+#include "support/test.h"
 
 namespace Vx::Json {
 

@@ -1,8 +1,6 @@
 #include "json/utf8.h"
 
-#include <string>
-
-#include <gtest/gtest.h>
+#include "support/test.h"
 
 namespace Vx::Json {
 

@@ -1,10 +1,6 @@
 #include "launch/launch_rules.h"
 
-#include <gtest/gtest.h>
-
-#include <string>
-#include <string_view>
-#include <vector>
+#include "support/test.h"
 
 namespace Vx::Tessel::Server::Services::Orvane {
 

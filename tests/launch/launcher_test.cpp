@@ -1,19 +1,13 @@
 #include "launch/launcher.h"
 
-#include <gmock/gmock.h>
-
 #include "companion/registration.h"
 #include "launch/launch_rules.h"
-#include "support/log_trap.h"
 #include "support/machine_test.h"
+#include "support/test.h"
 
 namespace Vx::Tessel::Server::Services::Orvane {
 
 namespace {
-
-using testing::ElementsAre;
-using testing::IsEmpty;
-using testing::SizeIs;
 
 constexpr wchar_t kFamily[] = L"App_abc";
 constexpr wchar_t kProgram[] = L"C:\\Users\\ann\\AppData\\Local\\Microsoft\\WindowsApps\\app.exe";

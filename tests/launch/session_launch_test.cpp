@@ -1,26 +1,17 @@
 #include "launch/session_launch.h"
 
-#include <memory>
-#include <string>
-#include <vector>
-
-#include <gmock/gmock.h>
-
 #include "security/trusted_program.h"
 #include "support/machine_test.h"
-#include "support/test_pki.h"
+#include "support/test.h"
 
 namespace Vx::Tessel::Server::Services::Orvane {
 
 namespace {
 
-using testing::SizeIs;
-
 constexpr wchar_t kLogon[] = L"C:\\Windows\\System32\\winlogon.exe";
 
 class SessionLaunchTest : public Tests::MachineTest {
  protected:
-  // Returns whether the program was started in the session.
   bool Launch(std::uint32_t session = 1) {
     outcome = LaunchProcessInSession(*program, {}, {}, session);
     return outcome.decision == Records::Decision::Ran;
@@ -64,29 +55,6 @@ TEST_F(SessionLaunchTest, KnowsTheLogonProcessByItsExactNameAmongTheFirst2048) {
   EXPECT_TRUE(Launch(0));
   machine.processes.End(last);
   EXPECT_FALSE(Launch(0));
-}
-
-TEST_F(SessionLaunchTest, SaysWhatIsMissingForAStart) {
-  constexpr auto kNoProcess = Records::Reason::NoSession;
-  constexpr auto kRefused = Records::Reason::Windows;
-  static constexpr struct {
-    const char* call;
-    Records::Reason reason;
-    std::uint32_t error;
-  } kCases[] = {
-      {"Environment.Block", kRefused, 5},      {"Processes.Ids", kNoProcess, 0},
-      {"Processes.ImagePath", kNoProcess, 0},  {"Processes.Session", kNoProcess, 0},
-      {"Processes.PrimaryToken", kRefused, 5}, {"Processes.Start", kRefused, 5},
-  };
-  for (const auto& c : kCases) {
-    SCOPED_TRACE(c.call);
-    machine.faults.FailNamed(c.call);
-    EXPECT_FALSE(Launch());
-    EXPECT_EQ(outcome.decision, Records::Decision::NotStarted);
-    EXPECT_EQ(outcome.reason, c.reason);
-    EXPECT_EQ(outcome.number, c.error);
-  }
-  EXPECT_THAT(machine.processes.Started(), SizeIs(0));
 }
 
 }  // namespace

@@ -1,12 +1,10 @@
-#include <gtest/gtest.h>
 
-#include <memory>
-#include <string>
 
 #include "exemption/client_information.h"
 #include "exemption/exemption_white_list.h"
 #include "exemption/manifest_check_criteria.h"
 #include "exemption/tessel_access_manager.h"
+#include "support/test.h"
 
 // The exemption classes as a program uses them that has nothing but their headers and the module.
 
@@ -14,7 +12,6 @@ namespace Vx::Tessel::Security {
 
 namespace {
 
-// The rows of the lists are in manifest_check_criteria_test.cpp.
 TEST(ExportedExemptionCheck, AnswersAcrossTheModuleBoundary) {
   TesselAccessManager manager;
   manager.SetUwpChecker(std::make_shared<UwpWithNoVxManifestCheckBasedOnMajorAndMinorVersion>(

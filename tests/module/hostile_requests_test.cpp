@@ -2,27 +2,14 @@
 // fuzzers' seeds: the lines of the folder "json" take the place of values in the lines of
 // "requests".
 
-#include <algorithm>
-#include <array>
-#include <filesystem>
-#include <fstream>
-#include <random>
-#include <string>
-#include <string_view>
-#include <vector>
-
-#include <gmock/gmock.h>
-
 #include "fuzz/wide_input.h"
 #include "json/json_object.h"
 #include "json/json_text.h"
 #include "module/module_test.h"
-#include "platform/machine.h"
 #include "platform/packages.h"
 #include "platform/windows_runtime_error.h"
 #include "storage/store_file.h"
-#include "support/process_gauges.h"
-#include "support/setting.h"
+#include "support/test.h"
 
 namespace Vx::Tests {
 namespace {
@@ -41,7 +28,6 @@ Text Repeated(std::wstring_view piece, std::size_t count) {
   return text;
 }
 
-// The lines of all seeds in a folder of the corpus, which lies beside the tests.
 std::vector<Text> Seeds(const wchar_t* folder) {
   std::vector<Text> lines;
   for (const auto& file :
@@ -57,7 +43,6 @@ std::vector<Text> Seeds(const wchar_t* folder) {
   return lines;
 }
 
-// Too large for a seed.
 std::vector<Text> LargeValues() {
   return {L"\"" + Text(70000, L'x') + L"\"",
           L"\"" + Repeated(L"\\u0041", 60000) + L"\"",
@@ -82,7 +67,6 @@ std::vector<std::size_t> ValuesOf(const Text& request) {
   return places;
 }
 
-// The request with another value at `place`.
 Text Replaced(const Text& request, std::size_t place, const Text& value) {
   std::size_t end = place;
   for (int depth = 0; depth > 0 || (request[end] != L',' && request[end] != L'}'); ++end) {
@@ -92,7 +76,6 @@ Text Replaced(const Text& request, std::size_t place, const Text& value) {
   return request.substr(0, place) + value + request.substr(end);
 }
 
-// The command that a request is meant for.
 std::uint32_t CommandOf(const Text& request) {
   static constexpr std::pair<const wchar_t*, std::uint32_t> kCommands[] = {
       {L"powerEventType", 9},    {L"zephraEventType", 14}, {L"catalogEvent", 7}, {L"keyName", 3},
@@ -228,7 +211,6 @@ TEST_F(HostileRequestsTest, MegabytesAndBottomlessNestingAreRefusedOrKept) {
   }
 }
 
-// Cuts, doubles, swaps and replaces pieces of a request at random.
 Text Damaged(Text text, std::mt19937& random) {
   static constexpr std::wstring_view kPieces = L"{}[]\",:\\u0019eE-+.tfn \x7f\xD800\xDC00\xFFFF\x1";
   for (std::size_t changes = 1 + random() % 4; changes != 0 && !text.empty(); --changes) {

@@ -1,13 +1,7 @@
 #pragma once
 
-#include <cstdint>
-#include <string>
-
-#include <gtest/gtest.h>
-
 #include "hosting/loaded_module.h"
-#include "support/probe.h"
-#include "support/temp_folder.h"
+#include "support/test.h"
 
 namespace Vx::Tests {
 

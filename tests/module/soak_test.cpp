@@ -1,22 +1,8 @@
 // Whether the module stays as large as it is, over a day's worth of commands, deliveries and
 // services. The variable VX_STEPS sets how many, see scripts/soak.
 
-#include <algorithm>
-#include <cstdint>
-#include <cstdio>
-#include <iterator>
-#include <thread>
-#include <utility>
-#include <vector>
-
-#include <windows.h>
-
 #include "module/module_test.h"
-#include "platform/unique_handle.h"
-#include "support/framework_thread.h"
-#include "support/probe.h"
-#include "support/process_gauges.h"
-#include "support/setting.h"
+#include "support/test.h"
 
 namespace Vx::Tests {
 namespace {
@@ -198,10 +184,7 @@ TEST_F(SoakTest, TheModuleStaysUntilItsLastThreadHasGoneAndLeavesNoThreadSlot) {
     for (int turn = 0; turn < 5; ++turn) loaded.NewService().Slots().Start();
   };
   const auto expectGone = [] {
-    for (int tries = 0; GetModuleHandleW(L"OrvaneService.dll") != nullptr; ++tries) {
-      ASSERT_LT(tries, 1500);
-      Sleep(20);
-    }
+    ASSERT_TRUE(Eventually([] { return GetModuleHandleW(L"OrvaneService.dll") == nullptr; }, 30s));
   };
   service.End();
   use(std::move(module));

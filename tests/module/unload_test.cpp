@@ -2,18 +2,9 @@
 // its host has destroyed the service and freed the module. Each case runs in a process of its own,
 // since a module that stays loaded in one would also stay for the next.
 
-#include <optional>
-#include <string>
-#include <thread>
-
-#include "gtest/gtest.h"
 #include "hosting/loaded_module.h"
-#include "support/probe.h"
-#include "support/process_gauges.h"
-#include "support/temp_folder.h"
+#include "support/test.h"
 #include "support/winrt_fakes.h"
-
-#include <windows.h>
 
 namespace Vx::Tests {
 namespace {
@@ -30,7 +21,6 @@ class UnloadDeathTest : public RuntimeTest {
     machinePackages = {L"Some.App_1.0.0.0_x64__0123456789abc"};
   }
 
-  // The module as it ships, with the subscription above.
   void Load() {
     fakes.emplace();
     store.emplace();

@@ -1,28 +1,15 @@
 #include "packages/uwp_package.h"
 
-#include <functional>
-#include <iterator>
-#include <memory>
-#include <stdexcept>
-#include <string>
-
-#include <gmock/gmock.h>
-
 #include "host/uwp_package_model.h"
 #include "packages/uwp_package_data_access.h"
 #include "support/machine_test.h"
 #include "support/memory_shortage.h"
+#include "support/test.h"
 
 extern "C" Vx::Tessel::Server::Services::UwpPackageModel* CreateUwpPackageModel() noexcept;
 
 namespace Vx::Tessel::Server::Services::Orvane {
 namespace {
-
-using ::testing::Contains;
-using ::testing::ElementsAre;
-using ::testing::IsEmpty;
-using ::testing::Not;
-using ::testing::StartsWith;
 
 constexpr wchar_t kFamily[] = L"Some.App_0123456789abc";
 constexpr wchar_t kFullName[] = L"Some.App_1.1.2.3_x64__0123456789abc";
@@ -33,7 +20,6 @@ constexpr std::int32_t Hresult(std::uint32_t code) {
   return static_cast<std::int32_t>(code);
 }
 
-// Returns the text of the exception that `operation` throws.
 std::string FailureOf(const std::function<void()>& operation) {
   try {
     operation();

@@ -1,24 +1,11 @@
 #include "platform/console_user.h"
 
-#include <gmock/gmock.h>
-
-#include <optional>
-#include <stdexcept>
-#include <utility>
-#include <vector>
-
-#include <windows.h>
-
-#include "platform/machine.h"
 #include "simulator/fault_injection.h"
-#include "support/thread_identity.h"
+#include "support/test.h"
 
 namespace Vx::Platform {
 namespace {
 
-using testing::ElementsAre;
-using testing::IsEmpty;
-using testing::Pair;
 using Tests::ThreadActsAsAnother;
 
 class ConsoleUserTest : public testing::Test {

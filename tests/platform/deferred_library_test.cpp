@@ -1,14 +1,9 @@
-// As whom a library of Windows is loaded at its first call.
 #include "platform/windows/deferred_library.h"
 
-#include <gtest/gtest.h>
-
-#include <windows.h>
-
 #include "platform/sessions.h"
-#include "platform/unique_handle.h"
 #include "platform/windows/capabilities.h"
 #include "platform/windows/system_library.h"
+#include "support/test.h"
 
 namespace Vx::Platform {
 namespace {

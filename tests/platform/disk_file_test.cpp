@@ -1,24 +1,12 @@
-#include <cstddef>
-#include <cwchar>
-#include <functional>
-#include <utility>
-#include <vector>
-
-#include <gmock/gmock.h>
-
-#include <windows.h>
+#include "support/test.h"
 
 #include <aclapi.h>
 
 #include "platform/files.h"
-#include "platform/machine.h"
 #include "platform/trust_provider.h"
 #include "platform/windows/file_handle.h"
-#include "support/import_override.h"
 #include "support/silent_pipe.h"
-#include "support/temp_folder.h"
 
-// The import that every CreateFileW of this program goes through.
 // NOLINTNEXTLINE(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
 extern "C" decltype(&CreateFileW) __imp_CreateFileW;
 // NOLINTNEXTLINE(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)

@@ -1,14 +1,7 @@
 #include "platform/environment.h"
 
-#include <gtest/gtest.h>
-
-#include <functional>
-
-#include <windows.h>
-
 #include "platform/console_user.h"
-#include "platform/machine.h"
-#include "support/temp_folder.h"
+#include "support/test.h"
 
 namespace Vx::Platform {
 namespace {

@@ -1,18 +1,9 @@
 #include "platform/files.h"
 
-#include <utility>
-
-#include <gtest/gtest.h>
-
-#include <windows.h>
+#include "support/test.h"
 
 #include <aclapi.h>
 
-#include "platform/machine.h"
-#include "support/import_override.h"
-#include "support/temp_folder.h"
-
-// Imports that every such call of this program goes through.
 // NOLINTBEGIN(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
 extern "C" decltype(&GetDriveTypeW) __imp_GetDriveTypeW;
 extern "C" decltype(&GetSecurityInfo) __imp_GetSecurityInfo;
@@ -77,17 +68,6 @@ TEST_F(FilesTest, FindsANameOnlyWhenItIsSpelledOut) {
   }
   EXPECT_TRUE(files.ExistsByExactName(L"\\\\?\\" + path)) << "the question mark of the prefix";
   EXPECT_FALSE(files.ExistsByExactName(L""));
-}
-
-TEST_F(FilesTest, GivesTheSystemsErrorForWhatIsMissing) {
-  constexpr ErrorCode kNoFolder = ERROR_PATH_NOT_FOUND;
-  const std::wstring deep = folder / L"none\\file.dat";
-  EXPECT_EQ(files.Read(folder / L"none", 8).Error(), ErrorCode{ERROR_FILE_NOT_FOUND});
-  EXPECT_EQ(files.Read(deep, 8).Error(), kNoFolder);
-  EXPECT_EQ(files.Overwrite(deep, {}), kNoFolder);
-  EXPECT_EQ(files.MakeFolder(deep, NewFolder::Private), kNoFolder);
-  EXPECT_EQ(files.MakeFolder(folder.Path().wstring(), NewFolder::Inherits),
-            ErrorCode{ERROR_ALREADY_EXISTS});
 }
 
 TEST_F(FilesTest, AWriteThatIsCutShortFails) {

@@ -1,13 +1,10 @@
 #include "platform/machine.h"
 
-#include <gtest/gtest.h>
-
-#include <memory>
-
 #include "platform/clock.h"
 #include "platform/kernel_objects.h"
 #include "platform/thread.h"
 #include "simulator/simulated_registry.h"
+#include "support/test.h"
 
 namespace Vx::Platform {
 namespace {

@@ -1,13 +1,6 @@
 #include "platform/processes.h"
 
-#include <gmock/gmock.h>
-
-#include <windows.h>
-
-#include "platform/machine.h"
-#include "support/probe.h"
-#include "support/process_gauges.h"
-#include "support/temp_folder.h"
+#include "support/test.h"
 
 namespace Vx::Platform {
 namespace {
@@ -19,7 +12,6 @@ class ProcessesTest : public testing::Test {
   Processes& processes = *CurrentMachine().processes;
   Tests::TempFolder folder;
   std::wstring report = folder / L"report.txt";
-  // Returns a start of the probe that reports to `report`.
   ProcessStart probe{.application = Tests::ProbePath(),
                      .commandLine = L"probe \"" + report + L"\" ",
                      .workingDirectory = {},

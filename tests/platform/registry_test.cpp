@@ -1,14 +1,6 @@
 #include "platform/registry.h"
 
-#include <gtest/gtest.h>
-
-#include <string>
-#include <string_view>
-#include <vector>
-
-#include <windows.h>
-
-#include "platform/machine.h"
+#include "support/test.h"
 
 namespace Vx::Platform {
 namespace {
@@ -35,7 +27,6 @@ class PrivateLocalMachine {
     RegDeleteTreeW(HKEY_CURRENT_USER, name.c_str());
   }
 
-  // Makes the key if need be, and stores just these bytes.
   void Set(const wchar_t* key, const wchar_t* value, DWORD type, const std::vector<BYTE>& data) {
     HKEY opened = nullptr;
     RegCreateKeyExW(HKEY_LOCAL_MACHINE, key, 0, nullptr, REG_OPTION_VOLATILE, KEY_ALL_ACCESS,

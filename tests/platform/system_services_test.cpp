@@ -1,11 +1,7 @@
 #include "platform/system_services.h"
 
-#include <gtest/gtest.h>
-
-#include <windows.h>
-
-#include "platform/machine.h"
 #include "platform/sessions.h"
+#include "support/test.h"
 
 namespace Vx::Platform {
 namespace {

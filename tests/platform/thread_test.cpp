@@ -1,23 +1,10 @@
 #include "platform/thread.h"
 #include "platform/threads.h"
-
-#include <gmock/gmock.h>
+#include "support/test.h"
 
 #include <cerrno>
-#include <chrono>
-#include <cstddef>
-#include <exception>
-#include <functional>
-#include <memory>
-#include <new>
-#include <system_error>
-#include <vector>
 
-#include <windows.h>
-
-#include "platform/machine.h"
 #include "platform/runtime/fail_fast.h"
-#include "simulator/fault_injection.h"
 #include "simulator/virtual_clock.h"
 #include "support/memory_shortage.h"
 #include "support/silent_pipe.h"
@@ -25,16 +12,10 @@
 namespace Vx::Platform {
 namespace {
 
-using testing::ElementsAre;
-
 class ThreadTest : public testing::Test {
  protected:
   Simulator::VirtualClock clock;
-  Simulator::FaultInjection faults;
-  MachineScope scope{[this](Machine& machine) {
-    machine.clock = &clock;
-    faults.Install(machine);
-  }};
+  MachineScope scope{[this](Machine& machine) { machine.clock = &clock; }};
 };
 
 TEST_F(ThreadTest, IsCountedByTheClockUntilWhatItOwnsIsFreed) {
@@ -43,19 +24,6 @@ TEST_F(ThreadTest, IsCountedByTheClockUntilWhatItOwnsIsFreed) {
   auto freed = std::shared_ptr<void>(nullptr, note);
   Thread([&note, owned = std::move(freed)] { note(nullptr); }).Join();
   EXPECT_THAT(workers, ElementsAre(1U, 1U));
-  EXPECT_EQ(clock.Workers(), 0U);
-}
-
-TEST_F(ThreadTest, ThrowsAndIsNotCountedWhenNoThreadCanBeMade) {
-  faults.FailNamed("Threads.Start");
-  bool ran = false;
-  try {
-    StartDetached([&] { ran = true; });
-    FAIL() << "started";
-  } catch (const std::system_error& error) {
-    EXPECT_EQ(error.code(), std::errc::resource_unavailable_try_again);
-  }
-  EXPECT_FALSE(ran);
   EXPECT_EQ(clock.Workers(), 0U);
 }
 

@@ -1,8 +1,6 @@
 #include "records/subscription_hash.h"
 
-#include <gtest/gtest.h>
-
-#include <string>
+#include "support/test.h"
 
 namespace Vx::Tessel::Server::Records {
 

@@ -1,12 +1,9 @@
 #include "security/authenticode_facade.h"
 
-#include <gmock/gmock.h>
-
 #include "platform/files.h"
-#include "platform/machine.h"
 #include "security/file_trust.h"
 #include "support/memory_shortage.h"
-#include "support/test_pki.h"
+#include "support/test.h"
 
 // Uses real signatures, files and folders. The keys are those of the test authority.
 
@@ -14,13 +11,10 @@ namespace Vx::Tessel::Security {
 
 namespace {
 
-using testing::ElementsAre;
-using testing::IsEmpty;
 using Tests::PkiFile;
 
 constexpr wchar_t kPinned[] = L"pinned.exe";
 
-// The results of the three operations in one text: general, restricted, Dropbox.
 std::string TrustOf(const std::wstring& path) {
   VxAuthenticodeFacade facade;
   std::string answers;

@@ -1,37 +1,21 @@
 #include "security/authenticode_helper.h"
 
-#include <gmock/gmock.h>
-
-#include <algorithm>
-#include <chrono>
-#include <filesystem>
-#include <map>
-#include <stdexcept>
-
-#include "platform/machine.h"
 #include "platform/trust_provider.h"
 #include "security/authenticode_facade.h"
 #include "security/file_trust.h"
 #include "simulator/simulated_files.h"
 #include "simulator/virtual_clock.h"
-#include "support/directory_link.h"
-#include "support/log_capture.h"
-#include "support/temp_folder.h"
-#include "support/test_pki.h"
+#include "support/test.h"
 
 namespace Vx::Tessel::Security {
 
 namespace {
 
-using namespace std::chrono_literals;
 using Platform::AccessEntry;
 using Platform::AccessList;
 using Platform::CatalogStep;
 using Platform::Result;
 using Platform::SignatureVerdict;
-using testing::ElementsAre;
-using testing::IsEmpty;
-using testing::SizeIs;
 using Tests::PkiFile;
 using Tests::ProtectedFolder;
 
@@ -118,7 +102,6 @@ class AuthenticodeHelperTest : public testing::Test {
   VxAuthenticodeHelper helper;
 };
 
-// A signature whose public key is the single byte `key`.
 SignatureVerdict Signed(std::int32_t result, unsigned char key, std::uint32_t more = 0) {
   return {.result = result,
           .secondaryCount = more,
@@ -340,12 +323,6 @@ TEST_F(PathVerdictTest, RefusesAFolderThatIsReallyNamedLikeAVariable) {
   EXPECT_EQ(Outcome(L"C:\\%VxTestPlace%"), PathOutcome::LeadsElsewhere);
 }
 
-TEST(FormatPublicKey, WritesTwoLowerCaseDigitsPerByteWithSingleBlanksBetween) {
-  static constexpr unsigned char kKey[] = {0x30, 0x82, 0x0A, 0xFF};
-  EXPECT_EQ(FormatPublicKey(std::as_bytes(std::span(kKey))), "30 82 0a ff");
-  EXPECT_EQ(FormatPublicKey({}), "");
-}
-
 AccessEntry Entry(const wchar_t* sid, std::uint32_t mask = kGenericAll) {
   return {.allowed = true, .mask = mask, .sid = sid};
 }
@@ -440,18 +417,6 @@ TEST_F(PathVerdictTest, TakesAnExceptionForARefusalAndLogsIt) {
   EXPECT_FALSE(helper.CheckForFullConrolByTrustedInstallAndSystem(L"D:\\WindowsApps"));
   EXPECT_THAT(log.Lines(),
               ElementsAre(L"error|Exception in CheckForFullConrolByTrustedInstallAndSystem()."));
-}
-
-TEST(FolderAccess, ReadsTheAccountsOfARealFolder) {
-  const auto& real = *Platform::WindowsMachine().files;
-  const ProtectedFolder folder;
-  const auto access = real.FolderAccess(folder.Path());
-  ASSERT_TRUE(access);
-  EXPECT_TRUE(access->owner.starts_with(L"S-1-5-")) << testing::PrintToString(access->owner);
-  EXPECT_TRUE(std::any_of(
-      access->entries.begin(), access->entries.end(),
-      [](const AccessEntry& entry) { return entry.allowed && entry.sid == kSystem.sid; }));
-  EXPECT_EQ(real.FolderAccess(folder / L"not there").Error(), 2U);
 }
 
 }  // namespace

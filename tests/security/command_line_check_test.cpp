@@ -1,6 +1,6 @@
 #include "security/command_line_check.h"
 
-#include <gtest/gtest.h>
+#include "support/test.h"
 
 namespace Vx::Tessel::Security {
 

@@ -1,14 +1,8 @@
-#include <gtest/gtest.h>
 
-#include <cstring>
-#include <string>
-#include <string_view>
-#include <vector>
 
 #include "host/cryptography_helper.h"
 #include "platform/files.h"
-#include "platform/machine.h"
-#include "support/temp_folder.h"
+#include "support/test.h"
 
 // Calls through slot numbers alone, like a host that another compiler built.
 
@@ -16,7 +10,6 @@ namespace Vx::Tessel::Security {
 
 namespace {
 
-// The object in the view of the other compiler.
 struct Object {
   void* const* slots;
 };

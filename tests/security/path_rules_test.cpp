@@ -1,6 +1,6 @@
 #include "security/path_rules.h"
 
-#include <gtest/gtest.h>
+#include "support/test.h"
 
 namespace Vx::Tessel::Security {
 

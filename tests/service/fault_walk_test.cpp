@@ -1,30 +1,12 @@
 // Runs each flow with its first, second, ... call to Windows failing, until no call is left.
 
-#include <algorithm>
-#include <chrono>
-#include <cstddef>
-#include <cstdint>
-#include <cstdio>
-#include <functional>
-#include <limits>
-#include <set>
-#include <string>
-#include <system_error>
-#include <vector>
-
-#include <gmock/gmock.h>
-
 #include "service/simulated_service.h"
 #include "storage/store_file.h"
-#include "support/framework_thread.h"
-#include "support/probe.h"
-#include "support/process_gauges.h"
-#include "support/test_pki.h"
+#include "support/test.h"
 
 namespace Vx::Tests {
 namespace {
 
-using namespace std::chrono_literals;  // NOLINT(google-build-using-namespace)
 using Codes = std::set<std::uint32_t>;
 
 constexpr std::uint32_t kResumed = 7;
@@ -90,7 +72,6 @@ class FaultWalkTest : public SimulatedServiceTest {
     EXPECT_TRUE(documented.contains(reply.result)) << std::hex << reply.result;
   }
 
-  // Returns how often the subscribed message was sent.
   std::ptrdiff_t Told() const {
     const auto all = Sent();
     return std::count(all.begin(), all.end(), L"f/s {}");
@@ -108,7 +89,6 @@ class FaultWalkTest : public SimulatedServiceTest {
   static std::wstring storePath;
 
  private:
-  // Prepares a fresh store with the value of another service, and a fresh service.
   void Begin(const Flow& flow) {
     machine.faults.Clear();
     storePath = store.FilePath();
@@ -149,15 +129,6 @@ std::wstring FaultWalkTest::storePath;
 TEST_F(FaultWalkTest, Subscribe) {
   Walk({.act = [&] { Expect({0}, 9, kNotify); },
         .worked = [] { return Stored("PowerEventSubscriptions", L"appServiceName"); }});
-}
-
-TEST_F(FaultWalkTest, Persist) {
-  const auto launched = [&] { return host.Execute(12, L"{}").response; };
-  Walk({.act =
-            [&] {
-              Expect({0, 0x20000002, 0x2000000A}, 13, L"{\"launched\":true}");
-            },
-        .worked = [&] { return launched() == L"{\"result\":{\"launched\":true}}"; }});
 }
 
 TEST_F(FaultWalkTest, Deliver) {

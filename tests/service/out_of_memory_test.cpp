@@ -1,13 +1,7 @@
-// What the host sees when memory runs out.
-
-#include <cstddef>
-#include <cstdint>
-#include <string>
-
-#include <gmock/gmock.h>
 
 #include "service/simulated_service.h"
 #include "support/memory_shortage.h"
+#include "support/test.h"
 
 namespace Vx::Tests {
 namespace {

@@ -1,21 +1,6 @@
 // Lives of a service that no scenario can play: several tasks that log at the same moment, and
 // faults in the middle of one. What the other lives log, and when, is in scenarios/.
 
-#include <algorithm>
-#include <chrono>
-#include <cstdint>
-#include <functional>
-#include <future>
-#include <limits>
-#include <mutex>
-#include <stdexcept>
-#include <string>
-#include <thread>
-#include <utility>
-#include <vector>
-
-#include <gmock/gmock.h>
-
 #include "events/package_completion.h"
 #include "events/package_event.h"
 #include "platform/windows_runtime_error.h"
@@ -24,22 +9,20 @@
 #include "storage/request_manager.h"
 #include "storage/system_mutex.h"
 #include "support/faulty_files.h"
-#include "support/is_free.h"
-#include "support/log_trap.h"
+#include "support/test.h"
 
 namespace Vx::Tests {
 namespace {
 
-using namespace std::chrono_literals;  // NOLINT(google-build-using-namespace)
 using Storage = Tessel::Server::Storage::CapDataStore;
 using Element = Tessel::Server::Storage::BsonElement;
 using Tessel::Server::Services::Orvane::OrvaneService;
-using testing::Contains;
-using testing::HasSubstr;
-using testing::IsEmpty;
 
 constexpr std::int64_t kPowerOnUnix = 1'721'026'400;  // kPowerOn in seconds since 1970
 constexpr char kBootTime[] = "OrvaneLastBootTime";
+constexpr wchar_t kWatch[] =
+    LR"({"catalogEvent":5,"catalogAction":1,"packageFamilyName":"App_r4x2m8kq7tn3b",)"
+    LR"("catalogActionParams":{"path":"C:\\a.exe"}})";
 constexpr char kNotified[] = "oobe_complete_event_sent_to_quboapp";
 
 // On a machine on which all that is done once has been done but for notifying the companion app.
@@ -113,20 +96,6 @@ TEST_F(ServiceLivesTest, APolicyChangeThatThrowsIsLoggedAndReturnsZero) {
   }
 }
 
-// Even where the record of the boot is lost in between.
-TEST_F(ServiceLivesTest, NotifiesOfABootOnceHoweverOftenTheStartUpTaskRuns) {
-  host.Execute(14,
-               LR"({"zephraEventType":2,"zephraEventAction":2,"commandParams":)"
-               LR"({"packageFamilyName":"f","appServiceName":"boot","payload":{}}})");
-  for (int start = 0; start < 2; ++start) {
-    Storage().persist(kBootTime, Element::Int64(0));
-    Start(60s);
-    EXPECT_THAT(Sent(), Contains(HasSubstr(L"f/boot")).Times(1));
-    EXPECT_THAT(log.Lines(), Contains(HasSubstr(L"CheckToSendWakeupEvent: Started")).Times(1));
-    EXPECT_EQ(machine.clock.Workers(), 0U);
-  }
-}
-
 TEST_F(ServiceLivesTest, AStoreThatCannotBeOpenedEndsTheNotificationsWithoutRetry) {
   store.Block();
   Start(0s);
@@ -141,7 +110,6 @@ TEST_F(ServiceLivesTest, AStoreThatCannotBeOpenedEndsTheNotificationsWithoutRetr
 }
 
 TEST_F(ServiceLivesTest, AnAttemptThatThrowsIsOneThatFailed) {
-  // The answer cannot be recorded.
   machine.timeline.SetListener(
       [&](const auto&) { machine.faults.FailNamed("KernelObjects.LockMutex"); });
   Start(1s);
@@ -157,7 +125,6 @@ TEST_F(ServiceLivesTest, AnAttemptThatThrowsIsOneThatFailed) {
 
 TEST_F(ServiceLivesTest, DestructionEndsBothWaitsForAUserAndTouchesNothingAfterwards) {
   const std::wstring name = L"Vx::Tessel::Server::Services::Orvane::OrvaneService::";
-  // Before the boot is looked at, and later.
   for (const auto at : {4'500ms, 500'500ms}) {
     machine.users.DetachConsole();
     host.Renew();
@@ -205,17 +172,14 @@ TEST_F(ServiceLivesTest, DestructionEndsTheDeliveriesThatWait) {
 
 // The second client subscribes at the moment when the first one's failure is logged.
 TEST_F(ServiceLivesTest, ARefusedPackageSubscriptionTakesNoOtherClientsWithIt) {
-  const wchar_t* request =
-      LR"({"catalogEvent":5,"catalogAction":1,"packageFamilyName":)"
-      LR"("App_r4x2m8kq7tn3b","catalogActionParams":{"path":"C:\\a.exe"}})";
   Reply second;
   const LogTrap refusal(L"RegisterAppPackageEvent threw", 1, [&] {
     InstallApp(L"App");
-    second = host.Execute(7, request);
+    second = host.Execute(7, kWatch);
   });
-  EXPECT_EQ(host.Execute(7, request).result, 0x20000004U);
+  EXPECT_EQ(host.Execute(7, kWatch).result, 0x20000004U);
   EXPECT_EQ(second.result, 0U);
-  EXPECT_EQ(host.Execute(7, request).result, 0x20000009U) << "the second one is not stored";
+  EXPECT_EQ(host.Execute(7, kWatch).result, 0x20000009U) << "the second one is not stored";
   machine.clock.Settle();
   EXPECT_EQ(machine.packages.Handlers(L"ann"), 1U);
 }
@@ -247,29 +211,22 @@ TEST_F(ServiceLivesTest, DestructionDoesNotWaitForThePackageQueriesOfItsStartUpT
 }
 
 TEST_F(ServiceLivesTest, AFailureWhileTheStoreIsUnreadableTakesNoOtherClientsSubscription) {
-  const wchar_t* request =
-      LR"({"catalogEvent":5,"catalogAction":1,"packageFamilyName":)"
-      LR"("App_r4x2m8kq7tn3b","catalogActionParams":{"path":"C:\\a.exe"}})";
   InstallApp(L"App");
-  ASSERT_EQ(host.Execute(7, request).result, 0U);
+  ASSERT_EQ(host.Execute(7, kWatch).result, 0U);
   machine.faults.FailNamed("KernelObjects.LockMutex");
   const LogTrap readable(L"Failed to get DataStore", 1,
                          [&] { machine.faults.FailNamed("Packages.FindForAllUsers"); });
-  EXPECT_NE(host.Execute(7, request).result, 0U);
+  EXPECT_NE(host.Execute(7, kWatch).result, 0U);
   EXPECT_TRUE(log.Lines().back().find(L": refused") != std::wstring::npos) << log.Lines().size();
   machine.faults.Clear();
-  EXPECT_EQ(host.Execute(7, request).result, 0x20000009U) << "the first one is not stored";
+  EXPECT_EQ(host.Execute(7, kWatch).result, 0x20000009U) << "the first one is not stored";
 }
 
 // A service that is destroyed while its start-up task works cannot end the watches that the task
 // makes.
 TEST_F(ServiceLivesTest, NoPackageIsWatchedForAServiceThatIsGone) {
   InstallApp(L"App");
-  ASSERT_EQ(host.Execute(7,
-                         LR"({"catalogEvent":5,"catalogAction":1,"packageFamilyName":)"
-                         LR"("App_r4x2m8kq7tn3b","catalogActionParams":{"path":"C:\\a.exe"}})")
-                .result,
-            0U);
+  ASSERT_EQ(host.Execute(7, kWatch).result, 0U);
   host.service->OnSessionChange(6);
   Start(0s);
   EXPECT_EQ(machine.packages.Handlers(L"ann"), 1U);

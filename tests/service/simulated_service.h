@@ -1,20 +1,13 @@
 #pragma once
 
-#include <chrono>
-#include <cstdint>
-#include <memory>
-#include <optional>
-#include <string>
-#include <vector>
-
 #include "service/orvane_service.h"
 #include "support/machine_test.h"
+#include "support/test.h"
 
 namespace Vx::Tests {
 
 constexpr std::uint64_t kPowerOn = 133'655'000'000'000'000;  // 2024-07-15T03:33:20Z as a FILETIME
 
-// What the host sees of one command.
 struct Reply {
   std::uint32_t result = 0;
   std::optional<std::wstring> response;  // nothing: a null pointer
@@ -25,8 +18,6 @@ struct Reply {
 class ServiceFixture {
  public:
   ServiceFixture() { Renew(); }
-  ServiceFixture(const ServiceFixture&) = delete;
-  ServiceFixture& operator=(const ServiceFixture&) = delete;
   ~ServiceFixture() { End(); }
 
   void End() {
@@ -77,7 +68,6 @@ class SimulatedServiceTest : public StoreTest {
     machine.clock.Advance(std::chrono::hours(2));  // its delayed launches are not ended by it
   }
 
-  // Installs an app of the maker with this name for ann.
   void InstallApp(const std::wstring& name) {
     const std::wstring publisher = L"r4x2m8kq7tn3b";
     machine.packages.Install({.familyName = name + L"_" + publisher,
@@ -86,7 +76,6 @@ class SimulatedServiceTest : public StoreTest {
                              L"ann");
   }
 
-  // The command lines of the programs that were started.
   std::vector<std::wstring> Started() const {
     std::vector<std::wstring> lines;
     for (const auto& process : machine.processes.Started()) {

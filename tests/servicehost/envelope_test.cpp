@@ -1,8 +1,6 @@
 #include "servicehost/envelope.h"
 
-#include <string>
-
-#include <gtest/gtest.h>
+#include "support/test.h"
 
 namespace Vx::Hosting::ServiceHost {
 namespace {

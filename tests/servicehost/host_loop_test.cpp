@@ -1,40 +1,19 @@
 #include "servicehost/host_loop.h"
 
-#include <atomic>
-#include <cstddef>
-#include <cstdint>
-#include <filesystem>
-#include <fstream>
-#include <functional>
-#include <iterator>
-#include <memory>
 #include <sstream>
-#include <stdexcept>
-#include <string>
-#include <string_view>
-#include <utility>
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <windows.h>
+#include "support/test.h"
 
 #include <objbase.h>
 #include <powrprof.h>
 
 #include "hosting/text.h"
-#include "platform/machine.h"
 #include "platform/system_services.h"
-#include "platform/unique_handle.h"
 #include "servicehost/log_lines.h"
 #include "servicehost/service_process.h"
 #include "storage/cap_data_store.h"
 #include "storage/system_mutex.h"
-#include "support/import_override.h"
-#include "support/probe.h"
-#include "support/temp_folder.h"
 
-// The imports that every call of this program goes through.
 // NOLINTBEGIN(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
 extern "C" decltype(&CoInitializeSecurity) __imp_CoInitializeSecurity;
 extern "C" decltype(&GetProcAddress) __imp_GetProcAddress;
@@ -43,7 +22,6 @@ extern "C" decltype(&GetProcAddress) __imp_GetProcAddress;
 namespace Vx::Hosting::ServiceHost {
 namespace {
 
-using ::testing::HasSubstr;
 
 // https://learn.microsoft.com/windows/win32/api/winnt/ns-winnt-system_power_capabilities
 BOOLEAN isKnown = FALSE;
@@ -114,7 +92,6 @@ bool ModuleIsLoaded() {
   return GetModuleHandleW(L"OrvaneService.dll") != nullptr;
 }
 
-// Whether this thread itself has entered the multithreaded apartment.
 bool HasEnteredCom() {
   APTTYPE type{};
   APTTYPEQUALIFIER how{};
@@ -130,8 +107,6 @@ class SecurityWatch {
     calls = 0;
     result = answer;
   }
-  SecurityWatch(const SecurityWatch&) = delete;
-  SecurityWatch& operator=(const SecurityWatch&) = delete;
   ~SecurityWatch() { EXPECT_EQ(calls, 1); }
 
  private:
@@ -153,15 +128,13 @@ class SecurityWatch {
                                                                 &Answer};
 };
 
-// The module as it ships, with a store of its own.
 class HostLoopTest : public ::testing::Test {
  protected:
   // A thread of the module keeps it loaded until it has ended. No host may keep it for longer.
   ~HostLoopTest() override { ExpectUnload(); }
 
   static void ExpectUnload() {
-    for (int i = 0; i < 500 && ModuleIsLoaded(); ++i) Sleep(10);
-    EXPECT_FALSE(ModuleIsLoaded());
+    EXPECT_TRUE(Tests::Eventually([] { return !ModuleIsLoaded(); }));
   }
 
   HostLoop::Options Options(bool modernStandby) const {
@@ -170,14 +143,10 @@ class HostLoopTest : public ::testing::Test {
 
   bool StandbyIsSet() const { return WaitForSingleObject(standby.get(), 0) == WAIT_OBJECT_0; }
 
-  // Waits until a line is logged.
   bool Logs(const std::wstring& line) {
-    const auto logged = [&] { return lines.Text().find(line) != std::wstring::npos; };
-    for (int i = 0; i < 500 && !logged(); ++i) Sleep(10);
-    return logged();
+    return Tests::Eventually([&] { return lines.Text().find(line) != std::wstring::npos; });
   }
 
-  // Everything logged. The log ends with it.
   std::wstring Logged() {
     log.reset();
     return lines.Text();
@@ -331,12 +300,11 @@ TEST_F(HostLoopTest, LogsTheModulesLinesWhoeverHasTheNamesOfDebugOutput) {
 TEST_F(HostLoopTest, ServesAModuleWithoutASinkWithOneWarning) {
   const Tests::TempFolder folder;
   const auto path = folder.Path() / L"OrvaneService.dll";
-  std::ifstream in(std::filesystem::path(Tests::ModulePath()), std::ios::binary);
-  std::string bytes{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+  std::string bytes = Tests::ReadText(Tests::ModulePath());
   const std::size_t name = bytes.find("VxSetLogSink");
   ASSERT_NE(name, std::string::npos);
   bytes[name + 11] = 'z';  // the names stay sorted
-  std::ofstream(path, std::ios::binary) << bytes;
+  Tests::WriteText(path, bytes);
   EXPECT_EQ(HostLoop({path.wstring(), false}, *log).Execute({99, L"{}"}, L"client").code,
             0x20000001U);
   ExpectUnload();

@@ -1,44 +1,18 @@
-#include <chrono>
-#include <cstddef>
-#include <cstdint>
-#include <iterator>
-#include <random>
-#include <stdexcept>
-#include <string>
-#include <string_view>
 
-#include <gtest/gtest.h>
 
-#include <windows.h>
-
+#include "servicehost/open_pipe.h"
 #include "servicehost/pipe_io.h"
 #include "servicehost/pipe_server.h"
-#include "support/setting.h"
+#include "support/test.h"
 #include "vxhost/service/pipe_client.h"
 
 namespace Vx::Hosting::ServiceHost {
 namespace {
 
-using namespace std::chrono_literals;
 using Tests::Setting;
 
 std::wstring TestPath() {
   return PipePath(L"hostile-" + std::to_wstring(GetCurrentProcessId()));
-}
-
-// A client that writes what it likes.
-Platform::UniqueHandle RawClient() {
-  for (int tries = 0; tries < 1000; ++tries) {
-    auto pipe =
-        Platform::AdoptFile(CreateFileW(TestPath().c_str(), GENERIC_READ | GENERIC_WRITE, 0,
-                                        nullptr, OPEN_EXISTING, FILE_FLAG_OVERLAPPED, nullptr));
-    DWORD mode = PIPE_READMODE_MESSAGE;
-    if (pipe != nullptr && SetNamedPipeHandleState(pipe.get(), &mode, nullptr, nullptr) != FALSE) {
-      return pipe;
-    }
-    Sleep(10);
-  }
-  throw std::runtime_error("no pipe");
 }
 
 // A message of the kinds that have gone wrong elsewhere: sizes around those of the pipe's pieces,
@@ -92,7 +66,7 @@ TEST(HostilePipeTest, AMessageIsACommandOrTheEndOfItsConnection) {
   Platform::UniqueHandle pipe;
   for (std::size_t round = 0; round < Setting("VX_STEPS", 600) / 2; ++round) {
     SCOPED_TRACE("seed " + std::to_string(seed) + ", round " + std::to_string(round));
-    if (pipe == nullptr) pipe = RawClient();
+    if (pipe == nullptr) pipe = OpenPipe(TestPath(), FILE_FLAG_OVERLAPPED);
     const std::string message = HostileMessage(random);
     const auto command = ParseCommand(message);
     PipeMessages messages(pipe.get(), nullptr);

@@ -1,22 +1,22 @@
 #pragma once
 
-#include <memory>
-#include <mutex>
-#include <string>
-#include <vector>
-
 #include "servicehost/service_log.h"
+#include "support/test.h"
 
 namespace Vx::Hosting::ServiceHost {
+
+template <typename... Targets>
+std::vector<std::unique_ptr<LogTarget>> TargetsOf(std::unique_ptr<Targets>... each) {
+  std::vector<std::unique_ptr<LogTarget>> targets;
+  (targets.push_back(std::move(each)), ...);
+  return targets;
+}
 
 // What a ServiceLog writes, each line as "LEVEL caller: message". Any thread.
 class LogLines {
  public:
-  // Targets for a log, which borrow this object.
   std::vector<std::unique_ptr<LogTarget>> Targets() {
-    std::vector<std::unique_ptr<LogTarget>> targets;
-    targets.push_back(std::make_unique<Target>(*this));
-    return targets;
+    return TargetsOf(std::make_unique<Target>(*this));
   }
 
   std::wstring Text() const {

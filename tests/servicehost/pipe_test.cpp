@@ -1,55 +1,26 @@
 #include "servicehost/pipe_server.h"
 
-#include <algorithm>
-#include <atomic>
 #include <cerrno>
-#include <chrono>
-#include <filesystem>
-#include <fstream>
-#include <functional>
-#include <iterator>
-#include <memory>
-#include <mutex>
-#include <optional>
-#include <stdexcept>
-#include <string>
-#include <string_view>
-#include <system_error>
-#include <utility>
-#include <vector>
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <windows.h>
+#include "support/test.h"
 
 #include <aclapi.h>
 #include <sddl.h>
 
-#include "platform/machine.h"
 #include "platform/thread.h"
 #include "platform/threads.h"
+#include "servicehost/open_pipe.h"
 #include "servicehost/pipe_io.h"
 #include "simulator/virtual_clock.h"
-#include "support/import_override.h"
 #include "support/memory_shortage.h"
-#include "support/probe.h"
-#include "support/temp_folder.h"
 #include "vxhost/service/pipe_client.h"
 
-// The import that every CreateNamedPipeW of this program goes through.
 // NOLINTNEXTLINE(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
 extern "C" decltype(&CreateNamedPipeW) __imp_CreateNamedPipeW;
 
 namespace Vx::Hosting::ServiceHost {
 namespace {
 
-using namespace std::chrono_literals;
-using ::testing::EndsWith;
-using ::testing::StartsWith;
-using ::testing::ThrowsMessage;
-
-// What is missing when the server starts a thread for its next client.
 enum class Missing { Nothing, Thread, Memory, MemoryAfterwards };
 
 // Threads of the system, which take memory from the thread that starts them.
@@ -107,17 +78,7 @@ class PipeTest : public ::testing::Test {
 
   Tool::PipeClient Client() { return {path, GetCurrentProcessId(), 5s}; }
 
-  Platform::UniqueHandle RawClient() {
-    for (int i = 0; i < 500; ++i) {
-      auto pipe = Platform::AdoptFile(CreateFileW(path.c_str(), GENERIC_READ | GENERIC_WRITE, 0,
-                                                  nullptr, OPEN_EXISTING, 0, nullptr));
-      DWORD mode = PIPE_READMODE_MESSAGE;
-      if (pipe != nullptr) SetNamedPipeHandleState(pipe.get(), &mode, nullptr, nullptr);
-      if (pipe != nullptr) return pipe;
-      Sleep(10);
-    }
-    throw std::runtime_error("no pipe");
-  }
+  Platform::UniqueHandle RawClient() const { return OpenPipe(path); }
 
   static bool Send(const Platform::UniqueHandle& pipe, const std::string& message) {
     DWORD written = 0;
@@ -125,13 +86,8 @@ class PipeTest : public ::testing::Test {
                      nullptr) != FALSE;
   }
 
-  bool Eventually(const std::function<bool()>& holds) {
-    for (int i = 0; i < 500 && !holds(); ++i) Sleep(10);
-    return holds();
-  }
-
   bool IsReported(const std::wstring& line) {
-    return Eventually([&] { return Reports().find(line) != std::wstring::npos; });
+    return Tests::Eventually([&] { return Reports().find(line) != std::wstring::npos; });
   }
 
   std::wstring Reports() {
@@ -156,7 +112,7 @@ class PipeTest : public ::testing::Test {
 TEST_F(PipeTest, AnswersEachClientWhileTheCommandOfAnotherOneRuns) {
   Serve();
   Platform::Thread slow([this] { EXPECT_EQ(Client().Execute({1, L"slow"}).response, L"slow"); });
-  ASSERT_TRUE(Eventually([this] { return held == 1; }));
+  ASSERT_TRUE(Tests::Eventually([this] { return held == 1; }));
   Tool::PipeClient first = Client();
   Tool::PipeClient second = Client();
   for (std::uint32_t id = 10; id < 20; ++id) {
@@ -175,7 +131,7 @@ TEST_F(PipeTest, ItsEndWaitsForTheCommandThatRuns) {
   const auto pipe = RawClient();
   EXPECT_TRUE(Send(pipe, WriteCommand({1, L"slow"})));
   EXPECT_TRUE(Send(pipe, WriteCommand({1, L"behind it"})));
-  ASSERT_TRUE(Eventually([this] { return held == 1; }));
+  ASSERT_TRUE(Tests::Eventually([this] { return held == 1; }));
   std::atomic<bool> ended{false};
   Platform::Thread end([&] {
     server.reset();
@@ -213,7 +169,6 @@ TEST_F(PipeTest, AHostileClientCostsTheOthersNothing) {
   EXPECT_TRUE(Send(deaf, WriteCommand({2, L""})));  // its result is larger than the pipe
   EXPECT_TRUE(IsReported(L"WARNING a client was disconnected, it did not read its result: "));
   EXPECT_TRUE(IsReported(L"WARNING a client was disconnected, its message is not a command: "));
-  // All places are free again, except those of the two clients that stay.
   std::vector<std::unique_ptr<Tool::PipeClient>> crowd;
   for (int i = 0; i < 5; ++i) {
     crowd.push_back(std::make_unique<Tool::PipeClient>(path, GetCurrentProcessId(), 5s));
@@ -261,12 +216,10 @@ TEST_F(PipeTest, TakesTheMessagesOfTheSampleClients) {
       L"\xE9\"}}";
   Serve();
   for (const wchar_t* client : {L"python", L"powershell"}) {
-    std::ifstream file(std::filesystem::path(Tests::BuiltFile(std::wstring(L"pipe_samples\\") +
-                                                              client + L".message")),
-                       std::ios::binary);
     SCOPED_TRACE(testing::PrintToString(client));
-    const std::string message{std::istreambuf_iterator<char>(file), {}};
-    ASSERT_TRUE(Eventually([&] { return WaitNamedPipeW(path.c_str(), 100) != FALSE; }));
+    const std::string message =
+        Tests::ReadText(Tests::BuiltFile(std::wstring(L"pipe_samples\\") + client + L".message"));
+    ASSERT_TRUE(Tests::Eventually([&] { return WaitNamedPipeW(path.c_str(), 100) != FALSE; }));
     const auto pipe =
         Platform::AdoptFile(CreateFileW(path.c_str(), kAccess, 0, nullptr, OPEN_EXISTING,
                                         SECURITY_SQOS_PRESENT | SECURITY_IDENTIFICATION, nullptr));
@@ -298,7 +251,6 @@ TEST_F(PipeTest, AClientSeesTheErrorsOfTheManual) {
   };
   EXPECT_EQ(errorOfOpen(), DWORD{ERROR_FILE_NOT_FOUND});
   Serve();
-  // Those that are served, and the one that may connect and wait.
   std::vector<Platform::UniqueHandle> crowd(8 + 1);
   for (auto& pipe : crowd) pipe = RawClient();
   EXPECT_FALSE(WaitNamedPipeW(path.c_str(), 50));
@@ -404,16 +356,10 @@ TEST(PipeCallerTest, CannotLookLikeAnotherOne) {
   const Tests::TempFolder folder;
   const std::wstring program = folder / L"a.exe Administrator] x [y \u202E.exe";
   std::filesystem::copy_file(Tests::BuiltFile(L"with_data.exe"), program);
-  STARTUPINFOW startup{};
-  startup.cb = sizeof startup;
-  PROCESS_INFORMATION started{};
-  ASSERT_TRUE(CreateProcessW(program.c_str(), nullptr, nullptr, nullptr, FALSE, CREATE_SUSPENDED,
-                             nullptr, nullptr, &startup, &started));
-  const Platform::UniqueHandle process(started.hProcess);
-  const Platform::UniqueHandle thread(started.hThread);
-  EXPECT_THAT(CallerName(started.dwProcessId), EndsWith(L" a.exe Administrator) x (y \uFFFD.exe"));
-  EXPECT_THAT(CallerOf(started.dwProcessId).account, StartsWith(L"S-1-5-"));
-  TerminateProcess(process.get(), 0);
+  const auto started = Tests::StartProcess(L"\"" + program + L"\"", CREATE_SUSPENDED);
+  EXPECT_THAT(CallerName(started.id), EndsWith(L" a.exe Administrator) x (y \uFFFD.exe"));
+  EXPECT_THAT(CallerOf(started.id).account, StartsWith(L"S-1-5-"));
+  TerminateProcess(started.process.get(), 0);
   EXPECT_EQ(CallerName(0), L"process 0");
   EXPECT_FALSE(CallerOf(0).privileged);
 }
@@ -433,7 +379,7 @@ TEST_F(PipeTest, ATakenNameIsOneErrorAndARetry) {
                                                        PIPE_TYPE_MESSAGE, 1, 64, 64, 0, nullptr));
   ASSERT_NE(squatter, nullptr);
   Serve();
-  ASSERT_TRUE(Eventually([this] { return !Reports().empty(); }));
+  ASSERT_TRUE(Tests::Eventually([this] { return !Reports().empty(); }));
   Sleep(60);  // two retries
   EXPECT_THAT(Reports(), StartsWith(L"ERROR the pipe's name is in use by another process, no "
                                     L"commands until it is free: " +

@@ -1,30 +1,15 @@
 // Kills the installed service in the middle of commands and store writes, and looks for what it had
 // acknowledged. Uses the machine's store, so no other test may run meanwhile.
 
-#include <atomic>
-#include <cstdio>
-#include <exception>
-#include <string>
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <windows.h>
-
 #include "platform/files.h"
-#include "platform/machine.h"
 #include "platform/thread.h"
 #include "servicehost/guarded_folder.h"
-#include "support/probe.h"
-#include "support/setting.h"
-#include "support/temp_folder.h"
+#include "support/test.h"
 #include "vxhost/service/pipe_client.h"
 #include "vxhost/service/service_manager.h"
 
 namespace Vx::Hosting::ServiceHost {
 namespace {
-
-using ::testing::HasSubstr;
 
 class ServiceCrashTest : public ::testing::Test {
  protected:

@@ -1,41 +1,21 @@
 #include "servicehost/service_log.h"
 
-#include <algorithm>
-#include <chrono>
-#include <filesystem>
-#include <fstream>
-#include <memory>
-#include <span>
-#include <string>
-#include <vector>
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <windows.h>
-
 #include "hosting/text.h"
 #include "platform/machine.h"
 #include "platform/thread.h"
-#include "platform/unique_handle.h"
 #include "servicehost/event_log.h"
 #include "servicehost/log_folder.h"
+#include "servicehost/log_lines.h"
 #include "servicehost/trace_target.h"
 #include "simulator/virtual_clock.h"
-#include "support/import_override.h"
 #include "support/memory_shortage.h"
-#include "support/temp_folder.h"
+#include "support/test.h"
 
 // NOLINTNEXTLINE(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp): the linker's name
 extern "C" decltype(&WriteFile) __imp_WriteFile;
 
 namespace Vx::Hosting::ServiceHost {
 namespace {
-
-using ::testing::ElementsAre;
-using ::testing::EndsWith;
-using ::testing::HasSubstr;
-using namespace std::chrono_literals;
 
 constexpr std::uint64_t kDay = std::uint64_t{86'400} * 10'000'000;
 constexpr std::uint64_t kFirstDay = 154'497 * kDay;  // 2024-01-01
@@ -53,15 +33,10 @@ std::vector<std::string> Names(const std::filesystem::path& folder) {
   return names;
 }
 
-std::string Content(const std::filesystem::path& file) {
-  std::ifstream in(file, std::ios::binary);
-  return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-}
-
 TEST(LogFolderTest, BeginsAFileWithTheDayAndAtTheLimitAndKeepsTheNewest) {
   const Tests::TempFolder folder;
-  std::ofstream(folder.Path() / "A-1-notes.log") << "not a log";
-  std::ofstream(folder.Path() / "A-2-20230101-0001.log") << "of another service";
+  Tests::WriteText(folder.Path() / "A-1-notes.log", "not a log");
+  Tests::WriteText(folder.Path() / "A-2-20230101-0001.log", "of another service");
   LogFolder log(folder.Path().wstring(), L"A-1", {.fileBytes = 400, .files = 4});
   for (int day = 0; day < 3; ++day) {
     for (int line = 0; line < 4; ++line) {  // three lines fit
@@ -80,7 +55,7 @@ TEST(LogFolderTest, DeletesTheFileThatWasWrittenLongestAgoWhateverItsName) {
     return folder.Path() / ("A-" + std::string(day) + "-0001.log");
   };
   for (const char* day : {"20370101", "20370102"}) {
-    std::ofstream(path(day)) << "{}\n";
+    Tests::WriteText(path(day), "{}\n");
     last_write_time(path(day),
                     std::filesystem::file_time_type::clock::now() - std::chrono::hours(1));
   }
@@ -96,10 +71,10 @@ TEST(LogFolderTest, DeletesTheFileThatWasWrittenLongestAgoWhateverItsName) {
 TEST(LogFolderTest, ContinuesBehindALineThatAKillTore) {
   const Tests::TempFolder folder;
   const auto file = folder.Path() / "A-20240101-0001.log";
-  std::ofstream(file, std::ios::binary) << "{\"time\":\"20";
+  Tests::WriteText(file, "{\"time\":\"20");
   LogFolder log(folder.Path().wstring(), L"A");
   EXPECT_TRUE(log.Write(Entry(kFirstDay + 12'345'0000, L"a \"b\"\n\xE9")));
-  EXPECT_EQ(Content(file),
+  EXPECT_EQ(Tests::ReadText(file),
             "{\"time\":\"20\n"
             R"({"time":"2024-01-01T00:00:12.345Z","level":"WARNING","provider":"Vx-Test",)"
             R"("caller":"client","thread":7,"process":9,"message":"a \"b\"\u000a)"
@@ -114,8 +89,9 @@ TEST(LogFolderTest, LeavesAFileThatAnotherProcessWritesToIt) {
   EXPECT_TRUE(other.Write(entry));
   EXPECT_TRUE(log.Write(entry));
   EXPECT_TRUE(other.Write(entry));
-  EXPECT_EQ(Content(folder.Path() / "A-20240101-0001.log"), JsonLineOf(entry) + JsonLineOf(entry));
-  EXPECT_EQ(Content(folder.Path() / "A-20240101-0002.log"), JsonLineOf(entry));
+  EXPECT_EQ(Tests::ReadText(folder.Path() / "A-20240101-0001.log"),
+            JsonLineOf(entry) + JsonLineOf(entry));
+  EXPECT_EQ(Tests::ReadText(folder.Path() / "A-20240101-0002.log"), JsonLineOf(entry));
 }
 
 // A disk that is full after half of the next write, whatever Windows returns for it.
@@ -144,7 +120,7 @@ TEST(LogFolderTest, LosesOnlyWhatItCannotWriteAndSaysSo) {
   EXPECT_TRUE(log.Write(entry));
   const auto file = folder / L"A-20240101-0001.log";
   EXPECT_FALSE(DeleteFileW(file.c_str())) << "what is written later would go with it";
-  EXPECT_EQ(Content(file), expected + line);
+  EXPECT_EQ(Tests::ReadText(file), expected + line);
 }
 
 // A target that keeps every record, even one that it refuses.
@@ -179,9 +155,7 @@ TEST(ServiceLogTest, DropsAndCountsInsteadOfWaitingForATarget) {
   {
     auto gate = std::make_unique<Gate>(messages);
     Gate& target = *gate;
-    std::vector<std::unique_ptr<LogTarget>> targets;
-    targets.push_back(std::move(gate));
-    ServiceLog log(std::move(targets), 2);
+    ServiceLog log(TargetsOf(std::move(gate)), 2);
     log.Add(L"INFO", L"held");
     ASSERT_EQ(WaitForSingleObject(target.entered.get(), 10'000), WAIT_OBJECT_0);
     for (const wchar_t* text : {L"1", L"2", L"3", L"4", L"5"}) log.Add(L"INFO", text);
@@ -193,9 +167,7 @@ TEST(ServiceLogTest, DropsAndCountsInsteadOfWaitingForATarget) {
 TEST(ServiceLogTest, WritesALineThatAThreadRepeatsOnceAndThenTheNumber) {
   std::vector<std::wstring> messages;
   {
-    std::vector<std::unique_ptr<LogTarget>> targets;
-    targets.push_back(std::make_unique<Target>(messages));
-    ServiceLog log(std::move(targets), ServiceLog::kQueue, std::chrono::minutes(1));
+    ServiceLog log(TargetsOf(std::make_unique<Target>(messages)), ServiceLog::kQueue, 1min);
     const VxLogRecord record{};
     VxLogLine decision{};
     decision.size = sizeof decision;
@@ -218,10 +190,8 @@ TEST(ServiceLogTest, ARepeatedLineIsCountedAfterAWhileAndThenWrittenAgain) {
   auto gate = std::make_unique<Gate>(messages);
   Gate& target = *gate;
   SetEvent(target.open.get());
-  std::vector<std::unique_ptr<LogTarget>> targets;
-  targets.push_back(std::move(gate));
   {
-    ServiceLog log(std::move(targets), ServiceLog::kQueue, std::chrono::milliseconds(20));
+    ServiceLog log(TargetsOf(std::move(gate)), ServiceLog::kQueue, 20ms);
     for (int i = 0; i < 2; ++i) log.Add(L"INFO", L"a");
     ASSERT_EQ(WaitForSingleObject(target.entered.get(), 10'000), WAIT_OBJECT_0);
     ResetEvent(target.entered.get());
@@ -235,10 +205,8 @@ TEST(ServiceLogTest, CountsWhatATargetRefusesAndWhatItHasNoMemoryFor) {
   std::vector<std::wstring> refused;
   std::vector<std::wstring> messages;
   {
-    std::vector<std::unique_ptr<LogTarget>> targets;
-    targets.push_back(std::make_unique<Target>(refused, false));
-    targets.push_back(std::make_unique<Target>(messages));
-    ServiceLog log(std::move(targets));
+    ServiceLog log(
+        TargetsOf(std::make_unique<Target>(refused, false), std::make_unique<Target>(messages)));
     log.Add(L"INFO", L"first");
     log.Flush();
     {
@@ -282,7 +250,6 @@ TEST(JsonLineTest, ARecordHasTheMembersThatSaySomething) {
   }
 }
 
-// Records what would reach Windows.
 class Journal final : public EventJournal {
  public:
   explicit Journal(std::vector<std::wstring>& out) : records(out) {}
@@ -379,7 +346,6 @@ TEST(EventLogTest, ItsSourceNamesTheMessageFileAndGoes) {
   EXPECT_EQ(read(), ERROR_FILE_NOT_FOUND);
 }
 
-// Records the bytes that would reach Windows.
 class Trace final : public TraceWriter {
  public:
   explicit Trace(std::string& out) : bytes(out) {}

@@ -1,35 +1,15 @@
 #include "servicehost/service_process.h"
 
-#include <algorithm>
-#include <cstddef>
-#include <cstdint>
-#include <filesystem>
-#include <fstream>
-#include <functional>
-#include <initializer_list>
-#include <memory>
-#include <stdexcept>
-#include <string>
-#include <utility>
-#include <vector>
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <windows.h>
+#include "support/test.h"
 
 #include <aclapi.h>
 #include <sddl.h>
 
 #include "hosting/text.h"
-#include "platform/machine.h"
 #include "platform/thread.h"
 #include "servicehost/guarded_folder.h"
 #include "servicehost/log_lines.h"
 #include "simulator/simulated_files.h"
-#include "support/import_override.h"
-#include "support/probe.h"
-#include "support/temp_folder.h"
 #include "vxhost/service/service_manager.h"
 
 // NOLINTBEGIN(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp): the linker's names
@@ -41,12 +21,6 @@ extern "C" decltype(&SetServiceObjectSecurity) __imp_SetServiceObjectSecurity;
 
 namespace Vx::Hosting::ServiceHost {
 namespace {
-
-using ::testing::ElementsAre;
-using ::testing::EndsWith;
-using ::testing::HasSubstr;
-using ::testing::Not;
-using ::testing::ThrowsMessage;
 
 constexpr std::uint32_t kWriting = FILE_WRITE_DATA | WRITE_DAC;
 
@@ -302,13 +276,7 @@ TEST(OrvaneHostTest, DoesNothingUnlessTheServiceManagerStartedItForAName) {
   };
   for (const auto& c : kCases) {
     std::wstring line = L"\"" + Tests::BuiltFile(L"..\\bin\\OrvaneHost.exe") + L"\"" + c.arguments;
-    STARTUPINFOW start{};
-    start.cb = sizeof start;
-    PROCESS_INFORMATION made{};
-    ASSERT_TRUE(CreateProcessW(nullptr, line.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr,
-                               &start, &made));
-    const Platform::UniqueHandle process(made.hProcess);
-    const Platform::UniqueHandle thread(made.hThread);
+    const auto process = Tests::StartProcess(line).process;
     EXPECT_EQ(WaitForSingleObject(process.get(), 20'000), WAIT_OBJECT_0);
     DWORD code = 0;
     GetExitCodeProcess(process.get(), &code);

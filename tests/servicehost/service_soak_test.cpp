@@ -1,27 +1,14 @@
 // Whether a host stays as large as it is over a day's events and commands. The variable VX_STEPS
 // sets how many codes, see scripts/soak.
 
-#include <cstdint>
-#include <cstdio>
-#include <memory>
-#include <string>
-#include <string_view>
-#include <vector>
-
-#include <gtest/gtest.h>
-
-#include <windows.h>
-
 #include "hosting/text.h"
 #include "platform/thread.h"
 #include "servicehost/host_loop.h"
 #include "servicehost/log_folder.h"
+#include "servicehost/log_lines.h"
+#include "servicehost/open_pipe.h"
 #include "servicehost/pipe_server.h"
-#include "support/framework_thread.h"
-#include "support/probe.h"
-#include "support/process_gauges.h"
-#include "support/setting.h"
-#include "support/temp_folder.h"
+#include "support/test.h"
 #include "vxhost/service/pipe_client.h"
 
 namespace Vx::Hosting::ServiceHost {
@@ -44,22 +31,8 @@ std::size_t OpenHandles() {
   return open;
 }
 
-// Returns the number as soon as it is at most `goal`, and otherwise what it is after five seconds.
-std::size_t RestingHandles(std::size_t goal) {
-  const ULONGLONG end = GetTickCount64() + 5000;
-  std::size_t open = OpenHandles();
-  for (; open > goal && GetTickCount64() < end; open = OpenHandles()) Sleep(5);
-  return open;
-}
-
 class ServiceSoakTest : public ::testing::Test {
  protected:
-  static std::vector<std::unique_ptr<LogTarget>> Files(const std::wstring& folder) {
-    std::vector<std::unique_ptr<LogTarget>> targets;
-    targets.push_back(std::make_unique<LogFolder>(folder, L"soak"));
-    return targets;
-  }
-
   // Codes of power and of sessions, and a command per ten codes over
   // connections of their own, some of which a client breaks off in the middle.
   void LiveThrough(std::size_t codes) {
@@ -84,14 +57,8 @@ class ServiceSoakTest : public ::testing::Test {
     for (std::size_t i = 0; i < codes / 500; ++i) BreakOff(i);
   }
 
-  // A client that goes before its message, in it or before its result.
   void BreakOff(std::size_t kind) {
-    Platform::UniqueHandle pipe;
-    while (pipe == nullptr) {
-      pipe = Platform::AdoptFile(CreateFileW(path.c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr,
-                                             OPEN_EXISTING, 0, nullptr));
-      if (pipe == nullptr) Sleep(1);
-    }
+    const Platform::UniqueHandle pipe = OpenPipe(path);
     const std::string whole = WriteCommand({22, L"{}"});
     const std::string message = kind % 3 == 0 ? "" : kind % 3 == 1 ? whole.substr(0, 5) : whole;
     DWORD written = 0;
@@ -103,7 +70,7 @@ class ServiceSoakTest : public ::testing::Test {
   Tests::PrivateStore store;
   Tests::TempFolder logs;
   const std::wstring path = PipePath(L"soak-" + std::to_wstring(GetCurrentProcessId()));
-  ServiceLog log{Files(logs.Path().wstring())};
+  ServiceLog log{TargetsOf(std::make_unique<LogFolder>(logs.Path().wstring(), L"soak"))};
   HostLoop host{{Tests::ModulePath(), false}, log};
   PipeServer server{{.path = path, .allowed = {}},
                     [this](const CommandEnvelope& command, const std::wstring& client) {
@@ -127,8 +94,8 @@ TEST_F(ServiceSoakTest, ADayLeavesHandlesThreadsAndMemoryWhereTheyWere) {
   const auto measure = [this, quiet](std::size_t handles, const char* when) {
     log.Flush();
     Tests::ThreadsEnd(quiet + 1);  // the last connection is joined when the next one comes
-    const Figures now{Tests::ThreadCount(), RestingHandles(handles + Tests::kMutexEvents),
-                      Tests::MeasureMemory()};
+    Tests::Eventually([&] { return OpenHandles() <= handles + Tests::kMutexEvents; }, 5s);
+    const Figures now{Tests::ThreadCount(), OpenHandles(), Tests::MeasureMemory()};
     std::printf("%-9s %zu threads, %zu handles, %zu KiB committed, %zu bytes in blocks\n", when,
                 now.threads, now.handles, now.memory.committed / 1024, now.memory.heap);
     return now;

@@ -1,22 +1,12 @@
 #include "standins/app_service_exchange.h"
 
-#include <chrono>
-#include <string>
-#include <thread>
-
-#include "gmock/gmock.h"
 #include "host/app_service_proxy.h"
-#include "platform/machine.h"
 #include "simulator/virtual_clock.h"
+#include "support/test.h"
 #include "support/winrt_fakes.h"
 
 namespace Vx::Tessel::Server::TesselCommunication {
 namespace {
-
-using ::testing::ElementsAre;
-using ::testing::IsEmpty;
-using ::testing::Pair;
-using namespace std::chrono_literals;
 
 class AppServiceExchangeTest : public Tests::RuntimeTest {
  protected:

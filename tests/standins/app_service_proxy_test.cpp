@@ -1,19 +1,11 @@
 #include "host/app_service_proxy.h"
 
-#include <string>
-
-#include "gmock/gmock.h"
-#include "platform/machine.h"
 #include "simulator/fault_injection.h"
-#include "support/log_capture.h"
-#include "support/thread_identity.h"
+#include "support/test.h"
 #include "support/winrt_fakes.h"
 
 namespace Vx::Tessel::Server::TesselCommunication {
 namespace {
-
-using ::testing::ElementsAre;
-using ::testing::IsEmpty;
 
 class AppServiceProxyTest : public Tests::RuntimeTest {
  protected:

@@ -1,26 +1,13 @@
 #include "standins/debug_monitor.h"
 
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <chrono>
-#include <cstdlib>
-#include <cstring>
-#include <functional>
-#include <string>
-#include <thread>
-
-#include <windows.h>
-
 #include "host/logging.h"
-#include "platform/unique_handle.h"
+#include "support/test.h"
 
 namespace Vx::Tessel::Server::Logging {
 namespace {
 
 using Platform::UniqueHandle;
 using Clock = std::chrono::steady_clock;
-using namespace std::chrono_literals;
 
 constexpr DWORD kBufferSize = 4096;
 
@@ -35,11 +22,8 @@ class Monitor {
                                   L"DBWIN_BUFFER")),
         view(static_cast<const char*>(
             MapViewOfFile(buffer.get(), FILE_MAP_READ, 0, 0, kBufferSize))) {}
-  Monitor(const Monitor&) = delete;
-  Monitor& operator=(const Monitor&) = delete;
   ~Monitor() { UnmapViewOfFile(view); }
 
-  // The texts that this process writes until the first line feed.
   std::string ReadLine() const {
     std::string line;
     while (line.empty() || line.back() != '\n') {
@@ -52,7 +36,6 @@ class Monitor {
     return line;
   }
 
-  // Whether the buffer is empty after the text.
   bool HoldsTheTextAlone() const {
     const char* end = view + kBufferSize;
     return std::all_of(std::find(view + sizeof(DWORD), end, '\0'), end,

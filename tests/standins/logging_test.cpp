@@ -1,27 +1,9 @@
 #include "host/logging.h"
 
-#include <gmock/gmock.h>
-
-#include <atomic>
-#include <chrono>
-#include <cstdint>
-#include <cstdlib>
-#include <functional>
-#include <future>
-#include <stdexcept>
-#include <string>
-#include <thread>
-#include <vector>
-
-#include <windows.h>
-
-#include "support/log_capture.h"
+#include "support/test.h"
 
 namespace Vx::Tessel::Server::Logging {
 namespace {
-
-using testing::Each;
-using testing::ElementsAre;
 
 constexpr std::chrono::seconds kLongestWait{20};
 
@@ -29,7 +11,6 @@ const TraceLogger& Logger() {
   return *LogManager::SetProvider("Vx-Test-Provider");
 }
 
-// Keeps a sink registered.
 class SinkScope {
  public:
   explicit SinkScope(LogManager::Sink sink) : id(LogManager::AddSink(std::move(sink))) {}
@@ -147,7 +128,6 @@ TEST(LoggingTest, DeliversEveryLineWholeAndOneAtATimeFromOneLoggerAProvider) {
   EXPECT_THAT(loggers, Each(loggers[0]));
 }
 
-// A sink that stays in its call until it is told to leave.
 struct SlowSink {
   void Take() {
     entered.set_value();
@@ -155,7 +135,6 @@ struct SlowSink {
     left = true;
   }
 
-  // `remove` ends the sink while a thread is in it.
   void ExpectToBeAwaited(const std::function<void()>& remove) {
     const std::jthread logging([] { Logger().LogInfo(L"x"); });
     entered.get_future().wait_for(kLongestWait);
@@ -182,7 +161,6 @@ TEST(LoggingTest, RemovesASinkOnlyWhenNoCallIntoItIsLeft) {
   host.ExpectToBeAwaited([] { VxSetLogSink(nullptr, nullptr); });
 }
 
-// What a host's sink received, as one text for each line.
 struct HostLines {
   static void Take(const VxLogLine* line, void* context) {
     std::wstring text = std::to_wstring(line->level) + L'|' + line->provider + L'|' + line->caller +

@@ -1,10 +1,6 @@
 #include "storage/bson_document.h"
 
-#include <string>
-#include <string_view>
-#include <vector>
-
-#include <gtest/gtest.h>
+#include "support/test.h"
 
 namespace Vx::Tessel::Server::Storage {
 
@@ -24,7 +20,6 @@ std::string LittleEndian(std::size_t value) {
   return out;
 }
 
-// Returns a document with these bytes as its elements.
 std::string Document(std::string_view elements) {
   return LittleEndian(elements.size() + 5) + std::string(elements) + '\0';
 }
@@ -44,7 +39,6 @@ std::string Encoding(const BsonDocument& document) {
   return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
 }
 
-// One element of each kind of BSON 1.1, with its key.
 const std::string& EveryKind() {
   static const std::string kElements =
       "\001double\0\0\0\0\0\0\0\370\077"s + "\002text\0\004\0\0\0a\0b\0"s + "\003doc\0"s +

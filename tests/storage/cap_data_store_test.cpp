@@ -1,32 +1,11 @@
 #include "storage/cap_data_store.h"
 
-#include <algorithm>
-#include <chrono>
-#include <cstddef>
-#include <cstdint>
-#include <cstdio>
-#include <optional>
-#include <random>
-#include <span>
-#include <stdexcept>
-#include <string>
-#include <string_view>
-#include <utility>
-#include <vector>
-
-#include <gtest/gtest.h>
-
-#include <windows.h>
+#include "support/test.h"
 
 #include <rpc.h>
 #include <wincrypt.h>
 
 #include "storage/store_fixture.h"
-#include "support/directory_link.h"
-#include "support/import_override.h"
-#include "support/probe.h"
-#include "support/setting.h"
-#include "support/temp_folder.h"
 
 // Where this program keeps the address of the function that makes ids: the only step of a write
 // that no capability stands for.
@@ -54,16 +33,12 @@ BsonDocument WithInt(const char* key, std::int32_t value) {
   return document;
 }
 
-std::optional<BsonElement> Read(CapDataStore&& store, std::string_view key) {
+std::optional<BsonElement> Read(CapDataStore& store, std::string_view key) {
   BsonElement element;
   if (!store.read(key, element)) return std::nullopt;
   return element;
 }
-std::optional<BsonElement> Read(CapDataStore& store, std::string_view key) {
-  return Read(std::move(store), key);
-}
 
-// The text of the standard exception that making a store throws; empty when it is made.
 std::string ConstructionError() {
   try {
     const CapDataStore store;
@@ -171,7 +146,6 @@ Bytes Damaged(Bytes bytes, const Bytes& others, std::mt19937& random) {
   return bytes;
 }
 
-// Damaged files, files of other services, and other objects instead of the store's file.
 class DamagedStoreTest : public CapDataStoreTest {
  protected:
   DamagedStoreTest() {
@@ -203,7 +177,6 @@ class DamagedStoreTest : public CapDataStoreTest {
                              : Damaged(files[one], files[other], random);
   }
 
-  // Reads and writes the store, whose file holds `held`, or nothing that can be read.
   void Check(const std::optional<BsonDocument>& held, bool writable) {
     CapDataStore store;
     log.Clear();
@@ -220,7 +193,6 @@ class DamagedStoreTest : public CapDataStoreTest {
                                   : kPersistWarning);
   }
 
-  // Every value that could be read is still there, and the new one.
   void CheckWritten(BsonDocument expected) {
     const auto own = expected.Find(kOwn);
     BsonDocument members = own ? own->AsDocument().value_or(BsonDocument()) : BsonDocument();
@@ -322,7 +294,8 @@ TEST_F(CapDataStoreTest, ANewFolderIsPrivateAndAnExistingOneKeepsItsEntries) {
 }
 
 TEST_F(CapDataStoreTest, AsksForNoMoreOfAFileThanItsBound) {
-  EXPECT_EQ(Read(CapDataStore(), "key"), std::nullopt);
+  CapDataStore store;
+  EXPECT_EQ(Read(store, "key"), std::nullopt);
   EXPECT_EQ(disk.largestRead, std::size_t{64} * 1024 * 1024);
 }
 
@@ -499,7 +472,6 @@ TEST_F(CapDataStoreTest, AnUpdateSeesTheStoredValueAndMayLeaveItOrThrow) {
                std::runtime_error);
   EXPECT_EQ(store.readDocument("document"), WithInt("count", 2));
   EXPECT_EQ(disk.writes.size(), 2U);
-  // No thread holds the mutex.
   const Platform::UniqueHandle mutex(
       CreateMutexW(nullptr, FALSE, L"18CC6446-1DB5-4D23-8F2B-441BA13883D6"));
   EXPECT_FALSE(ReleaseMutex(mutex.get()));

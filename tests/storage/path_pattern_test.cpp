@@ -1,9 +1,8 @@
 #include "storage/path_pattern.h"
 
 #include <regex>
-#include <string>
 
-#include <gtest/gtest.h>
+#include "support/test.h"
 
 namespace Vx::Tessel::Server::Storage {
 

@@ -1,10 +1,7 @@
 #include "storage/request_list.h"
 
-#include <string>
-
-#include <gtest/gtest.h>
-
 #include "json/json_object.h"
+#include "support/test.h"
 
 namespace Vx::Tessel::Server::Storage {
 
@@ -32,6 +29,7 @@ TEST(ListWith, RefusesARequestThatDiffersInItsDelayOnly) {
   EXPECT_EQ(ListWith(list, L"{\"commandParams\":{\"path\":\"p\",\"delayDeliverySec\":\"9\"}}"),
             std::nullopt);
   EXPECT_EQ(ListWith(list, L"{ \"x\" : 1 }"), std::nullopt);
+  EXPECT_EQ(ListWith(L"[{\"commandParams\":[1]}]", L"{\"commandParams\":[1]}"), std::nullopt);
   EXPECT_NE(ListWith(list, L"{\"x\":1,\"delayDeliverySec\":\"5\"}"), std::nullopt);
   EXPECT_NE(ListWith(list, L"{\"commandParams\":{\"path\":\"q\"}}"), std::nullopt);
   EXPECT_NE(ListWith(list, L"{\"x\":1.0}"), std::nullopt);

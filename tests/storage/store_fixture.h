@@ -1,26 +1,15 @@
 #pragma once
 
-#include <cstddef>
-#include <optional>
-#include <span>
-#include <string>
-#include <vector>
-
-#include <gtest/gtest.h>
-
 #include "platform/data_protection.h"
-#include "platform/machine.h"
 #include "simulator/fault_injection.h"
 #include "simulator/virtual_clock.h"
 #include "storage/cap_data_store.h"
 #include "storage/store_file.h"
 #include "support/faulty_files.h"
-#include "support/log_capture.h"
-#include "support/temp_folder.h"
+#include "support/test.h"
 
 namespace Vx::Tests {
 
-// Real data protection that fails with a chosen error.
 class FaultyProtection final : public Platform::DataProtection {
  public:
   // Unsealing fails with this error, `count` times or for good, for a blob of this size or more.

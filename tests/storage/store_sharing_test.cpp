@@ -1,17 +1,4 @@
-#include <atomic>
-#include <cstdint>
-#include <cstdio>
-#include <iterator>
-#include <map>
-#include <random>
-#include <string>
-#include <thread>
-#include <vector>
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <windows.h>
 
 #include "storage/cap_data_store.h"
 #include "storage/request_list.h"
@@ -19,8 +6,7 @@
 #include "storage/store_file.h"
 #include "storage/store_storm.h"
 #include "storage/store_worker_process.h"
-#include "support/setting.h"
-#include "support/temp_folder.h"
+#include "support/test.h"
 
 namespace Vx::Tessel::Server::Storage {
 
@@ -34,7 +20,6 @@ constexpr DWORD kDeadline = Tests::kWorkerDeadline;
 
 class StoreSharingTest : public testing::Test {
  protected:
-  // Runs `body` with 0, 1, ... on one thread each, all at the same time.
   template <typename Body>
   static void Together(int threads, const Body& body) {
     std::vector<std::thread> running;
@@ -87,7 +72,6 @@ TEST_F(StoreSharingTest, AMarkNeverReplacesADocumentThatIsStoredMeanwhile) {
 // Processes whose threads all write one store. The test kills and replaces one after the other.
 class StoreStormTest : public testing::Test {
  protected:
-  // Runs one storm on a fresh store that holds a value of another service.
   void Storm(std::mt19937& random) {
     const CapDataStore maker;
     BsonDocument kept;

@@ -40,7 +40,6 @@ struct StormNotes {
   std::array<StormProcess, kMostProcesses> processes;
 };
 
-// The member that a writer increments.
 inline std::string MemberOf(std::size_t process, std::size_t writer) {
   return std::to_string(process) + "." + std::to_string(writer);
 }
@@ -56,8 +55,6 @@ class SharedNotes {
                                        mapping.get(), FILE_MAP_ALL_ACCESS, 0, 0, 0))) {
     if (notes == nullptr) throw std::bad_alloc();
   }
-  SharedNotes(const SharedNotes&) = delete;
-  SharedNotes& operator=(const SharedNotes&) = delete;
   ~SharedNotes() { UnmapViewOfFile(notes); }
 
   StormNotes* operator->() const { return notes; }

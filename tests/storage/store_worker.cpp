@@ -11,19 +11,15 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <exception>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include <windows.h>
-
-#include <wincrypt.h>
 
 #include "platform/machine.h"
 #include "platform/unique_handle.h"
@@ -56,73 +52,23 @@ void CountUp(const Vx::Tests::SharedNotes& notes, std::size_t self, std::size_t 
   }
 }
 
-// Another service, which knows only what the manual says of the file: a header of 72 bytes and a
-// DPAPI blob around a BSON document.
+// Another service, which writes in place and has no code of the store but that of its format.
 class OtherService {
  public:
-  // Stores the value under kOtherKey in place. Throws if the last one is not found there.
+  // Stores the value under kOtherKey. Throws if the last one is not found there.
   void Store(std::int32_t value) {
-    std::ifstream in(path, std::ios::binary);
-    const std::string file(std::istreambuf_iterator<char>(in), {});
-    in.close();
-    std::string document = Converted(file.substr(kHeader), [](DATA_BLOB* from, DATA_BLOB* to) {
-      return CryptUnprotectData(from, nullptr, nullptr, nullptr, nullptr, 0, to);
-    });
-    if (Set(document, value) != last) throw std::runtime_error("the last value is lost");
-    const std::string blob = Converted(document, [](DATA_BLOB* from, DATA_BLOB* to) {
-      constexpr DWORD kFlags = CRYPTPROTECT_LOCAL_MACHINE;
-      return CryptProtectData(from, L"other", nullptr, nullptr, nullptr, kFlags, to);
-    });
-    std::ofstream(path, std::ios::binary) << file.substr(0, kHeader) << blob;
+    const Vx::Tests::Bytes file = Vx::Tests::ReadBytes(path);
+    auto document = Vx::Tests::HeldBy(file).value();
+    const auto found = document.Find(Vx::Tests::kOtherKey);
+    if ((found ? found->AsInt32() : 0) != last) throw std::runtime_error("the last value is lost");
+    document.Set(Vx::Tests::kOtherKey, BsonElement::Int32(value));
+    Vx::Tests::WriteBytes(path, Vx::Tests::StoreFile(document.Encoded(), Vx::Tests::IdOf(file)));
     last = value;
   }
 
  private:
-  static constexpr std::size_t kHeader = 72;
-
-  template <typename Call>
-  static std::string Converted(std::string from, const Call& call) {
-    DATA_BLOB in{static_cast<DWORD>(from.size()), reinterpret_cast<BYTE*>(from.data())};
-    DATA_BLOB out{};
-    if (call(&in, &out) == 0) throw std::runtime_error("DPAPI refuses the content");
-    std::string to(reinterpret_cast<char*>(out.pbData), out.cbData);
-    LocalFree(out.pbData);
-    return to;
-  }
-
-  // Returns the value before, 0 if there is none.
-  static std::int32_t Set(std::string& document, std::int32_t value) {
-    const auto int32At = [&](std::size_t at) {
-      std::int32_t number = 0;
-      std::memcpy(&number, document.data() + at, sizeof number);
-      return number;
-    };
-    const auto bytes = [](std::int32_t number) {
-      return std::string(reinterpret_cast<const char*>(&number), sizeof number);
-    };
-    constexpr char kInt32 = 0x10;  // any other value here is a document
-    std::int32_t before = 0;
-    std::size_t at = sizeof before;
-    while (document.at(at) != 0) {
-      const std::string key = document.c_str() + at + 1;
-      const std::size_t content = at + key.size() + 2;
-      const bool number = document[at] == kInt32;
-      const auto end =
-          content + (number ? sizeof before : static_cast<std::size_t>(int32At(content)));
-      if (key == Vx::Tests::kOtherKey) {
-        before = int32At(content);
-        document.erase(at, end - at);
-      } else {
-        at = end;
-      }
-    }
-    document.insert(at, kInt32 + std::string(Vx::Tests::kOtherKey) + '\0' + bytes(value));
-    document.replace(0, sizeof before, bytes(static_cast<std::int32_t>(document.size())));
-    return before;
-  }
-
-  const std::filesystem::path path =
-      std::filesystem::path(_wgetenv(L"ProgramData")) / L"Vx\\SharedServices\\shared_store.dat";
+  const std::wstring path =
+      std::wstring(_wgetenv(L"ProgramData")) + L"\\Vx\\SharedServices\\shared_store.dat";
   std::int32_t last = 0;
 };
 
@@ -165,10 +111,8 @@ class EndedWrite {
     };
   }
 
-  // Returns an exit code.
   int Run() const { return CapDataStore().persist(key, BsonElement::Int32(value)) ? 0 : 3; }
 
-  // Likewise, of the thread that writes.
   int RunOnAThread() const {
     const Vx::Platform::UniqueHandle thread(CreateThread(
         nullptr, 0,
@@ -191,7 +135,6 @@ class EndedWrite {
   }};
 };
 
-// Holds the mutex while the file exists that says so.
 void HoldWhile(const std::filesystem::path& file) {
   const Vx::Platform::UniqueHandle mutex(CreateMutexW(nullptr, FALSE, CapDataStore::kMutexName));
   WaitForSingleObject(mutex.get(), INFINITE);

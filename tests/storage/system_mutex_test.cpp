@@ -1,16 +1,8 @@
 #include "storage/system_mutex.h"
 
-#include <string>
-#include <thread>
-
-#include <gmock/gmock.h>
-
-#include <windows.h>
-
 #include "platform/kernel_objects.h"
 #include "simulator/fault_injection.h"
-#include "support/is_free.h"
-#include "support/log_capture.h"
+#include "support/test.h"
 
 namespace Vx::Tessel::Server::Storage {
 
@@ -41,39 +33,35 @@ TEST(SystemMutex, KeepsOthersOutUntilItIsUnlockedOrDestroyed) {
   EXPECT_TRUE(Tests::IsFree(name));
 }
 
-TEST(SystemMutex, ReportsANameOfAnotherKindOfObjectOnceAndTriesAgain) {
-  const std::wstring name = Name(L"taken");
-  const Tests::LogCapture log;
-  for (std::size_t taken = 1; taken <= 2; ++taken) {
-    {
-      const Platform::UniqueHandle event(CreateEventW(nullptr, TRUE, FALSE, name.c_str()));
-      for (int use = 0; use < 3; ++use) EXPECT_THROW(SystemMutex{name}, system_mutex_exception);
-      ASSERT_THAT(log.Lines(), testing::SizeIs(taken));
-      EXPECT_EQ(log.Lines().back(), L"warning|SystemMutex - another program has given the name " +
-                                        name +
-                                        L" to an object that is not a mutex. The shared store "
-                                        L"cannot be used until that object is gone.");
-    }
-    EXPECT_NO_THROW(SystemMutex{name});
-  }
-}
-
-TEST(SystemMutex, ReportsAMutexThatItMayNotOpenOnceUntilItMay) {
+TEST(SystemMutex, ReportsANameThatItCannotUseOnceAndTriesAgain) {
   Simulator::FaultInjection faults;
   const Platform::MachineScope scope([&](Platform::Machine& machine) { faults.Install(machine); });
-  const std::wstring name = Name(L"denied");
-  EXPECT_NO_THROW(SystemMutex{name});
-  const Tests::LogCapture log;
-  for (std::size_t denied = 1; denied <= 2; ++denied) {
-    faults.FailNamed("KernelObjects.MakeMutex");
-    for (int use = 0; use < 3; ++use) EXPECT_THROW(SystemMutex{name}, system_mutex_exception);
-    ASSERT_THAT(log.Lines(), testing::SizeIs(denied));
-    EXPECT_EQ(log.Lines().back(), L"warning|SystemMutex - Windows denies access to the mutex " +
-                                      name +
-                                      L", which another program has made. The shared store cannot "
-                                      L"be used until that mutex is gone.");
-    faults.Clear();
-    EXPECT_NO_THROW(SystemMutex{name});
+  const std::wstring name = Name(L"taken");
+  const std::wstring start = L"warning|SystemMutex - ";
+  Platform::UniqueHandle event;
+  const struct {
+    std::function<void()> take;
+    std::wstring line;
+  } cases[] = {
+      {[&] { event.reset(CreateEventW(nullptr, TRUE, FALSE, name.c_str())); },
+       start + L"another program has given the name " + name +
+           L" to an object that is not a mutex. The shared store cannot be used until that object "
+           L"is gone."},
+      {[&] { faults.FailNamed("KernelObjects.MakeMutex"); },
+       start + L"Windows denies access to the mutex " + name +
+           L", which another program has made. The shared store cannot be used until that mutex is "
+           L"gone."},
+  };
+  for (const auto& c : cases) {
+    const Tests::LogCapture log;
+    for (std::size_t taken = 1; taken <= 2; ++taken) {
+      c.take();
+      for (int use = 0; use < 3; ++use) EXPECT_THROW(SystemMutex{name}, system_mutex_exception);
+      EXPECT_EQ(log.Lines(), std::vector(taken, c.line));
+      event.reset();
+      faults.Clear();
+      EXPECT_NO_THROW(SystemMutex{name});
+    }
   }
 }
 

@@ -6,6 +6,7 @@
 #include <memory>
 #include <span>
 #include <string>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -18,7 +19,6 @@ inline constexpr Platform::ErrorCode kFault = 1117;  // ERROR_IO_DEVICE
 inline constexpr Platform::ErrorCode kDenied = 5;    // ERROR_ACCESS_DENIED
 inline constexpr std::uint32_t kReparsePoint = 0x400;
 
-// The faults of the files that FaultyFiles opens.
 struct FileFaults {
   // Called with its name before each step that reads, changes or renames content, and with "Half"
   // in the middle of a write. Returns the error with which the step fails, or zero.
@@ -29,6 +29,18 @@ struct FileFaults {
   std::wstring foreignMark = L"?";             // and each whose path has this in it
   std::size_t largestRead = 0;                 // the bound of the last read
   std::vector<std::vector<std::byte>> writes;  // the content of each attempted write
+
+  // Runs `step` unless onStep fails it. For the decorators.
+  template <typename Step>
+  auto Or(const char* name, const Step& step) const {
+    using Answer = decltype(step());
+    const Platform::ErrorCode error = onStep(name);
+    if constexpr (std::is_same_v<Answer, Platform::ErrorCode>) {
+      return error != 0 ? error : step();
+    } else {
+      return error != 0 ? Answer::Failure(error) : step();
+    }
+  }
 };
 
 class FaultyFileHandle final : public Platform::FileHandle {
@@ -50,45 +62,35 @@ class FaultyFileHandle final : public Platform::FileHandle {
   }
   Platform::Result<std::vector<std::byte>> Content(std::size_t maxBytes) const override {
     faults.largestRead = maxBytes;
-    if (const Platform::ErrorCode error = faults.onStep("Content"); error != 0) {
-      return Platform::Result<std::vector<std::byte>>::Failure(error);
-    }
-    return real->Content(maxBytes);
+    return faults.Or("Content", [&] { return real->Content(maxBytes); });
   }
   Platform::ErrorCode Write(std::span<const std::byte> content) override {
     faults.writes.emplace_back(content.begin(), content.end());
-    return Or("Write", [&] {
+    return faults.Or("Write", [&] {
       real->Write(content.first(content.size() / 2));
-      return Or("Half", [&] { return real->Write(content); });
+      return faults.Or("Half", [&] { return real->Write(content); });
     });
   }
   Platform::ErrorCode SetSize(std::uint64_t size) override {
-    return Or("SetSize", [&] { return real->SetSize(size); });
+    return faults.Or("SetSize", [&] { return real->SetSize(size); });
   }
   Platform::ErrorCode Flush() override {
-    return Or("Flush", [&] { return writable ? real->Flush() : kDenied; });
+    return faults.Or("Flush", [&] { return writable ? real->Flush() : kDenied; });
   }
   Platform::ErrorCode MoveOver(const std::wstring& path) override {
-    return Or("MoveOver", [&] { return real->MoveOver(path); });
+    return faults.Or("MoveOver", [&] { return real->MoveOver(path); });
   }
   Platform::ErrorCode Remove() override {
-    return Or("Remove", [&] { return real->Remove(); });
+    return faults.Or("Remove", [&] { return real->Remove(); });
   }
 
  private:
-  template <typename Step>
-  Platform::ErrorCode Or(const char* name, const Step& step) {
-    const Platform::ErrorCode error = faults.onStep(name);
-    return error != 0 ? error : step();
-  }
-
   std::unique_ptr<FileHandle> real;
   const bool foreign;
   const bool writable;  // Windows flushes only a writable file
   FileFaults& faults;
 };
 
-// Real files with switchable faults.
 class FaultyFiles : public Simulator::SimulatedFiles, public FileFaults {
  public:
   bool linksEverywhere = false;  // every existing path has the reparse attribute
@@ -100,32 +102,26 @@ class FaultyFiles : public Simulator::SimulatedFiles, public FileFaults {
   }
   Platform::Result<std::vector<std::byte>> Read(const std::wstring& path,
                                                 std::size_t maxBytes) const override {
-    if (const Platform::ErrorCode error = onStep("Read"); error != 0) {
-      return Platform::Result<std::vector<std::byte>>::Failure(error);
-    }
-    return SimulatedFiles::Read(path, maxBytes);
+    return Or("Read", [&] { return SimulatedFiles::Read(path, maxBytes); });
   }
   Platform::ErrorCode Overwrite(const std::wstring& path,
                                 std::span<const std::byte> content) override {
     writes.emplace_back(content.begin(), content.end());
-    if (const Platform::ErrorCode error = onStep("Overwrite"); error != 0) return error;
-    SimulatedFiles::Overwrite(path, content.first(content.size() / 2));
-    const Platform::ErrorCode error = onStep("Half");
-    return error != 0 ? error : SimulatedFiles::Overwrite(path, content);
+    return Or("Overwrite", [&] {
+      SimulatedFiles::Overwrite(path, content.first(content.size() / 2));
+      return Or("Half", [&] { return SimulatedFiles::Overwrite(path, content); });
+    });
   }
   Platform::ErrorCode MoveOver(const std::wstring& from, const std::wstring& to) override {
-    const Platform::ErrorCode error = onStep("MoveOver");
-    return error != 0 ? error : SimulatedFiles::MoveOver(from, to);
+    return Or("MoveOver", [&] { return SimulatedFiles::MoveOver(from, to); });
   }
   Opened Open(const std::wstring& path, Platform::FileUse use) override {
-    if (const Platform::ErrorCode error = onStep("Open"); error != 0) return Opened::Failure(error);
-    return Faulty(SimulatedFiles::Open(path, use), path, use);
+    return Or("Open", [&] { return Faulty(SimulatedFiles::Open(path, use), path, use); });
   }
   Opened Create(const std::wstring& path, const std::wstring& accessLike) override {
-    if (const Platform::ErrorCode error = onStep("Create"); error != 0) {
-      return Opened::Failure(error);
-    }
-    return Faulty(SimulatedFiles::Create(path, accessLike), path, Platform::FileUse::Replace);
+    return Or("Create", [&] {
+      return Faulty(SimulatedFiles::Create(path, accessLike), path, Platform::FileUse::Replace);
+    });
   }
 
  private:

@@ -2,8 +2,10 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <functional>
 #include <mutex>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "host/logging.h"
@@ -17,33 +19,19 @@ class LogCapture {
   LogCapture()
       : sink(Tessel::Server::Logging::LogManager::AddSink(
             [this](const Tessel::Server::Logging::LogRecord& record) { Add(record); })) {}
-  LogCapture(const LogCapture&) = delete;
-  LogCapture& operator=(const LogCapture&) = delete;
   ~LogCapture() { Tessel::Server::Logging::LogManager::RemoveSink(sink); }
 
-  std::vector<std::wstring> Lines() const {
-    const std::lock_guard guard(mutex);
-    return lines;
-  }
+  std::vector<std::wstring> Lines() const { return CopyOf(lines); }
 
   // The caller identities of these lines.
-  std::vector<std::wstring> Callers() const {
-    const std::lock_guard guard(mutex);
-    return callers;
-  }
+  std::vector<std::wstring> Callers() const { return CopyOf(callers); }
 
   // "KIND NUMBER DECISION", then ":REASON", " TARGET", " in PACKAGE", " by CLIENT", " of
   // SUBSCRIPTION", " status N", " process N", " after N ms" if present.
-  std::vector<std::wstring> Records() const {
-    const std::lock_guard guard(mutex);
-    return records;
-  }
+  std::vector<std::wstring> Records() const { return CopyOf(records); }
 
   // The delivery numbers of these records.
-  std::vector<std::uint64_t> Deliveries() const {
-    const std::lock_guard guard(mutex);
-    return deliveries;
-  }
+  std::vector<std::uint64_t> Deliveries() const { return CopyOf(deliveries); }
 
   bool Has(const std::wstring& line) const {
     const auto all = Lines();
@@ -59,6 +47,12 @@ class LogCapture {
   }
 
  private:
+  template <typename Texts>
+  Texts CopyOf(const Texts& texts) const {
+    const std::lock_guard guard(mutex);
+    return texts;
+  }
+
   void Add(const Tessel::Server::Logging::LogRecord& record) {
     static constexpr const wchar_t* kLevels[] = {L"info|", L"warning|", L"error|"};
     const std::lock_guard guard(mutex);
@@ -90,6 +84,23 @@ class LogCapture {
   std::vector<std::wstring> callers;
   std::vector<std::wstring> records;
   std::vector<std::uint64_t> deliveries;
+  Tessel::Server::Logging::LogManager::SinkId sink;
+};
+
+// Runs an action on the thread that logs a line with `text` for the `time`th time, at that moment.
+class LogTrap {
+ public:
+  LogTrap(std::wstring text, int time, std::function<void()> action)
+      : sink(Tessel::Server::Logging::LogManager::AddSink(
+            [wanted = std::move(text), left = time,
+             run = std::move(action)](const Tessel::Server::Logging::LogRecord& record) mutable {
+              if (record.message.find(wanted) != record.message.npos && --left == 0) run();
+            })) {}
+  LogTrap(const LogTrap&) = delete;
+  LogTrap& operator=(const LogTrap&) = delete;
+  ~LogTrap() { Tessel::Server::Logging::LogManager::RemoveSink(sink); }
+
+ private:
   Tessel::Server::Logging::LogManager::SinkId sink;
 };
 

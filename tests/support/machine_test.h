@@ -1,14 +1,7 @@
 #pragma once
 
-#include <string>
-#include <vector>
-
-#include <gtest/gtest.h>
-
-#include "platform/machine.h"
 #include "simulator/simulated_machine.h"
-#include "support/log_capture.h"
-#include "support/temp_folder.h"
+#include "support/test.h"
 
 namespace Vx::Tests {
 
@@ -32,7 +25,6 @@ class MachineTest : public testing::Test {
   LogCapture log;
 };
 
-// Adds a private store.
 class StoreTest : public MachineTest {
  protected:
   PrivateStore store;

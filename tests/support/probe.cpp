@@ -3,12 +3,13 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
-#include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <string_view>
+#include <system_error>
 
 #include <windows.h>
+
+#include "support/temp_folder.h"
 
 namespace Vx::Tests {
 
@@ -68,6 +69,19 @@ std::wstring TestModulePath() {
   return BuiltFile(L"..\\bin\\test\\OrvaneService.dll");
 }
 
+StartedProcess StartProcess(std::wstring commandLine, std::uint32_t flags) {
+  STARTUPINFOW start{};
+  start.cb = sizeof start;
+  PROCESS_INFORMATION made{};
+  if (CreateProcessW(nullptr, commandLine.data(), nullptr, nullptr, FALSE, flags, nullptr, nullptr,
+                     &start, &made) == FALSE) {
+    // Under Wine 1359 says that something killed the new process before any of its code ran.
+    throw std::system_error(static_cast<int>(GetLastError()), std::system_category(), "no process");
+  }
+  const Platform::UniqueHandle thread(made.hThread);
+  return {Platform::UniqueHandle(made.hProcess), made.dwProcessId};
+}
+
 std::wstring Escaped(const std::wstring& path) {
   std::wstring text;
   for (const wchar_t unit : path) text.append(unit == L'\\' ? 2 : 1, unit);
@@ -77,9 +91,7 @@ std::wstring Escaped(const std::wstring& path) {
 std::optional<ProbeReport> WaitForProbe(const std::wstring& path, std::chrono::milliseconds limit) {
   const ULONGLONG end = GetTickCount64() + static_cast<ULONGLONG>(limit.count());
   for (;;) {
-    if (std::ifstream file(std::filesystem::path(path), std::ios::binary); file) {
-      return Parse(Wide(std::string(std::istreambuf_iterator<char>(file), {})));
-    }
+    if (std::ifstream(std::filesystem::path(path))) return Parse(Wide(ReadText(path)));
     if (GetTickCount64() >= end) return std::nullopt;
     Sleep(5);
   }

@@ -1,9 +1,12 @@
 #pragma once
 
 #include <chrono>
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <vector>
+
+#include "platform/unique_handle.h"
 
 namespace Vx::Tests {
 
@@ -28,7 +31,14 @@ std::wstring ProbePath();
 std::wstring ModulePath();
 std::wstring TestModulePath();
 
-// Returns the path as written in JSON.
+struct StartedProcess {
+  Platform::UniqueHandle process;
+  std::uint32_t id;
+};
+
+// Starts a program with these flags of CreateProcessW. Throws std::system_error.
+StartedProcess StartProcess(std::wstring commandLine, std::uint32_t flags = 0);
+
 std::wstring Escaped(const std::wstring& path);
 
 // Returns the report that appears at `path`, or nothing after `limit`.

@@ -3,8 +3,7 @@
 // variable VX_PROBE if set. The report appears, whole, in the file named by the first argument, if
 // that is a full path, or beside the program as "<program>.out".
 //
-// With a further argument "wait:NAME" it runs until the named event is signalled. With "own:NAME"
-// it owns the named mutex from before the report until it ends.
+// With a further argument "wait:NAME" it runs until the named event is signalled.
 #include <cstdio>
 #include <iterator>
 #include <string>
@@ -16,7 +15,6 @@
 namespace {
 
 constexpr std::wstring_view kWait = L"wait:";
-constexpr std::wstring_view kOwn = L"own:";
 constexpr DWORD kLongestWait = 60'000;  // milliseconds, so that a forgotten probe ends
 
 std::string Utf8(std::wstring_view text) {
@@ -67,11 +65,6 @@ void WaitFor(const wchar_t* eventName) {
 }  // namespace
 
 int wmain(int count, wchar_t** arguments) {
-  for (int i = 1; i < count; ++i) {
-    const std::wstring_view argument = arguments[i];
-    // Windows releases the mutex when the process ends.
-    if (argument.starts_with(kOwn)) CreateMutexW(nullptr, TRUE, arguments[i] + kOwn.size());
-  }
   const std::string report = Report(count, arguments);
   const bool named = count > 1 && std::wstring_view(arguments[1]).substr(1, 2) == L":\\";
   if (!named || !Write(arguments[1], report)) {

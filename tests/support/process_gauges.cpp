@@ -13,7 +13,6 @@
 namespace Vx::Tests {
 namespace {
 
-// The bytes and number of the blocks that a heap lists as used.
 struct UsedBlocks {
   std::size_t bytes = 0;
   std::size_t count = 0;

@@ -3,6 +3,7 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <cstdlib>
 
 namespace Vx::Tests {
 
@@ -39,5 +40,12 @@ std::size_t ThreadCount();
 
 // Waits until at most `count` threads are left. Returns false if more are left after `limit`.
 bool ThreadsEnd(std::size_t count, std::chrono::milliseconds limit = std::chrono::seconds(60));
+
+// Returns the number in the environment variable `name`, or `usual` if it is not set: a test's
+// duration, or the seed for repeating a run.
+inline std::uint32_t Setting(const char* name, std::uint32_t usual) {
+  const char* text = std::getenv(name);  // NOLINT(concurrency-mt-unsafe): no thread sets variables
+  return text == nullptr ? usual : static_cast<std::uint32_t>(std::strtoul(text, nullptr, 10));
+}
 
 }  // namespace Vx::Tests

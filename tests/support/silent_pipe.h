@@ -20,8 +20,6 @@ class SilentPipe {
     call.hEvent = connected.get();
     ConnectNamedPipe(server.get(), &call);
   }
-  SilentPipe(const SilentPipe&) = delete;
-  SilentPipe& operator=(const SilentPipe&) = delete;
   ~SilentPipe() { CancelIo(server.get()); }
 
   const std::wstring& Name() const { return name; }

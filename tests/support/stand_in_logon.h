@@ -11,8 +11,6 @@ class StandInLogon {
  public:
   // `folder` receives the program and its report. Throws std::runtime_error.
   explicit StandInLogon(const std::wstring& folder);
-  StandInLogon(const StandInLogon&) = delete;
-  StandInLogon& operator=(const StandInLogon&) = delete;
   ~StandInLogon();
 
  private:

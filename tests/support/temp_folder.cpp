@@ -1,11 +1,17 @@
 #include "support/temp_folder.h"
 
 #include <atomic>
-#include <filesystem>
 #include <fstream>
+#include <iterator>
+#include <stdexcept>
 #include <system_error>
+#include <utility>
 
 #include <windows.h>
+
+#include "platform/environment.h"
+#include "platform/machine.h"
+#include "support/probe.h"
 
 namespace Vx::Tests {
 
@@ -21,6 +27,46 @@ void Insist(BOOL(WINAPI* remove)(const wchar_t*), const std::wstring& path) {
     if (error != ERROR_ACCESS_DENIED && error != ERROR_SHARING_VIOLATION) return;
     Sleep(kPause);
   }
+}
+
+bool IsLink(const std::wstring& path) {
+  const DWORD attributes = GetFileAttributesW(path.c_str());
+  return attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0;
+}
+
+// Returns the host system's name of `path` in double quotes, or an empty text on Windows.
+std::wstring UnixName(const std::wstring& path) {
+  using NameFunction = char*(CDECL*)(LPCWSTR);
+  const auto name = reinterpret_cast<NameFunction>(reinterpret_cast<void*>(
+      GetProcAddress(GetModuleHandleW(L"kernel32.dll"), "wine_get_unix_file_name")));
+  char* text = name == nullptr ? nullptr : name(path.c_str());
+  if (text == nullptr) return {};
+  std::wstring wide(4096, L'\0');
+  wide.resize(static_cast<std::size_t>(
+      MultiByteToWideChar(CP_UTF8, 0, text, -1, wide.data(), static_cast<int>(wide.size()))));
+  HeapFree(GetProcessHeap(), 0, text);
+  if (!wide.empty()) wide.pop_back();
+  return L"\"" + wide + L"\"";
+}
+
+// The end of such a program cannot be waited for, so the caller checks for its effect. The emulator
+// returns stack leftovers instead of handles, so none are closed. Closing them once hit a file of a
+// test.
+void StartOutside(const wchar_t* program, std::wstring commandLine) {
+  STARTUPINFOW startup{};
+  startup.cb = sizeof startup;
+  PROCESS_INFORMATION process{};
+  CreateProcessW(program, commandLine.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr,
+                 &startup, &process);
+}
+
+template <typename Condition>
+bool WaitFor(Condition condition) {
+  for (int waited = 0; waited < kTries; ++waited) {
+    if (condition()) return true;
+    Sleep(kPause);
+  }
+  return condition();
 }
 
 }  // namespace
@@ -45,6 +91,15 @@ void RemoveTree(const std::wstring& folder) {
     (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0 ? RemoveTree(path) : RemoveFile(path);
   }
   RemoveFolder(folder);
+}
+
+std::string ReadText(const std::filesystem::path& path) {
+  std::ifstream file(path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(file), {}};
+}
+
+void WriteText(const std::filesystem::path& path, std::string_view content) {
+  std::ofstream(path, std::ios::binary) << content;
 }
 
 TempFolder::TempFolder() {
@@ -72,7 +127,56 @@ EnvironmentOverride::~EnvironmentOverride() {
 
 void PrivateStore::Block() const {
   std::filesystem::remove_all(folder / L"Vx");
-  std::ofstream(folder.Path() / L"Vx") << "no folder";
+  WriteText(folder.Path() / L"Vx", "no folder");
+}
+
+std::wstring PkiFile(const wchar_t* name) {
+  return BuiltFile(std::wstring(L"pki\\") + name);
+}
+
+ProtectedFolder::ProtectedFolder() {
+  static std::atomic<unsigned> counter{0};
+  const std::wstring text =
+      L"%ProgramFiles%\\VxTest-" + std::to_wstring(GetCurrentProcessId()) + L"-";
+  const std::wstring base = *Platform::WindowsMachine().environment->Expand(text, MAX_PATH);
+  // A crashed run may have left the folder of a process id that is in use again.
+  do {
+    path = base + std::to_wstring(++counter);
+    if (CreateDirectoryW(path.c_str(), nullptr) != FALSE) return;
+  } while (GetLastError() == ERROR_ALREADY_EXISTS);
+  throw std::runtime_error("cannot make a folder below %PROGRAMFILES%");
+}
+
+ProtectedFolder::~ProtectedFolder() {
+  RemoveTree(path);
+}
+
+std::wstring ProtectedFolder::Hold(const wchar_t* name) const {
+  std::wstring copy = *this / name;
+  if (CopyFileW(PkiFile(name).c_str(), copy.c_str(), FALSE) == FALSE) {
+    throw std::runtime_error("cannot copy a test program");
+  }
+  return copy;
+}
+
+DirectoryLink::DirectoryLink(std::wstring where, const std::wstring& target)
+    : path(std::move(where)) {
+  CreateSymbolicLinkW(path.c_str(), target.c_str(), SYMBOLIC_LINK_FLAG_DIRECTORY);
+  if (IsLink(path)) return;
+  outside = true;
+  StartOutside(L"\\\\?\\unix\\bin\\ln", L"ln -sfn " + UnixName(target) + L" " + UnixName(path));
+  if (!WaitFor([this] { return IsLink(path); })) {
+    throw std::runtime_error("cannot make a directory link");
+  }
+}
+
+DirectoryLink::~DirectoryLink() {
+  if (!outside) {
+    RemoveDirectoryW(path.c_str());
+    return;
+  }
+  StartOutside(L"\\\\?\\unix\\bin\\rm", L"rm -f " + UnixName(path));
+  WaitFor([this] { return GetFileAttributesW(path.c_str()) == INVALID_FILE_ATTRIBUTES; });
 }
 
 }  // namespace Vx::Tests

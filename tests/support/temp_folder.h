@@ -3,6 +3,7 @@
 #include <filesystem>
 #include <optional>
 #include <string>
+#include <string_view>
 
 namespace Vx::Tests {
 
@@ -13,6 +14,10 @@ void RemoveFolder(const std::wstring& path);
 
 // Deletes a folder with its content, but does not follow directory links in it.
 void RemoveTree(const std::wstring& folder);
+
+// The content of a file, byte for byte; empty if it cannot be opened.
+std::string ReadText(const std::filesystem::path& path);
+void WriteText(const std::filesystem::path& path, std::string_view content);
 
 // A new folder in the user's temporary folder, removed with its content at the end.
 class TempFolder {
@@ -56,6 +61,42 @@ class PrivateStore {
  private:
   TempFolder folder;
   EnvironmentOverride variable;
+};
+
+// Full path of a file that cmake/test_pki.cmake makes, in the folder "pki" beside the tests.
+std::wstring PkiFile(const wchar_t* name);
+
+// A folder below %PROGRAMFILES%, made for this process and removed with its content at the end,
+// that no ordinary user may write to and so the path rule allows.
+class ProtectedFolder {
+ public:
+  ProtectedFolder();
+  ProtectedFolder(const ProtectedFolder&) = delete;
+  ProtectedFolder& operator=(const ProtectedFolder&) = delete;
+  ~ProtectedFolder();
+
+  std::wstring operator/(const wchar_t* name) const { return path + L"\\" + name; }
+  const std::wstring& Path() const { return path; }
+
+  // Returns the full path of a copy of PkiFile(name) in this folder.
+  std::wstring Hold(const wchar_t* name) const;
+
+ private:
+  std::wstring path;
+};
+
+// A link at `path` to the directory `target`, removed at the end. The emulator reports success for
+// a symbolic link without creating one, so there the host system's link is used.
+class DirectoryLink {
+ public:
+  DirectoryLink(std::wstring path, const std::wstring& target);
+  DirectoryLink(const DirectoryLink&) = delete;
+  DirectoryLink& operator=(const DirectoryLink&) = delete;
+  ~DirectoryLink();
+
+ private:
+  std::wstring path;
+  bool outside = false;  // made on the host system
 };
 
 }  // namespace Vx::Tests

@@ -4,8 +4,6 @@
 #include <thread>
 #include <utility>
 
-#include "support/thread_identity.h"
-
 #include <windows.h>
 
 #include <combaseapi.h>
@@ -29,8 +27,6 @@ class Fake : public Main, public Others... {
   using Default = Main;
 
   Fake() { ++liveObjects; }
-  Fake(const Fake&) = delete;
-  Fake& operator=(const Fake&) = delete;
 
   STDMETHODIMP QueryInterface(REFIID iid, void** object) override {
     *object = nullptr;
@@ -112,7 +108,6 @@ class FakePackage final : public Fake<Abi::IPackage, Abi::IPackageId> {
   std::wstring name;
 };
 
-// Packages and their iterator.
 class FakePackages final : public Fake<Abi::IPackageIterable, Abi::IPackageIterator> {
  public:
   explicit FakePackages(std::vector<std::wstring> names) : fullNames(std::move(names)) {}

@@ -1,17 +1,8 @@
 #pragma once
 
-#include <gtest/gtest.h>
-
-#include <cstdint>
-#include <functional>
-#include <map>
-#include <mutex>
-#include <optional>
-#include <string>
-#include <vector>
-
 #include "platform/windows_runtime_error.h"
 #include "platform/winrt/winrt_owners.h"
+#include "support/test.h"
 
 namespace Vx::Tests {
 
@@ -35,7 +26,6 @@ class RuntimeTest : public testing::Test {
   // Fails call number `call` (from 1) into the fakes with E_ACCESSDENIED.
   void FailCall(int call) { callsUntilFailure = call; }
 
-  // Waits for an operation that CompletePending can end.
   void AwaitPending();
 
   // Ends the operation started last, on the calling thread. Returns false if there is none.

@@ -1,18 +1,6 @@
 #include "vxhost/subscriptions/explanation.h"
 
-#include <gmock/gmock.h>
-
-#include <algorithm>
-#include <chrono>
 #include <cmath>
-#include <cstddef>
-#include <fstream>
-#include <future>
-#include <iterator>
-#include <stdexcept>
-#include <string>
-#include <thread>
-#include <vector>
 
 #include "events/package_event_manager.h"
 #include "events/power_events.h"
@@ -20,15 +8,13 @@
 #include "storage/service_document.h"
 #include "storage/system_mutex.h"
 #include "support/machine_test.h"
-#include "support/probe.h"
-#include "support/test_pki.h"
+#include "support/test.h"
 #include "vxhost/store/store_look.h"
 
 namespace Vx::Hosting::Tool {
 
 namespace {
 
-using namespace std::chrono_literals;
 using namespace Tessel::Server::Services::Orvane;
 using Tessel::Server::Storage::BsonElement;
 using Tessel::Server::Storage::CapDataStore;
@@ -65,11 +51,9 @@ class ExplanationTest : public Tests::StoreTest {
                    Tessel::Security::RestrictedKeys());
   }
 
-  // All that an explanation could have changed.
   std::vector<std::wstring> State() const {
     std::vector<std::wstring> state = machine.timeline.Lines();
-    std::ifstream file(store.FilePath().c_str(), std::ios::binary);
-    const std::string bytes(std::istreambuf_iterator<char>(file), {});
+    const std::string bytes = Tests::ReadText(store.FilePath());
     state.emplace_back(bytes.begin(), bytes.end());
     state.push_back(std::to_wstring(machine.processes.Started().size()) + L" programs, " +
                     std::to_wstring(machine.appServices.Messages().size()) + L" messages, " +
@@ -77,7 +61,6 @@ class ExplanationTest : public Tests::StoreTest {
     return state;
   }
 
-  // The last record about a subscription, without what follows the reason.
   std::wstring RecordOf(const std::wstring& hash) const {
     std::wstring last;
     for (const std::wstring& record : log.Records()) {
@@ -221,11 +204,6 @@ TEST_F(ExplanationTest, NamesAHeldStoreAndGivesUp) {
   done.set_value();
   holder.join();
   const StoreHold now(StoreUse::Read, {.notice = 10ms, .timeout = 10s});
-}
-
-TEST_F(ExplanationTest, MakesNoStoreWhereThereIsNone) {
-  EXPECT_THROW(DocumentOf(LookAtStore()), std::runtime_error);
-  EXPECT_FALSE(std::ifstream(store.FilePath().c_str()).is_open());
 }
 
 }  // namespace

@@ -1,25 +1,14 @@
 #include "vxhost/store/store_repair.h"
 
-#include <gmock/gmock.h>
-
-#include <cstddef>
-#include <filesystem>
-#include <fstream>
-#include <iterator>
-#include <span>
-#include <stdexcept>
-#include <string>
-#include <utility>
-#include <vector>
-
 #include "hosting/text.h"
 #include "platform/data_protection.h"
 #include "storage/cap_data_store.h"
 #include "storage/service_document.h"
+#include "storage/store_fixture.h"
 #include "storage/system_mutex.h"
 #include "support/faulty_files.h"
-#include "support/is_free.h"
 #include "support/machine_test.h"
+#include "support/test.h"
 #include "vxhost/subscriptions/stored_subscriptions.h"
 
 namespace Vx::Hosting::Tool {
@@ -30,31 +19,6 @@ using namespace Tessel::Server::Services::Orvane;
 using Tessel::Server::Storage::BsonElement;
 using Tessel::Server::Storage::CapDataStore;
 using Tessel::Server::Storage::SystemMutex;
-using testing::Each;
-using testing::EndsWith;
-using testing::HasSubstr;
-using testing::Not;
-
-std::string ReadBytes(const std::wstring& path) {
-  std::ifstream file(path.c_str(), std::ios::binary);
-  return {std::istreambuf_iterator<char>(file), {}};
-}
-
-void WriteBytes(const std::wstring& path, const std::string& bytes) {
-  std::ofstream(path.c_str(), std::ios::binary) << bytes;
-}
-
-// A machine without the key of any blob.
-class NoKey final : public Platform::DataProtection {
- public:
-  using Bytes = Platform::Result<std::vector<std::byte>>;
-  Bytes Protect(std::span<const std::byte> plain, const std::wstring& description) const override {
-    return Platform::WindowsMachine().dataProtection->Protect(plain, description);
-  }
-  Bytes Unprotect(std::span<const std::byte> /*sealed*/) const override {
-    return Bytes::Failure(0x8009000D);
-  }
-};
 
 class StoreRepairTest : public Tests::StoreTest {
  protected:
@@ -63,11 +27,11 @@ class StoreRepairTest : public Tests::StoreTest {
     values.persist("registration_full_sent", "a secret of another service");
     values.mergeMember(kServiceDocument, kPowerSubscriptions,
                        BsonElement::Text(LR"([{"powerEventType":18}])"));
-    original = ReadBytes(store.FilePath());
+    original = Tests::ReadText(store.FilePath());
   }
 
   std::wstring Put(const std::string& bytes) {
-    WriteBytes(copy, bytes);
+    Tests::WriteText(copy, bytes);
     return copy;
   }
 
@@ -103,16 +67,17 @@ TEST_F(StoreRepairTest, NamesWhatIsWrongWithAStoreAndRestoresOnlyASoundOne) {
   for (const auto& c : cases) {
     SCOPED_TRACE(c.state + ", " + std::to_string(c.bytes.size()) + " bytes");
     EXPECT_EQ(Diagnose(LookAtFile(Put(c.bytes)), Owner::Any).state, c.state);
-    WriteBytes(store.FilePath(), c.bytes);
+    Tests::WriteText(store.FilePath(), c.bytes);
     EXPECT_EQ(Diagnose(LookAtStore()).state, c.state);
-    WriteBytes(store.FilePath(), original);
+    Tests::WriteText(store.FilePath(), original);
     if (c.bytes == original) continue;
     EXPECT_THROW(RestoreStore(copy, {}), std::runtime_error);
-    EXPECT_EQ(ReadBytes(store.FilePath()), original);
+    EXPECT_EQ(Tests::ReadText(store.FilePath()), original);
     EXPECT_EQ(Kept(), 0U);
   }
   {
-    NoKey noKey;
+    Tests::FaultyProtection noKey;
+    noKey.Fail(0x8009000D);
     const Platform::MachineScope other(
         [&](Platform::Machine& platform) { platform.dataProtection = &noKey; });
     EXPECT_THAT(Diagnose(LookAtStore()).text, HasSubstr("sealed on another machine"));
@@ -131,15 +96,15 @@ TEST_F(StoreRepairTest, KeepsWhatItReplaces) {
   for (const std::string& before : {std::string("a damaged store, longer than its header, which "
                                                 "has seventy-two bytes"),
                                     original}) {
-    WriteBytes(store.FilePath(), before);
+    Tests::WriteText(store.FilePath(), before);
     const std::wstring kept = RestoreStore(copy, {});
-    EXPECT_EQ(ReadBytes(store.FilePath()), original);
-    EXPECT_EQ(ReadBytes(kept), before);
+    EXPECT_EQ(Tests::ReadText(store.FilePath()), original);
+    EXPECT_EQ(Tests::ReadText(kept), before);
     std::filesystem::remove(kept);
   }
   std::filesystem::remove_all(std::filesystem::path(store.FilePath()).parent_path());
   EXPECT_EQ(RestoreStore(copy, {}), L"");
-  EXPECT_EQ(ReadBytes(store.FilePath()), original);
+  EXPECT_EQ(Tests::ReadText(store.FilePath()), original);
 }
 
 TEST_F(StoreRepairTest, LeavesTheStoreWhereItCannotBeReplaced) {
@@ -156,7 +121,7 @@ TEST_F(StoreRepairTest, LeavesTheStoreWhereItCannotBeReplaced) {
     EXPECT_THROW(RestoreStore(copy, {}), std::runtime_error);
     EXPECT_EQ(machine.faults.Unused(), "");
     machine.faults.Clear();
-    EXPECT_EQ(ReadBytes(store.FilePath()), original);
+    EXPECT_EQ(Tests::ReadText(store.FilePath()), original);
     // The module would finish the write that it takes it for.
     EXPECT_THAT(LookAtStore().siblings, Each(Not(EndsWith(L".new"))));
   }
@@ -184,7 +149,7 @@ TEST_F(StoreRepairTest, HoldsTheStoreThroughoutAndAnImportThatFailsHalfwayNamesT
   EXPECT_TRUE(Tests::IsFree(CapDataStore::kMutexName));
   const std::wstring kept = LookAtStore().siblings.at(0);
   EXPECT_THAT(message, EndsWith("; the store as it was is in " + Utf8(kept)));
-  EXPECT_EQ(ReadBytes(kept), original);
+  EXPECT_EQ(Tests::ReadText(kept), original);
 }
 
 TEST_F(StoreRepairTest, ImportsValuesOfThisModuleOnly) {
@@ -197,12 +162,12 @@ TEST_F(StoreRepairTest, ImportsValuesOfThisModuleOnly) {
   };
   for (const auto& values : refused) {
     EXPECT_THROW(Import(values[0], values[1]), std::runtime_error);
-    EXPECT_EQ(ReadBytes(store.FilePath()), original);
+    EXPECT_EQ(Tests::ReadText(store.FilePath()), original);
   }
   const std::wstring kept = Import(
       LR"("ZephraEventSubscriptions":{"value":"[{\"a\":1}]"},"ExecutedMcAfeeStub":{"value":true})",
       LR"(,"OrvaneLastBootTime":{"value":1721014400})");
-  EXPECT_EQ(ReadBytes(kept), original);
+  EXPECT_EQ(Tests::ReadText(kept), original);
   CapDataStore values;
   EXPECT_EQ(values.readInt64("OrvaneLastBootTime"), 1721014400);
   BsonElement others;
@@ -210,14 +175,6 @@ TEST_F(StoreRepairTest, ImportsValuesOfThisModuleOnly) {
   const auto subscriptions = SubscriptionsIn(DocumentOf(LookAtStore()));
   ASSERT_EQ(subscriptions.size(), 2U);
   EXPECT_EQ(subscriptions[1].text, LR"({"a":1})");
-}
-
-TEST_F(StoreRepairTest, ExportsNothingOfAnotherService) {
-  EXPECT_TRUE(IsExported(kServiceDocument, kBornOnDate));
-  EXPECT_FALSE(IsExported("", kBornOnDate));
-  EXPECT_FALSE(IsExported("AnotherDocument", kBornOnDate));
-  EXPECT_FALSE(IsExported("", "registration_full_sent"));
-  EXPECT_TRUE(IsExported("", "OrvaneLastBootTime"));
 }
 
 }  // namespace

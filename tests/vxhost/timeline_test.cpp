@@ -1,16 +1,10 @@
-#include <chrono>
-#include <string>
 
-#include <gmock/gmock.h>
 
+#include "support/test.h"
 #include "vxhost/log/timeline_page.h"
 
 namespace Vx::Hosting::Tool {
 namespace {
-
-using namespace std::chrono_literals;
-using testing::HasSubstr;
-using testing::Not;
 
 constexpr wchar_t kRequest[] =
     LR"({"powerEventType":18,"eventAction":1,"commandParams":{"path":"C:\\a<b>&\".exe","delayDeliverySec":"10"}})";

@@ -84,13 +84,20 @@ record 2026-01-01T00:00:00.000Z Vx-Host-Service 'power event 4' >> "$work/log fi
 expect 1 '+  power events: 2, the last power event 18 at 2026-01-02' --dll "$module" doctor --log "Z:$work/log files"
 expect 1 '-  log folder: cannot list' --dll "$module" doctor --log missing
 
-# A tool that the service would start does nothing, whatever it is asked.
-signed tool.exe pinned pinned "$pinned"
-vxhost=$work/tool.exe
-for command in --help '--simulate exec 22' 'service status' "store backup $work/made"; do
-  # shellcheck disable=SC2086
-  expect 2 'is signed with a pinned key' $command
+# A tool that the service would start does nothing, whatever it is asked, wherever it lies.
+signed tool-pinned.exe pinned pinned "$pinned"
+signed tool-general.exe general general "$pinned"
+signed tool-expired.exe expired pinned "$pinned"
+signed tool-unpinned.exe unpinned unpinned "$pinned"
+for kind in pinned general expired; do
+  vxhost=$work/tool-$kind.exe
+  for command in --help '--simulate exec 22' 'service status' "store backup $work/made"; do
+    # shellcheck disable=SC2086
+    expect 2 'is signed with a pinned key' $command
+  done
 done
+vxhost=$work/tool-unpinned.exe
+expect 0 '"getVersion"' --simulate exec 22
 [ ! -e "$work/made" ] || fail 'a tool that refuses to run makes a file'
 vxhost=$pinned
 expect 0 '"getVersion"' --simulate exec 22

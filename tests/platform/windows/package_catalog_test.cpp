@@ -1,21 +1,12 @@
 #include "platform/windows/package_catalog.h"
 
-#include <memory>
-#include <string>
-#include <vector>
-
-#include "gmock/gmock.h"
-#include "support/thread_identity.h"
+#include "support/test.h"
 #include "support/winrt_fakes.h"
 
 #include <combaseapi.h>
 
 namespace Vx::Platform {
 namespace {
-
-using ::testing::ElementsAre;
-using ::testing::IsEmpty;
-using ::testing::SizeIs;
 
 constexpr wchar_t kFamily[] = L"Some.App_0123456789abc";
 

@@ -1,22 +1,10 @@
 #include "platform/windows/packages.h"
 
-#include <chrono>
-#include <cwchar>
-#include <memory>
-#include <string>
-
-#include "gmock/gmock.h"
-#include "platform/machine.h"
+#include "support/test.h"
 #include "support/winrt_fakes.h"
-
-#include <windows.h>
 
 namespace Vx::Platform {
 namespace {
-
-using ::testing::ElementsAre;
-using ::testing::IsEmpty;
-using namespace std::chrono_literals;
 
 constexpr wchar_t kFullName[] = L"Some.App_1.2.3.4_x64__0123456789abc";
 constexpr wchar_t kPath[] = L"C:\\Program Files\\WindowsApps\\Some.App";

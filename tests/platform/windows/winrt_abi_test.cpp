@@ -1,15 +1,10 @@
 #include "platform/winrt/winrt_abi.h"
 
-#include <cstring>
-#include <vector>
-
-#include "gmock/gmock.h"
 #include "platform/winrt/winrt_owners.h"
+#include "support/test.h"
 
 namespace Vx::Abi {
 namespace {
-
-using ::testing::ElementsAre;
 
 // The slot of a call through `method`. This compiler stores it in the pointer, in bytes and with
 // bit 0 set.

@@ -1,0 +1,63 @@
+#pragma once
+
+#include <chrono>
+#include <mutex>
+#include <string>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+#include <windows.h>
+
+#include "platform/unique_handle.h"
+
+namespace Vx::Tests {
+
+// Waits until the condition holds, for at most `limit`. Returns whether it does.
+template <typename Condition>
+bool Eventually(Condition condition, std::chrono::milliseconds limit = std::chrono::seconds(10)) {
+  const ULONGLONG end = GetTickCount64() + static_cast<ULONGLONG>(limit.count());
+  while (!condition()) {
+    if (GetTickCount64() > end) return false;
+    Sleep(2);
+  }
+  return true;
+}
+
+// Returns whether another thread could lock the mutex now.
+inline bool IsFree(std::mutex& mutex) {
+  bool taken = false;
+  std::thread([&] { taken = std::unique_lock(mutex, std::try_to_lock).owns_lock(); }).join();
+  return taken;
+}
+
+// Does the same for the named kernel mutex.
+inline bool IsFree(const std::wstring& name) {
+  bool taken = false;
+  std::thread([&] {
+    const Platform::UniqueHandle mutex(CreateMutexW(nullptr, FALSE, name.c_str()));
+    const DWORD code = WaitForSingleObject(mutex.get(), 0);
+    taken = code == WAIT_OBJECT_0 || code == WAIT_ABANDONED;
+    if (taken) ReleaseMutex(mutex.get());
+  }).join();
+  return taken;
+}
+
+// Returns the token that the calling thread impersonates with, or null.
+inline Platform::UniqueHandle ThreadToken() {
+  HANDLE raw = nullptr;
+  OpenThreadToken(GetCurrentThread(), TOKEN_QUERY, TRUE, &raw);
+  return Platform::UniqueHandle(raw);
+}
+
+inline bool ThreadActsAsAnother() {
+  return ThreadToken() != nullptr;
+}
+
+// Makes GoogleTest start its thread for the calling thread's thread-locals now. Otherwise it starts
+// at the first trace or failure and adds a stack and handles to what a test counts.
+inline void StartFrameworkThread() {
+  SCOPED_TRACE("");
+}
+
+}  // namespace Vx::Tests
