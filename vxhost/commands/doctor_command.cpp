@@ -242,35 +242,31 @@ void Service(const std::string& written, Checks& checks) {
 // Checks what the service's logs say of the service itself. Clients choose other texts in a log.
 void Log(const std::string& named, Checks& checks) {
   const std::filesystem::path folder = LogFolderOf(named);
-  std::vector<std::filesystem::path> files;
+  std::wstring count;
+  std::size_t events = 0;
+  std::wstring lastEvent;
+  std::wstring lastError;
+  bool startedSince = true;
+  const auto take = [&](const HistoryLine& line) {
+    if (line.line.provider != kHostProvider) return;
+    const std::wstring text = line.line.message + L" at " + line.time;
+    if (PowerCodeIn(line.line)) {
+      ++events;
+      lastEvent = L", the last " + text;
+    }
+    if (line.line.level == L"ERROR") lastError = text;
+    startedSince = StartsModule(line.line) || (startedSince && line.line.level != L"ERROR");
+  };
   try {
-    files = LogFilesIn(folder);
+    const auto files = LogFilesIn(folder);
+    count = std::to_wstring(files.size()) + L" log files";
+    for (const auto& file : files) ReadLog(file, take, Utf8(kHostProvider));
   } catch (const std::runtime_error& error) {
     checks.Add("log folder", false, Wide(error.what()), L"the log of a service",
                L"start the service, as administrator: vxhost service start");
     return;
   }
-  const std::wstring count = std::to_wstring(files.size()) + L" log files";
   checks.Add("log folder", true, folder.wstring() + L", " + count);
-  std::size_t events = 0;
-  std::wstring lastEvent;
-  std::wstring lastError;
-  bool startedSince = true;
-  for (const auto& file : files) {
-    ReadLog(
-        file,
-        [&](const HistoryLine& line) {
-          if (line.line.provider != kHostProvider) return;
-          const std::wstring text = line.line.message + L" at " + line.time;
-          if (PowerCodeIn(line.line)) {
-            ++events;
-            lastEvent = L", the last " + text;
-          }
-          if (line.line.level == L"ERROR") lastError = text;
-          startedSince = StartsModule(line.line) || (startedSince && line.line.level != L"ERROR");
-        },
-        Utf8(kHostProvider));
-  }
   checks.Add("last error", startedSince, lastError.empty() ? L"none" : lastError,
              L"none since the last start", L"see what happened then: vxhost history");
   checks.Add("power events", events != 0,

@@ -25,6 +25,14 @@ constexpr std::wstring_view kPowerForwarded = L"power event ";
 constexpr wchar_t kCutOff[] = L"its service ended before it did";
 constexpr wchar_t kCrashed[] = L"nothing asked it to stop";
 
+constexpr struct {
+  std::wstring_view text;
+  const wchar_t* decision;
+  bool failed;
+} kHostEvents[] = {{kModuleStarted, L"started", false},
+                   {kModuleStopped, L"stopped", false},
+                   {kServiceFailed, L"not started", true}};
+
 constexpr std::int64_t kEpoch = 11'644'473'600'000;  // 1970, in milliseconds since 1601
 
 std::wstring TextOfMoment(std::int64_t moment) {
@@ -80,10 +88,6 @@ std::wstring WhyOf(const DecisionRecord& record) {
     why += (why.empty() ? L"status " : L", status ") + Wide(CodeText(record.status));
   }
   return why;
-}
-
-bool FailsToRun(const LogLine& line) {
-  return line.provider == kHostProvider && line.message.starts_with(kServiceFailed);
 }
 
 // Returns what a command's own line says of its request, "launched is missing". Empty if it is
@@ -201,44 +205,41 @@ void History::FollowService(const HistoryLine& line, std::int64_t moment) {
       CutOff(run.process);
       outages.push_back({run.last, moment});
       if (!run.stopped) {
-        rows.push_back({.time = TimeText(run.last, Zone::Utc),
-                        .moment = run.last,
-                        .event = L"service",
-                        .decision = L"ended",
-                        .detail = kCrashed,
-                        .failed = true});
+        rows.push_back({TimeText(run.last, Zone::Utc),
+                        run.last,
+                        L"service",
+                        L"ended",
+                        {},
+                        {},
+                        kCrashed,
+                        true});
       }
     }
     run = {process, moment, true};
   }
   if (run.stopped || run.process != process) return;
   run.last = moment;
-  run.stopped = EndsModule(line.line) || FailsToRun(line.line);
+  run.stopped = EndsModule(line.line) || line.line.message.starts_with(kServiceFailed);
 }
 
 void History::AddHostLine(const HistoryLine& line, std::optional<std::int64_t> moment) {
   using Tessel::Server::Services::Orvane::kPowerCodes;
   const std::wstring& message = line.line.message;
   HistoryRow row{.time = line.time, .moment = moment, .event = L"service"};
-  if (StartsModule(line.line)) {
-    row.decision = L"started";
-    row.detail = message.substr(kModuleStarted.size());
-  } else if (EndsModule(line.line)) {
-    row.decision = L"stopped";
-  } else if (FailsToRun(line.line)) {
-    row.decision = NameOf(Decision::NotStarted).text;
-    row.detail = message.substr(kServiceFailed.size());
-    row.failed = true;
-  } else if (const auto code = PowerCodeIn(line.line)) {
+  for (const auto& one : kHostEvents) {
+    if (!message.starts_with(one.text)) continue;
+    row.decision = one.decision;
+    row.detail = message.substr(one.text.size());
+    row.failed = one.failed;
+  }
+  if (const auto code = PowerCodeIn(line.line)) {
     row.event = NameOf(Kind::Power).text + (L" " + std::to_wstring(*code));
     row.decision = kReceived;
     for (const auto& one : kPowerCodes) {
       if (one.code == *code) row.detail = one.meaning;
     }
-  } else {
-    return;
   }
-  rows.push_back(std::move(row));
+  if (!row.decision.empty()) rows.push_back(std::move(row));
 }
 
 void History::Add(const HistoryLine& line) {
