@@ -122,7 +122,7 @@ void ModuleFile(const std::wstring& path, const char* what, const wchar_t* advic
 }
 
 void ModuleSignature(const std::wstring& path, Checks& checks) {
-  constexpr char kWhat[] = "module's signature";
+  static constexpr char kWhat[] = "module's signature";
   constexpr wchar_t kExpected[] = L"a signature whose certificate is valid for a month more";
   constexpr wchar_t kAdvice[] = L"sign it, and pin a new key: signtool sign /fd SHA256 FILE";
   constexpr std::int64_t kDaysToRenew = 30;
