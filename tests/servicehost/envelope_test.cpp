@@ -30,7 +30,8 @@ TEST(EnvelopeTest, CarriesEveryTextUnchanged) {
 }
 
 TEST(EnvelopeTest, IgnoresMembersOfAResultFromALaterVersion) {
-  const auto result = ParseResult(R"({"reason":{"a":[1]},"code":7,"response":"x","record":7,"more":1})");
+  const auto result =
+      ParseResult(R"({"reason":{"a":[1]},"code":7,"response":"x","record":7,"more":1})");
   ASSERT_TRUE(result);
   EXPECT_EQ(result->code, 7U);
   EXPECT_EQ(result->response, L"x");

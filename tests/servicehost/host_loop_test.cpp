@@ -22,7 +22,6 @@ extern "C" decltype(&GetProcAddress) __imp_GetProcAddress;
 namespace Vx::Hosting::ServiceHost {
 namespace {
 
-
 // https://learn.microsoft.com/windows/win32/api/winnt/ns-winnt-system_power_capabilities
 BOOLEAN isKnown = FALSE;
 BYTE alwaysConnected = 0;
