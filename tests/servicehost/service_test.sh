@@ -83,8 +83,8 @@ if ! run service start --name "$name" >"$work/output" 2>&1; then
   exit 1
 fi
 expect 0 '"state":"running"' service status --name "$name" --json
-place='C:\\Program Files\\'$name
-expect 0 '"account":"LocalSystem","image":"\"'"$place"'\\OrvaneHost.exe\" '"$name"'","module":"'"$place"'\\OrvaneService.dll","allow":["S-1-5-32-546"],"development":true' \
+written='C:\\Program Files\\'$name
+expect 0 '"account":"LocalSystem","image":"\"'"$written"'\\OrvaneHost.exe\" '"$name"'","module":"'"$written"'\\OrvaneService.dll","allow":["S-1-5-32-546"],"development":true' \
   service status --name "$name" --json
 expect 0 '<- {"result":{"getVersion":' exec 22 --service="$name"
 # A client id of more than 64 characters would end the service.
@@ -123,6 +123,9 @@ expect 2 'runs; stop it first' service remove --name "$name"
 expect 0 'has stopped' service stop --name "$name"
 logged '"message":"the module is stopped"'
 expect 1 'stopped' service status --name "$name"
+mv "$place/OrvaneService.dll" "$work"
+expect 2 'the service cannot run: cannot load ' service start --name "$name"
+mv "$work/OrvaneService.dll" "$place"
 
 # The subscription is there again after a restart.
 expect 0 ' runs' service start --name "$name"

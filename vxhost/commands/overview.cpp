@@ -20,7 +20,7 @@ constexpr HoldLimits kNoWait{.notice = std::chrono::seconds(2), .timeout = std::
 
 constexpr const char* kNext[] = {
     "vxhost doctor           what this machine lacks, and how to mend it",
-    "vxhost history C:\\Logs  what became of each delivery, from the log of the service",
+    "vxhost history          what became of each delivery, from the log of the service",
     "vxhost subscriptions    what is stored, and why some of it never runs",
     "vxhost --help           every subcommand",
 };

@@ -24,6 +24,7 @@
 #include "servicehost/power_notifications.h"
 #include "servicehost/service_log.h"
 #include "servicehost/service_process.h"
+#include "vxhost/commands/history_command.h"
 #include "vxhost/service/service_manager.h"
 
 namespace Vx::Hosting::Tool {
@@ -187,6 +188,44 @@ int Install(const ModuleOptions& module, const InstallOptions& options, Console&
   return kDone;
 }
 
+// Returns the last error that the service logged itself and the file that has it.
+std::string LastError(const std::wstring& name) {
+  try {
+    std::wstring found;
+    for (const auto& file : LogFilesIn(LogFolderOf({}))) {
+      if (!file.filename().wstring().starts_with(name + L"-")) continue;
+      const auto take = [&](const HistoryLine& line) {
+        if (line.line.provider != kHostProvider || line.line.level != L"ERROR") return;
+        found = line.line.message + L" (" + line.time + L" in " + file.wstring() + L")";
+      };
+      ReadLog(file, take, Utf8(kHostProvider));
+    }
+    return found.empty() ? "its log has no error" : Utf8(found);
+  } catch (const std::runtime_error& error) {
+    return error.what();
+  }
+}
+
+int Start(const std::string& name, Console& console) {
+  const std::wstring wide = CheckedName(name);
+  try {
+    ServiceManager().Start(wide);
+  } catch (const WindowsError& error) {
+    const bool tried =
+        error.Code() != ERROR_SERVICE_DOES_NOT_EXIST && error.Code() != ERROR_ACCESS_DENIED;
+    if (tried) console.Line(LastError(wide));
+    throw;
+  }
+  console.Line(name + " runs");
+  return kDone;
+}
+
+int Stop(const std::string& name, Console& console) {
+  ServiceManager().Stop(CheckedName(name));
+  console.Line(name + " has stopped");
+  return kDone;
+}
+
 std::wstring NameOf(std::uint32_t state) {
   // In order from SERVICE_STOPPED, which is 1.
   static constexpr const wchar_t* kNames[] = {L"stopped", L"starting", L"stopping", L"running"};
@@ -287,21 +326,16 @@ void AddSetup(CommandLine& line, CLI::App& group) {
   const struct {
     const char* name;
     const char* about;
-    void (ServiceManager::*act)(const std::wstring&);
-    const char* done;
+    int (*run)(const std::string& name, Console& console);
   } kActions[] = {
-      {"start", "start the installed service", &ServiceManager::Start, " runs"},
-      {"stop", "stop the service", &ServiceManager::Stop, " has stopped"},
+      {"start", "start the installed service", &Start},
+      {"stop", "stop the service", &Stop},
   };
   for (const auto& action : kActions) {
     const auto name = std::make_shared<std::string>(kDefaultServiceName);
     CLI::App& command =
-        line.Add(group, action.name, action.about, kNameFooter, [name, action](Console& console) {
-          ServiceManager manager;
-          (manager.*action.act)(CheckedName(*name));
-          console.Line(*name + action.done);
-          return kDone;
-        });
+        line.Add(group, action.name, action.about, kNameFooter,
+                 [name, action](Console& console) { return action.run(*name, console); });
     command.add_option("--name", *name, "its name")->capture_default_str();
   }
 
