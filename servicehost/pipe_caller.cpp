@@ -6,6 +6,7 @@
 
 #include <windows.h>
 
+#include <aclapi.h>
 #include <sddl.h>
 
 #include "hosting/text.h"
@@ -18,10 +19,6 @@ namespace {
 using Platform::UniqueHandle;
 
 constexpr std::size_t kLongestName = 64;
-
-UniqueHandle OpenCaller(std::uint32_t processId) {
-  return UniqueHandle(OpenProcess(PROCESS_QUERY_LIMITED_INFORMATION, FALSE, processId));
-}
 
 UniqueHandle TokenOf(HANDLE process) {
   HANDLE token = nullptr;
@@ -85,33 +82,51 @@ std::wstring FileNameOf(HANDLE process) {
   return path.substr(path.find_last_of(L'\\') + 1);
 }
 
-// Log lines show the caller in brackets, and a file name may contain any character.
+// Log lines show the caller in brackets. Neither a user nor a file on Windows' own disks has a
+// colon in its name, but other file systems may allow it.
 std::wstring Harmless(const std::wstring& name) {
   std::wstring text = Wide(Printable(Utf8(name), LineBreaks::Replace));
   std::replace(text.begin(), text.end(), L'[', L'(');
   std::replace(text.begin(), text.end(), L']', L')');
-  text.resize(std::min(text.size(), kLongestName));
+  std::replace(text.begin(), text.end(), L':', L';');
   return text;
 }
 
 }  // namespace
 
 PipeCaller CallerOf(std::uint32_t processId) {
-  const UniqueHandle process = OpenCaller(processId);
-  const UniqueHandle token = TokenOf(process.get());
-  if (token == nullptr) return {};
-  return {.account = TextOf(TokenAccount(token.get()).Sid()),
-          .privileged = IsMember(token.get(), WinLocalSystemSid) ||
-                        IsMember(token.get(), WinBuiltinAdministratorsSid)};
+  PipeCaller caller;
+  caller.processId = processId;
+  caller.process.reset(OpenProcess(PROCESS_QUERY_LIMITED_INFORMATION, FALSE, processId));
+  const UniqueHandle token = TokenOf(caller.process.get());
+  if (token == nullptr) return caller;
+  caller.account = TextOf(TokenAccount(token.get()).Sid());
+  caller.privileged = IsMember(token.get(), WinLocalSystemSid) ||
+                      IsMember(token.get(), WinBuiltinAdministratorsSid);
+  caller.file = FileNameOf(caller.process.get());
+  return caller;
 }
 
-std::wstring CallerName(std::uint32_t processId) {
-  const UniqueHandle process = OpenCaller(processId);
-  const std::wstring file = FileNameOf(process.get());
-  if (file.empty()) return L"process " + std::to_wstring(processId);
+std::wstring CallerName(const PipeCaller& caller) {
+  const std::wstring process = L"process " + std::to_wstring(caller.processId);
+  if (caller.account.empty()) return process;
+  const std::wstring user = NameOf(TokenAccount(TokenOf(caller.process.get()).get()).Sid());
   // The user comes first, because a long file name is cut.
-  const std::wstring user = NameOf(TokenAccount(TokenOf(process.get()).get()).Sid());
-  return Harmless(user.empty() ? file : user + L" " + file);
+  std::wstring name = Harmless(user.empty() ? caller.account : user) + L": " +
+                      Harmless(caller.file.empty() ? process : caller.file);
+  name.resize(std::min(name.size(), kLongestName));
+  return name;
+}
+
+std::wstring OwnerOf(Platform::RawHandle pipe) {
+  PSID owner = nullptr;
+  PSECURITY_DESCRIPTOR raw = nullptr;
+  if (GetSecurityInfo(pipe, SE_KERNEL_OBJECT, OWNER_SECURITY_INFORMATION, &owner, nullptr, nullptr,
+                      nullptr, &raw) != ERROR_SUCCESS) {
+    return {};
+  }
+  const Platform::UniqueLocalMemory<void> descriptor(raw);
+  return TextOf(owner);
 }
 
 }  // namespace Vx::Hosting::ServiceHost

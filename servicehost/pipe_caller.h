@@ -3,20 +3,29 @@
 #include <cstdint>
 #include <string>
 
+#include "platform/unique_handle.h"
+
 namespace Vx::Hosting::ServiceHost {
 
-// The rights of the process at the other end of a pipe. The process may end and another one get its
-// id, so use this only to allocate connections, never for access checks.
+// The process at the other end of a pipe. It may pass its end on, so use this only to allocate
+// connections and for logs, never for access checks.
 struct PipeCaller {
-  std::wstring account;     // a SID as text; empty if unknown
-  bool privileged = false;  // SYSTEM, or an elevated administrator
+  std::uint32_t processId = 0;     // 0 if unknown
+  Platform::UniqueHandle process;  // keeps the id from being reused; null if it cannot be opened
+  std::wstring account;            // a SID as text; empty if unknown
+  bool privileged = false;         // SYSTEM, or an elevated administrator
+  std::wstring file;               // the file name of its program; empty if unknown
 };
 
+// Call this as soon as the process has connected, because it may end and another one get its id.
 // Queries only this machine, so it does not block.
 PipeCaller CallerOf(std::uint32_t processId);
 
-// Returns the user and file name of a process, cut to 64 characters, for logs only. Replaces
-// characters that could make one caller look like another. May query a domain controller.
-std::wstring CallerName(std::uint32_t processId);
+// Returns "USER: FILE", cut to 64 characters, for logs only. Neither part contains a colon, so a
+// file name cannot look like another user. May query a domain controller.
+std::wstring CallerName(const PipeCaller& caller);
+
+// Returns the owner of a pipe as a SID; empty if unknown. Needs READ_CONTROL.
+std::wstring OwnerOf(Platform::RawHandle pipe);
 
 }  // namespace Vx::Hosting::ServiceHost

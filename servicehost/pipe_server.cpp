@@ -38,6 +38,8 @@ constexpr wchar_t kRubbish[] = L"a client was disconnected, its message is not a
 constexpr wchar_t kTooSlow[] = L"a client was disconnected, it did not read its result: ";
 constexpr wchar_t kTooLong[] = L"a client was disconnected, its result is too long: ";
 
+constexpr wchar_t kSystem[] = L"S-1-5-18";
+
 constexpr DWORD kPipeBuffer = 65536;
 
 [[noreturn]] void ThrowLastError(const char* what) {
@@ -65,7 +67,9 @@ void CheckSids(const std::vector<std::wstring>& texts) {
 }
 
 std::wstring PipeAccess(const std::vector<std::wstring>& allowed) {
-  std::wstring access = L"D:P(D;;GA;;;NU)(A;;GA;;;SY)(A;;GA;;;BA)";
+  const PipeCaller self = CallerOf(GetCurrentProcessId());
+  std::wstring access = self.privileged && self.account != kSystem ? L"O:BA" : L"O:" + self.account;
+  access += L"D:P(D;;GA;;;NU)(A;;GA;;;SY)(A;;GA;;;BA)";
   // FILE_GENERIC_READ, FILE_WRITE_DATA and FILE_WRITE_ATTRIBUTES. GENERIC_WRITE would include the
   // right to create an instance, and so to impersonate the server to other clients.
   for (const std::wstring& sid : allowed) access += L"(A;;0x12018b;;;" + sid + L")";
@@ -109,6 +113,7 @@ UniqueHandle PipeServer::NewInstance(bool first) const {
 void PipeServer::Listen() noexcept {
   UniqueHandle pipe;
   UniqueHandle used;  // has connected to a client, which may be gone
+  PipeCaller client;  // of `used`
   bool refused = false;
   bool open = false;
   while (true) {
@@ -117,13 +122,16 @@ void PipeServer::Listen() noexcept {
       const bool first = connections.empty() && used == nullptr;
       if (pipe == nullptr) pipe = NewInstance(first);
       const DWORD error = GetLastError();
-      if (used != nullptr) Admit(std::exchange(used, nullptr));
+      if (used != nullptr) {
+        Admit(std::exchange(used, nullptr), std::exchange(client, {}));
+      }
       if (pipe != nullptr) {
         if (!std::exchange(open, true)) report(L"INFO", kNameFree + options.path);
         refused = false;
-        if (!WaitForRoom()) return;
         if (PipeMessages(pipe.get(), stop.get()).Connect() == PipeOutcome::Stopped) return;
         used = std::move(pipe);
+        client = Identify(used.get());  // before it waits, and may end
+        if (!WaitForRoom()) return;
         continue;
       }
       open = open && !first;
@@ -161,6 +169,12 @@ void PipeServer::JoinThoseThatAreOver() {
   }
 }
 
+PipeCaller PipeServer::Identify(Platform::RawHandle pipe) const {
+  ULONG processId = 0;
+  if (GetNamedPipeClientProcessId(pipe, &processId) == FALSE) return {};
+  return options.identify(processId);
+}
+
 // Returns why `caller` gets no connection, or null if it gets one. One account must not lock out
 // the others, and none must lock out SYSTEM and the administrators, who repair faults.
 const wchar_t* PipeServer::WhyTurnedAway(const PipeCaller& caller) const {
@@ -174,17 +188,14 @@ const wchar_t* PipeServer::WhyTurnedAway(const PipeCaller& caller) const {
   return connections.size() + options.reserved >= options.clients ? kReserved : nullptr;
 }
 
-void PipeServer::Admit(UniqueHandle pipe) {
-  ULONG processId = 0;
-  if (GetNamedPipeClientProcessId(pipe.get(), &processId) == FALSE) return;  // the client is gone
-  PipeCaller caller = options.identify(processId);
+void PipeServer::Admit(UniqueHandle pipe, PipeCaller caller) {
+  if (caller.processId == 0) return;  // the client is gone, or memory ran out
   if (const wchar_t* const why = WhyTurnedAway(caller)) {
-    Warn(why, caller.account.empty() ? CallerName(processId) : caller.account);
+    Warn(why, caller.account.empty() ? CallerName(caller) : caller.account);
     return;
   }
   Connection& connection = connections.emplace_back();
   connection.pipe = std::move(pipe);
-  connection.processId = processId;
   connection.caller = std::move(caller);
   try {
     connection.thread = Platform::Thread([this, &connection] { Serve(connection); });
@@ -218,7 +229,7 @@ void PipeServer::Serve(Connection& connection) noexcept {
     std::wstring client;
     std::string message;
     while (messages.Read(message, kLongestCommand, options.idle) == PipeOutcome::Done) {
-      if (client.empty()) client = CallerName(connection.processId);
+      if (client.empty()) client = CallerName(connection.caller);
       const auto command = ParseCommand(message);
       if (!command) {
         Warn(kRubbish, client);

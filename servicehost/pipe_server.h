@@ -58,7 +58,6 @@ class PipeServer {
  private:
   struct Connection {
     Platform::UniqueHandle pipe;
-    std::uint32_t processId = 0;
     PipeCaller caller;
     Platform::Thread thread;
     bool over = false;  // guarded by `lock`
@@ -73,8 +72,9 @@ class PipeServer {
 
   void Listen() noexcept;
   Platform::UniqueHandle NewInstance(bool first) const;
+  PipeCaller Identify(Platform::RawHandle pipe) const;
   const wchar_t* WhyTurnedAway(const PipeCaller& caller) const;
-  void Admit(Platform::UniqueHandle pipe);
+  void Admit(Platform::UniqueHandle pipe, PipeCaller caller);
   void Serve(Connection& connection) noexcept;
   // Reports a fault of a client, or counts it, so that clients cannot flood the logs. Any thread.
   void Warn(const wchar_t* why, const std::wstring& who = {});
@@ -94,7 +94,8 @@ class PipeServer {
 };
 
 // Returns an SDDL access list that admits SYSTEM, the administrators and `allowed`, and denies
-// remote users. `allowed` can read and write, but not create an instance of the pipe.
+// remote users. `allowed` can read and write, but not create an instance of the pipe. By the owner,
+// clients tell the service from another account: SYSTEM, the administrators or this account.
 std::wstring PipeAccess(const std::vector<std::wstring>& allowed);
 
 }  // namespace Vx::Hosting::ServiceHost

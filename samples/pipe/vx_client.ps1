@@ -27,6 +27,9 @@ public static extern bool GetNamedPipeServerProcessId(
     Microsoft.Win32.SafeHandles.SafePipeHandle pipe, out uint process);
 [DllImport("kernel32.dll", CharSet = CharSet.Unicode, SetLastError = true)]
 public static extern bool WaitNamedPipeW(string path, uint milliseconds);
+[DllImport("advapi32.dll")]
+public static extern uint GetSecurityInfo(Microsoft.Win32.SafeHandles.SafePipeHandle pipe, int type, uint parts,
+    out IntPtr owner, IntPtr group, IntPtr dacl, IntPtr sacl, out IntPtr descriptor);
 '@
 
 # The encoding throws at an unpaired surrogate, which it would replace otherwise.
@@ -40,6 +43,9 @@ if ($message.Length -gt $longestCommand) { throw 'the request is too long' }
 $access = 0x12018B
 $openExisting = 3
 $flags = 0x00100000 -bor 0x00010000  # SECURITY_SQOS_PRESENT, SECURITY_IDENTIFICATION
+$kernelObject = 6
+$ownerPart = 1  # OWNER_SECURITY_INFORMATION
+$owners = 'S-1-5-18', 'S-1-5-32-544'  # SYSTEM and the administrators
 $pipeBusy = 231
 $patience = 10000  # milliseconds, for a free instance of the pipe
 $path = "\\.\pipe\VxHost-$Service"
@@ -62,6 +68,17 @@ try {
   if ($server -eq 0 -or $server -ne $running) {
     throw "process $server has the pipe and is not the service; nothing was sent"
   }
+  # The process that created the pipe may have ended, and the service may have got its number.
+  $sid = $descriptor = [IntPtr]::Zero
+  $failure = [VxSample.Native]::GetSecurityInfo($handle, $kernelObject, $ownerPart, [ref] $sid, [IntPtr]::Zero,
+    [IntPtr]::Zero, [IntPtr]::Zero, [ref] $descriptor)
+  if ($failure -ne 0) { throw (New-Object System.ComponentModel.Win32Exception ([int] $failure)) }
+  try {
+    $owner = (New-Object System.Security.Principal.SecurityIdentifier $sid).Value
+  } finally {
+    [Runtime.InteropServices.Marshal]::FreeHGlobal($descriptor)  # LocalFree
+  }
+  if ($owner -notin $owners) { throw "the pipe belongs to $owner and not to the service; nothing was sent" }
   $pipe.ReadMode = [IO.Pipes.PipeTransmissionMode]::Message
   $pipe.Write($message, 0, $message.Length)  # one message
   $result = New-Object System.IO.MemoryStream

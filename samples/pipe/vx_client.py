@@ -11,7 +11,7 @@ import argparse
 import json
 import sys
 
-ACCESS = 0x12018B  # read and write data and attributes; GENERIC_WRITE would ask to create instances
+ACCESS = 0x12018B  # read and write data and attributes, read the owner; GENERIC_WRITE would ask to create instances
 OPEN_EXISTING = 3
 SECURITY_SQOS_PRESENT = 0x00100000
 SECURITY_IDENTIFICATION = 0x00010000  # a false server may learn who this is, but not act as this account
@@ -21,6 +21,9 @@ ERROR_PIPE_BUSY = 231
 SC_MANAGER_CONNECT = 1
 SERVICE_QUERY_STATUS = 4
 SC_STATUS_PROCESS_INFO = 0
+SE_KERNEL_OBJECT = 6
+OWNER_SECURITY_INFORMATION = 1
+OWNERS = ("S-1-5-18", "S-1-5-32-544")  # SYSTEM and the administrators
 LONGEST_COMMAND = 1 << 20
 LONGEST_RESULT = 64 << 20
 PATIENCE = 10000  # milliseconds, for a free instance of the pipe
@@ -52,6 +55,7 @@ def execute(service, message):
         getattr(kernel, name).argtypes = (wintypes.HANDLE, wintypes.LPVOID, wintypes.DWORD, wintypes.PDWORD,
                                           wintypes.LPVOID)
     kernel.CloseHandle.argtypes = (wintypes.HANDLE,)
+    kernel.LocalFree.argtypes = (wintypes.LPVOID,)
     for name in ("OpenSCManagerW", "OpenServiceW"):
         getattr(advapi, name).restype = wintypes.HANDLE
     advapi.OpenSCManagerW.argtypes = (wintypes.LPCWSTR, wintypes.LPCWSTR, wintypes.DWORD)
@@ -59,6 +63,10 @@ def execute(service, message):
     advapi.QueryServiceStatusEx.argtypes = (wintypes.HANDLE, ctypes.c_int, wintypes.LPVOID, wintypes.DWORD,
                                             wintypes.PDWORD)
     advapi.CloseServiceHandle.argtypes = (wintypes.HANDLE,)
+    pointer = ctypes.POINTER(wintypes.LPVOID)
+    advapi.GetSecurityInfo.argtypes = (wintypes.HANDLE, ctypes.c_int, wintypes.DWORD, pointer, pointer, pointer,
+                                       pointer, pointer)
+    advapi.ConvertSidToStringSidW.argtypes = (wintypes.LPVOID, ctypes.POINTER(wintypes.LPWSTR))
 
     def check(succeeded):
         if not succeeded:
@@ -80,6 +88,21 @@ def execute(service, message):
         finally:
             advapi.CloseServiceHandle(manager)
 
+    def owner_of(pipe):
+        owner, descriptor, text = wintypes.LPVOID(), wintypes.LPVOID(), wintypes.LPWSTR()
+        error = advapi.GetSecurityInfo(pipe, SE_KERNEL_OBJECT, OWNER_SECURITY_INFORMATION, ctypes.byref(owner), None,
+                                       None, None, ctypes.byref(descriptor))
+        if error != 0:
+            raise ctypes.WinError(error)
+        try:
+            check(advapi.ConvertSidToStringSidW(owner, ctypes.byref(text)))
+            try:
+                return text.value
+            finally:
+                kernel.LocalFree(ctypes.cast(text, wintypes.LPVOID))
+        finally:
+            kernel.LocalFree(descriptor)
+
     path = "\\\\.\\pipe\\VxHost-" + service
     invalid = wintypes.HANDLE(-1).value
     while True:
@@ -96,6 +119,10 @@ def execute(service, message):
         check(kernel.GetNamedPipeServerProcessId(pipe, ctypes.byref(server)))
         if server.value == 0 or server.value != process_of_service():
             raise OSError("process %d has the pipe and is not the service; nothing was sent" % server.value)
+        # The process that created the pipe may have ended, and the service may have got its number.
+        owner = owner_of(pipe)
+        if owner not in OWNERS:
+            raise OSError("the pipe belongs to %s and not to the service; nothing was sent" % owner)
         mode = wintypes.DWORD(PIPE_READMODE_MESSAGE)
         check(kernel.SetNamedPipeHandleState(pipe, ctypes.byref(mode), None, None))
         count = wintypes.DWORD()

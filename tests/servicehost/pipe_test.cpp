@@ -15,8 +15,11 @@
 #include "support/memory_shortage.h"
 #include "vxhost/service/pipe_client.h"
 
-// NOLINTNEXTLINE(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
+// The imports that every call in this program goes through.
+// NOLINTBEGIN(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
 extern "C" decltype(&CreateNamedPipeW) __imp_CreateNamedPipeW;
+extern "C" decltype(&GetNamedPipeClientProcessId) __imp_GetNamedPipeClientProcessId;
+// NOLINTEND(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
 
 namespace Vx::Hosting::ServiceHost {
 namespace {
@@ -268,15 +271,25 @@ TEST_F(PipeTest, AClientSeesTheErrorsOfTheManual) {
 }
 
 TEST_F(PipeTest, NobodyKeepsAdministratorsOrOtherAccountsOut) {
-  const PipeCaller ann{.account = L"ann"};
-  const PipeCaller bob{.account = L"bob"};
-  const PipeCaller administrator{.account = L"ann", .privileged = true};
-  PipeCaller next;
-  identify = [&](std::uint32_t) { return next; };
+  struct Account {
+    const wchar_t* name;
+    bool privileged = false;
+  };
+  constexpr Account ann{L"ann"};
+  constexpr Account bob{L"bob"};
+  constexpr Account administrator{L"ann", true};
+  Account next{};
+  identify = [&](std::uint32_t id) {
+    PipeCaller caller;
+    caller.processId = id;
+    caller.account = next.name;
+    caller.privileged = next.privileged;
+    return caller;
+  };
   Serve();  // eight places, of which four are reserved, and three for an account
   std::vector<Platform::UniqueHandle> crowd;
-  const auto isServed = [&](const PipeCaller& caller) {
-    next = caller;
+  const auto isServed = [&](const Account& account) {
+    next = account;
     const auto& pipe = crowd.emplace_back(RawClient());
     char byte = 0;
     DWORD size = 0;
@@ -286,7 +299,7 @@ TEST_F(PipeTest, NobodyKeepsAdministratorsOrOtherAccountsOut) {
     if (!served) crowd.pop_back();
     return served;
   };
-  EXPECT_FALSE(isServed({}));
+  EXPECT_FALSE(isServed({L""}));
   for (int i = 0; i < 3; ++i) EXPECT_TRUE(isServed(ann));
   for (int i = 0; i < 2; ++i) EXPECT_FALSE(isServed(ann));
   EXPECT_TRUE(isServed(bob));
@@ -296,8 +309,9 @@ TEST_F(PipeTest, NobodyKeepsAdministratorsOrOtherAccountsOut) {
   EXPECT_TRUE(isServed(administrator));
   EXPECT_EQ(Reports(),
             L"INFO the pipe is open: " + path +
-                L"\nWARNING a client was turned away, because Windows does not tell its account: " +
-                CallerName(GetCurrentProcessId()) +
+                L"\nWARNING a client was turned away, because Windows does not tell its account: "
+                L"process " +
+                std::to_wstring(GetCurrentProcessId()) +
                 L"\nWARNING a client was turned away, because its account holds too many places: "
                 L"ann\nWARNING a client was turned away, because the places left are for "
                 L"administrators: bob\n");
@@ -352,15 +366,80 @@ TEST_F(PipeTest, AnInstanceThatWindowsRefusesIsTriedAgainAndIsNotTheFirst) {
   EXPECT_EQ(std::count(reports.begin(), reports.end(), L'\n'), 2);
 }
 
+// A process that does nothing until its end, with this object.
+class Sleeper {
+ public:
+  explicit Sleeper(const std::wstring& program) {
+    STARTUPINFOW startup{};
+    startup.cb = sizeof startup;
+    EXPECT_TRUE(CreateProcessW(program.c_str(), nullptr, nullptr, nullptr, FALSE, CREATE_SUSPENDED,
+                               nullptr, nullptr, &startup, &started));
+  }
+  Sleeper(const Sleeper&) = delete;
+  Sleeper& operator=(const Sleeper&) = delete;
+  ~Sleeper() {
+    const Platform::UniqueHandle process(started.hProcess);
+    const Platform::UniqueHandle thread(started.hThread);
+    TerminateProcess(process.get(), 0);
+    WaitForSingleObject(process.get(), 10'000);
+  }
+
+  DWORD Id() const { return started.dwProcessId; }
+
+ private:
+  PROCESS_INFORMATION started{};
+};
+
+std::atomic<DWORD> clientProcess{0};
+BOOL WINAPI ReportClient(HANDLE, ULONG* processId) {
+  *processId = clientProcess;
+  return TRUE;
+}
+
+// A process may pass its end on and end, and another one start with its id.
+TEST_F(PipeTest, AClientStaysTheProcessThatConnectedEvenIfItWaitsAndEnds) {
+  std::atomic<int> identified{0};
+  identify = [&](std::uint32_t id) {
+    PipeCaller caller = CallerOf(id);
+    ++identified;
+    return caller;
+  };
+  Serve();
+  std::vector<Platform::UniqueHandle> crowd(8);
+  for (auto& pipe : crowd) pipe = RawClient();
+  ASSERT_TRUE(Tests::Eventually([&] { return identified == 8; }));
+  std::optional<Sleeper> sleeper(Tests::BuiltFile(L"with_data.exe"));
+  clientProcess = sleeper->Id();
+  const Tests::ImportOverride report(__imp_GetNamedPipeClientProcessId, &ReportClient);
+  const auto waiting = RawClient();
+  ASSERT_TRUE(Tests::Eventually([&] { return identified == 9; }));
+  sleeper.reset();
+  const Platform::UniqueHandle reserved(
+      OpenProcess(PROCESS_QUERY_LIMITED_INFORMATION, FALSE, clientProcess));
+  EXPECT_NE(reserved, nullptr);
+  crowd.front().reset();
+  EXPECT_TRUE(Send(waiting, WriteCommand({7, L""})));
+  char result[100];
+  DWORD size = 0;
+  EXPECT_TRUE(ReadFile(waiting.get(), result, sizeof result, &size, nullptr));
+  EXPECT_THAT(lastClient, EndsWith(L": with_data.exe"));
+}
+
 TEST(PipeCallerTest, CannotLookLikeAnotherOne) {
   const Tests::TempFolder folder;
   const std::wstring program = folder / L"a.exe Administrator] x [y \u202E.exe";
   std::filesystem::copy_file(Tests::BuiltFile(L"with_data.exe"), program);
-  const auto started = Tests::StartProcess(L"\"" + program + L"\"", CREATE_SUSPENDED);
-  EXPECT_THAT(CallerName(started.id), EndsWith(L" a.exe Administrator) x (y \uFFFD.exe"));
-  EXPECT_THAT(CallerOf(started.id).account, StartsWith(L"S-1-5-"));
-  TerminateProcess(started.process.get(), 0);
-  EXPECT_EQ(CallerName(0), L"process 0");
+  const Sleeper sleeper(program);
+  PipeCaller caller = CallerOf(sleeper.Id());
+  EXPECT_THAT(caller.account, StartsWith(L"S-1-5-"));
+  const std::wstring name = CallerName(caller);
+  EXPECT_THAT(name, EndsWith(L": a.exe Administrator) x (y \uFFFD.exe"));
+  const std::wstring user = name.substr(0, name.find(L':'));
+  caller.file = L"root: tool.exe";
+  EXPECT_EQ(CallerName(caller), user + L": root; tool.exe");
+  caller.file.assign(260, L'x');
+  EXPECT_EQ(CallerName(caller).size(), 64U);
+  EXPECT_EQ(CallerName(CallerOf(0)), L"process 0");
   EXPECT_FALSE(CallerOf(0).privileged);
 }
 
@@ -398,20 +477,59 @@ TEST_F(PipeTest, AClientSendsNothingToAnotherProcess) {
                   " belongs to process " + process + " and not to the service; nothing was sent")));
 }
 
+TEST_F(PipeTest, AClientSendsNothingIntoThePipeOfAnotherAccount) {
+  const std::wstring self = CallerOf(GetCurrentProcessId()).account;
+  const struct {
+    std::wstring owner;
+    bool system;   // accepted where the service is installed
+    bool account;  // accepted where it runs in a console
+  } kCases[] = {
+      {L"S-1-5-18", true, true},  {L"S-1-5-32-544", true, true},
+      {self, false, true},        {L"S-1-5-21-1-2-3-1001", false, false},
+      {L"S-1-1-0", false, false},
+  };
+  const auto isAccepted = [&](Tool::PipeOwner accepted) {
+    try {
+      Tool::PipeClient(path, GetCurrentProcessId(), 0s, accepted);
+    } catch (const std::runtime_error& error) {
+      EXPECT_THAT(error.what(), EndsWith(" and not to the service's; nothing was sent"));
+      return false;
+    }
+    return true;
+  };
+  for (const auto& c : kCases) {
+    SCOPED_TRACE(testing::PrintToString(c.owner));
+    PSECURITY_DESCRIPTOR raw = nullptr;
+    ASSERT_TRUE(ConvertStringSecurityDescriptorToSecurityDescriptorW(
+        (L"O:" + c.owner + L"D:(A;;GA;;;WD)").c_str(), SDDL_REVISION_1, &raw, nullptr));
+    const Platform::UniqueLocalMemory<void> descriptor(raw);
+    SECURITY_ATTRIBUTES security{sizeof security, raw, FALSE};
+    Platform::UniqueHandle instances[2];
+    for (auto& instance : instances) {
+      instance = Platform::AdoptFile(CreateNamedPipeW(path.c_str(), PIPE_ACCESS_DUPLEX,
+                                                      PIPE_TYPE_MESSAGE, 2, 64, 64, 0, &security));
+    }
+    EXPECT_EQ(isAccepted(Tool::PipeOwner::System), c.system);
+    EXPECT_EQ(isAccepted(Tool::PipeOwner::Account), c.account);
+  }
+}
+
 TEST_F(PipeTest, ItsAccessListAdmitsOnlyWhoWasNamed) {
   EXPECT_THROW(Serve({L"S-1-1-0)(A;;GA;;;WD"}), std::system_error);
   Serve({L"S-1-5-21-1-2-3-1001"});
   const auto pipe = RawClient();
   PSECURITY_DESCRIPTOR raw = nullptr;
-  ASSERT_EQ(GetSecurityInfo(pipe.get(), SE_KERNEL_OBJECT, DACL_SECURITY_INFORMATION, nullptr,
-                            nullptr, nullptr, nullptr, &raw),
+  constexpr SECURITY_INFORMATION kParts = OWNER_SECURITY_INFORMATION | DACL_SECURITY_INFORMATION;
+  ASSERT_EQ(GetSecurityInfo(pipe.get(), SE_KERNEL_OBJECT, kParts, nullptr, nullptr, nullptr,
+                            nullptr, &raw),
             0U);
   const Platform::UniqueLocalMemory<void> descriptor(raw);
   wchar_t* text = nullptr;
-  ASSERT_TRUE(ConvertSecurityDescriptorToStringSecurityDescriptorW(
-      raw, SDDL_REVISION_1, DACL_SECURITY_INFORMATION, &text, nullptr));
+  ASSERT_TRUE(ConvertSecurityDescriptorToStringSecurityDescriptorW(raw, SDDL_REVISION_1, kParts,
+                                                                   &text, nullptr));
   const Platform::UniqueLocalMemory<wchar_t> owner(text);
-  EXPECT_STREQ(text, L"D:P(D;;GA;;;NU)(A;;GA;;;SY)(A;;GA;;;BA)(A;;0x12018b;;;S-1-5-21-1-2-3-1001)");
+  EXPECT_STREQ(text,
+               L"O:BAD:P(D;;GA;;;NU)(A;;GA;;;SY)(A;;GA;;;BA)(A;;0x12018b;;;S-1-5-21-1-2-3-1001)");
 }
 
 }  // namespace

@@ -231,7 +231,7 @@ void Service(const std::string& written, Checks& checks) {
     ModuleFile(report->options.module, "service's module", advice.c_str(), checks);
     if (!running) return;
     constexpr std::uint32_t kVersion = 22;
-    const auto result = ConnectToService(name, report->process).Execute({kVersion, L"{}"});
+    const auto result = ConnectToService(name).Execute({kVersion, L"{}"});
     checks.Add("service's pipe", true, L"answers " + result.response.value_or(L"nothing"));
   } catch (const std::runtime_error& error) {
     checks.Add("service's pipe", false, Wide(error.what()), L"a service that answers",

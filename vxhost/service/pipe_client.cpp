@@ -7,6 +7,7 @@
 
 #include "hosting/text.h"
 #include "hosting/windows_error.h"
+#include "servicehost/pipe_caller.h"
 #include "servicehost/pipe_io.h"
 #include "servicehost/pipe_server.h"
 #include "vxhost/service/service_manager.h"
@@ -26,10 +27,19 @@ constexpr DWORD kPause = 20;  // milliseconds
 // The wait for a free pipe instance.
 constexpr std::chrono::seconds kPatience{10};
 
+bool IsAccepted(const std::wstring& owner, PipeOwner accepted) {
+  constexpr wchar_t kSystem[] = L"S-1-5-18";
+  constexpr wchar_t kAdministrators[] = L"S-1-5-32-544";
+  if (owner.empty()) return false;
+  return owner == kSystem || owner == kAdministrators ||
+         (accepted == PipeOwner::Account &&
+          owner == ServiceHost::CallerOf(GetCurrentProcessId()).account);
+}
+
 }  // namespace
 
 PipeClient::PipeClient(const std::wstring& path, std::uint32_t service,
-                       std::chrono::milliseconds patience) {
+                       std::chrono::milliseconds patience, PipeOwner accepted) {
   const ULONGLONG end = GetTickCount64() + static_cast<ULONGLONG>(patience.count());
   while (true) {
     // Identification level, so that an impostor server cannot act as this client.
@@ -51,6 +61,12 @@ PipeClient::PipeClient(const std::wstring& path, std::uint32_t service,
   if (GetNamedPipeServerProcessId(pipe.get(), &server) == FALSE || server != service) {
     throw std::runtime_error(Utf8(path) + " belongs to process " + std::to_string(server) +
                              " and not to the service; nothing was sent");
+  }
+  const std::wstring owner = ServiceHost::OwnerOf(pipe.get());
+  if (!IsAccepted(owner, accepted)) {
+    throw std::runtime_error(Utf8(path) + " belongs to account " +
+                             (owner.empty() ? "(unknown)" : Utf8(owner)) +
+                             " and not to the service's; nothing was sent");
   }
   DWORD mode = PIPE_READMODE_MESSAGE;
   if (SetNamedPipeHandleState(pipe.get(), &mode, nullptr, nullptr) == FALSE) {
@@ -74,7 +90,8 @@ ServiceHost::ResultEnvelope PipeClient::Execute(const ServiceHost::CommandEnvelo
 }
 
 PipeClient ConnectToService(const std::wstring& name, std::uint32_t process) {
-  return {ServiceHost::PipePath(name), process == 0 ? ProcessOfService(name) : process, kPatience};
+  if (process == 0) return {ServiceHost::PipePath(name), ProcessOfService(name), kPatience};
+  return {ServiceHost::PipePath(name), process, kPatience, PipeOwner::Account};
 }
 
 }  // namespace Vx::Hosting::Tool

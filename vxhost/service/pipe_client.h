@@ -9,13 +9,21 @@
 
 namespace Vx::Hosting::Tool {
 
+// Whose pipe a client accepts, besides that of SYSTEM and the administrators.
+enum class PipeOwner {
+  System,   // no other: of an installed service
+  Account,  // this process's account: of a service in its console
+};
+
 // A connection to a running service's pipe. One thread.
 class PipeClient {
  public:
   // Connects, waiting up to `patience` for a free instance. Sends nothing unless the server's
-  // process is `service`, because any process could have created a pipe of that name first. Throws
-  // std::runtime_error with advice for the user.
-  PipeClient(const std::wstring& path, std::uint32_t service, std::chrono::milliseconds patience);
+  // process is `service` and the pipe's owner is one of `accepted`, because any process could have
+  // created a pipe of that name first, passed it on, and ended before the service got its id.
+  // Throws std::runtime_error with advice for the user.
+  PipeClient(const std::wstring& path, std::uint32_t service, std::chrono::milliseconds patience,
+             PipeOwner accepted = PipeOwner::System);
 
   // Runs one command. Blocks until its result arrives. Throws std::runtime_error if none does.
   ServiceHost::ResultEnvelope Execute(const ServiceHost::CommandEnvelope& command);
@@ -24,8 +32,8 @@ class PipeClient {
   Platform::UniqueHandle pipe;
 };
 
-// Connects to the running service `name`: to `process` or, if 0, to the process that the service
-// manager reports. Throws like the constructor.
+// Connects to the running service `name`: to `process`, which may run in a console, or, if 0, to
+// the process that the service manager reports. Throws like the constructor.
 PipeClient ConnectToService(const std::wstring& name, std::uint32_t process = 0);
 
 }  // namespace Vx::Hosting::Tool
