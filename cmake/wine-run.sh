@@ -9,7 +9,7 @@ export LC_ALL=C.UTF-8 WINEARCH=win64 WINEDEBUG=${WINEDEBUG:--all}
 # that crashes ends with the exception's code at once. With it, some ended with 0, a success. The first
 # program with a message window would start the desktop, which shows nothing here and keeps that
 # program's output open until the server ends.
-export WINEDLLOVERRIDES='mscoree=;mshtml=;winemenubuilder.exe=d;winedbg.exe=d;explorer.exe=d'"${VX_WITHOUT:+;$VX_WITHOUT=}"
+export WINEDLLOVERRIDES='mscoree=;mshtml=;winemenubuilder.exe=d;winedbg.exe=d;explorer.exe=d'
 unset DISPLAY
 # Windows has its shared data at a fixed address, where Linux puts the heap of about one program in
 # 5,000: Wine then ends without a word. Some containers do not allow the fixed addresses.
@@ -29,4 +29,5 @@ mkdir -p "$WINEPREFIX"
     if wineserver -p30; then wine cmd /c exit; fi
   } 9>&-
 ) 9>"$WINEPREFIX/.lock" >/dev/null 2>&1 </dev/null
-exec wine "$@"
+# Only here, because the services that Wine starts above must not lack them.
+exec env ${VX_WITHOUT:+"WINEDLLOVERRIDES=$WINEDLLOVERRIDES;$VX_WITHOUT="} wine "$@"
