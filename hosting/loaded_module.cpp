@@ -36,7 +36,7 @@ CommandResult ServiceSession::Execute(std::uint32_t id, const std::wstring& requ
   answer.code = service->ExecuteCommand(context.get(), id, request.c_str(), &text, nullptr);
   const auto free = [this](wchar_t* response) { service->FreeResponse(response); };
   const std::unique_ptr<wchar_t, decltype(free)> response(text, free);
-  if (response != nullptr) answer.text = response.get();
+  if (response != nullptr) answer.text = std::wstring(response.get());
   return answer;
 }
 
