@@ -15,7 +15,6 @@
 #include "support/memory_shortage.h"
 #include "vxhost/service/pipe_client.h"
 
-// The imports that every call in this program goes through.
 // NOLINTBEGIN(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
 extern "C" decltype(&CreateNamedPipeW) __imp_CreateNamedPipeW;
 extern "C" decltype(&GetNamedPipeClientProcessId) __imp_GetNamedPipeClientProcessId;
@@ -366,30 +365,6 @@ TEST_F(PipeTest, AnInstanceThatWindowsRefusesIsTriedAgainAndIsNotTheFirst) {
   EXPECT_EQ(std::count(reports.begin(), reports.end(), L'\n'), 2);
 }
 
-// A process that does nothing until its end, with this object.
-class Sleeper {
- public:
-  explicit Sleeper(const std::wstring& program) {
-    STARTUPINFOW startup{};
-    startup.cb = sizeof startup;
-    EXPECT_TRUE(CreateProcessW(program.c_str(), nullptr, nullptr, nullptr, FALSE, CREATE_SUSPENDED,
-                               nullptr, nullptr, &startup, &started));
-  }
-  Sleeper(const Sleeper&) = delete;
-  Sleeper& operator=(const Sleeper&) = delete;
-  ~Sleeper() {
-    const Platform::UniqueHandle process(started.hProcess);
-    const Platform::UniqueHandle thread(started.hThread);
-    TerminateProcess(process.get(), 0);
-    WaitForSingleObject(process.get(), 10'000);
-  }
-
-  DWORD Id() const { return started.dwProcessId; }
-
- private:
-  PROCESS_INFORMATION started{};
-};
-
 std::atomic<DWORD> clientProcess{0};
 BOOL WINAPI ReportClient(HANDLE, ULONG* processId) {
   *processId = clientProcess;
@@ -408,12 +383,14 @@ TEST_F(PipeTest, AClientStaysTheProcessThatConnectedEvenIfItWaitsAndEnds) {
   std::vector<Platform::UniqueHandle> crowd(8);
   for (auto& pipe : crowd) pipe = RawClient();
   ASSERT_TRUE(Tests::Eventually([&] { return identified == 8; }));
-  std::optional<Sleeper> sleeper(Tests::BuiltFile(L"with_data.exe"));
-  clientProcess = sleeper->Id();
+  auto started = Tests::StartProcess(Tests::BuiltFile(L"with_data.exe"), CREATE_SUSPENDED);
+  clientProcess = started.id;
   const Tests::ImportOverride report(__imp_GetNamedPipeClientProcessId, &ReportClient);
   const auto waiting = RawClient();
   ASSERT_TRUE(Tests::Eventually([&] { return identified == 9; }));
-  sleeper.reset();
+  TerminateProcess(started.process.get(), 0);
+  WaitForSingleObject(started.process.get(), 10'000);
+  started = {};
   const Platform::UniqueHandle reserved(
       OpenProcess(PROCESS_QUERY_LIMITED_INFORMATION, FALSE, clientProcess));
   EXPECT_NE(reserved, nullptr);
@@ -429,8 +406,8 @@ TEST(PipeCallerTest, CannotLookLikeAnotherOne) {
   const Tests::TempFolder folder;
   const std::wstring program = folder / L"a.exe Administrator] x [y \u202E.exe";
   std::filesystem::copy_file(Tests::BuiltFile(L"with_data.exe"), program);
-  const Sleeper sleeper(program);
-  PipeCaller caller = CallerOf(sleeper.Id());
+  const auto started = Tests::StartProcess(L"\"" + program + L"\"", CREATE_SUSPENDED);
+  PipeCaller caller = CallerOf(started.id);
   EXPECT_THAT(caller.account, StartsWith(L"S-1-5-"));
   const std::wstring name = CallerName(caller);
   EXPECT_THAT(name, EndsWith(L": a.exe Administrator) x (y \uFFFD.exe"));
@@ -439,6 +416,7 @@ TEST(PipeCallerTest, CannotLookLikeAnotherOne) {
   EXPECT_EQ(CallerName(caller), user + L": root; tool.exe");
   caller.file.assign(260, L'x');
   EXPECT_EQ(CallerName(caller).size(), 64U);
+  TerminateProcess(started.process.get(), 0);
   EXPECT_EQ(CallerName(CallerOf(0)), L"process 0");
   EXPECT_FALSE(CallerOf(0).privileged);
 }
