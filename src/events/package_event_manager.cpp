@@ -33,6 +33,10 @@ constexpr wchar_t kNotWatched[] =
     L"RegisterExistingPackageCatalogManagerRequests - a stored request is not watched, because of "
     L"\"%S\": %s";
 
+constexpr wchar_t kNotTakenBack[] =
+    L"OrvaneService - a refused package subscription could not be taken back and may run at the "
+    L"next logon: %s";
+
 // A request as the list stores it, not as the client wrote it.
 std::wstring StoredText(const std::wstring& request) {
   return Json::JsonObject::Parse(request).Stringify();
@@ -74,8 +78,11 @@ bool Persist(const std::wstring& request) {
 
 // Removes a request whose registration failed. A failure here must not hide the original one.
 void TakeBack(const std::wstring& stored, const MarkPtr& mark) {
+  using Removal = RequestManager::Removal;
   try {
-    PackageCompletion::StoredRequests().RemoveRequest(stored);
+    if (PackageCompletion::StoredRequests().RemoveRequest(stored) == Removal::Failed) {
+      Logging::LogManager::GetLogger()->LogWarning(kNotTakenBack, stored.c_str());
+    }
   } catch (const Platform::WindowsRuntimeError&) {  // NOLINT(bugprone-empty-catch)
     // The stored list cannot be read, so the request was never added.
   }
@@ -211,20 +218,22 @@ void PackageCatalogEventManager::clear_events(Owner owner) {
 bool RegisterAppPackageEvent(const std::wstring& request, Owner owner,
                              const Platform::SharedHandle& stop) {
   const std::lock_guard guard(PackageCompletion::listChange);
-  const bool isStored = Persist(request);
+  if (!Persist(request)) {
+    // What the store did not accept is not watched either, but a client learns what is wrong.
+    static_cast<void>(SubscribeForAppPackageEventRequest(request));
+    return false;
+  }
   std::wstring stored;
   MarkPtr mark;
   try {
     stored = StoredText(request);
     mark = FiringMarks::Renew(stored);
     MakeLive(request, stored, owner, mark, stop);
-    return isStored;
+    return true;
   } catch (const Platform::WindowsRuntimeError&) {
-    // If the store did not accept it, an equal request there may be another client's.
-    if (isStored && mark != nullptr) TakeBack(stored, mark);
+    if (mark != nullptr) TakeBack(stored, mark);
     throw;
   } catch (const std::exception& error) {
-    if (!isStored) throw;
     throw NotWatched(error.what());
   }
 }

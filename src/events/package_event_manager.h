@@ -64,11 +64,12 @@ class NotWatched : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
-// Stores a request, then makes it live. No other client can add the same subscription in between.
-// Returns whether the request is stored. Throws as PersistRequest and register_event do, and
-// std::runtime_error if the same subscription has run but cannot be removed. If registering the
-// stored request throws Platform::WindowsRuntimeError, removes it again; any other exception
-// becomes NotWatched. Failed completions are retried only until `stop` is signalled.
+// Stores a request, then makes it live. One that the store does not accept is only checked. No
+// other client can add the same subscription in between. Returns whether the request is stored.
+// Throws as PersistRequest and register_event do, and std::runtime_error if the same subscription
+// has run but cannot be removed. If registering the stored request throws
+// Platform::WindowsRuntimeError, removes it again; any other exception becomes NotWatched. Failed
+// completions are retried only until `stop` is signalled.
 bool RegisterAppPackageEvent(const std::wstring& request, PackageCatalogEventManager::Owner owner,
                              const Platform::SharedHandle& stop = nullptr);
 

@@ -5,13 +5,14 @@
 
 #include "host/completion_callback.h"
 #include "host/vx_service.h"
+#include "storage/request_list.h"
 
 namespace Vx::Tessel::Server::Services::Orvane {
 
 class OrvaneService;
 
 // In characters. Many times the size of any real request, this limits what one call can allocate.
-inline constexpr std::size_t kMaxRequestLength = std::size_t{1024} * 1024;
+inline constexpr std::size_t kMaxRequestLength = Storage::kMaxStoredRequest;
 
 // Returns a command's display name, or null for an unsupported one.
 const wchar_t* CommandName(std::uint32_t id) noexcept;

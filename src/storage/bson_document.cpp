@@ -94,22 +94,27 @@ bool BsonDocument::Set(std::string_view key, const BsonElement& value) {
   const std::size_t behind = at + found.Whole().size() - oldBytes.size() + newBytes.size();
   Splice(oldBytes, newBytes);
   bytes.get()[at] = static_cast<std::byte>(value.Kind());  // the splice may have moved the bytes
-  for (;;) {
-    const Iterator other = FirstOf(name, From(behind));
-    if (other == end()) return true;
-    Splice(other.Whole(), {});
-  }
+  EraseFrom(behind, name);
+  return true;
 }
 
 void BsonDocument::Erase(std::string_view key) {
-  const std::string name(key);  // `key` may point into this document
-  std::size_t at = kLengthSize;
-  for (;;) {
-    const Iterator found = FirstOf(name, From(at));
-    if (found == end()) return;
-    at = static_cast<std::size_t>(found.rest.data() - bytes.get());
-    Splice(found.Whole(), {});
+  EraseFrom(kLengthSize, std::string(key));  // `key` may point into this document
+}
+
+// In one pass, because a writer of the store may repeat a key without limit.
+void BsonDocument::EraseFrom(std::size_t offset, std::string_view key) {
+  std::byte* kept = bytes.get() + offset;
+  for (Iterator next = From(offset); !(next == end());) {
+    const std::span<const std::byte> member = next.Whole();
+    const bool goes = (*next).key == key;
+    ++next;  // before its bytes move
+    if (goes) continue;
+    if (kept != member.data()) std::memmove(kept, member.data(), member.size());
+    kept += member.size();
   }
+  *kept = std::byte{0};
+  SetUsed(static_cast<std::size_t>(kept - bytes.get()) + 1);
 }
 
 void BsonDocument::Splice(std::span<const std::byte> part, std::span<const std::byte> replacement) {

@@ -93,6 +93,9 @@ class BsonDocument {
   // Returns the members from `offset` on.
   Iterator From(std::size_t offset) const;
 
+  // Removes the members called `key` from `offset` on, where a member begins.
+  void EraseFrom(std::size_t offset, std::string_view key);
+
   // Finds the first member called `key`, starting at `from`.
   Iterator FirstOf(std::string_view key, Iterator from) const;
 

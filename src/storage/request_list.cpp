@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <stdexcept>
 
 #include "json/json_object.h"
 
@@ -12,6 +13,8 @@ namespace {
 constexpr wchar_t kCommandParams[] = L"commandParams";
 constexpr wchar_t kDelay[] = L"delayDeliverySec";
 constexpr std::wstring_view kDelayMember = L"\"delayDeliverySec\":";  // as in compact text
+
+constexpr char kTooLong[] = "its stored form is longer than a request may be";
 
 std::wstring Normalised(const Json::JsonObject& request) {
   return request.StringifyWithout(kCommandParams, kDelay);
@@ -26,6 +29,11 @@ bool MayNormaliseTo(std::wstring_view text, std::wstring_view form) {
   // The texts differ at the comma before the first such member, or after it.
   return text.substr(0, same + 1 + kDelayMember.size()).find(kDelayMember) !=
          std::wstring_view::npos;
+}
+
+// A client names a stored request by its text, which may be longer than the client's: 1e20 grows.
+void RequireRemovable(std::wstring_view text) {
+  if (text.size() > kMaxStoredRequest) throw std::length_error(kTooLong);
 }
 
 // Returns the element that was appended when the text was `before` characters long.
@@ -63,14 +71,15 @@ std::optional<std::wstring> WithoutFirst(std::wstring_view list, std::wstring_vi
 
 std::optional<std::wstring> ListWith(std::wstring_view list, std::wstring_view request) {
   const Json::JsonObject added = Json::JsonObject::Parse(request);
+  const std::wstring text = added.Stringify();
   if (list.empty()) {
+    RequireRemovable(text);
     std::wstring first = L"[";
     first.append(request);
     first.push_back(L']');
     return first;
   }
   const std::wstring form = Normalised(added);
-  const std::wstring text = added.Stringify();
   const Json::JsonArray array = Json::JsonArray::Parse(list);
   std::wstring longer = L"[";
   longer.reserve(list.size() + text.size() + 1);
@@ -83,6 +92,7 @@ std::optional<std::wstring> ListWith(std::wstring_view list, std::wstring_view r
       return std::nullopt;
     }
   }
+  RequireRemovable(text);
   if (longer.size() > 1) longer.push_back(L',');
   longer.append(text).push_back(L']');
   return longer;

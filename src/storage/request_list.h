@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -13,9 +14,13 @@
 // that an unreadable list is never overwritten. Time and memory are linear in the list.
 namespace Vx::Tessel::Server::Storage {
 
+// The most characters of a stored request: as many as a client may send to name it.
+inline constexpr std::size_t kMaxStoredRequest = std::size_t{1024} * 1024;
+
 // Returns `list` with `request` appended, or nothing if an element has the same normalised form:
 // its text without the "delayDeliverySec" of its "commandParams". The first request in a list is
-// kept unchanged. Also throws as above if `request` is not a JSON object.
+// kept unchanged. Also throws as above if `request` is not a JSON object, and std::length_error if
+// its compact text is longer than kMaxStoredRequest.
 std::optional<std::wstring> ListWith(std::wstring_view list, std::wstring_view request);
 
 // Returns `list` without the first element whose text is `request`, or nothing if there is none.

@@ -15,6 +15,9 @@ namespace {
 
 using Storage::BsonElement;
 
+// Every command reads the whole store, so one client must not make it large for all.
+constexpr std::size_t kMostListed = std::size_t{8} * 1024 * 1024;
+
 constexpr wchar_t kNoStore[] =
     L"RequestManager() - Failed to get DataStore. Functionality will be lost. %S";
 constexpr wchar_t kPersistFailed[] =
@@ -36,6 +39,7 @@ constexpr wchar_t kRegisterFailed[] =
     L"RegisterExistingRequests - failed to register request. HRESULT: %i";
 
 constexpr char kNotReadable[] = "the stored list cannot be read";
+constexpr char kListsFull[] = "the lists of subscriptions are full";
 constexpr wchar_t kStoredAlready[] = L"the same subscription, the delay apart, is stored already";
 
 constexpr auto kFail = static_cast<std::int32_t>(0x80004005);
@@ -93,6 +97,14 @@ std::wstring RequestManager::RequireStoredList() const {
   return StoredList();
 }
 
+std::size_t RequestManager::OtherLists() const {
+  std::size_t length = 0;
+  for (const char* list : {kPowerSubscriptions, kZephraSubscriptions, kPackageSubscriptions}) {
+    if (list != key) length += TextOf(document.Find(list)).size();
+  }
+  return length;
+}
+
 std::optional<bool> RequestManager::Change(const FailureTexts& texts, const Edit& edit) {
   std::optional<Platform::WindowsRuntimeError> refused;
   const auto change = [&](const BsonElement* stored) -> std::optional<BsonElement> {
@@ -126,6 +138,7 @@ bool RequestManager::PersistRequest(std::wstring_view request) {
   const std::optional<bool> held = Change(kPersistThrew, [&](const std::wstring& list) {
     std::optional<std::wstring> longer = Storage::ListWith(list, request);
     if (!longer) throw Platform::WindowsRuntimeError(kAlreadySubscribed, kStoredAlready);
+    if (longer->size() + OtherLists() > kMostListed) throw std::length_error(kListsFull);
     return longer;
   });
   if (held == false) logger->LogError(kPersistFailed);

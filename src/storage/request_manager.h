@@ -41,7 +41,8 @@ class RequestManager {
   RequestManager& operator=(const RequestManager&) = delete;
   ~RequestManager();
 
-  // Adds a request. Returns false if the store did not accept it. Throws
+  // Adds a request. Returns false if the store did not accept it, if its compact text is longer
+  // than a request may be, or if the three lists would have more than 8,388,608 characters. Throws
   // Platform::WindowsRuntimeError with kAlreadySubscribed if the same request, apart from its
   // delay, is already stored, and the JSON layer's error if the text is not a JSON object or the
   // stored list cannot be read. Logs failures of the store.
@@ -82,6 +83,9 @@ class RequestManager {
  private:
   // Receives the stored list's text. Returns the new one, or nothing to leave it unchanged.
   using Edit = std::function<std::optional<std::wstring>(const std::wstring& list)>;
+
+  // Returns the characters of the other two lists as of construction.
+  std::size_t OtherLists() const;
 
   // Applies `edit` to the stored list, or to an empty one if there is no store. Returns false if
   // the store refused the new list, and nothing if it threw, which is logged. A

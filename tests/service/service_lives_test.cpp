@@ -222,6 +222,25 @@ TEST_F(ServiceLivesTest, AFailureWhileTheStoreIsUnreadableTakesNoOtherClientsSub
   EXPECT_EQ(host.Execute(7, kWatch).result, 0x20000009U) << "the first one is not stored";
 }
 
+TEST_F(ServiceLivesTest, APackageSubscriptionThatIsNotStoredIsCheckedButNotWatched) {
+  const wchar_t* request =
+      LR"({"catalogEvent":5,"catalogAction":1,"packageFamilyName":)"
+      LR"("App_r4x2m8kq7tn3b","catalogActionParams":{"path":"C:\\a.exe"}})";
+  machine.faults.FailNamed("DataProtection.Protect", 1);
+  EXPECT_EQ(host.Execute(7, request).result, 0x20000004U);
+  EXPECT_THAT(log.Lines(),
+              Contains(HasSubstr(L"a refused package subscription could not be taken back")));
+  machine.faults.FailNamed("DataProtection.Protect");
+  InstallApp(L"App");
+  EXPECT_EQ(host.Execute(7, (std::wstring(request) + L" ").c_str()).result, 0x20000009U);
+  const std::wstring other = std::wstring(request).replace(16, 1, L"7");
+  EXPECT_EQ(host.Execute(7, other.c_str()).result, 0U);
+  const std::wstring unknown = std::wstring(request).replace(16, 1, L"6");
+  EXPECT_EQ(host.Execute(7, unknown.c_str()).result, 0x20000006U);
+  machine.clock.Settle();
+  EXPECT_EQ(machine.packages.Handlers(L"ann"), 0U);
+}
+
 // A service that is destroyed while its start-up task works cannot end the watches that the task
 // makes.
 TEST_F(ServiceLivesTest, NoPackageIsWatchedForAServiceThatIsGone) {

@@ -111,6 +111,33 @@ TEST_F(RequestManagerTest, LeavesAValueThatIsNotATextAlone) {
   }
 }
 
+TEST_F(RequestManagerTest, RefusesWhatNoClientCouldNameAndWhatMakesTheListsTooLong) {
+  constexpr std::size_t kMost = std::size_t{8} * 1024 * 1024;
+  const auto listOf = [](std::size_t length) {
+    return L"[\"" + std::wstring(length - 4, L'x') + L"\"]";
+  };
+  std::wstring grows = L"{\"a\":[1e20";
+  for (int i = 0; i < 50'000; ++i) grows += L",1e20";
+  grows += L"]}";
+  for (const wchar_t* list : {L"", L"[{\"n\":3}]"}) {
+    Plant(list);
+    EXPECT_FALSE(Manager().PersistRequest(grows));
+    EXPECT_TRUE(Stored() == list) << "not printed, for its length";
+  }
+  // The other list and this one, which `kSecond` makes eight characters longer, its comma included.
+  ASSERT_TRUE(CapDataStore().mergeMember(kServiceDocument, kZephraSubscriptions,
+                                         BsonElement::Text(listOf(kMost / 2))));
+  Plant(listOf(kMost / 2 - 7));
+  EXPECT_FALSE(Manager().PersistRequest(kSecond));
+  Plant(listOf(kMost / 2 - 8));
+  EXPECT_TRUE(Manager().PersistRequest(kSecond));
+  EXPECT_EQ(Manager().RemoveRequest(kSecond), RequestManager::Removal::Removed);
+  const std::wstring refused = L"error|PersistRequest - failed to persist: Exception ";
+  EXPECT_THAT(log.Lines(), ElementsAre(refused + L"its stored form is longer than a request may be",
+                                       refused + L"its stored form is longer than a request may be",
+                                       refused + L"the lists of subscriptions are full"));
+}
+
 }  // namespace
 
 }  // namespace Vx::Tessel::Server::Services::Orvane
