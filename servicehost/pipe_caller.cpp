@@ -108,7 +108,7 @@ PipeCaller CallerOf(std::uint32_t processId) {
 }
 
 std::wstring CallerName(const PipeCaller& caller) {
-  const std::wstring process = L"process " + std::to_wstring(caller.processId);
+  std::wstring process = L"process " + std::to_wstring(caller.processId);
   if (caller.account.empty()) return process;
   const std::wstring user = NameOf(TokenAccount(TokenOf(caller.process.get()).get()).Sid());
   // The user comes first, because a long file name is cut.

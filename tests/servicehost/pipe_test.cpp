@@ -271,7 +271,7 @@ TEST_F(PipeTest, AClientSeesTheErrorsOfTheManual) {
 
 TEST_F(PipeTest, NobodyKeepsAdministratorsOrOtherAccountsOut) {
   struct Account {
-    const wchar_t* name;
+    const wchar_t* name = L"";
     bool privileged = false;
   };
   constexpr Account ann{L"ann"};

@@ -12,6 +12,7 @@ using Storage::BsonElement;
 using Storage::CapDataStore;
 
 constexpr wchar_t kFirst[] = L"{\"n\":1,\"commandParams\":{\"delayDeliverySec\":\"5\"}}";
+constexpr wchar_t kSecond[] = L"{\"n\":2}";
 
 class RequestManagerTest : public testing::Test {
  protected:
