@@ -233,10 +233,9 @@ TEST_F(ServiceLivesTest, APackageSubscriptionThatIsNotStoredIsCheckedButNotWatch
   machine.faults.FailNamed("DataProtection.Protect");
   InstallApp(L"App");
   EXPECT_EQ(host.Execute(7, (std::wstring(request) + L" ").c_str()).result, 0x20000009U);
-  const std::wstring other = std::wstring(request).replace(16, 1, L"7");
-  EXPECT_EQ(host.Execute(7, other.c_str()).result, 0U);
-  const std::wstring unknown = std::wstring(request).replace(16, 1, L"6");
-  EXPECT_EQ(host.Execute(7, unknown.c_str()).result, 0x20000006U);
+  std::wstring other = request;
+  EXPECT_EQ(host.Execute(7, other.replace(16, 1, L"7").c_str()).result, 0U);
+  EXPECT_EQ(host.Execute(7, other.replace(16, 1, L"6").c_str()).result, 0x20000006U);
   machine.clock.Settle();
   EXPECT_EQ(machine.packages.Handlers(L"ann"), 0U);
 }

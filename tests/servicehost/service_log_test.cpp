@@ -1,7 +1,6 @@
 #include "servicehost/service_log.h"
 
 #include "hosting/text.h"
-#include "platform/machine.h"
 #include "platform/thread.h"
 #include "servicehost/event_log.h"
 #include "servicehost/log_folder.h"
