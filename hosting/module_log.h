@@ -60,8 +60,8 @@ const wchar_t* LevelName(std::uint32_t level);
 LogLine LineOf(const VxLogLine& line);
 DecisionRecord RecordOf(const VxLogRecord& record);
 
-// Fills in the decision and the reason of `result` from the record of the command that the calling
-// thread runs meanwhile: the module writes it on that thread.
+// Fills in the decision and reason of `result` from the record of the command that the calling
+// thread runs during the scope. The module writes the record on that thread.
 class DecisionScope {
  public:
   explicit DecisionScope(CommandResult& result);

@@ -6,8 +6,8 @@
 
 namespace Vx::Hosting {
 
-// An error of Windows, whose number `what` ends with. The number is for every reader. Windows' text
-// for it depends on its language, so that only people are shown it.
+// An error that Windows reported. `what` contains its number, which every reader gets. Windows'
+// text for the number depends on the language of the machine, so only people get it.
 class WindowsError : public std::runtime_error {
  public:
   // The message is "WHAT (error N)", followed by `advice`.
