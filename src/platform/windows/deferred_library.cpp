@@ -11,8 +11,8 @@
 #include "platform/unique_handle.h"
 #include "platform/windows/capabilities.h"
 
-extern "C" const IMAGE_DOS_HEADER
-    __ImageBase;  // NOLINT(bugprone-reserved-identifier): the linker's
+// NOLINTNEXTLINE(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp): the linker's name
+extern "C" const IMAGE_DOS_HEADER __ImageBase;
 
 namespace Vx::Platform {
 
@@ -74,7 +74,7 @@ constinit struct {
 
 template <typename Value>
 const Value* At(std::uintptr_t offset) {
-  return reinterpret_cast<const Value*>(reinterpret_cast<std::uintptr_t>(&__ImageBase) + offset);
+  return reinterpret_cast<const Value*>(reinterpret_cast<const char*>(&__ImageBase) + offset);
 }
 
 using Stub = INT_PTR WINAPI();
@@ -97,8 +97,8 @@ INT_PTR WINAPI FailWithStatus() {
 // nothing here could handle. A missing function fails as its callers expect. Does not store the
 // address in `entry`, because the linker may have made the table read-only.
 // https://learn.microsoft.com/cpp/build/reference/understanding-the-helper-function
-extern "C" FARPROC WINAPI __delayLoadHelper2(  // NOLINT(bugprone-reserved-identifier): documented
-    PCImgDelayDescr from, FARPROC* entry) {
+// NOLINTNEXTLINE(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp): the linker's name
+extern "C" FARPROC WINAPI __delayLoadHelper2(PCImgDelayDescr from, FARPROC* entry) {
   using namespace Vx::Platform;
   const auto& thunk = At<IMAGE_THUNK_DATA>(from->rvaINT)[entry - At<FARPROC>(from->rvaIAT)];
   const auto* const imported = At<IMAGE_IMPORT_BY_NAME>(thunk.u1.AddressOfData);
