@@ -10,7 +10,7 @@
 #include "platform/thread.h"
 #include "support/import_override.h"
 
-extern "C" decltype(&SetConsoleCtrlHandler) __imp_SetConsoleCtrlHandler;
+extern "C" decltype(&SetConsoleCtrlHandler) __imp_SetConsoleCtrlHandler;  // NOLINT: the linker's
 
 namespace Vx::Hosting::Tool {
 namespace {
@@ -25,7 +25,8 @@ BOOL WINAPI Register(PHANDLER_ROUTINE routine, BOOL add) {
 // Windows ends the process as soon as the handler returns for a console that closes.
 TEST(StopRequestTest, AClosingConsoleWaitsForTheOrderlyEndAndCtrlCDoesNot) {
   const Tests::ImportOverride windows(__imp_SetConsoleCtrlHandler, &Register);
-  for (const DWORD kind : {CTRL_C_EVENT, CTRL_CLOSE_EVENT, CTRL_SHUTDOWN_EVENT}) {
+  for (const DWORD kind :
+       {DWORD{CTRL_C_EVENT}, DWORD{CTRL_CLOSE_EVENT}, DWORD{CTRL_SHUTDOWN_EVENT}}) {
     SCOPED_TRACE(kind);
     std::atomic<bool> returned = false;
     std::optional<StopRequest> request(std::in_place);
