@@ -107,7 +107,7 @@ struct ServiceConfig {
 };
 
 ServiceConfig ConfigOf(const UniqueServiceHandle& service, const std::wstring& name) {
-  ServiceConfig config;
+  ServiceConfig config{};
   DWORD size = 0;
   if (QueryServiceConfigW(Raw(service),
                           reinterpret_cast<QUERY_SERVICE_CONFIGW*>(config.buffer.data()),
