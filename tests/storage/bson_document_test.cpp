@@ -188,22 +188,24 @@ TEST(BsonDocument, FindsTheFirstOfRepeatedKeysAndSettingLeavesOne) {
 }
 
 TEST(BsonDocument, RemovesRepeatedKeysInTimeThatGrowsWithTheirNumberAlone) {
-  constexpr int kRepeated = 200'000;  // minutes if each removal moves the rest
+  using std::chrono::steady_clock;
+  constexpr int kRepeated = 50'000;
   std::string members;
   for (int i = 0; i < kRepeated; ++i) members += "\012k\0\012other\0"sv;
-  const auto begin = std::chrono::steady_clock::now();
   for (const bool set : {true, false}) {
+    const auto begin = steady_clock::now();
     auto document = BsonDocument::Decode(ToBytes(Document(members)));
+    const auto decoded = steady_clock::now();
     ASSERT_TRUE(document);
     if (set) {
       ASSERT_TRUE(document->Set("k", BsonElement::Int32(3)));
     } else {
       document->Erase("k");
     }
+    EXPECT_LT(steady_clock::now() - decoded, 10 * (decoded - begin));
     EXPECT_EQ(document->Size(), std::size_t{kRepeated} + (set ? 1 : 0));
     EXPECT_EQ(document->Find("k").has_value(), set);
   }
-  EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(5));
 }
 
 TEST(BsonDocument, RefusesKeysAndTextsThatTheEncodingCannotHold) {
