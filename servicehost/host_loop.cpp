@@ -110,8 +110,8 @@ void HostLoop::OnSession(std::uint32_t code) {
   session.Slots().OnSessionChange(code);
 }
 
-// A service is not told of Modern Standby, which begins as the display turns off and ends as it
-// turns on:
+// Windows does not notify a service of Modern Standby, which begins as the display turns off and
+// ends as it turns on:
 // https://learn.microsoft.com/archive/blogs/winsdk/how-to-get-notified-when-going-in-and-out-of-connected-standby-from-a-windows-service
 void HostLoop::WatchDisplay() {
   try {

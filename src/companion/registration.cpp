@@ -99,7 +99,7 @@ bool Expand(const wchar_t* path, std::wstring& expanded, Platform::OneLogon& use
   return McAfeeHelper().expand_path_impersonated_as_loggedin_user(path, expanded, &user);
 }
 
-// Returns false, and logs, if the console user is no longer that of `user`.
+// Returns whether the user at the console is still the one of `user`. Logs if not.
 bool TakeRights(Copy& copy, Platform::OneLogon& user) {
   const auto report = ReportTo(*Logging::LogManager::SetProvider(Logging::kComponentProvider));
   copy.token = Platform::ConsoleUserToken(Platform::TokenType::Impersonation, report, &user);

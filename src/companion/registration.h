@@ -50,9 +50,9 @@ class McAfeeHelper {
 
 // Copies the machine's registration data to where the console user's programs look for it. Expands
 // both paths and copies with that user's rights. Returns true if the copy was made. Fails if a path
-// cannot be expanded, if another user comes to the console before the last query, if the copy takes
-// more than 30 s or has to wait so long for another, or while an earlier one hangs. Returns within
-// 62 s and the time of Windows' own answers. `caller` is the client in the log lines.
+// cannot be expanded, if another user comes to the console before the last query, if the copy or
+// its wait for another copy takes more than 30 s, or if an earlier copy hangs. Returns within 62 s,
+// plus the time that Windows takes to answer. `caller` is the client in the log lines.
 bool CopyRegistrationData(const wchar_t* caller, const Logging::TraceLogger& logger);
 
 // Starts the same copy after a resume and does not wait for it. Expands the user's path first, and

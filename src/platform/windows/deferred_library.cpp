@@ -77,7 +77,7 @@ const Value* At(std::uintptr_t offset) {
   return reinterpret_cast<const Value*>(reinterpret_cast<const char*>(&__ImageBase) + offset);
 }
 
-using Stub = INT_PTR WINAPI();
+using Function = INT_PTR WINAPI();
 
 // Stand in for a missing function, whatever its arguments.
 INT_PTR WINAPI FailWithLastError() {
@@ -106,7 +106,7 @@ extern "C" FARPROC WINAPI __delayLoadHelper2(PCImgDelayDescr from, FARPROC* entr
   const std::string_view file = At<char>(from->rvaDLLName);
   for (auto& known : libraries) {
     if (known.name != file) continue;
-    if (auto* const function = known.library.Find<Stub>(name.data())) return function;
+    if (auto* const function = known.library.Find<Function>(name.data())) return function;
   }
   return name.starts_with("BCrypt") ? &FailWithStatus : &FailWithLastError;
 }
