@@ -4,8 +4,8 @@
 
 namespace Vx::Tessel::Server::Services {
 
-// The memory layout of the host's callable, its 64-byte standard function object. The last word
-// points to the held callable, which may be inside the object, or is null if there is none.
+// The memory layout of the host's callable, a 64-byte std::function. Its last word points to the
+// callable that it holds, which may be inside the object, or is null if it is empty.
 struct CompletionCallback {
   // The held callable's table: copy, move, call, type, then delete-this, whose argument says
   // whether the callable is outside the object and must be freed.

@@ -21,9 +21,10 @@
 
 namespace Vx::Simulator {
 
-// A whole PC in memory, one member per subject, just switched on: no user is signed in, first-run
-// set-up is over, there are no packages, the registry is empty and the firmware has no born-on
-// date. Other files, signatures, data protection, mutexes, events and threads are real.
+// A whole PC in memory, with one member per subject. It has just been switched on: no user is
+// signed in, first-run setup is over, there are no packages, the registry is empty and the firmware
+// has no born-on date. Other files, signatures, data protection, mutexes, events and threads are
+// real.
 //
 //   SimulatedMachine machine;
 //   Platform::MachineScope scope([&](Platform::Machine& platform) { machine.Install(platform); });

@@ -121,7 +121,7 @@ struct ViewCloser {
 
 // Raises the exception with which OutputDebugString offers a text to its own process, for handlers
 // such as the development host's. A vectored handler, after all others, ends it here, because a
-// frame-based one needs a compiler with structured exceptions.
+// frame-based one needs a compiler that supports structured exception handling.
 class Offer {
  public:
   explicit Offer(std::wstring_view text) noexcept : handler(AddVectoredExceptionHandler(0, &End)) {

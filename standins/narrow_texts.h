@@ -10,8 +10,9 @@ namespace Vx::Tessel::Server::Logging {
 // The format and arguments of a log line, with its narrow texts widened from UTF-8. The C runtime
 // would show each byte of such a text as a character ("J\u00C3\u00BCrgen").
 //
-// Keeps the line unchanged if its narrow texts are ASCII or have a precision, or if out of memory.
-// Borrows what it is constructed from. Allocates only for a text that is not ASCII.
+// Leaves the line unchanged if its narrow strings are ASCII or their conversions have a precision,
+// or if memory runs out. Borrows what it is constructed from. Allocates only for a text that is not
+// ASCII.
 class NarrowTexts {
  public:
   NarrowTexts(const wchar_t* format, va_list arguments) noexcept;

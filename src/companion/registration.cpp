@@ -61,7 +61,8 @@ Platform::ActingReport ReportTo(const Logging::TraceLogger& logger) {
   };
 }
 
-// One copy. It owns everything that its thread needs, because the thread may outlive its command.
+// A single copy operation. Owns everything that its thread needs, because the thread may outlive
+// the command.
 struct Copy {
   Copy(const wchar_t* client, const Logging::TraceLogger& log) : caller(client), logger(log) {}
 

@@ -16,12 +16,12 @@ namespace Vx::Tessel::Server::Services::Orvane {
 class FiringMark {
  public:
   // Calls `run` unless the command has run or may no longer run, or `due` returns false. Waits for
-  // a concurrent call before calling `due`. An exception passes to the caller, and the command may
+  // a concurrent call before calling `due`. Exceptions propagate to the caller, and the command may
   // run again. Returns whether this call ran the command.
   bool RunOnce(
       const std::function<void()>& run, const std::function<bool()>& due = [] { return true; });
 
-  // As RunOnce without `due`, but returns false at once during another call.
+  // Like RunOnce without `due`, but returns false at once while another call is in progress.
   bool RunOnceUnlessRunning(const std::function<void()>& run);
 
   // `due` calls this before it returns true. MayRun then returns false, unless `run` fails.

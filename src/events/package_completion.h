@@ -26,13 +26,13 @@ class PackageCompletion {
   // is gone. Logs exceptions. Acquires listChange.
   static bool Remove(const std::wstring& stored, const std::shared_ptr<FiringMark>& mark) noexcept;
 
-  // As Remove, but logs a request that stays stored. The next replay, notification or equal
+  // Like Remove, but logs a request that stays stored. The next replay, notification or equal
   // subscription then completes it.
   static void CompleteNow(const std::wstring& stored,
                           const std::shared_ptr<FiringMark>& mark) noexcept;
 
-  // As CompleteNow, but tries up to three times, a second apart, holding no lock in between. Gives
-  // up once `stop`, which may be null, is signalled. Not for a thread that a host waits for.
+  // Like CompleteNow, but tries up to three times, a second apart, holding no lock in between.
+  // Gives up once `stop`, which may be null, is signalled. Not for a thread that a host waits for.
   static void Complete(const std::wstring& stored, const std::shared_ptr<FiringMark>& mark,
                        const Platform::SharedHandle& stop) noexcept;
 

@@ -14,7 +14,7 @@ inline constexpr std::size_t kMaxCommandLine = 32766;
 inline constexpr std::size_t kMaxPath = 32767;
 
 // Returns an app's path, or the quoted path, a blank and the parameter. Empty if too long. Callers
-// also pass the program separately, so that no parameter can start another one.
+// also pass the program separately, so that no parameter can start a different program.
 std::optional<std::wstring> AppCommandLine(std::wstring_view executable,
                                            std::wstring_view parameter);
 

@@ -6,7 +6,7 @@
 
 namespace Vx::Tessel::Server::Services::Orvane {
 
-// Reads facts about the console user's package of a family. Stateless; any thread.
+// Reads information about the console user's package in a given family. Stateless; any thread.
 class UwpPackageDataAccess {
  public:
   // Returns Windows' staged-package origin code, and the version as four 16-bit parts, major

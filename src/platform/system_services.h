@@ -19,7 +19,7 @@ class ApiSets {
 // Windows' session API set; absent on editions without interactive users.
 inline constexpr wchar_t kSessionApiSet[] = L"ext-ms-win-session-wtsapi32-l1-1-0";
 
-// First-run set-up of Windows.
+// Windows first-run setup.
 class Oobe {
  public:
   virtual ~Oobe() = default;

@@ -22,9 +22,10 @@ class VxAuthenticodeFacadeBase {
   ~VxAuthenticodeFacadeBase() = default;
 };
 
-// Whether a file is genuine: accepted by Windows, signed with a pinned key, in a protected place.
-// Stateless; any thread. An access list that fails takes up to about a second to check. Windows may
-// also fetch certificates from the network, so hold no lock that others need during a check.
+// Whether a file is genuine: accepted by Windows, signed with a pinned key, and in a protected
+// place. Stateless; any thread. An access list that fails takes up to about a second to check.
+// Windows may also fetch certificates from the network, so hold no lock that others need during a
+// check.
 class VxAuthenticodeFacade final : public VxAuthenticodeFacadeBase {
  public:
   bool IsFileTrusted(const wchar_t* path) override;

@@ -203,8 +203,8 @@ bool VxAuthenticodeHelper::MayBeAllowed(const std::wstring& path) const {
   return false;
 }
 
-// Returns the full form of a path from the root of a drive. Any other path is returned unchanged:
-// it matches no prefix, and its full form would depend on the service's own folder.
+// Returns the full form of a path that starts at a drive's root. Any other path is returned
+// unchanged: it matches no prefix, and its full form would depend on the service's own folder.
 std::wstring VxAuthenticodeHelper::FullText(const std::wstring& expanded) const {
   if (!IsDrivePath(expanded)) return expanded;
   auto full = CurrentMachine().files->FullPath(expanded);

@@ -51,8 +51,8 @@ class VxAuthenticodeHelper {
   // Whether any of `records` was signed with a key in `keys`.
   static bool IsKeyPinned(const std::vector<SignatureRecord>& records, KeySet keys) noexcept;
 
-  // Whether only administrators can put programs where the file is: below an allowed prefix, or in
-  // a WindowsApps folder whose access list proves it. Blocks for up to a second per such folder.
+  // Whether only administrators can write to the file's location: below an allowed prefix, or in a
+  // WindowsApps folder whose access list proves it. Blocks for up to a second per such folder.
   bool IsPathAllowed(const std::wstring& path) const;
 
   // As IsPathAllowed, with the reasons.

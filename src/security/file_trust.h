@@ -12,7 +12,7 @@
 namespace Vx::Tessel::Security {
 
 // A trust decision with its reasons. The facade returns only the verdict, and vxhost shows the rest
-// to an operator, so that the explanation always belongs to the real decision.
+// to an operator, so that the explanation always matches the actual decision.
 struct FileTrust {
   bool trusted = false;
   bool pinsConfigured = false;  // the key set is not empty

@@ -22,7 +22,7 @@ class TrustedProgram {
   // or is not trusted. Logs each step, but leaves logging the verdict to the caller. Blocks for as
   // long as VxAuthenticodeFacade does, which includes network access by Windows. Opens a file only
   // if WhyNotOpened and the path rule accept its path, and reads it only if the path rule accepts
-  // where it really is.
+  // its actual location.
   //
   // If the lock fails but the program is found trusted, tries to lock it once more and checks it
   // again, because the process that prevented the first lock could have changed the file since.
@@ -34,8 +34,8 @@ class TrustedProgram {
   static std::optional<ProgramCheck> CheckUnchanged(const std::wstring& path,
                                                     const Platform::FileIdentity& known);
 
-  // Returns why a program with this path is not opened; None if it is a full path on a drive of
-  // this machine, without variables or control characters. Opens nothing; any thread.
+  // Returns why a program with this path would not be opened, or None if it is a full path on a
+  // local drive, without variables or control characters. Opens nothing; any thread.
   static Server::Records::Reason WhyNotOpened(const std::wstring& path);
 
   TrustedProgram(const TrustedProgram&) = delete;

@@ -41,7 +41,7 @@ struct NullCheck {
 
 // Checked accessors of a request document. None throws for bad input: each logs a missing or
 // mistyped member as a warning and returns false or an empty text. An identity of more than 64
-// characters ends the process.
+// characters terminates the process.
 
 // Logs every null pointer. Returns true if there is one.
 bool NullChecker(std::initializer_list<NullCheck> checks, const RequestCaller& caller);

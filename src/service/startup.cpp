@@ -68,7 +68,7 @@ bool WaitForOobe(const ServiceState& state) {
 // already ended its own, and these would be watched forever.
 void WatchStoredPackages(const ServiceState& state) {
   RegisterExistingPackageCatalogManagerRequests(&state, state.stopEvent);
-  // Without a stop event the service counts as ended, because its end would go unseen.
+  // A service without a stop event is treated as ended, because its end could not be noticed.
   if (PackageCompletion::HasEnded(state.stopEvent))
     PackageCatalogEventManager::clear_events(&state);
 }

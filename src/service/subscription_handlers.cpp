@@ -58,7 +58,7 @@ void Name(const Call& call, const SubscriptionForm& form, Faults faults = Faults
     *call.caller.problem = {L"request", L"will never run: ", error.message(), Reason::Unreadable};
     if (outcome.reason == Reason::None) outcome.reason = Reason::Unreadable;
   } catch (const std::exception&) {  // NOLINT(bugprone-empty-catch)
-    // The list is changed; without memory for a second look the result stays.
+    // The list has changed, so the result stays even if there is no memory for a second look.
   }
 }
 

@@ -21,7 +21,7 @@ std::uint32_t SubscribeToZephraEvent(const Call& call);
 std::uint32_t UnsubscribeFromPowerEvent(const Call& call);
 std::uint32_t UnsubscribeFromZephraEvent(const Call& call);
 
-// Id 16: raises the platform event of a changed policy. Returns 0.
+// Id 16: raises the platform event for a policy change. Returns 0.
 std::uint32_t ReportPolicyChange(const Call& call);
 
 }  // namespace Vx::Tessel::Server::Services::Orvane

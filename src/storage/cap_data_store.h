@@ -15,8 +15,9 @@
 namespace Vx::Tessel::Server::Storage {
 
 // The machine-wide key-value store that several services share: one protected file, read before
-// each change and written after it, each access under one named mutex. Cheap to create where
-// needed, for one thread. A process that dies during a change leaves the old content or the new.
+// each change and written after it, with every access guarded by one named mutex. Cheap to create
+// where needed, for one thread. A process that dies during a change leaves the old content or the
+// new.
 class CapDataStore {
  public:
   // The mutex that every access holds. Its name is documented, and other services use it too.

@@ -51,12 +51,12 @@ class SealedFile {
     bool cutShort = false;                      // shorter than its header, but not new
   };
 
-  // Reads the file. If it has no document, first adopts the sibling of an interrupted write and
-  // logs that. Returns NotOpened if such a sibling cannot be read. Temporary failures are retried,
-  // in Write too, for up to 250 ms in the life of this object.
+  // Reads the file. If it has no document, first adopts the sibling file left by an interrupted
+  // write and logs that. Returns NotOpened if such a sibling cannot be read. Temporary failures are
+  // retried, in Write too, for up to 250 ms in the life of this object.
   Reading Read();
 
-  // Like Read, but changes nothing: does not complete an interrupted write.
+  // Like Read, but does not complete an interrupted write, so changes nothing.
   Reading ReadOnce();
 
   // Replaces the file with this id and document. `before` is the last reading. Logs why it returns

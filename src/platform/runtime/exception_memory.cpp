@@ -21,7 +21,8 @@ namespace Vx::Platform {
 
 namespace {
 
-// The runtime's record before the thrown object. GCC 12 needs 160 bytes, later ones perhaps more.
+// The runtime's record before the thrown object. GCC 12 needs 160 bytes, and later versions may
+// need more.
 constexpr std::size_t kRecord = 256;
 constexpr std::size_t kSlot = kRecord + kLargestReservedException;
 constexpr std::size_t kAlignment = 16;

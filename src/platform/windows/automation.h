@@ -4,7 +4,7 @@
 
 namespace Vx::Platform {
 
-// oleaut32.dll, which provides WMI's texts, arrays and variants.
+// oleaut32.dll, which provides WMI's strings, arrays and variants.
 DeferredLibrary& Automation() noexcept;
 
 }  // namespace Vx::Platform

@@ -126,7 +126,8 @@ class WindowsPackageCatalog final : public PackageCatalog {
  private:
   using SubscriptionMap = std::map<Token, std::shared_ptr<Subscription>>;
 
-  // Closes first, so that a handler that the system does not remove does nothing.
+  // Marks the subscription closed first, so that a handler that Windows fails to remove does
+  // nothing.
   void Remove(Token token, Subscription& subscription) const noexcept {
     subscription.closed.store(true);
     const Abi::Apartment apartment;
