@@ -1,5 +1,4 @@
-// The C form of the contract against the C++ one: each entry has the signature of its virtual
-// function and lies where this compiler looks that function up.
+// Checks each entry of the C contract against the signature and slot of its virtual function.
 
 #include "host/completion_callback.h"
 #include "host/vx_service.h"
@@ -31,8 +30,7 @@ template <typename Result, typename... Arguments>
 auto FunctionInC(Result (Contract::VxService::*)(Arguments...)) ->
     typename InC<Result>::Type (*)(VxServiceObject*, typename InC<Arguments>::Type...);
 
-// Where a pointer to a virtual function says that its entry lies in the table: with this compiler
-// it is the entry's offset in bytes, plus one.
+// A virtual function's offset in its table. This compiler's member pointers hold it plus one.
 template <typename Member>
 std::size_t OffsetOf(Member member) {
   std::size_t words[2] = {};

@@ -1,6 +1,5 @@
-// The module as a host built with Microsoft's compiler uses it: compiled for that binary interface,
-// which decides how virtual functions are numbered, how a class is passed by value and who destroys
-// it. There is no C++ runtime and no C library here.
+// A host compiled for Microsoft's ABI, which numbers virtual functions, passes classes by value and
+// destroys them in its own way. Uses no C++ runtime and no C library.
 #include <stddef.h>
 #include <stdint.h>
 
@@ -21,7 +20,7 @@ __declspec(dllimport) int WriteFile(void* file, const void* data, unsigned size,
                                     void* overlapped);
 int _fltused = 0;
 
-// What compilers call without being asked.
+// Functions that the compiler calls implicitly.
 void* memset(void* memory, int value, size_t size) {
   for (size_t i = 0; i < size; ++i) {
     static_cast<volatile unsigned char*>(memory)[i] = static_cast<unsigned char>(value);
@@ -74,9 +73,8 @@ bool Same(const wchar_t* a, const wchar_t* b) {
   return *a == *b;
 }
 
-// The host's standard function object as Microsoft's library lays it out: 56 bytes for a small
-// callable, then the pointer to it. A class with these members is passed as the address of a copy
-// that the called side destroys.
+// The host's standard function object in Microsoft's layout: 56 bytes for a small callable, then a
+// pointer to it. It is passed as the address of a copy that the callee destroys.
 struct Callable {
   virtual Callable* Copy(void* where) const = 0;
   virtual Callable* Move(void* where) = 0;
@@ -146,7 +144,7 @@ class Function {
 static_assert(sizeof(Function) == 64);
 static_assert(sizeof(Function) == sizeof(Contract::CompletionCallback));
 
-// The abstract service class as the host's own header has it.
+// The abstract service class as the host's own header declares it.
 class HostService {
  public:
   virtual ~HostService() = default;

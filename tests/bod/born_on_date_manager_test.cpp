@@ -65,7 +65,7 @@ TEST_F(BornOnDateManagerTest, TakesTheDayThatSetUpEndedOnlyWhenItIsEarlier) {
     const char* name = nullptr;
     SYSTEMTIME stamp{};
     const char* written = nullptr;
-    std::size_t size = sizeof(SYSTEMTIME);  // of the stored value
+    std::size_t size = sizeof(SYSTEMTIME);  // bytes in the store
     DWORD type = REG_BINARY;
   } kCases[] = {
       {"before", {2023, 4, 4, 6, 23, 59, 59, 0}, "20230406"},
@@ -88,7 +88,6 @@ TEST_F(BornOnDateManagerTest, TakesTheDayThatSetUpEndedOnlyWhenItIsEarlier) {
   }
 }
 
-// What is written over what is in scenarios/.
 TEST_F(BornOnDateManagerTest, WritesOverAValidDateIfToldNotToLook) {
   Hold("20200102");
   BornOnDateManager writer(false);
@@ -118,7 +117,7 @@ TEST_F(BornOnDateManagerTest, RefusesADateThatTheFirmwareCannotTake) {
   EXPECT_EQ(firmware.BornOnDate(), "");
 }
 
-// What cannot be read may be a valid date, which a write would replace for good.
+// An unreadable date may still be valid, and a write would destroy it.
 TEST_F(BornOnDateManagerTest, LeavesFirmwareAndStoreAloneWhileTheDateCannotBeReadWhole) {
   const struct {
     const char* name;

@@ -10,7 +10,7 @@ CalendarTime Day(int year, int month, int day) {
           static_cast<std::uint16_t>(day)};
 }
 
-// Compares with the standard library's calendar, for the year that the text spells.
+// Compares with the standard library's calendar for the year in the text.
 TEST(BornOnDateTest, AgreesWithTheCalendarOnEveryDayFieldOf1970To2100) {
   for (int year = 1970; year <= 2100; ++year) {
     for (unsigned month = 0; month <= 99; ++month) {
@@ -73,14 +73,14 @@ TEST(WriteDigitsTest, WritesTheDigitsOfTheDayAndNothingBehindThem) {
   EXPECT_EQ(Written(BODFormat::SixDigits, Day(2024, 12, 31), 10), "041231????");
   EXPECT_EQ(Written(BODFormat::SixDigits, Day(2031, 1, 2), 6), "010102") << "the decade is lost";
   EXPECT_EQ(Written(BODFormat::EightDigits, Day(65535, 65535, 65535), 8), "65536553")
-      << "fields too wide are cut to their columns";
+      << "fields that are too wide are truncated";
 }
 
 TEST(WriteDigitsTest, RefusesABufferThatIsTooSmall) {
   EXPECT_THROW(Written(BODFormat::SixDigits, Day(2024, 1, 1), 5), std::invalid_argument);
   try {
     Written(BODFormat::EightDigits, Day(2024, 1, 1), 7);
-    ADD_FAILURE() << "seven bytes were taken for eight digits";
+    ADD_FAILURE() << "seven bytes were accepted as eight digits";
   } catch (const std::invalid_argument& error) {
     EXPECT_STREQ(error.what(), "BornOnDateManager::determine_date_to_assign - vector too small");
   }

@@ -54,7 +54,6 @@ class VxBiosWmiTest : public ::testing::Test {
                                bytes.data(), 0, nullptr, &returnCode);
   }
 
-  // Runs a write, expects `result`, and clears the log and the calls.
   void ExpectWrite(std::int32_t result) {
     {
       VxBiosWmi bios;
@@ -64,7 +63,7 @@ class VxBiosWmiTest : public ::testing::Test {
     ExpectNothingLeft();
   }
 
-  // Runs a read whose reply is unusable, and expects one log line about it and `result`.
+  // Runs a read with an unusable reply and expects it to log `line` and return `result`.
   void ExpectUnreadable(const std::wstring& line, std::int32_t result) {
     VxBiosWmi bios;
     EXPECT_EQ(Read(bios), S_OK);
@@ -112,7 +111,6 @@ TEST_F(VxBiosWmiTest, ReadsAndWritesABlockThroughTheMethodOfItsSizeOnOneConnecti
   EXPECT_THAT(log.Lines(), IsEmpty());
 }
 
-// What each of these logs and returns is in scenarios/.
 TEST_F(VxBiosWmiTest, AStepThatFailsLeavesNothingBehind) {
   for (const char* step :
        {"GetObject zrkBIntM", "GetMethod", "GetObject zrkBDataIn", "SpawnInstance zrkBDataIn",
@@ -124,13 +122,13 @@ TEST_F(VxBiosWmiTest, AStepThatFailsLeavesNothingBehind) {
   }
   firmware.Fail("MakeByteArray", 0);
   ExpectWrite(E_FAIL);
-  // The channel did not enter the apartment, so it must not leave it.
+  // If CoInitializeEx failed, CoUninitialize must not be called.
   firmware.Fail("CoInitializeEx", static_cast<std::int32_t>(RPC_E_CHANGED_MODE));
   ExpectWrite(S_OK);
 }
 
 TEST_F(VxBiosWmiTest, ACommandWhoseConnectionFailsIsEFailAndTheNextOneConnectsAnew) {
-  // Only the first leaves COM entered.
+  // Only a failure of CoCreateInstance leaves COM initialized.
   for (const char* step : {"CoCreateInstance", "ConnectServer", "SetBlanket"}) {
     SCOPED_TRACE(step);
     firmware.Fail(step, kDenied);
@@ -147,7 +145,7 @@ TEST_F(VxBiosWmiTest, ACommandWhoseConnectionFailsIsEFailAndTheNextOneConnectsAn
 }
 
 TEST_F(VxBiosWmiTest, ATextThatCannotBeMadeIsThrownAndNothingIsLeftBehind) {
-  // The namespace, two classes, the instances' class, the path and the method.
+  // One text each for the namespace, two classes, the instances' class, the path and the method.
   for (unsigned skip = 0; skip < 6; ++skip) {
     SCOPED_TRACE(skip);
     firmware.FailAfter("MakeText", skip, 0);
@@ -163,7 +161,7 @@ TEST_F(VxBiosWmiTest, ATextThatCannotBeMadeIsThrownAndNothingIsLeftBehind) {
   firmware.ClearFailures();
 }
 
-// Returns an array that is typed as bytes, whatever its elements are.
+// Stores an array in `value` that claims to hold bytes, whatever its element type.
 void MakeArray(VARIANT& value, VARTYPE type, LONG lower, ULONG count) {
   VariantClear(&value);
   V_VT(&value) = VT_ARRAY | VT_UI1;
@@ -189,7 +187,7 @@ void MakeNullArray(VARIANT& value) {
   V_ARRAY(&value) = nullptr;
 }
 
-// An array that is locked so often that SafeArrayGetElement cannot lock it once more.
+// Stores an array in `value` with the highest lock count, so SafeArrayGetElement cannot lock it.
 void MakeLocked(VARIANT& value) {
   VariantClear(&value);
   static SAFEARRAY* const array = SafeArrayCreateVector(VT_UI1, 0, kBlock);
@@ -198,7 +196,6 @@ void MakeLocked(VARIANT& value) {
   V_ARRAY(&value) = array;
 }
 
-// Which line each refused step of a reply logs is in scenarios/.
 TEST_F(VxBiosWmiTest, AHostileReplyIsLoggedAndLeavesTheBufferAlone) {
   const std::wstring noObject = L"OutputDataBlock->QueryInterface(OutputDataObject)";
   firmware.FailAfter("MakeByteArray", 1, 0);
@@ -264,7 +261,6 @@ TEST_F(VxBiosWmiTest, AnArrayThatStartsHigherFillsThePlacesThatItsIndicesName) {
   EXPECT_EQ(bios.OutputResult(), kNotTheBlock) << "the first three bytes are unknown";
 }
 
-// Uses this machine's real COM, without simulated firmware.
 TEST_F(VxBiosWmiTest, ReachesARegisteredLocatorThroughComItself) {
   const Platform::MachineScope real(
       [](Platform::Machine& machine) { machine.com = Platform::WindowsMachine().com; });

@@ -7,10 +7,9 @@
 namespace Vx::Tessel::Server::Services::Orvane::Aurelo {
 namespace {
 
-// What an hour later and other failures bring is in scenarios/.
 using AureloScheduleTest = Tests::StoreTest;
 
-// Or each start of the service would launch it again while the store cannot be read or written.
+// Otherwise each service start would launch the app again while the store is inaccessible.
 TEST_F(AureloScheduleTest, LaunchesOnlyWhatItCouldMark) {
   machine.packages.Install({L"7C3B9E40.AureloCenter_r4x2m8kq7tn3b", L"Aurelo_1", {}}, L"ann");
   const auto start = [&] {

@@ -119,7 +119,6 @@ TEST_F(RegistrationDataTest, CopiesTheMachinesDataOverTheUsersWithTheUsersRights
   EXPECT_EQ(accesses, 8);
   EXPECT_FALSE(machine.users.Acting());
 
-  // The first path, the second path and the right to copy are refused in turn.
   const std::pair<const char*, std::size_t> refused[] = {{"Environment.ExpandForUser", 0},
                                                          {"Environment.ExpandForUser", 1},
                                                          {"Sessions.Impersonate", 2}};
@@ -130,7 +129,7 @@ TEST_F(RegistrationDataTest, CopiesTheMachinesDataOverTheUsersWithTheUsersRights
   EXPECT_EQ(accesses, 8);
 }
 
-// During the second of the three steps, and between that and the third.
+// The user changes during the second of the three steps, or between the second and the third.
 TEST_F(RegistrationDataTest, CopiesNothingWithTheRightsOfAnotherUser) {
   Tests::WriteText(Source(), "new");
   Tests::WriteText(Destination(), "old");
@@ -151,8 +150,7 @@ TEST_F(RegistrationDataTest, CopiesNothingWithTheRightsOfAnotherUser) {
   EXPECT_EQ(Tests::ReadText(Destination()), "old");
 }
 
-// A program of the user holds up each change of a file, until the thread's call is cancelled or,
-// if that has no effect, until the hold ends.
+// Blocks each file change, as a user's program can, until CancelIo runs while `cancels` is true.
 class HeldUpFiles final : public Platform::Threads {
  public:
   explicit HeldUpFiles(Platform::Machine& platform) : clock(*platform.clock) {
@@ -201,7 +199,7 @@ TEST_F(RegistrationDataTest, AUserWhoHoldsUpTheCopyHoldsUpNeitherAResumeNorAComm
     return machine.clock.Elapsed() - begin;
   };
   Tests::WriteText(Source(), "new");
-  // The partial file can be held up as well when it is removed.
+  // Removing the partial file can be held up too.
   EXPECT_EQ(secondsOfCopy(false), seconds(30) + std::chrono::milliseconds(100));
   EXPECT_EQ(machine.clock.Workers(), 0U);
   EXPECT_EQ(log.Lines().back(),
@@ -218,7 +216,7 @@ TEST_F(RegistrationDataTest, AUserWhoHoldsUpTheCopyHoldsUpNeitherAResumeNorAComm
   EXPECT_EQ(secondsOfCopy(false), seconds(0));
   EXPECT_EQ(log.Lines().back(),
             L"warning|CopyRegistration - not begun, because an earlier copy hangs");
-  // Each further command cancels it again: its write, then the removal of the partial file.
+  // The next two commands cancel the hung copy's write and then its removal of the partial file.
   held->cancels = true;
   for (int i = 0; i < 2; ++i) {
     EXPECT_EQ(secondsOfCopy(false), seconds(0));

@@ -47,7 +47,7 @@ TEST_F(QuboFacadeTest, ResumeLaunchesOnceForEachReasonAndWheneverItIsForced) {
       {nothing, Point::None, determining},
       {[&] {
          std::filesystem::create_directories(programs.Path() / "vx" / "SentraPre");
-         refused = true;  // which uses the reason up all the same
+         refused = true;  // a launch that is refused uses up the reason too
        },
        Point::Software, saving + L"software_happened"},
       {nothing, Point::None, determining},
@@ -65,7 +65,7 @@ TEST_F(QuboFacadeTest, ResumeLaunchesOnceForEachReasonAndWheneverItIsForced) {
     if (refused) machine.faults.FailNamed("Processes.Start");
     const auto explained = QuboFacade().ExplainResume();
     EXPECT_EQ(explained.startingPoint, c.point);
-    EXPECT_EQ(explained.answers.empty(), c.point == Point::Forced);  // a forced launch asks nothing
+    EXPECT_EQ(explained.answers.empty(), c.point == Point::Forced);
     log.Clear();
     EXPECT_EQ(QuboFacade().LaunchUwpWhenComingBackFromSleepIfNeeded(), c.point);
     EXPECT_TRUE(log.Has(kChecking));
@@ -128,7 +128,7 @@ TEST_F(QuboFacadeTest, TellsPlaceholdersOfThePredecessorByItsVersion) {
   }
 }
 
-// Starts a real program of a real user through its alias. No parameter names another program.
+// Starts a real program through its alias. The parameter must not select another program.
 TEST_F(QuboFacadeTest, AParameterReachesTheStartedAppAsItWasGiven) {
   const Tests::TempFolder profile;
   const auto aliases = profile.Path() / "AppData" / "Local" / "Microsoft" / "WindowsApps";
@@ -136,8 +136,7 @@ TEST_F(QuboFacadeTest, AParameterReachesTheStartedAppAsItWasGiven) {
   std::filesystem::copy_file(Tests::ProbePath(), aliases / "Qubo.exe");
   const Tests::EnvironmentOverride variable(L"USERPROFILE", profile.Path().wstring());
   machine.packages.Install({kQuboFamily, kQuboName, profile.Path().wstring()}, L"ann");
-  machine.users.Impersonate(
-      machine.users.TokenOf(L"ann")->get());  // the query is about this user's packages
+  machine.users.Impersonate(machine.users.TokenOf(L"ann")->get());  // whose packages are queried
   const Platform::MachineScope real([](Platform::Machine& platform) {
     platform.sessions = Platform::WindowsMachine().sessions;
     platform.processes = Platform::WindowsMachine().processes;
@@ -167,7 +166,7 @@ TEST_F(QuboFacadeTest, NeitherRegistersNorNotifiesWithAnExceptionWhenMemoryRunsO
       }
     }
   };
-  walk();  // the runtime creates what it then keeps
+  walk();  // allocates what the runtime keeps
   const auto handles = Tests::HandleGauge();
   walk();
   EXPECT_EQ(Tests::HandleGauge(), handles);

@@ -19,15 +19,15 @@ struct World final : Base::RegistrationCheckBehavior, Base::ModeCheckBehavior {
   };
   struct Mark final : Base::ApplicationLaunchCriteriaDataAccess {
     bool SaveSkipState(bool) const override {
-      ADD_FAILURE() << "a decision did something";
+      ADD_FAILURE() << "the decision had a side effect";
       return true;
     }
     bool ShouldBeSkipped() const override { return used; }
     bool used = false;
   };
 
-  // The bits from the lowest: first software preloaded and installed, second software preloaded and
-  // installed, was and is in S mode, software used, registration used.
+  // Bits from 0: first software preloaded, first installed, second preloaded, second installed, was
+  // in S mode, is in S mode, software used, registration used.
   World(unsigned bits, State state) : registration(state) {
     const auto bit = [bits](unsigned n) { return (bits >> n & 1U) != 0; };
     first.preloaded = bit(0);
@@ -56,8 +56,8 @@ struct World final : Base::RegistrationCheckBehavior, Base::ModeCheckBehavior {
   State registration;
 };
 
-// The rule without an order of asking. Missing software counts on a machine that left S mode,
-// skipped registration on one that is or was in S mode, each once, software first.
+// The rule itself, without an order of questions: missing software on a machine that left S mode,
+// then skipped registration on a machine that is or was in S mode. Each launches once.
 QuboStartingPoint Expected(const World& world) {
   const bool missing = (world.first.preloaded && !world.first.installed) ||
                        (world.second.preloaded && !world.second.installed);
@@ -78,15 +78,14 @@ TEST(ResumeDecisionTest, IsTheRuleInEveryWorld) {
   }
 }
 
-// The decision asks only what it needs, because a question costs a trust check, a package query or
-// a read of the store.
+// Each question costs a trust check, a package query or a store read.
 TEST(ResumeDecisionTest, NamesTheRuleThatSettledItAndAsksNoMoreThanThat) {
   constexpr State kSkipped = State::SkippedOobe;
   static constexpr struct {
     ResumeRule rule;
     unsigned bits;
     State state;
-    std::string_view asked;  // the questions, each by its number
+    std::string_view asked;  // question numbers
   } cases[] = {
       {ResumeRule::RegistrationNotSkipped, 0, State::Yes, "026"},
       {ResumeRule::Software, 0x11, State::Yes, "0145"},

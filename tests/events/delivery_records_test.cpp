@@ -1,4 +1,4 @@
-// What the record of a delivery names. Its decisions and reasons are in scenarios/, except these.
+// The contents of delivery records. scenarios/ covers most decisions and reasons.
 
 #include "records/record.h"
 #include "support/test.h"
@@ -25,7 +25,7 @@ std::wstring Launch(const std::wstring& path) {
 
 class DeliveryRecordsTest : public Tests::PackageEventFixture {
  protected:
-  // `records` with the hash of `request` in place of "#".
+  // Returns `records` with the "#" in each replaced by the hash of `request`.
   static std::vector<std::wstring> Of(const std::wstring& request,
                                       std::vector<std::wstring> records) {
     for (std::wstring& record : records) {
@@ -84,7 +84,7 @@ TEST_F(DeliveryRecordsTest, SayHowEachEndedAndWhy) {
     EXPECT_EQ(log.Records(), Of(c.request, c.records));
     EXPECT_THAT(log.Deliveries(), Each(Gt(last)));
     last = log.Deliveries().back();
-    EXPECT_THAT(log.Deliveries(), Each(last)) << "one number for one delivery";
+    EXPECT_THAT(log.Deliveries(), Each(last)) << "a delivery keeps its number";
     machine.timeline.SetListener({});
   }
 }

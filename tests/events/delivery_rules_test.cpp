@@ -35,7 +35,7 @@ TEST(LeadingInteger, ReadsTheWholeLeadingNumberAndNoMore) {
       {L"- 5", none},
       {L"five", none},
       {std::wstring{L'\0', L'5'}, none},
-      {L"\u0665", none},  // a digit of another script
+      {L"\u0665", none},  // a non-ASCII digit
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(testing::PrintToString(c.text.substr(0, 40)));
@@ -46,10 +46,10 @@ TEST(LeadingInteger, ReadsTheWholeLeadingNumberAndNoMore) {
 TEST(ElapsedMilliseconds, IsTheAbsoluteDifferenceIn32Bits) {
   EXPECT_EQ(ElapsedMilliseconds(1000, 1000), 0);
   EXPECT_EQ(ElapsedMilliseconds(0xFFFFFFF0, 0x100000010), 0x20);
-  EXPECT_EQ(ElapsedMilliseconds(5000, 1000), 4000);  // a clock that went back
+  EXPECT_EQ(ElapsedMilliseconds(5000, 1000), 4000);  // the clock was set back
   EXPECT_EQ(ElapsedMilliseconds(0, 0x7FFFFFFF), 0x7FFFFFFF);
   EXPECT_EQ(ElapsedMilliseconds(0, 0x80000000),
-            0x80000000);  // the negative number without a positive one
+            0x80000000);  // has no positive counterpart
   EXPECT_EQ(ElapsedMilliseconds(0, 0x80000001), 0x7FFFFFFF);
   EXPECT_EQ(ElapsedMilliseconds(0, 0x100000007), 7);
 }
@@ -69,7 +69,7 @@ TEST(IsOverdue, ToleratesTwoSecondsEitherWay) {
       {10, 12001, true},  {10, 8000, false},
       {10, 7999, true},   {-2, 0, false},
       {-3, 0, true},      {kMax, std::int64_t{kMax} * 1000, false},
-      {kMax, 1000, true},  // as measured in 32 bits
+      {kMax, 1000, true},  // kMax seconds, wrapped to 32 bits
       {kMin, 0, true},
   };
   for (const auto& c : kCases) {

@@ -13,7 +13,7 @@ namespace {
 
 using Json::JsonObject;
 
-// The order of the slots is a contract with code that knows only the table.
+// Some callers know only the table, so the order of its slots is part of the contract.
 TEST(EventCommand, ExecutesThroughItsFirstSlotAndAnswersThroughItsSecond) {
   LaunchCommand launch(JsonObject::Parse(LR"({"path":""})"));
   PackageEventCommand& command = launch;
@@ -108,23 +108,22 @@ TEST_F(RealLaunchTest, StartsWhatItCheckedAhead) {
   EXPECT_TRUE(Tests::WaitForProbe(path + L".out"));
 }
 
-// Updates of a program that waits for other commands of its kind. Each holds the turn until it has
-// updated the program, or found it locked for long.
+// Each update holds the turn until it has replaced the program or given up on a locked file.
 TEST_F(RealLaunchTest, CanBeUpdatedWhileItWaitsForItsTurnAndIsThenCheckedAgain) {
   const struct {
     std::vector<const wchar_t*> updates;
-    int inTurn;  // checks that read the file and hold up other commands
+    int inTurn;  // checks that read the file while holding the turn
     std::size_t locks;
     int seconds;
     bool runs;
   } cases[] = {
-      {{L"pinned.exe"}, 1, 2, 1, true},  // the same size and time
+      {{L"pinned.exe"}, 1, 2, 1, true},  // same size and timestamp
       {{L"expired.exe"}, 0, 3, 1, true},
       {{L"unsigned.exe"}, 0, 3, 1, false},
       {{L"expired.exe", L"pinned.exe", nullptr}, 0, 5, 2, true},
   };
   const std::wstring path = folder / L"pinned.exe";
-  Simulator::VirtualClock clock;  // waits take no time on it
+  Simulator::VirtualClock clock;  // waits return at once
   const Platform::MachineScope scope([&](Platform::Machine& machine) { machine.clock = &clock; });
   const auto update = [&](const wchar_t* file, int polls) {
     for (; polls > 0; --polls) {
@@ -172,9 +171,9 @@ TEST_F(RealLaunchTest, CanBeUpdatedWhileItWaitsForItsTurnAndIsThenCheckedAgain) 
   }
 }
 
-// Why others are not trusted is in vxhost/explanation_test.cpp.
+// vxhost/explanation_test.cpp covers the other reasons for distrust.
 TEST_F(RealLaunchTest, StartsNothingThatIsNotTrustedAndLetsItGo) {
-  // The key of the first is not in the restricted set.
+  // The key of general.exe is not in the restricted set.
   for (const wchar_t* name : {L"general.exe", L"unsigned.exe"}) {
     const std::wstring path = folder.Hold(name);
     EXPECT_EQ(Command(path).Execute().decision, Records::Decision::Refused);
@@ -185,9 +184,8 @@ TEST_F(RealLaunchTest, StartsNothingThatIsNotTrustedAndLetsItGo) {
   }
 }
 
-// A process that may write to a file of the maker in a protected place has the file open while the
-// service tries its first lock, lets go for the check of the signatures, and then changes what lies
-// at the path.
+// An attacker with write access keeps the file open during the first lock attempt, closes it for
+// the signature check, and then changes what the path refers to.
 TEST_F(RealLaunchTest, StartsNothingThatChangedAfterALockThatFailed) {
   const Tests::ProtectedFolder forged;
   std::filesystem::copy_file(Tests::PkiFile(L"unsigned.exe"), forged / L"pinned.exe");
@@ -212,8 +210,8 @@ TEST_F(RealLaunchTest, StartsNothingThatChangedAfterALockThatFailed) {
     std::wstring path;
     std::function<void()> afterTheVerdict;
     std::function<void()> afterTheSecondLock;
-    std::size_t locks;     // that succeed
-    std::size_t verdicts;  // on a signed file
+    std::size_t locks;     // successful ones
+    std::size_t verdicts;  // that Windows trusts the file
     bool starts;
   } cases[] = {
       {"overwritten", program, [&] { overwrite(program); }, nothing, 1, 1, false},
@@ -254,7 +252,7 @@ TEST_F(RealLaunchTest, StartsNothingThatChangedAfterALockThatFailed) {
   way.reset();
 }
 
-// Every log line of a command, from the lock on, is written while the file is held.
+// Every line that the command logs after its lock is logged while the file is locked.
 TEST_F(RealLaunchTest, KeepsTheFileFromWritersFromItsCheckToItsStart) {
   const std::wstring path = folder.Hold(L"pinned.exe");
   std::vector<bool> writable;

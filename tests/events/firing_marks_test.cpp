@@ -18,7 +18,7 @@ std::wstring Request(int event) {
   return Tests::PackageRequest(std::to_wstring(event));
 }
 
-// Subscriptions of two services of one process. Only ann is notified of an uninstall.
+// Two services in one process subscribe. Only ann's catalog reports an uninstall.
 class OneShotTest : public Tests::PackageEventFixture {
  protected:
   ~OneShotTest() override {
@@ -78,7 +78,7 @@ TEST_F(OneShotTest, IsCompletedWhenTheStoreIsBack) {
     const char* name;
     std::size_t failures;
     std::function<void()> atTheSecond;
-    std::function<void()> then;  // empty: it is completed by then
+    std::function<void()> then;  // empty if already completed
   } cases[] = {
       {"at the third try", 2, [&] { machine.faults.Clear(); }, {}},
       {"at the next replay", 3, [] {}, [&] { Replay(first); }},
@@ -116,7 +116,7 @@ TEST_F(OneShotTest, IsRegisteredOnceForEachUserHoweverOftenUsersLogOn) {
   EXPECT_EQ(machine.packages.Handlers(L"ann"), 1U);
   EXPECT_EQ(machine.packages.Handlers(L"bob"), 1U);
   EXPECT_EQ(machine.clock.Workers(), 2U);
-  // One that cannot watch, or of an unknown user, ends no other.
+  // A replay that cannot watch, or whose user is unknown, does not end another user's watch.
   for (const char* call : {"PackageCatalog.AddUninstalling", "Sessions.SidOf"}) {
     machine.faults.FailNamed(call);
     Replay(first);
@@ -127,7 +127,7 @@ TEST_F(OneShotTest, IsRegisteredOnceForEachUserHoweverOftenUsersLogOn) {
   EXPECT_THAT(Sent(), SizeIs(1));
 }
 
-// A process that ends takes its marks with it, but leaves what is stored.
+// The marks end with the process. The stored requests remain.
 TEST_F(OneShotTest, RunsAgainAfterARestartOnlyIfItWasNotCompleted) {
   for (const bool completed : {true, false}) {
     const std::size_t sent = Sent().size();
@@ -150,7 +150,7 @@ TEST_F(OneShotTest, RunsAgainAfterARestartOnlyIfItWasNotCompleted) {
   }
 }
 
-// The stored one has run and only waits for its completion, so it is not the client's.
+// The stored request has run and only awaits completion, so the client's is a new one.
 TEST_F(OneShotTest, IsSubscribedAnewAlthoughItCouldNotBeCompleted) {
   Subscribe(Request(5));
   UninstallBeforeTheStoreFails();
@@ -167,7 +167,7 @@ TEST_F(OneShotTest, IsSubscribedAnewAlthoughItCouldNotBeCompleted) {
   EXPECT_EQ(Stored(), L"[]");
 }
 
-// It fires while a replay handles the request before it in the list.
+// The second request fires while a replay handles the first.
 TEST_F(OneShotTest, DoesNotRunAgainForAListThatWasReadBefore) {
   for (const bool gone : {false, true}) {
     RequestManager(kServiceDocument, kPackageSubscriptions).PersistRequest(Request(6));
@@ -205,7 +205,7 @@ class UnlockTrap final : public Simulator::SimulatedKernelObjects {
   std::function<void()> action;
 };
 
-// A client subscribes the text again while a replay finds that it has gone since the list was read.
+// A client repeats the subscription just after a replay has found it missing from the store.
 TEST_F(OneShotTest, WatchesWhatIsSubscribedAgainWhileAReplayFindsItGone) {
   RequestManager(kServiceDocument, kPackageSubscriptions).PersistRequest(Request(6));
   Subscribe(Request(5));
@@ -237,7 +237,7 @@ TEST_F(OneShotTest, WatchesWhatIsSubscribedAgainWhileAReplayFindsItGone) {
   PackageCatalogEventManager::clear_events();
 }
 
-// Another request of the list is completed while the list is replayed, and then the store fails.
+// During the replay another request in the list is completed, and then the store fails.
 TEST_F(OneShotTest, IsWatchedAlsoWhenTheStoreCannotSayWhetherItIsStored) {
   RequestManager(kServiceDocument, kPackageSubscriptions).PersistRequest(Request(6));
   Subscribe(Request(7));
@@ -258,12 +258,12 @@ TEST_F(OneShotTest, IsWatchedAlsoWhenTheStoreCannotSayWhetherItIsStored) {
   EXPECT_THAT(Stored(), Not(HasSubstr(lasting)));
 }
 
-// A replay may read the list between the moments when a request and its mark are stored.
+// A replay may read the list after a request is stored but before its mark is.
 TEST(FiringMarksTest, AStoredRequestHasOneMarkUntilItHasRunOrIsTakenBack) {
   const auto ofReplay = FiringMarks::Of(L"a request");
   EXPECT_EQ(FiringMarks::Renew(L"a request"), ofReplay);
   FiringMarks::Forget(L"a request", ofReplay);
-  EXPECT_FALSE(ofReplay->RunOnce([] { ADD_FAILURE() << "ran for a request that was taken back"; }));
+  EXPECT_FALSE(ofReplay->RunOnce([] { ADD_FAILURE() << "ran for a request that was withdrawn"; }));
   const auto next = FiringMarks::Renew(L"a request");
   EXPECT_TRUE(next->RunOnce([] {}));
   EXPECT_NE(FiringMarks::Renew(L"a request"), next);
@@ -300,7 +300,7 @@ TEST_F(OneShotTest, RunsWhenItsSessionEndsWhileItWaitsForAnotherCommand) {
   EXPECT_EQ(Stored(), L"[]");
 }
 
-// The command does not end before the replay, which finds the package gone, has.
+// The command runs until the replay, which finds the package gone, has ended.
 TEST_F(OneShotTest, IsNotWaitedForByALogon) {
   Subscribe(Request(5));
   machine.packages.Uninstall(kFamily, L"bob", std::chrono::milliseconds(0));

@@ -15,7 +15,7 @@ inline std::wstring PackageRequest(const std::wstring& event,
          LR"(","catalogActionParams":{"packageFamilyName":"f","appServiceName":"s","payload":{}}})";
 }
 
-// A notification whose completion state the test supplies. `arrived` runs when it comes.
+// The test supplies the completion state. `arrived` runs when the event manager reads the family.
 class FakeUninstall final : public Platform::PackageUninstall {
  public:
   explicit FakeUninstall(
@@ -37,7 +37,7 @@ class FakeUninstall final : public Platform::PackageUninstall {
   std::function<void()> arrives;
 };
 
-// The package is bob's, so that it can be uninstalled without a notification to ann's catalogs.
+// The package belongs to bob, so that uninstalling it does not notify ann's catalogs.
 class PackageEventFixture : public StoreTest {
  protected:
   PackageEventFixture() {

@@ -77,7 +77,7 @@ TEST_F(PackageEventTest, ChecksAProgramWithoutHoldingUpOtherNotifications) {
   }
 }
 
-// They come while the program of the first is checked, two of its package and one of another.
+// Three more arrive while the first one's program is checked: two for its package, one for another.
 TEST_F(PackageEventTest, LogsNoNotificationThatComesAfterTheOneThatRunsItsCommand) {
   Register(LaunchRequest(L"5"));
   std::vector<std::jthread> others;
@@ -158,9 +158,9 @@ TEST_F(PackageEventTest, LeavesNothingBehindWhenNoThreadCanBeStarted) {
 }
 
 TEST(PackageEventStress, SurvivesEverythingAtOnce) {
-  constexpr int kTurns = 100;             // of each thread
-  constexpr int kEnough = 5;              // events that fired
-  Simulator::SimulatedMachine simulated;  // without its clock
+  constexpr int kTurns = 100;             // per thread
+  constexpr int kEnough = 5;              // fired events
+  Simulator::SimulatedMachine simulated;  // except its clock
   simulated.users.LogOn(L"ann");
   simulated.packages.Install({kFamily, L"App_1", {}}, L"ann");
   simulated.packages.Install({L"Other", L"Other_1", {}}, L"ann");
@@ -176,7 +176,7 @@ TEST(PackageEventStress, SurvivesEverythingAtOnce) {
       [&] { Manager::register_event(PackageRequest(L"7", L"Other"), count); },
       [&] { simulated.packages.Notify(L"ann", FakeUninstall(kFamily)); },
       [&] { simulated.packages.Notify(L"ann", FakeUninstall(L"Other")); },
-      // Runs rarely, so that some events live long enough to fire.
+      // Rarely, so that some events live long enough to fire.
       [&] {
         Sleep(20);
         Manager::clear_events();

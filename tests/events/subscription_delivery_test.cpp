@@ -1,4 +1,4 @@
-// Deliveries that no scenario can play. What the others log, and when, is in scenarios/.
+// Deliveries that no scenario can play. scenarios/ covers what the others log, and when.
 
 #include "events/subscription_delivery.h"
 
@@ -90,7 +90,6 @@ TEST_F(DeliveryTest, LogsACommandThatFailsAndRunsTheNext) {
 
 class ReplayTest : public DeliveryTest {
  protected:
-  // Returns how many workers an event starts for the stored list, once they have ended.
   std::ptrdiff_t Replay(const DeliveryKind& kind, const std::wstring& list) {
     Storage::CapDataStore().mergeMember(kServiceDocument, kind.form.list,
                                         Storage::BsonElement::Text(list));

@@ -50,7 +50,7 @@ TEST_F(WaitingDeliveriesTest, TheSixtyFifthOfOneSubscriptionIsDropped) {
   EXPECT_EQ(machine.clock.Workers(), 1U);
 }
 
-// Keeps the workers that it is asked for until they are let go, which costs no thread.
+// Holds each requested worker, without a thread, until LetGo runs it.
 class HeldThreads final : public Platform::Threads {
  public:
   Platform::Result<Platform::UniqueHandle> Start(std::function<void()> body) override {
@@ -73,7 +73,7 @@ TEST_F(WaitingDeliveriesTest, TheOneAfterAThousandAndTwentyFourOfAllKindsIsDropp
   HeldThreads threads;
   const Platform::MachineScope holding([&](auto& platform) { platform.threads = &threads; });
   int made = 0;
-  const auto deliver = [&] {  // to a platform and a power request in turn
+  const auto deliver = [&] {  // alternates between platform and power requests
     std::wstring request = Delayed(L"0", std::to_wstring(++made));
     const bool power = made % 2 == 0;
     if (!power) {
@@ -82,7 +82,7 @@ TEST_F(WaitingDeliveriesTest, TheOneAfterAThousandAndTwentyFourOfAllKindsIsDropp
     (power ? kPowerEvents : kZephraEvents).handleEvent(request, nullptr, 7, nullptr);
     return request;
   };
-  for (int i = 0; i < 1025; ++i) {  // none of which takes a place
+  for (int i = 0; i < 1025; ++i) {  // these occupy no slot
     PowerEventManager::handle_event(L"{}", nullptr, 7);
     PowerEventManager::handle_event(Delayed(L"0"), nullptr, 8);
   }
@@ -101,8 +101,7 @@ TEST_F(WaitingDeliveriesTest, TheOneAfterAThousandAndTwentyFourOfAllKindsIsDropp
   EXPECT_EQ(told, 1);
   EXPECT_THAT(log.Records(), ElementsAre(StartsWith(L"platform 7 dropped:too_many_of_all f/1027"),
                                          StartsWith(L"power 7 dropped:too_many_of_all f/1028")));
-  // One that runs its command still counts.
-  machine.timeline.SetListener([&](const auto&) { deliver(); });
+  machine.timeline.SetListener([&](const auto&) { deliver(); });  // a running one keeps its slot
   threads.LetGo(1);
   machine.timeline.SetListener({});
   EXPECT_EQ(threads.held.size(), 1023U);
@@ -187,7 +186,7 @@ TEST_F(WaitingDeliveriesTest, RunAtTheirTimeAlthoughTheWaitFailsInTheMiddle) {
   EXPECT_THAT(Sent(), SizeIs(1));
 }
 
-// The service ends during the check of the program.
+// The service ends while the program is being checked.
 TEST_F(WaitingDeliveriesTest, RunOnceTheirDelayIsOverEvenIfTheirServiceEnds) {
   for (const std::wstring delay : {L"0", L"10"}) {
     const std::wstring request =

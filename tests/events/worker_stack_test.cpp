@@ -9,7 +9,7 @@ namespace Vx::Tessel::Server::Services::Orvane {
 
 namespace {
 
-// Paints the unused stack of the calling thread, so that what was written later can be seen.
+// Fills the calling thread's unused stack with a pattern that later writes replace.
 class PaintedStack {
  public:
   // From here on the caller's frames must not shrink.
@@ -24,7 +24,6 @@ class PaintedStack {
 
   std::size_t Reserved() const { return top - bottom + kGuard; }
 
-  // The bytes from the top of the stack to the deepest that was written.
   std::size_t Used() const {
     ULONG_PTR at = bottom + 1;
     while (at < top && At(at) == kPaint) ++at;
@@ -32,7 +31,7 @@ class PaintedStack {
   }
 
  private:
-  static constexpr ULONG_PTR kGuard = ULONG_PTR{16} << 10;  // that Windows keeps at the end
+  static constexpr ULONG_PTR kGuard = ULONG_PTR{16} << 10;  // Windows' guard at the end
   static constexpr ULONG_PTR kOwnFrames = 1024;
   static constexpr unsigned char kPaint = 0xC5;
 
@@ -45,11 +44,11 @@ class PaintedStack {
 };
 
 struct StackUse {
-  std::size_t reserved = 0;  // bytes, both
+  std::size_t reserved = 0;  // both in bytes
   std::size_t used = 0;
 };
 
-// The real threads, which also measure the stack of the next worker.
+// The real threads, but the stack of the next worker is measured.
 class MeasuredThreads final : public Platform::Threads {
  public:
   explicit MeasuredThreads(Platform::Threads& others) : threads(others) {}
@@ -62,7 +61,7 @@ class MeasuredThreads final : public Platform::Threads {
     });
   }
 
-  // Shared, because the worker may still notify when the test has read the value.
+  // Shared, because the worker may still be in set_value after the test has read the value.
   std::shared_ptr<std::promise<StackUse>> use = std::make_shared<std::promise<StackUse>>();
 
  private:
@@ -108,13 +107,13 @@ TEST_F(WorkerStackTest, LeavesFourFifthsFreeWhereARealDeliveryIsDeepest) {
     EXPECT_THAT(log.Lines(), Contains(StartsWith(c.line)));
     std::printf("%s: %zu bytes\n", c.name, use.used);
     EXPECT_LE(use.used * 5, Platform::kWorkerStack);
-    // Less than that cannot be a delivery: the paint did not show it.
+    // A delivery needs more than that. A smaller value means that the fill did not work.
     EXPECT_GE(use.used, std::size_t{4} << 10);
-    // The emulator reserves 1 MiB at least.
+    // The emulator reserves at least 1 MiB.
     EXPECT_EQ(use.reserved, std::max(Platform::kWorkerStack, std::size_t{1} << 20));
   }
   EXPECT_TRUE(Tests::WaitForProbe(path + L".out"));
-  EXPECT_THAT(messages, testing::ElementsAre(L"{}")) << "the exchange ended before the app had it";
+  EXPECT_THAT(messages, testing::ElementsAre(L"{}")) << "the app did not receive it in time";
 }
 
 }  // namespace

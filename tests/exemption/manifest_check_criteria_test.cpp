@@ -55,7 +55,7 @@ TEST(Win32Exemption, FollowsLoweredNameAndVersion) {
       {L"HotKeyServiceDSU", 8, 10, false, L"hotkeyservicedsu"},
       {L"HotKeyServiceDSU", 9, 0, false, L"hotkeyservicedsu"},
       {L"Other", 1, 0, false, L"other"},
-      {L"hot\u212Aeyserviceuwp", 1, 0, false, L"hot\u212Aeyserviceuwp"},  // a Kelvin sign for a K
+      {L"hot\u212Aeyserviceuwp", 1, 0, false, L"hot\u212Aeyserviceuwp"},  // with a Kelvin sign
   };
   for (const auto& c : kCases) {
     const auto client = std::make_shared<Win32Information>(c.executable, c.major, c.minor);
@@ -80,7 +80,7 @@ TEST(Exemption, IsRefusedWithoutListRowsOrRecord) {
   EXPECT_FALSE(UwpCheck(uwpRows, uwp).IsAnException());
   EXPECT_FALSE(Win32Check(win32Rows, win32).IsAnException());
   EXPECT_EQ(Win32WithNoVxManifestExemptionWhiteList::GetExemption()->size(), 3U)
-      << "each caller has a list of its own";
+      << "each caller has its own list";
 }
 
 TEST(Exemption, LooksAtAllRowsOfOneNameWhateverTheirOperation) {

@@ -14,7 +14,7 @@ using Tessel::Server::Services::ClientContext;
 using Tessel::Server::Services::CompletionCallback;
 using Tessel::Server::Services::VxService;
 
-// Counts what it has given to its host and not got back.
+// Counts the objects that it has given to its host and not yet received back.
 class CountingService final : public VxService {
  public:
   void* Destroy(unsigned) override { return this; }

@@ -19,7 +19,6 @@ bool IsValid(const std::wstring& text) {
   return ParseJson(document, text);
 }
 
-// Parses the same value with both readers of this folder.
 void ExpectValid(const std::wstring& text, bool valid) {
   SCOPED_TRACE(testing::PrintToString(text.substr(0, 60)));
   EXPECT_EQ(IsValid(text), valid);
@@ -121,13 +120,13 @@ TEST(ParseJson, LeavesNullBehindAFailureAndCanBeUsedAgain) {
   ASSERT_FALSE(ParseJson(document, L"{\"a\":[1,2,{\"b\":"));
   EXPECT_TRUE(document.IsNull());
   ASSERT_TRUE(ParseJson(document, L"[3]"));
-  // Using a value as another type is a programming error, but does not end the process.
+  // Using a value as another type is a programming error, but must not terminate the process.
   EXPECT_THROW(document[0].GetString(), Misuse);
   EXPECT_THROW(document[7U], Misuse);
   EXPECT_THROW(document[L"a"], Misuse);
 }
 
-// Behind an escape, all units of the text move, those of whole runs too.
+// After an escape, the reader moves every later unit of the text, whole runs included.
 TEST(ParseJson, KeepsWhatStandsBeforeAndBehindAnEscape) {
   std::wstring rest;
   for (wchar_t unit = L'A'; rest.size() < 200; unit = unit == L'Z' ? L'A' : unit + 1) rest += unit;

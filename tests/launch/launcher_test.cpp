@@ -13,7 +13,6 @@ constexpr wchar_t kFamily[] = L"App_abc";
 constexpr wchar_t kProgram[] = L"C:\\Users\\ann\\AppData\\Local\\Microsoft\\WindowsApps\\app.exe";
 constexpr wchar_t kActing[] = L"info|Attempting to impersonate logged in user.";
 
-// Which line each refused step of a launch logs is in scenarios/.
 class LauncherTest : public Tests::MachineTest {
  protected:
   LauncherTest() { machine.packages.Install({kFamily, L"App_1_x64__abc", {}}, L"ann"); }
@@ -53,7 +52,7 @@ TEST_F(LauncherTest, AsksWindowsNothingWithoutAnAliasAFamilyATokenOrSessions) {
                           L"user(): WTSQueryUserToken is not available on this platform"));
 }
 
-// Even to another logon of the same user, whose first one may have ended.
+// A new logon of the same user is a change too, because the first one may have ended.
 TEST_F(LauncherTest, StartsNothingIfTheUserChangesBetweenItsTwoTokens) {
   for (const std::wstring next : {L"bob", L"ann"}) {
     machine.users.LogOn(L"ann");

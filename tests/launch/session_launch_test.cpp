@@ -16,7 +16,7 @@ class SessionLaunchTest : public Tests::MachineTest {
     outcome = LaunchProcessInSession(*program, {}, {}, session);
     return outcome.decision == Records::Decision::Ran;
   }
-  // Adds a process of the user, or if the name is empty one of the system in session 0.
+  // Starts a process of `user` or, if that is empty, a system process in session 0.
   std::uint32_t Run(const wchar_t* image, const std::wstring& user = {}) {
     Platform::ProcessStart start;
     start.application = image;
@@ -49,7 +49,7 @@ TEST_F(SessionLaunchTest, KnowsTheLogonProcessByItsExactNameAmongTheFirst2048) {
   EXPECT_FALSE(Launch(0));
   machine.processes.End(Run(kLogon));
   for (int i = 0; i < 2044; ++i) Run(L"C:\\a.exe");
-  const std::uint32_t last = Run(kLogon);  // process 2049, with the console's own
+  const std::uint32_t last = Run(kLogon);  // process 2049, including the console's
   EXPECT_FALSE(Launch(0));
   machine.users.DetachConsole();  // its logon process ends
   EXPECT_TRUE(Launch(0));

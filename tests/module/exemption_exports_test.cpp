@@ -6,7 +6,7 @@
 #include "exemption/tessel_access_manager.h"
 #include "support/test.h"
 
-// The exemption classes as a program uses them that has nothing but their headers and the module.
+// Uses the exemption classes with nothing but their headers and the module.
 
 namespace Vx::Tessel::Security {
 

@@ -1,5 +1,4 @@
-// What a host that breaks a rule of the contract, or that calls at once what others call one after
-// the other, gets from the module as it ships.
+// Hosts that break the contract, or that call concurrently what others call in sequence.
 
 #include "hosting/loaded_module.h"
 #include "support/test.h"
@@ -10,7 +9,7 @@ namespace {
 
 class HostRulesTest : public RuntimeTest {
  protected:
-  // The module has the Windows Runtime itself delete the strings of the fakes.
+  // The module frees the fakes' strings through the Windows Runtime, which does not count them.
   void ExpectNothingLeft() override {}
 
   RegisteredFakes fakes;

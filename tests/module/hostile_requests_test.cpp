@@ -1,6 +1,4 @@
-// Requests that no client of good will sends, to the module as it is shipped. They are made of the
-// fuzzers' seeds: the lines of the folder "json" take the place of values in the lines of
-// "requests".
+// The fuzzers' requests, with values replaced by their "json" seeds, on the shipping module.
 
 #include "fuzz/wide_input.h"
 #include "json/json_object.h"
@@ -16,7 +14,7 @@ namespace {
 
 using Text = std::wstring;
 
-constexpr std::uint32_t kSeed = 20240731;  // every run sends the same
+constexpr std::uint32_t kSeed = 20240731;  // every run sends the same requests
 constexpr std::uint32_t kLastId = 22;
 constexpr std::uint32_t kInvalidRequest = 0x20000003;
 constexpr std::size_t kMaxResponse = 65536;
@@ -57,8 +55,7 @@ std::vector<Text> LargeValues() {
           Repeated(L"{\"a\":", kDeep)};
 }
 
-// The places behind each colon of a request, which no text of the seeds holds otherwise: those of
-// its values, nested ones too.
+// Returns the offset of each value in a request, nested ones included. No seed has `":` elsewhere.
 std::vector<std::size_t> ValuesOf(const Text& request) {
   std::vector<std::size_t> places;
   for (std::size_t at = request.find(L"\":"); at != Text::npos; at = request.find(L"\":", at + 1)) {
@@ -86,9 +83,9 @@ std::uint32_t CommandOf(const Text& request) {
   return 20;
 }
 
-// The failure of this machine's package manager, which command 7 returns unchanged, or 0. On
-// Windows it returns an empty list for a family that is not there. An emulator has no package
-// manager (REGDB_E_CLASSNOTREG) or one without functions (E_NOTIMPL).
+// Returns the failure of this machine's package manager, which command 7 returns unchanged, or 0.
+// Windows returns an empty list for an unknown family. An emulator has no package manager
+// (REGDB_E_CLASSNOTREG) or one without functions (E_NOTIMPL).
 // https://learn.microsoft.com/en-us/uwp/api/windows.management.deployment.packagemanager.findpackagesforuser
 std::uint32_t PackageManagersFailure() {
   try {
@@ -111,7 +108,7 @@ class HostileRequestsTest : public ModuleTest {
     }
   }
 
-  // A value of another service, which must be there unchanged whatever is asked for.
+  // A value of another service, which no command may change.
   void PlantCanary() {
     Tessel::Server::Storage::BsonDocument document;
     document.Set("sleep_state", Tessel::Server::Storage::BsonElement::Int32(kKept));
@@ -126,7 +123,7 @@ class HostileRequestsTest : public ModuleTest {
                   << testing::PrintToString(request.substr(0, 300));
   }
 
-  // The events at which what was subscribed runs, and a look at what is kept.
+  // Fires the subscribed events and checks the other service's value.
   void Deliver() {
     for (const std::uint32_t code : {7U, 4U, 0U, 18U, 0xFFFFFFFFU}) {
       service.Slots().power_event_task(code);
@@ -200,7 +197,7 @@ TEST_F(HostileRequestsTest, SubscriptionsMadeOfAnythingAreDeliveredOrLogged) {
 TEST_F(HostileRequestsTest, MegabytesAndBottomlessNestingAreRefusedOrKept) {
   std::size_t turn = 0;
   for (const Text& value : LargeValues()) {
-    // Each is work for the store, so the commands and places share them out between the values.
+    // Large values are slow to store, so each goes to a third of the commands and three requests.
     for (auto id = static_cast<std::uint32_t>(turn % 3); id <= kLastId; id += 3) Send(id, value);
     for (int request = 0; request < 3; ++request, ++turn) {
       const Text& chosen = requests[turn % requests.size()];
@@ -247,8 +244,8 @@ TEST_F(HostileRequestsTest, DamagedRequestsLeaveNoHandle) {
     }
     Deliver();
   };
-  // The first measurement comes after every command has run once: WMI, for one, opens handles for
-  // the life of the process, and a damaged request reaches it only by chance.
+  // Measured only after every command has run once. WMI, for example, keeps handles open for the
+  // life of the process, and a damaged request reaches it only by chance.
   for (std::uint32_t id = 0; id <= kLastId; ++id) Send(id, L"{}");
   for (int i = 0; i < 2; ++i) round();
   const std::uintptr_t before = HandleGauge();

@@ -5,8 +5,7 @@
 
 namespace Vx::Tests {
 
-// The module that trusts the tests' own authority, loaded as its host loads it, and one service of
-// it with a store of its own.
+// One service of the module that trusts the test authority, with its own store.
 class ModuleTest : public testing::Test {
  protected:
   Hosting::CommandResult Execute(std::uint32_t id, const std::wstring& request) {
@@ -18,7 +17,6 @@ class ModuleTest : public testing::Test {
   Hosting::ServiceSession service = module.NewService();
 };
 
-// A few threads belong to the system's own pools, which grow when they like.
-inline constexpr std::size_t kSystemThreads = 4;
+inline constexpr std::size_t kSystemThreads = 4;  // of system pools, which may grow at any time
 
 }  // namespace Vx::Tests

@@ -1,6 +1,5 @@
-// Drives the module as its host does: through one export and the slots of a table, by number. Plain
-// C without a header of this project, so that no class declaration can hide a change of the
-// contract.
+// Drives the module through its one export and numbered slots, as a host does. Plain C without this
+// project's headers, so that no class declaration hides a change to the contract.
 #include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -98,7 +97,7 @@ static void CommandsAnswer(void) {
     const wchar_t* request;
     int withContext, withResponse;
     uint32_t result;
-    const wchar_t* response;  // null: a null pointer; "?": untouched
+    const wchar_t* response;  // null: a null pointer; "?": left unchanged
   } kCases[] = {
       {22, L"{}", 1, 1, 0, L"{\"result\":{\"getVersion\":\"" VX_VERSION L"\"}}"},
       {13, L"{\"launched\":1}", 1, 1, 0x20000002, L"{}"},
@@ -170,7 +169,7 @@ static DWORD WINAPI RunHeldCommand(void* service) {
   Callback callback = {{0}, &object};
   void* context = Context(service, L"client");
   wchar_t* response = NULL;
-  // What belongs to the client outlives the object, and only its slots can free it.
+  // The context and the response outlive the object, whose slots alone could free them.
   return ((Execute)((Service*)service)->slots[kExecuteCommand])(
       service, context, 13, L"{\"launched\":1}", &response, &callback);
 }
@@ -197,7 +196,7 @@ static int IsMapped(const void* address) {
   return VirtualQuery(address, &place, sizeof place) != 0 && place.State == MEM_COMMIT;
 }
 
-// Threads of the services above hold the module until they have ended. An object does not.
+// Threads of earlier services keep the module loaded until they end. An object alone does not.
 static void AnObjectDoesNotKeepTheModule(HMODULE module) {
   const Service* const service = Make();
   const void* const slot0 = service->slots[kDestroy];
@@ -210,8 +209,8 @@ static unsigned char SetupIsOver(Service* service) {
   return ((Ask)service->slots[kOobeEvent])(service);
 }
 
-// No app takes the message here, so it stays to be sent. Without a store it never will be. The
-// first call has also scheduled a launch, whose hour slot 0 does not end.
+// No app accepts the message here, so it stays pending. Without a store it can never be sent. Slot
+// 0 does not cancel the launch that the first call schedules in an hour.
 static void TheEndOfSetupReturnsWhetherNothingIsLeftToDo(HMODULE module) {
   wchar_t store[MAX_PATH], program[MAX_PATH];
   Service* service = Make();

@@ -1,5 +1,4 @@
-// Whether the module stays as large as it is, over a day's worth of commands, deliveries and
-// services. The variable VX_STEPS sets how many, see scripts/soak.
+// A day's commands, deliveries and services must not make the module grow. See scripts/soak.
 
 #include "module/module_test.h"
 #include "support/test.h"
@@ -7,16 +6,15 @@
 namespace Vx::Tests {
 namespace {
 
-// What the steps may leave in the heap, in bytes: far less than the smallest block for each of
-// them. In most runs it is none, in some a block that the system keeps for a thread, of 480 bytes.
+// Bytes that the steps may leave in the heap: far less than the smallest block per step. Most runs
+// leave none, some a 480-byte block that the system keeps for a thread.
 constexpr std::size_t kStepsPerByte = 4;
 constexpr std::size_t kAllowance = 2048;
 
-// Memory is committed in pieces; the heap may need one more of them.
-constexpr std::size_t kCommitAllowance = std::size_t{256} * 1024;
+constexpr std::size_t kCommitAllowance = std::size_t{256} * 1024;  // one more piece for the heap
 
-// Deliveries between two waits for their workers: as many as a host has between two events. Bounds
-// how many threads run at once.
+// Deliveries between two waits for their workers, as many as a host makes between two events.
+// Limits how many threads run at once.
 constexpr std::size_t kDeliveriesAtOnce = 48;
 
 struct Figures {
@@ -32,8 +30,7 @@ class SoakTest : public ModuleTest {
     quiet = ThreadCount();
   }
 
-  // After a rest until threads and handles are `before` again: threads of the system come and go,
-  // and hold handles and a stack meanwhile.
+  // Waits for `before` first, because passing system threads hold handles and stacks.
   static Figures Measure(const char* when, const Figures& before) {
     static_cast<void>(ThreadsEnd(before.threads));
     const std::uintptr_t handles = RestingHandleGauge(before.handles + kMutexEventsGauge);
@@ -53,9 +50,8 @@ class SoakTest : public ModuleTest {
     EXPECT_LE(after.memory.committed, before.memory.committed + kCommitAllowance);
   }
 
-  // Has as many threads alive at once as the deliveries will have at most. The system keeps a block
-  // for every thread of the fullest moment so far, and whether that moment comes during the warm-up
-  // is chance otherwise.
+  // Runs as many threads at once as the deliveries ever will. The system keeps a block for each
+  // thread of the busiest moment so far, which may otherwise come after the warm-up.
   static void ReachTheMostThreads() {
     const Platform::UniqueHandle all(CreateEventW(nullptr, TRUE, FALSE, nullptr));
     std::vector<std::jthread> threads(kDeliveriesAtOnce + 2 * kSystemThreads);
@@ -71,7 +67,7 @@ class SoakTest : public ModuleTest {
       if (done % kDeliveriesAtOnce != 0) continue;
       ASSERT_TRUE(ThreadsEnd(quiet + kSystemThreads));
     }
-    ASSERT_TRUE(ThreadsEnd(quiet));  // a worker that is on its way out would count as growth
+    ASSERT_TRUE(ThreadsEnd(quiet));  // a worker that is still ending would count as growth
   }
 
   void Command(std::size_t commands) {
@@ -101,8 +97,7 @@ class SoakTest : public ModuleTest {
     }
   }
 
-  // One delivery of each kind at each event: programs that are not trusted, an app that is not
-  // there.
+  // One delivery of each kind per event: untrusted programs and a missing app.
   static constexpr const wchar_t* kSubscriptions[] = {
       LR"({"powerEventType":7,"eventAction":1,"commandParams":{"path":"C:\\windows\\none.exe"}})",
       LR"({"powerEventType":7,"eventAction":1,"commandParams":{"path":"C:\\windows\\cmd.exe"}})",
@@ -127,8 +122,8 @@ TEST_F(SoakTest, DeliveriesAndCommandsLeaveNothing) {
   ExpectFlat(delivered, Measure("after the commands", delivered));
 }
 
-// Services that live at the same time in several hosts' threads, each used by several callers. The
-// callers end before the service does, as the host guarantees; its own threads do not.
+// Several hosts run services concurrently, each with several callers. The callers end before their
+// service, as the host guarantees. The service's own threads may outlive it.
 TEST_F(SoakTest, ServicesComeAndGoWithEverythingInFlight) {
   constexpr int kHosts = 3;
   constexpr int kCallers = 2;
@@ -161,12 +156,12 @@ TEST_F(SoakTest, ServicesComeAndGoWithEverythingInFlight) {
       });
     }
   };
-  round();  // what the system keeps for a process comes first
+  round();  // allocates what the system keeps for the process
   ASSERT_TRUE(ThreadsEnd(quiet + kSystemThreads));
   const std::uintptr_t before = HandleGauge();
   round();
   ASSERT_TRUE(ThreadsEnd(quiet + kSystemThreads));
-  // The system's own threads come and go; what a life leaves behind is there once for each of them.
+  // Room for passing system threads. A handle lost by each service would exceed it.
   constexpr std::uintptr_t kSystemsOwn = 16;
   EXPECT_LE(RestingHandleGauge(before + kSystemsOwn), before + kSystemsOwn);
 }
@@ -177,7 +172,7 @@ DWORD NextThreadSlot() {
   return slot;
 }
 
-// A thread that ran on in an unloaded module would end this process.
+// A thread that still runs in an unloaded module would crash this process.
 TEST_F(SoakTest, TheModuleStaysUntilItsLastThreadHasGoneAndLeavesNoThreadSlot) {
   constexpr DWORD kLoads = 5;
   const auto use = [](Hosting::LoadedModule loaded) {
@@ -194,8 +189,7 @@ TEST_F(SoakTest, TheModuleStaysUntilItsLastThreadHasGoneAndLeavesNoThreadSlot) {
     use(Hosting::LoadedModule(TestModulePath()));
     expectGone();
   }
-  // The thread library that is linked into each module keeps one slot per load. Ours would be
-  // another.
+  // The thread library linked into each module keeps one slot per load. A leak would add another.
   EXPECT_LE(NextThreadSlot(), before + kLoads);
 }
 

@@ -1,6 +1,5 @@
-// Whether a thread of the system may still come into the module, or be on its way out of it, after
-// its host has destroyed the service and freed the module. Each case runs in a process of its own,
-// since a module that stays loaded in one would also stay for the next.
+// A system thread may enter or leave the module after the host has destroyed the service and freed
+// the module. Each case has its own process, so that none inherits a module that stayed loaded.
 
 #include "hosting/loaded_module.h"
 #include "support/test.h"
@@ -30,14 +29,14 @@ class UnloadDeathTest : public RuntimeTest {
     held = AwaitHandlers();
   }
 
-  // Destroys and frees as a host does. Afterwards nothing but a delegate can keep the module.
+  // Destroys and frees as a host does. After that, only a delegate can keep the module loaded.
   void Unload(std::size_t threadsOfTheSystem) {
     service.reset();
     module.reset();
     EXPECT_TRUE(ThreadsEnd(quiet + threadsOfTheSystem));
   }
 
-  // Ends this process with 0 if all was well until here and the system can release what it holds.
+  // Releases what the system holds and ends this process, with 0 if nothing has failed.
   [[noreturn]] void End() {
     held.clear();
     store.reset();
@@ -77,7 +76,7 @@ class UnloadDeathTest : public RuntimeTest {
   std::optional<PrivateStore> store;
   std::optional<Hosting::LoadedModule> module;
   std::optional<Hosting::ServiceSession> service;
-  Handlers held;  // as the system's threads hold them
+  Handlers held;  // as system threads hold them
 };
 
 constexpr auto kUnharmed = 0;
@@ -90,8 +89,7 @@ TEST_F(UnloadDeathTest, ANotificationThatRunsACommandMayReturnAfterTheModuleWasF
   EXPECT_EXIT(ReturnLate(), testing::ExitedWithCode(kUnharmed), "");
 }
 
-// The operation refuses its handler, so that the module gives up on it without the half minute that
-// it waits otherwise.
+// The operation rejects its handler, so the module gives up at once, not after 30 seconds.
 TEST_F(UnloadDeathTest, ACompletionThatWasGivenUpMayComeAfterTheModuleWasFreed) {
   EXPECT_EXIT(CompleteLate(), testing::ExitedWithCode(kUnharmed), "");
 }

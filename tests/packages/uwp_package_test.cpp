@@ -31,7 +31,6 @@ std::string FailureOf(const std::function<void()>& operation) {
 
 class UwpPackageTest : public Tests::MachineTest {
  protected:
-  // Checks after each test that no exception left the thread impersonating.
   void TearDown() override { EXPECT_FALSE(machine.users.Acting()); }
 
   void Fail(const char* call) { machine.faults.FailNamed(call); }
@@ -79,7 +78,7 @@ TEST_F(UwpPackageTest, DoesNothingWithoutTheConsoleUser) {
 
 TEST_F(UwpPackageTest, ForcesTheRegistrationOfWhatIsStagedButNotRegistered) {
   static constexpr struct {
-    const wchar_t* staged;  // the query is about version 1 of the app of the same letter
+    const wchar_t* staged;  // each query is for version 1 of the app with this letter
     const wchar_t* registered;
     bool force;
   } kCases[] = {
@@ -165,7 +164,7 @@ TEST_F(UwpPackageModelTest, WritesTheNameIntoABufferThatIsLargeEnough) {
   std::wstring buffer(needed + 1, L'#');
   length = needed - 1;
   EXPECT_EQ(model->FindPackageFullName(kFamily, buffer.data(), &length), Hresult(0x8007007A));
-  EXPECT_EQ(buffer, std::wstring(needed + 1, L'#')) << "written beyond what was offered";
+  EXPECT_EQ(buffer, std::wstring(needed + 1, L'#')) << "written past the given length";
 
   EXPECT_EQ(model->FindPackageFullName(kFamily, buffer.data(), &length), 0);
   EXPECT_STREQ(buffer.c_str(), kFullName);
@@ -182,7 +181,7 @@ TEST_F(UwpPackageModelTest, AnswersRegistrationOriginAndVersion) {
   std::int32_t force = 7;
   EXPECT_EQ(model->ShouldForceRegistration(kUser, kFullName, &force), 0);
   EXPECT_EQ(force, 1);
-  // Registers through slot 3 of the object's table, as a host of another compiler does.
+  // Registers through slot 3 of the object's table, as a host built by another compiler does.
   using RegisterSlot = std::int32_t (*)(void* self, const wchar_t* fullName);
   void* const object = model.get();
   EXPECT_EQ(reinterpret_cast<RegisterSlot>((*static_cast<void***>(object))[3])(object, kFullName),
@@ -208,7 +207,7 @@ TEST_F(UwpPackageModelTest, TurnsEachFailureIntoACodeAndAText) {
                           L"0x80073cf6: Caf\u00e9 is broken."));
   machine.packages.SetRegistration({}, {});
   EXPECT_EQ(model->Register(kFullName), 0);
-  EXPECT_STREQ(model->LastError(), L"") << "an old failure is still told";
+  EXPECT_STREQ(model->LastError(), L"") << "an old failure is still reported";
 
   std::int32_t force = 7;
   EXPECT_EQ(model->ShouldForceRegistration(kUser, L"no full name", &force), Hresult(0x80070057));
@@ -251,7 +250,7 @@ TEST_F(UwpPackageModelTest, RefusesNullArgumentsWithoutAskingTheMachine) {
   EXPECT_THAT(machine.faults.Calls(), IsEmpty());
 }
 
-// The host calls while it acts as its client bob. Ann is at the console and has the package.
+// The host calls while impersonating its client bob. Ann is at the console and has the package.
 class CallerIdentityTest : public UwpPackageModelTest {
  protected:
   CallerIdentityTest() {
@@ -259,7 +258,7 @@ class CallerIdentityTest : public UwpPackageModelTest {
     Install();
     ActAsBob();
   }
-  void TearDown() override {}  // the caller still acts
+  void TearDown() override {}  // the caller still impersonates
 
   void ActAsBob() { machine.users.Impersonate(machine.users.TokenOf(L"bob")->get()); }
   std::wstring Acting() const {
@@ -273,9 +272,9 @@ TEST_F(CallerIdentityTest, IsPutAsideAndRestored) {
     EXPECT_EQ(operation(), 0);
     EXPECT_EQ(Acting(), L"bob");
   }
-  EXPECT_EQ(length, std::size(kFullName)) << "the package of ann";
+  EXPECT_EQ(length, std::size(kFullName)) << "ann's package";
   EXPECT_LT(model->Register(L"Unknown_1.0.0.0_x64__p"), 0);
-  EXPECT_EQ(Acting(), L"bob") << "also after a failure";
+  EXPECT_EQ(Acting(), L"bob") << "even after a failure";
 }
 
 TEST_F(CallerIdentityTest, ThatCannotBePutAsideOrRestoredFailsTheOperation) {
@@ -293,7 +292,7 @@ TEST_F(CallerIdentityTest, ThatCannotBePutAsideOrRestoredFailsTheOperation) {
   }
   machine.packages.SetRegistration({Hresult(0x80070006), L"broken"}, {});
   EXPECT_EQ(model->Register(kFullName), Hresult(0x80070005))
-      << "that matters more than a deployment";
+      << "outweighs the deployment's failure";
 }
 
 }  // namespace

@@ -107,7 +107,7 @@ TEST(OwnIdentityTest, ReturnsTheThreadWithTheTokenThatItCameWith) {
   EXPECT_FALSE(ThreadActsAsAnother()) << "a thread that did not impersonate";
 }
 
-// Exit status of a fail-fast. A release build checks nothing.
+// The exit status is that of a fail-fast. Only a debug build checks.
 TEST(OwnIdentityDeathTest, OfAThreadThatImpersonatesEndsADebugBuild) {
   ExpectOwnIdentity();
 #ifndef NDEBUG

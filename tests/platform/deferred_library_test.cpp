@@ -18,7 +18,7 @@ struct Seen {
   int loadsAsUser = 0;
 };
 
-// Called by the loader in the thread that loads, behind the opening of the file.
+// The loader calls this on the loading thread, after it has opened the file.
 void CALLBACK OnLibrary(ULONG /*reason*/, const void* /*data*/, void* context) {
   auto& seen = *static_cast<Seen*>(context);
   ++seen.loads;
@@ -31,7 +31,6 @@ TEST(DeferredLibraryTest, LoadsAsTheProcessInAThreadThatActsAsAUser) {
       L"ntdll.dll", "LdrRegisterDllNotification");
   auto* unwatch = SystemFunction<LONG NTAPI(void*)>(L"ntdll.dll", "LdrUnregisterDllNotification");
   ASSERT_TRUE(watch != nullptr && unwatch != nullptr);
-  // Nothing else in this program uses it.
   constexpr wchar_t kUnused[] = L"mscms.dll";
   ASSERT_EQ(GetModuleHandleW(kUnused), nullptr);
   DeferredLibrary library(kUnused);

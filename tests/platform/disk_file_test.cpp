@@ -15,11 +15,10 @@ extern "C" decltype(&GetSecurityInfo) __imp_GetSecurityInfo;
 namespace Vx::Platform {
 namespace {
 
-std::vector<DWORD> pipeFlags;  // of each open of a pipe
+std::vector<DWORD> pipeFlags;  // one element per open
 const decltype(&CreateFileW) realCreateFile = __imp_CreateFileW;
 
-// Records the opens of pipes. The emulator gives a pipe's server the same rights whatever an open
-// states, so that only the open itself can be looked at.
+// Records the flags, because the emulator gives a pipe's server the same rights whatever they are.
 HANDLE WINAPI WatchedCreateFile(const wchar_t* name, DWORD access, DWORD share,
                                 SECURITY_ATTRIBUTES* security, DWORD disposition, DWORD flags,
                                 HANDLE pattern) {
@@ -27,8 +26,7 @@ HANDLE WINAPI WatchedCreateFile(const wchar_t* name, DWORD access, DWORD share,
   return realCreateFile(name, access, share, security, disposition, flags, pattern);
 }
 
-// A pipe is refused before it is read or written, which would take for ever, and its server cannot
-// act as the account that opened it.
+// Reading or writing a pipe could block forever, and its server must not impersonate the caller.
 TEST(DiskFileTest, APipeIsNeitherReadNorWrittenNorGivenAnIdentity) {
   Files& files = *CurrentMachine().files;
   const TrustProvider& trust = *CurrentMachine().trustProvider;
@@ -93,7 +91,7 @@ DWORD WINAPI OneEntry(HANDLE, SE_OBJECT_TYPE, SECURITY_INFORMATION, PSID* owner,
   return ERROR_SUCCESS;
 }
 
-// The emulator's file system keeps no other type.
+// Faked, because the emulator's file system does not store entries of other types.
 TEST(AccessOfTest, AnEntryOfAnotherTypeAllowsAccessToAnUnknownAccountUnlessItDenies) {
   constexpr DWORD kMask = FILE_GENERIC_READ | FILE_GENERIC_WRITE;
   static constexpr struct {
@@ -108,7 +106,7 @@ TEST(AccessOfTest, AnEntryOfAnotherTypeAllowsAccessToAnUnknownAccountUnlessItDen
       {ACCESS_DENIED_ACE_TYPE, false, ~0U},
       {ACCESS_DENIED_CALLBACK_ACE_TYPE, false, ~0U},
       {ACCESS_ALLOWED_COMPOUND_ACE_TYPE, true, ~0U},
-      {0x7F, true, ~0U},  // of some later Windows
+      {0x7F, true, ~0U},  // from a later Windows
   };
   const Tests::ImportOverride list(__imp_GetSecurityInfo, &OneEntry);
   for (const auto& c : kCases) {

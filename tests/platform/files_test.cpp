@@ -66,7 +66,7 @@ TEST_F(FilesTest, FindsANameOnlyWhenItIsSpelledOut) {
        {L"third.dat", L"*", L"a file.*", L"a fil?.dat", L"a<.dat", L"a file>dat"}) {
     EXPECT_FALSE(files.ExistsByExactName(folder / name)) << testing::PrintToString(name);
   }
-  EXPECT_TRUE(files.ExistsByExactName(L"\\\\?\\" + path)) << "the question mark of the prefix";
+  EXPECT_TRUE(files.ExistsByExactName(L"\\\\?\\" + path)) << "the prefix's ? is not a wildcard";
   EXPECT_FALSE(files.ExistsByExactName(L""));
 }
 

@@ -9,9 +9,8 @@ using namespace std::string_view_literals;
 
 constexpr wchar_t kKey[] = L"Software\\Some\\Key";
 
-// HKEY_LOCAL_MACHINE as this process sees it, empty at first. The real one is not touched, and
-// nothing is left behind. While it lives, data protection fails: under the emulator it looks its
-// provider up there.
+// An empty HKEY_LOCAL_MACHINE for this process, deleted with this object. While it exists, data
+// protection fails, because the emulator looks up its provider there.
 class PrivateLocalMachine {
  public:
   PrivateLocalMachine() : name(L"Software\\VxTest" + std::to_wstring(GetCurrentProcessId())) {
@@ -31,7 +30,7 @@ class PrivateLocalMachine {
     HKEY opened = nullptr;
     RegCreateKeyExW(HKEY_LOCAL_MACHINE, key, 0, nullptr, REG_OPTION_VOLATILE, KEY_ALL_ACCESS,
                     nullptr, &opened, nullptr);
-    // To a text the emulator adds the terminator that it finds behind it.
+    // The emulator includes a terminator that follows the data of a text, so none may follow.
     std::vector<BYTE> bytes = data;
     bytes.insert(bytes.end(), {'#', '#'});
     RegSetValueExW(opened, value, 0, type, bytes.data(), static_cast<DWORD>(data.size()));

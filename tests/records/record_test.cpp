@@ -7,7 +7,6 @@ namespace Vx::Tessel::Server::Records {
 
 namespace {
 
-// The words and lines of records are in the transcripts.
 TEST(Record, ShowsClientTextsCutAndOnOneLine) {
   const std::wstring hostile = L"a\r\nb\x1B\x202E\xE9" + std::wstring(1000, L'x');
   const std::wstring shown = L"a  b\xFFFD\xFFFD\xE9" + std::wstring(505, L'x');

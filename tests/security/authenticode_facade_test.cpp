@@ -5,7 +5,7 @@
 #include "support/memory_shortage.h"
 #include "support/test.h"
 
-// Uses real signatures, files and folders. The keys are those of the test authority.
+// Uses real signatures, files and folders, and the test authority's keys.
 
 namespace Vx::Tessel::Security {
 
@@ -103,8 +103,7 @@ TEST(Explain, TellsTheStepsOfTheDecisionAndEndsWithTheVerdict) {
   }
 }
 
-// Wine verifies the first signature instead of the second one, so this test can only check the
-// number.
+// Wine verifies the first signature in place of the second, so only the number can be checked.
 TEST(VerifyFile, LooksAtBothSignaturesOfAFile) {
   EXPECT_EQ(VerifyFile(PkiFile(L"dual.exe"), GeneralKeys()).embeddedSignatures.size(), 2U);
 }

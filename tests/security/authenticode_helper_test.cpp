@@ -30,7 +30,7 @@ constexpr auto kNoSignature = Code(0x800B0100);
 constexpr std::uint32_t kGenericAll = 0x10000000;
 constexpr std::uint32_t kFullControl = 0x1F01FF;
 
-// What Wine lacks: several signatures, catalogs, and results that depend on a chain.
+// Provides what Wine lacks: several signatures, catalogs, and results that depend on a chain.
 class FakeTrust : public Platform::TrustProvider {
  public:
   SignatureVerdict VerifyEmbedded(const std::wstring& path, std::uint32_t index) const override {
@@ -61,8 +61,7 @@ class FakeTrust : public Platform::TrustProvider {
   }
 };
 
-// Access lists in the form of Windows. Other paths than those in `finalPaths` are resolved for
-// real.
+// Returns Windows-style access lists. Paths missing from `finalPaths` are resolved for real.
 class FakePlaces : public Simulator::SimulatedFiles {
  public:
   Result<std::wstring> FinalPath(const std::wstring& path) const override {
@@ -111,7 +110,7 @@ SignatureVerdict Signed(std::int32_t result, unsigned char key, std::uint32_t mo
 }
 
 TEST_F(AuthenticodeHelperTest, AsksForEverySignatureThatTheFirstAnswerCounts) {
-  // Ignores later counts: only the first call reports the number.
+  // The counts in later answers are ignored.
   trust.embedded = {Signed(0, 0xA1, 2), Signed(kBadDigest, 0xB2, 9), Signed(kExpired, 0xC3, 9)};
   EXPECT_THAT(Keys(), ElementsAre("a1", "c3"));
   trust.inCatalog = {Signed(0, 0x11, 1), Signed(0, 0x12)};
@@ -252,9 +251,8 @@ TEST_F(PathVerdictTest, AllowsEveryTextThatNamesAProtectedFile) {
   }
 }
 
-// Each text begins like an allowed path, or would under some interpretation, but none names a file
-// there. The outcome identifies the check that must refuse it, so that the test notices a missing
-// check.
+// Each text begins like an allowed path, or would in some interpretation, but names no file there.
+// The outcome identifies the check that must reject it, so a missing check is noticed.
 TEST_F(PathVerdictTest, RefusesTextsThatOnlyLookProtected) {
   const Tests::TempFolder outside;
   const std::wstring evil = outside / L"evil.exe";
@@ -305,7 +303,7 @@ TEST_F(PathVerdictTest, FollowsALinkOutOfAProtectedFolder) {
                       path + L"] leads to [" + outside / L"evil.exe" + L"]"));
 }
 
-// The owner of the link decides what the path names a moment later.
+// The link's owner can change what the path refers to at any time.
 TEST_F(PathVerdictTest, RefusesAProtectedFileReachedThroughAnUnprotectedLink) {
   const ProtectedFolder folder;
   folder.Hold(L"unsigned.exe");

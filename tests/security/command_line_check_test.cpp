@@ -22,7 +22,7 @@ TEST(IsCommandLineTrusted, ChecksTheFirstWord) {
   const struct {
     const char* name;
     std::wstring commandLine;
-    const wchar_t* checked;  // null if refused without a check
+    const wchar_t* checked;  // null if rejected without a check
   } kCases[] = {
       {"with arguments", L"C:\\a.exe /b \"c d\"", L"C:\\a.exe"},
       {"quoted", L"\"C:\\Program Files\\a.exe\" /b", L"C:\\Program Files\\a.exe"},

@@ -4,7 +4,7 @@
 #include "platform/files.h"
 #include "support/test.h"
 
-// Calls through slot numbers alone, like a host that another compiler built.
+// Calls through slot numbers alone, like a host built by another compiler.
 
 namespace Vx::Tessel::Security {
 
@@ -18,7 +18,7 @@ class CryptographyExportTest : public testing::Test {
  protected:
   ~CryptographyExportTest() override { EXPECT_EQ(Call<void*>(0, 1U), object); }
 
-  // All arguments are scalars and pointers, so that their number and order are the contract.
+  // All arguments are scalars or pointers, so their number and order are the contract.
   template <typename Answer = std::uint32_t, typename... Arguments>
   Answer Call(std::size_t slot, Arguments... arguments) const {
     using Function = Answer (*)(Object*, Arguments...);
@@ -67,7 +67,7 @@ TEST_F(CryptographyExportTest, DigestsAFile) {
                                               0x2c, 0xd2, 0x59, 0x46, 0xa7, 0x3e, 0x75, 0x82};
   const Tests::TempFolder folder;
   const std::wstring path = folder / L"zeros";
-  const std::vector<std::byte> zeros(200'000);  // longer than one piece of a read
+  const std::vector<std::byte> zeros(200'000);  // takes several reads
   ASSERT_EQ(Platform::CurrentMachine().files->Overwrite(path, zeros), 0U);
   unsigned char digest[32] = {};
   ASSERT_EQ(Call(3, path.c_str(), digest), 0U);

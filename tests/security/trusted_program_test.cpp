@@ -18,7 +18,7 @@ std::wstring Checked(const std::wstring& path) {
   return program == nullptr ? std::wstring() : program->Path();
 }
 
-// By name both checks see the genuine program. The locked file decides.
+// A link that leads to a forged program at the lock or at the check must be noticed.
 TEST(TrustedProgramTest, IsWhatTheLockHoldsWhereverALinkLeadsNow) {
   const Tests::ProtectedFolder genuine;
   const Tests::ProtectedFolder forged;
@@ -45,11 +45,11 @@ TEST(TrustedProgramTest, IsWhatTheLockHoldsWhereverALinkLeadsNow) {
     EXPECT_EQ(Checked(link + L"\\" + kPinned), c.started);
   }
   EXPECT_EQ(Checked(program), program);
-  // Where a folder distinguishes case, another spelling could be another file.
+  // The true spelling is used. In a case-sensitive folder, another one could name another file.
   EXPECT_EQ(Checked(genuine / L"PINNED.EXE"), program);
 }
 
-// It could be huge. Without the lock, the place is that of the name.
+// The file could be huge. If it cannot be locked, its name alone decides whether it is allowed.
 TEST(TrustedProgramTest, ReadsNothingOfAFileThatALinkReachesElsewhere) {
   const Tests::TempFolder elsewhere;
   std::filesystem::copy_file(Tests::PkiFile(kPinned), elsewhere / kPinned);
@@ -73,12 +73,11 @@ TEST(TrustedProgramTest, IsNoneIfWindowsRefusesAnyCallThatItNeeds) {
   const Tests::ProtectedFolder folder;
   std::filesystem::create_directory(folder / L"%x%");
   std::filesystem::copy_file(Tests::PkiFile(kPinned), folder / L"%x%\\pinned.exe");
-  // Makes the most calls: a percent sign is expanded, and the place of another spelling is judged
-  // beside that of the locked file.
+  // Makes the most calls: expands the percent sign and judges both this spelling and the true one.
   const std::wstring text = folder / L"%x%\\PINNED.EXE";
   Simulator::FaultInjection faults;
   const Platform::MachineScope scope([&](Platform::Machine& machine) { faults.Install(machine); });
-  std::map<std::string, int> spare;  // calls that were refused while the program was trusted
+  std::map<std::string, int> spare;  // failures that did not prevent trust
   std::vector<std::string> calls;
   for (std::size_t call = 0; call <= calls.size(); ++call) {
     faults.FailCall(call);
@@ -86,14 +85,14 @@ TEST(TrustedProgramTest, IsNoneIfWindowsRefusesAnyCallThatItNeeds) {
     calls = faults.Calls();
     if (trusted) ++spare[call < calls.size() ? calls[call] : "none"];
   }
-  // The path rule is applied five times, and two of its prefixes are of other folders. The text is
-  // a full path already, a lock is tried twice, and the signature is in the file, not in a catalog.
+  // The path rule runs five times, with two prefixes of other folders. The text is already a full
+  // path, the lock is retried, and the signature is in the file, not in a catalog.
   EXPECT_THAT(spare, ElementsAre(Pair("Environment.Expand", 10), Pair("Files.FullPath", 3),
                                  Pair("Files.OpenReadLocked", 1),
                                  Pair("TrustProvider.FindCatalog", 1), Pair("none", 1)));
 }
 
-// The library that judges signatures is loaded when the first program is judged.
+// The library is loaded when the first program is judged.
 TEST(TrustedProgramTest, IsNoneWithoutTheLibraryThatJudgesSignatures) {
   const Tests::ProtectedFolder folder;
   const std::wstring program = folder.Hold(kPinned);
@@ -105,7 +104,7 @@ TEST(TrustedProgramTest, IsNoneWithoutTheLibraryThatJudgesSignatures) {
       {L"wintrust.dll", ERROR_SUCCESS, program},
       {L"no_such_library.dll", ERROR_MOD_NOT_FOUND, {}},
       {L"kernel32.dll", ERROR_PROC_NOT_FOUND, {}},
-      // It lies beside this program, where a search by name finds it.
+      // This library is beside the program, where a search by name would find it.
       {L"lockdown_policy.dll", ERROR_MOD_NOT_FOUND, {}},
   };
   for (const auto& c : cases) {
@@ -126,14 +125,14 @@ TEST(TrustedProgramTest, IsNoneWithoutTheLibraryThatJudgesSignatures) {
   }
 }
 
-// A pipe would get a connection of SYSTEM, and a read from it could block for ever.
+// Opening a pipe would connect to it as SYSTEM, and a read could block forever.
 TEST(TrustedProgramTest, OpensNothingWhoseTextIsNoFileInAnAllowedPlace) {
   const std::wstring pipe = LR"(\\.\pipe\VxTest-)" + std::to_wstring(GetCurrentProcessId());
   const Platform::UniqueHandle server = Platform::AdoptFile(CreateNamedPipeW(
       pipe.c_str(), PIPE_ACCESS_DUPLEX, PIPE_TYPE_BYTE | PIPE_NOWAIT, 1, 64, 64, 0, nullptr));
   ASSERT_NE(server, nullptr);
   const std::wstring notOnADrive = L"is not a full path on a drive";
-  const std::wstring outside;  // the lines of the path rule
+  const std::wstring outside;  // empty: the path rule logs the reason
   const struct {
     std::wstring path;
     std::wstring reason;

@@ -1,4 +1,4 @@
-// What the record of a command names. Its decisions and reasons are in scenarios/.
+// The contents of command records. scenarios/ covers their decisions and reasons.
 
 #include "platform/system_services.h"
 #include "service/simulated_service.h"

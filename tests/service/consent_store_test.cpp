@@ -10,7 +10,7 @@ using Tessel::Server::ConsentStore;
 
 constexpr wchar_t kPolicy[] = L"SOFTWARE\\Policies\\Vx\\Consent";
 
-// What each text decides is in vxhost/scenarios/consent.json.
+// vxhost/scenarios/consent.json covers what each text decides.
 TEST(ConsentStoreTest, AMissingValueIsSilentAndOneThatIsNoTextIsReported) {
   Simulator::SimulatedRegistry registry;
   const Platform::MachineScope scope(

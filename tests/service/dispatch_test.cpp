@@ -13,12 +13,11 @@ constexpr std::uint32_t kNoApiSet = 0x2000000A;
 
 using DispatchTest = SimulatedServiceTest;
 
-// Which ids those are is asserted below the table.
+// Static assertions below the command table cover which ids those are.
 TEST_F(DispatchTest, IdsThatNeedSessionsStopBeforeAnythingElseIsLookedAt) {
   machine.system.RemoveApiSet(Platform::kSessionApiSet);
   for (const auto& [id, result] : {std::pair(17U, kNoApiSet), std::pair(22U, kFailed)}) {
-    // These calls fail every other check too, so that the order of the checks shows.
-    const Reply reply = host.Execute(id, nullptr, nullptr);
+    const Reply reply = host.Execute(id, nullptr, nullptr);  // fails every other check too
     EXPECT_EQ(reply.result, result) << id;
     EXPECT_TRUE(reply.untouched);
   }
@@ -41,7 +40,7 @@ TEST_F(DispatchTest, ANullContextRequestOrResponseIsRefusedBeforeParsing) {
   }
 }
 
-// Which commands accept what is not JSON is in vxhost/scenarios/every_command.json.
+// vxhost/scenarios/every_command.json covers which commands accept text that is not JSON.
 TEST_F(DispatchTest, ARequestOfMoreThanAMillionCharactersIsNotRead) {
   const std::wstring longest = L"\"" + std::wstring(1'048'574, L'x') + L"\"";
   EXPECT_EQ(host.Execute(22, longest.c_str()).result, 0U);

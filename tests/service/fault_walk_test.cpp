@@ -1,4 +1,4 @@
-// Runs each flow with its first, second, ... call to Windows failing, until no call is left.
+// Runs each flow with its first, second, ... Windows call failing, until no call is left.
 
 #include "service/simulated_service.h"
 #include "storage/store_file.h"
@@ -12,9 +12,9 @@ using Codes = std::set<std::uint32_t>;
 constexpr std::uint32_t kResumed = 7;
 constexpr std::int32_t kKept = 4711;
 constexpr std::size_t kNever = std::numeric_limits<std::size_t>::max();
-constexpr std::size_t kMostCalls = 3000;  // more than any flow makes, so the walk does not end
+constexpr std::size_t kMostCalls = 3000;  // an upper bound for the calls of a flow
 
-constexpr std::uintptr_t kHandleStep = 4;  // between one handle value and the next
+constexpr std::uintptr_t kHandleStep = 4;  // between handle values
 
 constexpr wchar_t kNotify[] =
     LR"({"powerEventType":7,"eventAction":2,"commandParams":{"packageFamilyName":"f",)"
@@ -27,8 +27,8 @@ class FaultWalkTest : public SimulatedServiceTest {
  protected:
   FaultWalkTest() { InstallApp(L"7C3B9E40.Qubo"); }
 
-  // The virtual clock keeps the wake events of parked workers and its own timer handles for its
-  // lifetime, so flows with workers add a few. One lost at every fault would be far more.
+  // The virtual clock keeps the wake events of parked workers and its timers for life, so flows
+  // with workers add a few handles. A leak at every fault would add far more.
   enum class Workers { None, Some };
 
   struct Flow {
@@ -37,11 +37,10 @@ class FaultWalkTest : public SimulatedServiceTest {
     std::function<bool()> worked;  // whether the flow did its work
   };
 
-  // Walks the flow. Expects after each fault that no thread impersonates, no worker is left and the
-  // value of the other service is still stored, and that the flow works at the next try.
+  // After each fault, checks impersonation, workers, the other service's value and another try.
   void Walk(const Flow& flow, Workers workers = Workers::None) {
     StartFrameworkThread();
-    // The first runs, also one that throws, make Windows allocate what it keeps per process.
+    // The first runs, even one that throws, make Windows allocate what it keeps per process.
     for (const std::size_t index : {kNever, std::size_t{0}}) {
       Begin(flow);
       RunOnce(flow, index);
@@ -113,7 +112,7 @@ class FaultWalkTest : public SimulatedServiceTest {
 
   void CheckWhatIsLeft() {
     machine.clock.Settle();
-    EXPECT_FALSE(machine.users.AnyoneActs()) << "somebody is still impersonated";
+    EXPECT_FALSE(machine.users.AnyoneActs()) << "a user is still impersonated";
     EXPECT_EQ(machine.clock.Workers(), 0U);
     EXPECT_EQ(machine.firmware.LiveObjects(), 0);
     const auto document = DocumentOf(storePath);
@@ -163,7 +162,7 @@ TEST_F(FaultWalkTest, Launch) {
        Workers::Some);
 }
 
-// The firmware already holds the born-on date. Recording it has a walk of its own.
+// The firmware already holds the born-on date. Recording it has its own test.
 TEST_F(FaultWalkTest, StartUp) {
   const auto live = [&] {
     host.Renew();
@@ -204,7 +203,7 @@ TEST_F(FaultWalkTest, PackageEvent) {
   const auto uninstall = [&] {
     before = Told();
     InstallApp(L"App");
-    host.service->OnSessionChange(5);  // makes live what an earlier try has stored
+    host.service->OnSessionChange(5);  // activates what an earlier try stored
     Expect(codes, 7, kWatch);
     machine.clock.Settle();
     try {

@@ -1,4 +1,4 @@
-// Command 20, above all when the lists cannot be read or do not fit into the response.
+// Command 20, mainly when lists are unreadable or too long for the response.
 
 #include "service/simulated_service.h"
 #include "storage/cap_data_store.h"
@@ -25,7 +25,7 @@ class GetSubscriptionsTest : public SimulatedServiceTest {
   }
 };
 
-// A client that takes a list for empty subscribes again, and so replaces a damaged store.
+// A client that sees an empty list subscribes again and so replaces a damaged store.
 TEST_F(GetSubscriptionsTest, TellsAnEmptyListFromOneThatCannotBeRead) {
   static constexpr wchar_t kListed[] = L"GetSubscriptions executed";
   static constexpr char kStored[] = R"([{"powerEventType":7}])";
@@ -76,7 +76,7 @@ TEST_F(GetSubscriptionsTest, TellsAnEmptyListFromOneThatCannotBeRead) {
 
 struct StoredRequest {
   std::wstring stored;
-  std::wstring listed = stored;  // empty: left out
+  std::wstring listed = stored;  // empty if omitted
 };
 using Requests = std::vector<StoredRequest>;
 
@@ -106,7 +106,7 @@ std::wstring Repeated(std::wstring_view text, std::size_t times) {
   return all;
 }
 
-// How long a request may be if all are listed, and if others are left out.
+// The longest request if all are listed, and if some are omitted.
 constexpr std::size_t kLongest = 65536 - std::wstring_view(kNone).size();
 constexpr std::size_t kLongestInPart =
     kLongest - std::wstring_view(L",\"omitted\":4294967295,").size();

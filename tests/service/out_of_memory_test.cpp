@@ -33,8 +33,7 @@ TEST_F(OutOfMemoryTest, ACommandFailsWithoutAnAnswerOrDoesWithoutTheMemory) {
   } kCases[] = {{22, L"{}"},       {20, L"{}"},    {21, L"{}"},       {12, L"{}"},  {2, L"{}"},
                 {3, kLaunched},    {5, kLaunched}, {13, kLaunched},   {9, kPower},  {9, L"{}"},
                 {19, kOtherPower}, {14, kZephra},  {14, kOtherPower}, {15, kPower}, {16, L"{}"}};
-  // The lists are not empty, and some requests are there already.
-  ASSERT_EQ(host.Execute(9, kPower).result, 0U);
+  ASSERT_EQ(host.Execute(9, kPower).result, 0U);  // is already stored
   ASSERT_EQ(host.Execute(14, kZephra).result, 0U);
   constexpr auto npos = std::wstring::npos;
   for (const auto kind : {Shortage::Lasting, Shortage::Once}) {
@@ -48,7 +47,7 @@ TEST_F(OutOfMemoryTest, ACommandFailsWithoutAnAnswerOrDoesWithoutTheMemory) {
       const auto check = [&] {
         EXPECT_THAT(result, testing::AnyOf(0U, 0x20000002U, 0x20000008U));
         EXPECT_TRUE(result != 0 || response != nullptr);
-        // A list that memory runs out for is not an empty one.
+        // A list must not appear empty because memory ran out.
         EXPECT_TRUE(result != 0 || c.id != 20 || std::wstring(response).find(kPower) != npos);
         service->FreeResponse(response);
         response = nullptr;
@@ -65,7 +64,7 @@ TEST_F(OutOfMemoryTest, AResponseThatCannotBeAllocatedIsReported) {
     result = service->ExecuteCommand(context, 22, L"{}", &response, nullptr);
   };
   const auto free = [&] { service->FreeResponse(response); };
-  // The buffer of the response is the last allocation of this command.
+  // The response buffer is this command's last allocation.
   const std::size_t allocations = FailEachAllocation(Shortage::Once, execute, free);
   log.Clear();
   response = nullptr;

@@ -11,11 +11,10 @@ namespace {
 
 namespace Orvane = Tessel::Server::Services::Orvane;
 
-// A Windows folder for this process only, in a protected place, whose lockdown policy library is a
-// stand-in.
+// A private Windows folder in a protected location, with a stand-in for the policy library.
 class PrivateLockdownPolicy {
  public:
-  // `library` is one of the signed copies of the test authority.
+  // `library` is a copy that the test authority signed.
   explicit PrivateLockdownPolicy(const wchar_t* library = L"pinned.dll") {
     std::filesystem::create_directory(folder / L"System32");
     std::filesystem::copy_file(PkiFile(library), Path());
@@ -64,7 +63,7 @@ TEST(LockdownPolicyTest, ALibraryThatFailsIsFreedAndTheModeIsWhatItLeft) {
   const LogCapture log;
   const auto before = HandleGauge();
   static constexpr struct {
-    const wchar_t* variable;  // of the stand-in
+    const wchar_t* variable;  // of the stand-in, VX_LOCKDOWN_MODE
     std::int32_t mode;
   } kCases[] = {{L"", 0}, {L"2!", 2}};
   for (const auto& c : kCases) {
@@ -78,7 +77,6 @@ TEST(LockdownPolicyTest, ALibraryThatFailsIsFreedAndTheModeIsWhatItLeft) {
   EXPECT_EQ(HandleGauge(), before);
 }
 
-// What depends on the mode is in scenarios/.
 using SModeTest = SimulatedServiceTest;
 
 TEST_F(SModeTest, APolicyLibraryThatDoesNotLoadMeansUnlocked) {

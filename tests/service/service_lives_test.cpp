@@ -1,5 +1,4 @@
-// Lives of a service that no scenario can play: several tasks that log at the same moment, and
-// faults in the middle of one. What the other lives log, and when, is in scenarios/.
+// Cases that no scenario can play: tasks that log at the same moment, and faults during a task.
 
 #include "events/package_completion.h"
 #include "events/package_event.h"
@@ -25,7 +24,7 @@ constexpr wchar_t kWatch[] =
     LR"("catalogActionParams":{"path":"C:\\a.exe"}})";
 constexpr char kNotified[] = "oobe_complete_event_sent_to_quboapp";
 
-// On a machine on which all that is done once has been done but for notifying the companion app.
+// Every one-time action is already done on this machine, except notifying the companion app.
 class ServiceLivesTest : public SimulatedServiceTest {
  protected:
   ServiceLivesTest() {
@@ -144,7 +143,7 @@ TEST_F(ServiceLivesTest, DestructionEndsBothWaitsForAUserAndTouchesNothingAfterw
   }
 }
 
-// Of both kinds of subscription, and not those of another service in the process.
+// Ends both kinds of delivery, but not those of another service in the process.
 TEST_F(ServiceLivesTest, DestructionEndsTheDeliveriesThatWait) {
   const std::wstring end =
       LR"("commandParams":{"packageFamilyName":"f","appServiceName":"s",)"
@@ -170,7 +169,7 @@ TEST_F(ServiceLivesTest, DestructionEndsTheDeliveriesThatWait) {
   EXPECT_THAT(Sent(), IsEmpty());
 }
 
-// The second client subscribes at the moment when the first one's failure is logged.
+// The second client subscribes while the first one's failure is being logged.
 TEST_F(ServiceLivesTest, ARefusedPackageSubscriptionTakesNoOtherClientsWithIt) {
   Reply second;
   const LogTrap refusal(L"RegisterAppPackageEvent threw", 1, [&] {
@@ -240,8 +239,7 @@ TEST_F(ServiceLivesTest, APackageSubscriptionThatIsNotStoredIsCheckedButNotWatch
   EXPECT_EQ(machine.packages.Handlers(L"ann"), 0U);
 }
 
-// A service that is destroyed while its start-up task works cannot end the watches that the task
-// makes.
+// A service destroyed during its start-up task cannot end the watches that the task adds.
 TEST_F(ServiceLivesTest, NoPackageIsWatchedForAServiceThatIsGone) {
   InstallApp(L"App");
   ASSERT_EQ(host.Execute(7, kWatch).result, 0U);

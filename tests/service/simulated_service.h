@@ -10,11 +10,10 @@ constexpr std::uint64_t kPowerOn = 133'655'000'000'000'000;  // 2024-07-15T03:33
 
 struct Reply {
   std::uint32_t result = 0;
-  std::optional<std::wstring> response;  // nothing: a null pointer
+  std::optional<std::wstring> response;  // empty: a null pointer
   bool untouched = false;                // the response pointer was left alone
 };
 
-// A service, made and destroyed as the host does.
 class ServiceFixture {
  public:
   ServiceFixture() { Renew(); }
@@ -26,7 +25,6 @@ class ServiceFixture {
     service.reset();
   }
 
-  // Replaces the service, by none when the factory makes none.
   void Renew() {
     End();
     service.reset(Service::Create());
@@ -59,13 +57,13 @@ class ServiceFixture {
   Tessel::Server::Services::ClientContext* context = nullptr;
 };
 
-// A service on a machine in memory, at whose console ann is signed in, with a store of its own.
+// A service with its own store, on a simulated machine with ann signed in at the console.
 class SimulatedServiceTest : public StoreTest {
  protected:
   SimulatedServiceTest() { machine.clock.SetUtcFileTime(kPowerOn); }
   ~SimulatedServiceTest() override {
     host.End();
-    machine.clock.Advance(std::chrono::hours(2));  // its delayed launches are not ended by it
+    machine.clock.Advance(std::chrono::hours(2));  // outlasts the service's delayed launches
   }
 
   void InstallApp(const std::wstring& name) {

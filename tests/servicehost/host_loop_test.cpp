@@ -232,7 +232,7 @@ TEST_F(HostLoopTest, TheDisplaySetsTheStandbyEventOnModernStandbyAlone) {
   EXPECT_THAT(Logged(), HasSubstr(L"ERROR : the standby event cannot follow the display, error 5"));
 }
 
-// The module hangs in a code while others come. What came once stays, the leaving of standby too.
+// The module hangs in one code. The last of each other code is kept, even 18, which ends standby.
 TEST_F(HostLoopTest, AFullQueueKeepsTheLastReportOfEachCodeAndWarnsOnce) {
   HostLoop host(Options(true), *log);
   SetEvent(standby.get());

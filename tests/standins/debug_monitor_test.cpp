@@ -11,8 +11,7 @@ using Clock = std::chrono::steady_clock;
 
 constexpr DWORD kBufferSize = 4096;
 
-// The objects of a monitor of debug output, under their real names. `protection` may be one that
-// makes the buffer a trap.
+// A debug-output monitor's objects, under their real names. `protection` can make accesses fault.
 class Monitor {
  public:
   explicit Monitor(DWORD protection = PAGE_READWRITE)
@@ -53,8 +52,8 @@ void Log(const std::wstring& text) {
   LogManager::SetProvider("Vx-Test")->LogWarning(L"%s", text.c_str());
 }
 
-// Runs `body` in a process of its own, because a monitor is remembered for the life of the module.
-// The process ends with 0 if `body` returns true, and with 3 if it hangs.
+// Runs `body` in its own process, because the module remembers a monitor for life. The process
+// exits with 0 if `body` returns true, and with 3 if it hangs.
 void ExpectInOwnProcess(const std::function<bool()>& body) {
   EXPECT_EXIT(
       {
@@ -67,8 +66,7 @@ void ExpectInOwnProcess(const std::function<bool()>& body) {
       testing::ExitedWithCode(0), "");
 }
 
-// A line that takes several pieces, and after it a short one: the monitor's readers run as other
-// users and must not see what the longer text left.
+// Readers run as other users, so a short line must not reveal what a longer one left behind.
 TEST(DebugMonitorTest, ReceivesEachLineWholeAndNothingElseOfThisProcess) {
   ExpectInOwnProcess([] {
     const Monitor monitor;
@@ -85,7 +83,7 @@ TEST(DebugMonitorTest, ReceivesEachLineWholeAndNothingElseOfThisProcess) {
   });
 }
 
-// Sends 50 lines, which would take five seconds if each waited, and none may end the process.
+// Logs 50 lines, which would take five seconds if each waited. None may end the process.
 bool LosesPatienceOnce() {
   const auto begin = Clock::now();
   for (int i = 0; i < 50; ++i) Log(L"x");

@@ -88,7 +88,7 @@ TEST(LoggingTest, LeavesTheLastErrorAlone) {
 }
 
 TEST(LoggingTest, DoesNotTouchItsArgumentsWhileNobodyListens) {
-  if (IsDebuggerPresent() != FALSE) GTEST_SKIP() << "a debugger listens";
+  if (IsDebuggerPresent() != FALSE) GTEST_SKIP() << "a debugger is attached";
   EXPECT_EXIT(
       {
         // NOLINTNEXTLINE(performance-no-int-to-ptr): an address that must not be read

@@ -89,7 +89,7 @@ TEST(BsonDocument, RefusesEveryPrefixOfADocumentAndWhatGoesOnBehindIt) {
   const std::string whole = Document(EveryKind());
   for (std::size_t size = 0; size < whole.size(); ++size) {
     EXPECT_FALSE(Decodes(whole.substr(0, size))) << size;
-    // Cut, but with the length at the front set to match.
+    // Truncated, with the leading length adjusted to match.
     const std::string cut = whole.substr(0, size) + '\0';
     if (size < 5) continue;
     const auto document = BsonDocument::Decode(ToBytes(LittleEndian(cut.size()) + cut.substr(4)));
@@ -124,7 +124,7 @@ TEST(BsonDocument, RefusesMembersThatCannotBeToldApart) {
   for (const auto& c : kCases) {
     SCOPED_TRACE(c.name);
     EXPECT_FALSE(Decodes(Document(c.element)));
-    // Inside the document of another service nothing is examined until a getter reads it.
+    // Another service's document is not examined until a getter reads it.
     const auto around =
         BsonDocument::Decode(ToBytes(Document("\003outer\0"s + Document(c.element))));
     ASSERT_TRUE(around);

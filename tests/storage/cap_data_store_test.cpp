@@ -7,8 +7,7 @@
 
 #include "storage/store_fixture.h"
 
-// Where this program keeps the address of the function that makes ids: the only step of a write
-// that no capability stands for.
+// This program's import of the id generator, the only step of a write without a capability.
 // NOLINTNEXTLINE(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp): the linker's name
 extern "C" RPC_STATUS(RPC_ENTRY* __imp_UuidCreate)(UUID*);
 
@@ -63,7 +62,7 @@ TEST_F(CapDataStoreTest, WritesAnIdAndABlobThatHoldsPlainBsonInOneCall) {
     EXPECT_TRUE(hyphen ? id[i] == L'-' : std::iswxdigit(id[i]) != 0) << i;
   }
 
-  // Opened with neither entropy nor prompt; the description names the file.
+  // Unprotected with neither entropy nor prompt. The description names the file.
   DATA_BLOB sealed{static_cast<DWORD>(file.size() - Tests::kHeaderSize),
                    reinterpret_cast<BYTE*>(file.data() + Tests::kHeaderSize)};
   DATA_BLOB plain{};
@@ -114,12 +113,12 @@ TEST_F(CapDataStoreTest, WritesOntoWhatOthersWroteSince) {
   EXPECT_EQ(Read(store, "key"), BsonElement::Text(L"another"));
 }
 
-// Bytes as a fault of the disk, a torn write or another program leaves them.
+// Returns `bytes` damaged as by a disk fault, a torn write or another program.
 Bytes Damaged(Bytes bytes, const Bytes& others, std::mt19937& random) {
   if (bytes.empty()) return others;
   const auto at = static_cast<std::ptrdiff_t>(random() % bytes.size());
   switch (random() % 5) {
-    case 0:  // cut
+    case 0:  // truncated
       bytes.resize(static_cast<std::size_t>(at));
       break;
     case 1:  // flipped bits
@@ -127,7 +126,7 @@ Bytes Damaged(Bytes bytes, const Bytes& others, std::mt19937& random) {
         bytes[random() % bytes.size()] ^= std::byte{1} << random() % 8;
       }
       break;
-    case 2:  // goes on as another one does
+    case 2:  // continues like another file
       bytes.resize(static_cast<std::size_t>(at));
       if (static_cast<std::size_t>(at) < others.size()) {
         bytes.insert(bytes.end(), others.begin() + at, others.end());
@@ -139,7 +138,7 @@ Bytes Damaged(Bytes bytes, const Bytes& others, std::mt19937& random) {
                       static_cast<std::ptrdiff_t>(
                           random() % (bytes.size() - static_cast<std::size_t>(at) + 1)));
       break;
-    default:  // a part is there twice
+    default:  // the beginning of another file is inserted
       bytes.insert(bytes.begin() + at, others.begin(),
                    others.begin() + static_cast<std::ptrdiff_t>(random() % (others.size() + 1)));
   }
@@ -155,7 +154,7 @@ class DamagedStoreTest : public CapDataStoreTest {
     BsonDocument theirs = WithInt("old", 1);
     theirs.Set(kOwn, BsonElement(ours));
     theirs.Set("id", BsonElement(BsonView(BsonKind::ObjectId, Bytes(12, std::byte{7}))));
-    BsonDocument foreign = WithInt(kOwn, 5);  // of a kind that this service does not write
+    BsonDocument foreign = WithInt(kOwn, 5);  // a kind that this service never writes
     foreign.Set("old", BsonElement::Text("text"));
     for (const BsonDocument& document : {theirs, foreign, WithInt("other", 2), BsonDocument()}) {
       plain.push_back(Encoded(document));
@@ -164,11 +163,10 @@ class DamagedStoreTest : public CapDataStoreTest {
     plain.push_back(Tests::ReadBytes(Tests::BuiltFile(L"corpus\\bson\\every_kind")));
     files.push_back(Tests::StoreFile(plain.back()));
     plain.push_back(Bytes(100, std::byte{0x41}));  // not a document
-    files.push_back(plain.back());                 // not a file of a store
+    files.push_back(plain.back());                 // not a store file
   }
 
-  // First each file of header size or less, which is an empty store. Then a damaged file, or a
-  // damaged document in a good file.
+  // Up to the header's size an empty store, then a damaged file or one with a damaged document.
   Bytes OddFile(std::uint32_t n, std::mt19937& random) {
     if (n <= Tests::kHeaderSize) return {files[0].begin(), files[0].begin() + n};
     const std::size_t one = random() % files.size();
@@ -201,7 +199,7 @@ class DamagedStoreTest : public CapDataStoreTest {
     EXPECT_EQ(Tests::DocumentOf(Path()), expected);
   }
 
-  // What could not be read, in whole or in the own document, is kept as the last of three copies.
+  // If the file or the own document is unreadable, the last of the copies must hold the file.
   void CheckCopies(const std::optional<BsonDocument>& held, const Bytes& file) {
     std::vector<std::wstring> copies = Siblings();
     EXPECT_LE(copies.size(), 3U);
@@ -358,13 +356,13 @@ TEST_F(CapDataStoreTest, RefusesAJunctionAtEveryStep) {
     EXPECT_EQ(ConstructionError(),
               "CapDataStore::initializeFile - Juction detected while attempting access file.");
   }
-  // The emulator shows no link to a file, so the attribute is put on.
+  // The emulator does not report links to files, so the test adds the attribute.
   Tests::WriteBytes(Path(), {});
   disk.writes.clear();
   disk.linksEverywhere = true;
   EXPECT_FALSE(store.persist("key", "other"));
   EXPECT_TRUE(log.Has(kPersistWarning));
-  // A link that is made between the reading and the write.
+  // The link is now created between the read and the write.
   disk.linksEverywhere = false;
   disk.onStep = [&](const std::string& step) {
     disk.linksEverywhere |= step == "Content";
@@ -377,7 +375,7 @@ TEST_F(CapDataStoreTest, RefusesAJunctionAtEveryStep) {
   EXPECT_TRUE(disk.writes.empty());
 }
 
-// Callers that return 0 whatever happens rely on this.
+// Callers that always return 0 rely on this.
 TEST_F(CapDataStoreTest, EveryRefusedStepStoresTheValueOrLeavesALine) {
   using Change = bool (*)(CapDataStore&);
   static constexpr Change kChanges[] = {

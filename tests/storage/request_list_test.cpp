@@ -35,7 +35,7 @@ TEST(ListWith, RefusesARequestThatDiffersInItsDelayOnly) {
   EXPECT_NE(ListWith(list, L"{\"x\":1.0}"), std::nullopt);
 }
 
-// The delay may be anywhere in the parameters and repeated, and members beside it may look like it.
+// The delay may come anywhere in the parameters, more than once and beside similar members.
 TEST(ListWith, FindsTheSameRequestWhereverItsDelayStands) {
   const std::wstring form = L"{\"e\":7,\"commandParams\":{\"delayDelivery\":1,\"x\":2},\"z\":3}";
   static constexpr struct {
@@ -73,7 +73,7 @@ TEST(ListWithout, RemovesTheFirstElementOfExactlyThatTextOrOnceFiredInAnySpacing
 }
 
 TEST(RequestList, TakesBackEveryRequestThatItTook) {
-  constexpr std::size_t kDeepest = 127;  // within the request's own object
+  constexpr std::size_t kDeepest = 127;  // inside the request's own object
   const std::wstring request = Nested(kDeepest);
   const std::optional<std::wstring> list = ListWith(L"", request);
   ASSERT_TRUE(list);

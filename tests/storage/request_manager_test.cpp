@@ -16,7 +16,7 @@ constexpr wchar_t kSecond[] = L"{\"n\":2}";
 
 class RequestManagerTest : public testing::Test {
  protected:
-  // Each operation of the service makes its own manager.
+  // Each service operation creates its own manager.
   static RequestManager Manager() { return {kServiceDocument, kPowerSubscriptions}; }
 
   static std::wstring Stored() {
@@ -43,7 +43,7 @@ class RequestManagerTest : public testing::Test {
   Tests::LogCapture log;
 };
 
-// What else changes the list is in events/scenarios/power_list.json and request_list_test.cpp.
+// events/scenarios/power_list.json and request_list_test.cpp cover other changes to the list.
 TEST_F(RequestManagerTest, CompletesARequestInAnySpacingAndOneThatIsGone) {
   Plant(L"[{\"n\":1},{\"n\":2}]");
   for (int time = 0; time < 2; ++time) {
@@ -123,9 +123,9 @@ TEST_F(RequestManagerTest, RefusesWhatNoClientCouldNameAndWhatMakesTheListsTooLo
   for (const wchar_t* list : {L"", L"[{\"n\":3}]"}) {
     Plant(list);
     EXPECT_FALSE(Manager().PersistRequest(grows));
-    EXPECT_TRUE(Stored() == list) << "not printed, for its length";
+    EXPECT_TRUE(Stored() == list) << "too long to print";
   }
-  // The other list and this one, which `kSecond` makes eight characters longer, its comma included.
+  // The limit applies to both lists together. `kSecond` adds eight characters, comma included.
   ASSERT_TRUE(CapDataStore().mergeMember(kServiceDocument, kZephraSubscriptions,
                                          BsonElement::Text(listOf(kMost / 2))));
   Plant(listOf(kMost / 2 - 7));

@@ -1,5 +1,4 @@
-// What the store's file holds after writes that fail or are killed, and after reads of files that
-// are damaged, held by another process or not the store's own.
+// The store's file after failed or killed writes, and reads of damaged, busy or foreign files.
 
 #include "storage/cap_data_store.h"
 #include "storage/store_fixture.h"
@@ -35,7 +34,7 @@ class SealedFileTest : public Tests::FaultyStoreTest {
 
   std::wstring Sibling(const wchar_t* name) const { return Path() + L"." + name + L".new"; }
 
-  // The value under "key" in the file. Nothing if the file does not hold the other value too.
+  // Returns the value of "key", or nothing if the file has lost the other value.
   std::optional<std::int32_t> Value() const {
     const std::optional<BsonDocument> document = Held();
     if (!document) return std::nullopt;
@@ -65,7 +64,7 @@ class SealedFileTest : public Tests::FaultyStoreTest {
   static bool Write() { return CapDataStore().persist("key", BsonElement::Int32(kNew)); }
 };
 
-// Whether another process keeps the file open so that it cannot be renamed over.
+// The parameter is whether another process has the file open, which prevents renaming over it.
 class SealedFileHeldOrNot : public SealedFileTest, public testing::WithParamInterface<bool> {
  protected:
   Platform::UniqueHandle HoldIfAsked() const {
@@ -76,7 +75,7 @@ INSTANTIATE_TEST_SUITE_P(Files, SealedFileHeldOrNot, testing::Bool(),
                          [](const auto& held) { return held.param ? "Held" : "NotHeld"; });
 
 TEST_P(SealedFileHeldOrNot, AWriteThatFailsAtAnyStepLeavesTheOldContent) {
-  std::string needed;  // the steps without which nothing is written
+  std::string needed;  // steps whose failure prevents the write
   for (std::size_t call = 0; !HasFailure(); ++call) {
     Plant(kOld);
     bool written = false;
@@ -88,7 +87,7 @@ TEST_P(SealedFileHeldOrNot, AWriteThatFailsAtAnyStepLeavesTheOldContent) {
       try {
         written = store.persist("key", BsonElement::Int32(kNew));
       } catch (const system_mutex_exception&) {
-        written = Value() == kNew;  // says nothing about the file
+        written = Value() == kNew;  // does not reveal whether the file was written
       }
       calls = faults.Calls();
       faults.Clear();
@@ -111,7 +110,7 @@ TEST_P(SealedFileHeldOrNot, AWriteThatFailsAtAnyStepLeavesTheOldContent) {
 }
 
 TEST_P(SealedFileHeldOrNot, AWriterKilledBeforeAnyStepLeavesTheOldContentOrTheNew) {
-  // Keeps the mutex, and with it what the killed writer leaves.
+  // Keeps the kernel object, so that it stays abandoned after the writer is killed.
   const Platform::UniqueHandle mutex(CreateMutexW(nullptr, FALSE, Tests::kStoreMutex));
   int torn = 0;
   int step = 1;
@@ -133,19 +132,18 @@ TEST_P(SealedFileHeldOrNot, AWriterKilledBeforeAnyStepLeavesTheOldContentOrTheNe
     EXPECT_EQ(log.Lines().empty(), whole && survived) << "a killed writer abandons the mutex";
     const auto value = Value();
     EXPECT_TRUE(value == kNew || (value == kOld && whole && !survived));
-    // A torn file was damaged, so a copy of it is kept.
-    EXPECT_THAT(Siblings(), Each(HasSubstr(L".damaged-")));
+    EXPECT_THAT(Siblings(), Each(HasSubstr(L".damaged-")));  // a torn file is copied
   }
   EXPECT_GT(step, 7);
   EXPECT_EQ(torn > 0, GetParam());
 }
 
-// A host may end one of its threads. What that thread had open stays open while the process lives.
+// A host may terminate a thread. The thread's open handles then last until the process ends.
 TEST_F(SealedFileTest, AThreadTerminatedBeforeAnyStepKeepsItsProcessFromNoWrite) {
   const struct {
     const char* name;
     std::function<void()> plant;
-    std::size_t kept;  // copies of what was damaged
+    std::size_t kept;  // copies of the damaged file
   } kStores[] = {
       {"sound", [&] { Plant(kOld); }, 0},
       {"empty", [&] { Tests::WriteBytes(Path(), {}); }, 0},
@@ -197,7 +195,7 @@ TEST_F(SealedFileTest, AFailureThatPassesIsTriedAgainForAQuarterOfASecond) {
     const char* step;
     Platform::ErrorCode error;
     int failures;
-    bool passes;  // the read, or the write without doing it in place
+    bool passes;  // the read succeeds, or the write avoids writing in place
   } kCases[] = {
       {"file in use", "Open", 32, 10, true},
       {"file in use for longer", "Open", 32, 11, false},
@@ -241,7 +239,7 @@ TEST_F(SealedFileTest, OnlyWhatIsProvedDamagedIsReplacedAndACopyIsKept) {
     Platform::ErrorCode error = 0;
     const wchar_t* line = nullptr;
     bool replaced = false;
-    bool protectionWorks = true;  // on other blobs
+    bool protectionWorks = true;  // for other blobs
   } kCases[] = {
       {"invalid blob", 13, L"the file is damaged, error 0xd", true},
       {"altered blob", 0x80090005, L"the file is damaged, error 0x80090005", true},
@@ -269,7 +267,7 @@ TEST_F(SealedFileTest, OnlyWhatIsProvedDamagedIsReplacedAndACopyIsKept) {
     protection.Fail(0);
     if (c.replaced) {
       ASSERT_EQ(Siblings().size(), 1U);
-      // At once, or after the waits for keys.
+      // The time of the read, or 250 ms later after waiting for keys.
       EXPECT_THAT(Siblings().front(),
                   AnyOf(HasSubstr(L"shared_store.dat.damaged-20240705-090503-042."),
                         HasSubstr(L"shared_store.dat.damaged-20240705-090503-292.")));
@@ -286,7 +284,7 @@ TEST_F(SealedFileTest, OnlyWhatIsProvedDamagedIsReplacedAndACopyIsKept) {
 TEST_F(SealedFileTest, KeysThatComeAtTheLastTryLoseNothing) {
   for (const Platform::ErrorCode error : {0x8009000BU, 87U}) {
     Plant(kOld);
-    protection.Fail(error, 13);  // 12 tries of the opening, which writes nothing, and one more
+    protection.Fail(error, 13);  // 12 tries while opening, which does not write, and one more
     EXPECT_TRUE(Write());
     EXPECT_EQ(Value(), kNew) << error;
     EXPECT_THAT(Siblings(), IsEmpty());
@@ -295,11 +293,11 @@ TEST_F(SealedFileTest, KeysThatComeAtTheLastTryLoseNothing) {
 
 TEST_F(SealedFileTest, KeepsTheLastThreeDifferentCopiesAndNothingWithoutOne) {
   for (int i = 1; i <= 5; ++i) {
-    // Set back each time, so that the dates in the names run the wrong way.
+    // The clock is set back each time, so that the dates in the names decrease.
     clock.SetUtcFileTime((100 - static_cast<std::uint64_t>(i)) * 10'000'000);
     Damage(i);
     disk.onStep = [](const std::string& step) { return step == "MoveOver" ? Tests::kFault : 0U; };
-    EXPECT_FALSE(Write()) << "the copy is made, and the write fails";
+    EXPECT_FALSE(Write()) << "the copy succeeds, and the write fails";
     disk.onStep = [](const std::string&) { return 0U; };
     EXPECT_TRUE(Write());
   }
@@ -322,7 +320,7 @@ TEST_F(SealedFileTest, CopiesThatAnotherProcessHoldsGoAfterALaterDamage) {
   }
   EXPECT_EQ(Siblings().size(), 6U) << "those held, and the last three";
   holders.clear();
-  Damage(7);  // as the last copy has it already
+  Damage(7);  // identical to the last copy
   EXPECT_TRUE(Write());
   EXPECT_THAT(Copies(), UnorderedElementsAre(5, 6, 7));
 }
@@ -333,7 +331,7 @@ TEST_F(SealedFileTest, ACopyIsNotNumberedAnewWhileItsForerunnersCannotBeListed) 
     if (i == 4) {
       Tests::WriteBytes(Sibling(L"a"), Bytes(10));
       disk.onStep = [&, reads = 0](const std::string& step) mutable {
-        // After the listing of the siblings, before that of the copies.
+        // Fails after the siblings are listed and before the copies are.
         if (step == "Content" && ++reads == 4) faults.FailNamed("Files.Siblings");
         return 0U;
       };
@@ -380,7 +378,7 @@ TEST_F(SealedFileTest, AStoreThatWasResetToItsHeaderAdoptsOnlyASiblingWithItsId)
   }
 }
 
-// Interrupted writes: the file is as given, and one of two siblings holds the new value.
+// After an interrupted write, the file is as given and one of two siblings holds the new value.
 TEST_F(SealedFileTest, AStoreWithoutContentGivesWayToTheSiblingOfAnInterruptedWrite) {
   const std::function<void()> kStores[] = {
       [&] { ::DeleteFileW(Path().c_str()); },
@@ -400,7 +398,7 @@ TEST_F(SealedFileTest, AStoreWithoutContentGivesWayToTheSiblingOfAnInterruptedWr
         return 0U;
       };
       log.Clear();
-      const bool open = held && i != 0;  // the first store is not there
+      const bool open = held && i != 0;  // the first case has no file
       const auto holder = open ? Hold(Path(), FILE_SHARE_READ | FILE_SHARE_WRITE) : nullptr;
       const CapDataStore store;
       EXPECT_EQ(Value(), kNew);
@@ -415,7 +413,7 @@ TEST_F(SealedFileTest, AStoreWithoutContentGivesWayToTheSiblingOfAnInterruptedWr
 TEST_F(SealedFileTest, AWriteInPlaceThatCannotBeUndoneNamesTheSiblingThatCompletesIt) {
   CapDataStore store;
   const Platform::UniqueHandle holder = Hold(Path(), FILE_SHARE_READ | FILE_SHARE_WRITE);
-  // The new content fails halfway, and the old one is not written again.
+  // Writing the new content fails halfway, and writing the old content back fails too.
   disk.onStep = [inPlace = false, writes = 0](const std::string& step) mutable {
     inPlace |= step == "SetSize";
     const bool isWrite = inPlace && (step == "Write" || step == "Half");
@@ -471,7 +469,7 @@ TEST_F(SealedFileTest, ASiblingIsAdoptedOnlyIfItDecodesAndIsTheSystemsOwn) {
     SCOPED_TRACE(c.name);
     Tests::WriteBytes(Path(), {});
     c.make();
-    EXPECT_TRUE(CapDataStore().persist("other", true)) << "and holds nothing up";
+    EXPECT_TRUE(CapDataStore().persist("other", true)) << "the sibling blocks a write";
     EXPECT_TRUE(Held() && Held()->Size() == 1);
     disk.foreignOwner = false;
     disk.onFacts = [](Platform::FileFacts&) {};
@@ -494,13 +492,13 @@ TEST_F(SealedFileTest, ASiblingThatCannotBeOpenedStopsNoWrite) {
   ASSERT_TRUE(CreateDirectoryW(Sibling(L"b").c_str(), nullptr));
   EXPECT_TRUE(Write());
   EXPECT_TRUE(RemoveDirectoryW(Sibling(L"b").c_str()));
-  // What Windows says of a path beyond its limit, which the listing of the folder still returns.
+  // Windows returns these for a path that is too long, although the folder's listing includes it.
   for (const Platform::ErrorCode error : {3U, 206U}) {
     Tests::WriteBytes(Path(), {});
     Tests::WriteBytes(Sibling(L"a"), {});
     CapDataStore store;
     disk.onStep = [error, opens = 0](const std::string& step) mutable {
-      return step == "Open" && ++opens == 2 ? error : 0U;  // the first is of the store
+      return step == "Open" && ++opens == 2 ? error : 0U;  // the first opens the store
     };
     EXPECT_TRUE(store.persist("key", BsonElement::Int32(kNew))) << error;
     disk.onStep = [](const std::string&) { return 0U; };
@@ -526,7 +524,7 @@ TEST_F(SealedFileTest, AnAccessOpensItsNewestSiblingsAndNoMoreWhateverOthersPutB
   };
   { const CapDataStore store; }
   EXPECT_EQ(Value(), kNew);
-  EXPECT_LE(opened, 2 * (20 + 3 * 16) + 4) << "to adopt one, and to delete them";
+  EXPECT_LE(opened, 2 * (20 + 3 * 16) + 4) << "opens to adopt one sibling and to delete the others";
   for (int i = 0; i < 3; ++i) const CapDataStore store;
   EXPECT_THAT(Siblings(), SizeIs(20));
 }
@@ -551,7 +549,7 @@ TEST_F(SealedFileTest, ASiblingThatCannotBeReadNowIsNotGivenUp) {
     const Platform::UniqueHandle holder = Hold(Sibling(L"a"), FILE_SHARE_WRITE);
     EXPECT_FALSE(Write());
     disk.foreignOwner = true;
-    EXPECT_TRUE(CapDataStore().persist("other", true)) << "no account may hold the store up so";
+    EXPECT_TRUE(CapDataStore().persist("other", true)) << "another account can block the store";
     disk.foreignOwner = false;
     Tests::WriteBytes(Path(), {});
   }
@@ -567,7 +565,7 @@ TEST_F(SealedFileTest, AScannerDelaysTheAdoptionOfASibling) {
     Tests::WriteBytes(Path(), torn);
     Tests::WriteBytes(Sibling(L"a"), FileWith(kNew));
     Platform::UniqueHandle scanner = Hold(Sibling(L"a"), FILE_SHARE_WRITE);
-    // Opens the store once, and the sibling once for its owner, and twice per try.
+    // Opens the store once, and the sibling once for its owner and twice per try.
     disk.onStep = [&, opens = 0](const std::string& step) mutable {
       if (step == "Open" && ++opens == 23 && passes) scanner.reset();
       return 0U;

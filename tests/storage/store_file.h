@@ -29,7 +29,6 @@ inline void WriteBytes(const std::wstring& path, std::span<const std::byte> cont
   Platform::WindowsMachine().files->Overwrite(path, content);
 }
 
-// Returns the content of a file with this id whose blob holds `plain`.
 inline Bytes StoreFile(std::span<const std::byte> plain, const std::wstring& id = kSomeId) {
   const auto header = std::as_bytes(std::span(id));
   Bytes content(header.begin(), header.end());
@@ -46,7 +45,7 @@ inline std::optional<Bytes> PlainOf(const Bytes& file) {
   return *std::move(plain);
 }
 
-// What a file of this content holds. Nothing if it cannot be read.
+// Returns the document in a store file, or nothing if it is unreadable.
 inline std::optional<Tessel::Server::Storage::BsonDocument> HeldBy(const Bytes& file) {
   using Tessel::Server::Storage::BsonDocument;
   if (file.size() <= kHeaderSize) return BsonDocument();

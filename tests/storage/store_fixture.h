@@ -12,7 +12,7 @@ namespace Vx::Tests {
 
 class FaultyProtection final : public Platform::DataProtection {
  public:
-  // Unsealing fails with this error, `count` times or for good, for a blob of this size or more.
+  // Makes Unprotect fail for blobs of at least `leastSize` bytes, `count` times or always.
   void Fail(Platform::ErrorCode error, int count = -1, std::size_t leastSize = 0) {
     unprotecting = error;
     left = count;
@@ -36,12 +36,12 @@ class FaultyProtection final : public Platform::DataProtection {
   Platform::DataProtection& real = *Platform::WindowsMachine().dataProtection;
 };
 
-// A store of this test alone, on real files with faults and on a clock that takes no time.
+// A store for this test alone, on real files with injected faults and a virtual clock.
 class FaultyStoreTest : public testing::Test {
  protected:
   std::wstring Path() const { return home.FilePath(); }
 
-  // What the file holds by rules that are not the store's own code. Nothing if it cannot be read.
+  // Returns the file's document without using the store's own code. Nothing if it is unreadable.
   std::optional<Tessel::Server::Storage::BsonDocument> Held() const {
     return HeldBy(ReadBytes(Path()));
   }

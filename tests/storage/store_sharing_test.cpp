@@ -69,7 +69,7 @@ TEST_F(StoreSharingTest, AMarkNeverReplacesADocumentThatIsStoredMeanwhile) {
   }
 }
 
-// Processes whose threads all write one store. The test kills and replaces one after the other.
+// Processes whose threads all write one store. The test kills and replaces them one at a time.
 class StoreStormTest : public testing::Test {
  protected:
   void Storm(std::mt19937& random) {
@@ -81,7 +81,7 @@ class StoreStormTest : public testing::Test {
     const std::wstring name =
         L"vx-storm-" + std::to_wstring(GetCurrentProcessId()) + L"-" + std::to_wstring(++storms);
     const Tests::SharedNotes notes(name);
-    // Never killed: it writes in place, which a kill would tear.
+    // Never killed, because it writes in place and a kill would tear the file.
     Tests::StoreWorker other(name + L" " + std::to_wstring(Tests::kOtherService));
     std::map<std::size_t, Tests::StoreWorker> running;
     std::vector<std::size_t> dead;
@@ -149,7 +149,7 @@ class StoreStormTest : public testing::Test {
     EXPECT_TRUE(plain && BsonDocument::Decode(*plain)) << file.size() << " bytes";
   }
 
-  // The store must hold what the writers of `process` wrote: the value `least` or a later one.
+  // For each writer of `process`, the store must hold the value `least` or a later one.
   void Check(const Tests::SharedNotes& notes, std::size_t process,
              std::atomic<std::int32_t> Tests::StormWriter::*least, const BsonDocument& written) {
     EXPECT_EQ(notes->processes.at(process).refused, 0);

@@ -11,32 +11,32 @@
 
 #include "platform/unique_handle.h"
 
-// Notes that the writers of a storm keep in shared memory, for the test to read after killing them.
+// Notes that a storm's writers keep in shared memory, for the test to read after killing them.
 namespace Vx::Tests {
 
-inline constexpr unsigned kKilled = 9;  // exit code of a worker that was killed
+inline constexpr unsigned kKilled = 9;  // exit code of a killed worker
 
 inline constexpr char kStormDocument[] = "storm";
 inline constexpr std::size_t kWritersOfAProcess = 2;
 inline constexpr std::size_t kMostProcesses = 32;
 
-// The process of another service, which has no code of the store, and the key that it increments.
+// The process number of a service that lacks the store's code, and the key it increments.
 inline constexpr std::size_t kOtherService = kMostProcesses - 1;
 inline constexpr char kOtherKey[] = "other_service";
 
 struct StormWriter {
-  std::atomic<std::int32_t> begun{0};         // the last value that it began to write
-  std::atomic<std::int32_t> acknowledged{0};  // the last one that the store acknowledged
+  std::atomic<std::int32_t> begun{0};         // the last value that it started to write
+  std::atomic<std::int32_t> acknowledged{0};  // the last value that the store acknowledged
 };
 
 struct StormProcess {
-  std::atomic<int> refused{0};  // writes that the store refused
+  std::atomic<int> refused{0};  // writes that the store rejected
   std::array<StormWriter, kWritersOfAProcess> writers;
 };
 
 struct StormNotes {
-  std::atomic<bool> end{false};         // each writer begins one more write
-  std::atomic<unsigned> abandoned{0U};  // times that the other service found the mutex so
+  std::atomic<bool> end{false};         // each writer then makes one last write
+  std::atomic<unsigned> abandoned{0U};  // times that the other service found the mutex abandoned
   std::array<StormProcess, kMostProcesses> processes;
 };
 
@@ -44,7 +44,7 @@ inline std::string MemberOf(std::size_t process, std::size_t writer) {
   return std::to_string(process) + "." + std::to_string(writer);
 }
 
-// Opens the notes under a name that several processes share. They start as zero.
+// Opens the notes that several processes share under a name. They start zeroed.
 class SharedNotes {
  public:
   explicit SharedNotes(const std::wstring& name)

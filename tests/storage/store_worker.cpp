@@ -1,12 +1,11 @@
 // Another process that uses the shared store.
 //
-//   store_worker FILE  holds the store's mutex, makes the file, and ends when it is gone
-//   store_worker NOTES PROCESS  increments members until the notes end the storm, or a key of its
-//                               own as process kOtherService
-//   store_worker KEY VALUE STEP  stores the value under the key, and ends itself before that step
-//                                of the write, counted from 1
-//   store_worker KEY VALUE STEP LATER  the same with only the thread that writes, and then stores a
-//                                      value under LATER
+//   store_worker FILE  holds the store's mutex, creates FILE, and ends once FILE is gone
+//   store_worker NOTES PROCESS  increments members until the notes end the storm, or its own key if
+//                               PROCESS is kOtherService
+//   store_worker KEY VALUE STEP  stores VALUE under KEY, and ends its process before that step of
+//                                the write, counted from 1
+//   store_worker KEY VALUE STEP LATER  ends only the writing thread, then stores 1 under LATER
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -35,7 +34,7 @@ namespace {
 using Vx::Tessel::Server::Storage::BsonElement;
 using Vx::Tessel::Server::Storage::CapDataStore;
 
-// An exception of the store ends the process, which the test notices.
+// An exception from the store ends the process, which the test notices.
 void CountUp(const Vx::Tests::SharedNotes& notes, std::size_t self, std::size_t writer) {
   Vx::Tests::StormProcess& process = notes->processes.at(self);
   Vx::Tests::StormWriter& own = process.writers.at(writer);
@@ -52,10 +51,9 @@ void CountUp(const Vx::Tests::SharedNotes& notes, std::size_t self, std::size_t 
   }
 }
 
-// Another service, which writes in place and has no code of the store but that of its format.
+// Another service, which writes in place and shares only the file format's code with the store.
 class OtherService {
  public:
-  // Stores the value under kOtherKey. Throws if the last one is not found there.
   void Store(std::int32_t value) {
     const Vx::Tests::Bytes file = Vx::Tests::ReadBytes(path);
     auto document = Vx::Tests::HeldBy(file).value();
@@ -98,7 +96,7 @@ void Storm(const std::wstring& name, std::size_t self) {
 
 enum class Ends { Process, Thread };
 
-// One write, before a step of which its process or thread ends.
+// One write, whose process or thread ends before a given step.
 class EndedWrite {
  public:
   EndedWrite(const std::vector<std::wstring>& arguments, Ends ends)
@@ -128,7 +126,7 @@ class EndedWrite {
   const std::string key;
   const std::int32_t value;
   Vx::Tests::FaultyFiles files;
-  Vx::Simulator::VirtualClock clock;  // a write that waits for another process takes no time
+  Vx::Simulator::VirtualClock clock;  // waiting for another process takes no time
   const Vx::Platform::MachineScope scope{[this](Vx::Platform::Machine& machine) {
     machine.files = &files;
     machine.clock = &clock;

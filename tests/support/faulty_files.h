@@ -20,17 +20,17 @@ inline constexpr Platform::ErrorCode kDenied = 5;    // ERROR_ACCESS_DENIED
 inline constexpr std::uint32_t kReparsePoint = 0x400;
 
 struct FileFaults {
-  // Called with its name before each step that reads, changes or renames content, and with "Half"
-  // in the middle of a write. Returns the error with which the step fails, or zero.
+  // Called with the step's name before each step that reads, changes or renames content, and with
+  // "Half" in the middle of a write. Returns the error that the step fails with, or zero.
   std::function<Platform::ErrorCode(const char* step)> onStep = [](const char*) { return 0U; };
 
   std::function<void(Platform::FileFacts&)> onFacts = [](Platform::FileFacts&) {};
   bool foreignOwner = false;                   // every file belongs to another account
-  std::wstring foreignMark = L"?";             // and each whose path has this in it
-  std::size_t largestRead = 0;                 // the bound of the last read
+  std::wstring foreignMark = L"?";             // and so does each whose path contains this
+  std::size_t largestRead = 0;                 // the limit of the last read
   std::vector<std::vector<std::byte>> writes;  // the content of each attempted write
 
-  // Runs `step` unless onStep fails it. For the decorators.
+  // Runs `step` unless onStep fails it.
   template <typename Step>
   auto Or(const char* name, const Step& step) const {
     using Answer = decltype(step());

@@ -6,9 +6,8 @@
 
 namespace Vx::Tests {
 
-// Replaces a function that this program imports, for every caller and the life of this object.
-// `imported` is the linker's __imp_ variable, borrowed. Depending on the linker, its table may be
-// read-only.
+// Replaces a function that this program imports, for every caller, while this object lives.
+// `imported` is the linker's __imp_ variable, whose table may be read-only with some linkers.
 template <typename Function>
 class ImportOverride {
  public:

@@ -1,5 +1,5 @@
-// A lockdown policy library for tests: reports the mode in its process's variable VX_LOCKDOWN_MODE,
-// and still fails if '!' follows. If the variable is missing, fails without setting the mode.
+// A lockdown policy library that reports the mode in the environment variable VX_LOCKDOWN_MODE, but
+// returns failure if '!' follows. Without the variable it fails and sets no mode.
 #include <cwchar>
 
 #include <windows.h>

@@ -12,8 +12,8 @@
 
 namespace Vx::Tests {
 
-// Collects every log line written while it lives, as "info|", "warning|" or "error|" and the
-// message, or a record's fields instead of its line. Any thread may log.
+// Collects every line logged while it lives as "info|", "warning|" or "error|" and the message.
+// Records go to Records() instead. Any thread may log.
 class LogCapture {
  public:
   LogCapture()
@@ -23,14 +23,12 @@ class LogCapture {
 
   std::vector<std::wstring> Lines() const { return CopyOf(lines); }
 
-  // The caller identities of these lines.
   std::vector<std::wstring> Callers() const { return CopyOf(callers); }
 
-  // "KIND NUMBER DECISION", then ":REASON", " TARGET", " in PACKAGE", " by CLIENT", " of
-  // SUBSCRIPTION", " status N", " process N", " after N ms" if present.
+  // "KIND NUMBER DECISION", followed where present by ":REASON", " TARGET", " in PACKAGE", " by
+  // CLIENT", " of SUBSCRIPTION", " status N", " process N", " after N ms".
   std::vector<std::wstring> Records() const { return CopyOf(records); }
 
-  // The delivery numbers of these records.
   std::vector<std::uint64_t> Deliveries() const { return CopyOf(deliveries); }
 
   bool Has(const std::wstring& line) const {
@@ -87,7 +85,7 @@ class LogCapture {
   Tessel::Server::Logging::LogManager::SinkId sink;
 };
 
-// Runs an action on the thread that logs a line with `text` for the `time`th time, at that moment.
+// When a line with `text` is logged for the `time`th time, runs an action on the logging thread.
 class LogTrap {
  public:
   LogTrap(std::wstring text, int time, std::function<void()> action)

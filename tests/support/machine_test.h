@@ -5,7 +5,7 @@
 
 namespace Vx::Tests {
 
-// Replaces the real machine with a simulated one, with ann at its console, and captures the log.
+// Simulates a machine with ann signed in at the console, and captures the log.
 class MachineTest : public testing::Test {
  protected:
   MachineTest() { machine.users.LogOn(L"ann"); }

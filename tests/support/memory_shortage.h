@@ -8,9 +8,8 @@ namespace Vx::Tests {
 
 enum class Shortage { Once, Lasting };
 
-// Makes the calling thread's allocations fail after the first `succeeding` ones, while it lives.
-// The linker redirects every malloc, calloc and realloc, and so every operator new, of a program
-// that links this library.
+// Fails the calling thread's allocations after the first `succeeding` ones. The linker redirects
+// malloc, calloc and realloc, and so operator new, of programs that link this library.
 class MemoryShortage {
  public:
   MemoryShortage(Shortage kind, std::size_t succeeding);
@@ -22,9 +21,8 @@ class MemoryShortage {
   bool End();
 };
 
-// Runs `action` with its first, second, ... allocation failing, until none is left to fail, and
-// each time then `check` with enough memory. Expects `action` not to throw. Returns the number of
-// allocations.
+// Runs `action` with its first, second, ... allocation failing until none is left, and after each
+// run `check` with enough memory. `action` must not throw. Returns the number of allocations.
 template <typename Action, typename Check>
 std::size_t FailEachAllocation(Shortage kind, Action&& action, Check&& check) {
   for (std::size_t i = 0;; ++i) {

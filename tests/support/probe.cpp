@@ -75,7 +75,7 @@ StartedProcess StartProcess(std::wstring commandLine, std::uint32_t flags) {
   PROCESS_INFORMATION made{};
   if (CreateProcessW(nullptr, commandLine.data(), nullptr, nullptr, FALSE, flags, nullptr, nullptr,
                      &start, &made) == FALSE) {
-    // Under Wine 1359 says that something killed the new process before any of its code ran.
+    // Under Wine, 1359 means that the new process was killed before any of its code ran.
     throw std::system_error(static_cast<int>(GetLastError()), std::system_category(), "no process");
   }
   const Platform::UniqueHandle thread(made.hThread);

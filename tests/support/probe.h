@@ -10,23 +10,23 @@
 
 namespace Vx::Tests {
 
-// What a started probe program reports about itself (see probe_main.cpp).
+// A started probe's report about itself (see probe_main.cpp).
 struct ProbeReport {
   std::wstring commandLine;
   std::wstring workingDirectory;
   std::vector<std::wstring> arguments;
-  std::vector<std::wstring> lines;  // the whole report
+  std::vector<std::wstring> lines;  // all of the report
 
-  // Returns whether it had the variable "NAME=value", if it reports that variable.
+  // Returns whether the probe reported the environment variable "NAME=value".
   bool HasVariable(const std::wstring& entry) const;
 };
 
 std::wstring TestFolder();
 
-// Full path of a file of the build, relative to TestFolder(). If missing, ends the program.
+// Returns the full path of a build file relative to TestFolder(). Ends the program if missing.
 std::wstring BuiltFile(const std::wstring& name);
 
-// The probe program, the shipping module, and the module that trusts the tests' own authority.
+// The probe program, the shipping module, and the module that trusts the test authority.
 std::wstring ProbePath();
 std::wstring ModulePath();
 std::wstring TestModulePath();
@@ -36,7 +36,6 @@ struct StartedProcess {
   std::uint32_t id;
 };
 
-// Starts a program with these flags of CreateProcessW. Throws std::system_error.
 StartedProcess StartProcess(std::wstring commandLine, std::uint32_t flags = 0);
 
 std::wstring Escaped(const std::wstring& path);

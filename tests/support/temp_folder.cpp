@@ -49,9 +49,8 @@ std::wstring UnixName(const std::wstring& path) {
   return L"\"" + wide + L"\"";
 }
 
-// The end of such a program cannot be waited for, so the caller checks for its effect. The emulator
-// returns stack leftovers instead of handles, so none are closed. Closing them once hit a file of a
-// test.
+// A Unix program's end cannot be awaited, so callers check for its effect. The emulator returns
+// stack leftovers as handles, and closing them once hit a test's file.
 void StartOutside(const wchar_t* program, std::wstring commandLine) {
   STARTUPINFOW startup{};
   startup.cb = sizeof startup;
@@ -139,7 +138,7 @@ ProtectedFolder::ProtectedFolder() {
   const std::wstring text =
       L"%ProgramFiles%\\VxTest-" + std::to_wstring(GetCurrentProcessId()) + L"-";
   const std::wstring base = *Platform::WindowsMachine().environment->Expand(text, MAX_PATH);
-  // A crashed run may have left the folder of a process id that is in use again.
+  // The folder may remain from a crashed run whose process id is in use again.
   do {
     path = base + std::to_wstring(++counter);
     if (CreateDirectoryW(path.c_str(), nullptr) != FALSE) return;

@@ -7,19 +7,18 @@
 
 namespace Vx::Tests {
 
-// Delete a file, or an empty folder. A program that has just ended holds its file and its working
-// directory a little longer, so these retry for up to two seconds.
+// Delete a file or an empty folder. Retry for up to two seconds, because a program that has just
+// ended still holds its file and working directory.
 void RemoveFile(const std::wstring& path);
 void RemoveFolder(const std::wstring& path);
 
 // Deletes a folder with its content, but does not follow directory links in it.
 void RemoveTree(const std::wstring& folder);
 
-// The content of a file, byte for byte; empty if it cannot be opened.
+// Returns a file's content byte for byte, or nothing if it cannot be opened.
 std::string ReadText(const std::filesystem::path& path);
 void WriteText(const std::filesystem::path& path, std::string_view content);
 
-// A new folder in the user's temporary folder, removed with its content at the end.
 class TempFolder {
  public:
   TempFolder();
@@ -55,7 +54,7 @@ class PrivateStore {
     return (folder.Path() / L"Vx\\SharedServices\\shared_store.dat").wstring();
   }
 
-  // Puts a file where the store's folder would be, so that no store can be opened from now on.
+  // Puts a file where the store's folder would be, so that no store can be opened from then on.
   void Block() const;
 
  private:
@@ -63,11 +62,11 @@ class PrivateStore {
   EnvironmentOverride variable;
 };
 
-// Full path of a file that cmake/test_pki.cmake makes, in the folder "pki" beside the tests.
+// Returns the full path of a file made by cmake/test_pki.cmake.
 std::wstring PkiFile(const wchar_t* name);
 
-// A folder below %PROGRAMFILES%, made for this process and removed with its content at the end,
-// that no ordinary user may write to and so the path rule allows.
+// A folder under %PROGRAMFILES% that ordinary users cannot write to, so that the path rule allows
+// it. Made for this process and removed with its content at the end.
 class ProtectedFolder {
  public:
   ProtectedFolder();
@@ -78,7 +77,7 @@ class ProtectedFolder {
   std::wstring operator/(const wchar_t* name) const { return path + L"\\" + name; }
   const std::wstring& Path() const { return path; }
 
-  // Returns the full path of a copy of PkiFile(name) in this folder.
+  // Returns the full path of a new copy of PkiFile(name) in this folder.
   std::wstring Hold(const wchar_t* name) const;
 
  private:
@@ -86,7 +85,7 @@ class ProtectedFolder {
 };
 
 // A link at `path` to the directory `target`, removed at the end. The emulator reports success for
-// a symbolic link without creating one, so there the host system's link is used.
+// a symbolic link without creating one, so the host system creates the link there.
 class DirectoryLink {
  public:
   DirectoryLink(std::wstring path, const std::wstring& target);
@@ -96,7 +95,7 @@ class DirectoryLink {
 
  private:
   std::wstring path;
-  bool outside = false;  // made on the host system
+  bool outside = false;  // created by the host system
 };
 
 }  // namespace Vx::Tests

@@ -13,7 +13,7 @@
 
 namespace Vx::Tests {
 
-// Waits until the condition holds, for at most `limit`. Returns whether it does.
+// Waits at most `limit` for the condition. Returns whether it holds.
 template <typename Condition>
 bool Eventually(Condition condition, std::chrono::milliseconds limit = std::chrono::seconds(10)) {
   const ULONGLONG end = GetTickCount64() + static_cast<ULONGLONG>(limit.count());
@@ -31,7 +31,6 @@ inline bool IsFree(std::mutex& mutex) {
   return taken;
 }
 
-// Does the same for the named kernel mutex.
 inline bool IsFree(const std::wstring& name) {
   bool taken = false;
   std::thread([&] {
@@ -54,8 +53,8 @@ inline bool ThreadActsAsAnother() {
   return ThreadToken() != nullptr;
 }
 
-// Makes GoogleTest start its thread for the calling thread's thread-locals now. Otherwise it starts
-// at the first trace or failure and adds a stack and handles to what a test counts.
+// Makes GoogleTest start its thread for the caller's thread-locals now. Otherwise the first trace
+// or failure would start it, which adds a stack and handles to what a test counts.
 inline void StartFrameworkThread() {
   SCOPED_TRACE("");
 }

@@ -93,7 +93,7 @@ std::wstring TextOf(HSTRING text) {
   return {buffer, length};
 }
 
-// A package and its identity, from its full name or its family's.
+// A package and its identity, made from its full name or its family's.
 class FakePackage final : public Fake<Abi::IPackage, Abi::IPackageId> {
  public:
   explicit FakePackage(std::wstring anyName) : name(std::move(anyName)) {}
@@ -131,7 +131,7 @@ class FakePackages final : public Fake<Abi::IPackageIterable, Abi::IPackageItera
   std::size_t position = 0;
 };
 
-// An asynchronous operation with one handler, called once, when there is an outcome.
+// An asynchronous operation with one handler, which is called once, when it ends.
 template <typename Operation, typename Handler, typename Results>
 class FakeAsync final : public Fake<Operation, Abi::IAsyncInfo> {
  public:
@@ -351,7 +351,6 @@ class FakeConnection final : public Fake<Abi::IAppServiceConnection, Abi::IClosa
   std::wstring serviceName;
 };
 
-// Returns an instance of a faked class, or otherwise its static members.
 IInspectable* MakeOf(const std::wstring& className) {
   if (className == Abi::kPackageManagerClass) return Make<FakePackageManager>();
   if (className == Abi::kPackageCatalogClass) return Make<FakePackageCatalogStatics>();
@@ -361,7 +360,7 @@ IInspectable* MakeOf(const std::wstring& className) {
   return nullptr;
 }
 
-// The factory of a faked class that Windows gets. It also has the static members.
+// A faked class's factory as Windows receives it. It also implements the static members.
 class FakeFactory final : public Fake<IActivationFactory> {
  public:
   explicit FakeFactory(std::wstring name) : className(std::move(name)) {}
@@ -429,10 +428,10 @@ void RuntimeTest::ExpectEachFailureTold(int fewestCalls,
     EXPECT_EQ(result, failed ? E_ACCESSDENIED : S_OK);
     ExpectNothingLeft();
     if (failed) continue;
-    EXPECT_GT(call, fewestCalls) << "hardly any step was tried";
+    EXPECT_GT(call, fewestCalls) << "too few calls were tried";
     return;
   }
-  FAIL() << "the operation never came to its end";
+  FAIL() << "the operation never succeeded";
 }
 
 void RuntimeTest::Pend(std::function<void()> complete) {
@@ -488,7 +487,7 @@ RegisteredFakes::RegisteredFakes()
     : keyName(L"Software\\vx-fakes-" + std::to_wstring(GetCurrentProcessId())) {
   RegCreateKeyExW(HKEY_CURRENT_USER, keyName.c_str(), 0, nullptr, 0, KEY_ALL_ACCESS, nullptr,
                   &machine, nullptr);
-  // Data protection looks up its provider.
+  // Data protection looks up its provider here.
   const wchar_t* const providers = L"Software\\Microsoft\\Cryptography\\Defaults";
   HKEY copy = nullptr;
   RegCreateKeyW(machine, providers, &copy);
@@ -515,12 +514,12 @@ RegisteredFakes::~RegisteredFakes() {
 
 }  // namespace Vx::Tests
 
-// The linker redirects the test program's calls to these, whose names it dictates. They count
-// strings and activate the fakes while there are any.
+// The linker redirects the test program's calls to these and dictates their names. They count
+// strings and, while a fixture lives, activate the fakes.
 // NOLINTBEGIN(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
 extern "C" {
 
-// Called by Windows if the registry names this program as the home of a class.
+// Called by Windows if the registry names this program as the server of a class.
 __declspec(dllexport) HRESULT WINAPI
     DllGetActivationFactory(HSTRING name, IActivationFactory** factory) {
   *factory = new Vx::Tests::FakeFactory(Vx::Tests::TextOf(name));

@@ -6,18 +6,17 @@
 
 namespace Vx::Tests {
 
-// How a fake asynchronous operation ends. On request, only CompletePending ends it.
+// How a fake asynchronous operation ends. If `onRequest`, only CompletePending ends it.
 struct FakeEnding {
   Abi::AsyncStatus status = Abi::AsyncStatus::Completed;
   HRESULT error = S_OK;
   bool onRequest = false;
-  bool refusesHandler = false;  // but keeps it and calls it at the end
+  bool refusesHandler = false;  // but keeps the handler and calls it at the end
 };
 
-// Replaces the Windows Runtime for the life of the fixture: the package manager, the package
-// catalog, the app-service connection, ValueSet and PropertyValue are fakes. Set public members
-// before the code under test runs and read them afterwards. Every test ends with nothing of the
-// runtime left over.
+// Replaces the Windows Runtime while the fixture lives: the package manager, the package catalog,
+// the app-service connection, ValueSet and PropertyValue are fakes. Set public members before the
+// code under test runs and read them afterwards. Each test must leave no runtime object behind.
 class RuntimeTest : public testing::Test {
  public:
   RuntimeTest();
@@ -28,14 +27,14 @@ class RuntimeTest : public testing::Test {
 
   void AwaitPending();
 
-  // Ends the operation started last, on the calling thread. Returns false if there is none.
+  // Ends the most recent operation, on the calling thread. Returns false if there is none.
   bool CompletePending();
 
   // Waits for `count` operations and ends them on the calling thread.
   void CompletePendingOnes(int count);
 
-  // Delivers an uninstalling notification to every handler of every catalog. Like the system, uses
-  // a copy of the list, so that a handler that has been removed may still be called.
+  // Delivers an uninstalling notification to all handlers of all catalogs. Uses a copy of the list,
+  // as the system does, so a removed handler may still be called.
   using Handlers = std::map<std::int64_t, Abi::ComPtr<Abi::IPackageUninstallingHandler>>;
   HRESULT NotifyUninstalling(const std::wstring& familyName, bool complete);
   static HRESULT NotifyUninstalling(const std::wstring& familyName, bool complete,
@@ -68,14 +67,14 @@ class RuntimeTest : public testing::Test {
   bool openedAsAnother = false;              // the thread that opened the last one impersonated
   std::vector<std::wstring> messages;        // texts under "message"
 
-  // For the fakes: whether this call must fail, and how an operation is ended.
+  // For the fakes: whether this call must fail, and how an operation is to end.
   bool Fails() { return callsUntilFailure > 0 && --callsUntilFailure == 0; }
   void Pend(std::function<void()> complete);
 
  protected:
   void TearDown() override;
 
-  // Expects all fake objects, Windows Runtime strings and apartment uses to be balanced.
+  // Expects no fake object, Windows Runtime string or apartment use to be left.
   virtual void ExpectNothingLeft();
 
   // Runs `operation`, which returns an HRESULT, with the first call into the runtime failing, then
@@ -88,8 +87,8 @@ class RuntimeTest : public testing::Test {
   std::function<void()> pending;
 };
 
-// Registers the fakes with Windows for this process while this object lives, so that a shipping
-// module activates them. Its calls are not counted.
+// Registers the fakes with Windows for this process while it lives, so that a shipping module
+// activates them. The module's own calls are not counted.
 class RegisteredFakes {
  public:
   RegisteredFakes();

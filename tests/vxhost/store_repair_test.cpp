@@ -122,12 +122,12 @@ TEST_F(StoreRepairTest, LeavesTheStoreWhereItCannotBeReplaced) {
     EXPECT_EQ(machine.faults.Unused(), "");
     machine.faults.Clear();
     EXPECT_EQ(Tests::ReadText(store.FilePath()), original);
-    // The module would finish the write that it takes it for.
+    // The module would take it for an interrupted write and complete it.
     EXPECT_THAT(LookAtStore().siblings, Each(Not(EndsWith(L".new"))));
   }
 }
 
-// Another process could write the store between two steps, and the copy would lack that.
+// Another process could write the store between two steps, and the copy would lack its change.
 TEST_F(StoreRepairTest, HoldsTheStoreThroughoutAndAnImportThatFailsHalfwayNamesTheCopy) {
   const SystemMutex ofAService(CapDataStore::kMutexName);
   BackUpStore(copy, {});

@@ -9,7 +9,7 @@ namespace {
 constexpr wchar_t kFullName[] = L"Some.App_1.2.3.4_x64__0123456789abc";
 constexpr wchar_t kPath[] = L"C:\\Program Files\\WindowsApps\\Some.App";
 
-// What the functions below return. They have no context argument, like the real ones.
+// Results of the functions below, which like the real ones take no context.
 struct Answers {
   long sizeStatus = ERROR_INSUFFICIENT_BUFFER;
   long fetchStatus = ERROR_SUCCESS;
@@ -85,7 +85,7 @@ TEST_F(PackageQueriesTest, StopsAfterTheFirstCallWhenThereIsNothing) {
 }
 
 TEST_F(PackageQueriesTest, TellsTheFailureOfTheFetch) {
-  constexpr std::uint32_t kGrown = ERROR_INSUFFICIENT_BUFFER;  // a package came in between
+  constexpr std::uint32_t kGrown = ERROR_INSUFFICIENT_BUFFER;  // a package was added in between
   answers.fetchStatus = ERROR_INSUFFICIENT_BUFFER;
   EXPECT_EQ(packages->FindByFamily(L"family").error, kGrown);
   EXPECT_THAT(packages->FindByFamily(L"family").fullNames, IsEmpty());

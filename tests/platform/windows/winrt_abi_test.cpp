@@ -6,8 +6,7 @@
 namespace Vx::Abi {
 namespace {
 
-// The slot of a call through `method`. This compiler stores it in the pointer, in bytes and with
-// bit 0 set.
+// The slot that `method` calls. This compiler's pointers hold it in bytes, with bit 0 set.
 template <typename Method>
 int SlotOf(Method method) {
   std::intptr_t stored[2];
@@ -22,8 +21,7 @@ std::vector<int> Slots(Methods... methods) {
   return {SlotOf(methods)...};
 }
 
-// The fakes share the declarations with the code under test, so only numbers reveal a missing or
-// misplaced member.
+// The fakes use the same declarations, so only slot numbers reveal a missing or misplaced member.
 TEST(WinrtAbiTest, EveryCalledMemberLiesInItsSlot) {
   using Opening = IAppServiceOpenOperation;
   using Sending = IAppServiceSendOperation;
@@ -84,8 +82,7 @@ TEST(DelegateTest, AnswersForItsOwnInterfaceAndForBeingAgileOnly) {
 TEST(ApartmentTest, LeavesAThreadOfAnotherApartmentWhereItIs) {
   ASSERT_EQ(RoInitialize(RO_INIT_SINGLETHREADED), S_OK);
   EXPECT_EQ(Apartment().Result(), S_OK);
-  // The thread is still single-threaded, so entering that apartment again changes nothing.
-  EXPECT_EQ(RoInitialize(RO_INIT_SINGLETHREADED), S_FALSE);
+  EXPECT_EQ(RoInitialize(RO_INIT_SINGLETHREADED), S_FALSE);  // still in that apartment
   RoUninitialize();
   RoUninitialize();
 }
