@@ -1,6 +1,6 @@
 # shellcheck shell=sh
-# Sourced by the tests that run vxhost, when $vxhost is set and the arguments left are EMULATOR PREFIX.
-# Makes the folder $work, which goes with the test, and counts in $failures.
+# Tests that run vxhost source this file after setting $vxhost, with the arguments EMULATOR PREFIX.
+# Creates the folder $work, which is deleted at the end, and counts failures in $failures.
 emulator=$1 prefix=${2:-}
 umask go-w  # a service cannot be installed where other accounts write
 work=$(mktemp -d)
@@ -8,7 +8,7 @@ trap 'rm -rf "$work"' EXIT
 trap 'exit 1' HUP INT TERM  # otherwise a signal skips the trap above
 failures=0
 
-# need PATH...: what the build makes. If something is missing, the test ends with one line.
+# need PATH...: ends the test with one line if a build product is missing.
 need() {
   for path; do
     [ -e "$path" ] && continue
@@ -20,10 +20,10 @@ need "$emulator" "$vxhost"
 
 run() { "$emulator" ${prefix:+"$prefix"} "$vxhost" "$@"; }
 
-# What run_program_at and run_at need.
+# Used by run_program_at and run_at.
 with_data=$(dirname "$vxhost")/../tests/with_data.exe
 
-# windows PATH: the full path as a Windows program names it.
+# windows PATH: prints the full path as a Windows program sees it.
 windows() { printf 'Z:%s' "$1" | tr / '\\'; }
 
 # run_program_at FOLDER PROGRAM ARG...: runs a program with FOLDER as %ProgramData%.
@@ -40,9 +40,9 @@ run_at() {
   run_program_at "$at" "$vxhost" "$@"
 }
 
-# install_tool NAME MODULE: copies the tool, the service's program and a module into the folder $place, C:\Program Files\NAME, which goes
-# with the test, and runs the tool from there: a service may not be installed from where the build lies, below
-# folders of other accounts.
+# install_tool NAME MODULE: copies the tool, the service's program and a module into $place,
+# C:\Program Files\NAME, which is deleted at the end, and runs the tool from there. A service may
+# not be installed from the build, because other accounts own folders above it.
 install_tool() {
   place="$prefix/drive_c/Program Files/$1"
   trap 'rm -rf "$work" "$place"' EXIT
@@ -57,7 +57,7 @@ install_tool() {
   vxhost=$place/vxhost.exe
 }
 
-# fail TEXT [FILE...]: reports a failure and what the files hold.
+# fail TEXT [FILE...]: reports a failure and prints the files.
 fail() {
   echo "failed: $1"
   shift
@@ -65,8 +65,8 @@ fail() {
   failures=$((failures + 1))
 }
 
-# exits CODE COMMAND...: running the command, which is run or one of its kind, exits with CODE. Leaves what
-# it prints in $work/output.
+# exits CODE COMMAND...: expects this exit code from a command such as run, and leaves its output in
+# $work/output.
 exits() {
   code=$1
   shift
@@ -76,8 +76,8 @@ exits() {
   [ "$exit" = "$code" ] || fail "$* exits with $exit, wanted $code; it prints:" "$work/output"
 }
 
-# expect CODE TEXT ARG...: running vxhost with the arguments exits with CODE and prints TEXT. Leaves
-# what it prints in $work/output.
+# expect CODE TEXT ARG...: expects this exit code and TEXT in the output from vxhost, and leaves the
+# output in $work/output.
 expect() {
   code=$1 text=$2 before=$failures
   shift 2
@@ -86,8 +86,8 @@ expect() {
     fail "vxhost $* does not print \"$text\", but:" "$work/output"
 }
 
-# same EXPECTED FILE: the files are equal. RECORD=1 prints the difference and writes EXPECTED, unless
-# something has failed before. Read a new one line by line before it is kept.
+# same EXPECTED FILE: expects equal files. With RECORD=1, prints the difference and, unless
+# something has failed, writes EXPECTED. Read a new transcript line by line before you commit it.
 same() {
   diff -uN "$1" "$2" && return
   if [ -z "${RECORD:-}" ]; then

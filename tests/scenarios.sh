@@ -1,8 +1,8 @@
 #!/bin/sh
 # scenarios.sh FOLDER VXHOST EMULATOR...: plays every scenario of FOLDER, each on a fresh simulated
-# machine, and compares what it prints with the transcript beside it, NAME.txt for NAME.json.
-# RECORD=1 writes the transcripts instead, if every expectation was met. NAMES, if set, names the
-# scenarios of FOLDER that are meant. Lines that match DROP are left out: those of a thread that no order binds to the others, for example.
+# machine, and compares the output of NAME.json with the transcript NAME.txt beside it. RECORD=1
+# writes the transcripts instead, if every expectation was met. NAMES, if set, selects scenarios.
+# Lines that match DROP are ignored, for example those of a thread whose timing is not fixed.
 set -u
 folder=$1 vxhost=$2
 shift 2
@@ -23,12 +23,12 @@ run --simulate scenario "$@" >"$work/raw" 2>&1
 exit=$?
 if [ $exit != 0 ]; then
   grep -a '^!!' "$work/raw" >"$work/end" || tail -n 5 "$work/raw" >"$work/end"
-  fail "vxhost exits with $exit and prints, at the end or as expectations that were not met:" "$work/end"
+  fail "vxhost exits with $exit. Its unmet expectations or last lines:" "$work/end"
 fi
 
-# The store lies in a folder of the process and of the user; what Windows says of a library that is not this
-# project's differs from system to system. A command without a line for its result has succeeded,
-# and a line that comes several times in a row is written once.
+# The store's path depends on the process and user. What Windows reports about libraries other than
+# this project's depends on the system. Omits the result of a successful command, and merges
+# repeated lines into one.
 tr -d "\r" <"$work/raw" |
   sed -e 's/C:.users.[^ ]*.Temp.vxhost-[0-9]*/TEMP/g' -e "/Security - GetSecurityCatalogInfo/d" \
     -e "/^   result 0x00000000 (done)$/d" -e "/${DROP:-^$}/d" \

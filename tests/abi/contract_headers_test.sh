@@ -1,7 +1,7 @@
 #!/bin/sh
-# contract_headers_test.sh ROOT COMPILER FLAG...: each header that an integrator is handed compiles
-# alone for Microsoft's binary interface, as C++17 and as C++20; the exemption classes, which have
-# the layout of another compiler, say what to use instead. The C headers compile as C11 and as C++.
+# contract_headers_test.sh ROOT COMPILER FLAG...: every header for integrators compiles on its own
+# for Microsoft's ABI, as C++17 and as C++20. The exemption classes have another compiler's layout
+# and name a replacement. The C headers compile as C11 and as C++.
 set -u
 root=$1
 shift
@@ -21,7 +21,7 @@ for header in vx_service_c log_sink; do
 done
 for header in client_information exemption_white_list manifest_check_criteria matching_descriptor \
   tessel_access_manager; do
-  # The directive alone is looked at: the standard library's headers are not there.
+  # Checks the directive alone, because the standard library's headers are missing.
   echo "#include \"exemption/client_information.h\"" | "$@" -I "$root/src" -fsyntax-only -x c++ - 2>&1 |
     grep -q 'Use the table of CreateClientExemption' || { echo "failed: $header.h is not refused"; failures=1; }
   grep -q 'client_information.h"\|matching_descriptor.h"\|manifest_check_criteria.h"\|#ifdef _MSC_VER' \

@@ -1,6 +1,6 @@
 #!/bin/sh
-# missing_libraries_test.sh VXHOST EMULATOR PREFIX: the module and the tool load without the libraries that they
-# import at the first call, and what needs one fails as documented.
+# missing_libraries_test.sh VXHOST EMULATOR PREFIX: the module and the tool load without the
+# libraries that they import on first call, and whatever needs one fails as documented.
 set -u
 vxhost=$1
 shift

@@ -1,5 +1,6 @@
 #!/bin/sh
-# slots_test.sh PROGRAM WITH_DATA EMULATOR...: runs the program with a store of its own, of which nothing else is left.
+# slots_test.sh PROGRAM WITH_DATA EMULATOR...: runs the program with its own store and checks that
+# it leaves no other file.
 set -u
 program=$1 with_data=$2
 shift 2

@@ -1,8 +1,8 @@
-# Writes small sources, each with one fault or none, and fails unless exactly the faults are found.
+# Writes small sources with one fault or none and checks that exactly these faults are reported.
 cmake_minimum_required(VERSION 3.22)
 include(${CMAKE_CURRENT_LIST_DIR}/layers.cmake)
 
-# file|its line|what is said of it; nothing when the line is in order
+# file|line in it|expected complaint, empty if the line is allowed
 set(cases
   "src/service/a.cpp|#include \"events/x.h\"|"
   "src/module/a.cpp|#include \"service/x.h\"|"
@@ -61,7 +61,7 @@ foreach(case IN LISTS cases)
   list(GET fields 0 file)
   list(GET fields 1 line)
   list(GET fields 2 expected)
-  # Only the cases about names show how a source begins; the others begin as they should.
+  # Only the cases about names test how a source begins. The others begin correctly.
   get_filename_component(stem ${file} NAME_WE)
   set(first "#include \"host/${stem}.h\"\n")
   if(file MATCHES "\\.h$" OR expected MATCHES "begin with")

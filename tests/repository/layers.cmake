@@ -1,10 +1,10 @@
-# check_layers(ROOT RESULT): reads every source in these folders of ROOT and puts a list of "file: what is
-# wrong" into RESULT. The rules are those of ARCHITECTURE.md.
+# check_layers(ROOT RESULT): reads every source in these folders of ROOT and stores a list of "file:
+# complaint" in RESULT. ARCHITECTURE.md explains the rules.
 
 set(folders src host standins simulator hosting servicehost vxhost)
 
-# A layer is a folder of src/ or of vxhost/, or one of the other folders. Each may include itself and
-# these.
+# A layer is a folder of src/ or vxhost/, or one of the other folders. Each may include itself and
+# those listed for it.
 set(below_managers json platform host)
 set(below_service storage security packages records ${below_managers})
 set(may_include_host "")
@@ -36,13 +36,13 @@ set(may_include_vxhost/play vxhost/log vxhost/store standins simulator ${may_inc
 set(may_include_vxhost/commands vxhost/play vxhost/service servicehost ${may_include_vxhost/play})
 set(any_layer module exemption standins vxhost/commands ${may_include_vxhost/commands})
 
-# The layers that speak to Windows. bod calls the interfaces of WMI itself, module holds DllMain.
+# The layers that call Windows. bod calls WMI's interfaces itself, module contains DllMain.
 set(windows_layers platform bod module standins simulator)
 
-# These make the module large or bring what this runtime gets wrong.
+# These make the module large or use parts of the runtime that are faulty.
 set(barred_headers "^(iostream|fstream|sstream|filesystem|regex|locale|thread|future|format)$")
 
-# pattern, files that may have it, why not elsewhere
+# pattern|files that may contain it|why it is not allowed elsewhere
 set(barred_words
   "[^A-Za-z0-9_]CloseHandle *\\(|^src/platform/|a handle is closed by its owner in platform"
   "[^A-Za-z0-9_]thread_local[^A-Za-z0-9_]|^$|a thread's value lives in a TlsAlloc slot"
@@ -59,7 +59,7 @@ function(layer_of path result)
   endif()
 endfunction()
 
-# Puts into RESULT why a source of LAYER may not include "INCLUDED"; empty when it may.
+# Sets RESULT to the reason why a source of LAYER may not include "INCLUDED", or to "".
 function(judge_own_include layer included result)
   set(${result} "" PARENT_SCOPE)
   layer_of(${included} target)
@@ -70,8 +70,8 @@ function(judge_own_include layer included result)
   endif()
 endfunction()
 
-# The same for <INCLUDED>. Headers of Windows and of C end in .h; those of C++ do not. The contract
-# headers of host use C's, which every compiler has.
+# The same for <INCLUDED>. Headers of Windows and of C end in .h, those of C++ do not. The contract
+# headers in host use those of C, which every compiler has.
 function(judge_foreign_include layer included result)
   set(${result} "" PARENT_SCOPE)
   if(layer MATCHES "^(vxhost/|hosting$|servicehost$)")
@@ -91,8 +91,8 @@ function(judge_foreign_include layer included result)
   endif()
 endfunction()
 
-# rapidjson's own allocator returns null without memory, which rapidjson then writes through. Puts
-# into RESULT the first use of it in CONTENT.
+# rapidjson's own allocator returns null if out of memory, and rapidjson then writes through it.
+# Sets RESULT to a complaint about such a use in CONTENT.
 function(judge_json_memory content result)
   set(${result} "" PARENT_SCOPE)
   string(REGEX MATCHALL "rapidjson::[A-Za-z]*Writer *<[^>]*>" writers "${content}")
@@ -105,8 +105,8 @@ function(judge_json_memory content result)
   endforeach()
 endfunction()
 
-# A reader finds the source of X.h by its name: X.cpp begins with a header of that name, unless it is
-# the entry point of a program or library.
+# Readers look for the source of X.h in X.cpp, so X.cpp must begin with a header of that name,
+# unless it is the entry point of a program or library.
 function(judge_name file content includes result)
   set(${result} "" PARENT_SCOPE)
   if(content MATCHES "[ :](wmain|main|DllMain)\\(" OR NOT file MATCHES "([^/]+)\\.cpp$")
@@ -118,7 +118,7 @@ function(judge_name file content includes result)
   endif()
 endfunction()
 
-# Appends the complaints about FILE, whose text without comments is CONTENT, to the variable RESULT.
+# Appends the complaints about FILE, whose text without comments is CONTENT, to RESULT.
 function(judge_file file content result)
   set(complaints ${${result}})
   layer_of(${file} layer)
@@ -146,7 +146,7 @@ function(judge_file file content result)
     endif()
   endforeach()
   foreach(rule IN LISTS barred_words)
-    # The pattern may hold the separator, the two fields behind it do not.
+    # The pattern may contain the separator, but the two fields after it may not.
     string(REGEX MATCH "^(.*)\\|(\\^[^|]*(\\([^)]*\\))?[^|]*)\\|([^|]*)$" unused "${rule}")
     set(pattern "${CMAKE_MATCH_1}")
     set(allowed "${CMAKE_MATCH_2}")
@@ -169,7 +169,7 @@ function(check_layers root result)
       ${root}/${folder}/*.h ${root}/${folder}/*.cpp ${root}/${folder}/*.c)
     foreach(file IN LISTS files)
       file(READ ${root}/${file} content)
-      # A semicolon would part a list of CMake's; a bracket would join its elements.
+      # A semicolon would split a CMake list, and a bracket would join its elements.
       string(REGEX REPLACE "//[^\n]*" "" content "\n${content}")
       string(REGEX REPLACE "[][;]" " " content "${content}")
       judge_file(${file} "${content}" complaints)

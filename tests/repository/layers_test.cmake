@@ -1,4 +1,4 @@
-# Fails when a source below ROOT breaks a rule of layers.cmake.
+# Fails if a source below ROOT breaks a rule of layers.cmake.
 cmake_minimum_required(VERSION 3.22)
 include(${CMAKE_CURRENT_LIST_DIR}/layers.cmake)
 

@@ -1,5 +1,5 @@
-# Fails when a page names a test, a source or a folder that does not exist: a claim without its test is
-# only a claim, and a page that is read after a move has to lead somewhere.
+# Fails if a page names a test, a source or a folder that does not exist. A claim needs its test,
+# and a link must survive a move.
 cmake_minimum_required(VERSION 3.22)
 
 file(GLOB_RECURSE sources ${ROOT}/tests/*.cpp)
@@ -43,7 +43,7 @@ foreach(folder IN LISTS folders)
     list(APPEND missing "ARCHITECTURE.md has no row for ${folder}")
   endif()
 endforeach()
-# Every lock of the module has a row, in which its place follows its name.
+# Every lock of the module has a table row that gives its name, then its source.
 file(GLOB_RECURSE sources RELATIVE ${ROOT}/src ${ROOT}/src/*.h ${ROOT}/src/*.cpp)
 foreach(source IN LISTS sources)
   file(STRINGS ${ROOT}/src/${source} locks REGEX "^ *(static |mutable )*std::mutex [A-Za-z_]+;")

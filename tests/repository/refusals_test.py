@@ -8,7 +8,8 @@ import sys
 
 root = pathlib.Path(sys.argv[1])
 
-# What Windows cannot refuse, or what only later calls depend on. A result of type void has no refusal either.
+# Windows cannot refuse these, or only later calls depend on them. Operations that return void
+# cannot fail either.
 NEVER_REFUSED = {
     "AppServices.Open": "opens nothing before AppService.Send",
     "Clock.TickCount": "the clock always has a value",

@@ -6,10 +6,10 @@ import pathlib
 import re
 import sys
 
-# What differs each time a line is written, as the manual, a format and a test show it.
+# The parts of a line that vary, as the manual, a format string and a test write them.
 VARIABLE = re.compile(r"%[-0-9.]*[A-Za-z]|\b0x[0-9A-Fa-f]*\b|\b\d+\b|\bN\b|\.\.\.")
 
-# Comments and characters are matched so that a quote in them begins no text.
+# Also matches comments and character literals, so that a quote in one does not start a string.
 LITERALS = re.compile(
     r'//[^\n]*|/\*.*?\*/|\'(?:[^\'\\\n]|\\.)\'|R"\(.*?\)"|(?:L?"(?:[^"\\\n]|\\.)*"\s*)+', re.S)
 
@@ -59,7 +59,7 @@ def main():
             faults.append(f"too short to be found: {line}")
         elif not all(any(piece in text for text in code.values()) for piece in fixed):
             faults.append(f"not a text of the code: {line}")
-        # A test may leave the name of the component out.
+        # A test may omit the component's name.
         elif not any(all(re.sub(r"^(.* )?- ", "", piece) in text for piece in fixed) for text in tests.values()):
             faults.append(f"no test looks at it: {line}")
     sys.exit("\n".join(faults) or 0)

@@ -1,6 +1,7 @@
-// Reports how it was started in UTF-8 lines "name=value": commandLine, workingDirectory, desktop,
-// one "argument" for each argument, and the variable VX_PROBE if set. The complete report appears
-// at once, in the first argument if that is a full path, or beside the program as "<program>.out".
+// A program for tests to start, which reports how it was started, in UTF-8 lines "name=value":
+// commandLine, workingDirectory, desktop, one "argument" for each of its arguments, and the
+// variable VX_PROBE if set. The report appears, whole, in the file named by the first argument, if
+// that is a full path, or beside the program as "<program>.out".
 //
 // With another argument "wait:NAME" it then runs until the named event is signalled.
 #include <cstdio>
