@@ -5,24 +5,24 @@ target_include_directories(vx_options INTERFACE ${PROJECT_SOURCE_DIR}/src ${PROJ
 target_compile_options(vx_options INTERFACE
   -Wall -Wextra -Wpedantic -Wconversion -Wshadow -Werror
   $<$<COMPILE_LANGUAGE:CXX>:-Wold-style-cast -Wnon-virtual-dtor -Woverloaded-virtual>
-  # GCC 12 sees overlapping copies in plain string concatenation (its bug 105651), and copies beyond
-  # the end of short texts where <string> is precompiled.
+  # GCC 12 reports overlapping copies in plain string concatenation (GCC bug 105651), and copies
+  # past the end of short strings where <string> is precompiled.
   "$<$<CXX_COMPILER_ID:GNU>:-Wno-restrict;-Wno-array-bounds;-Wno-stringop-overflow;-Wno-stringop-overread>")
 
 if(WIN32)
   target_compile_definitions(vx_options INTERFACE
     UNICODE _UNICODE _WIN32_WINNT=0x0A00 WINVER=0x0A00 NOMINMAX WIN32_LEAN_AND_MEAN)
-  # Both compile and link need the protector: the link brings its runtime.
+  # The protector is set for linking too, which adds its runtime.
   target_compile_options(vx_options INTERFACE -fstack-protector-strong)
   target_link_options(vx_options INTERFACE -fstack-protector-strong
     -Wl,--dynamicbase,--nxcompat,--high-entropy-va,--no-insert-timestamp,--build-id)
 endif()
 
-# Paths of the build machine stay out of the binaries, so that two checkouts build the same bytes.
+# Keeps the build machine's paths out of the binaries, so that two checkouts build the same bytes.
 target_compile_options(vx_options INTERFACE -ffile-prefix-map=${PROJECT_SOURCE_DIR}/=)
 
-# Symbols also name the build folder. It is mapped to ".", so that a resolved line reads "./src/..."
-# in every build tree.
+# Symbols also name the build folder, which is mapped to "." so that a resolved line reads
+# "./src/..." in every build tree.
 if(VX_SYMBOLS)
   target_compile_options(vx_options INTERFACE -g1 -ffile-prefix-map=${PROJECT_BINARY_DIR}=.)
 endif()
@@ -34,12 +34,12 @@ if(WIN32)
     $<$<CONFIG:Debug>:-fsanitize=undefined -fsanitize-undefined-trap-on-error>)
 endif()
 if(VX_COVERAGE)
-  # Without it, counters that several threads use lose steps, and some become negative.
+  # With plain counters, several threads would lose updates, and some counts would be negative.
   target_compile_options(vx_options INTERFACE --coverage -fprofile-update=atomic)
   target_link_options(vx_options INTERFACE --coverage)
 endif()
 
-# The native build's sanitizers: "address;undefined", "thread", or nothing for benchmarks. They apply
+# The native build's sanitizers: "address;undefined", "thread", or empty for benchmarks. They apply
 # to the whole build tree, including the test framework.
 set(VX_SANITIZE "" CACHE STRING "Sanitizers of a native build, as a list")
 if(VX_SANITIZE AND NOT WIN32)
@@ -48,12 +48,12 @@ if(VX_SANITIZE AND NOT WIN32)
     -fsanitize-ignorelist=${CMAKE_CURRENT_LIST_DIR}/sanitizer-ignorelist.txt)
   add_link_options(-fsanitize=${sanitizers})
   if(CMAKE_CXX_COMPILER_ID STREQUAL Clang)
-    # Shows the fuzzers which branches an input takes, at little cost to the tests.
+    # Shows the fuzzers which branches an input reaches, at little cost to the tests.
     add_compile_options(-fsanitize=fuzzer-no-link)
   endif()
 endif()
 
-# Debian's rapidjson, without the rest of /usr/include on the path of a cross build.
+# Debian's rapidjson, without adding the rest of /usr/include to a cross build's include path.
 find_path(VX_RAPIDJSON_ROOT rapidjson/document.h
   PATHS /usr/include NO_CMAKE_FIND_ROOT_PATH NO_DEFAULT_PATH REQUIRED)
 file(MAKE_DIRECTORY ${PROJECT_BINARY_DIR}/third_party)
@@ -61,9 +61,10 @@ file(CREATE_LINK ${VX_RAPIDJSON_ROOT}/rapidjson ${PROJECT_BINARY_DIR}/third_part
 add_library(rapidjson INTERFACE)
 target_include_directories(rapidjson SYSTEM INTERFACE ${PROJECT_BINARY_DIR}/third_party)
 
-# vx_delayed_import(NAME FUNCTION...): the library delayed_NAME, which imports functions of NAME.dll at their first
-# call (src/platform/windows/deferred_library.cpp). For each library that Windows does not keep mapped as a known one: a
-# program loads it from its own folder first, where anyone may have put another file of that name.
+# vx_delayed_import(NAME FUNCTION...): the library delayed_NAME, which imports functions of NAME.dll
+# on their first call (src/platform/windows/deferred_library.cpp). Use it for every library that is
+# not a known DLL of Windows: a program loads such a library from its own folder first, where anyone
+# may have put another file of that name.
 function(vx_delayed_import name)
   list(JOIN ARGN "\n" functions)
   set(folder ${PROJECT_BINARY_DIR}/delayed)
@@ -83,8 +84,9 @@ if(WIN32)
   vx_delayed_import(wtsapi32 WTSFreeMemory WTSQuerySessionInformationW WTSQueryUserToken)
 endif()
 
-# vx_headers(TARGET OWNER [HEADER...]): parses what most files include once, for the owner. Others of the same
-# compile options share that. Files include what they use nevertheless: scripts/lint reads them without these.
+# vx_headers(TARGET OWNER [HEADER...]): precompiles the most used headers once, for the owner.
+# Targets with the same compile options share them. Files still include what they use, because
+# scripts/lint compiles them without precompiled headers.
 function(vx_headers target owner)
   if(target STREQUAL owner)
     target_precompile_headers(${owner} PRIVATE <algorithm> <chrono> <functional> <map> <memory> <mutex> <optional>
@@ -94,9 +96,9 @@ function(vx_headers target owner)
   endif()
 endfunction()
 
-# vx_version(FILE TYPE DESCRIPTION): the version resource of a file, as version.rc in the current build folder.
-# TYPE is VFT_DLL or VFT_APP. An application also gets a manifest. Without one, a file beside it could have Windows
-# take other libraries, even known ones, from its folder:
+# vx_version(FILE TYPE DESCRIPTION): writes a file's version resource as version.rc to the current
+# build folder. TYPE is VFT_DLL or VFT_APP. An application also gets a manifest. Without one, files
+# beside it could make Windows load other libraries, even known DLLs, from its folder:
 # https://learn.microsoft.com/windows/win32/sbscs/dll-com-redirection-on-windows
 function(vx_version file type description)
   set(manifest "")
@@ -108,19 +110,21 @@ function(vx_version file type description)
   configure_file(${PROJECT_SOURCE_DIR}/cmake/version.rc.in version.rc @ONLY)
 endfunction()
 
-# Writes the function names of a program that is delivered to a PDB beside it. Crash dumps name the PDB, and debuggers
-# find it, by the build id: a hash of the file's content, so that the same build has the same one in any folder.
+# Writes a delivered program's function names to a PDB beside it. Crash dumps name the PDB, and
+# debuggers find it, by the build id: a hash of the file's content, so that the same build has the
+# same id in any folder.
 function(vx_pdb target)
   target_link_options(${target} PRIVATE
     -Wl,--pdb=$<TARGET_FILE_DIR:${target}>/$<TARGET_FILE_BASE_NAME:${target}>.pdb)
 endfunction()
 
-# vx_library(NAME [PORTABLE SOURCES...] [WINDOWS SOURCES...] [LIBS...]): a static library; in src, one for
-# each folder. The portable sources (parsers and rules) are also built as Linux programs, for sanitizers and
-# fuzzers. A library without portable sources does not exist there, and other libraries omit it.
+# vx_library(NAME [PORTABLE SOURCES...] [WINDOWS SOURCES...] [LIBS...]): a static library. In src,
+# each folder has one. The portable sources (parsers and rules) are also built for Linux, for
+# sanitizers and fuzzers. There, a library without portable sources does not exist, and other
+# libraries omit it.
 #
-# -O3 is for those that every request and every event passes through: the JSON parser takes twice the
-# time at -O2. The others spend theirs in Windows, and GCC 14 makes them a quarter larger at -O3.
+# -O3 is for libraries that every request and event uses: at -O2, the JSON parser takes twice the
+# time. The others spend their time in Windows, and GCC 14 makes them a quarter larger at -O3.
 set(VX_FAST_LIBRARIES json storage events service)
 set(CMAKE_CXX_FLAGS_RELEASE "-O2 -DNDEBUG")
 function(vx_library name)
@@ -147,7 +151,7 @@ function(vx_library name)
   endforeach()
 endfunction()
 
-# The same for CLI11, which is header-only.
+# Debian's CLI11, which is header-only, in the same way.
 find_path(VX_CLI11_ROOT CLI/CLI.hpp PATHS /usr/include NO_CMAKE_FIND_ROOT_PATH NO_DEFAULT_PATH REQUIRED)
 file(CREATE_LINK ${VX_CLI11_ROOT}/CLI ${PROJECT_BINARY_DIR}/third_party/CLI SYMBOLIC)
 add_library(cli11 INTERFACE)

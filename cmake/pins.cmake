@@ -1,24 +1,24 @@
-# Pinned keys: from text files, one key per line, to a source file that is compiled in and a resource
-# script beside it, which holds the same keys for programs that read them from a module's file.
+# Pinned keys: turns text files with one key per line into a source file to compile and a resource
+# script, which holds the same keys for programs that read them from a module's file.
 #
-# Included, it defines vx_pinned_keys_target(), which makes the target `pins` at configure time from
-# VX_PINNED_KEYS_GENERAL and VX_PINNED_KEYS_RESTRICTED. Run as a script (cmake -DGENERAL=FILE
-# -DRESTRICTED=FILE -DOUTPUT=FILE.cpp -P pins.cmake) it writes FILE.cpp and FILE.rc from files that the
-# build makes.
+# When included, defines vx_pinned_keys_target(), which makes the target `pins` at configure time
+# from VX_PINNED_KEYS_GENERAL and VX_PINNED_KEYS_RESTRICTED. When run as a script (cmake
+# -DGENERAL=FILE -DRESTRICTED=FILE -DOUTPUT=FILE.cpp -P pins.cmake), writes FILE.cpp and FILE.rc
+# from files that the build makes.
 #
-# Each line holds one key, a comment after "#", or nothing, and may end in CR LF. A key has the form of
-# FormatPublicKey in src/security/signature_record.h. Keys are compared as text, so a key in another
-# form would silently never match.
+# Each line holds a key, a comment after "#", or nothing, and may end with CR LF. A key has the form
+# that FormatPublicKey in src/security/signature_record.h writes. Keys are compared as text, so a
+# key in another form would never match, without any error.
 
-# Appends the keys of `file` to the list `out`; a malformed line ends the run. An empty name stands
-# for an empty set.
+# Appends the keys in `file` to the list `out`. A malformed line is a fatal error. An empty file
+# name means an empty set.
 function(vx_read_pins file out)
   set(keys "")
   if(NOT file STREQUAL "")
     if(NOT EXISTS "${file}" OR IS_DIRECTORY "${file}")
       message(FATAL_ERROR "pinned keys: there is no file ${file}")
     endif()
-    # Lines are cut by position: CMake's own lists would be split by a ";" in a comment.
+    # Lines are split by position, because a ";" in a comment would split a CMake list.
     file(READ "${file}" rest)
     set(number 0)
     while(NOT rest STREQUAL "")
@@ -57,7 +57,7 @@ function(vx_read_pins file out)
   set(${out} "${keys}" PARENT_SCOPE)
 endfunction()
 
-# One C++ array of the keys, and the function that returns it.
+# A C++ array of the keys, and the function that returns it.
 function(vx_pins_source function keys out)
   list(LENGTH keys count)
   if(count EQUAL 0)
@@ -72,7 +72,7 @@ function(vx_pins_source function keys out)
   set(${out} "${text}" PARENT_SCOPE)
 endfunction()
 
-# One resource: a line of text per key, after a comment, since no resource may be empty.
+# A resource with a line of text per key, after a comment because a resource may not be empty.
 function(vx_pins_resource name keys out)
   set(text "${name} RCDATA\nBEGIN\n  \"# ${name}\\n\"")
   foreach(key IN LISTS keys)
@@ -81,7 +81,7 @@ function(vx_pins_resource name keys out)
   set(${out} "${text}\nEND\n" PARENT_SCOPE)
 endfunction()
 
-# Writes `text` to `output` unless that is its content.
+# Writes `text` to `output`, unless it already has that content.
 function(vx_write_if_new output text)
   set(old "")
   if(EXISTS "${output}")
@@ -109,13 +109,13 @@ function(vx_write_pins general restricted output)
   vx_write_if_new("${script}" "${generalText}${restrictedText}")
 endfunction()
 
-# vx_pins_library(NAME SOURCE): the target of such a source and of its resource.
+# vx_pins_library(NAME SOURCE): the target of such a source and its resource.
 function(vx_pins_library name source)
   set(script "")
   if(WIN32)
     string(REGEX REPLACE "\\.cpp$" ".rc" script "${source}")
   endif()
-  # An object library, so that a program links it whatever the order of libraries.
+  # An object library, so that a program links it whatever the link order.
   add_library(${name} OBJECT ${source} ${script})
   target_link_libraries(${name} PRIVATE vx_options)
 endfunction()
@@ -124,7 +124,7 @@ function(vx_pinned_keys_target)
   foreach(variable IN ITEMS VX_PINNED_KEYS_GENERAL VX_PINNED_KEYS_RESTRICTED)
     set(file "${${variable}}")
     if(NOT file STREQUAL "" AND NOT IS_ABSOLUTE "${file}")
-      # CMake itself makes a relative name absolute only when the variable is new and has no type.
+      # CMake makes a relative path absolute only if the variable is new and has no type.
       get_filename_component(file "${file}" ABSOLUTE BASE_DIR "$ENV{PWD}")
       set(${variable} "${file}" CACHE FILEPATH "Pinned keys, one a line" FORCE)
     endif()

@@ -1,5 +1,5 @@
-# Writes to OUT the module definition of the exports of DEF that have plain names: what a linker of
-# another compiler can use. The mangled ones are classes of this module's compiler.
+# Writes to OUT the module definition of those exports of DEF that have plain names and so work with
+# other compilers' linkers. The mangled names belong to classes of this module's compiler.
 file(STRINGS ${DEF} lines)
 set(text "LIBRARY OrvaneService.dll\nEXPORTS\n")
 set(count 0)

@@ -3,10 +3,10 @@
 # test_pki    tests/pki/ in the build tree: pinned_general.txt and pinned_restricted.txt (usable as
 #             VX_PINNED_KEYS_...), and copies of the program of target PROGRAM:
 #               pinned.exe       signed with a key of both sets
-#               general.exe      signed with a key of the general set alone
+#               general.exe      signed with a key of the general set only
 #               unpinned.exe     signed with a key of neither
-#               expired.exe      pinned key, certificate over since 2016
-#               self_signed.exe  pinned key, certificate that vouches for itself
+#               expired.exe      pinned key, certificate expired in 2016
+#               self_signed.exe  pinned key, self-signed certificate
 #               dual.exe         two signatures, the second with a pinned key
 #               dropbox.exe      unpinned key, common name of the Dropbox table
 #               tampered.exe     pinned.exe with a byte changed after signing

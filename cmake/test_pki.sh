@@ -1,29 +1,29 @@
 #!/bin/sh
-# A throwaway certificate authority for tests, and programs signed under it.
+# A throwaway certificate authority for tests, and programs that it signs.
 #
-#   test_pki.sh keys DIR            makes the authority, its certificates and the files of pinned keys
+#   test_pki.sh keys DIR            makes the authority, its certificates and its pinned key files
 #   test_pki.sh sign DIR PROGRAM LIBRARY
-#                                   signs copies of both in every way that a test needs
-#   test_pki.sh pin DIR PROGRAM OUT signs a copy of one with a key of both sets
+#                                   signs copies of both in every way that tests need
+#   test_pki.sh pin DIR PROGRAM OUT signs a copy of the program with a key of both sets
 #
-# Reads and writes only below DIR. Each build tree has keys of its own, which protect nothing.
+# Reads and writes only below DIR. Each build tree has its own keys, which protect nothing.
 set -eu
 umask 077
 mode=$1
 mkdir -p "$2"
 cd "$2"
 
-# The subject of every signer but for its common name.
+# The subject of every signer, without its common name.
 subject='/C=DE/ST=Test State/L=Testtown/O=Vx Test Makers/OU=Vx Test Unit'
 
-# issue NAME KEY START END SUBJECT: a code-signing certificate by the authority.
+# issue NAME KEY START END SUBJECT: issues a code-signing certificate from the authority.
 issue() {
   openssl req -new -key "$2.key" -config ca.cnf -subj "$5" -out "$1.csr"
   openssl ca -batch -notext -config ca.cnf -in "$1.csr" -startdate "$3" -enddate "$4" -out "$1.crt"
   rm "$1.csr"
 }
 
-# The public key of a key file in the form in which keys are pinned.
+# Prints a key file's public key in the form in which keys are pinned.
 pinned_form() {
   openssl rsa -in "$1.key" -RSAPublicKey_out -outform DER | od -An -v -tx1 | tr -d '\n' |
     sed 's/^ //'
@@ -103,7 +103,7 @@ sign() {
     -n 'Vx test program' "$@" -in "$from" -out "$to"
 }
 
-# Changes one byte in the middle of a file, far from its headers and its signature.
+# Changes one byte in the middle of a file, outside its headers and its signature.
 flip_byte() {
   offset=$(($(wc -c < "$1") / 2))
   old=$(od -An -tu1 -j "$offset" -N 1 "$1" | tr -d ' ')
@@ -120,7 +120,7 @@ sign_programs() {
   sign expired pinned unsigned.exe expired.exe
   sign self_signed pinned unsigned.exe self_signed.exe
   sign dropbox unpinned unsigned.exe dropbox.exe
-  # Two signatures: the first with a key that is not pinned, the second with one that is.
+  # Two signatures: the first key is not pinned, the second is.
   sign pinned pinned unpinned.exe dual.exe -nest
   cp pinned.exe tampered.exe
   flip_byte tampered.exe
@@ -135,7 +135,7 @@ sign_libraries() {
   done
 }
 
-# The tools print a lot. Their output is shown only when one fails.
+# The tools print a lot, so their output appears only if one fails.
 exec 3>&2 > "$mode.log" 2>&1
 trap 'status=$?; [ "$status" -eq 0 ] || cat "$mode.log" >&3' EXIT
 case $mode in

@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
-"""bench_report.py DIR NAME...: prints the tables DIR/NAME.json of the benchmarks as one Markdown table
-with its goals and one of single figures, as docs/performance.md has them, and draws each table as
+"""bench_report.py DIR NAME...: prints the benchmark tables DIR/NAME.json as the two Markdown tables of
+docs/performance.md, one of ratios with goals and one of single figures, and draws each table as
 DIR/performance-NAME.svg."""
 import json
 import sys
@@ -20,7 +20,7 @@ def length(nanoseconds):
 
 
 def is_over(row):
-    # As printed, so that a row never shows the goal itself and "over".
+    # Compares as printed, so that a row whose printed ratio equals the goal is never "over".
     return row["goal"] > 0 and round(row["ratio"], 2) > round(row["goal"], 2)
 
 

@@ -1,17 +1,17 @@
-# The other scripts source this file: it installs packages that a fresh Debian 12 or 13 lacks, configures and
+# Sourced by the other scripts. Installs packages that a fresh Debian 12 or 13 lacks, configures and
 # builds.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
-# With standard input closed, the first file that a program opens would be taken for it.
+# If standard input were closed, the first file that a program opens would take its place.
 if ! { : 3<&0; } 2>/dev/null; then exec </dev/null; fi
 
-# Builds go through ccache where it is installed.
+# Builds use ccache if it is installed.
 if command -v ccache >/dev/null; then
   export CMAKE_{C,CXX}_COMPILER_LAUNCHER=ccache
   export CCACHE_SLOPPINESS=${CCACHE_SLOPPINESS:-pch_defines,time_macros}  # for precompiled headers
 fi
 
-# Of clang, lld and llvm, the versions that the release itself prefers.
+# clang, lld and llvm are the release's default versions.
 packages=(
   g++-mingw-w64-x86-64-posix ninja-build cmake wine wine64
   rapidjson-dev googletest libcli11-dev osslsigncode openssl clang lld llvm
@@ -20,7 +20,7 @@ native_packages=(libclang-rt-dev libbson-dev pkg-config)
 page_packages=(chromium fonts-dejavu-core python3 python3-jsonschema)  # for the tests of pages and schemas
 lint_packages=(clang-tidy cppcheck)
 
-# ensure_packages NAME...: installs the missing ones.
+# ensure_packages NAME...: installs the packages that are missing.
 ensure_packages() {
   local missing=() name
   for name in "$@"; do
@@ -29,12 +29,12 @@ ensure_packages() {
   done
   if ((${#missing[@]} == 0)); then return; fi
   echo "installing: ${missing[*]}"
-  # Waits for another apt-get, for example that of a second checkout.
+  # Waits for another apt-get, such as one of a second checkout.
   local apt=(env LC_ALL=C DEBIAN_FRONTEND=noninteractive apt-get -q -o DPkg::Lock::Timeout=600) errors
   [[ $(id -u) == 0 ]] || apt=(sudo "${apt[@]}")
   (
     umask 022  # what apt fetches is for every account
-    # The timeout does not cover the lock of the package lists.
+    # The timeout does not apply to the lock of the package lists.
     until errors=$("${apt[@]}" update 2>&1 >/dev/null); do
       if [[ $errors != *'Could not get lock'* ]] || ((SECONDS > 600)); then
         echo "$errors" >&2

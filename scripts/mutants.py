@@ -1,9 +1,9 @@
-"""What scripts/mutants runs: builds what a fault touches in `release`, in a clone below build/mutants
-of the commit that is checked out, and runs the tests (under the command MUTANTS_UNDER, if set) until
-one fails, those of the fault's folder first, the slowest last. A fault that does not compile,
-or changes no object file, is not planted, and another is drawn. A time-out ends the judging and is not
-a kill. After MINUTES no fault is begun, and the next call resumes: build/mutants keeps the tests' times
-(COMMIT.json) and the results (SEED-COMMIT.txt). SEED and the text of the sources decide which are drawn.
+"""Run by scripts/mutants. Clones the checked-out commit below build/mutants, builds there (`release`)
+what each fault affects, and runs the tests (under the command MUTANTS_UNDER, if set) until one fails:
+first those of the fault's folder, the slowest last. A fault that does not compile or changes no object
+file is replaced by another. A timed-out test ends that fault's run but does not kill the fault. After
+MINUTES, no new fault is tried, and the next call resumes: build/mutants keeps the tests' times
+(COMMIT.json) and the results (SEED-COMMIT.txt). SEED and the sources' text select the faults.
 """
 import hashlib, itertools, json, os, pathlib, re, shutil, subprocess, sys, time
 
@@ -26,20 +26,20 @@ def objects():
 
 
 def run(*command, seconds=1800, **options):
-    """Returns the exit status. It is one of kTimeOuts if the time runs out, which ends the command."""
+    """Returns the exit status, which is one of kTimeOuts if the command ran out of time and was killed."""
     quiet = dict.fromkeys(("stdin", "stdout", "stderr"), subprocess.DEVNULL)
     return subprocess.call([*under, "timeout", "--foreground", "-k5", f"{seconds:.0f}", *command], **quiet, **options)
 
 
 def masked(text):
-    """Returns the text, comments, quoted texts and preprocessor lines blanked, in the same length."""
+    """Returns the text with comments, literals and preprocessor lines blanked, at its full length."""
     pattern = (r'//[^\n]*|/\*.*?\*/|R"(\w*)\(.*?\)\1"|"(?:\\.|[^"\\\n])*"'
                r"|(?<![0-9a-fA-F])'(?:\\.|[^'\\\n])+'|^[ \t]*#(?:\\\n|[^\n])*")
     return re.sub(pattern, lambda m: re.sub(r"[^\n]", " ", m[0]), text, flags=re.S | re.M)
 
 
 def faults_in(code):
-    """Yields (kind, first, last, replacement) of each fault that this source can have."""
+    """Yields (kind, first, last, replacement) for each fault that this source can have."""
     for m in re.finditer(r"(?<= )(==|!=|<=|>=|<|>)(?=\s)", code):
         yield "comparison", m.start(), m.end(), turned[m[0]]
     for m in re.finditer(r"(?<!['.])\b(?<!\) = )(?<!\) const = )(?<!\) noexcept = )"
@@ -56,12 +56,12 @@ def faults_in(code):
 
 
 def draw(seed):
-    """Yields all faults: the kinds in turn, each in an order given by the seed and the line's text."""
+    """Yields all faults, alternating between the kinds, in an order set by the seed and the line's text."""
     kinds = {"comparison": [], "constant": [], "call": [], "negation": []}
     for path in in_folders(tree, product, ".cpp") + in_folders(tree, product, ".h"):
         name, text = str(path.relative_to(tree)), path.read_text()
         if name.startswith("src/platform/windows/") or name.endswith("_abi.h"):
-            continue  # what calls Windows, and what only repeats its tables
+            continue  # calls to Windows, and copies of its tables
         for kind, first, last, new in faults_in(masked(text)):
             start = text.rfind("\n", 0, first) + 1
             around = f"{seed}|{kind}|{name}|{text[start:text.find(chr(10), first)]}|{first - start}"
@@ -73,7 +73,7 @@ def draw(seed):
 
 
 def check_out():
-    """Brings the copy to the commit that is checked out here, and returns that. Touches what differs only."""
+    """Updates the clone to the commit checked out here, and returns it. Touches only files that differ."""
     commit = subprocess.check_output(["git", "rev-parse", "HEAD"], text=True).strip()
     if not tree.exists():
         subprocess.check_call(["git", "clone", "-q", "--no-checkout", ".", tree])
@@ -83,7 +83,7 @@ def check_out():
 
 
 def use_prefix(command):
-    """Kills what runs in the Wine prefix (-k) and restores it, or waits for that (-w) and keeps a copy."""
+    """Kills the processes in the Wine prefix and restores it (-k), or waits for them and copies it (-w)."""
     run("wineserver", command, env={**os.environ, "WINEPREFIX": str(prefix)})
     source, target = (pristine, prefix) if command == "-k" else (prefix, pristine)
     shutil.rmtree(target, ignore_errors=True)
@@ -91,7 +91,7 @@ def use_prefix(command):
 
 
 def judge(name, tests):
-    """Returns what became of the fault in the source NAME."""
+    """Returns the outcome for the fault in the source NAME."""
     near = str(build / "tests" / (name.split("/")[1] if name.startswith("src/") else "servicehost"))
     for test in sorted(tests, key=lambda test: (test["folder"] != near, test["seconds"])):
         at = "the build of " + test["name"]
@@ -99,13 +99,13 @@ def judge(name, tests):
         if status == 0:
             at, status = test["name"], run(*test["command"], cwd=test["folder"], seconds=60 + 4 * test["seconds"])
         if status != 0:
-            use_prefix("-k")  # what the test may have left behind is not for the next fault
+            use_prefix("-k")  # so that nothing of this test affects the next fault
             return f"time-out of {at}" if status in kTimeOuts else f"killed by {at}"
     return "survived"
 
 
 def faultless():
-    """Builds all, without warnings, since a fault may cause one. Returns the objects' hash and the timed tests."""
+    """Builds all without warnings, since a fault may cause one. Returns the objects' hash and the tests' times."""
     if run("cmake", "--preset", "release", "-DCMAKE_CXX_FLAGS=-w", cwd=tree) or run(*ninja):
         sys.exit("the sources do not build without a fault")
     tests = json.loads(subprocess.check_output(["ctest", "--show-only=json-v1"], cwd=build))["tests"]

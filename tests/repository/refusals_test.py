@@ -1,6 +1,6 @@
 #!/usr/bin/python3
-"""refusals_test.py ROOT: fails when simulator/fault_injection.cpp does not refuse an operation of an interface
-in src/platform. Such an operation would be outside every fault walk."""
+"""refusals_test.py ROOT: fails if simulator/fault_injection.cpp cannot fail an operation of an interface
+in src/platform. No fault walk would then cover that operation."""
 
 import pathlib
 import re
@@ -20,7 +20,7 @@ NEVER_REFUSED = {
 
 
 def blocks(source, opening):
-    """The text in braces after each match of the pattern, with the match."""
+    """Yields each match of the pattern with the text in braces after it."""
     for match in re.finditer(opening, source):
         depth, end = 1, match.end()
         while depth:

@@ -1,6 +1,6 @@
 #!/usr/bin/python3
-"""trouble_test.py ROOT: fails when a line of the trouble table in docs/operations.md is not in the code,
-or when no test or recorded transcript has it: an operator searches for what the manual quotes."""
+"""trouble_test.py ROOT: fails if a line of the trouble table in docs/operations.md is not in the code, or
+not in any test or transcript, because operators search for the lines that the manual quotes."""
 
 import pathlib
 import re
@@ -15,12 +15,12 @@ LITERALS = re.compile(
 
 
 def pieces(text):
-    """The fixed parts of a line."""
+    """Returns the fixed parts of a line."""
     return [piece.strip() for piece in VARIABLE.split(text) if re.search(r"\w", piece)]
 
 
 def texts(source):
-    """The literals of a C++ source, adjacent ones joined."""
+    """Yields the literals of a C++ source, with adjacent ones joined."""
     for match in LITERALS.finditer(source):
         if match[0][0] in 'LR"':
             literal = re.sub(r'"\s*L?"|^L?"|"\s*$', "", match[0])
@@ -28,7 +28,7 @@ def texts(source):
 
 
 def load(root, patterns):
-    """What each file quotes, one text per line."""
+    """Returns the texts of each file, one per line."""
     quoted = {}
     for path in (path for pattern in patterns for path in root.glob(pattern)):
         content = path.read_text(encoding="utf-8")
@@ -41,7 +41,7 @@ def load(root, patterns):
 
 
 def table(page):
-    """The quoted lines of the table's first column."""
+    """Returns the quoted lines in the table's first column."""
     rows = re.search(r"\n## Trouble\n(.*?)(\n## |\Z)", page, re.S)[1].split("\n")
     return [line for row in rows if row.startswith("| ") for line in re.findall("`(.*?)`", row.split(" | ")[0])]
 
@@ -54,7 +54,7 @@ def main():
     lines = table((root / "docs/operations.md").read_text(encoding="utf-8"))
     faults = [] if len(lines) > 40 else [f"only {len(lines)} lines found"]
     for line in lines:
-        fixed = pieces(line.removeprefix("vxhost: "))  # which the program puts in front of an error
+        fixed = pieces(line.removeprefix("vxhost: "))  # the prefix of the program's errors
         if max(map(len, fixed), default=0) < 10:
             faults.append(f"too short to be found: {line}")
         elif not all(any(piece in text for text in code.values()) for piece in fixed):
