@@ -70,12 +70,12 @@ TEST_F(BornOnDateManagerTest, TakesTheDayThatSetUpEndedOnlyWhenItIsEarlier) {
   } kCases[] = {
       {"before", {2023, 4, 4, 6, 23, 59, 59, 0}, "20230406"},
       {"today, whatever its time of day", {2024, 7, 1, 15, 23, 59, 59, 0}, "20240715"},
-      {"the clock was set back since", {2025, 1, 3, 1, 0, 0, 0, 0}, "20240715"},
+      {"clock set back since then", {2025, 1, 3, 1, 0, 0, 0, 0}, "20240715"},
       {"no year", {0, 4, 4, 6, 0, 0, 0, 0}, "20240715"},
-      {"no day of its month", {2023, 2, 4, 30, 0, 0, 0, 0}, "20240715"},
+      {"not a day of its month", {2023, 2, 4, 30, 0, 0, 0, 0}, "20240715"},
       {"empty", {}, "20240715", 0},
       {"one byte short", {2023, 4, 4, 6, 0, 0, 0, 0}, "20240715", 15},
-      {"more behind it", {2023, 4, 4, 6, 0, 0, 0, 0}, "20230406", 4096},
+      {"more after it", {2023, 4, 4, 6, 0, 0, 0, 0}, "20230406", 4096},
       {"another type", {2023, 4, 4, 6, 0, 0, 0, 0}, "20230406", 16, REG_SZ},
   };
   for (const auto& c : kCases) {
@@ -127,7 +127,7 @@ TEST_F(BornOnDateManagerTest, LeavesFirmwareAndStoreAloneWhileTheDateCannotBeRea
       {"no memory", [&] { firmware.FailAfter("MakeByteArray", 1, 0); }, L"-2147467259"},
       {"no bytes", [&] { firmware.Fail("Get Data", kDenied); }, L"-2147217405"},
       {"no array", [&] { Spoil([](VARIANT& data) { VariantClear(&data); }); }, L"-2147024883"},
-      {"half of it",
+      {"half of the bytes",
        [&] {
          Spoil([](VARIANT& data) {
            SAFEARRAYBOUND half{64, 0};

@@ -39,11 +39,11 @@ TEST(BornOnDateTest, GivesEachTextThatItIsSetToItsFormatAndItsDate) {
   } kCases[] = {
       {"six digits", "240229", BODFormat::SixDigits, Day(2024, 2, 29)},
       {"the year 00 has a leap day", "000229", BODFormat::SixDigits, Day(2000, 2, 29)},
-      {"two digits have no first year", "691231", BODFormat::SixDigits, Day(2069, 12, 31)},
+      {"two digits are always 20xx", "691231", BODFormat::SixDigits, Day(2069, 12, 31)},
       {"a day before the first", "19691231", BODFormat::Invalid, {}},
       {"eight digits", "20240229", BODFormat::EightDigits, Day(2024, 2, 29)},
       {"the first day", "19700101", BODFormat::EightDigits, Day(1970, 1, 1)},
-      {"no last year", "99991231", BODFormat::EightDigits, Day(9999, 12, 31)},
+      {"the last year", "99991231", BODFormat::EightDigits, Day(9999, 12, 31)},
       {"zeros", "00000000", BODFormat::Invalid, {}},
       {"empty", "", BODFormat::Invalid, {}},
       {"seven digits", "2024022", BODFormat::Invalid, {}},

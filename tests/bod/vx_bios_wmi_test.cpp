@@ -213,7 +213,7 @@ TEST_F(VxBiosWmiTest, AHostileReplyIsLoggedAndLeavesTheBufferAlone) {
       {"long", L"Data", [](auto& v) { MakeArray(v, VT_UI1, 0, 129); }, size + L"129 byte"},
       {"no bytes", L"Data", [](auto& v) { MakeArray(v, VT_UI1, 0, 0); }, size + L"0 byte"},
       {"wide elements", L"Data", [](auto& v) { MakeArray(v, VT_I4, 0, 128); }, invalid},
-      {"below zero", L"Data", [](auto& v) { MakeArray(v, VT_UI1, -5, 128); }, invalid},
+      {"negative lower bound", L"Data", [](auto& v) { MakeArray(v, VT_UI1, -5, 128); }, invalid},
       {"a null array", L"Data", MakeNullArray, invalid},
       {"nothing", L"Data", [](auto& v) { VariantClear(&v); }, invalid},
       {"a text", L"Data", MakeText, invalid},

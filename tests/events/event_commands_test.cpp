@@ -210,18 +210,18 @@ TEST_F(RealLaunchTest, StartsNothingThatChangedAfterALockThatFailed) {
     std::wstring path;
     std::function<void()> afterTheVerdict;
     std::function<void()> afterTheSecondLock;
-    std::size_t locks;     // successful ones
-    std::size_t verdicts;  // that Windows trusts the file
+    std::size_t locks;     // successful locks
+    std::size_t verdicts;  // verdicts that trust the file
     bool starts;
   } cases[] = {
       {"overwritten", program, [&] { overwrite(program); }, nothing, 1, 1, false},
-      {"overwritten by another name", program, [&] { overwrite(alias); }, nothing, 1, 1, false},
+      {"overwritten under another name", program, [&] { overwrite(alias); }, nothing, 1, 1, false},
       {"overwritten under the lock", program, nothing, [&] { overwrite(alias); }, 1, 2, true},
       {"opened again", program, [&] { hold(alias); }, nothing, 0, 1, false},
-      {"link turned", behindLink, [&] { turn(forged.Path()); }, nothing, 1, 1, false},
-      {"link turned and turned back", behindLink, [&] { turn(forged.Path()); },
+      {"link redirected", behindLink, [&] { turn(forged.Path()); }, nothing, 1, 1, false},
+      {"link redirected and restored", behindLink, [&] { turn(forged.Path()); },
        [&] { turn(folder.Path()); }, 1, 1, false},
-      {"let go and left alone", program, nothing, nothing, 1, 2, true},
+      {"closed and left unchanged", program, nothing, nothing, 1, 2, true},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);

@@ -82,7 +82,7 @@ TEST_F(OneShotTest, IsCompletedWhenTheStoreIsBack) {
   } cases[] = {
       {"at the third try", 2, [&] { machine.faults.Clear(); }, {}},
       {"at the next replay", 3, [] {}, [&] { Replay(first); }},
-      {"at the next notification, for its service has ended", 2,
+      {"at the next notification, because its service has ended", 2,
        [&] { Platform::CurrentMachine().kernelObjects->Signal(stop.get()); },
        [&] { Notify(kFamily); }},
   };

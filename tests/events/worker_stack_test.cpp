@@ -31,7 +31,7 @@ class PaintedStack {
   }
 
  private:
-  static constexpr ULONG_PTR kGuard = ULONG_PTR{16} << 10;  // Windows' guard at the end
+  static constexpr ULONG_PTR kGuard = ULONG_PTR{16} << 10;  // kept by Windows at the stack's end
   static constexpr ULONG_PTR kOwnFrames = 1024;
   static constexpr unsigned char kPaint = 0xC5;
 

@@ -67,16 +67,16 @@ TEST(EnvironmentForPackage, MovesOnlyTheTwoDataFolders) {
        L"APPDATA=C:\\u\\AppData\\Roaming\0LOCALAPPDATA=C:\\u\\AppData\\Local\0TEMP=C:\\t\0\0"sv,
        L"APPDATA=C:\\u\\AppData\\Local\\Packages\\App_1\\LocalCache\\Roaming\0"
        L"LOCALAPPDATA=C:\\u\\AppData\\Local\\Packages\\App_1\\LocalCache\\Local\0TEMP=C:\\t\0\0"sv},
-      {"what follows the part stays", L"LOCALAPPDATA=C:\\AppData\\Local\\x\0\0"sv,
+      {"the rest of the value stays", L"LOCALAPPDATA=C:\\AppData\\Local\\x\0\0"sv,
        L"LOCALAPPDATA=C:\\AppData\\Local\\Packages\\App_1\\LocalCache\\Local\\x\0\0"sv},
-      {"a name that only ends alike", L"MYAPPDATA=C:\\AppData\\Roaming\0\0"sv,
+      {"a name with the same ending", L"MYAPPDATA=C:\\AppData\\Roaming\0\0"sv,
        L"MYAPPDATA=C:\\AppData\\Roaming\0\0"sv},
       {"another value", L"APPDATA=C:\\elsewhere\0\0"sv, L"APPDATA=C:\\elsewhere\0\0"sv},
       {"the part in the wrong variable", L"APPDATA=C:\\AppData\\Local\0\0"sv,
        L"APPDATA=C:\\AppData\\Local\0\0"sv},
       {"no terminator", L"A=1\0B=2"sv, L"A=1\0B=2\0\0"sv},
       {"nothing", L""sv, L"\0\0"sv},
-      {"what lies behind the end", L"A=1\0\0B=2\0\0"sv, L"A=1\0\0"sv},
+      {"text after the end", L"A=1\0\0B=2\0\0"sv, L"A=1\0\0"sv},
   };
   for (const auto& c : kCases) {
     SCOPED_TRACE(c.name);

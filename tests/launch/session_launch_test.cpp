@@ -49,9 +49,9 @@ TEST_F(SessionLaunchTest, KnowsTheLogonProcessByItsExactNameAmongTheFirst2048) {
   EXPECT_FALSE(Launch(0));
   machine.processes.End(Run(kLogon));
   for (int i = 0; i < 2044; ++i) Run(L"C:\\a.exe");
-  const std::uint32_t last = Run(kLogon);  // process 2049, including the console's
+  const std::uint32_t last = Run(kLogon);  // the 2049th process, including the console's
   EXPECT_FALSE(Launch(0));
-  machine.users.DetachConsole();  // its logon process ends
+  machine.users.DetachConsole();  // ends its logon process
   EXPECT_TRUE(Launch(0));
   machine.processes.End(last);
   EXPECT_FALSE(Launch(0));

@@ -108,7 +108,6 @@ class HostileRequestsTest : public ModuleTest {
     }
   }
 
-  // A value of another service, which no command may change.
   void PlantCanary() {
     Tessel::Server::Storage::BsonDocument document;
     document.Set("sleep_state", Tessel::Server::Storage::BsonElement::Int32(kKept));

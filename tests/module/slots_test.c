@@ -210,7 +210,7 @@ static unsigned char SetupIsOver(Service* service) {
 }
 
 // No app accepts the message here, so it stays pending. Without a store it can never be sent. Slot
-// 0 does not cancel the launch that the first call schedules in an hour.
+// 0 does not cancel the launch that the first call schedules for an hour later.
 static void TheEndOfSetupReturnsWhetherNothingIsLeftToDo(HMODULE module) {
   wchar_t store[MAX_PATH], program[MAX_PATH];
   Service* service = Make();

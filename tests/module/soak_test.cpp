@@ -11,7 +11,7 @@ namespace {
 constexpr std::size_t kStepsPerByte = 4;
 constexpr std::size_t kAllowance = 2048;
 
-constexpr std::size_t kCommitAllowance = std::size_t{256} * 1024;  // one more piece for the heap
+constexpr std::size_t kCommitAllowance = std::size_t{256} * 1024;  // the heap may commit once more
 
 // Deliveries between two waits for their workers, as many as a host makes between two events.
 // Limits how many threads run at once.

@@ -39,7 +39,7 @@ TEST(DiskFileTest, APipeIsNeitherReadNorWrittenNorGivenAnIdentity) {
       {"lock", [&](const auto& path) { return files.OpenReadLocked(path).Error(); }},
       {"final path", [&](const auto& path) { return files.FinalPath(path).Error(); }},
       {"access list", [&](const auto& path) { return files.FolderAccess(path).Error(); }},
-      {"make sure that there is one", [&](const auto& path) { return files.Touch(path); }},
+      {"touch", [&](const auto& path) { return files.Touch(path); }},
       {"open", [&](const auto& path) { return files.Open(path, FileUse::Read).Error(); }},
       {"create with its access list",
        [&](const auto& path) {

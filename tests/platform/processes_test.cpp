@@ -33,9 +33,9 @@ TEST_F(ProcessesTest, RefusesAProgramThatANameAloneWouldChoose) {
       {"no program", L""},
       {"name alone", L"cmd.exe"},
       {"relative", L"system32\\cmd.exe"},
-      {"of the current drive", L"\\windows\\system32\\cmd.exe"},
-      {"of a drive's current folder", L"C:cmd.exe"},
-      {"cut short by a zero", std::wstring(L"C:\\windows\\system32\\cmd.exe\0.txt", 32)},
+      {"on the current drive", L"\\windows\\system32\\cmd.exe"},
+      {"in a drive's current folder", L"C:cmd.exe"},
+      {"truncated by a zero", std::wstring(L"C:\\windows\\system32\\cmd.exe\0.txt", 32)},
   };
   for (const auto& [name, application] : kCases) {
     probe.application = application;

@@ -30,7 +30,7 @@ class PrivateLocalMachine {
     HKEY opened = nullptr;
     RegCreateKeyExW(HKEY_LOCAL_MACHINE, key, 0, nullptr, REG_OPTION_VOLATILE, KEY_ALL_ACCESS,
                     nullptr, &opened, nullptr);
-    // The emulator includes a terminator that follows the data of a text, so none may follow.
+    // The emulator stores a terminator that follows a string's data, so "##" follows instead.
     std::vector<BYTE> bytes = data;
     bytes.insert(bytes.end(), {'#', '#'});
     RegSetValueExW(opened, value, 0, type, bytes.data(), static_cast<DWORD>(data.size()));
@@ -63,7 +63,7 @@ TEST_F(RegistryTest, TakesTheTextOfAValueHoweverItEnds) {
       {"not terminated", "a\0b\0"sv, L"ab"},
       {"half a character at the end", "a\0b\0c"sv, L"ab"},
       {"empty", ""sv, L""},
-      {"more behind the terminator", "a\0\0\0b\0"sv, L"a"},
+      {"data after the terminator", "a\0\0\0b\0"sv, L"a"},
   };
   for (const auto& c : kCases) {
     const auto value = ReadBack(REG_SZ, c.stored);

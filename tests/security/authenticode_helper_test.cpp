@@ -68,7 +68,6 @@ class FakePlaces : public Simulator::SimulatedFiles {
     const auto found = finalPaths.find(path);
     return found != finalPaths.end() ? found->second : SimulatedFiles::FinalPath(path);
   }
-  // Returns the elements of `access` in turn. The last one repeats.
   Result<AccessList> FolderAccess(const std::wstring& folder) const override {
     folders.push_back(folder);
     if (access.empty()) throw std::runtime_error("no answer");
@@ -372,10 +371,10 @@ TEST_F(PathVerdictTest, DemandsGenericAllForBothAccountsAndOneOfThemAsOwner) {
     bool full;
     const wchar_t* owner = kInstallerSid;
   } kCases[] = {
-      {"of SYSTEM", {kSystem, kInstaller}, true, kSystemSid},
-      {"of an administrator", {kSystem, kInstaller}, false, L"S-1-5-32-544"},
-      {"of nobody known", {kSystem, kInstaller}, false, L""},
-      {"both, others between", {kSystem, Entry(L"S-1-5-32-545"), kInstaller}, true},
+      {"owned by SYSTEM", {kSystem, kInstaller}, true, kSystemSid},
+      {"owned by administrators", {kSystem, kInstaller}, false, L"S-1-5-32-544"},
+      {"unknown owner", {kSystem, kInstaller}, false, L""},
+      {"both, with others in between", {kSystem, Entry(L"S-1-5-32-545"), kInstaller}, true},
       {"only TrustedInstaller", {kInstaller}, false},
       {"only SYSTEM", {kSystem, kSystem}, false},
       {"an installer without the generic bit", {weakInstaller, kSystem}, false},

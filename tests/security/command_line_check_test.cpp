@@ -27,11 +27,11 @@ TEST(IsCommandLineTrusted, ChecksTheFirstWord) {
       {"with arguments", L"C:\\a.exe /b \"c d\"", L"C:\\a.exe"},
       {"quoted", L"\"C:\\Program Files\\a.exe\" /b", L"C:\\Program Files\\a.exe"},
       {"quotes inside the word", L"C:\"\\Program Files\"\\a.exe", L"C:\\Program Files\\a.exe"},
-      {"blanks in front", L"  \t C:\\a.exe", L"C:\\a.exe"},
-      {"not quoted though it has blanks", L"C:\\Program Files\\a.exe", L"C:\\Program"},
+      {"leading blanks", L"  \t C:\\a.exe", L"C:\\a.exe"},
+      {"unquoted path with blanks", L"C:\\Program Files\\a.exe", L"C:\\Program"},
       {"empty", L"", nullptr},
       {"a NUL inside", std::wstring(L"C:\\a.exe\0 x", 11), nullptr},
-      {"longer than Windows takes", std::wstring(32768, L'a'), nullptr},
+      {"longer than Windows accepts", std::wstring(32768, L'a'), nullptr},
   };
   for (const auto& c : kCases) {
     SCOPED_TRACE(c.name);

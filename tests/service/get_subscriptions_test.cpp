@@ -38,7 +38,7 @@ TEST_F(GetSubscriptionsTest, TellsAnEmptyListFromOneThatCannotBeRead) {
     const wchar_t* line;
   } cases[] = {
       {"no store", [&] { RemoveFile(path); }, 0, kListed},
-      {"no store, and none can be made",
+      {"no store, and none can be created",
        [&] {
          RemoveFile(path);
          machine.faults.FailNamed("Files.Touch");
@@ -118,9 +118,9 @@ TEST_F(GetSubscriptionsTest, ListsWhatFitsInStoredOrderAndCountsTheRest) {
     Requests power;
     Requests zephra;
   } cases[] = {
-      {"all of the room", {{OfLength(kLongest)}}, {}},
-      {"a character too many", {{OfLength(kLongest + 1), L""}}, {}},
-      {"all of the room beside another", {{OfLength(kLongestInPart)}}, {{small.stored, L""}}},
+      {"the longest that fits", {{OfLength(kLongest)}}, {}},
+      {"one character too long", {{OfLength(kLongest + 1), L""}}, {}},
+      {"the longest beside another", {{OfLength(kLongestInPart)}}, {{small.stored, L""}}},
       {"too long beside another", {{OfLength(kLongestInPart + 1), L""}}, {small}},
       {"too long between others", {small, {OfLength(70000), L""}, small}, {small}},
       {"no room after others", {small, {OfLength(60000)}, {OfLength(9000), L""}}, {small}},

@@ -33,7 +33,7 @@ TEST_F(OutOfMemoryTest, ACommandFailsWithoutAnAnswerOrDoesWithoutTheMemory) {
   } kCases[] = {{22, L"{}"},       {20, L"{}"},    {21, L"{}"},       {12, L"{}"},  {2, L"{}"},
                 {3, kLaunched},    {5, kLaunched}, {13, kLaunched},   {9, kPower},  {9, L"{}"},
                 {19, kOtherPower}, {14, kZephra},  {14, kOtherPower}, {15, kPower}, {16, L"{}"}};
-  ASSERT_EQ(host.Execute(9, kPower).result, 0U);  // is already stored
+  ASSERT_EQ(host.Execute(9, kPower).result, 0U);  // already stored
   ASSERT_EQ(host.Execute(14, kZephra).result, 0U);
   constexpr auto npos = std::wstring::npos;
   for (const auto kind : {Shortage::Lasting, Shortage::Once}) {

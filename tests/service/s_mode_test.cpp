@@ -63,7 +63,7 @@ TEST(LockdownPolicyTest, ALibraryThatFailsIsFreedAndTheModeIsWhatItLeft) {
   const LogCapture log;
   const auto before = HandleGauge();
   static constexpr struct {
-    const wchar_t* variable;  // of the stand-in, VX_LOCKDOWN_MODE
+    const wchar_t* variable;  // VX_LOCKDOWN_MODE of the stand-in
     std::int32_t mode;
   } kCases[] = {{L"", 0}, {L"2!", 2}};
   for (const auto& c : kCases) {

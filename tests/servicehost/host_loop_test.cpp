@@ -26,7 +26,7 @@ namespace {
 BOOLEAN isKnown = FALSE;
 BYTE alwaysConnected = 0;
 BOOLEAN WINAPI Capabilities(SYSTEM_POWER_CAPABILITIES* all) {
-  reinterpret_cast<BYTE*>(all)[20] = alwaysConnected;  // AoAc, after twenty members of a byte
+  reinterpret_cast<BYTE*>(all)[20] = alwaysConnected;  // AoAc, after twenty one-byte members
   return isKnown;
 }
 

@@ -258,7 +258,7 @@ TEST_F(PipeTest, AClientSeesTheErrorsOfTheManual) {
   EXPECT_FALSE(WaitNamedPipeW(path.c_str(), 50));
   EXPECT_EQ(errorOfOpen(), DWORD{ERROR_PIPE_BUSY});
   crowd[3].reset();
-  crowd[3] = RawClient();  // the one that waited has its place
+  crowd[3] = RawClient();  // its place went to the client that waited
   EXPECT_TRUE(Send(crowd[0], WriteCommand({7, L"longer than its buffer"})));
   EXPECT_EQ(errorOfRead(crowd[0]), DWORD{ERROR_MORE_DATA});
   EXPECT_TRUE(Send(crowd[1], "rubbish"));

@@ -313,7 +313,7 @@ class ServiceProcessTest : public ::testing::Test, public StatusSink {
     for (const auto& [control, event] : controls) results.push_back(one.Control(control, event));
     one.Control(last, 0);
     EXPECT_EQ(WaitForSingleObject(stopped.get(), 10'000), WAIT_OBJECT_0);
-    one.Control(SERVICE_CONTROL_STOP, 0);  // or the join would take for ever
+    one.Control(SERVICE_CONTROL_STOP, 0);  // otherwise the join would block forever
     main.Join();
     service.reset();
     return results;

@@ -107,9 +107,9 @@ TEST(BsonDocument, RefusesMembersThatCannotBeToldApart) {
   } kCases[] = {
       {"unknown kind", "\024k\0"s},
       {"kind zero", "\0k\0"s},
-      {"key without an end", "\012k"s},
+      {"unterminated key", "\012k"s},
       {"boolean without a value", "\010k\0"s},
-      {"cut number", "\020k\0\001\0\0"s},
+      {"truncated number", "\020k\0\001\0\0"s},
       {"text without a length", "\002k\0\001\0\0"s},
       {"text longer than the document", "\002k\0\377\377\377\177a\0"s},
       {"text that reaches the terminator", "\002k\0\003\0\0\0a\0"s},
@@ -117,7 +117,7 @@ TEST(BsonDocument, RefusesMembersThatCannotBeToldApart) {
       {"binary longer than the document", "\005k\0\003\0\0\0\0ab"s},
       {"expression without its options", "\013k\0a\0i"s},
       {"document that does not count its length", "\003k\0\003\0\0\0"s},
-      {"document longer than what is around it", "\003k\0\007\0\0\0\0"s},
+      {"document longer than its container", "\003k\0\007\0\0\0\0"s},
       {"document of negative length", "\003k\0\373\377\377\377\0"s},
       {"scope longer than the document", "\017k\0\006\0\0\0\0"s},
   };
@@ -165,7 +165,7 @@ TEST(BsonDocument, CarriesValuesThatItsGettersRefuse) {
 
 TEST(BsonDocument, DoesNotFollowNesting) {
   constexpr std::size_t kLevels = 100000;
-  constexpr std::size_t kPerLevel = 8;  // kind, key of one letter, length, terminator
+  constexpr std::size_t kPerLevel = 8;  // kind, one-letter key, length, terminator
   std::string text;
   for (std::size_t i = 0; i < kLevels; ++i) {
     text += LittleEndian(5 + (kLevels - i) * kPerLevel) + "\003d\0"s;

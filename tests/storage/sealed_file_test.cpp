@@ -199,10 +199,10 @@ TEST_F(SealedFileTest, AFailureThatPassesIsTriedAgainForAQuarterOfASecond) {
   } kCases[] = {
       {"file in use", "Open", 32, 10, true},
       {"file in use for longer", "Open", 32, 11, false},
-      {"no memory", "Open", 8, 1, true},
-      {"data protection not there", "Unprotect", 1722, 10, true},
-      {"data protection away", "Unprotect", 1722, 11, false},
-      {"keys of a machine that starts", "Unprotect", 0x8009000B, 10, true},
+      {"out of memory", "Open", 8, 1, true},
+      {"data protection unavailable", "Unprotect", 1722, 10, true},
+      {"data protection stays unavailable", "Unprotect", 1722, 11, false},
+      {"keys during start-up", "Unprotect", 0x8009000B, 10, true},
       {"another error", "Open", 1117, 1, false},
       {"a scanner uses it", "MoveOver", 32, 10, true},
       {"a scanner denies access", "MoveOver", 5, 10, true},
@@ -248,11 +248,11 @@ TEST_F(SealedFileTest, OnlyWhatIsProvedDamagedIsReplacedAndACopyIsKept) {
       {"keys not there yet", 0x8009000B, L"the file could not be opened, error 0x8009000b", false,
        false},
       {"bad parameter", 87, L"the file is damaged, error 0x57", true},
-      {"bad parameter of every blob", 87, L"the file could not be opened, error 0x57", false,
+      {"bad parameter for every blob", 87, L"the file could not be opened, error 0x57", false,
        false},
-      {"no memory for good", 8, L"the file could not be opened, error 0x8", false},
+      {"permanently out of memory", 8, L"the file could not be opened, error 0x8", false},
       {"data protection off", 1062, L"the file could not be opened, error 0x426", false},
-      {"an error of some later Windows", 0x80090999,
+      {"an error from a later Windows", 0x80090999,
        L"the file could not be opened, error 0x80090999", false},
   };
   for (const auto& c : kCases) {
@@ -453,7 +453,7 @@ TEST_F(SealedFileTest, ASiblingIsAdoptedOnlyIfItDecodesAndIsTheSystemsOwn) {
            if (facts.size == good.size()) facts.attributes |= Tests::kReparsePoint;
          };
        }},
-      {"of another account",
+      {"owned by another account",
        [&] {
          Tests::WriteBytes(sibling, good);
          disk.foreignOwner = true;

@@ -24,8 +24,7 @@ TEST(SystemMutex, KeepsOthersOutUntilItIsUnlockedOrDestroyed) {
     EXPECT_TRUE(Tests::IsFree(name));
     EXPECT_THROW(mutex.unlock(), system_mutex_exception);
   }
-  const SystemMutex other(
-      name);  // keeps the kernel object, and with it the state that the next one leaves
+  const SystemMutex other(name);  // keeps the state that `mutex` leaves
   {
     SystemMutex mutex(name);
     mutex.lock();

@@ -26,11 +26,10 @@ struct FileFaults {
 
   std::function<void(Platform::FileFacts&)> onFacts = [](Platform::FileFacts&) {};
   bool foreignOwner = false;                   // every file belongs to another account
-  std::wstring foreignMark = L"?";             // and so does each whose path contains this
+  std::wstring foreignMark = L"?";             // each file whose path contains this does too
   std::size_t largestRead = 0;                 // the limit of the last read
   std::vector<std::vector<std::byte>> writes;  // the content of each attempted write
 
-  // Runs `step` unless onStep fails it.
   template <typename Step>
   auto Or(const char* name, const Step& step) const {
     using Answer = decltype(step());

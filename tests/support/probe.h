@@ -17,7 +17,6 @@ struct ProbeReport {
   std::vector<std::wstring> arguments;
   std::vector<std::wstring> lines;  // all of the report
 
-  // Returns whether the probe reported the environment variable "NAME=value".
   bool HasVariable(const std::wstring& entry) const;
 };
 
@@ -40,7 +39,6 @@ StartedProcess StartProcess(std::wstring commandLine, std::uint32_t flags = 0);
 
 std::wstring Escaped(const std::wstring& path);
 
-// Returns the report that appears at `path`, or nothing after `limit`.
 std::optional<ProbeReport> WaitForProbe(const std::wstring& path,
                                         std::chrono::milliseconds limit = std::chrono::seconds(20));
 

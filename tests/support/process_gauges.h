@@ -7,8 +7,8 @@
 
 namespace Vx::Tests {
 
-// Measures how full the handle table is, to find leaks, by the highest of some new handles: the
-// emulator lacks GetProcessHandleCount but hands out the lowest free value.
+// Returns the highest of some new handle values, to find leaks. The emulator lacks
+// GetProcessHandleCount but always hands out the lowest free value.
 std::uintptr_t HandleGauge();
 
 // This toolchain's mutexes create and keep an event on first contention. Which are contended is
@@ -39,7 +39,6 @@ std::size_t ThreadCount();
 // Waits until at most `count` threads are left. Returns false if more are left after `limit`.
 bool ThreadsEnd(std::size_t count, std::chrono::milliseconds limit = std::chrono::seconds(60));
 
-// Returns the number in the environment variable `name`, or `usual` if it is not set.
 inline std::uint32_t Setting(const char* name, std::uint32_t usual) {
   const char* text = std::getenv(name);  // NOLINT(concurrency-mt-unsafe): no thread sets variables
   return text == nullptr ? usual : static_cast<std::uint32_t>(std::strtoul(text, nullptr, 10));

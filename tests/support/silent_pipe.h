@@ -26,7 +26,6 @@ class SilentPipe {
 
   bool HasHadAClient() const { return WaitForSingleObject(connected.get(), 0) == WAIT_OBJECT_0; }
 
-  // Ends the connection and waits for the next client.
   void Reconnect() {
     DisconnectNamedPipe(server.get());
     ResetEvent(connected.get());

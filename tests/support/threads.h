@@ -42,7 +42,6 @@ inline bool IsFree(const std::wstring& name) {
   return taken;
 }
 
-// Returns the token that the calling thread impersonates with, or null.
 inline Platform::UniqueHandle ThreadToken() {
   HANDLE raw = nullptr;
   OpenThreadToken(GetCurrentThread(), TOKEN_QUERY, TRUE, &raw);

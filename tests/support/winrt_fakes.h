@@ -57,14 +57,14 @@ class RuntimeTest : public testing::Test {
   bool replyIsNumber = false;
 
   std::vector<std::wstring> registered;      // the requested registrations
-  std::vector<std::wstring> familiesAsked;   // by every find
+  std::vector<std::wstring> familiesAsked;   // one per find
   Handlers handlers;                         // by token
   std::mutex handlersMutex;                  // for threads that the test does not wait for
-  int cancelled = 0;                         // operations
-  int closed = 0;                            // connections
+  int cancelled = 0;                         // cancelled operations
+  int closed = 0;                            // closed connections
   std::vector<std::wstring> openedServices;  // "family!service"
   APTTYPE catalogApartment{};                // of the thread that opened the last catalog
-  bool openedAsAnother = false;              // the thread that opened the last one impersonated
+  bool openedAsAnother = false;              // whether that thread impersonated
   std::vector<std::wstring> messages;        // texts under "message"
 
   // For the fakes: whether this call must fail, and how an operation is to end.

@@ -19,7 +19,6 @@ class PackageCatalogTest : public Tests::RuntimeTest {
     RuntimeTest::ExpectNothingLeft();
   }
 
-  // Opens a catalog with a handler that records notifications and whose lifetime is tracked.
   PackageCatalog::Token Open() {
     catalog = OpenWindowsPackageCatalog();
     auto state = std::make_shared<int>(0);

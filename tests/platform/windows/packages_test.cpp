@@ -167,7 +167,7 @@ TEST_F(PackageDeploymentTest, ReportsWhatTheDeploymentSaysOfItsFailure) {
   } kCases[] = {
       {"failed", Error, kRefused, S_OK, kRefused},
       {"failed without a reason", Error, S_OK, S_OK, E_FAIL},
-      {"cancelled by somebody", Canceled, S_OK, S_OK, kCancelled},
+      {"cancelled elsewhere", Canceled, S_OK, S_OK, kCancelled},
       {"completed, but with an error", Completed, S_OK, kRefused, kRefused},
   };
   errorText = L"The package is in use.";

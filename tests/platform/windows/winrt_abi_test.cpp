@@ -82,7 +82,7 @@ TEST(DelegateTest, AnswersForItsOwnInterfaceAndForBeingAgileOnly) {
 TEST(ApartmentTest, LeavesAThreadOfAnotherApartmentWhereItIs) {
   ASSERT_EQ(RoInitialize(RO_INIT_SINGLETHREADED), S_OK);
   EXPECT_EQ(Apartment().Result(), S_OK);
-  EXPECT_EQ(RoInitialize(RO_INIT_SINGLETHREADED), S_FALSE);  // still in that apartment
+  EXPECT_EQ(RoInitialize(RO_INIT_SINGLETHREADED), S_FALSE);  // still single-threaded
   RoUninitialize();
   RoUninitialize();
 }
