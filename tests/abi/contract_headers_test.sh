@@ -1,7 +1,7 @@
 #!/bin/sh
 # contract_headers_test.sh ROOT COMPILER FLAG...: every header for integrators compiles on its own
-# for Microsoft's ABI, as C++17 and as C++20. The exemption classes have another compiler's layout
-# and name a replacement. The C headers compile as C11 and as C++.
+# for Microsoft's ABI, as C++17 and as C++20, and the C headers as C11 and as C++. The exemption
+# classes, which have another compiler's layout, fail with an error that names a replacement.
 set -u
 root=$1
 shift

@@ -47,7 +47,7 @@ TEST_F(QuboFacadeTest, ResumeLaunchesOnceForEachReasonAndWheneverItIsForced) {
       {nothing, Point::None, determining},
       {[&] {
          std::filesystem::create_directories(programs.Path() / "vx" / "SentraPre");
-         refused = true;  // a launch that is refused uses up the reason too
+         refused = true;  // a refused launch uses up the reason too
        },
        Point::Software, saving + L"software_happened"},
       {nothing, Point::None, determining},

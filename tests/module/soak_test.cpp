@@ -30,7 +30,7 @@ class SoakTest : public ModuleTest {
     quiet = ThreadCount();
   }
 
-  // Waits for `before` first, because passing system threads hold handles and stacks.
+  // First waits for handles and threads to return to `before`, as passing system threads hold some.
   static Figures Measure(const char* when, const Figures& before) {
     static_cast<void>(ThreadsEnd(before.threads));
     const std::uintptr_t handles = RestingHandleGauge(before.handles + kMutexEventsGauge);

@@ -49,7 +49,7 @@ TEST(TrustedProgramTest, IsWhatTheLockHoldsWhereverALinkLeadsNow) {
   EXPECT_EQ(Checked(genuine / L"PINNED.EXE"), program);
 }
 
-// The file could be huge. If it cannot be locked, its name alone decides whether it is allowed.
+// The file could be huge. If it cannot be locked, its location is judged by name.
 TEST(TrustedProgramTest, ReadsNothingOfAFileThatALinkReachesElsewhere) {
   const Tests::TempFolder elsewhere;
   std::filesystem::copy_file(Tests::PkiFile(kPinned), elsewhere / kPinned);
@@ -85,8 +85,9 @@ TEST(TrustedProgramTest, IsNoneIfWindowsRefusesAnyCallThatItNeeds) {
     calls = faults.Calls();
     if (trusted) ++spare[call < calls.size() ? calls[call] : "none"];
   }
-  // The path rule runs five times, with two prefixes of other folders. The text is already a full
-  // path, the lock is retried, and the signature is in the file, not in a catalog.
+  // Not all calls are needed: the path rule runs five times with two prefixes that name other
+  // folders, the text is already a full path, the lock is retried, and the signature is in the
+  // file.
   EXPECT_THAT(spare, ElementsAre(Pair("Environment.Expand", 10), Pair("Files.FullPath", 3),
                                  Pair("Files.OpenReadLocked", 1),
                                  Pair("TrustProvider.FindCatalog", 1), Pair("none", 1)));

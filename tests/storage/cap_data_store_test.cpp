@@ -166,7 +166,7 @@ class DamagedStoreTest : public CapDataStoreTest {
     files.push_back(plain.back());                 // not a store file
   }
 
-  // Up to the header's size an empty store, then a damaged file or one with a damaged document.
+  // An empty store if `n` is at most the header's size. Otherwise a damaged file or document.
   Bytes OddFile(std::uint32_t n, std::mt19937& random) {
     if (n <= Tests::kHeaderSize) return {files[0].begin(), files[0].begin() + n};
     const std::size_t one = random() % files.size();

@@ -6,7 +6,7 @@
 namespace Vx::Abi {
 namespace {
 
-// The slot that `method` calls. This compiler's pointers hold it in bytes, with bit 0 set.
+// The slot that `method` calls. This compiler's member pointers hold its byte offset plus one.
 template <typename Method>
 int SlotOf(Method method) {
   std::intptr_t stored[2];
