@@ -33,7 +33,7 @@ TEST(NeedsServicesMutexTest, OutsideTheServicesSessionForTheMachinesStore) {
   }
 }
 
-// A private store that this process takes for the machine's.
+// The store of a machine, which this process takes for the real one.
 class ServicesMutexTest : public ::testing::Test {
  protected:
   Tests::PrivateStore store;

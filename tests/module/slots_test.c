@@ -196,7 +196,7 @@ static int IsMapped(const void* address) {
   return VirtualQuery(address, &place, sizeof place) != 0 && place.State == MEM_COMMIT;
 }
 
-// Threads of earlier services keep the module loaded until they end. An object alone does not.
+// A thread of a service holds the module until it has ended. An object does not.
 static void AnObjectDoesNotKeepTheModule(HMODULE module) {
   const Service* const service = Make();
   const void* const slot0 = service->slots[kDestroy];
