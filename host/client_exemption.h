@@ -9,24 +9,26 @@ namespace Vx::Tessel::Server::Services {
 // arguments are scalars or pointers, and nothing is thrown. No two slots share a name, because
 // compilers order overloaded virtual functions differently.
 //
-// Stateless. Any thread may call, and no call waits. Results are Win32 error codes: 0 success, 87
-// null argument, 8 out of memory, 31 any other failure. On success `*exempt` becomes 1 or 0.
-// Otherwise it keeps its value.
+// Stateless and thread-safe. No call blocks. Results are Win32 error codes: 0 success, 87 null
+// argument, 8 out of memory, 31 any other failure. On success, `*exempt` is set to 1 or 0. On
+// failure, it is unchanged.
 class VxClientExemption {
  public:
   VxClientExemption() = default;
   VxClientExemption(const VxClientExemption&) = delete;
   VxClientExemption& operator=(const VxClientExemption&) = delete;
 
-  // Slot 0. Destroys the object. Bit 0 of `flags` also frees its memory. Returns its address.
+  // Slot 0. Destroys the object, frees its memory if bit 0 of `flags` is set, and returns its
+  // address.
   virtual void* Destroy(unsigned flags) = 0;
 
-  // Slot 1. A packaged client by its package family name (NUL-terminated UTF-16), case-sensitive.
+  // Slot 1. Checks a packaged client by its package family name (NUL-terminated UTF-16,
+  // case-sensitive).
   virtual uint32_t IsUwpExempt(const wchar_t* packageFamilyName, uint16_t majorVersion,
                                uint16_t minorVersion, int32_t* exempt) = 0;
 
-  // Slot 2. A desktop client by its executable's name, without folder and extension (NUL-terminated
-  // UTF-16). Lowercases the letters A to Z of `executableName` in place.
+  // Slot 2. Checks a desktop client by its executable's name, without folder and extension
+  // (NUL-terminated UTF-16). Converts A to Z in `executableName` to lower case in place.
   virtual uint32_t IsWin32Exempt(wchar_t* executableName, uint16_t majorVersion,
                                  uint16_t minorVersion, int32_t* exempt) = 0;
 
@@ -34,7 +36,7 @@ class VxClientExemption {
   ~VxClientExemption() = default;
 };
 
-// The factory, exported under this name. Returns null if out of memory. Slot 0 frees the object.
+// The exported factory. Returns null if out of memory. Slot 0 frees the object.
 using CreateClientExemptionFunction = VxClientExemption* (*)();
 inline constexpr char kCreateClientExemptionExport[] = "CreateClientExemption";
 

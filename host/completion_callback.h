@@ -5,10 +5,10 @@
 namespace Vx::Tessel::Server::Services {
 
 // The memory layout of the host's callable, a 64-byte std::function. Its last word points to the
-// callable that it holds, which may be inside the object, or is null if it is empty.
+// callable that it holds, which may be stored inside the object. The word is null if there is none.
 struct CompletionCallback {
-  // The held callable's table: copy, move, call, type, then delete-this, whose argument says
-  // whether the callable is outside the object and must be freed.
+  // The vtable of the held callable: copy, move, call, type, delete-this. The argument of
+  // delete-this says whether the callable is outside the object and must be freed.
   struct Held {
     void* const* table;
   };
@@ -17,7 +17,7 @@ struct CompletionCallback {
   Held* held;
 };
 
-// Destroys a callback that was passed by value, without calling it. Accepts null and empty.
+// Destroys a callback that was passed by value, without calling it. A null or empty one is allowed.
 inline void DestroyCallback(CompletionCallback* callback) noexcept {
   constexpr size_t kDeleteThisSlot = 4;
   using DeleteThis = void (*)(CompletionCallback::Held * self, bool outsideTheObject);

@@ -4,43 +4,44 @@
 
 namespace Vx::Tessel::Server::Services {
 
-// The module's cryptography for the host: data sealed for this machine, and a file's digest.
+// The module's cryptography for the host: encrypts data for this machine and hashes files.
 //
 // As with VxService, the contract is this table of slots, because another compiler builds the host:
 // one entry per function, in this order. All arguments are scalars or pointers, and nothing is
-// thrown. Any thread may call, and no call waits. Results are Win32 error codes: 0 success, 87 null
-// argument, 8 out of memory, 31 a failure without a code, otherwise Windows' error. Outputs are
-// written only on success.
+// thrown. Thread-safe. No call waits. Results are Win32 error codes: 0 success, 87 null argument, 8
+// out of memory, 31 a failure without a code, otherwise Windows' error. Outputs are written only on
+// success.
 class VxCryptographyHelper {
  public:
   VxCryptographyHelper() = default;
   VxCryptographyHelper(const VxCryptographyHelper&) = delete;
   VxCryptographyHelper& operator=(const VxCryptographyHelper&) = delete;
 
-  // Slot 0. Destroys the object. Bit 0 of `flags` also frees its memory. Returns its address.
+  // Slot 0. Destroys the object, frees its memory if bit 0 of `flags` is set, and returns its
+  // address.
   virtual void* Destroy(unsigned flags) = 0;
 
-  // Slot 1. Seals `size` bytes so that every process of this machine can open them, but no other
-  // machine. `description` (NUL-terminated, may be null) is stored with them in plain text. Slot 4
-  // frees the result.
+  // Slot 1. Encrypts `size` bytes so that any process on this machine, but no other machine, can
+  // decrypt them. `description` (NUL-terminated, may be null) is stored with them in plain text.
+  // Slot 4 frees the result.
   virtual uint32_t Protect(const void* plain, uint32_t size, const wchar_t* description,
                            void** result, uint32_t* resultSize) = 0;
 
-  // Slot 2. Opens data sealed by slot 1. Slot 4 frees the result.
+  // Slot 2. Decrypts data encrypted by slot 1. Slot 4 frees the result.
   virtual uint32_t Unprotect(const void* sealed, uint32_t size, void** result,
                              uint32_t* resultSize) = 0;
 
-  // Slot 3. Stores the 32 bytes of the SHA-256 of a file's content in `digest`.
+  // Slot 3. Writes the 32-byte SHA-256 of a file's content to `digest`.
   virtual uint32_t FileSha256(const wchar_t* path, unsigned char* digest) = 0;
 
-  // Slot 4. Frees a result, which may be null.
+  // Slot 4. Frees a result. Null is allowed.
   virtual void FreeResult(void* result) = 0;
 
  protected:
   ~VxCryptographyHelper() = default;
 };
 
-// The factory, exported under this name. Returns null if out of memory. Slot 0 frees the object.
+// The exported factory. Returns null if out of memory. Slot 0 frees the object.
 using CreateCryptographyHelperFunction = VxCryptographyHelper* (*)();
 inline constexpr char kCreateCryptographyHelperExport[] = "CreateCryptographyHelper";
 

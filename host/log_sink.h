@@ -1,7 +1,7 @@
 #pragma once
 
-// How a host receives the module's log lines, some with a record: the module's decision, as fields
-// instead of text. docs/host.md describes both.
+// How a host receives the module's log lines. Some lines carry a record, which describes the
+// module's decision in fields. docs/host.md describes both.
 
 #include <stddef.h>
 #include <stdint.h>
@@ -10,9 +10,9 @@
 extern "C" {
 #endif
 
-// One change of the stored subscriptions, one command that was refused or changed something, or the
-// start or end of one delivery. Texts are NUL-terminated UTF-16, or empty. Those of the first group
-// are stable words.
+// One change to the stored subscriptions, one command that was refused or changed something, or the
+// start or end of one delivery. Strings are NUL-terminated UTF-16 and may be empty. Those in the
+// first group are fixed words that programs may compare.
 typedef struct VxLogRecord {
   size_t size;  // of this struct; later versions append members
 
@@ -22,13 +22,13 @@ typedef struct VxLogRecord {
 
   const wchar_t* subscription;  // its hash
   const wchar_t* target;        // its program's path, or "FAMILY/APP SERVICE"
-  const wchar_t* package;       // the family of an uninstall
+  const wchar_t* package;       // the family of an uninstalled package
   const wchar_t* client;        // the sender of the command
 
   uint32_t number;        // a command's id or an event's code
   uint32_t status;        // Windows' or the module's own error, 0 if none
   uint32_t process;       // the started process, 0 if none
-  uint64_t delivery;      // the same in all records of one delivery in this process, 0 for others
+  uint64_t delivery;      // shared by all records of one delivery in this process, 0 for others
   uint64_t milliseconds;  // duration of a command or a delivery, or a waiting delivery's delay
 } VxLogRecord;
 
@@ -42,13 +42,13 @@ typedef struct VxLogLine {
   const VxLogRecord* record;  // or null
 } VxLogLine;
 
-// Called on the logging thread, which may hold locks of the module, for one line at a time. Must
+// Called on the logging thread, which may hold the module's locks, for one line at a time. Must
 // copy what it keeps, return at once, and neither throw nor call the module.
 typedef void (*VxLogSink)(const VxLogLine* line, void* context);
 
-// Replaces the sink, or removes it if null. After this returns, the earlier one is not
-// called. Any thread except one that is in a sink. Find it by its name with GetProcAddress: a
-// module that logs through another library does not have it.
+// Replaces the sink, or removes it if `sink` is null. The previous sink is not called after this
+// returns. May be called on any thread, but not from a sink. Look it up with GetProcAddress: a
+// module that logs through another library does not export it.
 void VxSetLogSink(VxLogSink sink, void* context);
 typedef void (*VxSetLogSinkFunction)(VxLogSink sink, void* context);
 

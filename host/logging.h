@@ -14,25 +14,25 @@ namespace Vx::Tessel::Server::Logging {
 
 enum class LogLevel : std::uint8_t { Info = 0, Warning = 1, Error = 2 };
 
-// One log line. The views are valid only while the record is being delivered.
+// One log line. The views are valid only during the call to the sink.
 struct LogRecord {
   LogLevel level = LogLevel::Info;
   std::wstring_view provider;
   std::wstring_view caller;  // identity of the client that the line is about, or empty
   std::wstring_view message;
-  const VxLogRecord* record = nullptr;  // if written with WriteRecord
+  const VxLogRecord* record = nullptr;  // null unless written with WriteRecord
 };
 
-// Argument types that a printf-style format takes as they are.
+// The argument types that a printf-style format takes unchanged.
 template <typename T>
 concept LogArgument = std::is_arithmetic_v<std::decay_t<T>> || std::is_pointer_v<std::decay_t<T>>;
 
-// Writes log lines for one provider. Formats are printf-style and wide, with the host's
-// conversions: %s takes wide text, %S narrow UTF-8. Any thread; never throws. A line that cannot be
-// formatted or delivered is dropped. Costs almost nothing unless someone listens.
+// Writes log lines for one provider. Formats are wide and printf-style, with the host's
+// conversions: %s takes a wide string, %S narrow UTF-8. Thread-safe. Never throws. Drops a line
+// that cannot be formatted or delivered. Costs almost nothing unless something listens.
 class TraceLogger {
  public:
-  // The same logger with a caller identity on every record. Borrows both.
+  // The same logger with a caller identity on every record. Borrows the logger and the identity.
   class ForCaller {
    public:
     ForCaller(const TraceLogger& owner, const wchar_t* callerId) noexcept
@@ -94,16 +94,16 @@ class LogManager {
   // The service's own logger.
   static TraceLogger* GetLogger();
 
-  // The logger of a provider, the same for the same name.
+  // Returns the logger of a provider, always the same one for the same name.
   static TraceLogger* SetProvider(const char* name);
 
-  // A sink is not called after RemoveSink has returned, and must call neither function.
+  // A sink is not called after RemoveSink returns. A sink must not call either function.
   static SinkId AddSink(Sink sink);
   static void RemoveSink(SinkId id);
 };
 
-// Writes a line of the service's own logger, about the client of `record`, which listeners also
-// receive. Any thread; never throws. The maker's library writes only the line.
+// Writes a line with the service's own logger. Its caller is the client of `record`, and sinks
+// receive `record` too. The maker's library writes only the line. Thread-safe. Never throws.
 void WriteRecord(const VxLogRecord& record, LogLevel level, const wchar_t* text) noexcept;
 
 inline constexpr char kComponentProvider[] = "Vx-Tessel-SystemInformation";

@@ -24,14 +24,14 @@ struct CompletionCallback;
 // The calling thread must not impersonate: slots 3, 6, 8 and 9 act as the console user and leave
 // the thread with its process's identity. A debug build of the module ends the process if such a
 // thread calls slot 3, 5, 6, 8 or 9.
-// slot 3, 5, 6, 8 or 9 is called by such a thread.
 class VxService {
  public:
   VxService() = default;
   VxService(const VxService&) = delete;
   VxService& operator=(const VxService&) = delete;
 
-  // Slot 0. Destroys the object. Bit 0 of `flags` also frees its memory. Returns its address.
+  // Slot 0. Destroys the object, frees its memory if bit 0 of `flags` is set, and returns its
+  // address.
   virtual void* Destroy(unsigned flags) = 0;
 
   // Slot 1. Creates a caller's context. `clientId` has at most 64 characters.
@@ -41,27 +41,27 @@ class VxService {
   virtual uint32_t ReleaseClientContext(ClientContext** context) = 0;
 
   // Slot 3. Runs command `functionId`. `request` is NUL-terminated UTF-16 JSON. `*response`
-  // receives the response in a buffer that slot 4 frees.
+  // receives a buffer with the response, which slot 4 frees.
   virtual uint32_t ExecuteCommand(ClientContext* context, uint32_t functionId,
                                   const wchar_t* request, wchar_t** response,
                                   CompletionCallback* callback) = 0;
 
-  // Slot 4. Frees a response, which may be null.
+  // Slot 4. Frees a response. Null is allowed.
   virtual void FreeResponse(void* response) { free(response); }
 
-  // Slot 5. Starts the background work.
+  // Slot 5. Starts the background work and returns.
   virtual void Start() {}
 
-  // Slot 6. The host received a power broadcast (PBT_ code).
+  // Slot 6. Handles a power broadcast (PBT_ code) that the host received.
   virtual void power_event_task(uint32_t eventType) { static_cast<void>(eventType); }
 
   // Slot 7. Reserved.
   virtual void Reserved7() {}
 
-  // Slot 8. First-run set-up is over. Returns true if nothing is left to do.
+  // Slot 8. First-run setup is over. Returns true if nothing is left to do.
   virtual bool oobe_event_task() { return true; }
 
-  // Slot 9. The host received a session change (WTS_SESSION_ code).
+  // Slot 9. Handles a session change (WTS_SESSION_ code) that the host received.
   virtual void OnSessionChange(uint32_t code) { static_cast<void>(code); }
 
   // Slot 10. Reserved.
@@ -71,8 +71,8 @@ class VxService {
   ~VxService() = default;
 };
 
-// The module's only factory, exported under this name. Each call returns a separate service, or
-// null if out of memory. The host creates one. Slot 0 frees it.
+// The module's only exported factory. Each call returns a separate service, or null if out of
+// memory. The host creates one. Slot 0 frees it.
 using CreateServiceFunction = VxService* (*)();
 inline constexpr char kCreateServiceExport[] = "VxCreateService";
 

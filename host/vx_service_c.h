@@ -1,6 +1,6 @@
 #pragma once
 
-// The contract of vx_service.h for a host in C, or in any language that can call C: the object as a
+// The contract of vx_service.h for a host in C, or in any language that can call C. The object is a
 // pointer to a table of functions. docs/host.md describes each function and the threads that may
 // call it.
 
@@ -29,12 +29,13 @@ typedef struct VxCompletionCallback {
 
 typedef struct VxServiceObject VxServiceObject;
 
-// The slots in order. The comment before each group describes the results.
+// The slots in order. The comment before each group describes its functions.
 typedef struct VxServiceTable {
-  // Slot 0. Bit 0 of `flags` also frees the object's memory. Returns its address.
+  // Slot 0. Destroys the object, frees its memory if bit 0 of `flags` is set, and returns its
+  // address.
   void* (*Destroy)(VxServiceObject* self, unsigned flags);
 
-  // Slots 1 to 3. Result codes, 0 for success. `request` is NUL-terminated UTF-16 JSON.
+  // Slots 1 to 3. Return result codes, 0 for success. `request` is NUL-terminated UTF-16 JSON.
   uint32_t (*CreateClientContext)(VxServiceObject* self, const wchar_t* clientId,
                                   VxClientContext** context);
   uint32_t (*ReleaseClientContext)(VxServiceObject* self, VxClientContext** context);
@@ -48,15 +49,15 @@ typedef struct VxServiceTable {
   // Slot 5. Starts the background work and returns.
   void (*Start)(VxServiceObject* self);
 
-  // Slot 6. A power broadcast (PBT_ code).
+  // Slot 6. Handles a power broadcast (PBT_ code).
   void (*PowerEventTask)(VxServiceObject* self, uint32_t eventType);
 
   void (*Reserved7)(VxServiceObject* self);
 
-  // Slot 8. First-run set-up is over. Returns true if nothing is left to do.
+  // Slot 8. First-run setup is over. Returns true if nothing is left to do.
   bool (*OobeEventTask)(VxServiceObject* self);
 
-  // Slot 9. A session change (WTS_SESSION_ code).
+  // Slot 9. Handles a session change (WTS_SESSION_ code).
   void (*OnSessionChange)(VxServiceObject* self, uint32_t code);
 
   void (*Reserved10)(VxServiceObject* self);
