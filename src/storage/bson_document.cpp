@@ -102,13 +102,13 @@ void BsonDocument::Erase(std::string_view key) {
   EraseFrom(kLengthSize, std::string(key));  // `key` may point into this document
 }
 
-// In one pass, because a writer of the store may repeat a key without limit.
+// In one pass, because another writer of the store may repeat a key without limit.
 void BsonDocument::EraseFrom(std::size_t offset, std::string_view key) {
   std::byte* kept = bytes.get() + offset;
   for (Iterator next = From(offset); !(next == end());) {
     const std::span<const std::byte> member = next.Whole();
     const bool goes = (*next).key == key;
-    ++next;  // before its bytes move
+    ++next;  // moves on before this member's bytes are overwritten
     if (goes) continue;
     if (kept != member.data()) std::memmove(kept, member.data(), member.size());
     kept += member.size();

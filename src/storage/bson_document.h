@@ -12,11 +12,11 @@
 namespace Vx::Tessel::Server::Storage {
 
 // A BSON document: an ordered list of keys and values. Keeps its encoding and walks it in place. A
-// change rewrites only the changed member, so the values of other services stay as they are, byte
+// change rewrites only the changed member, so that the values of other services stay the same, byte
 // for byte, whatever they contain.
 //
-// A document made by another service may repeat a key. The first one counts, and the others stay
-// until Set or Erase changes that key. Copies are deep. Use from one thread at a time.
+// A document from another service may repeat a key. The first one wins, and the others stay until
+// Set or Erase changes that key. Copies are deep. Use from one thread at a time.
 class BsonDocument {
  public:
   // Keys written by other services need not be UTF-8.
@@ -49,7 +49,7 @@ class BsonDocument {
   BsonDocument& operator=(BsonDocument&& other) noexcept = default;
   ~BsonDocument() = default;
 
-  // Returns the document that fills `encoded`, or nothing if its members cannot be separated: a
+  // Returns the document that fills `encoded`, or nothing if it cannot be split into members: a
   // length is wrong, the terminator is missing, a key does not end or a kind is unknown. The
   // content of a value is checked when a getter reads it.
   static std::optional<BsonDocument> Decode(std::span<const std::byte> encoded);
@@ -67,8 +67,8 @@ class BsonDocument {
   std::optional<BsonView> Find(std::string_view key) const;
 
   // Replaces the value of the first member called `key` and removes the others, or adds the member
-  // at the end. Returns false and changes nothing if a new key is not valid (it contains U+0000 or
-  // is not UTF-8) or the document would exceed 2 GiB.
+  // at the end. Returns false and changes nothing if a new key is invalid (it contains U+0000 or is
+  // not UTF-8) or the document would exceed 2 GiB.
   bool Set(std::string_view key, const BsonElement& value);
 
   // Removes every member called `key`.
@@ -79,7 +79,7 @@ class BsonDocument {
  private:
   friend class BsonView;
 
-  // Memory from the C library, whose realloc can grow it in place.
+  // Memory from the C library, whose realloc can extend it in place.
   struct Freer {
     void operator()(std::byte* memory) const noexcept { std::free(memory); }
   };
@@ -87,7 +87,7 @@ class BsonDocument {
   // Copies `checked`, which must be a valid document.
   explicit BsonDocument(std::span<const std::byte> checked);
 
-  // Adds a member at the end, without looking for another with that key. Returns false as Set does.
+  // Adds a member at the end without looking for another with the same key. Fails as Set does.
   bool Append(std::string_view key, const BsonElement& value);
 
   // Returns the members from `offset` on.

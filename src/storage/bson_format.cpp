@@ -21,15 +21,15 @@ std::optional<std::size_t> WholeLength(Bytes bytes) {
   return length && *length >= kLengthSize ? length : std::nullopt;
 }
 
-// Returns the size of the C string at the front of `bytes`, including its terminator. Testing eight
-// bytes at once is cheaper than memchr, which is made for long strings: keys are short.
+// Returns the size of the C string at the front of `bytes`, including its terminator. Keys are
+// short, so testing eight bytes at once is faster than memchr, which is made for long strings.
 std::optional<std::size_t> CStringSize(Bytes bytes) {
   constexpr std::uint64_t kOnes = 0x0101010101010101;
   constexpr std::uint64_t kTops = 0x8080808080808080;
   std::size_t at = 0;
   for (; bytes.size() - at >= sizeof(std::uint64_t); at += sizeof(std::uint64_t)) {
     const auto eight = Load<std::uint64_t>(bytes.data() + at);
-    // The lowest marked byte is the first zero. Marks above it may be wrong.
+    // The lowest set bit marks the first zero byte. Bits above it may be wrong.
     const std::uint64_t zeros = (eight - kOnes) & ~eight & kTops;
     if (zeros != 0) return at + static_cast<std::size_t>(std::countr_zero(zeros)) / 8 + 1;
   }
@@ -47,7 +47,7 @@ std::optional<std::size_t> TwoCStringsSize(Bytes bytes) {
   return *first + *second;
 }
 
-// Returns the size that a value of `kind` at the front of `bytes` claims, which may exceed them.
+// Returns the size that a value of `kind` at the front of `bytes` claims, which may exceed `bytes`.
 std::optional<std::size_t> ValueSize(BsonKind kind, Bytes bytes) {
   switch (kind) {
     case BsonKind::Undefined:

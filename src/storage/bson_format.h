@@ -11,7 +11,7 @@
 
 #include "storage/bson_value.h"
 
-// The parts of the BSON encoding that reading, framing and building share.
+// The parts of the BSON encoding that reading, splitting and building share.
 namespace Vx::Tessel::Server::Storage::Bson {
 
 static_assert(std::endian::native == std::endian::little, "BSON is read in place");
@@ -48,12 +48,12 @@ struct Frame {
   std::span<const std::byte> value;
 };
 
-// Frames the member at the front of `bytes`. Checks only that the kind is known, the key ends and
-// the value fits in the bytes. Returns nothing if there is no such member.
+// Finds the extent of the member at the front of `bytes`. Checks only that the kind is known, the
+// key ends and the value fits in `bytes`. Returns nothing if there is no such member.
 std::optional<Frame> FrameMember(std::span<const std::byte> bytes);
 
-// Whether `encoded` is a whole document whose members can be framed. Does not examine their values
-// or the documents inside them.
+// Returns whether `encoded` is a whole document that can be split into members. Does not examine
+// their values or the documents inside them.
 bool IsDocument(std::span<const std::byte> encoded);
 
 }  // namespace Vx::Tessel::Server::Storage::Bson

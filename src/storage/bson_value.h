@@ -39,8 +39,8 @@ enum class BsonKind : std::uint8_t {
 class BsonDocument;
 
 // A value inside a document or an element. Borrows its bytes and is valid until they change. Other
-// services write these bytes, so each getter checks them. It returns nothing if the value is of
-// another kind or its bytes are not a value of that kind.
+// services write these bytes, so each getter checks them and returns nothing if they are not a
+// value of its kind.
 class BsonView {
  public:
   BsonView(BsonKind valueKind, std::span<const std::byte> valueBytes)
@@ -66,7 +66,7 @@ class BsonView {
   std::span<const std::byte> bytes;
 };
 
-// A value without a key. Owns its bytes; copies are deep. Null at first. See BsonView for getters.
+// A value without a key. Owns its bytes. Copies are deep. Null at first. See BsonView for getters.
 class BsonElement {
  public:
   BsonElement() = default;

@@ -56,7 +56,7 @@ constexpr std::size_t kMaxPathUnits = 261;  // with the terminator
 constexpr Platform::ErrorCode kAlreadyExists = 183;
 constexpr std::uint32_t kReparsePoint = 0x400;  // a file attribute
 constexpr std::uint32_t kHeaderSize = 72;
-constexpr std::uint32_t kInputBinary = 0x21;  // in the stream library's numbering
+constexpr std::uint32_t kInputBinary = 0x21;  // the stream library's numbers
 constexpr std::uint32_t kOutputTruncateBinary = 0x32;
 
 Platform::Files& Files() {
@@ -69,8 +69,8 @@ const Logging::TraceLogger& Log() {
 
 }  // namespace
 
-// Holds the mutex for a scope. Release, which normally ends it, throws on failure; the destructor,
-// which runs when an exception leaves the scope, cannot.
+// Holds the mutex for a scope. The scope normally ends with Release, which throws on failure. The
+// destructor, which runs instead when an exception leaves the scope, cannot throw.
 class CapDataStore::Hold {
  public:
   explicit Hold(SystemMutex& systemMutex) : mutex(&systemMutex) { mutex->lock(); }
@@ -137,7 +137,7 @@ void CapDataStore::initializeFile() {
   Hold hold(mutex);
   if (isNTFSJunction(filePath)) throw std::runtime_error(kJunction);
   Files().Touch(filePath);
-  // If the file cannot be read now, the operation that needs it reports that.
+  // If the file cannot be read now, the operation that needs it reports the failure.
   readFile();
   if (lastReading.state == StoreState::Linked) throw std::runtime_error(kJunction);
   if (lastReading.cutShort) Log().LogWarning(kCutShort);

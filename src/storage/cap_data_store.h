@@ -16,11 +16,11 @@ namespace Vx::Tessel::Server::Storage {
 
 // The machine-wide key-value store that several services share: one protected file, read before
 // each change and written after it, with every access guarded by one named mutex. Cheap to create
-// where needed, for one thread. A process that dies during a change leaves the old content or the
-// new.
+// where needed. Use on one thread. A process that dies during a change leaves either the old
+// content or the new.
 class CapDataStore {
  public:
-  // The mutex that every access holds. Its name is documented, and other services use it too.
+  // The mutex that guards every access. Its name is documented, and other services use it too.
   static constexpr wchar_t kMutexName[] = L"18CC6446-1DB5-4D23-8F2B-441BA13883D6";
 
   // Receives the stored element, or null if there is none. Returns the new one, or nothing to leave
@@ -37,24 +37,25 @@ class CapDataStore {
   // Returns the path of the file. Creates nothing. Throws std::runtime_error.
   static std::wstring PathOfFile();
 
-  // Writes one top-level value and keeps every other key. Returns true once it is on disk. A failed
-  // write removes the key from memory again. Stores text as UTF-8. Throws system_mutex_exception.
+  // Writes one top-level value and keeps every other key. Returns true once it is on disk. If the
+  // write fails, also removes the key from memory. Stores text as UTF-8. Throws
+  // system_mutex_exception.
   bool persist(std::string_view key, std::string_view value);
   bool persist(std::string_view key, const char* value);  // would otherwise convert to bool
   bool persist(std::string_view key, bool value);
   bool persist(std::string_view key, const BsonElement& value);
 
-  // Writes a top-level boolean, unless `key` names the service's own document, its value is a
-  // document, or the file cannot be read and so may hold one. Replaces a damaged file and keeps a
-  // copy. Reads and writes under one hold of the mutex. Returns true once it is on disk. Throws
-  // system_mutex_exception.
+  // Writes a top-level boolean. Refuses if `key` names the service's own document, if its value is
+  // a document, or if the file cannot be read and so may contain one. Replaces a damaged file and
+  // keeps a copy. Reads and writes under one hold of the mutex. Returns true once it is on disk.
+  // Throws system_mutex_exception.
   bool persistUnlessDocument(std::string_view key, bool value);
 
   // Copies the top-level value under `key`. Returns false if it is missing or the file cannot be
   // read, which is logged. Throws system_mutex_exception.
   bool read(std::string_view key, BsonElement& out);
 
-  // As read, but returns nothing if the value is missing or of another kind.
+  // Like read, but returns nothing if the value is missing or of another kind.
   std::optional<std::int64_t> readInt64(std::string_view key);
 
   // Returns the top-level boolean under `key`, or `fallback` if there is none.
@@ -63,29 +64,29 @@ class CapDataStore {
   // Returns the embedded document under `key`, or an empty one if there is none.
   BsonDocument readDocument(std::string_view key);
 
-  // As readDocument, but returns what the constructor read, which saves reading and unsealing the
+  // Like readDocument, but returns what the constructor read, which saves reading and unsealing the
   // file again. Reads the file if the constructor could not. Returns nothing if the file exists but
   // cannot be read, which is logged, or if the value under `key` is not a document.
   std::optional<BsonDocument> documentAtOpening(std::string_view key);
 
-  // Returns the 32-bit number under `key`; 0 if it is missing or of another kind. Throws
+  // Returns the 32-bit number under `key`, or 0 if it is missing or of another kind. Throws
   // system_mutex_exception, and std::runtime_error if the file cannot be read.
   std::int32_t requireInt32(std::string_view key);
 
   // The file's state at the last read or change.
   StoreState State() const noexcept { return lastReading.state; }
 
-  // Sets one member of the embedded document `documentName` without touching its other members,
+  // Sets one member of the embedded document `documentName` and leaves its other members unchanged,
   // reading and writing under one hold of the mutex. Returns true once it is on disk. The service's
-  // own document must be changed this way: writing an older copy of it would undo what others wrote
-  // in between. Replaces a value of that name that is not a document, and keeps a copy of the file.
+  // own document must be changed this way: writing an older copy of it would undo other writers'
+  // changes. Replaces a value of that name that is not a document, and keeps a copy of the file.
   // Throws system_mutex_exception.
   bool mergeMember(std::string_view documentName, std::string_view member,
                    const BsonElement& value);
 
-  // Like mergeMember, with a value that `change` makes from the stored one. `change` runs with the
-  // mutex held and must not use a store; its exceptions pass through once the mutex is released. If
-  // it returns nothing, returns whether the file could be read or may be replaced.
+  // Like mergeMember, but `change` computes the new value from the stored one. `change` runs with
+  // the mutex held and must not use a store. Its exceptions propagate after the mutex is released.
+  // If it returns nothing, returns whether the file could be read or may be replaced.
   bool updateMember(std::string_view documentName, std::string_view member, const Change& change);
 
  private:
@@ -113,7 +114,7 @@ class CapDataStore {
   [[maybe_unused]] std::uint32_t writeMode;  // stream open mode: output, truncate and binary
   std::wstring storeName;
   std::wstring filePath;
-  std::wstring storeId;  // 36 UTF-16 units as in the header; empty before the first write
+  std::wstring storeId;  // 36 UTF-16 units, as in the header; empty before the first write
   SealedFile file;
   SealedFile::Reading lastReading;  // its document is moved to `document`
   bool hasDocument = false;         // the file had a document at the last reading

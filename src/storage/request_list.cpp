@@ -12,7 +12,7 @@ namespace {
 
 constexpr wchar_t kCommandParams[] = L"commandParams";
 constexpr wchar_t kDelay[] = L"delayDeliverySec";
-constexpr std::wstring_view kDelayMember = L"\"delayDeliverySec\":";  // as in compact text
+constexpr std::wstring_view kDelayMember = L"\"delayDeliverySec\":";  // as compact JSON spells it
 
 constexpr char kTooLong[] = "its stored form is longer than a request may be";
 
@@ -20,18 +20,20 @@ std::wstring Normalised(const Json::JsonObject& request) {
   return request.StringifyWithout(kCommandParams, kDelay);
 }
 
-// Whether the object with this compact text may have the normalised form `form`. The form lacks
-// members of the text, each with a comma beside it, which rules out nearly every other request.
+// Returns whether the object with this compact text may have the normalized form `form`. The form
+// only omits members of the text, each with an adjacent comma, which rules out nearly every other
+// request.
 bool MayNormaliseTo(std::wstring_view text, std::wstring_view form) {
   if (text.size() <= form.size()) return text == form;
   const auto differs = std::mismatch(form.begin(), form.end(), text.begin()).first;
   const auto same = static_cast<std::size_t>(differs - form.begin());
-  // The texts differ at the comma before the first such member, or after it.
+  // The two differ at the comma before the first omitted member, or right after that comma.
   return text.substr(0, same + 1 + kDelayMember.size()).find(kDelayMember) !=
          std::wstring_view::npos;
 }
 
-// A client names a stored request by its text, which may be longer than the client's: 1e20 grows.
+// A client removes a stored request by sending its text, which may be longer than the text that the
+// client first sent: 1e20 grows.
 void RequireRemovable(std::wstring_view text) {
   if (text.size() > kMaxStoredRequest) throw std::length_error(kTooLong);
 }
@@ -41,7 +43,7 @@ std::wstring_view LastElement(const std::wstring& open, std::size_t before) {
   return std::wstring_view(open).substr(before == 1 ? 1 : before + 1);
 }
 
-// Appends an element to an array's text that lacks its closing bracket.
+// Appends an element to `open`, the text of an array without its closing bracket.
 void AppendElement(std::wstring& open, const Json::JsonValue& element) {
   if (open.size() > 1) open.push_back(L',');
   element.AppendTo(open);

@@ -14,10 +14,10 @@
 // that an unreadable list is never overwritten. Time and memory are linear in the list.
 namespace Vx::Tessel::Server::Storage {
 
-// The most characters of a stored request: as many as a client may send to name it.
+// The most characters in a stored request: as many as a client may send to identify it.
 inline constexpr std::size_t kMaxStoredRequest = std::size_t{1024} * 1024;
 
-// Returns `list` with `request` appended, or nothing if an element has the same normalised form:
+// Returns `list` with `request` appended, or nothing if an element has the same normalized form:
 // its text without the "delayDeliverySec" of its "commandParams". The first request in a list is
 // kept unchanged. Also throws as above if `request` is not a JSON object, and std::length_error if
 // its compact text is longer than kMaxStoredRequest.

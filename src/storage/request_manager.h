@@ -25,8 +25,8 @@ inline constexpr std::int32_t kAlreadySubscribed = 1;
 //
 // A change reads and writes the stored list under one hold of the store's mutex, so that managers
 // in other threads and processes lose nothing. A list that is not a JSON array is never
-// overwritten. A stored request's text is compact: the client's tokens without the white space
-// between them.
+// overwritten. A stored request is compact: the client's tokens without the white space between
+// them.
 class RequestManager {
  public:
   // Receives a stored request's text. May throw Platform::WindowsRuntimeError and std::exception.
@@ -34,7 +34,7 @@ class RequestManager {
   using ErrorCallback =
       std::function<void(const std::wstring& request, const Platform::WindowsRuntimeError& error)>;
 
-  // Opens the store and reads the document. If the store cannot be opened, logs that, has an empty
+  // Opens the store and reads the document. If the store cannot be opened, logs that, uses an empty
   // list and stores nothing.
   RequestManager(std::string embeddedDocument, std::string listKey);
   RequestManager(const RequestManager&) = delete;
@@ -42,7 +42,7 @@ class RequestManager {
   ~RequestManager();
 
   // Adds a request. Returns false if the store did not accept it, if its compact text is longer
-  // than a request may be, or if the three lists would have more than 8,388,608 characters. Throws
+  // than a request may be, or if the three lists together would exceed 8,388,608 characters. Throws
   // Platform::WindowsRuntimeError with kAlreadySubscribed if the same request, apart from its
   // delay, is already stored, and the JSON layer's error if the text is not a JSON object or the
   // stored list cannot be read. Logs failures of the store.
@@ -56,40 +56,40 @@ class RequestManager {
   Removal RemoveRequest(std::wstring_view request);
 
   // Removes a one-shot request that has fired, ignoring white space in `request`. Returns true if
-  // the list no longer holds it, even if it was removed earlier. Returns false if there is no
+  // the list no longer contains it, even if it was removed earlier. Returns false if there is no
   // store, or if the store or the list failed, which is logged.
   bool CompleteRequest(std::wstring_view request);
 
   // Calls `handler` once for every stored request, in stored order. Logs an error that it throws,
-  // passes it to `onError` (with standard exceptions mapped to E_OUTOFMEMORY or E_FAIL) and
-  // continues. An error from `onError` passes to the caller. Logs a stored list that cannot be read
-  // and treats it as empty. Holds no lock during the calls.
+  // passes the error to `onError` (with standard exceptions mapped to E_OUTOFMEMORY or E_FAIL) and
+  // continues. An error from `onError` propagates. Logs a stored list that cannot be read and
+  // treats it as empty. Holds no lock during the calls.
   void RegisterExistingRequests(const Handler& handler, const ErrorCallback& onError);
 
-  // Returns the text of the stored array as of construction; empty if there is none. If the stored
-  // value is not a string, returns text that is not a JSON array.
+  // Returns the text of the stored array as of construction, or an empty string if there is none.
+  // If the stored value is not a string, returns text that is not a JSON array.
   std::wstring StoredList() const;
 
   // Like StoredList, but throws std::runtime_error if the store or the document in it could not be
   // read at construction.
   std::wstring RequireStoredList() const;
 
-  // The log lines for an exception from the store.
+  // The formats in which an exception from the store is logged.
   struct FailureTexts {
     const wchar_t* runtime;   // a Windows Runtime error: message and code
     const wchar_t* standard;  // a standard exception: description
   };
 
  private:
-  // Receives the stored list's text. Returns the new one, or nothing to leave it unchanged.
+  // Receives the stored list's text. Returns the new text, or nothing to leave it unchanged.
   using Edit = std::function<std::optional<std::wstring>(const std::wstring& list)>;
 
-  // Returns the characters of the other two lists as of construction.
+  // Returns the total length of the other two lists as of construction.
   std::size_t OtherLists() const;
 
   // Applies `edit` to the stored list, or to an empty one if there is no store. Returns false if
-  // the store refused the new list, and nothing if it threw, which is logged. A
-  // Platform::WindowsRuntimeError from `edit` passes to the caller.
+  // the store refused the new list, and nothing if the store threw, which is logged. A
+  // Platform::WindowsRuntimeError from `edit` propagates.
   std::optional<bool> Change(const FailureTexts& texts, const Edit& edit);
 
   std::string documentName;

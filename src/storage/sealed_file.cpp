@@ -47,7 +47,7 @@ static_assert(sizeof(wchar_t) == 2, "the header is UTF-16 in memory order");
 constexpr std::size_t kMaxFileSize = std::size_t{64} * 1024 * 1024;
 
 constexpr std::wstring_view kSiblingEnding = L".new";
-// The most siblings that one access opens: a process that holds them open leaves one per write.
+// The most siblings that one access opens. A process that holds siblings open leaves one per write.
 constexpr std::size_t kMostSiblings = 16;
 constexpr wchar_t kDamagedMark[] = L".damaged-";
 constexpr std::size_t kMostCopies = 3;
@@ -63,7 +63,7 @@ constexpr ErrorCode kFileExists = 80;
 constexpr ErrorCode kNameTooLong = 206;
 constexpr ErrorCode kFileTooLarge = 223;
 
-// What an error in opening, reading or unsealing the file means.
+// What an error from opening, reading or unsealing the file means.
 struct Meaning {
   StoreState state;
   enum class Retry : std::uint8_t { No, Yes } retry;
@@ -72,12 +72,12 @@ struct Meaning {
 };
 constexpr Meaning kUnknown = {StoreState::NotOpened, Meaning::Retry::No};
 constexpr Meaning kPasses = {StoreState::NotOpened, Meaning::Retry::Yes};
-// The blob is invalid, or an algorithm or flag that it names.
+// The blob is invalid, or names an invalid algorithm or flag.
 constexpr Meaning kDamage = {StoreState::Damaged, Meaning::Retry::No};
 // This machine does not have the blob's key.
 constexpr Meaning kForeignKey = {StoreState::OtherMachine, Meaning::Retry::No};
-// The same, provided that data protection can open what it seals. Windows also reports these while
-// a machine's keys are not available yet.
+// The same, but only if data protection can open what it seals. Windows also reports these errors
+// while a machine's keys are not available yet.
 constexpr Meaning kUncertainDamage = {StoreState::Damaged, Meaning::Retry::Yes};
 constexpr Meaning kUncertainKey = {StoreState::OtherMachine, Meaning::Retry::Yes};
 
@@ -94,7 +94,7 @@ constexpr std::pair<ErrorCode, Meaning> kMeanings[] = {
     // https://learn.microsoft.com/windows/win32/debug/system-error-codes--1300-1699-
     {1450, kPasses},  // ERROR_NO_SYSTEM_RESOURCES
     {1455, kPasses},  // ERROR_COMMITMENT_LIMIT
-    // The data protection service while it is starting or overloaded:
+    // The data protection service is starting or overloaded:
     // https://learn.microsoft.com/windows/win32/debug/system-error-codes--1700-3999-
     {1722, kPasses},  // RPC_S_SERVER_UNAVAILABLE
     {1723, kPasses},  // RPC_S_SERVER_TOO_BUSY
@@ -136,32 +136,34 @@ bool IsDamaged(StoreState state) {
   return state == StoreState::Damaged || state == StoreState::OtherMachine;
 }
 
-// Whether data protection can open what it seals now, so that an uncertain error is about the blob.
+// Returns whether data protection can open what it seals now. If so, an uncertain error is about
+// the blob.
 bool ProtectionWorks() {
   const auto& protection = *Platform::CurrentMachine().dataProtection;
   const Result<Bytes> probe = protection.Protect(Bytes(1), {});
   return probe && protection.Unprotect(*probe);
 }
 
-// Whether the file is an ordinary one with only one name.
+// Returns whether the file is an ordinary one with only one name.
 bool IsPlain(const FileFacts& facts) {
   return facts.names == 1 && (facts.attributes & (kDirectory | kReparsePoint)) == 0;
 }
 
-// Whether the file has been deleted, or its name is longer than this process may open, so that it
-// is not one of ours.
+// Returns whether the file has been deleted, or its name is too long for this process to open, so
+// that it is not one of ours.
 bool IsNotThere(ErrorCode error) {
   return error == kFileNotFound || error == kPathNotFound || error == kNameTooLong;
 }
 
 // Opens a file beside the store if the store may adopt or delete it: an ordinary one owned by the
-// system. Returns null if it is not or no longer exists, and the error if Windows cannot tell.
+// system. Returns null if it is another kind of file or no longer exists, and an error if Windows
+// cannot tell.
 Opened OpenOwn(const std::wstring& path, FileUse use) {
-  // Reads the owner first, because another account may be holding its file open.
+  // Reads the owner first, because another account may be holding its own file open.
   for (const FileUse step : {FileUse::Inspect, use}) {
     Opened opened = Files().Open(path, step);
     if (!opened) {
-      // The system may always inspect its own files. Opening a folder like this is denied too.
+      // The system may always inspect its own files. Windows also denies access to a folder here.
       const bool foreign = step == FileUse::Inspect && opened.Error() == kAccessDenied;
       if (foreign || IsNotThere(opened.Error())) break;
       return Opened::Failure(opened.Error());
@@ -176,8 +178,8 @@ Opened OpenOwn(const std::wstring& path, FileUse use) {
   return Opened(nullptr);
 }
 
-// Returns the newest siblings that may be ours. Later accesses delete the others. Files of other
-// accounts do not count, because they would hide ours.
+// Returns the newest siblings that may be ours. Later accesses delete the others. Skips files of
+// other accounts, because those could otherwise crowd out ours.
 Result<std::vector<std::wstring>> SiblingsOf(const std::wstring& path) {
   Result<std::vector<std::wstring>> names = Files().Siblings(path);
   if (!names) return names;
@@ -199,7 +201,7 @@ void RemoveOwn(const std::wstring& path) {
 }
 
 // Returns the number at the end of a copy's name, which orders the copies even if the clock is set
-// back. Zero for a name without one.
+// back. Returns zero if the name has none.
 unsigned long NumberOf(const std::wstring& copy) {
   const std::size_t dot = copy.find_last_of(L'.');
   const std::wstring end = copy.substr(dot + 1);
@@ -235,7 +237,7 @@ class InPlaceWrite {
  public:
   explicit InPlaceWrite(FileHandle& opened) : file(opened) {}
 
-  // Returns the error. Sets `torn` if neither the new content nor the old one could be written.
+  // Returns an error or 0. Sets `torn` if neither the new content nor the old one could be written.
   ErrorCode Run(std::span<const std::byte> old, std::span<const std::byte> content, bool& torn) {
     // Extends the file before overwriting anything, because the disk may be full.
     ErrorCode error = file.SetSize(std::max(old.size(), content.size()));
@@ -255,7 +257,7 @@ class InPlaceWrite {
   FileHandle& file;
 };
 
-// Whether another process has the file open, so that Windows refuses to rename over it.
+// Returns whether another process has the file open, so that Windows refuses to rename over it.
 bool IsHeldByAnother(ErrorCode error) {
   return error == kAccessDenied || error == kSharingViolation;
 }
@@ -269,7 +271,7 @@ Bytes Joined(const std::wstring& id, const Bytes& blob) {
   return content;
 }
 
-// Writes and flushes a newly created file. Deletes it on failure.
+// Writes and flushes a newly created file. Deletes the file on failure.
 ErrorCode Fill(FileHandle& file, std::span<const std::byte> content) {
   ErrorCode error = file.Write(content);
   if (error == 0) error = file.Flush();
@@ -277,7 +279,7 @@ ErrorCode Fill(FileHandle& file, std::span<const std::byte> content) {
   return error;
 }
 
-// Returns a UTC time as "20240715-101500-042".
+// Returns a UTC time in the form "20240715-101500-042".
 std::wstring DateText(std::chrono::milliseconds since1601) {
   using namespace std::chrono;  // NOLINT(google-build-using-namespace)
   const auto time = sys_days(year(1601) / January / 1) + since1601;
@@ -296,7 +298,7 @@ std::wstring DateText(std::chrono::milliseconds since1601) {
 // Writes a copy of a damaged file beside it.
 ErrorCode MakeCopy(const std::wstring& path, unsigned long number,
                    std::span<const std::byte> content) {
-  constexpr std::uint64_t kUnitsPerMillisecond = 10'000;  // of 100 ns
+  constexpr std::uint64_t kUnitsPerMillisecond = 10'000;  // units of 100 ns
   constexpr int kMostNames = 100;
   const std::uint64_t now = Platform::CurrentMachine().clock->UtcFileTime();
   std::chrono::milliseconds date(now / kUnitsPerMillisecond);
@@ -330,8 +332,8 @@ auto SealedFile::Patiently(const Attempt& attempt) {
   }
 }
 
-// A virus scanner keeps a new file open for a moment. Windows then refuses to rename it or over it,
-// with an error that can also be permanent.
+// A virus scanner keeps a new file open for a moment. Until then, Windows refuses to rename it or
+// to rename over it, with an error that can also be permanent.
 template <typename Rename>
 ErrorCode SealedFile::PatientRename(const Rename& rename) {
   const Result<bool> renamed = Patiently([&] {
@@ -383,7 +385,7 @@ SealedFile::Reading SealedFile::Unseal(Bytes content) {
   const auto unprotect = [&] { return Platform::CurrentMachine().dataProtection->Unprotect(blob); };
   Result<Bytes> plain = Patiently(unprotect);
   const bool works = !plain && IsUncertain(plain.Error()) && ProtectionWorks();
-  // The keys may have become available between the last try and the probe.
+  // The keys may have become available between the last try and this test.
   if (works) plain = unprotect();
   if (plain) {
     reading.document = BsonDocument::Decode(*plain);
@@ -409,7 +411,7 @@ SealedFile::Reading SealedFile::Adopt(Reading reading) {
   Bytes content;
   for (const std::wstring& name : *names) {
     const Opened own = Patiently([&] { return OpenOwn(name, FileUse::Read); });
-    // It may come from an interrupted write and be unreadable only for the moment.
+    // The sibling may come from an interrupted write and be unreadable only for a moment.
     if (!own) return notOpened(own.Error());
     if (*own == nullptr) continue;
     const Result<FileFacts> facts = (*own)->Facts();
@@ -434,9 +436,9 @@ SealedFile::Reading SealedFile::Adopt(Reading reading) {
   return ReadOnce();
 }
 
-// Replaces the file with its sibling, whose content was read. A thread that its host terminated
-// keeps the sibling open until the process ends, so that it cannot be renamed. Its content is then
-// written over the file.
+// Replaces the file with its sibling, whose content was read. If a thread was terminated, its
+// handle to the sibling stays open until the process ends, and the sibling cannot be renamed. Then
+// writes the content over the file.
 ErrorCode SealedFile::PutInPlace(const std::wstring& sibling, std::span<const std::byte> content) {
   const Opened own = Patiently([&] { return OpenOwn(sibling, FileUse::Replace); });
   ErrorCode error = own ? 0 : own.Error();
@@ -484,7 +486,7 @@ bool SealedFile::Write(const std::wstring& id, const BsonDocument& document,
 }
 
 ErrorCode SealedFile::SealAndReplace(const std::wstring& id, const BsonDocument& document) {
-  // A file beyond the limit could not be read again.
+  // A file beyond the limit could not be read back.
   if (document.Encoded().size() > kMaxFileSize) return kFileTooLarge;
   const Result<Bytes> blob =
       Platform::CurrentMachine().dataProtection->Protect(document.Encoded(), path);
@@ -495,7 +497,7 @@ ErrorCode SealedFile::SealAndReplace(const std::wstring& id, const BsonDocument&
 
 bool SealedFile::KeepCopy(std::span<const std::byte> content) const {
   const Result<std::vector<std::wstring>> found = CopiesOf(path);
-  if (!found) {  // numbered from 1 again, the copy would count as the oldest
+  if (!found) {  // a copy numbered from 1 again would be taken for the oldest
     Log().LogWarning(kNotCopied, found.Error());
     return false;
   }
@@ -508,9 +510,9 @@ bool SealedFile::KeepCopy(std::span<const std::byte> content) const {
       Log().LogWarning(kNotCopied, error);
       return false;
     }
-    --kept;  // in addition to the new one
+    --kept;  // leaves room for the new one
   }
-  // A copy that is held open now is deleted when the next one is made.
+  // A copy that is held open now is deleted when the next copy is made.
   for (std::size_t i = 0; i + kept < copies.size(); ++i) RemoveOwn(copies[i]);
   return true;
 }

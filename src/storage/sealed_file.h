@@ -25,7 +25,7 @@ enum class StoreState : std::uint8_t {
   NotOpened,     // any other failure, such as another process's exclusive access
 };
 
-// Whether the file may be replaced: it was read, is missing or can never be read.
+// Returns whether the file may be replaced: it was read, is missing or can never be read.
 bool MayReplace(StoreState state);
 
 // The store's file: an id and a sealed document. Use while holding the store's mutex.
@@ -35,7 +35,7 @@ bool MayReplace(StoreState state);
 // rename, the file is written in place. The sibling then stays until the content has been flushed
 // to disk, and Read adopts it if the write was interrupted. Only an ordinary file owned by the
 // system is adopted or deleted, because users may be able to create files in the folder. If the
-// file is only an id, only a sibling with that id is adopted.
+// file contains only an id, only a sibling with that id is adopted.
 //
 // Unreadable content is replaced only if it is proved damaged, and a copy of it is kept.
 class SealedFile {
@@ -47,21 +47,21 @@ class SealedFile {
     Platform::ErrorCode error = 0;              // the Windows error behind the state
     std::wstring id = {};                       // 36 UTF-16 units, empty if the file has no header
     std::optional<BsonDocument> document = {};  // nothing if the file has none
-    std::vector<std::byte> content = {};        // of the whole file, as far as it was read
-    bool cutShort = false;                      // shorter than its header, but not new
+    std::vector<std::byte> content = {};        // of the whole file, as far as it could be read
+    bool cutShort = false;                      // shorter than its header, but not empty
   };
 
   // Reads the file. If it has no document, first adopts the sibling file left by an interrupted
-  // write and logs that. Returns NotOpened if such a sibling cannot be read. Temporary failures are
-  // retried, in Write too, for up to 250 ms in the life of this object.
+  // write and logs that. Returns NotOpened if such a sibling cannot be read. Read and Write retry
+  // temporary failures for up to 250 ms in the life of this object.
   Reading Read();
 
-  // Like Read, but does not complete an interrupted write, so changes nothing.
+  // Like Read, but changes nothing: does not complete an interrupted write.
   Reading ReadOnce();
 
-  // Replaces the file with this id and document. `before` is the last reading. Logs why it returns
-  // false. The file then has its old content, or it is torn and the next reading adopts the sibling
-  // with the new content.
+  // Replaces the file with this id and document. `before` is the last reading. Returns false on
+  // failure, which is logged. The file then has its old content, or it is torn and the next reading
+  // adopts the sibling with the new content.
   bool Write(const std::wstring& id, const BsonDocument& document, const Reading& before);
 
   // Deletes the siblings that interrupted writes left beside a file that has a document.

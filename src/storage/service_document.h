@@ -13,7 +13,7 @@ inline constexpr char kPackageSubscriptions[] = "PackageCatalogEventSubscription
 // The lockdown mode at the machine's first start, a 32-bit number.
 inline constexpr char kFirstEnforcementMode[] = "FirstSystemEnforcementMode";
 
-// Whether the switch software was started: recorded after S mode was left, or by a client.
+// Whether the switch software was started, recorded by a client or when S mode was left.
 inline constexpr char kExecutedStub[] = "ExecutedMcAfeeStub";
 
 // The born-on date as eight digits.

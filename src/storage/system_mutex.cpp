@@ -35,8 +35,8 @@ constexpr wchar_t kAbandoned[] =
 constinit Platform::TakenName nameTaken;
 constinit std::atomic<bool> denialReported{false};
 
-// Whether access is denied and has not been reported since the last success. Reporting every use
-// would flood the log.
+// Returns whether access is denied and that has not been logged since the last success. Logging
+// every use would flood the log.
 bool IsNewDenial(Platform::ErrorCode error) {
   if (error == 0) denialReported = false;
   return error == kAccessDenied && !denialReported.exchange(true);

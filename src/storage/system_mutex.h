@@ -9,7 +9,7 @@
 
 namespace Vx::Tessel::Server::Storage {
 
-// A failed operation on the store's mutex. Its code is 0 for create, 2 for lock and 3 for unlock.
+// A failed operation on the store's mutex. The code is 0 for create, 2 for lock and 3 for unlock.
 class system_mutex_exception : public std::exception {
  public:
   system_mutex_exception(std::string message, std::uint32_t code)
@@ -24,10 +24,10 @@ class system_mutex_exception : public std::exception {
 };
 
 // A mutex shared by every process that opens its name. The thread that locks it must unlock it.
-// Recursive, as a Windows mutex is. Satisfies BasicLockable.
+// Recursive, like a Windows mutex. Satisfies BasicLockable.
 class SystemMutex {
  public:
-  // Throws system_mutex_exception, code 0.
+  // Throws system_mutex_exception with code 0.
   explicit SystemMutex(std::wstring mutexName);
   SystemMutex(const SystemMutex&) = delete;
   SystemMutex& operator=(const SystemMutex&) = delete;
@@ -35,10 +35,10 @@ class SystemMutex {
   // Unlocks the mutex if this object still holds it.
   ~SystemMutex();
 
-  // Blocks indefinitely. Acquires the mutex even if its holder died. Throws code 2.
+  // Blocks indefinitely. Acquires the mutex even if its holder died. Throws code 2 on failure.
   void lock();
 
-  // Throws code 3.
+  // Throws code 3 on failure.
   void unlock();
 
  private:
