@@ -5,13 +5,14 @@
 
 namespace Vx::Tessel::Security {
 
-// Returns why the file at the full path `path` is not trusted against `keys`; None if it is. A null
-// path is not trusted. A check that fails is a reason too, and is logged with `operation`.
+// Returns why the file at the full path `path` is not trusted against `keys`, or None if it is. A
+// null path is not trusted. A check that fails also returns a reason, and is logged with
+// `operation`.
 Server::Records::Reason WhyNotTrusted(KeySet keys, const wchar_t* path,
                                       const char* operation) noexcept;
 
-// Interface of the trust check, so that callers can be given another implementation. `path` is a
-// full path; a null or empty one is never trusted. Does not throw.
+// The interface of the trust check, so that callers can be given another implementation. `path` is
+// a full path. A null or empty one is never trusted. Does not throw.
 class VxAuthenticodeFacadeBase {
  public:
   virtual bool IsFileTrusted(const wchar_t* path) = 0;
@@ -22,10 +23,10 @@ class VxAuthenticodeFacadeBase {
   ~VxAuthenticodeFacadeBase() = default;
 };
 
-// Whether a file is genuine: accepted by Windows, signed with a pinned key, and in a protected
-// place. Stateless; any thread. An access list that fails takes up to about a second to check.
-// Windows may also fetch certificates from the network, so hold no lock that others need during a
-// check.
+// Decides whether a file is genuine: accepted by Windows, signed with a pinned key, and in a
+// protected place. Stateless and thread-safe. A failing access list takes up to about a second to
+// check. Windows may also fetch certificates from the network, so hold no lock that others need
+// during a check.
 class VxAuthenticodeFacade final : public VxAuthenticodeFacadeBase {
  public:
   bool IsFileTrusted(const wchar_t* path) override;

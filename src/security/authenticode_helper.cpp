@@ -66,7 +66,7 @@ constexpr std::uint32_t kGenericAll = 1U << 28;
 constexpr int kAccessAttempts = 5;
 constexpr std::chrono::milliseconds kAccessPause{250};
 
-// The file being checked supplies the count. Real files have a handful.
+// The count comes from the file being checked. Real files have a handful.
 constexpr std::uint32_t kMaxSecondarySignatures = 255;
 
 constexpr bool IsCollected(std::int32_t result) noexcept {
@@ -87,7 +87,7 @@ const wchar_t* FailureText(Platform::CatalogStep step) noexcept {
   return kFindCatalogFailed;
 }
 
-// Returns `text` with its variables expanded, or an empty string if Windows fails.
+// Returns `text` with its variables expanded, or an empty string on failure.
 std::wstring Expanded(const std::wstring& text) {
   auto expanded = CurrentMachine().environment->Expand(text, Platform::kLongestPath);
   return expanded ? *std::move(expanded) : std::wstring();
@@ -154,10 +154,10 @@ bool VxAuthenticodeHelper::IsPathAllowed(const std::wstring& path) const {
   return CheckPath(path).outcome == PathOutcome::Allowed;
 }
 
-// A client chooses the path, and several that begin with "C:\Windows\" name a file elsewhere: with
-// ".." in the middle, through a mount point in a folder that every user may write to, or as a
+// A client chooses the path, and several kinds that begin with "C:\Windows\" name a file elsewhere:
+// with ".." in the middle, through a mount point in a folder that every user may write to, or as a
 // stream of another file. So the rule is applied twice: to the full form of the path, which is also
-// logged, and to where the file really is. A path that Windows cannot resolve is refused.
+// logged, and to the file's actual location. A path that Windows cannot resolve is refused.
 PathVerdict VxAuthenticodeHelper::CheckPath(const std::wstring& path) const {
   PathVerdict verdict;
   const auto expanded = CurrentMachine().environment->Expand(path, Platform::kLongestPath);
@@ -182,7 +182,7 @@ PathVerdict VxAuthenticodeHelper::CheckPath(const std::wstring& path) const {
                      verdict.finalPath.c_str());
     return verdict;
   }
-  // When Windows moves a package to another drive, it leaves a link. Both folders are then checked.
+  // When Windows moves a package to another drive, it leaves a link. Then check both folders.
   if (place->appFolder) verdict.appFolders.push_back(*place->appFolder);
   if (finalPlace->appFolder &&
       !(place->appFolder && SameIgnoringCase(*finalPlace->appFolder, *place->appFolder))) {
@@ -203,8 +203,8 @@ bool VxAuthenticodeHelper::MayBeAllowed(const std::wstring& path) const {
   return false;
 }
 
-// Returns the full form of a path that starts at a drive's root. Any other path is returned
-// unchanged: it matches no prefix, and its full form would depend on the service's own folder.
+// Returns the full form of a path that starts at a drive's root. Returns any other path unchanged:
+// it matches no prefix, and its full form would depend on the service's own folder.
 std::wstring VxAuthenticodeHelper::FullText(const std::wstring& expanded) const {
   if (!IsDrivePath(expanded)) return expanded;
   auto full = CurrentMachine().files->FullPath(expanded);
@@ -212,7 +212,7 @@ std::wstring VxAuthenticodeHelper::FullText(const std::wstring& expanded) const 
 }
 
 // The WindowsApps folder in %PROGRAMFILES% is below a prefix, but its access list is still checked,
-// because Windows installs packages there for ordinary users, without an administrator.
+// because Windows installs packages there for ordinary users without an administrator.
 std::optional<VxAuthenticodeHelper::Place> VxAuthenticodeHelper::FindPlace(
     const std::wstring& fullPath, Misses misses) const {
   for (const wchar_t* allowed : kAllowedPrefixes) {
@@ -250,8 +250,8 @@ bool VxAuthenticodeHelper::ResolveFinalPath(const std::wstring& path, const std:
   }
   verdict.finalPath = *target;
   if (path == expanded) return true;
-  // The caller starts the file by the path with its variables, and a folder may really be called
-  // "%x%". The file that starts would then not be the one that was checked.
+  // The caller starts the file by its unexpanded path, and a folder may actually be called "%x%".
+  // The file that starts would then not be the one that was checked.
   const auto unexpanded = files.FinalPath(path);
   if (!unexpanded || SameIgnoringCase(*unexpanded, *target)) return true;
   verdict.outcome = PathOutcome::LeadsElsewhere;

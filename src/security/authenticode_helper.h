@@ -19,56 +19,57 @@ enum class PathOutcome {
   Allowed,
   NotExpanded,      // its variables could not be expanded
   OutsidePrefixes,  // neither below an allowed prefix nor in a WindowsApps folder
-  NotPlain,         // not just a drive, folders and a name, for example an alternate data stream
+  NotPlain,         // more than a drive, folders and a name, for example an alternate data stream
   NotFound,         // Windows could not resolve it
   LeadsElsewhere,   // a link leads to a place that is not allowed
   OpenFolder,       // its WindowsApps folder fails CheckForFullConrolByTrustedInstallAndSystem
 };
 
-// The result of the path rule, with its reasons.
+// The result of the path rule, and what it is based on.
 struct PathVerdict {
   PathOutcome outcome = PathOutcome::NotExpanded;
   std::wstring fullPath;                 // the path that was compared with the prefixes
-  std::wstring finalPath;                // where the file really is; empty if it was not resolved
+  std::wstring finalPath;                // the file's actual location; empty if it was not resolved
   std::wstring prefix;                   // the expanded prefix that matched; may be empty
   std::vector<std::wstring> appFolders;  // WindowsApps folders whose access was checked
 };
 
-// The steps of the trust check. Keeps no state between calls; any thread.
+// The steps of the trust check. Stateless and thread-safe.
 class VxAuthenticodeHelper {
  public:
   VxAuthenticodeHelper();
 
   // Returns the signatures of one kind whose result is success, untrusted root or expired, in index
-  // order. Empty if there are none or Windows fails, which is logged.
+  // order. Returns an empty list if there are none or Windows fails, which is logged.
   std::vector<SignatureRecord> CollectSignatures(const std::wstring& path,
                                                  SignatureKind kind) const;
 
-  // Whether Windows accepts one of `records`: it is verified, or expired but otherwise good. An
-  // untrusted root is never enough.
+  // Returns whether Windows accepts one of `records`: it is verified, or expired but otherwise
+  // good. An untrusted root is never enough.
   static bool IsTrustedByWindows(const std::vector<SignatureRecord>& records) noexcept;
 
-  // Whether any of `records` was signed with a key in `keys`.
+  // Returns whether any of `records` was signed with a key in `keys`.
   static bool IsKeyPinned(const std::vector<SignatureRecord>& records, KeySet keys) noexcept;
 
-  // Whether only administrators can write to the file's location: below an allowed prefix, or in a
-  // WindowsApps folder whose access list proves it. Blocks for up to a second per such folder.
+  // Returns whether only administrators can write to the file's location: it is below an allowed
+  // prefix, or in a WindowsApps folder whose access list proves it. Blocks for up to a second per
+  // such folder.
   bool IsPathAllowed(const std::wstring& path) const;
 
-  // As IsPathAllowed, with the reasons.
+  // Like IsPathAllowed, but returns the details.
   PathVerdict CheckPath(const std::wstring& path) const;
 
-  // The part of the decision that needs only the path itself: false if no file with this path could
-  // be in an allowed place. Opens nothing. Logs only a refusal, as CheckPath would.
+  // Makes the part of the decision that needs only the path itself: returns false if no file with
+  // this path could be in an allowed place. Opens nothing. Logs only a refusal, as CheckPath would.
   bool MayBeAllowed(const std::wstring& path) const;
 
-  // Whether `folder` is owned by SYSTEM or TrustedInstaller and grants GENERIC_ALL to both. An
-  // entry alone proves nothing, because the creator of a folder can add any entry. Accounts are
+  // Returns whether `folder` is owned by SYSTEM or TrustedInstaller and grants GENERIC_ALL to both.
+  // Entries alone prove nothing, because the creator of a folder can add any entry. Accounts are
   // compared by SID, because their names depend on the language of Windows.
   bool CheckForFullConrolByTrustedInstallAndSystem(const std::wstring& folder) const;
 
   // Opens `path` for reading and shares it for reading only, so that it cannot be replaced between
-  // a trust check and the start of the program. Logs the outcome. Returns null on failure.
+  // a trust check and the start of the program. Logs the result. Returns null on failure.
   Platform::UniqueHandle AquireFileReadOnlyLock(const std::wstring& path) const;
 
  private:

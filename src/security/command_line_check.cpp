@@ -7,7 +7,7 @@ namespace Vx::Tessel::Security {
 namespace {
 
 // Windows parses the first word of a command line by special rules (it ignores quotes inside the
-// word). Another word in front makes the real first word an ordinary argument.
+// word). Another word in front turns the original first word into an ordinary argument.
 constexpr wchar_t kWordInFront[] = L"test.exe ";
 constexpr std::size_t kMaxCommandLine = 32767;
 

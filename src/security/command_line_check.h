@@ -6,8 +6,8 @@
 
 namespace Vx::Tessel::Security {
 
-// Whether the program of a command line (its first word) passes IsFileTrusted. A path with blanks
-// must be quoted. An empty or overlong command line is not trusted. Does not throw.
+// Returns whether the program of a command line (its first word) passes IsFileTrusted. A path with
+// spaces must be quoted. An empty or overlong command line is not trusted. Does not throw.
 bool IsCommandLineTrusted(VxAuthenticodeFacadeBase& facade,
                           const std::wstring& commandLine) noexcept;
 

@@ -28,7 +28,7 @@ std::vector<SignatureRecord> AllSignatures(const FileTrust& trust) {
   return all;
 }
 
-// Called only if the signatures suffice, because this can take a second.
+// Called only if the signatures pass, because this can take a second.
 void CheckPlace(const VxAuthenticodeHelper& helper, const std::wstring& path, FileTrust& trust) {
   trust.place = helper.CheckPath(path);
   trust.trusted = trust.place->outcome == PathOutcome::Allowed;

@@ -11,8 +11,8 @@
 
 namespace Vx::Tessel::Security {
 
-// A trust decision with its reasons. The facade returns only the verdict, and vxhost shows the rest
-// to an operator, so that the explanation always matches the actual decision.
+// A trust decision with its reasons. The facade returns only the verdict of this same decision.
+// vxhost shows the rest to an operator, so that the explanation always matches the verdict.
 struct FileTrust {
   bool trusted = false;
   bool pinsConfigured = false;  // the key set is not empty
@@ -27,10 +27,10 @@ struct FileTrust {
 // does. Throws only standard exceptions.
 FileTrust VerifyFile(const std::wstring& path, KeySet keys);
 
-// Decides as IsDropboxFileTrusted does, by the signer's name instead of keys.
+// Like IsDropboxFileTrusted: checks the signer's name instead of keys.
 FileTrust VerifyDropboxFile(const std::wstring& path);
 
-// Returns why a file is not trusted; None if it is.
+// Returns why a file is not trusted, or None if it is.
 Server::Records::Reason ReasonOf(const FileTrust& trust);
 
 // One step of a decision, for display.
@@ -39,7 +39,7 @@ struct TrustStep {
   std::wstring text;
 };
 
-// Returns the steps of `trust` in order. The last is the verdict or that no keys are pinned.
+// Returns the steps of `trust` in order. The last is the verdict, or that no keys are pinned.
 std::vector<TrustStep> Explain(const FileTrust& trust, KeySet keys);
 
 // Returns the public keys of all signatures in a file that Windows can read, without duplicates, in

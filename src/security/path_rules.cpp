@@ -15,8 +15,8 @@ constexpr wchar_t Fold(wchar_t c) noexcept {
 }
 
 bool IsPlainName(std::wstring_view name) noexcept {
-  // Windows drops trailing blanks and dots from a name, so such a name means another file. This
-  // also covers "." and "..".
+  // Windows drops trailing spaces and dots from a name, so such a name means another file. This
+  // also excludes "." and "..".
   if (name.empty() || name.back() == L'.' || name.back() == L' ') return false;
   return std::all_of(name.begin(), name.end(), [](wchar_t c) {
     return c >= L' ' && kNeverInNames.find(c) == std::wstring_view::npos;

@@ -11,10 +11,10 @@
 namespace Vx::Tessel::Security {
 
 // Returns `der` in the form in which keys are compared: two lower-case hexadecimal digits per byte,
-// with a blank between bytes.
+// with a space between bytes.
 std::string FormatPublicKey(std::span<const std::byte> der);
 
-// A signature of a file, or a row in a table of signers, with an empty key and a zero result.
+// A signature of a file. Also a row in a table of signers, with an empty key and a zero result.
 struct SignatureRecord {
   std::string public_key;         // in the form of FormatPublicKey
   std::int32_t trust_result = 0;  // result of WinVerifyTrust for this signature

@@ -27,8 +27,8 @@ constexpr char kOperation[] = "IsFileTrustedRestricted";
 TrustedProgram::TrustedProgram(std::wstring judged, Platform::UniqueHandle held)
     : path(std::move(judged)), lock(std::move(held)) {}
 
-// The path that is checked must be the path that is opened. Otherwise SYSTEM could be made to
-// connect to a pipe or share before any signature is checked.
+// Opening any other path could make SYSTEM connect to a pipe or a share before a signature is
+// checked, or open a file other than the one that was checked.
 Reason TrustedProgram::WhyNotOpened(const std::wstring& path) {
   if (!IsDrivePath(path)) return Reason::NotOnDrive;
   const bool control = std::ranges::any_of(path, [](wchar_t c) { return c < L' '; });
@@ -38,7 +38,7 @@ Reason TrustedProgram::WhyNotOpened(const std::wstring& path) {
         Platform::CurrentMachine().environment->Expand(path, Platform::kLongestPath);
     if (!expanded || *expanded != path) return Reason::Variable;
   }
-  // The other allowed places are on the drives of Windows itself.
+  // The other allowed places are on the local drives of Windows itself.
   if (DriveWindowsAppsFolder(path) && Platform::CurrentMachine().files->IsElsewhere(path)) {
     return Reason::OtherMachine;
   }
@@ -52,7 +52,7 @@ ProgramCheck TrustedProgram::Check(const std::wstring& path, KeySet keys) {
     return {nullptr, reason};
   }
   const VxAuthenticodeHelper helper;
-  // A file elsewhere is not even read: hashing a huge one would take a minute.
+  // A file elsewhere is not even read, because hashing a huge one would take a minute.
   if (!helper.MayBeAllowed(path)) return {nullptr, Reason::Place};
   Platform::UniqueHandle lock = helper.AquireFileReadOnlyLock(path);
   if (lock == nullptr) {
@@ -60,7 +60,7 @@ ProgramCheck TrustedProgram::Check(const std::wstring& path, KeySet keys) {
     if (place && *place != path && !helper.MayBeAllowed(*place)) return {nullptr, Reason::Place};
     const Reason reason = WhyNotTrusted(keys, path.c_str(), kOperation);
     if (reason == Reason::None) lock = helper.AquireFileReadOnlyLock(path);
-    // A file that cannot be locked can rarely be read, so its signature is not the reason.
+    // A file that cannot be locked usually cannot be read, so its signature is not the reason.
     if (lock == nullptr) return {nullptr, Reason::NotLocked};
   }
   return Judge(path, std::move(lock), keys);
@@ -81,7 +81,7 @@ std::optional<Platform::FileIdentity> TrustedProgram::Identity() const {
   return identity ? std::optional(*identity) : std::nullopt;
 }
 
-// Checks `path` while `lock` holds the file.
+// Checks `path` while `lock` keeps the file from changing.
 ProgramCheck TrustedProgram::Judge(const std::wstring& path, Platform::UniqueHandle lock,
                                    KeySet keys) {
   auto place = Platform::CurrentMachine().files->FinalPathOf(lock.get());

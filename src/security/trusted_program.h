@@ -24,29 +24,29 @@ class TrustedProgram {
   // if WhyNotOpened and the path rule accept its path, and reads it only if the path rule accepts
   // its actual location.
   //
-  // If the lock fails but the program is found trusted, tries to lock it once more and checks it
-  // again, because the process that prevented the first lock could have changed the file since.
+  // If the lock fails but the program is found trusted, tries the lock and the check once more,
+  // because the process that prevented the first lock could have changed the file since.
   static ProgramCheck Check(const std::wstring& path, KeySet keys = RestrictedKeys());
 
-  // Rechecks `path`, which Check found trusted as `known`, against RestrictedKeys. Returns
-  // nothing, without reading the file, unless it can be locked and is still the same one, with the
-  // same size and time of writing.
+  // Rechecks `path`, which Check found trusted as `known`, against RestrictedKeys. Returns nothing,
+  // without reading the file, unless it can be locked and is still the same file with the same size
+  // and last-write time.
   static std::optional<ProgramCheck> CheckUnchanged(const std::wstring& path,
                                                     const Platform::FileIdentity& known);
 
   // Returns why a program with this path would not be opened, or None if it is a full path on a
-  // local drive, without variables or control characters. Opens nothing; any thread.
+  // local drive, without variables or control characters. Opens nothing. Thread-safe.
   static Server::Records::Reason WhyNotOpened(const std::wstring& path);
 
   TrustedProgram(const TrustedProgram&) = delete;
   TrustedProgram& operator=(const TrustedProgram&) = delete;
   ~TrustedProgram() = default;
 
-  // The full path to start. If a link leads to the locked file, this is where the file really is,
+  // The full path to start. If a link leads to the locked file, this is the file's actual location,
   // because the link can be changed without access to the file.
   const std::wstring& Path() const noexcept { return path; }
 
-  // The identity of the locked file. Empty if Windows cannot tell.
+  // Returns the identity of the locked file. Empty if Windows cannot provide it.
   std::optional<Platform::FileIdentity> Identity() const;
 
  private:
