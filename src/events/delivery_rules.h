@@ -7,27 +7,28 @@
 
 namespace Vx::Tessel::Server::Services::Orvane {
 
-// Returns the decimal integer at the start of a client's string, after optional blanks and an
-// optional sign. Ignores the text after it. Empty if there is none or it does not fit an int.
+// Returns the decimal integer at the start of a client's string, after optional spaces and an
+// optional sign. Ignores the rest of the string. Returns nothing if there is none or an int cannot
+// represent it.
 std::optional<int> LeadingInteger(std::wstring_view text);
 
-// Milliseconds between two tick counts as a delivery measures them: the absolute value of their
-// 32-bit difference.
+// Returns the milliseconds between two tick counts as a delivery measures them: the absolute value
+// of their 32-bit difference.
 std::int64_t ElapsedMilliseconds(std::uint64_t start, std::uint64_t now);
 
-// As above, for a wait that Modern Standby ended. Always long enough that a delay of up to four
-// seconds counts as waited out.
+// Like ElapsedMilliseconds, for a wait that Modern Standby ended. Returns at least so much that a
+// delay of up to four seconds is not overdue.
 std::int64_t ElapsedUntilStandby(std::uint64_t start, std::uint64_t now);
 
-// Whether a delivery is dropped because it is more than two seconds early or late. Never for a zero
-// delay. Negative delays are checked too, although they cause no wait.
+// Returns whether a delivery is dropped because it is more than two seconds early or late. A zero
+// delay is never overdue. Negative delays are checked too, although they cause no wait.
 bool IsOverdue(int delaySeconds, std::int64_t elapsedMilliseconds);
 
-// Whether a delivery with this delay would count as overdue even if it came exactly on time,
+// Returns whether a delivery with this delay would be overdue even if it came exactly on time,
 // because the elapsed time is measured in 32 bits.
 bool IsTooLong(int delaySeconds);
 
-// Converts a delay to the clock's unit. No int overflows.
+// Converts a delay to milliseconds. No int overflows.
 constexpr std::chrono::milliseconds DelayLength(int delaySeconds) {
   return std::chrono::milliseconds(std::int64_t{delaySeconds} * 1000);
 }

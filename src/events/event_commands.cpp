@@ -45,7 +45,7 @@ LaunchCommand::LaunchCommand(const Json::JsonObject& parameters)
       arguments(parameters.FindString(L"arguments").value_or(L"")) {
   delayDeliverySec = parameters.GetNamedString(kDelayKey, kNoDelay);
   target = path;
-  // Windows ends a command line at a null: the program would run with only some of its arguments.
+  // A command line ends at a null character, so the program would lose some of its arguments.
   if (arguments.find(L'\0') != std::wstring::npos) {
     throw Platform::WindowsRuntimeError(kInvalidArgument, kNullInArguments);
   }
@@ -118,7 +118,7 @@ std::unique_lock<std::mutex> TakeTurn(EventCommand& command, std::mutex& turn) {
   if (launch == nullptr) return std::unique_lock(turn);
   Platform::Clock& clock = *Platform::CurrentMachine().clock;
   for (int checks = 1;; ++checks) {
-    // An untrusted program is not locked, so it can simply wait.
+    // An untrusted program is not locked, so it may wait for as long as it takes.
     if (!launch->CheckAhead() || checks == kMostChecks) return std::unique_lock(turn);
     const std::uint64_t begin = clock.TickCount();
     std::unique_lock taken(turn, std::try_to_lock);

@@ -18,10 +18,10 @@ inline constexpr std::int32_t kUnknownAction = 0x20000007;
 
 enum class EventAction : std::uint32_t { Launch = 1, AppServiceNotification = 2 };
 
-// The command that a subscription runs when its event occurs. May run any number of times, on any
-// thread, but on only one at a time.
+// The command that a subscription runs when its event occurs. May run any number of times and on
+// any thread, but not on two threads at once.
 //
-// The order of the virtual slots is a contract without a slot for a destructor, so owners delete
+// The order of the virtual slots is a contract that has no slot for a destructor, so owners delete
 // through CommandDeleter.
 class EventCommand {
  public:
@@ -29,13 +29,14 @@ class EventCommand {
   // Platform::WindowsRuntimeError and std::exception.
   virtual Records::Outcome Execute() = 0;
 
-  // The delay in seconds before the command runs, as the client wrote it; "0" if absent.
+  // Returns the delay in seconds before the command runs, as the client wrote it, or "0" if absent.
   std::wstring DelayDeliverySec() const { return delayDeliverySec; }
 
-  // The trigger that a power or platform event raises instead of the command; empty if none.
+  // Returns the trigger that a power or platform event raises instead of running the command. Empty
+  // if none.
   std::wstring CustomTriggerGUID() const { return customTriggerGuid; }
 
-  // The program, or "FAMILY/APP SERVICE".
+  // Returns the program's path, or "FAMILY/APP SERVICE".
   const std::wstring& Target() const noexcept { return target; }
 
  protected:
@@ -46,8 +47,8 @@ class EventCommand {
   std::wstring target;
 };
 
-// A command for a package event. Some commands may run late, at service start, for a package that
-// was uninstalled while the service was not running.
+// A command for a package event. Some commands may run late, when the service starts, for a package
+// that was uninstalled while the service was not running.
 class PackageEventCommand : public EventCommand {
  public:
   virtual bool RunIfUninstalledWhileNotRunning() { return false; }
@@ -82,14 +83,14 @@ class LaunchCommand final : public PackageEventCommand {
   explicit LaunchCommand(const Json::JsonObject& parameters);
 
   // Locks and checks the program now instead of in Execute, because the deliveries of an event
-  // execute one at a time. Returns whether it is trusted. Blocks for as long as the check takes.
+  // execute one at a time. Returns whether it is trusted. Blocks for the whole check.
   bool CheckAhead();
 
   // Unlocks the program that CheckAhead found trusted.
   void ForgetCheck();
 
-  // Locks the program that ForgetCheck unlocked and checks it again, as CheckAhead does. Returns
-  // false without reading the file if it has changed or cannot be locked.
+  // Locks the program that ForgetCheck unlocked and checks it again, like CheckAhead. Returns false
+  // without reading the file if it has changed or cannot be locked.
   bool CheckUnchanged();
 
   // Keeps the file locked against writing from before the trust check until the program starts.
@@ -131,11 +132,12 @@ class AppServiceNotificationCommand final : public EventCommand {
 // kUnknownAction or a code from the command's constructor.
 EventCommandPtr CreateEventCommand(EventAction action, const Json::JsonObject& parameters);
 
-// Acquires `turn`, which lets the commands of a kind run one at a time. The program of a launch is
-// checked first, so that other commands do not wait for its check. While this waits, the program
-// stays locked for a second at most, because an update would have to wait too. It is then unlocked,
-// and checked again in its turn, which for an unchanged file takes no longer. A changed file is
-// checked as a new one, without the turn. After a second change it stays locked until its turn.
+// Acquires `turn`, which lets the commands of a kind run one at a time. A launch checks its program
+// before it waits, so that other commands do not wait for the check. The program then stays locked
+// for at most one second, because an update of it has to wait. After that it is unlocked, and
+// rechecked once `turn` is acquired, which is quick for an unchanged file. A changed file is
+// checked as a new one, with `turn` released. After a second change it stays locked until `turn` is
+// acquired.
 std::unique_lock<std::mutex> TakeTurn(EventCommand& command, std::mutex& turn);
 
 }  // namespace Vx::Tessel::Server::Services::Orvane

@@ -40,7 +40,7 @@ void RecordCompletion(const std::wstring& stored) noexcept {
 
 // The caller holds listChange.
 bool RemoveHeld(const std::wstring& stored, const MarkPtr& mark) {
-  // Another registration has completed it, and a client may have subscribed the text again.
+  // Another registration has completed it, and a client may have stored the same text again since.
   if (!FiringMarks::IsCurrent(stored, mark)) return true;
   if (!PackageCompletion::StoredRequests().CompleteRequest(stored)) return false;
   FiringMarks::Forget(stored, mark);

@@ -11,19 +11,20 @@
 namespace Vx::Tessel::Server::Services::Orvane {
 
 // The stored list of package subscriptions, and the completion of those whose command has run. If
-// completing a request fails, it stays stored until a later attempt succeeds. Until then its mark
-// keeps the command from running again in this process.
+// completing a request fails, it stays stored until a later attempt succeeds. Until then, its mark
+// prevents this process from running the command again.
 class PackageCompletion {
  public:
   PackageCompletion() = delete;
 
   static RequestManager StoredRequests();
 
-  // Whether the service that owns the event `stop` has ended, or the event cannot be waited for.
+  // Returns whether the service that owns the event `stop` has ended, or the event cannot be waited
+  // for.
   static bool HasEnded(const Platform::SharedHandle& stop);
 
-  // Removes a request whose command has run, unless it has already been removed. Returns whether it
-  // is gone. Logs exceptions. Acquires listChange.
+  // Removes a request whose command has run, unless it has already been removed. Returns whether
+  // the request is no longer stored. Logs exceptions. Acquires listChange.
   static bool Remove(const std::wstring& stored, const std::shared_ptr<FiringMark>& mark) noexcept;
 
   // Like Remove, but logs a request that stays stored. The next replay, notification or equal
@@ -31,13 +32,15 @@ class PackageCompletion {
   static void CompleteNow(const std::wstring& stored,
                           const std::shared_ptr<FiringMark>& mark) noexcept;
 
-  // Like CompleteNow, but tries up to three times, a second apart, holding no lock in between.
-  // Gives up once `stop`, which may be null, is signalled. Not for a thread that a host waits for.
+  // Like CompleteNow, but tries up to three times at intervals of one second and holds no lock in
+  // between. Gives up once `stop`, which may be null, is signaled. Not for a thread that a host
+  // waits for.
   static void Complete(const std::wstring& stored, const std::shared_ptr<FiringMark>& mark,
                        const Platform::SharedHandle& stop) noexcept;
 
-  // Completes the stored request that PersistRequest treats as equal to `request`, if it has run.
-  // Returns whether it did. Call with listChange held. Throws std::runtime_error on failure.
+  // Completes the stored request that PersistRequest treats as equal to `request`, if its command
+  // has run. Returns whether it did. Call with listChange held. Throws std::runtime_error on
+  // failure.
   static bool CompleteEqual(const std::wstring& request);
 
   // Held while a request, its mark and its registration are added or removed together, so that no

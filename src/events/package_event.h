@@ -27,7 +27,7 @@ class UninstallWatch;
 // Called with an empty string, on the system's catalog thread, after a package command has run.
 using CompletionHandler = std::function<void(const std::wstring&)>;
 
-// A package event, and the command that it runs once.
+// A package event and the command that it runs once.
 class IPCEvent {
  public:
   explicit IPCEvent(EventCommandPtr packageCommand);
@@ -35,14 +35,14 @@ class IPCEvent {
   IPCEvent& operator=(const IPCEvent&) = delete;
 
   // Starts watching for the event. A second call has no effect. Throws std::system_error if no
-  // thread can be started. This is the first virtual slot; the destructor's slots follow.
+  // thread can be created. This is the first virtual slot. The destructor's slots follow.
   virtual void Register() = 0;
 
   virtual ~IPCEvent();
 
   EventCommand* Command() const noexcept { return command.get(); }
 
-  // Adds a handler to call once the command has run, and returns its token. Any thread.
+  // Adds a handler to call once the command has run, and returns its token. Thread-safe.
   std::int64_t EventComplete(CompletionHandler handler);
 
  protected:
@@ -62,8 +62,8 @@ class PackageUninstallingPCEvent final : public IPCEvent {
   // Opens the console user's catalog. Throws Platform::WindowsRuntimeError with
   // kPackageNotInstalled, kConsoleUserUnavailable or a code from the package manager. If the
   // session API set is missing, logs that and opens no catalog, and the event never occurs. `mark`
-  // belongs to the stored request; if it is null, the event has its own. `subscription` is the hash
-  // of that request, for records.
+  // belongs to the stored request. If it is null, the event creates its own. `subscription` is the
+  // hash of that request, for records.
   PackageUninstallingPCEvent(const std::wstring& packageFamilyName, PackageCatalogEvent event,
                              EventCommandPtr packageCommand,
                              const std::shared_ptr<FiringMark>& mark = nullptr,
@@ -72,11 +72,11 @@ class PackageUninstallingPCEvent final : public IPCEvent {
 
   void Register() override;
 
-  // The SID of the user whose catalog is watched. Empty if that user is this process's own account
-  // or no catalog was opened; std::nullopt if Windows does not return the SID.
+  // Returns the SID of the user whose catalog is watched. Empty if that user is this process's own
+  // account or no catalog was opened. std::nullopt if Windows does not return the SID.
   const std::optional<std::wstring>& User() const noexcept { return user; }
 
-  // The caller may keep it after this object is destroyed.
+  // The caller may keep the watch after this object is destroyed.
   const std::shared_ptr<UninstallWatch>& Watch() const noexcept { return watch; }
 
   // Lock order: a mark's turn before uninstall_event_mux and commandTurn, and uninstall_event_mux
@@ -84,8 +84,8 @@ class PackageUninstallingPCEvent final : public IPCEvent {
   // may destroy an event during a notification.
   static std::mutex rLock;                // guards package queries and opening catalogs
   static std::mutex register_mux;         // guards starting watcher threads
-  static std::mutex uninstall_event_mux;  // serialises decisions about notifications
-  static std::mutex commandTurn;          // serialises the commands that notifications run
+  static std::mutex uninstall_event_mux;  // serializes decisions about notifications
+  static std::mutex commandTurn;          // serializes the commands that notifications run
 
  private:
   bool IsProcessRunningAsSystem() const;

@@ -37,20 +37,21 @@ constexpr wchar_t kNotTakenBack[] =
     L"OrvaneService - a refused package subscription could not be taken back and may run at the "
     L"next logon: %s";
 
-// A request as the list stores it, not as the client wrote it.
+// Returns a request as the list stores it, not as the client wrote it.
 std::wstring StoredText(const std::wstring& request) {
   return Json::JsonObject::Parse(request).Stringify();
 }
 
-// Whether a stored list, null if there is none, contains a request. Throws if it is unreadable.
+// Returns whether a stored list (null if there is none) contains a request. Throws if it is
+// unreadable.
 bool Holds(const Storage::BsonElement* list, const std::wstring& stored) {
   if (list == nullptr) return false;
   const auto requests = Storage::RequestsOf(list->AsWideText().value());
   return std::find(requests.begin(), requests.end(), stored) != requests.end();
 }
 
-// Returns true even if the store cannot be read: a needless watch does less harm than a command
-// that never runs although a client has received success.
+// Returns true even if the store cannot be read. Watching in vain does less harm than never running
+// a command for which a client has received success.
 bool MayBeStored(const std::wstring& stored) noexcept {
   try {
     bool held = true;
@@ -65,8 +66,8 @@ bool MayBeStored(const std::wstring& stored) noexcept {
   }
 }
 
-// Stores a request and returns whether the store accepted it. An equal request whose command has
-// run, but which could not be completed, is removed to make room.
+// Stores a request and returns whether the store accepted it. If an equal request has run but could
+// not be completed, removes that one first.
 bool Persist(const std::wstring& request) {
   try {
     return PackageCompletion::StoredRequests().PersistRequest(request);
@@ -113,8 +114,8 @@ class Replay {
     }
   }
 
-  // For the request whose registration just failed. Does not wait for a notification that is
-  // already running the command: a logon must not hang on a command.
+  // Runs the command now if the registration failed because the package is gone. Does not wait for
+  // a notification that is already running the command, because a logon must not hang on a command.
   void RunLate(const std::wstring& stored, const Platform::WindowsRuntimeError& error) const {
     if (error.code() != kPackageNotInstalled) return;
     const bool ran = mark->RunOnceUnlessRunning([&] {
@@ -125,13 +126,13 @@ class Replay {
   }
 
  private:
-  // Holds the lock while request, mark and registration must match. Returns whether the command has
-  // already run.
+  // Holds the lock while the request, its mark and its registration must match. Returns whether the
+  // command has already run.
   bool RegisterOne(const std::wstring& stored) {
     const std::lock_guard guard(PackageCompletion::listChange);
     mark = FiringMarks::Of(stored);
     if (mark->HasRun()) return true;
-    // Completed since the list was read: this mark is new, and the command must not run again.
+    // Completed since the list was read, so this mark is new and the command must not run again.
     if (FiringMarks::Forgotten() != forgotten && !MayBeStored(stored)) {
       FiringMarks::Forget(stored, mark);
     } else {
@@ -160,7 +161,8 @@ void PackageCatalogEventManager::register_event(const std::wstring& request,
                                                 const CompletionHandler& completed,
                                                 const void* /*argument*/, Owner owner,
                                                 const std::shared_ptr<FiringMark>& mark) {
-  // Not under the lock, which an ending service needs: the package queries may take seconds.
+  // Opened without the lock, which an ending service needs, because package queries may take
+  // seconds.
   LiveRequest live{owner, mark,
                    std::make_unique<SubscribeForAppPackageEventRequest>(request, mark)};
   const std::lock_guard guard(register_event_mux);
@@ -179,8 +181,8 @@ void PackageCatalogEventManager::EndReplaced(Owner owner, const std::shared_ptr<
   const std::uint64_t number = last->number;
   const auto user = last->request->PackageEvent()->User();
   const auto watch = last->request->PackageEvent()->Watch();
-  // Not under the lock, which an ending service needs. The old registration stays until the new one
-  // is watching, or an uninstall could be missed.
+  // Waits without the lock, which an ending service needs. Keeps the old registration until the new
+  // one is watching, so that no uninstall is missed.
   guard.unlock();
   if (!user || !watch->AwaitHandler()) return;
   guard.lock();
@@ -194,7 +196,7 @@ void PackageCatalogEventManager::execute_command(const std::wstring& request) {
   try {
     NameSubscription(record, request, kPackageForm);
   } catch (const Platform::WindowsRuntimeError&) {  // NOLINT(bugprone-empty-catch)
-    // An unreadable request has no command either.
+    // No command can be created from an unreadable request either.
   }
   Records::Delivery delivery(std::move(record));
   const auto command = SubscribeForAppPackageEventRequest::ParseEventCommand(request);
@@ -219,7 +221,8 @@ bool RegisterAppPackageEvent(const std::wstring& request, Owner owner,
                              const Platform::SharedHandle& stop) {
   const std::lock_guard guard(PackageCompletion::listChange);
   if (!Persist(request)) {
-    // What the store did not accept is not watched either, but a client learns what is wrong.
+    // A request that was not stored is not watched, but is still checked so that the client learns
+    // of errors.
     static_cast<void>(SubscribeForAppPackageEventRequest(request));
     return false;
   }

@@ -12,25 +12,25 @@
 
 namespace Vx::Tessel::Server::Services::Orvane {
 
-// This process's live package subscriptions. Any thread.
+// This process's live package subscriptions. Thread-safe.
 class PackageCatalogEventManager {
  public:
   PackageCatalogEventManager() = delete;
 
-  // The address that identifies a registration's service object; null for none.
+  // The address of the service object that owns a registration, or null for none.
   using Owner = const void*;
 
   // Makes a subscription live. Calls `completed` on the system's catalog thread once the command
-  // has run; it must not call back into this class. Ignores `argument`. `mark` belongs to the
-  // stored request; if it is null, the registration has its own. Throws
-  // Platform::WindowsRuntimeError as SubscribeForAppPackageEventRequest does, and std::system_error
-  // if the watcher cannot be started.
+  // has run. `completed` must not call this class. Ignores `argument`. `mark` belongs to the stored
+  // request. If it is null, the registration creates its own. Throws Platform::WindowsRuntimeError
+  // as SubscribeForAppPackageEventRequest does, and std::system_error if the watcher cannot be
+  // started.
   static void register_event(const std::wstring& request, const CompletionHandler& completed,
                              const void* argument = nullptr, Owner owner = nullptr,
                              const std::shared_ptr<FiringMark>& mark = nullptr);
 
   // Ends the owner's earlier registrations of the stored request of `mark` for the same user as its
-  // latest one, once that one is watching. Blocks until its watcher has begun.
+  // latest registration, once that one is watching. Blocks until its watcher has begun.
   static void EndReplaced(Owner owner, const std::shared_ptr<FiringMark>& mark);
 
   // Runs the command of a request whose package was uninstalled while the service was not running,
@@ -40,7 +40,7 @@ class PackageCatalogEventManager {
   // Ends every live subscription and joins its watcher.
   static void clear_events();
 
-  // As above, for one service object. Called at log-off and when the service ends.
+  // Does the same for one service object. Called at log-off and when the service ends.
   static void clear_events(Owner owner);
 
   static std::mutex register_event_mux;  // guards `requests`
@@ -64,19 +64,19 @@ class NotWatched : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
-// Stores a request, then makes it live. One that the store does not accept is only checked. No
-// other client can add the same subscription in between. Returns whether the request is stored.
+// Stores a request, then makes it live. A request that the store does not accept is only checked.
+// No other client can add the same subscription in between. Returns whether the request is stored.
 // Throws as PersistRequest and register_event do, and std::runtime_error if the same subscription
 // has run but cannot be removed. If registering the stored request throws
-// Platform::WindowsRuntimeError, removes it again; any other exception becomes NotWatched. Failed
-// completions are retried only until `stop` is signalled.
+// Platform::WindowsRuntimeError, removes it again. Any other exception becomes NotWatched. Failed
+// completions are retried only until `stop` is signaled.
 bool RegisterAppPackageEvent(const std::wstring& request, PackageCatalogEventManager::Owner owner,
                              const Platform::SharedHandle& stop = nullptr);
 
 // Makes every stored subscription live again, replacing this service's earlier registrations for
 // the same user. If the package is gone, runs the command now if it may run late, and completes the
-// subscription. A request that is already registered runs only once. One whose command has run but
-// which could not be completed is completed now. Registers nothing once `stop` is signalled.
+// subscription. A request that is already registered runs only once. A request that has run but
+// could not be completed is completed now. Registers nothing once `stop` is signaled.
 void RegisterExistingPackageCatalogManagerRequests(PackageCatalogEventManager::Owner owner,
                                                    const Platform::SharedHandle& stop = nullptr);
 

@@ -14,7 +14,7 @@ namespace Vx::Tessel::Server::Services::Orvane {
 // package catalog: see PackageUninstallingPCEvent for what that requires.
 class SubscribeForAppPackageEventRequest {
  public:
-  // `mark` belongs to the stored request; if it is null, the request has its own. Throws
+  // `mark` belongs to the stored request. If it is null, the request creates its own. Throws
   // Platform::WindowsRuntimeError with kUnknownCatalogEvent or a code from the JSON layer,
   // CreateEventCommand or PackageUninstallingPCEvent.
   explicit SubscribeForAppPackageEventRequest(const std::wstring& request,

@@ -19,18 +19,18 @@ class SubscribeForPowerEventRequest final : public EventSubscription {
   EventAction PowerEventAction() const noexcept { return Action(); }
 };
 
-// Delivers power events. Any thread.
+// Delivers power events. Thread-safe.
 class PowerEventManager {
  public:
   PowerEventManager() = delete;
 
   // Delivers the event with this code to one stored request: see StartDelivery. Never calls the
-  // completion handler, because an event does not use up a subscription.
+  // completion handler, because a power subscription remains after its event.
   static void handle_event(const std::wstring& request,
                            const std::function<void(const std::wstring&)>& completed,
                            std::uint32_t eventType, const Platform::SharedHandle& stop = nullptr);
 
-  // Serialises the decisions and commands of all power workers, but not their delays.
+  // Serializes the decisions and commands of all power workers, but not their delays.
   static std::mutex handle_event_mutex;
 };
 

@@ -48,7 +48,7 @@ constexpr wchar_t kStandbyNameTaken[] =
     L"Another program has given the name %s to an object that is not an event. "
     L"Modern Standby is not noticed until that object is gone.";
 
-// Signalled by another component when the machine enters Modern Standby.
+// Signaled by another component when the machine enters Modern Standby.
 constexpr wchar_t kModernStandbyEvent[] = L"{CE7DC567-F47B-4A07-8489-C9DEB372B88F}";
 
 constexpr std::int32_t kUnspecified = static_cast<std::int32_t>(0x80004005);
@@ -65,8 +65,8 @@ int DelaySeconds(const DeliveryNames& names, const EventCommand& command) {
   return seconds.value_or(0);
 }
 
-// One of the process's deliveries, of every kind and service object, for the life of this object.
-// Until StopWaiting it also counts among the waiting deliveries of its request.
+// Counts one delivery against the process's limit, for the life of this object. Until StopWaiting,
+// also counts it as one of its request's waiting deliveries.
 class DeliveryPlace {
  public:
   DeliveryPlace(const DeliveryKind& kind, const std::wstring& request)
@@ -95,7 +95,7 @@ class DeliveryPlace {
     longTexts -= longText;
   }
 
-  // The limit that was reached, or None.
+  // Returns the limit that was reached, or None.
   Reason Refusal() const { return refusal; }
 
   void StopWaiting() {
@@ -126,13 +126,14 @@ std::mutex DeliveryPlace::mutex;
 int DeliveryPlace::existing = 0;
 std::size_t DeliveryPlace::longTexts = 0;
 
-// How many milliseconds of a wait count, and what ended it early: Standby, ServiceEnded or None.
+// How many milliseconds a wait is taken to have lasted, and what ended it early: Standby,
+// ServiceEnded or None.
 struct Waited {
   std::int64_t elapsed = 0;
   Reason early = Reason::None;
 };
 
-// Waits until Modern Standby begins, the service ends or the delay is over.
+// Waits until Modern Standby begins, the service ends or the delay has passed.
 Waited Wait(const DeliveryNames& names, int seconds, const Platform::SharedHandle& stop) {
   Platform::Clock& clock = *Platform::CurrentMachine().clock;
   const auto length = DelayLength(seconds);
@@ -150,7 +151,8 @@ Waited Wait(const DeliveryNames& names, int seconds, const Platform::SharedHandl
     Log().LogInfo(kModernStandby, names.handler);
     return {ElapsedUntilStandby(start, clock.TickCount()), Reason::Standby};
   }
-  // A wait that fails, for example because there is no event, does not wait for the whole delay.
+  // A failed wait, for example because there is no event, returns early. Then sleeps for the rest
+  // of the delay.
   const std::chrono::milliseconds gone(clock.TickCount() - start);
   if (wait.outcome == Platform::WaitOutcome::Failed && gone < length) clock.Sleep(length - gone);
   return {ElapsedMilliseconds(start, clock.TickCount())};
@@ -186,7 +188,7 @@ Reason WhyOverdue(int delay, Reason early) {
   return early == Reason::None ? Reason::Late : early;
 }
 
-// Ends the record under the lock, so that it follows the log lines of its own delivery.
+// Ends the record under the lock, so that it follows the delivery's log lines.
 void Deliver(const DeliveryKind& kind, const std::wstring& request, EventCommand& command,
              const Platform::SharedHandle& stop, DeliveryPlace& place,
              Records::Delivery& delivery) {
@@ -219,7 +221,7 @@ std::int32_t StatusOf(const std::exception& error) {
   return system != nullptr ? system->code().value() : kUnspecified;
 }
 
-// Logs the status alone if there is no memory for the message.
+// Logs only the status if there is no memory for the message.
 void LogWorkerFailure(const DeliveryNames& names,
                       const Platform::WindowsRuntimeError& error) noexcept {
   std::string message;
@@ -231,7 +233,7 @@ void LogWorkerFailure(const DeliveryNames& names,
   Log().LogError(kWorkerFailed, names.failing, message.c_str(), error.code());
 }
 
-// Logs a request that is not a subscription of this kind and returns null.
+// Returns null if the request is not a subscription of this kind, which is logged.
 std::shared_ptr<const EventSubscription> Parse(const DeliveryKind& kind,
                                                const std::wstring& request, std::uint32_t event) {
   try {
@@ -245,7 +247,7 @@ std::shared_ptr<const EventSubscription> Parse(const DeliveryKind& kind,
   }
 }
 
-// The worker's boundary: no exception leaves it.
+// The body of a worker. Catches every exception.
 void Work(const DeliveryKind& kind, const std::wstring& request,
           const EventSubscription& subscription, const Platform::SharedHandle& stop,
           DeliveryPlace& place, Records::Delivery& delivery) noexcept {
@@ -264,7 +266,7 @@ void Work(const DeliveryKind& kind, const std::wstring& request,
   delivery.Ends(Records::FailedWith(status));
 }
 
-// Modifies a stored list. Failures are logged, not reported to the client.
+// Modifies a stored list. Logs failures and does not report them to the client.
 template <typename Change>
 Outcome ChangeList(const DeliveryKind& kind, const char* operation, Change&& change) noexcept {
   try {
@@ -334,7 +336,7 @@ void StartDelivery(const DeliveryKind& kind, const std::wstring& request, std::u
                       .subscription = Records::SubscriptionHash(request),
                       .target = subscription->Command()->Target(),
                       .number = eventType});
-  // Taken before the worker starts, so that a dropped delivery costs no thread.
+  // Checked before a worker starts, so that a dropped delivery costs no thread.
   auto place = std::make_shared<DeliveryPlace>(kind, request);
   if (place->Refusal() != Reason::None) {
     return delivery->Ends({Decision::Dropped, place->Refusal()});

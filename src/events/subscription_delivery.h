@@ -13,8 +13,8 @@
 
 namespace Vx::Tessel::Server::Services::Orvane {
 
-// One stored subscription, parsed from a client's text: which event triggers which command. Base of
-// the power and Zephra requests, which differ only in their member names.
+// One stored subscription, parsed from a client's text: which event triggers which command. The
+// base of the power and Zephra requests, which differ only in their member names.
 class EventSubscription {
  public:
   // Throws Platform::WindowsRuntimeError with a code from the JSON layer or CreateEventCommand if
@@ -25,11 +25,11 @@ class EventSubscription {
 
   EventCommand* Command() const noexcept { return command.get(); }
 
-  // The derived classes also offer these two under their own names.
+  // The derived classes also expose these two under their own names.
   std::uint32_t Type() const noexcept { return eventType; }
   EventAction Action() const noexcept { return action; }
 
-  // The package family that it watches; empty for other kinds.
+  // Returns the package family that the subscription watches, or an empty string for other kinds.
   const std::wstring& Family() const noexcept { return family; }
 
  private:
@@ -53,13 +53,14 @@ struct DeliveryNames {
   const char* unsubscribe;
 };
 
-// Takes a stored request, a completion handler that may be empty, the event's code, and the kernel
-// event that ends a wait early, or null.
+// Receives a stored request, a completion handler that may be empty, the event's code, and the
+// kernel event that ends a wait early, or null.
 using DeliveryHandler = void (*)(const std::wstring& request,
                                  const std::function<void(const std::wstring&)>& completed,
                                  std::uint32_t eventType, const Platform::SharedHandle& stop);
 
-// Everything that distinguishes the kinds of subscription. A constant, to outlive every worker.
+// Everything in which the kinds of subscription differ. Each kind is a constant, to outlive every
+// worker.
 struct DeliveryKind {
   Records::Kind kind;
   DeliveryNames names;
@@ -78,31 +79,31 @@ Records::Outcome RegisterSubscription(const DeliveryKind& kind,
 Records::Outcome UnregisterSubscription(const DeliveryKind& kind,
                                         const std::wstring& request) noexcept;
 
-// Delivers an event to every stored request of the kind: see StartDelivery. Continues with the next
-// one if a worker cannot be started. Throws only std::bad_alloc.
+// Delivers an event to every stored request of the kind: see StartDelivery. If a worker cannot be
+// started, continues with the next request. Throws only std::bad_alloc.
 void FulfillSubscriptions(const DeliveryKind& kind, std::uint32_t eventType,
                           const Platform::SharedHandle& stop = nullptr);
 
-// The most deliveries of one stored request that may wait for their delay or turn at a time, and
-// the most in the process, from the start of their worker to its end. Any further delivery is
+// How many deliveries of one stored request may wait for their delay or turn at a time, and how
+// many may exist in the process, from the start of a worker to its end. Any further delivery is
 // dropped, so that neither long delays nor many subscriptions fill the process with threads.
 inline constexpr int kMostWaiting = 64;
 inline constexpr int kMostDeliveries = 1024;
 
-// The most characters that the requests of the process's deliveries may have together, because each
-// delivery keeps its request, parsed, at up to 20 bytes a character. Short requests do not count,
-// so that long ones do not keep them out. Any further delivery of a long one is dropped.
+// How many characters the long requests of the process's deliveries may have together, because each
+// delivery keeps its parsed request, at up to 20 bytes per character. A further delivery of a long
+// request is dropped. Short requests are not limited, so that long ones cannot crowd them out.
 inline constexpr std::size_t kMostLongText = std::size_t{8} * 1024 * 1024;
 inline constexpr std::size_t kShortRequest = 4096;
 
-// Starts delivering one event to one stored request. Parses the request on the calling thread: one
-// for another event, or an unreadable one, which is logged, needs no worker. Otherwise starts a
-// detached worker, or logs that the delivery is dropped because there are too many. Throws
-// std::system_error if no thread can be started, and std::bad_alloc.
+// Starts delivering one event to one stored request. Parses the request on the calling thread.
+// Starts no worker if the request is for another event or is unreadable, which is logged. Otherwise
+// starts a detached worker, or logs that the delivery is dropped because there are too many. Throws
+// std::system_error if no thread can be created, and std::bad_alloc.
 //
 // The worker waits out the delay without a lock, then decides and runs the command under the kind's
 // mutex. It does not wait for a delay that IsTooLong, and logs a delivery that it drops. If `stop`
-// is signalled during the delay, it logs that and ends.
+// is signaled during the delay, it logs that and ends.
 void StartDelivery(const DeliveryKind& kind, const std::wstring& request, std::uint32_t eventType,
                    const Platform::SharedHandle& stop);
 

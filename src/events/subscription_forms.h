@@ -51,7 +51,7 @@ constexpr const wchar_t* MeaningOf(std::span<const EventCode> codes, std::uint32
   return nullptr;
 }
 
-// One kind of subscription: its name for people, its list in the service's document in the store, a
+// One kind of subscription: its display name, its list in the service's document in the store, a
 // request's member names, and the ids of the commands that change the list.
 struct SubscriptionForm {
   const char* name;
@@ -93,7 +93,7 @@ inline constexpr SubscriptionForm kPackageForm = {.name = "package",
                                                   .unsubscribe = 0,
                                                   .codes = kPackageCodes};
 
-// In the order in which they are listed.
+// In display order.
 inline constexpr const SubscriptionForm* kSubscriptionForms[] = {&kPowerForm, &kZephraForm,
                                                                  &kPackageForm};
 

@@ -34,7 +34,7 @@ const Logging::TraceLogger& Log() {
   return *Logging::LogManager::SetProvider(Logging::kComponentProvider);
 }
 
-// The boundary of the watcher thread and of a notification. Returns the error code, or 0.
+// Catches every exception of the watcher thread or a notification. Returns the error code, or 0.
 template <typename Body>
 std::int32_t CatchAndLog(Body&& body) noexcept {
   try {
@@ -60,7 +60,8 @@ void AwaitCompletion(const Platform::PackageUninstall& uninstall) {
   Log().LogWarning(kTookTooLong, kPollSeconds);
 }
 
-// Locks for the query only: subscribing and logging off must not wait for a command.
+// Holds the lock only for the query, because subscribing and logging off must not wait for a
+// command.
 bool IsGone(const std::wstring& familyName) {
   const std::lock_guard guard(PackageUninstallingPCEvent::rLock);
   return Platform::CurrentMachine().packages->FindForAllUsers(familyName).empty();
@@ -134,12 +135,13 @@ void UninstallWatch::OnUninstalling(const Platform::PackageUninstall& uninstall)
 
 void UninstallWatch::Handle(const Platform::PackageUninstall& uninstall,
                             std::optional<Records::Delivery>& delivery) {
-  // A notification that arrived before a log-off is handled even if it gets the lock only
-  // afterwards: the package is gone, and no other notification follows.
+  // A notification that arrived before a log-off is handled even if it acquires the lock only
+  // afterwards, because the package is gone and no other notification follows.
   if (stopping) return;
   const std::wstring received = uninstall.FamilyName();
   const auto due = [&] { return IsDue(uninstall, received, delivery); };
-  // A notification about another package is only logged: a late run at logon need not wait for it.
+  // A notification about another package is only logged, without RunOnce, so that a late run at
+  // logon does not wait for it.
   if (received != familyName) {
     due();
     return;
@@ -148,8 +150,8 @@ void UninstallWatch::Handle(const Platform::PackageUninstall& uninstall,
     const auto guard = TakeTurn(*command, PackageUninstallingPCEvent::commandTurn);
     delivery->Ends(command->Execute());
   };
-  // Marked before the handlers are called, so that a failing handler does not make the command run
-  // again. The handlers also complete a request that an earlier run left stored.
+  // RunOnce marks the command as run before the handlers are called, so that a failing handler does
+  // not make it run again. The handlers also complete a request that an earlier run left stored.
   mark->RunOnce(run, due);
   if (mark->AwaitsCompletion()) completion->Raise({});
 }

@@ -18,7 +18,7 @@
 
 namespace Vx::Tessel::Server::Services::Orvane {
 
-// Handlers to call after a command has run. Any thread.
+// Handlers to call after a command has run. Thread-safe.
 class CompletionEvent {
  public:
   std::int64_t Add(CompletionHandler handler);
@@ -46,12 +46,13 @@ class UninstallWatch {
   static void Run(const std::shared_ptr<UninstallWatch>& watch,
                   const std::shared_ptr<Platform::PackageCatalog>& catalog) noexcept;
 
-  // Waits until the watcher has added its handler and returns true, or returns false if the watcher
+  // Waits until the watcher has added its handler and returns true. Returns false if the watcher
   // ends without adding one. The watcher must have been started.
   bool AwaitHandler();
 
-  // Ends the watcher now. Later notifications have no effect. One that already waits for another or
-  // for the end of an uninstall still finishes: a log-off does not say whose session ended.
+  // Ends the watcher now. Later notifications have no effect. A notification that already waits for
+  // another one or for the end of an uninstall still finishes, because a log-off does not say whose
+  // session ended.
   void Stop() noexcept;
 
   // Handles one notification, on a system thread.
@@ -62,9 +63,9 @@ class UninstallWatch {
   void Handle(const Platform::PackageUninstall& uninstall,
               std::optional<Records::Delivery>& delivery);
 
-  // Logs a notification and returns whether the command should run: for Uninstalled, waits until
-  // the uninstall is complete and requires that the package is gone. Marks the run as begun before
-  // another notification is decided.
+  // Logs a notification and returns whether the command should run. For Uninstalled, waits until
+  // the uninstall is complete and checks that the package is gone. Marks the run as begun, so that
+  // no other notification starts one.
   bool IsDue(const Platform::PackageUninstall& uninstall, const std::wstring& received,
              std::optional<Records::Delivery>& delivery) const;
   void Pause();
@@ -76,7 +77,7 @@ class UninstallWatch {
   const PackageCatalogEvent event;
   const std::shared_ptr<EventCommand> command;
   const std::shared_ptr<CompletionEvent> completion;
-  // Signalled together with `stopping`, so that a log-off does not wait for the next step. Null if
+  // Signaled together with `stopping`, so that a log-off does not wait for the next poll. Null if
   // Windows could not create it.
   const Platform::UniqueHandle stopEvent;
   std::atomic<bool> stopping{false};

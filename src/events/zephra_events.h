@@ -20,7 +20,7 @@ class SubscribeForZephraEventRequest final : public EventSubscription {
 };
 
 // Delivers Zephra events as PowerEventManager delivers power events. Has its own lock, so that a
-// power command and a Zephra command may run at the same time.
+// power command and a Zephra command can run at the same time.
 class ZephraEventManager {
  public:
   ZephraEventManager() = delete;
