@@ -6,12 +6,12 @@ namespace Vx::Tessel::Server::Services::Orvane {
 
 inline constexpr wchar_t kThrew[] = L"%S.%S threw exception %S";
 
-// Logs the current exception as one of the service's `operation`, on behalf of the client `caller`,
-// or of none if null. Call only inside a catch block.
+// Logs the current exception as an exception of the service's `operation`, for the client `caller`
+// (null for none). Call only inside a catch block.
 void LogCurrentException(const char* operation, const wchar_t* caller = nullptr) noexcept;
 
-// The boundary of a slot or a task without a result code: runs `body`, logs an exception and
-// returns false if there was one.
+// Runs `body` for a slot or a task that has no result code. Logs an exception and returns false if
+// there was one.
 template <typename Body>
 bool CatchAndLog(const char* operation, Body&& body) noexcept {
   try {

@@ -10,15 +10,15 @@ namespace Vx::Tessel::Server::Services::Orvane {
 // The longest caller identity, in characters without the terminator.
 inline constexpr std::size_t kMaxClientIdLength = 64;
 
-// Creates the record that carries a caller's identity (null counts as empty) and returns 0, or
-// 0x20000002 and a null record if out of memory. Ignores a null `context`. A longer identity breaks
-// the host's contract and ends the process: if shortened, it could match another client's.
+// Creates the record that holds a caller's identity (null means empty) and returns 0. If out of
+// memory, returns 0x20000002 and a null record. Ignores a null `context`. A longer identity breaks
+// the host's contract and ends the process, because a truncated one could match another client's.
 std::uint32_t MakeClientContext(const wchar_t* clientId, ClientContext** context) noexcept;
 
-// Frees the record and its text. Accepts nulls. Returns 0.
+// Frees the record and its string. Accepts nulls. Returns 0.
 std::uint32_t FreeClientContext(ClientContext** context) noexcept;
 
-// Ends the process if `clientId` is longer than a caller identity can be.
+// Ends the process if `clientId` is longer than kMaxClientIdLength.
 void RequireClientId(const wchar_t* clientId) noexcept;
 
 // Logs `what` as an error and ends the process, because the host or a component broke its contract.

@@ -22,7 +22,7 @@ struct Call {
   Records::Record& record;
 };
 
-// Records whether a command did what it is for, unless its request was wrong.
+// Records whether a command did its work, unless its request was wrong.
 inline void Decide(const Call& call, bool succeeded, Records::Decision done,
                    Records::Decision undone) {
   if (call.caller.problem->key != nullptr) return;
@@ -30,7 +30,7 @@ inline void Decide(const Call& call, bool succeeded, Records::Decision done,
       succeeded ? Records::Outcome{done} : Records::Outcome{undone, Records::Reason::EarlierLines};
 }
 
-// Adds a result of one value to the response.
+// Adds a result with one value to the response.
 template <typename Value>
 void AddAnswer(const Call& call, std::wstring_view key, Value value) {
   Json::WideValue answer(rapidjson::kObjectType);

@@ -38,7 +38,7 @@ std::wstring ConsentStore::ReadRegistry(const std::wstring& key, const std::wstr
   const auto stored = Platform::CurrentMachine().registry->Read(key, value);
   if (!stored) return {};
   if (stored->type == kRegSz) return Platform::TextOf(*stored);
-  // The format takes narrow strings, and both names are ASCII.
+  // The format takes narrow strings. Both names are ASCII.
   const std::string narrowKey(key.begin(), key.end());
   const std::string narrowValue(value.begin(), value.end());
   Logging::LogManager::GetLogger()->LogError(kUnsupportedType, kReadRegistry, narrowKey.c_str(),

@@ -4,10 +4,11 @@
 
 namespace Vx::Tessel::Server {
 
-// The machine policy on sharing the owner's registration. Does not cache. Any thread.
+// The machine policy on sharing the owner's registration. Does not cache. Thread-safe.
 class ConsentStore {
  public:
-  // Reads below HKEY_LOCAL_MACHINE. Empty if missing or, logged, if it is not a REG_SZ.
+  // Reads a value below HKEY_LOCAL_MACHINE. Returns an empty string if it is missing or not a
+  // REG_SZ. Logs the latter.
   static std::wstring ReadRegistry(const std::wstring& key, const std::wstring& value);
 
   // Returns `state` if the policy allows sharing it, otherwise 0.

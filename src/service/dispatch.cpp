@@ -37,14 +37,14 @@ constexpr wchar_t kResponseTooLong[] = L"a response has more than 65,536 charact
 constexpr const char* kClass = Platform::TypeName<OrvaneService>();
 constexpr char kExecuteCommand[] = "ExecuteCommand";
 
-// Bytes on the stack for the documents of one call: enough for a request of some hundred characters
-// and for every response but a list of subscriptions.
+// Bytes on the stack for the documents of one call: enough for a request of a few hundred
+// characters and for every response except a list of subscriptions.
 constexpr std::size_t kRequestPool = 4096;
 constexpr std::size_t kResponsePool = 2048;
 
 using Handler = std::uint32_t (*)(const Call& call);
 
-// What distinguishes a command from one that only reads, needs no interactive users and refuses a
+// The traits of a command. A command without traits only reads, needs no session API and refuses a
 // request that is not JSON.
 constexpr unsigned kNeedsSessionApi = 1;
 constexpr unsigned kIgnoresBadJson = 2;
@@ -54,7 +54,7 @@ constexpr unsigned kChanges = 4;
 struct Command {
   std::uint32_t id = 0;
   const wchar_t* name = nullptr;    // for people, as the heading of its page
-  const char* operation = nullptr;  // in the line of an exception; null if the handler has its own
+  const char* operation = nullptr;  // for an exception's log line; null if the handler logs its own
   Handler run = nullptr;
   unsigned traits = 0;
 };
@@ -123,8 +123,7 @@ const Command& CommandOf(std::uint32_t id) {
   return id < std::size(kCommands) ? kCommands[id] : kNoCommand;
 }
 
-// The boundary of a handler whose operation the log names: a standard exception becomes a log line
-// and 0x20000002.
+// Runs a handler whose operation the log names. Logs a standard exception and returns 0x20000002.
 std::uint32_t ResultFromException(const Command& command, const Call& call) {
   try {
     return command.run(call);
@@ -141,7 +140,7 @@ std::uint32_t ResultFromException(const Command& command, const Call& call) {
   }
 }
 
-// The boundary of the handlers. Most contain their own failures, and the rest end here.
+// Runs any handler. Most contain their own failures. The rest end here.
 std::uint32_t RunHandler(const Command& command, const Call& call, std::uint32_t id) {
   if (command.run == nullptr) {
     Log(call.caller).LogError(kUnsupported, kClass, kExecuteCommand, id);
@@ -161,7 +160,7 @@ std::uint32_t RunHandler(const Command& command, const Call& call, std::uint32_t
   return result;
 }
 
-// Copies the response into a buffer of the C allocator. Returns false when there is no memory.
+// Copies the response into a buffer from malloc. Returns false if out of memory.
 bool Deliver(const Json::WideDocument& answer, wchar_t** response) {
   Json::TextBuffer buffer;
   Json::WriteJson(answer, buffer);
@@ -194,7 +193,7 @@ std::uint32_t Execute(OrvaneService& service, std::uint32_t id, const wchar_t* r
   throw std::bad_alloc();
 }
 
-// Logs why a request was refused or not taken as its sender meant it.
+// Logs why a request was refused, or what was wrong with one that was carried out.
 void LogProblem(std::uint32_t id, std::uint32_t result, const RequestCaller& caller) {
   RequestProblem& problem = *caller.problem;
   if (problem.key == nullptr) {
@@ -213,7 +212,7 @@ void LogProblem(std::uint32_t id, std::uint32_t result, const RequestCaller& cal
   }
 }
 
-// The checks before the documents are made. Returns kSuccess for a command that may run.
+// Makes the checks that need no documents. Returns kSuccess if the command may run.
 std::uint32_t CheckCall(const ClientContext* context, std::uint32_t id, const wchar_t* request,
                         wchar_t** response, const RequestCaller& caller) {
   if ((CommandOf(id).traits & kNeedsSessionApi) != 0 &&
@@ -267,7 +266,7 @@ std::uint32_t Dispatch(OrvaneService& service, const ClientContext* context, std
     problem.reason = Records::Reason::Exception;
     result = kFailed;
   }
-  // An unknown id has left its own line.
+  // An unknown id has already been logged.
   if (result != kUnsupportedFunction) LogProblem(id, result, caller);
   const auto decide = [&](const Records::Outcome& outcome) {
     if (record.outcome.decision == Records::Decision::None) record.outcome = outcome;

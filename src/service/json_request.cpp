@@ -37,7 +37,7 @@ const Json::WideValue* FindMember(const Json::WideDocument& document, const wcha
   return member == document.MemberEnd() ? nullptr : &member->value;
 }
 
-// Reads a request's text under `key`. Empty if it cannot be read.
+// Reads the string under `key` in a request. Returns an empty one if it cannot be read.
 std::wstring_view ReadText(const Json::WideDocument* document, const wchar_t* key,
                            const char* reader, const char* resultName,
                            const RequestCaller& caller) {

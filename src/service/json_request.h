@@ -14,8 +14,8 @@ namespace Vx::Tessel::Server::Services::Orvane {
 
 class OrvaneService;
 
-// What is wrong with a request, for the log line that explains the refusal. Must not allocate: the
-// first two members point to constants.
+// What is wrong with a request, for the log line that explains the refusal. Must not allocate, so
+// the first two members point to constants.
 struct RequestProblem {
   const wchar_t* key = nullptr;  // the member or argument, null if nothing is wrong
   const wchar_t* what = L"";     // appended to `key` in the message
@@ -40,17 +40,17 @@ struct NullCheck {
 };
 
 // Checked accessors of a request document. None throws for bad input: each logs a missing or
-// mistyped member as a warning and returns false or an empty text. An identity of more than 64
+// mistyped member as a warning and returns false or an empty string. An identity of more than 64
 // characters terminates the process.
 
 // Logs every null pointer. Returns true if there is one.
 bool NullChecker(std::initializer_list<NullCheck> checks, const RequestCaller& caller);
 
-// Finds a member of the root object, which lives as long as the document.
+// Finds a member of the root object. The member lives as long as the document.
 bool GetJsonValue(const Json::WideDocument* document, const wchar_t* jsonName,
                   const Json::WideValue** outJsonValue, const RequestCaller& caller);
 
-// Finds a string's text, which lives as long as the document and ends at an escaped NUL.
+// Finds a string member. The string lives as long as the document and ends at an escaped NUL.
 bool ParseJsonValue(const Json::WideDocument* document, const wchar_t* jsonName,
                     const wchar_t** resultValue, const RequestCaller& caller);
 
@@ -58,7 +58,8 @@ bool ParseJsonValue(const Json::WideDocument* document, const wchar_t* jsonName,
 bool ParseJsonValue(const Json::WideDocument* document, bool* resultValue,
                     const RequestCaller& caller);
 
-// Return "keyName" as UTF-8, "parameter" or "packageFamilyName". Empty if it cannot be read.
+// Return the string under "keyName" (as UTF-8), "parameter" or "packageFamilyName", or an empty
+// string if it cannot be read.
 std::string SkipAutoLaunchCriteriaRequest(const Json::WideDocument* document,
                                           const RequestCaller& caller);
 std::wstring LaunchQuboWithParameterRequest(const Json::WideDocument* document,
@@ -68,7 +69,7 @@ std::wstring IsUwpInstalledRequest(const Json::WideDocument* document, const Req
 // In characters.
 inline constexpr std::size_t kMaxResponseLength = 65536;
 
-// `key` is a literal and is not copied.
+// Adds a member. `key` must be a literal, because it is not copied.
 void AddMember(Json::WideValue& object, std::wstring_view key, Json::WideValue&& value,
                Json::WidePool& allocator);
 

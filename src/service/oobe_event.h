@@ -4,9 +4,9 @@ namespace Vx::Tessel::Server::Services::Orvane {
 
 struct ServiceState;
 
-// The work of slot 8: schedules the AI-experience app and notifies the companion app, once per
-// machine, that first-run set-up is over. Returns true if nothing is left to do or the store cannot
-// be opened, and false to be called again later. Serialised within this process. Blocks until the
+// Does the work of slot 8: schedules the AI-experience app and notifies the companion app, once per
+// machine, that first-run setup is over. Returns true if nothing is left to do or the store cannot
+// be opened, and false to be called again later. Serialized within this process. Blocks until the
 // companion app replies. Logs exceptions and returns false.
 bool RunOobeEventTask(ServiceState& state) noexcept;
 

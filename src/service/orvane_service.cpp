@@ -40,7 +40,7 @@ constexpr char kListBroken[] = "the stored list is not a JSON array";
 constexpr wchar_t kSubscriptionsDone[] = L"GetSubscriptions executed";
 constexpr wchar_t kSleepStateDone[] = L"GetSleepState executed";
 
-// A response of command 20 without its lists, and the longest one without requests.
+// The response of command 20 without its lists, and the longest response without requests.
 constexpr std::wstring_view kListFrame = LR"({"result":{"power_events":,"zephra_events":}})";
 constexpr std::wstring_view kPartFrame =
     LR"({"result":{"power_events":[],"zephra_events":[],"omitted":4294967295}})";
@@ -69,7 +69,7 @@ void SignalIfMade(Platform::RawHandle event) {
   if (event != nullptr) Platform::CurrentMachine().kernelObjects->Signal(event);
 }
 
-// Reads the stored requests under `key`. Like a replay, omits elements that are not objects.
+// Reads the stored requests under `key`. Like a replay, skips elements that are not objects.
 Json::WideValue RequestsUnder(const char* key, Json::WidePool& pool) {
   Json::WideValue requests(rapidjson::kArrayType);
   const std::wstring text = RequestManager(kServiceDocument, key).RequireStoredList();
@@ -100,8 +100,8 @@ std::size_t TextLength(const Json::WideValue& value) {
   return stream.length;
 }
 
-// Removes each request of `list` that no longer fits into `room` characters and deducts the others
-// from `room`. Returns how many were removed.
+// Removes each request from `list` that no longer fits into `room` characters, and deducts the
+// others from `room`. Returns how many were removed.
 unsigned LeaveOut(Json::WideValue& list, std::size_t& room, Json::WidePool& pool) {
   Json::WideValue listed(rapidjson::kArrayType);
   for (auto& request : list.GetArray()) {
@@ -129,7 +129,7 @@ OrvaneService::OrvaneService() : state(std::make_shared<ServiceState>()) {}
 OrvaneService::~OrvaneService() {
   SignalIfMade(state->stopEvent.get());
   SignalIfMade(state->sessionStopEvent.get());
-  // Their watchers would keep the module loaded for good.
+  // Their watchers would keep the module loaded forever.
   CatchAndLog("Destroy", [this] { PackageCatalogEventManager::clear_events(state.get()); });
 }
 

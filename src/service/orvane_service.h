@@ -11,7 +11,7 @@ namespace Vx::Tessel::Server::Services::Orvane {
 
 struct Call;
 
-// The service object that the host drives. Any host thread may call any slot at any time after
+// The service object that the host calls. Any host thread may call any slot at any time after
 // creation, even before Start. No exception leaves a slot, because the host's compiler could not
 // catch it. A slot without a result code logs its failures.
 class OrvaneService final : public VxService {
@@ -19,7 +19,7 @@ class OrvaneService final : public VxService {
   // Returns a new service, to be freed through Destroy(1), or null if out of memory.
   static OrvaneService* Create() noexcept;
 
-  // Signals both stop events. A running task keeps its share of the state until it has seen one.
+  // Signals both stop events. A running task keeps the state alive until it has seen one.
   void* Destroy(unsigned flags) noexcept override;
   std::uint32_t CreateClientContext(const wchar_t* clientId,
                                     ClientContext** context) noexcept override;
@@ -28,7 +28,7 @@ class OrvaneService final : public VxService {
                                const wchar_t* request, wchar_t** response,
                                CompletionCallback* callback) noexcept override;
 
-  // If the `startup_task` thread cannot be started, logs that and stays usable for commands.
+  // If the `startup_task` thread cannot be created, logs that and remains usable for commands.
   void Start() noexcept override;
   void power_event_task(std::uint32_t eventType) noexcept override;
   bool oobe_event_task() noexcept override;
@@ -37,8 +37,8 @@ class OrvaneService final : public VxService {
   // Stores a package subscription and makes it live for this service.
   bool RegisterAppPackageEvent(const wchar_t* request);
 
-  // Change the stored power and platform ("Zephra") subscriptions, or raise the policy event. The
-  // second string is not used. Return 0 and, unless `outcome` is null, what was done.
+  // All return 0. Change the stored power and platform ("Zephra") subscriptions, or raise the
+  // policy event. The second string is not used. `outcome`, if not null, receives what was done.
   int RegisterPowerEvent(const wchar_t* request, const wchar_t* unused,
                          Records::Outcome* outcome = nullptr);
   int UnregisterPowerEvent(const wchar_t* request, const wchar_t* unused,
@@ -50,7 +50,7 @@ class OrvaneService final : public VxService {
   int OnPolicyChangedEvent(const wchar_t* unused, const wchar_t* unusedToo,
                            Records::Outcome* outcome = nullptr);
 
-  // Deliver an event to every stored subscription of its kind (see FulfillSubscriptions).
+  // Both deliver an event to every stored subscription of its kind (see FulfillSubscriptions).
   void FulfillPowerManagementEventRequests(std::uint32_t eventType);
   void FulfillZephraManagementEventRequests(std::uint32_t eventType);
   // For a background task, which may outlive the service object.
@@ -60,7 +60,7 @@ class OrvaneService final : public VxService {
   // Command handlers, see query_handlers.h.
   //
   // Id 20, "power_events" and "zephra_events": the stored requests as objects, in stored order.
-  // "omitted" counts those that do not fit into the response. Fails if a list cannot be read.
+  // "omitted" is the number that did not fit into the response. Fails if a list cannot be read.
   static std::uint32_t GetSubscriptions(const Call& call);
 
   // Id 21, "sleepState": the number that another service stored, or 0.
@@ -69,8 +69,8 @@ class OrvaneService final : public VxService {
   // Returns whether the machine was in S mode at its first start and no longer is.
   bool HasBeenInSMode();
 
-  // Starts the preloaded software that could not run in S mode, if it is installed and trusted,
-  // without waiting for it. Returns whether it was started.
+  // Starts the preloaded software that could not run in S mode, if it is installed and trusted.
+  // Does not wait for it. Returns whether it was started.
   bool Launch10SSwitchSoftwares();
 
  private:

@@ -48,7 +48,7 @@ void HandlePowerEvent(OrvaneService& service, std::uint32_t eventType) {
   // Constructed first, so that an unreadable store is logged first.
   const Qubo::QuboFacade facade;
   logger.LogInfo(kPowerEventTrace, kPowerEventTask, "Enter");
-  // Subscribers must get their event even if the host's library fails.
+  // Subscribers must receive the event even if the host's library fails.
   CatchAndLog("power_event_task",
               [] { Platform::CurrentMachine().appServices->Open({}, {})->SystemRestarted(); });
   service.FulfillPowerManagementEventRequests(eventType);

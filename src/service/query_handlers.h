@@ -7,13 +7,14 @@
 namespace Vx::Tessel::Server::Services::Orvane {
 
 // The commands that query or set one value. Each adds its result to the response and returns 0. On
-// failure it returns 0x20000002 and leaves the response alone, as the dispatch does for a standard
-// exception, which it logs.
+// failure it returns 0x20000002 and adds nothing. If it throws a standard exception, Dispatch logs
+// that and returns the same code.
 
 // Id 0, "sMode": the lockdown mode of Windows.
 std::uint32_t GetLockdownMode(const Call& call);
 
-// Id 2, "registrationState": the owner's registration if the consent policy allows sharing it.
+// Id 2, "registrationState": the owner's registration, or 0 if the consent policy forbids sharing
+// it.
 std::uint32_t GetRegistrationState(const Call& call);
 
 // Id 3, "setOperationOkay": marks the reason "keyName" for an automatic launch as used.

@@ -4,10 +4,10 @@
 
 namespace Vx::Tessel::Server::Services::Orvane {
 
-// Stores the lockdown mode of the first start unless one is stored. Does not log failures.
+// Stores the lockdown mode at the first start unless one is already stored. Does not log failures.
 void SetFirstLockDownMode(const Logging::TraceLogger& logger);
 
-// Starts `pathToExecute` with `arguments` as the service, if it is trusted.
+// Starts `pathToExecute` with `arguments` as the service's account, if it is trusted.
 bool LaunchExeFor10SSwitch(const wchar_t* pathToExecute, const wchar_t* arguments);
 
 }  // namespace Vx::Tessel::Server::Services::Orvane

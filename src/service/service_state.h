@@ -9,8 +9,8 @@
 namespace Vx::Tessel::Server::Services::Orvane {
 
 // The state shared by the service object and its background tasks. The tasks are detached and may
-// outlive the service object, which signals both events when it is destroyed and does not wait. If
-// an event is null, every wait on it fails at once and its task ends.
+// outlive the service object, whose destructor signals both events and does not wait. If an event
+// is null, every wait on it fails at once and its task ends.
 struct ServiceState {
   ServiceState();
   ServiceState(const ServiceState&) = delete;

@@ -49,7 +49,8 @@ bool Pause(Platform::RawHandle stop, std::chrono::milliseconds length, Platform:
   return wait.outcome == Platform::WaitOutcome::TimedOut;
 }
 
-// A failed query counts as "not yet". Returns false if the service ends first.
+// Waits for the end of OOBE. A failed query means "not yet". Returns false if the service ends
+// first.
 bool WaitForOobe(const ServiceState& state) {
   Platform::WaitResult wait;
   for (int poll = 0;; ++poll) {
@@ -64,24 +65,25 @@ bool WaitForOobe(const ServiceState& state) {
   }
 }
 
-// Activates the stored package subscriptions. A service destroyed since the wait for OOBE has
-// already ended its own, and these would be watched forever.
+// Activates the stored package subscriptions. If the service was destroyed after the wait for OOBE,
+// it has already ended its own, and these would be watched forever.
 void WatchStoredPackages(const ServiceState& state) {
   RegisterExistingPackageCatalogManagerRequests(&state, state.stopEvent);
-  // A service without a stop event is treated as ended, because its end could not be noticed.
+  // A service without a stop event is treated as ended, because its end could not be detected.
   if (PackageCompletion::HasEnded(state.stopEvent))
     PackageCatalogEventManager::clear_events(&state);
 }
 
-// Runs once per service object, however often this task runs. Does not wait for the check.
+// Runs once per service object, however often the startup task runs. Does not wait for the check.
 void StartWakeupCheck(const std::shared_ptr<ServiceState>& state) {
   if (state->wakeupCheckDone) return;
   state->logger->LogInfo(kStarted, kWakeupCheckName);
-  // Start-up continues even if no thread can be created for the check.
+  // Startup continues even if no thread can be created for the check.
   CatchAndLog("startup_task", [&] { Platform::StartDetached([state] { RunWakeupCheck(state); }); });
 }
 
-// Returns false if the service ends first, and true even if no user signed in within two hours.
+// Returns true once a user has signed in or two hours have passed, and false if the service ends
+// first.
 bool WaitForUser(const ServiceState& state) {
   state.logger->LogInfo(kUserWait);
   const Launcher launcher;

@@ -6,7 +6,8 @@ namespace Vx::Tessel::Server::Services::Orvane {
 
 struct ServiceState;
 
-// The start-up thread's body and boundary. Its waits end when the service object is destroyed.
+// The startup thread's body. Catches every exception. Its waits end when the service object is
+// destroyed.
 void RunStartupTask(const std::shared_ptr<ServiceState>& state) noexcept;
 
 }  // namespace Vx::Tessel::Server::Services::Orvane

@@ -46,8 +46,9 @@ RequestProblem ProblemOf(const Platform::WindowsRuntimeError& error) {
   }
 }
 
-// Names the subscription in the record. A power or platform subscription is stored unread, so a
-// fault in it does not change the result. Report the fault now instead of when the event occurs.
+// Names the subscription in the record. A power or platform subscription is stored without being
+// read, so a fault in it does not change the result. Report the fault now instead of when the event
+// occurs.
 enum class Faults { Reported, Ignored };
 void Name(const Call& call, const SubscriptionForm& form, Faults faults = Faults::Ignored) {
   try {
@@ -58,7 +59,7 @@ void Name(const Call& call, const SubscriptionForm& form, Faults faults = Faults
     *call.caller.problem = {L"request", L"will never run: ", error.message(), Reason::Unreadable};
     if (outcome.reason == Reason::None) outcome.reason = Reason::Unreadable;
   } catch (const std::exception&) {  // NOLINT(bugprone-empty-catch)
-    // The list has changed, so the result stays even if there is no memory for a second look.
+    // The list has already changed, so running out of memory here does not change the result.
   }
 }
 

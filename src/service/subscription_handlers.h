@@ -6,18 +6,18 @@
 
 namespace Vx::Tessel::Server::Services::Orvane {
 
-// The commands that change or use the stored subscriptions. None adds to the response, and none
-// throws std::exception.
+// The commands that change or use the stored subscriptions. None adds to the response or throws
+// std::exception.
 
-// Id 7: stores a package subscription and makes it live. Returns the HRESULT of a Windows Runtime
-// error, after removing the request, or 0x20000009 for a request that is already stored.
+// Id 7: stores a package subscription and makes it live. On a Windows Runtime error, removes the
+// request and returns the HRESULT. Returns 0x20000009 for a request that is already stored.
 std::uint32_t SubscribeToPackageEvent(const Call& call);
 
-// Ids 9 and 14. Log failures and return 0.
+// Ids 9 and 14. Both log failures and return 0.
 std::uint32_t SubscribeToPowerEvent(const Call& call);
 std::uint32_t SubscribeToZephraEvent(const Call& call);
 
-// Ids 19 and 15. Log failures and return 0.
+// Ids 19 and 15. Both log failures and return 0.
 std::uint32_t UnsubscribeFromPowerEvent(const Call& call);
 std::uint32_t UnsubscribeFromZephraEvent(const Call& call);
 

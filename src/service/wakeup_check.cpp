@@ -30,7 +30,7 @@ constexpr std::chrono::seconds kPause{5};
 constexpr std::int64_t kSameBoot = 60;  // seconds, for the jitter between two clocks
 constexpr int kLongestWait = 720;       // seconds
 
-constexpr std::uint64_t kUnitsPerSecond = 10'000'000;  // of the FILETIME scale
+constexpr std::uint64_t kUnitsPerSecond = 10'000'000;  // FILETIME units
 constexpr std::int64_t kUnixEpoch = 11'644'473'600;    // seconds from 1601 to 1970
 
 // Waits one step. Returns false if the service ends first.
@@ -48,7 +48,7 @@ std::int64_t BootTime() {
   return now - static_cast<std::int64_t>(clock.TickCount() / 1000);
 }
 
-// Returns whether this boot is new, and if so records it as handled, even without a user.
+// Returns whether this boot is new. If so, records it as handled, even if no user signs in.
 bool IsNewBoot(const ServiceState& state, Storage::CapDataStore& store, std::int64_t storedBoot) {
   const std::int64_t boot = BootTime();
   // The stored number may be anything. A difference of doubles cannot overflow.

@@ -9,8 +9,9 @@ struct ServiceState;
 inline constexpr char kWakeupCheckName[] =
     "Vx::Tessel::Server::Services::Orvane::OrvaneService::CheckToSendWakeupEvent";
 
-// The wake-up thread's body and boundary. After a new boot of Windows it waits up to twelve minutes
-// for a real user, then raises the platform event, once per boot. Its waits end with the service.
+// The wake-up thread's body. Catches every exception. After Windows has booted, waits up to twelve
+// minutes for a real user, then raises the platform event, once per boot. Its waits end with the
+// service.
 void RunWakeupCheck(const std::shared_ptr<ServiceState>& state) noexcept;
 
 }  // namespace Vx::Tessel::Server::Services::Orvane
