@@ -33,7 +33,7 @@ constexpr wchar_t kLaunchThrewUnknown[] = L"Problem while launching Vx Aurelo.";
 constexpr char kLaunchedMark[] = "oobe_complete_aurelo_launched";
 constexpr std::chrono::hours kDelay{1};
 
-// Returns null, and logs, if the store cannot be opened. Its mutex may still throw later.
+// Returns null if the store cannot be opened, which is logged. Its mutex may still throw later.
 std::unique_ptr<Storage::CapDataStore> OpenStore(const Logging::TraceLogger& logger) {
   auto store = Storage::TryOpenStore();
   if (store == nullptr) logger.LogError(kNoStore);
@@ -47,8 +47,9 @@ void LaunchUnlessMarked(const Logging::TraceLogger& logger) {
     logger.LogInfo(kNotSending);
     return;
   }
-  // Marked before it is made, or each start of the service would retry an app that cannot be
-  // started. A store that could not be read may hold the mark, even if it can be written by now.
+  // Marked before the launch, because otherwise each start of the service would retry an app that
+  // cannot be started. A store that could not be read may contain the mark, even if it can be
+  // written now.
   if (!Storage::MayReplace(store->State()) || !store->persist(kLaunchedMark, true)) {
     logger.LogWarning(kNotMarked);
     return;
@@ -56,7 +57,7 @@ void LaunchUnlessMarked(const Logging::TraceLogger& logger) {
   logger.LogInfo(AureloFacade().LaunchUwpForOobe() ? kLaunched : kNotLaunched);
 }
 
-// The worker's only exception boundary.
+// The body of the worker. Catches every exception.
 void LaunchLater(const Platform::SharedHandle& timer, const Logging::TraceLogger& logger) noexcept {
   try {
     // If there is no timer, the wait returns at once and the app is launched without a delay.

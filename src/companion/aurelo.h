@@ -19,7 +19,7 @@ class AureloLaunchBehavior final : public Base::ApplicationLaunchBehavior {
   bool Run() const override;
 };
 
-// The AI-experience app of the console user. Constructed for one operation.
+// The AI-experience app of the console user. Construct one per operation.
 class AureloFacade {
  public:
   AureloFacade();
@@ -32,11 +32,11 @@ class AureloFacade {
 };
 
 // The waitable timer of the last scheduled launch. Expired if that launch is over or none was
-// scheduled. The launch owns the timer, because it outlives the service object.
+// scheduled. The launch owns the timer, because the launch outlives the service object.
 using LaunchTimer = std::weak_ptr<void>;
 
-// Schedules the one launch of the AI-experience app for an hour from now, unless the store records
-// that it has been launched.
+// Schedules the single launch of the AI-experience app for an hour from now, unless the store
+// records that it has been launched.
 //
 // Each call starts a detached worker with its own timer. The first worker whose hour ends marks the
 // store and launches the app, and later workers find the mark. If the launch cannot be marked, the
@@ -44,7 +44,7 @@ using LaunchTimer = std::weak_ptr<void>;
 // the service does not end a worker. If the timer cannot be set, the worker launches the app at
 // once.
 //
-// `logger` lives as long as the process. `aureloLaunchTimer` is written before the worker starts.
+// `logger` must live as long as the process. `aureloLaunchTimer` is set before the worker starts.
 // Make one call at a time. Throws std::system_error if no thread can be created, and whatever the
 // store throws if its mutex fails.
 void ScheduleLaunch(const Logging::TraceLogger& logger, LaunchTimer& aureloLaunchTimer);

@@ -7,7 +7,7 @@
 #include "companion/registration.h"
 
 // The questions and actions of the launch decisions, each replaceable. In every class the virtual
-// destructor comes first and the operations keep this order. One thread at a time.
+// destructor comes first and the operations keep this order. Use from one thread at a time.
 namespace Vx::Tessel::Server::Services::Orvane::Base {
 
 class SoftwareCheckBehavior {
@@ -62,7 +62,8 @@ class UwpBuildInfoDataAccess {
  public:
   virtual ~UwpBuildInfoDataAccess() = default;
 
-  // Returns Windows' staged-package origin code and the version: four 16-bit parts, major highest.
+  // Returns Windows' staged-package origin code and the version: four 16-bit parts, the major one
+  // highest.
   virtual std::pair<std::int32_t, std::uint64_t> GetOriginAndVersion() const = 0;
 };
 

@@ -57,7 +57,7 @@ static_assert(std::wstring_view(kOobeCompleted).size() == 31);
 constexpr unsigned kStubMinor = 0;
 constexpr unsigned kNuboMinor = 1;
 
-// Logs `error` even if there is no memory to convert its text.
+// Logs `error` even if there is not enough memory to convert its text.
 void LogRegistrationFailure(const Logging::TraceLogger& logger,
                             const std::exception& error) noexcept {
   try {
@@ -78,7 +78,7 @@ bool NotifyOfOobe(const Logging::TraceLogger& logger, const wchar_t* packageFami
   }
 }
 
-// Returns the thread's user's package, or an empty text if there is none or the query fails.
+// Returns the package of the thread's user, or an empty string if there is none or the query fails.
 std::wstring FullNameOf(const CompanionApp& app) {
   try {
     return FirstPackageOf(app.packageFamilyName);

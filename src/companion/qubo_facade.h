@@ -17,7 +17,7 @@ struct QuboLaunchOverride {
   bool forceRun = false;  // launch at every resume, whatever the other rules say
 };
 
-// Registers the console user's companion app, notifies it that set-up is complete, starts it, and
+// Registers the console user's companion app, notifies it that setup is complete, starts it, and
 // decides whether a resume has to start it.
 //
 // Constructed, used for one operation and destroyed on one thread. Keeps state only in the shared
@@ -51,7 +51,8 @@ class QuboFacade {
   // `name` receives the console user as "domain\user".
   bool GetCurrentUserName(std::wstring& name) const;
 
-  // `fullName` receives the console user's companion package, or else the predecessor's.
+  // `fullName` receives the console user's companion package, or if there is none the
+  // predecessor's.
   bool GetPackageFullName(std::wstring& fullName) const;
 
   // Registers the package if it is only staged. Returns true if it is registered afterwards.
@@ -61,8 +62,8 @@ class QuboFacade {
   bool LaunchUwpForOobe() const;
   bool LaunchUwpWithParameter(const std::wstring& parameter) const;
 
-  // Registers the package, decides, and starts the app if so decided. The reason counts as used
-  // even if the app could not be started.
+  // Registers the package, decides, and starts the app if so decided. Marks the reason as used even
+  // if the app could not be started.
   QuboStartingPoint LaunchUwpWhenComingBackFromSleepIfNeeded();
 
   // Does the same without registering the package. Ignores `criteria`.
@@ -72,17 +73,17 @@ class QuboFacade {
   // Returns what a resume would do now, and why. Changes nothing.
   ResumeDecision ExplainResume() const;
 
-  // Notifies the app through its app service that set-up is complete.
+  // Notifies the app through its app service that setup is complete.
   bool CallAppServiceAfterOobe() const;
   bool CallAppServiceAfterOobe(const std::wstring& packageFamilyName,
                                const std::wstring& appServiceName) const;
 
-  // Marks one reason for an automatic launch as used. Accepts any key of 1 to 256 UTF-16 units.
+  // Marks a reason for an automatic launch as used. Accepts any key of 1 to 256 UTF-16 units.
   bool SkipAutoLaunchCriteria(const std::string& key) const;
   bool SkipAutoLaunchCriteria(
       const std::shared_ptr<Base::ApplicationLaunchCriteriaDataAccess>& criteria) const;
 
-  // Return whether the predecessor's package is a 1.0 placeholder or a 1.1 build.
+  // Return whether the predecessor's package is a 1.0 placeholder (IsStubClient) or a 1.1 build.
   bool IsStubClient() const;
   bool IsNuboClient() const;
 
@@ -93,7 +94,7 @@ class QuboFacade {
   ResumeDecision GetStartingPointWhenComingBackFromSleepForWindowsS() const;
   void MarkAsUsed(QuboStartingPoint reason) const;
 
-  // Runs `action` as the console user. Returns its result, or false if that is impossible.
+  // Runs `action` as the console user and returns its result, or false if that is impossible.
   template <typename Action>
   bool AsConsoleUser(Action&& action) const;
 

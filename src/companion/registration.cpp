@@ -61,8 +61,8 @@ Platform::ActingReport ReportTo(const Logging::TraceLogger& logger) {
   };
 }
 
-// A single copy operation. Owns everything that its thread needs, because the thread may outlive
-// the command.
+// One copy operation. Owns everything that its thread needs, because the thread may outlive the
+// command.
 struct Copy {
   Copy(const wchar_t* client, const Logging::TraceLogger& log) : caller(client), logger(log) {}
 
@@ -75,8 +75,8 @@ struct Copy {
   bool copied = false;
   std::atomic<bool> ended = false;
 
-  // The user controls the destination folder, where a link may wait, and the variables in both
-  // paths. So the copy runs with this user's rights, never with more and never with another user's.
+  // The user controls the destination folder, which may contain a link, and the variables in both
+  // paths. So the copy runs with exactly this user's rights.
   void Run() noexcept {
     try {
       const auto report = ReportTo(*Logging::LogManager::SetProvider(Logging::kComponentProvider));
@@ -100,17 +100,18 @@ bool Expand(const wchar_t* path, std::wstring& expanded, Platform::OneLogon& use
   return McAfeeHelper().expand_path_impersonated_as_loggedin_user(path, expanded, &user);
 }
 
-// Returns whether the user at the console is still the one of `user`. Logs if not.
+// Gets a token of the console user, who must still be `user`. Returns false on failure, which is
+// logged.
 bool TakeRights(Copy& copy, Platform::OneLogon& user) {
   const auto report = ReportTo(*Logging::LogManager::SetProvider(Logging::kComponentProvider));
   copy.token = Platform::ConsoleUserToken(Platform::TokenType::Impersonation, report, &user);
   return copy.token != nullptr;
 }
 
-// Copies on a separate thread, because the user can delay each access to their files indefinitely,
+// Copies on a separate thread, because the user can delay any access to their files indefinitely,
 // for instance with an opportunistic lock. Cancels a copy that takes too long. While its thread
-// still hangs, later copies cancel it again and fail, so that one user cannot fill the process with
-// threads. So do those that wait for their turn as long as a copy may take.
+// still hangs, each later copy cancels it again and fails, so that one user cannot fill the process
+// with threads. A copy also fails if it waits for its turn as long as a copy may take.
 bool AwaitCopy(const CopyPtr& copy) noexcept try {
   static std::mutex turn;
   static CopyPtr hanging;
@@ -132,7 +133,7 @@ bool AwaitCopy(const CopyPtr& copy) noexcept try {
   }
   worker = Platform::Thread([copy] { copy->Run(); });
   if (worker.JoinFor(kLongestCopy)) return copy->copied;
-  // A copy that fails still removes its partial file, which can be held up as well.
+  // A copy that fails still removes its partial file, which can also be delayed.
   bool ended = false;
   for (int tries = 0; tries < kCancels && !ended; ++tries) {
     worker.CancelIo();
@@ -142,7 +143,7 @@ bool AwaitCopy(const CopyPtr& copy) noexcept try {
   copy->logger.For(copy->caller.c_str())
       .LogWarning(kTookTooLong, copy->source.c_str(), copy->destination.c_str());
   return false;
-} catch (const std::exception& error) {  // no memory, no thread
+} catch (const std::exception& error) {  // out of memory, or no thread can be created
   return copy->LogFailure(error);
 }
 

@@ -10,7 +10,7 @@
 namespace Vx::Tessel::Server::Services::Orvane {
 
 // Reads the owner's registration state, which another service of the host writes to the shared
-// store. Stateless; any thread.
+// store. Stateless and thread-safe.
 class RegistrationHelper {
  public:
   enum class RegistrationState : std::int32_t {
@@ -26,21 +26,21 @@ class RegistrationHelper {
   // Returns Unknown if the store cannot be read. Does not throw.
   RegistrationState GetRegistrationState() const;
 
-  // Returns the state for a stored text. Case and blanks matter.
+  // Returns the state for a stored text. Case and spaces matter.
   static RegistrationState MapValueToState(std::string_view value);
 
  private:
   const Logging::TraceLogger* logger;
 };
 
-// Expands paths as the console user. Any thread. Each call reverts before it returns.
+// Expands paths as the console user. Thread-safe. Each call reverts before it returns.
 class McAfeeHelper {
  public:
   McAfeeHelper();
 
-  // `expanded` receives `path` with the console user's variables expanded, at most 520 characters
-  // with the terminator. Logs and returns false if there is no console user, if it is not the user
-  // of `same`, or if Windows refuses.
+  // Expands the console user's variables in `path`, at most 520 characters with the terminator.
+  // Logs and returns false if there is no console user, if the logon is not that of `same`, or if
+  // Windows refuses.
   bool expand_path_impersonated_as_loggedin_user(const std::wstring& path, std::wstring& expanded,
                                                  Platform::OneLogon* same = nullptr) const;
 
@@ -50,7 +50,7 @@ class McAfeeHelper {
 
 // Copies the machine's registration data to where the console user's programs look for it. Expands
 // both paths and copies with that user's rights. Returns true if the copy was made. Fails if a path
-// cannot be expanded, if another user comes to the console before the last query, if the copy or
+// cannot be expanded, if another user signs in at the console before the last query, if the copy or
 // its wait for another copy takes more than 30 s, or if an earlier copy hangs. Returns within 62 s,
 // plus the time that Windows takes to answer. `caller` is the client in the log lines.
 bool CopyRegistrationData(const wchar_t* caller, const Logging::TraceLogger& logger);

@@ -58,7 +58,7 @@ static_assert(std::size(kRuleTexts) ==
 
 ResumeDecision DecideResume(const ResumeSources& sources) {
   using Question = ResumeQuestion;
-  // Keeps the answers, so that an explanation shows what the decision used.
+  // Keeps the answers, so that an explanation shows what the decision was based on.
   ResumeDecision decision;
   const auto keep = [&decision](Question question, bool answer) {
     decision.answers.push_back({question, answer ? 1 : 0});

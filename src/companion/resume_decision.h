@@ -60,9 +60,9 @@ struct ResumeSources {
   const Base::ApplicationLaunchCriteriaDataAccess& registrationUsed;
 };
 
-// Decides whether a resume starts the companion app. Missing software outranks registration. Each
-// counts until it is used, on a machine that is or was in S mode. Asks only what it needs, in a
-// fixed order, and changes nothing.
+// Decides whether a resume starts the companion app. Missing software takes precedence over a
+// skipped registration. Each is a reason once, on a machine that is or was in S mode. Asks only the
+// questions it needs, in a fixed order, and changes nothing.
 ResumeDecision DecideResume(const ResumeSources& sources);
 
 // Returns the decision as text: one line per answer, then the rule and the starting point.

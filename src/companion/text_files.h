@@ -10,14 +10,15 @@ namespace Vx::Tessel::Server::Services::Orvane {
 
 inline constexpr std::size_t kMaxTextFile = std::size_t{16} * 1024 * 1024;  // bytes
 
-// Decodes a text file as Json::DecodeText does, or as UTF-8, and logs that, if it has no mark.
-// Returns nothing, and logs, if the file cannot be read, is too large or contains a NUL, at which
-// Windows would cut the text. `caller` is the client in the log lines.
+// Decodes a text file as Json::DecodeText does. If it has no mark, decodes it as UTF-8 and logs
+// that. Returns nothing, and logs, if the file cannot be read, is too large or contains a NUL, at
+// which Windows would truncate the text. `caller` is the client in the log lines.
 std::optional<std::wstring> ReadTextFile(const std::wstring& path, const wchar_t* caller,
                                          const Logging::TraceLogger& logger);
 
 // Copies the bytes of one file over another. Returns true if all were written, otherwise logs the
-// file that failed. The destination then stays as it was unless it could not be replaced.
+// file that failed. The destination is then unchanged, unless it could not be replaced and was
+// overwritten.
 bool CopyFileContent(const std::wstring& source, const std::wstring& destination,
                      const wchar_t* caller, const Logging::TraceLogger& logger);
 

@@ -11,8 +11,8 @@ namespace Vx::Tessel::Server::Services::Orvane {
 // The lockdown mode that means S mode.
 inline constexpr std::int32_t kLockedMode = 2;
 
-// Returns the lockdown mode that Windows' policy library reports now, or 0 on failure. Locks
-// the library, loads it only if it is trusted, and unloads it. `callerName` is for the log.
+// Returns the lockdown mode that Windows' policy library reports now, or 0 on failure. Locks the
+// library, loads it only if it is trusted, and unloads it. `callerName` is for the log.
 std::int32_t QueryLockoutMode(const wchar_t* callerName);
 
 namespace Qubo {
