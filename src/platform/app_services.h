@@ -6,13 +6,13 @@
 
 namespace Vx::Platform {
 
-// A conversation with a packaged app's app service, over the host's proxy library.
+// A connection to a packaged app's app service, through the host's proxy library.
 class AppService {
  public:
   virtual ~AppService() = default;
 
-  // Sends `text` and blocks until the reply. Returns a status (0 is success) and the reply's text.
-  // May throw standard exceptions.
+  // Sends `text` and blocks until the reply arrives. Returns a status (0 is success) and the
+  // reply's text. May throw standard exceptions.
   virtual std::pair<int, std::wstring> Send(const std::wstring& text) = 0;
 
   // Notifies the host's app-service layer that the machine has restarted.

@@ -17,37 +17,37 @@ struct WaitResult {
   ErrorCode lastError = 0;
 };
 
-// Time, and every wait with a length. Nothing else in the program sleeps, sets a timer or reads a
-// clock, so that a test runs hours in milliseconds on the real code. Any thread may call.
+// Time, and every wait with a time limit. Nothing else in the program sleeps, sets a timer or reads
+// a clock, so that tests run hours of real code in milliseconds. Thread-safe.
 class Clock {
  public:
   using Duration = std::chrono::milliseconds;
 
   virtual ~Clock() = default;
 
-  // Milliseconds since Windows started, including time asleep.
+  // Returns milliseconds since Windows started, including time asleep.
   virtual std::uint64_t TickCount() const = 0;
 
-  // UTC in 100-nanosecond units since 1601-01-01 (the FILETIME scale).
+  // Returns UTC in 100-nanosecond units since 1601-01-01 (FILETIME).
   virtual std::uint64_t UtcFileTime() const = 0;
 
   virtual void Sleep(Duration length) = 0;
 
-  // Blocks until a signal or, if there is a `length`, a timeout. A null or closed handle fails.
+  // Blocks until a signal or, if `length` is given, a timeout. Fails for a null or closed handle.
   virtual WaitResult Wait(RawHandle handle, std::optional<Duration> length) = 0;
 
-  // Waits for either of two manual-reset events. `code` is 0 if the first is signalled, whether or
+  // Waits for either of two manual-reset events. `code` is 0 if the first is signaled, whether or
   // not the second is too, and 1 if only the second is.
   virtual WaitResult WaitForEither(RawHandle first, RawHandle second, Duration length) = 0;
 
   // Returns an unnamed, auto-reset waitable timer for Wait.
   virtual Result<UniqueHandle> MakeTimer() = 0;
 
-  // Makes `timer` fire once, `due` from now, without waking the machine. Zero or the error.
+  // Makes `timer` fire once, `due` from now, without waking the machine. Returns zero or the error.
   virtual ErrorCode SetTimer(RawHandle timer, Duration due) = 0;
 
   // Thread accounting, called only by Thread (thread.h), because a virtual clock advances only
-  // while every worker is parked in one of the waits above. The creating thread calls
+  // while every worker is blocked in one of the waits above. The creating thread calls
   // WorkerStarting before the new thread exists, and WorkerNotStarted if it cannot be created. The
   // new thread calls WorkerStarted first and WorkerEnded last.
   virtual void WorkerStarting() = 0;

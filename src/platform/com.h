@@ -9,13 +9,13 @@ struct tagSAFEARRAY;
 
 namespace Vx::Platform {
 
-// The identity with which a proxy calls another process by default: this process's, or at each call
-// that of the user whom the calling thread impersonates.
+// The identity that a proxy uses by default when it calls another process: this process's (None),
+// or that of the user whom the calling thread impersonates at each call (Dynamic).
 enum class Cloaking { None, Dynamic };
 
-// COM as far as the firmware's WMI namespace, and the values that are passed to it. From there,
-// code calls the interfaces directly. Functions that return an std::int32_t return their call's
-// HRESULT. One thread at a time.
+// The part of COM that leads to the firmware's WMI namespace, and the values that are passed to it.
+// Beyond that, code calls the interfaces directly. Functions that return std::int32_t return their
+// call's HRESULT. Use from one thread at a time.
 class Com {
  public:
   virtual ~Com() = default;
@@ -24,24 +24,24 @@ class Com {
   virtual void Uninitialize() = 0;
 
   // Sets process-wide security: default authentication, impersonation level "impersonate". COM must
-  // be initialised on the thread. Only a process's first call succeeds.
+  // be initialized on the thread. Succeeds only once per process.
   virtual std::int32_t InitializeSecurity(Cloaking cloaking) = 0;
 
   // `locator` receives a reference that the caller releases.
   virtual std::int32_t CreateWbemLocator(IWbemLocator** locator) = 0;
 
-  // Sets call-level authentication (WinNT, no authorisation, impersonate) on a proxy.
+  // Sets call-level authentication (WinNT, no authorization, impersonate) on a proxy.
   virtual std::int32_t SetProxyBlanket(IUnknown* proxy) = 0;
 
   // Returns a BSTR, owned by the caller (see com_owners.h), or null if out of memory.
   virtual wchar_t* MakeText(const wchar_t* text) = 0;
 
-  // Returns `count` zero bytes from index 0, owned by the caller, or null if out of memory.
+  // Returns `count` zero bytes with indexes from 0, owned by the caller, or null if out of memory.
   virtual tagSAFEARRAY* MakeByteArray(std::uint32_t count) = 0;
   virtual std::int32_t PutByte(tagSAFEARRAY* bytes, std::int32_t index, std::uint8_t value) = 0;
 };
 
-// Owns one reference to a COM object. The interface may be incomplete in mere declarations.
+// Owns one reference to a COM object. May be declared for an incomplete interface.
 template <typename Interface>
 class ComPtr {
  public:
@@ -59,7 +59,7 @@ class ComPtr {
   }
   ~ComPtr() { Reset(); }
 
-  // Returns where a call may store a new reference. Releases the current one.
+  // Releases the current reference and returns where a call may store a new one.
   Interface** Receive() noexcept {
     Reset();
     return &object;

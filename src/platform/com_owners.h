@@ -22,7 +22,7 @@ struct SafeArrayDestroyer {
 
 using UniqueSafeArray = std::unique_ptr<SAFEARRAY, SafeArrayDestroyer>;
 
-// A VARIANT that clears itself and its content. Starts empty.
+// A VARIANT that clears itself and its content. Initially empty.
 class Variant {
  public:
   Variant() noexcept = default;
@@ -35,13 +35,13 @@ class Variant {
   // Adds a reference.
   void SetObject(IUnknown* object) noexcept;
 
-  // A null array counts as empty.
+  // Stores the array. A null one makes the value empty.
   void SetBytes(UniqueSafeArray array) noexcept;
 
   VARIANT* Get() noexcept { return &content; }
   const VARIANT& operator*() const noexcept { return content; }
 
-  // Returns where a call may store a new value. Clears the current one.
+  // Clears the current value and returns where a call may store a new one.
   VARIANT* Receive() noexcept;
 
  private:

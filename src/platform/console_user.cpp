@@ -79,7 +79,7 @@ ErrorCode OwnIdentity::End() {
   return token == nullptr ? 0 : CurrentMachine().sessions->Resume(token.get());
 }
 
-// Asks the real Windows, because no test's machine may hide what a host did.
+// Queries the real Windows, because a test's machine must not hide what a host did.
 void ExpectOwnIdentity() noexcept {
 #ifndef NDEBUG
   const auto token = WindowsMachine().sessions->ThreadToken();

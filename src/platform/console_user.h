@@ -9,21 +9,22 @@
 #include "platform/sessions.h"
 #include "platform/unique_handle.h"
 
-// All acting as the console user goes through here. Callers pass how to report a refused step.
+// All code that acts as the console user does so through here. Callers pass a function that reports
+// a refused step.
 namespace Vx::Platform {
 
 // The steps in the order in which they are taken.
 enum class ActingStep { Session, SessionApi, Token, TokenCopy, Impersonation, Revert };
 
-// Receives the refused step and its error, on the acting thread. May throw except for Revert.
+// Receives the refused step and its error, on the acting thread. May throw, except for Revert.
 using ActingReport = std::function<void(ActingStep step, ErrorCode error)>;
 
-// The logon session of one operation, set by its first query, because the console user can change.
+// The logon session of one operation. Set by the first query, because the console user can change.
 using OneLogon = std::optional<std::uint64_t>;
 
 // Returns the primary token of the console user, or null after a refusal. Session fails with
 // ERROR_NO_TOKEN, SessionApi with ERROR_CALL_NOT_IMPLEMENTED, and Token with ERROR_LOGON_FAILURE if
-// the user is not that of `same`.
+// the logon is not that of `same`.
 UniqueHandle ConsoleUserToken(const ActingReport& report, OneLogon* same = nullptr);
 
 // Returns a copy of that token with maximum allowed access and impersonation level "impersonation".
@@ -31,8 +32,8 @@ UniqueHandle ConsoleUserToken(TokenType type, const ActingReport& report, OneLog
 
 // Runs the calling thread as another user for the life of this object.
 //
-// Constructed, used and destroyed on one thread. Waits while impersonating are bounded. A failed
-// revert is always reported, because the thread keeps the user's rights. It is not retried.
+// Constructed, used and destroyed on one thread. Waits while impersonating must be bounded. A
+// failed revert is always reported, because the thread keeps the user's rights. It is not retried.
 class Impersonation {
  public:
   // Borrows `token` for this call only. After a refusal there is nothing to revert.
@@ -48,8 +49,8 @@ class Impersonation {
   bool active = false;
 };
 
-// Runs the calling thread as its process for the life of this object, then as before. For
-// operations whose caller may be impersonating one of its clients. Belongs to one thread.
+// Runs the calling thread as its process for the life of this object, then restores its identity.
+// For operations whose caller may be impersonating one of its clients. Use on one thread.
 class OwnIdentity {
  public:
   OwnIdentity();
@@ -57,11 +58,11 @@ class OwnIdentity {
   OwnIdentity& operator=(const OwnIdentity&) = delete;
   ~OwnIdentity() { End(); }
 
-  // Zero, or why the thread still runs as before.
+  // Returns zero, or the error because of which the thread keeps its identity.
   ErrorCode Error() const noexcept { return error; }
 
-  // Restores the thread's identity. Returns zero, or the error with which the thread keeps running
-  // as its process. Does nothing the second time.
+  // Restores the thread's identity. Returns zero, or the error because of which the thread
+  // continues as its process. A second call has no effect.
   ErrorCode End();
 
  private:
@@ -69,7 +70,7 @@ class OwnIdentity {
   ErrorCode error = 0;
 };
 
-// In a debug build, ends the process if the thread impersonates, which an entry would revert.
+// Debug builds only: ends the process if the thread impersonates, because a slot would revert that.
 void ExpectOwnIdentity() noexcept;
 
 // Returns the result of `action`, run as the user of `token`, or an empty value if `token` is null
@@ -82,7 +83,7 @@ auto AsUser(RawHandle token, const ActingReport& report, Action&& action) -> dec
   return std::forward<Action>(action)();
 }
 
-// Does the same as the console user.
+// Like AsUser, for the console user.
 template <typename Action>
 auto AsConsoleUser(const ActingReport& report, Action&& action) -> decltype(action()) {
   const UniqueHandle token = ConsoleUserToken(report);

@@ -9,12 +9,12 @@
 
 namespace Vx::Platform {
 
-// DPAPI with the local-machine flag, no entropy and no prompts. Any thread; does not wait.
+// DPAPI with the local-machine flag, no entropy and no prompts. Thread-safe. Does not wait.
 class DataProtection {
  public:
   virtual ~DataProtection() = default;
 
-  // Seals `plain` so that every process of this machine can open it, but no other machine.
+  // Encrypts `plain` so that any process on this machine, but no other machine, can decrypt it.
   virtual Result<std::vector<std::byte>> Protect(std::span<const std::byte> plain,
                                                  const std::wstring& description) const = 0;
 

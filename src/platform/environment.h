@@ -9,7 +9,7 @@
 
 namespace Vx::Platform {
 
-// Path capacities in characters, including the terminator.
+// Sizes of path buffers in characters, including the terminator.
 inline constexpr std::size_t kShortPath = 260;
 inline constexpr std::size_t kLongestPath = 32767;
 
@@ -17,7 +17,7 @@ class Environment {
  public:
   virtual ~Environment() = default;
 
-  // Expands the process's variables. Fails above `maxChars` characters with the terminator.
+  // Expands the process's variables. Fails above `maxChars` characters, including the terminator.
   virtual Result<std::wstring> Expand(const std::wstring& text, std::size_t maxChars) const = 0;
 
   // Does the same with the variables of the user of `token`, or of the system if it is null.

@@ -14,21 +14,21 @@ struct FileFacts {
   std::uint64_t size = 0;        // bytes
   std::uint32_t attributes = 0;  // FILE_ATTRIBUTE_ bits
   std::uint32_t names = 0;       // hard links, at least 1
-  std::uint64_t created = 0;     // FILETIME scale, like `written`
+  std::uint64_t created = 0;     // FILETIME, like `written`
   std::uint64_t written = 0;
 };
 
-// The purpose of opening a file. Other processes may still read it. They may also write it during
-// Inspect, Read and Change, and rename or delete it during Inspect and Read.
+// The purpose of opening a file. Other processes may still read it. During Inspect, Read and Change
+// they may also write it. During Inspect and Read they may also rename or delete it.
 enum class FileUse {
   Inspect,  // facts and owner only, even if another process has exclusive access
   Read,
   Change,   // read and write
   Remove,   // read, rename and delete
-  Replace,  // the same, and write and flush
+  Replace,  // read, rename, delete, write and flush
 };
 
-// An open file. Use from one thread at a time. Errors are Win32 codes, zero is success.
+// An open file. Use from one thread at a time. Errors are Win32 codes. Zero is success.
 class FileHandle {
  public:
   virtual ~FileHandle() = default;
@@ -46,7 +46,7 @@ class FileHandle {
 
   virtual ErrorCode SetSize(std::uint64_t size) = 0;
 
-  // Returns once the disk holds what was written. FlushFileBuffers needs write access.
+  // Returns once the written data is on disk. FlushFileBuffers needs write access.
   virtual ErrorCode Flush() = 0;
 
   // Renames the file in one step, replacing any file at `path`. Needs FileUse::Remove or Replace.

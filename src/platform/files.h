@@ -17,8 +17,8 @@ namespace Vx::Platform {
 struct AccessEntry {
   bool allowed = false;  // anything but a denial
   std::uint32_t mask = 0;
-  // As text, "S-1-...". Another text for an entry that allows access on a condition, to an object
-  // or in a way that this version does not know.
+  // As text, "S-1-...". Not a SID if the entry allows access on a condition, to an object, or in a
+  // way that this version does not know.
   std::wstring sid;
 };
 
@@ -33,17 +33,17 @@ enum class NewFolder : std::uint8_t {
   Private,   // SYSTEM, the administrators and the owner, who could change the list anyway
 };
 
-// Tells whether an open file is one that was open before, and probably unchanged.
+// Identifies an open file, to find out whether it was open before and is probably unchanged.
 struct FileIdentity {
   std::uint32_t volume = 0;   // its serial number
   std::uint64_t index = 0;    // of the file on the volume
   std::uint64_t size = 0;     // bytes
-  std::uint64_t written = 0;  // FILETIME scale
+  std::uint64_t written = 0;  // FILETIME
 
   bool operator==(const FileIdentity&) const = default;
 };
 
-// Files and folders by full path. Every error is a Win32 code; zero is success.
+// Files and folders by full path. Every error is a Win32 code. Zero is success.
 class Files {
  public:
   using Opened = Result<std::unique_ptr<FileHandle>>;
@@ -59,11 +59,11 @@ class Files {
   // Creates only the last level of `path`. A private folder has its access list from the start.
   virtual ErrorCode MakeFolder(const std::wstring& path, NewFolder access) = 0;
 
-  // Creates an empty file if there is none.
+  // Creates an empty file if it does not exist.
   virtual ErrorCode Touch(const std::wstring& path) = 0;
 
-  // ERROR_FILE_TOO_LARGE above `maxBytes`, ERROR_BAD_FILE_TYPE (like Overwrite) for a pipe or
-  // device.
+  // Fails with ERROR_FILE_TOO_LARGE above `maxBytes`, and with ERROR_BAD_FILE_TYPE (like Overwrite)
+  // for a pipe or device.
   virtual Result<std::vector<std::byte>> Read(const std::wstring& path,
                                               std::size_t maxBytes) const = 0;
 
@@ -76,38 +76,40 @@ class Files {
   virtual ErrorCode Remove(const std::wstring& path) = 0;
 
   // Opens `path` with read sharing only, so that the file cannot be written, renamed or deleted
-  // while the handle lives. ERROR_BAD_FILE_TYPE for a pipe or a device.
+  // while the handle is open. Fails with ERROR_BAD_FILE_TYPE for a pipe or a device.
   virtual Result<UniqueHandle> OpenReadLocked(const std::wstring& path) const = 0;
 
   // Returns the 32 bytes of the content's SHA-256. Reads the file in pieces.
   virtual Result<std::vector<std::byte>> Sha256(const std::wstring& path) const = 0;
 
-  // Returns `path` as Windows normalises it before opening anything: slashes, "." and "..",
-  // trailing dots and blanks. The file need not exist.
+  // Returns `path` as Windows normalizes it before opening anything: slashes, "." and "..",
+  // trailing dots and spaces. The file need not exist.
   virtual Result<std::wstring> FullPath(const std::wstring& path) const = 0;
 
-  // Returns whether `path`, which begins with a drive, is on another machine's drive or on none.
+  // Returns whether the drive at the start of `path` is on another machine or does not exist.
   virtual bool IsElsewhere(const std::wstring& path) const = 0;
 
-  // Returns where `path` really is, after links, mount points and short names, without "\\?\".
+  // Returns the actual location of `path`, with links, mount points and short names resolved,
+  // without "\\?\".
   virtual Result<std::wstring> FinalPath(const std::wstring& path) const = 0;
 
   virtual Result<std::wstring> FinalPathOf(RawHandle file) const = 0;
 
   virtual Result<FileIdentity> IdentityOf(RawHandle file) const = 0;
 
-  // Fails if the owner or the discretionary access list cannot be read or there is no list.
+  // Fails if the owner or the discretionary access list cannot be read, or if there is no list.
   virtual Result<AccessList> FolderAccess(const std::wstring& folder) const = 0;
 
   // Opens the existing file `path` itself. Does not follow a link.
   virtual Opened Open(const std::wstring& path, FileUse use) = 0;
 
-  // Creates the file `path`, which must not exist, with the access list of the file `accessLike`,
-  // or its folder's if that file does not exist. Opened as for FileUse::Replace.
+  // Creates the file `path`, which must not exist. Gives it the access list of the file
+  // `accessLike`, or that of its folder if `accessLike` does not exist. Opens it as for
+  // FileUse::Replace.
   virtual Opened Create(const std::wstring& path, const std::wstring& accessLike) = 0;
 
-  // Returns the files whose paths are `path`, a dot and more, last written first. Fails unless the
-  // whole folder was listed.
+  // Returns the files whose paths are `path`, a dot and more, newest first by last-write time.
+  // Fails unless the whole folder was listed.
   virtual Result<std::vector<std::wstring>> Siblings(const std::wstring& path) const = 0;
 };
 

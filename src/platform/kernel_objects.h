@@ -18,23 +18,23 @@ class KernelObjects {
   // Creates or opens the named mutex, not owned, with default security.
   virtual Result<UniqueHandle> MakeMutex(const std::wstring& name) = 0;
 
-  // Waits for a mutex without limit.
+  // Waits for a mutex indefinitely.
   virtual Result<Locked> LockMutex(RawHandle mutex) = 0;
   virtual ErrorCode UnlockMutex(RawHandle mutex) = 0;
 
-  // Creates a manual-reset event that is not signalled, or opens the existing event of that name.
-  // An empty name makes an unnamed event.
+  // Creates an unsignaled manual-reset event, or opens the existing event of that name. An empty
+  // name creates an unnamed event.
   virtual Result<UniqueHandle> MakeManualEvent(const std::wstring& name) = 0;
 
   virtual ErrorCode Signal(RawHandle event) = 0;
 };
 
-// Makes an unnamed manual-reset event. Null if Windows refuses.
+// Creates an unnamed manual-reset event. Returns null if Windows refuses.
 UniqueHandle MakeUnnamedEvent();
 
 // Decides whether to report that a name is taken. Any process can create an object of another kind
 // under a name that this system uses, and every use of the name then fails until that object is
-// gone. One report per use would flood the log. Any thread.
+// gone. One report per use would flood the log. Thread-safe.
 class TakenName {
  public:
   // Takes the error of MakeMutex or MakeManualEvent, or zero after a success. Returns true if the

@@ -24,7 +24,8 @@ class Threads;
 class TrustProvider;
 struct InstalledMachine;
 
-// Everything outside the program, one member per capability. Never null. Each outlives the machine.
+// Everything outside the program, one member per capability. Never null. Each capability outlives
+// the machine.
 struct Machine {
   ApiSets* apiSets = nullptr;
   AppServices* appServices = nullptr;
@@ -45,11 +46,11 @@ struct Machine {
   TrustProvider* trustProvider = nullptr;
 };
 
-// The machine of the calling thread: for a worker, the one it was started under, and for other
-// threads the one installed last, or the real one. Cheap; never blocks.
+// Returns the machine of the calling thread. For a worker, that is the one it was started under.
+// For other threads, it is the one installed last, or the real one. Cheap. Never blocks.
 const Machine& CurrentMachine() noexcept;
 
-// The real Windows, whatever is installed.
+// Returns the real Windows, whatever is installed.
 const Machine& WindowsMachine() noexcept;
 
 // Replaces the current machine, for tests and the simulator, with a copy to which `change` was

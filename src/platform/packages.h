@@ -11,7 +11,7 @@
 
 namespace Vx::Platform {
 
-// An uninstall notification of a package catalog. Valid only while its handler runs.
+// An uninstall notification from a package catalog. Valid only while its handler runs.
 class PackageUninstall {
  public:
   virtual ~PackageUninstall() = default;
@@ -42,13 +42,13 @@ struct PackageRegistration {
   std::wstring errorText;   // the deployment's own description; empty on success
 };
 
-// Packaged apps. The Win32 queries see the user that the calling thread acts as. The deployment
-// queries use Windows' package manager and throw WindowsRuntimeError if it fails.
+// Packaged apps. The Win32 queries are about the user that the calling thread acts as. The
+// deployment queries use Windows' package manager and throw WindowsRuntimeError if it fails.
 class Packages {
  public:
   virtual ~Packages() = default;
 
-  // Full names of the family's packages (head, direct, resource and bundle: filter 0xF0).
+  // The full names of the family's packages (head, direct, resource and bundle: filter 0xF0).
   struct FamilyQuery {
     std::uint32_t sizeError = 0;     // status of the call that returns the size
     std::uint32_t bufferLength = 0;  // characters; 0 if there are no packages
@@ -64,28 +64,30 @@ class Packages {
   };
   virtual PathQuery PathByFullName(const std::wstring& fullName) const = 0;
 
-  // Windows' staged-package origin code.
+  // Returns Windows' staged-package origin code.
   virtual Result<std::int32_t> StagedOrigin(const std::wstring& fullName) const = 0;
 
-  // The version in a full name: four 16-bit parts, major in the highest.
+  // Returns the version in a full name: four 16-bit parts, the major one highest.
   virtual Result<std::uint64_t> Version(const std::wstring& fullName) const = 0;
 
-  // Full names of the family's packages on the whole machine (needs administrator rights).
+  // Returns the full names of the family's packages on the whole machine (needs administrator
+  // rights).
   virtual std::vector<std::wstring> FindForAllUsers(const std::wstring& familyName) const = 0;
 
-  // The SID of "domain\user" as text. May block while Windows asks a domain controller.
+  // Returns the SID of "domain\user" as text. May block while Windows queries a domain controller.
   virtual Result<std::wstring> AccountSid(const std::wstring& account) const = 0;
 
-  // Full names registered for the user with this SID, or for the calling user if it is empty.
+  // Returns the full names registered for the user with this SID, or for the calling user if it is
+  // empty.
   virtual std::vector<std::wstring> FindForUser(const std::wstring& sid,
                                                 const std::wstring& familyName) const = 0;
 
   // Registers a staged package for the calling user. Blocks until the deployment ends or `limit`
-  // has passed, which gives the result HRESULT_FROM_WIN32(ERROR_TIMEOUT).
+  // has passed. The result is then HRESULT_FROM_WIN32(ERROR_TIMEOUT).
   virtual PackageRegistration Register(const std::wstring& fullName,
                                        std::chrono::milliseconds limit) = 0;
 
-  // The catalog of the user that the calling thread acts as.
+  // Opens the catalog of the user that the calling thread acts as.
   virtual std::shared_ptr<PackageCatalog> OpenCatalogForCurrentUser() = 0;
 };
 

@@ -19,7 +19,7 @@ class Registry {
  public:
   virtual ~Registry() = default;
 
-  // ERROR_FILE_NOT_FOUND if the key or the value is missing.
+  // Fails with ERROR_FILE_NOT_FOUND if the key or the value is missing.
   virtual Result<RegistryValue> Read(const std::wstring& key, const std::wstring& value) const = 0;
 
   // Returns whether the value exists, whatever its type. Does not read its data.

@@ -13,24 +13,24 @@ inline constexpr std::uint32_t kNoSession = 0xFFFFFFFF;
 enum class TokenType { Primary, Impersonation };
 enum class SessionText { UserName, DomainName };
 
-// Users who are signed in, and impersonation. Any thread; no call waits.
+// Users who are signed in, and impersonation. Thread-safe. No call waits.
 class Sessions {
  public:
   virtual ~Sessions() = default;
 
-  // The console session, or kNoSession if there is none.
+  // Returns the console session, or kNoSession if there is none.
   virtual std::uint32_t ActiveConsoleSession() const = 0;
 
-  // The primary token of the user signed in to `session`.
+  // Returns the primary token of the user signed in to `session`.
   virtual Result<UniqueHandle> QueryUserToken(std::uint32_t session) const = 0;
 
   // Copies `token` with maximum allowed access and impersonation level "impersonation".
   virtual Result<UniqueHandle> DuplicateUserToken(RawHandle token, TokenType type) const = 0;
 
-  // Identifies the logon session of `token`. All tokens of one logon have the same value.
+  // Returns an id of the logon session of `token`, the same for all tokens of one logon.
   virtual Result<std::uint64_t> LogonOf(RawHandle token) const = 0;
 
-  // The SID, as text, of the user of `token`.
+  // Returns the SID, as text, of the user of `token`.
   virtual Result<std::wstring> SidOf(RawHandle token) const = 0;
 
   virtual Result<std::wstring> QueryText(std::uint32_t session, SessionText what) const = 0;
@@ -40,13 +40,13 @@ class Sessions {
   virtual ErrorCode Impersonate(RawHandle token) = 0;
   virtual ErrorCode Revert() = 0;
 
-  // Returns the token that the calling thread impersonates with, or null if it does not.
+  // Returns the token with which the calling thread impersonates, or null if it does not.
   virtual Result<UniqueHandle> ThreadToken() const = 0;
 
   // Impersonates with such a token again, at the token's level. Returns zero or the error.
   virtual ErrorCode Resume(RawHandle threadToken) = 0;
 
-  // Whether the process runs as Local System.
+  // Returns whether the process runs as Local System.
   virtual Result<bool> ProcessIsLocalSystem() const = 0;
 };
 

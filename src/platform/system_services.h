@@ -12,11 +12,11 @@ class ApiSets {
  public:
   virtual ~ApiSets() = default;
 
-  // `name` has no ".dll". Also returns true if the system lacks this query.
+  // `name` has no ".dll". Returns true if Windows lacks this query.
   virtual bool IsPresent(const std::wstring& name) const = 0;
 };
 
-// Windows' session API set; absent on editions without interactive users.
+// Windows' session API set. Absent on editions without interactive users.
 inline constexpr wchar_t kSessionApiSet[] = L"ext-ms-win-session-wtsapi32-l1-1-0";
 
 // Windows first-run setup.
@@ -37,7 +37,7 @@ class SystemTriggers {
   virtual ~SystemTriggers() = default;
 
   // Raises the trigger with this id (GUID text as the subscriber registered it) and returns the
-  // system's status: 0 means raised, 0xC0000002 that this Windows has no custom triggers.
+  // system's status: 0 if raised, 0xC0000002 if this Windows has no custom triggers.
   virtual std::uint32_t Raise(const std::wstring& triggerId) = 0;
 };
 
@@ -47,7 +47,7 @@ class LockdownLibrary {
   virtual ~LockdownLibrary() = default;
 
   // Reads the lockdown mode and returns an HRESULT, negative if the entry point is missing. Leaves
-  // `mode` alone if the library does not write it.
+  // `mode` unchanged if the library does not set it.
   virtual std::int32_t QueryMode(std::int32_t& mode) const = 0;
 };
 

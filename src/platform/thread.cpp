@@ -23,7 +23,7 @@ void CountIn(InstalledMachine& installed) {
   installed.machine.clock->WorkerStarting();
 }
 
-// Notifies the clock first, because its scope may end once the worker is no longer counted.
+// Notifies the clock first, because the clock's scope may end once the worker is no longer counted.
 void CountOut(InstalledMachine& installed) noexcept {
   installed.machine.clock->WorkerEnded();
   installed.workers.fetch_sub(1);
@@ -42,7 +42,7 @@ UniqueHandle StartWorker(std::function<void()> body) {
       AdoptMachine(installed);
       installed.machine.clock->WorkerStarted();
       body();
-      body = nullptr;  // destroyed while the worker still counts
+      body = nullptr;  // destroyed while the worker is still counted
       CountOut(installed);
     });
     if (started) return *std::move(started);
@@ -76,7 +76,7 @@ void Thread::Detach() {
 
 void Thread::Join() {
   if (!Joinable()) throw std::system_error(EINVAL, std::generic_category(), kNotJoinable);
-  // Waits through the clock, which then counts a worker that joins another as parked.
+  // Waits through the clock, so that a worker that joins another is counted as blocked.
   CurrentMachine().clock->Wait(handle.get(), std::nullopt);
   handle.reset();
 }

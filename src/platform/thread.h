@@ -7,16 +7,17 @@
 
 namespace Vx::Platform {
 
-// A thread that runs under the machine (see machine.h) of its starter. That machine's clock counts
-// it from the constructor on. The thread keeps this module loaded until it ends.
+// A thread that runs under its creator's machine (see machine.h). That machine's clock counts it
+// from the constructor on. The thread keeps this module loaded until it ends.
 //
-// Uses _beginthreadex, because a detached std::thread of this runtime can lose its callable. Like
-// std::thread, a Thread that is destroyed or replaced while joinable ends the process.
+// Uses _beginthreadex, because a detached std::thread of this runtime can lose its callable. As
+// with std::thread, destroying or replacing a joinable Thread ends the process.
 class Thread {
  public:
   Thread() = default;
 
-  // Starts `body`, which must not throw. Throws std::system_error (EAGAIN) if that is impossible.
+  // Starts `body`, which must not throw. Throws std::system_error (EAGAIN) if no thread can be
+  // created.
   explicit Thread(std::function<void()> body);
 
   Thread(Thread&& other) noexcept = default;
@@ -33,7 +34,7 @@ class Thread {
   // Joins within `length`. Returns whether the thread has ended. If not, it is still joinable.
   bool JoinFor(std::chrono::milliseconds length);
 
-  // Cancels the call in which the thread waits for a file, if any. The thread must be joinable.
+  // Cancels the thread's blocking file operation, if any. The thread must be joinable.
   void CancelIo() noexcept;
 
  private:

@@ -8,7 +8,7 @@
 
 namespace Vx::Platform {
 
-// Address space, in bytes, reserved for a worker's stack instead of the host's default, so that a
+// Bytes of address space reserved for a worker's stack instead of the host's default, so that a
 // thousand concurrent deliveries fit. At least five times what the deepest path, checking a
 // signature and starting the program, needs: 72 KiB under the emulator (worker_stack_test.cpp). The
 // rest is for Windows' own libraries and the security products that hook them.
@@ -22,7 +22,7 @@ class Threads {
   // `body` must not throw. The error is the C runtime's errno value.
   virtual Result<UniqueHandle> Start(std::function<void()> body) = 0;
 
-  // Cancels the call, if any, in which `thread` waits for a file, with ERROR_OPERATION_ABORTED.
+  // Cancels the blocking file operation of `thread`, if any, with ERROR_OPERATION_ABORTED.
   virtual void CancelIo(RawHandle /*thread*/) {}
 };
 

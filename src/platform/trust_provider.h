@@ -47,7 +47,7 @@ struct CatalogFailure {
   ErrorCode error = 0;
 };
 
-// Authenticode verification by Windows. Any thread. The caller decides which results suffice.
+// Authenticode verification by Windows. Thread-safe. The caller decides which results suffice.
 class TrustProvider {
  public:
   virtual ~TrustProvider() = default;
@@ -57,7 +57,7 @@ class TrustProvider {
   // network to build the chain, within Windows' own time limits.
   virtual SignatureVerdict VerifyEmbedded(const std::wstring& path, std::uint32_t index) const = 0;
 
-  // Returns the catalog that holds the file's hash. On failure, `failure` receives the step.
+  // Returns the catalog that contains the file's hash. On failure, `failure` receives the step.
   virtual std::optional<CatalogHit> FindCatalog(const std::wstring& path,
                                                 CatalogFailure& failure) const = 0;
 

@@ -17,7 +17,8 @@ using UniqueHandle = std::unique_ptr<void, HandleCloser>;
 // A handle with several owners, closed by the last.
 using SharedHandle = std::shared_ptr<void>;
 
-// CreateFile fails with INVALID_HANDLE_VALUE, where most calls return null. Converts it to null.
+// Adopts the result of CreateFile. Converts INVALID_HANDLE_VALUE to null, which most calls return
+// on failure.
 UniqueHandle AdoptFile(RawHandle raw) noexcept;
 
 // An empty handle stays empty.

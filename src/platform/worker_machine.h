@@ -7,18 +7,19 @@
 
 namespace Vx::Platform {
 
-// A machine in use. A MachineScope's ends with the scope, the real one with the module.
+// A machine in use. The machine of a MachineScope ends with the scope, the real one with the
+// module.
 struct InstalledMachine {
   Machine machine;
   InstalledMachine* previous = nullptr;  // becomes current when this machine's scope ends
-  // The same for the scope's own thread if that is a worker, otherwise null.
+  // Like `previous`, for the scope's own thread if that is a worker. Otherwise null.
   InstalledMachine* workerBefore = nullptr;
   std::atomic<std::uint32_t> workers{0};
 };
 
 InstalledMachine& CurrentInstalled() noexcept;
 
-// Gives the calling worker, which is about to run its body, this machine.
+// Makes this machine current for the calling worker, which is about to run its body.
 void AdoptMachine(InstalledMachine& installed) noexcept;
 
 }  // namespace Vx::Platform

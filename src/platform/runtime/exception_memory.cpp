@@ -21,7 +21,7 @@ namespace Vx::Platform {
 
 namespace {
 
-// The runtime's record before the thrown object. GCC 12 needs 160 bytes, and later versions may
+// The runtime's header before the thrown object. GCC 12 needs 160 bytes, and later versions may
 // need more.
 constexpr std::size_t kRecord = 256;
 constexpr std::size_t kSlot = kRecord + kLargestReservedException;
@@ -66,12 +66,12 @@ struct ThreadExceptions {
   unsigned int uncaught;
 };
 
-// Only its copies in the threads' own storage are used. Twice the size, because a copy may be less
-// aligned than its original. The linker sorts sections by name, the last of which is ".tls$ZZZ".
+// A template: only its copies in each thread's storage are used. Twice the size, because a copy may
+// be less aligned than the original. The linker sorts sections by name, and ".tls$ZZZ" comes last.
 [[gnu::section(".tls$VX"), gnu::used]] std::byte original[2 * sizeof(ThreadExceptions)] = {};
 
-// Returns the calling thread's part of the storage that Windows allocates for every thread, even
-// one older than the module, but this compiler does not use
+// Returns the calling thread's part of the thread-local storage that Windows allocates for every
+// thread, even one older than the module. This compiler does not use that storage
 // (https://learn.microsoft.com/cpp/parallel/thread-local-storage-tls).
 ThreadExceptions* OfThisThread() noexcept {
   constexpr unsigned long kStoragesOfThread = 0x58;  // ThreadLocalStoragePointer in the x64 TEB

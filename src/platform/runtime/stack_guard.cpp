@@ -8,7 +8,7 @@
 // NOLINTBEGIN(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp): the compiler's names
 namespace {
 
-// The documented fail-fast: no handler runs, and Windows Error Reporting gets the code.
+// The documented fail-fast: no handler runs, and Windows Error Reporting receives the code.
 [[noreturn]] void FastFail(unsigned code) {
   asm volatile("int $0x29" : : "c"(code));
   __builtin_unreachable();
@@ -34,10 +34,10 @@ std::uintptr_t __stack_chk_guard = 0x2B992DDFA200;
 
 namespace {
 
-// A zero in the lowest byte stops an overflow that copies text.
+// A zero in the lowest byte stops an overflow that copies a string.
 constexpr std::uintptr_t kTextStopper = ~std::uintptr_t{0xFF};
 
-// Runs as the first constructor and uses the sources of Microsoft's compiler: time, process,
+// Runs as the first constructor and uses the same sources as Microsoft's compiler: time, process,
 // thread, ticks and the performance counter. Calls only kernel32, which is already loaded. Not
 // protected itself, because the guard changes while it runs.
 __attribute__((constructor(101), no_stack_protector)) void Seed() {

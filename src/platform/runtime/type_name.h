@@ -7,7 +7,7 @@ namespace Vx::Platform {
 
 namespace Detail {
 
-// The compiler spells the name of this function with "T = Name" followed by ']' or ';'.
+// The compiler spells this function's name with "T = Name" followed by ']' or ';'.
 template <typename T>
 constexpr std::string_view PrettyName() {
   constexpr std::string_view text = __PRETTY_FUNCTION__;
@@ -32,8 +32,8 @@ inline constexpr auto kClassText = ClassText<T>();
 
 }  // namespace Detail
 
-// Returns "class " and the qualified name of T, which begin log lines. Unlike typeid's text, it
-// does not depend on the compiler.
+// Returns "class " and the qualified name of T, for the beginning of log lines. Unlike typeid's
+// name, it does not depend on the compiler.
 template <typename T>
 constexpr const char* TypeName() noexcept {
   return Detail::kClassText<T>.data();

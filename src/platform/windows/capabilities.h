@@ -27,7 +27,7 @@ TrustProvider& WindowsTrustProvider();
 
 class DeferredLibrary;
 
-// Makes the trust provider over `wintrust`, which stands for wintrust.dll and outlives it.
+// Creates the trust provider that uses `wintrust`, which represents wintrust.dll and outlives it.
 std::unique_ptr<TrustProvider> MakeTrustProvider(DeferredLibrary& wintrust);
 
 }  // namespace Vx::Platform

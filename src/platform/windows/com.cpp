@@ -27,7 +27,7 @@ class RealCom final : public Com {
   }
 
   std::int32_t CreateWbemLocator(IWbemLocator** locator) override {
-    // WMI needs this library. Without it, each text would look like a lack of memory.
+    // WMI needs this library. If it is missing, MakeText would appear to run out of memory.
     if (Automation().Find<void>("SysAllocString") == nullptr) {
       return HRESULT_FROM_WIN32(GetLastError());
     }

@@ -18,7 +18,7 @@ namespace Vx::Platform {
 
 HMODULE DeferredLibrary::Load() noexcept {
   if (const HMODULE known = loaded.load()) return known;
-  // An impersonating thread may also see the drives as its user has defined them.
+  // An impersonating thread could see other drives, as its user has defined them.
   Sessions& sessions = WindowsSessions();
   const Result<UniqueHandle> user = sessions.ThreadToken();
   ErrorCode error = user ? 0 : user.Error();
@@ -48,7 +48,8 @@ HMODULE DeferredLibrary::LoadAsProcess() noexcept {
   // The flag also limits the search for the library's imports to the system directory.
   const HMODULE library = LoadLibraryExW(path.data(), nullptr, LOAD_LIBRARY_SEARCH_SYSTEM32);
   if (library == nullptr) return nullptr;
-  // If two threads load at once, only one keeps its reference, so that the count does not grow.
+  // If two threads load the library at once, only one keeps its reference, so that the count does
+  // not grow.
   HMODULE none = nullptr;
   if (!loaded.compare_exchange_strong(none, library)) FreeLibrary(library);
   return library;
@@ -79,7 +80,7 @@ const Value* At(std::uintptr_t offset) {
 
 using Function = INT_PTR WINAPI();
 
-// Stand in for a missing function, whatever its arguments.
+// Both stand in for a missing function, whatever its arguments.
 INT_PTR WINAPI FailWithLastError() {
   SetLastError(ERROR_MOD_NOT_FOUND);
   return 0;

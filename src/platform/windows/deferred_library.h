@@ -7,14 +7,14 @@
 namespace Vx::Platform {
 
 // A Windows library that only some operations need, or that a file beside the program could replace
-// if it were imported. Loads it from the system directory at the first Find, as the process even if
-// the thread impersonates, and never frees it, which Windows forbids under the loader lock, while
-// this module is unloaded. So not for DllMain or constructors. Any thread. Does not throw.
+// if it were imported. The first Find loads it from the system directory, as the process even if
+// the thread impersonates. Never frees it, because Windows forbids that under the loader lock,
+// while this module is unloaded. Not for DllMain or constructors. Thread-safe. Does not throw.
 class DeferredLibrary {
  public:
   constexpr explicit DeferredLibrary(const wchar_t* name) noexcept : fileName(name) {}
 
-  // Returns null and sets the last error if the library does not load or lacks the function.
+  // Returns null and sets the last error if the library cannot be loaded or lacks the function.
   template <typename Function>
   Function* Find(const char* name) noexcept {
     return reinterpret_cast<Function*>(Address(name));

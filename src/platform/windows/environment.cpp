@@ -31,7 +31,7 @@ using Text = Result<std::wstring>;
 // longer one and reports success.
 constexpr std::size_t kMaxText = 32767;
 
-// `buffer` has room for more than `maxChars`, or for the longest text.
+// `buffer` has room for more than `maxChars`, or for the longest string.
 Text TextIn(const std::vector<wchar_t>& buffer, std::size_t maxChars) {
   const auto end = std::find(buffer.begin(), buffer.end(), L'\0');
   const auto length = static_cast<std::size_t>(end - buffer.begin());
@@ -39,7 +39,7 @@ Text TextIn(const std::vector<wchar_t>& buffer, std::size_t maxChars) {
   return std::wstring(buffer.begin(), end);
 }
 
-// One more than the caller allows: a text that fills it was too long.
+// One more than the caller allows, so that a string that fills the buffer is known to be too long.
 std::size_t Room(std::size_t maxChars) {
   return std::min<std::size_t>(maxChars, std::numeric_limits<DWORD>::max() - 1) + 1;
 }
@@ -60,7 +60,7 @@ class RealEnvironment final : public Environment {
  public:
   Text Expand(const std::wstring& text, std::size_t maxChars) const override {
     if (text.size() >= kMaxText) return Text::Failure(ERROR_FILENAME_EXCED_RANGE);
-    // Most texts are short, and a buffer for the longest costs more than the call.
+    // Most strings are short, and a buffer for the longest costs more than the call.
     if (auto brief = ExpandInto(text, std::min(maxChars, kShortPath))) return brief;
     return ExpandInto(text, maxChars);
   }
@@ -68,8 +68,8 @@ class RealEnvironment final : public Environment {
   Text ExpandForUser(RawHandle token, const std::wstring& text,
                      std::size_t maxChars) const override {
     if (text.size() >= kMaxText) return Text::Failure(ERROR_FILENAME_EXCED_RANGE);
-    // Room for the longest text, because Wine reports success for a buffer that is too small and
-    // leaves part of the text there.
+    // Room for the longest string, because Wine reports success for a buffer that is too small and
+    // leaves a truncated string in it.
     std::vector<wchar_t> buffer(kMaxText);
     auto* expand = userenv.Find<decltype(ExpandEnvironmentStringsForUserW)>(
         "ExpandEnvironmentStringsForUserW");

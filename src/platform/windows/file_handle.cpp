@@ -45,7 +45,7 @@ bool IsProcessUser(PSID sid) {
   return EqualSid(sid, information.User.Sid) != 0;
 }
 
-// Returns the SID as text, or an empty text for none.
+// Returns the SID as text, or an empty string if there is none.
 std::wstring SidText(PSID sid) {
   wchar_t* raw = nullptr;
   if (sid == nullptr || ConvertSidToStringSidW(sid, &raw) == FALSE) return {};
@@ -53,7 +53,7 @@ std::wstring SidText(PSID sid) {
   return text.get();
 }
 
-// Where a read or a write begins, in a file that is opened for synchronous access.
+// The offset of a read or a write, in a file that is opened for synchronous access.
 OVERLAPPED At(std::size_t offset) {
   OVERLAPPED place{};
   place.Offset = static_cast<DWORD>(offset);
@@ -66,7 +66,7 @@ class RealFileHandle final : public FileHandle {
   explicit RealFileHandle(UniqueHandle opened) : file(std::move(opened)) {}
 
   Result<FileFacts> Facts() const override {
-    // Cheaper than GetFileInformationByHandle, which also asks for the volume.
+    // Cheaper than GetFileInformationByHandle, which also queries the volume.
     FILE_STANDARD_INFO standard;
     FILE_BASIC_INFO basic;
     if (!Query(FileStandardInfo, standard) || !Query(FileBasicInfo, basic)) {
@@ -241,8 +241,8 @@ Result<AccessList> AccessOf(RawHandle file) {
       const BYTE type = static_cast<const ACE_HEADER*>(ace)->AceType;
       auto* allowed = static_cast<ACCESS_ALLOWED_ACE*>(ace);
       entry.allowed = std::ranges::find(kDenials, type) == std::end(kDenials);
-      // The others begin the same, but allow access to some objects only or on a condition:
-      // https://learn.microsoft.com/windows/win32/api/winnt/ns-winnt-ace_header
+      // The other types that allow access have the same beginning, but apply only to some objects
+      // or on a condition: https://learn.microsoft.com/windows/win32/api/winnt/ns-winnt-ace_header
       if (std::ranges::find(kGrants, type) != std::end(kGrants)) entry.mask = allowed->Mask;
       if (type == ACCESS_ALLOWED_ACE_TYPE) entry.sid = SidText(&allowed->SidStart);
     }

@@ -11,22 +11,23 @@
 
 namespace Vx::Platform {
 
-// Opens the file `path`, which others may influence. The file must exist unless `disposition` says
-// otherwise. A new one gets `security`. With FILE_FLAG_BACKUP_SEMANTICS in `flags`, opens a folder.
-// Sets the last error and returns null for anything not on a disk, because a pipe or a device could
-// block its reader or writer forever. Passes SECURITY_SQOS_PRESENT, because otherwise a pipe's
-// server could impersonate this process (CreateFileW, dwFlagsAndAttributes).
+// Opens the file `path`, whose content or name others may control. The file must exist unless
+// `disposition` says otherwise. A new one gets `security`. With FILE_FLAG_BACKUP_SEMANTICS in
+// `flags`, opens a folder. Sets the last error and returns null for anything not on a disk, because
+// a pipe or a device could block its reader or writer forever. Passes SECURITY_SQOS_PRESENT,
+// because otherwise a pipe's server could impersonate this process (CreateFileW,
+// dwFlagsAndAttributes).
 UniqueHandle OpenDiskFile(const std::wstring& path, DWORD access, DWORD share,
                           DWORD flags = FILE_ATTRIBUTE_NORMAL, DWORD disposition = OPEN_EXISTING,
                           SECURITY_ATTRIBUTES* security = nullptr);
 
-// Renames an open file or folder in one step, replacing a file that is there. Needs DELETE.
+// Renames an open file or folder in one step, replacing any file at `path`. Needs DELETE.
 ErrorCode RenameTo(RawHandle file, const std::wstring& path);
 
 // See Files::FolderAccess. Needs READ_CONTROL.
 Result<AccessList> AccessOf(RawHandle file);
 
-// See FileHandle::Content and FileHandle::Write. `file` is opened for synchronous access.
+// See FileHandle::Content and FileHandle::Write. `file` must be opened for synchronous access.
 Result<std::vector<std::byte>> ReadContent(HANDLE file, std::size_t maxBytes);
 ErrorCode WriteContent(HANDLE file, std::span<const std::byte> content);
 

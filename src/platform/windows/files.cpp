@@ -22,7 +22,7 @@ using Bytes = std::vector<std::byte>;
 
 // Wildcards of the directory search. The last three are their DOS forms.
 constexpr wchar_t kWildcards[] = L"*?<>\"";
-// Turns path parsing off. Its question mark is not a wildcard.
+// Turns off path parsing. Its question mark is not a wildcard.
 constexpr std::wstring_view kVerbatimPrefix = L"\\\\?\\";
 
 // Protected: nothing is inherited. S-1-3-4 is the owner.
@@ -49,7 +49,7 @@ bool HasWildcard(std::wstring_view path) {
   return path.find_first_of(kWildcards) != std::wstring_view::npos;
 }
 
-// Converts an NTSTATUS of the digest functions. Callers distinguish only out of memory.
+// Converts an NTSTATUS of the digest functions. Callers distinguish only the out-of-memory error.
 ErrorCode Win32Error(NTSTATUS status) {
   constexpr auto kNoMemory = static_cast<NTSTATUS>(0xC0000017);
   return status == kNoMemory ? ERROR_NOT_ENOUGH_MEMORY : ERROR_GEN_FAILURE;
@@ -124,7 +124,8 @@ class RealFiles final : public Files {
   }
 
   Result<Bytes> Read(const std::wstring& path, std::size_t maxBytes) const override {
-    // Shares writing, because a reader must not block the file's writers, whom its users serialise.
+    // Shares writing, because a reader must not block the file's writers, which are serialized
+    // elsewhere.
     const UniqueHandle file = OpenDiskFile(path, GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE);
     if (file == nullptr) return Result<Bytes>::Failure(GetLastError());
     return ReadContent(file.get(), maxBytes);
@@ -218,7 +219,7 @@ class RealFiles final : public Files {
   }
 
   Result<AccessList> FolderAccess(const std::wstring& folder) const override {
-    // GetNamedSecurityInfo would lend this process's identity to whatever is at the path.
+    // GetNamedSecurityInfo would let whatever is at the path impersonate this process.
     const UniqueHandle opened =
         OpenDiskFile(folder, READ_CONTROL, kShareAll, FILE_FLAG_BACKUP_SEMANTICS);
     return opened != nullptr ? AccessOf(opened.get()) : Result<AccessList>::Failure(GetLastError());
@@ -232,7 +233,7 @@ class RealFiles final : public Files {
 
   Result<std::vector<std::wstring>> Siblings(const std::wstring& path) const override {
     using Names = Result<std::vector<std::wstring>>;
-    std::vector<std::pair<std::uint64_t, std::wstring>> siblings;  // with the time of writing
+    std::vector<std::pair<std::uint64_t, std::wstring>> siblings;  // with the last-write time
     WIN32_FIND_DATAW found;
     const HANDLE raw = FindFirstFileW((path + L".*").c_str(), &found);
     if (raw == INVALID_HANDLE_VALUE) {

@@ -58,8 +58,8 @@ class Uninstall final : public PackageUninstall {
   Abi::IPackageUninstallingEventArgs& arguments;
 };
 
-// A handler, shared with the delegate, which the system may hold after the removal: a running
-// notification still has its handler, and a later one finds it closed.
+// A handler, shared with the delegate, which the system may hold after the removal. A running
+// notification can still use its handler, and a later one finds it closed.
 struct Subscription {
   PackageCatalog::UninstallingHandler handler;
   std::atomic<bool> closed{false};
@@ -171,8 +171,8 @@ std::shared_ptr<PackageCatalog> OpenOnAnotherThread() {
 
 }  // namespace
 
-// Watchers and notifications run in the multithreaded apartment. Its documentation does not promise
-// that a PackageCatalog can be used outside its own apartment.
+// Watchers and notifications run in the multithreaded apartment. The documentation of
+// PackageCatalog does not promise that one can be used outside its own apartment.
 std::shared_ptr<PackageCatalog> OpenWindowsPackageCatalog() {
   if (InSingleThreadedApartment()) return OpenOnAnotherThread();
   return std::make_shared<WindowsPackageCatalog>();

@@ -7,7 +7,8 @@
 
 namespace Vx::Platform {
 
-// Found at run time. Null if this Windows lacks it. The signatures are those of appmodel.h.
+// Functions found at run time. Null if this Windows lacks one. The signatures are those of
+// appmodel.h.
 struct AppModelFunctions {
   using FindByFamily = long __stdcall(const wchar_t* family, std::uint32_t filters,
                                       std::uint32_t* count, wchar_t** fullNames,
@@ -26,12 +27,13 @@ struct AppModelFunctions {
 };
 
 // Returns the functions that this Windows has. They are exported by libraries that are always
-// loaded, but Windows may load another one to which it forwards them.
+// loaded, but may be forwarded to another library, which Windows then loads.
 AppModelFunctions ResolveAppModel() noexcept;
 
 // Returns the packages of this Windows, queried through `functions`. A query whose function is null
 // fails with ERROR_PROC_NOT_FOUND. Package manager operations enter and leave their thread's
-// apartment. Their errors name the step, with REGDB_E_CLASSNOTREG if there is no package manager.
+// apartment. Their errors name the step. The code is REGDB_E_CLASSNOTREG if there is no package
+// manager.
 std::unique_ptr<Packages> MakeWindowsPackages(const AppModelFunctions& functions);
 
 }  // namespace Vx::Platform

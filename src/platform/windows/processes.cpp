@@ -20,7 +20,7 @@ constexpr DWORD kCreationFlags =
     CREATE_NEW_CONSOLE | NORMAL_PRIORITY_CLASS | CREATE_UNICODE_ENVIRONMENT;
 static_assert(kCreationFlags == 0x430);
 
-// Including the terminator. Windows rejects a longer one. Wine silently truncates it, and a program
+// Including the terminator. Windows rejects a longer one. Wine truncates it silently, and a program
 // must not run with half of its arguments.
 constexpr std::size_t kLongestCommandLine = 32'767;
 
@@ -31,7 +31,7 @@ bool EndsEnvironment(const std::vector<wchar_t>& block) {
   return block.size() >= 2 && block[block.size() - 1] == L'\0' && block[block.size() - 2] == L'\0';
 }
 
-// Returns zero, or why `start` must not be passed to Windows.
+// Returns zero, or an error if `start` must not be passed to Windows.
 ErrorCode Refusal(const ProcessStart& start) {
   if (!IsFullPath(start.application)) return ERROR_BAD_PATHNAME;
   if (start.commandLine.size() >= kLongestCommandLine) return ERROR_FILENAME_EXCED_RANGE;
@@ -84,7 +84,7 @@ class RealProcesses final : public Processes {
   std::optional<std::wstring> ImagePath(std::uint32_t id) const override {
     const UniqueHandle process(OpenProcess(PROCESS_QUERY_INFORMATION | PROCESS_VM_READ, FALSE, id));
     if (process == nullptr) return std::nullopt;
-    // Reads the kernel's record, because a process can change its name in its own list of modules.
+    // Queries the kernel, because a process can change its name in its own list of modules.
     std::wstring path(kLongestPath, L'\0');
     DWORD length = kLongestPath;
     if (QueryFullProcessImageNameW(process.get(), 0, path.data(), &length) == FALSE) {

@@ -12,7 +12,7 @@
 
 namespace Vx::Platform {
 
-// wintrust.dll's functions for checking a file, absent from this toolchain's import libraries.
+// wintrust.dll's functions for checking a file, which this toolchain's import libraries lack.
 // `acquireContext2` and `calcHash2` support SHA-256 and are null if Windows lacks them.
 struct SignatureFunctions {
   explicit SignatureFunctions(DeferredLibrary& wintrust) noexcept;

@@ -11,7 +11,8 @@ namespace Vx::Platform {
 
 namespace {
 
-// WINTRUST_SIGNATURE_SETTINGS and the WINTRUST_DATA for it, newer than this toolchain's headers.
+// WINTRUST_SIGNATURE_SETTINGS and the WINTRUST_DATA that contains it, newer than this toolchain's
+// headers.
 struct SignatureSettings {
   DWORD size = sizeof(SignatureSettings);
   DWORD index = 0;
@@ -50,7 +51,7 @@ constexpr DWORD kEncoding = X509_ASN_ENCODING | PKCS_7_ASN_ENCODING;
 
 LONG VerifyTrust(const SignatureFunctions& functions, TrustData& data) {
   GUID action = WINTRUST_ACTION_GENERIC_VERIFY_V2;
-  // With this window, unlike null, no policy provider may prompt.
+  // With this window, unlike with null, no policy provider may prompt.
   return functions.verify(static_cast<HWND>(INVALID_HANDLE_VALUE), &action, &data);
 }
 
@@ -98,7 +99,7 @@ class Verification {
   LONG result;
 };
 
-// Uses the reported length, because a NUL inside a name must not make it equal to a shorter one.
+// Uses the reported length, because a name with a NUL must not compare equal to a shorter one.
 std::wstring Attribute(const CERT_CONTEXT* certificate, DWORD flags, const char* attribute) {
   std::string type(attribute);
   const DWORD length =
@@ -121,7 +122,7 @@ std::wstring NameText(CERT_NAME_BLOB name) {
 }
 
 // Returns whether the encoded name can be parsed. The calls that read one attribute return the same
-// empty text for an absent and an unreadable one.
+// empty string for an absent and an unreadable one.
 bool IsReadable(const CERT_NAME_BLOB& name) {
   DWORD size = 0;
   return CryptDecodeObject(kEncoding, X509_NAME, name.pbData, name.cbData, 0, nullptr, &size) !=

@@ -46,7 +46,7 @@ class RealApiSets final : public ApiSets {
     text.Length = static_cast<USHORT>(copy.size() * sizeof(wchar_t));
     text.MaximumLength = static_cast<USHORT>(text.Length + sizeof(wchar_t));
     text.Buffer = copy.data();
-    // Documented to return a BOOL, both return a status. Neither writes its output on failure.
+    // Both are documented to return a BOOL but return a status. Neither sets its output on failure.
     BOOLEAN present = FALSE;
     NTSTATUS status = 0;
     if (auto* queryEx = SystemFunction<ApiSetQueryEx>(kNtDll, "ApiSetQueryApiSetPresenceEx")) {

@@ -51,8 +51,8 @@ class RealThreads final : public Threads {
     return UniqueHandle(reinterpret_cast<RawHandle>(raw));  // NOLINT(performance-no-int-to-ptr)
   }
 
-  // Also ends an open that waits for another program's opportunistic lock. Needs THREAD_TERMINATE,
-  // which a new thread's handle has.
+  // Also cancels an open that waits for another program's opportunistic lock. Needs
+  // THREAD_TERMINATE, which a new thread's handle has.
   void CancelIo(RawHandle thread) override { CancelSynchronousIo(thread); }
 };
 

@@ -54,7 +54,7 @@ Result<CatalogAdmin> OpenCatalogs(const SignatureFunctions& functions) {
   return owned(false);
 }
 
-// Returns the hash by which `admin` finds `file`, an open file. Reads the whole file.
+// Returns the hash by which `admin` finds the open file `file`. Reads the whole file.
 Result<std::vector<std::byte>> CatalogHashOf(const SignatureFunctions& functions,
                                              const CatalogAdmin& admin, HANDLE file) {
   using Bytes = Result<std::vector<std::byte>>;
@@ -107,8 +107,8 @@ Result<std::wstring> CatalogOf(const SignatureFunctions& functions, const Catalo
   return std::wstring(info.wszCatalogFile);
 }
 
-// Opens a program for a verification by handle. A verification by path would open the file again
-// and lend this process's identity to whatever is there by then.
+// Opens a program for a verification by handle. A verification by path would open the file again,
+// and could let whatever is there by then impersonate this process.
 UniqueHandle OpenProgram(const std::wstring& path, DWORD share) {
   return OpenDiskFile(path, GENERIC_READ, share);
 }
@@ -116,7 +116,7 @@ UniqueHandle OpenProgram(const std::wstring& path, DWORD share) {
 constexpr DWORD kUnlessWritten = FILE_SHARE_READ | FILE_SHARE_DELETE;
 constexpr DWORD kShareAll = kUnlessWritten | FILE_SHARE_WRITE;
 
-// The verdict if the file cannot be opened or Windows lacks the functions.
+// Returns the verdict if the file cannot be opened or Windows lacks the functions.
 SignatureVerdict Unverifiable(DWORD error) {
   return {.result = HRESULT_FROM_WIN32(error), .secondaryCount = 0, .signer = std::nullopt};
 }
@@ -164,7 +164,7 @@ class WindowsTrust final : public TrustProvider {
     if (!functions.Complete()) return Unverifiable(GetLastError());
     const UniqueHandle file = OpenProgram(catalog.memberPath, kShareAll);
     if (!file) return Unverifiable(GetLastError());
-    // The verification needs the context to know which hash the catalog uses.
+    // The verification needs the context to determine which hash the catalog uses.
     const auto admin = OpenCatalogs(functions);
     std::vector<std::byte> hash = catalog.hash;
     WINTRUST_CATALOG_INFO info{};

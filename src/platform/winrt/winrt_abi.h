@@ -11,11 +11,11 @@
 // caller owns every returned HSTRING and interface. Declared by hand because the compiler's headers
 // lack most of them and get several wrong (a four-byte boolean, a wrong identifier).
 
-// The virtual destructor that these warnings ask for would take a slot.
+// Adding the virtual destructor that these warnings ask for would take a slot.
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wnon-virtual-dtor"
 
-// A member that is never called, so it has no parameters. It only reserves its slot.
+// A member that is never called and only reserves its slot, so it has no parameters.
 #define VX_PLACE(name)                       \
   virtual HRESULT STDMETHODCALLTYPE name() { \
     return E_NOTIMPL;                        \
@@ -24,7 +24,7 @@
 namespace Vx::Abi {
 
 using Boolean =
-    unsigned char;  // one byte; initialise it, because the call does not clear its neighbours
+    unsigned char;  // one byte; initialize it, because the call does not clear its neighbors
 
 struct EventToken {
   std::int64_t value = 0;
@@ -102,7 +102,7 @@ struct IStringMap : IInspectable {
   virtual HRESULT STDMETHODCALLTYPE Insert(HSTRING key, IInspectable* value, Boolean* replaced) = 0;
 };
 
-// The default interface of a ValueSet; has no methods of its own.
+// The default interface of a ValueSet. Has no methods of its own.
 struct IPropertySet : IInspectable {
   static constexpr GUID kIid{
       0x8a43ed9f, 0xf4e6, 0x4421, {0xac, 0xf9, 0x1d, 0xab, 0x29, 0x86, 0x82, 0x0c}};

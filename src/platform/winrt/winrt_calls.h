@@ -7,7 +7,7 @@
 #include "platform/windows_runtime_error.h"
 #include "platform/winrt/winrt_owners.h"
 
-// The message of a failure names the call, because the code alone does not identify the step.
+// A failure's message names the call, because the code alone does not identify the step.
 
 namespace Vx::Platform {
 
@@ -15,7 +15,7 @@ inline void Check(HRESULT result, const wchar_t* call) {
   if (FAILED(result)) throw WindowsRuntimeError(result, call);
 }
 
-// For calls that can succeed without returning an object. That counts as E_UNEXPECTED.
+// For calls that can succeed without returning an object. Reports that as E_UNEXPECTED.
 template <typename T>
 void CheckMade(HRESULT result, const Abi::ComPtr<T>& object, const wchar_t* call) {
   Check(result, call);
@@ -54,7 +54,7 @@ Abi::ComPtr<T> FactoryOf(const wchar_t* className) {
 }
 
 struct AsyncOutcome {
-  bool ended = false;          // false: the operation was cancelled because it took too long
+  bool ended = false;          // false: the operation was canceled because it took too long
   HRESULT result = E_PENDING;  // S_OK, the operation's own error, or the error of the wait
 };
 
@@ -66,9 +66,9 @@ AsyncOutcome AwaitCompletion(Abi::IAsyncInfo& operation, RawHandle completed,
 
 }  // namespace Detail
 
-// Blocks, through the clock, until `operation` ends. After `limit` the operation is cancelled and
-// the result is HRESULT_FROM_WIN32(ERROR_TIMEOUT). If it cannot be cancelled, it may continue to
-// run. Throws if the operation refuses its completion handler.
+// Blocks, through the clock, until `operation` ends. After `limit`, cancels the operation and
+// returns HRESULT_FROM_WIN32(ERROR_TIMEOUT). If it cannot be canceled, it may continue to run.
+// Throws if the operation refuses its completion handler.
 template <typename Operation>
 AsyncOutcome Await(const Abi::ComPtr<Operation>& operation, Clock::Duration limit) {
   using Handler = typename Operation::Handler;

@@ -17,7 +17,7 @@ HRESULT Query(const ComPtr<From>& object, ComPtr<To>& other) noexcept {
   return object->QueryInterface(IidOf<To>(), reinterpret_cast<void**>(other.Receive()));
 }
 
-// Owns a Windows Runtime string. A null HSTRING is the empty text, not an error.
+// Owns a Windows Runtime string. A null HSTRING is the empty string, not an error.
 class HString {
  public:
   HString() = default;
@@ -66,7 +66,7 @@ class Apartment {
     if (SUCCEEDED(result)) RoUninitialize();
   }
 
-  // S_OK also for a thread in another apartment.
+  // Returns S_OK even if the thread is in another apartment.
   HRESULT Result() const noexcept { return result == RPC_E_CHANGED_MODE ? S_OK : result; }
 
  private:
@@ -77,7 +77,7 @@ class Apartment {
 #pragma GCC diagnostic ignored "-Wnon-virtual-dtor"  // Windows defines the slots of the base
 
 // A delegate that runs `callable(sender, argument)`, which returns an HRESULT and does not throw.
-// The system calls it on any thread. It is agile, so calls are not marshalled. The last reference,
+// The system calls it on any thread. It is agile, so calls are not marshaled. The last reference,
 // which the system may hold for longer than the creator, destroys the callable.
 template <typename Interface, typename Callable>
 class Delegate final : public Interface {
@@ -127,7 +127,7 @@ inline void KeepModuleLoaded() noexcept {
                      reinterpret_cast<const wchar_t*>(&KeepModuleLoaded), &module);
 }
 
-// Returns a new delegate with one reference, owned by the caller. Pins the module.
+// Returns a new delegate with one reference, owned by the caller. Keeps this module loaded.
 template <typename Interface, typename Callable>
 ComPtr<Interface> MakeDelegate(Callable callable) {
   KeepModuleLoaded();
