@@ -19,13 +19,13 @@ enum class BODFormat : std::uint8_t {
   EightDigits = 2,  // YYYYMMDD
 };
 
-// 6 for SixDigits, 8 otherwise.
+// Returns 6 for SixDigits, 8 otherwise.
 std::size_t DigitCount(BODFormat format);
 
-// A born-on date as text, and its format. Holds any text, but only a valid one has a format.
+// A born-on date as text, and its format. May hold any text, but only a valid date has a format.
 class BornOnDate {
  public:
-  // Returns whether a month of `year`, as written (below 100 if two digits), has this day.
+  // Returns whether a month has this day. `year` is as written: below 100 if it has two digits.
   using DayTest = bool (*)(int year, int day);
 
   // Each month's number and day test, ordered by month.
@@ -41,7 +41,8 @@ class BornOnDate {
 
   BODFormat get_format() const { return format; }
 
-  // Returns the date alone, or all zeros if it is invalid. A two-digit year means 2000 to 2099.
+  // Returns the date without a time, or all zeros if it is invalid. A two-digit year means 2000 to
+  // 2099.
   CalendarTime get_as_calendar_time() const;
 
   // Returns the same as a SYSTEMTIME. Windows builds only.
@@ -57,11 +58,12 @@ class BornOnDate {
   BODFormat format = BODFormat::Invalid;
 };
 
-// Writes the digits of `day` in `format` to the front of `buffer`, without a terminator. The year
-// of six digits is 0 and its last digit. Throws std::invalid_argument if the buffer is too small.
+// Writes the digits of `day` in `format` to the front of `buffer`, without a terminator. For
+// SixDigits, the year is written as 0 and its last digit. Throws std::invalid_argument if the
+// buffer is too small.
 void WriteDigits(std::span<std::uint8_t> buffer, BODFormat format, const CalendarTime& day);
 
-// Returns whether `date` is a valid date of this format, or as many zeros, which erase the date.
+// Returns whether `date` is a valid date in this format, or all zeros, which erase the date.
 bool IsAssignable(const std::string& date, BODFormat format);
 
 // Returns the text at the front of a firmware block: up to the first zero byte, or all of it.

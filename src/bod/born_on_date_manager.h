@@ -10,7 +10,7 @@ namespace Vx::Tessel::Server::Services::Orvane {
 
 // Reads the born-on date that the firmware keeps, and writes it once in a machine's life. Each
 // operation that uses the firmware opens its own channel, blocks for as long as WMI takes, and
-// throws std::system_error with the HRESULT if a command fails or its output cannot be read whole.
+// throws std::system_error with the HRESULT if a command fails or its whole output cannot be read.
 // Use from one thread at a time.
 class BornOnDateManager {
  public:
@@ -27,10 +27,10 @@ class BornOnDateManager {
 
   bool born_on_date_has_been_set();
 
-  // Returns the day on which Windows set-up ended, or all zeros if it is not recorded.
+  // Returns the day on which Windows setup ended, or all zeros if it is not recorded.
   _SYSTEMTIME get_windows_bod();
 
-  // Returns the day on which set-up ended or the time now (UTC), whichever is earlier.
+  // Returns the day on which Windows setup ended or the current time (UTC), whichever is earlier.
   _SYSTEMTIME determine_bod_source();
 
   static _SYSTEMTIME min_systemtime(_SYSTEMTIME a, _SYSTEMTIME b);
@@ -38,8 +38,8 @@ class BornOnDateManager {
   // Writes the digits to the front of `buffer`. Throws std::invalid_argument if it is too small.
   void determine_date_to_assign(std::vector<std::uint8_t>& buffer, BODFormat format);
 
-  // Writes `date`, or that of determine_bod_source if it is empty, unless the firmware holds a
-  // valid date. Throws std::invalid_argument for a date that the firmware cannot take.
+  // Writes `date`, or the result of determine_bod_source if `date` is empty, unless the firmware
+  // holds a valid date. Throws std::invalid_argument for a date that the firmware cannot store.
   void conditionally_set(const std::string& date);
 
  private:

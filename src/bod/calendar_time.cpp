@@ -22,7 +22,7 @@ std::optional<std::uint64_t> FileTimeOf(const CalendarTime& time) {
   if (time.year < kFirstYear || time.year > kLastYear) return std::nullopt;
   const std::chrono::year_month_day date{
       std::chrono::year{time.year}, std::chrono::month{time.month}, std::chrono::day{time.day}};
-  // std::chrono keeps months and days in one byte each, so 257 would count as 1.
+  // std::chrono keeps months and days in one byte each, so 257 would become 1.
   if (time.month > 12 || time.day > 31 || !date.ok()) return std::nullopt;
   if (time.hour > 23 || time.minute > 59 || time.second > 59 || time.millisecond > 999) {
     return std::nullopt;
@@ -35,7 +35,7 @@ std::optional<std::uint64_t> FileTimeOf(const CalendarTime& time) {
 }
 
 CalendarTime CalendarTimeOf(std::uint64_t fileTime) {
-  // Divides first, because the whole number may not fit a signed duration.
+  // Divides first, because the whole number may not fit in a signed duration.
   const std::chrono::days wholeDays{static_cast<std::int64_t>(fileTime / kUnitsADay)};
   const FileTimeUnits rest{static_cast<std::int64_t>(fileTime % kUnitsADay)};
   const std::chrono::sys_days day = kFileTimeEpoch + wholeDays;

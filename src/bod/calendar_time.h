@@ -7,7 +7,7 @@
 
 namespace Vx::Tessel::Server::Services::Orvane {
 
-// UTC, laid out like Windows' SYSTEMTIME so that copying the 16 bytes converts it.
+// A UTC time with the layout of Windows' SYSTEMTIME, so that copying the 16 bytes converts it.
 struct CalendarTime {
   std::uint16_t year = 0;
   std::uint16_t month = 0;  // 1 to 12
@@ -21,14 +21,14 @@ struct CalendarTime {
   friend bool operator==(const CalendarTime&, const CalendarTime&) = default;
 };
 
-// Returns 100-nanosecond units since 1601-01-01. Ignores the day of the week. Empty if the fields
-// are not a valid time in the years 1601 to 30827.
+// Returns 100-nanosecond units since 1601-01-01. Ignores the day of the week. Returns nothing if
+// the fields are not a valid time in the years 1601 to 30827.
 std::optional<std::uint64_t> FileTimeOf(const CalendarTime& time);
 
-// Returns the moment `fileTime` units after 1601-01-01, truncated to milliseconds.
+// Returns the time `fileTime` units after 1601-01-01, truncated to milliseconds.
 CalendarTime CalendarTimeOf(std::uint64_t fileTime);
 
-// Returns the earlier of the two (`first` on a tie), or the only one that is a valid time.
+// Returns the earlier of the two (`first` if equal), or the only one that is a valid time.
 CalendarTime EarlierOf(const CalendarTime& first, const CalendarTime& second);
 
 // Returns the date at the front of a raw SYSTEMTIME, or all zeros if there are too few bytes.

@@ -32,14 +32,14 @@ constexpr char kCreateSafeArray[] = "CreateSafeArray";
 constexpr char kOutOfMemory[] = "VxBiosWmi - out of memory";
 
 constexpr wchar_t kNamespace[] = LR"(\\.\root\wmi)";
-// The firmware spells its method class both ways.
+// The firmware uses both spellings of its method class.
 constexpr wchar_t kMethodClass[] = L"zrkBIntM";
 constexpr wchar_t kMethodInstances[] = L"ZrkBIntM";
 constexpr wchar_t kInputBlockClass[] = L"zrkBDataIn";
 constexpr wchar_t kMethodName[] = L"zrkBIOSInt%ld";
 constexpr std::size_t kMethodNameChars = 60;
 
-// The result if the reply does not have exactly the requested bytes.
+// The result if the reply does not contain exactly the requested bytes.
 constexpr HRESULT kNotTheBlock = HRESULT_FROM_WIN32(ERROR_INVALID_DATA);
 
 constexpr std::uint8_t kSignature[] = {'S', 'E', 'C', 'U'};
@@ -104,8 +104,8 @@ bool VxBiosWmi::GetReady() {
   const UniqueBstr name = Text(kNamespace);
   Platform::Com& com = Com();
 
-  // Neither failure is fatal, because another part of the process may have set up COM in its own
-  // way, and the calls often work then too.
+  // Neither failure is fatal, because another part of the process may have set up COM differently,
+  // and then the calls often work too.
   comEntered =
       SUCCEEDED(Check(kGetReady, L"CoInitializeEx()", com.InitializeMultithreaded())) || comEntered;
   const std::int32_t security = com.InitializeSecurity(Platform::Cloaking::None);
@@ -113,7 +113,7 @@ bool VxBiosWmi::GetReady() {
 
   ComPtr<IWbemLocator> locator;
   const HRESULT created = WithObject(com.CreateWbemLocator(locator.Receive()), locator);
-  // COM stays entered here, as callers have always found it.
+  // Does not leave COM here, because callers have always found it entered.
   if (FAILED(Check(kGetReady, L"CoCreateInstance(IWbemLocator)", created))) return false;
 
   HRESULT connected = locator->ConnectServer(name.get(), nullptr, nullptr, nullptr, 0, nullptr,
@@ -133,7 +133,7 @@ bool VxBiosWmi::GetReady() {
 
 void VxBiosWmi::Disconnect() {
   services.Reset();
-  // If entering COM was refused, the thread belongs to another component's apartment.
+  // If entering COM was refused, another component owns the thread's apartment.
   if (comEntered) Com().Uninitialize();
   comEntered = false;
   ready = false;
@@ -183,7 +183,7 @@ std::int32_t VxBiosWmi::ExecuteCommand(int command, int commandType, std::uint32
   if (FAILED(Check(kExecuteCommand, L"IWbemServices->ExecMethod(BIOS method)", result))) {
     return result;
   }
-  // The firmware has already run the command, so an unreadable reply does not fail it.
+  // The firmware has already run the command, so an unreadable reply does not make it fail.
   outputResult = GetOutputData(outParameters, outputSize, output, returnCode);
   return result;
 }
@@ -276,7 +276,7 @@ std::int32_t VxBiosWmi::GetBiosMethodObjectPath(Variant& path) const {
   ClassObject instance;
   ULONG returned = 0;
   result = instances->Next(kNextTimeout, 1, instance.Receive(), &returned);
-  // WMI reports neither the end of the list nor a timeout as an error, but both leave no instance.
+  // WMI reports neither the end of the list nor a timeout as an error, but both return no instance.
   if (SUCCEEDED(result) && !instance) {
     result = result == WBEM_S_TIMEDOUT ? static_cast<HRESULT>(WBEM_E_TIMED_OUT)
                                        : static_cast<HRESULT>(WBEM_E_NOT_FOUND);
@@ -308,13 +308,13 @@ std::int32_t VxBiosWmi::GetOutputData(const ClassObject& outParameters, std::uin
   Variant code;
   result = Get(data.Get(), L"rwReturnCode", code);
   if (SUCCEEDED(result) && !Platform::Int32In(*code)) result = DISP_E_TYPEMISMATCH;
-  // The output does not depend on the code.
+  // The output is read even if there is no code.
   if (SUCCEEDED(Check(kGetOutputData, L"OutputDataObject->Get(ReturnCode)", result))) {
     *returnCode = *Platform::Int32In(*code);
   }
   if (outputSize == 0) return S_OK;
 
-  // The property's own array replaces this one, which only checks that there is enough memory.
+  // Only checks that there is enough memory. The property's own array then replaces this one.
   Variant bytes;
   Platform::UniqueSafeArray room(Com().MakeByteArray(outputSize));
   if (room == nullptr) {
@@ -329,7 +329,7 @@ std::int32_t VxBiosWmi::GetOutputData(const ClassObject& outParameters, std::uin
 std::int32_t VxBiosWmi::CopyOutputBytes(const Variant& data, std::uint32_t outputSize,
                                         std::uint8_t* output) const {
   SAFEARRAY* const array = Platform::BytesIn(*data);
-  // Elements are copied to the position of their index, so a negative index has no position.
+  // Elements are copied to the position of their index, and a negative index has no position.
   if (array == nullptr || Platform::BoundsOf(*array).lower < 0) {
     logger->LogWarning(kInvalidData, class_name, kGetOutputData);
     return kNotTheBlock;
@@ -346,7 +346,7 @@ std::int32_t VxBiosWmi::CopyOutputBytes(const Variant& data, std::uint32_t outpu
     if (FAILED(result)) return result;
   }
   if (bounds.lower == 0) return S_OK;
-  // No element fills the first positions, so their bytes are unknown.
+  // The array has no elements for the first positions, so their bytes are unknown.
   logger->LogWarning(kInvalidData, class_name, kGetOutputData);
   return kNotTheBlock;
 }

@@ -19,11 +19,11 @@ inline constexpr int kBiosWrite = 2;
 inline constexpr int kBiosFeatures = 13;
 inline constexpr int kWarranty = 16;
 
-// The firmware's command interface in WMI, for one short conversation on one thread.
+// The firmware's command interface in WMI, for a few commands on one thread.
 //
-// The first command connects and enters COM on the calling thread. The destructor leaves both.
-// Calls block for as long as WMI takes. Each failing step is logged as a warning, and its HRESULT
-// is returned. Throws only std::system_error (E_OUTOFMEMORY), if out of memory.
+// The first command enters COM on the calling thread and connects. The destructor disconnects and
+// leaves COM. Calls block for as long as WMI takes. Each failing step is logged as a warning, and
+// its HRESULT is returned. Throws only std::system_error (E_OUTOFMEMORY), if out of memory.
 class VxBiosWmi {
  public:
   VxBiosWmi();
@@ -32,13 +32,13 @@ class VxBiosWmi {
   ~VxBiosWmi();
 
   // Runs a command. `input` may be null if `inputSize` is 0. The caller zeroes the `outputSize`
-  // bytes of `output`. Bytes that cannot be read stay zero, which does not fail the command (see
+  // bytes of `output`. Bytes that cannot be read stay zero, but the command does not fail (see
   // OutputResult). `returnCode` receives the firmware's own code, if any.
   std::int32_t ExecuteCommand(int command, int commandType, std::uint32_t inputSize,
                               const std::uint8_t* input, std::uint32_t outputSize,
                               std::uint8_t* output, std::int32_t* returnCode);
 
-  // Returns S_OK if the last command's output was read whole, otherwise the HRESULT of the failed
+  // Returns S_OK if the last command's whole output was read, otherwise the HRESULT of the failed
   // step: that of ERROR_INVALID_DATA if the reply has no bytes, or bytes of another type, number or
   // index, and E_FAIL if there was no reply.
   std::int32_t OutputResult() const { return outputResult; }
