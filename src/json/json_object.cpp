@@ -11,7 +11,7 @@ namespace Vx::Json {
 namespace Detail {
 
 struct Tree {
-  // Sized to the text, because many small objects live at once.
+  // Sized to the text, because many small objects exist at once.
   explicit Tree(std::size_t textLength)
       : pool(std::clamp(textLength * 8, std::size_t{512}, kPoolChunk)), document(&pool) {}
 
@@ -25,12 +25,12 @@ namespace {
 
 using Detail::Tree;
 
-// Appended to the key.
+// Appended to the key in error messages.
 constexpr wchar_t kMissing[] = L" is missing";
 constexpr wchar_t kOtherKind[] = L" is a value of another type";
 constexpr wchar_t kNotThatText[] = L"the text is not valid JSON or not of the wanted type";
 
-// A JsonValue holds a void pointer, because its header does not include rapidjson's.
+// A JsonValue holds a void pointer because its header does not include rapidjson's.
 const WideValue& At(const void* node) {
   return *static_cast<const WideValue*>(node);
 }
@@ -59,7 +59,7 @@ std::shared_ptr<const Tree> ParseTree(std::wstring_view text, std::size_t nestin
 
 using TextWriter = rapidjson::Writer<TextBuffer, WideEncoding, WideEncoding, ScratchMemory>;
 
-// Writes `object` with those members that `keep` writes.
+// Writes `object` with only the members that `keep` writes.
 template <typename Keep>
 void WriteObject(TextWriter& writer, const WideValue& object, Keep&& keep) {
   writer.StartObject();

@@ -12,7 +12,7 @@
 
 namespace Vx::Json {
 
-// The error codes of the Windows Runtime's own JSON layer, which clients already know.
+// The error codes of the Windows Runtime's own JSON classes, which clients already know.
 inline constexpr auto kInvalidJsonString = static_cast<std::int32_t>(0x83750007);
 inline constexpr auto kJsonValueNotFound = static_cast<std::int32_t>(0x83750009);
 inline constexpr auto kIllegalMethodCall = static_cast<std::int32_t>(0x8000000E);
@@ -25,18 +25,19 @@ namespace Detail {
 struct Tree;
 }  // namespace Detail
 
-// One value of a parsed text. All values of a text share it, so a copy costs a reference count.
-// Immutable. Each thread may use its own copy.
+// One value of a parsed text. All values of a text share it, so a copy costs only a reference
+// count. Immutable. Several threads may each use their own copy.
 class JsonValue {
  public:
   JsonKind Kind() const;
 
-  // Returns compact JSON: members keep their order, texts and numbers take the writer's spelling.
+  // Returns compact JSON: members keep their order, strings and numbers take the writer's spelling.
   std::wstring Text() const;
 
   void AppendTo(std::wstring& out) const;
 
-  // Throw Platform::WindowsRuntimeError with kIllegalMethodCall if the value is of another kind.
+  // All throw Platform::WindowsRuntimeError with kIllegalMethodCall if the value is of another
+  // kind.
   std::wstring AsString() const;
   double AsNumber() const;
   JsonObject AsObject() const;
@@ -47,16 +48,15 @@ class JsonValue {
   JsonValue(std::shared_ptr<const Detail::Tree> owner, const void* position)
       : tree(std::move(owner)), node(position) {}
 
-  // Returns the value if it is of this kind. The error message calls it `name`.
+  // Returns the value if it is of this kind, else throws an error that calls it `name`.
   const void* Require(JsonKind kind, std::wstring_view name = {}) const;
 
   std::shared_ptr<const Detail::Tree> tree;
   const void* node;  // a value in `tree`
 };
 
-// A JSON object. Its functions throw Platform::WindowsRuntimeError, as in the Windows Runtime, with
-// the key in the message. If a key is repeated, the first one wins. Copies share one immutable
-// text.
+// A JSON object. Functions throw Platform::WindowsRuntimeError with the key in the message, like
+// the Windows Runtime's. If a key is repeated, the first one wins. Copies share one immutable text.
 class JsonObject {
  public:
   JsonObject();
@@ -68,7 +68,8 @@ class JsonObject {
 
   std::optional<JsonValue> Find(std::wstring_view name) const;
 
-  // Throw kJsonValueNotFound if the member is absent, kIllegalMethodCall if it is of another kind.
+  // All throw kJsonValueNotFound if the member is absent, kIllegalMethodCall if it is of another
+  // kind.
   JsonValue GetNamedValue(std::wstring_view name) const;
   std::wstring GetNamedString(std::wstring_view name) const;
   double GetNamedNumber(std::wstring_view name) const;
@@ -93,10 +94,10 @@ class JsonObject {
   JsonValue value;
 };
 
-// A JSON array for iteration. Copies share one immutable text.
+// A JSON array to iterate over. Copies share one immutable text.
 class JsonArray {
  public:
-  // Throws like JsonObject::Parse. Each element may nest as deeply as a separate text.
+  // Throws like JsonObject::Parse. Each element may be nested as deeply as a separate text.
   static JsonArray Parse(std::wstring_view text);
 
   class Iterator {
@@ -126,7 +127,7 @@ class JsonArray {
 };
 
 // Truncates `number` toward zero. Returns 0xFFFFFFFF, which is not the code of any event, action or
-// catalog event, if that does not fit or `number` is not a number.
+// catalog event, if `number` is NaN or does not fit.
 std::uint32_t TruncateToUint32(double number);
 
 }  // namespace Vx::Json

@@ -14,8 +14,8 @@ namespace {
 
 constexpr char kMisuse[] = "JSON value used as another type";
 
-// Rejects what rapidjson must not be given: unpaired surrogates, units beyond UTF-16 (where wchar_t
-// is wider), and exponents whose arithmetic overflows and then an index into a table.
+// Rejects text that rapidjson cannot handle safely: unpaired surrogates, units beyond UTF-16 (where
+// wchar_t is wider), and exponents that would overflow its arithmetic and then index a table.
 class TextCheck {
  public:
   explicit TextCheck(std::wstring_view checked) : text(checked) {}
@@ -26,15 +26,15 @@ class TextCheck {
 
  private:
   // Returns whether the text contains anything that could be rejected, which is rare. Treats
-  // strings and numbers alike and does not branch, so that the compiler vectorises the loop. That
-  // cuts three quarters off the row "id 22, 20 KiB" of docs/performance.md.
+  // strings and numbers alike and does not branch, so that the compiler vectorizes the loop. That
+  // cuts the time of the row "id 22, 20 KiB" in docs/performance.md by three quarters.
   bool NeedsALook() const {
     if (text.empty()) return false;
     const std::size_t last = text.size() - 1;
     Unit found = static_cast<Unit>(text[last]) >= kFirstSurrogate;
     for (std::size_t i = 0; i < last; ++i) {
       const auto unit = static_cast<Unit>(text[i]);
-      const auto fromPlus = static_cast<Unit>(text[i + 1] - L'+');  // '+' to '9' follow an 'e'
+      const auto fromPlus = static_cast<Unit>(text[i + 1] - L'+');  // after 'e': '+' to '9'
       found |=
           static_cast<Unit>(unit >= kFirstSurrogate) |
           (static_cast<Unit>((unit | 0x20U) == L'e') & static_cast<Unit>(fromPlus <= L'9' - L'+'));
@@ -52,7 +52,7 @@ class TextCheck {
         if (!PassesHighUnit(unit)) return false;
       } else if (inString) {
         if (unit == L'\\')
-          ++at;  // an escaped unit does not end the string; a surrogate here is an error anyway
+          ++at;  // an escaped unit does not end the string; an escaped surrogate is invalid anyway
       } else if ((unit == L'e' || unit == L'E') && HasLongExponent()) {
         return false;
       }
@@ -80,8 +80,9 @@ class TextCheck {
 };
 
 // Returns the double nearest to a number that rapidjson read as `approximation`, or nothing if it
-// is too large. rapidjson's fast conversion is off by some last places, so a number would drift
-// each time it is read and written. Its exact one reads beyond its tables for extreme exponents.
+// is too large. rapidjson's fast conversion is off by a few units in the last place, so a number
+// would drift each time it is read and written. Its exact conversion reads beyond its tables for
+// extreme exponents.
 std::optional<double> NearestDouble(std::wstring_view spelling, double approximation) {
   std::string narrow(spelling.size(), '\0');
   std::transform(spelling.begin(), spelling.end(), narrow.begin(),
@@ -111,7 +112,7 @@ class DocumentBuilder {
     const std::optional<double> exact = NearestDouble(NumberHere(), approximation);
     return exact && document.Double(*exact);
   }
-  bool RawNumber(const wchar_t*, Size, bool) { ThrowMisuse(); }  // only with a flag that is not set
+  bool RawNumber(const wchar_t*, Size, bool) { ThrowMisuse(); }  // its flag is not set
   bool String(const wchar_t* text, Size length, bool copy) {
     return document.String(text, length, copy);
   }
@@ -132,8 +133,8 @@ class DocumentBuilder {
     return true;
   }
 
-  // The reader advances a copy of its stream and writes it back after the event. Until then the
-  // stream points to the beginning of the number.
+  // The reader advances a copy of its stream and writes the copy back after the event. Until then
+  // the stream points to the beginning of the number.
   std::wstring_view NumberHere() const {
     const std::wstring_view characters = L"+-.0123456789Ee";
     const wchar_t* const begin = stream.Here();

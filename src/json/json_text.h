@@ -17,7 +17,7 @@
 
 namespace Vx::Json {
 
-// Thrown when code uses a rapidjson value as another type, such as reading the text of a number.
+// Thrown when code uses a rapidjson value as another type, for example reads a number as a string.
 class Misuse : public std::logic_error {
  public:
   using std::logic_error::logic_error;
@@ -59,9 +59,9 @@ class CheckedHeap {
   }
 };
 
-// Memory for the stack of one parse or one write, on one thread. The first block of moderate size
-// is in the object itself, which cuts a quarter off the row "id 22, request of 150 characters" of
-// docs/performance.md. Others come from the heap.
+// Memory for the stack of one parse or one write, on one thread. The first block, if small enough,
+// is in the object itself, which cuts the time of the row "id 22, request of 150 characters" in
+// docs/performance.md by a quarter. Other blocks come from the heap.
 class ScratchMemory {
  public:
   static const bool kNeedFree = true;
@@ -75,7 +75,7 @@ class ScratchMemory {
   static void Free(void* block);
 
  private:
-  // Precedes each block and tells Free its origin.
+  // Precedes each block so that Free knows where the block came from.
   struct alignas(16) Header {
     bool onHeap;
   };
@@ -87,25 +87,26 @@ class ScratchMemory {
 using WideEncoding = rapidjson::UTF16<wchar_t>;
 using WidePool = rapidjson::MemoryPoolAllocator<CheckedHeap>;
 
-// Request and response documents. Members keep their order, and a lookup finds the first of a key.
+// Request and response documents. Members keep their order, and a lookup finds the first with a
+// key.
 using WideDocument = rapidjson::GenericDocument<WideEncoding, WidePool, ScratchMemory>;
 using WideValue = WideDocument::ValueType;
 
 inline constexpr std::size_t kPoolChunk = 65536;
 
-// A text that nests deeper is invalid. Real ones use three or four levels. Recursion is safe.
+// A text with deeper nesting is invalid. Real ones use three or four levels. Recursion is safe.
 inline constexpr std::size_t kMaxNesting = 128;
 
 // For a list whose elements are separate documents.
 inline constexpr std::size_t kMaxListNesting = kMaxNesting + 1;
 
-// In UTF-16 units. A longer text is invalid, because rapidjson counts in 32 bits.
+// In UTF-16 units. A longer text is invalid, because rapidjson's lengths have 32 bits.
 inline constexpr std::size_t kMaxTextLength = std::size_t{64} * 1024 * 1024;
 
 struct ParseFault {
   std::size_t offset = 0;  // UTF-16 units before the fault
-  // None: rejected before parsing, because the text is too long, has an unpaired surrogate or has a
-  // number whose exponent is too long. Termination: nested too deeply, or a number is too large.
+  // None: rejected before parsing, because the text is too long, has an unpaired surrogate, or has
+  // a number whose exponent is too long. Termination: nested too deeply, or a number is too large.
   rapidjson::ParseErrorCode code = rapidjson::kParseErrorNone;
 };
 
@@ -114,16 +115,16 @@ struct ParseFault {
 //
 // Beyond the grammar: Unpaired surrogates, raw or escaped, are invalid. An escaped U+0000 is an
 // ordinary character. A number is invalid if it, or its significand alone, is too large for a
-// double, or if its exponent has more than eight digits. A number that is too
-// small is zero. Whole numbers beyond 64 bits are doubles. If a key is repeated, the first one
-// counts. A text that nests deeper than `nestingLimit` or is longer than kMaxTextLength is invalid.
+// double, or if its exponent has more than eight digits. A number that is too small becomes zero.
+// Whole numbers beyond 64 bits become doubles. If a key is repeated, the first one wins. A text
+// that is nested more deeply than `nestingLimit` or longer than kMaxTextLength is invalid.
 //
-// Nesting costs heap, not machine stack. Throws std::bad_alloc.
+// Nesting uses heap memory, not the call stack. Throws std::bad_alloc.
 bool ParseJson(WideDocument& document, std::wstring_view text,
                std::size_t nestingLimit = kMaxNesting, ParseFault* fault = nullptr);
 
-// Contains its first `PoolBytes` of pool memory, so that a small document costs no allocation: a
-// sixth off the row "id 22, request of 150 characters" of docs/performance.md.
+// Contains its first `PoolBytes` of pool memory, so that a small document needs no allocation. That
+// cuts the time of the row "id 22, request of 150 characters" in docs/performance.md by a sixth.
 template <std::size_t PoolBytes>
 class InlineDocument {
  public:
@@ -145,7 +146,7 @@ class InlineDocument {
 };
 
 // A UTF-16 text builder and output stream for rapidjson. Short texts need no heap allocation, which
-// makes the row "id 22, request of 150 characters" of docs/performance.md a quarter faster.
+// cuts the time of the row "id 22, request of 150 characters" in docs/performance.md by a quarter.
 class TextBuffer {
  public:
   using Ch = wchar_t;
@@ -174,11 +175,11 @@ class TextBuffer {
   std::size_t capacity = kOwnUnits;
 };
 
-// Appends `value` to `out` as compact JSON. Returns false, and ends `out` early, if it contains a
-// number that is not finite. Throws std::bad_alloc.
+// Appends `value` to `out` as compact JSON. Returns false, with `out` incomplete, if the value
+// contains a number that is not finite. Throws std::bad_alloc.
 bool WriteJson(const WideValue& value, TextBuffer& out);
 
-// Returns `value` as compact JSON, or an empty text if it contains a number that is not finite.
+// Returns `value` as compact JSON, or an empty string if it contains a number that is not finite.
 std::wstring JsonText(const WideValue& value);
 
 }  // namespace Vx::Json

@@ -36,7 +36,7 @@ struct Sequence {
   std::uint32_t point;
 };
 
-// Reads the sequence at the front of `text`, which is not empty.
+// Reads the sequence at the front of `text`, which must not be empty.
 Sequence FirstSequence(std::string_view text) {
   const auto at = [text](std::size_t i) { return static_cast<std::uint8_t>(text[i]); };
   const std::uint8_t lead = at(0);

@@ -11,7 +11,7 @@ std::string ToUtf8(std::wstring_view text);
 // Converts UTF-8 to UTF-16. Each byte that is not part of a valid sequence becomes U+FFFD.
 std::wstring ToWide(std::string_view text);
 
-// Returns whether `text` is UTF-8: shortest forms, no surrogates. U+0000 is valid.
+// Returns whether `text` is valid UTF-8: shortest forms, no surrogates. U+0000 is allowed.
 bool IsUtf8(std::string_view text) noexcept;
 
 }  // namespace Vx::Json
