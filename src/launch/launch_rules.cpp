@@ -8,14 +8,14 @@ namespace {
 
 constexpr std::wstring_view kSystemMarker = L"\\system32\\";
 constexpr std::wstring_view kDefaultMarker = L"\\Default\\";
-// Two backslashes, as documented, so a profile folder of this name in the users folder passes.
+// The documented marker has two backslashes, so "C:\Users\defaultuser0" is a real user's profile.
 constexpr std::wstring_view kSetUpMarker = L"\\\\defaultuser0";
 
 constexpr std::wstring_view kPackages = L"\\AppData\\Local\\Packages\\";
 
-// A variable that has another value for a packaged app.
+// A variable whose value is different for a packaged app.
 struct Redirection {
-  std::wstring_view name;  // with the equals sign
+  std::wstring_view name;  // including the equals sign
   std::wstring_view part;  // the part of the value to replace
   std::wstring_view cache;
 };
@@ -63,7 +63,7 @@ std::optional<std::wstring> AppCommandLine(std::wstring_view executable,
 std::wstring SessionCommandLine(std::wstring_view executable, std::wstring_view arguments) {
   std::wstring line = Quoted(executable.substr(0, kMaxCommandLine));
   if (line.size() > kMaxCommandLine) line.resize(kMaxCommandLine);
-  // Compared as a difference, so that a client's length cannot overflow a sum.
+  // Compared as a difference, so that the sum cannot overflow.
   if (!arguments.empty() && line.size() < kMaxCommandLine &&
       arguments.size() <= kMaxCommandLine - line.size() - 1) {
     line += L' ';
@@ -81,7 +81,7 @@ std::wstring SessionWorkingDirectory(std::wstring_view wanted, std::wstring_view
 std::wstring_view FolderOf(std::wstring_view path) {
   const auto at = path.rfind(L'\\');
   if (at == std::wstring_view::npos) return {};
-  // "C:" alone means the current folder of that drive.
+  // "C:" alone means the current folder on that drive.
   const bool driveRoot = at == 2 && path[1] == L':';
   return path.substr(0, driveRoot ? at + 1 : at);
 }

@@ -8,23 +8,24 @@
 
 namespace Vx::Tessel::Server::Services::Orvane {
 
-// The longest command line that Windows takes, in characters without the terminator: see
+// The longest command line that Windows accepts, in characters without the terminator: see
 // https://learn.microsoft.com/windows/win32/api/processthreadsapi/nf-processthreadsapi-createprocessasuserw
 inline constexpr std::size_t kMaxCommandLine = 32766;
 inline constexpr std::size_t kMaxPath = 32767;
 
-// Returns an app's path, or the quoted path, a blank and the parameter. Empty if too long. Callers
-// also pass the program separately, so that no parameter can start a different program.
+// Returns an app's path alone, or its quoted path, a space and the parameter. Empty if too long.
+// Callers also pass the program's path separately, so that no parameter can start a different
+// program.
 std::optional<std::wstring> AppCommandLine(std::wstring_view executable,
                                            std::wstring_view parameter);
 
-// Returns the quoted path, then a blank and the arguments if they fit. At most kMaxCommandLine.
+// Returns the quoted path, then a space and the arguments if they fit in kMaxCommandLine.
 std::wstring SessionCommandLine(std::wstring_view executable, std::wstring_view arguments);
 
-// Returns `wanted` if it can be a path, or else the folder of `executable`, or else an empty text.
+// Returns `wanted` if it can be a path, else the folder of `executable`, else an empty string.
 std::wstring SessionWorkingDirectory(std::wstring_view wanted, std::wstring_view executable);
 
-// Returns the folder, which ends in a backslash only at a drive's root. Empty if there is none.
+// Returns the folder, without a trailing backslash unless it is a drive's root. Empty if none.
 std::wstring_view FolderOf(std::wstring_view path);
 
 std::wstring_view FileNameOf(std::wstring_view path);
@@ -34,7 +35,7 @@ std::wstring_view FileNameOf(std::wstring_view path);
 std::vector<wchar_t> EnvironmentForPackage(const std::vector<wchar_t>& block,
                                            std::wstring_view packageFolder);
 
-// Returns whether a profile is a person's, not that of the system, the default user or set-up.
+// Returns whether a profile belongs to a person, not to the system, the default user or setup.
 bool IsRealUserProfile(std::wstring_view profile);
 
 }  // namespace Vx::Tessel::Server::Services::Orvane

@@ -151,7 +151,7 @@ std::wstring Launcher::GetAbsolutePathForUWPAlias(const std::wstring& alias) con
 bool Launcher::Run(const std::wstring& alias, const std::wstring& packageFamilyName,
                    const std::wstring& parameter) const {
   if (alias.empty() || packageFamilyName.empty()) return false;
-  // One user's program must not start with another user's token.
+  // A program of one user must not start with another user's token.
   Platform::OneLogon user;
   const auto actingToken = GetUserTokenForCurrentUser(TokenType::Impersonation, &user);
   const auto primaryToken = GetUserTokenForCurrentUser(TokenType::Primary, &user);
@@ -159,7 +159,7 @@ bool Launcher::Run(const std::wstring& alias, const std::wstring& packageFamilyN
 
   const std::wstring program = GetPathExpandedImpersonatedAsCurrentUser(
       GetAbsolutePathForUWPAlias(alias), actingToken.get());
-  // Queries both while impersonating once, so that both are about the same user.
+  // Makes both queries under one impersonation, so that both are about the same user.
   const auto installFolder = [&]() -> std::wstring {
     const std::wstring fullName = GetPackageFullNameByFamilyName(packageFamilyName);
     return fullName.empty() ? fullName : GetPackageInstalledPathByFullName(fullName);

@@ -14,31 +14,31 @@ namespace Vx::Tessel::Server::Services::Orvane {
 inline constexpr wchar_t kActingAsUser[] = L"Attempting to impersonate logged in user.";
 
 // Logs a refused step of acting as the console user: an error if the thread could not revert, a
-// warning otherwise. Callers log a missing session API set themselves.
+// warning otherwise. If the session API set is missing, the caller logs that itself.
 void LogRefusedStep(const Logging::TraceLogger& logger, Platform::ActingStep step);
 
-// Returns `path` with the variables of the user of `token` expanded, at most 520 characters with
-// the terminator. Returns nothing, and logs, on failure.
+// Expands the variables in `path` as the user of `token`. Returns at most 520 characters with the
+// terminator, or nothing on failure, which is logged.
 std::optional<std::wstring> ExpandAsUser(Platform::RawHandle token, const std::wstring& path,
                                          const Logging::TraceLogger& logger);
 
-// Starts programs for the console user and queries packages and paths as that user. Copyable; any
-// thread. If Windows refuses a call, the operation logs it and returns an empty or false result. It
-// does not throw. Every impersonation ends before the operation returns.
+// Starts programs for the console user and queries packages and paths as that user. Copyable.
+// Thread-safe. If Windows refuses a call, the operation logs it and returns an empty or false
+// result. It does not throw. Every impersonation ends before the operation returns.
 class Launcher {
  public:
   Launcher();
 
-  // Starts a packaged app through its execution alias as the console user. A `parameter` follows
-  // the quoted path and a blank. Returns true if the process was created.
+  // Starts a packaged app through its execution alias as the console user. A `parameter` is
+  // appended to the quoted path after a space. Returns true if the process was created.
   bool Run(const std::wstring& alias, const std::wstring& packageFamilyName,
            const std::wstring& parameter = {}) const;
 
-  // Returns the console user's token, or null on failure or if the user is not that of `same`.
+  // Returns the console user's token, or null on failure or if the logon is not that of `same`.
   Platform::SharedHandle GetUserTokenForCurrentUser(Platform::TokenType type,
                                                     Platform::OneLogon* same = nullptr) const;
 
-  // Return an empty text on failure. The overloads with a token impersonate its user.
+  // All return an empty string on failure. The overloads with a token impersonate its user.
   std::wstring GetPackageFullNameByFamilyName(const std::wstring& familyName) const;
   std::wstring GetPackageFullNameByFamilyName(const std::wstring& familyName,
                                               Platform::RawHandle token) const;
@@ -57,7 +57,7 @@ class Launcher {
   // Returns whether the console user's profile is a real user's. `profilePath` receives its path.
   bool IsRealUserSession(std::wstring& profilePath) const;
 
-  static std::mutex rLock;  // serialises package queries by family name
+  static std::mutex rLock;  // serializes package queries by family name
 
  private:
   Logging::TraceLogger* logger;

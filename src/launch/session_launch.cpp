@@ -16,8 +16,8 @@ namespace Vx::Tessel::Server::Services::Orvane {
 namespace {
 
 constexpr std::wstring_view kLogonProcess = L"winlogon.exe";
-// The console user's desktop. If none is named, CreateProcessAsUser gives a program in another
-// logon session a window station of its own, which is not visible (documented for STARTUPINFO).
+// The console user's desktop. If no desktop is named, CreateProcessAsUser gives a program in
+// another logon session its own window station, which is not visible (documented for STARTUPINFO).
 constexpr wchar_t kUserDesktop[] = L"winsta0\\default";
 constexpr std::size_t kMaxProcesses = 2048;
 
@@ -58,7 +58,7 @@ Records::Outcome LaunchProcessInSession(const Security::TrustedProgram& program,
   const Platform::Machine& machine = Platform::CurrentMachine();
 
   auto environment = machine.environment->Block(nullptr);
-  // With no environment block, the program would inherit the service's variables.
+  // Without an environment block, the program would inherit the service's variables.
   if (!environment || environment->empty()) {
     return {Decision::NotStarted, Reason::Windows, environment.Error()};
   }

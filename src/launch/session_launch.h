@@ -12,8 +12,8 @@ class TrustedProgram;
 
 namespace Vx::Tessel::Server::Services::Orvane {
 
-// Returns the logon process in `session`, whose token starts programs there. It is found by its
-// file name. Empty if this process sees none.
+// Returns the logon process in `session`, whose token starts programs there. Looks for its file
+// name. Returns nothing if this process cannot see it.
 std::optional<std::uint32_t> LogonProcessIn(std::uint32_t session);
 
 // Starts `program` in `session` with the SYSTEM token of that session's winlogon.exe and the
@@ -27,7 +27,7 @@ Records::Outcome LaunchProcessInSession(const Security::TrustedProgram& program,
                                         const std::wstring& packageFolder = {});
 
 // Returns why this process cannot start programs in `session` now: there is no logon process, or
-// Windows refuses its token. None if it can. Starts nothing.
+// Windows refuses its token. Returns None if it can. Starts nothing.
 Records::Reason WhyNoLaunchIn(std::uint32_t session);
 
 }  // namespace Vx::Tessel::Server::Services::Orvane
