@@ -7,7 +7,8 @@
 
 namespace Vx::Tessel::Security {
 
-// Clients without the maker's manifest, tolerated up to a version. Each call makes a new list.
+// Clients without the maker's manifest that are tolerated up to a version. Each call makes a new
+// list.
 
 class UwpWithNoVxManifestExemptionWhiteList {
  public:

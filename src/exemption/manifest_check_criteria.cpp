@@ -13,8 +13,8 @@ bool IsVersionCovered(const Information& caller, const Information& listed) {
          (caller.majorVersion == listed.majorVersion && caller.minorVersion <= listed.minorVersion);
 }
 
-// Converts only A to Z. In some languages other letters fold into these, and a name with such
-// letters must not match a listed one.
+// Converts only A to Z. Full case folding would map other letters to these, so that a name with
+// such letters would match a listed one.
 wchar_t ToLower(wchar_t c) {
   return c >= L'A' && c <= L'Z' ? static_cast<wchar_t>(c - L'A' + L'a') : c;
 }

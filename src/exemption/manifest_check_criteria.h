@@ -20,8 +20,8 @@ class IClientWithNoVxManifestCheckCriteria {
   virtual bool IsAnException() = 0;
 };
 
-// Exempts a packaged client whose family name is listed (case-sensitive) with a version no lower
-// than the client's. Exempts none if the list or the record is missing.
+// Exempts a packaged client if its family name is listed (case-sensitive) with a version no lower
+// than its own. Exempts none if the list or the record is missing.
 class UwpWithNoVxManifestCheckBasedOnMajorAndMinorVersion final
     : public IClientWithNoVxManifestCheckCriteria {
  public:
@@ -37,7 +37,7 @@ class UwpWithNoVxManifestCheckBasedOnMajorAndMinorVersion final
 };
 
 // Does the same for a desktop client by its executable's name, ignoring case. Lowercases the name
-// in the shared record. One thread at a time per record.
+// in the shared record. Use a record on one thread at a time.
 class Win32WithNoVxManifestCheckBasedOnMajorAndMinorVersion final
     : public IClientWithNoVxManifestCheckCriteria {
  public:

@@ -13,13 +13,13 @@ class tessel_access_exception : public std::runtime_error {
   explicit tessel_access_exception(const char* message);
 };
 
-// Not synchronised: set the checkers before the first call.
+// Not synchronized: set the checkers before the first call.
 class TesselAccessManager {
  public:
   void SetUwpChecker(std::shared_ptr<IClientWithNoVxManifestCheckCriteria> checker);
   void SetWin32Checker(std::shared_ptr<IClientWithNoVxManifestCheckCriteria> checker);
 
-  // Throw tessel_access_exception if the checker of that kind is not set.
+  // Both throw tessel_access_exception if the checker for that kind of client is not set.
   bool IsUwpExempt();
   bool IsWin32Exempt();
 

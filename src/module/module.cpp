@@ -4,15 +4,15 @@
 
 #include <windows.h>
 
-// No exception may pass into the host, which another compiler built. A null pointer reports that no
-// service could be made.
+// No exception may reach the host, which another compiler built. A null result reports that no
+// service could be created.
 extern "C" Vx::Tessel::Server::Services::VxService* VxCreateService() noexcept {
   return Vx::Tessel::Server::Services::Orvane::OrvaneService::Create();
 }
 
-// Takes the place of the C++ runtime's own handler, which DllMain exchanges before anything can
-// throw. That one prints the exception's type, and the demangler for it would be a twentieth of
-// this module.
+// Replaces the C++ runtime's own terminate handler, which prints the exception's type. The
+// demangler for that would be a twentieth of this module. DllMain installs another handler before
+// anything can throw.
 namespace __gnu_cxx {
 // NOLINTNEXTLINE(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp): the runtime's name
 void __verbose_terminate_handler() {
@@ -21,7 +21,7 @@ void __verbose_terminate_handler() {
 }  // namespace __gnu_cxx
 
 BOOL WINAPI DllMain(HINSTANCE module, DWORD reason, void* /*reserved*/) {
-  // Refused where the runtime has thread-local storage of its own; nothing is lost by that.
+  // Fails if the runtime has its own thread-local storage, which does no harm.
   if (reason == DLL_PROCESS_ATTACH) {
     DisableThreadLibraryCalls(module);
     Vx::Platform::FailFastOnTerminate();  // exchanges a pointer, loads and waits for nothing

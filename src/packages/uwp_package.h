@@ -4,19 +4,19 @@
 
 namespace Vx::Tessel::Server::Services::Orvane {
 
-// Finds the console user's packaged apps and registers them. Stateless; any thread. Every failure
-// is a PackageError, whose text names the failed call and its code. An operation that acts as the
-// user ends any impersonation that its caller began.
+// Finds the console user's packaged apps and registers them. Stateless and thread-safe. Every
+// failure is a PackageError, whose text names the failed call and its code. An operation that acts
+// as the user ends any impersonation that its caller began.
 class UwpPackage {
  public:
-  // Returns the full name of the console user's package of the family, or an empty text.
+  // Returns the full name of the console user's package of the family, or an empty string.
   std::wstring FindPackageFullName(const std::wstring& familyName) const;
 
   // Returns whether `fullName` is staged but not registered for `user` ("domain\user"). Runs as the
   // service, because only administrators may query another user's packages.
   bool ShouldForceRegistration(const std::wstring& user, const std::wstring& fullName) const;
 
-  // Registers the staged package for the console user. Blocks for at most two minutes.
+  // Registers the staged package for the console user. Blocks for up to two minutes.
   void Register(const std::wstring& fullName) const;
 };
 

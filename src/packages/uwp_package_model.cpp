@@ -32,7 +32,7 @@ constexpr Hresult kOutOfMemory = static_cast<Hresult>(0x8007000E);
 constexpr Hresult kInvalidArgument = static_cast<Hresult>(0x80070057);
 constexpr Hresult kInsufficientBuffer = static_cast<Hresult>(0x8007007A);
 
-// Windows' own mapping. A negative code is already an HRESULT.
+// Converts an error like HRESULT_FROM_WIN32. A negative code is already an HRESULT.
 Hresult FromCode(std::uint32_t code) {
   constexpr std::uint32_t kWin32Facility = 0x80070000;
   if (static_cast<Hresult>(code) < 0) return static_cast<Hresult>(code);
@@ -147,7 +147,7 @@ class ExportedPackageModel final : public UwpPackageModel {
     try {
       lastError = Json::ToWide(text);
     } catch (const std::bad_alloc&) {
-      lastError.clear();  // the caller gets the code alone
+      lastError.clear();  // the caller gets only the code
     }
     return code;
   }

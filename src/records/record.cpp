@@ -118,7 +118,7 @@ std::optional<Value> Find(const Row<Value> (&rows)[Size], std::wstring_view word
   return std::nullopt;
 }
 
-// The log line of a record. The tables above bound the length of its texts.
+// The log line of a record. The tables above bound the length of its strings.
 class Line {
  public:
   template <typename... Args>
@@ -133,7 +133,7 @@ class Line {
   std::size_t length = 0;
 };
 
-// A record's text from a client, made short and safe for a log.
+// A client's text in a record, shortened and made safe for a log.
 class ClientText {
  public:
   explicit ClientText(const wchar_t* text) noexcept {
@@ -196,7 +196,7 @@ void Write(const Record& record) noexcept {
   if (outcome.reason != Reason::None) line.Add(kReason, reason.text);
   const bool ran = outcome.decision == Decision::Ran;
   if (outcome.number != 0) line.Add(ran ? kProcess : kStatus, outcome.number);
-  // What was refused or not carried out has already been logged.
+  // For a command, what was refused or not done has already been logged.
   const bool lost = record.kind >= Kind::Power && outcome.decision >= Decision::Dropped;
   const auto level = lost ? Logging::LogLevel::Warning : Logging::LogLevel::Info;
   const ClientText target(record.target.c_str());

@@ -75,7 +75,7 @@ enum class Reason : std::uint8_t {
   NotTaken,
 };
 
-// A value's stable identifier, and its text for people.
+// A value's stable identifier, and its display text.
 struct Name {
   const wchar_t* word;
   const wchar_t* text;
@@ -88,12 +88,12 @@ const Name& NameOf(Reason reason);
 template <typename Value>
 std::optional<Value> FromWord(std::wstring_view word);
 
-// Whether something that a client asked for was not done.
+// Returns whether something that a client asked for was not done.
 constexpr bool IsFailure(Decision decision) {
   return decision >= Decision::Refused;
 }
 
-// Fits in a register, so that a caller that expects no result may ignore it.
+// Fits in a register, so that a caller that declares the function as void can still call it.
 struct Outcome {
   Decision decision = Decision::None;
   Reason reason = Reason::None;
@@ -114,25 +114,25 @@ struct Record {
   std::uint64_t milliseconds = 0;
 };
 
-// A record's target, package and client are cut to so many characters.
+// A record's target, package and client are truncated to this many characters.
 inline constexpr std::size_t kLongestClientText = 512;
 
-// Writes a record and its log line. Replaces what a client's text could forge lines with. Any
-// thread.
+// Writes a record and its log line. Replaces characters with which a client could forge log lines.
+// Thread-safe.
 void Write(const Record& record) noexcept;
 
-// The records of one delivery, from its event to its end. Used by one thread at a time.
+// The records of one delivery, from its event to its end. Use from one thread at a time.
 class Delivery {
  public:
-  // Gives the delivery this process's next number. `subject` has its kind, event, subscription and
-  // target.
+  // Assigns the delivery this process's next number. `subject` has its kind, event, subscription
+  // and target.
   explicit Delivery(Record&& subject) noexcept;
   Delivery(const Delivery&) = delete;
   Delivery& operator=(const Delivery&) = delete;
-  // Records a delivery that has not ended as failed: an exception ended it.
+  // If the delivery has not ended, records it as failed, because an exception ended it.
   ~Delivery();
 
-  // Records that the delivery waits, for at most `delay`.
+  // Records that the delivery waits for at most `delay`.
   void Waits(std::chrono::milliseconds delay) noexcept;
 
   // Records the outcome. Later calls have no effect.
@@ -143,7 +143,7 @@ class Delivery {
   std::uint64_t start;
 };
 
-// The outcome of a delivery that threw an exception with this code.
+// Returns the outcome of a delivery that threw an exception with this code.
 constexpr Outcome FailedWith(std::int32_t code, Reason reason = Reason::Exception) {
   return {Decision::Failed, reason, static_cast<std::uint32_t>(code)};
 }
