@@ -63,7 +63,7 @@ struct Refusal<Platform::SignatureVerdict> {
   throw Platform::WindowsRuntimeError(kDeniedResult, L"refused");
 }
 
-// A capability with faults, in front of the capability that it decorates.
+// A capability that adds faults to the capability that it wraps.
 template <typename Capability>
 class Decorator : public Capability {
  public:
@@ -85,7 +85,7 @@ class Decorator : public Capability {
   FaultInjection& faults;
 };
 
-// Decorates an object that a capability returned.
+// Wraps an object that a capability returned, and owns it.
 template <typename Capability>
 class OwningDecorator : public Decorator<Capability> {
  public:
@@ -96,7 +96,7 @@ class OwningDecorator : public Decorator<Capability> {
   std::shared_ptr<Capability> owner;
 };
 
-// An operation that either is forwarded or fails with its result type's failure value.
+// An operation that is either forwarded or fails with its result type's failure value.
 #define REFUSABLE(Interface, Answer, Name, Parameters, Arguments, Qualifier) \
   Answer Name Parameters Qualifier override {                                \
     return Or(#Interface "." #Name, [&] { return inner.Name Arguments; });   \

@@ -12,28 +12,28 @@
 
 namespace Vx::Simulator {
 
-// Decorates every capability of a machine, counts the calls that Windows may refuse, and makes one
-// of them fail as it would in Windows: a Result or an error code carries "access denied", a query
-// returns nothing, an interface that throws throws that HRESULT.
+// Wraps every capability of a machine, counts the calls that Windows may refuse, and makes one of
+// them fail as it would in Windows: a Result or an error code carries "access denied", a query
+// returns nothing, and an interface that throws throws that HRESULT.
 //
-// A fault walk repeats one scenario: in run n call n fails, until a run makes too few calls
-// (Calls() does not exceed n). Any thread.
+// A fault walk repeats one scenario: in run n, call n fails. It ends with the first run that makes
+// no more than n calls (see Calls). Thread-safe.
 class FaultInjection {
  public:
   FaultInjection() = default;
   FaultInjection(const FaultInjection&) = delete;
   FaultInjection& operator=(const FaultInjection&) = delete;
 
-  // Decorates what `machine` names, for the change of a MachineScope. At most once.
+  // Wraps the capabilities of `machine`. Call inside the change of a MachineScope, at most once.
   void Install(Platform::Machine& machine);
 
   // Makes call `index`, counted from zero, fail from now on.
   void FailCall(std::size_t index);
 
-  // Makes all calls of this name ("Files.Read") but the first `skip` fail from now on.
+  // Makes all calls of this name ("Files.Read"), except the first `skip`, fail from now on.
   void FailNamed(const std::string& name, std::size_t skip = 0);
 
-  // Returns the name of the last FailNamed if no call of it has failed since, or an empty text.
+  // Returns the name given to FailNamed if no such call has failed since, or an empty string.
   std::string Unused() const;
 
   // Ends all failures and restarts the count.
@@ -42,7 +42,7 @@ class FaultInjection {
   // Returns the names of the calls since the last FailCall, FailNamed or Clear.
   std::vector<std::string> Calls() const;
 
-  // Counts a call and returns whether it must fail. For the decorators.
+  // Counts a call and returns whether it must fail. Used by the wrappers.
   bool Fails(const char* name);
 
  private:

@@ -12,8 +12,8 @@
 
 namespace Vx::Simulator {
 
-// The app services of a simulated machine's packaged apps. Initially they reply with success. Any
-// thread.
+// The app services of a simulated machine's packaged apps. Initially they reply with success.
+// Thread-safe.
 class SimulatedAppServices final : public Platform::AppServices {
  public:
   using Reply = std::pair<int, std::wstring>;
@@ -26,7 +26,7 @@ class SimulatedAppServices final : public Platform::AppServices {
 
   explicit SimulatedAppServices(Timeline& log) : timeline(log) {}
 
-  // Sets the replies to the next messages, one each. Later messages get `usual`.
+  // Sets the replies to the next messages, one each. Later messages receive `usual`.
   void SetReplies(std::deque<Reply> next, Reply usual = {0, L""});
 
   std::vector<Message> Messages() const;

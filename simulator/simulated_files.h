@@ -11,8 +11,8 @@
 
 namespace Vx::Simulator {
 
-// The real files, overlaid by exact path with files that exist only in memory: programs and texts
-// in folders that a test must not write to. Any thread.
+// The real files, plus files that exist only in memory and hide real ones with exactly the same
+// path: programs and texts in folders that a test must not write to. Thread-safe.
 class SimulatedFiles : public Platform::Files {
  public:
   void Add(const std::wstring& path, const std::string& content);
@@ -35,12 +35,12 @@ class SimulatedFiles : public Platform::Files {
   Platform::Result<std::wstring> FullPath(const std::wstring& path) const override;
   Platform::Result<std::wstring> FinalPath(const std::wstring& path) const override;
   Platform::Result<std::wstring> FinalPathOf(Platform::RawHandle file) const override;
-  // Without the time of writing for a file in memory.
+  // A file in memory has no last-write time.
   Platform::Result<Platform::FileIdentity> IdentityOf(Platform::RawHandle file) const override;
   bool IsElsewhere(const std::wstring& path) const override;
   Platform::Result<Platform::AccessList> FolderAccess(const std::wstring& folder) const override;
 
-  // Real files only.
+  // Open and create real files only.
   Opened Open(const std::wstring& path, Platform::FileUse use) override;
   Opened Create(const std::wstring& path, const std::wstring& accessLike) override;
   Platform::Result<std::vector<std::wstring>> Siblings(const std::wstring& path) const override;
@@ -50,7 +50,7 @@ class SimulatedFiles : public Platform::Files {
 
   mutable std::mutex mutex;
   std::map<std::wstring, std::vector<std::byte>> contents;
-  mutable std::map<Platform::RawHandle, std::wstring> locked;  // to the path
+  mutable std::map<Platform::RawHandle, std::wstring> locked;  // maps to the path
 };
 
 }  // namespace Vx::Simulator

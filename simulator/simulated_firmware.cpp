@@ -79,7 +79,7 @@ void SetBytes(Variant& value, const std::string& bytes) {
 
 }  // namespace
 
-// A reference-counted object of the firmware, counted as live, with initially one reference.
+// A reference-counted object of the firmware. Is counted as live and starts with one reference.
 template <typename Base, typename Interface>
 class Implementation : public Base {
  public:
@@ -260,7 +260,7 @@ class SimulatedFirmware::Services final : public Implementation<WbemServicesStub
 
     IUnknown* const block = Platform::ObjectIn(*static_cast<Object*>(in)->Property(L"InData"));
     if (block == nullptr) return kInvalidParameter;
-    // Callers pass only objects of this firmware.
+    // Callers pass only objects from this firmware.
     auto& data = *static_cast<Object*>(static_cast<IWbemClassObject*>(block));
     Request request;
     request.path = path;

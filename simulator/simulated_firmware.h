@@ -15,12 +15,12 @@ struct tagVARIANT;
 
 namespace Vx::Simulator {
 
-// A PC's firmware behind WMI, in this process: a locator whose namespace "\\.\root\wmi" has the
-// firmware's classes and runs its commands on a warranty block and a features block.
+// A PC's firmware behind WMI, in this process: a locator whose namespace "\\.\root\wmi" contains
+// the firmware's classes and runs its commands on a warranty block and a features block.
 //
-// It is reached as the machine's Com capability or, through a ClassRegistration, by all code in the
-// process that creates a WMI locator. Any thread. Release every object that it returned before it
-// is destroyed (see LiveObjects).
+// It is the machine's Com capability. With a ClassRegistration, all code in the process that
+// creates a WMI locator reaches it. Thread-safe. Release every object that it returned before it is
+// destroyed (see LiveObjects).
 class SimulatedFirmware final : public Platform::Com {
  public:
   enum class Digits { Six, Eight };
@@ -40,7 +40,7 @@ class SimulatedFirmware final : public Platform::Com {
   explicit SimulatedFirmware(Digits digits = Digits::Eight, std::string bornOnDate = {});
   ~SimulatedFirmware() override;
 
-  // Becomes another machine's firmware, without a born-on date.
+  // Replaces this firmware with another machine's, without a born-on date.
   void Replace(Digits count);
 
   // Logs each write to the warranty block. `log` must outlive the firmware.
@@ -56,23 +56,23 @@ class SimulatedFirmware final : public Platform::Com {
   // "CoCreateInstance", "ConnectServer", "SetBlanket", "GetObject CLASS", "GetMethod",
   // "SpawnInstance CLASS", "Put PROPERTY", "CreateInstanceEnum", "Next", "ExecMethod",
   // "QueryInterface OutData", "Get PROPERTY", or the allocations "MakeText", "MakeByteArray" (both
-  // only fail or succeed) and "PutByte". With a success code the step succeeds and returns no
+  // only fail or succeed) and "PutByte". With a success code, the step succeeds and returns no
   // object.
   void Fail(std::string step, std::int32_t result);
 
-  // Skips the next `skip` calls of the step first.
+  // Like Fail, but only after the next `skip` calls of the step.
   void FailAfter(std::string step, unsigned skip, std::int32_t result);
   void ClearFailures();
 
   void SetReturnCode(std::int32_t code);
 
-  // Called with every property value before it is returned, to make a reply hostile.
+  // Called with every property value before it is returned, to forge a reply.
   using Tamper = std::function<void(const std::wstring& property, tagVARIANT& value)>;
   void SetTamper(Tamper change);
 
   int LiveObjects() const { return liveObjects; }
 
-  // COM initialisations that have not been undone.
+  // The number of COM initializations that have not been undone.
   int OpenInitializations() const { return initializations; }
   int Connections() const { return connections; }
 
@@ -89,7 +89,7 @@ class SimulatedFirmware final : public Platform::Com {
   std::int32_t PutByte(tagSAFEARRAY* bytes, std::int32_t index, std::uint8_t value) override;
 
   // Registers this firmware's locator as the process's class for CLSID_WbemLocator. COM must stay
-  // initialised (multithreaded) while this object lives.
+  // initialized (multithreaded) while this object lives.
   class ClassRegistration {
    public:
     explicit ClassRegistration(SimulatedFirmware& firmware);
@@ -113,7 +113,7 @@ class SimulatedFirmware final : public Platform::Com {
     std::int32_t result = 0;
   };
 
-  // Returns whether `step` must fail now, and with which `result`.
+  // Returns whether `step` must fail now. If so, sets `result`.
   bool Fails(const std::string& step, std::int32_t& result);
   void Connected(const std::wstring& where);
   std::int32_t Run(Request request, std::string& output);

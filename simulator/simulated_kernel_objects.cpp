@@ -11,7 +11,7 @@ namespace Vx::Simulator {
 
 namespace {
 
-// The documented name of the event that shows Modern Standby to the service.
+// The documented name of the event that reports Modern Standby to the service.
 constexpr wchar_t kStandbyEvent[] = L"{CE7DC567-F47B-4A07-8489-C9DEB372B88F}";
 
 Platform::KernelObjects& RealObjects() {

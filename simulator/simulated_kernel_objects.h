@@ -6,8 +6,8 @@
 
 namespace Vx::Simulator {
 
-// The real mutexes and events, with the names of events private to this machine, because several
-// simulated machines may run at once. Any thread.
+// The real mutexes and events. Event names are private to this machine, because several simulated
+// machines may run at once. Thread-safe.
 class SimulatedKernelObjects : public Platform::KernelObjects {
  public:
   // Signals or resets the event for Modern Standby.

@@ -36,22 +36,22 @@ class SimulatedMachine {
   SimulatedMachine(const SimulatedMachine&) = delete;
   SimulatedMachine& operator=(const SimulatedMachine&) = delete;
 
-  // Replaces the capabilities of `platform` with this machine's, decorated by `faults`.
+  // Replaces the capabilities of `platform` with this machine's, wrapped by `faults`.
   void Install(Platform::Machine& platform);
 
-  // Does the same without sharing named events or signatures with the real machine.
+  // Like Install, but shares neither named events nor signatures with the real machine.
   void InstallSealed(Platform::Machine& platform);
 
   // Enters or leaves Modern Standby. Needs InstallSealed.
   void SetStandby(bool entered);
 
-  // Signs a file. Adds it to the files in memory if needed.
+  // Signs a file. If it does not exist, adds it to the files in memory.
   void Sign(const std::wstring& path, const SimulatedSignature& signature);
 
-  // Simulates sleep: time passes, but not for waits.
+  // Simulates sleep: time passes, except for waits.
   void SleepFor(VirtualClock::Duration length);
 
-  // Advances time until no worker is left. Returns false if some remain after `limit`.
+  // Advances time until no worker is left. Returns false if some are left after `limit`.
   bool Drain(VirtualClock::Duration limit = std::chrono::hours(24));
 
   VirtualClock clock;

@@ -25,21 +25,21 @@ struct SimulatedPackage {
   std::int32_t origin = 3;  // Windows' code for the store
 };
 
-// The packaged apps of a simulated machine ("staged") and of each user (registered). Any thread.
+// The packaged apps of a simulated machine ("staged") and of each user (registered). Thread-safe.
 class SimulatedPackages final : public Platform::Packages {
  public:
   SimulatedPackages(Timeline& log, const SimulatedUsers& machineUsers, Platform::Clock& clockOf)
       : timeline(log), users(machineUsers), clock(clockOf) {}
 
-  // Adds a package to the machine but to no user. Replaces one of the same full name.
+  // Adds a package to the machine but to no user. Replaces one with the same full name.
   void Stage(const SimulatedPackage& package);
 
   // Adds a package to the machine and registers it for `user`.
   void Install(const SimulatedPackage& package, const std::wstring& user);
 
-  // Removes the user's packages of the family, `length` from now, and from the machine those that
-  // no user has. The user's catalogs report the start at once (unless `length` is zero) and the end
-  // later, on workers of the current machine, which must be the one of these packages.
+  // Removes the user's packages of the family after `length`, and those that no user has left from
+  // the machine. The user's catalogs report the start at once (unless `length` is zero) and the end
+  // later, on workers of the current machine, which must be the one with these packages.
   void Uninstall(const std::wstring& familyName, const std::wstring& user,
                  Platform::Clock::Duration length = std::chrono::seconds(1));
 
@@ -77,7 +77,7 @@ class SimulatedPackages final : public Platform::Packages {
     Platform::PackageCatalog::UninstallingHandler handler;
   };
 
-  // Returns the SID of the acting user, or an empty text for the service, which has no packages.
+  // Returns the SID of the acting user, or an empty string for the service, which has no packages.
   std::wstring ActingSid() const;
   std::vector<std::wstring> Registered(const std::wstring& sid, const std::wstring& family) const;
   void Remove(const std::wstring& familyName, const SimulatedUser& user);

@@ -12,7 +12,7 @@ constexpr Platform::ErrorCode kInvalidParameter = 87;         // ERROR_INVALID_P
 constexpr Platform::ErrorCode kBadImpersonationLevel = 1346;  // ERROR_BAD_IMPERSONATION_LEVEL
 constexpr wchar_t kSystem[] = L"SYSTEM";
 
-// The console session's logon process. It is not stored.
+// The logon process that every console session has. It is not stored.
 constexpr std::uint32_t kLogonId = 600;
 constexpr wchar_t kLogonProgram[] = L"C:\\windows\\System32\\winlogon.exe";
 

@@ -20,7 +20,7 @@ struct SimulatedProcess {
 };
 
 // The processes of a simulated machine. Starts are only recorded, so the programs need not exist.
-// The console session has a logon process. Any thread.
+// The console session has a logon process. Thread-safe.
 class SimulatedProcesses final : public Platform::Processes {
  public:
   SimulatedProcesses(Timeline& log, const SimulatedUsers& machineUsers)

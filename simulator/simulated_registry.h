@@ -10,7 +10,7 @@
 
 namespace Vx::Simulator {
 
-// Values below HKEY_LOCAL_MACHINE, initially none. Ignores the case of names. Any thread.
+// Values below HKEY_LOCAL_MACHINE, initially none. Ignores the case of names. Thread-safe.
 class SimulatedRegistry final : public Platform::Registry {
  public:
   void Set(const std::wstring& key, const std::wstring& value, Platform::RegistryValue content);

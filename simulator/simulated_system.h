@@ -13,8 +13,8 @@
 
 namespace Vx::Simulator {
 
-// The small services of a simulated Windows. Initially first-run set-up is over, all API sets are
-// present, all triggers can be raised and the lockdown mode is 0. Any thread.
+// The small services of a simulated Windows. Initially, first-run setup is over, all API sets are
+// present, all triggers can be raised and the lockdown mode is 0. Thread-safe.
 class SimulatedSystem final : public Platform::ApiSets,
                               public Platform::Oobe,
                               public Platform::SystemTriggers,
@@ -22,7 +22,7 @@ class SimulatedSystem final : public Platform::ApiSets,
  public:
   SimulatedSystem(Timeline& log, const VirtualClock& clockOf) : timeline(log), clock(clockOf) {}
 
-  // Ends first-run set-up at this time since the clock was constructed.
+  // Ends first-run setup `elapsed` after the clock was constructed.
   void EndOobeAt(VirtualClock::Duration elapsed);
 
   // Sets whether the query succeeds. If not, the rest of its result is meaningless.
@@ -33,7 +33,7 @@ class SimulatedSystem final : public Platform::ApiSets,
   // Sets the status that every trigger returns.
   void SetTriggerStatus(std::uint32_t status);
 
-  // Sets the mode that the policy library writes, if any, and the HRESULT that it returns.
+  // Sets the mode that the policy library reports, if any, and the HRESULT that it returns.
   void SetLockdownMode(std::optional<std::int32_t> mode, std::int32_t result = 0);
 
   // Makes loading the policy library fail from now on, or succeed again if `error` is zero.

@@ -18,13 +18,13 @@ struct SimulatedSignature {
   std::int32_t result = 0;  // of Windows' verification
 };
 
-// Signatures by exact path: one if signed here, otherwise none. Windows verifies real files.
+// Has a signature for each exact path that was signed here. Windows verifies real files.
 class SimulatedTrust final : public Platform::TrustProvider {
  public:
   explicit SimulatedTrust(const SimulatedFiles& machineFiles) : files(machineFiles) {}
 
-  // Returns the public key that counts as pinned on a simulated machine, because its program adds
-  // it. It is not the encoding of a key, so no real signature has it.
+  // Returns the public key that a simulated machine's program adds to its pinned keys. It is not a
+  // valid encoding, so no real signature has it.
   static std::vector<std::byte> PinnedKey();
 
   void Sign(const std::wstring& path, const SimulatedSignature& signature);

@@ -22,12 +22,12 @@ struct SimulatedUser {
 
 // The users of a simulated machine and the console where they log on. Initially session 1 shows the
 // logon screen. Tokens are handles of real, unnamed kernel objects, so that their owners can close
-// them. Any thread.
+// them. Thread-safe.
 class SimulatedUsers final : public Platform::Sessions, public Platform::Environment {
  public:
   explicit SimulatedUsers(Timeline& log) : timeline(log) {}
 
-  // Adds a user ("PC\name", profile "C:\Users\name") unless there is one.
+  // Adds a user ("PC\name", profile "C:\Users\name") unless it exists.
   SimulatedUser Add(const std::wstring& name);
 
   // Changes a user's profile folder.
@@ -45,7 +45,7 @@ class SimulatedUsers final : public Platform::Sessions, public Platform::Environ
   // Returns the user that the calling thread acts as, or nothing for the service.
   std::optional<SimulatedUser> Acting() const;
 
-  // Returns whether any thread, even one that has ended, did not revert.
+  // Returns whether any thread still acts as a user, even if it has ended.
   bool AnyoneActs() const;
 
   // Returns the user of `token`, or nothing if it is null, the system's or unknown.
@@ -101,7 +101,7 @@ class SimulatedUsers final : public Platform::Sessions, public Platform::Environ
   std::uint32_t lastSession = 1;
   std::wstring atConsole;  // empty at the logon screen
   mutable std::map<Platform::RawHandle, Token> tokens;
-  std::map<std::uint32_t, std::wstring> acting;  // thread id to user
+  std::map<std::uint32_t, std::wstring> acting;  // maps a thread id to a user
 };
 
 }  // namespace Vx::Simulator

@@ -9,7 +9,7 @@
 
 namespace Vx::Simulator {
 
-// The events of a simulated machine in order, with their virtual times. Any thread.
+// The events of a simulated machine in order, with their virtual times. Thread-safe.
 class Timeline {
  public:
   struct Entry {
@@ -37,10 +37,10 @@ class Timeline {
   Listener listener;
 };
 
-// "61.000"
+// Returns a moment in the form "61.000".
 std::wstring FormatMoment(VirtualClock::Duration moment);
 
-// "61.000 text"
+// Returns an entry in the form "61.000 text".
 std::wstring Format(const Timeline::Entry& entry);
 
 }  // namespace Vx::Simulator

@@ -19,11 +19,11 @@ using Duration = Platform::Clock::Duration;
 
 constexpr Duration kFirstPatience = std::chrono::seconds(10);
 
-// If several waits have the same deadline, the first runs alone, so that the order is fixed. If it
-// is not at rest after this time, it may need a lock that the next one holds.
+// If several waits have the same deadline, the first thread runs alone, so that the order is fixed.
+// If it is not at rest after this time, it may need a lock that the next thread holds.
 constexpr Duration kTurnPatience{250};
 
-// Milliseconds between a parked worker's polls of a handle that its own wait would reset.
+// Milliseconds between the polls of a parked worker whose wait would reset its handle.
 constexpr DWORD kLookInterval = 2;
 
 constexpr std::uint64_t kFirstTicks = 3'600'000;
@@ -76,7 +76,7 @@ Platform::WaitResult TimedOut() {
   std::abort();
 }
 
-// Returns a duplicate of `handle`, or null if that is null.
+// Returns a duplicate of `handle`, or null if it is null.
 Platform::UniqueHandle OwnHandle(HANDLE handle) {
   HANDLE own = nullptr;
   if (handle != nullptr && DuplicateHandle(GetCurrentProcess(), handle, GetCurrentProcess(), &own,
@@ -196,7 +196,7 @@ void VirtualClock::Sleep(Duration length) {
 
 Platform::WaitResult VirtualClock::Wait(Platform::RawHandle handle,
                                         std::optional<Duration> length) {
-  // A kernel wait fails for a null handle as for a closed one.
+  // A kernel wait fails for a null handle as it does for a closed one.
   const DWORD code = WaitForSingleObject(handle, 0);
   if (code == WAIT_FAILED) return {Platform::WaitOutcome::Failed, code, GetLastError()};
   if (code != WAIT_TIMEOUT) return {Platform::WaitOutcome::Signalled, code, 0};
@@ -238,7 +238,7 @@ Platform::Result<Platform::UniqueHandle> VirtualClock::MakeTimer() {
     return Platform::Result<Platform::UniqueHandle>::Failure(GetLastError());
   }
   const std::lock_guard guard(mutex);
-  // A known value belonged to a closed timer.
+  // If the value is known, it belonged to a timer that was closed.
   timers[timer.get()] = {Platform::UniqueHandle(own), std::nullopt, 0};
   return timer;
 }
@@ -296,9 +296,9 @@ Platform::WaitResult VirtualClock::WaitAsWorker(Lock& lock, Platform::RawHandle 
   return wake == Wake::Signalled ? Signalled() : TimedOut();
 }
 
-// A handle whose signal its wait consumes must not be waited for outside the lock, because the
-// clock would not see this thread run until its next instruction. Instead, this function and AtRest
-// poll it under the lock, and either may consume the signal.
+// A handle whose signal the wait consumes must not be waited for outside the lock, because the
+// clock would not know that this thread is running until its next instruction. Instead, this
+// function and AtRest poll it under the lock, and either may consume the signal.
 VirtualClock::Wake VirtualClock::Park(Lock& lock, Waiter& waiter) {
   const HANDLE handles[] = {waiter.wake.get(), waiter.handle.get(), waiter.second.get()};
   const DWORD count = waiter.second != nullptr ? 3 : waiter.level ? 2 : 1;
@@ -360,7 +360,7 @@ bool VirtualClock::AtRest() {
   const auto runs = [](const Waiter& waiter) { return waiter.woken != Wake::No; };
   if (std::any_of(waiters.begin(), waiters.end(), runs)) return false;
 
-  // One query suffices when, as often, all workers wait for the same stop event.
+  // Often all workers wait for the same stop event, and one query is enough.
   Platform::RawHandle quiet = nullptr;
   bool rest = true;
   for (Waiter& waiter : waiters) {
@@ -416,7 +416,7 @@ void VirtualClock::Fire(const Due& due) {
   SetEvent(due.timer->event.get());
 }
 
-// Waits for rest and fires what is due next, unless that is after `limit`.
+// Waits until all workers are at rest and fires what is due next, unless that is after `limit`.
 bool VirtualClock::StepTo(Lock& lock, Duration limit) {
   const auto dueNow = NextDue();
   const bool moreNow = dueNow && dueNow->at <= now;

@@ -28,12 +28,12 @@ class ClockStuck : public std::runtime_error {
 // Every thread of Platform::Thread counts as running from its start until it ends or is parked in
 // Sleep or Wait. While no worker runs, Advance moves time to the next deadline, wakes one wait,
 // waits until every worker is at rest again, and repeats, so that events occur in the same order in
-// each run. A worker whose handle is signalled counts as running from then on, whichever thread
-// signalled it. An event that is set and immediately reset may be missed if the waiting
-// thread has not been scheduled yet. Mutexes are not supported.
+// each run. A worker whose handle is signaled counts as running from then on, whichever thread
+// signaled it. An event that is set and immediately reset may be missed if the waiting thread has
+// not been scheduled yet. Mutexes are not supported.
 //
-// Every other thread (a test's or the host's) is outside. Its own waits move time up to its
-// deadline or until its handle is signalled. Any thread may call every function.
+// All other threads (a test's or the host's) are outside. A wait of such a thread moves time up to
+// its deadline, or until its handle is signaled. Thread-safe.
 class VirtualClock final : public Platform::Clock {
  public:
   VirtualClock();
@@ -46,8 +46,9 @@ class VirtualClock final : public Platform::Clock {
   // Advances through everything that is due. Returns with every worker at rest. Throws ClockStuck.
   void Advance(Duration length);
 
-  // Moves time from one deadline to the next until `reached` returns true. It is called while every
-  // worker is at rest and must not wait. Returns false after `limit` or if no wait is left.
+  // Moves time from one deadline to the next until `reached` returns true. `reached` is called
+  // while every worker is at rest and must not wait. Returns false after `limit` or if no wait is
+  // left.
   bool AdvanceUntil(const std::function<bool()>& reached, Duration limit);
 
   // Waits in real time, at constant virtual time, until every worker is at rest. Throws ClockStuck.
@@ -62,10 +63,10 @@ class VirtualClock final : public Platform::Clock {
   // Sets how long, in real time, Settle lets workers run before it throws. Initially 10 s.
   void SetPatience(Duration patience);
 
-  // Returns the time advanced since construction, without sleep.
+  // Returns the time by which the clock was advanced since construction, without sleep.
   Duration Elapsed() const;
 
-  // Returns the same with sleep: the time on a wall clock.
+  // Returns the same time including sleep, as on a wall clock.
   Duration Moment() const;
 
   // Returns the number of threads that have been started and have not ended.
@@ -90,7 +91,7 @@ class VirtualClock final : public Platform::Clock {
   struct Waiter {
     Platform::RawHandle callersHandle = nullptr;  // null for a sleep
     Platform::UniqueHandle handle;  // a duplicate, because the caller may close its own
-    bool level = false;             // stays signalled after a wait
+    bool level = false;             // stays signaled after a wait
     Platform::UniqueHandle second;  // the second of two manual-reset events, or null
     std::optional<Duration> deadline;
     std::uint64_t turn = 0;  // orders waits with equal deadlines
