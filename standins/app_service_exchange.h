@@ -11,13 +11,13 @@ namespace Vx::Tessel::Server::TesselCommunication {
 // Windows' AppServiceResponseStatus for a refused message.
 inline constexpr int kResponseStatusBase = 0x1000;
 
-// The keys of the only text in a message and in its reply.
+// The keys of the only string in a message and in its reply.
 inline constexpr wchar_t kMessageKey[] = L"message";
 inline constexpr wchar_t kReplyKey[] = L"response";
 
 // Opens a connection to the app service, sends `text`, waits for the reply and closes the
-// connection. Returns 0 and the reply's text, if any, or a status as above. Blocks for at most
-// `limit` while opening and again while waiting for the reply.
+// connection. Returns 0 and the reply's text, if any, or a failure status as above. Blocks for at
+// most `limit` while opening and again while waiting for the reply.
 std::pair<int, std::wstring> ExchangeWithAppService(const std::wstring& packageFamilyName,
                                                     const std::wstring& appServiceName,
                                                     const std::wstring& text,

@@ -25,7 +25,7 @@ const Logging::TraceLogger& Log() {
   return *Logging::LogManager::SetProvider(Logging::kComponentProvider);
 }
 
-// A console without a user is not an error: the message is then sent as the service.
+// Other steps are not errors: if no user is at the console, the message is sent as the service.
 void ReportRevert(Platform::ActingStep step, Platform::ErrorCode error) {
   if (step == Platform::ActingStep::Revert) Log().LogWarning(kRevertFailed, error);
 }

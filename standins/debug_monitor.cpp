@@ -23,7 +23,7 @@ namespace {
 
 using Platform::UniqueHandle;
 
-// The protocol's names. The monitor creates events and buffer, and the first writer the mutex.
+// The protocol's names. The monitor creates the events and the buffer, the first writer the mutex.
 constexpr wchar_t kMutex[] = L"DBWinMutex";
 constexpr wchar_t kBuffer[] = L"DBWIN_BUFFER";
 constexpr wchar_t kBufferReady[] = L"DBWIN_BUFFER_READY";
@@ -31,30 +31,30 @@ constexpr wchar_t kDataReady[] = L"DBWIN_DATA_READY";
 
 constexpr DWORD kMutexAccess = SYNCHRONIZE | MUTEX_MODIFY_STATE;
 
-// The system and administrators own the mutex, and every process may use it (kMutexAccess and
-// READ_CONTROL), as if OutputDebugString had created it.
+// Gives the system and administrators full access to the mutex and lets every process use it
+// (kMutexAccess and READ_CONTROL), as if OutputDebugString had created it.
 constexpr wchar_t kMutexSecurity[] = L"D:(A;;0x1F0001;;;SY)(A;;0x1F0001;;;BA)(A;;0x120001;;;WD)";
 
-// The buffer's content. Longer texts are sent in pieces.
+// The buffer's content. Longer strings are sent in pieces.
 struct Packet {
   DWORD processId;
   char text[4092];
 };
 static_assert(sizeof(Packet) == 4096);
 
-// A character has at most four bytes in a code page, and the terminator needs one.
+// A character takes at most four bytes in a code page, and the terminator takes one.
 constexpr std::size_t kPiece = (sizeof(Packet::text) - 1) / 4;
 
 constexpr std::uint64_t kPatience = 100;      // milliseconds
 constexpr std::uint64_t kAnswerHolds = 1000;  // milliseconds
 constexpr std::uint64_t kLeftAlone = 60'000;  // milliseconds
 
-// Whether a monitor was found, and until when that is valid. Otherwise every log line would pay for
-// a system call, several times the cost of the whole "parse, dispatch, answer" rows.
+// Whether a monitor was found, and until when that is valid. Without this cache, every log line
+// would make a system call, several times the cost of a whole "parse, dispatch, answer" row.
 std::atomic<bool> monitorFound{false};
 std::atomic<std::uint64_t> foundUntil{0};
 
-// When to try a reader that did not keep up again, whatever is found until then.
+// After a reader did not keep up, none is tried before this time.
 std::atomic<std::uint64_t> leftAloneUntil{0};
 
 // Admits one writer of this module at a time, so that the time limit is spent waiting only for the
@@ -119,9 +119,10 @@ struct ViewCloser {
   void operator()(void* view) const noexcept { UnmapViewOfFile(view); }
 };
 
-// Raises the exception with which OutputDebugString offers a text to its own process, for handlers
-// such as the development host's. A vectored handler, after all others, ends it here, because a
-// frame-based one needs a compiler that supports structured exception handling.
+// Raises the exception with which OutputDebugString offers a string to its own process, for
+// handlers such as the development host's. Ends the exception in a vectored handler that runs after
+// all others, because a frame-based one needs a compiler that supports structured exception
+// handling.
 class Offer {
  public:
   explicit Offer(std::wstring_view text) noexcept : handler(AddVectoredExceptionHandler(0, &End)) {
@@ -175,11 +176,11 @@ bool SendToMonitor(std::wstring_view text, std::uint64_t end) {
   if (view == nullptr) return false;
   while (!text.empty()) {
     if (!WaitUntil(bufferReady, end)) return false;
-    Packet packet{};  // zeroed, so that no stack leftovers leave the process
+    Packet packet{};  // zeroed, so that no stack content leaves the process
     packet.processId = GetCurrentProcessId();
     TakePiece(text, packet);
-    // Fails where a plain copy would end the process: the monitor may have reserved the memory
-    // without committing it, or backed it by a file that is gone.
+    // Fails where a plain copy would crash: the monitor may have reserved the memory without
+    // committing it, or backed it by a file that is gone.
     if (WriteProcessMemory(GetCurrentProcess(), view.get(), &packet, sizeof packet, nullptr) ==
         FALSE) {
       return false;

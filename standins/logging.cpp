@@ -31,7 +31,7 @@ constexpr GUID kEventProvider = {
     0x653180dd, 0x2f61, 0x43c5, {0xb3, 0xf1, 0x1b, 0x51, 0x6c, 0x6d, 0x78, 0x70}};
 
 // The longest message, and the longest line with level, provider and caller, in characters. Longer
-// texts are cut, because people read the line and its buffer is on the logging thread's stack.
+// ones are truncated, because people read the line and its buffer is on the logging thread's stack.
 constexpr std::size_t kLongestMessage = 4096;
 constexpr std::size_t kLongestCaller = 256;
 constexpr std::size_t kLongestFormat = 1024;
@@ -59,7 +59,8 @@ class LastErrorKept {
   DWORD error;
 };
 
-// A lock without constructor, destructor or kernel object, for state as long-lived as the module.
+// A lock without a constructor, destructor or kernel object, for state that lives as long as the
+// module.
 class StaticLock {
  public:
   void lock() noexcept { AcquireSRWLockExclusive(&state); }
@@ -113,13 +114,14 @@ struct HostSink {
   void* context = nullptr;
 };
 
-// The registered sinks, guarded by the lock. Deliveries hold it, so sinks receive one record at a
-// time and a removal waits for the call to end. `sinkCount` may be read without the lock.
+// The registered sinks, guarded by the lock. It is held during a delivery, so that sinks receive
+// one record at a time and a removal waits for the call to end. `sinkCount` may be read without the
+// lock.
 StaticLock sinkLock;
 std::vector<SinkEntry>* sinks = nullptr;  // null while empty
 constinit HostSink hostSink;
 std::atomic<std::size_t> sinkCount{0};
-// The thread that is calling a sink. A sink that logs, against its contract, must not deadlock.
+// The thread that is calling a sink. A sink that logs breaks its contract, but must not deadlock.
 std::atomic<DWORD> deliveringThread{0};
 
 // The caller holds the lock.
@@ -128,7 +130,7 @@ void CountSinks() noexcept {
   sinkCount.store(own + (hostSink.function != nullptr ? 1 : 0), std::memory_order_release);
 }
 
-// A record's texts end with a NUL here.
+// A record's strings are NUL-terminated here.
 void DeliverToHost(const LogRecord& record) noexcept {
   const VxLogLine line{.size = sizeof line,
                        .level = static_cast<std::uint32_t>(record.level),
@@ -156,7 +158,8 @@ void DeliverToSinks(const LogRecord& record) {
 }
 
 // Formats into `buffer` with the host's conversions. Returns false if the text does not fit or
-// cannot be formatted. The C runtime then leaves an unterminated beginning, hence the zeros.
+// cannot be formatted. The C runtime then leaves a truncated, unterminated text, so the buffer is
+// zeroed first.
 template <std::size_t Size>
 bool FormatWhole(wchar_t (&buffer)[Size], const wchar_t* format, va_list arguments) {
   std::fill(std::begin(buffer), std::end(buffer), L'\0');
@@ -167,8 +170,8 @@ bool FormatWhole(wchar_t (&buffer)[Size], const wchar_t* format, va_list argumen
   return length >= 0;
 }
 
-// Copies `format` to `bounded`, limiting every text conversion that has no limit to `limit`
-// characters. Returns false if there is no room.
+// Copies `format` to `bounded` and adds the precision `limit` to every string conversion that has
+// none. Returns false if there is no room.
 template <std::size_t Size>
 bool BoundTexts(const wchar_t* format, int limit, wchar_t (&bounded)[Size]) {
   wchar_t* out = bounded;
@@ -193,8 +196,8 @@ bool BoundTexts(const wchar_t* format, int limit, wchar_t (&bounded)[Size]) {
   return *format == L'\0';
 }
 
-// Formats into `buffer`. If the message is too long, cuts its texts but keeps the rest of the
-// format, because the end of a line says what happened.
+// Formats into `buffer`. If the message is too long, truncates its string arguments but keeps the
+// rest of the format, because the end of a line says what happened.
 template <std::size_t Size>
 std::wstring_view Format(wchar_t (&buffer)[Size], const wchar_t* format, va_list arguments) {
   if (!FormatWhole(buffer, format, arguments)) {
@@ -226,7 +229,8 @@ std::wstring_view CopyCaller(wchar_t (&buffer)[Size], const wchar_t* caller) noe
   return {buffer, length};
 }
 
-// `LEVEL provider [caller] message` and a line feed. No brackets if there is no caller.
+// Sends `LEVEL provider [caller] message` and a line feed. Omits the brackets if there is no
+// caller.
 void DeliverToDebugger(const LogRecord& record, const wchar_t* line) {
   wchar_t text[kLongestLine + 16];
   _snwprintf(text, std::size(text) - 2, L"%s %s", NamesOf(record.level).text, line);

@@ -13,16 +13,16 @@ namespace Vx::Tessel::Server::Logging {
 
 namespace {
 
-// In the calling convention of 64-bit Windows each argument takes one slot of this size.
+// In the calling convention of 64-bit Windows, each argument takes one slot of this size.
 using Slot = std::uint64_t;
 static_assert(sizeof(va_list) == sizeof(Slot));  // a pointer to the next slot
 
-// The longest narrow text that is widened, in bytes. A line has less room.
+// The longest narrow string that is widened, in bytes. A line has less room.
 constexpr std::size_t kLongest = 32768;
 
 constexpr wchar_t kBeforeLetter[] = L"-+ #.0123456789*hlwLIjzt";
 
-// A narrow text of a line: its place in the format and its argument.
+// A narrow string of a line: the place of its conversion in the format, and its argument.
 struct Narrow {
   std::size_t place;
   std::size_t slot;
@@ -34,7 +34,7 @@ struct Line {
   std::size_t slots = 0;  // arguments in all
 };
 
-// Finds the conversions "%S" with any width. Ignores those after the eighth.
+// Finds the "%S" conversions, with any width. Ignores those after the eighth.
 Line Read(const wchar_t* format) {
   Line line;
   for (const wchar_t* at = format; *at != L'\0'; ++at) {

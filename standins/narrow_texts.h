@@ -7,12 +7,12 @@
 
 namespace Vx::Tessel::Server::Logging {
 
-// The format and arguments of a log line, with its narrow texts widened from UTF-8. The C runtime
-// would show each byte of such a text as a character ("J\u00C3\u00BCrgen").
+// The format and arguments of a log line, with its narrow strings widened from UTF-8. The C runtime
+// would show each byte of such a string as a character ("J\u00C3\u00BCrgen").
 //
 // Leaves the line unchanged if its narrow strings are ASCII or their conversions have a precision,
-// or if memory runs out. Borrows what it is constructed from. Allocates only for a text that is not
-// ASCII.
+// or if memory runs out. Borrows what it is constructed from. Allocates only for a string that is
+// not ASCII.
 class NarrowTexts {
  public:
   NarrowTexts(const wchar_t* format, va_list arguments) noexcept;

@@ -2,7 +2,7 @@
 
 namespace Vx::Tessel::Server::Logging {
 
-// The maker's logging library has no records, so only the lines are written.
+// The maker's logging library has no records, so only the line is written.
 void WriteRecord(const VxLogRecord& record, LogLevel level, const wchar_t* text) noexcept {
   const auto log = LogManager::GetLogger()->For(record.client);
   if (level == LogLevel::Info) return log.LogInfo(L"%s", text);
