@@ -1,4 +1,4 @@
-// Compares decoding with libbson, which built the bytes: both copy a document and frame its
+// Compares decoding with libbson, which built the bytes: both copy a document and separate its
 // members.
 #include <cstddef>
 #include <cstdint>
@@ -18,7 +18,7 @@ using Vx::Tessel::Server::Storage::BsonDocument;
 
 using Bytes = std::vector<std::byte>;
 
-// The bytes of a document that `fill` fills.
+// Returns the bytes of a document that `fill` fills.
 template <typename Fill>
 Bytes Build(const Fill& fill) {
   bson_t document = BSON_INITIALIZER;
@@ -29,7 +29,7 @@ Bytes Build(const Fill& fill) {
   return bytes;
 }
 
-// Many small members of several kinds.
+// Returns a document with many small members of several kinds.
 Bytes Flat(int members) {
   return Build([members](bson_t* document) {
     for (int i = 0; i < members; ++i) {
@@ -71,7 +71,7 @@ Bytes Deep(int levels) {
   return document;
 }
 
-// Like the store: a few flags, and lists as one long text each.
+// Returns a document like the store's: a few flags, and each list as one long string.
 Bytes StateLike(std::size_t textLength) {
   const Bytes own = Build([textLength](bson_t* members) {
     BSON_APPEND_INT32(members, "FirstSystemEnforcementMode", 2);

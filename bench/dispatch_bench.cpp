@@ -1,6 +1,6 @@
 // Compares ExecuteCommand of the real module with plain use of rapidjson that parses the same
-// request, builds and writes the same response and copies it to a C block. The module is loaded,
-// not linked, so that both sides have rapidjson in their own configuration.
+// request, builds and writes the same response and copies it to a buffer from malloc. The module is
+// loaded, not linked, so that each side can configure rapidjson in its own way.
 //
 // Usage: dispatch_bench [--brief] [--json FILE]
 #include <cstdlib>
@@ -26,7 +26,7 @@ using Value = Document::ValueType;
 constexpr std::uint32_t kVersion = 22;
 constexpr std::uint32_t kNoSuchCommand = 99;
 
-// The same command with plain rapidjson.
+// Runs the same command with plain rapidjson.
 void Plain(const std::wstring& request, const wchar_t* version) {
   Document document;
   if (document.Parse(request.c_str()).HasParseError()) std::abort();
@@ -68,7 +68,7 @@ void Measure(LoadedService& service, RatioTable& table) {
         size.name, "plain rapidjson", size.goal, size.perTurn,
         [&] { service.Run(kVersion, size.request, 0); }, [&] { Plain(size.request, VX_VERSION); });
   }
-  // An id without a handler costs only the parse, the dispatch and the response.
+  // For an id without a handler, only parsing, dispatching and responding cost time.
   const struct {
     const char* name;
     std::wstring request;

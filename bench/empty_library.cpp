@@ -1,4 +1,4 @@
-// A library that holds only the runtime.
+// A library that contains only the runtime.
 extern "C" __declspec(dllexport) int Nothing();
 
 int Nothing() {

@@ -1,7 +1,7 @@
 // A program of about 1 MiB that ends at once.
 namespace {
 
-// Data that neither compiler nor linker can leave out.
+// Data that neither the compiler nor the linker can remove.
 volatile unsigned char filling[1'000'000] = {1};  // NOLINT(modernize-avoid-c-arrays)
 
 }  // namespace

@@ -1,4 +1,5 @@
-// Starting a trusted program, and refusing one, against bare process creation of the same program.
+// Compares starting and refusing a trusted program with only creating a process of the same
+// program.
 //
 // Usage: launch_bench [--brief] [--json FILE]
 #include <optional>
@@ -28,8 +29,8 @@ using Tessel::Server::Services::Orvane::LaunchCommand;
 
 constexpr DWORD kLongestWait = 60'000;  // milliseconds
 
-// The real capability, which also keeps the started programs, so that none runs into the next
-// measurement.
+// The real capability, which also keeps the started programs, so that none is still running in the
+// next measurement.
 class KeptProcesses final : public Platform::Processes {
  public:
   explicit KeptProcesses(Platform::Processes& real) : processes(real) {}
@@ -89,7 +90,7 @@ void Measure(RatioTable& table) {
   const Tests::ProtectedFolder folder;
   const std::wstring trusted = folder.Hold(L"idle_program.exe");
   const std::wstring refused = folder.Hold(L"unsigned_program.exe");
-  // Leaves after a minute, which is longer than any row.
+  // Ends by itself after a minute, which is longer than any row takes.
   std::optional<Tests::StandInLogon> logon(folder.Path());
   const auto renewLogon = [&] {
     logon.reset();
@@ -121,7 +122,7 @@ void Measure(RatioTable& table) {
       "refusal of the same program without signature", "bare process creation", 0.10, 1,
       [&] { refusal.Execute(); }, bare, settle);
 
-  // The time that Windows takes for the checks that the decision needs.
+  // Makes only the calls to Windows that the checks need.
   const Platform::TrustProvider& provider = *Platform::CurrentMachine().trustProvider;
   const auto askWindows = [&](const std::wstring& path) {
     Platform::CatalogFailure failure;
@@ -136,7 +137,7 @@ void Measure(RatioTable& table) {
         bare();
       },
       settle);
-  // And what starting it in the user's session needs besides.
+  // Makes the further calls that a start in the user's session needs.
   const auto findLogon = [&] {
     for (const std::uint32_t id : processes.Ids(2048)) {
       const auto image = processes.ImagePath(id);

@@ -1,4 +1,4 @@
-// Commands under load: on many threads at once, and beside deliveries that wait.
+// Measures commands under load: on many threads at once, and while deliveries wait.
 //
 // Usage: load_bench [--brief] [--json FILE]
 #include <bitset>
@@ -45,7 +45,7 @@ std::size_t Processors() {
 }
 
 // Compares `each` operations on every one of 16 threads with as many on one thread, divided by the
-// processors.
+// number of processors.
 template <typename Operations>
 void CompareThreads(RatioTable& table, const std::string& name, double goal, std::size_t each,
                     const Operations& run) {
@@ -68,7 +68,7 @@ void MeasureThreads(const std::wstring& module, RatioTable& table, Effort effort
   LoadedService service(module);
   CompareThreads(table, "slot 3, id 22", 1.11, each,
                  [&](std::size_t count) { RunMany(service, count); });
-  // The heap, which the response has to come from.
+  // The heap, from which every response is allocated.
   CompareThreads(table, "malloc and free", 0, each, [](std::size_t count) {
     for (std::size_t i = 0; i < count; ++i) {
       void* block = std::malloc(kResponse);
@@ -84,7 +84,7 @@ std::wstring Waiting(std::size_t number) {
          LR"(","appServiceName":"s","payload":{},"delayDeliverySec":"3600"}})";
 }
 
-// A service whose deliveries wait, and one that is idle, in turns.
+// Alternates between a service whose deliveries wait and an idle one.
 void MeasureBesideWaits(const std::wstring& module, RatioTable& table, Effort effort) {
   const std::size_t count = effort == Effort::Brief ? 10 : 1000;
   const std::size_t commands = effort == Effort::Brief ? 100 : 500'000;

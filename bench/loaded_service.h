@@ -11,7 +11,7 @@
 
 namespace Vx::Bench {
 
-// The module, loaded as its host loads it, a service of it and a client context.
+// The module, loaded as its host loads it, with one service and one client context.
 class LoadedService {
  public:
   explicit LoadedService(const std::wstring& path)
@@ -32,7 +32,7 @@ class LoadedService {
     FreeLibrary(library);
   }
 
-  // Ends the program if the command has another result. Any thread.
+  // Ends the program if the command has another result. Thread-safe.
   void Run(std::uint32_t id, const std::wstring& request, std::uint32_t expected) {
     wchar_t* response = nullptr;
     if (service->ExecuteCommand(context, id, request.c_str(), &response, nullptr) != expected) {

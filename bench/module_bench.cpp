@@ -1,5 +1,5 @@
-// Measures what the module costs its host: the time to load it, its size, an idle service's memory,
-// and the time that the first launch takes longer than the next.
+// Measures what the module costs its host: its load time and size, an idle service's memory, and
+// how much longer the first launch takes than the next.
 //
 // Usage: module_bench [--brief] [--json FILE]
 #include <algorithm>
@@ -64,7 +64,7 @@ void ReportMemory(const std::wstring& module, RatioTable& table) {
   table.Report("size of the module", static_cast<double>(data.nFileSizeLow) / kKibibyte, "KiB");
 }
 
-// What the module loads only when a launch or the firmware needs it.
+// Reports the libraries that the module loads only when a launch or the firmware needs them.
 void ReportDeferredLibraries(const std::wstring& module, RatioTable& table) {
   constexpr int kTurns = 11;
   using Milliseconds = std::chrono::duration<double, std::milli>;

@@ -12,8 +12,8 @@ namespace Vx::Bench {
 namespace {
 
 constexpr int kBatches = 11;
-constexpr int kFewBatches = 5;  // of operations that take a second
-constexpr int kMostTurns = 20;  // of each side, in a batch
+constexpr int kFewBatches = 5;  // for operations that take a second
+constexpr int kMostTurns = 20;  // for each side, in a batch
 constexpr int kLeastTurns = 3;
 constexpr double kBatchTime = 1e9;  // nanoseconds; batches of slow operations have fewer turns
 constexpr double kLongTime = 4e9;   // a pair that takes longer is measured kFewBatches times
@@ -36,7 +36,7 @@ double Median(std::vector<double> values) {
   return *middle;
 }
 
-// The benchmarks choose the names: plain ASCII without quotes.
+// The benchmarks choose the names, which are plain ASCII without quotes.
 void WriteRow(std::FILE* file, const Row& row) {
   std::fprintf(file,
                "    {\"name\": \"%s\", \"against\": \"%s\", \"goal\": %.3f, \"ours_ns\": %.1f, "
@@ -71,7 +71,7 @@ void RatioTable::Compare(const std::string& name, const std::string& against, do
       ourTurns.push_back(turn(ours));
       theirTurns.push_back(turn(theirs));
     }
-    // A turn that lost the processor meanwhile must not weigh on its batch.
+    // The median, so that a turn that lost the processor does not distort its batch.
     ourBatches.push_back(Median(std::move(ourTurns)));
     theirBatches.push_back(Median(std::move(theirTurns)));
   }

@@ -7,10 +7,10 @@
 
 namespace Vx::Bench {
 
-// The length of a run. Brief proves that a benchmark still works and measures nothing.
+// The length of a run. Brief only proves that a benchmark still works. Its figures mean nothing.
 enum class Effort { Full, Brief };
 
-// One line of the table: the cost of A against B, both in nanoseconds per operation.
+// One line of the table: the cost of A compared with B, both in nanoseconds per operation.
 struct Row {
   std::string name;
   std::string against;
@@ -20,7 +20,7 @@ struct Row {
   double ratio = 0;
 };
 
-// A single figure without a counterpart.
+// A single figure that is not compared with another.
 struct Figure {
   std::string name;
   double value = 0;
@@ -36,9 +36,9 @@ class RatioTable {
  public:
   explicit RatioTable(Effort howLong) : effort(howLong) {}
 
-  // `ours` and `theirs` each do one operation. `perTurn` operations are timed together: enough to
-  // hide the clock's 100 ns, few enough to keep turns short. Slow operations get fewer turns.
-  // `settle` runs after each turn and is not timed.
+  // `ours` and `theirs` each perform one operation. `perTurn` operations are timed together: enough
+  // to hide the clock's resolution of 100 ns, few enough to keep turns short. Slow operations get
+  // fewer turns. `settle` runs after each turn and is not timed.
   void Compare(
       const std::string& name, const std::string& against, double goal, std::size_t perTurn,
       const std::function<void()>& ours, const std::function<void()>& theirs,
@@ -49,7 +49,7 @@ class RatioTable {
   // Prints the table on standard output.
   void Print() const;
 
-  // Writes the table as one JSON document to `path`. Returns false when that fails.
+  // Writes the table as one JSON document to `path`. Returns false on failure.
   bool WriteJson(const std::string& path) const;
 
  private:
@@ -62,7 +62,7 @@ class RatioTable {
 // the exit code: 0, or 2 for a usage error or a failure.
 int RunBenchmarks(int argc, char** argv, const std::function<void(RatioTable&, Effort)>& body);
 
-// Keeps a result from being optimised away.
+// Prevents the compiler from removing a result.
 template <typename T>
 inline void Keep(const T& value) {
   asm volatile("" : : "g"(&value) : "memory");

@@ -7,7 +7,7 @@ work=$dll.imports
 rm -rf "$work"
 mkdir -p "$work"
 
-# The library and the first function of each import, "KERNEL32.dll CloseHandle". A function's row ends
+# Lists each imported library with its first function, "KERNEL32.dll CloseHandle". A function's row ends
 # with its hint and its name. Later releases of objdump print an ordinal before them.
 "$objdump" -p "$module" | awk '
   /DLL Name:/ { library = $3; next }

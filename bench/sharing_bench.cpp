@@ -1,4 +1,4 @@
-// Compares eight processes that update one store with one process that does as many updates alone.
+// Compares eight processes that update one store with one process that makes as many updates alone.
 //
 // Usage: sharing_bench [--brief] [--json FILE]
 // Starts itself as `sharing_bench --worker MEMBER COUNT GO READY` for each process.
@@ -45,7 +45,7 @@ int Work(const std::string& member, int count, const char* goName, const char* r
   return 0;
 }
 
-// Processes that wait for the start. Run is timed from there to the end of the last process.
+// Processes that wait for a common start. Run is timed from there to the end of the last process.
 class Workers {
  public:
   Workers(int processes, int updates) : count(processes), each(updates) {
@@ -74,7 +74,7 @@ class Workers {
 
   bool Ran() const { return ran; }
 
-  // Throws if an update is lost.
+  // Throws if an update was lost.
   void Check() const {
     const auto document = CapDataStore().readDocument(kDocument);
     for (int i = 0; i < count; ++i) {

@@ -1,5 +1,5 @@
-// Start-up of the service with many stored package subscriptions, on a simulated machine: until all
-// of its threads wait.
+// Measures the startup of the service with many stored package subscriptions, on a simulated
+// machine: until all of its threads wait.
 //
 // Usage: start_bench [--brief] [--json FILE]
 #include <chrono>
@@ -32,7 +32,7 @@ std::wstring Request(std::size_t number) {
          std::to_wstring(number) + LR"(","appServiceName":"s","payload":{}}})";
 }
 
-// A machine on which nothing is left to do at a start but to watch packages.
+// A machine on which a start has nothing to do except to watch packages.
 class Machine {
  public:
   explicit Machine(std::size_t subscriptions) : count(subscriptions) {
@@ -77,7 +77,8 @@ class Machine {
 void Measure(RatioTable& table, Effort effort) {
   const std::size_t many = effort == Effort::Brief ? 20 : 1000;
   const std::size_t few = many / 10;
-  // Machines nest, so there is one at a time, made in the pause between two turns.
+  // Machines nest, so only one exists at a time. The next is created in the pause between two
+  // turns.
   std::optional<Machine> machine(many);
   bool next = true;  // the one with few
   const auto settle = [&] {

@@ -1,4 +1,4 @@
-// The shared store and the subscriptions against the bare work that they cannot do without.
+// Compares the shared store and the subscriptions with the bare work that they cannot avoid.
 #include <atomic>
 #include <functional>
 #include <memory>
@@ -36,7 +36,7 @@ using Tessel::Server::Storage::CapDataStore;
 constexpr std::size_t kHeader = 72;
 constexpr std::size_t kFileLimit = std::size_t{64} << 20;
 
-// What the format dictates for one access, and nothing else: the mutex, the file, the seal.
+// Does only what the format requires for one access: the mutex, the file, the encryption.
 class BareStore {
  public:
   explicit BareStore(std::wstring file) : path(std::move(file)) {
@@ -112,7 +112,7 @@ std::wstring Request(std::uint32_t event, std::size_t number) {
          std::to_wstring(number) + L"\",\"appServiceName\":\"service\",\"payload\":{\"n\":1}}}";
 }
 
-// `count` requests, of which the first `matching` are for `event` and the others for the next one.
+// Returns `count` requests. The first `matching` are for `event`, the others for the next one.
 std::vector<std::wstring> Requests(std::size_t count, std::size_t matching, std::uint32_t event) {
   std::vector<std::wstring> requests;
   for (std::size_t i = 0; i < count; ++i) {
@@ -134,8 +134,8 @@ void Plant(const std::wstring& list) {
   CapDataStore().mergeMember(kServiceDocument, kPowerSubscriptions, BsonElement::Text(list));
 }
 
-// Commands that do nothing, the first of which may be held up: commands run one at a time, so that
-// every worker is there while it waits.
+// Commands that do nothing. The first may block, and because commands run one at a time, every
+// worker exists while it does.
 class StubbedCommands final : public Platform::AppServices {
   class Stub final : public Platform::AppService {
    public:
@@ -175,7 +175,7 @@ class CountingThreads final : public Platform::Threads {
     return started;
   }
 
-  // Since the last WaitForAll. Any thread may ask.
+  // Returns the number since the last WaitForAll. Thread-safe.
   std::size_t Started() const { return count; }
 
   void WaitForAll() {
@@ -204,7 +204,8 @@ void BareThreads(std::size_t count) {
   for (const auto& thread : threads) WaitForSingleObject(thread.get(), INFINITE);
 }
 
-// What an event cannot do without: the store, each text, and a thread for each that matches.
+// Does what an event cannot avoid: reads the store and each text, and starts a thread for each
+// match.
 void BareEvent(BareStore& store, const std::vector<std::wstring>& requests, std::size_t matching) {
   store.ReadOnce();
   for (const std::wstring& request : requests) {
@@ -215,7 +216,7 @@ void BareEvent(BareStore& store, const std::vector<std::wstring>& requests, std:
   BareThreads(matching);
 }
 
-// The memory while all workers of one event are there.
+// Reports the memory in use while all workers of one event exist.
 void ReportPeak(RatioTable& table, StubbedCommands& commands, CountingThreads& threads,
                 std::size_t count) {
   const auto before = Tests::MeasureMemory();
@@ -241,7 +242,7 @@ void MeasureDeliveries(RatioTable& table, Effort effort) {
     machine.appServices = &commands;
     machine.threads = &threads;
   });
-  // The emulator ends at some 5,000 threads, so that all match only where there are few.
+  // The emulator fails at about 5,000 threads, so all requests match only where there are few.
   static constexpr struct {
     std::size_t count;
     std::size_t matching;
@@ -273,7 +274,8 @@ void MeasureDeliveries(RatioTable& table, Effort effort) {
   }
 }
 
-// Changes of a list of `count`, which the bare side parses, changes and writes as a whole.
+// Compares changes to a list of `count` requests. The bare side parses, changes and writes the
+// whole list.
 void MeasureChanges(RatioTable& table, std::size_t count) {
   const Tests::PrivateStore folder;
   auto& files = *Platform::CurrentMachine().files;

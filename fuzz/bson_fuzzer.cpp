@@ -24,12 +24,12 @@ BsonDocument Again(const BsonDocument& document) {
   return *std::move(decoded);
 }
 
-// Returns the bytes of a member: its kind, key, terminator and value.
+// Returns the size of a member: its kind, key, terminator and value.
 std::size_t SizeOf(const BsonDocument::Member& member) {
   return 2 + member.key.size() + member.value.Bytes().size();
 }
 
-// Calls every getter of every value, some levels deep.
+// Calls every getter of every value, to a depth of `levels`.
 void Walk(const BsonDocument& document, int levels) {
   std::size_t size = 5;  // the length and the terminator
   for (const BsonDocument::Member& member : document) {
@@ -52,14 +52,14 @@ void Walk(const BsonDocument& document, int levels) {
   Check(size == document.Encoded().size(), "the members are the document");
 }
 
-// Changes one member and removes it again. The others must stay unchanged.
+// Changes one member, then removes it. The others must stay unchanged.
 void Change(const BsonDocument& document) {
   BsonDocument changed = document;
   if (document.Empty()) return;
   BsonDocument::Iterator middle = document.begin();
   for (std::size_t i = document.Size() / 2; i > 0; --i) ++middle;
   const std::string key((*middle).key);
-  // A key that is in the document can be set, also one that is not UTF-8.
+  // A key that is in the document can be set even if it is not UTF-8.
   Check(changed.Set(key, BsonElement::Text(L"another value")), "a key can be set");
   Check(Again(changed).Find(key)->AsText() == "another value", "what was set is found");
   changed.Erase(key);

@@ -14,7 +14,7 @@
 #include "fuzz/wide_input.h"
 #include "launch/launch_rules.h"
 
-// Fuzzes the way of a client's texts to a started program: its delay, command line, folder and
+// Fuzzes how a client's texts become a started program: its delay, command line, folder and
 // environment.
 
 namespace {
@@ -22,7 +22,7 @@ namespace {
 using Vx::Fuzz::Check;
 using namespace Vx::Tessel::Server::Services::Orvane;
 
-// The number as the C library reads it.
+// Returns the number as the C library reads it.
 std::optional<int> Expected(const std::wstring& text) {
   wchar_t* end = nullptr;
   errno = 0;

@@ -19,7 +19,7 @@ namespace {
 using Vx::Fuzz::Check;
 using namespace Vx::Tessel::Server::Services::Orvane;
 
-// Whether the C library's calendar has this day.
+// Returns whether the C library's calendar has this day.
 bool NamesADay(int year, int month, int day) {
   std::tm fields{};
   fields.tm_year = year - 1900;

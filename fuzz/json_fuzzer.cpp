@@ -28,8 +28,8 @@ std::optional<JsonArray> ArrayOf(const std::wstring& text) {
   }
 }
 
-// rapidjson's own reader, where it can be trusted: it stops at U+0000, has limits of its own for
-// long numbers and none for nesting.
+// Returns whether rapidjson's own reader can be trusted with this text. It stops at U+0000, has its
+// own limits for long numbers and no limit for nesting.
 bool CanCompare(const std::wstring& text) {
   constexpr std::size_t kLongest = 100;
   if (text.size() > kLongest || text.find(L'\0') != std::wstring::npos) return false;

@@ -52,7 +52,7 @@ void CheckList(const std::wstring& list, const std::wstring& request) {
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   const std::wstring text = Vx::Fuzz::WideInput(data, size);
   static_cast<void>(IsFilePath(text));
-  // The list ends at the first line that holds a single "|".
+  // The list ends at the first line that consists of a single "|".
   constexpr std::wstring_view kSeparator = L"\n|\n";
   const std::size_t at = text.find(kSeparator);
   if (at == std::wstring::npos) {

@@ -6,8 +6,8 @@
 
 namespace Vx::Fuzz {
 
-// UTF-16 from a fuzzer's bytes: ASCII unchanged, so that seeds can be read and mutated as text, and
-// the upper bytes spread around the surrogates.
+// Returns UTF-16 made from a fuzzer's bytes: ASCII is unchanged, so that seeds can be read and
+// mutated as text. The upper bytes map to units around the surrogates.
 inline std::wstring WideInput(const std::uint8_t* data, std::size_t size) {
   constexpr unsigned kFirst = 0xD7F0;
   constexpr unsigned kStep = 0x20;

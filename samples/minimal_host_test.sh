@@ -1,6 +1,7 @@
 #!/bin/sh
-# minimal_host_test.sh SAMPLE MODULE VERSION EMULATOR PREFIX: the sample drives the module from its
-# loading to its end, with a store of its own, and says so; without a module it fails and says why.
+# minimal_host_test.sh SAMPLE MODULE VERSION EMULATOR PREFIX: checks that the sample runs the module from
+# loading to unloading, with its own store, and prints each step. If there is no module, it must fail and
+# print the reason.
 set -u
 sample=$1 module=$2 version=$3 emulator=$4 prefix=$5
 work=$(mktemp -d)
@@ -11,7 +12,7 @@ windows() { printf 'Z:%s' "$1" | tr / '\\'; }
 VX_PROGRAM_DATA=$(windows "$work")
 export VX_PROGRAM_DATA
 
-# expect CODE MODULE: running the sample exits with CODE and prints the standard input.
+# expect CODE MODULE: checks that the sample exits with CODE and prints what standard input contains.
 expect() {
   "$emulator" "$prefix" "$(dirname "$sample")/../tests/with_data.exe" "$sample" "$2" >"$work/raw"
   code=$?

@@ -1,5 +1,5 @@
 // minimal_host MODULE: the least that a service host does, in C. MODULE is the module's full path.
-// Prints each step, and exits with 0 when all of them succeeded.
+// Prints each step, and exits with 0 if all of them succeeded.
 #include <stdio.h>
 #include <wchar.h>
 
@@ -12,7 +12,7 @@
 // Runs one command for a client and prints its result. Returns the result code.
 static uint32_t Execute(VxServiceObject* service, VxClientContext* context, uint32_t id,
                         const wchar_t* request) {
-  wchar_t* response = NULL;  // slot 3 leaves it alone when it refuses its arguments
+  wchar_t* response = NULL;  // slot 3 leaves it unchanged if it refuses its arguments
   const uint32_t result =
       service->table->ExecuteCommand(service, context, id, request, &response, NULL);
   wprintf(L"command %u: result 0x%08x, response %ls\n", id, result,
@@ -40,14 +40,14 @@ static int Run(VxCreateServiceFunction create) {
   service->table->PowerEventTask(service, PBT_APMRESUMEAUTOMATIC);
   wprintf(L"forwarded power code %u\n", (unsigned)PBT_APMRESUMEAUTOMATIC);
 
-  service->table->Destroy(service, 1);  // bit 0: frees the object too
+  service->table->Destroy(service, 1);  // bit 0: also frees the object
   wprintf(L"destroyed\n");
   return result != 0;
 }
 
 static int Load(const wchar_t* path) {
-  // Its full path, and what it imports from Windows' own folder alone: a library that lies in
-  // another place never gets into the process.
+  // Uses the module's full path and loads its imports only from Windows' own folder, so that a
+  // library in another place never gets into the process.
   const HMODULE module = LoadLibraryExW(path, NULL, LOAD_LIBRARY_SEARCH_SYSTEM32);
   if (module == NULL) {
     wprintf(L"the module cannot be loaded: error %lu\n", GetLastError());
@@ -72,7 +72,7 @@ int wmain(int count, wchar_t** arguments) {
     return 2;
   }
   // A process makes this choice once: while the module acts as a user, its calls to other processes
-  // are the user's. The module would choose otherwise.
+  // are made as that user. Otherwise the module would choose for the process, and differently.
   HRESULT com = CoInitializeEx(NULL, COINIT_MULTITHREADED);
   if (SUCCEEDED(com)) {
     com = CoInitializeSecurity(NULL, -1, NULL, NULL, RPC_C_AUTHN_LEVEL_DEFAULT,

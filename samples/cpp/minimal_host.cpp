@@ -1,6 +1,6 @@
 // minimal_host MODULE: the least that a service host does, in C++, with owners that end everything
-// in its order. MODULE is the module's full path. Prints each step, and exits with 0 when all of
-// them succeeded.
+// in the right order. MODULE is the module's full path. Prints each step, and exits with 0 if all
+// of them succeeded.
 #include <cstdint>
 #include <cstdio>
 #include <memory>
@@ -17,8 +17,9 @@ namespace {
 
 namespace Contract = Vx::Tessel::Server::Services;
 
-// COM as the module needs it. A process makes this choice once: while the module acts as a user,
-// its calls to other processes are the user's. The module would choose otherwise.
+// Sets up COM as the module needs it. A process makes this choice once: while the module acts as a
+// user, its calls to other processes are made as that user. Otherwise the module would choose for
+// the process, and differently.
 class Com {
  public:
   Com() {
@@ -37,7 +38,7 @@ class Com {
   ~Com() { CoUninitialize(); }
 };
 
-// Frees the module. Declared before the service, so that the service goes first.
+// Frees the module. Declared before the service, so that the service is destroyed first.
 struct ModuleFreer {
   void operator()(HMODULE module) const noexcept {
     FreeLibrary(module);  // the module stays until its last thread has ended
@@ -48,7 +49,7 @@ using Module = std::unique_ptr<std::remove_pointer_t<HMODULE>, ModuleFreer>;
 
 struct ServiceDestroyer {
   void operator()(Contract::VxService* service) const noexcept {
-    service->Destroy(1);  // bit 0: frees the object too
+    service->Destroy(1);  // bit 0: also frees the object
     std::printf("destroyed\n");
   }
 };
@@ -57,7 +58,7 @@ using Service = std::unique_ptr<Contract::VxService, ServiceDestroyer>;
 // A client of the service. Any thread may have one.
 class Client {
  public:
-  // Borrows `service`. `id` has at most 64 characters: a longer one ends the process.
+  // Borrows `service`. `id` has at most 64 characters. A longer one ends the process.
   Client(Contract::VxService& owner, const wchar_t* id) : service(owner) {
     if (service.CreateClientContext(id, &context) != 0) throw std::bad_alloc();
   }
@@ -67,7 +68,7 @@ class Client {
 
   // Runs a command, prints its result and returns the result code.
   std::uint32_t Execute(std::uint32_t id, const wchar_t* request) {
-    wchar_t* response = nullptr;  // slot 3 leaves it alone when it refuses its arguments
+    wchar_t* response = nullptr;  // slot 3 leaves it unchanged if it refuses its arguments
     const std::uint32_t result = service.ExecuteCommand(context, id, request, &response, nullptr);
     std::printf("command %u: result 0x%08x, response %ls\n", id, result,
                 response != nullptr ? response : L"(none)");
@@ -82,8 +83,8 @@ class Client {
 
 int Run(const wchar_t* path) {
   const Com com;
-  // Its full path, and what it imports from Windows' own folder alone: a library that lies in
-  // another place never gets into the process.
+  // Uses the module's full path and loads its imports only from Windows' own folder, so that a
+  // library in another place never gets into the process.
   const Module module(LoadLibraryExW(path, nullptr, LOAD_LIBRARY_SEARCH_SYSTEM32));
   if (module == nullptr) {
     throw std::runtime_error("the module cannot be loaded: error " +

@@ -32,14 +32,14 @@ public static extern uint GetSecurityInfo(Microsoft.Win32.SafeHandles.SafePipeHa
     out IntPtr owner, IntPtr group, IntPtr dacl, IntPtr sacl, out IntPtr descriptor);
 '@
 
-# The encoding throws at an unpaired surrogate, which it would replace otherwise.
+# The second argument makes the encoding throw at an unpaired surrogate instead of replacing it.
 $utf8 = New-Object System.Text.UTF8Encoding $false, $true
 $message = $utf8.GetBytes((ConvertTo-Json -Compress ([ordered]@{ id = $Id; request = $Request })))
 if ($Show) { return $utf8.GetString($message) }
 if ($message.Length -gt $longestCommand) { throw 'the request is too long' }
 
-# No GENERIC_WRITE, which would ask to create instances. Identification: a false server may learn who
-# this is, but not act as this account.
+# Not GENERIC_WRITE, which includes the right to create instances. With the identification level, a false
+# server can learn who this is, but not act as this account.
 $access = 0x12018B
 $openExisting = 3
 $flags = 0x00100000 -bor 0x00010000  # SECURITY_SQOS_PRESENT, SECURITY_IDENTIFICATION
@@ -68,7 +68,7 @@ try {
   if ($server -eq 0 -or $server -ne $running) {
     throw "process $server has the pipe and is not the service; nothing was sent"
   }
-  # The process that created the pipe may have ended, and the service may have got its number.
+  # The process that created the pipe may have ended, and the service may have reused its id.
   $sid = $descriptor = [IntPtr]::Zero
   $failure = [VxSample.Native]::GetSecurityInfo($handle, $kernelObject, $ownerPart, [ref] $sid, [IntPtr]::Zero,
     [IntPtr]::Zero, [IntPtr]::Zero, [ref] $descriptor)

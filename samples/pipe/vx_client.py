@@ -11,10 +11,10 @@ import argparse
 import json
 import sys
 
-ACCESS = 0x12018B  # read and write data and attributes, read the owner; GENERIC_WRITE would ask to create instances
+ACCESS = 0x12018B  # read and write data and attributes, read the owner; GENERIC_WRITE includes creating instances
 OPEN_EXISTING = 3
 SECURITY_SQOS_PRESENT = 0x00100000
-SECURITY_IDENTIFICATION = 0x00010000  # a false server may learn who this is, but not act as this account
+SECURITY_IDENTIFICATION = 0x00010000  # a false server can learn who this is, but not act as this account
 PIPE_READMODE_MESSAGE = 2
 ERROR_MORE_DATA = 234
 ERROR_PIPE_BUSY = 231
@@ -78,7 +78,7 @@ def execute(service, message):
         try:
             handle = check(advapi.OpenServiceW(manager, service, SERVICE_QUERY_STATUS))
             try:
-                status = (wintypes.DWORD * 9)()  # SERVICE_STATUS_PROCESS, whose eighth is the process
+                status = (wintypes.DWORD * 9)()  # SERVICE_STATUS_PROCESS; the eighth is the process id
                 needed = wintypes.DWORD()
                 check(advapi.QueryServiceStatusEx(handle, SC_STATUS_PROCESS_INFO, status,
                                                   ctypes.sizeof(status), ctypes.byref(needed)))
@@ -119,7 +119,7 @@ def execute(service, message):
         check(kernel.GetNamedPipeServerProcessId(pipe, ctypes.byref(server)))
         if server.value == 0 or server.value != process_of_service():
             raise OSError("process %d has the pipe and is not the service; nothing was sent" % server.value)
-        # The process that created the pipe may have ended, and the service may have got its number.
+        # The process that created the pipe may have ended, and the service may have reused its id.
         owner = owner_of(pipe)
         if owner not in OWNERS:
             raise OSError("the pipe belongs to %s and not to the service; nothing was sent" % owner)
