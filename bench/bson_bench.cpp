@@ -1,5 +1,4 @@
-// Compares decoding with libbson, which built the bytes: both copy a document and separate its
-// members.
+// Compares decoding with libbson, which built the bytes: both copy a document and split it.
 #include <cstddef>
 #include <cstdint>
 #include <stdexcept>

@@ -29,8 +29,7 @@ using Tessel::Server::Services::Orvane::LaunchCommand;
 
 constexpr DWORD kLongestWait = 60'000;  // milliseconds
 
-// The real capability, which also keeps the started programs, so that none is still running in the
-// next measurement.
+// The real capability. Also keeps the started programs, so that none outlives its measurement.
 class KeptProcesses final : public Platform::Processes {
  public:
   explicit KeptProcesses(Platform::Processes& real) : processes(real) {}

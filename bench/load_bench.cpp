@@ -44,8 +44,7 @@ std::size_t Processors() {
   return std::bitset<64>(own).count();
 }
 
-// Compares `each` operations on every one of 16 threads with as many on one thread, divided by the
-// number of processors.
+// Compares `each` operations on each of 16 threads, divided by the processors, with as many on one.
 template <typename Operations>
 void CompareThreads(RatioTable& table, const std::string& name, double goal, std::size_t each,
                     const Operations& run) {

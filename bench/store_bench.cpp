@@ -134,8 +134,8 @@ void Plant(const std::wstring& list) {
   CapDataStore().mergeMember(kServiceDocument, kPowerSubscriptions, BsonElement::Text(list));
 }
 
-// Commands that do nothing. The first may block, and because commands run one at a time, every
-// worker exists while it does.
+// Commands that do nothing. The first one may block. Commands run one at a time, so all workers
+// exist then.
 class StubbedCommands final : public Platform::AppServices {
   class Stub final : public Platform::AppService {
    public:
@@ -204,8 +204,7 @@ void BareThreads(std::size_t count) {
   for (const auto& thread : threads) WaitForSingleObject(thread.get(), INFINITE);
 }
 
-// Does what an event cannot avoid: reads the store and each text, and starts a thread for each
-// match.
+// Does what an event cannot avoid: reads the store and each text, and starts a thread per match.
 void BareEvent(BareStore& store, const std::vector<std::wstring>& requests, std::size_t matching) {
   store.ReadOnce();
   for (const std::wstring& request : requests) {
@@ -274,8 +273,7 @@ void MeasureDeliveries(RatioTable& table, Effort effort) {
   }
 }
 
-// Compares changes to a list of `count` requests. The bare side parses, changes and writes the
-// whole list.
+// Compares changes to a list of `count` requests with parsing, changing and writing the whole list.
 void MeasureChanges(RatioTable& table, std::size_t count) {
   const Tests::PrivateStore folder;
   auto& files = *Platform::CurrentMachine().files;

@@ -14,8 +14,7 @@
 #include "fuzz/wide_input.h"
 #include "launch/launch_rules.h"
 
-// Fuzzes how a client's texts become a started program: its delay, command line, folder and
-// environment.
+// Fuzzes what a client's text sets for a program: its delay, command line, folder and environment.
 
 namespace {
 

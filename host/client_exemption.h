@@ -10,20 +10,17 @@ namespace Vx::Tessel::Server::Services {
 // compilers order overloaded virtual functions differently.
 //
 // Stateless and thread-safe. No call blocks. Results are Win32 error codes: 0 success, 87 null
-// argument, 8 out of memory, 31 any other failure. On success, `*exempt` is set to 1 or 0. On
-// failure, it is unchanged.
+// argument, 8 out of memory, 31 any other failure. Sets `*exempt` to 1 or 0 only on success.
 class VxClientExemption {
  public:
   VxClientExemption() = default;
   VxClientExemption(const VxClientExemption&) = delete;
   VxClientExemption& operator=(const VxClientExemption&) = delete;
 
-  // Slot 0. Destroys the object, frees its memory if bit 0 of `flags` is set, and returns its
-  // address.
+  // Slot 0. Destroys the object and, if bit 0 of `flags` is set, frees it. Returns its address.
   virtual void* Destroy(unsigned flags) = 0;
 
-  // Slot 1. Checks a packaged client by its package family name (NUL-terminated UTF-16,
-  // case-sensitive).
+  // Slot 1. Checks a packaged client by its family name (NUL-terminated UTF-16, case-sensitive).
   virtual uint32_t IsUwpExempt(const wchar_t* packageFamilyName, uint16_t majorVersion,
                                uint16_t minorVersion, int32_t* exempt) = 0;
 

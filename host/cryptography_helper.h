@@ -9,7 +9,7 @@ namespace Vx::Tessel::Server::Services {
 // As with VxService, the contract is this table of slots, because another compiler builds the host:
 // one entry per function, in this order. All arguments are scalars or pointers, and nothing is
 // thrown. Thread-safe. No call waits. Results are Win32 error codes: 0 success, 87 null argument, 8
-// out of memory, 31 a failure without a code, otherwise Windows' error. Outputs are written only on
+// out of memory, 31 a failure without a code, otherwise Windows' error. Outputs are set only on
 // success.
 class VxCryptographyHelper {
  public:
@@ -17,13 +17,12 @@ class VxCryptographyHelper {
   VxCryptographyHelper(const VxCryptographyHelper&) = delete;
   VxCryptographyHelper& operator=(const VxCryptographyHelper&) = delete;
 
-  // Slot 0. Destroys the object, frees its memory if bit 0 of `flags` is set, and returns its
-  // address.
+  // Slot 0. Destroys the object and, if bit 0 of `flags` is set, frees it. Returns its address.
   virtual void* Destroy(unsigned flags) = 0;
 
-  // Slot 1. Encrypts `size` bytes so that any process on this machine, but no other machine, can
-  // decrypt them. `description` (NUL-terminated, may be null) is stored with them in plain text.
-  // Slot 4 frees the result.
+  // Slot 1. Encrypts `size` bytes so that any process on this machine, but on no other, can decrypt
+  // them. Stores `description` (NUL-terminated, may be null) in plain text. Slot 4 frees the
+  // result.
   virtual uint32_t Protect(const void* plain, uint32_t size, const wchar_t* description,
                            void** result, uint32_t* resultSize) = 0;
 

@@ -10,16 +10,16 @@ namespace Vx::Tessel::Server::Services {
 //
 // The process must run as Local System, because slots 1, 3 and 4 act as the console user and slot 2
 // queries every user's packages. The calling thread may impersonate a client. Slots 1 to 4 suspend
-// that, whatever the client's rights, and resume it with the same token before they return. If
-// Windows refuses to resume it, they fail and the thread continues as the process.
+// the impersonation, whatever the client's rights, and resume it with the same token before they
+// return. If Windows refuses to resume it, they fail and the thread continues as the process.
 class UwpPackageModel {
  public:
   UwpPackageModel() = default;
   UwpPackageModel(const UwpPackageModel&) = delete;
   UwpPackageModel& operator=(const UwpPackageModel&) = delete;
 
-  // Slot 0. Destroys the object, frees its memory if bit 0 of `flags` is set, and returns its
-  // address. Replaces the other compiler's deleting destructor.
+  // Slot 0. Destroys the object and, if bit 0 of `flags` is set, frees it. Returns its address.
+  // Replaces the other compiler's deleting destructor.
   virtual void* Destroy(unsigned flags) = 0;
 
   // Slot 1. Returns the full name of the console user's package of the family, or an empty string.
@@ -28,8 +28,8 @@ class UwpPackageModel {
   virtual int32_t FindPackageFullName(const wchar_t* familyName, wchar_t* buffer,
                                       uint32_t* length) = 0;
 
-  // Slot 2. Sets `*force` to 1 if the package is staged but not registered for "domain\user", else
-  // to 0.
+  // Slot 2. Sets `*force` to 1 if the package is staged but not registered for "domain\user", or to
+  // 0.
   virtual int32_t ShouldForceRegistration(const wchar_t* user, const wchar_t* fullName,
                                           int32_t* force) = 0;
 
@@ -37,12 +37,11 @@ class UwpPackageModel {
   virtual int32_t Register(const wchar_t* fullName) = 0;
 
   // Slot 4. Returns the staged-package origin and the version of the console user's package of the
-  // family. The version has four 16-bit parts, the major one highest.
+  // family. The version has four 16-bit parts, with the major version in the high bits.
   virtual int32_t GetOriginAndVersion(const wchar_t* familyName, int32_t* origin,
                                       uint64_t* version) = 0;
 
-  // Slot 5. Returns why the last operation failed, or an empty string. Valid until the next
-  // operation.
+  // Slot 5. Returns why the last operation failed, or an empty string, until the next operation.
   virtual const wchar_t* LastError() = 0;
 
  protected:

@@ -30,8 +30,7 @@ class VxService {
   VxService(const VxService&) = delete;
   VxService& operator=(const VxService&) = delete;
 
-  // Slot 0. Destroys the object, frees its memory if bit 0 of `flags` is set, and returns its
-  // address.
+  // Slot 0. Destroys the object and, if bit 0 of `flags` is set, frees it. Returns its address.
   virtual void* Destroy(unsigned flags) = 0;
 
   // Slot 1. Creates a caller's context. `clientId` has at most 64 characters.
@@ -71,8 +70,8 @@ class VxService {
   ~VxService() = default;
 };
 
-// The module's only exported factory. Each call returns a separate service, or null if out of
-// memory. The host creates one. Slot 0 frees it.
+// The exported factory. Each call returns a separate service, or null if out of memory. The host
+// creates one. Slot 0 frees it.
 using CreateServiceFunction = VxService* (*)();
 inline constexpr char kCreateServiceExport[] = "VxCreateService";
 

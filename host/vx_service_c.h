@@ -1,8 +1,7 @@
 #pragma once
 
-// The contract of vx_service.h for a host in C, or in any language that can call C. The object is a
-// pointer to a table of functions. docs/host.md describes each function and the threads that may
-// call it.
+// The contract of vx_service.h for a host in C, or in any language that can call C: a pointer to a
+// table of functions. docs/host.md describes each function and the threads that may call it.
 
 #include <stdbool.h>
 #include <stddef.h>
@@ -18,7 +17,7 @@ typedef struct VxClientContext {
 } VxClientContext;
 
 // The host's callable. Slot 3 destroys it through the fifth entry of `held->table` and never calls
-// it. Pass null for none.
+// it. It may be null.
 typedef struct VxHeldCallable {
   void* const* table;
 } VxHeldCallable;
@@ -31,8 +30,7 @@ typedef struct VxServiceObject VxServiceObject;
 
 // The slots in order. The comment before each group describes its functions.
 typedef struct VxServiceTable {
-  // Slot 0. Destroys the object, frees its memory if bit 0 of `flags` is set, and returns its
-  // address.
+  // Slot 0. Destroys the object and, if bit 0 of `flags` is set, frees it. Returns its address.
   void* (*Destroy)(VxServiceObject* self, unsigned flags);
 
   // Slots 1 to 3. Return result codes, 0 for success. `request` is NUL-terminated UTF-16 JSON.

@@ -12,8 +12,7 @@
 
 namespace Vx::Simulator {
 
-// The app services of a simulated machine's packaged apps. Initially they reply with success.
-// Thread-safe.
+// The app services of the simulated packaged apps. Initially they reply with success. Thread-safe.
 class SimulatedAppServices final : public Platform::AppServices {
  public:
   using Reply = std::pair<int, std::wstring>;

@@ -56,8 +56,7 @@ class SimulatedFirmware final : public Platform::Com {
   // "CoCreateInstance", "ConnectServer", "SetBlanket", "GetObject CLASS", "GetMethod",
   // "SpawnInstance CLASS", "Put PROPERTY", "CreateInstanceEnum", "Next", "ExecMethod",
   // "QueryInterface OutData", "Get PROPERTY", or the allocations "MakeText", "MakeByteArray" (both
-  // only fail or succeed) and "PutByte". With a success code, the step succeeds and returns no
-  // object.
+  // only fail or succeed) and "PutByte". With a success code, the step returns no object.
   void Fail(std::string step, std::int32_t result);
 
   // Like Fail, but only after the next `skip` calls of the step.

@@ -20,9 +20,9 @@ struct SimulatedUser {
   std::wstring profile;  // a folder, which need not exist
 };
 
-// The users of a simulated machine and the console where they log on. Initially session 1 shows the
-// logon screen. Tokens are handles of real, unnamed kernel objects, so that their owners can close
-// them. Thread-safe.
+// The users of a simulated machine and its console. Initially session 1 shows the logon screen.
+// Tokens are handles of real, unnamed kernel objects, so that their owners can close them.
+// Thread-safe.
 class SimulatedUsers final : public Platform::Sessions, public Platform::Environment {
  public:
   explicit SimulatedUsers(Timeline& log) : timeline(log) {}

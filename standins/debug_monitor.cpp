@@ -57,8 +57,7 @@ std::atomic<std::uint64_t> foundUntil{0};
 // After a reader did not keep up, none is tried before this time.
 std::atomic<std::uint64_t> leftAloneUntil{0};
 
-// Admits one writer of this module at a time, so that the time limit is spent waiting only for the
-// reader.
+// Admits one writer of this module at a time, so that the time limit covers only the reader.
 SRWLOCK writers = SRWLOCK_INIT;
 
 class WritersLock {
@@ -120,9 +119,8 @@ struct ViewCloser {
 };
 
 // Raises the exception with which OutputDebugString offers a string to its own process, for
-// handlers such as the development host's. Ends the exception in a vectored handler that runs after
-// all others, because a frame-based one needs a compiler that supports structured exception
-// handling.
+// handlers such as the development host's. A vectored handler that runs after all others ends the
+// exception, because a frame-based one needs a compiler with structured exception handling.
 class Offer {
  public:
   explicit Offer(std::wstring_view text) noexcept : handler(AddVectoredExceptionHandler(0, &End)) {

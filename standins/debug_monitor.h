@@ -5,13 +5,11 @@ namespace Vx::Tessel::Server::Logging {
 // Debug output as OutputDebugString sends it, but with a bounded wait. Any process can be the
 // monitor that receives it, or hold the writers' mutex, so none is trusted to make progress.
 
-// Returns whether a debugger or a monitor would show a line now. Queries Windows at most once per
-// second.
+// Returns whether a debugger or monitor would show a line now. Queries Windows once per second.
 bool DebugOutputIsShown() noexcept;
 
 // Sends `text` to the debugger, or otherwise to this process's handlers and the monitor. Waits at
-// most 100 ms for the monitor and its other writers. A monitor that is too slow gets nothing for a
-// minute.
+// most 100 ms for the monitor and its other writers. Skips a slow monitor for the next minute.
 void SendDebugOutput(const wchar_t* text) noexcept;
 
 }  // namespace Vx::Tessel::Server::Logging

@@ -59,8 +59,7 @@ class LastErrorKept {
   DWORD error;
 };
 
-// A lock without a constructor, destructor or kernel object, for state that lives as long as the
-// module.
+// A lock without constructor, destructor or kernel object, for state as long-lived as the module.
 class StaticLock {
  public:
   void lock() noexcept { AcquireSRWLockExclusive(&state); }
@@ -114,9 +113,8 @@ struct HostSink {
   void* context = nullptr;
 };
 
-// The registered sinks, guarded by the lock. It is held during a delivery, so that sinks receive
-// one record at a time and a removal waits for the call to end. `sinkCount` may be read without the
-// lock.
+// The registered sinks, guarded by the lock. A delivery holds it, so that sinks receive one record
+// at a time and a removal waits for the call to end. `sinkCount` may be read without the lock.
 StaticLock sinkLock;
 std::vector<SinkEntry>* sinks = nullptr;  // null while empty
 constinit HostSink hostSink;
@@ -158,8 +156,7 @@ void DeliverToSinks(const LogRecord& record) {
 }
 
 // Formats into `buffer` with the host's conversions. Returns false if the text does not fit or
-// cannot be formatted. The C runtime then leaves a truncated, unterminated text, so the buffer is
-// zeroed first.
+// cannot be formatted. The C runtime then leaves it unterminated, so the buffer is zeroed first.
 template <std::size_t Size>
 bool FormatWhole(wchar_t (&buffer)[Size], const wchar_t* format, va_list arguments) {
   std::fill(std::begin(buffer), std::end(buffer), L'\0');
@@ -229,8 +226,7 @@ std::wstring_view CopyCaller(wchar_t (&buffer)[Size], const wchar_t* caller) noe
   return {buffer, length};
 }
 
-// Sends `LEVEL provider [caller] message` and a line feed. Omits the brackets if there is no
-// caller.
+// Sends `LEVEL provider [caller] message` and a line feed. Without a caller, omits the brackets.
 void DeliverToDebugger(const LogRecord& record, const wchar_t* line) {
   wchar_t text[kLongestLine + 16];
   _snwprintf(text, std::size(text) - 2, L"%s %s", NamesOf(record.level).text, line);

@@ -11,8 +11,7 @@ namespace Vx::Tessel::Server::Logging {
 // would show each byte of such a string as a character ("J\u00C3\u00BCrgen").
 //
 // Leaves the line unchanged if its narrow strings are ASCII or their conversions have a precision,
-// or if memory runs out. Borrows what it is constructed from. Allocates only for a string that is
-// not ASCII.
+// or if memory runs out. Borrows its arguments. Allocates only for a string that is not ASCII.
 class NarrowTexts {
  public:
   NarrowTexts(const wchar_t* format, va_list arguments) noexcept;

@@ -1,6 +1,5 @@
 // minimal_host MODULE: the least that a service host does, in C++, with owners that end everything
-// in the right order. MODULE is the module's full path. Prints each step, and exits with 0 if all
-// of them succeeded.
+// in order. MODULE is the module's full path. Prints each step, and exits with 0 if all succeeded.
 #include <cstdint>
 #include <cstdio>
 #include <memory>

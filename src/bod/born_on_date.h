@@ -41,8 +41,7 @@ class BornOnDate {
 
   BODFormat get_format() const { return format; }
 
-  // Returns the date without a time, or all zeros if it is invalid. A two-digit year means 2000 to
-  // 2099.
+  // Returns only the date, or all zeros if it is invalid. A two-digit year means 2000 to 2099.
   CalendarTime get_as_calendar_time() const;
 
   // Returns the same as a SYSTEMTIME. Windows builds only.
@@ -58,9 +57,8 @@ class BornOnDate {
   BODFormat format = BODFormat::Invalid;
 };
 
-// Writes the digits of `day` in `format` to the front of `buffer`, without a terminator. For
-// SixDigits, the year is written as 0 and its last digit. Throws std::invalid_argument if the
-// buffer is too small.
+// Writes the digits of `day` in `format` to the front of `buffer`, without a terminator. A
+// six-digit year is 0 and the last digit. Throws std::invalid_argument if the buffer is too small.
 void WriteDigits(std::span<std::uint8_t> buffer, BODFormat format, const CalendarTime& day);
 
 // Returns whether `date` is a valid date in this format, or all zeros, which erase the date.

@@ -47,9 +47,8 @@ void LaunchUnlessMarked(const Logging::TraceLogger& logger) {
     logger.LogInfo(kNotSending);
     return;
   }
-  // Marked before the launch, because otherwise each start of the service would retry an app that
-  // cannot be started. A store that could not be read may contain the mark, even if it can be
-  // written now.
+  // Marked before the launch, or each start of the service would retry an app that cannot be
+  // started. A store that could not be read may contain the mark, even if it can be written now.
   if (!Storage::MayReplace(store->State()) || !store->persist(kLaunchedMark, true)) {
     logger.LogWarning(kNotMarked);
     return;

@@ -62,8 +62,8 @@ class UwpBuildInfoDataAccess {
  public:
   virtual ~UwpBuildInfoDataAccess() = default;
 
-  // Returns Windows' staged-package origin code and the version: four 16-bit parts, the major one
-  // highest.
+  // Returns the staged-package origin code and the version, with the major part in the high 16
+  // bits.
   virtual std::pair<std::int32_t, std::uint64_t> GetOriginAndVersion() const = 0;
 };
 

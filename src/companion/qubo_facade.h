@@ -51,8 +51,7 @@ class QuboFacade {
   // `name` receives the console user as "domain\user".
   bool GetCurrentUserName(std::wstring& name) const;
 
-  // `fullName` receives the console user's companion package, or if there is none the
-  // predecessor's.
+  // `fullName` receives the console user's companion package or, if none, the predecessor's.
   bool GetPackageFullName(std::wstring& fullName) const;
 
   // Registers the package if it is only staged. Returns true if it is registered afterwards.
@@ -83,7 +82,7 @@ class QuboFacade {
   bool SkipAutoLaunchCriteria(
       const std::shared_ptr<Base::ApplicationLaunchCriteriaDataAccess>& criteria) const;
 
-  // Return whether the predecessor's package is a 1.0 placeholder (IsStubClient) or a 1.1 build.
+  // Return whether the predecessor's package is a 1.0 placeholder or a 1.1 build, respectively.
   bool IsStubClient() const;
   bool IsNuboClient() const;
 

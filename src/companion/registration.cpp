@@ -61,8 +61,7 @@ Platform::ActingReport ReportTo(const Logging::TraceLogger& logger) {
   };
 }
 
-// One copy operation. Owns everything that its thread needs, because the thread may outlive the
-// command.
+// One copy operation. Owns all that its thread needs, because the thread may outlive the command.
 struct Copy {
   Copy(const wchar_t* client, const Logging::TraceLogger& log) : caller(client), logger(log) {}
 
@@ -100,8 +99,7 @@ bool Expand(const wchar_t* path, std::wstring& expanded, Platform::OneLogon& use
   return McAfeeHelper().expand_path_impersonated_as_loggedin_user(path, expanded, &user);
 }
 
-// Gets a token of the console user, who must still be `user`. Returns false on failure, which is
-// logged.
+// Gets a token of the console user, who must still be `user`. Logs and returns false on failure.
 bool TakeRights(Copy& copy, Platform::OneLogon& user) {
   const auto report = ReportTo(*Logging::LogManager::SetProvider(Logging::kComponentProvider));
   copy.token = Platform::ConsoleUserToken(Platform::TokenType::Impersonation, report, &user);

@@ -39,8 +39,7 @@ class McAfeeHelper {
   McAfeeHelper();
 
   // Expands the console user's variables in `path`, at most 520 characters with the terminator.
-  // Logs and returns false if there is no console user, if the logon is not that of `same`, or if
-  // Windows refuses.
+  // Logs and returns false if the console user is missing or is not `same`, or if Windows refuses.
   bool expand_path_impersonated_as_loggedin_user(const std::wstring& path, std::wstring& expanded,
                                                  Platform::OneLogon* same = nullptr) const;
 

@@ -61,8 +61,8 @@ struct ResumeSources {
 };
 
 // Decides whether a resume starts the companion app. Missing software takes precedence over a
-// skipped registration. Each is a reason once, on a machine that is or was in S mode. Asks only the
-// questions it needs, in a fixed order, and changes nothing.
+// skipped registration. Each is a reason only once, on a machine that is or was in S mode. Asks
+// only the questions it needs, in a fixed order, and changes nothing.
 ResumeDecision DecideResume(const ResumeSources& sources);
 
 // Returns the decision as text: one line per answer, then the rule and the starting point.

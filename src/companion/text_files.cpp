@@ -21,8 +21,7 @@ constexpr wchar_t kDestinationFailed[] = L"Error while copying destination file 
 
 constexpr std::uint32_t kReadOnly = 0x1;  // FILE_ATTRIBUTE_READONLY
 
-// Checked before the move, because Windows refuses to replace a read-only file but the emulator
-// does not.
+// Checked before the move, because the emulator, unlike Windows, replaces a read-only file.
 bool IsReadOnly(const Platform::Files& files, const std::wstring& path) {
   const auto attributes = files.Attributes(path);
   return attributes && (*attributes & kReadOnly) != 0;

@@ -17,8 +17,7 @@ std::optional<std::wstring> ReadTextFile(const std::wstring& path, const wchar_t
                                          const Logging::TraceLogger& logger);
 
 // Copies the bytes of one file over another. Returns true if all were written, otherwise logs the
-// file that failed. The destination is then unchanged, unless it could not be replaced and was
-// overwritten.
+// file that failed. The destination is then unchanged, unless it had to be overwritten in place.
 bool CopyFileContent(const std::wstring& source, const std::wstring& destination,
                      const wchar_t* caller, const Logging::TraceLogger& logger);
 

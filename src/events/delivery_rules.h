@@ -8,15 +8,14 @@
 namespace Vx::Tessel::Server::Services::Orvane {
 
 // Returns the decimal integer at the start of a client's string, after optional spaces and an
-// optional sign. Ignores the rest of the string. Returns nothing if there is none or an int cannot
-// represent it.
+// optional sign. Ignores the rest. Returns nothing if there is none or it does not fit in an int.
 std::optional<int> LeadingInteger(std::wstring_view text);
 
 // Returns the milliseconds between two tick counts as a delivery measures them: the absolute value
 // of their 32-bit difference.
 std::int64_t ElapsedMilliseconds(std::uint64_t start, std::uint64_t now);
 
-// Like ElapsedMilliseconds, for a wait that Modern Standby ended. Returns at least so much that a
+// Like ElapsedMilliseconds, for a wait that Modern Standby ended. Returns at least 2001, so that a
 // delay of up to four seconds is not overdue.
 std::int64_t ElapsedUntilStandby(std::uint64_t start, std::uint64_t now);
 

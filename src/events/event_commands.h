@@ -19,7 +19,7 @@ inline constexpr std::int32_t kUnknownAction = 0x20000007;
 enum class EventAction : std::uint32_t { Launch = 1, AppServiceNotification = 2 };
 
 // The command that a subscription runs when its event occurs. May run any number of times and on
-// any thread, but not on two threads at once.
+// any thread, but not on two at once.
 //
 // The order of the virtual slots is a contract that has no slot for a destructor, so owners delete
 // through CommandDeleter.
@@ -32,8 +32,8 @@ class EventCommand {
   // Returns the delay in seconds before the command runs, as the client wrote it, or "0" if absent.
   std::wstring DelayDeliverySec() const { return delayDeliverySec; }
 
-  // Returns the trigger that a power or platform event raises instead of running the command. Empty
-  // if none.
+  // Returns the trigger that a power or platform event raises instead of the command. Empty if
+  // none.
   std::wstring CustomTriggerGUID() const { return customTriggerGuid; }
 
   // Returns the program's path, or "FAMILY/APP SERVICE".
@@ -133,9 +133,9 @@ class AppServiceNotificationCommand final : public EventCommand {
 EventCommandPtr CreateEventCommand(EventAction action, const Json::JsonObject& parameters);
 
 // Acquires `turn`, which lets the commands of a kind run one at a time. A launch checks its program
-// before it waits, so that other commands do not wait for the check. The program then stays locked
-// for at most one second, because an update of it has to wait. After that it is unlocked, and
-// rechecked once `turn` is acquired, which is quick for an unchanged file. A changed file is
+// before it waits, so that other commands do not wait for the check. The program stays locked for
+// at most one second of the wait, because an update of it has to wait. Then it is unlocked and,
+// once `turn` is acquired, rechecked, which is quick for an unchanged file. A changed file is
 // checked as a new one, with `turn` released. After a second change it stays locked until `turn` is
 // acquired.
 std::unique_lock<std::mutex> TakeTurn(EventCommand& command, std::mutex& turn);

@@ -11,8 +11,7 @@
 
 namespace Vx::Tessel::Server::Services::Orvane {
 
-// Whether the command of a one-shot subscription has run. Shared by all registrations of one stored
-// request. Thread-safe.
+// Whether a one-shot subscription has run. Shared by all registrations of its request. Thread-safe.
 class FiringMark {
  public:
   // Calls `run` unless the command has run or may no longer run, or `due` returns false. Waits for

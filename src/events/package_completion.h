@@ -19,8 +19,7 @@ class PackageCompletion {
 
   static RequestManager StoredRequests();
 
-  // Returns whether the service that owns the event `stop` has ended, or the event cannot be waited
-  // for.
+  // Returns whether the service with the event `stop` has ended, or the event cannot be waited for.
   static bool HasEnded(const Platform::SharedHandle& stop);
 
   // Removes a request whose command has run, unless it has already been removed. Returns whether
@@ -32,15 +31,13 @@ class PackageCompletion {
   static void CompleteNow(const std::wstring& stored,
                           const std::shared_ptr<FiringMark>& mark) noexcept;
 
-  // Like CompleteNow, but tries up to three times at intervals of one second and holds no lock in
-  // between. Gives up once `stop`, which may be null, is signaled. Not for a thread that a host
-  // waits for.
+  // Like CompleteNow, but tries up to three times, one second apart, and holds no lock in between.
+  // Gives up once `stop`, which may be null, is signaled. Not for a thread that a host waits for.
   static void Complete(const std::wstring& stored, const std::shared_ptr<FiringMark>& mark,
                        const Platform::SharedHandle& stop) noexcept;
 
-  // Completes the stored request that PersistRequest treats as equal to `request`, if its command
-  // has run. Returns whether it did. Call with listChange held. Throws std::runtime_error on
-  // failure.
+  // Completes the stored request that PersistRequest treats as equal to `request`, if it has run.
+  // Returns whether it did. Call with listChange held. Throws std::runtime_error on failure.
   static bool CompleteEqual(const std::wstring& request);
 
   // Held while a request, its mark and its registration are added or removed together, so that no

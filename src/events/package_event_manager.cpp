@@ -42,8 +42,7 @@ std::wstring StoredText(const std::wstring& request) {
   return Json::JsonObject::Parse(request).Stringify();
 }
 
-// Returns whether a stored list (null if there is none) contains a request. Throws if it is
-// unreadable.
+// Returns whether a stored list, which may be null, contains a request. Throws if it is unreadable.
 bool Holds(const Storage::BsonElement* list, const std::wstring& stored) {
   if (list == nullptr) return false;
   const auto requests = Storage::RequestsOf(list->AsWideText().value());
@@ -66,8 +65,8 @@ bool MayBeStored(const std::wstring& stored) noexcept {
   }
 }
 
-// Stores a request and returns whether the store accepted it. If an equal request has run but could
-// not be completed, removes that one first.
+// Stores a request and returns whether the store accepted it. First removes an equal request that
+// has run but could not be completed.
 bool Persist(const std::wstring& request) {
   try {
     return PackageCompletion::StoredRequests().PersistRequest(request);
@@ -126,8 +125,8 @@ class Replay {
   }
 
  private:
-  // Holds the lock while the request, its mark and its registration must match. Returns whether the
-  // command has already run.
+  // Registers a request. Holds the lock while the request, its mark and its registration must
+  // match. Returns whether the command has already run.
   bool RegisterOne(const std::wstring& stored) {
     const std::lock_guard guard(PackageCompletion::listChange);
     mark = FiringMarks::Of(stored);
@@ -161,8 +160,7 @@ void PackageCatalogEventManager::register_event(const std::wstring& request,
                                                 const CompletionHandler& completed,
                                                 const void* /*argument*/, Owner owner,
                                                 const std::shared_ptr<FiringMark>& mark) {
-  // Opened without the lock, which an ending service needs, because package queries may take
-  // seconds.
+  // Opened without the lock, which an ending service needs: package queries may take seconds.
   LiveRequest live{owner, mark,
                    std::make_unique<SubscribeForAppPackageEventRequest>(request, mark)};
   const std::lock_guard guard(register_event_mux);
@@ -221,8 +219,8 @@ bool RegisterAppPackageEvent(const std::wstring& request, Owner owner,
                              const Platform::SharedHandle& stop) {
   const std::lock_guard guard(PackageCompletion::listChange);
   if (!Persist(request)) {
-    // A request that was not stored is not watched, but is still checked so that the client learns
-    // of errors.
+    // A request that was not stored is not watched, only checked, so that the client learns of
+    // errors.
     static_cast<void>(SubscribeForAppPackageEventRequest(request));
     return false;
   }

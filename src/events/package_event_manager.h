@@ -20,8 +20,8 @@ class PackageCatalogEventManager {
   // The address of the service object that owns a registration, or null for none.
   using Owner = const void*;
 
-  // Makes a subscription live. Calls `completed` on the system's catalog thread once the command
-  // has run. `completed` must not call this class. Ignores `argument`. `mark` belongs to the stored
+  // Makes a subscription live. Calls `completed`, which must not call this class, on the system's
+  // catalog thread once the command has run. Ignores `argument`. `mark` belongs to the stored
   // request. If it is null, the registration creates its own. Throws Platform::WindowsRuntimeError
   // as SubscribeForAppPackageEventRequest does, and std::system_error if the watcher cannot be
   // started.
@@ -29,8 +29,8 @@ class PackageCatalogEventManager {
                              const void* argument = nullptr, Owner owner = nullptr,
                              const std::shared_ptr<FiringMark>& mark = nullptr);
 
-  // Ends the owner's earlier registrations of the stored request of `mark` for the same user as its
-  // latest registration, once that one is watching. Blocks until its watcher has begun.
+  // Waits until the owner's latest registration with `mark` is watching, then ends the owner's
+  // earlier ones of the same request for the same user.
   static void EndReplaced(Owner owner, const std::shared_ptr<FiringMark>& mark);
 
   // Runs the command of a request whose package was uninstalled while the service was not running,

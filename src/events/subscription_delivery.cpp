@@ -126,8 +126,7 @@ std::mutex DeliveryPlace::mutex;
 int DeliveryPlace::existing = 0;
 std::size_t DeliveryPlace::longTexts = 0;
 
-// How many milliseconds a wait is taken to have lasted, and what ended it early: Standby,
-// ServiceEnded or None.
+// The length of a wait in milliseconds, and what ended it early: Standby, ServiceEnded or None.
 struct Waited {
   std::int64_t elapsed = 0;
   Reason early = Reason::None;
@@ -151,8 +150,7 @@ Waited Wait(const DeliveryNames& names, int seconds, const Platform::SharedHandl
     Log().LogInfo(kModernStandby, names.handler);
     return {ElapsedUntilStandby(start, clock.TickCount()), Reason::Standby};
   }
-  // A failed wait, for example because there is no event, returns early. Then sleeps for the rest
-  // of the delay.
+  // A failed wait, for example without an event, returns early. Sleeps for the rest of the delay.
   const std::chrono::milliseconds gone(clock.TickCount() - start);
   if (wait.outcome == Platform::WaitOutcome::Failed && gone < length) clock.Sleep(length - gone);
   return {ElapsedMilliseconds(start, clock.TickCount())};

@@ -59,8 +59,7 @@ using DeliveryHandler = void (*)(const std::wstring& request,
                                  const std::function<void(const std::wstring&)>& completed,
                                  std::uint32_t eventType, const Platform::SharedHandle& stop);
 
-// Everything in which the kinds of subscription differ. Each kind is a constant, to outlive every
-// worker.
+// How the kinds of subscription differ. Each kind is a constant, so that it outlives every worker.
 struct DeliveryKind {
   Records::Kind kind;
   DeliveryNames names;
@@ -74,8 +73,7 @@ struct DeliveryKind {
 Records::Outcome RegisterSubscription(const DeliveryKind& kind,
                                       const std::wstring& request) noexcept;
 
-// Removes the request with exactly this text from the stored list. Logs failures. Returns Removed,
-// Refused or Failed.
+// Removes the request with exactly this text. Logs failures. Returns Removed, Refused or Failed.
 Records::Outcome UnregisterSubscription(const DeliveryKind& kind,
                                         const std::wstring& request) noexcept;
 

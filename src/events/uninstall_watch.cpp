@@ -60,8 +60,7 @@ void AwaitCompletion(const Platform::PackageUninstall& uninstall) {
   Log().LogWarning(kTookTooLong, kPollSeconds);
 }
 
-// Holds the lock only for the query, because subscribing and logging off must not wait for a
-// command.
+// Locks only for the query, because subscribing and logging off must not wait for a command.
 bool IsGone(const std::wstring& familyName) {
   const std::lock_guard guard(PackageUninstallingPCEvent::rLock);
   return Platform::CurrentMachine().packages->FindForAllUsers(familyName).empty();

@@ -50,9 +50,8 @@ class UninstallWatch {
   // ends without adding one. The watcher must have been started.
   bool AwaitHandler();
 
-  // Ends the watcher now. Later notifications have no effect. A notification that already waits for
-  // another one or for the end of an uninstall still finishes, because a log-off does not say whose
-  // session ended.
+  // Ends the watcher now. Later notifications have no effect. One that already waits for another or
+  // for the end of an uninstall still finishes, because a log-off does not say whose session ended.
   void Stop() noexcept;
 
   // Handles one notification, on a system thread.

@@ -20,7 +20,7 @@ constexpr std::uint32_t kNotEnoughMemory = 8;
 constexpr std::uint32_t kGeneralFailure = 31;
 constexpr std::uint32_t kInvalidParameter = 87;
 
-// Ends every slot, because no exception may reach the host, which another compiler built.
+// Runs the work of every slot. No exception may reach the host, which another compiler built.
 template <typename Question>
 std::uint32_t ResultFromException(std::int32_t* exempt, Question&& question) noexcept {
   try {
@@ -69,8 +69,7 @@ class ExportedExemption final : public Server::Services::VxClientExemption {
           std::make_shared<Win32WithNoVxManifestCheckBasedOnMajorAndMinorVersion>(
               Win32WithNoVxManifestExemptionWhiteList::GetExemption(), client));
       const bool answer = manager.IsWin32Exempt();
-      // The check lowercases the name in `client`. This slot's contract is to lowercase the
-      // caller's.
+      // The check lowercases the name in `client`, and this slot must lowercase the caller's.
       std::copy(client->executableName.begin(), client->executableName.end(), executableName);
       return answer;
     });

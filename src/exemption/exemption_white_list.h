@@ -7,8 +7,7 @@
 
 namespace Vx::Tessel::Security {
 
-// Clients without the maker's manifest that are tolerated up to a version. Each call makes a new
-// list.
+// Clients that are tolerated without the maker's manifest, up to a version. Returns a new list.
 
 class UwpWithNoVxManifestExemptionWhiteList {
  public:

@@ -7,8 +7,7 @@
 namespace Vx::Json {
 
 // Returns the number in decimal, padded with zeros to `width` digits. A width above 1 requires a
-// nonnegative number. Does not use the C library's formatting, which would link its floating-point
-// code into the module.
+// nonnegative number. Avoids the C library's formatting, which would add its floating-point code.
 std::string Decimal(std::int64_t number, std::size_t width = 1);
 std::wstring WideDecimal(std::int64_t number, std::size_t width = 1);
 

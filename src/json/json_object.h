@@ -36,8 +36,7 @@ class JsonValue {
 
   void AppendTo(std::wstring& out) const;
 
-  // All throw Platform::WindowsRuntimeError with kIllegalMethodCall if the value is of another
-  // kind.
+  // All throw WindowsRuntimeError with kIllegalMethodCall if the value is of another kind.
   std::wstring AsString() const;
   double AsNumber() const;
   JsonObject AsObject() const;
@@ -68,7 +67,7 @@ class JsonObject {
 
   std::optional<JsonValue> Find(std::wstring_view name) const;
 
-  // All throw kJsonValueNotFound if the member is absent, kIllegalMethodCall if it is of another
+  // All throw kJsonValueNotFound if the member is absent, kIllegalMethodCall if it has another
   // kind.
   JsonValue GetNamedValue(std::wstring_view name) const;
   std::wstring GetNamedString(std::wstring_view name) const;

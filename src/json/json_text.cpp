@@ -80,9 +80,8 @@ class TextCheck {
 };
 
 // Returns the double nearest to a number that rapidjson read as `approximation`, or nothing if it
-// is too large. rapidjson's fast conversion is off by a few units in the last place, so a number
-// would drift each time it is read and written. Its exact conversion reads beyond its tables for
-// extreme exponents.
+// is too large. rapidjson's fast conversion errs in the last digits, so a number would drift each
+// time it is read and written. Its exact conversion reads beyond its tables for extreme exponents.
 std::optional<double> NearestDouble(std::wstring_view spelling, double approximation) {
   std::string narrow(spelling.size(), '\0');
   std::transform(spelling.begin(), spelling.end(), narrow.begin(),

@@ -87,8 +87,7 @@ class ScratchMemory {
 using WideEncoding = rapidjson::UTF16<wchar_t>;
 using WidePool = rapidjson::MemoryPoolAllocator<CheckedHeap>;
 
-// Request and response documents. Members keep their order, and a lookup finds the first with a
-// key.
+// Request and response documents. Members keep their order, and the first with a key is found.
 using WideDocument = rapidjson::GenericDocument<WideEncoding, WidePool, ScratchMemory>;
 using WideValue = WideDocument::ValueType;
 

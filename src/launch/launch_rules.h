@@ -14,8 +14,7 @@ inline constexpr std::size_t kMaxCommandLine = 32766;
 inline constexpr std::size_t kMaxPath = 32767;
 
 // Returns an app's path alone, or its quoted path, a space and the parameter. Empty if too long.
-// Callers also pass the program's path separately, so that no parameter can start a different
-// program.
+// Callers also pass the path separately, so that no parameter can start a different program.
 std::optional<std::wstring> AppCommandLine(std::wstring_view executable,
                                            std::wstring_view parameter);
 

@@ -4,15 +4,13 @@
 
 #include <windows.h>
 
-// No exception may reach the host, which another compiler built. A null result reports that no
-// service could be created.
+// No exception may reach the host, which another compiler built. Returns null on failure.
 extern "C" Vx::Tessel::Server::Services::VxService* VxCreateService() noexcept {
   return Vx::Tessel::Server::Services::Orvane::OrvaneService::Create();
 }
 
-// Replaces the C++ runtime's own terminate handler, which prints the exception's type. The
-// demangler for that would be a twentieth of this module. DllMain installs another handler before
-// anything can throw.
+// Replaces the C++ runtime's terminate handler, which prints the exception's type. Its demangler
+// would be a twentieth of this module. DllMain sets another handler before anything can throw.
 namespace __gnu_cxx {
 // NOLINTNEXTLINE(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp): the runtime's name
 void __verbose_terminate_handler() {

@@ -9,8 +9,7 @@
 #include "platform/sessions.h"
 #include "platform/unique_handle.h"
 
-// All code that acts as the console user does so through here. Callers pass a function that reports
-// a refused step.
+// All code that acts as the console user goes through here. Callers pass how to report a refusal.
 namespace Vx::Platform {
 
 // The steps in the order in which they are taken.

@@ -62,8 +62,8 @@ class Files {
   // Creates an empty file if it does not exist.
   virtual ErrorCode Touch(const std::wstring& path) = 0;
 
-  // Fails with ERROR_FILE_TOO_LARGE above `maxBytes`, and with ERROR_BAD_FILE_TYPE (like Overwrite)
-  // for a pipe or device.
+  // Fails with ERROR_FILE_TOO_LARGE above `maxBytes`. Like Overwrite, fails with
+  // ERROR_BAD_FILE_TYPE for a pipe or a device.
   virtual Result<std::vector<std::byte>> Read(const std::wstring& path,
                                               std::size_t maxBytes) const = 0;
 
@@ -89,8 +89,7 @@ class Files {
   // Returns whether the drive at the start of `path` is on another machine or does not exist.
   virtual bool IsElsewhere(const std::wstring& path) const = 0;
 
-  // Returns the actual location of `path`, with links, mount points and short names resolved,
-  // without "\\?\".
+  // Returns the actual location of `path`: links, mount points and short names resolved, no "\\?\".
   virtual Result<std::wstring> FinalPath(const std::wstring& path) const = 0;
 
   virtual Result<std::wstring> FinalPathOf(RawHandle file) const = 0;
@@ -103,9 +102,8 @@ class Files {
   // Opens the existing file `path` itself. Does not follow a link.
   virtual Opened Open(const std::wstring& path, FileUse use) = 0;
 
-  // Creates the file `path`, which must not exist. Gives it the access list of the file
-  // `accessLike`, or that of its folder if `accessLike` does not exist. Opens it as for
-  // FileUse::Replace.
+  // Creates the file `path`, which must not exist, with the access list of the file `accessLike`,
+  // or that of its folder if `accessLike` does not exist. Opens it as for FileUse::Replace.
   virtual Opened Create(const std::wstring& path, const std::wstring& accessLike) = 0;
 
   // Returns the files whose paths are `path`, a dot and more, newest first by last-write time.

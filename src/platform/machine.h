@@ -24,8 +24,7 @@ class Threads;
 class TrustProvider;
 struct InstalledMachine;
 
-// Everything outside the program, one member per capability. Never null. Each capability outlives
-// the machine.
+// Everything outside the program, one member per capability. Never null. Each outlives this object.
 struct Machine {
   ApiSets* apiSets = nullptr;
   AppServices* appServices = nullptr;

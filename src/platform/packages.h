@@ -67,18 +67,16 @@ class Packages {
   // Returns Windows' staged-package origin code.
   virtual Result<std::int32_t> StagedOrigin(const std::wstring& fullName) const = 0;
 
-  // Returns the version in a full name: four 16-bit parts, the major one highest.
+  // Returns the version in a full name: four 16-bit parts, with the major version in the high bits.
   virtual Result<std::uint64_t> Version(const std::wstring& fullName) const = 0;
 
-  // Returns the full names of the family's packages on the whole machine (needs administrator
-  // rights).
+  // Returns the full names of the family's packages for all users (needs administrator rights).
   virtual std::vector<std::wstring> FindForAllUsers(const std::wstring& familyName) const = 0;
 
   // Returns the SID of "domain\user" as text. May block while Windows queries a domain controller.
   virtual Result<std::wstring> AccountSid(const std::wstring& account) const = 0;
 
-  // Returns the full names registered for the user with this SID, or for the calling user if it is
-  // empty.
+  // Returns the full names registered for the user with this SID. Empty means the calling user.
   virtual std::vector<std::wstring> FindForUser(const std::wstring& sid,
                                                 const std::wstring& familyName) const = 0;
 

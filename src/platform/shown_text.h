@@ -11,8 +11,7 @@ constexpr bool IsUnsafeToShow(wchar_t unit) {
 
 inline constexpr wchar_t kShownInstead = 0xFFFD;
 
-// Returns the character that a log shows for a character of untrusted text. White space becomes a
-// space.
+// Returns the character that a log shows for `unit` of untrusted text. White space becomes a space.
 constexpr wchar_t ShownAs(wchar_t unit) {
   if (unit >= L'\t' && unit <= L'\r') return L' ';
   return IsUnsafeToShow(unit) ? kShownInstead : unit;

@@ -16,8 +16,7 @@ class Thread {
  public:
   Thread() = default;
 
-  // Starts `body`, which must not throw. Throws std::system_error (EAGAIN) if no thread can be
-  // created.
+  // Starts `body`, which must not throw. Throws std::system_error (EAGAIN) if that fails.
   explicit Thread(std::function<void()> body);
 
   Thread(Thread&& other) noexcept = default;

@@ -17,8 +17,7 @@ using UniqueHandle = std::unique_ptr<void, HandleCloser>;
 // A handle with several owners, closed by the last.
 using SharedHandle = std::shared_ptr<void>;
 
-// Adopts the result of CreateFile. Converts INVALID_HANDLE_VALUE to null, which most calls return
-// on failure.
+// Adopts the result of CreateFile. Converts INVALID_HANDLE_VALUE to null.
 UniqueHandle AdoptFile(RawHandle raw) noexcept;
 
 // An empty handle stays empty.

@@ -7,8 +7,7 @@
 
 namespace Vx::Platform {
 
-// A machine in use. The machine of a MachineScope ends with the scope, the real one with the
-// module.
+// A machine in use. A MachineScope's machine ends with the scope, the real one with the module.
 struct InstalledMachine {
   Machine machine;
   InstalledMachine* previous = nullptr;  // becomes current when this machine's scope ends

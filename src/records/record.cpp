@@ -196,7 +196,7 @@ void Write(const Record& record) noexcept {
   if (outcome.reason != Reason::None) line.Add(kReason, reason.text);
   const bool ran = outcome.decision == Decision::Ran;
   if (outcome.number != 0) line.Add(ran ? kProcess : kStatus, outcome.number);
-  // For a command, what was refused or not done has already been logged.
+  // A failed command or completion has already been logged.
   const bool lost = record.kind >= Kind::Power && outcome.decision >= Decision::Dropped;
   const auto level = lost ? Logging::LogLevel::Warning : Logging::LogLevel::Info;
   const ClientText target(record.target.c_str());

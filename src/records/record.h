@@ -117,15 +117,14 @@ struct Record {
 // A record's target, package and client are truncated to this many characters.
 inline constexpr std::size_t kLongestClientText = 512;
 
-// Writes a record and its log line. Replaces characters with which a client could forge log lines.
-// Thread-safe.
+// Writes a record and its log line, in which client text cannot forge other lines. Thread-safe.
 void Write(const Record& record) noexcept;
 
 // The records of one delivery, from its event to its end. Use from one thread at a time.
 class Delivery {
  public:
-  // Assigns the delivery this process's next number. `subject` has its kind, event, subscription
-  // and target.
+  // Assigns this process's next delivery number. `subject` has a kind, event, subscription and
+  // target.
   explicit Delivery(Record&& subject) noexcept;
   Delivery(const Delivery&) = delete;
   Delivery& operator=(const Delivery&) = delete;

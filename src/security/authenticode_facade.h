@@ -6,8 +6,7 @@
 namespace Vx::Tessel::Security {
 
 // Returns why the file at the full path `path` is not trusted against `keys`, or None if it is. A
-// null path is not trusted. A check that fails also returns a reason, and is logged with
-// `operation`.
+// null path is not trusted. A failed check also returns a reason, and is logged with `operation`.
 Server::Records::Reason WhyNotTrusted(KeySet keys, const wchar_t* path,
                                       const char* operation) noexcept;
 
@@ -24,9 +23,8 @@ class VxAuthenticodeFacadeBase {
 };
 
 // Decides whether a file is genuine: accepted by Windows, signed with a pinned key, and in a
-// protected place. Stateless and thread-safe. A failing access list takes up to about a second to
-// check. Windows may also fetch certificates from the network, so hold no lock that others need
-// during a check.
+// protected place. Stateless and thread-safe. A failing access list takes about a second to check.
+// Windows may also fetch certificates from the network, so hold no lock that others need.
 class VxAuthenticodeFacade final : public VxAuthenticodeFacadeBase {
  public:
   bool IsFileTrusted(const wchar_t* path) override;

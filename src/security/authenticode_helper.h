@@ -51,9 +51,9 @@ class VxAuthenticodeHelper {
   // Returns whether any of `records` was signed with a key in `keys`.
   static bool IsKeyPinned(const std::vector<SignatureRecord>& records, KeySet keys) noexcept;
 
-  // Returns whether only administrators can write to the file's location: it is below an allowed
-  // prefix, or in a WindowsApps folder whose access list proves it. Blocks for up to a second per
-  // such folder.
+  // Returns whether only administrators can write to the file's location: below an allowed prefix,
+  // or in a WindowsApps folder whose access list proves it. Blocks for up to a second per such
+  // folder.
   bool IsPathAllowed(const std::wstring& path) const;
 
   // Like IsPathAllowed, but returns the details.

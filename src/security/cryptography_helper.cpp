@@ -42,7 +42,7 @@ std::uint32_t HandOver(const Bytes& bytes, void** result, std::uint32_t* resultS
   return kSuccess;
 }
 
-// Ends every slot, because no exception may reach the host, which another compiler built.
+// Runs the work of every slot. No exception may reach the host, which another compiler built.
 template <typename Work>
 std::uint32_t ResultFromException(Work&& work) noexcept {
   try {

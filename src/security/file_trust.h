@@ -11,8 +11,8 @@
 
 namespace Vx::Tessel::Security {
 
-// A trust decision with its reasons. The facade returns only the verdict of this same decision.
-// vxhost shows the rest to an operator, so that the explanation always matches the verdict.
+// A trust decision with its reasons. The facade returns only its verdict. vxhost shows the rest to
+// an operator, so that the explanation always matches the verdict.
 struct FileTrust {
   bool trusted = false;
   bool pinsConfigured = false;  // the key set is not empty

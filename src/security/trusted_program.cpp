@@ -38,7 +38,7 @@ Reason TrustedProgram::WhyNotOpened(const std::wstring& path) {
         Platform::CurrentMachine().environment->Expand(path, Platform::kLongestPath);
     if (!expanded || *expanded != path) return Reason::Variable;
   }
-  // The other allowed places are on the local drives of Windows itself.
+  // The other allowed places are on Windows' own drives.
   if (DriveWindowsAppsFolder(path) && Platform::CurrentMachine().files->IsElsewhere(path)) {
     return Reason::OtherMachine;
   }

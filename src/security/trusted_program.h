@@ -29,8 +29,8 @@ class TrustedProgram {
   static ProgramCheck Check(const std::wstring& path, KeySet keys = RestrictedKeys());
 
   // Rechecks `path`, which Check found trusted as `known`, against RestrictedKeys. Returns nothing,
-  // without reading the file, unless it can be locked and is still the same file with the same size
-  // and last-write time.
+  // without reading the file, unless it can be locked and has the same identity, size and write
+  // time.
   static std::optional<ProgramCheck> CheckUnchanged(const std::wstring& path,
                                                     const Platform::FileIdentity& known);
 

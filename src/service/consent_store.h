@@ -7,8 +7,7 @@ namespace Vx::Tessel::Server {
 // The machine policy on sharing the owner's registration. Does not cache. Thread-safe.
 class ConsentStore {
  public:
-  // Reads a value below HKEY_LOCAL_MACHINE. Returns an empty string if it is missing or not a
-  // REG_SZ. Logs the latter.
+  // Reads a value below HKEY_LOCAL_MACHINE. Empty if it is missing or (logged) not a REG_SZ.
   static std::wstring ReadRegistry(const std::wstring& key, const std::wstring& value);
 
   // Returns `state` if the policy allows sharing it, otherwise 0.

@@ -44,8 +44,7 @@ constexpr std::size_t kResponsePool = 2048;
 
 using Handler = std::uint32_t (*)(const Call& call);
 
-// The traits of a command. A command without traits only reads, needs no session API and refuses a
-// request that is not JSON.
+// A command without traits only reads, needs no session API and refuses bad JSON.
 constexpr unsigned kNeedsSessionApi = 1;
 constexpr unsigned kIgnoresBadJson = 2;
 constexpr unsigned kChanges = 4;
@@ -140,7 +139,7 @@ std::uint32_t ResultFromException(const Command& command, const Call& call) {
   }
 }
 
-// Runs any handler. Most contain their own failures. The rest end here.
+// Runs a handler. Most handlers catch their own exceptions. The rest are caught here.
 std::uint32_t RunHandler(const Command& command, const Call& call, std::uint32_t id) {
   if (command.run == nullptr) {
     Log(call.caller).LogError(kUnsupported, kClass, kExecuteCommand, id);
@@ -193,7 +192,7 @@ std::uint32_t Execute(OrvaneService& service, std::uint32_t id, const wchar_t* r
   throw std::bad_alloc();
 }
 
-// Logs why a request was refused, or what was wrong with one that was carried out.
+// Logs why a request was refused, or what was wrong with a request that was carried out.
 void LogProblem(std::uint32_t id, std::uint32_t result, const RequestCaller& caller) {
   RequestProblem& problem = *caller.problem;
   if (problem.key == nullptr) {

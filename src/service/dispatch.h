@@ -26,8 +26,9 @@ const wchar_t* CommandName(std::uint32_t id) noexcept;
 // is logged and becomes a result code. `callback` is never called, and is destroyed last on every
 // path.
 //
-// A refused command, or a request with an unusable key, leaves one error line with the function id,
-// the key and the reason. Both, and every command that changes something, leave a record, in which
+// A refused command leaves one error line with the function id, the key and the reason. A command
+// that succeeds despite an unusable key leaves such a line as a warning. Both, and every command
+// that changes something, leave a record, in which the handler names the change.
 // the handler names the change.
 std::uint32_t Dispatch(OrvaneService& service, const ClientContext* context,
                        std::uint32_t functionId, const wchar_t* request, wchar_t** response,

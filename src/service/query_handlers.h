@@ -13,8 +13,7 @@ namespace Vx::Tessel::Server::Services::Orvane {
 // Id 0, "sMode": the lockdown mode of Windows.
 std::uint32_t GetLockdownMode(const Call& call);
 
-// Id 2, "registrationState": the owner's registration, or 0 if the consent policy forbids sharing
-// it.
+// Id 2, "registrationState": the owner's registration, or 0 if the policy forbids sharing it.
 std::uint32_t GetRegistrationState(const Call& call);
 
 // Id 3, "setOperationOkay": marks the reason "keyName" for an automatic launch as used.

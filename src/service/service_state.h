@@ -21,7 +21,7 @@ struct ServiceState {
   std::atomic<bool> wakeupCheckDone{false};
   Platform::SharedHandle stopEvent;  // shared with waiting deliveries
   Platform::UniqueHandle sessionStopEvent;
-  Aurelo::LaunchTimer aureloLaunchTimer;  // the pending launch's
+  Aurelo::LaunchTimer aureloLaunchTimer;  // of the pending launch
 };
 
 }  // namespace Vx::Tessel::Server::Services::Orvane

@@ -49,8 +49,7 @@ bool Pause(Platform::RawHandle stop, std::chrono::milliseconds length, Platform:
   return wait.outcome == Platform::WaitOutcome::TimedOut;
 }
 
-// Waits for the end of OOBE. A failed query means "not yet". Returns false if the service ends
-// first.
+// Waits for the end of OOBE. A failed query means "not yet". Returns false if the service ends.
 bool WaitForOobe(const ServiceState& state) {
   Platform::WaitResult wait;
   for (int poll = 0;; ++poll) {
@@ -65,8 +64,8 @@ bool WaitForOobe(const ServiceState& state) {
   }
 }
 
-// Activates the stored package subscriptions. If the service was destroyed after the wait for OOBE,
-// it has already ended its own, and these would be watched forever.
+// Activates the stored package subscriptions. If the service has been destroyed since the wait for
+// OOBE, ends them again, because nothing else would.
 void WatchStoredPackages(const ServiceState& state) {
   RegisterExistingPackageCatalogManagerRequests(&state, state.stopEvent);
   // A service without a stop event is treated as ended, because its end could not be detected.
@@ -82,8 +81,7 @@ void StartWakeupCheck(const std::shared_ptr<ServiceState>& state) {
   CatchAndLog("startup_task", [&] { Platform::StartDetached([state] { RunWakeupCheck(state); }); });
 }
 
-// Returns true once a user has signed in or two hours have passed, and false if the service ends
-// first.
+// Returns true once a user has signed in or two hours have passed, false if the service ends first.
 bool WaitForUser(const ServiceState& state) {
   state.logger->LogInfo(kUserWait);
   const Launcher launcher;

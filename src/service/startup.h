@@ -6,8 +6,7 @@ namespace Vx::Tessel::Server::Services::Orvane {
 
 struct ServiceState;
 
-// The startup thread's body. Catches every exception. Its waits end when the service object is
-// destroyed.
+// The startup thread's body. Catches every exception. Its waits end with the service object.
 void RunStartupTask(const std::shared_ptr<ServiceState>& state) noexcept;
 
 }  // namespace Vx::Tessel::Server::Services::Orvane

@@ -6,8 +6,8 @@
 
 namespace Vx::Tessel::Server::Services::Orvane {
 
-// The commands that change or use the stored subscriptions. None adds to the response or throws
-// std::exception.
+// The commands that change or use the stored subscriptions. They add nothing to the response and
+// never throw std::exception.
 
 // Id 7: stores a package subscription and makes it live. On a Windows Runtime error, removes the
 // request and returns the HRESULT. Returns 0x20000009 for a request that is already stored.

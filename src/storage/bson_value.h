@@ -39,8 +39,7 @@ enum class BsonKind : std::uint8_t {
 class BsonDocument;
 
 // A value inside a document or an element. Borrows its bytes and is valid until they change. Other
-// services write these bytes, so each getter checks them and returns nothing if they are not a
-// value of its kind.
+// services write them, so each getter checks them and returns nothing if they are of another kind.
 class BsonView {
  public:
   BsonView(BsonKind valueKind, std::span<const std::byte> valueBytes)

@@ -15,16 +15,15 @@
 namespace Vx::Tessel::Server::Storage {
 
 // The machine-wide key-value store that several services share: one protected file, read before
-// each change and written after it, with every access guarded by one named mutex. Cheap to create
-// where needed. Use on one thread. A process that dies during a change leaves either the old
-// content or the new.
+// each change and written after it, with every access guarded by one named mutex. Cheap to create.
+// Use on one thread. A process that dies during a change leaves either the old content or the new.
 class CapDataStore {
  public:
   // The mutex that guards every access. Its name is documented, and other services use it too.
   static constexpr wchar_t kMutexName[] = L"18CC6446-1DB5-4D23-8F2B-441BA13883D6";
 
-  // Receives the stored element, or null if there is none. Returns the new one, or nothing to leave
-  // the file unchanged.
+  // Receives the stored element or null. Returns the new one, or nothing to leave the file
+  // unchanged.
   using Change = std::function<std::optional<BsonElement>(const BsonElement* stored)>;
 
   // Creates the folder and an empty file if they are missing, and reads the file. Throws
@@ -37,9 +36,8 @@ class CapDataStore {
   // Returns the path of the file. Creates nothing. Throws std::runtime_error.
   static std::wstring PathOfFile();
 
-  // Writes one top-level value and keeps every other key. Returns true once it is on disk. If the
-  // write fails, also removes the key from memory. Stores text as UTF-8. Throws
-  // system_mutex_exception.
+  // Writes one top-level value and keeps every other key. Returns true once it is on disk. If that
+  // fails, also removes the key from memory. Stores text as UTF-8. Throws system_mutex_exception.
   bool persist(std::string_view key, std::string_view value);
   bool persist(std::string_view key, const char* value);  // would otherwise convert to bool
   bool persist(std::string_view key, bool value);

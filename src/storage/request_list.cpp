@@ -20,9 +20,8 @@ std::wstring Normalised(const Json::JsonObject& request) {
   return request.StringifyWithout(kCommandParams, kDelay);
 }
 
-// Returns whether the object with this compact text may have the normalized form `form`. The form
-// only omits members of the text, each with an adjacent comma, which rules out nearly every other
-// request.
+// Returns whether the object with this compact text may have the normalized form `form`, which only
+// omits members, each with an adjacent comma. That rules out nearly every other request.
 bool MayNormaliseTo(std::wstring_view text, std::wstring_view form) {
   if (text.size() <= form.size()) return text == form;
   const auto differs = std::mismatch(form.begin(), form.end(), text.begin()).first;

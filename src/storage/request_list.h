@@ -18,9 +18,9 @@ namespace Vx::Tessel::Server::Storage {
 inline constexpr std::size_t kMaxStoredRequest = std::size_t{1024} * 1024;
 
 // Returns `list` with `request` appended, or nothing if an element has the same normalized form:
-// its text without the "delayDeliverySec" of its "commandParams". The first request in a list is
-// kept unchanged. Also throws as above if `request` is not a JSON object, and std::length_error if
-// its compact text is longer than kMaxStoredRequest.
+// its text without the "delayDeliverySec" of its "commandParams". An empty list receives `request`
+// unchanged. Also throws as above if `request` is not a JSON object, and std::length_error if its
+// compact text is longer than kMaxStoredRequest.
 std::optional<std::wstring> ListWith(std::wstring_view list, std::wstring_view request);
 
 // Returns `list` without the first element whose text is `request`, or nothing if there is none.

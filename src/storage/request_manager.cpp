@@ -15,7 +15,7 @@ namespace {
 
 using Storage::BsonElement;
 
-// Every command reads the whole store, so no client may make it large for all.
+// Every command reads the whole store, so one client must not slow down all others.
 constexpr std::size_t kMostListed = std::size_t{8} * 1024 * 1024;
 
 constexpr wchar_t kNoStore[] =

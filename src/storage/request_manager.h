@@ -25,7 +25,7 @@ inline constexpr std::int32_t kAlreadySubscribed = 1;
 //
 // A change reads and writes the stored list under one hold of the store's mutex, so that managers
 // in other threads and processes lose nothing. A list that is not a JSON array is never
-// overwritten. A stored request is compact: the client's tokens without the white space between
+// overwritten. A stored request's text is compact: the client's tokens without white space between
 // them.
 class RequestManager {
  public:
@@ -34,8 +34,8 @@ class RequestManager {
   using ErrorCallback =
       std::function<void(const std::wstring& request, const Platform::WindowsRuntimeError& error)>;
 
-  // Opens the store and reads the document. If the store cannot be opened, logs that, uses an empty
-  // list and stores nothing.
+  // Opens the store and reads the document. If the store cannot be opened, logs that and stores
+  // nothing. The list is then empty.
   RequestManager(std::string embeddedDocument, std::string listKey);
   RequestManager(const RequestManager&) = delete;
   RequestManager& operator=(const RequestManager&) = delete;
@@ -70,8 +70,7 @@ class RequestManager {
   // If the stored value is not a string, returns text that is not a JSON array.
   std::wstring StoredList() const;
 
-  // Like StoredList, but throws std::runtime_error if the store or the document in it could not be
-  // read at construction.
+  // Like StoredList, but throws std::runtime_error if the store or the document could not be read.
   std::wstring RequireStoredList() const;
 
   // The formats in which an exception from the store is logged.

@@ -136,8 +136,7 @@ bool IsDamaged(StoreState state) {
   return state == StoreState::Damaged || state == StoreState::OtherMachine;
 }
 
-// Returns whether data protection can open what it seals now. If so, an uncertain error is about
-// the blob.
+// Returns whether data protection works now, so that an uncertain error must be about the blob.
 bool ProtectionWorks() {
   const auto& protection = *Platform::CurrentMachine().dataProtection;
   const Result<Bytes> probe = protection.Protect(Bytes(1), {});
@@ -156,8 +155,7 @@ bool IsNotThere(ErrorCode error) {
 }
 
 // Opens a file beside the store if the store may adopt or delete it: an ordinary one owned by the
-// system. Returns null if it is another kind of file or no longer exists, and an error if Windows
-// cannot tell.
+// system. Returns null if it is not one or no longer exists, and an error if Windows cannot tell.
 Opened OpenOwn(const std::wstring& path, FileUse use) {
   // Reads the owner first, because another account may be holding its own file open.
   for (const FileUse step : {FileUse::Inspect, use}) {

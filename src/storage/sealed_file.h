@@ -48,7 +48,7 @@ class SealedFile {
     std::wstring id = {};                       // 36 UTF-16 units, empty if the file has no header
     std::optional<BsonDocument> document = {};  // nothing if the file has none
     std::vector<std::byte> content = {};        // of the whole file, as far as it could be read
-    bool cutShort = false;                      // shorter than its header, but not empty
+    bool cutShort = false;                      // shorter than its header, but not newly created
   };
 
   // Reads the file. If it has no document, first adopts the sibling file left by an interrupted

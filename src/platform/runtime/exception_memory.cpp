@@ -21,8 +21,7 @@ namespace Vx::Platform {
 
 namespace {
 
-// The runtime's header before the thrown object. GCC 12 needs 160 bytes, and later versions may
-// need more.
+// The runtime's header before the thrown object. GCC 12 needs 160 bytes, later versions maybe more.
 constexpr std::size_t kRecord = 256;
 constexpr std::size_t kSlot = kRecord + kLargestReservedException;
 constexpr std::size_t kAlignment = 16;
@@ -66,8 +65,8 @@ struct ThreadExceptions {
   unsigned int uncaught;
 };
 
-// A template: only its copies in each thread's storage are used. Twice the size, because a copy may
-// be less aligned than the original. The linker sorts sections by name, and ".tls$ZZZ" comes last.
+// Only its copies in each thread's storage are used. Twice the size, because a copy may be less
+// aligned than the original. The linker sorts sections by name, and ".tls$ZZZ" comes last.
 [[gnu::section(".tls$VX"), gnu::used]] std::byte original[2 * sizeof(ThreadExceptions)] = {};
 
 // Returns the calling thread's part of the thread-local storage that Windows allocates for every

@@ -9,8 +9,7 @@
 // that needs no lock.
 //
 // The runtime also allocates memory at each thread's first exception, and aborts the process if
-// that fails. This module instead uses the thread-local storage that Windows allocates when a
-// thread starts.
+// that fails. This module uses the storage that Windows allocates when a thread starts.
 
 namespace Vx::Platform {
 

@@ -48,8 +48,8 @@ HMODULE DeferredLibrary::LoadAsProcess() noexcept {
   // The flag also limits the search for the library's imports to the system directory.
   const HMODULE library = LoadLibraryExW(path.data(), nullptr, LOAD_LIBRARY_SEARCH_SYSTEM32);
   if (library == nullptr) return nullptr;
-  // If two threads load the library at once, only one keeps its reference, so that the count does
-  // not grow.
+  // If two threads load the library at once, one frees its reference, so that the count does not
+  // grow.
   HMODULE none = nullptr;
   if (!loaded.compare_exchange_strong(none, library)) FreeLibrary(library);
   return library;

@@ -15,8 +15,7 @@ namespace Vx::Platform {
 // `disposition` says otherwise. A new one gets `security`. With FILE_FLAG_BACKUP_SEMANTICS in
 // `flags`, opens a folder. Sets the last error and returns null for anything not on a disk, because
 // a pipe or a device could block its reader or writer forever. Passes SECURITY_SQOS_PRESENT,
-// because otherwise a pipe's server could impersonate this process (CreateFileW,
-// dwFlagsAndAttributes).
+// because a pipe's server could otherwise impersonate this process (see CreateFileW).
 UniqueHandle OpenDiskFile(const std::wstring& path, DWORD access, DWORD share,
                           DWORD flags = FILE_ATTRIBUTE_NORMAL, DWORD disposition = OPEN_EXISTING,
                           SECURITY_ATTRIBUTES* security = nullptr);

@@ -124,8 +124,8 @@ class RealFiles final : public Files {
   }
 
   Result<Bytes> Read(const std::wstring& path, std::size_t maxBytes) const override {
-    // Shares writing, because a reader must not block the file's writers, which are serialized
-    // elsewhere.
+    // Shares writing, because a reader must not block the file's writers. They serialize
+    // themselves.
     const UniqueHandle file = OpenDiskFile(path, GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE);
     if (file == nullptr) return Result<Bytes>::Failure(GetLastError());
     return ReadContent(file.get(), maxBytes);

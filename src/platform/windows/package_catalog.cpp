@@ -126,8 +126,7 @@ class WindowsPackageCatalog final : public PackageCatalog {
  private:
   using SubscriptionMap = std::map<Token, std::shared_ptr<Subscription>>;
 
-  // Marks the subscription closed first, so that a handler that Windows fails to remove does
-  // nothing.
+  // Closes the subscription first, so that a handler that Windows fails to remove does nothing.
   void Remove(Token token, Subscription& subscription) const noexcept {
     subscription.closed.store(true);
     const Abi::Apartment apartment;

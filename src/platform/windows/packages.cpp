@@ -28,8 +28,7 @@ constexpr std::uint32_t kFamilyFilter =
 
 constexpr std::uint32_t kInformationBasic = 0;
 
-// In PACKAGE_ID, two 32-bit members precede the 64-bit version, whose highest part is the major
-// one.
+// In PACKAGE_ID, two 32-bit members precede the version, whose high bits are the major version.
 constexpr std::size_t kVersionOffset = 8;
 
 std::uint32_t Status(long code) {

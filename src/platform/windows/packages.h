@@ -7,8 +7,7 @@
 
 namespace Vx::Platform {
 
-// Functions found at run time. Null if this Windows lacks one. The signatures are those of
-// appmodel.h.
+// Functions found at run time, null if this Windows lacks them. Signatures as in appmodel.h.
 struct AppModelFunctions {
   using FindByFamily = long __stdcall(const wchar_t* family, std::uint32_t filters,
                                       std::uint32_t* count, wchar_t** fullNames,
@@ -32,8 +31,7 @@ AppModelFunctions ResolveAppModel() noexcept;
 
 // Returns the packages of this Windows, queried through `functions`. A query whose function is null
 // fails with ERROR_PROC_NOT_FOUND. Package manager operations enter and leave their thread's
-// apartment. Their errors name the step. The code is REGDB_E_CLASSNOTREG if there is no package
-// manager.
+// apartment. Their errors name the step, with REGDB_E_CLASSNOTREG if there is no package manager.
 std::unique_ptr<Packages> MakeWindowsPackages(const AppModelFunctions& functions);
 
 }  // namespace Vx::Platform

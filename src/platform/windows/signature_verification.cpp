@@ -11,8 +11,7 @@ namespace Vx::Platform {
 
 namespace {
 
-// WINTRUST_SIGNATURE_SETTINGS and the WINTRUST_DATA that contains it, newer than this toolchain's
-// headers.
+// WINTRUST_SIGNATURE_SETTINGS and its WINTRUST_DATA, newer than this toolchain's headers.
 struct SignatureSettings {
   DWORD size = sizeof(SignatureSettings);
   DWORD index = 0;
