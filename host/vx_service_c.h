@@ -17,7 +17,7 @@ typedef struct VxClientContext {
 } VxClientContext;
 
 // The host's callable. Slot 3 destroys it through the fifth entry of `held->table` and never calls
-// it. It may be null.
+// it. May be null.
 typedef struct VxHeldCallable {
   void* const* table;
 } VxHeldCallable;

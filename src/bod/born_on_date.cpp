@@ -110,8 +110,8 @@ bool BornOnDate::is_valid_born_on_date(const std::string& s) noexcept {
 void WriteDigits(std::span<std::uint8_t> buffer, BODFormat format, const CalendarTime& day) {
   if (buffer.size() < DigitCount(format)) throw std::invalid_argument(kVectorTooSmall);
 
-  // The fields may be any 16-bit numbers, so the year and the whole text are cut to their widths.
-  // Six-digit firmware has always received only the last digit of the year.
+  // The fields may be any 16-bit numbers, so the year and the whole text are truncated to their
+  // widths. Six-digit firmware has always received only the last digit of the year.
   const bool six = format == BODFormat::SixDigits;
   std::string date = Json::Decimal(six ? day.year % 10 : day.year, six ? 2 : 4);
   date.resize(six ? 2 : 4);

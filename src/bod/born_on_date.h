@@ -8,7 +8,7 @@
 
 #include "bod/calendar_time.h"
 
-// The tag of Windows' SYSTEMTIME, which can be declared without its header.
+// The struct tag of SYSTEMTIME, which can be declared without <windows.h>.
 struct _SYSTEMTIME;  // NOLINT(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
 
 namespace Vx::Tessel::Server::Services::Orvane {
@@ -44,7 +44,7 @@ class BornOnDate {
   // Returns only the date, or all zeros if it is invalid. A two-digit year means 2000 to 2099.
   CalendarTime get_as_calendar_time() const;
 
-  // Returns the same as a SYSTEMTIME. Windows builds only.
+  // Returns the same date as a SYSTEMTIME. Windows builds only.
   _SYSTEMTIME get_as_system_time() const;
 
   // Returns whether `s` is a date of six or eight decimal digits. Four-digit years start at 1970.
@@ -57,8 +57,8 @@ class BornOnDate {
   BODFormat format = BODFormat::Invalid;
 };
 
-// Writes the digits of `day` in `format` to the front of `buffer`, without a terminator. A
-// six-digit year is 0 and the last digit. Throws std::invalid_argument if the buffer is too small.
+// Writes the digits of `day` in `format` to the front of `buffer`, without a terminator. Six digits
+// start with 0 and the year's last digit. Throws std::invalid_argument if the buffer is too small.
 void WriteDigits(std::span<std::uint8_t> buffer, BODFormat format, const CalendarTime& day);
 
 // Returns whether `date` is a valid date in this format, or all zeros, which erase the date.

@@ -6,8 +6,9 @@
 
 #include "companion/registration.h"
 
-// The questions and actions of the launch decisions, each replaceable. In every class the virtual
-// destructor comes first and the operations keep this order. Use from one thread at a time.
+// Interfaces for the questions and actions of a launch decision, so that each can be replaced. In
+// every class the virtual destructor comes first and the operations keep this order. Use from one
+// thread at a time.
 namespace Vx::Tessel::Server::Services::Orvane::Base {
 
 class SoftwareCheckBehavior {
@@ -48,7 +49,7 @@ class ApplicationLaunchBehavior {
   virtual bool Run() const = 0;
 };
 
-// Reads and writes the mark that a reason for a launch has been used.
+// Reads and writes the mark that records that a reason for a launch has been used.
 class ApplicationLaunchCriteriaDataAccess {
  public:
   virtual ~ApplicationLaunchCriteriaDataAccess() = default;
@@ -62,8 +63,7 @@ class UwpBuildInfoDataAccess {
  public:
   virtual ~UwpBuildInfoDataAccess() = default;
 
-  // Returns the staged-package origin code and the version, with the major part in the high 16
-  // bits.
+  // Returns the staged-package origin code and the version, with the major part in the high bits.
   virtual std::pair<std::int32_t, std::uint64_t> GetOriginAndVersion() const = 0;
 };
 

@@ -61,8 +61,8 @@ class QuboFacade {
   bool LaunchUwpForOobe() const;
   bool LaunchUwpWithParameter(const std::wstring& parameter) const;
 
-  // Registers the package, decides, and starts the app if so decided. Marks the reason as used even
-  // if the app could not be started.
+  // Registers the package, then starts the app if there is a reason to. Marks the reason as used
+  // even if the app could not be started.
   QuboStartingPoint LaunchUwpWhenComingBackFromSleepIfNeeded();
 
   // Does the same without registering the package. Ignores `criteria`.

@@ -113,7 +113,7 @@ bool TakeRights(Copy& copy, Platform::OneLogon& user) {
 bool AwaitCopy(const CopyPtr& copy) noexcept try {
   static std::mutex turn;
   static CopyPtr hanging;
-  static auto& worker = *new Platform::Thread();  // that of `hanging`; never destroyed
+  static auto& worker = *new Platform::Thread();  // the thread of `hanging`; never destroyed
   Platform::Clock& clock = *Platform::CurrentMachine().clock;
   std::unique_lock guard(turn, std::defer_lock);
   while (std::chrono::milliseconds(clock.TickCount() - copy->asked) < kLongestCopy &&

@@ -37,8 +37,8 @@ bool Replace(Platform::Files& files, const std::wstring& destination,
   const bool written = files.Overwrite(part, content) == 0;
   if (written && files.MoveOver(part, destination) == 0) return true;
   files.Remove(part);
-  // A process that has the destination open can prevent its replacement and still share writing.
-  // Only this copy in place can leave half a file.
+  // A process that has the destination open may block its replacement but still share writing. Only
+  // this copy in place can leave half a file.
   return written && files.Overwrite(destination, content) == 0;
 }
 

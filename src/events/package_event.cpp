@@ -89,7 +89,7 @@ void PackageUninstallingPCEvent::Register() {
 
 bool PackageUninstallingPCEvent::IsProcessRunningAsSystem() const {
   const auto answer = Platform::CurrentMachine().sessions->ProcessIsLocalSystem();
-  // If this were guessed wrong, another user's packages would be watched permanently.
+  // A wrong guess would watch another user's packages permanently.
   if (!answer) throw Platform::WindowsRuntimeError(kConsoleUserUnavailable, kOwnAccountUnknown);
   return *answer;
 }

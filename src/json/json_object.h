@@ -31,7 +31,7 @@ class JsonValue {
  public:
   JsonKind Kind() const;
 
-  // Returns compact JSON: members keep their order, strings and numbers take the writer's spelling.
+  // Returns compact JSON. Members keep their order, and strings and numbers are reformatted.
   std::wstring Text() const;
 
   void AppendTo(std::wstring& out) const;

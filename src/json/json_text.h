@@ -93,7 +93,7 @@ using WideValue = WideDocument::ValueType;
 
 inline constexpr std::size_t kPoolChunk = 65536;
 
-// A text with deeper nesting is invalid. Real ones use three or four levels. Recursion is safe.
+// Deeper nesting is invalid, so recursion is safe. Real texts use three or four levels.
 inline constexpr std::size_t kMaxNesting = 128;
 
 // For a list whose elements are separate documents.

@@ -12,15 +12,15 @@ class TrustedProgram;
 
 namespace Vx::Tessel::Server::Services::Orvane {
 
-// Returns the logon process in `session`, whose token starts programs there. Looks for its file
+// Returns the logon process in `session`, whose token starts programs there. Finds it by its file
 // name. Returns nothing if this process cannot see it.
 std::optional<std::uint32_t> LogonProcessIn(std::uint32_t session);
 
 // Starts `program` in `session` with the SYSTEM token of that session's winlogon.exe and the
 // system's environment. Omits arguments that do not fit in a command line. If the working directory
-// is empty or cannot be a path, uses the program's own folder. `packageFolder`, if not empty, is
-// the folder name of a packaged app; the environment then names that app's local and roaming data
-// folders. Returns Ran with the process, or NotStarted with the reason. Throws only std::bad_alloc.
+// is empty or cannot be a path, uses the program's own folder. If `packageFolder`, the folder name
+// of a packaged app, is not empty, the environment names that app's local and roaming data folders.
+// Returns Ran with the process, or NotStarted with the reason. Throws only std::bad_alloc.
 Records::Outcome LaunchProcessInSession(const Security::TrustedProgram& program,
                                         const std::wstring& arguments,
                                         const std::wstring& workingDirectory, std::uint32_t session,

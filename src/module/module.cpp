@@ -19,10 +19,10 @@ void __verbose_terminate_handler() {
 }  // namespace __gnu_cxx
 
 BOOL WINAPI DllMain(HINSTANCE module, DWORD reason, void* /*reserved*/) {
-  // Fails if the runtime has its own thread-local storage, which does no harm.
+  // May fail if the runtime has its own thread-local storage. That does no harm.
   if (reason == DLL_PROCESS_ATTACH) {
     DisableThreadLibraryCalls(module);
-    Vx::Platform::FailFastOnTerminate();  // exchanges a pointer, loads and waits for nothing
+    Vx::Platform::FailFastOnTerminate();  // exchanges a pointer; does not load or wait
   }
   return TRUE;
 }

@@ -9,8 +9,8 @@ namespace Vx::Tessel::Server::Services::Orvane {
 // Reads information about the console user's package in a given family. Stateless and thread-safe.
 class UwpPackageDataAccess {
  public:
-  // Returns Windows' staged-package origin code, and the version with the major part in the high 16
-  // bits. Acts as the console user, which ends any impersonation that the caller began. Throws
+  // Returns the staged-package origin code and the version, with the major part in the high bits.
+  // Acts as the console user, which ends any impersonation that the caller began. Throws
   // PackageError, with ERROR_NOT_FOUND if the user has no such package.
   std::pair<std::int32_t, std::uint64_t> GetOriginAndVersion(const std::wstring& familyName) const;
 };

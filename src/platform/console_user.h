@@ -57,11 +57,11 @@ class OwnIdentity {
   OwnIdentity& operator=(const OwnIdentity&) = delete;
   ~OwnIdentity() { End(); }
 
-  // Returns zero, or the error because of which the thread keeps its identity.
+  // Returns zero, or why the thread still has its old identity.
   ErrorCode Error() const noexcept { return error; }
 
-  // Restores the thread's identity. Returns zero, or the error because of which the thread
-  // continues as its process. A second call has no effect.
+  // Restores the thread's identity. Returns zero, or an error if the thread continues as its
+  // process. A second call has no effect.
   ErrorCode End();
 
  private:
@@ -69,7 +69,7 @@ class OwnIdentity {
   ErrorCode error = 0;
 };
 
-// Debug builds only: ends the process if the thread impersonates, because a slot would revert that.
+// Debug builds only: ends the process if the thread impersonates, because a slot would end that.
 void ExpectOwnIdentity() noexcept;
 
 // Returns the result of `action`, run as the user of `token`, or an empty value if `token` is null

@@ -106,7 +106,7 @@ class Files {
   // or that of its folder if `accessLike` does not exist. Opens it as for FileUse::Replace.
   virtual Opened Create(const std::wstring& path, const std::wstring& accessLike) = 0;
 
-  // Returns the files whose paths are `path`, a dot and more, newest first by last-write time.
+  // Returns the files whose paths begin with `path` and a dot, newest first by last-write time.
   // Fails unless the whole folder was listed.
   virtual Result<std::vector<std::wstring>> Siblings(const std::wstring& path) const = 0;
 };

@@ -97,7 +97,7 @@ constexpr bool IsFailure(Decision decision) {
 struct Outcome {
   Decision decision = Decision::None;
   Reason reason = Reason::None;
-  std::uint32_t number = 0;  // the process that Ran, otherwise the error code
+  std::uint32_t number = 0;  // the process if Ran, otherwise the error code
 };
 static_assert(sizeof(Outcome) == sizeof(void*));
 

@@ -154,8 +154,8 @@ bool VxAuthenticodeHelper::IsPathAllowed(const std::wstring& path) const {
   return CheckPath(path).outcome == PathOutcome::Allowed;
 }
 
-// A client chooses the path, and several kinds that begin with "C:\Windows\" name a file elsewhere:
-// with ".." in the middle, through a mount point in a folder that every user may write to, or as a
+// A client chooses the path, and one that begins with "C:\Windows\" may name a file elsewhere: with
+// ".." in the middle, through a mount point in a folder that every user may write to, or as a
 // stream of another file. So the rule is applied twice: to the full form of the path, which is also
 // logged, and to the file's actual location. A path that Windows cannot resolve is refused.
 PathVerdict VxAuthenticodeHelper::CheckPath(const std::wstring& path) const {
@@ -182,7 +182,7 @@ PathVerdict VxAuthenticodeHelper::CheckPath(const std::wstring& path) const {
                      verdict.finalPath.c_str());
     return verdict;
   }
-  // When Windows moves a package to another drive, it leaves a link. Then check both folders.
+  // When Windows moves a package to another drive, it leaves a link. Both folders are then checked.
   if (place->appFolder) verdict.appFolders.push_back(*place->appFolder);
   if (finalPlace->appFolder &&
       !(place->appFolder && SameIgnoringCase(*finalPlace->appFolder, *place->appFolder))) {

@@ -27,8 +27,8 @@ constexpr char kOperation[] = "IsFileTrustedRestricted";
 TrustedProgram::TrustedProgram(std::wstring judged, Platform::UniqueHandle held)
     : path(std::move(judged)), lock(std::move(held)) {}
 
-// Opening any other path could make SYSTEM connect to a pipe or a share before a signature is
-// checked, or open a file other than the one that was checked.
+// Another kind of path could make SYSTEM connect to a pipe or a share before a signature is
+// checked, or could name a file other than the one that was checked.
 Reason TrustedProgram::WhyNotOpened(const std::wstring& path) {
   if (!IsDrivePath(path)) return Reason::NotOnDrive;
   const bool control = std::ranges::any_of(path, [](wchar_t c) { return c < L' '; });

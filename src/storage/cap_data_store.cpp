@@ -99,7 +99,8 @@ CapDataStore::CapDataStore()
       writeMode(kOutputTruncateBinary),
       storeName(kStoreName),
       filePath((expandPathAndCreateDirectory(programDataRoot, Platform::NewFolder::Inherits),
-                // An account that can read the file can hold it open, which slows down every write.
+                // Private, because an account that can read the file could hold it open and slow
+                // writes.
                 expandPathAndCreateDirectory(storeDirectory, Platform::NewFolder::Private) +
                     storeName + kFileEnding)),
       file(filePath),

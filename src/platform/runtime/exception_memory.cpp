@@ -59,7 +59,7 @@ void Free(void* block) noexcept {
   }
 }
 
-// __cxa_eh_globals of the C++ ABI: what the runtime knows about the exceptions of a thread.
+// __cxa_eh_globals of the C++ ABI: the runtime's exception state of one thread.
 struct ThreadExceptions {
   void* caught;
   unsigned int uncaught;

@@ -93,7 +93,7 @@ INT_PTR WINAPI FailWithStatus() {
 
 }  // namespace Vx::Platform
 
-// Resolves the functions that vx_delayed_import (cmake/options.cmake) lists when they are called.
+// Resolves a function that vx_delayed_import (cmake/options.cmake) lists, at each call to it.
 // The toolchain's own helper would search the program's folder first, and raise an exception that
 // nothing here could handle. A missing function fails as its callers expect. Does not store the
 // address in `entry`, because the linker may have made the table read-only.

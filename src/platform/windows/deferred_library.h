@@ -8,8 +8,8 @@ namespace Vx::Platform {
 
 // A Windows library that only some operations need, or that a file beside the program could replace
 // if it were imported. The first Find loads it from the system directory, as the process even if
-// the thread impersonates. Never frees it, because Windows forbids that under the loader lock,
-// while this module is unloaded. Not for DllMain or constructors. Thread-safe. Does not throw.
+// the thread impersonates. Never frees it, because this module's unloading holds the loader lock,
+// under which Windows forbids that. Not for DllMain or constructors. Thread-safe. Does not throw.
 class DeferredLibrary {
  public:
   constexpr explicit DeferredLibrary(const wchar_t* name) noexcept : fileName(name) {}
