@@ -114,7 +114,7 @@ class Implementation : public Base {
   std::atomic<ULONG> references{1};
 };
 
-// A class, an instance, the parameters of a method or a data block: a name and properties.
+// A class, an instance, a method's parameters or a data block: a name and properties.
 class SimulatedFirmware::Object final
     : public Implementation<WbemClassObjectStub, IWbemClassObject> {
  public:

@@ -37,9 +37,10 @@ class SimulatedPackages final : public Platform::Packages {
   // Adds a package to the machine and registers it for `user`.
   void Install(const SimulatedPackage& package, const std::wstring& user);
 
-  // Removes the user's packages of the family after `length`, and those that no user has left from
-  // the machine. The user's catalogs report the start at once (unless `length` is zero) and the end
-  // later, on workers of the current machine, which must be the one with these packages.
+  // Removes the user's packages of the family after `length`, and removes from the machine those
+  // that no user has any longer. The user's catalogs report the start at once (unless `length` is
+  // zero) and the end later, on workers of the current machine, which must be the one with these
+  // packages.
   void Uninstall(const std::wstring& familyName, const std::wstring& user,
                  Platform::Clock::Duration length = std::chrono::seconds(1));
 

@@ -46,8 +46,8 @@ class VirtualClock final : public Platform::Clock {
   // Advances through everything that is due. Returns with every worker at rest. Throws ClockStuck.
   void Advance(Duration length);
 
-  // Moves time from one deadline to the next until `reached`, which is called while every worker is
-  // at rest and must not wait, returns true. Returns false after `limit` or if no wait is left.
+  // Moves time from one deadline to the next until `reached` returns true. Calls `reached` while
+  // every worker is at rest. It must not wait. Returns false after `limit` or if no wait is left.
   bool AdvanceUntil(const std::function<bool()>& reached, Duration limit);
 
   // Waits in real time, at constant virtual time, until every worker is at rest. Throws ClockStuck.

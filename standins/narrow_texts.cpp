@@ -22,7 +22,7 @@ constexpr std::size_t kLongest = 32768;
 
 constexpr wchar_t kBeforeLetter[] = L"-+ #.0123456789*hlwLIjzt";
 
-// A narrow string of a line: the place of its conversion in the format, and its argument.
+// A narrow string in a line: the position of its conversion in the format, and its argument.
 struct Narrow {
   std::size_t place;
   std::size_t slot;
