@@ -9,9 +9,10 @@
 // The rules of a stored list of subscription requests: the text of a JSON array whose elements are
 // the clients' objects. An empty string is an empty list.
 //
-// An object's text is compact JSON, with each value as the client wrote it. Every function throws
-// Platform::WindowsRuntimeError with Json::kInvalidJsonString if the list is not a JSON array, so
-// that an unreadable list is never overwritten. Time and memory are linear in the list.
+// An object's text is compact JSON as JsonObject::Stringify returns it, which may spell a value in
+// another way than the client. Every function throws Platform::WindowsRuntimeError with
+// Json::kInvalidJsonString if the list is not a JSON array, so that an unreadable list is never
+// overwritten. Time and memory are linear in the list.
 namespace Vx::Tessel::Server::Storage {
 
 // The most characters in a stored request: as many as a client may send to identify it.

@@ -25,8 +25,7 @@ inline constexpr std::int32_t kAlreadySubscribed = 1;
 //
 // A change reads and writes the stored list under one hold of the store's mutex, so that managers
 // in other threads and processes lose nothing. A list that is not a JSON array is never
-// overwritten. A stored request's text is compact: the client's tokens without white space between
-// them.
+// overwritten. A stored request's text is compact JSON: see request_list.h.
 class RequestManager {
  public:
   // Receives a stored request's text. May throw Platform::WindowsRuntimeError and std::exception.
