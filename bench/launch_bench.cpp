@@ -1,5 +1,4 @@
-// Compares starting and refusing a trusted program with only creating a process of the same
-// program.
+// Compares starting and refusing a trusted program with merely creating its process.
 //
 // Usage: launch_bench [--brief] [--json FILE]
 #include <optional>

@@ -44,7 +44,8 @@ std::size_t Processors() {
   return std::bitset<64>(own).count();
 }
 
-// Compares `each` operations on each of 16 threads, divided by the processors, with as many on one.
+// Compares 16 threads that run `each` operations each with one thread that runs all of these,
+// divided by the number of processors.
 template <typename Operations>
 void CompareThreads(RatioTable& table, const std::string& name, double goal, std::size_t each,
                     const Operations& run) {

@@ -102,8 +102,8 @@ class LogManager {
   static void RemoveSink(SinkId id);
 };
 
-// Writes a line with the service's own logger. Its caller is the client of `record`, and sinks
-// receive `record` too. The maker's library writes only the line. Thread-safe. Never throws.
+// Writes a line with the service's own logger, for the client of `record`. Sinks also receive
+// `record`. The maker's library writes only the line. Thread-safe. Never throws.
 void WriteRecord(const VxLogRecord& record, LogLevel level, const wchar_t* text) noexcept;
 
 inline constexpr char kComponentProvider[] = "Vx-Tessel-SystemInformation";

@@ -18,9 +18,9 @@ namespace Vx::Simulator {
 // A PC's firmware behind WMI, in this process: a locator whose namespace "\\.\root\wmi" contains
 // the firmware's classes and runs its commands on a warranty block and a features block.
 //
-// It is the machine's Com capability. With a ClassRegistration, all code in the process that
-// creates a WMI locator reaches it. Thread-safe. Release every object that it returned before it is
-// destroyed (see LiveObjects).
+// It is the machine's Com capability. With a ClassRegistration, it also serves all other code in
+// the process that creates a WMI locator. Thread-safe. Release every object that it returned before
+// it is destroyed (see LiveObjects).
 class SimulatedFirmware final : public Platform::Com {
  public:
   enum class Digits { Six, Eight };
