@@ -37,7 +37,7 @@ bool MayReplace(StoreState state);
 // system is adopted or deleted, because users may be able to create files in the folder. If the
 // file contains only an id, only a sibling with that id is adopted.
 //
-// Unreadable content is replaced only if it is proved damaged, and a copy of it is kept.
+// Unreadable content is replaced only if this machine can never read it, and a copy of it is kept.
 class SealedFile {
  public:
   explicit SealedFile(std::wstring filePath) : path(std::move(filePath)) {}
