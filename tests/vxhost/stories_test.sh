@@ -1,0 +1,116 @@
+#!/bin/sh
+# stories_test.sh PAGE VXHOST MODULE UNPINNED EMULATOR PREFIX: the stories of PAGE, docs/operations.md. Each state of
+# the machine is prepared for real, and then the commands that the page prints lead to its cause: that of
+# the story, and if a row of its table is about this state, the one in that row. Leaves no service and no data.
+set -u
+page=$1 vxhost=$2 module=$3 unpinned=$4
+shift 4
+. "$(dirname "$0")/../run_vxhost.sh"
+need "$page" "$unpinned"
+install_tool VxStories "$module"
+cp "$unpinned" "$place/FILE"
+cd "$place" || exit 1
+data="$prefix/drive_c/ProgramData/Vx" store="$prefix/drive_c/ProgramData/Vx/SharedServices/shared_store.dat"
+logs="$(dirname "$0")/history"
+cleanup() {
+  run service stop
+  run service remove --force
+  rm -rf "$work" "$place" "$data"
+} >/dev/null 2>&1
+trap cleanup EXIT
+export TZ=UTC  # of "yesterday"
+
+# log FILE SCRIPT: what the sed script leaves of a log is that of yesterday.
+log() {
+  mkdir -p "$data/Logs"
+  sed "$2;s/2026-11-2[56]T/$(date -d yesterday +%F)T/g" "$logs/$1" >"$data/Logs/OrvaneService-20261125-0001.log"
+}
+only_service='/"kind":/d;/power event/d;/too large/d'
+no_event() { log quiet.log "3,\$d;$only_service"; }
+service_down() { log quiet.log "$only_service"; }
+refused() { log service.log '/db40db6c/!d'; }
+not_stored() { log quiet.log '/dddddddd/!d;s/earlier_lines/store_refused/'; }
+late() { log rare.log '/"delivery":2\b/!d'; }
+standby() { log rare.log '/"delivery":3\b/!d'; }
+
+# The store is that of the machine, with one subscription, and its copy is $work/copy.
+exits 0 run subscriptions add --power 18 --send f --app-service s --trigger '{01234567-89ab-cdef-0123-456789abcde1}'
+exits 0 run store backup "$(windows "$work/copy")"
+sound() { rm -f "$store"* && cp "$work/copy" "$store"; }
+size() { stat -c %s "$store"; }
+cut_short() { sound && truncate -s 30 "$store"; }
+zeroed() { sound && head -c "$(size)" /dev/zero >"$work/zero" && cat "$work/zero" >"$store"; }
+damaged() { sound && printf X | dd of="$store" bs=1 seek=$(($(size) - 30)) conv=notrunc 2>/dev/null; }
+foreign() { sound && printf '%0200d' 7 >"$store"; }
+second_name() { sound && ln "$store" "$data/second"; }
+too_large() { sound && truncate -s 65M "$store"; }
+other_list() {
+  sound
+  printf '{"steps":[{"store":{"OrvaneServiceDocument":{"PowerEventSubscriptions":"x"}}}]}' >"$work/list.json"
+  exits 0 run scenario "$(windows "$work/list.json")"
+}
+
+# installed: the service is installed for development, since the emulator's folders belong to the account.
+installed() {
+  cp "$module" "$place/OrvaneService.dll"
+  exits 0 run service install --development --start demand --replace
+}
+wrong_module() { installed && cp "$prefix/drive_c/windows/system32/version.dll" "$place/OrvaneService.dll"; }
+missing_import() { installed && LC_ALL=C sed 's/ADVAPI32\.dll/ADVAPI3X.dll/' "$module" >"$place/OrvaneService.dll"; }
+missing_module() { installed && rm "$place/OrvaneService.dll"; }
+no_log_folder() {
+  missing_import
+  rm -r "$data/Logs"
+  chmod o+w "$data"  # so that the service does not make it again
+}
+open_folder() {
+  installed
+  exits 0 run service remove
+  chmod o+w "$place"
+}
+
+# section TITLE: the lines of the page below a heading.
+section() { awk -v title="### $1" '$0 == title { on = 1; next } /^##/ { on = 0 } on' "$page"; }
+
+# tell: each line is TITLE|STATE|CODE|CAUSE|NEXT|CODE|WHY. In the state, the command of the section exits with CODE and
+# prints CAUSE, which a row of the section's table quotes. NEXT, if any, is in that row, exits with CODE and prints WHY.
+tell() {
+  while IFS='|' read -r title state wanted cause next then why; do
+    section "$title" >"$work/section"
+    first=$(sed -n '/^```bat story$/{n;s/^vxhost //p}' "$work/section")
+    row=$(grep -F "| \`$cause\`" "$work/section")
+    [ -n "$first" ] && [ -n "$row" ] || fail "the page has no story \"$title\", or no row for \"$cause\""
+    "$state"
+    # shellcheck disable=SC2086 # words of a command line
+    expect "$wanted" "$cause" $first
+    [ -n "$next" ] || continue
+    case $row in
+      *"\`vxhost $next\`"*) ;;
+      *) fail "the row of \"$cause\" does not lead to vxhost $next" ;;
+    esac
+    # shellcheck disable=SC2046
+    expect "$then" "$why" $(printf '%s' "$next" | sed "s|COPY|Z:$work/copy|")
+  done
+}
+
+tell <<'END'
+A tool did not run last night|no_event|0|Nothing was delivered: no power event came|doctor|1|standby: no Modern Standby
+A tool did not run last night|service_down|0|the service did not run from|||
+A tool did not run last night|refused|0|refused: it was not signed with a pinned key|trust FILE|1|key not pinned
+A tool did not run last night|not_stored|0|refused: the store did not take the change|||
+A tool did not run last night|late|0|dropped: too late|||
+A tool did not run last night|standby|0|dropped: Modern Standby ended its wait too early|||
+The store looks broken|cut_short|1|cut short: |store restore COPY|0|is kept as
+The store looks broken|zeroed|1|zeroed: |store restore COPY|0|is kept as
+The store looks broken|damaged|1|damaged: |store restore COPY|0|is kept as
+The store looks broken|foreign|1|not a store: |store restore COPY|0|is kept as
+The store looks broken|other_list|1|is not a JSON array|store restore COPY|0|is kept as
+The store looks broken|second_name|1|linked: |||
+The store looks broken|too_large|1|too large: |||
+The service does not start|wrong_module|2|is not a service module|||
+The service does not start|missing_import|2|cannot load |doctor|1|+  service's module: C:\Program Files\VxStories\OrvaneService.dll, version
+The service does not start|missing_module|2|cannot load |doctor|2|-  service's module: C:\Program Files\VxStories\OrvaneService.dll is missing
+The service does not start|no_log_folder|2|cannot list |service install --replace --repair|0|is installed
+The service does not start|open_folder|2|it is not installed|service install|2|can be written by
+END
+exit $((failures > 0))
