@@ -3,6 +3,7 @@ receive, and every scenario of the project are as the schemas say. What vxhost r
 
 import json
 import pathlib
+import re
 import subprocess
 import sys
 import tempfile
@@ -153,6 +154,21 @@ def check_scenarios():
         expect(step, not refused or number in unseen, f"step {number} of the faults", "scenario", "step")
 
 
+def check_page():
+    """The table of docs/vxhost.md names each output with its schema and members."""
+    page = (tests.parent / "docs" / "vxhost.md").read_text(encoding="utf-8")
+    rows = {row[1].strip("` "): row[2] for row in re.findall(r"^\|(.*?)\|(.*?)\|(.*)\|$", page, re.M) if row[1]}
+    parts_only = {"code", "key", "store-document", "store-value"}
+    for name, schema in SCHEMAS["outputs"]["$defs"].items():
+        kinds = schema.get("oneOf") or [schema.get("items", schema)]
+        members = {member for kind in kinds for member in kind.get("properties", {})}
+        missing = members - set(re.findall(r"`(.*?)`", rows.get(name, "")))
+        if name not in parts_only and (name not in rows or missing):
+            failures.append(name)
+            print(f"failed: docs/vxhost.md has no row for {name}, or one without {sorted(missing)}")
+
+
+check_page()
 check_outputs()
 check_stored()
 check_samples()
