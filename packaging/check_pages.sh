@@ -1,12 +1,13 @@
 #!/bin/sh
 # check_pages.sh FOLDER: fails if a page of this staged delivery links to a file that is not in it, or gives
-# one as a command or a source to read. Names in square brackets are evidence, which only the sources have.
+# one as a command or a source to read. Names in square brackets and in a paragraph "Tests:" are
+# evidence, which only the sources have.
 set -eu
 cd "$1"
 missing=$({
   for page in *.md docs/*.md; do
     grep -oE '\]\([^)#]+' "$page" | cut -c 3- | grep -v : | sed "s|^|$(dirname "$page")/|" || :
-    sed -E 's/\[`[^]]*\]//g' "$page" | tr ' \t`"(),;|' '\n' | sed 's|^\./||; s|[.:]$||; s|#.*||' |
+    sed -E '/^Tests: /,/^$/d; s/\[`[^]]*\]//g' "$page" | tr ' \t`"(),;|' '\n' | sed 's|^\./||; s|[.:]$||; s|#.*||' |
       grep -E '^(\.ci|bench|build|cmake|docs|fuzz|hosting|lib|packaging|samples|scenarios|schemas|scripts|src|stores|tests)/' || :
     ! grep -qE '(^|`)(cmake|ctest) ' "$page" || echo "$page: a build"
   done
