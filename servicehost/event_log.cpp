@@ -88,33 +88,27 @@ std::unique_ptr<EventJournal> OpenEventJournal(const std::wstring& source) {
   return std::make_unique<WindowsJournal>(source);
 }
 
-bool EventLogTarget::Write(const LogEntry& entry) noexcept {
-  try {
-    const LogLine& line = entry.line;
-    const bool lost = line.record && SaysThatNothingRan(*line.record);
-    if (!lost && (line.provider != kHostProvider || line.level == L"INFO")) return true;
-    const std::uint64_t now = Platform::CurrentMachine().clock->TickCount();
-    if (now >= windowEnd) {
-      windowEnd = now + kWindow;
-      room = kMostPerWindow;
-    }
-    if (room <= 0) return true;
-    if (--room == 0) {
-      windowEnd = now + kWindow;
-      static_cast<void>(
-          journal->Report(EVENTLOG_WARNING_TYPE, kWarningMessage, {kTooMany, kHostProvider}));
-      return true;
-    }
-    const bool error = !lost && line.level == L"ERROR";
-    static_cast<void>(
-        journal->Report(error ? EVENTLOG_ERROR_TYPE : EVENTLOG_WARNING_TYPE,
-                        error ? kErrorMessage : kWarningMessage,
-                        {Insertable(lost ? TextOf(*line.record) : line.message), line.provider,
-                         Insertable(line.caller), std::to_wstring(entry.thread)}));
-    return true;
-  } catch (const std::exception&) {
-    return false;
+void EventLogTarget::Write(const LogEntry& entry) {
+  const LogLine& line = entry.line;
+  const bool lost = line.record && SaysThatNothingRan(*line.record);
+  if (!lost && (line.provider != kHostProvider || line.level == L"INFO")) return;
+  const std::uint64_t now = Platform::CurrentMachine().clock->TickCount();
+  if (now >= windowEnd) {
+    windowEnd = now + kWindow;
+    room = kMostPerWindow;
   }
+  if (room <= 0) return;
+  if (--room == 0) {
+    windowEnd = now + kWindow;
+    static_cast<void>(
+        journal->Report(EVENTLOG_WARNING_TYPE, kWarningMessage, {kTooMany, kHostProvider}));
+    return;
+  }
+  const bool error = !lost && line.level == L"ERROR";
+  static_cast<void>(journal->Report(
+      error ? EVENTLOG_ERROR_TYPE : EVENTLOG_WARNING_TYPE, error ? kErrorMessage : kWarningMessage,
+      {Insertable(lost ? TextOf(*line.record) : line.message), line.provider,
+       Insertable(line.caller), std::to_wstring(entry.thread)}));
 }
 
 void AddEventSource(const std::wstring& name, const std::wstring& program) {

@@ -34,7 +34,7 @@ class EventLogTarget final : public LogTarget {
  public:
   explicit EventLogTarget(std::unique_ptr<EventJournal> where) : journal(std::move(where)) {}
 
-  bool Write(const LogEntry& entry) noexcept override;
+  void Write(const LogEntry& entry) override;
 
  private:
   std::unique_ptr<EventJournal> journal;

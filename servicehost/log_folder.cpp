@@ -2,16 +2,15 @@
 
 #include <algorithm>
 #include <cwchar>
-#include <exception>
 #include <memory>
 #include <string_view>
-#include <system_error>
 #include <utility>
 #include <vector>
 
 #include <windows.h>
 
 #include "hosting/text.h"
+#include "hosting/windows_error.h"
 #include "platform/windows/file_handle.h"
 
 namespace Vx::Hosting::ServiceHost {
@@ -68,6 +67,10 @@ std::vector<LogFile> LogFiles(const std::wstring& folder, std::wstring_view serv
   return files;
 }
 
+[[noreturn]] void ThrowError(const std::wstring& folder, DWORD error) {
+  throw WindowsError("cannot write to " + Utf8(folder), error);
+}
+
 }  // namespace
 
 std::wstring_view LogAge(std::wstring_view name) {
@@ -85,34 +88,33 @@ std::vector<std::wstring> LogFileNames(const std::wstring& folder, std::wstring_
   return names;
 }
 
-LogFolder::LogFolder(std::wstring where, std::wstring name, LogLimits bounds)
-    : folder(std::move(where)), service(std::move(name)), limits(bounds) {}
+LogFolder::LogFolder(std::wstring where, std::wstring name, LogLimits bounds, Maker make)
+    : folder(std::move(where)),
+      service(std::move(name)),
+      limits(bounds),
+      makeFolder(std::move(make)) {}
 
-bool LogFolder::Write(const LogEntry& entry) noexcept {
-  try {
-    const std::string line = JsonLineOf(entry);
-    const std::wstring day = DayOf(entry.time);
-    if (file == nullptr || day != fileDay || size + line.size() > limits.fileBytes) {
-      Open(day, line.size());
-    }
-    DWORD written = 0;
-    if (WriteFile(file.get(), line.data(), static_cast<DWORD>(line.size()), &written, nullptr) ==
-            FALSE ||
-        written != line.size()) {
-      file.reset();  // the next entry reopens it and appends after this partial line
-      return false;
-    }
-    size += written;
-    return true;
-  } catch (const std::exception&) {
-    file.reset();
-    return false;
+void LogFolder::Write(const LogEntry& entry) {
+  const std::string line = JsonLineOf(entry);
+  const std::wstring day = DayOf(entry.time);
+  if (file == nullptr || day != fileDay || size + line.size() > limits.fileBytes) {
+    Open(day, line.size());
   }
+  DWORD written = 0;
+  const BOOL done =
+      WriteFile(file.get(), line.data(), static_cast<DWORD>(line.size()), &written, nullptr);
+  const DWORD error = done != FALSE ? ERROR_DISK_FULL : GetLastError();
+  if (done == FALSE || written != line.size()) {
+    file.reset();  // the next entry reopens it and appends after this partial line
+    ThrowError(folder, error);
+  }
+  size += written;
 }
 
 // Continues the day's last file if the line fits.
 void LogFolder::Open(const std::wstring& day, std::size_t lineSize) {
   file.reset();
+  if (makeFolder && GetFileAttributesW(folder.c_str()) == INVALID_FILE_ATTRIBUTES) makeFolder();
   unsigned number = 1;
   for (const std::wstring& name : LogFileNames(folder, service)) {
     const std::wstring age(LogAge(name));
@@ -128,9 +130,7 @@ void LogFolder::Open(const std::wstring& day, std::size_t lineSize) {
                                FILE_ATTRIBUTE_NORMAL | FILE_FLAG_OPEN_REPARSE_POINT, OPEN_ALWAYS);
     // Another process is writing to the file, or a program has it open with the right to delete it.
     if (opened == nullptr && GetLastError() == ERROR_SHARING_VIOLATION) continue;
-    if (opened == nullptr) {
-      throw std::system_error(static_cast<int>(GetLastError()), std::system_category());
-    }
+    if (opened == nullptr) ThrowError(folder, GetLastError());
     LARGE_INTEGER length{};
     GetFileSizeEx(opened.get(), &length);
     size = static_cast<std::uint64_t>(length.QuadPart);
@@ -150,7 +150,7 @@ void LogFolder::Open(const std::wstring& day, std::size_t lineSize) {
     DeleteOldest();
     return;
   }
-  throw std::system_error(ERROR_NO_MORE_FILES, std::system_category());
+  ThrowError(folder, ERROR_NO_MORE_FILES);
 }
 
 // Goes by the last write, because the clock may have been wrong when a file was named.

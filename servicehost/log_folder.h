@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -32,10 +33,13 @@ std::vector<std::wstring> LogFileNames(const std::wstring& folder, std::wstring_
 // A killed process leaves at most one incomplete line. The next process starts on a new line.
 class LogFolder : public LogTarget {
  public:
-  // `folder` must exist. File names start with `service`.
-  LogFolder(std::wstring folder, std::wstring service, LogLimits limits = {});
+  // Makes the folder if it is missing. Throws std::exception if it may not be made.
+  using Maker = std::function<void()>;
 
-  bool Write(const LogEntry& entry) noexcept override;
+  // File names start with `service`. Without `make`, the folder must exist.
+  LogFolder(std::wstring folder, std::wstring service, LogLimits limits = {}, Maker make = {});
+
+  void Write(const LogEntry& entry) override;
 
  private:
   void Open(const std::wstring& day, std::size_t lineSize);
@@ -44,6 +48,7 @@ class LogFolder : public LogTarget {
   const std::wstring folder;
   const std::wstring service;
   const LogLimits limits;
+  const Maker makeFolder;
   Platform::UniqueHandle file;
   std::wstring fileName;
   std::wstring fileDay;

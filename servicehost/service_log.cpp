@@ -18,6 +18,7 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 constexpr wchar_t kDropped[] = L" log lines were dropped";
+constexpr wchar_t kLosing[] = L"log lines are lost from here on: ";
 constexpr wchar_t kRepeated[] = L" (repeated: ";  // followed by the count and a bracket
 
 void AppendRecord(std::string& out, const DecisionRecord& record) {
@@ -57,6 +58,10 @@ bool IsRepeated(const LogLine& line, const LogLine& next) {
          line.provider == next.provider && line.caller == next.caller;
 }
 
+LogEntry HostEntry(const wchar_t* level, std::wstring message) {
+  return EntryOf(LogLine{level, kHostProvider, {}, std::move(message)});
+}
+
 }  // namespace
 
 LogEntry EntryOf(LogLine line) {
@@ -82,9 +87,12 @@ std::string JsonLineOf(const LogEntry& entry) {
   return text + "}\n";
 }
 
-ServiceLog::ServiceLog(std::vector<std::unique_ptr<LogTarget>> places, std::size_t limit,
+ServiceLog::ServiceLog(std::vector<std::unique_ptr<LogTarget>> targets, std::size_t limit,
                        std::chrono::milliseconds foldFor)
-    : targets(std::move(places)), capacity(limit), foldTime(foldFor), writer([this] { Run(); }) {}
+    : capacity(limit), foldTime(foldFor) {
+  for (auto& target : targets) places.push_back({std::move(target)});
+  writer = Platform::Thread([this] { Run(); });
+}
 
 ServiceLog::~ServiceLog() {
   {
@@ -163,20 +171,18 @@ void ServiceLog::Run() noexcept {
     }
     writing = true;
     guard.unlock();
-    std::uint64_t failed = 0;
     for (Repeat& repeat : repeats) {
-      if (all || repeat.end <= Clock::now()) failed += WriteRepeat(repeat);
+      if (all || repeat.end <= Clock::now()) WriteRepeat(repeat);
     }
-    if (missing != 0 && !WriteLoss(missing)) failed += missing;
-    if (!idle) failed += WriteNext(std::move(entry));
+    for (Place& place : places) place.lost += missing;
+    if (!idle) WriteNext(std::move(entry));
     guard.lock();
-    lost += failed;
     writing = false;
     changed.notify_all();
   }
 }
 
-std::uint64_t ServiceLog::WriteNext(LogEntry entry) noexcept {
+void ServiceLog::WriteNext(LogEntry entry) noexcept {
   const auto threadOf = [](const Repeat& repeat) { return repeat.entry.thread; };
   auto known = std::ranges::find(repeats, entry.thread, threadOf);
   if (known == repeats.end()) known = std::ranges::min_element(repeats, {}, &Repeat::end);
@@ -184,39 +190,50 @@ std::uint64_t ServiceLog::WriteNext(LogEntry entry) noexcept {
   if (known->entry.thread == entry.thread && now < known->end &&
       IsRepeated(known->entry.line, entry.line)) {
     ++known->count;
-    return 0;
+    return;
   }
-  const std::uint64_t failed = WriteRepeat(*known);
+  WriteRepeat(*known);
   *known = {std::move(entry), now + foldTime};
-  return failed + (WriteEverywhere(known->entry) ? 0U : 1U);
+  WriteEverywhere(known->entry);
 }
 
-std::uint64_t ServiceLog::WriteRepeat(Repeat& repeat) noexcept {
+void ServiceLog::WriteRepeat(Repeat& repeat) noexcept {
   const std::uint64_t count = std::exchange(repeat.count, 0);
-  if (count == 0) return 0;
+  if (count == 0) return;
   try {
     LogEntry entry = repeat.entry;
     entry.time = Platform::CurrentMachine().clock->UtcFileTime();
     entry.line.message += kRepeated + std::to_wstring(count) + L")";
-    return WriteEverywhere(entry) ? 0 : 1;
+    WriteEverywhere(entry);
   } catch (const std::exception&) {
-    return 1;
+    for (Place& place : places) ++place.lost;
   }
 }
 
-bool ServiceLog::WriteLoss(std::uint64_t count) noexcept {
+void ServiceLog::WriteEverywhere(const LogEntry& entry) noexcept {
+  for (Place& place : places) {
+    try {
+      if (place.lost != 0) {
+        place.target->Write(HostEntry(L"WARNING", std::to_wstring(place.lost) + kDropped));
+        place.lost = 0;
+      }
+      place.target->Write(entry);
+      place.failing = false;
+    } catch (const std::exception& error) {
+      ++place.lost;
+      if (!std::exchange(place.failing, true)) ReportFailure(error.what());
+    }
+  }
+}
+
+void ServiceLog::ReportFailure(const char* why) noexcept {
   try {
-    return WriteEverywhere(
-        EntryOf(LogLine{L"WARNING", kHostProvider, {}, std::to_wstring(count) + kDropped}));
-  } catch (const std::exception&) {
-    return false;
+    const LogEntry entry = HostEntry(L"ERROR", kLosing + Wide(why));
+    for (const Place& place : places) {
+      if (!place.failing) place.target->Write(entry);
+    }
+  } catch (const std::exception&) {  // NOLINT(bugprone-empty-catch): it reports its next failure
   }
-}
-
-bool ServiceLog::WriteEverywhere(const LogEntry& entry) noexcept {
-  bool written = true;
-  for (const auto& target : targets) written = target->Write(entry) && written;
-  return written;
 }
 
 }  // namespace Vx::Hosting::ServiceHost

@@ -24,17 +24,19 @@ struct LogEntry {
   LogLine line;
 };
 
-// A destination for log entries. Called on one thread. It may block and must not throw.
+// A destination for log entries. Called on one thread. It may block.
 class LogTarget {
  public:
   virtual ~LogTarget() = default;
 
-  // Returns false if the entry is lost.
-  virtual bool Write(const LogEntry& entry) noexcept = 0;
+  // Throws std::exception with the reason if the entry is lost.
+  virtual void Write(const LogEntry& entry) = 0;
 };
 
 // Writes log entries to every target, in order, on its own thread. Adding never waits for a target:
 // if the queue is full, entries are dropped, and a warning with their number precedes the next one.
+// When a target begins to lose entries, the others get an error with the reason, and it gets their
+// number as soon as it works again.
 //
 // If a thread repeats an entry that has no record, the entry is written once, and again with the
 // repeat count after a second or before the thread's next different entry.
@@ -42,7 +44,7 @@ class ServiceLog {
  public:
   static constexpr std::size_t kQueue = 4096;  // entries
 
-  explicit ServiceLog(std::vector<std::unique_ptr<LogTarget>> places, std::size_t limit = kQueue,
+  explicit ServiceLog(std::vector<std::unique_ptr<LogTarget>> targets, std::size_t limit = kQueue,
                       std::chrono::milliseconds foldFor = std::chrono::seconds(1));
   ServiceLog(const ServiceLog&) = delete;
   ServiceLog& operator=(const ServiceLog&) = delete;
@@ -65,21 +67,27 @@ class ServiceLog {
     std::uint64_t count = 0;                    // repetitions not yet written
   };
 
+  // A target, and how many entries it lost since the last that it took.
+  struct Place {
+    std::unique_ptr<LogTarget> target;
+    std::uint64_t lost = 0;
+    bool failing = false;
+  };
+
   void Add(LogLine line);
   void Run() noexcept;
-  // Return how many entries were lost.
-  std::uint64_t WriteNext(LogEntry entry) noexcept;
-  std::uint64_t WriteRepeat(Repeat& repeat) noexcept;
+  void WriteNext(LogEntry entry) noexcept;
+  void WriteRepeat(Repeat& repeat) noexcept;
   void CountLost() noexcept;
-  bool WriteLoss(std::uint64_t count) noexcept;
-  bool WriteEverywhere(const LogEntry& entry) noexcept;
+  void WriteEverywhere(const LogEntry& entry) noexcept;
+  void ReportFailure(const char* why) noexcept;
 
-  const std::vector<std::unique_ptr<LogTarget>> targets;
+  std::vector<Place> places;  // used only by the writer
   const std::size_t capacity;
   std::mutex lock;
   std::condition_variable changed;
   std::deque<LogEntry> queue;  // guarded by `lock`, like the next four
-  std::uint64_t lost = 0;      // since the last warning
+  std::uint64_t lost = 0;      // before it reached the writer
   bool writing = false;
   bool ending = false;
   bool flushing = false;

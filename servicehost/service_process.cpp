@@ -73,11 +73,14 @@ void WINAPI ServiceMain(DWORD /*count*/, LPWSTR* /*arguments*/) noexcept {
   SetEnvironmentVariableW(L"ProgramData", programData.c_str());
   ManagerSink sink;
   std::vector<std::unique_ptr<LogTarget>> places;
-  places.push_back(
-      std::make_unique<LogFolder>(DataFolders(programData, Writers::System).Logs(), TheName()));
+  const ServiceOptions options = ReadParameters(TheName());
+  const DataFolders folders(programData, options.development ? Writers::Account : Writers::System);
+  places.push_back(std::make_unique<LogFolder>(folders.Logs(), TheName(), LogLimits{}, [folders] {
+    folders.Prepare(DataFolders::Existing::Report);
+  }));
   places.push_back(std::make_unique<EventLogTarget>(OpenEventJournal(TheName())));
   places.push_back(std::make_unique<TraceTarget>(OpenTraceWriter()));
-  ServiceProcess service(ReadParameters(TheName()), std::move(places), sink);
+  ServiceProcess service(options, std::move(places), sink);
   sink.handle = RegisterServiceCtrlHandlerExW(TheName().c_str(), &HandleControl, &service);
   if (sink.handle != nullptr) service.Run();
 }

@@ -1,7 +1,6 @@
 #include "servicehost/trace_target.h"
 
 #include <cstring>
-#include <exception>
 #include <string_view>
 
 #include <windows.h>
@@ -138,17 +137,13 @@ std::unique_ptr<TraceWriter> OpenTraceWriter() {
   return std::make_unique<WindowsTrace>();
 }
 
-bool TraceTarget::Write(const LogEntry& entry) noexcept {
-  try {
-    const LogLine& line = entry.line;
-    const std::uint8_t level = line.level == L"ERROR" ? 2 : line.level == L"WARNING" ? 3 : 4;
-    if (!writer->Listens(level)) return true;
-    const Bytes values[] = {ValueOf(line.level), ValueOf(line.provider), ValueOf(line.caller),
-                            ValueOf(entry.thread), ValueOf(line.message)};
-    writer->Write(level, Traits(), Description(), values);
-  } catch (const std::exception&) {  // NOLINT(bugprone-empty-catch): the log files have it
-  }
-  return true;
+void TraceTarget::Write(const LogEntry& entry) {
+  const LogLine& line = entry.line;
+  const std::uint8_t level = line.level == L"ERROR" ? 2 : line.level == L"WARNING" ? 3 : 4;
+  if (!writer->Listens(level)) return;
+  const Bytes values[] = {ValueOf(line.level), ValueOf(line.provider), ValueOf(line.caller),
+                          ValueOf(entry.thread), ValueOf(line.message)};
+  writer->Write(level, Traits(), Description(), values);
 }
 
 }  // namespace Vx::Hosting::ServiceHost

@@ -34,8 +34,8 @@ class TraceTarget final : public LogTarget {
  public:
   explicit TraceTarget(std::unique_ptr<TraceWriter> where) : writer(std::move(where)) {}
 
-  // Always returns true: a session that cannot keep up loses events, and Windows counts them.
-  bool Write(const LogEntry& entry) noexcept override;
+  // A session that cannot keep up loses events, and Windows counts them.
+  void Write(const LogEntry& entry) override;
 
  private:
   std::unique_ptr<TraceWriter> writer;

@@ -28,11 +28,10 @@ class LogLines {
   class Target final : public LogTarget {
    public:
     explicit Target(LogLines& kept) : lines(kept) {}
-    bool Write(const LogEntry& entry) noexcept override {
+    void Write(const LogEntry& entry) override {
       const std::lock_guard guard(lines.lock);
       lines.text +=
           entry.line.level + L" " + entry.line.caller + L": " + entry.line.message + L"\n";
-      return true;
     }
 
    private:

@@ -39,10 +39,10 @@ TEST(LogFolderTest, BeginsAFileWithTheDayAndAtTheLimitAndKeepsTheNewest) {
   LogFolder log(folder.Path().wstring(), L"A-1", {.fileBytes = 400, .files = 4});
   for (int day = 0; day < 3; ++day) {
     for (int line = 0; line < 4; ++line) {  // three lines fit
-      EXPECT_TRUE(log.Write(Entry(kFirstDay + static_cast<std::uint64_t>(day) * kDay, L"line")));
+      log.Write(Entry(kFirstDay + static_cast<std::uint64_t>(day) * kDay, L"line"));
     }
   }
-  EXPECT_TRUE(log.Write(Entry(kFirstDay + 2 * kDay, std::wstring(400, L'x'))));  // more than fits
+  log.Write(Entry(kFirstDay + 2 * kDay, std::wstring(400, L'x')));  // more than fits
   EXPECT_THAT(Names(folder.Path()),
               ElementsAre("A-1-20240102-0002.log", "A-1-20240103-0001.log", "A-1-20240103-0002.log",
                           "A-1-20240103-0003.log", "A-1-notes.log", "A-2-20230101-0001.log"));
@@ -59,10 +59,10 @@ TEST(LogFolderTest, DeletesTheFileThatWasWrittenLongestAgoWhateverItsName) {
                     std::filesystem::file_time_type::clock::now() - std::chrono::hours(1));
   }
   LogFolder log(folder.Path().wstring(), L"A", {.files = 2});
-  EXPECT_TRUE(log.Write(Entry(kFirstDay, L"line")));
+  log.Write(Entry(kFirstDay, L"line"));
   EXPECT_THAT(LogFileNames(folder.Path().wstring()),
               ElementsAre(L"A-20240101-0001.log", L"A-20370102-0001.log"));
-  EXPECT_TRUE(log.Write(Entry(kFirstDay + kDay, L"line")));
+  log.Write(Entry(kFirstDay + kDay, L"line"));
   EXPECT_THAT(LogFileNames(folder.Path().wstring(), L"a"),
               ElementsAre(L"A-20240101-0001.log", L"A-20240102-0001.log"));
 }
@@ -72,7 +72,7 @@ TEST(LogFolderTest, ContinuesBehindALineThatAKillTore) {
   const auto file = folder.Path() / "A-20240101-0001.log";
   Tests::WriteText(file, "{\"time\":\"20");
   LogFolder log(folder.Path().wstring(), L"A");
-  EXPECT_TRUE(log.Write(Entry(kFirstDay + 12'345'0000, L"a \"b\"\n\xE9")));
+  log.Write(Entry(kFirstDay + 12'345'0000, L"a \"b\"\n\xE9"));
   EXPECT_EQ(Tests::ReadText(file),
             "{\"time\":\"20\n"
             R"({"time":"2024-01-01T00:00:12.345Z","level":"WARNING","provider":"Vx-Test",)"
@@ -85,9 +85,9 @@ TEST(LogFolderTest, LeavesAFileThatAnotherProcessWritesToIt) {
   LogFolder other(folder.Path().wstring(), L"A");
   LogFolder log(folder.Path().wstring(), L"A");
   const LogEntry entry = Entry(kFirstDay, L"text");
-  EXPECT_TRUE(other.Write(entry));
-  EXPECT_TRUE(log.Write(entry));
-  EXPECT_TRUE(other.Write(entry));
+  other.Write(entry);
+  log.Write(entry);
+  other.Write(entry);
   EXPECT_EQ(Tests::ReadText(folder.Path() / "A-20240101-0001.log"),
             JsonLineOf(entry) + JsonLineOf(entry));
   EXPECT_EQ(Tests::ReadText(folder.Path() / "A-20240101-0002.log"), JsonLineOf(entry));
@@ -100,50 +100,64 @@ BOOL WINAPI WriteHalf(HANDLE file, const void* bytes, DWORD size, DWORD* count, 
   return writeAll(file, bytes, size / 2, count, late) != FALSE && partlyWritten != FALSE;
 }
 
+std::string WhyLost(LogTarget& log, const LogEntry& entry) {
+  try {
+    log.Write(entry);
+    return {};
+  } catch (const std::exception& error) {
+    return error.what();
+  }
+}
+
 TEST(LogFolderTest, LosesOnlyWhatItCannotWriteAndSaysSo) {
   const Tests::TempFolder parent;
   const auto folder = parent.Path() / L"Logs";
-  LogFolder log(folder.wstring(), L"A");
-  EXPECT_FALSE(log.Write(Entry(kFirstDay, L"there is no folder")));
-  std::filesystem::create_directory(folder);
+  bool allowed = false;
+  LogFolder log(folder.wstring(), L"A", {}, [&] {
+    if (!allowed) throw std::runtime_error("it may not be made");
+    std::filesystem::create_directory(folder);
+  });
   const LogEntry entry = Entry(kFirstDay, L"text");
+  EXPECT_EQ(WhyLost(log, entry), "it may not be made");
+  allowed = true;
   const std::string line = JsonLineOf(entry);
   std::string expected;
   for (const BOOL outcome : {TRUE, FALSE}) {
-    EXPECT_TRUE(log.Write(entry));
+    log.Write(entry);
     partlyWritten = outcome;
     const Tests::ImportOverride full(__imp_WriteFile, &WriteHalf);
-    EXPECT_FALSE(log.Write(entry));
+    EXPECT_THAT(WhyLost(log, entry), StartsWith("cannot write to " + folder.string()));
     expected += line + line.substr(0, line.size() / 2) + "\n";
   }
-  EXPECT_TRUE(log.Write(entry));
+  log.Write(entry);
   const auto file = folder / L"A-20240101-0001.log";
   EXPECT_FALSE(DeleteFileW(file.c_str())) << "what is written later would go with it";
   EXPECT_EQ(Tests::ReadText(file), expected + line);
 }
 
-// A target that keeps every record, even one that it refuses.
+// A target that keeps every record that it does not refuse.
 class Target : public LogTarget {
  public:
-  explicit Target(std::vector<std::wstring>& out, bool works = true) : messages(out), good(works) {}
-  bool Write(const LogEntry& entry) noexcept override {
+  explicit Target(std::vector<std::wstring>& out, const bool* works = nullptr)
+      : messages(out), good(works) {}
+  void Write(const LogEntry& entry) override {
+    if (good != nullptr && !*good) throw std::runtime_error("the disk is gone");
     messages.push_back(entry.line.message);
-    return good;
   }
 
  private:
   std::vector<std::wstring>& messages;
-  bool good;
+  const bool* good;
 };
 
 // Holds every record back until it is opened.
 class Gate final : public Target {
  public:
   using Target::Target;
-  bool Write(const LogEntry& entry) noexcept override {
+  void Write(const LogEntry& entry) override {
     SetEvent(entered.get());
     WaitForSingleObject(open.get(), 10'000);
-    return Target::Write(entry);
+    Target::Write(entry);
   }
   Platform::UniqueHandle open{CreateEventW(nullptr, TRUE, FALSE, nullptr)};
   Platform::UniqueHandle entered{CreateEventW(nullptr, TRUE, FALSE, nullptr)};
@@ -200,12 +214,13 @@ TEST(ServiceLogTest, ARepeatedLineIsCountedAfterAWhileAndThenWrittenAgain) {
   EXPECT_THAT(messages, ElementsAre(L"a", L"a (repeated: 1)", L"a"));
 }
 
-TEST(ServiceLogTest, CountsWhatATargetRefusesAndWhatItHasNoMemoryFor) {
+TEST(ServiceLogTest, NamesOnceWhatATargetRefusesAndCountsWhatItLost) {
   std::vector<std::wstring> refused;
   std::vector<std::wstring> messages;
+  bool works = false;
   {
     ServiceLog log(
-        TargetsOf(std::make_unique<Target>(refused, false), std::make_unique<Target>(messages)));
+        TargetsOf(std::make_unique<Target>(refused, &works), std::make_unique<Target>(messages)));
     log.Add(L"INFO", L"first");
     log.Flush();
     {
@@ -217,10 +232,13 @@ TEST(ServiceLogTest, CountsWhatATargetRefusesAndWhatItHasNoMemoryFor) {
       log.Add(line);
     }
     log.Add(L"INFO", L"next");
+    log.Flush();
+    works = true;
     log.Add(L"INFO", L"last");
   }
-  EXPECT_THAT(messages, ElementsAre(L"first", L"3 log lines were dropped", L"next",
-                                    L"4 log lines were dropped", L"last"));
+  EXPECT_THAT(messages, ElementsAre(L"log lines are lost from here on: the disk is gone", L"first",
+                                    L"2 log lines were dropped", L"next", L"last"));
+  EXPECT_THAT(refused, ElementsAre(L"4 log lines were dropped", L"last"));
 }
 
 TEST(JsonLineTest, ARecordHasTheMembersThatSaySomething) {
@@ -268,7 +286,7 @@ TEST(EventLogTest, TakesTheHostsWarningsAndTheDeliveriesThatDidNotRun) {
   EventLogTarget target(std::make_unique<Journal>(records));
   for (const wchar_t* provider : {kHostProvider, L"Vx-Test"}) {
     for (const wchar_t* level : {L"INFO", L"WARNING", L"ERROR"}) {
-      EXPECT_TRUE(target.Write({kFirstDay, 7, 9, {level, provider, L"", L"text"}}));
+      target.Write({kFirstDay, 7, 9, {level, provider, L"", L"text"}});
     }
   }
   EXPECT_THAT(records, ElementsAre(L"2 2147483649|text|Vx-Host-Service||7",
@@ -290,7 +308,7 @@ TEST(EventLogTest, TakesTheHostsWarningsAndTheDeliveriesThatDidNotRun) {
     records.clear();
     LogLine line{L"INFO", L"Vx-Test", L"client", L"text"};
     line.record = {.kind = c.kind, .decision = c.decision, .subscription = L"1f"};
-    EXPECT_TRUE(target.Write({kFirstDay, 7, 9, line}));
+    target.Write({kFirstDay, 7, 9, line});
     EXPECT_EQ(records.size(), c.taken ? 1U : 0U);
   }
   LogLine line{L"ERROR", L"Vx-Test", L"client", L"text"};
@@ -300,7 +318,7 @@ TEST(EventLogTest, TakesTheHostsWarningsAndTheDeliveriesThatDidNotRun) {
                  .subscription = L"1f",
                  .target = L"C:\\%1\n%{\x202E.exe"};
   line.caller = L"%2";
-  EXPECT_TRUE(target.Write({kFirstDay, 7, 9, line}));
+  target.Write({kFirstDay, 7, 9, line});
   EXPECT_EQ(records.back(),
             L"2 2147483649|power delivery did not run: refused, reason unsigned, subscription 1f, "
             L"target C:\\\xFF05"
@@ -315,7 +333,7 @@ TEST(EventLogTest, AFloodOfEventsIsCutForAMinuteWithOneEventThatSaysSo) {
   EventLogTarget target(std::make_unique<Journal>(records));
   const auto write = [&](int count) {
     for (int i = 0; i < count; ++i) {
-      EXPECT_TRUE(target.Write({kFirstDay, 7, 9, {L"ERROR", kHostProvider, L"", L"text"}}));
+      target.Write({kFirstDay, 7, 9, {L"ERROR", kHostProvider, L"", L"text"}});
     }
   };
   write(100);
@@ -370,8 +388,8 @@ class Trace final : public TraceWriter {
 TEST(TraceTargetTest, AnEventDescribesItsFieldsAndThenHasTheirValues) {
   std::string bytes;
   TraceTarget target(std::make_unique<Trace>(bytes));
-  EXPECT_TRUE(target.Write({kFirstDay, 'T', 9, {L"INFO", L"p", L"c", L"not recorded"}}));
-  EXPECT_TRUE(target.Write({kFirstDay, 'T', 9, {L"ERROR", L"p", L"", L"m"}}));
+  target.Write({kFirstDay, 'T', 9, {L"INFO", L"p", L"c", L"not recorded"}});
+  target.Write({kFirstDay, 'T', 9, {L"ERROR", L"p", L"", L"m"}});
   EXPECT_EQ(bytes,
             "2|\x12.Vx-Host-Service."
             "|\x31..Log.level.\x01provider.\x01"

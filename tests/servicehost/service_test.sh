@@ -127,6 +127,19 @@ mv "$place/OrvaneService.dll" "$work"
 expect 2 'the service cannot run: cannot load ' service start --name "$name"
 mv "$work/OrvaneService.dll" "$place"
 
+# A folder that is gone is made again, but not where another account could lead it elsewhere.
+rm -rf "$data/Logs"
+expect 0 ' runs' service start --name "$name"
+logged '"message":"the service runs as process'
+expect 0 'has stopped' service stop --name "$name"
+mv "$data" "$work/data"
+mkdir "$data" && chmod 777 "$data"
+expect 0 ' runs' service start --name "$name"
+expect 0 'has stopped' service stop --name "$name"
+[ ! -e "$data/Logs" ] || fail 'the service makes a folder for its logs in one of another account'
+rm -rf "$data"
+mv "$work/data" "$data"
+
 # The subscription is there again after a restart.
 expect 0 ' runs' service start --name "$name"
 expect 0 'none.exe' exec 20 --service="$name"

@@ -49,14 +49,7 @@ class ConsoleTarget final : public ServiceHost::LogTarget {
  public:
   explicit ConsoleTarget(Console& shown) : console(shown) {}
 
-  bool Write(const ServiceHost::LogEntry& entry) noexcept override {
-    try {
-      console.Log(entry.line);
-      return true;
-    } catch (const std::exception&) {
-      return false;
-    }
-  }
+  void Write(const ServiceHost::LogEntry& entry) override { console.Log(entry.line); }
 
  private:
   Console& console;
