@@ -2,15 +2,15 @@
 
 #include <algorithm>
 #include <cstddef>
-#include <iterator>
 
 #include <windows.h>
 
 #include <aclapi.h>
-#include <sddl.h>
 
 #include "hosting/text.h"
 #include "platform/unique_handle.h"
+#include "platform/windows/file_handle.h"
+#include "servicehost/accounts.h"
 
 namespace Vx::Hosting::ServiceHost {
 
@@ -43,23 +43,6 @@ class TokenAccount {
   alignas(TOKEN_USER) std::byte buffer[sizeof(TOKEN_USER) + SECURITY_MAX_SID_SIZE] = {};
   bool known = false;
 };
-
-std::wstring TextOf(PSID sid) {
-  wchar_t* text = nullptr;
-  if (sid == nullptr || ConvertSidToStringSidW(sid, &text) == FALSE) return {};
-  return Platform::UniqueLocalMemory<wchar_t>(text).get();
-}
-
-std::wstring NameOf(PSID sid) {
-  wchar_t name[256];
-  wchar_t domain[256];
-  DWORD nameSize = static_cast<DWORD>(std::size(name));
-  DWORD domainSize = static_cast<DWORD>(std::size(domain));
-  SID_NAME_USE use{};
-  const bool found = sid != nullptr && LookupAccountSidW(nullptr, sid, name, &nameSize, domain,
-                                                         &domainSize, &use) != FALSE;
-  return found ? name : L"";
-}
 
 // Returns whether `group` is enabled in `token`. The administrators group is not enabled for an
 // administrator who has not elevated. CheckTokenMembership takes only impersonation tokens.
@@ -100,7 +83,7 @@ PipeCaller CallerOf(std::uint32_t processId) {
   caller.process.reset(OpenProcess(PROCESS_QUERY_LIMITED_INFORMATION, FALSE, processId));
   const UniqueHandle token = TokenOf(caller.process.get());
   if (token == nullptr) return caller;
-  caller.account = TextOf(TokenAccount(token.get()).Sid());
+  caller.account = Platform::SidText(TokenAccount(token.get()).Sid());
   caller.privileged = IsMember(token.get(), WinLocalSystemSid) ||
                       IsMember(token.get(), WinBuiltinAdministratorsSid);
   caller.file = FileNameOf(caller.process.get());
@@ -110,7 +93,8 @@ PipeCaller CallerOf(std::uint32_t processId) {
 std::wstring CallerName(const PipeCaller& caller) {
   std::wstring process = L"process " + std::to_wstring(caller.processId);
   if (caller.account.empty()) return process;
-  const std::wstring user = NameOf(TokenAccount(TokenOf(caller.process.get()).get()).Sid());
+  std::wstring user = AccountName(caller.account);
+  user.erase(0, user.rfind(L'\\') + 1);
   // The user comes first, because a long file name is cut.
   std::wstring name = Harmless(user.empty() ? caller.account : user) + L": " +
                       Harmless(caller.file.empty() ? process : caller.file);
@@ -126,7 +110,7 @@ std::wstring OwnerOf(Platform::RawHandle pipe) {
     return {};
   }
   const Platform::UniqueLocalMemory<void> descriptor(raw);
-  return TextOf(owner);
+  return Platform::SidText(owner);
 }
 
 }  // namespace Vx::Hosting::ServiceHost

@@ -12,6 +12,7 @@
 
 #include "platform/clock.h"
 #include "platform/machine.h"
+#include "servicehost/accounts.h"
 #include "servicehost/pipe_io.h"
 
 namespace Vx::Hosting::ServiceHost {
@@ -58,14 +59,6 @@ std::wstring PipePath(const std::wstring& serviceName) {
   return L"\\\\.\\pipe\\VxHost-" + serviceName;
 }
 
-void CheckSids(const std::vector<std::wstring>& texts) {
-  for (const std::wstring& sid : texts) {
-    PSID parsed = nullptr;
-    if (ConvertStringSidToSidW(sid.c_str(), &parsed) == FALSE) ThrowLastError("--allow");
-    const Platform::UniqueLocalMemory<void> owner(parsed);
-  }
-}
-
 std::wstring PipeAccess(const std::vector<std::wstring>& allowed) {
   const PipeCaller self = CallerOf(GetCurrentProcessId());
   std::wstring access = self.privileged && self.account != kSystem ? L"O:BA" : L"O:" + self.account;
@@ -82,10 +75,9 @@ PipeServer::PipeServer(PipeOptions settings, Handler run, Report tell)
       report(std::move(tell)),
       stop(NewEvent(TRUE)),
       left(NewEvent(FALSE)) {
-  CheckSids(options.allowed);
   PSECURITY_DESCRIPTOR raw = nullptr;
   if (ConvertStringSecurityDescriptorToSecurityDescriptorW(
-          PipeAccess(options.allowed).c_str(), SDDL_REVISION_1, &raw, nullptr) == FALSE) {
+          PipeAccess(SidsOf(options.allowed)).c_str(), SDDL_REVISION_1, &raw, nullptr) == FALSE) {
     ThrowLastError("access list");
   }
   security.reset(raw);

@@ -21,12 +21,9 @@ namespace Vx::Hosting::ServiceHost {
 // Returns the path of the pipe that the service `serviceName` uses.
 std::wstring PipePath(const std::wstring& serviceName);
 
-// Throws std::system_error if a string is not a SID, because it could inject access entries.
-void CheckSids(const std::vector<std::wstring>& texts);
-
 struct PipeOptions {
   std::wstring path;
-  std::vector<std::wstring> allowed;  // SIDs of accounts besides SYSTEM and administrators
+  std::vector<std::wstring> allowed;  // see SidsOf; accounts besides SYSTEM and administrators
   std::size_t clients = 64;           // served at a time; one more can wait
   std::size_t reserved = 4;           // of these, reserved for SYSTEM and administrators
   std::size_t perAccount = 16;        // of these, at most per other account
@@ -47,8 +44,7 @@ class PipeServer {
   // message is a view because some report that memory ran out.
   using Report = std::function<void(const wchar_t* level, std::wstring_view message)>;
 
-  // Starts serving. Throws std::system_error if no thread or event can be created, or if `allowed`
-  // contains a string that is not a SID.
+  // Starts serving. Throws std::system_error if no thread or event can be created, and like SidsOf.
   PipeServer(PipeOptions settings, Handler run, Report tell);
   PipeServer(const PipeServer&) = delete;
   PipeServer& operator=(const PipeServer&) = delete;

@@ -7,6 +7,7 @@
 #include <aclapi.h>
 #include <sddl.h>
 
+#include "hosting/windows_error.h"
 #include "platform/thread.h"
 #include "platform/threads.h"
 #include "servicehost/open_pipe.h"
@@ -493,7 +494,7 @@ TEST_F(PipeTest, AClientSendsNothingIntoThePipeOfAnotherAccount) {
 }
 
 TEST_F(PipeTest, ItsAccessListAdmitsOnlyWhoWasNamed) {
-  EXPECT_THROW(Serve({L"S-1-1-0)(A;;GA;;;WD"}), std::system_error);
+  EXPECT_THROW(Serve({L"S-1-1-0)(A;;GA;;;WD"}), WindowsError);
   Serve({L"S-1-5-21-1-2-3-1001"});
   const auto pipe = RawClient();
   PSECURITY_DESCRIPTOR raw = nullptr;

@@ -35,12 +35,13 @@ cp "$module" "$place/open/"
 chmod 777 "$place/open"
 open="C:\\Program Files\\$name\\open\\OrvaneService.dll"
 expect 2 'can be written by S-1-5-21' service install --name "$name"
-expect 2 'can be written by S-1-1-0' --dll "$open" \
+expect 2 'can be written by S-1-1-0 (Everyone)' --dll "$open" \
   service install --name "$name" --development
 expect 2 'only administrators write to' --dll "$open" \
   service install --name "$name" --development
 expect 2 "a service's name has" service install --name 'a b' --development
-expect 2 '--allow' service install --name "$name" --development --allow Everyone
+expect 2 'there is no account nobody at all (error 1332): ' service install --name "$name" --development \
+  --allow 'nobody at all'
 # The maker of a link would choose where the store and the logs are.
 for folder in "$data" "$data/SharedServices" "$data/Logs"; do
   rm -rf "$data"
@@ -59,9 +60,10 @@ expect 2 'can be written by' --dll "$open" \
   service install --name "$name" --development --replace
 expect 0 'is installed' service install --name "$name" --development --replace --start auto
 expect 1 'auto' service status --name "$name"
-expect 0 'is installed' service install --name "$name" --replace --start demand --allow S-1-5-32-546
-expect 0 'S-1-5-32-546 may now' service install --name "$name" --replace
+expect 0 'is installed' service install --name "$name" --replace --start demand --allow 'BUILTIN\Guests'
+expect 0 'S-1-5-32-546 (BUILTIN\Guests) may now' service install --name "$name" --replace
 expect 1 'demand' service status --name "$name"
+grep -qF 'allow:   S-1-5-32-546 (BUILTIN\Guests)' "$work/output" || fail 'status names no account:' "$work/output"
 for folder in "$data" "$data/Logs" "$data/SharedServices"; do
   if [ -n "$(find "$folder" -maxdepth 0 -perm /002)" ]; then
     fail "others may write to $folder"

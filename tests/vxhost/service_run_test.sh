@@ -9,7 +9,7 @@ need "$module" "$with_data"
 expect 2 'no event to send' service send
 expect 2 '--process needs --service' exec 22 --process 1
 expect 2 'there is no folder' --dll "$module" service run --seconds 1 --log "$work/missing"
-expect 2 'Invalid SID' --dll "$module" service run --seconds 1 --allow S-1-nonsense
+expect 2 'there is no account S-1-nonsense' --dll "$module" service run --seconds 1 --allow S-1-nonsense
 ! grep -q 'the module is started' "$work/output" || fail "the module runs before its options are read"
 
 mkdir "$work/served"

@@ -10,6 +10,7 @@
 #include "hosting/text.h"
 #include "hosting/windows_error.h"
 #include "platform/windows_runtime_error.h"
+#include "servicehost/accounts.h"
 #include "vxhost/service/service_manager.h"
 
 #include <windows.h>
@@ -149,7 +150,8 @@ int CommandLine::Fail(const std::string& why, std::int32_t result) const {
     Console({.form = LogForm::Json}).JsonResult(ErrorJson(why, kUnusable, result));
   } else {
     const std::string code = result == 0 ? "" : ": " + DescribeResult(result);
-    std::fprintf(stderr, "vxhost: %s\n", Printable(why + code, LineBreaks::Keep).c_str());
+    const std::string text = ServiceHost::WithAccountNames(why + code);
+    std::fprintf(stderr, "vxhost: %s\n", Printable(text, LineBreaks::Keep).c_str());
   }
   return kUnusable;
 }

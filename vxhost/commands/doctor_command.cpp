@@ -25,6 +25,7 @@
 #include "platform/system_services.h"
 #include "security/file_trust.h"
 #include "security/pinned_keys.h"
+#include "servicehost/accounts.h"
 #include "servicehost/guarded_folder.h"
 #include "servicehost/power_notifications.h"
 #include "simulator/simulated_machine.h"
@@ -377,7 +378,7 @@ const char* Name(Health health) {
 void PrintText(const std::vector<Check>& checks, Console& console) {
   for (const Check& check : checks) {
     console.Line(std::string(check.health == Health::Good ? "  +  " : "  -  ") + check.what + ": " +
-                 Utf8(check.found));
+                 ServiceHost::WithAccountNames(Utf8(check.found)));
     if (check.health == Health::Good) continue;
     console.Line("       expected: " + Utf8(check.expected));
     console.Line("       do: " + Utf8(check.advice));

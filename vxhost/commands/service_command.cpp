@@ -17,6 +17,7 @@
 #include "hosting/windows_error.h"
 #include "platform/files.h"
 #include "platform/machine.h"
+#include "servicehost/accounts.h"
 #include "servicehost/guarded_folder.h"
 #include "servicehost/host_loop.h"
 #include "servicehost/log_folder.h"
@@ -59,9 +60,8 @@ int RunService(const ModuleOptions& module, const RunOptions& options, Console& 
   module.RequireRealMachine("service run uses the module and the store of the machine");
   ServiceHost::PipeOptions pipe;
   pipe.path = ServiceHost::PipePath(Wide(options.name));
-  pipe.allowed = WideAll(options.allowed);
   // The module starts work as soon as it is loaded, so check everything else first.
-  ServiceHost::CheckSids(pipe.allowed);
+  pipe.allowed = ServiceHost::SidsOf(WideAll(options.allowed));
   if (!options.log.empty() && !std::filesystem::is_directory(FullPath(options.log))) {
     throw std::runtime_error("there is no folder " + Utf8(FullPath(options.log)));
   }
@@ -142,14 +142,13 @@ int Install(const ModuleOptions& module, const InstallOptions& options, Console&
     plan.start =
         options.start == "auto" ? ServicePlan::Start::Automatic : ServicePlan::Start::Demand;
   }
-  plan.allowed = WideAll(options.allowed);
+  plan.allowed = ServiceHost::SidsOf(WideAll(options.allowed));
   plan.development = options.development;
   plan.replaces = options.replace;
   if (const auto replaced = options.replace ? ServiceManager().Query(plan.name) : std::nullopt) {
     if (plan.allowed.empty()) plan.allowed = replaced->options.allowed;
     plan.development = plan.development || replaced->options.development;
   }
-  ServiceHost::CheckSids(plan.allowed);
   const ServiceHost::Writers accepted =
       plan.development ? ServiceHost::Writers::Account : ServiceHost::Writers::System;
   for (const std::wstring& file : {plan.program, plan.module}) {
@@ -163,13 +162,13 @@ int Install(const ModuleOptions& module, const InstallOptions& options, Console&
                                        : ServiceHost::DataFolders::Existing::Report;
   for (const std::string& folder :
        ServiceHost::DataFolders(ServiceHost::ProgramDataFolder(), accepted).Prepare(existing)) {
-    console.Line("repaired: " + folder);
+    console.Line("repaired: " + ServiceHost::WithAccountNames(folder));
   }
   for (const std::string& unknown : ServiceManager().Install(plan)) {
     console.Line("this system does not know, so the service has not: " + unknown);
   }
   for (const std::wstring& sid : plan.allowed) {
-    console.Line("warning: " + Utf8(sid) +
+    console.Line("warning: " + ServiceHost::WithAccountNames(Utf8(sid)) +
                  " may now start any trusted program as SYSTEM, with its own arguments");
   }
   if (plan.development) {
@@ -249,7 +248,8 @@ int Status(const std::string& name, Console& console) {
     text += "\n  start:   " + start + "\n  account: " + Utf8(report->account) +
             "\n  image:   " + Utf8(report->image) + "\n  module:  " + Utf8(report->options.module) +
             "\n  pipe:    " + Utf8(ServiceHost::PipePath(wide));
-    for (const std::wstring& sid : report->options.allowed) text += "\n  allow:   " + Utf8(sid);
+    for (const std::wstring& sid : report->options.allowed)
+      text += "\n  allow:   " + ServiceHost::WithAccountNames(Utf8(sid));
     if (report->options.development) text += "\n  for development";
   }
   if (console.WritesJson()) {
@@ -301,8 +301,8 @@ void AddInstall(CommandLine& line, CLI::App& group) {
   install.add_option("--start", options->start, "auto (delayed, the default) or demand")
       ->check(CLI::IsMember({"auto", "demand"}));
   install.add_option("--allow", options->allowed,
-                     "a further account for its pipe, as SID: it may then start every trusted\n"
-                     "program as SYSTEM, with its own arguments");
+                     "a further account for its pipe, as name or SID: it may then start every\n"
+                     "trusted program as SYSTEM, with its own arguments");
   install.add_flag("--repair", options->repair,
                    "take the right to write to an existing %ProgramData%\\Vx from users");
   install.add_flag("--replace", options->replace,
@@ -379,8 +379,8 @@ void AddServiceCommands(CommandLine& line) {
   running.add_option("--name", run->name, "the name of its pipe")->capture_default_str();
   running.add_option("--log", run->log, "an existing folder for log files");
   running.add_option("--allow", run->allowed,
-                     "a further account, as SID: it may then start every trusted program as the\n"
-                     "service's account, with its own arguments");
+                     "a further account, as name or SID: it may then start every trusted program\n"
+                     "as the service's account, with its own arguments");
   running.add_option("--seconds", run->seconds, "how long; 0: until Ctrl+C")
       ->check(CLI::Range(0, kLongestSeconds));
   line.UseModule(running);

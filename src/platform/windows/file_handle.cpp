@@ -45,14 +45,6 @@ bool IsProcessUser(PSID sid) {
   return EqualSid(sid, information.User.Sid) != 0;
 }
 
-// Returns the SID as text, or an empty string if there is none.
-std::wstring SidText(PSID sid) {
-  wchar_t* raw = nullptr;
-  if (sid == nullptr || ConvertSidToStringSidW(sid, &raw) == FALSE) return {};
-  const UniqueLocalMemory<wchar_t> text(raw);
-  return text.get();
-}
-
 // The offset of a read or a write, in a file that is opened for synchronous access.
 OVERLAPPED At(std::size_t offset) {
   OVERLAPPED place{};
@@ -163,6 +155,13 @@ Opened OpenWith(const std::wstring& path, Opening opening, SECURITY_ATTRIBUTES* 
 }
 
 }  // namespace
+
+std::wstring SidText(PSID sid) {
+  wchar_t* raw = nullptr;
+  if (sid == nullptr || ConvertSidToStringSidW(sid, &raw) == FALSE) return {};
+  const UniqueLocalMemory<wchar_t> text(raw);
+  return text.get();
+}
 
 Result<std::vector<std::byte>> ReadContent(HANDLE file, std::size_t maxBytes) {
   using Bytes = Result<std::vector<std::byte>>;

@@ -23,6 +23,9 @@ UniqueHandle OpenDiskFile(const std::wstring& path, DWORD access, DWORD share,
 // Renames an open file or folder in one step, replacing any file at `path`. Needs DELETE.
 ErrorCode RenameTo(RawHandle file, const std::wstring& path);
 
+// Returns the SID as text, or an empty text for none.
+std::wstring SidText(PSID sid);
+
 // See Files::FolderAccess. Needs READ_CONTROL.
 Result<AccessList> AccessOf(RawHandle file);
 

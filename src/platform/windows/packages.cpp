@@ -183,6 +183,10 @@ class RealPackages final : public Packages {
                            &domainLength, &kind) == FALSE) {
       return Text::Failure(GetLastError());
     }
+    // A domain or a computer may have the name that was meant for a user of it.
+    if (kind == SidTypeDomain || kind > SidTypeWellKnownGroup) {
+      return Text::Failure(ERROR_NONE_MAPPED);
+    }
     wchar_t* text = nullptr;
     if (ConvertSidToStringSidW(sid.data(), &text) == FALSE) return Text::Failure(GetLastError());
     const UniqueLocalMemory<wchar_t> owner(text);

@@ -109,9 +109,14 @@ TEST_F(PackageQueriesTest, PacksTheVersionWithMajorHighestAndRefusesAShortIdenti
   EXPECT_EQ(packages->Version(kFullName).Error(), std::uint32_t{ERROR_INVALID_DATA});
 }
 
-TEST(AccountSidTest, FindsAccountsOfThisMachineOnly) {
+TEST(AccountSidTest, FindsUsersAndGroupsOfThisMachineOnly) {
   EXPECT_EQ(*WindowsMachine().packages->AccountSid(L"NT AUTHORITY\\SYSTEM"), L"S-1-5-18");
   EXPECT_EQ(WindowsMachine().packages->AccountSid(L"nowhere\\nobody at all").Error(),
+            std::uint32_t{ERROR_NONE_MAPPED});
+  wchar_t computer[MAX_COMPUTERNAME_LENGTH + 1];
+  DWORD length = static_cast<DWORD>(std::size(computer));
+  ASSERT_NE(GetComputerNameW(computer, &length), FALSE);
+  EXPECT_EQ(WindowsMachine().packages->AccountSid(computer).Error(),
             std::uint32_t{ERROR_NONE_MAPPED});
 }
 
