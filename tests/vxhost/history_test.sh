@@ -84,6 +84,32 @@ for wanted in '"decision":"accepted","tone":"good","subscription":"0a4a3c1f"' '"
 done
 expect 2 'needs the thread of each line' history "$folder/watch.json" --timeline "Z:$work/none.html"
 
+# A log that grows, and goes on in a second file: each row as it is recorded, and again when its delivery ends.
+logs=$work/grows
+mkdir "$logs"
+half=$(grep -n '"decision":"waiting".*"subscription":"faff689e"' "$folder/service.log" | cut -d: -f1)
+head -n "$half" "$folder/service.log" > "$logs/Vx-20261126-0001.log"
+touch "$work/rows"
+# Not by run, whose end would leave the emulator.
+"$emulator" ${prefix:+"$prefix"} "$vxhost" --store "$store" history "$(windows "$logs")" --follow --utc > "$work/rows" 2>&1 &
+follower=$!
+# shows COUNT PATTERN: so many rows match within ten seconds.
+shows() {
+  for _ in $(seq 100); do
+    [ "$(grep -c "$2" "$work/rows")" = "$1" ] && return
+    sleep 0.1
+  done
+  fail "history --follow does not show '$2' $1 times, but:" "$work/rows"
+}
+shows 1 ' platform 1 *faff689e .*waiting'
+sed -n "$((half + 1)),85p" "$folder/service.log" >> "$logs/Vx-20261126-0001.log"
+shows 1 ' platform 1 *faff689e .*ran: process 888'
+sed -n '86,$p' "$folder/service.log" > "$logs/Vx-20261126-0002.log"
+shows 2 '^2026-11-26T05:38:4.* service .*stopped'
+shows 1 ' platform 1 *0a4a3c1f .*ran: process 872'
+kill "$follower" 2> /dev/null
+expect 2 '--follow excludes --until' history "$logs" --follow --until today
+
 # The number of a stored subscription stands for its hash.
 mkdir "$work/kept"
 printf '{"document":{"OrvaneServiceDocument":{"value":{"PackageCatalogEventSubscriptions":{"value":"[%s]"}}}}}' \

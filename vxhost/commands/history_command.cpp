@@ -12,6 +12,7 @@
 #include <map>
 #include <memory>
 #include <optional>
+#include <set>
 #include <sstream>
 #include <stdexcept>
 #include <string>
@@ -29,6 +30,7 @@
 #include "servicehost/log_folder.h"
 #include "vxhost/log/history.h"
 #include "vxhost/log/timeline_page.h"
+#include "vxhost/service/log_follower.h"
 #include "vxhost/store/store_look.h"
 #include "vxhost/subscriptions/stored_subscriptions.h"
 
@@ -42,6 +44,7 @@ using namespace std::chrono_literals;
 struct Options {
   std::vector<std::string> files;
   bool failed = false;
+  bool follow = false;
   bool utc = false;
   std::string since;
   std::string until;
@@ -91,6 +94,12 @@ std::wstring HashOf(const std::string& written, const std::vector<StoredSubscrip
   }
   throw std::runtime_error("no stored subscription has the number " + written +
                            "; name a hash of 8 digits instead");
+}
+
+// Returns the name of the service that wrote a log file.
+std::wstring ServiceOf(const std::filesystem::path& file) {
+  const std::wstring name = file.filename().wstring();
+  return name.substr(0, name.size() - ServiceHost::LogAge(name).size());
 }
 
 std::string Took(const HistoryRow& row) {
@@ -208,6 +217,29 @@ std::string WhyNothing(const std::vector<HistoryRow>& rows, const auto& isOf,
   return why + "nothing waited for " + last + ": vxhost explain " + Utf8(event->event);
 }
 
+// The log of one service, which may grow.
+struct FollowedService {
+  std::wstring name;
+  LogFollower log;
+
+  void Read(const std::function<void(const HistoryLine&)>& take) {
+    while (const auto text = log.Next()) {
+      auto line = ParseHistoryLine(*text);
+      if (!line) continue;
+      line->service = name;
+      take(*line);
+    }
+  }
+};
+
+void FollowFolder(const std::filesystem::path& folder, std::vector<FollowedService>& followed) {
+  std::set<std::wstring> names;
+  for (const auto& file : LogFilesIn(folder)) names.insert(ServiceOf(file));
+  for (const std::wstring& name : names) {
+    followed.push_back({name, {folder.wstring(), {name}, LogFollower::From::Start}});
+  }
+}
+
 int RunHistory(const Options& options, Console& console) {
   const Zone zone = options.utc ? Zone::Utc : Zone::Local;
   const std::int64_t now =
@@ -231,28 +263,36 @@ int RunHistory(const Options& options, Console& console) {
   };
   auto arguments = options.files;
   if (arguments.empty()) arguments.emplace_back();
+  std::vector<FollowedService> followed;
   for (const std::string& argument : arguments) {
     const std::filesystem::path path = LogFolderOf(argument);
+    if (options.follow) {
+      FollowFolder(path, followed);
+      continue;
+    }
     std::error_code error;
     const bool isFile = std::filesystem::is_regular_file(path, error);
     for (const auto& file : isFile ? std::vector{path} : LogFilesIn(path)) {
       others += ReadLog(file, take);
     }
   }
+  for (FollowedService& service : followed) service.Read(take);
   if (!options.timeline.empty()) {
     const bool all = !options.since.empty() || !options.until.empty();
     record.Draw(options.timeline, stored,
                 all ? LogRecord::Extent::All : LogRecord::Extent::LastDay);
   }
-  const auto rows = history.Finish(period);
-  for (const HistoryRow& row : rows) {
-    if ((options.failed && !row.failed) || !isOf(row)) continue;
+  const auto show = [&](const HistoryRow& row) {
+    if ((options.failed && !row.failed) || !isOf(row)) return;
     if (console.WritesJson()) {
       console.JsonResult(AsJson(row));
     } else {
       Print(row, zone, console);
     }
-  }
+  };
+  if (options.follow) history.TakeChanges();  // they are among the first rows
+  const auto rows = options.follow ? History(history).Finish(period) : history.Finish(period);
+  std::ranges::for_each(rows, show);
   if (history.Records() == 0) console.Note(kNoRecords);
   if (history.Unknown() != 0) {
     console.Note("(" + std::to_string(history.Unknown()) + " records are of a later version)");
@@ -261,6 +301,11 @@ int RunHistory(const Options& options, Console& console) {
   const auto outage = history.Outage({period.begin, std::min(period.end, now)});
   const auto why = WhyNothing(rows, isOf, outage, zone);
   if (!why.empty() && (history.Records() != 0 || !rows.empty() || outage)) console.Note(why);
+  while (options.follow) {
+    Platform::CurrentMachine().clock->Sleep(LogFollower::kPoll);
+    for (FollowedService& service : followed) service.Read(take);
+    std::ranges::for_each(history.TakeChanges(), show);
+  }
   return kDone;
 }
 
@@ -297,8 +342,7 @@ std::vector<std::filesystem::path> LogFilesIn(const std::filesystem::path& folde
 
 std::size_t ReadLog(const std::filesystem::path& path,
                     const std::function<void(const HistoryLine&)>& take, std::string_view part) {
-  std::wstring service = path.filename().wstring();
-  service.resize(service.size() - ServiceHost::LogAge(service).size());
+  const std::wstring service = ServiceOf(path);
   std::ifstream file(path, std::ios::binary);
   if (!file) throw std::runtime_error("cannot read " + Utf8(path.wstring()));
   // A log line starts with a brace. A byte beyond ASCII is a mark: PowerShell saves as UTF-16.
@@ -327,17 +371,22 @@ void AddHistoryCommand(CommandLine& line) {
   history.add_option("file", options->files,
                      "log files, or their folder; by default that of the installed service");
   history.add_flag("--failed", options->failed, "only what was asked for and not done");
+  CLI::Option* follow = history.add_flag(
+      "--follow", options->follow,
+      "then show each row as it is recorded, and once more when its delivery ends, until\n"
+      "Ctrl+C");
   history.add_option("--since", options->since, "from this local time on");
-  history.add_option("--until", options->until, "until this local time");
+  history.add_option("--until", options->until, "until this local time")->excludes(follow);
   history.add_flag("--utc", options->utc, "show times in UTC");
   history.add_option("--subscription", options->subscription,
                      "only of this one: its number in the store, or its hash");
   history.add_option("--program", options->program,
                      "only of programs or apps whose name or path has this text");
-  history.add_option(
-      "--timeline", options->timeline,
-      "draw the log as a web page, into this file; of the last day unless --since or\n"
-      "--until says otherwise");
+  history
+      .add_option("--timeline", options->timeline,
+                  "draw the log as a web page, into this file; of the last day unless --since or\n"
+                  "--until says otherwise")
+      ->excludes(follow);
   line.OfferJson(history);
   line.UseStore(history);
 }

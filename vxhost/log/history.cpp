@@ -205,14 +205,14 @@ void History::FollowService(const HistoryLine& line, std::int64_t moment) {
       CutOff(run.process);
       outages.push_back({run.last, moment});
       if (!run.stopped) {
-        rows.push_back({TimeText(run.last, Zone::Utc),
-                        run.last,
-                        L"service",
-                        L"ended",
-                        {},
-                        {},
-                        kCrashed,
-                        true});
+        AddRow({TimeText(run.last, Zone::Utc),
+                run.last,
+                L"service",
+                L"ended",
+                {},
+                {},
+                kCrashed,
+                true});
       }
     }
     run = {process, moment, true};
@@ -239,7 +239,12 @@ void History::AddHostLine(const HistoryLine& line, std::optional<std::int64_t> m
       if (one.code == *code) row.detail = one.meaning;
     }
   }
-  if (!row.decision.empty()) rows.push_back(std::move(row));
+  if (!row.decision.empty()) AddRow(std::move(row));
+}
+
+HistoryRow& History::AddRow(HistoryRow row) {
+  changes.push_back(rows.size());
+  return rows.emplace_back(std::move(row));
 }
 
 void History::Add(const HistoryLine& line) {
@@ -263,8 +268,9 @@ void History::Add(const HistoryLine& line) {
   const Delivery delivery(line.line.process, record.delivery);
   const auto waiting = record.delivery == 0 ? open.end() : open.find(delivery);
   const bool begun = waiting != open.end();
-  if (!begun) rows.push_back({.time = line.time, .moment = moment, .event = known->event});
-  HistoryRow& row = begun ? rows[waiting->second] : rows.back();
+  if (begun) changes.push_back(waiting->second);
+  HistoryRow& row = begun ? rows[waiting->second]
+                          : AddRow({.time = line.time, .moment = moment, .event = known->event});
   if (begun) open.erase(waiting);
   row.subscription = record.subscription;
   row.target = record.target;
@@ -285,6 +291,7 @@ void History::Add(const HistoryLine& line) {
 void History::CutOff(std::uint32_t process) {
   std::erase_if(open, [&](const auto& one) {
     if (one.first.first != process) return false;
+    changes.push_back(one.second);
     HistoryRow& row = rows[one.second];
     row.decision = NameOf(Decision::Dropped).text;
     row.detail = kCutOff;
@@ -307,6 +314,15 @@ std::vector<HistoryRow> History::Finish(const Period& within) {
   }
   std::erase_if(rows, [](const HistoryRow& row) { return row.decision.empty(); });
   return std::move(rows);
+}
+
+std::vector<HistoryRow> History::TakeChanges() {
+  std::ranges::sort(changes);
+  std::vector<HistoryRow> changed;
+  const auto [last, end] = std::ranges::unique(changes);
+  for (auto at = changes.begin(); at != last; ++at) changed.push_back(rows[*at]);
+  changes.clear();
+  return changed;
 }
 
 std::optional<Period> History::Outage(const Period& within) const {

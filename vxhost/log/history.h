@@ -94,6 +94,9 @@ class History {
   // of a subscription that cannot be read. Call once, at the end.
   std::vector<HistoryRow> Finish(const Period& within);
 
+  // Returns copies of the rows that were added or changed since the last call. Not after Finish.
+  std::vector<HistoryRow> TakeChanges();
+
   // Returns the longest part of the period in which a service did not run, for a second or more.
   // Empty if there is none, or if the log does not tell.
   std::optional<Period> Outage(const Period& within) const;
@@ -112,8 +115,10 @@ class History {
   void FollowService(const HistoryLine& line, std::int64_t moment);
   void AddHostLine(const HistoryLine& line, std::optional<std::int64_t> moment);
   void CutOff(std::uint32_t process);
+  HistoryRow& AddRow(HistoryRow row);
 
   std::vector<HistoryRow> rows;
+  std::vector<std::size_t> changes;  // rows, some more than once
   std::map<std::wstring, Run> runs;  // by service
   std::vector<Period> outages;
   std::map<Delivery, std::size_t> open;  // rows of waiting deliveries

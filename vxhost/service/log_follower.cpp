@@ -16,7 +16,6 @@ namespace Vx::Hosting::Tool {
 namespace {
 
 constexpr std::size_t kPiece = 65536;  // bytes
-constexpr wchar_t kEarlier[] = L"vxhost";
 
 // The writer keeps the file open for appending and deletes old files.
 Platform::UniqueHandle OpenLog(const std::wstring& path) {
@@ -26,8 +25,8 @@ Platform::UniqueHandle OpenLog(const std::wstring& path) {
 
 }  // namespace
 
-LogFollower::LogFollower(std::wstring where, std::wstring name)
-    : folder(std::move(where)), service(std::move(name)) {
+LogFollower::LogFollower(std::wstring where, std::vector<std::wstring> names, From from)
+    : folder(std::move(where)), services(std::move(names)) {
   WIN32_FIND_DATAW found;
   const HANDLE listing = FindFirstFileW((folder + L"\\*").c_str(), &found);
   if (listing == INVALID_HANDLE_VALUE) {
@@ -35,9 +34,10 @@ LogFollower::LogFollower(std::wstring where, std::wstring name)
                              std::to_string(GetLastError()) + "); run as administrator");
   }
   FindClose(listing);
-  const auto names = Files();
-  if (names.empty()) return;
-  file = names.back();
+  const auto files = Files();
+  if (files.empty()) return;
+  file = from == From::Start ? files.front() : files.back();
+  if (from == From::Start) return;
   LARGE_INTEGER size{};
   if (const auto opened = OpenLog(folder + L"\\" + file); opened != nullptr) {
     GetFileSizeEx(opened.get(), &size);
@@ -47,33 +47,36 @@ LogFollower::LogFollower(std::wstring where, std::wstring name)
 
 // Returns the files, oldest first.
 std::vector<std::wstring> LogFollower::Files() const {
-  std::vector<std::wstring> names = ServiceHost::LogFileNames(folder, kEarlier);
-  for (std::wstring& name : ServiceHost::LogFileNames(folder, service)) {
-    if (std::ranges::find(names, name) == names.end()) names.push_back(std::move(name));
+  std::vector<std::wstring> names;
+  for (const std::wstring& service : services) {
+    for (std::wstring& name : ServiceHost::LogFileNames(folder, service)) {
+      if (std::ranges::find(names, name) == names.end()) names.push_back(std::move(name));
+    }
   }
   return names;
 }
 
 std::optional<std::string> LogFollower::Next() {
-  std::size_t end = rest.find('\n');
+  std::size_t end = rest.find('\n', next);
   while (end == std::string::npos) {
     if (!Read(file)) {
       // Move on to the next file, if any. A file the writer has left gets no more lines.
       const auto names = Files();
-      auto next = std::ranges::find(names, file);
+      auto later = std::ranges::find(names, file);
       // No file yet, or it was deleted.
-      if (!names.empty()) next = next == names.end() ? next - 1 : next + 1;
-      if (next == names.end() || Read(file)) break;
-      file = *next;
-      offset = 0;
-      rest.clear();
-      continue;
+      if (!names.empty()) later = later == names.end() ? later - 1 : later + 1;
+      if (later == names.end()) return std::nullopt;
+      if (!Read(file)) {
+        file = *later;
+        offset = 0;
+        rest.clear();
+        next = 0;
+      }
     }
     end = rest.find('\n');
   }
-  if (end == std::string::npos) return std::nullopt;
-  std::string line = rest.substr(0, end);
-  rest.erase(0, end + 1);
+  std::string line = rest.substr(next, end - next);
+  next = end + 1;
   return line;
 }
 
@@ -92,6 +95,7 @@ bool LogFollower::Read(const std::wstring& name) {
     return false;
   }
   offset += count;
+  rest.erase(0, std::exchange(next, 0));
   rest.append(piece, 0, count);
   return true;
 }

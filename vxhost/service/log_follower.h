@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -7,26 +8,32 @@
 
 namespace Vx::Hosting::Tool {
 
-// Reads lines that a service adds to its log files from now on, including files from an earlier
-// version, whose names begin with "vxhost". Follows the service to its next file. One thread. Never
-// blocks for longer than reading a file takes.
+// Reads lines from the log files of a service, and those that it adds. Follows the service to its
+// next file. One thread. Never blocks for longer than reading a file takes.
 class LogFollower {
  public:
-  // Throws std::runtime_error if this account cannot list the folder.
-  LogFollower(std::wstring folder, std::wstring service);
+  // Begins with the first line of the oldest file, or with the next one that the service adds.
+  enum class From { Start, Now };
+  // Of several services, the files of the last follow those of the others. Throws
+  // std::runtime_error if this account cannot list the folder.
+  LogFollower(std::wstring folder, std::vector<std::wstring> services, From from);
 
   // Returns the next complete line, without its line ending, or nothing if none was added.
   std::optional<std::string> Next();
+
+  // How long to wait for a further line.
+  static constexpr std::chrono::milliseconds kPoll{100};
 
  private:
   std::vector<std::wstring> Files() const;
   bool Read(const std::wstring& name);
 
   const std::wstring folder;
-  const std::wstring service;
+  const std::vector<std::wstring> services;
   std::wstring file;         // the file being read; empty if there is none yet
   std::uint64_t offset = 0;  // of the first unread byte
-  std::string rest;          // read but not yet returned
+  std::string rest;          // read, and from `next` on not yet returned
+  std::size_t next = 0;
 };
 
 }  // namespace Vx::Hosting::Tool

@@ -4,11 +4,11 @@
 #include <stdexcept>
 #include <utility>
 
-#include <windows.h>
-
 #include "hosting/text.h"
 #include "json/json_object.h"
 #include "json/json_text.h"
+#include "platform/clock.h"
+#include "platform/machine.h"
 #include "platform/windows_runtime_error.h"
 #include "servicehost/guarded_folder.h"
 #include "vxhost/service/log_follower.h"
@@ -19,7 +19,7 @@ namespace Vx::Hosting::Tool {
 
 namespace {
 
-constexpr DWORD kPoll = 100;  // milliseconds between polls of the log
+constexpr wchar_t kEarlier[] = L"vxhost";  // names the log files of an earlier version
 
 LogLine LineOf(const Json::JsonObject& record) {
   return {record.GetNamedString(L"level"), record.GetNamedString(L"provider"),
@@ -49,14 +49,15 @@ void FollowService(const std::string& name, int seconds,
   LogFollower follower(
       ServiceHost::DataFolders(ServiceHost::ProgramDataFolder(), ServiceHost::Writers::System)
           .Logs(),
-      Wide(name));
+      {kEarlier, Wide(name)}, LogFollower::From::Now);
   std::fprintf(stderr, "Listening to process %lu%s\n", static_cast<unsigned long>(process),
                seconds == 0 ? "; Ctrl+C ends it" : "");
-  const ULONGLONG end = GetTickCount64() + static_cast<ULONGLONG>(seconds) * 1000;
-  while (seconds == 0 || GetTickCount64() < end) {
+  Platform::Clock& clock = *Platform::CurrentMachine().clock;
+  const std::uint64_t end = clock.TickCount() + static_cast<std::uint64_t>(seconds) * 1000;
+  while (seconds == 0 || clock.TickCount() < end) {
     const auto text = follower.Next();
     if (!text) {
-      Sleep(kPoll);
+      clock.Sleep(LogFollower::kPoll);
       continue;
     }
     try {
