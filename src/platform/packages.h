@@ -73,7 +73,7 @@ class Packages {
   // Returns the full names of the family's packages for all users (needs administrator rights).
   virtual std::vector<std::wstring> FindForAllUsers(const std::wstring& familyName) const = 0;
 
-  // Returns the SID of a user or group, "domain\\user", as text. May block while Windows queries a
+  // Returns the SID of a user or group, "domain\user", as text. May block while Windows queries a
   // domain controller.
   virtual Result<std::wstring> AccountSid(const std::wstring& account) const = 0;
 
