@@ -1,11 +1,10 @@
 #pragma once
 
-#include <cstddef>
+#include <array>
 #include <cstdint>
 #include <memory>
-#include <span>
+#include <string_view>
 #include <utility>
-#include <vector>
 
 #include "servicehost/service_log.h"
 
@@ -14,15 +13,16 @@ namespace Vx::Hosting::ServiceHost {
 // Event Tracing for Windows, as used by the service.
 class TraceWriter {
  public:
+  // The bytes of an event: provider traits, description, and one value per field.
+  using Parts = std::array<std::string_view, 7>;
+
   virtual ~TraceWriter() = default;
 
   // Returns whether a session records events of this level (2 error, 3 warning, 4 information).
   virtual bool Listens(std::uint8_t level) const noexcept = 0;
 
-  // Writes one self-describing event: provider traits, description, and one value per field.
-  virtual void Write(std::uint8_t level, std::span<const std::byte> traits,
-                     std::span<const std::byte> description,
-                     std::span<const std::vector<std::byte>> values) noexcept = 0;
+  // Writes one self-describing event.
+  virtual void Write(std::uint8_t level, const Parts& parts) noexcept = 0;
 };
 
 // Opens a writer for the provider Vx-Host-Service (see docs/operations.md).

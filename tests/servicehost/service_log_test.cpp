@@ -367,21 +367,15 @@ class Trace final : public TraceWriter {
  public:
   explicit Trace(std::string& out) : bytes(out) {}
   bool Listens(std::uint8_t level) const noexcept override { return level <= 3; }
-  void Write(std::uint8_t level, std::span<const std::byte> traits,
-             std::span<const std::byte> description,
-             std::span<const std::vector<std::byte>> values) noexcept override {
+  void Write(std::uint8_t level, const Parts& parts) noexcept override {
     bytes += std::to_string(level);
-    Append(traits);
-    Append(description);
-    for (const auto& value : values) Append(value);
+    for (const std::string_view part : parts) {
+      bytes += '|';
+      std::ranges::replace_copy(part, std::back_inserter(bytes), '\0', '.');
+    }
   }
 
  private:
-  void Append(std::span<const std::byte> part) {
-    bytes += '|';
-    for (const std::byte byte : part) bytes += byte == std::byte{0} ? '.' : static_cast<char>(byte);
-  }
-
   std::string& bytes;
 };
 
