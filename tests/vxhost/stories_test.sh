@@ -1,7 +1,7 @@
 #!/bin/sh
-# stories_test.sh PAGE VXHOST MODULE UNPINNED EMULATOR PREFIX: the stories of PAGE, docs/operations.md. Each state of
-# the machine is prepared for real, and then the commands that the page prints lead to its cause: that of
-# the story, and if a row of its table is about this state, the one in that row. Leaves no service and no data.
+# stories_test.sh PAGE VXHOST MODULE UNPINNED EMULATOR PREFIX: plays the stories of PAGE, docs/operations.md. Puts the
+# machine into each state, runs the command of the story as the page has it and looks for the cause in its output. If
+# the row of the cause names a further command, runs that too. Leaves no service and no data.
 set -u
 page=$1 vxhost=$2 module=$3 unpinned=$4
 shift 4
@@ -20,7 +20,7 @@ cleanup() {
 trap cleanup EXIT
 export TZ=UTC  # of "yesterday"
 
-# log FILE SCRIPT: what the sed script leaves of a log is that of yesterday.
+# log FILE SCRIPT: the service's log of yesterday has the lines that the sed script leaves of a log.
 log() {
   mkdir -p "$data/Logs"
   sed "$2;s/2026-11-2[56]T/$(date -d yesterday +%F)T/g" "$logs/$1" >"$data/Logs/OrvaneService-20261125-0001.log"
@@ -33,7 +33,7 @@ not_stored() { log quiet.log '/dddddddd/!d;s/earlier_lines/store_refused/'; }
 late() { log rare.log '/"delivery":2\b/!d'; }
 standby() { log rare.log '/"delivery":3\b/!d'; }
 
-# The store is that of the machine, with one subscription, and its copy is $work/copy.
+# The machine's store has one subscription, and $work/copy is a copy of it.
 exits 0 run subscriptions add --power 18 --send f --app-service s --trigger '{01234567-89ab-cdef-0123-456789abcde1}'
 exits 0 run store backup "$(windows "$work/copy")"
 sound() { rm -f "$store"* && cp "$work/copy" "$store"; }
@@ -50,7 +50,7 @@ other_list() {
   exits 0 run scenario "$(windows "$work/list.json")"
 }
 
-# installed: the service is installed for development, since the emulator's folders belong to the account.
+# For development, because the account owns the emulator's folders.
 installed() {
   cp "$module" "$place/OrvaneService.dll"
   exits 0 run service install --development --start demand --replace
@@ -61,7 +61,7 @@ missing_module() { installed && rm "$place/OrvaneService.dll"; }
 no_log_folder() {
   missing_import
   rm -r "$data/Logs"
-  chmod o+w "$data"  # so that the service does not make it again
+  chmod o+w "$data"  # otherwise the service creates it again
 }
 open_folder() {
   installed
@@ -72,14 +72,16 @@ open_folder() {
 # section TITLE: the lines of the page below a heading.
 section() { awk -v title="### $1" '$0 == title { on = 1; next } /^##/ { on = 0 } on' "$page"; }
 
-# tell: each line is TITLE|STATE|CODE|CAUSE|NEXT|CODE|WHY. In the state, the command of the section exits with CODE and
-# prints CAUSE, which a row of the section's table quotes. NEXT, if any, is in that row, exits with CODE and prints WHY.
+# tell: reads lines TITLE|STATE|CODE|CAUSE|NEXT|CODE|WHY. In the state, the command of the section exits with CODE and
+# prints CAUSE, which a row of the section's table quotes. NEXT, if any, is in that row. It exits with CODE and prints WHY.
 tell() {
-  while IFS='|' read -r title state wanted cause next then why; do
+  while IFS='|' read -r title state wanted cause next ends why; do
     section "$title" >"$work/section"
     first=$(sed -n '/^```bat story$/{n;s/^vxhost //p}' "$work/section")
     row=$(grep -F "| \`$cause\`" "$work/section")
-    [ -n "$first" ] && [ -n "$row" ] || fail "the page has no story \"$title\", or no row for \"$cause\""
+    if [ -z "$first" ] || [ -z "$row" ]; then
+      fail "the page has no story \"$title\", or no row for \"$cause\""
+    fi
     "$state"
     # shellcheck disable=SC2086 # words of a command line
     expect "$wanted" "$cause" $first
@@ -89,7 +91,7 @@ tell() {
       *) fail "the row of \"$cause\" does not lead to vxhost $next" ;;
     esac
     # shellcheck disable=SC2046
-    expect "$then" "$why" $(printf '%s' "$next" | sed "s|COPY|Z:$work/copy|")
+    expect "$ends" "$why" $(printf '%s' "$next" | sed "s|COPY|Z:$work/copy|")
   done
 }
 
