@@ -8,8 +8,8 @@ shift 4
 . "$(dirname "$0")/../run_vxhost.sh"
 need "$page" "$unpinned"
 install_tool VxStories "$module"
-cp "$unpinned" "$place/FILE"
-cd "$place" || exit 1
+cd "$place" || exit 1  # so that the files of the page can have their names
+cp "$unpinned" FILE
 data="$prefix/drive_c/ProgramData/Vx" store="$prefix/drive_c/ProgramData/Vx/SharedServices/shared_store.dat"
 logs="$(dirname "$0")/history"
 cleanup() {
@@ -33,10 +33,10 @@ not_stored() { log quiet.log '/dddddddd/!d;s/earlier_lines/store_refused/'; }
 late() { log rare.log '/"delivery":2\b/!d'; }
 standby() { log rare.log '/"delivery":3\b/!d'; }
 
-# The machine's store has one subscription, and $work/copy is a copy of it.
+# The machine's store has one subscription, and COPY is a copy of it.
 exits 0 run subscriptions add --power 18 --send f --app-service s --trigger '{01234567-89ab-cdef-0123-456789abcde1}'
-exits 0 run store backup "$(windows "$work/copy")"
-sound() { rm -f "$store"* && cp "$work/copy" "$store"; }
+exits 0 run store backup COPY
+sound() { rm -f "$store"* && cp COPY "$store"; }
 size() { stat -c %s "$store"; }
 cut_short() { sound && truncate -s 30 "$store"; }
 zeroed() { sound && head -c "$(size)" /dev/zero >"$work/zero" && cat "$work/zero" >"$store"; }
@@ -90,8 +90,8 @@ tell() {
       *"\`vxhost $next\`"*) ;;
       *) fail "the row of \"$cause\" does not lead to vxhost $next" ;;
     esac
-    # shellcheck disable=SC2046
-    expect "$ends" "$why" $(printf '%s' "$next" | sed "s|COPY|Z:$work/copy|")
+    # shellcheck disable=SC2086
+    expect "$ends" "$why" $next
   done
 }
 
