@@ -112,7 +112,7 @@ BsonDocument DocumentOf(const StoreLook& look) {
   const StoreVerdict verdict = Diagnose(look);
   if (look.reading.state != StoreState::Sound) {
     throw std::runtime_error("the store cannot be read: " + verdict.text + "; see\n" +
-                             "\"Trouble\" in docs/operations.md");
+                             "\"The store looks broken\" in docs/operations.md");
   }
   return look.reading.document.value_or(BsonDocument());
 }
