@@ -31,6 +31,7 @@ service_down() { log quiet.log "$only_service"; }
 refused() { log service.log '/db40db6c/!d'; }
 not_stored() { log quiet.log '/dddddddd/!d;s/earlier_lines/store_refused/'; }
 late() { log rare.log '/"delivery":2\b/!d'; }
+nothing_waited() { log quiet.log '3,4d;6,$d'; }
 standby() { log rare.log '/"delivery":3\b/!d'; }
 
 # The machine's store has one subscription, and COPY is a copy of it.
@@ -102,6 +103,7 @@ A tool did not run last night|refused|0|refused: it was not signed with a pinned
 A tool did not run last night|not_stored|0|refused: the store did not take the change|||
 A tool did not run last night|late|0|dropped: too late|||
 A tool did not run last night|standby|0|dropped: Modern Standby ended its wait too early|||
+A tool did not run last night|nothing_waited|0|nothing waited for the last event|explain power 18|0|raise the trigger
 The store looks broken|cut_short|1|cut short: |store restore COPY|0|is kept as
 The store looks broken|zeroed|1|zeroed: |store restore COPY|0|is kept as
 The store looks broken|damaged|1|damaged: |store restore COPY|0|is kept as
