@@ -24,6 +24,7 @@ cleanup() {
   rm -rf "$work" "$place" "$data"
 } >/dev/null 2>&1
 trap cleanup EXIT
+rm -rf "$data"
 cp "$pki/pinned.exe" "$place/Tool.exe"
 cp "$pki/pinned.exe" "$place/SIGNED.exe"
 cp "$build/tests/probe.exe" "$place/winlogon.exe"

@@ -18,6 +18,7 @@ cleanup() {
   rm -rf "$work" "$place" "$data"
 } >/dev/null 2>&1
 trap cleanup EXIT
+rm -rf "$data"
 export TZ=UTC  # of "yesterday"
 
 # log FILE SCRIPT: the service's log of yesterday has the lines that the sed script leaves of a log.
