@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <iterator>
+#include <memory>
 #include <stdexcept>
 #include <string_view>
 
@@ -61,31 +62,17 @@ std::wstring Insertable(std::wstring text) {
   return text;
 }
 
-struct SourceCloser {
-  void operator()(void* source) const noexcept { DeregisterEventSource(source); }
-};
-
-class WindowsJournal final : public EventJournal {
- public:
-  explicit WindowsJournal(const std::wstring& name)
-      : source(RegisterEventSourceW(nullptr, name.c_str())) {}
-
-  bool Report(std::uint16_t type, std::uint32_t id, const Texts& texts) noexcept override {
-    const wchar_t* strings[std::tuple_size_v<Texts>];
-    for (std::size_t i = 0; i < texts.size(); ++i) strings[i] = texts[i].c_str();
-    return source != nullptr &&
-           ReportEventW(source.get(), type, 0, id, nullptr, static_cast<WORD>(texts.size()), 0,
-                        strings, nullptr) != FALSE;
-  }
-
- private:
-  std::unique_ptr<void, SourceCloser> source;
-};
-
 }  // namespace
 
-std::unique_ptr<EventJournal> OpenEventJournal(const std::wstring& source) {
-  return std::make_unique<WindowsJournal>(source);
+EventReport OpenEventLog(const std::wstring& source) {
+  const std::shared_ptr<void> log(RegisterEventSourceW(nullptr, source.c_str()),
+                                  &DeregisterEventSource);
+  return [log](std::uint16_t type, std::uint32_t id, const EventTexts& texts) {
+    const wchar_t* strings[std::tuple_size_v<EventTexts>];
+    std::ranges::transform(texts, strings, &std::wstring::c_str);
+    ReportEventW(log.get(), type, 0, id, nullptr, static_cast<WORD>(texts.size()), 0, strings,
+                 nullptr);
+  };
 }
 
 void EventLogTarget::Write(const LogEntry& entry) {
@@ -100,15 +87,14 @@ void EventLogTarget::Write(const LogEntry& entry) {
   if (room <= 0) return;
   if (--room == 0) {
     windowEnd = now + kWindow;
-    static_cast<void>(
-        journal->Report(EVENTLOG_WARNING_TYPE, kWarningMessage, {kTooMany, kHostProvider}));
+    report(EVENTLOG_WARNING_TYPE, kWarningMessage, {kTooMany, kHostProvider});
     return;
   }
   const bool error = !lost && line.level == L"ERROR";
-  static_cast<void>(journal->Report(
-      error ? EVENTLOG_ERROR_TYPE : EVENTLOG_WARNING_TYPE, error ? kErrorMessage : kWarningMessage,
-      {Insertable(lost ? TextOf(*line.record) : line.message), line.provider,
-       Insertable(line.caller), std::to_wstring(entry.thread)}));
+  report(error ? EVENTLOG_ERROR_TYPE : EVENTLOG_WARNING_TYPE,
+         error ? kErrorMessage : kWarningMessage,
+         {Insertable(lost ? TextOf(*line.record) : line.message), line.provider,
+          Insertable(line.caller), std::to_wstring(entry.thread)});
 }
 
 void AddEventSource(const std::wstring& name, const std::wstring& program) {

@@ -2,7 +2,7 @@
 
 #include <array>
 #include <cstdint>
-#include <memory>
+#include <functional>
 #include <string>
 #include <utility>
 
@@ -10,20 +10,15 @@
 
 namespace Vx::Hosting::ServiceHost {
 
-// The Windows event log, as used by the service.
-class EventJournal {
- public:
-  // The strings that the message file inserts: message, provider, client and thread.
-  using Texts = std::array<std::wstring, 4>;
+// The strings that the message file inserts: message, provider, client and thread.
+using EventTexts = std::array<std::wstring, 4>;
 
-  virtual ~EventJournal() = default;
-
-  // Adds an event of an EVENTLOG_ type with message `id` from host_messages.mc. False on failure.
-  virtual bool Report(std::uint16_t type, std::uint32_t id, const Texts& texts) noexcept = 0;
-};
+// Adds an event of an EVENTLOG_ type with message `id` from host_messages.mc to the event log.
+using EventReport =
+    std::function<void(std::uint16_t type, std::uint32_t id, const EventTexts& texts)>;
 
 // Opens this machine's event log for the given source.
-std::unique_ptr<EventJournal> OpenEventJournal(const std::wstring& source);
+EventReport OpenEventLog(const std::wstring& source);
 
 // Writes to the event log what an operator must act on: warnings and errors from the host itself,
 // and as a warning each delivery whose command did not run. The module's own levels are no guide,
@@ -32,12 +27,12 @@ std::unique_ptr<EventJournal> OpenEventJournal(const std::wstring& source);
 // left out or that Windows refuses does not count as lost, because the log files have it.
 class EventLogTarget final : public LogTarget {
  public:
-  explicit EventLogTarget(std::unique_ptr<EventJournal> where) : journal(std::move(where)) {}
+  explicit EventLogTarget(EventReport where) : report(std::move(where)) {}
 
   void Write(const LogEntry& entry) override;
 
  private:
-  std::unique_ptr<EventJournal> journal;
+  EventReport report;
   std::uint64_t windowEnd = 0;  // tick count
   int room = 0;                 // events until then
 };

@@ -78,7 +78,7 @@ void WINAPI ServiceMain(DWORD /*count*/, LPWSTR* /*arguments*/) noexcept {
   places.push_back(std::make_unique<LogFolder>(folders.Logs(), TheName(), LogLimits{}, [folders] {
     folders.Prepare(DataFolders::Existing::Report);
   }));
-  places.push_back(std::make_unique<EventLogTarget>(OpenEventJournal(TheName())));
+  places.push_back(std::make_unique<EventLogTarget>(OpenEventLog(TheName())));
   places.push_back(std::make_unique<TraceTarget>(OpenTraceWriter()));
   ServiceProcess service(options, std::move(places), sink);
   sink.handle = RegisterServiceCtrlHandlerExW(TheName().c_str(), &HandleControl, &service);

@@ -267,23 +267,17 @@ TEST(JsonLineTest, ARecordHasTheMembersThatSaySomething) {
   }
 }
 
-class Journal final : public EventJournal {
- public:
-  explicit Journal(std::vector<std::wstring>& out) : records(out) {}
-  bool Report(std::uint16_t type, std::uint32_t id, const Texts& texts) noexcept override {
+EventReport ReportTo(std::vector<std::wstring>& records) {
+  return [&records](std::uint16_t type, std::uint32_t id, const EventTexts& texts) {
     std::wstring record = std::to_wstring(type) + L" " + std::to_wstring(id);
     for (const std::wstring& text : texts) record += L"|" + text;
     records.push_back(record);
-    return false;
-  }
-
- private:
-  std::vector<std::wstring>& records;
-};
+  };
+}
 
 TEST(EventLogTest, TakesTheHostsWarningsAndTheDeliveriesThatDidNotRun) {
   std::vector<std::wstring> records;
-  EventLogTarget target(std::make_unique<Journal>(records));
+  EventLogTarget target(ReportTo(records));
   for (const wchar_t* provider : {kHostProvider, L"Vx-Test"}) {
     for (const wchar_t* level : {L"INFO", L"WARNING", L"ERROR"}) {
       target.Write({kFirstDay, 7, 9, {level, provider, L"", L"text"}});
@@ -330,7 +324,7 @@ TEST(EventLogTest, AFloodOfEventsIsCutForAMinuteWithOneEventThatSaysSo) {
   Simulator::VirtualClock clock;
   const Platform::MachineScope scope([&](Platform::Machine& machine) { machine.clock = &clock; });
   std::vector<std::wstring> records;
-  EventLogTarget target(std::make_unique<Journal>(records));
+  EventLogTarget target(ReportTo(records));
   const auto write = [&](int count) {
     for (int i = 0; i < count; ++i) {
       target.Write({kFirstDay, 7, 9, {L"ERROR", kHostProvider, L"", L"text"}});
