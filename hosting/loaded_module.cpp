@@ -6,7 +6,6 @@
 #include <windows.h>
 
 #include "hosting/module_log.h"
-#include "hosting/services_mutex.h"
 #include "hosting/text.h"
 #include "hosting/windows_error.h"
 
@@ -33,7 +32,7 @@ CommandResult ServiceSession::Execute(std::uint32_t id, const std::wstring& requ
   CommandResult answer;
   const DecisionScope decided(answer);
   wchar_t* text = nullptr;
-  answer.code = service->ExecuteCommand(context.get(), id, request.c_str(), &text, nullptr);
+  answer.code = Slots()->ExecuteCommand(context.get(), id, request.c_str(), &text, nullptr);
   const auto free = [this](wchar_t* response) { service->FreeResponse(response); };
   const std::unique_ptr<wchar_t, decltype(free)> response(text, free);
   if (response != nullptr) answer.text = std::wstring(response.get());
@@ -63,7 +62,7 @@ ServiceSession LoadedModule::NewService() const {
   ServicesMutexFor(StoreUse::Write);  // throws before the module does any work
   auto* service = factory();
   if (service == nullptr) throw std::runtime_error("the module's factory returned null");
-  return ServiceSession(WithServicesMutex(*service));
+  return ServiceSession(service);
 }
 
 }  // namespace Vx::Hosting

@@ -6,6 +6,7 @@
 #include <string>
 
 #include "host/vx_service.h"
+#include "hosting/store_hold.h"
 
 namespace Vx::Hosting {
 
@@ -25,13 +26,23 @@ class ServiceSession {
   // Takes ownership of `created`, a module's new service object.
   explicit ServiceSession(Tessel::Server::Services::VxService* created) : service(created) {}
 
-  Tessel::Server::Services::VxService& Slots() { return *service; }
+  // The service for one call. Its thread holds the services' mutex meanwhile.
+  struct Call {
+    ServicesMutexHold hold{StoreUse::Write};
+    Tessel::Server::Services::VxService& slots;
+
+    Tessel::Server::Services::VxService* operator->() const { return &slots; }
+  };
+
+  // Use it for one call, as in Slots()->Start(). Throws as ServicesMutexHold does. Threads that the
+  // service starts do not hold the mutex.
+  Call Slots() { return {.slots = *service}; }
 
   // Destroys the service. Assign another session before the next call.
   void End() { service.reset(); }
 
   // Runs one command as `caller` and blocks until it finishes. Throws std::runtime_error if
-  // `caller` is longer than 64 characters.
+  // `caller` is longer than 64 characters, and as Slots does.
   CommandResult Execute(std::uint32_t id, const std::wstring& request, const std::wstring& caller);
 
  private:
@@ -47,9 +58,8 @@ class LoadedModule {
   // Throws std::runtime_error with advice for the user.
   explicit LoadedModule(const std::wstring& fullPath);
 
-  // Creates a service object. If the module shares the machine's store with services, its calls
-  // hold the services' mutex (see services_mutex.h). Throws std::runtime_error if the factory
-  // returns null or if that mutex is needed but cannot be used.
+  // Creates a service object. Throws std::runtime_error if the factory returns null or if the
+  // services' mutex is needed but cannot be used.
   ServiceSession NewService() const;
 
   // Returns the export called `name`, or null if there is none.

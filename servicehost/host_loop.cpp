@@ -74,7 +74,7 @@ HostLoop::HostLoop(const Options& options, ServiceLog& output)
       session(module.NewService()) {
   if (stop == nullptr) throw std::runtime_error("Windows has no memory for an event");
   ResetStandby();
-  session.Slots().Start();
+  session.Slots()->Start();
   log.Add(L"INFO", kStarted + options.module);
   // The task is only for a set-up that completes while the service runs.
   if (const auto setup = CurrentMachine().oobe->Query(); setup.known && !setup.complete) {
@@ -102,12 +102,12 @@ void HostLoop::OnPower(std::uint32_t code) {
   log.Add(L"INFO", kPowerForwarded + std::to_wstring(code));
   // The display may still be off. A delay that starts at a resume runs in full all the same.
   if (code == PBT_APMRESUMESUSPEND || code == PBT_APMRESUMEAUTOMATIC) ResetStandby();
-  session.Slots().power_event_task(code);
+  session.Slots()->power_event_task(code);
 }
 
 void HostLoop::OnSession(std::uint32_t code) {
   log.Add(L"INFO", kSessionForwarded + std::to_wstring(code));
-  session.Slots().OnSessionChange(code);
+  session.Slots()->OnSessionChange(code);
 }
 
 // Windows does not notify a service of Modern Standby, which begins as the display turns off and
@@ -138,7 +138,7 @@ void HostLoop::AwaitSetup() noexcept {
     const auto setup = machine.oobe->Query();
     if (!setup.known || !setup.complete) continue;
     log.Add(L"INFO", kSetupOver);
-    session.Slots().oobe_event_task();
+    session.Slots()->oobe_event_task();
     return;
   }
 }

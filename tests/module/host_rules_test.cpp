@@ -23,9 +23,9 @@ TEST_F(HostRulesTest, CallsOfSlot8WaitForOneAnother) {
   bool first = false;
   bool second = false;
   {
-    const std::jthread one([&] { first = service.Slots().oobe_event_task(); });
+    const std::jthread one([&] { first = service.Slots()->oobe_event_task(); });
     AwaitPending();
-    const std::jthread other([&] { second = service.Slots().oobe_event_task(); });
+    const std::jthread other([&] { second = service.Slots()->oobe_event_task(); });
     for (int i = 0; i < 20 && openedServices.size() == 1; ++i) Sleep(10);
     EXPECT_EQ(openedServices.size(), 1U);
     CompletePendingOnes(1);

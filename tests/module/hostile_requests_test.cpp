@@ -125,9 +125,9 @@ class HostileRequestsTest : public ModuleTest {
   // Fires the subscribed events and checks the other service's value.
   void Deliver() {
     for (const std::uint32_t code : {7U, 4U, 0U, 18U, 0xFFFFFFFFU}) {
-      service.Slots().power_event_task(code);
+      service.Slots()->power_event_task(code);
     }
-    for (const std::uint32_t code : {5U, 6U, 0x80000000U}) service.Slots().OnSessionChange(code);
+    for (const std::uint32_t code : {5U, 6U, 0x80000000U}) service.Slots()->OnSessionChange(code);
     Send(16, L"{}");
     Send(20, L"{}");
     EXPECT_TRUE(ThreadsEnd(quietThreads + kSystemThreads)) << ThreadCount() << " threads are left";

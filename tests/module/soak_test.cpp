@@ -63,7 +63,7 @@ class SoakTest : public ModuleTest {
 
   void Deliver(std::size_t deliveries) {
     for (std::size_t done = 0; done < deliveries; done += std::size(kSubscriptions)) {
-      service.Slots().power_event_task(7);
+      service.Slots()->power_event_task(7);
       if (done % kDeliveriesAtOnce != 0) continue;
       ASSERT_TRUE(ThreadsEnd(quiet + kSystemThreads));
     }
@@ -129,7 +129,7 @@ TEST_F(SoakTest, ServicesComeAndGoWithEverythingInFlight) {
   constexpr int kCallers = 2;
   const auto live = [this](int turn) {
     auto session = module.NewService();
-    session.Slots().Start();
+    session.Slots()->Start();
     std::vector<std::jthread> callers;
     callers.reserve(kCallers);
     for (int caller = 0; caller < kCallers; ++caller) {
@@ -140,9 +140,9 @@ TEST_F(SoakTest, ServicesComeAndGoWithEverythingInFlight) {
         };
         use(22, L"{}");
         use(9, L"{\"powerEventType\":7}");
-        session.Slots().power_event_task(odd ? 18 : 7);
+        session.Slots()->power_event_task(odd ? 18 : 7);
         use(19, L"{\"powerEventType\":7}");
-        session.Slots().OnSessionChange(odd ? 6 : 5);
+        session.Slots()->OnSessionChange(odd ? 6 : 5);
         use(20, L"{}");
       });
     }
@@ -176,7 +176,7 @@ DWORD NextThreadSlot() {
 TEST_F(SoakTest, TheModuleStaysUntilItsLastThreadHasGoneAndLeavesNoThreadSlot) {
   constexpr DWORD kLoads = 5;
   const auto use = [](Hosting::LoadedModule loaded) {
-    for (int turn = 0; turn < 5; ++turn) loaded.NewService().Slots().Start();
+    for (int turn = 0; turn < 5; ++turn) loaded.NewService().Slots()->Start();
   };
   const auto expectGone = [] {
     ASSERT_TRUE(Eventually([] { return GetModuleHandleW(L"OrvaneService.dll") == nullptr; }, 30s));

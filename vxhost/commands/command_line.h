@@ -7,7 +7,7 @@
 
 #include <CLI/CLI.hpp>
 
-#include "hosting/store_wait.h"
+#include "hosting/store_hold.h"
 #include "vxhost/common/console.h"
 #include "vxhost/common/module_options.h"
 

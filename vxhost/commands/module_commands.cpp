@@ -225,11 +225,11 @@ int Events(const ModuleOptions& module, const EventOptions& options, Console& co
   };
   for (const std::uint32_t code : options.power) {
     call("power event " + std::to_string(code));
-    context.session.Slots().power_event_task(code);
+    context.session.Slots()->power_event_task(code);
   }
   for (const std::uint32_t code : options.sessions) {
     call("session change " + std::to_string(code));
-    context.session.Slots().OnSessionChange(code);
+    context.session.Slots()->OnSessionChange(code);
   }
   // Deliveries run on their own threads.
   if (context.machine != nullptr) {

@@ -8,7 +8,7 @@
 
 #include <windows.h>
 
-#include "hosting/services_mutex.h"
+#include "hosting/store_hold.h"
 #include "hosting/text.h"
 #include "platform/unique_handle.h"
 #include "storage/cap_data_store.h"
@@ -94,17 +94,17 @@ class ScenarioRunner {
     if (FindMember(step, L"restart") != nullptr) Restart();
     if (FindMember(step, L"start") != nullptr) {
       Call("start");
-      context.session.Slots().Start();
+      context.session.Slots()->Start();
     }
     if (FindMember(step, L"policy") != nullptr) Announce();
     if (const auto* id = FindMember(step, L"exec")) Execute(step, id->GetUint());
     if (const auto* code = FindMember(step, L"power")) {
       Call("power event " + std::to_string(code->GetUint()));
-      context.session.Slots().power_event_task(code->GetUint());
+      context.session.Slots()->power_event_task(code->GetUint());
     }
     if (const auto* code = FindMember(step, L"session")) {
       Call("session change " + std::to_string(code->GetUint()));
-      context.session.Slots().OnSessionChange(code->GetUint());
+      context.session.Slots()->OnSessionChange(code->GetUint());
     }
     if (const auto* copy = FindMember(step, L"copy")) Copy(*copy);
     if (const auto* path = FindMember(step, L"remove")) {
@@ -127,7 +127,7 @@ class ScenarioRunner {
 
   // Writes as the machine's other services do.
   void Store(const WideValue& values) {
-    const ServicesMutexHold hold(ServicesMutexFor(StoreUse::Write));
+    const ServicesMutexHold hold(StoreUse::Write);
     for (auto value = values.MemberBegin(); value != values.MemberEnd(); ++value) {
       const std::string key = Utf8(value->name.GetString());
       Call("another service stores " + key + " = " + Utf8(Expand(value->value)));
@@ -151,7 +151,7 @@ class ScenarioRunner {
     context.session.End();
     if (context.machine != nullptr) context.machine->clock.Settle();
     context.session = context.newService();
-    context.session.Slots().Start();
+    context.session.Slots()->Start();
   }
 
   // Returns a string unchanged, and any other value as JSON. Expands definitions in both.
@@ -246,7 +246,7 @@ class ScenarioRunner {
   }
 
   void ExpectStored(const WideValue& values) {
-    const ServicesMutexHold hold(ServicesMutexFor(StoreUse::Read));
+    const ServicesMutexHold hold(StoreUse::Read);
     CapDataStore store;
     const auto document = store.readDocument(kServiceDocument);
     for (auto value = values.MemberBegin(); value != values.MemberEnd(); ++value) {

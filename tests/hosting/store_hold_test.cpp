@@ -1,4 +1,4 @@
-#include "hosting/services_mutex.h"
+#include "hosting/store_hold.h"
 
 #include "hosting/loaded_module.h"
 #include "support/test.h"
@@ -103,15 +103,15 @@ class AskingService final : public VxService {
 
 TEST_F(ServicesMutexTest, ACallThatCanUseTheStoreHoldsItAndMakesNone) {
   AskingService asking;
-  ServiceSession session(WithServicesMutex(asking));
-  session.Slots().power_event_task(7);
+  ServiceSession session(&asking);
+  session.Slots()->power_event_task(7);
   EXPECT_EQ(UniqueHandle(OpenMutexW(SYNCHRONIZE, FALSE, kName)), nullptr);
   asking.free.clear();
   const UniqueHandle ofAService(CreateMutexW(nullptr, FALSE, kName));
   EXPECT_EQ(session.Execute(22, L"{}", L"client").code, 7U);
-  session.Slots().power_event_task(7);
-  session.Slots().oobe_event_task();
-  session.Slots().OnSessionChange(5);
+  session.Slots()->power_event_task(7);
+  session.Slots()->oobe_event_task();
+  session.Slots()->OnSessionChange(5);
   EXPECT_THAT(asking.free, ElementsAre(false, false, false, false));
   asking.Ask();
   EXPECT_TRUE(asking.free.back());
