@@ -1,7 +1,7 @@
 #include "servicehost/envelope.h"
 
-#include <cstdio>
 #include <utility>
+#include <vector>
 
 #include "json/json_text.h"
 #include "json/utf8.h"
@@ -10,98 +10,86 @@ namespace Vx::Hosting::ServiceHost {
 
 namespace {
 
+using Json::WideDocument;
 using Json::WideValue;
 
-constexpr char kId[] = "id";
-constexpr char kRequest[] = "request";
-constexpr char kCode[] = "code";
-constexpr char kResponse[] = "response";
-constexpr char kRecord[] = "record";
-constexpr wchar_t kDecision[] = L"decision";
-constexpr wchar_t kReason[] = L"reason";
-
-enum class Others { Refused, Ignored };
-
-struct Members {
-  std::optional<std::uint32_t> number;
-  std::optional<std::wstring> text;
-  std::wstring decision = {};
-  std::wstring reason = {};
-};
-
-// Returns the member's text, empty if it has none.
-std::wstring TextOf(const WideValue& object, const wchar_t* name) {
-  const auto member = object.FindMember(name);
-  if (member == object.MemberEnd() || !member->value.IsString()) return {};
-  return {member->value.GetString(), member->value.GetStringLength()};
+bool ParseObject(WideDocument& document, std::string_view message, std::size_t nesting) {
+  return Json::IsUtf8(message) && Json::ParseJson(document, Json::ToWide(message), nesting) &&
+         document.IsObject();
 }
 
-// Reads {NUMBER: n, TEXT: "..."}, where either member may be missing.
-std::optional<Members> ParseMembers(std::string_view message, std::string_view numberName,
-                                    std::string_view textName, Others others) {
-  // Refusing nested values limits the memory that a client's message can take.
-  const std::size_t nesting = others == Others::Refused ? 1 : Json::kMaxNesting;
-  Json::WideDocument document;
-  if (!Json::IsUtf8(message) || !Json::ParseJson(document, Json::ToWide(message), nesting) ||
-      !document.IsObject()) {
-    return std::nullopt;
+// Returns the values of all members with this name.
+std::vector<const WideValue*> Named(const WideValue& object, const wchar_t* name) {
+  std::vector<const WideValue*> values;
+  for (auto member = object.MemberBegin(); member < object.MemberEnd(); ++member) {
+    if (member->name == name) values.push_back(&member->value);
   }
-  Members members;
-  for (auto member = document.MemberBegin(); member < document.MemberEnd(); ++member) {
-    const WideValue& value = member->value;
-    const std::string name =
-        Json::ToUtf8({member->name.GetString(), member->name.GetStringLength()});
-    if (name == numberName) {
-      if (members.number || !value.IsUint()) return std::nullopt;
-      members.number = value.GetUint();
-    } else if (name == textName) {
-      if (members.text || !value.IsString()) return std::nullopt;
-      members.text.emplace(value.GetString(), value.GetStringLength());
-    } else if (others == Others::Refused) {
-      return std::nullopt;
-    } else if (name == kRecord && value.IsObject()) {
-      members.decision = TextOf(value, kDecision);
-      members.reason = TextOf(value, kReason);
-    }
-  }
-  return members;
+  return values;
 }
 
-std::string WriteMembers(const char* numberName, std::uint32_t number, const char* textName,
-                         const std::wstring* text) {
-  std::string message = "{\"" + std::string(numberName) + "\":" + std::to_string(number);
-  if (text != nullptr) {
-    message += ",\"" + std::string(textName) + "\":";
-    AppendJsonString(message, *text);
-  }
-  return message;
+std::wstring TextOf(const WideValue& text) {
+  return {text.GetString(), text.GetStringLength()};
+}
+
+// Returns the text of the first member with this name, empty if it has none.
+std::wstring TextIn(const WideValue& object, const wchar_t* name) {
+  const auto values = Named(object, name);
+  return values.empty() || !values.front()->IsString() ? L"" : TextOf(*values.front());
 }
 
 }  // namespace
 
 std::optional<CommandEnvelope> ParseCommand(std::string_view message) {
-  if (message.size() > kLongestCommand) return std::nullopt;
-  auto members = ParseMembers(message, kId, kRequest, Others::Refused);
-  if (!members || !members->number || !members->text) return std::nullopt;
-  if (members->text->find(L'\0') != std::wstring::npos) return std::nullopt;
-  return CommandEnvelope{*members->number, std::move(*members->text)};
+  // Refusing nested values limits the memory that a client's message can take.
+  constexpr std::size_t kNesting = 1;
+  WideDocument document;
+  if (message.size() > kLongestCommand || !ParseObject(document, message, kNesting) ||
+      document.MemberCount() != 2) {
+    return std::nullopt;
+  }
+  const auto id = Named(document, L"id");
+  const auto request = Named(document, L"request");
+  if (id.size() != 1 || !id[0]->IsUint() || request.size() != 1 || !request[0]->IsString()) {
+    return std::nullopt;
+  }
+  std::wstring text = TextOf(*request[0]);
+  if (text.find(L'\0') != std::wstring::npos) return std::nullopt;
+  return CommandEnvelope{id[0]->GetUint(), std::move(text)};
 }
 
-std::optional<ResultEnvelope> ParseResult(std::string_view message) {
-  if (message.size() > kLongestResult) return std::nullopt;
-  auto members = ParseMembers(message, kCode, kResponse, Others::Ignored);
-  if (!members || !members->number) return std::nullopt;
-  return ResultEnvelope{*members->number, std::move(members->text), std::move(members->decision),
-                        std::move(members->reason)};
+std::optional<CommandResult> ParseResult(std::string_view message) {
+  WideDocument document;
+  if (message.size() > kLongestResult || !ParseObject(document, message, Json::kMaxNesting)) {
+    return std::nullopt;
+  }
+  const auto code = Named(document, L"code");
+  const auto response = Named(document, L"response");
+  if (code.size() != 1 || !code[0]->IsUint() || response.size() > 1) return std::nullopt;
+  CommandResult result{.code = code[0]->GetUint(), .text = {}};
+  if (!response.empty()) {
+    if (!response[0]->IsString()) return std::nullopt;
+    result.text = TextOf(*response[0]);
+  }
+  for (const WideValue* record : Named(document, L"record")) {
+    if (!record->IsObject()) continue;
+    result.decision = TextIn(*record, L"decision");
+    result.reason = TextIn(*record, L"reason");
+  }
+  return result;
 }
 
 std::string WriteCommand(const CommandEnvelope& command) {
-  return WriteMembers(kId, command.id, kRequest, &command.request) + "}";
+  std::string message = R"({"id":)" + std::to_string(command.id) + R"(,"request":)";
+  AppendJsonString(message, command.request);
+  return message + "}";
 }
 
-std::string WriteResult(const ResultEnvelope& result) {
-  std::string message =
-      WriteMembers(kCode, result.code, kResponse, result.response ? &*result.response : nullptr);
+std::string WriteResult(const CommandResult& result) {
+  std::string message = R"({"code":)" + std::to_string(result.code);
+  if (result.text) {
+    message += R"(,"response":)";
+    AppendJsonString(message, *result.text);
+  }
   if (!result.decision.empty()) {
     message += R"(,"record":{"decision":)";
     AppendJsonString(message, result.decision);
@@ -113,27 +101,8 @@ std::string WriteResult(const ResultEnvelope& result) {
 }
 
 void AppendJsonString(std::string& out, std::wstring_view text) {
-  out += '"';
-  std::size_t plain = 0;  // start of the pending units that need no escape
-  const auto flush = [&](std::size_t end) {
-    out += Json::ToUtf8(text.substr(plain, end - plain));
-    plain = end + 1;
-  };
-  for (std::size_t i = 0; i < text.size(); ++i) {
-    const auto unit = static_cast<std::uint32_t>(text[i]);
-    const bool quoted = unit == '"' || unit == '\\';
-    if (!quoted && unit >= 0x20) continue;
-    flush(i);
-    if (quoted) {
-      out += {'\\', static_cast<char>(unit)};
-      continue;
-    }
-    char escape[8];
-    static_cast<void>(std::snprintf(escape, sizeof escape, "\\u%04x", static_cast<unsigned>(unit)));
-    out += escape;
-  }
-  if (plain < text.size()) out += Json::ToUtf8(text.substr(plain));
-  out += '"';
+  const auto size = static_cast<rapidjson::SizeType>(text.size());
+  out += Json::ToUtf8(Json::JsonText(WideValue(text.data(), size)));
 }
 
 }  // namespace Vx::Hosting::ServiceHost

@@ -6,6 +6,8 @@
 #include <string>
 #include <string_view>
 
+#include "hosting/loaded_module.h"
+
 namespace Vx::Hosting::ServiceHost {
 
 // The messages on the service's pipe: one JSON object in UTF-8 per message.
@@ -24,22 +26,16 @@ struct CommandEnvelope {
   std::wstring request;  // never contains U+0000, because the module takes null-terminated strings
 };
 
-// The result of a command: {"code": 0, "response": "...", "record": {"decision": "refused",
-// "reason": "already_stored"}}. Without a text or a decision, its member is missing.
-struct ResultEnvelope {
-  std::uint32_t code = 0;
-  std::optional<std::wstring> response;
-  std::wstring decision = {};
-  std::wstring reason = {};
-};
-
 // Parse a message. Empty unless it is a JSON object with each of its members exactly once, in any
 // order: a 32-bit integer and a string. Other members are ignored in a result, not in a command.
 std::optional<CommandEnvelope> ParseCommand(std::string_view message);
-std::optional<ResultEnvelope> ParseResult(std::string_view message);
+std::optional<CommandResult> ParseResult(std::string_view message);
 
 std::string WriteCommand(const CommandEnvelope& command);
-std::string WriteResult(const ResultEnvelope& result);
+
+// Returns a result: {"code": 0, "response": "...", "record": {"decision": "refused", "reason":
+// "already_stored"}}. Without a text or a decision, its member is missing.
+std::string WriteResult(const CommandResult& result);
 
 // Appends `text` to `out` as a UTF-8 JSON string, with U+FFFD in place of unpaired surrogates.
 void AppendJsonString(std::string& out, std::wstring_view text);

@@ -92,10 +92,8 @@ HostLoop::~HostLoop() {
   log.Add(L"INFO", kStopped);
 }
 
-ResultEnvelope HostLoop::Execute(const CommandEnvelope& command, const std::wstring& client) {
-  CommandResult answer = session.Execute(command.id, command.request, client);
-  return {answer.code, std::move(answer.text), std::move(answer.decision),
-          std::move(answer.reason)};
+CommandResult HostLoop::Execute(const CommandEnvelope& command, const std::wstring& client) {
+  return session.Execute(command.id, command.request, client);
 }
 
 void HostLoop::OnPower(std::uint32_t code) {

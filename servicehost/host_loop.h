@@ -51,7 +51,7 @@ class HostLoop {
   ~HostLoop();
 
   // These functions may be called concurrently on any thread. They block while the module works.
-  ResultEnvelope Execute(const CommandEnvelope& command, const std::wstring& client);
+  CommandResult Execute(const CommandEnvelope& command, const std::wstring& client);
   void OnPower(std::uint32_t code);
   void OnSession(std::uint32_t code);
 

@@ -39,7 +39,7 @@ struct PipeOptions {
 class PipeServer {
  public:
   // Runs one command as `client` (at most 64 characters). Called concurrently. Must not throw.
-  using Handler = std::function<ResultEnvelope(const CommandEnvelope&, const std::wstring& client)>;
+  using Handler = std::function<CommandResult(const CommandEnvelope&, const std::wstring& client)>;
   // Receives messages for the operator. `level` is INFO, WARNING or ERROR. Must not throw. The
   // message is a view because some report that memory ran out.
   using Report = std::function<void(const wchar_t* level, std::wstring_view message)>;

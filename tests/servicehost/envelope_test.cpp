@@ -19,14 +19,14 @@ TEST(EnvelopeTest, CarriesEveryTextUnchanged) {
     EXPECT_EQ(command->request, text);
     const auto result = ParseResult(WriteResult({0x20000003, text}));
     ASSERT_TRUE(result);
-    EXPECT_EQ(result->response, text);
+    EXPECT_EQ(result->text, text);
   }
-  EXPECT_FALSE(ParseResult(WriteResult({0, std::nullopt}))->response);
+  EXPECT_FALSE(ParseResult(WriteResult({0, std::nullopt}))->text);
   const auto refused = ParseResult(WriteResult({0, std::nullopt, L"refused", L"not_\"stored"}));
   EXPECT_EQ(refused->decision, L"refused");
   EXPECT_EQ(refused->reason, L"not_\"stored");
   // A log line with an unpaired surrogate can be read back.
-  EXPECT_EQ(ParseResult(WriteResult({0, L"a\xD83D"}))->response, L"a\xFFFD");
+  EXPECT_EQ(ParseResult(WriteResult({0, L"a\xD83D"}))->text, L"a\xFFFD");
 }
 
 TEST(EnvelopeTest, IgnoresMembersOfAResultFromALaterVersion) {
@@ -34,7 +34,7 @@ TEST(EnvelopeTest, IgnoresMembersOfAResultFromALaterVersion) {
       ParseResult(R"({"reason":{"a":[1]},"code":7,"response":"x","record":7,"more":1})");
   ASSERT_TRUE(result);
   EXPECT_EQ(result->code, 7U);
-  EXPECT_EQ(result->response, L"x");
+  EXPECT_EQ(result->text, L"x");
   EXPECT_FALSE(ParseResult(R"({"code":7,"code":7})"));
 }
 

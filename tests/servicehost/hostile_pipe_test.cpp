@@ -57,7 +57,7 @@ TEST(HostilePipeTest, AMessageIsACommandOrTheEndOfItsConnection) {
   PipeServer server(
       {.path = TestPath(), .allowed = {}},
       [](const CommandEnvelope& command, const std::wstring&) {
-        return ResultEnvelope{command.id, command.request};
+        return CommandResult{command.id, command.request};
       },
       [](const wchar_t*, std::wstring_view) {});
   Tool::PipeClient honest(TestPath(), GetCurrentProcessId(), 10s);
@@ -83,7 +83,7 @@ TEST(HostilePipeTest, AMessageIsACommandOrTheEndOfItsConnection) {
       pipe.reset();
     }
     if (round % 16 == 0) {
-      ASSERT_EQ(honest.Execute({7, L"still"}).response, L"still");
+      ASSERT_EQ(honest.Execute({7, L"still"}).text, L"still");
     }
   }
   EXPECT_GT(accepted, 0U);

@@ -63,14 +63,14 @@ class PipeTest : public ::testing::Test {
             ++held;
             WaitForSingleObject(release.get(), 10'000);
           }
-          if (command.id == 2) return ResultEnvelope{2, std::wstring(1'000'000, L'x')};
-          if (command.id == 3) return ResultEnvelope{3, std::wstring(kLongestResult / 6, L'\1')};
+          if (command.id == 2) return CommandResult{2, std::wstring(1'000'000, L'x')};
+          if (command.id == 3) return CommandResult{3, std::wstring(kLongestResult / 6, L'\1')};
           if (command.id == 4) {
             // The runtime allocates what it needs per thread at the first exception, unchecked.
             EXPECT_THROW(throw 0, int);
             threads.shortage.emplace(Tests::Shortage::Lasting, 0);
           }
-          return ResultEnvelope{command.id, command.request};
+          return CommandResult{command.id, command.request};
         },
         [this](const wchar_t* level, std::wstring_view message) {
           const std::lock_guard guard(lock);
@@ -114,15 +114,15 @@ class PipeTest : public ::testing::Test {
 
 TEST_F(PipeTest, AnswersEachClientWhileTheCommandOfAnotherOneRuns) {
   Serve();
-  Platform::Thread slow([this] { EXPECT_EQ(Client().Execute({1, L"slow"}).response, L"slow"); });
+  Platform::Thread slow([this] { EXPECT_EQ(Client().Execute({1, L"slow"}).text, L"slow"); });
   ASSERT_TRUE(Tests::Eventually([this] { return held == 1; }));
   Tool::PipeClient first = Client();
   Tool::PipeClient second = Client();
   for (std::uint32_t id = 10; id < 20; ++id) {
-    EXPECT_EQ(first.Execute({id, L"{broken \xE9"}).response, L"{broken \xE9");
+    EXPECT_EQ(first.Execute({id, L"{broken \xE9"}).text, L"{broken \xE9");
     EXPECT_EQ(second.Execute({id, L""}).code, id);
   }
-  EXPECT_EQ(second.Execute({5, std::wstring(200'000, L'\xE9')}).response->size(), 200'000U);
+  EXPECT_EQ(second.Execute({5, std::wstring(200'000, L'\xE9')}).text->size(), 200'000U);
   EXPECT_THAT(lastClient, EndsWith(L" servicehost_test.exe"));
   SetEvent(release.get());
   slow.Join();
@@ -164,7 +164,7 @@ TEST_F(PipeTest, AHostileClientCostsTheOthersNothing) {
   Tool::PipeClient honest = Client();
   for (const auto& attack : attacks) {
     for (int i = 0; i < 2; ++i) attack();
-    EXPECT_EQ(honest.Execute({7, L"still"}).response, L"still");
+    EXPECT_EQ(honest.Execute({7, L"still"}).text, L"still");
   }
   SetEvent(release.get());
   const auto silent = RawClient();
@@ -175,7 +175,7 @@ TEST_F(PipeTest, AHostileClientCostsTheOthersNothing) {
   std::vector<std::unique_ptr<Tool::PipeClient>> crowd;
   for (int i = 0; i < 5; ++i) {
     crowd.push_back(std::make_unique<Tool::PipeClient>(path, GetCurrentProcessId(), 5s));
-    EXPECT_EQ(crowd.back()->Execute({7, L"room"}).response, L"room");
+    EXPECT_EQ(crowd.back()->Execute({7, L"room"}).text, L"room");
   }
 }
 
@@ -198,16 +198,16 @@ TEST_F(PipeTest, AShortageCostsOneClientAndIsReported) {
     threads.missing = c.missing;
     EXPECT_THROW(Client().Execute({c.id, L""}), std::runtime_error);
     EXPECT_TRUE(IsReported(c.line));
-    EXPECT_EQ(Client().Execute({7, L"still"}).response, L"still");
+    EXPECT_EQ(Client().Execute({7, L"still"}).text, L"still");
   }
   // The listener itself needs memory for each client.
   threads.missing = Missing::MemoryAfterwards;
   Tool::PipeClient last = Client();
-  EXPECT_EQ(last.Execute({7, L"last"}).response, L"last");
+  EXPECT_EQ(last.Execute({7, L"last"}).text, L"last");
   EXPECT_THROW(Client().Execute({7, L""}), std::runtime_error);
   EXPECT_TRUE(IsReported(L"ERROR a client was turned away, because memory ran out"));
-  EXPECT_EQ(last.Execute({7, L"still"}).response, L"still");
-  EXPECT_EQ(Client().Execute({7, L"next"}).response, L"next");
+  EXPECT_EQ(last.Execute({7, L"still"}).text, L"still");
+  EXPECT_EQ(Client().Execute({7, L"next"}).text, L"next");
 }
 
 // The clients run where this test cannot: what they send and how they open the pipe is replayed.
@@ -236,7 +236,7 @@ TEST_F(PipeTest, TakesTheMessagesOfTheSampleClients) {
     const auto result = ParseResult({answer, size});
     ASSERT_TRUE(result);
     EXPECT_EQ(result->code, 9U);
-    EXPECT_EQ(result->response, request);
+    EXPECT_EQ(result->text, request);
   }
 }
 
@@ -355,14 +355,14 @@ HANDLE WINAPI RefuseInstances(const wchar_t* name, DWORD mode, DWORD type, DWORD
 TEST_F(PipeTest, AnInstanceThatWindowsRefusesIsTriedAgainAndIsNotTheFirst) {
   Serve();
   Tool::PipeClient client = Client();
-  EXPECT_EQ(client.Execute({7, L"x"}).response, L"x");
+  EXPECT_EQ(client.Execute({7, L"x"}).text, L"x");
   const Tests::ImportOverride refuse(__imp_CreateNamedPipeW, &RefuseInstances);
   refusedInstances = 2;
   Tool::PipeClient second = Client();
   EXPECT_TRUE(IsReported(L"ERROR the pipe cannot be opened for a further client: " + path +
                          L" (error 1450)"));
-  EXPECT_EQ(second.Execute({7, L"x"}).response, L"x");
-  EXPECT_EQ(Client().Execute({7, L"x"}).response, L"x");
+  EXPECT_EQ(second.Execute({7, L"x"}).text, L"x");
+  EXPECT_EQ(Client().Execute({7, L"x"}).text, L"x");
   EXPECT_EQ(std::count(reports.begin(), reports.end(), L'\n'), 2);
 }
 

@@ -89,7 +89,7 @@ TEST_F(ServiceCrashTest, NoKillLosesAnAcknowledgedSubscription) {
     cut += Writing() ? 1 : 0;
     acknowledged += added;
     manager.Start(name);
-    const auto list = Tool::ConnectToService(name).Execute({20, L"{}"}).response;
+    const auto list = Tool::ConnectToService(name).Execute({20, L"{}"}).text;
     ASSERT_TRUE(list);
     for (int number = 0; number < acknowledged; ++number) {
       ASSERT_THAT(*list, HasSubstr(L"s-" + std::to_wstring(number) + L".exe\""));

@@ -76,7 +76,7 @@ TEST(LogFolderTest, ContinuesBehindALineThatAKillTore) {
   EXPECT_EQ(Tests::ReadText(file),
             "{\"time\":\"20\n"
             R"({"time":"2024-01-01T00:00:12.345Z","level":"WARNING","provider":"Vx-Test",)"
-            R"("caller":"client","thread":7,"process":9,"message":"a \"b\"\u000a)"
+            R"("caller":"client","thread":7,"process":9,"message":"a \"b\"\n)"
             "\xC3\xA9\"}\n");
 }
 

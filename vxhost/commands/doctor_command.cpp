@@ -233,7 +233,7 @@ void Service(const std::string& written, Checks& checks) {
     if (!running) return;
     constexpr std::uint32_t kVersion = 22;
     const auto result = ConnectToService(name).Execute({kVersion, L"{}"});
-    checks.Add("service's pipe", true, L"answers " + result.response.value_or(L"nothing"));
+    checks.Add("service's pipe", true, L"answers " + result.text.value_or(L"nothing"));
   } catch (const std::runtime_error& error) {
     checks.Add("service's pipe", false, Wide(error.what()), L"a service that answers",
                L"run as administrator, or restart it: vxhost service stop --name " + name);

@@ -74,7 +74,7 @@ PipeClient::PipeClient(const std::wstring& path, std::uint32_t service,
   }
 }
 
-ServiceHost::ResultEnvelope PipeClient::Execute(const ServiceHost::CommandEnvelope& command) {
+CommandResult PipeClient::Execute(const ServiceHost::CommandEnvelope& command) {
   ServiceHost::PipeMessages messages(pipe.get(), nullptr);
   std::string message = ServiceHost::WriteCommand(command);
   if (message.size() > ServiceHost::kLongestCommand)

@@ -26,7 +26,7 @@ class PipeClient {
              PipeOwner accepted = PipeOwner::System);
 
   // Runs one command. Blocks until its result arrives. Throws std::runtime_error if none does.
-  ServiceHost::ResultEnvelope Execute(const ServiceHost::CommandEnvelope& command);
+  CommandResult Execute(const ServiceHost::CommandEnvelope& command);
 
  private:
   Platform::UniqueHandle pipe;

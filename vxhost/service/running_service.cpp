@@ -38,9 +38,7 @@ void RefuseForService(const ModuleOptions& options) {
 
 CommandResult ExecuteInService(const std::string& name, std::uint32_t process, std::uint32_t id,
                                const std::wstring& request) {
-  ServiceHost::ResultEnvelope result = ConnectToService(Wide(name), process).Execute({id, request});
-  return {result.code, std::move(result.response), std::move(result.decision),
-          std::move(result.reason)};
+  return ConnectToService(Wide(name), process).Execute({id, request});
 }
 
 void FollowService(const std::string& name, int seconds,
