@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <chrono>
 #include <exception>
-#include <functional>
 #include <stdexcept>
 #include <string_view>
 #include <system_error>
@@ -45,23 +44,6 @@ std::wstring& TheName() {
   return name;
 }
 
-class ManagerSink final : public StatusSink {
- public:
-  void Report(const ServiceStatus& state) noexcept override {
-    SERVICE_STATUS status{};
-    status.dwServiceType = SERVICE_WIN32_OWN_PROCESS;
-    status.dwCurrentState = state.state;
-    status.dwCheckPoint = state.checkpoint;
-    if (state.checkpoint != 0) status.dwWaitHint = kWaitHint;
-    if (state.state == SERVICE_RUNNING) status.dwControlsAccepted = ServiceProcess::Accepted();
-    status.dwWin32ExitCode = state.exitCode;
-    status.dwServiceSpecificExitCode = state.specificCode;
-    SetServiceStatus(handle, &status);
-  }
-
-  SERVICE_STATUS_HANDLE handle = nullptr;
-};
-
 DWORD WINAPI HandleControl(DWORD control, DWORD event, void* /*data*/, void* context) {
   return static_cast<ServiceProcess*>(context)->Control(control, event);
 }
@@ -71,7 +53,6 @@ void WINAPI ServiceMain(DWORD /*count*/, LPWSTR* /*arguments*/) noexcept {
   const std::wstring programData = ProgramDataFolder();
   // The module finds its store through this variable. The emulator gives services another value.
   SetEnvironmentVariableW(L"ProgramData", programData.c_str());
-  ManagerSink sink;
   std::vector<std::unique_ptr<LogTarget>> places;
   const ServiceOptions options = ReadParameters(TheName());
   const DataFolders folders(programData, options.development ? Writers::Account : Writers::System);
@@ -80,9 +61,21 @@ void WINAPI ServiceMain(DWORD /*count*/, LPWSTR* /*arguments*/) noexcept {
   }));
   places.push_back(std::make_unique<EventLogTarget>(OpenEventLog(TheName())));
   places.push_back(std::make_unique<TraceTarget>(OpenTraceWriter()));
-  ServiceProcess service(options, std::move(places), sink);
-  sink.handle = RegisterServiceCtrlHandlerExW(TheName().c_str(), &HandleControl, &service);
-  if (sink.handle != nullptr) service.Run();
+  SERVICE_STATUS_HANDLE handle = nullptr;
+  const auto report = [&handle](const ServiceStatus& state) {
+    SERVICE_STATUS status{};
+    status.dwServiceType = SERVICE_WIN32_OWN_PROCESS;
+    status.dwCurrentState = state.state;
+    status.dwCheckPoint = state.checkpoint;
+    if (state.checkpoint != 0) status.dwWaitHint = kWaitHint;
+    if (state.state == SERVICE_RUNNING) status.dwControlsAccepted = ServiceProcess::Accepted();
+    status.dwWin32ExitCode = state.exitCode;
+    status.dwServiceSpecificExitCode = state.specificCode;
+    SetServiceStatus(handle, &status);
+  };
+  ServiceProcess service(options, std::move(places), report);
+  handle = RegisterServiceCtrlHandlerExW(TheName().c_str(), &HandleControl, &service);
+  if (handle != nullptr) service.Run();
 }
 
 // Returns Windows' error, which the service manager shows, or 1.
@@ -131,21 +124,13 @@ CodeQueue::~CodeQueue() {
   worker.Join();
 }
 
-void CodeQueue::AddPower(std::uint32_t code) noexcept {
-  Add({true, code});
-}
-
-void CodeQueue::AddSession(std::uint32_t code) noexcept {
-  Add({false, code});
-}
-
 void CodeQueue::Add(Code code) noexcept {
   try {
     std::unique_lock guard(lock);
     codes.push_back(code);
     if (codes.size() > capacity) DropOne();
     changed.notify_all();
-    if (!code.power || code.code != PBT_APMSUSPEND) return;
+    if (code != Code{Kind::Power, PBT_APMSUSPEND}) return;
     // The machine may sleep once every handler has returned.
     changed.wait_for(guard, kSuspendPatience, [this] { return codes.empty() && !forwarding; });
   } catch (const std::exception&) {  // NOLINT(bugprone-empty-catch): see the header
@@ -154,16 +139,12 @@ void CodeQueue::Add(Code code) noexcept {
 
 // Drops the oldest code if all differ.
 void CodeQueue::DropOne() {
+  const auto isRepeated = [this](auto at) {
+    return std::find(at + 1, codes.end(), *at) != codes.end();
+  };
   auto victim = codes.begin();
-  for (auto at = codes.begin(); at != codes.end(); ++at) {
-    const auto isSame = [&](const Code& later) {
-      return later.power == at->power && later.code == at->code;
-    };
-    if (std::any_of(at + 1, codes.end(), isSame)) {
-      victim = at;
-      break;
-    }
-  }
+  while (victim != codes.end() && !isRepeated(victim)) ++victim;
+  if (victim == codes.end()) victim = codes.begin();
   codes.erase(victim);
   ++dropped;
 }
@@ -186,7 +167,7 @@ void CodeQueue::Run() noexcept {
     forwarding = true;
     guard.unlock();
     if (lost != 0) Report(lost);
-    if (code.power) {
+    if (code.kind == Kind::Power) {
       host.OnPower(code.code);
     } else {
       host.OnSession(code.code);
@@ -197,27 +178,16 @@ void CodeQueue::Run() noexcept {
   }
 }
 
-// Makes the queue available to Control for the life of this object.
-class ServiceProcess::Published {
- public:
-  Published(ServiceProcess& owner, CodeQueue& codes) : service(owner) { Set(&codes); }
-  Published(const Published&) = delete;
-  Published& operator=(const Published&) = delete;
-  ~Published() { Set(nullptr); }
-
- private:
-  void Set(CodeQueue* codes) {
-    const std::lock_guard guard(service.queueLock);
-    service.queue = codes;
-  }
-
-  ServiceProcess& service;
-};
+// Makes the queue available to Control, or null.
+void ServiceProcess::Publish(CodeQueue* codes) {
+  const std::lock_guard guard(queueLock);
+  queue = codes;
+}
 
 ServiceProcess::ServiceProcess(ServiceOptions settings,
-                               std::vector<std::unique_ptr<LogTarget>> places, StatusSink& manager)
+                               std::vector<std::unique_ptr<LogTarget>> places, StatusReport manager)
     : options(std::move(settings)),
-      sink(manager),
+      report(std::move(manager)),
       log(std::move(places)),
       stop(CreateEventW(nullptr, TRUE, FALSE, nullptr)) {
   if (stop == nullptr) throw std::system_error(ERROR_NOT_ENOUGH_MEMORY, std::system_category());
@@ -235,7 +205,7 @@ void ServiceProcess::Report(std::uint32_t state, std::uint32_t specificCode) noe
   const std::uint32_t last = reported.state == state ? reported.checkpoint : 0;
   const DWORD exitCode = specificCode == 0 ? ERROR_SUCCESS : ERROR_SERVICE_SPECIFIC_ERROR;
   reported = {state, pending ? last + 1 : 0, exitCode, specificCode};
-  sink.Report(reported);
+  report(reported);
 }
 
 void ServiceProcess::Run() noexcept {
@@ -269,7 +239,9 @@ void ServiceProcess::Serve() {
       },
       [this](const wchar_t* level, std::wstring_view message) { log.Add(level, message); });
   CodeQueue codes(host, log);
-  const Published published(*this, codes);
+  Publish(&codes);
+  const auto withdraw = [this](CodeQueue*) { Publish(nullptr); };
+  const std::unique_ptr<CodeQueue, decltype(withdraw)> published(&codes, withdraw);
   log.Add(L"INFO", kRuns + std::to_wstring(GetCurrentProcessId()));
   Report(SERVICE_RUNNING);
   WaitForSingleObject(stop.get(), INFINITE);
@@ -279,16 +251,11 @@ void ServiceProcess::Serve() {
 }
 
 std::uint32_t ServiceProcess::Control(std::uint32_t control, std::uint32_t event) noexcept {
-  const auto add = [this](auto&& forward) {
+  using enum CodeQueue::Kind;
+  const auto add = [this](CodeQueue::Code code) {
     const std::lock_guard guard(queueLock);
-    if (queue != nullptr) forward(*queue);
+    if (queue != nullptr) queue->Add(code);
     return std::uint32_t{NO_ERROR};
-  };
-  const auto power = [&](std::uint32_t code) {
-    return add([code](CodeQueue& to) { to.AddPower(code); });
-  };
-  const auto session = [&](std::uint32_t code) {
-    return add([code](CodeQueue& to) { to.AddSession(code); });
   };
   switch (control) {
     case SERVICE_CONTROL_STOP:
@@ -298,17 +265,17 @@ std::uint32_t ServiceProcess::Control(std::uint32_t control, std::uint32_t event
     case SERVICE_CONTROL_INTERROGATE:
       return NO_ERROR;
     case SERVICE_CONTROL_POWEREVENT:
-      return power(event);
+      return add({Power, event});
     case SERVICE_CONTROL_SESSIONCHANGE:
-      return session(event);
+      return add({Session, event});
     default:
       break;
   }
   if (!options.development || control < PowerControl(0) || control > kLastControl) {
     return ERROR_CALL_NOT_IMPLEMENTED;
   }
-  return control < SessionControl(0) ? power(control - PowerControl(0))
-                                     : session(control - SessionControl(0));
+  return control < SessionControl(0) ? add({Power, control - PowerControl(0)})
+                                     : add({Session, control - SessionControl(0)});
 }
 
 // Error 1063 means that the service manager did not start the program:

@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -33,14 +34,9 @@ struct ServiceStatus {
   std::uint32_t specificCode = 0;  // with ERROR_SERVICE_SPECIFIC_ERROR
 };
 
-// The service manager, as seen by the service.
-class StatusSink {
- public:
-  virtual ~StatusSink() = default;
-
-  // Called on any thread, one call at a time. The process may end once SERVICE_STOPPED is reported.
-  virtual void Report(const ServiceStatus& state) noexcept = 0;
-};
+// Reports the status to the service manager. Called on any thread, one call at a time. The process
+// may end once SERVICE_STOPPED is reported.
+using StatusReport = std::function<void(const ServiceStatus&)>;
 
 // Forwards codes from the service manager to the module, in order, on its own thread: the module
 // may take minutes for one, while the manager waits for its handler. On overflow, drops the oldest
@@ -56,18 +52,18 @@ class CodeQueue {
   // Forwards the queued codes first.
   ~CodeQueue();
 
-  // May be called on any thread. A code is dropped if memory runs out. For a suspend, AddPower
-  // blocks for at most two seconds until the module has handled it.
-  void AddPower(std::uint32_t code) noexcept;
-  void AddSession(std::uint32_t code) noexcept;
-
- private:
+  enum class Kind { Power, Session };
   struct Code {
-    bool power;
+    Kind kind;
     std::uint32_t code;
+    bool operator==(const Code&) const = default;
   };
 
+  // May be called on any thread. A code is dropped if memory runs out. For a suspend, blocks for at
+  // most two seconds until the module has handled it.
   void Add(Code code) noexcept;
+
+ private:
   void DropOne();
   void Report(std::uint64_t count) noexcept;
   void Run() noexcept;
@@ -89,7 +85,7 @@ class ServiceProcess {
  public:
   // `places` receive the log. Throws std::system_error if no event can be created.
   ServiceProcess(ServiceOptions settings, std::vector<std::unique_ptr<LogTarget>> places,
-                 StatusSink& manager);
+                 StatusReport manager);
 
   // Runs until Control receives a stop or pre-shutdown. The last state reported is SERVICE_STOPPED.
   void Run() noexcept;
@@ -103,13 +99,12 @@ class ServiceProcess {
   static std::uint32_t Accepted();
 
  private:
-  class Published;
-
   void Serve();
+  void Publish(CodeQueue* codes);
   void Report(std::uint32_t state, std::uint32_t specificCode = 0) noexcept;
 
   const ServiceOptions options;
-  StatusSink& sink;
+  const StatusReport report;
   ServiceLog log;
   Platform::UniqueHandle stop;
   std::mutex stateLock;

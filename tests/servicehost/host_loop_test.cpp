@@ -234,18 +234,19 @@ TEST_F(HostLoopTest, TheDisplaySetsTheStandbyEventOnModernStandbyAlone) {
 
 // The module hangs in one code. The last of each other code is kept, even 18, which ends standby.
 TEST_F(HostLoopTest, AFullQueueKeepsTheLastReportOfEachCodeAndWarnsOnce) {
+  using enum CodeQueue::Kind;
   HostLoop host(Options(true), *log);
   SetEvent(standby.get());
   {
     CodeQueue codes(host, *log, 4);
-    codes.AddPower(4);
+    codes.Add({Power, 4});
     EXPECT_TRUE(StandbyIsSet());
     Tessel::Server::Storage::SystemMutex inUse(Tessel::Server::Storage::CapDataStore::kMutexName);
     inUse.lock();
-    codes.AddPower(10);
+    codes.Add({Power, 10});
     EXPECT_TRUE(Logs(L"power event 10\n"));
-    codes.AddPower(18);
-    for (const std::uint32_t code : {8U, 8U, 7U, 8U, 6U}) codes.AddSession(code);
+    codes.Add({Power, 18});
+    for (const std::uint32_t code : {8U, 8U, 7U, 8U, 6U}) codes.Add({Session, code});
     inUse.unlock();
   }
   EXPECT_FALSE(StandbyIsSet());

@@ -285,9 +285,9 @@ TEST(OrvaneHostTest, DoesNothingUnlessTheServiceManagerStartedItForAName) {
 }
 
 // The service as the manager runs it, with the module as it ships and a store of its own.
-class ServiceProcessTest : public ::testing::Test, public StatusSink {
+class ServiceProcessTest : public ::testing::Test {
  protected:
-  void Report(const ServiceStatus& state) noexcept override {
+  void Take(const ServiceStatus& state) {
     states.push_back(state);
     if (state.state == SERVICE_RUNNING) SetEvent(running.get());
     if (state.state == SERVICE_STOPPED) SetEvent(stopped.get());
@@ -296,7 +296,8 @@ class ServiceProcessTest : public ::testing::Test, public StatusSink {
   ServiceProcess& Service(const std::wstring& module, bool development) {
     const std::wstring name = L"process-" + std::to_wstring(GetCurrentProcessId());
     service = std::make_unique<ServiceProcess>(ServiceOptions{name, module, {}, development},
-                                               lines.Targets(), *this);
+                                               lines.Targets(),
+                                               [this](const ServiceStatus& state) { Take(state); });
     return *service;
   }
 
