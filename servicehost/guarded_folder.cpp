@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <array>
 #include <stdexcept>
-#include <utility>
 
 #include <windows.h>
 
@@ -18,6 +17,7 @@
 #include "platform/system_services.h"
 #include "platform/unique_handle.h"
 #include "platform/windows/file_handle.h"
+#include "servicehost/pipe_caller.h"
 
 namespace Vx::Hosting::ServiceHost {
 
@@ -55,22 +55,6 @@ constexpr DataFolder kFolders[] = {
     {L"\\Vx\\SharedServices", kPrivate},
     {L"\\Vx\\Logs", kPrivate},
 };
-
-std::wstring OwnAccount() {
-  HANDLE raw = nullptr;
-  if (OpenProcessToken(GetCurrentProcess(), TOKEN_QUERY, &raw) == FALSE) return {};
-  const Platform::UniqueHandle token(raw);
-  alignas(TOKEN_USER) std::byte buffer[sizeof(TOKEN_USER) + SECURITY_MAX_SID_SIZE];
-  DWORD size = sizeof buffer;
-  wchar_t* text = nullptr;
-  if (GetTokenInformation(token.get(), TokenUser, buffer, size, &size) == FALSE ||
-      ConvertSidToStringSidW(reinterpret_cast<const TOKEN_USER*>(buffer)->User.Sid, &text) ==
-          FALSE) {
-    return {};
-  }
-  const Platform::UniqueLocalMemory<wchar_t> owner(text);
-  return text;
-}
 
 std::string Names(const std::vector<std::wstring>& accounts) {
   std::string names;
@@ -173,7 +157,8 @@ std::wstring Replace(Platform::UniqueHandle& folder, const std::wstring& path,
 
 std::vector<std::wstring> OtherWriters(const Platform::AccessList& access, std::uint32_t rights,
                                        Writers accepted) {
-  const std::wstring own = accepted == Writers::Account ? OwnAccount() : std::wstring();
+  const std::wstring own =
+      accepted == Writers::Account ? CallerOf(GetCurrentProcessId()).account : std::wstring();
   std::vector<std::wstring> writers;
   const auto judge = [&](const std::wstring& sid) {
     if (std::ranges::any_of(kSystem, [&](const wchar_t* known) { return sid == known; })) return;

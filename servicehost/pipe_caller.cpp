@@ -8,7 +8,6 @@
 #include <aclapi.h>
 
 #include "hosting/text.h"
-#include "platform/unique_handle.h"
 #include "platform/windows/file_handle.h"
 #include "servicehost/accounts.h"
 
@@ -25,24 +24,6 @@ UniqueHandle TokenOf(HANDLE process) {
   const BOOL opened = OpenProcessToken(process, TOKEN_QUERY | TOKEN_DUPLICATE, &token);
   return UniqueHandle(opened != FALSE ? token : nullptr);
 }
-
-// The user of a token. The SID is valid for the life of this object.
-class TokenAccount {
- public:
-  explicit TokenAccount(HANDLE token) {
-    DWORD size = sizeof buffer;
-    known = GetTokenInformation(token, TokenUser, buffer, size, &size) != FALSE;
-  }
-
-  // Returns null if unknown.
-  PSID Sid() const {
-    return known ? reinterpret_cast<const TOKEN_USER*>(buffer)->User.Sid : nullptr;
-  }
-
- private:
-  alignas(TOKEN_USER) std::byte buffer[sizeof(TOKEN_USER) + SECURITY_MAX_SID_SIZE] = {};
-  bool known = false;
-};
 
 // Returns whether `group` is enabled in `token`. The administrators group is not enabled for an
 // administrator who has not elevated. CheckTokenMembership takes only impersonation tokens.
@@ -83,7 +64,11 @@ PipeCaller CallerOf(std::uint32_t processId) {
   caller.process.reset(OpenProcess(PROCESS_QUERY_LIMITED_INFORMATION, FALSE, processId));
   const UniqueHandle token = TokenOf(caller.process.get());
   if (token == nullptr) return caller;
-  caller.account = Platform::SidText(TokenAccount(token.get()).Sid());
+  alignas(TOKEN_USER) std::byte user[sizeof(TOKEN_USER) + SECURITY_MAX_SID_SIZE];
+  DWORD size = sizeof user;
+  if (GetTokenInformation(token.get(), TokenUser, user, size, &size) != FALSE) {
+    caller.account = Platform::SidText(reinterpret_cast<const TOKEN_USER*>(user)->User.Sid);
+  }
   caller.privileged = IsMember(token.get(), WinLocalSystemSid) ||
                       IsMember(token.get(), WinBuiltinAdministratorsSid);
   caller.file = FileNameOf(caller.process.get());
