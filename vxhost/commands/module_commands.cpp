@@ -220,7 +220,7 @@ int Events(const ModuleOptions& module, const EventOptions& options, Console& co
   const auto harness = MakeHarness(module, console);
   const ScenarioContext& context = harness->Open();
   const auto call = [&](const std::string& text) {
-    context.record.AddCall(Wide(text));
+    context.record.Add({.text = Wide(text)});
     console.Note("-> " + text);
   };
   for (const std::uint32_t code : options.power) {

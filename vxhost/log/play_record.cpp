@@ -19,29 +19,10 @@ void PlayRecord::EndStep() {
   if (!steps.empty()) steps.back().end = moment;
 }
 
-void PlayRecord::AddCall(const std::wstring& text) {
-  Add({.what = Happening::Call, .text = text});
-}
-
-void PlayRecord::AddCommand(std::uint32_t id, const std::wstring& request,
-                            const CommandResult& answer) {
-  Add({.what = Happening::Command, .command = id, .request = request, .answer = answer});
-}
-
-void PlayRecord::AddEvent(const std::wstring& text) {
-  Add({.what = Happening::Event, .thread = GetCurrentThreadId(), .text = text});
-}
-
-void PlayRecord::AddLog(const LogLine& line) {
-  Add({.what = Happening::Log, .thread = GetCurrentThreadId(), .log = line});
-}
-
-void PlayRecord::AddFailure(const std::wstring& text) {
-  Add({.what = Happening::Failure, .text = text});
-}
-
 void PlayRecord::Add(RecordEntry entry) {
   entry.at = now();
+  const bool hasThread = entry.what == Happening::Event || entry.what == Happening::Log;
+  if (hasThread) entry.thread = GetCurrentThreadId();
   const std::lock_guard guard(mutex);
   entry.step = steps.size();
   entries.push_back(std::move(entry));
@@ -55,14 +36,6 @@ bool PlayRecord::Contains(Happening what, const std::wstring& text) const {
                            what == Happening::Log ? entry.log.message : entry.text;
                        return entry.what == what && said.find(text) != said.npos;
                      });
-}
-
-bool PlayRecord::WaitFor(const std::wstring& text, int seconds) const {
-  return WaitUntil(seconds, [&] { return Contains(Happening::Log, text); });
-}
-
-bool PlayRecord::Happened(const std::wstring& text) const {
-  return Contains(Happening::Event, text);
 }
 
 std::vector<RecordStep> PlayRecord::Steps() const {

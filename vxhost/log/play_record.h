@@ -21,7 +21,7 @@ struct RecordEntry {
   std::chrono::milliseconds at{};  // since the start, including a simulated machine's sleep
   Happening what = Happening::Call;
   std::size_t step = 0;      // the scenario's step, from 1
-  std::uint32_t thread = 0;  // the thread that logged or caused the event
+  std::uint32_t thread = 0;  // that logged or caused the event; set by the record
   std::wstring text = {};    // for a call, event or failure
   LogLine log = {};
   std::uint32_t command = 0;  // command ID, with request and answer
@@ -47,25 +47,16 @@ class PlayRecord {
   void BeginStep(std::size_t line, const std::wstring& say);
   void EndStep();
 
-  void AddCall(const std::wstring& text);
-  void AddCommand(std::uint32_t id, const std::wstring& request, const CommandResult& answer);
-  void AddEvent(const std::wstring& text);  // call on the thread that causes it
-  void AddLog(const LogLine& line);         // call on the thread that logs
-  void AddFailure(const std::wstring& text);
+  // Adds an entry of this moment and step. Call on the thread that logs a line or causes an event.
+  void Add(RecordEntry entry);
 
-  // Waits up to `seconds` of real time for a log line in this step that contains `text`.
-  bool WaitFor(const std::wstring& text, int seconds) const;
-
-  // Returns whether an event in this step contains `text`.
-  bool Happened(const std::wstring& text) const;
+  // Returns whether something of this kind in this step contains `text`.
+  bool Contains(Happening what, const std::wstring& text) const;
 
   std::vector<RecordStep> Steps() const;
   std::vector<RecordEntry> Entries() const;
 
  private:
-  void Add(RecordEntry entry);
-  bool Contains(Happening what, const std::wstring& text) const;
-
   Now now;
   mutable std::mutex mutex;  // guards the members below
   std::vector<RecordStep> steps;

@@ -42,7 +42,7 @@ class RealHarness final : public Harness {
             [this, &console](const VxLogLine& given) {
               const LogLine line = LineOf(given);
               console.Log(line);
-              recorder.AddLog(line);
+              recorder.Add({.what = Happening::Log, .log = line});
             }),
         session((prepare(), module.NewService())),
         context{.session = session,
@@ -115,7 +115,7 @@ class SimulatedLog {
       NoteDecision(*record.record);
       line.record = RecordOf(*record.record);
     }
-    recorder.AddLog(line);
+    recorder.Add({.what = Happening::Log, .log = line});
     const auto now = clock.Moment();
     const auto found = std::find_if(recent.begin(), recent.end(), [&line](const Said& one) {
       return one.line.message == line.message;
@@ -164,7 +164,7 @@ class SimulatedHarness final : public Harness {
                 .showRepeated = [this] { log->ShowRepeated(); }} {
     machine.clock.SetPatience(kPatience);
     machine.timeline.SetListener([this, &console](const Simulator::Timeline::Entry& entry) {
-      recorder.AddEvent(entry.text);
+      recorder.Add({.what = Happening::Event, .text = entry.text});
       console.Note(" * " + Utf8(Simulator::Format(entry)));
     });
   }

@@ -136,7 +136,7 @@ class ScenarioRunner {
   }
 
   void Call(const std::string& text) {
-    context.record.AddCall(Wide(text));
+    context.record.Add({.text = Wide(text)});
     context.console.Note("-> " + text);
   }
 
@@ -173,7 +173,8 @@ class ScenarioRunner {
     context.console.Request(id, text);
     const CommandResult answer = context.session.Execute(id, text, kCaller);
     if (context.machine != nullptr) context.machine->clock.Settle();
-    context.record.AddCommand(id, text, answer);
+    context.record.Add(
+        {.what = Happening::Command, .command = id, .request = text, .answer = answer});
     context.console.Note("<- " + (answer.text ? Utf8(*answer.text) : std::string("(no response)")));
     context.console.Note("   result " + Describe(answer.code));
     const auto* expect = FindMember(step, L"expect");
@@ -229,17 +230,17 @@ class ScenarioRunner {
       const std::wstring wanted = Expand(*text);
       // A simulated machine has already done all it can.
       const int patience = context.machine == nullptr ? Seconds(expect) : 0;
-      Check(context.record.WaitFor(wanted, patience),
-            "the log should say \"" + Utf8(wanted) + "\"");
+      const auto isLogged = [&] { return context.record.Contains(Happening::Log, wanted); };
+      Check(WaitUntil(patience, isLogged), "the log should say \"" + Utf8(wanted) + "\"");
     }
     if (const auto* text = FindMember(expect, L"event")) {
       const std::wstring wanted = Expand(*text);
-      Check(context.record.Happened(wanted),
+      Check(context.record.Contains(Happening::Event, wanted),
             "it should have happened that \"" + Utf8(wanted) + "\"");
     }
     if (const auto* text = FindMember(expect, L"noEvent")) {
       const std::wstring unwanted = Expand(*text);
-      Check(!context.record.Happened(unwanted),
+      Check(!context.record.Contains(Happening::Event, unwanted),
             "it should not have happened that \"" + Utf8(unwanted) + "\"");
     }
     if (const auto* values = FindMember(expect, L"stored")) ExpectStored(*values);
@@ -267,7 +268,7 @@ class ScenarioRunner {
   void Check(bool happened, const std::string& expectation) {
     if (happened) return;
     succeeded = false;
-    context.record.AddFailure(Wide(expectation));
+    context.record.Add({.what = Happening::Failure, .text = Wide(expectation)});
     context.console.Failure(expectation);
   }
 
