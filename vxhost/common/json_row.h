@@ -29,6 +29,10 @@ class JsonRow {
   }
 
   void Add(const Member& member) { (members += members.empty() ? L"" : L",") += member.text; }
+  // Adds a member whose value is JSON already.
+  void AddJson(const std::wstring& name, const std::wstring& json) {
+    (members += members.empty() ? L"\"" : L",\"") += name + L"\":" + json;
+  }
 
   std::wstring Text() const { return L'{' + members + L'}'; }
 
