@@ -4,7 +4,6 @@
 #include <chrono>
 #include <cwchar>
 #include <iterator>
-#include <limits>
 
 #include <windows.h>
 

@@ -6,7 +6,6 @@
 
 #include "hosting/text.h"
 #include "json/utf8.h"
-#include "storage/bson_document.h"
 #include "storage/service_document.h"
 #include "vxhost/store/store_repair.h"
 
