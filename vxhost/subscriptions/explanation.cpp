@@ -27,6 +27,18 @@ constexpr std::wstring_view kDelayKey = L"delayDeliverySec";
 constexpr std::wstring_view kPathKey = L".path";
 constexpr wchar_t kUnreadable[] = L"the module cannot read it: ";
 
+struct Words {
+  const wchar_t* name;
+  const char* text;
+  const char* later = nullptr;  // after a wait
+};
+// In the order of the enumeration.
+constexpr Words kFates[] = {{L"run", "would run", "run"},
+                            {L"dropped", "would be dropped"},
+                            {L"refused", "would be refused", "be refused"},
+                            {L"never", "never runs"},
+                            {L"other event", "not concerned"}};
+
 std::wstring TextOf(const Finding& finding) {
   std::wstring text = finding.key.empty() ? finding.text : finding.key + L": " + finding.text;
   if (!finding.found.empty()) text += L"; found " + finding.found;
@@ -160,27 +172,13 @@ class Explainer {
 }  // namespace
 
 const wchar_t* NameOf(Fate fate) {
-  // In the order of the enumeration.
-  static constexpr const wchar_t* kNames[] = {L"run", L"dropped", L"refused", L"never",
-                                              L"other event"};
-  return kNames[static_cast<std::size_t>(fate)];
+  return kFates[static_cast<std::size_t>(fate)].name;
 }
 
 std::string FateText(const Explanation& one) {
-  switch (one.fate) {
-    case Fate::Runs:
-      return one.wait == 0 ? "would run" : "would wait " + std::to_string(one.wait) + " s and run";
-    case Fate::Dropped:
-      return "would be dropped";
-    case Fate::Refused:
-      return one.wait == 0 ? "would be refused"
-                           : "would wait " + std::to_string(one.wait) + " s and be refused";
-    case Fate::Never:
-      return "never runs";
-    case Fate::OtherEvent:
-      return "not concerned";
-  }
-  return {};
+  const Words& words = kFates[static_cast<std::size_t>(one.fate)];
+  if (one.wait == 0 || words.later == nullptr) return words.text;
+  return "would wait " + std::to_string(one.wait) + " s and " + words.later;
 }
 
 std::vector<Explanation> Explain(const std::vector<StoredSubscription>& subscriptions,

@@ -7,6 +7,7 @@
 
 #include "events/delivery_rules.h"
 #include "events/event_commands.h"
+#include "events/subscription_delivery.h"
 #include "hosting/text.h"
 #include "json/json_object.h"
 #include "json/json_text.h"
@@ -41,29 +42,21 @@ constexpr auto kChanged = static_cast<std::int32_t>(0x80096010);  // TRUST_E_BAD
 constexpr wchar_t kPinnedSignature[] =
     L"a signature with a restricted key, as vxhost pins lists them";
 
-// The required type of a member, with names and tests in the same order.
-enum class Shape { Number, Text, Object };
-constexpr struct {
+// The required type of a member.
+struct Shape {
   const wchar_t* name;
   bool (WideValue::*holds)() const;
-} kShapes[] = {{L"a number", &WideValue::IsNumber},
-               {L"a text", &WideValue::IsString},
-               {L"an object", &WideValue::IsObject}};
-
-const wchar_t* NameOf(Shape shape) {
-  return kShapes[static_cast<std::size_t>(shape)].name;
-}
-
-bool HasShape(const WideValue& value, Shape shape) {
-  return (value.*kShapes[static_cast<std::size_t>(shape)].holds)();
-}
+};
+constexpr Shape kNumber = {L"a number", &WideValue::IsNumber};
+constexpr Shape kText = {L"a text", &WideValue::IsString};
+constexpr Shape kObject = {L"an object", &WideValue::IsObject};
 
 std::wstring NameOfKind(const WideValue& value) {
   if (value.IsNull()) return L"null";
   if (value.IsBool()) return L"true or false";
   if (value.IsArray()) return L"a list";
-  if (value.IsString()) return NameOf(Shape::Text);
-  return NameOf(value.IsNumber() ? Shape::Number : Shape::Object);
+  if (value.IsString()) return kText.name;
+  return value.IsNumber() ? kNumber.name : kObject.name;
 }
 
 std::wstring Shown(const WideValue& value) {
@@ -79,13 +72,13 @@ class Checker {
       : keys(pinned), findings(result.findings) {}
 
   void Request(const WideValue& request) {
-    const SubscriptionForm* kind = KindOf(request);
+    kind = KindOf(request);
     if (kind == nullptr) return;
     Level level{request, L"", {}};
-    const WideValue* event = Take(level, kind->event, Shape::Number, Need::Required);
+    const WideValue* event = Take(level, kind->event, kNumber, Need::Required);
     if (event != nullptr) code = Number(*event, kind->event);
-    if (code) CheckCode(*kind);
-    const WideValue* action = Take(level, kind->action, Shape::Number, Need::Required);
+    if (code) CheckCode();
+    const WideValue* action = Take(level, kind->action, kNumber, Need::Required);
     std::optional<std::uint32_t> what;
     if (action != nullptr) what = Number(*action, kind->action);
     const bool starts = what == static_cast<std::uint32_t>(EventAction::Launch);
@@ -96,16 +89,16 @@ class Checker {
             L"no such action");
     }
     if (kind->family != nullptr) {
-      const WideValue* family = Take(level, kind->family, Shape::Text, Need::Required);
-      if (family != nullptr) CheckFamily(kind->family, TextOf(*family), Verdict::Never);
+      const WideValue* family = Take(level, kind->family, kText, Need::Required);
+      if (family != nullptr) CheckFamily(kind->family, TextOf(*family));
     }
-    const WideValue* params = Take(level, kind->parameters, Shape::Object, Need::Required);
+    const WideValue* params = Take(level, kind->parameters, kObject, Need::Required);
     if (params != nullptr) {
       Level inner{*params, kind->parameters + std::wstring(L"."), {}};
       if (starts) CheckLaunch(inner);
-      if (sends) CheckMessage(inner, *kind);
+      if (sends) CheckMessage(inner);
       if (starts || sends) {
-        CheckDelay(inner, *kind);
+        CheckDelay(inner);
         Leftovers(inner);
       }
     }
@@ -116,14 +109,7 @@ class Checker {
   void AskModule(const std::wstring& text) {
     if (!readable) return;
     try {
-      const auto request = Json::JsonObject::Parse(text);
-      for (const SubscriptionForm* kind : kSubscriptionForms) {
-        if (!request.HasKey(kind->event)) continue;
-        CreateEventCommand(
-            static_cast<EventAction>(Json::TruncateToUint32(request.GetNamedNumber(kind->action))),
-            request.GetNamedObject(kind->parameters));
-        return;
-      }
+      const EventSubscription asRead(text, *kind);
     } catch (const Platform::WindowsRuntimeError& error) {
       Never(L"", L"", L"a subscription that the module can read", error.message());
     }
@@ -154,16 +140,16 @@ class Checker {
   }
 
   const SubscriptionForm* KindOf(const WideValue& request) {
-    for (const SubscriptionForm* kind : kSubscriptionForms) {
-      if (FindMember(request, kind->event) != nullptr) return kind;
+    for (const SubscriptionForm* form : kSubscriptionForms) {
+      if (FindMember(request, form->event) != nullptr) return form;
     }
     // The faults of the likely kind help more than a list of all kinds.
-    for (const SubscriptionForm* kind : kSubscriptionForms) {
+    for (const SubscriptionForm* form : kSubscriptionForms) {
       for (auto member = request.MemberBegin(); member < request.MemberEnd(); ++member) {
         const std::wstring name = TextOf(member->name);
-        if (Tessel::Security::SameIgnoringCase(name, kind->event) ||
-            IsProbablyMeant(name, kind->event)) {
-          return kind;
+        if (Tessel::Security::SameIgnoringCase(name, form->event) ||
+            IsProbablyMeant(name, form->event)) {
+          return form;
         }
       }
     }
@@ -173,7 +159,7 @@ class Checker {
   }
 
   // Returns the member if present and of this shape. Otherwise adds the reason to the list.
-  const WideValue* Take(Level& level, const std::wstring& name, Shape shape, Need need) {
+  const WideValue* Take(Level& level, const std::wstring& name, const Shape& shape, Need need) {
     level.asked.insert(name);
     const std::wstring key = level.prefix + name;
     const WideValue* value = FindMember(level.object, name);
@@ -181,13 +167,13 @@ class Checker {
       Missing(level, name, need);
       return nullptr;
     }
-    if (HasShape(*value, shape)) return value;
-    std::wstring wanted = NameOf(shape);
-    if (shape == Shape::Text && value->IsNumber()) wanted = Quoted(Json::JsonText(*value));
-    if (shape == Shape::Number && value->IsString()) {
+    if ((value->*shape.holds)()) return value;
+    std::wstring wanted = shape.name;
+    if (&shape == &kText && value->IsNumber()) wanted = Quoted(Json::JsonText(*value));
+    if (&shape == &kNumber && value->IsString()) {
       if (const auto number = LeadingInteger(TextOf(*value))) wanted = std::to_wstring(*number);
     }
-    const std::wstring text = NameOfKind(*value) + L", but the module wants " + NameOf(shape);
+    const std::wstring text = NameOfKind(*value) + L", but the module wants " + shape.name;
     if (need != Need::Optional) {
       readable = false;
       Never(key, Shown(*value), wanted, text);
@@ -239,49 +225,45 @@ class Checker {
     return truncated;
   }
 
-  void CheckCode(const SubscriptionForm& kind) {
-    const std::wstring event = Wide(kind.name) + L" event " + std::to_wstring(*code);
-    if (const wchar_t* meaning = MeaningOf(kind.codes, *code)) {
-      Good(kind.event, event + L": " + meaning);
+  void CheckCode() {
+    const std::wstring event = Wide(kind->name) + L" event " + std::to_wstring(*code);
+    if (const wchar_t* meaning = MeaningOf(kind->codes, *code)) {
+      Good(kind->event, event + L": " + meaning);
       return;
     }
     std::wstring wanted;
-    for (const EventCode& row : kind.codes) {
+    for (const EventCode& row : kind->codes) {
       wanted += (wanted.empty() ? L"" : L", ") + std::to_wstring(row.code);
     }
-    Never(kind.event, std::to_wstring(*code), L"one of " + wanted, event + L" never occurs");
+    Never(kind->event, std::to_wstring(*code), L"one of " + wanted, event + L" never occurs");
   }
 
-  void CheckFamily(const std::wstring& key, const std::wstring& family, Verdict ifAbsent) {
+  void CheckFamily(const std::wstring& key, const std::wstring& family) {
     if (family.empty()) {
       Never(key, L"\"\"", L"a package family name", L"is empty");
       return;
     }
-    std::wstring fault;
+    const std::wstring found = Shortened(Quoted(family));
     try {
-      if (!Platform::CurrentMachine().packages->FindForAllUsers(family).empty()) {
+      if (Platform::CurrentMachine().packages->FindForAllUsers(family).empty()) {
+        Never(key, found, L"an installed package", L"no package of this family is installed");
+      } else {
         Good(key, family + L" is installed");
-        return;
       }
-      findings.push_back({ifAbsent, key, Shortened(Quoted(family)), L"an installed package",
-                          L"no package of this family is installed"});
-    } catch (const Platform::WindowsRuntimeError& error) {
-      fault = error.message();
-    } catch (const std::exception& error) {
-      fault = Wide(error.what());
+      return;
+    } catch (const Platform::WindowsRuntimeError&) {  // NOLINT(bugprone-empty-catch): see below
+    } catch (const std::exception&) {                 // NOLINT(bugprone-empty-catch): see below
     }
-    if (!fault.empty()) {
-      Hint(key, Shortened(Quoted(family)), L"", L"Windows does not tell whether it is installed");
-    }
+    Hint(key, found, L"", L"Windows does not tell whether it is installed");
   }
 
-  void CheckDelay(Level& level, const SubscriptionForm& kind) {
+  void CheckDelay(Level& level) {
     constexpr wchar_t kDelay[] = L"delayDeliverySec";
-    const WideValue* value = Take(level, kDelay, Shape::Text, Need::Typed);
+    const WideValue* value = Take(level, kDelay, kText, Need::Typed);
     if (value == nullptr) return;
     const std::wstring key = level.prefix + kDelay;
     const std::wstring text = TextOf(*value);
-    if (kind.family != nullptr) {
+    if (kind->family != nullptr) {
       Hint(key, Shown(*value), L"no such member", L"package subscriptions run without a delay");
       return;
     }
@@ -300,37 +282,37 @@ class Checker {
     } else {
       Good(key, L"runs " + seconds + L" s after the event");
     }
-    if (code == kSuspend && &kind == &kPowerForm && *delay > 0) {
+    if (code == kSuspend && kind == &kPowerForm && *delay > 0) {
       Hint(key, Shown(*value), L"no delay, or powerEventType 18 (resumed)",
            L"the machine sleeps before the delay is over, and the late delivery is dropped");
     }
   }
 
   void CheckLaunch(Level& level) {
-    const WideValue* path = Take(level, L"path", Shape::Text, Need::Required);
+    const WideValue* path = Take(level, L"path", kText, Need::Required);
     if (path != nullptr) CheckProgram(level.prefix + L"path", TextOf(*path));
-    Take(level, L"arguments", Shape::Text, Need::Optional);
+    Take(level, L"arguments", kText, Need::Optional);
   }
 
-  void CheckMessage(Level& level, const SubscriptionForm& kind) {
-    const WideValue* payload = Take(level, L"payload", Shape::Object, Need::Required);
+  void CheckMessage(Level& level) {
+    const WideValue* payload = Take(level, L"payload", kObject, Need::Required);
     bool raises = false;
     if (payload != nullptr) {
       Level inner{*payload, level.prefix + L"payload.", {}};
-      const WideValue* trigger = Take(inner, L"customTriggerGUID", Shape::Text, Need::Optional);
+      const WideValue* trigger = Take(inner, L"customTriggerGUID", kText, Need::Optional);
       const bool named = trigger != nullptr && trigger->GetStringLength() != 0;
-      raises = named && kind.family == nullptr;
+      raises = named && kind->family == nullptr;
       if (raises) CheckTrigger(inner.prefix + L"customTriggerGUID", *trigger);
       if (named && !raises) {
         Hint(inner.prefix + L"customTriggerGUID", Shown(*trigger), L"no such member",
              L"package subscriptions raise no trigger and send the message");
       }
     }
-    const WideValue* family = Take(level, L"packageFamilyName", Shape::Text, Need::Required);
-    const WideValue* service = Take(level, L"appServiceName", Shape::Text, Need::Required);
+    const WideValue* family = Take(level, L"packageFamilyName", kText, Need::Required);
+    const WideValue* service = Take(level, L"appServiceName", kText, Need::Required);
     if (raises) return;  // no message is sent then
     if (family != nullptr) {
-      CheckFamily(level.prefix + L"packageFamilyName", TextOf(*family), Verdict::Never);
+      CheckFamily(level.prefix + L"packageFamilyName", TextOf(*family));
     }
     if (service != nullptr && service->GetStringLength() == 0) {
       Never(level.prefix + L"appServiceName", L"\"\"", L"the app service's name", L"is empty");
@@ -381,20 +363,21 @@ class Checker {
     if (sound) Good(key, L"the program is trusted here");
   }
 
-  void NotOpened(const std::wstring& key, const std::wstring& path, const wchar_t* why) {
-    const std::wstring found = Shortened(Quoted(path));
+  void NotOpened(const std::wstring& key, const std::wstring& path, std::wstring why) {
+    std::wstring wanted = L"a path such as \"C:\\\\Program Files\\\\Maker\\\\Tool.exe\"";
     if (path.empty()) {
-      Never(key, found, L"the program's full path", L"is empty");
+      wanted = L"the program's full path";
+      why = L"is empty";
     } else if (path.find(L'"') != std::wstring::npos) {
-      Never(key, found, L"the path alone, its arguments in \"arguments\"",
-            L"quotes do not belong in a path");
+      wanted = L"the path alone, its arguments in \"arguments\"";
+      why = L"quotes do not belong in a path";
     } else if (path.find(L'%') != std::wstring::npos) {
       const auto expanded =
           Platform::CurrentMachine().environment->Expand(path, Platform::kLongestPath);
-      Never(key, found, expanded ? Quoted(*expanded) : L"", L"variables are not expanded");
-    } else {
-      Never(key, found, L"a path such as \"C:\\\\Program Files\\\\Maker\\\\Tool.exe\"", why);
+      wanted = expanded ? Quoted(*expanded) : L"";
+      why = L"variables are not expanded";
     }
+    Never(key, Shortened(Quoted(path)), wanted, why);
   }
 
   template <typename Fault>
@@ -445,6 +428,7 @@ class Checker {
 
   Tessel::Security::KeySet keys;
   std::vector<Finding>& findings;
+  const SubscriptionForm* kind = nullptr;
   std::optional<std::uint32_t> code;
   bool readable = true;
 };
