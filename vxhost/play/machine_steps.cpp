@@ -17,7 +17,6 @@ namespace {
 
 using Json::WideValue;
 using Simulator::SimulatedMachine;
-using enum PartForm;
 
 constexpr std::chrono::seconds kUninstallLength{1};
 constexpr wchar_t kPolicyKey[] = L"SOFTWARE\\Policies\\Vx\\Consent";
@@ -155,64 +154,59 @@ void SetPolicy(const Change& change) {
   }
 }
 
-constexpr PartRule kRefusal[] = {{L"call", SomeText, Presence::Required},
-                                 {L"after", Count, Presence::Required}};
-constexpr PartRule kRegistryValue[] = {
-    {L"key", SomeText, Presence::Required}, {L"value", Text, Presence::Required}, {L"text", Text}};
-constexpr PartRule kFirmwareFailure[] = {{L"step", SomeText}, {L"result", Hex}, {L"after", Count}};
-constexpr PartRule kFile[] = {{L"path", SomeText, Presence::Required},
-                              {L"text", Text, Presence::Required}};
+constexpr PartRule kRefusal[] = {{L"call", &kSomeText, Presence::Required},
+                                 {L"after", &kCount, Presence::Required}};
+constexpr PartRule kRegistryValue[] = {{L"key", &kSomeText, Presence::Required},
+                                       {L"value", &kText, Presence::Required},
+                                       {L"text", &kText}};
+constexpr PartRule kFirmwareFailure[] = {
+    {L"step", &kSomeText}, {L"result", &kHex}, {L"after", &kCount}};
+constexpr PartRule kFile[] = {{L"path", &kSomeText, Presence::Required},
+                              {L"text", &kText, Presence::Required}};
 constexpr PartRule kSignature[] = {
-    {L"path", SomeText, Presence::Required}, {L"key", SomeText}, {L"result", Hex}};
-constexpr PartRule kInstallation[] = {{L"family", SomeText, Presence::Required},
-                                      {L"fullName", SomeText, Presence::Required},
-                                      {L"user", SomeText}};
-constexpr PartRule kRemoval[] = {{L"family", SomeText, Presence::Required},
-                                 {L"user", SomeText, Presence::Required},
-                                 {L"seconds", Seconds}};
+    {L"path", &kSomeText, Presence::Required}, {L"key", &kSomeText}, {L"result", &kHex}};
+constexpr PartRule kInstallation[] = {{L"family", &kSomeText, Presence::Required},
+                                      {L"fullName", &kSomeText, Presence::Required},
+                                      {L"user", &kSomeText}};
+constexpr PartRule kRemoval[] = {{L"family", &kSomeText, Presence::Required},
+                                 {L"user", &kSomeText, Presence::Required},
+                                 {L"seconds", &kSeconds}};
 
-// Returns `rule`, restricted to the simulated machine.
-constexpr PartRule Simulated(PartRule rule) {
-  rule.needs = PartNeeds::SimulatedMachine;
-  return rule;
-}
-
-constexpr PartRule kAdvance = Simulated({L"advance", Seconds});
+constexpr PartRule kAdvance = {L"advance", &kSeconds};
 
 // In the order in which a step's changes are made.
 constexpr struct {
   PartRule rule;
   void (*make)(const Change&) = nullptr;
 } kChanges[] = {
-    {Simulated(RuleWith(L"refuse", TextOrObject, kRefusal)), &Refuse},
-    {Simulated({L"sleep", Seconds}),
+    {RuleWith(L"refuse", kTextOrObject, kRefusal), &Refuse},
+    {{L"sleep", &kSeconds},
      [](const Change& change) { change.machine.SleepFor(Length(change.value)); }},
-    {Simulated({L"standby", Boolean}),
+    {{L"standby", &kBoolean},
      [](const Change& change) { change.machine.SetStandby(change.value.GetBool()); }},
-    {Simulated({L"oobeEndsAfter", Seconds}), &EndOobe},
-    {Simulated({L"oobeKnown", Boolean}),
+    {{L"oobeEndsAfter", &kSeconds}, &EndOobe},
+    {{L"oobeKnown", &kBoolean},
      [](const Change& change) { change.machine.system.SetOobeKnown(change.value.GetBool()); }},
-    {Simulated({L"missingApiSet", SomeText}),
+    {{L"missingApiSet", &kSomeText},
      [](const Change& change) { change.machine.system.RemoveApiSet(change.expand(change.value)); }},
-    {Simulated(RuleWith(L"registry", Object, kRegistryValue)), &SetRegistry},
-    {Simulated({L"firmwareDigits", Digits}), &ReplaceFirmware},
-    {Simulated({L"warrantyBlock", Text}), &SetWarrantyBlock},
-    {Simulated(RuleWith(L"firmwareFails", Object, kFirmwareFailure)), &FailFirmware},
-    {Simulated(RuleWith(L"file", Object, kFile)), &AddFile},
-    {Simulated(RuleWith(L"trust", TextOrObject, kSignature)), &Sign},
-    {Simulated({L"policy", Texts}), &SetPolicy},
-    {Simulated({L"lockdownMode", Number}),
+    {RuleWith(L"registry", kObject, kRegistryValue), &SetRegistry},
+    {{L"firmwareDigits", &kDigits}, &ReplaceFirmware},
+    {{L"warrantyBlock", &kText}, &SetWarrantyBlock},
+    {RuleWith(L"firmwareFails", kObject, kFirmwareFailure), &FailFirmware},
+    {RuleWith(L"file", kObject, kFile), &AddFile},
+    {RuleWith(L"trust", kTextOrObject, kSignature), &Sign},
+    {{L"policy", &kTexts}, &SetPolicy},
+    {{L"lockdownMode", &kNumber},
      [](const Change& change) { change.machine.system.SetLockdownMode(change.value.GetInt()); }},
-    {Simulated({L"appServiceStatus", Numbers}), &SetAppServiceStatus},
-    {Simulated({L"triggerStatus", Count}),
+    {{L"appServiceStatus", &kNumbers}, &SetAppServiceStatus},
+    {{L"triggerStatus", &kCount},
      [](const Change& change) { change.machine.system.SetTriggerStatus(change.value.GetUint()); }},
-    {Simulated({L"logOff", True}), [](const Change& change) { change.machine.users.LogOff(); }},
-    {Simulated({L"noConsole", True}),
-     [](const Change& change) { change.machine.users.DetachConsole(); }},
-    {Simulated({L"logOn", SomeText}),
+    {{L"logOff", &kTrue}, [](const Change& change) { change.machine.users.LogOff(); }},
+    {{L"noConsole", &kTrue}, [](const Change& change) { change.machine.users.DetachConsole(); }},
+    {{L"logOn", &kSomeText},
      [](const Change& change) { change.machine.users.LogOn(change.expand(change.value)); }},
-    {Simulated(RuleWith(L"install", Object, kInstallation)), &Install},
-    {Simulated(RuleWith(L"uninstall", Object, kRemoval)), &Uninstall},
+    {RuleWith(L"install", kObject, kInstallation), &Install},
+    {RuleWith(L"uninstall", kObject, kRemoval), &Uninstall},
 };
 
 }  // namespace

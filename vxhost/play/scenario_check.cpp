@@ -16,46 +16,42 @@ namespace Vx::Hosting::Tool {
 namespace {
 
 using Json::WideValue;
-using enum PartForm;
 
-constexpr double kLongest = 366.0 * 24 * 60 * 60;  // seconds
-
-constexpr PartRule kCopy[] = {{L"from", SomeText, Presence::Required},
-                              {L"to", SomeText, Presence::Required}};
-constexpr PartRule kWaitFor[] = {{L"file", SomeText, Presence::Required},
-                                 {L"contains", Text},
-                                 {L"seconds", WholeSeconds},
-                                 {L"quiet", True}};
-constexpr PartRule kExpect[] = {
-    {.key = L"code", .form = Hex, .companion = L"exec"},
-    {.key = L"answer", .form = Anything, .companion = L"exec"},
-    {L"log", SomeText},
-    {L"seconds", WholeSeconds},
-    {L"stored", AnyObject},
-    {.key = L"event", .form = SomeText, .needs = PartNeeds::SimulatedMachine},
-    {.key = L"noEvent", .form = SomeText, .needs = PartNeeds::SimulatedMachine}};
+constexpr PartRule kCopy[] = {{L"from", &kSomeText, Presence::Required},
+                              {L"to", &kSomeText, Presence::Required}};
+constexpr PartRule kWaitFor[] = {{L"file", &kSomeText, Presence::Required},
+                                 {L"contains", &kText},
+                                 {L"seconds", &kWholeSeconds},
+                                 {L"quiet", &kTrue}};
+constexpr PartRule kExpect[] = {{.key = L"code", .form = &kHex, .companion = L"exec"},
+                                {.key = L"answer", .form = &kAnything, .companion = L"exec"},
+                                {L"log", &kSomeText},
+                                {L"seconds", &kWholeSeconds},
+                                {L"stored", &kObject},
+                                {.key = L"event", .form = &kSomeText, .simulated = true},
+                                {.key = L"noEvent", .form = &kSomeText, .simulated = true}};
 
 // The parts of a step, except those that change the simulated machine.
-constexpr PartRule kParts[] = {{L"say", Text},
-                               {L"start", True},
-                               {L"restart", True},
-                               {L"end", True},
-                               {L"store", AnyObject},
-                               {L"exec", Count},
-                               {.key = L"request", .form = Anything, .companion = L"exec"},
-                               {L"power", Count},
-                               {L"session", Count},
-                               RuleWith(L"copy", Object, kCopy),
-                               {L"remove", SomeText},
-                               {L"run", SomeText},
-                               {.key = L"arguments", .form = Text, .companion = L"run"},
-                               RuleWith(L"waitFor", Object, kWaitFor),
-                               {L"showStore", True},
-                               RuleWith(L"expect", Object, kExpect)};
+constexpr PartRule kParts[] = {{L"say", &kText},
+                               {L"start", &kTrue},
+                               {L"restart", &kTrue},
+                               {L"end", &kTrue},
+                               {L"store", &kObject},
+                               {L"exec", &kCount},
+                               {.key = L"request", .form = &kAnything, .companion = L"exec"},
+                               {L"power", &kCount},
+                               {L"session", &kCount},
+                               RuleWith(L"copy", kObject, kCopy),
+                               {L"remove", &kSomeText},
+                               {L"run", &kSomeText},
+                               {.key = L"arguments", .form = &kText, .companion = L"run"},
+                               RuleWith(L"waitFor", kObject, kWaitFor),
+                               {L"showStore", &kTrue},
+                               RuleWith(L"expect", kObject, kExpect)};
 
 constexpr wchar_t kSteps[] = L"steps";
 constexpr wchar_t kStore[] = L"store";
-constexpr PartRule kBegin = {kStore, TextOrObject};
+constexpr PartRule kBegin = {kStore, &kTextOrObject};
 
 // Parts that only observe or print. A step with no others cannot cause an event.
 constexpr std::wstring_view kOnlyLook[] = {L"say", L"expect", L"showStore", L"waitFor"};
@@ -72,70 +68,6 @@ std::string Closest(const std::wstring& key, std::span<const PartRule> rules,
                     std::vector<std::string> others = {}) {
   for (const PartRule& rule : rules) others.push_back(Utf8(rule.key));
   return DidYouMean(Utf8(key), others);
-}
-
-bool IsHex(std::wstring_view text) {
-  if (text.rfind(L"0x", 0) == 0) text.remove_prefix(2);
-  return !text.empty() && text.size() <= 8 && std::ranges::all_of(text, &IsHexDigit);
-}
-
-// The test for each form, and the text that a message asks for if a value fails it.
-constexpr struct {
-  PartForm form;
-  bool (*has)(const WideValue& value);
-  const char* wanted;
-} kForms[] = {
-    {Text, [](const WideValue& value) { return value.IsString(); }, "a text"},
-    {SomeText,
-     [](const WideValue& value) { return value.IsString() && value.GetStringLength() != 0; },
-     "a text that is not empty"},
-    {True, [](const WideValue& value) { return value.IsTrue(); }, "true, or leave the part out"},
-    {Boolean, [](const WideValue& value) { return value.IsBool(); }, "true or false"},
-    {Count, [](const WideValue& value) { return value.IsUint(); },
-     "a whole number from 0 to 4294967295"},
-    {Number, [](const WideValue& value) { return value.IsInt(); }, "a whole number"},
-    {Numbers,
-     [](const WideValue& value) {
-       return value.IsInt() || (value.IsArray() && !value.Empty() &&
-                                std::all_of(value.Begin(), value.End(),
-                                            [](const auto& one) { return one.IsInt(); }));
-     },
-     "a whole number, or a list of at least one"},
-    {Digits,
-     [](const WideValue& value) {
-       return value.IsInt() && (value.GetInt() == 6 || value.GetInt() == 8);
-     },
-     "6 or 8"},
-    {Hex, [](const WideValue& value) { return value.IsString() && IsHex(TextOf(value)); },
-     "a text of one to eight hexadecimal digits, such as \"20000002\""},
-    {Seconds,
-     [](const WideValue& value) {
-       return value.IsNumber() && value.GetDouble() >= 0 && value.GetDouble() <= kLongest;
-     },
-     "seconds, from 0 to 31622400"},
-    {WholeSeconds,
-     [](const WideValue& value) { return value.IsUint() && value.GetUint() <= kLongest; },
-     "whole seconds, from 0 to 31622400"},
-    {Object, [](const WideValue& value) { return value.IsObject(); }, "an object"},
-    {AnyObject, [](const WideValue& value) { return value.IsObject(); }, "an object"},
-    {Texts,
-     [](const WideValue& value) {
-       return value.IsObject() &&
-              std::all_of(value.MemberBegin(), value.MemberEnd(), [](const auto& one) {
-                return one.value.IsString() || one.value.IsNull();
-              });
-     },
-     "an object whose values are texts or null"},
-    {TextOrObject, [](const WideValue& value) { return value.IsString() || value.IsObject(); },
-     "a text or an object"},
-};
-
-// Returns the form that `value` should have, or null if it has it.
-const char* WantedInstead(PartForm form, const WideValue& value) {
-  for (const auto& row : kForms) {
-    if (row.form == form) return row.has(value) ? nullptr : row.wanted;
-  }
-  return nullptr;  // anything
 }
 
 // Returns the beginning of a value, for a message.
@@ -193,12 +125,13 @@ class Checker {
     Once(one, {});
     for (auto part = one.MemberBegin(); part != one.MemberEnd(); ++part) {
       const std::wstring key = part->name.GetString();
-      const PartRule* rule = FindRule(kParts, key);
-      if (rule == nullptr) rule = FindMachineRule(key);
+      const PartRule* machineRule = FindMachineRule(key);
+      const PartRule* rule = machineRule != nullptr ? machineRule : FindRule(kParts, key);
       if (rule == nullptr) {
         Add(part->value, key, "is not a part of a step" + Closest(key, kParts, MachineKeys()));
         continue;
       }
+      if (machineRule != nullptr) NeedsSimulation(part->value, key);
       Part(*rule, part->value, key, one);
     }
     Liveness(one);
@@ -208,16 +141,19 @@ class Checker {
     }
   }
 
+  void NeedsSimulation(const WideValue& value, const std::wstring& key) {
+    if (where == HarnessKind::Simulated) return;
+    Add(value, key, "needs a simulated machine: --simulate");
+  }
+
   void Part(const PartRule& rule, const WideValue& value, const std::wstring& key,
             const WideValue& one) {
-    if (rule.needs == PartNeeds::SimulatedMachine && where != HarnessKind::Simulated) {
-      Add(value, key, "needs a simulated machine: --simulate");
-    }
+    if (rule.simulated) NeedsSimulation(value, key);
     if (rule.companion != nullptr && FindMember(one, rule.companion) == nullptr) {
       Add(value, key, "means nothing without \"" + Utf8(rule.companion) + "\" in the same step");
     }
-    if (const char* wanted = WantedInstead(rule.form, value)) {
-      Add(value, key, "is " + Shown(value) + "; wanted: " + wanted);
+    if (!rule.form->has(value)) {
+      Add(value, key, "is " + Shown(value) + "; wanted: " + rule.form->wanted);
       return;
     }
     if (value.IsObject() && rule.members != nullptr) {

@@ -1,43 +1,85 @@
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
 #include <span>
+#include <string_view>
+
+#include "hosting/text.h"
+#include "json/json_text.h"
 
 namespace Vx::Hosting::Tool {
 
-// The form of a part's value.
-enum class PartForm {
-  Text,
-  SomeText,  // not empty, since every text contains an empty one
-  True,      // for actions: false would have no meaning
-  Boolean,
-  Count,    // an integer from 0 to 4,294,967,295
-  Number,   // a 32-bit integer
-  Numbers,  // one, or a non-empty list
-  Digits,   // 6 or 8
-  Hex,      // a string such as "0x20000002"
-  Seconds,  // 0 to a year, fractions allowed
-  WholeSeconds,
-  Object,  // with the members listed in the rule
-  TextOrObject,
-  AnyObject,
-  Texts,  // an object of strings and nulls
-  Anything,
+// The form of a part's value: its test, and the text that a message asks for if a value fails it.
+struct PartForm {
+  bool (*has)(const Json::WideValue& value);
+  const char* wanted;
 };
 
-// What a part requires to have an effect.
-enum class PartNeeds { Nothing, SimulatedMachine };
+constexpr double kLongest = 366.0 * 24 * 60 * 60;  // seconds
+
+inline bool IsHex(std::wstring_view text) {
+  if (text.starts_with(L"0x")) text.remove_prefix(2);
+  return !text.empty() && text.size() <= 8 && std::ranges::all_of(text, &IsHexDigit);
+}
+
+inline constexpr PartForm kAnything = {[](const auto&) { return true; }, ""};
+inline constexpr PartForm kText = {[](const auto& value) { return value.IsString(); }, "a text"};
+// Every text contains an empty one.
+inline constexpr PartForm kSomeText = {
+    [](const auto& value) { return value.IsString() && value.GetStringLength() != 0; },
+    "a text that is not empty"};
+// For actions: false would have no meaning.
+inline constexpr PartForm kTrue = {[](const auto& value) { return value.IsTrue(); },
+                                   "true, or leave the part out"};
+inline constexpr PartForm kBoolean = {[](const auto& value) { return value.IsBool(); },
+                                      "true or false"};
+inline constexpr PartForm kCount = {[](const auto& value) { return value.IsUint(); },
+                                    "a whole number from 0 to 4294967295"};
+inline constexpr PartForm kNumber = {[](const auto& value) { return value.IsInt(); },
+                                     "a whole number"};
+inline constexpr PartForm kNumbers = {
+    [](const auto& value) {
+      const auto isNumber = [](const auto& one) { return one.IsInt(); };
+      return isNumber(value) ||
+             (value.IsArray() && !value.Empty() && std::ranges::all_of(value.GetArray(), isNumber));
+    },
+    "a whole number, or a list of at least one"};
+inline constexpr PartForm kDigits = {
+    [](const auto& value) { return value.IsInt() && (value.GetInt() == 6 || value.GetInt() == 8); },
+    "6 or 8"};
+inline constexpr PartForm kHex = {
+    [](const auto& value) { return value.IsString() && IsHex(TextOf(value)); },
+    "a text of one to eight hexadecimal digits, such as \"20000002\""};
+inline constexpr PartForm kSeconds = {[](const auto& value) {
+                                        return value.IsNumber() && value.GetDouble() >= 0 &&
+                                               value.GetDouble() <= kLongest;
+                                      },
+                                      "seconds, from 0 to 31622400"};
+inline constexpr PartForm kWholeSeconds = {
+    [](const auto& value) { return value.IsUint() && value.GetUint() <= kLongest; },
+    "whole seconds, from 0 to 31622400"};
+inline constexpr PartForm kObject = {[](const auto& value) { return value.IsObject(); },
+                                     "an object"};
+inline constexpr PartForm kTextOrObject = {
+    [](const auto& value) { return value.IsString() || value.IsObject(); }, "a text or an object"};
+inline constexpr PartForm kTexts = {
+    [](const auto& value) {
+      const auto fits = [](const auto& one) { return one.value.IsString() || one.value.IsNull(); };
+      return value.IsObject() && std::all_of(value.MemberBegin(), value.MemberEnd(), fits);
+    },
+    "an object whose values are texts or null"};
 
 enum class Presence { Optional, Required };  // of a member in its object
 
 // A part of a step, or a member of a part.
 struct PartRule {
   const wchar_t* key = nullptr;
-  PartForm form = PartForm::Anything;
+  const PartForm* form = &kAnything;
   Presence presence = Presence::Optional;
   const wchar_t* companion = nullptr;  // another part that the step must have with it
-  PartNeeds needs = PartNeeds::Nothing;
-  const PartRule* members = nullptr;  // of an object
+  bool simulated = false;              // has an effect only on a simulated machine
+  const PartRule* members = nullptr;   // of an object; null: any
   std::size_t memberCount = 0;
 
   std::span<const PartRule> Members() const { return {members, memberCount}; }
@@ -45,8 +87,9 @@ struct PartRule {
 
 // Returns a rule for a part that is, or may be, an object with these members.
 template <std::size_t Count>
-constexpr PartRule RuleWith(const wchar_t* key, PartForm form, const PartRule (&members)[Count]) {
-  return {.key = key, .form = form, .members = members, .memberCount = Count};
+constexpr PartRule RuleWith(const wchar_t* key, const PartForm& form,
+                            const PartRule (&members)[Count]) {
+  return {.key = key, .form = &form, .members = members, .memberCount = Count};
 }
 
 }  // namespace Vx::Hosting::Tool
