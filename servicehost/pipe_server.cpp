@@ -151,14 +151,11 @@ bool PipeServer::WaitForRoom() {
 }
 
 void PipeServer::JoinThoseThatAreOver() {
-  for (auto it = connections.begin(); it != connections.end();) {
-    const bool over = [&] {
-      const std::lock_guard guard(lock);
-      return it->over;
-    }();
-    if (over) it->thread.Join();
-    it = over ? connections.erase(it) : std::next(it);
-  }
+  connections.remove_if([](Connection& connection) {
+    const bool over = connection.over;
+    if (over) connection.thread.Join();
+    return over;
+  });
 }
 
 PipeCaller PipeServer::Identify(Platform::RawHandle pipe) const {
@@ -241,10 +238,7 @@ void PipeServer::Serve(Connection& connection) noexcept {
   }
   // Unlike disconnecting, closing does not discard a result that the client has not read yet.
   connection.pipe.reset();
-  {
-    const std::lock_guard guard(lock);
-    connection.over = true;
-  }
+  connection.over = true;
   SetEvent(left.get());
 }
 

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <array>
+#include <atomic>
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
@@ -56,7 +57,7 @@ class PipeServer {
     Platform::UniqueHandle pipe;
     PipeCaller caller;
     Platform::Thread thread;
-    bool over = false;  // guarded by `lock`
+    std::atomic<bool> over{false};
   };
 
   // The last warning of a kind.
