@@ -234,9 +234,7 @@ void History::AddHostLine(const HistoryLine& line, std::optional<std::int64_t> m
   if (const auto code = PowerCodeIn(line.line)) {
     row.event = NameOf(Kind::Power).text + (L" " + std::to_wstring(*code));
     row.decision = kReceived;
-    for (const auto& one : kPowerCodes) {
-      if (one.code == *code) row.detail = one.meaning;
-    }
+    if (const wchar_t* meaning = MeaningOf(kPowerCodes, *code)) row.detail = meaning;
   }
   if (!row.decision.empty()) AddRow(std::move(row));
 }

@@ -6,6 +6,12 @@
 
 namespace Vx::Hosting::Tool {
 
+const wchar_t* NameOf(Happening what) {
+  // In the order of the enumeration.
+  static constexpr const wchar_t* kNames[] = {L"call", L"command", L"event", L"log", L"failure"};
+  return kNames[static_cast<std::size_t>(what)];
+}
+
 void PlayRecord::BeginStep(std::size_t line, const std::wstring& say) {
   const auto moment = now();
   const std::lock_guard guard(mutex);

@@ -17,6 +17,9 @@ namespace Vx::Hosting::Tool {
 // What the player sent to the service, what the service logged, and what its machine did.
 enum class Happening : std::uint8_t { Call, Command, Event, Log, Failure };
 
+// Returns "call", "command" and so on.
+const wchar_t* NameOf(Happening what);
+
 struct RecordEntry {
   std::chrono::milliseconds at{};  // since the start, including a simulated machine's sleep
   Happening what = Happening::Call;

@@ -26,14 +26,11 @@ using namespace Tessel::Server::Services::Orvane;
 
 constexpr std::string_view kPlaceOfData = "{{data}}";
 
-// In the order of the enumeration.
-constexpr const wchar_t* kHappenings[] = {L"call", L"command", L"event", L"log", L"failure"};
-
 const wchar_t* WhatOf(const RecordEntry& entry) {
   if (StartsModule(entry.log)) return L"started";
   if (EndsModule(entry.log)) return L"ended";
   if (entry.log.provider == kHostProvider) return L"host";
-  return kHappenings[static_cast<std::size_t>(entry.what)];
+  return Tool::NameOf(entry.what);
 }
 
 // Returns a CSS class of the page.

@@ -22,12 +22,6 @@ std::string SecondsText(milliseconds length) {
   return text;
 }
 
-const wchar_t* NameOf(Happening what) {
-  // In the order of the enumeration.
-  static constexpr const wchar_t* kNames[] = {L"call", L"command", L"event", L"log", L"failure"};
-  return kNames[static_cast<std::size_t>(what)];
-}
-
 void AddCommandMembers(JsonRow& row, std::uint32_t id, const CommandResult& answer) {
   Json::WideDocument value;  // null if there is no answer
   if (answer.text && !Json::ParseJson(value, *answer.text)) {
