@@ -130,13 +130,11 @@ class Explainer {
       if (!launch->Arguments().empty()) result.action += L" " + launch->Arguments();
       CheckLaunch(*launch);
     } else {
-      const auto& message = dynamic_cast<AppServiceNotificationCommand&>(command);
       // Only power and platform deliveries raise triggers.
-      const bool raises =
-          !message.CustomTriggerGUID().empty() && result.subscription.kind->family == nullptr;
-      result.action = raises ? L"raise the trigger " + message.CustomTriggerGUID()
-                             : L"send a message to " + message.PackageFamilyName() + L"/" +
-                                   message.AppServiceName();
+      const std::wstring trigger = command.CustomTriggerGUID();
+      const bool raises = !trigger.empty() && result.subscription.kind->family == nullptr;
+      result.action =
+          raises ? L"raise the trigger " + trigger : L"send a message to " + command.Target();
       TakeFaults(Fate::Never, {});
     }
     if (result.reasons.empty()) result.fate = Fate::Runs;
