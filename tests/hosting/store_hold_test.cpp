@@ -1,15 +1,12 @@
 #include "hosting/store_hold.h"
 
+#include "hosting/fake_service.h"
 #include "hosting/loaded_module.h"
-#include "support/test.h"
 
 namespace Vx::Hosting {
 namespace {
 
 using Platform::UniqueHandle;
-using Tessel::Server::Services::ClientContext;
-using Tessel::Server::Services::CompletionCallback;
-using Tessel::Server::Services::VxService;
 
 constexpr wchar_t kName[] = L"Global\\18CC6446-1DB5-4D23-8F2B-441BA13883D6";
 
@@ -41,15 +38,6 @@ class ServicesMutexTest : public ::testing::Test {
                                      store.FilePath().substr(0, store.FilePath().find(L"\\Vx\\"))};
 };
 
-std::string Failure(const std::function<void()>& body) {
-  try {
-    body();
-  } catch (const std::runtime_error& error) {
-    return error.what();
-  }
-  return {};
-}
-
 std::string NotKept(const std::string& why) {
   return "the machine's store cannot be kept from services: "
          "Global\\18CC6446-1DB5-4D23-8F2B-441BA13883D6 " +
@@ -59,8 +47,9 @@ std::string NotKept(const std::string& why) {
 TEST_F(ServicesMutexTest, AWriterRefusesANameOfAnotherKindOfObjectAndAReaderGoesOn) {
   const UniqueHandle taken(CreateEventW(nullptr, TRUE, FALSE, kName));
   const LoadedModule module(Tests::ModulePath());
-  EXPECT_EQ(Failure([&] { module.NewService(); }),
-            NotKept("is an object of another kind, made by another program"));
+  EXPECT_THAT([&] { module.NewService(); },
+              ThrowsMessage<std::runtime_error>(
+                  NotKept("is an object of another kind, made by another program")));
   EXPECT_EQ(ServicesMutexFor(StoreUse::Read), nullptr);
 }
 
@@ -74,47 +63,26 @@ TEST_F(ServicesMutexTest, AWriterRefusesAnObjectThatThisAccountMayNotOpen) {
   SECURITY_ATTRIBUTES attributes{sizeof attributes, &closed, FALSE};
   const UniqueHandle taken(CreateMutexW(&attributes, FALSE, kName));
   ASSERT_NE(taken, nullptr);
-  EXPECT_EQ(Failure([] { ServicesMutexFor(StoreUse::Write); }),
-            NotKept("cannot be opened, error 5"));
+  EXPECT_THAT([] { ServicesMutexFor(StoreUse::Write); },
+              ThrowsMessage<std::runtime_error>(NotKept("cannot be opened, error 5")));
 }
 
-// Asks in each call that can use the store whether another thread could take the mutex.
-class AskingService final : public VxService {
- public:
-  void* Destroy(unsigned) override { return this; }
-  uint32_t CreateClientContext(const wchar_t*, ClientContext**) override { return 0; }
-  uint32_t ReleaseClientContext(ClientContext**) override { return 0; }
-  uint32_t ExecuteCommand(ClientContext*, uint32_t, const wchar_t*, wchar_t**,
-                          CompletionCallback*) override {
-    Ask();
-    return 7;
-  }
-  void power_event_task(uint32_t) override { Ask(); }
-  bool oobe_event_task() override {
-    Ask();
-    return true;
-  }
-  void OnSessionChange(uint32_t) override { Ask(); }
-
-  void Ask() { free.push_back(Tests::IsFree(kName)); }
-
-  std::vector<bool> free;
-};
-
 TEST_F(ServicesMutexTest, ACallThatCanUseTheStoreHoldsItAndMakesNone) {
-  AskingService asking;
-  ServiceSession session(&asking);
+  FakeService service;
+  std::vector<bool> free;  // whether another thread could take the mutex
+  service.onUse = [&] { free.push_back(Tests::IsFree(kName)); };
+  ServiceSession session(&service);
   session.Slots()->power_event_task(7);
   EXPECT_EQ(UniqueHandle(OpenMutexW(SYNCHRONIZE, FALSE, kName)), nullptr);
-  asking.free.clear();
+  free.clear();
   const UniqueHandle ofAService(CreateMutexW(nullptr, FALSE, kName));
   EXPECT_EQ(session.Execute(22, L"{}", L"client").code, 7U);
   session.Slots()->power_event_task(7);
   session.Slots()->oobe_event_task();
   session.Slots()->OnSessionChange(5);
-  EXPECT_THAT(asking.free, ElementsAre(false, false, false, false));
-  asking.Ask();
-  EXPECT_TRUE(asking.free.back());
+  EXPECT_THAT(free, ElementsAre(false, false, false, false));
+  service.onUse();
+  EXPECT_TRUE(free.back());
 }
 
 TEST_F(ServicesMutexTest, NoProgramWithAStoreOfItsOwnTakesIt) {

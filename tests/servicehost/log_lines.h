@@ -12,11 +12,24 @@ std::vector<std::unique_ptr<LogTarget>> TargetsOf(std::unique_ptr<Targets>... ea
   return targets;
 }
 
+// Calls a function with each entry.
+class Target : public LogTarget {
+ public:
+  explicit Target(std::function<void(const LogEntry&)> taker) : take(std::move(taker)) {}
+  void Write(const LogEntry& entry) override { take(entry); }
+
+ private:
+  std::function<void(const LogEntry&)> take;
+};
+
 // What a ServiceLog writes, each line as "LEVEL caller: message". Any thread.
 class LogLines {
  public:
   std::vector<std::unique_ptr<LogTarget>> Targets() {
-    return TargetsOf(std::make_unique<Target>(*this));
+    return TargetsOf(std::make_unique<Target>([this](const LogEntry& entry) {
+      const std::lock_guard guard(lock);
+      text += entry.line.level + L" " + entry.line.caller + L": " + entry.line.message + L"\n";
+    }));
   }
 
   std::wstring Text() const {
@@ -25,19 +38,6 @@ class LogLines {
   }
 
  private:
-  class Target final : public LogTarget {
-   public:
-    explicit Target(LogLines& kept) : lines(kept) {}
-    void Write(const LogEntry& entry) override {
-      const std::lock_guard guard(lines.lock);
-      lines.text +=
-          entry.line.level + L" " + entry.line.caller + L": " + entry.line.message + L"\n";
-    }
-
-   private:
-    LogLines& lines;
-  };
-
   mutable std::mutex lock;
   std::wstring text;
 };

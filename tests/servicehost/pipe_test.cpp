@@ -89,6 +89,14 @@ class PipeTest : public ::testing::Test {
                      nullptr) != FALSE;
   }
 
+  // Reads up to `most` bytes, and returns the error.
+  static DWORD Read(const Platform::UniqueHandle& pipe, DWORD most = 10) {
+    std::string part(most, '\0');
+    DWORD size = 0;
+    const BOOL read = ReadFile(pipe.get(), part.data(), most, &size, nullptr);
+    return read != FALSE ? DWORD{ERROR_SUCCESS} : GetLastError();
+  }
+
   bool IsReported(const std::wstring& line) {
     return Tests::Eventually([&] { return Reports().find(line) != std::wstring::npos; });
   }
@@ -155,8 +163,8 @@ TEST_F(PipeTest, AHostileClientCostsTheOthersNothing) {
       [&] { EXPECT_TRUE(Send(RawClient(), "")); },
       [&] { RawClient(); },
       [&] {
-        EXPECT_TRUE(Send(RawClient(), WriteCommand({1, L"gone"})));
-      },  // while it runs
+        EXPECT_TRUE(Send(RawClient(), WriteCommand({1, L"gone while it runs"})));
+      },
       [&] {
         EXPECT_TRUE(Send(RawClient(), WriteCommand({2, L"gone"})));
       },
@@ -246,12 +254,6 @@ TEST_F(PipeTest, AClientSeesTheErrorsOfTheManual) {
         CreateFileW(path.c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr));
     return pipe == nullptr ? GetLastError() : DWORD{ERROR_SUCCESS};
   };
-  const auto errorOfRead = [](const Platform::UniqueHandle& pipe) {
-    char part[10];
-    DWORD size = 0;
-    return ReadFile(pipe.get(), part, sizeof part, &size, nullptr) ? DWORD{ERROR_SUCCESS}
-                                                                   : GetLastError();
-  };
   EXPECT_EQ(errorOfOpen(), DWORD{ERROR_FILE_NOT_FOUND});
   Serve();
   std::vector<Platform::UniqueHandle> crowd(8 + 1);
@@ -261,11 +263,11 @@ TEST_F(PipeTest, AClientSeesTheErrorsOfTheManual) {
   crowd[3].reset();
   crowd[3] = RawClient();  // its place went to the client that waited
   EXPECT_TRUE(Send(crowd[0], WriteCommand({7, L"longer than its buffer"})));
-  EXPECT_EQ(errorOfRead(crowd[0]), DWORD{ERROR_MORE_DATA});
+  EXPECT_EQ(Read(crowd[0]), DWORD{ERROR_MORE_DATA});
   EXPECT_TRUE(Send(crowd[1], "rubbish"));
   server.reset();
   for (const std::size_t ended : {1U, 2U}) {
-    EXPECT_THAT(errorOfRead(crowd[ended]),
+    EXPECT_THAT(Read(crowd[ended]),
                 testing::AnyOf(DWORD{ERROR_BROKEN_PIPE}, DWORD{ERROR_PIPE_NOT_CONNECTED}));
   }
 }
@@ -291,11 +293,7 @@ TEST_F(PipeTest, NobodyKeepsAdministratorsOrOtherAccountsOut) {
   const auto isServed = [&](const Account& account) {
     next = account;
     const auto& pipe = crowd.emplace_back(RawClient());
-    char byte = 0;
-    DWORD size = 0;
-    const bool served = Send(pipe, WriteCommand({7, L""})) &&
-                        (ReadFile(pipe.get(), &byte, 1, &size, nullptr) != FALSE ||
-                         GetLastError() == ERROR_MORE_DATA);
+    const bool served = Send(pipe, WriteCommand({7, L""})) && Read(pipe) == ERROR_MORE_DATA;
     if (!served) crowd.pop_back();
     return served;
   };
@@ -323,10 +321,8 @@ TEST_F(PipeTest, WarnsOfClientsOnceAMinuteForEachKindAndCountsTheOthers) {
   Serve();
   const auto sendRubbish = [&] {
     const auto pipe = RawClient();
-    char byte = 0;
-    DWORD size = 0;
     EXPECT_TRUE(Send(pipe, "rubbish"));
-    EXPECT_FALSE(ReadFile(pipe.get(), &byte, 1, &size, nullptr));
+    EXPECT_NE(Read(pipe), DWORD{ERROR_SUCCESS});
   };
   for (int i = 0; i < 4; ++i) sendRubbish();
   clock.JumpTicks(1min);
@@ -397,9 +393,7 @@ TEST_F(PipeTest, AClientStaysTheProcessThatConnectedEvenIfItWaitsAndEnds) {
   EXPECT_NE(reserved, nullptr);
   crowd.front().reset();
   EXPECT_TRUE(Send(waiting, WriteCommand({7, L""})));
-  char result[100];
-  DWORD size = 0;
-  EXPECT_TRUE(ReadFile(waiting.get(), result, sizeof result, &size, nullptr));
+  EXPECT_EQ(Read(waiting, 100), DWORD{ERROR_SUCCESS});
   EXPECT_THAT(lastClient, EndsWith(L": with_data.exe"));
 }
 
@@ -425,10 +419,7 @@ TEST(PipeCallerTest, CannotLookLikeAnotherOne) {
 TEST_F(PipeTest, ASilentClientIsDisconnected) {
   idle = 50ms;
   Serve();
-  const auto silent = RawClient();
-  char byte = 0;
-  DWORD count = 0;
-  EXPECT_FALSE(ReadFile(silent.get(), &byte, 1, &count, nullptr));
+  EXPECT_NE(Read(RawClient()), DWORD{ERROR_SUCCESS});
 }
 
 TEST_F(PipeTest, ATakenNameIsOneErrorAndARetry) {

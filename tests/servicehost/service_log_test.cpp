@@ -135,20 +135,13 @@ TEST(LogFolderTest, LosesOnlyWhatItCannotWriteAndSaysSo) {
   EXPECT_EQ(Tests::ReadText(file), expected + line);
 }
 
-// A target that keeps every record that it does not refuse.
-class Target : public LogTarget {
- public:
-  explicit Target(std::vector<std::wstring>& out, const bool* works = nullptr)
-      : messages(out), good(works) {}
-  void Write(const LogEntry& entry) override {
-    if (good != nullptr && !*good) throw std::runtime_error("the disk is gone");
+// Returns what keeps the text of every entry that it does not refuse.
+auto KeepIn(std::vector<std::wstring>& messages, const bool* works = nullptr) {
+  return [&messages, works](const LogEntry& entry) {
+    if (works != nullptr && !*works) throw std::runtime_error("the disk is gone");
     messages.push_back(entry.line.message);
-  }
-
- private:
-  std::vector<std::wstring>& messages;
-  const bool* good;
-};
+  };
+}
 
 // Holds every record back until it is opened.
 class Gate final : public Target {
@@ -166,7 +159,7 @@ class Gate final : public Target {
 TEST(ServiceLogTest, DropsAndCountsInsteadOfWaitingForATarget) {
   std::vector<std::wstring> messages;
   {
-    auto gate = std::make_unique<Gate>(messages);
+    auto gate = std::make_unique<Gate>(KeepIn(messages));
     Gate& target = *gate;
     ServiceLog log(TargetsOf(std::move(gate)), 2);
     log.Add(L"INFO", L"held");
@@ -180,7 +173,7 @@ TEST(ServiceLogTest, DropsAndCountsInsteadOfWaitingForATarget) {
 TEST(ServiceLogTest, WritesALineThatAThreadRepeatsOnceAndThenTheNumber) {
   std::vector<std::wstring> messages;
   {
-    ServiceLog log(TargetsOf(std::make_unique<Target>(messages)), ServiceLog::kQueue, 1min);
+    ServiceLog log(TargetsOf(std::make_unique<Target>(KeepIn(messages))), ServiceLog::kQueue, 1min);
     const VxLogRecord record{};
     VxLogLine decision{};
     decision.size = sizeof decision;
@@ -200,7 +193,7 @@ TEST(ServiceLogTest, WritesALineThatAThreadRepeatsOnceAndThenTheNumber) {
 
 TEST(ServiceLogTest, ARepeatedLineIsCountedAfterAWhileAndThenWrittenAgain) {
   std::vector<std::wstring> messages;
-  auto gate = std::make_unique<Gate>(messages);
+  auto gate = std::make_unique<Gate>(KeepIn(messages));
   Gate& target = *gate;
   SetEvent(target.open.get());
   {
@@ -219,8 +212,8 @@ TEST(ServiceLogTest, NamesOnceWhatATargetRefusesAndCountsWhatItLost) {
   std::vector<std::wstring> messages;
   bool works = false;
   {
-    ServiceLog log(
-        TargetsOf(std::make_unique<Target>(refused, &works), std::make_unique<Target>(messages)));
+    ServiceLog log(TargetsOf(std::make_unique<Target>(KeepIn(refused, &works)),
+                             std::make_unique<Target>(KeepIn(messages))));
     log.Add(L"INFO", L"first");
     log.Flush();
     {
