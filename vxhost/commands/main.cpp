@@ -24,7 +24,7 @@
 #include "vxhost/commands/watch_command.h"
 #include "vxhost/common/console.h"
 #include "vxhost/play/played_keys.h"
-#include "vxhost/subscriptions/own_signature.h"
+#include "vxhost/subscriptions/module_pins.h"
 
 namespace {
 

@@ -1,6 +1,5 @@
-#include "vxhost/subscriptions/own_signature.h"
+#include "vxhost/subscriptions/module_pins.h"
 
-#include "security/pinned_keys.h"
 #include "support/test.h"
 
 namespace Vx::Hosting::Tool {
