@@ -69,7 +69,7 @@ CommandResult ExecuteInModule(const ModuleOptions& module, const ExecOptions& op
     // The module waits for the store without limit or notice.
     const StoreHold isFree(StoreUse::Write, options.limits);
   }
-  return harness->Open().session.Execute(options.id, request, Wide(options.caller));
+  return harness->session.Execute(options.id, request, Wide(options.caller));
 }
 
 int Exec(const ModuleOptions& module, const ExecOptions& options, Console& console) {
@@ -128,15 +128,14 @@ ScenarioRun Read(const ModuleOptions& module, const ScenarioOptions& options) {
 // Plays in its own harness. An error ends the scenario, but not the reports.
 void Play(const ModuleOptions& module, const Scenario& scenario, Console& console,
           PlayedScenario& played) {
-  const auto harness = MakeHarness(module, console, [&] { scenario.Prepare(); });
-  ScenarioContext& context = harness->Open();
+  const auto context = MakeHarness(module, console, [&] { scenario.Prepare(); });
   try {
-    played.met = scenario.Play(context);
+    played.met = scenario.Play(*context);
   } catch (const std::runtime_error& error) {
     played.error = error.what();
   }
-  played.steps = context.record.Steps();
-  played.entries = context.record.Entries();
+  played.steps = context->record.Steps();
+  played.entries = context->record.Entries();
 }
 
 constexpr char kMet[] = "Everything that was expected happened.";
@@ -217,27 +216,26 @@ int Events(const ModuleOptions& module, const EventOptions& options, Console& co
   if (options.power.empty() && options.sessions.empty()) {
     throw std::runtime_error("no event to send: name some with --power or --session");
   }
-  const auto harness = MakeHarness(module, console);
-  const ScenarioContext& context = harness->Open();
+  const auto context = MakeHarness(module, console);
   const auto call = [&](const std::string& text) {
-    context.record.Add({.text = Wide(text)});
+    context->record.Add({.text = Wide(text)});
     console.Note("-> " + text);
   };
   for (const std::uint32_t code : options.power) {
     call("power event " + std::to_string(code));
-    context.session.Slots()->power_event_task(code);
+    context->session.Slots()->power_event_task(code);
   }
   for (const std::uint32_t code : options.sessions) {
     call("session change " + std::to_string(code));
-    context.session.Slots()->OnSessionChange(code);
+    context->session.Slots()->OnSessionChange(code);
   }
   // Deliveries run on their own threads.
-  if (context.machine != nullptr) {
-    context.machine->clock.Advance(std::chrono::seconds(options.seconds));
+  if (context->machine != nullptr) {
+    context->machine->clock.Advance(std::chrono::seconds(options.seconds));
   } else {
     Sleep(static_cast<DWORD>(options.seconds) * 1000);
   }
-  const auto entries = context.record.Entries();
+  const auto entries = context->record.Entries();
   NoteWaiting(entries, console);
   if (console.WritesJson()) console.JsonResult(EventsJson(entries));
   return kDone;

@@ -100,7 +100,7 @@ bool Sends(const ModuleOptions& module, const Recipient& to, std::uint32_t comma
   CommandResult answer;
   if (to.service.empty()) {
     const auto harness = MakeHarness(module, console);
-    answer = harness->Open().session.Execute(command, text, Wide(to.caller));
+    answer = harness->session.Execute(command, text, Wide(to.caller));
   } else {
     answer = ExecuteInService(to.service, 0, command, text);
   }

@@ -33,8 +33,7 @@ constexpr std::chrono::hours kLongestTask{24 * 500};
 
 // The real module and its service. Log lines are shown and recorded immediately, so that they
 // precede their command's result.
-class RealHarness final : public Harness {
- public:
+struct RealHarness {
   RealHarness(const ModuleOptions& options, Console& console, const std::function<void()>& prepare)
       : store(options.privateStore ? std::make_unique<PrivateStore>() : nullptr),
         module(options.Path()),
@@ -52,9 +51,6 @@ class RealHarness final : public Harness {
                 .machine = nullptr,
                 .showRepeated = [] {}} {}
 
-  ScenarioContext& Open() override { return context; }
-
- private:
   std::unique_ptr<PrivateStore> store;
   PlayRecord recorder{[begin = std::chrono::steady_clock::now()] {
     return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() -
@@ -149,8 +145,7 @@ class SimulatedLog {
 };
 
 // The service linked into this program, on a machine in memory with its own store.
-class SimulatedHarness final : public Harness {
- public:
+struct SimulatedHarness {
   SimulatedHarness(Console& console, const std::function<void()>& prepare)
       : scope([this](Platform::Machine& real) { machine.InstallSealed(real); }),
         prepared((prepare(), true)),
@@ -170,16 +165,13 @@ class SimulatedHarness final : public Harness {
   }
   // The service and the tasks that outlive it end before their machine. What they log is not shown,
   // because it would be out of place.
-  ~SimulatedHarness() override {
+  ~SimulatedHarness() {
     machine.timeline.SetListener({});
     log.reset();
     session.reset();
     machine.Drain(kLongestTask);
   }
 
-  ScenarioContext& Open() override { return context; }
-
- private:
   static ServiceSession NewService() {
     auto* service = Tessel::Server::Services::Orvane::OrvaneService::Create();
     if (service == nullptr) throw std::runtime_error("no memory for a service");
@@ -198,11 +190,16 @@ class SimulatedHarness final : public Harness {
 
 }  // namespace
 
-std::unique_ptr<Harness> MakeHarness(const ModuleOptions& options, Console& console,
-                                     const std::function<void()>& prepare) {
-  if (!options.simulate) return std::make_unique<RealHarness>(options, console, prepare);
+std::shared_ptr<ScenarioContext> MakeHarness(const ModuleOptions& options, Console& console,
+                                             const std::function<void()>& prepare) {
+  const auto contextOf = [](const auto& harness) {
+    return std::shared_ptr<ScenarioContext>(harness, &harness->context);
+  };
+  if (!options.simulate) {
+    return contextOf(std::make_shared<RealHarness>(options, console, prepare));
+  }
   if (!options.dll.empty()) throw std::runtime_error("--simulate does not use --dll");
-  return std::make_unique<SimulatedHarness>(console, prepare);
+  return contextOf(std::make_shared<SimulatedHarness>(console, prepare));
 }
 
 }  // namespace Vx::Hosting::Tool

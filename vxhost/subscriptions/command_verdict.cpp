@@ -12,12 +12,8 @@ namespace Records = Tessel::Server::Records;
 namespace {
 
 using Records::Decision;
+using Records::Outcome;
 using Records::Reason;
-
-struct Outcome {
-  Decision decision;
-  Reason reason;
-};
 
 // Leaves out words that this version does not know.
 Outcome OutcomeOf(const CommandResult& answer) {
