@@ -75,26 +75,30 @@ EventReport OpenEventLog(const std::wstring& source) {
   };
 }
 
-void EventLogTarget::Write(const LogEntry& entry) {
-  const LogLine& line = entry.line;
-  const bool lost = line.record && SaysThatNothingRan(*line.record);
-  if (!lost && (line.provider != kHostProvider || line.level == L"INFO")) return;
-  const std::uint64_t now = Platform::CurrentMachine().clock->TickCount();
-  if (now >= windowEnd) {
-    windowEnd = now + kWindow;
-    room = kMostPerWindow;
-  }
-  if (room <= 0) return;
-  if (--room == 0) {
-    windowEnd = now + kWindow;
-    report(EVENTLOG_WARNING_TYPE, kWarningMessage, {kTooMany, kHostProvider});
-    return;
-  }
-  const bool error = !lost && line.level == L"ERROR";
-  report(error ? EVENTLOG_ERROR_TYPE : EVENTLOG_WARNING_TYPE,
-         error ? kErrorMessage : kWarningMessage,
-         {Insertable(lost ? TextOf(*line.record) : line.message), line.provider,
-          Insertable(line.caller), std::to_wstring(entry.thread)});
+LogTarget EventLogTarget(EventReport report) {
+  // The room for events until a tick count.
+  return [report = std::move(report), room = 0,
+          windowEnd = std::uint64_t{0}](const LogEntry& entry) mutable {
+    const LogLine& line = entry.line;
+    const bool lost = line.record && SaysThatNothingRan(*line.record);
+    if (!lost && (line.provider != kHostProvider || line.level == L"INFO")) return;
+    const std::uint64_t now = Platform::CurrentMachine().clock->TickCount();
+    if (now >= windowEnd) {
+      windowEnd = now + kWindow;
+      room = kMostPerWindow;
+    }
+    if (room <= 0) return;
+    if (--room == 0) {
+      windowEnd = now + kWindow;
+      report(EVENTLOG_WARNING_TYPE, kWarningMessage, {kTooMany, kHostProvider});
+      return;
+    }
+    const bool error = !lost && line.level == L"ERROR";
+    report(error ? EVENTLOG_ERROR_TYPE : EVENTLOG_WARNING_TYPE,
+           error ? kErrorMessage : kWarningMessage,
+           {Insertable(lost ? TextOf(*line.record) : line.message), line.provider,
+            Insertable(line.caller), std::to_wstring(entry.thread)});
+  };
 }
 
 void AddEventSource(const std::wstring& name, const std::wstring& program) {

@@ -20,22 +20,12 @@ using EventReport =
 // Opens this machine's event log for the given source.
 EventReport OpenEventLog(const std::wstring& source);
 
-// Writes to the event log what an operator must act on: warnings and errors from the host itself,
-// and as a warning each delivery whose command did not run. The module's own levels are no guide,
-// because even a successful launch logs errors. After 29 events within a minute, one more says so
-// and the next minute's are left out, because other programs share the event log. An event that is
-// left out or that Windows refuses does not count as lost, because the log files have it.
-class EventLogTarget final : public LogTarget {
- public:
-  explicit EventLogTarget(EventReport where) : report(std::move(where)) {}
-
-  void Write(const LogEntry& entry) override;
-
- private:
-  EventReport report;
-  std::uint64_t windowEnd = 0;  // tick count
-  int room = 0;                 // events until then
-};
+// Returns a target that reports what an operator must act on: warnings and errors from the host
+// itself, and as a warning each delivery whose command did not run. The module's own levels are no
+// guide, because even a successful launch logs errors. After 29 events within a minute, one more
+// says so and the next minute's are left out, because other programs share the event log. An event
+// that is left out or that Windows refuses does not count as lost, because the log files have it.
+LogTarget EventLogTarget(EventReport report);
 
 // Registers the event source `name` in the "Application" log with the message file `program`, which
 // gives Event Viewer its texts. Throws std::runtime_error.

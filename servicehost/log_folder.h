@@ -31,7 +31,7 @@ std::vector<std::wstring> LogFileNames(const std::wstring& folder, std::wstring_
 // lines would be lost with it.
 //
 // A killed process leaves at most one incomplete line. The next process starts on a new line.
-class LogFolder : public LogTarget {
+class LogFolder {
  public:
   // Makes the folder if it is missing. Throws std::exception if it may not be made.
   using Maker = std::function<void()>;
@@ -39,7 +39,8 @@ class LogFolder : public LogTarget {
   // File names start with `service`. Without `make`, the folder must exist.
   LogFolder(std::wstring folder, std::wstring service, LogLimits limits = {}, Maker make = {});
 
-  void Write(const LogEntry& entry) override;
+  // As a LogTarget.
+  void Write(const LogEntry& entry);
 
  private:
   void Open(const std::wstring& day, std::size_t lineSize);

@@ -87,7 +87,7 @@ std::string JsonLineOf(const LogEntry& entry) {
   return text + "}\n";
 }
 
-ServiceLog::ServiceLog(std::vector<std::unique_ptr<LogTarget>> targets, std::size_t limit,
+ServiceLog::ServiceLog(std::vector<LogTarget> targets, std::size_t limit,
                        std::chrono::milliseconds foldFor)
     : capacity(limit), foldTime(foldFor) {
   for (auto& target : targets) places.push_back({std::move(target)});
@@ -214,10 +214,10 @@ void ServiceLog::WriteEverywhere(const LogEntry& entry) noexcept {
   for (Place& place : places) {
     try {
       if (place.lost != 0) {
-        place.target->Write(HostEntry(L"WARNING", std::to_wstring(place.lost) + kDropped));
+        place.target(HostEntry(L"WARNING", std::to_wstring(place.lost) + kDropped));
         place.lost = 0;
       }
-      place.target->Write(entry);
+      place.target(entry);
       place.failing = false;
     } catch (const std::exception& error) {
       ++place.lost;
@@ -230,7 +230,7 @@ void ServiceLog::ReportFailure(const char* why) noexcept {
   try {
     const LogEntry entry = HostEntry(L"ERROR", kLosing + Wide(why));
     for (const Place& place : places) {
-      if (!place.failing) place.target->Write(entry);
+      if (!place.failing) place.target(entry);
     }
   } catch (const std::exception&) {  // NOLINT(bugprone-empty-catch): it reports its next failure
   }

@@ -6,7 +6,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <deque>
-#include <memory>
+#include <functional>
 #include <mutex>
 #include <string>
 #include <string_view>
@@ -24,14 +24,9 @@ struct LogEntry {
   LogLine line;
 };
 
-// A destination for log entries. Called on one thread. It may block.
-class LogTarget {
- public:
-  virtual ~LogTarget() = default;
-
-  // Throws std::exception with the reason if the entry is lost.
-  virtual void Write(const LogEntry& entry) = 0;
-};
+// A destination for log entries. Called on one thread. It may block, and throws std::exception with
+// the reason if the entry is lost.
+using LogTarget = std::function<void(const LogEntry&)>;
 
 // Writes log entries to every target, in order, on its own thread. Adding never waits for a target:
 // if the queue is full, entries are dropped, and a warning with their number precedes the next one.
@@ -44,7 +39,7 @@ class ServiceLog {
  public:
   static constexpr std::size_t kQueue = 4096;  // entries
 
-  explicit ServiceLog(std::vector<std::unique_ptr<LogTarget>> targets, std::size_t limit = kQueue,
+  explicit ServiceLog(std::vector<LogTarget> targets, std::size_t limit = kQueue,
                       std::chrono::milliseconds foldFor = std::chrono::seconds(1));
   ServiceLog(const ServiceLog&) = delete;
   ServiceLog& operator=(const ServiceLog&) = delete;
@@ -69,7 +64,7 @@ class ServiceLog {
 
   // A target, and how many entries it lost since the last that it took.
   struct Place {
-    std::unique_ptr<LogTarget> target;
+    LogTarget target;
     std::uint64_t lost = 0;
     bool failing = false;
   };

@@ -53,14 +53,13 @@ void WINAPI ServiceMain(DWORD /*count*/, LPWSTR* /*arguments*/) noexcept {
   const std::wstring programData = ProgramDataFolder();
   // The module finds its store through this variable. The emulator gives services another value.
   SetEnvironmentVariableW(L"ProgramData", programData.c_str());
-  std::vector<std::unique_ptr<LogTarget>> places;
   const ServiceOptions options = ReadParameters(TheName());
   const DataFolders folders(programData, options.development ? Writers::Account : Writers::System);
-  places.push_back(std::make_unique<LogFolder>(folders.Logs(), TheName(), LogLimits{}, [folders] {
-    folders.Prepare(DataFolders::Existing::Report);
-  }));
-  places.push_back(std::make_unique<EventLogTarget>(OpenEventLog(TheName())));
-  places.push_back(std::make_unique<TraceTarget>(OpenTraceWriter()));
+  LogFolder log(folders.Logs(), TheName(), LogLimits{},
+                [folders] { folders.Prepare(DataFolders::Existing::Report); });
+  const std::vector<LogTarget> places = {[&log](const LogEntry& entry) { log.Write(entry); },
+                                         EventLogTarget(OpenEventLog(TheName())),
+                                         TraceTarget(OpenTraceWriter())};
   SERVICE_STATUS_HANDLE handle = nullptr;
   const auto report = [&handle](const ServiceStatus& state) {
     SERVICE_STATUS status{};
@@ -73,7 +72,7 @@ void WINAPI ServiceMain(DWORD /*count*/, LPWSTR* /*arguments*/) noexcept {
     status.dwServiceSpecificExitCode = state.specificCode;
     SetServiceStatus(handle, &status);
   };
-  ServiceProcess service(options, std::move(places), report);
+  ServiceProcess service(options, places, report);
   handle = RegisterServiceCtrlHandlerExW(TheName().c_str(), &HandleControl, &service);
   if (handle != nullptr) service.Run();
 }
@@ -184,8 +183,8 @@ void ServiceProcess::Publish(CodeQueue* codes) {
   queue = codes;
 }
 
-ServiceProcess::ServiceProcess(ServiceOptions settings,
-                               std::vector<std::unique_ptr<LogTarget>> places, StatusReport manager)
+ServiceProcess::ServiceProcess(ServiceOptions settings, std::vector<LogTarget> places,
+                               StatusReport manager)
     : options(std::move(settings)),
       report(std::move(manager)),
       log(std::move(places)),

@@ -84,8 +84,7 @@ class CodeQueue {
 class ServiceProcess {
  public:
   // `places` receive the log. Throws std::system_error if no event can be created.
-  ServiceProcess(ServiceOptions settings, std::vector<std::unique_ptr<LogTarget>> places,
-                 StatusReport manager);
+  ServiceProcess(ServiceOptions settings, std::vector<LogTarget> places, StatusReport manager);
 
   // Runs until Control receives a stop or pre-shutdown. The last state reported is SERVICE_STOPPED.
   void Run() noexcept;

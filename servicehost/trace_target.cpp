@@ -81,17 +81,20 @@ class WindowsTrace final : public TraceWriter {
 
 }  // namespace
 
-std::unique_ptr<TraceWriter> OpenTraceWriter() {
-  return std::make_unique<WindowsTrace>();
+std::shared_ptr<TraceWriter> OpenTraceWriter() {
+  return std::make_shared<WindowsTrace>();
 }
 
-void TraceTarget::Write(const LogEntry& entry) {
-  const LogLine& line = entry.line;
-  const std::uint8_t level = line.level == L"ERROR" ? 2 : line.level == L"WARNING" ? 3 : 4;
-  if (!writer->Listens(level)) return;
-  const std::string_view thread(reinterpret_cast<const char*>(&entry.thread), sizeof entry.thread);
-  writer->Write(level, {kTraits, kDescription, BytesOf(line.level), BytesOf(line.provider),
-                        BytesOf(line.caller), thread, BytesOf(line.message)});
+LogTarget TraceTarget(std::shared_ptr<TraceWriter> writer) {
+  return [writer = std::move(writer)](const LogEntry& entry) {
+    const LogLine& line = entry.line;
+    const std::uint8_t level = line.level == L"ERROR" ? 2 : line.level == L"WARNING" ? 3 : 4;
+    if (!writer->Listens(level)) return;
+    const std::string_view thread(reinterpret_cast<const char*>(&entry.thread),
+                                  sizeof entry.thread);
+    writer->Write(level, {kTraits, kDescription, BytesOf(line.level), BytesOf(line.provider),
+                          BytesOf(line.caller), thread, BytesOf(line.message)});
+  };
 }
 
 }  // namespace Vx::Hosting::ServiceHost

@@ -26,19 +26,11 @@ class TraceWriter {
 };
 
 // Opens a writer for the provider Vx-Host-Service (see docs/operations.md).
-std::unique_ptr<TraceWriter> OpenTraceWriter();
+std::shared_ptr<TraceWriter> OpenTraceWriter();
 
-// Writes every log entry as an event with the fields level, provider, caller, thread and message.
-// Each event carries its description, so tools can decode it without a manifest.
-class TraceTarget final : public LogTarget {
- public:
-  explicit TraceTarget(std::unique_ptr<TraceWriter> where) : writer(std::move(where)) {}
-
-  // A session that cannot keep up loses events, and Windows counts them.
-  void Write(const LogEntry& entry) override;
-
- private:
-  std::unique_ptr<TraceWriter> writer;
-};
+// Returns a target that writes every log entry as an event with the fields level, provider, caller,
+// thread and message. Each event carries its description, so tools can decode it without a
+// manifest. A session that cannot keep up loses events, and Windows counts them.
+LogTarget TraceTarget(std::shared_ptr<TraceWriter> writer);
 
 }  // namespace Vx::Hosting::ServiceHost

@@ -100,7 +100,7 @@ BOOL WINAPI WriteHalf(HANDLE file, const void* bytes, DWORD size, DWORD* count, 
   return writeAll(file, bytes, size / 2, count, late) != FALSE && partlyWritten != FALSE;
 }
 
-std::string WhyLost(LogTarget& log, const LogEntry& entry) {
+std::string WhyLost(LogFolder& log, const LogEntry& entry) {
   try {
     log.Write(entry);
     return {};
@@ -136,7 +136,7 @@ TEST(LogFolderTest, LosesOnlyWhatItCannotWriteAndSaysSo) {
 }
 
 // Returns what keeps the text of every entry that it does not refuse.
-auto KeepIn(std::vector<std::wstring>& messages, const bool* works = nullptr) {
+LogTarget KeepIn(std::vector<std::wstring>& messages, const bool* works = nullptr) {
   return [&messages, works](const LogEntry& entry) {
     if (works != nullptr && !*works) throw std::runtime_error("the disk is gone");
     messages.push_back(entry.line.message);
@@ -144,14 +144,15 @@ auto KeepIn(std::vector<std::wstring>& messages, const bool* works = nullptr) {
 }
 
 // Holds every record back until it is opened.
-class Gate final : public Target {
- public:
-  using Target::Target;
-  void Write(const LogEntry& entry) override {
-    SetEvent(entered.get());
-    WaitForSingleObject(open.get(), 10'000);
-    Target::Write(entry);
+struct Gate {
+  LogTarget Before(const LogTarget& target) const {
+    return [this, target](const LogEntry& entry) {
+      SetEvent(entered.get());
+      WaitForSingleObject(open.get(), 10'000);
+      target(entry);
+    };
   }
+
   Platform::UniqueHandle open{CreateEventW(nullptr, TRUE, FALSE, nullptr)};
   Platform::UniqueHandle entered{CreateEventW(nullptr, TRUE, FALSE, nullptr)};
 };
@@ -159,13 +160,12 @@ class Gate final : public Target {
 TEST(ServiceLogTest, DropsAndCountsInsteadOfWaitingForATarget) {
   std::vector<std::wstring> messages;
   {
-    auto gate = std::make_unique<Gate>(KeepIn(messages));
-    Gate& target = *gate;
-    ServiceLog log(TargetsOf(std::move(gate)), 2);
+    const Gate gate;
+    ServiceLog log({gate.Before(KeepIn(messages))}, 2);
     log.Add(L"INFO", L"held");
-    ASSERT_EQ(WaitForSingleObject(target.entered.get(), 10'000), WAIT_OBJECT_0);
+    ASSERT_EQ(WaitForSingleObject(gate.entered.get(), 10'000), WAIT_OBJECT_0);
     for (const wchar_t* text : {L"1", L"2", L"3", L"4", L"5"}) log.Add(L"INFO", text);
-    SetEvent(target.open.get());
+    SetEvent(gate.open.get());
   }
   EXPECT_THAT(messages, ElementsAre(L"held", L"3 log lines were dropped", L"1", L"2"));
 }
@@ -173,7 +173,7 @@ TEST(ServiceLogTest, DropsAndCountsInsteadOfWaitingForATarget) {
 TEST(ServiceLogTest, WritesALineThatAThreadRepeatsOnceAndThenTheNumber) {
   std::vector<std::wstring> messages;
   {
-    ServiceLog log(TargetsOf(std::make_unique<Target>(KeepIn(messages))), ServiceLog::kQueue, 1min);
+    ServiceLog log({KeepIn(messages)}, ServiceLog::kQueue, 1min);
     const VxLogRecord record{};
     VxLogLine decision{};
     decision.size = sizeof decision;
@@ -193,15 +193,14 @@ TEST(ServiceLogTest, WritesALineThatAThreadRepeatsOnceAndThenTheNumber) {
 
 TEST(ServiceLogTest, ARepeatedLineIsCountedAfterAWhileAndThenWrittenAgain) {
   std::vector<std::wstring> messages;
-  auto gate = std::make_unique<Gate>(KeepIn(messages));
-  Gate& target = *gate;
-  SetEvent(target.open.get());
+  const Gate gate;
+  SetEvent(gate.open.get());
   {
-    ServiceLog log(TargetsOf(std::move(gate)), ServiceLog::kQueue, 20ms);
+    ServiceLog log({gate.Before(KeepIn(messages))}, ServiceLog::kQueue, 20ms);
     for (int i = 0; i < 2; ++i) log.Add(L"INFO", L"a");
-    ASSERT_EQ(WaitForSingleObject(target.entered.get(), 10'000), WAIT_OBJECT_0);
-    ResetEvent(target.entered.get());
-    ASSERT_EQ(WaitForSingleObject(target.entered.get(), 10'000), WAIT_OBJECT_0);
+    ASSERT_EQ(WaitForSingleObject(gate.entered.get(), 10'000), WAIT_OBJECT_0);
+    ResetEvent(gate.entered.get());
+    ASSERT_EQ(WaitForSingleObject(gate.entered.get(), 10'000), WAIT_OBJECT_0);
     log.Add(L"INFO", L"a");
   }
   EXPECT_THAT(messages, ElementsAre(L"a", L"a (repeated: 1)", L"a"));
@@ -212,8 +211,7 @@ TEST(ServiceLogTest, NamesOnceWhatATargetRefusesAndCountsWhatItLost) {
   std::vector<std::wstring> messages;
   bool works = false;
   {
-    ServiceLog log(TargetsOf(std::make_unique<Target>(KeepIn(refused, &works)),
-                             std::make_unique<Target>(KeepIn(messages))));
+    ServiceLog log({KeepIn(refused, &works), KeepIn(messages)});
     log.Add(L"INFO", L"first");
     log.Flush();
     {
@@ -270,10 +268,10 @@ EventReport ReportTo(std::vector<std::wstring>& records) {
 
 TEST(EventLogTest, TakesTheHostsWarningsAndTheDeliveriesThatDidNotRun) {
   std::vector<std::wstring> records;
-  EventLogTarget target(ReportTo(records));
+  const LogTarget target = EventLogTarget(ReportTo(records));
   for (const wchar_t* provider : {kHostProvider, L"Vx-Test"}) {
     for (const wchar_t* level : {L"INFO", L"WARNING", L"ERROR"}) {
-      target.Write({kFirstDay, 7, 9, {level, provider, L"", L"text"}});
+      target({kFirstDay, 7, 9, {level, provider, L"", L"text"}});
     }
   }
   EXPECT_THAT(records, ElementsAre(L"2 2147483649|text|Vx-Host-Service||7",
@@ -295,7 +293,7 @@ TEST(EventLogTest, TakesTheHostsWarningsAndTheDeliveriesThatDidNotRun) {
     records.clear();
     LogLine line{L"INFO", L"Vx-Test", L"client", L"text"};
     line.record = {.kind = c.kind, .decision = c.decision, .subscription = L"1f"};
-    target.Write({kFirstDay, 7, 9, line});
+    target({kFirstDay, 7, 9, line});
     EXPECT_EQ(records.size(), c.taken ? 1U : 0U);
   }
   LogLine line{L"ERROR", L"Vx-Test", L"client", L"text"};
@@ -305,7 +303,7 @@ TEST(EventLogTest, TakesTheHostsWarningsAndTheDeliveriesThatDidNotRun) {
                  .subscription = L"1f",
                  .target = L"C:\\%1\n%{\x202E.exe"};
   line.caller = L"%2";
-  target.Write({kFirstDay, 7, 9, line});
+  target({kFirstDay, 7, 9, line});
   EXPECT_EQ(records.back(),
             L"2 2147483649|power delivery did not run: refused, reason unsigned, subscription 1f, "
             L"target C:\\\xFF05"
@@ -317,10 +315,10 @@ TEST(EventLogTest, AFloodOfEventsIsCutForAMinuteWithOneEventThatSaysSo) {
   Simulator::VirtualClock clock;
   const Platform::MachineScope scope([&](Platform::Machine& machine) { machine.clock = &clock; });
   std::vector<std::wstring> records;
-  EventLogTarget target(ReportTo(records));
+  const LogTarget target = EventLogTarget(ReportTo(records));
   const auto write = [&](int count) {
     for (int i = 0; i < count; ++i) {
-      target.Write({kFirstDay, 7, 9, {L"ERROR", kHostProvider, L"", L"text"}});
+      target({kFirstDay, 7, 9, {L"ERROR", kHostProvider, L"", L"text"}});
     }
   };
   write(100);
@@ -368,9 +366,9 @@ class Trace final : public TraceWriter {
 
 TEST(TraceTargetTest, AnEventDescribesItsFieldsAndThenHasTheirValues) {
   std::string bytes;
-  TraceTarget target(std::make_unique<Trace>(bytes));
-  target.Write({kFirstDay, 'T', 9, {L"INFO", L"p", L"c", L"not recorded"}});
-  target.Write({kFirstDay, 'T', 9, {L"ERROR", L"p", L"", L"m"}});
+  const LogTarget target = TraceTarget(std::make_shared<Trace>(bytes));
+  target({kFirstDay, 'T', 9, {L"INFO", L"p", L"c", L"not recorded"}});
+  target({kFirstDay, 'T', 9, {L"ERROR", L"p", L"", L"m"}});
   EXPECT_EQ(bytes,
             "2|\x12.Vx-Host-Service."
             "|\x31..Log.level.\x01provider.\x01"

@@ -5,7 +5,6 @@
 #include "platform/thread.h"
 #include "servicehost/host_loop.h"
 #include "servicehost/log_folder.h"
-#include "servicehost/log_lines.h"
 #include "servicehost/open_pipe.h"
 #include "servicehost/pipe_server.h"
 #include "support/test.h"
@@ -70,7 +69,8 @@ class ServiceSoakTest : public ::testing::Test {
   Tests::PrivateStore store;
   Tests::TempFolder logs;
   const std::wstring path = PipePath(L"soak-" + std::to_wstring(GetCurrentProcessId()));
-  ServiceLog log{TargetsOf(std::make_unique<LogFolder>(logs.Path().wstring(), L"soak"))};
+  LogFolder folder{logs.Path().wstring(), L"soak"};
+  ServiceLog log{{[this](const LogEntry& entry) { folder.Write(entry); }}};
   HostLoop host{{Tests::ModulePath(), false}, log};
   PipeServer server{{.path = path, .allowed = {}},
                     [this](const CommandEnvelope& command, const std::wstring& client) {

@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <iterator>
 #include <memory>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -46,16 +47,6 @@ std::vector<std::wstring> WideAll(const std::vector<std::string>& texts) {
   return wide;
 }
 
-class ConsoleTarget final : public ServiceHost::LogTarget {
- public:
-  explicit ConsoleTarget(Console& shown) : console(shown) {}
-
-  void Write(const ServiceHost::LogEntry& entry) override { console.Log(entry.line); }
-
- private:
-  Console& console;
-};
-
 int RunService(const ModuleOptions& module, const RunOptions& options, Console& console) {
   module.RequireRealMachine("service run uses the module and the store of the machine");
   ServiceHost::PipeOptions pipe;
@@ -66,11 +57,13 @@ int RunService(const ModuleOptions& module, const RunOptions& options, Console& 
     throw std::runtime_error("there is no folder " + Utf8(FullPath(options.log)));
   }
   StopRequest stop;
-  std::vector<std::unique_ptr<ServiceHost::LogTarget>> targets;
-  targets.push_back(std::make_unique<ConsoleTarget>(console));
+  using ServiceHost::LogEntry;
+  std::vector<ServiceHost::LogTarget> targets = {
+      [&console](const LogEntry& entry) { console.Log(entry.line); }};
+  std::optional<ServiceHost::LogFolder> folder;
   if (!options.log.empty()) {
-    targets.push_back(
-        std::make_unique<ServiceHost::LogFolder>(FullPath(options.log), Wide(options.name)));
+    folder.emplace(FullPath(options.log), Wide(options.name));
+    targets.emplace_back([&folder](const LogEntry& entry) { folder->Write(entry); });
   }
   ServiceHost::ServiceLog log(std::move(targets));
   ServiceHost::HostLoop host(
