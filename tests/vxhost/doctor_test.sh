@@ -46,7 +46,6 @@ grep -q '^  -  subscription: 1 [0-9a-f]* power 18 start C:.Missing.a.exe; .' "$w
 expect 2 'is missing or has no version' --dll missing.dll doctor
 expect 1 '+  first-run set-up: complete' --simulate doctor
 expect 1 '{"check":"logon process","health":"ok"' --simulate doctor --json
-expect 2 'doctor examines the store of the machine' --private-store doctor
 
 # The service: what Windows knows of it, whether its pipe answers, and what its log says.
 examines '-  service: OrvaneService is not installed'

@@ -38,7 +38,7 @@ expect 2 'use one of the three' --simulate --private-store exec 22
 expect 2 'use one of the three' --simulate --store "$work" exec 22
 expect 0 'starting point: ' explain resume
 expect 2 'at most 64 characters' --dll "$module" --private-store exec 22 --caller "$(printf '%065d' 1)"
-expect 2 'subscriptions remove, pins, trust, validate, explain and doctor use it' \
+expect 2 'only exec, scenario and events use it; --store names a store that stays' \
   --private-store store show
 expect 2 'no event to send' events
 expect 2 '--seconds' --simulate events --power 7 --seconds -1

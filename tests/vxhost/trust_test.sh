@@ -15,7 +15,7 @@ expect 1 'verified), key pinned' --dll "$module" trust --general general.exe
 expect 1 'no keys are pinned in this build' --dll "$other" trust pinned.exe
 expect 2 'cannot be read: it has no list of pinned keys; name another module' --dll pinned.exe \
   trust pinned.exe
-expect 2 'trust uses no store' --simulate trust pinned.exe
+expect 2 'validate and doctor use it' --simulate trust pinned.exe
 
 # A key with its fingerprint, and with its certificate from a file, a signature, or none.
 fingerprint=$(openssl rsa -in pinned.key -RSAPublicKey_out -outform DER 2> "$work/log" | sha256sum | cut -c 1-64)

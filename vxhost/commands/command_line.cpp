@@ -30,52 +30,42 @@ constexpr char kFooter[] =
     "file or the store cannot be used.\n"
     "\n"
     "vxhost SUBCOMMAND --help shows every option and an example.";
+constexpr char kStays[] = "; --store names a store that stays";
+constexpr char kLeadingGroup[] = "Options that may also precede a subcommand whose help shows them";
 constexpr char kLostOutput[] = "the output is incomplete: standard output cannot be written";
 constexpr char kVersion[] = "vxhost " VX_VERSION;
 
-std::string Joined(const std::vector<const CLI::App*>& commands) {
-  std::string names;
-  for (std::size_t i = 0; i < commands.size(); ++i) {
-    if (i != 0) names += i + 1 == commands.size() ? " and " : ", ";
-    const CLI::App* parent = commands[i]->get_parent();
-    if (parent->get_parent() != nullptr) names += parent->get_name() + " ";
-    names += commands[i]->get_name();
-  }
-  return names;
-}
+constexpr struct {
+  unsigned option;
+  const char* name;
+} kLeading[] = {{Shared::Dll, "--dll"},
+                {Shared::PrivateStore, "--private-store"},
+                {Shared::Simulate, "--simulate"},
+                {Shared::Store, "--store"}};
 
 }  // namespace
 
-CommandLine::CommandLine(Run alone) : app(kAbout, "vxhost"), run(std::move(alone)) {
+CommandLine::CommandLine(int (*alone)(Console&))
+    : app(kAbout, "vxhost"), commands{{&app, Shared::Leading}}, run(alone) {
   app.footer(kFooter);
   app.set_version_flag("--version", kVersion);
   app.require_subcommand(0, 1);
   app.fallthrough();
   app.allow_windows_style_options(false);  // a path may start with a slash
-  moduleOptions.options = {
-      app.add_option("--dll", module.dll, "the module (default: OrvaneService.dll beside vxhost)"),
-      app.add_flag("--private-store", module.privateStore, "give this run a store of its own"),
-      app.add_flag("--simulate", module.simulate,
-                   "use a simulated machine, with the service that is built into vxhost and a\n"
-                   "store of its own")};
-  storeOption.options = {app.add_option(
-      "--store", module.store, "keep the store below this existing folder, not the machine's")};
   app.add_flag("-q,--quiet", quiet, "results only");
   app.add_option("--color", colours, "auto, always or never; NO_COLOR is respected")
       ->check(CLI::IsMember({"auto", "always", "never"}));
 }
 
-CLI::App& CommandLine::Add(const char* name, const char* about, const char* footer, Run function) {
-  return Add(app, name, about, footer, std::move(function));
-}
-
-CLI::App& CommandLine::Add(CLI::App& parent, const char* name, const char* about,
-                           const char* footer, Run function) {
-  CLI::App& command = *parent.add_subcommand(name, about);
-  command.footer(footer);
-  command.callback([this, &command, function = std::move(function)] {
+CLI::App& CommandLine::AddCommand(const CommandText& text, Function function, unsigned shared,
+                                  CLI::App* parent) {
+  CLI::App& command = *(parent == nullptr ? app : *parent).add_subcommand(text.name, text.about);
+  command.footer(text.footer);
+  const std::size_t number = commands.size();
+  commands.emplace_back(&command, shared);
+  command.callback([this, &command, number, function = std::move(function)] {
     if (!command.get_subcommands().empty()) return;  // one of its subcommands was chosen
-    chosen = &command;
+    chosen = number;
     run = function;
   });
   return command;
@@ -87,34 +77,45 @@ CLI::App& CommandLine::AddGroup(const char* name, const char* about) {
   return group;
 }
 
-void CommandLine::UseModule(const CLI::App& command) {
-  moduleOptions.users.push_back(&command);
-}
-
-void CommandLine::OfferJson(CLI::App& command) {
-  command.add_flag("--json", json, "one JSON object per line");
-}
-
-void CommandLine::AddTimeout(CLI::App& command, HoldLimits& limits) {
-  command
-      .add_option_function<int>(
-          "--timeout", [&limits](int seconds) { limits.timeout = std::chrono::seconds(seconds); },
-          "how many seconds to wait for the store; 0: without limit")
-      ->check(CLI::Range(0, kLongestSeconds))
-      ->default_str("30");
-}
-
-void CommandLine::OfferService(CLI::App& command, std::string& name) {
-  command.add_flag("--service{" + std::string(kDefaultServiceName) + "}", name,
-                   "speak to the running service, or with --service=NAME to the one of this name");
+void CommandLine::AddShared(CLI::App& command, unsigned options) {
+  const auto has = [options](Shared::Options one) { return (options & one) != 0; };
+  if (has(Shared::Dll)) {
+    command.add_option("--dll", module.dll,
+                       "the module (default: OrvaneService.dll beside vxhost)");
+  }
+  if (has(Shared::PrivateStore)) {
+    command.add_flag("--private-store", module.privateStore,
+                     "give this run a store of its own, which goes with it");
+  }
+  if (has(Shared::Simulate)) {
+    command.add_flag("--simulate", module.simulate,
+                     "use a simulated machine, with the service that is built into vxhost and a\n"
+                     "store that goes with the run");
+  }
+  if (has(Shared::Store)) {
+    command.add_option("--store", module.store,
+                       "keep the store below this existing folder, not the machine's");
+  }
+  if (has(Shared::Timeout)) {
+    command
+        .add_option_function<int>(
+            "--timeout",
+            [this](int seconds) { module.limits.timeout = std::chrono::seconds(seconds); },
+            "how many seconds to wait for the store; 0: without limit")
+        ->check(CLI::Range(0, kLongestSeconds))
+        ->default_str("30");
+  }
+  if (has(Shared::Service)) {
+    command.add_flag(
+        "--service{" + std::string(kDefaultServiceName) + "}", module.service,
+        "speak to the running service, or with --service=NAME to the one of this name");
+  }
+  if (has(Shared::Json)) command.add_flag("--json", json, "one JSON object per line");
 }
 
 int CommandLine::Execute(std::vector<std::string> arguments) {
-  for (const LeadingOptions& leading : {moduleOptions, storeOption}) {
-    for (const CLI::Option* option : leading.options) {
-      app.get_option(option->get_name())->group("Options of " + Joined(leading.users));
-    }
-  }
+  for (const auto& [command, shared] : commands) AddShared(*command, shared);
+  for (const auto& [option, name] : kLeading) app.get_option(name)->group(kLeadingGroup);
   // A command-line error can be raised before the parser has seen the option.
   json = std::find(arguments.begin(), arguments.end(), "--json") != arguments.end();
   try {
@@ -175,13 +176,27 @@ void CommandLine::RefuseUnknownSubcommand(const std::vector<std::string>& argume
   }
 }
 
+// Returns the names of the subcommands that take the option.
+std::string CommandLine::UsersOf(unsigned option) const {
+  std::vector<std::string> names;
+  for (const auto& [command, shared] : commands) {
+    if (command == &app || (shared & option) == 0) continue;
+    const CLI::App* parent = command->get_parent();
+    names.push_back((parent == &app ? "" : parent->get_name() + " ") + command->get_name());
+  }
+  std::string text;
+  for (const std::string& name : names) {
+    text += (text.empty() ? "" : name == names.back() ? " and " : ", ") + name;
+  }
+  return text;
+}
+
 void CommandLine::RefuseUselessOptions() const {
-  for (const LeadingOptions& leading : {moduleOptions, storeOption}) {
-    if (std::ranges::find(leading.users, chosen) != leading.users.end()) continue;
-    for (const CLI::Option* option : leading.options) {
-      if (option->count() == 0) continue;
-      throw CLI::ValidationError(option->get_name(), "only " + Joined(leading.users) + " use it");
-    }
+  const unsigned useful = chosen == 0 ? Shared::None : commands[chosen].second;
+  for (const auto& [option, name] : kLeading) {
+    if ((useful & option) != 0 || app.get_option(name)->count() == 0) continue;
+    const bool stays = (useful & Shared::Store) != 0 && option != Shared::Dll;
+    throw CLI::ValidationError(name, "only " + UsersOf(option) + " use it" + (stays ? kStays : ""));
   }
 }
 

@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cstdint>
 #include <filesystem>
-#include <memory>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -50,7 +49,6 @@ using Tessel::Server::Storage::StoreState;
 struct Options {
   std::string name = kDefaultServiceName;
   std::string logFolder;
-  HoldLimits limits;
 };
 
 // Finding: one of the module's capabilities does not work. Unusable: none does.
@@ -339,7 +337,7 @@ void Parts(Tessel::Security::KeySet general, Checks& checks) {
       L"this Windows raises no custom triggers: subscriptions with one only log a status");
 }
 
-std::vector<Check> Examine(const ModuleOptions& which, const Options& options) {
+std::vector<Check> Examine(const Options& options, const ModuleOptions& which) {
   const std::wstring module = which.Path();
   std::optional<ModulePins> pins;
   try {
@@ -358,7 +356,7 @@ std::vector<Check> Examine(const ModuleOptions& which, const Options& options) {
              L"a folder of SYSTEM or the administrators that users only read",
              L"create it at installation, so that no user can create it first: vxhost service "
              L"install --repair");
-  Store(options.limits, pins ? pins->Restricted() : Tessel::Security::KeySet(), checks);
+  Store(which.limits, pins ? pins->Restricted() : Tessel::Security::KeySet(), checks);
   ConsoleUser(checks);
   Parts(pins ? pins->General() : Tessel::Security::KeySet(), checks);
   if (which.simulate) return checks.all;
@@ -398,17 +396,15 @@ void PrintJson(const std::vector<Check>& checks, Console& console) {
   console.JsonResult(JsonRow::TextOf(rows));
 }
 
-int Doctor(const CommandLine& line, const Options& options, Console& console) {
-  const ModuleOptions& module = line.Module();
-  if (module.privateStore) throw std::runtime_error("doctor examines the store of the machine");
+int Doctor(const Options& options, const ModuleOptions& module, Console& console) {
   std::optional<Simulator::SimulatedMachine> simulated;
   std::optional<Platform::MachineScope> scope;
   if (module.simulate) {
     simulated.emplace();
     scope.emplace([&](Platform::Machine& machine) { simulated->Install(machine); });
   }
-  const auto checks = Examine(module, options);
-  if (line.Json()) {
+  const auto checks = Examine(options, module);
+  if (console.WritesJson()) {
     PrintJson(checks, console);
   } else {
     PrintText(checks, console);
@@ -426,16 +422,12 @@ constexpr char kFooter[] =
 }  // namespace
 
 void AddDoctorCommand(CommandLine& line) {
-  const auto options = std::make_shared<Options>();
-  CLI::App& doctor =
-      line.Add("doctor", "examine whether this machine has what the module needs", kFooter,
-               [&line, options](Console& console) { return Doctor(line, *options, console); });
-  doctor.add_option("--name", options->name, "the name of the service")->capture_default_str();
-  doctor.add_option("--log", options->logFolder,
+  const auto [doctor, options] =
+      line.Add({"doctor", "examine whether this machine has what the module needs", kFooter},
+               &Doctor, Shared::Dll | Shared::Simulate | Shared::Timeout | Shared::Json);
+  doctor.add_option("--name", options.name, "the name of the service")->capture_default_str();
+  doctor.add_option("--log", options.logFolder,
                     "a folder of logs; by default that of the installed service");
-  CommandLine::AddTimeout(doctor, options->limits);
-  line.UseModule(doctor);
-  line.OfferJson(doctor);
 }
 
 }  // namespace Vx::Hosting::Tool

@@ -1,7 +1,6 @@
 #include "vxhost/commands/explain_command.h"
 
 #include <charconv>
-#include <memory>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -25,7 +24,6 @@ struct Options {
   std::string kind;
   std::string which;
   bool all = false;
-  HoldLimits limits;
 };
 
 std::uint32_t CodeOf(const std::string& written) {
@@ -103,14 +101,12 @@ int ExplainResume(Console& console) {
   return kDone;
 }
 
-int RunExplain(const ModuleOptions& module, const Options& options, Console& console) {
-  module.RequireRealMachine(
-      "explain judges on this machine and with its store, or that of --store");
+int RunExplain(const Options& options, const ModuleOptions& module, Console& console) {
   if (options.kind == "resume" && options.which.empty() && !options.all) {
     return ExplainResume(console);
   }
   const Occasion occasion = OccasionOf(options);
-  const auto subscriptions = SubscriptionsIn(DocumentOf(LookAtStore(options.limits)));
+  const auto subscriptions = SubscriptionsIn(DocumentOf(LookAtStore(module.limits)));
   const ModulePins pins(module.Path());
   if (occasion.kind != nullptr && occasion.kind->family == nullptr &&
       MeaningOf(occasion.kind->codes, occasion.code) == nullptr) {
@@ -129,9 +125,9 @@ int RunExplain(const ModuleOptions& module, const Options& options, Console& con
 }
 
 constexpr char kFooter[] =
-    "Starts, sends and stores nothing. The keys are those of the module, see --dll. Judges with "
-    "this account's rights: another one may not use\n"
-    "the console session's winlogon.exe, as the service may.\n"
+    "Starts, sends and stores nothing. The keys are those of the module. Judges with this\n"
+    "account's rights: another one may not use the console session's winlogon.exe, as the service\n"
+    "may.\n"
     "  vxhost explain power 18\n"
     "  vxhost explain uninstall Maker.App_abcdefgh12345\n"
     "  vxhost explain resume\n"
@@ -140,20 +136,15 @@ constexpr char kFooter[] =
 }  // namespace
 
 void AddExplainCommand(CommandLine& line) {
-  const auto options = std::make_shared<Options>();
-  CLI::App& explain = line.Add(
-      "explain",
-      "explain what an event would lead to for each stored subscription, or a resume for the\n"
-      "companion app",
-      kFooter,
-      [&line, options](Console& console) { return RunExplain(line.Module(), *options, console); });
-  explain.add_option("kind", options->kind, "power, platform, uninstall or resume");
-  explain.add_option("event", options->which, "its code, or the family of the package");
-  explain.add_flag("--all", options->all, "each subscription at its own event");
-  CommandLine::AddTimeout(explain, options->limits);
-  line.OfferJson(explain);
-  line.UseModule(explain);
-  line.UseStore(explain);
+  const auto [explain, options] = line.Add(
+      {"explain",
+       "explain what an event would lead to for each stored subscription, or a resume for the\n"
+       "companion app",
+       kFooter},
+      &RunExplain, Shared::Dll | Shared::Store | Shared::Timeout | Shared::Json);
+  explain.add_option("kind", options.kind, "power, platform, uninstall or resume");
+  explain.add_option("event", options.which, "its code, or the family of the package");
+  explain.add_flag("--all", options.all, "each subscription at its own event");
 }
 
 }  // namespace Vx::Hosting::Tool

@@ -10,7 +10,6 @@
 #include <functional>
 #include <iterator>
 #include <map>
-#include <memory>
 #include <optional>
 #include <set>
 #include <sstream>
@@ -240,7 +239,7 @@ void FollowFolder(const std::filesystem::path& folder, std::vector<FollowedServi
   }
 }
 
-int RunHistory(const Options& options, Console& console) {
+int RunHistory(const Options& options, const ModuleOptions&, Console& console) {
   const Zone zone = options.utc ? Zone::Utc : Zone::Local;
   const std::int64_t now =
       *MomentOf(DateTimeText(Platform::CurrentMachine().clock->UtcFileTime()) + L"Z");
@@ -364,31 +363,28 @@ std::size_t ReadLog(const std::filesystem::path& path,
 }
 
 void AddHistoryCommand(CommandLine& line) {
-  const auto options = std::make_shared<Options>();
-  CLI::App& history =
-      line.Add("history", "show what became of each delivery, from the log of a service", kFooter,
-               [options](Console& console) { return RunHistory(*options, console); });
-  history.add_option("file", options->files,
+  const auto [history, options] =
+      line.Add({"history", "show what became of each delivery, from the log of a service", kFooter},
+               &RunHistory, Shared::Store | Shared::Json);
+  history.add_option("file", options.files,
                      "log files, or their folder; by default that of the installed service");
-  history.add_flag("--failed", options->failed, "only what was asked for and not done");
+  history.add_flag("--failed", options.failed, "only what was asked for and not done");
   CLI::Option* follow = history.add_flag(
-      "--follow", options->follow,
+      "--follow", options.follow,
       "then show each row as it is recorded, and once more when its delivery ends, until\n"
       "Ctrl+C");
-  history.add_option("--since", options->since, "from this local time on");
-  history.add_option("--until", options->until, "until this local time")->excludes(follow);
-  history.add_flag("--utc", options->utc, "show times in UTC");
-  history.add_option("--subscription", options->subscription,
+  history.add_option("--since", options.since, "from this local time on");
+  history.add_option("--until", options.until, "until this local time")->excludes(follow);
+  history.add_flag("--utc", options.utc, "show times in UTC");
+  history.add_option("--subscription", options.subscription,
                      "only of this one: its number in the store, or its hash");
-  history.add_option("--program", options->program,
+  history.add_option("--program", options.program,
                      "only of programs or apps whose name or path has this text");
   history
-      .add_option("--timeline", options->timeline,
+      .add_option("--timeline", options.timeline,
                   "draw the log as a web page, into this file; of the last day unless --since or\n"
                   "--until says otherwise")
       ->excludes(follow);
-  line.OfferJson(history);
-  line.UseStore(history);
 }
 
 }  // namespace Vx::Hosting::Tool

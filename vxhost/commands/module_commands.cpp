@@ -42,9 +42,7 @@ struct ExecOptions {
   std::uint32_t id = 0;
   std::string request = "{}";
   std::string caller = "vxhost";
-  std::string service;  // empty: a module in this process
   std::uint32_t process = 0;
-  HoldLimits limits;
 };
 
 // Returns the request given as an argument. To remove a subscription, the module compares the text
@@ -61,27 +59,27 @@ std::wstring RequestText(const ExecOptions& options) {
   }
 }
 
-CommandResult ExecuteInModule(const ModuleOptions& module, const ExecOptions& options,
+CommandResult ExecuteInModule(const ExecOptions& options, const ModuleOptions& module,
                               const std::wstring& request, Console& console) {
   const auto harness = MakeHarness(module, console);
   console.Request(options.id, request);
   if (!module.simulate) {
     // The module waits for the store without limit or notice.
-    const StoreHold isFree(StoreUse::Write, options.limits);
+    const StoreHold isFree(StoreUse::Write, module.limits);
   }
   return harness->session.Execute(options.id, request, Wide(options.caller));
 }
 
-int Exec(const ModuleOptions& module, const ExecOptions& options, Console& console) {
+int Exec(const ExecOptions& options, const ModuleOptions& module, Console& console) {
   const std::wstring request = RequestText(options);
   CommandResult answer;
-  if (options.service.empty()) {
+  if (module.service.empty()) {
     if (options.process != 0) throw std::runtime_error("--process needs --service");
-    answer = ExecuteInModule(module, options, request, console);
+    answer = ExecuteInModule(options, module, request, console);
   } else {
     RefuseForService(module);
     console.Request(options.id, request);
-    answer = ExecuteInService(options.service, options.process, options.id, request);
+    answer = ExecuteInService(module.service, options.process, options.id, request);
   }
   if (console.WritesJson()) {
     console.JsonResult(CommandJson(options.id, answer));
@@ -105,7 +103,7 @@ struct ScenarioRun {
   std::string faults;
 };
 
-ScenarioRun Read(const ModuleOptions& module, const ScenarioOptions& options) {
+ScenarioRun Read(const ScenarioOptions& options, const ModuleOptions& module) {
   const auto definitions = DefinitionsOf(options.definitions);
   const HarnessKind where = module.simulate       ? HarnessKind::Simulated
                             : module.privateStore ? HarnessKind::PrivateStore
@@ -152,11 +150,11 @@ void WriteTimeline(const std::string& file, const std::vector<PlayedScenario>& p
   WriteTextFile(FullPath(file), TimelinePage(head, one.steps, one.entries));
 }
 
-int PlayScenarios(const ModuleOptions& module, const ScenarioOptions& options, Console& console) {
+int PlayScenarios(const ScenarioOptions& options, const ModuleOptions& module, Console& console) {
   if (!options.timeline.empty() && options.scenarios.size() != 1) {
     throw std::runtime_error("--timeline draws one scenario");
   }
-  ScenarioRun run = Read(module, options);
+  ScenarioRun run = Read(options, module);
   const auto report = [&] {
     if (!options.junit.empty()) {
       WriteTextFile(FullPath(options.junit), JUnitReport(run.played));
@@ -212,7 +210,7 @@ void NoteWaiting(const std::vector<RecordEntry>& entries, Console& console) {
                " s, and do not happen: wait longer with --seconds");
 }
 
-int Events(const ModuleOptions& module, const EventOptions& options, Console& console) {
+int Events(const EventOptions& options, const ModuleOptions& module, Console& console) {
   if (options.power.empty() && options.sessions.empty()) {
     throw std::runtime_error("no event to send: name some with --power or --session");
   }
@@ -242,7 +240,6 @@ int Events(const ModuleOptions& module, const EventOptions& options, Console& co
 }
 
 constexpr char kExecFooter[] =
-    "vxhost --dll, --private-store and --simulate choose the module and its store.\n"
     "With --service nothing is sent unless the pipe belongs to the process that the service\n"
     "manager names, or to that of --process, which \"service run\" names.\n"
     "Exit code 1 for another result code than 0x00000000, if the module refused the request, and "
@@ -251,73 +248,49 @@ constexpr char kExecFooter[] =
     "  vxhost exec 22\n"
     "  vxhost exec 9 @subscription.json --service";
 constexpr char kScenarioFooter[] =
-    "vxhost --dll, --private-store and --simulate choose the module and its store.\n"
     "A scenario is a JSON file of steps; see the samples, and docs/vxhost.md for every part.\n"
     "Exit code 1 when an expectation was not met: the lines with !! name it.\n"
     "  vxhost --simulate scenario scenarios\\first_boot.json";
 constexpr char kEventsFooter[] =
-    "vxhost --dll, --private-store and --simulate choose the module and its store.\n"
     "Power: 4 suspending, 7 resumed by the user, 10 power status changed, 18 resumed.\n"
     "Session: 1 console connected, 5 logon, 6 logoff, 7 locked, 8 unlocked.\n"
     "  vxhost events --power 4 7 --seconds 10";
 
-void AddExec(CommandLine& line) {
-  const auto options = std::make_shared<ExecOptions>();
-  CLI::App& exec = line.Add(
-      "exec", "run one command and print its answer", kExecFooter,
-      [&line, options](Console& console) { return Exec(line.Module(), *options, console); });
-  exec.add_option("id", options->id, "the number of the command")->required();
-  exec.add_option("request", options->request,
-                  "the request's JSON, @FILE, or @- for standard input");
-  exec.add_option("--caller", options->caller, "the client's identity")->capture_default_str();
-  CommandLine::AddTimeout(exec, options->limits);
-  CommandLine::OfferService(exec, options->service);
-  exec.add_option("--process", options->process,
-                  "the service's process, if it is not the one that is installed by that name");
-  line.UseModule(exec);
-  line.UseStore(exec);
-  line.OfferJson(exec);
-}
-
-void AddScenario(CommandLine& line) {
-  const auto options = std::make_shared<ScenarioOptions>();
-  CLI::App& scenario = line.Add("scenario", "play a scenario and check what it expects",
-                                kScenarioFooter, [&line, options](Console& console) {
-                                  return PlayScenarios(line.Module(), *options, console);
-                                });
-  scenario.add_option("file", options->scenarios, "the scenario; each of several is played anew")
-      ->required();
-  scenario.add_option("--define", options->definitions, "NAME=VALUE for ${NAME} in it");
-  scenario.add_option("--junit", options->junit,
-                      "write a JUnit report, with one test case per step, into this file");
-  scenario.add_option("--timeline", options->timeline,
-                      "draw what happened as a web page, into this file");
-  line.UseModule(scenario);
-  line.OfferJson(scenario);
-  line.UseStore(scenario);
-}
-
-void AddEvents(CommandLine& line) {
-  const auto options = std::make_shared<EventOptions>();
-  CLI::App& events = line.Add(
-      "events", "send power and session events", kEventsFooter,
-      [&line, options](Console& console) { return Events(line.Module(), *options, console); });
-  events.add_option("--power", options->power, "power broadcast codes (PBT_)");
-  events.add_option("--session", options->sessions, "session change codes (WTS_SESSION_)");
-  events.add_option("--seconds", options->seconds, "how long to wait for deliveries")
-      ->check(CLI::Range(0, kLongestSeconds))
-      ->capture_default_str();
-  line.UseModule(events);
-  line.OfferJson(events);
-  line.UseStore(events);
-}
-
 }  // namespace
 
 void AddModuleCommands(CommandLine& line) {
-  AddExec(line);
-  AddScenario(line);
-  AddEvents(line);
+  constexpr unsigned kShared = Shared::Leading | Shared::Json;
+  const auto exec = line.Add({"exec", "run one command and print its answer", kExecFooter}, &Exec,
+                             kShared | Shared::Timeout | Shared::Service);
+  exec.app.add_option("id", exec.options.id, "the number of the command")->required();
+  exec.app.add_option("request", exec.options.request,
+                      "the request's JSON, @FILE, or @- for standard input");
+  exec.app.add_option("--caller", exec.options.caller, "the client's identity")
+      ->capture_default_str();
+  exec.app.add_option("--process", exec.options.process,
+                      "the service's process, if it is not the one that is installed by that name");
+
+  const auto scenario =
+      line.Add({"scenario", "play a scenario and check what it expects", kScenarioFooter},
+               &PlayScenarios, kShared);
+  scenario.app
+      .add_option("file", scenario.options.scenarios,
+                  "the scenario, or several, one after the other")
+      ->required();
+  scenario.app.add_option("--define", scenario.options.definitions, "NAME=VALUE for ${NAME} in it");
+  scenario.app.add_option("--junit", scenario.options.junit,
+                          "write a JUnit report, with one test case per step, into this file");
+  scenario.app.add_option("--timeline", scenario.options.timeline,
+                          "draw what happened as a web page, into this file");
+
+  const auto events =
+      line.Add({"events", "send power and session events", kEventsFooter}, &Events, kShared);
+  events.app.add_option("--power", events.options.power, "power broadcast codes (PBT_)");
+  events.app.add_option("--session", events.options.sessions,
+                        "session change codes (WTS_SESSION_)");
+  events.app.add_option("--seconds", events.options.seconds, "how long to wait for deliveries")
+      ->check(CLI::Range(0, kLongestSeconds))
+      ->capture_default_str();
 }
 
 }  // namespace Vx::Hosting::Tool

@@ -47,8 +47,7 @@ std::vector<std::wstring> WideAll(const std::vector<std::string>& texts) {
   return wide;
 }
 
-int RunService(const ModuleOptions& module, const RunOptions& options, Console& console) {
-  module.RequireRealMachine("service run uses the module and the store of the machine");
+int RunService(const RunOptions& options, const ModuleOptions& module, Console& console) {
   ServiceHost::PipeOptions pipe;
   pipe.path = ServiceHost::PipePath(Wide(options.name));
   // The module starts work as soon as it is loaded, so check everything else first.
@@ -97,6 +96,11 @@ struct InstallOptions {
   bool development = false;
 };
 
+struct NameOptions {
+  std::string name = kDefaultServiceName;
+  bool force = false;  // of a removal
+};
+
 struct SendOptions {
   std::string name = kDefaultServiceName;
   std::vector<std::uint32_t> power;
@@ -125,8 +129,7 @@ std::wstring WithoutLinks(const std::wstring& file) {
   throw WindowsError("Windows does not tell where " + Utf8(file) + " is", place.Error());
 }
 
-int Install(const ModuleOptions& module, const InstallOptions& options, Console& console) {
-  module.RequireRealMachine("a service uses the module and the store of the machine");
+int Install(const InstallOptions& options, const ModuleOptions& module, Console& console) {
   ServicePlan plan;
   plan.name = CheckedName(options.name);
   plan.program = WithoutLinks(HostProgram());
@@ -191,23 +194,31 @@ std::string LastError(const std::wstring& name) {
   }
 }
 
-int Start(const std::string& name, Console& console) {
-  const std::wstring wide = CheckedName(name);
+int Start(const NameOptions& options, const ModuleOptions&, Console& console) {
+  const std::wstring name = CheckedName(options.name);
   try {
-    ServiceManager().Start(wide);
+    ServiceManager().Start(name);
   } catch (const WindowsError& error) {
     const bool tried =
         error.Code() != ERROR_SERVICE_DOES_NOT_EXIST && error.Code() != ERROR_ACCESS_DENIED;
-    if (tried) console.Line(LastError(wide));
+    if (tried) console.Line(LastError(name));
     throw;
   }
-  console.Line(name + " runs");
+  console.Line(options.name + " runs");
   return kDone;
 }
 
-int Stop(const std::string& name, Console& console) {
-  ServiceManager().Stop(CheckedName(name));
-  console.Line(name + " has stopped");
+int Stop(const NameOptions& options, const ModuleOptions&, Console& console) {
+  ServiceManager().Stop(CheckedName(options.name));
+  console.Line(options.name + " has stopped");
+  return kDone;
+}
+
+int Remove(const NameOptions& options, const ModuleOptions&, Console& console) {
+  ServiceManager().Remove(CheckedName(options.name), options.force
+                                                         ? ServiceManager::Running::Marked
+                                                         : ServiceManager::Running::Refused);
+  console.Line(options.name + " is removed");
   return kDone;
 }
 
@@ -217,12 +228,12 @@ std::wstring NameOf(std::uint32_t state) {
   return state - 1 < std::size(kNames) ? kNames[state - 1] : L"other";
 }
 
-int Status(const std::string& name, Console& console) {
-  const std::wstring wide = CheckedName(name);
-  const auto report = ServiceManager().Query(wide);
+int Status(const NameOptions& options, const ModuleOptions&, Console& console) {
+  const std::wstring name = CheckedName(options.name);
+  const auto report = ServiceManager().Query(name);
   const std::wstring state = report ? NameOf(report->state) : L"not installed";
-  JsonRow row{{L"name", wide}, {L"state", state}};
-  std::string text = name + ": " + Utf8(state);
+  JsonRow row{{L"name", name}, {L"state", state}};
+  std::string text = options.name + ": " + Utf8(state);
   if (report) {
     const std::string start = report->automatic ? "auto" : "demand";
     row.Add({L"process", report->process});
@@ -233,14 +244,14 @@ int Status(const std::string& name, Console& console) {
     if (!report->options.module.empty()) row.Add({L"module", report->options.module});
     row.Add({L"allow", report->options.allowed});
     row.Add({L"development", report->options.development});
-    row.Add({L"pipe", ServiceHost::PipePath(wide)});
+    row.Add({L"pipe", ServiceHost::PipePath(name)});
     if (report->process != 0) text += ", process " + std::to_string(report->process);
     if (report->exitCode != 0) {
       text += ", error " + std::to_string(report->exitCode) + ": " + ErrorText(report->exitCode);
     }
     text += "\n  start:   " + start + "\n  account: " + Utf8(report->account) +
             "\n  image:   " + Utf8(report->image) + "\n  module:  " + Utf8(report->options.module) +
-            "\n  pipe:    " + Utf8(ServiceHost::PipePath(wide));
+            "\n  pipe:    " + Utf8(ServiceHost::PipePath(name));
     for (const std::wstring& sid : report->options.allowed)
       text += "\n  allow:   " + ServiceHost::WithAccountNames(Utf8(sid));
     if (report->options.development) text += "\n  for development";
@@ -253,7 +264,7 @@ int Status(const std::string& name, Console& console) {
   return report && report->state == SERVICE_RUNNING ? kDone : kNotMet;
 }
 
-int Send(const SendOptions& options, Console& console) {
+int Send(const SendOptions& options, const ModuleOptions&, Console& console) {
   if (options.power.empty() && options.sessions.empty()) {
     throw std::runtime_error("no event to send: name one with --power or --session");
   }
@@ -285,100 +296,66 @@ constexpr char kSendFooter[] =
     "Only for a service that was installed with --development. Codes of 0 to 63.\n"
     "  vxhost service send --power 7";
 
-void AddInstall(CommandLine& line, CLI::App& group) {
-  const auto options = std::make_shared<InstallOptions>();
-  CLI::App& install = line.Add(
-      group, "install", "install the module as a Windows service", kInstallFooter,
-      [&line, options](Console& console) { return Install(line.Module(), *options, console); });
-  install.add_option("--name", options->name, "its name")->capture_default_str();
-  install.add_option("--start", options->start, "auto (delayed, the default) or demand")
-      ->check(CLI::IsMember({"auto", "demand"}));
-  install.add_option("--allow", options->allowed,
-                     "a further account for its pipe, as name or SID: it may then start every\n"
-                     "trusted program as SYSTEM, with its own arguments");
-  install.add_flag("--repair", options->repair,
-                   "take the right to write to an existing %ProgramData%\\Vx from users");
-  install.add_flag("--replace", options->replace,
-                   "give an installed service of this name these files and options; it uses them\n"
-                   "from its next start on, and keeps the options that are not given");
-  install.add_flag("--development", options->development,
-                   "accept folders of the account that installs, and events of \"service send\";\n"
-                   "never on a machine that others use");
-  line.UseModule(install);
+template <typename Options>
+CommandLine::Added<Options> AddNamed(CommandLine& line, CLI::App& group, const CommandText& text,
+                                     CommandLine::Run<Options> run,
+                                     unsigned shared = Shared::None) {
+  const auto added = line.Add(text, run, shared, &group);
+  added.app.add_option("--name", added.options.name, "its name")->capture_default_str();
+  return added;
 }
 
-void AddSetup(CommandLine& line, CLI::App& group) {
-  AddInstall(line, group);
-  const struct {
-    const char* name;
-    const char* about;
-    int (*run)(const std::string& name, Console& console);
-  } kActions[] = {
-      {"start", "start the installed service", &Start},
-      {"stop", "stop the service", &Stop},
-  };
-  for (const auto& action : kActions) {
-    const auto name = std::make_shared<std::string>(kDefaultServiceName);
-    CLI::App& command =
-        line.Add(group, action.name, action.about, kNameFooter,
-                 [name, action](Console& console) { return action.run(*name, console); });
-    command.add_option("--name", *name, "its name")->capture_default_str();
-  }
+void AddRun(CommandLine& line, CLI::App& group) {
+  const auto [run, options] =
+      AddNamed(line, group, {"run", "host the module in this console until Ctrl+C", kRunFooter},
+               &RunService, Shared::Dll);
+  run.add_option("--log", options.log, "an existing folder for log files");
+  run.add_option("--allow", options.allowed,
+                 "a further account, as name or SID: it may then start every trusted program\n"
+                 "as the service's account, with its own arguments");
+  run.add_option("--seconds", options.seconds, "how long; 0: until Ctrl+C")
+      ->check(CLI::Range(0, kLongestSeconds));
+}
 
-  struct Removal {
-    std::string name = kDefaultServiceName;
-    bool force = false;
-  };
-  const auto removal = std::make_shared<Removal>();
-  CLI::App& removing =
-      line.Add(group, "remove", "remove the stopped service; its data stays", kNameFooter,
-               [removal](Console& console) {
-                 ServiceManager().Remove(CheckedName(removal->name),
-                                         removal->force ? ServiceManager::Running::Marked
-                                                        : ServiceManager::Running::Refused);
-                 console.Line(removal->name + " is removed");
-                 return kDone;
-               });
-  removing.add_option("--name", removal->name, "its name")->capture_default_str();
-  removing.add_flag("--force", removal->force,
-                    "a running one too, which Windows removes as soon as it ends");
-
-  const auto queried = std::make_shared<std::string>(kDefaultServiceName);
-  CLI::App& status = line.Add(group, "status", "whether the service runs", kStatusFooter,
-                              [queried](Console& console) { return Status(*queried, console); });
-  status.add_option("--name", *queried, "its name")->capture_default_str();
-  line.OfferJson(status);
-
-  const auto send = std::make_shared<SendOptions>();
-  CLI::App& sending =
-      line.Add(group, "send", "send events to a service under development", kSendFooter,
-               [send](Console& console) { return Send(*send, console); });
-  sending.add_option("--name", send->name, "its name")->capture_default_str();
-  sending.add_option("--power", send->power, "power broadcast codes (PBT_)")
-      ->check(CLI::Range(0, 63));
-  sending.add_option("--session", send->sessions, "session change codes (WTS_SESSION_)")
-      ->check(CLI::Range(0, 63));
+void AddInstall(CommandLine& line, CLI::App& group) {
+  const auto [install, options] =
+      AddNamed(line, group, {"install", "install the module as a Windows service", kInstallFooter},
+               &Install, Shared::Dll);
+  install.add_option("--start", options.start, "auto (delayed, the default) or demand")
+      ->check(CLI::IsMember({"auto", "demand"}));
+  install.add_option("--allow", options.allowed,
+                     "a further account for its pipe, as name or SID: it may then start every\n"
+                     "trusted program as SYSTEM, with its own arguments");
+  install.add_flag("--repair", options.repair,
+                   "take the right to write to an existing %ProgramData%\\Vx from users");
+  install.add_flag("--replace", options.replace,
+                   "give an installed service of this name these files and options; it uses them\n"
+                   "from its next start on, and keeps the options that are not given");
+  install.add_flag("--development", options.development,
+                   "accept folders of the account that installs, and events of \"service send\";\n"
+                   "never on a machine that others use");
 }
 
 }  // namespace
 
 void AddServiceCommands(CommandLine& line) {
   CLI::App& group = line.AddGroup("service", "the module as a running service");
-
-  const auto run = std::make_shared<RunOptions>();
-  CLI::App& running =
-      line.Add(group, "run", "host the module in this console until Ctrl+C", kRunFooter,
-               [&line, run](Console& console) { return RunService(line.Module(), *run, console); });
-  running.add_option("--name", run->name, "the name of its pipe")->capture_default_str();
-  running.add_option("--log", run->log, "an existing folder for log files");
-  running.add_option("--allow", run->allowed,
-                     "a further account, as name or SID: it may then start every trusted program\n"
-                     "as the service's account, with its own arguments");
-  running.add_option("--seconds", run->seconds, "how long; 0: until Ctrl+C")
-      ->check(CLI::Range(0, kLongestSeconds));
-  line.UseModule(running);
-
-  AddSetup(line, group);
+  AddRun(line, group);
+  AddInstall(line, group);
+  AddNamed(line, group, {"start", "start the installed service", kNameFooter}, &Start);
+  AddNamed(line, group, {"stop", "stop the service", kNameFooter}, &Stop);
+  const auto remove = AddNamed(
+      line, group, {"remove", "remove the stopped service; its data stays", kNameFooter}, &Remove);
+  remove.app.add_flag("--force", remove.options.force,
+                      "a running one too, which Windows removes as soon as it ends");
+  AddNamed(line, group, {"status", "whether the service runs", kStatusFooter}, &Status,
+           Shared::Json);
+  const auto [send, options] = AddNamed(
+      line, group, {"send", "send events to a service under development", kSendFooter}, &Send);
+  send.add_option("--power", options.power, "power broadcast codes (PBT_)")
+      ->check(CLI::Range(0, 63));
+  send.add_option("--session", options.sessions, "session change codes (WTS_SESSION_)")
+      ->check(CLI::Range(0, 63));
 }
 
 }  // namespace Vx::Hosting::Tool

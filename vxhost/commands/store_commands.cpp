@@ -2,7 +2,6 @@
 
 #include <cstddef>
 #include <cstdio>
-#include <memory>
 #include <stdexcept>
 
 #include "hosting/text.h"
@@ -37,19 +36,17 @@ void Print(const WideDocument& document, Console& console) {
 
 struct Options {
   std::string file;
-  HoldLimits limits;
 };
 
-int Show(const Options& options, Console& console) {
+int Show(const Options&, const ModuleOptions& module, Console& console) {
   std::size_t left = 0;
-  Print(StoreContent(LookAtStore(options.limits), ShownValues::All, left), console);
+  Print(StoreContent(LookAtStore(module.limits), ShownValues::All, left), console);
   return kDone;
 }
 
-int Export(const Options& options, Console& console) {
+int Export(const Options& options, const ModuleOptions& module, Console& console) {
   std::size_t left = 0;
-  const WideDocument values =
-      StoreContent(LookAtStore(options.limits), ShownValues::Exported, left);
+  const WideDocument values = StoreContent(LookAtStore(module.limits), ShownValues::Exported, left);
   if (options.file.empty()) {
     Print(values, console);
   } else {
@@ -62,9 +59,9 @@ int Export(const Options& options, Console& console) {
   return kDone;
 }
 
-int Verify(const Options& options, Console& console) {
+int Verify(const Options& options, const ModuleOptions& module, Console& console) {
   const StoreLook look =
-      options.file.empty() ? LookAtStore(options.limits) : LookAtFile(FullPathOfFile(options.file));
+      options.file.empty() ? LookAtStore(module.limits) : LookAtFile(FullPathOfFile(options.file));
   const StoreVerdict verdict =
       DiagnoseWithLists(look, options.file.empty() ? Owner::Trusted : Owner::Any);
   if (console.WritesJson()) {
@@ -93,25 +90,25 @@ int Replaced(const std::wstring& kept, Console& console) {
   return kDone;
 }
 
-int BackUp(const Options& options, Console& console) {
+int BackUp(const Options& options, const ModuleOptions& module, Console& console) {
   const std::wstring path = FullPath(options.file);
-  BackUpStore(path, options.limits);
+  BackUpStore(path, module.limits);
   console.Note("written to " + Utf8(path));
   return kDone;
 }
 
-int Restore(const Options& options, Console& console) {
-  return Replaced(RestoreStore(FullPathOfFile(options.file), options.limits), console);
+int Restore(const Options& options, const ModuleOptions& module, Console& console) {
+  return Replaced(RestoreStore(FullPathOfFile(options.file), module.limits), console);
 }
 
-int Import(const Options& options, Console& console) {
+int Import(const Options& options, const ModuleOptions& module, Console& console) {
   const std::wstring text = ReadTextFile(FullPathOfFile(options.file));
   WideDocument document;
   Json::ParseFault fault;
   if (!Json::ParseJson(document, text, Json::kMaxNesting, &fault)) {
     throw std::runtime_error("not valid JSON: " + FaultText(text, fault));
   }
-  return Replaced(ImportValues(document, options.limits), console);
+  return Replaced(ImportValues(document, module.limits), console);
 }
 
 constexpr char kShowFooter[] =
@@ -141,22 +138,23 @@ constexpr char kImportFooter[] =
 enum class File { None, Optional, Required };
 
 struct Command {
-  const char* name;
-  const char* about;
-  const char* footer;
-  int (*run)(const Options& options, Console& console);
+  CommandText text;
+  CommandLine::Run<Options> run;
   File file;
 };
 constexpr Command kCommands[] = {
-    {"show", "print the decrypted store as JSON, each value with its type", kShowFooter, &Show,
+    {{"show", "print the decrypted store as JSON, each value with its type", kShowFooter},
+     &Show,
      File::None},
-    {"verify", "say whether the store is sound, and what is wrong with it", kVerifyFooter, &Verify,
+    {{"verify", "say whether the store is sound, and what is wrong with it", kVerifyFooter},
+     &Verify,
      File::Optional},
-    {"backup", "copy the store's file", kBackupFooter, &BackUp, File::Required},
-    {"restore", "replace the store by a copy of it", kRestoreFooter, &Restore, File::Required},
-    {"export", "print this module's values of the store as JSON", kExportFooter, &Export,
+    {{"backup", "copy the store's file", kBackupFooter}, &BackUp, File::Required},
+    {{"restore", "replace the store by a copy of it", kRestoreFooter}, &Restore, File::Required},
+    {{"export", "print this module's values of the store as JSON", kExportFooter},
+     &Export,
      File::Optional},
-    {"import", "put exported values into the store", kImportFooter, &Import, File::Required},
+    {{"import", "put exported values into the store", kImportFooter}, &Import, File::Required},
 };
 
 }  // namespace
@@ -164,17 +162,12 @@ constexpr Command kCommands[] = {
 void AddStoreCommands(CommandLine& line) {
   CLI::App& group = line.AddGroup("store", "the shared store");
   for (const Command& command : kCommands) {
-    const auto options = std::make_shared<Options>();
-    CLI::App& added =
-        line.Add(group, command.name, command.about, command.footer,
-                 [&command, options](Console& console) { return command.run(*options, console); });
-    if (command.file != File::None) {
-      added.add_option("file", options->file, "a copy of the store's file, or exported values")
-          ->required(command.file == File::Required);
-    }
-    CommandLine::AddTimeout(added, options->limits);
-    line.OfferJson(added);
-    line.UseStore(added);
+    const auto added =
+        line.Add(command.text, command.run, Shared::Store | Shared::Timeout | Shared::Json, &group);
+    if (command.file == File::None) continue;
+    added.app
+        .add_option("file", added.options.file, "a copy of the store's file, or exported values")
+        ->required(command.file == File::Required);
   }
 }
 

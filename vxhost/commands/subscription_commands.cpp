@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cstdint>
 #include <initializer_list>
-#include <memory>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -19,7 +18,6 @@
 #include "storage/request_manager.h"
 #include "storage/sealed_file.h"
 #include "vxhost/play/harness.h"
-#include "vxhost/play/played_keys.h"
 #include "vxhost/service/running_service.h"
 #include "vxhost/store/store_look.h"
 #include "vxhost/subscriptions/command_verdict.h"
@@ -66,9 +64,8 @@ JsonRow AsJson(const Explanation& one) {
   return row;
 }
 
-int List(const ModuleOptions& module, const HoldLimits& limits, Console& console) {
-  module.RequireRealMachine("the list is that of the machine's store, or of --store");
-  const auto subscriptions = Stored(limits);
+int List(const NoOptions&, const ModuleOptions& module, Console& console) {
+  const auto subscriptions = Stored(module.limits);
   const ModulePins pins(module.Path());
   if (!console.WritesJson()) {
     console.Line("  NO  HASH      EVENT         DELAY  ACTION");
@@ -87,22 +84,15 @@ int List(const ModuleOptions& module, const HoldLimits& limits, Console& console
   return kDone;
 }
 
-// Who carries out a command.
-struct Recipient {
-  std::string service;  // empty: a module in this process
-  std::string caller = "vxhost";
-  HoldLimits limits;
-};
-
 // Sends the command. Returns whether the module decided `wanted`.
-bool Sends(const ModuleOptions& module, const Recipient& to, std::uint32_t command,
-           const std::wstring& text, Records::Decision wanted, Console& console) {
+bool Sends(std::uint32_t command, const std::wstring& text, Records::Decision wanted,
+           const std::string& caller, const ModuleOptions& module, Console& console) {
   CommandResult answer;
-  if (to.service.empty()) {
+  if (module.service.empty()) {
     const auto harness = MakeHarness(module, console);
-    answer = harness->session.Execute(command, text, Wide(to.caller));
+    answer = harness->session.Execute(command, text, Wide(caller));
   } else {
-    answer = ExecuteInService(to.service, 0, command, text);
+    answer = ExecuteInService(module.service, 0, command, text);
   }
   const bool met = answer.decision == Records::NameOf(wanted).word;
   if (!met) {
@@ -125,7 +115,7 @@ struct AddOptions {
   std::string trigger;
   std::string delay;
   bool force = false;
-  Recipient recipient;
+  std::string caller = "vxhost";
 };
 
 const SubscriptionForm& KindOf(const AddOptions& options) {
@@ -197,26 +187,24 @@ int Report(const wchar_t* done, const std::wstring& text, bool succeeded, Consol
   return succeeded ? kDone : kNotMet;
 }
 
-int Add(const ModuleOptions& module, const AddOptions& options, Console& console) {
-  if (!options.recipient.service.empty()) RefuseForService(module);
+int Add(const AddOptions& options, const ModuleOptions& module, Console& console) {
+  if (!module.service.empty()) RefuseForService(module);
   const std::wstring text = Compose(options);
-  const SubscriptionCheck check =
-      CheckSubscription(text, module.simulate ? Tessel::Security::BuiltRestrictedKeys()
-                                              : ModulePins(module.Path()).Restricted());
+  const SubscriptionCheck check = CheckSubscription(text, ModulePins(module.Path()).Restricted());
   for (const Finding& finding : check.findings) {
     if (finding.verdict == Verdict::Never) {
       console.Note(Utf8(L"never runs: " + finding.key + L": " + finding.text));
     }
   }
   if (!check.Runs() && !options.force) return Report(L"added", text, false, console);
-  const bool added = Sends(module, options.recipient, KindOf(options).subscribe, text,
-                           Records::Decision::Stored, console);
+  const bool added = Sends(KindOf(options).subscribe, text, Records::Decision::Stored,
+                           options.caller, module, console);
   return Report(L"added", text, added, console);
 }
 
 struct RemoveOptions {
   std::string which;
-  Recipient recipient;
+  std::string caller = "vxhost";
 };
 
 const StoredSubscription* Find(const std::vector<StoredSubscription>& all,
@@ -229,10 +217,9 @@ const StoredSubscription* Find(const std::vector<StoredSubscription>& all,
   return &*found;
 }
 
-int Remove(const ModuleOptions& module, const RemoveOptions& options, Console& console) {
-  const Recipient& to = options.recipient;
-  if (!to.service.empty()) RefuseForService(module);
-  const auto before = Stored(to.limits);
+int Remove(const RemoveOptions& options, const ModuleOptions& module, Console& console) {
+  if (!module.service.empty()) RefuseForService(module);
+  const auto before = Stored(module.limits);
   const StoredSubscription* found = Find(before, options.which);
   if (found == nullptr) {
     console.Note("no stored subscription has the number or hash " + options.which);
@@ -240,17 +227,17 @@ int Remove(const ModuleOptions& module, const RemoveOptions& options, Console& c
   }
   const StoredSubscription& one = *found;
   if (one.kind->unsubscribe != 0) {
-    const bool removed =
-        Sends(module, to, one.kind->unsubscribe, *one.text, Records::Decision::Removed, console);
+    const bool removed = Sends(one.kind->unsubscribe, *one.text, Records::Decision::Removed,
+                               options.caller, module, console);
     return Report(L"removed", *one.text, removed, console);
   }
   {
     // No command reverts a package subscription. A running service watches it until logoff.
-    const StoreHold hold(StoreUse::Write, to.limits);
+    const StoreHold hold(StoreUse::Write, module.limits);
     RequestManager(kServiceDocument, one.kind->list).RemoveRequest(*one.text);
   }
   console.Note("a running service may still carry it out, until the next logoff");
-  return Report(L"removed", *one.text, Stored(to.limits).size() < before.size(), console);
+  return Report(L"removed", *one.text, Stored(module.limits).size() < before.size(), console);
 }
 
 constexpr char kListFooter[] =
@@ -269,66 +256,47 @@ constexpr char kRemoveFooter[] =
     "when nothing was removed.\n"
     "  vxhost subscriptions remove 3 --service";
 
-void OfferRecipient(CLI::App& command, Recipient& recipient) {
-  command.add_option("--caller", recipient.caller, "the client's identity")->capture_default_str();
-  CommandLine::AddTimeout(command, recipient.limits);
-  CommandLine::OfferService(command, recipient.service);
-}
+constexpr unsigned kShared = Shared::Dll | Shared::Store | Shared::Timeout | Shared::Json;
 
-void AddAdd(CommandLine& line, CLI::App& parent) {
-  const auto options = std::make_shared<AddOptions>();
-  CLI::App& add = line.Add(
-      parent, "add", "compose a subscription, check it and send it", kAddFooter,
-      [&line, options](Console& console) { return Add(line.Module(), *options, console); });
-  add.add_option("--power", options->power, "at this power event");
-  add.add_option("--platform", options->platform, "at this platform event");
-  add.add_option("--uninstalling", options->uninstalling, "when this family begins to go");
-  add.add_option("--uninstalled", options->uninstalled, "when this family is gone");
-  add.add_option("--run", options->run, "start this program, by its full path");
-  add.add_option("--arguments", options->arguments, "with these arguments");
-  add.add_option("--send", options->send, "send a message to the app of this family");
-  add.add_option("--app-service", options->appService, "to this app service of it");
-  add.add_option("--payload", options->payload, "with this JSON object, or @FILE")
-      ->capture_default_str();
-  add.add_option("--trigger", options->trigger, "raise the trigger with this GUID instead");
-  add.add_option("--delay", options->delay, "this many seconds later");
-  add.add_flag("--force", options->force, "also if it would never run");
-  OfferRecipient(add, options->recipient);
-  line.OfferJson(add);
-  line.UseModule(add);
-  line.UseStore(add);
-}
-
-void AddRemove(CommandLine& line, CLI::App& parent) {
-  const auto options = std::make_shared<RemoveOptions>();
-  CLI::App& remove = line.Add(
-      parent, "remove", "take a subscription back", kRemoveFooter,
-      [&line, options](Console& console) { return Remove(line.Module(), *options, console); });
-  remove.add_option("which", options->which, "its number, or its hash")->required();
-  OfferRecipient(remove, options->recipient);
-  line.OfferJson(remove);
-  line.UseModule(remove);
-  line.UseStore(remove);
+void AddAdd(CommandLine& line, CLI::App& group) {
+  const auto [add, options] =
+      line.Add({"add", "compose a subscription, check it and send it", kAddFooter}, &Add,
+               kShared | Shared::Service, &group);
+  const struct {
+    const char* name;
+    std::string* value;
+    const char* about;
+  } kTexts[] = {
+      {"--uninstalling", &options.uninstalling, "when this family begins to go"},
+      {"--uninstalled", &options.uninstalled, "when this family is gone"},
+      {"--run", &options.run, "start this program, by its full path"},
+      {"--arguments", &options.arguments, "with these arguments"},
+      {"--send", &options.send, "send a message to the app of this family"},
+      {"--app-service", &options.appService, "to this app service of it"},
+      {"--payload", &options.payload, "with this JSON object, or @FILE, instead of {}"},
+      {"--trigger", &options.trigger, "raise the trigger with this GUID instead"},
+      {"--delay", &options.delay, "this many seconds later"},
+      {"--caller", &options.caller, "the client's identity, instead of vxhost"},
+  };
+  add.add_option("--power", options.power, "at this power event");
+  add.add_option("--platform", options.platform, "at this platform event");
+  for (const auto& [name, value, about] : kTexts) add.add_option(name, *value, about);
+  add.add_flag("--force", options.force, "also if it would never run");
 }
 
 }  // namespace
 
 void AddSubscriptionCommands(CommandLine& line) {
-  const auto limits = std::make_shared<HoldLimits>();
-  const auto list = [&line, limits](Console& console) {
-    return List(line.Module(), *limits, console);
-  };
   CLI::App& group =
-      line.Add("subscriptions", "list the stored subscriptions, or change them", kListFooter, list);
-  CLI::App& listing = line.Add(group, "list", "list the stored subscriptions", kListFooter, list);
-  for (CLI::App* command : {&group, &listing}) {
-    CommandLine::AddTimeout(*command, *limits);
-    line.OfferJson(*command);
-    line.UseModule(*command);
-    line.UseStore(*command);
-  }
+      line.Add({"subscriptions", "list the stored subscriptions, or change them", kListFooter},
+               &List, kShared)
+          .app;
+  line.Add({"list", "list the stored subscriptions", kListFooter}, &List, kShared, &group);
   AddAdd(line, group);
-  AddRemove(line, group);
+  const auto [remove, options] = line.Add({"remove", "take a subscription back", kRemoveFooter},
+                                          &Remove, kShared | Shared::Service, &group);
+  remove.add_option("which", options.which, "its number, or its hash")->required();
+  remove.add_option("--caller", options.caller, "the client's identity")->capture_default_str();
 }
 
 }  // namespace Vx::Hosting::Tool

@@ -5,7 +5,6 @@
 #include <cstdint>
 #include <cstdio>
 #include <fstream>
-#include <memory>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -31,7 +30,7 @@ constexpr char kPinsFooter[] =
     "of it, the subject and the days left.\n"
     "  vxhost --dll OrvaneService.dll pins --cert Maker.cer";
 constexpr char kTrustFooter[] =
-    "The keys are those of the module, see --dll. Lines with + are checks that the file passes, "
+    "The keys are those of the module. Lines with + are checks that the file passes, "
     "lines\n"
     "with - checks that it fails. Exit code 0: trusted; 1: not.\n"
     "  vxhost trust \"C:\\Program Files\\Maker\\Tool.exe\"";
@@ -83,8 +82,7 @@ std::vector<JsonRow> JsonOf(const ShownSet& set, const std::vector<Certificate>&
   return rows;
 }
 
-int Pins(const ModuleOptions& module, const Options& options, Console& console) {
-  module.RequireRealMachine("pins uses no store and no simulated machine");
+int Pins(const Options& options, const ModuleOptions& module, Console& console) {
   const ModulePins pins(module.Path());
   std::vector<Certificate> certificates = CertificatesIn(module.Path());
   for (const std::string& file : options.certificates) {
@@ -106,8 +104,7 @@ int Pins(const ModuleOptions& module, const Options& options, Console& console) 
   return kDone;
 }
 
-int Trust(const ModuleOptions& module, const Options& options, Console& console) {
-  module.RequireRealMachine("trust uses no store and no simulated machine");
+int Trust(const Options& options, const ModuleOptions& module, Console& console) {
   const std::wstring file = FullPathOfFile(options.file);
   const ModulePins pins(module.Path());
   const auto keys = options.general ? pins.General() : pins.Restricted();
@@ -173,7 +170,7 @@ std::vector<std::string> AppendKeys(const std::vector<std::string>& keys,
   return added;
 }
 
-int Pin(const Options& options, Console& console) {
+int Pin(const Options& options, const ModuleOptions&, Console& console) {
   const std::wstring file = FullPathOfFile(options.file);
   auto keys = Tessel::Security::PublicKeysOf(file);
   const bool found = !keys.empty();
@@ -195,29 +192,23 @@ int Pin(const Options& options, Console& console) {
 }  // namespace
 
 void AddTrustCommands(CommandLine& line) {
-  const auto options = std::make_shared<Options>();
-  CLI::App& pins = line.Add(
-      "pins", "list the keys that a module trusts", kPinsFooter,
-      [options, &line](Console& console) { return Pins(line.Module(), *options, console); });
-  pins.add_option("--cert", options->certificates, "a certificate, or a file signed with it");
-  line.UseModule(pins);
-  line.OfferJson(pins);
+  const auto pins = line.Add({"pins", "list the keys that a module trusts", kPinsFooter}, &Pins,
+                             Shared::Dll | Shared::Json);
+  pins.app.add_option("--cert", pins.options.certificates,
+                      "a certificate, or a file signed with it");
 
-  CLI::App& trust = line.Add(
-      "trust", "explain whether a file is trusted, step by step", kTrustFooter,
-      [options, &line](Console& console) { return Trust(line.Module(), *options, console); });
-  trust.add_option("file", options->file, "the file")->required();
-  trust.add_flag("--general", options->general,
-                 "check against the general keys instead of the restricted ones");
-  line.UseModule(trust);
-  line.OfferJson(trust);
+  const auto trust =
+      line.Add({"trust", "explain whether a file is trusted, step by step", kTrustFooter}, &Trust,
+               Shared::Dll | Shared::Json);
+  trust.app.add_option("file", trust.options.file, "the file")->required();
+  trust.app.add_flag("--general", trust.options.general,
+                     "check against the general keys instead of the restricted ones");
 
-  CLI::App& pin =
-      line.Add("pin", "print a signed file's public keys in the pinned form", kPinFooter,
-               [options](Console& console) { return Pin(*options, console); });
-  pin.add_option("file", options->file, "the file")->required();
-  pin.add_option("--append", options->append, "the file of pinned keys to add them to");
-  line.OfferJson(pin);
+  const auto pin =
+      line.Add({"pin", "print a signed file's public keys in the pinned form", kPinFooter}, &Pin,
+               Shared::Json);
+  pin.app.add_option("file", pin.options.file, "the file")->required();
+  pin.app.add_option("--append", pin.options.append, "the file of pinned keys to add them to");
 }
 
 }  // namespace Vx::Hosting::Tool

@@ -1,6 +1,5 @@
 #include "vxhost/commands/validate_command.h"
 
-#include <memory>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -61,13 +60,13 @@ JsonRow AsJson(const Outcome& outcome) {
 constexpr char kFooter[] =
     "Exit code 0: all can run here; 1: one would never run, and the lines with NEVER give the "
     "reasons.\n"
-    "The keys are those of the module, see --dll. With --simulate the machine is a simulated one,\n"
+    "The keys are those of the module. With --simulate the machine is a simulated one,\n"
     "without packages, and the keys those of the service that is built into vxhost.\n"
     "  vxhost validate @subscription.json";
 
-int Validate(const ModuleOptions& module, const std::vector<std::string>& requests,
-             Console& console) {
-  if (module.privateStore) throw std::runtime_error("validate uses no store");
+using Requests = std::vector<std::string>;
+
+int Validate(const Requests& requests, const ModuleOptions& module, Console& console) {
   std::optional<ModulePins> pins;
   std::optional<Simulator::SimulatedMachine> simulated;
   std::optional<Platform::MachineScope> scope;
@@ -95,14 +94,11 @@ int Validate(const ModuleOptions& module, const std::vector<std::string>& reques
 }  // namespace
 
 void AddValidateCommand(CommandLine& line) {
-  const auto requests = std::make_shared<std::vector<std::string>>();
-  CLI::App& command = line.Add(
-      "validate", "check subscriptions before sending them", kFooter,
-      [requests, &line](Console& console) { return Validate(line.Module(), *requests, console); });
-  command.add_option("request", *requests, "a subscription's JSON, or @FILE; or several")
+  const auto [validate, requests] =
+      line.Add({"validate", "check subscriptions before sending them", kFooter}, &Validate,
+               Shared::Dll | Shared::Simulate | Shared::Json);
+  validate.add_option("request", requests, "a subscription's JSON, or @FILE; or several")
       ->required();
-  line.OfferJson(command);
-  line.UseModule(command);
 }
 
 }  // namespace Vx::Hosting::Tool

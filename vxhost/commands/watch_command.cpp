@@ -125,12 +125,10 @@ const std::vector<std::string> kLevelNames = {"info", "warning", "error"};
 struct Options {
   int seconds = 0;
   bool global = false;
-  std::vector<std::uint32_t> processes = {};
+  std::vector<std::uint32_t> processes;
   std::string level = "info";
-  std::string provider = {};
-  std::string text = {};
-  std::string service = {};  // empty: read debug output
-  const bool& json;
+  std::string provider;
+  std::string text;
 };
 
 bool Contains(const std::wstring& text, const std::string& part) {
@@ -149,9 +147,9 @@ bool IsWanted(const LogLine& line, const Options& options) {
   return Contains(line.provider, options.provider) && Contains(line.message, options.text);
 }
 
-int Watch(const Options& options, Console& console) {
-  if (!options.service.empty()) {
-    FollowService(options.service, options.seconds, [&](const LogLine& line, const auto& time) {
+int Watch(const Options& options, const ModuleOptions& module, Console& console) {
+  if (!module.service.empty()) {
+    FollowService(module.service, options.seconds, [&](const LogLine& line, const auto& time) {
       if (IsWanted(line, options)) console.LogResult(line, time);
     });
     return kDone;
@@ -166,7 +164,7 @@ int Watch(const Options& options, Console& console) {
     if (!monitor.Next(250, text, process)) continue;
     LogLine line = ParseLogLine(text);
     line.process = process;
-    if (IsWanted(line, options)) console.LogResult(line, Now(options.json));
+    if (IsWanted(line, options)) console.LogResult(line, Now(console.WritesJson()));
   }
   return kDone;
 }
@@ -182,21 +180,17 @@ constexpr char kFooter[] =
 }  // namespace
 
 void AddWatchCommand(CommandLine& line) {
-  const auto options = std::make_shared<Options>(Options{.json = line.Json()});
-  CLI::App& watch =
-      line.Add("watch", "show the log lines of a running module as it writes them", kFooter,
-               [options](Console& console) { return Watch(*options, console); });
-  watch.add_option("--seconds", options->seconds, "how long; 0: until Ctrl+C")
+  const auto [watch, options] =
+      line.Add({"watch", "show the log lines of a running module as it writes them", kFooter},
+               &Watch, Shared::Service | Shared::Json);
+  watch.add_option("--seconds", options.seconds, "how long; 0: until Ctrl+C")
       ->check(CLI::Range(0, kLongestSeconds));
-  line.OfferJson(watch);
-  watch.add_option("--pid", options->processes, "only lines of these processes");
-  watch
-      .add_option("--level", options->level, "info, warning or error: only these and graver lines")
+  watch.add_option("--pid", options.processes, "only lines of these processes");
+  watch.add_option("--level", options.level, "info, warning or error: only these and graver lines")
       ->check(CLI::IsMember(kLevelNames));
-  watch.add_option("--provider", options->provider, "only lines whose provider contains this");
-  watch.add_option("--text", options->text, "only lines that contain this");
-  CommandLine::OfferService(watch, options->service);
-  watch.add_flag("--global", options->global, "those of services (needs administrator rights)");
+  watch.add_option("--provider", options.provider, "only lines whose provider contains this");
+  watch.add_option("--text", options.text, "only lines that contain this");
+  watch.add_flag("--global", options.global, "those of services (needs administrator rights)");
 }
 
 }  // namespace Vx::Hosting::Tool
