@@ -49,7 +49,7 @@ def run(*arguments, code=0):
     done = subprocess.run([*emulator, vxhost, *arguments], stdout=subprocess.PIPE, stderr=subprocess.PIPE,
                           cwd=tests / "vxhost", check=False)
     lines = done.stdout.decode().splitlines()
-    if not lines or done.returncode != code:
+    if not lines or code not in (None, done.returncode):
         failures.append(arguments)
         print(f"failed: vxhost {arguments} exits with {done.returncode}, wanted {code}, and prints {len(lines)} "
               f"results: {done.stderr.decode()}")
@@ -90,7 +90,10 @@ def check_stored():
     with tempfile.TemporaryDirectory() as folder:
         store = "Z:" + folder.replace("/", "\\")
         trigger = ("--send", "f", "--app-service", "s", "--trigger", "{01234567-89ab-cdef-0123-456789abcdef}")
-        run("--store", store, "exec", "9", "@subscriptions/14_unsigned.json", "--json")
+        for path in sorted((tests / "vxhost" / "subscriptions").glob("*.json")):
+            command = "14" if "zephraEventType" in path.read_text(encoding="utf-8") else "9"
+            run("--store", store, "exec", command, f"@subscriptions/{path.name}", "--json", code=None)
+        run("--store", store, "subscriptions", "add", "--power", "7", "--delay", "2147486", "--force", *trigger, "--json")
         for part, arguments in {
                 "subscriptions-add": ("subscriptions", "add", "--platform", "1", *trigger),
                 "explain": ("explain", "--all"),
@@ -101,6 +104,11 @@ def check_stored():
         }.items():
             for result in run("--store", store, *arguments, "--json")[0]:
                 expect(result, True, f"vxhost {' '.join(arguments)}", "outputs", part)
+        judged = [[[row["hash"], row["verdict"], row["reasons"]] for row in run("--store", store, *arguments, "--json")[0]]
+                  for arguments in (("subscriptions",), ("explain", "--all"))]
+        if judged[0] != judged[1] or {verdict for _, verdict, _ in judged[0]} != {"run", "dropped", "refused", "never"}:
+            failures.append(judged)
+            print(f"failed: subscriptions and explain judge otherwise or too little: {judged}")
         exported = pathlib.Path(folder) / "export.json"
         exported.write_text(json.dumps(run("--store", store, "store", "export", "--json")[0][0]), encoding="utf-8")
         for result in run("--store", store, "store", "import", "Z:" + str(exported).replace("/", "\\"), "--json")[0]:

@@ -34,7 +34,7 @@ part empty
 kept 0 '(none is stored)' subscriptions
 kept 1 'there is no file' store verify
 kept 2 'there is no file' store show
-kept 2 'there is no file' explain --all
+kept 0 '(none is stored)' explain --all
 run_at "$store" > "$work/output" 2>&1 && grep -q 'subscriptions   none' "$work/output" ||
   fail 'vxhost alone:' "$work/output"
 kept 2 'there is no file' store backup "$work/nothing"

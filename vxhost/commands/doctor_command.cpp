@@ -169,7 +169,7 @@ void Pins(const std::wstring& module, const std::optional<ModulePins>& pins, Che
 
 // One line for each stored subscription, judged as "subscriptions" does.
 void Subscriptions(const StoreLook& look, Tessel::Security::KeySet keys, Checks& checks) {
-  for (const Explanation& one : Explain(SubscriptionsIn(DocumentOf(look)), {}, keys)) {
+  for (const Explanation& one : Explain(SubscriptionsOf(look), {}, keys)) {
     const std::wstring number = std::to_wstring(one.subscription.number);
     std::wstring found = number;
     for (const std::wstring& part : {one.subscription.hash, one.event, one.action}) {

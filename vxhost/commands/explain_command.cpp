@@ -59,11 +59,7 @@ Occasion OccasionOf(const Options& options) {
 }
 
 void Print(const Explanation& one, Console& console) {
-  const std::string number = std::to_string(one.subscription.number);
-  const std::string hash =
-      one.subscription.hash.empty() ? std::string(8, '-') : Utf8(one.subscription.hash);
-  std::string line = std::string(number.size() < 4 ? 4 - number.size() : 0, ' ') + number + "  " +
-                     hash + "  " + FateText(one);
+  std::string line = LabelOf(one.subscription) + FateText(one);
   if (!one.action.empty()) line += ": " + Utf8(one.action);
   console.Line(line);
   for (const std::wstring& reason : one.reasons) {
@@ -73,10 +69,7 @@ void Print(const Explanation& one, Console& console) {
 
 JsonRow AsJson(const Explanation& one) {
   JsonRow row = RowOf(one);
-  row.Add({L"verdict", NameOf(one.fate)});
   row.Add({L"wait", one.wait});
-  row.Add({L"action", one.action});
-  row.Add({L"reasons", one.reasons});
   return row;
 }
 
@@ -106,7 +99,7 @@ int RunExplain(const Options& options, const ModuleOptions& module, Console& con
     return ExplainResume(console);
   }
   const Occasion occasion = OccasionOf(options);
-  const auto subscriptions = SubscriptionsIn(DocumentOf(LookAtStore(module.limits)));
+  const auto subscriptions = SubscriptionsOf(LookAtStore(module.limits));
   const ModulePins pins(module.Path());
   if (occasion.kind != nullptr && occasion.kind->family == nullptr &&
       MeaningOf(occasion.kind->codes, occasion.code) == nullptr) {
@@ -120,7 +113,7 @@ int RunExplain(const Options& options, const ModuleOptions& module, Console& con
       Print(one, console);
     }
   }
-  if (subscriptions.empty()) console.Note("(no subscription is stored)");
+  if (subscriptions.empty()) console.Note("(none is stored)");
   return kDone;
 }
 

@@ -78,7 +78,7 @@ std::int64_t MomentNamed(const std::string& text, std::int64_t now) {
 // Returns the stored subscriptions. Empty if the store cannot be read.
 std::vector<StoredSubscription> Stored() {
   try {
-    return SubscriptionsIn(DocumentOf(LookAtStore()));
+    return SubscriptionsOf(LookAtStore());
   } catch (const std::exception&) {
     return {};
   }

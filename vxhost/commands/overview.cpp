@@ -37,9 +37,8 @@ std::string StoreState() {
 }
 
 std::string Subscriptions() {
-  const StoreLook look = LookAtStore(kNoWait);
-  if (look.reading.state == Tessel::Server::Storage::StoreState::Missing) return "none";
-  return std::to_string(SubscriptionsIn(DocumentOf(look)).size()) + " stored";
+  const std::size_t count = SubscriptionsOf(LookAtStore(kNoWait)).size();
+  return count == 0 ? "none" : std::to_string(count) + " stored";
 }
 
 }  // namespace

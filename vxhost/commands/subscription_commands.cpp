@@ -30,42 +30,25 @@ namespace {
 
 using namespace Tessel::Server::Services::Orvane;
 namespace Records = Tessel::Server::Records;
-using Tessel::Server::Storage::StoreState;
-
-// Returns the stored subscriptions. Empty if there is no store.
-std::vector<StoredSubscription> Stored(const HoldLimits& limits) {
-  const StoreLook look = LookAtStore(limits);
-  if (look.reading.state == StoreState::Missing) return {};
-  return SubscriptionsIn(DocumentOf(look));
-}
-
-std::string NumberCell(std::size_t number) {
-  const std::string text = std::to_string(number);
-  return std::string(text.size() < 4 ? 4 - text.size() : 0, ' ') + text + "  ";
-}
 
 std::string Row(const Explanation& one) {
   const StoredSubscription& subscription = one.subscription;
   const std::string event = one.event.empty() ? subscription.kind->name : Utf8(one.event);
-  std::string row = NumberCell(subscription.number) +
-                    Cell(subscription.hash.empty() ? "-" : Utf8(subscription.hash), 10) +
-                    Cell(event, 14) + Cell(one.delay.empty() ? "-" : Utf8(one.delay) + " s", 7);
-  return row + (one.action.empty() ? Utf8(subscription.text.value_or(L"")) : Utf8(one.action));
+  return LabelOf(subscription) + Cell(event, 14) +
+         Cell(one.delay.empty() ? "-" : Utf8(one.delay) + " s", 7) +
+         (one.action.empty() ? Utf8(subscription.text.value_or(L"")) : Utf8(one.action));
 }
 
 JsonRow AsJson(const Explanation& one) {
   JsonRow row = RowOf(one);
   row.Add({L"delay", one.delay});
-  row.Add({L"action", one.action});
   row.Add({L"valid", one.fate == Fate::Runs});
-  row.Add({L"verdict", NameOf(one.fate)});
-  row.Add({L"reasons", one.reasons});
   row.Add({L"text", one.subscription.text.value_or(L"")});
   return row;
 }
 
 int List(const NoOptions&, const ModuleOptions& module, Console& console) {
-  const auto subscriptions = Stored(module.limits);
+  const auto subscriptions = SubscriptionsOf(LookAtStore(module.limits));
   const ModulePins pins(module.Path());
   if (!console.WritesJson()) {
     console.Line("  NO  HASH      EVENT         DELAY  ACTION");
@@ -219,7 +202,7 @@ const StoredSubscription* Find(const std::vector<StoredSubscription>& all,
 
 int Remove(const RemoveOptions& options, const ModuleOptions& module, Console& console) {
   if (!module.service.empty()) RefuseForService(module);
-  const auto before = Stored(module.limits);
+  const auto before = SubscriptionsOf(LookAtStore(module.limits));
   const StoredSubscription* found = Find(before, options.which);
   if (found == nullptr) {
     console.Note("no stored subscription has the number or hash " + options.which);
@@ -237,7 +220,8 @@ int Remove(const RemoveOptions& options, const ModuleOptions& module, Console& c
     RequestManager(kServiceDocument, one.kind->list).RemoveRequest(*one.text);
   }
   console.Note("a running service may still carry it out, until the next logoff");
-  return Report(L"removed", *one.text, Stored(module.limits).size() < before.size(), console);
+  const bool removed = SubscriptionsOf(LookAtStore(module.limits)).size() < before.size();
+  return Report(L"removed", *one.text, removed, console);
 }
 
 constexpr char kListFooter[] =

@@ -75,6 +75,11 @@ StoreLook LookAtStore(const HoldLimits& limits) {
   return LookAtFile(CapDataStore::PathOfFile());
 }
 
+std::vector<StoredSubscription> SubscriptionsOf(const StoreLook& look) {
+  if (look.reading.state == StoreState::Missing) return {};
+  return SubscriptionsIn(DocumentOf(look));
+}
+
 StoreVerdict Diagnose(const StoreLook& look, Owner owner) {
   switch (look.reading.state) {
     case StoreState::Missing:

@@ -5,6 +5,7 @@
 
 #include "hosting/store_hold.h"
 #include "storage/sealed_file.h"
+#include "vxhost/subscriptions/stored_subscriptions.h"
 
 namespace Vx::Hosting::Tool {
 
@@ -21,6 +22,10 @@ StoreLook LookAtStore(const HoldLimits& limits = {});
 // Returns the store's document, or an empty one if the store is empty. Throws std::runtime_error
 // with the reason if it cannot be read.
 Tessel::Server::Storage::BsonDocument DocumentOf(const StoreLook& look);
+
+// Returns the stored subscriptions, none if there is no store. Throws like DocumentOf and
+// SubscriptionsIn.
+std::vector<StoredSubscription> SubscriptionsOf(const StoreLook& look);
 
 // The state of a store, as a word for programs and a sentence for people.
 struct StoreVerdict {

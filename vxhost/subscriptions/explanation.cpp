@@ -169,10 +169,6 @@ class Explainer {
 
 }  // namespace
 
-const wchar_t* NameOf(Fate fate) {
-  return kFates[static_cast<std::size_t>(fate)].name;
-}
-
 std::string FateText(const Explanation& one) {
   const Words& words = kFates[static_cast<std::size_t>(one.fate)];
   if (one.wait == 0 || words.later == nullptr) return words.text;
@@ -189,11 +185,20 @@ std::vector<Explanation> Explain(const std::vector<StoredSubscription>& subscrip
   return all;
 }
 
+std::string LabelOf(const StoredSubscription& one) {
+  const std::string number = std::to_string(one.number);
+  return std::string(number.size() < 4 ? 4 - number.size() : 0, ' ') + number + "  " +
+         Cell(one.hash.empty() ? "--------" : Utf8(one.hash), 10);
+}
+
 JsonRow RowOf(const Explanation& one) {
   return {{L"number", one.subscription.number},
           {L"hash", one.subscription.hash},
           {L"kind", Wide(one.subscription.kind->name)},
-          {L"event", one.event}};
+          {L"event", one.event},
+          {L"verdict", kFates[static_cast<std::size_t>(one.fate)].name},
+          {L"action", one.action},
+          {L"reasons", one.reasons}};
 }
 
 }  // namespace Vx::Hosting::Tool

@@ -35,8 +35,7 @@ struct Explanation {
   std::vector<std::wstring> reasons;  // for a fate other than Runs
 };
 
-// Returns the fate as a word for programs, and as text such as "would wait 5 s and run".
-const wchar_t* NameOf(Fate fate);
+// Returns the fate as text, such as "would wait 5 s and run".
 std::string FateText(const Explanation& one);
 
 // Applies the module's own readers and rules to each subscription, in order, with `keys` as the
@@ -44,7 +43,10 @@ std::string FateText(const Explanation& one);
 std::vector<Explanation> Explain(const std::vector<StoredSubscription>& subscriptions,
                                  const Occasion& occasion, Tessel::Security::KeySet keys);
 
-// Starts a JSON result with the members that identify the subscription and its event.
+// Begins the line of a subscription with its number and hash.
+std::string LabelOf(const StoredSubscription& one);
+
+// Begins a JSON result with the subscription, its event and its fate.
 JsonRow RowOf(const Explanation& one);
 
 }  // namespace Vx::Hosting::Tool
