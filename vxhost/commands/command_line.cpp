@@ -202,6 +202,10 @@ void CommandLine::RefuseUselessOptions() const {
 
 // The module and the code linked into vxhost find the store through this variable.
 void CommandLine::ChooseStore() const {
+  const bool chooses = module.privateStore || module.simulate || !module.store.empty();
+  if (!module.service.empty() && (chooses || !module.dll.empty())) {
+    throw std::runtime_error("a running service has its own module and store");
+  }
   if (int{module.privateStore} + int{module.simulate} + int{!module.store.empty()} > 1) {
     throw std::runtime_error(
         "use one of the three: --simulate and --private-store bring a store that goes with the "

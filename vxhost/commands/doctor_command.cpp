@@ -1,4 +1,4 @@
-#include "vxhost/commands/doctor_command.h"
+#include "vxhost/commands/commands.h"
 
 #include <algorithm>
 #include <cstdint>
@@ -51,26 +51,32 @@ struct Options {
   std::string logFolder;
 };
 
-// Finding: one of the module's capabilities does not work. Unusable: none does.
-enum class Health { Good, Finding, Unusable };
-
-struct Check {
-  const char* what;
-  Health health = Health::Good;
-  std::wstring found;
-  std::wstring expected = {};  // this and the advice are set only if `health` is not good
-  std::wstring advice = {};
-};
-
+// What the examination found so far, in both forms.
 struct Checks {
-  std::vector<Check> all;
+  std::vector<JsonRow> rows;
+  std::vector<std::string> lines;
+  ExitCode worst = kDone;
 
-  // Adds a good check, or a finding with what was expected and what to do.
-  void Add(const char* what, bool good, std::wstring found, std::wstring expected = {},
-           std::wstring advice = {}) {
-    if (good) expected = advice = {};
-    all.push_back({what, good ? Health::Good : Health::Finding, std::move(found),
-                   std::move(expected), std::move(advice)});
+  // Adds a good check, or a finding with what was expected and what to do. A finding means that one
+  // of the module's capabilities does not work, or none if it is `unusable`.
+  enum class Finding { Limits, Unusable };
+  void Add(const std::string& what, bool good, const std::wstring& found,
+           const std::wstring& expected = {}, const std::wstring& advice = {},
+           Finding finding = Finding::Limits) {
+    const bool unusable = finding == Finding::Unusable;
+    rows.push_back({{L"check", what},
+                    {L"health", std::wstring(good       ? L"ok"
+                                             : unusable ? L"unusable"
+                                                        : L"finding")},
+                    {L"found", found},
+                    {L"expected", good ? L"" : expected},
+                    {L"advice", good ? L"" : advice}});
+    lines.push_back((good ? "  +  " : "  -  ") + what + ": " +
+                    ServiceHost::WithAccountNames(Utf8(found)));
+    if (good) return;
+    lines.push_back("       expected: " + Utf8(expected));
+    lines.push_back("       do: " + Utf8(advice));
+    worst = std::max(worst, unusable ? kUnusable : kNotMet);
   }
 };
 
@@ -111,8 +117,8 @@ std::wstring FileVersion(const std::wstring& path) {
 void ModuleFile(const std::wstring& path, const char* what, const wchar_t* advice, Checks& checks) {
   const std::wstring version = FileVersion(path);
   if (version.empty()) {
-    checks.all.push_back({what, Health::Unusable, path + L" is missing or has no version",
-                          L"the service module", L"install it, or name it: vxhost --dll MODULE"});
+    checks.Add(what, false, path + L" is missing or has no version", L"the service module",
+               L"install it, or name it: vxhost --dll MODULE", Checks::Finding::Unusable);
     return;
   }
   const std::wstring own = Wide(VX_VERSION);
@@ -337,7 +343,7 @@ void Parts(Tessel::Security::KeySet general, Checks& checks) {
       L"this Windows raises no custom triggers: subscriptions with one only log a status");
 }
 
-std::vector<Check> Examine(const Options& options, const ModuleOptions& which) {
+Checks Examine(const Options& options, const ModuleOptions& which) {
   const std::wstring module = which.Path();
   std::optional<ModulePins> pins;
   try {
@@ -359,41 +365,13 @@ std::vector<Check> Examine(const Options& options, const ModuleOptions& which) {
   Store(which.limits, pins ? pins->Restricted() : Tessel::Security::KeySet(), checks);
   ConsoleUser(checks);
   Parts(pins ? pins->General() : Tessel::Security::KeySet(), checks);
-  if (which.simulate) return checks.all;
+  if (which.simulate) return checks;
   checks.Add("standby", true,
              ServiceHost::HasModernStandby() ? L"Modern Standby, which ends the wait of a delivery"
                                              : L"no Modern Standby");
   Service(options.name, checks);
   Log(options.logFolder, checks);
-  return checks.all;
-}
-
-const char* Name(Health health) {
-  static constexpr const char* kNames[] = {"ok", "finding", "unusable"};  // in the enum's order
-  return kNames[static_cast<std::size_t>(health)];
-}
-
-void PrintText(const std::vector<Check>& checks, Console& console) {
-  for (const Check& check : checks) {
-    console.Line(std::string(check.health == Health::Good ? "  +  " : "  -  ") + check.what + ": " +
-                 ServiceHost::WithAccountNames(Utf8(check.found)));
-    if (check.health == Health::Good) continue;
-    console.Line("       expected: " + Utf8(check.expected));
-    console.Line("       do: " + Utf8(check.advice));
-  }
-}
-
-void PrintJson(const std::vector<Check>& checks, Console& console) {
-  std::vector<JsonRow> rows;
-  rows.reserve(checks.size());
-  for (const Check& check : checks) {
-    rows.push_back({{L"check", std::string(check.what)},
-                    {L"health", std::string(Name(check.health))},
-                    {L"found", check.found},
-                    {L"expected", check.expected},
-                    {L"advice", check.advice}});
-  }
-  console.JsonResult(JsonRow::TextOf(rows));
+  return checks;
 }
 
 int Doctor(const Options& options, const ModuleOptions& module, Console& console) {
@@ -403,14 +381,13 @@ int Doctor(const Options& options, const ModuleOptions& module, Console& console
     simulated.emplace();
     scope.emplace([&](Platform::Machine& machine) { simulated->Install(machine); });
   }
-  const auto checks = Examine(options, module);
+  const Checks checks = Examine(options, module);
   if (console.WritesJson()) {
-    PrintJson(checks, console);
+    console.JsonResult(JsonRow::TextOf(checks.rows));
   } else {
-    PrintText(checks, console);
+    for (const std::string& text : checks.lines) console.Line(text);
   }
-  const auto worst = std::ranges::max_element(checks, {}, &Check::health)->health;
-  return worst == Health::Good ? kDone : worst == Health::Finding ? kNotMet : kUnusable;
+  return checks.worst;
 }
 
 constexpr char kFooter[] =

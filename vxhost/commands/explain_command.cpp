@@ -1,4 +1,4 @@
-#include "vxhost/commands/explain_command.h"
+#include "vxhost/commands/commands.h"
 
 #include <charconv>
 #include <optional>
@@ -58,19 +58,13 @@ Occasion OccasionOf(const Options& options) {
                            DidYouMean(options.kind, {"power", "platform", "uninstall", "resume"}));
 }
 
-void Print(const Explanation& one, Console& console) {
-  std::string line = LabelOf(one.subscription) + FateText(one);
-  if (!one.action.empty()) line += ": " + Utf8(one.action);
-  console.Line(line);
+std::vector<std::string> LinesOf(const Explanation& one) {
+  std::vector<std::string> lines{LabelOf(one.subscription) + FateText(one) +
+                                 (one.action.empty() ? "" : ": " + Utf8(one.action))};
   for (const std::wstring& reason : one.reasons) {
-    console.Line("                because " + Utf8(reason));
+    lines.push_back("                because " + Utf8(reason));
   }
-}
-
-JsonRow AsJson(const Explanation& one) {
-  JsonRow row = RowOf(one);
-  row.Add({L"wait", one.wait});
-  return row;
+  return lines;
 }
 
 // Explains whether a resume would launch the companion app.
@@ -86,11 +80,7 @@ int ExplainResume(Console& console) {
   for (const std::wstring& line : Explain(QuboFacade().ExplainResume())) {
     lines.push_back(Utf8(line));
   }
-  if (console.WritesJson()) {
-    console.JsonResult({{L"rules", lines}});
-    return kDone;
-  }
-  for (const std::string& line : lines) console.Line(line);
+  console.Show({{L"rules", lines}}, lines);
   return kDone;
 }
 
@@ -107,11 +97,9 @@ int RunExplain(const Options& options, const ModuleOptions& module, Console& con
                  " never occurs");
   }
   for (const Explanation& one : Explain(subscriptions, occasion, pins.Restricted())) {
-    if (console.WritesJson()) {
-      console.JsonResult(AsJson(one));
-    } else {
-      Print(one, console);
-    }
+    JsonRow row = RowOf(one);
+    row.Add({L"wait", one.wait});
+    console.Show(row, LinesOf(one));
   }
   if (subscriptions.empty()) console.Note("(none is stored)");
   return kDone;

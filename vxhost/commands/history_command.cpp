@@ -27,6 +27,7 @@
 #include "records/record.h"
 #include "servicehost/guarded_folder.h"
 #include "servicehost/log_folder.h"
+#include "vxhost/commands/commands.h"
 #include "vxhost/log/history.h"
 #include "vxhost/log/timeline_page.h"
 #include "vxhost/service/log_follower.h"
@@ -107,13 +108,13 @@ std::string Took(const HistoryRow& row) {
          std::to_string(*row.milliseconds % 1000 + 1000).substr(1) + " s";
 }
 
-void Print(const HistoryRow& row, Zone zone, Console& console) {
+std::string LineOf(const HistoryRow& row, Zone zone) {
   const std::wstring time = row.moment ? TimeText(*row.moment, zone) : row.time;
   const std::string detail = row.detail.empty() ? "" : ": " + Utf8(row.detail);
   const std::string program = row.target.empty() ? "" : " (" + Utf8(ProgramOf(row.target)) + ")";
-  console.Line(Cell(Utf8(time), zone == Zone::Utc ? 25 : 30) + Cell(Utf8(row.event), 13) +
-               Cell(row.subscription.empty() ? "--------" : Utf8(row.subscription), 10) +
-               Cell(Took(row), 11) + Utf8(row.decision) + detail + program);
+  return Cell(Utf8(time), zone == Zone::Utc ? 25 : 30) + Cell(Utf8(row.event), 13) +
+         Cell(row.subscription.empty() ? "--------" : Utf8(row.subscription), 10) +
+         Cell(Took(row), 11) + Utf8(row.decision) + detail + program;
 }
 
 JsonRow AsJson(const HistoryRow& row) {
@@ -283,11 +284,7 @@ int RunHistory(const Options& options, const ModuleOptions&, Console& console) {
   }
   const auto show = [&](const HistoryRow& row) {
     if ((options.failed && !row.failed) || !isOf(row)) return;
-    if (console.WritesJson()) {
-      console.JsonResult(AsJson(row));
-    } else {
-      Print(row, zone, console);
-    }
+    console.Show(AsJson(row), {LineOf(row, zone)});
   };
   if (options.follow) history.TakeChanges();  // they are among the first rows
   const auto rows = options.follow ? History(history).Finish(period) : history.Finish(period);

@@ -8,6 +8,7 @@
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <windows.h>
@@ -17,11 +18,12 @@
 #include "json/json_object.h"
 #include "platform/windows_runtime_error.h"
 #include "simulator/simulated_machine.h"
+#include "vxhost/commands/commands.h"
 #include "vxhost/log/timeline_page.h"
 #include "vxhost/play/harness.h"
 #include "vxhost/play/play_report.h"
 #include "vxhost/play/scenario.h"
-#include "vxhost/service/running_service.h"
+#include "vxhost/service/pipe_client.h"
 #include "vxhost/subscriptions/command_verdict.h"
 
 namespace Vx::Hosting::Tool {
@@ -59,28 +61,11 @@ std::wstring RequestText(const ExecOptions& options) {
   }
 }
 
-CommandResult ExecuteInModule(const ExecOptions& options, const ModuleOptions& module,
-                              const std::wstring& request, Console& console) {
-  const auto harness = MakeHarness(module, console);
-  console.Request(options.id, request);
-  if (!module.simulate) {
-    // The module waits for the store without limit or notice.
-    const StoreHold isFree(StoreUse::Write, module.limits);
-  }
-  return harness->session.Execute(options.id, request, Wide(options.caller));
-}
-
 int Exec(const ExecOptions& options, const ModuleOptions& module, Console& console) {
   const std::wstring request = RequestText(options);
-  CommandResult answer;
-  if (module.service.empty()) {
-    if (options.process != 0) throw std::runtime_error("--process needs --service");
-    answer = ExecuteInModule(options, module, request, console);
-  } else {
-    RefuseForService(module);
-    console.Request(options.id, request);
-    answer = ExecuteInService(module.service, options.process, options.id, request);
-  }
+  console.Request(options.id, request);
+  const CommandResult answer =
+      Send(options.id, request, options.caller, module, console, options.process);
   if (console.WritesJson()) {
     console.JsonResult(CommandJson(options.id, answer));
   } else {
@@ -257,6 +242,20 @@ constexpr char kEventsFooter[] =
     "  vxhost events --power 4 7 --seconds 10";
 
 }  // namespace
+
+CommandResult Send(std::uint32_t id, const std::wstring& request, const std::string& caller,
+                   const ModuleOptions& module, Console& console, std::uint32_t process) {
+  if (!module.service.empty()) {
+    return ConnectToService(Wide(module.service), process).Execute({id, request});
+  }
+  if (process != 0) throw std::runtime_error("--process needs --service");
+  const auto harness = MakeHarness(module, console);
+  if (!module.simulate) {
+    // The module waits for the store without limit or notice.
+    const StoreHold isFree(StoreUse::Write, module.limits);
+  }
+  return harness->session.Execute(id, request, Wide(caller));
+}
 
 void AddModuleCommands(CommandLine& line) {
   constexpr unsigned kShared = Shared::Leading | Shared::Json;

@@ -1,10 +1,18 @@
 #pragma once
 
-#include "vxhost/commands/command_line.h"
+#include <cstdint>
+#include <string>
+
+#include "vxhost/common/console.h"
+#include "vxhost/common/module_options.h"
 
 namespace Vx::Hosting::Tool {
 
-// Adds exec, scenario and events, which load the module as the service host does.
-void AddModuleCommands(CommandLine& line);
+// Runs a command in the running service that `module` names, if any, and else in a module of this
+// process, as the client `caller`, as soon as the store is free. If not 0, `process` must own the
+// service's pipe, instead of the process that the service manager reports. Throws
+// std::runtime_error with advice for the user.
+CommandResult Send(std::uint32_t id, const std::wstring& request, const std::string& caller,
+                   const ModuleOptions& module, Console& console, std::uint32_t process = 0);
 
 }  // namespace Vx::Hosting::Tool

@@ -1,4 +1,4 @@
-#include "vxhost/commands/service_command.h"
+#include "vxhost/commands/commands.h"
 
 #include <cstdint>
 #include <cstdio>
@@ -233,34 +233,35 @@ int Status(const NameOptions& options, const ModuleOptions&, Console& console) {
   const auto report = ServiceManager().Query(name);
   const std::wstring state = report ? NameOf(report->state) : L"not installed";
   JsonRow row{{L"name", name}, {L"state", state}};
-  std::string text = options.name + ": " + Utf8(state);
+  std::vector<std::string> lines{options.name + ": " + Utf8(state)};
   if (report) {
+    const ServiceHost::ServiceOptions& installed = report->options;
     const std::string start = report->automatic ? "auto" : "demand";
     row.Add({L"process", report->process});
     row.Add({L"exitCode", report->exitCode});
     row.Add({L"start", start});
     row.Add({L"account", report->account});
     row.Add({L"image", report->image});
-    if (!report->options.module.empty()) row.Add({L"module", report->options.module});
-    row.Add({L"allow", report->options.allowed});
-    row.Add({L"development", report->options.development});
+    if (!installed.module.empty()) row.Add({L"module", installed.module});
+    row.Add({L"allow", installed.allowed});
+    row.Add({L"development", installed.development});
     row.Add({L"pipe", ServiceHost::PipePath(name)});
-    if (report->process != 0) text += ", process " + std::to_string(report->process);
+    if (report->process != 0) lines[0] += ", process " + std::to_string(report->process);
     if (report->exitCode != 0) {
-      text += ", error " + std::to_string(report->exitCode) + ": " + ErrorText(report->exitCode);
+      lines[0] +=
+          ", error " + std::to_string(report->exitCode) + ": " + ErrorText(report->exitCode);
     }
-    text += "\n  start:   " + start + "\n  account: " + Utf8(report->account) +
-            "\n  image:   " + Utf8(report->image) + "\n  module:  " + Utf8(report->options.module) +
-            "\n  pipe:    " + Utf8(ServiceHost::PipePath(name));
-    for (const std::wstring& sid : report->options.allowed)
-      text += "\n  allow:   " + ServiceHost::WithAccountNames(Utf8(sid));
-    if (report->options.development) text += "\n  for development";
+    lines.push_back("  start:   " + start);
+    lines.push_back("  account: " + Utf8(report->account));
+    lines.push_back("  image:   " + Utf8(report->image));
+    lines.push_back("  module:  " + Utf8(installed.module));
+    lines.push_back("  pipe:    " + Utf8(ServiceHost::PipePath(name)));
+    for (const std::wstring& sid : installed.allowed) {
+      lines.push_back("  allow:   " + ServiceHost::WithAccountNames(Utf8(sid)));
+    }
+    if (installed.development) lines.emplace_back("  for development");
   }
-  if (console.WritesJson()) {
-    console.JsonResult(row);
-  } else {
-    console.Lines(text);
-  }
+  console.Show(row, lines);
   return report && report->state == SERVICE_RUNNING ? kDone : kNotMet;
 }
 

@@ -1,4 +1,4 @@
-#include "vxhost/commands/store_commands.h"
+#include "vxhost/commands/commands.h"
 
 #include <cstddef>
 #include <cstdio>
@@ -64,29 +64,24 @@ int Verify(const Options& options, const ModuleOptions& module, Console& console
       options.file.empty() ? LookAtStore(module.limits) : LookAtFile(FullPathOfFile(options.file));
   const StoreVerdict verdict =
       DiagnoseWithLists(look, options.file.empty() ? Owner::Trusted : Owner::Any);
-  if (console.WritesJson()) {
-    console.JsonResult({{L"path", look.path},
-                        {L"state", verdict.state},
-                        {L"text", verdict.text},
-                        {L"beside", look.siblings}});
-  } else {
-    console.Line(Utf8(look.path) + ": " + verdict.text);
-    for (const std::wstring& path : look.siblings) {
-      console.Line("beside it: " + Utf8(path) +
-                   (path.ends_with(L".new") ? ", an interrupted write" : ""));
-    }
+  std::vector<std::string> lines{Utf8(look.path) + ": " + verdict.text};
+  for (const std::wstring& path : look.siblings) {
+    lines.push_back("beside it: " + Utf8(path) +
+                    (path.ends_with(L".new") ? ", an interrupted write" : ""));
   }
+  console.Show({{L"path", look.path},
+                {L"state", verdict.state},
+                {L"text", verdict.text},
+                {L"beside", look.siblings}},
+               lines);
   return verdict.IsSound() ? kDone : kNotMet;
 }
 
 // Reports where the former store is.
 int Replaced(const std::wstring& kept, Console& console) {
-  if (console.WritesJson()) {
-    console.JsonResult({{L"kept", kept}});
-  } else {
-    console.Line(kept.empty() ? "done; there was no store before"
-                              : "done; the store as it was is kept as " + Utf8(kept));
-  }
+  console.Show({{L"kept", kept}},
+               {kept.empty() ? "done; there was no store before"
+                             : "done; the store as it was is kept as " + Utf8(kept)});
   return kDone;
 }
 

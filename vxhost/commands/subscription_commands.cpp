@@ -1,4 +1,4 @@
-#include "vxhost/commands/subscription_commands.h"
+#include "vxhost/commands/commands.h"
 
 #include <algorithm>
 #include <cstdint>
@@ -16,9 +16,7 @@
 #include "records/record.h"
 #include "records/subscription_hash.h"
 #include "storage/request_manager.h"
-#include "storage/sealed_file.h"
-#include "vxhost/play/harness.h"
-#include "vxhost/service/running_service.h"
+#include "vxhost/commands/module_commands.h"
 #include "vxhost/store/store_look.h"
 #include "vxhost/subscriptions/command_verdict.h"
 #include "vxhost/subscriptions/explanation.h"
@@ -31,20 +29,17 @@ namespace {
 using namespace Tessel::Server::Services::Orvane;
 namespace Records = Tessel::Server::Records;
 
-std::string Row(const Explanation& one) {
+std::vector<std::string> LinesOf(const Explanation& one) {
   const StoredSubscription& subscription = one.subscription;
   const std::string event = one.event.empty() ? subscription.kind->name : Utf8(one.event);
-  return LabelOf(subscription) + Cell(event, 14) +
-         Cell(one.delay.empty() ? "-" : Utf8(one.delay) + " s", 7) +
-         (one.action.empty() ? Utf8(subscription.text.value_or(L"")) : Utf8(one.action));
-}
-
-JsonRow AsJson(const Explanation& one) {
-  JsonRow row = RowOf(one);
-  row.Add({L"delay", one.delay});
-  row.Add({L"valid", one.fate == Fate::Runs});
-  row.Add({L"text", one.subscription.text.value_or(L"")});
-  return row;
+  std::vector<std::string> lines{
+      LabelOf(subscription) + Cell(event, 14) +
+      Cell(one.delay.empty() ? "-" : Utf8(one.delay) + " s", 7) +
+      (one.action.empty() ? Utf8(subscription.text.value_or(L"")) : Utf8(one.action))};
+  for (const std::wstring& reason : one.reasons) {
+    lines.push_back(std::string(16, ' ') + FateText(one) + ": " + Utf8(reason));
+  }
+  return lines;
 }
 
 int List(const NoOptions&, const ModuleOptions& module, Console& console) {
@@ -55,14 +50,11 @@ int List(const NoOptions&, const ModuleOptions& module, Console& console) {
     if (subscriptions.empty()) console.Line("(none is stored)");
   }
   for (const Explanation& one : Explain(subscriptions, {}, pins.Restricted())) {
-    if (console.WritesJson()) {
-      console.JsonResult(AsJson(one));
-      continue;
-    }
-    console.Line(Row(one));
-    for (const std::wstring& reason : one.reasons) {
-      console.Line(std::string(16, ' ') + FateText(one) + ": " + Utf8(reason));
-    }
+    JsonRow row = RowOf(one);
+    row.Add({L"delay", one.delay});
+    row.Add({L"valid", one.fate == Fate::Runs});
+    row.Add({L"text", one.subscription.text.value_or(L"")});
+    console.Show(row, LinesOf(one));
   }
   return kDone;
 }
@@ -70,13 +62,7 @@ int List(const NoOptions&, const ModuleOptions& module, Console& console) {
 // Sends the command. Returns whether the module decided `wanted`.
 bool Sends(std::uint32_t command, const std::wstring& text, Records::Decision wanted,
            const std::string& caller, const ModuleOptions& module, Console& console) {
-  CommandResult answer;
-  if (module.service.empty()) {
-    const auto harness = MakeHarness(module, console);
-    answer = harness->session.Execute(command, text, Wide(caller));
-  } else {
-    answer = ExecuteInService(module.service, 0, command, text);
-  }
+  const CommandResult answer = Send(command, text, caller, module, console);
   const bool met = answer.decision == Records::NameOf(wanted).word;
   if (!met) {
     const std::string verdict = VerdictOf(command, answer);
@@ -161,17 +147,13 @@ std::wstring Compose(const AddOptions& options) {
 // Prints what was added or removed. Returns the exit code.
 int Report(const wchar_t* done, const std::wstring& text, bool succeeded, Console& console) {
   const std::wstring hash = text.empty() ? std::wstring() : Records::SubscriptionHash(text);
-  if (console.WritesJson()) {
-    console.JsonResult({{done, succeeded}, {L"hash", hash}, {L"text", text}});
-  } else {
-    const std::wstring what = text.empty() ? L"" : L": " + hash + L" " + text;
-    console.Line(Utf8(std::wstring(succeeded ? L"" : L"not ") + done + what));
-  }
+  const std::wstring what = text.empty() ? L"" : L": " + hash + L" " + text;
+  console.Show({{done, succeeded}, {L"hash", hash}, {L"text", text}},
+               {Utf8(std::wstring(succeeded ? L"" : L"not ") + done + what)});
   return succeeded ? kDone : kNotMet;
 }
 
 int Add(const AddOptions& options, const ModuleOptions& module, Console& console) {
-  if (!module.service.empty()) RefuseForService(module);
   const std::wstring text = Compose(options);
   const SubscriptionCheck check = CheckSubscription(text, ModulePins(module.Path()).Restricted());
   for (const Finding& finding : check.findings) {
@@ -201,7 +183,6 @@ const StoredSubscription* Find(const std::vector<StoredSubscription>& all,
 }
 
 int Remove(const RemoveOptions& options, const ModuleOptions& module, Console& console) {
-  if (!module.service.empty()) RefuseForService(module);
   const auto before = SubscriptionsOf(LookAtStore(module.limits));
   const StoredSubscription* found = Find(before, options.which);
   if (found == nullptr) {

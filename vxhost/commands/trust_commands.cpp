@@ -1,10 +1,11 @@
-#include "vxhost/commands/trust_commands.h"
+#include "vxhost/commands/commands.h"
 
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <fstream>
+#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -47,39 +48,27 @@ struct Options {
   std::vector<std::string> certificates;
 };
 
-// A set of keys, each with its certificate if available.
-struct ShownSet {
-  const wchar_t* name;
-  const char* meaningOfNone;
-  Tessel::Security::KeySet keys;
-};
-
-void PrintSet(const ShownSet& set, const std::vector<Certificate>& certificates, Console& console) {
-  const std::uint64_t now = Platform::CurrentMachine().clock->UtcFileTime();
-  console.Line(Utf8(set.name) + ": " +
-               (set.keys.empty() ? set.meaningOfNone : std::to_string(set.keys.size())));
-  for (const std::string_view key : set.keys) {
-    console.Line("  sha256 " + Fingerprint(key));
-    const Certificate* certificate = CertificateOf(certificates, key);
-    console.Line("    " + (certificate == nullptr ? "no certificate at hand"
-                                                  : Utf8(certificate->subject + L", until " +
-                                                         Lifetime(*certificate, now))));
-  }
-}
-
-std::vector<JsonRow> JsonOf(const ShownSet& set, const std::vector<Certificate>& certificates) {
+// Adds a set to both forms of the result, each key with its certificate if available.
+void AddSet(const wchar_t* name, const char* meaningOfNone, Tessel::Security::KeySet keys,
+            const std::vector<Certificate>& certificates, JsonRow& result,
+            std::vector<std::string>& lines) {
   const std::uint64_t now = Platform::CurrentMachine().clock->UtcFileTime();
   std::vector<JsonRow> rows;
-  for (const std::string_view key : set.keys) {
+  lines.push_back(Utf8(name) + ": " + (keys.empty() ? meaningOfNone : std::to_string(keys.size())));
+  for (const std::string_view key : keys) {
     JsonRow row{{L"fingerprint", Fingerprint(key)}, {L"key", std::string(key)}};
+    std::string owner = "no certificate at hand";
     if (const Certificate* certificate = CertificateOf(certificates, key)) {
       row.Add({L"subject", certificate->subject});
       row.Add({L"until", EndDate(*certificate)});
       row.Add({L"daysLeft", DaysLeft(*certificate, now)});
+      owner = Utf8(certificate->subject + L", until " + Lifetime(*certificate, now));
     }
     rows.push_back(row);
+    lines.push_back("  sha256 " + Fingerprint(key));
+    lines.push_back("    " + owner);
   }
-  return rows;
+  result.Add({name, rows});
 }
 
 int Pins(const Options& options, const ModuleOptions& module, Console& console) {
@@ -90,17 +79,14 @@ int Pins(const Options& options, const ModuleOptions& module, Console& console) 
     if (more.empty()) throw std::runtime_error(file + " holds no certificate and no signature");
     certificates.insert(certificates.end(), more.begin(), more.end());
   }
-  const ShownSet sets[] = {
-      {L"general", "none, so the lockdown library is not trusted", pins.General()},
-      {L"restricted", "none, so no program is started", pins.Restricted()}};
-  if (!console.WritesJson()) {
-    console.Note("The keys that " + Utf8(module.Path()) + " trusts");
-    for (const ShownSet& set : sets) PrintSet(set, certificates, console);
-    return kDone;
-  }
+  if (!console.WritesJson()) console.Note("The keys that " + Utf8(module.Path()) + " trusts");
   JsonRow result{{L"module", module.Path()}};
-  for (const ShownSet& set : sets) result.Add({set.name, JsonOf(set, certificates)});
-  console.JsonResult(result);
+  std::vector<std::string> lines;
+  AddSet(L"general", "none, so the lockdown library is not trusted", pins.General(), certificates,
+         result, lines);
+  AddSet(L"restricted", "none, so no program is started", pins.Restricted(), certificates, result,
+         lines);
+  console.Show(result, lines);
   return kDone;
 }
 
@@ -110,28 +96,22 @@ int Trust(const Options& options, const ModuleOptions& module, Console& console)
   const auto keys = options.general ? pins.General() : pins.Restricted();
   const auto trust = Tessel::Security::VerifyFile(file, keys);
   std::vector<JsonRow> checks;
+  std::vector<std::string> lines;
   for (const auto& step : Tessel::Security::Explain(trust, keys)) {
-    if (console.WritesJson()) {
-      checks.push_back({{L"passed", step.passed}, {L"text", step.text}});
-    } else {
-      console.Line((step.passed ? "  +  " : "  -  ") + Utf8(step.text));
-    }
+    checks.push_back({{L"passed", step.passed}, {L"text", step.text}});
+    lines.push_back((step.passed ? "  +  " : "  -  ") + Utf8(step.text));
   }
-  if (console.WritesJson()) {
-    console.JsonResult({{L"file", options.file}, {L"trusted", trust.trusted}, {L"checks", checks}});
-  }
+  console.Show({{L"file", options.file}, {L"trusted", trust.trusted}, {L"checks", checks}}, lines);
   return trust.trusted ? kDone : kNotMet;
 }
 
 // Returns whether a line of a key file contains `key`, before any comment.
 bool HoldsKey(const std::string& text, std::string_view key) {
-  for (std::size_t start = 0; start < text.size();) {
-    const std::size_t end = std::min(text.find('\n', start), text.size());
-    std::string_view line(text.data() + start, end - start);
-    line = line.substr(0, line.find('#'));
-    line = line.substr(0, line.find_last_not_of(" \t\r") + 1);
+  std::istringstream lines(text);
+  for (std::string line; std::getline(lines, line);) {
+    line.resize(std::min(line.find('#'), line.size()));
+    line.resize(line.find_last_not_of(" \t\r") + 1);  // npos + 1 is 0
     if (line == key) return true;
-    start = end + 1;
   }
   return false;
 }
@@ -178,12 +158,9 @@ int Pin(const Options& options, const ModuleOptions&, Console& console) {
     keys = AppendKeys(keys, CertificatesIn(file), FullPath(options.append));
     console.Note("keys added: " + std::to_string(keys.size()));
   }
-  if (console.WritesJson()) {
-    console.JsonResult({{L"keys", keys}});
-    return found ? kDone : kNotMet;
-  }
-  for (const std::string& key : keys) console.Line(key);
+  console.Show({{L"keys", keys}}, keys);
   if (found) return kDone;
+  if (console.WritesJson()) return kNotMet;
   // Not to standard output, which users append to a file of pinned keys.
   std::fprintf(stderr, "vxhost: the file has no signature that Windows can read\n");
   return kNotMet;

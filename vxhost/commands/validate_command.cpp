@@ -1,4 +1,4 @@
-#include "vxhost/commands/validate_command.h"
+#include "vxhost/commands/commands.h"
 
 #include <optional>
 #include <stdexcept>
@@ -17,11 +17,6 @@ namespace Vx::Hosting::Tool {
 
 namespace {
 
-struct Outcome {
-  std::string request;  // as given on the command line
-  SubscriptionCheck check;
-};
-
 const wchar_t* NameOf(Verdict verdict) {
   static constexpr const wchar_t* kNames[] = {L"ok", L"hint", L"NEVER"};  // in the enum's order
   return kNames[static_cast<std::size_t>(verdict)];
@@ -38,23 +33,20 @@ std::wstring Line(const Finding& finding) {
   return line;
 }
 
-void Print(const Outcome& outcome, bool named, Console& console) {
-  if (named) console.Heading(outcome.request);
-  for (const Finding& finding : outcome.check.findings) console.Line(Utf8(Line(finding)));
-  console.Line(outcome.check.Runs() ? "It can run." : "It would never run.");
-}
-
-JsonRow AsJson(const Outcome& outcome) {
+void Show(const std::string& request, const SubscriptionCheck& check, Console& console) {
   std::vector<JsonRow> findings;
-  for (const Finding& finding : outcome.check.findings) {
+  std::vector<std::string> lines;
+  for (const Finding& finding : check.findings) {
     const bool never = finding.verdict == Verdict::Never;
     findings.push_back({{L"verdict", never ? L"never" : NameOf(finding.verdict)},
                         {L"key", finding.key},
                         {L"found", finding.found},
                         {L"wanted", finding.wanted},
                         {L"text", finding.text}});
+    lines.push_back(Utf8(Line(finding)));
   }
-  return {{L"request", outcome.request}, {L"runs", outcome.check.Runs()}, {L"findings", findings}};
+  lines.emplace_back(check.Runs() ? "It can run." : "It would never run.");
+  console.Show({{L"request", request}, {L"runs", check.Runs()}, {L"findings", findings}}, lines);
 }
 
 constexpr char kFooter[] =
@@ -80,13 +72,10 @@ int Validate(const Requests& requests, const ModuleOptions& module, Console& con
   const auto keys = pins ? pins->Restricted() : Tessel::Security::BuiltRestrictedKeys();
   int code = kDone;
   for (const std::string& request : requests) {
-    const Outcome outcome{request, CheckSubscription(TextOrFile(request), keys)};
-    if (!outcome.check.Runs()) code = kNotMet;
-    if (console.WritesJson()) {
-      console.JsonResult(AsJson(outcome));
-    } else {
-      Print(outcome, requests.size() > 1, console);
-    }
+    const SubscriptionCheck check = CheckSubscription(TextOrFile(request), keys);
+    if (!check.Runs()) code = kNotMet;
+    if (requests.size() > 1 && !console.WritesJson()) console.Heading(request);
+    Show(request, check, console);
   }
   return code;
 }

@@ -1,4 +1,4 @@
-#include "vxhost/commands/watch_command.h"
+#include "vxhost/commands/commands.h"
 
 #include <algorithm>
 #include <array>
@@ -12,8 +12,12 @@
 #include <windows.h>
 
 #include "hosting/text.h"
+#include "platform/clock.h"
+#include "platform/machine.h"
 #include "platform/unique_handle.h"
-#include "vxhost/service/running_service.h"
+#include "vxhost/commands/history_command.h"
+#include "vxhost/service/log_follower.h"
+#include "vxhost/service/service_manager.h"
 
 namespace Vx::Hosting::Tool {
 
@@ -147,13 +151,32 @@ bool IsWanted(const LogLine& line, const Options& options) {
   return Contains(line.provider, options.provider) && Contains(line.message, options.text);
 }
 
-int Watch(const Options& options, const ModuleOptions& module, Console& console) {
-  if (!module.service.empty()) {
-    FollowService(module.service, options.seconds, [&](const LogLine& line, const auto& time) {
-      if (IsWanted(line, options)) console.LogResult(line, time);
-    });
-    return kDone;
+// Reads the log files, so the account must be an administrator.
+int WatchService(const Options& options, const std::string& service, Console& console) {
+  constexpr wchar_t kEarlier[] = L"vxhost";  // names the log files of an earlier version
+  const std::uint32_t process = ProcessOfService(Wide(service));
+  LogFollower log(LogFolderOf({}).wstring(), {kEarlier, Wide(service)}, LogFollower::From::Now);
+  std::fprintf(stderr, "Listening to process %lu%s\n", static_cast<unsigned long>(process),
+               options.seconds == 0 ? "; Ctrl+C ends it" : "");
+  Platform::Clock& clock = *Platform::CurrentMachine().clock;
+  const std::uint64_t end = clock.TickCount() + static_cast<std::uint64_t>(options.seconds) * 1000;
+  while (options.seconds == 0 || clock.TickCount() < end) {
+    const auto text = log.Next();
+    if (!text) {
+      clock.Sleep(LogFollower::kPoll);
+      continue;
+    }
+    // A killed process may leave an incomplete line, and another service log to the same folder.
+    const auto line = ParseHistoryLine(*text);
+    if (line && line->line.process == process && IsWanted(line->line, options)) {
+      console.LogResult(line->line, line->time);
+    }
   }
+  return kDone;
+}
+
+int Watch(const Options& options, const ModuleOptions& module, Console& console) {
+  if (!module.service.empty()) return WatchService(options, module.service, console);
   Monitor monitor(options.global);
   std::fprintf(stderr, "Listening for log lines%s\n",
                options.seconds == 0 ? "; Ctrl+C ends it" : "");

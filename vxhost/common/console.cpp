@@ -199,6 +199,11 @@ void Console::WriteNote(const std::string& text, LineBreaks breaks) {
   Write(Printable(text, breaks), WritesJson() ? stderr : stdout);
 }
 
+void Console::Show(const JsonRow& row, const std::vector<std::string>& lines) {
+  if (WritesJson()) return JsonResult(row);
+  for (const std::string& line : lines) Line(line);
+}
+
 void Console::Heading(const std::string& text) {
   WriteNote("\n== " + text, LineBreaks::Keep);
 }

@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <mutex>
 #include <string>
+#include <vector>
 
 #include "hosting/loaded_module.h"
 #include "hosting/module_log.h"
@@ -65,6 +66,9 @@ class Console {
   // Writes a result in JSON form. Commands with --json write nothing else to standard output.
   void JsonResult(std::wstring_view json) { Write(PrintableJson(json)); }
   void JsonResult(const JsonRow& result) { JsonResult(result.Text()); }
+
+  // Writes a result: in JSON form `row`, else `lines`.
+  void Show(const JsonRow& row, const std::vector<std::string>& lines);
 
   void Heading(const std::string& text);
   // Writes a line that accompanies the result.
