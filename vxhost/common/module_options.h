@@ -2,7 +2,7 @@
 
 #include <string>
 
-#include "hosting/store_wait.h"
+#include "hosting/store_hold.h"
 #include "hosting/text.h"
 
 namespace Vx::Hosting::Tool {
