@@ -88,6 +88,9 @@ TEST_F(StoreRepairTest, NamesWhatIsWrongWithAStoreAndRestoresOnlyASoundOne) {
   std::filesystem::remove(folder / L"second");
   std::filesystem::remove(store.FilePath());
   EXPECT_EQ(Diagnose(LookAtStore()).state, "missing");
+  Tests::WriteText(store.FilePath(), cases[0].bytes);
+  CapDataStore().persist("after", "the replacement keeps the header");
+  EXPECT_EQ(Diagnose(LookAtStore()).state, "sound");
 }
 
 TEST_F(StoreRepairTest, KeepsWhatItReplaces) {
