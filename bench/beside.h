@@ -6,7 +6,7 @@
 
 namespace Vx::Bench {
 
-// Returns the full path of a file that the build puts at `relative` to this program's folder.
+// Returns the full path of `relative`, a path from this program's folder to a file of the build.
 inline std::wstring Beside(const wchar_t* relative) {
   wchar_t program[MAX_PATH * 4];
   const std::wstring path(program, GetModuleFileNameW(nullptr, program, MAX_PATH * 4));

@@ -1,4 +1,5 @@
-// Compares starting and refusing a trusted program with merely creating its process.
+// Compares the time to start a trusted program, and to refuse one, with that of just creating its
+// process.
 //
 // Usage: launch_bench [--brief] [--json FILE]
 #include <optional>

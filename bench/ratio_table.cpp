@@ -71,7 +71,7 @@ void RatioTable::Compare(const std::string& name, const std::string& against, do
       ourTurns.push_back(turn(ours));
       theirTurns.push_back(turn(theirs));
     }
-    // The median, so that a turn that lost the processor does not distort its batch.
+    // The median, so that a turn that was preempted does not distort its batch.
     ourBatches.push_back(Median(std::move(ourTurns)));
     theirBatches.push_back(Median(std::move(theirTurns)));
   }

@@ -45,7 +45,7 @@ int Work(const std::string& member, int count, const char* goName, const char* r
   return 0;
 }
 
-// Processes that wait for a common start. Run is timed from there to the end of the last process.
+// Processes that are released together. Run is timed from their release to the end of the last one.
 class Workers {
  public:
   Workers(int processes, int updates) : count(processes), each(updates) {

@@ -77,7 +77,8 @@ class Machine {
 void Measure(RatioTable& table, Effort effort) {
   const std::size_t many = effort == Effort::Brief ? 20 : 1000;
   const std::size_t few = many / 10;
-  // Machines nest, so only one exists at a time. The next is created between two turns.
+  // A machine must be destroyed before an earlier one, so only one exists at a time. The next is
+  // created between two turns.
   std::optional<Machine> machine(many);
   bool next = true;  // the one with few
   const auto settle = [&] {

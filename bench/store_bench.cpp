@@ -241,7 +241,8 @@ void MeasureDeliveries(RatioTable& table, Effort effort) {
     machine.appServices = &commands;
     machine.threads = &threads;
   });
-  // The emulator fails at about 5,000 threads, so all requests match only where there are few.
+  // The emulator fails at about 5,000 threads, so only the smaller lists have a row in which every
+  // request matches.
   static constexpr struct {
     std::size_t count;
     std::size_t matching;

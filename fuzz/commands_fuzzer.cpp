@@ -14,7 +14,8 @@
 #include "fuzz/wide_input.h"
 #include "launch/launch_rules.h"
 
-// Fuzzes what a client's text sets for a program: its delay, command line, folder and environment.
+// Fuzzes what a client's text controls of a program: its delay, command line, folder and
+// environment.
 
 namespace {
 

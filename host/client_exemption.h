@@ -24,7 +24,7 @@ class VxClientExemption {
   virtual uint32_t IsUwpExempt(const wchar_t* packageFamilyName, uint16_t majorVersion,
                                uint16_t minorVersion, int32_t* exempt) = 0;
 
-  // Slot 2. Checks a desktop client by its executable's name, without folder and extension
+  // Slot 2. Checks a desktop client by its executable's name, without the folder and the extension
   // (NUL-terminated UTF-16). Converts A to Z in `executableName` to lower case in place.
   virtual uint32_t IsWin32Exempt(wchar_t* executableName, uint16_t majorVersion,
                                  uint16_t minorVersion, int32_t* exempt) = 0;

@@ -9,8 +9,8 @@ namespace Vx::Tessel::Server::Services {
 // As with VxService, the contract is this table of slots, because another compiler builds the host:
 // one entry per function, in this order. All arguments are scalars or pointers, and nothing is
 // thrown. Thread-safe. Blocks while it reads a file or Windows encrypts. Results are Win32 error
-// codes: 0 success, 87 null argument, 8 out of memory, 31 a failure without a code, otherwise
-// Windows' error. Outputs are set only on success.
+// codes: 0 success, 87 null argument, 8 out of memory, 31 a failure that has no code of its own,
+// otherwise Windows' error. Outputs are set only on success.
 class VxCryptographyHelper {
  public:
   VxCryptographyHelper() = default;

@@ -1,7 +1,7 @@
 #pragma once
 
 // How a host receives the module's log lines. Some lines carry a record, which describes the
-// module's decision in fields. docs/host.md describes both.
+// module's decision as separate fields. docs/host.md describes both.
 
 #include <stddef.h>
 #include <stdint.h>
@@ -10,9 +10,9 @@
 extern "C" {
 #endif
 
-// One change to the stored subscriptions, one command that was refused or changed something, or the
-// start or end of one delivery. Strings are NUL-terminated UTF-16 and may be empty. Those in the
-// first group are fixed words that programs may compare.
+// One change to the stored subscriptions, one command that was refused or that changed something,
+// or the start or end of one delivery. Strings are NUL-terminated UTF-16 and may be empty. Those in
+// the first group are fixed words that programs may compare.
 typedef struct VxLogRecord {
   size_t size;  // of this struct; later versions append members
 

@@ -37,7 +37,7 @@ struct HoldLimits {
 };
 
 // Holds the services' mutex, if it is needed and exists, on the current thread. Throws
-// std::runtime_error on timeout or failure, and as ServicesMutexFor does.
+// std::runtime_error on timeout or failure, and whatever ServicesMutexFor throws.
 class ServicesMutexHold {
  public:
   explicit ServicesMutexHold(StoreUse use,

@@ -7,7 +7,8 @@
 namespace Vx::Hosting {
 
 // An error that Windows reported. `what` contains its number, which every reader gets. Windows'
-// text for the number depends on the language of the machine, so only people get it.
+// text for the number depends on the language of the machine, so it is shown only to people, never
+// to programs.
 class WindowsError : public std::runtime_error {
  public:
   // The message is "WHAT (error N)", followed by `advice`.

@@ -139,8 +139,8 @@ void Close(Platform::RawHandle folder, const std::wstring& path, const wchar_t* 
   if (error != ERROR_SUCCESS) ThrowError(path, " cannot be repaired", error);
 }
 
-// Replaces a folder whose list another account could change, because it may still have a handle
-// with that right. Returns the old folder's new path.
+// Replaces a folder whose access list another account could change. That account may still have a
+// handle with that right. Returns the old folder's new path.
 std::wstring Replace(Platform::UniqueHandle& folder, const std::wstring& path,
                      const wchar_t* access) {
   const auto name = Platform::NewUuid();

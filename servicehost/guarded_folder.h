@@ -25,7 +25,8 @@ std::string WhyWritable(const std::wstring& folder, Writers accepted);
 
 // Returns why it is not safe to run the program at the full path `file` as SYSTEM. It is not safe
 // if another account can write to the file, its folder or a folder above that, or can delete
-// entries in the drive's root, or if one of them cannot be examined. Empty if it is safe.
+// entries in the drive's root, or if the file or one of the folders cannot be examined. Returns an
+// empty string if it is safe.
 std::string WhyUnguarded(const std::wstring& file, Writers accepted);
 
 // Returns the folder that %ProgramData% denotes for services, regardless of this process's

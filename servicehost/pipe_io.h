@@ -16,7 +16,7 @@ enum class PipeOutcome {
 };
 
 // Messages over one end of a named pipe in message mode, opened for overlapped I/O. Borrows both
-// handles. One thread. The stop event, which may be null, ends every wait.
+// handles. Use from one thread at a time. The stop event, which may be null, ends every wait.
 class PipeMessages {
  public:
   PipeMessages(Platform::RawHandle pipe, Platform::RawHandle stop);

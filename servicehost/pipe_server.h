@@ -60,7 +60,7 @@ class PipeServer {
     std::atomic<bool> over{false};
   };
 
-  // The last warning of a kind.
+  // The latest warning of a kind.
   struct Warning {
     const wchar_t* why = nullptr;
     std::uint64_t next = 0;  // tick count before which further ones are only counted

@@ -12,7 +12,7 @@ class PowerNotifications {
     // The state of the console's display, at once and then at each change: 0 off, 1 on, 2 dimmed.
     Display,
     // PBT_ codes of suspend and resume. Not for a service, which receives them from the service
-    // manager, and in which this registration may never return
+    // manager, and where the call that registers may never return
     // (https://github.com/libuv/libuv/issues/1995).
     Sleep,
   };

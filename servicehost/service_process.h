@@ -45,7 +45,8 @@ class CodeQueue {
  public:
   static constexpr std::size_t kLongest = 1024;  // more than the number of codes Windows has
 
-  // Both must outlive this object. `output` receives one warning per overflow, with the loss.
+  // Both must outlive this object. `output` receives one warning per overflow, with the number of
+  // codes lost.
   CodeQueue(HostLoop& loop, ServiceLog& output, std::size_t limit = kLongest);
   CodeQueue(const CodeQueue&) = delete;
   CodeQueue& operator=(const CodeQueue&) = delete;

@@ -405,7 +405,7 @@ class FaultySessions final : public Decorator<Platform::Sessions> {
   REFUSABLE(Sessions, Result<std::wstring>, QueryText,
             (std::uint32_t session, Platform::SessionText what), (session, what), const)
   REFUSABLE(Sessions, ErrorCode, Impersonate, (RawHandle token), (token), )
-  // Reverts before failing, so that the walk continues as the service.
+  // Reverts before failing, so that the fault walk goes on under the service's identity.
   ErrorCode Revert() override {
     const ErrorCode error = inner.Revert();
     return Or("Sessions.Revert", [&] { return error; });

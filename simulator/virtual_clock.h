@@ -32,8 +32,8 @@ class ClockStuck : public std::runtime_error {
 // signaled it. An event that is set and immediately reset may be missed if the waiting thread has
 // not been scheduled yet. Mutexes are not supported.
 //
-// All other threads (a test's or the host's) are outside. A wait of such a thread moves time up to
-// its deadline, or until its handle is signaled. Thread-safe.
+// All other threads (a test's or the host's) are outside. A wait of such a thread advances time
+// until its deadline or until its handle is signaled. Thread-safe.
 class VirtualClock final : public Platform::Clock {
  public:
   VirtualClock();
@@ -53,7 +53,7 @@ class VirtualClock final : public Platform::Clock {
   // Waits in real time, at constant virtual time, until every worker is at rest. Throws ClockStuck.
   void Settle();
 
-  // Simulates sleep: advances the tick count and UTC, but not the waits.
+  // Simulates sleep: advances the tick count and UTC, but not pending waits.
   void JumpTicks(Duration asleep);
 
   void SetTickCount(std::uint64_t ticks);

@@ -119,7 +119,7 @@ struct ViewCloser {
 };
 
 // Raises the exception with which OutputDebugString offers a string to its own process, for
-// handlers such as the development host's. A vectored handler that runs after all others ends the
+// handlers such as the development host's. A vectored handler that runs last handles the
 // exception, because a frame-based one needs a compiler with structured exception handling.
 class Offer {
  public:

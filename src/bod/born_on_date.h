@@ -57,8 +57,9 @@ class BornOnDate {
   BODFormat format = BODFormat::Invalid;
 };
 
-// Writes the digits of `day` in `format` to the front of `buffer`, without a terminator. Six digits
-// start with 0 and the year's last digit. Throws std::invalid_argument if the buffer is too small.
+// Writes the digits of `day` in `format` to the front of `buffer`, without a terminator. With six
+// digits, the year is 0 and its last digit. Throws std::invalid_argument if the buffer is too
+// small.
 void WriteDigits(std::span<std::uint8_t> buffer, BODFormat format, const CalendarTime& day);
 
 // Returns whether `date` is a valid date in this format, or all zeros, which erase the date.

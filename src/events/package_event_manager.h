@@ -68,8 +68,8 @@ class NotWatched : public std::runtime_error {
 // No other client can add the same subscription in between. Returns whether the request is stored.
 // Throws as PersistRequest and register_event do, and std::runtime_error if the same subscription
 // has run but cannot be removed. If registering the stored request throws
-// Platform::WindowsRuntimeError, removes it again. Any other exception becomes NotWatched. Failed
-// completions are retried only until `stop` is signaled.
+// Platform::WindowsRuntimeError, removes the request. Any other exception becomes NotWatched.
+// Failed completions are retried only until `stop` is signaled.
 bool RegisterAppPackageEvent(const std::wstring& request, PackageCatalogEventManager::Owner owner,
                              const Platform::SharedHandle& stop = nullptr);
 

@@ -151,7 +151,7 @@ std::wstring Launcher::GetAbsolutePathForUWPAlias(const std::wstring& alias) con
 bool Launcher::Run(const std::wstring& alias, const std::wstring& packageFamilyName,
                    const std::wstring& parameter) const {
   if (alias.empty() || packageFamilyName.empty()) return false;
-  // A program of one user must not start with another user's token.
+  // One user's program must not be started with another user's token.
   Platform::OneLogon user;
   const auto actingToken = GetUserTokenForCurrentUser(TokenType::Impersonation, &user);
   const auto primaryToken = GetUserTokenForCurrentUser(TokenType::Primary, &user);

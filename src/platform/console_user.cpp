@@ -79,7 +79,8 @@ ErrorCode OwnIdentity::End() {
   return token == nullptr ? 0 : CurrentMachine().sessions->Resume(token.get());
 }
 
-// Queries the real Windows, because a test's machine must not hide what a host did.
+// Queries the real Windows, because a simulated machine would not see a token that the host left on
+// the thread.
 void ExpectOwnIdentity() noexcept {
 #ifndef NDEBUG
   const auto token = WindowsMachine().sessions->ThreadToken();

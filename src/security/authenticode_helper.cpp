@@ -212,7 +212,7 @@ std::wstring VxAuthenticodeHelper::FullText(const std::wstring& expanded) const 
 }
 
 // The WindowsApps folder in %PROGRAMFILES% is below a prefix, but its access list is still checked,
-// because Windows installs packages there for ordinary users without an administrator.
+// because Windows installs packages there for standard users without an administrator's approval.
 std::optional<VxAuthenticodeHelper::Place> VxAuthenticodeHelper::FindPlace(
     const std::wstring& fullPath, Misses misses) const {
   for (const wchar_t* allowed : kAllowedPrefixes) {
@@ -251,7 +251,7 @@ bool VxAuthenticodeHelper::ResolveFinalPath(const std::wstring& path, const std:
   verdict.finalPath = *target;
   if (path == expanded) return true;
   // The caller starts the file by its unexpanded path, and a folder may actually be called "%x%".
-  // The file that starts would then not be the one that was checked.
+  // The file that is started would then not be the one that was checked.
   const auto unexpanded = files.FinalPath(path);
   if (!unexpanded || SameIgnoringCase(*unexpanded, *target)) return true;
   verdict.outcome = PathOutcome::LeadsElsewhere;

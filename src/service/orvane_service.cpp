@@ -129,7 +129,8 @@ OrvaneService::OrvaneService() : state(std::make_shared<ServiceState>()) {}
 OrvaneService::~OrvaneService() {
   SignalIfMade(state->stopEvent.get());
   SignalIfMade(state->sessionStopEvent.get());
-  // Their watchers would keep the module loaded forever.
+  // Otherwise the watchers of this service's package subscriptions would keep the module loaded
+  // forever.
   CatchAndLog("Destroy", [this] { PackageCatalogEventManager::clear_events(state.get()); });
 }
 

@@ -93,7 +93,7 @@ class BsonDocument {
   // Returns the members from `offset` on.
   Iterator From(std::size_t offset) const;
 
-  // Removes the members called `key` from `offset` on, where a member begins.
+  // Removes the members called `key` from `offset`, where a member begins, to the end.
   void EraseFrom(std::size_t offset, std::string_view key);
 
   // Finds the first member called `key`, starting at `from`.

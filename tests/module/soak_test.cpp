@@ -51,7 +51,7 @@ class SoakTest : public ModuleTest {
   }
 
   // Runs as many threads at once as the deliveries ever will. The system keeps a block for each
-  // thread of the busiest moment so far, which may otherwise come after the warm-up.
+  // thread of the highest count so far, which could otherwise come after the warm-up.
   static void ReachTheMostThreads() {
     const Platform::UniqueHandle all(CreateEventW(nullptr, TRUE, FALSE, nullptr));
     std::vector<std::jthread> threads(kDeliveriesAtOnce + 2 * kSystemThreads);

@@ -91,7 +91,7 @@ DWORD WINAPI OneEntry(HANDLE, SE_OBJECT_TYPE, SECURITY_INFORMATION, PSID* owner,
   return ERROR_SUCCESS;
 }
 
-// Faked, because the emulator's file system does not store entries of other types.
+// The access list is faked, because the emulator's file system cannot store entries of other types.
 TEST(AccessOfTest, AnEntryOfAnotherTypeAllowsAccessToAnUnknownAccountUnlessItDenies) {
   constexpr DWORD kMask = FILE_GENERIC_READ | FILE_GENERIC_WRITE;
   static constexpr struct {

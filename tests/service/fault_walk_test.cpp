@@ -40,7 +40,7 @@ class FaultWalkTest : public SimulatedServiceTest {
   // After each fault, checks impersonation, workers, the other service's value and another try.
   void Walk(const Flow& flow, Workers workers = Workers::None) {
     StartFrameworkThread();
-    // The first runs, even one that throws, make Windows allocate what it keeps per process.
+    // In the first runs, even one that throws, Windows allocates what it keeps for the process.
     for (const std::size_t index : {kNever, std::size_t{0}}) {
       Begin(flow);
       RunOnce(flow, index);

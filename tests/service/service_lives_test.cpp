@@ -1,4 +1,5 @@
-// Cases that no scenario can play: tasks that log at the same moment, and faults during a task.
+// Cases that no scenario can reproduce: tasks that log at the same moment, and faults during a
+// task.
 
 #include "events/package_completion.h"
 #include "events/package_event.h"

@@ -287,7 +287,7 @@ TEST_F(HostLoopTest, CallsSlot8WhenSetupEnds) {
   EXPECT_THAT(Logged(), HasSubstr(L"first-run set-up is complete"));
 }
 
-// Any user may be first to create what a monitor of debug output creates.
+// Any user can create a debug monitor's named objects before the monitor does.
 TEST_F(HostLoopTest, LogsTheModulesLinesWhoeverHasTheNamesOfDebugOutput) {
   const Platform::UniqueHandle buffer(CreateEventW(nullptr, TRUE, FALSE, L"DBWIN_BUFFER"));
   const Platform::UniqueHandle ready(CreateSemaphoreW(nullptr, 0, 1, L"DBWIN_DATA_READY"));

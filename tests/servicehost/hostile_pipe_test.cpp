@@ -16,7 +16,7 @@ std::wstring TestPath() {
 }
 
 // A message of the kinds that have gone wrong elsewhere: sizes around those of the pipe's pieces,
-// and changed, cut, doubled or random bytes.
+// and bytes altered, removed, duplicated or inserted at random.
 std::string HostileMessage(std::mt19937& random) {
   const auto below = [&random](std::size_t limit) { return random() % limit; };
   static constexpr std::size_t kSizes[] = {1, 16383, 16384, 16385, 65535, 65536, 65537, 200000};

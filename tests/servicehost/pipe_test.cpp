@@ -218,7 +218,7 @@ TEST_F(PipeTest, AShortageCostsOneClientAndIsReported) {
   EXPECT_EQ(Client().Execute({7, L"next"}).text, L"next");
 }
 
-// The clients run where this test cannot: what they send and how they open the pipe is replayed.
+// The sample clients cannot run here, so this replays how they open the pipe and what they send.
 TEST_F(PipeTest, TakesTheMessagesOfTheSampleClients) {
   constexpr DWORD kAccess = 0x12018B;
   const std::wstring request =

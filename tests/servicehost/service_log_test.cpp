@@ -135,7 +135,7 @@ TEST(LogFolderTest, LosesOnlyWhatItCannotWriteAndSaysSo) {
   EXPECT_EQ(Tests::ReadText(file), expected + line);
 }
 
-// Returns what keeps the text of every entry that it does not refuse.
+// Returns a target that stores the text of each entry, or throws while `*works` is false.
 LogTarget KeepIn(std::vector<std::wstring>& messages, const bool* works = nullptr) {
   return [&messages, works](const LogEntry& entry) {
     if (works != nullptr && !*works) throw std::runtime_error("the disk is gone");

@@ -87,7 +87,7 @@ TEST_F(DataFoldersTest, AFolderCannotBeReplacedWhileItIsJudged) {
   EXPECT_EQ(error, DWORD{ERROR_SHARING_VIOLATION});
 }
 
-// Whoever could change the list may still hold the folder open with that right.
+// An account that could change the folder's access list may still have a handle with that right.
 TEST_F(DataFoldersTest, AFolderWhoseListAnotherAccountCouldChangeIsRenamedAndMadeAgain) {
   SID everyone{SID_REVISION, 1, SECURITY_WORLD_SID_AUTHORITY, {SECURITY_WORLD_RID}};
   const struct {
@@ -302,7 +302,7 @@ class ServiceProcessTest : public ::testing::Test {
   }
 
   // Runs the service, sends it the controls and then the last one, which stops it. Returns what its
-  // handler returned for the others.
+  // handler returned for each control but the last.
   std::vector<std::uint32_t> RunWith(
       const std::vector<std::pair<std::uint32_t, std::uint32_t>>& controls, bool development,
       std::uint32_t last) {

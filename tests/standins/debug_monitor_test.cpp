@@ -83,7 +83,7 @@ TEST(DebugMonitorTest, ReceivesEachLineWholeAndNothingElseOfThisProcess) {
   });
 }
 
-// Logs 50 lines, which would take five seconds if each waited. None may end the process.
+// Logs 50 lines, which would take five seconds if each waited. No line should end the process.
 bool LosesPatienceOnce() {
   const auto begin = Clock::now();
   for (int i = 0; i < 50; ++i) Log(L"x");

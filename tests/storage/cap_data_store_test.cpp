@@ -62,7 +62,7 @@ TEST_F(CapDataStoreTest, WritesAnIdAndABlobThatHoldsPlainBsonInOneCall) {
     EXPECT_TRUE(hyphen ? id[i] == L'-' : std::iswxdigit(id[i]) != 0) << i;
   }
 
-  // Unprotected with neither entropy nor prompt. The description names the file.
+  // Decrypted without entropy and without a prompt. The description names the file.
   DATA_BLOB sealed{static_cast<DWORD>(file.size() - Tests::kHeaderSize),
                    reinterpret_cast<BYTE*>(file.data() + Tests::kHeaderSize)};
   DATA_BLOB plain{};

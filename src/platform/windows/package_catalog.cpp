@@ -20,7 +20,8 @@ namespace Vx::Platform {
 namespace {
 
 // Keeps the process's multithreaded apartment alive. The catalog's threads enter and leave the
-// apartment per operation, so otherwise it would end with the last of them and destroy the catalog.
+// apartment per operation, so without this it would end when the last of them leaves, and destroy
+// the catalog.
 class MultithreadedApartmentUsage {
  public:
   MultithreadedApartmentUsage() { Check(CoIncrementMTAUsage(&cookie), L"CoIncrementMTAUsage"); }

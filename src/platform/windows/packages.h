@@ -31,7 +31,8 @@ AppModelFunctions ResolveAppModel() noexcept;
 
 // Returns the packages of this Windows, queried through `functions`. A query whose function is null
 // fails with ERROR_PROC_NOT_FOUND. Package manager operations enter and leave their thread's
-// apartment. Their errors name the step, with REGDB_E_CLASSNOTREG if there is no package manager.
+// apartment. Their errors name the step. The code is REGDB_E_CLASSNOTREG if there is no package
+// manager.
 std::unique_ptr<Packages> MakeWindowsPackages(const AppModelFunctions& functions);
 
 }  // namespace Vx::Platform

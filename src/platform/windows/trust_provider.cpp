@@ -107,7 +107,7 @@ Result<std::wstring> CatalogOf(const SignatureFunctions& functions, const Catalo
   return std::wstring(info.wszCatalogFile);
 }
 
-// Opens a program for a verification by handle. A verification by path would open the file again,
+// Opens a program for verification by handle. Verification by path would open the file again,
 // and could let whatever is there by then impersonate this process.
 UniqueHandle OpenProgram(const std::wstring& path, DWORD share) {
   return OpenDiskFile(path, GENERIC_READ, share);
