@@ -1,4 +1,4 @@
-#include "vxhost/commands/commands.h"
+#include "vxhost/commands/doctor_command.h"
 
 #include <algorithm>
 #include <cstdint>

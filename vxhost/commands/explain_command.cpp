@@ -1,4 +1,4 @@
-#include "vxhost/commands/commands.h"
+#include "vxhost/commands/explain_command.h"
 
 #include <charconv>
 #include <optional>

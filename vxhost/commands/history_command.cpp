@@ -27,7 +27,6 @@
 #include "records/record.h"
 #include "servicehost/guarded_folder.h"
 #include "servicehost/log_folder.h"
-#include "vxhost/commands/commands.h"
 #include "vxhost/log/history.h"
 #include "vxhost/log/timeline_page.h"
 #include "vxhost/service/log_follower.h"

@@ -7,9 +7,12 @@
 #include <string_view>
 #include <vector>
 
+#include "vxhost/commands/command_line.h"
 #include "vxhost/log/history.h"
 
 namespace Vx::Hosting::Tool {
+
+void AddHistoryCommand(CommandLine& line);
 
 // Returns the full path of `argument` or, if empty, of the folder that an installed service logs
 // to.

@@ -18,7 +18,6 @@
 #include "json/json_object.h"
 #include "platform/windows_runtime_error.h"
 #include "simulator/simulated_machine.h"
-#include "vxhost/commands/commands.h"
 #include "vxhost/log/timeline_page.h"
 #include "vxhost/play/harness.h"
 #include "vxhost/play/play_report.h"

@@ -3,10 +3,12 @@
 #include <cstdint>
 #include <string>
 
-#include "vxhost/common/console.h"
-#include "vxhost/common/module_options.h"
+#include "vxhost/commands/command_line.h"
 
 namespace Vx::Hosting::Tool {
+
+// Adds exec, scenario and events.
+void AddModuleCommands(CommandLine& line);
 
 // Runs a command in the running service that `module` names, if any, and else in a module of this
 // process, as the client `caller`, as soon as the store is free. If not 0, `process` must own the

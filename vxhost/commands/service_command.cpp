@@ -1,4 +1,4 @@
-#include "vxhost/commands/commands.h"
+#include "vxhost/commands/service_command.h"
 
 #include <cstdint>
 #include <cstdio>

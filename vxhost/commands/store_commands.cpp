@@ -1,4 +1,4 @@
-#include "vxhost/commands/commands.h"
+#include "vxhost/commands/store_commands.h"
 
 #include <cstddef>
 #include <cstdio>

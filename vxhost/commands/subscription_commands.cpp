@@ -1,4 +1,4 @@
-#include "vxhost/commands/commands.h"
+#include "vxhost/commands/subscription_commands.h"
 
 #include <algorithm>
 #include <cstdint>

@@ -1,4 +1,4 @@
-#include "vxhost/commands/commands.h"
+#include "vxhost/commands/trust_commands.h"
 
 #include <algorithm>
 #include <cstddef>

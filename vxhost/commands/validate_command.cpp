@@ -1,4 +1,4 @@
-#include "vxhost/commands/commands.h"
+#include "vxhost/commands/validate_command.h"
 
 #include <optional>
 #include <stdexcept>

@@ -1,4 +1,4 @@
-#include "vxhost/commands/commands.h"
+#include "vxhost/commands/watch_command.h"
 
 #include <algorithm>
 #include <array>
