@@ -115,7 +115,7 @@ void CommandLine::AddShared(CLI::App& command, unsigned options) {
 
 int CommandLine::Execute(std::vector<std::string> arguments) {
   for (const auto& [command, shared] : commands) AddShared(*command, shared);
-  for (const auto& [option, name] : kLeading) app.get_option(name)->group(kLeadingGroup);
+  for (const auto& leading : kLeading) app.get_option(leading.name)->group(kLeadingGroup);
   // A command-line error can be raised before the parser has seen the option.
   json = std::find(arguments.begin(), arguments.end(), "--json") != arguments.end();
   try {
@@ -193,10 +193,11 @@ std::string CommandLine::UsersOf(unsigned option) const {
 
 void CommandLine::RefuseUselessOptions() const {
   const unsigned useful = chosen == 0 ? Shared::None : commands[chosen].second;
-  for (const auto& [option, name] : kLeading) {
-    if ((useful & option) != 0 || app.get_option(name)->count() == 0) continue;
-    const bool stays = (useful & Shared::Store) != 0 && option != Shared::Dll;
-    throw CLI::ValidationError(name, "only " + UsersOf(option) + " use it" + (stays ? kStays : ""));
+  for (const auto& leading : kLeading) {
+    if ((useful & leading.option) != 0 || app.get_option(leading.name)->count() == 0) continue;
+    const bool stays = (useful & Shared::Store) != 0 && leading.option != Shared::Dll;
+    throw CLI::ValidationError(
+        leading.name, "only " + UsersOf(leading.option) + " use it" + (stays ? kStays : ""));
   }
 }
 

@@ -245,17 +245,17 @@ void AddAdd(CommandLine& line, CLI::App& group) {
   };
   add.add_option("--power", options.power, "at this power event");
   add.add_option("--platform", options.platform, "at this platform event");
-  for (const auto& [name, value, about] : kTexts) add.add_option(name, *value, about);
+  for (const auto& text : kTexts) add.add_option(text.name, *text.value, text.about);
   add.add_flag("--force", options.force, "also if it would never run");
 }
 
 }  // namespace
 
 void AddSubscriptionCommands(CommandLine& line) {
-  CLI::App& group =
+  const auto listing =
       line.Add({"subscriptions", "list the stored subscriptions, or change them", kListFooter},
-               &List, kShared)
-          .app;
+               &List, kShared);
+  CLI::App& group = listing.app;
   line.Add({"list", "list the stored subscriptions", kListFooter}, &List, kShared, &group);
   AddAdd(line, group);
   const auto [remove, options] = line.Add({"remove", "take a subscription back", kRemoveFooter},
