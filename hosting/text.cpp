@@ -55,6 +55,13 @@ std::size_t Distance(std::wstring_view one, std::wstring_view other) {
   return last.back();
 }
 
+// Both command processors remove the quotes from JSON that is typed as it is.
+bool LostItsQuotes(const std::string& argument) {
+  return argument.starts_with('\'') ||
+         (argument.starts_with('{') && argument.ends_with('}') &&
+          argument.find(':') != std::string::npos && argument.find('"') == std::string::npos);
+}
+
 }  // namespace
 
 std::string Utf8(std::wstring_view text) {
@@ -153,17 +160,6 @@ std::wstring FullPathOfFile(const std::string& path) {
   }
   return full;
 }
-
-namespace {
-
-// Both command processors remove the quotes from JSON that is typed as it is.
-bool LostItsQuotes(const std::string& argument) {
-  return argument.starts_with('\'') ||
-         (argument.starts_with('{') && argument.ends_with('}') &&
-          argument.find(':') != std::string::npos && argument.find('"') == std::string::npos);
-}
-
-}  // namespace
 
 std::wstring TextOrFile(const std::string& argument) {
   if (LostItsQuotes(argument)) {

@@ -66,21 +66,17 @@ Platform::Files& Files() {
   return *Platform::CurrentMachine().files;
 }
 
-[[noreturn]] void Fail(const std::string& what, Platform::ErrorCode error) {
-  throw WindowsError(what, error);
-}
-
 // Writes a new file with the same access rights as `accessLike`.
 std::unique_ptr<Platform::FileHandle> WriteNew(const std::wstring& path,
                                                const std::wstring& accessLike,
                                                std::span<const std::byte> content) {
   auto made = Files().Create(path, accessLike);
-  if (!made) Fail("cannot create " + Utf8(path), made.Error());
+  if (!made) throw WindowsError("cannot create " + Utf8(path), made.Error());
   Platform::ErrorCode error = (*made)->Write(content);
   if (error == 0) error = (*made)->Flush();
   if (error == 0) return *std::move(made);
   (*made)->Remove();
-  Fail("cannot write " + Utf8(path), error);
+  throw WindowsError("cannot write " + Utf8(path), error);
 }
 
 // Throws unless `look` shows a sound store that this machine can read.
@@ -185,13 +181,13 @@ std::wstring RestoreStore(const std::wstring& path, const HoldLimits& limits) {
   std::wstring kept = Keep(before);
   if (kept.empty()) CapDataStore makesTheFolder;
   const auto name = Platform::NewUuid();
-  if (!name) Fail("no name for a new file", name.Error());
+  if (!name) throw WindowsError("no name for a new file", name.Error());
   // With this suffix, the module completes the change if this process ends halfway.
   const std::wstring sibling = before.path + L"." + *name + L".new";
   const auto file = WriteNew(sibling, before.path, copy.reading.content);
   if (const Platform::ErrorCode error = file->MoveOver(before.path); error != 0) {
     file->Remove();
-    Fail("the store is not replaced", error);
+    throw WindowsError("the store is not replaced", error);
   }
   return kept;
 }
