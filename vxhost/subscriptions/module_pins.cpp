@@ -1,7 +1,7 @@
 #include "vxhost/subscriptions/module_pins.h"
 
+#include <algorithm>
 #include <memory>
-#include <ranges>
 #include <stdexcept>
 
 #include <windows.h>
@@ -40,8 +40,9 @@ bool IsKey(std::string_view line) {
 
 std::vector<std::string_view> KeysIn(std::string_view text) {
   std::vector<std::string_view> keys;
-  for (const auto part : std::views::split(text, '\n')) {
-    const std::string_view line(part.begin(), part.end());
+  while (!text.empty()) {
+    const std::string_view line = text.substr(0, text.find('\n'));
+    text.remove_prefix(std::min(text.size(), line.size() + 1));
     if (line.empty() || line.front() == '#') continue;
     if (!IsKey(line)) throw std::runtime_error("its list of pinned keys is malformed");
     keys.push_back(line);
