@@ -177,10 +177,10 @@ void CodeQueue::Run() noexcept {
   }
 }
 
-// Makes the queue available to Control, or null.
-void ServiceProcess::Publish(CodeQueue* codes) {
+// Replaces the queue that Control uses. The last one forwards its codes and ends.
+void ServiceProcess::Publish(std::unique_ptr<CodeQueue> next) {
   const std::lock_guard guard(queueLock);
-  queue = codes;
+  queue.swap(next);
 }
 
 ServiceProcess::ServiceProcess(ServiceOptions settings, std::vector<LogTarget> places,
@@ -237,10 +237,9 @@ void ServiceProcess::Serve() {
         return host.Execute(command, client);
       },
       [this](const wchar_t* level, std::wstring_view message) { log.Add(level, message); });
-  CodeQueue codes(host, log);
-  Publish(&codes);
-  const auto withdraw = [this](CodeQueue*) { Publish(nullptr); };
-  const std::unique_ptr<CodeQueue, decltype(withdraw)> published(&codes, withdraw);
+  Publish(std::make_unique<CodeQueue>(host, log));
+  const auto withdraw = [](ServiceProcess* owner) { owner->Publish(nullptr); };
+  const std::unique_ptr<ServiceProcess, decltype(withdraw)> published(this, withdraw);
   log.Add(L"INFO", kRuns + std::to_wstring(GetCurrentProcessId()));
   Report(SERVICE_RUNNING);
   WaitForSingleObject(stop.get(), INFINITE);

@@ -100,7 +100,7 @@ class ServiceProcess {
 
  private:
   void Serve();
-  void Publish(CodeQueue* codes);
+  void Publish(std::unique_ptr<CodeQueue> next);
   void Report(std::uint32_t state, std::uint32_t specificCode = 0) noexcept;
 
   const ServiceOptions options;
@@ -110,7 +110,7 @@ class ServiceProcess {
   std::mutex stateLock;
   ServiceStatus reported;  // guarded by `stateLock`
   std::mutex queueLock;
-  CodeQueue* queue = nullptr;  // guarded by `queueLock`; null while no module runs
+  std::unique_ptr<CodeQueue> queue;  // guarded by `queueLock`; null while no module runs
 };
 
 // Runs the installed service `name`, a valid service name, in the process that the service manager
