@@ -34,6 +34,17 @@ not_stored() { log quiet.log '/dddddddd/!d;s/earlier_lines/store_refused/'; }
 late() { log rare.log '/"delivery":2\b/!d'; }
 nothing_waited() { log quiet.log '3,4d;6,$d'; }
 standby() { log rare.log '/"delivery":3\b/!d'; }
+ran() { log service.log '/"process":888\b/!d'; }
+cut_off() { log rare.log '/"delivery":12\b/!{/is started/!d};/"sent"/d'; }
+waits() { log rare.log '/"platform"/!d'; }
+no_session() { log rare.log '/no_session/!d'; }
+not_sent() { log service.log '/not_sent/!d'; }
+not_raised() { log service.log '/not_raised/!d'; }
+unreadable() { log quiet.log '/bbbbbbbb/!d'; }
+no_thread() { log rare.log '/no_thread/!d'; }
+failed_start() { log quiet.log '/cannot run/!d'; }
+stored_later() { log quiet.log '/power event 10\|cccccccc/!d'; }
+no_log() { rm -rf "$data/Logs"; }
 
 # The machine's store has one subscription, and COPY is a copy of it.
 exits 0 run subscriptions add --power 18 --send f --app-service s --trigger '{01234567-89ab-cdef-0123-456789abcde1}'
@@ -99,6 +110,17 @@ tell() {
 
 tell <<'END'
 A tool did not run last night|no_event|0|Nothing was delivered: no power event came|doctor|1|standby: no Modern Standby
+A tool did not run last night|ran|0|ran: |||
+A tool did not run last night|cut_off|0|dropped: its service ended before it did|||
+A tool did not run last night|waits|0|waiting: |||
+A tool did not run last night|no_session|0|not started: |doctor|1|console:
+A tool did not run last night|not_sent|0|not sent: |||
+A tool did not run last night|not_raised|0|not raised: |doctor|1|custom triggers: absent
+A tool did not run last night|unreadable|0|failed: its text cannot be read|||
+A tool did not run last night|no_thread|0|failed: |||
+A tool did not run last night|failed_start|0|not started: |||
+A tool did not run last night|stored_later|0|the subscription was stored later|||
+A tool did not run last night|no_log|2|cannot list |||
 A tool did not run last night|service_down|0|the service did not run from|||
 A tool did not run last night|refused|0|refused: it was not signed with a pinned key|trust FILE|1|key not pinned
 A tool did not run last night|not_stored|0|refused: the store did not take the change|||
