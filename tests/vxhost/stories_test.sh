@@ -50,6 +50,8 @@ no_log() { rm -rf "$data/Logs"; }
 exits 0 run subscriptions add --power 18 --send f --app-service s --trigger '{01234567-89ab-cdef-0123-456789abcde1}'
 exits 0 run store backup COPY
 sound() { rm -f "$store"* && cp COPY "$store"; }
+empty() { sound && : >"$store"; }
+missing() { rm -f "$store"*; }
 size() { stat -c %s "$store"; }
 cut_short() { sound && truncate -s 30 "$store"; }
 zeroed() { sound && head -c "$(size)" /dev/zero >"$work/zero" && cat "$work/zero" >"$store"; }
@@ -127,6 +129,9 @@ A tool did not run last night|not_stored|0|refused: the store did not take the c
 A tool did not run last night|late|0|dropped: too late|||
 A tool did not run last night|standby|0|dropped: Modern Standby ended its wait too early|||
 A tool did not run last night|nothing_waited|0|nothing waited for the last event|explain power 18|0|raise the trigger
+The store looks broken|sound|0|sound|subscriptions|0|raise the trigger
+The store looks broken|empty|0|sound, and empty|store restore COPY|0|is kept as
+The store looks broken|missing|1|there is no file|store restore COPY|0|there was no store before
 The store looks broken|cut_short|1|cut short: |store restore COPY|0|is kept as
 The store looks broken|zeroed|1|zeroed: |store restore COPY|0|is kept as
 The store looks broken|damaged|1|damaged: |store restore COPY|0|is kept as
