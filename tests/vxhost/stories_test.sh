@@ -68,6 +68,7 @@ other_list() {
 # For development, because the account owns the emulator's folders.
 installed() {
   cp "$module" "$place/OrvaneService.dll"
+  cp "$host" "$place"
   exits 0 run service install --development --start demand --replace
 }
 wrong_module() { installed && cp "$prefix/drive_c/windows/system32/version.dll" "$place/OrvaneService.dll"; }
@@ -78,6 +79,12 @@ no_log_folder() {
   rm -r "$data/Logs"
   chmod o+w "$data"  # otherwise the service creates it again
 }
+no_program() { installed && rm "$place/OrvaneHost.exe"; }
+file_for_log_folder() {
+  missing_import
+  rm -r "$data/Logs" && : >"$data/Logs"
+}
+log_folder_gone() { missing_import && rm -r "$data/Logs"; }
 open_folder() {
   installed
   exits 0 run service remove
@@ -143,6 +150,9 @@ The service does not start|wrong_module|2|is not a service module|||
 The service does not start|missing_import|2|cannot load |doctor|1|+  service's module: C:\Program Files\VxStories\OrvaneService.dll, version
 The service does not start|missing_module|2|cannot load |doctor|2|-  service's module: C:\Program Files\VxStories\OrvaneService.dll is missing
 The service does not start|no_log_folder|2|cannot list |service install --replace --repair|0|is installed
+The service does not start|no_program|2|cannot start the service |||
+The service does not start|file_for_log_folder|2|cannot list |||
+The service does not start|log_folder_gone|2|cannot load |||
 The service does not start|open_folder|2|it is not installed|service install|2|can be written by
 END
 exit $((failures > 0))
