@@ -244,13 +244,15 @@ static HMODULE LoadBesideTests(void) {
 }
 
 int main(void) {
-  const HMODULE module = LoadBesideTests();
+  HMODULE module = LoadBesideTests();
   ContextsCarryACopyOfTheCallersIdentity();
   CommandsAnswer();
-  NotificationsAreTakenInAnyState();
   TheEndDoesNotWaitForACommand();
   AnObjectDoesNotKeepTheModule(module);
-  TheEndOfSetupReturnsWhetherNothingIsLeftToDo(LoadBesideTests());
+  // Messages to apps may keep it on Windows.
+  module = LoadBesideTests();
+  NotificationsAreTakenInAnyState();
+  TheEndOfSetupReturnsWhetherNothingIsLeftToDo(module);
   printf(failures == 0 ? "passed\n" : "%d checks failed\n", failures);
   return failures != 0;
 }

@@ -1,7 +1,7 @@
 // A program for tests to start, which reports how it was started, in UTF-8 lines "name=value":
-// commandLine, workingDirectory, desktop, one "argument" for each of its arguments, and the
-// variable VX_PROBE if set. The report appears, whole, in the file named by the first argument, if
-// that is a full path, or beside the program as "<program>.out".
+// commandLine, workingDirectory, desktop, account (its SID), session, one "argument" for each of
+// its arguments, and the variable VX_PROBE if set. The report appears, whole, in the file named by
+// the first argument, if that is a full path, or beside the program as "<program>.out".
 //
 // With another argument "wait:NAME" it then runs until the named event is signalled.
 #include <cstdio>
@@ -11,6 +11,8 @@
 #include <vector>
 
 #include <windows.h>
+
+#include <sddl.h>
 
 namespace {
 
@@ -30,6 +32,21 @@ std::string Line(std::wstring_view name, std::wstring_view value) {
   return Utf8(name) + "=" + Utf8(value) + "\n";
 }
 
+std::wstring Account() {
+  alignas(TOKEN_USER) BYTE user[sizeof(TOKEN_USER) + SECURITY_MAX_SID_SIZE];
+  DWORD size = 0;
+  HANDLE token = nullptr;
+  wchar_t* sid = nullptr;
+  OpenProcessToken(GetCurrentProcess(), TOKEN_QUERY, &token);
+  GetTokenInformation(token, TokenUser, user, sizeof user, &size);
+  CloseHandle(token);
+  if (ConvertSidToStringSidW(reinterpret_cast<TOKEN_USER*>(user)->User.Sid, &sid) == FALSE)
+    return L"";
+  std::wstring text = sid;
+  LocalFree(sid);
+  return text;
+}
+
 std::string Report(int count, wchar_t** arguments) {
   std::vector<wchar_t> buffer(32'768);
   std::string report = Line(L"commandLine", GetCommandLineW());
@@ -38,6 +55,9 @@ std::string Report(int count, wchar_t** arguments) {
   STARTUPINFOW startup{};
   GetStartupInfoW(&startup);
   report += Line(L"desktop", startup.lpDesktop != nullptr ? startup.lpDesktop : L"");
+  DWORD session = 0;
+  ProcessIdToSessionId(GetCurrentProcessId(), &session);
+  report += Line(L"account", Account()) + Line(L"session", std::to_wstring(session));
   for (int i = 1; i < count; ++i) report += Line(L"argument", arguments[i]);
   const DWORD length =
       GetEnvironmentVariableW(L"VX_PROBE", buffer.data(), static_cast<DWORD>(buffer.size()));
