@@ -26,7 +26,7 @@ class Oobe {
 
   struct State {
     bool known = false;     // the query succeeded
-    bool complete = false;  // as reported; false if not known
+    bool complete = false;  // meaningful only if known
   };
   virtual State Query() const = 0;
 };
