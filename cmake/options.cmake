@@ -78,7 +78,8 @@ endfunction()
 if(WIN32)
   vx_delayed_import(bcrypt BCryptCloseAlgorithmProvider BCryptCreateHash BCryptDestroyHash BCryptFinishHash
     BCryptHashData BCryptOpenAlgorithmProvider)
-  vx_delayed_import(crypt32 CertCloseStore CertEnumCertificatesInStore CertGetNameStringW CertNameToStrW
+  vx_delayed_import(crypt32 CertAddEncodedCertificateToStore CertCloseStore CertDeleteCertificateFromStore
+    CertEnumCertificatesInStore CertFindCertificateInStore CertGetNameStringW CertNameToStrW CertOpenStore
     CryptDecodeObject CryptHashCertificate CryptProtectData CryptQueryObject CryptUnprotectData)
   vx_delayed_import(version GetFileVersionInfoSizeW GetFileVersionInfoW VerQueryValueW)
   vx_delayed_import(wtsapi32 WTSFreeMemory WTSQuerySessionInformationW WTSQueryUserToken)

@@ -1,0 +1,118 @@
+#include <filesystem>
+#include <initializer_list>
+
+#include <windows.h>
+
+#include "acceptance/kit.h"
+#include "hosting/text.h"
+
+namespace Vx::Acceptance {
+
+namespace {
+
+using Hosting::Utf8;
+
+constexpr wchar_t kReport[] = L".out";  // where a program of the kit says how it was started
+
+// The beginning of a command line of the tool that has its store in the kit's folder.
+std::wstring ToolWithStore(const wchar_t* name) {
+  std::filesystem::create_directory(KitFile(name));
+  return Tool(L"--store \"" + KitFile(name) + L"\" ");
+}
+
+// Writes a subscription to a power event with which nothing else runs (PBT_APMPOWERSTATUSCHANGE).
+std::wstring SubscriptionTo(const std::wstring& program) {
+  const std::wstring file = KitFile(L"subscription.json");
+  Hosting::WriteTextFile(file,
+                         Utf8(LR"({"powerEventType":10,"eventAction":1,"commandParams":{"path":)" +
+                              Hosting::Quoted(program) + LR"(,"arguments":)" +
+                              Hosting::Quoted(L"\"" + program + kReport + L"\"") + L"}}"));
+  return L"\"@" + file + L"\"";
+}
+
+// Has the module deliver an event for each program, and checks that it refuses these.
+void ExpectRefused(const wchar_t* store, std::initializer_list<std::wstring> refused,
+                   const std::wstring& allowed = {}) {
+  const std::wstring tool = ToolWithStore(store);
+  for (const std::wstring& program : refused) {
+    Expect(tool + L"exec 9 " + SubscriptionTo(program), "(stored)");
+  }
+  if (!allowed.empty()) Expect(tool + L"exec 9 " + SubscriptionTo(allowed), "(stored)");
+  const std::string seen =
+      Expect(tool + L"events --power 10 --seconds " + (IsWine() ? L"3" : L"20"));
+  for (const std::wstring& program : refused) {
+    Require(seen.find(Utf8(program) + " not trusted to launch as system") != std::string::npos,
+            Utf8(program) + " is not refused: " + seen);
+  }
+  Require(allowed.empty() || Exists(allowed + kReport), Utf8(allowed) + " did not run: " + seen);
+}
+
+}  // namespace
+
+std::string UnknownAuthorityIsRefused() {
+  NeedsWindows("it verifies a signature whose authority is unknown");
+  ExpectRefused(L"unknown", {KitFile(L"pki\\pinned.exe")});
+  return "refused";
+}
+
+std::string ModuleAnswers() {
+  return Expect(Tool(L"--private-store exec 22"), "getVersion");
+}
+
+std::string MicrosoftsAbiWorks() {
+  return Expect(L"\"" + KitFile(L"bin\\msvc_host.exe") + L"\"", "passed");
+}
+
+std::string SlotsWork() {
+  NeedsFreePc(Firmware::Untouched);
+  // Where this program is installed, the module leaves the born-on date alone.
+  const std::wstring marker = KitFile(LR"(data\Vx\Vx Lumo Tessel\VxLumoTessel.exe)");
+  std::filesystem::create_directories(std::filesystem::path(marker).parent_path());
+  Hosting::WriteTextFile(marker, "");
+  for (const wchar_t* variable : {L"ProgramData", L"ProgramFiles(x86)"}) {
+    SetEnvironmentVariableW(variable, KitFile(L"data").c_str());
+  }
+  return Expect(L"\"" + KitFile(L"tests\\slots_test.exe") + L"\"", "passed");
+}
+
+std::string SubscriptionIsKept() {
+  const std::wstring tool = ToolWithStore(L"kept");
+  const std::wstring subscription = SubscriptionTo(KitFile(L"none.exe"));
+  Expect(tool + L"exec 9 " + subscription, "(stored)");
+  Expect(tool + L"exec 20", "none.exe");
+  Expect(tool + L"exec 19 " + subscription, "(taken back)");
+  Require(Expect(tool + L"exec 20").find("none.exe") == std::string::npos,
+          "what was taken back is still listed");
+  return "stored, listed and taken back";
+}
+
+std::string OnlyPinnedProgramsRun() {
+  const std::wstring pinned = KitFile(L"pki\\pinned.exe");
+  const std::wstring elsewhere = UserFolder() + L"\\elsewhere.exe";
+  std::filesystem::copy_file(pinned, elsewhere);
+  ExpectRefused(L"trust",
+                {elsewhere, KitFile(L"pki\\unpinned.exe"), KitFile(L"pki\\tampered.exe"),
+                 KitFile(L"pki\\unsigned.exe")},
+                pinned);
+  return "one ran, four were refused";
+}
+
+// Command 0 verifies wldp.dll, which has no pinned key.
+std::string CatalogIsVerified() {
+  NeedsWindows("it has no wldp.dll and no catalog");
+  Expect(Tool(L"--private-store exec 0"), "trusted by windows = yes, trusted by Zephra = no");
+  return "trusted by Windows, and without a pinned key";
+}
+
+std::string BornOnDateIsSet() {
+  if (!FirmwareIsAllowed()) throw NotTried("nothing can undo it, so only --firmware allows it");
+  std::string seen = Run(Tool(L"--private-store exec 18")).output;
+  // WBEM_E_NOT_FOUND: the class is missing.
+  if (seen.find("status -2147217406") != std::string::npos) {
+    throw NotTried("this PC has no such firmware");
+  }
+  Require(seen.find("successfully wrote born on date") != std::string::npos, seen);
+  return seen;
+}
+
+}  // namespace Vx::Acceptance

@@ -1,0 +1,84 @@
+#include <atomic>
+#include <chrono>
+
+#include <windows.h>
+
+#include <winioctl.h>
+
+#include "acceptance/kit.h"
+#include "launch/launcher.h"
+#include "platform/machine.h"
+#include "platform/packages.h"
+#include "platform/thread.h"
+#include "platform/unique_handle.h"
+
+namespace Vx::Acceptance {
+
+namespace {
+
+using Platform::UniqueHandle;
+
+// Each user of Windows 10 and 11 has it.
+constexpr wchar_t kShellFamily[] = L"Microsoft.Windows.ShellExperienceHost_cw5n1h2txyewy";
+constexpr wchar_t kInstallerFamily[] = L"Microsoft.DesktopAppInstaller_8wekyb3d8bbwe";
+constexpr wchar_t kInstallerAlias[] = L"winget.exe";
+
+UniqueHandle Open(const std::wstring& path, DWORD access, DWORD disposition, DWORD flags) {
+  return Platform::AdoptFile(CreateFileW(path.c_str(), access, FILE_SHARE_READ | FILE_SHARE_WRITE,
+                                         nullptr, disposition, flags, nullptr));
+}
+
+}  // namespace
+
+std::string PackagesAreFound() {
+  NeedsWindows("it has no packages");
+  Require(!Platform::CurrentMachine().packages->FindForAllUsers(kShellFamily).empty(),
+          "the Windows Runtime finds no package of the shell");
+  return Expect(Tool(std::wstring(L"--private-store exec 6 \"{\\\"packageFamilyName\\\":\\\"") +
+                     kShellFamily + L"\\\"}\""),
+                "\"installed\":true");
+}
+
+std::string AliasStartsItsApp() {
+  NeedsWindows("it has no packaged apps");
+  const Tessel::Server::Services::Orvane::Launcher launcher;
+  if (launcher.GetPackageFullNameByFamilyName(kInstallerFamily).empty()) {
+    throw NotTried("the user at the console does not have the App Installer");
+  }
+  Require(launcher.Run(kInstallerAlias, kInstallerFamily, L"--version"), "it is not started");
+  return "started as the user at the console";
+}
+
+// An open waits while the holder of an oplock has not answered:
+// https://learn.microsoft.com/windows/win32/fileio/opportunistic-locks
+std::string BlockedOpenIsCancelled() {
+  NeedsWindows("it has no oplocks");
+  const std::wstring path = KitFile(L"held.txt");
+  OVERLAPPED request{};  // Windows writes to it until the file is closed
+  const UniqueHandle held =
+      Open(path, GENERIC_READ | GENERIC_WRITE, CREATE_ALWAYS, FILE_FLAG_OVERLAPPED);
+  const UniqueHandle broken(CreateEventW(nullptr, TRUE, FALSE, nullptr));
+  request.hEvent = broken.get();
+  DWORD size = 0;
+  Require(DeviceIoControl(held.get(), FSCTL_REQUEST_BATCH_OPLOCK, nullptr, 0, nullptr, 0, &size,
+                          &request) == FALSE &&
+              GetLastError() == ERROR_IO_PENDING,
+          "Windows grants no oplock");
+  std::atomic<DWORD> error{ERROR_SUCCESS};
+  Platform::Thread opener([&] {
+    if (Open(path, GENERIC_READ, OPEN_EXISTING, 0) == nullptr) error = GetLastError();
+  });
+  const bool blocked = WaitForSingleObject(broken.get(), 10'000) == WAIT_OBJECT_0 &&
+                       !opener.JoinFor(std::chrono::milliseconds(500));
+  if (opener.Joinable()) opener.CancelIo();
+  if (opener.Joinable() && !opener.JoinFor(std::chrono::seconds(10))) {
+    // Only the end of this process frees the thread.
+    opener.Detach();
+    throw std::runtime_error("the open is not cancelled within 10 s");
+  }
+  Require(blocked && error == ERROR_OPERATION_ABORTED,
+          "the open ends with error " + std::to_string(error));
+  return "ended with ERROR_OPERATION_ABORTED";
+}
+
+}  // namespace Vx::Acceptance

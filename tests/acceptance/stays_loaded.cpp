@@ -1,0 +1,12 @@
+// A module that is broken on purpose, for the acceptance kit: it cannot be freed.
+#include <windows.h>
+
+namespace {
+
+__attribute__((constructor)) void Pin() {
+  HMODULE module = nullptr;
+  GetModuleHandleExW(GET_MODULE_HANDLE_EX_FLAG_PIN | GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS,
+                     reinterpret_cast<const wchar_t*>(&Pin), &module);
+}
+
+}  // namespace
