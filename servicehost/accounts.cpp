@@ -22,8 +22,8 @@ constexpr char kSidStart[] = "S-1-";
 // Not the two-letter names that Windows also takes for SIDs, because users may have such a name.
 Platform::UniqueLocalMemory<void> ParseSid(const std::wstring& text) {
   PSID sid = nullptr;
-  const bool valid = Utf8(text).starts_with(kSidStart) &&
-                     ConvertStringSidToSidW(text.c_str(), &sid) != FALSE;
+  const bool valid =
+      Utf8(text).starts_with(kSidStart) && ConvertStringSidToSidW(text.c_str(), &sid) != FALSE;
   return Platform::UniqueLocalMemory<void>(valid ? sid : nullptr);
 }
 
