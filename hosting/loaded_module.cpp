@@ -15,7 +15,7 @@ using Tessel::Server::Services::ClientContext;
 
 namespace {
 
-constexpr std::size_t kLongestCaller = 64;  // a longer one makes the module end the process
+constexpr std::size_t kLongestCaller = 64;  // a longer one makes the module terminate the process
 
 }  // namespace
 
@@ -24,7 +24,7 @@ CommandResult ServiceSession::Execute(std::uint32_t id, const std::wstring& requ
   if (caller.size() > kLongestCaller) {
     throw std::runtime_error("a client's identity has at most 64 characters");
   }
-  // Owned, because a host outlives a command for whose answer it had no memory.
+  // Released even if the code below throws because memory ran out.
   const auto release = [this](ClientContext* context) { service->ReleaseClientContext(&context); };
   ClientContext* made = nullptr;
   service->CreateClientContext(caller.c_str(), &made);

@@ -12,21 +12,21 @@ namespace Vx::Hosting {
 
 struct CommandResult {
   std::uint32_t code = 0;
-  std::optional<std::wstring> text;  // empty when the module returned none
-  // The words of the command's record, empty if it changed and refused nothing or if the module
-  // keeps no records. Only known while a ModuleLog exists.
+  std::optional<std::wstring> text;  // empty if the module returned none
+  // The decision and reason in the command's record. Empty if the command changed and refused
+  // nothing, if the module keeps no records, or if no ModuleLog exists.
   std::wstring decision = {};
   std::wstring reason = {};
 };
 
-// A service object and its client contexts, used only through the slots, as the service host does.
-// The destructor calls slot 0.
+// A service object and its client contexts, used only through the slots, as a service host uses
+// them. The destructor calls slot 0.
 class ServiceSession {
  public:
   // Takes ownership of `created`, a module's new service object.
   explicit ServiceSession(Tessel::Server::Services::VxService* created) : service(created) {}
 
-  // The service for one call. Its thread holds the services' mutex meanwhile.
+  // The service for one call. Holds the services' mutex on the calling thread.
   struct Call {
     ServicesMutexHold hold{StoreUse::Write};
     Tessel::Server::Services::VxService& slots;
@@ -34,15 +34,15 @@ class ServiceSession {
     Tessel::Server::Services::VxService* operator->() const { return &slots; }
   };
 
-  // Use it for one call, as in Slots()->Start(). Throws as ServicesMutexHold does. Threads that the
-  // service starts do not hold the mutex.
+  // Use the result for one call, as in Slots()->Start(). Throws like ServicesMutexHold. Threads
+  // that the service starts do not hold the mutex.
   Call Slots() { return {.slots = *service}; }
 
   // Destroys the service. Assign another session before the next call.
   void End() { service.reset(); }
 
   // Runs one command as `caller` and blocks until it finishes. Throws std::runtime_error if
-  // `caller` is longer than 64 characters, and as Slots does.
+  // `caller` is longer than 64 characters, and whatever Slots throws.
   CommandResult Execute(std::uint32_t id, const std::wstring& request, const std::wstring& caller);
 
  private:

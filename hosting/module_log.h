@@ -53,15 +53,15 @@ struct LogLine {
 // The provider of lines written by a host itself.
 inline constexpr wchar_t kHostProvider[] = L"Vx-Host-Service";
 
-// Returns the name of a VxLogLine level, ERROR if the level is unknown.
+// Returns the name of a VxLogLine level, or "ERROR" if the level is unknown.
 const wchar_t* LevelName(std::uint32_t level);
 
 // Return a copy. Members past the end of an older module's struct are left empty.
 LogLine LineOf(const VxLogLine& line);
 DecisionRecord RecordOf(const VxLogRecord& record);
 
-// Fills in the decision and reason of `result` from the record of the command that the calling
-// thread runs during the scope. The module writes the record on that thread.
+// Copies the decision and reason of the command that the calling thread runs during the scope to
+// `result`. The module writes the command's record on that thread.
 class DecisionScope {
  public:
   explicit DecisionScope(CommandResult& result);
@@ -70,7 +70,7 @@ class DecisionScope {
   ~DecisionScope();
 };
 
-// Tells the scope of the calling thread, if any, of a record. A ModuleLog does so itself.
+// Passes a record to the calling thread's DecisionScope, if any. A ModuleLog does so itself.
 void NoteDecision(const VxLogRecord& record);
 
 // Receives the log lines of a loaded module for the life of this object. A module can have only one
@@ -79,7 +79,8 @@ void NoteDecision(const VxLogRecord& record);
 class ModuleLog {
  public:
   // Called on the thread that logs, which may hold the module's locks. Must copy the line and
-  // return, without calling the module or waiting for a thread that does. A throw loses the line.
+  // return, without calling the module or waiting for a thread that does. If it throws, the line is
+  // lost.
   using Receiver = std::function<void(const VxLogLine&)>;
 
   // If the module's logging library has no sink, `function` instead receives one warning.

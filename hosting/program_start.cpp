@@ -8,7 +8,7 @@ namespace Vx::Hosting {
 
 void PrepareProgram() noexcept {
   Platform::FailFastOnTerminate();
-  // The libraries that the program imports load others late, which files beside it could replace.
+  // Imported libraries load others later, which files next to the program could otherwise replace.
   // https://learn.microsoft.com/windows/win32/api/libloaderapi/nf-libloaderapi-setdefaultdlldirectories
   if (SetDefaultDllDirectories(LOAD_LIBRARY_SEARCH_SYSTEM32) == FALSE) Platform::FailFast();
 }

@@ -37,8 +37,8 @@ bool SameFolder(std::wstring_view one, std::wstring_view other) {
 
 bool SharesServicesStore() {
   DWORD session = 0;
-  // If the session is unknown, assume that it is not the services'. If it is theirs after all, the
-  // global mutex is the module's own, which a thread may acquire twice.
+  // If the session is unknown, assume that it is not the services' session. If it is, the global
+  // mutex is the module's own, which a thread may acquire more than once.
   if (ProcessIdToSessionId(GetCurrentProcessId(), &session) == FALSE) session = MAXDWORD;
   return NeedsServicesMutex(session, Variable(L"ProgramData"), Variable(L"ALLUSERSPROFILE"));
 }
@@ -72,7 +72,7 @@ std::string HolderOf(HANDLE mutex) {
       owner.process == nullptr) {
     return "another process, which Windows does not name";
   }
-  // NOLINTNEXTLINE(cppcoreguidelines-pro-type-reinterpret-cast): an id in the form of a handle
+  // NOLINTNEXTLINE(cppcoreguidelines-pro-type-reinterpret-cast): a process ID stored as a handle
   const auto id = static_cast<DWORD>(reinterpret_cast<std::uintptr_t>(owner.process));
   return "process " + std::to_string(id) + ProgramOf(id);
 }
@@ -83,7 +83,7 @@ bool Take(HANDLE mutex, DWORD limit) {
   return outcome != WAIT_TIMEOUT;  // an abandoned mutex is acquired too
 }
 
-// Waits for one of the store's mutexes, and reports its holder if Windows reveals it.
+// Waits for one of the store's mutexes. Reports the process that holds it, if known.
 void AwaitStoreMutex(HANDLE mutex, const HoldLimits& limits) {
   if (Take(mutex, static_cast<DWORD>(limits.notice.count()))) return;
   const std::string holder = HolderOf(mutex);

@@ -8,8 +8,8 @@
 #include "platform/unique_handle.h"
 
 // The module locks the store with a mutex whose name is unqualified. A service creates it in the
-// global namespace, any other program in its own session's namespace, where it does not block a
-// service. Outside the services' session, this tool therefore also takes the global mutex.
+// global namespace. Any other program creates it in its session's namespace, where it does not
+// block services. Hosts outside the services' session therefore also acquire the global mutex.
 
 namespace Vx::Hosting {
 
@@ -50,8 +50,8 @@ class ServicesMutexHold {
   ServicesMutex held;
 };
 
-// Keeps every other process out of the store for the life of this object: those that share the
-// services' mutex, and those in this session, if it has a mutex. Does not create a session mutex.
+// Keeps other processes out of the store for the life of this object: those that use the services'
+// mutex, and those that use this session's mutex, if it exists. Does not create a session mutex.
 // The constructing thread may still use the store. Throws like ServicesMutexHold.
 class StoreHold {
  public:

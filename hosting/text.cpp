@@ -32,7 +32,7 @@ std::wstring FromBytes(const std::string& bytes) {
   return marked ? *std::move(marked) : Wide(bytes);
 }
 
-// Returns how many letters must be inserted, removed, replaced or swapped with their neighbour to
+// Returns how many letters must be inserted, removed, replaced or swapped with their neighbor to
 // turn one string into the other.
 std::size_t Distance(std::wstring_view one, std::wstring_view other) {
   std::vector<std::size_t> row(other.size() + 1);
@@ -55,7 +55,7 @@ std::size_t Distance(std::wstring_view one, std::wstring_view other) {
   return last.back();
 }
 
-// Both command processors remove the quotes from JSON that is typed as it is.
+// Both cmd and PowerShell remove the quotes from JSON that is typed without escapes.
 bool LostItsQuotes(const std::string& argument) {
   return argument.starts_with('\'') ||
          (argument.starts_with('{') && argument.ends_with('}') &&

@@ -38,10 +38,10 @@ void WriteTextFile(const std::wstring& path, const std::string& utf8);
 inline constexpr std::size_t kLongestPath = 32768;
 
 // Returns the full path of `path`, which may be relative to the working directory. Throws
-// std::runtime_error if it is not a path.
+// std::runtime_error if it is not a valid path.
 std::wstring FullPath(const std::string& path);
 
-// As above, for an existing file. Throws std::runtime_error if there is none.
+// Like FullPath, but for an existing file. Throws std::runtime_error if there is none.
 std::wstring FullPathOfFile(const std::string& path);
 
 // Formats a code or status as Windows does: "0x80070005".
@@ -58,7 +58,7 @@ std::wstring TextOrFile(const std::string& argument);
 // Returns `text` padded to `width` characters, and with at least one space.
 std::string Cell(const std::string& text, std::size_t width);
 
-// Returns `text`, cut to 60 characters and an ellipsis if longer, for a message.
+// Returns `text` for use in a message, truncated to 60 characters plus an ellipsis if longer.
 std::wstring Shortened(std::wstring text);
 
 // Formats a FILETIME as "2026-11-25T11:31:46.251".
@@ -82,10 +82,10 @@ bool IsUuid(std::wstring_view text);
 const Json::WideValue* FindMember(const Json::WideValue& object, const std::wstring& name);
 
 // Returns whether the names differ by at most one letter added, dropped, changed or swapped with
-// its neighbour. Always false for names shorter than three letters.
+// its neighbor. Always false for names shorter than three letters.
 bool IsProbablyMeant(std::wstring_view written, std::wstring_view name);
 
-// Returns "; did you mean \"x\"?" with the closest of `names`, empty if none is close enough.
+// Returns "; did you mean \"x\"?" with the closest of `names`, or an empty string if none is close.
 std::string DidYouMean(const std::string& written, const std::vector<std::string>& names);
 
 // Returns where and why the module's parser rejected `text` with `fault`.

@@ -6,9 +6,8 @@
 
 namespace Vx::Hosting {
 
-// An error that Windows reported. `what` contains its number, which every reader gets. Windows'
-// text for the number depends on the language of the machine, so it is shown only to people, never
-// to programs.
+// An error that Windows reported. The message contains its number. Windows' text for the number
+// depends on the machine's language, so it is shown only to people, never to programs.
 class WindowsError : public std::runtime_error {
  public:
   // The message is "WHAT (error N)", followed by `advice`.
