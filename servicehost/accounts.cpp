@@ -19,7 +19,7 @@ namespace {
 
 constexpr char kSidStart[] = "S-1-";
 
-// Not the two-letter names that Windows also takes for SIDs, because users may have such a name.
+// Rejects Windows' two-letter aliases of SIDs, because an account can have such a name.
 Platform::UniqueLocalMemory<void> ParseSid(const std::wstring& text) {
   PSID sid = nullptr;
   const bool valid =

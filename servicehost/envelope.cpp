@@ -31,7 +31,7 @@ std::wstring TextOf(const WideValue& text) {
   return {text.GetString(), text.GetStringLength()};
 }
 
-// Returns the text of the first member with this name, empty if it has none.
+// Returns the first member with this name, or an empty string if it is not a string.
 std::wstring TextIn(const WideValue& object, const wchar_t* name) {
   const auto values = Named(object, name);
   return values.empty() || !values.front()->IsString() ? L"" : TextOf(*values.front());
@@ -40,7 +40,7 @@ std::wstring TextIn(const WideValue& object, const wchar_t* name) {
 }  // namespace
 
 std::optional<CommandEnvelope> ParseCommand(std::string_view message) {
-  // Refusing nested values limits the memory that a client's message can take.
+  // Rejecting nested values limits the memory that a client's message can use.
   constexpr std::size_t kNesting = 1;
   WideDocument document;
   if (message.size() > kLongestCommand || !ParseObject(document, message, kNesting) ||

@@ -14,7 +14,7 @@ namespace Vx::Hosting::ServiceHost {
 //
 // `request` and `response` are JSON strings whose values pass through unchanged, because the module
 // compares them exactly. An unpaired surrogate, which no valid request contains, is written as
-// U+FFFD, and rejected in an incoming message.
+// U+FFFD and is rejected in incoming messages.
 
 // Size limits in bytes. A longer message ends the connection.
 inline constexpr std::size_t kLongestCommand = std::size_t{1} << 20;
@@ -26,15 +26,16 @@ struct CommandEnvelope {
   std::wstring request;  // never contains U+0000, because the module takes null-terminated strings
 };
 
-// Parse a message. Empty unless it is a JSON object with each of its members exactly once, in any
-// order: a 32-bit integer and a string. Other members are ignored in a result, not in a command.
+// Parse a message. Return nothing unless it is a JSON object with one number, an unsigned 32-bit
+// integer, and one string, in any order. In a result, the string may be missing and other members
+// are ignored.
 std::optional<CommandEnvelope> ParseCommand(std::string_view message);
 std::optional<CommandResult> ParseResult(std::string_view message);
 
 std::string WriteCommand(const CommandEnvelope& command);
 
 // Returns a result: {"code": 0, "response": "...", "record": {"decision": "refused", "reason":
-// "already_stored"}}. Without a text or a decision, its member is missing.
+// "already_stored"}}. Omits a response or record that it does not have.
 std::string WriteResult(const CommandResult& result);
 
 // Appends `text` to `out` as a UTF-8 JSON string, with U+FFFD in place of unpaired surrogates.

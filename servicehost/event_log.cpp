@@ -54,7 +54,7 @@ std::wstring TextOf(const DecisionRecord& record) {
   return text;
 }
 
-// Event Viewer also expands "%1" and "%{" in a string, and knows no escape for them:
+// Event Viewer also expands "%1" and "%{" in a string, and they cannot be escaped:
 // https://learn.microsoft.com/openspecs/windows_protocols/ms-even/d76e867d-96dc-4c09-b747-b1dde1acc5a4
 std::wstring Insertable(std::wstring text) {
   std::ranges::transform(text, text.begin(), &Platform::ShownAs);
@@ -76,7 +76,7 @@ EventReport OpenEventLog(const std::wstring& source) {
 }
 
 LogTarget EventLogTarget(EventReport report) {
-  // The room for events until a tick count.
+  // Until the tick count `windowEnd`, `room` further events may be reported.
   return [report = std::move(report), room = 0,
           windowEnd = std::uint64_t{0}](const LogEntry& entry) mutable {
     const LogLine& line = entry.line;

@@ -10,7 +10,7 @@
 
 namespace Vx::Hosting::ServiceHost {
 
-// The strings that the message file inserts: message, provider, client and thread.
+// The strings inserted into a message: message, provider, client and thread.
 using EventTexts = std::array<std::wstring, 4>;
 
 // Adds an event of an EVENTLOG_ type with message `id` from host_messages.mc to the event log.
@@ -20,11 +20,12 @@ using EventReport =
 // Opens this machine's event log for the given source.
 EventReport OpenEventLog(const std::wstring& source);
 
-// Returns a target that reports what an operator must act on: warnings and errors from the host
-// itself, and as a warning each delivery whose command did not run. The module's own levels are no
-// guide, because even a successful launch logs errors. After 29 events within a minute, one more
-// says so and the next minute's are left out, because other programs share the event log. An event
-// that is left out or that Windows refuses does not count as lost, because the log files have it.
+// Returns a target that reports what an operator must act on: the host's own warnings and errors,
+// and a warning for each delivery whose command did not run. The module's levels do not help,
+// because even a successful launch logs errors. After 29 events within a minute, a final one says
+// so and further events are omitted for a minute, because other programs share the event log. An
+// event that is omitted or that Windows rejects does not count as lost, because the log files
+// contain it.
 LogTarget EventLogTarget(EventReport report);
 
 // Registers the event source `name` in the "Application" log with the message file `program`, which

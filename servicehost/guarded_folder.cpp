@@ -29,7 +29,7 @@ constexpr std::array kSystem = {
     L"S-1-5-18",
     L"S-1-5-32-544",
     L"S-1-5-80-956008885-3418522649-1831038044-1853292631-2271478464",  // the Windows installer
-    L"S-1-3-0",  // CREATOR OWNER: applies to child objects, whose owner is checked there
+    L"S-1-3-0",  // CREATOR OWNER: applies only to child objects, whose own owner is checked
     L"S-1-3-4",  // OWNER RIGHTS: the owner is checked in any case
 };
 
@@ -41,7 +41,8 @@ constexpr std::uint32_t kWriting = FILE_WRITE_DATA | FILE_APPEND_DATA | kReplaci
 
 constexpr std::uint32_t kChangingTheList = WRITE_DAC | WRITE_OWNER | GENERIC_ALL;
 
-// Sets the owner: an account that created the folder could otherwise still change the list.
+// Sets the owner too: otherwise, an account that created the folder could still change its access
+// list.
 constexpr wchar_t kReadable[] = L"O:BAD:P(A;OICI;GA;;;SY)(A;OICI;GA;;;BA)(A;OICI;GRGX;;;BU)";
 constexpr wchar_t kPrivate[] = L"O:BAD:P(A;OICI;GA;;;SY)(A;OICI;GA;;;BA)";
 
@@ -49,7 +50,7 @@ struct DataFolder {
   const wchar_t* path;
   const wchar_t* access;
 };
-// Parents first.
+// Parents come first.
 constexpr DataFolder kFolders[] = {
     {L"\\Vx", kReadable},
     {L"\\Vx\\SharedServices", kPrivate},
@@ -62,7 +63,8 @@ std::string Names(const std::vector<std::wstring>& accounts) {
   return names;
 }
 
-// Returns which other account has any of `rights` under this access list. Empty if none has.
+// Returns which other accounts have any of `rights` under this access list, or an empty string if
+// none has.
 std::string WhyOpen(const std::wstring& path, const Platform::Result<Platform::AccessList>& access,
                     std::uint32_t rights, Writers accepted) {
   if (!access) {
@@ -113,17 +115,16 @@ Platform::UniqueHandle Hold(const std::wstring& path, DWORD rights) {
       FALSE) {
     ThrowError(path, " cannot be examined", GetLastError());
   }
-  // The emulator follows links regardless, and reveals a link only by its name.
+  // The emulator follows links even so. There, only the attributes by name reveal a link.
   const auto named = CurrentMachine().files->Attributes(path);
   if (((found.FileAttributes | (named ? *named : 0)) & FILE_ATTRIBUTE_REPARSE_POINT) != 0) {
-    // The link's creator decides where it leads.
     throw std::runtime_error(Utf8(path) + " is a link; find out who made it");
   }
   return folder;
 }
 
-// Sets the folder's owner and access list. Its contents keep their own entries, but inherited ones
-// follow the new list.
+// Sets the folder's owner and access list. Explicit entries on its contents stay, and inherited
+// ones follow the new list.
 void Close(Platform::RawHandle folder, const std::wstring& path, const wchar_t* access) {
   const auto descriptor = Descriptor(access);
   BOOL present = FALSE;
@@ -139,8 +140,8 @@ void Close(Platform::RawHandle folder, const std::wstring& path, const wchar_t* 
   if (error != ERROR_SUCCESS) ThrowError(path, " cannot be repaired", error);
 }
 
-// Replaces a folder whose access list another account could change. That account may still have a
-// handle with that right. Returns the old folder's new path.
+// Replaces a folder whose access list another account could change, because that account may still
+// have a handle with that access. Returns the old folder's new path.
 std::wstring Replace(Platform::UniqueHandle& folder, const std::wstring& path,
                      const wchar_t* access) {
   const auto name = Platform::NewUuid();
@@ -185,7 +186,8 @@ std::string WhyUnguarded(const std::wstring& file, Writers accepted) {
     if (std::string why = WhyOpen(path, rights, accepted); !why.empty()) return why;
     if (path.size() < file.size() && rights == kWriting) rights = kReplacing;
   }
-  // What users can create in the drive's root cannot replace the folders there.
+  // Users may create entries in the drive's root, because that does not let them replace its
+  // folders.
   return WhyOpen(file.substr(0, 2) + L"\\", kReplacingChildren, accepted);
 }
 

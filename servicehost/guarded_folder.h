@@ -14,19 +14,18 @@ enum class Writers {
   Account,  // the account of this process, for development machines
 };
 
-// Returns the accounts (SIDs as text), beyond those accepted, that have any of `rights` under this
-// access list. Includes the owner, unless accepted, because an owner can change the list.
+// Returns the accounts (SIDs as text), other than those accepted, that have any of `rights` under
+// this access list. Includes the owner, unless accepted, because an owner can change the list.
 std::vector<std::wstring> OtherWriters(const Platform::AccessList& access, std::uint32_t rights,
                                        Writers accepted);
 
 // Returns why one of the service's folders is not safe: another account can write to it, or it
-// cannot be examined. Empty if it is safe.
+// cannot be examined. Returns an empty string if it is safe.
 std::string WhyWritable(const std::wstring& folder, Writers accepted);
 
-// Returns why it is not safe to run the program at the full path `file` as SYSTEM. It is not safe
-// if another account can write to the file, its folder or a folder above that, or can delete
-// entries in the drive's root, or if the file or one of the folders cannot be examined. Returns an
-// empty string if it is safe.
+// Returns why it is not safe to run the program at the full path `file` as SYSTEM: another account
+// can write to the file, its folder or a folder above, or can delete entries in the drive's root,
+// or the file or one of these folders cannot be examined. Returns an empty string if it is safe.
 std::string WhyUnguarded(const std::wstring& file, Writers accepted);
 
 // Returns the folder that %ProgramData% denotes for services, regardless of this process's
@@ -42,10 +41,10 @@ class DataFolders {
 
   enum class Existing { Report, Repair };
 
-  // Creates missing folders. If other accounts can write to an existing folder, Report throws, and
-  // Repair gives the folder a new folder's access list or, if another account owns it, renames it
-  // and creates a new one. Returns a description of each repair. Throws std::runtime_error with
-  // advice for the administrator.
+  // Creates missing folders. If another account can write to an existing folder, Report throws.
+  // Repair gives the folder the access list of a new one or, if another account could change that
+  // list, renames the folder and creates a new one. Returns a description of each repair. Throws
+  // std::runtime_error with advice for the administrator.
   std::vector<std::string> Prepare(Existing existing) const;
 
   std::wstring Logs() const;

@@ -21,7 +21,7 @@ namespace {
 
 using Platform::CurrentMachine;
 
-// A manual-reset event that cuts running delays short.
+// A manual-reset event that ends running delays early.
 constexpr wchar_t kStandbyEvent[] = L"{CE7DC567-F47B-4A07-8489-C9DEB372B88F}";
 
 constexpr wchar_t kSessionForwarded[] = L"session change ";
@@ -44,10 +44,10 @@ Platform::UniqueHandle ManualEvent(const std::wstring& name, ServiceLog& log) {
 
 }  // namespace
 
-// COM security can be set once per process, after initializing COM. Without cloaking, COM uses the
-// process's identity even while a thread impersonates a user
-// (https://learn.microsoft.com/windows/win32/com/cloaking). The module itself does not enable it
-// when it first reads the firmware.
+// COM security can be set once per process, after COM is initialized. Without cloaking, COM uses
+// the process's identity even while a thread impersonates a user
+// (https://learn.microsoft.com/windows/win32/com/cloaking). The module does not enable cloaking
+// when it initializes COM security itself, on its first read of the firmware.
 ComForModule::ComForModule(ServiceLog& output) {
   Platform::Com& com = *CurrentMachine().com;
   std::int32_t result = com.InitializeMultithreaded();
@@ -76,7 +76,7 @@ HostLoop::HostLoop(const Options& options, ServiceLog& output)
   ResetStandby();
   session.Slots()->Start();
   log.Add(L"INFO", kStarted + options.module);
-  // The task is only for a set-up that completes while the service runs.
+  // oobe_event_task is only for a setup that completes while the service is running.
   if (const auto setup = CurrentMachine().oobe->Query(); setup.known && !setup.complete) {
     setupWatch = Platform::Thread([this] { AwaitSetup(); });
   }
@@ -98,7 +98,7 @@ CommandResult HostLoop::Execute(const CommandEnvelope& command, const std::wstri
 
 void HostLoop::OnPower(std::uint32_t code) {
   log.Add(L"INFO", kPowerForwarded + std::to_wstring(code));
-  // The display may still be off. A delay that starts at a resume runs in full all the same.
+  // A delay that starts at a resume must run in full, even if the display is still off.
   if (code == PBT_APMRESUMESUSPEND || code == PBT_APMRESUMEAUTOMATIC) ResetStandby();
   session.Slots()->power_event_task(code);
 }
@@ -108,8 +108,8 @@ void HostLoop::OnSession(std::uint32_t code) {
   session.Slots()->OnSessionChange(code);
 }
 
-// Windows does not notify a service of Modern Standby, which begins as the display turns off and
-// ends as it turns on:
+// Windows does not notify a service of Modern Standby, which begins when the display turns off and
+// ends when it turns on:
 // https://learn.microsoft.com/archive/blogs/winsdk/how-to-get-notified-when-going-in-and-out-of-connected-standby-from-a-windows-service
 void HostLoop::WatchDisplay() {
   try {
@@ -125,7 +125,7 @@ void HostLoop::WatchDisplay() {
   }
 }
 
-// An event left set would end every later delay at once.
+// If the event stayed set, it would end every later delay immediately.
 void HostLoop::ResetStandby() noexcept {
   if (standbyEvent != nullptr) ResetEvent(standbyEvent.get());
 }

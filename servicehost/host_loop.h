@@ -14,7 +14,7 @@
 
 namespace Vx::Hosting::ServiceHost {
 
-// Begins the log line for each power broadcast forwarded to the module, followed by the code.
+// The start of the log line for a power broadcast forwarded to the module. The code follows.
 inline constexpr wchar_t kPowerForwarded[] = L"power event ";
 
 // Initializes COM on the constructing thread with dynamic cloaking, which the module needs from its
@@ -22,7 +22,8 @@ inline constexpr wchar_t kPowerForwarded[] = L"power event ";
 // Destroy it on the same thread, after the module.
 class ComForModule {
  public:
-  // Logs a failure to `output`. The module then works on, but without the user's identity.
+  // Logs a failure to `output`. The module then works, but without the user's identity in such
+  // calls.
   explicit ComForModule(ServiceLog& output);
   ComForModule(const ComForModule&) = delete;
   ComForModule& operator=(const ComForModule&) = delete;
@@ -33,8 +34,8 @@ class ComForModule {
 };
 
 // The part of a service host between Windows and the module. Loads the module, forwards codes and
-// commands, and destroys the service object before unloading the module. Everything from Windows
-// arrives through its functions, so tests send codes the same way. Belongs to one thread.
+// commands, and destroys the service object before unloading the module. Codes arrive only through
+// its functions, so tests can send them the same way. Belongs to one thread.
 class HostLoop {
  public:
   struct Options {
@@ -68,7 +69,7 @@ class HostLoop {
   ModuleLog moduleLog;  // declared here to receive the module's first and last lines
   ServiceSession session;
   Platform::Thread setupWatch;
-  std::optional<PowerNotifications> display;  // with Modern Standby
+  std::optional<PowerNotifications> display;  // only with Modern Standby
 };
 
 }  // namespace Vx::Hosting::ServiceHost

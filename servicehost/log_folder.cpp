@@ -153,13 +153,13 @@ void LogFolder::Open(const std::wstring& day, std::size_t lineSize) {
   ThrowError(folder, ERROR_NO_MORE_FILES);
 }
 
-// Goes by the last write, because the clock may have been wrong when a file was named.
+// Orders files by last write, because the clock may have been wrong when a file was named.
 void LogFolder::DeleteOldest() const {
   std::vector<LogFile> files = LogFiles(folder, service);
   std::erase_if(files, [this](const LogFile& each) { return each.name == fileName; });
   std::ranges::stable_sort(files, {}, &LogFile::written);
   for (std::size_t i = 0; i + limits.files < files.size() + 1; ++i) {
-    // If a reader has the file open without sharing, it stays until the next new file.
+    // A file that a reader has open without sharing stays until the next new file.
     static_cast<void>(DeleteFileW((folder + L"\\" + files[i].name).c_str()));
   }
 }

@@ -17,8 +17,9 @@ struct LogLimits {
   std::size_t files = 14;
 };
 
-// Returns the suffix that orders a service's log files: "-YYYYMMDD-NNNN.log". Empty if `name` is
-// not a log file's. The prefix is the service's name, or "vxhost" in files from an earlier version.
+// Returns the suffix that orders a service's log files: "-YYYYMMDD-NNNN.log". Returns an empty
+// string if `name` is not a log file's. The prefix is the service's name, or "vxhost" in files from
+// an earlier version.
 std::wstring_view LogAge(std::wstring_view name);
 
 // Returns the names of the log files in `folder`, oldest first, of `service` or of all services.
@@ -33,13 +34,13 @@ std::vector<std::wstring> LogFileNames(const std::wstring& folder, std::wstring_
 // A killed process leaves at most one incomplete line. The next process starts on a new line.
 class LogFolder {
  public:
-  // Makes the folder if it is missing. Throws std::exception if it may not be made.
+  // Creates the missing folder. Throws std::exception if it must not be created.
   using Maker = std::function<void()>;
 
   // File names start with `service`. Without `make`, the folder must exist.
   LogFolder(std::wstring folder, std::wstring service, LogLimits limits = {}, Maker make = {});
 
-  // As a LogTarget.
+  // Writes an entry as LogTarget describes.
   void Write(const LogEntry& entry);
 
  private:

@@ -46,8 +46,8 @@ std::wstring FileNameOf(HANDLE process) {
   return path.substr(path.find_last_of(L'\\') + 1);
 }
 
-// Log lines show the caller in brackets. Neither a user nor a file on Windows' own disks has a
-// colon in its name, but other file systems may allow it.
+// Replaces the brackets that enclose the caller in log lines, and the colon between user and file.
+// Windows' own file systems allow no colon in file names, but others may.
 std::wstring Harmless(const std::wstring& name) {
   std::wstring text = Wide(Printable(Utf8(name), LineBreaks::Replace));
   std::replace(text.begin(), text.end(), L'[', L'(');
@@ -80,7 +80,7 @@ std::wstring CallerName(const PipeCaller& caller) {
   if (caller.account.empty()) return process;
   std::wstring user = AccountName(caller.account);
   user.erase(0, user.rfind(L'\\') + 1);
-  // The user comes first, because a long file name is cut.
+  // The user comes first, because the end of a long name is truncated.
   std::wstring name = Harmless(user.empty() ? caller.account : user) + L": " +
                       Harmless(caller.file.empty() ? process : caller.file);
   name.resize(std::min(name.size(), kLongestName));

@@ -7,8 +7,8 @@
 
 namespace Vx::Hosting::ServiceHost {
 
-// The process at the other end of a pipe. It may pass its end on, so use this only to allocate
-// connections and for logs, never for access checks.
+// The process at the other end of a pipe. It may hand its end to another process, so use this only
+// to allocate connections and for logs, never for access checks.
 struct PipeCaller {
   std::uint32_t processId = 0;     // 0 if unknown
   Platform::UniqueHandle process;  // keeps the id from being reused; null if it cannot be opened
@@ -17,15 +17,15 @@ struct PipeCaller {
   std::wstring file;               // the file name of its program; empty if unknown
 };
 
-// Call this as soon as the process has connected, because it may end and another one get its id.
+// Call this as soon as the process has connected, because once it ends, another may get its ID.
 // Queries only this machine, so it does not block.
 PipeCaller CallerOf(std::uint32_t processId);
 
-// Returns "USER: FILE", cut to 64 characters, for logs only. Neither part contains a colon, so a
-// file name cannot look like another user. May query a domain controller.
+// Returns "USER: FILE", truncated to 64 characters, for logs only. Neither part contains a colon,
+// so a file name cannot look like another user. May query a domain controller.
 std::wstring CallerName(const PipeCaller& caller);
 
-// Returns the owner of a pipe as a SID; empty if unknown. Needs READ_CONTROL.
+// Returns the SID of a pipe's owner, or an empty string if unknown. Needs READ_CONTROL.
 std::wstring OwnerOf(Platform::RawHandle pipe);
 
 }  // namespace Vx::Hosting::ServiceHost

@@ -12,8 +12,8 @@ constexpr DWORD kPiece = 16384;  // bytes per read
 
 }  // namespace
 
-// One overlapped operation. Windows uses its memory and buffer until the operation completes, so
-// Finish never returns before that.
+// One overlapped operation. Windows uses the OVERLAPPED structure and the buffer until the
+// operation completes, so Finish never returns before that.
 struct PipeMessages::Operation {
   explicit Operation(const PipeMessages& owner) : messages(owner) {
     overlapped.hEvent = owner.finished.get();
@@ -64,7 +64,8 @@ PipeOutcome PipeMessages::Read(std::string& message, std::size_t limit,
   message.clear();
   std::vector<char> piece(kPiece);
   while (true) {
-    // Data that has arrived would hide the event: a client that always sends would never stop.
+    // A read that completes immediately does not wait for the event, so a client that sends without
+    // a pause would delay the stop.
     if (stop != nullptr && WaitForSingleObject(stop, 0) == WAIT_OBJECT_0) {
       return PipeOutcome::Stopped;
     }

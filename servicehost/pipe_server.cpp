@@ -100,12 +100,13 @@ UniqueHandle PipeServer::NewInstance(bool first) const {
       PIPE_UNLIMITED_INSTANCES, kPipeBuffer, kPipeBuffer, 0, &attributes));
 }
 
-// Keeps an instance open at all times, so that no other process can take the name: creates the next
-// one before serving or closing the current one. If that fails, those being served keep the name.
+// Keeps an instance open at all times, so that no other process can take the pipe's name: creates
+// the next instance before serving or closing the current one. If that fails, the instances being
+// served keep the name.
 void PipeServer::Listen() noexcept {
   UniqueHandle pipe;
-  UniqueHandle used;  // has connected to a client, which may be gone
-  PipeCaller client;  // of `used`
+  UniqueHandle used;  // connected to a client, which may be gone
+  PipeCaller client;  // the client of `used`
   bool refused = false;
   bool open = false;
   while (true) {
@@ -122,7 +123,7 @@ void PipeServer::Listen() noexcept {
         refused = false;
         if (PipeMessages(pipe.get(), stop.get()).Connect() == PipeOutcome::Stopped) return;
         used = std::move(pipe);
-        client = Identify(used.get());  // before it waits, and may end
+        client = Identify(used.get());  // now, because the client may end while it waits
         if (!WaitForRoom()) return;
         continue;
       }
@@ -164,11 +165,11 @@ PipeCaller PipeServer::Identify(Platform::RawHandle pipe) const {
   return options.identify(processId);
 }
 
-// Returns why `caller` gets no connection, or null if it gets one. One account must not lock out
-// the others, and none must lock out SYSTEM and the administrators, who repair faults.
+// Returns why `caller` is refused a connection, or null if it is accepted. One account must not
+// lock out the others, and none may lock out SYSTEM and administrators, who repair faults.
 const wchar_t* PipeServer::WhyTurnedAway(const PipeCaller& caller) const {
   if (caller.privileged) return nullptr;
-  // Such clients would share places of their own, beyond those of their account.
+  // Otherwise, an account could use such clients to exceed its limit.
   if (caller.account.empty()) return kUnknown;
   const auto places = std::count_if(connections.begin(), connections.end(), [&](const auto& other) {
     return !other.caller.privileged && other.caller.account == caller.account;

@@ -27,10 +27,10 @@ struct PipeOptions {
   std::vector<std::wstring> allowed;  // see SidsOf; accounts besides SYSTEM and administrators
   std::size_t clients = 64;           // served at a time; one more can wait
   std::size_t reserved = 4;           // of these, reserved for SYSTEM and administrators
-  std::size_t perAccount = 16;        // of these, at most per other account
+  std::size_t perAccount = 16;        // of these, the most for any other account
   std::function<PipeCaller(std::uint32_t processId)> identify = &CallerOf;
-  std::chrono::milliseconds idle = std::chrono::minutes(10);   // without a command
-  std::chrono::milliseconds stuck = std::chrono::seconds(30);  // until a result is read
+  std::chrono::milliseconds idle = std::chrono::minutes(10);   // limit for the next command
+  std::chrono::milliseconds stuck = std::chrono::seconds(30);  // limit for reading a result
   std::chrono::milliseconds quiet = std::chrono::minutes(1);   // between warnings of one kind
   std::chrono::milliseconds retry = std::chrono::seconds(10);  // between attempts to open the pipe
 };
@@ -42,7 +42,7 @@ class PipeServer {
   // Runs one command as `client` (at most 64 characters). Called concurrently. Must not throw.
   using Handler = std::function<CommandResult(const CommandEnvelope&, const std::wstring& client)>;
   // Receives messages for the operator. `level` is INFO, WARNING or ERROR. Must not throw. The
-  // message is a view because some report that memory ran out.
+  // message is a view, so that it can report that memory ran out.
   using Report = std::function<void(const wchar_t* level, std::wstring_view message)>;
 
   // Starts serving. Throws std::system_error if no thread or event can be created, and like SidsOf.
@@ -60,7 +60,7 @@ class PipeServer {
     std::atomic<bool> over{false};
   };
 
-  // The latest warning of a kind.
+  // The most recent warning of one kind.
   struct Warning {
     const wchar_t* why = nullptr;
     std::uint64_t next = 0;  // tick count before which further ones are only counted
@@ -73,7 +73,8 @@ class PipeServer {
   const wchar_t* WhyTurnedAway(const PipeCaller& caller) const;
   void Admit(Platform::UniqueHandle pipe, PipeCaller caller);
   void Serve(Connection& connection) noexcept;
-  // Reports a fault of a client, or counts it, so that clients cannot flood the logs. Any thread.
+  // Reports a client's fault, or only counts it if one was reported recently, so that clients
+  // cannot flood the logs. Any thread.
   void Warn(const wchar_t* why, const std::wstring& who = {});
   void JoinThoseThatAreOver();
   bool WaitForRoom();
@@ -83,7 +84,7 @@ class PipeServer {
   const Report report;
   Platform::UniqueLocalMemory<void> security;
   Platform::UniqueHandle stop;
-  Platform::UniqueHandle left;  // auto-reset: signalled when a connection ends
+  Platform::UniqueHandle left;  // auto-reset: signaled when a connection ends
   std::mutex lock;
   std::array<Warning, 8> warnings;    // guarded by `lock`; more than there are kinds
   std::list<Connection> connections;  // changed only by the listener
@@ -91,8 +92,8 @@ class PipeServer {
 };
 
 // Returns an SDDL access list that admits SYSTEM, the administrators and `allowed`, and denies
-// remote users. `allowed` can read and write, but not create an instance of the pipe. By the owner,
-// clients tell the service from another account: SYSTEM, the administrators or this account.
+// remote users. `allowed` can read and write, but not create an instance of the pipe. The owner, by
+// which clients recognize the service's pipe, is SYSTEM, the administrators or this account.
 std::wstring PipeAccess(const std::vector<std::wstring>& allowed);
 
 }  // namespace Vx::Hosting::ServiceHost

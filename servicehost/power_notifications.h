@@ -9,10 +9,11 @@ namespace Vx::Hosting::ServiceHost {
 class PowerNotifications {
  public:
   enum class Kind {
-    // The state of the console's display, at once and then at each change: 0 off, 1 on, 2 dimmed.
+    // The state of the console's display, immediately and then at each change: 0 off, 1 on, 2
+    // dimmed.
     Display,
-    // PBT_ codes of suspend and resume. Not for a service, which receives them from the service
-    // manager, and where the call that registers may never return
+    // PBT_ codes of suspend and resume. Not for use in a service, which receives them from the
+    // service manager, and where registering may never return
     // (https://github.com/libuv/libuv/issues/1995).
     Sleep,
   };

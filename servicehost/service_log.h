@@ -30,11 +30,11 @@ using LogTarget = std::function<void(const LogEntry&)>;
 
 // Writes log entries to every target, in order, on its own thread. Adding never waits for a target:
 // if the queue is full, entries are dropped, and a warning with their number precedes the next one.
-// When a target begins to lose entries, the others get an error with the reason, and it gets their
-// number as soon as it works again.
+// When a target begins to lose entries, the others receive an error with the reason. Once it works
+// again, it receives a warning with the number lost.
 //
-// If a thread repeats an entry that has no record, the entry is written once, and again with the
-// repeat count after a second or before the thread's next different entry.
+// If a thread repeats an entry that has no record, the entry is written once, and then again with
+// the repeat count: after a second, or before the thread's next different entry.
 class ServiceLog {
  public:
   static constexpr std::size_t kQueue = 4096;  // entries
@@ -62,7 +62,7 @@ class ServiceLog {
     std::uint64_t count = 0;                    // repetitions not yet written
   };
 
-  // A target, and how many entries it lost since the last that it took.
+  // A target, and the number of entries lost since it last accepted one.
   struct Place {
     LogTarget target;
     std::uint64_t lost = 0;
@@ -82,12 +82,12 @@ class ServiceLog {
   std::mutex lock;
   std::condition_variable changed;
   std::deque<LogEntry> queue;  // guarded by `lock`, like the next four
-  std::uint64_t lost = 0;      // before it reached the writer
+  std::uint64_t lost = 0;      // dropped before they reached the writer
   bool writing = false;
   bool ending = false;
   bool flushing = false;
   const std::chrono::milliseconds foldTime;
-  std::array<Repeat, 64> repeats;  // used only by the writer; more threads than these share slots
+  std::array<Repeat, 64> repeats;  // used only by the writer; further threads share slots
   Platform::Thread writer;
 };
 
@@ -95,9 +95,9 @@ class ServiceLog {
 LogEntry EntryOf(LogLine line);
 
 // Returns `entry` as one JSON object in UTF-8 with a line feed: time (UTC, ISO 8601), level,
-// provider, caller, thread, process, message, and `record` with its strings that are not empty and
-// its numbers other than 0. The number of a command or event is present even if 0. A message is
-// never split over lines, so the lines of one thread can be told apart by delivery.
+// provider, caller, thread, process, message, and `record` with its nonempty strings and nonzero
+// numbers. The number of a command or event is present even if 0. A message is never split across
+// lines, so that a thread's lines can be assigned to deliveries.
 std::string JsonLineOf(const LogEntry& entry);
 
 }  // namespace Vx::Hosting::ServiceHost

@@ -16,8 +16,8 @@ struct ServiceOptions {
 // digits, dots, hyphens and underscores.
 bool IsServiceName(const std::wstring& name);
 
-// Returns the options of the installed service `name`, which must be a valid service name. They are
-// values of its Parameters key, which is deleted with the service. A value that is missing or of
+// Returns the options of the installed service `name`, which must be a valid service name, from the
+// Parameters key of the service, which is deleted with it. An option whose value is missing or of
 // the wrong type is empty or false.
 ServiceOptions ReadParameters(const std::wstring& name);
 

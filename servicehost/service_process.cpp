@@ -77,7 +77,7 @@ void WINAPI ServiceMain(DWORD /*count*/, LPWSTR* /*arguments*/) noexcept {
   if (handle != nullptr) service.Run();
 }
 
-// Returns Windows' error, which the service manager shows, or 1.
+// Returns Windows' error code, which the service manager shows, or 1 if there is none.
 std::uint32_t CodeOf(const std::exception& error) noexcept {
   std::uint32_t code = 0;
   if (const auto* windows = dynamic_cast<const WindowsError*>(&error)) code = windows->Code();
@@ -136,7 +136,7 @@ void CodeQueue::Add(Code code) noexcept {
   }
 }
 
-// Drops the oldest code if all differ.
+// Drops the oldest code that is queued again later, or the oldest of all if all differ.
 void CodeQueue::DropOne() {
   const auto isRepeated = [this](auto at) {
     return std::find(at + 1, codes.end(), *at) != codes.end();
@@ -177,7 +177,7 @@ void CodeQueue::Run() noexcept {
   }
 }
 
-// Replaces the queue that Control uses. The last one forwards its codes and ends.
+// Replaces the queue that Control uses. The previous one forwards its codes before it is destroyed.
 void ServiceProcess::Publish(std::unique_ptr<CodeQueue> next) {
   const std::lock_guard guard(queueLock);
   queue.swap(next);

@@ -39,8 +39,9 @@ struct ServiceStatus {
 using StatusReport = std::function<void(const ServiceStatus&)>;
 
 // Forwards codes from the service manager to the module, in order, on its own thread: the module
-// may take minutes for one, while the manager waits for its handler. On overflow, drops the oldest
-// code that is queued again later, so that standby and log-on end up as Windows last reported.
+// may take minutes to handle one, while the manager waits for Control to return. On overflow, drops
+// the oldest code that is queued again later, so that the module still learns the latest state of
+// standby and logon.
 class CodeQueue {
  public:
   static constexpr std::size_t kLongest = 1024;  // more than the number of codes Windows has
@@ -90,9 +91,9 @@ class ServiceProcess {
   // Runs until Control receives a stop or pre-shutdown. The last state reported is SERVICE_STOPPED.
   void Run() noexcept;
 
-  // Handles a control from the service manager. Returns what its handler must return. May be called
-  // on any thread, before, during and after Run. Blocks for at most two seconds, so that a suspend
-  // reaches the module before the machine sleeps.
+  // Handles a control from the service manager. Returns the code that its handler must return. May
+  // be called on any thread, before, during and after Run. Blocks for at most two seconds, so that
+  // a suspend reaches the module before the machine sleeps.
   std::uint32_t Control(std::uint32_t control, std::uint32_t event) noexcept;
 
   // Returns the controls that a running service accepts, as SERVICE_ACCEPT_ bits.

@@ -12,14 +12,14 @@ namespace {
 
 using namespace std::string_view_literals;
 
-// Derived from the provider's name as tools do it, so that they also accept "*Vx-Host-Service".
+// Derived from the provider's name by the usual algorithm, so tools also accept "*Vx-Host-Service".
 constexpr GUID kProvider = {
     0x1f3716e0, 0xc3cb, 0x5355, {0x7c, 0xd0, 0xdc, 0x57, 0x8e, 0xba, 0x4f, 0xdc}};
 
-// Each of these two begins with its size as a 16-bit little-endian integer.
+// The traits and the description each begin with their size as a 16-bit little-endian integer.
 constexpr std::string_view kTraits = "\x12\0Vx-Host-Service\0"sv;
-// No tags, the name of the event, and each field's name with its type: 1 for a null-terminated
-// UTF-16 text and 8 for an unsigned 32-bit integer.
+// No tags, the event's name, and each field's name with its type: 1 for a null-terminated UTF-16
+// string and 8 for an unsigned 32-bit integer.
 constexpr std::string_view kDescription =
     "\x31\0"
     "\0"
@@ -42,7 +42,7 @@ class WindowsTrace final : public TraceWriter {
  public:
   WindowsTrace() {
     if (EventRegister(&kProvider, nullptr, nullptr, &handle) != ERROR_SUCCESS) handle = 0;
-    // Not in every Windows version, and needed only by tools that list providers.
+    // Not in every Windows version. Only tools that list providers need the traits.
     using SetInformation = ULONG(WINAPI*)(REGHANDLE, int, void*, ULONG);
     const auto set = reinterpret_cast<SetInformation>(reinterpret_cast<void*>(
         GetProcAddress(GetModuleHandleW(L"advapi32.dll"), "EventSetInformation")));
