@@ -11,8 +11,8 @@ namespace Vx::Hosting::ServiceHost {
 enum class PipeOutcome {
   Done,
   Ended,     // the other side disconnected or broke the protocol
-  TimedOut,  // cancelled
-  Stopped,   // cancelled by the stop event
+  TimedOut,  // canceled
+  Stopped,   // canceled by the stop event
 };
 
 // Messages over one end of a named pipe in message mode, opened for overlapped I/O. Borrows both

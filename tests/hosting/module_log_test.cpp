@@ -6,7 +6,7 @@
 namespace Vx::Hosting {
 namespace {
 
-// NOLINTNEXTLINE(performance-no-int-to-ptr): nothing may follow it
+// NOLINTNEXTLINE(performance-no-int-to-ptr): must not be dereferenced
 const auto* const kWild = reinterpret_cast<const wchar_t*>(std::uintptr_t{0x10});
 
 TEST(ModuleLogTest, ReadsNoMemberBeyondTheSizeThatAnOlderModuleStates) {

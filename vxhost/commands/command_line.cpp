@@ -116,7 +116,7 @@ void CommandLine::AddShared(CLI::App& command, unsigned options) {
 int CommandLine::Execute(std::vector<std::string> arguments) {
   for (const auto& [command, shared] : commands) AddShared(*command, shared);
   for (const auto& leading : kLeading) app.get_option(leading.name)->group(kLeadingGroup);
-  // A command-line error can be raised before the parser has seen the option.
+  // A command-line error can be raised before the parser has seen --json.
   json = std::find(arguments.begin(), arguments.end(), "--json") != arguments.end();
   try {
     RefuseUnknownSubcommand(arguments);
@@ -137,7 +137,7 @@ int CommandLine::Execute(std::vector<std::string> arguments) {
     const int code = run(console);
     return console.LostOutput() ? Fail(kLostOutput, 0) : code;
   } catch (const WindowsError& error) {
-    // Its text is for people. It depends on the language of Windows.
+    // Windows' text depends on the language of Windows, so only people get it.
     return Fail(error.what() + (json ? "" : ": " + ErrorText(error.Code())), 0);
   } catch (const Platform::WindowsRuntimeError& error) {
     return Fail(Utf8(error.message()), error.code());
@@ -176,7 +176,7 @@ void CommandLine::RefuseUnknownSubcommand(const std::vector<std::string>& argume
   }
 }
 
-// Returns the names of the subcommands that take the option.
+// Returns the names of the subcommands that accept the option.
 std::string CommandLine::UsersOf(unsigned option) const {
   std::vector<std::string> names;
   for (const auto& [command, shared] : commands) {

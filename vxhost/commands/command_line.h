@@ -17,8 +17,8 @@ namespace Vx::Hosting::Tool {
 // The longest wait that an option can request: a day.
 constexpr int kLongestSeconds = 86'400;
 
-// Options that several subcommands have, as bits. A subcommand refuses those that it does not list:
-// a user might think, for example, that it uses a private store.
+// Options shared by several subcommands, as bits. A subcommand rejects an option that it does not
+// list, because the user might think, for example, that it uses a private store.
 namespace Shared {
 enum Options : unsigned {
   None = 0,
@@ -33,7 +33,7 @@ enum Options : unsigned {
 };
 }  // namespace Shared
 
-// The name of a subcommand, what its help says of it, and the end of its help.
+// A subcommand's name, its description, and the footer of its help.
 struct CommandText {
   const char* name;
   const char* about;
@@ -43,14 +43,14 @@ struct CommandText {
 // A subcommand without options of its own.
 struct NoOptions {};
 
-// The subcommands and the one chosen on the command line. One thread.
+// The subcommands and the one chosen on the command line. Use from one thread.
 class CommandLine {
  public:
   // Returns an ExitCode. Throws std::exception for an error that the user must correct.
   template <typename Options>
   using Run = int (*)(const Options&, const ModuleOptions&, Console&);
 
-  // A subcommand, and its options, for which the caller adds an option to it each.
+  // A new subcommand, and the struct for its options. The caller adds an option for each member.
   template <typename Options>
   struct Added {
     CLI::App& app;
@@ -60,7 +60,7 @@ class CommandLine {
   // `alone` runs if the command line names no subcommand.
   explicit CommandLine(int (*alone)(Console&));
 
-  // Adds a subcommand to the tool, or to `parent`, with the options `shared`, a sum of Shared.
+  // Adds a subcommand to the tool, or to `parent`. `shared` is a combination of Shared bits.
   template <typename Options>
   Added<Options> Add(const CommandText& text, Run<Options> handler, unsigned shared,
                      CLI::App* parent = nullptr) {
@@ -70,10 +70,11 @@ class CommandLine {
     };
     return {AddCommand(text, function, shared, parent), *options};
   }
-  // Adds a subcommand that only has subcommands of its own.
+  // Adds a subcommand that only contains other subcommands.
   CLI::App& AddGroup(const char* name, const char* about);
 
-  // Runs the subcommand in `arguments`. Prints what it throws. Returns the process's exit code.
+  // Runs the subcommand named in `arguments` and prints any error that it throws. Returns the
+  // process's exit code.
   int Execute(std::vector<std::string> arguments);
 
  private:
@@ -94,7 +95,7 @@ class CommandLine {
   bool quiet = false;
   std::string colours = "auto";
   std::vector<std::pair<CLI::App*, unsigned>> commands;  // with their shared options
-  std::size_t chosen = 0;                                // one of them; 0 is the tool itself
+  std::size_t chosen = 0;                                // index; 0 is the tool itself
   Function run;
 };
 

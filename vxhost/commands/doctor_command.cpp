@@ -58,7 +58,7 @@ struct Checks {
   ExitCode worst = kDone;
 
   // Adds a good check, or a finding with what was expected and what to do. A finding means that one
-  // of the module's capabilities does not work, or none if it is `unusable`.
+  // of the module's capabilities does not work or, if it is Unusable, that none does.
   enum class Finding { Limits, Unusable };
   void Add(const std::string& what, bool good, const std::wstring& found,
            const std::wstring& expected = {}, const std::wstring& advice = {},

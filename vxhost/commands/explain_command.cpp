@@ -73,7 +73,8 @@ int ExplainResume(Console& console) {
   using Tessel::Server::Services::Orvane::Qubo::QuboFacade;
   using Tessel::Server::Storage::CapDataStore;
   using Tessel::Server::Storage::StoreState;
-  // The module's store makes its folders even to read.
+  // Even a read through the module's store creates its folders, so use a private store if none
+  // exists.
   std::optional<PrivateStore> none;
   if (LookAtFile(CapDataStore::PathOfFile()).reading.state == StoreState::Missing) none.emplace();
   std::vector<std::string> lines;

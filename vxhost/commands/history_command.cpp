@@ -190,7 +190,7 @@ std::wstring Lower(std::wstring text) {
   return text;
 }
 
-// Returns why none of the rows for which `isOf` holds is a delivery. Empty if one is.
+// Returns why no row that matches `isOf` is a delivery, or an empty string if one is.
 std::string WhyNothing(const std::vector<HistoryRow>& rows, const auto& isOf,
                        const std::optional<Period>& outage, Zone zone) {
   const HistoryRow* event = nullptr;   // the last power event

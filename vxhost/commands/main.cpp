@@ -50,7 +50,7 @@ int main() {
     RefusePinnedSignature(Vx::Hosting::OwnPath(), Vx::Tessel::Security::BuiltGeneralKeys(),
                           Vx::Tessel::Security::BuiltRestrictedKeys());
     CommandLine line(&Overview);
-    // In the order of the help.
+    // The help lists the subcommands in this order.
     AddModuleCommands(line);
     AddServiceCommands(line);
     AddStoreCommands(line);

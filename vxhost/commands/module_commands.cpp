@@ -83,7 +83,7 @@ struct ScenarioOptions {
 // Scenarios to play. All are read before the first is played.
 struct ScenarioRun {
   std::vector<std::unique_ptr<Scenario>> scenarios;
-  std::vector<PlayedScenario> played;  // one each; only the error if it cannot be played
+  std::vector<PlayedScenario> played;  // one each; only `error` is set if unplayable
   std::string faults;
 };
 
@@ -107,7 +107,7 @@ ScenarioRun Read(const ScenarioOptions& options, const ModuleOptions& module) {
   return run;
 }
 
-// Plays in its own harness. An error ends the scenario, but not the reports.
+// Plays a scenario in its own harness. After an error, reports are still written.
 void Play(const ModuleOptions& module, const Scenario& scenario, Console& console,
           PlayedScenario& played) {
   const auto context = MakeHarness(module, console, [&] { scenario.Prepare(); });
@@ -177,9 +177,9 @@ struct EventOptions {
   int seconds = 5;
 };
 
-// Notes the deliveries that still wait and that the end of this run drops.
+// Prints how many deliveries are still waiting and will be dropped at the end of this run.
 void NoteWaiting(const std::vector<RecordEntry>& entries, Console& console) {
-  std::map<std::uint64_t, std::uint64_t> waiting;  // a delivery's delay in milliseconds
+  std::map<std::uint64_t, std::uint64_t> waiting;  // delays in milliseconds, by delivery
   for (const RecordEntry& entry : entries) {
     if (!entry.log.record || entry.log.record->delivery == 0) continue;
     const DecisionRecord& record = *entry.log.record;
@@ -250,7 +250,7 @@ CommandResult Send(std::uint32_t id, const std::wstring& request, const std::str
   if (process != 0) throw std::runtime_error("--process needs --service");
   const auto harness = MakeHarness(module, console);
   if (!module.simulate) {
-    // The module waits for the store without limit or notice.
+    // Wait for the store here, because the module would wait without a limit or a notice.
     const StoreHold isFree(StoreUse::Write, module.limits);
   }
   return harness->session.Execute(id, request, Wide(caller));

@@ -98,7 +98,7 @@ struct InstallOptions {
 
 struct NameOptions {
   std::string name = kDefaultServiceName;
-  bool force = false;  // of a removal
+  bool force = false;  // for a removal
 };
 
 struct SendOptions {
@@ -122,7 +122,7 @@ std::wstring HostProgram() {
   return FullPathOfFile(Utf8(tool.substr(0, tool.rfind(L'\\') + 1)) + "OrvaneHost.exe");
 }
 
-// Returns where `file` really is: whoever made a link on the way could let it lead elsewhere later.
+// Returns the path of `file` without links, because the creator of a link could redirect it later.
 std::wstring WithoutLinks(const std::wstring& file) {
   const auto place = Platform::CurrentMachine().files->FinalPath(file);
   if (place) return *place;
@@ -176,7 +176,7 @@ int Install(const InstallOptions& options, const ModuleOptions& module, Console&
   return kDone;
 }
 
-// Returns the last error that the service logged itself and the file that has it.
+// Returns the last error that the service itself logged, with its time and file.
 std::string LastError(const std::wstring& name) {
   try {
     std::wstring found;

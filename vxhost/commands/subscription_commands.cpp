@@ -59,7 +59,7 @@ int List(const NoOptions&, const ModuleOptions& module, Console& console) {
   return kDone;
 }
 
-// Sends the command. Returns whether the module decided `wanted`.
+// Sends the command. Returns whether the module's decision is `wanted`.
 bool Sends(std::uint32_t command, const std::wstring& text, Records::Decision wanted,
            const std::string& caller, const ModuleOptions& module, Console& console) {
   const CommandResult answer = Send(command, text, caller, module, console);
@@ -144,7 +144,7 @@ std::wstring Compose(const AddOptions& options) {
   return request.Text();
 }
 
-// Prints what was added or removed. Returns the exit code.
+// Prints the subscription, and whether it was added or removed. Returns the exit code.
 int Report(const wchar_t* done, const std::wstring& text, bool succeeded, Console& console) {
   const std::wstring hash = text.empty() ? std::wstring() : Records::SubscriptionHash(text);
   const std::wstring what = text.empty() ? L"" : L": " + hash + L" " + text;
@@ -196,7 +196,8 @@ int Remove(const RemoveOptions& options, const ModuleOptions& module, Console& c
     return Report(L"removed", *one.text, removed, console);
   }
   {
-    // No command reverts a package subscription. A running service watches it until logoff.
+    // No command removes a package subscription. A running service watches the package until
+    // logoff.
     const StoreHold hold(StoreUse::Write, module.limits);
     RequestManager(kServiceDocument, one.kind->list).RemoveRequest(*one.text);
   }

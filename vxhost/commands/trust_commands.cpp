@@ -48,7 +48,7 @@ struct Options {
   std::vector<std::string> certificates;
 };
 
-// Adds a set to both forms of the result, each key with its certificate if available.
+// Adds a key set to the JSON and text results, each key with its certificate if available.
 void AddSet(const wchar_t* name, const char* meaningOfNone, Tessel::Security::KeySet keys,
             const std::vector<Certificate>& certificates, JsonRow& result,
             std::vector<std::string>& lines) {
@@ -116,7 +116,7 @@ bool HoldsKey(const std::string& text, std::string_view key) {
   return false;
 }
 
-// Replaces the file through a temporary one, so that a failed write leaves the old content.
+// Writes a temporary file and renames it, so that a failed write leaves the old content.
 void Replace(const std::wstring& path, const std::string& text) {
   const std::wstring sibling = path + L".new";
   std::ofstream file(sibling.c_str(), std::ios::binary);
@@ -130,7 +130,7 @@ void Replace(const std::wstring& path, const std::string& text) {
   throw std::runtime_error("cannot write " + Utf8(path));
 }
 
-// Returns the keys that the file did not have.
+// Appends the keys that the file lacks, and returns them.
 std::vector<std::string> AppendKeys(const std::vector<std::string>& keys,
                                     const std::vector<Certificate>& certificates,
                                     const std::wstring& path) {

@@ -23,7 +23,7 @@ namespace Vx::Hosting::Tool {
 
 namespace {
 
-// Shared by programs that write debug output and their only monitor: process ID, narrow text.
+// The shared memory through which all programs pass debug output to the only monitor.
 struct DebugBuffer {
   DWORD process;
   std::array<char, 4096 - sizeof(DWORD)> text;
@@ -33,7 +33,7 @@ struct Unmapper {
   void operator()(const DebugBuffer* view) const { UnmapViewOfFile(view); }
 };
 
-// The receiving end. Each session has at most one. All services share the global one.
+// Receives debug output. Each session has at most one monitor. All services share the global one.
 class Monitor {
  public:
   explicit Monitor(bool global) {
@@ -98,7 +98,7 @@ std::wstring TakeWord(std::wstring& rest) {
   return word;
 }
 
-// Parses `LEVEL provider [caller] message`. For a line in another form, fills only the message.
+// Parses `LEVEL provider [caller] message`. Returns a line in another form as an INFO message.
 LogLine ParseLogLine(const std::wstring& text) {
   LogLine line;
   std::wstring rest = text;
@@ -151,7 +151,7 @@ bool IsWanted(const LogLine& line, const Options& options) {
   return Contains(line.provider, options.provider) && Contains(line.message, options.text);
 }
 
-// Reads the log files, so the account must be an administrator.
+// Requires an administrator, because it reads the log files.
 int WatchService(const Options& options, const std::string& service, Console& console) {
   constexpr wchar_t kEarlier[] = L"vxhost";  // names the log files of an earlier version
   const std::uint32_t process = ProcessOfService(Wide(service));
@@ -166,7 +166,7 @@ int WatchService(const Options& options, const std::string& service, Console& co
       clock.Sleep(LogFollower::kPoll);
       continue;
     }
-    // A killed process may leave an incomplete line, and another service log to the same folder.
+    // Skips a killed process's incomplete line, and lines of other services in the same folder.
     const auto line = ParseHistoryLine(*text);
     if (line && line->line.process == process && IsWanted(line->line, options)) {
       console.LogResult(line->line, line->time);

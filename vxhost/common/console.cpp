@@ -87,7 +87,7 @@ HANDLE EndEvent() {
   return event;
 }
 
-// Windows ends the process when this returns for a console that closes, or after some seconds:
+// When a console closes, Windows ends the process as soon as this returns, or after some seconds:
 // https://learn.microsoft.com/windows/console/handlerroutine
 BOOL WINAPI RequestStop(DWORD kind) {
   SetEvent(StopEvent());
@@ -99,7 +99,7 @@ BOOL WINAPI RequestStop(DWORD kind) {
 
 bool WantsColours(Colours colours) {
   if (colours != Colours::Auto) return colours == Colours::Always;
-  // Nonzero if the variable is set, even if it does not fit. An empty one does not disable colours.
+  // Nonzero if the variable is set and not empty, even if its value does not fit.
   wchar_t refused[2] = {};
   const bool set = GetEnvironmentVariableW(L"NO_COLOR", refused, 2) != 0;
   return !set && _isatty(_fileno(stdout)) != 0;
@@ -151,7 +151,7 @@ StopRequest::StopRequest() {
   static_cast<void>(SetConsoleCtrlHandler(&RequestStop, TRUE));
 }
 
-// Keeps the handler: Windows may hold a lock while one that it called waits.
+// Does not remove the handler: Windows may hold a lock while a handler that it called waits.
 StopRequest::~StopRequest() {
   SetEvent(EndEvent());
 }
@@ -190,7 +190,7 @@ void Console::Write(const std::string& text, std::FILE* file) {
   const std::lock_guard guard(lock);
   std::fprintf(file, "%s\n", text.c_str());
   std::fflush(file);
-  // The two calls report no failed write of an unbuffered stream.
+  // fprintf and fflush do not report a failed write to an unbuffered stream.
   if (file == stdout && std::ferror(file) != 0) lostOutput = true;
 }
 

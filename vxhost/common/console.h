@@ -27,7 +27,7 @@ struct ConsoleOptions {
   Colours colours = Colours::Auto;
 };
 
-// Switches the terminal to UTF-8 and colours, and restores its code page and mode at the end, even
+// Switches the terminal to UTF-8 and colors, and restores its code page and mode at the end, even
 // if Ctrl+C ends the process. Create only one per process.
 class TerminalScope {
  public:
@@ -37,9 +37,9 @@ class TerminalScope {
   ~TerminalScope();
 };
 
-// Ends a command in order on Ctrl+C or when the console closes, at which Windows would otherwise
-// end the process. Make one at a time, before what has to end in order: a close waits until it is
-// gone.
+// Lets a command end in order on Ctrl+C or when the console closes. Otherwise, Windows would end
+// the process. Create one at a time, before the objects that must be destroyed in order: a closing
+// console waits until this one is destroyed.
 class StopRequest {
  public:
   StopRequest();
@@ -47,27 +47,27 @@ class StopRequest {
   StopRequest& operator=(const StopRequest&) = delete;
   ~StopRequest();
 
-  // Waits for the request, at most for `milliseconds`, a count that INFINITE may be.
+  // Waits for the request, for at most `milliseconds`, which may be INFINITE.
   void Wait(std::uint32_t milliseconds);
 };
 
 // Writes UTF-8, one whole line at a time. Thread-safe. Replaces control characters in text (see
 // Printable) and escapes them in JSON.
 //
-// Results go to standard output. Headings, requests, notes and log lines accompany them: in text
-// form they come before the result, in JSON form they go to standard error, where no parser reads
-// them, and a quiet console omits them.
+// Results go to standard output. They are accompanied by headings, requests, notes and log lines.
+// In text form, these precede the result. In JSON form, they go to standard error, where no parser
+// reads them. A quiet console omits them.
 class Console {
  public:
   explicit Console(ConsoleOptions options = {});
 
   bool WritesJson() const { return form == LogForm::Json; }
 
-  // Writes a result in JSON form. Commands with --json write nothing else to standard output.
+  // Writes a result as JSON. Commands with --json write nothing else to standard output.
   void JsonResult(std::wstring_view json) { Write(PrintableJson(json)); }
   void JsonResult(const JsonRow& result) { JsonResult(result.Text()); }
 
-  // Writes a result: in JSON form `row`, else `lines`.
+  // Writes a result: `row` in JSON form, otherwise `lines`.
   void Show(const JsonRow& row, const std::vector<std::string>& lines);
 
   void Heading(const std::string& text);
@@ -78,15 +78,15 @@ class Console {
   // Writes `text` with its line breaks.
   void Lines(const std::string& text) { Write(Printable(text, LineBreaks::Keep)); }
   void Request(std::uint32_t id, const std::wstring& request);
-  // `verdict` replaces the meaning of the code if not empty.
+  // If not empty, `verdict` replaces the meaning of the result code.
   void Result(const CommandResult& answer, const std::string& verdict = {});
   // If `moment` is not empty, it precedes the line.
   void Log(const LogLine& line, const std::wstring& moment = {});
-  // As above, as the result of a command that shows log lines.
+  // Like Log, but writes the line as a result.
   void LogResult(const LogLine& line, const std::wstring& moment = {});
   void Failure(const std::string& text);
 
-  // Returns whether something could not be written to standard output, such as on a full disk.
+  // Returns whether a write to standard output has failed, as on a full disk.
   bool LostOutput() const { return lostOutput; }
 
  private:
@@ -104,7 +104,7 @@ class Console {
 // Returns "0x20000003", with its meaning if known.
 std::string Describe(std::uint32_t code);
 
-// Returns the meaning of a code: "done" for 0, and empty if unknown.
+// Returns the meaning of a code, such as "done" for 0, or an empty string if unknown.
 std::string MeaningOf(std::uint32_t code);
 
 // Returns "0x80070005 (E_ACCESSDENIED)", or only the number if the name is unknown.

@@ -29,7 +29,7 @@ class JsonRow {
   }
 
   void Add(const Member& member) { (members += members.empty() ? L"" : L",") += member.text; }
-  // Adds a member whose value is JSON already.
+  // Adds a member whose value is already JSON.
   void AddJson(const std::wstring& name, const std::wstring& json) {
     (members += members.empty() ? L"\"" : L",\"") += name + L"\":" + json;
   }

@@ -12,8 +12,8 @@ struct ModuleOptions {
   std::string dll;
   bool privateStore = false;
   bool simulate = false;
-  std::string store;    // a store folder to keep and use; empty for the machine's
-  std::string service;  // the running service to speak to; empty for a module in this process
+  std::string store;    // the store folder to use; empty for the machine's
+  std::string service;  // the running service to use; empty for a module in this process
   HoldLimits limits;
 
   // Returns the module's full path: the one next to this program unless --dll names another.

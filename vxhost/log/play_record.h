@@ -14,7 +14,7 @@
 
 namespace Vx::Hosting::Tool {
 
-// What the player sent to the service, what the service logged, and what its machine did.
+// The kinds of entries: what the player, the service or its machine did.
 enum class Happening : std::uint8_t { Call, Command, Event, Log, Failure };
 
 // Returns "call", "command" and so on.
@@ -24,7 +24,7 @@ struct RecordEntry {
   std::chrono::milliseconds at{};  // since the start, including a simulated machine's sleep
   Happening what = Happening::Call;
   std::size_t step = 0;      // the scenario's step, from 1
-  std::uint32_t thread = 0;  // that logged or caused the event; set by the record
+  std::uint32_t thread = 0;  // of the log line or event; set by PlayRecord
   std::wstring text = {};    // for a call, event or failure
   LogLine log = {};
   std::uint32_t command = 0;  // command ID, with request and answer
@@ -50,10 +50,11 @@ class PlayRecord {
   void BeginStep(std::size_t line, const std::wstring& say);
   void EndStep();
 
-  // Adds an entry of this moment and step. Call on the thread that logs a line or causes an event.
+  // Adds an entry with the current time and step. Call on the thread that logs a line or causes an
+  // event.
   void Add(RecordEntry entry);
 
-  // Returns whether something of this kind in this step contains `text`.
+  // Returns whether an entry of this kind in the current step contains `text`.
   bool Contains(Happening what, const std::wstring& text) const;
 
   std::vector<RecordStep> Steps() const;
@@ -67,7 +68,7 @@ class PlayRecord {
   std::size_t stepBegin = 0;  // index of the step's first entry
 };
 
-// Polls `condition` every few milliseconds of real time. Returns whether it held in time.
+// Polls `condition` every few milliseconds of real time. Returns whether it became true in time.
 bool WaitUntil(int seconds, const std::function<bool()>& condition);
 
 }  // namespace Vx::Hosting::Tool

@@ -33,7 +33,7 @@ const wchar_t* WhatOf(const RecordEntry& entry) {
   return Tool::NameOf(entry.what);
 }
 
-// Returns a CSS class of the page.
+// Returns the page's CSS class for a decision.
 const wchar_t* ToneOf(Decision decision) {
   if (decision == Decision::Dropped) return L"dropped";
   return IsFailure(decision) ? L"bad" : L"good";
@@ -65,7 +65,7 @@ JsonRow RowOf(const KnownRecord& known, const DecisionRecord& record, std::uint3
   return row;
 }
 
-// Returns the subscription in a client's request, or null if it never runs.
+// Returns the subscription in a client's request as JSON, or null if there is none that can run.
 std::wstring SubscriptionJson(const std::wstring& text) {
   try {
     const auto request = Json::JsonObject::Parse(text);
@@ -86,7 +86,7 @@ std::wstring SubscriptionJson(const std::wstring& text) {
   return L"null";  // not a request of this kind
 }
 
-// Numbers texts, because a log repeats a few messages thousands of times.
+// Assigns numbers to texts, because a log repeats a few messages thousands of times.
 class Texts {
  public:
   std::size_t NumberOf(const std::wstring& text) {

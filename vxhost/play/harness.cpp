@@ -23,12 +23,12 @@ namespace {
 
 namespace Logging = Tessel::Server::Logging;
 
-// How long a simulated worker may run in real time. Exceeds the ten seconds for which a debug
+// How long a simulated worker may run in real time. Exceeds the ten seconds by which a debug
 // monitor that does not read delays a line.
 constexpr std::chrono::seconds kPatience{30};
 
 // How long tasks that outlive a service may still wait in virtual time. Exceeds any subscription's
-// delay and any length in a scenario.
+// delay and any duration in a scenario.
 constexpr std::chrono::hours kLongestTask{24 * 500};
 
 // The real module and its service. Log lines are shown and recorded immediately, so that they
@@ -76,7 +76,7 @@ class SimulatedLog {
   SimulatedLog& operator=(const SimulatedLog&) = delete;
   ~SimulatedLog() { Logging::LogManager::RemoveSink(sink); }
 
-  // Shows the repeated lines. No thread may log during the call.
+  // Shows the repeat counts that have not been shown. No thread may log during the call.
   void ShowRepeated() {
     for (Said& said : recent) Show(said);
   }
@@ -117,7 +117,7 @@ class SimulatedLog {
       return one.line.message == line.message;
     });
     if (found != recent.end()) {
-      // Keeps the most recent lines longest.
+      // Moves the line to the end, so that the least recent one is removed first.
       std::rotate(found, found + 1, recent.end());
       Said& said = recent.back();
       if (now - said.last <= kPollStep && (said.last != now || said.repeated != 0)) {
@@ -163,8 +163,8 @@ struct SimulatedHarness {
       console.Note(" * " + Utf8(Simulator::Format(entry)));
     });
   }
-  // The service and the tasks that outlive it end before their machine. What they log is not shown,
-  // because it would be out of place.
+  // Ends the service, and the tasks that outlive it, before the machine. Does not show their log
+  // lines, because they would be out of place.
   ~SimulatedHarness() {
     machine.timeline.SetListener({});
     log.reset();

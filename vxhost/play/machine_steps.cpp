@@ -53,7 +53,7 @@ std::wstring Ordinal(unsigned number) {
   return std::to_wstring(number) + kEnds[last < std::size(kEnds) ? last : 0];
 }
 
-// Takes the name of a call, or its name and how many calls still succeed.
+// The value is the name of a call, or the name and the number of calls that still succeed.
 void Refuse(const Change& change) {
   RequireRefusal(change.machine);
   const bool first = change.value.IsString();
@@ -81,7 +81,7 @@ void Uninstall(const Change& change) {
                                     length == nullptr ? kUninstallLength : Length(*length));
 }
 
-// Takes a status for each of the next messages. The last stays in effect.
+// The value is one status, or one for each of the next messages. The last stays in effect.
 void SetAppServiceStatus(const Change& change) {
   if (!change.value.IsArray()) {
     change.machine.appServices.SetReplies({}, {change.value.GetInt(), L""});
@@ -117,7 +117,7 @@ void SetWarrantyBlock(const Change& change) {
   change.machine.firmware.SetWarrantyBlock(std::move(block));
 }
 
-// One WMI step at a time. An empty object ends the failure.
+// Makes one WMI step fail. An empty object ends the failure.
 void FailFirmware(const Change& change) {
   change.machine.firmware.ClearFailures();
   const WideValue* after = change.Find(L"after");
@@ -130,7 +130,7 @@ void AddFile(const Change& change) {
   change.machine.files.Add(change.Text(L"path"), Utf8(change.Text(L"text")));
 }
 
-// Takes a path, or a path and how its signature differs from a valid one with a pinned key.
+// The value is a path, or a path and how its signature differs from a valid one with a pinned key.
 void Sign(const Change& change) {
   if (change.value.IsString()) {
     change.machine.Sign(change.expand(change.value), {});
@@ -142,7 +142,7 @@ void Sign(const Change& change) {
   change.machine.Sign(change.Text(L"path"), signature);
 }
 
-// Takes values of the maker's policy. Null removes one.
+// The value has values of the maker's policy. Null removes one.
 void SetPolicy(const Change& change) {
   for (auto value = change.value.MemberBegin(); value != change.value.MemberEnd(); ++value) {
     const std::wstring name = change.expand(value->name);

@@ -16,14 +16,14 @@ using Expander = std::function<std::wstring(const Json::WideValue&)>;
 // Returns a required member of a step or part. Throws std::runtime_error if it is absent.
 const Json::WideValue& Member(const Json::WideValue& object, const wchar_t* key);
 
-// Returns the rule for a part that changes the simulated machine or its time, or null.
+// Returns the rule for the part `key` if it changes the simulated machine or its time, else null.
 const PartRule* FindMachineRule(const std::wstring& key);
 
-// Returns the keys of all such parts.
+// Returns the keys of all parts that change the simulated machine or its time.
 std::vector<std::string> MachineKeys();
 
 // Throws std::runtime_error if a "refuse" part is in effect but its call has not been made since,
-// as when the name is misspelt.
+// for example because the name is misspelled.
 void RequireRefusal(const Simulator::SimulatedMachine& machine);
 
 // Makes the step's changes to the machine, except to its time. Throws std::runtime_error.

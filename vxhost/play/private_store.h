@@ -4,7 +4,7 @@
 
 namespace Vx::Hosting::Tool {
 
-// A folder that replaces the machine's for one run's stored values. Removed at the end.
+// Replaces the machine's store with one in a temporary folder, which is removed at the end.
 class PrivateStore {
  public:
   PrivateStore();

@@ -125,7 +125,7 @@ class ScenarioRunner {
     if (const auto* expect = FindMember(step, L"expect")) ExpectTraces(*expect);
   }
 
-  // Writes as the machine's other services do.
+  // Writes values as another service on the machine would.
   void Store(const WideValue& values) {
     const ServicesMutexHold hold(StoreUse::Write);
     for (auto value = values.MemberBegin(); value != values.MemberEnd(); ++value) {
@@ -228,7 +228,7 @@ class ScenarioRunner {
   void ExpectTraces(const WideValue& expect) {
     if (const auto* text = FindMember(expect, L"log")) {
       const std::wstring wanted = Expand(*text);
-      // A simulated machine has already done all it can.
+      // A simulated machine has nothing left to do.
       const int patience = context.machine == nullptr ? Seconds(expect) : 0;
       const auto isLogged = [&] { return context.record.Contains(Happening::Log, wanted); };
       Check(WaitUntil(patience, isLogged), "the log should say \"" + Utf8(wanted) + "\"");

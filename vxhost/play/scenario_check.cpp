@@ -182,7 +182,7 @@ class Checker {
     }
   }
 
-  // A second value with the same key would be ignored.
+  // Rejects repeated keys, because a second value would be ignored.
   void Once(const WideValue& object, const std::wstring& prefix) {
     std::set<std::wstring> seen;
     for (auto member = object.MemberBegin(); member != object.MemberEnd(); ++member) {
@@ -191,7 +191,7 @@ class Checker {
     }
   }
 
-  // An undefined name would be sent or expected literally.
+  // Rejects undefined names, which would be sent or expected literally.
   void Names(const WideValue& value, const std::wstring& key) {
     if (value.IsString()) {
       Expanded(TextOf(value), definitions, [&](const std::wstring& name) {

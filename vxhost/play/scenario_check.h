@@ -26,8 +26,8 @@ class LineIndex {
 // Maps NAME in ${NAME} to its replacement.
 using Definitions = std::map<std::wstring, std::wstring>;
 
-// Returns `text` with each ${NAME} replaced by its definition. A name without one stays, and is
-// passed to `unknown`. Inserted text is not expanded again.
+// Returns `text` with each ${NAME} replaced by its definition. An undefined ${NAME} stays, and NAME
+// is passed to `unknown`. Inserted text is not expanded again.
 using UnknownName = std::function<void(const std::wstring&)>;
 std::wstring Expanded(const std::wstring& text, const Definitions& definitions,
                       const UnknownName& unknown = {});
@@ -35,8 +35,8 @@ std::wstring Expanded(const std::wstring& text, const Definitions& definitions,
 enum class HarnessKind { Real, PrivateStore, Simulated };
 
 // Returns every fault of a scenario, in order, as "line 4, step 2, \"expect.code\": ...": unknown
-// parts, values of the wrong kind, undefined names, and claims that the player could not check.
-// Empty if the scenario can be played.
+// parts, values of the wrong kind, undefined names, and expectations that the player could not
+// check. Returns none if the scenario can be played.
 std::vector<std::string> FaultsOf(const Json::WideDocument& scenario, const LineIndex& lines,
                                   const Definitions& definitions, HarnessKind where);
 

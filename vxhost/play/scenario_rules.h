@@ -10,7 +10,7 @@
 
 namespace Vx::Hosting::Tool {
 
-// The form of a part's value: its test, and the text that a message asks for if a value fails it.
+// The form of a part's value: a test, and a description of the form for error messages.
 struct PartForm {
   bool (*has)(const Json::WideValue& value);
   const char* wanted;
@@ -25,7 +25,7 @@ inline bool IsHex(std::wstring_view text) {
 
 inline constexpr PartForm kAnything = {[](const auto&) { return true; }, ""};
 inline constexpr PartForm kText = {[](const auto& value) { return value.IsString(); }, "a text"};
-// Every text contains an empty one.
+// Rejects an empty text, because every text contains it.
 inline constexpr PartForm kSomeText = {
     [](const auto& value) { return value.IsString() && value.GetStringLength() != 0; },
     "a text that is not empty"};
@@ -79,7 +79,7 @@ struct PartRule {
   Presence presence = Presence::Optional;
   const wchar_t* companion = nullptr;  // another part that the step must have with it
   bool simulated = false;              // has an effect only on a simulated machine
-  const PartRule* members = nullptr;   // of an object; null: any
+  const PartRule* members = nullptr;   // of an object; null allows any
   std::size_t memberCount = 0;
 
   std::span<const PartRule> Members() const { return {members, memberCount}; }

@@ -17,7 +17,7 @@ namespace {
 
 constexpr std::size_t kPiece = 65536;  // bytes
 
-// The writer keeps the file open for appending and deletes old files.
+// Shares all access, because the writer appends to the file and deletes old files.
 Platform::UniqueHandle OpenLog(const std::wstring& path) {
   return Platform::OpenDiskFile(path, GENERIC_READ,
                                 FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE);
@@ -63,7 +63,7 @@ std::optional<std::string> LogFollower::Next() {
       // Move on to the next file, if any. A file the writer has left gets no more lines.
       const auto names = Files();
       auto later = std::ranges::find(names, file);
-      // No file yet, or it was deleted.
+      // If there was no file yet, or it was deleted, go on with the newest one.
       if (!names.empty()) later = later == names.end() ? later - 1 : later + 1;
       if (later == names.end()) return std::nullopt;
       if (!Read(file)) {
@@ -80,7 +80,7 @@ std::optional<std::string> LogFollower::Next() {
   return line;
 }
 
-// Returns whether there was more to read.
+// Appends the next piece of the file to `rest`. Returns false if there is none.
 bool LogFollower::Read(const std::wstring& name) {
   if (name.empty()) return false;
   const auto opened = OpenLog(folder + L"\\" + name);

@@ -8,20 +8,20 @@
 
 namespace Vx::Hosting::Tool {
 
-// Reads lines from the log files of a service, and those that it adds. Follows the service to its
-// next file. One thread. Never blocks for longer than reading a file takes.
+// Reads the lines of a service's log files, including those added later, and follows the service to
+// its next file. Use from one thread. Blocks only while reading a file.
 class LogFollower {
  public:
-  // Begins with the first line of the oldest file, or with the next one that the service adds.
+  // Begins with the first line of the oldest file, or with the next line that the service adds.
   enum class From { Start, Now };
-  // Of several services, the files of the last follow those of the others. Throws
-  // std::runtime_error if this account cannot list the folder.
+  // The files of each service follow those of the service before it. Throws std::runtime_error if
+  // this account cannot list the folder.
   LogFollower(std::wstring folder, std::vector<std::wstring> services, From from);
 
   // Returns the next complete line, without its line ending, or nothing if none was added.
   std::optional<std::string> Next();
 
-  // How long to wait for a further line.
+  // How long to wait before calling Next again.
   static constexpr std::chrono::milliseconds kPoll{100};
 
  private:
@@ -32,7 +32,7 @@ class LogFollower {
   const std::vector<std::wstring> services;
   std::wstring file;         // the file being read; empty if there is none yet
   std::uint64_t offset = 0;  // of the first unread byte
-  std::string rest;          // read, and from `next` on not yet returned
+  std::string rest;          // read; lines from `next` on are not yet returned
   std::size_t next = 0;
 };
 

@@ -42,14 +42,14 @@ PipeClient::PipeClient(const std::wstring& path, std::uint32_t service,
                        std::chrono::milliseconds patience, PipeOwner accepted) {
   const ULONGLONG end = GetTickCount64() + static_cast<ULONGLONG>(patience.count());
   while (true) {
-    // Identification level, so that an impostor server cannot act as this client.
+    // Identification level, so that an impostor server cannot impersonate this client.
     pipe = Platform::AdoptFile(CreateFileW(
         path.c_str(), kAccess, 0, nullptr, OPEN_EXISTING,
         FILE_FLAG_OVERLAPPED | SECURITY_SQOS_PRESENT | SECURITY_IDENTIFICATION, nullptr));
     if (pipe != nullptr) break;
     const DWORD error = GetLastError();
     const ULONGLONG now = GetTickCount64();
-    // A service that has just started may not have opened it yet.
+    // A service that has just started may not have opened its pipe yet.
     const bool soon = error == ERROR_PIPE_BUSY || error == ERROR_FILE_NOT_FOUND;
     if (!soon || now >= end) {
       throw WindowsError("cannot open " + Utf8(path), error,

@@ -9,19 +9,19 @@
 
 namespace Vx::Hosting::Tool {
 
-// Whose pipe a client accepts, besides that of SYSTEM and the administrators.
+// The pipe owners that a client accepts, besides SYSTEM and the administrators.
 enum class PipeOwner {
-  System,   // no other: of an installed service
-  Account,  // this process's account: of a service in its console
+  System,   // no other, for an installed service
+  Account,  // this process's account, for a service in its console
 };
 
-// A connection to a running service's pipe. One thread.
+// A connection to a running service's pipe. Use from one thread.
 class PipeClient {
  public:
   // Connects, waiting up to `patience` for a free instance. Sends nothing unless the server's
-  // process is `service` and the pipe's owner is one of `accepted`, because any process could have
-  // created a pipe of that name first, passed it on, and ended before the service got its id.
-  // Throws std::runtime_error with advice for the user.
+  // process is `service` and the pipe's owner is one of `accepted`. The process is not enough:
+  // another one could have created the pipe, passed it on, and ended before the service got the
+  // same ID. Throws std::runtime_error with advice for the user.
   PipeClient(const std::wstring& path, std::uint32_t service, std::chrono::milliseconds patience,
              PipeOwner accepted = PipeOwner::System);
 

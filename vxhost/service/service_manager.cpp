@@ -41,8 +41,9 @@ constexpr const wchar_t* kPrivileges[] = {L"SeAssignPrimaryTokenPrivilege",
                                           L"SeChangeNotifyPrivilege", L"SeImpersonatePrivilege",
                                           L"SeIncreaseQuotaPrivilege", L"SeTcbPrivilege"};
 
-// Windows' list for a new service: users at the machine may query it and send it user-defined
-// controls. https://learn.microsoft.com/windows/win32/services/service-security-and-access-rights
+// Windows' access list for a new service: users at the machine may query the service and send it
+// user-defined controls.
+// https://learn.microsoft.com/windows/win32/services/service-security-and-access-rights
 constexpr wchar_t kAccess[] =
     L"O:BAD:(A;;CCLCSWRPWPDTLOCRRC;;;SY)(A;;CCDCLCSWRPWPDTLOCRSDRCWDWO;;;BA)"
     L"(A;;CCLCSWLOCRRC;;;IU)(A;;CCLCSWLOCRRC;;;SU)";
@@ -99,7 +100,7 @@ SERVICE_STATUS_PROCESS StatusOf(const UniqueServiceHandle& service, const std::w
 }
 
 struct ServiceConfig {
-  // The most that Windows returns.
+  // The maximum that Windows returns.
   alignas(QUERY_SERVICE_CONFIGW) std::array<std::byte, 8192> buffer;
   const QUERY_SERVICE_CONFIGW* operator->() const {
     return reinterpret_cast<const QUERY_SERVICE_CONFIGW*>(buffer.data());
@@ -157,7 +158,7 @@ DWORD Configure(SC_HANDLE service, bool delays, std::vector<std::string>& unknow
   DWORD error = ERROR_SUCCESS;
   const auto set = [&](const char* what, DWORD level, void* info) {
     if (error != ERROR_SUCCESS || ChangeServiceConfig2W(service, level, info) != FALSE) return;
-    // Only the emulator lacks a level.
+    // Windows supports every level, but the emulator does not.
     if (const DWORD refusal = GetLastError(); refusal == ERROR_INVALID_LEVEL) {
       unknown.emplace_back(what);
     } else {
@@ -173,7 +174,7 @@ DWORD Configure(SC_HANDLE service, bool delays, std::vector<std::string>& unknow
   failure.cActions = static_cast<DWORD>(std::size(actions));
   failure.lpsaActions = actions;
   set("failure actions", SERVICE_CONFIG_FAILURE_ACTIONS, &failure);
-  // Also if the service stops with an error, not only if it crashes.
+  // Take the actions even if the service stops with an error, not only if it crashes.
   SERVICE_FAILURE_ACTIONS_FLAG always{TRUE};
   set("failure actions after an error", SERVICE_CONFIG_FAILURE_ACTIONS_FLAG, &always);
   SERVICE_SID_INFO sid{SERVICE_SID_TYPE_UNRESTRICTED};
@@ -188,7 +189,8 @@ DWORD Configure(SC_HANDLE service, bool delays, std::vector<std::string>& unknow
   return error;
 }
 
-// Reads the options of an earlier version, which kept them in the service's command line.
+// Reads the options of a service installed by an earlier version, which kept them in the service's
+// command line.
 void AddEarlierOptions(const wchar_t* image, ServiceHost::ServiceOptions& options) {
   int count = 0;
   const std::unique_ptr<wchar_t*, decltype(&LocalFree)> words(CommandLineToArgvW(image, &count),

@@ -30,7 +30,7 @@ std::wstring ImagePath(const ServicePlan& plan);
 // with its terminator, and one more null at the end.
 std::wstring RequiredPrivileges();
 
-// What the service manager knows about a service, with Windows' values.
+// The service manager's information about a service, as Windows' values.
 struct ServiceReport {
   std::uint32_t state = 0;    // SERVICE_RUNNING etc.
   std::uint32_t process = 0;  // 0 unless running
@@ -47,7 +47,8 @@ struct ServiceHandleCloser {
 };
 using UniqueServiceHandle = std::unique_ptr<void, ServiceHandleCloser>;
 
-// This machine's service manager. One thread. Every function throws std::runtime_error with advice.
+// This machine's service manager. Use from one thread. Every function throws std::runtime_error
+// with advice.
 class ServiceManager {
  public:
   // Registers a LocalSystem service in its own process, with failure actions, a service SID and
@@ -58,12 +59,12 @@ class ServiceManager {
   // this system does not support. Windows supports all.
   std::vector<std::string> Install(const ServicePlan& plan);
 
-  // Start the service, or ask it to stop, and wait until it has, and on a stop until its process is
-  // gone. Return immediately if it is already in that state.
+  // Start or stop the service, and wait until it is running or its process has ended. Return
+  // immediately if the service is already in that state.
   void Start(const std::wstring& name);
   void Stop(const std::wstring& name);
 
-  // Removes a service. Refuses one that runs, or marks it for removal as soon as it ends.
+  // Removes a service. Refuses a running service, or marks it for removal when it ends.
   enum class Running { Refused, Marked };
   void Remove(const std::wstring& name, Running running = Running::Refused);
 

@@ -17,7 +17,8 @@ enum class ShownValues { All, Exported };  // Exported: only this module's
 // number of values omitted. Throws std::runtime_error if the store cannot be read.
 Json::WideDocument StoreContent(const StoreLook& look, ShownValues shown, std::size_t& left);
 
-// Returns the kind that has this name in that output, or an unknown kind if none does.
+// Returns the kind that has this name in the output of StoreContent, or an unknown kind if none
+// does.
 Tessel::Server::Storage::BsonKind KindNamed(const std::wstring& name);
 
 // Returns a string, Boolean or integer as an element of `kind`, or nothing if it is another kind.

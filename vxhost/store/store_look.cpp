@@ -44,7 +44,7 @@ StoreVerdict DiagnoseContent(const SealedFile::Reading& reading) {
   if (reading.cutShort) {
     return {"cut short", "cut short: " + size + ", where the header alone has 72"};
   }
-  // A store that was once replaced keeps the header that it had, whatever that was.
+  // A readable store may have any header, because a store that is replaced keeps its header.
   if (!reading.document && !reading.id.empty() && !IsUuid(reading.id)) {
     return {"foreign",
             "not a store: its first 72 bytes are not an identity, so another program "

@@ -16,7 +16,7 @@ struct StoreLook {
   std::vector<std::wstring> siblings;  // full paths of the files next to it
 };
 
-// Reads the store while holding it. Throws as StoreHold does.
+// Reads the store while holding it. Throws like StoreHold.
 StoreLook LookAtStore(const HoldLimits& limits = {});
 
 // Returns the store's document, or an empty one if the store is empty. Throws std::runtime_error
@@ -36,7 +36,8 @@ struct StoreVerdict {
 enum class Owner { Trusted, Any };  // who may own the file
 StoreVerdict Diagnose(const StoreLook& look, Owner owner = Owner::Trusted);
 
-// As Diagnose, but also checks the lists: "list broken" if the module could not read one.
+// Like Diagnose, but also checks the subscription lists: the state is "list broken" if the module
+// could not read one.
 StoreVerdict DiagnoseWithLists(const StoreLook& look, Owner owner = Owner::Trusted);
 
 // Reads a copy of the store's file at `path`.

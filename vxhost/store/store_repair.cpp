@@ -90,7 +90,8 @@ void RequireStore(const StoreLook& look) {
   SubscriptionsIn(*look.reading.document);
 }
 
-// Copies the store, in whatever state, next to itself. Returns the copy's path.
+// Copies the store, even a damaged one, next to itself. Returns the copy's path, or an empty string
+// if there is no store.
 std::wstring Keep(const StoreLook& look) {
   const StoreState state = look.reading.state;
   if (state == StoreState::Missing) return {};

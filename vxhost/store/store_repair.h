@@ -18,11 +18,11 @@ void BackUpStore(const std::wstring& path, const HoldLimits& limits);
 std::wstring RestoreStore(const std::wstring& path, const HoldLimits& limits);
 
 // Imports exported values, in the form of "store show", into the store. Rejects all if one is not
-// this module's or has the wrong type. Returns as RestoreStore does.
+// this module's or has the wrong type. Returns the same as RestoreStore.
 std::wstring ImportValues(const Json::WideValue& exported, const HoldLimits& limits);
 
 // Returns whether a stored value belongs to this module: member `key` of document `document`, or of
-// the top level if that is empty. Other services may keep secrets in the store.
+// the top level if `document` is empty. Other services may keep secrets in the store.
 bool IsExported(const std::string& document, const std::string& key);
 
 }  // namespace Vx::Hosting::Tool

@@ -11,8 +11,8 @@ namespace Vx::Hosting::Tool {
 // subscription that will never run.
 bool WasDone(const CommandResult& answer);
 
-// Returns what became of command `id`, such as "stored" or "nothing removed". Empty if the module
-// answered with an error code or recorded no decision.
+// Returns the outcome of command `id`, such as "stored" or "nothing removed". Returns an empty
+// string if the module answered with an error code or recorded no decision.
 std::string VerdictOf(std::uint32_t id, const CommandResult& answer);
 
 }  // namespace Vx::Hosting::Tool

@@ -65,7 +65,7 @@ std::wstring Shown(const WideValue& value) {
   return Shortened(Json::JsonText(value));
 }
 
-// Checks one request. Members are taken in order, which the findings keep.
+// Checks one request. Takes its members in order, so the findings are in the same order.
 class Checker {
  public:
   Checker(Tessel::Security::KeySet pinned, SubscriptionCheck& result)
@@ -105,7 +105,8 @@ class Checker {
     Leftovers(level);
   }
 
-  // The module's own reader decides. It stops at the first fault, so use it only if none was found.
+  // The module's own reader decides. It stops at the first fault, so use it only if no fault was
+  // found.
   void AskModule(const std::wstring& text) {
     if (!readable) return;
     try {
@@ -143,7 +144,7 @@ class Checker {
     for (const SubscriptionForm* form : kSubscriptionForms) {
       if (FindMember(request, form->event) != nullptr) return form;
     }
-    // The faults of the likely kind help more than a list of all kinds.
+    // The faults of the kind that was probably meant help more than a list of all kinds.
     for (const SubscriptionForm* form : kSubscriptionForms) {
       for (auto member = request.MemberBegin(); member < request.MemberEnd(); ++member) {
         const std::wstring name = TextOf(member->name);
@@ -158,7 +159,7 @@ class Checker {
     return nullptr;
   }
 
-  // Returns the member if present and of this shape. Otherwise adds the reason to the list.
+  // Returns the member if present and of this shape. Otherwise adds a finding.
   const WideValue* Take(Level& level, const std::wstring& name, const Shape& shape, Need need) {
     level.asked.insert(name);
     const std::wstring key = level.prefix + name;
@@ -200,7 +201,7 @@ class Checker {
     if (need == Need::Required) Never(key, L"", L"", L"is missing");
   }
 
-  // Reports members that the module does not read. A payload's members are the app's.
+  // Reports members that the module does not read. A payload's members belong to the app.
   void Leftovers(const Level& level) {
     std::set<std::wstring> seen;
     for (auto member = level.object.MemberBegin(); member < level.object.MemberEnd(); ++member) {

@@ -25,7 +25,7 @@ struct Finding {
   std::wstring text;
 };
 
-// Findings in the order of the request. Each fault is listed where it is caused, once.
+// Findings in the order of the request. Each fault is listed once, at its cause.
 struct SubscriptionCheck {
   std::vector<Finding> findings;
   bool Runs() const;
