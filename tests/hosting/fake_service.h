@@ -5,8 +5,8 @@
 
 namespace Vx::Hosting {
 
-// Counts the objects that it has given to its host and not yet received back, and calls `onUse` in
-// each call that can use the store.
+// Counts the objects that the host has not yet returned, and calls `onUse` in each call that can
+// use the store.
 class FakeService final : public Tessel::Server::Services::VxService {
  public:
   using ClientContext = Tessel::Server::Services::ClientContext;

@@ -30,7 +30,7 @@ TEST(NeedsServicesMutexTest, OutsideTheServicesSessionForTheMachinesStore) {
   }
 }
 
-// The store of a machine, which this process takes for the real one.
+// A private store that this process takes for the machine's.
 class ServicesMutexTest : public ::testing::Test {
  protected:
   Tests::PrivateStore store;
