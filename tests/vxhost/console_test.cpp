@@ -22,7 +22,7 @@ BOOL WINAPI Register(PHANDLER_ROUTINE routine, BOOL add) {
   return TRUE;
 }
 
-// Windows ends the process as soon as the handler returns for a console that closes.
+// When a console closes, Windows ends the process as soon as the handler returns.
 TEST(StopRequestTest, AClosingConsoleWaitsForTheOrderlyEndAndCtrlCDoesNot) {
   const Tests::ImportOverride windows(__imp_SetConsoleCtrlHandler, &Register);
   for (const DWORD kind :

@@ -70,7 +70,7 @@ class ExplanationTest : public Tests::StoreTest {
     return last;
   }
 
-  // The seconds after `since` at which something happened on the machine, or -1.
+  // Returns how many seconds after `since` the machine did this, or -1 if it did not.
   long HappenedAfter(Simulator::VirtualClock::Duration since, const std::wstring& text) const {
     for (const std::wstring& line : machine.timeline.Lines()) {
       if (line.find(text) == line.npos) continue;
@@ -91,7 +91,7 @@ TEST_F(ExplanationTest, SaysOfTenSubscriptionsWhatThenHappensAndChangesNothing) 
     std::wstring text;
     Fate fate;
     std::wstring record;
-    std::wstring trace;  // what shows on the machine if it runs
+    std::wstring trace;  // what the machine does if it runs
     int wait = 0;
   } rows[] = {
       {Launch(pinned, LR"(,"arguments":"one")"), Fate::Runs, L"power 18 ran",

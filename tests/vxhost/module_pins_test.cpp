@@ -5,7 +5,7 @@
 namespace Vx::Hosting::Tool {
 namespace {
 
-// Which signatures it refuses is in trust_test.sh.
+// trust_test.sh tests which signatures are refused.
 TEST(OwnSignatureTest, RefusesAFileThatAnotherProcessKeepsItFromReading) {
   const std::wstring program = Tests::PkiFile(L"unsigned.exe");
   const auto held = Platform::AdoptFile(

@@ -62,7 +62,7 @@ TEST_F(StoreRepairTest, NamesWhatIsWrongWithAStoreAndRestoresOnlyASoundOne) {
       {"damaged", header + "garbage"},
       {"foreign", "SQLite format 3" + std::string(200, 'x')},
       {"sound", original},
-      {"sound", header},  // but without values
+      {"sound", header},  // without values
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.state + ", " + std::to_string(c.bytes.size()) + " bytes");
@@ -112,7 +112,7 @@ TEST_F(StoreRepairTest, KeepsWhatItReplaces) {
 
 TEST_F(StoreRepairTest, LeavesTheStoreWhereItCannotBeReplaced) {
   BackUpStore(copy, {});
-  // The first file keeps the store, the second one is the new store.
+  // The first file created is the copy that is kept, the second one is the new store.
   for (const auto& [call, skip] : {std::pair("Files.Create", 0U),
                                    {"Files.Create", 1U},
                                    {"FileHandle.Write", 0U},
@@ -125,12 +125,13 @@ TEST_F(StoreRepairTest, LeavesTheStoreWhereItCannotBeReplaced) {
     EXPECT_EQ(machine.faults.Unused(), "");
     machine.faults.Clear();
     EXPECT_EQ(Tests::ReadText(store.FilePath()), original);
-    // The module would take it for an interrupted write and complete it.
+    // The module would take such a file for an interrupted write and complete it.
     EXPECT_THAT(LookAtStore().siblings, Each(Not(EndsWith(L".new"))));
   }
 }
 
-// Another process could write the store between two steps, and the copy would lack its change.
+// Otherwise, another process could change the store between two steps, and the copy would lack that
+// change.
 TEST_F(StoreRepairTest, HoldsTheStoreThroughoutAndAnImportThatFailsHalfwayNamesTheCopy) {
   const SystemMutex ofAService(CapDataStore::kMutexName);
   BackUpStore(copy, {});
