@@ -25,7 +25,7 @@ TEST(EnvelopeTest, CarriesEveryTextUnchanged) {
   const auto refused = ParseResult(WriteResult({0, std::nullopt, L"refused", L"not_\"stored"}));
   EXPECT_EQ(refused->decision, L"refused");
   EXPECT_EQ(refused->reason, L"not_\"stored");
-  // A log line with an unpaired surrogate can be read back.
+  // An unpaired surrogate, as a log line may contain, is written as U+FFFD.
   EXPECT_EQ(ParseResult(WriteResult({0, L"a\xD83D"}))->text, L"a\xFFFD");
 }
 

@@ -30,7 +30,7 @@ BOOLEAN WINAPI Capabilities(SYSTEM_POWER_CAPABILITIES* all) {
   return isKnown;
 }
 
-// The console's display, as Windows reports it. The emulator never does.
+// A registration for the state of the console's display, which the emulator never reports.
 struct Recipient {
   ULONG(CALLBACK* callback)(void* context, ULONG code, void* setting);
   void* context;
@@ -56,7 +56,7 @@ void ReportDisplay(BYTE state, DWORD size = sizeof(DWORD)) {
   recipient->callback(recipient->context, PBT_POWERSETTINGCHANGE, setting);
 }
 
-// Takes the place of powrprof.dll's functions, which are looked up at each call.
+// Replaces powrprof.dll's functions, which are looked up at each call.
 decltype(&GetProcAddress) realAddress = nullptr;
 FARPROC WINAPI Address(HMODULE library, LPCSTR name) {
   const std::string_view sought = name;
@@ -98,8 +98,8 @@ bool HasEnteredCom() {
          how == APTTYPEQUALIFIER_NONE;
 }
 
-// Takes the place of CoInitializeSecurity for its life, in which it is called once. The emulator
-// accepts every call and ignores it, so that only the call itself can be looked at.
+// Replaces CoInitializeSecurity for the life of this object and expects one call. The emulator
+// ignores the call, so only its arguments can be checked.
 class SecurityWatch {
  public:
   explicit SecurityWatch(HRESULT answer) {
@@ -129,7 +129,8 @@ class SecurityWatch {
 
 class HostLoopTest : public ::testing::Test {
  protected:
-  // A thread of the module keeps it loaded until it has ended. No host may keep it for longer.
+  // The module's threads keep it loaded until they end. The host must not keep it loaded any
+  // longer.
   ~HostLoopTest() override { ExpectUnload(); }
 
   static void ExpectUnload() {
@@ -172,7 +173,7 @@ TEST_F(HostLoopTest, RunsCommandsAndForwardsCodes) {
   EXPECT_THAT(Logged(), HasSubstr(L"the module is stopped"));
 }
 
-// Without it, an app would see this process instead of the user as whom the module sends a message:
+// Without cloaking, an app would see this process instead of the user for whom the module sends:
 // https://learn.microsoft.com/windows/win32/com/cloaking
 TEST_F(HostLoopTest, ChoosesDynamicCloakingBeforeItLoadsTheModuleAndKeepsComEntered) {
   static constexpr wchar_t kLine[] =
@@ -232,7 +233,8 @@ TEST_F(HostLoopTest, TheDisplaySetsTheStandbyEventOnModernStandbyAlone) {
   EXPECT_THAT(Logged(), HasSubstr(L"ERROR : the standby event cannot follow the display, error 5"));
 }
 
-// The module hangs in one code. The last of each other code is kept, even 18, which ends standby.
+// The module is stuck in one code. The last of each later code is kept, even 18, which ends
+// standby.
 TEST_F(HostLoopTest, AFullQueueKeepsTheLastReportOfEachCodeAndWarnsOnce) {
   using enum CodeQueue::Kind;
   HostLoop host(Options(true), *log);
@@ -274,7 +276,8 @@ class SetupState final : public Platform::Oobe {
   std::atomic<bool> complete{false};
 };
 
-// Slot 8 reports a store that cannot be opened. With one it would keep the module for an hour.
+// Slot 8 logs that it cannot open the store. If it could, it would keep the module loaded for an
+// hour.
 TEST_F(HostLoopTest, CallsSlot8WhenSetupEnds) {
   SetupState setup;
   const Platform::MachineScope scope([&](Platform::Machine& machine) { machine.oobe = &setup; });
@@ -296,7 +299,7 @@ TEST_F(HostLoopTest, LogsTheModulesLinesWhoeverHasTheNamesOfDebugOutput) {
   EXPECT_THAT(Logged(), HasSubstr(L"Unsupported Function call 99"));
 }
 
-// As a build with the maker's logging library: another name takes the place of the export's.
+// Like a build with the maker's logging library, which has no such export: the test renames it.
 TEST_F(HostLoopTest, ServesAModuleWithoutASinkWithOneWarning) {
   const Tests::TempFolder folder;
   const auto path = folder.Path() / L"OrvaneService.dll";

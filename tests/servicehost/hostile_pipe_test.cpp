@@ -15,8 +15,8 @@ std::wstring TestPath() {
   return PipePath(L"hostile-" + std::to_wstring(GetCurrentProcessId()));
 }
 
-// A message of the kinds that have gone wrong elsewhere: sizes around those of the pipe's pieces,
-// and bytes altered, removed, duplicated or inserted at random.
+// Returns a message that could confuse a server: of a size close to the pipe's read size or a
+// multiple of it, or with bytes altered, removed, duplicated or inserted at random.
 std::string HostileMessage(std::mt19937& random) {
   const auto below = [&random](std::size_t limit) { return random() % limit; };
   static constexpr std::size_t kSizes[] = {1, 16383, 16384, 16385, 65535, 65536, 65537, 200000};
@@ -49,8 +49,8 @@ std::string HostileMessage(std::mt19937& random) {
   return message;
 }
 
-// A server that returns each request: whatever arrives is either a command, whose result is exactly
-// known, or the end of that one connection.
+// The server returns each request, so each message must either be a command, whose result is known
+// exactly, or end its own connection.
 TEST(HostilePipeTest, AMessageIsACommandOrTheEndOfItsConnection) {
   const std::uint32_t seed = Setting("VX_SEED", 17);
   std::mt19937 random(seed);

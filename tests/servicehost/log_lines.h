@@ -5,7 +5,7 @@
 
 namespace Vx::Hosting::ServiceHost {
 
-// What a ServiceLog writes, each line as "LEVEL caller: message". Any thread.
+// Collects the entries that a ServiceLog writes, as lines "LEVEL caller: message". Any thread.
 class LogLines {
  public:
   std::vector<LogTarget> Targets() {

@@ -4,7 +4,7 @@
 
 namespace Vx::Hosting::ServiceHost {
 
-// A client of the pipe that writes what it likes.
+// Opens the pipe as a client that can write anything.
 inline Platform::UniqueHandle OpenPipe(const std::wstring& path, DWORD flags = 0) {
   Platform::UniqueHandle pipe;
   EXPECT_TRUE(Tests::Eventually([&] {

@@ -26,7 +26,7 @@ namespace {
 
 enum class Missing { Nothing, Thread, Memory, MemoryAfterwards };
 
-// Threads of the system, which take memory from the thread that starts them.
+// Starts real threads. The next start can fail, or memory can run out before or after it.
 class ScarceThreads final : public Platform::Threads {
  public:
   Platform::Result<Platform::UniqueHandle> Start(std::function<void()> body) override {
@@ -42,7 +42,8 @@ class ScarceThreads final : public Platform::Threads {
   std::optional<Tests::MemoryShortage> shortage;  // ends with the next report
 };
 
-// A server that returns each request, numbered by its id, and holds id 1 back until it is released.
+// A server that returns each request with its ID as the result code, and holds ID 1 back until
+// `release` is set.
 class PipeTest : public ::testing::Test {
  protected:
   void Serve(std::vector<std::wstring> allowed = {}) {
@@ -66,7 +67,8 @@ class PipeTest : public ::testing::Test {
           if (command.id == 2) return CommandResult{2, std::wstring(1'000'000, L'x')};
           if (command.id == 3) return CommandResult{3, std::wstring(kLongestResult / 6, L'\1')};
           if (command.id == 4) {
-            // The runtime allocates what it needs per thread at the first exception, unchecked.
+            // On a thread's first exception, the runtime allocates memory without checking for
+            // failure.
             EXPECT_THROW(throw 0, int);
             threads.shortage.emplace(Tests::Shortage::Lasting, 0);
           }
@@ -89,7 +91,7 @@ class PipeTest : public ::testing::Test {
                      nullptr) != FALSE;
   }
 
-  // Reads up to `most` bytes, and returns the error.
+  // Reads up to `most` bytes. Returns the error.
   static DWORD Read(const Platform::UniqueHandle& pipe, DWORD most = 10) {
     std::string part(most, '\0');
     DWORD size = 0;
@@ -136,7 +138,7 @@ TEST_F(PipeTest, AnswersEachClientWhileTheCommandOfAnotherOneRuns) {
   slow.Join();
 }
 
-// The host destroys the module's object after it.
+// The host destroys the module's object after the server.
 TEST_F(PipeTest, ItsEndWaitsForTheCommandThatRuns) {
   Serve();
   const auto pipe = RawClient();
@@ -177,7 +179,7 @@ TEST_F(PipeTest, AHostileClientCostsTheOthersNothing) {
   SetEvent(release.get());
   const auto silent = RawClient();
   const auto deaf = RawClient();
-  EXPECT_TRUE(Send(deaf, WriteCommand({2, L""})));  // its result is larger than the pipe
+  EXPECT_TRUE(Send(deaf, WriteCommand({2, L""})));  // the result is larger than the pipe
   EXPECT_TRUE(IsReported(L"WARNING a client was disconnected, it did not read its result: "));
   EXPECT_TRUE(IsReported(L"WARNING a client was disconnected, its message is not a command: "));
   std::vector<std::unique_ptr<Tool::PipeClient>> crowd;
@@ -288,7 +290,7 @@ TEST_F(PipeTest, NobodyKeepsAdministratorsOrOtherAccountsOut) {
     caller.privileged = next.privileged;
     return caller;
   };
-  Serve();  // eight places, of which four are reserved, and three for an account
+  Serve();  // eight places: four are reserved, and an account gets three
   std::vector<Platform::UniqueHandle> crowd;
   const auto isServed = [&](const Account& account) {
     next = account;
@@ -337,7 +339,7 @@ const decltype(&CreateNamedPipeW) realCreateNamedPipe = __imp_CreateNamedPipeW;
 
 HANDLE WINAPI RefuseInstances(const wchar_t* name, DWORD mode, DWORD type, DWORD most, DWORD out,
                               DWORD in, DWORD wait, SECURITY_ATTRIBUTES* security) {
-  // As Windows answers a first instance while others exist; the emulator does not.
+  // Windows, unlike the emulator, refuses a first instance while others exist.
   const bool own = (mode & FILE_FLAG_FIRST_PIPE_INSTANCE) != 0 &&
                    (WaitNamedPipeW(name, 1) != FALSE || GetLastError() != ERROR_FILE_NOT_FOUND);
   if (own || refusedInstances > 0) {
@@ -368,7 +370,7 @@ BOOL WINAPI ReportClient(HANDLE, ULONG* processId) {
   return TRUE;
 }
 
-// A process may pass its end on and end, and another one start with its id.
+// A process may pass its end of the pipe on and end, and another one may then get its ID.
 TEST_F(PipeTest, AClientStaysTheProcessThatConnectedEvenIfItWaitsAndEnds) {
   std::atomic<int> identified{0};
   identify = [&](std::uint32_t id) {
@@ -423,7 +425,8 @@ TEST_F(PipeTest, ASilentClientIsDisconnected) {
 }
 
 TEST_F(PipeTest, ATakenNameIsOneErrorAndARetry) {
-  // The emulator knows no first instance, but admits no second one beyond the limit of the first.
+  // The emulator ignores the flag for a first instance, but enforces the limit that the first one
+  // set.
   auto squatter = Platform::AdoptFile(CreateNamedPipeW(path.c_str(), PIPE_ACCESS_INBOUND,
                                                        PIPE_TYPE_MESSAGE, 1, 64, 64, 0, nullptr));
   ASSERT_NE(squatter, nullptr);

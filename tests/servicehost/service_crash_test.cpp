@@ -1,5 +1,5 @@
-// Kills the installed service in the middle of commands and store writes, and looks for what it had
-// acknowledged. Uses the machine's store, so no other test may run meanwhile.
+// Kills the installed service in the middle of commands and store writes, and checks that nothing
+// acknowledged is lost. Uses the machine's store, so no other test may run at the same time.
 
 #include "platform/files.h"
 #include "platform/thread.h"
@@ -39,7 +39,7 @@ class ServiceCrashTest : public ::testing::Test {
         OpenProcess(PROCESS_TERMINATE | SYNCHRONIZE, FALSE, Tool::ProcessOfService(name)));
   }
 
-  // Whether a write is under way, or was when the service was killed.
+  // Returns whether a write is in progress, or was when the service was killed.
   bool Writing() const {
     const auto siblings = Platform::CurrentMachine().files->Siblings(store);
     return siblings && !siblings->empty();

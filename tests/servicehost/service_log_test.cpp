@@ -93,7 +93,7 @@ TEST(LogFolderTest, LeavesAFileThatAnotherProcessWritesToIt) {
   EXPECT_EQ(Tests::ReadText(folder.Path() / "A-20240101-0002.log"), JsonLineOf(entry));
 }
 
-// A disk that is full after half of the next write, whatever Windows returns for it.
+// Simulates a disk that becomes full halfway through each write, which returns `partlyWritten`.
 const auto writeAll = __imp_WriteFile;
 BOOL partlyWritten = FALSE;
 BOOL WINAPI WriteHalf(HANDLE file, const void* bytes, DWORD size, DWORD* count, OVERLAPPED* late) {
@@ -143,7 +143,7 @@ LogTarget KeepIn(std::vector<std::wstring>& messages, const bool* works = nullpt
   };
 }
 
-// Holds every record back until it is opened.
+// Holds every entry back until `open` is set.
 struct Gate {
   LogTarget Before(const LogTarget& target) const {
     return [this, target](const LogEntry& entry) {

@@ -51,8 +51,8 @@ TEST(GuardedFolderTest, AnyAccountBesidesTheSystemsThatMayWriteIsFound) {
   }
 }
 
-// Takes the place of Windows: something happens before the first access list is read, which then
-// names another owner or is another one.
+// Replaces GetSecurityInfo. The next call first runs `beforeFirst`, and returns `firstOwner` and
+// `firstList` instead if they are set.
 std::function<void()> beforeFirst;
 PSID firstOwner = nullptr;
 PACL firstList = nullptr;
@@ -153,7 +153,7 @@ TEST(ServicePlanTest, ItsCommandLineIsQuotedAndItsNameCannotBreakOut) {
   EXPECT_TRUE(IsServiceName(std::wstring(64, L'a')));
 }
 
-// Take the place of Windows, which refuses one setting of a service, or the source of its events.
+// Replace Windows' functions, to refuse one setting of a service or its event source.
 DWORD refusedLevel = 0;
 BOOL restartsAfterErrors = FALSE;
 BOOL WINAPI Change(SC_HANDLE /*service*/, DWORD level, void* info) {
@@ -205,7 +205,7 @@ BOOL WINAPI SetAccess(SC_HANDLE, SECURITY_INFORMATION what, PSECURITY_DESCRIPTOR
   return TRUE;
 }
 
-// A service as an earlier version installed it, with the options in its command line.
+// A service as an earlier version installed it, with its options in the command line.
 TEST(ServiceManagerTest, ReplacingMovesTheOptionsFromTheCommandLineToTheParameters) {
   const std::wstring name = L"VxOlder" + std::to_wstring(GetCurrentProcessId());
   const Tool::UniqueServiceHandle windows(
@@ -241,7 +241,7 @@ TEST(ServiceManagerTest, ReplacingMovesTheOptionsFromTheCommandLineToTheParamete
   older.reset();
   const Tests::ImportOverride access(__imp_SetServiceObjectSecurity, &SetAccess);
   manager.Install(plan);
-  // The list of a new service, as Windows documents it.
+  // The access list of a new service, as Windows documents it.
   EXPECT_EQ(newAccess,
             L"O:BAD:(A;;CCLCSWRPWPDTLOCRRC;;;SY)(A;;CCDCLCSWRPWPDTLOCRSDRCWDWO;;;BA)"
             L"(A;;CCLCSWLOCRRC;;;IU)(A;;CCLCSWLOCRRC;;;SU)");
@@ -264,7 +264,7 @@ TEST(ServiceManagerTest, ReplacingMovesTheOptionsFromTheCommandLineToTheParamete
   manager.Remove(name);
 }
 
-// A client may have the module start the program as SYSTEM, with any arguments.
+// A client can have the module start the program as SYSTEM, with any arguments.
 TEST(OrvaneHostTest, DoesNothingUnlessTheServiceManagerStartedItForAName) {
   const struct {
     const wchar_t* arguments;
@@ -284,7 +284,7 @@ TEST(OrvaneHostTest, DoesNothingUnlessTheServiceManagerStartedItForAName) {
   }
 }
 
-// The service as the manager runs it, with the module as it ships and a store of its own.
+// The service as the service manager runs it, with the shipped module and its own store.
 class ServiceProcessTest : public ::testing::Test {
  protected:
   void Take(const ServiceStatus& state) {
@@ -301,8 +301,8 @@ class ServiceProcessTest : public ::testing::Test {
     return *service;
   }
 
-  // Runs the service, sends it the controls and then the last one, which stops it. Returns what its
-  // handler returned for each control but the last.
+  // Runs the service, sends `controls` and then `last`, which stops it. Returns the handler's
+  // results for `controls`.
   std::vector<std::uint32_t> RunWith(
       const std::vector<std::pair<std::uint32_t, std::uint32_t>>& controls, bool development,
       std::uint32_t last) {

@@ -1,5 +1,5 @@
-// Whether a host stays as large as it is over a day's events and commands. The variable VX_STEPS
-// sets how many codes, see scripts/soak.
+// Checks that a host does not grow over a day's events and commands. The variable VX_STEPS sets the
+// number of codes, see scripts/soak.
 
 #include "hosting/text.h"
 #include "platform/thread.h"
@@ -17,8 +17,8 @@ constexpr std::size_t kConnections = 50;
 constexpr std::size_t kHeapAllowance = std::size_t{64} * 1024;
 constexpr std::size_t kCommitAllowance = std::size_t{1} << 20;
 
-// How many handles this process has open. Counts them one by one: what leaks while many connections
-// are open has high values, which HandleGauge sees only in part.
+// Returns how many handles this process has open. Counts them one by one: those leaked while many
+// connections are open have high values, of which HandleGauge sees only a part.
 std::size_t OpenHandles() {
   constexpr std::uintptr_t kBeyond = 0x8000;
   std::size_t open = 0;
@@ -32,8 +32,8 @@ std::size_t OpenHandles() {
 
 class ServiceSoakTest : public ::testing::Test {
  protected:
-  // Codes of power and of sessions, and a command per ten codes over
-  // connections of their own, some of which a client breaks off in the middle.
+  // Sends power and session codes, and one command per ten codes over separate connections. Then
+  // some clients break off in the middle of an exchange.
   void LiveThrough(std::size_t codes) {
     std::vector<Platform::Thread> clients;
     const std::size_t each = codes / 10 / kConnections;
