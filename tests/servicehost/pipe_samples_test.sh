@@ -1,6 +1,6 @@
 #!/bin/sh
-# pipe_samples_test.sh SAMPLES: the Python client makes the message that the pipe's test replays, and
-# refuses what no message can carry.
+# pipe_samples_test.sh SAMPLES: the Python client writes the message that pipe_test.cpp replays, and
+# rejects values that no message can carry.
 set -u
 samples=$1
 failures=0

@@ -1,6 +1,6 @@
 #!/bin/sh
-# service_test.sh VXHOST MODULE EMULATOR PREFIX: a life of the service under the emulator's service
-# manager, as an administrator drives it. Leaves no service and no data.
+# service_test.sh VXHOST MODULE EMULATOR PREFIX: installs, runs and removes the service under the
+# emulator's service manager, as an administrator would. Leaves no service and no data.
 set -u
 vxhost=$1 module=$2
 shift 2
@@ -16,7 +16,7 @@ cleanup() {
 }
 trap cleanup EXIT
 
-# logged TEXT: a line of the log files has it within five seconds.
+# logged TEXT: waits up to five seconds until the log files contain TEXT.
 logged() {
   tries=0
   until grep -qsF -- "$1" "$data"/Logs/*.log; do
@@ -29,7 +29,7 @@ logged() {
   done
 }
 
-# The rights of a folder, which the emulator shows as an access list.
+# The emulator shows a folder's mode as an access list.
 mkdir "$place/open"
 cp "$module" "$place/open/"
 chmod 777 "$place/open"
@@ -42,7 +42,7 @@ expect 2 'only administrators write to' --dll "$open" \
 expect 2 "a service's name has" service install --name 'a b' --development
 expect 2 'there is no account nobody at all (error 1332): ' service install --name "$name" --development \
   --allow 'nobody at all'
-# The maker of a link would choose where the store and the logs are.
+# The creator of a link would choose where the store and the logs are.
 for folder in "$data" "$data/SharedServices" "$data/Logs"; do
   rm -rf "$data"
   mkdir -p "$(dirname "$folder")" && ln -s "$work" "$folder"
@@ -70,14 +70,14 @@ for folder in "$data" "$data/Logs" "$data/SharedServices"; do
   fi
 done
 
-# A link can be made to lead elsewhere, so the service gets the place behind it.
+# A link can be redirected later, so the service is installed with the path that it leads to.
 ln -s "$place" "$place/link"
 expect 0 'is installed' --dll "C:\\Program Files\\$name\\link\\OrvaneService.dll" \
   service install --name "$name" --development --replace --start demand
 expect 1 "module:  C:\\Program Files\\$name\\OrvaneService.dll" service status --name "$name"
 
 expect 2 'does not run' exec 22 --service="$name"
-# Nothing that follows works without it.
+# The rest of the test needs a running service.
 if ! run service start --name "$name" >"$work/output" 2>&1; then
   why=$(sed -n 's/.*"message":"\(the service cannot run[^"]*\).*/; \1/p' "$data"/Logs/*.log 2>/dev/null)
   [ -n "$why" ] || why="; its log is empty, so restart the emulator: WINEPREFIX='$prefix' wineserver -k"
@@ -89,7 +89,7 @@ written='C:\\Program Files\\'$name
 expect 0 '"account":"LocalSystem","image":"\"'"$written"'\\OrvaneHost.exe\" '"$name"'","module":"'"$written"'\\OrvaneService.dll","allow":["S-1-5-32-546"],"development":true' \
   service status --name "$name" --json
 expect 0 '<- {"result":{"getVersion":' exec 22 --service="$name"
-# A client id of more than 64 characters would end the service.
+# The module terminates the service if a client ID is longer than 64 characters.
 client="$work/$(printf '%080d' 0).exe"
 cp "$vxhost" "$client"
 exits 0 "$emulator" "$prefix" "$client" exec 22 --service="$name"
@@ -129,7 +129,7 @@ mv "$place/OrvaneService.dll" "$work"
 expect 2 'the service cannot run: cannot load ' service start --name "$name"
 mv "$work/OrvaneService.dll" "$place"
 
-# A folder that is gone is made again, but not where another account could lead it elsewhere.
+# A missing folder is created again, but not where another account could redirect it.
 rm -rf "$data/Logs"
 expect 0 ' runs' service start --name "$name"
 logged '"message":"the service runs as process'
@@ -142,14 +142,14 @@ expect 0 'has stopped' service stop --name "$name"
 rm -rf "$data"
 mv "$work/data" "$data"
 
-# The subscription is there again after a restart.
+# The subscription is still there after a restart.
 expect 0 ' runs' service start --name "$name"
 expect 0 'none.exe' exec 20 --service="$name"
 expect 0 'is removed' service remove --name "$name" --force
 expect 0 'has stopped' service stop --name "$name"
 expect 1 'not installed' service status --name "$name"
 
-# A service that was not installed for development takes no events from users.
+# A service that was not installed for development accepts no events from users.
 plain='a code to the service'
 expect 2 "$plain" service send --name "$name" --power 7
 exit $((failures > 0))

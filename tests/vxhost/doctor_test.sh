@@ -1,5 +1,6 @@
 #!/bin/sh
-# doctor_test.sh VXHOST WORKER EMULATOR...: the examination changes nothing: not even the folders of the store are made.
+# doctor_test.sh VXHOST WORKER EMULATOR...: the doctor changes nothing and does not even create the
+# store's folders.
 set -u
 vxhost=$1 worker=$2
 shift 2
@@ -12,12 +13,12 @@ if ! grep -q 'do: create it at installation' "$work/output" ||
   fail "doctor does not report the missing folder, or makes one; it prints:" "$work/output"
 fi
 
-# examines TEXT: the examination of $work/data finds TEXT.
+# examines TEXT: the doctor finds TEXT in $work/data.
 examines() {
   exits 1 run_at "$work/data" doctor --timeout 1
   grep -q -e "$1" "$work/output" || fail "doctor does not find '$1'; it prints:" "$work/output"
 }
-# The account that runs the test made the folder, which "service install" would not accept.
+# This account created the folder, which "service install" would not accept.
 mkdir -p "$work/data/Vx/SharedServices"
 examines '-  folder: .* can be written by S-1-5-'
 printf 'x' >"$work/data/Vx/SharedServices/shared_store.dat"
@@ -29,7 +30,8 @@ examines '-  store: not read while its mutex is taken'
 rm "$held"
 wait
 
-# Each stored subscription, judged by what it would run, and what "store restore" leaves.
+# Each stored subscription is judged by what it would run. A copy kept by "store restore" is not a
+# finding.
 rm "$work/data/Vx/SharedServices/shared_store.dat"
 for target in '"eventAction":1,"commandParams":{"path":"C:\\Missing\\a.exe"' \
   '"eventAction":2,"commandParams":{"packageFamilyName":"f","appServiceName":"s","payload":{"customTriggerGUID":"{01234567-89ab-cdef-0123-456789abcdef}"}'; do
@@ -47,7 +49,7 @@ expect 2 'is missing or has no version' --dll missing.dll doctor
 expect 1 '+  first-run set-up: complete' --simulate doctor
 expect 1 '{"check":"logon process","health":"ok"' --simulate doctor --json
 
-# The service: what Windows knows of it, whether its pipe answers, and what its log says.
+# The service: its state in Windows, whether its pipe answers, and what its log says.
 examines '-  service: OrvaneService is not installed'
 install_tool VxDoctor "$(dirname "$vxhost")/OrvaneService.dll"
 name=VxDoctor$$

@@ -1,14 +1,14 @@
 #!/bin/sh
-# examples_test.sh ROOT BUILD EMULATOR PREFIX: runs the commands that the pages print. The words after the language of a
-# fenced block say what the test does with it:
-#   example           run as printed: "bat" by the emulator's cmd in C:\Program Files\Maker, "sh" in a folder like the
-#                     sources'. Both paths have a space, and each command has to succeed
-#   output            the example before it prints these lines, in this order; "..." stands for anything
-#   file NAME         what a later example reads
+# examples_test.sh ROOT BUILD EMULATOR PREFIX: runs the commands on the documentation pages. The words
+# after the language of a fenced block say how the test uses it:
+#   example           run as printed: "bat" by the emulator's cmd in C:\Program Files\Maker, "sh" in a
+#                     folder laid out like the sources. Both paths have a space, and each command must succeed
+#   output            lines that the example before it prints, in order; "..." stands for anything
+#   file NAME         a file that a later example reads
 #   story             run by stories_test.sh
 #   not-here: REASON  not run
-# A block of commands without such words fails. The service runs, with the keys of the test authority, and
-# Tool.exe and SIGNED.exe are signed with one of them.
+# A block of commands without such words fails the test. The service runs and trusts the keys of the
+# test authority. Tool.exe and SIGNED.exe are signed with one of them.
 set -u
 root=$1 build=$2 vxhost=$2/bin/vxhost.exe
 shift 2
@@ -30,7 +30,7 @@ cp "$pki/pinned.exe" "$place/SIGNED.exe"
 cp "$build/tests/probe.exe" "$place/winlogon.exe"
 exits 0 run service install --development --start demand --repair
 exits 0 run service start
-# The program whose session and token a subscribed one gets.
+# A program started for a subscription gets the session and token of this one.
 "$emulator" "$prefix" "$place/winlogon.exe" 'C:\Program Files\Maker\winlogon.out' wait:OrvaneService >/dev/null 2>&1 &
 logon=$!
 sources="$work/the sources"
@@ -38,14 +38,14 @@ mkdir -p "$sources/build"
 ln -s "$root/cmake" "$root/vxhost" "$sources"
 ln -s "$build" "$sources/build/release"
 
-# Splits the pages into $work/NUMBER.block, the first line of which is PAGE:LINE INFO.
+# Splits the pages into $work/NUMBER.block files, each starting with the line PAGE:LINE INFO.
 (cd "$root" && awk -v work="$work" '
   FNR == 1 { inside = 0 }
   /^ *```/ && inside { inside = 0; close(file); next }
   /^ *```/ { inside = 1; file = sprintf("%s/%03d.block", work, ++n); sub(/^ *```/, ""); print FILENAME ":" FNR " " $0 > file; next }
   inside { print > file }' README.md packaging/README.md CONTRIBUTING.md ARCHITECTURE.md docs/*.md)
 
-# delivered: waits until the log has the end of a delivery, which follows its event.
+# delivered: waits until the log contains the end of a delivery, which comes after its event.
 delivered() {
   for _ in $(seq 50); do
     grep -qs '"kind":"power","decision":"[^w]' "$data"/Logs/*.log && return
@@ -53,7 +53,7 @@ delivered() {
   done
 }
 
-# prints LINES OUTPUT: the output has the lines, in this order.
+# prints LINES OUTPUT: the output contains the lines, in this order.
 prints() {
   awk 'NR == FNR { want[++n] = $0; next }
     function fits(line, text, pieces, i, at) {

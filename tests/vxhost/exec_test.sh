@@ -1,5 +1,6 @@
 #!/bin/sh
-# exec_test.sh VXHOST MODULE EMULATOR...: commands to the module, and what is wrong with a command line.
+# exec_test.sh VXHOST MODULE EMULATOR...: runs commands in the module, and tests command-line
+# errors.
 set -u
 vxhost=$1 module=$2
 shift 2
@@ -14,7 +15,7 @@ printf '\377\376{\0"\0\032\001"\0:\0001\0}\0' > "$work/utf16"
 expect 0 '-> 22 {"Ě":1}' --simulate exec 22 @- < "$work/utf16"
 expect 0 "$(printf '\033[2m')" --simulate --color always exec 22
 
-# What a script reads of exec is one line, whatever the module logs.
+# On standard output, exec writes one line for scripts, whatever the module logs.
 run --simulate exec 99 --json > "$work/raw" 2> "$work/errors"
 if [ $? != 1 ] || [ "$(tr -d '\r' < "$work/raw")" != \
   '{"id":99,"code":"0x20000001","meaning":"no such command","answer":{},"decision":"refused","reason":"unknown_command"}' ] ||
@@ -22,9 +23,9 @@ if [ $? != 1 ] || [ "$(tr -d '\r' < "$work/raw")" != \
   fail "exec --json mixes its result with the log:" "$work/raw" "$work/errors"
 fi
 
-# The command-line library prints the help. The paths of nested commands are this project's.
+# The command-line library prints the help, but the names of nested commands come from the tool.
 expect 0 'Usage: vxhost store restore' store restore --help
-# The text of an error depends on the language of Windows, so that no program gets it.
+# Windows' text for an error depends on the language of Windows, so JSON output omits it.
 expect 2 '(error 126): ' --dll "$work/missing.dll" exec 22
 expect 2 '(error 126)","exitCode":2}' --dll "$work/missing.dll" exec 22 --json
 expect 0 'vxhost doctor '

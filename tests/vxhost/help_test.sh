@@ -1,19 +1,19 @@
 #!/bin/sh
-# help_test.sh VXHOST MODULE EMULATOR...: each subcommand accepts every option that its help shows. Of those that may
-# also precede it, it refuses the others.
+# help_test.sh VXHOST MODULE EMULATOR...: each subcommand accepts every option that its help shows,
+# and rejects those that may precede it but that its help does not show.
 set -u
 vxhost=$1
 shift 2
 . "$(dirname "$0")/../run_vxhost.sh"
 leading='--dll --private-store --simulate --store'
 
-# subcommands OF...: the names in its help.
+# subcommands OF...: prints the names of the subcommands in the help of OF.
 subcommands() {
   exits 0 run "$@" --help
   sed -n '/^Subcommands:/,/^$/s/^  \([a-z]\{1,\}\) .*/\1/p' "$work/output"
 }
 
-# accepts OPTIONS ARG...: a further option is the only one that the arguments ARG are refused for.
+# accepts OPTIONS ARG...: of the arguments ARG and an unknown option, only the latter is rejected.
 accepts() {
   options=$1
   shift
@@ -21,7 +21,7 @@ accepts() {
   grep -q 'not expected: --bogus\("\|$\)' "$work/output" || fail "$* is refused, but its help shows $options:" "$work/output"
 }
 
-# check COMMAND...: its options, each with its value and what the command needs.
+# check COMMAND...: passes each option with its value and the command's required arguments.
 # shellcheck disable=SC2086 # words
 check() {
   exits 0 run "$@" --help

@@ -1,9 +1,8 @@
 #!/bin/sh
-# history_test.sh FOLDER VXHOST EMULATOR...: reads every log of FOLDER and compares the rows with the
-# transcript beside it. service.log was written by a running service and watch.json by "watch --json", which
-# shows no records. rare.log holds records that need events of a real machine, a restart or a later version. In
-# quiet.log nothing is delivered.
-# RECORD=1 writes the transcripts instead.
+# history_test.sh FOLDER VXHOST EMULATOR...: reads every log in FOLDER and compares the rows with
+# the transcript next to it. A running service wrote service.log. "watch --json", which shows no
+# records, wrote watch.json. rare.log contains records that need events of a real machine, a restart
+# or a later version. quiet.log contains no delivery. RECORD=1 writes the transcripts instead.
 set -u
 folder=$1 vxhost=$2
 shift 2
@@ -15,17 +14,17 @@ for log in "$folder"/*.log "$folder"/*.json; do
   same "${log%.*}.txt" "$work/output"
 done
 
-# Windows PowerShell saves what is redirected as UTF-16.
+# Windows PowerShell saves redirected output as UTF-16.
 iconv -f UTF-8 -t UTF-16 "$folder/service.log" > "$work/service.log"
 exits 0 run --store "$store" history "$work/service.log" --utc
 cmp -s "$folder/service.txt" "$work/output" || fail "history does not read UTF-16:" "$work/output"
 
-# Every failed delivery, and nothing else, of one subscription since a time.
+# The filters leave only the failed deliveries of one subscription since a given time.
 expect 0 '"decision":"not sent","failed":true' --store "$store" history "$folder/service.log" --failed --json \
   --subscription "$(awk '/not sent/ { print $4; exit }' "$folder/service.txt")" --since 2026-11-26T05:38:30Z
 [ "$(wc -l < "$work/output")" = 1 ] || fail "the filters of history leave:" "$work/output"
 
-# Why nothing is delivered: the last line, with the arguments that follow it.
+# quiet WHY ARG...: with ARG, the last line says why nothing was delivered.
 quiet() {
   why=$1
   shift
@@ -42,7 +41,7 @@ quiet "nothing waited for the last event, power 18 at ${day}06:00:00.000Z: vxhos
   --since ${day}05:00Z --until ${day}06:05Z --subscription aaaaaaaa
 grep -q 'accepted: client ann (Tool.exe)' "$work/output" || fail 'the row lacks its program:' "$work/output"
 
-# Times are local, unless they name a zone. The log of a day has an event at its beginning and one at noon.
+# Times are local unless they name a zone. Each day's log has an event at its start and one at noon.
 india() { (export TZ='<+0530>-5:30' && run "$@"); }
 for day in yesterday today; do
   for time in '00:00' '12:00'; do
@@ -58,8 +57,8 @@ for case in 'yesterday:4' 'today:2' '12:00:1' '00:01:1' '--until yesterday:1'; d
   count=$(grep -c '^....-..-..T[01][02]:00:00.000+05:30 power 18 .* received' "$work/output")
   [ "$count" = "${case##*:}" ] || fail "history $arguments shows $count events:" "$work/output"
 done
-# A page shows the last day, and of a dense log as much as a browser shows at once.
-# draws COUNT FILE ARG...: the page of the file has so many entries, and less than 2 MB.
+# A page shows the last day and, for a dense log, only as much as a browser can show at once.
+# draws COUNT FILE ARG...: the page for the file has COUNT entries and is smaller than 2 MB.
 draws() {
   wanted=$1 file=$2
   shift 2
@@ -84,16 +83,17 @@ for wanted in '"decision":"accepted","tone":"good","subscription":"0a4a3c1f"' '"
 done
 expect 2 'needs the thread of each line' history "$folder/watch.json" --timeline "Z:$work/none.html"
 
-# A log that grows, and goes on in a second file: each row as it is recorded, and again when its delivery ends.
+# The log grows and continues in a second file. Each row is printed when it is recorded and again
+# when its delivery ends.
 logs=$work/grows
 mkdir "$logs"
 half=$(grep -n '"decision":"waiting".*"subscription":"faff689e"' "$folder/service.log" | cut -d: -f1)
 head -n "$half" "$folder/service.log" > "$logs/Vx-20261126-0001.log"
 touch "$work/rows"
-# Not by run, whose end would leave the emulator.
+# Does not use run, because ending run would not end the emulator.
 "$emulator" ${prefix:+"$prefix"} "$vxhost" --store "$store" history "$(windows "$logs")" --follow --utc > "$work/rows" 2>&1 &
 follower=$!
-# shows COUNT PATTERN: so many rows match within ten seconds.
+# shows COUNT PATTERN: waits up to ten seconds until COUNT rows match.
 shows() {
   for _ in $(seq 100); do
     [ "$(grep -c "$2" "$work/rows")" = "$1" ] && return
@@ -110,7 +110,7 @@ shows 1 ' platform 1 *0a4a3c1f .*ran: process 872'
 kill "$follower" 2> /dev/null
 expect 2 '--follow excludes --until' history "$logs" --follow --until today
 
-# The number of a stored subscription stands for its hash.
+# A stored subscription's number can be used instead of its hash.
 mkdir "$work/kept"
 printf '{"document":{"OrvaneServiceDocument":{"value":{"PackageCatalogEventSubscriptions":{"value":"[%s]"}}}}}' \
   '{\"packageFamilyName\":\"Maker.App_1\"}' > "$work/values"

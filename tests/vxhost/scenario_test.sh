@@ -1,8 +1,8 @@
 #!/bin/sh
-# scenario_test.sh FOLDER VXHOST MODULE SAMPLES EMULATOR...: what vxhost reports of scenarios. Those of SAMPLES meet
-# their expectations. FOLDER/faults/NAME.txt lists the faults of NAME.json, most of which is not even played.
-# FOLDER/reports holds a scenario whose expectations are not met, and its reports. RECORD=1 writes lists and
-# reports instead.
+# scenario_test.sh FOLDER VXHOST MODULE SAMPLES EMULATOR...: plays scenarios. Those in SAMPLES meet
+# their expectations. FOLDER/faults/NAME.txt lists the faults of NAME.json, which in most cases
+# prevent it from being played. FOLDER/reports contains a scenario that does not meet its
+# expectations, and its reports. RECORD=1 writes the lists and reports instead.
 set -u
 folder=$1 vxhost=$2 module=$3 samples=$4
 shift 4
@@ -12,12 +12,12 @@ need "$module"
 for sample in first_boot packages born_on_date consent; do
   expect 0 'Everything that was expected happened.' --simulate scenario "$samples/$sample.json"
 done
-# Two of its threads log at the same time, so it has no transcript.
+# Two threads of this scenario log at the same time, so it has no transcript.
 expect 0 'Everything that was expected happened.' --simulate scenario "$folder/switch_software.json"
 expect 0 'Everything that was expected happened.' --dll "$module" --private-store \
   scenario "$samples/every_command.json"
 
-# scenario NAME STEP...: writes a scenario of these steps.
+# scenario NAME STEP...: writes a scenario with these steps.
 scenario() {
   name=$1
   shift
@@ -35,12 +35,12 @@ done
 printf '{"steps": [' > "$work/broken.json"
 expect 2 'is not valid JSON: line 1, column 12: ' --simulate scenario "$work/broken.json"
 expect 2 'cannot read' --simulate scenario "$work/missing.json"
-# A worker may wait for longer than a day when the scenario ends.
+# When a scenario ends, a worker may still have to wait for more than a day.
 scenario long '{"install": {"family": "a", "fullName": "a_1", "user": "ann"}},
   {"uninstall": {"family": "a", "user": "ann", "seconds": 100000}}'
 expect 0 'Everything that was expected happened.' --simulate scenario "$work/long.json"
 
-# play CODE ARG...: runs vxhost in FOLDER and expects this exit code.
+# play CODE ARG...: runs vxhost in FOLDER and expects exit code CODE.
 play() {
   wanted=$1
   shift
@@ -49,7 +49,7 @@ play() {
   [ "$code" = "$wanted" ] || fail "vxhost $* exits with $code, wanted $wanted:" "$work/raw" "$work/errors"
 }
 
-# faults NAME OPTION...: the list of one scenario.
+# faults NAME OPTION...: compares the faults of a scenario with its list.
 faults() {
   name=$1
   shift
@@ -60,7 +60,7 @@ faults() {
 faults simulated --simulate --define place=here
 faults no_list --simulate
 faults real
-# Found when they are played: a refusal of a call that the module never makes.
+# Some faults are found only during play, such as a refusal of a call that the module never makes.
 faults never_made --simulate
 faults misspelt --simulate
 

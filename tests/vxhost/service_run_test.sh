@@ -1,6 +1,6 @@
 #!/bin/sh
-# service_run_test.sh VXHOST MODULE EMULATOR...: a service in a console replies over its pipe, and its log is in
-# the folder that was named.
+# service_run_test.sh VXHOST MODULE EMULATOR...: a service in a console answers over its pipe and
+# logs to the given folder.
 set -u
 vxhost=$1 module=$2
 shift 2

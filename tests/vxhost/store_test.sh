@@ -1,24 +1,24 @@
 #!/bin/sh
-# store_test.sh VXHOST MODULE EMULATOR...: the commands of store and subscriptions. Each part has a store of its
-# own.
+# store_test.sh VXHOST MODULE EMULATOR...: runs the commands of store and subscriptions. Each part
+# uses its own store.
 set -u
 vxhost=$1 module=$2
 shift 2
 . "$(dirname "$0")/../run_vxhost.sh"
 need "$module" "$with_data"
 
-# part NAME: what follows has an empty store.
+# part NAME: starts a part, with an empty store.
 part() {
   store=$work/$1
   mkdir "$store"
 }
-# kept CODE TEXT ARG...: expects this of a command that reads or writes the store itself.
+# kept CODE TEXT ARG...: like expect, for a command that accesses the store itself.
 kept() {
   kept_code=$1 kept_text=$2
   shift 2
   expect "$kept_code" "$kept_text" --store "$store" "$@"
 }
-# module CODE TEXT ARG...: expects this of a command that has the module change the store.
+# module CODE TEXT ARG...: like expect, for a command that has the module change the store.
 module() {
   module_code=$1 module_text=$2
   shift 2
@@ -29,7 +29,7 @@ subscribe() { # NUMBER: a subscription that can run
     --trigger "{01234567-89ab-cdef-0123-456789abcde$1}"
 }
 
-# Commands that only look make nothing.
+# Commands that only read create nothing.
 part empty
 kept 0 '(none is stored)' subscriptions
 kept 1 'there is no file' store verify
@@ -55,7 +55,7 @@ module 0 'removed: ' subscriptions remove 2
 module 0 'removed: ' subscriptions remove 1
 module 1 'not removed' subscriptions remove 1
 
-# A command that answers 0 says what became of its request.
+# If a command's code is 0, its output still shows the outcome of the request.
 part verdicts
 power='{"powerEventType":18,"eventAction":1,"commandParams":{"path":"C:\\windows\\none.exe"}}'
 printf '%s' "$power" | sed 's/,/, /g' > "$work/power.json"
@@ -67,7 +67,7 @@ module 1 'result 0x00000000 (stored, but never runs: ' exec 14 '{"zephraEventTyp
 module 1 'result 0x00000000 (nothing removed)' exec 19 '{}'
 module 0 'result 0x00000000 (taken back)' exec 19 "@$work/power.json"
 
-# An export leaves out what other services store. A backup is a copy of all.
+# An export omits the values of other services. A backup contains everything.
 part others
 printf '{"steps": [{"store": {"token": "a secret"}}]}' > "$work/others.json"
 module 0 'happened' scenario "$work/others.json"
@@ -88,7 +88,7 @@ kept 0 '   1  ' subscriptions
 kept 0 'a secret' store show
 kept 0 'sound' store verify
 
-# A text comes back from an export as it was, even if a terminal must not see it.
+# An exported text is imported unchanged, even if it is not safe to show in a terminal.
 part marks
 printf '{"zephraEventType":1,"eventAction":2,"commandParams":{"packageFamilyName":"a",
   "appServiceName":"b","payload":{"\342\200\217\302\205\177":1}}}' > "$work/marks.json"
@@ -98,15 +98,15 @@ run --store "$store" store export > "$work/export.json" 2> "$work/errors" ||
 kept 0 'is kept as' store import "$work/export.json"
 module 0 'taken back' exec 15 "@$work/marks.json"
 
-# A package subscription is removed from the store alone.
+# A package subscription is removed only from the store.
 part package
 printf '{"document":{"OrvaneServiceDocument":{"value":{"PackageCatalogEventSubscriptions":{"value":
   "[{\\"catalogEvent\\":5}]"}}}}}' > "$work/package.json"
 kept 0 '' store import "$work/package.json"
 module 0 'removed: ' subscriptions remove 1
 
-# A client's text neither forges a row of a table nor drives the terminal. The file that subscribed also
-# unsubscribes, whatever white space is in it.
+# A client's text cannot forge a row of a table or control the terminal. The file used to subscribe
+# can also be used to unsubscribe, whatever white space it contains.
 mkdir "$work/machine"
 forged='a\u001b[2J\u009b1m\u007f\u202e\r\nplatform 1    start    0 s    C:\\\\forged.exe'
 printf '{"powerEventType":7,"eventAction":2,"commandParams":{"packageFamilyName":"%s",

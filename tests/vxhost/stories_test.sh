@@ -1,14 +1,15 @@
 #!/bin/sh
-# stories_test.sh PAGE VXHOST MODULE UNPINNED EMULATOR PREFIX: plays the stories of PAGE, docs/operations.md. Puts the
-# machine into each state, runs the command of the story as the page has it and looks for the cause in its output. If
-# the row of the cause names a further command, runs that too. Leaves no service and no data.
+# stories_test.sh PAGE VXHOST MODULE UNPINNED EMULATOR PREFIX: plays the stories in PAGE,
+# docs/operations.md. Puts the machine into each state, runs the story's command as printed on the
+# page, and looks for the cause in its output. If the cause's row names another command, runs that
+# too. Leaves no service and no data.
 set -u
 page=$1 vxhost=$2 module=$3 unpinned=$4
 shift 4
 . "$(dirname "$0")/../run_vxhost.sh"
 need "$page" "$unpinned"
 install_tool VxStories "$module"
-cd "$place" || exit 1  # so that the files of the page can have their names
+cd "$place" || exit 1  # so that the page's file names can be used
 cp "$unpinned" FILE
 data="$prefix/drive_c/ProgramData/Vx" store="$prefix/drive_c/ProgramData/Vx/SharedServices/shared_store.dat"
 logs="$(dirname "$0")/history"
@@ -19,9 +20,9 @@ cleanup() {
 } >/dev/null 2>&1
 trap cleanup EXIT
 rm -rf "$data"
-export TZ=UTC  # of "yesterday"
+export TZ=UTC  # for "yesterday"
 
-# log FILE SCRIPT: the service's log of yesterday has the lines that the sed script leaves of a log.
+# log FILE SCRIPT: writes yesterday's log of the service, from FILE edited by the sed script.
 log() {
   mkdir -p "$data/Logs"
   sed "$2;s/2026-11-2[56]T/$(date -d yesterday +%F)T/g" "$logs/$1" >"$data/Logs/OrvaneService-20261125-0001.log"
@@ -46,7 +47,7 @@ failed_start() { log quiet.log '/cannot run/!d'; }
 stored_later() { log quiet.log '/power event 10\|cccccccc/!d'; }
 no_log() { rm -rf "$data/Logs"; }
 
-# The machine's store has one subscription, and COPY is a copy of it.
+# The machine's store has one subscription. COPY is a copy of the store.
 exits 0 run subscriptions add --power 18 --send f --app-service s --trigger '{01234567-89ab-cdef-0123-456789abcde1}'
 exits 0 run store backup COPY
 sound() { rm -f "$store"* && cp COPY "$store"; }
@@ -65,7 +66,7 @@ other_list() {
   exits 0 run scenario "$(windows "$work/list.json")"
 }
 
-# For development, because the account owns the emulator's folders.
+# Installed for development, because this account owns the emulator's folders.
 installed() {
   cp "$module" "$place/OrvaneService.dll"
   cp "$host" "$place"
@@ -91,11 +92,12 @@ open_folder() {
   chmod o+w "$place"
 }
 
-# section TITLE: the lines of the page below a heading.
+# section TITLE: prints the lines of the page under a heading.
 section() { awk -v title="### $1" '$0 == title { on = 1; next } /^##/ { on = 0 } on' "$page"; }
 
-# tell: reads lines TITLE|STATE|CODE|CAUSE|NEXT|CODE|WHY. In the state, the command of the section exits with CODE and
-# prints CAUSE, which a row of the section's table quotes. NEXT, if any, is in that row. It exits with CODE and prints WHY.
+# tell: reads lines TITLE|STATE|CODE|CAUSE|NEXT|CODE|WHY. In the state, the section's command exits
+# with CODE and prints CAUSE, which is quoted in a row of the section's table. If there is a NEXT,
+# that row contains it, and it exits with CODE and prints WHY.
 tell() {
   while IFS='|' read -r title state wanted cause next ends why; do
     section "$title" >"$work/section"

@@ -1,6 +1,6 @@
 #!/bin/sh
-# trust_test.sh PKI VXHOST MODULE OTHER PINNED EMULATOR...: what vxhost shows of signatures and pinned
-# keys. MODULE and the tool PINNED trust the authority of PKI, OTHER and VXHOST no key.
+# trust_test.sh PKI VXHOST MODULE OTHER PINNED EMULATOR...: shows signatures and pinned keys. MODULE
+# and the tool PINNED pin keys of PKI. OTHER and VXHOST pin none.
 set -u
 pki=$1 vxhost=$2 module=$3 other=$4 pinned=$5
 shift 5
@@ -8,7 +8,7 @@ shift 5
 need "$pki/pinned.exe" "$module" "$other" "$pinned"
 cd "$pki" || exit 1
 
-# The verdict is that of the named module, not of the tool.
+# The verdict uses the keys of the given module, not of the tool.
 expect 1 'verified), key pinned' --dll "$module" trust pinned.exe
 expect 1 'verified), key not pinned' --dll "$module" trust general.exe
 expect 1 'verified), key pinned' --dll "$module" trust --general general.exe
@@ -17,7 +17,7 @@ expect 2 'cannot be read: it has no list of pinned keys; name another module' --
   trust pinned.exe
 expect 2 'validate and doctor use it' --simulate trust pinned.exe
 
-# A key with its fingerprint, and with its certificate from a file, a signature, or none.
+# A key is shown with its fingerprint and, if a file or a signature has one, its certificate.
 fingerprint=$(openssl rsa -in pinned.key -RSAPublicKey_out -outform DER 2> "$work/log" | sha256sum | cut -c 1-64)
 expect 0 "  sha256 $fingerprint" --dll "$module" pins
 expect 0 '    no certificate at hand' --dll "$module" pins
@@ -25,7 +25,7 @@ for certificate in pinned.crt pinned.exe; do
   expect 0 'Vx Test Pinned, until 2045-01-01, ' --dll "$module" pins --cert $certificate
 done
 grep -q ', [0-9]* days left$' "$work/output" || fail 'the days left are missing' "$work/output"
-# Of two certificates for one key the later one counts.
+# If two certificates have the same key, the later one is shown.
 expect 0 'Vx Test Pinned, until 2045' --dll "$module" pins --cert pinned.crt --cert expired.crt
 expect 0 ', until 2016-01-01, which is over' --dll "$module" pins --cert expired.crt
 expect 0 'restricted: none, so no program is started' --dll "$other" pins
@@ -34,7 +34,8 @@ expect 0 '"subject":"' --dll "$module" pins --cert expired.crt --json
 grep -qE "\"general\":\[.*\"fingerprint\":\"$fingerprint\",.*\"until\":\"2016-01-01\",\"daysLeft\":-[0-9]+\}" \
   "$work/output" || fail 'pins --json lacks the key or its lifetime' "$work/output"
 
-# A file that PowerShell made is kept and becomes UTF-8, each key once, with its subject.
+# A file created by PowerShell keeps its content but becomes UTF-8. Each key is added once, with its
+# subject.
 list=$work/keys.txt
 printf '# B\303\274ro\r\n' | iconv -f UTF-8 -t UTF-16LE | { printf '\377\376'; cat; } > "$list"
 expect 0 'keys added: 1' pin pinned.exe --append "Z:$list"
@@ -49,8 +50,8 @@ expect 1 'has no signature that Windows can read' pin unsigned.exe --append "Z:$
 } | grep -v '^# Keys' > "$work/wanted"
 head -n -1 "$list" | tr -d '"' | diff "$work/wanted" - > "$work/output" || fail "the key file differs" "$work/output"
 
-# The doctor: the module's signature against its own keys, and how long it lasts.
-# signed NAME CERTIFICATE KEY FILE: a copy of FILE.
+# The doctor checks the module's signature against the module's own keys, and its lifetime.
+# signed NAME CERTIFICATE KEY FILE: writes a signed copy of FILE.
 signed() {
   osslsigncode sign -certs "$2.crt" -key "$3.key" -h sha256 -in "$4" -out "$work/$1" > "$work/log" 2>&1 && return
   echo "cannot sign $1 with osslsigncode, which scripts/build installs: $(tail -n 1 "$work/log")"
@@ -66,7 +67,7 @@ expect 1 "-  module's signature: signed by " --dll "Z:$work/over.dll" doctor
 grep -qF ', until 2016-01-01, which is over' "$work/output" || fail 'the end of the certificate is missing' "$work/output"
 expect 1 '+  pinned keys: 2 general, 1 restricted' --dll "$module" doctor
 
-# Power events are those of the service's own records, not of a text that a client chose.
+# Only the service's own lines count as power events, not text from clients.
 mkdir "$work/log files"
 record() { # TIME PROVIDER MESSAGE
   printf '{"time":"%s","level":"INFO","provider":"%s","caller":"","thread":1,"process":2,"message":"%s"}\n' "$@"
@@ -84,7 +85,7 @@ record 2026-01-01T00:00:00.000Z Vx-Host-Service 'power event 4' >> "$work/log fi
 expect 1 '+  power events: 2, the last power event 18 at 2026-01-02' --dll "$module" doctor --log "Z:$work/log files"
 expect 1 '-  log folder: cannot list' --dll "$module" doctor --log missing
 
-# A tool that the service would start does nothing, whatever it is asked, wherever it lies.
+# A tool signed with a pinned key refuses to run, wherever it is and whatever its arguments.
 signed tool-pinned.exe pinned pinned "$pinned"
 signed tool-general.exe general general "$pinned"
 signed tool-expired.exe expired pinned "$pinned"

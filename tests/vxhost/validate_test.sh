@@ -1,7 +1,7 @@
 #!/bin/sh
-# validate_test.sh FOLDER PKI VXHOST MODULE EMULATOR PREFIX: validates every subscription of FOLDER on a
-# simulated machine without packages, and those named signed_* with the keys of MODULE, whose programs
-# are the files of PKI. Compares what is printed with FOLDER.txt. RECORD=1 writes it instead.
+# validate_test.sh FOLDER PKI VXHOST MODULE EMULATOR PREFIX: validates every subscription in FOLDER on
+# a simulated machine without packages. Those named signed_* refer to programs in PKI and are checked
+# with the keys of MODULE. Compares the output with FOLDER.txt. RECORD=1 writes that file instead.
 set -u
 folder=$1 pki=$2 vxhost=$3 module=$4
 shift 4
@@ -23,7 +23,7 @@ exits 1 run --dll "$module" validate $(printf '@%s ' signed_*.json)
 cat "$work/output" >> "$work/verdicts"
 same "$folder.txt" "$work/verdicts"
 
-# What is stored is judged with the keys of the module too.
+# Stored subscriptions are also judged with the module's keys.
 mkdir "$work/store"
 add() { # CODE TEXT PROGRAM
   expect "$1" "$2" --dll "$module" --store "$work/store" -q subscriptions add --power 18 \

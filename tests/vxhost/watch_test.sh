@@ -1,12 +1,13 @@
 #!/bin/sh
-# watch_test.sh VXHOST MODULE EMULATOR...: lines of one vxhost show in another one that watches, each once.
+# watch_test.sh VXHOST MODULE EMULATOR...: a watching vxhost shows each line that another one logs,
+# once.
 set -u
 vxhost=$1 module=$2
 shift 2
 . "$(dirname "$0")/../run_vxhost.sh"
 need "$module"
 
-# Not by run, whose end would leave the emulator.
+# Does not use run, because ending run would not end the emulator.
 "$emulator" ${prefix:+"$prefix"} "$vxhost" watch --json --seconds 20 --level error --provider Service \
   --text Unsupported > "$work/watched" 2>&1 &
 watcher=$!
