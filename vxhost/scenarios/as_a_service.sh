@@ -1,9 +1,10 @@
 #!/bin/sh
-# as_a_service.sh VXHOST MODULE PKI PROBE EMULATOR PREFIX: the module as a Windows service, from its
-# installation to its removal. A client subscribes a signed program over the pipe, the machine resumes
-# and the program runs. Exits with 1 if something else happens. Leaves no service and no data.
+# as_a_service.sh VXHOST MODULE PKI PROBE EMULATOR PREFIX: runs the module as a Windows service,
+# from installation to removal. A client subscribes a signed program over the pipe, the machine
+# resumes, and the program runs. Exits with 1 if anything else happens. Leaves no service and no
+# data.
 set -u
-umask go-w  # a service cannot be installed where other accounts write
+umask go-w  # a service cannot be installed where other accounts can write
 vxhost=$1 module=$2 pki=$3 probe=$4 emulator=$5 prefix=$6
 name=VxSample$$
 place="$prefix/drive_c/Program Files/VxSample"
@@ -16,7 +17,7 @@ fail() {
   exit 1
 }
 
-# await FILES TEXT: waits until a line of one of the files has the text, and prints the line.
+# await FILES TEXT: waits until a line in one of the files contains TEXT, and prints the line.
 await() {
   tries=0
   until grep -shF -m 1 -- "$2" "$1"*; do
@@ -38,7 +39,7 @@ rm -rf "$data"
 mkdir -p "$place"
 cp "$pki/pinned.exe" "$place/tool.exe"
 cp "$probe" "$place/winlogon.exe"
-# Not from where the build lies: other accounts may write to a folder above it.
+# Not from the build folder, because other accounts may be able to write to a folder above it.
 cp "$vxhost" "$(dirname "$vxhost")/OrvaneHost.exe" "$module" "$place"
 vxhost=$place/vxhost.exe
 
