@@ -27,8 +27,8 @@ struct CommandEnvelope {
 };
 
 // Parse a message. Return nothing unless it is a JSON object with one number, an unsigned 32-bit
-// integer, and one string, in any order. In a result, the string may be missing and other members
-// are ignored.
+// integer, and one string, in any order. In a result, the string may be missing, and other members
+// are allowed.
 std::optional<CommandEnvelope> ParseCommand(std::string_view message);
 std::optional<CommandResult> ParseResult(std::string_view message);
 

@@ -22,9 +22,9 @@ EventReport OpenEventLog(const std::wstring& source);
 
 // Returns a target that reports what an operator must act on: the host's own warnings and errors,
 // and a warning for each delivery whose command did not run. The module's levels do not help,
-// because even a successful launch logs errors. After 29 events within a minute, a final one says
-// so and further events are omitted for a minute, because other programs share the event log. An
-// event that is omitted or that Windows rejects does not count as lost, because the log files
+// because even a successful launch logs errors. After 29 events within a minute, one more reports
+// the overflow and later ones are omitted for a minute, because other programs share the event log.
+// An event that is omitted or that Windows rejects does not count as lost, because the log files
 // contain it.
 LogTarget EventLogTarget(EventReport report);
 

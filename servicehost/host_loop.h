@@ -22,8 +22,8 @@ inline constexpr wchar_t kPowerForwarded[] = L"power event ";
 // Destroy it on the same thread, after the module.
 class ComForModule {
  public:
-  // Logs a failure to `output`. The module then works, but without the user's identity in such
-  // calls.
+  // Logs a failure to `output`. The module then still works, but its calls do not use the user's
+  // identity.
   explicit ComForModule(ServiceLog& output);
   ComForModule(const ComForModule&) = delete;
   ComForModule& operator=(const ComForModule&) = delete;

@@ -30,8 +30,8 @@ using LogTarget = std::function<void(const LogEntry&)>;
 
 // Writes log entries to every target, in order, on its own thread. Adding never waits for a target:
 // if the queue is full, entries are dropped, and a warning with their number precedes the next one.
-// When a target begins to lose entries, the others receive an error with the reason. Once it works
-// again, it receives a warning with the number lost.
+// When a target begins to lose entries, the others receive an error with the reason. Once the
+// target works again, it receives a warning with the number of lost entries.
 //
 // If a thread repeats an entry that has no record, the entry is written once, and then again with
 // the repeat count: after a second, or before the thread's next different entry.

@@ -16,8 +16,8 @@ struct ServiceOptions {
 // digits, dots, hyphens and underscores.
 bool IsServiceName(const std::wstring& name);
 
-// Returns the options of the installed service `name`, which must be a valid service name, from the
-// Parameters key of the service, which is deleted with it. An option whose value is missing or of
+// Returns the options of the installed service `name`, which must be a valid name, from its
+// Parameters key. Windows deletes that key with the service. An option whose value is missing or of
 // the wrong type is empty or false.
 ServiceOptions ReadParameters(const std::wstring& name);
 
