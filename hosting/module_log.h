@@ -60,8 +60,8 @@ const wchar_t* LevelName(std::uint32_t level);
 LogLine LineOf(const VxLogLine& line);
 DecisionRecord RecordOf(const VxLogRecord& record);
 
-// Copies the decision and reason of the command that the calling thread runs during the scope to
-// `result`. The module writes the command's record on that thread.
+// During the scope, copies to `result` the decision and reason of the command that the calling
+// thread runs. The module writes the command's record on that thread.
 class DecisionScope {
  public:
   explicit DecisionScope(CommandResult& result);

@@ -23,11 +23,11 @@ using ServicesMutex = std::shared_ptr<void>;
 
 enum class StoreUse { Read, Write };
 
-// Opens the services' mutex. Returns null if this process does not need it, or if it does not exist
-// because no service is running. For StoreUse::Write, throws std::runtime_error with advice for the
-// user if this account may not open the mutex or another kind of object has the name. For
-// StoreUse::Read, prints a warning to standard error and returns null in those cases, because
-// writers replace the file atomically.
+// Opens the services' mutex. Returns null if this process does not need the mutex, or if no service
+// has created it. For StoreUse::Write, throws std::runtime_error with advice for the user if this
+// account may not open the mutex or another kind of object has the name. For StoreUse::Read, prints
+// a warning to standard error and returns null in those cases, because writers replace the file
+// atomically.
 ServicesMutex ServicesMutexFor(StoreUse use);
 
 // How long a command waits for one of the store's mutexes.
