@@ -211,7 +211,7 @@ int Events(const EventOptions& options, const ModuleOptions& module, Console& co
     call("session change " + std::to_string(code));
     context->session.Slots()->OnSessionChange(code);
   }
-  // Deliveries run on their own threads.
+  // Wait for the deliveries, which run on their own threads.
   if (context->machine != nullptr) {
     context->machine->clock.Advance(std::chrono::seconds(options.seconds));
   } else {

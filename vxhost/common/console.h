@@ -37,9 +37,9 @@ class TerminalScope {
   ~TerminalScope();
 };
 
-// Lets a command end in order on Ctrl+C or when the console closes. Otherwise, Windows would end
-// the process. Create one at a time, before the objects that must be destroyed in order: a closing
-// console waits until this one is destroyed.
+// Lets a command shut down cleanly on Ctrl+C or when the console closes. Otherwise, Windows would
+// end the process. Create one at a time, before the objects that must be destroyed first: a closing
+// console waits until this object is destroyed.
 class StopRequest {
  public:
   StopRequest();
@@ -111,7 +111,8 @@ std::string MeaningOf(std::uint32_t code);
 std::string DescribeResult(std::int32_t result);
 
 // Returns the error in the form that every command with --json writes: {"error": {"message",
-// "exitCode", "result", "name"}}. The last two are present only if Windows returned a result.
+// "exitCode", "result", "name"}}. "result" is present only if Windows returned a result, and "name"
+// only if its name is known.
 std::wstring ErrorJson(const std::string& message, int exitCode, std::int32_t result = 0);
 
 }  // namespace Vx::Hosting::Tool

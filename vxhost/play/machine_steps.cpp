@@ -142,7 +142,7 @@ void Sign(const Change& change) {
   change.machine.Sign(change.Text(L"path"), signature);
 }
 
-// The value has values of the maker's policy. Null removes one.
+// Sets values of the maker's policy. A null value removes one.
 void SetPolicy(const Change& change) {
   for (auto value = change.value.MemberBegin(); value != change.value.MemberEnd(); ++value) {
     const std::wstring name = change.expand(value->name);

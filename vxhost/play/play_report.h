@@ -8,7 +8,7 @@
 
 namespace Vx::Hosting::Tool {
 
-// A scenario that was played, or could not be.
+// The result of a scenario, even of one that could not be played.
 struct PlayedScenario {
   std::string file;  // as given on the command line
   bool met = false;

@@ -15,7 +15,7 @@ PrivateStore::PrivateStore()
 }
 
 PrivateStore::~PrivateStore() {
-  std::error_code ignored;  // the module creates only these
+  std::error_code ignored;  // a folder that contains other files stays
   for (const wchar_t* name :
        {L"Vx\\SharedServices\\shared_store.dat", L"Vx\\SharedServices", L"Vx"}) {
     std::filesystem::remove(folder / name, ignored);

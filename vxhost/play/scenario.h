@@ -24,7 +24,7 @@ struct ScenarioContext {
   PlayRecord& record;
   Console& console;
   Simulator::SimulatedMachine* machine;  // null for the real one
-  std::function<void()> showRepeated;    // prints repeats not yet shown
+  std::function<void()> showRepeated;    // prints repeat counts not yet shown
 };
 
 // A scenario: a JSON document {"store": ..., "steps": [...]}, described in docs/vxhost.md.

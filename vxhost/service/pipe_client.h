@@ -19,9 +19,9 @@ enum class PipeOwner {
 class PipeClient {
  public:
   // Connects, waiting up to `patience` for a free instance. Sends nothing unless the server's
-  // process is `service` and the pipe's owner is one of `accepted`. The process is not enough:
-  // another one could have created the pipe, passed it on, and ended before the service got the
-  // same ID. Throws std::runtime_error with advice for the user.
+  // process is `service` and the pipe's owner is one of `accepted`. The process ID alone does not
+  // suffice: another process could have created the pipe, passed it on, and ended before the
+  // service got the same ID. Throws std::runtime_error with advice for the user.
   PipeClient(const std::wstring& path, std::uint32_t service, std::chrono::milliseconds patience,
              PipeOwner accepted = PipeOwner::System);
 

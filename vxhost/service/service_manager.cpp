@@ -297,7 +297,7 @@ void ServiceManager::Stop(const std::wstring& name) {
 
 void ServiceManager::Remove(const std::wstring& name, Running running) {
   const auto service = Open(name, DELETE | SERVICE_QUERY_STATUS, "remove");
-  // Windows would keep a running service, and its name, until it ends.
+  // Windows would keep a running service, and its name, until the service ends.
   if (running == Running::Refused && StatusOf(service, name).dwCurrentState != SERVICE_STOPPED) {
     throw std::runtime_error("the service " + Utf8(name) + " runs; stop it first");
   }

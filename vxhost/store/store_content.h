@@ -21,12 +21,13 @@ Json::WideDocument StoreContent(const StoreLook& look, ShownValues shown, std::s
 // does.
 Tessel::Server::Storage::BsonKind KindNamed(const std::wstring& name);
 
-// Returns a string, Boolean or integer as an element of `kind`, or nothing if it is another kind.
+// Converts a string, Boolean or integer to an element of `kind`. Returns nothing if it does not
+// fit.
 std::optional<Tessel::Server::Storage::BsonElement> ScalarOf(Tessel::Server::Storage::BsonKind kind,
                                                              const Json::WideValue& value);
 
-// Returns the whole store in the same form, with one line per top-level value: "KEY {...}". Throws
-// std::runtime_error if it cannot be read.
+// Returns the whole store in the form of StoreContent, with one line per top-level value: "KEY
+// {...}". Throws std::runtime_error if it cannot be read.
 std::vector<std::string> StoreLines();
 
 }  // namespace Vx::Hosting::Tool

@@ -23,7 +23,7 @@ StoreLook LookAtStore(const HoldLimits& limits = {});
 // with the reason if it cannot be read.
 Tessel::Server::Storage::BsonDocument DocumentOf(const StoreLook& look);
 
-// Returns the stored subscriptions, none if there is no store. Throws like DocumentOf and
+// Returns the stored subscriptions, or none if there is no store. Throws like DocumentOf and
 // SubscriptionsIn.
 std::vector<StoredSubscription> SubscriptionsOf(const StoreLook& look);
 

@@ -183,7 +183,7 @@ std::wstring RestoreStore(const std::wstring& path, const HoldLimits& limits) {
   if (kept.empty()) CapDataStore makesTheFolder;
   const auto name = Platform::NewUuid();
   if (!name) throw WindowsError("no name for a new file", name.Error());
-  // With this suffix, the module completes the change if this process ends halfway.
+  // Given this suffix, the module completes the change if this process ends halfway.
   const std::wstring sibling = before.path + L"." + *name + L".new";
   const auto file = WriteNew(sibling, before.path, copy.reading.content);
   if (const Platform::ErrorCode error = file->MoveOver(before.path); error != 0) {

@@ -13,8 +13,8 @@ namespace Vx::Hosting::Tool {
 // Copies the store's file to `path`, which must not exist. Rejects a store that is not sound.
 void BackUpStore(const std::wstring& path, const HoldLimits& limits);
 
-// Replaces the store with the copy at `path`, if this machine can read it. Returns the kept copy's
-// path, or empty if there was no store.
+// Replaces the store with the copy at `path`, if this machine can read that. Returns the path of a
+// copy of the former store, or an empty string if there was none.
 std::wstring RestoreStore(const std::wstring& path, const HoldLimits& limits);
 
 // Imports exported values, in the form of "store show", into the store. Rejects all if one is not

@@ -7,7 +7,7 @@
 
 namespace Vx::Hosting::Tool {
 
-// What an operator needs to know about a certificate.
+// The properties of a certificate that an operator needs to know.
 struct Certificate {
   std::string key;        // its public key, in the form used for pins
   std::wstring subject;   // "CN=..., O=..."
@@ -15,7 +15,7 @@ struct Certificate {
 };
 
 // Returns the certificate in a certificate file (DER or PEM), or those in a file's first embedded
-// signature. Empty if Windows finds none. Does not verify them.
+// signature, without verifying them. Returns none if Windows finds none.
 std::vector<Certificate> CertificatesIn(const std::wstring& path);
 
 // Returns the certificate of `key` that expires last, or null.
