@@ -79,8 +79,7 @@ void NoteDecision(const VxLogRecord& record);
 class ModuleLog {
  public:
   // Called on the thread that logs, which may hold the module's locks. Must copy the line and
-  // return, without calling the module or waiting for a thread that does. If it throws, the line is
-  // lost.
+  // return, without calling the module or waiting for a thread that does. A throw loses the line.
   using Receiver = std::function<void(const VxLogLine&)>;
 
   // If the module's logging library has no sink, `function` instead receives one warning.
