@@ -31,8 +31,7 @@ std::wstring TextOf(const WideValue& text) {
   return {text.GetString(), text.GetStringLength()};
 }
 
-// Returns the first member with this name, or an empty string if there is none or it has another
-// type.
+// Returns the first member with this name, or an empty string if it is not a string or missing.
 std::wstring TextIn(const WideValue& object, const wchar_t* name) {
   const auto values = Named(object, name);
   return values.empty() || !values.front()->IsString() ? L"" : TextOf(*values.front());

@@ -26,9 +26,8 @@ struct CommandEnvelope {
   std::wstring request;  // never contains U+0000, because the module takes null-terminated strings
 };
 
-// Parse a message. Return nothing unless it is a JSON object with one number, an unsigned 32-bit
-// integer, and one string, in any order. In a result, the string may be missing, and other members
-// are allowed.
+// Parse a message. Return nothing unless it is a JSON object with one unsigned 32-bit integer and
+// one string, in any order. In a result, the string may be missing and other members are allowed.
 std::optional<CommandEnvelope> ParseCommand(std::string_view message);
 std::optional<CommandResult> ParseResult(std::string_view message);
 

@@ -21,11 +21,10 @@ using EventReport =
 EventReport OpenEventLog(const std::wstring& source);
 
 // Returns a target that reports what an operator must act on: the host's own warnings and errors,
-// and a warning for each delivery whose command did not run. The module's levels do not help,
-// because even a successful launch logs errors. After 29 events within a minute, one more reports
-// the overflow and later ones are omitted for a minute, because other programs share the event log.
-// An event that is omitted or that Windows rejects does not count as lost, because the log files
-// contain it.
+// and a warning for each delivery whose command did not run. The module's levels do not help: even
+// a successful launch logs errors. After 29 events in a minute, one more reports the overflow and
+// later ones are omitted for a minute, because other programs share the event log. An event that is
+// omitted or that Windows rejects does not count as lost, because the log files have it.
 LogTarget EventLogTarget(EventReport report);
 
 // Registers the event source `name` in the "Application" log with the message file `program`, which

@@ -22,7 +22,7 @@ inline constexpr wchar_t kPowerForwarded[] = L"power event ";
 // Destroy it on the same thread, after the module.
 class ComForModule {
  public:
-  // Logs a failure to `output`. The module then still works, but its calls do not use the user's
+  // Logs a failure to `output`. The module then works, but its calls do not use the user's
   // identity.
   explicit ComForModule(ServiceLog& output);
   ComForModule(const ComForModule&) = delete;

@@ -17,9 +17,8 @@ struct LogLimits {
   std::size_t files = 14;
 };
 
-// Returns the suffix that orders a service's log files: "-YYYYMMDD-NNNN.log". Returns an empty
-// string if `name` is not a log file's. The prefix is the service's name, or "vxhost" in files from
-// an earlier version.
+// Returns the suffix that orders a service's log files, "-YYYYMMDD-NNNN.log", or an empty string if
+// `name` is not a log file's. The prefix is the service's name, or "vxhost" in earlier versions.
 std::wstring_view LogAge(std::wstring_view name);
 
 // Returns the names of the log files in `folder`, oldest first, of `service` or of all services.

@@ -64,8 +64,8 @@ PipeOutcome PipeMessages::Read(std::string& message, std::size_t limit,
   message.clear();
   std::vector<char> piece(kPiece);
   while (true) {
-    // A read that completes immediately does not wait for the event, so a client that sends without
-    // a pause would delay the stop.
+    // A read that completes at once ignores the event, so a client that always sends would never
+    // stop.
     if (stop != nullptr && WaitForSingleObject(stop, 0) == WAIT_OBJECT_0) {
       return PipeOutcome::Stopped;
     }

@@ -101,8 +101,8 @@ UniqueHandle PipeServer::NewInstance(bool first) const {
 }
 
 // Keeps an instance open at all times, so that no other process can take the pipe's name: creates
-// the next instance before serving or closing the current one. If that fails, the instances being
-// served keep the name.
+// the next one before serving or closing the current one. If it cannot, the served ones keep the
+// name.
 void PipeServer::Listen() noexcept {
   UniqueHandle pipe;
   UniqueHandle used;  // connected to a client, which may be gone

@@ -73,8 +73,7 @@ class PipeServer {
   const wchar_t* WhyTurnedAway(const PipeCaller& caller) const;
   void Admit(Platform::UniqueHandle pipe, PipeCaller caller);
   void Serve(Connection& connection) noexcept;
-  // Reports a client's fault, or only counts it if one was reported recently, so that clients
-  // cannot flood the logs. Any thread.
+  // Reports a client's fault, or counts it, so that clients cannot flood the logs. Any thread.
   void Warn(const wchar_t* why, const std::wstring& who = {});
   void JoinThoseThatAreOver();
   bool WaitForRoom();

@@ -9,8 +9,7 @@ namespace Vx::Hosting::ServiceHost {
 class PowerNotifications {
  public:
   enum class Kind {
-    // The state of the console's display, immediately and then at each change: 0 off, 1 on, 2
-    // dimmed.
+    // The console display's state, immediately and then at each change: 0 off, 1 on, 2 dimmed.
     Display,
     // PBT_ codes of suspend and resume. Not for use in a service, which receives them from the
     // service manager, and where registering may never return
