@@ -137,7 +137,7 @@ int CommandLine::Execute(std::vector<std::string> arguments) {
     const int code = run(console);
     return console.LostOutput() ? Fail(kLostOutput, 0) : code;
   } catch (const WindowsError& error) {
-    // Windows' text depends on the language of Windows, so only people get it.
+    // Its text is for people. It depends on the language of Windows.
     return Fail(error.what() + (json ? "" : ": " + ErrorText(error.Code())), 0);
   } catch (const Platform::WindowsRuntimeError& error) {
     return Fail(Utf8(error.message()), error.code());

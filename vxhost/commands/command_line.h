@@ -73,8 +73,7 @@ class CommandLine {
   // Adds a subcommand that only contains other subcommands.
   CLI::App& AddGroup(const char* name, const char* about);
 
-  // Runs the subcommand named in `arguments` and prints any error that it throws. Returns the
-  // process's exit code.
+  // Runs the subcommand in `arguments` and prints an error that it throws. Returns the exit code.
   int Execute(std::vector<std::string> arguments);
 
  private:

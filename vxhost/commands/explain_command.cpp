@@ -73,8 +73,7 @@ int ExplainResume(Console& console) {
   using Tessel::Server::Services::Orvane::Qubo::QuboFacade;
   using Tessel::Server::Storage::CapDataStore;
   using Tessel::Server::Storage::StoreState;
-  // Even a read through the module's store creates its folders, so use a private store if none
-  // exists.
+  // Reading through the module's store creates its folders, so use a private one if none exists.
   std::optional<PrivateStore> none;
   if (LookAtFile(CapDataStore::PathOfFile()).reading.state == StoreState::Missing) none.emplace();
   std::vector<std::string> lines;

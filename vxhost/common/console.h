@@ -111,8 +111,7 @@ std::string MeaningOf(std::uint32_t code);
 std::string DescribeResult(std::int32_t result);
 
 // Returns the error in the form that every command with --json writes: {"error": {"message",
-// "exitCode", "result", "name"}}. "result" is present only if Windows returned a result, and "name"
-// only if its name is known.
+// "exitCode", "result", "name"}}. Omits "result" if Windows returned none, and an unknown "name".
 std::wstring ErrorJson(const std::string& message, int exitCode, std::int32_t result = 0);
 
 }  // namespace Vx::Hosting::Tool

@@ -50,8 +50,7 @@ class PlayRecord {
   void BeginStep(std::size_t line, const std::wstring& say);
   void EndStep();
 
-  // Adds an entry with the current time and step. Call on the thread that logs a line or causes an
-  // event.
+  // Adds an entry with the current time and step. Call on the thread that logs or causes the event.
   void Add(RecordEntry entry);
 
   // Returns whether an entry of this kind in the current step contains `text`.

@@ -41,8 +41,7 @@ constexpr const wchar_t* kPrivileges[] = {L"SeAssignPrimaryTokenPrivilege",
                                           L"SeChangeNotifyPrivilege", L"SeImpersonatePrivilege",
                                           L"SeIncreaseQuotaPrivilege", L"SeTcbPrivilege"};
 
-// Windows' access list for a new service: users at the machine may query the service and send it
-// user-defined controls.
+// Windows' access list for a new service: local users may query it and send user-defined controls.
 // https://learn.microsoft.com/windows/win32/services/service-security-and-access-rights
 constexpr wchar_t kAccess[] =
     L"O:BAD:(A;;CCLCSWRPWPDTLOCRRC;;;SY)(A;;CCDCLCSWRPWPDTLOCRSDRCWDWO;;;BA)"
@@ -189,8 +188,7 @@ DWORD Configure(SC_HANDLE service, bool delays, std::vector<std::string>& unknow
   return error;
 }
 
-// Reads the options of a service installed by an earlier version, which kept them in the service's
-// command line.
+// Reads the options that earlier versions kept in the service's command line.
 void AddEarlierOptions(const wchar_t* image, ServiceHost::ServiceOptions& options) {
   int count = 0;
   const std::unique_ptr<wchar_t*, decltype(&LocalFree)> words(CommandLineToArgvW(image, &count),

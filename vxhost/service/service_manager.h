@@ -47,8 +47,7 @@ struct ServiceHandleCloser {
 };
 using UniqueServiceHandle = std::unique_ptr<void, ServiceHandleCloser>;
 
-// This machine's service manager. Use from one thread. Every function throws std::runtime_error
-// with advice.
+// This machine's service manager. One thread. Every function throws std::runtime_error with advice.
 class ServiceManager {
  public:
   // Registers a LocalSystem service in its own process, with failure actions, a service SID and
@@ -75,8 +74,8 @@ class ServiceManager {
   void Send(const std::wstring& name, std::uint32_t control);
 };
 
-// Returns the process ID of the running service `name`. Throws std::runtime_error with advice if it
-// is not running.
+// Returns the process ID of the running service `name`. Throws std::runtime_error if it is not
+// running.
 std::uint32_t ProcessOfService(const std::wstring& name);
 
 }  // namespace Vx::Hosting::Tool

@@ -17,12 +17,11 @@ enum class ShownValues { All, Exported };  // Exported: only this module's
 // number of values omitted. Throws std::runtime_error if the store cannot be read.
 Json::WideDocument StoreContent(const StoreLook& look, ShownValues shown, std::size_t& left);
 
-// Returns the kind that has this name in the output of StoreContent, or an unknown kind if none
-// does.
+// Returns the kind that StoreContent shows under this name, or an unknown kind if there is none.
 Tessel::Server::Storage::BsonKind KindNamed(const std::wstring& name);
 
-// Converts a string, Boolean or integer to an element of `kind`. Returns nothing if it does not
-// fit.
+// Converts a value to an element of `kind`: a string, Boolean or integer. Otherwise returns
+// nothing.
 std::optional<Tessel::Server::Storage::BsonElement> ScalarOf(Tessel::Server::Storage::BsonKind kind,
                                                              const Json::WideValue& value);
 

@@ -36,8 +36,7 @@ struct StoreVerdict {
 enum class Owner { Trusted, Any };  // who may own the file
 StoreVerdict Diagnose(const StoreLook& look, Owner owner = Owner::Trusted);
 
-// Like Diagnose, but also checks the subscription lists: the state is "list broken" if the module
-// could not read one.
+// Like Diagnose, but "list broken" if the module could not read one of its lists.
 StoreVerdict DiagnoseWithLists(const StoreLook& look, Owner owner = Owner::Trusted);
 
 // Reads a copy of the store's file at `path`.

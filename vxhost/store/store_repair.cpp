@@ -90,8 +90,8 @@ void RequireStore(const StoreLook& look) {
   SubscriptionsIn(*look.reading.document);
 }
 
-// Copies the store, even a damaged one, next to itself. Returns the copy's path, or an empty string
-// if there is no store.
+// Copies the store, even if damaged, next to itself. Returns the copy's path, empty if none is
+// needed.
 std::wstring Keep(const StoreLook& look) {
   const StoreState state = look.reading.state;
   if (state == StoreState::Missing) return {};

@@ -105,8 +105,8 @@ class Checker {
     Leftovers(level);
   }
 
-  // The module's own reader decides. It stops at the first fault, so use it only if no fault was
-  // found.
+  // The module's own reader decides. It stops at the first fault, so use it if none was found
+  // before.
   void AskModule(const std::wstring& text) {
     if (!readable) return;
     try {
