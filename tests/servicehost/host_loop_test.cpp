@@ -129,8 +129,7 @@ class SecurityWatch {
 
 class HostLoopTest : public ::testing::Test {
  protected:
-  // The module's threads keep it loaded until they end. The host must not keep it loaded any
-  // longer.
+  // The module's threads keep it loaded until they end. The host must not do so for longer.
   ~HostLoopTest() override { ExpectUnload(); }
 
   static void ExpectUnload() {
@@ -233,8 +232,7 @@ TEST_F(HostLoopTest, TheDisplaySetsTheStandbyEventOnModernStandbyAlone) {
   EXPECT_THAT(Logged(), HasSubstr(L"ERROR : the standby event cannot follow the display, error 5"));
 }
 
-// The module is stuck in one code. The last of each later code is kept, even 18, which ends
-// standby.
+// The module hangs in one code. The last of each later code is kept, even 18, which ends standby.
 TEST_F(HostLoopTest, AFullQueueKeepsTheLastReportOfEachCodeAndWarnsOnce) {
   using enum CodeQueue::Kind;
   HostLoop host(Options(true), *log);
@@ -276,8 +274,7 @@ class SetupState final : public Platform::Oobe {
   std::atomic<bool> complete{false};
 };
 
-// Slot 8 logs that it cannot open the store. If it could, it would keep the module loaded for an
-// hour.
+// Slot 8 logs that it cannot open the store. Otherwise, it would keep the module for an hour.
 TEST_F(HostLoopTest, CallsSlot8WhenSetupEnds) {
   SetupState setup;
   const Platform::MachineScope scope([&](Platform::Machine& machine) { machine.oobe = &setup; });

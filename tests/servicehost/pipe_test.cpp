@@ -42,8 +42,8 @@ class ScarceThreads final : public Platform::Threads {
   std::optional<Tests::MemoryShortage> shortage;  // ends with the next report
 };
 
-// A server that returns each request with its ID as the result code, and holds ID 1 back until
-// `release` is set.
+// A server that returns each request with its ID as the code, and holds ID 1 until `release` is
+// set.
 class PipeTest : public ::testing::Test {
  protected:
   void Serve(std::vector<std::wstring> allowed = {}) {
@@ -67,8 +67,7 @@ class PipeTest : public ::testing::Test {
           if (command.id == 2) return CommandResult{2, std::wstring(1'000'000, L'x')};
           if (command.id == 3) return CommandResult{3, std::wstring(kLongestResult / 6, L'\1')};
           if (command.id == 4) {
-            // On a thread's first exception, the runtime allocates memory without checking for
-            // failure.
+            // The runtime allocates memory at a thread's first exception, without a check.
             EXPECT_THROW(throw 0, int);
             threads.shortage.emplace(Tests::Shortage::Lasting, 0);
           }
@@ -425,8 +424,7 @@ TEST_F(PipeTest, ASilentClientIsDisconnected) {
 }
 
 TEST_F(PipeTest, ATakenNameIsOneErrorAndARetry) {
-  // The emulator ignores the flag for a first instance, but enforces the limit that the first one
-  // set.
+  // The emulator ignores the flag for a first instance, but enforces that instance's limit.
   auto squatter = Platform::AdoptFile(CreateNamedPipeW(path.c_str(), PIPE_ACCESS_INBOUND,
                                                        PIPE_TYPE_MESSAGE, 1, 64, 64, 0, nullptr));
   ASSERT_NE(squatter, nullptr);

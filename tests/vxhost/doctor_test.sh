@@ -49,7 +49,7 @@ expect 2 'is missing or has no version' --dll missing.dll doctor
 expect 1 '+  first-run set-up: complete' --simulate doctor
 expect 1 '{"check":"logon process","health":"ok"' --simulate doctor --json
 
-# The service: its state in Windows, whether its pipe answers, and what its log says.
+# The service: what Windows knows of it, whether its pipe answers, and what its log says.
 examines '-  service: OrvaneService is not installed'
 install_tool VxDoctor "$(dirname "$vxhost")/OrvaneService.dll"
 name=VxDoctor$$

@@ -1,8 +1,9 @@
 #!/bin/sh
-# examples_test.sh ROOT BUILD EMULATOR PREFIX: runs the commands on the documentation pages. The words
-# after the language of a fenced block say how the test uses it:
-#   example           run as printed: "bat" by the emulator's cmd in C:\Program Files\Maker, "sh" in a
-#                     folder laid out like the sources. Both paths have a space, and each command must succeed
+# examples_test.sh ROOT BUILD EMULATOR PREFIX: runs the commands on the documentation pages. The
+# words after the language of a fenced block say how the test uses it:
+#   example           run as printed: "bat" by the emulator's cmd in C:\Program Files\Maker, "sh" in
+#                     a folder laid out like the sources. Both paths contain a space, and each
+#                     command must succeed
 #   output            lines that the example before it prints, in order; "..." stands for anything
 #   file NAME         a file that a later example reads
 #   story             run by stories_test.sh

@@ -24,7 +24,7 @@ expect 0 '"decision":"not sent","failed":true' --store "$store" history "$folder
   --subscription "$(awk '/not sent/ { print $4; exit }' "$folder/service.txt")" --since 2026-11-26T05:38:30Z
 [ "$(wc -l < "$work/output")" = 1 ] || fail "the filters of history leave:" "$work/output"
 
-# quiet WHY ARG...: with ARG, the last line says why nothing was delivered.
+# Why nothing is delivered: the last line, with the arguments that follow it.
 quiet() {
   why=$1
   shift

@@ -130,8 +130,7 @@ TEST_F(StoreRepairTest, LeavesTheStoreWhereItCannotBeReplaced) {
   }
 }
 
-// Otherwise, another process could change the store between two steps, and the copy would lack that
-// change.
+// Otherwise, another process could change the store between two steps, after it was copied.
 TEST_F(StoreRepairTest, HoldsTheStoreThroughoutAndAnImportThatFailsHalfwayNamesTheCopy) {
   const SystemMutex ofAService(CapDataStore::kMutexName);
   BackUpStore(copy, {});
