@@ -41,7 +41,7 @@ constexpr std::uint32_t kWriting = FILE_WRITE_DATA | FILE_APPEND_DATA | kReplaci
 
 constexpr std::uint32_t kChangingTheList = WRITE_DAC | WRITE_OWNER | GENERIC_ALL;
 
-// Sets the owner too, because an account that created the folder could still change its list.
+// Sets the owner too: otherwise, the account that created a folder could still change its list.
 constexpr wchar_t kReadable[] = L"O:BAD:P(A;OICI;GA;;;SY)(A;OICI;GA;;;BA)(A;OICI;GRGX;;;BU)";
 constexpr wchar_t kPrivate[] = L"O:BAD:P(A;OICI;GA;;;SY)(A;OICI;GA;;;BA)";
 
@@ -62,7 +62,7 @@ std::string Names(const std::vector<std::wstring>& accounts) {
   return names;
 }
 
-// Returns which other accounts have any of `rights` under this access list, or an empty string.
+// Returns which other accounts have any of `rights` under this access list, or "" if none has.
 std::string WhyOpen(const std::wstring& path, const Platform::Result<Platform::AccessList>& access,
                     std::uint32_t rights, Writers accepted) {
   if (!access) {
@@ -184,7 +184,7 @@ std::string WhyUnguarded(const std::wstring& file, Writers accepted) {
     if (std::string why = WhyOpen(path, rights, accepted); !why.empty()) return why;
     if (path.size() < file.size() && rights == kWriting) rights = kReplacing;
   }
-  // Users may create entries in the drive's root: they do not replace the folders there.
+  // In the drive's root, users may create entries, because these cannot replace its folders.
   return WhyOpen(file.substr(0, 2) + L"\\", kReplacingChildren, accepted);
 }
 

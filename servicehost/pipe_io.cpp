@@ -64,8 +64,7 @@ PipeOutcome PipeMessages::Read(std::string& message, std::size_t limit,
   message.clear();
   std::vector<char> piece(kPiece);
   while (true) {
-    // A read that completes at once ignores the event, so a client that always sends would never
-    // stop.
+    // A read that completes at once ignores the event, so a constant sender would prevent a stop.
     if (stop != nullptr && WaitForSingleObject(stop, 0) == WAIT_OBJECT_0) {
       return PipeOutcome::Stopped;
     }
