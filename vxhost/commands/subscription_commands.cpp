@@ -196,7 +196,7 @@ int Remove(const RemoveOptions& options, const ModuleOptions& module, Console& c
     return Report(L"removed", *one.text, removed, console);
   }
   {
-    // No command removes a package subscription. A running service watches it until logoff.
+    // No command removes a package subscription. A running service keeps it until logoff.
     const StoreHold hold(StoreUse::Write, module.limits);
     RequestManager(kServiceDocument, one.kind->list).RemoveRequest(*one.text);
   }

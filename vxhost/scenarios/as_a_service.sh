@@ -1,7 +1,7 @@
 #!/bin/sh
-# as_a_service.sh VXHOST MODULE PKI PROBE EMULATOR PREFIX: runs the module as a Windows service, from
-# installation to removal. A client subscribes a signed program over the pipe, the machine resumes and the
-# program runs. Exits with 1 otherwise. Leaves no service and no data.
+# as_a_service.sh VXHOST MODULE PKI PROBE EMULATOR PREFIX: runs the module as a Windows service,
+# from installation to removal. A client subscribes a signed program over the pipe, the machine
+# resumes and the program runs. Exits with 1 otherwise. Leaves no service and no data.
 set -u
 umask go-w  # a service cannot be installed where other accounts can write
 vxhost=$1 module=$2 pki=$3 probe=$4 emulator=$5 prefix=$6

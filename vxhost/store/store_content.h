@@ -20,8 +20,7 @@ Json::WideDocument StoreContent(const StoreLook& look, ShownValues shown, std::s
 // Returns the kind that StoreContent shows under this name, or an unknown kind if there is none.
 Tessel::Server::Storage::BsonKind KindNamed(const std::wstring& name);
 
-// Converts a value to an element of `kind`: a string, Boolean or integer. Otherwise returns
-// nothing.
+// Returns a string, Boolean or integer as an element of `kind`, or nothing if it does not match.
 std::optional<Tessel::Server::Storage::BsonElement> ScalarOf(Tessel::Server::Storage::BsonKind kind,
                                                              const Json::WideValue& value);
 

@@ -36,7 +36,7 @@ struct StoreVerdict {
 enum class Owner { Trusted, Any };  // who may own the file
 StoreVerdict Diagnose(const StoreLook& look, Owner owner = Owner::Trusted);
 
-// Like Diagnose, but "list broken" if the module could not read one of its lists.
+// Like Diagnose, but returns "list broken" if the module could not read one of its lists.
 StoreVerdict DiagnoseWithLists(const StoreLook& look, Owner owner = Owner::Trusted);
 
 // Reads a copy of the store's file at `path`.

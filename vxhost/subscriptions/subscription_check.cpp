@@ -105,8 +105,7 @@ class Checker {
     Leftovers(level);
   }
 
-  // The module's own reader decides. It stops at the first fault, so use it if none was found
-  // before.
+  // The module's own reader decides. Use it last, because it stops at the first fault.
   void AskModule(const std::wstring& text) {
     if (!readable) return;
     try {
