@@ -67,7 +67,7 @@ class PipeTest : public ::testing::Test {
           if (command.id == 2) return CommandResult{2, std::wstring(1'000'000, L'x')};
           if (command.id == 3) return CommandResult{3, std::wstring(kLongestResult / 6, L'\1')};
           if (command.id == 4) {
-            // The runtime allocates memory at a thread's first exception, without a check.
+            // The first exception of a thread allocates memory without checking for failure.
             EXPECT_THROW(throw 0, int);
             threads.shortage.emplace(Tests::Shortage::Lasting, 0);
           }

@@ -1,7 +1,8 @@
 #!/bin/sh
-# validate_test.sh FOLDER PKI VXHOST MODULE EMULATOR PREFIX: validates every subscription in FOLDER on
-# a simulated machine without packages. Those named signed_* refer to programs in PKI and are checked
-# with the keys of MODULE. Compares the output with FOLDER.txt. RECORD=1 writes that file instead.
+# validate_test.sh FOLDER PKI VXHOST MODULE EMULATOR PREFIX: validates every subscription in FOLDER
+# on a simulated machine without packages. Those named signed_* refer to programs in PKI and are
+# checked with the keys of MODULE. Compares the output with FOLDER.txt. RECORD=1 writes that file
+# instead.
 set -u
 folder=$1 pki=$2 vxhost=$3 module=$4
 shift 4
