@@ -24,8 +24,7 @@ std::string Printable(std::string_view text, LineBreaks breaks);
 // gets every string unchanged. Line feeds are kept.
 std::string PrintableJson(std::wstring_view json);
 
-// Returns `text` escaped for an XML or HTML element or attribute. Line endings become LF
-// references.
+// Returns `text` escaped for XML or HTML elements and attributes. Encodes line endings as LF.
 std::string Markup(std::string_view text);
 
 // Returns the content of a text file without its byte-order mark. The file is UTF-8 unless the mark
