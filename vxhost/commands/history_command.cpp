@@ -192,28 +192,44 @@ std::wstring Lower(std::wstring text) {
 
 // Returns why no row that matches `isOf` is a delivery, or an empty string if one is.
 std::string WhyNothing(const std::vector<HistoryRow>& rows, const auto& isOf,
-                       const std::optional<Period>& outage, Zone zone) {
-  const HistoryRow* event = nullptr;   // the last power event
+                       const std::vector<Period>& outages, Zone zone) {
+  const HistoryRow* event = nullptr;   // the last power event, which a delivery proves as well
   const HistoryRow* stored = nullptr;  // the first subscription
+  std::size_t others = 0;              // the deliveries of others
+  bool any = false;
   for (const HistoryRow& row : rows) {
-    if (row.decision == kReceived) event = &row;
-    if (!isOf(row)) continue;
+    const bool delivery = row.isDelivery || row.unreadable != 0;
+    const bool proves = delivery && row.event.starts_with(NameOf(Kind::Power).text) &&
+                        (event == nullptr || event->event != row.event);
+    if (row.decision == kReceived || proves) event = &row;
+    if (!isOf(row)) {
+      others += delivery ? 1 : 0;
+      continue;
+    }
     if (row.isDelivery) return {};
+    any = true;
     if (row.decision == NameOf(Decision::Stored).text && stored == nullptr) stored = &row;
+  }
+  if (!any && others != 0) {
+    return "The log has nothing of it. Deliveries to other subscriptions: " +
+           std::to_string(others) + ". What is stored: vxhost subscriptions";
   }
   const auto at = [&](std::optional<std::int64_t> moment) {
     return Utf8(TimeText(moment.value_or(0), zone));
   };
-  std::string why = "Nothing was delivered: ";
-  if (outage) {
-    why += "the service did not run from " + at(outage->begin) + " to " + at(outage->end) + "; ";
+  std::string why = others == 0 ? "Nothing was delivered: " : "Nothing was delivered to it: ";
+  for (const Period& one : outages) {
+    why += &one == &outages.front() ? "the service did not run from " : ", and from ";
+    why += at(one.begin) + " to " + at(one.end);
   }
-  if (event == nullptr) return why + "no power event came in that time";
+  if (!outages.empty()) why += "; ";
+  if (event == nullptr) return why + "no power event came";
   const std::string last = "the last event, " + Utf8(event->event) + " at " + at(event->moment);
   if (stored != nullptr && stored->moment > event->moment) {
     return why + "the subscription was stored later, at " + at(stored->moment) + ", than " + last;
   }
-  return why + "nothing waited for " + last + ": vxhost explain " + Utf8(event->event);
+  return why + (others == 0 ? "nothing" : "it has not") + " waited for " + last +
+         ": vxhost explain " + Utf8(event->event);
 }
 
 // The log of one service, which may grow.
@@ -286,16 +302,19 @@ int RunHistory(const Options& options, const ModuleOptions&, Console& console) {
     console.Show(AsJson(row), {LineOf(row, zone)});
   };
   if (options.follow) history.TakeChanges();  // they are among the first rows
-  const auto rows = options.follow ? History(history).Finish(period) : history.Finish(period);
+  const auto rows =
+      options.follow ? History(history).Finish(period, now) : history.Finish(period, now);
   std::ranges::for_each(rows, show);
-  if (history.Records() == 0) console.Note(kNoRecords);
+  if (history.Records() == 0 && rows.empty()) console.Note(kNoRecords);
   if (history.Unknown() != 0) {
     console.Note("(" + std::to_string(history.Unknown()) + " records are of a later version)");
   }
   if (others != 0) console.Note("(" + std::to_string(others) + " lines are not lines of a log)");
-  const auto outage = history.Outage({period.begin, std::min(period.end, now)});
-  const auto why = WhyNothing(rows, isOf, outage, zone);
-  if (!why.empty() && (history.Records() != 0 || !rows.empty() || outage)) console.Note(why);
+  const auto outages = history.Outages({period.begin, std::min(period.end, now)});
+  const auto why = WhyNothing(rows, isOf, outages, zone);
+  if (!why.empty() && (history.Records() != 0 || !rows.empty() || !outages.empty())) {
+    console.Note(why);
+  }
   while (options.follow) {
     Platform::CurrentMachine().clock->Sleep(LogFollower::kPoll);
     for (FollowedService& service : followed) service.Read(take);

@@ -99,8 +99,12 @@ std::wstring FaultIn(const std::wstring& complaint, std::uint32_t command) {
   return fault.substr(0, fault.rfind(L" (result "));
 }
 
+std::wstring Seconds(std::uint64_t milliseconds) {
+  return std::to_wstring(milliseconds / 1000) + L" s";
+}
+
 std::wstring DetailOf(const DecisionRecord& record, const KnownRecord& known,
-                      const std::wstring& complaint) {
+                      const std::wstring& complaint, std::uint64_t planned) {
   const bool elsewhere = record.reason == NameOf(Reason::EarlierLines).word && !complaint.empty();
   std::wstring detail = elsewhere ? complaint : known.why;
   const auto add = [&detail](const std::wstring& text) {
@@ -109,9 +113,9 @@ std::wstring DetailOf(const DecisionRecord& record, const KnownRecord& known,
   if (!elsewhere && known.kind == Kind::Command) add(FaultIn(complaint, record.number));
   if (record.process != 0) add(L"process " + std::to_wstring(record.process));
   if (!record.client.empty()) add(L"client " + record.client);
-  if (known.decision == Decision::Waiting) {
-    add(L"for up to " + std::to_wstring(record.milliseconds / 1000) + L" s");
-  }
+  if (known.decision == Decision::Waiting) add(L"for up to " + Seconds(planned));
+  if (known.decision == Decision::Dropped && planned != 0)
+    add(L"planned after " + Seconds(planned));
   return detail;
 }
 
@@ -273,7 +277,8 @@ void History::Add(const HistoryLine& line) {
   row.target = record.target;
   row.decision = NameOf(known->decision).text;
   row.failed = IsFailure(known->decision);
-  row.detail = DetailOf(record, *known, complained);
+  if (known->decision == Decision::Waiting) row.planned = record.milliseconds;
+  row.detail = DetailOf(record, *known, complained, row.planned);
   row.startedProcess = record.process;
   const bool isDelivery = record.delivery != 0;
   row.unreadable = isDelivery && record.reason == NameOf(Reason::Unreadable).word ? 1 : 0;
@@ -297,7 +302,15 @@ void History::CutOff(std::uint32_t process) {
   });
 }
 
-std::vector<HistoryRow> History::Finish(const Period& within) {
+std::vector<HistoryRow> History::Finish(const Period& within, std::int64_t now) {
+  constexpr std::int64_t kLate = 60'000;  // a delivery that still runs is less late
+  for (const auto& [delivery, at] : open) {
+    HistoryRow& row = rows[at];
+    const std::int64_t since = now - row.moment.value_or(now) - kLate;
+    if (since > 0 && static_cast<std::uint64_t>(since) > row.planned) {
+      row.detail += L", which are over: the log has no end of it";
+    }
+  }
   std::erase_if(rows, [&](const HistoryRow& row) { return !within.Includes(row.moment); });
   std::ranges::stable_sort(rows, {}, &HistoryRow::moment);
   std::map<std::wstring, HistoryRow*> unreadable;
@@ -322,21 +335,20 @@ std::vector<HistoryRow> History::TakeChanges() {
   return changed;
 }
 
-std::optional<Period> History::Outage(const Period& within) const {
+std::vector<Period> History::Outages(const Period& within) const {
   constexpr std::int64_t kRestart = 1000;  // a restart takes less
+  constexpr std::ptrdiff_t kMost = 3;
   std::vector<Period> all = outages;
   for (const auto& [service, run] : runs) {
     if (run.stopped) all.push_back({run.last, within.end});
   }
-  std::optional<Period> longest;
-  std::int64_t length = kRestart;
-  for (const Period& one : all) {
-    const Period part{std::max(one.begin, within.begin), std::min(one.end, within.end)};
-    if (part.end - part.begin < length) continue;
-    length = part.end - part.begin;
-    longest = part;
+  for (Period& one : all) {
+    one = {std::max(one.begin, within.begin), std::min(one.end, within.end)};
   }
-  return longest;
+  std::erase_if(all, [](const Period& one) { return one.end - one.begin < kRestart; });
+  std::ranges::sort(all, {}, &Period::begin);
+  if (std::ssize(all) > kMost) all.erase(all.begin(), all.end() - kMost);
+  return all;
 }
 
 }  // namespace Vx::Hosting::Tool

@@ -70,6 +70,7 @@ struct HistoryRow {
   std::size_t unreadable = 0;                     // events of one that cannot
   std::uint32_t startedProcess = 0;               // 0 if none was started
   std::optional<std::int64_t> milliseconds = {};  // empty while it is waiting
+  std::uint64_t planned = 0;                      // the milliseconds that it was to wait
 };
 
 // A period in milliseconds since 1970, including both ends. By default all time.
@@ -91,15 +92,16 @@ class History {
   std::size_t Unknown() const { return unknown; }
 
   // Returns the rows of the period, ordered by their first records, with one row for all failures
-  // of a subscription that cannot be read. Call once, at the end.
-  std::vector<HistoryRow> Finish(const Period& within);
+  // of a subscription that cannot be read. A delivery whose wait is over at `now`, in milliseconds
+  // since 1970, says that the log has no end of it. Call once, at the end.
+  std::vector<HistoryRow> Finish(const Period& within, std::int64_t now);
 
   // Returns copies of the rows that were added or changed since the last call. Not after Finish.
   std::vector<HistoryRow> TakeChanges();
 
-  // Returns the longest part of the period in which a service did not run, for a second or more.
-  // Empty if there is none, or if the log does not tell.
-  std::optional<Period> Outage(const Period& within) const;
+  // Returns the parts of the period in which a service did not run, for a second or more, as far as
+  // the log shows. Of more than three, the last three.
+  std::vector<Period> Outages(const Period& within) const;
 
  private:
   using Delivery = std::pair<std::uint32_t, std::uint64_t>;  // process and delivery number
