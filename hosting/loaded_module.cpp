@@ -1,7 +1,9 @@
 #include "hosting/loaded_module.h"
 
 #include <cstddef>
+#include <cstdint>
 #include <stdexcept>
+#include <string_view>
 
 #include <windows.h>
 
@@ -17,7 +19,78 @@ namespace {
 
 constexpr std::size_t kLongestCaller = 64;  // a longer one makes the module terminate the process
 
+struct LibraryFreer {
+  void operator()(void* loaded) const noexcept { FreeLibrary(static_cast<HMODULE>(loaded)); }
+};
+using UniqueLibrary = std::unique_ptr<void, LibraryFreer>;
+
+// Both throw std::out_of_range beyond the end of the image.
+template <typename Value>
+Value ValueAt(std::string_view image, std::size_t offset) {
+  Value value{};
+  if (image.copy(reinterpret_cast<char*>(&value), sizeof value, offset) < sizeof value) {
+    throw std::out_of_range("beyond the end");
+  }
+  return value;
+}
+std::string_view TextAt(std::string_view image, std::size_t offset) {
+  const std::string_view text = image.substr(offset);
+  return text.substr(0, text.find('\0'));
+}
+
+bool Exports(std::string_view image, const IMAGE_DATA_DIRECTORY& directory, std::string_view name) {
+  if (directory.Size == 0) return false;
+  const auto exports = ValueAt<IMAGE_EXPORT_DIRECTORY>(image, directory.VirtualAddress);
+  for (std::size_t i = 0; i < exports.NumberOfNames; ++i) {
+    const auto at = ValueAt<DWORD>(image, exports.AddressOfNames + i * sizeof(DWORD));
+    if (TextAt(image, at) == name) return true;
+  }
+  return false;
+}
+
+// Returns the first imported library that is not in Windows' own folder, or empty.
+std::string MissingImport(std::string_view image, const IMAGE_DATA_DIRECTORY& directory) {
+  for (std::size_t at = directory.VirtualAddress; directory.Size != 0;
+       at += sizeof(IMAGE_IMPORT_DESCRIPTOR)) {
+    const auto import = ValueAt<IMAGE_IMPORT_DESCRIPTOR>(image, at);
+    if (import.Name == 0) break;
+    std::string name(TextAt(image, import.Name));
+    if (name.find_first_of("\\/:") != std::string::npos) return name;  // could be anyone's
+    // Loaded, because the names of API sets are not those of files.
+    const UniqueLibrary found(
+        LoadLibraryExW(Wide(name).c_str(), nullptr, LOAD_LIBRARY_SEARCH_SYSTEM32));
+    if (found == nullptr) return name;
+  }
+  return {};
+}
+
 }  // namespace
+
+// Mapped so, no code runs and no import is loaded, and the two low bits of the handle are set:
+// https://learn.microsoft.com/windows/win32/api/libloaderapi/nf-libloaderapi-loadlibraryexw
+std::string WhyNoModule(const std::wstring& fullPath) {
+  const UniqueLibrary mapped(
+      LoadLibraryExW(fullPath.c_str(), nullptr, LOAD_LIBRARY_AS_IMAGE_RESOURCE));
+  if (mapped == nullptr)
+    return "is missing or not a program, error " + std::to_string(GetLastError());
+  const auto* const base =
+      static_cast<const char*>(mapped.get()) - (reinterpret_cast<std::uintptr_t>(mapped.get()) & 3);
+  const auto* const headers = reinterpret_cast<const IMAGE_NT_HEADERS64*>(
+      base + reinterpret_cast<const IMAGE_DOS_HEADER*>(base)->e_lfanew);
+  if (headers->FileHeader.Machine != IMAGE_FILE_MACHINE_AMD64) return "is not for 64-bit Windows";
+  const std::string_view image(base, headers->OptionalHeader.SizeOfImage);
+  const auto& directories = headers->OptionalHeader.DataDirectory;
+  try {
+    const std::string missing = MissingImport(image, directories[IMAGE_DIRECTORY_ENTRY_IMPORT]);
+    if (!missing.empty()) return "imports " + missing + ", which Windows does not have";
+    constexpr const char* kExport = Tessel::Server::Services::kCreateServiceExport;
+    return Exports(image, directories[IMAGE_DIRECTORY_ENTRY_EXPORT], kExport)
+               ? ""
+               : std::string("is not a service module: it does not export ") + kExport;
+  } catch (const std::out_of_range&) {
+    return "is damaged";
+  }
+}
 
 CommandResult ServiceSession::Execute(std::uint32_t id, const std::wstring& request,
                                       const std::wstring& caller) {
@@ -40,12 +113,15 @@ CommandResult ServiceSession::Execute(std::uint32_t id, const std::wstring& requ
 }
 
 void LoadedModule::Unloader::operator()(void* loaded) const noexcept {
-  FreeLibrary(static_cast<HMODULE>(loaded));
+  LibraryFreer()(loaded);
 }
 
 LoadedModule::LoadedModule(const std::wstring& fullPath)
     : module(LoadLibraryExW(fullPath.c_str(), nullptr, LOAD_LIBRARY_SEARCH_SYSTEM32)) {
-  if (module == nullptr) throw WindowsError("cannot load " + Utf8(fullPath), GetLastError());
+  if (module == nullptr) {
+    const DWORD error = GetLastError();
+    throw WindowsError("cannot load " + Utf8(fullPath), error, "; it " + WhyNoModule(fullPath));
+  }
   factory = reinterpret_cast<Tessel::Server::Services::CreateServiceFunction>(
       Find(Tessel::Server::Services::kCreateServiceExport));
   if (factory == nullptr) {

@@ -52,6 +52,10 @@ class ServiceSession {
   std::unique_ptr<Tessel::Server::Services::VxService, Destroyer> service;
 };
 
+// Returns why the file cannot be loaded as a module, "imports X.dll, ...", or empty if it can.
+// Runs none of its code, but loads the libraries of Windows that it imports.
+std::string WhyNoModule(const std::wstring& fullPath);
+
 // A module loaded from a full path.
 class LoadedModule {
  public:

@@ -118,6 +118,9 @@ Platform::UniqueHandle Hold(const std::wstring& path, DWORD rights) {
   if (((found.FileAttributes | (named ? *named : 0)) & FILE_ATTRIBUTE_REPARSE_POINT) != 0) {
     throw std::runtime_error(Utf8(path) + " is a link; find out who made it");
   }
+  if ((found.FileAttributes & FILE_ATTRIBUTE_DIRECTORY) == 0) {
+    throw std::runtime_error(Utf8(path) + " is a file; move it away");
+  }
   return folder;
 }
 

@@ -39,6 +39,9 @@ class SystemTriggers {
   // Raises the trigger with this id (GUID text as the subscriber registered it) and returns the
   // system's status: 0 if raised, 0xC0000002 if this Windows has no custom triggers.
   virtual std::uint32_t Raise(const std::wstring& triggerId) = 0;
+
+  // Returns whether this Windows has custom triggers.
+  virtual bool ArePresent() const { return true; }
 };
 
 // The lockdown policy library, loaded from a full path and unloaded with this object.

@@ -40,7 +40,7 @@ expect 2 'can be written by S-1-1-0 (Everyone)' --dll "$open" \
 expect 2 'only administrators write to' --dll "$open" \
   service install --name "$name" --development
 expect 2 "a service's name has" service install --name 'a b' --development
-expect 2 'there is no account nobody at all (error 1332): ' service install --name "$name" --development \
+expect 2 'there is no account nobody at all (error 1332: ' service install --name "$name" --development \
   --allow 'nobody at all'
 # The creator of a link would choose where the store and the logs are.
 for folder in "$data" "$data/SharedServices" "$data/Logs"; do
@@ -48,6 +48,9 @@ for folder in "$data" "$data/SharedServices" "$data/Logs"; do
   mkdir -p "$(dirname "$folder")" && ln -s "$work" "$folder"
   expect 2 'is a link; find out who made it' service install --name "$name" --development --repair
 done
+rm "$data/Logs"
+touch "$data/Logs"
+expect 2 'Logs is a file; move it away' service install --name "$name" --development --repair
 rm -rf "$data"
 mkdir -p "$data"
 chmod 777 "$data"
@@ -122,22 +125,32 @@ if ! grep -q 'power event 18' "$work/watched" || grep -qv 'power event' "$work/w
   fail "watch --service prints:" "$work/listening" "$work/watched"
 fi
 expect 2 'runs; stop it first' service remove --name "$name"
-expect 0 'has stopped' service stop --name "$name"
+expect 0 'is stopped' service stop --name "$name"
 logged '"message":"the module is stopped"'
 expect 1 'stopped' service status --name "$name"
+expect 0 'is stopped' service stop --name "$name"
+# A file that is not the module, or that Windows cannot load.
 mv "$place/OrvaneService.dll" "$work"
 expect 2 'the service cannot run: cannot load ' service start --name "$name"
+LC_ALL=C sed 's/ADVAPI32\.dll/ADVAPI3X.dll/' "$module" >"$place/OrvaneService.dll"
+why='imports ADVAPI3X.dll, which Windows does not have'
+expect 2 "; it $why" service start --name "$name"
+expect 2 "OrvaneService.dll $why" service install --name "$name" --development --replace
+for other in "$vxhost" "$prefix/drive_c/windows/system32/version.dll"; do
+  cp "$other" "$place/OrvaneService.dll"
+  expect 2 'does not export VxCreateService' service install --name "$name" --development --replace
+done
 mv "$work/OrvaneService.dll" "$place"
 
 # A missing folder is created again, but not where another account could redirect it.
 rm -rf "$data/Logs"
 expect 0 ' runs' service start --name "$name"
 logged '"message":"the service runs as process'
-expect 0 'has stopped' service stop --name "$name"
+expect 0 'is stopped' service stop --name "$name"
 mv "$data" "$work/data"
 mkdir "$data" && chmod 777 "$data"
 expect 0 ' runs' service start --name "$name"
-expect 0 'has stopped' service stop --name "$name"
+expect 0 'is stopped' service stop --name "$name"
 [ ! -e "$data/Logs" ] || fail 'the service makes a folder for its logs in one of another account'
 rm -rf "$data"
 mv "$work/data" "$data"
@@ -146,7 +159,7 @@ mv "$work/data" "$data"
 expect 0 ' runs' service start --name "$name"
 expect 0 'none.exe' exec 20 --service="$name"
 expect 0 'is removed' service remove --name "$name" --force
-expect 0 'has stopped' service stop --name "$name"
+expect 0 'is stopped' service stop --name "$name"
 expect 1 'not installed' service status --name "$name"
 
 # A service that was not installed for development accepts no events from users.

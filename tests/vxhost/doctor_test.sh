@@ -23,6 +23,13 @@ mkdir -p "$work/data/Vx/SharedServices"
 examines '-  folder: .* can be written by S-1-5-'
 printf 'x' >"$work/data/Vx/SharedServices/shared_store.dat"
 examines '-  store: .*cut short: 1 bytes'
+ln "$work/data/Vx/SharedServices/shared_store.dat" "$work/second"
+examines 'do: delete the link or the second name: fsutil hardlink list .*shared_store.dat'
+# Without arguments, each line says what to do in this state.
+exits 0 run_at "$work/data"
+grep -q '^service .*: vxhost service install' "$work/output" && grep -q '^store .*: vxhost store verify' "$work/output" &&
+  grep -q '^subscriptions .*; see "The store looks broken"' "$work/output" || fail 'vxhost advises otherwise:' "$work/output"
+rm "$work/second"
 held=$work/held
 run_program_at "$work/data" "$worker" "$(windows "$held")" </dev/null >/dev/null 2>&1 &
 for _ in $(seq 100); do [ -e "$held" ] || sleep 0.1; done
@@ -42,12 +49,18 @@ exits 0 run_at "$work/data" store restore "$(windows "$work/copy")"
 examines '+  store: .*: sound'
 grep -q '^  -  subscription: 1 [0-9a-f]* power 18 start C:.Missing.a.exe; .' "$work/output" &&
   grep -q '^       do: .*vxhost subscriptions remove 1$' "$work/output" &&
-  grep -q '^  [+]  subscription: 2 [0-9a-f]* power 18 raise the trigger' "$work/output" ||
+  grep -q '^  -  subscription: 2 [0-9a-f]* power 18 raise the trigger .*; this Windows has no custom triggers' \
+    "$work/output" ||
   fail 'doctor does not judge the subscriptions:' "$work/output"
 
 expect 2 'is missing or has no version' --dll missing.dll doctor
 expect 1 '+  first-run set-up: complete' --simulate doctor
 expect 1 '{"check":"logon process","health":"ok"' --simulate doctor --json
+
+# A delivery shows that its event came, if the host logs no events.
+mkdir "$work/logs"
+cp "$(dirname "$0")/history/rare.log" "$work/logs/Vx-20261125-0001.log"
+expect 1 '+  power events: shown by the delivery at 2026-11-25T' doctor --log "$work/logs"
 
 # The service: what Windows knows of it, whether its pipe answers, and what its log says.
 examines '-  service: OrvaneService is not installed'
@@ -62,6 +75,10 @@ expect 1 "+  service: $name runs as process " doctor --name $name
 for wanted in 'pipe: answers {"result":{"getVersion":' 'module: C:\\Program Files\\VxDoctor\\OrvaneService.dll, version 1\.' ; do
   grep -q "^  +  service's $wanted" "$work/output" || fail "doctor does not find $wanted" "$work/output"
 done
+grep -q "^  +  service's folder: " "$work/output" || fail 'doctor finds the folder of the service open:' "$work/output"
+chmod o+w "$place"
+expect 1 "-  service's folder: C:\\Program Files\\VxDoctor can be written by S-1-1-0" doctor --name $name
+chmod o-w "$place"
 grep -q '^  +  log folder: C:.ProgramData.Vx.Logs, ' "$work/output" || fail 'doctor does not find the logs:' "$work/output"
 
 exit $((failures > 0))

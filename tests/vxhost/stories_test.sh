@@ -85,7 +85,7 @@ file_for_log_folder() {
   missing_import
   rm -r "$data/Logs" && : >"$data/Logs"
 }
-log_folder_gone() { missing_import && rm -r "$data/Logs"; }
+log_folder_gone() { rm "$data/Logs" && missing_import && rm -r "$data/Logs"; }
 open_folder() {
   installed
   exits 0 run service remove
@@ -149,9 +149,9 @@ The store looks broken|other_list|1|is not a JSON array|store restore COPY|0|is 
 The store looks broken|second_name|1|linked: |||
 The store looks broken|too_large|1|too large: |||
 The service does not start|wrong_module|2|is not a service module|||
-The service does not start|missing_import|2|cannot load |doctor|1|+  service's module: C:\Program Files\VxStories\OrvaneService.dll, version
+The service does not start|missing_import|2|cannot load |doctor|2|-  service's module: C:\Program Files\VxStories\OrvaneService.dll imports ADVAPI3X.dll
 The service does not start|missing_module|2|cannot load |doctor|2|-  service's module: C:\Program Files\VxStories\OrvaneService.dll is missing
-The service does not start|no_log_folder|2|cannot list |service install --replace --repair|0|is installed
+The service does not start|no_log_folder|2|cannot list |service install --replace --repair|2|imports ADVAPI3X.dll
 The service does not start|no_program|2|cannot start the service |||
 The service does not start|file_for_log_folder|2|cannot list |||
 The service does not start|log_folder_gone|2|cannot load |||

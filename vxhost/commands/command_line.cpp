@@ -138,7 +138,10 @@ int CommandLine::Execute(std::vector<std::string> arguments) {
     return console.LostOutput() ? Fail(kLostOutput, 0) : code;
   } catch (const WindowsError& error) {
     // Its text is for people. It depends on the language of Windows.
-    return Fail(error.what() + (json ? "" : ": " + ErrorText(error.Code())), 0);
+    std::string text = error.what();
+    const std::string number = "(error " + std::to_string(error.Code());
+    if (!json) text.insert(text.find(number) + number.size(), ": " + ErrorText(error.Code()));
+    return Fail(text, 0);
   } catch (const Platform::WindowsRuntimeError& error) {
     return Fail(Utf8(error.message()), error.code());
   } catch (const std::exception& error) {

@@ -12,6 +12,7 @@
 
 #include "bod/vx_bios_wmi.h"
 #include "companion/companion_apps.h"
+#include "hosting/loaded_module.h"
 #include "hosting/store_hold.h"
 #include "hosting/text.h"
 #include "launch/session_launch.h"
@@ -22,6 +23,7 @@
 #include "platform/packages.h"
 #include "platform/processes.h"
 #include "platform/system_services.h"
+#include "records/record.h"
 #include "security/file_trust.h"
 #include "security/pinned_keys.h"
 #include "servicehost/accounts.h"
@@ -43,6 +45,7 @@ namespace Vx::Hosting::Tool {
 namespace {
 
 namespace Orvane = Tessel::Server::Services::Orvane;
+using Tessel::Server::Records::Kind;
 using Tessel::Server::Storage::CapDataStore;
 using Tessel::Server::Storage::StoreState;
 
@@ -119,6 +122,12 @@ void ModuleFile(const std::wstring& path, const char* what, const wchar_t* advic
   if (version.empty()) {
     checks.Add(what, false, path + L" is missing or has no version", L"the service module",
                L"install it, or name it: vxhost --dll MODULE", Checks::Finding::Unusable);
+    return;
+  }
+  if (const std::string why = WhyNoModule(path); !why.empty()) {
+    checks.Add(what, false, path + L" " + Wide(why), L"a module that Windows can load",
+               L"install the delivery again, then vxhost service install --replace",
+               Checks::Finding::Unusable);
     return;
   }
   const std::wstring own = Wide(VX_VERSION);
@@ -214,7 +223,9 @@ void Store(const HoldLimits& limits, Tessel::Security::KeySet keys, Checks& chec
                  (look->siblings.empty() ? L"" : L"; beside it " + look->siblings.front()),
              kSound,
              readable ? L"run as administrator, or delete what is beside it: vxhost store verify"
-                      : L"run as administrator, or replace it: vxhost store restore COPY");
+             : look->reading.state == StoreState::Linked
+                 ? L"delete the link or the second name: fsutil hardlink list " + look->path
+                 : L"run as administrator, or replace it: vxhost store restore COPY");
   if (verdict.IsSound()) Subscriptions(*look, keys, checks);
 }
 
@@ -234,6 +245,13 @@ void Service(const std::string& written, Checks& checks) {
     if (!report) return;
     const std::wstring advice = L"vxhost service install --replace --name " + name;
     ModuleFile(report->options.module, "service's module", advice.c_str(), checks);
+    const std::string open = ServiceHost::WhyUnguarded(
+        report->options.module,
+        report->options.development ? ServiceHost::Writers::Account : ServiceHost::Writers::System);
+    checks.Add("service's folder", open.empty(),
+               open.empty() ? L"only administrators write to it" : Wide(open),
+               L"a folder that only administrators write to",
+               L"take the right from the account: icacls FOLDER /remove ACCOUNT");
     if (!running) return;
     constexpr std::uint32_t kVersion = 22;
     const auto result = ConnectToService(name).Execute({kVersion, L"{}"});
@@ -251,7 +269,13 @@ void Log(const std::string& named, Checks& checks) {
   std::size_t events = 0;
   std::wstring lastEvent;
   std::wstring lastError;
+  std::wstring proof;
   bool startedSince = true;
+  const auto takeProof = [&](const HistoryLine& line) {
+    const auto& record = line.line.record;
+    if (!record || record->delivery == 0 || record->kind != NameOf(Kind::Power).word) return;
+    proof = L"shown by the delivery at " + line.time;
+  };
   const auto take = [&](const HistoryLine& line) {
     if (line.line.provider != kHostProvider) return;
     const std::wstring text = line.line.message + L" at " + line.time;
@@ -266,16 +290,21 @@ void Log(const std::string& named, Checks& checks) {
     const auto files = LogFilesIn(folder);
     count = std::to_wstring(files.size()) + L" log files";
     for (const auto& file : files) ReadLog(file, take, Utf8(kHostProvider));
+    // Another host may not log the events that it forwards.
+    for (const auto& file : files) {
+      if (events == 0) ReadLog(file, takeProof, R"("kind":"power")");
+    }
   } catch (const std::runtime_error& error) {
     checks.Add("log folder", false, Wide(error.what()), L"the log of a service",
-               L"start the service, as administrator: vxhost service start");
+               L"remove a file in its place, then restart the service, as administrator: vxhost "
+               L"service stop, vxhost service start");
     return;
   }
   checks.Add("log folder", true, folder.wstring() + L", " + count);
   checks.Add("last error", startedSince, lastError.empty() ? L"none" : lastError,
              L"none since the last start", L"see what happened then: vxhost history");
-  checks.Add("power events", events != 0,
-             events == 0 ? L"none in " + count : std::to_wstring(events) + lastEvent,
+  if (events != 0) proof = std::to_wstring(events) + lastEvent;
+  checks.Add("power events", !proof.empty(), proof.empty() ? L"none in " + count : proof,
              L"at least one",
              L"let the machine sleep and wake while the service runs: vxhost watch --service");
 }
@@ -337,10 +366,8 @@ void Parts(Tessel::Security::KeySet general, Checks& checks) {
   };
   part("session functions", Machine().apiSets->IsPresent(Platform::kSessionApiSet),
        L"this edition has no interactive users: nothing is started for them");
-  part(
-      "custom triggers",
-      GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "RtlRaiseCustomSystemEventTrigger") != nullptr,
-      L"this Windows raises no custom triggers: subscriptions with one only log a status");
+  part("custom triggers", Machine().systemTriggers->ArePresent(),
+       L"this Windows raises no custom triggers: subscriptions with one only log a status");
 }
 
 Checks Examine(const Options& options, const ModuleOptions& which) {

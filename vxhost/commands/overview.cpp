@@ -27,13 +27,17 @@ constexpr const char* kNext[] = {
 
 std::string ServiceState() {
   const auto report = ServiceManager().Query(Wide(kDefaultServiceName));
-  if (!report) return "not installed";
+  if (!report) return "not installed: vxhost service install";
   return report->state == SERVICE_RUNNING ? "running, process " + std::to_string(report->process)
-                                          : "installed, but not running";
+                                          : "installed, but not running: vxhost service start";
 }
 
 std::string StoreState() {
-  return DiagnoseWithLists(LookAtStore(kNoWait)).text;
+  const StoreLook look = LookAtStore(kNoWait);
+  const StoreVerdict verdict = DiagnoseWithLists(look);
+  const bool usable =
+      verdict.IsSound() || look.reading.state == Tessel::Server::Storage::StoreState::Missing;
+  return verdict.text + (usable ? "" : ": vxhost store verify");
 }
 
 std::string Subscriptions() {

@@ -14,6 +14,7 @@
 
 #include <windows.h>
 
+#include "hosting/loaded_module.h"
 #include "hosting/text.h"
 #include "hosting/windows_error.h"
 #include "platform/files.h"
@@ -160,6 +161,9 @@ int Install(const InstallOptions& options, const ModuleOptions& module, Console&
        ServiceHost::DataFolders(ServiceHost::ProgramDataFolder(), accepted).Prepare(existing)) {
     console.Line("repaired: " + ServiceHost::WithAccountNames(folder));
   }
+  if (const std::string why = WhyNoModule(plan.module); !why.empty()) {
+    throw std::runtime_error(Utf8(plan.module) + " " + why);
+  }
   for (const std::string& unknown : ServiceManager().Install(plan)) {
     console.Line("this system does not know, so the service has not: " + unknown);
   }
@@ -210,7 +214,7 @@ int Start(const NameOptions& options, const ModuleOptions&, Console& console) {
 
 int Stop(const NameOptions& options, const ModuleOptions&, Console& console) {
   ServiceManager().Stop(CheckedName(options.name));
-  console.Line(options.name + " has stopped");
+  console.Line(options.name + " is stopped");
   return kDone;
 }
 

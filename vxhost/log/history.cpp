@@ -329,7 +329,7 @@ std::vector<HistoryRow> History::Finish(const Period& within, std::int64_t now) 
 std::vector<HistoryRow> History::TakeChanges() {
   std::ranges::sort(changes);
   std::vector<HistoryRow> changed;
-  const auto [last, end] = std::ranges::unique(changes);
+  const auto last = std::unique(changes.begin(), changes.end());
   for (auto at = changes.begin(); at != last; ++at) changed.push_back(rows[*at]);
   changes.clear();
   return changed;

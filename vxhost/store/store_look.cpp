@@ -117,8 +117,9 @@ StoreVerdict DiagnoseWithLists(const StoreLook& look, Owner owner) {
 BsonDocument DocumentOf(const StoreLook& look) {
   const StoreVerdict verdict = Diagnose(look);
   if (look.reading.state != StoreState::Sound) {
-    throw std::runtime_error("the store cannot be read: " + verdict.text + "; see\n" +
-                             "\"The store looks broken\" in docs/operations.md");
+    throw std::runtime_error("the store cannot be read: " + verdict.text +
+                             "; see \"The store looks broken\" in docs/operations.md and " +
+                             "vxhost store verify");
   }
   return look.reading.document.value_or(BsonDocument());
 }

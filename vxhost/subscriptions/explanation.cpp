@@ -26,10 +26,11 @@ using Tessel::Server::Records::Reason;
 constexpr std::wstring_view kDelayKey = L"delayDeliverySec";
 constexpr std::wstring_view kPathKey = L".path";
 constexpr wchar_t kUnreadable[] = L"the module cannot read it: ";
+constexpr wchar_t kNoTriggers[] = L"this Windows has no custom triggers";
 
 struct Words {
-  const wchar_t* name;
-  const char* text;
+  const wchar_t* name = nullptr;
+  const char* text = nullptr;
   const char* later = nullptr;  // after a wait
 };
 // In the order of the enumeration.
@@ -136,6 +137,9 @@ class Explainer {
       result.action =
           raises ? L"raise the trigger " + trigger : L"send a message to " + command.Target();
       TakeFaults(Fate::Never, {});
+      if (raises && !Platform::CurrentMachine().systemTriggers->ArePresent()) {
+        Because(Fate::Never, kNoTriggers);
+      }
     }
     if (result.reasons.empty()) result.fate = Fate::Runs;
   }

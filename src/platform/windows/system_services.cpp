@@ -80,6 +80,10 @@ class RealSystemTriggers final : public SystemTriggers {
     config.triggerId = triggerId.c_str();
     return raise(&config);
   }
+
+  bool ArePresent() const override {
+    return SystemFunction<RaiseTrigger>(kNtDll, "RtlRaiseCustomSystemEventTrigger") != nullptr;
+  }
 };
 
 struct LibraryFreer {
