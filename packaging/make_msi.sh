@@ -47,6 +47,11 @@ rollback() {
 rollback UndoAddService 3426 System64Folder
 rollback UndoAddSource 3426 System64Folder
 rollback UndoStartService 3410 Tool
+# The search for SERVICESTART may run in the user's process alone, and the installing one takes only the properties of
+# this list: https://learn.microsoft.com/windows/win32/msi/appsearch-action and .../securecustomproperties
+# The other two are wixl's. It cannot add the third.
+queries+=("UPDATE \`Property\` SET \`Value\`='WIX_DOWNGRADE_DETECTED;WIX_UPGRADE_DETECTED;SERVICESTART' \
+WHERE \`Property\`='SecureCustomProperties'")
 
 # find_key FILE NAME REST: the offset of a structure's name in UTF-16, with these bytes after its padding.
 find_key() { LC_ALL=C grep -obUaP "$(sed 's/./&\\0/g' <<<"$2")\\0\\0\\0\\0$3" "$1" | cut -d: -f1; }

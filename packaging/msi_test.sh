@@ -57,6 +57,9 @@ shared=$({ rows "$old" Component; rows "$new" Component; } | cut -f 2 | sort | u
 product() { rows "$1" Property | grep '^ProductCode'; }
 [ "$(product "$broken")" = "$(product "$old")" ] || fail 'a repair of a build is installed beside it'
 [ "$(product "$new")" != "$(product "$old")" ] || fail 'a newer build does not replace the older one'
+# The emulator passes every property on, Windows only these.
+[ "$(rows "$new" Property | sed -n 's/^SecureCustomProperties\t//p' | tr ';' '\n' | sort | tr '\n' ' ')" = \
+  'SERVICESTART WIX_DOWNGRADE_DETECTED WIX_UPGRADE_DETECTED ' ] || fail 'the secure properties are others'
 echo 'WScript.Echo(new ActiveXObject("Scripting.FileSystemObject").GetFileVersion(WScript.Arguments(0)));' \
   >"$prefix/drive_c/version.js"
 for file in OrvaneService.dll OrvaneHost.exe vxhost.exe; do
