@@ -42,7 +42,7 @@ constexpr Row kRows[] = {
     {"trust", System,
      "subscribes programs, of which only a pinned one in a protected place may run",
      &OnlyPinnedProgramsRun},
-    {"catalog", System, "has the module verify wldp.dll, which a catalog of Microsoft signs",
+    {"catalog", System, "has the module verify wldp.dll, which Microsoft signs",
      &CatalogIsVerified},
     {"packages", System, "asks the Windows Runtime and the module for a package of Windows",
      &PackagesAreFound},
@@ -86,7 +86,9 @@ struct Cleaner {
   ~Cleaner() { Clean(); }
 };
 
-// Ctrl+C and the close of the window. Windows ends the process when it returns.
+// Windows ends the process when this returns, or 5 seconds after the window was closed. It does not
+// call it at log-off, as the program loads user32:
+// https://learn.microsoft.com/windows/console/handlerroutine
 BOOL WINAPI CleanAtEnd(DWORD) {
   Clean();
   return FALSE;
@@ -159,8 +161,7 @@ bool Agrees(const Options& options) {
   if (SmartAppControlBlocks()) {
     std::cout
         << "WARNING: Smart App Control is on and blocks programs without a known signature, as "
-           "those of this kit.\nUse a PC on which it is off. Once off, only a new installation "
-           "of Windows turns it on.\n\n";
+           "those of this kit.\nUse a PC on which it is off.\n\n";
   }
   std::cout << "This program\n";
   for (const Row& row : kRows) {
@@ -174,8 +175,8 @@ bool Agrees(const Options& options) {
          "--firmware.\n\nIt copies itself to "
       << Utf8(KitFolder())
       << " and lets this PC trust a test authority, whose key is not in the kit.\nAt its end, "
-         "or after a power failure at its next start, it removes all that it added, but not "
-         "what Windows\nwrites to its event logs.\n";
+         "or after a closed window, a log-off or a power failure at its next start, it removes\n"
+         "all that it added, but not what Windows writes to its event logs.\n";
   if (options.firmware) {
     std::cout
         << "WARNING: --firmware lets the module set the born-on date. Nothing can undo that.\n";

@@ -199,16 +199,21 @@ void NoteMsi(const std::wstring& msi) {
   Hosting::WriteTextFile(note, Utf8(earlier + msi + L"\n"));
 }
 
+unsigned RunMsi(const std::wstring& arguments) {
+  const unsigned code =
+      Run(SystemProgram(L"msiexec.exe") + L" " + arguments + L" /qn /norestart").code;
+  if (code == ERROR_INSTALL_ALREADY_RUNNING) throw NotTried("another installation is running");
+  return code == ERROR_SUCCESS_REBOOT_REQUIRED ? 0 : code;
+}
+
 bool RemoveMsi() {
   if (!Exists(KitFile(kMsiNote))) return true;
-  constexpr unsigned kUnknownProduct = 1605;  // an upgrade has removed the older one
-  constexpr unsigned kNeedsRestart = 3010;
   std::wistringstream note(Hosting::ReadTextFile(KitFile(kMsiNote)));
   bool removed = true;
   for (std::wstring msi; std::getline(note, msi);) {
-    const unsigned code =
-        Run(SystemProgram(L"msiexec.exe") + L" /x \"" + msi + L"\" /qn /norestart").code;
-    removed = removed && (code == 0 || code == kUnknownProduct || code == kNeedsRestart);
+    const unsigned code = RunMsi(L"/x \"" + msi + L"\"");
+    // An upgrade has removed the older product.
+    removed = removed && (code == 0 || code == ERROR_UNKNOWN_PRODUCT);
   }
   if (!removed) return false;
   // Wine leaves it behind. One that is not empty stays.

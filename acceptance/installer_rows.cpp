@@ -1,5 +1,6 @@
 #include <chrono>
 #include <exception>
+#include <string>
 
 #include "acceptance/kit.h"
 #include "hosting/text.h"
@@ -45,8 +46,9 @@ class Product {
     const std::wstring msi = KitFile(name);
     NoteMsi(msi);
     // Under Wine no folder belongs to the administrators, as it has to for use.
-    Expect(SystemProgram(L"msiexec.exe") + L" /i \"" + msi + L"\" /qn /norestart" + properties +
-           (IsWine() ? L" SERVICEOPTIONS=--development" : L""));
+    const unsigned code = RunMsi(L"/i \"" + msi + L"\"" + properties +
+                                 (IsWine() ? L" SERVICEOPTIONS=--development" : L""));
+    Require(code == 0, "msiexec exits with " + std::to_string(code));
     Require(Exists(Installed(L"OrvaneService.dll")), "it installs no module");
   }
 

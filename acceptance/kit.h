@@ -127,6 +127,9 @@ void NoteData();
 void NoteMsi(const std::wstring& msi);
 void RemoveData();
 bool RemoveMsi();  // false if Windows Installer fails
+// Runs msiexec without its user interface. Returns its exit code, 0 even if Windows has to be
+// restarted. Throws NotTried if another installation is running.
+unsigned RunMsi(const std::wstring& arguments);
 
 // report.cpp
 

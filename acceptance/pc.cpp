@@ -22,14 +22,16 @@ using Platform::UniqueHandle;
 constexpr wchar_t kName[] = L"VxAcceptance";
 constexpr wchar_t kWindowsKey[] = LR"(SOFTWARE\Microsoft\Windows NT\CurrentVersion)";
 
-// By default a task does not start on battery:
-// https://learn.microsoft.com/windows/win32/taskschd/taskschedulerschema-disallowstartifonbatteries-settingstype-element
+// By default a task does not start on battery or while an earlier one of its name ends, and has
+// less than the normal priority:
+// https://learn.microsoft.com/windows/win32/taskschd/taskschedulerschema-settingstype-complextype
 constexpr wchar_t kTask[] =
     LR"(<?xml version="1.0" encoding="UTF-16"?>
 <Task version="1.2" xmlns="http://schemas.microsoft.com/windows/2004/02/mit/task">
 <Principals><Principal id="P"><UserId>S-1-5-18</UserId><RunLevel>HighestAvailable</RunLevel></Principal></Principals>
-<Settings><DisallowStartIfOnBatteries>false</DisallowStartIfOnBatteries>
-<StopIfGoingOnBatteries>false</StopIfGoingOnBatteries></Settings>
+<Settings><MultipleInstancesPolicy>Parallel</MultipleInstancesPolicy>
+<DisallowStartIfOnBatteries>false</DisallowStartIfOnBatteries>
+<StopIfGoingOnBatteries>false</StopIfGoingOnBatteries><Priority>5</Priority></Settings>
 <Actions Context="P"><Exec><Command>)";
 
 std::wstring KnownFolder(const GUID& id) {
@@ -106,9 +108,9 @@ bool IsElevated() {
 }
 
 std::string WindowsBuild() {
-  return Utf8((IsWine() ? L"Wine, as " : L"") + BuildText(L"ProductName") + L" " +
-              BuildText(L"DisplayVersion") + L" " + BuildText(L"EditionID") + L", build " +
-              BuildText(L"CurrentBuild") + L"." +
+  // Without ProductName, which is "Windows 10" on Windows 11 as well.
+  return Utf8((IsWine() ? L"Wine, as Windows " : L"Windows ") + BuildText(L"DisplayVersion") +
+              L" " + BuildText(L"EditionID") + L", build " + BuildText(L"CurrentBuild") + L"." +
               std::to_wstring(MachineNumber(kWindowsKey, L"UBR")));
 }
 
@@ -209,7 +211,8 @@ UniqueHandle StartAsUser(const std::wstring& commandLine) {
   startup.cb = sizeof startup;
   std::wstring line = commandLine;
   PROCESS_INFORMATION started{};
-  if (CreateProcessWithTokenW(raw, 0, nullptr, line.data(), CREATE_NO_WINDOW, nullptr, nullptr,
+  if (CreateProcessWithTokenW(raw, 0, nullptr, line.data(),
+                              CREATE_NO_WINDOW | CREATE_UNICODE_ENVIRONMENT, nullptr, nullptr,
                               &startup, &started) == FALSE) {
     throw WindowsError("cannot start it as the user", GetLastError());
   }
