@@ -193,15 +193,22 @@ TEST(BsonDocument, RemovesRepeatedKeysInTimeThatGrowsWithTheirNumberAlone) {
   std::string members;
   for (int i = 0; i < kRepeated; ++i) members += "\012k\0\012other\0"sv;
   for (const bool set : {true, false}) {
-    const auto begin = steady_clock::now();
-    auto document = BsonDocument::Decode(ToBytes(Document(members)));
-    const auto decoded = steady_clock::now();
-    ASSERT_TRUE(document);
-    ASSERT_TRUE(!set || document->Set("k", BsonElement::Int32(3)));
-    if (!set) document->Erase("k");
-    EXPECT_LT(steady_clock::now() - decoded, 10 * (decoded - begin));
-    EXPECT_EQ(document->Size(), std::size_t{kRepeated} + (set ? 1 : 0));
-    EXPECT_EQ(document->Find("k").has_value(), set);
+    // The best of several, because the system may suspend this thread in any of them.
+    auto decoding = steady_clock::duration::max();
+    auto change = decoding;
+    for (int i = 0; i < 5; ++i) {
+      const auto begin = steady_clock::now();
+      auto document = BsonDocument::Decode(ToBytes(Document(members)));
+      const auto decoded = steady_clock::now();
+      ASSERT_TRUE(document);
+      ASSERT_TRUE(!set || document->Set("k", BsonElement::Int32(3)));
+      if (!set) document->Erase("k");
+      change = std::min(change, steady_clock::now() - decoded);
+      decoding = std::min(decoding, decoded - begin);
+      EXPECT_EQ(document->Size(), std::size_t{kRepeated} + (set ? 1 : 0));
+      EXPECT_EQ(document->Find("k").has_value(), set);
+    }
+    EXPECT_LT(change, 10 * decoding);
   }
 }
 

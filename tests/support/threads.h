@@ -31,11 +31,12 @@ inline bool IsFree(std::mutex& mutex) {
   return taken;
 }
 
+// Likewise. Waits up to ten seconds, because other processes may hold a mutex with a name.
 inline bool IsFree(const std::wstring& name) {
   bool taken = false;
   std::thread([&] {
     const Platform::UniqueHandle mutex(CreateMutexW(nullptr, FALSE, name.c_str()));
-    const DWORD code = WaitForSingleObject(mutex.get(), 0);
+    const DWORD code = WaitForSingleObject(mutex.get(), 10'000);
     taken = code == WAIT_OBJECT_0 || code == WAIT_ABANDONED;
     if (taken) ReleaseMutex(mutex.get());
   }).join();
