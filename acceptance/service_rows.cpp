@@ -103,7 +103,7 @@ std::string ServiceLives() {
     Eventually(seconds(10), [] { return Run(Tool(L"exec 22 --service=VxAcceptance")).code == 0; });
     Expect(Tool(L"exec 22 --service=VxAcceptance"), "getVersion");
   }
-  Expect(Tool(L"service stop") + kName, "has stopped");
+  Expect(Tool(L"service stop") + kName, "is stopped");
   Expect(Tool(L"service remove") + kName, "is removed");
   Require(Service::Status().find("not installed") != std::string::npos, "it is still installed");
   return version;
