@@ -120,7 +120,8 @@ LoadedModule::LoadedModule(const std::wstring& fullPath)
     : module(LoadLibraryExW(fullPath.c_str(), nullptr, LOAD_LIBRARY_SEARCH_SYSTEM32)) {
   if (module == nullptr) {
     const DWORD error = GetLastError();
-    throw WindowsError("cannot load " + Utf8(fullPath), error, "; it " + WhyNoModule(fullPath));
+    const std::string why = WhyNoModule(fullPath);
+    throw WindowsError("cannot load " + Utf8(fullPath), error, why.empty() ? why : "; it " + why);
   }
   factory = reinterpret_cast<Tessel::Server::Services::CreateServiceFunction>(
       Find(Tessel::Server::Services::kCreateServiceExport));

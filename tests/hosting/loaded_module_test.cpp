@@ -1,7 +1,10 @@
 #include "hosting/loaded_module.h"
 
 #include "hosting/fake_service.h"
+#include "hosting/windows_error.h"
 #include "support/memory_shortage.h"
+#include "support/probe.h"
+#include "support/temp_folder.h"
 
 namespace Vx::Hosting {
 namespace {
@@ -24,6 +27,28 @@ TEST(ServiceSessionTest, GivesEverythingBackWhicheverAllocationFails) {
     EXPECT_EQ(counting.responses, 0);
   });
   EXPECT_TRUE(failed);
+}
+
+// A module whose entry point refuses has all that a module needs.
+TEST(LoadedModuleTest, NamesNoFaultThatItHasNotFound) {
+  std::string image = Tests::ReadText(Tests::TestModulePath());
+  const auto* const start = reinterpret_cast<const IMAGE_DOS_HEADER*>(image.data());
+  auto* const headers = reinterpret_cast<IMAGE_NT_HEADERS64*>(image.data() + start->e_lfanew);
+  // The section headers follow the others, and that of the code is the first.
+  const auto& code = *reinterpret_cast<const IMAGE_SECTION_HEADER*>(headers + 1);
+  const std::size_t returnsFalse = image.find("\x31\xC0\xC3", code.PointerToRawData);
+  ASSERT_LT(returnsFalse, code.PointerToRawData + code.SizeOfRawData);
+  headers->OptionalHeader.AddressOfEntryPoint =
+      static_cast<DWORD>(returnsFalse) - code.PointerToRawData + code.VirtualAddress;
+  const Tests::TempFolder folder;
+  Tests::WriteText(folder / L"module.dll", image);
+  try {
+    const LoadedModule module(folder / L"module.dll");
+    FAIL() << "the module was loaded";
+  } catch (const WindowsError& error) {
+    EXPECT_EQ(error.Code(), DWORD{ERROR_DLL_INIT_FAILED});
+    EXPECT_THAT(error.what(), EndsWith("(error 1114)"));
+  }
 }
 
 }  // namespace

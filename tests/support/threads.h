@@ -31,12 +31,12 @@ inline bool IsFree(std::mutex& mutex) {
   return taken;
 }
 
-// Likewise. Waits up to ten seconds, because other processes may hold a mutex with a name.
-inline bool IsFree(const std::wstring& name) {
+// Likewise, within `patience` milliseconds, because other processes may hold a mutex with a name.
+inline bool IsFree(const std::wstring& name, DWORD patience = 0) {
   bool taken = false;
   std::thread([&] {
     const Platform::UniqueHandle mutex(CreateMutexW(nullptr, FALSE, name.c_str()));
-    const DWORD code = WaitForSingleObject(mutex.get(), 10'000);
+    const DWORD code = WaitForSingleObject(mutex.get(), patience);
     taken = code == WAIT_OBJECT_0 || code == WAIT_ABANDONED;
     if (taken) ReleaseMutex(mutex.get());
   }).join();

@@ -149,7 +149,7 @@ TEST_F(StoreRepairTest, HoldsTheStoreThroughoutAndAnImportThatFailsHalfwayNamesT
   } catch (const std::runtime_error& error) {
     message = error.what();
   }
-  EXPECT_TRUE(Tests::IsFree(CapDataStore::kMutexName));
+  EXPECT_TRUE(Tests::IsFree(CapDataStore::kMutexName, 10'000));
   const std::wstring kept = LookAtStore().siblings.at(0);
   EXPECT_THAT(message, EndsWith("; the store as it was is in " + Utf8(kept)));
   EXPECT_EQ(Tests::ReadText(kept), original);
