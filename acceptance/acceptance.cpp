@@ -1,5 +1,5 @@
 // acceptance.exe [--yes] [--firmware] [ROW...]: checks this PC and the module on it, row by row,
-// and writes one report. Exits with 0 if nothing failed, 1 if something did, 2 if it cannot work.
+// and writes one report. Exits with 0 if nothing failed, 1 if something did, 2 if it cannot run.
 #include <algorithm>
 #include <chrono>
 #include <cstddef>

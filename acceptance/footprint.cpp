@@ -86,7 +86,8 @@ void RemoveFolder(const std::wstring& folder) {
   if (!gone) throw std::runtime_error(Utf8(folder) + " cannot be removed");
 }
 
-// Users may write here and may have made it before, so only what rows leave is removed.
+// Users may write here and may already have created this folder, so only the files that the rows
+// leave in it are deleted.
 void RemoveUserFolder() {
   const DWORD attributes = GetFileAttributesW(UserFolder().c_str());
   if (attributes == INVALID_FILE_ATTRIBUTES) return;

@@ -96,7 +96,7 @@ void StartTask(const std::wstring& program, const std::wstring& arguments);
 void EndTask();
 // From now on the programs that this one starts, and theirs, end with this process at the latest.
 void EndProgramsWithThisOne() noexcept;
-// Ends what Run and Start began. From now on only this thread can start a program.
+// Ends all programs that Run and Start began. Afterwards, only this thread can start a program.
 void EndPrograms() noexcept;
 
 // Returns whether `condition` becomes true within `limit`.
@@ -108,8 +108,8 @@ void Pause(std::chrono::milliseconds length);
 
 // Removes all that any kit adds: the test authority's certificate, its task, its service, its MSI,
 // their data, and its folders. Call it at the start, because an earlier kit may have been killed,
-// and at each end, with Nothing: then nothing is added afterwards. Returns why something is left,
-// empty if nothing is.
+// and whenever the kit exits, with Nothing, so that nothing more can be added. Returns why
+// something is left, or an empty string.
 enum class Then { GoOn, Nothing };
 std::string RemoveFootprint(Then then) noexcept;
 void CopyKit(const std::wstring& source);

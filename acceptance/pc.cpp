@@ -114,7 +114,7 @@ std::string WindowsBuild() {
               std::to_wstring(MachineNumber(kWindowsKey, L"UBR")));
 }
 
-// 1 blocks, 2 only evaluates:
+// 1 means that it blocks, 2 that it only evaluates:
 // https://learn.microsoft.com/windows/apps/develop/smart-app-control/test-your-app-with-smart-app-control
 bool SmartAppControlBlocks() {
   return MachineNumber(LR"(SYSTEM\CurrentControlSet\Control\CI\Policy)",

@@ -48,7 +48,7 @@ class Service {
   static std::string Status() { return Run(Tool(L"service status --json") + kName).output; }
 };
 
-// Returns the number of the running service's process, empty unless it runs.
+// Returns the service's process id, or an empty string if the service is not running.
 std::string Process() {
   const std::string status = Service::Status();
   constexpr std::string_view kMember = "\"process\":";
@@ -81,7 +81,7 @@ std::string FailureIsInTheEventLog() {
           "its module cannot be replaced");
   Require(Run(Tool(L"service start") + kName).code != 0, "it starts without its module");
   std::string event;
-  // The text around the inserted ones is that of the message file.
+  // The text around the inserted strings comes from the message file.
   Require(Eventually(seconds(10),
                      [&] {
                        event = Expect(SystemProgram(L"wevtutil.exe") +

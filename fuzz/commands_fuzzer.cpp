@@ -14,7 +14,7 @@
 #include "fuzz/wide_input.h"
 #include "launch/launch_rules.h"
 
-// Fuzzes what a client's text controls of a program: its delay, command line, folder and
+// Fuzzes the parts of a launch that a client's text controls: delay, command line, folder and
 // environment.
 
 namespace {

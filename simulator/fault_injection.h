@@ -27,7 +27,7 @@ class FaultInjection {
   // Wraps the capabilities of `machine`. Call inside the change of a MachineScope, at most once.
   void Install(Platform::Machine& machine);
 
-  // Makes call `index`, counted from zero, fail from now on.
+  // Makes call number `index` fail, counting the calls that follow from zero.
   void FailCall(std::size_t index);
 
   // Makes all calls of this name ("Files.Read"), except the first `skip`, fail from now on.

@@ -23,8 +23,8 @@ namespace Vx::Simulator {
 
 // A whole PC in memory, with one member per subject. It has just been switched on: no user is
 // signed in, first-run setup is over, there are no packages, the registry is empty and the firmware
-// has no born-on date. Other files, signatures, data protection, mutexes, events and threads are
-// real.
+// has no born-on date. Files that are not added to it, signatures, data protection, mutexes, events
+// and threads are real.
 //
 //   SimulatedMachine machine;
 //   Platform::MachineScope scope([&](Platform::Machine& platform) { machine.Install(platform); });

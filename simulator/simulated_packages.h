@@ -47,7 +47,7 @@ class SimulatedPackages final : public Platform::Packages {
   // Notifies the user's catalogs of `uninstall` on the calling thread. Removes nothing.
   void Notify(const std::wstring& user, const Platform::PackageUninstall& uninstall) const;
 
-  // Returns the number of handlers of the user's catalogs.
+  // Returns the number of handlers registered with the user's catalogs.
   std::size_t Handlers(const std::wstring& user) const;
 
   // Sets the result of later Register calls: a failure, or success after `length`.

@@ -238,7 +238,7 @@ Platform::Result<Platform::UniqueHandle> VirtualClock::MakeTimer() {
     return Platform::Result<Platform::UniqueHandle>::Failure(GetLastError());
   }
   const std::lock_guard guard(mutex);
-  // If the value is known, it belonged to a timer that was closed.
+  // If the map already has this handle value, it belonged to a timer that has been closed since.
   timers[timer.get()] = {Platform::UniqueHandle(own), std::nullopt, 0};
   return timer;
 }

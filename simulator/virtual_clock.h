@@ -50,7 +50,7 @@ class VirtualClock final : public Platform::Clock {
   // every worker is at rest. It must not wait. Returns false after `limit` or if no wait is left.
   bool AdvanceUntil(const std::function<bool()>& reached, Duration limit);
 
-  // Waits in real time, at constant virtual time, until every worker is at rest. Throws ClockStuck.
+  // Waits in real time, with virtual time frozen, until every worker is at rest. Throws ClockStuck.
   void Settle();
 
   // Simulates sleep: advances the tick count and UTC, but not pending waits.

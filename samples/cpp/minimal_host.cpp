@@ -17,8 +17,8 @@ namespace {
 namespace Contract = Vx::Tessel::Server::Services;
 
 // Sets up COM as the module needs it. A process makes this choice once: while the module acts as a
-// user, its calls to other processes are made as that user. Otherwise the module would choose for
-// the process, and differently.
+// user, its calls to other processes are made as that user. If the host does not choose, the module
+// does, and it chooses differently.
 class Com {
  public:
   Com() {

@@ -113,7 +113,7 @@ bool VxBiosWmi::GetReady() {
 
   ComPtr<IWbemLocator> locator;
   const HRESULT created = WithObject(com.CreateWbemLocator(locator.Receive()), locator);
-  // Does not leave COM here, because callers have always found it entered.
+  // Does not uninitialize COM here, because callers have always found it initialized.
   if (FAILED(Check(kGetReady, L"CoCreateInstance(IWbemLocator)", created))) return false;
 
   HRESULT connected = locator->ConnectServer(name.get(), nullptr, nullptr, nullptr, 0, nullptr,

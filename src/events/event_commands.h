@@ -134,10 +134,10 @@ EventCommandPtr CreateEventCommand(EventAction action, const Json::JsonObject& p
 
 // Acquires `turn`, which lets the commands of a kind run one at a time. A launch checks its program
 // before it waits, so that other commands do not wait for the check. The program stays locked for
-// at most one second of the wait, because an update of it has to wait. Then it is unlocked and,
-// once `turn` is acquired, rechecked, which is quick for an unchanged file. A changed file is
-// checked as a new one, with `turn` released. After a second change it stays locked until `turn` is
-// acquired.
+// at most one second of the wait, because an update of the program has to wait while it is locked.
+// Then it is unlocked and, once `turn` is acquired, rechecked, which is quick for an unchanged
+// file. A changed file is checked as a new one, with `turn` released. After a second change it
+// stays locked until `turn` is acquired.
 std::unique_lock<std::mutex> TakeTurn(EventCommand& command, std::mutex& turn);
 
 }  // namespace Vx::Tessel::Server::Services::Orvane

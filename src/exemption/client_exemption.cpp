@@ -20,7 +20,8 @@ constexpr std::uint32_t kNotEnoughMemory = 8;
 constexpr std::uint32_t kGeneralFailure = 31;
 constexpr std::uint32_t kInvalidParameter = 87;
 
-// Runs the work of every slot. No exception may reach the host, which another compiler built.
+// Every slot does its work through this function. No exception may reach the host, which another
+// compiler built.
 template <typename Question>
 std::uint32_t ResultFromException(std::int32_t* exempt, Question&& question) noexcept {
   try {

@@ -7,7 +7,8 @@
 
 namespace Vx::Tessel::Security {
 
-// Clients that are tolerated without the maker's manifest, up to a version. Returns a new list.
+// Clients that are tolerated without the maker's manifest, up to a given version. GetExemption
+// returns a new list.
 
 class UwpWithNoVxManifestExemptionWhiteList {
  public:

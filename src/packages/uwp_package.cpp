@@ -55,7 +55,8 @@ bool UwpPackage::ShouldForceRegistration(const std::wstring& user,
 
 void UwpPackage::Register(const std::wstring& fullName) const {
   try {
-    // Starts, awaits and reads the deployment as the user, because it applies only to that user.
+    // Starts the deployment, waits for it and reads its result as the user, because it applies only
+    // to that user.
     const auto registration = Platform::AsConsoleUser(&ReportRefusedStep, [&] {
       return Platform::CurrentMachine().packages->Register(fullName, kRegistrationLimit);
     });

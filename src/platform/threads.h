@@ -9,8 +9,8 @@
 namespace Vx::Platform {
 
 // Bytes of address space reserved for a worker's stack instead of the host's default, so that a
-// thousand concurrent deliveries fit. At least five times what the deepest path, checking a
-// signature and starting the program, needs: 72 KiB under the emulator (worker_stack_test.cpp). The
+// thousand concurrent deliveries fit. At least five times the 72 KiB that the deepest path needs
+// under the emulator: checking a signature and starting the program (worker_stack_test.cpp). The
 // rest is for Windows' own libraries and the security products that hook them.
 inline constexpr std::size_t kWorkerStack = std::size_t{1} << 20;
 

@@ -43,7 +43,7 @@ constexpr int kUserPolls = 7200;
 constexpr std::chrono::milliseconds kAttemptPause{600'000};
 constexpr int kAttempts = 7;
 
-// Waits on a stop event. Returns true if the time is over and the service still exists.
+// Waits on a stop event. Returns true if the wait timed out, so that the service still exists.
 bool Pause(Platform::RawHandle stop, std::chrono::milliseconds length, Platform::WaitResult& wait) {
   wait = Platform::CurrentMachine().clock->Wait(stop, length);
   return wait.outcome == Platform::WaitOutcome::TimedOut;

@@ -84,7 +84,8 @@ class CapDataStore {
 
   // Like mergeMember, but `change` computes the new value from the stored one. `change` runs with
   // the mutex held and must not use a store. Its exceptions propagate after the mutex is released.
-  // If it returns nothing, returns whether the file could be read or may be replaced.
+  // If `change` returns nothing, writes nothing and returns whether the file could be read or may
+  // be replaced.
   bool updateMember(std::string_view documentName, std::string_view member, const Change& change);
 
  private:

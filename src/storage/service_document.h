@@ -13,7 +13,8 @@ inline constexpr char kPackageSubscriptions[] = "PackageCatalogEventSubscription
 // The lockdown mode at the machine's first start, a 32-bit number.
 inline constexpr char kFirstEnforcementMode[] = "FirstSystemEnforcementMode";
 
-// Whether the switch software was started, recorded by a client or when S mode was left.
+// Whether the switch software has been started. Recorded by a client, or by the service once the PC
+// has left S mode.
 inline constexpr char kExecutedStub[] = "ExecutedMcAfeeStub";
 
 // The born-on date as eight digits.

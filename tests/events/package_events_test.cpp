@@ -77,7 +77,8 @@ TEST_F(PackageEventTest, ChecksAProgramWithoutHoldingUpOtherNotifications) {
   }
 }
 
-// Three more arrive while the first one's program is checked: two for its package, one for another.
+// Three more arrive while the first one's program is being checked: two for its package, one for
+// another.
 TEST_F(PackageEventTest, LogsNoNotificationThatComesAfterTheOneThatRunsItsCommand) {
   Register(LaunchRequest(L"5"));
   std::vector<std::jthread> others;

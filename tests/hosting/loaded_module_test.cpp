@@ -29,7 +29,7 @@ TEST(ServiceSessionTest, GivesEverythingBackWhicheverAllocationFails) {
   EXPECT_TRUE(failed);
 }
 
-// A module whose entry point refuses has all that a module needs.
+// A module whose entry point returns FALSE lacks nothing, so the error must not name anything.
 TEST(LoadedModuleTest, NamesNoFaultThatItHasNotFound) {
   std::string image = Tests::ReadText(Tests::TestModulePath());
   const auto* const start = reinterpret_cast<const IMAGE_DOS_HEADER*>(image.data());

@@ -85,7 +85,7 @@ std::uint32_t CommandOf(const Text& request) {
 
 // Returns the failure of this machine's package manager, which command 7 returns unchanged, or 0.
 // Windows returns an empty list for an unknown family. An emulator has no package manager
-// (REGDB_E_CLASSNOTREG) or one without functions (E_NOTIMPL).
+// (REGDB_E_CLASSNOTREG) or one whose functions are not implemented (E_NOTIMPL).
 // https://learn.microsoft.com/en-us/uwp/api/windows.management.deployment.packagemanager.findpackagesforuser
 std::uint32_t PackageManagersFailure() {
   try {

@@ -6,9 +6,9 @@
 namespace Vx::Tests {
 namespace {
 
-// Bytes that the steps may leave in the heap. Most runs leave none, some 480-byte blocks that the
-// system keeps for threads. Commands start none, so that 14 bytes left by one command of the list
-// are found.
+// Bytes that the steps may leave in the heap. Most runs leave nothing. Some leave 480-byte blocks
+// that the system keeps for threads. Commands start no threads, so even 14 bytes that one command
+// of the list leaks are found.
 constexpr std::size_t kStepsPerByte = 100;
 constexpr std::size_t kOneBlock = 512;
 constexpr std::size_t kBlocksOfWorkers = 4 * kOneBlock;
@@ -32,7 +32,8 @@ class SoakTest : public ModuleTest {
     quiet = ThreadCount();
   }
 
-  // First waits for handles and threads to return to `before`, as passing system threads hold some.
+  // First waits for handles and threads to return to `before`, because short-lived system threads
+  // hold some.
   static Figures Measure(const char* when, const Figures& before) {
     static_cast<void>(ThreadsEnd(before.threads));
     const std::uintptr_t handles = RestingHandleGauge(before.handles + kMutexEventsGauge);
@@ -174,7 +175,7 @@ DWORD NextThreadSlot() {
   return slot;
 }
 
-// A thread that still runs in an unloaded module would crash this process.
+// A thread still running in an unloaded module would crash this process.
 TEST_F(SoakTest, TheModuleStaysUntilItsLastThreadHasGoneAndLeavesNoThreadSlot) {
   constexpr DWORD kLoads = 5;
   const auto use = [](Hosting::LoadedModule loaded) {

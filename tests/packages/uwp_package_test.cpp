@@ -250,7 +250,8 @@ TEST_F(UwpPackageModelTest, RefusesNullArgumentsWithoutAskingTheMachine) {
   EXPECT_THAT(machine.faults.Calls(), IsEmpty());
 }
 
-// The host calls while impersonating its client bob. Ann is at the console and has the package.
+// The host calls the module while impersonating its client bob. Ann is at the console and has the
+// package.
 class CallerIdentityTest : public UwpPackageModelTest {
  protected:
   CallerIdentityTest() {

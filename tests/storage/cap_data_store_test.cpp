@@ -199,7 +199,8 @@ class DamagedStoreTest : public CapDataStoreTest {
     EXPECT_EQ(Tests::DocumentOf(Path()), expected);
   }
 
-  // If the file or this service's document is unreadable, the last copy must hold the file.
+  // If the file or this service's document is unreadable, the last copy must have the file's
+  // content.
   void CheckCopies(const std::optional<BsonDocument>& held, const Bytes& file) {
     std::vector<std::wstring> copies = Siblings();
     EXPECT_LE(copies.size(), 3U);

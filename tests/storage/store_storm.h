@@ -11,7 +11,8 @@
 
 #include "platform/unique_handle.h"
 
-// Notes that a storm's writers keep in shared memory, for the test to read after killing them.
+// The records that a storm's writers keep in shared memory, which the test reads after killing
+// them.
 namespace Vx::Tests {
 
 inline constexpr unsigned kKilled = 9;  // exit code of a killed worker

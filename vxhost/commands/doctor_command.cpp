@@ -290,7 +290,7 @@ void Log(const std::string& named, Checks& checks) {
     const auto files = LogFilesIn(folder);
     count = std::to_wstring(files.size()) + L" log files";
     for (const auto& file : files) ReadLog(file, take, Utf8(kHostProvider));
-    // Another host may not log the events that it forwards.
+    // Other hosts might not log the events that they forward.
     for (const auto& file : files) {
       if (events == 0) ReadLog(file, takeProof, R"("kind":"power")");
     }

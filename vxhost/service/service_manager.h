@@ -51,11 +51,11 @@ using UniqueServiceHandle = std::unique_ptr<void, ServiceHandleCloser>;
 class ServiceManager {
  public:
   // Registers a LocalSystem service in its own process, with failure actions, a service SID and
-  // only the required privileges. If Windows refuses a setting, removes a new service again, but
-  // leaves a replaced one with the changes made so far, effective from its next start. A replaced
-  // service must already run as LocalSystem, and receives the owner and access list of a new one.
-  // It may be from an earlier version, which kept the parameters in the command line. Returns the
-  // settings that this system does not support. Windows supports all.
+  // only the required privileges. If Windows refuses a setting, deletes the service if it is new,
+  // but leaves a replaced one with the changes made so far, effective from its next start. A
+  // replaced service must already run as LocalSystem, and receives the owner and access list of a
+  // new one. It may be from an earlier version, which kept the parameters in the command line.
+  // Returns the settings that this system does not support. Windows supports all.
   std::vector<std::string> Install(const ServicePlan& plan);
 
   // Start or stop the service, and wait until it is running or its process has ended. Return

@@ -90,8 +90,8 @@ void RequireStore(const StoreLook& look) {
   SubscriptionsIn(*look.reading.document);
 }
 
-// Copies the store, even if damaged, next to itself. Returns the copy's path, empty if none is
-// needed.
+// Copies the store, even if damaged, within its folder. Returns the copy's path, or an empty
+// string if no copy is needed.
 std::wstring Keep(const StoreLook& look) {
   const StoreState state = look.reading.state;
   if (state == StoreState::Missing) return {};

@@ -124,7 +124,7 @@ class Checker {
   // Typed: may be absent, but the wrong type makes the subscription unreadable.
   enum class Need { Required, Typed, Optional };
 
-  // An object in the request, and the members taken from it.
+  // An object in the request, and the names of the members looked up in it.
   struct Level {
     const WideValue& object;
     std::wstring prefix;

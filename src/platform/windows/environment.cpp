@@ -27,7 +27,7 @@ struct BlockDestroyer {
 
 using Text = Result<std::wstring>;
 
-// The longest counted string of Windows, including the terminator. Wine expands the beginning of a
+// The length limit of a UNICODE_STRING, including the terminator. Wine expands the beginning of a
 // longer one and reports success.
 constexpr std::size_t kMaxText = 32767;
 

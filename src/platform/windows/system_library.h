@@ -15,7 +15,8 @@ Function* SystemFunction(const wchar_t* loadedLibrary, const char* name) noexcep
   return reinterpret_cast<Function*>(reinterpret_cast<void*>(GetProcAddress(library, name)));
 }
 
-// Returns whether `path` is complete: neither a search nor a current folder affects what it names.
+// Returns whether `path` is fully qualified: neither a search path nor a current directory affects
+// it.
 inline bool IsFullPath(std::wstring_view path) noexcept {
   const auto separates = [](wchar_t c) { return c == L'\\' || c == L'/'; };
   if (path.find(L'\0') != std::wstring_view::npos) return false;
