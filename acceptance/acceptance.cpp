@@ -275,7 +275,6 @@ void KeepWindow() {
 
 int wmain(int count, wchar_t** arguments) {
   Vx::Hosting::PrepareProgram();
-  Vx::Acceptance::EndProgramsWithThisOne();
   const std::vector<std::wstring> words(arguments + 1, arguments + count);
   int code = 2;
   try {

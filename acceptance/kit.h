@@ -94,8 +94,6 @@ bool HasEnded(const Platform::UniqueHandle& process);
 // Has a scheduled task run a program as SYSTEM. EndTask ends and deletes it.
 void StartTask(const std::wstring& program, const std::wstring& arguments);
 void EndTask();
-// From now on the programs that this one starts, and theirs, end with this process at the latest.
-void EndProgramsWithThisOne() noexcept;
 // Ends all programs that Run and Start began. Afterwards, only this thread can start a program.
 void EndPrograms() noexcept;
 

@@ -56,10 +56,23 @@ DWORD MachineNumber(const wchar_t* key, const wchar_t* value) {
   return number;
 }
 
+// Windows closes a job when the process that made it ends, even if it is killed, and then ends the
+// programs in it. What these start leaves the job, because all processes of a job are in one
+// session, and the module starts programs in another:
+// https://learn.microsoft.com/windows/win32/api/jobapi2/nf-jobapi2-assignprocesstojobobject
+HANDLE MakeJob() {
+  HANDLE const job = CreateJobObjectW(nullptr, nullptr);
+  JOBOBJECT_EXTENDED_LIMIT_INFORMATION limits{};
+  limits.BasicLimitInformation.LimitFlags =
+      JOB_OBJECT_LIMIT_KILL_ON_JOB_CLOSE | JOB_OBJECT_LIMIT_SILENT_BREAKAWAY_OK;
+  SetInformationJobObject(job, JobObjectExtendedLimitInformation, &limits, sizeof limits);
+  return job;
+}
+
 // The programs that this one starts.
 HANDLE Job() {
-  static const UniqueHandle job(CreateJobObjectW(nullptr, nullptr));
-  return job.get();
+  static HANDLE const job = MakeJob();
+  return job;
 }
 
 std::atomic<DWORD> endingThread{0};
@@ -239,16 +252,6 @@ void StartTask(const std::wstring& program, const std::wstring& arguments) {
 void EndTask() {
   Run(TaskCommand(L"/end"));
   Run(TaskCommand(L"/delete") + L" /f");
-}
-
-void EndProgramsWithThisOne() noexcept {
-  // Never closed by hand: Windows closes it when this process ends, even if it is killed. A program
-  // is in the job of its starter from its first moment on, and jobs nest.
-  HANDLE const job = CreateJobObjectW(nullptr, nullptr);
-  JOBOBJECT_EXTENDED_LIMIT_INFORMATION limits{};
-  limits.BasicLimitInformation.LimitFlags = JOB_OBJECT_LIMIT_KILL_ON_JOB_CLOSE;
-  SetInformationJobObject(job, JobObjectExtendedLimitInformation, &limits, sizeof limits);
-  AssignProcessToJobObject(job, GetCurrentProcess());
 }
 
 void EndPrograms() noexcept {

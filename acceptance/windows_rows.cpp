@@ -42,7 +42,9 @@ std::string PackagesAreFound() {
 std::string AliasStartsItsApp() {
   NeedsWindows("it has no packaged apps");
   const Tessel::Server::Services::Orvane::Launcher launcher;
-  if (launcher.GetPackageFullNameByFamilyName(kInstallerFamily).empty()) {
+  const auto user = launcher.GetUserTokenForCurrentUser(Platform::TokenType::Impersonation);
+  if (user == nullptr) throw NotTried("no user is signed in at the console");
+  if (launcher.GetPackageFullNameByFamilyName(kInstallerFamily, user.get()).empty()) {
     throw NotTried("the user at the console does not have the App Installer");
   }
   Require(launcher.Run(kInstallerAlias, kInstallerFamily, L"--version"), "it is not started");
