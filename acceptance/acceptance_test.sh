@@ -92,7 +92,7 @@ end_by() {
   "$emulator" "$prefix" acceptance.exe --yes console >/dev/null 2>&1 </dev/null &
   kit_process=$!
   tries=0
-  until [ -e "$programs/VxAcceptance/request.json" ] || [ $tries = 300 ]; do
+  until [ -e "$programs/VxAcceptance/request.json" ] || [ $tries = 900 ]; do
     tries=$((tries + 1))
     sleep 0.1
   done
