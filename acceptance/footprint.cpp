@@ -217,7 +217,7 @@ bool RemoveMsi() {
     removed = removed && (code == 0 || code == ERROR_UNKNOWN_PRODUCT);
   }
   if (!removed) return false;
-  // Wine leaves it behind. One that is not empty stays.
+  // Wine does not delete it. One that is not empty stays.
   if (IsWine()) RemoveDirectoryW(ProgramFiles(L"Vx").c_str());
   DeleteFileW(KitFile(kMsiNote).c_str());
   return true;

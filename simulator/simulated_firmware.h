@@ -15,8 +15,8 @@ struct tagVARIANT;
 
 namespace Vx::Simulator {
 
-// A PC's firmware behind WMI, in this process: a locator whose namespace "\\.\root\wmi" contains
-// the firmware's classes and runs its commands on a warranty block and a features block.
+// A PC's firmware as WMI exposes it, in this process: a locator whose namespace "\\.\root\wmi"
+// contains the firmware's classes and runs its commands on a warranty block and a features block.
 //
 // It is the machine's Com capability. With a ClassRegistration, it also serves all other code in
 // the process that creates a WMI locator. Thread-safe. Release every object that it returned before

@@ -47,7 +47,8 @@ QuboLaunchCriteriaDataAccess::QuboLaunchCriteriaDataAccess(std::string storeKey)
     : key(std::move(storeKey)) {}
 
 bool QuboLaunchCriteriaDataAccess::SaveSkipState(bool skip) const {
-  // The client chooses the key. An empty one is no criterion, and long ones would fill the store.
+  // The client chooses the key. An empty key is not a criterion, and long ones would fill the
+  // store.
   if (key.empty() || Json::ToWide(key).size() > kLongestKey) return false;
   try {
     // A document under a client's key is another writer's data, or even this service's own.

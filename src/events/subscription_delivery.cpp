@@ -150,7 +150,8 @@ Waited Wait(const DeliveryNames& names, int seconds, const Platform::SharedHandl
     Log().LogInfo(kModernStandby, names.handler);
     return {ElapsedUntilStandby(start, clock.TickCount()), Reason::Standby};
   }
-  // A failed wait, for example without an event, returns early. Sleeps for the rest of the delay.
+  // A wait that fails, for example because there is no event, returns early. Sleeps for the rest of
+  // the delay.
   const std::chrono::milliseconds gone(clock.TickCount() - start);
   if (wait.outcome == Platform::WaitOutcome::Failed && gone < length) clock.Sleep(length - gone);
   return {ElapsedMilliseconds(start, clock.TickCount())};
