@@ -50,7 +50,7 @@ module 1 'never runs: commandParams.path: ' subscriptions add --platform 1 --run
 module 0 '"added":true' subscriptions add --platform 1 --run 'C:\Missing.exe' --force --json
 kept 0 'would be refused: ' subscriptions list
 kept 0 '"number":2,"hash":' subscriptions --json
-module 0 '1 deliveries still wait, for up to 5 s' events --power 18 --seconds 0
+module 0 '1 deliveries still wait, for up to 5 s' events --power 18 --seconds 2
 module 0 'removed: ' subscriptions remove 2
 module 0 'removed: ' subscriptions remove 1
 module 1 'not removed' subscriptions remove 1
