@@ -14,9 +14,17 @@
 
 // NOLINTBEGIN(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp): the linker's names
 extern "C" decltype(&ChangeServiceConfig2W) __imp_ChangeServiceConfig2W;
+extern "C" decltype(&ChangeServiceConfigW) __imp_ChangeServiceConfigW;
+extern "C" decltype(&ControlService) __imp_ControlService;
+extern "C" decltype(&DeleteService) __imp_DeleteService;
 extern "C" decltype(&GetSecurityInfo) __imp_GetSecurityInfo;
+extern "C" decltype(&OpenSCManagerW) __imp_OpenSCManagerW;
+extern "C" decltype(&OpenServiceW) __imp_OpenServiceW;
+extern "C" decltype(&QueryServiceConfigW) __imp_QueryServiceConfigW;
+extern "C" decltype(&QueryServiceStatusEx) __imp_QueryServiceStatusEx;
 extern "C" decltype(&RegSetKeyValueW) __imp_RegSetKeyValueW;
 extern "C" decltype(&SetServiceObjectSecurity) __imp_SetServiceObjectSecurity;
+extern "C" decltype(&StartServiceW) __imp_StartServiceW;
 // NOLINTEND(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
 
 namespace Vx::Hosting::ServiceHost {
@@ -127,19 +135,37 @@ TEST_F(DataFoldersTest, AFolderWhoseListAnotherAccountCouldChangeIsRenamedAndMad
   }
 }
 
-TEST(WhyUnguardedTest, TheRootOfTheDriveCountsIfOthersMayDeleteWhatLiesInIt) {
+TEST(WhyUnguardedTest, OthersMayNotWriteTheFileOrItsFolderNorReplaceAFolderAboveIt) {
   class Disk final : public Simulator::SimulatedFiles {
    public:
     Platform::Result<Platform::AccessList> FolderAccess(const std::wstring& path) const override {
-      return Platform::AccessList{L"S-1-5-18", {{true, path == L"C:\\" ? mask : 0, L"S-1-1-0"}}};
+      return Platform::AccessList{L"S-1-5-18", {{true, path == open ? mask : 0, L"S-1-1-0"}}};
     }
+    std::wstring open;
     std::uint32_t mask = 0;
   } disk;
   const Platform::MachineScope scope([&](Platform::Machine& machine) { machine.files = &disk; });
-  for (const std::uint32_t mask : std::initializer_list<std::uint32_t>{
-           FILE_ADD_SUBDIRECTORY | DELETE, FILE_DELETE_CHILD, WRITE_DAC}) {
-    disk.mask = mask;
-    EXPECT_EQ(WhyUnguarded(L"C:\\a\\b.dll", Writers::System).empty(), (mask & DELETE) != 0) << mask;
+  static constexpr wchar_t kFile[] = L"C:\\a\\b\\c.dll";
+  static constexpr struct {
+    const wchar_t* path;
+    std::uint32_t harmless;
+    std::array<std::uint32_t, 3> harmful;
+  } kCases[] = {
+      {kFile, FILE_GENERIC_READ, {FILE_WRITE_DATA, FILE_APPEND_DATA, DELETE}},
+      {L"C:\\a\\b", FILE_GENERIC_READ, {FILE_ADD_FILE, FILE_DELETE_CHILD, DELETE}},
+      {L"C:\\a", FILE_ADD_FILE | FILE_ADD_SUBDIRECTORY, {FILE_DELETE_CHILD, DELETE, WRITE_DAC}},
+      {L"C:\\", FILE_ADD_SUBDIRECTORY | DELETE, {FILE_DELETE_CHILD, WRITE_DAC, WRITE_OWNER}},
+  };
+  for (const auto& c : kCases) {
+    SCOPED_TRACE(Utf8(c.path));
+    disk.open = c.path;
+    disk.mask = c.harmless;
+    EXPECT_EQ(WhyUnguarded(kFile, Writers::System), "");
+    for (const std::uint32_t mask : c.harmful) {
+      disk.mask = mask;
+      EXPECT_EQ(WhyUnguarded(kFile, Writers::System), Utf8(c.path) + " can be written by S-1-1-0")
+          << mask;
+    }
   }
 }
 
@@ -193,6 +219,43 @@ TEST(ServiceManagerTest, ARefusedSettingLeavesNoServiceExceptOneThatWasThere) {
     manager.Install(plan);
     EXPECT_TRUE(restartsAfterErrors);
   }
+  manager.Remove(plan.name);
+}
+
+// Takes the place of any of Windows' functions that returns zero on failure.
+template <typename Returned, typename... Parameters>
+Returned WINAPI Refuse(Parameters... /*unused*/) {
+  SetLastError(ERROR_ACCESS_DENIED);
+  return {};
+}
+
+TEST(ServiceManagerTest, ARefusedCallIsReportedWithTheServiceAndItsError) {
+  Tool::ServiceManager manager;
+  Tool::ServicePlan plan{.name = L"VxRefused" + std::to_wstring(GetCurrentProcessId()),
+                         .program = OwnPath(),
+                         .module = L"C:\\m.dll",
+                         .start = Tool::ServicePlan::Start::Demand};
+  manager.Install(plan);
+  plan.replaces = true;
+  const auto refused = [&](const std::string& what, auto& import, auto&& call) {
+    const Tests::ImportOverride<std::remove_reference_t<decltype(import)>> refusal(import, &Refuse);
+    EXPECT_THAT(call, ThrowsMessage<std::runtime_error>(AllOf(HasSubstr(what), HasSubstr("error 5"),
+                                                              HasSubstr("as administrator"))));
+  };
+  const std::string name = " the service " + Utf8(plan.name);
+  const auto query = [&] { manager.Query(plan.name); };
+  const auto install = [&] { manager.Install(plan); };
+  refused("cannot reach the service manager", __imp_OpenSCManagerW, query);
+  refused("cannot query" + name, __imp_OpenServiceW, query);
+  refused("cannot query" + name, __imp_QueryServiceStatusEx, query);
+  refused("cannot query" + name, __imp_QueryServiceConfigW, query);
+  refused("cannot replace" + name, __imp_SetServiceObjectSecurity, install);
+  refused("cannot replace" + name, __imp_ChangeServiceConfigW, install);
+  refused("cannot start" + name, __imp_StartServiceW, [&] { manager.Start(plan.name); });
+  refused("cannot stop" + name, __imp_ControlService, [&] { manager.Stop(plan.name); });
+  refused("cannot send a code to" + name, __imp_ControlService,
+          [&] { manager.Send(plan.name, 128); });
+  refused("cannot remove" + name, __imp_DeleteService, [&] { manager.Remove(plan.name); });
   manager.Remove(plan.name);
 }
 
