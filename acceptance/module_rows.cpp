@@ -45,7 +45,13 @@ void ExpectRefused(const wchar_t* store, std::initializer_list<std::wstring> ref
     Require(seen.find(Utf8(program) + " not trusted to launch as system") != std::string::npos,
             Utf8(program) + " is not refused: " + seen);
   }
-  Require(allowed.empty() || Exists(allowed + kReport), Utf8(allowed) + " did not run: " + seen);
+  if (allowed.empty() || Exists(allowed + kReport)) return;
+  // All processes of a job are in one session, which applies to a task's programs if its job allows
+  // no breakaway. https://learn.microsoft.com/windows/win32/procthread/job-objects
+  if (seen.find("Windows refused (status 0x00000005)") != std::string::npos) {
+    throw NotTried("from this task, Windows starts no program in another session");
+  }
+  Require(false, Utf8(allowed) + " did not run: " + seen);
 }
 
 }  // namespace
