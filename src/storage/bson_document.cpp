@@ -102,7 +102,7 @@ void BsonDocument::Erase(std::string_view key) {
   EraseFrom(kLengthSize, std::string(key));  // `key` may point into this document
 }
 
-// In one pass, because another writer of the store may repeat a key without limit.
+// Works in one pass, because another writer of the store may repeat a key without limit.
 void BsonDocument::EraseFrom(std::size_t offset, std::string_view key) {
   std::byte* kept = bytes.get() + offset;
   for (Iterator next = From(offset); !(next == end());) {

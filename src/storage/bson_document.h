@@ -12,8 +12,8 @@
 namespace Vx::Tessel::Server::Storage {
 
 // A BSON document: an ordered list of keys and values. Keeps its encoding and walks it in place. A
-// change rewrites only the changed member, so that the values of other services stay the same, byte
-// for byte, whatever they contain.
+// change rewrites only the changed member, so that other services' values stay identical, byte for
+// byte, whatever they contain.
 //
 // A document from another service may repeat a key. The first one wins, and the others stay until
 // Set or Erase changes that key. Copies are deep. Use from one thread at a time.
@@ -49,9 +49,9 @@ class BsonDocument {
   BsonDocument& operator=(BsonDocument&& other) noexcept = default;
   ~BsonDocument() = default;
 
-  // Returns the document that fills `encoded`, or nothing if it cannot be split into members: a
-  // length is wrong, the terminator is missing, a key does not end or a kind is unknown. The
-  // content of a value is checked when a getter reads it.
+  // Decodes the document that occupies all of `encoded`. Returns nothing if it cannot be split into
+  // members: a length is wrong, the terminator of the document or of a key is missing, or a kind is
+  // unknown. The content of a value is checked when a getter reads it.
   static std::optional<BsonDocument> Decode(std::span<const std::byte> encoded);
 
   // Returns the encoding, which is valid until the next change.
@@ -66,9 +66,9 @@ class BsonDocument {
   // Returns the value of the first member called `key`.
   std::optional<BsonView> Find(std::string_view key) const;
 
-  // Replaces the value of the first member called `key` and removes the others, or adds the member
-  // at the end. Returns false and changes nothing if a new key is invalid (it contains U+0000 or is
-  // not UTF-8) or the document would exceed 2 GiB.
+  // Replaces the value of the first member called `key` and removes the others, or appends a new
+  // member. Returns false and changes nothing if a new key is invalid (it contains U+0000 or is not
+  // UTF-8) or the document would exceed 2 GiB.
   bool Set(std::string_view key, const BsonElement& value);
 
   // Removes every member called `key`.
@@ -79,7 +79,7 @@ class BsonDocument {
  private:
   friend class BsonView;
 
-  // Memory from the C library, whose realloc can extend it in place.
+  // The memory comes from the C library, whose realloc can extend it in place.
   struct Freer {
     void operator()(std::byte* memory) const noexcept { std::free(memory); }
   };
@@ -90,23 +90,23 @@ class BsonDocument {
   // Adds a member at the end without looking for another with the same key. Fails as Set does.
   bool Append(std::string_view key, const BsonElement& value);
 
-  // Returns the members from `offset` on.
+  // Returns an iterator to the member that starts at `offset`.
   Iterator From(std::size_t offset) const;
 
-  // Removes the members called `key` from `offset`, where a member begins, to the end.
+  // Removes all members called `key` at or after `offset`, which must be the start of a member.
   void EraseFrom(std::size_t offset, std::string_view key);
 
   // Finds the first member called `key`, starting at `from`.
   Iterator FirstOf(std::string_view key, Iterator from) const;
 
-  // Replaces a part of the encoding.
+  // Replaces `part`, which must point into the encoding.
   void Splice(std::span<const std::byte> part, std::span<const std::byte> replacement);
   void Reserve(std::size_t size);
   void SetUsed(std::size_t size);
 
   std::unique_ptr<std::byte, Freer> bytes;
-  std::size_t used = 0;  // bytes of the encoding
-  std::size_t room = 0;  // bytes of memory
+  std::size_t used = 0;  // size of the encoding in bytes
+  std::size_t room = 0;  // allocated bytes
 };
 
 }  // namespace Vx::Tessel::Server::Storage

@@ -22,7 +22,7 @@ std::optional<std::size_t> WholeLength(Bytes bytes) {
 }
 
 // Returns the size of the C string at the front of `bytes`, including its terminator. Keys are
-// short, so testing eight bytes at once is faster than memchr, which is made for long strings.
+// short, so testing eight bytes at once is faster than memchr, which is optimized for long strings.
 std::optional<std::size_t> CStringSize(Bytes bytes) {
   constexpr std::uint64_t kOnes = 0x0101010101010101;
   constexpr std::uint64_t kTops = 0x8080808080808080;
@@ -47,7 +47,7 @@ std::optional<std::size_t> TwoCStringsSize(Bytes bytes) {
   return *first + *second;
 }
 
-// Returns the size that a value of `kind` at the front of `bytes` claims, which may exceed `bytes`.
+// Returns the size that the value of `kind` at the front of `bytes` claims. It may exceed `bytes`.
 std::optional<std::size_t> ValueSize(BsonKind kind, Bytes bytes) {
   switch (kind) {
     case BsonKind::Undefined:

@@ -11,7 +11,7 @@
 
 #include "storage/bson_value.h"
 
-// The parts of the BSON encoding that reading, splitting and building share.
+// Details of the BSON encoding, shared by the code that reads, splits and builds documents.
 namespace Vx::Tessel::Server::Storage::Bson {
 
 static_assert(std::endian::native == std::endian::little, "BSON is read in place");
@@ -49,7 +49,7 @@ struct Frame {
 };
 
 // Finds the extent of the member at the front of `bytes`. Checks only that the kind is known, the
-// key ends and the value fits in `bytes`. Returns nothing if there is no such member.
+// key is terminated and the value fits in `bytes`. Returns nothing if any of this is false.
 std::optional<Frame> FrameMember(std::span<const std::byte> bytes);
 
 // Returns whether `encoded` is a whole document that can be split into members. Does not examine

@@ -39,7 +39,7 @@ enum class BsonKind : std::uint8_t {
 class BsonDocument;
 
 // A value inside a document or an element. Borrows its bytes and is valid until they change. Other
-// services write them, so each getter checks them and returns nothing if they are of another kind.
+// services write them, so each getter checks them and returns nothing if they are not of its kind.
 class BsonView {
  public:
   BsonView(BsonKind valueKind, std::span<const std::byte> valueBytes)
@@ -65,7 +65,7 @@ class BsonView {
   std::span<const std::byte> bytes;
 };
 
-// A value without a key. Owns its bytes. Copies are deep. Null at first. See BsonView for getters.
+// A value without a key. Owns its bytes. Copies are deep. Initially null. See BsonView for getters.
 class BsonElement {
  public:
   BsonElement() = default;

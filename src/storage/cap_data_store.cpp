@@ -52,11 +52,11 @@ constexpr wchar_t kStoreDirectory[] = L"%programdata%\\Vx\\SharedServices\\";
 constexpr wchar_t kStoreName[] = L"shared";
 constexpr wchar_t kFileEnding[] = L"_store.dat";
 
-constexpr std::size_t kMaxPathUnits = 261;  // with the terminator
+constexpr std::size_t kMaxPathUnits = 261;  // including the terminator
 constexpr Platform::ErrorCode kAlreadyExists = 183;
-constexpr std::uint32_t kReparsePoint = 0x400;  // a file attribute
+constexpr std::uint32_t kReparsePoint = 0x400;  // FILE_ATTRIBUTE_REPARSE_POINT
 constexpr std::uint32_t kHeaderSize = 72;
-constexpr std::uint32_t kInputBinary = 0x21;  // the stream library's numbers
+constexpr std::uint32_t kInputBinary = 0x21;  // the stream library's open-mode bits
 constexpr std::uint32_t kOutputTruncateBinary = 0x32;
 
 Platform::Files& Files() {
@@ -69,8 +69,8 @@ const Logging::TraceLogger& Log() {
 
 }  // namespace
 
-// Holds the mutex for a scope. The scope normally ends with Release, which throws on failure. The
-// destructor, which runs instead when an exception leaves the scope, cannot throw.
+// Holds the mutex for a scope. Release, called at the end of the scope, throws on failure. If an
+// exception leaves the scope, the destructor unlocks the mutex instead and does not throw.
 class CapDataStore::Hold {
  public:
   explicit Hold(SystemMutex& systemMutex) : mutex(&systemMutex) { mutex->lock(); }
@@ -81,7 +81,7 @@ class CapDataStore::Hold {
     try {
       mutex->unlock();
     } catch (const system_mutex_exception&) {
-      return;  // the exception in flight says more
+      return;  // the exception in flight is more useful
     }
   }
 
@@ -290,7 +290,7 @@ BsonDocument CapDataStore::embeddedForChange(std::string_view documentName) {
   if (!found) return {};
   std::optional<BsonDocument> embedded = found->AsDocument();
   if (!embedded && lastReading.state == StoreState::Sound) {
-    lastReading.state = StoreState::Damaged;  // the write keeps a copy
+    lastReading.state = StoreState::Damaged;  // so that the write keeps a copy
     reportState();
   }
   return std::move(embedded).value_or(BsonDocument());

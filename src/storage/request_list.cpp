@@ -20,8 +20,8 @@ std::wstring Normalised(const Json::JsonObject& request) {
   return request.StringifyWithout(kCommandParams, kDelay);
 }
 
-// Returns whether the object with this compact text may have the normalized form `form`, which only
-// omits members, each with an adjacent comma. That rules out nearly every other request.
+// Returns whether the object with this compact text may have the normalized form `form`.
+// Normalizing only removes members and adjacent commas, so this rules out nearly all others.
 bool MayNormaliseTo(std::wstring_view text, std::wstring_view form) {
   if (text.size() <= form.size()) return text == form;
   const auto differs = std::mismatch(form.begin(), form.end(), text.begin()).first;
@@ -32,7 +32,7 @@ bool MayNormaliseTo(std::wstring_view text, std::wstring_view form) {
 }
 
 // A client removes a stored request by sending its text, which may be longer than the text that the
-// client first sent: 1e20 grows.
+// client first sent: 1e20 is written out in full.
 void RequireRemovable(std::wstring_view text) {
   if (text.size() > kMaxStoredRequest) throw std::length_error(kTooLong);
 }

@@ -6,22 +6,22 @@
 #include <string_view>
 #include <vector>
 
-// The rules of a stored list of subscription requests: the text of a JSON array whose elements are
+// Operations on a stored list of subscription requests: the text of a JSON array whose elements are
 // the clients' objects. An empty string is an empty list.
 //
-// An object's text is compact JSON as JsonObject::Stringify returns it, which may spell a value in
-// another way than the client. Every function throws Platform::WindowsRuntimeError with
+// An object's text is compact JSON as JsonObject::Stringify returns it, which may spell a value
+// differently than the client did. Every function throws Platform::WindowsRuntimeError with
 // Json::kInvalidJsonString if the list is not a JSON array, so that an unreadable list is never
-// overwritten. Time and memory are linear in the list.
+// overwritten. Time and memory are linear in the length of the list.
 namespace Vx::Tessel::Server::Storage {
 
-// The most characters in a stored request: as many as a client may send to identify it.
+// The maximum length, in characters, of a stored request and of the text that identifies it.
 inline constexpr std::size_t kMaxStoredRequest = std::size_t{1024} * 1024;
 
 // Returns `list` with `request` appended, or nothing if an element has the same normalized form:
-// its text without the "delayDeliverySec" of its "commandParams". An empty list receives `request`
-// unchanged. Also throws as above if `request` is not a JSON object, and std::length_error if its
-// compact text is longer than kMaxStoredRequest.
+// its text without the "delayDeliverySec" of its "commandParams". If `list` is empty, does not
+// reformat `request`. Also throws as above if `request` is not a JSON object, and std::length_error
+// if its compact text is longer than kMaxStoredRequest.
 std::optional<std::wstring> ListWith(std::wstring_view list, std::wstring_view request);
 
 // Returns `list` without the first element whose text is `request`, or nothing if there is none.

@@ -15,7 +15,7 @@ namespace {
 
 using Storage::BsonElement;
 
-// Every command reads the whole store, so one client must not slow down all others.
+// Every command reads the whole store, so without a limit one client could slow down all others.
 constexpr std::size_t kMostListed = std::size_t{8} * 1024 * 1024;
 
 constexpr wchar_t kNoStore[] =
@@ -45,15 +45,15 @@ constexpr wchar_t kStoredAlready[] = L"the same subscription, the delay apart, i
 constexpr auto kFail = static_cast<std::int32_t>(0x80004005);
 constexpr auto kOutOfMemory = static_cast<std::int32_t>(0x8007000E);
 
-// Stands for a stored value that is not a string. It is not a JSON array either, so the list rules
-// reject it and never overwrite the value.
+// Stands for a stored value that is not a string. It is not a JSON array either, so the list
+// functions reject it and never overwrite the value.
 constexpr wchar_t kNotAText[] = L"\xFFFD";
 
 std::wstring TextOf(const std::optional<Storage::BsonView>& value) {
   return value ? value->AsWideText().value_or(kNotAText) : std::wstring();
 }
 
-// Returns the error that `handler` throws, with std::exception mapped to E_OUTOFMEMORY or E_FAIL.
+// Returns the error that `handler` throws, mapping std::exception to E_OUTOFMEMORY or E_FAIL.
 std::optional<Platform::WindowsRuntimeError> ErrorOf(const RequestManager::Handler& handler,
                                                      const std::wstring& request) {
   try {

@@ -47,13 +47,13 @@ static_assert(sizeof(wchar_t) == 2, "the header is UTF-16 in memory order");
 constexpr std::size_t kMaxFileSize = std::size_t{64} * 1024 * 1024;
 
 constexpr std::wstring_view kSiblingEnding = L".new";
-// The most siblings that one access opens. A process that holds siblings open leaves one per write.
+// Limits the siblings that one access opens. Each write leaves one if another process has it open.
 constexpr std::size_t kMostSiblings = 16;
 constexpr wchar_t kDamagedMark[] = L".damaged-";
 constexpr std::size_t kMostCopies = 3;
 
-constexpr std::uint32_t kDirectory = 0x10;      // a file attribute
-constexpr std::uint32_t kReparsePoint = 0x400;  // likewise
+constexpr std::uint32_t kDirectory = 0x10;      // FILE_ATTRIBUTE_DIRECTORY
+constexpr std::uint32_t kReparsePoint = 0x400;  // FILE_ATTRIBUTE_REPARSE_POINT
 
 constexpr ErrorCode kFileNotFound = 2;
 constexpr ErrorCode kPathNotFound = 3;
@@ -72,12 +72,12 @@ struct Meaning {
 };
 constexpr Meaning kUnknown = {StoreState::NotOpened, Meaning::Retry::No};
 constexpr Meaning kPasses = {StoreState::NotOpened, Meaning::Retry::Yes};
-// The blob is invalid, or names an invalid algorithm or flag.
+// The blob is invalid, or specifies an invalid algorithm or flag.
 constexpr Meaning kDamage = {StoreState::Damaged, Meaning::Retry::No};
 // This machine does not have the blob's key.
 constexpr Meaning kForeignKey = {StoreState::OtherMachine, Meaning::Retry::No};
-// The same, but only if data protection can open what it seals. Windows also reports these errors
-// while a machine's keys are not available yet.
+// Like the two above, but only if data protection can unseal what it seals: Windows also returns
+// these errors while a machine's keys are not yet available.
 constexpr Meaning kUncertainDamage = {StoreState::Damaged, Meaning::Retry::Yes};
 constexpr Meaning kUncertainKey = {StoreState::OtherMachine, Meaning::Retry::Yes};
 
@@ -136,32 +136,32 @@ bool IsDamaged(StoreState state) {
   return state == StoreState::Damaged || state == StoreState::OtherMachine;
 }
 
-// Returns whether data protection works now, so that an uncertain error must be about the blob.
+// Returns whether data protection works now. If it does, the blob caused the uncertain error.
 bool ProtectionWorks() {
   const auto& protection = *Platform::CurrentMachine().dataProtection;
   const Result<Bytes> probe = protection.Protect(Bytes(1), {});
   return probe && protection.Unprotect(*probe);
 }
 
-// Returns whether the file is an ordinary one with only one name.
+// Returns whether this is an ordinary file with only one hard link.
 bool IsPlain(const FileFacts& facts) {
   return facts.names == 1 && (facts.attributes & (kDirectory | kReparsePoint)) == 0;
 }
 
-// Returns whether the file has been deleted, or its name is too long for this process to open, so
-// that it is not one of ours.
+// Returns whether the file has been deleted, or cannot be one of ours because its name is too long
+// for this process to open.
 bool IsNotThere(ErrorCode error) {
   return error == kFileNotFound || error == kPathNotFound || error == kNameTooLong;
 }
 
-// Opens a file beside the store if the store may adopt or delete it: an ordinary one owned by the
-// system. Returns null if it is not one or no longer exists, and an error if Windows cannot tell.
+// Opens a file beside the store that the store may adopt or delete: an ordinary file with a trusted
+// owner. Returns null if it is not one or no longer exists, and an error if Windows cannot tell.
 Opened OpenOwn(const std::wstring& path, FileUse use) {
-  // Reads the owner first, because another account may be holding its own file open.
+  // Checks the owner first, because another account may have its own file open exclusively.
   for (const FileUse step : {FileUse::Inspect, use}) {
     Opened opened = Files().Open(path, step);
     if (!opened) {
-      // The system may always inspect its own files. Windows also denies access to a folder here.
+      // SYSTEM can always inspect its own files. Windows also denies access if this is a folder.
       const bool foreign = step == FileUse::Inspect && opened.Error() == kAccessDenied;
       if (foreign || IsNotThere(opened.Error())) break;
       return Opened::Failure(opened.Error());
@@ -176,8 +176,8 @@ Opened OpenOwn(const std::wstring& path, FileUse use) {
   return Opened(nullptr);
 }
 
-// Returns the newest siblings that may be ours. Later accesses delete the others. Skips files of
-// other accounts, because those could otherwise crowd out ours.
+// Returns the newest siblings that may be ours. Later accesses delete the rest. Skips other
+// accounts' files, which could otherwise crowd out ours.
 Result<std::vector<std::wstring>> SiblingsOf(const std::wstring& path) {
   Result<std::vector<std::wstring>> names = Files().Siblings(path);
   if (!names) return names;
@@ -192,7 +192,7 @@ Result<std::vector<std::wstring>> SiblingsOf(const std::wstring& path) {
   return names;
 }
 
-// Deletes a file if it is one of ours and no process has it open.
+// Deletes a file if it is one of ours and no other process has it open.
 void RemoveOwn(const std::wstring& path) {
   const Opened own = OpenOwn(path, FileUse::Remove);
   if (own && *own != nullptr) (*own)->Remove();
@@ -235,7 +235,7 @@ class InPlaceWrite {
  public:
   explicit InPlaceWrite(FileHandle& opened) : file(opened) {}
 
-  // Returns an error or 0. Sets `torn` if neither the new content nor the old one could be written.
+  // Returns 0 or an error. Sets `torn` if neither the new nor the old content could be written.
   ErrorCode Run(std::span<const std::byte> old, std::span<const std::byte> content, bool& torn) {
     // Extends the file before overwriting anything, because the disk may be full.
     ErrorCode error = file.SetSize(std::max(old.size(), content.size()));
@@ -255,7 +255,7 @@ class InPlaceWrite {
   FileHandle& file;
 };
 
-// Returns whether another process has the file open, so that Windows refuses to rename over it.
+// Returns whether a rename may have failed because another process has one of the files open.
 bool IsHeldByAnother(ErrorCode error) {
   return error == kAccessDenied || error == kSharingViolation;
 }
@@ -293,7 +293,7 @@ std::wstring DateText(std::chrono::milliseconds since1601) {
          Json::WideDecimal(clock.subseconds().count(), 3);
 }
 
-// Writes a copy of a damaged file beside it.
+// Writes a copy of a damaged file to the same folder.
 ErrorCode MakeCopy(const std::wstring& path, unsigned long number,
                    std::span<const std::byte> content) {
   constexpr std::uint64_t kUnitsPerMillisecond = 10'000;  // units of 100 ns
@@ -330,8 +330,8 @@ auto SealedFile::Patiently(const Attempt& attempt) {
   }
 }
 
-// A virus scanner keeps a new file open for a moment. Until then, Windows refuses to rename it or
-// to rename over it, with an error that can also be permanent.
+// A virus scanner briefly keeps a new file open. Until it closes the file, renaming or replacing it
+// fails with an error that can also be permanent.
 template <typename Rename>
 ErrorCode SealedFile::PatientRename(const Rename& rename) {
   const Result<bool> renamed = Patiently([&] {
@@ -383,7 +383,7 @@ SealedFile::Reading SealedFile::Unseal(Bytes content) {
   const auto unprotect = [&] { return Platform::CurrentMachine().dataProtection->Unprotect(blob); };
   Result<Bytes> plain = Patiently(unprotect);
   const bool works = !plain && IsUncertain(plain.Error()) && ProtectionWorks();
-  // The keys may have become available between the last try and this test.
+  // The keys may have become available between the last attempt and this test.
   if (works) plain = unprotect();
   if (plain) {
     reading.document = BsonDocument::Decode(*plain);
@@ -409,7 +409,7 @@ SealedFile::Reading SealedFile::Adopt(Reading reading) {
   Bytes content;
   for (const std::wstring& name : *names) {
     const Opened own = Patiently([&] { return OpenOwn(name, FileUse::Read); });
-    // The sibling may come from an interrupted write and be unreadable only for a moment.
+    // The sibling may come from an interrupted write and be unreadable only temporarily.
     if (!own) return notOpened(own.Error());
     if (*own == nullptr) continue;
     const Result<FileFacts> facts = (*own)->Facts();
@@ -434,9 +434,9 @@ SealedFile::Reading SealedFile::Adopt(Reading reading) {
   return ReadOnce();
 }
 
-// Replaces the file with its sibling, whose content was read. If a thread was terminated, its
-// handle to the sibling stays open until the process ends, and the sibling cannot be renamed. Then
-// writes the content over the file.
+// Replaces the file with its sibling, which contains `content`. If a thread was terminated, its
+// handle to the sibling stays open until the process exits, which prevents the rename. In that
+// case, writes the content over the file.
 ErrorCode SealedFile::PutInPlace(const std::wstring& sibling, std::span<const std::byte> content) {
   const Opened own = Patiently([&] { return OpenOwn(sibling, FileUse::Replace); });
   ErrorCode error = own ? 0 : own.Error();
@@ -495,12 +495,12 @@ ErrorCode SealedFile::SealAndReplace(const std::wstring& id, const BsonDocument&
 
 bool SealedFile::KeepCopy(std::span<const std::byte> content) const {
   const Result<std::vector<std::wstring>> found = CopiesOf(path);
-  if (!found) {  // a copy numbered from 1 again would be taken for the oldest
+  if (!found) {  // a new copy numbered 1 would be mistaken for the oldest
     Log().LogWarning(kNotCopied, found.Error());
     return false;
   }
   const std::vector<std::wstring>& copies = *found;
-  // The last write may have failed after making its copy.
+  // The last write may have failed after making this copy.
   std::size_t kept = kMostCopies;
   if (copies.empty() || !IsCopyOf(copies.back(), content)) {
     const unsigned long number = copies.empty() ? 1 : NumberOf(copies.back()) + 1;
@@ -508,9 +508,9 @@ bool SealedFile::KeepCopy(std::span<const std::byte> content) const {
       Log().LogWarning(kNotCopied, error);
       return false;
     }
-    --kept;  // leaves room for the new one
+    --kept;  // leaves room for the new copy
   }
-  // A copy that is held open now is deleted when the next copy is made.
+  // A copy that another process has open is deleted when the next copy is made.
   for (std::size_t i = 0; i + kept < copies.size(); ++i) RemoveOwn(copies[i]);
   return true;
 }

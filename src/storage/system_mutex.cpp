@@ -35,8 +35,8 @@ constexpr wchar_t kAbandoned[] =
 constinit Platform::TakenName nameTaken;
 constinit std::atomic<bool> denialReported{false};
 
-// Returns whether access is denied and that has not been logged since the last success. Logging
-// every use would flood the log.
+// Returns whether `error` is an access denial that has not been logged since the last success.
+// Logging each one would flood the log.
 bool IsNewDenial(Platform::ErrorCode error) {
   if (error == 0) denialReported = false;
   return error == kAccessDenied && !denialReported.exchange(true);

@@ -35,7 +35,7 @@ class SystemMutex {
   // Unlocks the mutex if this object still holds it.
   ~SystemMutex();
 
-  // Blocks indefinitely. Acquires the mutex even if its holder died. Throws code 2 on failure.
+  // Blocks indefinitely. Also acquires an abandoned mutex. Throws code 2 on failure.
   void lock();
 
   // Throws code 3 on failure.
