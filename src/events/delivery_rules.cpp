@@ -23,7 +23,7 @@ constexpr std::int64_t Absolute(std::int64_t value) {
 }  // namespace
 
 std::optional<int> LeadingInteger(std::wstring_view text) {
-  // One more than the magnitude of the smallest int, so that any longer number stays out of range.
+  // One more than the magnitude of the smallest int, so that any larger number stays out of range.
   constexpr std::int64_t kLimit = std::int64_t{std::numeric_limits<int>::max()} + 2;
 
   std::size_t at = std::min(text.find_first_not_of(kBlanks), text.size());

@@ -7,7 +7,7 @@
 
 namespace Vx::Tessel::Server::Services::Orvane {
 
-// Returns the decimal integer at the start of a client's string, after optional spaces and an
+// Returns the decimal integer at the start of a client's string, after optional white space and an
 // optional sign. Ignores the rest. Returns nothing if there is none or it does not fit in an int.
 std::optional<int> LeadingInteger(std::wstring_view text);
 
@@ -23,11 +23,11 @@ std::int64_t ElapsedUntilStandby(std::uint64_t start, std::uint64_t now);
 // delay is never overdue. Negative delays are checked too, although they cause no wait.
 bool IsOverdue(int delaySeconds, std::int64_t elapsedMilliseconds);
 
-// Returns whether a delivery with this delay would be overdue even if it came exactly on time,
+// Returns whether a delivery with this delay would be overdue even if it ran exactly on time,
 // because the elapsed time is measured in 32 bits.
 bool IsTooLong(int delaySeconds);
 
-// Converts a delay to milliseconds. No int overflows.
+// Converts a delay to milliseconds. Cannot overflow.
 constexpr std::chrono::milliseconds DelayLength(int delaySeconds) {
   return std::chrono::milliseconds(std::int64_t{delaySeconds} * 1000);
 }

@@ -112,13 +112,13 @@ EventCommandPtr CreateEventCommand(EventAction action, const Json::JsonObject& p
 
 std::unique_lock<std::mutex> TakeTurn(EventCommand& command, std::mutex& turn) {
   constexpr std::chrono::milliseconds kPause{10};
-  constexpr std::uint64_t kPatience = 1000;  // milliseconds; Windows may sleep longer than asked
+  constexpr std::uint64_t kPatience = 1000;  // milliseconds; a sleep may take longer than requested
   constexpr int kMostChecks = 3;
   auto* const launch = dynamic_cast<LaunchCommand*>(&command);
   if (launch == nullptr) return std::unique_lock(turn);
   Platform::Clock& clock = *Platform::CurrentMachine().clock;
   for (int checks = 1;; ++checks) {
-    // An untrusted program is not locked, so it may wait for as long as it takes.
+    // An untrusted program is not locked, so the wait may be unlimited.
     if (!launch->CheckAhead() || checks == kMostChecks) return std::unique_lock(turn);
     const std::uint64_t begin = clock.TickCount();
     std::unique_lock taken(turn, std::try_to_lock);

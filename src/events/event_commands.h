@@ -21,8 +21,8 @@ enum class EventAction : std::uint32_t { Launch = 1, AppServiceNotification = 2 
 // The command that a subscription runs when its event occurs. May run any number of times and on
 // any thread, but not on two at once.
 //
-// The order of the virtual slots is a contract that has no slot for a destructor, so owners delete
-// through CommandDeleter.
+// The vtable layout is a fixed contract that has no slot for a destructor, so owners delete through
+// CommandDeleter.
 class EventCommand {
  public:
   // Runs the command, blocks until it is done and returns the outcome. May throw
@@ -32,11 +32,11 @@ class EventCommand {
   // Returns the delay in seconds before the command runs, as the client wrote it, or "0" if absent.
   std::wstring DelayDeliverySec() const { return delayDeliverySec; }
 
-  // Returns the trigger that a power or platform event raises instead of the command. Empty if
-  // none.
+  // Returns the GUID of the trigger that a power or platform event raises instead of running the
+  // command, or an empty string if there is none.
   std::wstring CustomTriggerGUID() const { return customTriggerGuid; }
 
-  // Returns the program's path, or "FAMILY/APP SERVICE".
+  // Returns the program's path, or "FAMILY/APP SERVICE" for a message.
   const std::wstring& Target() const noexcept { return target; }
 
  protected:
@@ -47,8 +47,8 @@ class EventCommand {
   std::wstring target;
 };
 
-// A command for a package event. Some commands may run late, when the service starts, for a package
-// that was uninstalled while the service was not running.
+// A command for a package event. Some may run late: when the service starts, for a package that was
+// uninstalled while the service was not running.
 class PackageEventCommand : public EventCommand {
  public:
   virtual bool RunIfUninstalledWhileNotRunning() { return false; }
@@ -57,7 +57,7 @@ class PackageEventCommand : public EventCommand {
   ~PackageEventCommand() = default;
 };
 
-// Deletes a command through the class it was created as.
+// Deletes a command through its concrete class.
 class CommandDeleter {
  public:
   using Destroy = void (*)(EventCommand*);
@@ -83,7 +83,7 @@ class LaunchCommand final : public PackageEventCommand {
   explicit LaunchCommand(const Json::JsonObject& parameters);
 
   // Locks and checks the program now instead of in Execute, because the deliveries of an event
-  // execute one at a time. Returns whether it is trusted. Blocks for the whole check.
+  // execute one at a time. Returns whether the program is trusted. Blocks for the whole check.
   bool CheckAhead();
 
   // Unlocks the program that CheckAhead found trusted.
@@ -93,7 +93,7 @@ class LaunchCommand final : public PackageEventCommand {
   // without reading the file if it has changed or cannot be locked.
   bool CheckUnchanged();
 
-  // Keeps the file locked against writing from before the trust check until the program starts.
+  // Locks the file before the trust check and keeps it locked until the program starts.
   Records::Outcome Execute() override;
   bool RunIfUninstalledWhileNotRunning() override { return true; }
 
@@ -132,12 +132,12 @@ class AppServiceNotificationCommand final : public EventCommand {
 // kUnknownAction or a code from the command's constructor.
 EventCommandPtr CreateEventCommand(EventAction action, const Json::JsonObject& parameters);
 
-// Acquires `turn`, which lets the commands of a kind run one at a time. A launch checks its program
-// before it waits, so that other commands do not wait for the check. The program stays locked for
-// at most one second of the wait, because an update of the program has to wait while it is locked.
-// Then it is unlocked and, once `turn` is acquired, rechecked, which is quick for an unchanged
-// file. A changed file is checked as a new one, with `turn` released. After a second change it
-// stays locked until `turn` is acquired.
+// Acquires `turn`, which serializes the commands of a kind. A launch checks its program before it
+// waits, so that other commands do not wait for the check. The program stays locked for at most one
+// second of the wait, because it cannot be updated while it is locked. It is then unlocked, and
+// rechecked once `turn` is acquired, which is quick for an unchanged file. A changed file is
+// checked like a new one, with `turn` released. After a second change, the program stays locked
+// until `turn` is acquired.
 std::unique_lock<std::mutex> TakeTurn(EventCommand& command, std::mutex& turn);
 
 }  // namespace Vx::Tessel::Server::Services::Orvane

@@ -15,7 +15,7 @@ namespace Vx::Tessel::Server::Services::Orvane {
 class FiringMark {
  public:
   // Calls `run` unless the command has run or may no longer run, or `due` returns false. Waits for
-  // a concurrent call to end before it calls `due`. Exceptions propagate to the caller, and the
+  // a concurrent call to finish before calling `due`. Exceptions propagate to the caller, and the
   // command may then run again. Returns whether this call ran the command.
   bool RunOnce(
       const std::function<void()>& run, const std::function<bool()>& due = [] { return true; });
@@ -23,7 +23,7 @@ class FiringMark {
   // Like RunOnce without `due`, but returns false at once if another call is in progress.
   bool RunOnceUnlessRunning(const std::function<void()>& run);
 
-  // Called by `due` before it returns true. MayRun then returns false, unless `run` fails.
+  // `due` calls this before it returns true. MayRun then returns false, unless `run` throws.
   void Begin() noexcept { begun = true; }
 
   bool HasRun() const noexcept { return hasRun; }
@@ -31,8 +31,8 @@ class FiringMark {
   bool AwaitsCompletion() const noexcept { return hasRun && !retired; }
   bool MayRun() const noexcept { return !hasRun && !retired && !begun; }
 
-  // Marks the request as removed: a command that has not begun never runs, and a running one is not
-  // repeated if it fails. Does not wait.
+  // Marks the request as removed: a command that has not started never runs, and a running one is
+  // not repeated if it fails. Does not wait.
   void Retire() noexcept { retired = true; }
 
  private:
@@ -44,8 +44,8 @@ class FiringMark {
   std::atomic<bool> retired{false};
 };
 
-// This process's marks of stored package requests, by stored text. Thread-safe. No other lock is
-// acquired while its lock is held.
+// This process's marks for stored package requests, keyed by stored text. Thread-safe. No other
+// lock is acquired while its lock is held.
 class FiringMarks {
  public:
   FiringMarks() = delete;
@@ -62,7 +62,7 @@ class FiringMarks {
   // Returns whether `mark` is still the mark for this text.
   static bool IsCurrent(const std::wstring& stored, const std::shared_ptr<FiringMark>& mark);
 
-  // Returns the requests whose command has run but which could not be completed yet.
+  // Returns the requests, with their marks, that have run but could not be completed yet.
   static std::vector<std::pair<std::wstring, std::shared_ptr<FiringMark>>> OfThoseThatHaveRun();
 
   // Returns how many marks have been forgotten so far. If the number has changed since a list was

@@ -40,7 +40,7 @@ void RecordCompletion(const std::wstring& stored) noexcept {
 
 // The caller holds listChange.
 bool RemoveHeld(const std::wstring& stored, const MarkPtr& mark) {
-  // Another registration has completed it, and a client may have stored the same text again since.
+  // Another registration has completed the request. A client may have stored its text again since.
   if (!FiringMarks::IsCurrent(stored, mark)) return true;
   if (!PackageCompletion::StoredRequests().CompleteRequest(stored)) return false;
   FiringMarks::Forget(stored, mark);
@@ -52,7 +52,7 @@ void ReportLeft(const std::wstring& stored) {
   Logging::LogManager::GetLogger()->LogWarning(kNotCompleted, stored.c_str());
 }
 
-// Returns false if the service ends first.
+// Waits for kPause. Returns false if the service ends first.
 bool Pause(const Platform::SharedHandle& stop) noexcept {
   Platform::Clock& clock = *Platform::CurrentMachine().clock;
   if (stop != nullptr) {

@@ -10,16 +10,16 @@
 
 namespace Vx::Tessel::Server::Services::Orvane {
 
-// The stored list of package subscriptions, and the completion of those whose command has run. If
-// completing a request fails, it stays stored until a later attempt succeeds. Until then, its mark
-// prevents this process from running the command again.
+// The stored list of package subscriptions, and the completion (removal) of those whose command has
+// run. If completing a request fails, it stays stored until a later attempt succeeds. Until then,
+// its mark prevents this process from running the command again.
 class PackageCompletion {
  public:
   PackageCompletion() = delete;
 
   static RequestManager StoredRequests();
 
-  // Returns whether the service with the event `stop` has ended, or the event cannot be waited for.
+  // Returns whether the service has ended (`stop` is signaled) or `stop` cannot be waited for.
   static bool HasEnded(const Platform::SharedHandle& stop);
 
   // Removes a request whose command has run, unless it has already been removed. Returns whether
@@ -32,7 +32,7 @@ class PackageCompletion {
                           const std::shared_ptr<FiringMark>& mark) noexcept;
 
   // Like CompleteNow, but tries up to three times, one second apart, and holds no lock in between.
-  // Gives up once `stop`, which may be null, is signaled. Not for a thread that a host waits for.
+  // Gives up once `stop` (may be null) is signaled. Do not call on a thread that a host waits for.
   static void Complete(const std::wstring& stored, const std::shared_ptr<FiringMark>& mark,
                        const Platform::SharedHandle& stop) noexcept;
 

@@ -89,7 +89,7 @@ void PackageUninstallingPCEvent::Register() {
 
 bool PackageUninstallingPCEvent::IsProcessRunningAsSystem() const {
   const auto answer = Platform::CurrentMachine().sessions->ProcessIsLocalSystem();
-  // A wrong guess would watch another user's packages permanently.
+  // A wrong guess would permanently watch another user's packages.
   if (!answer) throw Platform::WindowsRuntimeError(kConsoleUserUnavailable, kOwnAccountUnknown);
   return *answer;
 }

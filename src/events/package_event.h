@@ -56,12 +56,12 @@ class IPCEvent {
 //
 // Any thread may create, register and destroy it. The destructor stops and joins the watcher, which
 // normally removes its handler from the catalog within milliseconds. It does not wait for a
-// notification in progress, which finishes on shared state without touching this object.
+// notification in progress, which finishes using only shared state.
 class PackageUninstallingPCEvent final : public IPCEvent {
  public:
   // Opens the console user's catalog. Throws Platform::WindowsRuntimeError with
   // kPackageNotInstalled, kConsoleUserUnavailable or a code from the package manager. If the
-  // session API set is missing, logs that and opens no catalog, and the event never occurs. `mark`
+  // session API set is missing, logs that and opens no catalog; the event then never occurs. `mark`
   // belongs to the stored request. If it is null, the event creates its own. `subscription` is the
   // hash of that request, for records.
   PackageUninstallingPCEvent(const std::wstring& packageFamilyName, PackageCatalogEvent event,
@@ -80,8 +80,8 @@ class PackageUninstallingPCEvent final : public IPCEvent {
   const std::shared_ptr<UninstallWatch>& Watch() const noexcept { return watch; }
 
   // Lock order: a mark's turn before uninstall_event_mux and commandTurn, and uninstall_event_mux
-  // before rLock. A notification takes neither of the register mutexes, so a caller that holds one
-  // may destroy an event during a notification.
+  // before rLock. A notification acquires neither of the register mutexes, so a caller that holds
+  // one may destroy an event during a notification.
   static std::mutex rLock;                // guards package queries and opening catalogs
   static std::mutex register_mux;         // guards starting watcher threads
   static std::mutex uninstall_event_mux;  // serializes decisions about notifications

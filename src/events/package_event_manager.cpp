@@ -49,8 +49,8 @@ bool Holds(const Storage::BsonElement* list, const std::wstring& stored) {
   return std::find(requests.begin(), requests.end(), stored) != requests.end();
 }
 
-// Returns true even if the store cannot be read. Watching in vain does less harm than never running
-// a command for which a client has received success.
+// Returns true even if the store cannot be read, because watching in vain does less harm than never
+// running a command for which a client has received success.
 bool MayBeStored(const std::wstring& stored) noexcept {
   try {
     bool held = true;
@@ -76,7 +76,7 @@ bool Persist(const std::wstring& request) {
   }
 }
 
-// Removes a request whose registration failed. A failure here must not hide the original one.
+// Removes a request whose registration failed. A failure here must not hide the original error.
 void TakeBack(const std::wstring& stored, const MarkPtr& mark) {
   using Removal = RequestManager::Removal;
   try {
@@ -125,13 +125,13 @@ class Replay {
   }
 
  private:
-  // Registers a request. Holds the lock while the request, its mark and its registration must
-  // match. Returns whether the command has already run.
+  // Registers a request unless its command has already run, and returns whether it has. Holds the
+  // lock because the request, its mark and its registration must match.
   bool RegisterOne(const std::wstring& stored) {
     const std::lock_guard guard(PackageCompletion::listChange);
     mark = FiringMarks::Of(stored);
     if (mark->HasRun()) return true;
-    // Completed since the list was read, so this mark is new and the command must not run again.
+    // The request was completed after the list was read. Its new mark does not record that.
     if (FiringMarks::Forgotten() != forgotten && !MayBeStored(stored)) {
       FiringMarks::Forget(stored, mark);
     } else {
@@ -160,7 +160,7 @@ void PackageCatalogEventManager::register_event(const std::wstring& request,
                                                 const CompletionHandler& completed,
                                                 const void* /*argument*/, Owner owner,
                                                 const std::shared_ptr<FiringMark>& mark) {
-  // Opened without the lock, which an ending service needs: package queries may take seconds.
+  // Opened without the lock, which a stopping service needs: package queries may take seconds.
   LiveRequest live{owner, mark,
                    std::make_unique<SubscribeForAppPackageEventRequest>(request, mark)};
   const std::lock_guard guard(register_event_mux);
@@ -179,8 +179,8 @@ void PackageCatalogEventManager::EndReplaced(Owner owner, const std::shared_ptr<
   const std::uint64_t number = last->number;
   const auto user = last->request->PackageEvent()->User();
   const auto watch = last->request->PackageEvent()->Watch();
-  // Waits without the lock, which an ending service needs. Keeps the old registration until the new
-  // one is watching, so that no uninstall is missed.
+  // Waits without the lock, which a stopping service needs. Keeps the old registration until the
+  // new one is watching, so that no uninstall is missed.
   guard.unlock();
   if (!user || !watch->AwaitHandler()) return;
   guard.lock();
@@ -219,8 +219,7 @@ bool RegisterAppPackageEvent(const std::wstring& request, Owner owner,
                              const Platform::SharedHandle& stop) {
   const std::lock_guard guard(PackageCompletion::listChange);
   if (!Persist(request)) {
-    // A request that was not stored is not watched, only checked, so that the client learns of
-    // errors.
+    // A request that was not stored is only checked, so that the client receives its errors.
     static_cast<void>(SubscribeForAppPackageEventRequest(request));
     return false;
   }

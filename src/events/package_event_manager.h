@@ -20,8 +20,8 @@ class PackageCatalogEventManager {
   // The address of the service object that owns a registration, or null for none.
   using Owner = const void*;
 
-  // Makes a subscription live. Calls `completed`, which must not call this class, on the system's
-  // catalog thread once the command has run. Ignores `argument`. `mark` belongs to the stored
+  // Makes a subscription live. Once the command has run, calls `completed`, which must not call
+  // this class, on the system's catalog thread. Ignores `argument`. `mark` belongs to the stored
   // request. If it is null, the registration creates its own. Throws Platform::WindowsRuntimeError
   // as SubscribeForAppPackageEventRequest does, and std::system_error if the watcher cannot be
   // started.
@@ -29,8 +29,8 @@ class PackageCatalogEventManager {
                              const void* argument = nullptr, Owner owner = nullptr,
                              const std::shared_ptr<FiringMark>& mark = nullptr);
 
-  // Waits until the owner's latest registration with `mark` is watching, then ends the owner's
-  // earlier ones of the same request for the same user.
+  // Waits until the owner's latest registration with `mark` is watching, then removes the owner's
+  // earlier registrations of the same request for the same user.
   static void EndReplaced(Owner owner, const std::shared_ptr<FiringMark>& mark);
 
   // Runs the command of a request whose package was uninstalled while the service was not running,
@@ -40,7 +40,7 @@ class PackageCatalogEventManager {
   // Ends every live subscription and joins its watcher.
   static void clear_events();
 
-  // Does the same for one service object. Called at log-off and when the service ends.
+  // Does the same for the subscriptions of one service object, at log-off and when it stops.
   static void clear_events(Owner owner);
 
   static std::mutex register_event_mux;  // guards `requests`
@@ -58,25 +58,25 @@ class PackageCatalogEventManager {
   static std::uint64_t lastNumber;  // guarded by register_event_mux
 };
 
-// Thrown when a request was stored but could not be made live. It stays stored.
+// Thrown when a request was stored but could not be made live. The request stays stored.
 class NotWatched : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
 };
 
-// Stores a request, then makes it live. A request that the store does not accept is only checked.
-// No other client can add the same subscription in between. Returns whether the request is stored.
-// Throws as PersistRequest and register_event do, and std::runtime_error if the same subscription
-// has run but cannot be removed. If registering the stored request throws
-// Platform::WindowsRuntimeError, removes the request. Any other exception becomes NotWatched.
-// Failed completions are retried only until `stop` is signaled.
+// Stores a request, then makes it live. If it cannot be stored, only checks it. No other client can
+// add the same subscription in between. Returns whether the request is stored. Throws as
+// PersistRequest and register_event do, and std::runtime_error if the same subscription has run but
+// cannot be removed. If registering the stored request throws Platform::WindowsRuntimeError,
+// removes the request. Any other exception becomes NotWatched. Failed completions are retried only
+// until `stop` is signaled.
 bool RegisterAppPackageEvent(const std::wstring& request, PackageCatalogEventManager::Owner owner,
                              const Platform::SharedHandle& stop = nullptr);
 
 // Makes every stored subscription live again, replacing this service's earlier registrations for
-// the same user. If the package is gone, runs the command now if it may run late, and completes the
-// subscription. A request that is already registered runs only once. A request that has run but
-// could not be completed is completed now. Registers nothing once `stop` is signaled.
+// the same user. If a package is gone, runs the command now if it may run late, and completes the
+// subscription. The command of a request that is already registered runs only once. A request that
+// has run but could not be completed is completed now. Registers nothing once `stop` is signaled.
 void RegisterExistingPackageCatalogManagerRequests(PackageCatalogEventManager::Owner owner,
                                                    const Platform::SharedHandle& stop = nullptr);
 

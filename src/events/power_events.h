@@ -25,7 +25,7 @@ class PowerEventManager {
   PowerEventManager() = delete;
 
   // Delivers the event with this code to one stored request: see StartDelivery. Never calls the
-  // completion handler, because a power subscription remains after its event.
+  // completion handler, because a power subscription stays stored after its event.
   static void handle_event(const std::wstring& request,
                            const std::function<void(const std::wstring&)>& completed,
                            std::uint32_t eventType, const Platform::SharedHandle& stop = nullptr);

@@ -65,8 +65,8 @@ int DelaySeconds(const DeliveryNames& names, const EventCommand& command) {
   return seconds.value_or(0);
 }
 
-// Counts one delivery against the process's limit, for the life of this object. Until StopWaiting,
-// also counts it as one of its request's waiting deliveries.
+// Counts one delivery against the process's limit, for the life of this object. Until StopWaiting
+// is called, also counts it as one of its request's waiting deliveries.
 class DeliveryPlace {
  public:
   DeliveryPlace(const DeliveryKind& kind, const std::wstring& request)
@@ -150,8 +150,8 @@ Waited Wait(const DeliveryNames& names, int seconds, const Platform::SharedHandl
     Log().LogInfo(kModernStandby, names.handler);
     return {ElapsedUntilStandby(start, clock.TickCount()), Reason::Standby};
   }
-  // A wait that fails, for example because there is no event, returns early. Sleeps for the rest of
-  // the delay.
+  // A wait that fails, for example because there is no event, returns early, so this sleeps for the
+  // rest of the delay.
   const std::chrono::milliseconds gone(clock.TickCount() - start);
   if (wait.outcome == Platform::WaitOutcome::Failed && gone < length) clock.Sleep(length - gone);
   return {ElapsedMilliseconds(start, clock.TickCount())};
@@ -187,7 +187,7 @@ Reason WhyOverdue(int delay, Reason early) {
   return early == Reason::None ? Reason::Late : early;
 }
 
-// Ends the record under the lock, so that it follows the delivery's log lines.
+// Writes the last record under the lock, so that it follows the delivery's log lines.
 void Deliver(const DeliveryKind& kind, const std::wstring& request, EventCommand& command,
              const Platform::SharedHandle& stop, DeliveryPlace& place,
              Records::Delivery& delivery) {
@@ -220,7 +220,7 @@ std::int32_t StatusOf(const std::exception& error) {
   return system != nullptr ? system->code().value() : kUnspecified;
 }
 
-// Logs only the status if there is no memory for the message.
+// Logs only the status if memory runs out while converting the message.
 void LogWorkerFailure(const DeliveryNames& names,
                       const Platform::WindowsRuntimeError& error) noexcept {
   std::string message;

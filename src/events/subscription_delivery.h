@@ -25,7 +25,7 @@ class EventSubscription {
 
   EventCommand* Command() const noexcept { return command.get(); }
 
-  // The derived classes also expose these two under their own names.
+  // The derived classes also expose these under their own names.
   std::uint32_t Type() const noexcept { return eventType; }
   EventAction Action() const noexcept { return action; }
 
@@ -39,22 +39,22 @@ class EventSubscription {
   std::wstring family;
 };
 
-// Sets a record's subscription hash and, if the request can be read, its target and package. Throws
-// as EventSubscription does, and std::bad_alloc.
+// Sets a record's subscription hash and, if the request can be read, its target, package and, for
+// an uninstall, event. Throws as EventSubscription does, and std::bad_alloc.
 void NameSubscription(Records::Record& record, const std::wstring& request,
                       const SubscriptionForm& form);
 
 // How log lines refer to one kind of subscription.
 struct DeliveryNames {
   const char* handler;
-  const char* failing;        // the handler, in lines about a failure
-  const wchar_t* delayStart;  // the line for the start of a delay, in seconds
+  const char* failing;        // the handler, in failure messages
+  const wchar_t* delayStart;  // the format of the line for the start of a delay; takes seconds
   const char* subscribe;      // the functions that change the list
   const char* unsubscribe;
 };
 
-// Receives a stored request, a completion handler that may be empty, the event's code, and the
-// kernel event that ends a wait early, or null.
+// Receives a stored request, a completion handler (may be empty), the event's code, and the kernel
+// event that ends a wait early (may be null).
 using DeliveryHandler = void (*)(const std::wstring& request,
                                  const std::function<void(const std::wstring&)>& completed,
                                  std::uint32_t eventType, const Platform::SharedHandle& stop);
@@ -68,8 +68,8 @@ struct DeliveryKind {
   std::mutex* handleEventMutex;
 };
 
-// Adds a request to the stored list of its kind without checking its members: a bad request fails
-// at delivery. Logs failures. Returns Stored, Refused or Failed.
+// Adds a request to the stored list of its kind without checking its members: an invalid request
+// fails at delivery. Logs failures. Returns Stored, Refused or Failed.
 Records::Outcome RegisterSubscription(const DeliveryKind& kind,
                                       const std::wstring& request) noexcept;
 
@@ -82,26 +82,26 @@ Records::Outcome UnregisterSubscription(const DeliveryKind& kind,
 void FulfillSubscriptions(const DeliveryKind& kind, std::uint32_t eventType,
                           const Platform::SharedHandle& stop = nullptr);
 
-// How many deliveries of one stored request may wait for their delay or turn at a time, and how
-// many may exist in the process, from the start of a worker to its end. Any further delivery is
-// dropped, so that neither long delays nor many subscriptions fill the process with threads.
+// Limits on the deliveries of one stored request that wait for their delay or turn at the same
+// time, and on all deliveries in the process that have a worker. Further deliveries are dropped, so
+// that neither long delays nor many subscriptions fill the process with threads.
 inline constexpr int kMostWaiting = 64;
 inline constexpr int kMostDeliveries = 1024;
 
-// How many characters the long requests of the process's deliveries may have together, because each
-// delivery keeps its parsed request, at up to 20 bytes per character. A further delivery of a long
-// request is dropped. Short requests are not limited, so that long ones cannot crowd them out.
+// Limits the total characters of the long requests that the process's deliveries keep in parsed
+// form, at up to 20 bytes per character. Further deliveries of long requests are dropped. Short
+// requests are not counted, so that long ones cannot crowd them out.
 inline constexpr std::size_t kMostLongText = std::size_t{8} * 1024 * 1024;
 inline constexpr std::size_t kShortRequest = 4096;
 
-// Starts delivering one event to one stored request. Parses the request on the calling thread.
-// Starts no worker if the request is for another event or is unreadable, which is logged. Otherwise
-// starts a detached worker, or logs that the delivery is dropped because there are too many. Throws
-// std::system_error if no thread can be created, and std::bad_alloc.
+// Starts delivering one event to one stored request. Parses the request on the calling thread. Does
+// not start a worker if the request is for another event, or if it is unreadable, which is logged.
+// Otherwise starts a detached worker, or logs that the delivery is dropped because there are too
+// many. Throws std::system_error if no thread can be created, and std::bad_alloc.
 //
-// The worker waits out the delay without a lock, then decides and runs the command under the kind's
-// mutex. It does not wait for a delay that IsTooLong, and logs a delivery that it drops. If `stop`
-// is signaled during the delay, it logs that and ends.
+// The worker waits out the delay without holding a lock. Then, under the kind's mutex, it decides
+// whether to run the command and runs it. It skips a delay that IsTooLong, and logs a delivery that
+// it drops. If `stop` is signaled during the delay, it logs that and exits.
 void StartDelivery(const DeliveryKind& kind, const std::wstring& request, std::uint32_t eventType,
                    const Platform::SharedHandle& stop);
 

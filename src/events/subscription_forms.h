@@ -7,7 +7,7 @@
 
 namespace Vx::Tessel::Server::Services::Orvane {
 
-// The code of an event, and what raises it.
+// An event's code, and a description of what raises it.
 struct EventCode {
   std::uint32_t code;
   const wchar_t* meaning;
@@ -18,7 +18,7 @@ inline constexpr std::uint32_t kSuspend = 4;           // PBT_APMSUSPEND
 inline constexpr std::uint32_t kResumeSuspend = 7;     // PBT_APMRESUMESUSPEND
 inline constexpr std::uint32_t kResumeAutomatic = 18;  // PBT_APMRESUMEAUTOMATIC
 
-// The codes that Windows raises.
+// The codes that Windows sends.
 inline constexpr EventCode kPowerCodes[] = {
     {kSuspend, L"the machine is about to sleep"},
     {kResumeSuspend, L"the machine woke and a user is present"},
@@ -43,7 +43,7 @@ inline constexpr EventCode kPackageCodes[] = {
     {static_cast<std::uint32_t>(PackageCatalogEvent::Uninstalled), L"the uninstall is complete"},
 };
 
-// Returns what raises the event with this code, or null if nothing does.
+// Returns the description of the event with this code, or null if the code is unknown.
 constexpr const wchar_t* MeaningOf(std::span<const EventCode> codes, std::uint32_t code) {
   for (const EventCode& known : codes) {
     if (known.code == code) return known.meaning;
@@ -61,7 +61,7 @@ struct SubscriptionForm {
   const wchar_t* parameters;
   const wchar_t* family;  // null unless the kind watches a package
   std::uint32_t subscribe;
-  std::uint32_t unsubscribe;  // 0: no command removes it
+  std::uint32_t unsubscribe;  // 0 if no command removes it
   std::span<const EventCode> codes;
 };
 

@@ -34,7 +34,7 @@ const Logging::TraceLogger& Log() {
   return *Logging::LogManager::SetProvider(Logging::kComponentProvider);
 }
 
-// Catches every exception of the watcher thread or a notification. Returns the error code, or 0.
+// Catches and logs every exception from `body`. Returns the error code, or 0 if there was none.
 template <typename Body>
 std::int32_t CatchAndLog(Body&& body) noexcept {
   try {
@@ -60,7 +60,7 @@ void AwaitCompletion(const Platform::PackageUninstall& uninstall) {
   Log().LogWarning(kTookTooLong, kPollSeconds);
 }
 
-// Locks only for the query, because subscribing and logging off must not wait for a command.
+// Locks only during the query, because subscribing and logging off must not wait for a command.
 bool IsGone(const std::wstring& familyName) {
   const std::lock_guard guard(PackageUninstallingPCEvent::rLock);
   return Platform::CurrentMachine().packages->FindForAllUsers(familyName).empty();
@@ -135,7 +135,7 @@ void UninstallWatch::OnUninstalling(const Platform::PackageUninstall& uninstall)
 void UninstallWatch::Handle(const Platform::PackageUninstall& uninstall,
                             std::optional<Records::Delivery>& delivery) {
   // A notification that arrived before a log-off is handled even if it acquires the lock only
-  // afterwards, because the package is gone and no other notification follows.
+  // afterwards, because the package is gone and no further notification will arrive.
   if (stopping) return;
   const std::wstring received = uninstall.FamilyName();
   const auto due = [&] { return IsDue(uninstall, received, delivery); };
@@ -170,7 +170,7 @@ bool UninstallWatch::IsDue(const Platform::PackageUninstall& uninstall,
   if (event == PackageCatalogEvent::Uninstalled) {
     delivery->Waits(kPollStep * kPolls);
     AwaitCompletion(uninstall);
-    // Another user may still have the package. The event then stays armed.
+    // If another user still has the package, the event stays armed.
     const bool gone = IsGone(familyName);
     if (!gone || !mark->MayRun()) {
       delivery->Ends({Records::Decision::Dropped,

@@ -33,7 +33,7 @@ class CompletionEvent {
 };
 
 // The state shared by the watcher thread and the catalog notifications of one package event. Each
-// holds a reference, because a notification that the system has begun may outlive the event itself.
+// holds a reference, because a notification in progress may outlive the event object.
 class UninstallWatch {
  public:
   UninstallWatch(std::wstring packageFamilyName, PackageCatalogEvent catalogEvent,
@@ -41,17 +41,17 @@ class UninstallWatch {
                  std::shared_ptr<CompletionEvent> completionEvent,
                  std::shared_ptr<FiringMark> firingMark, std::wstring subscriptionHash);
 
-  // The body of the watcher thread: keeps a handler registered with `catalog` until Stop. Returns
-  // at once if `catalog` is null.
+  // The body of the watcher thread: keeps a handler registered with `catalog` until Stop is called.
+  // Returns at once if `catalog` is null.
   static void Run(const std::shared_ptr<UninstallWatch>& watch,
                   const std::shared_ptr<Platform::PackageCatalog>& catalog) noexcept;
 
-  // Waits until the watcher has added its handler and returns true. Returns false if the watcher
-  // ends without adding one. The watcher must have been started.
+  // Waits until the watcher has added its handler. Returns false if it exits without adding one.
+  // The watcher must have been started.
   bool AwaitHandler();
 
-  // Ends the watcher now. Later notifications have no effect. One that already waits for another or
-  // for the end of an uninstall still finishes, because a log-off does not say whose session ended.
+  // Stops the watcher. Later notifications have no effect. One that is waiting for another, or for
+  // an uninstall, still finishes, because a log-off does not say whose session ended.
   void Stop() noexcept;
 
   // Handles one notification, on a system thread.
@@ -63,8 +63,8 @@ class UninstallWatch {
               std::optional<Records::Delivery>& delivery);
 
   // Logs a notification and returns whether the command should run. For Uninstalled, waits until
-  // the uninstall is complete and checks that the package is gone. Marks the run as begun, so that
-  // no other notification starts one.
+  // the uninstall is complete and checks that the package is gone. Marks the run as started, so
+  // that no other notification starts one.
   bool IsDue(const Platform::PackageUninstall& uninstall, const std::wstring& received,
              std::optional<Records::Delivery>& delivery) const;
   void Pause();
@@ -76,7 +76,7 @@ class UninstallWatch {
   const PackageCatalogEvent event;
   const std::shared_ptr<EventCommand> command;
   const std::shared_ptr<CompletionEvent> completion;
-  // Signaled together with `stopping`, so that a log-off does not wait for the next poll. Null if
+  // Signaled when `stopping` is set, so that a log-off does not wait for the next poll. Null if
   // Windows could not create it.
   const Platform::UniqueHandle stopEvent;
   std::atomic<bool> stopping{false};
