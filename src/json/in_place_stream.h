@@ -18,9 +18,9 @@ constexpr bool IsLead(Unit unit) {
   return unit >= kFirstSurrogate && unit < kFirstTrail;
 }
 
-// A stream that unescapes strings where they stand in the text. Unlike rapidjson's own in-place
-// stream, it moves the ordinary units of a string in runs, and moves nothing before the first
-// escape. That cuts the time of the row "id 22, 20 KiB" in docs/performance.md by a third.
+// A stream that unescapes strings in place. Unlike rapidjson's own in-place stream, it moves the
+// ordinary units of a string in runs, and moves nothing before the first escape. That cuts the time
+// of the row "id 22, 20 KiB" in docs/performance.md by a third.
 class InPlaceStream {
  public:
   using Ch = wchar_t;
@@ -53,7 +53,7 @@ class InPlaceStream {
       from += kRun;
       to += kRun;
     }
-    nextRun = from + kRun;  // skips the units that stopped this run
+    nextRun = from + kRun;  // skips the units that ended this run
   }
 
   // Returns whether the next kRun units contain no quote, escape or control character.

@@ -30,7 +30,7 @@ constexpr wchar_t kMissing[] = L" is missing";
 constexpr wchar_t kOtherKind[] = L" is a value of another type";
 constexpr wchar_t kNotThatText[] = L"the text is not valid JSON or not of the wanted type";
 
-// A JsonValue holds a void pointer because its header does not include rapidjson's.
+// A JsonValue stores a void pointer because its header does not include rapidjson's.
 const WideValue& At(const void* node) {
   return *static_cast<const WideValue*>(node);
 }
@@ -59,7 +59,7 @@ std::shared_ptr<const Tree> ParseTree(std::wstring_view text, std::size_t nestin
 
 using TextWriter = rapidjson::Writer<TextBuffer, WideEncoding, WideEncoding, ScratchMemory>;
 
-// Writes `object` with only the members that `keep` writes.
+// Writes `object`, calling `keep` for each member. `keep` writes the members that it keeps.
 template <typename Keep>
 void WriteObject(TextWriter& writer, const WideValue& object, Keep&& keep) {
   writer.StartObject();

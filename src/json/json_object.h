@@ -12,7 +12,7 @@
 
 namespace Vx::Json {
 
-// The error codes of the Windows Runtime's own JSON classes, which clients already know.
+// The error codes of the Windows Runtime's own JSON classes, which clients already handle.
 inline constexpr auto kInvalidJsonString = static_cast<std::int32_t>(0x83750007);
 inline constexpr auto kJsonValueNotFound = static_cast<std::int32_t>(0x83750009);
 inline constexpr auto kIllegalMethodCall = static_cast<std::int32_t>(0x8000000E);
@@ -25,7 +25,7 @@ namespace Detail {
 struct Tree;
 }  // namespace Detail
 
-// One value of a parsed text. All values of a text share it, so a copy costs only a reference
+// One value of a parsed text. All values of a text share it, so a copy only increments a reference
 // count. Immutable. Several threads may each use their own copy.
 class JsonValue {
  public:
@@ -47,28 +47,28 @@ class JsonValue {
   JsonValue(std::shared_ptr<const Detail::Tree> owner, const void* position)
       : tree(std::move(owner)), node(position) {}
 
-  // Returns the value if it is of this kind, else throws an error that calls it `name`.
+  // Returns the value if it is of this kind. Otherwise throws an error that refers to it as `name`.
   const void* Require(JsonKind kind, std::wstring_view name = {}) const;
 
   std::shared_ptr<const Detail::Tree> tree;
   const void* node;  // a value in `tree`
 };
 
-// A JSON object. Functions throw Platform::WindowsRuntimeError with the key in the message, like
-// the Windows Runtime's. If a key is repeated, the first one wins. Copies share one immutable text.
+// A JSON object. Like the Windows Runtime's, its functions throw WindowsRuntimeError with the key
+// in the message. If a key is repeated, the first one wins. Copies share one immutable text.
 class JsonObject {
  public:
   JsonObject();
 
-  // Throws kInvalidJsonString unless ParseJson reads an object from `text`.
+  // Throws kInvalidJsonString unless ParseJson accepts `text` and its root is an object.
   static JsonObject Parse(std::wstring_view text);
 
   bool HasKey(std::wstring_view name) const { return Find(name).has_value(); }
 
   std::optional<JsonValue> Find(std::wstring_view name) const;
 
-  // All throw kJsonValueNotFound if the member is absent, kIllegalMethodCall if it has another
-  // kind.
+  // All throw kJsonValueNotFound if the member is absent, and kIllegalMethodCall if it is of
+  // another kind.
   JsonValue GetNamedValue(std::wstring_view name) const;
   std::wstring GetNamedString(std::wstring_view name) const;
   double GetNamedNumber(std::wstring_view name) const;
@@ -112,7 +112,7 @@ class JsonArray {
     const void* node;
   };
 
-  // Iterators borrow the array.
+  // The array must outlive its iterators.
   Iterator begin() const;
   Iterator end() const;
 

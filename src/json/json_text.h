@@ -10,7 +10,7 @@
 #include <vector>
 
 // Configures rapidjson for the whole program, because its inline functions must be the same in
-// every file that includes them. A failed assertion throws instead of ending the process.
+// every file that includes them. A failed assertion throws instead of terminating the process.
 #ifdef RAPIDJSON_RAPIDJSON_H_
 #error "include json/json_text.h instead of rapidjson's own headers"
 #endif
@@ -39,7 +39,7 @@ class Misuse : public std::logic_error {
 
 namespace Vx::Json {
 
-// Throws std::bad_alloc, because rapidjson does not check for null.
+// Throws std::bad_alloc if out of memory, because rapidjson does not check for null.
 class CheckedHeap {
  public:
   static const bool kNeedFree = true;
@@ -87,7 +87,7 @@ class ScratchMemory {
 using WideEncoding = rapidjson::UTF16<wchar_t>;
 using WidePool = rapidjson::MemoryPoolAllocator<CheckedHeap>;
 
-// Request and response documents. Members keep their order, and the first with a key is found.
+// Request and response documents. Members keep their order. Lookups find the first with a key.
 using WideDocument = rapidjson::GenericDocument<WideEncoding, WidePool, ScratchMemory>;
 using WideValue = WideDocument::ValueType;
 
