@@ -84,20 +84,20 @@ const Name& NameOf(Kind kind);
 const Name& NameOf(Decision decision);
 const Name& NameOf(Reason reason);
 
-// Returns the value with this identifier, or nothing if this version has none.
+// Returns the value with this identifier, or nothing if this version does not define one.
 template <typename Value>
 std::optional<Value> FromWord(std::wstring_view word);
 
-// Returns whether something that a client asked for was not done.
+// Returns whether the decision means that something a client requested was not done.
 constexpr bool IsFailure(Decision decision) {
   return decision >= Decision::Refused;
 }
 
-// Fits in a register, so that a caller that declares the function as void can still call it.
+// Fits in a register, so that a caller may declare a function that returns it as void.
 struct Outcome {
   Decision decision = Decision::None;
   Reason reason = Reason::None;
-  std::uint32_t number = 0;  // the process if Ran, otherwise the error code
+  std::uint32_t number = 0;  // the process ID if Ran, otherwise the error code
 };
 static_assert(sizeof(Outcome) == sizeof(void*));
 
@@ -123,18 +123,18 @@ void Write(const Record& record) noexcept;
 // The records of one delivery, from its event to its end. Use from one thread at a time.
 class Delivery {
  public:
-  // Assigns this process's next delivery number. `subject` has a kind, event, subscription and
-  // target.
+  // Assigns this process's next delivery number. `subject` must have a kind, event, subscription
+  // and target.
   explicit Delivery(Record&& subject) noexcept;
   Delivery(const Delivery&) = delete;
   Delivery& operator=(const Delivery&) = delete;
-  // If the delivery has not ended, records it as failed, because an exception ended it.
+  // If Ends was not called, records the delivery as failed, because an exception ended it.
   ~Delivery();
 
-  // Records that the delivery waits for at most `delay`.
+  // Writes a record that the delivery will wait for at most `delay`.
   void Waits(std::chrono::milliseconds delay) noexcept;
 
-  // Records the outcome. Later calls have no effect.
+  // Writes a record of the outcome. Later calls have no effect.
   void Ends(const Outcome& outcome) noexcept;
 
  private:
