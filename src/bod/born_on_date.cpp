@@ -28,7 +28,7 @@ bool HasDayOfFebruary(int year, int day) {
   return 1 <= day && day <= (leap ? 29 : 28);
 }
 
-// At most four digits, so the number fits.
+// `digits` has at most four digits, so the number cannot overflow.
 int NumberOf(std::string_view digits) {
   int number = 0;
   for (const char digit : digits) number = number * 10 + (digit - '0');

@@ -22,7 +22,7 @@ enum class BODFormat : std::uint8_t {
 // Returns 6 for SixDigits, 8 otherwise.
 std::size_t DigitCount(BODFormat format);
 
-// A born-on date as text, and its format. May hold any text, but only a valid date has a format.
+// A born-on date as text, and its format. Accepts any text, but only a valid date has a format.
 class BornOnDate {
  public:
   // Returns whether a month has this day. `year` is as written: below 100 if it has two digits.
@@ -41,13 +41,13 @@ class BornOnDate {
 
   BODFormat get_format() const { return format; }
 
-  // Returns only the date, or all zeros if it is invalid. A two-digit year means 2000 to 2099.
+  // Returns the date alone, or all zeros if it is invalid. Two-digit years mean 2000 to 2099.
   CalendarTime get_as_calendar_time() const;
 
   // Returns the same date as a SYSTEMTIME. Windows builds only.
   _SYSTEMTIME get_as_system_time() const;
 
-  // Returns whether `s` is a date of six or eight decimal digits. Four-digit years start at 1970.
+  // Returns whether `s` is a valid date of six or eight digits. Four-digit years start at 1970.
   static bool is_valid_born_on_date(const std::string& s) noexcept;
 
  private:
@@ -58,8 +58,8 @@ class BornOnDate {
 };
 
 // Writes the digits of `day` in `format` to the front of `buffer`, without a terminator. With six
-// digits, the year is 0 and its last digit. Throws std::invalid_argument if the buffer is too
-// small.
+// digits, the year is written as 0 and its last digit. Throws std::invalid_argument if the buffer
+// is too small.
 void WriteDigits(std::span<std::uint8_t> buffer, BODFormat format, const CalendarTime& day);
 
 // Returns whether `date` is a valid date in this format, or all zeros, which erase the date.

@@ -59,7 +59,7 @@ Block ReadBlock(int commandType, const char* failure) {
   ThrowOnFailure(bios.ExecuteCommand(Shared::WMI::kBiosRead, commandType, 0, nullptr, kBlockSize,
                                      block.data(), &returnCode),
                  failure);
-  // A block that was not read is all zeros, which would pass for a date that is not set.
+  // A block that was not read is all zeros, which would look like a date that is not set.
   ThrowOnFailure(bios.OutputResult(), failure);
   return block;
 }

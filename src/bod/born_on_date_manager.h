@@ -8,10 +8,10 @@
 
 namespace Vx::Tessel::Server::Services::Orvane {
 
-// Reads the born-on date that the firmware keeps, and writes it once in a machine's life. Each
-// operation that uses the firmware opens its own channel, blocks for as long as WMI takes, and
-// throws std::system_error with the HRESULT if a command fails or its whole output cannot be read.
-// Use from one thread at a time.
+// Reads the born-on date in the firmware, and writes it once in a machine's life. Each operation
+// that uses the firmware opens its own channel, blocks for as long as WMI takes, and throws
+// std::system_error with the HRESULT if a command fails or its whole output cannot be read. Use
+// from one thread at a time.
 class BornOnDateManager {
  public:
   BornOnDateManager() : BornOnDateManager(true) {}
@@ -22,7 +22,7 @@ class BornOnDateManager {
   // Returns the firmware's text, valid or not.
   BornOnDate get_born_on_date();
 
-  // Returns how many digits the firmware stores. Never Invalid.
+  // Returns the date format that the firmware uses. Never Invalid.
   BODFormat get_num_bod_digits();
 
   bool born_on_date_has_been_set();
@@ -35,11 +35,11 @@ class BornOnDateManager {
 
   static _SYSTEMTIME min_systemtime(_SYSTEMTIME a, _SYSTEMTIME b);
 
-  // Writes the digits to the front of `buffer`. Throws std::invalid_argument if it is too small.
+  // Writes determine_bod_source's date. Throws std::invalid_argument if `buffer` is too small.
   void determine_date_to_assign(std::vector<std::uint8_t>& buffer, BODFormat format);
 
   // Writes `date`, or the result of determine_bod_source if `date` is empty, unless the firmware
-  // holds a valid date. Throws std::invalid_argument for a date that the firmware cannot store.
+  // has a valid date. Throws std::invalid_argument for a date that the firmware cannot store.
   void conditionally_set(const std::string& date);
 
  private:

@@ -21,14 +21,14 @@ struct CalendarTime {
   friend bool operator==(const CalendarTime&, const CalendarTime&) = default;
 };
 
-// Returns 100-nanosecond units since 1601-01-01. Ignores the day of the week. Returns nothing if
-// the fields are not a valid time in the years 1601 to 30827.
+// Returns the time in 100-nanosecond units since 1601-01-01. Ignores the day of the week. Returns
+// nothing if the fields are not a valid time in the years 1601 to 30827.
 std::optional<std::uint64_t> FileTimeOf(const CalendarTime& time);
 
 // Returns the time `fileTime` units after 1601-01-01, truncated to milliseconds.
 CalendarTime CalendarTimeOf(std::uint64_t fileTime);
 
-// Returns the earlier of the two (`first` if equal), or the only one that is a valid time.
+// Returns the earlier time (`first` if equal). If only one of them is valid, returns that one.
 CalendarTime EarlierOf(const CalendarTime& first, const CalendarTime& second);
 
 // Returns the date at the front of a raw SYSTEMTIME, or all zeros if there are too few bytes.

@@ -47,7 +47,7 @@ bool SetAndStore(const Logging::TraceLogger& logger) {
     logger.LogInfo(kTesselInstalled);
     return false;
   }
-  // Opened first: if this fails, the firmware is not written, because no reader would see its date.
+  // Opened first: if this fails, the firmware is not written, because its date could not be stored.
   Storage::CapDataStore store;
   logger.LogInfo(kInitialValue, manager.get_born_on_date().get().c_str());
   manager.conditionally_set("");

@@ -39,7 +39,7 @@ constexpr wchar_t kInputBlockClass[] = L"zrkBDataIn";
 constexpr wchar_t kMethodName[] = L"zrkBIOSInt%ld";
 constexpr std::size_t kMethodNameChars = 60;
 
-// The result if the reply does not contain exactly the requested bytes.
+// The error for a reply that does not contain exactly the requested bytes.
 constexpr HRESULT kNotTheBlock = HRESULT_FROM_WIN32(ERROR_INVALID_DATA);
 
 constexpr std::uint8_t kSignature[] = {'S', 'E', 'C', 'U'};
@@ -61,7 +61,7 @@ UniqueBstr Text(const wchar_t* text) {
   return copy;
 }
 
-// Treats success without an object as E_POINTER.
+// Returns E_POINTER if the call succeeded but returned no object.
 template <typename Interface>
 HRESULT WithObject(HRESULT result, const ComPtr<Interface>& object) {
   return SUCCEEDED(result) && !object ? E_POINTER : result;
@@ -100,12 +100,12 @@ std::int32_t VxBiosWmi::Check(const char* step, const wchar_t* function,
 
 bool VxBiosWmi::GetReady() {
   if (ready) return true;
-  // Allocated before entering COM, because the allocation can throw.
+  // Allocated before initializing COM, because the allocation can throw.
   const UniqueBstr name = Text(kNamespace);
   Platform::Com& com = Com();
 
-  // Neither failure is fatal, because another part of the process may have set up COM differently,
-  // and then the calls often work too.
+  // Neither failure is fatal, because another part of the process may have initialized COM
+  // differently, in which case the calls often still work.
   comEntered =
       SUCCEEDED(Check(kGetReady, L"CoInitializeEx()", com.InitializeMultithreaded())) || comEntered;
   const std::int32_t security = com.InitializeSecurity(Platform::Cloaking::None);
@@ -133,7 +133,7 @@ bool VxBiosWmi::GetReady() {
 
 void VxBiosWmi::Disconnect() {
   services.Reset();
-  // If entering COM was refused, another component owns the thread's apartment.
+  // If initializing COM failed, another component owns the thread's apartment.
   if (comEntered) Com().Uninitialize();
   comEntered = false;
   ready = false;
@@ -151,7 +151,7 @@ std::int32_t VxBiosWmi::ExecuteCommand(int command, int commandType, std::uint32
   if (!ready && !GetReady()) return E_FAIL;
 
   wchar_t method[kMethodNameChars] = {};
-  // Uses the system's formatting, because the compiler's would be linked into the module.
+  // Uses the system's formatting function, because the compiler's would be linked into the module.
   static_cast<void>(
       _snwprintf(method, std::size(method) - 1, kMethodName, static_cast<long>(outputSize)));
 
@@ -308,7 +308,7 @@ std::int32_t VxBiosWmi::GetOutputData(const ClassObject& outParameters, std::uin
   Variant code;
   result = Get(data.Get(), L"rwReturnCode", code);
   if (SUCCEEDED(result) && !Platform::Int32In(*code)) result = DISP_E_TYPEMISMATCH;
-  // The output is read even if there is no code.
+  // The output is read even if there is no return code.
   if (SUCCEEDED(Check(kGetOutputData, L"OutputDataObject->Get(ReturnCode)", result))) {
     *returnCode = *Platform::Int32In(*code);
   }
@@ -329,7 +329,7 @@ std::int32_t VxBiosWmi::GetOutputData(const ClassObject& outParameters, std::uin
 std::int32_t VxBiosWmi::CopyOutputBytes(const Variant& data, std::uint32_t outputSize,
                                         std::uint8_t* output) const {
   SAFEARRAY* const array = Platform::BytesIn(*data);
-  // Elements are copied to the position of their index, and a negative index has no position.
+  // Each element is copied to the offset that its index gives, so an index must not be negative.
   if (array == nullptr || Platform::BoundsOf(*array).lower < 0) {
     logger->LogWarning(kInvalidData, class_name, kGetOutputData);
     return kNotTheBlock;
@@ -346,7 +346,7 @@ std::int32_t VxBiosWmi::CopyOutputBytes(const Variant& data, std::uint32_t outpu
     if (FAILED(result)) return result;
   }
   if (bounds.lower == 0) return S_OK;
-  // The array has no elements for the first positions, so their bytes are unknown.
+  // The array has no elements for the first offsets, so their bytes are unknown.
   logger->LogWarning(kInvalidData, class_name, kGetOutputData);
   return kNotTheBlock;
 }

@@ -19,11 +19,11 @@ inline constexpr int kBiosWrite = 2;
 inline constexpr int kBiosFeatures = 13;
 inline constexpr int kWarranty = 16;
 
-// The firmware's command interface in WMI, for a few commands on one thread.
+// The firmware's command interface in WMI. Create one for a few commands on one thread.
 //
-// The first command enters COM on the calling thread and connects. The destructor disconnects and
-// leaves COM. Calls block for as long as WMI takes. Each failing step is logged as a warning, and
-// its HRESULT is returned. Throws only std::system_error (E_OUTOFMEMORY), if out of memory.
+// The first command initializes COM on the calling thread and connects. The destructor disconnects
+// and uninitializes COM. Calls block for as long as WMI takes. Each failing step is logged as a
+// warning, and its HRESULT is returned. Throws only std::system_error (E_OUTOFMEMORY).
 class VxBiosWmi {
  public:
   VxBiosWmi();
@@ -39,11 +39,11 @@ class VxBiosWmi {
                               std::uint8_t* output, std::int32_t* returnCode);
 
   // Returns S_OK if the last command's whole output was read, otherwise the HRESULT of the failed
-  // step: that of ERROR_INVALID_DATA if the reply has no bytes, or bytes of another type, number or
-  // index, and E_FAIL if there was no reply.
+  // step: that of ERROR_INVALID_DATA if the reply does not contain exactly the requested bytes, and
+  // E_FAIL if the command failed or none has run.
   std::int32_t OutputResult() const { return outputResult; }
 
-  // Connects to the namespace once. Returns false if that failed.
+  // Connects to the namespace unless already connected. Returns false on failure.
   bool GetReady();
 
  private:
@@ -69,7 +69,7 @@ class VxBiosWmi {
   std::int32_t CreateSafeArray(const std::uint8_t* bytes, std::uint32_t count,
                                Platform::Variant& array) const;
 
-  // Logs a failure. Returns `result`.
+  // Logs `result` if it is a failure, and returns it.
   std::int32_t Check(const char* step, const wchar_t* function, std::int32_t result) const;
 
   const Logging::TraceLogger* logger;
