@@ -13,9 +13,9 @@ namespace Vx::Platform {
 // or that of the user whom the calling thread impersonates at each call (Dynamic).
 enum class Cloaking { None, Dynamic };
 
-// The part of COM that leads to the firmware's WMI namespace, and the values that are passed to it.
-// Beyond that, code calls the interfaces directly. Functions that return std::int32_t return their
-// call's HRESULT. Use from one thread at a time.
+// The COM functions that are needed to reach the firmware's WMI namespace and to create the values
+// passed to it. Otherwise, code calls the interfaces directly. Functions that return std::int32_t
+// return the HRESULT of the COM call. Use from one thread at a time.
 class Com {
  public:
   virtual ~Com() = default;

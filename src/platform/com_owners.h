@@ -22,7 +22,7 @@ struct SafeArrayDestroyer {
 
 using UniqueSafeArray = std::unique_ptr<SAFEARRAY, SafeArrayDestroyer>;
 
-// A VARIANT that clears itself and its content. Initially empty.
+// Owns a VARIANT, initially empty, and clears it on destruction.
 class Variant {
  public:
   Variant() noexcept = default;
@@ -35,7 +35,7 @@ class Variant {
   // Adds a reference.
   void SetObject(IUnknown* object) noexcept;
 
-  // Stores the array. A null one makes the value empty.
+  // Stores the array as VT_ARRAY | VT_UI1, even if it is null.
   void SetBytes(UniqueSafeArray array) noexcept;
 
   VARIANT* Get() noexcept { return &content; }

@@ -12,7 +12,7 @@ constexpr ErrorCode kCallNotImplemented = 120;  // ERROR_CALL_NOT_IMPLEMENTED
 constexpr ErrorCode kNoToken = 1008;            // ERROR_NO_TOKEN
 constexpr ErrorCode kLogonFailure = 1326;       // ERROR_LOGON_FAILURE
 
-// Returns zero, or why the user of `token` is not that of `same`.
+// Returns zero if `token` belongs to the logon session in `same` (set here if empty), or an error.
 ErrorCode CheckLogon(RawHandle token, OneLogon& same) {
   const auto logon = CurrentMachine().sessions->LogonOf(token);
   if (!logon) return logon.Error();

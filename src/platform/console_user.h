@@ -9,21 +9,21 @@
 #include "platform/sessions.h"
 #include "platform/unique_handle.h"
 
-// All code that acts as the console user goes through here. Callers pass how to report a refusal.
+// All code that acts as the console user goes through here. Callers pass a callback for failures.
 namespace Vx::Platform {
 
 // The steps in the order in which they are taken.
 enum class ActingStep { Session, SessionApi, Token, TokenCopy, Impersonation, Revert };
 
-// Receives the refused step and its error, on the acting thread. May throw, except for Revert.
+// Receives the failed step and its error, on the acting thread. May throw, except for Revert.
 using ActingReport = std::function<void(ActingStep step, ErrorCode error)>;
 
-// The logon session of one operation. Set by the first query, because the console user can change.
+// Pins an operation to one logon session, as the console user can change. Set by the first query.
 using OneLogon = std::optional<std::uint64_t>;
 
-// Returns the primary token of the console user, or null after a refusal. Session fails with
+// Returns the primary token of the console user, or null on failure. The Session step fails with
 // ERROR_NO_TOKEN, SessionApi with ERROR_CALL_NOT_IMPLEMENTED, and Token with ERROR_LOGON_FAILURE if
-// the logon is not that of `same`.
+// the token belongs to a logon session other than `same`.
 UniqueHandle ConsoleUserToken(const ActingReport& report, OneLogon* same = nullptr);
 
 // Returns a copy of that token with maximum allowed access and impersonation level "impersonation".
@@ -35,7 +35,7 @@ UniqueHandle ConsoleUserToken(TokenType type, const ActingReport& report, OneLog
 // failed revert is always reported, because the thread keeps the user's rights. It is not retried.
 class Impersonation {
  public:
-  // Borrows `token` for this call only. After a refusal there is nothing to revert.
+  // Borrows `token` for this call only. On failure, there is nothing to revert.
   Impersonation(RawHandle token, ActingReport report);
   Impersonation(const Impersonation&) = delete;
   Impersonation& operator=(const Impersonation&) = delete;
@@ -57,7 +57,7 @@ class OwnIdentity {
   OwnIdentity& operator=(const OwnIdentity&) = delete;
   ~OwnIdentity() { End(); }
 
-  // Returns zero, or why the thread still has its old identity.
+  // Returns zero, or the error that left the thread with its previous identity.
   ErrorCode Error() const noexcept { return error; }
 
   // Restores the thread's identity. Returns zero, or an error if the thread continues as its
@@ -65,15 +65,15 @@ class OwnIdentity {
   ErrorCode End();
 
  private:
-  UniqueHandle before;  // null if the thread did not impersonate, and after End
+  UniqueHandle before;  // null if the thread was not impersonating, and after End
   ErrorCode error = 0;
 };
 
-// Debug builds only: ends the process if the thread impersonates, because a slot would end that.
+// Debug builds only: fails fast if the thread is impersonating, because a slot would revert that.
 void ExpectOwnIdentity() noexcept;
 
 // Returns the result of `action`, run as the user of `token`, or an empty value if `token` is null
-// or Windows refuses. The thread acts as the service again when this returns or throws.
+// or impersonation fails. The thread acts as the service again when this returns or throws.
 template <typename Action>
 auto AsUser(RawHandle token, const ActingReport& report, Action&& action) -> decltype(action()) {
   if (token == nullptr) return {};

@@ -17,7 +17,7 @@ class Environment {
  public:
   virtual ~Environment() = default;
 
-  // Expands the process's variables. Fails above `maxChars` characters, including the terminator.
+  // Expands the process's variables. Fails if the result and its terminator exceed `maxChars`.
   virtual Result<std::wstring> Expand(const std::wstring& text, std::size_t maxChars) const = 0;
 
   // Does the same with the variables of the user of `token`, or of the system if it is null.

@@ -18,8 +18,8 @@ struct FileFacts {
   std::uint64_t written = 0;
 };
 
-// The purpose of opening a file. Other processes may still read it. During Inspect, Read and Change
-// they may also write it. During Inspect and Read they may also rename or delete it.
+// The purpose of opening a file. All uses share read access with other processes. Inspect, Read and
+// Change also share write access. Inspect and Read also share delete access, which covers renames.
 enum class FileUse {
   Inspect,  // facts and owner only, even if another process has exclusive access
   Read,

@@ -15,10 +15,10 @@ namespace Vx::Platform {
 
 // An entry of an access list, reduced to what the rules check.
 struct AccessEntry {
-  bool allowed = false;  // anything but a denial
+  bool allowed = false;  // anything but a deny entry
   std::uint32_t mask = 0;
-  // As text, "S-1-...". Not a SID if the entry allows access on a condition, to an object, or in a
-  // way that this version does not know.
+  // The SID as text, "S-1-...", if this is an unconditional entry that allows access. Otherwise, a
+  // text that is not a SID.
   std::wstring sid;
 };
 
@@ -33,9 +33,9 @@ enum class NewFolder : std::uint8_t {
   Private,   // SYSTEM, the administrators and the owner, who could change the list anyway
 };
 
-// Identifies an open file, to find out whether it was open before and is probably unchanged.
+// Identifies an open file, to detect whether it was opened before and is probably unchanged.
 struct FileIdentity {
-  std::uint32_t volume = 0;   // its serial number
+  std::uint32_t volume = 0;   // serial number
   std::uint64_t index = 0;    // of the file on the volume
   std::uint64_t size = 0;     // bytes
   std::uint64_t written = 0;  // FILETIME

@@ -11,7 +11,7 @@ namespace Vx::Platform {
 // Kernel mutexes and events. Bounded waits on events go through the clock.
 class KernelObjects {
  public:
-  enum class Locked { Free, Abandoned };  // Abandoned: its holder ended without unlocking it
+  enum class Locked { Free, Abandoned };  // Abandoned: the owner exited without unlocking it
 
   virtual ~KernelObjects() = default;
 
@@ -29,7 +29,7 @@ class KernelObjects {
   virtual ErrorCode Signal(RawHandle event) = 0;
 };
 
-// Creates an unnamed manual-reset event. Returns null if Windows refuses.
+// Creates an unnamed manual-reset event. Returns null on failure.
 UniqueHandle MakeUnnamedEvent();
 
 // Decides whether to report that a name is taken. Any process can create an object of another kind

@@ -53,8 +53,8 @@ const Machine& CurrentMachine() noexcept;
 const Machine& WindowsMachine() noexcept;
 
 // Replaces the current machine, for tests and the simulator, with a copy to which `change` was
-// applied. Scopes nest. A scope that ends out of order, or while a worker started under it still
-// runs, ends the process with a message, because the worker might use a destroyed capability.
+// applied. Scopes nest. If a scope ends out of order, or while a worker started under it is still
+// running, the process terminates with a message: the worker might use a destroyed capability.
 class MachineScope {
  public:
   explicit MachineScope(const std::function<void(Machine&)>& change);

@@ -42,7 +42,7 @@ struct PackageRegistration {
   std::wstring errorText;   // the deployment's own description; empty on success
 };
 
-// Packaged apps. The Win32 queries are about the user that the calling thread acts as. The
+// Packaged apps. The Win32 queries apply to the user that the calling thread acts as. The
 // deployment queries use Windows' package manager and throw WindowsRuntimeError if it fails.
 class Packages {
  public:
@@ -73,16 +73,16 @@ class Packages {
   // Returns the full names of the family's packages for all users (needs administrator rights).
   virtual std::vector<std::wstring> FindForAllUsers(const std::wstring& familyName) const = 0;
 
-  // Returns the SID of a user or group, "domain\user", as text. May block while Windows queries a
-  // domain controller.
+  // Returns, as text, the SID of the user or group named `account` ("domain\user"). May block while
+  // Windows queries a domain controller.
   virtual Result<std::wstring> AccountSid(const std::wstring& account) const = 0;
 
   // Returns the full names registered for the user with this SID. Empty means the calling user.
   virtual std::vector<std::wstring> FindForUser(const std::wstring& sid,
                                                 const std::wstring& familyName) const = 0;
 
-  // Registers a staged package for the calling user. Blocks until the deployment ends or `limit`
-  // has passed. The result is then HRESULT_FROM_WIN32(ERROR_TIMEOUT).
+  // Registers a staged package for the calling user. Blocks until the deployment ends. If `limit`
+  // passes first, the result is HRESULT_FROM_WIN32(ERROR_TIMEOUT).
   virtual PackageRegistration Register(const std::wstring& fullName,
                                        std::chrono::milliseconds limit) = 0;
 

@@ -40,10 +40,10 @@ class Sessions {
   virtual ErrorCode Impersonate(RawHandle token) = 0;
   virtual ErrorCode Revert() = 0;
 
-  // Returns the token with which the calling thread impersonates, or null if it does not.
+  // Returns the token that the calling thread is impersonating with, or null if it is not.
   virtual Result<UniqueHandle> ThreadToken() const = 0;
 
-  // Impersonates with such a token again, at the token's level. Returns zero or the error.
+  // Impersonates again with a token from ThreadToken, at its level. Returns zero or the error.
   virtual ErrorCode Resume(RawHandle threadToken) = 0;
 
   // Returns whether the process runs as Local System.

@@ -12,7 +12,7 @@ class ApiSets {
  public:
   virtual ~ApiSets() = default;
 
-  // `name` has no ".dll". Returns true if Windows lacks this query.
+  // Returns whether API set `name`, without ".dll", is present, or true if Windows cannot query it.
   virtual bool IsPresent(const std::wstring& name) const = 0;
 };
 

@@ -11,12 +11,12 @@ namespace Vx::Platform {
 // from the constructor on. The thread keeps this module loaded until it ends.
 //
 // Uses _beginthreadex, because a detached std::thread of this runtime can lose its callable. As
-// with std::thread, destroying or replacing a joinable Thread ends the process.
+// with std::thread, destroying or replacing a joinable Thread terminates the process.
 class Thread {
  public:
   Thread() = default;
 
-  // Starts `body`, which must not throw. Throws std::system_error (EAGAIN) if that fails.
+  // Starts `body`, which must not throw. Throws std::system_error (EAGAIN) if no thread starts.
   explicit Thread(std::function<void()> body);
 
   Thread(Thread&& other) noexcept = default;
@@ -30,7 +30,7 @@ class Thread {
 
   void Join();
 
-  // Joins within `length`. Returns whether the thread has ended. If not, it is still joinable.
+  // Joins the thread if it ends within `length`. Returns whether it did. If not, it stays joinable.
   bool JoinFor(std::chrono::milliseconds length);
 
   // Cancels the thread's blocking file operation, if any. The thread must be joinable.

@@ -33,7 +33,7 @@ struct SignatureVerdict {
   std::optional<Signer> signer;      // present if the state data named one
 };
 
-// The catalog that holds a file's hash.
+// The catalog that contains a file's hash.
 struct CatalogHit {
   std::wstring catalogPath;
   std::wstring memberTag;   // upper-case hexadecimal of the hash

@@ -7,7 +7,7 @@
 
 namespace Vx::Platform {
 
-// A machine in use. A MachineScope's machine ends with the scope, the real one with the module.
+// An installed machine. It lives as long as its MachineScope or, for the real one, the module.
 struct InstalledMachine {
   Machine machine;
   InstalledMachine* previous = nullptr;  // becomes current when this machine's scope ends

@@ -9,7 +9,7 @@
 
 #include <windows.h>
 
-// The image's own directory of thread-local storage, which the C runtime defines.
+// The module's TLS directory and index, which the C runtime defines.
 // NOLINTBEGIN(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp): the runtime's names
 extern "C" {
 extern const IMAGE_TLS_DIRECTORY64 _tls_used;
@@ -21,7 +21,7 @@ namespace Vx::Platform {
 
 namespace {
 
-// The runtime's header before the thrown object. GCC 12 needs 160 bytes, later versions maybe more.
+// The runtime's header before the thrown object. GCC 12 needs 160 bytes. Later ones may need more.
 constexpr std::size_t kRecord = 256;
 constexpr std::size_t kSlot = kRecord + kLargestReservedException;
 constexpr std::size_t kAlignment = 16;
@@ -65,12 +65,12 @@ struct ThreadExceptions {
   unsigned int uncaught;
 };
 
-// Only its copies in each thread's storage are used. Twice the size, because a copy may be less
+// Only the copy in each thread's TLS block is used. Twice the size, because a copy may be less
 // aligned than the original. The linker sorts sections by name, and ".tls$ZZZ" comes last.
 [[gnu::section(".tls$VX"), gnu::used]] std::byte original[2 * sizeof(ThreadExceptions)] = {};
 
-// Returns the calling thread's part of the thread-local storage that Windows allocates for every
-// thread, even one older than the module. This compiler does not use that storage
+// Returns the calling thread's copy of `original`, from the static TLS that Windows allocates for
+// every thread, even one older than the module. The compiler itself does not use static TLS
 // (https://learn.microsoft.com/cpp/parallel/thread-local-storage-tls).
 ThreadExceptions* OfThisThread() noexcept {
   constexpr unsigned long kStoragesOfThread = 0x58;  // ThreadLocalStoragePointer in the x64 TEB

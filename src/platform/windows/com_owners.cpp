@@ -6,7 +6,7 @@ namespace Vx::Platform {
 
 namespace {
 
-// Any content was created by this library, which is therefore loaded.
+// If `content` owns anything, this library created it and is therefore loaded.
 void Clear(VARIANT& content) noexcept {
   auto* clear = Automation().Find<decltype(VariantClear)>("VariantClear");
   if (clear == nullptr || FAILED(clear(&content))) content = {};

@@ -18,7 +18,7 @@ namespace Vx::Platform {
 
 HMODULE DeferredLibrary::Load() noexcept {
   if (const HMODULE known = loaded.load()) return known;
-  // An impersonating thread could see other drives, as its user has defined them.
+  // While impersonating, the path's drive letter could resolve to a drive that the user has mapped.
   Sessions& sessions = WindowsSessions();
   const Result<UniqueHandle> user = sessions.ThreadToken();
   ErrorCode error = user ? 0 : user.Error();
@@ -93,10 +93,10 @@ INT_PTR WINAPI FailWithStatus() {
 
 }  // namespace Vx::Platform
 
-// Resolves a function that vx_delayed_import (cmake/options.cmake) lists, at each call to it.
+// Resolves a delay-loaded function (see vx_delayed_import in cmake/options.cmake) at each call.
 // The toolchain's own helper would search the program's folder first, and raise an exception that
-// nothing here could handle. A missing function fails as its callers expect. Does not store the
-// address in `entry`, because the linker may have made the table read-only.
+// nothing here could handle. If the function is missing, the call fails as its callers expect. Does
+// not store the address in `entry`, because the linker may have made the table read-only.
 // https://learn.microsoft.com/cpp/build/reference/understanding-the-helper-function
 // NOLINTNEXTLINE(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp): the linker's name
 extern "C" FARPROC WINAPI __delayLoadHelper2(PCImgDelayDescr from, FARPROC* entry) {

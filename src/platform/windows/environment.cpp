@@ -31,7 +31,7 @@ using Text = Result<std::wstring>;
 // longer one and reports success.
 constexpr std::size_t kMaxText = 32767;
 
-// `buffer` has room for more than `maxChars`, or for the longest string.
+// `buffer` must have room for more than `maxChars` characters, or for kMaxText.
 Text TextIn(const std::vector<wchar_t>& buffer, std::size_t maxChars) {
   const auto end = std::find(buffer.begin(), buffer.end(), L'\0');
   const auto length = static_cast<std::size_t>(end - buffer.begin());

@@ -45,7 +45,7 @@ bool IsProcessUser(PSID sid) {
   return EqualSid(sid, information.User.Sid) != 0;
 }
 
-// The offset of a read or a write, in a file that is opened for synchronous access.
+// The offset for a read or write of a file that is opened for synchronous access.
 OVERLAPPED At(std::size_t offset) {
   OVERLAPPED place{};
   place.Offset = static_cast<DWORD>(offset);
@@ -240,8 +240,8 @@ Result<AccessList> AccessOf(RawHandle file) {
       const BYTE type = static_cast<const ACE_HEADER*>(ace)->AceType;
       auto* allowed = static_cast<ACCESS_ALLOWED_ACE*>(ace);
       entry.allowed = std::ranges::find(kDenials, type) == std::end(kDenials);
-      // The other types that allow access have the same beginning, but apply only to some objects
-      // or on a condition: https://learn.microsoft.com/windows/win32/api/winnt/ns-winnt-ace_header
+      // The other allow types start with the same members, but apply only to certain objects or
+      // conditionally: https://learn.microsoft.com/windows/win32/api/winnt/ns-winnt-ace_header
       if (std::ranges::find(kGrants, type) != std::end(kGrants)) entry.mask = allowed->Mask;
       if (type == ACCESS_ALLOWED_ACE_TYPE) entry.sid = SidText(&allowed->SidStart);
     }
@@ -262,7 +262,7 @@ Opened CreateFileHandle(const std::wstring& path, const std::wstring& accessLike
                           : GetSecurityInfo(like.get(), SE_FILE_OBJECT, DACL_SECURITY_INFORMATION,
                                             nullptr, nullptr, nullptr, nullptr, &raw);
   if (error != ERROR_SUCCESS && error != ERROR_FILE_NOT_FOUND) return Opened::Failure(error);
-  const UniqueLocalMemory<void> descriptor(raw);  // null: the folder decides
+  const UniqueLocalMemory<void> descriptor(raw);  // null: inherits from the folder
   SECURITY_ATTRIBUTES security{sizeof security, descriptor.get(), FALSE};
   return OpenWith(path, OpeningFor(FileUse::Replace), &security, CREATE_NEW);
 }

@@ -12,8 +12,8 @@
 namespace Vx::Platform {
 
 // Opens the file `path`, whose content or name others may control. The file must exist unless
-// `disposition` says otherwise. A new one gets `security`. With FILE_FLAG_BACKUP_SEMANTICS in
-// `flags`, opens a folder. Sets the last error and returns null for anything not on a disk, because
+// `disposition` says otherwise. `security` applies to a new file. FILE_FLAG_BACKUP_SEMANTICS in
+// `flags` allows a folder. Sets the last error and returns null for anything not on a disk, because
 // a pipe or a device could block its reader or writer forever. Passes SECURITY_SQOS_PRESENT,
 // because a pipe's server could otherwise impersonate this process (see CreateFileW).
 UniqueHandle OpenDiskFile(const std::wstring& path, DWORD access, DWORD share,
@@ -23,7 +23,7 @@ UniqueHandle OpenDiskFile(const std::wstring& path, DWORD access, DWORD share,
 // Renames an open file or folder in one step, replacing any file at `path`. Needs DELETE.
 ErrorCode RenameTo(RawHandle file, const std::wstring& path);
 
-// Returns the SID as text, or an empty text for none.
+// Returns the SID as text, or an empty string if it is null or invalid.
 std::wstring SidText(PSID sid);
 
 // See Files::FolderAccess. Needs READ_CONTROL.

@@ -25,7 +25,7 @@ constexpr wchar_t kWildcards[] = L"*?<>\"";
 // Turns off path parsing. Its question mark is not a wildcard.
 constexpr std::wstring_view kVerbatimPrefix = L"\\\\?\\";
 
-// Protected: nothing is inherited. S-1-3-4 is the owner.
+// Protected: nothing is inherited. S-1-3-4 is Owner Rights.
 constexpr wchar_t kPrivateFolder[] = L"D:P(A;OICI;FA;;;SY)(A;OICI;FA;;;BA)(A;OICI;FA;;;S-1-3-4)";
 
 constexpr DWORD kShareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
@@ -124,8 +124,8 @@ class RealFiles final : public Files {
   }
 
   Result<Bytes> Read(const std::wstring& path, std::size_t maxBytes) const override {
-    // Shares writing, because a reader must not block the file's writers. They serialize
-    // themselves.
+    // Shares write access, because a reader must not block the file's writers, which serialize
+    // among themselves.
     const UniqueHandle file = OpenDiskFile(path, GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE);
     if (file == nullptr) return Result<Bytes>::Failure(GetLastError());
     return ReadContent(file.get(), maxBytes);

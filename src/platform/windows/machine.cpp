@@ -15,8 +15,8 @@ namespace {
 constexpr char kOutOfOrder[] = "A MachineScope ended while another one was installed above it.\n";
 constexpr char kWorkersRun[] = "A MachineScope ended while a worker still ran under it.\n";
 
-// In milliseconds. A worker can notify a test a few instructions before it stops being counted. The
-// scope's owner forgot to wait for a worker that runs for longer.
+// In milliseconds. A worker can notify a test a few instructions before it stops being counted. If
+// a worker runs for longer, the scope's owner has forgotten to wait for it.
 constexpr int kGrace = 2000;
 
 std::atomic<InstalledMachine*> installedLast{nullptr};

@@ -59,8 +59,8 @@ class Uninstall final : public PackageUninstall {
   Abi::IPackageUninstallingEventArgs& arguments;
 };
 
-// A handler, shared with the delegate, which the system may hold after the removal. A running
-// notification can still use its handler, and a later one finds it closed.
+// A handler, shared with its delegate, which the system may still hold after the handler is
+// removed. A notification that is already running can still use it. Later ones do nothing.
 struct Subscription {
   PackageCatalog::UninstallingHandler handler;
   std::atomic<bool> closed{false};
@@ -147,7 +147,7 @@ bool InSingleThreadedApartment() {
   return type == APTTYPE_STA || type == APTTYPE_MAINSTA;
 }
 
-// Opens the catalog in the multithreaded apartment, on a thread with the caller's identity.
+// Opens the catalog on a new thread in the multithreaded apartment, under the caller's identity.
 std::shared_ptr<PackageCatalog> OpenOnAnotherThread() {
   const auto token = WindowsSessions().ThreadToken();
   if (!token) throw WindowsRuntimeError(HRESULT_FROM_WIN32(token.Error()), L"OpenThreadToken");
@@ -172,7 +172,7 @@ std::shared_ptr<PackageCatalog> OpenOnAnotherThread() {
 }  // namespace
 
 // Watchers and notifications run in the multithreaded apartment. The documentation of
-// PackageCatalog does not promise that one can be used outside its own apartment.
+// PackageCatalog does not promise that a catalog can be used outside its own apartment.
 std::shared_ptr<PackageCatalog> OpenWindowsPackageCatalog() {
   if (InSingleThreadedApartment()) return OpenOnAnotherThread();
   return std::make_shared<WindowsPackageCatalog>();

@@ -60,7 +60,7 @@ std::vector<std::wstring> FullNamesOf(const Abi::ComPtr<Abi::IPackageIterable>& 
   return names;
 }
 
-// Reads as much as possible of the deployment's report, which a failed operation may not return.
+// Reads as much as possible of the deployment's report. A failed operation might not have one.
 void ReadReport(Abi::IDeploymentOperation& operation, PackageRegistration& registration) {
   Abi::ComPtr<Abi::IDeploymentResult> report;
   const HRESULT read = operation.GetResults(report.Receive());
@@ -183,7 +183,7 @@ class RealPackages final : public Packages {
                            &domainLength, &kind) == FALSE) {
       return Text::Failure(GetLastError());
     }
-    // A domain or a computer may have the name that was meant for a user of it.
+    // The name may also resolve to a domain or a computer, which is neither a user nor a group.
     if (kind == SidTypeDomain || kind > SidTypeWellKnownGroup) {
       return Text::Failure(ERROR_NONE_MAPPED);
     }

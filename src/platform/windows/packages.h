@@ -29,10 +29,10 @@ struct AppModelFunctions {
 // loaded, but may be forwarded to another library, which Windows then loads.
 AppModelFunctions ResolveAppModel() noexcept;
 
-// Returns the packages of this Windows, queried through `functions`. A query whose function is null
-// fails with ERROR_PROC_NOT_FOUND. Package manager operations enter and leave their thread's
-// apartment. Their errors name the step. The code is REGDB_E_CLASSNOTREG if there is no package
-// manager.
+// Returns the capability that calls Windows through `functions`. A query whose function is null
+// fails with ERROR_PROC_NOT_FOUND. Each package manager operation initializes the Windows Runtime
+// on its thread and uninitializes it afterwards. Its errors name the step. The code is
+// REGDB_E_CLASSNOTREG if there is no package manager.
 std::unique_ptr<Packages> MakeWindowsPackages(const AppModelFunctions& functions);
 
 }  // namespace Vx::Platform

@@ -17,7 +17,7 @@ namespace Vx::Platform {
 struct SignatureFunctions {
   explicit SignatureFunctions(DeferredLibrary& wintrust) noexcept;
 
-  // Returns whether all functions that every Windows has were found.
+  // Returns whether all functions except those two were found.
   bool Complete() const noexcept { return complete; }
 
   decltype(WinVerifyTrust)* verify = nullptr;

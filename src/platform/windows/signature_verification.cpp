@@ -50,11 +50,11 @@ constexpr DWORD kEncoding = X509_ASN_ENCODING | PKCS_7_ASN_ENCODING;
 
 LONG VerifyTrust(const SignatureFunctions& functions, TrustData& data) {
   GUID action = WINTRUST_ACTION_GENERIC_VERIFY_V2;
-  // With this window, unlike with null, no policy provider may prompt.
+  // Unlike null, this window handle forbids prompts from any policy provider.
   return functions.verify(static_cast<HWND>(INVALID_HANDLE_VALUE), &action, &data);
 }
 
-// One verification. Even a failed one has state, which the second call closes on every path.
+// One verification. Even a failed one leaves state, which the destructor's call closes.
 class Verification {
  public:
   Verification(const SignatureFunctions& wintrust, DWORD unionChoice, const void* subject,
@@ -120,8 +120,8 @@ std::wstring NameText(CERT_NAME_BLOB name) {
   return text;
 }
 
-// Returns whether the encoded name can be parsed. The calls that read one attribute return the same
-// empty string for an absent and an unreadable one.
+// Returns whether the encoded name can be parsed. The functions that read one attribute return an
+// empty string both for an absent attribute and for an unreadable name.
 bool IsReadable(const CERT_NAME_BLOB& name) {
   DWORD size = 0;
   return CryptDecodeObject(kEncoding, X509_NAME, name.pbData, name.cbData, 0, nullptr, &size) !=

@@ -31,7 +31,7 @@ using AdminHandle = std::unique_ptr<void, CatalogAdminCloser>;
 // A context for searching the signed catalogs of Windows and of drivers by hash.
 struct CatalogAdmin {
   AdminHandle handle;
-  bool sha256 = false;  // otherwise the SHA-1 of the older calls
+  bool sha256 = false;  // otherwise SHA-1, as in the older calls
 };
 
 // Falls back to the older call if the newer one is missing or, as under Wine, not implemented.
@@ -54,7 +54,7 @@ Result<CatalogAdmin> OpenCatalogs(const SignatureFunctions& functions) {
   return owned(false);
 }
 
-// Returns the hash by which `admin` finds the open file `file`. Reads the whole file.
+// Returns the hash by which `admin` looks up the open file `file`. Reads the whole file.
 Result<std::vector<std::byte>> CatalogHashOf(const SignatureFunctions& functions,
                                              const CatalogAdmin& admin, HANDLE file) {
   using Bytes = Result<std::vector<std::byte>>;
@@ -116,7 +116,7 @@ UniqueHandle OpenProgram(const std::wstring& path, DWORD share) {
 constexpr DWORD kUnlessWritten = FILE_SHARE_READ | FILE_SHARE_DELETE;
 constexpr DWORD kShareAll = kUnlessWritten | FILE_SHARE_WRITE;
 
-// Returns the verdict if the file cannot be opened or Windows lacks the functions.
+// Returns the verdict for a file that cannot be opened, or if Windows lacks the functions.
 SignatureVerdict Unverifiable(DWORD error) {
   return {.result = HRESULT_FROM_WIN32(error), .secondaryCount = 0, .signer = std::nullopt};
 }

@@ -54,7 +54,7 @@ struct IAsyncInfo : IInspectable {
 template <typename T>
 struct IAsyncOperation;
 
-// A delegate has no IInspectable, so Invoke is slot 3.
+// A delegate does not derive from IInspectable, so Invoke is slot 3.
 template <typename T>
 struct IAsyncOperationCompletedHandler : IUnknown {
   using Sender = IAsyncOperation<T>*;

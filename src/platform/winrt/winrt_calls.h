@@ -7,7 +7,7 @@
 #include "platform/windows_runtime_error.h"
 #include "platform/winrt/winrt_owners.h"
 
-// A failure's message names the call, because the code alone does not identify the step.
+// An error's message names the failed call, because the code alone does not identify the step.
 
 namespace Vx::Platform {
 
@@ -33,7 +33,7 @@ class ApartmentScope {
 
 Abi::HString MakeString(std::wstring_view text);
 
-// Creates an object of a class without constructor arguments and returns its interface T.
+// Creates an object with the class's default constructor and returns its interface T.
 template <typename T>
 Abi::ComPtr<T> Activate(const wchar_t* className) {
   Abi::ComPtr<IInspectable> made;
@@ -54,7 +54,7 @@ Abi::ComPtr<T> FactoryOf(const wchar_t* className) {
 }
 
 struct AsyncOutcome {
-  bool ended = false;          // false: the operation was canceled because it took too long
+  bool ended = false;          // false: canceled, because the wait timed out or failed
   HRESULT result = E_PENDING;  // S_OK, the operation's own error, or the error of the wait
 };
 
@@ -66,9 +66,9 @@ AsyncOutcome AwaitCompletion(Abi::IAsyncInfo& operation, RawHandle completed,
 
 }  // namespace Detail
 
-// Blocks, through the clock, until `operation` ends. After `limit`, cancels the operation and
+// Waits, through the clock, until `operation` completes. After `limit`, cancels the operation and
 // returns HRESULT_FROM_WIN32(ERROR_TIMEOUT). If it cannot be canceled, it may continue to run.
-// Throws if the operation refuses its completion handler.
+// Throws if the completion handler cannot be set or the status cannot be read.
 template <typename Operation>
 AsyncOutcome Await(const Abi::ComPtr<Operation>& operation, Clock::Duration limit) {
   using Handler = typename Operation::Handler;

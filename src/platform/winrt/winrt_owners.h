@@ -77,8 +77,8 @@ class Apartment {
 #pragma GCC diagnostic ignored "-Wnon-virtual-dtor"  // Windows defines the slots of the base
 
 // A delegate that runs `callable(sender, argument)`, which returns an HRESULT and does not throw.
-// The system calls it on any thread. It is agile, so calls are not marshaled. The last reference,
-// which the system may hold for longer than the creator, destroys the callable.
+// The system calls it on any thread. It is agile, so calls are not marshaled. The callable is
+// destroyed with the last reference, which the system may hold for longer than the creator.
 template <typename Interface, typename Callable>
 class Delegate final : public Interface {
  public:
@@ -120,7 +120,7 @@ class Delegate final : public Interface {
 #pragma GCC diagnostic pop
 
 // Keeps this module loaded until the process ends. Windows may call or release a delegate after its
-// removal, and its thread may still be leaving our code after the last release.
+// removal, and its thread may still be returning from our code after the last release.
 inline void KeepModuleLoaded() noexcept {
   HMODULE module = nullptr;
   GetModuleHandleExW(GET_MODULE_HANDLE_EX_FLAG_PIN | GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS,
