@@ -4,8 +4,8 @@
 
 namespace Vx::Tessel::Server::Services::Orvane {
 
-// Returns the first package of the family that the thread's user has, or an empty string if there
-// is none. Throws PackageError.
+// Returns the full name of the first package of the family that the calling thread's user has, or
+// an empty string if there is none. Throws PackageError.
 std::wstring FirstPackageOf(const std::wstring& familyName);
 
 // Returns the family name in a full name ("Name_Version_Architecture_ResourceId_PublisherId").

@@ -10,7 +10,7 @@
 
 namespace Vx::Tessel::Server::Services::Orvane {
 
-// The text is UTF-8: the call, its code in hexadecimal, and Windows' error text if there is one.
+// what() is UTF-8: the failed call, its code in hexadecimal, and Windows' error text, if any.
 class PackageError : public std::runtime_error {
  public:
   // `code` is a Win32 error or an HRESULT, whichever the call returned.

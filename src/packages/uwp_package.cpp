@@ -15,7 +15,7 @@ namespace Vx::Tessel::Server::Services::Orvane {
 
 namespace {
 
-// A registration takes seconds. The rest is for a machine that is busy at logon.
+// A registration takes seconds. The limit allows for a machine that is busy at logon.
 constexpr std::chrono::minutes kRegistrationLimit{2};
 
 constexpr wchar_t LowerAscii(wchar_t unit) {

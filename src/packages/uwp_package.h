@@ -4,9 +4,9 @@
 
 namespace Vx::Tessel::Server::Services::Orvane {
 
-// Finds the console user's packaged apps and registers them. Stateless and thread-safe. Every
-// failure is a PackageError, whose text names the failed call and its code. An operation that acts
-// as the user ends any impersonation that its caller began.
+// Finds and registers the console user's packaged apps. Stateless and thread-safe. Throws
+// PackageError, whose text names the failed call and its code, or std::invalid_argument for a
+// malformed name. An operation that acts as the user ends any impersonation by its caller.
 class UwpPackage {
  public:
   // Returns the full name of the console user's package of the family, or an empty string.

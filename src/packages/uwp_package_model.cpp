@@ -147,7 +147,7 @@ class ExportedPackageModel final : public UwpPackageModel {
     try {
       lastError = Json::ToWide(text);
     } catch (const std::bad_alloc&) {
-      lastError.clear();  // the caller gets only the code
+      lastError.clear();  // the caller receives only the code
     }
     return code;
   }
