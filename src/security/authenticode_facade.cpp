@@ -11,7 +11,7 @@ namespace {
 
 constexpr wchar_t kCheckFailed[] = L"Security - %S - the check failed, not trusted";
 
-// The only boundary of a trust check. Every failure inside it means "not trusted".
+// The only exception boundary of a trust check. Every failure inside it means "not trusted".
 template <typename Check>
 Reason CatchAndLog(const char* operation, const wchar_t* path, Check check) noexcept {
   try {

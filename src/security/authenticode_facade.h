@@ -5,8 +5,8 @@
 
 namespace Vx::Tessel::Security {
 
-// Returns why the file at the full path `path` is not trusted against `keys`, or None if it is. A
-// null path is not trusted. A failed check also returns a reason, and is logged with `operation`.
+// Checks the file at the full path `path` against the pinned `keys`. Returns why it is not trusted,
+// or None if it is. A null path is not trusted. If the check itself fails, logs `operation`.
 Server::Records::Reason WhyNotTrusted(KeySet keys, const wchar_t* path,
                                       const char* operation) noexcept;
 
@@ -23,7 +23,7 @@ class VxAuthenticodeFacadeBase {
 };
 
 // Decides whether a file is genuine: accepted by Windows, signed with a pinned key, and in a
-// protected place. Stateless and thread-safe. A failing access list takes about a second to check.
+// protected place. Stateless and thread-safe. Retries a failed access check for about a second.
 // Windows may also fetch certificates from the network, so hold no lock that others need.
 class VxAuthenticodeFacade final : public VxAuthenticodeFacadeBase {
  public:

@@ -232,7 +232,7 @@ std::optional<VxAuthenticodeHelper::Place> VxAuthenticodeHelper::FindPlace(
   return std::nullopt;
 }
 
-// Sets the final path, or the outcome on failure.
+// Sets the final path and returns true, or sets the outcome and returns false.
 bool VxAuthenticodeHelper::ResolveFinalPath(const std::wstring& path, const std::wstring& expanded,
                                             PathVerdict& verdict) const {
   if (!IsPlainPath(verdict.fullPath)) {

@@ -59,8 +59,8 @@ class VxAuthenticodeHelper {
   // Like IsPathAllowed, but returns the details.
   PathVerdict CheckPath(const std::wstring& path) const;
 
-  // Makes the part of the decision that needs only the path itself: returns false if no file with
-  // this path could be in an allowed place. Opens nothing. Logs only a refusal, as CheckPath would.
+  // Checks only the text of the path: returns false if no file with this path could be in an
+  // allowed place. Opens nothing. Logs only a rejection, as CheckPath would.
   bool MayBeAllowed(const std::wstring& path) const;
 
   // Returns whether `folder` is owned by SYSTEM or TrustedInstaller and grants GENERIC_ALL to both.

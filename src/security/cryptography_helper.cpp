@@ -29,7 +29,7 @@ std::span<const std::byte> Input(const void* data, std::uint32_t size) {
   return {static_cast<const std::byte*>(data), size};
 }
 
-// Copies `bytes` to a block on this module's heap, which slot 4 frees.
+// Copies `bytes` to a block on this module's heap, which FreeResult frees.
 std::uint32_t HandOver(const Bytes& bytes, void** result, std::uint32_t* resultSize) {
   if (!bytes) return bytes.Error();
   if (bytes->size() > std::numeric_limits<std::uint32_t>::max()) return kNotEnoughMemory;
@@ -42,7 +42,7 @@ std::uint32_t HandOver(const Bytes& bytes, void** result, std::uint32_t* resultS
   return kSuccess;
 }
 
-// Runs the work of every slot. No exception may reach the host, which another compiler built.
+// Every slot uses this, because no exception may reach the host, which another compiler built.
 template <typename Work>
 std::uint32_t ResultFromException(Work&& work) noexcept {
   try {

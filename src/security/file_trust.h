@@ -39,7 +39,7 @@ struct TrustStep {
   std::wstring text;
 };
 
-// Returns the steps of `trust` in order. The last is the verdict, or that no keys are pinned.
+// Returns the steps of `trust` in order. The last states the verdict, or that no keys are pinned.
 std::vector<TrustStep> Explain(const FileTrust& trust, KeySet keys);
 
 // Returns the public keys of all signatures in a file that Windows can read, without duplicates, in

@@ -28,14 +28,14 @@ class TrustedProgram {
   // because the process that prevented the first lock could have changed the file since.
   static ProgramCheck Check(const std::wstring& path, KeySet keys = RestrictedKeys());
 
-  // Rechecks `path`, which Check found trusted as `known`, against RestrictedKeys. Returns nothing,
-  // without reading the file, unless it can be locked and has the same identity, size and write
-  // time.
+  // Rechecks `path`, whose identity was `known` when Check found it trusted, against
+  // RestrictedKeys. Returns nothing, without reading the file, unless it can be locked and its
+  // identity, size and write time are the same.
   static std::optional<ProgramCheck> CheckUnchanged(const std::wstring& path,
                                                     const Platform::FileIdentity& known);
 
-  // Returns why a program with this path would not be opened, or None if it is a full path on a
-  // local drive, without variables or control characters. Opens nothing. Thread-safe.
+  // Returns why this path would not be opened, or None if it has a drive, no variables or control
+  // characters, and no WindowsApps folder on a remote drive. Opens nothing. Thread-safe.
   static Server::Records::Reason WhyNotOpened(const std::wstring& path);
 
   TrustedProgram(const TrustedProgram&) = delete;
