@@ -1,6 +1,6 @@
 #pragma once
 
-// The exported exemption classes have the layout of this compiler and its library.
+// The layout of the exported exemption classes depends on this compiler and its standard library.
 #ifdef _MSC_VER
 #error "Use the table of CreateClientExemption, host/client_exemption.h, with this compiler."
 #endif

@@ -21,7 +21,7 @@ class IClientWithNoVxManifestCheckCriteria {
 };
 
 // Exempts a packaged client if its family name is listed (case-sensitive) with a version no lower
-// than the client's. Exempts none if the list or the record is missing.
+// than the client's. Exempts no client if the list or the record is null.
 class UwpWithNoVxManifestCheckBasedOnMajorAndMinorVersion final
     : public IClientWithNoVxManifestCheckCriteria {
  public:

@@ -7,7 +7,7 @@
 
 namespace Vx::Tessel::Security {
 
-// Thrown if no checker is set. Its copy constructor does not throw, as its base class requires.
+// Thrown if no checker is set. Copying it does not throw, as with any standard exception.
 class tessel_access_exception : public std::runtime_error {
  public:
   explicit tessel_access_exception(const char* message);
