@@ -13,8 +13,8 @@ namespace Vx::Tessel::Server::Services::Orvane {
 inline constexpr std::size_t kMaxCommandLine = 32766;
 inline constexpr std::size_t kMaxPath = 32767;
 
-// Returns an app's path alone, or its quoted path, a space and the parameter. Empty if too long.
-// Callers also pass the path separately, so that no parameter can start a different program.
+// Returns an app's path or, if there is a parameter, the quoted path, a space and the parameter.
+// Empty if too long. Callers also pass the path separately, so no parameter can change the program.
 std::optional<std::wstring> AppCommandLine(std::wstring_view executable,
                                            std::wstring_view parameter);
 
@@ -29,8 +29,8 @@ std::wstring_view FolderOf(std::wstring_view path);
 
 std::wstring_view FileNameOf(std::wstring_view path);
 
-// Returns an environment block ("NAME=value\0" entries, then "\0") with the local and roaming data
-// folders of a packaged app. Keeps entries without the expected part and adds missing terminators.
+// Returns `block` ("NAME=value\0" entries, then "\0") with LOCALAPPDATA and APPDATA changed to a
+// packaged app's folders, unless their values have another form. Adds missing terminators.
 std::vector<wchar_t> EnvironmentForPackage(const std::vector<wchar_t>& block,
                                            std::wstring_view packageFolder);
 

@@ -159,7 +159,7 @@ bool Launcher::Run(const std::wstring& alias, const std::wstring& packageFamilyN
 
   const std::wstring program = GetPathExpandedImpersonatedAsCurrentUser(
       GetAbsolutePathForUWPAlias(alias), actingToken.get());
-  // Makes both queries under one impersonation, so that both are about the same user.
+  // Makes both queries under one impersonation, so that both apply to the same user.
   const auto installFolder = [&]() -> std::wstring {
     const std::wstring fullName = GetPackageFullNameByFamilyName(packageFamilyName);
     return fullName.empty() ? fullName : GetPackageInstalledPathByFullName(fullName);

@@ -13,8 +13,8 @@ namespace Vx::Tessel::Server::Services::Orvane {
 
 inline constexpr wchar_t kActingAsUser[] = L"Attempting to impersonate logged in user.";
 
-// Logs a refused step of acting as the console user: an error if the thread could not revert, a
-// warning otherwise. If the session API set is missing, the caller logs that itself.
+// Logs a step that failed while acting as the console user: as an error if the thread could not
+// revert, otherwise as a warning. Does not log a missing session API set, which the caller logs.
 void LogRefusedStep(const Logging::TraceLogger& logger, Platform::ActingStep step);
 
 // Expands the variables in `path` as the user of `token`. Returns at most 520 characters with the
@@ -23,8 +23,8 @@ std::optional<std::wstring> ExpandAsUser(Platform::RawHandle token, const std::w
                                          const Logging::TraceLogger& logger);
 
 // Starts programs for the console user and queries packages and paths as that user. Copyable.
-// Thread-safe. If Windows refuses a call, the operation logs it and returns an empty or false
-// result. It does not throw. Every impersonation ends before the operation returns.
+// Thread-safe. If a Windows call fails, the operation logs that and returns an empty or false
+// result, without throwing. Every impersonation ends before the operation returns.
 class Launcher {
  public:
   Launcher();
@@ -34,7 +34,7 @@ class Launcher {
   bool Run(const std::wstring& alias, const std::wstring& packageFamilyName,
            const std::wstring& parameter = {}) const;
 
-  // Returns the console user's token, or null on failure or if the logon is not that of `same`.
+  // Returns the console user's token, or null on failure or if its logon session is not `same`.
   Platform::SharedHandle GetUserTokenForCurrentUser(Platform::TokenType type,
                                                     Platform::OneLogon* same = nullptr) const;
 

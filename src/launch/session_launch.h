@@ -12,8 +12,8 @@ class TrustedProgram;
 
 namespace Vx::Tessel::Server::Services::Orvane {
 
-// Returns the logon process in `session`, whose token starts programs there. Finds it by its file
-// name. Returns nothing if this process cannot see it.
+// Returns the id of the logon process in `session`, whose token starts programs there. Finds it by
+// its file name. Returns nothing if there is none or it cannot be queried.
 std::optional<std::uint32_t> LogonProcessIn(std::uint32_t session);
 
 // Starts `program` in `session` with the SYSTEM token of that session's winlogon.exe and the
@@ -27,7 +27,7 @@ Records::Outcome LaunchProcessInSession(const Security::TrustedProgram& program,
                                         const std::wstring& packageFolder = {});
 
 // Returns why this process cannot start programs in `session` now: there is no logon process, or
-// Windows refuses its token. Returns None if it can. Starts nothing.
+// its token is not available. Returns None if it can. Starts nothing.
 Records::Reason WhyNoLaunchIn(std::uint32_t session);
 
 }  // namespace Vx::Tessel::Server::Services::Orvane
