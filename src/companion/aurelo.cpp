@@ -33,7 +33,7 @@ constexpr wchar_t kLaunchThrewUnknown[] = L"Problem while launching Vx Aurelo.";
 constexpr char kLaunchedMark[] = "oobe_complete_aurelo_launched";
 constexpr std::chrono::hours kDelay{1};
 
-// Returns null if the store cannot be opened, which is logged. Its mutex may still throw later.
+// Logs and returns null if the store cannot be opened. An open store throws if its mutex fails.
 std::unique_ptr<Storage::CapDataStore> OpenStore(const Logging::TraceLogger& logger) {
   auto store = Storage::TryOpenStore();
   if (store == nullptr) logger.LogError(kNoStore);
@@ -47,8 +47,8 @@ void LaunchUnlessMarked(const Logging::TraceLogger& logger) {
     logger.LogInfo(kNotSending);
     return;
   }
-  // Marked before the launch, or each start of the service would retry an app that cannot be
-  // started. A store that could not be read may contain the mark, even if it can be written now.
+  // Marked before the launch. Otherwise, each start of the service would retry an app that cannot
+  // start. A store that could not be read may contain the mark, even if it can be written now.
   if (!Storage::MayReplace(store->State()) || !store->persist(kLaunchedMark, true)) {
     logger.LogWarning(kNotMarked);
     return;
@@ -56,7 +56,7 @@ void LaunchUnlessMarked(const Logging::TraceLogger& logger) {
   logger.LogInfo(AureloFacade().LaunchUwpForOobe() ? kLaunched : kNotLaunched);
 }
 
-// The body of the worker. Catches every exception.
+// The worker thread's body. Catches every exception.
 void LaunchLater(const Platform::SharedHandle& timer, const Logging::TraceLogger& logger) noexcept {
   try {
     // If there is no timer, the wait returns at once and the app is launched without a delay.

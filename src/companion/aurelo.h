@@ -31,18 +31,18 @@ class AureloFacade {
   std::unique_ptr<Base::ApplicationLaunchBehavior> launchBehavior;
 };
 
-// The waitable timer of the last scheduled launch. Expired if that launch is over or none was
-// scheduled. The launch owns the timer, because the launch outlives the service object.
+// The waitable timer of the last scheduled launch. Expired if that launch has finished or none was
+// scheduled. The launch owns the timer, because the launch can outlive the service object.
 using LaunchTimer = std::weak_ptr<void>;
 
 // Schedules the single launch of the AI-experience app for an hour from now, unless the store
 // records that it has been launched.
 //
-// Each call starts a detached worker with its own timer. The first worker whose hour ends marks the
-// store and launches the app, and later workers find the mark. If the launch cannot be marked, the
-// app is not launched. Two workers whose hours end at the same moment may both launch it. Stopping
-// the service does not end a worker. If the timer cannot be set, the worker launches the app at
-// once.
+// Each call starts a detached worker with its own timer. The first worker whose timer fires marks
+// the store and launches the app. Later workers find the mark and do nothing. If the mark cannot be
+// stored, the app is not launched. Two workers whose timers fire at the same moment may both launch
+// it. Stopping the service does not stop a worker. If the timer cannot be set, the worker launches
+// the app at once.
 //
 // `logger` must live as long as the process. `aureloLaunchTimer` is set before the worker starts.
 // Make one call at a time. Throws std::system_error if no thread can be created, and whatever the

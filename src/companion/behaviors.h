@@ -6,9 +6,9 @@
 
 #include "companion/registration.h"
 
-// Interfaces for the questions and actions of a launch decision, so that each can be replaced. In
-// every class the virtual destructor comes first and the operations keep this order. Use from one
-// thread at a time.
+// Interfaces for the checks and actions of a launch decision, so that each can be replaced. In
+// every class, the virtual destructor comes first, and the order of the operations is fixed. Use
+// from one thread at a time.
 namespace Vx::Tessel::Server::Services::Orvane::Base {
 
 class SoftwareCheckBehavior {
@@ -19,7 +19,7 @@ class SoftwareCheckBehavior {
   virtual bool IsUwpInstalled() const = 0;
   virtual bool IsInstalled() const = 0;
 
-  // Returns whether the machine shipped with the files that install it.
+  // Returns whether the machine shipped with the files that install the software.
   virtual bool IsPreloaded() const = 0;
 };
 

@@ -51,7 +51,7 @@ bool QuboLaunchCriteriaDataAccess::SaveSkipState(bool skip) const {
   // store.
   if (key.empty() || Json::ToWide(key).size() > kLongestKey) return false;
   try {
-    // A document under a client's key is another writer's data, or even this service's own.
+    // A document under the client's key belongs to another writer or to this service. Keep it.
     const auto store = Storage::TryOpenStore();  // logs a failure
     return store != nullptr && store->persistUnlessDocument(key, skip);
   } catch (const std::exception& error) {

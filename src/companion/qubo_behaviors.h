@@ -44,8 +44,8 @@ class QuboLaunchCriteriaDataAccess final : public Base::ApplicationLaunchCriteri
   std::string key;
 };
 
-// Reads the origin and version of the console user's package of the predecessor app. Both are zero
-// if the user has none or Windows refuses a call.
+// Reads the origin and version of the predecessor app's package for the console user. Both are zero
+// if the user does not have the package or a Windows call fails.
 class QuboBuildInfoDataAccess final : public Base::UwpBuildInfoDataAccess {
  public:
   std::pair<std::int32_t, std::uint64_t> GetOriginAndVersion() const override;

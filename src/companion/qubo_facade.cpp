@@ -78,7 +78,7 @@ bool NotifyOfOobe(const Logging::TraceLogger& logger, const wchar_t* packageFami
   }
 }
 
-// Returns the package of the thread's user, or an empty string if there is none or the query fails.
+// Returns the full name of the package that the thread's user has, or an empty string on failure.
 std::wstring FullNameOf(const CompanionApp& app) {
   try {
     return FirstPackageOf(app.packageFamilyName);

@@ -18,12 +18,12 @@ struct QuboLaunchOverride {
 };
 
 // Registers the console user's companion app, notifies it that setup is complete, starts it, and
-// decides whether a resume has to start it.
+// decides whether to start it after a resume.
 //
 // Constructed, used for one operation and destroyed on one thread. Keeps state only in the shared
-// store. An operation that impersonates the user reverts before it returns. If Windows refuses a
-// call, the operation logs it and returns false. Blocks for as long as the deployment (two minutes
-// at most) or the app's own service takes.
+// store. An operation that impersonates the user reverts before it returns. If a Windows call
+// fails, the operation logs that and returns false. Blocks until the deployment ends (two minutes
+// at most) or the app service replies.
 class QuboFacade {
  public:
   using QuboStartingPoint = Qubo::QuboStartingPoint;
@@ -93,7 +93,7 @@ class QuboFacade {
   ResumeDecision GetStartingPointWhenComingBackFromSleepForWindowsS() const;
   void MarkAsUsed(QuboStartingPoint reason) const;
 
-  // Runs `action` as the console user and returns its result, or false if that is impossible.
+  // Runs `action` as the console user and returns its result, or false if impersonation fails.
   template <typename Action>
   bool AsConsoleUser(Action&& action) const;
 

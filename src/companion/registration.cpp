@@ -99,7 +99,7 @@ bool Expand(const wchar_t* path, std::wstring& expanded, Platform::OneLogon& use
   return McAfeeHelper().expand_path_impersonated_as_loggedin_user(path, expanded, &user);
 }
 
-// Gets a token of the console user, who must still be `user`. Logs and returns false on failure.
+// Obtains the console user's token, if the user is still `user`. Logs and returns false on failure.
 bool TakeRights(Copy& copy, Platform::OneLogon& user) {
   const auto report = ReportTo(*Logging::LogManager::SetProvider(Logging::kComponentProvider));
   copy.token = Platform::ConsoleUserToken(Platform::TokenType::Impersonation, report, &user);
@@ -109,7 +109,7 @@ bool TakeRights(Copy& copy, Platform::OneLogon& user) {
 // Copies on a separate thread, because the user can delay any access to their files indefinitely,
 // for instance with an opportunistic lock. Cancels a copy that takes too long. While its thread
 // still hangs, each later copy cancels it again and fails, so that one user cannot fill the process
-// with threads. A copy also fails if it waits for its turn as long as a copy may take.
+// with threads. A copy also fails if it has to wait longer than kLongestCopy for its turn.
 bool AwaitCopy(const CopyPtr& copy) noexcept try {
   static std::mutex turn;
   static CopyPtr hanging;

@@ -38,8 +38,8 @@ class McAfeeHelper {
  public:
   McAfeeHelper();
 
-  // Expands the console user's variables in `path`, at most 520 characters with the terminator.
-  // Logs and returns false if the console user is missing or is not `same`, or if Windows refuses.
+  // Expands the console user's variables in `path` to at most 520 characters with the terminator.
+  // Logs and returns false if there is no console user, the user is not `same` or a call fails.
   bool expand_path_impersonated_as_loggedin_user(const std::wstring& path, std::wstring& expanded,
                                                  Platform::OneLogon* same = nullptr) const;
 

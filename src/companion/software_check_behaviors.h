@@ -6,7 +6,7 @@
 
 namespace Vx::Tessel::Server::Services::Orvane::Qubo {
 
-// The support assistant: a registry value or a package. Returns false if Windows refuses a call.
+// The support assistant, detected by a registry value or a package. Returns false on failure.
 class SentraSoftwareCheckBehavior final : public Base::SoftwareCheckBehavior {
  public:
   SentraSoftwareCheckBehavior();

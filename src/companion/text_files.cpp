@@ -27,7 +27,7 @@ bool IsReadOnly(const Platform::Files& files, const std::wstring& path) {
   return attributes && (*attributes & kReadOnly) != 0;
 }
 
-// Moves a second file over the first, so that an interrupted copy leaves the old content.
+// Writes a second file and moves it over the first, so an interrupted copy leaves the old content.
 bool Replace(Platform::Files& files, const std::wstring& destination,
              std::span<const std::byte> content) {
   if (IsReadOnly(files, destination)) return false;

@@ -10,9 +10,9 @@ namespace Vx::Tessel::Server::Services::Orvane {
 
 inline constexpr std::size_t kMaxTextFile = std::size_t{16} * 1024 * 1024;  // bytes
 
-// Decodes a text file as Json::DecodeText does. If it has no mark, decodes it as UTF-8 and logs
-// that. Returns nothing, and logs, if the file cannot be read, is too large or contains a NUL, at
-// which Windows would truncate the text. `caller` is the client in the log lines.
+// Decodes a text file as Json::DecodeText does. If it has no byte order mark, decodes it as UTF-8
+// and logs that. Logs and returns nothing if the file cannot be read, is too large or contains a
+// NUL, at which Windows would truncate the text. `caller` is the client in the log lines.
 std::optional<std::wstring> ReadTextFile(const std::wstring& path, const wchar_t* caller,
                                          const Logging::TraceLogger& logger);
 

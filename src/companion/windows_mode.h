@@ -21,7 +21,7 @@ namespace Qubo {
 // reads from the service's document.
 class WindowsModeCheckBehavior final : public Base::ModeCheckBehavior {
  public:
-  // Logs a store that cannot be read. The first mode is then unknown.
+  // If the store cannot be read, logs that and treats the first mode as unknown.
   WindowsModeCheckBehavior();
 
   bool HasBeenInSMode() override;
