@@ -10,7 +10,7 @@ inline constexpr wchar_t kThrew[] = L"%S.%S threw exception %S";
 // (null for none). Call only inside a catch block.
 void LogCurrentException(const char* operation, const wchar_t* caller = nullptr) noexcept;
 
-// Runs `body` for a slot or a task that has no result code. Logs an exception and returns false.
+// Runs `body` for a slot or task without a result code. If it throws, logs that and returns false.
 template <typename Body>
 bool CatchAndLog(const char* operation, Body&& body) noexcept {
   try {

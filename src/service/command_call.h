@@ -12,7 +12,7 @@ namespace Vx::Tessel::Server::Services::Orvane {
 
 class OrvaneService;
 
-// One command being executed, as its handler sees it.
+// The command being executed, as passed to its handler.
 struct Call {
   OrvaneService& service;
   const wchar_t* text = nullptr;      // the request as the client sent it
@@ -22,7 +22,7 @@ struct Call {
   Records::Record& record;
 };
 
-// Records whether a command did its work, unless its request was wrong.
+// Records `done` or `undone` as the outcome, unless a problem with the request was noted.
 inline void Decide(const Call& call, bool succeeded, Records::Decision done,
                    Records::Decision undone) {
   if (call.caller.problem->key != nullptr) return;

@@ -44,7 +44,7 @@ constexpr std::size_t kResponsePool = 2048;
 
 using Handler = std::uint32_t (*)(const Call& call);
 
-// A command without traits only reads, needs no session API and refuses bad JSON.
+// A command without traits only reads, does not need the session API and rejects bad JSON.
 constexpr unsigned kNeedsSessionApi = 1;
 constexpr unsigned kIgnoresBadJson = 2;
 constexpr unsigned kChanges = 4;
@@ -52,7 +52,7 @@ constexpr unsigned kChanges = 4;
 // One row is one command. A command without a handler is unsupported.
 struct Command {
   std::uint32_t id = 0;
-  const wchar_t* name = nullptr;    // for people, as the heading of its page
+  const wchar_t* name = nullptr;    // for people; also the heading of its page
   const char* operation = nullptr;  // for an exception's log line; null if the handler logs its own
   Handler run = nullptr;
   unsigned traits = 0;
@@ -122,7 +122,7 @@ const Command& CommandOf(std::uint32_t id) {
   return id < std::size(kCommands) ? kCommands[id] : kNoCommand;
 }
 
-// Runs a handler whose operation the log names. Logs a standard exception and returns 0x20000002.
+// Runs a handler. If its row names an operation, logs a standard exception and returns 0x20000002.
 std::uint32_t ResultFromException(const Command& command, const Call& call) {
   try {
     return command.run(call);
@@ -211,7 +211,7 @@ void LogProblem(std::uint32_t id, std::uint32_t result, const RequestCaller& cal
   }
 }
 
-// Makes the checks that need no documents. Returns kSuccess if the command may run.
+// Makes the checks that do not need the parsed request. Returns kSuccess if they pass.
 std::uint32_t CheckCall(const ClientContext* context, std::uint32_t id, const wchar_t* request,
                         wchar_t** response, const RequestCaller& caller) {
   if ((CommandOf(id).traits & kNeedsSessionApi) != 0 &&

@@ -14,7 +14,7 @@ namespace Vx::Tessel::Server::Services::Orvane {
 
 class OrvaneService;
 
-// What is wrong with a request, for the log line that explains the refusal. Must not allocate, so
+// Describes what is wrong with a request, for the log. Noting a fault must not allocate memory, so
 // the first two members point to constants.
 struct RequestProblem {
   const wchar_t* key = nullptr;  // the member or argument, null if nothing is wrong

@@ -25,7 +25,7 @@ std::uint32_t CopyRegistration(const Call& call) {
 
 std::uint32_t LaunchAfterResume(const Call& call) {
   const auto reason = Qubo::QuboFacade().LaunchUwpWhenComingBackFromSleepIfNeeded();
-  // Without a reason, nothing was changed.
+  // If there was no reason to start the app, nothing was changed.
   if (reason != Qubo::QuboStartingPoint::None) call.record.outcome = {Records::Decision::Done};
   AddAnswer(call, L"startingPoint", static_cast<unsigned>(reason));
   return kSuccess;

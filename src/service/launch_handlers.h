@@ -19,7 +19,7 @@ std::uint32_t LaunchAfterResume(const Call& call);
 // Id 11, "launched": registers the companion app if needed and starts it.
 std::uint32_t LaunchCompanionApp(const Call& call);
 
-// Id 17, "launched": like id 11, with a parameter. Starts nothing if that cannot be read.
+// Id 17, "launched": like id 11, with a parameter. Starts nothing if the parameter is unreadable.
 std::uint32_t LaunchWithParameter(const Call& call);
 
 }  // namespace Vx::Tessel::Server::Services::Orvane

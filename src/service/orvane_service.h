@@ -19,7 +19,7 @@ class OrvaneService final : public VxService {
   // Returns a new service, to be freed through Destroy(1), or null if out of memory.
   static OrvaneService* Create() noexcept;
 
-  // Signals both stop events. A running task keeps the state alive until it has seen one.
+  // Signals both stop events. A running task keeps the state alive until it stops.
   void* Destroy(unsigned flags) noexcept override;
   std::uint32_t CreateClientContext(const wchar_t* clientId,
                                     ClientContext** context) noexcept override;

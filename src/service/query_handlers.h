@@ -13,7 +13,7 @@ namespace Vx::Tessel::Server::Services::Orvane {
 // Id 0, "sMode": the lockdown mode of Windows.
 std::uint32_t GetLockdownMode(const Call& call);
 
-// Id 2, "registrationState": the owner's registration, or 0 if the policy forbids sharing it.
+// Id 2, "registrationState": the owner's registration state, or 0 if policy forbids sharing it.
 std::uint32_t GetRegistrationState(const Call& call);
 
 // Id 3, "setOperationOkay": marks the reason "keyName" for an automatic launch as used.
@@ -28,7 +28,7 @@ std::uint32_t ShouldAutoLaunchBeSkipped(const Call& call);
 // Id 6, "installed": whether the console user has a package of the requested family.
 std::uint32_t IsUwpInstalled(const Call& call);
 
-// Ids 12 and 13, "launched": get and set the flag that the switch software was started.
+// Ids 12 and 13, "launched": get and set the flag that records a start of the switch software.
 std::uint32_t GetExecutedMcAfeeStub(const Call& call);
 std::uint32_t SetExecutedMcAfeeStub(const Call& call);
 

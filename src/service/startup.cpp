@@ -43,13 +43,13 @@ constexpr int kUserPolls = 7200;
 constexpr std::chrono::milliseconds kAttemptPause{600'000};
 constexpr int kAttempts = 7;
 
-// Waits on a stop event. Returns true if the wait timed out, so that the service still exists.
+// Waits on a stop event. Returns true if the wait timed out, that is, the service still exists.
 bool Pause(Platform::RawHandle stop, std::chrono::milliseconds length, Platform::WaitResult& wait) {
   wait = Platform::CurrentMachine().clock->Wait(stop, length);
   return wait.outcome == Platform::WaitOutcome::TimedOut;
 }
 
-// Waits for the end of OOBE. A failed query means "not yet". Returns false if the service ends.
+// Waits until OOBE is complete. A failed query means "not yet". Returns false if the service stops.
 bool WaitForOobe(const ServiceState& state) {
   Platform::WaitResult wait;
   for (int poll = 0;; ++poll) {
@@ -65,7 +65,7 @@ bool WaitForOobe(const ServiceState& state) {
 }
 
 // Activates the stored package subscriptions. If the service has been destroyed since the wait for
-// OOBE, ends them again, because nothing else would.
+// OOBE, deactivates them, because nothing else would.
 void WatchStoredPackages(const ServiceState& state) {
   RegisterExistingPackageCatalogManagerRequests(&state, state.stopEvent);
   // A service without a stop event is treated as ended, because its end could not be detected.
@@ -73,7 +73,7 @@ void WatchStoredPackages(const ServiceState& state) {
     PackageCatalogEventManager::clear_events(&state);
 }
 
-// Runs once per service object, however often the startup task runs. Does not wait for the check.
+// Skips the check if an earlier one for this service object raised its event. Does not wait for it.
 void StartWakeupCheck(const std::shared_ptr<ServiceState>& state) {
   if (state->wakeupCheckDone) return;
   state->logger->LogInfo(kStarted, kWakeupCheckName);
@@ -81,7 +81,7 @@ void StartWakeupCheck(const std::shared_ptr<ServiceState>& state) {
   CatchAndLog("startup_task", [&] { Platform::StartDetached([state] { RunWakeupCheck(state); }); });
 }
 
-// Returns true once a user has signed in or two hours have passed, false if the service ends first.
+// Returns true once a user signs in or two hours have passed, or false if the service stops first.
 bool WaitForUser(const ServiceState& state) {
   state.logger->LogInfo(kUserWait);
   const Launcher launcher;

@@ -47,7 +47,7 @@ RequestProblem ProblemOf(const Platform::WindowsRuntimeError& error) {
 }
 
 // Names the subscription in the record. A power or platform subscription is stored without being
-// read, so a fault in it does not change the result, but can be reported before the event occurs.
+// parsed, so a fault in it does not change the result, but can be reported before the event occurs.
 enum class Faults { Reported, Ignored };
 void Name(const Call& call, const SubscriptionForm& form, Faults faults = Faults::Ignored) {
   try {

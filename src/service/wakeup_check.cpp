@@ -33,7 +33,7 @@ constexpr int kLongestWait = 720;       // seconds
 constexpr std::uint64_t kUnitsPerSecond = 10'000'000;  // FILETIME units
 constexpr std::int64_t kUnixEpoch = 11'644'473'600;    // seconds from 1601 to 1970
 
-// Waits one step. Returns false if the service ends first.
+// Waits for kPause. Returns false if the service stops first.
 bool Pause(const ServiceState& state) {
   const auto wait = Platform::CurrentMachine().clock->Wait(state.stopEvent.get(), kPause);
   if (wait.outcome == Platform::WaitOutcome::TimedOut) return true;

@@ -10,7 +10,7 @@ inline constexpr char kWakeupCheckName[] =
     "Vx::Tessel::Server::Services::Orvane::OrvaneService::CheckToSendWakeupEvent";
 
 // The wake-up thread's body. Catches every exception. After Windows has booted, waits up to twelve
-// minutes for a real user, then raises the platform event, once per boot. Ends with the service.
+// minutes for a real user, then raises the platform event, once per boot. Stops with the service.
 void RunWakeupCheck(const std::shared_ptr<ServiceState>& state) noexcept;
 
 }  // namespace Vx::Tessel::Server::Services::Orvane
