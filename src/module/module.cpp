@@ -10,7 +10,7 @@ extern "C" Vx::Tessel::Server::Services::VxService* VxCreateService() noexcept {
 }
 
 // Replaces the C++ runtime's terminate handler, which prints the exception's type. Its demangler
-// would be a twentieth of this module. DllMain sets another handler before anything can throw.
+// would take up a twentieth of this module. DllMain sets another handler before anything can throw.
 namespace __gnu_cxx {
 // NOLINTNEXTLINE(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp): the runtime's name
 void __verbose_terminate_handler() {
@@ -19,7 +19,7 @@ void __verbose_terminate_handler() {
 }  // namespace __gnu_cxx
 
 BOOL WINAPI DllMain(HINSTANCE module, DWORD reason, void* /*reserved*/) {
-  // May fail if the runtime has its own thread-local storage. That does no harm.
+  // DisableThreadLibraryCalls fails if the module has static TLS, which does no harm.
   if (reason == DLL_PROCESS_ATTACH) {
     DisableThreadLibraryCalls(module);
     Vx::Platform::FailFastOnTerminate();  // exchanges a pointer; does not load or wait
