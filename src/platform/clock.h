@@ -33,7 +33,7 @@ class Clock {
 
   virtual void Sleep(Duration length) = 0;
 
-  // Blocks until a signal or, if `length` is given, a timeout. Fails for a null or closed handle.
+  // Blocks until `handle` is signaled or `length` (if any) has passed. Fails if it is null or closed.
   virtual WaitResult Wait(RawHandle handle, std::optional<Duration> length) = 0;
 
   // Waits for either of two manual-reset events. `code` is 0 if the first is signaled, whether or

@@ -9,7 +9,7 @@
 
 namespace Vx::Platform {
 
-// DPAPI with the local-machine flag, no entropy and no prompts. Thread-safe. Does not wait.
+// DPAPI with the local-machine flag, no entropy and no prompts. Thread-safe. Does not block.
 class DataProtection {
  public:
   virtual ~DataProtection() = default;

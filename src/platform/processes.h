@@ -25,7 +25,7 @@ class Processes {
  public:
   virtual ~Processes() = default;
 
-  // Starts as the user of `token`, or as the service if null. Returns the id and keeps no handle.
+  // Starts a process as the user of `token`, or as the service if null. Returns its id, no handle.
   virtual Result<std::uint32_t> Start(RawHandle token, const ProcessStart& start) = 0;
 
   // Returns the ids of at most `limit` running processes, in the system's order.

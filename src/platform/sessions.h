@@ -13,7 +13,7 @@ inline constexpr std::uint32_t kNoSession = 0xFFFFFFFF;
 enum class TokenType { Primary, Impersonation };
 enum class SessionText { UserName, DomainName };
 
-// Users who are signed in, and impersonation. Thread-safe. No call waits.
+// Signed-in users and impersonation. Thread-safe. No call blocks.
 class Sessions {
  public:
   virtual ~Sessions() = default;

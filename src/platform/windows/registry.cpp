@@ -13,7 +13,7 @@ namespace Vx::Platform {
 
 namespace {
 
-// Far above any value read here. Another program could store more.
+// Far larger than any value read here. Another program could store a larger one.
 constexpr DWORD kLargestValue = 1U << 20;
 // A value can grow between the query for its size and the read.
 constexpr int kAttempts = 3;

@@ -1,7 +1,7 @@
 #pragma once
 
 #include <windows.h>
-// The trust headers need these types.
+// The headers below need its types.
 #include <wincrypt.h>
 
 #include <mscat.h>
