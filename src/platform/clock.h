@@ -33,7 +33,7 @@ class Clock {
 
   virtual void Sleep(Duration length) = 0;
 
-  // Blocks until `handle` is signaled or `length` (if any) has passed. Fails if it is null or closed.
+  // Blocks until `handle` is signaled or `length`, if given, passes. Fails on a null or closed one.
   virtual WaitResult Wait(RawHandle handle, std::optional<Duration> length) = 0;
 
   // Waits for either of two manual-reset events. `code` is 0 if the first is signaled, whether or

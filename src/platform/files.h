@@ -17,8 +17,8 @@ namespace Vx::Platform {
 struct AccessEntry {
   bool allowed = false;  // anything but a deny entry
   std::uint32_t mask = 0;
-  // The SID as text, "S-1-...", if this is an unconditional entry that allows access. Otherwise, a
-  // text that is not a SID.
+  // The SID as text, "S-1-...", if this is a plain allow entry, without a condition or an object
+  // type. Otherwise, a text that is not a SID.
   std::wstring sid;
 };
 

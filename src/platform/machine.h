@@ -49,7 +49,7 @@ struct Machine {
 // For other threads, it is the one installed last, or the real one. Cheap. Never blocks.
 const Machine& CurrentMachine() noexcept;
 
-// Returns the real Windows, whatever is installed.
+// Returns the real Windows, regardless of any MachineScope.
 const Machine& WindowsMachine() noexcept;
 
 // Replaces the current machine, for tests and the simulator, with a copy to which `change` was

@@ -16,7 +16,7 @@ class PackageUninstall {
  public:
   virtual ~PackageUninstall() = default;
 
-  // Both throw WindowsRuntimeError if Windows fails.
+  // Both throw WindowsRuntimeError on failure.
   virtual std::wstring FamilyName() const = 0;
   virtual bool IsComplete() const = 0;
 };
