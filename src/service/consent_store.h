@@ -4,7 +4,7 @@
 
 namespace Vx::Tessel::Server {
 
-// The machine policy on sharing the owner's registration. Does not cache. Thread-safe.
+// The machine policy on sharing the owner's registration state. Does not cache. Thread-safe.
 class ConsentStore {
  public:
   // Reads a value below HKEY_LOCAL_MACHINE. Empty if it is missing or (logged) not a REG_SZ.

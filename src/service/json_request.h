@@ -23,7 +23,7 @@ struct RequestProblem {
   Records::Reason reason = Records::Reason::BadMember;
 };
 
-// The client for which an accessor reads, and the class that its log lines name.
+// The client on whose behalf an accessor reads, and the class named in its log lines.
 struct RequestCaller {
   const wchar_t* clientId = nullptr;
   RequestProblem* problem = nullptr;  // receives the last fault found, may be null
