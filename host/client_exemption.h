@@ -4,13 +4,13 @@
 
 namespace Vx::Tessel::Server::Services {
 
-// Decides whether a client without the maker's manifest is tolerated. Another compiler builds the
-// host, so the contract is this table of slots: one entry per function, in this order. All
-// arguments are scalars or pointers, and nothing is thrown. No two slots share a name, because
+// Decides whether to exempt a client that lacks the maker's manifest. The host is built with
+// another compiler, so the contract is this vtable: one slot per function, in this order. All
+// arguments are scalars or pointers, and no function throws. No two slots share a name, because
 // compilers order overloaded virtual functions differently.
 //
-// Stateless and thread-safe. No call blocks. Results are Win32 error codes: 0 success, 87 null
-// argument, 8 out of memory, 31 any other failure. Sets `*exempt` to 1 or 0 only on success.
+// Stateless and thread-safe. Never blocks. Returns Win32 error codes: 0 for success, 87 for a null
+// argument, 8 if out of memory, 31 otherwise. Sets `*exempt` to 1 or 0 only on success.
 class VxClientExemption {
  public:
   VxClientExemption() = default;
@@ -24,8 +24,8 @@ class VxClientExemption {
   virtual uint32_t IsUwpExempt(const wchar_t* packageFamilyName, uint16_t majorVersion,
                                uint16_t minorVersion, int32_t* exempt) = 0;
 
-  // Slot 2. Checks a desktop client by its executable's name, without the folder and the extension
-  // (NUL-terminated UTF-16). Converts A to Z in `executableName` to lower case in place.
+  // Slot 2. Checks a desktop client by its executable's name, without the folder or extension
+  // (NUL-terminated UTF-16). Converts A to Z in `executableName` to lowercase in place.
   virtual uint32_t IsWin32Exempt(wchar_t* executableName, uint16_t majorVersion,
                                  uint16_t minorVersion, int32_t* exempt) = 0;
 

@@ -4,11 +4,11 @@
 
 namespace Vx::Tessel::Server::Services {
 
-// The memory layout of the host's callable, a 64-byte std::function. Its last word points to the
-// callable that it holds, which may be stored inside the object, and is null if there is none.
+// The memory layout of the host's callback, a 64-byte std::function. Its last word points to the
+// target callable, which may be stored inside this object, or is null if there is none.
 struct CompletionCallback {
-  // The vtable of the held callable: copy, move, call, type, delete-this. The argument of
-  // delete-this says whether the callable is outside the object and must be freed.
+  // The target callable. Its vtable has five entries: copy, move, call, type and delete-this. The
+  // argument of delete-this is true if the callable is stored outside the object and must be freed.
   struct Held {
     void* const* table;
   };
@@ -17,7 +17,7 @@ struct CompletionCallback {
   Held* held;
 };
 
-// Destroys a callback that was passed by value, without calling it. It may be null or empty.
+// Destroys a callback that was passed by value. Does not call it. It may be null or empty.
 inline void DestroyCallback(CompletionCallback* callback) noexcept {
   constexpr size_t kDeleteThisSlot = 4;
   using DeleteThis = void (*)(CompletionCallback::Held * self, bool outsideTheObject);

@@ -4,13 +4,13 @@
 
 namespace Vx::Tessel::Server::Services {
 
-// The module's cryptography for the host: encrypts data for this machine and hashes files.
+// Cryptography that the module offers to the host: encrypts data for this machine and hashes files.
 //
-// As with VxService, the contract is this table of slots, because another compiler builds the host:
-// one entry per function, in this order. All arguments are scalars or pointers, and nothing is
-// thrown. Thread-safe. Blocks while it reads a file or Windows encrypts. Results are Win32 error
-// codes: 0 success, 87 null argument, 8 out of memory, 31 a failure that has no code of its own,
-// otherwise Windows' error. Outputs are set only on success.
+// As with VxService, the contract is this vtable, because the host is built with another compiler:
+// one slot per function, in this order. All arguments are scalars or pointers, and no function
+// throws. Thread-safe. Blocks while reading a file and while Windows encrypts or decrypts. Returns
+// Win32 error codes: 0 for success, 87 for a null argument, 8 if out of memory, 31 for a failure
+// that has no code of its own, otherwise Windows' error. Sets outputs only on success.
 class VxCryptographyHelper {
  public:
   VxCryptographyHelper() = default;
@@ -21,7 +21,7 @@ class VxCryptographyHelper {
   virtual void* Destroy(unsigned flags) = 0;
 
   // Slot 1. Encrypts `size` bytes so that any process on this machine, but on no other, can decrypt
-  // them. Stores `description` (NUL-terminated, may be null) in plain text. Slot 4 frees the
+  // them. `description` (NUL-terminated, may be null) is stored in plain text. Slot 4 frees the
   // result.
   virtual uint32_t Protect(const void* plain, uint32_t size, const wchar_t* description,
                            void** result, uint32_t* resultSize) = 0;

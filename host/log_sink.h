@@ -10,9 +10,9 @@
 extern "C" {
 #endif
 
-// One change to the stored subscriptions, one command that was refused or that changed something,
-// or the start or end of one delivery. Strings are NUL-terminated UTF-16 and may be empty. Those in
-// the first group are fixed words that programs may compare.
+// Describes one change to the stored subscriptions, one command that was rejected or that changed
+// something, or the start or end of one delivery. Strings are NUL-terminated UTF-16 and may be
+// empty. The strings in the first group are fixed keywords that programs may compare.
 typedef struct VxLogRecord {
   size_t size;  // of this struct; later versions append members
 
@@ -20,15 +20,15 @@ typedef struct VxLogRecord {
   const wchar_t* decision;
   const wchar_t* reason;
 
-  const wchar_t* subscription;  // its hash
-  const wchar_t* target;        // its program's path, or "FAMILY/APP SERVICE"
-  const wchar_t* package;       // the family of an uninstalled package
+  const wchar_t* subscription;  // the subscription's hash
+  const wchar_t* target;        // the program's path, or "FAMILY/APP SERVICE"
+  const wchar_t* package;       // the family name of an uninstalled package
   const wchar_t* client;        // the sender of the command
 
   uint32_t number;        // a command's id or an event's code
-  uint32_t status;        // Windows' or the module's own error, 0 if none
-  uint32_t process;       // the started process, 0 if none
-  uint64_t delivery;      // shared by all records of one delivery in this process, 0 for others
+  uint32_t status;        // the Windows error or the module's own, 0 if none
+  uint32_t process;       // ID of the started process, 0 if none
+  uint64_t delivery;      // the same in all records of one delivery in this process, 0 in others
   uint64_t milliseconds;  // duration of a command or a delivery, or a waiting delivery's delay
 } VxLogRecord;
 
@@ -42,13 +42,13 @@ typedef struct VxLogLine {
   const VxLogRecord* record;  // or null
 } VxLogLine;
 
-// Called on the logging thread, which may hold the module's locks, for one line at a time. Must
-// copy what it keeps, return at once, and neither throw nor call the module.
+// Receives one line at a time on the logging thread, which may hold the module's locks. Must copy
+// what it keeps, return at once, and neither throw nor call the module.
 typedef void (*VxLogSink)(const VxLogLine* line, void* context);
 
 // Replaces the sink, or removes it if `sink` is null. The previous sink is not called after this
-// returns. May be called on any thread, but not from a sink. Look it up with GetProcAddress: a
-// module that logs through another library does not export it.
+// returns. May be called on any thread, but not from a sink. Look this function up with
+// GetProcAddress: a module that logs through another library does not export it.
 void VxSetLogSink(VxLogSink sink, void* context);
 typedef void (*VxSetLogSinkFunction)(VxLogSink sink, void* context);
 

@@ -23,16 +23,16 @@ struct LogRecord {
   const VxLogRecord* record = nullptr;  // null unless written with WriteRecord
 };
 
-// The argument types that a printf-style format takes unchanged.
+// The argument types that a printf-style function takes without conversion.
 template <typename T>
 concept LogArgument = std::is_arithmetic_v<std::decay_t<T>> || std::is_pointer_v<std::decay_t<T>>;
 
 // Writes log lines for one provider. Formats are wide and printf-style, with the host's
 // conversions: %s takes a wide string, %S narrow UTF-8. Thread-safe. Never throws. Drops a line
-// that cannot be formatted or delivered. Costs almost nothing unless something listens.
+// that cannot be formatted or delivered. Costs little unless a sink, trace or debugger listens.
 class TraceLogger {
  public:
-  // The same logger with a caller identity on every record. Borrows the logger and the identity.
+  // Adds a caller identity to every record. Borrows the logger and the identity.
   class ForCaller {
    public:
     ForCaller(const TraceLogger& owner, const wchar_t* callerId) noexcept
@@ -102,7 +102,7 @@ class LogManager {
   static void RemoveSink(SinkId id);
 };
 
-// Writes a line with the service's own logger, for the client of `record`. Sinks also receive
+// Logs `text` with the service's own logger on behalf of the client of `record`. Sinks also receive
 // `record`. The maker's library writes only the line. Thread-safe. Never throws.
 void WriteRecord(const VxLogRecord& record, LogLevel level, const wchar_t* text) noexcept;
 

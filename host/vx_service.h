@@ -7,23 +7,23 @@ namespace Vx::Tessel::Server::Services {
 
 // The caller's identity, created by slot 1 and freed by slot 2.
 struct ClientContext {
-  wchar_t* clientId;  // NUL-terminated, at most 64 characters, owned by the record
+  wchar_t* clientId;  // NUL-terminated, at most 64 characters, owned by this struct
 };
 
 // The host's completion callback, a callable passed by value: the host's compiler passes the
 // address of a copy, which the callee destroys (see completion_callback.h).
 struct CompletionCallback;
 
-// The abstract service class of the host, a closed program built by another compiler. The contract
-// is this table of slots, in this order, one entry each.
+// The host's abstract service class. The host is a closed-source program built with another
+// compiler, so the contract is this vtable: one slot per function, in this order.
 //
 // Slot 0 is an ordinary virtual function in place of the other compiler's deleting destructor,
 // because a C++ virtual destructor would take two entries here and shift all later slots. All
-// arguments are scalars or pointers, which both compilers pass in the same way.
+// arguments are scalars or pointers, which both compilers pass the same way.
 //
-// The calling thread must not impersonate: slots 3, 6, 8 and 9 act as the console user and leave
-// the thread with its process's identity. A debug build of the module ends the process if such a
-// thread calls slot 3, 5, 6, 8 or 9.
+// The calling thread must not be impersonating: slots 3, 6, 8 and 9 act as the console user and
+// leave the thread with its process's identity. A debug build of the module terminates the process
+// if an impersonating thread calls slot 3, 5, 6, 8 or 9.
 class VxService {
  public:
   VxService() = default;
@@ -57,7 +57,7 @@ class VxService {
   // Slot 7. Reserved.
   virtual void Reserved7() {}
 
-  // Slot 8. First-run setup is over. Returns true if nothing is left to do.
+  // Slot 8. Call when first-run setup is complete. Returns true if nothing is left to do.
   virtual bool oobe_event_task() { return true; }
 
   // Slot 9. Handles a session change (WTS_SESSION_ code) that the host received.
@@ -71,7 +71,7 @@ class VxService {
 };
 
 // The exported factory. Each call returns a separate service, or null if out of memory. The host
-// creates one. Slot 0 frees it.
+// creates only one. Slot 0 frees it.
 using CreateServiceFunction = VxService* (*)();
 inline constexpr char kCreateServiceExport[] = "VxCreateService";
 

@@ -13,11 +13,11 @@ extern "C" {
 
 // The caller's identity, created by slot 1 and freed by slot 2.
 typedef struct VxClientContext {
-  wchar_t* clientId;  // NUL-terminated, at most 64 characters, owned by the record
+  wchar_t* clientId;  // NUL-terminated, at most 64 characters, owned by this struct
 } VxClientContext;
 
-// The host's callable. Slot 3 destroys it through the fifth entry of `held->table` and never calls
-// it. May be null.
+// The host's completion callback. Slot 3 destroys it through the fifth entry of `held->table` and
+// never calls it. May be null.
 typedef struct VxHeldCallable {
   void* const* table;
 } VxHeldCallable;
@@ -41,7 +41,7 @@ typedef struct VxServiceTable {
                              const wchar_t* request, wchar_t** response,
                              VxCompletionCallback* callback);
 
-  // Slot 4. Frees what slot 3 stored in `*response`.
+  // Slot 4. Frees a response that slot 3 returned.
   void (*FreeResponse)(VxServiceObject* self, void* response);
 
   // Slot 5. Starts the background work and returns.
@@ -52,7 +52,7 @@ typedef struct VxServiceTable {
 
   void (*Reserved7)(VxServiceObject* self);
 
-  // Slot 8. First-run setup is over. Returns true if nothing is left to do.
+  // Slot 8. Call when first-run setup is complete. Returns true if nothing is left to do.
   bool (*OobeEventTask)(VxServiceObject* self);
 
   // Slot 9. Handles a session change (WTS_SESSION_ code).
