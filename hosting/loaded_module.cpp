@@ -24,7 +24,7 @@ struct LibraryFreer {
 };
 using UniqueLibrary = std::unique_ptr<void, LibraryFreer>;
 
-// Both throw std::out_of_range beyond the end of the image.
+// Both throw std::out_of_range if `offset` is beyond the end of the image.
 template <typename Value>
 Value ValueAt(std::string_view image, std::size_t offset) {
   Value value{};
@@ -48,15 +48,15 @@ bool Exports(std::string_view image, const IMAGE_DATA_DIRECTORY& directory, std:
   return false;
 }
 
-// Returns the first imported library that is not in Windows' own folder, or empty.
+// Returns the first imported library that is not in the system directory, or an empty string.
 std::string MissingImport(std::string_view image, const IMAGE_DATA_DIRECTORY& directory) {
   for (std::size_t at = directory.VirtualAddress; directory.Size != 0;
        at += sizeof(IMAGE_IMPORT_DESCRIPTOR)) {
     const auto import = ValueAt<IMAGE_IMPORT_DESCRIPTOR>(image, at);
     if (import.Name == 0) break;
     std::string name(TextAt(image, import.Name));
-    if (name.find_first_of("\\/:") != std::string::npos) return name;  // could be anyone's
-    // Loaded, because the names of API sets are not those of files.
+    if (name.find_first_of("\\/:") != std::string::npos) return name;  // a path can name any file
+    // Loads the library, because the name of an API set is not that of a file.
     const UniqueLibrary found(
         LoadLibraryExW(Wide(name).c_str(), nullptr, LOAD_LIBRARY_SEARCH_SYSTEM32));
     if (found == nullptr) return name;
@@ -66,7 +66,7 @@ std::string MissingImport(std::string_view image, const IMAGE_DATA_DIRECTORY& di
 
 }  // namespace
 
-// Mapped so, no code runs and no import is loaded, and the two low bits of the handle are set:
+// With this flag, Windows runs no code, loads no imports and tags the low two bits of the handle:
 // https://learn.microsoft.com/windows/win32/api/libloaderapi/nf-libloaderapi-loadlibraryexw
 std::string WhyNoModule(const std::wstring& fullPath) {
   const UniqueLibrary mapped(
@@ -97,7 +97,7 @@ CommandResult ServiceSession::Execute(std::uint32_t id, const std::wstring& requ
   if (caller.size() > kLongestCaller) {
     throw std::runtime_error("a client's identity has at most 64 characters");
   }
-  // Released even if the code below throws because memory ran out.
+  // Releases the context even if the code below runs out of memory.
   const auto release = [this](ClientContext* context) { service->ReleaseClientContext(&context); };
   ClientContext* made = nullptr;
   service->CreateClientContext(caller.c_str(), &made);

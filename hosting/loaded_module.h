@@ -12,21 +12,21 @@ namespace Vx::Hosting {
 
 struct CommandResult {
   std::uint32_t code = 0;
-  std::optional<std::wstring> text;  // empty if the module returned none
-  // The decision and reason in the command's record. Empty if the command changed and refused
-  // nothing, if the module keeps no records, or if no ModuleLog exists.
+  std::optional<std::wstring> text;  // empty if the module returned no response
+  // The decision and reason from the command's record. Empty if the command neither changed nor
+  // refused anything, if the module writes no records, or if there is no ModuleLog.
   std::wstring decision = {};
   std::wstring reason = {};
 };
 
-// A service object and its client contexts, used only through the slots, as a service host uses
-// them. The destructor calls slot 0.
+// A module's service object, used only through its slots, as a service host uses it. The destructor
+// calls slot 0.
 class ServiceSession {
  public:
   // Takes ownership of `created`, a module's new service object.
   explicit ServiceSession(Tessel::Server::Services::VxService* created) : service(created) {}
 
-  // The service for one call. Holds the services' mutex on the calling thread.
+  // Access to the service for one call, during which this thread holds the services' mutex.
   struct Call {
     ServicesMutexHold hold{StoreUse::Write};
     Tessel::Server::Services::VxService& slots;
@@ -34,8 +34,8 @@ class ServiceSession {
     Tessel::Server::Services::VxService* operator->() const { return &slots; }
   };
 
-  // Use the result for one call, as in Slots()->Start(). Throws like ServicesMutexHold. Threads
-  // that the service starts do not hold the mutex.
+  // Use the result for one call, as in Slots()->Start(). Throws whatever ServicesMutexHold throws.
+  // Threads that the service starts do not hold the mutex.
   Call Slots() { return {.slots = *service}; }
 
   // Destroys the service. Assign another session before the next call.
@@ -52,14 +52,14 @@ class ServiceSession {
   std::unique_ptr<Tessel::Server::Services::VxService, Destroyer> service;
 };
 
-// Returns why the file cannot be loaded as a module, "imports X.dll, ...", or empty if it can.
-// Runs none of its code, but loads the libraries of Windows that it imports.
+// Returns why the file cannot be loaded as a module, such as "imports X.dll, ...", or "" if it can.
+// Runs none of its code, but loads the Windows libraries that it imports.
 std::string WhyNoModule(const std::wstring& fullPath);
 
 // A module loaded from a full path.
 class LoadedModule {
  public:
-  // Throws std::runtime_error with advice for the user.
+  // Throws std::runtime_error, with advice for the user, if the file cannot be loaded.
   explicit LoadedModule(const std::wstring& fullPath);
 
   // Creates a service object. Throws std::runtime_error if the factory returns null or if the

@@ -20,7 +20,7 @@ constexpr wchar_t kNoSink[] =
 constexpr const wchar_t* kLevels[] = {L"INFO", L"WARNING", L"ERROR"};
 constexpr std::uint32_t kWarning = 1;
 
-// Returns the member, or zero if the struct ends before it.
+// Returns the member, or zero if the struct is too short to contain it.
 template <typename Struct, typename Value>
 Value Read(const Struct& all, Value Struct::*member) {
   const auto* const end = reinterpret_cast<const std::byte*>(&(all.*member) + 1);
@@ -29,7 +29,7 @@ Value Read(const Struct& all, Value Struct::*member) {
 }
 
 std::mutex runningLock;
-std::map<DWORD, CommandResult*> running;  // by the thread that runs the command
+std::map<DWORD, CommandResult*> running;  // by the ID of the thread that runs the command
 
 template <typename Struct>
 std::wstring ReadText(const Struct& all, const wchar_t* Struct::*member) {

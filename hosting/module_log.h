@@ -26,7 +26,7 @@ struct DecisionRecord {
   std::uint64_t milliseconds = 0;
 };
 
-// The strings of a record, in order.
+// The string members of a record, in the order in which logs list them.
 inline constexpr struct {
   const char* name;
   std::wstring DecisionRecord::*text;
@@ -50,18 +50,18 @@ struct LogLine {
   std::optional<DecisionRecord> record = {};
 };
 
-// The provider of lines written by a host itself.
+// The provider of the lines that a host itself writes.
 inline constexpr wchar_t kHostProvider[] = L"Vx-Host-Service";
 
 // Returns the name of a VxLogLine level, or "ERROR" if the level is unknown.
 const wchar_t* LevelName(std::uint32_t level);
 
-// Return a copy. Members past the end of an older module's struct are left empty.
+// Return a copy. Members that an older module's struct does not have are left empty.
 LogLine LineOf(const VxLogLine& line);
 DecisionRecord RecordOf(const VxLogRecord& record);
 
-// During the scope, copies to `result` the decision and reason of the command that the calling
-// thread runs. The module writes the command's record on that thread.
+// While this object exists, copies to `result` the decision and reason of the command that the
+// calling thread runs. The module logs a command's record on the thread that runs it.
 class DecisionScope {
  public:
   explicit DecisionScope(CommandResult& result);
@@ -70,19 +70,19 @@ class DecisionScope {
   ~DecisionScope();
 };
 
-// Passes a record to the calling thread's DecisionScope, if any. A ModuleLog does so itself.
+// Passes a record to the calling thread's DecisionScope, if any. A ModuleLog calls this itself.
 void NoteDecision(const VxLogRecord& record);
 
 // Receives the log lines of a loaded module for the life of this object. A module can have only one
-// at a time. Destroy it before unloading the module, whose threads may log until they end. No line
-// arrives after the destructor returns.
+// ModuleLog at a time. Destroy it before unloading the module, whose threads may log until they
+// exit. No line arrives after the destructor returns.
 class ModuleLog {
  public:
-  // Called on the thread that logs, which may hold the module's locks. Must copy the line and
-  // return, without calling the module or waiting for a thread that does. A throw loses the line.
+  // Called on the logging thread, which may hold the module's locks. Must copy the line and return,
+  // without calling the module or waiting for a thread that does. If it throws, the line is lost.
   using Receiver = std::function<void(const VxLogLine&)>;
 
-  // If the module's logging library has no sink, `function` instead receives one warning.
+  // If the module's logging library does not support sinks, `function` receives one warning.
   ModuleLog(const LoadedModule& module, Receiver function);
   ModuleLog(const ModuleLog&) = delete;
   ModuleLog& operator=(const ModuleLog&) = delete;

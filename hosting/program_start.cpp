@@ -8,7 +8,7 @@ namespace Vx::Hosting {
 
 void PrepareProgram() noexcept {
   Platform::FailFastOnTerminate();
-  // Imported libraries load others later, which files next to the program could otherwise replace.
+  // Otherwise, a file next to the program could replace one that an imported library loads later.
   // https://learn.microsoft.com/windows/win32/api/libloaderapi/nf-libloaderapi-setdefaultdlldirectories
   if (SetDefaultDllDirectories(LOAD_LIBRARY_SEARCH_SYSTEM32) == FALSE) Platform::FailFast();
 }

@@ -3,7 +3,7 @@
 namespace Vx::Hosting {
 
 // Call first in main. Afterwards, Windows loads libraries named without a folder only from the
-// system directory, and an uncaught exception ends the process with a report.
+// system directory, and an uncaught exception terminates the process with an error report.
 void PrepareProgram() noexcept;
 
 }  // namespace Vx::Hosting

@@ -43,7 +43,7 @@ bool SharesServicesStore() {
   return NeedsServicesMutex(session, Variable(L"ProgramData"), Variable(L"ALLUSERSPROFILE"));
 }
 
-// As documented for NtQueryMutant. This toolchain's headers do not declare them.
+// Declared as documented for NtQueryMutant, because this toolchain's headers lack them.
 struct MutantOwner {
   HANDLE process;
   HANDLE thread;
@@ -83,7 +83,7 @@ bool Take(HANDLE mutex, DWORD limit) {
   return outcome != WAIT_TIMEOUT;  // an abandoned mutex is acquired too
 }
 
-// Waits for one of the store's mutexes. Reports the process that holds it, if known.
+// Acquires one of the store's mutexes. After `limits.notice`, reports the process that holds it.
 void AwaitStoreMutex(HANDLE mutex, const HoldLimits& limits) {
   if (Take(mutex, static_cast<DWORD>(limits.notice.count()))) return;
   const std::string holder = HolderOf(mutex);

@@ -9,12 +9,12 @@
 
 // The module locks the store with a mutex whose name is unqualified. A service creates it in the
 // global namespace. Any other program creates it in its session's namespace, where it does not
-// block services. Hosts outside the services' session therefore also acquire the global mutex.
+// block services. Therefore, hosts outside the services' session also acquire the global mutex.
 
 namespace Vx::Hosting {
 
 // Returns whether a process in `session`, with `programData` as its %ProgramData%, shares the store
-// with services but not their mutex. `machineData` is the machine-wide folder, or empty if unknown.
+// with services but not their mutex. `machineData` is the machine-wide value, or empty if unknown.
 bool NeedsServicesMutex(std::uint32_t session, std::wstring_view programData,
                         std::wstring_view machineData);
 
@@ -52,7 +52,7 @@ class ServicesMutexHold {
 
 // Keeps other processes out of the store for the life of this object: those that use the services'
 // mutex, and those that use this session's mutex, if it exists. Does not create a session mutex.
-// The constructing thread may still use the store. Throws like ServicesMutexHold.
+// The constructing thread may still use the store. Throws whatever ServicesMutexHold throws.
 class StoreHold {
  public:
   explicit StoreHold(StoreUse use, const HoldLimits& limits = {});

@@ -15,23 +15,23 @@ std::string Utf8(std::wstring_view text);
 std::wstring Wide(std::string_view text);
 
 // Returns `text` made safe for a terminal: U+FFFD replaces control characters, including those that
-// start escape sequences, and characters that end a line or change its direction. Many strings come
-// from clients, which could otherwise forge lines or control the terminal.
+// start escape sequences, and characters that break a line or change its direction. Many strings
+// come from clients, which could otherwise forge lines or control the terminal.
 enum class LineBreaks { Replace, Keep };
 std::string Printable(std::string_view text, LineBreaks breaks);
 
 // Returns `json` made safe for a terminal by escaping the same characters, so that a parser still
-// gets every string unchanged. Line feeds are kept.
+// reads every string unchanged. Line feeds are kept.
 std::string PrintableJson(std::wstring_view json);
 
-// Returns `text` escaped for XML or HTML elements and attributes. Encodes line endings as LF.
+// Returns `text` escaped for XML or HTML elements and attributes. Removes carriage returns.
 std::string Markup(std::string_view text);
 
 // Returns the content of a text file without its byte-order mark. The file is UTF-8 unless the mark
-// says UTF-16. Throws std::runtime_error.
+// says UTF-16. Throws std::runtime_error if it cannot be read.
 std::wstring ReadTextFile(const std::wstring& path);
 
-// Overwrites the file with `utf8`. Throws std::runtime_error.
+// Overwrites the file with `utf8`. Throws std::runtime_error on failure.
 void WriteTextFile(const std::wstring& path, const std::string& utf8);
 
 // The maximum length of a path in characters, including the terminator.
@@ -44,18 +44,18 @@ std::wstring FullPath(const std::string& path);
 // Like FullPath, but for an existing file. Throws std::runtime_error if there is none.
 std::wstring FullPathOfFile(const std::string& path);
 
-// Formats a code or status as Windows does: "0x80070005".
+// Formats a code or status in hexadecimal, as in "0x80070005".
 std::string CodeText(std::uint32_t number);
 
-// Return the full paths of this program and of the module next to it.
+// Return the full paths of this program and of the module in the same folder.
 std::wstring OwnPath();
 std::wstring DefaultModule();
 
-// Returns the text given as an argument: literally, as @FILE, or as @- for standard input. Throws
-// std::runtime_error if it cannot be read.
+// Returns the text that an argument specifies: the argument itself, the content of a file for
+// @FILE, or standard input for @-. Throws std::runtime_error if it cannot be read.
 std::wstring TextOrFile(const std::string& argument);
 
-// Returns `text` padded to `width` characters, and with at least one space.
+// Returns `text` padded to `width` characters, and followed by at least one space.
 std::string Cell(const std::string& text, std::size_t width);
 
 // Returns `text` for use in a message, truncated to 60 characters plus an ellipsis if longer.
@@ -88,7 +88,7 @@ bool IsProbablyMeant(std::wstring_view written, std::wstring_view name);
 // Returns "; did you mean \"x\"?" with the closest of `names`, or an empty string if none is close.
 std::string DidYouMean(const std::string& written, const std::vector<std::string>& names);
 
-// Returns where and why the module's parser rejected `text` with `fault`.
+// Describes where and why the module's parser rejected `text`.
 std::string FaultText(const std::wstring& text, const Json::ParseFault& fault);
 
 }  // namespace Vx::Hosting
