@@ -19,7 +19,7 @@ namespace {
 
 constexpr char kSidStart[] = "S-1-";
 
-// Rejects Windows' two-letter aliases of SIDs, because an account can have such a name.
+// Rejects the two-letter SDDL aliases of SIDs, because an account can have such a name.
 Platform::UniqueLocalMemory<void> ParseSid(const std::wstring& text) {
   PSID sid = nullptr;
   const bool valid =

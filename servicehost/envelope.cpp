@@ -31,7 +31,7 @@ std::wstring TextOf(const WideValue& text) {
   return {text.GetString(), text.GetStringLength()};
 }
 
-// Returns the first member with this name, or an empty string if it is not a string or missing.
+// Returns the text of the first member with this name, or "" if it is missing or not a string.
 std::wstring TextIn(const WideValue& object, const wchar_t* name) {
   const auto values = Named(object, name);
   return values.empty() || !values.front()->IsString() ? L"" : TextOf(*values.front());

@@ -16,7 +16,7 @@ namespace Vx::Hosting::ServiceHost {
 // compares them exactly. An unpaired surrogate, which no valid request contains, is written as
 // U+FFFD and is rejected in incoming messages.
 
-// Size limits in bytes. A longer message ends the connection.
+// Size limits in bytes. A longer message closes the connection.
 inline constexpr std::size_t kLongestCommand = std::size_t{1} << 20;
 inline constexpr std::size_t kLongestResult = std::size_t{64} << 20;
 
@@ -33,8 +33,8 @@ std::optional<CommandResult> ParseResult(std::string_view message);
 
 std::string WriteCommand(const CommandEnvelope& command);
 
-// Returns a result: {"code": 0, "response": "...", "record": {"decision": "refused", "reason":
-// "already_stored"}}. Omits a response or record that it does not have.
+// Formats a result: {"code": 0, "response": "...", "record": {"decision": "refused", "reason":
+// "already_stored"}}. Omits the response or the record if there is none.
 std::string WriteResult(const CommandResult& result);
 
 // Appends `text` to `out` as a UTF-8 JSON string, with U+FFFD in place of unpaired surrogates.

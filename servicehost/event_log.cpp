@@ -76,7 +76,7 @@ EventReport OpenEventLog(const std::wstring& source) {
 }
 
 LogTarget EventLogTarget(EventReport report) {
-  // Until the tick count `windowEnd`, `room` further events may be reported.
+  // Up to `room` more events may be reported before the tick count reaches `windowEnd`.
   return [report = std::move(report), room = 0,
           windowEnd = std::uint64_t{0}](const LogEntry& entry) mutable {
     const LogLine& line = entry.line;

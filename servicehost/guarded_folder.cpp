@@ -41,7 +41,7 @@ constexpr std::uint32_t kWriting = FILE_WRITE_DATA | FILE_APPEND_DATA | kReplaci
 
 constexpr std::uint32_t kChangingTheList = WRITE_DAC | WRITE_OWNER | GENERIC_ALL;
 
-// Sets the owner too: otherwise, the account that created a folder could still change its list.
+// These set the owner too: otherwise, the account that created a folder could change its list.
 constexpr wchar_t kReadable[] = L"O:BAD:P(A;OICI;GA;;;SY)(A;OICI;GA;;;BA)(A;OICI;GRGX;;;BU)";
 constexpr wchar_t kPrivate[] = L"O:BAD:P(A;OICI;GA;;;SY)(A;OICI;GA;;;BA)";
 
@@ -62,7 +62,7 @@ std::string Names(const std::vector<std::wstring>& accounts) {
   return names;
 }
 
-// Returns which other accounts have any of `rights` under this access list, or "" if none has.
+// Explains which other accounts have any of `rights` to `path`. Returns "" if none does.
 std::string WhyOpen(const std::wstring& path, const Platform::Result<Platform::AccessList>& access,
                     std::uint32_t rights, Writers accepted) {
   if (!access) {
@@ -89,7 +89,7 @@ Platform::UniqueLocalMemory<void> Descriptor(const wchar_t* access) {
   throw WindowsError(Utf8(path) + what, error, "; run as administrator");
 }
 
-// Returns whether the folder was created. Leaves an existing one as it is.
+// Returns true if it created the folder. Does not change an existing one.
 bool Make(const std::wstring& path, const wchar_t* access) {
   const auto descriptor = Descriptor(access);
   SECURITY_ATTRIBUTES security{sizeof security, descriptor.get(), FALSE};
@@ -99,9 +99,9 @@ bool Make(const std::wstring& path, const wchar_t* access) {
   return false;
 }
 
-// Opens the folder itself, not a link's target, and keeps others from renaming or deleting it. A
-// link put in its place could redirect later operations. Only a handle that can list the folder
-// takes part in sharing checks.
+// Opens the folder itself, not a link's target, and prevents others from renaming or deleting it,
+// because a link in its place could redirect later operations. Without FILE_LIST_DIRECTORY, Windows
+// would not enforce the sharing mode.
 Platform::UniqueHandle Hold(const std::wstring& path, DWORD rights) {
   Platform::UniqueHandle folder = Platform::OpenDiskFile(
       path, READ_CONTROL | FILE_READ_ATTRIBUTES | FILE_LIST_DIRECTORY | rights,
@@ -113,7 +113,7 @@ Platform::UniqueHandle Hold(const std::wstring& path, DWORD rights) {
       FALSE) {
     ThrowError(path, " cannot be examined", GetLastError());
   }
-  // The emulator follows links even so. There, only the attributes by name reveal a link.
+  // The emulator follows links anyway. There, only attributes queried by name reveal a link.
   const auto named = CurrentMachine().files->Attributes(path);
   if (((found.FileAttributes | (named ? *named : 0)) & FILE_ATTRIBUTE_REPARSE_POINT) != 0) {
     throw std::runtime_error(Utf8(path) + " is a link; find out who made it");
@@ -124,8 +124,8 @@ Platform::UniqueHandle Hold(const std::wstring& path, DWORD rights) {
   return folder;
 }
 
-// Sets the folder's owner and access list. Explicit entries on its contents stay, and inherited
-// ones follow the new list.
+// Sets the folder's owner and access list. Explicit entries on its contents are kept, and inherited
+// ones are updated.
 void Close(Platform::RawHandle folder, const std::wstring& path, const wchar_t* access) {
   const auto descriptor = Descriptor(access);
   BOOL present = FALSE;
@@ -187,7 +187,7 @@ std::string WhyUnguarded(const std::wstring& file, Writers accepted) {
     if (std::string why = WhyOpen(path, rights, accepted); !why.empty()) return why;
     if (path.size() < file.size() && rights == kWriting) rights = kReplacing;
   }
-  // In the drive's root, users may create entries, because these cannot replace its folders.
+  // Users may create entries in the drive's root, because they cannot replace its folders that way.
   return WhyOpen(file.substr(0, 2) + L"\\", kReplacingChildren, accepted);
 }
 

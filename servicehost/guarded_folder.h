@@ -8,14 +8,14 @@
 
 namespace Vx::Hosting::ServiceHost {
 
-// Accounts that may have write access besides SYSTEM, administrators and the installer.
+// Accounts, besides SYSTEM, administrators and the installer, that may have write access.
 enum class Writers {
   System,   // none
   Account,  // the account of this process, for development machines
 };
 
-// Returns the accounts (SIDs as text), other than those accepted, that have any of `rights` under
-// this access list. Includes the owner, unless accepted, because an owner can change the list.
+// Returns the accounts (SIDs as text), except accepted ones, to which this access list grants any
+// of `rights`. Includes the owner, unless accepted, because an owner can change the list.
 std::vector<std::wstring> OtherWriters(const Platform::AccessList& access, std::uint32_t rights,
                                        Writers accepted);
 
@@ -28,12 +28,12 @@ std::string WhyWritable(const std::wstring& folder, Writers accepted);
 // or the file or one of these folders cannot be examined. Returns an empty string if it is safe.
 std::string WhyUnguarded(const std::wstring& file, Writers accepted);
 
-// Returns the folder that %ProgramData% denotes for services, regardless of this process's
-// variable. Throws std::runtime_error if Windows cannot supply it.
+// Returns the folder to which %ProgramData% expands for services, regardless of this process's
+// environment. Throws std::runtime_error if Windows cannot provide it.
 std::wstring ProgramDataFolder();
 
-// The service's folders under `programData`: Vx, which users can only read, and Vx\SharedServices
-// with the store and Vx\Logs, which only administrators and SYSTEM can read.
+// The service's folders under `programData`: Vx, which users can only read, and two subfolders that
+// only administrators and SYSTEM can access: Vx\SharedServices, with the store, and Vx\Logs.
 class DataFolders {
  public:
   DataFolders(std::wstring programData, Writers writers)
@@ -42,8 +42,8 @@ class DataFolders {
   enum class Existing { Report, Repair };
 
   // Creates missing folders. If another account can write to an existing folder, Report throws.
-  // Repair gives the folder the access list of a new one or, if another account could change that
-  // list, renames the folder and creates a new one. Returns a description of each repair. Throws
+  // Repair resets the folder's access list or, if another account could change that list, renames
+  // the folder and creates a new one. Returns a description of each repair. Throws
   // std::runtime_error with advice for the administrator.
   std::vector<std::string> Prepare(Existing existing) const;
 

@@ -44,8 +44,8 @@ Platform::UniqueHandle ManualEvent(const std::wstring& name, ServiceLog& log) {
 
 }  // namespace
 
-// COM security can be set once per process, after COM is initialized. Without cloaking, COM uses
-// the process's identity even while a thread impersonates a user
+// COM security can be set only once per process, after COM is initialized. Without cloaking, COM
+// uses the process's identity even while a thread impersonates a user
 // (https://learn.microsoft.com/windows/win32/com/cloaking). The module does not enable cloaking
 // when it initializes COM security itself, on its first read of the firmware.
 ComForModule::ComForModule(ServiceLog& output) {

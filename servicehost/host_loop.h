@@ -19,7 +19,7 @@ inline constexpr wchar_t kPowerForwarded[] = L"power event ";
 
 // Initializes COM on the constructing thread with dynamic cloaking, which the module needs from its
 // host: calls to other processes then use the identity of the user that the thread impersonates.
-// Destroy it on the same thread, after the module.
+// Destroy it on the same thread, after unloading the module.
 class ComForModule {
  public:
   // Logs a failure to `output`. The module then works, but its calls do not use the user's
@@ -33,9 +33,9 @@ class ComForModule {
   bool entered;
 };
 
-// The part of a service host between Windows and the module. Loads the module, forwards codes and
-// commands, and destroys the service object before unloading the module. Codes arrive only through
-// its functions, so tests can send them the same way. Belongs to one thread.
+// Connects Windows and clients to the module. Loads the module, forwards codes and commands, and
+// destroys the service object before unloading the module. Power and session codes arrive only
+// through its functions, so tests can send them too. Construct and destroy it on one thread.
 class HostLoop {
  public:
   struct Options {
@@ -48,10 +48,10 @@ class HostLoop {
   HostLoop(const Options& options, ServiceLog& output);
   HostLoop(const HostLoop&) = delete;
   HostLoop& operator=(const HostLoop&) = delete;
-  // Waits for running calls.
+  // Blocks until running calls have returned.
   ~HostLoop();
 
-  // These functions may be called concurrently on any thread. They block while the module works.
+  // May be called concurrently on any thread. They block until the module returns.
   CommandResult Execute(const CommandEnvelope& command, const std::wstring& client);
   void OnPower(std::uint32_t code);
   void OnSession(std::uint32_t code);

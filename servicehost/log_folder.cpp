@@ -111,7 +111,7 @@ void LogFolder::Write(const LogEntry& entry) {
   size += written;
 }
 
-// Continues the day's last file if the line fits.
+// Appends to the day's last file if the line fits. Otherwise, starts a new file.
 void LogFolder::Open(const std::wstring& day, std::size_t lineSize) {
   file.reset();
   if (makeFolder && GetFileAttributesW(folder.c_str()) == INVALID_FILE_ATTRIBUTES) makeFolder();
@@ -128,7 +128,7 @@ void LogFolder::Open(const std::wstring& day, std::size_t lineSize) {
     Platform::UniqueHandle opened =
         Platform::OpenDiskFile(path, GENERIC_READ | FILE_APPEND_DATA, FILE_SHARE_READ,
                                FILE_ATTRIBUTE_NORMAL | FILE_FLAG_OPEN_REPARSE_POINT, OPEN_ALWAYS);
-    // Another process is writing to the file, or a program has it open with the right to delete it.
+    // Another process is writing to the file, or a program has it open with delete access.
     if (opened == nullptr && GetLastError() == ERROR_SHARING_VIOLATION) continue;
     if (opened == nullptr) ThrowError(folder, GetLastError());
     LARGE_INTEGER length{};
@@ -159,7 +159,7 @@ void LogFolder::DeleteOldest() const {
   std::erase_if(files, [this](const LogFile& each) { return each.name == fileName; });
   std::ranges::stable_sort(files, {}, &LogFile::written);
   for (std::size_t i = 0; i + limits.files < files.size() + 1; ++i) {
-    // A file that a reader has open without sharing stays until the next new file.
+    // A file that a reader has open without delete sharing is kept until the next new file.
     static_cast<void>(DeleteFileW((folder + L"\\" + files[i].name).c_str()));
   }
 }

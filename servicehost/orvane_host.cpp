@@ -1,7 +1,7 @@
-// The installed service's program. A client can subscribe any program signed with a pinned key,
-// with any arguments, and the module starts it as SYSTEM. So that it is safe to sign with such a
-// key, this program takes only a service name and does nothing unless the service manager started
-// it. Its other settings are in the registry, where only administrators can write.
+// The installed service's program. A client can have the module start, as SYSTEM, any program
+// signed with a pinned key, with any arguments. To be safe to sign with such a key, this program
+// accepts only a service name and exits unless the service manager started it. Its other settings
+// are in the registry, where only administrators can write.
 
 #include <memory>
 

@@ -47,7 +47,7 @@ std::wstring FileNameOf(HANDLE process) {
 }
 
 // Replaces the brackets that enclose the caller in log lines, and the colon between user and file.
-// Windows' own file systems allow no colon in file names, but others may.
+// Windows' own file systems do not allow colons in file names, but others may.
 std::wstring Harmless(const std::wstring& name) {
   std::wstring text = Wide(Printable(Utf8(name), LineBreaks::Replace));
   std::replace(text.begin(), text.end(), L'[', L'(');

@@ -17,12 +17,12 @@ struct PipeCaller {
   std::wstring file;               // the file name of its program; empty if unknown
 };
 
-// Call this as soon as the process has connected, because once it ends, another may get its ID.
+// Call this as soon as the process has connected, because its ID can be reused once it exits.
 // Queries only this machine, so it does not block.
 PipeCaller CallerOf(std::uint32_t processId);
 
 // Returns "USER: FILE", truncated to 64 characters, for logs only. Neither part contains a colon,
-// so a file name cannot look like another user. May query a domain controller.
+// so a file name cannot pass for another user. May query a domain controller.
 std::wstring CallerName(const PipeCaller& caller);
 
 // Returns the SID of a pipe's owner, or an empty string if unknown. Needs READ_CONTROL.

@@ -64,7 +64,7 @@ PipeOutcome PipeMessages::Read(std::string& message, std::size_t limit,
   message.clear();
   std::vector<char> piece(kPiece);
   while (true) {
-    // A read that completes at once ignores the event, so a constant sender would prevent a stop.
+    // A read that completes at once never checks the event, so a busy client could prevent a stop.
     if (stop != nullptr && WaitForSingleObject(stop, 0) == WAIT_OBJECT_0) {
       return PipeOutcome::Stopped;
     }

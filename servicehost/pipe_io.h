@@ -11,12 +11,12 @@ namespace Vx::Hosting::ServiceHost {
 enum class PipeOutcome {
   Done,
   Ended,     // the other side disconnected or broke the protocol
-  TimedOut,  // canceled
+  TimedOut,  // canceled because the time limit expired
   Stopped,   // canceled by the stop event
 };
 
-// Messages over one end of a named pipe in message mode, opened for overlapped I/O. Borrows both
-// handles. Use from one thread at a time. The stop event, which may be null, ends every wait.
+// Exchanges messages over one end of a message-mode named pipe, opened for overlapped I/O. Borrows
+// both handles. Use from one thread at a time. The stop event, which may be null, ends all waits.
 class PipeMessages {
  public:
   PipeMessages(Platform::RawHandle pipe, Platform::RawHandle stop);
@@ -34,7 +34,7 @@ class PipeMessages {
 
   Platform::RawHandle pipe;
   Platform::RawHandle stop;
-  Platform::UniqueHandle finished;  // null if not created: every operation then fails
+  Platform::UniqueHandle finished;  // null if it cannot be created: every operation then fails
 };
 
 }  // namespace Vx::Hosting::ServiceHost

@@ -64,7 +64,7 @@ std::wstring PipeAccess(const std::vector<std::wstring>& allowed) {
   std::wstring access = self.privileged && self.account != kSystem ? L"O:BA" : L"O:" + self.account;
   access += L"D:P(D;;GA;;;NU)(A;;GA;;;SY)(A;;GA;;;BA)";
   // FILE_GENERIC_READ, FILE_WRITE_DATA and FILE_WRITE_ATTRIBUTES. GENERIC_WRITE would include the
-  // right to create an instance, and so to impersonate the server to other clients.
+  // right to create an instance, and so to pose as the server to other clients.
   for (const std::wstring& sid : allowed) access += L"(A;;0x12018b;;;" + sid + L")";
   return access;
 }
@@ -101,8 +101,8 @@ UniqueHandle PipeServer::NewInstance(bool first) const {
 }
 
 // Keeps an instance open at all times, so that no other process can take the pipe's name: creates
-// the next one before serving or closing the current one. If it cannot, the served ones keep the
-// name.
+// the next one before serving or closing the current one. If that fails, the instances in use keep
+// the name.
 void PipeServer::Listen() noexcept {
   UniqueHandle pipe;
   UniqueHandle used;  // connected to a client, which may be gone
@@ -123,7 +123,7 @@ void PipeServer::Listen() noexcept {
         refused = false;
         if (PipeMessages(pipe.get(), stop.get()).Connect() == PipeOutcome::Stopped) return;
         used = std::move(pipe);
-        client = Identify(used.get());  // now, because the client may end while it waits
+        client = Identify(used.get());  // now, because the client may exit while it waits
         if (!WaitForRoom()) return;
         continue;
       }
@@ -140,7 +140,7 @@ void PipeServer::Listen() noexcept {
   }
 }
 
-// Returns false if the server stops first.
+// Waits until another client can be served. Returns false if the server stops first.
 bool PipeServer::WaitForRoom() {
   JoinThoseThatAreOver();
   while (connections.size() >= options.clients) {
@@ -165,8 +165,8 @@ PipeCaller PipeServer::Identify(Platform::RawHandle pipe) const {
   return options.identify(processId);
 }
 
-// Returns why `caller` is refused a connection, or null if it is accepted. One account must not
-// lock out the others, and none may lock out SYSTEM and administrators, who repair faults.
+// Returns why `caller` is denied a connection, or null if it is accepted. One account must not lock
+// out the others, and none may lock out SYSTEM and administrators, who repair faults.
 const wchar_t* PipeServer::WhyTurnedAway(const PipeCaller& caller) const {
   if (caller.privileged) return nullptr;
   // Otherwise, an account could use such clients to exceed its limit.
@@ -189,7 +189,7 @@ void PipeServer::Admit(UniqueHandle pipe, PipeCaller caller) {
   connection.caller = std::move(caller);
   try {
     connection.thread = Platform::Thread([this, &connection] { Serve(connection); });
-  } catch (const std::exception&) {  // no thread or out of memory
+  } catch (const std::exception&) {  // no thread can be created, or memory ran out
     connections.pop_back();
     Warn(kNoThread);
   }
@@ -209,7 +209,7 @@ void PipeServer::Warn(const wchar_t* why, const std::wstring& who) {
     more = std::exchange(warning->more, 0);
     *warning = {why, now + static_cast<std::uint64_t>(options.quiet.count())};
   }
-  if (who.empty() && more == 0) return report(L"WARNING", why);  // needs no memory
+  if (who.empty() && more == 0) return report(L"WARNING", why);  // allocates nothing
   report(L"WARNING", why + who + (more == 0 ? L"" : kMore + std::to_wstring(more) + kSinceLast));
 }
 

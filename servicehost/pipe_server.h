@@ -27,7 +27,7 @@ struct PipeOptions {
   std::vector<std::wstring> allowed;  // see SidsOf; accounts besides SYSTEM and administrators
   std::size_t clients = 64;           // served at a time; one more can wait
   std::size_t reserved = 4;           // of these, reserved for SYSTEM and administrators
-  std::size_t perAccount = 16;        // of these, the most for any other account
+  std::size_t perAccount = 16;        // of these, the maximum for any other account
   std::function<PipeCaller(std::uint32_t processId)> identify = &CallerOf;
   std::chrono::milliseconds idle = std::chrono::minutes(10);   // limit for the next command
   std::chrono::milliseconds stuck = std::chrono::seconds(30);  // limit for reading a result
@@ -42,10 +42,10 @@ class PipeServer {
   // Runs one command as `client` (at most 64 characters). Called concurrently. Must not throw.
   using Handler = std::function<CommandResult(const CommandEnvelope&, const std::wstring& client)>;
   // Receives messages for the operator. `level` is INFO, WARNING or ERROR. Must not throw. The
-  // message is a view, so that it can report that memory ran out.
+  // message is a view, so that no memory is needed to report that memory ran out.
   using Report = std::function<void(const wchar_t* level, std::wstring_view message)>;
 
-  // Starts serving. Throws std::system_error if no thread or event can be created, and like SidsOf.
+  // Starts serving. Throws std::system_error on failure, and whatever SidsOf throws.
   PipeServer(PipeOptions settings, Handler run, Report tell);
   PipeServer(const PipeServer&) = delete;
   PipeServer& operator=(const PipeServer&) = delete;
@@ -73,7 +73,7 @@ class PipeServer {
   const wchar_t* WhyTurnedAway(const PipeCaller& caller) const;
   void Admit(Platform::UniqueHandle pipe, PipeCaller caller);
   void Serve(Connection& connection) noexcept;
-  // Reports a client's fault, or counts it, so that clients cannot flood the logs. Any thread.
+  // Reports a client's fault, or only counts it if one like it was reported recently. Any thread.
   void Warn(const wchar_t* why, const std::wstring& who = {});
   void JoinThoseThatAreOver();
   bool WaitForRoom();
@@ -86,11 +86,11 @@ class PipeServer {
   Platform::UniqueHandle left;  // auto-reset: signaled when a connection ends
   std::mutex lock;
   std::array<Warning, 8> warnings;    // guarded by `lock`; more than there are kinds
-  std::list<Connection> connections;  // changed only by the listener
+  std::list<Connection> connections;  // modified only by the listener thread
   Platform::Thread listener;
 };
 
-// Returns an SDDL access list that admits SYSTEM, the administrators and `allowed`, and denies
+// Returns an SDDL descriptor that grants access to SYSTEM, administrators and `allowed`, and denies
 // remote users. `allowed` can read and write, but not create an instance of the pipe. The owner, by
 // which clients recognize the service's pipe, is SYSTEM, the administrators or this account.
 std::wstring PipeAccess(const std::vector<std::wstring>& allowed);

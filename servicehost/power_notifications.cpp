@@ -15,7 +15,7 @@ namespace Vx::Hosting::ServiceHost {
 
 namespace {
 
-// As documented for powrprof.dll. This toolchain's headers do not declare them.
+// Declared as documented for powrprof.dll, because this toolchain's headers lack them.
 using RegisterSetting = DWORD WINAPI(const GUID* setting, DWORD flags, HANDLE recipient,
                                      void** handle);
 using RegisterSleep = DWORD WINAPI(DWORD flags, HANDLE recipient, void** handle);

@@ -11,19 +11,19 @@ class PowerNotifications {
   enum class Kind {
     // The console display's state, immediately and then at each change: 0 off, 1 on, 2 dimmed.
     Display,
-    // PBT_ codes of suspend and resume. Not for use in a service, which receives them from the
-    // service manager, and where registering may never return
+    // PBT_ codes for suspend and resume. Do not use in a service, which receives them from the
+    // service manager, and in which the call that registers may never return
     // (https://github.com/libuv/libuv/issues/1995).
     Sleep,
   };
   // Called on a system thread. Must not throw.
   using Receiver = std::function<void(std::uint32_t value)>;
 
-  // Throws std::system_error if Windows refuses.
+  // Throws std::system_error if registration fails.
   PowerNotifications(Kind kind, Receiver receive);
   PowerNotifications(const PowerNotifications&) = delete;
   PowerNotifications& operator=(const PowerNotifications&) = delete;
-  // Waits for a running call of the receiver.
+  // Waits for a running call to the receiver.
   ~PowerNotifications();
 
  private:

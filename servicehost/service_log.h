@@ -29,12 +29,12 @@ struct LogEntry {
 using LogTarget = std::function<void(const LogEntry&)>;
 
 // Writes log entries to every target, in order, on its own thread. Adding never waits for a target:
-// if the queue is full, entries are dropped, and a warning with their number precedes the next one.
-// When a target begins to lose entries, the others receive an error with the reason. Once the
-// target works again, it receives a warning with the number of lost entries.
+// if the queue is full, entries are dropped, and a warning with their number precedes the next
+// entry. When a target starts to lose entries, the others receive an error with the reason. Once
+// the target works again, it receives a warning with the number of lost entries.
 //
-// If a thread repeats an entry that has no record, the entry is written once, and then again with
-// the repeat count: after a second, or before the thread's next different entry.
+// If a thread repeats an entry that has no record, the entry is written once. After a second, or
+// before the thread's next different entry, it is written again with the number of repetitions.
 class ServiceLog {
  public:
   static constexpr std::size_t kQueue = 4096;  // entries
@@ -49,7 +49,7 @@ class ServiceLog {
   // Waits until every entry added so far has been written, including repetition counts.
   void Flush() noexcept;
 
-  // Adds a copy of a module's line. May be called on any thread, which the entry records.
+  // Adds a copy of a module's line, with the calling thread's ID. May be called on any thread.
   void Add(const VxLogLine& line) noexcept;
   // Adds an entry from the service itself. `level` is INFO, WARNING or ERROR. Any thread.
   void Add(const wchar_t* level, std::wstring_view message) noexcept;
@@ -91,10 +91,10 @@ class ServiceLog {
   Platform::Thread writer;
 };
 
-// Makes an entry for the calling thread, stamped with the current time.
+// Returns an entry for the calling thread, stamped with the current time.
 LogEntry EntryOf(LogLine line);
 
-// Returns `entry` as one JSON object in UTF-8 with a line feed: time (UTC, ISO 8601), level,
+// Returns `entry` as one JSON object in UTF-8 and a line feed: time (UTC, ISO 8601), level,
 // provider, caller, thread, process, message, and `record` with its nonempty strings and nonzero
 // numbers. The number of a command or event is present even if 0. A message is never split across
 // lines, so that a thread's lines can be assigned to deliveries.

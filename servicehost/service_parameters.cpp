@@ -31,7 +31,7 @@ std::wstring KeyOf(const std::wstring& name) {
   return kServices + name + kParameters;
 }
 
-// Returns a value of this type, or an empty one if there is none.
+// Returns the value if it has this type, or else an empty value.
 Platform::RegistryValue Read(const std::wstring& key, const wchar_t* name, DWORD type) {
   auto value = Platform::CurrentMachine().registry->Read(key, name);
   return value && value->type == type ? std::move(*value) : Platform::RegistryValue{};

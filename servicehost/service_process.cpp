@@ -48,7 +48,7 @@ DWORD WINAPI HandleControl(DWORD control, DWORD event, void* /*data*/, void* con
   return static_cast<ServiceProcess*>(context)->Control(control, event);
 }
 
-// If memory runs out here, the process ends and the service manager restarts it.
+// If memory runs out here, the process terminates and the service manager restarts it.
 void WINAPI ServiceMain(DWORD /*count*/, LPWSTR* /*arguments*/) noexcept {
   const std::wstring programData = ProgramDataFolder();
   // The module finds its store through this variable. The emulator gives services another value.
@@ -77,7 +77,7 @@ void WINAPI ServiceMain(DWORD /*count*/, LPWSTR* /*arguments*/) noexcept {
   if (handle != nullptr) service.Run();
 }
 
-// Returns Windows' error code, which the service manager shows, or 1 if there is none.
+// Returns the Windows error code, which the service manager shows, or 1 if `error` has none.
 std::uint32_t CodeOf(const std::exception& error) noexcept {
   std::uint32_t code = 0;
   if (const auto* windows = dynamic_cast<const WindowsError*>(&error)) code = windows->Code();
@@ -136,7 +136,7 @@ void CodeQueue::Add(Code code) noexcept {
   }
 }
 
-// Drops the oldest code that is queued again later, or the oldest of all if all differ.
+// Drops the oldest code that occurs again later in the queue. If all differ, drops the oldest.
 void CodeQueue::DropOne() {
   const auto isRepeated = [this](auto at) {
     return std::find(at + 1, codes.end(), *at) != codes.end();
@@ -197,7 +197,7 @@ std::uint32_t ServiceProcess::Accepted() {
          SERVICE_ACCEPT_SESSIONCHANGE;
 }
 
-// Only pending states have a checkpoint. Reporting the same one again signals progress.
+// Only pending states have a checkpoint. Reporting the same state again signals progress.
 void ServiceProcess::Report(std::uint32_t state, std::uint32_t specificCode) noexcept {
   const std::lock_guard guard(stateLock);
   const bool pending = state == SERVICE_START_PENDING || state == SERVICE_STOP_PENDING;
@@ -218,7 +218,7 @@ void ServiceProcess::Run() noexcept {
     }
     failure = CodeOf(error);
   }
-  log.Flush();  // the process may end after the report
+  log.Flush();  // the process may be terminated after the report
   Report(SERVICE_STOPPED, failure);
 }
 

@@ -26,7 +26,7 @@ constexpr std::uint32_t SessionControl(std::uint32_t code) {
   return 192 + code;
 }
 
-// The status that the service reports, with Windows' values.
+// The status that the service reports, using Windows' constants.
 struct ServiceStatus {
   std::uint32_t state = 0;       // SERVICE_START_PENDING etc.
   std::uint32_t checkpoint = 0;  // increases while starting or stopping
@@ -35,16 +35,16 @@ struct ServiceStatus {
 };
 
 // Reports the status to the service manager. Called on any thread, one call at a time. The process
-// may end once SERVICE_STOPPED is reported.
+// may be terminated once SERVICE_STOPPED is reported.
 using StatusReport = std::function<void(const ServiceStatus&)>;
 
-// Forwards codes from the service manager to the module, in order, on its own thread: the module
-// may take minutes to handle one, while the manager waits for Control to return. On overflow, drops
-// the oldest code that is queued again later, so that the module still learns the latest state of
-// standby and logon.
+// Forwards codes from the service manager to the module, in order, on its own thread, because the
+// module may take minutes to handle one and the manager waits for Control to return. On overflow,
+// drops the oldest code that occurs again later in the queue, so that the module still receives the
+// latest state of standby and logon.
 class CodeQueue {
  public:
-  static constexpr std::size_t kLongest = 1024;  // more than the number of codes Windows has
+  static constexpr std::size_t kLongest = 1024;  // more than the number of codes that Windows has
 
   // Both must outlive this object. `output` receives one warning per overflow, with the number of
   // codes lost.
@@ -61,8 +61,8 @@ class CodeQueue {
     bool operator==(const Code&) const = default;
   };
 
-  // May be called on any thread. A code is dropped if memory runs out. For a suspend, blocks for at
-  // most two seconds until the module has handled it.
+  // May be called on any thread. A code is dropped if memory runs out. For a suspend, blocks until
+  // the module has handled it, but for at most two seconds.
   void Add(Code code) noexcept;
 
  private:
@@ -82,16 +82,16 @@ class CodeQueue {
   Platform::Thread worker;
 };
 
-// One run of the service, linking the service manager and the module.
+// One run of the service. Connects the service manager to the module.
 class ServiceProcess {
  public:
-  // `places` receive the log. Throws std::system_error if no event can be created.
+  // `places` are the targets of the log. Throws std::system_error if no event can be created.
   ServiceProcess(ServiceOptions settings, std::vector<LogTarget> places, StatusReport manager);
 
-  // Runs until Control receives a stop or pre-shutdown. The last state reported is SERVICE_STOPPED.
+  // Runs until Control receives a stop or pre-shutdown. Reports SERVICE_STOPPED last.
   void Run() noexcept;
 
-  // Handles a control from the service manager. Returns the code that its handler must return. May
+  // Handles a control from the service manager. Returns the code that the handler must return. May
   // be called on any thread, before, during and after Run. Blocks for at most two seconds, so that
   // a suspend reaches the module before the machine sleeps.
   std::uint32_t Control(std::uint32_t control, std::uint32_t event) noexcept;
@@ -115,8 +115,8 @@ class ServiceProcess {
 };
 
 // Runs the installed service `name`, a valid service name, in the process that the service manager
-// started for it. Returns when the service has ended. If another program started the process, does
-// nothing and returns ERROR_FAILED_SERVICE_CONTROLLER_CONNECT (1063).
+// started for it. Returns when the service has stopped. If another program started the process,
+// does nothing and returns ERROR_FAILED_SERVICE_CONTROLLER_CONNECT (1063).
 std::uint32_t RunUnderManager(const std::wstring& name);
 
 }  // namespace Vx::Hosting::ServiceHost

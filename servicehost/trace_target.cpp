@@ -12,7 +12,7 @@ namespace {
 
 using namespace std::string_view_literals;
 
-// Derived from the provider's name by the usual algorithm, so tools also accept "*Vx-Host-Service".
+// Derived from the provider's name in the standard way, so tools also accept "*Vx-Host-Service".
 constexpr GUID kProvider = {
     0x1f3716e0, 0xc3cb, 0x5355, {0x7c, 0xd0, 0xdc, 0x57, 0x8e, 0xba, 0x4f, 0xdc}};
 
@@ -42,7 +42,7 @@ class WindowsTrace final : public TraceWriter {
  public:
   WindowsTrace() {
     if (EventRegister(&kProvider, nullptr, nullptr, &handle) != ERROR_SUCCESS) handle = 0;
-    // Not in every Windows version. Only tools that list providers need the traits.
+    // Not available in every Windows version. Only tools that list providers need the traits.
     using SetInformation = ULONG(WINAPI*)(REGHANDLE, int, void*, ULONG);
     const auto set = reinterpret_cast<SetInformation>(reinterpret_cast<void*>(
         GetProcAddress(GetModuleHandleW(L"advapi32.dll"), "EventSetInformation")));

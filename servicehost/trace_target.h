@@ -18,7 +18,7 @@ class TraceWriter {
 
   virtual ~TraceWriter() = default;
 
-  // Returns whether a session records events of this level (2 error, 3 warning, 4 information).
+  // Returns whether any session records events of this level (2 error, 3 warning, 4 information).
   virtual bool Listens(std::uint8_t level) const noexcept = 0;
 
   // Writes one self-describing event.
@@ -29,8 +29,8 @@ class TraceWriter {
 std::shared_ptr<TraceWriter> OpenTraceWriter();
 
 // Returns a target that writes every log entry as an event with the fields level, provider, caller,
-// thread and message. Each event carries its description, so tools can decode it without a
-// manifest. A session that cannot keep up loses events, and Windows counts them.
+// thread and message. Each event contains its own description, so tools can decode it without a
+// manifest. If a session cannot keep up, events are lost, and Windows counts them.
 LogTarget TraceTarget(std::shared_ptr<TraceWriter> writer);
 
 }  // namespace Vx::Hosting::ServiceHost
