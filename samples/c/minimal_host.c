@@ -1,5 +1,5 @@
-// minimal_host MODULE: the least that a service host does, in C. MODULE is the module's full path.
-// Prints each step, and exits with 0 if all of them succeeded.
+// minimal_host MODULE: a minimal service host, in C. MODULE is the module's full path. Prints each
+// step, and exits with 0 if all of them succeeded.
 #include <stdio.h>
 #include <wchar.h>
 
@@ -12,7 +12,7 @@
 // Runs one command for a client and prints its result. Returns the result code.
 static uint32_t Execute(VxServiceObject* service, VxClientContext* context, uint32_t id,
                         const wchar_t* request) {
-  wchar_t* response = NULL;  // slot 3 leaves it unchanged if it refuses its arguments
+  wchar_t* response = NULL;  // slot 3 leaves it unchanged if it rejects its arguments
   const uint32_t result =
       service->table->ExecuteCommand(service, context, id, request, &response, NULL);
   wprintf(L"command %u: result 0x%08x, response %ls\n", id, result,
@@ -27,7 +27,7 @@ static int Run(VxCreateServiceFunction create) {
     wprintf(L"no memory for the service\n");
     return 1;
   }
-  service->table->Start(service);  // returns at once: commands may come now
+  service->table->Start(service);  // returns at once; commands can now be executed
   wprintf(L"started\n");
 
   VxClientContext* context = NULL;
@@ -46,8 +46,8 @@ static int Run(VxCreateServiceFunction create) {
 }
 
 static int Load(const wchar_t* path) {
-  // Uses the module's full path and loads its imports only from Windows' own folder, so that a
-  // library in another place never gets into the process.
+  // Loads the module by its full path, and its imports only from the system directory, so that no
+  // library from another folder is loaded into the process.
   const HMODULE module = LoadLibraryExW(path, NULL, LOAD_LIBRARY_SEARCH_SYSTEM32);
   if (module == NULL) {
     wprintf(L"the module cannot be loaded: error %lu\n", GetLastError());
@@ -61,7 +61,7 @@ static int Load(const wchar_t* path) {
   } else {
     status = Run(create);
   }
-  FreeLibrary(module);  // the module stays until its last thread has ended
+  FreeLibrary(module);  // the module stays loaded until its last thread has exited
   wprintf(L"freed\n");
   return status;
 }
@@ -71,8 +71,8 @@ int wmain(int count, wchar_t** arguments) {
     wprintf(L"usage: minimal_host FULL-PATH-OF-THE-MODULE\n");
     return 2;
   }
-  // A process makes this choice once: while the module acts as a user, its calls to other processes
-  // are made as that user. Otherwise the module would choose for the process, and differently.
+  // COM security is set once per process, by the module if not here. Dynamic cloaking makes calls
+  // to other processes use the identity of the user that the module impersonates.
   HRESULT com = CoInitializeEx(NULL, COINIT_MULTITHREADED);
   if (SUCCEEDED(com)) {
     com = CoInitializeSecurity(NULL, -1, NULL, NULL, RPC_C_AUTHN_LEVEL_DEFAULT,

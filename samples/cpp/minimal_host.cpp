@@ -1,5 +1,5 @@
-// minimal_host MODULE: the least that a service host does, in C++, with owners that end everything
-// in order. MODULE is the module's full path. Prints each step, and exits with 0 if all succeeded.
+// minimal_host MODULE: a minimal service host, in C++, with RAII owners that release everything in
+// order. MODULE is the module's full path. Prints each step, and exits with 0 if all succeeded.
 #include <cstdint>
 #include <cstdio>
 #include <memory>
@@ -16,9 +16,9 @@ namespace {
 
 namespace Contract = Vx::Tessel::Server::Services;
 
-// Sets up COM as the module needs it. A process makes this choice once: while the module acts as a
-// user, its calls to other processes are made as that user. If the host does not choose, the module
-// does, and it chooses differently.
+// Sets up COM as the module needs it. COM security is set once per process. With dynamic cloaking,
+// the module's calls to other processes use the identity of the user that it impersonates. If the
+// host does not set it, the module does, without cloaking.
 class Com {
  public:
   Com() {
@@ -40,7 +40,7 @@ class Com {
 // Frees the module. Declared before the service, so that the service is destroyed first.
 struct ModuleFreer {
   void operator()(HMODULE module) const noexcept {
-    FreeLibrary(module);  // the module stays until its last thread has ended
+    FreeLibrary(module);  // the module stays loaded until its last thread has exited
     std::printf("freed\n");
   }
 };
@@ -54,10 +54,10 @@ struct ServiceDestroyer {
 };
 using Service = std::unique_ptr<Contract::VxService, ServiceDestroyer>;
 
-// A client of the service. Any thread may have one.
+// A client of the service. Any thread can create one.
 class Client {
  public:
-  // Borrows `service`. `id` has at most 64 characters. A longer one ends the process.
+  // Borrows `owner`. `id` has at most 64 characters. A longer one terminates the process.
   Client(Contract::VxService& owner, const wchar_t* id) : service(owner) {
     if (service.CreateClientContext(id, &context) != 0) throw std::bad_alloc();
   }
@@ -67,7 +67,7 @@ class Client {
 
   // Runs a command, prints its result and returns the result code.
   std::uint32_t Execute(std::uint32_t id, const wchar_t* request) {
-    wchar_t* response = nullptr;  // slot 3 leaves it unchanged if it refuses its arguments
+    wchar_t* response = nullptr;  // slot 3 leaves it unchanged if it rejects its arguments
     const std::uint32_t result = service.ExecuteCommand(context, id, request, &response, nullptr);
     std::printf("command %u: result 0x%08x, response %ls\n", id, result,
                 response != nullptr ? response : L"(none)");
@@ -82,8 +82,8 @@ class Client {
 
 int Run(const wchar_t* path) {
   const Com com;
-  // Uses the module's full path and loads its imports only from Windows' own folder, so that a
-  // library in another place never gets into the process.
+  // Loads the module by its full path, and its imports only from the system directory, so that no
+  // library from another folder is loaded into the process.
   const Module module(LoadLibraryExW(path, nullptr, LOAD_LIBRARY_SEARCH_SYSTEM32));
   if (module == nullptr) {
     throw std::runtime_error("the module cannot be loaded: error " +
@@ -94,7 +94,7 @@ int Run(const wchar_t* path) {
   if (create == nullptr) throw std::runtime_error("this is not the module");
   const Service service(create());
   if (service == nullptr) throw std::bad_alloc();
-  service->Start();  // returns at once: commands may come now
+  service->Start();  // returns at once; commands can now be executed
   std::printf("started\n");
   const std::uint32_t result = Client(*service, L"sample").Execute(22, L"{}");
   service->power_event_task(PBT_APMRESUMEAUTOMATIC);
