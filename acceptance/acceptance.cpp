@@ -1,5 +1,5 @@
-// acceptance.exe [--yes] [--firmware] [ROW...]: checks this PC and the module on it, row by row,
-// and writes one report. Exits with 0 if nothing failed, 1 if something did, 2 if it cannot run.
+// acceptance.exe [--yes] [--firmware] [ROW...]: tests the module on this PC, row by row, and writes
+// one report. Exits with 0 if no row failed, 1 if a row failed, or 2 if it cannot run.
 #include <algorithm>
 #include <chrono>
 #include <cstddef>
@@ -27,7 +27,7 @@ using Hosting::Wide;
 
 using enum Account;
 
-// All that is checked, in this order.
+// All checks, in the order in which they run.
 constexpr Row kRows[] = {
     {"unknown_authority", System,
      "has the module refuse a program whose authority this PC does not trust",
@@ -73,7 +73,7 @@ constexpr Row kRows[] = {
 constexpr const char* kAccounts[] = {"user", "administrator", "SYSTEM", "SYSTEM at the console"};
 constexpr std::chrono::minutes kLongestRow{10};
 
-// Once, on the thread that comes first. The other one waits.
+// Cleans up once. If two threads call this, the second waits for the first.
 void Clean() noexcept {
   static std::once_flag once;
   std::call_once(once, [] { std::cerr << RemoveFootprint(Then::Nothing); });
@@ -86,15 +86,15 @@ struct Cleaner {
   ~Cleaner() { Clean(); }
 };
 
-// Windows ends the process when this returns, or 5 seconds after the window was closed. It does not
-// call it at log-off, as the program loads user32:
+// Windows terminates the process when this returns, or 5 seconds after the window was closed.
+// Windows does not call this at log-off, because the program loads user32:
 // https://learn.microsoft.com/windows/console/handlerroutine
 BOOL WINAPI CleanAtEnd(DWORD) {
   Clean();
   return FALSE;
 }
 
-// Runs `action` and returns the row's line of the report.
+// Runs `action` and returns the row's line for the report.
 template <typename Action>
 std::string Judge(const Row& row, Action action) {
   try {
@@ -106,7 +106,7 @@ std::string Judge(const Row& row, Action action) {
   }
 }
 
-// The program that runs a row: this one, as the row's account. Its line appears whole.
+// Runs a row in a process of its account. Renames the file so that no incomplete result is read.
 int RunRow(const std::string& name, const std::wstring& file) {
   for (const Row& row : kRows) {
     if (row.name != name) continue;
@@ -116,7 +116,7 @@ int RunRow(const std::string& name, const std::wstring& file) {
   return 2;
 }
 
-// Returns the line of a row that runs as its account. Throws if there is none.
+// Runs a row as its account and returns its line. Throws if it writes none.
 std::string RunAsAccount(const Row& row) {
   const bool asUser = row.account == Account::User && !IsWine();
   const std::wstring file =
@@ -128,7 +128,7 @@ std::string RunAsAccount(const Row& row) {
   const auto read = [&] {
     try {
       result = Exists(file) ? Utf8(Hosting::ReadTextFile(file)) : "";
-    } catch (const std::exception&) {  // a scanner may hold the new file for a moment
+    } catch (const std::exception&) {  // a virus scanner may have the new file open
       return false;
     }
     return !result.empty();
@@ -261,7 +261,7 @@ int Main(const std::vector<std::wstring>& arguments) {
   return Accept(options);
 }
 
-// A double click gives a window of its own, which would vanish with the verdict.
+// After a double click, the program has its own window, which would close along with the result.
 void KeepWindow() {
   DWORD process = 0;
   if (GetConsoleProcessList(&process, 1) != 1) return;

@@ -26,12 +26,12 @@ namespace {
 using Hosting::Utf8;
 using Hosting::WindowsError;
 
-constexpr wchar_t kAuthority[] = L"Vx Test Authority";  // its common name, in each kit
+constexpr wchar_t kAuthority[] = L"Vx Test Authority";  // its common name, the same in every kit
 constexpr wchar_t kDataNote[] = L"data.note";
 constexpr wchar_t kMsiNote[] = L"msi.note";
 constexpr wchar_t kFirmwareNote[] = L"firmware.note";
 
-// The console's handler runs on another thread.
+// The console control handler runs on another thread.
 std::mutex turn;
 bool ended = false;
 
@@ -44,8 +44,8 @@ struct StoreCloser {
 };
 using CertificateStore = std::unique_ptr<void, StoreCloser>;
 
-// The machine's own roots, without those of the enterprise and of group policy. Wine does not keep
-// a removal from all of them together.
+// The machine's own trusted roots, without those from the enterprise and group policy. In Wine, a
+// removal from the combined store does not persist.
 CertificateStore Roots() {
   CertificateStore store(CertOpenStore(CERT_STORE_PROV_SYSTEM_REGISTRY_W, 0, 0,
                                        CERT_SYSTEM_STORE_LOCAL_MACHINE, L"ROOT"));
@@ -58,7 +58,7 @@ const CERT_CONTEXT* Find(const CertificateStore& roots) {
                                     kAuthority, nullptr);
 }
 
-// Removes the authority of any kit, because another one may have been killed.
+// Removes the authorities of all kits, because another kit may have been killed.
 void RemoveAuthority() {
   {
     const CertificateStore roots = Roots();
@@ -78,7 +78,7 @@ void RemoveService() {
 
 void RemoveFolder(const std::wstring& folder) {
   std::error_code error;
-  // A program that has just ended may hold its file for a moment.
+  // The file of a program that has just exited may stay locked for a moment.
   const bool gone = Eventually(std::chrono::seconds(10), [&] {
     std::filesystem::remove_all(folder, error);
     return !Exists(folder);
@@ -104,7 +104,7 @@ void RemoveUserFolder() {
 
 // Reads the date, which changes nothing. The module writes it only if it is not set.
 std::string WhyFirmwareMayChange() {
-  // WBEM_E_NOT_FOUND, WBEM_E_INVALID_NAMESPACE, WBEM_E_INVALID_CLASS: no firmware of the maker
+  // WBEM_E_NOT_FOUND, WBEM_E_INVALID_NAMESPACE, WBEM_E_INVALID_CLASS: not the maker's firmware
   constexpr std::array kMissing{0x80041002U, 0x8004100EU, 0x80041010U};
   try {
     if (Tessel::Server::Services::Orvane::BornOnDateManager(true).born_on_date_has_been_set()) {
@@ -127,7 +127,7 @@ constexpr void (*kSteps[])() = {
     [] { Require(RemoveMsi(), "the MSI cannot be removed"); },
     &RemoveData,
     &RemoveUserFolder,
-    // The last, because its notes say what else there is.
+    // Last, because the notes in this folder record what else must be removed.
     [] { RemoveFolder(KitFolder()); },
 };
 
@@ -217,7 +217,7 @@ bool RemoveMsi() {
     removed = removed && (code == 0 || code == ERROR_UNKNOWN_PRODUCT);
   }
   if (!removed) return false;
-  // Wine does not delete it. One that is not empty stays.
+  // Wine does not delete the folder. A folder that is not empty is kept.
   if (IsWine()) RemoveDirectoryW(ProgramFiles(L"Vx").c_str());
   DeleteFileW(KitFile(kMsiNote).c_str());
   return true;

@@ -20,7 +20,7 @@ std::wstring Installed(const wchar_t* file) {
   return ProgramFiles(L"Vx\\OrvaneService\\") + file;
 }
 
-// The product, while a row runs. The destructor removes it with its data.
+// The product under test. The destructor removes it with its data.
 class Product {
  public:
   enum class Starts { Nothing, Service };
@@ -45,7 +45,7 @@ class Product {
   static void Install(const wchar_t* name, const std::wstring& properties = {}) {
     const std::wstring msi = KitFile(name);
     NoteMsi(msi);
-    // Under Wine no folder belongs to the administrators, as it has to for use.
+    // Under Wine, no folder belongs to the administrators, as it must outside development.
     const unsigned code = RunMsi(L"/i \"" + msi + L"\"" + properties +
                                  (IsWine() ? L" SERVICEOPTIONS=--development" : L""));
     Require(code == 0, "msiexec exits with " + std::to_string(code));

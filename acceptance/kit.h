@@ -10,18 +10,18 @@
 namespace Vx::Acceptance {
 
 enum class Account {
-  User,           // the user of the desktop, without an administrator's rights
+  User,           // the desktop's user, without administrator rights
   Administrator,  // the account of this program
-  System,         // a scheduled task
-  Console,        // SYSTEM at the console: a subscribed program that the installed service starts
+  System,         // SYSTEM, in a scheduled task
+  Console,        // SYSTEM at the console: a subscribed program, started by the installed service
 };
 
-// One check. `run` returns what it saw, throws NotTried if this PC cannot show it, and another
-// exception if it fails. It runs in a process of its own, from the kit's folder.
+// One check. `run` returns what it observed. It throws NotTried if this PC does not allow the
+// check, and another exception if the check fails. Runs in its own process, from the kit's folder.
 struct Row {
   const char* name;
   Account account;
-  const char* sentence;  // what it does, for the tester
+  const char* sentence;  // what the check does, for the tester
   std::string (*run)();
 };
 
@@ -29,7 +29,7 @@ struct NotTried : std::runtime_error {
   using runtime_error::runtime_error;
 };
 
-// Throws if a check of a row does not hold.
+// Throws std::runtime_error with the message `otherwise` unless `holds` is true.
 void Require(bool holds, const std::string& otherwise);
 
 // module_rows.cpp: the module, with its data in the kit's folder.
@@ -41,11 +41,11 @@ std::string SubscriptionIsKept();
 std::string OnlyPinnedProgramsRun();
 std::string CatalogIsVerified();
 std::string BornOnDateIsSet();
-// windows_rows.cpp: what Windows has and Wine lacks.
+// windows_rows.cpp: features that Windows has and Wine lacks.
 std::string PackagesAreFound();
 std::string AliasStartsItsApp();
 std::string BlockedOpenIsCancelled();
-// service_rows.cpp: the service VxAcceptance, which exists while a row runs.
+// service_rows.cpp: the service VxAcceptance, which is installed only while a row runs.
 std::string FailureIsInTheEventLog();
 std::string ServiceLives();
 std::string ProgramRunsAtTheConsole();
@@ -57,7 +57,7 @@ std::string MsiUpgrades();
 
 // pc.cpp: this PC, and programs that run on it.
 
-// Returns whether this is Wine. It knows one account and trusts any certificate, so rows for other
+// Returns whether this is Wine. Wine has one account and trusts any certificate, so rows for other
 // accounts run directly there.
 bool IsWine();
 void NeedsWindows(const char* whatWineLacks);  // throws NotTried under Wine
@@ -66,35 +66,35 @@ std::string WindowsBuild();
 // Returns whether Smart App Control blocks programs without a known signature.
 bool SmartAppControlBlocks();
 bool Exists(const std::wstring& path);
-std::wstring ProgramFiles(const wchar_t* name);  // the path of a file or folder there
+std::wstring ProgramFiles(const wchar_t* name);  // a path in %ProgramFiles%
 std::wstring ProgramData(const wchar_t* name);
-std::wstring SystemProgram(const wchar_t* name);  // quoted
-// The kit's folder below %ProgramFiles%, to which only administrators write, and a file in it.
+std::wstring SystemProgram(const wchar_t* name);  // the quoted path
+// The kit's folder in %ProgramFiles%, where only administrators can write, and a file in it.
 std::wstring KitFolder();
 std::wstring KitFile(const wchar_t* name);
-// The folder below %ProgramData% in which a row of the user leaves its result.
+// The folder in %ProgramData% in which a row that runs as the user leaves its result.
 std::wstring UserFolder();
 
 struct Finished {
   unsigned code;
-  std::string output;  // standard output and errors
+  std::string output;  // standard output and standard error
 };
-// Runs a program to its end. Throws std::runtime_error.
+// Runs a program until it exits. Throws std::runtime_error if it cannot be started.
 Finished Run(const std::wstring& commandLine);
-// As above. Throws unless the program exits with 0 and prints `text`.
+// Like Run, but also throws unless the program exits with 0 and prints `text`. Returns the output.
 std::string Expect(const std::wstring& commandLine, const std::string& text = {});
 // The command line of the kit's vxhost.
 std::wstring Tool(const std::wstring& arguments);
 
-// Starts a program as this account, or as the user of the desktop. Throws NotTried if there is
-// none.
+// Start a program as this account, or as the desktop's user. StartAsUser throws NotTried if there
+// is no desktop.
 Platform::UniqueHandle Start(const std::wstring& commandLine);
 Platform::UniqueHandle StartAsUser(const std::wstring& commandLine);
 bool HasEnded(const Platform::UniqueHandle& process);
-// Has a scheduled task run a program as SYSTEM. EndTask ends and deletes it.
+// Runs a program as SYSTEM in a scheduled task. EndTask stops and deletes the task.
 void StartTask(const std::wstring& program, const std::wstring& arguments);
 void EndTask();
-// Ends all programs that Run and Start began. Afterwards, only this thread can start a program.
+// Terminates the programs that Run and Start started. Then only this thread can start a program.
 void EndPrograms() noexcept;
 
 // Returns whether `condition` becomes true within `limit`.
@@ -102,36 +102,36 @@ template <typename Condition>
 bool Eventually(std::chrono::milliseconds limit, Condition condition);
 void Pause(std::chrono::milliseconds length);
 
-// footprint.cpp: what the kit adds to the PC, and what it must leave alone.
+// footprint.cpp: what the kit adds to the PC, and what it must not change.
 
-// Removes all that any kit adds: the test authority's certificate, its task, its service, its MSI,
-// their data, and its folders. Call it at the start, because an earlier kit may have been killed,
-// and whenever the kit exits, with Nothing, so that nothing more can be added. Returns why
-// something is left, or an empty string.
+// Removes everything that any kit adds: the test authority's certificate, the task, the service,
+// the MSI, their data, and the kit's folders. Call with GoOn at the start, because an earlier kit
+// may have been killed, and with Nothing whenever the kit exits, so that nothing more can be added.
+// Returns why something could not be removed, or an empty string.
 enum class Then { GoOn, Nothing };
 std::string RemoveFootprint(Then then) noexcept;
 void CopyKit(const std::wstring& source);
-void TrustAuthority();  // until RemoveFootprint
-// The tester's request for what cannot be undone.
+void TrustAuthority();  // undone by RemoveFootprint
+// The tester's consent to a firmware change, which cannot be undone.
 void AllowFirmware();
 bool FirmwareIsAllowed();
-// Throws NotTried if starting the module would change what belongs to this PC: its services' data
-// and programs or, unless that is allowed, the born-on date in its firmware.
+// Throws NotTried if starting the module could change what belongs to this PC: existing data and
+// programs in its Vx folders or, unless allowed, the born-on date in its firmware.
 enum class Firmware { AtStake, Untouched };
 void NeedsFreePc(Firmware firmware = Firmware::AtStake);
-// Record that the services' data, which do not exist yet, and the product of this MSI will be the
-// kit's. RemoveData and RemoveMsi remove only what is recorded.
+// Record that the kit is about to create the services' data, or to install this MSI. RemoveData and
+// RemoveMsi remove only what has been recorded.
 void NoteData();
 void NoteMsi(const std::wstring& msi);
 void RemoveData();
 bool RemoveMsi();  // false if Windows Installer fails
-// Runs msiexec without its user interface. Returns its exit code, 0 even if Windows has to be
-// restarted. Throws NotTried if another installation is running.
+// Runs msiexec without its user interface. Returns its exit code, or 0 if Windows only needs a
+// restart. Throws NotTried if another installation is running.
 unsigned RunMsi(const std::wstring& arguments);
 
 // report.cpp
 
-// A row's line begins with one of these.
+// A row's line starts with one of these.
 inline constexpr char kPass[] = "PASS";
 inline constexpr char kFail[] = "FAIL";
 inline constexpr char kNotTried[] = "NOT TRIED";

@@ -12,15 +12,15 @@ namespace {
 
 using Hosting::Utf8;
 
-constexpr wchar_t kReport[] = L".out";  // where a program of the kit says how it was started
+constexpr wchar_t kReport[] = L".out";  // where a kit program reports how it was started
 
-// The beginning of a command line of the tool that has its store in the kit's folder.
+// Returns the start of a vxhost command line that uses a store in the kit's folder.
 std::wstring ToolWithStore(const wchar_t* name) {
   std::filesystem::create_directory(KitFile(name));
   return Tool(L"--store \"" + KitFile(name) + L"\" ");
 }
 
-// Writes a subscription to a power event with which nothing else runs (PBT_APMPOWERSTATUSCHANGE).
+// Writes a subscription to PBT_APMPOWERSTATUSCHANGE, which triggers nothing else. Returns "@FILE".
 std::wstring SubscriptionTo(const std::wstring& program) {
   const std::wstring file = KitFile(L"subscription.json");
   Hosting::WriteTextFile(file,
@@ -30,7 +30,7 @@ std::wstring SubscriptionTo(const std::wstring& program) {
   return L"\"@" + file + L"\"";
 }
 
-// Has the module deliver an event for each program, and checks that it refuses these.
+// Delivers an event for each program. Checks that `refused` do not run and that `allowed` does.
 void ExpectRefused(const wchar_t* store, std::initializer_list<std::wstring> refused,
                    const std::wstring& allowed = {}) {
   const std::wstring tool = ToolWithStore(store);
@@ -38,7 +38,7 @@ void ExpectRefused(const wchar_t* store, std::initializer_list<std::wstring> ref
     Expect(tool + L"exec 9 " + SubscriptionTo(program), "(stored)");
   }
   if (!allowed.empty()) Expect(tool + L"exec 9 " + SubscriptionTo(allowed), "(stored)");
-  // Windows may first download its list of roots, for up to 15 seconds.
+  // Windows may first take up to 15 seconds to download its list of trusted roots.
   const std::string seen =
       Expect(tool + L"events --power 10 --seconds " + (IsWine() ? L"3" : L"60"));
   for (const std::wstring& program : refused) {
@@ -72,7 +72,7 @@ std::string MicrosoftsAbiWorks() {
 
 std::string SlotsWork() {
   NeedsFreePc(Firmware::Untouched);
-  // Where this program is installed, the module leaves the born-on date alone.
+  // If this program is installed, the module does not set the born-on date.
   const std::wstring marker = KitFile(LR"(data\Vx\Vx Lumo Tessel\VxLumoTessel.exe)");
   std::filesystem::create_directories(std::filesystem::path(marker).parent_path());
   Hosting::WriteTextFile(marker, "");

@@ -22,8 +22,8 @@ using Platform::UniqueHandle;
 constexpr wchar_t kName[] = L"VxAcceptance";
 constexpr wchar_t kWindowsKey[] = LR"(SOFTWARE\Microsoft\Windows NT\CurrentVersion)";
 
-// By default a task does not start on battery or while an earlier one of its name ends, and has
-// less than the normal priority:
+// By default, a task does not start on battery power or while an earlier instance is ending, and
+// runs at less than normal priority:
 // https://learn.microsoft.com/windows/win32/taskschd/taskschedulerschema-settingstype-complextype
 constexpr wchar_t kTask[] =
     LR"(<?xml version="1.0" encoding="UTF-16"?>
@@ -56,9 +56,9 @@ DWORD MachineNumber(const wchar_t* key, const wchar_t* value) {
   return number;
 }
 
-// Windows closes a job when the process that made it ends, even if it is killed, and then ends the
-// programs in it. What these start leaves the job, because all processes of a job are in one
-// session, and the module starts programs in another:
+// Windows closes a job when the process that created it exits, even if it is killed, and then
+// terminates the programs in the job. Their child processes leave the job, because all processes of
+// a job share one session, and the module starts programs in another:
 // https://learn.microsoft.com/windows/win32/api/jobapi2/nf-jobapi2-assignprocesstojobobject
 HANDLE MakeJob() {
   HANDLE const job = CreateJobObjectW(nullptr, nullptr);
@@ -69,7 +69,7 @@ HANDLE MakeJob() {
   return job;
 }
 
-// The programs that this one starts.
+// The job of the programs that this one starts.
 HANDLE Job() {
   static HANDLE const job = MakeJob();
   return job;
@@ -121,7 +121,7 @@ bool IsElevated() {
 }
 
 std::string WindowsBuild() {
-  // Without ProductName, which is "Windows 10" on Windows 11 as well.
+  // Omits ProductName, which is "Windows 10" even on Windows 11.
   return Utf8((IsWine() ? L"Wine, as Windows " : L"Windows ") + BuildText(L"DisplayVersion") +
               L" " + BuildText(L"EditionID") + L", build " + BuildText(L"CurrentBuild") + L"." +
               std::to_wstring(MachineNumber(kWindowsKey, L"UBR")));
@@ -208,7 +208,7 @@ UniqueHandle Start(const std::wstring& commandLine) {
   return StartWith(commandLine, nullptr);
 }
 
-// The shell has the token of the desktop's user, even if another account confirmed the elevation:
+// The shell has the token of the desktop's user, even if another account approved the elevation:
 // https://learn.microsoft.com/windows/win32/api/winbase/nf-winbase-createprocesswithtokenw
 UniqueHandle StartAsUser(const std::wstring& commandLine) {
   DWORD id = 0;
@@ -242,7 +242,7 @@ void StartTask(const std::wstring& program, const std::wstring& arguments) {
   const std::wstring text = L"\xFEFF" + (kTask + Wide(Hosting::Markup(Utf8(program)))) +
                             L"</Command><Arguments>" + Wide(Hosting::Markup(Utf8(arguments))) +
                             L"</Arguments></Exec></Actions></Task>";
-  // The scheduler reads UTF-16.
+  // The task scheduler expects UTF-16.
   Hosting::WriteTextFile(
       file, std::string(reinterpret_cast<const char*>(text.data()), text.size() * sizeof(wchar_t)));
   Expect(TaskCommand(L"/create") + L" /f /xml \"" + file + L"\"");

@@ -20,7 +20,7 @@ std::string Hex(const unsigned char* bytes, std::size_t size) {
   return text;
 }
 
-// The build id that names the PDB, as the linker wrote it.
+// Returns the build ID that identifies the PDB, as the linker wrote it.
 std::string BuildId(const std::wstring& path) {
   std::ifstream file(path.c_str(), std::ios::binary);
   const std::string content(std::istreambuf_iterator<char>(file), {});
@@ -34,7 +34,7 @@ std::string BuildId(const std::wstring& path) {
 
 std::string LineOf(const char* word, const char* name, const std::string& reason) {
   std::string line = Hosting::Cell(word, std::size(kNotTried) + 1) + name + ":";
-  // The output of programs becomes one line.
+  // Collapses white space, so that the output of a program becomes one line.
   bool blank = true;
   for (const char letter : reason) {
     const bool space = letter == ' ' || letter == '\r' || letter == '\n';

@@ -25,7 +25,7 @@ class Service {
     if (Exists(ProgramData(L"Vx")))
       throw NotTried(Utf8(ProgramData(L"Vx")) + " belongs to this PC");
     NoteData();
-    // Under Wine no folder belongs to the administrators, as it has to for use.
+    // Under Wine, no folder belongs to the administrators, as it must outside development.
     Expect(Tool(L"service install --start demand") + kName +
                (purpose == For::Development || IsWine() ? L" --development" : L""),
            "is installed");
@@ -58,7 +58,7 @@ std::string Process() {
   return status.substr(begin, status.find_first_not_of("0123456789", begin) - begin);
 }
 
-// Its failure actions restart it after a minute.
+// Kills the service's process. The failure actions restart the service after a minute.
 void ExpectRestart() {
   const std::string process = Process();
   Expect(SystemProgram(L"taskkill.exe") + L" /f /pid " + Hosting::Wide(process));

@@ -18,7 +18,7 @@ namespace {
 
 using Platform::UniqueHandle;
 
-// Each user of Windows 10 and 11 has it.
+// Every user of Windows 10 and 11 has this package.
 constexpr wchar_t kShellFamily[] = L"Microsoft.Windows.ShellExperienceHost_cw5n1h2txyewy";
 constexpr wchar_t kInstallerFamily[] = L"Microsoft.DesktopAppInstaller_8wekyb3d8bbwe";
 constexpr wchar_t kInstallerAlias[] = L"winget.exe";
@@ -51,7 +51,7 @@ std::string AliasStartsItsApp() {
   return "started as the user at the console";
 }
 
-// An open waits while the holder of an oplock has not answered:
+// Opening a file blocks until the owner of its oplock acknowledges the break:
 // https://learn.microsoft.com/windows/win32/fileio/opportunistic-locks
 std::string BlockedOpenIsCancelled() {
   NeedsWindows("it has no oplocks");
@@ -74,7 +74,7 @@ std::string BlockedOpenIsCancelled() {
                        !opener.JoinFor(std::chrono::milliseconds(500));
   if (opener.Joinable()) opener.CancelIo();
   if (opener.Joinable() && !opener.JoinFor(std::chrono::seconds(10))) {
-    // Only the end of this process frees the thread.
+    // The thread is blocked until this process exits.
     opener.Detach();
     throw std::runtime_error("the open is not cancelled within 10 s");
   }
