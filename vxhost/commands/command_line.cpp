@@ -116,11 +116,11 @@ void CommandLine::AddShared(CLI::App& command, unsigned options) {
 int CommandLine::Execute(std::vector<std::string> arguments) {
   for (const auto& [command, shared] : commands) AddShared(*command, shared);
   for (const auto& leading : kLeading) app.get_option(leading.name)->group(kLeadingGroup);
-  // A command-line error can be raised before the parser has seen --json.
+  // The parser may report an error before it reaches --json.
   json = std::find(arguments.begin(), arguments.end(), "--json") != arguments.end();
   try {
     RefuseUnknownSubcommand(arguments);
-    std::reverse(arguments.begin(), arguments.end());  // the parser takes them from the end
+    std::reverse(arguments.begin(), arguments.end());  // the parser reads them from the end
     app.parse(std::move(arguments));
     RefuseUselessOptions();
   } catch (const CLI::ParseError& error) {
@@ -137,7 +137,7 @@ int CommandLine::Execute(std::vector<std::string> arguments) {
     const int code = run(console);
     return console.LostOutput() ? Fail(kLostOutput, 0) : code;
   } catch (const WindowsError& error) {
-    // Its text is for people. It depends on the language of Windows.
+    // The text depends on the language of Windows, so only people see it.
     std::string text = error.what();
     const std::string number = "(error " + std::to_string(error.Code());
     if (!json) text.insert(text.find(number) + number.size(), ": " + ErrorText(error.Code()));

@@ -27,7 +27,7 @@ enum Options : unsigned {
   Simulate = 4,
   Store = 8,
   Leading = Dll | PrivateStore | Simulate | Store,  // these may also precede the subcommand
-  Timeout = 16,                                     // to wait for the store
+  Timeout = 16,                                     // the time to wait for the store
   Service = 32,
   Json = 64,  // the subcommand writes its results with Console::JsonResult
 };
@@ -43,7 +43,7 @@ struct CommandText {
 // A subcommand without options of its own.
 struct NoOptions {};
 
-// The subcommands and the one chosen on the command line. Use from one thread.
+// The subcommands, and the one that the command line selects. Use from one thread.
 class CommandLine {
  public:
   // Returns an ExitCode. Throws std::exception for an error that the user must correct.
@@ -73,7 +73,7 @@ class CommandLine {
   // Adds a subcommand that only contains other subcommands.
   CLI::App& AddGroup(const char* name, const char* about);
 
-  // Runs the subcommand in `arguments` and prints an error that it throws. Returns the exit code.
+  // Runs the subcommand in `arguments` and prints any error that it throws. Returns the exit code.
   int Execute(std::vector<std::string> arguments);
 
  private:

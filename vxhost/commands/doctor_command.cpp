@@ -54,14 +54,14 @@ struct Options {
   std::string logFolder;
 };
 
-// What the examination found so far, in both forms.
+// The results so far, as JSON and as text.
 struct Checks {
   std::vector<JsonRow> rows;
   std::vector<std::string> lines;
   ExitCode worst = kDone;
 
-  // Adds a good check, or a finding with what was expected and what to do. A finding means that one
-  // of the module's capabilities does not work or, if it is Unusable, that none does.
+  // Adds a passed check or, unless `good`, a finding with the expected state and advice. A finding
+  // means that one feature of the module does not work or, if it is Unusable, that none does.
   enum class Finding { Limits, Unusable };
   void Add(const std::string& what, bool good, const std::wstring& found,
            const std::wstring& expected = {}, const std::wstring& advice = {},
@@ -96,7 +96,7 @@ std::wstring Code(std::uint32_t error) {
   return L"error " + std::to_wstring(error);
 }
 
-// Returns the version in a file's resource, "1.2.3.4", or empty if it has none.
+// Returns the version in a file's resource, such as "1.2.3.4", or "" if it has none.
 std::wstring FileVersion(const std::wstring& path) {
   DWORD ignored = 0;
   std::vector<std::byte> block(GetFileVersionInfoSizeW(path.c_str(), &ignored));
@@ -182,7 +182,7 @@ void Pins(const std::wstring& module, const std::optional<ModulePins>& pins, Che
              L"with the maker's: vxhost pins");
 }
 
-// One line for each stored subscription, judged as "subscriptions" does.
+// Adds a check for each stored subscription, with the verdict that "subscriptions" shows.
 void Subscriptions(const StoreLook& look, Tessel::Security::KeySet keys, Checks& checks) {
   for (const Explanation& one : Explain(SubscriptionsOf(look), {}, keys)) {
     const std::wstring number = std::to_wstring(one.subscription.number);
@@ -197,7 +197,7 @@ void Subscriptions(const StoreLook& look, Tessel::Security::KeySet keys, Checks&
   }
 }
 
-// Reads the store as "store verify" does, while no service can write it.
+// Reads the store as "store verify" does, while no service can write to it.
 void Store(const HoldLimits& limits, Tessel::Security::KeySet keys, Checks& checks) {
   constexpr wchar_t kSound[] = L"a file that this machine can decrypt, and no other beside it";
   std::optional<StoreLook> look;
@@ -262,7 +262,7 @@ void Service(const std::string& written, Checks& checks) {
   }
 }
 
-// Checks what the service's logs say of the service itself. Clients choose other texts in a log.
+// Checks the service's own lines in its logs. Clients influence the text of other lines.
 void Log(const std::string& named, Checks& checks) {
   const std::filesystem::path folder = LogFolderOf(named);
   std::wstring count;
@@ -342,7 +342,7 @@ void Package(const Orvane::CompanionApp& app, Checks& checks) {
              L"install it, unless this machine is sold without it: Add-AppxPackage FILE");
 }
 
-// Checks the parts of Windows and of the machine that the module uses.
+// Checks the features of Windows and of the machine that the module uses.
 void Parts(Tessel::Security::KeySet general, Checks& checks) {
   const auto setup = Machine().oobe->Query();
   checks.Add("first-run set-up", setup.known && setup.complete,
@@ -376,7 +376,7 @@ Checks Examine(const Options& options, const ModuleOptions& which) {
   try {
     pins.emplace(module);
   } catch (const std::runtime_error&) {
-    pins.reset();  // its check reports that
+    pins.reset();  // the check of the pinned keys reports that
   }
   Checks checks;
   ModuleFile(module, "module", L"install both from one package: vxhost service install --replace",

@@ -73,7 +73,7 @@ int ExplainResume(Console& console) {
   using Tessel::Server::Services::Orvane::Qubo::QuboFacade;
   using Tessel::Server::Storage::CapDataStore;
   using Tessel::Server::Storage::StoreState;
-  // Reading through the module's store creates its folders, so use a private one if none exists.
+  // Reading through the module's store creates its folders, so use a private one if there is none.
   std::optional<PrivateStore> none;
   if (LookAtFile(CapDataStore::PathOfFile()).reading.state == StoreState::Missing) none.emplace();
   std::vector<std::string> lines;

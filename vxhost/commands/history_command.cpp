@@ -52,7 +52,7 @@ struct Options {
   std::string timeline;
 };
 
-// Returns the moment that --since or --until names.
+// Returns the time that --since or --until specifies.
 std::int64_t MomentNamed(const std::string& text, std::int64_t now) {
   constexpr std::int64_t kHalfDay = 43'200'000;
   const auto dayOf = [](std::int64_t moment) { return TimeText(moment).substr(0, 10); };
@@ -75,7 +75,7 @@ std::int64_t MomentNamed(const std::string& text, std::int64_t now) {
   return now - count * length * 1000;
 }
 
-// Returns the stored subscriptions. Empty if the store cannot be read.
+// Returns the stored subscriptions, or none if the store cannot be read.
 std::vector<StoredSubscription> Stored() {
   try {
     return SubscriptionsOf(LookAtStore());
@@ -127,7 +127,7 @@ JsonRow AsJson(const HistoryRow& row) {
   return result;
 }
 
-// Log lines as a play record.
+// Collects log lines as a play record and draws its timeline.
 class LogRecord {
  public:
   void Add(const HistoryLine& line) {
@@ -137,7 +137,7 @@ class LogRecord {
       throw std::runtime_error(
           "--timeline needs the thread of each line, which only the log of a service has");
     }
-    // Different processes may use the same thread number.
+    // Different processes may have threads with the same ID.
     const auto number = static_cast<std::uint32_t>(threads.size() + 1);
     const auto thread = threads.try_emplace({line.line.process, line.thread}, number).first->second;
     entries.push_back({.at = std::chrono::milliseconds(*moment),
@@ -146,8 +146,8 @@ class LogRecord {
                        .log = line.line});
   }
 
-  // Draws all lines, or those of the log's last day. A browser shows a page of so many entries at
-  // once. A denser log keeps its decisions and the host's lines, and of these the last.
+  // Draws all lines, or those of the log's last day. Above kMost entries, a browser is slow to show
+  // the page, so only decisions and the host's lines are kept, and of these only the last kMost.
   enum class Extent { All, LastDay };
   void Draw(const std::string& file, const std::vector<StoredSubscription>& stored, Extent extent) {
     constexpr std::size_t kMost = 4000;
@@ -193,9 +193,9 @@ std::wstring Lower(std::wstring text) {
 // Returns why no row that matches `isOf` is a delivery, or an empty string if one is.
 std::string WhyNothing(const std::vector<HistoryRow>& rows, const auto& isOf,
                        const std::vector<Period>& outages, Zone zone) {
-  const HistoryRow* event = nullptr;   // the last power event, which a delivery proves as well
-  const HistoryRow* stored = nullptr;  // the first subscription
-  std::size_t others = 0;              // the deliveries of others
+  const HistoryRow* event = nullptr;   // the last power event, or a delivery for one
+  const HistoryRow* stored = nullptr;  // the first row that stored a subscription
+  std::size_t others = 0;              // deliveries to other subscriptions
   bool any = false;
   for (const HistoryRow& row : rows) {
     const bool delivery = row.isDelivery || row.unreadable != 0;
@@ -232,7 +232,7 @@ std::string WhyNothing(const std::vector<HistoryRow>& rows, const auto& isOf,
          ": vxhost explain " + Utf8(event->event);
 }
 
-// The log of one service, which may grow.
+// The log of one service, read as it grows.
 struct FollowedService {
   std::wstring name;
   LogFollower log;
@@ -301,7 +301,7 @@ int RunHistory(const Options& options, const ModuleOptions&, Console& console) {
     if ((options.failed && !row.failed) || !isOf(row)) return;
     console.Show(AsJson(row), {LineOf(row, zone)});
   };
-  if (options.follow) history.TakeChanges();  // they are among the first rows
+  if (options.follow) history.TakeChanges();  // the rows below include them
   const auto rows =
       options.follow ? History(history).Finish(period, now) : history.Finish(period, now);
   std::ranges::for_each(rows, show);
@@ -359,7 +359,7 @@ std::size_t ReadLog(const std::filesystem::path& path,
   const std::wstring service = ServiceOf(path);
   std::ifstream file(path, std::ios::binary);
   if (!file) throw std::runtime_error("cannot read " + Utf8(path.wstring()));
-  // A log line starts with a brace. A byte beyond ASCII is a mark: PowerShell saves as UTF-16.
+  // A first byte beyond ASCII belongs to a byte-order mark, as PowerShell saves text in UTF-16.
   std::istringstream decoded;
   const bool marked = file.peek() > 0x7F;
   if (marked) decoded.str(Utf8(ReadTextFile(path.wstring())));

@@ -19,11 +19,11 @@ void AddHistoryCommand(CommandLine& line);
 std::filesystem::path LogFolderOf(const std::string& argument);
 
 // Returns the full paths of the log files in `folder`, oldest first. Throws std::runtime_error with
-// advice for the user if the folder cannot be listed or has none.
+// advice for the user if the folder cannot be listed or contains none.
 std::vector<std::filesystem::path> LogFilesIn(const std::filesystem::path& folder);
 
-// Passes each log line of the file that contains `part` to `take`. Returns how many lines were not
-// log lines. Throws std::runtime_error if the file cannot be read.
+// Passes to `take` each log line in the file that contains `part`. Returns how many lines with
+// `part` are not log lines. Throws std::runtime_error if the file cannot be read.
 std::size_t ReadLog(const std::filesystem::path& path,
                     const std::function<void(const HistoryLine&)>& take,
                     std::string_view part = {});

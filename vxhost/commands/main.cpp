@@ -30,7 +30,7 @@ namespace {
 
 using namespace Vx::Hosting::Tool;
 
-// Returns the arguments as UTF-8. Those passed to main went through the system's code page.
+// Returns the arguments as UTF-8. Those passed to main were converted to the system's code page.
 std::vector<std::string> Arguments() {
   int count = 0;
   const std::unique_ptr<wchar_t*, decltype(&LocalFree)> wide(

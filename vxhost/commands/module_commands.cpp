@@ -46,8 +46,8 @@ struct ExecOptions {
   std::uint32_t process = 0;
 };
 
-// Returns the request given as an argument. To remove a subscription, the module compares the text
-// with the stored compact form, which may differ from the file used to subscribe.
+// Returns the request given as an argument. Compacts a file's request to unsubscribe, because the
+// module compares the text with the compact form that it stored.
 std::wstring RequestText(const ExecOptions& options) {
   constexpr std::uint32_t kUnsubscribe[] = {15, 19};
   std::wstring text = TextOrFile(options.request);
@@ -56,7 +56,7 @@ std::wstring RequestText(const ExecOptions& options) {
   try {
     return Json::JsonObject::Parse(text).Stringify();
   } catch (const Platform::WindowsRuntimeError&) {
-    return text;  // the module rejects it and names the fault
+    return text;  // the module rejects it and reports the error
   }
 }
 
@@ -83,7 +83,7 @@ struct ScenarioOptions {
 // Scenarios to play. All are read before the first is played.
 struct ScenarioRun {
   std::vector<std::unique_ptr<Scenario>> scenarios;
-  std::vector<PlayedScenario> played;  // one each; only `error` is set if unplayable
+  std::vector<PlayedScenario> played;  // one each; if it cannot be played, only `error` is set
   std::string faults;
 };
 
@@ -107,7 +107,7 @@ ScenarioRun Read(const ScenarioOptions& options, const ModuleOptions& module) {
   return run;
 }
 
-// Plays a scenario in its own harness. After an error, reports are still written.
+// Plays a scenario in its own harness. An error is only stored, so reports are still written.
 void Play(const ModuleOptions& module, const Scenario& scenario, Console& console,
           PlayedScenario& played) {
   const auto context = MakeHarness(module, console, [&] { scenario.Prepare(); });

@@ -4,8 +4,8 @@
 
 namespace Vx::Hosting::Tool {
 
-// Prints the state of this machine's service, store and subscriptions, in one line each, and what
-// to try next. Runs if there is no subcommand. Changes nothing.
+// Prints the state of this machine's service, store and subscriptions, on one line each, and
+// suggests what to run next. Runs if there is no subcommand. Changes nothing.
 int Overview(Console& console);
 
 }  // namespace Vx::Hosting::Tool

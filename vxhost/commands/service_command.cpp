@@ -99,7 +99,7 @@ struct InstallOptions {
 
 struct NameOptions {
   std::string name = kDefaultServiceName;
-  bool force = false;  // for a removal
+  bool force = false;  // for "remove"
 };
 
 struct SendOptions {
@@ -117,7 +117,7 @@ std::wstring CheckedName(const std::string& name) {
   return Wide(name);
 }
 
-// Returns the service's program, next to this one.
+// Returns the path of the service's program, which is in the same folder as this one.
 std::wstring HostProgram() {
   const std::wstring tool = OwnPath();
   return FullPathOfFile(Utf8(tool.substr(0, tool.rfind(L'\\') + 1)) + "OrvaneHost.exe");

@@ -77,7 +77,7 @@ int Verify(const Options& options, const ModuleOptions& module, Console& console
   return verdict.IsSound() ? kDone : kNotMet;
 }
 
-// Reports the path of the copy of the store that was replaced.
+// Reports the path under which the replaced store was kept.
 int Replaced(const std::wstring& kept, Console& console) {
   console.Show({{L"kept", kept}},
                {kept.empty() ? "done; there was no store before"

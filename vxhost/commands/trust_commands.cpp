@@ -116,7 +116,7 @@ bool HoldsKey(const std::string& text, std::string_view key) {
   return false;
 }
 
-// Writes a temporary file and renames it, so that a failed write leaves the old content.
+// Writes a temporary file and renames it, so that a failed write does not change the file.
 void Replace(const std::wstring& path, const std::string& text) {
   const std::wstring sibling = path + L".new";
   std::ofstream file(sibling.c_str(), std::ios::binary);

@@ -23,7 +23,7 @@ namespace Vx::Hosting::Tool {
 
 namespace {
 
-// The shared memory through which all programs pass debug output to the only monitor.
+// The shared memory through which programs pass debug output to the debug monitor.
 struct DebugBuffer {
   DWORD process;
   std::array<char, 4096 - sizeof(DWORD)> text;
@@ -68,8 +68,8 @@ class Monitor {
   }
 
  private:
-  // Only a monitor creates the buffer. Two monitors sharing one would each get only some of the
-  // lines. A writer can keep an ended monitor's buffer alive for a moment.
+  // Only a monitor creates the buffer. Two monitors sharing one would each receive only some of the
+  // lines. A writer can keep the buffer alive for a moment after its monitor has exited.
   void MakeBuffer(const std::wstring& name) {
     constexpr int kAttempts = 20;
     constexpr DWORD kPause = 50;  // milliseconds
@@ -98,7 +98,7 @@ std::wstring TakeWord(std::wstring& rest) {
   return word;
 }
 
-// Parses `LEVEL provider [caller] message`. Returns a line in another form as an INFO message.
+// Parses `LEVEL provider [caller] message`. Returns any other text as an INFO message.
 LogLine ParseLogLine(const std::wstring& text) {
   LogLine line;
   std::wstring rest = text;
@@ -117,7 +117,7 @@ LogLine ParseLogLine(const std::wstring& text) {
   return line;
 }
 
-// Returns the local time, with the date for programs and without it for people.
+// Returns the local time, with the date if `whole` is true.
 std::wstring Now(bool whole) {
   const std::wstring text = DateTimeText(LocalFileTime());
   return whole ? text : text.substr(text.find(L'T') + 1);
@@ -139,7 +139,7 @@ bool Contains(const std::wstring& text, const std::string& part) {
   return text.find(Wide(part)) != std::wstring::npos;
 }
 
-// Returns whether the user asked for this line.
+// Returns whether the line passes the filters in `options`.
 bool IsWanted(const LogLine& line, const Options& options) {
   if (line.provider.empty()) return false;  // debug output from another program
   const auto level = std::ranges::find(kLevels, line.level) - kLevels;
@@ -151,7 +151,7 @@ bool IsWanted(const LogLine& line, const Options& options) {
   return Contains(line.provider, options.provider) && Contains(line.message, options.text);
 }
 
-// Requires an administrator, because it reads the log files.
+// Requires administrator rights, because it reads the log files.
 int WatchService(const Options& options, const std::string& service, Console& console) {
   constexpr wchar_t kEarlier[] = L"vxhost";  // names the log files of an earlier version
   const std::uint32_t process = ProcessOfService(Wide(service));

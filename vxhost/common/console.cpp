@@ -60,7 +60,7 @@ constexpr struct {
     {0x800B010A, "CERT_E_CHAINING"},
 };
 
-// The terminal's former state. Global, because the Ctrl+C handler runs on its own thread.
+// The terminal's original state. Global, because the Ctrl+C handler runs on its own thread.
 UINT codePageBefore = 0;
 DWORD modeBefore = 0;
 bool modeChanged = false;
@@ -74,10 +74,10 @@ void GiveTerminalBack() {
 
 BOOL WINAPI EndedByUser(DWORD) {
   GiveTerminalBack();
-  return FALSE;  // the next handler ends the process
+  return FALSE;  // the next handler terminates the process
 }
 
-// Never closed, because Windows calls the handler on a thread of its own.
+// The events are never closed, because the handler uses them on a thread that Windows creates.
 HANDLE StopEvent() {
   static const HANDLE event = CreateEventW(nullptr, TRUE, FALSE, nullptr);
   return event;
@@ -87,7 +87,7 @@ HANDLE EndEvent() {
   return event;
 }
 
-// When a console closes, Windows ends the process as soon as this returns, or after some seconds:
+// When a console closes, Windows terminates the process once this returns, or after a few seconds:
 // https://learn.microsoft.com/windows/console/handlerroutine
 BOOL WINAPI RequestStop(DWORD kind) {
   SetEvent(StopEvent());

@@ -27,8 +27,8 @@ struct ConsoleOptions {
   Colours colours = Colours::Auto;
 };
 
-// Switches the terminal to UTF-8 and colors, and restores its code page and mode at the end, even
-// if Ctrl+C ends the process. Create only one per process.
+// Switches the terminal to UTF-8 and enables colors. Restores its code page and mode when
+// destroyed, or when Ctrl+C terminates the process. Create only one per process.
 class TerminalScope {
  public:
   TerminalScope();
@@ -38,8 +38,8 @@ class TerminalScope {
 };
 
 // Lets a command shut down cleanly on Ctrl+C or when the console closes. Otherwise, Windows would
-// end the process. Create one at a time, before the objects that must be destroyed first: a closing
-// console waits until this object is destroyed.
+// terminate the process. Create one at a time, before the objects that must be destroyed first: a
+// closing console waits until this object is destroyed.
 class StopRequest {
  public:
   StopRequest();
@@ -55,8 +55,8 @@ class StopRequest {
 // Printable) and escapes them in JSON.
 //
 // Results go to standard output. They are accompanied by headings, requests, notes and log lines.
-// In text form, these precede the result. In JSON form, they go to standard error, where no parser
-// reads them. A quiet console omits them.
+// In text form, these go to standard output too. In JSON form, they go to standard error, so that
+// parsers do not see them. A quiet console omits them.
 class Console {
  public:
   explicit Console(ConsoleOptions options = {});
@@ -86,7 +86,7 @@ class Console {
   void LogResult(const LogLine& line, const std::wstring& moment = {});
   void Failure(const std::string& text);
 
-  // Returns whether a write to standard output has failed, as on a full disk.
+  // Returns whether a write to standard output has failed, for example because the disk is full.
   bool LostOutput() const { return lostOutput; }
 
  private:
@@ -111,7 +111,7 @@ std::string MeaningOf(std::uint32_t code);
 std::string DescribeResult(std::int32_t result);
 
 // Returns the error in the form that every command with --json writes: {"error": {"message",
-// "exitCode", "result", "name"}}. Omits "result" if Windows returned none, and an unknown "name".
+// "exitCode", "result", "name"}}. Omits "result" if it is 0, and "name" if it is unknown.
 std::wstring ErrorJson(const std::string& message, int exitCode, std::int32_t result = 0);
 
 }  // namespace Vx::Hosting::Tool

@@ -13,7 +13,7 @@ namespace Vx::Hosting::Tool {
 template <typename Value>
 concept Number = std::integral<Value> || std::floating_point<Value>;
 
-// A JSON object under construction, as text. Keeps the order of its members.
+// Builds the text of a JSON object. Keeps its members in the order in which they are added.
 class JsonRow {
  public:
   // A name, which must not need escaping, and its value.

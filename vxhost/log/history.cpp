@@ -38,8 +38,8 @@ std::wstring TextOfMoment(std::int64_t moment) {
   return DateTimeText(static_cast<std::uint64_t>(moment + kEpoch) * 10'000);
 }
 
-// Returns the moment in the other of UTC and local time, by the rule of its own day. A time that
-// Windows cannot convert is returned unchanged.
+// Converts between UTC and local time, by the daylight-saving rule of that day. If Windows cannot
+// convert the moment, returns it unchanged.
 std::int64_t Converted(std::int64_t moment, BOOL(WINAPI* convert)(const TIME_ZONE_INFORMATION*,
                                                                   const SYSTEMTIME*, SYSTEMTIME*)) {
   const auto ticks = static_cast<std::uint64_t>(moment + kEpoch) * 10'000;
@@ -89,8 +89,8 @@ std::wstring WhyOf(const DecisionRecord& record) {
   return why;
 }
 
-// Returns what a command's own line says of its request, "launched is missing". Empty if it is
-// another line.
+// Returns the fault that a line reports for the request of `command`, such as "launched is
+// missing". Returns an empty string if the line is not about that command.
 std::wstring FaultIn(const std::wstring& complaint, std::uint32_t command) {
   const std::wstring id = L" - function id " + std::to_wstring(command) + L": ";
   const std::size_t at = complaint.find(id);
@@ -198,8 +198,8 @@ std::wstring ProgramOf(const std::wstring& target) {
   return target.substr(target.rfind(L'\\') + 1);  // npos + 1 is 0
 }
 
-// The next start of a service shows that its last process ended. A process writes its first lines
-// before it says that the module is started.
+// A service's next start shows that its previous process has ended. A process logs its first lines
+// before the one that reports the start of the module.
 void History::FollowService(const HistoryLine& line, std::int64_t moment) {
   const std::uint32_t process = line.line.process;
   Run& run = runs.try_emplace(line.service, Run{process, moment}).first->second;
@@ -303,7 +303,7 @@ void History::CutOff(std::uint32_t process) {
 }
 
 std::vector<HistoryRow> History::Finish(const Period& within, std::int64_t now) {
-  constexpr std::int64_t kLate = 60'000;  // a delivery that still runs is less late
+  constexpr std::int64_t kLate = 60'000;  // tolerance for a delivery in progress
   for (const auto& [delivery, at] : open) {
     HistoryRow& row = rows[at];
     const std::int64_t since = now - row.moment.value_or(now) - kLate;
@@ -336,7 +336,7 @@ std::vector<HistoryRow> History::TakeChanges() {
 }
 
 std::vector<Period> History::Outages(const Period& within) const {
-  constexpr std::int64_t kRestart = 1000;  // a restart takes less
+  constexpr std::int64_t kRestart = 1000;  // a plain restart takes less
   constexpr std::ptrdiff_t kMost = 3;
   std::vector<Period> all = outages;
   for (const auto& [service, run] : runs) {

@@ -33,8 +33,8 @@ struct RecordEntry {
 };
 
 struct RecordStep {
-  std::size_t line = 0;  // in the scenario's file
-  std::wstring say;      // empty if the step says nothing
+  std::size_t line = 0;  // in the scenario file
+  std::wstring say;      // empty if the step has no text
   std::chrono::milliseconds begin{};
   std::chrono::milliseconds end{};
 };
@@ -67,7 +67,7 @@ class PlayRecord {
   std::size_t stepBegin = 0;  // index of the step's first entry
 };
 
-// Polls `condition` every few milliseconds of real time. Returns whether it became true in time.
+// Polls `condition` every few milliseconds of real time. Returns false if `seconds` elapse first.
 bool WaitUntil(int seconds, const std::function<bool()>& condition);
 
 }  // namespace Vx::Hosting::Tool

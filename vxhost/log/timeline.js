@@ -4,7 +4,7 @@ const GAP = 6;             // minimum pixels per unit of idle time
 const MOST_GAPS = 3000;    // maximum pixels for all idle time, unless the window is wider
 const MOST_MARKS = 250;    // drawn individually; beyond that, one per group of moments
 const MOST_MOMENTS = 64;   // maximum groups of moments
-const MOST_LINES = 5000;   // in the page at once; beyond that, a mark's lines appear when opened
+const MOST_LINES = 5000;   // in the page from the start; beyond that, added when a mark is opened
 const PAPER = 960;         // width of an A4 or Letter page in pixels
 const BESIDE = 230;        // of these, for the lane names and the space after the last mark
 const TONES = ['neutral', 'good', 'dropped', 'bad'];  // worst last
@@ -37,20 +37,20 @@ function timeText(moment) {
   return parts.filter(([count]) => count).map(part => part.join(' ')).join(' ') || '0 s';
 }
 
-// Returns a moment as "2026-11-25 11:31:46.251" or, for a page that counts from its beginning, "1 h 5 s".
+// Returns a moment as "2026-11-25 11:31:46.251" or, on a page without clock times, as "1 h 5 s".
 function momentText(moment) {
   return 'begin' in data ? new Date(data.begin + moment).toISOString().slice(0, -1).replace('T', ' ') : timeText(moment);
 }
 
-// Returns "1:01:11", or the time of day, with the day on a page of several.
+// Returns "1:01:11", or the time of day, with the date if the page covers several days.
 function clockText(moment) {
   if ('begin' in data) return momentText(moment).slice(momentText(0).slice(0, 10) === momentText(end).slice(0, 10) ? 11 : 5, 19);
   const two = number => String(Math.floor(number) % 60).padStart(2, '0');
   return Math.floor(moment / 3600000) + ':' + two(moment / 60000) + ':' + two(moment / 1000);
 }
 
-// Places moments, or groups of them. Marks at one moment need room side by side, and long gaps are
-// drawn compressed: a first boot waits for an hour after a minute in which most happens.
+// Assigns positions to moments, or to groups of them. Marks at one moment are drawn side by side.
+// Long gaps are compressed: a first boot waits for an hour after a minute in which most happens.
 function makeAxis() {
   const moments = new Set([0, end]);
   for (const mark of marks) moments.add(mark.at);
@@ -144,7 +144,7 @@ function drawPicture() {
   const line = make('div', 'ticks', ...ticks);
   picture.append(make('div', 'lanes', line, ...rows));
 
-  // Shows only the times that have room next to the previous one, for a picture of this length.
+  // For a picture of this length, shows only the times that do not overlap the previous one.
   const thin = (length, size) => {
     let free = -Infinity;
     let before = '';

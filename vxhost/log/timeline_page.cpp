@@ -43,7 +43,7 @@ std::wstring Shown(const std::wstring& text) {
   return Wide(Printable(Utf8(text), LineBreaks::Replace));
 }
 
-// Omits an empty text.
+// Adds the member unless its text is empty.
 void Add(JsonRow& row, const wchar_t* name, const std::wstring& text) {
   if (!text.empty()) row.Add({name, Shown(text)});
 }
@@ -65,7 +65,7 @@ JsonRow RowOf(const KnownRecord& known, const DecisionRecord& record, std::uint3
   return row;
 }
 
-// Returns the subscription in a client's request as JSON, or null if there is none that can run.
+// Returns the subscription in a client's request as JSON, or "null" if it contains no readable one.
 std::wstring SubscriptionJson(const std::wstring& text) {
   try {
     const auto request = Json::JsonObject::Parse(text);

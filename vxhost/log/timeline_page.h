@@ -14,14 +14,14 @@ struct PageHead {
   std::wstring title;
   std::wstring verdict;  // empty if there were no expectations
   bool met = true;
-  // The local time at which the page begins, in milliseconds since 1970, for a page that shows
-  // clock times. Empty for one that counts from its beginning.
+  // The local time at which the page begins, in milliseconds since 1970. Empty if the page shows
+  // the time since its beginning instead of clock times.
   std::optional<std::int64_t> begin = {};
 };
 
 // Returns a self-contained HTML page in UTF-8: timeline.html with the events as JSON, which its
-// scripts draw. No client's text can end the script element that contains it. A running service's
-// log has no steps. `stored` contains the texts of subscriptions made before the log starts.
+// scripts draw. No client's text can close the script element that contains it. `steps` is empty
+// for a service's log. `stored` contains the texts of subscriptions made before the log starts.
 std::string TimelinePage(const PageHead& head, const std::vector<RecordStep>& steps,
                          const std::vector<RecordEntry>& entries,
                          const std::vector<std::wstring>& stored = {});

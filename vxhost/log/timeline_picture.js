@@ -8,8 +8,8 @@ const UNSUBSCRIBE = [15, 19];
 const SESSION_CODES = {1: 'a session is at the console', 2: 'a session leaves the console', 5: 'a user logs on',
   6: 'a user logs off', 7: 'the session is locked', 8: 'the session is unlocked'};
 
-// Effects of service lines that do not concern a delivery: part of the line, the wait that begins,
-// the wait that ends, the text (of the new wait, otherwise of a mark), and the mark's tone.
+// Effects of service lines that do not concern a delivery: part of the line, the wait that starts,
+// the wait that ends, the text (of the new wait or else of a mark), and the mark's tone.
 const SERVICE_LINES = [
   ['OrvaneService: OOBE not completed', 'set-up', '', 'first-run set-up'],
   ['OrvaneService: Verified that OOBE completed.', '', 'set-up', 'first-run set-up is complete', 'good'],
@@ -25,8 +25,8 @@ const SERVICE_LINES = [
   ['Aurelo not launched', '', 'aurelo', 'Aurelo is not started', 'bad'],
 ];
 
-// Each delivery has its own thread, or shares one with the others of its event. The thread's
-// entries between the delivery's beginning and its record belong to it.
+// Returns the entries of deliveries. A delivery has its own thread, or shares one with the others
+// of its event. The thread's entries from the delivery's start to its record belong to it.
 function entriesOfDeliveries(entries) {
   const found = new Set();
   const threads = new Map();
@@ -59,8 +59,8 @@ function readPicture(data) {
   const waits = new Map();       // bars of the service's waits
   const ofThread = new Map();    // lines of deliveries, by thread
   let loose = [];                // lines not yet assigned to a mark
-  let last = null;               // last mark outside the subscriptions
-  let standby = null;            // current bar
+  let last = null;               // last mark outside the subscription lanes
+  let standby = null;            // bar of the current standby
   let end = data.end;
   let step = 0;
 
@@ -81,7 +81,7 @@ function readPicture(data) {
     return mark;
   }
 
-  // Polls repeat a few lines every second. Each of them is kept once.
+  // Polling repeats a few lines every second. Keeps one of each and counts the others.
   function addLine(lines, line) {
     const same = lines.slice(-ROUND).find(one =>
       one.text === line.text && one.level === line.level && line.first - one.last <= POLL);
@@ -97,7 +97,7 @@ function readPicture(data) {
     return {first: at, last: at, count: 1, level: what === 'event' ? 'EVENT' : level, caller, text: data.texts[text]};
   }
 
-  // Lines outside a delivery belong to the next mark at the same moment, else to the previous mark.
+  // Lines outside a delivery belong to the next mark at the same moment, else to the previous one.
   function flushLines(now) {
     if (!last || !loose.length || loose.at(-1).last === now) return;
     for (const line of loose) addLine(last.lines, line);
@@ -122,7 +122,7 @@ function readPicture(data) {
     waits.delete(name);
   }
 
-  // The process ended or was replaced, so nothing of it is waiting any more.
+  // The process has ended or was replaced, so none of its deliveries is waiting any more.
   function endDeliveries(at) {
     for (const name of [...waits.keys()]) endWait(name, at);
     for (const bar of open.values()) {

@@ -23,7 +23,7 @@ namespace {
 
 namespace Logging = Tessel::Server::Logging;
 
-// How long a simulated worker may run in real time. Exceeds the ten seconds by which a debug
+// How long a simulated worker may run in real time. Exceeds the ten seconds for which a debug
 // monitor that does not read delays a line.
 constexpr std::chrono::seconds kPatience{30};
 
@@ -82,7 +82,7 @@ class SimulatedLog {
   }
 
  private:
-  // At least as many lines as one round of any poll writes.
+  // At least the number of lines that one round of any poll writes.
   static constexpr std::size_t kRemembered = 5;
   static constexpr std::chrono::seconds kPollStep{1};
 
@@ -140,7 +140,7 @@ class SimulatedLog {
   Console& console;
   PlayRecord& recorder;
   const Simulator::VirtualClock& clock;
-  std::deque<Said> recent;  // used only by the sink, which one thread at a time calls
+  std::deque<Said> recent;  // used by the sink, which is called on one thread at a time
   Logging::LogManager::SinkId sink;
 };
 
@@ -163,8 +163,8 @@ struct SimulatedHarness {
       console.Note(" * " + Utf8(Simulator::Format(entry)));
     });
   }
-  // Ends the service, and the tasks that outlive it, before the machine. Does not show their log
-  // lines, because they would be out of place.
+  // Destroys the service, and waits for the tasks that outlive it, before destroying the machine.
+  // Does not show their log lines, because they would be out of place.
   ~SimulatedHarness() {
     machine.timeline.SetListener({});
     log.reset();

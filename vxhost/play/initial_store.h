@@ -14,7 +14,7 @@ class InitialStore {
   InitialStore() = default;
 
   // `value` is {KEY: VALUE} with plain values, as in a step's "store" part, or the path of a file
-  // printed by "store show". Borrows plain values. Relative paths start at `folder`. Throws
+  // printed by "store show", relative to `folder` unless absolute. Borrows plain values. Throws
   // std::runtime_error if the file cannot be used.
   InitialStore(const Json::WideValue& value, const std::wstring& folder, Definitions names);
 

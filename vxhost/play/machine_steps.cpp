@@ -53,7 +53,7 @@ std::wstring Ordinal(unsigned number) {
   return std::to_wstring(number) + kEnds[last < std::size(kEnds) ? last : 0];
 }
 
-// The value is the name of a call, or the name and the number of calls that still succeed.
+// Makes a call fail. The value is its name, or the name and how many calls succeed first.
 void Refuse(const Change& change) {
   RequireRefusal(change.machine);
   const bool first = change.value.IsString();

@@ -22,11 +22,11 @@ const PartRule* FindMachineRule(const std::wstring& key);
 // Returns the keys of all parts that change the simulated machine or its time.
 std::vector<std::string> MachineKeys();
 
-// Throws std::runtime_error if a "refuse" part is in effect but its call has not been made since,
-// for example because the name is misspelled.
+// Throws std::runtime_error if a "refuse" part is in effect but the call that it names has not been
+// made since, for example because the name is misspelled.
 void RequireRefusal(const Simulator::SimulatedMachine& machine);
 
-// Makes the step's changes to the machine, except to its time. Throws std::runtime_error.
+// Applies the step's changes, except to the machine's time. Throws std::runtime_error on failure.
 void ChangeMachine(const Json::WideValue& step, const Expander& expand,
                    Simulator::SimulatedMachine& machine);
 

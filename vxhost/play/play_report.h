@@ -12,7 +12,7 @@ namespace Vx::Hosting::Tool {
 struct PlayedScenario {
   std::string file;  // as given on the command line
   bool met = false;
-  std::string error;  // why it could not be played to its end
+  std::string error;  // why it could not be completed; empty if it was
   std::vector<RecordStep> steps;
   std::vector<RecordEntry> entries;
 };

@@ -4,7 +4,7 @@
 
 namespace Vx::Hosting::Tool {
 
-// Replaces the machine's store with one in a temporary folder, which is removed at the end.
+// Replaces the machine's store with one in a temporary folder, which the destructor removes.
 class PrivateStore {
  public:
   PrivateStore();

@@ -228,7 +228,7 @@ class ScenarioRunner {
   void ExpectTraces(const WideValue& expect) {
     if (const auto* text = FindMember(expect, L"log")) {
       const std::wstring wanted = Expand(*text);
-      // A simulated machine has nothing left to do.
+      // A simulated machine is idle by now, so do not wait.
       const int patience = context.machine == nullptr ? Seconds(expect) : 0;
       const auto isLogged = [&] { return context.record.Contains(Happening::Log, wanted); };
       Check(WaitUntil(patience, isLogged), "the log should say \"" + Utf8(wanted) + "\"");

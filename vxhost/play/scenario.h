@@ -42,7 +42,7 @@ class Scenario {
 
  private:
   Json::WideDocument document;
-  std::vector<std::size_t> lines;  // of the steps
+  std::vector<std::size_t> lines;  // line number of each step
   Definitions definitions;
   InitialStore initialStore;
 };

@@ -63,14 +63,14 @@ const PartRule* FindRule(std::span<const PartRule> rules, const std::wstring& ke
   return found == rules.end() ? nullptr : &*found;
 }
 
-// Returns "; did you mean ..." with the closest of the keys of `rules` and `others`.
+// Returns "; did you mean ..." with the key in `rules` or `others` that is closest to `key`.
 std::string Closest(const std::wstring& key, std::span<const PartRule> rules,
                     std::vector<std::string> others = {}) {
   for (const PartRule& rule : rules) others.push_back(Utf8(rule.key));
   return DidYouMean(Utf8(key), others);
 }
 
-// Returns the beginning of a value, for a message.
+// Returns the start of a value, for a message.
 std::string Shown(const WideValue& value) {
   return Utf8(Shortened(Json::JsonText(value)));
 }

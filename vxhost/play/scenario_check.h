@@ -26,8 +26,8 @@ class LineIndex {
 // Maps NAME in ${NAME} to its replacement.
 using Definitions = std::map<std::wstring, std::wstring>;
 
-// Returns `text` with each ${NAME} replaced by its definition. An undefined ${NAME} stays, and NAME
-// is passed to `unknown`. Inserted text is not expanded again.
+// Returns `text` with each ${NAME} replaced by its definition. An undefined ${NAME} is left
+// unchanged, and NAME is passed to `unknown`. Inserted text is not expanded again.
 using UnknownName = std::function<void(const std::wstring&)>;
 std::wstring Expanded(const std::wstring& text, const Definitions& definitions,
                       const UnknownName& unknown = {});

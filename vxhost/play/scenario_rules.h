@@ -77,7 +77,7 @@ struct PartRule {
   const wchar_t* key = nullptr;
   const PartForm* form = &kAnything;
   Presence presence = Presence::Optional;
-  const wchar_t* companion = nullptr;  // another part that the step must have with it
+  const wchar_t* companion = nullptr;  // another part that the same step must have
   bool simulated = false;              // has an effect only on a simulated machine
   const PartRule* members = nullptr;   // of an object; null allows any
   std::size_t memberCount = 0;

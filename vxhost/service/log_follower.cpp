@@ -60,10 +60,10 @@ std::optional<std::string> LogFollower::Next() {
   std::size_t end = rest.find('\n', next);
   while (end == std::string::npos) {
     if (!Read(file)) {
-      // Move on to the next file, if any. A file the writer has left gets no more lines.
+      // Move on to the next file, if any. The writer adds nothing to a file that it has left.
       const auto names = Files();
       auto later = std::ranges::find(names, file);
-      // If there was no file yet, or it was deleted, go on with the newest one.
+      // If there was no file yet, or it was deleted, continue with the newest one.
       if (!names.empty()) later = later == names.end() ? later - 1 : later + 1;
       if (later == names.end()) return std::nullopt;
       if (!Read(file)) {

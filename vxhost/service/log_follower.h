@@ -12,10 +12,10 @@ namespace Vx::Hosting::Tool {
 // its next file. Use from one thread. Blocks only while reading a file.
 class LogFollower {
  public:
-  // Begins with the first line of the oldest file, or with the next line that the service adds.
+  // Start at the first line of the oldest file, or at the next line that the service adds.
   enum class From { Start, Now };
-  // The files of each service follow those of the service before it. Throws std::runtime_error if
-  // this account cannot list the folder.
+  // Reads all files of one service before those of the next. Throws std::runtime_error if this
+  // account cannot list the folder.
   LogFollower(std::wstring folder, std::vector<std::wstring> services, From from);
 
   // Returns the next complete line, without its line ending, or nothing if none was added.
@@ -32,7 +32,7 @@ class LogFollower {
   const std::vector<std::wstring> services;
   std::wstring file;         // the file being read; empty if there is none yet
   std::uint64_t offset = 0;  // of the first unread byte
-  std::string rest;          // read; lines from `next` on are not yet returned
+  std::string rest;          // text already read; lines from `next` on have not been returned
   std::size_t next = 0;
 };
 

@@ -19,12 +19,12 @@ namespace {
 // Not GENERIC_WRITE: it includes the right to create an instance, which only administrators have.
 constexpr DWORD kAccess = FILE_GENERIC_READ | FILE_WRITE_DATA | FILE_WRITE_ATTRIBUTES;
 
-// A command may take minutes. The user can end the wait by ending the client.
+// A command may take minutes. The user can stop waiting by terminating the client.
 constexpr std::chrono::milliseconds kNoLimit{std::numeric_limits<DWORD>::max()};
 
 constexpr DWORD kPause = 20;  // milliseconds
 
-// The wait for a free pipe instance.
+// How long to wait for a free pipe instance.
 constexpr std::chrono::seconds kPatience{10};
 
 bool IsAccepted(const std::wstring& owner, PipeOwner accepted) {

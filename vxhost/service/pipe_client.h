@@ -20,8 +20,8 @@ class PipeClient {
  public:
   // Connects, waiting up to `patience` for a free instance. Sends nothing unless the server's
   // process is `service` and the pipe's owner is one of `accepted`. The process ID alone does not
-  // suffice: another process could have created the pipe, passed it on, and ended before the
-  // service got the same ID. Throws std::runtime_error with advice for the user.
+  // suffice: another process could have created the pipe, passed its handle on, and exited before
+  // the service received the same ID. Throws std::runtime_error with advice for the user.
   PipeClient(const std::wstring& path, std::uint32_t service, std::chrono::milliseconds patience,
              PipeOwner accepted = PipeOwner::System);
 
@@ -33,7 +33,7 @@ class PipeClient {
 };
 
 // Connects to the running service `name`: to `process`, which may run in a console, or, if 0, to
-// the process that the service manager reports. Throws like the constructor.
+// the process that the service manager reports. Throws std::runtime_error on failure.
 PipeClient ConnectToService(const std::wstring& name, std::uint32_t process = 0);
 
 }  // namespace Vx::Hosting::Tool

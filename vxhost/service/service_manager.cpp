@@ -117,8 +117,8 @@ ServiceConfig ConfigOf(const UniqueServiceHandle& service, const std::wstring& n
   return config;
 }
 
-// Gives a service that is to be replaced the owner and the access list of a new one, so that no
-// other account can change what will run as SYSTEM.
+// Resets the owner and access list of a service that is being replaced to those of a new one, so
+// that no other account can change what will run as SYSTEM.
 void TakeOver(const UniqueServiceHandle& service, const std::wstring& name) {
   const std::wstring account = ConfigOf(service, name)->lpServiceStartName;
   if (_wcsicmp(account.c_str(), kAccount) != 0) {
@@ -151,7 +151,7 @@ SERVICE_STATUS_PROCESS AwaitWhile(const UniqueServiceHandle& service, const std:
   return status;
 }
 
-// Applies settings that CreateService does not take. Returns the first error from Windows. Adds
+// Applies the settings that CreateService cannot. Returns the first error from Windows. Adds
 // settings that this system does not support to `unknown`.
 DWORD Configure(SC_HANDLE service, bool delays, std::vector<std::string>& unknown) {
   DWORD error = ERROR_SUCCESS;
@@ -173,7 +173,7 @@ DWORD Configure(SC_HANDLE service, bool delays, std::vector<std::string>& unknow
   failure.cActions = static_cast<DWORD>(std::size(actions));
   failure.lpsaActions = actions;
   set("failure actions", SERVICE_CONFIG_FAILURE_ACTIONS, &failure);
-  // Take the actions even if the service stops with an error, not only if it crashes.
+  // Run the actions even if the service stops with an error, not only if it crashes.
   SERVICE_FAILURE_ACTIONS_FLAG always{TRUE};
   set("failure actions after an error", SERVICE_CONFIG_FAILURE_ACTIONS_FLAG, &always);
   SERVICE_SID_INFO sid{SERVICE_SID_TYPE_UNRESTRICTED};
@@ -284,7 +284,7 @@ void ServiceManager::Stop(const std::wstring& name) {
   // The service still reports running for a moment after accepting the control.
   const auto status =
       AwaitWhile(service, name, [](DWORD state) { return state != SERVICE_STOPPED; });
-  // The process ends a moment later. Until then, its files cannot be replaced or deleted.
+  // The process exits a moment later. Until then, its files cannot be replaced or deleted.
   if (status.dwCurrentState != SERVICE_STOPPED ||
       (process != nullptr &&
        WaitForSingleObject(process.get(), kProcessPatience) != WAIT_OBJECT_0)) {
@@ -295,7 +295,7 @@ void ServiceManager::Stop(const std::wstring& name) {
 
 void ServiceManager::Remove(const std::wstring& name, Running running) {
   const auto service = Open(name, DELETE | SERVICE_QUERY_STATUS, "remove");
-  // Windows would keep a running service, and its name, until the service ends.
+  // Windows would keep a running service, and its name, until the service stops.
   if (running == Running::Refused && StatusOf(service, name).dwCurrentState != SERVICE_STOPPED) {
     throw std::runtime_error("the service " + Utf8(name) + " runs; stop it first");
   }

@@ -30,7 +30,7 @@ std::wstring ImagePath(const ServicePlan& plan);
 // with its terminator, and one more null at the end.
 std::wstring RequiredPrivileges();
 
-// The service manager's information about a service, as Windows' values.
+// The service manager's information about a service, with Windows' constants.
 struct ServiceReport {
   std::uint32_t state = 0;    // SERVICE_RUNNING etc.
   std::uint32_t process = 0;  // 0 unless running
@@ -38,8 +38,7 @@ struct ServiceReport {
   bool automatic = false;
   std::wstring image;
   std::wstring account;
-  ServiceHost::ServiceOptions options;  // no module if an earlier version installed it; that
-                                        // version kept the others in the image
+  ServiceHost::ServiceOptions options;  // `module` is empty if an earlier version installed it
 };
 
 struct ServiceHandleCloser {
@@ -47,23 +46,23 @@ struct ServiceHandleCloser {
 };
 using UniqueServiceHandle = std::unique_ptr<void, ServiceHandleCloser>;
 
-// This machine's service manager. One thread. Every function throws std::runtime_error with advice.
+// This machine's service manager. Use from one thread. Throws std::runtime_error with advice.
 class ServiceManager {
  public:
   // Registers a LocalSystem service in its own process, with failure actions, a service SID and
-  // only the required privileges. If Windows refuses a setting, deletes the service if it is new,
-  // but leaves a replaced one with the changes made so far, effective from its next start. A
-  // replaced service must already run as LocalSystem, and receives the owner and access list of a
-  // new one. It may be from an earlier version, which kept the parameters in the command line.
-  // Returns the settings that this system does not support. Windows supports all.
+  // only the required privileges. If Windows rejects a setting, deletes a new service. A replaced
+  // service keeps the changes made so far, which take effect at its next start. It must already run
+  // as LocalSystem, and receives the owner and access list of a new one. It may be from an earlier
+  // version, which kept the parameters in the command line. Returns the settings that this system
+  // does not support. Windows supports all.
   std::vector<std::string> Install(const ServicePlan& plan);
 
-  // Start or stop the service, and wait until it is running or its process has ended. Return
+  // Start or stop the service, and wait until it is running or its process has exited. Return
   // immediately if the service is already in that state.
   void Start(const std::wstring& name);
   void Stop(const std::wstring& name);
 
-  // Removes a service. Refuses a running service, or marks it for removal when it ends.
+  // Removes a service. If it is running, fails or marks it for removal once it stops.
   enum class Running { Refused, Marked };
   void Remove(const std::wstring& name, Running running = Running::Refused);
 

@@ -21,7 +21,7 @@ using Tessel::Server::Storage::BsonElement;
 using Tessel::Server::Storage::BsonKind;
 using Tessel::Server::Storage::BsonView;
 
-// Documents can be arbitrarily deep. Only the size of deeper ones is shown.
+// Documents can be nested arbitrarily deep. Only the size of those below this level is shown.
 constexpr int kShownLevels = 32;
 
 constexpr struct {

@@ -183,7 +183,7 @@ std::wstring RestoreStore(const std::wstring& path, const HoldLimits& limits) {
   if (kept.empty()) CapDataStore makesTheFolder;
   const auto name = Platform::NewUuid();
   if (!name) throw WindowsError("no name for a new file", name.Error());
-  // Given this suffix, the module completes the change if this process ends halfway.
+  // If this process exits halfway, the module recognizes this suffix and completes the change.
   const std::wstring sibling = before.path + L"." + *name + L".new";
   const auto file = WriteNew(sibling, before.path, copy.reading.content);
   if (const Platform::ErrorCode error = file->MoveOver(before.path); error != 0) {

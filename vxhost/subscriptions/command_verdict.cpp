@@ -15,7 +15,7 @@ using Records::Decision;
 using Records::Outcome;
 using Records::Reason;
 
-// Omits words that this version does not know.
+// Ignores keywords that this version does not recognize.
 Outcome OutcomeOf(const CommandResult& answer) {
   return {Records::FromWord<Decision>(answer.decision).value_or(Decision::None),
           Records::FromWord<Reason>(answer.reason).value_or(Reason::None)};

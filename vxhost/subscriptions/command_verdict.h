@@ -7,8 +7,8 @@
 
 namespace Vx::Hosting::Tool {
 
-// Returns whether the command did what was asked: it answered 0, refused nothing, and stored no
-// subscription that will never run.
+// Returns whether the command did what was requested: it returned 0, refused nothing, and did not
+// store a subscription that will never run.
 bool WasDone(const CommandResult& answer);
 
 // Returns the outcome of command `id`, such as "stored" or "nothing removed". Returns an empty

@@ -145,7 +145,7 @@ class Explainer {
   }
 
   void CheckLaunch(const LaunchCommand& launch) {
-    // The module's check decides. The findings give its reasons.
+    // The module's check decides. The findings explain why.
     Reason why = Tessel::Security::TrustedProgram::Check(launch.Path(), keys).reason;
     const bool trusted = why == Reason::None;
     TakeFaults(Fate::Refused, trusted ? kPathKey : std::wstring_view());
@@ -156,7 +156,7 @@ class Explainer {
     if (why != Reason::None) Because(Fate::Refused, NameOf(why).text);
   }
 
-  // Lists the subscription's faults, except those of the delay, already judged, and of `passed`.
+  // Adds the subscription's faults, except those of its delay, checked before, and of `passed`.
   void TakeFaults(Fate fate, std::wstring_view passed) {
     const auto check = CheckSubscription(Text(), keys);
     for (const Finding& finding : check.findings) {

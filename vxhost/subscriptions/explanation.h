@@ -9,7 +9,7 @@
 
 namespace Vx::Hosting::Tool {
 
-// The event in question.
+// The event to explain.
 struct Occasion {
   const SubscriptionForm* kind = nullptr;  // null: each subscription's own event
   std::uint32_t code = 0;                  // for a power or platform event
@@ -18,7 +18,7 @@ struct Occasion {
 
 enum class Fate {
   Runs,        // immediately or after its delay
-  Dropped,     // its delay can never be kept
+  Dropped,     // its delay is impossible
   Refused,     // the program would not be started
   Never,       // the module cannot carry it out
   OtherEvent,  // it is waiting for another event
@@ -29,7 +29,7 @@ struct Explanation {
   StoredSubscription subscription;
   std::wstring event;  // the event it waits for, "power 18"; empty if unreadable
   Fate fate = Fate::Never;
-  std::wstring delay;                 // as stored, "0" if absent, or empty
+  std::wstring delay;                 // as stored, "0" if absent; empty if not applicable
   int wait = 0;                       // the delay in seconds
   std::wstring action;                // "start C:\..."; empty if unreadable
   std::vector<std::wstring> reasons;  // for a fate other than Runs
@@ -38,15 +38,15 @@ struct Explanation {
 // Returns the fate as text, such as "would wait 5 s and run".
 std::string FateText(const Explanation& one);
 
-// Applies the module's own readers and rules to each subscription, in order, with `keys` as the
-// restricted keys. Only opens programs for reading. Blocks for as long as the trust checks take.
+// Applies the module's own parsers and rules to each subscription, in order, with `keys` as the
+// restricted keys. Opens programs only for reading. Blocks for as long as the trust checks take.
 std::vector<Explanation> Explain(const std::vector<StoredSubscription>& subscriptions,
                                  const Occasion& occasion, Tessel::Security::KeySet keys);
 
-// Begins the line of a subscription with its number and hash.
+// Returns the start of a subscription's line: its number and hash.
 std::string LabelOf(const StoredSubscription& one);
 
-// Begins a JSON result with the subscription, its event and its fate.
+// Returns the start of a JSON result: the subscription, its event and its fate.
 JsonRow RowOf(const Explanation& one);
 
 }  // namespace Vx::Hosting::Tool

@@ -34,8 +34,8 @@ class ModulePins {
 // client, with arguments of the client's choice, and some of this tool's arguments name a library
 // to load or a file to write.
 //
-// Also throws if the file cannot be read. Otherwise, a client could hide the signature by keeping
-// the file open without sharing from the moment it was started.
+// Also throws if the file cannot be read. Otherwise, a client that starts this program could hide
+// the signature by holding the file open without sharing.
 void RefusePinnedSignature(const std::wstring& program, Tessel::Security::KeySet general,
                            Tessel::Security::KeySet restricted);
 

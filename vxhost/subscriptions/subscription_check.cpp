@@ -65,7 +65,7 @@ std::wstring Shown(const WideValue& value) {
   return Shortened(Json::JsonText(value));
 }
 
-// Checks one request. Takes its members in order, so the findings are in the same order.
+// Checks one request. Reads its members in order, so the findings are in the same order.
 class Checker {
  public:
   Checker(Tessel::Security::KeySet pinned, SubscriptionCheck& result)
@@ -105,7 +105,7 @@ class Checker {
     Leftovers(level);
   }
 
-  // The module's own reader decides. Use it last, because it stops at the first fault.
+  // The module's own parser decides. Call this last, because it stops at the first fault.
   void AskModule(const std::wstring& text) {
     if (!readable) return;
     try {
@@ -143,7 +143,7 @@ class Checker {
     for (const SubscriptionForm* form : kSubscriptionForms) {
       if (FindMember(request, form->event) != nullptr) return form;
     }
-    // The faults of the kind that was probably meant help more than a list of all kinds.
+    // Reporting the faults of the kind that was probably meant helps more than listing all kinds.
     for (const SubscriptionForm* form : kSubscriptionForms) {
       for (auto member = request.MemberBegin(); member < request.MemberEnd(); ++member) {
         const std::wstring name = TextOf(member->name);
@@ -310,7 +310,7 @@ class Checker {
     }
     const WideValue* family = Take(level, L"packageFamilyName", kText, Need::Required);
     const WideValue* service = Take(level, L"appServiceName", kText, Need::Required);
-    if (raises) return;  // no message is sent then
+    if (raises) return;  // no message is sent in that case
     if (family != nullptr) {
       CheckFamily(level.prefix + L"packageFamilyName", TextOf(*family));
     }
