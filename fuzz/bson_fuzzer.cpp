@@ -24,7 +24,7 @@ BsonDocument Again(const BsonDocument& document) {
   return *std::move(decoded);
 }
 
-// Returns the size of a member: its kind, key, terminator and value.
+// Returns the encoded size of a member: its kind, key, terminator and value.
 std::size_t SizeOf(const BsonDocument::Member& member) {
   return 2 + member.key.size() + member.value.Bytes().size();
 }
@@ -59,7 +59,7 @@ void Change(const BsonDocument& document) {
   BsonDocument::Iterator middle = document.begin();
   for (std::size_t i = document.Size() / 2; i > 0; --i) ++middle;
   const std::string key((*middle).key);
-  // A key that is in the document can be set even if it is not UTF-8.
+  // An existing key can be set even if it is not valid UTF-8.
   Check(changed.Set(key, BsonElement::Text(L"another value")), "a key can be set");
   Check(Again(changed).Find(key)->AsText() == "another value", "what was set is found");
   changed.Erase(key);

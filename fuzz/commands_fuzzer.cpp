@@ -22,7 +22,7 @@ namespace {
 using Vx::Fuzz::Check;
 using namespace Vx::Tessel::Server::Services::Orvane;
 
-// Returns the number as the C library reads it.
+// Returns the leading int as parsed by the C library. Empty if there is none or it overflows.
 std::optional<int> Expected(const std::wstring& text) {
   wchar_t* end = nullptr;
   errno = 0;

@@ -12,7 +12,7 @@
 #include "bod/calendar_time.h"
 #include "fuzz/fuzz_check.h"
 
-// Fuzzes dates as the firmware, the registry and callers of the firmware spell them.
+// Fuzzes dates in the formats of the firmware, its callers and the registry.
 
 namespace {
 

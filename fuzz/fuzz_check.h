@@ -5,7 +5,7 @@
 
 namespace Vx::Fuzz {
 
-// Ends the process if a rule does not hold. The fuzzer reports that with the input.
+// Aborts the process if a rule does not hold. The fuzzer then reports the input.
 inline void Check(bool holds, const char* rule) {
   if (holds) return;
   std::fprintf(stderr, "broken rule: %s\n", rule);

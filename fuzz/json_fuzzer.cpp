@@ -28,8 +28,8 @@ std::optional<JsonArray> ArrayOf(const std::wstring& text) {
   }
 }
 
-// Returns whether rapidjson's own reader can be trusted with this text. It stops at U+0000, has its
-// own limits for long numbers and no limit for nesting.
+// Returns whether rapidjson's own reader is a valid reference for this text. It stops at U+0000,
+// limits long numbers differently and does not limit nesting.
 bool CanCompare(const std::wstring& text) {
   constexpr std::size_t kLongest = 100;
   if (text.size() > kLongest || text.find(L'\0') != std::wstring::npos) return false;
@@ -48,11 +48,11 @@ bool RapidjsonAccepts(const std::wstring& text) {
     WideDocument document;
     return !document.Parse<kFlags>(text.c_str()).HasParseError();
   } catch (const Vx::Json::Misuse&) {
-    return false;  // one of its own checks failed
+    return false;  // one of rapidjson's assertions failed
   }
 }
 
-// Reads a value as every kind. Only its own kind may succeed.
+// Reads a value as each kind in turn. Only the read as its actual kind may succeed.
 void Ask(const JsonValue& value) {
   const auto answered = [](const auto& call) {
     try {

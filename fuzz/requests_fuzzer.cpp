@@ -15,7 +15,7 @@ namespace {
 using Vx::Fuzz::Check;
 using namespace Vx::Tessel::Server::Storage;
 
-// Returns the result of `call`, or nothing if it refuses its input.
+// Returns the result of `call`, or nothing if `call` rejects its input.
 template <typename Call>
 auto Try(const Call& call) -> std::optional<decltype(call())> {
   try {

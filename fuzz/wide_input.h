@@ -6,8 +6,8 @@
 
 namespace Vx::Fuzz {
 
-// Returns UTF-16 made from a fuzzer's bytes: ASCII is unchanged, so that seeds can be read and
-// mutated as text. The upper bytes map to units around the surrogates.
+// Converts a fuzzer's bytes to UTF-16. ASCII is unchanged, so that seeds can be read and mutated as
+// text. Other bytes map to code units around the surrogates.
 inline std::wstring WideInput(const std::uint8_t* data, std::size_t size) {
   constexpr unsigned kFirst = 0xD7F0;
   constexpr unsigned kStep = 0x20;

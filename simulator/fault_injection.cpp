@@ -35,7 +35,7 @@ constexpr int kNotSent = 1;
 constexpr int kTryAgain = 11;  // EAGAIN
 constexpr std::uint32_t kNotImplemented = 0xC0000002;
 
-// The result of a refused call.
+// The value that a failed call returns.
 template <typename Answer>
 struct Refusal {
   static Answer Make() { return Answer{}; }
@@ -63,7 +63,7 @@ struct Refusal<Platform::SignatureVerdict> {
   throw Platform::WindowsRuntimeError(kDeniedResult, L"refused");
 }
 
-// A capability that adds faults to the capability that it wraps.
+// Wraps a capability and adds faults to it.
 template <typename Capability>
 class Decorator : public Capability {
  public:
@@ -150,7 +150,7 @@ class FaultyClock final : public Decorator<Platform::Clock> {
   void WorkerEnded() override { inner.WorkerEnded(); }
 
  private:
-  // Fails after half of the time.
+  // Fails halfway through the wait.
   Platform::WaitResult Fail(Duration length) {
     inner.Sleep(length / 2);
     return {Platform::WaitOutcome::Failed, 0xFFFFFFFF, kDenied};
@@ -263,7 +263,7 @@ class FaultyKernelObjects final : public Decorator<Platform::KernelObjects> {
   using Decorator::Decorator;
   REFUSABLE(KernelObjects, Result<UniqueHandle>, MakeMutex, (const std::wstring& name), (name), )
   REFUSABLE(KernelObjects, Result<Locked>, LockMutex, (RawHandle mutex), (mutex), )
-  // Unlocks before failing, because a mutex that stays locked would stop the walk.
+  // Unlocks before failing, because a mutex that stays locked would hang the fault walk.
   ErrorCode UnlockMutex(RawHandle mutex) override {
     const ErrorCode error = inner.UnlockMutex(mutex);
     return Or("KernelObjects.UnlockMutex", [&] { return error; });

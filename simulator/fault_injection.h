@@ -12,9 +12,9 @@
 
 namespace Vx::Simulator {
 
-// Wraps every capability of a machine, counts the calls that Windows may refuse, and makes one of
-// them fail as it would in Windows: a Result or an error code carries "access denied", a query
-// returns nothing, and an interface that throws throws that HRESULT.
+// Wraps every capability of a machine, counts the calls that can fail, and makes selected ones fail
+// as in Windows: a Result or an error code reports "access denied", a query returns nothing, and an
+// interface that reports errors as exceptions throws E_ACCESSDENIED.
 //
 // A fault walk repeats one scenario: in run n, call n fails. It ends with the first run that makes
 // no more than n calls (see Calls). Thread-safe.
@@ -27,16 +27,16 @@ class FaultInjection {
   // Wraps the capabilities of `machine`. Call inside the change of a MachineScope, at most once.
   void Install(Platform::Machine& machine);
 
-  // Makes call number `index` fail, counting the calls that follow from zero.
+  // Makes call number `index` fail. The next call has number zero.
   void FailCall(std::size_t index);
 
-  // Makes all calls of this name ("Files.Read"), except the first `skip`, fail from now on.
+  // Makes every call with this name ("Files.Read") fail after letting the next `skip` succeed.
   void FailNamed(const std::string& name, std::size_t skip = 0);
 
   // Returns the name given to FailNamed if no such call has failed since, or an empty string.
   std::string Unused() const;
 
-  // Ends all failures and restarts the count.
+  // Stops injecting failures and resets the count.
   void Clear();
 
   // Returns the names of the calls since the last FailCall, FailNamed or Clear.
@@ -54,7 +54,7 @@ class FaultInjection {
   std::optional<std::size_t> failingCall;
   std::string failingName;
   std::size_t skipped = 0;
-  bool used = false;  // a call of failingName has failed
+  bool used = false;  // a call named failingName has failed
 
   std::vector<std::shared_ptr<void>> decorators;
 };

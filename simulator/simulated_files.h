@@ -11,8 +11,8 @@
 
 namespace Vx::Simulator {
 
-// The real files, plus files that exist only in memory and hide real ones with exactly the same
-// path: programs and texts in folders that a test must not write to. Thread-safe.
+// The real files, plus files in memory, which hide real files with exactly the same path. They
+// stand for programs and texts in folders that a test must not write to. Thread-safe.
 class SimulatedFiles : public Platform::Files {
  public:
   void Add(const std::wstring& path, const std::string& content);
@@ -50,7 +50,7 @@ class SimulatedFiles : public Platform::Files {
 
   mutable std::mutex mutex;
   std::map<std::wstring, std::vector<std::byte>> contents;
-  mutable std::map<Platform::RawHandle, std::wstring> locked;  // maps to the path
+  mutable std::map<Platform::RawHandle, std::wstring> locked;  // keyed by handle
 };
 
 }  // namespace Vx::Simulator

@@ -43,7 +43,7 @@ constexpr char kEightDigitsBit = 0x10;
 // The firmware's return code for an unknown command.
 constexpr std::int32_t kUnknownCommand = 1;
 
-// WMI names are ASCII, and their case is ignored.
+// WMI names are ASCII and case-insensitive.
 bool SameName(std::wstring_view one, std::wstring_view other) {
   return one.size() == other.size() && _wcsnicmp(one.data(), other.data(), one.size()) == 0;
 }
@@ -79,7 +79,7 @@ void SetBytes(Variant& value, const std::string& bytes) {
 
 }  // namespace
 
-// A reference-counted object of the firmware. Is counted as live and starts with one reference.
+// A reference-counted object of the firmware. Starts with one reference. `count` includes it.
 template <typename Base, typename Interface>
 class Implementation : public Base {
  public:
@@ -114,7 +114,7 @@ class Implementation : public Base {
   std::atomic<ULONG> references{1};
 };
 
-// A class, an instance, a method's parameters or a data block: a name and properties.
+// A WMI class, an instance, a method's parameters or a data block: a class name and properties.
 class SimulatedFirmware::Object final
     : public Implementation<WbemClassObjectStub, IWbemClassObject> {
  public:

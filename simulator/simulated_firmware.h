@@ -15,12 +15,12 @@ struct tagVARIANT;
 
 namespace Vx::Simulator {
 
-// A PC's firmware as WMI exposes it, in this process: a locator whose namespace "\\.\root\wmi"
-// contains the firmware's classes and runs its commands on a warranty block and a features block.
+// A PC's firmware as exposed through WMI: a locator whose namespace "\\.\root\wmi" contains the
+// firmware's classes and runs its commands on a warranty block and a features block.
 //
 // It is the machine's Com capability. With a ClassRegistration, it also serves all other code in
 // the process that creates a WMI locator. Thread-safe. Release every object that it returned before
-// it is destroyed (see LiveObjects).
+// destroying it (see LiveObjects).
 class SimulatedFirmware final : public Platform::Com {
  public:
   enum class Digits { Six, Eight };
@@ -40,7 +40,7 @@ class SimulatedFirmware final : public Platform::Com {
   explicit SimulatedFirmware(Digits digits = Digits::Eight, std::string bornOnDate = {});
   ~SimulatedFirmware() override;
 
-  // Replaces this firmware with another machine's, without a born-on date.
+  // Replaces this firmware with that of another machine, which has no born-on date.
   void Replace(Digits count);
 
   // Logs each write to the warranty block. `log` must outlive the firmware.
@@ -55,8 +55,8 @@ class SimulatedFirmware final : public Platform::Com {
   // Makes a step return `result` from now on: "CoInitializeEx", "CoInitializeSecurity",
   // "CoCreateInstance", "ConnectServer", "SetBlanket", "GetObject CLASS", "GetMethod",
   // "SpawnInstance CLASS", "Put PROPERTY", "CreateInstanceEnum", "Next", "ExecMethod",
-  // "QueryInterface OutData", "Get PROPERTY", or the allocations "MakeText", "MakeByteArray" (both
-  // only fail or succeed) and "PutByte". With a success code, the step returns no object.
+  // "QueryInterface OutData", "Get PROPERTY", "PutByte", or "MakeText" and "MakeByteArray", which
+  // return null whatever `result` is. With a success code, the step returns no object.
   void Fail(std::string step, std::int32_t result);
 
   // Like Fail, but only after the next `skip` calls of the step.
@@ -65,7 +65,7 @@ class SimulatedFirmware final : public Platform::Com {
 
   void SetReturnCode(std::int32_t code);
 
-  // Called with every property value before it is returned, to forge a reply.
+  // Called with each property value before it is returned, so that a test can forge a reply.
   using Tamper = std::function<void(const std::wstring& property, tagVARIANT& value)>;
   void SetTamper(Tamper change);
 
@@ -75,7 +75,7 @@ class SimulatedFirmware final : public Platform::Com {
   int OpenInitializations() const { return initializations; }
   int Connections() const { return connections; }
 
-  // Returns the namespace of the last connection.
+  // Returns the namespace of the most recent connection.
   std::wstring ConnectedTo() const;
 
   std::int32_t InitializeMultithreaded() override;

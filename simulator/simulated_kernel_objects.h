@@ -22,7 +22,7 @@ class SimulatedKernelObjects : public Platform::KernelObjects {
  private:
   std::wstring OwnName(const std::wstring& name) const;
 
-  Platform::UniqueHandle standby;  // set by the first SetStandby; keeps the event's state
+  Platform::UniqueHandle standby;  // created by the first SetStandby; keeps the event alive
 };
 
 }  // namespace Vx::Simulator

@@ -36,7 +36,7 @@ void SimulatedMachine::InstallSealed(Platform::Machine& platform) {
 }
 
 void SimulatedMachine::SetStandby(bool entered) {
-  // Logged before the signal, because workers act on that at once.
+  // Logged before the signal, because workers act on the signal at once.
   timeline.Add(entered ? L"the machine enters Modern Standby"
                        : L"the machine leaves Modern Standby");
   kernelObjects.SetStandby(entered);

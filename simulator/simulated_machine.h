@@ -21,15 +21,15 @@
 
 namespace Vx::Simulator {
 
-// A whole PC in memory, with one member per subject. It has just been switched on: no user is
-// signed in, first-run setup is over, there are no packages, the registry is empty and the firmware
-// has no born-on date. Files that are not added to it, signatures, data protection, mutexes, events
-// and threads are real.
+// A whole PC in memory, with one member per subsystem. Initially, no user is signed in, first-run
+// setup has finished, no packages are installed, the registry is empty and the firmware has no
+// born-on date. Everything else is real: files not added to the machine and their signatures, data
+// protection, mutexes, events and threads.
 //
 //   SimulatedMachine machine;
 //   Platform::MachineScope scope([&](Platform::Machine& platform) { machine.Install(platform); });
 //
-// Workers that run under the scope must end before it (see Drain).
+// Workers started under the scope must end before it does (see Drain).
 class SimulatedMachine {
  public:
   SimulatedMachine();
@@ -42,13 +42,13 @@ class SimulatedMachine {
   // Like Install, but shares neither named events nor signatures with the real machine.
   void InstallSealed(Platform::Machine& platform);
 
-  // Enters or leaves Modern Standby. Needs InstallSealed.
+  // Enters or leaves Modern Standby. Requires InstallSealed.
   void SetStandby(bool entered);
 
   // Signs a file. If it does not exist, adds it to the files in memory.
   void Sign(const std::wstring& path, const SimulatedSignature& signature);
 
-  // Simulates sleep: time passes, except for waits.
+  // Simulates sleep: time passes, but pending waits do not advance.
   void SleepFor(VirtualClock::Duration length);
 
   // Advances time until no worker is left. Returns false if some are left after `limit`.

@@ -88,7 +88,7 @@ void SimulatedPackages::Uninstall(const std::wstring& familyName, const std::wst
       clock.Sleep(length);
       Remove(uninstall->FamilyName(), owner);
       uninstall->Complete();
-      // In order, because a handler holds its lock while it polls for the end.
+      // Wait for the handlers of the start, which hold their lock while they poll for the end.
       if (begin->Joinable()) begin->Join();
       Notify(owner.name, *uninstall);
     });

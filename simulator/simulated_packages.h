@@ -22,23 +22,23 @@ struct SimulatedPackage {
   std::wstring familyName;
   std::wstring fullName;    // Name_1.2.3.4_x64__publisher, which contains the version
   std::wstring folder;      // if empty, a folder in C:\Program Files\WindowsApps
-  std::int32_t origin = 3;  // Windows' code for the store
+  std::int32_t origin = 3;  // PackageOrigin_Store
 };
 
-// The packaged apps of a simulated machine ("staged") and of each user (registered). Thread-safe.
+// The packaged apps of a simulated machine: staged on it and registered for users. Thread-safe.
 class SimulatedPackages final : public Platform::Packages {
  public:
   SimulatedPackages(Timeline& log, const SimulatedUsers& machineUsers, Platform::Clock& clockOf)
       : timeline(log), users(machineUsers), clock(clockOf) {}
 
-  // Adds a package to the machine but to no user. Replaces one with the same full name.
+  // Adds a package to the machine without registering it. Replaces one with the same full name.
   void Stage(const SimulatedPackage& package);
 
   // Adds a package to the machine and registers it for `user`.
   void Install(const SimulatedPackage& package, const std::wstring& user);
 
-  // Removes the user's packages of the family after `length`, and removes from the machine those
-  // that no user has any longer. The user's catalogs report the start at once (unless `length` is
+  // After `length`, removes the user's packages of the family, and removes from the machine those
+  // that no longer have a user. The user's catalogs report the start at once (unless `length` is
   // zero) and the end later, on workers of the current machine, which must be the one with these
   // packages.
   void Uninstall(const std::wstring& familyName, const std::wstring& user,

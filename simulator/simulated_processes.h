@@ -26,7 +26,7 @@ class SimulatedProcesses final : public Platform::Processes {
   SimulatedProcesses(Timeline& log, const SimulatedUsers& machineUsers)
       : timeline(log), users(machineUsers) {}
 
-  // Returns all successful starts in order, even of processes that have ended.
+  // Returns all successful starts in order, including those of processes that have ended.
   std::vector<SimulatedProcess> Started() const;
 
   void End(std::uint32_t id);

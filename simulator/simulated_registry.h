@@ -10,7 +10,7 @@
 
 namespace Vx::Simulator {
 
-// Values below HKEY_LOCAL_MACHINE, initially none. Ignores the case of names. Thread-safe.
+// The values below HKEY_LOCAL_MACHINE, initially none. Names are case-insensitive. Thread-safe.
 class SimulatedRegistry final : public Platform::Registry {
  public:
   void Set(const std::wstring& key, const std::wstring& value, Platform::RegistryValue content);

@@ -2,7 +2,7 @@
 
 namespace Vx::Simulator {
 
-// Returns the machine's state at the time of the call.
+// Reports the machine's lockdown mode at the time of each call.
 class SimulatedSystem::Library final : public Platform::LockdownLibrary {
  public:
   explicit Library(const SimulatedSystem& system) : owner(system) {}

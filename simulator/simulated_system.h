@@ -13,8 +13,8 @@
 
 namespace Vx::Simulator {
 
-// The small services of a simulated Windows. Initially, first-run setup is over, all API sets are
-// present, all triggers can be raised and the lockdown mode is 0. Thread-safe.
+// API sets, first-run setup, triggers and the lockdown policy. Initially, setup has finished, all
+// API sets are present, all triggers can be raised and the lockdown mode is 0. Thread-safe.
 class SimulatedSystem final : public Platform::ApiSets,
                               public Platform::Oobe,
                               public Platform::SystemTriggers,
@@ -25,7 +25,7 @@ class SimulatedSystem final : public Platform::ApiSets,
   // Ends first-run setup `elapsed` after the clock was constructed.
   void EndOobeAt(VirtualClock::Duration elapsed);
 
-  // Sets whether the query succeeds. If not, the rest of its result is meaningless.
+  // Sets whether Query succeeds. If it fails, the rest of its result is meaningless.
   void SetOobeKnown(bool known);
 
   void RemoveApiSet(const std::wstring& name);

@@ -14,17 +14,17 @@
 namespace Vx::Simulator {
 
 struct SimulatedSignature {
-  std::wstring key;         // the owner's name; empty for the key that counts as pinned
-  std::int32_t result = 0;  // of Windows' verification
+  std::wstring key;         // the owner's name; empty for PinnedKey
+  std::int32_t result = 0;  // the HRESULT of the verification
 };
 
-// Has a signature for each exact path that was signed here. Windows verifies real files.
+// The signatures of files in memory, each for an exact path. Windows verifies real files.
 class SimulatedTrust final : public Platform::TrustProvider {
  public:
   explicit SimulatedTrust(const SimulatedFiles& machineFiles) : files(machineFiles) {}
 
-  // Returns the public key that a simulated machine's program adds to its pinned keys. It is not a
-  // valid encoding, so no real signature has it.
+  // Returns the public key that a program running on a simulated machine adds to its pinned keys.
+  // It is not a valid encoding, so no real signature can have it.
   static std::vector<std::byte> PinnedKey();
 
   void Sign(const std::wstring& path, const SimulatedSignature& signature);

@@ -116,7 +116,7 @@ Result<UniqueHandle> SimulatedUsers::MakeToken(const std::wstring& owner,
   return MakeToken(Token{owner, type, owner == atConsole ? console.value_or(0) : 0});
 }
 
-// The system may reuse a handle value, which then gets a new owner here.
+// The system may reuse a handle value. The new token then replaces the closed one.
 Result<UniqueHandle> SimulatedUsers::MakeToken(Token made) const {
   UniqueHandle token(CreateEventW(nullptr, TRUE, FALSE, nullptr));
   if (token == nullptr) return Result<UniqueHandle>::Failure(GetLastError());

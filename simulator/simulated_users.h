@@ -21,13 +21,13 @@ struct SimulatedUser {
 };
 
 // The users of a simulated machine and its console. Initially session 1 shows the logon screen.
-// Tokens are handles of real, unnamed kernel objects, so that their owners can close them.
+// Tokens are handles to real, unnamed kernel objects, so that their owners can close them.
 // Thread-safe.
 class SimulatedUsers final : public Platform::Sessions, public Platform::Environment {
  public:
   explicit SimulatedUsers(Timeline& log) : timeline(log) {}
 
-  // Adds a user ("PC\name", profile "C:\Users\name") unless it exists.
+  // Adds a user ("PC\name", profile "C:\Users\name") unless the user exists.
   SimulatedUser Add(const std::wstring& name);
 
   // Changes a user's profile folder.
@@ -45,7 +45,7 @@ class SimulatedUsers final : public Platform::Sessions, public Platform::Environ
   // Returns the user that the calling thread acts as, or nothing for the service.
   std::optional<SimulatedUser> Acting() const;
 
-  // Returns whether any thread still acts as a user, even if it has ended.
+  // Returns whether any thread, even one that has ended, still acts as a user.
   bool AnyoneActs() const;
 
   // Returns the user of `token`, or nothing if it is null, the system's or unknown.
@@ -86,7 +86,7 @@ class SimulatedUsers final : public Platform::Sessions, public Platform::Environ
   };
   using Variables = std::vector<std::pair<std::wstring, std::wstring>>;
 
-  static constexpr wchar_t kSystem[] = L"";  // owns the system's tokens
+  static constexpr wchar_t kSystem[] = L"";  // the owner of the system's tokens
 
   static Variables VariablesOf(const SimulatedUser& user);
   Platform::Result<Platform::UniqueHandle> MakeToken(const std::wstring& owner,

@@ -20,10 +20,10 @@ using Duration = Platform::Clock::Duration;
 constexpr Duration kFirstPatience = std::chrono::seconds(10);
 
 // If several waits have the same deadline, the first thread runs alone, so that the order is fixed.
-// If it is not at rest after this time, it may need a lock that the next thread holds.
+// After this time the next is woken too, because the first may need a lock that the next holds.
 constexpr Duration kTurnPatience{250};
 
-// Milliseconds between the polls of a parked worker whose wait would reset its handle.
+// How often, in milliseconds, a parked worker polls a handle that a wait would reset.
 constexpr DWORD kLookInterval = 2;
 
 constexpr std::uint64_t kFirstTicks = 3'600'000;
@@ -296,9 +296,9 @@ Platform::WaitResult VirtualClock::WaitAsWorker(Lock& lock, Platform::RawHandle 
   return wake == Wake::Signalled ? Signalled() : TimedOut();
 }
 
-// A handle whose signal the wait consumes must not be waited for outside the lock, because the
-// clock would not know that this thread is running until its next instruction. Instead, this
-// function and AtRest poll it under the lock, and either may consume the signal.
+// Never waits outside the lock on a handle whose signal a wait consumes, because the clock would
+// count this thread as parked until it reacquires the lock. Instead, this function and AtRest poll
+// the handle under the lock, and either may consume the signal.
 VirtualClock::Wake VirtualClock::Park(Lock& lock, Waiter& waiter) {
   const HANDLE handles[] = {waiter.wake.get(), waiter.handle.get(), waiter.second.get()};
   const DWORD count = waiter.second != nullptr ? 3 : waiter.level ? 2 : 1;
@@ -360,7 +360,7 @@ bool VirtualClock::AtRest() {
   const auto runs = [](const Waiter& waiter) { return waiter.woken != Wake::No; };
   if (std::any_of(waiters.begin(), waiters.end(), runs)) return false;
 
-  // Often all workers wait for the same stop event, and one query is enough.
+  // Often all workers wait for the same stop event, so that one query is enough.
   Platform::RawHandle quiet = nullptr;
   bool rest = true;
   for (Waiter& waiter : waiters) {
@@ -416,7 +416,7 @@ void VirtualClock::Fire(const Due& due) {
   SetEvent(due.timer->event.get());
 }
 
-// Waits until all workers are at rest and fires what is due next, unless that is after `limit`.
+// Waits until all workers are at rest, then fires the next deadline. False if it is after `limit`.
 bool VirtualClock::StepTo(Lock& lock, Duration limit) {
   const auto dueNow = NextDue();
   const bool moreNow = dueNow && dueNow->at <= now;

@@ -16,8 +16,8 @@
 
 namespace Vx::Simulator {
 
-// Thrown if workers do not come to rest within the clock's patience: one runs forever, waits for
-// something outside the clock, or is blocked by a lock that a parked worker holds.
+// Thrown if the workers do not all come to rest within the clock's patience: one runs forever,
+// waits for something outside the clock, or is blocked by a lock that a parked worker holds.
 class ClockStuck : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
@@ -25,14 +25,14 @@ class ClockStuck : public std::runtime_error {
 
 // A clock whose time moves only when a test or the simulator advances it.
 //
-// Every thread of Platform::Thread counts as running from its start until it ends or is parked in
-// Sleep or Wait. While no worker runs, Advance moves time to the next deadline, wakes one wait,
-// waits until every worker is at rest again, and repeats, so that events occur in the same order in
-// each run. A worker whose handle is signaled counts as running from then on, whichever thread
-// signaled it. An event that is set and immediately reset may be missed if the waiting thread has
-// not been scheduled yet. Mutexes are not supported.
+// Every Platform::Thread is a worker. It counts as running from its start until it ends or is
+// parked in Sleep or Wait. While no worker runs, Advance moves time to the next deadline, wakes one
+// wait, waits until every worker is at rest again, and repeats, so that events occur in the same
+// order in each run. A worker whose handle is signaled counts as running from then on, whichever
+// thread signaled it. An event that is set and immediately reset may be missed if the waiting
+// thread has not been scheduled yet. Mutexes are not supported.
 //
-// All other threads (a test's or the host's) are outside. A wait of such a thread advances time
+// All other threads (a test's or the host's) are outside threads. When one waits, time advances
 // until its deadline or until its handle is signaled. Thread-safe.
 class VirtualClock final : public Platform::Clock {
  public:
@@ -43,7 +43,7 @@ class VirtualClock final : public Platform::Clock {
   // Ends the process with a message if a worker is still parked here.
   ~VirtualClock() override;
 
-  // Advances through everything that is due. Returns with every worker at rest. Throws ClockStuck.
+  // Advances time deadline by deadline. Returns with every worker at rest. Throws ClockStuck.
   void Advance(Duration length);
 
   // Moves time from one deadline to the next until `reached` returns true. Calls `reached` while
@@ -62,7 +62,7 @@ class VirtualClock final : public Platform::Clock {
   // Sets how long, in real time, Settle lets workers run before it throws. Initially 10 s.
   void SetPatience(Duration patience);
 
-  // Returns the time by which the clock was advanced since construction, without sleep.
+  // Returns how far the clock has been advanced since construction, excluding sleep.
   Duration Elapsed() const;
 
   // Returns the same time including sleep, as on a wall clock.
@@ -143,7 +143,7 @@ class VirtualClock final : public Platform::Clock {
   std::uint64_t nextTurn = 0;
   std::size_t workers = 0;
   std::map<std::uint32_t, Platform::UniqueHandle> threads;  // running workers, by thread id
-  std::vector<Platform::UniqueHandle> ending;  // have called WorkerEnded, but still run
+  std::vector<Platform::UniqueHandle> ending;               // called WorkerEnded but still running
   std::list<Waiter> waiters;
   std::map<Platform::RawHandle, Timer> timers;
 };

@@ -9,8 +9,8 @@
 
 namespace Vx::Simulator {
 
-// The WMI interfaces with every operation unimplemented, so that an implementation contains only
-// the operations it needs. The slots are in the interface's order.
+// Stubs of the WMI interfaces in which every method returns E_NOTIMPL, so that a derived class
+// overrides only the methods it needs. The methods are in the interface's order.
 
 #define VX_REFUSES(name, ...)                            \
   HRESULT STDMETHODCALLTYPE name(__VA_ARGS__) override { \
