@@ -30,7 +30,7 @@ template <typename Result, typename... Arguments>
 auto FunctionInC(Result (Contract::VxService::*)(Arguments...)) ->
     typename InC<Result>::Type (*)(VxServiceObject*, typename InC<Arguments>::Type...);
 
-// A virtual function's offset in its table. This compiler's member pointers hold it plus one.
+// Returns a virtual function's vtable offset. This compiler's member pointers store it plus one.
 template <typename Member>
 std::size_t OffsetOf(Member member) {
   std::size_t words[2] = {};

@@ -1,4 +1,4 @@
-// A host compiled for Microsoft's ABI, which numbers virtual functions, passes classes by value and
+// A host compiled for Microsoft's ABI, which orders virtual functions, passes classes by value and
 // destroys them in its own way. Uses no C++ runtime and no C library.
 #include <stddef.h>
 #include <stdint.h>

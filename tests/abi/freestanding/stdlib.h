@@ -1,4 +1,4 @@
-// Replaces the C library's header, which a compiler without Microsoft's headers lacks.
+// Replaces the C library's header, which is unavailable without Microsoft's headers.
 #pragma once
 
 extern "C" void free(void* memory);
