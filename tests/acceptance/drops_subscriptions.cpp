@@ -1,4 +1,4 @@
-// A module that is broken on purpose, for the acceptance kit: it says that it stores a
+// A deliberately broken module for the acceptance kit: it reports success but does not store a
 // subscription.
 #include <string_view>
 

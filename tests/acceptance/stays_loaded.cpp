@@ -1,4 +1,4 @@
-// A module that is broken on purpose, for the acceptance kit: it cannot be freed.
+// A deliberately broken module for the acceptance kit: it cannot be unloaded.
 #include <windows.h>
 
 namespace {

@@ -1,4 +1,4 @@
-// A module that is broken on purpose, for the acceptance kit: it finds every file trusted.
+// A deliberately broken module for the acceptance kit: it trusts every file.
 #include "security/file_trust.h"
 
 namespace Vx::Tessel::Security {
