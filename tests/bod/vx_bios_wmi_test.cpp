@@ -145,7 +145,7 @@ TEST_F(VxBiosWmiTest, ACommandWhoseConnectionFailsIsEFailAndTheNextOneConnectsAn
 }
 
 TEST_F(VxBiosWmiTest, ATextThatCannotBeMadeIsThrownAndNothingIsLeftBehind) {
-  // One text each for the namespace, two classes, the instances' class, the path and the method.
+  // MakeText runs once each for the namespace, two classes, the instances' class, path and method.
   for (unsigned skip = 0; skip < 6; ++skip) {
     SCOPED_TRACE(skip);
     firmware.FailAfter("MakeText", skip, 0);
@@ -161,7 +161,7 @@ TEST_F(VxBiosWmiTest, ATextThatCannotBeMadeIsThrownAndNothingIsLeftBehind) {
   firmware.ClearFailures();
 }
 
-// Stores an array in `value` that claims to hold bytes, whatever its element type.
+// Stores an array in `value` that is labeled as bytes regardless of its element type.
 void MakeArray(VARIANT& value, VARTYPE type, LONG lower, ULONG count) {
   VariantClear(&value);
   V_VT(&value) = VT_ARRAY | VT_UI1;
