@@ -9,7 +9,7 @@ namespace {
 
 using AureloScheduleTest = Tests::StoreTest;
 
-// Otherwise each service start would launch the app again while the store is inaccessible.
+// Without a mark, each service start would launch the app again while the store is inaccessible.
 TEST_F(AureloScheduleTest, LaunchesOnlyWhatItCouldMark) {
   machine.packages.Install({L"7C3B9E40.AureloCenter_r4x2m8kq7tn3b", L"Aurelo_1", {}}, L"ann");
   const auto start = [&] {

@@ -136,7 +136,7 @@ TEST_F(QuboFacadeTest, AParameterReachesTheStartedAppAsItWasGiven) {
   std::filesystem::copy_file(Tests::ProbePath(), aliases / "Qubo.exe");
   const Tests::EnvironmentOverride variable(L"USERPROFILE", profile.Path().wstring());
   machine.packages.Install({kQuboFamily, kQuboName, profile.Path().wstring()}, L"ann");
-  machine.users.Impersonate(machine.users.TokenOf(L"ann")->get());  // whose packages are queried
+  machine.users.Impersonate(machine.users.TokenOf(L"ann")->get());  // her packages are queried
   const Platform::MachineScope real([](Platform::Machine& platform) {
     platform.sessions = Platform::WindowsMachine().sessions;
     platform.processes = Platform::WindowsMachine().processes;
@@ -166,7 +166,7 @@ TEST_F(QuboFacadeTest, NeitherRegistersNorNotifiesWithAnExceptionWhenMemoryRunsO
       }
     }
   };
-  walk();  // allocates what the runtime keeps
+  walk();  // makes the runtime's permanent allocations
   const auto handles = Tests::HandleGauge();
   walk();
   EXPECT_EQ(Tests::HandleGauge(), handles);

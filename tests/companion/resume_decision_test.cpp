@@ -56,8 +56,8 @@ struct World final : Base::RegistrationCheckBehavior, Base::ModeCheckBehavior {
   State registration;
 };
 
-// The rule itself, without an order of questions: missing software on a machine that left S mode,
-// then skipped registration on a machine that is or was in S mode. Each launches once.
+// The rule itself, regardless of the order of the questions: missing software on a machine that
+// left S mode, then skipped registration on a machine that is or was in S mode. Each launches once.
 QuboStartingPoint Expected(const World& world) {
   const bool missing = (world.first.preloaded && !world.first.installed) ||
                        (world.second.preloaded && !world.second.installed);
