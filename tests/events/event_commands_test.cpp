@@ -13,7 +13,7 @@ namespace {
 
 using Json::JsonObject;
 
-// Some callers know only the table, so the order of its slots is part of the contract.
+// Some callers use only the vtable, so the order of its slots is part of the contract.
 TEST(EventCommand, ExecutesThroughItsFirstSlotAndAnswersThroughItsSecond) {
   LaunchCommand launch(JsonObject::Parse(LR"({"path":""})"));
   PackageEventCommand& command = launch;
@@ -252,7 +252,7 @@ TEST_F(RealLaunchTest, StartsNothingThatChangedAfterALockThatFailed) {
   way.reset();
 }
 
-// Every line that the command logs after its lock is logged while the file is locked.
+// Every line that the command logs after locking the file is logged while the file is locked.
 TEST_F(RealLaunchTest, KeepsTheFileFromWritersFromItsCheckToItsStart) {
   const std::wstring path = folder.Hold(L"pinned.exe");
   std::vector<bool> writable;

@@ -127,7 +127,7 @@ TEST_F(OneShotTest, IsRegisteredOnceForEachUserHoweverOftenUsersLogOn) {
   EXPECT_THAT(Sent(), SizeIs(1));
 }
 
-// The marks end with the process. The stored requests remain.
+// The marks are lost when the process ends. The stored requests remain.
 TEST_F(OneShotTest, RunsAgainAfterARestartOnlyIfItWasNotCompleted) {
   for (const bool completed : {true, false}) {
     const std::size_t sent = Sent().size();
@@ -150,7 +150,7 @@ TEST_F(OneShotTest, RunsAgainAfterARestartOnlyIfItWasNotCompleted) {
   }
 }
 
-// The stored request has run and only awaits completion, so the client's is a new one.
+// The stored request has run and only awaits completion, so the client's request is new.
 TEST_F(OneShotTest, IsSubscribedAnewAlthoughItCouldNotBeCompleted) {
   Subscribe(Request(5));
   UninstallBeforeTheStoreFails();
@@ -237,7 +237,7 @@ TEST_F(OneShotTest, WatchesWhatIsSubscribedAgainWhileAReplayFindsItGone) {
   PackageCatalogEventManager::clear_events();
 }
 
-// During the replay another request in the list is completed, and then the store fails.
+// During the replay, another request in the list is completed, and then the store fails.
 TEST_F(OneShotTest, IsWatchedAlsoWhenTheStoreCannotSayWhetherItIsStored) {
   RequestManager(kServiceDocument, kPackageSubscriptions).PersistRequest(Request(6));
   Subscribe(Request(7));
@@ -258,7 +258,7 @@ TEST_F(OneShotTest, IsWatchedAlsoWhenTheStoreCannotSayWhetherItIsStored) {
   EXPECT_THAT(Stored(), Not(HasSubstr(lasting)));
 }
 
-// A replay may read the list after a request is stored but before its mark is.
+// A replay may read the list after a request has been stored but before it has been marked.
 TEST(FiringMarksTest, AStoredRequestHasOneMarkUntilItHasRunOrIsTakenBack) {
   const auto ofReplay = FiringMarks::Of(L"a request");
   EXPECT_EQ(FiringMarks::Renew(L"a request"), ofReplay);

@@ -15,7 +15,7 @@ inline std::wstring PackageRequest(const std::wstring& event,
          LR"(","catalogActionParams":{"packageFamilyName":"f","appServiceName":"s","payload":{}}})";
 }
 
-// The test supplies the completion state. `arrived` runs when the event manager reads the family.
+// The test supplies the completion state. `arrived` runs when the family name is read.
 class FakeUninstall final : public Platform::PackageUninstall {
  public:
   explicit FakeUninstall(

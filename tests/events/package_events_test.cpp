@@ -77,8 +77,8 @@ TEST_F(PackageEventTest, ChecksAProgramWithoutHoldingUpOtherNotifications) {
   }
 }
 
-// Three more arrive while the first one's program is being checked: two for its package, one for
-// another.
+// Three more notifications arrive while the first one's program is being checked: two for the same
+// package, one for another.
 TEST_F(PackageEventTest, LogsNoNotificationThatComesAfterTheOneThatRunsItsCommand) {
   Register(LaunchRequest(L"5"));
   std::vector<std::jthread> others;
@@ -161,7 +161,7 @@ TEST_F(PackageEventTest, LeavesNothingBehindWhenNoThreadCanBeStarted) {
 TEST(PackageEventStress, SurvivesEverythingAtOnce) {
   constexpr int kTurns = 100;             // per thread
   constexpr int kEnough = 5;              // fired events
-  Simulator::SimulatedMachine simulated;  // except its clock
+  Simulator::SimulatedMachine simulated;  // its clock is not used
   simulated.users.LogOn(L"ann");
   simulated.packages.Install({kFamily, L"App_1", {}}, L"ann");
   simulated.packages.Install({L"Other", L"Other_1", {}}, L"ann");

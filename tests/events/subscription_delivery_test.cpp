@@ -1,4 +1,4 @@
-// Deliveries that no scenario can play. scenarios/ covers what the others log, and when.
+// Deliveries that no scenario can reproduce. scenarios/ covers what the others log, and when.
 
 #include "events/subscription_delivery.h"
 

@@ -50,7 +50,7 @@ TEST_F(WaitingDeliveriesTest, TheSixtyFifthOfOneSubscriptionIsDropped) {
   EXPECT_EQ(machine.clock.Workers(), 1U);
 }
 
-// Holds each requested worker, without a thread, until LetGo runs it.
+// Queues each requested worker instead of starting its thread. LetGo runs queued workers.
 class HeldThreads final : public Platform::Threads {
  public:
   Platform::Result<Platform::UniqueHandle> Start(std::function<void()> body) override {

@@ -12,7 +12,7 @@ namespace {
 // Fills the calling thread's unused stack with a pattern that later writes replace.
 class PaintedStack {
  public:
-  // From here on the caller's frames must not shrink.
+  // From here on, the caller's stack frames must not shrink.
   __attribute__((noinline)) PaintedStack() {
     ULONG_PTR low = 0;
     GetCurrentThreadStackLimits(&low, &top);
@@ -31,7 +31,7 @@ class PaintedStack {
   }
 
  private:
-  static constexpr ULONG_PTR kGuard = ULONG_PTR{16} << 10;  // kept by Windows at the stack's end
+  static constexpr ULONG_PTR kGuard = ULONG_PTR{16} << 10;  // reserved by Windows at the end
   static constexpr ULONG_PTR kOwnFrames = 1024;
   static constexpr unsigned char kPaint = 0xC5;
 
@@ -107,7 +107,7 @@ TEST_F(WorkerStackTest, LeavesFourFifthsFreeWhereARealDeliveryIsDeepest) {
     EXPECT_THAT(log.Lines(), Contains(StartsWith(c.line)));
     std::printf("%s: %zu bytes\n", c.name, use.used);
     EXPECT_LE(use.used * 5, Platform::kWorkerStack);
-    // A delivery needs more than that. A smaller value means that the fill did not work.
+    // Every delivery uses more than this. A smaller value means that painting the stack failed.
     EXPECT_GE(use.used, std::size_t{4} << 10);
     // The emulator reserves at least 1 MiB.
     EXPECT_EQ(use.reserved, std::max(Platform::kWorkerStack, std::size_t{1} << 20));
