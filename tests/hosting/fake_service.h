@@ -5,7 +5,7 @@
 
 namespace Vx::Hosting {
 
-// Counts the objects that the host has not yet returned, and calls `onUse` in each call that can
+// Counts the objects that the host has not yet released, and calls `onUse` in each call that can
 // use the store.
 class FakeService final : public Tessel::Server::Services::VxService {
  public:

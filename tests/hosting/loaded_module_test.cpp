@@ -34,7 +34,7 @@ TEST(LoadedModuleTest, NamesNoFaultThatItHasNotFound) {
   std::string image = Tests::ReadText(Tests::TestModulePath());
   const auto* const start = reinterpret_cast<const IMAGE_DOS_HEADER*>(image.data());
   auto* const headers = reinterpret_cast<IMAGE_NT_HEADERS64*>(image.data() + start->e_lfanew);
-  // The section headers follow the others, and that of the code is the first.
+  // The section headers follow, and the first describes the code.
   const auto& code = *reinterpret_cast<const IMAGE_SECTION_HEADER*>(headers + 1);
   const std::size_t returnsFalse = image.find("\x31\xC0\xC3", code.PointerToRawData);
   ASSERT_LT(returnsFalse, code.PointerToRawData + code.SizeOfRawData);

@@ -28,7 +28,7 @@ TEST(ModuleLogTest, ReadsNoMemberBeyondTheSizeThatAnOlderModuleStates) {
 
   line.size = offsetof(VxLogLine, text) + 1;
   line.text = kWild;
-  line.level = 3;  // from a later module
+  line.level = 3;  // from a newer module
   copy = LineOf(line);
   EXPECT_EQ(copy.level + copy.provider + copy.caller + copy.message, L"ERRORpc");
   EXPECT_FALSE(copy.record);

@@ -30,7 +30,7 @@ TEST(NeedsServicesMutexTest, OutsideTheServicesSessionForTheMachinesStore) {
   }
 }
 
-// A private store that this process takes for the machine's.
+// A private store that this process treats as the machine's.
 class ServicesMutexTest : public ::testing::Test {
  protected:
   Tests::PrivateStore store;
