@@ -126,7 +126,7 @@ TEST(ParseJson, LeavesNullBehindAFailureAndCanBeUsedAgain) {
   EXPECT_THROW(document[L"a"], Misuse);
 }
 
-// After an escape, the reader moves every later unit of the text, whole runs included.
+// After an escape, the reader moves every code unit that follows, including whole runs.
 TEST(ParseJson, KeepsWhatStandsBeforeAndBehindAnEscape) {
   std::wstring rest;
   for (wchar_t unit = L'A'; rest.size() < 200; unit = unit == L'Z' ? L'A' : unit + 1) rest += unit;
