@@ -12,7 +12,7 @@ constexpr wchar_t kProgram[] = L"C:\\Program Files\\a b.exe";
 constexpr wchar_t kQuoted[] = L"\"C:\\Program Files\\a b.exe\"";
 constexpr std::size_t kQuotedSize = std::size(kQuoted) - 1;
 
-constexpr std::size_t kLongest = 32766;  // Windows documents 32,767 with the terminator
+constexpr std::size_t kLongest = 32766;  // Windows documents 32,767 including the terminator
 constexpr std::size_t kRoom = kLongest - kQuotedSize - 1;
 
 TEST(AppCommandLine, QuotesThePathOnlyBeforeAParameterAndRefusesWhatIsTooLong) {

@@ -52,7 +52,7 @@ TEST_F(LauncherTest, AsksWindowsNothingWithoutAnAliasAFamilyATokenOrSessions) {
                           L"user(): WTSQueryUserToken is not available on this platform"));
 }
 
-// A new logon of the same user is a change too, because the first one may have ended.
+// A new logon of the same user counts as a change too, because the first one may have ended.
 TEST_F(LauncherTest, StartsNothingIfTheUserChangesBetweenItsTwoTokens) {
   for (const std::wstring next : {L"bob", L"ann"}) {
     machine.users.LogOn(L"ann");

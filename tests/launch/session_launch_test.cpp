@@ -16,7 +16,7 @@ class SessionLaunchTest : public Tests::MachineTest {
     outcome = LaunchProcessInSession(*program, {}, {}, session);
     return outcome.decision == Records::Decision::Ran;
   }
-  // Starts a process of `user` or, if that is empty, a system process in session 0.
+  // Starts a process of `user` or, if `user` is empty, a system process in session 0.
   std::uint32_t Run(const wchar_t* image, const std::wstring& user = {}) {
     Platform::ProcessStart start;
     start.application = image;
