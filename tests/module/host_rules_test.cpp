@@ -1,4 +1,4 @@
-// Hosts that break the contract, or that call concurrently what others call in sequence.
+// Hosts that break the contract, or that make concurrently the calls that others make in sequence.
 
 #include "hosting/loaded_module.h"
 #include "support/test.h"
@@ -9,7 +9,7 @@ namespace {
 
 class HostRulesTest : public RuntimeTest {
  protected:
-  // The module frees the fakes' strings through the Windows Runtime, which does not count them.
+  // The module frees strings through the Windows Runtime, so the fakes cannot count them.
   void ExpectNothingLeft() override {}
 
   RegisteredFakes fakes;

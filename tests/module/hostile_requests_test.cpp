@@ -1,4 +1,4 @@
-// The fuzzers' requests, with values replaced by their "json" seeds, on the shipping module.
+// Sends the module the fuzzers' requests, with values replaced by their "json" seeds.
 
 #include "fuzz/wide_input.h"
 #include "json/json_object.h"
@@ -55,7 +55,7 @@ std::vector<Text> LargeValues() {
           Repeated(L"{\"a\":", kDeep)};
 }
 
-// Returns the offset of each value in a request, nested ones included. No seed has `":` elsewhere.
+// Returns the offset of each value in a request, including nested ones. No seed has `":` elsewhere.
 std::vector<std::size_t> ValuesOf(const Text& request) {
   std::vector<std::size_t> places;
   for (std::size_t at = request.find(L"\":"); at != Text::npos; at = request.find(L"\":", at + 1)) {
@@ -83,8 +83,8 @@ std::uint32_t CommandOf(const Text& request) {
   return 20;
 }
 
-// Returns the failure of this machine's package manager, which command 7 returns unchanged, or 0.
-// Windows returns an empty list for an unknown family. An emulator has no package manager
+// Returns the error code of this machine's package manager, which command 7 returns unchanged, or
+// 0. Windows returns an empty list for an unknown family. An emulator has no package manager
 // (REGDB_E_CLASSNOTREG) or one whose functions are not implemented (E_NOTIMPL).
 // https://learn.microsoft.com/en-us/uwp/api/windows.management.deployment.packagemanager.findpackagesforuser
 std::uint32_t PackageManagersFailure() {
@@ -122,7 +122,7 @@ class HostileRequestsTest : public ModuleTest {
                   << testing::PrintToString(request.substr(0, 300));
   }
 
-  // Fires the subscribed events and checks the other service's value.
+  // Fires the subscribed events and checks that the other service's value is unchanged.
   void Deliver() {
     for (const std::uint32_t code : {7U, 4U, 0U, 18U, 0xFFFFFFFFU}) {
       service.Slots()->power_event_task(code);
@@ -196,7 +196,7 @@ TEST_F(HostileRequestsTest, SubscriptionsMadeOfAnythingAreDeliveredOrLogged) {
 TEST_F(HostileRequestsTest, MegabytesAndBottomlessNestingAreRefusedOrKept) {
   std::size_t turn = 0;
   for (const Text& value : LargeValues()) {
-    // Large values are slow to store, so each goes to a third of the commands and three requests.
+    // Large values are slow, so each goes to a third of the commands and into three requests.
     for (auto id = static_cast<std::uint32_t>(turn % 3); id <= kLastId; id += 3) Send(id, value);
     for (int request = 0; request < 3; ++request, ++turn) {
       const Text& chosen = requests[turn % requests.size()];

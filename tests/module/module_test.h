@@ -17,6 +17,6 @@ class ModuleTest : public testing::Test {
   Hosting::ServiceSession service = module.NewService();
 };
 
-inline constexpr std::size_t kSystemThreads = 4;  // of system pools, which may grow at any time
+inline constexpr std::size_t kSystemThreads = 4;  // in system pools, which may grow at any time
 
 }  // namespace Vx::Tests

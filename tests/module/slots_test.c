@@ -1,5 +1,5 @@
-// Drives the module through its one export and numbered slots, as a host does. Plain C without this
-// project's headers, so that no class declaration hides a change to the contract.
+// Drives the module through its single export and numbered slots, as a host does. Plain C without
+// this project's headers, so that no class declaration hides a change to the contract.
 #include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -147,7 +147,7 @@ static void NotificationsAreTakenInAnyState(void) {
   Unmake(service);
 }
 
-// The host's callable: 64 bytes, whose last word points at the held object.
+// The host's callable: 64 bytes, ending in a pointer to the held object.
 typedef struct Callback {
   char storage[56];
   void* const** held;
@@ -169,7 +169,7 @@ static DWORD WINAPI RunHeldCommand(void* service) {
   Callback callback = {{0}, &object};
   void* context = Context(service, L"client");
   wchar_t* response = NULL;
-  // The context and the response outlive the object, whose slots alone could free them.
+  // The context and response leak, because only the service, destroyed earlier, could free them.
   return ((Execute)((Service*)service)->slots[kExecuteCommand])(
       service, context, 13, L"{\"launched\":1}", &response, &callback);
 }
@@ -196,7 +196,7 @@ static int IsMapped(const void* address) {
   return VirtualQuery(address, &place, sizeof place) != 0 && place.State == MEM_COMMIT;
 }
 
-// A thread of a service holds the module until it has ended. An object does not.
+// A service's thread keeps the module loaded until the thread ends. A service object does not.
 static void AnObjectDoesNotKeepTheModule(HMODULE module) {
   const Service* const service = Make();
   const void* const slot0 = service->slots[kDestroy];
@@ -209,7 +209,7 @@ static unsigned char SetupIsOver(Service* service) {
   return ((Ask)service->slots[kOobeEvent])(service);
 }
 
-// No app accepts the message here, so it stays pending. Without a store it can never be sent. Slot
+// No app accepts the message here, so it stays pending. Without a store, it can never be sent. Slot
 // 0 does not cancel the launch that the first call schedules for an hour later.
 static void TheEndOfSetupReturnsWhetherNothingIsLeftToDo(HMODULE module) {
   wchar_t store[MAX_PATH], program[MAX_PATH];
@@ -249,7 +249,7 @@ int main(void) {
   CommandsAnswer();
   TheEndDoesNotWaitForACommand();
   AnObjectDoesNotKeepTheModule(module);
-  // Messages to apps may keep it on Windows.
+  // On Windows, messages to apps may keep the module loaded.
   module = LoadBesideTests();
   NotificationsAreTakenInAnyState();
   TheEndOfSetupReturnsWhetherNothingIsLeftToDo(module);

@@ -7,16 +7,16 @@ namespace Vx::Tests {
 namespace {
 
 // Bytes that the steps may leave in the heap. Most runs leave nothing. Some leave 480-byte blocks
-// that the system keeps for threads. Commands start no threads, so even 14 bytes that one command
-// of the list leaks are found.
+// that the system keeps for threads. Commands start no threads, so a leak of as few as 14 bytes in
+// one command is detected.
 constexpr std::size_t kStepsPerByte = 100;
 constexpr std::size_t kOneBlock = 512;
 constexpr std::size_t kBlocksOfWorkers = 4 * kOneBlock;
 
-constexpr std::size_t kCommitAllowance = std::size_t{256} * 1024;  // the heap may commit once more
+constexpr std::size_t kCommitAllowance = std::size_t{256} * 1024;  // for one more heap commit
 
-// Deliveries between two waits for their workers, as many as a host makes between two events.
-// Limits how many threads run at once.
+// The number of deliveries between two waits for their workers, which limits how many threads run
+// at once. A host makes as many between two events.
 constexpr std::size_t kDeliveriesAtOnce = 48;
 
 struct Figures {
@@ -33,7 +33,7 @@ class SoakTest : public ModuleTest {
   }
 
   // First waits for handles and threads to return to `before`, because short-lived system threads
-  // hold some.
+  // add to both.
   static Figures Measure(const char* when, const Figures& before) {
     static_cast<void>(ThreadsEnd(before.threads));
     const std::uintptr_t handles = RestingHandleGauge(before.handles + kMutexEventsGauge);
@@ -159,12 +159,12 @@ TEST_F(SoakTest, ServicesComeAndGoWithEverythingInFlight) {
       });
     }
   };
-  round();  // allocates what the system keeps for the process
+  round();  // makes the system's permanent allocations
   ASSERT_TRUE(ThreadsEnd(quiet + kSystemThreads));
   const std::uintptr_t before = HandleGauge();
   round();
   ASSERT_TRUE(ThreadsEnd(quiet + kSystemThreads));
-  // Room for passing system threads. A handle lost by each service would exceed it.
+  // Room for short-lived system threads. A leak of one handle per service would exceed it.
   constexpr std::uintptr_t kSystemsOwn = 16;
   EXPECT_LE(RestingHandleGauge(before + kSystemsOwn), before + kSystemsOwn);
 }

@@ -1,5 +1,5 @@
 // A system thread may enter or leave the module after the host has destroyed the service and freed
-// the module. Each case has its own process, so that none inherits a module that stayed loaded.
+// the module. Each case runs in its own process, so that none inherits a loaded module.
 
 #include "hosting/loaded_module.h"
 #include "support/test.h"
@@ -29,14 +29,14 @@ class UnloadDeathTest : public RuntimeTest {
     held = AwaitHandlers();
   }
 
-  // Destroys and frees as a host does. After that, only a delegate can keep the module loaded.
+  // Ends the service and frees the module. After that, only a delegate can keep the module loaded.
   void Unload(std::size_t threadsOfTheSystem) {
     service.reset();
     module.reset();
     EXPECT_TRUE(ThreadsEnd(quiet + threadsOfTheSystem));
   }
 
-  // Releases what the system holds and ends this process, with 0 if nothing has failed.
+  // Releases the held handlers and exits this process, with code 0 unless a check has failed.
   [[noreturn]] void End() {
     held.clear();
     store.reset();
