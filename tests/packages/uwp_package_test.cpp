@@ -259,7 +259,7 @@ class CallerIdentityTest : public UwpPackageModelTest {
     Install();
     ActAsBob();
   }
-  void TearDown() override {}  // the caller still impersonates
+  void TearDown() override {}  // the caller is still impersonating
 
   void ActAsBob() { machine.users.Impersonate(machine.users.TokenOf(L"bob")->get()); }
   std::wstring Acting() const {
