@@ -18,7 +18,7 @@ struct Seen {
   int loadsAsUser = 0;
 };
 
-// The loader calls this on the loading thread, after it has opened the file.
+// The loader calls this on the loading thread, after opening the file.
 void CALLBACK OnLibrary(ULONG /*reason*/, const void* /*data*/, void* context) {
   auto& seen = *static_cast<Seen*>(context);
   ++seen.loads;

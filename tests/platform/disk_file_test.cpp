@@ -18,7 +18,7 @@ namespace {
 std::vector<DWORD> pipeFlags;  // one element per open
 const decltype(&CreateFileW) realCreateFile = __imp_CreateFileW;
 
-// Records the flags, because the emulator gives a pipe's server the same rights whatever they are.
+// Records the flags, because the emulator grants a pipe's server the same rights with any flags.
 HANDLE WINAPI WatchedCreateFile(const wchar_t* name, DWORD access, DWORD share,
                                 SECURITY_ATTRIBUTES* security, DWORD disposition, DWORD flags,
                                 HANDLE pattern) {
@@ -106,7 +106,7 @@ TEST(AccessOfTest, AnEntryOfAnotherTypeAllowsAccessToAnUnknownAccountUnlessItDen
       {ACCESS_DENIED_ACE_TYPE, false, ~0U},
       {ACCESS_DENIED_CALLBACK_ACE_TYPE, false, ~0U},
       {ACCESS_ALLOWED_COMPOUND_ACE_TYPE, true, ~0U},
-      {0x7F, true, ~0U},  // from a later Windows
+      {0x7F, true, ~0U},  // from a later version of Windows
   };
   const Tests::ImportOverride list(__imp_GetSecurityInfo, &OneEntry);
   for (const auto& c : kCases) {

@@ -30,7 +30,7 @@ class PrivateLocalMachine {
     HKEY opened = nullptr;
     RegCreateKeyExW(HKEY_LOCAL_MACHINE, key, 0, nullptr, REG_OPTION_VOLATILE, KEY_ALL_ACCESS,
                     nullptr, &opened, nullptr);
-    // The emulator stores a terminator that follows a string's data, so "##" follows instead.
+    // If a terminator followed a string's data, the emulator would store it, so "##" follows.
     std::vector<BYTE> bytes = data;
     bytes.insert(bytes.end(), {'#', '#'});
     RegSetValueExW(opened, value, 0, type, bytes.data(), static_cast<DWORD>(data.size()));

@@ -81,7 +81,7 @@ class NoThreads final : public Threads {
   const bool throws;
 };
 
-// Ends the process with 0. If a worker were still counted, the end of the scope would be fatal.
+// Exits the process with 0. If a worker were still counted, leaving the scope would be fatal.
 [[noreturn]] void LeaveAfterAFailedStart(bool outOfMemory) {
   bool threw = false;
   {
@@ -102,7 +102,7 @@ TEST(FailedStartTest, LeavesNoWorkerThatAMachineWaitsFor) {
   }
 }
 
-// STATUS_FAIL_FAST_EXCEPTION, which leaves an error report. After abort it would be 3.
+// STATUS_FAIL_FAST_EXCEPTION, which creates an error report. The exit code of abort is 3.
 constexpr int kFailFast = static_cast<int>(0xC0000602);
 
 TEST(JoinableThreadTest, FailsFastWhenItIsDestroyed) {
@@ -118,7 +118,7 @@ TEST(FailFastTest, IsWhatAnUncontainedExceptionEndsIn) {
       testing::ExitedWithCode(kFailFast), "");
 }
 
-// Fills `size` bytes from `first` in a way that the compiler cannot see through.
+// Fills `size` bytes from `first` in a way that the compiler cannot analyze.
 void Fill(volatile char* first, std::size_t size) {
   for (std::size_t i = 0; i < size; ++i) first[i] = 'x';
 }

@@ -9,7 +9,7 @@ namespace {
 constexpr wchar_t kFullName[] = L"Some.App_1.2.3.4_x64__0123456789abc";
 constexpr wchar_t kPath[] = L"C:\\Program Files\\WindowsApps\\Some.App";
 
-// Results of the functions below, which like the real ones take no context.
+// The results of the functions below, which, like the real ones, take no context parameter.
 struct Answers {
   long sizeStatus = ERROR_INSUFFICIENT_BUFFER;
   long fetchStatus = ERROR_SUCCESS;

@@ -6,7 +6,7 @@
 namespace Vx::Abi {
 namespace {
 
-// The slot that `method` calls. This compiler's member pointers hold its byte offset plus one.
+// Returns the slot of `method`. This compiler's member pointers store its byte offset plus one.
 template <typename Method>
 int SlotOf(Method method) {
   std::intptr_t stored[2];
