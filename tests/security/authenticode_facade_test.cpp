@@ -103,7 +103,7 @@ TEST(Explain, TellsTheStepsOfTheDecisionAndEndsWithTheVerdict) {
   }
 }
 
-// Wine verifies the first signature in place of the second, so only the number can be checked.
+// Wine verifies the first signature in place of the second, so only their number can be checked.
 TEST(VerifyFile, LooksAtBothSignaturesOfAFile) {
   EXPECT_EQ(VerifyFile(PkiFile(L"dual.exe"), GeneralKeys()).embeddedSignatures.size(), 2U);
 }

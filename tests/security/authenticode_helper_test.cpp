@@ -30,7 +30,7 @@ constexpr auto kNoSignature = Code(0x800B0100);
 constexpr std::uint32_t kGenericAll = 0x10000000;
 constexpr std::uint32_t kFullControl = 0x1F01FF;
 
-// Provides what Wine lacks: several signatures, catalogs, and results that depend on a chain.
+// Provides what Wine lacks: several signatures, catalogs and results that depend on the chain.
 class FakeTrust : public Platform::TrustProvider {
  public:
   SignatureVerdict VerifyEmbedded(const std::wstring& path, std::uint32_t index) const override {
@@ -61,7 +61,7 @@ class FakeTrust : public Platform::TrustProvider {
   }
 };
 
-// Returns Windows-style access lists. Paths missing from `finalPaths` are resolved for real.
+// Returns Windows-style access lists. Paths missing from `finalPaths` are resolved normally.
 class FakePlaces : public Simulator::SimulatedFiles {
  public:
   Result<std::wstring> FinalPath(const std::wstring& path) const override {
@@ -250,8 +250,8 @@ TEST_F(PathVerdictTest, AllowsEveryTextThatNamesAProtectedFile) {
   }
 }
 
-// Each text begins like an allowed path, or would in some interpretation, but names no file there.
-// The outcome identifies the check that must reject it, so a missing check is noticed.
+// Each text starts like an allowed path, or would under some interpretation, but names no file
+// there. The outcome identifies the check that must reject it, so that a missing check is detected.
 TEST_F(PathVerdictTest, RefusesTextsThatOnlyLookProtected) {
   const Tests::TempFolder outside;
   const std::wstring evil = outside / L"evil.exe";

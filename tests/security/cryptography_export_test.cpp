@@ -4,7 +4,7 @@
 #include "platform/files.h"
 #include "support/test.h"
 
-// Calls through slot numbers alone, like a host built by another compiler.
+// Calls only through slot numbers, like a host built by another compiler.
 
 namespace Vx::Tessel::Security {
 

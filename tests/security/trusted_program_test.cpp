@@ -18,7 +18,7 @@ std::wstring Checked(const std::wstring& path) {
   return program == nullptr ? std::wstring() : program->Path();
 }
 
-// A link that leads to a forged program at the lock or at the check must be noticed.
+// A link that leads to a forged program during the lock or during the check must be detected.
 TEST(TrustedProgramTest, IsWhatTheLockHoldsWhereverALinkLeadsNow) {
   const Tests::ProtectedFolder genuine;
   const Tests::ProtectedFolder forged;
@@ -73,7 +73,7 @@ TEST(TrustedProgramTest, IsNoneIfWindowsRefusesAnyCallThatItNeeds) {
   const Tests::ProtectedFolder folder;
   std::filesystem::create_directory(folder / L"%x%");
   std::filesystem::copy_file(Tests::PkiFile(kPinned), folder / L"%x%\\pinned.exe");
-  // Makes the most calls: expands the percent sign and judges both this spelling and the true one.
+  // Makes the most calls: "%" is expanded, and both this spelling and the true one are judged.
   const std::wstring text = folder / L"%x%\\PINNED.EXE";
   Simulator::FaultInjection faults;
   const Platform::MachineScope scope([&](Platform::Machine& machine) { faults.Install(machine); });
@@ -105,7 +105,7 @@ TEST(TrustedProgramTest, IsNoneWithoutTheLibraryThatJudgesSignatures) {
       {L"wintrust.dll", ERROR_SUCCESS, program},
       {L"no_such_library.dll", ERROR_MOD_NOT_FOUND, {}},
       {L"kernel32.dll", ERROR_PROC_NOT_FOUND, {}},
-      // This library is beside the program, where a search by name would find it.
+      // This library is in the program's folder, where a search by name would find it.
       {L"lockdown_policy.dll", ERROR_MOD_NOT_FOUND, {}},
   };
   for (const auto& c : cases) {
