@@ -10,7 +10,7 @@ using Tessel::Server::ConsentStore;
 
 constexpr wchar_t kPolicy[] = L"SOFTWARE\\Policies\\Vx\\Consent";
 
-// vxhost/scenarios/consent.json covers what each text decides.
+// vxhost/scenarios/consent.json covers the effect of each text.
 TEST(ConsentStoreTest, AMissingValueIsSilentAndOneThatIsNoTextIsReported) {
   Simulator::SimulatedRegistry registry;
   const Platform::MachineScope scope(

@@ -27,8 +27,8 @@ class FaultWalkTest : public SimulatedServiceTest {
  protected:
   FaultWalkTest() { InstallApp(L"7C3B9E40.Qubo"); }
 
-  // The virtual clock keeps the wake events of parked workers and its timers for life, so flows
-  // with workers add a few handles. A leak at every fault would add far more.
+  // The virtual clock keeps the wake events of parked workers and its timers for its lifetime, so
+  // flows with workers add a few handles. A leak at every fault would add far more.
   enum class Workers { None, Some };
 
   struct Flow {
@@ -40,7 +40,7 @@ class FaultWalkTest : public SimulatedServiceTest {
   // After each fault, checks impersonation, workers, the other service's value and another try.
   void Walk(const Flow& flow, Workers workers = Workers::None) {
     StartFrameworkThread();
-    // In the first runs, even one that throws, Windows allocates what it keeps for the process.
+    // The first runs, even one that throws, cause Windows's per-process allocations.
     for (const std::size_t index : {kNever, std::size_t{0}}) {
       Begin(flow);
       RunOnce(flow, index);
@@ -203,7 +203,7 @@ TEST_F(FaultWalkTest, PackageEvent) {
   const auto uninstall = [&] {
     before = Told();
     InstallApp(L"App");
-    host.service->OnSessionChange(5);  // activates what an earlier try stored
+    host.service->OnSessionChange(5);  // activates a subscription that an earlier try stored
     Expect(codes, 7, kWatch);
     machine.clock.Settle();
     try {

@@ -25,7 +25,7 @@ class GetSubscriptionsTest : public SimulatedServiceTest {
   }
 };
 
-// A client that sees an empty list subscribes again and so replaces a damaged store.
+// A client that receives an empty list subscribes again and so replaces a damaged store.
 TEST_F(GetSubscriptionsTest, TellsAnEmptyListFromOneThatCannotBeRead) {
   static constexpr wchar_t kListed[] = L"GetSubscriptions executed";
   static constexpr char kStored[] = R"([{"powerEventType":7}])";
@@ -106,7 +106,7 @@ std::wstring Repeated(std::wstring_view text, std::size_t times) {
   return all;
 }
 
-// The longest request if all are listed, and if some are omitted.
+// The longest request that fits if all are listed, and if some are omitted.
 constexpr std::size_t kLongest = 65536 - std::wstring_view(kNone).size();
 constexpr std::size_t kLongestInPart =
     kLongest - std::wstring_view(L",\"omitted\":4294967295,").size();
