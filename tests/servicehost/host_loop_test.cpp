@@ -129,7 +129,7 @@ class SecurityWatch {
 
 class HostLoopTest : public ::testing::Test {
  protected:
-  // The module's threads keep it loaded until they end. The host must not do so for longer.
+  // The module's threads keep it loaded until they end. The host must not keep it loaded longer.
   ~HostLoopTest() override { ExpectUnload(); }
 
   static void ExpectUnload() {
@@ -172,7 +172,7 @@ TEST_F(HostLoopTest, RunsCommandsAndForwardsCodes) {
   EXPECT_THAT(Logged(), HasSubstr(L"the module is stopped"));
 }
 
-// Without cloaking, an app would see this process instead of the user for whom the module sends:
+// Without cloaking, apps would be called with this process's identity instead of the user's:
 // https://learn.microsoft.com/windows/win32/com/cloaking
 TEST_F(HostLoopTest, ChoosesDynamicCloakingBeforeItLoadsTheModuleAndKeepsComEntered) {
   static constexpr wchar_t kLine[] =
@@ -232,7 +232,7 @@ TEST_F(HostLoopTest, TheDisplaySetsTheStandbyEventOnModernStandbyAlone) {
   EXPECT_THAT(Logged(), HasSubstr(L"ERROR : the standby event cannot follow the display, error 5"));
 }
 
-// The module hangs in one code. The last of each later code is kept, even 18, which ends standby.
+// The module hangs in one call. The last of each later code is kept, even 18, which ends standby.
 TEST_F(HostLoopTest, AFullQueueKeepsTheLastReportOfEachCodeAndWarnsOnce) {
   using enum CodeQueue::Kind;
   HostLoop host(Options(true), *log);
@@ -274,7 +274,7 @@ class SetupState final : public Platform::Oobe {
   std::atomic<bool> complete{false};
 };
 
-// Slot 8 logs that it cannot open the store. If it could, it would keep the module for an hour.
+// Slot 8 logs that it cannot open the store. Otherwise it would keep the module loaded for an hour.
 TEST_F(HostLoopTest, CallsSlot8WhenSetupEnds) {
   SetupState setup;
   const Platform::MachineScope scope([&](Platform::Machine& machine) { machine.oobe = &setup; });
@@ -296,7 +296,7 @@ TEST_F(HostLoopTest, LogsTheModulesLinesWhoeverHasTheNamesOfDebugOutput) {
   EXPECT_THAT(Logged(), HasSubstr(L"Unsupported Function call 99"));
 }
 
-// Like a build with the maker's logging library, which has no such export: the test renames it.
+// Renames the export, to simulate a build with the maker's logging library, which lacks it.
 TEST_F(HostLoopTest, ServesAModuleWithoutASinkWithOneWarning) {
   const Tests::TempFolder folder;
   const auto path = folder.Path() / L"OrvaneService.dll";

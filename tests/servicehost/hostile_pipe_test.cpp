@@ -49,8 +49,8 @@ std::string HostileMessage(std::mt19937& random) {
   return message;
 }
 
-// The server returns each request, so each message must either be a command, whose result is known
-// exactly, or end its own connection.
+// The server echoes each request, so each message must either be a command, whose exact result is
+// known, or close its own connection.
 TEST(HostilePipeTest, AMessageIsACommandOrTheEndOfItsConnection) {
   const std::uint32_t seed = Setting("VX_SEED", 17);
   std::mt19937 random(seed);

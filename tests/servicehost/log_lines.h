@@ -5,7 +5,7 @@
 
 namespace Vx::Hosting::ServiceHost {
 
-// Collects the entries that a ServiceLog writes, as lines "LEVEL caller: message". Any thread.
+// Collects the entries that a ServiceLog writes, as lines "LEVEL caller: message". Thread-safe.
 class LogLines {
  public:
   std::vector<LogTarget> Targets() {

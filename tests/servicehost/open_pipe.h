@@ -4,7 +4,7 @@
 
 namespace Vx::Hosting::ServiceHost {
 
-// Opens the pipe as a client that can write anything.
+// Opens the pipe as a client that can send arbitrary bytes.
 inline Platform::UniqueHandle OpenPipe(const std::wstring& path, DWORD flags = 0) {
   Platform::UniqueHandle pipe;
   EXPECT_TRUE(Tests::Eventually([&] {

@@ -42,8 +42,8 @@ class ScarceThreads final : public Platform::Threads {
   std::optional<Tests::MemoryShortage> shortage;  // ends with the next report
 };
 
-// A server that returns each request with its ID as the code, and holds ID 1 until `release` is
-// set.
+// Runs a server that echoes each request, with its ID as the result code, and blocks ID 1 until
+// `release` is set.
 class PipeTest : public ::testing::Test {
  protected:
   void Serve(std::vector<std::wstring> allowed = {}) {
@@ -137,7 +137,7 @@ TEST_F(PipeTest, AnswersEachClientWhileTheCommandOfAnotherOneRuns) {
   slow.Join();
 }
 
-// The host destroys the module's object after the server.
+// The host destroys the module's service object only after the server.
 TEST_F(PipeTest, ItsEndWaitsForTheCommandThatRuns) {
   Serve();
   const auto pipe = RawClient();
@@ -289,7 +289,7 @@ TEST_F(PipeTest, NobodyKeepsAdministratorsOrOtherAccountsOut) {
     caller.privileged = next.privileged;
     return caller;
   };
-  Serve();  // eight places: four are reserved, and an account gets three
+  Serve();  // eight places: four are reserved, and an account may use three
   std::vector<Platform::UniqueHandle> crowd;
   const auto isServed = [&](const Account& account) {
     next = account;
@@ -338,7 +338,7 @@ const decltype(&CreateNamedPipeW) realCreateNamedPipe = __imp_CreateNamedPipeW;
 
 HANDLE WINAPI RefuseInstances(const wchar_t* name, DWORD mode, DWORD type, DWORD most, DWORD out,
                               DWORD in, DWORD wait, SECURITY_ATTRIBUTES* security) {
-  // Windows, unlike the emulator, refuses a first instance while others exist.
+  // Windows, unlike the emulator, does not create a first instance while others exist.
   const bool own = (mode & FILE_FLAG_FIRST_PIPE_INSTANCE) != 0 &&
                    (WaitNamedPipeW(name, 1) != FALSE || GetLastError() != ERROR_FILE_NOT_FOUND);
   if (own || refusedInstances > 0) {
@@ -369,7 +369,7 @@ BOOL WINAPI ReportClient(HANDLE, ULONG* processId) {
   return TRUE;
 }
 
-// A process may pass its end of the pipe on and end, and another one may then get its ID.
+// A process may pass on its end of the pipe and exit, and another process may then reuse its ID.
 TEST_F(PipeTest, AClientStaysTheProcessThatConnectedEvenIfItWaitsAndEnds) {
   std::atomic<int> identified{0};
   identify = [&](std::uint32_t id) {
@@ -424,7 +424,7 @@ TEST_F(PipeTest, ASilentClientIsDisconnected) {
 }
 
 TEST_F(PipeTest, ATakenNameIsOneErrorAndARetry) {
-  // The emulator ignores the flag for a first instance, but enforces that instance's limit.
+  // The emulator ignores the flag for a first instance, but enforces the first instance's limit.
   auto squatter = Platform::AdoptFile(CreateNamedPipeW(path.c_str(), PIPE_ACCESS_INBOUND,
                                                        PIPE_TYPE_MESSAGE, 1, 64, 64, 0, nullptr));
   ASSERT_NE(squatter, nullptr);
@@ -452,8 +452,8 @@ TEST_F(PipeTest, AClientSendsNothingIntoThePipeOfAnotherAccount) {
   const std::wstring self = CallerOf(GetCurrentProcessId()).account;
   const struct {
     std::wstring owner;
-    bool system;   // accepted where the service is installed
-    bool account;  // accepted where it runs in a console
+    bool system;   // accepted if the service is installed
+    bool account;  // accepted if it runs in a console
   } kCases[] = {
       {L"S-1-5-18", true, true},  {L"S-1-5-32-544", true, true},
       {self, false, true},        {L"S-1-5-21-1-2-3-1001", false, false},

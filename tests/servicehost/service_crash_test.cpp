@@ -45,7 +45,7 @@ class ServiceCrashTest : public ::testing::Test {
     return siblings && !siblings->empty();
   }
 
-  // Subscribes until the service is killed. Returns how many were acknowledged.
+  // Subscribes until the service is killed. Returns the number of acknowledged subscriptions.
   int SubscribeUntilKilled(int first) {
     int number = first;
     try {

@@ -143,7 +143,7 @@ LogTarget KeepIn(std::vector<std::wstring>& messages, const bool* works = nullpt
   };
 }
 
-// Holds every entry back until `open` is set.
+// Blocks each entry until `open` is set.
 struct Gate {
   LogTarget Before(const LogTarget& target) const {
     return [this, target](const LogEntry& entry) {

@@ -179,7 +179,7 @@ TEST(ServicePlanTest, ItsCommandLineIsQuotedAndItsNameCannotBreakOut) {
   EXPECT_TRUE(IsServiceName(std::wstring(64, L'a')));
 }
 
-// Replace Windows' functions, to refuse one setting of a service or its event source.
+// Replace Windows functions, so that one setting of a service or its event source fails.
 DWORD refusedLevel = 0;
 BOOL restartsAfterErrors = FALSE;
 BOOL WINAPI Change(SC_HANDLE /*service*/, DWORD level, void* info) {
@@ -268,7 +268,7 @@ BOOL WINAPI SetAccess(SC_HANDLE, SECURITY_INFORMATION what, PSECURITY_DESCRIPTOR
   return TRUE;
 }
 
-// A service as an earlier version installed it, with its options in the command line.
+// A service as installed by an earlier version, with its options on the command line.
 TEST(ServiceManagerTest, ReplacingMovesTheOptionsFromTheCommandLineToTheParameters) {
   const std::wstring name = L"VxOlder" + std::to_wstring(GetCurrentProcessId());
   const Tool::UniqueServiceHandle windows(
@@ -304,7 +304,7 @@ TEST(ServiceManagerTest, ReplacingMovesTheOptionsFromTheCommandLineToTheParamete
   older.reset();
   const Tests::ImportOverride access(__imp_SetServiceObjectSecurity, &SetAccess);
   manager.Install(plan);
-  // The access list of a new service, as Windows documents it.
+  // The default access list of a new service, as documented by Windows.
   EXPECT_EQ(newAccess,
             L"O:BAD:(A;;CCLCSWRPWPDTLOCRRC;;;SY)(A;;CCDCLCSWRPWPDTLOCRSDRCWDWO;;;BA)"
             L"(A;;CCLCSWLOCRRC;;;IU)(A;;CCLCSWLOCRRC;;;SU)");
@@ -327,7 +327,7 @@ TEST(ServiceManagerTest, ReplacingMovesTheOptionsFromTheCommandLineToTheParamete
   manager.Remove(name);
 }
 
-// A client can have the module start the program as SYSTEM, with any arguments.
+// A client can make the module start this program as SYSTEM, with any arguments.
 TEST(OrvaneHostTest, DoesNothingUnlessTheServiceManagerStartedItForAName) {
   const struct {
     const wchar_t* arguments;

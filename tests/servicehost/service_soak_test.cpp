@@ -1,5 +1,5 @@
-// Checks that a host does not grow over a day's events and commands. The variable VX_STEPS sets the
-// number of codes, see scripts/soak.
+// Checks that a host does not leak over a day's events and commands. The environment variable
+// VX_STEPS sets the number of codes (see scripts/soak).
 
 #include "hosting/text.h"
 #include "platform/thread.h"
@@ -18,7 +18,7 @@ constexpr std::size_t kHeapAllowance = std::size_t{64} * 1024;
 constexpr std::size_t kCommitAllowance = std::size_t{1} << 20;
 
 // Returns how many handles this process has open. Counts them one by one: those leaked while many
-// connections are open have high values, of which HandleGauge sees only a part.
+// connections are open have high values, of which HandleGauge detects only some.
 std::size_t OpenHandles() {
   constexpr std::uintptr_t kBeyond = 0x8000;
   std::size_t open = 0;
@@ -33,7 +33,7 @@ std::size_t OpenHandles() {
 class ServiceSoakTest : public ::testing::Test {
  protected:
   // Sends power and session codes, and one command per ten codes over separate connections. Then
-  // some clients break off in the middle of an exchange.
+  // some clients disconnect in the middle of an exchange.
   void LiveThrough(std::size_t codes) {
     std::vector<Platform::Thread> clients;
     const std::size_t each = codes / 10 / kConnections;
@@ -93,7 +93,7 @@ TEST_F(ServiceSoakTest, ADayLeavesHandlesThreadsAndMemoryWhereTheyWere) {
   };
   const auto measure = [this, quiet](std::size_t handles, const char* when) {
     log.Flush();
-    Tests::ThreadsEnd(quiet + 1);  // the last connection is joined when the next one comes
+    Tests::ThreadsEnd(quiet + 1);  // the last connection is joined when the next one arrives
     Tests::Eventually([&] { return OpenHandles() <= handles + Tests::kMutexEvents; }, 5s);
     const Figures now{Tests::ThreadCount(), OpenHandles(), Tests::MeasureMemory()};
     std::printf("%-9s %zu threads, %zu handles, %zu KiB committed, %zu bytes in blocks\n", when,
