@@ -52,8 +52,8 @@ void Log(const std::wstring& text) {
   LogManager::SetProvider("Vx-Test")->LogWarning(L"%s", text.c_str());
 }
 
-// Runs `body` in its own process, because the module remembers a monitor for life. The process
-// exits with 0 if `body` returns true, and with 3 if it hangs.
+// Runs `body` in its own process, because the module remembers a monitor until process exit. The
+// process exits with 0 if `body` returns true, and with 3 if it hangs.
 void ExpectInOwnProcess(const std::function<bool()>& body) {
   EXPECT_EXIT(
       {
@@ -66,7 +66,7 @@ void ExpectInOwnProcess(const std::function<bool()>& body) {
       testing::ExitedWithCode(0), "");
 }
 
-// Readers run as other users, so a short line must not reveal what a longer one left behind.
+// Readers run as other users, so a short line must not reveal the rest of an earlier, longer one.
 TEST(DebugMonitorTest, ReceivesEachLineWholeAndNothingElseOfThisProcess) {
   ExpectInOwnProcess([] {
     const Monitor monitor;

@@ -142,7 +142,7 @@ struct SlowSink {
       remove();
       EXPECT_TRUE(left);
     });
-    // Long enough for a removal that does not wait. A slow machine can only hide the fault.
+    // Long enough to catch a removal that does not wait. A slow machine can only mask the fault.
     EXPECT_EQ(removed.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout);
     leave.set_value();
   }
