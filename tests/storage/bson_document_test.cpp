@@ -193,7 +193,7 @@ TEST(BsonDocument, RemovesRepeatedKeysInTimeThatGrowsWithTheirNumberAlone) {
   std::string members;
   for (int i = 0; i < kRepeated; ++i) members += "\012k\0\012other\0"sv;
   for (const bool set : {true, false}) {
-    // The best of several, because the system may suspend this thread in any of them.
+    // Takes the best of several runs, because the system may suspend this thread in any of them.
     auto decoding = steady_clock::duration::max();
     auto change = decoding;
     for (int i = 0; i < 5; ++i) {

@@ -7,7 +7,7 @@
 
 #include "storage/store_fixture.h"
 
-// This program's import of the id generator, the only step of a write without a capability.
+// This program's import of the ID generator, the only step of a write that no capability covers.
 // NOLINTNEXTLINE(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp): the linker's name
 extern "C" RPC_STATUS(RPC_ENTRY* __imp_UuidCreate)(UUID*);
 
@@ -166,7 +166,7 @@ class DamagedStoreTest : public CapDataStoreTest {
     files.push_back(plain.back());                 // not a store file
   }
 
-  // An empty store if `n` is at most the header's size. Otherwise a damaged file or document.
+  // Returns an empty store if `n` is at most kHeaderSize, otherwise a damaged file or document.
   Bytes OddFile(std::uint32_t n, std::mt19937& random) {
     if (n <= Tests::kHeaderSize) return {files[0].begin(), files[0].begin() + n};
     const std::size_t one = random() % files.size();

@@ -35,7 +35,7 @@ TEST(ListWith, RefusesARequestThatDiffersInItsDelayOnly) {
   EXPECT_NE(ListWith(list, L"{\"x\":1.0}"), std::nullopt);
 }
 
-// The delay may come anywhere in the parameters, more than once and beside similar members.
+// The delay may come anywhere in the parameters, more than once and next to similar members.
 TEST(ListWith, FindsTheSameRequestWhereverItsDelayStands) {
   const std::wstring form = L"{\"e\":7,\"commandParams\":{\"delayDelivery\":1,\"x\":2},\"z\":3}";
   static constexpr struct {

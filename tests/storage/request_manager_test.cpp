@@ -125,7 +125,7 @@ TEST_F(RequestManagerTest, RefusesWhatNoClientCouldNameAndWhatMakesTheListsTooLo
     EXPECT_FALSE(Manager().PersistRequest(grows));
     EXPECT_TRUE(Stored() == list) << "too long to print";
   }
-  // The limit applies to both lists together. `kSecond` adds eight characters, comma included.
+  // The limit applies to both lists together. `kSecond` adds eight characters, including the comma.
   ASSERT_TRUE(CapDataStore().mergeMember(kServiceDocument, kZephraSubscriptions,
                                          BsonElement::Text(listOf(kMost / 2))));
   Plant(listOf(kMost / 2 - 7));

@@ -28,13 +28,13 @@ class SealedFileTest : public Tests::FaultyStoreTest {
   }
 
   void Plant(std::int32_t value) {
-    const CapDataStore maker;  // makes the folders
+    const CapDataStore maker;  // creates the folders
     Tests::WriteBytes(Path(), FileWith(value));
   }
 
   std::wstring Sibling(const wchar_t* name) const { return Path() + L"." + name + L".new"; }
 
-  // Returns the value of "key", or nothing if the file has lost the other value.
+  // Returns the value of "key", or nothing if the file has lost it or the other value.
   std::optional<std::int32_t> Value() const {
     const std::optional<BsonDocument> document = Held();
     if (!document) return std::nullopt;
@@ -64,7 +64,7 @@ class SealedFileTest : public Tests::FaultyStoreTest {
   static bool Write() { return CapDataStore().persist("key", BsonElement::Int32(kNew)); }
 };
 
-// The parameter is whether another process has the file open, which prevents renaming over it.
+// The parameter states whether another process has the file open, which prevents renaming over it.
 class SealedFileHeldOrNot : public SealedFileTest, public testing::WithParamInterface<bool> {
  protected:
   Platform::UniqueHandle HoldIfAsked() const {
@@ -331,7 +331,7 @@ TEST_F(SealedFileTest, ACopyIsNotNumberedAnewWhileItsForerunnersCannotBeListed) 
     if (i == 4) {
       Tests::WriteBytes(Sibling(L"a"), Bytes(10));
       disk.onStep = [&, reads = 0](const std::string& step) mutable {
-        // Fails after the siblings are listed and before the copies are.
+        // Fails after the siblings are listed but before the copies are.
         if (step == "Content" && ++reads == 4) faults.FailNamed("Files.Siblings");
         return 0U;
       };
@@ -378,7 +378,7 @@ TEST_F(SealedFileTest, AStoreThatWasResetToItsHeaderAdoptsOnlyASiblingWithItsId)
   }
 }
 
-// After an interrupted write, the file is as given and one of two siblings holds the new value.
+// After an interrupted write, the file is as given and one of two siblings contains the new value.
 TEST_F(SealedFileTest, AStoreWithoutContentGivesWayToTheSiblingOfAnInterruptedWrite) {
   const std::function<void()> kStores[] = {
       [&] { ::DeleteFileW(Path().c_str()); },

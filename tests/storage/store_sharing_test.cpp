@@ -149,7 +149,7 @@ class StoreStormTest : public testing::Test {
     EXPECT_TRUE(plain && BsonDocument::Decode(*plain)) << file.size() << " bytes";
   }
 
-  // For each writer of `process`, the store must hold the value `least` or a later one.
+  // For each writer of `process`, the store must contain the value `least` or a later one.
   void Check(const Tests::SharedNotes& notes, std::size_t process,
              std::atomic<std::int32_t> Tests::StormWriter::*least, const BsonDocument& written) {
     EXPECT_EQ(notes->processes.at(process).refused, 0);

@@ -45,7 +45,7 @@ inline std::string MemberOf(std::size_t process, std::size_t writer) {
   return std::to_string(process) + "." + std::to_string(writer);
 }
 
-// Opens the notes that several processes share under a name. They start zeroed.
+// Opens the notes that several processes share under a name. They are initially zero.
 class SharedNotes {
  public:
   explicit SharedNotes(const std::wstring& name)

@@ -34,7 +34,7 @@ namespace {
 using Vx::Tessel::Server::Storage::BsonElement;
 using Vx::Tessel::Server::Storage::CapDataStore;
 
-// An exception from the store ends the process, which the test notices.
+// An exception from the store ends the process, which the test detects.
 void CountUp(const Vx::Tests::SharedNotes& notes, std::size_t self, std::size_t writer) {
   Vx::Tests::StormProcess& process = notes->processes.at(self);
   Vx::Tests::StormWriter& own = process.writers.at(writer);

@@ -24,7 +24,7 @@ TEST(SystemMutex, KeepsOthersOutUntilItIsUnlockedOrDestroyed) {
     EXPECT_TRUE(Tests::IsFree(name));
     EXPECT_THROW(mutex.unlock(), system_mutex_exception);
   }
-  const SystemMutex other(name);  // keeps the state that `mutex` leaves
+  const SystemMutex other(name);  // keeps the kernel object and its state
   {
     SystemMutex mutex(name);
     mutex.lock();
