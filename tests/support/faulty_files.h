@@ -26,7 +26,7 @@ struct FileFaults {
 
   std::function<void(Platform::FileFacts&)> onFacts = [](Platform::FileFacts&) {};
   bool foreignOwner = false;                   // every file belongs to another account
-  std::wstring foreignMark = L"?";             // each file whose path contains this does too
+  std::wstring foreignMark = L"?";             // so does each file whose path contains this
   std::size_t largestRead = 0;                 // the limit of the last read
   std::vector<std::vector<std::byte>> writes;  // the content of each attempted write
 

@@ -1,5 +1,5 @@
 // A lockdown policy library that reports the mode in the environment variable VX_LOCKDOWN_MODE, but
-// returns failure if '!' follows. Without the variable it fails and sets no mode.
+// returns failure if '!' follows. Without the variable, it fails without setting a mode.
 #include <cwchar>
 
 #include <windows.h>

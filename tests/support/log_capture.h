@@ -12,7 +12,7 @@
 
 namespace Vx::Tests {
 
-// Collects every line logged while it lives as "info|", "warning|" or "error|" and the message.
+// Collects every line logged in its lifetime: "info|", "warning|" or "error|", then the message.
 // Records go to Records() instead. Any thread may log.
 class LogCapture {
  public:

@@ -9,7 +9,7 @@ namespace Vx::Tests {
 namespace {
 
 std::atomic<DWORD> starving{0};  // the thread whose allocations are counted, 0 for none
-std::size_t succeeding = 0;      // its allocations that still succeed
+std::size_t succeeding = 0;      // how many more of its allocations succeed
 Shortage kind = Shortage::Once;
 bool failed = false;
 

@@ -21,8 +21,8 @@ class MemoryShortage {
   bool End();
 };
 
-// Runs `action` with its first, second, ... allocation failing until none is left, and after each
-// run `check` with enough memory. `action` must not throw. Returns the number of allocations.
+// Runs `action` with its first, second, ... allocation failing, until none is left. After each run,
+// calls `check` with enough memory. `action` must not throw. Returns the number of allocations.
 template <typename Action, typename Check>
 std::size_t FailEachAllocation(Shortage kind, Action&& action, Check&& check) {
   for (std::size_t i = 0;; ++i) {

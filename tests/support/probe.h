@@ -10,19 +10,19 @@
 
 namespace Vx::Tests {
 
-// A started probe's report about itself (see probe_main.cpp).
+// A probe's report about how it was started (see probe_main.cpp).
 struct ProbeReport {
   std::wstring commandLine;
   std::wstring workingDirectory;
   std::vector<std::wstring> arguments;
-  std::vector<std::wstring> lines;  // all of the report
+  std::vector<std::wstring> lines;  // the whole report
 
   bool HasVariable(const std::wstring& entry) const;
 };
 
 std::wstring TestFolder();
 
-// Returns the full path of a build file relative to TestFolder(). Ends the program if missing.
+// Returns the full path of a build file relative to TestFolder(). Exits the program if missing.
 std::wstring BuiltFile(const std::wstring& name);
 
 // The probe program, the shipping module, and the module that trusts the test authority.

@@ -1,9 +1,9 @@
 // A program for tests to start, which reports how it was started, in UTF-8 lines "name=value":
 // commandLine, workingDirectory, desktop, account (its SID), session, one "argument" for each of
-// its arguments, and the variable VX_PROBE if set. The report appears, whole, in the file named by
-// the first argument, if that is a full path, or beside the program as "<program>.out".
+// its arguments, and the variable VX_PROBE if set. The report appears, already complete, in the
+// file named by the first argument, if that is a full path, or else as "<program>.out".
 //
-// With another argument "wait:NAME" it then runs until the named event is signalled.
+// If another argument is "wait:NAME", it then runs until the named event is signaled.
 #include <cstdio>
 #include <iterator>
 #include <string>

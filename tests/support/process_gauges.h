@@ -11,12 +11,12 @@ namespace Vx::Tests {
 // GetProcessHandleCount but always hands out the lowest free value.
 std::uintptr_t HandleGauge();
 
-// This toolchain's mutexes create and keep an event on first contention. Which are contended is
+// This toolchain's mutexes create and keep an event on first contention. Contention is a matter of
 // chance, so a long run may end with this many more handles. Leaks, even rare ones, exceed that.
 inline constexpr std::size_t kMutexEvents = 8;
 inline constexpr std::uintptr_t kMutexEventsGauge = kMutexEvents * 4;  // values are four apart
 
-// Waits for the gauge to reach at most `goal`, because passing system threads also hold handles.
+// Waits for the gauge to reach at most `goal`, because short-lived system threads also use handles.
 std::uintptr_t RestingHandleGauge(std::uintptr_t goal,
                                   std::chrono::milliseconds limit = std::chrono::seconds(30));
 
@@ -28,9 +28,9 @@ struct MemoryInUse {
 };
 MemoryInUse MeasureMemory();
 
-// Returns whether `heap` and `committed` show what is in use. If not, prints why. HeapWalk lists a
-// heap's blocks, but later emulators serve small blocks from groups and list a group as one used
-// block even if all of its blocks are free.
+// Returns whether `heap` and `committed` reflect the memory in use. If not, prints why. HeapWalk
+// lists a heap's blocks, but newer emulators serve small blocks from groups and list a group as one
+// used block even if all of its blocks are free.
 // https://learn.microsoft.com/en-us/windows/win32/api/heapapi/nf-heapapi-heapwalk
 bool MemoryIsMeasurable();
 

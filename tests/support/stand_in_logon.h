@@ -6,7 +6,7 @@
 
 namespace Vx::Tests {
 
-// Runs a process named winlogon.exe, to start programs in the session with its token.
+// Runs a process named winlogon.exe, whose token can start programs in the session.
 class StandInLogon {
  public:
   // `folder` receives the program and its report. Throws std::runtime_error.

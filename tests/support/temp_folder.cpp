@@ -34,7 +34,7 @@ bool IsLink(const std::wstring& path) {
   return attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0;
 }
 
-// Returns the host system's name of `path` in double quotes, or an empty text on Windows.
+// Returns the host system's name of `path` in double quotes, or an empty string on Windows.
 std::wstring UnixName(const std::wstring& path) {
   using NameFunction = char*(CDECL*)(LPCWSTR);
   const auto name = reinterpret_cast<NameFunction>(reinterpret_cast<void*>(
@@ -49,8 +49,8 @@ std::wstring UnixName(const std::wstring& path) {
   return L"\"" + wide + L"\"";
 }
 
-// A Unix program's end cannot be awaited, so callers check for its effect. The emulator returns
-// stack leftovers as handles, and closing them once hit a test's file.
+// A Unix program cannot be waited for, so callers check for its effect. The emulator returns
+// uninitialized values as handles, and closing them once closed a test's file.
 void StartOutside(const wchar_t* program, std::wstring commandLine) {
   STARTUPINFOW startup{};
   startup.cb = sizeof startup;
@@ -138,7 +138,7 @@ ProtectedFolder::ProtectedFolder() {
   const std::wstring text =
       L"%ProgramFiles%\\VxTest-" + std::to_wstring(GetCurrentProcessId()) + L"-";
   const std::wstring base = *Platform::WindowsMachine().environment->Expand(text, MAX_PATH);
-  // The folder may remain from a crashed run whose process id is in use again.
+  // A crashed run with the same process ID may have left the folder behind.
   do {
     path = base + std::to_wstring(++counter);
     if (CreateDirectoryW(path.c_str(), nullptr) != FALSE) return;

@@ -8,11 +8,11 @@
 namespace Vx::Tests {
 
 // Delete a file or an empty folder. Retry for up to two seconds, because a program that has just
-// ended still holds its file and working directory.
+// exited may still lock its file and working directory.
 void RemoveFile(const std::wstring& path);
 void RemoveFolder(const std::wstring& path);
 
-// Deletes a folder with its content, but does not follow directory links in it.
+// Deletes a folder with its contents, but does not follow directory links in it.
 void RemoveTree(const std::wstring& folder);
 
 // Returns a file's content byte for byte, or nothing if it cannot be opened.
@@ -66,7 +66,7 @@ class PrivateStore {
 std::wstring PkiFile(const wchar_t* name);
 
 // A folder under %PROGRAMFILES% that ordinary users cannot write to, so that the path rule allows
-// it. Made for this process and removed with its content at the end.
+// it. Created for this process and removed with its contents on destruction.
 class ProtectedFolder {
  public:
   ProtectedFolder();
@@ -84,8 +84,8 @@ class ProtectedFolder {
   std::wstring path;
 };
 
-// A link at `path` to the directory `target`, removed at the end. The emulator reports success for
-// a symbolic link without creating one, so the host system creates the link there.
+// A link at `path` to the directory `target`, removed on destruction. The emulator reports success
+// for a symbolic link without creating one, so the host system creates the link there.
 class DirectoryLink {
  public:
   DirectoryLink(std::wstring path, const std::wstring& target);

@@ -1,7 +1,7 @@
 #pragma once
 
-// What nearly every test uses: GoogleTest with its matchers by their plain names, the standard
-// library, and those helpers of this folder that need no library of their own.
+// Includes for nearly every test: GoogleTest and its matchers by their unqualified names, the
+// standard library, and the helpers in this folder that need no library of their own.
 #include <algorithm>
 #include <array>
 #include <atomic>

@@ -31,7 +31,7 @@ inline bool IsFree(std::mutex& mutex) {
   return taken;
 }
 
-// Likewise, within `patience` milliseconds, because other processes may hold a mutex with a name.
+// Likewise for a named mutex, within `patience` milliseconds, because other processes may hold it.
 inline bool IsFree(const std::wstring& name, DWORD patience = 0) {
   bool taken = false;
   std::thread([&] {
@@ -54,7 +54,7 @@ inline bool ThreadActsAsAnother() {
 }
 
 // Makes GoogleTest start its thread for the caller's thread-locals now. Otherwise the first trace
-// or failure would start it, which adds a stack and handles to what a test counts.
+// or failure would start it and add a stack and handles to a test's counts.
 inline void StartFrameworkThread() {
   SCOPED_TRACE("");
 }

@@ -93,7 +93,7 @@ std::wstring TextOf(HSTRING text) {
   return {buffer, length};
 }
 
-// A package and its identity, made from its full name or its family's.
+// A package and its identity, constructed from its full name or family name.
 class FakePackage final : public Fake<Abi::IPackage, Abi::IPackageId> {
  public:
   explicit FakePackage(std::wstring anyName) : name(std::move(anyName)) {}
@@ -360,7 +360,7 @@ IInspectable* MakeOf(const std::wstring& className) {
   return nullptr;
 }
 
-// A faked class's factory as Windows receives it. It also implements the static members.
+// A fake class's factory, as returned to Windows. It also implements the static members.
 class FakeFactory final : public Fake<IActivationFactory> {
  public:
   explicit FakeFactory(std::wstring name) : className(std::move(name)) {}
@@ -514,8 +514,8 @@ RegisteredFakes::~RegisteredFakes() {
 
 }  // namespace Vx::Tests
 
-// The linker redirects the test program's calls to these and dictates their names. They count
-// strings and, while a fixture lives, activate the fakes.
+// The linker redirects the test program's calls to these functions and dictates their names. They
+// count strings and, while a fixture lives, activate the fakes.
 // NOLINTBEGIN(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
 extern "C" {
 

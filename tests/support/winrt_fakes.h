@@ -67,14 +67,14 @@ class RuntimeTest : public testing::Test {
   bool openedAsAnother = false;              // whether that thread impersonated
   std::vector<std::wstring> messages;        // texts under "message"
 
-  // For the fakes: whether this call must fail, and how an operation is to end.
+  // For the fakes: whether this call must fail, and the function that completes an operation.
   bool Fails() { return callsUntilFailure > 0 && --callsUntilFailure == 0; }
   void Pend(std::function<void()> complete);
 
  protected:
   void TearDown() override;
 
-  // Expects no fake object, Windows Runtime string or apartment use to be left.
+  // Expects that no fake object, Windows Runtime string or apartment is left.
   virtual void ExpectNothingLeft();
 
   // Runs `operation`, which returns an HRESULT, with the first call into the runtime failing, then

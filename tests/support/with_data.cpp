@@ -9,7 +9,7 @@
 
 namespace {
 
-// Returns the command line after this program's name, which is quoted or has no space.
+// Returns the command line after this program's name, which is quoted or contains no space.
 std::wstring OwnArguments() {
   const std::wstring line = GetCommandLineW();
   return line.substr(line.front() == L'"' ? line.find(L'"', 1) + 2 : line.find(L' ') + 1);
