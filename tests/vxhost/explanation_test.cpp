@@ -70,7 +70,7 @@ class ExplanationTest : public Tests::StoreTest {
     return last;
   }
 
-  // Returns how many seconds after `since` the machine did this, or -1 if it did not.
+  // Returns how many seconds after `since` the timeline contains `text`, or -1 if it does not.
   long HappenedAfter(Simulator::VirtualClock::Duration since, const std::wstring& text) const {
     for (const std::wstring& line : machine.timeline.Lines()) {
       if (line.find(text) == line.npos) continue;

@@ -130,7 +130,7 @@ TEST_F(StoreRepairTest, LeavesTheStoreWhereItCannotBeReplaced) {
   }
 }
 
-// Otherwise, another process could change the store between two steps, after it was copied.
+// Without the lock, another process could change the store after it was copied.
 TEST_F(StoreRepairTest, HoldsTheStoreThroughoutAndAnImportThatFailsHalfwayNamesTheCopy) {
   const SystemMutex ofAService(CapDataStore::kMutexName);
   BackUpStore(copy, {});
