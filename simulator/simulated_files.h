@@ -12,7 +12,7 @@
 namespace Vx::Simulator {
 
 // The real files, plus files in memory, which hide real files with exactly the same path. They
-// stand for programs and texts in folders that a test must not write to. Thread-safe.
+// stand in for programs and texts in folders that a test must not write to. Thread-safe.
 class SimulatedFiles : public Platform::Files {
  public:
   void Add(const std::wstring& path, const std::string& content);
