@@ -1,7 +1,7 @@
 #!/bin/sh
-# acceptance_test.sh TREE EMULATOR PREFIX: makes the kit in a folder of its own, with a blank in its path, and runs it
-# there: with the good module, with three that are broken on purpose, on a PC that has the maker's software, and after
-# Ctrl+C or a kill. Each time the PC has to be as it was.
+# acceptance_test.sh TREE EMULATOR PREFIX: makes the kit in its own folder, with a space in its path, and runs it
+# there: with the good module, with three deliberately broken ones, on a PC that has the maker's software, and after
+# Ctrl+C or a kill. Each run must leave the PC unchanged.
 set -u
 tree=$1 emulator=$2 prefix=$3
 work=$(mktemp -d)
@@ -11,7 +11,7 @@ kit="$work/a kit"
 logons=
 cleanup() {
   for logon in $logons; do kill "$logon" 2>/dev/null; done
-  [ ! -e "$programs/VxAcceptance" ] || run acceptance.exe --yes module  # removes what an earlier one left
+  [ ! -e "$programs/VxAcceptance" ] || run acceptance.exe --yes module  # removes what an earlier run left
   rm -rf "$work" "$programs/VxStandIn" "$programs/Vx" "$data/Vx"
 }
 trap cleanup EXIT
@@ -22,17 +22,17 @@ fail() {
   failures=$((failures + 1))
 }
 run() { "$emulator" "$prefix" "$@" >"$work/output" 2>&1 </dev/null; }
-# files: every file outside the users' folders, with its size and time.
+# files: lists every file outside the users' folders, with its size and time.
 files() { (cd "$disk" && find . -path ./users -prune -o -type f -printf '%p %s %T@\n' | sort); }
-# rows VERDICT: the names of the rows with it, in one line.
+# rows VERDICT: prints the names of the rows with this verdict, on one line.
 rows() { sed -n "s/^$1 *\([a-z_]*\):.*/\1/p" "$work/output" | tr '\n' ' ' | sed 's/ $//'; }
-# the emulator has no real log-on, whose process the module needs. This one ends after a minute.
+# The emulator lacks a real logon process, which the module needs. This one exits after a minute.
 stand_in_logon() {
   "$emulator" "$prefix" "$programs/VxStandIn/winlogon.exe" 'C:\Program Files\VxStandIn\winlogon.out' "wait:$$" \
     >/dev/null 2>&1 &
   logons="$logons $!"
 }
-# accept FAILED ROW...: the kit fails in exactly these rows.
+# accept FAILED ROW...: runs the rows and expects exactly those in FAILED to fail.
 accept() {
   expected=$1
   shift
@@ -48,7 +48,7 @@ is_trusted() { run reg query "HKLM\\Software\\Microsoft\\SystemCertificates\\ROO
 
 sh "$(dirname "$0")/make_kit.sh" "$tree" "$kit" || exit 1
 cd "$kit" || exit 1
-# No private key is in it, neither as text nor as bytes.
+# The kit must not contain a private key, either as text or as bytes.
 hex() { od -An -v -tx1 "$@" | tr -d ' \n'; }
 find . -type f -exec cat {} + | hex >"$work/kit.hex"
 for key in "$tree"/tests/pki/*.key; do
@@ -58,7 +58,7 @@ for key in "$tree"/tests/pki/*.key; do
   grep -qF "$secret" "$work/kit.hex" && fail "$key is in the kit as bytes"
 done
 
-run cmd /c exit  # makes the disk
+run cmd /c exit  # creates the disk
 mkdir -p "$programs/VxStandIn"
 cp "$tree/tests/probe.exe" "$programs/VxStandIn/winlogon.exe"
 stand_in_logon
@@ -76,7 +76,7 @@ is_trusted && fail 'the test authority is still trusted'
 unchanged 'the good module'
 
 cp bin/OrvaneService.dll "$work/good.dll"
-# broken NAME FAILED: with this module the kit fails in exactly these rows.
+# broken NAME FAILED: expects exactly the rows in FAILED to fail with this module.
 broken() {
   cp "$tree/tests/broken/$1/OrvaneService.dll" bin/
   accept "$2" module slots subscription trust service console
@@ -86,7 +86,7 @@ broken drops_subscriptions 'subscription trust console'
 broken stays_loaded slots
 unchanged 'a broken module'
 
-# end_by SIGNAL: ends the kit while it waits for a program that does not run.
+# end_by SIGNAL: sends SIGNAL to the kit while it waits for a program that never runs.
 end_by() {
   cp "$tree/tests/broken/drops_subscriptions/OrvaneService.dll" bin/
   "$emulator" "$prefix" acceptance.exe --yes console >/dev/null 2>&1 </dev/null &
@@ -112,7 +112,7 @@ is_trusted && fail 'the next start leaves the test authority trusted'
 [ ! -e "$programs/VxAcceptance" ] || fail 'the next start leaves the folder'
 unchanged 'a kill'
 
-# A PC of the maker: nothing starts the module there.
+# On a PC with the maker's software, the kit must not start the module.
 for file in 'Program Files/Vx/McAfeePre/DADUpdater.exe' 'ProgramData/Vx/SharedServices/shared_store.dat'; do
   mkdir -p "$(dirname "$disk/$file")"
   echo 'of this PC' >"$disk/$file"

@@ -1,7 +1,7 @@
 #!/bin/sh
-# make_kit.sh TREE FOLDER [MSI [PREVIOUS-MSI]]: the acceptance kit from a release build tree. It needs nothing else on
-# the Windows machine where acceptance.exe runs. Its module trusts the throwaway test authority of the tree, whose
-# keys stay there. Without an MSI the rows about it are not tried.
+# make_kit.sh TREE FOLDER [MSI [PREVIOUS-MSI]]: makes the acceptance kit from a release build tree. The Windows
+# machine where acceptance.exe runs needs nothing else. The kit's module trusts the throwaway test authority of the
+# tree, whose keys stay in the tree. Without an MSI, the rows about it are not run.
 set -eu
 tree=$1 folder=$2 msi=${3:-} previous=${4:-}
 source=$(dirname "$0")
@@ -13,7 +13,7 @@ $strip -o "$folder/bin/OrvaneService.dll" "$tree/bin/test/OrvaneService.dll"
 for program in bin/vxhost bin/OrvaneHost bin/msvc_host tests/slots_test; do
   $strip -o "$folder/$program.exe" "$tree/$program.exe"
 done
-# Whole: stripping would end their signatures.
+# Not stripped, because that would invalidate their signatures.
 for program in pinned unpinned tampered unsigned; do cp "$tree/tests/pki/$program.exe" "$folder/pki/"; done
 openssl x509 -in "$tree/tests/pki/ca.crt" -outform DER -out "$folder/pki/authority.cer"
 cp "$source/../samples/pipe/vx_client.ps1" "$folder/clients/"
