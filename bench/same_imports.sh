@@ -8,7 +8,7 @@ rm -rf "$work"
 mkdir -p "$work"
 
 # Lists each imported library with its first function, "KERNEL32.dll CloseHandle". A function's row ends
-# with its hint and its name. Later releases of objdump print an ordinal before them.
+# with its hint and its name. Newer releases of objdump print an ordinal before them.
 "$objdump" -p "$module" | awk '
   /DLL Name:/ { library = $3; next }
   library != "" && NF > 2 && $(NF - 1) ~ /^[0-9a-f]+$/ { print library, $NF; library = "" }' >"$work/list"
