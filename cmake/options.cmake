@@ -12,13 +12,13 @@ target_compile_options(vx_options INTERFACE
 if(WIN32)
   target_compile_definitions(vx_options INTERFACE
     UNICODE _UNICODE _WIN32_WINNT=0x0A00 WINVER=0x0A00 NOMINMAX WIN32_LEAN_AND_MEAN)
-  # The protector is set for linking too, which adds its runtime.
+  # The linker needs the protector's option too, to add its runtime.
   target_compile_options(vx_options INTERFACE -fstack-protector-strong)
   target_link_options(vx_options INTERFACE -fstack-protector-strong
     -Wl,--dynamicbase,--nxcompat,--high-entropy-va,--no-insert-timestamp,--build-id)
 endif()
 
-# Keeps the build machine's paths out of the binaries, so that two checkouts build the same bytes.
+# Keeps the build machine's paths out of the binaries, so that two checkouts build identical files.
 target_compile_options(vx_options INTERFACE -ffile-prefix-map=${PROJECT_SOURCE_DIR}/=)
 
 # Symbols also name the build folder, which is mapped to "." so that a resolved line reads
@@ -85,7 +85,7 @@ if(WIN32)
   vx_delayed_import(wtsapi32 WTSFreeMemory WTSQuerySessionInformationW WTSQueryUserToken)
 endif()
 
-# vx_headers(TARGET OWNER [HEADER...]): precompiles the most used headers once, for the owner.
+# vx_headers(TARGET OWNER [HEADER...]): precompiles the most-used headers once, for the owner.
 # Targets with the same compile options share them. Files still include what they use, because
 # scripts/lint compiles them without precompiled headers.
 function(vx_headers target owner)
@@ -152,7 +152,7 @@ function(vx_library name)
   endforeach()
 endfunction()
 
-# Debian's CLI11, which is header-only, in the same way.
+# Debian's header-only CLI11, included in the same way as rapidjson.
 find_path(VX_CLI11_ROOT CLI/CLI.hpp PATHS /usr/include NO_CMAKE_FIND_ROOT_PATH NO_DEFAULT_PATH REQUIRED)
 file(CREATE_LINK ${VX_CLI11_ROOT}/CLI ${PROJECT_BINARY_DIR}/third_party/CLI SYMBOLIC)
 add_library(cli11 INTERFACE)

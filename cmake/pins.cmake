@@ -72,7 +72,7 @@ function(vx_pins_source function keys out)
   set(${out} "${text}" PARENT_SCOPE)
 endfunction()
 
-# A resource with a line of text per key, after a comment because a resource may not be empty.
+# A resource with one line of text per key, after a comment, because a resource must not be empty.
 function(vx_pins_resource name keys out)
   set(text "${name} RCDATA\nBEGIN\n  \"# ${name}\\n\"")
   foreach(key IN LISTS keys)
@@ -109,13 +109,13 @@ function(vx_write_pins general restricted output)
   vx_write_if_new("${script}" "${generalText}${restrictedText}")
 endfunction()
 
-# vx_pins_library(NAME SOURCE): the target of such a source and its resource.
+# vx_pins_library(NAME SOURCE): defines the target NAME for such a source and its resource.
 function(vx_pins_library name source)
   set(script "")
   if(WIN32)
     string(REGEX REPLACE "\\.cpp$" ".rc" script "${source}")
   endif()
-  # An object library, so that a program links it whatever the link order.
+  # An object library, so that a program links it regardless of the link order.
   add_library(${name} OBJECT ${source} ${script})
   target_link_libraries(${name} PRIVATE vx_options)
 endfunction()

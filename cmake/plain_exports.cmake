@@ -1,5 +1,5 @@
-# Writes to OUT the module definition of those exports of DEF that have plain names and so work with
-# other compilers' linkers. The mangled names belong to classes of this module's compiler.
+# Writes to OUT a module definition with those exports of DEF that have plain names, which work with
+# other compilers' linkers. Mangled names are specific to this module's compiler.
 file(STRINGS ${DEF} lines)
 set(text "LIBRARY OrvaneService.dll\nEXPORTS\n")
 set(count 0)

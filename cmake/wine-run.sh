@@ -17,7 +17,7 @@ unset DISPLAY
 if [ -z "${VX_FIXED_ADDRESSES:-}" ] && setarch -R true 2>/dev/null; then
   VX_FIXED_ADDRESSES=1 exec setarch -R "$0" "$WINEPREFIX" "$@"
 fi
-umask go-w  # a service cannot be installed where other accounts write
+umask go-w  # a service cannot be installed where other accounts can write
 mkdir -p "$WINEPREFIX"
 # Wine's background services inherit the first client's open files. Starting the server here, with
 # all output redirected and the lock closed, keeps a test's pipes and the lock from them.
@@ -30,5 +30,5 @@ mkdir -p "$WINEPREFIX"
     if wineserver -p30; then wine cmd /c exit; fi
   } 9>&-
 ) 9>"$WINEPREFIX/.lock" >/dev/null 2>&1 </dev/null
-# Only here, because the services that Wine starts above need these libraries.
+# Set only here, because the services that Wine starts above need these libraries.
 exec env ${VX_WITHOUT:+"WINEDLLOVERRIDES=$WINEDLLOVERRIDES;$VX_WITHOUT="} wine "$@"
