@@ -1,7 +1,7 @@
 #!/bin/sh
-# check_pages.sh FOLDER: fails if a page of this staged delivery links to a file that is not in it, or gives
-# one as a command or a source to read. Names in square brackets and in a paragraph "Tests:" are
-# evidence, which only the sources have.
+# check_pages.sh FOLDER: fails if a page in this staged delivery links to a file that the delivery lacks, or
+# names one as a command or as a source to read. Names in square brackets and in a "Tests:" paragraph are
+# evidence, which only the sources contain.
 set -eu
 cd "$1"
 missing=$({

@@ -2,7 +2,7 @@
 # check_tool.sh FOLDER: fails if vxhost.exe in this staged delivery is signed with a key that is pinned in
 # the OrvaneService.dll beside it. Installed, such a tool would be a trusted program in a protected place,
 # and any client could subscribe it with arguments of its choice: "--dll" loads a library as SYSTEM, and
-# "service install", "store restore" and options that write a file serve as well.
+# "service install", "store restore" and options that write a file are as dangerous.
 set -eu
 module=$1/OrvaneService.dll tool=$1/vxhost.exe
 keys=$(mktemp)
@@ -23,9 +23,9 @@ for set in GENERAL RESTRICTED; do
 done
 LC_ALL=C tr -c '0-9a-f ' '\n' <"$module" | { grep -E '^30 82 01 0a .{797}$' || :; } >"$keys"
 
-# The signatures, nested ones included, are what the certificate table begins, as the header of a 64-bit image
-# has it (https://learn.microsoft.com/windows/win32/debug/pe-format). A certificate holds its key in the
-# very form in which keys are pinned.
+# The signatures, including nested ones, start at the certificate table, whose offset is in the header of a
+# 64-bit image (https://learn.microsoft.com/windows/win32/debug/pe-format). A certificate contains its key in
+# exactly the form in which keys are pinned.
 header=$(number "$tool" 60 4)
 [ "$(number "$tool" $((header + 24)) 2)" = 523 ] || refuse "$tool is not a 64-bit program"
 table=$(number "$tool" $((header + 168)) 4)

@@ -1,6 +1,6 @@
 #!/bin/sh
-# check_tool_test.sh PKI MODULE OTHER: which tools make_msi.sh refuses for their signature. MODULE pins keys of
-# the test authority PKI, OTHER none.
+# check_tool_test.sh PKI MODULE OTHER: tests which tools make_msi.sh rejects because of their signature. MODULE
+# pins keys of the test authority PKI, OTHER none.
 set -u
 pki=$1 module=$2 other=$3
 here=$(dirname "$0")
@@ -13,7 +13,7 @@ stage() {
   cp "$1" "$work/stage/OrvaneService.dll"
   cp "$2" "$work/stage/vxhost.exe"
 }
-# refused MODULE PROGRAM TEXT: no MSI is made of them, for this reason.
+# refused MODULE PROGRAM TEXT: expects make_msi.sh to reject these two and to print TEXT.
 refused() {
   stage "$1" "$2"
   if "$here/make_msi.sh" "$work/stage" 1.2.3.0 "$work/new.msi" >"$work/output" 2>&1 || [ -e "$work/new.msi" ] ||
@@ -28,14 +28,14 @@ accepted() {
   "$here/check_tool.sh" "$work/stage" || failures=$((failures + 1))
 }
 
-# The key decides, in whichever set and signature, and whatever Windows finds about the signature.
+# Only the key matters, not its set or signature, or whether Windows accepts the signature.
 for tool in pinned general dual expired self_signed tampered appended; do
   refused "$module" "$pki/$tool.exe" 'is signed with a key that is pinned in the module'
 done
 for tool in unsigned unpinned dropbox; do accepted "$module" "$pki/$tool.exe"; done
 accepted "$other" "$pki/pinned.exe"
 
-# What cannot be judged is refused.
+# A file that cannot be examined is rejected.
 refused "$pki/pinned.dll" "$pki/unsigned.exe" 'has no list of pinned keys'
 printf MZ >"$work/no program"
 refused "$module" "$work/no program" 'is not a 64-bit program'

@@ -1,45 +1,45 @@
 #!/bin/bash
-# make_msi.sh FOLDER VERSION MSI: makes the Windows Installer package from the staged delivery FOLDER:
-# 64-bit, per machine; an upgrade removes the older version first. The store, the logs and the
-# subscriptions lie below ProgramData, which no component names, so they survive everything.
+# make_msi.sh FOLDER VERSION MSI: makes a 64-bit, per-machine Windows Installer package from the staged delivery
+# FOLDER. An upgrade removes the older version first. The store, the logs and the subscriptions are below
+# ProgramData, where the package has no component, so they survive upgrades and removals.
 #
-# Features: Main (module, service program, tool), Manuals, and Service, which is left out unless it is asked for. Public
-# properties: INSTALLFOLDER, and SERVICEOPTIONS, the further arguments of "vxhost service install". The
-# package code and the times in it differ from build to build, everything else is the same.
+# Features: Main (module, service program, tool), Manuals, and Service, which is installed only on request. Public
+# properties: INSTALLFOLDER, and SERVICEOPTIONS, more arguments for "vxhost service install". Two builds differ only in
+# the package code and the times.
 #
-# An upgrade leaves the older service registered until the newer one replaces it, so that one that is rolled back
-# finds its service again. The roll-back of an installation removes the service, unless there was one before. The
-# ServiceInstall table cannot state a delayed start, failure actions, a SID or privileges, so the tool registers the
-# service. The ServiceControl table only stops it, which tells Windows Installer that its files will not be in use.
+# An upgrade leaves the older service registered until the newer one replaces it, so that the older one keeps
+# its service if the upgrade is rolled back. Rolling back an installation removes the service, unless it existed
+# before. The ServiceInstall table cannot express a delayed start, failure actions, a SID or privileges, so the tool
+# registers the service. The ServiceControl table only stops it, so that Windows Installer finds no files in use.
 #
 # An upgrade removes the older files after Windows Installer has decided what to install. It skips a
-# component that is already installed with a key file of a higher version, and to a table without versions
-# every version is higher. The removal then deletes the file that was skipped
+# component whose installed key file has a higher version, and any version is higher than none. The removal
+# then deletes the skipped file
 # (https://learn.microsoft.com/archive/blogs/astebner/why-windows-installer-removes-files-during-a-major-upgrade-if-they-go-backwards-in-version-numbers).
-# So the table states the version of each file that has one, and each version of the package has components
-# of its own. The latter also covers files without a version, vxhost.exe among them: the older component
-# takes its file along, so that no date or hash of an older file keeps the newer one out.
+# So the File table contains the version of each file that has one, and each version of the package has its
+# own components. The latter also covers files without a version, such as vxhost.exe: the older file is
+# removed with its component, so that neither its date nor its hash keeps the newer one out.
 set -euo pipefail
 folder=$(realpath "$1") version=$2 msi=$(realpath -m "$3")
 "$(dirname "$0")/check_tool.sh" "$folder"
 
-# uuid NAME: the same for the same name, so that two builds are alike.
+# uuid NAME: prints a UUID derived from NAME, so that two builds have the same ones.
 uuid() {
   printf 'orvane-service-%s' "$1" | sha1sum | tr a-f A-F |
     sed -E 's/^(.{8})(.{4}).(.{3}).(.{3})(.{12}).*/\1-\2-5\3-A\4-\5/'
 }
 
-# Windows Installer compares three parts. Repairs of a build share the product code, so that it refuses to install
-# one beside the other (1638).
+# Windows Installer compares three parts. Repairs of a build share the product code, so that it does not install
+# one beside the other (error 1638).
 short=${version%.*}
 product=$(uuid "$short")
-source=$(mktemp --suffix=.wxs "$folder-XXXXXX")  # the tool looks for files from where it lies
+source=$(mktemp --suffix=.wxs "$folder-XXXXXX")  # wixl looks for files relative to this one
 trap 'rm -f "$source"' EXIT
 number=0
-# The tool knows neither roll-back nor commands of a folder: https://learn.microsoft.com/windows/win32/msi/custom-action-in-script-execution-options
+# wixl supports neither rollback nor commands in a folder: https://learn.microsoft.com/windows/win32/msi/custom-action-in-script-execution-options
 # 18 (an installed program) or 34 (a command) + 0x40 (its result is ignored) + 0x100 (rollback) + 0x400 (deferred) +
-# 0x800 (as SYSTEM). Windows undoes the latest action first, so that the installed tool is still there, the emulator
-# the earliest.
+# 0x800 (as SYSTEM). Windows rolls back the latest action first, so that the installed tool still exists. The
+# emulator starts with the earliest.
 queries=()
 rollback() {
   queries+=("UPDATE \`CustomAction\` SET \`Type\`=$2, \`Source\`='$3' WHERE \`Action\`='$1'")
@@ -47,32 +47,32 @@ rollback() {
 rollback UndoAddService 3426 System64Folder
 rollback UndoAddSource 3426 System64Folder
 rollback UndoStartService 3410 Tool
-# The search for SERVICESTART may run in the user's process alone, and the installing one takes only the properties of
-# this list: https://learn.microsoft.com/windows/win32/msi/appsearch-action and .../securecustomproperties
-# The other two are wixl's. It cannot add the third.
+# The search for SERVICESTART may run only in the user's process, and the installing one accepts only the properties
+# in this list: https://learn.microsoft.com/windows/win32/msi/appsearch-action and .../securecustomproperties
+# wixl adds the other two, but cannot add the third.
 queries+=("UPDATE \`Property\` SET \`Value\`='WIX_DOWNGRADE_DETECTED;WIX_UPGRADE_DETECTED;SERVICESTART' \
 WHERE \`Property\`='SecureCustomProperties'")
 
-# find_key FILE NAME REST: the offset of a structure's name in UTF-16, with these bytes after its padding.
+# find_key FILE NAME REST: prints the offset of a structure's UTF-16 name that is followed by padding and REST.
 find_key() { LC_ALL=C grep -obUaP "$(sed 's/./&\\0/g' <<<"$2")\\0\\0\\0\\0$3" "$1" | cut -d: -f1; }
 
-# words FILE OFFSET COUNT: so many numbers of 16 bits.
+# words FILE OFFSET COUNT: prints COUNT 16-bit numbers.
 words() { od -An -v --endian=little -tu2 -w2 -j "$2" -N $((2 * $3)) "$1"; }
 
-# version_of FILE: "A.B.C.D LANGUAGE[,LANGUAGE...]" as its version resource has them. Nothing if it has none.
-# The layout: https://learn.microsoft.com/windows/win32/menurc/vs-versioninfo and .../var-str.
+# version_of FILE: prints "A.B.C.D LANGUAGE[,LANGUAGE...]" from its version resource, or nothing if it has
+# none. The layout: https://learn.microsoft.com/windows/win32/menurc/vs-versioninfo and .../var-str.
 version_of() {
   local key part
   key=$(find_key "$1" VS_VERSION_INFO '\xBD\x04\xEF\xFE') || return 0
   mapfile -t part < <(words "$1" $((key + 42)) 4)
   printf '%d.%d.%d.%d ' "${part[1]}" "${part[0]}" "${part[3]}" "${part[2]}"
-  # Pairs of a language and a code page, after their size in bytes.
+  # Pairs of a language and a code page, preceded by their size in bytes.
   key=$(find_key "$1" Translation '')
   words "$1" $((key + 26)) $(($(words "$1" $((key - 4)) 1) / 2)) | sed -n '1~2p' | tr -d ' ' | paste -sd,
 }
 
-# component FILE [ID [CONTENT]]: one component of one file. Repairs of a build share it, as one replaces another by
-# being installed over it.
+# component FILE [ID [CONTENT]]: adds a component with one file. Repairs of a build share it, because one replaces
+# another by being installed over it.
 component() {
   local id versions
   number=$((number + 1))
@@ -82,18 +82,18 @@ component() {
     "$id" "$(uuid "file-$1-$short")" "$id" "$(basename "$folder")/$1" "${3:-}"
   versions=$(version_of "$folder/$1")
   [[ -n $versions ]] || return 0
-  # A hash is for files without a version only.
+  # Only files without a version may have a hash.
   queries+=("UPDATE \`File\` SET \`Version\`='${versions% *}', \`Language\`='${versions#* }' WHERE \`File\`='$id'"
     "DELETE FROM \`MsiFileHash\` WHERE \`File_\`='$id'")
 }
 
-# components FILE...: one for each.
+# components FILE...: adds a component for each file.
 components() {
   local file
   for file in "$@"; do component "$file"; done
 }
 
-# references FEATURE-ATTRIBUTES: a feature with the components since the last one.
+# references FEATURE-ATTRIBUTES: adds a feature with the components since the previous feature.
 references() {
   features+="<Feature $1>"
   local one
@@ -175,7 +175,7 @@ END
 } >"$source"
 rm -f "$msi"
 wixl -a x64 -o "$msi" "$source"
-[[ -s $msi ]]  # the tool reports some failures in its output alone
+[[ -s $msi ]]  # wixl reports some failures only in its output
 msibuild "$msi" -q "${queries[@]}" || {
   rm -f "$msi"
   exit 1

@@ -1,8 +1,8 @@
 #!/bin/sh
 # msi_test.sh OLD NEW BROKEN EMULATOR PREFIX: the emulator's installer installs the package OLD without and with
-# the service, fails to upgrade it, upgrades it to NEW and removes it. The subscription that a client
-# stored stays throughout. BROKEN is a repair of OLD whose module does not load, so that its service cannot start. Of the upgrade it also reads the tables: where they are wrong Windows Installer
-# deletes the module, but the emulator keeps it.
+# the service, fails to upgrade it, upgrades it to NEW and removes it. A subscription that a client stored must
+# survive all of this. BROKEN is a repair of OLD whose module does not load, so that its service cannot start. Also
+# checks the tables for upgrades. With wrong ones, Windows Installer deletes the module, but the emulator keeps it.
 set -u
 old=$1 new=$2 broken=$3 emulator=$4 prefix=$5
 place="$prefix/drive_c/Program Files/Vx/OrvaneService"
@@ -13,7 +13,7 @@ fail() { echo "failed: $*"; failures=$((failures + 1)); }
 windows() { printf 'Z:%s' "$(printf %s "$(realpath "$1")" | tr / '\\')"; }
 install() { "$emulator" "$prefix" msiexec "$@" /qn >/dev/null 2>&1; }
 run() { "$emulator" "$prefix" "$vxhost" "$@" 2>&1; }
-# eventually COMMAND...: true as soon as the command is, within ten seconds.
+# eventually COMMAND...: repeats the command until it succeeds, for up to ten seconds.
 eventually() {
   tries=0
   until "$@"; do
@@ -22,10 +22,10 @@ eventually() {
     sleep 0.1
   done
 }
-# What has ended may hold its files and the service manager its entry for a moment.
+# For a moment, Windows may still lock the files of an exited program and list its service.
 tool_is_gone() { [ ! -e "$place/vxhost.exe" ]; }
 service_is_gone() { run service status | grep -q 'not installed'; }
-# rows MSI TABLE: without the three lines of its header.
+# rows MSI TABLE: prints the table without its three header lines.
 rows() { msiinfo export "$1" "$2" | tr -d '\r' | tail -n +4; }
 cleanup() {
   install /x "$(windows "$new")"
@@ -38,7 +38,7 @@ cleanup() {
 trap cleanup EXIT
 trap 'exit 1' HUP INT TERM  # otherwise a signal skips the trap above
 
-# The service account of the emulator also owns the program folder, which is for developers only.
+# In the emulator, the service's account owns the program folder, which needs --development.
 options='SERVICEOPTIONS=--development --start demand --allow S-1-5-32-546'
 
 rm -rf "$data"
@@ -48,8 +48,8 @@ cp "$place/vxhost.exe" "$place/OrvaneService.dll" "$prefix/drive_c/"
 service_is_gone || fail 'a service that was not asked for'
 [ -e "$place/clients" ] && fail 'clients that were not asked for'
 
-# Each version of the package has components of its own, and a file that has a version for Windows has the
-# same in the table, with the language of the resource and no hash.
+# Each version of the package has its own components, and a file that has a version resource has the same
+# version and language in the table, and no hash.
 components=$(rows "$old" Component | wc -l)
 [ "$components" -gt 9 ] && [ "$(rows "$new" Component | wc -l)" = "$components" ] || fail 'components are missing'
 shared=$({ rows "$old" Component; rows "$new" Component; } | cut -f 2 | sort | uniq -d)
@@ -57,7 +57,7 @@ shared=$({ rows "$old" Component; rows "$new" Component; } | cut -f 2 | sort | u
 product() { rows "$1" Property | grep '^ProductCode'; }
 [ "$(product "$broken")" = "$(product "$old")" ] || fail 'a repair of a build is installed beside it'
 [ "$(product "$new")" != "$(product "$old")" ] || fail 'a newer build does not replace the older one'
-# The emulator passes every property on, Windows only these.
+# The emulator passes on every property, but Windows only these.
 [ "$(rows "$new" Property | sed -n 's/^SecureCustomProperties\t//p' | tr ';' '\n' | sort | tr '\n' ' ')" = \
   'SERVICESTART WIX_DOWNGRADE_DETECTED WIX_UPGRADE_DETECTED ' ] || fail 'the secure properties are others'
 echo 'WScript.Echo(new ActiveXObject("Scripting.FileSystemObject").GetFileVersion(WScript.Arguments(0)));' \
@@ -91,8 +91,8 @@ run service status | grep -q running || fail 'the service does not run'
 run exec --service 9 '{"powerEventType":7,"eventAction":1,"commandParams":{"path":"C:\\kept.exe"}}' |
   grep -q 00000000 || fail 'no subscription is stored'
 
-# An upgrade that fails leaves the older service registered. The emulator neither marks a removal as part
-# of an upgrade, as Windows does, nor brings the older files back.
+# A failed upgrade leaves the older service registered. The emulator neither marks a removal as part of
+# an upgrade, as Windows does, nor restores the older files.
 registered() { run service status | grep -E 'demand|image|allow|development'; }
 before=$(registered)
 install /x "$(windows "$old")" UPGRADINGPRODUCTCODE=newer || fail "the removal exits with $?"

@@ -1,8 +1,8 @@
-"""stable_pdb.py PDB...: takes out of a PDB what differs between two builds of the same program.
+"""stable_pdb.py PDB...: removes from a PDB what differs between two builds of the same program.
 
-The linker writes the time and the paths of the build machine into it. The time becomes 0, a module keeps its file
-name, and what the linker says about itself goes. Function names, sections and the id that a dump names stay.
-The format: https://llvm.org/docs/PDB/index.html
+The linker writes the time and the build machine's paths into it. The time becomes 0, modules keep only their file
+names, and their streams, in which the linker describes itself, become empty. Function names, sections and the ID that
+a dump names are kept. The format: https://llvm.org/docs/PDB/index.html
 """
 
 import struct
@@ -52,7 +52,7 @@ def write_streams(size, streams):
     numbers = add(directory)
     (map_block,) = add(struct.pack(f"<{len(numbers)}I", *numbers))
     blocks[0] = MAGIC + struct.pack("<6I", size, 1, len(blocks), len(directory), 0, map_block)
-    # Bits of free blocks: those after the last one.
+    # One bit per block, set if the block is free. Only those after the last block are.
     free = bytearray(b"\xff" * (-(-len(blocks) // (8 * size)) * size))
     for number in range(len(blocks)):
         free[number // 8] &= ~(1 << number % 8)
