@@ -3,9 +3,9 @@
     python vx_client.py [--service NAME] ID REQUEST
     python vx_client.py --show ID REQUEST     prints the message instead, on any system
 
-Exits with 0 when the result code is 0, with 1 when it is another one, and with 2 when the service cannot
-be reached. Needs nothing but Python 3.8 and Windows. The account must be an administrator or one that was
-allowed at the installation.
+Exits with 0 if the result code is 0, with 1 if it is not, and with 2 if the service cannot be reached.
+Needs only Python 3.8 and Windows. The account must be an administrator or one that was allowed when the
+service was installed.
 """
 import argparse
 import json
@@ -14,7 +14,7 @@ import sys
 ACCESS = 0x12018B  # read and write data and attributes, read the owner; GENERIC_WRITE includes creating instances
 OPEN_EXISTING = 3
 SECURITY_SQOS_PRESENT = 0x00100000
-SECURITY_IDENTIFICATION = 0x00010000  # a false server can learn who this is, but not act as this account
+SECURITY_IDENTIFICATION = 0x00010000  # a fake server can identify this account, but not act as it
 PIPE_READMODE_MESSAGE = 2
 ERROR_MORE_DATA = 234
 ERROR_PIPE_BUSY = 231
@@ -30,7 +30,7 @@ PATIENCE = 10000  # milliseconds, for a free instance of the pipe
 
 
 def message_of(command, request):
-    """The bytes of a command. Escapes all but ASCII."""
+    """Returns the bytes of a command, with all non-ASCII characters escaped."""
     message = json.dumps({"id": command, "request": request}, separators=(",", ":")).encode("ascii")
     if len(message) > LONGEST_COMMAND:
         raise ValueError("the request is too long")
