@@ -20,7 +20,7 @@ def length(nanoseconds):
 
 
 def is_over(row):
-    # Compares as printed, so that a row whose printed ratio equals the goal is never "over".
+    # Compares rounded values, so that a row whose printed ratio equals the goal is never "over".
     return row["goal"] > 0 and round(row["ratio"], 2) > round(row["goal"], 2)
 
 

@@ -1,5 +1,5 @@
-# Sourced by the other scripts. Installs packages that a fresh Debian 12 or 13 lacks, configures and
-# builds.
+# Functions for the scripts that source this file: to install the packages that a fresh Debian 12 or
+# 13 lacks, to configure and to build.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 # If standard input were closed, the first file that a program opens would take its place.
@@ -11,7 +11,7 @@ if command -v ccache >/dev/null; then
   export CCACHE_SLOPPINESS=${CCACHE_SLOPPINESS:-pch_defines,time_macros}  # for precompiled headers
 fi
 
-# clang, lld and llvm are the release's default versions.
+# clang, lld and llvm are the Debian release's default versions.
 packages=(
   g++-mingw-w64-x86-64-posix ninja-build cmake wine wine64
   rapidjson-dev googletest libcli11-dev osslsigncode openssl clang lld llvm
@@ -29,12 +29,12 @@ ensure_packages() {
   done
   if ((${#missing[@]} == 0)); then return; fi
   echo "installing: ${missing[*]}"
-  # Waits for another apt-get, such as one of a second checkout.
+  # Waits for another apt-get, such as one run by a second checkout.
   local apt=(env LC_ALL=C DEBIAN_FRONTEND=noninteractive apt-get -q -o DPkg::Lock::Timeout=600) errors
   [[ $(id -u) == 0 ]] || apt=(sudo "${apt[@]}")
   (
-    umask 022  # what apt fetches is for every account
-    # The timeout does not apply to the lock of the package lists.
+    umask 022  # every account must be able to read what apt fetches
+    # The timeout does not apply to the package lists' lock.
     until errors=$("${apt[@]}" update 2>&1 >/dev/null); do
       if [[ $errors != *'Could not get lock'* ]] || ((SECONDS > 600)); then
         echo "$errors" >&2

@@ -99,13 +99,13 @@ def judge(name, tests):
         if status == 0:
             at, status = test["name"], run(*test["command"], cwd=test["folder"], seconds=60 + 4 * test["seconds"])
         if status != 0:
-            use_prefix("-k")  # so that nothing of this test affects the next fault
+            use_prefix("-k")  # so that nothing left by this test affects the next fault
             return f"time-out of {at}" if status in kTimeOuts else f"killed by {at}"
     return "survived"
 
 
 def faultless():
-    """Builds all without warnings, since a fault may cause one. Returns the objects' hash and the tests' times."""
+    """Builds all without warnings, because a fault may cause one. Returns the objects' hash and the tests' times."""
     if run("cmake", "--preset", "release", "-DCMAKE_CXX_FLAGS=-w", cwd=tree) or run(*ninja):
         sys.exit("the sources do not build without a fault")
     tests = json.loads(subprocess.check_output(["ctest", "--show-only=json-v1"], cwd=build))["tests"]
