@@ -2,13 +2,13 @@
 # Tests that run vxhost source this file after setting $vxhost, with the arguments EMULATOR PREFIX.
 # Creates the folder $work, which is deleted at the end, and counts failures in $failures.
 emulator=$1 prefix=${2:-}
-umask go-w  # a service cannot be installed where other accounts write
+umask go-w  # a service cannot be installed where other accounts can write
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 trap 'exit 1' HUP INT TERM  # otherwise a signal skips the trap above
 failures=0
 
-# need PATH...: ends the test with one line if a build product is missing.
+# need PATH...: prints one line and ends the test if a build product is missing.
 need() {
   for path; do
     [ -e "$path" ] && continue
@@ -41,8 +41,8 @@ run_at() {
 }
 
 # install_tool NAME MODULE: copies the tool, the service's program and a module into $place,
-# C:\Program Files\NAME, which is deleted at the end, and runs the tool from there. A service may
-# not be installed from the build, because other accounts own folders above it.
+# C:\Program Files\NAME, which is deleted at the end, and runs the tool from there. A service cannot
+# be installed from the build folder, because other accounts own folders above it.
 install_tool() {
   place="$prefix/drive_c/Program Files/$1"
   trap 'rm -rf "$work" "$place"' EXIT

@@ -1,5 +1,5 @@
 #!/bin/sh
-# scenarios.sh FOLDER VXHOST EMULATOR...: plays every scenario of FOLDER, each on a fresh simulated
+# scenarios.sh FOLDER VXHOST EMULATOR...: plays every scenario in FOLDER, each on a fresh simulated
 # machine, and compares the output of NAME.json with the transcript NAME.txt beside it. RECORD=1
 # writes the transcripts instead, if every expectation was met. NAMES, if set, selects scenarios.
 # Lines that match DROP are ignored, for example those of a thread whose timing is not fixed.

@@ -21,7 +21,7 @@ for header in vx_service_c log_sink; do
 done
 for header in client_information exemption_white_list manifest_check_criteria matching_descriptor \
   tessel_access_manager; do
-  # Checks the directive alone, because the standard library's headers are missing.
+  # Checks only the directive, because the standard library's headers are missing.
   echo "#include \"exemption/client_information.h\"" | "$@" -I "$root/src" -fsyntax-only -x c++ - 2>&1 |
     grep -q 'Use the table of CreateClientExemption' || { echo "failed: $header.h is not refused"; failures=1; }
   grep -q 'client_information.h"\|matching_descriptor.h"\|manifest_check_criteria.h"\|#ifdef _MSC_VER' \

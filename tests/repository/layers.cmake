@@ -91,8 +91,8 @@ function(judge_foreign_include layer included result)
   endif()
 endfunction()
 
-# rapidjson's own allocator returns null if out of memory, and rapidjson then writes through it.
-# Sets RESULT to a complaint about such a use in CONTENT.
+# rapidjson's own allocator returns null if out of memory, and rapidjson then writes through the
+# null pointer. Sets RESULT to a complaint about such a use in CONTENT.
 function(judge_json_memory content result)
   set(${result} "" PARENT_SCOPE)
   string(REGEX MATCHALL "rapidjson::[A-Za-z]*Writer *<[^>]*>" writers "${content}")

@@ -43,7 +43,7 @@ foreach(folder IN LISTS folders)
     list(APPEND missing "ARCHITECTURE.md has no row for ${folder}")
   endif()
 endforeach()
-# Every lock of the module has a table row that gives its name, then its source.
+# Every lock in the module must have a table row that gives its name, then its source.
 file(GLOB_RECURSE sources RELATIVE ${ROOT}/src ${ROOT}/src/*.h ${ROOT}/src/*.cpp)
 foreach(source IN LISTS sources)
   file(STRINGS ${ROOT}/src/${source} locks REGEX "^ *(static |mutable )*std::mutex [A-Za-z_]+;")

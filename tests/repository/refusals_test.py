@@ -8,8 +8,8 @@ import sys
 
 root = pathlib.Path(sys.argv[1])
 
-# Windows cannot refuse these, or only later calls depend on them. Operations that return void
-# cannot fail either.
+# Windows cannot fail these, or only later calls depend on them. Operations that return void cannot
+# fail either.
 NEVER_REFUSED = {
     "AppServices.Open": "opens nothing before AppService.Send",
     "Clock.TickCount": "the clock always has a value",

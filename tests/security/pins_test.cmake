@@ -9,8 +9,8 @@ string(REPLACE "30 82 01 0a" "30 82 01 0b" prefix "${good}")
 string(REPLACE "02 03 01 00 01" "02 03 01 00 03" suffix "${good}")
 string(REPLACE "ab ab" "ab-ab" separator "${good}")
 
-# expect(NAME CONTENT PATTERN): PATTERN is what the generated source holds, or, when it begins with
-# a "!", what the message of the refusal holds.
+# expect(NAME CONTENT PATTERN): PATTERN must match the generated source or, if it starts with "!",
+# the error message.
 function(expect name content pattern)
   set(input ${FOLDER}/${name}.txt)
   set(output ${FOLDER}/${name}.cpp)

@@ -1,7 +1,7 @@
 #!/bin/sh
 # full_disk_test.sh VXHOST WORKER EMULATOR...: the store on a small file system that fills up. No write
-# loses a value that was acknowledged before, and with space again the next write succeeds. Skipped
-# where this account may not mount.
+# loses a value that was acknowledged before, and once there is space again, the next write succeeds.
+# Skipped if this account may not mount.
 set -u
 vxhost=$1 worker=$2
 shift 2
@@ -18,7 +18,7 @@ trap 'umount "$disk" && rm -rf "$work"' EXIT
 # with_store PROGRAM ARG...: runs a program whose store is on the small disk.
 with_store() { run_program_at "$disk" "$@" </dev/null; }
 
-# stored KEY...: the store can be read and holds the keys.
+# stored KEY...: returns whether the store can be read and contains the keys.
 stored() {
   with_store "$vxhost" store show >"$work/shown" 2>/dev/null || return 1
   for key; do grep -q "\"$key\"" "$work/shown" || return 1; done

@@ -13,7 +13,7 @@ if ! grep -q 'do: create it at installation' "$work/output" ||
   fail "doctor does not report the missing folder, or makes one; it prints:" "$work/output"
 fi
 
-# examines TEXT: the doctor finds TEXT in $work/data.
+# examines TEXT: expects the doctor to report TEXT for $work/data.
 examines() {
   exits 1 run_at "$work/data" doctor --timeout 1
   grep -q -e "$1" "$work/output" || fail "doctor does not find '$1'; it prints:" "$work/output"
@@ -57,12 +57,12 @@ expect 2 'is missing or has no version' --dll missing.dll doctor
 expect 1 '+  first-run set-up: complete' --simulate doctor
 expect 1 '{"check":"logon process","health":"ok"' --simulate doctor --json
 
-# A delivery shows that its event came, if the host logs no events.
+# If the host logs no events, a delivery still shows that its event occurred.
 mkdir "$work/logs"
 cp "$(dirname "$0")/history/rare.log" "$work/logs/Vx-20261125-0001.log"
 expect 1 '+  power events: shown by the delivery at 2026-11-25T' doctor --log "$work/logs"
 
-# The service: what Windows knows of it, whether its pipe answers, and what its log says.
+# The service: what Windows reports about it, whether its pipe answers, and what its log contains.
 examines '-  service: OrvaneService is not installed'
 install_tool VxDoctor "$(dirname "$vxhost")/OrvaneService.dll"
 name=VxDoctor$$

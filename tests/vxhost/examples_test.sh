@@ -31,7 +31,7 @@ cp "$pki/pinned.exe" "$place/SIGNED.exe"
 cp "$build/tests/probe.exe" "$place/winlogon.exe"
 exits 0 run service install --development --start demand --repair
 exits 0 run service start
-# A program started for a subscription gets the session and token of this one.
+# A program started for a subscription uses the session and token of this one.
 "$emulator" "$prefix" "$place/winlogon.exe" 'C:\Program Files\Maker\winlogon.out' wait:OrvaneService >/dev/null 2>&1 &
 logon=$!
 sources="$work/the sources"
@@ -54,7 +54,7 @@ delivered() {
   done
 }
 
-# prints LINES OUTPUT: the output contains the lines, in this order.
+# prints LINES OUTPUT: returns whether the output contains the lines, in this order.
 prints() {
   awk 'NR == FNR { want[++n] = $0; next }
     function fits(line, text, pieces, i, at) {

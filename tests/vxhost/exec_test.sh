@@ -25,7 +25,7 @@ fi
 
 # The command-line library prints the help, but the names of nested commands come from the tool.
 expect 0 'Usage: vxhost store restore' store restore --help
-# The text of an error depends on the language of Windows, so that no program gets it.
+# An error's text depends on the language of Windows, so it is not part of the output for programs.
 expect 2 '(error 126: ' --dll "$work/missing.dll" exec 22
 expect 2 '(error 126); it is missing or not a program, error 2","exitCode":2}' --dll "$work/missing.dll" exec 22 --json
 expect 0 'vxhost doctor '

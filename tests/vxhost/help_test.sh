@@ -13,7 +13,7 @@ subcommands() {
   sed -n '/^Subcommands:/,/^$/s/^  \([a-z]\{1,\}\) .*/\1/p' "$work/output"
 }
 
-# accepts OPTIONS ARG...: of the arguments ARG and an unknown option, only the latter is rejected.
+# accepts OPTIONS ARG...: expects that only an unknown option after the arguments ARG is rejected.
 accepts() {
   options=$1
   shift

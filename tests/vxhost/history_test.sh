@@ -24,7 +24,7 @@ expect 0 '"decision":"not sent","failed":true' --store "$store" history "$folder
   --subscription "$(awk '/not sent/ { print $4; exit }' "$folder/service.txt")" --since 2026-11-26T05:38:30Z
 [ "$(wc -l < "$work/output")" = 1 ] || fail "the filters of history leave:" "$work/output"
 
-# Why nothing is delivered: the last line, with the arguments that follow it. What was delivered to others counts.
+# quiet WHY ARG...: expects WHY, the reason why nothing was delivered, as the last line for these arguments.
 quiet() {
   why=$1
   shift

@@ -1,5 +1,5 @@
-"""schema_test.py VXHOST SCHEMAS TESTS EMULATOR...: what vxhost prints, what the sample scenarios send and
-receive, and every scenario of the project are as the schemas say. What vxhost refuses, they refuse too."""
+"""schema_test.py VXHOST SCHEMAS TESTS EMULATOR...: the output of vxhost, the requests and answers of
+the sample scenarios, and every scenario of the project match the schemas, which reject what vxhost rejects."""
 
 import json
 import pathlib
@@ -45,7 +45,7 @@ def expect(value, valid, what, name, part=None):
 
 
 def run(*arguments, code=0):
-    """Returns the objects that vxhost prints, and its standard error. It exits with this code."""
+    """Runs vxhost, which must exit with `code`. Returns the objects that it prints, and its standard error."""
     done = subprocess.run([*emulator, vxhost, *arguments], stdout=subprocess.PIPE, stderr=subprocess.PIPE,
                           cwd=tests / "vxhost", check=False)
     lines = done.stdout.decode().splitlines()
@@ -124,7 +124,7 @@ def check_stored():
 
 
 def check_samples():
-    """Every request that a sample sends with success, and what comes back."""
+    """Checks every request that a sample sends successfully, and the answer."""
     names = ["first_boot", "packages", "born_on_date", "consent", "policy", "signed_program", "standby"]
     plays = run("--simulate", "scenario", *(f"{samples}/{name}.json" for name in names), "--json")
     every = run("--private-store", "scenario", f"{samples}/every_command.json", "--json")
@@ -136,7 +136,7 @@ def check_samples():
             if entry["kind"] != "command":
                 continue
             part = f"command{entry['id']}"
-            # The module took it, but said what is wrong with it.
+            # The module accepted the request, but logged what is wrong with it.
             doubted = f"function id {entry['id']}: " in logged
             logged = ""
             if entry["code"] == "0x00000000":
@@ -153,7 +153,7 @@ def check_samples():
 def check_scenarios():
     for file in [*samples.glob("*.json"), *tests.glob("*/scenarios/*.json")]:
         expect(json.loads(file.read_text(encoding="utf-8")), True, file.name, "scenario")
-    # A name that has no definition and a call after the end are beyond a schema.
+    # A schema cannot detect an undefined name or a call after the end.
     unseen = {12, 22}
     scenario = json.loads((tests / "vxhost/faults/simulated.json").read_text(encoding="utf-8"))
     listed = (tests / "vxhost/faults/simulated.txt").read_text(encoding="utf-8")
@@ -163,7 +163,7 @@ def check_scenarios():
 
 
 def check_page():
-    """The table of docs/vxhost.md names each output with its schema and members."""
+    """Checks that the table in docs/vxhost.md names each output with its schema and members."""
     page = (tests.parent / "docs" / "vxhost.md").read_text(encoding="utf-8")
     rows = {row[1].strip("` "): row[2] for row in re.findall(r"^\|(.*?)\|(.*?)\|(.*)\|$", page, re.M) if row[1]}
     parts_only = {"code", "key", "store-document", "store-value"}

@@ -1,7 +1,7 @@
 """timeline_test.py VXHOST SCENARIO PICTURE EMULATOR...: plays a scenario, opens its timeline in Chromium, in
-windows of 1280 and 390 pixels at once, and compares what is on the page with the log; so also a page of a
-hundred such plays, and one of each of CASES. RECORD=1 writes the picture for the manual to PICTURE. Look at
-a new one before it is kept."""
+windows of 1280 and 390 pixels, and compares the page with the log. Does the same for a page of a hundred
+such plays and for a page of each of CASES. RECORD=1 writes the picture for the manual to PICTURE. Look at
+a new picture before you commit it."""
 
 import collections
 import html
@@ -21,7 +21,7 @@ if not shutil.which("chromium"):
 failures = []
 HOSTILE = "</script><!--<script>document.title='owned'</script><img src=x onerror=alert(1)>&amp;\u202e\u2028"
 
-# What a reader sees, as far as it can be measured.
+# Measures what a reader can see.
 FRAMES = """<!DOCTYPE html><pre id=r></pre><script>
 const box = e => { const r = e.getBoundingClientRect(); return [r.left, r.top, r.right, r.bottom]; };
 const measure = page => {
@@ -67,7 +67,7 @@ def entry(at, text, what="log", thread=1, **more):
 
 
 def decided(at, decision, tone="good", thread=1, **more):
-    """The line of a record, of this delivery unless `more` says otherwise."""
+    """Returns the entry of a record, which belongs to this delivery unless `more` overrides that."""
     return entry(at, "a record", thread=thread, record={
         "kind": "power", "event": "power 18", "decision": decision, "tone": tone, "subscription": "0badcafe",
         "target": "C:\\M\\Resume.exe", "milliseconds": 10000, "delivery": "1.1", **more})
@@ -78,7 +78,7 @@ COMMAND = {"what": "command", "thread": 0, "done": True, "request": "{}", "resul
 OTHER = {"event": "platform 1", "subscription": "other", "target": "", "milliseconds": 4000}
 NO_DELIVERY = {"delivery": None, "client": "ann"}
 WAITS = [entry(0, "of another thread", thread=2), entry(0, "delay start"), decided(0, "waiting")]
-# What happened, other data, the list of the page with the number of lines, and the bars of its picture.
+# The log entries, other data, the page's list with line counts, and the bars of its picture.
 CASES = {
     "a delivery": (
         [entry(0, "power event 18", "call", 0), *WAITS, entry(10500, "the decision"),
@@ -160,7 +160,7 @@ def windows_path(path):
 
 
 def play(work):
-    """Returns the page and what --json reports of the same run, which ends with a hostile step."""
+    """Returns the page and the --json report of one run, which ends with a hostile step."""
     page = os.path.join(work, "timeline.html")
     with open(scenario, encoding="utf-8") as file:
         steps = json.load(file)
@@ -175,7 +175,7 @@ def play(work):
 
 
 def page_of(page, change):
-    """The page with other data, to which `change` turns its own."""
+    """Returns the page with its data replaced by the result of `change`."""
     before, text, after = re.fullmatch(r'(.*id="data">)(.*?)(</script>.*)', page, re.S).groups()
     return before + json.dumps(change(json.loads(text))).replace("<", "\\u003c") + after
 
@@ -186,7 +186,7 @@ def case_data(data, entries, more):
 
 
 def dense_data(data):
-    """A log that holds the same a hundred times, one after the other."""
+    """Returns a log that repeats the same entries a hundred times in sequence."""
     end = data["end"]
     entries = [{**one, "at": one["at"] + i * end} for i in range(100) for one in data["entries"]]
     return {**data, "entries": entries, "end": 100 * end}
@@ -201,7 +201,7 @@ def chromium(work, *arguments):
 
 
 def measure(work, page):
-    """Returns what Chromium shows of the page, a dense one and those of the cases, by name and width of window."""
+    """Returns what Chromium shows for the page, a dense page and each case, by name and window width."""
     pages = {"page": page, "dense": page_of(page, dense_data)}
     for name, (entries, more, *_) in CASES.items():
         pages[name] = page_of(page, lambda data: case_data(data, entries, more))

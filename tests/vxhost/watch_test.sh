@@ -1,5 +1,5 @@
 #!/bin/sh
-# watch_test.sh VXHOST MODULE EMULATOR...: a watching vxhost shows each line that another one logs,
+# watch_test.sh VXHOST MODULE EMULATOR...: a watching vxhost shows each line of another one exactly
 # once.
 set -u
 vxhost=$1 module=$2
