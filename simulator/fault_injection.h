@@ -24,7 +24,7 @@ class FaultInjection {
   FaultInjection(const FaultInjection&) = delete;
   FaultInjection& operator=(const FaultInjection&) = delete;
 
-  // Wraps the capabilities of `machine`. Call inside the change of a MachineScope, at most once.
+  // Wraps the capabilities of `machine`. Call at most once, in the change passed to a MachineScope.
   void Install(Platform::Machine& machine);
 
   // Makes call number `index` fail. The next call has number zero.

@@ -46,8 +46,8 @@ class VirtualClock final : public Platform::Clock {
   // Advances time deadline by deadline. Returns with every worker at rest. Throws ClockStuck.
   void Advance(Duration length);
 
-  // Moves time from one deadline to the next until `reached` returns true. Calls `reached` while
-  // every worker is at rest. It must not wait. Returns false after `limit` or if no wait is left.
+  // Moves time from one deadline to the next until `reached`, which must not wait, returns true.
+  // Every worker is at rest when it is called. Returns false after `limit` or if no wait is left.
   bool AdvanceUntil(const std::function<bool()>& reached, Duration limit);
 
   // Waits in real time, with virtual time frozen, until every worker is at rest. Throws ClockStuck.

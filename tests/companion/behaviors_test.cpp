@@ -129,7 +129,7 @@ TEST_F(RegistrationDataTest, CopiesTheMachinesDataOverTheUsersWithTheUsersRights
   EXPECT_EQ(accesses, 8);
 }
 
-// The user changes during the second of the three steps, or between the second and the third.
+// The user changes during the second of the copy's three steps, or between it and the third.
 TEST_F(RegistrationDataTest, CopiesNothingWithTheRightsOfAnotherUser) {
   Tests::WriteText(Source(), "new");
   Tests::WriteText(Destination(), "old");

@@ -78,7 +78,7 @@ TEST(ResumeDecisionTest, IsTheRuleInEveryWorld) {
   }
 }
 
-// Each question costs a trust check, a package query or a store read.
+// Answering a question costs a trust check, a package query or a store read.
 TEST(ResumeDecisionTest, NamesTheRuleThatSettledItAndAsksNoMoreThanThat) {
   constexpr State kSkipped = State::SkippedOobe;
   static constexpr struct {

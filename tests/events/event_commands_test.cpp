@@ -108,11 +108,11 @@ TEST_F(RealLaunchTest, StartsWhatItCheckedAhead) {
   EXPECT_TRUE(Tests::WaitForProbe(path + L".out"));
 }
 
-// Each update holds the turn until it has replaced the program or given up on a locked file.
+// Each update holds `turn` until it has replaced the program or given up on a locked file.
 TEST_F(RealLaunchTest, CanBeUpdatedWhileItWaitsForItsTurnAndIsThenCheckedAgain) {
   const struct {
     std::vector<const wchar_t*> updates;
-    int inTurn;  // checks that read the file while holding the turn
+    int inTurn;  // checks that read the file while `turn` is held
     std::size_t locks;
     int seconds;
     bool runs;

@@ -1,4 +1,4 @@
-// A day's commands, deliveries and services must not make the module grow. See scripts/soak.
+// A day's commands, deliveries and services must not make the module leak. See scripts/soak.
 
 #include "module/module_test.h"
 #include "support/test.h"
@@ -16,7 +16,7 @@ constexpr std::size_t kBlocksOfWorkers = 4 * kOneBlock;
 constexpr std::size_t kCommitAllowance = std::size_t{256} * 1024;  // for one more heap commit
 
 // The number of deliveries between two waits for their workers, which limits how many threads run
-// at once. A host makes as many between two events.
+// at once. A host makes this many between two events.
 constexpr std::size_t kDeliveriesAtOnce = 48;
 
 struct Figures {

@@ -13,7 +13,7 @@ constexpr std::uint32_t kNoApiSet = 0x2000000A;
 
 using DispatchTest = SimulatedServiceTest;
 
-// Static assertions below the command table cover which ids those are.
+// Static assertions below the command table check which IDs those are.
 TEST_F(DispatchTest, IdsThatNeedSessionsStopBeforeAnythingElseIsLookedAt) {
   machine.system.RemoveApiSet(Platform::kSessionApiSet);
   for (const auto& [id, result] : {std::pair(17U, kNoApiSet), std::pair(22U, kFailed)}) {

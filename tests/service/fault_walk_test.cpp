@@ -37,7 +37,7 @@ class FaultWalkTest : public SimulatedServiceTest {
     std::function<bool()> worked;  // whether the flow did its work
   };
 
-  // After each fault, checks impersonation, workers, the other service's value and another try.
+  // After each fault, checks impersonation, workers and the other service's value, then retries.
   void Walk(const Flow& flow, Workers workers = Workers::None) {
     StartFrameworkThread();
     // The first runs, even one that throws, cause Windows's per-process allocations.

@@ -39,7 +39,7 @@ class ServiceLivesTest : public SimulatedServiceTest {
     machine.clock.Advance(length);
   }
 
-  // Ends the service while another thread holds `lock`. Returns false after two seconds.
+  // Ends the service while another thread holds `lock`. Returns false if it takes over two seconds.
   template <typename Lock>
   bool EndsDuring(Lock& lock, const std::function<void()>& before) {
     bool inTime = false;

@@ -274,7 +274,7 @@ class SetupState final : public Platform::Oobe {
   std::atomic<bool> complete{false};
 };
 
-// Slot 8 logs that it cannot open the store. Otherwise it would keep the module loaded for an hour.
+// Slot 8 logs that it cannot open the store. With one, it would keep the module loaded for an hour.
 TEST_F(HostLoopTest, CallsSlot8WhenSetupEnds) {
   SetupState setup;
   const Platform::MachineScope scope([&](Platform::Machine& machine) { machine.oobe = &setup; });

@@ -8,7 +8,7 @@ namespace Vx::Tessel::Server::Storage {
 
 namespace {
 
-// The process id keeps concurrent test processes apart.
+// The process ID keeps concurrent test processes apart.
 std::wstring Name(const wchar_t* test) {
   return std::wstring(L"vx-") + test + L"-" + std::to_wstring(GetCurrentProcessId());
 }

@@ -7,7 +7,7 @@
 
 namespace Vx::Tests {
 
-// Returns the highest of some new handle values, to find leaks. The emulator lacks
+// Returns the highest of 64 new handle values, which rises if handles leak. The emulator lacks
 // GetProcessHandleCount but always hands out the lowest free value.
 std::uintptr_t HandleGauge();
 

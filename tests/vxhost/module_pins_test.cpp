@@ -5,7 +5,7 @@
 namespace Vx::Hosting::Tool {
 namespace {
 
-// trust_test.sh tests which signatures are refused.
+// trust_test.sh tests which signatures are rejected.
 TEST(OwnSignatureTest, RefusesAFileThatAnotherProcessKeepsItFromReading) {
   const std::wstring program = Tests::PkiFile(L"unsigned.exe");
   const auto held = Platform::AdoptFile(
