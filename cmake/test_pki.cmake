@@ -1,10 +1,10 @@
 # vx_test_pki(PROGRAM LIBRARY): the targets of the throwaway test authority.
 #
 # test_pki    tests/pki/ in the build tree: pinned_general.txt and pinned_restricted.txt (usable as
-#             VX_PINNED_KEYS_...), and copies of the program of target PROGRAM:
-#               pinned.exe       signed with a key of both sets
-#               general.exe      signed with a key of the general set only
-#               unpinned.exe     signed with a key of neither
+#             VX_PINNED_KEYS_...), and copies of the target PROGRAM:
+#               pinned.exe       signed with a key in both sets
+#               general.exe      signed with a key in the general set only
+#               unpinned.exe     signed with a key in neither
 #               expired.exe      pinned key, certificate expired in 2016
 #               self_signed.exe  pinned key, self-signed certificate
 #               dual.exe         two signatures, the second with a pinned key
@@ -12,7 +12,7 @@
 #               tampered.exe     pinned.exe with a byte changed after signing
 #               appended.exe     pinned.exe with bytes after its signature
 #               unsigned.exe     not signed
-#             and of the library of target LIBRARY:
+#             and of the target LIBRARY:
 #               pinned.dll, general.dll, unpinned.dll, unsigned.dll
 # pins_test   the two key files compiled in, instead of `pins`
 function(vx_test_pki program library)

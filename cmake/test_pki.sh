@@ -4,7 +4,7 @@
 #   test_pki.sh keys DIR            makes the authority, its certificates and its pinned key files
 #   test_pki.sh sign DIR PROGRAM LIBRARY
 #                                   signs copies of both in every way that tests need
-#   test_pki.sh pin DIR PROGRAM OUT signs a copy of the program with a key of both sets
+#   test_pki.sh pin DIR PROGRAM OUT signs a copy of the program with a key in both sets
 #
 # Reads and writes only below DIR. Each build tree has its own keys, which protect nothing.
 set -eu

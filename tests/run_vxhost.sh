@@ -23,7 +23,7 @@ run() { "$emulator" ${prefix:+"$prefix"} "$vxhost" "$@"; }
 # Used by run_program_at and run_at.
 with_data=$(dirname "$vxhost")/../tests/with_data.exe
 
-# windows PATH: prints the full path as a Windows program sees it.
+# windows PATH: prints the full path in Windows form.
 windows() { printf 'Z:%s' "$1" | tr / '\\'; }
 
 # run_program_at FOLDER PROGRAM ARG...: runs a program with FOLDER as %ProgramData%.
