@@ -37,7 +37,7 @@ constexpr Row kRows[] = {
      &MicrosoftsAbiWorks},
     {"slots", System, "calls each slot of the module, kept from the firmware, and frees it",
      &SlotsWork},
-    {"subscription", Administrator, "stores, lists and takes back a subscription",
+    {"subscription", Administrator, "stores, lists and removes a subscription",
      &SubscriptionIsKept},
     {"trust", System,
      "subscribes programs, of which only a pinned one in a protected place may run",
@@ -142,7 +142,7 @@ std::string RunAsAccount(const Row& row) {
     Eventually(kLongestRow, [&] { return HasEnded(process); });
     Eventually(std::chrono::seconds(2), read);
   }
-  Require(!result.empty(), "it ended without a result, or not within ten minutes");
+  Require(!result.empty(), "it exited without a result, or ran for more than ten minutes");
   return result;
 }
 

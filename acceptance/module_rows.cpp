@@ -89,8 +89,8 @@ std::string SubscriptionIsKept() {
   Expect(tool + L"exec 20", "none.exe");
   Expect(tool + L"exec 19 " + subscription, "(taken back)");
   Require(Expect(tool + L"exec 20").find("none.exe") == std::string::npos,
-          "what was taken back is still listed");
-  return "stored, listed and taken back";
+          "the removed subscription is still listed");
+  return "stored, listed and removed";
 }
 
 std::string OnlyPinnedProgramsRun() {

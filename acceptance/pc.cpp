@@ -38,7 +38,7 @@ std::wstring KnownFolder(const GUID& id) {
   wchar_t* raw = nullptr;
   const HRESULT result = SHGetKnownFolderPath(id, 0, nullptr, &raw);
   const std::unique_ptr<wchar_t, decltype(&CoTaskMemFree)> folder(raw, &CoTaskMemFree);
-  if (FAILED(result)) throw std::runtime_error("a folder of Windows is unknown");
+  if (FAILED(result)) throw std::runtime_error("Windows does not report one of its folders");
   return raw;
 }
 

@@ -79,7 +79,7 @@ std::string BlockedOpenIsCancelled() {
     throw std::runtime_error("the open is not cancelled within 10 s");
   }
   Require(blocked && error == ERROR_OPERATION_ABORTED,
-          "the open ends with error " + std::to_string(error));
+          "the open fails with error " + std::to_string(error));
   return "ended with ERROR_OPERATION_ABORTED";
 }
 

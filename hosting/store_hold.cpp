@@ -79,7 +79,7 @@ std::string HolderOf(HANDLE mutex) {
 
 bool Take(HANDLE mutex, DWORD limit) {
   const DWORD outcome = WaitForSingleObject(mutex, limit);
-  if (outcome == WAIT_FAILED) throw std::runtime_error("the store's mutex cannot be waited for");
+  if (outcome == WAIT_FAILED) throw std::runtime_error("cannot wait for the store's mutex");
   return outcome != WAIT_TIMEOUT;  // an abandoned mutex is acquired too
 }
 
@@ -120,7 +120,7 @@ ServicesMutex ServicesMutexFor(StoreUse use) {
                         ? " is an object of another kind, made by another program"
                         : " cannot be opened, error " + std::to_string(error));
   if (use == StoreUse::Write) {
-    throw std::runtime_error("the machine's store cannot be kept from services: " + why +
+    throw std::runtime_error("the machine's store cannot be locked against services: " + why +
                              "; run as administrator, or use --private-store");
   }
   static_cast<void>(std::fprintf(

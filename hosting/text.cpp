@@ -256,7 +256,7 @@ std::string FaultText(const std::wstring& text, const Json::ParseFault& fault) {
   const bool ours =
       fault.code == rapidjson::kParseErrorNone || fault.code == rapidjson::kParseErrorTermination;
   return "line " + std::to_string(line) + ", column " + std::to_string(column) + ": " +
-         (ours ? "more than the module takes, see docs/protocol.md"
+         (ours ? "more than the module accepts, see docs/protocol.md"
                : rapidjson::GetParseError_En(fault.code));
 }
 

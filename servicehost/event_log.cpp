@@ -23,7 +23,7 @@ constexpr std::uint32_t kWarningMessage = 0x80000001;
 constexpr std::uint32_t kErrorMessage = 0xC0000002;
 
 constexpr wchar_t kTooMany[] =
-    L"too many events: those of the next minute are in the log files of the service only";
+    L"too many events: those of the next minute are only in the service's log files";
 
 constexpr std::uint64_t kWindow = 60'000;  // milliseconds
 constexpr int kMostPerWindow = 30;

@@ -80,7 +80,7 @@ Platform::UniqueLocalMemory<void> Descriptor(const wchar_t* access) {
   PSECURITY_DESCRIPTOR raw = nullptr;
   if (ConvertStringSecurityDescriptorToSecurityDescriptorW(access, SDDL_REVISION_1, &raw,
                                                            nullptr) == FALSE) {
-    throw std::runtime_error("Windows refuses the access list of a folder");
+    throw std::runtime_error("Windows rejects the access list of a folder");
   }
   return Platform::UniqueLocalMemory<void>(raw);
 }
@@ -95,7 +95,7 @@ bool Make(const std::wstring& path, const wchar_t* access) {
   SECURITY_ATTRIBUTES security{sizeof security, descriptor.get(), FALSE};
   if (CreateDirectoryW(path.c_str(), &security) != FALSE) return true;
   const DWORD error = GetLastError();
-  if (error != ERROR_ALREADY_EXISTS) ThrowError(path, " cannot be made", error);
+  if (error != ERROR_ALREADY_EXISTS) ThrowError(path, " cannot be created", error);
   return false;
 }
 
@@ -116,7 +116,7 @@ Platform::UniqueHandle Hold(const std::wstring& path, DWORD rights) {
   // The emulator follows links anyway. There, only attributes queried by name reveal a link.
   const auto named = CurrentMachine().files->Attributes(path);
   if (((found.FileAttributes | (named ? *named : 0)) & FILE_ATTRIBUTE_REPARSE_POINT) != 0) {
-    throw std::runtime_error(Utf8(path) + " is a link; find out who made it");
+    throw std::runtime_error(Utf8(path) + " is a link; find out who created it");
   }
   if ((found.FileAttributes & FILE_ATTRIBUTE_DIRECTORY) == 0) {
     throw std::runtime_error(Utf8(path) + " is a file; move it away");
@@ -148,9 +148,11 @@ std::wstring Replace(Platform::UniqueHandle& folder, const std::wstring& path,
   const auto name = Platform::NewUuid();
   std::wstring aside = path + L".replaced-" + (name ? *name : std::wstring());
   const Platform::ErrorCode error = Platform::RenameTo(folder.get(), aside);
-  if (error != 0) ThrowError(path, " may be open in another account and cannot be renamed", error);
+  if (error != 0)
+    ThrowError(path, " may be held open by another account and cannot be renamed", error);
   folder.reset();
-  if (!Make(path, access)) throw std::runtime_error(Utf8(path) + " was made again meanwhile");
+  if (!Make(path, access))
+    throw std::runtime_error(Utf8(path) + " has been created by another program");
   folder = Hold(path, 0);
   return aside;
 }
@@ -215,16 +217,16 @@ std::vector<std::string> DataFolders::Prepare(Existing existing) const {
     std::string why = WhyOpen(path, access, kWriting, accepted);
     if (!why.empty()) {
       if (!repairs) {
-        throw std::runtime_error(why + "; look at what it holds, then install with --repair");
+        throw std::runtime_error(why + "; look at its contents, then install with --repair");
       }
       if (!access || !OtherWriters(*access, kChangingTheList, accepted).empty()) {
-        why += "; what it held is in " + Utf8(Replace(opened, path, folder.access));
+        why += "; its former contents are in " + Utf8(Replace(opened, path, folder.access));
       } else {
         Close(opened.get(), path, folder.access);
       }
       const auto now = Platform::AccessOf(opened.get());
       if (const std::string still = WhyOpen(path, now, kWriting, accepted); !still.empty()) {
-        throw std::runtime_error(still + ", also after the repair");
+        throw std::runtime_error(still + ", even after the repair");
       }
       repaired.push_back(why);
     }

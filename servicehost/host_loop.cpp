@@ -72,7 +72,7 @@ HostLoop::HostLoop(const Options& options, ServiceLog& output)
       module(options.module),
       moduleLog(module, [this](const VxLogLine& line) { log.Add(line); }),
       session(module.NewService()) {
-  if (stop == nullptr) throw std::runtime_error("Windows has no memory for an event");
+  if (stop == nullptr) throw std::runtime_error("cannot create an event");
   ResetStandby();
   session.Slots()->Start();
   log.Add(L"INFO", kStarted + options.module);

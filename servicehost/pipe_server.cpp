@@ -30,14 +30,14 @@ constexpr wchar_t kAccountIsFull[] =
 constexpr wchar_t kReserved[] =
     L"a client was turned away, because the places left are for administrators: ";
 constexpr wchar_t kUnknown[] =
-    L"a client was turned away, because Windows does not tell its account: ";
+    L"a client was turned away, because Windows does not report its account: ";
 constexpr wchar_t kMore[] = L" (and ";  // followed by the count
 constexpr wchar_t kSinceLast[] = L" more since the last such line)";
 constexpr wchar_t kNoMemory[] = L"a client was turned away, because memory ran out";
 constexpr wchar_t kNoThread[] = L"a client was turned away, because no thread could be started";
-constexpr wchar_t kRubbish[] = L"a client was disconnected, its message is not a command: ";
-constexpr wchar_t kTooSlow[] = L"a client was disconnected, it did not read its result: ";
-constexpr wchar_t kTooLong[] = L"a client was disconnected, its result is too long: ";
+constexpr wchar_t kRubbish[] = L"a client was disconnected, because its message is not a command: ";
+constexpr wchar_t kTooSlow[] = L"a client was disconnected, because it did not read its result: ";
+constexpr wchar_t kTooLong[] = L"a client was disconnected, because its result is too long: ";
 
 constexpr wchar_t kSystem[] = L"S-1-5-18";
 
@@ -235,7 +235,7 @@ void PipeServer::Serve(Connection& connection) noexcept {
       if (outcome != PipeOutcome::Done) break;
     }
   } catch (const std::exception&) {
-    report(L"ERROR", L"a connection ended without memory");
+    report(L"ERROR", L"a connection ended, because memory ran out");
   }
   // Unlike disconnecting, closing does not discard a result that the client has not read yet.
   connection.pipe.reset();

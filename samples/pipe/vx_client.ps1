@@ -78,14 +78,14 @@ try {
   } finally {
     [Runtime.InteropServices.Marshal]::FreeHGlobal($descriptor)  # LocalFree
   }
-  if ($owner -notin $owners) { throw "the pipe belongs to $owner and not to the service; nothing was sent" }
+  if ($owner -notin $owners) { throw "the pipe belongs to $owner and not to the service, so nothing was sent" }
   $pipe.ReadMode = [IO.Pipes.PipeTransmissionMode]::Message
   $pipe.Write($message, 0, $message.Length)  # one message
   $result = New-Object System.IO.MemoryStream
   $part = New-Object byte[] 65536
   do {
     $count = $pipe.Read($part, 0, $part.Length)
-    if ($count -eq 0) { throw 'the service ended the connection' }
+    if ($count -eq 0) { throw 'the service closed the connection' }
     $result.Write($part, 0, $count)
     if ($result.Length -gt $longestResult) { throw 'the result is too long' }
   } until ($pipe.IsMessageComplete)

@@ -122,7 +122,7 @@ def execute(service, message):
         # The process that created the pipe may have ended, and the service may have reused its id.
         owner = owner_of(pipe)
         if owner not in OWNERS:
-            raise OSError("the pipe belongs to %s and not to the service; nothing was sent" % owner)
+            raise OSError("the pipe belongs to %s and not to the service, so nothing was sent" % owner)
         mode = wintypes.DWORD(PIPE_READMODE_MESSAGE)
         check(kernel.SetNamedPipeHandleState(pipe, ctypes.byref(mode), None, None))
         count = wintypes.DWORD()

@@ -38,7 +38,7 @@ TEST_F(WaitingDeliveriesTest, TheSixtyFifthOfOneSubscriptionIsDropped) {
   for (int i = 0; i < 64; ++i) Deliver(request);
   log.Clear();
   int told = 0;
-  const Tests::LogTrap line(L"too many deliveries of it wait already", 1, [&] { ++told; });
+  const Tests::LogTrap line(L"too many deliveries of it are already waiting", 1, [&] { ++told; });
   Deliver(request);
   EXPECT_THAT(log.Records(), ElementsAre(StartsWith(L"power 7 dropped:too_many_of_one f/s of ")));
   EXPECT_EQ(told, 1);

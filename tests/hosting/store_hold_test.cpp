@@ -39,7 +39,7 @@ class ServicesMutexTest : public ::testing::Test {
 };
 
 std::string NotKept(const std::string& why) {
-  return "the machine's store cannot be kept from services: "
+  return "the machine's store cannot be locked against services: "
          "Global\\18CC6446-1DB5-4D23-8F2B-441BA13883D6 " +
          why + "; run as administrator, or use --private-store";
 }

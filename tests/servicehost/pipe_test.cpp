@@ -179,8 +179,10 @@ TEST_F(PipeTest, AHostileClientCostsTheOthersNothing) {
   const auto silent = RawClient();
   const auto deaf = RawClient();
   EXPECT_TRUE(Send(deaf, WriteCommand({2, L""})));  // the result is larger than the pipe
-  EXPECT_TRUE(IsReported(L"WARNING a client was disconnected, it did not read its result: "));
-  EXPECT_TRUE(IsReported(L"WARNING a client was disconnected, its message is not a command: "));
+  EXPECT_TRUE(
+      IsReported(L"WARNING a client was disconnected, because it did not read its result: "));
+  EXPECT_TRUE(
+      IsReported(L"WARNING a client was disconnected, because its message is not a command: "));
   std::vector<std::unique_ptr<Tool::PipeClient>> crowd;
   for (int i = 0; i < 5; ++i) {
     crowd.push_back(std::make_unique<Tool::PipeClient>(path, GetCurrentProcessId(), 5s));
@@ -196,8 +198,8 @@ TEST_F(PipeTest, AShortageCostsOneClientAndIsReported) {
   } kCases[] = {
       {Missing::Thread, 7, L"WARNING a client was turned away, because no thread could be started"},
       {Missing::Memory, 7, L"WARNING a client was turned away, because no thread could be started"},
-      {Missing::Nothing, 3, L"WARNING a client was disconnected, its result is too long: "},
-      {Missing::Nothing, 4, L"ERROR a connection ended without memory"},
+      {Missing::Nothing, 3, L"WARNING a client was disconnected, because its result is too long: "},
+      {Missing::Nothing, 4, L"ERROR a connection ended, because memory ran out"},
   };
   quiet = 0ms;
   Serve();
@@ -308,7 +310,7 @@ TEST_F(PipeTest, NobodyKeepsAdministratorsOrOtherAccountsOut) {
   EXPECT_TRUE(isServed(administrator));
   EXPECT_EQ(Reports(),
             L"INFO the pipe is open: " + path +
-                L"\nWARNING a client was turned away, because Windows does not tell its account: "
+                L"\nWARNING a client was turned away, because Windows does not report its account: "
                 L"process " +
                 std::to_wstring(GetCurrentProcessId()) +
                 L"\nWARNING a client was turned away, because its account holds too many places: "
@@ -443,9 +445,10 @@ TEST_F(PipeTest, ATakenNameIsOneErrorAndARetry) {
 TEST_F(PipeTest, AClientSendsNothingToAnotherProcess) {
   Serve();
   const std::string process = std::to_string(GetCurrentProcessId());
-  EXPECT_THAT([&] { Tool::PipeClient(path, GetCurrentProcessId() + 4, 5s); },
-              ThrowsMessage<std::runtime_error>(EndsWith(
-                  " belongs to process " + process + " and not to the service; nothing was sent")));
+  EXPECT_THAT(
+      [&] { Tool::PipeClient(path, GetCurrentProcessId() + 4, 5s); },
+      ThrowsMessage<std::runtime_error>(EndsWith(" belongs to process " + process +
+                                                 " and not to the service, so nothing was sent")));
 }
 
 TEST_F(PipeTest, AClientSendsNothingIntoThePipeOfAnotherAccount) {
@@ -463,7 +466,7 @@ TEST_F(PipeTest, AClientSendsNothingIntoThePipeOfAnotherAccount) {
     try {
       Tool::PipeClient(path, GetCurrentProcessId(), 0s, accepted);
     } catch (const std::runtime_error& error) {
-      EXPECT_THAT(error.what(), EndsWith(" and not to the service's; nothing was sent"));
+      EXPECT_THAT(error.what(), EndsWith(" and not to the service's, so nothing was sent"));
       return false;
     }
     return true;

@@ -324,8 +324,8 @@ TEST(EventLogTest, AFloodOfEventsIsCutForAMinuteWithOneEventThatSaysSo) {
   write(100);
   EXPECT_EQ(records.size(), 30U);
   EXPECT_THAT(records.back(),
-              HasSubstr(L"|too many events: those of the next minute are in the log "
-                        L"files of the service only|"));
+              HasSubstr(L"|too many events: those of the next minute are only in the service's "
+                        L"log files|"));
   clock.JumpTicks(1min);
   write(1);
   EXPECT_EQ(records.size(), 31U);

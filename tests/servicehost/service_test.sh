@@ -46,7 +46,7 @@ expect 2 'there is no account nobody at all (error 1332: ' service install --nam
 for folder in "$data" "$data/SharedServices" "$data/Logs"; do
   rm -rf "$data"
   mkdir -p "$(dirname "$folder")" && ln -s "$work" "$folder"
-  expect 2 'is a link; find out who made it' service install --name "$name" --development --repair
+  expect 2 'is a link; find out who created it' service install --name "$name" --development --repair
 done
 rm "$data/Logs"
 touch "$data/Logs"
@@ -79,7 +79,7 @@ expect 0 'is installed' --dll "C:\\Program Files\\$name\\link\\OrvaneService.dll
   service install --name "$name" --development --replace --start demand
 expect 1 "module:  C:\\Program Files\\$name\\OrvaneService.dll" service status --name "$name"
 
-expect 2 'does not run' exec 22 --service="$name"
+expect 2 'is not running' exec 22 --service="$name"
 # The rest of the test needs a running service.
 if ! run service start --name "$name" >"$work/output" 2>&1; then
   why=$(sed -n 's/.*"message":"\(the service cannot run[^"]*\).*/; \1/p' "$data"/Logs/*.log 2>/dev/null)
@@ -97,7 +97,7 @@ client="$work/$(printf '%080d' 0).exe"
 cp "$vxhost" "$client"
 exits 0 "$emulator" "$prefix" "$client" exec 22 --service="$name"
 grep -q getVersion "$work/output" || fail 'a client with a long name gets no result:' "$work/output"
-expect 2 'and not to the service; nothing was sent' exec 22 --service="$name" --process 1
+expect 2 'and not to the service, so nothing was sent' exec 22 --service="$name" --process 1
 power='{"powerEventType":7,"eventAction":1,"commandParams":{"path":"C:\\windows\\none.exe"}}'
 expect 0 'result 0x00000000 (stored)' exec 9 "$power" --service="$name"
 expect 1 'result 0x00000000 (stored already)' exec 9 "$power" --service="$name"
@@ -124,7 +124,7 @@ wait $watching
 if ! grep -q 'power event 18' "$work/watched" || grep -qv 'power event' "$work/watched"; then
   fail "watch --service prints:" "$work/listening" "$work/watched"
 fi
-expect 2 'runs; stop it first' service remove --name "$name"
+expect 2 'is running; stop it first' service remove --name "$name"
 expect 0 'is stopped' service stop --name "$name"
 logged '"message":"the module is stopped"'
 expect 1 'stopped' service status --name "$name"

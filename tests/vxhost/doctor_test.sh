@@ -68,7 +68,7 @@ install_tool VxDoctor "$(dirname "$vxhost")/OrvaneService.dll"
 name=VxDoctor$$
 trap 'run service stop --name $name; run service remove --name $name; rm -rf "$work" "$place" "$prefix/drive_c/ProgramData/Vx"' EXIT
 exits 0 run service install --name $name --start demand --development --repair
-expect 1 "-  service: $name does not run, error" doctor --name $name
+expect 1 "-  service: $name is not running, error" doctor --name $name
 expect 1 "       do: vxhost service start --name $name" doctor --name $name
 exits 0 run service start --name $name
 expect 1 "+  service: $name runs as process " doctor --name $name

@@ -30,16 +30,16 @@ expect 2 '(error 126: ' --dll "$work/missing.dll" exec 22
 expect 2 '(error 126); it is missing or not a program, error 2","exitCode":2}' --dll "$work/missing.dll" exec 22 --json
 expect 0 'vxhost doctor '
 expect 2 'use it' --private-store
-expect 2 'there is no subcommand "exce"; did you mean "exec"?' exce 22
-expect 2 'there is no subcommand "stat"; did you mean "start"?' service stat
-expect 2 'there is no subcommand "shw"; did you mean "show"?' store shw
+expect 2 'unknown subcommand "exce"; did you mean "exec"?' exce 22
+expect 2 'unknown subcommand "stat"; did you mean "start"?' service stat
+expect 2 'unknown subcommand "shw"; did you mean "show"?' store shw
 expect 2 'use @FILE or @-' --simulate exec 9 '{powerEventType:18}'
 expect 2 'use @FILE or @-' validate "'{\"powerEventType\":18}'"
-expect 2 'use one of the three' --simulate --private-store exec 22
-expect 2 'use one of the three' --simulate --store "$work" exec 22
+expect 2 'use only one' --simulate --private-store exec 22
+expect 2 'use only one' --simulate --store "$work" exec 22
 expect 0 'starting point: ' explain resume
 expect 2 'at most 64 characters' --dll "$module" --private-store exec 22 --caller "$(printf '%065d' 1)"
-expect 2 'only exec, scenario and events use it; --store names a store that stays' \
+expect 2 'only exec, scenario and events use it; --store names a store that is kept' \
   --private-store store show
 expect 2 'no event to send' events
 expect 2 '--seconds' --simulate events --power 7 --seconds -1

@@ -41,7 +41,7 @@ quiet "$nothing the subscription was stored later, at ${day}09:00:00.000Z, than 
 quiet "Nothing was delivered to it: it has not waited for the last event, power 18 at ${day}06:00:00.000Z: vxhost explain power 18" \
   --since ${day}05:00Z --until ${day}06:05Z --subscription aaaaaaaa
 grep -q 'accepted: client ann (Tool.exe)' "$work/output" || fail 'the row lacks its program:' "$work/output"
-quiet 'The log has nothing of it. Deliveries to other subscriptions: 1. What is stored: vxhost subscriptions' \
+quiet 'The log does not mention it. Deliveries to other subscriptions: 1. What is stored: vxhost subscriptions' \
   --since ${day}05:00Z --until ${day}06:05Z --program Report.exe
 
 # Times are local unless they name a zone. Each day's log has an event at its start and one at noon.

@@ -25,7 +25,7 @@ until process=$(sed -n 's/.* runs as process \([0-9]*\);.*/\1/p' "$work/banner")
 done
 expect 0 '<- {"result":{"getVersion":' exec 22 --service="$name" --process "$process"
 expect 1 'no such command' exec 99 --service="$name" --process "$process"
-expect 2 'and not to the service; nothing was sent' exec 22 --service="$name" --process 1
+expect 2 'and not to the service, so nothing was sent' exec 22 --service="$name" --process 1
 wait $running
 exit=$?
 if [ $exit != 0 ] || ! grep -q '"message":"Version number is' "$work/served/$name"-*-0001.log; then

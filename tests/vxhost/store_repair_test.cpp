@@ -151,7 +151,7 @@ TEST_F(StoreRepairTest, HoldsTheStoreThroughoutAndAnImportThatFailsHalfwayNamesT
   }
   EXPECT_TRUE(Tests::IsFree(CapDataStore::kMutexName, 10'000));
   const std::wstring kept = LookAtStore().siblings.at(0);
-  EXPECT_THAT(message, EndsWith("; the store as it was is in " + Utf8(kept)));
+  EXPECT_THAT(message, EndsWith("; the previous store is in " + Utf8(kept)));
   EXPECT_EQ(Tests::ReadText(kept), original);
 }
 

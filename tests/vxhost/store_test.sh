@@ -50,7 +50,7 @@ module 1 'never runs: commandParams.path: ' subscriptions add --platform 1 --run
 module 0 '"added":true' subscriptions add --platform 1 --run 'C:\Missing.exe' --force --json
 kept 0 'would be refused: ' subscriptions list
 kept 0 '"number":2,"hash":' subscriptions --json
-module 0 '1 deliveries still wait, for up to 5 s' events --power 18 --seconds 2
+module 0 '1 deliveries are still waiting, for up to 5 s' events --power 18 --seconds 2
 module 0 'removed: ' subscriptions remove 2
 module 0 'removed: ' subscriptions remove 1
 module 1 'not removed' subscriptions remove 1
@@ -124,7 +124,7 @@ fi
 tail -n 1 "$work/tables" | grep -qF '(none is stored)' ||
   fail "exec 19 with the file that subscribed removes nothing:" "$work/tables"
 
-expect 2 'names a trigger already' subscriptions add --power 7 --send a --app-service b \
+expect 2 'already names a trigger' subscriptions add --power 7 --send a --app-service b \
   --payload '{"customTriggerGUID":"c"}' --trigger d
 expect 2 'its own module and store' --store "$work" exec 22 --service=None
 exit $((failures > 0))

@@ -134,7 +134,7 @@ A tool did not run last night|stored_later|0|the subscription was stored later||
 A tool did not run last night|no_log|2|cannot list |||
 A tool did not run last night|service_down|0|the service did not run from|||
 A tool did not run last night|refused|0|refused: it was not signed with a pinned key|trust FILE|1|key not pinned
-A tool did not run last night|not_stored|0|refused: the store did not take the change|||
+A tool did not run last night|not_stored|0|refused: the store did not accept the change|||
 A tool did not run last night|late|0|dropped: too late|||
 A tool did not run last night|standby|0|dropped: Modern Standby ended its wait too early|||
 A tool did not run last night|nothing_waited|0|nothing waited for the last event|explain power 18|0|raise the trigger

@@ -20,16 +20,16 @@ expect 2 'validate and doctor use it' --simulate trust pinned.exe
 # A key is shown with its fingerprint and, if a file or a signature has one, its certificate.
 fingerprint=$(openssl rsa -in pinned.key -RSAPublicKey_out -outform DER 2> "$work/log" | sha256sum | cut -c 1-64)
 expect 0 "  sha256 $fingerprint" --dll "$module" pins
-expect 0 '    no certificate at hand' --dll "$module" pins
+expect 0 '    no certificate was found' --dll "$module" pins
 for certificate in pinned.crt pinned.exe; do
   expect 0 'Vx Test Pinned, until 2045-01-01, ' --dll "$module" pins --cert $certificate
 done
 grep -q ', [0-9]* days left$' "$work/output" || fail 'the days left are missing' "$work/output"
 # If two certificates have the same key, the later one is shown.
 expect 0 'Vx Test Pinned, until 2045' --dll "$module" pins --cert pinned.crt --cert expired.crt
-expect 0 ', until 2016-01-01, which is over' --dll "$module" pins --cert expired.crt
+expect 0 ', until 2016-01-01, expired' --dll "$module" pins --cert expired.crt
 expect 0 'restricted: none, so no program is started' --dll "$other" pins
-expect 2 'ca.cnf holds no certificate and no signature' --dll "$module" pins --cert ca.cnf
+expect 2 'ca.cnf contains neither a certificate nor a signature' --dll "$module" pins --cert ca.cnf
 expect 0 '"subject":"' --dll "$module" pins --cert expired.crt --json
 grep -qE "\"general\":\[.*\"fingerprint\":\"$fingerprint\",.*\"until\":\"2016-01-01\",\"daysLeft\":-[0-9]+\}" \
   "$work/output" || fail 'pins --json lacks the key or its lifetime' "$work/output"
@@ -64,7 +64,7 @@ expect 1 "+  module's key: its signature's key is a restricted one" --dll "Z:$wo
 expect 1 "+  module's signature: signed by " --dll "Z:$work/own.dll" doctor
 expect 1 "-  module's key: its signature's key is not among its pinned keys" --dll "Z:$work/foreign.dll" doctor
 expect 1 "-  module's signature: signed by " --dll "Z:$work/over.dll" doctor
-grep -qF ', until 2016-01-01, which is over' "$work/output" || fail 'the end of the certificate is missing' "$work/output"
+grep -qF ', until 2016-01-01, expired' "$work/output" || fail 'the end of the certificate is missing' "$work/output"
 expect 1 '+  pinned keys: 2 general, 1 restricted' --dll "$module" doctor
 
 # Only the service's own lines count as power events, not text from clients.

@@ -30,7 +30,7 @@ constexpr char kFooter[] =
     "file or the store cannot be used.\n"
     "\n"
     "vxhost SUBCOMMAND --help shows every option and an example.";
-constexpr char kStays[] = "; --store names a store that stays";
+constexpr char kStays[] = "; --store names a store that is kept";
 constexpr char kLeadingGroup[] = "Options that may also precede a subcommand whose help shows them";
 constexpr char kLostOutput[] = "the output is incomplete: standard output cannot be written";
 constexpr char kVersion[] = "vxhost " VX_VERSION;
@@ -81,34 +81,33 @@ void CommandLine::AddShared(CLI::App& command, unsigned options) {
   const auto has = [options](Shared::Options one) { return (options & one) != 0; };
   if (has(Shared::Dll)) {
     command.add_option("--dll", module.dll,
-                       "the module (default: OrvaneService.dll beside vxhost)");
+                       "the module (default: OrvaneService.dll next to vxhost)");
   }
   if (has(Shared::PrivateStore)) {
     command.add_flag("--private-store", module.privateStore,
-                     "give this run a store of its own, which goes with it");
+                     "give this run its own store, which is deleted at the end");
   }
   if (has(Shared::Simulate)) {
     command.add_flag("--simulate", module.simulate,
                      "use a simulated machine, with the service that is built into vxhost and a\n"
-                     "store that goes with the run");
+                     "store that is deleted at the end");
   }
   if (has(Shared::Store)) {
     command.add_option("--store", module.store,
-                       "keep the store below this existing folder, not the machine's");
+                       "use a store below this existing folder, not the machine's");
   }
   if (has(Shared::Timeout)) {
     command
         .add_option_function<int>(
             "--timeout",
             [this](int seconds) { module.limits.timeout = std::chrono::seconds(seconds); },
-            "how many seconds to wait for the store; 0: without limit")
+            "how many seconds to wait for the store; 0: no limit")
         ->check(CLI::Range(0, kLongestSeconds))
         ->default_str("30");
   }
   if (has(Shared::Service)) {
-    command.add_flag(
-        "--service{" + std::string(kDefaultServiceName) + "}", module.service,
-        "speak to the running service, or with --service=NAME to the one of this name");
+    command.add_flag("--service{" + std::string(kDefaultServiceName) + "}", module.service,
+                     "use the running service, or with --service=NAME the one with this name");
   }
   if (has(Shared::Json)) command.add_flag("--json", json, "one JSON object per line");
 }
@@ -172,8 +171,7 @@ void CommandLine::RefuseUnknownSubcommand(const std::vector<std::string>& argume
     }
     if (names.empty() || name.starts_with('-')) return;
     if (known == nullptr) {
-      throw CLI::ValidationError("there is no subcommand \"" + name + "\"" +
-                                 DidYouMean(name, names));
+      throw CLI::ValidationError("unknown subcommand \"" + name + "\"" + DidYouMean(name, names));
     }
     parent = known;
   }
@@ -212,8 +210,8 @@ void CommandLine::ChooseStore() const {
   }
   if (int{module.privateStore} + int{module.simulate} + int{!module.store.empty()} > 1) {
     throw std::runtime_error(
-        "use one of the three: --simulate and --private-store bring a store that goes with the "
-        "run, and --store names one that stays");
+        "use only one: --simulate and --private-store create a store that is deleted at the "
+        "end, and --store names one that is kept");
   }
   if (module.store.empty()) return;
   const std::wstring folder = FullPath(module.store);

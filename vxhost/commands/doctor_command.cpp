@@ -161,7 +161,7 @@ void Pins(const std::wstring& module, const std::optional<ModulePins>& pins, Che
   checks.Add(
       "pinned keys", general != 0 && restricted != 0,
       pins ? std::to_wstring(general) + L" general, " + std::to_wstring(restricted) + L" restricted"
-           : L"the module's file lists none",
+           : L"the module's file contains none",
       L"at least one of each set",
       L"nothing is trusted: build it with -DVX_PINNED_KEYS_GENERAL=FILE and "
       L"-DVX_PINNED_KEYS_RESTRICTED=FILE");
@@ -191,24 +191,25 @@ void Subscriptions(const StoreLook& look, Tessel::Security::KeySet keys, Checks&
       if (!part.empty()) found += L" " + part;
     }
     for (const std::wstring& reason : one.reasons) found += L"; " + reason;
-    checks.Add(
-        "subscription", one.fate == Fate::Runs, found, L"a subscription that would run",
-        L"remove what is in its way, or take it back: vxhost subscriptions remove " + number);
+    checks.Add("subscription", one.fate == Fate::Runs, found, L"a subscription that would run",
+               L"fix the cause, or remove it: vxhost subscriptions remove " + number);
   }
 }
 
 // Reads the store as "store verify" does, while no service can write to it.
 void Store(const HoldLimits& limits, Tessel::Security::KeySet keys, Checks& checks) {
-  constexpr wchar_t kSound[] = L"a file that this machine can decrypt, and no other beside it";
+  constexpr wchar_t kSound[] =
+      L"a file that this machine can decrypt, and no other file next to it";
   std::optional<StoreLook> look;
   try {
     const StoreHold hold(StoreUse::Write, limits);
     look = LookAtFile(CapDataStore::PathOfFile());
   } catch (const std::runtime_error& error) {
     checks.Add("store mutex", false, Wide(error.what()), L"free",
-               L"run as administrator, or end the program that keeps it, which stops every "
+               L"run as administrator, or end the program that holds it, which blocks every "
                L"service: vxhost service stop");
-    checks.Add("store", false, L"not read while its mutex is taken", kSound, L"as for the mutex");
+    checks.Add("store", false, L"not read while its mutex is taken", kSound,
+               L"see the store mutex");
     return;
   }
   checks.Add("store mutex", true, L"free");
@@ -220,9 +221,9 @@ void Store(const HoldLimits& limits, Tessel::Security::KeySet keys, Checks& chec
   const bool readable = verdict.IsSound() || look->reading.state == StoreState::Missing;
   checks.Add("store", readable && look->siblings.empty(),
              look->path + L": " + Wide(verdict.text) +
-                 (look->siblings.empty() ? L"" : L"; beside it " + look->siblings.front()),
+                 (look->siblings.empty() ? L"" : L"; next to it " + look->siblings.front()),
              kSound,
-             readable ? L"run as administrator, or delete what is beside it: vxhost store verify"
+             readable ? L"run as administrator, or delete the file next to it: vxhost store verify"
              : look->reading.state == StoreState::Linked
                  ? L"delete the link or the second name: fsutil hardlink list " + look->path
                  : L"run as administrator, or replace it: vxhost store restore COPY");
@@ -239,7 +240,7 @@ void Service(const std::string& written, Checks& checks) {
         "service", running,
         name + (!report   ? L" is not installed"
                 : running ? L" runs as process " + std::to_wstring(report->process)
-                          : L" does not run, " + Code(report->exitCode)),
+                          : L" is not running, " + Code(report->exitCode)),
         L"a service that runs",
         (report ? L"vxhost service start --name " : L"vxhost service install --name ") + name);
     if (!report) return;
@@ -296,7 +297,7 @@ void Log(const std::string& named, Checks& checks) {
     }
   } catch (const std::runtime_error& error) {
     checks.Add("log folder", false, Wide(error.what()), L"the log of a service",
-               L"remove a file in its place, then restart the service, as administrator: vxhost "
+               L"delete any file in its place, then restart the service, as administrator: vxhost "
                L"service stop, vxhost service start");
     return;
   }
@@ -323,9 +324,9 @@ void ConsoleUser(Checks& checks) {
              L"a user", L"sign in at the machine");
   const auto logon = Orvane::LogonProcessIn(session);
   const auto image = logon ? Machine().processes->ImagePath(*logon) : std::nullopt;
-  checks.Add("logon process", image.has_value(), image.value_or(L"none is seen"),
+  checks.Add("logon process", image.has_value(), image.value_or(L"none was found"),
              L"winlogon.exe in the session of the console",
-             L"run as administrator, who may see it: vxhost doctor");
+             L"run it as administrator: vxhost doctor");
 }
 
 void Package(const Orvane::CompanionApp& app, Checks& checks) {
@@ -359,7 +360,7 @@ void Parts(Tessel::Security::KeySet general, Checks& checks) {
   Tessel::Server::Shared::WMI::VxBiosWmi firmware;
   const bool ready = firmware.GetReady();
   checks.Add("firmware", ready,
-             ready ? L"its WMI namespace opens (its class is not asked)" : L"no WMI namespace",
+             ready ? L"its WMI namespace opens (its class is not queried)" : L"no WMI namespace",
              L"the maker's WMI provider", L"a machine of another maker keeps no born-on date");
   const auto part = [&](const char* what, bool present, const wchar_t* advice) {
     checks.Add(what, present, present ? L"present" : L"absent", L"present", advice);
@@ -386,7 +387,7 @@ Checks Examine(const Options& options, const ModuleOptions& which) {
   const std::wstring folder = Expanded(L"%ProgramData%\\Vx");
   const std::string why = ServiceHost::WhyWritable(folder, ServiceHost::Writers::System);
   checks.Add("folder", why.empty(), why.empty() ? folder : Wide(why),
-             L"a folder of SYSTEM or the administrators that users only read",
+             L"a folder of SYSTEM or the administrators that users can only read",
              L"create it at installation, so that no user can create it first: vxhost service "
              L"install --repair");
   Store(which.limits, pins ? pins->Restricted() : Tessel::Security::KeySet(), checks);
@@ -418,7 +419,7 @@ int Doctor(const Options& options, const ModuleOptions& module, Console& console
 }
 
 constexpr char kFooter[] =
-    "Only looks: it changes nothing, starts nothing and creates nothing.\n"
+    "Changes nothing, starts nothing and creates nothing.\n"
     "Exit code 0: everything is in order; 1: findings; 2: the module cannot be used.\n"
     "  vxhost doctor\n"
     "  vxhost doctor --json > report.json";

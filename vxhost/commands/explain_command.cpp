@@ -54,7 +54,7 @@ Occasion OccasionOf(const Options& options) {
       return {kind, CodeOf(options.which), {}};
     }
   }
-  throw std::runtime_error("there is no event " + options.kind +
+  throw std::runtime_error("unknown event " + options.kind +
                            DidYouMean(options.kind, {"power", "platform", "uninstall", "resume"}));
 }
 
@@ -117,15 +117,15 @@ constexpr char kFooter[] =
 }  // namespace
 
 void AddExplainCommand(CommandLine& line) {
-  const auto [explain, options] = line.Add(
-      {"explain",
-       "explain what an event would lead to for each stored subscription, or a resume for the\n"
-       "companion app",
-       kFooter},
-      &RunExplain, Shared::Dll | Shared::Store | Shared::Timeout | Shared::Json);
+  const auto [explain, options] =
+      line.Add({"explain",
+                "explain what an event would do for each stored subscription, or a resume for the\n"
+                "companion app",
+                kFooter},
+               &RunExplain, Shared::Dll | Shared::Store | Shared::Timeout | Shared::Json);
   explain.add_option("kind", options.kind, "power, platform, uninstall or resume");
   explain.add_option("event", options.which, "its code, or the family of the package");
-  explain.add_flag("--all", options.all, "each subscription at its own event");
+  explain.add_flag("--all", options.all, "each subscription for its own event");
 }
 
 }  // namespace Vx::Hosting::Tool

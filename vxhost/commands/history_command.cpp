@@ -211,7 +211,7 @@ std::string WhyNothing(const std::vector<HistoryRow>& rows, const auto& isOf,
     if (row.decision == NameOf(Decision::Stored).text && stored == nullptr) stored = &row;
   }
   if (!any && others != 0) {
-    return "The log has nothing of it. Deliveries to other subscriptions: " +
+    return "The log does not mention it. Deliveries to other subscriptions: " +
            std::to_string(others) + ". What is stored: vxhost subscriptions";
   }
   const auto at = [&](std::optional<std::int64_t> moment) {
@@ -307,9 +307,10 @@ int RunHistory(const Options& options, const ModuleOptions&, Console& console) {
   std::ranges::for_each(rows, show);
   if (history.Records() == 0 && rows.empty()) console.Note(kNoRecords);
   if (history.Unknown() != 0) {
-    console.Note("(" + std::to_string(history.Unknown()) + " records are of a later version)");
+    console.Note("(" + std::to_string(history.Unknown()) +
+                 " records were written by a later version)");
   }
-  if (others != 0) console.Note("(" + std::to_string(others) + " lines are not lines of a log)");
+  if (others != 0) console.Note("(" + std::to_string(others) + " lines are not log lines)");
   const auto outages = history.Outages({period.begin, std::min(period.end, now)});
   const auto why = WhyNothing(rows, isOf, outages, zone);
   if (!why.empty() && (history.Records() != 0 || !rows.empty() || !outages.empty())) {
@@ -379,11 +380,11 @@ std::size_t ReadLog(const std::filesystem::path& path,
 
 void AddHistoryCommand(CommandLine& line) {
   const auto [history, options] =
-      line.Add({"history", "show what became of each delivery, from the log of a service", kFooter},
+      line.Add({"history", "show the outcome of each delivery, from a service's log", kFooter},
                &RunHistory, Shared::Store | Shared::Json);
   history.add_option("file", options.files,
                      "log files, or their folder; by default that of the installed service");
-  history.add_flag("--failed", options.failed, "only what was asked for and not done");
+  history.add_flag("--failed", options.failed, "only requests and deliveries that failed");
   CLI::Option* follow = history.add_flag(
       "--follow", options.follow,
       "then show each row as it is recorded, and once more when its delivery ends, until\n"
@@ -392,9 +393,9 @@ void AddHistoryCommand(CommandLine& line) {
   history.add_option("--until", options.until, "until this local time")->excludes(follow);
   history.add_flag("--utc", options.utc, "show times in UTC");
   history.add_option("--subscription", options.subscription,
-                     "only of this one: its number in the store, or its hash");
+                     "only this subscription, by its number in the store or its hash");
   history.add_option("--program", options.program,
-                     "only of programs or apps whose name or path has this text");
+                     "only programs or apps whose name or path contains this text");
   history
       .add_option("--timeline", options.timeline,
                   "draw the log as a web page, into this file; of the last day unless --since or\n"

@@ -189,9 +189,9 @@ void NoteWaiting(const std::vector<RecordEntry>& entries, Console& console) {
   if (waiting.empty()) return;
   const auto longest =
       std::ranges::max_element(waiting, {}, [](const auto& one) { return one.second; });
-  console.Note(std::to_string(waiting.size()) + " deliveries still wait, for up to " +
+  console.Note(std::to_string(waiting.size()) + " deliveries are still waiting, for up to " +
                std::to_string(longest->second / 1000) +
-               " s, and do not happen: wait longer with --seconds");
+               " s, and will not happen: use more --seconds");
 }
 
 int Events(const EventOptions& options, const ModuleOptions& module, Console& console) {
@@ -226,7 +226,7 @@ int Events(const EventOptions& options, const ModuleOptions& module, Console& co
 constexpr char kExecFooter[] =
     "With --service nothing is sent unless the pipe belongs to the process that the service\n"
     "manager names, or to that of --process, which \"service run\" names.\n"
-    "Exit code 1 for another result code than 0x00000000, if the module refused the request, and "
+    "Exit code 1 if the result code is not 0x00000000, if the module refused the request, and "
     "if\n"
     "it stored a subscription that never runs.\n"
     "  vxhost exec 22\n"

@@ -19,8 +19,8 @@ namespace {
 constexpr HoldLimits kNoWait{.notice = std::chrono::seconds(2), .timeout = std::chrono::seconds(1)};
 
 constexpr const char* kNext[] = {
-    "vxhost doctor           what this machine lacks, and how to mend it",
-    "vxhost history          what became of each delivery, from the log of the service",
+    "vxhost doctor           what this machine lacks, and how to fix it",
+    "vxhost history          the outcome of each delivery, from the service's log",
     "vxhost subscriptions    what is stored, and why some of it never runs",
     "vxhost --help           every subcommand",
 };

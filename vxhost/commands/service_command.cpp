@@ -127,7 +127,7 @@ std::wstring HostProgram() {
 std::wstring WithoutLinks(const std::wstring& file) {
   const auto place = Platform::CurrentMachine().files->FinalPath(file);
   if (place) return *place;
-  throw WindowsError("Windows does not tell where " + Utf8(file) + " is", place.Error());
+  throw WindowsError("Windows does not report where " + Utf8(file) + " is", place.Error());
 }
 
 int Install(const InstallOptions& options, const ModuleOptions& module, Console& console) {
@@ -165,7 +165,7 @@ int Install(const InstallOptions& options, const ModuleOptions& module, Console&
     throw std::runtime_error(Utf8(plan.module) + " " + why);
   }
   for (const std::string& unknown : ServiceManager().Install(plan)) {
-    console.Line("this system does not know, so the service has not: " + unknown);
+    console.Line("this Windows does not support, so the service lacks: " + unknown);
   }
   for (const std::wstring& sid : plan.allowed) {
     console.Line("warning: " + ServiceHost::WithAccountNames(Utf8(sid)) +
@@ -287,15 +287,15 @@ int Send(const SendOptions& options, const ModuleOptions&, Console& console) {
 }
 
 constexpr char kInstallFooter[] =
-    "Needs administrator rights. Makes %ProgramData%\\Vx with its folders, which users cannot\n"
-    "write to. Refuses where another account may write to the folder of this tool or of the\n"
-    "module, or to %ProgramData%\\Vx. The service is OrvaneHost.exe, which lies beside this tool,\n"
+    "Needs administrator rights. Creates %ProgramData%\\Vx with its folders, which users cannot\n"
+    "write to. Fails if another account may write to the folder of this tool or of the\n"
+    "module, or to %ProgramData%\\Vx. The service is OrvaneHost.exe, which is next to this tool,\n"
     "and runs as LocalSystem.\n"
     "  vxhost service install --start demand\n"
     "  vxhost --dll \"C:\\Program Files\\Vx\\OrvaneService.dll\" service install";
 constexpr char kNameFooter[] = "Needs administrator rights, and waits until it is done.";
 constexpr char kStatusFooter[] =
-    "Exit code 0 for a service that runs, else 1.\n"
+    "Exit code 0 if the service is running, otherwise 1.\n"
     "  vxhost service status --json";
 constexpr char kSendFooter[] =
     "Only for a service that was installed with --development. Codes of 0 to 63.\n"
@@ -316,7 +316,7 @@ void AddRun(CommandLine& line, CLI::App& group) {
                &RunService, Shared::Dll);
   run.add_option("--log", options.log, "an existing folder for log files");
   run.add_option("--allow", options.allowed,
-                 "a further account, as name or SID: it may then start every trusted program\n"
+                 "another account, as name or SID: it may then start every trusted program\n"
                  "as the service's account, with its own arguments");
   run.add_option("--seconds", options.seconds, "how long; 0: until Ctrl+C")
       ->check(CLI::Range(0, kLongestSeconds));
@@ -329,7 +329,7 @@ void AddInstall(CommandLine& line, CLI::App& group) {
   install.add_option("--start", options.start, "auto (delayed, the default) or demand")
       ->check(CLI::IsMember({"auto", "demand"}));
   install.add_option("--allow", options.allowed,
-                     "a further account for its pipe, as name or SID: it may then start every\n"
+                     "another account for its pipe, as name or SID: it may then start every\n"
                      "trusted program as SYSTEM, with its own arguments");
   install.add_flag("--repair", options.repair,
                    "take the right to write to an existing %ProgramData%\\Vx from users");
@@ -352,8 +352,8 @@ void AddServiceCommands(CommandLine& line) {
   const auto remove = AddNamed(
       line, group, {"remove", "remove the stopped service; its data stays", kNameFooter}, &Remove);
   remove.app.add_flag("--force", remove.options.force,
-                      "a running one too, which Windows removes as soon as it ends");
-  AddNamed(line, group, {"status", "whether the service runs", kStatusFooter}, &Status,
+                      "even a running one, which Windows removes when it stops");
+  AddNamed(line, group, {"status", "show whether the service is running", kStatusFooter}, &Status,
            Shared::Json);
   const auto [send, options] = AddNamed(
       line, group, {"send", "send events to a service under development", kSendFooter}, &Send);

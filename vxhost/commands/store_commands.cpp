@@ -66,7 +66,7 @@ int Verify(const Options& options, const ModuleOptions& module, Console& console
       DiagnoseWithLists(look, options.file.empty() ? Owner::Trusted : Owner::Any);
   std::vector<std::string> lines{Utf8(look.path) + ": " + verdict.text};
   for (const std::wstring& path : look.siblings) {
-    lines.push_back("beside it: " + Utf8(path) +
+    lines.push_back("next to it: " + Utf8(path) +
                     (path.ends_with(L".new") ? ", an interrupted write" : ""));
   }
   console.Show({{L"path", look.path},
@@ -81,7 +81,7 @@ int Verify(const Options& options, const ModuleOptions& module, Console& console
 int Replaced(const std::wstring& kept, Console& console) {
   console.Show({{L"kept", kept}},
                {kept.empty() ? "done; there was no store before"
-                             : "done; the store as it was is kept as " + Utf8(kept)});
+                             : "done; the previous store is kept as " + Utf8(kept)});
   return kDone;
 }
 
@@ -107,10 +107,11 @@ int Import(const Options& options, const ModuleOptions& module, Console& console
 }
 
 constexpr char kShowFooter[] =
-    "Reads %ProgramData%\\Vx\\SharedServices\\shared_store.dat of this machine, without a change.\n"
+    "Reads %ProgramData%\\Vx\\SharedServices\\shared_store.dat of this machine without changing "
+    "it.\n"
     "  vxhost store show > store.json";
 constexpr char kVerifyFooter[] =
-    "Says what is wrong with the store, or with a copy of it. Changes nothing.\n"
+    "Reports what is wrong with the store, or with a copy of it. Changes nothing.\n"
     "Exit code 1 when it is not sound.\n"
     "  vxhost store verify\n"
     "  vxhost store verify backup.dat";
@@ -118,7 +119,7 @@ constexpr char kBackupFooter[] =
     "The copy can be read on this machine only. The file must not exist.\n"
     "  vxhost store backup backup.dat";
 constexpr char kRestoreFooter[] =
-    "Checks the copy first and keeps what it replaces beside the store. A service that runs\n"
+    "Checks the copy first and keeps what it replaces next to the store. A running service\n"
     "reads it at its next access.\n"
     "  vxhost store restore backup.dat";
 constexpr char kExportFooter[] =
@@ -127,7 +128,7 @@ constexpr char kExportFooter[] =
     "other services, which may be secret, are left out. Any machine can import it.\n"
     "  vxhost store export values.json";
 constexpr char kImportFooter[] =
-    "Checks all values first and keeps the store as it was beside it.\n"
+    "Checks all values first and keeps the previous store next to it.\n"
     "  vxhost store import values.json";
 
 enum class File { None, Optional, Required };
@@ -141,11 +142,11 @@ constexpr Command kCommands[] = {
     {{"show", "print the decrypted store as JSON, each value with its type", kShowFooter},
      &Show,
      File::None},
-    {{"verify", "say whether the store is sound, and what is wrong with it", kVerifyFooter},
+    {{"verify", "report whether the store is sound, and what is wrong with it", kVerifyFooter},
      &Verify,
      File::Optional},
     {{"backup", "copy the store's file", kBackupFooter}, &BackUp, File::Required},
-    {{"restore", "replace the store by a copy of it", kRestoreFooter}, &Restore, File::Required},
+    {{"restore", "replace the store with a copy of it", kRestoreFooter}, &Restore, File::Required},
     {{"export", "print this module's values of the store as JSON", kExportFooter},
      &Export,
      File::Optional},

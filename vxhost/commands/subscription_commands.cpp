@@ -106,7 +106,7 @@ Json::WideDocument PayloadOf(const AddOptions& options) {
   }
   if (options.trigger.empty()) return payload;
   if (payload.HasMember(kTrigger)) {
-    throw std::runtime_error("the payload names a trigger already; leave --trigger out");
+    throw std::runtime_error("the payload already names a trigger; omit --trigger");
   }
   auto& pool = payload.GetAllocator();
   payload.AddMember(kTrigger, Json::WideValue(Wide(options.trigger), pool), pool);
@@ -206,7 +206,7 @@ int Remove(const RemoveOptions& options, const ModuleOptions& module, Console& c
 }
 
 constexpr char kListFooter[] =
-    "Each is judged on this machine as explain --all does. Reads the store without a change, and\n"
+    "Checks each on this machine, like explain --all. Reads the store without changing it, and\n"
     "lists all, where command 20 lists as many as fit into an answer.\n"
     "  vxhost subscriptions\n"
     "  vxhost subscriptions list --json";
@@ -232,21 +232,21 @@ void AddAdd(CommandLine& line, CLI::App& group) {
     std::string* value;
     const char* about;
   } kTexts[] = {
-      {"--uninstalling", &options.uninstalling, "when this family begins to go"},
-      {"--uninstalled", &options.uninstalled, "when this family is gone"},
+      {"--uninstalling", &options.uninstalling, "when this family starts to be uninstalled"},
+      {"--uninstalled", &options.uninstalled, "when this family has been uninstalled"},
       {"--run", &options.run, "start this program, by its full path"},
       {"--arguments", &options.arguments, "with these arguments"},
       {"--send", &options.send, "send a message to the app of this family"},
-      {"--app-service", &options.appService, "to this app service of it"},
+      {"--app-service", &options.appService, "to this app service of that app"},
       {"--payload", &options.payload, "with this JSON object, or @FILE, instead of {}"},
       {"--trigger", &options.trigger, "raise the trigger with this GUID instead"},
-      {"--delay", &options.delay, "this many seconds later"},
+      {"--delay", &options.delay, "after this many seconds"},
       {"--caller", &options.caller, "the client's identity, instead of vxhost"},
   };
   add.add_option("--power", options.power, "at this power event");
   add.add_option("--platform", options.platform, "at this platform event");
   for (const auto& text : kTexts) add.add_option(text.name, *text.value, text.about);
-  add.add_flag("--force", options.force, "also if it would never run");
+  add.add_flag("--force", options.force, "even if it would never run");
 }
 
 }  // namespace
@@ -258,7 +258,7 @@ void AddSubscriptionCommands(CommandLine& line) {
   CLI::App& group = listing.app;
   line.Add({"list", "list the stored subscriptions", kListFooter}, &List, kShared, &group);
   AddAdd(line, group);
-  const auto [remove, options] = line.Add({"remove", "take a subscription back", kRemoveFooter},
+  const auto [remove, options] = line.Add({"remove", "remove a subscription", kRemoveFooter},
                                           &Remove, kShared | Shared::Service, &group);
   remove.add_option("which", options.which, "its number, or its hash")->required();
   remove.add_option("--caller", options.caller, "the client's identity")->capture_default_str();

@@ -57,7 +57,7 @@ void AddSet(const wchar_t* name, const char* meaningOfNone, Tessel::Security::Ke
   lines.push_back(Utf8(name) + ": " + (keys.empty() ? meaningOfNone : std::to_string(keys.size())));
   for (const std::string_view key : keys) {
     JsonRow row{{L"fingerprint", Fingerprint(key)}, {L"key", std::string(key)}};
-    std::string owner = "no certificate at hand";
+    std::string owner = "no certificate was found";
     if (const Certificate* certificate = CertificateOf(certificates, key)) {
       row.Add({L"subject", certificate->subject});
       row.Add({L"until", EndDate(*certificate)});
@@ -76,7 +76,8 @@ int Pins(const Options& options, const ModuleOptions& module, Console& console) 
   std::vector<Certificate> certificates = CertificatesIn(module.Path());
   for (const std::string& file : options.certificates) {
     const auto more = CertificatesIn(FullPathOfFile(file));
-    if (more.empty()) throw std::runtime_error(file + " holds no certificate and no signature");
+    if (more.empty())
+      throw std::runtime_error(file + " contains neither a certificate nor a signature");
     certificates.insert(certificates.end(), more.begin(), more.end());
   }
   if (!console.WritesJson()) console.Note("The keys that " + Utf8(module.Path()) + " trusts");
@@ -141,8 +142,7 @@ std::vector<std::string> AppendKeys(const std::vector<std::string>& keys,
     if (HoldsKey(text, key)) continue;
     if (!text.empty() && text.back() != '\n') text += '\n';
     const Certificate* certificate = CertificateOf(certificates, key);
-    const std::wstring subject =
-        certificate == nullptr ? L"subject not known" : certificate->subject;
+    const std::wstring subject = certificate == nullptr ? L"unknown subject" : certificate->subject;
     text += "# " + Printable(Utf8(subject), LineBreaks::Replace) + "\n" + key + "\n";
     added.push_back(key);
   }

@@ -209,7 +209,9 @@ void AddWatchCommand(CommandLine& line) {
   watch.add_option("--seconds", options.seconds, "how long; 0: until Ctrl+C")
       ->check(CLI::Range(0, kLongestSeconds));
   watch.add_option("--pid", options.processes, "only lines of these processes");
-  watch.add_option("--level", options.level, "info, warning or error: only these and graver lines")
+  watch
+      .add_option("--level", options.level,
+                  "only lines of at least this level: info, warning or error")
       ->check(CLI::IsMember(kLevelNames));
   watch.add_option("--provider", options.provider, "only lines whose provider contains this");
   watch.add_option("--text", options.text, "only lines that contain this");

@@ -20,7 +20,7 @@ constexpr struct {
     {0x20000002, "argument missing or command failed"},
     {0x20000003, "the request is not valid JSON"},
     {0x20000004, "no package of the family is installed"},
-    {0x20000005, "the console user cannot be acted for"},
+    {0x20000005, "the console user cannot be impersonated"},
     {0x20000006, "unknown catalogEvent"},
     {0x20000007, "unknown action"},
     {0x20000008, "internal failure"},

@@ -308,7 +308,7 @@ std::vector<HistoryRow> History::Finish(const Period& within, std::int64_t now) 
     HistoryRow& row = rows[at];
     const std::int64_t since = now - row.moment.value_or(now) - kLate;
     if (since > 0 && static_cast<std::uint64_t>(since) > row.planned) {
-      row.detail += L", which are over: the log has no end of it";
+      row.detail += L", which have passed: the log does not show its end";
     }
   }
   std::erase_if(rows, [&](const HistoryRow& row) { return !within.Includes(row.moment); });

@@ -174,7 +174,7 @@ struct SimulatedHarness {
 
   static ServiceSession NewService() {
     auto* service = Tessel::Server::Services::Orvane::OrvaneService::Create();
-    if (service == nullptr) throw std::runtime_error("no memory for a service");
+    if (service == nullptr) throw std::runtime_error("out of memory");
     return ServiceSession(service);
   }
 

@@ -46,7 +46,7 @@ BsonElement TypedElement(const std::string& key, const WideValue& member) {
       return BsonElement(document);
     }
   }
-  throw std::runtime_error("the store to begin with cannot hold \"" + key +
+  throw std::runtime_error("the initial store cannot contain \"" + key +
                            "\": " + Utf8(Json::JsonText(member)));
 }
 

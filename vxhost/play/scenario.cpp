@@ -231,17 +231,17 @@ class ScenarioRunner {
       // A simulated machine is idle by now, so do not wait.
       const int patience = context.machine == nullptr ? Seconds(expect) : 0;
       const auto isLogged = [&] { return context.record.Contains(Happening::Log, wanted); };
-      Check(WaitUntil(patience, isLogged), "the log should say \"" + Utf8(wanted) + "\"");
+      Check(WaitUntil(patience, isLogged), "the log should contain \"" + Utf8(wanted) + "\"");
     }
     if (const auto* text = FindMember(expect, L"event")) {
       const std::wstring wanted = Expand(*text);
       Check(context.record.Contains(Happening::Event, wanted),
-            "it should have happened that \"" + Utf8(wanted) + "\"");
+            "this should have happened: \"" + Utf8(wanted) + "\"");
     }
     if (const auto* text = FindMember(expect, L"noEvent")) {
       const std::wstring unwanted = Expand(*text);
       Check(!context.record.Contains(Happening::Event, unwanted),
-            "it should not have happened that \"" + Utf8(unwanted) + "\"");
+            "this should not have happened: \"" + Utf8(unwanted) + "\"");
     }
     if (const auto* values = FindMember(expect, L"stored")) ExpectStored(*values);
   }
@@ -255,7 +255,7 @@ class ScenarioRunner {
       const std::wstring wanted = Expand(value->value);
       const auto stored = document.Find(key);
       const std::wstring text = stored ? stored->AsWideText().value_or(L"") : std::wstring();
-      context.console.Note("   the store holds " + key + " = \"" + Utf8(text) + "\"");
+      context.console.Note("   the store contains " + key + " = \"" + Utf8(text) + "\"");
       Check(text == wanted, key + " should be stored as \"" + Utf8(wanted) + "\"");
     }
   }

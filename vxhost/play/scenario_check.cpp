@@ -92,14 +92,14 @@ class Checker {
         Part(kBegin, member->value, key, scenario);
         if (where != HarnessKind::Real) continue;
         Add(member->value, key,
-            "would change the store of this machine: --private-store or --simulate");
+            "would change this machine's store: use --private-store or --simulate");
       } else if (key != kSteps) {
         Add(member->value, key, "is not known" + DidYouMean(Utf8(key), {"steps", "store"}));
       }
     }
     const WideValue* steps = FindMember(scenario, kSteps);
     if (steps == nullptr || !steps->IsArray()) {
-      Add(steps == nullptr ? scenario : *steps, kSteps, "has to be a list of steps");
+      Add(steps == nullptr ? scenario : *steps, kSteps, "must be a list of steps");
       return faults;
     }
     for (const WideValue& one : steps->GetArray()) {
@@ -187,7 +187,7 @@ class Checker {
     std::set<std::wstring> seen;
     for (auto member = object.MemberBegin(); member != object.MemberEnd(); ++member) {
       const std::wstring key = member->name.GetString();
-      if (!seen.insert(key).second) Add(member->value, prefix + key, "stands here a second time");
+      if (!seen.insert(key).second) Add(member->value, prefix + key, "appears twice");
     }
   }
 
@@ -233,7 +233,7 @@ class Checker {
     });
     if (!acts) {
       Add(*unwanted, L"expect.noEvent",
-          "is met by any machine, because this step lets nothing happen");
+          "is met on any machine, because nothing happens in this step");
     }
   }
 

@@ -24,14 +24,14 @@ inline bool IsHex(std::wstring_view text) {
 }
 
 inline constexpr PartForm kAnything = {[](const auto&) { return true; }, ""};
-inline constexpr PartForm kText = {[](const auto& value) { return value.IsString(); }, "a text"};
+inline constexpr PartForm kText = {[](const auto& value) { return value.IsString(); }, "a string"};
 // Rejects an empty text, because every text contains it.
 inline constexpr PartForm kSomeText = {
     [](const auto& value) { return value.IsString() && value.GetStringLength() != 0; },
-    "a text that is not empty"};
+    "a string that is not empty"};
 // For actions: false would have no meaning.
 inline constexpr PartForm kTrue = {[](const auto& value) { return value.IsTrue(); },
-                                   "true, or leave the part out"};
+                                   "true, or omit the part"};
 inline constexpr PartForm kBoolean = {[](const auto& value) { return value.IsBool(); },
                                       "true or false"};
 inline constexpr PartForm kCount = {[](const auto& value) { return value.IsUint(); },
@@ -50,7 +50,7 @@ inline constexpr PartForm kDigits = {
     "6 or 8"};
 inline constexpr PartForm kHex = {
     [](const auto& value) { return value.IsString() && IsHex(TextOf(value)); },
-    "a text of one to eight hexadecimal digits, such as \"20000002\""};
+    "a string of one to eight hexadecimal digits, such as \"20000002\""};
 inline constexpr PartForm kSeconds = {[](const auto& value) {
                                         return value.IsNumber() && value.GetDouble() >= 0 &&
                                                value.GetDouble() <= kLongest;
@@ -62,13 +62,14 @@ inline constexpr PartForm kWholeSeconds = {
 inline constexpr PartForm kObject = {[](const auto& value) { return value.IsObject(); },
                                      "an object"};
 inline constexpr PartForm kTextOrObject = {
-    [](const auto& value) { return value.IsString() || value.IsObject(); }, "a text or an object"};
+    [](const auto& value) { return value.IsString() || value.IsObject(); },
+    "a string or an object"};
 inline constexpr PartForm kTexts = {
     [](const auto& value) {
       const auto fits = [](const auto& one) { return one.value.IsString() || one.value.IsNull(); };
       return value.IsObject() && std::all_of(value.MemberBegin(), value.MemberEnd(), fits);
     },
-    "an object whose values are texts or null"};
+    "an object whose values are strings or null"};
 
 enum class Presence { Optional, Required };  // of a member in its object
 

@@ -60,13 +60,13 @@ PipeClient::PipeClient(const std::wstring& path, std::uint32_t service,
   ULONG server = 0;
   if (GetNamedPipeServerProcessId(pipe.get(), &server) == FALSE || server != service) {
     throw std::runtime_error(Utf8(path) + " belongs to process " + std::to_string(server) +
-                             " and not to the service; nothing was sent");
+                             " and not to the service, so nothing was sent");
   }
   const std::wstring owner = ServiceHost::OwnerOf(pipe.get());
   if (!IsAccepted(owner, accepted)) {
     throw std::runtime_error(Utf8(path) + " belongs to account " +
                              (owner.empty() ? "(unknown)" : Utf8(owner)) +
-                             " and not to the service's; nothing was sent");
+                             " and not to the service's, so nothing was sent");
   }
   DWORD mode = PIPE_READMODE_MESSAGE;
   if (SetNamedPipeHandleState(pipe.get(), &mode, nullptr, nullptr) == FALSE) {
@@ -82,7 +82,7 @@ CommandResult PipeClient::Execute(const ServiceHost::CommandEnvelope& command) {
   if (messages.Write(message, kNoLimit) != ServiceHost::PipeOutcome::Done ||
       messages.Read(message, ServiceHost::kLongestResult, kNoLimit) !=
           ServiceHost::PipeOutcome::Done) {
-    throw std::runtime_error("the service ended the connection");
+    throw std::runtime_error("the service closed the connection");
   }
   auto result = ServiceHost::ParseResult(message);
   if (!result) throw std::runtime_error("the service sent no result");

@@ -56,8 +56,8 @@ std::string AdviceFor(DWORD error) {
       {ERROR_ACCESS_DENIED, "; run as administrator"},
       {ERROR_SERVICE_DOES_NOT_EXIST, "; it is not installed"},
       {ERROR_SERVICE_EXISTS, "; remove the installed one first, or install with --replace"},
-      {ERROR_SERVICE_MARKED_FOR_DELETE, "; close the programs that look at it, then try again"},
-      {ERROR_SERVICE_NOT_ACTIVE, "; it does not run"},
+      {ERROR_SERVICE_MARKED_FOR_DELETE, "; close the programs that have it open, then try again"},
+      {ERROR_SERVICE_NOT_ACTIVE, "; it is not running"},
   };
   const auto* row =
       std::ranges::find(kAdvice, error, [](const auto& known) { return known.error; });
@@ -265,7 +265,7 @@ void ServiceManager::Start(const std::wstring& name) {
   const auto status =
       AwaitWhile(service, name, [](DWORD state) { return state == SERVICE_START_PENDING; });
   if (status.dwCurrentState != SERVICE_RUNNING) {
-    throw WindowsError("the service " + Utf8(name) + " ended while it started",
+    throw WindowsError("the service " + Utf8(name) + " exited during its start",
                        status.dwWin32ExitCode, "; see its log");
   }
 }
@@ -289,7 +289,7 @@ void ServiceManager::Stop(const std::wstring& name) {
       (process != nullptr &&
        WaitForSingleObject(process.get(), kProcessPatience) != WAIT_OBJECT_0)) {
     throw std::runtime_error("the service " + Utf8(name) +
-                             " has not ended yet; it waits for the commands that run");
+                             " has not stopped yet; it is waiting for running commands");
   }
 }
 
@@ -297,7 +297,7 @@ void ServiceManager::Remove(const std::wstring& name, Running running) {
   const auto service = Open(name, DELETE | SERVICE_QUERY_STATUS, "remove");
   // Windows would keep a running service, and its name, until the service stops.
   if (running == Running::Refused && StatusOf(service, name).dwCurrentState != SERVICE_STOPPED) {
-    throw std::runtime_error("the service " + Utf8(name) + " runs; stop it first");
+    throw std::runtime_error("the service " + Utf8(name) + " is running; stop it first");
   }
   if (DeleteService(Raw(service)) == FALSE) Refused("remove", name, GetLastError());
   ServiceHost::RemoveEventSource(name);
@@ -336,7 +336,8 @@ void ServiceManager::Send(const std::wstring& name, std::uint32_t control) {
 std::uint32_t ProcessOfService(const std::wstring& name) {
   const auto report = ServiceManager().Query(name);
   if (!report) throw std::runtime_error("no service " + Utf8(name) + " is installed");
-  if (report->process == 0) throw std::runtime_error("the service " + Utf8(name) + " does not run");
+  if (report->process == 0)
+    throw std::runtime_error("the service " + Utf8(name) + " is not running");
   return report->process;
 }
 

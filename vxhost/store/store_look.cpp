@@ -55,10 +55,10 @@ StoreVerdict DiagnoseContent(const SealedFile::Reading& reading) {
                                  Hexadecimal(reading.error)};
   }
   if (reading.state == StoreState::Damaged) {
-    return {"damaged",
-            reading.error == 0
-                ? "damaged: Windows opens it, but it does not hold a document"
-                : "damaged: Windows refuses its content, error " + Hexadecimal(reading.error)};
+    return {"damaged", reading.error == 0
+                           ? "damaged: Windows decrypts it, but it does not contain a document"
+                           : "damaged: Windows cannot decrypt its content, error " +
+                                 Hexadecimal(reading.error)};
   }
   return {"sound", reading.document ? "sound" : "sound, and empty"};
 }
@@ -86,19 +86,18 @@ StoreVerdict Diagnose(const StoreLook& look, Owner owner) {
     case StoreState::Missing:
       return {"missing", "there is no file"};
     case StoreState::Linked:
-      return {"linked", "linked: a link lies in its place, or the file has a second name"};
+      return {"linked", "linked: the path is a link, or the file has a second name"};
     case StoreState::TooLarge:
       return {"too large", "too large: beyond 64 MiB"};
     case StoreState::NotOpened:
-      return {"not opened", "it could not be opened, perhaps only for the moment: error " +
+      return {"not opened", "it could not be opened, perhaps only temporarily: error " +
                                 Hexadecimal(look.reading.error)};
     default:
       break;
   }
   StoreVerdict verdict = DiagnoseContent(look.reading);
   if (owner == Owner::Trusted && verdict.IsSound() && IsForeign(look.path)) {
-    return {"foreign",
-            "foreign: it belongs to neither SYSTEM, the administrators nor this account"};
+    return {"foreign", "foreign: its owner is not SYSTEM, the administrators or this account"};
   }
   return verdict;
 }

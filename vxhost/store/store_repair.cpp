@@ -85,7 +85,7 @@ void RequireStore(const StoreLook& look) {
   if (!verdict.IsSound())
     throw std::runtime_error(Utf8(look.path) + " is not used: " + verdict.text);
   if (!look.reading.document) {
-    throw std::runtime_error(Utf8(look.path) + " is not used: it holds no values");
+    throw std::runtime_error(Utf8(look.path) + " is not used: it contains no values");
   }
   SubscriptionsIn(*look.reading.document);
 }
@@ -182,7 +182,7 @@ std::wstring RestoreStore(const std::wstring& path, const HoldLimits& limits) {
   std::wstring kept = Keep(before);
   if (kept.empty()) CapDataStore makesTheFolder;
   const auto name = Platform::NewUuid();
-  if (!name) throw WindowsError("no name for a new file", name.Error());
+  if (!name) throw WindowsError("cannot create a name for the new file", name.Error());
   // If this process exits halfway, the module recognizes this suffix and completes the change.
   const std::wstring sibling = before.path + L"." + *name + L".new";
   const auto file = WriteNew(sibling, before.path, copy.reading.content);
@@ -205,7 +205,7 @@ std::wstring ImportValues(const Json::WideValue& exported, const HoldLimits& lim
                              : store.persist(value.own->key, value.element);
     if (!written) {
       throw std::runtime_error(std::string(value.own->key) +
-                               " could not be written; the store as it was is in " + Utf8(kept));
+                               " could not be written; the previous store is in " + Utf8(kept));
     }
   }
   return kept;

@@ -88,7 +88,7 @@ std::wstring EndDate(const Certificate& certificate) {
 std::wstring Lifetime(const Certificate& certificate, std::uint64_t now) {
   const std::int64_t days = DaysLeft(certificate, now);
   return EndDate(certificate) +
-         (days < 0 ? L", which is over" : L", " + std::to_wstring(days) + L" days left");
+         (days < 0 ? L", expired" : L", " + std::to_wstring(days) + L" days left");
 }
 
 std::string Fingerprint(std::string_view key) {

@@ -28,7 +28,7 @@ std::int64_t DaysLeft(const Certificate& certificate, std::uint64_t now);
 // Returns the expiry date, "2045-01-01".
 std::wstring EndDate(const Certificate& certificate);
 
-// Returns "2045-01-01, 6642 days left", or "2016-01-01, which is over".
+// Returns "2045-01-01, 6642 days left", or "2016-01-01, expired".
 std::wstring Lifetime(const Certificate& certificate, std::uint64_t now);
 
 // Returns the SHA-256 of a key's DER encoding in lower-case hexadecimal, as printed by "openssl rsa

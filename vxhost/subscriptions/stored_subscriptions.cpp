@@ -25,7 +25,7 @@ std::vector<std::optional<std::wstring>> Texts(const BsonDocument& own,
   } catch (const Platform::WindowsRuntimeError&) {  // NOLINT(bugprone-empty-catch): see below
   }
   throw std::runtime_error(std::string("the stored list ") + kind.list +
-                           " is not a JSON array, so that the module takes it as empty");
+                           " is not a JSON array, so the module treats it as empty");
 }
 
 }  // namespace

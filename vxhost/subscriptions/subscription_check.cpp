@@ -48,13 +48,13 @@ struct Shape {
   bool (WideValue::*holds)() const;
 };
 constexpr Shape kNumber = {L"a number", &WideValue::IsNumber};
-constexpr Shape kText = {L"a text", &WideValue::IsString};
+constexpr Shape kText = {L"a string", &WideValue::IsString};
 constexpr Shape kObject = {L"an object", &WideValue::IsObject};
 
 std::wstring NameOfKind(const WideValue& value) {
   if (value.IsNull()) return L"null";
   if (value.IsBool()) return L"true or false";
-  if (value.IsArray()) return L"a list";
+  if (value.IsArray()) return L"an array";
   if (value.IsString()) return kText.name;
   return value.IsNumber() ? kNumber.name : kObject.name;
 }
@@ -173,12 +173,12 @@ class Checker {
     if (&shape == &kNumber && value->IsString()) {
       if (const auto number = LeadingInteger(TextOf(*value))) wanted = std::to_wstring(*number);
     }
-    const std::wstring text = NameOfKind(*value) + L", but the module wants " + shape.name;
+    const std::wstring text = NameOfKind(*value) + L", but the module expects " + shape.name;
     if (need != Need::Optional) {
       readable = false;
       Never(key, Shown(*value), wanted, text);
     } else {
-      Hint(key, Shown(*value), wanted, text + L" and takes this as absent");
+      Hint(key, Shown(*value), wanted, text + L" and treats the member as absent");
     }
     return nullptr;
   }
@@ -193,8 +193,9 @@ class Checker {
       level.asked.insert(written);
       findings.push_back({need == Need::Required ? Verdict::Never : Verdict::Hint, key,
                           Quoted(written), Quoted(name),
-                          otherCase ? L"is there in other letters, and case counts"
-                                    : L"is probably misspelt, and an unknown member is ignored"});
+                          otherCase
+                              ? L"is written with other capitals, and names are case-sensitive"
+                              : L"is probably misspelt, and unknown members are ignored"});
       return;
     }
     if (need == Need::Required) Never(key, L"", L"", L"is missing");
@@ -207,7 +208,7 @@ class Checker {
       const std::wstring name = TextOf(member->name);
       if (!seen.insert(name).second) {
         Hint(level.prefix + name, Shown(member->value), L"the member once",
-             L"is there twice, and the first counts");
+             L"appears twice, and only the first is used");
       } else if (!level.asked.contains(name)) {
         Hint(level.prefix + name, Shown(member->value), L"no such member",
              L"is unknown to the module and ignored");
@@ -254,7 +255,7 @@ class Checker {
     } catch (const Platform::WindowsRuntimeError&) {  // NOLINT(bugprone-empty-catch): see below
     } catch (const std::exception&) {                 // NOLINT(bugprone-empty-catch): see below
     }
-    Hint(key, found, L"", L"Windows does not tell whether it is installed");
+    Hint(key, found, L"", L"Windows does not report whether it is installed");
   }
 
   void CheckDelay(Level& level) {
@@ -284,7 +285,7 @@ class Checker {
     }
     if (code == kSuspend && kind == &kPowerForm && *delay > 0) {
       Hint(key, Shown(*value), L"no delay, or powerEventType 18 (resumed)",
-           L"the machine sleeps before the delay is over, and the late delivery is dropped");
+           L"the machine sleeps before the delay has passed, and the late delivery is dropped");
     }
   }
 
@@ -327,7 +328,7 @@ class Checker {
       Good(key, L"raises the trigger and sends no message");
     } else {
       Never(key, Shown(value), L"a GUID, such as \"{01234567-89ab-cdef-0123-456789abcdef}\"",
-            L"is no GUID, so no trigger is raised");
+            L"is not a GUID, so no trigger is raised");
     }
   }
 
@@ -357,7 +358,7 @@ class Checker {
     if (isFile ? helper.CheckPath(path).outcome != PathOutcome::Allowed
                : !helper.MayBeAllowed(path)) {
       fault(L"a place below %windir%, %ProgramFiles%, %ProgramFiles(x86)% or a WindowsApps folder",
-            L"lies outside the protected places");
+            L"is outside the protected places");
     }
     if (isFile) CheckSignatures(key, path, fault);
     if (sound) Good(key, L"the program is trusted here");
@@ -369,8 +370,8 @@ class Checker {
       wanted = L"the program's full path";
       why = L"is empty";
     } else if (path.find(L'"') != std::wstring::npos) {
-      wanted = L"the path alone, its arguments in \"arguments\"";
-      why = L"quotes do not belong in a path";
+      wanted = L"only the path, with its arguments in \"arguments\"";
+      why = L"a path must not contain quotation marks";
     } else if (path.find(L'%') != std::wstring::npos) {
       const auto expanded =
           Platform::CurrentMachine().environment->Expand(path, Platform::kLongestPath);
@@ -392,7 +393,7 @@ class Checker {
         fault(L"the file as it was signed", L"was changed after it was signed");
       } else {
         fault(kPinnedSignature,
-              L"carries a signature that Windows refuses: " + Wide(DescribeResult(result)));
+              L"has a signature that Windows rejects: " + Wide(DescribeResult(result)));
       }
       return;
     }
@@ -409,7 +410,8 @@ class Checker {
       signers += (signers.empty() ? L"\"" : L", \"") + record.names.commonName + L"\"";
     }
     if (!VxAuthenticodeHelper::IsTrustedByWindows(records)) {
-      fault(L"a root that Windows trusts", L"Windows trusts no root of its signers " + signers);
+      fault(L"a root that Windows trusts",
+            L"Windows does not trust the root of its signers " + signers);
     }
     if (!VxAuthenticodeHelper::IsKeyPinned(records, keys)) {
       fault(kPinnedSignature, L"is signed with another key, by " + signers);
@@ -421,7 +423,7 @@ class Checker {
       if (certificate == nullptr || DaysLeft(*certificate, now) >= 0) continue;
       Hint(key, L"\"" + record.names.commonName + L"\"",
            L"a certificate for the same key that is still valid, or a time stamp",
-           L"is signed with a certificate that ended on " + EndDate(*certificate) +
+           L"is signed with a certificate that expired on " + EndDate(*certificate) +
                L", which the module accepts");
     }
   }
@@ -447,8 +449,7 @@ SubscriptionCheck CheckSubscription(const std::wstring& text, Tessel::Security::
   Json::ParseFault fault;
   if (text.size() > kMaxRequestLength) {
     checker.Never(L"", std::to_wstring(text.size()) + L" characters",
-                  L"at most " + std::to_wstring(kMaxRequestLength),
-                  L"the module refuses so long a text");
+                  L"at most " + std::to_wstring(kMaxRequestLength), L"is too long for the module");
   } else if (!Json::ParseJson(document, text, Json::kMaxNesting, &fault)) {
     checker.Never(L"", L"", L"valid JSON", L"not valid JSON: " + Wide(FaultText(text, fault)));
   } else if (!document.IsObject()) {
