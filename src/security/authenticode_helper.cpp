@@ -156,8 +156,8 @@ bool VxAuthenticodeHelper::IsPathAllowed(const std::wstring& path) const {
 
 // A client chooses the path, and one that begins with "C:\Windows\" may name a file elsewhere: with
 // ".." in the middle, through a mount point in a folder that every user may write to, or as a
-// stream of another file. So the rule is applied twice: to the full form of the path, which is also
-// logged, and to the file's actual location. A path that Windows cannot resolve is refused.
+// stream of another file. So the rule is applied to the path as written, to its full form and to
+// the file's actual location. A path that Windows cannot resolve is refused.
 PathVerdict VxAuthenticodeHelper::CheckPath(const std::wstring& path) const {
   PathVerdict verdict;
   const auto expanded = CurrentMachine().environment->Expand(path, Platform::kLongestPath);
@@ -167,7 +167,7 @@ PathVerdict VxAuthenticodeHelper::CheckPath(const std::wstring& path) const {
     return verdict;
   }
   verdict.fullPath = FullText(*expanded);
-  const auto place = FindPlace(verdict.fullPath, Misses::Logged);
+  const auto place = FindWrittenPlace(*expanded, verdict.fullPath, Misses::Logged);
   if (!place) {
     verdict.outcome = PathOutcome::OutsidePrefixes;
     return verdict;
@@ -198,9 +198,19 @@ PathVerdict VxAuthenticodeHelper::CheckPath(const std::wstring& path) const {
 bool VxAuthenticodeHelper::MayBeAllowed(const std::wstring& path) const {
   const std::wstring full = FullText(path);
   const bool plain = IsPlainPath(full);
-  if (plain && FindPlace(full, Misses::Silent)) return true;
-  if (FindPlace(full, Misses::Logged)) logger->LogError(kNotPlain, kIsPathAllowed, full.c_str());
+  if (plain && FindWrittenPlace(path, full, Misses::Silent)) return true;
+  if (FindWrittenPlace(path, full, Misses::Logged)) {
+    logger->LogError(kNotPlain, kIsPathAllowed, full.c_str());
+  }
   return false;
+}
+
+// Returns the place that the full form names, or nothing if either text names no place.
+std::optional<VxAuthenticodeHelper::Place> VxAuthenticodeHelper::FindWrittenPlace(
+    const std::wstring& written, const std::wstring& full, Misses misses) const {
+  if (FindPlace(written, Misses::Silent)) return FindPlace(full, misses);
+  if (misses == Misses::Logged) FindPlace(written, misses);
+  return std::nullopt;
 }
 
 // Returns the full form of a path that starts at a drive's root. Returns any other path unchanged:

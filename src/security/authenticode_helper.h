@@ -28,7 +28,7 @@ enum class PathOutcome {
 // The result of the path rule, and what it is based on.
 struct PathVerdict {
   PathOutcome outcome = PathOutcome::NotExpanded;
-  std::wstring fullPath;                 // the path that was compared with the prefixes
+  std::wstring fullPath;                 // the full form of the path
   std::wstring finalPath;                // the file's actual location; empty if it was not resolved
   std::wstring prefix;                   // the expanded prefix that matched; may be empty
   std::vector<std::wstring> appFolders;  // WindowsApps folders whose access was checked
@@ -81,6 +81,8 @@ class VxAuthenticodeHelper {
 
   std::wstring FullText(const std::wstring& expanded) const;
   std::optional<Place> FindPlace(const std::wstring& fullPath, Misses misses) const;
+  std::optional<Place> FindWrittenPlace(const std::wstring& written, const std::wstring& full,
+                                        Misses misses) const;
   bool ResolveFinalPath(const std::wstring& path, const std::wstring& expanded,
                         PathVerdict& verdict) const;
   bool HasFullControl(const std::wstring& folder, Platform::ErrorCode& error) const;

@@ -234,12 +234,11 @@ class PathVerdictTest : public AuthenticodeHelperTest {
   PathOutcome Outcome(const std::wstring& path) const { return helper.CheckPath(path).outcome; }
 };
 
-TEST_F(PathVerdictTest, AllowsEveryTextThatNamesAProtectedFile) {
+TEST_F(PathVerdictTest, AllowsAProtectedFileWrittenBelowAPrefix) {
   const ProtectedFolder folder;
   const std::wstring path = folder.Hold(L"unsigned.exe");
   const std::wstring below = path.substr(3);
-  for (const std::wstring& text : {path, L"C:\\Windows\\..\\" + below, L"C:/" + below,
-                                   L"C:\\.\\" + below, path + L".", path + L" "}) {
+  for (const std::wstring& text : {path, L"C:\\Windows\\..\\" + below, path + L".", path + L" "}) {
     SCOPED_TRACE(testing::PrintToString(text));
     EXPECT_EQ(Outcome(text), PathOutcome::Allowed);
     EXPECT_EQ(helper.CheckPath(text).fullPath, path);
@@ -251,7 +250,8 @@ TEST_F(PathVerdictTest, AllowsEveryTextThatNamesAProtectedFile) {
 }
 
 // Each text starts like an allowed path, or would under some interpretation, but names no file
-// there. The outcome identifies the check that must reject it, so that a missing check is detected.
+// there, or names one without starting with an allowed prefix. The outcome identifies the check
+// that must reject it, so that a missing check is detected.
 TEST_F(PathVerdictTest, RefusesTextsThatOnlyLookProtected) {
   const Tests::TempFolder outside;
   const std::wstring evil = outside / L"evil.exe";
@@ -271,6 +271,9 @@ TEST_F(PathVerdictTest, RefusesTextsThatOnlyLookProtected) {
       {L"\\Windows\\notepad.exe", OutsidePrefixes},
       {L"notepad.exe", OutsidePrefixes},
       {L"C:Windows\\notepad.exe", OutsidePrefixes},
+      {L"C:/Windows/notepad.exe", OutsidePrefixes},
+      {L"C:\\.\\Windows\\notepad.exe", OutsidePrefixes},
+      {L"C:\\Users\\..\\Windows\\notepad.exe", OutsidePrefixes},
       {L"C:\\W\u0131ndows\\notepad.exe", OutsidePrefixes},
       {L"C:\\Windows2\\x.exe", OutsidePrefixes},
       {L"C:\\Windows", OutsidePrefixes},
