@@ -152,8 +152,8 @@ RequestManager::Removal RequestManager::RemoveRequest(std::wstring_view request)
     found = shorter.has_value();
     return shorter;
   });
-  if (held == true && !found) return Removal::Unknown;
-  return held.value_or(false) ? Removal::Removed : Removal::Failed;
+  if (!held.value_or(false) || store == nullptr) return Removal::Failed;
+  return found ? Removal::Removed : Removal::Unknown;
 }
 
 bool RequestManager::CompleteRequest(std::wstring_view request) {

@@ -50,7 +50,7 @@ class RequestManager {
   enum class Removal { Removed, Unknown, Failed };
 
   // Removes the first stored request with exactly this text. Returns Unknown if there is none, and
-  // Failed if the shorter list could not be stored. Throws the JSON layer's error if the stored
+  // Failed if the store cannot be used. Throws the JSON layer's error if the stored
   // list is not a JSON array. Logs store failures.
   Removal RemoveRequest(std::wstring_view request);
 
