@@ -160,7 +160,7 @@ std::uint32_t OrvaneService::ExecuteCommand(ClientContext* context, std::uint32_
 void OrvaneService::Start() noexcept {
   Platform::ExpectOwnIdentity();
   CatchAndLog("Start",
-              [this] { Platform::StartDetached([shared = state] { RunStartupTask(shared); }); });
+              [this] { Platform::StartDetached([shared = state] { startup_task(shared); }); });
 }
 
 void OrvaneService::power_event_task(std::uint32_t eventType) noexcept {

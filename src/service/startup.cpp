@@ -78,7 +78,8 @@ void StartWakeupCheck(const std::shared_ptr<ServiceState>& state) {
   if (state->wakeupCheckDone) return;
   state->logger->LogInfo(kStarted, kWakeupCheckName);
   // Startup continues even if no thread can be created for the check.
-  CatchAndLog("startup_task", [&] { Platform::StartDetached([state] { RunWakeupCheck(state); }); });
+  CatchAndLog("startup_task",
+              [&] { Platform::StartDetached([state] { CheckToSendWakeupEvent(state); }); });
 }
 
 // Returns true once a user signs in or two hours have passed, or false if the service stops first.
@@ -125,7 +126,7 @@ void StartupTask(const std::shared_ptr<ServiceState>& state) {
 
 }  // namespace
 
-void RunStartupTask(const std::shared_ptr<ServiceState>& state) noexcept {
+void startup_task(const std::shared_ptr<ServiceState>& state) noexcept {
   CatchAndLog("startup_task", [&] { StartupTask(state); });
 }
 

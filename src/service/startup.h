@@ -7,6 +7,6 @@ namespace Vx::Tessel::Server::Services::Orvane {
 struct ServiceState;
 
 // The startup thread's body. Catches every exception. Destroying the service ends its waits.
-void RunStartupTask(const std::shared_ptr<ServiceState>& state) noexcept;
+void startup_task(const std::shared_ptr<ServiceState>& state) noexcept;
 
 }  // namespace Vx::Tessel::Server::Services::Orvane

@@ -88,7 +88,7 @@ void WakeupCheck(ServiceState& state) {
 
 }  // namespace
 
-void RunWakeupCheck(const std::shared_ptr<ServiceState>& state) noexcept {
+void CheckToSendWakeupEvent(const std::shared_ptr<ServiceState>& state) noexcept {
   CatchAndLog("CheckToSendWakeupEvent", [&] { WakeupCheck(*state); });
 }
 

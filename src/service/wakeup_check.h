@@ -11,6 +11,6 @@ inline constexpr char kWakeupCheckName[] =
 
 // The wake-up thread's body. Catches every exception. After Windows has booted, waits up to twelve
 // minutes for a real user, then raises the platform event, once per boot. Stops with the service.
-void RunWakeupCheck(const std::shared_ptr<ServiceState>& state) noexcept;
+void CheckToSendWakeupEvent(const std::shared_ptr<ServiceState>& state) noexcept;
 
 }  // namespace Vx::Tessel::Server::Services::Orvane
