@@ -9,8 +9,8 @@ import hashlib, itertools, json, os, pathlib, re, shutil, subprocess, sys, time
 
 under, kTimeOuts = os.environ.get("MUTANTS_UNDER", "").split(), (124, 137)
 work = pathlib.Path("build/mutants").resolve()
-tree, pristine = work / "tree", work / "wine"
-build, prefix = tree / "build/release", tree / "build/release/wine"
+tree, prefixes = work / "tree", ("wine", "wine-lone")
+build = tree / "build/release"
 ninja = ("ninja", "-C", build)
 product = ("src", "servicehost", "vxhost/service")
 built = ("src", "servicehost", "vxhost/CMakeFiles/tool_service.dir")
@@ -82,12 +82,14 @@ def check_out():
     return commit[:12]
 
 
-def use_prefix(command):
-    """Kills the processes in the Wine prefix and restores it (-k), or waits for them and copies it (-w)."""
-    run("wineserver", command, env={**os.environ, "WINEPREFIX": str(prefix)})
-    source, target = (pristine, prefix) if command == "-k" else (prefix, pristine)
-    shutil.rmtree(target, ignore_errors=True)
-    run("cp", "-a", source, target)
+def use_prefixes(command):
+    """Kills the processes in the Wine prefixes and restores them (-k), or waits for them and copies them (-w)."""
+    for prefix in prefixes:
+        run("wineserver", command, env={**os.environ, "WINEPREFIX": str(build / prefix)})
+        places = [work / prefix, build / prefix]
+        source, target = places if command == "-k" else reversed(places)
+        shutil.rmtree(target, ignore_errors=True)
+        run("cp", "-a", source, target)
 
 
 def judge(name, tests):
@@ -99,7 +101,7 @@ def judge(name, tests):
         if status == 0:
             at, status = test["name"], run(*test["command"], cwd=test["folder"], seconds=60 + 4 * test["seconds"])
         if status != 0:
-            use_prefix("-k")  # so that nothing left by this test affects the next fault
+            use_prefixes("-k")  # so that nothing left by this test affects the next fault
             return f"time-out of {at}" if status in kTimeOuts else f"killed by {at}"
     return "survived"
 
@@ -115,7 +117,7 @@ def faultless():
         if run(*test["command"], cwd=test["folder"], seconds=900) != 0:
             sys.exit(f"{test['name']} fails without a fault")
         test["seconds"] = time.monotonic() - start
-    use_prefix("-w")
+    use_prefixes("-w")
     return objects(), tests
 
 
@@ -125,7 +127,7 @@ def main(count, seed, minutes):
     if not kept.exists():
         kept.write_text(json.dumps(faultless()))
     hashed, tests = json.loads(kept.read_text())
-    use_prefix("-k")
+    use_prefixes("-k")
     done = dict(line.rsplit(" | ", 1) for line in log.read_text().splitlines()) if log.exists() else {}
     sources = [f"src/{folder.name}/all" for folder in (build / "src").iterdir() if folder.is_dir()]
     sources += ["servicehost/all", "tool_service"]
