@@ -190,13 +190,22 @@ std::wstring Lower(std::wstring text) {
   return text;
 }
 
-// Returns why no row that matches `isOf` is a delivery, or an empty string if one is.
+// Returns why no row that matches `isOf` is a delivery. If one is, returns only when the service
+// did not run, which may be why a later event has none.
 std::string WhyNothing(const std::vector<HistoryRow>& rows, const auto& isOf,
                        const std::vector<Period>& outages, Zone zone) {
   const HistoryRow* event = nullptr;   // the last power event, or a delivery for one
   const HistoryRow* stored = nullptr;  // the first row that stored a subscription
   std::size_t others = 0;              // deliveries to other subscriptions
   bool any = false;
+  const auto at = [&](std::optional<std::int64_t> moment) {
+    return Utf8(TimeText(moment.value_or(0), zone));
+  };
+  std::string down;
+  for (const Period& one : outages) {
+    down += down.empty() ? "the service did not run from " : ", and from ";
+    down += at(one.begin) + " to " + at(one.end);
+  }
   for (const HistoryRow& row : rows) {
     const bool delivery = row.isDelivery || row.unreadable != 0;
     const bool proves = delivery && row.event.starts_with(NameOf(Kind::Power).text) &&
@@ -206,7 +215,7 @@ std::string WhyNothing(const std::vector<HistoryRow>& rows, const auto& isOf,
       others += delivery ? 1 : 0;
       continue;
     }
-    if (row.isDelivery) return {};
+    if (row.isDelivery) return down.empty() ? down : "(" + down + ")";
     any = true;
     if (row.decision == NameOf(Decision::Stored).text && stored == nullptr) stored = &row;
   }
@@ -214,15 +223,8 @@ std::string WhyNothing(const std::vector<HistoryRow>& rows, const auto& isOf,
     return "The log does not mention it. Deliveries to other subscriptions: " +
            std::to_string(others) + ". What is stored: vxhost subscriptions";
   }
-  const auto at = [&](std::optional<std::int64_t> moment) {
-    return Utf8(TimeText(moment.value_or(0), zone));
-  };
   std::string why = others == 0 ? "Nothing was delivered: " : "Nothing was delivered to it: ";
-  for (const Period& one : outages) {
-    why += &one == &outages.front() ? "the service did not run from " : ", and from ";
-    why += at(one.begin) + " to " + at(one.end);
-  }
-  if (!outages.empty()) why += "; ";
+  if (!down.empty()) why += down + "; ";
   if (event == nullptr) return why + "no power event came";
   const std::string last = "the last event, " + Utf8(event->event) + " at " + at(event->moment);
   if (stored != nullptr && stored->moment > event->moment) {
@@ -286,7 +288,7 @@ int RunHistory(const Options& options, const ModuleOptions&, Console& console) {
       continue;
     }
     std::error_code error;
-    const bool isFile = std::filesystem::is_regular_file(path, error);
+    const bool isFile = !argument.empty() && std::filesystem::is_regular_file(path, error);
     for (const auto& file : isFile ? std::vector{path} : LogFilesIn(path)) {
       others += ReadLog(file, take);
     }

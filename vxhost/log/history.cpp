@@ -205,7 +205,7 @@ void History::FollowService(const HistoryLine& line, std::int64_t moment) {
   Run& run = runs.try_emplace(line.service, Run{process, moment}).first->second;
   if (StartsModule(line.line)) {
     if (run.started || run.process != process) {
-      CutOff(run.process);
+      CutOff(run.process, true);
       outages.push_back({run.last, moment});
       if (!run.stopped) {
         AddRow({TimeText(run.last, Zone::Utc),
@@ -251,7 +251,7 @@ HistoryRow& History::AddRow(HistoryRow row) {
 void History::Add(const HistoryLine& line) {
   const auto moment = MomentOf(line.time);
   if (moment) FollowService(line, *moment);
-  if (EndsModule(line.line)) CutOff(line.line.process);
+  if (EndsModule(line.line)) CutOff(line.line.process, false);
   if (line.line.provider == kHostProvider) AddHostLine(line, moment);
   std::wstring& complaint = complaints[{line.line.process, line.thread}];
   if (!line.line.record) {
@@ -290,7 +290,7 @@ void History::Add(const HistoryLine& line) {
   }
 }
 
-void History::CutOff(std::uint32_t process) {
+void History::CutOff(std::uint32_t process, bool ended) {
   std::erase_if(open, [&](const auto& one) {
     if (one.first.first != process) return false;
     changes.push_back(one.second);
@@ -298,7 +298,7 @@ void History::CutOff(std::uint32_t process) {
     row.decision = NameOf(Decision::Dropped).text;
     row.detail = kCutOff;
     row.failed = true;
-    return true;
+    return ended;
   });
 }
 
@@ -307,7 +307,7 @@ std::vector<HistoryRow> History::Finish(const Period& within, std::int64_t now) 
   for (const auto& [delivery, at] : open) {
     HistoryRow& row = rows[at];
     const std::int64_t since = now - row.moment.value_or(now) - kLate;
-    if (since > 0 && static_cast<std::uint64_t>(since) > row.planned) {
+    if (!row.failed && since > 0 && static_cast<std::uint64_t>(since) > row.planned) {
       row.detail += L", which have passed: the log does not show its end";
     }
   }

@@ -116,7 +116,9 @@ class History {
 
   void FollowService(const HistoryLine& line, std::int64_t moment);
   void AddHostLine(const HistoryLine& line, std::optional<std::int64_t> moment);
-  void CutOff(std::uint32_t process);
+  // Marks the waiting deliveries of the process as dropped. Until it has ended, a record of their
+  // end may follow.
+  void CutOff(std::uint32_t process, bool ended);
   HistoryRow& AddRow(HistoryRow row);
 
   std::vector<HistoryRow> rows;
