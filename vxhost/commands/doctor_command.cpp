@@ -191,8 +191,11 @@ void Subscriptions(const StoreLook& look, Tessel::Security::KeySet keys, Checks&
       if (!part.empty()) found += L" " + part;
     }
     for (const std::wstring& reason : one.reasons) found += L"; " + reason;
-    checks.Add("subscription", one.fate == Fate::Runs, found, L"a subscription that would run",
-               L"fix the cause, or remove it: vxhost subscriptions remove " + number);
+    checks.Add(
+        "subscription", one.fate == Fate::Runs, found, L"a subscription that would run",
+        one.subscription.text
+            ? L"fix the cause, or remove it: vxhost subscriptions remove " + number
+            : L"it is not a subscription, and the others still run: vxhost store restore COPY");
   }
 }
 
@@ -296,9 +299,10 @@ void Log(const std::string& named, Checks& checks) {
       if (events == 0) ReadLog(file, takeProof, R"("kind":"power")");
     }
   } catch (const std::runtime_error& error) {
-    checks.Add("log folder", false, Wide(error.what()), L"the log of a service",
-               L"delete any file in its place, then restart the service, as administrator: vxhost "
-               L"service stop, vxhost service start");
+    checks.Add(
+        "log folder", false, Wide(error.what()), L"the log of a service",
+        L"fix the folder above, or delete any file in its place, then restart the service, as "
+        L"administrator: vxhost service stop, vxhost service start");
     return;
   }
   checks.Add("log folder", true, folder.wstring() + L", " + count);
@@ -389,7 +393,7 @@ Checks Examine(const Options& options, const ModuleOptions& which) {
   checks.Add("folder", why.empty(), why.empty() ? folder : Wide(why),
              L"a folder of SYSTEM or the administrators that users can only read",
              L"create it at installation, so that no user can create it first: vxhost service "
-             L"install --repair");
+             L"install --replace --repair");
   Store(which.limits, pins ? pins->Restricted() : Tessel::Security::KeySet(), checks);
   ConsoleUser(checks);
   Parts(pins ? pins->General() : Tessel::Security::KeySet(), checks);

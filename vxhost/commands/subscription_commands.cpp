@@ -178,7 +178,10 @@ const StoredSubscription* Find(const std::vector<StoredSubscription>& all,
     return std::to_string(one.number) == which || (!which.empty() && Utf8(one.hash) == which);
   });
   if (found == all.end()) return nullptr;
-  if (!found->text) throw std::runtime_error("the stored element is not an object: see store show");
+  if (!found->text) {
+    throw std::runtime_error(
+        "the stored element is not an object, so no command removes it: vxhost store restore COPY");
+  }
   return &*found;
 }
 

@@ -34,6 +34,13 @@ bool IsForeign(const std::wstring& path) {
   return ours && !*ours;
 }
 
+bool HasSecondName(const std::wstring& path) {
+  const auto file = Platform::CurrentMachine().files->Open(path, Platform::FileUse::Inspect);
+  if (!file) return false;
+  const auto facts = (*file)->Facts();
+  return facts && facts->names > 1;
+}
+
 StoreVerdict DiagnoseContent(const SealedFile::Reading& reading) {
   const std::string size = std::to_string(reading.content.size()) + " bytes";
   const bool zero =
@@ -86,7 +93,8 @@ StoreVerdict Diagnose(const StoreLook& look, Owner owner) {
     case StoreState::Missing:
       return {"missing", "there is no file"};
     case StoreState::Linked:
-      return {"linked", "linked: the path is a link, or the file has a second name"};
+      return {"linked", HasSecondName(look.path) ? "linked: the file has a second name"
+                                                 : "linked: the path is a link"};
     case StoreState::TooLarge:
       return {"too large", "too large: beyond 64 MiB"};
     case StoreState::NotOpened:
