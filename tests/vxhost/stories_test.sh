@@ -45,7 +45,11 @@ unreadable() { log quiet.log '/bbbbbbbb/!d'; }
 no_thread() { log rare.log '/no_thread/!d'; }
 failed_start() { log quiet.log '/cannot run/!d'; }
 stored_later() { log quiet.log '/power event 10\|cccccccc/!d'; }
+down_later() { log service.log '/"process":888\b/!{/the module is/!d}'; }
+stored_unread() { log service.log '/863537c0.*accepted/!d'; }
+bad_request() { log service.log '/launched is missing/!{/bad_member/!d}'; }
 no_log() { rm -rf "$data/Logs"; }
+file_for_log() { no_log && : >"$data/Logs"; }
 
 # The machine's store has one subscription. COPY is a copy of the store.
 exits 0 run subscriptions add --power 18 --send f --app-service s --trigger '{01234567-89ab-cdef-0123-456789abcde1}'
@@ -60,11 +64,13 @@ damaged() { sound && printf X | dd of="$store" bs=1 seek=$(($(size) - 30)) conv=
 foreign() { sound && printf '%0200d' 7 >"$store"; }
 second_name() { sound && ln "$store" "$data/second"; }
 too_large() { sound && truncate -s 65M "$store"; }
-other_list() {
+list() {  # TEXT: replaces the list of power subscriptions.
   sound
-  printf '{"steps":[{"store":{"OrvaneServiceDocument":{"PowerEventSubscriptions":"x"}}}]}' >"$work/list.json"
+  printf '{"steps":[{"store":{"OrvaneServiceDocument":{"PowerEventSubscriptions":"%s"}}}]}' "$1" >"$work/list.json"
   exits 0 run scenario "$(windows "$work/list.json")"
 }
+other_list() { list x; }
+other_element() { list '[5]'; }
 
 # Installed for development, because this account owns the emulator's folders.
 installed() {
@@ -131,7 +137,11 @@ A tool did not run last night|unreadable|0|failed: its text cannot be read|||
 A tool did not run last night|no_thread|0|failed: |||
 A tool did not run last night|failed_start|0|not started: |||
 A tool did not run last night|stored_later|0|the subscription was stored later|||
-A tool did not run last night|no_log|2|cannot list |||
+A tool did not run last night|file_for_log|2|cannot list |||
+A tool did not run last night|no_log|2|cannot list |service start|2|it is not installed
+A tool did not run last night|down_later|0|the service did not run from|||
+A tool did not run last night|bad_request|0|refused: |||
+A tool did not run last night|stored_unread|0|accepted: its text cannot be read|||
 A tool did not run last night|service_down|0|the service did not run from|||
 A tool did not run last night|refused|0|refused: it was not signed with a pinned key|trust FILE|1|key not pinned
 A tool did not run last night|not_stored|0|refused: the store did not accept the change|||
@@ -139,6 +149,7 @@ A tool did not run last night|late|0|dropped: too late|||
 A tool did not run last night|standby|0|dropped: Modern Standby ended its wait too early|||
 A tool did not run last night|nothing_waited|0|nothing waited for the last event|explain power 18|0|raise the trigger
 The store looks broken|sound|0|sound|subscriptions|0|raise the trigger
+The store looks broken|other_element|0|sound|subscriptions|0|the stored element is not an object
 The store looks broken|empty|0|sound, and empty|store restore COPY|0|is kept as
 The store looks broken|missing|1|there is no file|store restore COPY|0|there was no store before
 The store looks broken|cut_short|1|cut short: |store restore COPY|0|is kept as
@@ -146,7 +157,7 @@ The store looks broken|zeroed|1|zeroed: |store restore COPY|0|is kept as
 The store looks broken|damaged|1|damaged: |store restore COPY|0|is kept as
 The store looks broken|foreign|1|not a store: |store restore COPY|0|is kept as
 The store looks broken|other_list|1|is not a JSON array|store restore COPY|0|is kept as
-The store looks broken|second_name|1|linked: |||
+The store looks broken|second_name|1|linked: the file has a second name|||
 The store looks broken|too_large|1|too large: |||
 The service does not start|wrong_module|2|is not a service module|||
 The service does not start|missing_import|2|cannot load |doctor|2|-  service's module: C:\Program Files\VxStories\OrvaneService.dll imports ADVAPI3X.dll
