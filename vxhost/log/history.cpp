@@ -205,7 +205,8 @@ void History::FollowService(const HistoryLine& line, std::int64_t moment) {
   Run& run = runs.try_emplace(line.service, Run{process, moment}).first->second;
   if (StartsModule(line.line)) {
     if (run.started || run.process != process) {
-      CutOff(run.process, true);
+      CutOff(run.process);
+      std::erase_if(open, [&](const auto& one) { return one.first.first == run.process; });
       outages.push_back({run.last, moment});
       if (!run.stopped) {
         AddRow({TimeText(run.last, Zone::Utc),
@@ -251,7 +252,7 @@ HistoryRow& History::AddRow(HistoryRow row) {
 void History::Add(const HistoryLine& line) {
   const auto moment = MomentOf(line.time);
   if (moment) FollowService(line, *moment);
-  if (EndsModule(line.line)) CutOff(line.line.process, false);
+  if (EndsModule(line.line)) CutOff(line.line.process);
   if (line.line.provider == kHostProvider) AddHostLine(line, moment);
   std::wstring& complaint = complaints[{line.line.process, line.thread}];
   if (!line.line.record) {
@@ -290,16 +291,15 @@ void History::Add(const HistoryLine& line) {
   }
 }
 
-void History::CutOff(std::uint32_t process, bool ended) {
-  std::erase_if(open, [&](const auto& one) {
-    if (one.first.first != process) return false;
-    changes.push_back(one.second);
-    HistoryRow& row = rows[one.second];
+void History::CutOff(std::uint32_t process) {
+  for (const auto& [delivery, index] : open) {
+    if (delivery.first != process) continue;
+    changes.push_back(index);
+    HistoryRow& row = rows[index];
     row.decision = NameOf(Decision::Dropped).text;
     row.detail = kCutOff;
     row.failed = true;
-    return ended;
-  });
+  }
 }
 
 std::vector<HistoryRow> History::Finish(const Period& within, std::int64_t now) {

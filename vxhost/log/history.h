@@ -116,9 +116,8 @@ class History {
 
   void FollowService(const HistoryLine& line, std::int64_t moment);
   void AddHostLine(const HistoryLine& line, std::optional<std::int64_t> moment);
-  // Marks the waiting deliveries of the process as dropped. Until it has ended, a record of their
-  // end may follow.
-  void CutOff(std::uint32_t process, bool ended);
+  // Marks the waiting deliveries of the process as dropped. Records of their end may still follow.
+  void CutOff(std::uint32_t process);
   HistoryRow& AddRow(HistoryRow row);
 
   std::vector<HistoryRow> rows;
