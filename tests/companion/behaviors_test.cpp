@@ -332,5 +332,16 @@ TEST_F(TextFileTest, ADestinationThatCannotBeWrittenKeepsItsContentAndNoPartIsLe
   EXPECT_EQ(Tests::ReadText(folder / L"target"), "");
 }
 
+TEST_F(TextFileTest, ADestinationThatAnotherProcessKeepsFromDeletionIsWrittenInPlace) {
+  Tests::WriteText(folder / L"source", "new");
+  Tests::WriteText(folder / L"target", "the old content");
+  const Platform::UniqueHandle reader = Platform::AdoptFile(
+      CreateFileW((folder / L"target").c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE,
+                  nullptr, OPEN_EXISTING, 0, nullptr));
+  EXPECT_TRUE(Copy(L"source", L"target"));
+  EXPECT_EQ(Tests::ReadText(folder / L"target"), "new");
+  EXPECT_FALSE(exists(folder.Path() / "target.part"));
+}
+
 }  // namespace
 }  // namespace Vx::Tessel::Server::Services::Orvane

@@ -9,6 +9,7 @@
 #include "simulator/virtual_clock.h"
 #include "support/memory_shortage.h"
 #include "support/test.h"
+#include "vxhost/service/log_follower.h"
 
 // NOLINTNEXTLINE(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp): the linker's name
 extern "C" decltype(&WriteFile) __imp_WriteFile;
@@ -156,6 +157,20 @@ struct Gate {
   Platform::UniqueHandle open{CreateEventW(nullptr, TRUE, FALSE, nullptr)};
   Platform::UniqueHandle entered{CreateEventW(nullptr, TRUE, FALSE, nullptr)};
 };
+
+TEST(LogFollowerTest, ReadsTheNewestFileIfThereWasNoneAtFirstAndThenEachLaterOne) {
+  const Tests::TempFolder folder;
+  Tool::LogFollower follower(folder.Path().wstring(), {L"A"}, Tool::LogFollower::From::Now);
+  EXPECT_EQ(follower.Next(), std::nullopt);
+  Tests::WriteText(folder.Path() / "A-20240101-0001.log", "first\n");
+  Tests::WriteText(folder.Path() / "A-20240101-0002.log", "second\nha");
+  EXPECT_EQ(follower.Next(), "second");
+  EXPECT_EQ(follower.Next(), std::nullopt) << "half a line";
+  std::ofstream(folder.Path() / "A-20240101-0002.log", std::ios::app | std::ios::binary) << "lf\n";
+  Tests::WriteText(folder.Path() / "A-20240102-0001.log", "third\n");
+  EXPECT_EQ(follower.Next(), "half");
+  EXPECT_EQ(follower.Next(), "third");
+}
 
 TEST(ServiceLogTest, DropsAndCountsInsteadOfWaitingForATarget) {
   std::vector<std::wstring> messages;
