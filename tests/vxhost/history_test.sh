@@ -53,6 +53,16 @@ quiet 'The log does not mention it. Deliveries to other subscriptions: 1. What i
 expect 0 'dropped: the service ended while it waited' --store "$store" history "$work/stopped.log"
 [ "$(grep -c ' 9b43bfcf ' "$work/output")" = 1 ] || fail "the delivery has several rows:" "$work/output"
 
+# A service that was renamed leaves a log that ends with a stop. The other service runs, later even
+# with the process id of the earlier one.
+two=$work/two
+mkdir "$two"
+sed 's/2026-11-26/2026-10-20/; s/9b43bfcf/aaaaaaaa/g' "$work/stopped.log" | head -n 2 > "$two/vxhost-20261020-0001.log"
+cp "$folder/service.log" "$two/OrvaneService-20261126-0001.log"
+exits 0 run --store "$store" history "$(windows "$two")" --utc --until 2026-11-26T05:38:32Z
+! grep -q 'did not run' "$work/output" && [ "$(grep -c ' aaaaaaaa .*dropped' "$work/output")" = 1 ] &&
+  [ "$(grep -c ' platform 1 *9b43bfcf ' "$work/output")" = 1 ] || fail "two services in a folder:" "$work/output"
+
 # Times are local unless they name a zone. Each day's log has an event at its start and one at noon.
 india() { (export TZ='<+0530>-5:30' && run "$@"); }
 for day in yesterday today; do
@@ -116,9 +126,13 @@ shows() {
 shows 1 ' platform 1 *faff689e .*waiting'
 sed -n "$((half + 1)),85p" "$folder/service.log" >> "$logs/Vx-20261126-0001.log"
 shows 1 ' platform 1 *faff689e .*ran: process 888'
-sed -n '86,$p' "$folder/service.log" > "$logs/Vx-20261126-0002.log"
+stopped=$(grep -n '"the module is stopped"' "$folder/service.log" | head -n 1 | cut -d: -f1)
+sed -n "86,${stopped}p" "$folder/service.log" > "$logs/Vx-20261126-0002.log"
+shows 1 ' platform 1 *9b43bfcf .*dropped: its service ended before it did'
+sed -n "$((stopped + 1)),\$p" "$folder/service.log" >> "$logs/Vx-20261126-0002.log"
 shows 2 '^2026-11-26T05:38:4.* service .*stopped'
 shows 1 ' platform 1 *0a4a3c1f .*ran: process 872'
+shows 1 ' platform 1 *9b43bfcf .*dropped: its service ended before it did'
 kill "$follower" 2> /dev/null
 expect 2 '--follow excludes --until' history "$logs" --follow --until today
 

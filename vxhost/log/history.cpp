@@ -204,9 +204,9 @@ void History::FollowService(const HistoryLine& line, std::int64_t moment) {
   const std::uint32_t process = line.line.process;
   Run& run = runs.try_emplace(line.service, Run{process, moment}).first->second;
   if (StartsModule(line.line)) {
+    EndProcess(process);  // an earlier one with the same id
     if (run.started || run.process != process) {
-      CutOff(run.process);
-      std::erase_if(open, [&](const auto& one) { return one.first.first == run.process; });
+      EndProcess(run.process);
       outages.push_back({run.last, moment});
       if (!run.stopped) {
         AddRow({TimeText(run.last, Zone::Utc),
@@ -293,13 +293,18 @@ void History::Add(const HistoryLine& line) {
 
 void History::CutOff(std::uint32_t process) {
   for (const auto& [delivery, index] : open) {
-    if (delivery.first != process) continue;
+    if (delivery.first != process || rows[index].failed) continue;
     changes.push_back(index);
     HistoryRow& row = rows[index];
     row.decision = NameOf(Decision::Dropped).text;
     row.detail = kCutOff;
     row.failed = true;
   }
+}
+
+void History::EndProcess(std::uint32_t process) {
+  CutOff(process);
+  std::erase_if(open, [&](const auto& one) { return one.first.first == process; });
 }
 
 std::vector<HistoryRow> History::Finish(const Period& within, std::int64_t now) {
@@ -339,9 +344,12 @@ std::vector<Period> History::Outages(const Period& within) const {
   constexpr std::int64_t kRestart = 1000;  // a plain restart takes less
   constexpr std::ptrdiff_t kMost = 3;
   std::vector<Period> all = outages;
+  // A service that was renamed or removed stays stopped, while another may run.
+  Period now{0, within.end};
   for (const auto& [service, run] : runs) {
-    if (run.stopped) all.push_back({run.last, within.end});
+    now.begin = std::max(now.begin, run.stopped ? run.last : within.end);
   }
+  if (!runs.empty()) all.push_back(now);
   for (Period& one : all) {
     one = {std::max(one.begin, within.begin), std::min(one.end, within.end)};
   }

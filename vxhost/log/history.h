@@ -118,6 +118,7 @@ class History {
   void AddHostLine(const HistoryLine& line, std::optional<std::int64_t> moment);
   // Marks the waiting deliveries of the process as dropped. Records of their end may still follow.
   void CutOff(std::uint32_t process);
+  void EndProcess(std::uint32_t process);
   HistoryRow& AddRow(HistoryRow row);
 
   std::vector<HistoryRow> rows;
