@@ -156,8 +156,8 @@ StopRequest::~StopRequest() {
   SetEvent(EndEvent());
 }
 
-void StopRequest::Wait(std::uint32_t milliseconds) {
-  WaitForSingleObject(StopEvent(), milliseconds);
+bool StopRequest::Wait(std::uint32_t milliseconds) {
+  return WaitForSingleObject(StopEvent(), milliseconds) == WAIT_OBJECT_0;
 }
 
 std::string MeaningOf(std::uint32_t code) {

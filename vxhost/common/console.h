@@ -47,8 +47,9 @@ class StopRequest {
   StopRequest& operator=(const StopRequest&) = delete;
   ~StopRequest();
 
-  // Waits for the request, for at most `milliseconds`, which may be INFINITE.
-  void Wait(std::uint32_t milliseconds);
+  // Waits for the request, for at most `milliseconds`, which may be INFINITE. Returns whether it
+  // came.
+  bool Wait(std::uint32_t milliseconds);
 };
 
 // Writes UTF-8, one whole line at a time. Thread-safe. Replaces control characters in text (see

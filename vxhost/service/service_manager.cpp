@@ -272,7 +272,10 @@ void ServiceManager::Start(const std::wstring& name) {
 
 void ServiceManager::Stop(const std::wstring& name) {
   const auto service = Open(name, SERVICE_STOP | SERVICE_QUERY_STATUS, "stop");
-  const DWORD processId = StatusOf(service, name).dwProcessId;
+  // While it starts, a service rejects the control.
+  const DWORD processId = AwaitWhile(service, name, [](DWORD state) {
+                            return state == SERVICE_START_PENDING;
+                          }).dwProcessId;
   const Platform::UniqueHandle process(processId == 0 ? nullptr
                                                       : OpenProcess(SYNCHRONIZE, FALSE, processId));
   SERVICE_STATUS last{};
