@@ -46,6 +46,9 @@ accept() {
 thumbprint=$(openssl x509 -in "$tree/tests/pki/ca.crt" -noout -fingerprint -sha1 | sed 's/.*=//; s/://g')
 is_trusted() { run reg query "HKLM\\Software\\Microsoft\\SystemCertificates\\ROOT\\Certificates\\$thumbprint"; }
 
+code=$(sed -n 's/.*kUpgradeCode.*{\(.*\)}.*/\1/p' "$(dirname "$0")/installer_rows.cpp")
+[ -n "$code" ] && grep -q "UpgradeCode=\"$code\"" "$(dirname "$0")/../packaging/make_msi.sh" ||
+  fail 'the kit does not recognize the MSI by its upgrade code'
 sh "$(dirname "$0")/make_kit.sh" "$tree" "$kit" || exit 1
 cd "$kit" || exit 1
 # The kit must not contain a private key, either as text or as bytes.
@@ -92,11 +95,13 @@ end_by() {
   "$emulator" "$prefix" acceptance.exe --yes console >/dev/null 2>&1 </dev/null &
   kit_process=$!
   tries=0
-  until [ -e "$programs/VxAcceptance/request.json" ] || [ $tries = 900 ]; do
+  until grep -qs 'power event 7' "$data"/Vx/Logs/VxAcceptance-*.log || [ $tries = 900 ]; do
     tries=$((tries + 1))
     sleep 0.1
   done
   is_trusted || fail "$1 comes too early or too late"
+  run acceptance.exe --yes module
+  grep -q 'already running' "$work/output" || fail 'a second kit runs at the same time'
   kill "-$1" $kit_process
   wait $kit_process 2>/dev/null
 }

@@ -1,118 +1,139 @@
 #include <chrono>
-#include <exception>
-#include <string>
+
+#include <windows.h>
+
+#include <msi.h>
 
 #include "acceptance/kit.h"
 #include "hosting/text.h"
+#include "vxhost/service/service_manager.h"
 
 namespace Vx::Acceptance {
 
 namespace {
 
-constexpr wchar_t kFolder[] = L"Vx";  // shared with the maker's other products
+constexpr wchar_t kMsi[] = L"msi\\OrvaneService.msi";
+constexpr wchar_t kPrevious[] = L"msi\\previous.msi";
+constexpr wchar_t kMsiNote[] = L"msi.note";  // a file, once a row has begun to install
 constexpr wchar_t kWithService[] = L" ADDLOCAL=ALL";
-
-bool ServiceIsInstalled() {
-  return Run(Tool(L"service status")).output.find("not installed") == std::string::npos;
-}
+// All versions of the product share it, as packaging/make_msi.sh says.
+constexpr wchar_t kUpgradeCode[] = L"{8D2B6A51-5C0E-4F0B-9A3C-6F6E1B1F9C27}";
 
 std::wstring Installed(const wchar_t* file) {
   return ProgramFiles(L"Vx\\OrvaneService\\") + file;
 }
 
-// The product under test. The destructor removes it with its data.
-class Product {
- public:
-  enum class Starts { Nothing, Service };
-  explicit Product(Starts starts) : wasThere(Exists(ProgramFiles(kFolder))) {
-    if (Exists(Installed(L"")) || ServiceIsInstalled()) {
-      throw NotTried("the product or its service is installed on this PC");
-    }
-    if (starts == Starts::Nothing) return;
-    NeedsFreePc();
-    NoteData();
-  }
-  Product(const Product&) = delete;
-  Product& operator=(const Product&) = delete;
-  ~Product() {
-    try {
-      RemoveMsi();
-      RemoveData();
-    } catch (const std::exception&) {  // NOLINT(bugprone-empty-catch): tried again at the end
-    }
-  }
-
-  static void Install(const wchar_t* name, const std::wstring& properties = {}) {
-    const std::wstring msi = KitFile(name);
-    NoteMsi(msi);
-    // Under Wine, no folder belongs to the administrators, as it must outside development.
-    const unsigned code = RunMsi(L"/i \"" + msi + L"\"" + properties +
-                                 (IsWine() ? L" SERVICEOPTIONS=--development" : L""));
-    Require(code == 0, "msiexec exits with " + std::to_string(code));
-    Require(Exists(Installed(L"OrvaneService.dll")), "it installs no module");
-  }
-
-  static std::string Exec(const wchar_t* command, const char* text) {
-    return Expect(L"\"" + Installed(L"vxhost.exe") + L"\" exec --service " + command, text);
-  }
-
-  void Remove() const {
-    Require(RemoveMsi(), "its removal fails");
-    Require(Eventually(std::chrono::seconds(20),
-                       [this] {
-                         return !Exists(wasThere ? Installed(L"") : ProgramFiles(kFolder)) &&
-                                !ServiceIsInstalled();
-                       }),
-            "its removal leaves a folder or the service");
-  }
-
- private:
-  bool wasThere;
-};
-
-void NeedsFile(const wchar_t* msi) {
-  if (!Exists(KitFile(msi))) throw NotTried("the kit has no " + Hosting::Utf8(msi));
+bool ServiceIsInstalled() {
+  return Hosting::Tool::ServiceManager().Query(L"OrvaneService").has_value();
 }
 
-constexpr wchar_t kMsi[] = L"msi\\OrvaneService.msi";
-constexpr wchar_t kPrevious[] = L"msi\\previous.msi";
+// Throws NotTried unless the kit has the MSI and this PC has no version of the product, which may
+// be in any folder.
+void Needs(const wchar_t* msi) {
+  if (!Exists(KitFile(msi))) throw NotTried("the kit has no " + Hosting::Utf8(msi));
+  wchar_t product[39];
+  if (Exists(Installed(L"")) || ServiceIsInstalled() ||
+      MsiEnumRelatedProductsW(kUpgradeCode, 0, 0, product) == ERROR_SUCCESS) {
+    throw NotTried("the product or its service is installed on this PC");
+  }
+}
+
+// Runs Windows Installer without its user interface. Returns its exit code, or 0 if Windows only
+// needs a restart.
+unsigned RunMsi(const wchar_t* verb, const wchar_t* msi, const std::wstring& properties = {}) {
+  unsigned code = 0;
+  // Windows may be busy with an update, or with a row that was ended.
+  Eventually(std::chrono::minutes(1), [&] {
+    code = Run(SystemProgram(L"msiexec.exe") + verb + InQuotes(KitFile(msi)) + properties +
+               L" /qn /norestart")
+               .code;
+    return code != ERROR_INSTALL_ALREADY_RUNNING;
+  });
+  switch (code) {
+    case ERROR_SUCCESS_REBOOT_REQUIRED:
+    case ERROR_SUCCESS_REBOOT_INITIATED:
+      return 0;
+    case ERROR_INSTALL_ALREADY_RUNNING:
+      throw NotTried("another installation is running");
+    case ERROR_INSTALL_PACKAGE_REJECTED:
+      throw NotTried("a policy of this PC forbids the installation");
+    default:
+      return code;
+  }
+}
+
+void Install(const wchar_t* msi, const std::wstring& properties = {}) {
+  Hosting::WriteTextFile(KitFile(kMsiNote), "");
+  // Under Wine, no folder belongs to the administrators, as it must outside development.
+  const unsigned code =
+      RunMsi(L" /i ", msi, properties + (IsWine() ? L" SERVICEOPTIONS=--development" : L""));
+  Require(code == 0, "msiexec exits with " + std::to_string(code));
+  Require(Exists(Installed(L"OrvaneService.dll")), "it installs no module");
+}
+
+std::string Exec(const wchar_t* command, const char* text) {
+  return Expect(InQuotes(Installed(L"vxhost.exe")) + L" exec --service " + command, text);
+}
+
+// Removes the MSI, with which `folder` and the service must go.
+void ExpectRemoval(const std::wstring& folder) {
+  RemoveMsi();
+  Require(Eventually(std::chrono::seconds(20),
+                     [&] { return !Exists(folder) && !ServiceIsInstalled(); }),
+          "its removal leaves a folder or the service");
+}
 
 }  // namespace
 
 std::string MsiInstalls() {
-  NeedsFile(kMsi);
-  const Product product(Product::Starts::Nothing);
-  Product::Install(kMsi);
+  Needs(kMsi);
+  // The maker's other products share the outer folder.
+  const std::wstring folder = Exists(ProgramFiles(L"Vx")) ? Installed(L"") : ProgramFiles(L"Vx");
+  Install(kMsi);
   Require(!ServiceIsInstalled(), "it installs a service that was not asked for");
   Require(Exists(Installed(L"docs\\operations.md")), "it installs no manual");
-  product.Remove();
+  ExpectRemoval(folder);
   return "installed and removed";
 }
 
 std::string MsiInstallsService() {
-  NeedsFile(kMsi);
-  const Product product(Product::Starts::Service);
-  Product::Install(kMsi, kWithService);
-  std::string version = Product::Exec(L"22", "getVersion");
-  product.Remove();
+  Needs(kMsi);
+  ClaimFreePc();
+  Install(kMsi, kWithService);
+  std::string version = Exec(L"22", "getVersion");
+  ExpectRemoval(ProgramFiles(L"Vx"));
   return version;
 }
 
 std::string MsiUpgrades() {
-  NeedsFile(kMsi);
-  NeedsFile(kPrevious);
-  const Product product(Product::Starts::Service);
-  Product::Install(kPrevious, kWithService);
-  const std::string older = Product::Exec(L"22", "getVersion");
-  Product::Exec(
+  Needs(kMsi);
+  Needs(kPrevious);
+  ClaimFreePc();
+  Install(kPrevious, kWithService);
+  const std::string older = Exec(L"22", "getVersion");
+  Exec(
       LR"(9 "{\"powerEventType\":7,\"eventAction\":1,\"commandParams\":{\"path\":\"C:\\kept.exe\"}}")",
       "(stored)");
-  Product::Install(kMsi, kWithService);
-  std::string newer = Product::Exec(L"22", "getVersion");
+  Install(kMsi, kWithService);
+  std::string newer = Exec(L"22", "getVersion");
   Require(newer != older, "after the upgrade the service still answers " + older);
-  Product::Exec(L"20", "kept.exe");
-  product.Remove();
+  Exec(L"20", "kept.exe");
+  ExpectRemoval(ProgramFiles(L"Vx"));
   return newer;
+}
+
+void RemoveMsi() {
+  if (!Exists(KitFile(kMsiNote))) return;
+  for (const wchar_t* msi : {kMsi, kPrevious}) {
+    if (!Exists(KitFile(msi))) continue;
+    const unsigned code = RunMsi(L" /x ", msi);
+    // At most one of them is installed.
+    Require(code == 0 || code == ERROR_UNKNOWN_PRODUCT,
+            "the MSI cannot be removed: msiexec exits with " + std::to_string(code));
+  }
+  // Wine does not delete the folder. A folder that is not empty is kept.
+  if (IsWine()) RemoveDirectoryW(ProgramFiles(L"Vx").c_str());
+  DeleteFileW(KitFile(kMsiNote).c_str());
 }
 
 }  // namespace Vx::Acceptance

@@ -1,9 +1,10 @@
 #pragma once
 
 #include <chrono>
+#include <optional>
 #include <stdexcept>
 #include <string>
-#include <vector>
+#include <thread>
 
 #include "platform/unique_handle.h"
 
@@ -13,16 +14,16 @@ enum class Account {
   User,           // the desktop's user, without administrator rights
   Administrator,  // the account of this program
   System,         // SYSTEM, in a scheduled task
-  Console,        // SYSTEM at the console: a subscribed program, started by the installed service
 };
 
 // One check. `run` returns what it observed. It throws NotTried if this PC does not allow the
-// check, and another exception if the check fails. Runs in its own process, from the kit's folder.
+// check, and another exception if the check fails. Runs in its own process. UndoRow removes what it
+// leaves.
 struct Row {
   const char* name;
   Account account;
-  const char* sentence;  // what the check does, for the tester
   std::string (*run)();
+  const char* sentence;  // what the check does, for the tester
 };
 
 struct NotTried : std::runtime_error {
@@ -50,30 +51,29 @@ std::string FailureIsInTheEventLog();
 std::string ServiceLives();
 std::string ProgramRunsAtTheConsole();
 std::string PowerShellIsAnswered();
+void RemoveService();
 // installer_rows.cpp: the MSI.
 std::string MsiInstalls();
 std::string MsiInstallsService();
 std::string MsiUpgrades();
+void RemoveMsi();
 
 // pc.cpp: this PC, and programs that run on it.
+
+// The name of the kit's service and task, and of its folders: one in %ProgramFiles%, where only
+// administrators can write, and one in %ProgramData%, for the results of rows that run as the user.
+inline constexpr wchar_t kKitName[] = L"VxAcceptance";
 
 // Returns whether this is Wine. Wine has one account and trusts any certificate, so rows for other
 // accounts run directly there.
 bool IsWine();
 void NeedsWindows(const char* whatWineLacks);  // throws NotTried under Wine
-bool IsElevated();
-std::string WindowsBuild();
-// Returns whether Smart App Control blocks programs without a known signature.
-bool SmartAppControlBlocks();
 bool Exists(const std::wstring& path);
+std::wstring InQuotes(const std::wstring& path);
 std::wstring ProgramFiles(const wchar_t* name);  // a path in %ProgramFiles%
 std::wstring ProgramData(const wchar_t* name);
 std::wstring SystemProgram(const wchar_t* name);  // the quoted path
-// The kit's folder in %ProgramFiles%, where only administrators can write, and a file in it.
-std::wstring KitFolder();
-std::wstring KitFile(const wchar_t* name);
-// The folder in %ProgramData% in which a row that runs as the user leaves its result.
-std::wstring UserFolder();
+std::wstring KitFile(const wchar_t* name);        // a path in the kit's folder of programs
 
 struct Finished {
   unsigned code;
@@ -85,49 +85,49 @@ Finished Run(const std::wstring& commandLine);
 std::string Expect(const std::wstring& commandLine, const std::string& text = {});
 // The command line of the kit's vxhost.
 std::wstring Tool(const std::wstring& arguments);
+// The arguments of vxhost that subscribe `program` to a power event. The program then writes how it
+// was started to the file `report`.
+std::wstring Subscribing(int event, const std::wstring& program, const std::wstring& report);
 
-// Start a program as this account, or as the desktop's user. StartAsUser throws NotTried if there
-// is no desktop.
-Platform::UniqueHandle Start(const std::wstring& commandLine);
-Platform::UniqueHandle StartAsUser(const std::wstring& commandLine);
+// Starts the kit's program, as SYSTEM in a scheduled task. Returns null for the task. Throws
+// NotTried if no user is at the desktop.
+Platform::UniqueHandle StartKit(Account account, const std::wstring& arguments);
 bool HasEnded(const Platform::UniqueHandle& process);
-// Runs a program as SYSTEM in a scheduled task. EndTask stops and deletes the task.
-void StartTask(const std::wstring& program, const std::wstring& arguments);
+// Terminate what these have started.
+void EndPrograms();
 void EndTask();
-// Terminates the programs that Run and Start started. Then only this thread can start a program.
-void EndPrograms() noexcept;
 
 // Returns whether `condition` becomes true within `limit`.
 template <typename Condition>
-bool Eventually(std::chrono::milliseconds limit, Condition condition);
-void Pause(std::chrono::milliseconds length);
+bool Eventually(std::chrono::milliseconds limit, Condition condition) {
+  const auto end = std::chrono::steady_clock::now() + limit;
+  while (!condition()) {
+    if (std::chrono::steady_clock::now() >= end) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  }
+  return true;
+}
 
 // footprint.cpp: what the kit adds to the PC, and what it must not change.
 
-// Removes everything that any kit adds: the test authority's certificate, the task, the service,
-// the MSI, their data, and the kit's folders. Call with GoOn at the start, because an earlier kit
-// may have been killed, and with Nothing whenever the kit exits, so that nothing more can be added.
+void TrustAuthority();
+// Removes what a row added: its programs, the task, the service, the MSI and their data.
+void UndoRow();
+// Removes everything that any kit adds, which also includes the test authority's certificate and
+// the kit's folders. Call this at the start too, because an earlier kit may have been killed.
 // Returns why something could not be removed, or an empty string.
-enum class Then { GoOn, Nothing };
-std::string RemoveFootprint(Then then) noexcept;
-void CopyKit(const std::wstring& source);
-void TrustAuthority();  // undone by RemoveFootprint
-// The tester's consent to a firmware change, which cannot be undone.
-void AllowFirmware();
-bool FirmwareIsAllowed();
+std::string RemoveFootprint();
+
+// The tester's consent to a firmware change, which cannot be undone: a file in the kit's folder.
+inline constexpr wchar_t kFirmwareNote[] = L"firmware.note";
+// Returns whether the firmware has a born-on date, or nothing if it is not the maker's. Throws
+// std::exception if the firmware cannot be read.
+std::optional<bool> BornOnDateInFirmware();
 // Throws NotTried if starting the module could change what belongs to this PC: existing data and
-// programs in its Vx folders or, unless allowed, the born-on date in its firmware.
+// programs in its Vx folders or, unless allowed, the born-on date in its firmware. Otherwise,
+// UndoRow removes the data that the module keeps there.
 enum class Firmware { AtStake, Untouched };
-void NeedsFreePc(Firmware firmware = Firmware::AtStake);
-// Record that the kit is about to create the services' data, or to install this MSI. RemoveData and
-// RemoveMsi remove only what has been recorded.
-void NoteData();
-void NoteMsi(const std::wstring& msi);
-void RemoveData();
-bool RemoveMsi();  // false if Windows Installer fails
-// Runs msiexec without its user interface. Returns its exit code, or 0 if Windows only needs a
-// restart. Throws NotTried if another installation is running.
-unsigned RunMsi(const std::wstring& arguments);
+void ClaimFreePc(Firmware firmware = Firmware::AtStake);
 
 // report.cpp
 
@@ -138,15 +138,5 @@ inline constexpr char kNotTried[] = "NOT TRIED";
 std::string LineOf(const char* word, const char* name, const std::string& reason);
 // The exact builds of Windows and of the kit's programs.
 std::string Builds();
-
-template <typename Condition>
-bool Eventually(std::chrono::milliseconds limit, Condition condition) {
-  constexpr std::chrono::milliseconds kStep{50};
-  for (; !condition(); limit -= kStep) {
-    if (limit <= kStep) return false;
-    Pause(kStep);
-  }
-  return true;
-}
 
 }  // namespace Vx::Acceptance

@@ -1,5 +1,4 @@
 #include <array>
-#include <atomic>
 #include <memory>
 
 #include <windows.h>
@@ -15,12 +14,8 @@ namespace Vx::Acceptance {
 namespace {
 
 using Hosting::Utf8;
-using Hosting::Wide;
 using Hosting::WindowsError;
 using Platform::UniqueHandle;
-
-constexpr wchar_t kName[] = L"VxAcceptance";
-constexpr wchar_t kWindowsKey[] = LR"(SOFTWARE\Microsoft\Windows NT\CurrentVersion)";
 
 // By default, a task does not start on battery power or while an earlier instance is ending, and
 // runs at less than normal priority:
@@ -33,6 +28,7 @@ constexpr wchar_t kTask[] =
 <DisallowStartIfOnBatteries>false</DisallowStartIfOnBatteries>
 <StopIfGoingOnBatteries>false</StopIfGoingOnBatteries><Priority>5</Priority></Settings>
 <Actions Context="P"><Exec><Command>)";
+constexpr wchar_t kTaskFile[] = L"task.xml";
 
 std::wstring KnownFolder(const GUID& id) {
   wchar_t* raw = nullptr;
@@ -42,53 +38,43 @@ std::wstring KnownFolder(const GUID& id) {
   return raw;
 }
 
-std::wstring BuildText(const wchar_t* value) {
-  std::array<wchar_t, 128> text{};
-  DWORD size = sizeof text;
-  RegGetValueW(HKEY_LOCAL_MACHINE, kWindowsKey, value, RRF_RT_REG_SZ, nullptr, text.data(), &size);
-  return text.data();
-}
-
-DWORD MachineNumber(const wchar_t* key, const wchar_t* value) {
-  DWORD number = 0;
-  DWORD size = sizeof number;
-  RegGetValueW(HKEY_LOCAL_MACHINE, key, value, RRF_RT_REG_DWORD, nullptr, &number, &size);
-  return number;
-}
-
-// Windows closes a job when the process that created it exits, even if it is killed, and then
-// terminates the programs in the job. Their child processes leave the job, because all processes of
-// a job share one session, and the module starts programs in another:
+// The job of the programs that this one starts. Windows closes it when this process exits, even if
+// it is killed, and then terminates them. Their child processes leave the job, because all
+// processes of a job share one session, and the module starts programs in another:
 // https://learn.microsoft.com/windows/win32/api/jobapi2/nf-jobapi2-assignprocesstojobobject
-HANDLE MakeJob() {
-  HANDLE const job = CreateJobObjectW(nullptr, nullptr);
-  JOBOBJECT_EXTENDED_LIMIT_INFORMATION limits{};
-  limits.BasicLimitInformation.LimitFlags =
-      JOB_OBJECT_LIMIT_KILL_ON_JOB_CLOSE | JOB_OBJECT_LIMIT_SILENT_BREAKAWAY_OK;
-  SetInformationJobObject(job, JobObjectExtendedLimitInformation, &limits, sizeof limits);
-  return job;
-}
-
-// The job of the programs that this one starts.
 HANDLE Job() {
-  static HANDLE const job = MakeJob();
+  static HANDLE const job = [] {
+    HANDLE const made = CreateJobObjectW(nullptr, nullptr);
+    JOBOBJECT_EXTENDED_LIMIT_INFORMATION limits{};
+    limits.BasicLimitInformation.LimitFlags =
+        JOB_OBJECT_LIMIT_KILL_ON_JOB_CLOSE | JOB_OBJECT_LIMIT_SILENT_BREAKAWAY_OK;
+    SetInformationJobObject(made, JobObjectExtendedLimitInformation, &limits, sizeof limits);
+    return made;
+  }();
   return job;
 }
 
-std::atomic<DWORD> endingThread{0};
-
-UniqueHandle StartWith(std::wstring commandLine, HANDLE output) {
-  if (endingThread != 0 && endingThread != GetCurrentThreadId()) {
-    throw std::runtime_error("the kit is ending");
-  }
+// Starts a program as the user of `token`, or as this account if null. Ctrl+C does not reach it,
+// because it would also end the programs that clean up.
+UniqueHandle StartWith(std::wstring commandLine, HANDLE token, HANDLE output) {
   STARTUPINFOW startup{};
   startup.cb = sizeof startup;
   startup.dwFlags = output != nullptr ? STARTF_USESTDHANDLES : 0;
   startup.hStdOutput = startup.hStdError = output;
   PROCESS_INFORMATION started{};
-  if (CreateProcessW(nullptr, commandLine.data(), nullptr, nullptr, output != nullptr, 0, nullptr,
-                     nullptr, &startup, &started) == FALSE) {
-    throw WindowsError("cannot start " + Utf8(commandLine), GetLastError());
+  const BOOL done =
+      token != nullptr
+          ? CreateProcessWithTokenW(token, 0, nullptr, commandLine.data(),
+                                    CREATE_NO_WINDOW | CREATE_UNICODE_ENVIRONMENT, nullptr,
+                                    ProgramFiles(kKitName).c_str(), &startup, &started)
+          : CreateProcessW(nullptr, commandLine.data(), nullptr, nullptr, output != nullptr,
+                           CREATE_NEW_PROCESS_GROUP, nullptr, nullptr, &startup, &started);
+  if (done == FALSE) {
+    const DWORD error = GetLastError();
+    // The service that starts programs as another user may be disabled.
+    if (token != nullptr)
+      throw NotTried("Windows starts nothing as the user: " + std::to_string(error));
+    throw WindowsError("cannot start " + Utf8(commandLine), error);
   }
   UniqueHandle process(started.hProcess);
   const UniqueHandle thread(started.hThread);
@@ -97,7 +83,32 @@ UniqueHandle StartWith(std::wstring commandLine, HANDLE output) {
 }
 
 std::wstring TaskCommand(const wchar_t* verb) {
-  return SystemProgram(L"schtasks.exe") + L" " + verb + L" /tn " + kName;
+  return SystemProgram(L"schtasks.exe") + L" " + verb + L" /tn " + kKitName;
+}
+
+void StartTask(const std::wstring& program, const std::wstring& arguments) {
+  const std::wstring file = KitFile(kTaskFile);
+  const std::wstring text = L"\xFEFF" + (kTask + program) + L"</Command><Arguments>" + arguments +
+                            L"</Arguments></Exec></Actions></Task>";
+  // The task scheduler expects UTF-16.
+  Hosting::WriteTextFile(
+      file, std::string(reinterpret_cast<const char*>(text.data()), text.size() * sizeof(wchar_t)));
+  Expect(TaskCommand(L"/create") + L" /f /xml " + InQuotes(file));
+  Expect(TaskCommand(L"/run"));
+}
+
+// The shell has the token of the desktop's user, even if another account approved the elevation:
+// https://learn.microsoft.com/windows/win32/api/winbase/nf-winbase-createprocesswithtokenw
+UniqueHandle DesktopToken() {
+  DWORD id = 0;
+  GetWindowThreadProcessId(GetShellWindow(), &id);
+  const UniqueHandle shell(OpenProcess(PROCESS_QUERY_LIMITED_INFORMATION, FALSE, id));
+  HANDLE raw = nullptr;
+  constexpr DWORD kAccess = TOKEN_QUERY | TOKEN_DUPLICATE | TOKEN_ASSIGN_PRIMARY;
+  if (shell == nullptr || OpenProcessToken(shell.get(), kAccess, &raw) == FALSE) {
+    throw NotTried("there is no desktop whose user could run it");
+  }
+  return UniqueHandle(raw);
 }
 
 }  // namespace
@@ -110,32 +121,12 @@ void NeedsWindows(const char* whatWineLacks) {
   if (IsWine()) throw NotTried(std::string("this is Wine: ") + whatWineLacks);
 }
 
-bool IsElevated() {
-  HANDLE raw = nullptr;
-  if (OpenProcessToken(GetCurrentProcess(), TOKEN_QUERY, &raw) == FALSE) return false;
-  const UniqueHandle token(raw);
-  TOKEN_ELEVATION elevation{};
-  DWORD size = 0;
-  return GetTokenInformation(raw, TokenElevation, &elevation, sizeof elevation, &size) != FALSE &&
-         elevation.TokenIsElevated != 0;
-}
-
-std::string WindowsBuild() {
-  // Omits ProductName, which is "Windows 10" even on Windows 11.
-  return Utf8((IsWine() ? L"Wine, as Windows " : L"Windows ") + BuildText(L"DisplayVersion") +
-              L" " + BuildText(L"EditionID") + L", build " + BuildText(L"CurrentBuild") + L"." +
-              std::to_wstring(MachineNumber(kWindowsKey, L"UBR")));
-}
-
-// 1 means that it blocks, 2 that it only evaluates:
-// https://learn.microsoft.com/windows/apps/develop/smart-app-control/test-your-app-with-smart-app-control
-bool SmartAppControlBlocks() {
-  return MachineNumber(LR"(SYSTEM\CurrentControlSet\Control\CI\Policy)",
-                       L"VerifiedAndReputablePolicyState") == 1;
-}
-
 bool Exists(const std::wstring& path) {
   return GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES;
+}
+
+std::wstring InQuotes(const std::wstring& path) {
+  return L"\"" + path + L"\"";
 }
 
 std::wstring ProgramFiles(const wchar_t* name) {
@@ -147,19 +138,11 @@ std::wstring ProgramData(const wchar_t* name) {
 }
 
 std::wstring SystemProgram(const wchar_t* name) {
-  return L"\"" + KnownFolder(FOLDERID_System) + L"\\" + name + L"\"";
-}
-
-std::wstring KitFolder() {
-  return ProgramFiles(kName);
+  return InQuotes(KnownFolder(FOLDERID_System) + L"\\" + name);
 }
 
 std::wstring KitFile(const wchar_t* name) {
-  return KitFolder() + L"\\" + name;
-}
-
-std::wstring UserFolder() {
-  return ProgramData(kName);
+  return ProgramFiles(kKitName) + L"\\" + name;
 }
 
 Finished Run(const std::wstring& commandLine) {
@@ -172,7 +155,7 @@ Finished Run(const std::wstring& commandLine) {
   const UniqueHandle read(rawRead);
   UniqueHandle write(rawWrite);
   SetHandleInformation(rawRead, HANDLE_FLAG_INHERIT, 0);
-  const UniqueHandle process = StartWith(commandLine, write.get());
+  const UniqueHandle process = StartWith(commandLine, nullptr, write.get());
   write.reset();
   Finished finished{};
   std::array<char, 4096> part{};
@@ -201,66 +184,38 @@ std::string Expect(const std::wstring& commandLine, const std::string& text) {
 }
 
 std::wstring Tool(const std::wstring& arguments) {
-  return L"\"" + KitFile(L"bin\\vxhost.exe") + L"\" " + arguments;
+  return InQuotes(KitFile(L"bin\\vxhost.exe")) + L" " + arguments;
 }
 
-UniqueHandle Start(const std::wstring& commandLine) {
-  return StartWith(commandLine, nullptr);
+std::wstring Subscribing(int event, const std::wstring& program, const std::wstring& report) {
+  return L"subscriptions add --force --power " + std::to_wstring(event) + L" --run " +
+         InQuotes(program) + L" --arguments \"\\\"" + report + L"\\\"\"";
 }
 
-// The shell has the token of the desktop's user, even if another account approved the elevation:
-// https://learn.microsoft.com/windows/win32/api/winbase/nf-winbase-createprocesswithtokenw
-UniqueHandle StartAsUser(const std::wstring& commandLine) {
-  DWORD id = 0;
-  GetWindowThreadProcessId(GetShellWindow(), &id);
-  const UniqueHandle shell(OpenProcess(PROCESS_QUERY_LIMITED_INFORMATION, FALSE, id));
-  HANDLE raw = nullptr;
-  constexpr DWORD kAccess = TOKEN_QUERY | TOKEN_DUPLICATE | TOKEN_ASSIGN_PRIMARY;
-  if (shell == nullptr || OpenProcessToken(shell.get(), kAccess, &raw) == FALSE) {
-    throw NotTried("there is no desktop whose user could run it");
-  }
-  const UniqueHandle token(raw);
-  STARTUPINFOW startup{};
-  startup.cb = sizeof startup;
-  std::wstring line = commandLine;
-  PROCESS_INFORMATION started{};
-  if (CreateProcessWithTokenW(raw, 0, nullptr, line.data(),
-                              CREATE_NO_WINDOW | CREATE_UNICODE_ENVIRONMENT, nullptr, nullptr,
-                              &startup, &started) == FALSE) {
-    throw WindowsError("cannot start it as the user", GetLastError());
-  }
-  const UniqueHandle thread(started.hThread);
-  return UniqueHandle(started.hProcess);
+UniqueHandle StartKit(Account account, const std::wstring& arguments) {
+  const std::wstring program = KitFile(L"acceptance.exe");
+  const std::wstring line = InQuotes(program) + L" " + arguments;
+  if (account == Account::Administrator || IsWine()) return StartWith(line, nullptr, nullptr);
+  if (account == Account::User) return StartWith(line, DesktopToken().get(), nullptr);
+  StartTask(program, arguments);
+  return nullptr;
 }
 
 bool HasEnded(const UniqueHandle& process) {
   return WaitForSingleObject(process.get(), 0) == WAIT_OBJECT_0;
 }
 
-void StartTask(const std::wstring& program, const std::wstring& arguments) {
-  const std::wstring file = KitFile(L"task.xml");
-  const std::wstring text = L"\xFEFF" + (kTask + Wide(Hosting::Markup(Utf8(program)))) +
-                            L"</Command><Arguments>" + Wide(Hosting::Markup(Utf8(arguments))) +
-                            L"</Arguments></Exec></Actions></Task>";
-  // The task scheduler expects UTF-16.
-  Hosting::WriteTextFile(
-      file, std::string(reinterpret_cast<const char*>(text.data()), text.size() * sizeof(wchar_t)));
-  Expect(TaskCommand(L"/create") + L" /f /xml \"" + file + L"\"");
-  Expect(TaskCommand(L"/run"));
+void EndPrograms() {
+  TerminateJobObject(Job(), 1);
+  std::this_thread::sleep_for(std::chrono::milliseconds(50));  // until their own jobs end too
 }
 
 void EndTask() {
+  if (!Exists(KitFile(kTaskFile))) return;
   Run(TaskCommand(L"/end"));
   Run(TaskCommand(L"/delete") + L" /f");
-}
-
-void EndPrograms() noexcept {
-  endingThread = GetCurrentThreadId();
-  TerminateJobObject(Job(), 1);
-}
-
-void Pause(std::chrono::milliseconds length) {
-  Sleep(static_cast<DWORD>(length.count()));
+  Require(Run(TaskCommand(L"/query")).code != 0, "the task VxAcceptance cannot be deleted");
+  DeleteFileW(KitFile(kTaskFile).c_str());
 }
 
 }  // namespace Vx::Acceptance

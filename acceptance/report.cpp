@@ -1,58 +1,63 @@
-#include <fstream>
+#include <cstddef>
+#include <cstdio>
 #include <iterator>
+#include <sstream>
+#include <vector>
+
+#include <windows.h>
 
 #include "acceptance/kit.h"
 #include "hosting/text.h"
 #include "platform/files.h"
 #include "platform/machine.h"
+#include "platform/registry.h"
 
 namespace Vx::Acceptance {
 
 namespace {
 
-std::string Hex(const unsigned char* bytes, std::size_t size) {
-  std::string text;
-  for (std::size_t i = 0; i < size; ++i) {
-    constexpr char kDigits[] = "0123456789abcdef";
-    text += kDigits[bytes[i] >> 4];
-    text += kDigits[bytes[i] & 0xF];
-  }
-  return text;
-}
+constexpr wchar_t kWindowsKey[] = LR"(SOFTWARE\Microsoft\Windows NT\CurrentVersion)";
+// The processor's own architecture, which a process that is emulated on ARM64 does not see.
+constexpr wchar_t kEnvironmentKey[] =
+    LR"(SYSTEM\CurrentControlSet\Control\Session Manager\Environment)";
 
-// Returns the build ID that identifies the PDB, as the linker wrote it.
-std::string BuildId(const std::wstring& path) {
-  std::ifstream file(path.c_str(), std::ios::binary);
-  const std::string content(std::istreambuf_iterator<char>(file), {});
-  constexpr std::size_t kIdSize = 16;
-  const std::size_t found = content.find("RSDS");
-  if (found == std::string::npos || content.size() - found < 4 + kIdSize) return "none";
-  return Hex(reinterpret_cast<const unsigned char*>(content.data()) + found + 4, kIdSize);
+std::wstring MachineText(const wchar_t* key, const wchar_t* value) {
+  const auto found = Platform::CurrentMachine().registry->Read(key, value);
+  return found ? Platform::TextOf(*found) : std::wstring();
 }
 
 }  // namespace
 
 std::string LineOf(const char* word, const char* name, const std::string& reason) {
   std::string line = Hosting::Cell(word, std::size(kNotTried) + 1) + name + ":";
-  // Collapses white space, so that the output of a program becomes one line.
-  bool blank = true;
-  for (const char letter : reason) {
-    const bool space = letter == ' ' || letter == '\r' || letter == '\n';
-    if (!space) line += (blank ? " " : "") + std::string(1, letter);
-    blank = space;
-  }
+  // The output of a program becomes one line.
+  std::istringstream words(reason);
+  for (std::string text; words >> text;) line += " " + text;
   return Hosting::Printable(line, Hosting::LineBreaks::Replace);
 }
 
 std::string Builds() {
-  std::string text = WindowsBuild() + "\n";
+  DWORD revision = 0;
+  DWORD size = sizeof revision;
+  RegGetValueW(HKEY_LOCAL_MACHINE, kWindowsKey, L"UBR", RRF_RT_REG_DWORD, nullptr, &revision,
+               &size);
+  // Omits ProductName, which is "Windows 10" even on Windows 11.
+  std::string text = Hosting::Utf8(
+      (IsWine() ? L"Wine, as Windows " : L"Windows ") +
+      MachineText(kWindowsKey, L"DisplayVersion") + L" " + MachineText(kWindowsKey, L"EditionID") +
+      L" " + MachineText(kEnvironmentKey, L"PROCESSOR_ARCHITECTURE") + L", build " +
+      MachineText(kWindowsKey, L"CurrentBuild") + L"." + std::to_wstring(revision) + L"\n");
   for (const wchar_t* name : {L"OrvaneService.dll", L"OrvaneHost.exe", L"vxhost.exe"}) {
     const std::wstring path = KitFile(L"bin\\") + name;
     const auto digest = Platform::CurrentMachine().files->Sha256(path);
-    text += Hosting::Utf8(name) + " " VX_VERSION " SHA-256 " +
-            (digest ? Hex(reinterpret_cast<const unsigned char*>(digest->data()), digest->size())
-                    : "unknown") +
-            " build id " + BuildId(path) + "\n";
+    text += Hosting::Utf8(name) + " " VX_VERSION " SHA-256 ";
+    for (const std::byte byte : digest ? *digest : std::vector<std::byte>()) {
+      char digits[3];
+      static_cast<void>(
+          std::snprintf(digits, sizeof digits, "%02x", std::to_integer<unsigned>(byte)));
+      text += digits;
+    }
+    text += "\n";
   }
   return text;
 }
