@@ -107,6 +107,7 @@ end_by() {
 }
 end_by INT # Ctrl+C
 is_trusted && fail 'Ctrl+C leaves the test authority trusted'
+grep -q 'ended before its last row' report.txt && ! grep -q '^FAIL' report.txt || fail 'Ctrl+C fails a row'
 [ ! -e "$programs/VxAcceptance" ] || fail 'Ctrl+C leaves the folder'
 unchanged 'Ctrl+C'
 end_by KILL

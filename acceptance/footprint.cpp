@@ -116,11 +116,11 @@ void TrustAuthority() {
 
 void UndoRow() {
   // What fails here is tried again by RemoveFootprint.
-  Do({&EndPrograms, &EndTask, &RemoveService, &RemoveMsi, &RemoveData});
+  Do({&EndTask, &EndPrograms, &RemoveService, &RemoveMsi, &RemoveData});
 }
 
 std::string RemoveFootprint() {
-  const std::string left = Do({&RemoveAuthority, &EndPrograms, &EndTask, &RemoveService, &RemoveMsi,
+  const std::string left = Do({&RemoveAuthority, &EndTask, &EndPrograms, &RemoveService, &RemoveMsi,
                                &RemoveData, &RemoveUserFolder});
   // Last, because the notes in this folder record what else must be removed.
   return left.empty() ? Do({[] { RemoveTree(ProgramFiles(kKitName)); }}) : left;

@@ -207,7 +207,7 @@ bool HasEnded(const UniqueHandle& process) {
 
 void EndPrograms() {
   TerminateJobObject(Job(), 1);
-  std::this_thread::sleep_for(std::chrono::milliseconds(50));  // until their own jobs end too
+  std::this_thread::sleep_for(std::chrono::milliseconds(50));  // until all have exited
 }
 
 void EndTask() {

@@ -1,4 +1,6 @@
 #include <chrono>
+#include <stdexcept>
+#include <string>
 
 #include <windows.h>
 
@@ -105,11 +107,17 @@ std::string PowerShellIsAnswered() {
   NeedsWindows("it has no PowerShell");
   Install(Firmware::AtStake);
   Start();
-  return Expect(SystemProgram(L"WindowsPowerShell\\v1.0\\powershell.exe") +
-                    L" -NoProfile -NonInteractive -ExecutionPolicy Bypass -Command \"& '" +
-                    KitFile(L"clients\\vx_client.ps1") +
-                    L"' -Id 22 -Request '{}' -Service VxAcceptance | ConvertTo-Json -Compress\"",
-                "getVersion");
+  try {
+    return Expect(SystemProgram(L"WindowsPowerShell\\v1.0\\powershell.exe") +
+                      L" -NoProfile -NonInteractive -ExecutionPolicy Bypass -Command \"& '" +
+                      KitFile(L"clients\\vx_client.ps1") +
+                      L"' -Id 22 -Request '{}' -Service VxAcceptance | ConvertTo-Json -Compress\"",
+                  "getVersion");
+  } catch (const std::runtime_error& error) {
+    // Group policy overrides the argument. The name of the exception is the same in any language.
+    if (std::string(error.what()).find("PSSecurityException") == std::string::npos) throw;
+    throw NotTried("a policy of this PC forbids PowerShell scripts");
+  }
 }
 
 void RemoveService() {
