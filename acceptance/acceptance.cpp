@@ -40,8 +40,7 @@ constexpr Row kRows[] = {
      "runs a host that is built for Microsoft's binary interface"},
     {"slots", System, SlotsWork,
      "calls each slot of the module, kept from the firmware, and frees it"},
-    {"subscription", Administrator, SubscriptionIsKept,
-     "stores, lists and removes a subscription"},
+    {"subscription", Administrator, SubscriptionIsKept, "stores, lists and removes a subscription"},
     {"trust", System, OnlyPinnedProgramsRun,
      "subscribes programs, of which only a pinned one in a protected place may run"},
     {"catalog", System, CatalogIsVerified, "has the module verify wldp.dll, which Microsoft signs"},
@@ -128,6 +127,17 @@ void RunRows(const std::set<const Row*>& rows, StopRequest& stop, std::vector<st
 }
 
 bool Agrees(const Options& options) {
+  // 1 means that it blocks, 2 that it only evaluates:
+  // https://learn.microsoft.com/windows/apps/develop/smart-app-control/test-your-app-with-smart-app-control
+  DWORD smartAppControl = 0;
+  DWORD size = sizeof smartAppControl;
+  RegGetValueW(HKEY_LOCAL_MACHINE, LR"(SYSTEM\CurrentControlSet\Control\CI\Policy)",
+               L"VerifiedAndReputablePolicyState", RRF_RT_REG_DWORD, nullptr, &smartAppControl,
+               &size);
+  if (smartAppControl == 1) {
+    std::cout << "WARNING: Smart App Control is on and blocks programs without a known signature, "
+                 "like those of this kit.\nUse a PC on which it is off.\n\n";
+  }
   // https://learn.microsoft.com/windows/win32/api/taskschd/nf-taskschd-iprincipal-get_logontype
   SYSTEM_POWER_STATUS power{};  // Reserved1 is SystemStatusFlag in a newer <winbase.h>
   if (GetSystemPowerStatus(&power) != FALSE && power.Reserved1 == 1) {

@@ -40,7 +40,11 @@ void ExpectRefused(const wchar_t* store, std::initializer_list<std::wstring> ref
   if (allowed.empty() || Exists(allowed + kReport)) return;
   // All processes of a job are in one session, which applies to a task's programs if its job allows
   // no breakaway. https://learn.microsoft.com/windows/win32/procthread/job-objects
-  if (seen.find("Windows refused (status 0x00000005)") != std::string::npos) {
+  JOBOBJECT_EXTENDED_LIMIT_INFORMATION job{};
+  if (seen.find("Windows refused (status 0x00000005)") != std::string::npos &&
+      QueryInformationJobObject(nullptr, JobObjectExtendedLimitInformation, &job, sizeof job,
+                                nullptr) != FALSE &&
+      (job.BasicLimitInformation.LimitFlags & JOB_OBJECT_LIMIT_SILENT_BREAKAWAY_OK) == 0) {
     throw NotTried("from this task, Windows starts no program in another session");
   }
   Require(false, Utf8(allowed) + " did not run: " + seen);
