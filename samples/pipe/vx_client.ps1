@@ -62,11 +62,11 @@ $pipe = New-Object System.IO.Pipes.NamedPipeClientStream ([IO.Pipes.PipeDirectio
 try {
   [uint32] $server = 0
   if (-not [VxSample.Native]::GetNamedPipeServerProcessId($handle, [ref] $server)) {
-    throw 'the process of the pipe is unknown; nothing was sent'
+    throw 'the process of the pipe is unknown, so nothing was sent'
   }
   $running = (Get-CimInstance Win32_Service -Filter "Name='$Service'").ProcessId
   if ($server -eq 0 -or $server -ne $running) {
-    throw "process $server has the pipe and is not the service; nothing was sent"
+    throw "process $server has the pipe and is not the service, so nothing was sent"
   }
   # The process that created the pipe may have ended, and the service may have reused its id.
   $sid = $descriptor = [IntPtr]::Zero

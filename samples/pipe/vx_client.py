@@ -118,7 +118,7 @@ def execute(service, message):
         server = wintypes.DWORD()
         check(kernel.GetNamedPipeServerProcessId(pipe, ctypes.byref(server)))
         if server.value == 0 or server.value != process_of_service():
-            raise OSError("process %d has the pipe and is not the service; nothing was sent" % server.value)
+            raise OSError("process %d has the pipe and is not the service, so nothing was sent" % server.value)
         # The process that created the pipe may have ended, and the service may have reused its id.
         owner = owner_of(pipe)
         if owner not in OWNERS:

@@ -18,7 +18,7 @@ enum class SignatureKind { Catalog, Embedded };
 enum class PathOutcome {
   Allowed,
   NotExpanded,      // its variables could not be expanded
-  OutsidePrefixes,  // neither below an allowed prefix nor in a WindowsApps folder
+  OutsidePrefixes,  // as written or in full, not below an allowed prefix or in a WindowsApps folder
   NotPlain,         // more than a drive, folders and a name, for example an alternate data stream
   NotFound,         // Windows could not resolve it
   LeadsElsewhere,   // a link leads to a place that is not allowed
@@ -59,8 +59,8 @@ class VxAuthenticodeHelper {
   // Like IsPathAllowed, but returns the details.
   PathVerdict CheckPath(const std::wstring& path) const;
 
-  // Checks only the text of the path: returns false if no file with this path could be in an
-  // allowed place. Opens nothing. Logs only a rejection, as CheckPath would.
+  // Checks only the text of the path: returns false if CheckPath would reject every file with this
+  // path. Opens nothing. Logs only a rejection, as CheckPath would.
   bool MayBeAllowed(const std::wstring& path) const;
 
   // Returns whether `folder` is owned by SYSTEM or TrustedInstaller and grants GENERIC_ALL to both.

@@ -72,7 +72,7 @@ std::wstring PlaceText(const PathVerdict& place) {
     case PathOutcome::NotExpanded:
       return L"its environment variables cannot be put in";
     case PathOutcome::OutsidePrefixes:
-      return place.fullPath + L" is below no allowed folder";
+      return place.fullPath + L" is not written as a path below an allowed folder";
     case PathOutcome::NotPlain:
       return place.fullPath + L" is not a plain path of drive, folders and name";
     case PathOutcome::NotFound:

@@ -390,10 +390,12 @@ Checks Examine(const Options& options, const ModuleOptions& which) {
   Pins(module, pins, checks);
   const std::wstring folder = Expanded(L"%ProgramData%\\Vx");
   const std::string why = ServiceHost::WhyWritable(folder, ServiceHost::Writers::System);
-  checks.Add("folder", why.empty(), why.empty() ? folder : Wide(why),
-             L"a folder of SYSTEM or the administrators that users can only read",
-             L"create it at installation, so that no user can create it first: vxhost service "
-             L"install --replace --repair");
+  checks.Add(
+      "folder", why.empty(), why.empty() ? folder : Wide(why),
+      L"a folder of SYSTEM or the administrators that users can only read",
+      L"create it at installation, so that no user can create it first: vxhost service stop, "
+      L"vxhost service install --replace --repair --name " +
+          Wide(options.name));
   Store(which.limits, pins ? pins->Restricted() : Tessel::Security::KeySet(), checks);
   ConsoleUser(checks);
   Parts(pins ? pins->General() : Tessel::Security::KeySet(), checks);

@@ -355,10 +355,18 @@ class Checker {
     const bool isFile = static_cast<bool>(attributes);
     if (!isFile) fault(L"the program's path", L"there is no such file");
     // Without a file, only the path itself can be checked.
-    if (isFile ? helper.CheckPath(path).outcome != PathOutcome::Allowed
-               : !helper.MayBeAllowed(path)) {
-      fault(L"a place below %windir%, %ProgramFiles%, %ProgramFiles(x86)% or a WindowsApps folder",
+    const auto isAllowed = [&](const std::wstring& written) {
+      return isFile ? helper.IsPathAllowed(written) : helper.MayBeAllowed(written);
+    };
+    if (!isAllowed(path)) {
+      const auto full = Platform::CurrentMachine().files->FullPath(path);
+      if (full && isAllowed(*full)) {
+        fault(Quoted(*full), L"is not written as Windows writes it");
+      } else {
+        fault(
+            L"a place below %windir%, %ProgramFiles%, %ProgramFiles(x86)% or a WindowsApps folder",
             L"is outside the protected places");
+      }
     }
     if (isFile) CheckSignatures(key, path, fault);
     if (sound) Good(key, L"the program is trusted here");
