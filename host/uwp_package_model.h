@@ -23,7 +23,7 @@ class UwpPackageModel {
   virtual void* Destroy(unsigned flags) = 0;
 
   // Slot 1. Copies to `buffer` the full name of the console user's package in the family, or "".
-  // `*length` is the buffer's length in characters. It is set to the required length with the
+  // `*length` is the buffer's length in characters. It is set to the required length, including the
   // terminator, even if the buffer is null or too small (0x8007007A).
   virtual int32_t FindPackageFullName(const wchar_t* familyName, wchar_t* buffer,
                                       uint32_t* length) = 0;

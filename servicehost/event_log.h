@@ -22,9 +22,9 @@ EventReport OpenEventLog(const std::wstring& source);
 
 // Returns a target that reports what an operator must act on: the host's own warnings and errors,
 // and a warning for each delivery whose command did not run. The module's log levels do not show
-// this: even a successful launch logs errors. After 29 events in a minute, the next one reports the
-// overflow and others are omitted for a minute, because other programs share the event log. An
-// event that is omitted or that Windows rejects is not lost, because the log files have it.
+// this: even a successful launch logs errors. After 29 events in a minute, a warning about the
+// overflow replaces the next, and more are omitted for a minute, because others share the event
+// log. An event that is omitted or that Windows rejects is not lost, because the log files have it.
 LogTarget EventLogTarget(EventReport report);
 
 // Registers the event source `name` in the "Application" log. `program` is the message file, from

@@ -12,7 +12,7 @@ inline constexpr std::size_t kMaxTextFile = std::size_t{16} * 1024 * 1024;  // b
 
 // Decodes a text file as Json::DecodeText does. If it has no byte order mark, decodes it as UTF-8
 // and logs that. Logs and returns nothing if the file cannot be read, is too large or contains a
-// NUL, at which Windows would truncate the text. `caller` is the client in the log lines.
+// NUL, at which Windows would truncate the text. `caller` is the client that the log lines name.
 std::optional<std::wstring> ReadTextFile(const std::wstring& path, const wchar_t* caller,
                                          const Logging::TraceLogger& logger);
 

@@ -17,7 +17,7 @@ namespace {
 
 constexpr std::wstring_view kLogonProcess = L"winlogon.exe";
 // The console user's desktop. If no desktop is named, CreateProcessAsUser gives a program in
-// another logon session its own window station, which is not visible (documented for STARTUPINFO).
+// another logon session its own window station, which is not visible.
 constexpr wchar_t kUserDesktop[] = L"winsta0\\default";
 constexpr std::size_t kMaxProcesses = 2048;
 

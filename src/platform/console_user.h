@@ -60,8 +60,8 @@ class OwnIdentity {
   // Returns zero, or the error that left the thread with its previous identity.
   ErrorCode Error() const noexcept { return error; }
 
-  // Restores the thread's identity. Returns zero, or an error if the thread continues as its
-  // process. A second call has no effect.
+  // Restores the thread's identity. Returns zero, or an error if the thread continues with
+  // its process's identity. A second call has no effect.
   ErrorCode End();
 
  private:

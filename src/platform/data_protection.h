@@ -9,7 +9,8 @@
 
 namespace Vx::Platform {
 
-// DPAPI with the local-machine flag, no entropy and no prompts. Thread-safe. Does not block.
+// DPAPI with the local-machine flag, no entropy and no prompts. Thread-safe. Blocks while
+// Windows encrypts or decrypts.
 class DataProtection {
  public:
   virtual ~DataProtection() = default;

@@ -18,7 +18,7 @@ struct AccessEntry {
   bool allowed = false;  // anything but a deny entry
   std::uint32_t mask = 0;
   // The SID as text, "S-1-...", if this is a plain allow entry, without a condition or an object
-  // type. Otherwise, a text that is not a SID.
+  // type. Otherwise, some other text.
   std::wstring sid;
 };
 

@@ -12,7 +12,8 @@ class ApiSets {
  public:
   virtual ~ApiSets() = default;
 
-  // Returns whether API set `name`, without ".dll", is present, or true if Windows cannot query it.
+  // Returns whether API set `name`, without ".dll", is present, or true if Windows lacks this
+  // query.
   virtual bool IsPresent(const std::wstring& name) const = 0;
 };
 

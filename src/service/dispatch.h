@@ -22,9 +22,9 @@ const wchar_t* CommandName(std::uint32_t id) noexcept;
 //
 // Checks, in this order: session API set, context, request and response pointers (a failure of
 // these leaves `*response` unchanged), request JSON (a failure sets `*response` to null). After the
-// checks, `*response` receives the response, which is "{}" if a handler failed. An exception from a
-// handler is logged and becomes a result code. `callback` is never called, and is destroyed last on
-// every path.
+// checks, `*response` receives the response, which is "{}" if a handler failed, or null if out of
+// memory. An exception from a handler is logged and becomes a result code. `callback` is never
+// called, and is destroyed last on every path.
 //
 // If a command is refused or fails, logs one error with the function id, the key and the reason.
 // If it succeeds despite an unusable key, logs the same as a warning. Writes a record in all these

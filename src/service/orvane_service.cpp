@@ -40,7 +40,7 @@ constexpr char kListBroken[] = "the stored list is not a JSON array";
 constexpr wchar_t kSubscriptionsDone[] = L"GetSubscriptions executed";
 constexpr wchar_t kSleepStateDone[] = L"GetSleepState executed";
 
-// The response of command 20 without its lists, and the longest response without requests.
+// The response to command 20 without its lists, and the longest response without requests.
 constexpr std::wstring_view kListFrame = LR"({"result":{"power_events":,"zephra_events":}})";
 constexpr std::wstring_view kPartFrame =
     LR"({"result":{"power_events":[],"zephra_events":[],"omitted":4294967295}})";

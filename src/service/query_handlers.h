@@ -28,7 +28,7 @@ std::uint32_t ShouldAutoLaunchBeSkipped(const Call& call);
 // Id 6, "installed": whether the console user has a package of the requested family.
 std::uint32_t IsUwpInstalled(const Call& call);
 
-// Ids 12 and 13, "launched": get and set the flag that records a start of the switch software.
+// Ids 12 and 13, "launched": get and set the flag that the switch software has been started.
 std::uint32_t GetExecutedMcAfeeStub(const Call& call);
 std::uint32_t SetExecutedMcAfeeStub(const Call& call);
 

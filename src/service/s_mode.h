@@ -4,7 +4,8 @@
 
 namespace Vx::Tessel::Server::Services::Orvane {
 
-// Stores the current lockdown mode as the first, unless one is stored. Does not log failures.
+// Stores the current lockdown mode as the first one, unless a first one is already stored. Does not
+// log failures.
 void SetFirstLockDownMode(const Logging::TraceLogger& logger);
 
 // Starts `pathToExecute` with `arguments` as the service's account, if it is trusted.

@@ -9,8 +9,8 @@ struct ServiceState;
 inline constexpr char kWakeupCheckName[] =
     "Vx::Tessel::Server::Services::Orvane::OrvaneService::CheckToSendWakeupEvent";
 
-// The wake-up thread's body. Catches every exception. After Windows has booted, waits up to twelve
-// minutes for a real user, then raises the platform event, once per boot. Stops with the service.
+// The wake-up thread's body. Catches every exception. Once per boot, waits up to twelve
+// minutes for a real user and, if one signs in, raises the platform event. Stops with the service.
 void CheckToSendWakeupEvent(const std::shared_ptr<ServiceState>& state) noexcept;
 
 }  // namespace Vx::Tessel::Server::Services::Orvane

@@ -15,7 +15,7 @@ std::wstring TestPath() {
   return PipePath(L"hostile-" + std::to_wstring(GetCurrentProcessId()));
 }
 
-// Returns a message that could confuse a server: of a size close to the pipe's read size or a
+// Returns a message that could confuse a server: tiny, huge, of about the pipe's read size or a
 // multiple of it, or with bytes altered, removed, duplicated or inserted at random.
 std::string HostileMessage(std::mt19937& random) {
   const auto below = [&random](std::size_t limit) { return random() % limit; };

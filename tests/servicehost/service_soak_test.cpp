@@ -93,7 +93,7 @@ TEST_F(ServiceSoakTest, ADayLeavesHandlesThreadsAndMemoryWhereTheyWere) {
   };
   const auto measure = [this, quiet](std::size_t handles, const char* when) {
     log.Flush();
-    Tests::ThreadsEnd(quiet + 1);  // the last connection is joined when the next one arrives
+    Tests::ThreadsEnd(quiet + 1);  // the last connection's thread is joined at the next one
     Tests::Eventually([&] { return OpenHandles() <= handles + Tests::kMutexEvents; }, 5s);
     const Figures now{Tests::ThreadCount(), OpenHandles(), Tests::MeasureMemory()};
     std::printf("%-9s %zu threads, %zu handles, %zu KiB committed, %zu bytes in blocks\n", when,

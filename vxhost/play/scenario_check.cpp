@@ -299,7 +299,7 @@ std::wstring Expanded(const std::wstring& text, const Definitions& definitions,
   for (;;) {
     const std::size_t begin = text.find(L"${", done);
     if (begin == text.npos) return result + text.substr(done);
-    // No name contains a character that could end a JSON string.
+    // Stops at characters that no name contains, so as not to leave the JSON string.
     const std::size_t end = text.find_first_of(L"} {$\"\\", begin + 2);
     if (end == text.npos || text[end] != L'}') {
       result += text.substr(done, begin + 2 - done);

@@ -156,7 +156,8 @@ class Explainer {
     if (why != Reason::None) Because(Fate::Refused, NameOf(why).text);
   }
 
-  // Adds the subscription's faults, except those of its delay, checked before, and of `passed`.
+  // Adds the subscription's faults, except those of the member `passed` and of the delay, which was
+  // checked earlier.
   void TakeFaults(Fate fate, std::wstring_view passed) {
     const auto check = CheckSubscription(Text(), keys);
     for (const Finding& finding : check.findings) {

@@ -7,9 +7,10 @@
 namespace Vx::Platform {
 
 // A Windows library that only some operations need, or that a file beside the program could replace
-// if it were imported. The first Find loads it from the system directory, as the process even while
-// impersonating. Never freed, because this module unloads under the loader lock, where Windows
-// forbids FreeLibrary. Not for DllMain or constructors. Thread-safe. Does not throw.
+// if it were imported. The first Find loads it from the system directory, under the process's
+// identity even if the thread is impersonating. Never freed, because this module unloads under the
+// loader lock, where Windows forbids FreeLibrary. Not for DllMain or constructors. Thread-safe.
+// Does not throw.
 class DeferredLibrary {
  public:
   constexpr explicit DeferredLibrary(const wchar_t* name) noexcept : fileName(name) {}

@@ -23,8 +23,7 @@
 
 namespace Vx::Abi {
 
-using Boolean =
-    unsigned char;  // one byte; initialize it, because the call does not clear its neighbors
+using Boolean = unsigned char;  // one byte, as in the ABI: a call writes no more
 
 struct EventToken {
   std::int64_t value = 0;
