@@ -35,7 +35,6 @@ namespace {
 using namespace Tessel::Server::Services::Orvane;
 using Json::WideValue;
 using Tessel::Security::FileTrust;
-using Tessel::Security::PathOutcome;
 using Tessel::Security::VxAuthenticodeHelper;
 
 constexpr auto kChanged = static_cast<std::int32_t>(0x80096010);  // TRUST_E_BAD_DIGEST
