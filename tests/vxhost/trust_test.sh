@@ -12,7 +12,7 @@ cd "$pki" || exit 1
 expect 1 'verified), key pinned' --dll "$module" trust pinned.exe
 expect 1 'verified), key not pinned' --dll "$module" trust general.exe
 expect 1 'verified), key pinned' --dll "$module" trust --general general.exe
-expect 1 'no keys are pinned in this build' --dll "$other" trust pinned.exe
+expect 1 '-  no keys are pinned in this build' --dll "$other" trust pinned.exe
 expect 2 'cannot be read: it has no list of pinned keys; name another module' --dll pinned.exe \
   trust pinned.exe
 expect 2 'validate and doctor use it' --simulate trust pinned.exe
