@@ -27,8 +27,8 @@ bool ServiceIsInstalled() {
   return Hosting::Tool::ServiceManager().Query(L"OrvaneService").has_value();
 }
 
-// Throws NotTried unless the kit has the MSI and this PC has no version of the product, which may
-// be in any folder.
+// Throws NotTried unless the kit has the MSI and no version of the product is installed on this PC,
+// in any folder.
 void Needs(const wchar_t* msi) {
   if (!Exists(KitFile(msi))) throw NotTried("the kit has no " + Hosting::Utf8(msi));
   wchar_t product[39];

@@ -52,7 +52,7 @@ bool RapidjsonAccepts(const std::wstring& text) {
   }
 }
 
-// Reads a value as each kind in turn. Only the read as its actual kind may succeed.
+// Reads a value as each kind in turn. Only reading it as its actual kind may succeed.
 void Ask(const JsonValue& value) {
   const auto answered = [](const auto& call) {
     try {

@@ -13,8 +13,8 @@
 namespace Vx::Simulator {
 
 // Wraps every capability of a machine, counts the calls that can fail, and makes selected ones fail
-// as in Windows: a Result or an error code reports "access denied", a query returns nothing, and an
-// interface that reports errors as exceptions throws E_ACCESSDENIED.
+// as they would in Windows: a Result or an error code reports "access denied", a query returns
+// nothing, and an interface that reports errors as exceptions throws E_ACCESSDENIED.
 //
 // A fault walk repeats one scenario: in run n, call n fails. It ends with the first run that makes
 // no more than n calls (see Calls). Thread-safe.

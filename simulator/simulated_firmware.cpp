@@ -79,7 +79,7 @@ void SetBytes(Variant& value, const std::string& bytes) {
 
 }  // namespace
 
-// A reference-counted object of the firmware. Starts with one reference. `count` includes it.
+// A reference-counted object of the firmware. `count` is the number of live ones.
 template <typename Base, typename Interface>
 class Implementation : public Base {
  public:

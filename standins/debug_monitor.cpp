@@ -50,7 +50,7 @@ constexpr std::uint64_t kAnswerHolds = 1000;  // milliseconds
 constexpr std::uint64_t kLeftAlone = 60'000;  // milliseconds
 
 // Whether a monitor was found, and until when that is valid. Without this cache, every log line
-// would make a system call, several times the cost of a whole "parse, dispatch, answer" row.
+// would make a system call, which takes several times as long as a command that logs nothing.
 std::atomic<bool> monitorFound{false};
 std::atomic<std::uint64_t> foundUntil{0};
 

@@ -15,7 +15,7 @@ constexpr wchar_t Fold(wchar_t c) noexcept {
 }
 
 bool IsPlainName(std::wstring_view name) noexcept {
-  // Windows drops trailing spaces and dots from a name, so such a name means another file. This
+  // Windows drops trailing spaces and dots from a name, so such a name refers to another file. This
   // also excludes "." and "..".
   if (name.empty() || name.back() == L'.' || name.back() == L' ') return false;
   return std::all_of(name.begin(), name.end(), [](wchar_t c) {

@@ -57,7 +57,7 @@ class OrvaneService final : public VxService {
   static void FulfillZephraManagementEventRequests(const ServiceState& state,
                                                    std::uint32_t eventType);
 
-  // Command handlers, see query_handlers.h.
+  // Command handlers: see query_handlers.h.
   //
   // Id 20, "power_events" and "zephra_events": the stored requests as objects, in stored order.
   // "omitted" is the number that did not fit into the response. Fails if a list cannot be read.

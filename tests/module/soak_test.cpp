@@ -159,7 +159,7 @@ TEST_F(SoakTest, ServicesComeAndGoWithEverythingInFlight) {
       });
     }
   };
-  round();  // makes the system's permanent allocations
+  round();  // lets the system make its permanent allocations
   ASSERT_TRUE(ThreadsEnd(quiet + kSystemThreads));
   const std::uintptr_t before = HandleGauge();
   round();

@@ -42,8 +42,8 @@ class ScarceThreads final : public Platform::Threads {
   std::optional<Tests::MemoryShortage> shortage;  // ends with the next report
 };
 
-// Runs a server that echoes each request, with its ID as the result code, and blocks ID 1 until
-// `release` is set.
+// Runs a server that echoes each request, with its ID as the result code, except that ID 1 waits
+// until `release` is set, and IDs 2 and 3 have long results.
 class PipeTest : public ::testing::Test {
  protected:
   void Serve(std::vector<std::wstring> allowed = {}) {

@@ -222,7 +222,7 @@ TEST(ServiceManagerTest, ARefusedSettingLeavesNoServiceExceptOneThatWasThere) {
   manager.Remove(plan.name);
 }
 
-// Takes the place of any of Windows' functions that returns zero on failure.
+// Stands in for any Windows function that returns zero on failure.
 template <typename Returned, typename... Parameters>
 Returned WINAPI Refuse(Parameters... /*unused*/) {
   SetLastError(ERROR_ACCESS_DENIED);

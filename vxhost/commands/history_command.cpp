@@ -84,7 +84,7 @@ std::vector<StoredSubscription> Stored() {
   }
 }
 
-// Returns the hash given by --subscription, or the hash of the subscription with that number.
+// Returns the hash given by --subscription or, if it is a number, that of the stored subscription.
 std::wstring HashOf(const std::string& written, const std::vector<StoredSubscription>& stored) {
   constexpr std::size_t kDigits = 8;
   if (written.empty() || written.size() == kDigits) return Wide(written);

@@ -22,7 +22,7 @@ std::filesystem::path LogFolderOf(const std::string& argument);
 // advice for the user if the folder cannot be listed or contains none.
 std::vector<std::filesystem::path> LogFilesIn(const std::filesystem::path& folder);
 
-// Passes to `take` each log line in the file that contains `part`. Returns how many lines with
+// Passes to `take` each of the file's log lines that contains `part`. Returns how many lines with
 // `part` are not log lines. Throws std::runtime_error if the file cannot be read.
 std::size_t ReadLog(const std::filesystem::path& path,
                     const std::function<void(const HistoryLine&)>& take,

@@ -38,7 +38,7 @@ struct ServiceReport {
   bool automatic = false;
   std::wstring image;
   std::wstring account;
-  ServiceHost::ServiceOptions options;  // `module` is empty if an earlier version installed it
+  ServiceHost::ServiceOptions options;  // `module` is empty if an earlier version wrote them
 };
 
 struct ServiceHandleCloser {

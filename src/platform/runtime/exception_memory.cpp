@@ -21,7 +21,7 @@ namespace Vx::Platform {
 
 namespace {
 
-// The runtime's header before the thrown object. GCC 12 needs 160 bytes. Later ones may need more.
+// The runtime's header before the thrown object: 160 bytes in GCC 12, perhaps more in a later one.
 constexpr std::size_t kRecord = 256;
 constexpr std::size_t kSlot = kRecord + kLargestReservedException;
 constexpr std::size_t kAlignment = 16;

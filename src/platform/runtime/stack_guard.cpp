@@ -2,9 +2,9 @@
 
 #include <windows.h>
 
-// The symbols that -fstack-protector calls. The toolchain's own library opens a cryptographic
-// provider in a constructor, so loading this module would load another library under the loader
-// lock.
+// The symbols that code compiled with -fstack-protector and _FORTIFY_SOURCE needs. The toolchain's
+// own library opens a cryptographic provider in a constructor, so loading this module would load
+// another library under the loader lock.
 // NOLINTBEGIN(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp): the compiler's names
 namespace {
 
