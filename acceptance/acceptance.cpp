@@ -91,7 +91,8 @@ std::string Judge(const Row& row, Action action) {
 // Runs a row in a process of its account. Renames the file so that no incomplete result is read.
 int RunRow(const Row& row, const std::wstring& file) {
   Hosting::WriteTextFile(file + L".part", Judge(row, row.run));
-  return MoveFileW((file + L".part").c_str(), file.c_str()) != FALSE ? 0 : 1;
+  const auto move = [&] { return MoveFileW((file + L".part").c_str(), file.c_str()) != FALSE; };
+  return Eventually(std::chrono::seconds(5), move) ? 0 : 1;  // a virus scanner may have it open
 }
 
 // Runs a row as its account and returns its line. Throws if it writes none.

@@ -73,8 +73,10 @@ void RemoveUserFolder() {
   const std::wstring folder = ProgramData(kKitName);
   RemoveFolder(folder, [&] {
     if ((GetFileAttributesW(folder.c_str()) & FILE_ATTRIBUTE_REPARSE_POINT) == 0) {
+      // A module without the rule for places runs elsewhere.exe, which writes a report.
       for (const wchar_t* name : {L"\\module.txt", L"\\module.txt.part", L"\\microsoft_abi.txt",
-                                  L"\\microsoft_abi.txt.part", L"\\elsewhere.exe"}) {
+                                  L"\\microsoft_abi.txt.part", L"\\elsewhere.exe",
+                                  L"\\elsewhere.exe.out", L"\\elsewhere.exe.out.part"}) {
         DeleteFileW((folder + name).c_str());
       }
     }

@@ -27,13 +27,17 @@ bool ServiceIsInstalled() {
   return Hosting::Tool::ServiceManager().Query(L"OrvaneService").has_value();
 }
 
+// Returns whether Windows Installer has a version of the product, in any folder.
+bool ProductIsInstalled() {
+  wchar_t product[39];
+  return MsiEnumRelatedProductsW(kUpgradeCode, 0, 0, product) == ERROR_SUCCESS;
+}
+
 // Throws NotTried unless the kit has the MSI and no version of the product is installed on this PC,
 // in any folder.
 void Needs(const wchar_t* msi) {
   if (!Exists(KitFile(msi))) throw NotTried("the kit has no " + Hosting::Utf8(msi));
-  wchar_t product[39];
-  if (Exists(Installed(L"")) || ServiceIsInstalled() ||
-      MsiEnumRelatedProductsW(kUpgradeCode, 0, 0, product) == ERROR_SUCCESS) {
+  if (Exists(Installed(L"")) || ServiceIsInstalled() || ProductIsInstalled()) {
     throw NotTried("the product or its service is installed on this PC");
   }
 }
@@ -55,8 +59,6 @@ unsigned RunMsi(const wchar_t* verb, const wchar_t* msi, const std::wstring& pro
       return 0;
     case ERROR_INSTALL_ALREADY_RUNNING:
       throw NotTried("another installation is running");
-    case ERROR_INSTALL_PACKAGE_REJECTED:
-      throw NotTried("a policy of this PC forbids the installation");
     default:
       return code;
   }
@@ -67,6 +69,9 @@ void Install(const wchar_t* msi, const std::wstring& properties = {}) {
   // Under Wine, no folder belongs to the administrators, as it must outside development.
   const unsigned code =
       RunMsi(L" /i ", msi, properties + (IsWine() ? L" SERVICEOPTIONS=--development" : L""));
+  if (code == ERROR_INSTALL_PACKAGE_REJECTED) {
+    throw NotTried("a policy of this PC forbids the installation");
+  }
   Require(code == 0, "msiexec exits with " + std::to_string(code));
   Require(Exists(Installed(L"OrvaneService.dll")), "it installs no module");
 }
@@ -127,8 +132,9 @@ void RemoveMsi() {
   for (const wchar_t* msi : {kMsi, kPrevious}) {
     if (!Exists(KitFile(msi))) continue;
     const unsigned code = RunMsi(L" /x ", msi);
-    // At most one of them is installed.
-    Require(code == 0 || code == ERROR_UNKNOWN_PRODUCT,
+    // At most one of them is installed, and none if a policy forbids that.
+    Require(code == 0 || code == ERROR_UNKNOWN_PRODUCT ||
+                (code == ERROR_INSTALL_PACKAGE_REJECTED && !ProductIsInstalled()),
             "the MSI cannot be removed: msiexec exits with " + std::to_string(code));
   }
   // Wine does not delete the folder. A folder that is not empty is kept.

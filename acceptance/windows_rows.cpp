@@ -30,10 +30,18 @@ UniqueHandle Open(const std::wstring& path, DWORD access, DWORD disposition, DWO
                                          nullptr, disposition, flags, nullptr));
 }
 
+Platform::SharedHandle ConsoleUser() {
+  auto user = Tessel::Server::Services::Orvane::Launcher().GetUserTokenForCurrentUser(
+      Platform::TokenType::Impersonation);
+  if (user == nullptr) throw NotTried("no user is signed in at the console");
+  return user;
+}
+
 }  // namespace
 
 std::string PackagesAreFound() {
   NeedsWindows("it has no packages");
+  const Platform::SharedHandle user = ConsoleUser();  // whose packages count
   Require(!Platform::CurrentMachine().packages->FindForAllUsers(kShellFamily).empty(),
           "the Windows Runtime finds no package of the shell");
   return Expect(Tool(std::wstring(L"--private-store exec 6 \"{\\\"packageFamilyName\\\":\\\"") +
@@ -44,8 +52,7 @@ std::string PackagesAreFound() {
 std::string AliasStartsItsApp() {
   NeedsWindows("it has no packaged apps");
   const Tessel::Server::Services::Orvane::Launcher launcher;
-  const auto user = launcher.GetUserTokenForCurrentUser(Platform::TokenType::Impersonation);
-  if (user == nullptr) throw NotTried("no user is signed in at the console");
+  const Platform::SharedHandle user = ConsoleUser();
   const auto alias = Platform::CurrentMachine().environment->ExpandForUser(user.get(), kAliasFile,
                                                                            Platform::kShortPath);
   if (alias && !Exists(*alias)) {
