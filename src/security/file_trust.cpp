@@ -65,23 +65,23 @@ std::wstring PlaceText(const PathVerdict& place) {
   switch (place.outcome) {
     case PathOutcome::Allowed:
       if (!place.appFolders.empty()) {
-        return L"lies in " + place.appFolders.back() +
+        return L"is in " + place.appFolders.back() +
                L", which belongs to TrustedInstaller and SYSTEM";
       }
-      return L"lies below " + place.prefix;
+      return L"is below " + place.prefix;
     case PathOutcome::NotExpanded:
-      return L"its environment variables cannot be put in";
+      return L"its environment variables cannot be expanded";
     case PathOutcome::OutsidePrefixes:
-      return place.fullPath + L" is not written as a path below an allowed folder";
+      return place.fullPath + L" is outside the protected places";
     case PathOutcome::NotPlain:
       return place.fullPath + L" is not a plain path of drive, folders and name";
     case PathOutcome::NotFound:
-      return L"Windows cannot tell where " + place.fullPath + L" lies";
+      return L"Windows does not report where " + place.fullPath + L" is";
     case PathOutcome::LeadsElsewhere:
       return place.fullPath + L" leads to " + place.finalPath;
     case PathOutcome::OpenFolder:
       return place.appFolders.back() +
-             L" is not TrustedInstaller's or SYSTEM's own, or not under full control of both";
+             L" does not belong to TrustedInstaller or SYSTEM, or does not give both full control";
   }
   return {};
 }
@@ -162,7 +162,7 @@ std::vector<TrustStep> Explain(const FileTrust& trust, KeySet keys) {
   if (trust.place) {
     steps.push_back({trust.place->outcome == PathOutcome::Allowed, PlaceText(*trust.place)});
   } else {
-    steps.push_back({false, L"its place was not looked at"});
+    steps.push_back({false, L"its place was not checked"});
   }
   steps.push_back({trust.trusted, trust.trusted ? L"trusted" : L"not trusted"});
   return steps;

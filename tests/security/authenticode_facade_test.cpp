@@ -82,14 +82,14 @@ TEST(Explain, TellsTheStepsOfTheDecisionAndEndsWithTheVerdict) {
       {kPinned,
        {L"+ embedded signature of \"Vx Test Pinned\"" + verified + L"pinned",
         L"+ one signature is accepted by Windows", L"+ one signature was made with a pinned key",
-        L"+ lies below C:\\Program Files\\", L"+ trusted"}},
+        L"+ is below C:\\Program Files\\", L"+ trusted"}},
       {L"general.exe",
        {L"- embedded signature of \"Vx Test General\"" + verified + L"not pinned",
         L"+ one signature is accepted by Windows", L"- no signature was made with a pinned key",
-        L"- its place was not looked at", L"- not trusted"}},
+        L"- its place was not checked", L"- not trusted"}},
       {L"tampered.exe",
        {L"- no signature that Windows can verify", L"- no signature is accepted by Windows",
-        L"- no signature was made with a pinned key", L"- its place was not looked at",
+        L"- no signature was made with a pinned key", L"- its place was not checked",
         L"- not trusted"}},
   };
   const Tests::ProtectedFolder folder;

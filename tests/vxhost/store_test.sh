@@ -67,6 +67,12 @@ module 1 'result 0x00000000 (stored, but never runs: ' exec 14 '{"zephraEventTyp
 module 1 'result 0x00000000 (nothing removed)' exec 19 '{}'
 module 0 'result 0x00000000 (taken back)' exec 19 "@$work/power.json"
 
+# Another service may store a value under the key of the module's document.
+part replaced
+printf '{"steps": [{"store": {"OrvaneServiceDocument": "x"}}]}' > "$work/replaced.json"
+module 0 'happened' scenario "$work/replaced.json"
+kept 1 'OrvaneServiceDocument is not a document' store verify
+
 # An export omits the values of other services. A backup contains everything.
 part others
 printf '{"steps": [{"store": {"token": "a secret"}}]}' > "$work/others.json"

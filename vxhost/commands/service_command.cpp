@@ -17,6 +17,7 @@
 #include "hosting/loaded_module.h"
 #include "hosting/text.h"
 #include "hosting/windows_error.h"
+#include "platform/clock.h"
 #include "platform/files.h"
 #include "platform/machine.h"
 #include "servicehost/accounts.h"
@@ -180,19 +181,20 @@ int Install(const InstallOptions& options, const ModuleOptions& module, Console&
   return kDone;
 }
 
-// Returns the last error that the service itself logged, with its time and file.
-std::string LastError(const std::wstring& name) {
+// Returns the last error that the service itself has logged since `begin`, with its time and file.
+std::string LastError(const std::wstring& name, const std::wstring& begin) {
   try {
     std::wstring found;
     for (const auto& file : LogFilesIn(LogFolderOf({}))) {
       if (!file.filename().wstring().starts_with(name + L"-")) continue;
       const auto take = [&](const HistoryLine& line) {
         if (line.line.provider != kHostProvider || line.line.level != L"ERROR") return;
+        if (line.time < begin) return;
         found = line.line.message + L" (" + line.time + L" in " + file.wstring() + L")";
       };
       ReadLog(file, take, Utf8(kHostProvider));
     }
-    return found.empty() ? "its log has no error" : Utf8(found);
+    return found.empty() ? "its log has no error of this start" : Utf8(found);
   } catch (const std::runtime_error& error) {
     return error.what();
   }
@@ -200,12 +202,13 @@ std::string LastError(const std::wstring& name) {
 
 int Start(const NameOptions& options, const ModuleOptions&, Console& console) {
   const std::wstring name = CheckedName(options.name);
+  const std::wstring begin = DateTimeText(Platform::CurrentMachine().clock->UtcFileTime());
   try {
     ServiceManager().Start(name);
   } catch (const WindowsError& error) {
     const bool tried =
         error.Code() != ERROR_SERVICE_DOES_NOT_EXIST && error.Code() != ERROR_ACCESS_DENIED;
-    if (tried) console.Line(LastError(name));
+    if (tried) console.Line(LastError(name, begin));
     throw;
   }
   console.Line(options.name + " runs");

@@ -33,8 +33,12 @@ std::vector<std::optional<std::wstring>> Texts(const BsonDocument& own,
 std::vector<StoredSubscription> SubscriptionsIn(const BsonDocument& store) {
   std::vector<StoredSubscription> all;
   const auto found = store.Find(kServiceDocument);
-  const auto own = found ? found->AsDocument() : std::nullopt;
-  if (!own) return all;
+  if (!found) return all;
+  const auto own = found->AsDocument();
+  if (!own) {
+    throw std::runtime_error(std::string(kServiceDocument) +
+                             " is not a document, so the module cannot read its lists");
+  }
   for (const SubscriptionForm* kind : kSubscriptionForms) {
     for (auto& text : Texts(*own, *kind)) {
       std::wstring hash = text ? Tessel::Server::Records::SubscriptionHash(*text) : std::wstring();
