@@ -85,7 +85,8 @@ void RemoveUserFolder() {
 }
 
 void RemoveData() {
-  if (!Exists(KitFile(kDataNote))) return;
+  // If the product is there now, the folder is its own.
+  if (!Exists(KitFile(kDataNote)) || Exists(ProgramFiles(L"Vx"))) return;
   RemoveTree(ProgramData(L"Vx"));
   DeleteFileW(KitFile(kDataNote).c_str());
 }

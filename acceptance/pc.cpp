@@ -1,5 +1,6 @@
 #include <array>
 #include <memory>
+#include <utility>
 
 #include <windows.h>
 
@@ -71,9 +72,9 @@ UniqueHandle StartWith(std::wstring commandLine, HANDLE token, HANDLE output) {
                            CREATE_NEW_PROCESS_GROUP, nullptr, nullptr, &startup, &started);
   if (done == FALSE) {
     const DWORD error = GetLastError();
-    // The service that starts programs as another user may be disabled.
-    if (token != nullptr)
-      throw NotTried("Windows starts nothing as the user: " + std::to_string(error));
+    if (token != nullptr && error == ERROR_SERVICE_DISABLED) {
+      throw NotTried("the service that starts programs as another user is disabled");
+    }
     throw WindowsError("cannot start " + Utf8(commandLine), error);
   }
   UniqueHandle process(started.hProcess);
@@ -99,14 +100,21 @@ void StartTask(const std::wstring& program, const std::wstring& arguments) {
 
 // The shell has the token of the desktop's user, even if another account approved the elevation:
 // https://learn.microsoft.com/windows/win32/api/winbase/nf-winbase-createprocesswithtokenw
+// Starting a program with it also takes the rights to adjust it, which that page does not list.
 UniqueHandle DesktopToken() {
   DWORD id = 0;
   GetWindowThreadProcessId(GetShellWindow(), &id);
   const UniqueHandle shell(OpenProcess(PROCESS_QUERY_LIMITED_INFORMATION, FALSE, id));
   HANDLE raw = nullptr;
-  constexpr DWORD kAccess = TOKEN_QUERY | TOKEN_DUPLICATE | TOKEN_ASSIGN_PRIMARY;
-  if (shell == nullptr || OpenProcessToken(shell.get(), kAccess, &raw) == FALSE) {
+  if (shell == nullptr || OpenProcessToken(shell.get(), TOKEN_DUPLICATE, &raw) == FALSE) {
     throw NotTried("there is no desktop whose user could run it");
+  }
+  const UniqueHandle own(std::exchange(raw, nullptr));
+  constexpr DWORD kAccess = TOKEN_QUERY | TOKEN_DUPLICATE | TOKEN_ASSIGN_PRIMARY |
+                            TOKEN_ADJUST_DEFAULT | TOKEN_ADJUST_SESSIONID;
+  if (DuplicateTokenEx(own.get(), kAccess, nullptr, SecurityImpersonation, TokenPrimary, &raw) ==
+      FALSE) {
+    throw WindowsError("cannot use the token of the desktop's user", GetLastError());
   }
   return UniqueHandle(raw);
 }
@@ -214,7 +222,7 @@ void EndTask() {
   if (!Exists(KitFile(kTaskFile))) return;
   Run(TaskCommand(L"/end"));
   Run(TaskCommand(L"/delete") + L" /f");
-  Require(Run(TaskCommand(L"/query")).code != 0, "the task VxAcceptance cannot be deleted");
+  Require(Run(TaskCommand(L"/query")).code == 1, "the task VxAcceptance cannot be deleted");
   DeleteFileW(KitFile(kTaskFile).c_str());
 }
 

@@ -82,7 +82,8 @@ std::string ServiceLives() {
   if (!IsWine()) ExpectRestart();  // which has no failure actions
   Expect(Tool(L"service stop") + kName, "is stopped");
   Expect(Tool(L"service remove") + kName, "is removed");
-  Require(!ServiceManager().Query(kKitName), "it is still installed");
+  Require(Eventually(seconds(20), [] { return !ServiceManager().Query(kKitName); }),
+          "it is still installed");
   return version;
 }
 
