@@ -137,7 +137,7 @@ class VirtualClock final : public Platform::Clock {
   std::condition_variable changed;
   Duration now{};
   Duration slept{};
-  Duration patience{std::chrono::seconds(10)};
+  Duration patience;
   std::uint64_t tickBase;
   std::uint64_t utcBase;
   std::uint64_t nextTurn = 0;

@@ -126,6 +126,7 @@ if ! grep -q 'power event 18' "$work/watched" || grep -qv 'power event' "$work/w
 fi
 expect 2 'is running; stop it first' service remove --name "$name"
 expect 0 'is stopped' service stop --name "$name"
+logged '"message":"the service is asked to stop"'
 logged '"message":"the module is stopped"'
 expect 1 'stopped' service status --name "$name"
 expect 0 'is stopped' service stop --name "$name"
