@@ -59,7 +59,7 @@ class VirtualClock final : public Platform::Clock {
   void SetTickCount(std::uint64_t ticks);
   void SetUtcFileTime(std::uint64_t fileTime);
 
-  // Sets how long, in real time, Settle lets workers run before it throws. Initially 10 s.
+  // Sets how long, in real time, Settle lets workers run before it throws. Initially 30 s.
   void SetPatience(Duration patience);
 
   // Returns how far the clock has been advanced since construction, excluding sleep.

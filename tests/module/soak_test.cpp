@@ -97,6 +97,7 @@ class SoakTest : public ModuleTest {
     for (std::size_t done = 0; done < commands; ++done) {
       const auto& command = kCommands[done % std::size(kCommands)];
       ASSERT_EQ(Execute(command.id, command.request).code, command.code) << command.id;
+      module.NewService();  // and ends it again, which frees it
     }
   }
 
