@@ -102,10 +102,7 @@ std::string RunAsAccount(const Row& row, StopRequest& stop) {
   const auto process = StartKit(row.account, L"--row " + Wide(row.name) + L" " + InQuotes(file));
   std::string line;
   const auto read = [&] {
-    try {
-      if (Exists(file)) line = Utf8(Hosting::ReadTextFile(file));
-    } catch (const std::exception&) {  // NOLINT(bugprone-empty-catch): a virus scanner has it open
-    }
+    line = ContentOf(file);
     return !line.empty() || stop.Wait(0);
   };
   Eventually(kLongestRow, [&] { return read() || HasEnded(process); });

@@ -1,4 +1,7 @@
+#include <array>
 #include <chrono>
+#include <string>
+#include <vector>
 
 #include <windows.h>
 
@@ -6,6 +9,7 @@
 
 #include "acceptance/kit.h"
 #include "hosting/text.h"
+#include "hosting/windows_error.h"
 #include "vxhost/service/service_manager.h"
 
 namespace Vx::Acceptance {
@@ -27,30 +31,47 @@ bool ServiceIsInstalled() {
   return Hosting::Tool::ServiceManager().Query(L"OrvaneService").has_value();
 }
 
-// Returns whether Windows Installer has a version of the product, in any folder.
-bool ProductIsInstalled() {
-  wchar_t product[39];
-  return MsiEnumRelatedProductsW(kUpgradeCode, 0, 0, product) == ERROR_SUCCESS;
+// Returns the product codes of all versions of the product on this PC, in any folder.
+std::vector<std::wstring> InstalledProducts() {
+  std::vector<std::wstring> products;
+  std::array<wchar_t, 39> code{};
+  const auto next = [&] { return static_cast<DWORD>(products.size()); };
+  while (MsiEnumRelatedProductsW(kUpgradeCode, 0, next(), code.data()) == ERROR_SUCCESS) {
+    products.emplace_back(code.data());
+  }
+  return products;
+}
+
+// Returns whether the kit's own MSI installed it, because the tester may have installed the product
+// since the kit was interrupted. Windows keeps the folder of the MSI:
+// https://learn.microsoft.com/windows/win32/api/msi/nf-msi-msigetproductinfow
+bool IsFromKit(const std::wstring& product) {
+  std::array<wchar_t, 1024> source{};
+  auto length = static_cast<DWORD>(source.size());
+  const UINT error =
+      MsiGetProductInfoW(product.c_str(), INSTALLPROPERTY_INSTALLSOURCE, source.data(), &length);
+  if (error != ERROR_SUCCESS) {
+    throw Hosting::WindowsError("cannot find out who installed " + Hosting::Utf8(product), error);
+  }
+  return _wcsicmp(source.data(), KitFile(L"msi\\").c_str()) == 0;
 }
 
 // Throws NotTried unless the kit has the MSI and no version of the product is installed on this PC,
 // in any folder.
 void Needs(const wchar_t* msi) {
   if (!Exists(KitFile(msi))) throw NotTried("the kit has no " + Hosting::Utf8(msi));
-  if (Exists(Installed(L"")) || ServiceIsInstalled() || ProductIsInstalled()) {
+  if (Exists(Installed(L"")) || ServiceIsInstalled() || !InstalledProducts().empty()) {
     throw NotTried("the product or its service is installed on this PC");
   }
 }
 
 // Runs Windows Installer without its user interface. Returns its exit code, or 0 if Windows only
 // needs a restart.
-unsigned RunMsi(const wchar_t* verb, const wchar_t* msi, const std::wstring& properties = {}) {
+unsigned RunMsi(const std::wstring& arguments) {
   unsigned code = 0;
   // Windows may be busy with an update, or with a row that was ended.
   Eventually(std::chrono::minutes(1), [&] {
-    code = Run(SystemProgram(L"msiexec.exe") + verb + InQuotes(KitFile(msi)) + properties +
-               L" /qn /norestart")
-               .code;
+    code = Run(SystemProgram(L"msiexec.exe") + L" " + arguments + L" /qn /norestart").code;
     return code != ERROR_INSTALL_ALREADY_RUNNING;
   });
   switch (code) {
@@ -67,8 +88,8 @@ unsigned RunMsi(const wchar_t* verb, const wchar_t* msi, const std::wstring& pro
 void Install(const wchar_t* msi, const std::wstring& properties = {}) {
   Hosting::WriteTextFile(KitFile(kMsiNote), "");
   // Under Wine, no folder belongs to the administrators, as it must outside development.
-  const unsigned code =
-      RunMsi(L" /i ", msi, properties + (IsWine() ? L" SERVICEOPTIONS=--development" : L""));
+  const unsigned code = RunMsi(L"/i " + InQuotes(KitFile(msi)) + properties +
+                               (IsWine() ? L" SERVICEOPTIONS=--development" : L""));
   if (code == ERROR_INSTALL_PACKAGE_REJECTED) {
     throw NotTried("a policy of this PC forbids the installation");
   }
@@ -129,13 +150,10 @@ std::string MsiUpgrades() {
 
 void RemoveMsi() {
   if (!Exists(KitFile(kMsiNote))) return;
-  for (const wchar_t* msi : {kMsi, kPrevious}) {
-    if (!Exists(KitFile(msi))) continue;
-    const unsigned code = RunMsi(L" /x ", msi);
-    // At most one of them is installed, and none if a policy forbids that.
-    Require(code == 0 || code == ERROR_UNKNOWN_PRODUCT ||
-                (code == ERROR_INSTALL_PACKAGE_REJECTED && !ProductIsInstalled()),
-            "the MSI cannot be removed: msiexec exits with " + std::to_string(code));
+  for (const std::wstring& product : InstalledProducts()) {
+    if (!IsFromKit(product)) continue;
+    const unsigned code = RunMsi(L"/x " + product);
+    Require(code == 0, "the MSI cannot be removed: msiexec exits with " + std::to_string(code));
   }
   // Wine does not delete the folder. A folder that is not empty is kept.
   if (IsWine()) RemoveDirectoryW(ProgramFiles(L"Vx").c_str());

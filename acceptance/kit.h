@@ -69,6 +69,9 @@ inline constexpr wchar_t kKitName[] = L"VxAcceptance";
 bool IsWine();
 void NeedsWindows(const char* whatWineLacks);  // throws NotTried under Wine
 bool Exists(const std::wstring& path);
+// Returns the file's text. Returns an empty string as long as there is none, or while another
+// program, such as a virus scanner or the one that renames the file, has it open.
+std::string ContentOf(const std::wstring& path);
 std::wstring InQuotes(const std::wstring& path);
 std::wstring ProgramFiles(const wchar_t* name);  // a path in %ProgramFiles%
 std::wstring ProgramData(const wchar_t* name);
@@ -85,6 +88,8 @@ Finished Run(const std::wstring& commandLine);
 std::string Expect(const std::wstring& commandLine, const std::string& text = {});
 // The command line of the kit's vxhost.
 std::wstring Tool(const std::wstring& arguments);
+// The same with a store in a subfolder of the kit's folder, up to the store's option.
+std::wstring ToolWithStore(const wchar_t* subfolder);
 // The arguments of vxhost that subscribe `program` to a power event. The program then writes how it
 // was started to the file `report`.
 std::wstring Subscribing(int event, const std::wstring& program, const std::wstring& report);
@@ -93,6 +98,8 @@ std::wstring Subscribing(int event, const std::wstring& program, const std::wstr
 // NotTried if no user is at the desktop.
 Platform::UniqueHandle StartKit(Account account, const std::wstring& arguments);
 bool HasEnded(const Platform::UniqueHandle& process);
+// Throws NotTried if programs that this process starts in another session would join its job.
+void NeedsOtherSessions();
 // Terminate what these have started.
 void EndPrograms();
 void EndTask();

@@ -15,12 +15,6 @@ using Hosting::Utf8;
 constexpr int kEvent = 10;  // PBT_APMPOWERSTATUSCHANGE, which triggers nothing else
 constexpr wchar_t kReport[] = L".out";
 
-// Returns the start of a vxhost command line that uses a store in the kit's folder.
-std::wstring ToolWithStore(const wchar_t* name) {
-  std::filesystem::create_directory(KitFile(name));
-  return Tool(L"--store " + InQuotes(KitFile(name)) + L" ");
-}
-
 // Delivers an event for each program. Checks that `refused` do not run and that `allowed` does.
 void ExpectRefused(const wchar_t* store, std::initializer_list<std::wstring> refused,
                    const std::wstring& allowed = {}) {
@@ -38,15 +32,7 @@ void ExpectRefused(const wchar_t* store, std::initializer_list<std::wstring> ref
             Utf8(program) + " is not refused: " + seen);
   }
   if (allowed.empty() || Exists(allowed + kReport)) return;
-  // All processes of a job are in one session, which applies to a task's programs if its job allows
-  // no breakaway. https://learn.microsoft.com/windows/win32/procthread/job-objects
-  JOBOBJECT_EXTENDED_LIMIT_INFORMATION job{};
-  if (seen.find("Windows refused (status 0x00000005)") != std::string::npos &&
-      QueryInformationJobObject(nullptr, JobObjectExtendedLimitInformation, &job, sizeof job,
-                                nullptr) != FALSE &&
-      (job.BasicLimitInformation.LimitFlags & JOB_OBJECT_LIMIT_SILENT_BREAKAWAY_OK) == 0) {
-    throw NotTried("from this task, Windows starts no program in another session");
-  }
+  if (seen.find("Windows refused (status 0x00000005)") != std::string::npos) NeedsOtherSessions();
   Require(false, Utf8(allowed) + " did not run: " + seen);
 }
 
@@ -59,7 +45,8 @@ std::string UnknownAuthorityIsRefused() {
 }
 
 std::string ModuleAnswers() {
-  return Expect(Tool(L"--private-store exec 22"), "getVersion");
+  // A user cannot write to the kit's folder. This command writes nothing anywhere.
+  return Expect(Tool(L"--store " + InQuotes(ProgramData(kKitName)) + L" exec 22"), "getVersion");
 }
 
 std::string MicrosoftsAbiWorks() {
@@ -102,7 +89,7 @@ std::string OnlyPinnedProgramsRun() {
 // Command 0 verifies wldp.dll, which has no pinned key.
 std::string CatalogIsVerified() {
   NeedsWindows("it has no wldp.dll of Microsoft");
-  Expect(Tool(L"--private-store exec 0"), "trusted by windows = yes, trusted by Zephra = no");
+  Expect(ToolWithStore(L"catalog") + L"exec 0", "trusted by windows = yes, trusted by Zephra = no");
   return "trusted by Windows, and without a pinned key";
 }
 
@@ -110,7 +97,7 @@ std::string BornOnDateIsSet() {
   if (!Exists(KitFile(kFirmwareNote)))
     throw NotTried("nothing can undo it, so only --firmware allows it");
   if (!BornOnDateInFirmware()) throw NotTried("this PC has no such firmware");
-  std::string seen = Run(Tool(L"--private-store exec 18")).output;
+  std::string seen = Run(ToolWithStore(L"date") + L"exec 18").output;
   if (seen.find("Tessel is installed") != std::string::npos) {
     throw NotTried("the maker's program on this PC sets it");
   }

@@ -1,4 +1,5 @@
 #include <array>
+#include <filesystem>
 #include <memory>
 #include <utility>
 
@@ -133,6 +134,14 @@ bool Exists(const std::wstring& path) {
   return GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES;
 }
 
+std::string ContentOf(const std::wstring& path) {
+  try {
+    return Exists(path) ? Utf8(Hosting::ReadTextFile(path)) : std::string();
+  } catch (const std::exception&) {
+    return {};
+  }
+}
+
 std::wstring InQuotes(const std::wstring& path) {
   return L"\"" + path + L"\"";
 }
@@ -195,6 +204,11 @@ std::wstring Tool(const std::wstring& arguments) {
   return InQuotes(KitFile(L"bin\\vxhost.exe")) + L" " + arguments;
 }
 
+std::wstring ToolWithStore(const wchar_t* subfolder) {
+  std::filesystem::create_directory(KitFile(subfolder));
+  return Tool(L"--store " + InQuotes(KitFile(subfolder)) + L" ");
+}
+
 std::wstring Subscribing(int event, const std::wstring& program, const std::wstring& report) {
   return L"subscriptions add --force --power " + std::to_wstring(event) + L" --run " +
          InQuotes(program) + L" --arguments \"\\\"" + report + L"\\\"\"";
@@ -211,6 +225,17 @@ UniqueHandle StartKit(Account account, const std::wstring& arguments) {
 
 bool HasEnded(const UniqueHandle& process) {
   return WaitForSingleObject(process.get(), 0) == WAIT_OBJECT_0;
+}
+
+// All processes of a job are in one session, which applies to a task's programs if its job allows
+// no breakaway. https://learn.microsoft.com/windows/win32/procthread/job-objects
+void NeedsOtherSessions() {
+  JOBOBJECT_EXTENDED_LIMIT_INFORMATION job{};
+  if (QueryInformationJobObject(nullptr, JobObjectExtendedLimitInformation, &job, sizeof job,
+                                nullptr) != FALSE &&
+      (job.BasicLimitInformation.LimitFlags & JOB_OBJECT_LIMIT_SILENT_BREAKAWAY_OK) == 0) {
+    throw NotTried("from this task, Windows starts no program in another session");
+  }
 }
 
 void EndPrograms() {

@@ -95,9 +95,10 @@ std::string ProgramRunsAtTheConsole() {
          "added");
   Expect(Tool(L"service send --power 7") + kName);
   // Windows may first take up to 15 seconds to download its list of trusted roots.
-  Require(Eventually(seconds(IsWine() ? 15 : 60), [&] { return Exists(report); }),
-          "the subscribed program did not run within a minute");
-  const std::string seen = Hosting::Utf8(Hosting::ReadTextFile(report));
+  std::string seen;
+  Require(
+      Eventually(seconds(IsWine() ? 15 : 60), [&] { return !(seen = ContentOf(report)).empty(); }),
+      "the subscribed program did not run within a minute");
   const auto has = [&](const std::string& line) {
     Require(seen.find(line + "\n") != std::string::npos, line + " is missing in: " + seen);
   };
