@@ -1,6 +1,6 @@
 #!/bin/sh
 # acceptance_test.sh TREE EMULATOR PREFIX: makes the kit in its own folder, with a space in its path, and runs it
-# there: with the good module, with three deliberately broken ones, on a PC that has the maker's software, and after
+# there: with the good module, with four deliberately broken ones, on a PC that has the maker's software, and after
 # Ctrl+C or a kill. Each run must leave the PC unchanged.
 set -u
 tree=$1 emulator=$2 prefix=$3
@@ -85,6 +85,7 @@ broken() {
   accept "$2" module slots subscription trust service console
 }
 broken trusts_everything trust
+broken allows_any_place trust
 broken drops_subscriptions 'subscription trust console'
 broken stays_loaded slots
 unchanged 'a broken module'
