@@ -14,8 +14,11 @@
 
 #include "acceptance/kit.h"
 #include "bod/born_on_date_manager.h"
+#include "companion/companion_apps.h"
 #include "hosting/text.h"
 #include "hosting/windows_error.h"
+#include "platform/machine.h"
+#include "platform/packages.h"
 
 namespace Vx::Acceptance {
 
@@ -145,6 +148,15 @@ void ClaimFreePc(Firmware firmware) {
   for (const std::wstring& folder : {ProgramData(L"Vx"), ProgramFiles(L"Vx")}) {
     if (!Exists(folder)) continue;
     throw NotTried(Utf8(folder) + " belongs to this PC, and a module that starts may change it");
+  }
+  namespace Apps = Tessel::Server::Services::Orvane;
+  for (const auto& app : {Apps::kQubo, Apps::kLumo, Apps::kAurelo}) {
+    if (IsWine() ||
+        Platform::CurrentMachine().packages->FindForAllUsers(app.packageFamilyName).empty()) {
+      continue;
+    }
+    throw NotTried("a module that starts would start or notify the maker's app " +
+                   Utf8(app.packageFamilyName));
   }
   Hosting::WriteTextFile(KitFile(kDataNote), "");
   if (firmware == Firmware::Untouched || Exists(KitFile(kFirmwareNote))) return;

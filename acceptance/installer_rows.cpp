@@ -65,13 +65,15 @@ void Needs(const wchar_t* msi) {
   }
 }
 
-// Runs Windows Installer without its user interface. Returns its exit code, or 0 if Windows only
-// needs a restart.
+// Runs Windows Installer without its user interface and without a restore point. Returns its exit
+// code, or 0 if Windows only needs a restart.
 unsigned RunMsi(const std::wstring& arguments) {
   unsigned code = 0;
   // Windows may be busy with an update, or with a row that was ended.
   Eventually(std::chrono::minutes(1), [&] {
-    code = Run(SystemProgram(L"msiexec.exe") + L" " + arguments + L" /qn /norestart").code;
+    code =
+        Run(SystemProgram(L"msiexec.exe") + L" " + arguments + L" MSIFASTINSTALL=1 /qn /norestart")
+            .code;
     return code != ERROR_INSTALL_ALREADY_RUNNING;
   });
   switch (code) {
@@ -83,6 +85,16 @@ unsigned RunMsi(const std::wstring& arguments) {
     default:
       return code;
   }
+}
+
+// Windows Installer goes on without the program that began, and lists the product only at the end:
+// https://learn.microsoft.com/windows/win32/msi/-msiexecute-mutex
+bool InstallerIsIdle() {
+  const Platform::UniqueHandle busy(OpenMutexW(SYNCHRONIZE, FALSE, L"Global\\_MSIExecute"));
+  if (busy == nullptr) return GetLastError() == ERROR_FILE_NOT_FOUND;
+  if (WaitForSingleObject(busy.get(), 0) == WAIT_TIMEOUT) return false;
+  ReleaseMutex(busy.get());
+  return true;
 }
 
 void Install(const wchar_t* msi, const std::wstring& properties = {}) {
@@ -150,10 +162,13 @@ std::string MsiUpgrades() {
 
 void RemoveMsi() {
   if (!Exists(KitFile(kMsiNote))) return;
+  Require(Eventually(std::chrono::minutes(3), InstallerIsIdle), "Windows Installer is still busy");
   for (const std::wstring& product : InstalledProducts()) {
     if (!IsFromKit(product)) continue;
     const unsigned code = RunMsi(L"/x " + product);
-    Require(code == 0, "the MSI cannot be removed: msiexec exits with " + std::to_string(code));
+    // Windows Installer may have completed a removal that a row had begun.
+    Require(code == 0 || code == ERROR_UNKNOWN_PRODUCT,
+            "the MSI cannot be removed: msiexec exits with " + std::to_string(code));
   }
   // Wine does not delete the folder. A folder that is not empty is kept.
   if (IsWine()) RemoveDirectoryW(ProgramFiles(L"Vx").c_str());

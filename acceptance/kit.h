@@ -131,8 +131,8 @@ inline constexpr wchar_t kFirmwareNote[] = L"firmware.note";
 // std::exception if the firmware cannot be read.
 std::optional<bool> BornOnDateInFirmware();
 // Throws NotTried if starting the module could change what belongs to this PC: existing data and
-// programs in its Vx folders or, unless allowed, the born-on date in its firmware. Otherwise,
-// UndoRow removes the data that the module keeps there.
+// programs in its Vx folders, the maker's apps or, unless allowed, the born-on date in its
+// firmware. Otherwise, UndoRow removes the data that the module keeps there.
 enum class Firmware { AtStake, Untouched };
 void ClaimFreePc(Firmware firmware = Firmware::AtStake);
 

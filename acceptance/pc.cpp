@@ -61,7 +61,8 @@ HANDLE Job() {
 UniqueHandle StartWith(std::wstring commandLine, HANDLE token, HANDLE output) {
   STARTUPINFOW startup{};
   startup.cb = sizeof startup;
-  startup.dwFlags = output != nullptr ? STARTF_USESTDHANDLES : 0;
+  startup.dwFlags = output != nullptr ? STARTF_USESTDHANDLES : STARTF_USESHOWWINDOW;
+  startup.wShowWindow = SW_HIDE;
   startup.hStdOutput = startup.hStdError = output;
   PROCESS_INFORMATION started{};
   const BOOL done =

@@ -119,9 +119,15 @@ std::string PowerShellIsAnswered() {
                       L"' -Id 22 -Request '{}' -Service VxAcceptance | ConvertTo-Json -Compress\"",
                   "getVersion");
   } catch (const std::runtime_error& error) {
-    // Group policy overrides the argument. The name of the exception is the same in any language.
-    if (std::string(error.what()).find("PSSecurityException") == std::string::npos) throw;
-    throw NotTried("a policy of this PC forbids PowerShell scripts");
+    // Group policy overrides the argument, or App Control allows no type that the script adds. The
+    // names of these errors are the same in any language.
+    const std::string text = error.what();
+    for (const char* name : {"PSSecurityException", "CannotDefineNewType"}) {
+      if (text.find(name) != std::string::npos) {
+        throw NotTried("a policy of this PC forbids PowerShell scripts");
+      }
+    }
+    throw;
   }
 }
 
