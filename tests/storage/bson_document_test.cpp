@@ -208,7 +208,8 @@ TEST(BsonDocument, RemovesRepeatedKeysInTimeThatGrowsWithTheirNumberAlone) {
       EXPECT_EQ(document->Size(), std::size_t{kRepeated} + (set ? 1 : 0));
       EXPECT_EQ(document->Find("k").has_value(), set);
     }
-    EXPECT_LT(change, 10 * decoding);
+    // Removing each key by itself takes some 300 times as long.
+    EXPECT_LT(change, 50 * decoding);
   }
 }
 
