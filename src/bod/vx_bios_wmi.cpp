@@ -49,6 +49,11 @@ using Platform::ComPtr;
 using Platform::UniqueBstr;
 using Platform::Variant;
 
+// Ends a command at a step that failed, which has been logged. Caught in ExecuteCommand.
+struct StepFailed {
+  HRESULT result;
+};
+
 Platform::Com& Com() {
   return *Platform::CurrentMachine().com;
 }
@@ -67,18 +72,8 @@ HRESULT WithObject(HRESULT result, const ComPtr<Interface>& object) {
   return SUCCEEDED(result) && !object ? E_POINTER : result;
 }
 
-HRESULT Put(IWbemClassObject* object, const wchar_t* property, Variant& value) {
-  return object->Put(property, 0, value.Get(), 0);
-}
-
-HRESULT Get(IWbemClassObject* object, const wchar_t* property, Variant& value) {
+HRESULT Get(const ComPtr<IWbemClassObject>& object, const wchar_t* property, Variant& value) {
   return object->Get(property, 0, value.Receive(), nullptr, nullptr);
-}
-
-HRESULT PutInt32(IWbemClassObject* object, const wchar_t* property, std::int32_t number) {
-  Variant value;
-  value.SetInt32(number);
-  return Put(object, property, value);
 }
 
 }  // namespace
@@ -96,6 +91,10 @@ std::int32_t VxBiosWmi::Check(const char* step, const wchar_t* function,
                               std::int32_t result) const {
   if (FAILED(result)) logger->LogWarning(kFailed, class_name, step, function, result);
   return result;
+}
+
+void VxBiosWmi::Require(const char* step, const wchar_t* function, std::int32_t result) const {
+  if (FAILED(Check(step, function, result))) throw StepFailed{result};
 }
 
 bool VxBiosWmi::GetReady() {
@@ -123,12 +122,9 @@ bool VxBiosWmi::GetReady() {
   if (SUCCEEDED(connected)) {
     connected = Check(kGetReady, L"CoSetProxyBlanket()", com.SetProxyBlanket(services.Get()));
   }
-  if (FAILED(connected)) {
-    Disconnect();
-    return false;
-  }
-  ready = true;
-  return true;
+  ready = SUCCEEDED(connected);
+  if (!ready) Disconnect();
+  return ready;
 }
 
 void VxBiosWmi::Disconnect() {
@@ -139,139 +135,116 @@ void VxBiosWmi::Disconnect() {
   ready = false;
 }
 
-std::int32_t VxBiosWmi::GetClass(const wchar_t* name, ClassObject& object) const {
+VxBiosWmi::ClassObject VxBiosWmi::GetClass(const char* step, const wchar_t* name) const {
   const UniqueBstr path = Text(name);
-  return WithObject(services->GetObject(path.get(), 0, nullptr, object.Receive(), nullptr), object);
+  ClassObject object;
+  const HRESULT result = services->GetObject(path.get(), 0, nullptr, object.Receive(), nullptr);
+  Require(step, L"IWbemServices->GetObject(InputDataBlock)", WithObject(result, object));
+  return object;
 }
 
 std::int32_t VxBiosWmi::ExecuteCommand(int command, int commandType, std::uint32_t inputSize,
                                        const std::uint8_t* input, std::uint32_t outputSize,
                                        std::uint8_t* output, std::int32_t* returnCode) {
   outputResult = E_FAIL;
-  if (!ready && !GetReady()) return E_FAIL;
+  if (!GetReady()) return E_FAIL;
 
   wchar_t method[kMethodNameChars] = {};
   // Uses the system's formatting function, because the compiler's would be linked into the module.
   static_cast<void>(
       _snwprintf(method, std::size(method) - 1, kMethodName, static_cast<long>(outputSize)));
 
-  ClassObject methodClass;
-  HRESULT result = Check(kExecuteCommand, L"IWbemServices->GetObject(InputDataBlock)",
-                         GetClass(kMethodClass, methodClass));
-  if (FAILED(result)) return result;
+  HRESULT executed = E_FAIL;
+  try {
+    const ClassObject methodClass = GetClass(kExecuteCommand, kMethodClass);
+    ClassObject methodInput;
+    const HRESULT found = methodClass->GetMethod(method, 0, methodInput.Receive(), nullptr);
+    Require(kExecuteCommand, L"IWbemClassObject->GetMethod(BiosWmiMethod)",
+            WithObject(found, methodInput));
+    const ClassObject methodInstance =
+        SetupInputDataBlock(command, commandType, inputSize, input, methodInput);
+    Variant path;
+    GetBiosMethodObjectPath(path);
 
-  ClassObject methodInput;
-  result = methodClass->GetMethod(method, 0, methodInput.Receive(), nullptr);
-  result = Check(kExecuteCommand, L"IWbemClassObject->GetMethod(BiosWmiMethod)",
-                 WithObject(result, methodInput));
-  if (FAILED(result)) return result;
-
-  ClassObject methodInstance;
-  result =
-      SetupInputDataBlock({command, commandType, inputSize, input}, methodInput, methodInstance);
-  if (FAILED(result)) return result;
-
-  Variant path;
-  result = GetBiosMethodObjectPath(path);
-  if (FAILED(result)) return result;
-
-  const UniqueBstr pathText = Text(Platform::TextIn(*path));
-  const UniqueBstr methodText = Text(method);
-  ClassObject outParameters;
-  result = services->ExecMethod(pathText.get(), methodText.get(), 0, nullptr, methodInstance.Get(),
-                                outParameters.Receive(), nullptr);
-  if (FAILED(Check(kExecuteCommand, L"IWbemServices->ExecMethod(BIOS method)", result))) {
-    return result;
+    const UniqueBstr pathText = Text(Platform::TextIn(*path));
+    const UniqueBstr methodText = Text(method);
+    ClassObject outParameters;
+    executed = services->ExecMethod(pathText.get(), methodText.get(), 0, nullptr,
+                                    methodInstance.Get(), outParameters.Receive(), nullptr);
+    Require(kExecuteCommand, L"IWbemServices->ExecMethod(BIOS method)", executed);
+    GetOutputData(outParameters, outputSize, output, returnCode);
+    outputResult = S_OK;
+  } catch (const StepFailed& failed) {
+    if (FAILED(executed)) return failed.result;
+    // The firmware has already run the command, so an unreadable reply does not make it fail.
+    outputResult = failed.result;
   }
-  // The firmware has already run the command, so an unreadable reply does not make it fail.
-  outputResult = GetOutputData(outParameters, outputSize, output, returnCode);
-  return result;
+  return executed;
 }
 
-std::int32_t VxBiosWmi::SetupInputDataBlock(const Input& input, const ClassObject& methodInput,
-                                            ClassObject& methodInstance) const {
-  ClassObject blockClass;
-  HRESULT result = Check(kSetupInputDataBlock, L"IWbemServices->GetObject(InputDataBlock)",
-                         GetClass(kInputBlockClass, blockClass));
-  if (FAILED(result)) return result;
-
+VxBiosWmi::ClassObject VxBiosWmi::SetupInputDataBlock(int command, int commandType,
+                                                      std::uint32_t inputSize,
+                                                      const std::uint8_t* input,
+                                                      const ClassObject& methodInput) const {
+  const ClassObject blockClass = GetClass(kSetupInputDataBlock, kInputBlockClass);
   ClassObject block;
-  result = WithObject(blockClass->SpawnInstance(0, block.Receive()), block);
-  result = Check(kSetupInputDataBlock, L"IWbemClassObject->SpawnInstance(InputDataBlockInstance)",
-                 result);
-  if (FAILED(result)) return result;
+  HRESULT spawned = blockClass->SpawnInstance(0, block.Receive());
+  Require(kSetupInputDataBlock, L"IWbemClassObject->SpawnInstance(InputDataBlockInstance)",
+          WithObject(spawned, block));
 
-  result = FillInputDataBlock(input, block);
-  if (FAILED(result)) return result;
-
-  result = WithObject(methodInput->SpawnInstance(0, methodInstance.Receive()), methodInstance);
-  result =
-      Check(kSetupInputDataBlock, L"IWbemClassObject->SpawnInstance(BiosMethodInstance)", result);
-  if (FAILED(result)) return result;
-
-  Variant object;
-  object.SetObject(block.Get());
-  return Check(kSetupInputDataBlock, L"BiosMethodInstance->Put(InputDataBlockClass)",
-               Put(methodInstance.Get(), L"InData", object));
-}
-
-std::int32_t VxBiosWmi::FillInputDataBlock(const Input& input, const ClassObject& block) const {
-  Variant signature;
-  HRESULT result =
-      CreateSafeArray(kSignature, static_cast<std::uint32_t>(std::size(kSignature)), signature);
-  if (FAILED(result)) return result;
-  result = Check(kSetupInputDataBlock, L"InputDataBlockInstance->Put(Sign)",
-                 Put(block.Get(), L"Sign", signature));
-  if (FAILED(result)) return result;
-
-  const struct {
-    const wchar_t* property;
-    std::int32_t value;
-    const wchar_t* failure;
-  } numbers[] = {
-      {L"Command", input.command, L"InputDataBlockInstance->Put(Command)"},
-      {L"CommandType", input.commandType, L"InputDataBlockInstance->Put(CommandType)"},
-      {L"Size", static_cast<std::int32_t>(input.size), L"InputDataBlockInstance->Put(Size)"},
+  const auto put = [&](const ClassObject& object, const wchar_t* property, Variant& value,
+                       const wchar_t* function) {
+    Require(kSetupInputDataBlock, function, object->Put(property, 0, value.Get(), 0));
   };
-  for (const auto& number : numbers) {
-    result = Check(kSetupInputDataBlock, number.failure,
-                   PutInt32(block.Get(), number.property, number.value));
-    if (FAILED(result)) return result;
-  }
-
+  const auto putNumber = [&](const wchar_t* property, std::int32_t number,
+                             const wchar_t* function) {
+    Variant value;
+    value.SetInt32(number);
+    put(block, property, value, function);
+  };
+  Variant signature;
+  CreateSafeArray(kSignature, static_cast<std::uint32_t>(std::size(kSignature)), signature);
+  put(block, L"Sign", signature, L"InputDataBlockInstance->Put(Sign)");
+  putNumber(L"Command", command, L"InputDataBlockInstance->Put(Command)");
+  putNumber(L"CommandType", commandType, L"InputDataBlockInstance->Put(CommandType)");
+  putNumber(L"Size", static_cast<std::int32_t>(inputSize), L"InputDataBlockInstance->Put(Size)");
   Variant data;
-  if (input.size > 0) {
-    result = CreateSafeArray(input.bytes, input.size, data);
-    if (FAILED(result)) return result;
+  if (inputSize > 0) {
+    CreateSafeArray(input, inputSize, data);
   } else {
     data.SetBytes(nullptr);
   }
-  return Check(kSetupInputDataBlock, L"InputDataBlockInstance->Put(inputData)",
-               Put(block.Get(), L"zrkBData", data));
+  put(block, L"zrkBData", data, L"InputDataBlockInstance->Put(inputData)");
+
+  ClassObject methodInstance;
+  spawned = methodInput->SpawnInstance(0, methodInstance.Receive());
+  Require(kSetupInputDataBlock, L"IWbemClassObject->SpawnInstance(BiosMethodInstance)",
+          WithObject(spawned, methodInstance));
+  Variant object;
+  object.SetObject(block.Get());
+  put(methodInstance, L"InData", object, L"BiosMethodInstance->Put(InputDataBlockClass)");
+  return methodInstance;
 }
 
-std::int32_t VxBiosWmi::CreateSafeArray(const std::uint8_t* bytes, std::uint32_t count,
-                                        Variant& array) const {
+void VxBiosWmi::CreateSafeArray(const std::uint8_t* bytes, std::uint32_t count,
+                                Variant& array) const {
   Platform::UniqueSafeArray made(Com().MakeByteArray(count));
-  if (made == nullptr) return Check(kCreateSafeArray, L"SafeArrayCreateVector()", E_FAIL);
+  Require(kCreateSafeArray, L"SafeArrayCreateVector()", made != nullptr ? S_OK : E_FAIL);
   for (std::uint32_t i = 0; i < count; ++i) {
-    const HRESULT result = Check(kCreateSafeArray, L"SafeArrayPutElement()",
-                                 Com().PutByte(made.get(), static_cast<std::int32_t>(i), bytes[i]));
-    if (FAILED(result)) return result;
+    Require(kCreateSafeArray, L"SafeArrayPutElement()",
+            Com().PutByte(made.get(), static_cast<std::int32_t>(i), bytes[i]));
   }
   array.SetBytes(std::move(made));
-  return S_OK;
 }
 
-std::int32_t VxBiosWmi::GetBiosMethodObjectPath(Variant& path) const {
+void VxBiosWmi::GetBiosMethodObjectPath(Variant& path) const {
   const UniqueBstr name = Text(kMethodInstances);
   ComPtr<IEnumWbemClassObject> instances;
   HRESULT result = services->CreateInstanceEnum(
       name.get(), WBEM_FLAG_RETURN_IMMEDIATELY | WBEM_FLAG_FORWARD_ONLY, nullptr,
       instances.Receive());
-  result = Check(kGetBiosMethodObjectPath, L"IWbemServices->CreateInstanceEnum(BiosWmiMethod)",
-                 WithObject(result, instances));
-  if (FAILED(result)) return result;
+  Require(kGetBiosMethodObjectPath, L"IWbemServices->CreateInstanceEnum(BiosWmiMethod)",
+          WithObject(result, instances));
 
   ClassObject instance;
   ULONG returned = 0;
@@ -281,74 +254,68 @@ std::int32_t VxBiosWmi::GetBiosMethodObjectPath(Variant& path) const {
     result = result == WBEM_S_TIMEDOUT ? static_cast<HRESULT>(WBEM_E_TIMED_OUT)
                                        : static_cast<HRESULT>(WBEM_E_NOT_FOUND);
   }
-  result = Check(kGetBiosMethodObjectPath, L"IEnumWbemClassObject->Next()", result);
-  if (FAILED(result)) return result;
+  Require(kGetBiosMethodObjectPath, L"IEnumWbemClassObject->Next()", result);
 
-  result = Get(instance.Get(), L"__PATH", path);
+  result = Get(instance, L"__PATH", path);
   if (SUCCEEDED(result) && Platform::TextIn(*path) == nullptr) result = DISP_E_TYPEMISMATCH;
-  return Check(kGetBiosMethodObjectPath, L"IWbemClassObject->Get(path)", result);
+  Require(kGetBiosMethodObjectPath, L"IWbemClassObject->Get(path)", result);
 }
 
-std::int32_t VxBiosWmi::GetOutputData(const ClassObject& outParameters, std::uint32_t outputSize,
-                                      std::uint8_t* output, std::int32_t* returnCode) const {
+void VxBiosWmi::GetOutputData(const ClassObject& outParameters, std::uint32_t outputSize,
+                              std::uint8_t* output, std::int32_t* returnCode) const {
   Variant block;
-  HRESULT result = outParameters ? Get(outParameters.Get(), L"OutData", block) : E_POINTER;
-  result = Check(kGetOutputData, L"OutputDataBlockInstance->Get(OutputDataBlock)", result);
-  if (FAILED(result)) return result;
+  Require(kGetOutputData, L"OutputDataBlockInstance->Get(OutputDataBlock)",
+          outParameters ? Get(outParameters, L"OutData", block) : E_POINTER);
 
   ClassObject data;
   IUnknown* const held = Platform::ObjectIn(*block);
   void* queried = nullptr;
-  result = held != nullptr ? held->QueryInterface(IID_IWbemClassObject, &queried) : E_NOINTERFACE;
+  HRESULT result =
+      held != nullptr ? held->QueryInterface(IID_IWbemClassObject, &queried) : E_NOINTERFACE;
   if (SUCCEEDED(result)) data = ClassObject(static_cast<IWbemClassObject*>(queried));
-  result = Check(kGetOutputData, L"OutputDataBlock->QueryInterface(OutputDataObject)",
-                 WithObject(result, data));
-  if (FAILED(result)) return result;
+  Require(kGetOutputData, L"OutputDataBlock->QueryInterface(OutputDataObject)",
+          WithObject(result, data));
 
   Variant code;
-  result = Get(data.Get(), L"rwReturnCode", code);
+  result = Get(data, L"rwReturnCode", code);
   if (SUCCEEDED(result) && !Platform::Int32In(*code)) result = DISP_E_TYPEMISMATCH;
   // The output is read even if there is no return code.
   if (SUCCEEDED(Check(kGetOutputData, L"OutputDataObject->Get(ReturnCode)", result))) {
     *returnCode = *Platform::Int32In(*code);
   }
-  if (outputSize == 0) return S_OK;
+  if (outputSize == 0) return;
 
   // Only checks that there is enough memory. The property's own array then replaces this one.
   Variant bytes;
   Platform::UniqueSafeArray room(Com().MakeByteArray(outputSize));
-  if (room == nullptr) {
-    return Check(kGetOutputData, L"SafeArrayCreateVector(OutputDataSize)", E_FAIL);
-  }
+  Require(kGetOutputData, L"SafeArrayCreateVector(OutputDataSize)",
+          room != nullptr ? S_OK : E_FAIL);
   bytes.SetBytes(std::move(room));
-  result =
-      Check(kGetOutputData, L"OutputDataObject->Get(outputData)", Get(data.Get(), L"Data", bytes));
-  return FAILED(result) ? result : CopyOutputBytes(bytes, outputSize, output);
+  Require(kGetOutputData, L"OutputDataObject->Get(outputData)", Get(data, L"Data", bytes));
+  CopyOutputBytes(bytes, outputSize, output);
 }
 
-std::int32_t VxBiosWmi::CopyOutputBytes(const Variant& data, std::uint32_t outputSize,
-                                        std::uint8_t* output) const {
+void VxBiosWmi::CopyOutputBytes(const Variant& data, std::uint32_t outputSize,
+                                std::uint8_t* output) const {
   SAFEARRAY* const array = Platform::BytesIn(*data);
+  const auto bounds = array != nullptr ? Platform::BoundsOf(*array) : Platform::ByteArrayBounds{};
   // Each element is copied to the offset that its index gives, so an index must not be negative.
-  if (array == nullptr || Platform::BoundsOf(*array).lower < 0) {
+  if (array == nullptr || bounds.lower < 0) {
     logger->LogWarning(kInvalidData, class_name, kGetOutputData);
-    return kNotTheBlock;
+    throw StepFailed{kNotTheBlock};
   }
-  const Platform::ByteArrayBounds bounds = Platform::BoundsOf(*array);
   if (bounds.count != outputSize) {
     logger->LogWarning(kInvalidSize, class_name, kGetOutputData, outputSize, bounds.count);
-    return kNotTheBlock;
+    throw StepFailed{kNotTheBlock};
   }
   for (std::int64_t index = bounds.lower; index < bounds.count; ++index) {
-    const HRESULT result =
-        Check(kGetOutputData, L"SafeArrayGetElement()",
-              Platform::ReadByte(array, static_cast<std::int32_t>(index), output[index]));
-    if (FAILED(result)) return result;
+    Require(kGetOutputData, L"SafeArrayGetElement()",
+            Platform::ReadByte(array, static_cast<std::int32_t>(index), output[index]));
   }
-  if (bounds.lower == 0) return S_OK;
+  if (bounds.lower == 0) return;
   // The array has no elements for the first offsets, so their bytes are unknown.
   logger->LogWarning(kInvalidData, class_name, kGetOutputData);
-  return kNotTheBlock;
+  throw StepFailed{kNotTheBlock};
 }
 
 }  // namespace Vx::Tessel::Server::Shared::WMI

@@ -49,28 +49,24 @@ class VxBiosWmi {
  private:
   using ClassObject = Platform::ComPtr<IWbemClassObject>;
 
-  struct Input {
-    int command;
-    int commandType;
-    std::uint32_t size;
-    const std::uint8_t* bytes;
-  };
-
   void Disconnect();
-  std::int32_t GetClass(const wchar_t* name, ClassObject& object) const;
-  std::int32_t SetupInputDataBlock(const Input& input, const ClassObject& methodInput,
-                                   ClassObject& methodInstance) const;
-  std::int32_t FillInputDataBlock(const Input& input, const ClassObject& block) const;
-  std::int32_t GetBiosMethodObjectPath(Platform::Variant& path) const;
-  std::int32_t GetOutputData(const ClassObject& outParameters, std::uint32_t outputSize,
-                             std::uint8_t* output, std::int32_t* returnCode) const;
-  std::int32_t CopyOutputBytes(const Platform::Variant& data, std::uint32_t outputSize,
-                               std::uint8_t* output) const;
-  std::int32_t CreateSafeArray(const std::uint8_t* bytes, std::uint32_t count,
-                               Platform::Variant& array) const;
 
   // Logs `result` if it is a failure, and returns it.
   std::int32_t Check(const char* step, const wchar_t* function, std::int32_t result) const;
+
+  // Like Check, but a failure ends the command. So do the steps below if they fail.
+  void Require(const char* step, const wchar_t* function, std::int32_t result) const;
+
+  ClassObject GetClass(const char* step, const wchar_t* name) const;
+  ClassObject SetupInputDataBlock(int command, int commandType, std::uint32_t inputSize,
+                                  const std::uint8_t* input, const ClassObject& methodInput) const;
+  void CreateSafeArray(const std::uint8_t* bytes, std::uint32_t count,
+                       Platform::Variant& array) const;
+  void GetBiosMethodObjectPath(Platform::Variant& path) const;
+  void GetOutputData(const ClassObject& outParameters, std::uint32_t outputSize,
+                     std::uint8_t* output, std::int32_t* returnCode) const;
+  void CopyOutputBytes(const Platform::Variant& data, std::uint32_t outputSize,
+                       std::uint8_t* output) const;
 
   const Logging::TraceLogger* logger;
   const char* class_name;
