@@ -31,13 +31,6 @@ constexpr wchar_t kNullInArguments[] = L"the arguments hold a null character";
 constexpr wchar_t kDelayKey[] = L"delayDeliverySec";
 constexpr wchar_t kNoDelay[] = L"0";
 
-template <typename Command>
-EventCommandPtr Make(const Json::JsonObject& parameters) {
-  return EventCommandPtr(new Command(parameters), CommandDeleter([](EventCommand* command) {
-                           delete static_cast<Command*>(command);
-                         }));
-}
-
 }  // namespace
 
 LaunchCommand::LaunchCommand(const Json::JsonObject& parameters)
@@ -103,9 +96,9 @@ Records::Outcome AppServiceNotificationCommand::Execute() {
 EventCommandPtr CreateEventCommand(EventAction action, const Json::JsonObject& parameters) {
   switch (action) {
     case EventAction::Launch:
-      return Make<LaunchCommand>(parameters);
+      return std::make_shared<LaunchCommand>(parameters);
     case EventAction::AppServiceNotification:
-      return Make<AppServiceNotificationCommand>(parameters);
+      return std::make_shared<AppServiceNotificationCommand>(parameters);
   }
   throw Platform::WindowsRuntimeError(kUnknownAction, kNoSuchAction);
 }

@@ -21,8 +21,8 @@ enum class EventAction : std::uint32_t { Launch = 1, AppServiceNotification = 2 
 // The command that a subscription runs when its event occurs. May run any number of times and on
 // any thread, but not on two at once.
 //
-// The vtable layout is a fixed contract that has no slot for a destructor, so owners delete through
-// CommandDeleter.
+// The vtable layout is a fixed contract that has no slot for a destructor. A shared pointer deletes
+// a command through its concrete class.
 class EventCommand {
  public:
   // Runs the command, blocks until it is done and returns the outcome. May throw
@@ -57,22 +57,7 @@ class PackageEventCommand : public EventCommand {
   ~PackageEventCommand() = default;
 };
 
-// Deletes a command through its concrete class.
-class CommandDeleter {
- public:
-  using Destroy = void (*)(EventCommand*);
-
-  CommandDeleter() = default;
-  explicit CommandDeleter(Destroy function) : destroy(function) {}
-
-  void operator()(EventCommand* command) const { destroy(command); }
-
- private:
-  Destroy destroy = nullptr;
-};
-
-using EventCommandPtr = std::unique_ptr<EventCommand, CommandDeleter>;
-using PackageEventCommandPtr = std::unique_ptr<PackageEventCommand, CommandDeleter>;
+using EventCommandPtr = std::shared_ptr<EventCommand>;
 
 // Starts a program as SYSTEM in the console user's session, if the program is trusted.
 class LaunchCommand final : public PackageEventCommand {

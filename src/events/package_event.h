@@ -47,7 +47,7 @@ class IPCEvent {
 
  protected:
   // Shared with a notification in progress, which may outlive this object.
-  std::shared_ptr<EventCommand> command;
+  EventCommandPtr command;
   std::shared_ptr<CompletionEvent> completion;
 };
 

@@ -37,18 +37,13 @@ void SubscribeForAppPackageEventRequest::RegisterPackageEvent(const CompletionHa
   packageEvent->Register();
 }
 
-PackageEventCommandPtr SubscribeForAppPackageEventRequest::ParseEventCommand(
+std::shared_ptr<PackageEventCommand> SubscribeForAppPackageEventRequest::ParseEventCommand(
     const std::wstring& request) {
   try {
     const auto document = Json::JsonObject::Parse(request);
     const auto action = static_cast<EventAction>(Code(document, kPackageForm.action));
-    EventCommandPtr command =
-        CreateEventCommand(action, document.GetNamedObject(kPackageForm.parameters));
-    auto* packageCommand = dynamic_cast<PackageEventCommand*>(command.get());
-    if (packageCommand == nullptr) return nullptr;
-    PackageEventCommandPtr result(packageCommand, command.get_deleter());
-    command.release();  // NOLINT(bugprone-unused-return-value): `result` owns it now
-    return result;
+    return std::dynamic_pointer_cast<PackageEventCommand>(
+        CreateEventCommand(action, document.GetNamedObject(kPackageForm.parameters)));
   } catch (const Platform::WindowsRuntimeError&) {
     return nullptr;
   }

@@ -31,7 +31,7 @@ class SubscribeForAppPackageEventRequest {
 
   // Returns the command of a stored request, or null if the text is not a request of this kind or
   // its command cannot run late. Throws only std::bad_alloc.
-  static PackageEventCommandPtr ParseEventCommand(const std::wstring& request);
+  static std::shared_ptr<PackageEventCommand> ParseEventCommand(const std::wstring& request);
 
  private:
   PackageCatalogEvent catalogEvent{};
