@@ -11,7 +11,7 @@
 #include <process.h>
 
 #include "bench/ratio_table.h"
-#include "events/power_events.h"
+#include "events/subscription_delivery.h"
 #include "json/json_text.h"
 #include "platform/app_services.h"
 #include "platform/clock.h"

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -58,6 +59,9 @@ class PackageEventCommand : public EventCommand {
 };
 
 using EventCommandPtr = std::shared_ptr<EventCommand>;
+
+// Called with an empty string, on the system's catalog thread, after a package command has run.
+using CompletionHandler = std::function<void(const std::wstring&)>;
 
 // Starts a program as SYSTEM in the console user's session, if the program is trusted.
 class LaunchCommand final : public PackageEventCommand {

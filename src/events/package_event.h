@@ -1,7 +1,6 @@
 #pragma once
 
 #include <cstdint>
-#include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -23,9 +22,6 @@ inline constexpr std::int32_t kUnknownCatalogEvent = 0x20000006;
 class CompletionEvent;
 class FiringMark;
 class UninstallWatch;
-
-// Called with an empty string, on the system's catalog thread, after a package command has run.
-using CompletionHandler = std::function<void(const std::wstring&)>;
 
 // A package event and the command that it runs once.
 class IPCEvent {

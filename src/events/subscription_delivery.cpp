@@ -59,9 +59,9 @@ const Logging::TraceLogger& Log() {
   return *LogManager::SetProvider(Logging::kComponentProvider);
 }
 
-int DelaySeconds(const DeliveryNames& names, const EventCommand& command) {
+int DelaySeconds(const DeliveryKind& kind, const EventCommand& command) {
   const auto seconds = LeadingInteger(command.DelayDeliverySec());
-  if (!seconds) Log().LogError(kDelayUnreadable, names.failing);
+  if (!seconds) Log().LogError(kDelayUnreadable, kind.failing);
   return seconds.value_or(0);
 }
 
@@ -113,18 +113,14 @@ class DeliveryPlace {
     return counts;
   }
 
-  static std::mutex mutex;  // guards the counts; no other lock is taken while it is held
-  static int existing;
-  static std::size_t longTexts;
+  static inline std::mutex mutex;  // guards the counts; no other lock is taken while it is held
+  static inline int existing = 0;
+  static inline std::size_t longTexts = 0;
   const std::size_t longText;  // characters
   Map::iterator entry;
   Reason refusal = Reason::None;
   bool waits = true;
 };
-
-std::mutex DeliveryPlace::mutex;
-int DeliveryPlace::existing = 0;
-std::size_t DeliveryPlace::longTexts = 0;
 
 // The length of a wait in milliseconds, and what ended it early: Standby, ServiceEnded or None.
 struct Waited {
@@ -133,7 +129,7 @@ struct Waited {
 };
 
 // Waits until Modern Standby begins, the service ends or the delay has passed.
-Waited Wait(const DeliveryNames& names, int seconds, const Platform::SharedHandle& stop) {
+Waited Wait(const DeliveryKind& kind, int seconds, const Platform::SharedHandle& stop) {
   Platform::Clock& clock = *Platform::CurrentMachine().clock;
   const auto length = DelayLength(seconds);
   const std::uint64_t start = clock.TickCount();
@@ -147,7 +143,7 @@ Waited Wait(const DeliveryNames& names, int seconds, const Platform::SharedHandl
                                         : clock.Wait(standby ? standby->get() : stop.get(), length);
   if (wait.outcome == Platform::WaitOutcome::Signalled) {
     if (stop != nullptr && (!standby || wait.code == 0)) return {0, Reason::ServiceEnded};
-    Log().LogInfo(kModernStandby, names.handler);
+    Log().LogInfo(kModernStandby, kind.handler);
     return {ElapsedUntilStandby(start, clock.TickCount()), Reason::Standby};
   }
   // A wait that fails, for example because there is no event, returns early, so this sleeps for the
@@ -157,19 +153,19 @@ Waited Wait(const DeliveryNames& names, int seconds, const Platform::SharedHandl
   return {ElapsedMilliseconds(start, clock.TickCount())};
 }
 
-Waited WaitDelay(const DeliveryNames& names, int seconds, const Platform::SharedHandle& stop,
+Waited WaitDelay(const DeliveryKind& kind, int seconds, const Platform::SharedHandle& stop,
                  Records::Delivery& delivery) {
   if (seconds < 1) {
-    Log().LogInfo(kNoDelay, names.handler);
+    Log().LogInfo(kNoDelay, kind.handler);
     return {};
   }
-  Log().LogInfo(names.delayStart, seconds);
+  Log().LogInfo(kind.delayStart, seconds);
   Waited waited;
   if (!IsTooLong(seconds)) {
     delivery.Waits(DelayLength(seconds));
-    waited = Wait(names, seconds, stop);
+    waited = Wait(kind, seconds, stop);
   }
-  if (waited.early != Reason::ServiceEnded) Log().LogInfo(kDelayEnd, names.handler, seconds);
+  if (waited.early != Reason::ServiceEnded) Log().LogInfo(kDelayEnd, kind.handler, seconds);
   return waited;
 }
 
@@ -191,8 +187,8 @@ Reason WhyOverdue(int delay, Reason early) {
 void Deliver(const DeliveryKind& kind, const std::wstring& request, EventCommand& command,
              const Platform::SharedHandle& stop, DeliveryPlace& place,
              Records::Delivery& delivery) {
-  const int delay = DelaySeconds(kind.names, command);
-  const auto [elapsed, early] = WaitDelay(kind.names, delay, stop, delivery);
+  const int delay = DelaySeconds(kind, command);
+  const auto [elapsed, early] = WaitDelay(kind, delay, stop, delivery);
   if (early == Reason::ServiceEnded) return delivery.Ends({Decision::Dropped, early});
   const bool overdue = IsOverdue(delay, elapsed);
   const std::wstring trigger = TriggerOf(command);
@@ -201,16 +197,16 @@ void Deliver(const DeliveryKind& kind, const std::wstring& request, EventCommand
                              : TakeTurn(command, *kind.handleEventMutex);
   place.StopWaiting();
   if (overdue) {
-    Log().LogInfo(kDiscarded, kind.names.handler, static_cast<int>(elapsed));
+    Log().LogInfo(kDiscarded, kind.handler, static_cast<int>(elapsed));
     delivery.Ends({Decision::Dropped, WhyOverdue(delay, early)});
   } else if (!trigger.empty()) {
     const std::uint32_t status = Platform::CurrentMachine().systemTriggers->Raise(trigger);
-    Log().LogInfo(kTriggerRaised, kind.names.handler, status, request.c_str());
+    Log().LogInfo(kTriggerRaised, kind.handler, status, request.c_str());
     const Outcome refused{Decision::NotRaised, Reason::Windows, status};
     delivery.Ends(status == 0 ? Outcome{Decision::Raised} : refused);
   } else {
     const Outcome outcome = command.Execute();
-    Log().LogInfo(kExecuted, kind.names.handler, request.c_str());
+    Log().LogInfo(kExecuted, kind.handler, request.c_str());
     delivery.Ends(outcome);
   }
 }
@@ -221,7 +217,7 @@ std::int32_t StatusOf(const std::exception& error) {
 }
 
 // Logs only the status if memory runs out while converting the message.
-void LogWorkerFailure(const DeliveryNames& names,
+void LogWorkerFailure(const DeliveryKind& kind,
                       const Platform::WindowsRuntimeError& error) noexcept {
   std::string message;
   try {
@@ -229,7 +225,7 @@ void LogWorkerFailure(const DeliveryNames& names,
   } catch (const std::bad_alloc&) {
     message.clear();
   }
-  Log().LogError(kWorkerFailed, names.failing, message.c_str(), error.code());
+  Log().LogError(kWorkerFailed, kind.failing, message.c_str(), error.code());
 }
 
 // Returns null if the request is not a subscription of this kind, which is logged.
@@ -238,7 +234,7 @@ std::shared_ptr<const EventSubscription> Parse(const DeliveryKind& kind,
   try {
     return std::make_shared<const EventSubscription>(request, kind.form);
   } catch (const Platform::WindowsRuntimeError& error) {
-    LogWorkerFailure(kind.names, error);
+    LogWorkerFailure(kind, error);
     Records::Delivery(
         {.kind = kind.kind, .subscription = Records::SubscriptionHash(request), .number = event})
         .Ends(Records::FailedWith(error.code(), Reason::Unreadable));
@@ -254,13 +250,13 @@ void Work(const DeliveryKind& kind, const std::wstring& request,
   try {
     return Deliver(kind, request, *subscription.Command(), stop, place, delivery);
   } catch (const Platform::WindowsRuntimeError& error) {
-    LogWorkerFailure(kind.names, error);
+    LogWorkerFailure(kind, error);
     status = error.code();
   } catch (const std::exception& error) {
     status = StatusOf(error);
-    Log().LogError(kWorkerFailed, kind.names.failing, error.what(), status);
+    Log().LogError(kWorkerFailed, kind.failing, error.what(), status);
   } catch (...) {
-    Log().LogError(kWorkerFailed, kind.names.failing, kUnknown, status);
+    Log().LogError(kWorkerFailed, kind.failing, kUnknown, status);
   }
   delivery.Ends(Records::FailedWith(status));
 }
@@ -280,50 +276,6 @@ Outcome ChangeList(const DeliveryKind& kind, const char* operation, Change&& cha
     LogManager::GetLogger()->LogError(kChangeFailed, operation, error.what());
     return {Decision::Failed, Reason::Exception};
   }
-}
-
-}  // namespace
-
-EventSubscription::EventSubscription(const std::wstring& request, const SubscriptionForm& form) {
-  const auto document = Json::JsonObject::Parse(request);
-  eventType = Json::TruncateToUint32(document.GetNamedNumber(form.event));
-  action = static_cast<EventAction>(Json::TruncateToUint32(document.GetNamedNumber(form.action)));
-  command = CreateEventCommand(action, document.GetNamedObject(form.parameters));
-  if (form.family != nullptr) family = document.GetNamedString(form.family);
-}
-
-void NameSubscription(Records::Record& record, const std::wstring& request,
-                      const SubscriptionForm& form) {
-  record.subscription = Records::SubscriptionHash(request);
-  const EventSubscription subscription(request, form);
-  record.target = subscription.Command()->Target();
-  record.package = subscription.Family();
-  if (record.kind == Records::Kind::Uninstall) record.number = subscription.Type();
-}
-
-Outcome RegisterSubscription(const DeliveryKind& kind, const std::wstring& request) noexcept {
-  return ChangeList(kind, kind.names.subscribe, [&](RequestManager& manager) -> Outcome {
-    if (manager.PersistRequest(request)) return {Decision::Stored};
-    return {Decision::Refused, Reason::StoreRefused};
-  });
-}
-
-Outcome UnregisterSubscription(const DeliveryKind& kind, const std::wstring& request) noexcept {
-  using Removal = RequestManager::Removal;
-  return ChangeList(kind, kind.names.unsubscribe, [&](RequestManager& manager) -> Outcome {
-    const Removal removal = manager.RemoveRequest(request);
-    if (removal == Removal::Removed) return {Decision::Removed};
-    const bool unknown = removal == Removal::Unknown;
-    return {Decision::Refused, unknown ? Reason::NotStored : Reason::StoreRefused};
-  });
-}
-
-void FulfillSubscriptions(const DeliveryKind& kind, std::uint32_t eventType,
-                          const Platform::SharedHandle& stop) {
-  RequestManager manager(kServiceDocument, kind.form.list);
-  manager.RegisterExistingRequests(
-      [&](const std::wstring& request) { kind.handleEvent(request, nullptr, eventType, stop); },
-      [](const std::wstring&, const Platform::WindowsRuntimeError&) {});
 }
 
 void StartDelivery(const DeliveryKind& kind, const std::wstring& request, std::uint32_t eventType,
@@ -348,6 +300,86 @@ void StartDelivery(const DeliveryKind& kind, const std::wstring& request, std::u
     delivery->Ends(Records::FailedWith(StatusOf(error), Reason::NoThread));
     throw;
   }
+}
+
+}  // namespace
+
+EventSubscription::EventSubscription(const std::wstring& request, const SubscriptionForm& form) {
+  const auto document = Json::JsonObject::Parse(request);
+  eventType = Json::TruncateToUint32(document.GetNamedNumber(form.event));
+  action = static_cast<EventAction>(Json::TruncateToUint32(document.GetNamedNumber(form.action)));
+  command = CreateEventCommand(action, document.GetNamedObject(form.parameters));
+  if (form.family != nullptr) family = document.GetNamedString(form.family);
+}
+
+void NameSubscription(Records::Record& record, const std::wstring& request,
+                      const SubscriptionForm& form) {
+  record.subscription = Records::SubscriptionHash(request);
+  const EventSubscription subscription(request, form);
+  record.target = subscription.Command()->Target();
+  record.package = subscription.Family();
+  if (record.kind == Records::Kind::Uninstall) record.number = subscription.Type();
+}
+
+Outcome RegisterSubscription(const DeliveryKind& kind, const std::wstring& request) noexcept {
+  return ChangeList(kind, kind.subscribe, [&](RequestManager& manager) -> Outcome {
+    if (manager.PersistRequest(request)) return {Decision::Stored};
+    return {Decision::Refused, Reason::StoreRefused};
+  });
+}
+
+Outcome UnregisterSubscription(const DeliveryKind& kind, const std::wstring& request) noexcept {
+  using Removal = RequestManager::Removal;
+  return ChangeList(kind, kind.unsubscribe, [&](RequestManager& manager) -> Outcome {
+    const Removal removal = manager.RemoveRequest(request);
+    if (removal == Removal::Removed) return {Decision::Removed};
+    const bool unknown = removal == Removal::Unknown;
+    return {Decision::Refused, unknown ? Reason::NotStored : Reason::StoreRefused};
+  });
+}
+
+void FulfillSubscriptions(const DeliveryKind& kind, std::uint32_t eventType,
+                          const Platform::SharedHandle& stop) {
+  RequestManager manager(kServiceDocument, kind.form.list);
+  manager.RegisterExistingRequests(
+      [&](const std::wstring& request) { kind.handleEvent(request, nullptr, eventType, stop); },
+      [](const std::wstring&, const Platform::WindowsRuntimeError&) {});
+}
+
+constinit const DeliveryKind kPowerEvents = {
+    .kind = Records::Kind::Power,
+    .handler = "PowerEventManager::handle_event",
+    .failing = "PowerManager::handle_event",
+    .delayStart = L"PowerEventManager::handle_event delay start: %d",
+    .subscribe = "RegisterPowerEvent",
+    .unsubscribe = "UnregisterPowerEvent",
+    .form = kPowerForm,
+    .handleEvent = &PowerEventManager::handle_event,
+    .handleEventMutex = &PowerEventManager::handle_event_mutex,
+};
+
+constinit const DeliveryKind kZephraEvents = {
+    .kind = Records::Kind::Platform,
+    .handler = "ZephraEventManager::handle_event",
+    .failing = "ZephraEventManager::handle_event",
+    .delayStart = L"ZephraEventManager::handle_event delay: %d",
+    .subscribe = "RegisterZephraEvent",
+    .unsubscribe = "UnregisterZephraEvent",
+    .form = kZephraForm,
+    .handleEvent = &ZephraEventManager::handle_event,
+    .handleEventMutex = &ZephraEventManager::handle_event_mutex,
+};
+
+void PowerEventManager::handle_event(const std::wstring& request,
+                                     const CompletionHandler& /*completed*/,
+                                     std::uint32_t eventType, const Platform::SharedHandle& stop) {
+  StartDelivery(kPowerEvents, request, eventType, stop);
+}
+
+void ZephraEventManager::handle_event(const std::wstring& request,
+                                      const CompletionHandler& /*completed*/,
+                                      std::uint32_t eventType, const Platform::SharedHandle& stop) {
+  StartDelivery(kZephraEvents, request, eventType, stop);
 }
 
 }  // namespace Vx::Tessel::Server::Services::Orvane

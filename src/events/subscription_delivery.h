@@ -2,7 +2,6 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <functional>
 #include <mutex>
 #include <string>
 
@@ -44,29 +43,25 @@ class EventSubscription {
 void NameSubscription(Records::Record& record, const std::wstring& request,
                       const SubscriptionForm& form);
 
-// How log lines refer to one kind of subscription.
-struct DeliveryNames {
-  const char* handler;
-  const char* failing;        // the handler, in failure messages
-  const wchar_t* delayStart;  // the format of the line for the start of a delay; takes seconds
-  const char* subscribe;      // the functions that change the list
-  const char* unsubscribe;
-};
-
 // Receives a stored request, a completion handler (may be empty), the event's code, and the kernel
 // event that ends a wait early (may be null).
-using DeliveryHandler = void (*)(const std::wstring& request,
-                                 const std::function<void(const std::wstring&)>& completed,
+using DeliveryHandler = void (*)(const std::wstring& request, const CompletionHandler& completed,
                                  std::uint32_t eventType, const Platform::SharedHandle& stop);
 
 // How the kinds of subscription differ. Each kind is a constant, so that it outlives every worker.
 struct DeliveryKind {
   Records::Kind kind;
-  DeliveryNames names;
+  const char* handler;        // the name in log lines
+  const char* failing;        // the same, in failure messages
+  const wchar_t* delayStart;  // the format of the line for the start of a delay; takes seconds
+  const char* subscribe;      // the functions that change the list
+  const char* unsubscribe;
   const SubscriptionForm& form;
   DeliveryHandler handleEvent;
   std::mutex* handleEventMutex;
 };
+extern const DeliveryKind kPowerEvents;
+extern const DeliveryKind kZephraEvents;
 
 // Adds a request to the stored list of its kind without checking its members: an invalid request
 // fails at delivery. Logs failures. Returns Stored, Refused or Failed.
@@ -77,8 +72,8 @@ Records::Outcome RegisterSubscription(const DeliveryKind& kind,
 Records::Outcome UnregisterSubscription(const DeliveryKind& kind,
                                         const std::wstring& request) noexcept;
 
-// Delivers an event to every stored request of the kind: see StartDelivery. If a worker cannot be
-// started, continues with the next request. Throws only std::bad_alloc.
+// Delivers an event to every stored request of the kind: see PowerEventManager. If a worker cannot
+// be started, continues with the next request. Throws only std::bad_alloc.
 void FulfillSubscriptions(const DeliveryKind& kind, std::uint32_t eventType,
                           const Platform::SharedHandle& stop = nullptr);
 
@@ -94,15 +89,57 @@ inline constexpr int kMostDeliveries = 1024;
 inline constexpr std::size_t kMostLongText = std::size_t{8} * 1024 * 1024;
 inline constexpr std::size_t kShortRequest = 4096;
 
-// Starts delivering one event to one stored request. Parses the request on the calling thread. Does
-// not start a worker if the request is for another event, or if it is unreadable, which is logged.
-// Otherwise starts a detached worker, or logs that the delivery is dropped because there are too
-// many. Throws std::system_error if no thread can be created, and std::bad_alloc.
-//
-// The worker waits out the delay without holding a lock. Then, under the kind's mutex, it decides
-// whether to run the command and runs it. It skips a delay that IsTooLong, and logs a delivery that
-// it drops. If `stop` is signaled during the delay, it logs that and exits.
-void StartDelivery(const DeliveryKind& kind, const std::wstring& request, std::uint32_t eventType,
-                   const Platform::SharedHandle& stop);
+// A client's request to run a command on a power event.
+class SubscribeForPowerEventRequest final : public EventSubscription {
+ public:
+  explicit SubscribeForPowerEventRequest(const std::wstring& request)
+      : EventSubscription(request, kPowerForm) {}
+
+  std::uint32_t PowerEventType() const noexcept { return Type(); }
+  EventAction PowerEventAction() const noexcept { return Action(); }
+};
+
+// A client's request to run a command on one of the service's own events.
+class SubscribeForZephraEventRequest final : public EventSubscription {
+ public:
+  explicit SubscribeForZephraEventRequest(const std::wstring& request)
+      : EventSubscription(request, kZephraForm) {}
+
+  std::uint32_t EventType() const noexcept { return Type(); }
+  EventAction ZephraEventAction() const noexcept { return Action(); }
+};
+
+// Delivers power events. Thread-safe.
+class PowerEventManager {
+ public:
+  PowerEventManager() = delete;
+
+  // Starts delivering one event to one stored request. Parses the request on the calling thread.
+  // Does not start a worker if the request is for another event, or if it is unreadable, which is
+  // logged. Otherwise starts a detached worker, or logs that the delivery is dropped because there
+  // are too many. Throws std::system_error if no thread can be created, and std::bad_alloc. Never
+  // calls the completion handler, because a power subscription stays stored after its event.
+  //
+  // The worker waits out the delay without holding a lock. Then, under the mutex, it decides
+  // whether to run the command and runs it. It skips a delay that IsTooLong, and logs a delivery
+  // that it drops. If `stop` is signaled during the delay, it logs that and exits.
+  static void handle_event(const std::wstring& request, const CompletionHandler& completed,
+                           std::uint32_t eventType, const Platform::SharedHandle& stop = nullptr);
+
+  // Serializes the decisions and commands of all power workers, but not their delays.
+  static inline std::mutex handle_event_mutex;
+};
+
+// Delivers Zephra events as PowerEventManager delivers power events. Has its own lock, so that a
+// power command and a Zephra command can run at the same time.
+class ZephraEventManager {
+ public:
+  ZephraEventManager() = delete;
+
+  static void handle_event(const std::wstring& request, const CompletionHandler& completed,
+                           std::uint32_t eventType, const Platform::SharedHandle& stop = nullptr);
+
+  static inline std::mutex handle_event_mutex;
+};
 
 }  // namespace Vx::Tessel::Server::Services::Orvane

@@ -4,9 +4,8 @@
 
 #include "events/package_event.h"
 #include "events/package_event_manager.h"
-#include "events/power_events.h"
+#include "events/subscription_delivery.h"
 #include "events/subscription_forms.h"
-#include "events/zephra_events.h"
 #include "host/logging.h"
 #include "json/json_object.h"
 #include "platform/windows_runtime_error.h"

@@ -5,7 +5,7 @@
 #include <cstdlib>
 #include <string>
 
-#include "events/zephra_events.h"
+#include "events/subscription_delivery.h"
 #include "json/utf8.h"
 #include "launch/launcher.h"
 #include "platform/clock.h"

@@ -4,7 +4,7 @@
 #include "support/test.h"
 
 #include "events/package_event_test.h"
-#include "events/power_events.h"
+#include "events/subscription_delivery.h"
 #include "platform/kernel_objects.h"
 #include "records/subscription_hash.h"
 

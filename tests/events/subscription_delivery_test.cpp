@@ -2,8 +2,6 @@
 
 #include "events/subscription_delivery.h"
 
-#include "events/power_events.h"
-#include "events/zephra_events.h"
 #include "storage/cap_data_store.h"
 #include "storage/service_document.h"
 #include "support/machine_test.h"

@@ -1,8 +1,7 @@
 
 #include <cerrno>
 
-#include "events/power_events.h"
-#include "events/zephra_events.h"
+#include "events/subscription_delivery.h"
 #include "platform/kernel_objects.h"
 #include "platform/thread.h"
 #include "platform/threads.h"

@@ -1,5 +1,5 @@
 
-#include "events/power_events.h"
+#include "events/subscription_delivery.h"
 #include "platform/threads.h"
 #include "support/stand_in_logon.h"
 #include "support/test.h"

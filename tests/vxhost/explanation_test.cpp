@@ -3,7 +3,7 @@
 #include <cmath>
 
 #include "events/package_event_manager.h"
-#include "events/power_events.h"
+#include "events/subscription_delivery.h"
 #include "storage/cap_data_store.h"
 #include "storage/service_document.h"
 #include "storage/system_mutex.h"
