@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -34,7 +35,7 @@ class IPCEvent {
   // thread can be created. This is the first virtual slot. The destructor's slots follow.
   virtual void Register() = 0;
 
-  virtual ~IPCEvent();
+  virtual ~IPCEvent() = default;
 
   EventCommand* Command() const noexcept { return command.get(); }
 
@@ -72,16 +73,17 @@ class PackageUninstallingPCEvent final : public IPCEvent {
   // account or no catalog was opened. std::nullopt if Windows does not return the SID.
   const std::optional<std::wstring>& User() const noexcept { return user; }
 
-  // The caller may keep the watch after this object is destroyed.
-  const std::shared_ptr<UninstallWatch>& Watch() const noexcept { return watch; }
+  // Returns a function that waits until the watcher has added its handler, and returns false if the
+  // watcher exits without adding one. Call it after Register. It may outlive this object.
+  std::function<bool()> HandlerWait() const;
 
   // Lock order: a mark's turn before uninstall_event_mux and commandTurn, and uninstall_event_mux
   // before rLock. A notification acquires neither of the register mutexes, so a caller that holds
   // one may destroy an event during a notification.
-  static std::mutex rLock;                // guards package queries and opening catalogs
-  static std::mutex register_mux;         // guards starting watcher threads
-  static std::mutex uninstall_event_mux;  // serializes decisions about notifications
-  static std::mutex commandTurn;          // serializes the commands that notifications run
+  static inline std::mutex rLock;                // guards package queries and opening catalogs
+  static inline std::mutex register_mux;         // guards starting watcher threads
+  static inline std::mutex uninstall_event_mux;  // serializes decisions about notifications
+  static inline std::mutex commandTurn;          // serializes the commands that notifications run
 
  private:
   bool IsProcessRunningAsSystem() const;
@@ -91,6 +93,36 @@ class PackageUninstallingPCEvent final : public IPCEvent {
   std::shared_ptr<Platform::PackageCatalog> catalog;
   std::shared_ptr<UninstallWatch> watch;
   std::vector<Platform::Thread> watchers;
+};
+
+// A client's request to run a command when a packaged app is uninstalled. The constructor opens the
+// package catalog: see PackageUninstallingPCEvent for what that requires.
+class SubscribeForAppPackageEventRequest {
+ public:
+  // `mark` belongs to the stored request. If it is null, the request creates its own. Throws
+  // Platform::WindowsRuntimeError with kUnknownCatalogEvent or a code from the JSON layer,
+  // CreateEventCommand or PackageUninstallingPCEvent.
+  explicit SubscribeForAppPackageEventRequest(const std::wstring& request,
+                                              const std::shared_ptr<FiringMark>& mark = nullptr);
+  SubscribeForAppPackageEventRequest(SubscribeForAppPackageEventRequest&&) noexcept = default;
+
+  PackageCatalogEvent CatalogEvent() const noexcept { return catalogEvent; }
+  EventAction CatalogAction() const noexcept { return catalogAction; }
+  std::wstring PackageFamilyName() const { return packageFamilyName; }
+  PackageUninstallingPCEvent* PackageEvent() const noexcept { return packageEvent.get(); }
+
+  // Adds the handler unless it is empty, and starts watching. Throws as IPCEvent::Register does.
+  void RegisterPackageEvent(const CompletionHandler& completed);
+
+  // Returns the command of a stored request, or null if the text is not a request of this kind or
+  // its command cannot run late. Throws only std::bad_alloc.
+  static std::shared_ptr<PackageEventCommand> ParseEventCommand(const std::wstring& request);
+
+ private:
+  PackageCatalogEvent catalogEvent{};
+  EventAction catalogAction{};
+  std::wstring packageFamilyName;
+  std::unique_ptr<PackageUninstallingPCEvent> packageEvent;
 };
 
 }  // namespace Vx::Tessel::Server::Services::Orvane

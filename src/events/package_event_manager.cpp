@@ -9,7 +9,6 @@
 #include "events/package_completion.h"
 #include "events/subscription_delivery.h"
 #include "events/subscription_forms.h"
-#include "events/uninstall_watch.h"
 #include "host/logging.h"
 #include "json/json_object.h"
 #include "platform/windows_runtime_error.h"
@@ -178,11 +177,11 @@ void PackageCatalogEventManager::EndReplaced(Owner owner, const std::shared_ptr<
   if (last == requests().rend()) return;
   const std::uint64_t number = last->number;
   const auto user = last->request->PackageEvent()->User();
-  const auto watch = last->request->PackageEvent()->Watch();
+  const auto isWatching = last->request->PackageEvent()->HandlerWait();
   // Waits without the lock, which a stopping service needs. Keeps the old registration until the
   // new one is watching, so that no uninstall is missed.
   guard.unlock();
-  if (!user || !watch->AwaitHandler()) return;
+  if (!user || !isWatching()) return;
   guard.lock();
   std::erase_if(requests(), [&](const LiveRequest& live) {
     return same(live) && live.number < number && live.request->PackageEvent()->User() == user;

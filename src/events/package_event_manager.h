@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "events/package_event_request.h"
+#include "events/package_event.h"
 #include "platform/unique_handle.h"
 
 namespace Vx::Tessel::Server::Services::Orvane {

@@ -1,6 +1,6 @@
 #include "events/event_commands.h"
 
-#include "events/package_event_request.h"
+#include "events/package_event.h"
 #include "host/logging.h"
 #include "platform/windows_runtime_error.h"
 #include "simulator/virtual_clock.h"

@@ -1,7 +1,7 @@
 
 
 #include "events/package_completion.h"
-#include "events/package_event_request.h"
+#include "events/package_event.h"
 #include "events/package_event_test.h"
 #include "platform/windows_runtime_error.h"
 #include "simulator/simulated_files.h"

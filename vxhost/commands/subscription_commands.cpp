@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "events/package_event_request.h"
+#include "events/package_event.h"
 #include "hosting/store_hold.h"
 #include "hosting/text.h"
 #include "json/json_object.h"

@@ -4,7 +4,7 @@
 
 #include "events/delivery_rules.h"
 #include "events/event_commands.h"
-#include "events/package_event_request.h"
+#include "events/package_event.h"
 #include "events/subscription_delivery.h"
 #include "hosting/text.h"
 #include "json/json_object.h"
