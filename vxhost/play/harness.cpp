@@ -33,33 +33,28 @@ constexpr std::chrono::hours kLongestTask{24 * 500};
 
 // The real module and its service. Log lines are shown and recorded immediately, so that they
 // precede their command's result.
-struct RealHarness {
-  RealHarness(const ModuleOptions& options, Console& console, const std::function<void()>& prepare)
-      : store(options.privateStore ? std::make_unique<PrivateStore>() : nullptr),
+struct RealHarness : Harness {
+  RealHarness(const ModuleOptions& options, Console& output, const std::function<void()>& prepare)
+      : Harness{output, PlayRecord([begin = std::chrono::steady_clock::now()] {
+                  return std::chrono::duration_cast<std::chrono::milliseconds>(
+                      std::chrono::steady_clock::now() - begin);
+                })},
+        store(options.privateStore ? std::make_unique<PrivateStore>() : nullptr),
         module(options.Path()),
-        log(module,
-            [this, &console](const VxLogLine& given) {
-              const LogLine line = LineOf(given);
-              console.Log(line);
-              recorder.Add({.what = Happening::Log, .log = line});
-            }),
-        session((prepare(), module.NewService())),
-        context{.session = session,
-                .newService = [this] { return module.NewService(); },
-                .record = recorder,
-                .console = console,
-                .machine = nullptr,
-                .showRepeated = [] {}} {}
+        log(module, [this](const VxLogLine& given) {
+          const LogLine line = LineOf(given);
+          console.Log(line);
+          record.Add({.what = Happening::Log, .log = line});
+        }) {
+    newService = [this] { return module.NewService(); };
+    prepare();
+    session = newService();
+  }
+  ~RealHarness() { session.End(); }  // the members that are destroyed next are in use until then
 
   std::unique_ptr<PrivateStore> store;
-  PlayRecord recorder{[begin = std::chrono::steady_clock::now()] {
-    return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() -
-                                                                 begin);
-  }};
   LoadedModule module;
   ModuleLog log;
-  ServiceSession session;
-  ScenarioContext context;
 };
 
 // Shows and records the linked service's log lines, each with its virtual time. A line that a poll
@@ -145,61 +140,47 @@ class SimulatedLog {
 };
 
 // The service linked into this program, on a machine in memory with its own store.
-struct SimulatedHarness {
-  SimulatedHarness(Console& console, const std::function<void()>& prepare)
-      : scope([this](Platform::Machine& real) { machine.InstallSealed(real); }),
-        prepared((prepare(), true)),
-        log(std::in_place, console, recorder, machine.clock),
-        session(NewService()),
-        context{.session = *session,
-                .newService = &NewService,
-                .record = recorder,
-                .console = console,
-                .machine = &machine,
-                .showRepeated = [this] { log->ShowRepeated(); }} {
-    machine.clock.SetPatience(kPatience);
-    machine.timeline.SetListener([this, &console](const Simulator::Timeline::Entry& entry) {
-      recorder.Add({.what = Happening::Event, .text = entry.text});
+struct SimulatedHarness : Harness {
+  SimulatedHarness(Console& output, const std::function<void()>& prepare)
+      : Harness{output, PlayRecord([this] { return simulated.clock.Moment(); }), &simulated},
+        scope([this](Platform::Machine& real) { simulated.InstallSealed(real); }) {
+    newService = [] {
+      auto* service = Tessel::Server::Services::Orvane::OrvaneService::Create();
+      if (service == nullptr) throw std::runtime_error("out of memory");
+      return ServiceSession(service);
+    };
+    showRepeated = [this] { log->ShowRepeated(); };
+    prepare();
+    log.emplace(console, record, simulated.clock);
+    session = newService();
+    simulated.clock.SetPatience(kPatience);
+    simulated.timeline.SetListener([this](const Simulator::Timeline::Entry& entry) {
+      record.Add({.what = Happening::Event, .text = entry.text});
       console.Note(" * " + Utf8(Simulator::Format(entry)));
     });
   }
   // Destroys the service, and waits for the tasks that outlive it, before destroying the machine.
   // Does not show their log lines, because they would be out of place.
   ~SimulatedHarness() {
-    machine.timeline.SetListener({});
+    simulated.timeline.SetListener({});
     log.reset();
-    session.reset();
-    machine.Drain(kLongestTask);
-  }
-
-  static ServiceSession NewService() {
-    auto* service = Tessel::Server::Services::Orvane::OrvaneService::Create();
-    if (service == nullptr) throw std::runtime_error("out of memory");
-    return ServiceSession(service);
+    session.End();
+    simulated.Drain(kLongestTask);
   }
 
   PrivateStore store;
-  Simulator::SimulatedMachine machine;
-  PlayRecord recorder{[this] { return machine.clock.Moment(); }};
+  Simulator::SimulatedMachine simulated;
   Platform::MachineScope scope;
-  bool prepared;  // initialized before anything is logged
   std::optional<SimulatedLog> log;
-  std::optional<ServiceSession> session;
-  ScenarioContext context;
 };
 
 }  // namespace
 
-std::shared_ptr<ScenarioContext> MakeHarness(const ModuleOptions& options, Console& console,
-                                             const std::function<void()>& prepare) {
-  const auto contextOf = [](const auto& harness) {
-    return std::shared_ptr<ScenarioContext>(harness, &harness->context);
-  };
-  if (!options.simulate) {
-    return contextOf(std::make_shared<RealHarness>(options, console, prepare));
-  }
+std::shared_ptr<Harness> MakeHarness(const ModuleOptions& options, Console& console,
+                                     const std::function<void()>& prepare) {
+  if (!options.simulate) return std::make_shared<RealHarness>(options, console, prepare);
   if (!options.dll.empty()) throw std::runtime_error("--simulate does not use --dll");
-  return contextOf(std::make_shared<SimulatedHarness>(console, prepare));
+  return std::make_shared<SimulatedHarness>(console, prepare);
 }
 
 }  // namespace Vx::Hosting::Tool

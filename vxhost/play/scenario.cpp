@@ -13,6 +13,7 @@
 #include "platform/unique_handle.h"
 #include "storage/cap_data_store.h"
 #include "storage/service_document.h"
+#include "vxhost/play/harness.h"
 #include "vxhost/play/machine_steps.h"
 #include "vxhost/store/store_content.h"
 
@@ -63,48 +64,47 @@ std::wstring ReadIfThere(const std::wstring& path) {
 
 class ScenarioRunner {
  public:
-  ScenarioRunner(const Definitions& names, ScenarioContext& where)
-      : definitions(names), context(where) {}
+  ScenarioRunner(const Definitions& names, Harness& where) : definitions(names), harness(where) {}
 
   bool Play(const WideValue& steps, const std::vector<std::size_t>& lines) {
     for (rapidjson::SizeType i = 0; i < steps.Size(); ++i) {
       const auto* say = FindMember(steps[i], L"say");
-      context.record.BeginStep(lines[i], say == nullptr ? std::wstring() : Expand(*say));
+      harness.record.BeginStep(lines[i], say == nullptr ? std::wstring() : Expand(*say));
       try {
         Step(steps[i]);
       } catch (const std::runtime_error& error) {
         throw std::runtime_error("line " + std::to_string(lines[i]) + ", step " +
                                  std::to_string(i + 1) + ": " + error.what());
       }
-      context.record.EndStep();
+      harness.record.EndStep();
     }
-    if (context.machine != nullptr) RequireRefusal(*context.machine);
+    if (harness.machine != nullptr) RequireRefusal(*harness.machine);
     return succeeded;
   }
 
  private:
   void Step(const WideValue& step) {
-    if (const auto* text = FindMember(step, L"say")) context.console.Heading(Utf8(Expand(*text)));
-    if (context.machine != nullptr) {
+    if (const auto* text = FindMember(step, L"say")) harness.console.Heading(Utf8(Expand(*text)));
+    if (harness.machine != nullptr) {
       const auto expand = [this](const WideValue& value) { return Expand(value); };
-      ChangeMachine(step, expand, *context.machine);
+      ChangeMachine(step, expand, *harness.machine);
     }
     if (const auto* values = FindMember(step, L"store")) Store(*values);
     if (FindMember(step, L"end") != nullptr) End();
     if (FindMember(step, L"restart") != nullptr) Restart();
     if (FindMember(step, L"start") != nullptr) {
       Call("start");
-      context.session.Slots()->Start();
+      harness.session.Slots()->Start();
     }
     if (FindMember(step, L"policy") != nullptr) Announce();
     if (const auto* id = FindMember(step, L"exec")) Execute(step, id->GetUint());
     if (const auto* code = FindMember(step, L"power")) {
       Call("power event " + std::to_string(code->GetUint()));
-      context.session.Slots()->power_event_task(code->GetUint());
+      harness.session.Slots()->power_event_task(code->GetUint());
     }
     if (const auto* code = FindMember(step, L"session")) {
       Call("session change " + std::to_string(code->GetUint()));
-      context.session.Slots()->OnSessionChange(code->GetUint());
+      harness.session.Slots()->OnSessionChange(code->GetUint());
     }
     if (const auto* copy = FindMember(step, L"copy")) Copy(*copy);
     if (const auto* path = FindMember(step, L"remove")) {
@@ -116,11 +116,11 @@ class ScenarioRunner {
       helpers.push_back(std::make_unique<Helper>(
           Expand(*path), arguments == nullptr ? std::wstring() : Expand(*arguments)));
     }
-    if (context.machine != nullptr) PassTime(step, *context.machine);
-    context.showRepeated();
+    if (harness.machine != nullptr) PassTime(step, *harness.machine);
+    harness.showRepeated();
     if (const auto* file = FindMember(step, L"waitFor")) WaitForFile(*file);
     if (FindMember(step, L"showStore") != nullptr) {
-      for (const std::string& line : StoreLines()) context.console.Note("   store " + line);
+      for (const std::string& line : StoreLines()) harness.console.Note("   store " + line);
     }
     if (const auto* expect = FindMember(step, L"expect")) ExpectTraces(*expect);
   }
@@ -136,22 +136,22 @@ class ScenarioRunner {
   }
 
   void Call(const std::string& text) {
-    context.record.Add({.text = Wide(text)});
-    context.console.Note("-> " + text);
+    harness.record.Add({.text = Wide(text)});
+    harness.console.Note("-> " + text);
   }
 
   void End() {
     Call("end");
-    context.session.End();
-    if (context.machine != nullptr) context.machine->clock.Settle();
+    harness.session.End();
+    if (harness.machine != nullptr) harness.machine->clock.Settle();
   }
 
   void Restart() {
     Call("end and start");
-    context.session.End();
-    if (context.machine != nullptr) context.machine->clock.Settle();
-    context.session = context.newService();
-    context.session.Slots()->Start();
+    harness.session.End();
+    if (harness.machine != nullptr) harness.machine->clock.Settle();
+    harness.session = harness.newService();
+    harness.session.Slots()->Start();
   }
 
   // Returns a string unchanged, and any other value as JSON. Expands definitions in both.
@@ -170,13 +170,13 @@ class ScenarioRunner {
   void Execute(const WideValue& step, std::uint32_t id) {
     const auto* request = FindMember(step, L"request");
     const std::wstring text = request == nullptr ? L"{}" : Expand(*request);
-    context.console.Request(id, text);
-    const CommandResult answer = context.session.Execute(id, text, kCaller);
-    if (context.machine != nullptr) context.machine->clock.Settle();
-    context.record.Add(
+    harness.console.Request(id, text);
+    const CommandResult answer = harness.session.Execute(id, text, kCaller);
+    if (harness.machine != nullptr) harness.machine->clock.Settle();
+    harness.record.Add(
         {.what = Happening::Command, .command = id, .request = text, .answer = answer});
-    context.console.Note("<- " + (answer.text ? Utf8(*answer.text) : std::string("(no response)")));
-    context.console.Note("   result " + Describe(answer.code));
+    harness.console.Note("<- " + (answer.text ? Utf8(*answer.text) : std::string("(no response)")));
+    harness.console.Note("   result " + Describe(answer.code));
     const auto* expect = FindMember(step, L"expect");
     if (expect == nullptr) return;
     if (const auto* code = FindMember(*expect, L"code")) {
@@ -193,8 +193,8 @@ class ScenarioRunner {
   void Announce() {
     constexpr std::uint32_t kPolicyChanged = 16;
     Call("the policy changed");
-    const CommandResult answer = context.session.Execute(kPolicyChanged, L"{}", kCaller);
-    if (context.machine != nullptr) context.machine->clock.Settle();
+    const CommandResult answer = harness.session.Execute(kPolicyChanged, L"{}", kCaller);
+    if (harness.machine != nullptr) harness.machine->clock.Settle();
     Check(answer.code == 0,
           "the policy should be announced, but the result is " + Describe(answer.code));
   }
@@ -218,9 +218,9 @@ class ScenarioRunner {
       return !content.empty() && content.find(wanted) != std::wstring::npos;
     });
     if (FindMember(what, L"quiet") == nullptr) {
-      context.console.Note("   " + Utf8(path) + " says:");
+      harness.console.Note("   " + Utf8(path) + " says:");
       std::wistringstream lines(content);
-      for (std::wstring line; std::getline(lines, line);) context.console.Note(Utf8(line));
+      for (std::wstring line; std::getline(lines, line);) harness.console.Note(Utf8(line));
     }
     Check(came, Utf8(path) + " should say \"" + Utf8(wanted) + "\"");
   }
@@ -229,18 +229,18 @@ class ScenarioRunner {
     if (const auto* text = FindMember(expect, L"log")) {
       const std::wstring wanted = Expand(*text);
       // A simulated machine is idle by now, so do not wait.
-      const int patience = context.machine == nullptr ? Seconds(expect) : 0;
-      const auto isLogged = [&] { return context.record.Contains(Happening::Log, wanted); };
+      const int patience = harness.machine == nullptr ? Seconds(expect) : 0;
+      const auto isLogged = [&] { return harness.record.Contains(Happening::Log, wanted); };
       Check(WaitUntil(patience, isLogged), "the log should contain \"" + Utf8(wanted) + "\"");
     }
     if (const auto* text = FindMember(expect, L"event")) {
       const std::wstring wanted = Expand(*text);
-      Check(context.record.Contains(Happening::Event, wanted),
+      Check(harness.record.Contains(Happening::Event, wanted),
             "this should have happened: \"" + Utf8(wanted) + "\"");
     }
     if (const auto* text = FindMember(expect, L"noEvent")) {
       const std::wstring unwanted = Expand(*text);
-      Check(!context.record.Contains(Happening::Event, unwanted),
+      Check(!harness.record.Contains(Happening::Event, unwanted),
             "this should not have happened: \"" + Utf8(unwanted) + "\"");
     }
     if (const auto* values = FindMember(expect, L"stored")) ExpectStored(*values);
@@ -255,7 +255,7 @@ class ScenarioRunner {
       const std::wstring wanted = Expand(value->value);
       const auto stored = document.Find(key);
       const std::wstring text = stored ? stored->AsWideText().value_or(L"") : std::wstring();
-      context.console.Note("   the store contains " + key + " = \"" + Utf8(text) + "\"");
+      harness.console.Note("   the store contains " + key + " = \"" + Utf8(text) + "\"");
       Check(text == wanted, key + " should be stored as \"" + Utf8(wanted) + "\"");
     }
   }
@@ -268,12 +268,12 @@ class ScenarioRunner {
   void Check(bool happened, const std::string& expectation) {
     if (happened) return;
     succeeded = false;
-    context.record.Add({.what = Happening::Failure, .text = Wide(expectation)});
-    context.console.Failure(expectation);
+    harness.record.Add({.what = Happening::Failure, .text = Wide(expectation)});
+    harness.console.Failure(expectation);
   }
 
   const Definitions& definitions;
-  ScenarioContext& context;
+  Harness& harness;
   std::vector<std::unique_ptr<Helper>> helpers;
   bool succeeded = true;
 };
@@ -307,8 +307,8 @@ void Scenario::Prepare() const {
   initialStore.Write();
 }
 
-bool Scenario::Play(ScenarioContext& context) const {
-  return ScenarioRunner(definitions, context).Play(*FindMember(document, L"steps"), lines);
+bool Scenario::Play(Harness& harness) const {
+  return ScenarioRunner(definitions, harness).Play(*FindMember(document, L"steps"), lines);
 }
 
 }  // namespace Vx::Hosting::Tool
