@@ -24,13 +24,15 @@ constexpr wchar_t kPolicyKey[] = L"SOFTWARE\\Policies\\Vx\\Consent";
 // A part's value and the machine that it changes.
 struct Change {
   const WideValue& value;
-  const Expander& expand;
+  const Definitions& definitions;
   SimulatedMachine& machine;
 
   const WideValue* Find(const wchar_t* key) const { return FindMember(value, key); }
-  std::wstring Text(const wchar_t* key) const { return expand(Member(value, key)); }
-  // Returns the HRESULT that Windows will return.
+  std::wstring Text() const { return Expanded(value, definitions); }
+  std::wstring Text(const wchar_t* key) const { return MemberText(value, key, definitions); }
+  // Returns the HRESULT that Windows will return. Throws std::runtime_error if there is none.
   std::int32_t Result() const {
+    if (Find(L"result") == nullptr) throw std::runtime_error("a step lacks \"result\"");
     return static_cast<std::int32_t>(std::wcstoul(Text(L"result").c_str(), nullptr, 16));
   }
 };
@@ -57,8 +59,8 @@ std::wstring Ordinal(unsigned number) {
 void Refuse(const Change& change) {
   RequireRefusal(change.machine);
   const bool first = change.value.IsString();
-  const std::wstring call = first ? change.expand(change.value) : change.Text(L"call");
-  const unsigned after = first ? 0 : Member(change.value, L"after").GetUint();
+  const std::wstring call = first ? change.Text() : change.Text(L"call");
+  const unsigned after = first ? 0 : change.value[L"after"].GetUint();
   change.machine.faults.FailNamed(Utf8(call), after);
   change.machine.timeline.Add(
       L"Windows refuses " + (call.empty() ? L"nothing" : call) +
@@ -112,7 +114,7 @@ void ReplaceFirmware(const Change& change) {
 
 void SetWarrantyBlock(const Change& change) {
   constexpr std::size_t kBlock = 128;  // bytes
-  std::string block = Utf8(change.expand(change.value));
+  std::string block = Utf8(change.Text());
   block.resize(kBlock);
   change.machine.firmware.SetWarrantyBlock(std::move(block));
 }
@@ -133,7 +135,7 @@ void AddFile(const Change& change) {
 // The value is a path, or a path and how its signature differs from a valid one with a pinned key.
 void Sign(const Change& change) {
   if (change.value.IsString()) {
-    change.machine.Sign(change.expand(change.value), {});
+    change.machine.Sign(change.Text(), {});
     return;
   }
   Simulator::SimulatedSignature signature;
@@ -145,11 +147,11 @@ void Sign(const Change& change) {
 // Sets values of the maker's policy. A null value removes one.
 void SetPolicy(const Change& change) {
   for (auto value = change.value.MemberBegin(); value != change.value.MemberEnd(); ++value) {
-    const std::wstring name = change.expand(value->name);
+    const std::wstring name = Expanded(value->name, change.definitions);
     if (value->value.IsNull()) {
       change.machine.registry.Remove(kPolicyKey, name);
     } else {
-      change.machine.registry.SetText(kPolicyKey, name, change.expand(value->value));
+      change.machine.registry.SetText(kPolicyKey, name, Expanded(value->value, change.definitions));
     }
   }
 }
@@ -188,7 +190,7 @@ constexpr struct {
     {{L"oobeKnown", &kBoolean},
      [](const Change& change) { change.machine.system.SetOobeKnown(change.value.GetBool()); }},
     {{L"missingApiSet", &kSomeText},
-     [](const Change& change) { change.machine.system.RemoveApiSet(change.expand(change.value)); }},
+     [](const Change& change) { change.machine.system.RemoveApiSet(change.Text()); }},
     {RuleWith(L"registry", kObject, kRegistryValue), &SetRegistry},
     {{L"firmwareDigits", &kDigits}, &ReplaceFirmware},
     {{L"warrantyBlock", &kText}, &SetWarrantyBlock},
@@ -204,18 +206,12 @@ constexpr struct {
     {{L"logOff", &kTrue}, [](const Change& change) { change.machine.users.LogOff(); }},
     {{L"noConsole", &kTrue}, [](const Change& change) { change.machine.users.DetachConsole(); }},
     {{L"logOn", &kSomeText},
-     [](const Change& change) { change.machine.users.LogOn(change.expand(change.value)); }},
+     [](const Change& change) { change.machine.users.LogOn(change.Text()); }},
     {RuleWith(L"install", kObject, kInstallation), &Install},
     {RuleWith(L"uninstall", kObject, kRemoval), &Uninstall},
 };
 
 }  // namespace
-
-const WideValue& Member(const WideValue& object, const wchar_t* key) {
-  const WideValue* member = FindMember(object, key);
-  if (member == nullptr) throw std::runtime_error("a step lacks \"" + Utf8(key) + "\"");
-  return *member;
-}
 
 const PartRule* FindMachineRule(const std::wstring& key) {
   if (key == kAdvance.key) return &kAdvance;
@@ -235,10 +231,11 @@ void RequireRefusal(const SimulatedMachine& machine) {
   if (!call.empty()) throw std::runtime_error("no call \"" + call + "\" was refused");
 }
 
-void ChangeMachine(const WideValue& step, const Expander& expand, SimulatedMachine& machine) {
+void ChangeMachine(const WideValue& step, const Definitions& definitions,
+                   SimulatedMachine& machine) {
   for (const auto& change : kChanges) {
     const WideValue* found = FindMember(step, change.rule.key);
-    if (found != nullptr) change.make({*found, expand, machine});
+    if (found != nullptr) change.make({*found, definitions, machine});
   }
 }
 

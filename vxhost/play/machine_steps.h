@@ -1,20 +1,14 @@
 #pragma once
 
-#include <functional>
 #include <string>
 #include <vector>
 
 #include "json/json_text.h"
 #include "simulator/simulated_machine.h"
+#include "vxhost/play/scenario_check.h"
 #include "vxhost/play/scenario_rules.h"
 
 namespace Vx::Hosting::Tool {
-
-// Returns a scenario value as text, with definitions expanded.
-using Expander = std::function<std::wstring(const Json::WideValue&)>;
-
-// Returns a required member of a step or part. Throws std::runtime_error if it is absent.
-const Json::WideValue& Member(const Json::WideValue& object, const wchar_t* key);
 
 // Returns the rule for the part `key` if it changes the simulated machine or its time, else null.
 const PartRule* FindMachineRule(const std::wstring& key);
@@ -27,7 +21,7 @@ std::vector<std::string> MachineKeys();
 void RequireRefusal(const Simulator::SimulatedMachine& machine);
 
 // Applies the step's changes, except to the machine's time. Throws std::runtime_error on failure.
-void ChangeMachine(const Json::WideValue& step, const Expander& expand,
+void ChangeMachine(const Json::WideValue& step, const Definitions& definitions,
                    Simulator::SimulatedMachine& machine);
 
 // Advances the clock by the step's "advance", if any, then waits until all workers are idle.

@@ -68,8 +68,7 @@ class ScenarioRunner {
 
   bool Play(const WideValue& steps, const std::vector<std::size_t>& lines) {
     for (rapidjson::SizeType i = 0; i < steps.Size(); ++i) {
-      const auto* say = FindMember(steps[i], L"say");
-      harness.record.BeginStep(lines[i], say == nullptr ? std::wstring() : Expand(*say));
+      harness.record.BeginStep(lines[i], Text(steps[i], L"say"));
       try {
         Step(steps[i]);
       } catch (const std::runtime_error& error) {
@@ -85,13 +84,14 @@ class ScenarioRunner {
  private:
   void Step(const WideValue& step) {
     if (const auto* text = FindMember(step, L"say")) harness.console.Heading(Utf8(Expand(*text)));
-    if (harness.machine != nullptr) {
-      const auto expand = [this](const WideValue& value) { return Expand(value); };
-      ChangeMachine(step, expand, *harness.machine);
-    }
+    if (harness.machine != nullptr) ChangeMachine(step, definitions, *harness.machine);
     if (const auto* values = FindMember(step, L"store")) Store(*values);
-    if (FindMember(step, L"end") != nullptr) End();
-    if (FindMember(step, L"restart") != nullptr) Restart();
+    if (FindMember(step, L"end") != nullptr) End("end");
+    if (FindMember(step, L"restart") != nullptr) {
+      End("end and start");
+      harness.session = harness.newService();
+      harness.session.Slots()->Start();
+    }
     if (FindMember(step, L"start") != nullptr) {
       Call("start");
       harness.session.Slots()->Start();
@@ -112,9 +112,7 @@ class ScenarioRunner {
       std::filesystem::remove(Expand(*path), ignored);
     }
     if (const auto* path = FindMember(step, L"run")) {
-      const auto* arguments = FindMember(step, L"arguments");
-      helpers.push_back(std::make_unique<Helper>(
-          Expand(*path), arguments == nullptr ? std::wstring() : Expand(*arguments)));
+      helpers.push_back(std::make_unique<Helper>(Expand(*path), Text(step, L"arguments")));
     }
     if (harness.machine != nullptr) PassTime(step, *harness.machine);
     harness.showRepeated();
@@ -140,36 +138,20 @@ class ScenarioRunner {
     harness.console.Note("-> " + text);
   }
 
-  void End() {
-    Call("end");
+  void End(const std::string& call) {
+    Call(call);
     harness.session.End();
     if (harness.machine != nullptr) harness.machine->clock.Settle();
   }
 
-  void Restart() {
-    Call("end and start");
-    harness.session.End();
-    if (harness.machine != nullptr) harness.machine->clock.Settle();
-    harness.session = harness.newService();
-    harness.session.Slots()->Start();
-  }
-
-  // Returns a string unchanged, and any other value as JSON. Expands definitions in both.
-  std::wstring Expand(const WideValue& value) const {
-    if (value.IsString()) {
-      return Expanded(TextOf(value), definitions);
-    }
-    Definitions escaped;
-    for (const auto& [name, content] : definitions) {
-      const std::wstring quoted = Quoted(content);
-      escaped[name] = quoted.substr(1, quoted.size() - 2);
-    }
-    return Expanded(Json::JsonText(value), escaped);
+  std::wstring Expand(const WideValue& value) const { return Expanded(value, definitions); }
+  std::wstring Text(const WideValue& object, const wchar_t* key,
+                    const wchar_t* absent = L"") const {
+    return MemberText(object, key, definitions, absent);
   }
 
   void Execute(const WideValue& step, std::uint32_t id) {
-    const auto* request = FindMember(step, L"request");
-    const std::wstring text = request == nullptr ? L"{}" : Expand(*request);
+    const std::wstring text = Text(step, L"request", L"{}");
     harness.console.Request(id, text);
     const CommandResult answer = harness.session.Execute(id, text, kCaller);
     if (harness.machine != nullptr) harness.machine->clock.Settle();
@@ -200,8 +182,8 @@ class ScenarioRunner {
   }
 
   void Copy(const WideValue& copy) {
-    const std::filesystem::path from = Expand(Member(copy, L"from"));
-    const std::filesystem::path to = Expand(Member(copy, L"to"));
+    const std::filesystem::path from = Text(copy, L"from");
+    const std::filesystem::path to = Text(copy, L"to");
     std::error_code error;
     std::filesystem::create_directories(to.parent_path(), error);
     std::filesystem::copy_file(from, to, std::filesystem::copy_options::overwrite_existing, error);
@@ -209,9 +191,8 @@ class ScenarioRunner {
   }
 
   void WaitForFile(const WideValue& what) {
-    const std::wstring path = Expand(Member(what, L"file"));
-    const auto* text = FindMember(what, L"contains");
-    const std::wstring wanted = text == nullptr ? std::wstring() : Expand(*text);
+    const std::wstring path = Text(what, L"file");
+    const std::wstring wanted = Text(what, L"contains");
     std::wstring content;
     const bool came = WaitUntil(Seconds(what), [&] {
       content = ReadIfThere(path);

@@ -295,28 +295,37 @@ std::size_t LineIndex::LineOf(const WideValue& value) const {
 std::wstring Expanded(const std::wstring& text, const Definitions& definitions,
                       const UnknownName& unknown) {
   std::wstring result;
-  std::size_t done = 0;
-  for (;;) {
-    const std::size_t begin = text.find(L"${", done);
-    if (begin == text.npos) return result + text.substr(done);
-    // Stops at characters that no name contains, so as not to leave the JSON string.
-    const std::size_t end = text.find_first_of(L"} {$\"\\", begin + 2);
+  for (std::size_t at = 0; at < text.size();) {
+    // A name contains no character that would leave the JSON string.
+    const bool begins = text.compare(at, 2, L"${") == 0;
+    const std::size_t end = begins ? text.find_first_of(L"} {$\"\\", at + 2) : text.npos;
     if (end == text.npos || text[end] != L'}') {
-      result += text.substr(done, begin + 2 - done);
-      done = begin + 2;
+      result += text[at++];
       continue;
     }
-    const std::wstring name = text.substr(begin + 2, end - begin - 2);
-    result += text.substr(done, begin - done);
+    const std::wstring name = text.substr(at + 2, end - at - 2);
     const auto found = definitions.find(name);
-    if (found != definitions.end()) {
-      result += found->second;
-    } else {
-      result += text.substr(begin, end + 1 - begin);
-      if (unknown) unknown(name);
-    }
-    done = end + 1;
+    if (found == definitions.end() && unknown) unknown(name);
+    result += found == definitions.end() ? L"${" + name + L"}" : found->second;
+    at = end + 1;
   }
+  return result;
+}
+
+std::wstring Expanded(const WideValue& value, const Definitions& definitions) {
+  if (value.IsString()) return Expanded(TextOf(value), definitions);
+  Definitions escaped;
+  for (const auto& [name, content] : definitions) {
+    const std::wstring quoted = Quoted(content);
+    escaped[name] = quoted.substr(1, quoted.size() - 2);
+  }
+  return Expanded(Json::JsonText(value), escaped);
+}
+
+std::wstring MemberText(const WideValue& object, const wchar_t* key, const Definitions& definitions,
+                        const wchar_t* absent) {
+  const WideValue* member = FindMember(object, key);
+  return member == nullptr ? absent : Expanded(*member, definitions);
 }
 
 std::vector<std::string> FaultsOf(const Json::WideDocument& scenario, const LineIndex& lines,

@@ -32,6 +32,13 @@ using UnknownName = std::function<void(const std::wstring&)>;
 std::wstring Expanded(const std::wstring& text, const Definitions& definitions,
                       const UnknownName& unknown = {});
 
+// Returns a value as text, with definitions expanded: a string unchanged, any other value as JSON.
+std::wstring Expanded(const Json::WideValue& value, const Definitions& definitions);
+
+// Returns a member of `object` in the same form, or `absent` if there is none.
+std::wstring MemberText(const Json::WideValue& object, const wchar_t* key,
+                        const Definitions& definitions, const wchar_t* absent = L"");
+
 enum class HarnessKind { Real, PrivateStore, Simulated };
 
 // Returns every fault of a scenario, in order, as "line 4, step 2, \"expect.code\": ...": unknown
