@@ -23,6 +23,9 @@ namespace {
 
 using Json::WideValue;
 using Tessel::Server::Services::Orvane::kServiceDocument;
+using Tessel::Server::Storage::BsonDocument;
+using Tessel::Server::Storage::BsonElement;
+using Tessel::Server::Storage::BsonKind;
 using Tessel::Server::Storage::CapDataStore;
 
 constexpr int kDefaultWait = 10;  // seconds
@@ -53,6 +56,52 @@ class Helper {
  private:
   Platform::UniqueHandle process;
 };
+
+// Converts an integer to int32 if it fits, otherwise to int64.
+BsonElement PlainElement(const WideValue& value, const Definitions& definitions) {
+  if (value.IsNull()) return BsonElement();
+  if (value.IsBool()) return BsonElement::Boolean(value.GetBool());
+  if (value.IsInt()) return BsonElement::Int32(value.GetInt());
+  if (value.IsInt64()) return BsonElement::Int64(value.GetInt64());
+  if (value.IsString()) return BsonElement::Text(Expanded(value, definitions));
+  return BsonElement::Text(Json::JsonText(value));
+}
+
+// Stores a value as another service would: a scalar under its key, an object's members in the
+// document of that name. Expands definitions in strings.
+void StoreValue(const std::string& key, const WideValue& value, const Definitions& definitions) {
+  if (!value.IsObject()) {
+    CapDataStore().persist(key, PlainElement(value, definitions));
+    return;
+  }
+  for (auto member = value.MemberBegin(); member != value.MemberEnd(); ++member) {
+    CapDataStore().mergeMember(key, Utf8(member->name.GetString()),
+                               PlainElement(member->value, definitions));
+  }
+}
+
+// Converts {KEY: {"type", "value"}}, as printed by "store show". The parser limits the depth.
+BsonDocument TypedDocument(const WideValue& object) {
+  BsonDocument document;
+  for (auto member = object.MemberBegin(); member != object.MemberEnd(); ++member) {
+    const std::string key = Utf8(member->name.GetString());
+    const bool typed = member->value.IsObject();
+    const WideValue* type = typed ? FindMember(member->value, L"type") : nullptr;
+    const WideValue* value = typed ? FindMember(member->value, L"value") : nullptr;
+    const BsonKind kind = KindNamed(type != nullptr && type->IsString() ? TextOf(*type) : L"");
+    auto element = value == nullptr ? std::nullopt : ScalarOf(kind, *value);
+    if (kind == BsonKind::Null) element = BsonElement();
+    if (kind == BsonKind::Document && value != nullptr && value->IsObject()) {
+      element = BsonElement(TypedDocument(*value));
+    }
+    if (!element) {
+      throw std::runtime_error("the initial store cannot contain \"" + key +
+                               "\": " + Utf8(Json::JsonText(member->value)));
+    }
+    document.Set(key, *element);
+  }
+  return document;
+}
 
 std::wstring ReadIfThere(const std::wstring& path) {
   try {
@@ -270,22 +319,36 @@ Scenario::Scenario(const std::wstring& path, Definitions names, HarnessKind wher
   }
   const LineIndex index(document, text);
   const std::vector<std::string> faults = FaultsOf(document, index, definitions, where);
-  if (faults.empty()) {
-    for (const WideValue& step : FindMember(document, L"steps")->GetArray()) {
-      lines.push_back(index.LineOf(step));
-    }
-    const auto* values = FindMember(document, L"store");
-    if (values == nullptr) return;
-    initialStore = InitialStore(*values, path.substr(0, path.rfind(L'\\') + 1), definitions);
-    return;
+  if (!faults.empty()) {
+    std::string list = Utf8(path) + " cannot be played:";
+    for (const std::string& one : faults) list += "\n  " + one;
+    throw std::runtime_error(list);
   }
-  std::string list = Utf8(path) + " cannot be played:";
-  for (const std::string& one : faults) list += "\n  " + one;
-  throw std::runtime_error(list);
+  for (const WideValue& step : FindMember(document, L"steps")->GetArray()) {
+    lines.push_back(index.LineOf(step));
+  }
+  const auto* store = FindMember(document, L"store");
+  if (store == nullptr || store->IsObject()) return;
+  std::wstring file = Expanded(*store, definitions);
+  if (file.find(L':') == file.npos) file = path.substr(0, path.rfind(L'\\') + 1) + file;
+  Json::WideDocument shown;
+  const bool valid = Json::ParseJson(shown, ReadTextFile(file)) && shown.IsObject();
+  const WideValue* values = valid ? FindMember(shown, L"document") : nullptr;
+  if (values == nullptr || !values->IsObject()) {
+    throw std::runtime_error(Utf8(file) + " is not a store as \"vxhost store show\" prints it");
+  }
+  storeFile = TypedDocument(*values);
 }
 
 void Scenario::Prepare() const {
-  initialStore.Write();
+  for (const BsonDocument::Member& member : storeFile) {
+    CapDataStore().persist(member.key, BsonElement(member.value));
+  }
+  const auto* store = FindMember(document, L"store");
+  if (store == nullptr || !store->IsObject()) return;
+  for (auto member = store->MemberBegin(); member != store->MemberEnd(); ++member) {
+    StoreValue(Utf8(member->name.GetString()), member->value, definitions);
+  }
 }
 
 bool Scenario::Play(Harness& harness) const {

@@ -5,7 +5,7 @@
 #include <vector>
 
 #include "json/json_text.h"
-#include "vxhost/play/initial_store.h"
+#include "storage/bson_document.h"
 #include "vxhost/play/scenario_check.h"
 
 namespace Vx::Hosting::Tool {
@@ -15,10 +15,12 @@ struct Harness;
 // A scenario: a JSON document {"store": ..., "steps": [...]}, described in docs/vxhost.md.
 class Scenario {
  public:
-  // Reads and checks the file. Throws std::runtime_error that lists every fault with its line.
+  // Reads and checks the file. Throws std::runtime_error that lists every fault with its line, or
+  // if the file that "store" names cannot be used.
   Scenario(const std::wstring& path, Definitions definitions, HarnessKind where);
 
-  // Writes the initial store. Call before creating the service.
+  // Writes the values of "store", or of the file that it names, to the current machine's store.
+  // Call before creating the service.
   void Prepare() const;
 
   // Plays every step, even after an expectation is not met. Returns whether all were met. Throws
@@ -29,7 +31,7 @@ class Scenario {
   Json::WideDocument document;
   std::vector<std::size_t> lines;  // line number of each step
   Definitions definitions;
-  InitialStore initialStore;
+  Tessel::Server::Storage::BsonDocument storeFile;  // empty unless "store" names a file
 };
 
 }  // namespace Vx::Hosting::Tool
