@@ -213,17 +213,11 @@ constexpr struct {
 
 }  // namespace
 
-const PartRule* FindMachineRule(const std::wstring& key) {
-  if (key == kAdvance.key) return &kAdvance;
-  const auto* found = std::find_if(std::begin(kChanges), std::end(kChanges),
-                                   [&key](const auto& change) { return key == change.rule.key; });
-  return found == std::end(kChanges) ? nullptr : &found->rule;
-}
-
-std::vector<std::string> MachineKeys() {
-  std::vector<std::string> keys = {Utf8(kAdvance.key)};
-  for (const auto& change : kChanges) keys.push_back(Utf8(change.rule.key));
-  return keys;
+std::vector<PartRule> MachineRules() {
+  std::vector<PartRule> rules{kAdvance};
+  for (const auto& change : kChanges) rules.push_back(change.rule);
+  for (PartRule& rule : rules) rule.simulated = true;
+  return rules;
 }
 
 void RequireRefusal(const SimulatedMachine& machine) {

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <string>
 #include <vector>
 
 #include "json/json_text.h"
@@ -10,11 +9,8 @@
 
 namespace Vx::Hosting::Tool {
 
-// Returns the rule for the part `key` if it changes the simulated machine or its time, else null.
-const PartRule* FindMachineRule(const std::wstring& key);
-
-// Returns the keys of all parts that change the simulated machine or its time.
-std::vector<std::string> MachineKeys();
+// Returns the rules of all parts that change the simulated machine or its time.
+std::vector<PartRule> MachineRules();
 
 // Throws std::runtime_error if a "refuse" part is in effect but the call that it names has not been
 // made since, for example because the name is misspelled.

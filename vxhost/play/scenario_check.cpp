@@ -58,16 +58,23 @@ constexpr std::wstring_view kOnlyLook[] = {L"say", L"expect", L"showStore", L"wa
 
 constexpr const wchar_t* kCalls[] = {L"start", L"exec", L"policy", L"power", L"session"};
 
+// All parts of a step.
+std::vector<PartRule> StepRules() {
+  std::vector<PartRule> rules = MachineRules();
+  rules.insert(rules.end(), std::begin(kParts), std::end(kParts));
+  return rules;
+}
+
 const PartRule* FindRule(std::span<const PartRule> rules, const std::wstring& key) {
   const auto found = std::ranges::find(rules, key, &PartRule::key);
   return found == rules.end() ? nullptr : &*found;
 }
 
-// Returns "; did you mean ..." with the key in `rules` or `others` that is closest to `key`.
-std::string Closest(const std::wstring& key, std::span<const PartRule> rules,
-                    std::vector<std::string> others = {}) {
-  for (const PartRule& rule : rules) others.push_back(Utf8(rule.key));
-  return DidYouMean(Utf8(key), others);
+// Returns "; did you mean ..." with the key in `rules` that is closest to `key`.
+std::string Closest(const std::wstring& key, std::span<const PartRule> rules) {
+  std::vector<std::string> keys;
+  for (const PartRule& rule : rules) keys.push_back(Utf8(rule.key));
+  return DidYouMean(Utf8(key), keys);
 }
 
 // Returns the start of a value, for a message.
@@ -125,14 +132,12 @@ class Checker {
     Once(one, {});
     for (auto part = one.MemberBegin(); part != one.MemberEnd(); ++part) {
       const std::wstring key = part->name.GetString();
-      const PartRule* machineRule = FindMachineRule(key);
-      const PartRule* rule = machineRule != nullptr ? machineRule : FindRule(kParts, key);
+      const PartRule* rule = FindRule(parts, key);
       if (rule == nullptr) {
-        Add(part->value, key, "is not a part of a step" + Closest(key, kParts, MachineKeys()));
-        continue;
+        Add(part->value, key, "is not a part of a step" + Closest(key, parts));
+      } else {
+        Part(*rule, part->value, key, one);
       }
-      if (machineRule != nullptr) NeedsSimulation(part->value, key);
-      Part(*rule, part->value, key, one);
     }
     Liveness(one);
     if (const WideValue* expect = FindMember(one, L"expect");
@@ -141,14 +146,11 @@ class Checker {
     }
   }
 
-  void NeedsSimulation(const WideValue& value, const std::wstring& key) {
-    if (where == HarnessKind::Simulated) return;
-    Add(value, key, "needs a simulated machine: --simulate");
-  }
-
   void Part(const PartRule& rule, const WideValue& value, const std::wstring& key,
             const WideValue& one) {
-    if (rule.simulated) NeedsSimulation(value, key);
+    if (rule.simulated && where != HarnessKind::Simulated) {
+      Add(value, key, "needs a simulated machine: --simulate");
+    }
     if (rule.companion != nullptr && FindMember(one, rule.companion) == nullptr) {
       Add(value, key, "means nothing without \"" + Utf8(rule.companion) + "\" in the same step");
     }
@@ -240,6 +242,7 @@ class Checker {
   const LineIndex& lines;
   const Definitions& definitions;
   HarnessKind where;
+  const std::vector<PartRule> parts = StepRules();
   std::vector<std::string> faults;
   std::size_t step = 0;
   bool ended = false;
