@@ -5,7 +5,6 @@
 #include "json/json_text.h"
 #include "simulator/simulated_machine.h"
 #include "vxhost/play/scenario_check.h"
-#include "vxhost/play/scenario_rules.h"
 
 namespace Vx::Hosting::Tool {
 

@@ -1,15 +1,10 @@
 #include "vxhost/play/scenario_check.h"
 
-#include <algorithm>
 #include <cwctype>
 #include <iterator>
 #include <set>
-#include <span>
-#include <string_view>
 
-#include "hosting/text.h"
 #include "vxhost/play/machine_steps.h"
-#include "vxhost/play/scenario_rules.h"
 
 namespace Vx::Hosting::Tool {
 
@@ -154,7 +149,7 @@ class Checker {
     if (rule.companion != nullptr && FindMember(one, rule.companion) == nullptr) {
       Add(value, key, "means nothing without \"" + Utf8(rule.companion) + "\" in the same step");
     }
-    if (!rule.form->has(value)) {
+    if (!rule.form->Accepts(value)) {
       Add(value, key, "is " + Shown(value) + "; wanted: " + rule.form->wanted);
       return;
     }
