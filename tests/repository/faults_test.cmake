@@ -20,7 +20,7 @@ set(cases
   "host/b.h|#include <windows.h>|Windows stops at platform"
   "standins/a.cpp|#include \"platform/x.h\"|"
   "vxhost/commands/a.cpp|#include <CLI/CLI.hpp>|"
-  "vxhost/store/a.cpp|#include \"vxhost/subscriptions/x.h\"|"
+  "vxhost/subscriptions/a.cpp|#include \"vxhost/store/x.h\"|"
   "servicehost/a.cpp|#include \"hosting/x.h\"|"
   "simulator/a.h|#include \"platform/clock.h\"|"
   "src/storage/e.cpp|#include \"service/x.h\"|may not include service"

@@ -28,11 +28,12 @@ set(may_include_servicehost ${below_managers} hosting)
 # The tool links the service for --simulate.
 set(below_tool hosting service ${may_include_service})
 set(may_include_vxhost/common ${below_tool})
-set(may_include_vxhost/subscriptions vxhost/common ${below_tool})
-set(may_include_vxhost/store vxhost/subscriptions ${may_include_vxhost/subscriptions})
+set(may_include_vxhost/store vxhost/common ${below_tool})
+set(may_include_vxhost/subscriptions vxhost/store ${may_include_vxhost/store})
 set(may_include_vxhost/log vxhost/common ${below_tool})
 set(may_include_vxhost/service vxhost/common servicehost ${below_tool})
-set(may_include_vxhost/play vxhost/log vxhost/store standins simulator ${may_include_vxhost/store})
+set(may_include_vxhost/play vxhost/log vxhost/subscriptions standins simulator
+  ${may_include_vxhost/subscriptions})
 set(may_include_vxhost/commands vxhost/play vxhost/service servicehost ${may_include_vxhost/play})
 set(any_layer module exemption standins vxhost/commands ${may_include_vxhost/commands})
 

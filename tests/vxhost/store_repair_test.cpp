@@ -9,7 +9,6 @@
 #include "support/faulty_files.h"
 #include "support/machine_test.h"
 #include "support/test.h"
-#include "vxhost/subscriptions/stored_subscriptions.h"
 
 namespace Vx::Hosting::Tool {
 

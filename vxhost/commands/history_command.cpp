@@ -31,7 +31,6 @@
 #include "vxhost/log/timeline_page.h"
 #include "vxhost/service/log_follower.h"
 #include "vxhost/store/store_look.h"
-#include "vxhost/subscriptions/stored_subscriptions.h"
 
 namespace Vx::Hosting::Tool {
 

@@ -10,7 +10,6 @@
 #include "hosting/text.h"
 #include "vxhost/service/service_manager.h"
 #include "vxhost/store/store_look.h"
-#include "vxhost/subscriptions/stored_subscriptions.h"
 
 namespace Vx::Hosting::Tool {
 

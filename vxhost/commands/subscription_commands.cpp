@@ -21,6 +21,7 @@
 #include "vxhost/subscriptions/command_verdict.h"
 #include "vxhost/subscriptions/explanation.h"
 #include "vxhost/subscriptions/module_pins.h"
+#include "vxhost/subscriptions/subscription_check.h"
 
 namespace Vx::Hosting::Tool {
 

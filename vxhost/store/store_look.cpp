@@ -4,18 +4,23 @@
 #include <cstddef>
 #include <cstdio>
 #include <stdexcept>
+#include <utility>
 
 #include "hosting/text.h"
 #include "platform/file_handle.h"
 #include "platform/files.h"
 #include "platform/machine.h"
+#include "platform/windows_runtime_error.h"
+#include "records/subscription_hash.h"
 #include "storage/cap_data_store.h"
-#include "vxhost/subscriptions/stored_subscriptions.h"
+#include "storage/request_list.h"
+#include "storage/service_document.h"
 
 namespace Vx::Hosting::Tool {
 
 namespace {
 
+using namespace Tessel::Server::Services::Orvane;
 using Tessel::Server::Storage::BsonDocument;
 using Tessel::Server::Storage::CapDataStore;
 using Tessel::Server::Storage::SealedFile;
@@ -70,6 +75,19 @@ StoreVerdict DiagnoseContent(const SealedFile::Reading& reading) {
   return {"sound", reading.document ? "sound" : "sound, and empty"};
 }
 
+std::vector<std::optional<std::wstring>> Texts(const BsonDocument& own,
+                                               const SubscriptionForm& kind) {
+  const auto value = own.Find(kind.list);
+  if (!value) return {};
+  const auto list = value->AsWideText();
+  try {
+    if (list) return Tessel::Server::Storage::RequestsOf(*list);
+  } catch (const Platform::WindowsRuntimeError&) {  // NOLINT(bugprone-empty-catch): see below
+  }
+  throw std::runtime_error(std::string("the stored list ") + kind.list +
+                           " is not a JSON array, so the module treats it as empty");
+}
+
 }  // namespace
 
 StoreLook LookAtFile(const std::wstring& path) {
@@ -81,6 +99,24 @@ StoreLook LookAtFile(const std::wstring& path) {
 StoreLook LookAtStore(const HoldLimits& limits) {
   const StoreHold hold(StoreUse::Read, limits);
   return LookAtFile(CapDataStore::PathOfFile());
+}
+
+std::vector<StoredSubscription> SubscriptionsIn(const BsonDocument& store) {
+  std::vector<StoredSubscription> all;
+  const auto found = store.Find(kServiceDocument);
+  if (!found) return all;
+  const auto own = found->AsDocument();
+  if (!own) {
+    throw std::runtime_error(std::string(kServiceDocument) +
+                             " is not a document, so the module cannot read its lists");
+  }
+  for (const SubscriptionForm* kind : kSubscriptionForms) {
+    for (auto& text : Texts(*own, *kind)) {
+      std::wstring hash = text ? Tessel::Server::Records::SubscriptionHash(*text) : std::wstring();
+      all.push_back({all.size() + 1, kind, std::move(text), std::move(hash)});
+    }
+  }
+  return all;
 }
 
 std::vector<StoredSubscription> SubscriptionsOf(const StoreLook& look) {
@@ -122,9 +158,8 @@ StoreVerdict DiagnoseWithLists(const StoreLook& look, Owner owner) {
 }
 
 BsonDocument DocumentOf(const StoreLook& look) {
-  const StoreVerdict verdict = Diagnose(look);
   if (look.reading.state != StoreState::Sound) {
-    throw std::runtime_error("the store cannot be read: " + verdict.text +
+    throw std::runtime_error("the store cannot be read: " + Diagnose(look).text +
                              "; see \"The store looks broken\" in docs/operations.md and " +
                              "vxhost store verify");
   }

@@ -1,13 +1,18 @@
 #pragma once
 
+#include <cstddef>
+#include <optional>
 #include <string>
 #include <vector>
 
+#include "events/subscription_forms.h"
 #include "hosting/store_hold.h"
 #include "storage/sealed_file.h"
-#include "vxhost/subscriptions/stored_subscriptions.h"
 
 namespace Vx::Hosting::Tool {
+
+using Tessel::Server::Services::Orvane::kSubscriptionForms;
+using Tessel::Server::Services::Orvane::SubscriptionForm;
 
 // The store as found on disk. Reading it creates nothing and completes no interrupted write.
 struct StoreLook {
@@ -23,8 +28,18 @@ StoreLook LookAtStore(const HoldLimits& limits = {});
 // with the reason if it cannot be read.
 Tessel::Server::Storage::BsonDocument DocumentOf(const StoreLook& look);
 
-// Returns the stored subscriptions, or none if there is no store. Throws whatever DocumentOf and
-// SubscriptionsIn throw.
+struct StoredSubscription {
+  std::size_t number = 0;  // position across all lists, from 1
+  const SubscriptionForm* kind = nullptr;
+  std::optional<std::wstring> text;  // empty if the element is not an object
+  std::wstring hash;                 // as the module logs it; empty if `text` is
+};
+
+// Returns a store's subscriptions to power, platform and package events, in stored order. Throws
+// std::runtime_error if a list is not a JSON array.
+std::vector<StoredSubscription> SubscriptionsIn(const Tessel::Server::Storage::BsonDocument& store);
+
+// Like SubscriptionsIn, or returns none if there is no store. Throws whatever DocumentOf throws.
 std::vector<StoredSubscription> SubscriptionsOf(const StoreLook& look);
 
 // The state of a store, as a word for programs and a sentence for people.

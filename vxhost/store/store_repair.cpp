@@ -20,7 +20,6 @@
 #include "storage/cap_data_store.h"
 #include "storage/service_document.h"
 #include "vxhost/store/store_content.h"
-#include "vxhost/subscriptions/stored_subscriptions.h"
 
 namespace Vx::Hosting::Tool {
 

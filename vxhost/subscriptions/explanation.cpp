@@ -14,6 +14,7 @@
 #include "platform/system_services.h"
 #include "platform/windows_runtime_error.h"
 #include "security/trusted_program.h"
+#include "vxhost/subscriptions/subscription_check.h"
 
 namespace Vx::Hosting::Tool {
 

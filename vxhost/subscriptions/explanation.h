@@ -4,8 +4,9 @@
 #include <string>
 #include <vector>
 
+#include "security/pinned_keys.h"
 #include "vxhost/common/json_row.h"
-#include "vxhost/subscriptions/stored_subscriptions.h"
+#include "vxhost/store/store_look.h"
 
 namespace Vx::Hosting::Tool {
 

@@ -3,13 +3,9 @@
 #include <string>
 #include <vector>
 
-#include "events/subscription_forms.h"
 #include "security/pinned_keys.h"
 
 namespace Vx::Hosting::Tool {
-
-using Tessel::Server::Services::Orvane::kSubscriptionForms;
-using Tessel::Server::Services::Orvane::SubscriptionForm;
 
 enum class Verdict {
   Good,   // correct
