@@ -8,7 +8,6 @@
 #include "json/json_text.h"
 #include "vxhost/store/store_content.h"
 #include "vxhost/store/store_look.h"
-#include "vxhost/store/store_repair.h"
 
 #include <rapidjson/prettywriter.h>
 

@@ -3,11 +3,22 @@
 #include <algorithm>
 #include <cstdint>
 #include <iterator>
+#include <memory>
+#include <span>
+#include <stdexcept>
+#include <string_view>
+#include <utility>
 
 #include "hosting/text.h"
+#include "hosting/windows_error.h"
 #include "json/utf8.h"
+#include "platform/clock.h"
+#include "platform/file_handle.h"
+#include "platform/files.h"
+#include "platform/machine.h"
+#include "platform/system_services.h"
+#include "storage/cap_data_store.h"
 #include "storage/service_document.h"
-#include "vxhost/store/store_repair.h"
 
 namespace Vx::Hosting::Tool {
 
@@ -20,6 +31,8 @@ using Tessel::Server::Storage::BsonDocument;
 using Tessel::Server::Storage::BsonElement;
 using Tessel::Server::Storage::BsonKind;
 using Tessel::Server::Storage::BsonView;
+using Tessel::Server::Storage::CapDataStore;
+using Tessel::Server::Storage::StoreState;
 
 // Documents can be nested arbitrarily deep. Only the size of those below this level is shown.
 constexpr int kShownLevels = 32;
@@ -38,20 +51,53 @@ const wchar_t* KindName(BsonKind kind) {
   return row == std::end(kKinds) ? L"other" : row->name;
 }
 
+constexpr std::string_view kTopLevel;
+
+// This module's values, as listed in docs/operations.md. Those of other services may be secret.
+struct OwnValue {
+  std::string_view document;
+  const char* key = "";
+  BsonKind kind{};
+};
+constexpr OwnValue kOwnValues[] = {
+    {kServiceDocument, kPowerSubscriptions, BsonKind::String},
+    {kServiceDocument, kZephraSubscriptions, BsonKind::String},
+    {kServiceDocument, kPackageSubscriptions, BsonKind::String},
+    {kServiceDocument, kFirstEnforcementMode, BsonKind::Int32},
+    {kServiceDocument, kExecutedStub, BsonKind::Boolean},
+    {kServiceDocument, kBornOnDate, BsonKind::String},
+    {kTopLevel, "OrvaneLastBootTime", BsonKind::Int64},
+    {kTopLevel, "oobe_complete_event_sent_to_quboapp", BsonKind::Boolean},
+    {kTopLevel, "oobe_complete_aurelo_launched", BsonKind::Boolean},
+    {kTopLevel, "qubo_autolaunch_software_happened", BsonKind::Boolean},
+    {kTopLevel, "qubo_autolaunch_registration_happened", BsonKind::Boolean},
+    {kTopLevel, "qubo_wakeup_for_smode_skip", BsonKind::Boolean},
+    {kTopLevel, "orvane_service_policy_changed_event", BsonKind::String},
+};
+
+// Returns null if the value belongs to another service.
+const OwnValue* Find(std::string_view document, const std::string& key) {
+  const auto* found = std::ranges::find_if(kOwnValues, [&](const OwnValue& value) {
+    return value.document == document && key == value.key;
+  });
+  return found == std::end(kOwnValues) ? nullptr : found;
+}
+
 // Converts a document to JSON: each member becomes an object with its type and value, or its size
 // in bytes if the value cannot be shown.
 class StoreWriter {
  public:
-  explicit StoreWriter(WideDocument& target, ShownValues which = ShownValues::All)
-      : pool(target.GetAllocator()), shown(which) {}
+  // Counts the values left out in `omitted`.
+  StoreWriter(Json::WidePool& memory, ShownValues which, std::size_t& omitted)
+      : pool(memory), shown(which), left(omitted) {}
 
-  // `name` is the document's name in the store, empty for the top level.
-  WideValue Document(const BsonDocument& document, int levelsLeft, const std::string& name = {}) {
+  // `name` is the document's name in the store.
+  WideValue Document(const BsonDocument& document, int levelsLeft, std::string_view name) {
     WideValue object(rapidjson::kObjectType);
     for (const BsonDocument::Member& member : document) {
       const std::string key(member.key);
-      if (shown == ShownValues::Exported && !IsExported(name, key) &&
-          (!name.empty() || key != kServiceDocument)) {
+      if (shown == ShownValues::Exported && Find(name, key) == nullptr &&
+          (name != kTopLevel || key != kServiceDocument)) {
         ++left;
         continue;
       }
@@ -60,9 +106,6 @@ class StoreWriter {
     }
     return object;
   }
-
-  // Returns the number of values left out.
-  std::size_t Left() const { return left; }
 
  private:
   WideValue Member(const std::string& key, const BsonView& view, int levelsLeft) {
@@ -89,8 +132,103 @@ class StoreWriter {
 
   Json::WidePool& pool;
   ShownValues shown;
-  std::size_t left = 0;
+  std::size_t& left;
 };
+
+Platform::Files& Files() {
+  return *Platform::CurrentMachine().files;
+}
+
+// Writes a new file with the same access rights as `accessLike`.
+std::unique_ptr<Platform::FileHandle> WriteNew(const std::wstring& path,
+                                               const std::wstring& accessLike,
+                                               std::span<const std::byte> content) {
+  auto made = Files().Create(path, accessLike);
+  if (!made) throw WindowsError("cannot create " + Utf8(path), made.Error());
+  Platform::ErrorCode error = (*made)->Write(content);
+  if (error == 0) error = (*made)->Flush();
+  if (error == 0) return *std::move(made);
+  (*made)->Remove();
+  throw WindowsError("cannot write " + Utf8(path), error);
+}
+
+// Throws unless `look` shows a sound store that this machine can read.
+void RequireStore(const StoreLook& look) {
+  const StoreVerdict verdict = Diagnose(look, Owner::Any);
+  if (!verdict.IsSound())
+    throw std::runtime_error(Utf8(look.path) + " is not used: " + verdict.text);
+  if (!look.reading.document) {
+    throw std::runtime_error(Utf8(look.path) + " is not used: it contains no values");
+  }
+  SubscriptionsIn(*look.reading.document);
+}
+
+// Copies the store, even if damaged, within its folder. Returns the copy's path, or an empty
+// string if no copy is needed.
+std::wstring Keep(const StoreLook& look) {
+  const StoreState state = look.reading.state;
+  if (state == StoreState::Missing) return {};
+  if (state == StoreState::Linked || state == StoreState::TooLarge ||
+      state == StoreState::NotOpened) {
+    throw std::runtime_error("the store is not replaced: " + Diagnose(look).text);
+  }
+  std::wstring date = DateTimeText(Platform::WindowsMachine().clock->UtcFileTime());
+  std::erase_if(date, [](wchar_t c) { return c == L'-' || c == L':'; });
+  std::ranges::replace_if(
+      date, [](wchar_t c) { return c == L'T' || c == L'.'; }, L'-');
+  std::wstring path = look.path + L".replaced-" + date;
+  WriteNew(path, look.path, look.reading.content);
+  return path;
+}
+
+struct ImportedValue {
+  const OwnValue* own;
+  BsonElement element;
+};
+
+void Collect(const WideValue& members, std::string_view document,
+             std::vector<ImportedValue>& values) {
+  for (auto member = members.MemberBegin(); member < members.MemberEnd(); ++member) {
+    const std::string key = Utf8(member->name.GetString());
+    const OwnValue* own = Find(document, key);
+    if (own == nullptr) {
+      throw std::runtime_error("nothing is imported: " + key + " is not a value of this module");
+    }
+    const auto* value = member->value.IsObject() ? FindMember(member->value, L"value") : nullptr;
+    auto element = value == nullptr ? std::nullopt : ScalarOf(own->kind, *value);
+    if (!element) throw std::runtime_error("nothing is imported: " + key + " has another type");
+    values.push_back({own, *std::move(element)});
+  }
+}
+
+// Returns the object member `key`. Throws if it is not an object.
+const WideValue& ObjectIn(const WideValue& value, const wchar_t* key) {
+  if (value.IsObject()) {
+    const WideValue* found = FindMember(value, key);
+    if (found != nullptr && found->IsObject()) return *found;
+  }
+  throw std::runtime_error("nothing is imported: it is not an exported store");
+}
+
+// Returns the values in `exported`. Throws unless all are this module's and the module can read its
+// lists.
+std::vector<ImportedValue> ValuesOf(const WideValue& exported) {
+  std::vector<ImportedValue> values;
+  WideDocument rest;
+  rest.CopyFrom(ObjectIn(exported, L"document"), rest.GetAllocator());
+  BsonDocument store;
+  const std::wstring own = Wide(kServiceDocument);
+  if (auto found = rest.FindMember(own.c_str()); found < rest.MemberEnd()) {
+    Collect(ObjectIn(found->value, L"value"), kServiceDocument, values);
+    BsonDocument document;
+    for (const ImportedValue& value : values) document.Set(value.own->key, value.element);
+    store.Set(kServiceDocument, BsonElement(document));
+    rest.RemoveMember(found);
+  }
+  Collect(rest, kTopLevel, values);
+  SubscriptionsIn(store);
+  return values;
+}
 
 }  // namespace
 
@@ -112,23 +250,65 @@ WideDocument StoreContent(const StoreLook& look, ShownValues shown, std::size_t&
   WideDocument content(rapidjson::kObjectType);
   auto& pool = content.GetAllocator();
   content.AddMember(L"storeId", WideValue(look.reading.id, pool), pool);
-  StoreWriter writer(content, shown);
-  content.AddMember(L"document", writer.Document(stored, kShownLevels), pool);
-  left = writer.Left();
+  left = 0;
+  StoreWriter writer(pool, shown, left);
+  content.AddMember(L"document", writer.Document(stored, kShownLevels, kTopLevel), pool);
   return content;
 }
 
 std::vector<std::string> StoreLines() {
   const StoreLook look = LookAtStore();
-  if (look.reading.state == Tessel::Server::Storage::StoreState::Missing) return {};
-  WideDocument document;
-  document.CopyFrom(StoreWriter(document).Document(DocumentOf(look), kShownLevels),
-                    document.GetAllocator());
   std::vector<std::string> lines;
+  if (look.reading.state == StoreState::Missing) return lines;
+  std::size_t left = 0;
+  const WideDocument content = StoreContent(look, ShownValues::All, left);
+  const WideValue& document = content[L"document"];
   for (auto value = document.MemberBegin(); value < document.MemberEnd(); ++value) {
     lines.push_back(Utf8(value->name.GetString()) + " " + Utf8(Json::JsonText(value->value)));
   }
   return lines;
+}
+
+void BackUpStore(const std::wstring& path, const HoldLimits& limits) {
+  const StoreLook look = LookAtStore(limits);
+  RequireStore(look);
+  WriteNew(path, path, look.reading.content);
+}
+
+std::wstring RestoreStore(const std::wstring& path, const HoldLimits& limits) {
+  const StoreLook copy = LookAtFile(path);
+  RequireStore(copy);
+  const StoreHold hold(StoreUse::Write, limits);
+  const StoreLook before = LookAtFile(CapDataStore::PathOfFile());
+  std::wstring kept = Keep(before);
+  if (kept.empty()) CapDataStore makesTheFolder;
+  const auto name = Platform::NewUuid();
+  if (!name) throw WindowsError("cannot create a name for the new file", name.Error());
+  // If this process exits halfway, the module recognizes this suffix and completes the change.
+  const std::wstring sibling = before.path + L"." + *name + L".new";
+  const auto file = WriteNew(sibling, before.path, copy.reading.content);
+  if (const Platform::ErrorCode error = file->MoveOver(before.path); error != 0) {
+    file->Remove();
+    throw WindowsError("the store is not replaced", error);
+  }
+  return kept;
+}
+
+std::wstring ImportValues(const WideValue& exported, const HoldLimits& limits) {
+  const std::vector<ImportedValue> values = ValuesOf(exported);
+  const StoreHold hold(StoreUse::Write, limits);
+  std::wstring kept = Keep(LookAtFile(CapDataStore::PathOfFile()));
+  CapDataStore store;
+  for (const auto& [own, element] : values) {
+    const bool written = own->document == kTopLevel
+                             ? store.persist(own->key, element)
+                             : store.mergeMember(kServiceDocument, own->key, element);
+    if (!written) {
+      throw std::runtime_error(std::string(own->key) +
+                               " could not be written; the previous store is in " + Utf8(kept));
+    }
+  }
+  return kept;
 }
 
 }  // namespace Vx::Hosting::Tool

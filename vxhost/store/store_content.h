@@ -28,4 +28,18 @@ std::optional<Tessel::Server::Storage::BsonElement> ScalarOf(Tessel::Server::Sto
 // {...}". Throws std::runtime_error if it cannot be read.
 std::vector<std::string> StoreLines();
 
+// Operations on the whole store. Each checks its input before changing anything, keeps a copy of
+// any store that it replaces in its folder, and throws std::runtime_error with the reason.
+
+// Copies the store's file to `path`, which must not exist. Rejects a store that is not sound.
+void BackUpStore(const std::wstring& path, const HoldLimits& limits);
+
+// Replaces the store with the copy at `path`, if this machine can read it. Returns the path of a
+// copy of the former store, or an empty string if there was none.
+std::wstring RestoreStore(const std::wstring& path, const HoldLimits& limits);
+
+// Imports exported values, in the form of StoreContent, into the store. Rejects all values if one
+// is not this module's or has the wrong type. Returns the same as RestoreStore.
+std::wstring ImportValues(const Json::WideValue& exported, const HoldLimits& limits);
+
 }  // namespace Vx::Hosting::Tool
