@@ -1,11 +1,7 @@
 #include "vxhost/service/service_manager.h"
 
 #include <algorithm>
-#include <array>
-#include <chrono>
-#include <cstddef>
 #include <iterator>
-#include <memory>
 #include <stdexcept>
 #include <string_view>
 #include <utility>
@@ -24,22 +20,23 @@ namespace Vx::Hosting::Tool {
 
 namespace {
 
-constexpr std::chrono::seconds kPatience{60};
-constexpr DWORD kPause = 20;                // milliseconds
-constexpr DWORD kProcessPatience = 10'000;  // milliseconds
-
-constexpr DWORD kMinute = 60'000;       // milliseconds
+// In milliseconds, except kDay.
+constexpr DWORD kPatience = 60'000;
+constexpr DWORD kPause = 20;
+constexpr DWORD kProcessPatience = 10'000;
+constexpr DWORD kMinute = 60'000;
 constexpr DWORD kDay = 86'400;          // seconds
-constexpr DWORD kPreshutdown = 30'000;  // milliseconds that Windows waits for running commands
+constexpr DWORD kPreshutdown = 30'000;  // how long Windows waits for running commands
 
 wchar_t description[] =
     L"Runs programs for client applications when the machine resumes, when the policy changes or "
     L"when a package is uninstalled.";
 
-// Needed to read the console user's token, start programs with it and impersonate that user.
-constexpr const wchar_t* kPrivileges[] = {L"SeAssignPrimaryTokenPrivilege",
-                                          L"SeChangeNotifyPrivilege", L"SeImpersonatePrivilege",
-                                          L"SeIncreaseQuotaPrivilege", L"SeTcbPrivilege"};
+// Needed to read the console user's token, start programs with it and impersonate that user. Ends
+// with one more null, as Windows expects.
+wchar_t privileges[] =
+    L"SeAssignPrimaryTokenPrivilege\0SeChangeNotifyPrivilege\0SeImpersonatePrivilege\0"
+    L"SeIncreaseQuotaPrivilege\0SeTcbPrivilege\0";
 
 // Windows' access list for a new service: local users may query it and send user-defined controls.
 // https://learn.microsoft.com/windows/win32/services/service-security-and-access-rights
@@ -64,7 +61,8 @@ std::string AdviceFor(DWORD error) {
   return row == std::end(kAdvice) ? "" : row->advice;
 }
 
-[[noreturn]] void Refused(const std::string& what, const std::wstring& name, DWORD error) {
+[[noreturn]] void Refused(const std::string& what, const std::wstring& name,
+                          DWORD error = GetLastError()) {
   throw WindowsError("cannot " + what + " the service " + Utf8(name), error, AdviceFor(error));
 }
 
@@ -84,7 +82,7 @@ SC_HANDLE Raw(const UniqueServiceHandle& handle) {
 UniqueServiceHandle Open(const std::wstring& name, DWORD access, const std::string& what) {
   const UniqueServiceHandle manager = OpenManager(SC_MANAGER_CONNECT);
   UniqueServiceHandle service(OpenServiceW(Raw(manager), name.c_str(), access));
-  if (service == nullptr) Refused(what, name, GetLastError());
+  if (service == nullptr) Refused(what, name);
   return service;
 }
 
@@ -93,26 +91,19 @@ SERVICE_STATUS_PROCESS StatusOf(const UniqueServiceHandle& service, const std::w
   DWORD size = 0;
   if (QueryServiceStatusEx(Raw(service), SC_STATUS_PROCESS_INFO, reinterpret_cast<LPBYTE>(&status),
                            sizeof status, &size) == FALSE) {
-    Refused("query", name, GetLastError());
+    Refused("query", name);
   }
   return status;
 }
 
-struct ServiceConfig {
-  // The maximum that Windows returns.
-  alignas(QUERY_SERVICE_CONFIGW) std::array<std::byte, 8192> buffer;
-  const QUERY_SERVICE_CONFIGW* operator->() const {
-    return reinterpret_cast<const QUERY_SERVICE_CONFIGW*>(buffer.data());
-  }
-};
-
-ServiceConfig ConfigOf(const UniqueServiceHandle& service, const std::wstring& name) {
-  ServiceConfig config{};
+// Returns the configuration in the first element. The others hold its strings.
+std::vector<QUERY_SERVICE_CONFIGW> ConfigOf(const UniqueServiceHandle& service,
+                                            const std::wstring& name) {
+  constexpr DWORD kMost = 8192;  // bytes; the maximum that Windows returns
+  std::vector<QUERY_SERVICE_CONFIGW> config(kMost / sizeof(QUERY_SERVICE_CONFIGW) + 1);
   DWORD size = 0;
-  if (QueryServiceConfigW(Raw(service),
-                          reinterpret_cast<QUERY_SERVICE_CONFIGW*>(config.buffer.data()),
-                          static_cast<DWORD>(config.buffer.size()), &size) == FALSE) {
-    Refused("query", name, GetLastError());
+  if (QueryServiceConfigW(Raw(service), config.data(), kMost, &size) == FALSE) {
+    Refused("query", name);
   }
   return config;
 }
@@ -120,7 +111,7 @@ ServiceConfig ConfigOf(const UniqueServiceHandle& service, const std::wstring& n
 // Resets the owner and access list of a service that is being replaced to those of a new one, so
 // that no other account can change what will run as SYSTEM.
 void TakeOver(const UniqueServiceHandle& service, const std::wstring& name) {
-  const std::wstring account = ConfigOf(service, name)->lpServiceStartName;
+  const std::wstring account = ConfigOf(service, name).front().lpServiceStartName;
   if (_wcsicmp(account.c_str(), kAccount) != 0) {
     throw std::runtime_error("the service " + Utf8(name) + " runs as " + Utf8(account) +
                              " and not as LocalSystem; remove it first");
@@ -128,21 +119,19 @@ void TakeOver(const UniqueServiceHandle& service, const std::wstring& name) {
   PSECURITY_DESCRIPTOR raw = nullptr;
   if (ConvertStringSecurityDescriptorToSecurityDescriptorW(kAccess, SDDL_REVISION_1, &raw,
                                                            nullptr) == FALSE) {
-    Refused("replace", name, GetLastError());
+    Refused("replace", name);
   }
   const Platform::UniqueLocalMemory<void> access(raw);
   if (SetServiceObjectSecurity(Raw(service), OWNER_SECURITY_INFORMATION | DACL_SECURITY_INFORMATION,
                                raw) == FALSE) {
-    Refused("replace", name, GetLastError());
+    Refused("replace", name);
   }
 }
 
 // Waits while `holds` returns true for the service's state.
-template <typename Condition>
 SERVICE_STATUS_PROCESS AwaitWhile(const UniqueServiceHandle& service, const std::wstring& name,
-                                  const Condition& holds) {
-  const ULONGLONG end =
-      GetTickCount64() + static_cast<ULONGLONG>(std::chrono::milliseconds(kPatience).count());
+                                  bool (*holds)(DWORD state)) {
+  const ULONGLONG end = GetTickCount64() + kPatience;
   SERVICE_STATUS_PROCESS status = StatusOf(service, name);
   while (holds(status.dwCurrentState) && GetTickCount64() < end) {
     Sleep(kPause);
@@ -151,18 +140,16 @@ SERVICE_STATUS_PROCESS AwaitWhile(const UniqueServiceHandle& service, const std:
   return status;
 }
 
-// Applies the settings that CreateService cannot. Returns the first error from Windows. Adds
-// settings that this system does not support to `unknown`.
-DWORD Configure(SC_HANDLE service, bool delays, std::vector<std::string>& unknown) {
-  DWORD error = ERROR_SUCCESS;
+// Applies the settings that CreateService cannot. Returns those that this system does not support.
+std::vector<std::string> Configure(const UniqueServiceHandle& service, const std::wstring& name,
+                                   bool delays) {
+  std::vector<std::string> unknown;
   const auto set = [&](const char* what, DWORD level, void* info) {
-    if (error != ERROR_SUCCESS || ChangeServiceConfig2W(service, level, info) != FALSE) return;
+    if (ChangeServiceConfig2W(Raw(service), level, info) != FALSE) return;
     // Windows supports every level, but the emulator does not.
-    if (const DWORD refusal = GetLastError(); refusal == ERROR_INVALID_LEVEL) {
-      unknown.emplace_back(what);
-    } else {
-      error = refusal;
-    }
+    const DWORD error = GetLastError();
+    if (error != ERROR_INVALID_LEVEL) Refused("install", name, error);
+    unknown.emplace_back(what);
   };
   SERVICE_DESCRIPTIONW text{description};
   set("a description", SERVICE_CONFIG_DESCRIPTION, &text);
@@ -178,21 +165,19 @@ DWORD Configure(SC_HANDLE service, bool delays, std::vector<std::string>& unknow
   set("failure actions after an error", SERVICE_CONFIG_FAILURE_ACTIONS_FLAG, &always);
   SERVICE_SID_INFO sid{SERVICE_SID_TYPE_UNRESTRICTED};
   set("a service SID", SERVICE_CONFIG_SERVICE_SID_INFO, &sid);
-  std::wstring privileges = RequiredPrivileges();
-  SERVICE_REQUIRED_PRIVILEGES_INFOW required{privileges.data()};
+  SERVICE_REQUIRED_PRIVILEGES_INFOW required{privileges};
   set("required privileges", SERVICE_CONFIG_REQUIRED_PRIVILEGES_INFO, &required);
   SERVICE_PRESHUTDOWN_INFO preshutdown{kPreshutdown};
   set("time before a shutdown", SERVICE_CONFIG_PRESHUTDOWN_INFO, &preshutdown);
   SERVICE_DELAYED_AUTO_START_INFO delayed{TRUE};
   if (delays) set("a delayed start", SERVICE_CONFIG_DELAYED_AUTO_START_INFO, &delayed);
-  return error;
+  return unknown;
 }
 
 // Reads the options that earlier versions kept in the service's command line.
 void AddEarlierOptions(const wchar_t* image, ServiceHost::ServiceOptions& options) {
   int count = 0;
-  const std::unique_ptr<wchar_t*, decltype(&LocalFree)> words(CommandLineToArgvW(image, &count),
-                                                              &LocalFree);
+  const Platform::UniqueLocalMemory<wchar_t*> words(CommandLineToArgvW(image, &count));
   for (int i = 1; words != nullptr && i < count; ++i) {
     const std::wstring_view word = words.get()[i];
     if (word == L"--development") options.development = true;
@@ -213,12 +198,6 @@ std::wstring ImagePath(const ServicePlan& plan) {
   return L"\"" + plan.program + L"\" " + plan.name;
 }
 
-std::wstring RequiredPrivileges() {
-  std::wstring list;
-  for (const wchar_t* privilege : kPrivileges) (list += privilege) += L'\0';
-  return list;
-}
-
 std::vector<std::string> ServiceManager::Install(const ServicePlan& plan) {
   const UniqueServiceHandle manager = OpenManager(SC_MANAGER_CONNECT | SC_MANAGER_CREATE_SERVICE);
   const bool automatic = plan.start != ServicePlan::Start::Demand;
@@ -233,7 +212,7 @@ std::vector<std::string> ServiceManager::Install(const ServicePlan& plan) {
     created = false;
     service.reset(OpenServiceW(Raw(manager), name, SERVICE_ALL_ACCESS));
   }
-  if (service == nullptr) Refused("install", plan.name, GetLastError());
+  if (service == nullptr) Refused("install", plan.name);
   try {
     if (!created) TakeOver(service, plan.name);
     // Written first, because a service being replaced may start between the steps.
@@ -242,12 +221,9 @@ std::vector<std::string> ServiceManager::Install(const ServicePlan& plan) {
                                          plan.start ? start : SERVICE_NO_CHANGE,
                                          SERVICE_ERROR_NORMAL, image.c_str(), nullptr, nullptr,
                                          nullptr, nullptr, nullptr, name) == FALSE) {
-      Refused("replace", plan.name, GetLastError());
+      Refused("replace", plan.name);
     }
-    std::vector<std::string> unknown;
-    const bool delayed = automatic && (created || plan.start);
-    const DWORD error = Configure(Raw(service), delayed, unknown);
-    if (error != ERROR_SUCCESS) Refused("install", plan.name, error);
+    auto unknown = Configure(service, plan.name, automatic && (created || plan.start));
     ServiceHost::AddEventSource(plan.name, plan.program);
     return unknown;
   } catch (const std::runtime_error&) {
@@ -302,7 +278,7 @@ void ServiceManager::Remove(const std::wstring& name, Running running) {
   if (running == Running::Refused && StatusOf(service, name).dwCurrentState != SERVICE_STOPPED) {
     throw std::runtime_error("the service " + Utf8(name) + " is running; stop it first");
   }
-  if (DeleteService(Raw(service)) == FALSE) Refused("remove", name, GetLastError());
+  if (DeleteService(Raw(service)) == FALSE) Refused("remove", name);
   ServiceHost::RemoveEventSource(name);
 }
 
@@ -316,24 +292,23 @@ std::optional<ServiceReport> ServiceManager::Query(const std::wstring& name) {
     Refused("query", name, error);
   }
   const auto status = StatusOf(service, name);
-  const ServiceConfig config = ConfigOf(service, name);
+  const auto stored = ConfigOf(service, name);
+  const QUERY_SERVICE_CONFIGW& config = stored.front();
   ServiceHost::ServiceOptions options = ServiceHost::ReadParameters(name);
-  if (options.module.empty()) AddEarlierOptions(config->lpBinaryPathName, options);
+  if (options.module.empty()) AddEarlierOptions(config.lpBinaryPathName, options);
   return ServiceReport{.state = status.dwCurrentState,
                        .process = status.dwProcessId,
                        .exitCode = status.dwWin32ExitCode,
-                       .automatic = config->dwStartType == SERVICE_AUTO_START,
-                       .image = config->lpBinaryPathName,
-                       .account = config->lpServiceStartName,
+                       .automatic = config.dwStartType == SERVICE_AUTO_START,
+                       .image = config.lpBinaryPathName,
+                       .account = config.lpServiceStartName,
                        .options = std::move(options)};
 }
 
 void ServiceManager::Send(const std::wstring& name, std::uint32_t control) {
   const auto service = Open(name, SERVICE_USER_DEFINED_CONTROL, "send a code to");
   SERVICE_STATUS last{};
-  if (ControlService(Raw(service), control, &last) == FALSE) {
-    Refused("send a code to", name, GetLastError());
-  }
+  if (ControlService(Raw(service), control, &last) == FALSE) Refused("send a code to", name);
 }
 
 std::uint32_t ProcessOfService(const std::wstring& name) {

@@ -26,10 +26,6 @@ struct ServicePlan {
 // Returns the service's command line: its program's full path in quotes, and the service's name.
 std::wstring ImagePath(const ServicePlan& plan);
 
-// Returns the privileges that the service's process keeps, in the form Windows expects: each string
-// with its terminator, and one more null at the end.
-std::wstring RequiredPrivileges();
-
 // The service manager's information about a service, with Windows' constants.
 struct ServiceReport {
   std::uint32_t state = 0;    // SERVICE_RUNNING etc.
