@@ -106,15 +106,16 @@ function(judge_json_memory content result)
   endforeach()
 endfunction()
 
-# Readers look for the source of X.h in X.cpp, so X.cpp must begin with a header of that name,
-# unless it is the entry point of a program or library.
+# Readers look for the source of X.h in X.cpp, so X.cpp must begin with a header of that name or of
+# its folder's name, unless it is the entry point of a program or library.
 function(judge_name file content includes result)
   set(${result} "" PARENT_SCOPE)
-  if(content MATCHES "[ :](wmain|main|DllMain)\\(" OR NOT file MATCHES "([^/]+)\\.cpp$")
+  if(content MATCHES "[ :](wmain|main|DllMain)\\(" OR NOT file MATCHES "([^/]+)/([^/]+)\\.cpp$")
     return()
   endif()
-  set(stem ${CMAKE_MATCH_1})
-  if(NOT includes MATCHES "^[^<>\";]*\"([^\";]*/)?${stem}\\.h(;|$)")
+  set(folder ${CMAKE_MATCH_1})
+  set(stem ${CMAKE_MATCH_2})
+  if(NOT includes MATCHES "^[^<>\";]*\"([^\";]*/)?(${stem}|${folder})\\.h(;|$)")
     set(${result} "does not begin with a header named ${stem}.h" PARENT_SCOPE)
   endif()
 endfunction()

@@ -1,12 +1,8 @@
-#include "vxhost/commands/doctor_command.h"
+#include "vxhost/commands/commands.h"
 
 #include <algorithm>
-#include <cstdint>
-#include <filesystem>
 #include <optional>
 #include <stdexcept>
-#include <string>
-#include <vector>
 
 #include <windows.h>
 
@@ -31,8 +27,6 @@
 #include "servicehost/power_notifications.h"
 #include "simulator/simulated_machine.h"
 #include "storage/cap_data_store.h"
-#include "vxhost/commands/history_command.h"
-#include "vxhost/log/history.h"
 #include "vxhost/service/pipe_client.h"
 #include "vxhost/service/service_manager.h"
 #include "vxhost/store/store_look.h"

@@ -1,10 +1,8 @@
-#include "vxhost/commands/explain_command.h"
+#include "vxhost/commands/commands.h"
 
 #include <charconv>
 #include <optional>
 #include <stdexcept>
-#include <string>
-#include <string_view>
 
 #include "companion/qubo_facade.h"
 #include "companion/resume_decision.h"

@@ -1,22 +1,17 @@
-#include "vxhost/commands/history_command.h"
+#include "vxhost/commands/commands.h"
 
 #include <algorithm>
 #include <charconv>
 #include <chrono>
-#include <cstdint>
 #include <exception>
-#include <filesystem>
 #include <fstream>
-#include <functional>
 #include <iterator>
 #include <map>
 #include <optional>
 #include <set>
 #include <sstream>
 #include <stdexcept>
-#include <string>
 #include <utility>
-#include <vector>
 
 #include <windows.h>
 
@@ -27,7 +22,6 @@
 #include "records/record.h"
 #include "servicehost/guarded_folder.h"
 #include "servicehost/log_folder.h"
-#include "vxhost/log/history.h"
 #include "vxhost/log/timeline_page.h"
 #include "vxhost/service/log_follower.h"
 #include "vxhost/store/store_look.h"

@@ -1,8 +1,6 @@
 #include <cstdio>
 #include <exception>
 #include <memory>
-#include <string>
-#include <vector>
 
 #include <windows.h>
 
@@ -10,18 +8,7 @@
 
 #include "hosting/program_start.h"
 #include "hosting/text.h"
-#include "vxhost/commands/command_line.h"
-#include "vxhost/commands/doctor_command.h"
-#include "vxhost/commands/explain_command.h"
-#include "vxhost/commands/history_command.h"
-#include "vxhost/commands/module_commands.h"
-#include "vxhost/commands/overview.h"
-#include "vxhost/commands/service_command.h"
-#include "vxhost/commands/store_commands.h"
-#include "vxhost/commands/subscription_commands.h"
-#include "vxhost/commands/trust_commands.h"
-#include "vxhost/commands/validate_command.h"
-#include "vxhost/commands/watch_command.h"
+#include "vxhost/commands/commands.h"
 #include "vxhost/common/console.h"
 #include "vxhost/play/played_keys.h"
 #include "vxhost/subscriptions/module_pins.h"

@@ -1,15 +1,12 @@
-#include "vxhost/commands/module_commands.h"
+#include "vxhost/commands/commands.h"
 
 #include <algorithm>
 #include <chrono>
-#include <cstdint>
 #include <iterator>
 #include <map>
 #include <memory>
 #include <stdexcept>
-#include <string>
 #include <utility>
-#include <vector>
 
 #include <windows.h>
 

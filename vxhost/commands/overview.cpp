@@ -1,9 +1,7 @@
-#include "vxhost/commands/overview.h"
+#include "vxhost/commands/commands.h"
 
 #include <chrono>
 #include <exception>
-#include <functional>
-#include <string>
 
 #include <windows.h>
 

@@ -1,16 +1,11 @@
-#include "vxhost/commands/service_command.h"
+#include "vxhost/commands/commands.h"
 
-#include <cstdint>
 #include <cstdio>
-#include <filesystem>
 #include <iterator>
 #include <memory>
 #include <optional>
 #include <stdexcept>
-#include <string>
-#include <string_view>
 #include <utility>
-#include <vector>
 
 #include <windows.h>
 
@@ -28,7 +23,6 @@
 #include "servicehost/power_notifications.h"
 #include "servicehost/service_log.h"
 #include "servicehost/service_process.h"
-#include "vxhost/commands/history_command.h"
 #include "vxhost/service/service_manager.h"
 
 namespace Vx::Hosting::Tool {

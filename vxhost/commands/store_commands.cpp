@@ -1,6 +1,5 @@
-#include "vxhost/commands/store_commands.h"
+#include "vxhost/commands/commands.h"
 
-#include <cstddef>
 #include <cstdio>
 #include <stdexcept>
 

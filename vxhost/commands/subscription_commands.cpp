@@ -1,12 +1,9 @@
-#include "vxhost/commands/subscription_commands.h"
+#include "vxhost/commands/commands.h"
 
 #include <algorithm>
-#include <cstdint>
 #include <initializer_list>
 #include <optional>
 #include <stdexcept>
-#include <string>
-#include <vector>
 
 #include "events/package_event.h"
 #include "hosting/store_hold.h"
@@ -16,7 +13,6 @@
 #include "records/record.h"
 #include "records/subscription_hash.h"
 #include "storage/request_manager.h"
-#include "vxhost/commands/module_commands.h"
 #include "vxhost/store/store_look.h"
 #include "vxhost/subscriptions/command_verdict.h"
 #include "vxhost/subscriptions/explanation.h"

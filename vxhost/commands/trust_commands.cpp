@@ -1,15 +1,10 @@
-#include "vxhost/commands/trust_commands.h"
+#include "vxhost/commands/commands.h"
 
 #include <algorithm>
-#include <cstddef>
-#include <cstdint>
 #include <cstdio>
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
-#include <string>
-#include <string_view>
-#include <vector>
 
 #include <windows.h>
 

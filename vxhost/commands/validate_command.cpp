@@ -1,9 +1,7 @@
-#include "vxhost/commands/validate_command.h"
+#include "vxhost/commands/commands.h"
 
 #include <optional>
 #include <stdexcept>
-#include <string>
-#include <vector>
 
 #include "hosting/text.h"
 #include "json/json_text.h"

@@ -1,13 +1,10 @@
-#include "vxhost/commands/watch_command.h"
+#include "vxhost/commands/commands.h"
 
 #include <algorithm>
 #include <array>
-#include <cstdint>
 #include <cstdio>
 #include <memory>
 #include <stdexcept>
-#include <string>
-#include <vector>
 
 #include <windows.h>
 
@@ -15,7 +12,6 @@
 #include "platform/clock.h"
 #include "platform/machine.h"
 #include "platform/unique_handle.h"
-#include "vxhost/commands/history_command.h"
 #include "vxhost/service/log_follower.h"
 #include "vxhost/service/service_manager.h"
 
