@@ -60,18 +60,6 @@ std::vector<PartRule> StepRules() {
   return rules;
 }
 
-const PartRule* FindRule(std::span<const PartRule> rules, const std::wstring& key) {
-  const auto found = std::ranges::find(rules, key, &PartRule::key);
-  return found == rules.end() ? nullptr : &*found;
-}
-
-// Returns "; did you mean ..." with the key in `rules` that is closest to `key`.
-std::string Closest(const std::wstring& key, std::span<const PartRule> rules) {
-  std::vector<std::string> keys;
-  for (const PartRule& rule : rules) keys.push_back(Utf8(rule.key));
-  return DidYouMean(Utf8(key), keys);
-}
-
 // Returns the start of a value, for a message.
 std::string Shown(const WideValue& value) {
   return Utf8(Shortened(Json::JsonText(value)));
@@ -124,16 +112,7 @@ class Checker {
       Add(one, {}, "is not a step, which is an object");
       return;
     }
-    Once(one, {});
-    for (auto part = one.MemberBegin(); part != one.MemberEnd(); ++part) {
-      const std::wstring key = part->name.GetString();
-      const PartRule* rule = FindRule(parts, key);
-      if (rule == nullptr) {
-        Add(part->value, key, "is not a part of a step" + Closest(key, parts));
-      } else {
-        Part(*rule, part->value, key, one);
-      }
-    }
+    Members(one, parts, {}, one);
     Liveness(one);
     if (const WideValue* expect = FindMember(one, L"expect");
         expect != nullptr && expect->IsObject()) {
@@ -160,15 +139,20 @@ class Checker {
     }
   }
 
+  // `path` is the keys that lead to `object` in the step `one`. It is empty for the step itself.
   void Members(const WideValue& object, std::span<const PartRule> rules, const std::wstring& path,
                const WideValue& one) {
-    const std::wstring prefix = path + L".";
+    const std::wstring prefix = path.empty() ? path : path + L".";
     Once(object, prefix);
     for (auto member = object.MemberBegin(); member != object.MemberEnd(); ++member) {
       const std::wstring key = member->name.GetString();
-      const PartRule* rule = FindRule(rules, key);
-      if (rule == nullptr) {
-        Add(member->value, prefix + key, "is not known" + Closest(key, rules));
+      const auto rule = std::ranges::find(rules, key, &PartRule::key);
+      if (rule == rules.end()) {
+        std::vector<std::string> keys;
+        for (const PartRule& known : rules) keys.push_back(Utf8(known.key));
+        Add(member->value, prefix + key,
+            (path.empty() ? "is not a part of a step" : "is not known") +
+                DidYouMean(Utf8(key), keys));
       } else {
         Part(*rule, member->value, prefix + key, one);
       }
