@@ -28,17 +28,17 @@ struct DecisionRecord {
 
 // The string members of a record, in the order in which logs list them.
 inline constexpr struct {
-  const char* name;
+  const wchar_t* name;
   std::wstring DecisionRecord::*text;
   const wchar_t* VxLogRecord::*source;
 } kRecordTexts[] = {
-    {"kind", &DecisionRecord::kind, &VxLogRecord::kind},
-    {"decision", &DecisionRecord::decision, &VxLogRecord::decision},
-    {"reason", &DecisionRecord::reason, &VxLogRecord::reason},
-    {"subscription", &DecisionRecord::subscription, &VxLogRecord::subscription},
-    {"target", &DecisionRecord::target, &VxLogRecord::target},
-    {"package", &DecisionRecord::package, &VxLogRecord::package},
-    {"client", &DecisionRecord::client, &VxLogRecord::client},
+    {L"kind", &DecisionRecord::kind, &VxLogRecord::kind},
+    {L"decision", &DecisionRecord::decision, &VxLogRecord::decision},
+    {L"reason", &DecisionRecord::reason, &VxLogRecord::reason},
+    {L"subscription", &DecisionRecord::subscription, &VxLogRecord::subscription},
+    {L"target", &DecisionRecord::target, &VxLogRecord::target},
+    {L"package", &DecisionRecord::package, &VxLogRecord::package},
+    {L"client", &DecisionRecord::client, &VxLogRecord::client},
 };
 
 struct LogLine {

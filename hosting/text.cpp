@@ -204,11 +204,6 @@ std::uint64_t LocalFileTime() {
   return std::uint64_t{local.dwHighDateTime} << 32 | local.dwLowDateTime;
 }
 
-std::wstring Quoted(const std::wstring& text) {
-  return Json::JsonText(
-      Json::WideValue(text.c_str(), static_cast<rapidjson::SizeType>(text.size())));
-}
-
 std::wstring TextOf(const Json::WideValue& text) {
   return {text.GetString(), text.GetStringLength()};
 }

@@ -67,9 +67,6 @@ std::wstring DateTimeText(std::uint64_t time);
 // Returns this machine's local time as a FILETIME.
 std::uint64_t LocalFileTime();
 
-// Returns `text` as a JSON string.
-std::wstring Quoted(const std::wstring& text);
-
 // Returns the value of a JSON string.
 std::wstring TextOf(const Json::WideValue& text);
 

@@ -3,6 +3,7 @@
 #include <utility>
 #include <vector>
 
+#include "hosting/json_row.h"
 #include "json/json_text.h"
 #include "json/utf8.h"
 
@@ -79,30 +80,16 @@ std::optional<CommandResult> ParseResult(std::string_view message) {
 }
 
 std::string WriteCommand(const CommandEnvelope& command) {
-  std::string message = R"({"id":)" + std::to_string(command.id) + R"(,"request":)";
-  AppendJsonString(message, command.request);
-  return message + "}";
+  return Json::ToUtf8(JsonRow{{L"id", command.id}, {L"request", command.request}}.Text());
 }
 
 std::string WriteResult(const CommandResult& result) {
-  std::string message = R"({"code":)" + std::to_string(result.code);
-  if (result.text) {
-    message += R"(,"response":)";
-    AppendJsonString(message, *result.text);
-  }
+  JsonRow row{{L"code", result.code}};
+  if (result.text) row.Add({L"response", *result.text});
   if (!result.decision.empty()) {
-    message += R"(,"record":{"decision":)";
-    AppendJsonString(message, result.decision);
-    message += R"(,"reason":)";
-    AppendJsonString(message, result.reason);
-    message += '}';
+    row.Add({L"record", JsonRow{{L"decision", result.decision}, {L"reason", result.reason}}});
   }
-  return message + "}";
-}
-
-void AppendJsonString(std::string& out, std::wstring_view text) {
-  const auto size = static_cast<rapidjson::SizeType>(text.size());
-  out += Json::ToUtf8(Json::JsonText(WideValue(text.data(), size)));
+  return Json::ToUtf8(row.Text());
 }
 
 }  // namespace Vx::Hosting::ServiceHost

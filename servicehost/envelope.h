@@ -37,7 +37,4 @@ std::string WriteCommand(const CommandEnvelope& command);
 // "already_stored"}}. Omits the response or the record if there is none.
 std::string WriteResult(const CommandResult& result);
 
-// Appends `text` to `out` as a UTF-8 JSON string, with U+FFFD in place of unpaired surrogates.
-void AppendJsonString(std::string& out, std::wstring_view text);
-
 }  // namespace Vx::Hosting::ServiceHost

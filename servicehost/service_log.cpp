@@ -6,10 +6,10 @@
 
 #include <windows.h>
 
+#include "hosting/json_row.h"
 #include "hosting/text.h"
 #include "platform/clock.h"
 #include "platform/machine.h"
-#include "servicehost/envelope.h"
 
 namespace Vx::Hosting::ServiceHost {
 
@@ -21,35 +21,19 @@ constexpr wchar_t kDropped[] = L" log lines were dropped";
 constexpr wchar_t kLosing[] = L"log lines are lost from here on: ";
 constexpr wchar_t kRepeated[] = L" (repeated: ";  // followed by the count and a bracket
 
-void AppendRecord(std::string& out, const DecisionRecord& record) {
-  char separator = '{';
-  const auto begin = [&](const char* name) {
-    ((out += separator) += '"').append(name) += "\":";
-    separator = ',';
-  };
+JsonRow RowOf(const DecisionRecord& record) {
+  JsonRow row{};
   for (const auto& member : kRecordTexts) {
-    if ((record.*member.text).empty()) continue;
-    begin(member.name);
-    AppendJsonString(out, record.*member.text);
+    if (!(record.*member.text).empty()) row.Add({member.name, record.*member.text});
   }
   const bool counts =
       record.kind == L"command" || record.kind == L"power" || record.kind == L"platform";
-  const struct {
-    const char* name = nullptr;
-    std::uint64_t value = 0;
-    bool needed = false;
-  } kNumbers[] = {{"number", record.number, counts},
-                  {"status", record.status},
-                  {"process", record.process},
-                  {"delivery", record.delivery},
-                  {"milliseconds", record.milliseconds}};
-  for (const auto& number : kNumbers) {
-    if (number.value == 0 && !number.needed) continue;
-    begin(number.name);
-    out += std::to_string(number.value);
-  }
-  if (separator == '{') out += '{';
-  out += '}';
+  if (counts || record.number != 0) row.Add({L"number", record.number});
+  if (record.status != 0) row.Add({L"status", record.status});
+  if (record.process != 0) row.Add({L"process", record.process});
+  if (record.delivery != 0) row.Add({L"delivery", record.delivery});
+  if (record.milliseconds != 0) row.Add({L"milliseconds", record.milliseconds});
+  return row;
 }
 
 // Entries with records never count as repeated: each record is a separate decision.
@@ -70,21 +54,16 @@ LogEntry EntryOf(LogLine line) {
 }
 
 std::string JsonLineOf(const LogEntry& entry) {
-  std::string text = R"({"time":")" + Utf8(DateTimeText(entry.time)) + R"(Z","level":)";
-  AppendJsonString(text, entry.line.level);
-  text += R"(,"provider":)";
-  AppendJsonString(text, entry.line.provider);
-  text += R"(,"caller":)";
-  AppendJsonString(text, entry.line.caller);
-  text += R"(,"thread":)" + std::to_string(entry.thread);
-  text += R"(,"process":)" + std::to_string(entry.process);
-  text += R"(,"message":)";
-  AppendJsonString(text, entry.line.message);
-  if (entry.line.record) {
-    text += R"(,"record":)";
-    AppendRecord(text, *entry.line.record);
-  }
-  return text + "}\n";
+  const LogLine& line = entry.line;
+  JsonRow row{{L"time", DateTimeText(entry.time) + L'Z'},
+              {L"level", line.level},
+              {L"provider", line.provider},
+              {L"caller", line.caller},
+              {L"thread", entry.thread},
+              {L"process", entry.process},
+              {L"message", line.message}};
+  if (line.record) row.Add({L"record", RowOf(*line.record)});
+  return Utf8(row.Text()) + '\n';
 }
 
 ServiceLog::ServiceLog(std::vector<LogTarget> targets, std::size_t limit,

@@ -7,10 +7,10 @@
 #include <string>
 #include <vector>
 
+#include "hosting/json_row.h"
 #include "hosting/loaded_module.h"
 #include "hosting/module_log.h"
 #include "hosting/text.h"
-#include "vxhost/common/json_row.h"
 
 namespace Vx::Hosting::Tool {
 

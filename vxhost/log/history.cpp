@@ -70,7 +70,7 @@ void ReadNumber(const Json::WideValue& object, const wchar_t* key, Number& numbe
 DecisionRecord ParseRecord(const Json::WideValue& object) {
   DecisionRecord record;
   for (const auto& member : kRecordTexts) {
-    record.*member.text = TextMember(object, Wide(member.name));
+    record.*member.text = TextMember(object, member.name);
   }
   ReadNumber(object, L"number", record.number);
   ReadNumber(object, L"status", record.status);

@@ -7,6 +7,7 @@
 #include "events/delivery_rules.h"
 #include "events/subscription_delivery.h"
 #include "events/subscription_forms.h"
+#include "hosting/json_row.h"
 #include "hosting/text.h"
 #include "json/json_object.h"
 #include "json/json_text.h"

@@ -3,7 +3,7 @@
 #include <string>
 #include <vector>
 
-#include "vxhost/common/json_row.h"
+#include "hosting/json_row.h"
 #include "vxhost/log/play_record.h"
 
 namespace Vx::Hosting::Tool {

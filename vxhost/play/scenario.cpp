@@ -8,6 +8,7 @@
 
 #include <windows.h>
 
+#include "hosting/json_row.h"
 #include "hosting/store_hold.h"
 #include "hosting/text.h"
 #include "platform/unique_handle.h"

@@ -4,6 +4,7 @@
 #include <iterator>
 #include <set>
 
+#include "hosting/json_row.h"
 #include "vxhost/play/machine_steps.h"
 
 namespace Vx::Hosting::Tool {

@@ -4,8 +4,8 @@
 #include <string>
 #include <vector>
 
+#include "hosting/json_row.h"
 #include "security/pinned_keys.h"
-#include "vxhost/common/json_row.h"
 #include "vxhost/store/store_look.h"
 
 namespace Vx::Hosting::Tool {

@@ -9,6 +9,7 @@
 #include "events/event_commands.h"
 #include "events/subscription_delivery.h"
 #include "events/subscription_forms.h"
+#include "hosting/json_row.h"
 #include "hosting/text.h"
 #include "json/json_object.h"
 #include "json/json_text.h"

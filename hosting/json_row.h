@@ -5,10 +5,16 @@
 #include <string>
 #include <vector>
 
-#include "hosting/text.h"
 #include "json/json_text.h"
+#include "json/utf8.h"
 
-namespace Vx::Hosting::Tool {
+namespace Vx::Hosting {
+
+// Returns `text` as a JSON string.
+inline std::wstring Quoted(const std::wstring& text) {
+  const auto size = static_cast<rapidjson::SizeType>(text.size());
+  return Json::JsonText(Json::WideValue(text.c_str(), size));
+}
 
 template <typename Value>
 concept Number = std::integral<Value> || std::floating_point<Value>;
@@ -40,7 +46,7 @@ class JsonRow {
   static std::wstring TextOf(const JsonRow& row) { return row.Text(); }
   static std::wstring TextOf(const Json::WideValue& value) { return Json::JsonText(value); }
   static std::wstring TextOf(const std::wstring& text) { return Quoted(text); }
-  static std::wstring TextOf(const std::string& utf8) { return Quoted(Wide(utf8)); }
+  static std::wstring TextOf(const std::string& utf8) { return Quoted(Json::ToWide(utf8)); }
   template <Number Value>
   static std::wstring TextOf(Value number) {
     return Json::JsonText(Json::WideValue(number));
@@ -56,4 +62,4 @@ class JsonRow {
   std::wstring members;
 };
 
-}  // namespace Vx::Hosting::Tool
+}  // namespace Vx::Hosting
