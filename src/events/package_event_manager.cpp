@@ -1,16 +1,18 @@
 #include "events/package_event_manager.h"
 
 #include <algorithm>
+#include <chrono>
 #include <exception>
 #include <optional>
 #include <utility>
 
 #include "events/firing_marks.h"
-#include "events/package_completion.h"
 #include "events/subscription_delivery.h"
 #include "events/subscription_forms.h"
 #include "host/logging.h"
 #include "json/json_object.h"
+#include "platform/clock.h"
+#include "platform/machine.h"
 #include "platform/windows_runtime_error.h"
 #include "records/record.h"
 #include "storage/cap_data_store.h"
@@ -35,6 +37,92 @@ constexpr wchar_t kNotWatched[] =
 constexpr wchar_t kNotTakenBack[] =
     L"OrvaneService - a refused package subscription could not be taken back and may run at the "
     L"next logon: %s";
+
+constexpr wchar_t kNotCompleted[] =
+    L"PackageCatalogEventManager - the command has run, but its request stays stored and runs "
+    L"again after a restart: %s";
+constexpr wchar_t kFailed[] = L"PackageCatalogEventManager - completing failed: %S";
+constexpr char kUnknown[] = "an exception of an unknown kind";
+constexpr char kCannotReplace[] =
+    "the same subscription has run, but it could not be removed from the stored list";
+
+constexpr std::chrono::seconds kPause{1};
+constexpr int kTries = 3;
+
+void RecordCompletion(const std::wstring& stored) noexcept {
+  Records::Record record{.kind = Records::Kind::Completion,
+                         .outcome = {Records::Decision::Removed, Records::Reason::HasRun}};
+  try {
+    NameSubscription(record, stored, kPackageForm);
+  } catch (...) {  // NOLINT(bugprone-empty-catch): the record has fewer details
+  }
+  Records::Write(record);
+}
+
+RequestManager StoredRequests() {
+  return RequestManager(kServiceDocument, kPackageForm.list);
+}
+
+// The functions below complete (remove) requests whose command has run. If that fails, the request
+// stays stored until a later attempt succeeds. Until then, its mark prevents this process from
+// running the command again.
+
+// Returns whether the request is no longer stored. The caller holds listChange.
+bool RemoveHeld(const std::wstring& stored, const MarkPtr& mark) {
+  // Another registration has completed the request. A client may have stored its text again since.
+  if (!FiringMarks::IsCurrent(stored, mark)) return true;
+  if (!StoredRequests().CompleteRequest(stored)) return false;
+  FiringMarks::Forget(stored, mark);
+  RecordCompletion(stored);
+  return true;
+}
+
+// Like RemoveHeld, but acquires listChange, and logs exceptions.
+bool Remove(const std::wstring& stored, const MarkPtr& mark) noexcept {
+  try {
+    const std::lock_guard guard(PackageCatalogEventManager::listChange);
+    return RemoveHeld(stored, mark);
+  } catch (const std::exception& error) {
+    Logging::LogManager::GetLogger()->LogError(kFailed, error.what());
+  } catch (...) {
+    Logging::LogManager::GetLogger()->LogError(kFailed, kUnknown);
+  }
+  return false;
+}
+
+// Waits for kPause. Returns false if the service ends first.
+bool Pause(const Platform::SharedHandle& stop) noexcept {
+  Platform::Clock& clock = *Platform::CurrentMachine().clock;
+  if (stop != nullptr) {
+    return clock.Wait(stop.get(), kPause).outcome == Platform::WaitOutcome::TimedOut;
+  }
+  clock.Sleep(kPause);
+  return true;
+}
+
+// Tries to remove a request up to `tries` times, one second apart, and holds no lock in between.
+// Gives up once `stop` (may be null) is signaled. Logs a request that stays stored. The next
+// replay, notification or equal subscription then completes it. Do not call with several tries on a
+// thread that a host waits for.
+void Complete(const std::wstring& stored, const MarkPtr& mark, int tries,
+              const Platform::SharedHandle& stop) noexcept {
+  while (!Remove(stored, mark)) {
+    if (--tries > 0 && Pause(stop)) continue;
+    Logging::LogManager::GetLogger()->LogWarning(kNotCompleted, stored.c_str());
+    return;
+  }
+}
+
+// Completes the stored request that PersistRequest treats as equal to `request`, if it has run.
+// Returns whether it did. The caller holds listChange. Throws std::runtime_error on failure.
+bool CompleteEqual(const std::wstring& request) {
+  for (const auto& [stored, mark] : FiringMarks::OfThoseThatHaveRun()) {
+    if (Storage::ListWith(L"[" + stored + L"]", request)) continue;
+    if (!RemoveHeld(stored, mark)) throw std::runtime_error(kCannotReplace);
+    return true;
+  }
+  return false;
+}
 
 // Returns a request as the list stores it, not as the client wrote it.
 std::wstring StoredText(const std::wstring& request) {
@@ -68,10 +156,10 @@ bool MayBeStored(const std::wstring& stored) noexcept {
 // has run but could not be completed.
 bool Persist(const std::wstring& request) {
   try {
-    return PackageCompletion::StoredRequests().PersistRequest(request);
+    return StoredRequests().PersistRequest(request);
   } catch (const Platform::WindowsRuntimeError& error) {
-    if (error.code() != kAlreadySubscribed || !PackageCompletion::CompleteEqual(request)) throw;
-    return PackageCompletion::StoredRequests().PersistRequest(request);
+    if (error.code() != kAlreadySubscribed || !CompleteEqual(request)) throw;
+    return StoredRequests().PersistRequest(request);
   }
 }
 
@@ -79,7 +167,7 @@ bool Persist(const std::wstring& request) {
 void TakeBack(const std::wstring& stored, const MarkPtr& mark) {
   using Removal = RequestManager::Removal;
   try {
-    if (PackageCompletion::StoredRequests().RemoveRequest(stored) == Removal::Failed) {
+    if (StoredRequests().RemoveRequest(stored) == Removal::Failed) {
       Logging::LogManager::GetLogger()->LogWarning(kNotTakenBack, stored.c_str());
     }
   } catch (const Platform::WindowsRuntimeError&) {  // NOLINT(bugprone-empty-catch)
@@ -91,10 +179,7 @@ void TakeBack(const std::wstring& stored, const MarkPtr& mark) {
 void MakeLive(const std::wstring& request, const std::wstring& stored, Owner owner,
               const MarkPtr& mark, const Platform::SharedHandle& stop) {
   PackageCatalogEventManager::register_event(
-      request,
-      [stored, mark, stop](const std::wstring&) {
-        PackageCompletion::Complete(stored, mark, stop);
-      },
+      request, [stored, mark, stop](const std::wstring&) { Complete(stored, mark, kTries, stop); },
       nullptr, owner, mark);
 }
 
@@ -106,7 +191,7 @@ class Replay {
 
   void Register(const std::wstring& stored) {
     if (RegisterOne(stored)) {
-      PackageCompletion::Remove(stored, mark);
+      Remove(stored, mark);
     } else {
       PackageCatalogEventManager::EndReplaced(owner, mark);
     }
@@ -120,14 +205,14 @@ class Replay {
       Logging::LogManager::GetLogger()->LogInfo(kRunningLate);
       PackageCatalogEventManager::execute_command(stored);
     });
-    if (ran) PackageCompletion::CompleteNow(stored, mark);
+    if (ran) Complete(stored, mark, 1, nullptr);
   }
 
  private:
   // Registers a request unless its command has already run, and returns whether it has. Holds the
   // lock because the request, its mark and its registration must match.
   bool RegisterOne(const std::wstring& stored) {
-    const std::lock_guard guard(PackageCompletion::listChange);
+    const std::lock_guard guard(PackageCatalogEventManager::listChange);
     mark = FiringMarks::Of(stored);
     if (mark->HasRun()) return true;
     // The request was completed after the list was read. Its new mark does not record that.
@@ -146,9 +231,6 @@ class Replay {
 };
 
 }  // namespace
-
-std::mutex PackageCatalogEventManager::register_event_mux;
-std::uint64_t PackageCatalogEventManager::lastNumber = 0;
 
 std::vector<PackageCatalogEventManager::LiveRequest>& PackageCatalogEventManager::requests() {
   static auto& list = *new std::vector<LiveRequest>();
@@ -214,9 +296,14 @@ void PackageCatalogEventManager::clear_events(Owner owner) {
   std::erase_if(requests(), [owner](const LiveRequest& live) { return live.owner == owner; });
 }
 
+bool HasEnded(const Platform::SharedHandle& stop) {
+  const auto now = Platform::CurrentMachine().clock->Wait(stop.get(), std::chrono::milliseconds(0));
+  return now.outcome != Platform::WaitOutcome::TimedOut;
+}
+
 bool RegisterAppPackageEvent(const std::wstring& request, Owner owner,
                              const Platform::SharedHandle& stop) {
-  const std::lock_guard guard(PackageCompletion::listChange);
+  const std::lock_guard guard(PackageCatalogEventManager::listChange);
   if (!Persist(request)) {
     // A request that was not stored is only checked, so that the client receives its errors.
     static_cast<void>(SubscribeForAppPackageEventRequest(request));
@@ -240,9 +327,9 @@ bool RegisterAppPackageEvent(const std::wstring& request, Owner owner,
 void RegisterExistingPackageCatalogManagerRequests(Owner owner,
                                                    const Platform::SharedHandle& stop) {
   Replay replay(owner, stop);
-  PackageCompletion::StoredRequests().RegisterExistingRequests(
+  StoredRequests().RegisterExistingRequests(
       [&](const std::wstring& request) {
-        if (stop != nullptr && PackageCompletion::HasEnded(stop)) return;
+        if (stop != nullptr && HasEnded(stop)) return;
         try {
           replay.Register(request);
         } catch (const std::exception& error) {

@@ -43,7 +43,12 @@ class PackageCatalogEventManager {
   // Does the same for the subscriptions of one service object, at log-off and when it stops.
   static void clear_events(Owner owner);
 
-  static std::mutex register_event_mux;  // guards `requests`
+  static inline std::mutex register_event_mux;  // guards `requests`
+
+  // Held while a request, its mark and its registration are added or removed together, so that no
+  // thread removes a request for which another client has received success. Acquired before
+  // register_event_mux, the store's mutex and the lock of the marks.
+  static inline std::mutex listChange;
 
  private:
   struct LiveRequest {
@@ -55,7 +60,7 @@ class PackageCatalogEventManager {
 
   // Never destroyed, because the host may unload the module while subscriptions are live.
   static std::vector<LiveRequest>& requests();
-  static std::uint64_t lastNumber;  // guarded by register_event_mux
+  static inline std::uint64_t lastNumber = 0;  // guarded by register_event_mux
 };
 
 // Thrown when a request was stored but could not be made live. The request stays stored.
@@ -63,6 +68,9 @@ class NotWatched : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
 };
+
+// Returns whether the service has ended (`stop` is signaled) or `stop` cannot be waited for.
+bool HasEnded(const Platform::SharedHandle& stop);
 
 // Stores a request, then makes it live. If it cannot be stored, only checks it. No other client can
 // add the same subscription in between. Returns whether the request is stored. Throws as

@@ -4,7 +4,6 @@
 #include <string>
 
 #include "bod/set_born_on_date.h"
-#include "events/package_completion.h"
 #include "events/package_event_manager.h"
 #include "launch/launcher.h"
 #include "platform/clock.h"
@@ -69,8 +68,7 @@ bool WaitForOobe(const ServiceState& state) {
 void WatchStoredPackages(const ServiceState& state) {
   RegisterExistingPackageCatalogManagerRequests(&state, state.stopEvent);
   // A service without a stop event is treated as ended, because its end could not be detected.
-  if (PackageCompletion::HasEnded(state.stopEvent))
-    PackageCatalogEventManager::clear_events(&state);
+  if (HasEnded(state.stopEvent)) PackageCatalogEventManager::clear_events(&state);
 }
 
 // Skips the check if an earlier one for this service object raised its event. Does not wait for it.

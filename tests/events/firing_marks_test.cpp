@@ -1,6 +1,5 @@
 #include "events/firing_marks.h"
 
-#include "events/package_completion.h"
 #include "events/package_event_test.h"
 #include "platform/kernel_objects.h"
 #include "platform/windows_runtime_error.h"

@@ -1,6 +1,5 @@
 
 
-#include "events/package_completion.h"
 #include "events/package_event.h"
 #include "events/package_event_test.h"
 #include "platform/windows_runtime_error.h"
@@ -130,7 +129,7 @@ TEST_F(PackageEventTest, HoldsUpNeitherSubscriptionsNorALogOffWhileItsCommandRun
     machine.timeline.SetListener([&](const auto&) {
       for (std::mutex* mutex :
            {&PackageUninstallingPCEvent::rLock, &PackageUninstallingPCEvent::register_mux,
-            &Manager::register_event_mux, &PackageCompletion::listChange}) {
+            &Manager::register_event_mux, &Manager::listChange}) {
         taken.push_back(Tests::IsFree(*mutex));
       }
     });

@@ -1,8 +1,7 @@
 // Cases that no scenario can reproduce: tasks that log at the same moment, and faults during a
 // task.
 
-#include "events/package_completion.h"
-#include "events/package_event.h"
+#include "events/package_event_manager.h"
 #include "platform/windows_runtime_error.h"
 #include "service/simulated_service.h"
 #include "storage/cap_data_store.h"
@@ -185,7 +184,7 @@ TEST_F(ServiceLivesTest, ARefusedPackageSubscriptionTakesNoOtherClientsWithIt) {
 }
 
 TEST_F(ServiceLivesTest, DestructionDoesNotWaitForThePackageQueriesOfItsStartUpTask) {
-  using Tessel::Server::Services::Orvane::PackageCompletion;
+  using Tessel::Server::Services::Orvane::PackageCatalogEventManager;
   InstallApp(L"App");
   for (const std::wstring program : {L"a", L"b"}) {
     ASSERT_EQ(host.Execute(7, (LR"({"catalogEvent":5,"catalogAction":1,"packageFamilyName":)"
@@ -200,7 +199,8 @@ TEST_F(ServiceLivesTest, DestructionDoesNotWaitForThePackageQueriesOfItsStartUpT
   EXPECT_TRUE(EndsDuring(Tessel::Server::Services::Orvane::PackageUninstallingPCEvent::rLock, [&] {
     const auto deadline = std::chrono::steady_clock::now() + 20s;
     host.service->Start();
-    while (IsFree(PackageCompletion::listChange) && std::chrono::steady_clock::now() < deadline) {
+    while (IsFree(PackageCatalogEventManager::listChange) &&
+           std::chrono::steady_clock::now() < deadline) {
       std::this_thread::sleep_for(1ms);
     }
   }));
