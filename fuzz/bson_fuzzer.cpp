@@ -16,6 +16,7 @@ using Vx::Fuzz::Check;
 using Vx::Tessel::Server::Storage::BsonDocument;
 using Vx::Tessel::Server::Storage::BsonElement;
 using Vx::Tessel::Server::Storage::BsonKind;
+using Vx::Tessel::Server::Storage::BsonView;
 
 BsonDocument Again(const BsonDocument& document) {
   const auto bytes = document.Encoded();
@@ -34,16 +35,17 @@ void Walk(const BsonDocument& document, int levels) {
   std::size_t size = 5;  // the length and the terminator
   for (const BsonDocument::Member& member : document) {
     const BsonElement element(member.value);
-    const BsonKind kind = element.Kind();
-    Check(!element.AsText() || kind == BsonKind::String, "texts are texts");
-    Check(!element.AsBoolean() || kind == BsonKind::Boolean, "booleans are booleans");
-    Check(element.AsInt32().has_value() == (kind == BsonKind::Int32), "int32");
-    Check(element.AsInt64().has_value() == (kind == BsonKind::Int64), "int64");
-    Check(member.value.AsDouble().has_value() == (kind == BsonKind::Double), "double");
-    if (element.AsText()) {
-      Check(BsonElement::Text(*element.AsWideText()) == element, "UTF-16 loses no text");
+    const BsonView value = element.View();
+    const BsonKind kind = value.Kind();
+    Check(!value.AsText() || kind == BsonKind::String, "texts are texts");
+    Check(!value.AsBoolean() || kind == BsonKind::Boolean, "booleans are booleans");
+    Check(value.AsInt32().has_value() == (kind == BsonKind::Int32), "int32");
+    Check(value.AsInt64().has_value() == (kind == BsonKind::Int64), "int64");
+    Check(value.AsDouble().has_value() == (kind == BsonKind::Double), "double");
+    if (value.AsText()) {
+      Check(BsonElement::Text(*value.AsWideText()) == element, "UTF-16 loses no text");
     }
-    const std::optional<BsonDocument> inner = element.AsDocument();
+    const std::optional<BsonDocument> inner = value.AsDocument();
     Check(!inner || kind == BsonKind::Document, "documents are documents");
     if (inner && levels > 0) Walk(*inner, levels - 1);
     Check(document.Find(member.key).has_value(), "each key is found");

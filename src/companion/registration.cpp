@@ -45,7 +45,7 @@ std::string StoredState() {
   try {
     Storage::BsonElement stored;
     if (!Storage::CapDataStore().read(kRegistration, stored)) return kNotSet;
-    return std::string(stored.AsText().value_or(kNotSet));
+    return std::string(stored.View().AsText().value_or(kNotSet));
   } catch (const std::exception&) {
     return kNotSet;
   }

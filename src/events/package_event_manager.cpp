@@ -132,7 +132,7 @@ std::wstring StoredText(const std::wstring& request) {
 // Returns whether a stored list, which may be null, contains a request. Throws if it is unreadable.
 bool Holds(const Storage::BsonElement* list, const std::wstring& stored) {
   if (list == nullptr) return false;
-  const auto requests = Storage::RequestsOf(list->AsWideText().value());
+  const auto requests = Storage::RequestsOf(list->View().AsWideText().value());
   return std::find(requests.begin(), requests.end(), stored) != requests.end();
 }
 

@@ -69,7 +69,7 @@ void SetFirstLockDownMode(const Logging::TraceLogger& logger) {
     // Keeps a recorded mode, even one that could not be read above.
     store.updateMember(kServiceDocument, kFirstEnforcementMode,
                        [current](const BsonElement* stored) -> std::optional<BsonElement> {
-                         if (stored != nullptr && stored->AsInt32().value_or(kNoMode) >= 0) {
+                         if (stored != nullptr && stored->View().AsInt32().value_or(kNoMode) >= 0) {
                            return std::nullopt;
                          }
                          return BsonElement::Int32(current);

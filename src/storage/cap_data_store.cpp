@@ -245,17 +245,17 @@ bool CapDataStore::read(std::string_view key, BsonElement& out) {
 
 std::optional<std::int64_t> CapDataStore::readInt64(std::string_view key) {
   BsonElement element;
-  return read(key, element) ? element.AsInt64() : std::nullopt;
+  return read(key, element) ? element.View().AsInt64() : std::nullopt;
 }
 
 bool CapDataStore::readBool(std::string_view key, bool fallback) {
   BsonElement element;
-  return read(key, element) ? element.AsBoolean().value_or(fallback) : fallback;
+  return read(key, element) ? element.View().AsBoolean().value_or(fallback) : fallback;
 }
 
 BsonDocument CapDataStore::readDocument(std::string_view key) {
   BsonElement element;
-  return read(key, element) ? element.AsDocument().value_or(BsonDocument()) : BsonDocument();
+  return read(key, element) ? element.View().AsDocument().value_or(BsonDocument()) : BsonDocument();
 }
 
 std::optional<BsonDocument> CapDataStore::documentAtOpening(std::string_view key) {

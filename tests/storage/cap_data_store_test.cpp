@@ -88,7 +88,7 @@ TEST_F(CapDataStoreTest, StoresEachOverloadAsItsKindAndReadsItBack) {
   EXPECT_TRUE(other.readBool("flag", false));
   EXPECT_TRUE(other.readBool("absent", true));
   EXPECT_FALSE(other.readBool("int32", false));
-  EXPECT_EQ(BsonElement::Int32(1).AsBoolean(), std::nullopt);
+  EXPECT_EQ(BsonElement::Int32(1).View().AsBoolean(), std::nullopt);
   EXPECT_EQ(other.readInt64("int64"), std::int64_t{1} << 40);
   EXPECT_EQ(other.readDocument("document"), WithInt("x", 1));
   EXPECT_TRUE(other.readDocument("flag").Empty());
@@ -458,7 +458,7 @@ TEST_F(CapDataStoreTest, ThrowsWhenItsMutexFails) {
 TEST_F(CapDataStoreTest, AnUpdateSeesTheStoredValueAndMayLeaveItOrThrow) {
   CapDataStore store;
   const auto increment = [](const BsonElement* stored) -> std::optional<BsonElement> {
-    return BsonElement::Int32(stored == nullptr ? 1 : stored->AsInt32().value() + 1);
+    return BsonElement::Int32(stored == nullptr ? 1 : stored->View().AsInt32().value() + 1);
   };
   ASSERT_TRUE(store.updateMember("document", "count", increment));
   ASSERT_TRUE(CapDataStore().updateMember("document", "count", increment));
