@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <utility>
 
 namespace Vx::Tessel::Server::Services::Orvane {
@@ -21,5 +22,15 @@ bool CatchAndLog(const char* operation, Body&& body) noexcept {
     return false;
   }
 }
+
+// Logs `what` and terminates the process, because the host or a component broke its contract.
+[[noreturn]] void FailContract(const wchar_t* what) noexcept;
+
+// The longest caller identity, in characters without the terminator.
+inline constexpr std::size_t kMaxClientIdLength = 64;
+
+// Returns the length of a caller's identity (null means empty). Terminates the process if it is
+// longer than kMaxClientIdLength, because a truncated one could match another client's.
+std::size_t ClientIdLength(const wchar_t* clientId) noexcept;
 
 }  // namespace Vx::Tessel::Server::Services::Orvane

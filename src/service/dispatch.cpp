@@ -18,12 +18,8 @@
 #include "platform/system_services.h"
 #include "platform/windows_runtime_error.h"
 #include "service/boundary.h"
-#include "service/client_context.h"
-#include "service/command_call.h"
-#include "service/launch_handlers.h"
+#include "service/command_handlers.h"
 #include "service/orvane_service.h"
-#include "service/query_handlers.h"
-#include "service/subscription_handlers.h"
 
 namespace Vx::Tessel::Server::Services::Orvane {
 

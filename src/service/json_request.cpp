@@ -3,7 +3,7 @@
 #include <utility>
 
 #include "json/utf8.h"
-#include "service/client_context.h"
+#include "service/boundary.h"
 
 namespace Vx::Tessel::Server::Services::Orvane {
 
@@ -62,7 +62,7 @@ bool NullChecker(std::initializer_list<NullCheck> checks, const RequestCaller& c
 
 bool GetJsonValue(const Json::WideDocument* document, const wchar_t* jsonName,
                   const Json::WideValue** outJsonValue, const RequestCaller& caller) {
-  RequireClientId(caller.clientId);
+  ClientIdLength(caller.clientId);  // terminates the process if it is too long
   if (NullChecker({{document, "document"},
                    {caller.className, "className"},
                    {jsonName, "jsonName"},

@@ -1,5 +1,6 @@
 #include "service/orvane_service.h"
 
+#include <cwchar>
 #include <exception>
 #include <new>
 #include <stdexcept>
@@ -7,25 +8,28 @@
 #include <string_view>
 #include <utility>
 
+#include "companion/qubo_facade.h"
+#include "companion/registration.h"
 #include "companion/text_files.h"
 #include "companion/windows_mode.h"
 #include "events/package_event_manager.h"
 #include "events/subscription_delivery.h"
+#include "events/subscription_forms.h"
+#include "host/logging.h"
+#include "platform/app_services.h"
 #include "platform/console_user.h"
 #include "platform/files.h"
 #include "platform/kernel_objects.h"
 #include "platform/machine.h"
 #include "platform/windows_runtime_error.h"
 #include "service/boundary.h"
-#include "service/client_context.h"
-#include "service/command_call.h"
+#include "service/command_handlers.h"
 #include "service/dispatch.h"
-#include "service/oobe_event.h"
-#include "service/power_event.h"
 #include "service/s_mode.h"
 #include "service/startup.h"
 #include "storage/cap_data_store.h"
 #include "storage/request_manager.h"
+#include "storage/service_document.h"
 
 namespace Vx::Tessel::Server::Services::Orvane {
 
@@ -51,11 +55,17 @@ constexpr wchar_t kPolicyRuntimeError[] =
     L"OrvaneService - OnPolicyChangedEvent failed: Message: %s, Code: %i";
 constexpr wchar_t kPolicyFailed[] = L"OrvaneService - OnPolicyChangedEvent failed: %S";
 
+constexpr wchar_t kPowerEventTrace[] = L"%S::PEVX::%S";
+constexpr char kPowerEventTask[] =
+    "Vx::Tessel::Server::Services::Orvane::OrvaneService::power_event_task";
+
 constexpr wchar_t kSwitchCaller[] = L"Win10SSwitch";
 constexpr wchar_t kSwitchArguments[] = L"C:\\Program Files\\Vx\\McAfeePre\\McAfeePar.txt";
 constexpr wchar_t kSwitchProgram[] = L"C:\\Program Files\\Vx\\McAfeePre\\DADUpdater.exe";
 
 constexpr unsigned kFreeMemory = 1;
+constexpr std::pair<std::uint32_t, const char*> kResumes[] = {
+    {kResumeSuspend, "PBT_APMRESUMESUSPEND"}, {kResumeAutomatic, "PBT_APMRESUMEAUTOMATIC"}};
 constexpr std::uint32_t kSessionLogon = 5;   // WTS_SESSION_LOGON
 constexpr std::uint32_t kSessionLogoff = 6;  // WTS_SESSION_LOGOFF
 
@@ -66,6 +76,34 @@ int Report(const Records::Outcome& done, Records::Outcome* outcome) {
 
 void SignalIfMade(Platform::RawHandle event) {
   if (event != nullptr) Platform::CurrentMachine().kernelObjects->Signal(event);
+}
+
+void DoSModeSwitchWork(OrvaneService& service, const Logging::TraceLogger& logger) {
+  RefreshRegistrationData(logger);
+  const auto store = Storage::TryOpenStore();
+  if (store == nullptr) return;
+  const bool launched = service.Launch10SSwitchSoftwares();
+  store->mergeMember(kServiceDocument, kExecutedStub, Storage::BsonElement::Boolean(launched));
+}
+
+// Notifies the host's app-service layer and replays the stored power subscriptions. When a machine
+// that left S mode resumes, also refreshes the registration data and starts the switch software.
+// Does not wait for the subscriptions' delays.
+void HandlePowerEvent(OrvaneService& service, std::uint32_t eventType) {
+  const Logging::TraceLogger& logger = *Logging::LogManager::GetLogger();
+  // Constructed first, so that an unreadable store is logged first.
+  const Qubo::QuboFacade facade;
+  logger.LogInfo(kPowerEventTrace, kPowerEventTask, "Enter");
+  // Subscribers must receive the event even if the host's library fails.
+  CatchAndLog("power_event_task",
+              [] { Platform::CurrentMachine().appServices->Open({}, {})->SystemRestarted(); });
+  service.FulfillPowerManagementEventRequests(eventType);
+
+  for (const auto& [code, name] : kResumes) {
+    if (code != eventType) continue;
+    logger.LogInfo(kPowerEventTrace, kPowerEventTask, name);
+    if (service.HasBeenInSMode()) DoSModeSwitchWork(service, logger);
+  }
 }
 
 // Reads the stored requests under `key`. Like a replay, skips elements that are not objects.
@@ -83,28 +121,12 @@ Json::WideValue RequestsUnder(const char* key, Json::WidePool& pool) {
   return requests;
 }
 
-struct LengthStream {
-  using Ch = wchar_t;
-  std::size_t length = 0;
-  void Put(wchar_t) { ++length; }
-  void Flush() {}
-};
-
-std::size_t TextLength(const Json::WideValue& value) {
-  LengthStream stream;
-  Json::ScratchMemory scratch;
-  rapidjson::Writer<LengthStream, Json::WideEncoding, Json::WideEncoding, Json::ScratchMemory>
-      writer(stream, &scratch);
-  value.Accept(writer);
-  return stream.length;
-}
-
 // Removes each request from `list` that no longer fits into `room` characters, and deducts the
 // others from `room`. Returns how many were removed.
 unsigned LeaveOut(Json::WideValue& list, std::size_t& room, Json::WidePool& pool) {
   Json::WideValue listed(rapidjson::kArrayType);
   for (auto& request : list.GetArray()) {
-    const std::size_t length = TextLength(request) + 1;  // with a comma
+    const std::size_t length = Json::JsonText(request).size() + 1;  // with a comma
     if (length > room) continue;
     room -= length;
     listed.PushBack(request, pool);
@@ -142,11 +164,24 @@ void* OrvaneService::Destroy(unsigned flags) noexcept {
 
 std::uint32_t OrvaneService::CreateClientContext(const wchar_t* clientId,
                                                  ClientContext** context) noexcept {
-  return MakeClientContext(clientId, context);
+  if (context == nullptr) return kSuccess;
+  *context = nullptr;
+  const std::size_t length = ClientIdLength(clientId);
+  std::unique_ptr<wchar_t[]> text(new (std::nothrow) wchar_t[length + 1]);
+  std::unique_ptr<ClientContext> record(new (std::nothrow) ClientContext{});
+  if (text == nullptr || record == nullptr) return kFailed;
+  if (length != 0) std::wmemcpy(text.get(), clientId, length);
+  text[length] = L'\0';
+  record->clientId = text.release();
+  *context = record.release();
+  return kSuccess;
 }
 
 std::uint32_t OrvaneService::ReleaseClientContext(ClientContext** context) noexcept {
-  return FreeClientContext(context);
+  if (context == nullptr || *context == nullptr) return kSuccess;
+  delete[](*context)->clientId;
+  delete *context;
+  return kSuccess;
 }
 
 std::uint32_t OrvaneService::ExecuteCommand(ClientContext* context, std::uint32_t functionId,
@@ -225,7 +260,8 @@ std::uint32_t OrvaneService::GetSubscriptions(const Call& call) {
   Json::WideValue power = RequestsUnder(kPowerSubscriptions, pool);
   Json::WideValue zephra = RequestsUnder(kZephraSubscriptions, pool);
   unsigned omitted = 0;
-  if (kListFrame.size() + TextLength(power) + TextLength(zephra) > kMaxResponseLength) {
+  if (kListFrame.size() + Json::JsonText(power).size() + Json::JsonText(zephra).size() >
+      kMaxResponseLength) {
     std::size_t room = kMaxResponseLength - kPartFrame.size();
     omitted = LeaveOut(power, room, pool);
     omitted += LeaveOut(zephra, room, pool);

@@ -21,9 +21,15 @@ class OrvaneService final : public VxService {
 
   // Signals both stop events. A running task keeps the state alive until it stops.
   void* Destroy(unsigned flags) noexcept override;
+
+  // Null means an empty identity. Ignores a null `context`. If out of memory, returns 0x20000002
+  // and a null context. An identity that is too long terminates the process.
   std::uint32_t CreateClientContext(const wchar_t* clientId,
                                     ClientContext** context) noexcept override;
+
+  // Also frees the identity. Accepts nulls. Returns 0.
   std::uint32_t ReleaseClientContext(ClientContext** context) noexcept override;
+
   std::uint32_t ExecuteCommand(ClientContext* context, std::uint32_t functionId,
                                const wchar_t* request, wchar_t** response,
                                CompletionCallback* callback) noexcept override;
@@ -57,7 +63,7 @@ class OrvaneService final : public VxService {
   static void FulfillZephraManagementEventRequests(const ServiceState& state,
                                                    std::uint32_t eventType);
 
-  // Command handlers: see query_handlers.h.
+  // Command handlers: see command_handlers.h.
   //
   // Id 20, "power_events" and "zephra_events": the stored requests as objects, in stored order.
   // "omitted" is the number that did not fit into the response. Fails if a list cannot be read.

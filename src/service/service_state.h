@@ -4,6 +4,7 @@
 
 #include "companion/aurelo.h"
 #include "host/logging.h"
+#include "platform/kernel_objects.h"
 #include "platform/unique_handle.h"
 
 namespace Vx::Tessel::Server::Services::Orvane {
@@ -12,15 +13,11 @@ namespace Vx::Tessel::Server::Services::Orvane {
 // outlive the service object, whose destructor signals both events and does not wait. If an event
 // is null, every wait on it fails at once and its task ends.
 struct ServiceState {
-  ServiceState();
-  ServiceState(const ServiceState&) = delete;
-  ServiceState& operator=(const ServiceState&) = delete;
-  ~ServiceState() = default;
-
-  Logging::TraceLogger* logger = nullptr;
+  Logging::TraceLogger* logger = Logging::LogManager::GetLogger();
   std::atomic<bool> wakeupCheckDone{false};
-  Platform::SharedHandle stopEvent;  // shared with waiting deliveries
-  Platform::UniqueHandle sessionStopEvent;
+  // Shared with waiting deliveries.
+  Platform::SharedHandle stopEvent = Platform::Share(Platform::MakeUnnamedEvent());
+  Platform::UniqueHandle sessionStopEvent = Platform::MakeUnnamedEvent();
   Aurelo::LaunchTimer aureloLaunchTimer;  // of the pending launch
 };
 
