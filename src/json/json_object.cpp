@@ -74,17 +74,22 @@ void WriteMember(TextWriter& writer, const WideValue::Member& member) {
 
 }  // namespace
 
+std::vector<JsonValue> JsonValue::ParseArray(std::wstring_view text) {
+  const auto tree = ParseTree(text, kMaxListNesting, JsonKind::Array);
+  std::vector<JsonValue> elements;
+  elements.reserve(tree->document.Size());
+  for (const WideValue& element : tree->document.GetArray()) {
+    elements.push_back(JsonValue(tree, &element));
+  }
+  return elements;
+}
+
 JsonKind JsonValue::Kind() const {
   return KindOf(At(node));
 }
 
 std::wstring JsonValue::Text() const {
   return JsonText(At(node));
-}
-
-void JsonValue::AppendTo(std::wstring& out) const {
-  TextBuffer buffer;
-  if (WriteJson(At(node), buffer)) out.append(buffer.View());
 }
 
 const void* JsonValue::Require(JsonKind kind, std::wstring_view name) const {
@@ -172,29 +177,6 @@ std::wstring JsonObject::StringifyWithout(std::wstring_view object, std::wstring
     });
   });
   return std::wstring(buffer.View());
-}
-
-JsonArray JsonArray::Parse(std::wstring_view text) {
-  auto tree = ParseTree(text, kMaxListNesting, JsonKind::Array);
-  const WideValue* root = &tree->document;
-  return JsonArray(JsonValue(std::move(tree), root));
-}
-
-JsonArray::Iterator JsonArray::begin() const {
-  return {this, At(value.node).Begin()};
-}
-
-JsonArray::Iterator JsonArray::end() const {
-  return {this, At(value.node).End()};
-}
-
-JsonValue JsonArray::Iterator::operator*() const {
-  return JsonValue(array->value.tree, node);
-}
-
-JsonArray::Iterator& JsonArray::Iterator::operator++() {
-  node = &At(node) + 1;
-  return *this;
 }
 
 std::uint32_t TruncateToUint32(double number) {

@@ -7,6 +7,7 @@
 #include <string>
 #include <string_view>
 #include <utility>
+#include <vector>
 
 #include "platform/windows_runtime_error.h"
 
@@ -20,7 +21,6 @@ inline constexpr auto kIllegalMethodCall = static_cast<std::int32_t>(0x8000000E)
 enum class JsonKind : std::uint8_t { Null, Boolean, Number, String, Array, Object };
 
 class JsonObject;
-class JsonArray;
 namespace Detail {
 struct Tree;
 }  // namespace Detail
@@ -29,12 +29,14 @@ struct Tree;
 // count. Immutable. Several threads may each use their own copy.
 class JsonValue {
  public:
+  // Returns the elements of a JSON array. Throws like JsonObject::Parse. Each element may be nested
+  // as deeply as a separate text.
+  static std::vector<JsonValue> ParseArray(std::wstring_view text);
+
   JsonKind Kind() const;
 
   // Returns compact JSON. Members keep their order, and strings and numbers are reformatted.
   std::wstring Text() const;
-
-  void AppendTo(std::wstring& out) const;
 
   // All throw WindowsRuntimeError with kIllegalMethodCall if the value is of another kind.
   std::wstring AsString() const;
@@ -43,7 +45,6 @@ class JsonValue {
 
  private:
   friend class JsonObject;
-  friend class JsonArray;
   JsonValue(std::shared_ptr<const Detail::Tree> owner, const void* position)
       : tree(std::move(owner)), node(position) {}
 
@@ -89,38 +90,6 @@ class JsonObject {
   friend class JsonValue;
   explicit JsonObject(JsonValue object) : value(std::move(object)) {}
   JsonValue GetNamed(std::wstring_view name, JsonKind kind) const;
-
-  JsonValue value;
-};
-
-// A JSON array to iterate over. Copies share one immutable text.
-class JsonArray {
- public:
-  // Throws like JsonObject::Parse. Each element may be nested as deeply as a separate text.
-  static JsonArray Parse(std::wstring_view text);
-
-  class Iterator {
-   public:
-    JsonValue operator*() const;
-    Iterator& operator++();
-    bool operator==(const Iterator& other) const { return node == other.node; }
-
-   private:
-    friend class JsonArray;
-    Iterator(const JsonArray* owner, const void* position) : array(owner), node(position) {}
-    const JsonArray* array;
-    const void* node;
-  };
-
-  // The array must outlive its iterators.
-  Iterator begin() const;
-  Iterator end() const;
-
-  std::wstring Stringify() const { return value.Text(); }
-
- private:
-  friend class JsonValue;
-  explicit JsonArray(JsonValue array) : value(std::move(array)) {}
 
   JsonValue value;
 };

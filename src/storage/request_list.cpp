@@ -37,35 +37,10 @@ void RequireRemovable(std::wstring_view text) {
   if (text.size() > kMaxStoredRequest) throw std::length_error(kTooLong);
 }
 
-// Returns the element that was appended when the text was `before` characters long.
-std::wstring_view LastElement(const std::wstring& open, std::size_t before) {
-  return std::wstring_view(open).substr(before == 1 ? 1 : before + 1);
-}
-
 // Appends an element to `open`, the text of an array without its closing bracket.
-void AppendElement(std::wstring& open, const Json::JsonValue& element) {
+void AppendElement(std::wstring& open, std::wstring_view element) {
   if (open.size() > 1) open.push_back(L',');
-  element.AppendTo(open);
-}
-
-std::optional<std::wstring> WithoutFirst(std::wstring_view list, std::wstring_view text) {
-  if (list.empty()) return std::nullopt;
-  const Json::JsonArray array = Json::JsonArray::Parse(list);
-  std::wstring rest = L"[";
-  rest.reserve(list.size());
-  bool found = false;
-  for (const Json::JsonValue& element : array) {
-    const std::size_t before = rest.size();
-    AppendElement(rest, element);
-    if (found || element.Kind() != Json::JsonKind::Object || LastElement(rest, before) != text) {
-      continue;
-    }
-    rest.resize(before);
-    found = true;
-  }
-  if (!found) return std::nullopt;
-  rest.push_back(L']');
-  return rest;
+  open.append(element);
 }
 
 }  // namespace
@@ -75,49 +50,54 @@ std::optional<std::wstring> ListWith(std::wstring_view list, std::wstring_view r
   const std::wstring text = added.Stringify();
   if (list.empty()) {
     RequireRemovable(text);
-    std::wstring first = L"[";
-    first.append(request);
-    first.push_back(L']');
-    return first;
+    return L"[" + std::wstring(request) + L"]";
   }
   const std::wstring form = Normalised(added);
-  const Json::JsonArray array = Json::JsonArray::Parse(list);
   std::wstring longer = L"[";
   longer.reserve(list.size() + text.size() + 1);
-  for (const Json::JsonValue& element : array) {
-    const std::size_t before = longer.size();
-    AppendElement(longer, element);
-    if (element.Kind() == Json::JsonKind::Object &&
-        MayNormaliseTo(LastElement(longer, before), form) &&
+  for (const Json::JsonValue& element : Json::JsonValue::ParseArray(list)) {
+    const std::wstring stored = element.Text();
+    if (element.Kind() == Json::JsonKind::Object && MayNormaliseTo(stored, form) &&
         Normalised(element.AsObject()) == form) {
       return std::nullopt;
     }
+    AppendElement(longer, stored);
   }
   RequireRemovable(text);
-  if (longer.size() > 1) longer.push_back(L',');
-  longer.append(text).push_back(L']');
+  AppendElement(longer, text);
+  longer.push_back(L']');
   return longer;
 }
 
 std::optional<std::wstring> ListWithout(std::wstring_view list, std::wstring_view request) {
-  return WithoutFirst(list, request);
+  if (list.empty()) return std::nullopt;
+  std::wstring rest = L"[";
+  rest.reserve(list.size());
+  bool found = false;
+  for (const Json::JsonValue& element : Json::JsonValue::ParseArray(list)) {
+    const std::wstring stored = element.Text();
+    if (!found && element.Kind() == Json::JsonKind::Object && stored == request) {
+      found = true;
+    } else {
+      AppendElement(rest, stored);
+    }
+  }
+  if (!found) return std::nullopt;
+  rest.push_back(L']');
+  return rest;
 }
 
 std::optional<std::wstring> ListWithoutCompleted(std::wstring_view list,
                                                  std::wstring_view request) {
-  return WithoutFirst(list, Json::JsonObject::Parse(request).Stringify());
+  return ListWithout(list, Json::JsonObject::Parse(request).Stringify());
 }
 
 std::vector<std::optional<std::wstring>> RequestsOf(std::wstring_view list) {
   std::vector<std::optional<std::wstring>> requests;
   if (list.empty()) return requests;
-  const Json::JsonArray array = Json::JsonArray::Parse(list);
-  for (const Json::JsonValue& element : array) {
-    if (element.Kind() == Json::JsonKind::Object) {
-      requests.emplace_back(element.Text());
-    } else {
-      requests.emplace_back();
-    }
+  for (const Json::JsonValue& element : Json::JsonValue::ParseArray(list)) {
+    const bool isObject = element.Kind() == Json::JsonKind::Object;
+    requests.push_back(isObject ? std::optional(element.Text()) : std::nullopt);
   }
   return requests;
 }
