@@ -7,7 +7,7 @@
 #include "acceptance/kit.h"
 #include "hosting/text.h"
 #include "hosting/windows_error.h"
-#include "servicehost/event_log.h"
+#include "servicehost/service_parameters.h"
 #include "vxhost/service/service_manager.h"
 
 namespace Vx::Acceptance {

@@ -21,6 +21,7 @@ constexpr std::size_t kLongestName = 64;
 // subkeys: https://learn.microsoft.com/windows/win32/api/winsvc/nf-winsvc-deleteservice
 constexpr wchar_t kServices[] = L"SYSTEM\\CurrentControlSet\\Services\\";
 constexpr wchar_t kParameters[] = L"\\Parameters";
+constexpr wchar_t kSources[] = L"SYSTEM\\CurrentControlSet\\Services\\EventLog\\Application\\";
 
 constexpr wchar_t kModule[] = L"Module";
 constexpr wchar_t kAllow[] = L"Allow";
@@ -37,20 +38,26 @@ Platform::RegistryValue Read(const std::wstring& key, const wchar_t* name, DWORD
   return value && value->type == type ? std::move(*value) : Platform::RegistryValue{};
 }
 
-void Write(const std::wstring& key, const wchar_t* value, DWORD type, const void* data,
-           std::size_t size) {
-  const LSTATUS error =
-      RegSetKeyValueW(HKEY_LOCAL_MACHINE, key.c_str(), value, type, data, static_cast<DWORD>(size));
-  if (error != ERROR_SUCCESS) {
-    throw std::runtime_error("cannot write the service's parameters (error " +
-                             std::to_string(error) + "); run as administrator");
+// Writes the values of a key.
+struct RegistryKey {
+  void Write(const wchar_t* value, DWORD type, const void* data, std::size_t size) const {
+    const LSTATUS error = RegSetKeyValueW(HKEY_LOCAL_MACHINE, key.c_str(), value, type, data,
+                                          static_cast<DWORD>(size));
+    if (error != ERROR_SUCCESS) {
+      throw std::runtime_error(std::string(failure) + " (error " + std::to_string(error) +
+                               "); run as administrator");
+    }
   }
-}
+  void Write(const wchar_t* value, DWORD type, const std::wstring& text) const {
+    Write(value, type, text.c_str(), (text.size() + 1) * sizeof(wchar_t));
+  }
+  void Write(const wchar_t* value, DWORD number) const {
+    Write(value, REG_DWORD, &number, sizeof number);
+  }
 
-void WriteText(const std::wstring& key, const wchar_t* value, DWORD type,
-               const std::wstring& text) {
-  Write(key, value, type, text.c_str(), (text.size() + 1) * sizeof(wchar_t));
-}
+  std::wstring key;
+  const char* failure;
+};
 
 }  // namespace
 
@@ -79,13 +86,23 @@ ServiceOptions ReadParameters(const std::wstring& name) {
 }
 
 void WriteParameters(const ServiceOptions& options) {
-  const std::wstring key = KeyOf(options.name);
   std::wstring allowed;
   for (const std::wstring& sid : options.allowed) (allowed += sid) += L'\0';
-  const DWORD development = options.development ? kOn : 0;
-  WriteText(key, kModule, REG_SZ, options.module);
-  WriteText(key, kAllow, REG_MULTI_SZ, allowed);
-  Write(key, kDevelopment, REG_DWORD, &development, sizeof development);
+  const RegistryKey key{KeyOf(options.name), "cannot write the service's parameters"};
+  key.Write(kModule, REG_SZ, options.module);
+  key.Write(kAllow, REG_MULTI_SZ, allowed);
+  key.Write(kDevelopment, options.development ? kOn : 0);
+}
+
+void AddEventSource(const std::wstring& name, const std::wstring& program) {
+  const RegistryKey key{kSources + name, "cannot register the source of the event log"};
+  key.Write(L"EventMessageFile", REG_SZ, program);
+  key.Write(L"TypesSupported",
+            EVENTLOG_ERROR_TYPE | EVENTLOG_WARNING_TYPE | EVENTLOG_INFORMATION_TYPE);
+}
+
+void RemoveEventSource(const std::wstring& name) noexcept {
+  RegDeleteKeyW(HKEY_LOCAL_MACHINE, (kSources + name).c_str());
 }
 
 }  // namespace Vx::Hosting::ServiceHost

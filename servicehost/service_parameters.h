@@ -24,4 +24,10 @@ ServiceOptions ReadParameters(const std::wstring& name);
 // Throws std::runtime_error if a value cannot be written.
 void WriteParameters(const ServiceOptions& options);
 
+// Registers the event source `name` in the "Application" log. `program` is the message file, from
+// which Event Viewer takes the texts. Throws std::runtime_error on failure.
+void AddEventSource(const std::wstring& name, const std::wstring& program);
+// Does nothing if the source does not exist.
+void RemoveEventSource(const std::wstring& name) noexcept;
+
 }  // namespace Vx::Hosting::ServiceHost

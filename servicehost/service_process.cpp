@@ -12,12 +12,11 @@
 
 #include "hosting/text.h"
 #include "hosting/windows_error.h"
-#include "servicehost/event_log.h"
 #include "servicehost/guarded_folder.h"
 #include "servicehost/log_folder.h"
 #include "servicehost/pipe_server.h"
 #include "servicehost/power_notifications.h"
-#include "servicehost/trace_target.h"
+#include "servicehost/system_targets.h"
 
 namespace Vx::Hosting::ServiceHost {
 
@@ -59,7 +58,7 @@ void WINAPI ServiceMain(DWORD /*count*/, LPWSTR* /*arguments*/) noexcept {
                 [folders] { folders.Prepare(DataFolders::Existing::Report); });
   const std::vector<LogTarget> places = {[&log](const LogEntry& entry) { log.Write(entry); },
                                          EventLogTarget(OpenEventLog(TheName())),
-                                         TraceTarget(OpenTraceWriter())};
+                                         TraceTarget(OpenTrace())};
   SERVICE_STATUS_HANDLE handle = nullptr;
   const auto report = [&handle](const ServiceStatus& state) {
     SERVICE_STATUS status{};

@@ -2,10 +2,10 @@
 
 #include "hosting/text.h"
 #include "platform/thread.h"
-#include "servicehost/event_log.h"
 #include "servicehost/log_folder.h"
 #include "servicehost/log_lines.h"
-#include "servicehost/trace_target.h"
+#include "servicehost/service_parameters.h"
+#include "servicehost/system_targets.h"
 #include "simulator/virtual_clock.h"
 #include "support/memory_shortage.h"
 #include "support/test.h"
@@ -363,26 +363,15 @@ TEST(EventLogTest, ItsSourceNamesTheMessageFileAndGoes) {
   EXPECT_EQ(read(), ERROR_FILE_NOT_FOUND);
 }
 
-class Trace final : public TraceWriter {
- public:
-  explicit Trace(std::string& out) : bytes(out) {}
-  bool Listens(std::uint8_t level) const noexcept override { return level <= 3; }
-  void Write(std::uint8_t level, const Parts& parts) noexcept override {
+TEST(TraceTargetTest, AnEventDescribesItsFieldsAndThenHasTheirValues) {
+  std::string bytes;
+  const LogTarget target = TraceTarget([&bytes](std::uint8_t level, const TraceParts& parts) {
     bytes += std::to_string(level);
     for (const std::string_view part : parts) {
       bytes += '|';
       std::ranges::replace_copy(part, std::back_inserter(bytes), '\0', '.');
     }
-  }
-
- private:
-  std::string& bytes;
-};
-
-TEST(TraceTargetTest, AnEventDescribesItsFieldsAndThenHasTheirValues) {
-  std::string bytes;
-  const LogTarget target = TraceTarget(std::make_shared<Trace>(bytes));
-  target({kFirstDay, 'T', 9, {L"INFO", L"p", L"c", L"not recorded"}});
+  });
   target({kFirstDay, 'T', 9, {L"ERROR", L"p", L"", L"m"}});
   EXPECT_EQ(bytes,
             "2|\x12.Vx-Host-Service."

@@ -14,7 +14,6 @@
 #include "hosting/text.h"
 #include "hosting/windows_error.h"
 #include "platform/unique_handle.h"
-#include "servicehost/event_log.h"
 
 namespace Vx::Hosting::Tool {
 

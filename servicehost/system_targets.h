@@ -4,9 +4,11 @@
 #include <cstdint>
 #include <functional>
 #include <string>
-#include <utility>
+#include <string_view>
 
 #include "servicehost/service_log.h"
+
+// The targets through which Windows shows a service's log: the event log and event tracing.
 
 namespace Vx::Hosting::ServiceHost {
 
@@ -27,10 +29,18 @@ EventReport OpenEventLog(const std::wstring& source);
 // log. An event that is omitted or that Windows rejects is not lost, because the log files have it.
 LogTarget EventLogTarget(EventReport report);
 
-// Registers the event source `name` in the "Application" log. `program` is the message file, from
-// which Event Viewer takes the texts. Throws std::runtime_error on failure.
-void AddEventSource(const std::wstring& name, const std::wstring& program);
-// Does nothing if the source does not exist.
-void RemoveEventSource(const std::wstring& name) noexcept;
+// The bytes of a trace event: provider traits, description, and one value per field.
+using TraceParts = std::array<std::string_view, 7>;
+
+// Writes a self-describing trace event. `level` is 2 (error), 3 (warning) or 4 (information).
+using TraceReport = std::function<void(std::uint8_t level, const TraceParts& parts)>;
+
+// Opens the provider Vx-Host-Service (see docs/operations.md).
+TraceReport OpenTrace();
+
+// Returns a target that writes every log entry as an event with the fields level, provider, caller,
+// thread and message. Each event contains its own description, so tools can decode it without a
+// manifest. If a session cannot keep up, events are lost, and Windows counts them.
+LogTarget TraceTarget(TraceReport report);
 
 }  // namespace Vx::Hosting::ServiceHost

@@ -1,12 +1,12 @@
-#include "servicehost/event_log.h"
+#include "servicehost/system_targets.h"
 
 #include <algorithm>
 #include <iterator>
 #include <memory>
-#include <stdexcept>
-#include <string_view>
 
 #include <windows.h>
+
+#include <evntprov.h>
 
 #include "platform/clock.h"
 #include "platform/machine.h"
@@ -15,8 +15,6 @@
 namespace Vx::Hosting::ServiceHost {
 
 namespace {
-
-constexpr wchar_t kSources[] = L"SYSTEM\\CurrentControlSet\\Services\\EventLog\\Application\\";
 
 // Message IDs from host_messages.mc, including the severity bits.
 constexpr std::uint32_t kWarningMessage = 0x80000001;
@@ -62,6 +60,34 @@ std::wstring Insertable(std::wstring text) {
   return text;
 }
 
+using namespace std::string_view_literals;
+
+// Derived from the provider's name in the standard way, so tools also accept "*Vx-Host-Service".
+constexpr GUID kProvider = {
+    0x1f3716e0, 0xc3cb, 0x5355, {0x7c, 0xd0, 0xdc, 0x57, 0x8e, 0xba, 0x4f, 0xdc}};
+
+// The traits and the description each begin with their size as a 16-bit little-endian integer.
+constexpr std::string_view kTraits = "\x12\0Vx-Host-Service\0"sv;
+// No tags, the event's name, and each field's name with its type: 1 for a null-terminated UTF-16
+// string and 8 for an unsigned 32-bit integer.
+constexpr std::string_view kDescription =
+    "\x31\0"
+    "\0"
+    "Log\0"
+    "level\0\x01"
+    "provider\0\x01"
+    "caller\0\x01"
+    "thread\0\x08"
+    "message\0\x01"sv;
+static_assert(kTraits.size() == 0x12 && kDescription.size() == 0x31);
+
+constexpr std::uint8_t kSelfDescribing = 11;  // marks self-describing events for tools
+constexpr int kProviderTraits = 2;            // the EventSetInformation class for traits
+
+std::string_view BytesOf(const std::wstring& text) {
+  return {reinterpret_cast<const char*>(text.c_str()), (text.size() + 1) * sizeof(wchar_t)};
+}
+
 }  // namespace
 
 EventReport OpenEventLog(const std::wstring& source) {
@@ -101,24 +127,46 @@ LogTarget EventLogTarget(EventReport report) {
   };
 }
 
-void AddEventSource(const std::wstring& name, const std::wstring& program) {
-  const std::wstring key = kSources + name;
-  const DWORD types = EVENTLOG_ERROR_TYPE | EVENTLOG_WARNING_TYPE | EVENTLOG_INFORMATION_TYPE;
-  const auto bytes = static_cast<DWORD>((program.size() + 1) * sizeof(wchar_t));
-  LSTATUS error = RegSetKeyValueW(HKEY_LOCAL_MACHINE, key.c_str(), L"EventMessageFile", REG_SZ,
-                                  program.c_str(), bytes);
-  if (error == ERROR_SUCCESS) {
-    error = RegSetKeyValueW(HKEY_LOCAL_MACHINE, key.c_str(), L"TypesSupported", REG_DWORD, &types,
-                            sizeof types);
+TraceReport OpenTrace() {
+  // Unregisters the provider when the last copy of the function is destroyed.
+  const std::shared_ptr<REGHANDLE> provider(new REGHANDLE(0), [](const REGHANDLE* handle) {
+    if (*handle != 0) EventUnregister(*handle);
+    delete handle;
+  });
+  if (EventRegister(&kProvider, nullptr, nullptr, provider.get()) != ERROR_SUCCESS) *provider = 0;
+  // Not available in every Windows version. Only tools that list providers need the traits.
+  using SetInformation = ULONG(WINAPI*)(REGHANDLE, int, void*, ULONG);
+  const auto set = reinterpret_cast<SetInformation>(reinterpret_cast<void*>(
+      GetProcAddress(GetModuleHandleW(L"advapi32.dll"), "EventSetInformation")));
+  std::string traits(kTraits);
+  if (*provider != 0 && set != nullptr) {
+    set(*provider, kProviderTraits, traits.data(), static_cast<ULONG>(traits.size()));
   }
-  if (error != ERROR_SUCCESS) {
-    throw std::runtime_error("cannot register the source of the event log (error " +
-                             std::to_string(error) + "); run as administrator");
-  }
+  return [provider](std::uint8_t level, const TraceParts& parts) {
+    if (*provider == 0 || EventProviderEnabled(*provider, level, 0) == FALSE) return;
+    EVENT_DESCRIPTOR event{};
+    event.Channel = kSelfDescribing;
+    event.Level = level;
+    EVENT_DATA_DESCRIPTOR data[std::tuple_size_v<TraceParts>];
+    for (std::size_t i = 0; i < parts.size(); ++i) {
+      EventDataDescCreate(&data[i], parts[i].data(), static_cast<ULONG>(parts[i].size()));
+    }
+    // A part's type is in the low byte of its reserved word: 2 for traits, 1 for a description.
+    data[0].Reserved = 2;
+    data[1].Reserved = 1;
+    EventWrite(*provider, &event, static_cast<ULONG>(parts.size()), data);
+  };
 }
 
-void RemoveEventSource(const std::wstring& name) noexcept {
-  RegDeleteKeyW(HKEY_LOCAL_MACHINE, (kSources + name).c_str());
+LogTarget TraceTarget(TraceReport report) {
+  return [report = std::move(report)](const LogEntry& entry) {
+    const LogLine& line = entry.line;
+    const std::uint8_t level = line.level == L"ERROR" ? 2 : line.level == L"WARNING" ? 3 : 4;
+    const std::string_view thread(reinterpret_cast<const char*>(&entry.thread),
+                                  sizeof entry.thread);
+    report(level, {kTraits, kDescription, BytesOf(line.level), BytesOf(line.provider),
+                   BytesOf(line.caller), thread, BytesOf(line.message)});
+  };
 }
 
 }  // namespace Vx::Hosting::ServiceHost
