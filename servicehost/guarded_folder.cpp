@@ -17,7 +17,7 @@
 #include "platform/system_services.h"
 #include "platform/unique_handle.h"
 #include "platform/windows/file_handle.h"
-#include "servicehost/pipe_caller.h"
+#include "servicehost/accounts.h"
 
 namespace Vx::Hosting::ServiceHost {
 

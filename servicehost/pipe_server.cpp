@@ -12,7 +12,6 @@
 
 #include "platform/clock.h"
 #include "platform/machine.h"
-#include "servicehost/accounts.h"
 #include "servicehost/pipe_io.h"
 
 namespace Vx::Hosting::ServiceHost {
@@ -53,12 +52,9 @@ UniqueHandle NewEvent(BOOL manual) {
   return event;
 }
 
-}  // namespace
-
-std::wstring PipePath(const std::wstring& serviceName) {
-  return L"\\\\.\\pipe\\VxHost-" + serviceName;
-}
-
+// Returns an SDDL descriptor that grants access to SYSTEM, administrators and `allowed`, and denies
+// remote users. `allowed` can read and write, but not create an instance of the pipe. The owner, by
+// which clients recognize the service's pipe, is SYSTEM, the administrators or this account.
 std::wstring PipeAccess(const std::vector<std::wstring>& allowed) {
   const PipeCaller self = CallerOf(GetCurrentProcessId());
   std::wstring access = self.privileged && self.account != kSystem ? L"O:BA" : L"O:" + self.account;
@@ -67,6 +63,12 @@ std::wstring PipeAccess(const std::vector<std::wstring>& allowed) {
   // right to create an instance, and so to pose as the server to other clients.
   for (const std::wstring& sid : allowed) access += L"(A;;0x12018b;;;" + sid + L")";
   return access;
+}
+
+}  // namespace
+
+std::wstring PipePath(const std::wstring& serviceName) {
+  return L"\\\\.\\pipe\\VxHost-" + serviceName;
 }
 
 PipeServer::PipeServer(PipeOptions settings, Handler run, Report tell)

@@ -14,8 +14,8 @@
 
 #include "platform/thread.h"
 #include "platform/unique_handle.h"
+#include "servicehost/accounts.h"
 #include "servicehost/envelope.h"
-#include "servicehost/pipe_caller.h"
 
 namespace Vx::Hosting::ServiceHost {
 
@@ -89,10 +89,5 @@ class PipeServer {
   std::list<Connection> connections;  // modified only by the listener thread
   Platform::Thread listener;
 };
-
-// Returns an SDDL descriptor that grants access to SYSTEM, administrators and `allowed`, and denies
-// remote users. `allowed` can read and write, but not create an instance of the pipe. The owner, by
-// which clients recognize the service's pipe, is SYSTEM, the administrators or this account.
-std::wstring PipeAccess(const std::vector<std::wstring>& allowed);
 
 }  // namespace Vx::Hosting::ServiceHost

@@ -7,7 +7,7 @@
 
 #include "hosting/text.h"
 #include "hosting/windows_error.h"
-#include "servicehost/pipe_caller.h"
+#include "servicehost/accounts.h"
 #include "servicehost/pipe_io.h"
 #include "servicehost/pipe_server.h"
 #include "vxhost/service/service_manager.h"
