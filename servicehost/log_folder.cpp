@@ -19,6 +19,7 @@ namespace {
 
 constexpr std::wstring_view kAgeForm = L"-00000000-0000.log";  // 0 stands for any digit
 constexpr std::size_t kDayLength = 8;
+constexpr std::size_t kNumberLength = 4;
 constexpr unsigned kLastNumber = 9999;
 
 std::wstring DayOf(std::uint64_t time) {
@@ -28,15 +29,9 @@ std::wstring DayOf(std::uint64_t time) {
 }
 
 std::wstring AgeOf(const std::wstring& day, unsigned number) {
-  wchar_t text[16];
-  _snwprintf(text, std::size(text) - 1, L"-%04u.log", number);
-  text[std::size(text) - 1] = L'\0';
-  return L"-" + day + text;
+  const std::wstring digits = std::to_wstring(number);
+  return L"-" + day + L"-" + std::wstring(kNumberLength - digits.size(), L'0') + digits + L".log";
 }
-
-struct FindCloser {
-  void operator()(void* find) const noexcept { FindClose(find); }
-};
 
 struct LogFile {
   std::wstring name;
@@ -55,7 +50,7 @@ std::vector<LogFile> LogFiles(const std::wstring& folder, std::wstring_view serv
   WIN32_FIND_DATAW found;
   const HANDLE first = FindFirstFileW((folder + L"\\*.log").c_str(), &found);
   if (first == INVALID_HANDLE_VALUE) return files;
-  const std::unique_ptr<void, FindCloser> find(first);
+  const std::unique_ptr<void, decltype(&FindClose)> find(first, &FindClose);
   do {
     const std::wstring name = found.cFileName;
     const FILETIME& time = found.ftLastWriteTime;
@@ -124,10 +119,9 @@ void LogFolder::Open(const std::wstring& day, std::size_t lineSize) {
   }
   for (; number <= kLastNumber; ++number) {
     const std::wstring name = service + AgeOf(day, number);
-    const std::wstring path = folder + L"\\" + name;
-    Platform::UniqueHandle opened =
-        Platform::OpenDiskFile(path, GENERIC_READ | FILE_APPEND_DATA, FILE_SHARE_READ,
-                               FILE_ATTRIBUTE_NORMAL | FILE_FLAG_OPEN_REPARSE_POINT, OPEN_ALWAYS);
+    Platform::UniqueHandle opened = Platform::OpenDiskFile(
+        folder + L"\\" + name, GENERIC_READ | FILE_APPEND_DATA, FILE_SHARE_READ,
+        FILE_ATTRIBUTE_NORMAL | FILE_FLAG_OPEN_REPARSE_POINT, OPEN_ALWAYS);
     // Another process is writing to the file, or a program has it open with delete access.
     if (opened == nullptr && GetLastError() == ERROR_SHARING_VIOLATION) continue;
     if (opened == nullptr) ThrowError(folder, GetLastError());
@@ -139,11 +133,9 @@ void LogFolder::Open(const std::wstring& day, std::size_t lineSize) {
     fileDay = day;
     fileName = name;
     if (size != 0) {
-      LARGE_INTEGER last{};
-      last.QuadPart = length.QuadPart - 1;
       char end = '\n';
       DWORD count = 0;
-      SetFilePointerEx(file.get(), last, nullptr, FILE_BEGIN);
+      SetFilePointerEx(file.get(), {.QuadPart = length.QuadPart - 1}, nullptr, FILE_BEGIN);
       ReadFile(file.get(), &end, 1, &count, nullptr);
       if (end != '\n' && WriteFile(file.get(), "\n", 1, &count, nullptr) != FALSE) ++size;
     }

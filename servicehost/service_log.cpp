@@ -42,16 +42,17 @@ bool IsRepeated(const LogLine& line, const LogLine& next) {
          line.provider == next.provider && line.caller == next.caller;
 }
 
+// Returns an entry for the calling thread, stamped with the current time.
+LogEntry EntryOf(LogLine line) {
+  return {Platform::CurrentMachine().clock->UtcFileTime(), GetCurrentThreadId(),
+          GetCurrentProcessId(), std::move(line)};
+}
+
 LogEntry HostEntry(const wchar_t* level, std::wstring message) {
   return EntryOf(LogLine{level, kHostProvider, {}, std::move(message)});
 }
 
 }  // namespace
-
-LogEntry EntryOf(LogLine line) {
-  return {Platform::CurrentMachine().clock->UtcFileTime(), GetCurrentThreadId(),
-          GetCurrentProcessId(), std::move(line)};
-}
 
 std::string JsonLineOf(const LogEntry& entry) {
   const LogLine& line = entry.line;
@@ -89,39 +90,28 @@ void ServiceLog::Flush() noexcept {
   changed.wait(guard, [this] { return queue.empty() && !writing && !flushing; });
 }
 
-void ServiceLog::Add(LogLine line) {
-  LogEntry entry = EntryOf(std::move(line));
-  const std::lock_guard guard(lock);
-  if (queue.size() >= capacity) {
-    ++lost;
-    return;
-  }
-  queue.push_back(std::move(entry));
-  changed.notify_all();
-}
-
 void ServiceLog::Add(const VxLogLine& line) noexcept {
-  try {
-    Add(LineOf(line));
-  } catch (const std::exception&) {
-    CountLost();
-  }
+  AddLine([&line] { return LineOf(line); });
 }
 
 void ServiceLog::Add(const wchar_t* level, std::wstring_view message) noexcept {
-  try {
-    Add(LogLine{level, kHostProvider, {}, std::wstring(message)});
-  } catch (const std::exception&) {
-    CountLost();
-  }
+  AddLine([&] { return LogLine{level, kHostProvider, {}, std::wstring(message)}; });
 }
 
-void ServiceLog::CountLost() noexcept {
-  {
+// Adds the line that `make` returns, or counts it if the queue is full or memory runs out.
+template <typename Make>
+void ServiceLog::AddLine(const Make& make) noexcept {
+  try {
+    LogEntry entry = EntryOf(make());
     const std::lock_guard guard(lock);
-    ++lost;
+    if (queue.size() < capacity) {
+      queue.push_back(std::move(entry));
+      return changed.notify_all();
+    }
+  } catch (const std::exception&) {  // NOLINT(bugprone-empty-catch): counted below
   }
-  changed.notify_all();
+  const std::lock_guard guard(lock);
+  ++lost;
 }
 
 void ServiceLog::Run() noexcept {

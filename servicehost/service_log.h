@@ -69,11 +69,11 @@ class ServiceLog {
     bool failing = false;
   };
 
-  void Add(LogLine line);
+  template <typename Make>
+  void AddLine(const Make& make) noexcept;
   void Run() noexcept;
   void WriteNext(LogEntry entry) noexcept;
   void WriteRepeat(Repeat& repeat) noexcept;
-  void CountLost() noexcept;
   void WriteEverywhere(const LogEntry& entry) noexcept;
   void ReportFailure(const char* why) noexcept;
 
@@ -90,9 +90,6 @@ class ServiceLog {
   std::array<Repeat, 64> repeats;  // used only by the writer; further threads share slots
   Platform::Thread writer;
 };
-
-// Returns an entry for the calling thread, stamped with the current time.
-LogEntry EntryOf(LogLine line);
 
 // Returns `entry` as one JSON object in UTF-8 and a line feed: time (UTC, ISO 8601), level,
 // provider, caller, thread, process, message, and `record` with its nonempty strings and nonzero

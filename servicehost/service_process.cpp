@@ -86,28 +86,6 @@ std::uint32_t CodeOf(const std::exception& error) noexcept {
   return code == 0 ? 1 : code;
 }
 
-// Reports progress while the main thread blocks.
-class CheckpointTicks {
- public:
-  explicit CheckpointTicks(std::function<void()> progress)
-      : tick(std::move(progress)),
-        done(CreateEventW(nullptr, TRUE, FALSE, nullptr)),
-        thread([this] {
-          while (WaitForSingleObject(done.get(), kTick) == WAIT_TIMEOUT) tick();
-        }) {}
-  CheckpointTicks(const CheckpointTicks&) = delete;
-  CheckpointTicks& operator=(const CheckpointTicks&) = delete;
-  ~CheckpointTicks() {
-    SetEvent(done.get());
-    thread.Join();
-  }
-
- private:
-  std::function<void()> tick;
-  Platform::UniqueHandle done;
-  Platform::Thread thread;
-};
-
 }  // namespace
 
 CodeQueue::CodeQueue(HostLoop& loop, ServiceLog& output, std::size_t limit)
@@ -147,13 +125,6 @@ void CodeQueue::DropOne() {
   ++dropped;
 }
 
-void CodeQueue::Report(std::uint64_t count) noexcept {
-  try {
-    log.Add(L"WARNING", std::to_wstring(count) + kOverflowed);
-  } catch (const std::exception&) {  // NOLINT(bugprone-empty-catch): no memory for the line
-  }
-}
-
 void CodeQueue::Run() noexcept {
   std::unique_lock guard(lock);
   while (true) {
@@ -164,7 +135,10 @@ void CodeQueue::Run() noexcept {
     const std::uint64_t lost = std::exchange(dropped, 0);
     forwarding = true;
     guard.unlock();
-    if (lost != 0) Report(lost);
+    try {
+      if (lost != 0) log.Add(L"WARNING", std::to_wstring(lost) + kOverflowed);
+    } catch (const std::exception&) {  // NOLINT(bugprone-empty-catch): no memory for the line
+    }
     if (code.kind == Kind::Power) {
       host.OnPower(code.code);
     } else {
@@ -224,27 +198,32 @@ void ServiceProcess::Run() noexcept {
 void ServiceProcess::Serve() {
   Report(SERVICE_START_PENDING);
   if (options.module.empty()) throw std::runtime_error(kNoModule);
-  std::unique_ptr<CheckpointTicks> ticks;  // outlives the objects whose destruction it reports on
-  HostLoop host({.module = options.module, .modernStandby = HasModernStandby()}, log);
-  Report(SERVICE_START_PENDING);
-  PipeOptions pipe;
-  pipe.path = PipePath(options.name);
-  pipe.allowed = options.allowed;
-  const PipeServer server(
-      std::move(pipe),
-      [&host](const CommandEnvelope& command, const std::wstring& client) {
-        return host.Execute(command, client);
-      },
-      [this](const wchar_t* level, std::wstring_view message) { log.Add(level, message); });
-  Publish(std::make_unique<CodeQueue>(host, log));
-  const auto withdraw = [](ServiceProcess* owner) { owner->Publish(nullptr); };
-  const std::unique_ptr<ServiceProcess, decltype(withdraw)> published(this, withdraw);
-  log.Add(L"INFO", kRuns + std::to_wstring(GetCurrentProcessId()));
-  Report(SERVICE_RUNNING);
-  WaitForSingleObject(stop.get(), INFINITE);
-  Report(SERVICE_STOP_PENDING);
-  log.Add(L"INFO", kStops);
-  ticks = std::make_unique<CheckpointTicks>([this] { Report(SERVICE_STOP_PENDING); });
+  const Platform::UniqueHandle ended(CreateEventW(nullptr, TRUE, FALSE, nullptr));
+  Platform::Thread ticks;  // reports progress while the objects in the block are destroyed
+  {
+    HostLoop host({.module = options.module, .modernStandby = HasModernStandby()}, log);
+    Report(SERVICE_START_PENDING);
+    PipeOptions pipe;
+    pipe.path = PipePath(options.name);
+    pipe.allowed = options.allowed;
+    const PipeServer server(
+        std::move(pipe), std::bind_front(&HostLoop::Execute, &host),
+        [this](const wchar_t* level, std::wstring_view message) { log.Add(level, message); });
+    Publish(std::make_unique<CodeQueue>(host, log));
+    const auto withdraw = [](ServiceProcess* owner) { owner->Publish(nullptr); };
+    const std::unique_ptr<ServiceProcess, decltype(withdraw)> published(this, withdraw);
+    log.Add(L"INFO", kRuns + std::to_wstring(GetCurrentProcessId()));
+    Report(SERVICE_RUNNING);
+    WaitForSingleObject(stop.get(), INFINITE);
+    Report(SERVICE_STOP_PENDING);
+    log.Add(L"INFO", kStops);
+    // Last, because a throw after this would end the process.
+    ticks = Platform::Thread([&] {
+      while (WaitForSingleObject(ended.get(), kTick) == WAIT_TIMEOUT) Report(SERVICE_STOP_PENDING);
+    });
+  }
+  SetEvent(ended.get());
+  ticks.Join();
 }
 
 std::uint32_t ServiceProcess::Control(std::uint32_t control, std::uint32_t event) noexcept {
@@ -254,20 +233,11 @@ std::uint32_t ServiceProcess::Control(std::uint32_t control, std::uint32_t event
     if (queue != nullptr) queue->Add(code);
     return std::uint32_t{NO_ERROR};
   };
-  switch (control) {
-    case SERVICE_CONTROL_STOP:
-    case SERVICE_CONTROL_PRESHUTDOWN:
-      SetEvent(stop.get());
-      return NO_ERROR;
-    case SERVICE_CONTROL_INTERROGATE:
-      return NO_ERROR;
-    case SERVICE_CONTROL_POWEREVENT:
-      return add({Power, event});
-    case SERVICE_CONTROL_SESSIONCHANGE:
-      return add({Session, event});
-    default:
-      break;
-  }
+  if (control == SERVICE_CONTROL_POWEREVENT) return add({Power, event});
+  if (control == SERVICE_CONTROL_SESSIONCHANGE) return add({Session, event});
+  const bool stops = control == SERVICE_CONTROL_STOP || control == SERVICE_CONTROL_PRESHUTDOWN;
+  if (stops) SetEvent(stop.get());
+  if (stops || control == SERVICE_CONTROL_INTERROGATE) return NO_ERROR;
   if (!options.development || control < PowerControl(0) || control > kLastControl) {
     return ERROR_CALL_NOT_IMPLEMENTED;
   }

@@ -67,7 +67,6 @@ class CodeQueue {
 
  private:
   void DropOne();
-  void Report(std::uint64_t count) noexcept;
   void Run() noexcept;
 
   HostLoop& host;
