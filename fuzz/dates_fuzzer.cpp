@@ -9,7 +9,6 @@
 #include <vector>
 
 #include "bod/born_on_date.h"
-#include "bod/calendar_time.h"
 #include "fuzz/fuzz_check.h"
 
 // Fuzzes dates in the formats of the firmware, its callers and the registry.

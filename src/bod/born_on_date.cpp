@@ -1,6 +1,8 @@
 #include "bod/born_on_date.h"
 
 #include <algorithm>
+#include <chrono>
+#include <cstring>
 #include <stdexcept>
 #include <string_view>
 
@@ -15,12 +17,18 @@ constexpr char kVectorTooSmall[] = "BornOnDateManager::determine_date_to_assign 
 constexpr int kFirstFourDigitYear = 1970;
 constexpr int kCenturyOfTwoDigits = 2000;
 
-bool HasDayOfLongMonth(int /*year*/, int day) {
-  return 1 <= day && day <= 31;
-}
+using FileTimeUnits = std::chrono::duration<std::int64_t, std::ratio<1, 10'000'000>>;
 
-bool HasDayOfShortMonth(int /*year*/, int day) {
-  return 1 <= day && day <= 30;
+constexpr std::chrono::sys_days kFileTimeEpoch = std::chrono::year{1601} / std::chrono::January / 1;
+
+constexpr auto kUnitsADay = static_cast<std::uint64_t>(FileTimeUnits{std::chrono::days{1}}.count());
+
+constexpr unsigned kFirstYear = 1601;
+constexpr unsigned kLastYear = 30827;
+
+template <int kLast>
+bool HasDay(int /*year*/, int day) {
+  return 1 <= day && day <= kLast;
 }
 
 bool HasDayOfFebruary(int year, int day) {
@@ -51,30 +59,71 @@ DateFields FieldsOf(std::string_view date) {
 }  // namespace
 
 constinit const std::array<std::pair<int, BornOnDate::DayTest>, 12> BornOnDate::validDaysOfMonths{{
-    {1, &HasDayOfLongMonth},
+    {1, &HasDay<31>},
     {2, &HasDayOfFebruary},
-    {3, &HasDayOfLongMonth},
-    {4, &HasDayOfShortMonth},
-    {5, &HasDayOfLongMonth},
-    {6, &HasDayOfShortMonth},
-    {7, &HasDayOfLongMonth},
-    {8, &HasDayOfLongMonth},
-    {9, &HasDayOfShortMonth},
-    {10, &HasDayOfLongMonth},
-    {11, &HasDayOfShortMonth},
-    {12, &HasDayOfLongMonth},
+    {3, &HasDay<31>},
+    {4, &HasDay<30>},
+    {5, &HasDay<31>},
+    {6, &HasDay<30>},
+    {7, &HasDay<31>},
+    {8, &HasDay<31>},
+    {9, &HasDay<30>},
+    {10, &HasDay<31>},
+    {11, &HasDay<30>},
+    {12, &HasDay<31>},
 }};
+
+std::optional<std::uint64_t> FileTimeOf(const CalendarTime& time) {
+  if (time.year < kFirstYear || time.year > kLastYear) return std::nullopt;
+  const std::chrono::year_month_day date{
+      std::chrono::year{time.year}, std::chrono::month{time.month}, std::chrono::day{time.day}};
+  // std::chrono keeps months and days in one byte each, so 257 would become 1.
+  if (time.month > 12 || time.day > 31 || !date.ok()) return std::nullopt;
+  if (time.hour > 23 || time.minute > 59 || time.second > 59 || time.millisecond > 999) {
+    return std::nullopt;
+  }
+  const FileTimeUnits sinceEpoch =
+      (std::chrono::sys_days{date} - kFileTimeEpoch) + std::chrono::hours{time.hour} +
+      std::chrono::minutes{time.minute} + std::chrono::seconds{time.second} +
+      std::chrono::milliseconds{time.millisecond};
+  return static_cast<std::uint64_t>(sinceEpoch.count());
+}
+
+CalendarTime CalendarTimeOf(std::uint64_t fileTime) {
+  // Divides first, because the whole number may not fit in a signed duration.
+  const std::chrono::days wholeDays{static_cast<std::int64_t>(fileTime / kUnitsADay)};
+  const FileTimeUnits rest{static_cast<std::int64_t>(fileTime % kUnitsADay)};
+  const std::chrono::sys_days day = kFileTimeEpoch + wholeDays;
+  const std::chrono::year_month_day date{day};
+  const std::chrono::hh_mm_ss ofDay{std::chrono::floor<std::chrono::milliseconds>(rest)};
+
+  return {.year = static_cast<std::uint16_t>(static_cast<int>(date.year())),
+          .month = static_cast<std::uint16_t>(static_cast<unsigned>(date.month())),
+          .dayOfWeek = static_cast<std::uint16_t>(std::chrono::weekday{day}.c_encoding()),
+          .day = static_cast<std::uint16_t>(static_cast<unsigned>(date.day())),
+          .hour = static_cast<std::uint16_t>(ofDay.hours().count()),
+          .minute = static_cast<std::uint16_t>(ofDay.minutes().count()),
+          .second = static_cast<std::uint16_t>(ofDay.seconds().count()),
+          .millisecond = static_cast<std::uint16_t>(ofDay.subseconds().count())};
+}
+
+CalendarTime EarlierOf(const CalendarTime& first, const CalendarTime& second) {
+  const auto firstUnits = FileTimeOf(first);
+  const auto secondUnits = FileTimeOf(second);
+  if (!secondUnits) return first;
+  if (!firstUnits || *secondUnits < *firstUnits) return second;
+  return first;
+}
+
+CalendarTime DateOfTimeStamp(std::span<const std::byte> bytes) {
+  CalendarTime stored;
+  if (bytes.size() < sizeof stored) return {};
+  std::memcpy(&stored, bytes.data(), sizeof stored);
+  return {.year = stored.year, .month = stored.month, .day = stored.day};
+}
 
 std::size_t DigitCount(BODFormat format) {
   return format == BODFormat::SixDigits ? 6 : 8;
-}
-
-BornOnDate::BornOnDate(std::string s) {
-  init(std::move(s));
-}
-
-void BornOnDate::set(std::string s) {
-  init(std::move(s));
 }
 
 void BornOnDate::init(std::string s) {
@@ -89,11 +138,9 @@ CalendarTime BornOnDate::get_as_calendar_time() const {
   if (format == BODFormat::Invalid) return {};
   const DateFields fields = FieldsOf(date);
   const int century = format == BODFormat::SixDigits ? kCenturyOfTwoDigits : 0;
-  CalendarTime time;
-  time.year = static_cast<std::uint16_t>(century + fields.year);
-  time.month = static_cast<std::uint16_t>(fields.month);
-  time.day = static_cast<std::uint16_t>(fields.day);
-  return time;
+  return {.year = static_cast<std::uint16_t>(century + fields.year),
+          .month = static_cast<std::uint16_t>(fields.month),
+          .day = static_cast<std::uint16_t>(fields.day)};
 }
 
 bool BornOnDate::is_valid_born_on_date(const std::string& s) noexcept {

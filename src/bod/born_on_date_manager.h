@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "bod/born_on_date.h"
+#include "host/logging.h"
 
 namespace Vx::Tessel::Server::Services::Orvane {
 
@@ -46,5 +47,10 @@ class BornOnDateManager {
   BornOnDate born_on_date;
   bool check_bios_first;
 };
+
+// Unless Lumo Tessel is installed, writes the born-on date to the firmware if it has none, and
+// copies it to the shared store. Logs to `logger` and catches every std::exception. Returns whether
+// the store was written. Blocks for as long as WMI and the store take.
+bool SetBornOnDate(const Logging::TraceLogger& logger);
 
 }  // namespace Vx::Tessel::Server::Services::Orvane

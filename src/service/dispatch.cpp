@@ -8,7 +8,7 @@
 #include <new>
 #include <string_view>
 
-#include "bod/set_born_on_date.h"
+#include "bod/born_on_date_manager.h"
 #include "host/logging.h"
 #include "json/json_text.h"
 #include "json/utf8.h"

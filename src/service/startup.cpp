@@ -7,7 +7,7 @@
 #include <mutex>
 #include <string>
 
-#include "bod/set_born_on_date.h"
+#include "bod/born_on_date_manager.h"
 #include "companion/aurelo.h"
 #include "companion/qubo_facade.h"
 #include "events/package_event_manager.h"

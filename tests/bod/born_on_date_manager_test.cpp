@@ -4,7 +4,6 @@
 
 #include <oleauto.h>
 
-#include "bod/set_born_on_date.h"
 #include "simulator/simulated_firmware.h"
 #include "simulator/simulated_registry.h"
 #include "simulator/virtual_clock.h"

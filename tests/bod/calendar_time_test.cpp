@@ -1,4 +1,4 @@
-#include "bod/calendar_time.h"
+#include "bod/born_on_date.h"
 
 #include "support/test.h"
 
