@@ -32,15 +32,7 @@ bool HasDay(int /*year*/, int day) {
 }
 
 bool HasDayOfFebruary(int year, int day) {
-  const bool leap = (year % 4 == 0 && year % 100 != 0) || year % 400 == 0;
-  return 1 <= day && day <= (leap ? 29 : 28);
-}
-
-// `digits` has at most four digits, so the number cannot overflow.
-int NumberOf(std::string_view digits) {
-  int number = 0;
-  for (const char digit : digits) number = number * 10 + (digit - '0');
-  return number;
+  return 1 <= day && day <= (std::chrono::year(year).is_leap() ? 29 : 28);
 }
 
 struct DateFields {
@@ -51,9 +43,9 @@ struct DateFields {
 
 // `date` must have six or eight digits.
 DateFields FieldsOf(std::string_view date) {
-  const std::size_t yearDigits = date.size() - 4;
-  return {NumberOf(date.substr(0, yearDigits)), NumberOf(date.substr(yearDigits, 2)),
-          NumberOf(date.substr(yearDigits + 2))};
+  int number = 0;
+  for (const char digit : date) number = number * 10 + (digit - '0');
+  return {number / 10000, number / 100 % 100, number % 100};
 }
 
 }  // namespace

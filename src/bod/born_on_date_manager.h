@@ -15,10 +15,8 @@ namespace Vx::Tessel::Server::Services::Orvane {
 // from one thread at a time.
 class BornOnDateManager {
  public:
-  BornOnDateManager() : BornOnDateManager(true) {}
-
   // If `checkBiosFirst` is false, the manager ignores the date in the firmware and always writes.
-  explicit BornOnDateManager(bool checkBiosFirst) : check_bios_first(checkBiosFirst) {}
+  explicit BornOnDateManager(bool checkBiosFirst = true) : check_bios_first(checkBiosFirst) {}
 
   // Returns the firmware's text, valid or not.
   BornOnDate get_born_on_date();
