@@ -2,7 +2,9 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <cstdlib>
 #include <limits>
+#include <utility>
 
 namespace Vx::Tessel::Server::Services::Orvane {
 
@@ -14,10 +16,6 @@ constexpr std::wstring_view kBlanks = L" \t\n\v\f\r";
 
 constexpr bool IsDigit(wchar_t c) {
   return c >= L'0' && c <= L'9';
-}
-
-constexpr std::int64_t Absolute(std::int64_t value) {
-  return value < 0 ? -value : value;
 }
 
 }  // namespace
@@ -36,14 +34,13 @@ std::optional<int> LeadingInteger(std::wstring_view text) {
     magnitude = std::min(magnitude * 10 + (text[at] - L'0'), kLimit);
   }
   const std::int64_t value = negative ? -magnitude : magnitude;
-  if (value < std::numeric_limits<int>::min() || value > std::numeric_limits<int>::max()) {
-    return std::nullopt;
-  }
+  if (!std::in_range<int>(value)) return std::nullopt;
   return static_cast<int>(value);
 }
 
 std::int64_t ElapsedMilliseconds(std::uint64_t start, std::uint64_t now) {
-  return Absolute(static_cast<std::int32_t>(static_cast<std::uint32_t>(now - start)));
+  // In 64 bits, because the magnitude of the smallest difference does not fit in 32.
+  return std::abs(std::int64_t{static_cast<std::int32_t>(now - start)});
 }
 
 std::int64_t ElapsedUntilStandby(std::uint64_t start, std::uint64_t now) {
@@ -57,7 +54,7 @@ bool IsTooLong(int delaySeconds) {
 
 bool IsOverdue(int delaySeconds, std::int64_t elapsedMilliseconds) {
   if (delaySeconds == 0) return false;
-  return Absolute(DelayLength(delaySeconds).count() - elapsedMilliseconds) > kTolerance;
+  return std::abs(DelayLength(delaySeconds).count() - elapsedMilliseconds) > kTolerance;
 }
 
 }  // namespace Vx::Tessel::Server::Services::Orvane

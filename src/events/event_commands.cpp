@@ -44,18 +44,28 @@ LaunchCommand::LaunchCommand(const Json::JsonObject& parameters)
   }
 }
 
-bool LaunchCommand::CheckAhead() {
-  return checked.emplace(Security::TrustedProgram::Check(path)).program != nullptr;
-}
-
-void LaunchCommand::ForgetCheck() {
-  forgotten = checked->program->Identity();
-  checked.reset();
-}
-
-bool LaunchCommand::CheckUnchanged() {
-  if (forgotten) checked = Security::TrustedProgram::CheckUnchanged(path, *forgotten);
-  return checked.has_value();
+std::unique_lock<std::mutex> LaunchCommand::TakeTurn(std::mutex& turn) {
+  constexpr std::chrono::milliseconds kPause{10};
+  constexpr std::uint64_t kPatience = 1000;  // milliseconds; a sleep may take longer than requested
+  constexpr int kMostChecks = 3;
+  Platform::Clock& clock = *Platform::CurrentMachine().clock;
+  for (int checks = 1;; ++checks) {
+    const auto& program = checked.emplace(Security::TrustedProgram::Check(path)).program;
+    // An untrusted program is not locked, so the wait may be unlimited.
+    if (program == nullptr || checks == kMostChecks) return std::unique_lock(turn);
+    const std::uint64_t begin = clock.TickCount();
+    std::unique_lock taken(turn, std::try_to_lock);
+    while (!taken && clock.TickCount() - begin < kPatience) {
+      clock.Sleep(kPause);
+      static_cast<void>(taken.try_lock());
+    }
+    if (taken) return taken;
+    const auto identity = program->Identity();
+    checked.reset();
+    taken.lock();
+    if (identity) checked = Security::TrustedProgram::CheckUnchanged(path, *identity);
+    if (checked) return taken;
+  }
 }
 
 Records::Outcome LaunchCommand::Execute() {
@@ -104,26 +114,8 @@ EventCommandPtr CreateEventCommand(EventAction action, const Json::JsonObject& p
 }
 
 std::unique_lock<std::mutex> TakeTurn(EventCommand& command, std::mutex& turn) {
-  constexpr std::chrono::milliseconds kPause{10};
-  constexpr std::uint64_t kPatience = 1000;  // milliseconds; a sleep may take longer than requested
-  constexpr int kMostChecks = 3;
   auto* const launch = dynamic_cast<LaunchCommand*>(&command);
-  if (launch == nullptr) return std::unique_lock(turn);
-  Platform::Clock& clock = *Platform::CurrentMachine().clock;
-  for (int checks = 1;; ++checks) {
-    // An untrusted program is not locked, so the wait may be unlimited.
-    if (!launch->CheckAhead() || checks == kMostChecks) return std::unique_lock(turn);
-    const std::uint64_t begin = clock.TickCount();
-    std::unique_lock taken(turn, std::try_to_lock);
-    while (!taken && clock.TickCount() - begin < kPatience) {
-      clock.Sleep(kPause);
-      static_cast<void>(taken.try_lock());
-    }
-    if (taken) return taken;
-    launch->ForgetCheck();
-    taken.lock();
-    if (launch->CheckUnchanged()) return taken;
-  }
+  return launch != nullptr ? launch->TakeTurn(turn) : std::unique_lock(turn);
 }
 
 }  // namespace Vx::Tessel::Server::Services::Orvane

@@ -8,7 +8,6 @@
 #include <string>
 
 #include "json/json_object.h"
-#include "platform/files.h"
 #include "records/record.h"
 #include "security/trusted_program.h"
 
@@ -71,16 +70,8 @@ class LaunchCommand final : public PackageEventCommand {
   // E_INVALIDARG if the arguments contain a null character.
   explicit LaunchCommand(const Json::JsonObject& parameters);
 
-  // Locks and checks the program now instead of in Execute, because the deliveries of an event
-  // execute one at a time. Returns whether the program is trusted. Blocks for the whole check.
-  bool CheckAhead();
-
-  // Unlocks the program that CheckAhead found trusted.
-  void ForgetCheck();
-
-  // Locks the program that ForgetCheck unlocked and checks it again, like CheckAhead. Returns false
-  // without reading the file if it has changed or cannot be locked.
-  bool CheckUnchanged();
+  // TakeTurn (below) for a launch. The next Execute uses its check of the program.
+  std::unique_lock<std::mutex> TakeTurn(std::mutex& turn);
 
   // Locks the file before the trust check and keeps it locked until the program starts.
   Records::Outcome Execute() override;
@@ -92,9 +83,7 @@ class LaunchCommand final : public PackageEventCommand {
  private:
   std::wstring path;
   std::wstring arguments;
-  // The result of CheckAhead or CheckUnchanged, used by the next Execute.
-  std::optional<Security::ProgramCheck> checked;
-  std::optional<Platform::FileIdentity> forgotten;
+  std::optional<Security::ProgramCheck> checked;  // the result of TakeTurn, for the next Execute
 };
 
 // Sends a JSON message to the app service of a packaged app.

@@ -100,7 +100,8 @@ TEST_F(RealLaunchTest, StartsATrustedProgramOnTheUsersDesktopAndReportsIt) {
 TEST_F(RealLaunchTest, StartsWhatItCheckedAhead) {
   const std::wstring path = folder.Hold(L"pinned.exe");
   LaunchCommand command = Command(path);
-  command.CheckAhead();
+  std::mutex turn;
+  const auto guard = TakeTurn(command, turn);
   EXPECT_FALSE(CanBeWritten(path));
   log.Clear();
   command.Execute();
