@@ -6,7 +6,7 @@
 #include "host/logging.h"
 #include "json/utf8.h"
 #include "launch/launcher.h"
-#include "packages/uwp_package_data_access.h"
+#include "packages/uwp_package.h"
 #include "storage/cap_data_store.h"
 
 namespace Vx::Tessel::Server::Services::Orvane::Qubo {

@@ -11,7 +11,6 @@
 #include "companion/windows_mode.h"
 #include "json/utf8.h"
 #include "launch/launcher.h"
-#include "packages/family_query.h"
 #include "packages/uwp_package.h"
 #include "platform/app_services.h"
 #include "platform/console_user.h"

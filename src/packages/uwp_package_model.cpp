@@ -7,9 +7,7 @@
 
 #include "host/logging.h"
 #include "json/utf8.h"
-#include "packages/package_error.h"
 #include "packages/uwp_package.h"
-#include "packages/uwp_package_data_access.h"
 #include "platform/console_user.h"
 #include "platform/runtime/type_name.h"
 

@@ -1,7 +1,6 @@
 #include "packages/uwp_package.h"
 
 #include "host/uwp_package_model.h"
-#include "packages/uwp_package_data_access.h"
 #include "support/machine_test.h"
 #include "support/memory_shortage.h"
 #include "support/test.h"
