@@ -143,11 +143,11 @@ bool QuboFacade::GetForceRunFromSleep() {
 template <typename Action>
 bool QuboFacade::AsConsoleUser(Action&& action) const {
   const auto token = Launcher().GetUserTokenForCurrentUser(Platform::TokenType::Primary);
-  const auto report = [this](Platform::ActingStep step, Platform::ErrorCode) {
+  const auto report = [this](Platform::ActingStep step, Platform::ErrorCode error) {
     if (step == Platform::ActingStep::Revert) {
       logger->LogWarning(kRevertFailed);
     } else {
-      LogRefusedStep(*logger, step);
+      LogRefusedStep(step, error);
     }
   };
   return Platform::AsUser(token.get(), report, std::forward<Action>(action));

@@ -51,14 +51,12 @@ std::string StoredState() {
   }
 }
 
-Platform::ActingReport ReportTo(const Logging::TraceLogger& logger) {
-  return [&logger](Platform::ActingStep step, Platform::ErrorCode) {
-    if (step == Platform::ActingStep::SessionApi) {
-      logger.LogError(kNoSessionApi);
-    } else {
-      LogRefusedStep(logger, step);
-    }
-  };
+void ReportRefusedStep(Platform::ActingStep step, Platform::ErrorCode error) {
+  if (step == Platform::ActingStep::SessionApi) {
+    Logging::LogManager::SetProvider(Logging::kComponentProvider)->LogError(kNoSessionApi);
+  } else {
+    LogRefusedStep(step, error);
+  }
 }
 
 // One copy operation. Owns all that its thread needs, because the thread may outlive the command.
@@ -78,8 +76,7 @@ struct Copy {
   // paths. So the copy runs with exactly this user's rights.
   void Run() noexcept {
     try {
-      const auto report = ReportTo(*Logging::LogManager::SetProvider(Logging::kComponentProvider));
-      copied = Platform::AsUser(token.get(), report, [this] {
+      copied = Platform::AsUser(token.get(), &ReportRefusedStep, [this] {
         return CopyFileContent(source, destination, caller.c_str(), logger);
       });
     } catch (const std::exception& error) {
@@ -101,8 +98,8 @@ bool Expand(const wchar_t* path, std::wstring& expanded, Platform::OneLogon& use
 
 // Obtains the console user's token, if the user is still `user`. Logs and returns false on failure.
 bool TakeRights(Copy& copy, Platform::OneLogon& user) {
-  const auto report = ReportTo(*Logging::LogManager::SetProvider(Logging::kComponentProvider));
-  copy.token = Platform::ConsoleUserToken(Platform::TokenType::Impersonation, report, &user);
+  copy.token =
+      Platform::ConsoleUserToken(Platform::TokenType::Impersonation, &ReportRefusedStep, &user);
   return copy.token != nullptr;
 }
 
@@ -183,8 +180,8 @@ bool McAfeeHelper::expand_path_impersonated_as_loggedin_user(const std::wstring&
                                                              Platform::OneLogon* same) const {
   logger->LogInfo(kActingAsUser);
   const auto token =
-      Platform::ConsoleUserToken(Platform::TokenType::Impersonation, ReportTo(*logger), same);
-  auto answer = ExpandAsUser(token.get(), path, *logger);
+      Platform::ConsoleUserToken(Platform::TokenType::Impersonation, &ReportRefusedStep, same);
+  auto answer = ExpandAsUser(token.get(), path);
   if (!answer) return false;
   expanded = *std::move(answer);
   return true;

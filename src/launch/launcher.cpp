@@ -45,14 +45,10 @@ constexpr wchar_t kProfile[] = L"%userprofile%";
 
 constexpr std::size_t kExpandedPathChars = 520;
 
-Platform::ActingReport ReportTo(const Logging::TraceLogger& logger) {
-  return
-      [&logger](Platform::ActingStep step, Platform::ErrorCode) { LogRefusedStep(logger, step); };
-}
-
 }  // namespace
 
-void LogRefusedStep(const Logging::TraceLogger& logger, Platform::ActingStep step) {
+void LogRefusedStep(Platform::ActingStep step, Platform::ErrorCode /*error*/) {
+  const Logging::TraceLogger& logger = *LogManager::SetProvider(Logging::kComponentProvider);
   switch (step) {
     case Platform::ActingStep::Session:
       return logger.LogWarning(kNoConsoleSession);
@@ -69,17 +65,14 @@ void LogRefusedStep(const Logging::TraceLogger& logger, Platform::ActingStep ste
   }
 }
 
-std::optional<std::wstring> ExpandAsUser(Platform::RawHandle token, const std::wstring& path,
-                                         const Logging::TraceLogger& logger) {
-  return Platform::AsUser(token, ReportTo(logger), [&]() -> std::optional<std::wstring> {
+std::optional<std::wstring> ExpandAsUser(Platform::RawHandle token, const std::wstring& path) {
+  return Platform::AsUser(token, &LogRefusedStep, [&]() -> std::optional<std::wstring> {
     auto expanded = CurrentMachine().environment->ExpandForUser(token, path, kExpandedPathChars);
     if (expanded) return *std::move(expanded);
-    logger.LogWarning(kExpansionFailed);
+    LogManager::SetProvider(Logging::kComponentProvider)->LogWarning(kExpansionFailed);
     return std::nullopt;
   });
 }
-
-std::mutex Launcher::rLock;
 
 Launcher::Launcher()
     : logger(LogManager::SetProvider(Logging::kComponentProvider)), aliasFolder(kAliasFolder) {}
@@ -91,7 +84,7 @@ Platform::SharedHandle Launcher::GetUserTokenForCurrentUser(TokenType type,
     return nullptr;
   }
   logger->LogInfo(kActingAsUser);
-  return Platform::Share(Platform::ConsoleUserToken(type, ReportTo(*logger), same));
+  return Platform::Share(Platform::ConsoleUserToken(type, &LogRefusedStep, same));
 }
 
 std::wstring Launcher::GetPackageFullNameByFamilyName(const std::wstring& familyName) const {
@@ -129,19 +122,19 @@ std::wstring Launcher::GetPackageInstalledPathByFullName(const std::wstring& ful
 
 std::wstring Launcher::GetPackageFullNameByFamilyName(const std::wstring& familyName,
                                                       Platform::RawHandle token) const {
-  return Platform::AsUser(token, ReportTo(*logger),
+  return Platform::AsUser(token, &LogRefusedStep,
                           [&] { return GetPackageFullNameByFamilyName(familyName); });
 }
 
 std::wstring Launcher::GetPackageInstalledPathByFullName(const std::wstring& fullName,
                                                          Platform::RawHandle token) const {
-  return Platform::AsUser(token, ReportTo(*logger),
+  return Platform::AsUser(token, &LogRefusedStep,
                           [&] { return GetPackageInstalledPathByFullName(fullName); });
 }
 
 std::wstring Launcher::GetPathExpandedImpersonatedAsCurrentUser(const std::wstring& path,
                                                                 Platform::RawHandle token) const {
-  return ExpandAsUser(token, path, *logger).value_or(std::wstring());
+  return ExpandAsUser(token, path).value_or(std::wstring());
 }
 
 std::wstring Launcher::GetAbsolutePathForUWPAlias(const std::wstring& alias) const {
@@ -164,7 +157,7 @@ bool Launcher::Run(const std::wstring& alias, const std::wstring& packageFamilyN
     const std::wstring fullName = GetPackageFullNameByFamilyName(packageFamilyName);
     return fullName.empty() ? fullName : GetPackageInstalledPathByFullName(fullName);
   };
-  const std::wstring folder = Platform::AsUser(actingToken.get(), ReportTo(*logger), installFolder);
+  const std::wstring folder = Platform::AsUser(actingToken.get(), &LogRefusedStep, installFolder);
   if (primaryToken == nullptr || program.empty() || folder.empty()) return false;
   return RunExeAsUser(program, folder, primaryToken.get(), parameter);
 }

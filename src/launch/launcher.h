@@ -15,12 +15,11 @@ inline constexpr wchar_t kActingAsUser[] = L"Attempting to impersonate logged in
 
 // Logs a step that failed while acting as the console user: as an error if the thread could not
 // revert, otherwise as a warning. Does not log a missing session API set, which the caller logs.
-void LogRefusedStep(const Logging::TraceLogger& logger, Platform::ActingStep step);
+void LogRefusedStep(Platform::ActingStep step, Platform::ErrorCode error);
 
 // Expands the variables in `path` as the user of `token`. Returns at most 520 characters with the
 // terminator, or nothing on failure, which is logged.
-std::optional<std::wstring> ExpandAsUser(Platform::RawHandle token, const std::wstring& path,
-                                         const Logging::TraceLogger& logger);
+std::optional<std::wstring> ExpandAsUser(Platform::RawHandle token, const std::wstring& path);
 
 // Starts programs for the console user and queries packages and paths as that user. Copyable.
 // Thread-safe. If a Windows call fails, the operation logs that and returns an empty or false
@@ -57,7 +56,7 @@ class Launcher {
   // Returns whether the console user's profile is a real user's. `profilePath` receives its path.
   bool IsRealUserSession(std::wstring& profilePath) const;
 
-  static std::mutex rLock;  // serializes package queries by family name
+  static inline std::mutex rLock;  // serializes package queries by family name
 
  private:
   Logging::TraceLogger* logger;
