@@ -5,7 +5,6 @@
 #include <optional>
 #include <utility>
 
-#include "companion/companion_apps.h"
 #include "launch/launcher.h"
 #include "platform/clock.h"
 #include "platform/machine.h"
@@ -71,25 +70,8 @@ void LaunchLater(const Platform::SharedHandle& timer, const Logging::TraceLogger
 
 }  // namespace
 
-constinit const wchar_t* const AureloLaunchBehavior::package_family_name =
-    kAurelo.packageFamilyName;
-constinit const wchar_t* const AureloLaunchBehavior::alias = kAurelo.alias;
-
 bool AureloLaunchBehavior::Run(const std::wstring& parameter) const {
   return Launcher().Run(alias, package_family_name, parameter);
-}
-
-bool AureloLaunchBehavior::Run() const {
-  return Run({});
-}
-
-AureloFacade::AureloFacade() : AureloFacade(std::make_unique<AureloLaunchBehavior>()) {}
-
-AureloFacade::AureloFacade(std::unique_ptr<Base::ApplicationLaunchBehavior> launch)
-    : launchBehavior(std::move(launch)) {}
-
-bool AureloFacade::LaunchUwpForOobe() const {
-  return launchBehavior->Run();
 }
 
 void ScheduleLaunch(const Logging::TraceLogger& logger, LaunchTimer& aureloLaunchTimer) {

@@ -2,8 +2,10 @@
 
 #include <memory>
 #include <string>
+#include <utility>
 
 #include "companion/behaviors.h"
+#include "companion/companion_apps.h"
 #include "host/logging.h"
 #include "platform/unique_handle.h"
 
@@ -12,20 +14,21 @@ namespace Vx::Tessel::Server::Services::Orvane::Aurelo {
 // Starts the AI-experience app. It has no fallback.
 class AureloLaunchBehavior final : public Base::ApplicationLaunchBehavior {
  public:
-  static const wchar_t* const package_family_name;
-  static const wchar_t* const alias;
+  static constexpr const wchar_t* package_family_name = kAurelo.packageFamilyName;
+  static constexpr const wchar_t* alias = kAurelo.alias;
 
   bool Run(const std::wstring& parameter) const override;
-  bool Run() const override;
+  bool Run() const override { return Run({}); }
 };
 
 // The AI-experience app of the console user. Construct one per operation.
 class AureloFacade {
  public:
-  AureloFacade();
-  explicit AureloFacade(std::unique_ptr<Base::ApplicationLaunchBehavior> launch);
+  AureloFacade() : AureloFacade(std::make_unique<AureloLaunchBehavior>()) {}
+  explicit AureloFacade(std::unique_ptr<Base::ApplicationLaunchBehavior> launch)
+      : launchBehavior(std::move(launch)) {}
 
-  bool LaunchUwpForOobe() const;
+  bool LaunchUwpForOobe() const { return launchBehavior->Run(); }
 
  private:
   std::unique_ptr<Base::ApplicationLaunchBehavior> launchBehavior;

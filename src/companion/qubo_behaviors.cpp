@@ -1,36 +1,65 @@
 #include "companion/qubo_behaviors.h"
 
 #include <exception>
+#include <stdexcept>
 
-#include "companion/companion_apps.h"
 #include "host/logging.h"
 #include "json/utf8.h"
 #include "launch/launcher.h"
 #include "packages/uwp_package.h"
+#include "platform/environment.h"
+#include "platform/files.h"
+#include "platform/machine.h"
+#include "platform/registry.h"
 #include "storage/cap_data_store.h"
 
 namespace Vx::Tessel::Server::Services::Orvane::Qubo {
 
 namespace {
 
+constexpr char kNotImplemented[] = "Method not implemented yet.";
+
+constexpr std::uint32_t kFolderAttribute = 0x10;
+
 constexpr wchar_t kNotMarked[] = L"CapDataStore - a mark was not stored: %S";
 
 constexpr std::size_t kLongestKey = 256;  // UTF-16 units
 
+bool FolderExists(const std::wstring& pathWithVariables) {
+  const Platform::Machine& machine = Platform::CurrentMachine();
+  const auto path = machine.environment->Expand(pathWithVariables, Platform::kShortPath);
+  if (!path) return false;
+  const auto attributes = machine.files->Attributes(*path);
+  return attributes && (*attributes & kFolderAttribute) != 0;
+}
+
 }  // namespace
 
-constinit const wchar_t* const QuboUwpLaunchBehavior::package_family_name = kQubo.packageFamilyName;
-constinit const wchar_t* const QuboUwpLaunchBehavior::alias = kQubo.alias;
-constinit const wchar_t* const QuboUwpLaunchBehavior::package_family_name2 =
-    kLumo.packageFamilyName;
-constinit const wchar_t* const QuboUwpLaunchBehavior::alias2 = kLumo.alias;
+bool SentraSoftwareCheckBehavior::IsWin32Installed() const {
+  return Platform::CurrentMachine().registry->Exists(registryKey, registryValue);
+}
 
-QuboRegistrationCheckBehavior::QuboRegistrationCheckBehavior(
-    std::unique_ptr<RegistrationHelper> helper)
-    : registrationHelper(std::move(helper)) {}
+bool SentraSoftwareCheckBehavior::IsUwpInstalled() const {
+  const Launcher launcher;
+  const auto token = launcher.GetUserTokenForCurrentUser(Platform::TokenType::Impersonation);
+  if (token == nullptr) return false;
+  return !launcher.GetPackageFullNameByFamilyName(packageFamilyName, token.get()).empty();
+}
 
-RegistrationHelper::RegistrationState QuboRegistrationCheckBehavior::GetState() const {
-  return registrationHelper->GetRegistrationState();
+bool SentraSoftwareCheckBehavior::IsPreloaded() const {
+  return FolderExists(preloadFolder);
+}
+
+bool McAfeeSoftwareCheckBehavior::IsWin32Installed() const {
+  return FolderExists(installFolder);
+}
+
+bool McAfeeSoftwareCheckBehavior::IsUwpInstalled() const {
+  throw std::logic_error(kNotImplemented);
+}
+
+bool McAfeeSoftwareCheckBehavior::IsPreloaded() const {
+  return FolderExists(preloadFolder);
 }
 
 bool QuboUwpLaunchBehavior::Run(const std::wstring& parameter) const {
@@ -38,13 +67,6 @@ bool QuboUwpLaunchBehavior::Run(const std::wstring& parameter) const {
   return launcher.Run(alias, package_family_name, parameter) ||
          launcher.Run(alias2, package_family_name2, parameter);
 }
-
-bool QuboUwpLaunchBehavior::Run() const {
-  return Run({});
-}
-
-QuboLaunchCriteriaDataAccess::QuboLaunchCriteriaDataAccess(std::string storeKey)
-    : key(std::move(storeKey)) {}
 
 bool QuboLaunchCriteriaDataAccess::SaveSkipState(bool skip) const {
   // The client chooses the key. An empty key is not a criterion, and long ones would fill the
@@ -76,16 +98,6 @@ std::pair<std::int32_t, std::uint64_t> QuboBuildInfoDataAccess::GetOriginAndVers
   } catch (const std::exception&) {
     return {0, 0};
   }
-}
-
-std::shared_ptr<Base::UwpBuildInfoDataAccess> QuboDataAccessFactory::CreateUwpBuildInfoDataAccess()
-    const {
-  return std::make_shared<QuboBuildInfoDataAccess>();
-}
-
-std::shared_ptr<Base::ApplicationLaunchCriteriaDataAccess>
-QuboDataAccessFactory::CreateApplicationLaunchCriteriaDataAccess(const std::string& key) const {
-  return std::make_shared<QuboLaunchCriteriaDataAccess>(key);
 }
 
 }  // namespace Vx::Tessel::Server::Services::Orvane::Qubo

@@ -7,7 +7,6 @@
 #include <utility>
 
 #include "companion/companion_apps.h"
-#include "companion/software_check_behaviors.h"
 #include "companion/windows_mode.h"
 #include "json/utf8.h"
 #include "launch/launcher.h"
@@ -92,19 +91,6 @@ bool IsFirstMajor(std::uint64_t version, unsigned minor) {
 
 }  // namespace
 
-constinit const char* const QuboFacade::datastore_key_wakeup_for_smode_skip =
-    "qubo_wakeup_for_smode_skip";
-constinit const char* const QuboFacade::datastore_key_autolaunch_software_happened =
-    "qubo_autolaunch_software_happened";
-constinit const char* const QuboFacade::datastore_key_autolaunch_registration_happened =
-    "qubo_autolaunch_registration_happened";
-constinit const wchar_t* const QuboFacade::win_key_zephra = L"SOFTWARE\\Vx\\Tessel";
-constinit const wchar_t* const QuboFacade::win_key_value_name =
-    L"qubo_force_launch_logic_after_sleep";
-constinit const wchar_t* const QuboFacade::oobe_app_service_name = L"Vx.Lumos.MachineEventHandler";
-constinit const wchar_t* const QuboFacade::oobe_app_service_name_qubo =
-    L"Vx.Kestra.MachineEventHandler";
-
 QuboFacade::QuboFacade()
     : QuboFacade(
           std::make_shared<QuboDataAccessFactory>(),
@@ -129,12 +115,6 @@ QuboFacade::QuboFacade(std::shared_ptr<QuboDataAccessFactory> dataAccess,
       modeCheck(std::move(mode)),
       launchBehavior(std::move(launch)),
       launchOverride(override) {}
-
-QuboFacade::~QuboFacade() = default;
-
-QuboLaunchOverride QuboFacade::GetLaunchOverride() {
-  return QuboLaunchOverride(GetForceRunFromSleep());
-}
 
 bool QuboFacade::GetForceRunFromSleep() {
   return CurrentMachine().registry->Exists(win_key_zephra, win_key_value_name);
@@ -209,14 +189,6 @@ bool QuboFacade::RegisterApp(const std::wstring& user, const std::wstring& fullN
   }
 }
 
-bool QuboFacade::LaunchUwpForOobe() const {
-  return launchBehavior->Run();
-}
-
-bool QuboFacade::LaunchUwpWithParameter(const std::wstring& parameter) const {
-  return launchBehavior->Run(parameter);
-}
-
 QuboStartingPoint QuboFacade::LaunchUwpWhenComingBackFromSleepIfNeeded() {
   const auto criteria =
       factory->CreateApplicationLaunchCriteriaDataAccess(datastore_key_wakeup_for_smode_skip);
@@ -280,11 +252,6 @@ bool QuboFacade::CallAppServiceAfterOobe(const std::wstring& packageFamilyName,
 
 bool QuboFacade::SkipAutoLaunchCriteria(const std::string& key) const {
   return SkipAutoLaunchCriteria(factory->CreateApplicationLaunchCriteriaDataAccess(key));
-}
-
-bool QuboFacade::SkipAutoLaunchCriteria(
-    const std::shared_ptr<Base::ApplicationLaunchCriteriaDataAccess>& criteria) const {
-  return criteria->SaveSkipState(true);
 }
 
 bool QuboFacade::IsStubClient() const {

@@ -28,13 +28,15 @@ class QuboFacade {
  public:
   using QuboStartingPoint = Qubo::QuboStartingPoint;
 
-  static const char* const datastore_key_wakeup_for_smode_skip;
-  static const char* const datastore_key_autolaunch_software_happened;
-  static const char* const datastore_key_autolaunch_registration_happened;
-  static const wchar_t* const win_key_zephra;
-  static const wchar_t* const win_key_value_name;
-  static const wchar_t* const oobe_app_service_name;
-  static const wchar_t* const oobe_app_service_name_qubo;
+  static constexpr char datastore_key_wakeup_for_smode_skip[] = "qubo_wakeup_for_smode_skip";
+  static constexpr char datastore_key_autolaunch_software_happened[] =
+      "qubo_autolaunch_software_happened";
+  static constexpr char datastore_key_autolaunch_registration_happened[] =
+      "qubo_autolaunch_registration_happened";
+  static constexpr wchar_t win_key_zephra[] = L"SOFTWARE\\Vx\\Tessel";
+  static constexpr wchar_t win_key_value_name[] = L"qubo_force_launch_logic_after_sleep";
+  static constexpr wchar_t oobe_app_service_name[] = L"Vx.Lumos.MachineEventHandler";
+  static constexpr wchar_t oobe_app_service_name_qubo[] = L"Vx.Kestra.MachineEventHandler";
 
   QuboFacade();
 
@@ -46,7 +48,6 @@ class QuboFacade {
              std::unique_ptr<Base::ApplicationLaunchBehavior> launch, QuboLaunchOverride override);
   QuboFacade(const QuboFacade&) = delete;
   QuboFacade& operator=(const QuboFacade&) = delete;
-  ~QuboFacade();
 
   // `name` receives the console user as "domain\user".
   bool GetCurrentUserName(std::wstring& name) const;
@@ -58,8 +59,10 @@ class QuboFacade {
   bool RegisterApp() const;
   bool RegisterApp(const std::wstring& user, const std::wstring& fullName) const;
 
-  bool LaunchUwpForOobe() const;
-  bool LaunchUwpWithParameter(const std::wstring& parameter) const;
+  bool LaunchUwpForOobe() const { return launchBehavior->Run(); }
+  bool LaunchUwpWithParameter(const std::wstring& parameter) const {
+    return launchBehavior->Run(parameter);
+  }
 
   // Registers the package, then starts the app if there is a reason to. Marks the reason as used
   // even if the app could not be started.
@@ -80,14 +83,18 @@ class QuboFacade {
   // Marks a reason for an automatic launch as used. Accepts any key of 1 to 256 UTF-16 units.
   bool SkipAutoLaunchCriteria(const std::string& key) const;
   bool SkipAutoLaunchCriteria(
-      const std::shared_ptr<Base::ApplicationLaunchCriteriaDataAccess>& criteria) const;
+      const std::shared_ptr<Base::ApplicationLaunchCriteriaDataAccess>& criteria) const {
+    return criteria->SaveSkipState(true);
+  }
 
   // Return whether the predecessor's package is a 1.0 placeholder or a 1.1 build, respectively.
   bool IsStubClient() const;
   bool IsNuboClient() const;
 
  private:
-  static QuboLaunchOverride GetLaunchOverride();
+  static QuboLaunchOverride GetLaunchOverride() {
+    return QuboLaunchOverride(GetForceRunFromSleep());
+  }
   static bool GetForceRunFromSleep();
 
   ResumeDecision GetStartingPointWhenComingBackFromSleepForWindowsS() const;

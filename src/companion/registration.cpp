@@ -144,9 +144,6 @@ bool AwaitCopy(const CopyPtr& copy) noexcept try {
 
 }  // namespace
 
-RegistrationHelper::RegistrationHelper()
-    : logger(Logging::LogManager::SetProvider(Logging::kComponentProvider)) {}
-
 RegistrationHelper::RegistrationState RegistrationHelper::GetRegistrationState() const {
   const std::string value = StoredState();
   logger->LogInfo(kValueIs, kRegistration, value.c_str());
@@ -171,9 +168,6 @@ RegistrationHelper::RegistrationState RegistrationHelper::MapValueToState(std::s
   }
   return RegistrationState::Unknown;
 }
-
-McAfeeHelper::McAfeeHelper()
-    : logger(Logging::LogManager::SetProvider(Logging::kComponentProvider)) {}
 
 bool McAfeeHelper::expand_path_impersonated_as_loggedin_user(const std::wstring& path,
                                                              std::wstring& expanded,

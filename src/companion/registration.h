@@ -21,8 +21,6 @@ class RegistrationHelper {
     Unknown = 99,
   };
 
-  RegistrationHelper();
-
   // Returns Unknown if the store cannot be read. Does not throw.
   RegistrationState GetRegistrationState() const;
 
@@ -30,21 +28,21 @@ class RegistrationHelper {
   static RegistrationState MapValueToState(std::string_view value);
 
  private:
-  const Logging::TraceLogger* logger;
+  const Logging::TraceLogger* logger =
+      Logging::LogManager::SetProvider(Logging::kComponentProvider);
 };
 
 // Expands paths as the console user. Thread-safe. Each call reverts before it returns.
 class McAfeeHelper {
  public:
-  McAfeeHelper();
-
   // Expands the console user's variables in `path` to at most 520 characters with the terminator.
   // Logs and returns false if there is no console user, the user is not `same` or a call fails.
   bool expand_path_impersonated_as_loggedin_user(const std::wstring& path, std::wstring& expanded,
                                                  Platform::OneLogon* same = nullptr) const;
 
  private:
-  const Logging::TraceLogger* logger;
+  const Logging::TraceLogger* logger =
+      Logging::LogManager::SetProvider(Logging::kComponentProvider);
 };
 
 // Copies the machine's registration data to where the console user's programs look for it. Expands

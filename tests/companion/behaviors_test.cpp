@@ -2,7 +2,6 @@
 
 #include "companion/qubo_behaviors.h"
 #include "companion/registration.h"
-#include "companion/software_check_behaviors.h"
 #include "companion/text_files.h"
 #include "companion/windows_mode.h"
 #include "platform/threads.h"
