@@ -85,6 +85,21 @@ std::wstring FullNameOf(const CompanionApp& app) {
   }
 }
 
+void ReportRefusedStep(Platform::ActingStep step, Platform::ErrorCode error) {
+  if (step == Platform::ActingStep::Revert) {
+    LogManager::SetProvider(Logging::kComponentProvider)->LogWarning(kRevertFailed);
+  } else {
+    LogRefusedStep(step, error);
+  }
+}
+
+// Runs `action` as the console user and returns its result, or false if impersonation fails.
+template <typename Action>
+bool AsConsoleUser(Action&& action) {
+  const auto token = Launcher().GetUserTokenForCurrentUser(Platform::TokenType::Primary);
+  return Platform::AsUser(token.get(), &ReportRefusedStep, std::forward<Action>(action));
+}
+
 bool IsFirstMajor(std::uint64_t version, unsigned minor) {
   return (version >> 48) == 1 && ((version >> 32) & 0xFFFF) == minor;
 }
@@ -120,19 +135,6 @@ bool QuboFacade::GetForceRunFromSleep() {
   return CurrentMachine().registry->Exists(win_key_zephra, win_key_value_name);
 }
 
-template <typename Action>
-bool QuboFacade::AsConsoleUser(Action&& action) const {
-  const auto token = Launcher().GetUserTokenForCurrentUser(Platform::TokenType::Primary);
-  const auto report = [this](Platform::ActingStep step, Platform::ErrorCode error) {
-    if (step == Platform::ActingStep::Revert) {
-      logger->LogWarning(kRevertFailed);
-    } else {
-      LogRefusedStep(step, error);
-    }
-  };
-  return Platform::AsUser(token.get(), report, std::forward<Action>(action));
-}
-
 bool QuboFacade::GetCurrentUserName(std::wstring& name) const {
   if (!CurrentMachine().apiSets->IsPresent(Platform::kSessionApiSet)) {
     logger->LogError(kNoSessionApi);
@@ -151,12 +153,12 @@ bool QuboFacade::GetCurrentUserName(std::wstring& name) const {
 
 bool QuboFacade::GetPackageFullName(std::wstring& fullName) const {
   return AsConsoleUser([&] {
-    fullName = FullNameOf(kQubo);
-    if (!fullName.empty()) return true;
-    logger->LogWarning(kNoQuboName);
-    fullName = FullNameOf(kLumo);
-    if (!fullName.empty()) return true;
-    logger->LogWarning(kNoLumoName);
+    for (const auto& [app, missing] :
+         {std::pair(kQubo, kNoQuboName), std::pair(kLumo, kNoLumoName)}) {
+      fullName = FullNameOf(app);
+      if (!fullName.empty()) return true;
+      logger->LogWarning(missing);
+    }
     return false;
   });
 }

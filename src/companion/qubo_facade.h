@@ -100,10 +100,6 @@ class QuboFacade {
   ResumeDecision GetStartingPointWhenComingBackFromSleepForWindowsS() const;
   void MarkAsUsed(QuboStartingPoint reason) const;
 
-  // Runs `action` as the console user and returns its result, or false if impersonation fails.
-  template <typename Action>
-  bool AsConsoleUser(Action&& action) const;
-
   const Logging::TraceLogger* logger;
   std::shared_ptr<QuboDataAccessFactory> factory;
   std::unique_ptr<Base::SoftwareCheckBehavior> softwareCheck;
