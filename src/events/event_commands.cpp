@@ -6,7 +6,7 @@
 #include <utility>
 
 #include "host/logging.h"
-#include "launch/session_launch.h"
+#include "launch/launcher.h"
 #include "platform/app_services.h"
 #include "platform/clock.h"
 #include "platform/machine.h"

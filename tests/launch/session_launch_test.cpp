@@ -1,4 +1,4 @@
-#include "launch/session_launch.h"
+#include "launch/launcher.h"
 
 #include "security/trusted_program.h"
 #include "support/machine_test.h"

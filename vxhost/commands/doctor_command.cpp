@@ -11,7 +11,7 @@
 #include "hosting/loaded_module.h"
 #include "hosting/store_hold.h"
 #include "hosting/text.h"
-#include "launch/session_launch.h"
+#include "launch/launcher.h"
 #include "platform/clock.h"
 #include "platform/console_user.h"
 #include "platform/environment.h"

@@ -8,7 +8,7 @@
 #include "events/subscription_delivery.h"
 #include "hosting/text.h"
 #include "json/json_object.h"
-#include "launch/session_launch.h"
+#include "launch/launcher.h"
 #include "platform/machine.h"
 #include "platform/sessions.h"
 #include "platform/system_services.h"
