@@ -16,7 +16,6 @@ void PlayRecord::BeginStep(std::size_t line, const std::wstring& say) {
   const auto moment = now();
   const std::lock_guard guard(mutex);
   steps.push_back({.line = line, .say = say, .begin = moment, .end = moment});
-  stepBegin = entries.size();
 }
 
 void PlayRecord::EndStep() {
@@ -36,12 +35,10 @@ void PlayRecord::Add(RecordEntry entry) {
 
 bool PlayRecord::Contains(Happening what, const std::wstring& text) const {
   const std::lock_guard guard(mutex);
-  return std::any_of(entries.begin() + static_cast<std::ptrdiff_t>(stepBegin), entries.end(),
-                     [&](const RecordEntry& entry) {
-                       const std::wstring& said =
-                           what == Happening::Log ? entry.log.message : entry.text;
-                       return entry.what == what && said.find(text) != said.npos;
-                     });
+  return std::ranges::any_of(entries, [&](const RecordEntry& entry) {
+    const std::wstring& said = what == Happening::Log ? entry.log.message : entry.text;
+    return entry.step == steps.size() && entry.what == what && said.find(text) != said.npos;
+  });
 }
 
 std::vector<RecordStep> PlayRecord::Steps() const {
@@ -52,15 +49,6 @@ std::vector<RecordStep> PlayRecord::Steps() const {
 std::vector<RecordEntry> PlayRecord::Entries() const {
   const std::lock_guard guard(mutex);
   return entries;
-}
-
-bool WaitUntil(int seconds, const std::function<bool()>& condition) {
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
-  while (!condition()) {
-    if (std::chrono::steady_clock::now() > deadline) return false;
-    Sleep(5);
-  }
-  return true;
 }
 
 }  // namespace Vx::Hosting::Tool

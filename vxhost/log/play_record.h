@@ -64,10 +64,6 @@ class PlayRecord {
   mutable std::mutex mutex;  // guards the members below
   std::vector<RecordStep> steps;
   std::vector<RecordEntry> entries;
-  std::size_t stepBegin = 0;  // index of the step's first entry
 };
-
-// Polls `condition` every few milliseconds of real time. Returns false if `seconds` elapse first.
-bool WaitUntil(int seconds, const std::function<bool()>& condition);
 
 }  // namespace Vx::Hosting::Tool

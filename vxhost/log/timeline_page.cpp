@@ -87,28 +87,16 @@ std::wstring SubscriptionJson(const std::wstring& text) {
   return L"null";  // not a request of this kind
 }
 
-// Assigns numbers to texts, because a log repeats a few messages thousands of times.
-class Texts {
- public:
-  std::size_t NumberOf(const std::wstring& text) {
-    const auto [known, isNew] = numbers.try_emplace(text, all.size());
-    if (isNew) all.push_back(text);
-    return known->second;
-  }
-  const std::vector<std::wstring>& All() const { return all; }
+// Numbers of texts, because a log repeats a few messages thousands of times.
+using Numbers = std::map<std::wstring, std::size_t>;
 
- private:
-  std::map<std::wstring, std::size_t> numbers;
-  std::vector<std::wstring> all;
-};
-
-std::wstring EntryJson(const RecordEntry& entry, Texts& texts) {
-  JsonRow row{
-      {L"at", entry.at.count()},
-      {L"step", entry.step},
-      {L"what", WhatOf(entry)},
-      {L"text", texts.NumberOf(entry.what == Happening::Log ? entry.log.message : entry.text)},
-      {L"thread", entry.thread}};
+std::wstring EntryJson(const RecordEntry& entry, Numbers& numbers) {
+  const std::wstring& text = entry.what == Happening::Log ? entry.log.message : entry.text;
+  JsonRow row{{L"at", entry.at.count()},
+              {L"step", entry.step},
+              {L"what", WhatOf(entry)},
+              {L"text", numbers.try_emplace(text, numbers.size()).first->second},
+              {L"thread", entry.thread}};
   Add(row, L"level", entry.log.level);
   Add(row, L"caller", entry.log.caller);
   if (entry.what == Happening::Command) {
@@ -149,20 +137,18 @@ std::string TimelinePage(const PageHead& head, const std::vector<RecordStep>& st
                {L"powerCodes", codes}};
   if (head.begin) data.Add({L"begin", *head.begin});
   const auto shown = [](const std::wstring& text) { return Quoted(Shown(text)); };
-  Texts texts;
   AddList(data, L"stored", stored, &SubscriptionJson);
   AddList(data, L"steps", steps, [&](const RecordStep& step) { return shown(step.say); });
+  Numbers numbers;
   AddList(data, L"entries", entries,
-          [&](const RecordEntry& entry) { return EntryJson(entry, texts); });
-  AddList(data, L"texts", texts.All(), shown);
+          [&](const RecordEntry& entry) { return EntryJson(entry, numbers); });
+  std::vector<std::wstring> texts(numbers.size());
+  for (const auto& [text, number] : numbers) texts[number] = text;
+  AddList(data, L"texts", texts, shown);
   // Without '<', no string can end the script element or start a comment in it.
   std::string json;
   for (const char unit : Utf8(data.Text())) {
-    if (unit == '<') {
-      json += "\\u003c";
-    } else {
-      json += unit;
-    }
+    json += unit == '<' ? std::string_view("\\u003c") : std::string_view(&unit, 1);
   }
   std::string page = kTimelineTemplate;
   return page.replace(page.find(kPlaceOfData), kPlaceOfData.size(), json);

@@ -1,7 +1,9 @@
 #include "vxhost/play/scenario.h"
 
+#include <chrono>
 #include <cwchar>
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <sstream>
 #include <stdexcept>
@@ -110,6 +112,16 @@ std::wstring ReadIfThere(const std::wstring& path) {
   } catch (const std::runtime_error&) {
     return {};
   }
+}
+
+// Polls `condition` every few milliseconds of real time. Returns false if `seconds` elapse first.
+bool WaitUntil(int seconds, const std::function<bool()>& condition) {
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
+  while (!condition()) {
+    if (std::chrono::steady_clock::now() > deadline) return false;
+    Sleep(5);
+  }
+  return true;
 }
 
 class ScenarioRunner {
