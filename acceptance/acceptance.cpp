@@ -17,7 +17,7 @@
 #include <shlobj.h>
 
 #include "acceptance/kit.h"
-#include "hosting/program_start.h"
+#include "hosting/loaded_module.h"
 #include "hosting/text.h"
 #include "vxhost/common/console.h"
 

@@ -1,15 +1,20 @@
 #include "hosting/loaded_module.h"
 
+#include <algorithm>
 #include <cstddef>
-#include <cstdint>
+#include <exception>
+#include <iterator>
+#include <map>
+#include <mutex>
 #include <stdexcept>
 #include <string_view>
+#include <utility>
 
 #include <windows.h>
 
-#include "hosting/module_log.h"
 #include "hosting/text.h"
 #include "hosting/windows_error.h"
+#include "platform/runtime/fail_fast.h"
 
 namespace Vx::Hosting {
 
@@ -18,11 +23,6 @@ using Tessel::Server::Services::ClientContext;
 namespace {
 
 constexpr std::size_t kLongestCaller = 64;  // a longer one makes the module terminate the process
-
-struct LibraryFreer {
-  void operator()(void* loaded) const noexcept { FreeLibrary(static_cast<HMODULE>(loaded)); }
-};
-using UniqueLibrary = std::unique_ptr<void, LibraryFreer>;
 
 // Both throw std::out_of_range if `offset` is beyond the end of the image.
 template <typename Value>
@@ -64,7 +64,41 @@ std::string MissingImport(std::string_view image, const IMAGE_DATA_DIRECTORY& di
   return {};
 }
 
+constexpr wchar_t kNoSink[] =
+    L"the module logs through a library without VxSetLogSink, so its lines are not in this log";
+
+constexpr const wchar_t* kLevels[] = {L"INFO", L"WARNING", L"ERROR"};
+constexpr std::uint32_t kWarning = 1;
+
+// Returns the member, or zero if the struct is too short to contain it.
+template <typename Struct, typename Value>
+Value Read(const Struct& all, Value Struct::*member) {
+  const auto* const end = reinterpret_cast<const std::byte*>(&(all.*member) + 1);
+  const auto size = static_cast<std::size_t>(end - reinterpret_cast<const std::byte*>(&all));
+  return size <= all.size ? all.*member : Value{};
+}
+
+std::mutex runningLock;
+std::map<DWORD, CommandResult*> running;  // by the ID of the thread that runs the command
+
+template <typename Struct>
+std::wstring ReadText(const Struct& all, const wchar_t* Struct::*member) {
+  const wchar_t* const text = Read(all, member);
+  return text != nullptr ? text : L"";
+}
+
 }  // namespace
+
+void PrepareProgram() noexcept {
+  Platform::FailFastOnTerminate();
+  // Otherwise, a file next to the program could replace one that an imported library loads later.
+  // https://learn.microsoft.com/windows/win32/api/libloaderapi/nf-libloaderapi-setdefaultdlldirectories
+  if (SetDefaultDllDirectories(LOAD_LIBRARY_SEARCH_SYSTEM32) == FALSE) Platform::FailFast();
+}
+
+void LibraryFreer::operator()(void* library) const noexcept {
+  FreeLibrary(static_cast<HMODULE>(library));
+}
 
 // With this flag, Windows runs no code, loads no imports and tags the low two bits of the handle:
 // https://learn.microsoft.com/windows/win32/api/libloaderapi/nf-libloaderapi-loadlibraryexw
@@ -112,10 +146,6 @@ CommandResult ServiceSession::Execute(std::uint32_t id, const std::wstring& requ
   return answer;
 }
 
-void LoadedModule::Unloader::operator()(void* loaded) const noexcept {
-  LibraryFreer()(loaded);
-}
-
 LoadedModule::LoadedModule(const std::wstring& fullPath)
     : module(LoadLibraryExW(fullPath.c_str(), nullptr, LOAD_LIBRARY_SEARCH_SYSTEM32)) {
   if (module == nullptr) {
@@ -140,6 +170,81 @@ ServiceSession LoadedModule::NewService() const {
   auto* service = factory();
   if (service == nullptr) throw std::runtime_error("the module's factory returned null");
   return ServiceSession(service);
+}
+
+const wchar_t* LevelName(std::uint32_t level) {
+  return kLevels[std::min<std::size_t>(level, std::size(kLevels) - 1)];
+}
+
+LogLine LineOf(const VxLogLine& line) {
+  LogLine copy{.level = LevelName(Read(line, &VxLogLine::level)),
+               .provider = ReadText(line, &VxLogLine::provider),
+               .caller = ReadText(line, &VxLogLine::caller),
+               .message = ReadText(line, &VxLogLine::text)};
+  if (const VxLogRecord* const record = Read(line, &VxLogLine::record); record != nullptr) {
+    copy.record = RecordOf(*record);
+  }
+  return copy;
+}
+
+DecisionRecord RecordOf(const VxLogRecord& record) {
+  DecisionRecord copy;
+  for (const auto& member : kRecordTexts) copy.*member.text = ReadText(record, member.source);
+  copy.number = Read(record, &VxLogRecord::number);
+  copy.status = Read(record, &VxLogRecord::status);
+  copy.process = Read(record, &VxLogRecord::process);
+  copy.delivery = Read(record, &VxLogRecord::delivery);
+  copy.milliseconds = Read(record, &VxLogRecord::milliseconds);
+  return copy;
+}
+
+DecisionScope::DecisionScope(CommandResult& result) {
+  const std::lock_guard guard(runningLock);
+  running[GetCurrentThreadId()] = &result;
+}
+
+DecisionScope::~DecisionScope() {
+  const std::lock_guard guard(runningLock);
+  running.erase(GetCurrentThreadId());
+}
+
+void NoteDecision(const VxLogRecord& record) {
+  if (ReadText(record, &VxLogRecord::kind) != L"command") return;
+  const std::lock_guard guard(runningLock);
+  const auto mine = running.find(GetCurrentThreadId());
+  if (mine == running.end()) return;
+  mine->second->decision = ReadText(record, &VxLogRecord::decision);
+  mine->second->reason = ReadText(record, &VxLogRecord::reason);
+}
+
+ModuleLog::ModuleLog(const LoadedModule& module, Receiver function)
+    : receiver(std::move(function)),
+      setSink{reinterpret_cast<VxSetLogSinkFunction>(module.Find("VxSetLogSink"))} {
+  if (setSink != nullptr) {
+    setSink(&Take, this);
+    return;
+  }
+  const VxLogLine warning{.size = sizeof warning,
+                          .level = kWarning,
+                          .thread = GetCurrentThreadId(),
+                          .provider = kHostProvider,
+                          .caller = L"",
+                          .text = kNoSink,
+                          .record = nullptr};
+  Take(&warning, this);
+}
+
+ModuleLog::~ModuleLog() {
+  if (setSink != nullptr) setSink(nullptr, nullptr);
+}
+
+void ModuleLog::Take(const VxLogLine* line, void* context) noexcept {
+  try {
+    const VxLogRecord* const record = Read(*line, &VxLogLine::record);
+    if (record != nullptr) NoteDecision(*record);
+    static_cast<ModuleLog*>(context)->receiver(*line);
+  } catch (const std::exception&) {  // NOLINT(bugprone-empty-catch): see the header
+  }
 }
 
 }  // namespace Vx::Hosting

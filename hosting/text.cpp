@@ -134,6 +134,15 @@ std::string CodeText(std::uint32_t number) {
   return text;
 }
 
+std::string ErrorText(std::uint32_t error) {
+  wchar_t text[512] = {};
+  DWORD length = FormatMessageW(
+      FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS | FORMAT_MESSAGE_MAX_WIDTH_MASK,
+      nullptr, error, 0, text, static_cast<DWORD>(std::size(text)), nullptr);
+  while (length > 0 && (text[length - 1] == L' ' || text[length - 1] == L'.')) --length;
+  return length == 0 ? "it has no text" : Utf8(std::wstring_view(text, length));
+}
+
 std::wstring OwnPath() {
   std::wstring program(kLongestPath, L'\0');
   program.resize(GetModuleFileNameW(nullptr, program.data(), DWORD{kLongestPath}));

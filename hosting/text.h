@@ -47,6 +47,9 @@ std::wstring FullPathOfFile(const std::string& path);
 // Formats a code or status in hexadecimal, as in "0x80070005".
 std::string CodeText(std::uint32_t number);
 
+// Returns Windows' message for an error, such as "Access denied".
+std::string ErrorText(std::uint32_t error);
+
 // Return the full paths of this program and of the module in the same folder.
 std::wstring OwnPath();
 std::wstring DefaultModule();

@@ -20,7 +20,4 @@ class WindowsError : public std::runtime_error {
   std::uint32_t code;
 };
 
-// Returns Windows' message for an error, such as "Access denied".
-std::string ErrorText(std::uint32_t error);
-
 }  // namespace Vx::Hosting

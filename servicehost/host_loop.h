@@ -5,7 +5,6 @@
 #include <string>
 
 #include "hosting/loaded_module.h"
-#include "hosting/module_log.h"
 #include "platform/thread.h"
 #include "platform/unique_handle.h"
 #include "servicehost/envelope.h"

@@ -9,7 +9,7 @@
 
 #include <shellapi.h>
 
-#include "hosting/program_start.h"
+#include "hosting/loaded_module.h"
 #include "servicehost/service_process.h"
 
 int main() {

@@ -12,7 +12,7 @@
 #include <string_view>
 #include <vector>
 
-#include "hosting/module_log.h"
+#include "hosting/loaded_module.h"
 #include "platform/thread.h"
 
 namespace Vx::Hosting::ServiceHost {

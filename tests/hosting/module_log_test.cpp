@@ -1,4 +1,4 @@
-#include "hosting/module_log.h"
+#include "hosting/loaded_module.h"
 
 #include "platform/thread.h"
 #include "support/test.h"

@@ -6,7 +6,7 @@
 
 #include <shellapi.h>
 
-#include "hosting/program_start.h"
+#include "hosting/loaded_module.h"
 #include "hosting/text.h"
 #include "vxhost/commands/commands.h"
 #include "vxhost/common/console.h"

@@ -9,7 +9,6 @@
 
 #include "hosting/json_row.h"
 #include "hosting/loaded_module.h"
-#include "hosting/module_log.h"
 #include "hosting/text.h"
 
 namespace Vx::Hosting::Tool {

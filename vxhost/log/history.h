@@ -8,7 +8,7 @@
 #include <utility>
 #include <vector>
 
-#include "hosting/module_log.h"
+#include "hosting/loaded_module.h"
 #include "records/record.h"
 
 namespace Vx::Hosting::Tool {

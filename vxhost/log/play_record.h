@@ -10,7 +10,6 @@
 #include <vector>
 
 #include "hosting/loaded_module.h"
-#include "hosting/module_log.h"
 
 namespace Vx::Hosting::Tool {
 

@@ -10,7 +10,7 @@
 #include <windows.h>
 
 #include "host/logging.h"
-#include "hosting/module_log.h"
+#include "hosting/loaded_module.h"
 #include "hosting/text.h"
 #include "platform/machine.h"
 #include "service/orvane_service.h"

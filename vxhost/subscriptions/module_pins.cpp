@@ -1,11 +1,11 @@
 #include "vxhost/subscriptions/module_pins.h"
 
 #include <algorithm>
-#include <memory>
 #include <stdexcept>
 
 #include <windows.h>
 
+#include "hosting/loaded_module.h"
 #include "hosting/text.h"
 #include "security/authenticode_helper.h"
 
@@ -18,10 +18,6 @@ namespace {
 constexpr char kPinned[] =
     " is signed with a pinned key, so a client could have the service start it as SYSTEM with any "
     "arguments; use a copy without a signature or sign it with a key that is not pinned";
-
-struct Unloader {
-  void operator()(void* loaded) const noexcept { FreeLibrary(static_cast<HMODULE>(loaded)); }
-};
 
 std::string ResourceText(void* loaded, const wchar_t* name) {
   auto* const module = static_cast<HMODULE>(loaded);
@@ -54,7 +50,7 @@ std::vector<std::string_view> KeysIn(std::string_view text) {
 
 ModulePins::ModulePins(const std::wstring& module) {
   try {
-    const std::unique_ptr<void, Unloader> loaded(
+    const UniqueLibrary loaded(
         LoadLibraryExW(module.c_str(), nullptr, LOAD_LIBRARY_AS_DATAFILE));
     if (loaded == nullptr) {
       throw std::runtime_error("it cannot be opened, error " + std::to_string(GetLastError()));
