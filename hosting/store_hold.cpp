@@ -1,5 +1,6 @@
 #include "hosting/store_hold.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cwchar>
 #include <stdexcept>
@@ -89,13 +90,9 @@ void AwaitStoreMutex(HANDLE mutex, const HoldLimits& limits) {
   const std::string holder = HolderOf(mutex);
   static_cast<void>(std::fprintf(stderr, "vxhost: waiting for the store, which is held by %s\n",
                                  Printable(holder, LineBreaks::Replace).c_str()));
-  const auto rest = limits.timeout - limits.notice;
+  const auto rest = std::max(limits.timeout - limits.notice, milliseconds(0));
   const bool endless = limits.timeout == milliseconds(0);
-  if (Take(mutex, endless                  ? INFINITE
-                  : rest > milliseconds(0) ? static_cast<DWORD>(rest.count())
-                                           : 0)) {
-    return;
-  }
+  if (Take(mutex, endless ? INFINITE : static_cast<DWORD>(rest.count()))) return;
   throw std::runtime_error("the store is still held by " + HolderOf(mutex) +
                            "; --timeout waits longer");
 }

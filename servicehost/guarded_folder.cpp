@@ -56,20 +56,17 @@ constexpr DataFolder kFolders[] = {
     {L"\\Vx\\Logs", kPrivate},
 };
 
-std::string Names(const std::vector<std::wstring>& accounts) {
-  std::string names;
-  for (const std::wstring& sid : accounts) names += (names.empty() ? "" : ", ") + Utf8(sid);
-  return names;
-}
-
 // Explains which other accounts have any of `rights` to `path`. Returns "" if none does.
 std::string WhyOpen(const std::wstring& path, const Platform::Result<Platform::AccessList>& access,
                     std::uint32_t rights, Writers accepted) {
   if (!access) {
     return Utf8(path) + " cannot be examined (error " + std::to_string(access.Error()) + ")";
   }
-  const auto writers = OtherWriters(*access, rights, accepted);
-  return writers.empty() ? "" : Utf8(path) + " can be written by " + Names(writers);
+  std::string writers;
+  for (const std::wstring& sid : OtherWriters(*access, rights, accepted)) {
+    writers += (writers.empty() ? Utf8(path) + " can be written by " : ", ") + Utf8(sid);
+  }
+  return writers;
 }
 
 std::string WhyOpen(const std::wstring& path, std::uint32_t rights, Writers accepted) {

@@ -24,6 +24,7 @@ using Platform::CurrentMachine;
 // A manual-reset event that ends running delays early.
 constexpr wchar_t kStandbyEvent[] = L"{CE7DC567-F47B-4A07-8489-C9DEB372B88F}";
 
+constexpr wchar_t kPowerForwarded[] = L"power event ";
 constexpr wchar_t kSessionForwarded[] = L"session change ";
 constexpr wchar_t kNoCloaking[] =
     L"COM cannot call as the user, so messages may not reach apps: status 0x%08x";
@@ -42,31 +43,34 @@ Platform::UniqueHandle ManualEvent(const std::wstring& name, ServiceLog& log) {
   return nullptr;
 }
 
-}  // namespace
-
-// COM security can be set only once per process, after COM is initialized. Without cloaking, COM
-// uses the process's identity even while a thread impersonates a user
-// (https://learn.microsoft.com/windows/win32/com/cloaking). The module does not enable cloaking
-// when it initializes COM security itself, on its first read of the firmware.
-ComForModule::ComForModule(ServiceLog& output) {
+// Initializes COM on this thread until the result is destroyed on it, after unloading the module.
+//
+// Calls to other processes must use the identity of the user that the thread impersonates. Without
+// cloaking, COM uses the process's (https://learn.microsoft.com/windows/win32/com/cloaking). COM
+// security can be set only once per process, after COM is initialized, and the module does not
+// enable cloaking when it sets it itself, on its first read of the firmware.
+std::shared_ptr<void> EnterCom(ServiceLog& log) {
   Platform::Com& com = *CurrentMachine().com;
+  std::shared_ptr<void> entered;
   std::int32_t result = com.InitializeMultithreaded();
-  entered = result >= 0;
-  if (entered) result = com.InitializeSecurity(Platform::Cloaking::Dynamic);
-  if (result >= 0) return;
-  wchar_t line[std::size(kNoCloaking) + 8];
-  static_cast<void>(
-      std::swprintf(line, std::size(line), kNoCloaking, static_cast<unsigned>(result)));
-  output.Add(L"ERROR", line);
+  if (result >= 0) {
+    entered.reset(&com, [&com](void*) { com.Uninitialize(); });
+    result = com.InitializeSecurity(Platform::Cloaking::Dynamic);
+  }
+  if (result < 0) {
+    wchar_t line[std::size(kNoCloaking) + 8];
+    static_cast<void>(
+        std::swprintf(line, std::size(line), kNoCloaking, static_cast<unsigned>(result)));
+    log.Add(L"ERROR", line);
+  }
+  return entered;
 }
 
-ComForModule::~ComForModule() {
-  if (entered) CurrentMachine().com->Uninitialize();
-}
+}  // namespace
 
 HostLoop::HostLoop(const Options& options, ServiceLog& output)
     : log(output),
-      com(output),
+      com(EnterCom(output)),
       standbyEvent(options.modernStandby ? ManualEvent(kStandbyEvent, output) : nullptr),
       stop(ManualEvent({}, output)),
       module(options.module),

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 
@@ -12,25 +13,6 @@
 #include "servicehost/service_log.h"
 
 namespace Vx::Hosting::ServiceHost {
-
-// The start of the log line for a power broadcast forwarded to the module. The code follows.
-inline constexpr wchar_t kPowerForwarded[] = L"power event ";
-
-// Initializes COM on the constructing thread with dynamic cloaking, which the module needs from its
-// host: calls to other processes then use the identity of the user that the thread impersonates.
-// Destroy it on the same thread, after unloading the module.
-class ComForModule {
- public:
-  // Logs a failure to `output`. The module then works, but its calls do not use the user's
-  // identity.
-  explicit ComForModule(ServiceLog& output);
-  ComForModule(const ComForModule&) = delete;
-  ComForModule& operator=(const ComForModule&) = delete;
-  ~ComForModule();
-
- private:
-  bool entered;
-};
 
 // Connects Windows and clients to the module. Loads the module, forwards codes and commands, and
 // destroys the service object before unloading the module. Power and session codes arrive only
@@ -61,7 +43,7 @@ class HostLoop {
   void AwaitSetup() noexcept;
 
   ServiceLog& log;
-  const ComForModule com;  // before the module, which would set up COM without cloaking
+  const std::shared_ptr<void> com;  // before the module, which would set up COM without cloaking
   Platform::UniqueHandle standbyEvent;
   Platform::UniqueHandle stop;
   LoadedModule module;

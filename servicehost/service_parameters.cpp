@@ -62,10 +62,10 @@ struct RegistryKey {
 }  // namespace
 
 bool IsServiceName(const std::wstring& name) {
-  return !name.empty() && name.size() <= kLongestName && std::ranges::all_of(name, [](wchar_t c) {
-    return (c >= L'a' && c <= L'z') || (c >= L'A' && c <= L'Z') || (c >= L'0' && c <= L'9') ||
-           c == L'.' || c == L'-' || c == L'_';
-  });
+  constexpr wchar_t kAllowed[] =
+      L"abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789.-_";
+  return !name.empty() && name.size() <= kLongestName &&
+         name.find_first_not_of(kAllowed) == std::wstring::npos;
 }
 
 ServiceOptions ReadParameters(const std::wstring& name) {
