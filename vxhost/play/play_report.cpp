@@ -13,13 +13,17 @@ namespace {
 using std::chrono::milliseconds;
 
 double Seconds(milliseconds length) {
-  return static_cast<double>(length.count()) / 1000;
+  return std::chrono::duration<double>(length).count();
 }
 
 std::string SecondsText(milliseconds length) {
   char text[32];
   std::snprintf(text, sizeof text, "%.3f", Seconds(length));
   return text;
+}
+
+milliseconds LengthOf(const PlayedScenario& played) {
+  return played.steps.empty() ? milliseconds() : played.steps.back().end;
 }
 
 void AddCommandMembers(JsonRow& row, std::uint32_t id, const CommandResult& answer) {
@@ -35,29 +39,25 @@ void AddCommandMembers(JsonRow& row, std::uint32_t id, const CommandResult& answ
 
 JsonRow EntryJson(const RecordEntry& entry) {
   JsonRow row{{L"kind", NameOf(entry.what)}, {L"seconds", Seconds(entry.at)}};
-  switch (entry.what) {
-    case Happening::Command:
-      row.Add({L"request", entry.request});
-      AddCommandMembers(row, entry.command, entry.answer);
-      break;
-    case Happening::Log:
-      row.Add({L"level", entry.log.level});
-      row.Add({L"provider", entry.log.provider});
-      row.Add({L"caller", entry.log.caller});
-      row.Add({L"message", entry.log.message});
-      row.Add({L"thread", entry.thread});
-      break;
-    default:
-      row.Add({L"text", entry.text});
+  if (entry.what == Happening::Command) {
+    row.Add({L"request", entry.request});
+    AddCommandMembers(row, entry.command, entry.answer);
+  } else if (entry.what == Happening::Log) {
+    row.Add({L"level", entry.log.level});
+    row.Add({L"provider", entry.log.provider});
+    row.Add({L"caller", entry.log.caller});
+    row.Add({L"message", entry.log.message});
+    row.Add({L"thread", entry.thread});
+  } else {
+    row.Add({L"text", entry.text});
   }
   return row;
 }
 
-// Returns the entries of one step, or all for step 0.
 std::vector<JsonRow> EntriesJson(const std::vector<RecordEntry>& entries, std::size_t step) {
   std::vector<JsonRow> list;
   for (const RecordEntry& entry : entries) {
-    if (step == 0 || entry.step == step) list.push_back(EntryJson(entry));
+    if (entry.step == step) list.push_back(EntryJson(entry));
   }
   return list;
 }
@@ -73,21 +73,18 @@ std::vector<std::wstring> FailuresOf(const PlayedScenario& played, std::size_t s
 // XML cannot represent most control characters, nor U+FFFE and U+FFFF.
 std::string Xml(const std::string& text) {
   std::wstring clean = Wide(Printable(text, LineBreaks::Keep));
-  std::replace_if(
-      clean.begin(), clean.end(), [](wchar_t unit) { return unit >= 0xFFFE; }, L'\xFFFD');
+  std::ranges::replace_if(
+      clean, [](wchar_t unit) { return unit >= 0xFFFE; }, L'\xFFFD');
   return Markup(Utf8(clean));
 }
 
 std::string LogText(const PlayedScenario& played, std::size_t step) {
   std::string text;
   for (const RecordEntry& entry : played.entries) {
-    if (entry.step != step) continue;
-    if (entry.what == Happening::Log) {
-      text += SecondsText(entry.at) + " " + Utf8(entry.log.level) + " " + Utf8(entry.log.message) +
-              "\n";
-    } else if (entry.what == Happening::Event) {
-      text += SecondsText(entry.at) + " * " + Utf8(entry.text) + "\n";
-    }
+    const bool isLog = entry.what == Happening::Log;
+    if (entry.step != step || (!isLog && entry.what != Happening::Event)) continue;
+    text += SecondsText(entry.at) + " " +
+            Utf8(isLog ? entry.log.level + L" " + entry.log.message : L"* " + entry.text) + "\n";
   }
   return text;
 }
@@ -101,7 +98,6 @@ std::string Case(const PlayedScenario& played, const std::string& name, millisec
 std::string Suite(const PlayedScenario& played) {
   std::string cases;
   std::size_t failed = 0;
-  milliseconds length{};
   for (std::size_t i = 0; i < played.steps.size(); ++i) {
     const RecordStep& step = played.steps[i];
     const auto failures = FailuresOf(played, i + 1);
@@ -114,7 +110,6 @@ std::string Suite(const PlayedScenario& played) {
     const std::string name =
         "step " + std::to_string(i + 1) + (step.say.empty() ? "" : ": " + Utf8(step.say));
     cases += Case(played, name, step.end - step.begin, inside);
-    length = std::max(length, step.end);
   }
   const std::size_t errors = played.error.empty() ? 0 : 1;
   if (errors != 0) {
@@ -122,8 +117,8 @@ std::string Suite(const PlayedScenario& played) {
   }
   return "  <testsuite name=\"" + Xml(played.file) + "\" tests=\"" +
          std::to_string(played.steps.size() + errors) + "\" failures=\"" + std::to_string(failed) +
-         "\" errors=\"" + std::to_string(errors) + "\" time=\"" + SecondsText(length) + "\">\n" +
-         cases + "  </testsuite>\n";
+         "\" errors=\"" + std::to_string(errors) + "\" time=\"" + SecondsText(LengthOf(played)) +
+         "\">\n" + cases + "  </testsuite>\n";
 }
 
 }  // namespace
@@ -138,7 +133,6 @@ JsonRow CommandJson(std::uint32_t id, const CommandResult& answer) {
 
 JsonRow ScenarioJson(const PlayedScenario& played) {
   std::vector<JsonRow> steps;
-  milliseconds length{};
   for (std::size_t i = 0; i < played.steps.size(); ++i) {
     const RecordStep& step = played.steps[i];
     steps.push_back({{L"step", i + 1},
@@ -146,11 +140,10 @@ JsonRow ScenarioJson(const PlayedScenario& played) {
                      {L"say", step.say},
                      {L"met", FailuresOf(played, i + 1).empty()},
                      {L"entries", EntriesJson(played.entries, i + 1)}});
-    length = std::max(length, step.end);
   }
   return {{L"scenario", played.file},
           {L"met", played.met},
-          {L"seconds", Seconds(length)},
+          {L"seconds", Seconds(LengthOf(played))},
           {L"steps", steps}};
 }
 

@@ -330,7 +330,7 @@ Scenario::Scenario(const std::wstring& path, Definitions names, HarnessKind wher
   if (!Json::ParseJson(document, text, Json::kMaxNesting, &fault)) {
     throw std::runtime_error(Utf8(path) + " is not valid JSON: " + FaultText(text, fault));
   }
-  const LineIndex index(document, text);
+  const LineIndex index = LinesOf(document, text);
   const std::vector<std::string> faults = FaultsOf(document, index, definitions, where);
   if (!faults.empty()) {
     std::string list = Utf8(path) + " cannot be played:";
@@ -338,7 +338,7 @@ Scenario::Scenario(const std::wstring& path, Definitions names, HarnessKind wher
     throw std::runtime_error(list);
   }
   for (const WideValue& step : FindMember(document, L"steps")->GetArray()) {
-    lines.push_back(index.LineOf(step));
+    lines.push_back(index.at(&step));
   }
   const auto* store = FindMember(document, L"store");
   if (store == nullptr || store->IsObject()) return;

@@ -102,7 +102,7 @@ class Checker {
 
  private:
   void Add(const WideValue& at, const std::wstring& key, const std::string& what) {
-    std::string place = "line " + std::to_string(lines.LineOf(at));
+    std::string place = "line " + std::to_string(lines.at(&at));
     if (step != 0) place += ", step " + std::to_string(step);
     if (!key.empty()) place += ", \"" + Utf8(key) + "\"";
     faults.push_back(place + ": " + what);
@@ -252,7 +252,8 @@ std::vector<std::size_t> TokenLines(const std::wstring& text) {
 
 }  // namespace
 
-LineIndex::LineIndex(const Json::WideDocument& document, const std::wstring& text) {
+LineIndex LinesOf(const Json::WideDocument& document, const std::wstring& text) {
+  LineIndex lines;
   const std::vector<std::size_t> tokens = TokenLines(text);
   auto token = tokens.begin();
   const auto take = [&](const auto& self, const WideValue& value) -> void {
@@ -268,11 +269,7 @@ LineIndex::LineIndex(const Json::WideDocument& document, const std::wstring& tex
     }
   };
   take(take, document);  // the parser limits the depth
-}
-
-std::size_t LineIndex::LineOf(const WideValue& value) const {
-  const auto found = lines.find(&value);
-  return found == lines.end() ? 0 : found->second;
+  return lines;
 }
 
 std::wstring Expanded(const std::wstring& text, const Definitions& definitions,

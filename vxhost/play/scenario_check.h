@@ -94,17 +94,11 @@ constexpr PartRule RuleWith(const wchar_t* key, const PartForm& form,
   return {.key = key, .form = &form, .members = members, .memberCount = Count};
 }
 
-// Finds the line on which each value of a JSON text starts.
-class LineIndex {
- public:
-  // `document` is ParseJson's result for `text`. It must outlive this object unchanged.
-  LineIndex(const Json::WideDocument& document, const std::wstring& text);
+// The line on which each value of a JSON text starts.
+using LineIndex = std::unordered_map<const Json::WideValue*, std::size_t>;
 
-  std::size_t LineOf(const Json::WideValue& value) const;
-
- private:
-  std::unordered_map<const Json::WideValue*, std::size_t> lines;
-};
+// `document` is ParseJson's result for `text`. The index refers to its values.
+LineIndex LinesOf(const Json::WideDocument& document, const std::wstring& text);
 
 // Maps NAME in ${NAME} to its replacement.
 using Definitions = std::map<std::wstring, std::wstring>;
