@@ -1,6 +1,7 @@
 #include "vxhost/log/history.h"
 
 #include <algorithm>
+#include <bit>
 #include <chrono>
 #include <cwchar>
 #include <iterator>
@@ -42,16 +43,14 @@ std::wstring TextOfMoment(std::int64_t moment) {
 // convert the moment, returns it unchanged.
 std::int64_t Converted(std::int64_t moment, BOOL(WINAPI* convert)(const TIME_ZONE_INFORMATION*,
                                                                   const SYSTEMTIME*, SYSTEMTIME*)) {
-  const auto ticks = static_cast<std::uint64_t>(moment + kEpoch) * 10'000;
-  FILETIME file{static_cast<DWORD>(ticks), static_cast<DWORD>(ticks >> 32)};
+  auto file = std::bit_cast<FILETIME>((moment + kEpoch) * 10'000);
   SYSTEMTIME from{};
   SYSTEMTIME to{};
   if (FileTimeToSystemTime(&file, &from) == FALSE || convert(nullptr, &from, &to) == FALSE ||
       SystemTimeToFileTime(&to, &file) == FALSE) {
     return moment;
   }
-  const auto result = std::uint64_t{file.dwHighDateTime} << 32 | file.dwLowDateTime;
-  return static_cast<std::int64_t>(result / 10'000) - kEpoch;
+  return std::bit_cast<std::int64_t>(file) / 10'000 - kEpoch;
 }
 
 std::wstring TextMember(const Json::WideValue& object, const std::wstring& key) {
@@ -209,14 +208,9 @@ void History::FollowService(const HistoryLine& line, std::int64_t moment) {
       EndProcess(run.process);
       outages.push_back({run.last, moment});
       if (!run.stopped) {
-        AddRow({TimeText(run.last, Zone::Utc),
-                run.last,
-                L"service",
-                L"ended",
-                {},
-                {},
-                kCrashed,
-                true});
+        HistoryRow& row = AddRow({TimeText(run.last, Zone::Utc), run.last, L"service", L"ended"});
+        row.detail = kCrashed;
+        row.failed = true;
       }
     }
     run = {process, moment, true};
@@ -245,7 +239,7 @@ void History::AddHostLine(const HistoryLine& line, std::optional<std::int64_t> m
 }
 
 HistoryRow& History::AddRow(HistoryRow row) {
-  changes.push_back(rows.size());
+  changes.insert(rows.size());
   return rows.emplace_back(std::move(row));
 }
 
@@ -270,7 +264,7 @@ void History::Add(const HistoryLine& line) {
   const Delivery delivery(line.line.process, record.delivery);
   const auto waiting = record.delivery == 0 ? open.end() : open.find(delivery);
   const bool begun = waiting != open.end();
-  if (begun) changes.push_back(waiting->second);
+  if (begun) changes.insert(waiting->second);
   HistoryRow& row = begun ? rows[waiting->second]
                           : AddRow({.time = line.time, .moment = moment, .event = known->event});
   if (begun) open.erase(waiting);
@@ -294,7 +288,7 @@ void History::Add(const HistoryLine& line) {
 void History::CutOff(std::uint32_t process) {
   for (const auto& [delivery, index] : open) {
     if (delivery.first != process || rows[index].failed) continue;
-    changes.push_back(index);
+    changes.insert(index);
     HistoryRow& row = rows[index];
     row.decision = NameOf(Decision::Dropped).text;
     row.detail = kCutOff;
@@ -332,10 +326,8 @@ std::vector<HistoryRow> History::Finish(const Period& within, std::int64_t now) 
 }
 
 std::vector<HistoryRow> History::TakeChanges() {
-  std::ranges::sort(changes);
   std::vector<HistoryRow> changed;
-  const auto last = std::unique(changes.begin(), changes.end());
-  for (auto at = changes.begin(); at != last; ++at) changed.push_back(rows[*at]);
+  for (const std::size_t at : changes) changed.push_back(rows[at]);
   changes.clear();
   return changed;
 }

@@ -4,6 +4,7 @@
 #include <limits>
 #include <map>
 #include <optional>
+#include <set>
 #include <string>
 #include <utility>
 #include <vector>
@@ -122,7 +123,7 @@ class History {
   HistoryRow& AddRow(HistoryRow row);
 
   std::vector<HistoryRow> rows;
-  std::vector<std::size_t> changes;  // indexes of rows, possibly repeated
+  std::set<std::size_t> changes;     // indexes of rows
   std::map<std::wstring, Run> runs;  // by service
   std::vector<Period> outages;
   std::map<Delivery, std::size_t> open;  // row indexes of waiting deliveries
