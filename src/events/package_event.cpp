@@ -16,7 +16,6 @@
 #include "platform/system_services.h"
 #include "platform/windows_runtime_error.h"
 #include "records/record.h"
-#include "records/subscription_hash.h"
 
 namespace Vx::Tessel::Server::Services::Orvane {
 

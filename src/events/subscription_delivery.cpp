@@ -18,7 +18,7 @@
 #include "platform/system_services.h"
 #include "platform/thread.h"
 #include "platform/windows_runtime_error.h"
-#include "records/subscription_hash.h"
+#include "records/record.h"
 #include "storage/request_manager.h"
 
 namespace Vx::Tessel::Server::Services::Orvane {

@@ -8,9 +8,11 @@
 #include <utility>
 
 #include "host/logging.h"
+#include "json/json_object.h"
 #include "platform/clock.h"
 #include "platform/machine.h"
 #include "platform/shown_text.h"
+#include "platform/windows_runtime_error.h"
 
 namespace Vx::Tessel::Server::Records {
 
@@ -30,7 +32,12 @@ struct Row {
   Name name;
 };
 
-constexpr Row<Kind> kKinds[] = {
+// The rows of each enumeration, in its order.
+template <typename Value>
+constexpr Row<Value> kRows[1] = {};
+
+template <>
+constexpr Row<Kind> kRows<Kind>[] = {
     {Kind::Command, {L"command", L"command"}},
     {Kind::Completion, {L"completion", L"completion"}},
     {Kind::Power, {L"power", L"power"}},
@@ -38,7 +45,8 @@ constexpr Row<Kind> kKinds[] = {
     {Kind::Uninstall, {L"uninstall", L"uninstall"}},
 };
 
-constexpr Row<Decision> kDecisions[] = {
+template <>
+constexpr Row<Decision> kRows<Decision>[] = {
     {Decision::None, {L"", L""}},
     {Decision::Done, {L"done", L"done"}},
     {Decision::Stored, {L"stored", L"accepted"}},
@@ -55,7 +63,8 @@ constexpr Row<Decision> kDecisions[] = {
     {Decision::Failed, {L"failed", L"failed"}},
 };
 
-constexpr Row<Reason> kReasons[] = {
+template <>
+constexpr Row<Reason> kRows<Reason>[] = {
     {Reason::None, {L"", L""}},
     {Reason::UnknownCommand, {L"unknown_command", L"the module has no such command"}},
     {Reason::NoSessionApi, {L"no_session_api", L"this Windows has no interactive users"}},
@@ -98,25 +107,17 @@ constexpr Row<Reason> kReasons[] = {
     {Reason::NotTaken, {L"not_taken", L"the app did not accept the message"}},
 };
 
-template <typename Value, std::size_t Size>
-consteval bool RowsMatchValues(const Row<Value> (&rows)[Size], Value last) {
+template <typename Value>
+consteval bool RowsMatchValues(Value last) {
   std::size_t row = 0;
-  return Size == static_cast<std::size_t>(last) + 1 &&
-         std::all_of(rows, rows + Size, [&](const Row<Value>& one) {
+  return std::size(kRows<Value>) == static_cast<std::size_t>(last) + 1 &&
+         std::ranges::all_of(kRows<Value>, [&](const Row<Value>& one) {
            return static_cast<std::size_t>(one.value) == row++;
          });
 }
-static_assert(RowsMatchValues(kKinds, Kind::Uninstall));
-static_assert(RowsMatchValues(kDecisions, Decision::Failed));
-static_assert(RowsMatchValues(kReasons, Reason::NotTaken));
-
-template <typename Value, std::size_t Size>
-std::optional<Value> Find(const Row<Value> (&rows)[Size], std::wstring_view word) {
-  for (const Row<Value>& row : rows) {
-    if (row.name.word == word) return row.value;
-  }
-  return std::nullopt;
-}
+static_assert(RowsMatchValues(Kind::Uninstall));
+static_assert(RowsMatchValues(Decision::Failed));
+static_assert(RowsMatchValues(Reason::NotTaken));
 
 // The log line of a record. The tables above bound the length of its strings.
 class Line {
@@ -147,6 +148,26 @@ class ClientText {
   wchar_t shown[kLongestClientText + 1] = {};
 };
 
+// FNV-1a over the UTF-16 units, low byte first.
+std::uint32_t HashOf(std::wstring_view text) {
+  std::uint32_t hash = 0x811C9DC5;
+  for (const wchar_t c : text) {
+    const auto unit = static_cast<std::uint32_t>(c);
+    for (const std::uint32_t byte : {unit & 0xFF, unit >> 8 & 0xFF}) {
+      hash = (hash ^ byte) * 0x01000193;
+    }
+  }
+  return hash;
+}
+
+std::wstring CompactForm(std::wstring_view request) {
+  try {
+    return Json::JsonObject::Parse(request).Stringify();
+  } catch (const Platform::WindowsRuntimeError&) {
+    return std::wstring(request);
+  }
+}
+
 constinit std::atomic<std::uint64_t> lastNumber{0};
 
 std::uint64_t Now() noexcept {
@@ -155,27 +176,30 @@ std::uint64_t Now() noexcept {
 
 }  // namespace
 
-const Name& NameOf(Kind kind) {
-  return kKinds[static_cast<std::size_t>(kind)].name;
+template <typename Value>
+const Name& NameOf(Value value) {
+  const auto& rows = kRows<Value>;
+  return rows[static_cast<std::size_t>(value)].name;
 }
-const Name& NameOf(Decision decision) {
-  return kDecisions[static_cast<std::size_t>(decision)].name;
-}
-const Name& NameOf(Reason reason) {
-  return kReasons[static_cast<std::size_t>(reason)].name;
-}
+template const Name& NameOf(Kind);
+template const Name& NameOf(Decision);
+template const Name& NameOf(Reason);
 
-template <>
-std::optional<Kind> FromWord(std::wstring_view word) {
-  return Find(kKinds, word);
+template <typename Value>
+std::optional<Value> FromWord(std::wstring_view word) {
+  for (const Row<Value>& row : kRows<Value>) {
+    if (row.name.word == word) return row.value;
+  }
+  return std::nullopt;
 }
-template <>
-std::optional<Decision> FromWord(std::wstring_view word) {
-  return Find(kDecisions, word);
-}
-template <>
-std::optional<Reason> FromWord(std::wstring_view word) {
-  return Find(kReasons, word);
+template std::optional<Kind> FromWord(std::wstring_view);
+template std::optional<Decision> FromWord(std::wstring_view);
+template std::optional<Reason> FromWord(std::wstring_view);
+
+std::wstring SubscriptionHash(std::wstring_view request) {
+  wchar_t digits[9];
+  std::swprintf(digits, std::size(digits), L"%08x", HashOf(CompactForm(request)));
+  return digits;
 }
 
 void Write(const Record& record) noexcept {

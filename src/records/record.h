@@ -80,13 +80,17 @@ struct Name {
   const wchar_t* word;
   const wchar_t* text;
 };
-const Name& NameOf(Kind kind);
-const Name& NameOf(Decision decision);
-const Name& NameOf(Reason reason);
+template <typename Value>
+const Name& NameOf(Value value);
 
 // Returns the value with this identifier, or nothing if this version does not define one.
 template <typename Value>
 std::optional<Value> FromWord(std::wstring_view word);
+
+// Returns a short name for a subscription, for log lines and tables: 8 hexadecimal digits that
+// depend only on its text, ignoring white space between tokens. It helps readers tell subscriptions
+// apart. It is not a security measure. A text that is not a JSON object is hashed unchanged.
+std::wstring SubscriptionHash(std::wstring_view request);
 
 // Returns whether the decision means that something a client requested was not done.
 constexpr bool IsFailure(Decision decision) {

@@ -6,7 +6,6 @@
 #include "events/package_event_test.h"
 #include "events/subscription_delivery.h"
 #include "platform/kernel_objects.h"
-#include "records/subscription_hash.h"
 
 namespace Vx::Tessel::Server::Services::Orvane {
 

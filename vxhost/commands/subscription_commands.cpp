@@ -11,7 +11,6 @@
 #include "json/json_object.h"
 #include "json/json_text.h"
 #include "records/record.h"
-#include "records/subscription_hash.h"
 #include "storage/request_manager.h"
 #include "vxhost/store/store_look.h"
 #include "vxhost/subscriptions/command_verdict.h"

@@ -12,7 +12,7 @@
 #include "json/json_object.h"
 #include "json/json_text.h"
 #include "platform/windows_runtime_error.h"
-#include "records/subscription_hash.h"
+#include "records/record.h"
 #include "service/dispatch.h"
 #include "vxhost/common/console.h"
 #include "vxhost/log/history.h"

@@ -11,7 +11,7 @@
 #include "platform/files.h"
 #include "platform/machine.h"
 #include "platform/windows_runtime_error.h"
-#include "records/subscription_hash.h"
+#include "records/record.h"
 #include "storage/cap_data_store.h"
 #include "storage/request_list.h"
 #include "storage/service_document.h"
