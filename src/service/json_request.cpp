@@ -25,16 +25,33 @@ void Note(const RequestCaller& caller, const wchar_t* key, const wchar_t* what) 
   if (caller.problem != nullptr) *caller.problem = {key, what};
 }
 
-void WarnWrongType(const RequestCaller& caller, const wchar_t* key, rapidjson::Type expected,
-                   rapidjson::Type actual) {
-  Log(caller).LogWarning(kWrongType, caller.className, "ParseJsonValue", key,
-                         static_cast<int>(expected), static_cast<int>(actual));
-}
-
 const Json::WideValue* FindMember(const Json::WideDocument& document, const wchar_t* name) {
   if (!document.IsObject()) return nullptr;
   const auto member = document.FindMember(name);
   return member == document.MemberEnd() ? nullptr : &member->value;
+}
+
+// Returns a member that is a string, or a boolean if `expected` is kTrueType. Returns null if it is
+// neither or `result`, where the caller will store its value, is null.
+const Json::WideValue* TypedMember(const Json::WideDocument* document, const wchar_t* name,
+                                   rapidjson::Type expected, const void* result,
+                                   const RequestCaller& caller) {
+  if (NullChecker({{caller.clientId, "clientId"},
+                   {document, "document"},
+                   {caller.className, "className"},
+                   {name, "jsonName"},
+                   {result, "resultValue"}},
+                  caller)) {
+    return nullptr;
+  }
+  const Json::WideValue* value = nullptr;
+  if (!GetJsonValue(document, name, &value, caller)) return nullptr;
+  const bool wantsText = expected == rapidjson::kStringType;
+  if (wantsText ? value->IsString() : value->IsBool()) return value;
+  Log(caller).LogWarning(kWrongType, caller.className, "ParseJsonValue", name,
+                         static_cast<int>(expected), static_cast<int>(value->GetType()));
+  Note(caller, name, wantsText ? kIsNoText : kIsNoBool);
+  return nullptr;
 }
 
 // Reads the string under `key` in a request. Returns an empty one if it cannot be read.
@@ -87,41 +104,18 @@ bool GetJsonValue(const Json::WideDocument* document, const wchar_t* jsonName,
 
 bool ParseJsonValue(const Json::WideDocument* document, const wchar_t* jsonName,
                     const wchar_t** resultValue, const RequestCaller& caller) {
-  if (NullChecker({{caller.clientId, "clientId"},
-                   {document, "document"},
-                   {caller.className, "className"},
-                   {jsonName, "jsonName"},
-                   {resultValue, "resultValue"}},
-                  caller)) {
-    return false;
-  }
-  const Json::WideValue* value = nullptr;
-  if (!GetJsonValue(document, jsonName, &value, caller)) return false;
-  if (!value->IsString()) {
-    WarnWrongType(caller, jsonName, rapidjson::kStringType, value->GetType());
-    Note(caller, jsonName, kIsNoText);
-    return false;
-  }
+  const Json::WideValue* value =
+      TypedMember(document, jsonName, rapidjson::kStringType, resultValue, caller);
+  if (value == nullptr) return false;
   *resultValue = value->GetString();
   return true;
 }
 
 bool ParseJsonValue(const Json::WideDocument* document, bool* resultValue,
                     const RequestCaller& caller) {
-  if (NullChecker({{caller.clientId, "clientId"},
-                   {document, "document"},
-                   {caller.className, "className"},
-                   {resultValue, "resultValue"}},
-                  caller)) {
-    return false;
-  }
-  const Json::WideValue* value = nullptr;
-  if (!GetJsonValue(document, kLaunched, &value, caller)) return false;
-  if (!value->IsBool()) {
-    WarnWrongType(caller, kLaunched, rapidjson::kTrueType, value->GetType());
-    Note(caller, kLaunched, kIsNoBool);
-    return false;
-  }
+  const Json::WideValue* value =
+      TypedMember(document, kLaunched, rapidjson::kTrueType, resultValue, caller);
+  if (value == nullptr) return false;
   *resultValue = value->IsTrue();
   return true;
 }
