@@ -304,7 +304,8 @@ bool BsonDocument::Set(std::string_view key, const BsonElement& value) {
   const auto at = static_cast<std::size_t>(found.rest.data() - bytes.get());
   const std::size_t behind = at + found.Whole().size() - oldBytes.size() + newBytes.size();
   Splice(oldBytes, newBytes);
-  bytes.get()[at] = static_cast<std::byte>(value.View().Kind());  // the splice may have moved the bytes
+  // The splice may have moved the bytes.
+  bytes.get()[at] = static_cast<std::byte>(value.View().Kind());
   EraseFrom(behind, name);
   return true;
 }

@@ -142,7 +142,7 @@ void CapDataStore::initializeFile() {
   readFile();
   if (lastReading.state == StoreState::Linked) throw std::runtime_error(kJunction);
   if (lastReading.cutShort) Log().LogWarning(kCutShort);
-  if (lastReading.state == StoreState::Sound && hasDocument) file.RemoveSiblings();
+  if (lastReading.state == StoreState::Sound && lastReading.document) file.RemoveSiblings();
   hold.Release();
 }
 
@@ -153,8 +153,7 @@ bool CapDataStore::readFile() {
   }
   lastReading = file.Read();
   if (!lastReading.id.empty()) storeId = lastReading.id;
-  hasDocument = lastReading.document.has_value();
-  if (hasDocument) document = *std::move(lastReading.document);
+  if (lastReading.document) document = *std::move(lastReading.document);
   return lastReading.state == StoreState::Sound;
 }
 

@@ -115,8 +115,7 @@ class CapDataStore {
   std::wstring filePath;
   std::wstring storeId;  // 36 UTF-16 units, as in the header; empty before the first write
   SealedFile file;
-  SealedFile::Reading lastReading;  // its document has been moved to `document`
-  bool hasDocument = false;         // whether the file had a document when last read
+  SealedFile::Reading lastReading;  // its document, if it has one, has been moved to `document`
   SystemMutex mutex;
   BsonDocument document;  // as of the last read or change
 };

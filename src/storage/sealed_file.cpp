@@ -230,30 +230,13 @@ bool IsCopyOf(const std::wstring& copy, std::span<const std::byte> content) {
   return own && *own != nullptr && Holds(**own, content);
 }
 
-// Overwrites an open file, and restores its old content on failure.
-class InPlaceWrite {
- public:
-  explicit InPlaceWrite(FileHandle& opened) : file(opened) {}
-
-  // Returns 0 or an error. Sets `torn` if neither the new nor the old content could be written.
-  ErrorCode Run(std::span<const std::byte> old, std::span<const std::byte> content, bool& torn) {
-    // Extends the file before overwriting anything, because the disk may be full.
-    ErrorCode error = file.SetSize(std::max(old.size(), content.size()));
-    if (error == 0) error = Rewrite(content);
-    torn = error != 0 && Rewrite(old) != 0;
-    return error;
-  }
-
- private:
-  ErrorCode Rewrite(std::span<const std::byte> content) {
-    ErrorCode error = file.Write(content);
-    if (error == 0) error = file.Flush();
-    if (error == 0) error = file.SetSize(content.size());
-    return error == 0 ? file.Flush() : error;
-  }
-
-  FileHandle& file;
-};
+// Replaces the content of an open file and flushes it.
+ErrorCode Rewrite(FileHandle& file, std::span<const std::byte> content) {
+  ErrorCode error = file.Write(content);
+  if (error == 0) error = file.Flush();
+  if (error == 0) error = file.SetSize(content.size());
+  return error == 0 ? file.Flush() : error;
+}
 
 // Returns whether a rename may have failed because another process has one of the files open.
 bool IsHeldByAnother(ErrorCode error) {
@@ -460,8 +443,10 @@ SealedFile::InPlaceResult SealedFile::WriteInPlace(std::span<const std::byte> co
   if (!IsPlain(*facts)) return {kAccessDenied};
   const Result<Bytes> old = (*opened)->Content(kMaxFileSize);
   if (!old) return {old.Error()};
-  InPlaceResult result;
-  result.error = InPlaceWrite(**opened).Run(*old, content, result.torn);
+  // Extends the file before overwriting anything, because the disk may be full.
+  InPlaceResult result{(*opened)->SetSize(std::max(old->size(), content.size()))};
+  if (result.error == 0) result.error = Rewrite(**opened, content);
+  result.torn = result.error != 0 && Rewrite(**opened, *old) != 0;
   return result;
 }
 
