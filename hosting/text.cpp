@@ -16,7 +16,6 @@
 #include <fcntl.h>
 #include <io.h>
 
-#include "json/text_decoding.h"
 #include "json/utf8.h"
 #include "platform/shown_text.h"
 

@@ -4,7 +4,6 @@
 #include <mutex>
 #include <span>
 
-#include "json/text_decoding.h"
 #include "json/utf8.h"
 #include "platform/files.h"
 #include "platform/machine.h"

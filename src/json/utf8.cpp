@@ -1,6 +1,5 @@
 #include "json/utf8.h"
 
-#include <cstddef>
 #include <cstdint>
 
 namespace Vx::Json {
@@ -63,6 +62,17 @@ Sequence FirstSequence(std::string_view text) {
   return {valid ? length : 0, point};
 }
 
+std::wstring FromUtf16(std::string_view bytes, std::size_t lowByte) {
+  std::wstring text;
+  text.reserve(bytes.size() / 2);
+  for (std::size_t at = 0; at + 1 < bytes.size(); at += 2) {
+    const auto low = static_cast<std::uint8_t>(bytes[at + lowByte]);
+    const auto high = static_cast<std::uint8_t>(bytes[at + 1 - lowByte]);
+    text += static_cast<wchar_t>(high << 8 | low);
+  }
+  return text;
+}
+
 }  // namespace
 
 std::string ToUtf8(std::wstring_view text) {
@@ -94,6 +104,14 @@ std::wstring ToWide(std::string_view text) {
     text.remove_prefix(sequence.length == 0 ? 1 : sequence.length);
   }
   return out;
+}
+
+std::optional<std::wstring> DecodeText(std::span<const std::byte> content) {
+  const std::string_view text(reinterpret_cast<const char*>(content.data()), content.size());
+  if (text.starts_with("\xEF\xBB\xBF")) return ToWide(text.substr(3));
+  if (text.starts_with("\xFF\xFE")) return FromUtf16(text.substr(2), 0);
+  if (text.starts_with("\xFE\xFF")) return FromUtf16(text.substr(2), 1);
+  return std::nullopt;
 }
 
 bool IsUtf8(std::string_view text) noexcept {
