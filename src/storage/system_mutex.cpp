@@ -42,6 +42,10 @@ bool IsNewDenial(Platform::ErrorCode error) {
   return error == kAccessDenied && !denialReported.exchange(true);
 }
 
+const Logging::TraceLogger& Log() {
+  return *Logging::LogManager::SetProvider(Logging::kComponentProvider);
+}
+
 Platform::KernelObjects& Kernel() {
   return *Platform::CurrentMachine().kernelObjects;
 }
@@ -50,14 +54,9 @@ Platform::KernelObjects& Kernel() {
 
 SystemMutex::SystemMutex(std::wstring mutexName) : name(std::move(mutexName)) {
   Platform::Result<Platform::UniqueHandle> made = Kernel().MakeMutex(name);
-  if (nameTaken.IsNews(made ? 0 : made.Error())) {
-    Logging::LogManager::SetProvider(Logging::kComponentProvider)
-        ->LogWarning(kNameTaken, name.c_str());
-  }
-  if (IsNewDenial(made ? 0 : made.Error())) {
-    Logging::LogManager::SetProvider(Logging::kComponentProvider)
-        ->LogWarning(kNameDenied, name.c_str());
-  }
+  const Platform::ErrorCode error = made ? 0 : made.Error();
+  if (nameTaken.IsNews(error)) Log().LogWarning(kNameTaken, name.c_str());
+  if (IsNewDenial(error)) Log().LogWarning(kNameDenied, name.c_str());
   if (!made) throw system_mutex_exception(kCreateFailed, kCreateCode);
   handle = *std::move(made);
 }
@@ -72,9 +71,7 @@ void SystemMutex::lock() {
   const Platform::Result<Locked> locked = Kernel().LockMutex(handle.get());
   if (!locked) throw system_mutex_exception(kLockFailed, kLockCode);
   released = false;
-  if (*locked == Locked::Abandoned) {
-    Logging::LogManager::SetProvider(Logging::kComponentProvider)->LogWarning(kAbandoned);
-  }
+  if (*locked == Locked::Abandoned) Log().LogWarning(kAbandoned);
 }
 
 void SystemMutex::unlock() {
