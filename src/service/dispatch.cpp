@@ -196,14 +196,13 @@ void LogProblem(std::uint32_t id, std::uint32_t result, const RequestCaller& cal
     problem.key = L"request";
     problem.what = L"could not be carried out";
   }
-  const auto report = [&](auto write) {
-    write(kProblem, kClass, kExecuteCommand, id, problem.key, problem.what, problem.detail.c_str(),
-          result);
-  };
+  const auto log = Log(caller);
+  const wchar_t* const detail = problem.detail.c_str();
   if (result == kSuccess) {
-    report([&](auto... texts) { Log(caller).LogWarning(texts...); });
+    log.LogWarning(kProblem, kClass, kExecuteCommand, id, problem.key, problem.what, detail,
+                   result);
   } else {
-    report([&](auto... texts) { Log(caller).LogError(texts...); });
+    log.LogError(kProblem, kClass, kExecuteCommand, id, problem.key, problem.what, detail, result);
   }
 }
 
@@ -246,20 +245,18 @@ std::uint32_t Dispatch(OrvaneService& service, const ClientContext* context, std
   const std::uint64_t start = now();
   RequestProblem problem{.reason = Records::Reason::EarlierLines};
   const RequestCaller caller{context == nullptr ? nullptr : context->clientId, &problem};
-  const auto log = Logging::LogManager::GetLogger()->For(caller.clientId);
   Records::Record record{.client = caller.clientId, .number = id};
   std::uint32_t result = kFailed;
   try {
-    result = CheckCall(context, id, request, response, caller);
-    if (result == kSuccess) result = Execute(service, id, request, response, caller, record);
+    const std::uint32_t refusal = CheckCall(context, id, request, response, caller);
+    result =
+        refusal != kSuccess ? refusal : Execute(service, id, request, response, caller, record);
   } catch (const std::bad_alloc&) {
-    log.LogError(kNoMemory);
+    Log(caller).LogError(kNoMemory);
     problem.reason = Records::Reason::Exception;
-    result = kFailed;
   } catch (...) {
     LogCurrentException(kExecuteCommand, caller.clientId);
     problem.reason = Records::Reason::Exception;
-    result = kFailed;
   }
   // An unknown id has already been logged.
   if (result != kUnsupportedFunction) LogProblem(id, result, caller);
