@@ -26,7 +26,6 @@
 #include "service/command_handlers.h"
 #include "service/dispatch.h"
 #include "service/s_mode.h"
-#include "service/startup.h"
 #include "storage/cap_data_store.h"
 #include "storage/request_manager.h"
 #include "storage/service_document.h"

@@ -5,7 +5,7 @@
 
 #include "host/vx_service.h"
 #include "records/record.h"
-#include "service/service_state.h"
+#include "service/startup.h"
 
 namespace Vx::Tessel::Server::Services::Orvane {
 

@@ -20,7 +20,6 @@
 #include "service/boundary.h"
 #include "service/orvane_service.h"
 #include "service/s_mode.h"
-#include "service/service_state.h"
 #include "storage/cap_data_store.h"
 
 namespace Vx::Tessel::Server::Services::Orvane {
