@@ -20,14 +20,9 @@ void AddStoreCommands(CommandLine& line);
 void AddSubscriptionCommands(CommandLine& line);
 void AddTrustCommands(CommandLine& line);  // pins, trust and pin
 void AddWatchCommand(CommandLine& line);
-void AddValidateCommand(CommandLine& line);
-void AddExplainCommand(CommandLine& line);
+void AddExplainCommands(CommandLine& line);  // validate and explain
 void AddHistoryCommand(CommandLine& line);
 void AddDoctorCommand(CommandLine& line);
-
-// Prints the state of this machine's service, store and subscriptions, on one line each, and
-// suggests what to run next. Runs if there is no subcommand. Changes nothing.
-int Overview(Console& console);
 
 // Runs a command in the running service that `module` names. If it names none, waits until the
 // store is free and runs the command in this process, as the client `caller`. If `process` is not

@@ -8,17 +8,80 @@
 #include "companion/resume_decision.h"
 #include "hosting/text.h"
 #include "json/json_text.h"
+#include "platform/machine.h"
+#include "simulator/simulated_machine.h"
 #include "storage/cap_data_store.h"
+#include "vxhost/play/played_keys.h"
 #include "vxhost/play/private_store.h"
 #include "vxhost/store/store_look.h"
 #include "vxhost/subscriptions/explanation.h"
 #include "vxhost/subscriptions/module_pins.h"
+#include "vxhost/subscriptions/subscription_check.h"
 
 namespace Vx::Hosting::Tool {
 
 namespace {
 
-struct Options {
+std::string NameOf(Verdict verdict) {
+  static constexpr const char* kNames[] = {"ok", "hint", "NEVER"};  // in the enum's order
+  return kNames[static_cast<std::size_t>(verdict)];
+}
+
+std::string LineOf(const Finding& finding) {
+  std::wstring text = finding.key.empty() ? finding.text : finding.key + L": " + finding.text;
+  if (!finding.found.empty()) text += L"; found " + finding.found;
+  if (!finding.wanted.empty()) text += L"; wanted " + finding.wanted;
+  return "  " + Cell(NameOf(finding.verdict), 7) + Utf8(text);
+}
+
+void Show(const std::string& request, const SubscriptionCheck& check, Console& console) {
+  std::vector<JsonRow> findings;
+  std::vector<std::string> lines;
+  for (const Finding& finding : check.findings) {
+    const bool never = finding.verdict == Verdict::Never;
+    findings.push_back({{L"verdict", never ? "never" : NameOf(finding.verdict)},
+                        {L"key", finding.key},
+                        {L"found", finding.found},
+                        {L"wanted", finding.wanted},
+                        {L"text", finding.text}});
+    lines.push_back(LineOf(finding));
+  }
+  lines.emplace_back(check.Runs() ? "It can run." : "It would never run.");
+  console.Show({{L"request", request}, {L"runs", check.Runs()}, {L"findings", findings}}, lines);
+}
+
+constexpr char kValidateFooter[] =
+    "Exit code 0: all can run here; 1: one would never run, and the lines with NEVER give the "
+    "reasons.\n"
+    "The keys are those of the module. With --simulate the machine is a simulated one,\n"
+    "without packages, and the keys those of the service that is built into vxhost.\n"
+    "  vxhost validate @subscription.json";
+
+using Requests = std::vector<std::string>;
+
+int Validate(const Requests& requests, const ModuleOptions& module, Console& console) {
+  std::optional<ModulePins> pins;
+  std::optional<Simulator::SimulatedMachine> simulated;
+  std::optional<Platform::MachineScope> scope;
+  if (module.simulate) {
+    if (!module.dll.empty()) throw std::runtime_error("--simulate does not use --dll");
+    simulated.emplace();
+    scope.emplace([&](Platform::Machine& machine) { simulated->Install(machine); });
+  } else {
+    pins.emplace(module.Path());
+  }
+  const auto keys = pins ? pins->Restricted() : Tessel::Security::BuiltRestrictedKeys();
+  int code = kDone;
+  for (const std::string& request : requests) {
+    const SubscriptionCheck check = CheckSubscription(TextOrFile(request), keys);
+    if (!check.Runs()) code = kNotMet;
+    if (requests.size() > 1 && !console.WritesJson()) console.Heading(request);
+    Show(request, check, console);
+  }
+  return code;
+}
+
+struct ExplainOptions {
   std::string kind;
   std::string which;
   bool all = false;
@@ -37,7 +100,7 @@ std::uint32_t CodeOf(const std::string& written) {
   return code;
 }
 
-Occasion OccasionOf(const Options& options) {
+Occasion OccasionOf(const ExplainOptions& options) {
   if (options.all) {
     if (!options.kind.empty()) throw std::runtime_error("--all takes no event");
     return {};
@@ -82,7 +145,7 @@ int ExplainResume(Console& console) {
   return kDone;
 }
 
-int RunExplain(const Options& options, const ModuleOptions& module, Console& console) {
+int RunExplain(const ExplainOptions& options, const ModuleOptions& module, Console& console) {
   if (options.kind == "resume" && options.which.empty() && !options.all) {
     return ExplainResume(console);
   }
@@ -103,7 +166,7 @@ int RunExplain(const Options& options, const ModuleOptions& module, Console& con
   return kDone;
 }
 
-constexpr char kFooter[] =
+constexpr char kExplainFooter[] =
     "Starts, sends and stores nothing. The keys are those of the module. Judges with this\n"
     "account's rights: another one may not use the console session's winlogon.exe, as the service\n"
     "may.\n"
@@ -114,12 +177,18 @@ constexpr char kFooter[] =
 
 }  // namespace
 
-void AddExplainCommand(CommandLine& line) {
+void AddExplainCommands(CommandLine& line) {
+  const auto [validate, requests] =
+      line.Add({"validate", "check subscriptions before sending them", kValidateFooter}, &Validate,
+               Shared::Dll | Shared::Simulate | Shared::Json);
+  validate.add_option("request", requests, "a subscription's JSON, or @FILE; or several")
+      ->required();
+
   const auto [explain, options] =
       line.Add({"explain",
                 "explain what an event would do for each stored subscription, or a resume for the\n"
                 "companion app",
-                kFooter},
+                kExplainFooter},
                &RunExplain, Shared::Dll | Shared::Store | Shared::Timeout | Shared::Json);
   explain.add_option("kind", options.kind, "power, platform, uninstall or resume");
   explain.add_option("event", options.which, "its code, or the family of the package");
