@@ -55,16 +55,13 @@ struct Checks {
   ExitCode worst = kDone;
 
   // Adds a passed check or, unless `good`, a finding with the expected state and advice. A finding
-  // means that one feature of the module does not work or, if it is Unusable, that none does.
-  enum class Finding { Limits, Unusable };
+  // means that one feature of the module does not work or, with kUnusable, that none does.
   void Add(const std::string& what, bool good, const std::wstring& found,
            const std::wstring& expected = {}, const std::wstring& advice = {},
-           Finding finding = Finding::Limits) {
-    const bool unusable = finding == Finding::Unusable;
+           ExitCode severity = kNotMet) {
+    const std::wstring health = severity == kUnusable ? L"unusable" : L"finding";
     rows.push_back({{L"check", what},
-                    {L"health", std::wstring(good       ? L"ok"
-                                             : unusable ? L"unusable"
-                                                        : L"finding")},
+                    {L"health", good ? L"ok" : health},
                     {L"found", found},
                     {L"expected", good ? L"" : expected},
                     {L"advice", good ? L"" : advice}});
@@ -73,7 +70,7 @@ struct Checks {
     if (good) return;
     lines.push_back("       expected: " + Utf8(expected));
     lines.push_back("       do: " + Utf8(advice));
-    worst = std::max(worst, unusable ? kUnusable : kNotMet);
+    worst = std::max(worst, severity);
   }
 };
 
@@ -84,10 +81,6 @@ const Platform::Machine& Machine() {
 std::wstring Expanded(const wchar_t* text) {
   auto expanded = Machine().environment->Expand(text, Platform::kLongestPath);
   return expanded ? *std::move(expanded) : text;
-}
-
-std::wstring Code(std::uint32_t error) {
-  return L"error " + std::to_wstring(error);
 }
 
 // Returns the version in a file's resource, such as "1.2.3.4", or "" if it has none.
@@ -102,27 +95,23 @@ std::wstring FileVersion(const std::wstring& path) {
     return {};
   }
   const auto* info = static_cast<VS_FIXEDFILEINFO*>(found);
-  std::wstring version;
-  for (const DWORD part : {info->dwFileVersionMS, info->dwFileVersionLS}) {
-    version += (version.empty() ? L"" : L".") + std::to_wstring(HIWORD(part)) + L"." +
-               std::to_wstring(LOWORD(part));
-  }
-  return version;
+  const auto text = [](DWORD part) {
+    return std::to_wstring(HIWORD(part)) + L"." + std::to_wstring(LOWORD(part));
+  };
+  return text(info->dwFileVersionMS) + L"." + text(info->dwFileVersionLS);
 }
 
 // Checks the module of a service, or the one that the tool uses.
 void ModuleFile(const std::wstring& path, const char* what, const wchar_t* advice, Checks& checks) {
   const std::wstring version = FileVersion(path);
   if (version.empty()) {
-    checks.Add(what, false, path + L" is missing or has no version", L"the service module",
-               L"install it, or name it: vxhost --dll MODULE", Checks::Finding::Unusable);
-    return;
+    return checks.Add(what, false, path + L" is missing or has no version", L"the service module",
+                      L"install it, or name it: vxhost --dll MODULE", kUnusable);
   }
   if (const std::string why = WhyNoModule(path); !why.empty()) {
-    checks.Add(what, false, path + L" " + Wide(why), L"a module that Windows can load",
-               L"install the delivery again, then vxhost service install --replace",
-               Checks::Finding::Unusable);
-    return;
+    return checks.Add(what, false, path + L" " + Wide(why), L"a module that Windows can load",
+                      L"install the delivery again, then vxhost service install --replace",
+                      kUnusable);
   }
   const std::wstring own = Wide(VX_VERSION);
   checks.Add(what, version == own, path + L", version " + version,
@@ -136,8 +125,8 @@ void ModuleSignature(const std::wstring& path, Checks& checks) {
   constexpr std::int64_t kDaysToRenew = 30;
   const auto keys = Tessel::Security::PublicKeysOf(path);
   if (keys.empty()) {
-    checks.Add(kWhat, false, path + L" has no signature that Windows can read", kExpected, kAdvice);
-    return;
+    return checks.Add(kWhat, false, path + L" has no signature that Windows can read", kExpected,
+                      kAdvice);
   }
   const auto certificates = CertificatesIn(path);
   const Certificate* certificate = CertificateOf(certificates, keys.front());
@@ -162,8 +151,7 @@ void Pins(const std::wstring& module, const std::optional<ModulePins>& pins, Che
   const auto keys = Tessel::Security::PublicKeysOf(module);
   if (!pins || keys.empty()) return;  // the signature check then reports a finding
   const auto isIn = [&](Tessel::Security::KeySet set) {
-    return std::ranges::any_of(
-        keys, [&](const std::string& key) { return std::ranges::find(set, key) != set.end(); });
+    return std::ranges::find_first_of(keys, set) != keys.end();
   };
   const bool isRestricted = isIn(pins->Restricted());
   const bool pinned = isRestricted || isIn(pins->General());
@@ -205,9 +193,8 @@ void Store(const HoldLimits& limits, Tessel::Security::KeySet keys, Checks& chec
     checks.Add("store mutex", false, Wide(error.what()), L"free",
                L"run as administrator, or end the program that holds it, which blocks every "
                L"service: vxhost service stop");
-    checks.Add("store", false, L"not read while its mutex is taken", kSound,
-               L"see the store mutex");
-    return;
+    return checks.Add("store", false, L"not read while its mutex is taken", kSound,
+                      L"see the store mutex");
   }
   checks.Add("store mutex", true, L"free");
   const StoreVerdict verdict = DiagnoseWithLists(*look);
@@ -237,7 +224,7 @@ void Service(const std::string& written, Checks& checks) {
         "service", running,
         name + (!report   ? L" is not installed"
                 : running ? L" runs as process " + std::to_wstring(report->process)
-                          : L" is not running, " + Code(report->exitCode)),
+                          : L" is not running, error " + std::to_wstring(report->exitCode)),
         L"a service that runs",
         (report ? L"vxhost service start --name " : L"vxhost service install --name ") + name);
     if (!report) return;
@@ -265,7 +252,6 @@ void Log(const std::string& named, Checks& checks) {
   const std::filesystem::path folder = LogFolderOf(named);
   std::wstring count;
   std::size_t events = 0;
-  std::wstring lastEvent;
   std::wstring lastError;
   std::wstring proof;
   bool startedSince = true;
@@ -277,10 +263,7 @@ void Log(const std::string& named, Checks& checks) {
   const auto take = [&](const HistoryLine& line) {
     if (line.line.provider != kHostProvider) return;
     const std::wstring text = line.line.message + L" at " + line.time;
-    if (PowerCodeIn(line.line)) {
-      ++events;
-      lastEvent = L", the last " + text;
-    }
+    if (PowerCodeIn(line.line)) proof = std::to_wstring(++events) + L", the last " + text;
     if (line.line.level == L"ERROR") lastError = text;
     startedSince = StartsModule(line.line) || (startedSince && line.line.level != L"ERROR");
   };
@@ -293,16 +276,14 @@ void Log(const std::string& named, Checks& checks) {
       if (events == 0) ReadLog(file, takeProof, R"("kind":"power")");
     }
   } catch (const std::runtime_error& error) {
-    checks.Add(
+    return checks.Add(
         "log folder", false, Wide(error.what()), L"the log of a service",
         L"fix the folder above, or delete any file in its place, then restart the service, as "
         L"administrator: vxhost service stop, vxhost service start");
-    return;
   }
   checks.Add("log folder", true, folder.wstring() + L", " + count);
   checks.Add("last error", startedSince, lastError.empty() ? L"none" : lastError,
              L"none since the last start", L"see what happened then: vxhost history");
-  if (events != 0) proof = std::to_wstring(events) + lastEvent;
   checks.Add("power events", !proof.empty(), proof.empty() ? L"none in " + count : proof,
              L"at least one",
              L"let the machine sleep and wake while the service runs: vxhost watch --service");
@@ -311,14 +292,13 @@ void Log(const std::string& named, Checks& checks) {
 void ConsoleUser(Checks& checks) {
   const std::uint32_t session = Machine().sessions->ActiveConsoleSession();
   if (session == Platform::kNoSession) {
-    checks.Add("console", false, L"no session", L"a session with a user",
-               L"sign in at the machine: programs start in that session only");
-    return;
+    return checks.Add("console", false, L"no session", L"a session with a user",
+                      L"sign in at the machine: programs start in that session only");
   }
   const auto user = Machine().sessions->QueryText(session, Platform::SessionText::UserName);
   checks.Add("console", user && !user->empty(),
              L"session " + std::to_wstring(session) + L", user " +
-                 (user ? *user : L"unknown: " + Code(user.Error())),
+                 (user ? *user : L"unknown: error " + std::to_wstring(user.Error())),
              L"a user", L"sign in at the machine");
   const auto logon = Orvane::LogonProcessIn(session);
   const auto image = logon ? Machine().processes->ImagePath(*logon) : std::nullopt;
