@@ -29,6 +29,8 @@ namespace Vx::Hosting::Tool {
 
 namespace {
 
+using namespace ServiceHost;
+
 struct RunOptions {
   std::string name = kDefaultServiceName;
   std::string log;
@@ -38,43 +40,38 @@ struct RunOptions {
 
 std::vector<std::wstring> WideAll(const std::vector<std::string>& texts) {
   std::vector<std::wstring> wide;
-  wide.reserve(texts.size());
   for (const std::string& text : texts) wide.push_back(Wide(text));
   return wide;
 }
 
 int RunService(const RunOptions& options, const ModuleOptions& module, Console& console) {
-  ServiceHost::PipeOptions pipe;
-  pipe.path = ServiceHost::PipePath(Wide(options.name));
+  PipeOptions pipe;
+  pipe.path = PipePath(Wide(options.name));
   // The module starts work as soon as it is loaded, so check everything else first.
-  pipe.allowed = ServiceHost::SidsOf(WideAll(options.allowed));
+  pipe.allowed = SidsOf(WideAll(options.allowed));
   if (!options.log.empty() && !std::filesystem::is_directory(FullPath(options.log))) {
     throw std::runtime_error("there is no folder " + Utf8(FullPath(options.log)));
   }
   StopRequest stop;
-  using ServiceHost::LogEntry;
-  std::vector<ServiceHost::LogTarget> targets = {
-      [&console](const LogEntry& entry) { console.Log(entry.line); }};
-  std::optional<ServiceHost::LogFolder> folder;
+  std::vector<LogTarget> targets = {[&console](const LogEntry& entry) { console.Log(entry.line); }};
+  std::optional<LogFolder> folder;
   if (!options.log.empty()) {
     folder.emplace(FullPath(options.log), Wide(options.name));
     targets.emplace_back([&folder](const LogEntry& entry) { folder->Write(entry); });
   }
-  ServiceHost::ServiceLog log(std::move(targets));
-  ServiceHost::HostLoop host(
-      {.module = module.Path(), .modernStandby = ServiceHost::HasModernStandby()}, log);
-  const ServiceHost::PowerNotifications power(ServiceHost::PowerNotifications::Kind::Sleep,
-                                              [&host](std::uint32_t code) { host.OnPower(code); });
-  const ServiceHost::PipeServer server(
+  ServiceLog log(std::move(targets));
+  HostLoop host({.module = module.Path(), .modernStandby = HasModernStandby()}, log);
+  const PowerNotifications power(PowerNotifications::Kind::Sleep,
+                                 [&host](std::uint32_t code) { host.OnPower(code); });
+  const PipeServer server(
       std::move(pipe),
-      [&host](const ServiceHost::CommandEnvelope& command, const std::wstring& client) {
+      [&host](const CommandEnvelope& command, const std::wstring& client) {
         return host.Execute(command, client);
       },
       [&log](const wchar_t* level, std::wstring_view message) { log.Add(level, message); });
   std::fprintf(stderr, "%s runs as process %lu; Ctrl+C ends it\n", options.name.c_str(),
                GetCurrentProcessId());
-  const DWORD limit = options.seconds == 0 ? INFINITE : static_cast<DWORD>(options.seconds) * 1000;
-  stop.Wait(limit);
+  stop.Wait(options.seconds == 0 ? INFINITE : static_cast<DWORD>(options.seconds) * 1000);
   return kDone;
 }
 
@@ -104,18 +101,11 @@ struct SendOptions {
 };
 
 std::wstring CheckedName(const std::string& name) {
-  if (!ServiceHost::IsServiceName(Wide(name))) {
+  if (!IsServiceName(Wide(name))) {
     throw std::runtime_error(
-        "a service's name has 1 to 64 letters, digits, dots, hyphens and "
-        "underscores");
+        "a service's name has 1 to 64 letters, digits, dots, hyphens and underscores");
   }
   return Wide(name);
-}
-
-// Returns the path of the service's program, which is in the same folder as this one.
-std::wstring HostProgram() {
-  const std::wstring tool = OwnPath();
-  return FullPathOfFile(Utf8(tool.substr(0, tool.rfind(L'\\') + 1)) + "OrvaneHost.exe");
 }
 
 // Returns the path of `file` without links, because the creator of a link could redirect it later.
@@ -128,33 +118,33 @@ std::wstring WithoutLinks(const std::wstring& file) {
 int Install(const InstallOptions& options, const ModuleOptions& module, Console& console) {
   ServicePlan plan;
   plan.name = CheckedName(options.name);
-  plan.program = WithoutLinks(HostProgram());
+  const std::wstring tool = OwnPath();
+  plan.program =
+      WithoutLinks(FullPathOfFile(Utf8(tool.substr(0, tool.rfind(L'\\') + 1)) + "OrvaneHost.exe"));
   plan.module = WithoutLinks(module.Path());
   if (!options.start.empty()) {
     plan.start =
         options.start == "auto" ? ServicePlan::Start::Automatic : ServicePlan::Start::Demand;
   }
-  plan.allowed = ServiceHost::SidsOf(WideAll(options.allowed));
+  plan.allowed = SidsOf(WideAll(options.allowed));
   plan.development = options.development;
   plan.replaces = options.replace;
   if (const auto replaced = options.replace ? ServiceManager().Query(plan.name) : std::nullopt) {
     if (plan.allowed.empty()) plan.allowed = replaced->options.allowed;
     plan.development = plan.development || replaced->options.development;
   }
-  const ServiceHost::Writers accepted =
-      plan.development ? ServiceHost::Writers::Account : ServiceHost::Writers::System;
+  const Writers accepted = plan.development ? Writers::Account : Writers::System;
   for (const std::wstring& file : {plan.program, plan.module}) {
-    if (const std::string why = ServiceHost::WhyUnguarded(file, accepted); !why.empty()) {
+    if (const std::string why = WhyUnguarded(file, accepted); !why.empty()) {
       throw std::runtime_error(why +
                                ";\nit could replace what runs as SYSTEM. Install into a "
                                "folder that only administrators write to");
     }
   }
-  const auto existing = options.repair ? ServiceHost::DataFolders::Existing::Repair
-                                       : ServiceHost::DataFolders::Existing::Report;
-  for (const std::string& folder :
-       ServiceHost::DataFolders(ServiceHost::ProgramDataFolder(), accepted).Prepare(existing)) {
-    console.Line("repaired: " + ServiceHost::WithAccountNames(folder));
+  const auto existing =
+      options.repair ? DataFolders::Existing::Repair : DataFolders::Existing::Report;
+  for (const std::string& folder : DataFolders(ProgramDataFolder(), accepted).Prepare(existing)) {
+    console.Line("repaired: " + WithAccountNames(folder));
   }
   if (const std::string why = WhyNoModule(plan.module); !why.empty()) {
     throw std::runtime_error(Utf8(plan.module) + " " + why);
@@ -163,7 +153,7 @@ int Install(const InstallOptions& options, const ModuleOptions& module, Console&
     console.Line("this Windows does not support, so the service lacks: " + unknown);
   }
   for (const std::wstring& sid : plan.allowed) {
-    console.Line("warning: " + ServiceHost::WithAccountNames(Utf8(sid)) +
+    console.Line("warning: " + WithAccountNames(Utf8(sid)) +
                  " may now start any trusted program as SYSTEM, with its own arguments");
   }
   if (plan.development) {
@@ -182,8 +172,8 @@ std::string LastError(const std::wstring& name, const std::wstring& begin) {
     for (const auto& file : LogFilesIn(LogFolderOf({}))) {
       if (!file.filename().wstring().starts_with(name + L"-")) continue;
       const auto take = [&](const HistoryLine& line) {
-        if (line.line.provider != kHostProvider || line.line.level != L"ERROR") return;
-        if (line.time < begin) return;
+        const bool own = line.line.provider == kHostProvider && line.line.level == L"ERROR";
+        if (!own || line.time < begin) return;
         found = line.line.message + L" (" + line.time + L" in " + file.wstring() + L")";
       };
       ReadLog(file, take, Utf8(kHostProvider));
@@ -236,7 +226,7 @@ int Status(const NameOptions& options, const ModuleOptions&, Console& console) {
   JsonRow row{{L"name", name}, {L"state", state}};
   std::vector<std::string> lines{options.name + ": " + Utf8(state)};
   if (report) {
-    const ServiceHost::ServiceOptions& installed = report->options;
+    const ServiceOptions& installed = report->options;
     const std::string start = report->automatic ? "auto" : "demand";
     row.Add({L"process", report->process});
     row.Add({L"exitCode", report->exitCode});
@@ -246,7 +236,7 @@ int Status(const NameOptions& options, const ModuleOptions&, Console& console) {
     if (!installed.module.empty()) row.Add({L"module", installed.module});
     row.Add({L"allow", installed.allowed});
     row.Add({L"development", installed.development});
-    row.Add({L"pipe", ServiceHost::PipePath(name)});
+    row.Add({L"pipe", PipePath(name)});
     if (report->process != 0) lines[0] += ", process " + std::to_string(report->process);
     if (report->exitCode != 0) {
       lines[0] +=
@@ -256,9 +246,9 @@ int Status(const NameOptions& options, const ModuleOptions&, Console& console) {
     lines.push_back("  account: " + Utf8(report->account));
     lines.push_back("  image:   " + Utf8(report->image));
     lines.push_back("  module:  " + Utf8(installed.module));
-    lines.push_back("  pipe:    " + Utf8(ServiceHost::PipePath(name)));
+    lines.push_back("  pipe:    " + Utf8(PipePath(name)));
     for (const std::wstring& sid : installed.allowed) {
-      lines.push_back("  allow:   " + ServiceHost::WithAccountNames(Utf8(sid)));
+      lines.push_back("  allow:   " + WithAccountNames(Utf8(sid)));
     }
     if (installed.development) lines.emplace_back("  for development");
   }
@@ -274,11 +264,11 @@ int Send(const SendOptions& options, const ModuleOptions&, Console& console) {
   const std::wstring name = CheckedName(options.name);
   for (const std::uint32_t code : options.power) {
     console.Line("-> power event " + std::to_string(code));
-    manager.Send(name, ServiceHost::PowerControl(code));
+    manager.Send(name, PowerControl(code));
   }
   for (const std::uint32_t code : options.sessions) {
     console.Line("-> session change " + std::to_string(code));
-    manager.Send(name, ServiceHost::SessionControl(code));
+    manager.Send(name, SessionControl(code));
   }
   return kDone;
 }
@@ -307,19 +297,19 @@ CommandLine::Added<Options> AddNamed(CommandLine& line, CLI::App& group, const C
   return added;
 }
 
-void AddRun(CommandLine& line, CLI::App& group) {
-  const auto [run, options] =
+}  // namespace
+
+void AddServiceCommands(CommandLine& line) {
+  CLI::App& group = line.AddGroup("service", "the module as a running service");
+  const auto run =
       AddNamed(line, group, {"run", "host the module in this console until Ctrl+C", kRunFooter},
                &RunService, Shared::Dll);
-  run.add_option("--log", options.log, "an existing folder for log files");
-  run.add_option("--allow", options.allowed,
-                 "another account, as name or SID: it may then start every trusted program\n"
-                 "as the service's account, with its own arguments");
-  run.add_option("--seconds", options.seconds, "how long; 0: until Ctrl+C")
+  run.app.add_option("--log", run.options.log, "an existing folder for log files");
+  run.app.add_option("--allow", run.options.allowed,
+                     "another account, as name or SID: it may then start every trusted program\n"
+                     "as the service's account, with its own arguments");
+  run.app.add_option("--seconds", run.options.seconds, "how long; 0: until Ctrl+C")
       ->check(CLI::Range(0, kLongestSeconds));
-}
-
-void AddInstall(CommandLine& line, CLI::App& group) {
   const auto [install, options] =
       AddNamed(line, group, {"install", "install the module as a Windows service", kInstallFooter},
                &Install, Shared::Dll);
@@ -336,14 +326,6 @@ void AddInstall(CommandLine& line, CLI::App& group) {
   install.add_flag("--development", options.development,
                    "accept folders of the account that installs, and events of \"service send\";\n"
                    "never on a machine that others use");
-}
-
-}  // namespace
-
-void AddServiceCommands(CommandLine& line) {
-  CLI::App& group = line.AddGroup("service", "the module as a running service");
-  AddRun(line, group);
-  AddInstall(line, group);
   AddNamed(line, group, {"start", "start the installed service", kNameFooter}, &Start);
   AddNamed(line, group, {"stop", "stop the service", kNameFooter}, &Stop);
   const auto remove = AddNamed(
@@ -352,11 +334,10 @@ void AddServiceCommands(CommandLine& line) {
                       "even a running one, which Windows removes when it stops");
   AddNamed(line, group, {"status", "show whether the service is running", kStatusFooter}, &Status,
            Shared::Json);
-  const auto [send, options] = AddNamed(
+  const auto [send, sent] = AddNamed(
       line, group, {"send", "send events to a service under development", kSendFooter}, &Send);
-  send.add_option("--power", options.power, "power broadcast codes (PBT_)")
-      ->check(CLI::Range(0, 63));
-  send.add_option("--session", options.sessions, "session change codes (WTS_SESSION_)")
+  send.add_option("--power", sent.power, "power broadcast codes (PBT_)")->check(CLI::Range(0, 63));
+  send.add_option("--session", sent.sessions, "session change codes (WTS_SESSION_)")
       ->check(CLI::Range(0, 63));
 }
 
