@@ -175,8 +175,7 @@ class LogRecord {
 
 constexpr char kNoRecords[] =
     "(no line has a record of a decision. Nothing was decided, or an earlier version wrote the "
-    "log, or "
-    "a module with another logging library, or it is output of \"watch\")";
+    "log, or a module with another logging library, or it is output of \"watch\")";
 
 std::wstring Lower(std::wstring text) {
   CharLowerBuffW(text.data(), static_cast<DWORD>(text.size()));
@@ -297,8 +296,7 @@ int RunHistory(const Options& options, const ModuleOptions&, Console& console) {
     console.Show(AsJson(row), {LineOf(row, zone)});
   };
   if (options.follow) history.TakeChanges();  // the rows below include them
-  const auto rows =
-      options.follow ? History(history).Finish(period, now) : history.Finish(period, now);
+  const auto rows = History(history).Finish(period, now);
   std::ranges::for_each(rows, show);
   if (history.Records() == 0 && rows.empty()) console.Note(kNoRecords);
   if (history.Unknown() != 0) {

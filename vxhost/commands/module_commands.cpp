@@ -5,8 +5,8 @@
 #include <iterator>
 #include <map>
 #include <memory>
+#include <ranges>
 #include <stdexcept>
-#include <utility>
 
 #include <windows.h>
 
@@ -91,7 +91,7 @@ ScenarioRun Read(const ScenarioOptions& options, const ModuleOptions& module) {
                                                   : HarnessKind::Real;
   ScenarioRun run;
   for (const std::string& file : options.scenarios) {
-    PlayedScenario entry;
+    PlayedScenario& entry = run.played.emplace_back();
     entry.file = file;
     try {
       run.scenarios.push_back(std::make_unique<Scenario>(FullPath(file), definitions, where));
@@ -99,7 +99,6 @@ ScenarioRun Read(const ScenarioOptions& options, const ModuleOptions& module) {
       entry.error = error.what();
       run.faults += (run.faults.empty() ? "" : "\n") + entry.error;
     }
-    run.played.push_back(std::move(entry));
   }
   return run;
 }
@@ -137,9 +136,7 @@ int PlayScenarios(const ScenarioOptions& options, const ModuleOptions& module, C
   }
   ScenarioRun run = Read(options, module);
   const auto report = [&] {
-    if (!options.junit.empty()) {
-      WriteTextFile(FullPath(options.junit), JUnitReport(run.played));
-    }
+    if (!options.junit.empty()) WriteTextFile(FullPath(options.junit), JUnitReport(run.played));
     if (!options.timeline.empty()) WriteTimeline(options.timeline, run.played);
   };
   if (!run.faults.empty()) {
@@ -149,9 +146,7 @@ int PlayScenarios(const ScenarioOptions& options, const ModuleOptions& module, C
   bool met = true;
   for (std::size_t i = 0; i < run.scenarios.size(); ++i) {
     PlayedScenario& played = run.played[i];
-    if (run.scenarios.size() > 1 && !console.WritesJson()) {
-      console.Lines("\n==== " + played.file);
-    }
+    if (run.scenarios.size() > 1 && !console.WritesJson()) console.Lines("\n==== " + played.file);
     Play(module, *run.scenarios[i], console, played);
     if (!played.error.empty()) {
       report();
@@ -162,8 +157,7 @@ int PlayScenarios(const ScenarioOptions& options, const ModuleOptions& module, C
   }
   report();
   if (!console.WritesJson()) {
-    console.Lines(met ? std::string("\n") + kMet
-                      : std::string("\n") + kUnmet + ": see the lines with !!");
+    console.Lines("\n" + (met ? kMet : kUnmet + std::string(": see the lines with !!")));
   }
   return met ? kDone : kNotMet;
 }
@@ -184,11 +178,9 @@ void NoteWaiting(const std::vector<RecordEntry>& entries, Console& console) {
     if (record.decision == L"waiting") waiting[record.delivery] = record.milliseconds;
   }
   if (waiting.empty()) return;
-  const auto longest =
-      std::ranges::max_element(waiting, {}, [](const auto& one) { return one.second; });
+  const std::uint64_t longest = std::ranges::max(std::views::values(waiting));
   console.Note(std::to_string(waiting.size()) + " deliveries are still waiting, for up to " +
-               std::to_string(longest->second / 1000) +
-               " s, and will not happen: use more --seconds");
+               std::to_string(longest / 1000) + " s, and will not happen: use more --seconds");
 }
 
 int Events(const EventOptions& options, const ModuleOptions& module, Console& console) {
@@ -223,8 +215,7 @@ int Events(const EventOptions& options, const ModuleOptions& module, Console& co
 constexpr char kExecFooter[] =
     "With --service nothing is sent unless the pipe belongs to the process that the service\n"
     "manager names, or to that of --process, which \"service run\" names.\n"
-    "Exit code 1 if the result code is not 0x00000000, if the module refused the request, and "
-    "if\n"
+    "Exit code 1 if the result code is not 0x00000000, if the module refused the request, and if\n"
     "it stored a subscription that never runs.\n"
     "  vxhost exec 22\n"
     "  vxhost exec 9 @subscription.json --service";
@@ -255,35 +246,30 @@ CommandResult Send(std::uint32_t id, const std::wstring& request, const std::str
 
 void AddModuleCommands(CommandLine& line) {
   constexpr unsigned kShared = Shared::Leading | Shared::Json;
-  const auto exec = line.Add({"exec", "run one command and print its answer", kExecFooter}, &Exec,
-                             kShared | Shared::Timeout | Shared::Service);
-  exec.app.add_option("id", exec.options.id, "the number of the command")->required();
-  exec.app.add_option("request", exec.options.request,
-                      "the request's JSON, @FILE, or @- for standard input");
-  exec.app.add_option("--caller", exec.options.caller, "the client's identity")
-      ->capture_default_str();
-  exec.app.add_option("--process", exec.options.process,
-                      "the service's process, if it is not the one that is installed by that name");
+  const auto [exec, sent] = line.Add({"exec", "run one command and print its answer", kExecFooter},
+                                     &Exec, kShared | Shared::Timeout | Shared::Service);
+  exec.add_option("id", sent.id, "the number of the command")->required();
+  exec.add_option("request", sent.request, "the request's JSON, @FILE, or @- for standard input");
+  exec.add_option("--caller", sent.caller, "the client's identity")->capture_default_str();
+  exec.add_option("--process", sent.process,
+                  "the service's process, if it is not the one that is installed by that name");
 
-  const auto scenario =
+  const auto [scenario, play] =
       line.Add({"scenario", "play a scenario and check what it expects", kScenarioFooter},
                &PlayScenarios, kShared);
-  scenario.app
-      .add_option("file", scenario.options.scenarios,
-                  "the scenario, or several, one after the other")
+  scenario.add_option("file", play.scenarios, "the scenario, or several, one after the other")
       ->required();
-  scenario.app.add_option("--define", scenario.options.definitions, "NAME=VALUE for ${NAME} in it");
-  scenario.app.add_option("--junit", scenario.options.junit,
-                          "write a JUnit report, with one test case per step, into this file");
-  scenario.app.add_option("--timeline", scenario.options.timeline,
-                          "draw what happened as a web page, into this file");
+  scenario.add_option("--define", play.definitions, "NAME=VALUE for ${NAME} in it");
+  scenario.add_option("--junit", play.junit,
+                      "write a JUnit report, with one test case per step, into this file");
+  scenario.add_option("--timeline", play.timeline,
+                      "draw what happened as a web page, into this file");
 
-  const auto events =
+  const auto [events, codes] =
       line.Add({"events", "send power and session events", kEventsFooter}, &Events, kShared);
-  events.app.add_option("--power", events.options.power, "power broadcast codes (PBT_)");
-  events.app.add_option("--session", events.options.sessions,
-                        "session change codes (WTS_SESSION_)");
-  events.app.add_option("--seconds", events.options.seconds, "how long to wait for deliveries")
+  events.add_option("--power", codes.power, "power broadcast codes (PBT_)");
+  events.add_option("--session", codes.sessions, "session change codes (WTS_SESSION_)");
+  events.add_option("--seconds", codes.seconds, "how long to wait for deliveries")
       ->check(CLI::Range(0, kLongestSeconds))
       ->capture_default_str();
 }

@@ -26,8 +26,7 @@ constexpr char kPinsFooter[] =
     "of it, the subject and the days left.\n"
     "  vxhost --dll OrvaneService.dll pins --cert Maker.cer";
 constexpr char kTrustFooter[] =
-    "The keys are those of the module. Lines with + are checks that the file passes, "
-    "lines\n"
+    "The keys are those of the module. Lines with + are checks that the file passes, lines\n"
     "with - checks that it fails. Exit code 0: trusted; 1: not.\n"
     "  vxhost trust \"C:\\Program Files\\Maker\\Tool.exe\"";
 constexpr char kPinFooter[] =
