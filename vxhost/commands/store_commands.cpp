@@ -51,9 +51,7 @@ int Export(const Options& options, const ModuleOptions& module, Console& console
     WriteTextFile(FullPath(options.file), Utf8(Indented(values)) + "\n");
     console.Note("written to " + options.file);
   }
-  if (left != 0) {
-    std::fprintf(stderr, "%zu values of other services were left out\n", left);
-  }
+  if (left != 0) std::fprintf(stderr, "%zu values of other services were left out\n", left);
   return kDone;
 }
 
@@ -131,38 +129,26 @@ constexpr char kImportFooter[] =
 
 enum class File { None, Optional, Required };
 
-struct Command {
-  CommandText text;
-  CommandLine::Run<Options> run;
-  File file;
-};
-constexpr Command kCommands[] = {
-    {{"show", "print the decrypted store as JSON, each value with its type", kShowFooter},
-     &Show,
-     File::None},
-    {{"verify", "report whether the store is sound, and what is wrong with it", kVerifyFooter},
-     &Verify,
-     File::Optional},
-    {{"backup", "copy the store's file", kBackupFooter}, &BackUp, File::Required},
-    {{"restore", "replace the store with a copy of it", kRestoreFooter}, &Restore, File::Required},
-    {{"export", "print this module's values of the store as JSON", kExportFooter},
-     &Export,
-     File::Optional},
-    {{"import", "put exported values into the store", kImportFooter}, &Import, File::Required},
-};
-
 }  // namespace
 
 void AddStoreCommands(CommandLine& line) {
   CLI::App& group = line.AddGroup("store", "the shared store");
-  for (const Command& command : kCommands) {
-    const auto added =
-        line.Add(command.text, command.run, Shared::Store | Shared::Timeout | Shared::Json, &group);
-    if (command.file == File::None) continue;
-    added.app
-        .add_option("file", added.options.file, "a copy of the store's file, or exported values")
-        ->required(command.file == File::Required);
-  }
+  const auto add = [&](const CommandText& text, CommandLine::Run<Options> run, File file) {
+    const auto [command, options] =
+        line.Add(text, run, Shared::Store | Shared::Timeout | Shared::Json, &group);
+    if (file == File::None) return;
+    command.add_option("file", options.file, "a copy of the store's file, or exported values")
+        ->required(file == File::Required);
+  };
+  add({"show", "print the decrypted store as JSON, each value with its type", kShowFooter}, &Show,
+      File::None);
+  add({"verify", "report whether the store is sound, and what is wrong with it", kVerifyFooter},
+      &Verify, File::Optional);
+  add({"backup", "copy the store's file", kBackupFooter}, &BackUp, File::Required);
+  add({"restore", "replace the store with a copy of it", kRestoreFooter}, &Restore, File::Required);
+  add({"export", "print this module's values of the store as JSON", kExportFooter}, &Export,
+      File::Optional);
+  add({"import", "put exported values into the store", kImportFooter}, &Import, File::Required);
 }
 
 }  // namespace Vx::Hosting::Tool

@@ -222,45 +222,33 @@ constexpr char kRemoveFooter[] =
 
 constexpr unsigned kShared = Shared::Dll | Shared::Store | Shared::Timeout | Shared::Json;
 
-void AddAdd(CommandLine& line, CLI::App& group) {
-  const auto [add, options] =
-      line.Add({"add", "compose a subscription, check it and send it", kAddFooter}, &Add,
-               kShared | Shared::Service, &group);
-  const struct {
-    const char* name;
-    std::string* value;
-    const char* about;
-  } kTexts[] = {
-      {"--uninstalling", &options.uninstalling, "when this family starts to be uninstalled"},
-      {"--uninstalled", &options.uninstalled, "when this family has been uninstalled"},
-      {"--run", &options.run, "start this program, by its full path"},
-      {"--arguments", &options.arguments, "with these arguments"},
-      {"--send", &options.send, "send a message to the app of this family"},
-      {"--app-service", &options.appService, "to this app service of that app"},
-      {"--payload", &options.payload, "with this JSON object, or @FILE, instead of {}"},
-      {"--trigger", &options.trigger, "raise the trigger with this GUID instead"},
-      {"--delay", &options.delay, "after this many seconds"},
-      {"--caller", &options.caller, "the client's identity, instead of vxhost"},
-  };
-  add.add_option("--power", options.power, "at this power event");
-  add.add_option("--platform", options.platform, "at this platform event");
-  for (const auto& text : kTexts) add.add_option(text.name, *text.value, text.about);
-  add.add_flag("--force", options.force, "even if it would never run");
-}
-
 }  // namespace
 
 void AddSubscriptionCommands(CommandLine& line) {
-  const auto listing =
+  const auto [group, noOptions] =
       line.Add({"subscriptions", "list the stored subscriptions, or change them", kListFooter},
                &List, kShared);
-  CLI::App& group = listing.app;
   line.Add({"list", "list the stored subscriptions", kListFooter}, &List, kShared, &group);
-  AddAdd(line, group);
-  const auto [remove, options] = line.Add({"remove", "remove a subscription", kRemoveFooter},
+  const auto [add, given] =
+      line.Add({"add", "compose a subscription, check it and send it", kAddFooter}, &Add,
+               kShared | Shared::Service, &group);
+  add.add_option("--power", given.power, "at this power event");
+  add.add_option("--platform", given.platform, "at this platform event");
+  add.add_option("--uninstalling", given.uninstalling, "when this family starts to be uninstalled");
+  add.add_option("--uninstalled", given.uninstalled, "when this family has been uninstalled");
+  add.add_option("--run", given.run, "start this program, by its full path");
+  add.add_option("--arguments", given.arguments, "with these arguments");
+  add.add_option("--send", given.send, "send a message to the app of this family");
+  add.add_option("--app-service", given.appService, "to this app service of that app");
+  add.add_option("--payload", given.payload, "with this JSON object, or @FILE, instead of {}");
+  add.add_option("--trigger", given.trigger, "raise the trigger with this GUID instead");
+  add.add_option("--delay", given.delay, "after this many seconds");
+  add.add_option("--caller", given.caller, "the client's identity, instead of vxhost");
+  add.add_flag("--force", given.force, "even if it would never run");
+  const auto [remove, removed] = line.Add({"remove", "remove a subscription", kRemoveFooter},
                                           &Remove, kShared | Shared::Service, &group);
-  remove.add_option("which", options.which, "its number, or its hash")->required();
-  remove.add_option("--caller", options.caller, "the client's identity")->capture_default_str();
+  remove.add_option("which", removed.which, "its number, or its hash")->required();
+  remove.add_option("--caller", removed.caller, "the client's identity")->capture_default_str();
 }
 
 }  // namespace Vx::Hosting::Tool
