@@ -4,6 +4,7 @@
 #include <array>
 #include <cstdio>
 #include <memory>
+#include <optional>
 #include <stdexcept>
 
 #include <windows.h>
@@ -27,63 +28,6 @@ struct DebugBuffer {
 
 struct Unmapper {
   void operator()(const DebugBuffer* view) const { UnmapViewOfFile(view); }
-};
-
-// Receives debug output. Each session has at most one monitor. All services share the global one.
-class Monitor {
- public:
-  explicit Monitor(bool global) {
-    const std::wstring prefix = global ? L"Global\\" : L"";
-    MakeBuffer(prefix + L"DBWIN_BUFFER");
-    bufferReady.reset(
-        CreateEventW(nullptr, FALSE, FALSE, (prefix + L"DBWIN_BUFFER_READY").c_str()));
-    dataReady.reset(CreateEventW(nullptr, FALSE, FALSE, (prefix + L"DBWIN_DATA_READY").c_str()));
-    if (mapping != nullptr) {
-      view.reset(static_cast<const DebugBuffer*>(
-          MapViewOfFile(mapping.get(), FILE_MAP_READ, 0, 0, sizeof(DebugBuffer))));
-    }
-    if (bufferReady == nullptr || dataReady == nullptr || view == nullptr) {
-      throw std::runtime_error("cannot receive debug output; close other monitors" +
-                               std::string(global ? ", and run as administrator" : ""));
-    }
-  }
-
-  // Receives the next text, without its line ending, and the process that wrote it. Returns false
-  // if none arrives within `milliseconds`.
-  bool Next(DWORD milliseconds, std::wstring& text, std::uint32_t& process) {
-    SetEvent(bufferReady.get());
-    if (WaitForSingleObject(dataReady.get(), milliseconds) != WAIT_OBJECT_0) return false;
-    process = view->process;
-    const auto length = strnlen(view->text.data(), view->text.size());
-    text.assign(length, L'\0');
-    text.resize(static_cast<std::size_t>(MultiByteToWideChar(CP_ACP, 0, view->text.data(),
-                                                             static_cast<int>(length), text.data(),
-                                                             static_cast<int>(text.size()))));
-    while (!text.empty() && (text.back() == L'\n' || text.back() == L'\r')) text.pop_back();
-    return true;
-  }
-
- private:
-  // Only a monitor creates the buffer. Two monitors sharing one would each receive only some of the
-  // lines. A writer can keep the buffer alive for a moment after its monitor has exited.
-  void MakeBuffer(const std::wstring& name) {
-    constexpr int kAttempts = 20;
-    constexpr DWORD kPause = 50;  // milliseconds
-    for (int attempt = 0; attempt < kAttempts; ++attempt) {
-      mapping.reset(CreateFileMappingW(INVALID_HANDLE_VALUE, nullptr, PAGE_READWRITE, 0,
-                                       sizeof(DebugBuffer), name.c_str()));
-      if (mapping == nullptr || GetLastError() != ERROR_ALREADY_EXISTS) return;
-      mapping.reset();
-      Sleep(kPause);
-    }
-    throw std::runtime_error(
-        "another monitor receives the debug output, and two would share the lines; close it");
-  }
-
-  Platform::UniqueHandle bufferReady;
-  Platform::UniqueHandle dataReady;
-  Platform::UniqueHandle mapping;
-  std::unique_ptr<const DebugBuffer, Unmapper> view;
 };
 
 // Removes the first word from `rest` and returns it.
@@ -112,6 +56,63 @@ LogLine ParseLogLine(const std::wstring& text) {
   line.message = rest;
   return line;
 }
+
+// Receives debug output. Each session has at most one monitor. All services share the global one.
+class Monitor {
+ public:
+  explicit Monitor(bool global) {
+    const std::wstring prefix = global ? L"Global\\" : L"";
+    MakeBuffer(prefix + L"DBWIN_BUFFER");
+    bufferReady.reset(
+        CreateEventW(nullptr, FALSE, FALSE, (prefix + L"DBWIN_BUFFER_READY").c_str()));
+    dataReady.reset(CreateEventW(nullptr, FALSE, FALSE, (prefix + L"DBWIN_DATA_READY").c_str()));
+    if (mapping != nullptr) {
+      view.reset(static_cast<const DebugBuffer*>(
+          MapViewOfFile(mapping.get(), FILE_MAP_READ, 0, 0, sizeof(DebugBuffer))));
+    }
+    if (bufferReady == nullptr || dataReady == nullptr || view == nullptr) {
+      throw std::runtime_error("cannot receive debug output; close other monitors" +
+                               std::string(global ? ", and run as administrator" : ""));
+    }
+  }
+
+  // Receives the next line. Returns nothing if none arrives within `milliseconds`.
+  std::optional<LogLine> Next(DWORD milliseconds) {
+    SetEvent(bufferReady.get());
+    if (WaitForSingleObject(dataReady.get(), milliseconds) != WAIT_OBJECT_0) return std::nullopt;
+    const auto length = strnlen(view->text.data(), view->text.size());
+    std::wstring text(length, L'\0');
+    text.resize(static_cast<std::size_t>(MultiByteToWideChar(CP_ACP, 0, view->text.data(),
+                                                             static_cast<int>(length), text.data(),
+                                                             static_cast<int>(text.size()))));
+    while (!text.empty() && (text.back() == L'\n' || text.back() == L'\r')) text.pop_back();
+    LogLine line = ParseLogLine(text);
+    line.process = view->process;
+    return line;
+  }
+
+ private:
+  // Only a monitor creates the buffer. Two monitors sharing one would each receive only some of the
+  // lines. A writer can keep the buffer alive for a moment after its monitor has exited.
+  void MakeBuffer(const std::wstring& name) {
+    constexpr int kAttempts = 20;
+    constexpr DWORD kPause = 50;  // milliseconds
+    for (int attempt = 0; attempt < kAttempts; ++attempt) {
+      mapping.reset(CreateFileMappingW(INVALID_HANDLE_VALUE, nullptr, PAGE_READWRITE, 0,
+                                       sizeof(DebugBuffer), name.c_str()));
+      if (mapping == nullptr || GetLastError() != ERROR_ALREADY_EXISTS) return;
+      mapping.reset();
+      Sleep(kPause);
+    }
+    throw std::runtime_error(
+        "another monitor receives the debug output, and two would share the lines; close it");
+  }
+
+  Platform::UniqueHandle bufferReady;
+  Platform::UniqueHandle dataReady;
+  Platform::UniqueHandle mapping;
+  std::unique_ptr<const DebugBuffer, Unmapper> view;
+};
 
 // Returns the local time, with the date if `whole` is true.
 std::wstring Now(bool whole) {
@@ -177,13 +178,9 @@ int Watch(const Options& options, const ModuleOptions& module, Console& console)
   std::fprintf(stderr, "Listening for log lines%s\n",
                options.seconds == 0 ? "; Ctrl+C ends it" : "");
   const ULONGLONG end = GetTickCount64() + static_cast<ULONGLONG>(options.seconds) * 1000;
-  std::wstring text;
   while (options.seconds == 0 || GetTickCount64() < end) {
-    std::uint32_t process = 0;
-    if (!monitor.Next(250, text, process)) continue;
-    LogLine line = ParseLogLine(text);
-    line.process = process;
-    if (IsWanted(line, options)) console.LogResult(line, Now(console.WritesJson()));
+    const auto line = monitor.Next(250);
+    if (line && IsWanted(*line, options)) console.LogResult(*line, Now(console.WritesJson()));
   }
   return kDone;
 }
