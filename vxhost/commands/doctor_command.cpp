@@ -30,9 +30,8 @@
 #include "vxhost/service/pipe_client.h"
 #include "vxhost/service/service_manager.h"
 #include "vxhost/store/store_look.h"
-#include "vxhost/subscriptions/certificates.h"
 #include "vxhost/subscriptions/explanation.h"
-#include "vxhost/subscriptions/module_pins.h"
+#include "vxhost/subscriptions/signing_keys.h"
 
 namespace Vx::Hosting::Tool {
 

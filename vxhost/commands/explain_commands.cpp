@@ -15,7 +15,7 @@
 #include "vxhost/play/private_store.h"
 #include "vxhost/store/store_look.h"
 #include "vxhost/subscriptions/explanation.h"
-#include "vxhost/subscriptions/module_pins.h"
+#include "vxhost/subscriptions/signing_keys.h"
 #include "vxhost/subscriptions/subscription_check.h"
 
 namespace Vx::Hosting::Tool {

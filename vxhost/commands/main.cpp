@@ -14,7 +14,7 @@
 #include "vxhost/play/played_keys.h"
 #include "vxhost/service/service_manager.h"
 #include "vxhost/store/store_look.h"
-#include "vxhost/subscriptions/module_pins.h"
+#include "vxhost/subscriptions/signing_keys.h"
 
 namespace {
 

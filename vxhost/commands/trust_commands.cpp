@@ -13,8 +13,7 @@
 #include "platform/clock.h"
 #include "platform/machine.h"
 #include "security/file_trust.h"
-#include "vxhost/subscriptions/certificates.h"
-#include "vxhost/subscriptions/module_pins.h"
+#include "vxhost/subscriptions/signing_keys.h"
 
 namespace Vx::Hosting::Tool {
 

@@ -26,7 +26,7 @@
 #include "security/trusted_program.h"
 #include "service/dispatch.h"
 #include "vxhost/common/console.h"
-#include "vxhost/subscriptions/certificates.h"
+#include "vxhost/subscriptions/signing_keys.h"
 
 #include <windows.h>
 

@@ -1,4 +1,4 @@
-#include "vxhost/subscriptions/module_pins.h"
+#include "vxhost/subscriptions/signing_keys.h"
 
 #include "support/test.h"
 
