@@ -196,7 +196,7 @@ void Store(const HoldLimits& limits, Tessel::Security::KeySet keys, Checks& chec
                       L"see the store mutex");
   }
   checks.Add("store mutex", true, L"free");
-  const StoreVerdict verdict = DiagnoseWithLists(*look);
+  const StoreVerdict verdict = Diagnose(*look);
   // "store restore" and "store import" keep the store that they replace.
   std::erase_if(look->siblings, [&](const std::wstring& path) {
     return path.starts_with(look->path + L".replaced-");

@@ -48,7 +48,7 @@ std::string ServiceState() {
 
 std::string StoreState() {
   const StoreLook look = LookAtStore(kNoWait);
-  const StoreVerdict verdict = DiagnoseWithLists(look);
+  const StoreVerdict verdict = Diagnose(look);
   const bool usable =
       verdict.IsSound() || look.reading.state == Vx::Tessel::Server::Storage::StoreState::Missing;
   return verdict.text + (usable ? "" : ": vxhost store verify");

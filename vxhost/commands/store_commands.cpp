@@ -58,8 +58,7 @@ int Export(const Options& options, const ModuleOptions& module, Console& console
 int Verify(const Options& options, const ModuleOptions& module, Console& console) {
   const StoreLook look =
       options.file.empty() ? LookAtStore(module.limits) : LookAtFile(FullPathOfFile(options.file));
-  const StoreVerdict verdict =
-      DiagnoseWithLists(look, options.file.empty() ? Owner::Trusted : Owner::Any);
+  const StoreVerdict verdict = Diagnose(look, options.file.empty() ? Owner::Trusted : Owner::Any);
   std::vector<std::string> lines{Utf8(look.path) + ": " + verdict.text};
   for (const std::wstring& path : look.siblings) {
     lines.push_back("next to it: " + Utf8(path) +

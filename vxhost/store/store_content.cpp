@@ -135,15 +135,11 @@ class StoreWriter {
   std::size_t& left;
 };
 
-Platform::Files& Files() {
-  return *Platform::CurrentMachine().files;
-}
-
 // Writes a new file with the same access rights as `accessLike`.
 std::unique_ptr<Platform::FileHandle> WriteNew(const std::wstring& path,
                                                const std::wstring& accessLike,
                                                std::span<const std::byte> content) {
-  auto made = Files().Create(path, accessLike);
+  auto made = Platform::CurrentMachine().files->Create(path, accessLike);
   if (!made) throw WindowsError("cannot create " + Utf8(path), made.Error());
   Platform::ErrorCode error = (*made)->Write(content);
   if (error == 0) error = (*made)->Flush();
@@ -154,22 +150,20 @@ std::unique_ptr<Platform::FileHandle> WriteNew(const std::wstring& path,
 
 // Throws unless `look` shows a sound store that this machine can read.
 void RequireStore(const StoreLook& look) {
+  if (look.reading.document) SubscriptionsIn(*look.reading.document);  // names the bad list
   const StoreVerdict verdict = Diagnose(look, Owner::Any);
   if (!verdict.IsSound())
     throw std::runtime_error(Utf8(look.path) + " is not used: " + verdict.text);
   if (!look.reading.document) {
     throw std::runtime_error(Utf8(look.path) + " is not used: it contains no values");
   }
-  SubscriptionsIn(*look.reading.document);
 }
 
 // Copies the store, even if damaged, within its folder. Returns the copy's path, or an empty
 // string if no copy is needed.
 std::wstring Keep(const StoreLook& look) {
-  const StoreState state = look.reading.state;
-  if (state == StoreState::Missing) return {};
-  if (state == StoreState::Linked || state == StoreState::TooLarge ||
-      state == StoreState::NotOpened) {
+  if (look.reading.state == StoreState::Missing) return {};
+  if (!Tessel::Server::Storage::MayReplace(look.reading.state)) {
     throw std::runtime_error("the store is not replaced: " + Diagnose(look).text);
   }
   std::wstring date = DateTimeText(Platform::WindowsMachine().clock->UtcFileTime());

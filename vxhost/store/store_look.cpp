@@ -46,42 +46,12 @@ bool HasSecondName(const std::wstring& path) {
   return facts && facts->names > 1;
 }
 
-StoreVerdict DiagnoseContent(const SealedFile::Reading& reading) {
-  const std::string size = std::to_string(reading.content.size()) + " bytes";
-  const bool zero =
-      std::ranges::all_of(reading.content, [](std::byte b) { return b == std::byte{}; });
-  if (!reading.content.empty() && zero) {
-    return {"zeroed", "zeroed: " + size + ", and all of them are zero"};
-  }
-  if (reading.cutShort) {
-    return {"cut short", "cut short: " + size + ", where the header alone has 72"};
-  }
-  // A readable store may have any header, because a store that is replaced keeps its header.
-  if (!reading.document && !reading.id.empty() && !IsUuid(reading.id)) {
-    return {"foreign",
-            "not a store: its first 72 bytes are not an identity, so another program "
-            "wrote it"};
-  }
-  if (reading.state == StoreState::OtherMachine) {
-    return {"other machine", "sealed on another machine: Windows has no key for it, error " +
-                                 Hexadecimal(reading.error)};
-  }
-  if (reading.state == StoreState::Damaged) {
-    return {"damaged", reading.error == 0
-                           ? "damaged: Windows decrypts it, but it does not contain a document"
-                           : "damaged: Windows cannot decrypt its content, error " +
-                                 Hexadecimal(reading.error)};
-  }
-  return {"sound", reading.document ? "sound" : "sound, and empty"};
-}
-
 std::vector<std::optional<std::wstring>> Texts(const BsonDocument& own,
                                                const SubscriptionForm& kind) {
   const auto value = own.Find(kind.list);
   if (!value) return {};
-  const auto list = value->AsWideText();
   try {
-    if (list) return Tessel::Server::Storage::RequestsOf(*list);
+    if (const auto list = value->AsWideText()) return Tessel::Server::Storage::RequestsOf(*list);
   } catch (const Platform::WindowsRuntimeError&) {  // NOLINT(bugprone-empty-catch): see below
   }
   throw std::runtime_error(std::string("the stored list ") + kind.list +
@@ -125,36 +95,51 @@ std::vector<StoredSubscription> SubscriptionsOf(const StoreLook& look) {
 }
 
 StoreVerdict Diagnose(const StoreLook& look, Owner owner) {
-  switch (look.reading.state) {
-    case StoreState::Missing:
-      return {"missing", "there is no file"};
-    case StoreState::Linked:
-      return {"linked", HasSecondName(look.path) ? "linked: the file has a second name"
-                                                 : "linked: the path is a link"};
-    case StoreState::TooLarge:
-      return {"too large", "too large: beyond 64 MiB"};
-    case StoreState::NotOpened:
-      return {"not opened", "it could not be opened, perhaps only temporarily: error " +
-                                Hexadecimal(look.reading.error)};
-    default:
-      break;
+  const SealedFile::Reading& reading = look.reading;
+  if (reading.state == StoreState::Missing) return {"missing", "there is no file"};
+  if (reading.state == StoreState::Linked) {
+    return {"linked", HasSecondName(look.path) ? "linked: the file has a second name"
+                                               : "linked: the path is a link"};
   }
-  StoreVerdict verdict = DiagnoseContent(look.reading);
-  if (owner == Owner::Trusted && verdict.IsSound() && IsForeign(look.path)) {
+  if (reading.state == StoreState::TooLarge) return {"too large", "too large: beyond 64 MiB"};
+  if (reading.state == StoreState::NotOpened) {
+    return {"not opened", "it could not be opened, perhaps only temporarily: error " +
+                              Hexadecimal(reading.error)};
+  }
+  const std::string size = std::to_string(reading.content.size()) + " bytes";
+  const bool zero =
+      std::ranges::all_of(reading.content, [](std::byte b) { return b == std::byte{}; });
+  if (!reading.content.empty() && zero) {
+    return {"zeroed", "zeroed: " + size + ", and all of them are zero"};
+  }
+  if (reading.cutShort) {
+    return {"cut short", "cut short: " + size + ", where the header alone has 72"};
+  }
+  // A readable store may have any header, because a store that is replaced keeps its header.
+  if (!reading.document && !reading.id.empty() && !IsUuid(reading.id)) {
+    return {"foreign",
+            "not a store: its first 72 bytes are not an identity, so another program "
+            "wrote it"};
+  }
+  if (reading.state == StoreState::OtherMachine) {
+    return {"other machine", "sealed on another machine: Windows has no key for it, error " +
+                                 Hexadecimal(reading.error)};
+  }
+  if (reading.state == StoreState::Damaged) {
+    return {"damaged", reading.error == 0
+                           ? "damaged: Windows decrypts it, but it does not contain a document"
+                           : "damaged: Windows cannot decrypt its content, error " +
+                                 Hexadecimal(reading.error)};
+  }
+  if (owner == Owner::Trusted && IsForeign(look.path)) {
     return {"foreign", "foreign: its owner is not SYSTEM, the administrators or this account"};
   }
-  return verdict;
-}
-
-StoreVerdict DiagnoseWithLists(const StoreLook& look, Owner owner) {
-  StoreVerdict verdict = Diagnose(look, owner);
-  if (!verdict.IsSound()) return verdict;
   try {
-    SubscriptionsIn(DocumentOf(look));
-    return verdict;
+    if (reading.document) SubscriptionsIn(*reading.document);
   } catch (const std::runtime_error& error) {
     return {"list broken", error.what()};
   }
+  return {"sound", reading.document ? "sound" : "sound, and empty"};
 }
 
 BsonDocument DocumentOf(const StoreLook& look) {

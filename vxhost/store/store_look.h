@@ -44,15 +44,12 @@ std::vector<StoredSubscription> SubscriptionsOf(const StoreLook& look);
 
 // The state of a store, as a word for programs and a sentence for people.
 struct StoreVerdict {
-  std::string state;  // "sound", "missing", "zeroed", "foreign", ...
+  std::string state;  // "sound", "missing", "zeroed", "list broken", ...
   std::string text;
   bool IsSound() const { return state == "sound"; }
 };
 enum class Owner { Trusted, Any };  // the accepted owners of the file
 StoreVerdict Diagnose(const StoreLook& look, Owner owner = Owner::Trusted);
-
-// Like Diagnose, but returns "list broken" if the module could not read one of its lists.
-StoreVerdict DiagnoseWithLists(const StoreLook& look, Owner owner = Owner::Trusted);
 
 // Reads the store's file, or a copy of it, at `path`.
 StoreLook LookAtFile(const std::wstring& path);
