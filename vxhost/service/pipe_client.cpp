@@ -14,6 +14,8 @@
 
 namespace Vx::Hosting::Tool {
 
+using namespace ServiceHost;
+
 namespace {
 
 // Not GENERIC_WRITE: it includes the right to create an instance, which only administrators have.
@@ -32,8 +34,7 @@ bool IsAccepted(const std::wstring& owner, PipeOwner accepted) {
   constexpr wchar_t kAdministrators[] = L"S-1-5-32-544";
   if (owner.empty()) return false;
   return owner == kSystem || owner == kAdministrators ||
-         (accepted == PipeOwner::Account &&
-          owner == ServiceHost::CallerOf(GetCurrentProcessId()).account);
+         (accepted == PipeOwner::Account && owner == CallerOf(GetCurrentProcessId()).account);
 }
 
 }  // namespace
@@ -62,7 +63,7 @@ PipeClient::PipeClient(const std::wstring& path, std::uint32_t service,
     throw std::runtime_error(Utf8(path) + " belongs to process " + std::to_string(server) +
                              " and not to the service, so nothing was sent");
   }
-  const std::wstring owner = ServiceHost::OwnerOf(pipe.get());
+  const std::wstring owner = OwnerOf(pipe.get());
   if (!IsAccepted(owner, accepted)) {
     throw std::runtime_error(Utf8(path) + " belongs to account " +
                              (owner.empty() ? "(unknown)" : Utf8(owner)) +
@@ -74,24 +75,22 @@ PipeClient::PipeClient(const std::wstring& path, std::uint32_t service,
   }
 }
 
-CommandResult PipeClient::Execute(const ServiceHost::CommandEnvelope& command) {
-  ServiceHost::PipeMessages messages(pipe.get(), nullptr);
-  std::string message = ServiceHost::WriteCommand(command);
-  if (message.size() > ServiceHost::kLongestCommand)
-    throw std::runtime_error("the request is too long");
-  if (messages.Write(message, kNoLimit) != ServiceHost::PipeOutcome::Done ||
-      messages.Read(message, ServiceHost::kLongestResult, kNoLimit) !=
-          ServiceHost::PipeOutcome::Done) {
+CommandResult PipeClient::Execute(const CommandEnvelope& command) {
+  PipeMessages messages(pipe.get(), nullptr);
+  std::string message = WriteCommand(command);
+  if (message.size() > kLongestCommand) throw std::runtime_error("the request is too long");
+  if (messages.Write(message, kNoLimit) != PipeOutcome::Done ||
+      messages.Read(message, kLongestResult, kNoLimit) != PipeOutcome::Done) {
     throw std::runtime_error("the service closed the connection");
   }
-  auto result = ServiceHost::ParseResult(message);
+  auto result = ParseResult(message);
   if (!result) throw std::runtime_error("the service sent no result");
   return std::move(*result);
 }
 
 PipeClient ConnectToService(const std::wstring& name, std::uint32_t process) {
-  if (process == 0) return {ServiceHost::PipePath(name), ProcessOfService(name), kPatience};
-  return {ServiceHost::PipePath(name), process, kPatience, PipeOwner::Account};
+  if (process == 0) return {PipePath(name), ProcessOfService(name), kPatience};
+  return {PipePath(name), process, kPatience, PipeOwner::Account};
 }
 
 }  // namespace Vx::Hosting::Tool

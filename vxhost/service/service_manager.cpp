@@ -127,6 +127,10 @@ void TakeOver(const UniqueServiceHandle& service, const std::wstring& name) {
   }
 }
 
+bool IsStarting(DWORD state) {
+  return state == SERVICE_START_PENDING;
+}
+
 // Waits while `holds` returns true for the service's state.
 SERVICE_STATUS_PROCESS AwaitWhile(const UniqueServiceHandle& service, const std::wstring& name,
                                   bool (*holds)(DWORD state)) {
@@ -203,12 +207,11 @@ std::vector<std::string> ServiceManager::Install(const ServicePlan& plan) {
   const DWORD start = automatic ? SERVICE_AUTO_START : SERVICE_DEMAND_START;
   const wchar_t* const name = plan.name.c_str();
   const std::wstring image = ImagePath(plan);
-  bool created = true;
   UniqueServiceHandle service(CreateServiceW(
       Raw(manager), name, name, SERVICE_ALL_ACCESS, SERVICE_WIN32_OWN_PROCESS, start,
       SERVICE_ERROR_NORMAL, image.c_str(), nullptr, nullptr, nullptr, nullptr, nullptr));
-  if (service == nullptr && plan.replaces && GetLastError() == ERROR_SERVICE_EXISTS) {
-    created = false;
+  const bool created = service != nullptr;
+  if (!created && plan.replaces && GetLastError() == ERROR_SERVICE_EXISTS) {
     service.reset(OpenServiceW(Raw(manager), name, SERVICE_ALL_ACCESS));
   }
   if (service == nullptr) Refused("install", plan.name);
@@ -237,8 +240,7 @@ void ServiceManager::Start(const std::wstring& name) {
     const DWORD error = GetLastError();
     if (error != ERROR_SERVICE_ALREADY_RUNNING) Refused("start", name, error);
   }
-  const auto status =
-      AwaitWhile(service, name, [](DWORD state) { return state == SERVICE_START_PENDING; });
+  const auto status = AwaitWhile(service, name, &IsStarting);
   if (status.dwCurrentState != SERVICE_RUNNING) {
     throw WindowsError("the service " + Utf8(name) + " exited during its start",
                        status.dwWin32ExitCode, "; see its log");
@@ -248,9 +250,7 @@ void ServiceManager::Start(const std::wstring& name) {
 void ServiceManager::Stop(const std::wstring& name) {
   const auto service = Open(name, SERVICE_STOP | SERVICE_QUERY_STATUS, "stop");
   // While it starts, a service rejects the control.
-  const DWORD processId = AwaitWhile(service, name, [](DWORD state) {
-                            return state == SERVICE_START_PENDING;
-                          }).dwProcessId;
+  const DWORD processId = AwaitWhile(service, name, &IsStarting).dwProcessId;
   const Platform::UniqueHandle process(processId == 0 ? nullptr
                                                       : OpenProcess(SYNCHRONIZE, FALSE, processId));
   SERVICE_STATUS last{};
@@ -285,11 +285,8 @@ std::optional<ServiceReport> ServiceManager::Query(const std::wstring& name) {
   const UniqueServiceHandle manager = OpenManager(SC_MANAGER_CONNECT);
   const UniqueServiceHandle service(
       OpenServiceW(Raw(manager), name.c_str(), SERVICE_QUERY_STATUS | SERVICE_QUERY_CONFIG));
-  if (service == nullptr) {
-    const DWORD error = GetLastError();
-    if (error == ERROR_SERVICE_DOES_NOT_EXIST) return std::nullopt;
-    Refused("query", name, error);
-  }
+  if (service == nullptr && GetLastError() == ERROR_SERVICE_DOES_NOT_EXIST) return std::nullopt;
+  if (service == nullptr) Refused("query", name);
   const auto status = StatusOf(service, name);
   const auto stored = ConfigOf(service, name);
   const QUERY_SERVICE_CONFIGW& config = stored.front();

@@ -47,10 +47,9 @@ class ServiceManager {
  public:
   // Registers a LocalSystem service in its own process, with failure actions, a service SID and
   // only the required privileges. If Windows rejects a setting, deletes a new service. A replaced
-  // service keeps the changes made so far, which take effect at its next start. It must already run
-  // as LocalSystem, and receives the owner and access list of a new one. It may be from an earlier
-  // version, which kept the parameters in the command line. Returns the settings that this system
-  // does not support. Windows supports all.
+  // service, even of an earlier version, keeps the changes made so far, which take effect at its
+  // next start. It must already run as LocalSystem, and receives the owner and access list of a new
+  // one. Returns the settings that this system does not support. Windows supports all.
   std::vector<std::string> Install(const ServicePlan& plan);
 
   // Start or stop the service, and wait until it is running or its process has exited. Return
@@ -69,8 +68,7 @@ class ServiceManager {
   void Send(const std::wstring& name, std::uint32_t control);
 };
 
-// Returns the process ID of the running service `name`. Throws std::runtime_error if it is not
-// running.
+// Returns the ID of the service's process. Throws std::runtime_error if it is not running.
 std::uint32_t ProcessOfService(const std::wstring& name);
 
 }  // namespace Vx::Hosting::Tool
