@@ -36,29 +36,19 @@ namespace {
 
 using namespace Tessel::Server::Services::Orvane;
 using Json::WideValue;
-using Tessel::Security::FileTrust;
-using Tessel::Security::VxAuthenticodeHelper;
+using rapidjson::kNumberType;
+using rapidjson::kObjectType;
+using rapidjson::kStringType;
+using Tessel::Security::SameIgnoringCase;
 
 constexpr auto kChanged = static_cast<std::int32_t>(0x80096010);  // TRUST_E_BAD_DIGEST
 constexpr wchar_t kPinnedSignature[] =
     L"a signature with a restricted key, as vxhost pins lists them";
 
-// The required type of a member.
-struct Shape {
-  const wchar_t* name;
-  bool (WideValue::*holds)() const;
-};
-constexpr Shape kNumber = {L"a number", &WideValue::IsNumber};
-constexpr Shape kText = {L"a string", &WideValue::IsString};
-constexpr Shape kObject = {L"an object", &WideValue::IsObject};
-
-std::wstring NameOfKind(const WideValue& value) {
-  if (value.IsNull()) return L"null";
-  if (value.IsBool()) return L"true or false";
-  if (value.IsArray()) return L"an array";
-  if (value.IsString()) return kText.name;
-  return value.IsNumber() ? kNumber.name : kObject.name;
-}
+// In the order of rapidjson::Type.
+constexpr const wchar_t* kTypeNames[] = {L"null",      L"true or false", L"true or false",
+                                         L"an object", L"an array",      L"a string",
+                                         L"a number"};
 
 std::wstring Shown(const WideValue& value) {
   if (value.IsObject()) return L"{...}";
@@ -76,25 +66,21 @@ class Checker {
     kind = KindOf(request);
     if (kind == nullptr) return;
     Level level{request, L"", {}};
-    const WideValue* event = Take(level, kind->event, kNumber, Need::Required);
-    if (event != nullptr) code = Number(*event, kind->event);
+    code = TakeNumber(level, kind->event);
     if (code) CheckCode();
-    const WideValue* action = Take(level, kind->action, kNumber, Need::Required);
-    std::optional<std::uint32_t> what;
-    if (action != nullptr) what = Number(*action, kind->action);
-    const bool starts = what == static_cast<std::uint32_t>(EventAction::Launch);
-    const bool sends = what == static_cast<std::uint32_t>(EventAction::AppServiceNotification);
-    if (what && !starts && !sends) {
+    const auto action = TakeNumber(level, kind->action);
+    const bool starts = action == static_cast<std::uint32_t>(EventAction::Launch);
+    const bool sends = action == static_cast<std::uint32_t>(EventAction::AppServiceNotification);
+    if (action && !starts && !sends) {
       readable = false;
-      Never(kind->action, Shown(*action), L"1 (start a program) or 2 (send a message)",
-            L"no such action");
+      Never(kind->action, Shown(*FindMember(request, kind->action)),
+            L"1 (start a program) or 2 (send a message)", L"no such action");
     }
     if (kind->family != nullptr) {
-      const WideValue* family = Take(level, kind->family, kText, Need::Required);
+      const WideValue* family = Take(level, kind->family, kStringType, Need::Required);
       if (family != nullptr) CheckFamily(kind->family, TextOf(*family));
     }
-    const WideValue* params = Take(level, kind->parameters, kObject, Need::Required);
-    if (params != nullptr) {
+    if (const auto* params = Take(level, kind->parameters, kObjectType, Need::Required)) {
       Level inner{*params, kind->parameters + std::wstring(L"."), {}};
       if (starts) CheckLaunch(inner);
       if (sends) CheckMessage(inner);
@@ -148,8 +134,7 @@ class Checker {
     for (const SubscriptionForm* form : kSubscriptionForms) {
       for (auto member = request.MemberBegin(); member < request.MemberEnd(); ++member) {
         const std::wstring name = TextOf(member->name);
-        if (Tessel::Security::SameIgnoringCase(name, form->event) ||
-            IsProbablyMeant(name, form->event)) {
+        if (SameIgnoringCase(name, form->event) || IsProbablyMeant(name, form->event)) {
           return form;
         }
       }
@@ -159,8 +144,8 @@ class Checker {
     return nullptr;
   }
 
-  // Returns the member if present and of this shape. Otherwise adds a finding.
-  const WideValue* Take(Level& level, const std::wstring& name, const Shape& shape, Need need) {
+  // Returns the member if present and of this type. Otherwise adds a finding.
+  const WideValue* Take(Level& level, const std::wstring& name, rapidjson::Type type, Need need) {
     level.asked.insert(name);
     const std::wstring key = level.prefix + name;
     const WideValue* value = FindMember(level.object, name);
@@ -168,13 +153,14 @@ class Checker {
       Missing(level, name, need);
       return nullptr;
     }
-    if ((value->*shape.holds)()) return value;
-    std::wstring wanted = shape.name;
-    if (&shape == &kText && value->IsNumber()) wanted = Quoted(Json::JsonText(*value));
-    if (&shape == &kNumber && value->IsString()) {
+    if (value->GetType() == type) return value;
+    std::wstring wanted = kTypeNames[type];
+    const std::wstring text =
+        kTypeNames[value->GetType()] + (L", but the module expects " + wanted);
+    if (type == kStringType && value->IsNumber()) wanted = Quoted(Json::JsonText(*value));
+    if (type == kNumberType && value->IsString()) {
       if (const auto number = LeadingInteger(TextOf(*value))) wanted = std::to_wstring(*number);
     }
-    const std::wstring text = NameOfKind(*value) + L", but the module expects " + shape.name;
     if (need != Need::Optional) {
       readable = false;
       Never(key, Shown(*value), wanted, text);
@@ -189,7 +175,7 @@ class Checker {
     if (need == Need::Required) readable = false;
     for (auto member = level.object.MemberBegin(); member < level.object.MemberEnd(); ++member) {
       const std::wstring written = TextOf(member->name);
-      const bool otherCase = Tessel::Security::SameIgnoringCase(written, name);
+      const bool otherCase = SameIgnoringCase(written, name);
       if (!otherCase && !IsProbablyMeant(written, name)) continue;
       level.asked.insert(written);
       findings.push_back({need == Need::Required ? Verdict::Never : Verdict::Hint, key,
@@ -217,11 +203,13 @@ class Checker {
     }
   }
 
-  std::uint32_t Number(const WideValue& value, const std::wstring& key) {
-    const double number = value.GetDouble();
+  std::optional<std::uint32_t> TakeNumber(Level& level, const wchar_t* key) {
+    const WideValue* value = Take(level, key, kNumberType, Need::Required);
+    if (value == nullptr) return std::nullopt;
+    const double number = value->GetDouble();
     const std::uint32_t truncated = Json::TruncateToUint32(number);
     if (number >= 0 && number != truncated && truncated != 0xFFFFFFFF) {
-      Hint(key, Shown(value), std::to_wstring(truncated),
+      Hint(key, Shown(*value), std::to_wstring(truncated),
            L"is read as " + std::to_wstring(truncated));
     }
     return truncated;
@@ -241,96 +229,86 @@ class Checker {
   }
 
   void CheckFamily(const std::wstring& key, const std::wstring& family) {
-    if (family.empty()) {
-      Never(key, L"\"\"", L"a package family name", L"is empty");
-      return;
-    }
     const std::wstring found = Shortened(Quoted(family));
     try {
-      if (Platform::CurrentMachine().packages->FindForAllUsers(family).empty()) {
+      if (family.empty()) {
+        Never(key, found, L"a package family name", L"is empty");
+      } else if (Platform::CurrentMachine().packages->FindForAllUsers(family).empty()) {
         Never(key, found, L"an installed package", L"no package of this family is installed");
       } else {
         Good(key, family + L" is installed");
       }
-      return;
-    } catch (const Platform::WindowsRuntimeError&) {  // NOLINT(bugprone-empty-catch): see below
-    } catch (const std::exception&) {                 // NOLINT(bugprone-empty-catch): see below
+    } catch (...) {  // WindowsRuntimeError is not a std::exception
+      Hint(key, found, L"", L"Windows does not report whether it is installed");
     }
-    Hint(key, found, L"", L"Windows does not report whether it is installed");
   }
 
   void CheckDelay(Level& level) {
     constexpr wchar_t kDelay[] = L"delayDeliverySec";
-    const WideValue* value = Take(level, kDelay, kText, Need::Typed);
+    const WideValue* value = Take(level, kDelay, kStringType, Need::Typed);
     if (value == nullptr) return;
     const std::wstring key = level.prefix + kDelay;
-    const std::wstring text = TextOf(*value);
+    const std::wstring found = Shown(*value);
+    const std::optional<int> delay = LeadingInteger(TextOf(*value));
     if (kind->family != nullptr) {
-      Hint(key, Shown(*value), L"no such member", L"package subscriptions run without a delay");
-      return;
-    }
-    const std::optional<int> delay = LeadingInteger(text);
-    if (!delay) {
-      Hint(key, Shown(*value), L"seconds, such as \"5\"", L"is not a number: runs without a delay");
-      return;
-    }
-    if (*delay < 1 ? IsOverdue(*delay, 0) : IsTooLong(*delay)) {
-      Never(key, Shown(*value), L"\"0\" to \"2147484\"", L"every delivery is dropped");
-      return;
-    }
-    const std::wstring seconds = std::to_wstring(std::max(*delay, 0));
-    if (text != std::to_wstring(*delay)) {
-      Hint(key, Shown(*value), Quoted(std::to_wstring(*delay)), L"is read as " + seconds + L" s");
+      Hint(key, found, L"no such member", L"package subscriptions run without a delay");
+    } else if (!delay) {
+      Hint(key, found, L"seconds, such as \"5\"", L"is not a number: runs without a delay");
+    } else if (*delay < 1 ? IsOverdue(*delay, 0) : IsTooLong(*delay)) {
+      Never(key, found, L"\"0\" to \"2147484\"", L"every delivery is dropped");
     } else {
-      Good(key, L"runs " + seconds + L" s after the event");
-    }
-    if (code == kSuspend && kind == &kPowerForm && *delay > 0) {
-      Hint(key, Shown(*value), L"no delay, or powerEventType 18 (resumed)",
-           L"the machine sleeps before the delay has passed, and the late delivery is dropped");
+      const std::wstring number = std::to_wstring(*delay);
+      const std::wstring seconds = std::to_wstring(std::max(*delay, 0));
+      if (TextOf(*value) != number) {
+        Hint(key, found, Quoted(number), L"is read as " + seconds + L" s");
+      } else {
+        Good(key, L"runs " + seconds + L" s after the event");
+      }
+      if (code == kSuspend && kind == &kPowerForm && *delay > 0) {
+        Hint(key, found, L"no delay, or powerEventType 18 (resumed)",
+             L"the machine sleeps before the delay has passed, and the late delivery is dropped");
+      }
     }
   }
 
   void CheckLaunch(Level& level) {
-    const WideValue* path = Take(level, L"path", kText, Need::Required);
+    const WideValue* path = Take(level, L"path", kStringType, Need::Required);
     if (path != nullptr) CheckProgram(level.prefix + L"path", TextOf(*path));
-    Take(level, L"arguments", kText, Need::Optional);
+    Take(level, L"arguments", kStringType, Need::Optional);
   }
 
   void CheckMessage(Level& level) {
-    const WideValue* payload = Take(level, L"payload", kObject, Need::Required);
-    bool raises = false;
-    if (payload != nullptr) {
-      Level inner{*payload, level.prefix + L"payload.", {}};
-      const WideValue* trigger = Take(inner, L"customTriggerGUID", kText, Need::Optional);
-      const bool named = trigger != nullptr && trigger->GetStringLength() != 0;
-      raises = named && kind->family == nullptr;
-      if (raises) CheckTrigger(inner.prefix + L"customTriggerGUID", *trigger);
-      if (named && !raises) {
-        Hint(inner.prefix + L"customTriggerGUID", Shown(*trigger), L"no such member",
-             L"package subscriptions raise no trigger and send the message");
-      }
-    }
-    const WideValue* family = Take(level, L"packageFamilyName", kText, Need::Required);
-    const WideValue* service = Take(level, L"appServiceName", kText, Need::Required);
+    const WideValue* payload = Take(level, L"payload", kObjectType, Need::Required);
+    const bool raises = payload != nullptr && CheckTrigger(*payload, level.prefix + L"payload.");
+    const WideValue* family = Take(level, L"packageFamilyName", kStringType, Need::Required);
+    const WideValue* service = Take(level, L"appServiceName", kStringType, Need::Required);
     if (raises) return;  // no message is sent in that case
-    if (family != nullptr) {
-      CheckFamily(level.prefix + L"packageFamilyName", TextOf(*family));
-    }
+    if (family != nullptr) CheckFamily(level.prefix + L"packageFamilyName", TextOf(*family));
     if (service != nullptr && service->GetStringLength() == 0) {
       Never(level.prefix + L"appServiceName", L"\"\"", L"the app service's name", L"is empty");
     }
   }
 
-  void CheckTrigger(const std::wstring& key, const WideValue& value) {
-    std::wstring text = TextOf(value);
+  // Returns whether the subscription raises a trigger instead of sending its message.
+  bool CheckTrigger(const WideValue& payload, const std::wstring& prefix) {
+    constexpr wchar_t kTrigger[] = L"customTriggerGUID";
+    Level level{payload, prefix, {}};
+    const WideValue* value = Take(level, kTrigger, kStringType, Need::Optional);
+    if (value == nullptr || value->GetStringLength() == 0) return false;
+    std::wstring text = TextOf(*value);
     // The braces are optional.
     if (text.starts_with(L'{') && text.ends_with(L'}')) text = text.substr(1, text.size() - 2);
-    if (IsUuid(text)) {
-      Good(key, L"raises the trigger and sends no message");
+    if (kind->family != nullptr) {
+      Hint(prefix + kTrigger, Shown(*value), L"no such member",
+           L"package subscriptions raise no trigger and send the message");
+    } else if (IsUuid(text)) {
+      Good(prefix + kTrigger, L"raises the trigger and sends no message");
     } else {
-      Never(key, Shown(value), L"a GUID, such as \"{01234567-89ab-cdef-0123-456789abcdef}\"",
+      Never(prefix + kTrigger, Shown(*value),
+            L"a GUID, such as \"{01234567-89ab-cdef-0123-456789abcdef}\"",
             L"is not a GUID, so no trigger is raised");
     }
+    return kind->family == nullptr;
   }
 
   void CheckProgram(const std::wstring& key, const std::wstring& path) {
@@ -341,7 +319,7 @@ class Checker {
       NotOpened(key, path, NameOf(why).text + kIt);
       return;
     }
-    const VxAuthenticodeHelper helper;
+    const Tessel::Security::VxAuthenticodeHelper helper;
     const auto attributes = Platform::CurrentMachine().files->Attributes(path);
     const std::wstring found = Shortened(Quoted(path));
     bool sound = true;
@@ -392,11 +370,13 @@ class Checker {
 
   template <typename Fault>
   void CheckSignatures(const std::wstring& key, const std::wstring& path, const Fault& fault) {
-    const FileTrust trust = Tessel::Security::VerifyFile(path, keys);
+    const Tessel::Security::FileTrust trust = Tessel::Security::VerifyFile(path, keys);
     std::vector<Tessel::Security::SignatureRecord> records = trust.catalogSignatures;
     records.insert(records.end(), trust.embeddedSignatures.begin(), trust.embeddedSignatures.end());
     const std::vector<Certificate> certificates = CertificatesIn(path);
-    if (records.empty() && !certificates.empty()) {
+    if (records.empty() && certificates.empty()) {
+      fault(kPinnedSignature, L"is not signed");
+    } else if (records.empty()) {
       const auto result = Platform::CurrentMachine().trustProvider->VerifyEmbedded(path, 0).result;
       if (result == kChanged) {
         fault(L"the file as it was signed", L"was changed after it was signed");
@@ -404,25 +384,19 @@ class Checker {
         fault(kPinnedSignature,
               L"has a signature that Windows rejects: " + Wide(DescribeResult(result)));
       }
-      return;
-    }
-    if (records.empty()) {
-      fault(kPinnedSignature, L"is not signed");
-      return;
-    }
-    if (keys.empty()) {
+    } else if (keys.empty()) {
       fault(L"a module with pinned keys", L"no keys are pinned, so nothing is trusted");
-      return;
     }
+    if (records.empty() || keys.empty()) return;
     std::wstring signers;
     for (const auto& record : records) {
       signers += (signers.empty() ? L"\"" : L", \"") + record.names.commonName + L"\"";
     }
-    if (!VxAuthenticodeHelper::IsTrustedByWindows(records)) {
+    if (!trust.trustedByWindows) {
       fault(L"a root that Windows trusts",
             L"Windows does not trust the root of its signers " + signers);
     }
-    if (!VxAuthenticodeHelper::IsKeyPinned(records, keys)) {
+    if (!trust.keyPinned) {
       fault(kPinnedSignature, L"is signed with another key, by " + signers);
       return;
     }
@@ -447,8 +421,7 @@ class Checker {
 }  // namespace
 
 bool SubscriptionCheck::Runs() const {
-  return std::none_of(findings.begin(), findings.end(),
-                      [](const Finding& finding) { return finding.verdict == Verdict::Never; });
+  return std::ranges::find(findings, Verdict::Never, &Finding::verdict) == findings.end();
 }
 
 SubscriptionCheck CheckSubscription(const std::wstring& text, Tessel::Security::KeySet keys) {
