@@ -20,7 +20,7 @@
 #include "vxhost/play/play_report.h"
 #include "vxhost/play/scenario.h"
 #include "vxhost/service/pipe_client.h"
-#include "vxhost/subscriptions/command_verdict.h"
+#include "vxhost/subscriptions/explanation.h"
 
 namespace Vx::Hosting::Tool {
 

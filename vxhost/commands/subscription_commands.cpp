@@ -13,7 +13,6 @@
 #include "records/record.h"
 #include "storage/request_manager.h"
 #include "vxhost/store/store_look.h"
-#include "vxhost/subscriptions/command_verdict.h"
 #include "vxhost/subscriptions/explanation.h"
 #include "vxhost/subscriptions/signing_keys.h"
 #include "vxhost/subscriptions/subscription_check.h"

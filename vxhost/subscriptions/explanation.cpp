@@ -1,6 +1,7 @@
 #include "vxhost/subscriptions/explanation.h"
 
 #include <exception>
+#include <utility>
 
 #include "events/delivery_rules.h"
 #include "events/event_commands.h"
@@ -21,36 +22,32 @@ namespace Vx::Hosting::Tool {
 namespace {
 
 using namespace Tessel::Server::Services::Orvane;
-using Tessel::Server::Records::Reason;
+namespace Records = Tessel::Server::Records;
+using Records::Decision;
+using Records::Outcome;
+using Records::Reason;
 
 constexpr std::wstring_view kDelayKey = L"delayDeliverySec";
 constexpr std::wstring_view kPathKey = L".path";
 constexpr wchar_t kUnreadable[] = L"the module cannot read it: ";
 constexpr wchar_t kNoTriggers[] = L"this Windows has no custom triggers";
 
-struct Words {
-  const wchar_t* name = nullptr;
-  const char* text = nullptr;
-  const char* later = nullptr;  // after a wait
-};
 // In the order of the enumeration.
-constexpr Words kFates[] = {{L"run", "would run", "run"},
-                            {L"dropped", "would be dropped"},
-                            {L"refused", "would be refused", "be refused"},
-                            {L"never", "never runs"},
-                            {L"other event", "not concerned"}};
-
-std::wstring TextOf(const Finding& finding) {
-  std::wstring text = finding.key.empty() ? finding.text : finding.key + L": " + finding.text;
-  if (!finding.found.empty()) text += L"; found " + finding.found;
-  return text;
-}
+constexpr struct {
+  const wchar_t* name;
+  const char* text;
+  const char* later;  // after a wait
+} kFates[] = {{L"run", "would run", "run"},
+              {L"dropped", "would be dropped", nullptr},
+              {L"refused", "would be refused", "be refused"},
+              {L"never", "never runs", nullptr},
+              {L"other event", "not concerned", nullptr}};
 
 class Explainer {
  public:
   Explainer(const StoredSubscription& stored, const Occasion& asked,
             Tessel::Security::KeySet restricted)
-      : occasion(asked), keys(restricted) {
+      : kind(*stored.kind), occasion(asked), keys(restricted) {
     result.subscription = stored;
   }
 
@@ -60,7 +57,7 @@ class Explainer {
       return result;
     }
     try {
-      if (result.subscription.kind->family != nullptr) {
+      if (kind.family != nullptr) {
         ExplainPackage();
       } else {
         ExplainTimed();
@@ -82,16 +79,14 @@ class Explainer {
   }
 
   bool IsAnotherEvent(bool same) {
-    if (occasion.kind == nullptr) return false;
-    if (occasion.kind == result.subscription.kind && same) return false;
+    if (occasion.kind == nullptr || (occasion.kind == &kind && same)) return false;
     Because(Fate::OtherEvent, L"it is for " + result.event);
     return true;
   }
 
   void ExplainTimed() {
-    const EventSubscription subscription(Text(), *result.subscription.kind);
-    result.event =
-        Wide(result.subscription.kind->name) + L" " + std::to_wstring(subscription.Type());
+    const EventSubscription subscription(Text(), kind);
+    result.event = Wide(kind.name) + L" " + std::to_wstring(subscription.Type());
     if (IsAnotherEvent(subscription.Type() == occasion.code)) return;
     EventCommand& command = *subscription.Command();
     result.delay = command.DelayDeliverySec();
@@ -105,8 +100,7 @@ class Explainer {
   }
 
   void ExplainPackage() {
-    const auto document = Json::JsonObject::Parse(Text());
-    const std::wstring family = document.GetNamedString(result.subscription.kind->family);
+    const auto family = Json::JsonObject::Parse(Text()).GetNamedString(kind.family);
     result.event = L"uninstall " + family;
     if (IsAnotherEvent(family == occasion.family)) return;
     try {
@@ -133,7 +127,7 @@ class Explainer {
     } else {
       // Only power and platform deliveries raise triggers.
       const std::wstring trigger = command.CustomTriggerGUID();
-      const bool raises = !trigger.empty() && result.subscription.kind->family == nullptr;
+      const bool raises = !trigger.empty() && kind.family == nullptr;
       result.action =
           raises ? L"raise the trigger " + trigger : L"send a message to " + command.Target();
       TakeFaults(Fate::Never, {});
@@ -150,9 +144,7 @@ class Explainer {
     const bool trusted = why == Reason::None;
     TakeFaults(Fate::Refused, trusted ? kPathKey : std::wstring_view());
     if (!trusted && !result.reasons.empty()) return;
-    if (trusted) {
-      why = WhyNoLaunchIn(Platform::CurrentMachine().sessions->ActiveConsoleSession());
-    }
+    if (trusted) why = WhyNoLaunchIn(Platform::CurrentMachine().sessions->ActiveConsoleSession());
     if (why != Reason::None) Because(Fate::Refused, NameOf(why).text);
   }
 
@@ -163,19 +155,43 @@ class Explainer {
     for (const Finding& finding : check.findings) {
       if (finding.verdict != Verdict::Never || finding.key.ends_with(kDelayKey)) continue;
       if (!passed.empty() && finding.key.ends_with(passed)) continue;
-      Because(fate, TextOf(finding));
+      std::wstring text = finding.key.empty() ? finding.text : finding.key + L": " + finding.text;
+      if (!finding.found.empty()) text += L"; found " + finding.found;
+      Because(fate, std::move(text));
     }
   }
 
+  const SubscriptionForm& kind;
   const Occasion& occasion;
   const Tessel::Security::KeySet keys;
   Explanation result;
 };
 
+// Ignores keywords that this version does not recognize.
+Outcome OutcomeOf(const CommandResult& answer) {
+  return {Records::FromWord<Decision>(answer.decision).value_or(Decision::None),
+          Records::FromWord<Reason>(answer.reason).value_or(Reason::None)};
+}
+
+bool NeverRuns(const Outcome& outcome) {
+  return outcome.decision == Decision::Stored && outcome.reason == Reason::Unreadable;
+}
+
+std::string DecisionText(std::uint32_t id, const Outcome& outcome) {
+  if (NeverRuns(outcome)) return "stored, but never runs";
+  if (outcome.decision == Decision::Stored) return "stored";
+  for (const SubscriptionForm* form : kSubscriptionForms) {
+    if (!Records::IsFailure(outcome.decision)) break;
+    if (form->subscribe == id) return "not stored";
+    if (form->unsubscribe == id) return "not removed";
+  }
+  return Utf8(NameOf(outcome.decision).text);
+}
+
 }  // namespace
 
 std::string FateText(const Explanation& one) {
-  const Words& words = kFates[static_cast<std::size_t>(one.fate)];
+  const auto& words = kFates[static_cast<std::size_t>(one.fate)];
   if (one.wait == 0 || words.later == nullptr) return words.text;
   return "would wait " + std::to_string(one.wait) + " s and " + words.later;
 }
@@ -184,9 +200,7 @@ std::vector<Explanation> Explain(const std::vector<StoredSubscription>& subscrip
                                  const Occasion& occasion, Tessel::Security::KeySet keys) {
   std::vector<Explanation> all;
   all.reserve(subscriptions.size());
-  for (const StoredSubscription& one : subscriptions) {
-    all.push_back(Explainer(one, occasion, keys).Run());
-  }
+  for (const auto& one : subscriptions) all.push_back(Explainer(one, occasion, keys).Run());
   return all;
 }
 
@@ -204,6 +218,20 @@ JsonRow RowOf(const Explanation& one) {
           {L"verdict", kFates[static_cast<std::size_t>(one.fate)].name},
           {L"action", one.action},
           {L"reasons", one.reasons}};
+}
+
+bool WasDone(const CommandResult& answer) {
+  const Outcome outcome = OutcomeOf(answer);
+  return answer.code == 0 && !Records::IsFailure(outcome.decision) && !NeverRuns(outcome);
+}
+
+std::string VerdictOf(std::uint32_t id, const CommandResult& answer) {
+  const Outcome outcome = OutcomeOf(answer);
+  if (answer.code != 0 || outcome.decision == Decision::None) return {};
+  if (outcome.reason == Reason::AlreadyStored) return "stored already";
+  if (outcome.reason == Reason::NotStored) return "nothing removed";
+  const std::string why = Utf8(NameOf(outcome.reason).text);
+  return DecisionText(id, outcome) + (why.empty() ? "" : ": " + why);
 }
 
 }  // namespace Vx::Hosting::Tool

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "hosting/json_row.h"
+#include "hosting/loaded_module.h"
 #include "security/pinned_keys.h"
 #include "vxhost/store/store_look.h"
 
@@ -49,5 +50,13 @@ std::string LabelOf(const StoredSubscription& one);
 
 // Returns the start of a JSON result: the subscription, its event and its fate.
 JsonRow RowOf(const Explanation& one);
+
+// Returns whether the command did what was requested: it returned 0, refused nothing, and did not
+// store a subscription that will never run.
+bool WasDone(const CommandResult& answer);
+
+// Returns the outcome of command `id`, such as "stored" or "nothing removed". Returns an empty
+// string if the module answered with an error code or recorded no decision.
+std::string VerdictOf(std::uint32_t id, const CommandResult& answer);
 
 }  // namespace Vx::Hosting::Tool
