@@ -9,7 +9,7 @@
 #include "storage/system_mutex.h"
 #include "support/machine_test.h"
 #include "support/test.h"
-#include "vxhost/store/store_look.h"
+#include "vxhost/store/store.h"
 
 namespace Vx::Hosting::Tool {
 

@@ -29,7 +29,7 @@
 #include "storage/cap_data_store.h"
 #include "vxhost/service/pipe_client.h"
 #include "vxhost/service/service_manager.h"
-#include "vxhost/store/store_look.h"
+#include "vxhost/store/store.h"
 #include "vxhost/subscriptions/explanation.h"
 #include "vxhost/subscriptions/signing_keys.h"
 

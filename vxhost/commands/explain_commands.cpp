@@ -13,7 +13,7 @@
 #include "storage/cap_data_store.h"
 #include "vxhost/play/played_keys.h"
 #include "vxhost/play/private_store.h"
-#include "vxhost/store/store_look.h"
+#include "vxhost/store/store.h"
 #include "vxhost/subscriptions/explanation.h"
 #include "vxhost/subscriptions/signing_keys.h"
 #include "vxhost/subscriptions/subscription_check.h"

@@ -24,7 +24,7 @@
 #include "servicehost/log_folder.h"
 #include "vxhost/log/timeline_page.h"
 #include "vxhost/service/log_follower.h"
-#include "vxhost/store/store_look.h"
+#include "vxhost/store/store.h"
 
 namespace Vx::Hosting::Tool {
 

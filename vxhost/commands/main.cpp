@@ -13,7 +13,7 @@
 #include "vxhost/common/console.h"
 #include "vxhost/play/played_keys.h"
 #include "vxhost/service/service_manager.h"
-#include "vxhost/store/store_look.h"
+#include "vxhost/store/store.h"
 #include "vxhost/subscriptions/signing_keys.h"
 
 namespace {

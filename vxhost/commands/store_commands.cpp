@@ -5,8 +5,7 @@
 
 #include "hosting/text.h"
 #include "json/json_text.h"
-#include "vxhost/store/store_content.h"
-#include "vxhost/store/store_look.h"
+#include "vxhost/store/store.h"
 
 #include <rapidjson/prettywriter.h>
 

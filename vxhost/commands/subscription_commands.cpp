@@ -12,7 +12,7 @@
 #include "json/json_text.h"
 #include "records/record.h"
 #include "storage/request_manager.h"
-#include "vxhost/store/store_look.h"
+#include "vxhost/store/store.h"
 #include "vxhost/subscriptions/explanation.h"
 #include "vxhost/subscriptions/signing_keys.h"
 #include "vxhost/subscriptions/subscription_check.h"

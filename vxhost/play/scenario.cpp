@@ -18,7 +18,7 @@
 #include "storage/service_document.h"
 #include "vxhost/play/harness.h"
 #include "vxhost/play/machine_steps.h"
-#include "vxhost/store/store_content.h"
+#include "vxhost/store/store.h"
 
 namespace Vx::Hosting::Tool {
 

@@ -7,7 +7,7 @@
 #include "hosting/json_row.h"
 #include "hosting/loaded_module.h"
 #include "security/pinned_keys.h"
-#include "vxhost/store/store_look.h"
+#include "vxhost/store/store.h"
 
 namespace Vx::Hosting::Tool {
 

@@ -1,4 +1,4 @@
-#include "vxhost/store/store_content.h"
+#include "vxhost/store/store.h"
 
 #include "hosting/text.h"
 #include "platform/data_protection.h"
@@ -19,9 +19,9 @@ using Tessel::Server::Storage::BsonElement;
 using Tessel::Server::Storage::CapDataStore;
 using Tessel::Server::Storage::SystemMutex;
 
-class StoreContentTest : public Tests::StoreTest {
+class StoreRepairTest : public Tests::StoreTest {
  protected:
-  StoreContentTest() {
+  StoreRepairTest() {
     CapDataStore values;
     values.persist("registration_full_sent", "a secret of another service");
     values.mergeMember(kServiceDocument, kPowerSubscriptions,
@@ -48,7 +48,7 @@ class StoreContentTest : public Tests::StoreTest {
   std::string original;
 };
 
-TEST_F(StoreContentTest, NamesWhatIsWrongWithAStoreAndRestoresOnlyASoundOne) {
+TEST_F(StoreRepairTest, NamesWhatIsWrongWithAStoreAndRestoresOnlyASoundOne) {
   const std::string header = original.substr(0, 72);
   const struct {
     std::string state;
@@ -92,7 +92,7 @@ TEST_F(StoreContentTest, NamesWhatIsWrongWithAStoreAndRestoresOnlyASoundOne) {
   EXPECT_EQ(Diagnose(LookAtStore()).state, "sound");
 }
 
-TEST_F(StoreContentTest, KeepsWhatItReplaces) {
+TEST_F(StoreRepairTest, KeepsWhatItReplaces) {
   BackUpStore(copy, {});
   EXPECT_THROW(BackUpStore(copy, {}), std::runtime_error);
   for (const std::string& before : {std::string("a damaged store, longer than its header, which "
@@ -109,7 +109,7 @@ TEST_F(StoreContentTest, KeepsWhatItReplaces) {
   EXPECT_EQ(Tests::ReadText(store.FilePath()), original);
 }
 
-TEST_F(StoreContentTest, LeavesTheStoreWhereItCannotBeReplaced) {
+TEST_F(StoreRepairTest, LeavesTheStoreWhereItCannotBeReplaced) {
   BackUpStore(copy, {});
   // The first file created is the copy that is kept, the second one is the new store.
   for (const auto& [call, skip] : {std::pair("Files.Create", 0U),
@@ -130,7 +130,7 @@ TEST_F(StoreContentTest, LeavesTheStoreWhereItCannotBeReplaced) {
 }
 
 // Without the lock, another process could change the store after it was copied.
-TEST_F(StoreContentTest, HoldsTheStoreThroughoutAndAnImportThatFailsHalfwayNamesTheCopy) {
+TEST_F(StoreRepairTest, HoldsTheStoreThroughoutAndAnImportThatFailsHalfwayNamesTheCopy) {
   const SystemMutex ofAService(CapDataStore::kMutexName);
   BackUpStore(copy, {});
   Tests::FaultyFiles files;
@@ -154,7 +154,7 @@ TEST_F(StoreContentTest, HoldsTheStoreThroughoutAndAnImportThatFailsHalfwayNames
   EXPECT_EQ(Tests::ReadText(kept), original);
 }
 
-TEST_F(StoreContentTest, ImportsValuesOfThisModuleOnly) {
+TEST_F(StoreRepairTest, ImportsValuesOfThisModuleOnly) {
   const wchar_t* const refused[][2] = {
       {LR"("sleep_state":{"value":1})", L""},
       {L"", LR"(,"registration_full_sent":{"value":"no"})"},
