@@ -122,9 +122,7 @@ Occasion OccasionOf(const ExplainOptions& options) {
 std::vector<std::string> LinesOf(const Explanation& one) {
   std::vector<std::string> lines{LabelOf(one.subscription) + FateText(one) +
                                  (one.action.empty() ? "" : ": " + Utf8(one.action))};
-  for (const std::wstring& reason : one.reasons) {
-    lines.push_back("                because " + Utf8(reason));
-  }
+  for (const auto& reason : one.reasons) lines.push_back("                because " + Utf8(reason));
   return lines;
 }
 
@@ -138,9 +136,7 @@ int ExplainResume(Console& console) {
   std::optional<PrivateStore> none;
   if (LookAtFile(CapDataStore::PathOfFile()).reading.state == StoreState::Missing) none.emplace();
   std::vector<std::string> lines;
-  for (const std::wstring& line : Explain(QuboFacade().ExplainResume())) {
-    lines.push_back(Utf8(line));
-  }
+  for (const auto& line : Explain(QuboFacade().ExplainResume())) lines.push_back(Utf8(line));
   console.Show({{L"rules", lines}}, lines);
   return kDone;
 }

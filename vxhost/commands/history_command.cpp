@@ -336,9 +336,7 @@ std::vector<std::filesystem::path> LogFilesIn(const std::filesystem::path& folde
   std::error_code error;
   static_cast<void>(std::filesystem::directory_iterator(folder, error));
   std::vector<std::filesystem::path> files;
-  for (const std::wstring& name : ServiceHost::LogFileNames(folder.wstring())) {
-    files.push_back(folder / name);
-  }
+  for (const auto& name : ServiceHost::LogFileNames(folder)) files.push_back(folder / name);
   if (!files.empty()) return files;
   const std::string why = error ? "cannot list " + Utf8(folder.wstring()) + ": " + error.message()
                                 : "there is no NAME-YYYYMMDD-NNNN.log in " + Utf8(folder.wstring());

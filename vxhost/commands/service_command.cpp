@@ -31,11 +31,18 @@ namespace {
 
 using namespace ServiceHost;
 
-struct RunOptions {
+struct Options {
   std::string name = kDefaultServiceName;
-  std::string log;
-  std::vector<std::string> allowed;
+  std::vector<std::string> allowed;  // for "run" and "install"
+  std::string log;                   // for "run", like the next
   int seconds = 0;
+  std::string start;  // for "install", like the next three
+  bool repair = false;
+  bool replace = false;
+  bool development = false;
+  bool force = false;                // for "remove"
+  std::vector<std::uint32_t> power;  // for "send", like the next
+  std::vector<std::uint32_t> sessions;
 };
 
 std::vector<std::wstring> WideAll(const std::vector<std::string>& texts) {
@@ -44,7 +51,7 @@ std::vector<std::wstring> WideAll(const std::vector<std::string>& texts) {
   return wide;
 }
 
-int RunService(const RunOptions& options, const ModuleOptions& module, Console& console) {
+int RunService(const Options& options, const ModuleOptions& module, Console& console) {
   PipeOptions pipe;
   pipe.path = PipePath(Wide(options.name));
   // The module starts work as soon as it is loaded, so check everything else first.
@@ -80,26 +87,6 @@ constexpr char kRunFooter[] =
     "vxhost exec 22 --service=NAME --process PID.\n"
     "  vxhost service run --log C:\\Logs";
 
-struct InstallOptions {
-  std::string name = kDefaultServiceName;
-  std::string start;
-  std::vector<std::string> allowed;
-  bool repair = false;
-  bool replace = false;
-  bool development = false;
-};
-
-struct NameOptions {
-  std::string name = kDefaultServiceName;
-  bool force = false;  // for "remove"
-};
-
-struct SendOptions {
-  std::string name = kDefaultServiceName;
-  std::vector<std::uint32_t> power;
-  std::vector<std::uint32_t> sessions;
-};
-
 std::wstring CheckedName(const std::string& name) {
   if (!IsServiceName(Wide(name))) {
     throw std::runtime_error(
@@ -115,7 +102,7 @@ std::wstring WithoutLinks(const std::wstring& file) {
   throw WindowsError("Windows does not report where " + Utf8(file) + " is", place.Error());
 }
 
-int Install(const InstallOptions& options, const ModuleOptions& module, Console& console) {
+int Install(const Options& options, const ModuleOptions& module, Console& console) {
   ServicePlan plan;
   plan.name = CheckedName(options.name);
   const std::wstring tool = OwnPath();
@@ -184,7 +171,7 @@ std::string LastError(const std::wstring& name, const std::wstring& begin) {
   }
 }
 
-int Start(const NameOptions& options, const ModuleOptions&, Console& console) {
+int Start(const Options& options, const ModuleOptions&, Console& console) {
   const std::wstring name = CheckedName(options.name);
   const std::wstring begin = DateTimeText(Platform::CurrentMachine().clock->UtcFileTime());
   try {
@@ -199,13 +186,13 @@ int Start(const NameOptions& options, const ModuleOptions&, Console& console) {
   return kDone;
 }
 
-int Stop(const NameOptions& options, const ModuleOptions&, Console& console) {
+int Stop(const Options& options, const ModuleOptions&, Console& console) {
   ServiceManager().Stop(CheckedName(options.name));
   console.Line(options.name + " is stopped");
   return kDone;
 }
 
-int Remove(const NameOptions& options, const ModuleOptions&, Console& console) {
+int Remove(const Options& options, const ModuleOptions&, Console& console) {
   ServiceManager().Remove(CheckedName(options.name), options.force
                                                          ? ServiceManager::Running::Marked
                                                          : ServiceManager::Running::Refused);
@@ -219,7 +206,7 @@ std::wstring NameOf(std::uint32_t state) {
   return state - 1 < std::size(kNames) ? kNames[state - 1] : L"other";
 }
 
-int Status(const NameOptions& options, const ModuleOptions&, Console& console) {
+int Status(const Options& options, const ModuleOptions&, Console& console) {
   const std::wstring name = CheckedName(options.name);
   const auto report = ServiceManager().Query(name);
   const std::wstring state = report ? NameOf(report->state) : L"not installed";
@@ -256,7 +243,7 @@ int Status(const NameOptions& options, const ModuleOptions&, Console& console) {
   return report && report->state == SERVICE_RUNNING ? kDone : kNotMet;
 }
 
-int Send(const SendOptions& options, const ModuleOptions&, Console& console) {
+int Send(const Options& options, const ModuleOptions&, Console& console) {
   if (options.power.empty() && options.sessions.empty()) {
     throw std::runtime_error("no event to send: name one with --power or --session");
   }
@@ -288,54 +275,50 @@ constexpr char kSendFooter[] =
     "Only for a service that was installed with --development. Codes of 0 to 63.\n"
     "  vxhost service send --power 7";
 
-template <typename Options>
-CommandLine::Added<Options> AddNamed(CommandLine& line, CLI::App& group, const CommandText& text,
-                                     CommandLine::Run<Options> run,
-                                     unsigned shared = Shared::None) {
-  const auto added = line.Add(text, run, shared, &group);
-  added.app.add_option("--name", added.options.name, "its name")->capture_default_str();
-  return added;
-}
-
 }  // namespace
 
 void AddServiceCommands(CommandLine& line) {
   CLI::App& group = line.AddGroup("service", "the module as a running service");
-  const auto run =
-      AddNamed(line, group, {"run", "host the module in this console until Ctrl+C", kRunFooter},
-               &RunService, Shared::Dll);
-  run.app.add_option("--log", run.options.log, "an existing folder for log files");
-  run.app.add_option("--allow", run.options.allowed,
-                     "another account, as name or SID: it may then start every trusted program\n"
-                     "as the service's account, with its own arguments");
-  run.app.add_option("--seconds", run.options.seconds, "how long; 0: until Ctrl+C")
+  const auto add = [&](const CommandText& text, CommandLine::Run<Options> run,
+                       unsigned shared = Shared::None) {
+    const auto added = line.Add(text, run, shared, &group);
+    added.app.add_option("--name", added.options.name, "its name")->capture_default_str();
+    return added;
+  };
+  const auto [run, hosted] =
+      add({"run", "host the module in this console until Ctrl+C", kRunFooter}, &RunService,
+          Shared::Dll);
+  run.add_option("--log", hosted.log, "an existing folder for log files");
+  run.add_option("--allow", hosted.allowed,
+                 "another account, as name or SID: it may then start every trusted program\n"
+                 "as the service's account, with its own arguments");
+  run.add_option("--seconds", hosted.seconds, "how long; 0: until Ctrl+C")
       ->check(CLI::Range(0, kLongestSeconds));
-  const auto [install, options] =
-      AddNamed(line, group, {"install", "install the module as a Windows service", kInstallFooter},
-               &Install, Shared::Dll);
-  install.add_option("--start", options.start, "auto (delayed, the default) or demand")
+  const auto [install, installed] =
+      add({"install", "install the module as a Windows service", kInstallFooter}, &Install,
+          Shared::Dll);
+  install.add_option("--start", installed.start, "auto (delayed, the default) or demand")
       ->check(CLI::IsMember({"auto", "demand"}));
-  install.add_option("--allow", options.allowed,
+  install.add_option("--allow", installed.allowed,
                      "another account for its pipe, as name or SID: it may then start every\n"
                      "trusted program as SYSTEM, with its own arguments");
-  install.add_flag("--repair", options.repair,
+  install.add_flag("--repair", installed.repair,
                    "take the right to write to an existing %ProgramData%\\Vx from users");
-  install.add_flag("--replace", options.replace,
+  install.add_flag("--replace", installed.replace,
                    "give an installed service of this name these files and options; it uses them\n"
                    "from its next start on, and keeps the options that are not given");
-  install.add_flag("--development", options.development,
+  install.add_flag("--development", installed.development,
                    "accept folders of the account that installs, and events of \"service send\";\n"
                    "never on a machine that others use");
-  AddNamed(line, group, {"start", "start the installed service", kNameFooter}, &Start);
-  AddNamed(line, group, {"stop", "stop the service", kNameFooter}, &Stop);
-  const auto remove = AddNamed(
-      line, group, {"remove", "remove the stopped service; its data stays", kNameFooter}, &Remove);
-  remove.app.add_flag("--force", remove.options.force,
-                      "even a running one, which Windows removes when it stops");
-  AddNamed(line, group, {"status", "show whether the service is running", kStatusFooter}, &Status,
-           Shared::Json);
-  const auto [send, sent] = AddNamed(
-      line, group, {"send", "send events to a service under development", kSendFooter}, &Send);
+  add({"start", "start the installed service", kNameFooter}, &Start);
+  add({"stop", "stop the service", kNameFooter}, &Stop);
+  const auto [remove, removed] =
+      add({"remove", "remove the stopped service; its data stays", kNameFooter}, &Remove);
+  remove.add_flag("--force", removed.force,
+                  "even a running one, which Windows removes when it stops");
+  add({"status", "show whether the service is running", kStatusFooter}, &Status, Shared::Json);
+  const auto [send, sent] =
+      add({"send", "send events to a service under development", kSendFooter}, &Send);
   send.add_option("--power", sent.power, "power broadcast codes (PBT_)")->check(CLI::Range(0, 63));
   send.add_option("--session", sent.sessions, "session change codes (WTS_SESSION_)")
       ->check(CLI::Range(0, 63));
