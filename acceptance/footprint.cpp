@@ -16,7 +16,6 @@
 #include "bod/born_on_date_manager.h"
 #include "companion/companion_apps.h"
 #include "hosting/text.h"
-#include "hosting/windows_error.h"
 #include "platform/machine.h"
 #include "platform/packages.h"
 

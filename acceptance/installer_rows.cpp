@@ -9,7 +9,6 @@
 
 #include "acceptance/kit.h"
 #include "hosting/text.h"
-#include "hosting/windows_error.h"
 #include "vxhost/service/service_manager.h"
 
 namespace Vx::Acceptance {

@@ -6,7 +6,6 @@
 
 #include "acceptance/kit.h"
 #include "hosting/text.h"
-#include "hosting/windows_error.h"
 #include "servicehost/service_parameters.h"
 #include "vxhost/service/service_manager.h"
 

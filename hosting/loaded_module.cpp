@@ -13,7 +13,6 @@
 #include <windows.h>
 
 #include "hosting/text.h"
-#include "hosting/windows_error.h"
 #include "platform/runtime/fail_fast.h"
 
 namespace Vx::Hosting {

@@ -8,7 +8,6 @@
 #include <iterator>
 #include <numeric>
 #include <span>
-#include <stdexcept>
 #include <utility>
 
 #include <windows.h>

@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <stdexcept>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -46,6 +47,20 @@ std::wstring FullPathOfFile(const std::string& path);
 
 // Formats a code or status in hexadecimal, as in "0x80070005".
 std::string CodeText(std::uint32_t number);
+
+// An error that Windows reported. The message contains its number. Windows' text for the number
+// depends on the machine's language, so it is shown only to people, never to programs.
+class WindowsError : public std::runtime_error {
+ public:
+  // The message is "WHAT (error N)", followed by `advice`.
+  WindowsError(const std::string& what, std::uint32_t error, const std::string& advice = {})
+      : std::runtime_error(what + " (error " + std::to_string(error) + ")" + advice), code(error) {}
+
+  std::uint32_t Code() const { return code; }
+
+ private:
+  std::uint32_t code;
+};
 
 // Returns Windows' message for an error, such as "Access denied".
 std::string ErrorText(std::uint32_t error);

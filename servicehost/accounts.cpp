@@ -10,7 +10,6 @@
 #include <sddl.h>
 
 #include "hosting/text.h"
-#include "hosting/windows_error.h"
 #include "platform/machine.h"
 #include "platform/packages.h"
 #include "platform/sessions.h"

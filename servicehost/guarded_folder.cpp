@@ -11,7 +11,6 @@
 #include <shlobj.h>
 
 #include "hosting/text.h"
-#include "hosting/windows_error.h"
 #include "platform/machine.h"
 #include "platform/result.h"
 #include "platform/system_services.h"

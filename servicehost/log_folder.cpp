@@ -10,7 +10,6 @@
 #include <windows.h>
 
 #include "hosting/text.h"
-#include "hosting/windows_error.h"
 #include "platform/windows/file_handle.h"
 
 namespace Vx::Hosting::ServiceHost {

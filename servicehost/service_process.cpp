@@ -11,7 +11,6 @@
 #include <windows.h>
 
 #include "hosting/text.h"
-#include "hosting/windows_error.h"
 #include "servicehost/guarded_folder.h"
 #include "servicehost/log_folder.h"
 #include "servicehost/pipe_server.h"

@@ -1,7 +1,7 @@
 #include "hosting/loaded_module.h"
 
 #include "hosting/fake_service.h"
-#include "hosting/windows_error.h"
+#include "hosting/text.h"
 #include "support/memory_shortage.h"
 #include "support/probe.h"
 #include "support/temp_folder.h"

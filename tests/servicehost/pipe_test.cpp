@@ -7,7 +7,7 @@
 #include <aclapi.h>
 #include <sddl.h>
 
-#include "hosting/windows_error.h"
+#include "hosting/text.h"
 #include "platform/thread.h"
 #include "platform/threads.h"
 #include "servicehost/open_pipe.h"

@@ -8,7 +8,6 @@
 #include <utility>
 
 #include "hosting/text.h"
-#include "hosting/windows_error.h"
 #include "platform/windows_runtime_error.h"
 #include "servicehost/accounts.h"
 #include "vxhost/service/service_manager.h"

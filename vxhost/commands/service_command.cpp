@@ -11,7 +11,6 @@
 
 #include "hosting/loaded_module.h"
 #include "hosting/text.h"
-#include "hosting/windows_error.h"
 #include "platform/clock.h"
 #include "platform/files.h"
 #include "platform/machine.h"

@@ -6,7 +6,6 @@
 #include <windows.h>
 
 #include "hosting/text.h"
-#include "hosting/windows_error.h"
 #include "servicehost/accounts.h"
 #include "servicehost/pipe_io.h"
 #include "servicehost/pipe_server.h"

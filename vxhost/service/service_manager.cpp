@@ -12,7 +12,6 @@
 #include <shellapi.h>
 
 #include "hosting/text.h"
-#include "hosting/windows_error.h"
 #include "platform/unique_handle.h"
 
 namespace Vx::Hosting::Tool {

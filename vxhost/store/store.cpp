@@ -11,7 +11,6 @@
 #include <utility>
 
 #include "hosting/text.h"
-#include "hosting/windows_error.h"
 #include "json/utf8.h"
 #include "platform/clock.h"
 #include "platform/file_handle.h"
