@@ -80,6 +80,22 @@ Value Read(const Struct& all, Value Struct::*member) {
 std::mutex runningLock;
 std::map<DWORD, CommandResult*> running;  // by the ID of the thread that runs the command
 
+// While this object exists, NoteDecision on this thread copies to `result`. The module logs a
+// command's record on the thread that runs it.
+class DecisionScope {
+ public:
+  explicit DecisionScope(CommandResult& result) {
+    const std::lock_guard guard(runningLock);
+    running[GetCurrentThreadId()] = &result;
+  }
+  DecisionScope(const DecisionScope&) = delete;
+  DecisionScope& operator=(const DecisionScope&) = delete;
+  ~DecisionScope() {
+    const std::lock_guard guard(runningLock);
+    running.erase(GetCurrentThreadId());
+  }
+};
+
 template <typename Struct>
 std::wstring ReadText(const Struct& all, const wchar_t* Struct::*member) {
   const wchar_t* const text = Read(all, member);
@@ -195,16 +211,6 @@ DecisionRecord RecordOf(const VxLogRecord& record) {
   copy.delivery = Read(record, &VxLogRecord::delivery);
   copy.milliseconds = Read(record, &VxLogRecord::milliseconds);
   return copy;
-}
-
-DecisionScope::DecisionScope(CommandResult& result) {
-  const std::lock_guard guard(runningLock);
-  running[GetCurrentThreadId()] = &result;
-}
-
-DecisionScope::~DecisionScope() {
-  const std::lock_guard guard(runningLock);
-  running.erase(GetCurrentThreadId());
 }
 
 void NoteDecision(const VxLogRecord& record) {

@@ -136,17 +136,8 @@ const wchar_t* LevelName(std::uint32_t level);
 LogLine LineOf(const VxLogLine& line);
 DecisionRecord RecordOf(const VxLogRecord& record);
 
-// While this object exists, copies to `result` the decision and reason of the command that the
-// calling thread runs. The module logs a command's record on the thread that runs it.
-class DecisionScope {
- public:
-  explicit DecisionScope(CommandResult& result);
-  DecisionScope(const DecisionScope&) = delete;
-  DecisionScope& operator=(const DecisionScope&) = delete;
-  ~DecisionScope();
-};
-
-// Passes a record to the calling thread's DecisionScope, if any. A ModuleLog calls this itself.
+// Copies a record's decision and reason to the result of the command that the calling thread runs,
+// if any. A ModuleLog calls this itself.
 void NoteDecision(const VxLogRecord& record);
 
 // Receives the log lines of a loaded module for the life of this object. A module can have only one

@@ -47,12 +47,6 @@ std::wstring AccountName(const std::wstring& sid) {
   return (domainSize == 0 ? L"" : std::wstring(domain) + L"\\") + name;
 }
 
-UniqueHandle TokenOf(HANDLE process) {
-  HANDLE token = nullptr;
-  const BOOL opened = OpenProcessToken(process, TOKEN_QUERY | TOKEN_DUPLICATE, &token);
-  return UniqueHandle(opened != FALSE ? token : nullptr);
-}
-
 // Returns whether `group` is enabled in `token`. The administrators group is not enabled for an
 // administrator who has not elevated. CheckTokenMembership takes only impersonation tokens.
 bool IsMember(HANDLE token, WELL_KNOWN_SID_TYPE group) {
@@ -117,7 +111,9 @@ PipeCaller CallerOf(std::uint32_t processId) {
   PipeCaller caller;
   caller.processId = processId;
   caller.process.reset(OpenProcess(PROCESS_QUERY_LIMITED_INFORMATION, FALSE, processId));
-  const UniqueHandle token = TokenOf(caller.process.get());
+  HANDLE raw = nullptr;
+  const BOOL opened = OpenProcessToken(caller.process.get(), TOKEN_QUERY | TOKEN_DUPLICATE, &raw);
+  const UniqueHandle token(opened != FALSE ? raw : nullptr);
   if (token == nullptr) return caller;
   if (auto user = Platform::WindowsMachine().sessions->SidOf(token.get())) caller.account = *user;
   caller.privileged = IsMember(token.get(), WinLocalSystemSid) ||

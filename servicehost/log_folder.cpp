@@ -3,9 +3,7 @@
 #include <algorithm>
 #include <cwchar>
 #include <memory>
-#include <string_view>
 #include <utility>
-#include <vector>
 
 #include <windows.h>
 

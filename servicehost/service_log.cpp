@@ -106,7 +106,8 @@ void ServiceLog::AddLine(const Make& make) noexcept {
     const std::lock_guard guard(lock);
     if (queue.size() < capacity) {
       queue.push_back(std::move(entry));
-      return changed.notify_all();
+      changed.notify_all();
+      return;
     }
   } catch (const std::exception&) {  // NOLINT(bugprone-empty-catch): counted below
   }
