@@ -31,6 +31,8 @@ constexpr DWORD kTick = 1000;        // milliseconds between checkpoints
 constexpr DWORD kWaitHint = 10'000;  // milliseconds until the next one is due
 constexpr std::chrono::seconds kSuspendPatience{2};
 
+constexpr DWORD kAccepted = SERVICE_ACCEPT_STOP | SERVICE_ACCEPT_PRESHUTDOWN |
+                            SERVICE_ACCEPT_POWEREVENT | SERVICE_ACCEPT_SESSIONCHANGE;
 constexpr std::uint32_t kLastControl = 255;
 
 constexpr char kNoModule[] =
@@ -59,18 +61,8 @@ void WINAPI ServiceMain(DWORD /*count*/, LPWSTR* /*arguments*/) noexcept {
                                          EventLogTarget(OpenEventLog(TheName())),
                                          TraceTarget(OpenTrace())};
   SERVICE_STATUS_HANDLE handle = nullptr;
-  const auto report = [&handle](const ServiceStatus& state) {
-    SERVICE_STATUS status{};
-    status.dwServiceType = SERVICE_WIN32_OWN_PROCESS;
-    status.dwCurrentState = state.state;
-    status.dwCheckPoint = state.checkpoint;
-    if (state.checkpoint != 0) status.dwWaitHint = kWaitHint;
-    if (state.state == SERVICE_RUNNING) status.dwControlsAccepted = ServiceProcess::Accepted();
-    status.dwWin32ExitCode = state.exitCode;
-    status.dwServiceSpecificExitCode = state.specificCode;
-    SetServiceStatus(handle, &status);
-  };
-  ServiceProcess service(options, places, report);
+  ServiceProcess service(options, places,
+                         [&handle](SERVICE_STATUS& status) { SetServiceStatus(handle, &status); });
   handle = RegisterServiceCtrlHandlerExW(TheName().c_str(), &HandleControl, &service);
   if (handle != nullptr) service.Run();
 }
@@ -105,7 +97,7 @@ void CodeQueue::Add(Code code) noexcept {
     codes.push_back(code);
     if (codes.size() > capacity) DropOne();
     changed.notify_all();
-    if (code != Code{Kind::Power, PBT_APMSUSPEND}) return;
+    if (code != Code{&HostLoop::OnPower, PBT_APMSUSPEND}) return;
     // The machine may sleep once every handler has returned.
     changed.wait_for(guard, kSuspendPatience, [this] { return codes.empty() && !forwarding; });
   } catch (const std::exception&) {  // NOLINT(bugprone-empty-catch): see the header
@@ -138,11 +130,7 @@ void CodeQueue::Run() noexcept {
       if (lost != 0) log.Add(L"WARNING", std::to_wstring(lost) + kOverflowed);
     } catch (const std::exception&) {  // NOLINT(bugprone-empty-catch): no memory for the line
     }
-    if (code.kind == Kind::Power) {
-      host.OnPower(code.code);
-    } else {
-      host.OnSession(code.code);
-    }
+    (host.*code.forward)(code.code);
     guard.lock();
     forwarding = false;
     changed.notify_all();
@@ -164,19 +152,21 @@ ServiceProcess::ServiceProcess(ServiceOptions settings, std::vector<LogTarget> p
   if (stop == nullptr) throw std::system_error(ERROR_NOT_ENOUGH_MEMORY, std::system_category());
 }
 
-std::uint32_t ServiceProcess::Accepted() {
-  return SERVICE_ACCEPT_STOP | SERVICE_ACCEPT_PRESHUTDOWN | SERVICE_ACCEPT_POWEREVENT |
-         SERVICE_ACCEPT_SESSIONCHANGE;
-}
-
 // Only pending states have a checkpoint. Reporting the same state again signals progress.
 void ServiceProcess::Report(std::uint32_t state, std::uint32_t specificCode) noexcept {
   const std::lock_guard guard(stateLock);
   const bool pending = state == SERVICE_START_PENDING || state == SERVICE_STOP_PENDING;
-  const std::uint32_t last = reported.state == state ? reported.checkpoint : 0;
-  const DWORD exitCode = specificCode == 0 ? ERROR_SUCCESS : ERROR_SERVICE_SPECIFIC_ERROR;
-  reported = {state, pending ? last + 1 : 0, exitCode, specificCode};
-  report(reported);
+  if (std::exchange(reported, state) != state) checkpoint = 0;
+  if (pending) ++checkpoint;
+  SERVICE_STATUS status{};
+  status.dwServiceType = SERVICE_WIN32_OWN_PROCESS;
+  status.dwCurrentState = state;
+  if (state == SERVICE_RUNNING) status.dwControlsAccepted = kAccepted;
+  status.dwWin32ExitCode = specificCode == 0 ? ERROR_SUCCESS : ERROR_SERVICE_SPECIFIC_ERROR;
+  status.dwServiceSpecificExitCode = specificCode;
+  status.dwCheckPoint = checkpoint;
+  if (pending) status.dwWaitHint = kWaitHint;
+  report(status);
 }
 
 void ServiceProcess::Run() noexcept {
@@ -202,11 +192,9 @@ void ServiceProcess::Serve() {
   {
     HostLoop host({.module = options.module, .modernStandby = HasModernStandby()}, log);
     Report(SERVICE_START_PENDING);
-    PipeOptions pipe;
-    pipe.path = PipePath(options.name);
-    pipe.allowed = options.allowed;
     const PipeServer server(
-        std::move(pipe), std::bind_front(&HostLoop::Execute, &host),
+        {.path = PipePath(options.name), .allowed = options.allowed},
+        std::bind_front(&HostLoop::Execute, &host),
         [this](const wchar_t* level, std::wstring_view message) { log.Add(level, message); });
     Publish(std::make_unique<CodeQueue>(host, log));
     const auto withdraw = [](ServiceProcess* owner) { owner->Publish(nullptr); };
@@ -226,22 +214,21 @@ void ServiceProcess::Serve() {
 }
 
 std::uint32_t ServiceProcess::Control(std::uint32_t control, std::uint32_t event) noexcept {
-  using enum CodeQueue::Kind;
   const auto add = [this](CodeQueue::Code code) {
     const std::lock_guard guard(queueLock);
     if (queue != nullptr) queue->Add(code);
     return std::uint32_t{NO_ERROR};
   };
-  if (control == SERVICE_CONTROL_POWEREVENT) return add({Power, event});
-  if (control == SERVICE_CONTROL_SESSIONCHANGE) return add({Session, event});
+  if (control == SERVICE_CONTROL_POWEREVENT) return add({&HostLoop::OnPower, event});
+  if (control == SERVICE_CONTROL_SESSIONCHANGE) return add({&HostLoop::OnSession, event});
   const bool stops = control == SERVICE_CONTROL_STOP || control == SERVICE_CONTROL_PRESHUTDOWN;
   if (stops) SetEvent(stop.get());
   if (stops || control == SERVICE_CONTROL_INTERROGATE) return NO_ERROR;
-  if (!options.development || control < PowerControl(0) || control > kLastControl) {
+  if (!options.development || control < kPowerControl || control > kLastControl) {
     return ERROR_CALL_NOT_IMPLEMENTED;
   }
-  return control < SessionControl(0) ? add({Power, control - PowerControl(0)})
-                                     : add({Session, control - SessionControl(0)});
+  return control < kSessionControl ? add({&HostLoop::OnPower, control - kPowerControl})
+                                   : add({&HostLoop::OnSession, control - kSessionControl});
 }
 
 // Error 1063 means that the service manager did not start the program:

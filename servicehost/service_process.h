@@ -16,27 +16,18 @@
 #include "servicehost/service_log.h"
 #include "servicehost/service_parameters.h"
 
+struct _SERVICE_STATUS;  // NOLINT(bugprone-reserved-identifier,cert-*): the name of Windows
+
 namespace Vx::Hosting::ServiceHost {
 
-// User-defined controls that simulate events for a service under development. `code` is at most 63.
-constexpr std::uint32_t PowerControl(std::uint32_t code) {
-  return 128 + code;
-}
-constexpr std::uint32_t SessionControl(std::uint32_t code) {
-  return 192 + code;
-}
+// User-defined controls that simulate events for a service under development. To each, add the
+// event's code, at most 63.
+inline constexpr std::uint32_t kPowerControl = 128;
+inline constexpr std::uint32_t kSessionControl = 192;
 
-// The status that the service reports, using Windows' constants.
-struct ServiceStatus {
-  std::uint32_t state = 0;       // SERVICE_START_PENDING etc.
-  std::uint32_t checkpoint = 0;  // increases while starting or stopping
-  std::uint32_t exitCode = 0;
-  std::uint32_t specificCode = 0;  // with ERROR_SERVICE_SPECIFIC_ERROR
-};
-
-// Reports the status to the service manager. Called on any thread, one call at a time. The process
-// may be terminated once SERVICE_STOPPED is reported.
-using StatusReport = std::function<void(const ServiceStatus&)>;
+// Reports a SERVICE_STATUS to the service manager. Called on any thread, one call at a time. The
+// process may be terminated once SERVICE_STOPPED is reported.
+using StatusReport = std::function<void(_SERVICE_STATUS& status)>;
 
 // Forwards codes from the service manager to the module, in order, on its own thread, because the
 // module may take minutes to handle one and the manager waits for Control to return. On overflow,
@@ -54,9 +45,8 @@ class CodeQueue {
   // Forwards the queued codes first.
   ~CodeQueue();
 
-  enum class Kind { Power, Session };
   struct Code {
-    Kind kind;
+    void (HostLoop::*forward)(std::uint32_t code);
     std::uint32_t code;
     bool operator==(const Code&) const = default;
   };
@@ -95,9 +85,6 @@ class ServiceProcess {
   // a suspend reaches the module before the machine sleeps.
   std::uint32_t Control(std::uint32_t control, std::uint32_t event) noexcept;
 
-  // Returns the controls that a running service accepts, as SERVICE_ACCEPT_ bits.
-  static std::uint32_t Accepted();
-
  private:
   void Serve();
   void Publish(std::unique_ptr<CodeQueue> next);
@@ -108,7 +95,8 @@ class ServiceProcess {
   ServiceLog log;
   Platform::UniqueHandle stop;
   std::mutex stateLock;
-  ServiceStatus reported;  // guarded by `stateLock`
+  std::uint32_t reported = 0;    // the last state; guarded by `stateLock`, like the next one
+  std::uint32_t checkpoint = 0;  // increases while starting or stopping
   std::mutex queueLock;
   std::unique_ptr<CodeQueue> queue;  // guarded by `queueLock`; null while no module runs
 };

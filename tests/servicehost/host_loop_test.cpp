@@ -234,19 +234,20 @@ TEST_F(HostLoopTest, TheDisplaySetsTheStandbyEventOnModernStandbyAlone) {
 
 // The module hangs in one call. The last of each later code is kept, even 18, which ends standby.
 TEST_F(HostLoopTest, AFullQueueKeepsTheLastReportOfEachCodeAndWarnsOnce) {
-  using enum CodeQueue::Kind;
+  constexpr auto power = &HostLoop::OnPower;
+  constexpr auto session = &HostLoop::OnSession;
   HostLoop host(Options(true), *log);
   SetEvent(standby.get());
   {
     CodeQueue codes(host, *log, 4);
-    codes.Add({Power, 4});
+    codes.Add({power, 4});
     EXPECT_TRUE(StandbyIsSet());
     Tessel::Server::Storage::SystemMutex inUse(Tessel::Server::Storage::CapDataStore::kMutexName);
     inUse.lock();
-    codes.Add({Power, 10});
+    codes.Add({power, 10});
     EXPECT_TRUE(Logs(L"power event 10\n"));
-    codes.Add({Power, 18});
-    for (const std::uint32_t code : {8U, 8U, 7U, 8U, 6U}) codes.Add({Session, code});
+    codes.Add({power, 18});
+    for (const std::uint32_t code : {8U, 8U, 7U, 8U, 6U}) codes.Add({session, code});
     inUse.unlock();
   }
   EXPECT_FALSE(StandbyIsSet());

@@ -350,17 +350,17 @@ TEST(OrvaneHostTest, DoesNothingUnlessTheServiceManagerStartedItForAName) {
 // The service as the service manager runs it, with the shipped module and its own store.
 class ServiceProcessTest : public ::testing::Test {
  protected:
-  void Take(const ServiceStatus& state) {
+  void Take(const SERVICE_STATUS& state) {
     states.push_back(state);
-    if (state.state == SERVICE_RUNNING) SetEvent(running.get());
-    if (state.state == SERVICE_STOPPED) SetEvent(stopped.get());
+    if (state.dwCurrentState == SERVICE_RUNNING) SetEvent(running.get());
+    if (state.dwCurrentState == SERVICE_STOPPED) SetEvent(stopped.get());
   }
 
   ServiceProcess& Service(const std::wstring& module, bool development) {
     const std::wstring name = L"process-" + std::to_wstring(GetCurrentProcessId());
-    service = std::make_unique<ServiceProcess>(ServiceOptions{name, module, {}, development},
-                                               lines.Targets(),
-                                               [this](const ServiceStatus& state) { Take(state); });
+    service = std::make_unique<ServiceProcess>(
+        ServiceOptions{name, module, {}, development}, lines.Targets(),
+        [this](const SERVICE_STATUS& state) { Take(state); });
     return *service;
   }
 
@@ -386,7 +386,7 @@ class ServiceProcessTest : public ::testing::Test {
   Tests::PrivateStore store;
   Platform::UniqueHandle running{CreateEventW(nullptr, TRUE, FALSE, nullptr)};
   Platform::UniqueHandle stopped{CreateEventW(nullptr, TRUE, FALSE, nullptr)};
-  std::vector<ServiceStatus> states;
+  std::vector<SERVICE_STATUS> states;
   LogLines lines;
   std::unique_ptr<ServiceProcess> service;
 };
@@ -396,7 +396,7 @@ TEST_F(ServiceProcessTest, ForwardsTheManagersCodesInOrderAndReportsEachState) {
                        {SERVICE_CONTROL_SESSIONCHANGE, 5},
                        {SERVICE_CONTROL_POWEREVENT, 18},
                        {SERVICE_CONTROL_INTERROGATE, 0},
-                       {PowerControl(7), 0},
+                       {kPowerControl + 7, 0},
                        {SERVICE_CONTROL_PARAMCHANGE, 0}},
                       false, SERVICE_CONTROL_PRESHUTDOWN),
               ElementsAre(NO_ERROR, NO_ERROR, NO_ERROR, NO_ERROR, ERROR_CALL_NOT_IMPLEMENTED,
@@ -407,18 +407,19 @@ TEST_F(ServiceProcessTest, ForwardsTheManagersCodesInOrderAndReportsEachState) {
   EXPECT_LT(at(L": session change 5\n"), at(L": power event 18\n"));
   EXPECT_LT(at(L": power event 18\n"), at(L": the module is stopped\n"));
   EXPECT_THAT(text, Not(HasSubstr(L"power event 7")));
-  // Windows sends only what a service accepts: stop, power event, session change, pre-shutdown.
-  EXPECT_EQ(ServiceProcess::Accepted(), 0x1U | 0x40U | 0x80U | 0x100U);
   std::vector<std::uint32_t> seen;
   std::uint32_t checkpoint = 0;
-  for (const ServiceStatus& state : states) {
-    if (seen.empty() || seen.back() != state.state) {
-      seen.push_back(state.state);
+  for (const SERVICE_STATUS& state : states) {
+    if (seen.empty() || seen.back() != state.dwCurrentState) {
+      seen.push_back(state.dwCurrentState);
       checkpoint = 0;
     }
-    const bool lasts = state.state == SERVICE_RUNNING || state.state == SERVICE_STOPPED;
-    EXPECT_EQ(state.checkpoint, lasts ? 0 : ++checkpoint);
-    EXPECT_EQ(state.exitCode, 0U);
+    const bool runs = state.dwCurrentState == SERVICE_RUNNING;
+    const bool lasts = runs || state.dwCurrentState == SERVICE_STOPPED;
+    EXPECT_EQ(state.dwCheckPoint, lasts ? 0 : ++checkpoint);
+    EXPECT_EQ(state.dwWin32ExitCode, 0U);
+    // Windows sends only what a service accepts: stop, power event, session change, pre-shutdown.
+    EXPECT_EQ(state.dwControlsAccepted, runs ? 0x1U | 0x40U | 0x80U | 0x100U : 0U);
   }
   EXPECT_THAT(seen, ElementsAre(SERVICE_START_PENDING, SERVICE_RUNNING, SERVICE_STOP_PENDING,
                                 SERVICE_STOPPED));
@@ -426,7 +427,7 @@ TEST_F(ServiceProcessTest, ForwardsTheManagersCodesInOrderAndReportsEachState) {
 
 TEST_F(ServiceProcessTest, TakesEventsOfUsersOnlyUnderDevelopment) {
   EXPECT_THAT(
-      RunWith({{PowerControl(7), 0}, {SessionControl(63), 0}, {127, 0}, {256, 0}}, true,
+      RunWith({{kPowerControl + 7, 0}, {kSessionControl + 63, 0}, {127, 0}, {256, 0}}, true,
               SERVICE_CONTROL_STOP),
       ElementsAre(NO_ERROR, NO_ERROR, ERROR_CALL_NOT_IMPLEMENTED, ERROR_CALL_NOT_IMPLEMENTED));
   EXPECT_THAT(lines.Text(), HasSubstr(L"power event 7\n"));
@@ -443,9 +444,10 @@ TEST_F(ServiceProcessTest, AModuleThatCannotBeLoadedEndsItWithAnErrorAndALine) {
   for (const auto& [module, code, line] : kCases) {
     ServiceProcess& one = Service(module, false);
     one.Run();
-    EXPECT_EQ(states.back().state, static_cast<std::uint32_t>(SERVICE_STOPPED));
-    EXPECT_EQ(states.back().exitCode, static_cast<std::uint32_t>(ERROR_SERVICE_SPECIFIC_ERROR));
-    EXPECT_EQ(states.back().specificCode, code);
+    EXPECT_EQ(states.back().dwCurrentState, static_cast<std::uint32_t>(SERVICE_STOPPED));
+    EXPECT_EQ(states.back().dwWin32ExitCode,
+              static_cast<std::uint32_t>(ERROR_SERVICE_SPECIFIC_ERROR));
+    EXPECT_EQ(states.back().dwServiceSpecificExitCode, code);
     EXPECT_THAT(lines.Text(), HasSubstr(std::wstring(L"the service cannot run") + line));
     EXPECT_EQ(one.Control(SERVICE_CONTROL_POWEREVENT, 7), static_cast<std::uint32_t>(NO_ERROR));
   }

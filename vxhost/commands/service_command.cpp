@@ -250,11 +250,11 @@ int Send(const Options& options, const ModuleOptions&, Console& console) {
   const std::wstring name = CheckedName(options.name);
   for (const std::uint32_t code : options.power) {
     console.Line("-> power event " + std::to_string(code));
-    manager.Send(name, PowerControl(code));
+    manager.Send(name, kPowerControl + code);
   }
   for (const std::uint32_t code : options.sessions) {
     console.Line("-> session change " + std::to_string(code));
-    manager.Send(name, SessionControl(code));
+    manager.Send(name, kSessionControl + code);
   }
   return kDone;
 }
