@@ -42,7 +42,7 @@ struct Refusal {
 };
 template <typename T>
 struct Refusal<Result<T>> {
-  static Result<T> Make() { return Result<T>::Failure(kDenied); }
+  static Result<T> Make() { return Platform::Failure(kDenied); }
 };
 template <>
 struct Refusal<ErrorCode> {
@@ -428,7 +428,7 @@ class FaultyThreads final : public Decorator<Platform::Threads> {
  public:
   using Decorator::Decorator;
   Result<UniqueHandle> Start(std::function<void()> body) override {
-    if (faults.Fails("Threads.Start")) return Result<UniqueHandle>::Failure(kTryAgain);
+    if (faults.Fails("Threads.Start")) return Platform::Failure(kTryAgain);
     return inner.Start(std::move(body));
   }
   void CancelIo(RawHandle thread) override {

@@ -64,9 +64,7 @@ Result<std::vector<std::byte>> SimulatedFiles::Read(const std::wstring& path,
                                                     std::size_t maxBytes) const {
   const auto content = Content(path);
   if (!content) return RealFiles().Read(path, maxBytes);
-  if (content->size() > maxBytes) {
-    return Result<std::vector<std::byte>>::Failure(kFileTooLarge);
-  }
+  if (content->size() > maxBytes) return Platform::Failure(kFileTooLarge);
   return *content;
 }
 

@@ -180,13 +180,13 @@ Platform::Packages::PathQuery SimulatedPackages::PathByFullName(
 Result<std::int32_t> SimulatedPackages::StagedOrigin(const std::wstring& fullName) const {
   const std::lock_guard guard(mutex);
   const auto found = packages.find(fullName);
-  if (found == packages.end()) return Result<std::int32_t>::Failure(kNotFound);
+  if (found == packages.end()) return Platform::Failure(kNotFound);
   return found->second.package.origin;
 }
 
 Result<std::uint64_t> SimulatedPackages::Version(const std::wstring& fullName) const {
   const std::size_t begin = fullName.find(L'_');
-  if (begin == std::wstring::npos) return Result<std::uint64_t>::Failure(kInvalidParameter);
+  if (begin == std::wstring::npos) return Platform::Failure(kInvalidParameter);
   std::uint64_t version = 0;
   std::uint64_t part = 0;
   for (std::size_t at = begin + 1; at < fullName.size() && fullName[at] != L'_'; ++at) {
@@ -211,7 +211,7 @@ std::vector<std::wstring> SimulatedPackages::FindForAllUsers(const std::wstring&
 
 Result<std::wstring> SimulatedPackages::AccountSid(const std::wstring& account) const {
   const auto user = users.Find(account.substr(account.find(L'\\') + 1));
-  if (!user) return Result<std::wstring>::Failure(kNoSuchAccount);
+  if (!user) return Platform::Failure(kNoSuchAccount);
   return user->sid;
 }
 

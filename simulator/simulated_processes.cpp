@@ -54,7 +54,7 @@ Result<std::uint32_t> SimulatedProcesses::Start(Platform::RawHandle token,
   }
   if (error != 0) {
     timeline.Add(process.user + L" cannot start " + start.application);
-    return Result<std::uint32_t>::Failure(error);
+    return Platform::Failure(error);
   }
   timeline.Add(process.user + L" starts " + start.commandLine);
   return process.id;
@@ -89,7 +89,7 @@ Result<Platform::UniqueHandle> SimulatedProcesses::PrimaryToken(std::uint32_t id
   if (id == kLogonId) return users.TokenOf({});
   const std::lock_guard guard(mutex);
   const auto found = running.find(id);
-  if (found == running.end()) return Result<Platform::UniqueHandle>::Failure(kInvalidParameter);
+  if (found == running.end()) return Platform::Failure(kInvalidParameter);
   const std::wstring& user = found->second.user;
   return users.TokenOf(user == kSystem ? std::wstring() : user);
 }

@@ -42,9 +42,7 @@ Platform::Result<Platform::RegistryValue> SimulatedRegistry::Read(const std::wst
                                                                   const std::wstring& value) const {
   const std::lock_guard guard(mutex);
   const auto found = values.find({Lower(key), Lower(value)});
-  if (found == values.end()) {
-    return Platform::Result<Platform::RegistryValue>::Failure(kFileNotFound);
-  }
+  if (found == values.end()) return Platform::Failure(kFileNotFound);
   return found->second;
 }
 

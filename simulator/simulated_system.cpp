@@ -70,10 +70,9 @@ std::uint32_t SimulatedSystem::Raise(const std::wstring& triggerId) {
 
 Platform::Result<std::unique_ptr<Platform::LockdownLibrary>> SimulatedSystem::Load(
     const std::wstring&) {
-  using Answer = Platform::Result<std::unique_ptr<Platform::LockdownLibrary>>;
   const std::lock_guard guard(mutex);
-  if (libraryError != 0) return Answer::Failure(libraryError);
-  return Answer(std::make_unique<Library>(*this));
+  if (libraryError != 0) return Platform::Failure(libraryError);
+  return std::unique_ptr<Platform::LockdownLibrary>(std::make_unique<Library>(*this));
 }
 
 }  // namespace Vx::Simulator

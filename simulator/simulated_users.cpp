@@ -119,7 +119,7 @@ Result<UniqueHandle> SimulatedUsers::MakeToken(const std::wstring& owner,
 // The system may reuse a handle value. The new token then replaces the closed one.
 Result<UniqueHandle> SimulatedUsers::MakeToken(Token made) const {
   UniqueHandle token(CreateEventW(nullptr, TRUE, FALSE, nullptr));
-  if (token == nullptr) return Result<UniqueHandle>::Failure(GetLastError());
+  if (token == nullptr) return Platform::Failure(GetLastError());
   tokens[token.get()] = std::move(made);
   return token;
 }
@@ -131,8 +131,8 @@ std::uint32_t SimulatedUsers::ActiveConsoleSession() const {
 
 Result<UniqueHandle> SimulatedUsers::QueryUserToken(std::uint32_t session) const {
   const std::lock_guard guard(mutex);
-  if (session != console) return Result<UniqueHandle>::Failure(ERROR_FILE_NOT_FOUND);
-  if (atConsole.empty()) return Result<UniqueHandle>::Failure(ERROR_NO_TOKEN);
+  if (session != console) return Platform::Failure(ERROR_FILE_NOT_FOUND);
+  if (atConsole.empty()) return Platform::Failure(ERROR_NO_TOKEN);
   return MakeToken(atConsole, Platform::TokenType::Primary);
 }
 
@@ -140,26 +140,27 @@ Result<UniqueHandle> SimulatedUsers::DuplicateUserToken(Platform::RawHandle toke
                                                         Platform::TokenType type) const {
   const std::lock_guard guard(mutex);
   const auto found = tokens.find(token);
-  if (found == tokens.end()) return Result<UniqueHandle>::Failure(ERROR_INVALID_HANDLE);
+  if (found == tokens.end()) return Platform::Failure(ERROR_INVALID_HANDLE);
   return MakeToken({found->second.owner, type, found->second.logon});
 }
 
 Result<std::uint64_t> SimulatedUsers::LogonOf(Platform::RawHandle token) const {
   const std::lock_guard guard(mutex);
   const auto found = tokens.find(token);
-  if (found == tokens.end()) return Result<std::uint64_t>::Failure(ERROR_INVALID_HANDLE);
+  if (found == tokens.end()) return Platform::Failure(ERROR_INVALID_HANDLE);
   return found->second.logon;
 }
 
 Result<std::wstring> SimulatedUsers::SidOf(Platform::RawHandle token) const {
   const auto user = UserOf(token);
-  return user ? user->sid : Result<std::wstring>::Failure(ERROR_INVALID_HANDLE);
+  if (!user) return Platform::Failure(ERROR_INVALID_HANDLE);
+  return user->sid;
 }
 
 Result<std::wstring> SimulatedUsers::QueryText(std::uint32_t session,
                                                Platform::SessionText what) const {
   const std::lock_guard guard(mutex);
-  if (session != console) return Result<std::wstring>::Failure(ERROR_FILE_NOT_FOUND);
+  if (session != console) return Platform::Failure(ERROR_FILE_NOT_FOUND);
   if (atConsole.empty()) return std::wstring();  // as in Windows at the logon screen
   const SimulatedUser& user = users.at(atConsole);
   return what == Platform::SessionText::UserName ? user.name : user.domain;

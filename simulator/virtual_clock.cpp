@@ -237,7 +237,7 @@ Platform::Result<Platform::UniqueHandle> VirtualClock::MakeTimer() {
   HANDLE own = nullptr;
   if (timer == nullptr || DuplicateHandle(GetCurrentProcess(), timer.get(), GetCurrentProcess(),
                                           &own, 0, FALSE, DUPLICATE_SAME_ACCESS) == 0) {
-    return Platform::Result<Platform::UniqueHandle>::Failure(GetLastError());
+    return Platform::Failure(GetLastError());
   }
   const std::lock_guard guard(mutex);
   // If the map already has this handle value, it belonged to a timer that has been closed since.

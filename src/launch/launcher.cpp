@@ -56,7 +56,7 @@ constexpr std::size_t kMaxProcesses = 2048;
 // Returns the SYSTEM token of a session's logon process, or error 0 if there is no such process.
 Platform::Result<Platform::UniqueHandle> SystemTokenIn(std::uint32_t session) {
   const auto process = LogonProcessIn(session);
-  if (!process) return Platform::Result<Platform::UniqueHandle>::Failure(0);
+  if (!process) return Platform::Failure(0);
   return Platform::CurrentMachine().processes->PrimaryToken(*process);
 }
 

@@ -9,17 +9,19 @@ namespace Vx::Platform {
 // GetLastError() or an HRESULT, depending on the operation. Zero means success.
 using ErrorCode = std::uint32_t;
 
+// Converts to a failed Result of any type.
+struct Failure {
+  explicit Failure(ErrorCode code) noexcept : error(code) {}
+
+  ErrorCode error;
+};
+
 // A value, or the error code that Windows returned instead.
 template <typename T>
 class Result {
  public:
-  Result(T value) : content(std::move(value)) {}  // NOLINT(google-explicit-constructor)
-
-  static Result Failure(ErrorCode error) {
-    Result result;
-    result.code = error;
-    return result;
-  }
+  Result(T value) : content(std::move(value)) {}    // NOLINT(google-explicit-constructor)
+  Result(Failure failure) : code(failure.error) {}  // NOLINT(google-explicit-constructor)
 
   explicit operator bool() const noexcept { return content.has_value(); }
   T& operator*() & { return *content; }
@@ -32,8 +34,6 @@ class Result {
   ErrorCode Error() const noexcept { return code; }
 
  private:
-  Result() = default;
-
   std::optional<T> content;
   ErrorCode code = 0;
 };

@@ -164,12 +164,12 @@ Opened OpenOwn(const std::wstring& path, FileUse use) {
       // SYSTEM can always inspect its own files. Windows also denies access if this is a folder.
       const bool foreign = step == FileUse::Inspect && opened.Error() == kAccessDenied;
       if (foreign || IsNotThere(opened.Error())) break;
-      return Opened::Failure(opened.Error());
+      return Platform::Failure(opened.Error());
     }
     const Result<FileFacts> facts = (*opened)->Facts();
-    if (!facts) return Opened::Failure(facts.Error());
+    if (!facts) return Platform::Failure(facts.Error());
     const Result<bool> ours = (*opened)->HasTrustedOwner();
-    if (!ours) return Opened::Failure(ours.Error());
+    if (!ours) return Platform::Failure(ours.Error());
     if (!IsPlain(*facts) || !*ours) break;
     if (step == use) return opened;
   }
@@ -320,7 +320,7 @@ ErrorCode SealedFile::PatientRename(const Rename& rename) {
   const Result<bool> renamed = Patiently([&] {
     const ErrorCode error = rename();
     if (error == 0) return Result<bool>(true);
-    return Result<bool>::Failure(IsHeldByAnother(error) ? kSharingViolation : error);
+    return Result<bool>(Platform::Failure(IsHeldByAnother(error) ? kSharingViolation : error));
   });
   return renamed ? 0 : renamed.Error();
 }

@@ -53,7 +53,7 @@ TEST_F(WaitingDeliveriesTest, TheSixtyFifthOfOneSubscriptionIsDropped) {
 class HeldThreads final : public Platform::Threads {
  public:
   Platform::Result<Platform::UniqueHandle> Start(std::function<void()> body) override {
-    if (refuse) return Platform::Result<Platform::UniqueHandle>::Failure(EAGAIN);
+    if (refuse) return Platform::Failure(EAGAIN);
     held.push_back(std::move(body));
     return Platform::CurrentMachine().kernelObjects->MakeManualEvent({});  // any handle
   }

@@ -74,7 +74,7 @@ class NoThreads final : public Threads {
   explicit NoThreads(bool outOfMemory) : throws(outOfMemory) {}
   Result<UniqueHandle> Start(std::function<void()>) override {
     if (throws) throw std::bad_alloc();
-    return Result<UniqueHandle>::Failure(EAGAIN);
+    return Failure(EAGAIN);
   }
 
  private:

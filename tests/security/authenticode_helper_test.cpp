@@ -395,7 +395,7 @@ TEST_F(PathVerdictTest, DemandsGenericAllForBothAccountsAndOneOfThemAsOwner) {
 TEST_F(PathVerdictTest, TriesFiveTimesWithPausesBetweenUntilTheFirstSuccess) {
   const std::wstring path = L"D:\\WindowsApps\\app.exe";
   places.finalPaths[path] = path;
-  const auto failure = Result<AccessList>::Failure(5);
+  const Platform::Failure failure(5);
   places.access = {failure};
   const Tests::LogCapture log;
   EXPECT_FALSE(helper.IsPathAllowed(path));

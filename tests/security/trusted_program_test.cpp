@@ -57,7 +57,7 @@ TEST(TrustedProgramTest, ReadsNothingOfAFileThatALinkReachesElsewhere) {
   const Tests::DirectoryLink link(folder / L"link", elsewhere.Path().wstring());
   for (const bool locked : {true, false}) {
     SCOPED_TRACE(locked ? "locked" : "open in another process");
-    const auto writer = locked ? Platform::Files::Opened::Failure(0)
+    const auto writer = locked ? Platform::Files::Opened(Platform::Failure(0))
                                : Platform::CurrentMachine().files->Open(elsewhere / kPinned,
                                                                         Platform::FileUse::Change);
     Simulator::FaultInjection faults;

@@ -31,7 +31,7 @@ class ScarceThreads final : public Platform::Threads {
  public:
   Platform::Result<Platform::UniqueHandle> Start(std::function<void()> body) override {
     const Missing what = missing.exchange(Missing::Nothing);
-    if (what == Missing::Thread) return Platform::Result<Platform::UniqueHandle>::Failure(EAGAIN);
+    if (what == Missing::Thread) return Platform::Failure(EAGAIN);
     if (what == Missing::Memory) shortage.emplace(Tests::Shortage::Lasting, 0);
     auto started = Platform::WindowsMachine().threads->Start(std::move(body));
     if (what == Missing::MemoryAfterwards) shortage.emplace(Tests::Shortage::Lasting, 0);

@@ -26,7 +26,7 @@ class FaultyProtection final : public Platform::DataProtection {
   Platform::Result<Bytes> Unprotect(std::span<const std::byte> sealed) const override {
     if (unprotecting == 0 || left == 0 || sealed.size() < least) return real.Unprotect(sealed);
     if (left > 0) --left;
-    return Platform::Result<Bytes>::Failure(unprotecting);
+    return Platform::Failure(unprotecting);
   }
 
  private:

@@ -37,7 +37,7 @@ struct FileFaults {
     if constexpr (std::is_same_v<Answer, Platform::ErrorCode>) {
       return error != 0 ? error : step();
     } else {
-      return error != 0 ? Answer::Failure(error) : step();
+      return error != 0 ? Answer(Platform::Failure(error)) : step();
     }
   }
 };

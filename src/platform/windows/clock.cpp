@@ -47,7 +47,7 @@ class RealClock final : public Clock {
 
   Result<UniqueHandle> MakeTimer() override {
     UniqueHandle timer(CreateWaitableTimerW(nullptr, FALSE, nullptr));
-    if (timer == nullptr) return Result<UniqueHandle>::Failure(GetLastError());
+    if (timer == nullptr) return Failure(GetLastError());
     return timer;
   }
 

@@ -35,23 +35,23 @@ class RealDataProtection final : public DataProtection {
  public:
   Result<Bytes> Protect(std::span<const std::byte> plain,
                         const std::wstring& description) const override {
-    if (!FitsBlob(plain)) return Result<Bytes>::Failure(ERROR_INVALID_PARAMETER);
+    if (!FitsBlob(plain)) return Failure(ERROR_INVALID_PARAMETER);
     DATA_BLOB in = BlobOf(plain);
     DATA_BLOB out{};
     if (CryptProtectData(&in, description.c_str(), nullptr, nullptr, nullptr,
                          CRYPTPROTECT_LOCAL_MACHINE, &out) == 0) {
-      return Result<Bytes>::Failure(GetLastError());
+      return Failure(GetLastError());
     }
     return TakeBlob(out);
   }
 
   Result<Bytes> Unprotect(std::span<const std::byte> sealed) const override {
-    if (!FitsBlob(sealed)) return Result<Bytes>::Failure(ERROR_INVALID_PARAMETER);
+    if (!FitsBlob(sealed)) return Failure(ERROR_INVALID_PARAMETER);
     DATA_BLOB in = BlobOf(sealed);
     DATA_BLOB out{};
     if (CryptUnprotectData(&in, nullptr, nullptr, nullptr, nullptr, CRYPTPROTECT_LOCAL_MACHINE,
                            &out) == 0) {
-      return Result<Bytes>::Failure(GetLastError());
+      return Failure(GetLastError());
     }
     return TakeBlob(out);
   }

@@ -35,7 +35,7 @@ constexpr std::size_t kMaxText = 32767;
 Text TextIn(const std::vector<wchar_t>& buffer, std::size_t maxChars) {
   const auto end = std::find(buffer.begin(), buffer.end(), L'\0');
   const auto length = static_cast<std::size_t>(end - buffer.begin());
-  if (length + 1 > maxChars) return Text::Failure(ERROR_INSUFFICIENT_BUFFER);
+  if (length + 1 > maxChars) return Failure(ERROR_INSUFFICIENT_BUFFER);
   return std::wstring(buffer.begin(), end);
 }
 
@@ -51,15 +51,15 @@ DWORD Count(const std::vector<wchar_t>& buffer) {
 Text ExpandInto(const std::wstring& text, std::size_t maxChars) {
   std::vector<wchar_t> buffer(Room(maxChars));
   const DWORD needed = ExpandEnvironmentStringsW(text.c_str(), buffer.data(), Count(buffer));
-  if (needed == 0) return Text::Failure(GetLastError());
-  if (needed > buffer.size()) return Text::Failure(ERROR_INSUFFICIENT_BUFFER);
+  if (needed == 0) return Failure(GetLastError());
+  if (needed > buffer.size()) return Failure(ERROR_INSUFFICIENT_BUFFER);
   return TextIn(buffer, maxChars);
 }
 
 class RealEnvironment final : public Environment {
  public:
   Text Expand(const std::wstring& text, std::size_t maxChars) const override {
-    if (text.size() >= kMaxText) return Text::Failure(ERROR_FILENAME_EXCED_RANGE);
+    if (text.size() >= kMaxText) return Failure(ERROR_FILENAME_EXCED_RANGE);
     // Most strings are short, and a buffer for the longest costs more than the call.
     if (auto brief = ExpandInto(text, std::min(maxChars, kShortPath))) return brief;
     return ExpandInto(text, maxChars);
@@ -67,14 +67,14 @@ class RealEnvironment final : public Environment {
 
   Text ExpandForUser(RawHandle token, const std::wstring& text,
                      std::size_t maxChars) const override {
-    if (text.size() >= kMaxText) return Text::Failure(ERROR_FILENAME_EXCED_RANGE);
+    if (text.size() >= kMaxText) return Failure(ERROR_FILENAME_EXCED_RANGE);
     // Room for the longest string, because Wine reports success for a buffer that is too small and
     // leaves a truncated string in it.
     std::vector<wchar_t> buffer(kMaxText);
     auto* expand = userenv.Find<decltype(ExpandEnvironmentStringsForUserW)>(
         "ExpandEnvironmentStringsForUserW");
     if (expand == nullptr || expand(token, text.c_str(), buffer.data(), Count(buffer)) == FALSE) {
-      return Text::Failure(GetLastError());
+      return Failure(GetLastError());
     }
     return TextIn(buffer, std::min(maxChars, kMaxText));
   }
@@ -82,9 +82,7 @@ class RealEnvironment final : public Environment {
   Result<std::vector<wchar_t>> Block(RawHandle token) const override {
     void* raw = nullptr;
     auto* create = userenv.Find<decltype(CreateEnvironmentBlock)>("CreateEnvironmentBlock");
-    if (create == nullptr || create(&raw, token, FALSE) == FALSE) {
-      return Result<std::vector<wchar_t>>::Failure(GetLastError());
-    }
+    if (create == nullptr || create(&raw, token, FALSE) == FALSE) return Failure(GetLastError());
     const std::unique_ptr<void, BlockDestroyer> owner(raw);
     const auto* first = static_cast<const wchar_t*>(raw);
     const wchar_t* end = first;

@@ -61,9 +61,8 @@ class RealFileHandle final : public FileHandle {
     // Cheaper than GetFileInformationByHandle, which also queries the volume.
     FILE_STANDARD_INFO standard;
     FILE_BASIC_INFO basic;
-    if (!Query(FileStandardInfo, standard) || !Query(FileBasicInfo, basic)) {
-      return Result<FileFacts>::Failure(GetLastError());
-    }
+    if (!Query(FileStandardInfo, standard)) return Failure(GetLastError());
+    if (!Query(FileBasicInfo, basic)) return Failure(GetLastError());
     return FileFacts{
         .size = static_cast<std::uint64_t>(standard.EndOfFile.QuadPart),
         .attributes = basic.FileAttributes,
@@ -78,7 +77,7 @@ class RealFileHandle final : public FileHandle {
     PSECURITY_DESCRIPTOR descriptor = nullptr;
     const DWORD error = GetSecurityInfo(file.get(), SE_FILE_OBJECT, OWNER_SECURITY_INFORMATION,
                                         &owner, nullptr, nullptr, nullptr, &descriptor);
-    if (error != ERROR_SUCCESS) return Result<bool>::Failure(error);
+    if (error != ERROR_SUCCESS) return Failure(error);
     const UniqueLocalMemory<void> memory(descriptor);
     if (owner == nullptr) return false;
     return IsWellKnownSid(owner, WinLocalSystemSid) != 0 ||
@@ -149,7 +148,7 @@ Opened OpenWith(const std::wstring& path, Opening opening, SECURITY_ATTRIBUTES* 
   UniqueHandle file =
       OpenDiskFile(path, opening.access, opening.share,
                    FILE_ATTRIBUTE_NORMAL | FILE_FLAG_OPEN_REPARSE_POINT, disposition, security);
-  if (file == nullptr) return Opened::Failure(GetLastError());
+  if (file == nullptr) return Failure(GetLastError());
   std::unique_ptr<FileHandle> opened = std::make_unique<RealFileHandle>(std::move(file));
   return opened;
 }
@@ -164,12 +163,9 @@ std::wstring SidText(PSID sid) {
 }
 
 Result<std::vector<std::byte>> ReadContent(HANDLE file, std::size_t maxBytes) {
-  using Bytes = Result<std::vector<std::byte>>;
   LARGE_INTEGER size;
-  if (GetFileSizeEx(file, &size) == 0) return Bytes::Failure(GetLastError());
-  if (static_cast<std::uint64_t>(size.QuadPart) > maxBytes) {
-    return Bytes::Failure(ERROR_FILE_TOO_LARGE);
-  }
+  if (GetFileSizeEx(file, &size) == 0) return Failure(GetLastError());
+  if (static_cast<std::uint64_t>(size.QuadPart) > maxBytes) return Failure(ERROR_FILE_TOO_LARGE);
   std::vector<std::byte> content(static_cast<std::size_t>(size.QuadPart));
   std::size_t filled = 0;
   while (filled < content.size()) {
@@ -178,7 +174,7 @@ Result<std::vector<std::byte>> ReadContent(HANDLE file, std::size_t maxBytes) {
     DWORD got = 0;
     OVERLAPPED place = At(filled);
     if (ReadFile(file, content.data() + filled, wanted, &got, &place) == 0) {
-      if (GetLastError() != ERROR_HANDLE_EOF) return Bytes::Failure(GetLastError());
+      if (GetLastError() != ERROR_HANDLE_EOF) return Failure(GetLastError());
     }
     if (got == 0) break;  // another process has truncated the file
     filled += got;
@@ -220,7 +216,6 @@ ErrorCode RenameTo(RawHandle file, const std::wstring& path) {
 }
 
 Result<AccessList> AccessOf(RawHandle file) {
-  using Entries = Result<AccessList>;
   PSID owner = nullptr;
   PSID group = nullptr;
   PACL list = nullptr;
@@ -230,8 +225,8 @@ Result<AccessList> AccessOf(RawHandle file) {
       OWNER_SECURITY_INFORMATION | GROUP_SECURITY_INFORMATION | DACL_SECURITY_INFORMATION, &owner,
       &group, &list, nullptr, &raw);
   const UniqueLocalMemory<void> descriptor(raw);
-  if (error != ERROR_SUCCESS) return Entries::Failure(error);
-  if (list == nullptr) return Entries::Failure(ERROR_NO_SECURITY_ON_OBJECT);
+  if (error != ERROR_SUCCESS) return Failure(error);
+  if (list == nullptr) return Failure(ERROR_NO_SECURITY_ON_OBJECT);
   AccessList access{.owner = SidText(owner), .entries = {}};
   for (DWORD i = 0; i < list->AceCount; ++i) {
     void* ace = nullptr;
@@ -261,7 +256,7 @@ Opened CreateFileHandle(const std::wstring& path, const std::wstring& accessLike
                           ? GetLastError()
                           : GetSecurityInfo(like.get(), SE_FILE_OBJECT, DACL_SECURITY_INFORMATION,
                                             nullptr, nullptr, nullptr, nullptr, &raw);
-  if (error != ERROR_SUCCESS && error != ERROR_FILE_NOT_FOUND) return Opened::Failure(error);
+  if (error != ERROR_SUCCESS && error != ERROR_FILE_NOT_FOUND) return Failure(error);
   const UniqueLocalMemory<void> descriptor(raw);  // null: inherits from the folder
   SECURITY_ATTRIBUTES security{sizeof security, descriptor.get(), FALSE};
   return OpenWith(path, OpeningFor(FileUse::Replace), &security, CREATE_NEW);

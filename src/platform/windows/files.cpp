@@ -74,7 +74,7 @@ Result<std::wstring> SizedText(Call call) {
   std::wstring text(MAX_PATH, L'\0');
   for (;;) {
     const DWORD length = call(text.data(), static_cast<DWORD>(text.size()));
-    if (length == 0) return Result<std::wstring>::Failure(GetLastError());
+    if (length == 0) return Failure(GetLastError());
     if (length < text.size()) {
       text.resize(length);
       return text;
@@ -87,9 +87,7 @@ class RealFiles final : public Files {
  public:
   Result<std::uint32_t> Attributes(const std::wstring& path) const override {
     const DWORD attributes = GetFileAttributesW(path.c_str());
-    if (attributes == INVALID_FILE_ATTRIBUTES) {
-      return Result<std::uint32_t>::Failure(GetLastError());
-    }
+    if (attributes == INVALID_FILE_ATTRIBUTES) return Failure(GetLastError());
     return static_cast<std::uint32_t>(attributes);
   }
 
@@ -127,7 +125,7 @@ class RealFiles final : public Files {
     // Shares write access, because a reader must not block the file's writers, which serialize
     // among themselves.
     const UniqueHandle file = OpenDiskFile(path, GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE);
-    if (file == nullptr) return Result<Bytes>::Failure(GetLastError());
+    if (file == nullptr) return Failure(GetLastError());
     return ReadContent(file.get(), maxBytes);
   }
 
@@ -150,33 +148,32 @@ class RealFiles final : public Files {
 
   Result<UniqueHandle> OpenReadLocked(const std::wstring& path) const override {
     UniqueHandle file = OpenDiskFile(path, GENERIC_READ, FILE_SHARE_READ);
-    if (file == nullptr) return Result<UniqueHandle>::Failure(GetLastError());
+    if (file == nullptr) return Failure(GetLastError());
     return file;
   }
 
   Result<Bytes> Sha256(const std::wstring& path) const override {
     const UniqueHandle file =
         OpenDiskFile(path, GENERIC_READ, FILE_SHARE_READ, FILE_FLAG_SEQUENTIAL_SCAN);
-    if (file == nullptr) return Result<Bytes>::Failure(GetLastError());
+    if (file == nullptr) return Failure(GetLastError());
 
     BCRYPT_ALG_HANDLE rawAlgorithm = nullptr;
     NTSTATUS status =
         BCryptOpenAlgorithmProvider(&rawAlgorithm, BCRYPT_SHA256_ALGORITHM, nullptr, 0);
-    if (status < 0) return Result<Bytes>::Failure(Win32Error(status));
+    if (status < 0) return Failure(Win32Error(status));
     const std::unique_ptr<void, AlgorithmCloser> algorithm(rawAlgorithm);
 
     BCRYPT_HASH_HANDLE rawHash = nullptr;
     status = BCryptCreateHash(algorithm.get(), &rawHash, nullptr, 0, nullptr, 0, 0);
-    if (status < 0) return Result<Bytes>::Failure(Win32Error(status));
+    if (status < 0) return Failure(Win32Error(status));
     const std::unique_ptr<void, HashCloser> hash(rawHash);
 
-    if (const ErrorCode error = HashContent(file.get(), hash.get()); error != 0) {
-      return Result<Bytes>::Failure(error);
-    }
+    const ErrorCode error = HashContent(file.get(), hash.get());
+    if (error != 0) return Failure(error);
     Bytes digest(kSha256Bytes);
     status = BCryptFinishHash(hash.get(), reinterpret_cast<UCHAR*>(digest.data()),
                               static_cast<ULONG>(digest.size()), 0);
-    if (status < 0) return Result<Bytes>::Failure(Win32Error(status));
+    if (status < 0) return Failure(Win32Error(status));
     return digest;
   }
 
@@ -193,7 +190,7 @@ class RealFiles final : public Files {
 
   Result<std::wstring> FinalPath(const std::wstring& path) const override {
     const UniqueHandle file = OpenDiskFile(path, FILE_READ_ATTRIBUTES, kShareAll);
-    if (!file) return Result<std::wstring>::Failure(GetLastError());
+    if (!file) return Failure(GetLastError());
     return FinalPathOf(file.get());
   }
 
@@ -207,9 +204,7 @@ class RealFiles final : public Files {
 
   Result<FileIdentity> IdentityOf(RawHandle file) const override {
     BY_HANDLE_FILE_INFORMATION facts;
-    if (GetFileInformationByHandle(file, &facts) == 0) {
-      return Result<FileIdentity>::Failure(GetLastError());
-    }
+    if (GetFileInformationByHandle(file, &facts) == 0) return Failure(GetLastError());
     const auto joined = [](DWORD high, DWORD low) { return std::uint64_t{high} << 32U | low; };
     return FileIdentity{.volume = facts.dwVolumeSerialNumber,
                         .index = joined(facts.nFileIndexHigh, facts.nFileIndexLow),
@@ -222,7 +217,7 @@ class RealFiles final : public Files {
     // GetNamedSecurityInfo would let whatever is at the path impersonate this process.
     const UniqueHandle opened =
         OpenDiskFile(folder, READ_CONTROL, kShareAll, FILE_FLAG_BACKUP_SEMANTICS);
-    return opened != nullptr ? AccessOf(opened.get()) : Result<AccessList>::Failure(GetLastError());
+    return opened != nullptr ? AccessOf(opened.get()) : Failure(GetLastError());
   }
 
   Opened Open(const std::wstring& path, FileUse use) override { return OpenFileHandle(path, use); }
@@ -232,14 +227,13 @@ class RealFiles final : public Files {
   }
 
   Result<std::vector<std::wstring>> Siblings(const std::wstring& path) const override {
-    using Names = Result<std::vector<std::wstring>>;
     std::vector<std::pair<std::uint64_t, std::wstring>> siblings;  // with the last-write time
     WIN32_FIND_DATAW found;
     const HANDLE raw = FindFirstFileW((path + L".*").c_str(), &found);
     if (raw == INVALID_HANDLE_VALUE) {
       const DWORD error = GetLastError();
-      const bool none = error == ERROR_FILE_NOT_FOUND || error == ERROR_PATH_NOT_FOUND;
-      return none ? Names(std::vector<std::wstring>()) : Names::Failure(error);
+      if (error != ERROR_FILE_NOT_FOUND && error != ERROR_PATH_NOT_FOUND) return Failure(error);
+      return std::vector<std::wstring>();
     }
     const UniqueSearch search(raw);
     const std::size_t folderEnd = path.find_last_of(L"\\/") + 1;
@@ -253,7 +247,7 @@ class RealFiles final : public Files {
       siblings.emplace_back(std::uint64_t{time.dwHighDateTime} << 32U | time.dwLowDateTime,
                             folder + name);
     } while (FindNextFileW(search.get(), &found) != 0);
-    if (const DWORD end = GetLastError(); end != ERROR_NO_MORE_FILES) return Names::Failure(end);
+    if (const DWORD end = GetLastError(); end != ERROR_NO_MORE_FILES) return Failure(end);
     std::ranges::sort(siblings, std::greater());
     std::vector<std::wstring> names;
     names.reserve(siblings.size());

@@ -20,7 +20,7 @@ class RealKernelObjects final : public KernelObjects {
     const DWORD code = WaitForSingleObject(mutex, INFINITE);
     if (code == WAIT_OBJECT_0) return Locked::Free;
     if (code == WAIT_ABANDONED) return Locked::Abandoned;
-    return Result<Locked>::Failure(GetLastError());
+    return Failure(GetLastError());
   }
 
   ErrorCode UnlockMutex(RawHandle mutex) override {
@@ -39,7 +39,7 @@ class RealKernelObjects final : public KernelObjects {
   }
 
   static Result<UniqueHandle> Adopt(HANDLE raw) {
-    if (raw == nullptr) return Result<UniqueHandle>::Failure(GetLastError());
+    if (raw == nullptr) return Failure(GetLastError());
     return UniqueHandle(raw);
   }
 };

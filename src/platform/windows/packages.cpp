@@ -129,31 +129,27 @@ class RealPackages final : public Packages {
   }
 
   Result<std::int32_t> StagedOrigin(const std::wstring& fullName) const override {
-    if (functions.getStagedPackageOrigin == nullptr) {
-      return Result<std::int32_t>::Failure(ERROR_PROC_NOT_FOUND);
-    }
+    if (functions.getStagedPackageOrigin == nullptr) return Failure(ERROR_PROC_NOT_FOUND);
     std::int32_t origin = 0;
     const long status = functions.getStagedPackageOrigin(fullName.c_str(), &origin);
-    if (status != ERROR_SUCCESS) return Result<std::int32_t>::Failure(Status(status));
+    if (status != ERROR_SUCCESS) return Failure(Status(status));
     return origin;
   }
 
   Result<std::uint64_t> Version(const std::wstring& fullName) const override {
-    using Version = Result<std::uint64_t>;
-    if (functions.packageIdFromFullName == nullptr) return Version::Failure(ERROR_PROC_NOT_FOUND);
+    if (functions.packageIdFromFullName == nullptr) return Failure(ERROR_PROC_NOT_FOUND);
     std::uint32_t length = 0;  // bytes
     long status =
         functions.packageIdFromFullName(fullName.c_str(), kInformationBasic, &length, nullptr);
     if (status != ERROR_INSUFFICIENT_BUFFER) {
-      return Version::Failure(status != ERROR_SUCCESS ? Status(status) : ERROR_INVALID_DATA);
+      return Failure(status != ERROR_SUCCESS ? Status(status) : ERROR_INVALID_DATA);
     }
     std::vector<std::uint8_t> buffer(length);
     status = functions.packageIdFromFullName(fullName.c_str(), kInformationBasic, &length,
                                              buffer.data());
-    if (status != ERROR_SUCCESS) return Version::Failure(Status(status));
+    if (status != ERROR_SUCCESS) return Failure(Status(status));
     std::uint64_t version = 0;
-    if (buffer.size() < kVersionOffset + sizeof version)
-      return Version::Failure(ERROR_INVALID_DATA);
+    if (buffer.size() < kVersionOffset + sizeof version) return Failure(ERROR_INVALID_DATA);
     std::memcpy(&version, buffer.data() + kVersionOffset, sizeof version);
     return version;
   }
@@ -169,26 +165,23 @@ class RealPackages final : public Packages {
   }
 
   Result<std::wstring> AccountSid(const std::wstring& account) const override {
-    using Text = Result<std::wstring>;
     DWORD sidBytes = 0;
     DWORD domainLength = 0;
     SID_NAME_USE kind = SidTypeUnknown;
     LookupAccountNameW(nullptr, account.c_str(), nullptr, &sidBytes, nullptr, &domainLength, &kind);
     const DWORD sizeError = GetLastError();
-    if (sizeError != ERROR_INSUFFICIENT_BUFFER) return Text::Failure(sizeError);
+    if (sizeError != ERROR_INSUFFICIENT_BUFFER) return Failure(sizeError);
 
     std::vector<std::byte> sid(sidBytes);
     std::vector<wchar_t> domain(domainLength);
     if (LookupAccountNameW(nullptr, account.c_str(), sid.data(), &sidBytes, domain.data(),
                            &domainLength, &kind) == FALSE) {
-      return Text::Failure(GetLastError());
+      return Failure(GetLastError());
     }
     // The name may also resolve to a domain or a computer, which is neither a user nor a group.
-    if (kind == SidTypeDomain || kind > SidTypeWellKnownGroup) {
-      return Text::Failure(ERROR_NONE_MAPPED);
-    }
+    if (kind == SidTypeDomain || kind > SidTypeWellKnownGroup) return Failure(ERROR_NONE_MAPPED);
     wchar_t* text = nullptr;
-    if (ConvertSidToStringSidW(sid.data(), &text) == FALSE) return Text::Failure(GetLastError());
+    if (ConvertSidToStringSidW(sid.data(), &text) == FALSE) return Failure(GetLastError());
     const UniqueLocalMemory<wchar_t> owner(text);
     return std::wstring(text);
   }

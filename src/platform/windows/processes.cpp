@@ -44,8 +44,7 @@ ErrorCode Refusal(const ProcessStart& start) {
 class RealProcesses final : public Processes {
  public:
   Result<std::uint32_t> Start(RawHandle token, const ProcessStart& start) override {
-    using Id = Result<std::uint32_t>;
-    if (const ErrorCode error = Refusal(start); error != 0) return Id::Failure(error);
+    if (const ErrorCode error = Refusal(start); error != 0) return Failure(error);
 
     std::wstring commandLine = start.commandLine;  // the call may write to it
     std::vector<wchar_t> environment = start.environment;
@@ -63,7 +62,7 @@ class RealProcesses final : public Processes {
                              kCreationFlags, block, folder, &startup, &made)
             : CreateProcessAsUserW(token, start.application.c_str(), commandLine.data(), nullptr,
                                    nullptr, FALSE, kCreationFlags, block, folder, &startup, &made);
-    if (done == FALSE) return Id::Failure(GetLastError());
+    if (done == FALSE) return Failure(GetLastError());
     const UniqueHandle process(made.hProcess);
     const UniqueHandle thread(made.hThread);
     return static_cast<std::uint32_t>(made.dwProcessId);
@@ -101,12 +100,11 @@ class RealProcesses final : public Processes {
   }
 
   Result<UniqueHandle> PrimaryToken(std::uint32_t id) const override {
-    using Token = Result<UniqueHandle>;
     const UniqueHandle process(OpenProcess(MAXIMUM_ALLOWED, FALSE, id));
-    if (process == nullptr) return Token::Failure(GetLastError());
+    if (process == nullptr) return Failure(GetLastError());
     HANDLE raw = nullptr;
     if (OpenProcessToken(process.get(), TOKEN_DUPLICATE, &raw) == FALSE) {
-      return Token::Failure(GetLastError());
+      return Failure(GetLastError());
     }
     const UniqueHandle token(raw);
     SECURITY_ATTRIBUTES attributes{};
@@ -114,7 +112,7 @@ class RealProcesses final : public Processes {
     HANDLE copy = nullptr;
     if (DuplicateTokenEx(token.get(), MAXIMUM_ALLOWED, &attributes, SecurityIdentification,
                          TokenPrimary, &copy) == FALSE) {
-      return Token::Failure(GetLastError());
+      return Failure(GetLastError());
     }
     return UniqueHandle(copy);
   }

@@ -23,30 +23,36 @@ struct KeyCloser {
 };
 using UniqueKey = std::unique_ptr<std::remove_pointer_t<HKEY>, KeyCloser>;
 
-UniqueKey Open(const std::wstring& path, LSTATUS& status) {
+Result<UniqueKey> Open(const std::wstring& path) {
+  constexpr REGSAM kAccess = KEY_READ | KEY_WOW64_64KEY;
   HKEY raw = nullptr;
-  status = RegOpenKeyExW(HKEY_LOCAL_MACHINE, path.c_str(), 0, KEY_READ | KEY_WOW64_64KEY, &raw);
-  return UniqueKey(status == ERROR_SUCCESS ? raw : nullptr);
+  const LSTATUS status = RegOpenKeyExW(HKEY_LOCAL_MACHINE, path.c_str(), 0, kAccess, &raw);
+  if (status != ERROR_SUCCESS) return Failure(static_cast<ErrorCode>(status));
+  return UniqueKey(raw);
+}
+
+// The last three parameters are optional.
+ErrorCode Query(const UniqueKey& key, const std::wstring& value, DWORD* type, std::byte* data,
+                DWORD* size) {
+  return static_cast<ErrorCode>(RegQueryValueExW(key.get(), value.c_str(), nullptr, type,
+                                                 reinterpret_cast<BYTE*>(data), size));
 }
 
 class RealRegistry final : public Registry {
  public:
   Result<RegistryValue> Read(const std::wstring& key, const std::wstring& value) const override {
-    LSTATUS status = ERROR_SUCCESS;
-    const UniqueKey open = Open(key, status);
-    if (open == nullptr) return Failure(status);
+    const Result<UniqueKey> open = Open(key);
+    if (!open) return Failure(open.Error());
     for (int attempt = 0; attempt < kAttempts; ++attempt) {
       DWORD size = 0;
-      status = RegQueryValueExW(open.get(), value.c_str(), nullptr, nullptr, nullptr, &size);
-      if (status != ERROR_SUCCESS) return Failure(status);
+      if (const auto error = Query(*open, value, nullptr, nullptr, &size)) return Failure(error);
       if (size > kLargestValue) return Failure(ERROR_FILE_TOO_LARGE);
       RegistryValue result;
       result.data.resize(size);
       DWORD type = REG_NONE;
-      status = RegQueryValueExW(open.get(), value.c_str(), nullptr, &type,
-                                reinterpret_cast<BYTE*>(result.data.data()), &size);
-      if (status == ERROR_MORE_DATA) continue;
-      if (status != ERROR_SUCCESS) return Failure(status);
+      const auto error = Query(*open, value, &type, result.data.data(), &size);
+      if (error == ERROR_MORE_DATA) continue;
+      if (error != ERROR_SUCCESS) return Failure(error);
       result.type = type;
       if (size < result.data.size()) result.data.resize(size);
       return result;
@@ -55,15 +61,8 @@ class RealRegistry final : public Registry {
   }
 
   bool Exists(const std::wstring& key, const std::wstring& value) const override {
-    LSTATUS status = ERROR_SUCCESS;
-    const UniqueKey open = Open(key, status);
-    return open != nullptr && RegQueryValueExW(open.get(), value.c_str(), nullptr, nullptr, nullptr,
-                                               nullptr) == ERROR_SUCCESS;
-  }
-
- private:
-  static Result<RegistryValue> Failure(LSTATUS status) {
-    return Result<RegistryValue>::Failure(static_cast<ErrorCode>(status));
+    const Result<UniqueKey> open = Open(key);
+    return open && Query(*open, value, nullptr, nullptr, nullptr) == ERROR_SUCCESS;
   }
 };
 

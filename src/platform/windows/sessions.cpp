@@ -39,9 +39,7 @@ class RealSessions final : public Sessions {
 
   Result<UniqueHandle> QueryUserToken(std::uint32_t session) const override {
     HANDLE raw = nullptr;
-    if (WTSQueryUserToken(session, &raw) == FALSE) {
-      return Result<UniqueHandle>::Failure(GetLastError());
-    }
+    if (WTSQueryUserToken(session, &raw) == FALSE) return Failure(GetLastError());
     return UniqueHandle(raw);
   }
 
@@ -50,7 +48,7 @@ class RealSessions final : public Sessions {
     if (DuplicateTokenEx(token, MAXIMUM_ALLOWED, nullptr, SecurityImpersonation,
                          type == TokenType::Primary ? TokenPrimary : TokenImpersonation,
                          &raw) == FALSE) {
-      return Result<UniqueHandle>::Failure(GetLastError());
+      return Failure(GetLastError());
     }
     return UniqueHandle(raw);
   }
@@ -61,7 +59,7 @@ class RealSessions final : public Sessions {
     DWORD size = 0;
     if (GetTokenInformation(token, TokenStatistics, &statistics, sizeof statistics, &size) ==
         FALSE) {
-      return Result<std::uint64_t>::Failure(GetLastError());
+      return Failure(GetLastError());
     }
     const LUID& id = statistics.AuthenticationId;
     return std::uint64_t{static_cast<std::uint32_t>(id.HighPart)} << 32 | id.LowPart;
@@ -72,7 +70,7 @@ class RealSessions final : public Sessions {
     const PSID user = UserOf(token, buffer);
     wchar_t* raw = nullptr;
     if (user == nullptr || ConvertSidToStringSidW(user, &raw) == FALSE) {
-      return Result<std::wstring>::Failure(GetLastError());
+      return Failure(GetLastError());
     }
     const UniqueLocalMemory<wchar_t> text(raw);
     return std::wstring(text.get());
@@ -84,7 +82,7 @@ class RealSessions final : public Sessions {
     if (WTSQuerySessionInformationW(WTS_CURRENT_SERVER_HANDLE, session,
                                     what == SessionText::UserName ? WTSUserName : WTSDomainName,
                                     &raw, &bytes) == FALSE) {
-      return Result<std::wstring>::Failure(GetLastError());
+      return Failure(GetLastError());
     }
     const UniqueSessionText text(raw);
     if (text == nullptr) return std::wstring();
@@ -101,7 +99,7 @@ class RealSessions final : public Sessions {
     HANDLE raw = nullptr;
     if (OpenThreadToken(GetCurrentThread(), TOKEN_QUERY | TOKEN_IMPERSONATE, TRUE, &raw) == FALSE) {
       const DWORD error = GetLastError();
-      if (error != ERROR_NO_TOKEN) return Result<UniqueHandle>::Failure(error);
+      if (error != ERROR_NO_TOKEN) return Failure(error);
     }
     return UniqueHandle(raw);
   }
@@ -113,12 +111,12 @@ class RealSessions final : public Sessions {
   Result<bool> ProcessIsLocalSystem() const override {
     HANDLE raw = nullptr;
     if (OpenProcessToken(GetCurrentProcess(), TOKEN_QUERY, &raw) == FALSE) {
-      return Result<bool>::Failure(GetLastError());
+      return Failure(GetLastError());
     }
     const UniqueHandle token(raw);
     TokenUserBuffer buffer{};
     const PSID user = UserOf(token.get(), buffer);
-    if (user == nullptr) return Result<bool>::Failure(GetLastError());
+    if (user == nullptr) return Failure(GetLastError());
     return IsWellKnownSid(user, WinLocalSystemSid) != FALSE;
   }
 };

@@ -109,11 +109,10 @@ class RealLockdownLibrary final : public LockdownLibrary {
 class RealLockdownLibraries final : public LockdownLibraries {
  public:
   Result<std::unique_ptr<LockdownLibrary>> Load(const std::wstring& fullPath) override {
-    using Loaded = Result<std::unique_ptr<LockdownLibrary>>;
-    if (!IsFullPath(fullPath)) return Loaded::Failure(ERROR_BAD_PATHNAME);
+    if (!IsFullPath(fullPath)) return Failure(ERROR_BAD_PATHNAME);
     // The flag limits the search for the library's dependencies to the system folder.
     UniqueLibrary library(LoadLibraryExW(fullPath.c_str(), nullptr, LOAD_LIBRARY_SEARCH_SYSTEM32));
-    if (library == nullptr) return Loaded::Failure(GetLastError());
+    if (library == nullptr) return Failure(GetLastError());
     return std::unique_ptr<LockdownLibrary>(
         std::make_unique<RealLockdownLibrary>(std::move(library)));
   }
@@ -146,13 +145,11 @@ Result<std::wstring> NewUuid() {
   const RPC_STATUS status = UuidCreate(&uuid);
   // A "local only" UUID is unique on this machine, which suffices.
   if (status != RPC_S_OK && status != RPC_S_UUID_LOCAL_ONLY) {
-    return Result<std::wstring>::Failure(static_cast<ErrorCode>(status));
+    return Failure(static_cast<ErrorCode>(status));
   }
   RPC_WSTR raw = nullptr;
   const RPC_STATUS converted = UuidToStringW(&uuid, &raw);
-  if (converted != RPC_S_OK) {
-    return Result<std::wstring>::Failure(static_cast<ErrorCode>(converted));
-  }
+  if (converted != RPC_S_OK) return Failure(static_cast<ErrorCode>(converted));
   const auto freeText = [](RPC_WSTR text) { RpcStringFreeW(&text); };
   const std::unique_ptr<std::remove_pointer_t<RPC_WSTR>, decltype(freeText)> owner(raw, freeText);
   return std::wstring(reinterpret_cast<const wchar_t*>(raw));

@@ -38,14 +38,14 @@ class RealThreads final : public Threads {
     starter->body = std::move(body);
     if (GetModuleHandleExW(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS,
                            reinterpret_cast<const wchar_t*>(&Run), &starter->module) == 0) {
-      return Result<UniqueHandle>::Failure(EAGAIN);
+      return Failure(EAGAIN);
     }
     const std::uintptr_t raw = _beginthreadex(nullptr, kWorkerStack, &Run, starter.get(),
                                               STACK_SIZE_PARAM_IS_A_RESERVATION, nullptr);
     if (raw == 0) {
       const int error = errno;
       FreeLibrary(starter->module);
-      return Result<UniqueHandle>::Failure(static_cast<ErrorCode>(error));
+      return Failure(static_cast<ErrorCode>(error));
     }
     static_cast<void>(starter.release());                   // owned by the thread
     return UniqueHandle(reinterpret_cast<RawHandle>(raw));  // NOLINT(performance-no-int-to-ptr)

@@ -46,21 +46,17 @@ Result<CatalogAdmin> OpenCatalogs(const SignatureFunctions& functions) {
       return owned(true);
     }
     const DWORD error = GetLastError();
-    if (error != ERROR_CALL_NOT_IMPLEMENTED) return Result<CatalogAdmin>::Failure(error);
+    if (error != ERROR_CALL_NOT_IMPLEMENTED) return Failure(error);
   }
-  if (functions.acquireContext(&admin, &subsystem, 0) == FALSE) {
-    return Result<CatalogAdmin>::Failure(GetLastError());
-  }
+  if (functions.acquireContext(&admin, &subsystem, 0) == FALSE) return Failure(GetLastError());
   return owned(false);
 }
 
 // Returns the hash by which `admin` looks up the open file `file`. Reads the whole file.
 Result<std::vector<std::byte>> CatalogHashOf(const SignatureFunctions& functions,
                                              const CatalogAdmin& admin, HANDLE file) {
-  using Bytes = Result<std::vector<std::byte>>;
   // A SHA-256 context finds nothing by the older hash.
-  if (admin.sha256 && functions.calcHash2 == nullptr)
-    return Bytes::Failure(ERROR_CALL_NOT_IMPLEMENTED);
+  if (admin.sha256 && functions.calcHash2 == nullptr) return Failure(ERROR_CALL_NOT_IMPLEMENTED);
   const auto calculate = [&](DWORD& size, BYTE* bytes) {
     return admin.sha256 ? functions.calcHash2(admin.handle.get(), file, &size, bytes, 0)
                         : functions.calcHash(file, &size, bytes, 0);
@@ -68,12 +64,12 @@ Result<std::vector<std::byte>> CatalogHashOf(const SignatureFunctions& functions
   DWORD size = 0;
   if (calculate(size, nullptr) == FALSE) {
     const DWORD error = GetLastError();
-    if (error != ERROR_INSUFFICIENT_BUFFER) return Bytes::Failure(error);
+    if (error != ERROR_INSUFFICIENT_BUFFER) return Failure(error);
   }
-  if (size == 0) return Bytes::Failure(ERROR_INVALID_DATA);
+  if (size == 0) return Failure(ERROR_INVALID_DATA);
   std::vector<std::byte> hash(size);
   if (calculate(size, reinterpret_cast<BYTE*>(hash.data())) == FALSE) {
-    return Bytes::Failure(GetLastError());
+    return Failure(GetLastError());
   }
   hash.resize(std::min<std::size_t>(hash.size(), size));
   return hash;
@@ -93,16 +89,15 @@ std::wstring MemberTag(const std::vector<std::byte>& hash) {
 
 Result<std::wstring> CatalogOf(const SignatureFunctions& functions, const CatalogAdmin& admin,
                                std::vector<std::byte>& hash) {
-  using Text = Result<std::wstring>;
   HCATINFO found = functions.enumCatalog(admin.handle.get(), reinterpret_cast<BYTE*>(hash.data()),
                                          static_cast<DWORD>(hash.size()), 0, nullptr);
-  if (found == nullptr) return Text::Failure(GetLastError());
+  if (found == nullptr) return Failure(GetLastError());
   CATALOG_INFO info{};
   info.cbStruct = sizeof info;
   const BOOL named = functions.catalogInfo(found, &info, 0);
   const DWORD error = GetLastError();
   functions.releaseCatalog(admin.handle.get(), found, 0);
-  if (named == FALSE) return Text::Failure(error);
+  if (named == FALSE) return Failure(error);
   info.wszCatalogFile[std::size(info.wszCatalogFile) - 1] = L'\0';
   return std::wstring(info.wszCatalogFile);
 }
