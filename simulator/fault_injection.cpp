@@ -273,21 +273,13 @@ class FaultyKernelObjects final : public Decorator<Platform::KernelObjects> {
   ErrorCode Signal(RawHandle event) override { return inner.Signal(event); }
 };
 
-class FaultyLockdownLibrary final : public OwningDecorator<Platform::LockdownLibrary> {
- public:
-  using OwningDecorator::OwningDecorator;
-  REFUSABLE(LockdownLibrary, std::int32_t, QueryMode, (std::int32_t & mode), (mode), const)
-};
-
-class FaultyLockdownLibraries final : public Decorator<Platform::LockdownLibraries> {
+class FaultyLockdownPolicy final : public Decorator<Platform::LockdownPolicy> {
  public:
   using Decorator::Decorator;
-  Result<std::unique_ptr<Platform::LockdownLibrary>> Load(const std::wstring& fullPath) override {
-    auto loaded = Or("LockdownLibraries.Load", [&] { return inner.Load(fullPath); });
-    if (!loaded) return loaded;
-    std::unique_ptr<Platform::LockdownLibrary> library =
-        std::make_unique<FaultyLockdownLibrary>(*std::move(loaded), faults);
-    return library;
+  Result<std::int32_t> QueryMode(const std::wstring& fullPath, std::int32_t& mode) const override {
+    if (faults.Fails("LockdownPolicy.Load")) return Platform::Failure(kDenied);
+    if (faults.Fails("LockdownPolicy.QueryMode")) return kDeniedResult;
+    return inner.QueryMode(fullPath, mode);
   }
 };
 
@@ -471,7 +463,7 @@ void FaultInjection::Install(Platform::Machine& machine) {
   Decorate<FaultyEnvironment>(machine.environment);
   Decorate<FaultyFiles>(machine.files);
   Decorate<FaultyKernelObjects>(machine.kernelObjects);
-  Decorate<FaultyLockdownLibraries>(machine.lockdownLibraries);
+  Decorate<FaultyLockdownPolicy>(machine.lockdownPolicy);
   Decorate<FaultyOobe>(machine.oobe);
   Decorate<FaultyPackages>(machine.packages);
   Decorate<FaultyProcesses>(machine.processes);

@@ -14,7 +14,7 @@ void SimulatedMachine::Install(Platform::Machine& platform) {
   platform.com = &firmware;
   platform.environment = &users;
   platform.files = &files;
-  platform.lockdownLibraries = &system;
+  platform.lockdownPolicy = &system;
   platform.oobe = &system;
   platform.packages = &packages;
   platform.processes = &processes;

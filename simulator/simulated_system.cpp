@@ -2,21 +2,6 @@
 
 namespace Vx::Simulator {
 
-// Reports the machine's lockdown mode at the time of each call.
-class SimulatedSystem::Library final : public Platform::LockdownLibrary {
- public:
-  explicit Library(const SimulatedSystem& system) : owner(system) {}
-
-  std::int32_t QueryMode(std::int32_t& mode) const override {
-    const std::lock_guard guard(owner.mutex);
-    if (owner.lockdownMode) mode = *owner.lockdownMode;
-    return owner.lockdownResult;
-  }
-
- private:
-  const SimulatedSystem& owner;
-};
-
 void SimulatedSystem::EndOobeAt(VirtualClock::Duration elapsed) {
   const std::lock_guard guard(mutex);
   oobeEnds = elapsed;
@@ -68,11 +53,12 @@ std::uint32_t SimulatedSystem::Raise(const std::wstring& triggerId) {
   return status;
 }
 
-Platform::Result<std::unique_ptr<Platform::LockdownLibrary>> SimulatedSystem::Load(
-    const std::wstring&) {
+Platform::Result<std::int32_t> SimulatedSystem::QueryMode(const std::wstring&,
+                                                          std::int32_t& mode) const {
   const std::lock_guard guard(mutex);
   if (libraryError != 0) return Platform::Failure(libraryError);
-  return std::unique_ptr<Platform::LockdownLibrary>(std::make_unique<Library>(*this));
+  if (lockdownMode) mode = *lockdownMode;
+  return lockdownResult;
 }
 
 }  // namespace Vx::Simulator

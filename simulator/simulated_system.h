@@ -1,7 +1,6 @@
 #pragma once
 
 #include <cstdint>
-#include <memory>
 #include <mutex>
 #include <optional>
 #include <set>
@@ -18,7 +17,7 @@ namespace Vx::Simulator {
 class SimulatedSystem final : public Platform::ApiSets,
                               public Platform::Oobe,
                               public Platform::SystemTriggers,
-                              public Platform::LockdownLibraries {
+                              public Platform::LockdownPolicy {
  public:
   SimulatedSystem(Timeline& log, const VirtualClock& clockOf) : timeline(log), clock(clockOf) {}
 
@@ -42,12 +41,10 @@ class SimulatedSystem final : public Platform::ApiSets,
   bool IsPresent(const std::wstring& name) const override;
   State Query() const override;
   std::uint32_t Raise(const std::wstring& triggerId) override;
-  Platform::Result<std::unique_ptr<Platform::LockdownLibrary>> Load(
-      const std::wstring& fullPath) override;
+  Platform::Result<std::int32_t> QueryMode(const std::wstring& fullPath,
+                                           std::int32_t& mode) const override;
 
  private:
-  class Library;
-
   Timeline& timeline;
   const VirtualClock& clock;
   mutable std::mutex mutex;  // guards everything below

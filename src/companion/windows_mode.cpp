@@ -50,12 +50,11 @@ std::int32_t QueryLockoutMode(const wchar_t* callerName) {
   const auto lock = machine.files->OpenReadLocked(*path);
   if (!Security::VxAuthenticodeFacade().IsFileTrusted(path->c_str())) return 0;
   if (!lock) return notLoaded(lock.Error());
-  const auto library = machine.lockdownLibraries->Load(*path);
-  if (!library) return notLoaded(library.Error());
   std::int32_t mode = 0;
-  const std::int32_t status = (*library)->QueryMode(mode);
-  if (status < 0) {
-    logger->LogWarning(kCallFailed, caller.c_str(), kQueryLockoutMode, kQueryFunction, status);
+  const auto status = machine.lockdownPolicy->QueryMode(*path, mode);
+  if (!status) return notLoaded(status.Error());
+  if (*status < 0) {
+    logger->LogWarning(kCallFailed, caller.c_str(), kQueryLockoutMode, kQueryFunction, *status);
   }
   return mode;
 }

@@ -13,7 +13,7 @@ class DataProtection;
 class Environment;
 class Files;
 class KernelObjects;
-class LockdownLibraries;
+class LockdownPolicy;
 class Oobe;
 class Packages;
 class Processes;
@@ -34,7 +34,7 @@ struct Machine {
   Environment* environment = nullptr;
   Files* files = nullptr;
   KernelObjects* kernelObjects = nullptr;
-  LockdownLibraries* lockdownLibraries = nullptr;
+  LockdownPolicy* lockdownPolicy = nullptr;
   Oobe* oobe = nullptr;
   Packages* packages = nullptr;
   Processes* processes = nullptr;

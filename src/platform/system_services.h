@@ -1,7 +1,6 @@
 #pragma once
 
 #include <cstdint>
-#include <memory>
 #include <string>
 
 #include "platform/result.h"
@@ -45,21 +44,15 @@ class SystemTriggers {
   virtual bool ArePresent() const { return true; }
 };
 
-// The lockdown policy library, loaded from a full path and unloaded with this object.
-class LockdownLibrary {
+class LockdownPolicy {
  public:
-  virtual ~LockdownLibrary() = default;
+  virtual ~LockdownPolicy() = default;
 
-  // Reads the lockdown mode and returns an HRESULT, negative if the entry point is missing. Leaves
-  // `mode` unchanged if the library does not set it.
-  virtual std::int32_t QueryMode(std::int32_t& mode) const = 0;
-};
-
-class LockdownLibraries {
- public:
-  virtual ~LockdownLibraries() = default;
-
-  virtual Result<std::unique_ptr<LockdownLibrary>> Load(const std::wstring& fullPath) = 0;
+  // Reads the lockdown mode with the policy library at `fullPath`, loaded for this call only.
+  // Returns an HRESULT, negative if the entry point is missing. Leaves `mode` unchanged if the
+  // library does not set it. Fails if the library cannot be loaded.
+  virtual Result<std::int32_t> QueryMode(const std::wstring& fullPath,
+                                         std::int32_t& mode) const = 0;
 };
 
 // Returns a new UUID as 36 lower-case characters with hyphens, unique on this machine.

@@ -15,16 +15,16 @@ TEST(ApiSetsTest, AsksTheSystem) {
   }
 }
 
-TEST(LockdownLibrariesTest, LoadsFromAFullPathOnlyAndTellsWhenTheQueryIsMissing) {
-  LockdownLibraries& libraries = *CurrentMachine().lockdownLibraries;
-  EXPECT_EQ(libraries.Load(L"version.dll").Error(), ErrorCode{ERROR_BAD_PATHNAME});
-  EXPECT_NE(libraries.Load(L"C:\\none\\version.dll").Error(), 0U);
+TEST(LockdownPolicyTest, LoadsFromAFullPathOnlyAndTellsWhenTheQueryIsMissing) {
+  const LockdownPolicy& policy = *CurrentMachine().lockdownPolicy;
+  std::int32_t mode = 77;
+  EXPECT_EQ(policy.QueryMode(L"version.dll", mode).Error(), ErrorCode{ERROR_BAD_PATHNAME});
+  EXPECT_NE(policy.QueryMode(L"C:\\none\\version.dll", mode).Error(), 0U);
   wchar_t folder[MAX_PATH];
   GetSystemDirectoryW(folder, MAX_PATH);
-  const auto library = libraries.Load(std::wstring(folder) + L"\\version.dll");
-  ASSERT_TRUE(library);
-  std::int32_t mode = 77;
-  EXPECT_LT((*library)->QueryMode(mode), 0);
+  const auto result = policy.QueryMode(std::wstring(folder) + L"\\version.dll", mode);
+  ASSERT_TRUE(result);
+  EXPECT_LT(*result, 0);
   EXPECT_EQ(mode, 77);
 }
 

@@ -15,7 +15,7 @@ DataProtection& WindowsDataProtection();
 Environment& WindowsEnvironment();
 Files& WindowsFiles();
 KernelObjects& WindowsKernelObjects();
-LockdownLibraries& WindowsLockdownLibraries();
+LockdownPolicy& WindowsLockdownPolicy();
 Oobe& WindowsOobe();
 Packages& WindowsPackages();
 Processes& WindowsProcesses();

@@ -67,7 +67,7 @@ Machine Assemble() {
   machine.environment = &WindowsEnvironment();
   machine.files = &WindowsFiles();
   machine.kernelObjects = &WindowsKernelObjects();
-  machine.lockdownLibraries = &WindowsLockdownLibraries();
+  machine.lockdownPolicy = &WindowsLockdownPolicy();
   machine.oobe = &WindowsOobe();
   machine.packages = &WindowsPackages();
   machine.processes = &WindowsProcesses();

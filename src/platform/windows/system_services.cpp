@@ -1,8 +1,8 @@
 #include "platform/system_services.h"
 
 #include <limits>
+#include <memory>
 #include <type_traits>
-#include <utility>
 
 #include <windows.h>
 
@@ -91,30 +91,17 @@ struct LibraryFreer {
 };
 using UniqueLibrary = std::unique_ptr<std::remove_pointer_t<HMODULE>, LibraryFreer>;
 
-class RealLockdownLibrary final : public LockdownLibrary {
+class RealLockdownPolicy final : public LockdownPolicy {
  public:
-  explicit RealLockdownLibrary(UniqueLibrary loaded) : library(std::move(loaded)) {}
-
-  std::int32_t QueryMode(std::int32_t& mode) const override {
-    auto* query = reinterpret_cast<LockdownModeQuery*>(
-        reinterpret_cast<void*>(GetProcAddress(library.get(), "WldpQueryWindowsLockdownMode")));
-    if (query == nullptr) return kNoEntryPoint;
-    return query(&mode);
-  }
-
- private:
-  UniqueLibrary library;
-};
-
-class RealLockdownLibraries final : public LockdownLibraries {
- public:
-  Result<std::unique_ptr<LockdownLibrary>> Load(const std::wstring& fullPath) override {
+  Result<std::int32_t> QueryMode(const std::wstring& fullPath, std::int32_t& mode) const override {
     if (!IsFullPath(fullPath)) return Failure(ERROR_BAD_PATHNAME);
     // The flag limits the search for the library's dependencies to the system folder.
-    UniqueLibrary library(LoadLibraryExW(fullPath.c_str(), nullptr, LOAD_LIBRARY_SEARCH_SYSTEM32));
+    const UniqueLibrary library(
+        LoadLibraryExW(fullPath.c_str(), nullptr, LOAD_LIBRARY_SEARCH_SYSTEM32));
     if (library == nullptr) return Failure(GetLastError());
-    return std::unique_ptr<LockdownLibrary>(
-        std::make_unique<RealLockdownLibrary>(std::move(library)));
+    auto* query = reinterpret_cast<LockdownModeQuery*>(
+        reinterpret_cast<void*>(GetProcAddress(library.get(), "WldpQueryWindowsLockdownMode")));
+    return query == nullptr ? kNoEntryPoint : query(&mode);
   }
 };
 
@@ -135,9 +122,9 @@ SystemTriggers& WindowsSystemTriggers() {
   return triggers;
 }
 
-LockdownLibraries& WindowsLockdownLibraries() {
-  static RealLockdownLibraries libraries;
-  return libraries;
+LockdownPolicy& WindowsLockdownPolicy() {
+  static RealLockdownPolicy policy;
+  return policy;
 }
 
 Result<std::wstring> NewUuid() {
