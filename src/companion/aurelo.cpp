@@ -89,7 +89,7 @@ void ScheduleLaunch(const Logging::TraceLogger& logger, LaunchTimer& aureloLaunc
     logger.LogError(kNoTimer, made.Error());
     return;
   }
-  Platform::SharedHandle timer = Platform::Share(*std::move(made));
+  Platform::SharedHandle timer = *std::move(made);
   aureloLaunchTimer = timer;
   if (const auto error = clock.SetTimer(timer.get(), kDelay); error != 0) {
     timer.reset();

@@ -103,7 +103,7 @@ Platform::SharedHandle Launcher::GetUserTokenForCurrentUser(TokenType type,
     return nullptr;
   }
   logger->LogInfo(kActingAsUser);
-  return Platform::Share(Platform::ConsoleUserToken(type, &LogRefusedStep, same));
+  return Platform::ConsoleUserToken(type, &LogRefusedStep, same);
 }
 
 std::wstring Launcher::GetPackageFullNameByFamilyName(const std::wstring& familyName) const {

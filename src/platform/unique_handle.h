@@ -14,14 +14,11 @@ struct HandleCloser {
 
 using UniqueHandle = std::unique_ptr<void, HandleCloser>;
 
-// A handle with several owners, closed by the last.
+// A handle with several owners, closed by the last. A null UniqueHandle converts to a null one.
 using SharedHandle = std::shared_ptr<void>;
 
 // Adopts the result of CreateFile. Converts INVALID_HANDLE_VALUE to null.
 UniqueHandle AdoptFile(RawHandle raw) noexcept;
-
-// An empty handle stays empty.
-SharedHandle Share(UniqueHandle handle);
 
 struct LocalMemoryFreer {
   void operator()(void* memory) const noexcept;  // LocalFree

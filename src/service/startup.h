@@ -17,7 +17,7 @@ struct ServiceState {
   Logging::TraceLogger* logger = Logging::LogManager::GetLogger();
   std::atomic<bool> wakeupCheckDone{false};
   // Shared with waiting deliveries.
-  Platform::SharedHandle stopEvent = Platform::Share(Platform::MakeUnnamedEvent());
+  Platform::SharedHandle stopEvent = Platform::MakeUnnamedEvent();
   Platform::UniqueHandle sessionStopEvent = Platform::MakeUnnamedEvent();
   Aurelo::LaunchTimer aureloLaunchTimer;  // of the pending launch
 };

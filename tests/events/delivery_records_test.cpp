@@ -36,7 +36,7 @@ class DeliveryRecordsTest : public Tests::PackageEventFixture {
 
 TEST_F(DeliveryRecordsTest, SayHowEachEndedAndWhy) {
   auto& objects = *Platform::CurrentMachine().kernelObjects;
-  const auto stop = Platform::Share(*objects.MakeManualEvent({}));
+  const Platform::SharedHandle stop = *objects.MakeManualEvent({});
   const auto fail = [](const auto&) { throw std::runtime_error("boom"); };
   const std::wstring delayed = Message(LR"(,"delayDeliverySec":"10")");
   const struct {

@@ -47,7 +47,7 @@ class OneShotTest : public Tests::PackageEventFixture {
   }
 
   const Platform::SharedHandle stop =
-      Platform::Share(*Platform::CurrentMachine().kernelObjects->MakeManualEvent({}));
+      *Platform::CurrentMachine().kernelObjects->MakeManualEvent({});
   const int first = 0;
   const int second = 0;
 };

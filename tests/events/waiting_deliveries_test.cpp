@@ -28,7 +28,7 @@ class WaitingDeliveriesTest : public Tests::StoreTest {
   }
   static Platform::SharedHandle MakeStopEvent() {
     auto& objects = *Platform::CurrentMachine().kernelObjects;
-    return Platform::Share(*objects.MakeManualEvent({}));
+    return *objects.MakeManualEvent({});
   }
 };
 

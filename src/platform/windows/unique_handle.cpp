@@ -1,7 +1,5 @@
 #include "platform/unique_handle.h"
 
-#include <utility>
-
 #include <windows.h>
 
 namespace Vx::Platform {
@@ -14,10 +12,6 @@ void HandleCloser::operator()(RawHandle handle) const noexcept {
 
 UniqueHandle AdoptFile(RawHandle raw) noexcept {
   return UniqueHandle(raw == INVALID_HANDLE_VALUE ? nullptr : raw);
-}
-
-SharedHandle Share(UniqueHandle handle) {
-  return SharedHandle(std::move(handle));
 }
 
 void LocalMemoryFreer::operator()(void* memory) const noexcept {

@@ -19,7 +19,7 @@ namespace Detail {
 SharedHandle MakeCompletionEvent() {
   UniqueHandle event(CreateEventW(nullptr, TRUE, FALSE, nullptr));
   if (!event) throw WindowsRuntimeError(HRESULT_FROM_WIN32(GetLastError()), L"CreateEvent");
-  return Share(std::move(event));
+  return event;
 }
 
 AsyncOutcome AwaitCompletion(Abi::IAsyncInfo& operation, RawHandle completed,
