@@ -19,7 +19,7 @@
 #include "platform/files.h"
 #include "platform/kernel_objects.h"
 #include "platform/machine.h"
-#include "platform/threads.h"
+#include "platform/thread.h"
 #include "storage/cap_data_store.h"
 #include "storage/request_manager.h"
 #include "support/process_gauges.h"

@@ -14,7 +14,7 @@
 #include "platform/registry.h"
 #include "platform/sessions.h"
 #include "platform/system_services.h"
-#include "platform/threads.h"
+#include "platform/thread.h"
 #include "platform/trust_provider.h"
 #include "platform/windows_runtime_error.h"
 

@@ -8,7 +8,6 @@
 #include "platform/clock.h"
 #include "platform/machine.h"
 #include "platform/runtime/fail_fast.h"
-#include "platform/threads.h"
 #include "platform/worker_machine.h"
 
 namespace Vx::Platform {

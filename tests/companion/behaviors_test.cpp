@@ -4,7 +4,7 @@
 #include "companion/registration.h"
 #include "companion/text_files.h"
 #include "companion/windows_mode.h"
-#include "platform/threads.h"
+#include "platform/thread.h"
 #include "storage/cap_data_store.h"
 #include "support/faulty_files.h"
 #include "support/machine_test.h"

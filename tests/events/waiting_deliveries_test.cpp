@@ -4,7 +4,6 @@
 #include "events/subscription_delivery.h"
 #include "platform/kernel_objects.h"
 #include "platform/thread.h"
-#include "platform/threads.h"
 #include "support/machine_test.h"
 #include "support/test.h"
 

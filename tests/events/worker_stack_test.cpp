@@ -1,6 +1,6 @@
 
 #include "events/subscription_delivery.h"
-#include "platform/threads.h"
+#include "platform/thread.h"
 #include "support/stand_in_logon.h"
 #include "support/test.h"
 #include "support/winrt_fakes.h"

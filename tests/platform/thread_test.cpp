@@ -1,5 +1,4 @@
 #include "platform/thread.h"
-#include "platform/threads.h"
 #include "support/test.h"
 
 #include <cerrno>

@@ -9,7 +9,6 @@
 
 #include "hosting/text.h"
 #include "platform/thread.h"
-#include "platform/threads.h"
 #include "servicehost/open_pipe.h"
 #include "servicehost/pipe_io.h"
 #include "simulator/virtual_clock.h"
