@@ -2,7 +2,6 @@
 
 #include <utility>
 
-#include "platform/app_services.h"
 #include "platform/clock.h"
 #include "platform/com.h"
 #include "platform/data_protection.h"

@@ -7,7 +7,7 @@
 #include <utility>
 #include <vector>
 
-#include "platform/app_services.h"
+#include "platform/system_services.h"
 #include "simulator/timeline.h"
 
 namespace Vx::Simulator {

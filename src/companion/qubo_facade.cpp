@@ -11,7 +11,6 @@
 #include "json/utf8.h"
 #include "launch/launcher.h"
 #include "packages/uwp_package.h"
-#include "platform/app_services.h"
 #include "platform/console_user.h"
 #include "platform/machine.h"
 #include "platform/registry.h"

@@ -7,10 +7,10 @@
 
 #include "host/logging.h"
 #include "launch/launcher.h"
-#include "platform/app_services.h"
 #include "platform/clock.h"
 #include "platform/machine.h"
 #include "platform/sessions.h"
+#include "platform/system_services.h"
 #include "platform/windows_runtime_error.h"
 
 namespace Vx::Tessel::Server::Services::Orvane {

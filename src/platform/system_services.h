@@ -1,7 +1,9 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <string>
+#include <utility>
 
 #include "platform/result.h"
 
@@ -53,6 +55,27 @@ class LockdownPolicy {
   // library does not set it. Fails if the library cannot be loaded.
   virtual Result<std::int32_t> QueryMode(const std::wstring& fullPath,
                                          std::int32_t& mode) const = 0;
+};
+
+// A connection to a packaged app's app service, through the host's proxy library.
+class AppService {
+ public:
+  virtual ~AppService() = default;
+
+  // Sends `text` and blocks until the reply arrives. Returns a status (0 is success) and the
+  // reply's text. May throw standard exceptions.
+  virtual std::pair<int, std::wstring> Send(const std::wstring& text) = 0;
+
+  // Notifies the host's app-service layer that the machine has restarted.
+  virtual void SystemRestarted() = 0;
+};
+
+class AppServices {
+ public:
+  virtual ~AppServices() = default;
+
+  virtual std::unique_ptr<AppService> Open(const std::wstring& packageFamilyName,
+                                           const std::wstring& appServiceName) = 0;
 };
 
 // Returns a new UUID as 36 lower-case characters with hyphens, unique on this machine.

@@ -9,6 +9,7 @@
 #include <rpc.h>
 #include <winternl.h>
 
+#include "host/app_service_proxy.h"
 #include "platform/windows/capabilities.h"
 #include "platform/windows/system_library.h"
 
@@ -105,6 +106,29 @@ class RealLockdownPolicy final : public LockdownPolicy {
   }
 };
 
+class ProxiedAppService final : public AppService {
+ public:
+  ProxiedAppService(const std::wstring& packageFamilyName, const std::wstring& appServiceName)
+      : proxy(packageFamilyName, appServiceName) {}
+
+  std::pair<int, std::wstring> Send(const std::wstring& text) override {
+    return proxy.send_message(text);
+  }
+
+  void SystemRestarted() override { proxy.SystemRestarted(); }
+
+ private:
+  Tessel::Server::TesselCommunication::AppServiceProxySDK proxy;
+};
+
+class ProxiedAppServices final : public AppServices {
+ public:
+  std::unique_ptr<AppService> Open(const std::wstring& packageFamilyName,
+                                   const std::wstring& appServiceName) override {
+    return std::make_unique<ProxiedAppService>(packageFamilyName, appServiceName);
+  }
+};
+
 }  // namespace
 
 ApiSets& WindowsApiSets() {
@@ -125,6 +149,11 @@ SystemTriggers& WindowsSystemTriggers() {
 LockdownPolicy& WindowsLockdownPolicy() {
   static RealLockdownPolicy policy;
   return policy;
+}
+
+AppServices& WindowsAppServices() {
+  static ProxiedAppServices services;
+  return services;
 }
 
 Result<std::wstring> NewUuid() {
