@@ -30,6 +30,8 @@ class Result {
   T* operator->() { return &*content; }
   const T* operator->() const { return &*content; }
 
+  T ValueOr(T other) && { return std::move(content).value_or(std::move(other)); }
+
   // Meaningful only after a failure.
   ErrorCode Error() const noexcept { return code; }
 

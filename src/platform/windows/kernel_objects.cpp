@@ -1,7 +1,5 @@
 #include "platform/kernel_objects.h"
 
-#include <utility>
-
 #include <windows.h>
 
 #include "platform/windows/capabilities.h"
@@ -52,8 +50,7 @@ KernelObjects& WindowsKernelObjects() {
 }
 
 UniqueHandle MakeUnnamedEvent() {
-  auto event = CurrentMachine().kernelObjects->MakeManualEvent({});
-  return event ? *std::move(event) : nullptr;
+  return CurrentMachine().kernelObjects->MakeManualEvent({}).ValueOr(nullptr);
 }
 
 }  // namespace Vx::Platform
