@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <chrono>
+#include <iterator>
+#include <optional>
 
 #include "platform/clock.h"
 #include "platform/environment.h"
@@ -15,6 +17,7 @@ namespace Vx::Tessel::Security {
 using Platform::CurrentMachine;
 using Server::Logging::kComponentProvider;
 using Server::Logging::LogManager;
+using Server::Logging::TraceLogger;
 
 namespace {
 
@@ -23,17 +26,15 @@ constexpr char kAquireFileReadOnlyLock[] =
     "Vx::Tessel::Security::VxAuthenticodeHelper::AquireFileReadOnlyLock";
 
 constexpr wchar_t kCatalogFile[] = L"Security - GetSecurityCatalogInfo - File = %s";
-constexpr wchar_t kAcquireContextFailed[] =
+// In the order of CatalogStep.
+constexpr const wchar_t* kCatalogFailed[] = {
     L"Security - GetSecurityCatalogInfo - Failed during CryptCATAdminAcquireContext2. "
-    L"Error Code = %d";
-constexpr wchar_t kOpenFileFailed[] =
-    L"Security - GetSecurityCatalogInfo - Failed during CreateFileW. Error Code = %d";
-constexpr wchar_t kHashFailed[] =
+    L"Error Code = %d",
+    L"Security - GetSecurityCatalogInfo - Failed during CreateFileW. Error Code = %d",
     L"Security - GetSecurityCatalogInfo - Failed during CryptCATAdminCalcHashFromFileHandle2. "
-    L"Error Code = %d";
-constexpr wchar_t kFindCatalogFailed[] =
+    L"Error Code = %d",
     L"Security - GetSecurityCatalogInfo - Failed during CryptCATAdminEnumCatalogFromHash. "
-    L"Error Code = %d";
+    L"Error Code = %d"};
 constexpr wchar_t kSubject[] = L"Subject = %s";
 constexpr wchar_t kSubjectFailed[] = L"Error while retrieving Subject field.";
 constexpr wchar_t kPrefixMissed[] = L"%S - BeginsWith() failed [%s] [%s]";
@@ -73,220 +74,98 @@ constexpr bool IsCollected(std::int32_t result) noexcept {
   return result == kVerified || result == kUntrustedRoot || result == kExpired;
 }
 
-const wchar_t* FailureText(Platform::CatalogStep step) noexcept {
-  switch (step) {
-    case Platform::CatalogStep::AcquireContext:
-      return kAcquireContextFailed;
-    case Platform::CatalogStep::OpenFile:
-      return kOpenFileFailed;
-    case Platform::CatalogStep::Hash:
-      return kHashFailed;
-    case Platform::CatalogStep::FindCatalog:
-      break;
-  }
-  return kFindCatalogFailed;
-}
-
-// Returns `text` with its variables expanded, or an empty string on failure.
-std::wstring Expanded(const std::wstring& text) {
-  auto expanded = CurrentMachine().environment->Expand(text, Platform::kLongestPath);
-  return expanded ? *std::move(expanded) : std::wstring();
-}
-
-}  // namespace
-
-VxAuthenticodeHelper::VxAuthenticodeHelper()
-    : logger(LogManager::SetProvider(kComponentProvider)) {}
-
-std::vector<SignatureRecord> VxAuthenticodeHelper::CollectSignatures(const std::wstring& path,
-                                                                     SignatureKind kind) const {
-  const Platform::TrustProvider& provider = *CurrentMachine().trustProvider;
-  std::optional<Platform::CatalogHit> catalog;
-  if (kind == SignatureKind::Catalog) {
-    logger->LogInfo(kCatalogFile, path.c_str());
-    Platform::CatalogFailure failure;
-    catalog = provider.FindCatalog(path, failure);
-    if (!catalog) {
-      logger->LogError(FailureText(failure.step), static_cast<int>(failure.error));
-      return {};
-    }
-  }
-  std::vector<SignatureRecord> records;
-  std::uint32_t last = 0;
-  for (std::uint32_t index = 0; index <= last; ++index) {
-    const Platform::SignatureVerdict verdict =
-        catalog ? provider.VerifyInCatalog(*catalog, index) : provider.VerifyEmbedded(path, index);
-    if (index == 0) last = std::min(verdict.secondaryCount, kMaxSecondarySignatures);
-    if (IsCollected(verdict.result)) Append(verdict, records);
-  }
-  return records;
-}
-
-void VxAuthenticodeHelper::Append(const Platform::SignatureVerdict& verdict,
-                                  std::vector<SignatureRecord>& records) const {
+// Appends the record of a collected signature.
+void Append(const Platform::SignatureVerdict& verdict, SignatureKind kind,
+            const TraceLogger& logger, std::vector<SignatureRecord>& records) {
   if (!verdict.signer) {
-    logger->LogError(kSubjectFailed);
+    logger.LogError(kSubjectFailed);
     return;
   }
   const Platform::Signer& signer = *verdict.signer;
-  if (!signer.subject.empty()) logger->LogInfo(kSubject, signer.subject.c_str());
-  if (signer.subject.empty() || !signer.names) logger->LogError(kSubjectFailed);
-  records.push_back({.public_key = FormatPublicKey(signer.publicKey),
+  if (!signer.subject.empty()) logger.LogInfo(kSubject, signer.subject.c_str());
+  if (signer.subject.empty() || !signer.names) logger.LogError(kSubjectFailed);
+  records.push_back({.kind = kind,
+                     .public_key = FormatPublicKey(signer.publicKey),
                      .trust_result = verdict.result,
                      .names = signer.names.value_or(Platform::SignerNames{})});
 }
 
-bool VxAuthenticodeHelper::IsTrustedByWindows(
-    const std::vector<SignatureRecord>& records) noexcept {
-  return std::any_of(records.begin(), records.end(), [](const SignatureRecord& record) {
-    return record.trust_result == kVerified || record.trust_result == kExpired;
-  });
-}
-
-bool VxAuthenticodeHelper::IsKeyPinned(const std::vector<SignatureRecord>& records,
-                                       KeySet keys) noexcept {
-  return std::any_of(records.begin(), records.end(), [keys](const SignatureRecord& record) {
-    return std::find(keys.begin(), keys.end(), record.public_key) != keys.end();
-  });
-}
-
-bool VxAuthenticodeHelper::IsPathAllowed(const std::wstring& path) const {
-  return CheckPath(path).outcome == PathOutcome::Allowed;
-}
-
-// A client chooses the path, and one that begins with "C:\Windows\" may name a file elsewhere: with
-// ".." in the middle, through a mount point in a folder that every user may write to, or as a
-// stream of another file. So the rule is applied to the path as written, to its full form and to
-// the file's actual location. A path that Windows cannot resolve is refused.
-PathVerdict VxAuthenticodeHelper::CheckPath(const std::wstring& path) const {
-  PathVerdict verdict;
-  const auto expanded = CurrentMachine().environment->Expand(path, Platform::kLongestPath);
-  if (!expanded) {
-    logger->LogError(kExpandFailed, kIsPathAllowed, path.c_str(),
-                     static_cast<int>(expanded.Error()));
-    return verdict;
-  }
-  verdict.fullPath = FullText(*expanded);
-  const auto place = FindWrittenPlace(*expanded, verdict.fullPath, Misses::Logged);
-  if (!place) {
-    verdict.outcome = PathOutcome::OutsidePrefixes;
-    return verdict;
-  }
-  verdict.prefix = place->prefix;
-  if (!ResolveFinalPath(path, *expanded, verdict)) return verdict;
-
-  const auto finalPlace = FindPlace(verdict.finalPath, Misses::Silent);
-  if (!finalPlace) {
-    verdict.outcome = PathOutcome::LeadsElsewhere;
-    logger->LogError(kLeadsElsewhere, kIsPathAllowed, verdict.fullPath.c_str(),
-                     verdict.finalPath.c_str());
-    return verdict;
-  }
-  // When Windows moves a package to another drive, it leaves a link. Both folders are then checked.
-  if (place->appFolder) verdict.appFolders.push_back(*place->appFolder);
-  if (finalPlace->appFolder &&
-      !(place->appFolder && SameIgnoringCase(*finalPlace->appFolder, *place->appFolder))) {
-    verdict.appFolders.push_back(*finalPlace->appFolder);
-  }
-  const bool closed =
-      std::all_of(verdict.appFolders.begin(), verdict.appFolders.end(),
-                  [this](const auto& folder) { return HasFullControlWithRetries(folder); });
-  verdict.outcome = closed ? PathOutcome::Allowed : PathOutcome::OpenFolder;
-  return verdict;
-}
-
-bool VxAuthenticodeHelper::MayBeAllowed(const std::wstring& path) const {
-  const std::wstring full = FullText(path);
-  const bool plain = IsPlainPath(full);
-  if (plain && FindWrittenPlace(path, full, Misses::Silent)) return true;
-  if (FindWrittenPlace(path, full, Misses::Logged)) {
-    logger->LogError(kNotPlain, kIsPathAllowed, full.c_str());
-  }
-  return false;
-}
-
-// Returns the place that the full form names, or nothing if either text names no place.
-std::optional<VxAuthenticodeHelper::Place> VxAuthenticodeHelper::FindWrittenPlace(
-    const std::wstring& written, const std::wstring& full, Misses misses) const {
-  if (FindPlace(written, Misses::Silent)) return FindPlace(full, misses);
-  if (misses == Misses::Logged) FindPlace(written, misses);
-  return std::nullopt;
+Platform::Result<std::wstring> Expanded(const std::wstring& text) {
+  return CurrentMachine().environment->Expand(text, Platform::kLongestPath);
 }
 
 // Returns the full form of a path that starts at a drive's root. Returns any other path unchanged:
 // it matches no prefix, and its full form would depend on the service's own folder.
-std::wstring VxAuthenticodeHelper::FullText(const std::wstring& expanded) const {
+std::wstring FullText(const std::wstring& expanded) {
   if (!IsDrivePath(expanded)) return expanded;
-  auto full = CurrentMachine().files->FullPath(expanded);
-  return full ? *std::move(full) : expanded;
+  return CurrentMachine().files->FullPath(expanded).ValueOr(expanded);
 }
 
+struct Place {
+  std::wstring prefix;
+  std::optional<std::wstring> appFolder;
+};
+
+// Logs each rule that the path misses, unless `misses` is null.
+//
 // The WindowsApps folder in %PROGRAMFILES% is below a prefix, but its access list is still checked,
 // because Windows installs packages there for standard users without an administrator's approval.
-std::optional<VxAuthenticodeHelper::Place> VxAuthenticodeHelper::FindPlace(
-    const std::wstring& fullPath, Misses misses) const {
+std::optional<Place> FindPlace(const std::wstring& fullPath, const TraceLogger* misses) {
   for (const wchar_t* allowed : kAllowedPrefixes) {
-    const std::wstring prefix = Expanded(allowed);
+    const std::wstring prefix = Expanded(allowed).ValueOr({});
     if (!prefix.empty() && BeginsWith(fullPath, prefix)) {
       return Place{.prefix = prefix, .appFolder = WindowsAppsFolderBelow(prefix, fullPath)};
     }
-    if (misses == Misses::Logged) {
-      logger->LogError(kPrefixMissed, kIsPathAllowed, fullPath.c_str(), prefix.c_str());
+    if (misses != nullptr) {
+      misses->LogError(kPrefixMissed, kIsPathAllowed, fullPath.c_str(), prefix.c_str());
     }
   }
   auto folder = DriveWindowsAppsFolder(fullPath);
   if (folder) return Place{.prefix = {}, .appFolder = std::move(folder)};
-  if (misses == Misses::Logged) {
-    logger->LogError(kSubstringMissed, kIsPathAllowed, kWindowsApps, fullPath.c_str());
+  if (misses != nullptr) {
+    misses->LogError(kSubstringMissed, kIsPathAllowed, kWindowsApps, fullPath.c_str());
   }
   return std::nullopt;
 }
 
-// Sets the final path and returns true, or sets the outcome and returns false.
-bool VxAuthenticodeHelper::ResolveFinalPath(const std::wstring& path, const std::wstring& expanded,
-                                            PathVerdict& verdict) const {
+// Returns the place that the full form names, or nothing if either text names no place.
+std::optional<Place> FindWrittenPlace(const std::wstring& written, const std::wstring& full,
+                                      const TraceLogger* misses) {
+  if (FindPlace(written, nullptr)) return FindPlace(full, misses);
+  if (misses != nullptr) FindPlace(written, misses);
+  return std::nullopt;
+}
+
+// Sets the final path and returns true, or returns false. The outcome names the last check.
+bool ResolveFinalPath(const std::wstring& path, const std::wstring& expanded,
+                      const TraceLogger& logger, PathVerdict& verdict) {
+  verdict.outcome = PathOutcome::NotPlain;
   if (!IsPlainPath(verdict.fullPath)) {
-    verdict.outcome = PathOutcome::NotPlain;
-    logger->LogError(kNotPlain, kIsPathAllowed, verdict.fullPath.c_str());
+    logger.LogError(kNotPlain, kIsPathAllowed, verdict.fullPath.c_str());
     return false;
   }
+  verdict.outcome = PathOutcome::NotFound;
   const Platform::Files& files = *CurrentMachine().files;
   const auto target = files.FinalPath(verdict.fullPath);
   if (!target) {
-    verdict.outcome = PathOutcome::NotFound;
-    logger->LogError(kFinalPathFailed, kIsPathAllowed, verdict.fullPath.c_str(),
-                     static_cast<int>(target.Error()));
+    logger.LogError(kFinalPathFailed, kIsPathAllowed, verdict.fullPath.c_str(),
+                    static_cast<int>(target.Error()));
     return false;
   }
+  verdict.outcome = PathOutcome::LeadsElsewhere;
   verdict.finalPath = *target;
   if (path == expanded) return true;
   // The caller starts the file by its unexpanded path, and a folder may actually be called "%x%".
   // The file that is started would then not be the one that was checked.
   const auto unexpanded = files.FinalPath(path);
   if (!unexpanded || SameIgnoringCase(*unexpanded, *target)) return true;
-  verdict.outcome = PathOutcome::LeadsElsewhere;
-  logger->LogError(kLeadsElsewhere, kIsPathAllowed, path.c_str(), unexpanded->c_str());
+  logger.LogError(kLeadsElsewhere, kIsPathAllowed, path.c_str(), unexpanded->c_str());
   return false;
 }
 
-bool VxAuthenticodeHelper::HasFullControlWithRetries(const std::wstring& folder) const {
-  for (int attempt = 1; attempt <= kAccessAttempts; ++attempt) {
-    Platform::ErrorCode error = 0;
-    if (HasFullControl(folder, error)) return true;
-    logger->LogError(kAccessFailed, attempt, kAccessAttempts, static_cast<int>(error));
-    if (attempt < kAccessAttempts) CurrentMachine().clock->Sleep(kAccessPause);
-  }
-  return false;
-}
-
-bool VxAuthenticodeHelper::CheckForFullConrolByTrustedInstallAndSystem(
-    const std::wstring& folder) const {
-  Platform::ErrorCode error = 0;
-  return HasFullControl(folder, error);
-}
-
-bool VxAuthenticodeHelper::HasFullControl(const std::wstring& folder,
-                                          Platform::ErrorCode& error) const {
+// Sets `error` if the access list cannot be read.
+bool HasFullControl(const std::wstring& folder, const TraceLogger& logger,
+                    Platform::ErrorCode& error) {
   try {
     const auto access = CurrentMachine().files->FolderAccess(folder);
     if (!access) {
@@ -303,15 +182,133 @@ bool VxAuthenticodeHelper::HasFullControl(const std::wstring& folder,
     const bool owned = access->owner == kTrustedInstaller || access->owner == kSystem;
     return owned && trustedInstaller && system;
   } catch (...) {
-    logger->LogError(kAccessException);
+    logger.LogError(kAccessException);
     return false;
   }
 }
 
+bool HasFullControlWithRetries(const std::wstring& folder, const TraceLogger& logger) {
+  for (int attempt = 1; attempt <= kAccessAttempts; ++attempt) {
+    Platform::ErrorCode error = 0;
+    if (HasFullControl(folder, logger, error)) return true;
+    logger.LogError(kAccessFailed, attempt, kAccessAttempts, static_cast<int>(error));
+    if (attempt < kAccessAttempts) CurrentMachine().clock->Sleep(kAccessPause);
+  }
+  return false;
+}
+
+}  // namespace
+
+VxAuthenticodeHelper::VxAuthenticodeHelper()
+    : logger(LogManager::SetProvider(kComponentProvider)) {}
+
+std::vector<SignatureRecord> VxAuthenticodeHelper::CollectSignatures(const std::wstring& path,
+                                                                     SignatureKind kind) const {
+  const Platform::TrustProvider& provider = *CurrentMachine().trustProvider;
+  std::optional<Platform::CatalogHit> catalog;
+  if (kind == SignatureKind::Catalog) {
+    logger->LogInfo(kCatalogFile, path.c_str());
+    Platform::CatalogFailure failure;
+    catalog = provider.FindCatalog(path, failure);
+    if (!catalog) {
+      logger->LogError(kCatalogFailed[static_cast<std::size_t>(failure.step)],
+                       static_cast<int>(failure.error));
+      return {};
+    }
+  }
+  std::vector<SignatureRecord> records;
+  std::uint32_t last = 0;
+  for (std::uint32_t index = 0; index <= last; ++index) {
+    const Platform::SignatureVerdict verdict =
+        catalog ? provider.VerifyInCatalog(*catalog, index) : provider.VerifyEmbedded(path, index);
+    if (index == 0) last = std::min(verdict.secondaryCount, kMaxSecondarySignatures);
+    if (IsCollected(verdict.result)) Append(verdict, kind, *logger, records);
+  }
+  return records;
+}
+
+std::vector<SignatureRecord> VxAuthenticodeHelper::CollectSignatures(
+    const std::wstring& path) const {
+  std::vector<SignatureRecord> records = CollectSignatures(path, SignatureKind::Catalog);
+  std::ranges::move(CollectSignatures(path, SignatureKind::Embedded), std::back_inserter(records));
+  return records;
+}
+
+bool VxAuthenticodeHelper::IsTrustedByWindows(
+    const std::vector<SignatureRecord>& records) noexcept {
+  return std::ranges::any_of(records, [](const SignatureRecord& record) {
+    return record.trust_result == kVerified || record.trust_result == kExpired;
+  });
+}
+
+bool VxAuthenticodeHelper::IsKeyPinned(const std::vector<SignatureRecord>& records,
+                                       KeySet keys) noexcept {
+  return std::ranges::any_of(records, [keys](const SignatureRecord& record) {
+    return std::ranges::find(keys, record.public_key) != keys.end();
+  });
+}
+
+bool VxAuthenticodeHelper::IsPathAllowed(const std::wstring& path) const {
+  return CheckPath(path).outcome == PathOutcome::Allowed;
+}
+
+// A client chooses the path, and one that begins with "C:\Windows\" may name a file elsewhere: with
+// ".." in the middle, through a mount point in a folder that every user may write to, or as a
+// stream of another file. So the rule is applied to the path as written, to its full form and to
+// the file's actual location. A path that Windows cannot resolve is refused.
+PathVerdict VxAuthenticodeHelper::CheckPath(const std::wstring& path) const {
+  PathVerdict verdict;
+  const auto expanded = Expanded(path);
+  if (!expanded) {
+    logger->LogError(kExpandFailed, kIsPathAllowed, path.c_str(),
+                     static_cast<int>(expanded.Error()));
+    return verdict;
+  }
+  verdict.outcome = PathOutcome::OutsidePrefixes;
+  verdict.fullPath = FullText(*expanded);
+  const auto place = FindWrittenPlace(*expanded, verdict.fullPath, logger);
+  if (!place) return verdict;
+  verdict.prefix = place->prefix;
+  if (!ResolveFinalPath(path, *expanded, *logger, verdict)) return verdict;
+
+  const auto finalPlace = FindPlace(verdict.finalPath, nullptr);
+  if (!finalPlace) {
+    logger->LogError(kLeadsElsewhere, kIsPathAllowed, verdict.fullPath.c_str(),
+                     verdict.finalPath.c_str());
+    return verdict;
+  }
+  // When Windows moves a package to another drive, it leaves a link. Both folders are then checked.
+  if (place->appFolder) verdict.appFolders.push_back(*place->appFolder);
+  if (finalPlace->appFolder &&
+      !(place->appFolder && SameIgnoringCase(*finalPlace->appFolder, *place->appFolder))) {
+    verdict.appFolders.push_back(*finalPlace->appFolder);
+  }
+  const bool closed = std::ranges::all_of(verdict.appFolders, [this](const auto& folder) {
+    return HasFullControlWithRetries(folder, *logger);
+  });
+  verdict.outcome = closed ? PathOutcome::Allowed : PathOutcome::OpenFolder;
+  return verdict;
+}
+
+bool VxAuthenticodeHelper::MayBeAllowed(const std::wstring& path) const {
+  const std::wstring full = FullText(path);
+  const bool plain = IsPlainPath(full);
+  if (plain && FindWrittenPlace(path, full, nullptr)) return true;
+  if (FindWrittenPlace(path, full, logger)) {
+    logger->LogError(kNotPlain, kIsPathAllowed, full.c_str());
+  }
+  return false;
+}
+
+bool VxAuthenticodeHelper::CheckForFullConrolByTrustedInstallAndSystem(
+    const std::wstring& folder) const {
+  Platform::ErrorCode error = 0;
+  return HasFullControl(folder, *logger, error);
+}
+
 Platform::UniqueHandle VxAuthenticodeHelper::AquireFileReadOnlyLock(
     const std::wstring& path) const {
-  auto opened = CurrentMachine().files->OpenReadLocked(path);
-  Platform::UniqueHandle lock = opened ? *std::move(opened) : nullptr;
+  auto lock = CurrentMachine().files->OpenReadLocked(path).ValueOr(nullptr);
   logger->LogInfo(kLockOutcome, kAquireFileReadOnlyLock, path.c_str(),
                   lock ? L"succeeded" : L"FAILED");
   return lock;

@@ -1,19 +1,14 @@
 #pragma once
 
-#include <optional>
 #include <string>
-#include <string_view>
 #include <vector>
 
 #include "host/logging.h"
-#include "platform/result.h"
 #include "platform/unique_handle.h"
 #include "security/pinned_keys.h"
 #include "security/signature_record.h"
 
 namespace Vx::Tessel::Security {
-
-enum class SignatureKind { Catalog, Embedded };
 
 enum class PathOutcome {
   Allowed,
@@ -44,6 +39,9 @@ class VxAuthenticodeHelper {
   std::vector<SignatureRecord> CollectSignatures(const std::wstring& path,
                                                  SignatureKind kind) const;
 
+  // Returns the signatures of both kinds, those of the catalog first.
+  std::vector<SignatureRecord> CollectSignatures(const std::wstring& path) const;
+
   // Returns whether Windows accepts one of `records`: it is verified, or expired but otherwise
   // good. An untrusted root is never enough.
   static bool IsTrustedByWindows(const std::vector<SignatureRecord>& records) noexcept;
@@ -73,23 +71,6 @@ class VxAuthenticodeHelper {
   Platform::UniqueHandle AquireFileReadOnlyLock(const std::wstring& path) const;
 
  private:
-  struct Place {
-    std::wstring prefix;
-    std::optional<std::wstring> appFolder;
-  };
-  enum class Misses { Logged, Silent };
-
-  std::wstring FullText(const std::wstring& expanded) const;
-  std::optional<Place> FindPlace(const std::wstring& fullPath, Misses misses) const;
-  std::optional<Place> FindWrittenPlace(const std::wstring& written, const std::wstring& full,
-                                        Misses misses) const;
-  bool ResolveFinalPath(const std::wstring& path, const std::wstring& expanded,
-                        PathVerdict& verdict) const;
-  bool HasFullControl(const std::wstring& folder, Platform::ErrorCode& error) const;
-  bool HasFullControlWithRetries(const std::wstring& folder) const;
-  void Append(const Platform::SignatureVerdict& verdict,
-              std::vector<SignatureRecord>& records) const;
-
   Server::Logging::TraceLogger* logger;
 };
 

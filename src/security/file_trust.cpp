@@ -2,7 +2,7 @@
 
 #include <algorithm>
 #include <cwchar>
-#include <string_view>
+#include <iterator>
 
 #include "host/logging.h"
 
@@ -22,12 +22,6 @@ const char* YesNo(bool answer) noexcept {
   return answer ? "yes" : "no";
 }
 
-std::vector<SignatureRecord> AllSignatures(const FileTrust& trust) {
-  std::vector<SignatureRecord> all = trust.catalogSignatures;
-  all.insert(all.end(), trust.embeddedSignatures.begin(), trust.embeddedSignatures.end());
-  return all;
-}
-
 // Called only if the signatures pass, because this can take a second.
 void CheckPlace(const VxAuthenticodeHelper& helper, const std::wstring& path, FileTrust& trust) {
   trust.place = helper.CheckPath(path);
@@ -41,23 +35,22 @@ std::wstring ResultText(std::int32_t result) {
   } kMeanings[] = {{0, L"verified"},
                    {0x800B0109, L"untrusted root: pinned or not, never enough"},
                    {0x800B0101, L"expired, otherwise good"}};
-  constexpr std::wstring_view digits = L"0123456789abcdef";
   const auto code = static_cast<std::uint32_t>(result);
-  std::wstring text = L"0x";
-  for (int shift = 28; shift >= 0; shift -= 4) text += digits[(code >> shift) & 15];
+  wchar_t hex[11];
+  std::swprintf(hex, std::size(hex), L"0x%08x", code);
   for (const auto& row : kMeanings) {
-    if (row.code == code) text.append(L" (").append(row.meaning).append(L")");
+    if (row.code == code) return std::wstring(hex) + L" (" + row.meaning + L")";
   }
-  return text;
+  return hex;
 }
 
-TrustStep SignatureStep(const SignatureRecord& record, const wchar_t* kind, KeySet keys) {
+TrustStep SignatureStep(const SignatureRecord& record, KeySet keys) {
+  const std::wstring kind = record.kind == SignatureKind::Catalog ? L"catalog" : L"embedded";
   const bool pinned = VxAuthenticodeHelper::IsKeyPinned({record}, keys);
   const bool good = VxAuthenticodeHelper::IsTrustedByWindows({record});
   return {.passed = good && pinned,
-          .text = std::wstring(kind) + L" signature of \"" + record.names.commonName +
-                  L"\" issued by \"" + record.names.issuerCommonName + L"\": " +
-                  ResultText(record.trust_result) +
+          .text = kind + L" signature of \"" + record.names.commonName + L"\" issued by \"" +
+                  record.names.issuerCommonName + L"\": " + ResultText(record.trust_result) +
                   (pinned ? L", key pinned" : L", key not pinned")};
 }
 
@@ -93,13 +86,11 @@ FileTrust VerifyFile(const std::wstring& path, KeySet keys) {
   trust.pinsConfigured = !keys.empty();
   if (path.empty()) return trust;
   const VxAuthenticodeHelper helper;
-  trust.catalogSignatures = helper.CollectSignatures(path, SignatureKind::Catalog);
-  trust.embeddedSignatures = helper.CollectSignatures(path, SignatureKind::Embedded);
-  const std::vector<SignatureRecord> records = AllSignatures(trust);
-  if (records.empty() || keys.empty()) return trust;
+  trust.signatures = helper.CollectSignatures(path);
+  if (trust.signatures.empty() || keys.empty()) return trust;
 
-  trust.trustedByWindows = VxAuthenticodeHelper::IsTrustedByWindows(records);
-  trust.keyPinned = VxAuthenticodeHelper::IsKeyPinned(records, keys);
+  trust.trustedByWindows = VxAuthenticodeHelper::IsTrustedByWindows(trust.signatures);
+  trust.keyPinned = VxAuthenticodeHelper::IsKeyPinned(trust.signatures, keys);
   LogManager::SetProvider(kComponentProvider)
       ->LogInfo(kTrustOutcome, YesNo(trust.trustedByWindows), YesNo(trust.keyPinned));
   if (trust.trustedByWindows && trust.keyPinned) CheckPlace(helper, path, trust);
@@ -112,21 +103,20 @@ FileTrust VerifyDropboxFile(const std::wstring& path) {
   if (path.empty()) return trust;
   logger->LogInfo(kDropboxStart);
   const VxAuthenticodeHelper helper;
-  trust.embeddedSignatures = helper.CollectSignatures(path, SignatureKind::Embedded);
-  if (trust.embeddedSignatures.empty()) return trust;
+  trust.signatures = helper.CollectSignatures(path, SignatureKind::Embedded);
+  if (trust.signatures.empty()) return trust;
 
-  trust.trustedByWindows = VxAuthenticodeHelper::IsTrustedByWindows(trust.embeddedSignatures);
+  trust.trustedByWindows = VxAuthenticodeHelper::IsTrustedByWindows(trust.signatures);
   if (!trust.trustedByWindows) {
     logger->LogError(kDropboxUntrusted);
     return trust;
   }
   const std::vector<SignatureRecord> table = DropboxSigners();
-  const bool known = std::any_of(
-      trust.embeddedSignatures.begin(), trust.embeddedSignatures.end(), [&](const auto& record) {
-        return std::any_of(table.begin(), table.end(), [&](const SignatureRecord& row) {
-          return record.names.commonName == row.names.commonName;
-        });
-      });
+  const bool known = std::ranges::any_of(trust.signatures, [&](const SignatureRecord& record) {
+    return std::ranges::any_of(table, [&](const SignatureRecord& row) {
+      return record.names.commonName == row.names.commonName;
+    });
+  });
   if (known) CheckPlace(helper, path, trust);
   return trust;
 }
@@ -134,7 +124,7 @@ FileTrust VerifyDropboxFile(const std::wstring& path) {
 Server::Records::Reason ReasonOf(const FileTrust& trust) {
   using Server::Records::Reason;
   if (trust.trusted) return Reason::None;
-  if (AllSignatures(trust).empty()) return Reason::NoSignature;
+  if (trust.signatures.empty()) return Reason::NoSignature;
   if (!trust.trustedByWindows) {
     return trust.pinsConfigured ? Reason::NotTrusted : Reason::NoPinnedKeys;
   }
@@ -143,12 +133,7 @@ Server::Records::Reason ReasonOf(const FileTrust& trust) {
 
 std::vector<TrustStep> Explain(const FileTrust& trust, KeySet keys) {
   std::vector<TrustStep> steps;
-  for (const auto& record : trust.catalogSignatures) {
-    steps.push_back(SignatureStep(record, L"catalog", keys));
-  }
-  for (const auto& record : trust.embeddedSignatures) {
-    steps.push_back(SignatureStep(record, L"embedded", keys));
-  }
+  for (const auto& record : trust.signatures) steps.push_back(SignatureStep(record, keys));
   if (steps.empty()) steps.push_back({false, L"no signature that Windows can verify"});
   if (!trust.pinsConfigured) {
     steps.push_back({false, L"no keys are pinned in this build, so nothing is trusted"});
@@ -159,24 +144,17 @@ std::vector<TrustStep> Explain(const FileTrust& trust, KeySet keys) {
   };
   signature(trust.trustedByWindows, L"is accepted by Windows");
   signature(trust.keyPinned, L"was made with a pinned key");
-  if (trust.place) {
-    steps.push_back({trust.place->outcome == PathOutcome::Allowed, PlaceText(*trust.place)});
-  } else {
-    steps.push_back({false, L"its place was not checked"});
-  }
+  const bool allowed = trust.place && trust.place->outcome == PathOutcome::Allowed;
+  steps.push_back({allowed, trust.place ? PlaceText(*trust.place) : L"its place was not checked"});
   steps.push_back({trust.trusted, trust.trusted ? L"trusted" : L"not trusted"});
   return steps;
 }
 
 std::vector<std::string> PublicKeysOf(const std::wstring& path) {
-  const VxAuthenticodeHelper helper;
   std::vector<std::string> keys;
-  for (const auto kind : {SignatureKind::Catalog, SignatureKind::Embedded}) {
-    for (auto& record : helper.CollectSignatures(path, kind)) {
-      if (std::find(keys.begin(), keys.end(), record.public_key) == keys.end()) {
-        keys.push_back(std::move(record.public_key));
-      }
-    }
+  for (auto& record : VxAuthenticodeHelper().CollectSignatures(path)) {
+    if (std::ranges::find(keys, record.public_key) != keys.end()) continue;
+    keys.push_back(std::move(record.public_key));
   }
   return keys;
 }

@@ -18,8 +18,7 @@ struct FileTrust {
   bool pinsConfigured = false;  // the key set is not empty
   bool trustedByWindows = false;
   bool keyPinned = false;
-  std::vector<SignatureRecord> catalogSignatures;
-  std::vector<SignatureRecord> embeddedSignatures;
+  std::vector<SignatureRecord> signatures;
   std::optional<PathVerdict> place;  // empty if it was not checked
 };
 

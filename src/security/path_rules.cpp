@@ -18,7 +18,7 @@ bool IsPlainName(std::wstring_view name) noexcept {
   // Windows drops trailing spaces and dots from a name, so such a name refers to another file. This
   // also excludes "." and "..".
   if (name.empty() || name.back() == L'.' || name.back() == L' ') return false;
-  return std::all_of(name.begin(), name.end(), [](wchar_t c) {
+  return std::ranges::all_of(name, [](wchar_t c) {
     return c >= L' ' && kNeverInNames.find(c) == std::wstring_view::npos;
   });
 }
@@ -26,8 +26,7 @@ bool IsPlainName(std::wstring_view name) noexcept {
 }  // namespace
 
 bool SameIgnoringCase(std::wstring_view left, std::wstring_view right) noexcept {
-  return std::equal(left.begin(), left.end(), right.begin(), right.end(),
-                    [](wchar_t a, wchar_t b) { return Fold(a) == Fold(b); });
+  return std::ranges::equal(left, right, {}, &Fold, &Fold);
 }
 
 bool BeginsWith(std::wstring_view text, std::wstring_view prefix) noexcept {

@@ -10,8 +10,8 @@ constexpr wchar_t kIssuer[] = L"DigiCert SHA2 Assured ID Code Signing CA";
 
 constexpr std::string_view kDigits = "0123456789abcdef";
 
-SignatureRecord Row(Platform::SignerNames names) {
-  return {.public_key = {}, .trust_result = 0, .names = std::move(names)};
+std::vector<SignatureRecord> Row(Platform::SignerNames names) {
+  return {{.kind = {}, .public_key = {}, .trust_result = 0, .names = std::move(names)}};
 }
 
 }  // namespace
@@ -27,44 +27,25 @@ std::string FormatPublicKey(std::span<const std::byte> der) {
   return text;
 }
 
+// Each row: common name, organisational unit, locality, organisation, state, country and the
+// issuer's common name.
+
 std::vector<SignatureRecord> DropboxSigners() {
-  return {Row({.commonName = L"Dropbox, Inc",
-               .organisationalUnit = {},
-               .locality = L"San Francisco",
-               .organisation = L"Dropbox, Inc",
-               .state = L"California",
-               .country = L"US",
-               .issuerCommonName = kIssuer})};
+  return Row(
+      {L"Dropbox, Inc", L"", L"San Francisco", L"Dropbox, Inc", L"California", L"US", kIssuer});
 }
 
 std::vector<SignatureRecord> VexmoorSigners() {
-  return {Row({.commonName = L"Vexmoor Inc.",
-               .organisationalUnit = L"Vexmoor Security",
-               .locality = {},
-               .organisation = L"Vexmoor Inc.",
-               .state = {},
-               .country = L"US",
-               .issuerCommonName = kIssuer})};
+  return Row({L"Vexmoor Inc.", L"Vexmoor Security", L"", L"Vexmoor Inc.", L"", L"US", kIssuer});
 }
 
 std::vector<SignatureRecord> MicrosoftSigners() {
-  return {Row({.commonName = L"Microsoft Corporation",
-               .organisationalUnit = {},
-               .locality = L"Redmond",
-               .organisation = L"Microsoft Corporation",
-               .state = L"Washington",
-               .country = {},
-               .issuerCommonName = {}})};
+  return Row({L"Microsoft Corporation", L"", L"Redmond", L"Microsoft Corporation", L"Washington",
+              L"", L""});
 }
 
 std::vector<SignatureRecord> BitdefenderSigners() {
-  return {Row({.commonName = L"Bitdefender SRL",
-               .organisationalUnit = {},
-               .locality = L"Bucharest",
-               .organisation = L"Bitdefender SRL",
-               .state = {},
-               .country = {},
-               .issuerCommonName = kIssuer})};
+  return Row({L"Bitdefender SRL", L"", L"Bucharest", L"Bitdefender SRL", L"", L"", kIssuer});
 }
 
 }  // namespace Vx::Tessel::Security

@@ -14,8 +14,11 @@ namespace Vx::Tessel::Security {
 // with a space between bytes.
 std::string FormatPublicKey(std::span<const std::byte> der);
 
+enum class SignatureKind { Catalog, Embedded };
+
 // A signature of a file. Also a row in a table of signers, with an empty key and a zero result.
 struct SignatureRecord {
+  SignatureKind kind = SignatureKind::Catalog;
   std::string public_key;         // in the form of FormatPublicKey
   std::int32_t trust_result = 0;  // result of WinVerifyTrust for this signature
   Platform::SignerNames names;

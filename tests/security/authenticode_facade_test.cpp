@@ -105,7 +105,7 @@ TEST(Explain, TellsTheStepsOfTheDecisionAndEndsWithTheVerdict) {
 
 // Wine verifies the first signature in place of the second, so only their number can be checked.
 TEST(VerifyFile, LooksAtBothSignaturesOfAFile) {
-  EXPECT_EQ(VerifyFile(PkiFile(L"dual.exe"), GeneralKeys()).embeddedSignatures.size(), 2U);
+  EXPECT_EQ(VerifyFile(PkiFile(L"dual.exe"), GeneralKeys()).signatures.size(), 2U);
 }
 
 TEST(VerifyFile, TrustsNothingWithoutPinnedKeys) {
@@ -113,7 +113,7 @@ TEST(VerifyFile, TrustsNothingWithoutPinnedKeys) {
   const FileTrust trust = VerifyFile(folder.Hold(kPinned), {});
   EXPECT_FALSE(trust.trusted);
   EXPECT_FALSE(trust.pinsConfigured);
-  EXPECT_EQ(trust.embeddedSignatures.size(), 1U);
+  EXPECT_EQ(trust.signatures.size(), 1U);
 }
 
 }  // namespace

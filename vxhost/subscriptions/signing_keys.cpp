@@ -97,9 +97,7 @@ void RefusePinnedSignature(const std::wstring& program, KeySet general, KeySet r
   if (lock == nullptr) {
     throw std::runtime_error("cannot read " + Utf8(program) + " to check its signature");
   }
-  std::vector<SignatureRecord> records = helper.CollectSignatures(program, SignatureKind::Catalog);
-  const auto embedded = helper.CollectSignatures(program, SignatureKind::Embedded);
-  records.insert(records.end(), embedded.begin(), embedded.end());
+  const std::vector<SignatureRecord> records = helper.CollectSignatures(program);
   if (VxAuthenticodeHelper::IsTrustedByWindows(records) &&
       (VxAuthenticodeHelper::IsKeyPinned(records, general) ||
        VxAuthenticodeHelper::IsKeyPinned(records, restricted))) {

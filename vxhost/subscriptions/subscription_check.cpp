@@ -371,8 +371,7 @@ class Checker {
   template <typename Fault>
   void CheckSignatures(const std::wstring& key, const std::wstring& path, const Fault& fault) {
     const Tessel::Security::FileTrust trust = Tessel::Security::VerifyFile(path, keys);
-    std::vector<Tessel::Security::SignatureRecord> records = trust.catalogSignatures;
-    records.insert(records.end(), trust.embeddedSignatures.begin(), trust.embeddedSignatures.end());
+    const std::vector<Tessel::Security::SignatureRecord>& records = trust.signatures;
     const std::vector<Certificate> certificates = CertificatesIn(path);
     if (records.empty() && certificates.empty()) {
       fault(kPinnedSignature, L"is not signed");
