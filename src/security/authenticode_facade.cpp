@@ -1,6 +1,7 @@
 #include "security/authenticode_facade.h"
 
 #include "host/logging.h"
+#include "platform/processes.h"
 #include "security/file_trust.h"
 
 namespace Vx::Tessel::Security {
@@ -10,6 +11,11 @@ using Server::Records::Reason;
 namespace {
 
 constexpr wchar_t kCheckFailed[] = L"Security - %S - the check failed, not trusted";
+
+// Windows parses the first word of a command line by special rules (it ignores quotes inside the
+// word). Another word in front turns the original first word into an ordinary argument.
+constexpr wchar_t kWordInFront[] = L"test.exe ";
+constexpr std::size_t kMaxCommandLine = 32767;
 
 // The only exception boundary of a trust check. Every failure inside it means "not trusted".
 template <typename Check>
@@ -40,6 +46,19 @@ bool VxAuthenticodeFacade::IsFileTrustedRestricted(const wchar_t* path) {
 
 bool VxAuthenticodeFacade::IsDropboxFileTrusted(const wchar_t* path) {
   return CatchAndLog("IsDropboxFileTrusted", path, &VerifyDropboxFile) == Reason::None;
+}
+
+bool IsCommandLineTrusted(VxAuthenticodeFacadeBase& facade,
+                          const std::wstring& commandLine) noexcept {
+  try {
+    if (commandLine.size() > kMaxCommandLine) return false;
+    // Windows stops reading at a NUL, so the text after it would not be checked.
+    if (commandLine.find(L'\0') != std::wstring::npos) return false;
+    const auto words = Platform::SplitCommandLine(kWordInFront + commandLine);
+    return words.size() > 1 && facade.IsFileTrusted(words[1].c_str());
+  } catch (...) {
+    return false;
+  }
 }
 
 }  // namespace Vx::Tessel::Security

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <string>
+
 #include "records/record.h"
 #include "security/pinned_keys.h"
 
@@ -31,5 +33,10 @@ class VxAuthenticodeFacade final : public VxAuthenticodeFacadeBase {
   bool IsFileTrustedRestricted(const wchar_t* path) override;
   bool IsDropboxFileTrusted(const wchar_t* path) override;
 };
+
+// Returns whether the program of a command line (its first word) passes IsFileTrusted. A path with
+// spaces must be quoted. An empty or overlong command line is not trusted. Does not throw.
+bool IsCommandLineTrusted(VxAuthenticodeFacadeBase& facade,
+                          const std::wstring& commandLine) noexcept;
 
 }  // namespace Vx::Tessel::Security

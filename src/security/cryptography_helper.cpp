@@ -57,12 +57,9 @@ std::uint32_t ResultFromException(Work&& work) noexcept {
 class ExportedHelper final : public Server::Services::VxCryptographyHelper {
  public:
   void* Destroy(unsigned flags) override {
-    void* address = this;
-    if ((flags & 1U) != 0) {
-      delete this;
-    } else {
-      this->~ExportedHelper();
-    }
+    void* const address = this;
+    this->~ExportedHelper();
+    if ((flags & 1U) != 0) ::operator delete(address);
     return address;
   }
 

@@ -1,4 +1,4 @@
-#include "security/command_line_check.h"
+#include "security/authenticode_facade.h"
 
 #include "support/test.h"
 
