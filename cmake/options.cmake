@@ -81,6 +81,9 @@ if(WIN32)
   vx_delayed_import(crypt32 CertAddEncodedCertificateToStore CertCloseStore CertDeleteCertificateFromStore
     CertEnumCertificatesInStore CertFindCertificateInStore CertGetNameStringW CertNameToStrW CertOpenStore
     CryptDecodeObject CryptHashCertificate CryptProtectData CryptQueryObject CryptUnprotectData)
+  vx_delayed_import(oleaut32 SafeArrayCreateVector SafeArrayDestroy SafeArrayGetElement SafeArrayPutElement
+    SysAllocString SysFreeString VariantClear)
+  vx_delayed_import(userenv CreateEnvironmentBlock DestroyEnvironmentBlock ExpandEnvironmentStringsForUserW)
   vx_delayed_import(version GetFileVersionInfoSizeW GetFileVersionInfoW VerQueryValueW)
   vx_delayed_import(wtsapi32 WTSFreeMemory WTSQuerySessionInformationW WTSQueryUserToken)
 endif()

@@ -5,8 +5,8 @@
 #include <oleauto.h>
 #include <wbemcli.h>
 
-#include "platform/windows/automation.h"
 #include "platform/windows/capabilities.h"
+#include "platform/windows/deferred_library.h"
 
 namespace Vx::Platform {
 
@@ -28,7 +28,8 @@ class RealCom final : public Com {
 
   std::int32_t CreateWbemLocator(IWbemLocator** locator) override {
     // WMI needs this library. If it is missing, MakeText would appear to run out of memory.
-    if (Automation().Find<void>("SysAllocString") == nullptr) {
+    static DeferredLibrary automation(L"oleaut32.dll");
+    if (automation.Find<void>("SysAllocString") == nullptr) {
       return HRESULT_FROM_WIN32(GetLastError());
     }
     void* created = nullptr;
@@ -44,29 +45,19 @@ class RealCom final : public Com {
                              EOAC_NONE);
   }
 
-  wchar_t* MakeText(const wchar_t* text) override {
-    auto* make = Automation().Find<decltype(SysAllocString)>("SysAllocString");
-    return make == nullptr ? nullptr : make(text);
-  }
+  wchar_t* MakeText(const wchar_t* text) override { return SysAllocString(text); }
 
   tagSAFEARRAY* MakeByteArray(std::uint32_t count) override {
-    auto* make = Automation().Find<decltype(SafeArrayCreateVector)>("SafeArrayCreateVector");
-    return make == nullptr ? nullptr : make(VT_UI1, 0, count);
+    return SafeArrayCreateVector(VT_UI1, 0, count);
   }
 
   std::int32_t PutByte(tagSAFEARRAY* bytes, std::int32_t index, std::uint8_t value) override {
-    auto* put = Automation().Find<decltype(SafeArrayPutElement)>("SafeArrayPutElement");
     LONG at = index;
-    return put == nullptr ? HRESULT_FROM_WIN32(GetLastError()) : put(bytes, &at, &value);
+    return SafeArrayPutElement(bytes, &at, &value);
   }
 };
 
 }  // namespace
-
-DeferredLibrary& Automation() noexcept {
-  static DeferredLibrary oleaut32(L"oleaut32.dll");
-  return oleaut32;
-}
 
 Com& WindowsCom() {
   static RealCom com;

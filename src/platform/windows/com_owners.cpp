@@ -1,27 +1,21 @@
 #include "platform/com_owners.h"
 
-#include "platform/windows/automation.h"
-
 namespace Vx::Platform {
 
 namespace {
 
-// If `content` owns anything, this library created it and is therefore loaded.
 void Clear(VARIANT& content) noexcept {
-  auto* clear = Automation().Find<decltype(VariantClear)>("VariantClear");
-  if (clear == nullptr || FAILED(clear(&content))) content = {};
+  if (FAILED(VariantClear(&content))) content = {};
 }
 
 }  // namespace
 
 void BstrFreer::operator()(wchar_t* text) const noexcept {
-  auto* free = Automation().Find<decltype(SysFreeString)>("SysFreeString");
-  if (free != nullptr) free(text);
+  SysFreeString(text);
 }
 
 void SafeArrayDestroyer::operator()(SAFEARRAY* array) const noexcept {
-  auto* destroy = Automation().Find<decltype(SafeArrayDestroy)>("SafeArrayDestroy");
-  if (destroy != nullptr) destroy(array);
+  SafeArrayDestroy(array);
 }
 
 Variant::~Variant() {
@@ -86,9 +80,8 @@ ByteArrayBounds BoundsOf(const SAFEARRAY& bytes) noexcept {
 }
 
 std::int32_t ReadByte(SAFEARRAY* bytes, std::int32_t index, std::uint8_t& element) noexcept {
-  auto* get = Automation().Find<decltype(SafeArrayGetElement)>("SafeArrayGetElement");
   LONG at = index;
-  return get == nullptr ? HRESULT_FROM_WIN32(GetLastError()) : get(bytes, &at, &element);
+  return SafeArrayGetElement(bytes, &at, &element);
 }
 
 }  // namespace Vx::Platform

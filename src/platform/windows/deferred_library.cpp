@@ -69,6 +69,8 @@ constinit struct {
 } libraries[] = {
     {"bcrypt.dll", DeferredLibrary(L"bcrypt.dll")},
     {"crypt32.dll", DeferredLibrary(L"crypt32.dll")},
+    {"oleaut32.dll", DeferredLibrary(L"oleaut32.dll")},
+    {"userenv.dll", DeferredLibrary(L"userenv.dll")},
     {"version.dll", DeferredLibrary(L"version.dll")},
     {"wtsapi32.dll", DeferredLibrary(L"wtsapi32.dll")},
 };
@@ -79,6 +81,12 @@ const Value* At(std::uintptr_t offset) {
 }
 
 using Function = INT_PTR WINAPI();
+
+// Returns whether zero, which a missing function would return, means success.
+bool ReturnsStatus(std::string_view function) {
+  return function.starts_with("BCrypt") || function.ends_with("Element") ||
+         function == "VariantClear";
+}
 
 // Both stand in for a missing function, whatever its arguments.
 INT_PTR WINAPI FailWithLastError() {
@@ -109,5 +117,5 @@ extern "C" FARPROC WINAPI __delayLoadHelper2(PCImgDelayDescr from, FARPROC* entr
     if (known.name != file) continue;
     if (auto* const function = known.library.Find<Function>(name.data())) return function;
   }
-  return name.starts_with("BCrypt") ? &FailWithStatus : &FailWithLastError;
+  return ReturnsStatus(name) ? &FailWithStatus : &FailWithLastError;
 }

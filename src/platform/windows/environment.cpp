@@ -10,20 +10,10 @@
 #include <userenv.h>
 
 #include "platform/windows/capabilities.h"
-#include "platform/windows/deferred_library.h"
 
 namespace Vx::Platform {
 
 namespace {
-
-DeferredLibrary userenv(L"userenv.dll");
-
-struct BlockDestroyer {
-  void operator()(void* block) const noexcept {
-    auto* destroy = userenv.Find<decltype(DestroyEnvironmentBlock)>("DestroyEnvironmentBlock");
-    if (destroy != nullptr) destroy(block);
-  }
-};
 
 using Text = Result<std::wstring>;
 
@@ -71,9 +61,8 @@ class RealEnvironment final : public Environment {
     // Room for the longest string, because Wine reports success for a buffer that is too small and
     // leaves a truncated string in it.
     std::vector<wchar_t> buffer(kMaxText);
-    auto* expand = userenv.Find<decltype(ExpandEnvironmentStringsForUserW)>(
-        "ExpandEnvironmentStringsForUserW");
-    if (expand == nullptr || expand(token, text.c_str(), buffer.data(), Count(buffer)) == FALSE) {
+    if (ExpandEnvironmentStringsForUserW(token, text.c_str(), buffer.data(), Count(buffer)) ==
+        FALSE) {
       return Failure(GetLastError());
     }
     return TextIn(buffer, std::min(maxChars, kMaxText));
@@ -81,9 +70,9 @@ class RealEnvironment final : public Environment {
 
   Result<std::vector<wchar_t>> Block(RawHandle token) const override {
     void* raw = nullptr;
-    auto* create = userenv.Find<decltype(CreateEnvironmentBlock)>("CreateEnvironmentBlock");
-    if (create == nullptr || create(&raw, token, FALSE) == FALSE) return Failure(GetLastError());
-    const std::unique_ptr<void, BlockDestroyer> owner(raw);
+    if (CreateEnvironmentBlock(&raw, token, FALSE) == FALSE) return Failure(GetLastError());
+    const std::unique_ptr<void, decltype(&DestroyEnvironmentBlock)> owner(raw,
+                                                                          &DestroyEnvironmentBlock);
     const auto* first = static_cast<const wchar_t*>(raw);
     const wchar_t* end = first;
     while (*end != L'\0') end += std::wcslen(end) + 1;
