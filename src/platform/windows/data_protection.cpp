@@ -15,45 +15,35 @@ namespace {
 
 using Bytes = std::vector<std::byte>;
 
-// The call takes a non-const pointer but only reads.
-DATA_BLOB BlobOf(std::span<const std::byte> bytes) {
+// Returns what `call`, which encrypts or decrypts, makes of `bytes`.
+template <typename Call>
+Result<Bytes> Convert(std::span<const std::byte> bytes, Call call) {
+  if (bytes.size() > std::numeric_limits<DWORD>::max()) return Failure(ERROR_INVALID_PARAMETER);
+  // The call takes a non-const pointer but only reads.
   auto* data = const_cast<std::byte*>(bytes.data());
-  return {static_cast<DWORD>(bytes.size()), reinterpret_cast<BYTE*>(data)};
-}
-
-Bytes TakeBlob(const DATA_BLOB& blob) {
-  const UniqueLocalMemory<void> owner(blob.pbData);
-  const auto* first = reinterpret_cast<const std::byte*>(blob.pbData);
-  return Bytes(first, first + blob.cbData);
-}
-
-bool FitsBlob(std::span<const std::byte> bytes) {
-  return bytes.size() <= std::numeric_limits<DWORD>::max();
+  DATA_BLOB in{static_cast<DWORD>(bytes.size()), reinterpret_cast<BYTE*>(data)};
+  DATA_BLOB out{};
+  if (call(&in, &out) == FALSE) return Failure(GetLastError());
+  const UniqueLocalMemory<void> owner(out.pbData);
+  const auto* first = reinterpret_cast<const std::byte*>(out.pbData);
+  return Bytes(first, first + out.cbData);
 }
 
 class RealDataProtection final : public DataProtection {
  public:
   Result<Bytes> Protect(std::span<const std::byte> plain,
                         const std::wstring& description) const override {
-    if (!FitsBlob(plain)) return Failure(ERROR_INVALID_PARAMETER);
-    DATA_BLOB in = BlobOf(plain);
-    DATA_BLOB out{};
-    if (CryptProtectData(&in, description.c_str(), nullptr, nullptr, nullptr,
-                         CRYPTPROTECT_LOCAL_MACHINE, &out) == 0) {
-      return Failure(GetLastError());
-    }
-    return TakeBlob(out);
+    return Convert(plain, [&](DATA_BLOB* in, DATA_BLOB* out) {
+      return CryptProtectData(in, description.c_str(), nullptr, nullptr, nullptr,
+                              CRYPTPROTECT_LOCAL_MACHINE, out);
+    });
   }
 
   Result<Bytes> Unprotect(std::span<const std::byte> sealed) const override {
-    if (!FitsBlob(sealed)) return Failure(ERROR_INVALID_PARAMETER);
-    DATA_BLOB in = BlobOf(sealed);
-    DATA_BLOB out{};
-    if (CryptUnprotectData(&in, nullptr, nullptr, nullptr, nullptr, CRYPTPROTECT_LOCAL_MACHINE,
-                           &out) == 0) {
-      return Failure(GetLastError());
-    }
-    return TakeBlob(out);
+    return Convert(sealed, [](DATA_BLOB* in, DATA_BLOB* out) {
+      return CryptUnprotectData(in, nullptr, nullptr, nullptr, nullptr, CRYPTPROTECT_LOCAL_MACHINE,
+                                out);
+    });
   }
 };
 
