@@ -17,17 +17,6 @@ namespace {
 constexpr char kCannotStart[] = "cannot start a thread";
 constexpr char kNotJoinable[] = "the thread is not joinable";
 
-void CountIn(InstalledMachine& installed) {
-  installed.workers.fetch_add(1);
-  installed.machine.clock->WorkerStarting();
-}
-
-// Notifies the clock first, because the clock's scope may end once the worker is no longer counted.
-void CountOut(InstalledMachine& installed) noexcept {
-  installed.machine.clock->WorkerEnded();
-  installed.workers.fetch_sub(1);
-}
-
 void TakeBack(InstalledMachine& installed) noexcept {
   installed.machine.clock->WorkerNotStarted();
   installed.workers.fetch_sub(1);
@@ -35,14 +24,18 @@ void TakeBack(InstalledMachine& installed) noexcept {
 
 UniqueHandle StartWorker(std::function<void()> body) {
   InstalledMachine& installed = CurrentInstalled();
-  CountIn(installed);
+  installed.workers.fetch_add(1);
+  installed.machine.clock->WorkerStarting();
   try {
     auto started = installed.machine.threads->Start([&installed, body = std::move(body)]() mutable {
       AdoptMachine(installed);
       installed.machine.clock->WorkerStarted();
       body();
       body = nullptr;  // destroyed while the worker is still counted
-      CountOut(installed);
+      // Notifies the clock first, because the clock's scope may end once the worker is no longer
+      // counted.
+      installed.machine.clock->WorkerEnded();
+      installed.workers.fetch_sub(1);
     });
     if (started) return *std::move(started);
   } catch (...) {

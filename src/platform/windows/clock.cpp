@@ -26,12 +26,10 @@ class RealClock final : public Clock {
   }
 
   void Sleep(Duration length) override {
-    std::int64_t left = length.count();
-    do {
-      const std::int64_t part = std::clamp<std::int64_t>(left, 0, kLongestWait);
-      ::Sleep(static_cast<DWORD>(part));
-      left -= part;
-    } while (left > 0);
+    InParts(length, [](DWORD part) {
+      ::Sleep(part);
+      return DWORD{WAIT_TIMEOUT};
+    });
   }
 
   WaitResult Wait(RawHandle handle, std::optional<Duration> length) override {

@@ -57,28 +57,6 @@ ThreadSlot& WorkerSlot() noexcept {
   return slot;
 }
 
-Machine Assemble() {
-  Machine machine;
-  machine.apiSets = &WindowsApiSets();
-  machine.appServices = &WindowsAppServices();
-  machine.clock = &WindowsClock();
-  machine.com = &WindowsCom();
-  machine.dataProtection = &WindowsDataProtection();
-  machine.environment = &WindowsEnvironment();
-  machine.files = &WindowsFiles();
-  machine.kernelObjects = &WindowsKernelObjects();
-  machine.lockdownPolicy = &WindowsLockdownPolicy();
-  machine.oobe = &WindowsOobe();
-  machine.packages = &WindowsPackages();
-  machine.processes = &WindowsProcesses();
-  machine.registry = &WindowsRegistry();
-  machine.sessions = &WindowsSessions();
-  machine.systemTriggers = &WindowsSystemTriggers();
-  machine.threads = &WindowsThreads();
-  machine.trustProvider = &WindowsTrustProvider();
-  return machine;
-}
-
 InstalledMachine& RealInstalled() noexcept {
   static InstalledMachine real{.machine = WindowsMachine()};
   return real;
@@ -117,7 +95,25 @@ const Machine& CurrentMachine() noexcept {
 }
 
 const Machine& WindowsMachine() noexcept {
-  static const Machine machine = Assemble();
+  static const Machine machine{
+      .apiSets = &WindowsApiSets(),
+      .appServices = &WindowsAppServices(),
+      .clock = &WindowsClock(),
+      .com = &WindowsCom(),
+      .dataProtection = &WindowsDataProtection(),
+      .environment = &WindowsEnvironment(),
+      .files = &WindowsFiles(),
+      .kernelObjects = &WindowsKernelObjects(),
+      .lockdownPolicy = &WindowsLockdownPolicy(),
+      .oobe = &WindowsOobe(),
+      .packages = &WindowsPackages(),
+      .processes = &WindowsProcesses(),
+      .registry = &WindowsRegistry(),
+      .sessions = &WindowsSessions(),
+      .systemTriggers = &WindowsSystemTriggers(),
+      .threads = &WindowsThreads(),
+      .trustProvider = &WindowsTrustProvider(),
+  };
   return machine;
 }
 
