@@ -1,6 +1,8 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
+#include <string_view>
 
 #include <roapi.h>
 #include <windows.h>
@@ -29,6 +31,24 @@ struct EventToken {
   std::int64_t value = 0;
 };
 
+// Returns the identifier written as `text`, in lower case and without braces.
+consteval GUID Guid(std::string_view text) {
+  std::uint64_t halves[2] = {};  // of the 32 digits
+  std::size_t digits = 0;
+  for (const char c : text) {
+    if (c == '-') continue;
+    const auto digit = static_cast<unsigned>(c <= '9' ? c - '0' : c - 'a' + 10);
+    std::uint64_t& half = halves[digits++ / 16];
+    half = half << 4 | digit;
+  }
+  GUID guid{static_cast<std::uint32_t>(halves[0] >> 32),
+            static_cast<std::uint16_t>(halves[0] >> 16),
+            static_cast<std::uint16_t>(halves[0]),
+            {}};
+  for (int i = 0; i < 8; ++i) guid.Data4[i] = static_cast<unsigned char>(halves[1] >> (56 - 8 * i));
+  return guid;
+}
+
 template <typename T>
 const GUID& IidOf() noexcept {
   if constexpr (requires { T::kIid; }) {
@@ -41,8 +61,7 @@ const GUID& IidOf() noexcept {
 enum class AsyncStatus : std::int32_t { Started = 0, Completed = 1, Canceled = 2, Error = 3 };
 
 struct IAsyncInfo : IInspectable {
-  static constexpr GUID kIid{
-      0x00000036, 0x0000, 0x0000, {0xc0, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x46}};
+  static constexpr GUID kIid = Guid("00000036-0000-0000-c000-000000000046");
 
   VX_PLACE(get_Id)
   virtual HRESULT STDMETHODCALLTYPE get_Status(AsyncStatus* status) = 0;
@@ -91,8 +110,7 @@ struct IIterable : IInspectable {
 
 // IMap<String, Object>.
 struct IStringMap : IInspectable {
-  static constexpr GUID kIid{
-      0x1b0d3570, 0x0877, 0x5ec2, {0x8a, 0x2c, 0x3b, 0x95, 0x39, 0x50, 0x6a, 0xca}};
+  static constexpr GUID kIid = Guid("1b0d3570-0877-5ec2-8a2c-3b9539506aca");
 
   virtual HRESULT STDMETHODCALLTYPE Lookup(HSTRING key, IInspectable** value) = 0;
   VX_PLACE(get_Size)
@@ -103,8 +121,7 @@ struct IStringMap : IInspectable {
 
 // The default interface of a ValueSet. Has no methods of its own.
 struct IPropertySet : IInspectable {
-  static constexpr GUID kIid{
-      0x8a43ed9f, 0xf4e6, 0x4421, {0xac, 0xf9, 0x1d, 0xab, 0x29, 0x86, 0x82, 0x0c}};
+  static constexpr GUID kIid = Guid("8a43ed9f-f4e6-4421-acf9-1dab2986820c");
 };
 
 inline constexpr wchar_t kValueSetClass[] = L"Windows.Foundation.Collections.ValueSet";
@@ -114,8 +131,7 @@ inline constexpr wchar_t kPropertyValueClass[] = L"Windows.Foundation.PropertyVa
 enum class PropertyType : std::int32_t { Empty = 0, String = 12 };
 
 struct IPropertyValueStatics : IInspectable {
-  static constexpr GUID kIid{
-      0x629bdbc8, 0xd932, 0x4ff4, {0x96, 0xb9, 0x8d, 0x96, 0xc5, 0xc1, 0xe8, 0x58}};
+  static constexpr GUID kIid = Guid("629bdbc8-d932-4ff4-96b9-8d96c5c1e858");
 
   VX_PLACE(CreateEmpty)
   VX_PLACE(CreateUInt8)
@@ -133,8 +149,7 @@ struct IPropertyValueStatics : IInspectable {
 };
 
 struct IPropertyValue : IInspectable {
-  static constexpr GUID kIid{
-      0x4bd682dd, 0x7554, 0x40e9, {0x9a, 0x9b, 0x82, 0x65, 0x4e, 0xde, 0x7e, 0x62}};
+  static constexpr GUID kIid = Guid("4bd682dd-7554-40e9-9a9b-82654ede7e62");
 
   virtual HRESULT STDMETHODCALLTYPE get_Type(PropertyType* type) = 0;
   VX_PLACE(get_IsNumericScalar)
@@ -153,8 +168,7 @@ struct IPropertyValue : IInspectable {
 };
 
 struct IPackageId : IInspectable {
-  static constexpr GUID kIid{
-      0x1adb665e, 0x37c7, 0x4790, {0x99, 0x80, 0xdd, 0x7a, 0xe7, 0x4e, 0x8b, 0xb2}};
+  static constexpr GUID kIid = Guid("1adb665e-37c7-4790-9980-dd7ae74e8bb2");
 
   VX_PLACE(get_Name)
   VX_PLACE(get_Version)
@@ -167,8 +181,7 @@ struct IPackageId : IInspectable {
 };
 
 struct IPackage : IInspectable {
-  static constexpr GUID kIid{
-      0x163c792f, 0xbd75, 0x413c, {0xbf, 0x23, 0xb1, 0xfe, 0x7b, 0x95, 0xd8, 0x25}};
+  static constexpr GUID kIid = Guid("163c792f-bd75-413c-bf23-b1fe7b95d825");
 
   virtual HRESULT STDMETHODCALLTYPE get_Id(IPackageId** id) = 0;
 };
@@ -177,19 +190,16 @@ using IPackageIterable = IIterable<IPackage*>;
 using IPackageIterator = IIterator<IPackage*>;
 
 template <>
-inline constexpr GUID IPackageIterable::kIid{
-    0x69ad6aa7, 0x0c49, 0x5f27, {0xa5, 0xeb, 0xef, 0x4d, 0x59, 0x46, 0x7b, 0x6d}};
+inline constexpr GUID IPackageIterable::kIid = Guid("69ad6aa7-0c49-5f27-a5eb-ef4d59467b6d");
 template <>
-inline constexpr GUID IPackageIterator::kIid{
-    0x0217f069, 0x025c, 0x5ee6, {0xa8, 0x7f, 0xe7, 0x82, 0xe3, 0xb6, 0x23, 0xae}};
+inline constexpr GUID IPackageIterator::kIid = Guid("0217f069-025c-5ee6-a87f-e782e3b623ae");
 
 inline constexpr wchar_t kPackageManagerClass[] = L"Windows.Management.Deployment.PackageManager";
 
 enum class DeploymentOptions : std::uint32_t { None = 0 };
 
 struct IDeploymentResult : IInspectable {
-  static constexpr GUID kIid{
-      0x2563b9ae, 0xb77d, 0x4c1f, {0x8a, 0x7b, 0x20, 0xe6, 0xad, 0x51, 0x5e, 0xf3}};
+  static constexpr GUID kIid = Guid("2563b9ae-b77d-4c1f-8a7b-20e6ad515ef3");
 
   virtual HRESULT STDMETHODCALLTYPE get_ErrorText(HSTRING* text) = 0;
   VX_PLACE(get_ActivityId)
@@ -202,8 +212,7 @@ struct IDeploymentOperation;
 struct IDeploymentCompletedHandler : IUnknown {
   using Sender = IDeploymentOperation*;
   using Argument = AsyncStatus;
-  static constexpr GUID kIid{
-      0x6e1c7129, 0x61e0, 0x5d88, {0x9f, 0xd4, 0xf3, 0xce, 0x65, 0xa0, 0x57, 0x19}};
+  static constexpr GUID kIid = Guid("6e1c7129-61e0-5d88-9fd4-f3ce65a05719");
 
   virtual HRESULT STDMETHODCALLTYPE Invoke(Sender operation, Argument status) = 0;
 };
@@ -211,8 +220,7 @@ struct IDeploymentCompletedHandler : IUnknown {
 // IAsyncOperationWithProgress<DeploymentResult, DeploymentProgress>.
 struct IDeploymentOperation : IInspectable {
   using Handler = IDeploymentCompletedHandler;
-  static constexpr GUID kIid{
-      0x5a97aab7, 0xb6ea, 0x55ac, {0xa5, 0xdc, 0xd5, 0xb1, 0x64, 0xd9, 0x4e, 0x94}};
+  static constexpr GUID kIid = Guid("5a97aab7-b6ea-55ac-a5dc-d5b164d94e94");
 
   VX_PLACE(put_Progress)
   VX_PLACE(get_Progress)
@@ -222,8 +230,7 @@ struct IDeploymentOperation : IInspectable {
 };
 
 struct IPackageManager : IInspectable {
-  static constexpr GUID kIid{
-      0x9a7d4b65, 0x5e8f, 0x4fc7, {0xa2, 0xe5, 0x7f, 0x69, 0x25, 0xcb, 0x8b, 0x53}};
+  static constexpr GUID kIid = Guid("9a7d4b65-5e8f-4fc7-a2e5-7f6925cb8b53");
 
   VX_PLACE(AddPackageAsync)
   VX_PLACE(UpdatePackageAsync)
@@ -245,8 +252,7 @@ struct IPackageManager : IInspectable {
 };
 
 struct IPackageManager2 : IInspectable {
-  static constexpr GUID kIid{
-      0xf7aad08d, 0x0840, 0x46f2, {0xb5, 0xd8, 0xca, 0xd4, 0x76, 0x93, 0xa0, 0x95}};
+  static constexpr GUID kIid = Guid("f7aad08d-0840-46f2-b5d8-cad47693a095");
 
   VX_PLACE(RemovePackageWithOptionsAsync)
   VX_PLACE(StagePackageWithOptionsAsync)
@@ -259,8 +265,7 @@ struct IPackageManager2 : IInspectable {
 inline constexpr wchar_t kPackageCatalogClass[] = L"Windows.ApplicationModel.PackageCatalog";
 
 struct IPackageUninstallingEventArgs : IInspectable {
-  static constexpr GUID kIid{
-      0x4443aa52, 0xab22, 0x44cd, {0x82, 0xbb, 0x4e, 0xc9, 0xb8, 0x27, 0x36, 0x7a}};
+  static constexpr GUID kIid = Guid("4443aa52-ab22-44cd-82bb-4ec9b827367a");
 
   VX_PLACE(get_ActivityId)
   virtual HRESULT STDMETHODCALLTYPE get_Package(IPackage** package) = 0;
@@ -274,15 +279,13 @@ struct IPackageCatalog;
 struct IPackageUninstallingHandler : IUnknown {
   using Sender = IPackageCatalog*;
   using Argument = IPackageUninstallingEventArgs*;
-  static constexpr GUID kIid{
-      0xbd636cf1, 0x541f, 0x53ea, {0x8e, 0xfc, 0xe1, 0x60, 0x4a, 0x39, 0x5b, 0x1a}};
+  static constexpr GUID kIid = Guid("bd636cf1-541f-53ea-8efc-e1604a395b1a");
 
   virtual HRESULT STDMETHODCALLTYPE Invoke(Sender catalog, Argument arguments) = 0;
 };
 
 struct IPackageCatalog : IInspectable {
-  static constexpr GUID kIid{
-      0x230a3751, 0x9de3, 0x4445, {0xbe, 0x74, 0x91, 0xfb, 0x32, 0x5a, 0xbe, 0xfe}};
+  static constexpr GUID kIid = Guid("230a3751-9de3-4445-be74-91fb325abefe");
 
   VX_PLACE(add_PackageStaging)
   VX_PLACE(remove_PackageStaging)
@@ -296,8 +299,7 @@ struct IPackageCatalog : IInspectable {
 };
 
 struct IPackageCatalogStatics : IInspectable {
-  static constexpr GUID kIid{
-      0xa18c9696, 0xe65b, 0x4634, {0xba, 0x21, 0x5e, 0x63, 0xeb, 0x72, 0x44, 0xa7}};
+  static constexpr GUID kIid = Guid("a18c9696-e65b-4634-ba21-5e63eb7244a7");
 
   VX_PLACE(OpenForCurrentPackage)
   virtual HRESULT STDMETHODCALLTYPE OpenForCurrentUser(IPackageCatalog** catalog) = 0;
@@ -310,8 +312,7 @@ enum class AppServiceConnectionStatus : std::int32_t { Success = 0 };
 enum class AppServiceResponseStatus : std::int32_t { Success = 0 };
 
 struct IAppServiceResponse : IInspectable {
-  static constexpr GUID kIid{
-      0x8d503cec, 0x9aa3, 0x4e68, {0x95, 0x59, 0x9d, 0xe6, 0x3e, 0x37, 0x2c, 0xe4}};
+  static constexpr GUID kIid = Guid("8d503cec-9aa3-4e68-9559-9de63e372ce4");
 
   virtual HRESULT STDMETHODCALLTYPE get_Message(IPropertySet** message) = 0;
   virtual HRESULT STDMETHODCALLTYPE get_Status(AppServiceResponseStatus* status) = 0;
@@ -321,21 +322,18 @@ using IAppServiceOpenOperation = IAsyncOperation<AppServiceConnectionStatus>;
 using IAppServiceSendOperation = IAsyncOperation<IAppServiceResponse*>;
 
 template <>
-inline constexpr GUID IAppServiceOpenOperation::kIid{
-    0x0d0e6663, 0x2639, 0x5a9a, {0x9c, 0xbc, 0x30, 0xd7, 0xd4, 0xce, 0x53, 0x3b}};
+inline constexpr GUID IAppServiceOpenOperation::kIid = Guid("0d0e6663-2639-5a9a-9cbc-30d7d4ce533b");
 template <>
-inline constexpr GUID IAppServiceOpenOperation::Handler::kIid{
-    0xb6c6bbf2, 0x72ca, 0x5799, {0xa6, 0x51, 0xd1, 0x99, 0x06, 0x70, 0x09, 0x7b}};
+inline constexpr GUID IAppServiceOpenOperation::Handler::kIid =
+    Guid("b6c6bbf2-72ca-5799-a651-d1990670097b");
 template <>
-inline constexpr GUID IAppServiceSendOperation::kIid{
-    0x48755a7c, 0xc88f, 0x5ef0, {0x9b, 0x4c, 0x87, 0x6f, 0xcc, 0x26, 0x10, 0xb4}};
+inline constexpr GUID IAppServiceSendOperation::kIid = Guid("48755a7c-c88f-5ef0-9b4c-876fcc2610b4");
 template <>
-inline constexpr GUID IAppServiceSendOperation::Handler::kIid{
-    0x7ea7d7ec, 0xe164, 0x52c3, {0x8e, 0x32, 0xbb, 0xa7, 0x12, 0x6d, 0x90, 0x28}};
+inline constexpr GUID IAppServiceSendOperation::Handler::kIid =
+    Guid("7ea7d7ec-e164-52c3-8e32-bba7126d9028");
 
 struct IAppServiceConnection : IInspectable {
-  static constexpr GUID kIid{
-      0x9dd474a2, 0x871f, 0x4d52, {0x89, 0xa9, 0x9e, 0x09, 0x05, 0x31, 0xbd, 0x27}};
+  static constexpr GUID kIid = Guid("9dd474a2-871f-4d52-89a9-9e090531bd27");
 
   VX_PLACE(get_AppServiceName)
   virtual HRESULT STDMETHODCALLTYPE put_AppServiceName(HSTRING name) = 0;
@@ -347,8 +345,7 @@ struct IAppServiceConnection : IInspectable {
 };
 
 struct IClosable : IInspectable {
-  static constexpr GUID kIid{
-      0x30d5a829, 0x7fa4, 0x4026, {0x83, 0xbb, 0xd7, 0x5b, 0xae, 0x4e, 0xa9, 0x9e}};
+  static constexpr GUID kIid = Guid("30d5a829-7fa4-4026-83bb-d75bae4ea99e");
 
   virtual HRESULT STDMETHODCALLTYPE Close() = 0;
 };

@@ -1,7 +1,5 @@
 #include "platform/winrt/winrt_calls.h"
 
-#include <utility>
-
 #include "platform/machine.h"
 
 #include <windows.h>
@@ -10,17 +8,12 @@ namespace Vx::Platform {
 
 Abi::HString MakeString(std::wstring_view text) {
   Abi::HString result;
-  Check(result.Assign(text), L"WindowsCreateString");
+  const auto length = static_cast<std::uint32_t>(text.size());
+  Check(WindowsCreateString(text.data(), length, result.Receive()), L"WindowsCreateString");
   return result;
 }
 
 namespace Detail {
-
-SharedHandle MakeCompletionEvent() {
-  UniqueHandle event(CreateEventW(nullptr, TRUE, FALSE, nullptr));
-  if (!event) throw WindowsRuntimeError(HRESULT_FROM_WIN32(GetLastError()), L"CreateEvent");
-  return event;
-}
 
 AsyncOutcome AwaitCompletion(Abi::IAsyncInfo& operation, RawHandle completed,
                              Clock::Duration limit) {

@@ -23,12 +23,8 @@ void CheckMade(HRESULT result, const Abi::ComPtr<T>& object, const wchar_t* call
 }
 
 // Enters the multithreaded apartment for a scope. Throws on failure.
-class ApartmentScope {
- public:
-  ApartmentScope() { Check(apartment.Result(), L"RoInitialize"); }
-
- private:
-  Abi::Apartment apartment;
+struct ApartmentScope : Abi::Apartment {
+  ApartmentScope() { Check(Result(), L"RoInitialize"); }
 };
 
 Abi::HString MakeString(std::wstring_view text);
@@ -60,7 +56,6 @@ struct AsyncOutcome {
 
 namespace Detail {
 
-SharedHandle MakeCompletionEvent();
 AsyncOutcome AwaitCompletion(Abi::IAsyncInfo& operation, RawHandle completed,
                              Clock::Duration limit);
 
@@ -75,7 +70,8 @@ AsyncOutcome Await(const Abi::ComPtr<Operation>& operation, Clock::Duration limi
   Abi::ComPtr<Abi::IAsyncInfo> info;
   Check(Abi::Query(operation, info), L"IAsyncInfo");
   // Shared with the handler, which the system may still call after the wait has ended.
-  const SharedHandle completed = Detail::MakeCompletionEvent();
+  const SharedHandle completed(UniqueHandle(CreateEventW(nullptr, TRUE, FALSE, nullptr)));
+  if (!completed) throw WindowsRuntimeError(HRESULT_FROM_WIN32(GetLastError()), L"CreateEvent");
   const auto handler = Abi::MakeDelegate<Handler>(
       [completed](typename Handler::Sender, typename Handler::Argument) noexcept -> HRESULT {
         SetEvent(completed.get());

@@ -28,15 +28,6 @@ class HString {
   }
   ~HString() { WindowsDeleteString(handle); }
 
-  // Copies `text`. Keeps the old content on failure.
-  HRESULT Assign(std::wstring_view text) noexcept {
-    HSTRING copy = nullptr;
-    const HRESULT result =
-        WindowsCreateString(text.data(), static_cast<std::uint32_t>(text.size()), &copy);
-    if (SUCCEEDED(result)) WindowsDeleteString(std::exchange(handle, copy));
-    return result;
-  }
-
   HSTRING* Receive() noexcept {
     WindowsDeleteString(std::exchange(handle, nullptr));
     return &handle;
