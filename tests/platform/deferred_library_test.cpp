@@ -2,7 +2,6 @@
 
 #include "platform/sessions.h"
 #include "platform/windows/capabilities.h"
-#include "platform/windows/system_library.h"
 #include "support/test.h"
 
 namespace Vx::Platform {

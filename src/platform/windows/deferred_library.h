@@ -30,4 +30,13 @@ class DeferredLibrary {
   std::atomic<HMODULE> loaded = nullptr;
 };
 
+// Returns a function of ntdll, kernel32 or kernelbase, which every process has loaded, or null if
+// this Windows lacks it. A missing static import would prevent the whole module from loading.
+template <typename Function>
+Function* SystemFunction(const wchar_t* loadedLibrary, const char* name) noexcept {
+  const HMODULE library = GetModuleHandleW(loadedLibrary);
+  if (library == nullptr) return nullptr;
+  return reinterpret_cast<Function*>(reinterpret_cast<void*>(GetProcAddress(library, name)));
+}
+
 }  // namespace Vx::Platform

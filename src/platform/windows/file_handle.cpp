@@ -24,25 +24,12 @@ constexpr BYTE kDenials[] = {ACCESS_DENIED_ACE_TYPE, ACCESS_DENIED_OBJECT_ACE_TY
 constexpr wchar_t kUnknownEntry[] = L"an entry of another kind";
 
 constexpr DWORD kReadStep = 1U << 30;
-constexpr DWORD kShareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
-
-std::vector<std::byte> ProcessUser() {
-  HANDLE raw = nullptr;
-  if (OpenProcessToken(GetCurrentProcess(), TOKEN_QUERY, &raw) == 0) return {};
-  const UniqueHandle token(raw);
-  DWORD size = 0;
-  GetTokenInformation(token.get(), TokenUser, nullptr, 0, &size);
-  std::vector<std::byte> user(size);
-  if (GetTokenInformation(token.get(), TokenUser, user.data(), size, &size) == 0) return {};
-  return user;
-}
 
 bool IsProcessUser(PSID sid) {
-  const std::vector<std::byte> user = ProcessUser();
-  if (user.size() < sizeof(TOKEN_USER)) return false;
-  TOKEN_USER information;
-  std::memcpy(&information, user.data(), sizeof information);
-  return EqualSid(sid, information.User.Sid) != 0;
+  const auto token = ProcessToken();
+  TokenUserBuffer buffer;
+  const PSID user = token ? UserOf(token->get(), buffer) : nullptr;
+  return user != nullptr && EqualSid(sid, user) != FALSE;
 }
 
 // The offset for a read or write of a file that is opened for synchronous access.
@@ -160,6 +147,22 @@ std::wstring SidText(PSID sid) {
   if (sid == nullptr || ConvertSidToStringSidW(sid, &raw) == FALSE) return {};
   const UniqueLocalMemory<wchar_t> text(raw);
   return text.get();
+}
+
+PSID UserOf(HANDLE token, TokenUserBuffer& buffer) {
+  DWORD size = 0;
+  if (GetTokenInformation(token, TokenUser, buffer.bytes, sizeof buffer.bytes, &size) == FALSE) {
+    return nullptr;
+  }
+  return reinterpret_cast<const TOKEN_USER*>(buffer.bytes)->User.Sid;
+}
+
+Result<UniqueHandle> ProcessToken() {
+  HANDLE raw = nullptr;
+  if (OpenProcessToken(GetCurrentProcess(), TOKEN_QUERY, &raw) == FALSE) {
+    return Failure(GetLastError());
+  }
+  return UniqueHandle(raw);
 }
 
 Result<std::vector<std::byte>> ReadContent(HANDLE file, std::size_t maxBytes) {

@@ -28,20 +28,13 @@ constexpr std::wstring_view kVerbatimPrefix = L"\\\\?\\";
 // Protected: nothing is inherited. S-1-3-4 is Owner Rights.
 constexpr wchar_t kPrivateFolder[] = L"D:P(A;OICI;FA;;;SY)(A;OICI;FA;;;BA)(A;OICI;FA;;;S-1-3-4)";
 
-constexpr DWORD kShareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
 constexpr std::size_t kHashStep = std::size_t{64} * 1024;
 constexpr std::size_t kSha256Bytes = 32;
 
-struct FindCloser {
-  void operator()(HANDLE search) const noexcept { FindClose(search); }
-};
-using UniqueSearch = std::unique_ptr<void, FindCloser>;
+using UniqueSearch = std::unique_ptr<void, decltype(&FindClose)>;
 
 struct AlgorithmCloser {
   void operator()(void* algorithm) const noexcept { BCryptCloseAlgorithmProvider(algorithm, 0); }
-};
-struct HashCloser {
-  void operator()(void* hash) const noexcept { BCryptDestroyHash(hash); }
 };
 
 bool HasWildcard(std::wstring_view path) {
@@ -96,7 +89,7 @@ class RealFiles final : public Files {
     WIN32_FIND_DATAW found;
     const HANDLE raw = FindFirstFileW(path.c_str(), &found);
     if (raw == INVALID_HANDLE_VALUE) return false;
-    const UniqueSearch search(raw);
+    const UniqueSearch search(raw, &FindClose);
     return true;
   }
 
@@ -166,7 +159,7 @@ class RealFiles final : public Files {
     BCRYPT_HASH_HANDLE rawHash = nullptr;
     status = BCryptCreateHash(algorithm.get(), &rawHash, nullptr, 0, nullptr, 0, 0);
     if (status < 0) return Failure(Win32Error(status));
-    const std::unique_ptr<void, HashCloser> hash(rawHash);
+    const std::unique_ptr<void, decltype(&BCryptDestroyHash)> hash(rawHash, &BCryptDestroyHash);
 
     const ErrorCode error = HashContent(file.get(), hash.get());
     if (error != 0) return Failure(error);
@@ -235,7 +228,7 @@ class RealFiles final : public Files {
       if (error != ERROR_FILE_NOT_FOUND && error != ERROR_PATH_NOT_FOUND) return Failure(error);
       return std::vector<std::wstring>();
     }
-    const UniqueSearch search(raw);
+    const UniqueSearch search(raw, &FindClose);
     const std::size_t folderEnd = path.find_last_of(L"\\/") + 1;
     const std::wstring folder = path.substr(0, folderEnd);
     const std::wstring prefix = path.substr(folderEnd) + L".";

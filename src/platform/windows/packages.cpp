@@ -5,37 +5,29 @@
 #include <string>
 #include <vector>
 
-#include "platform/unique_handle.h"
 #include "platform/windows/capabilities.h"
+#include "platform/windows/deferred_library.h"
+#include "platform/windows/file_handle.h"
 #include "platform/windows/package_catalog.h"
-#include "platform/windows/system_library.h"
 #include "platform/winrt/winrt_calls.h"
 
 #include <windows.h>
-
-#include <sddl.h>
 
 namespace Vx::Platform {
 
 namespace {
 
-constexpr std::uint32_t kFilterHead = 0x10;
-constexpr std::uint32_t kFilterDirect = 0x20;
-constexpr std::uint32_t kFilterResource = 0x40;
-constexpr std::uint32_t kFilterBundle = 0x80;
 constexpr std::uint32_t kFamilyFilter =
-    kFilterHead | kFilterDirect | kFilterResource | kFilterBundle;
-
+    0xF0; // head, direct, resource and bundle packages
 constexpr std::uint32_t kInformationBasic = 0;
 
-// In PACKAGE_ID, two 32-bit members precede the version, whose high bits are the major version.
+// In PACKAGE_ID, two 32-bit members precede the version, whose high bits are
+// the major version.
 constexpr std::size_t kVersionOffset = 8;
 
-std::uint32_t Status(long code) {
-  return static_cast<std::uint32_t>(code);
-}
+std::uint32_t Status(long code) { return static_cast<std::uint32_t>(code); }
 
-std::wstring FullNameOf(Abi::IPackage& package) {
+std::wstring FullNameOf(Abi::IPackage &package) {
   Abi::ComPtr<Abi::IPackageId> id;
   CheckMade(package.get_Id(id.Receive()), id, L"IPackage::get_Id");
   Abi::HString name;
@@ -43,16 +35,19 @@ std::wstring FullNameOf(Abi::IPackage& package) {
   return std::wstring(name.View());
 }
 
-std::vector<std::wstring> FullNamesOf(const Abi::ComPtr<Abi::IPackageIterable>& packages) {
+std::vector<std::wstring>
+FullNamesOf(const Abi::ComPtr<Abi::IPackageIterable> &packages) {
   std::vector<std::wstring> names;
-  if (!packages) return names;
+  if (!packages)
+    return names;
   Abi::ComPtr<Abi::IPackageIterator> iterator;
   CheckMade(packages->First(iterator.Receive()), iterator, L"IIterable::First");
   Abi::Boolean more = 0;
   Check(iterator->get_HasCurrent(&more), L"IIterator::get_HasCurrent");
   while (more != 0) {
     Abi::ComPtr<Abi::IPackage> package;
-    CheckMade(iterator->get_Current(package.Receive()), package, L"IIterator::get_Current");
+    CheckMade(iterator->get_Current(package.Receive()), package,
+              L"IIterator::get_Current");
     names.push_back(FullNameOf(*package.Get()));
     more = 0;
     Check(iterator->MoveNext(&more), L"IIterator::MoveNext");
@@ -60,12 +55,15 @@ std::vector<std::wstring> FullNamesOf(const Abi::ComPtr<Abi::IPackageIterable>& 
   return names;
 }
 
-// Reads as much as possible of the deployment's report. A failed operation might not have one.
-void ReadReport(Abi::IDeploymentOperation& operation, PackageRegistration& registration) {
+// Reads as much as possible of the deployment's report. A failed operation
+// might not have one.
+void ReadReport(Abi::IDeploymentOperation &operation,
+                PackageRegistration &registration) {
   Abi::ComPtr<Abi::IDeploymentResult> report;
   const HRESULT read = operation.GetResults(report.Receive());
   if (FAILED(read) || !report) {
-    if (SUCCEEDED(registration.result)) registration.result = FAILED(read) ? read : E_UNEXPECTED;
+    if (SUCCEEDED(registration.result))
+      registration.result = FAILED(read) ? read : E_UNEXPECTED;
     return;
   }
   if (SUCCEEDED(registration.result)) {
@@ -73,16 +71,19 @@ void ReadReport(Abi::IDeploymentOperation& operation, PackageRegistration& regis
     const HRESULT asked = report->get_ExtendedErrorCode(&extended);
     registration.result = FAILED(asked) ? asked : extended;
   }
-  if (SUCCEEDED(registration.result)) return;
+  if (SUCCEEDED(registration.result))
+    return;
   Abi::HString text;
-  if (SUCCEEDED(report->get_ErrorText(text.Receive()))) registration.errorText = text.View();
+  if (SUCCEEDED(report->get_ErrorText(text.Receive())))
+    registration.errorText = text.View();
 }
 
 class RealPackages final : public Packages {
- public:
-  explicit RealPackages(const AppModelFunctions& appModel) : functions(appModel) {}
+public:
+  explicit RealPackages(const AppModelFunctions &appModel)
+      : functions(appModel) {}
 
-  FamilyQuery FindByFamily(const std::wstring& familyName) const override {
+  FamilyQuery FindByFamily(const std::wstring &familyName) const override {
     Packages::FamilyQuery query;
     if (functions.findPackagesByPackageFamily == nullptr) {
       query.sizeError = ERROR_PROC_NOT_FOUND;
@@ -91,36 +92,42 @@ class RealPackages final : public Packages {
     std::uint32_t count = 0;
     std::uint32_t length = 0;
     query.sizeError = Status(functions.findPackagesByPackageFamily(
-        familyName.c_str(), kFamilyFilter, &count, nullptr, &length, nullptr, nullptr));
+        familyName.c_str(), kFamilyFilter, &count, nullptr, &length, nullptr,
+        nullptr));
     query.bufferLength = length;
-    if (length == 0) return query;
+    if (length == 0)
+      return query;
 
-    std::vector<wchar_t*> names(count);
+    std::vector<wchar_t *> names(count);
     std::vector<wchar_t> buffer(length);
     query.error = Status(functions.findPackagesByPackageFamily(
-        familyName.c_str(), kFamilyFilter, &count, names.data(), &length, buffer.data(), nullptr));
-    if (query.error != ERROR_SUCCESS) return query;
+        familyName.c_str(), kFamilyFilter, &count, names.data(), &length,
+        buffer.data(), nullptr));
+    if (query.error != ERROR_SUCCESS)
+      return query;
     for (std::uint32_t i = 0; i < count && i < names.size(); ++i) {
-      if (names[i] != nullptr) query.fullNames.emplace_back(names[i]);
+      if (names[i] != nullptr)
+        query.fullNames.emplace_back(names[i]);
     }
     return query;
   }
 
-  PathQuery PathByFullName(const std::wstring& fullName) const override {
+  PathQuery PathByFullName(const std::wstring &fullName) const override {
     Packages::PathQuery query;
     if (functions.getPackagePathByFullName == nullptr) {
       query.sizeError = ERROR_PROC_NOT_FOUND;
       return query;
     }
     std::uint32_t length = 0;
-    query.sizeError =
-        Status(functions.getPackagePathByFullName(fullName.c_str(), &length, nullptr));
-    if (query.sizeError != ERROR_INSUFFICIENT_BUFFER || length == 0) return query;
+    query.sizeError = Status(
+        functions.getPackagePathByFullName(fullName.c_str(), &length, nullptr));
+    if (query.sizeError != ERROR_INSUFFICIENT_BUFFER || length == 0)
+      return query;
 
     query.sizeError = ERROR_SUCCESS;
     std::vector<wchar_t> path(length);
-    query.error =
-        Status(functions.getPackagePathByFullName(fullName.c_str(), &length, path.data()));
+    query.error = Status(functions.getPackagePathByFullName(
+        fullName.c_str(), &length, path.data()));
     if (query.error == ERROR_SUCCESS) {
       path.back() = L'\0';
       query.path = path.data();
@@ -128,89 +135,109 @@ class RealPackages final : public Packages {
     return query;
   }
 
-  Result<std::int32_t> StagedOrigin(const std::wstring& fullName) const override {
-    if (functions.getStagedPackageOrigin == nullptr) return Failure(ERROR_PROC_NOT_FOUND);
+  Result<std::int32_t>
+  StagedOrigin(const std::wstring &fullName) const override {
+    if (functions.getStagedPackageOrigin == nullptr)
+      return Failure(ERROR_PROC_NOT_FOUND);
     std::int32_t origin = 0;
-    const long status = functions.getStagedPackageOrigin(fullName.c_str(), &origin);
-    if (status != ERROR_SUCCESS) return Failure(Status(status));
+    const long status =
+        functions.getStagedPackageOrigin(fullName.c_str(), &origin);
+    if (status != ERROR_SUCCESS)
+      return Failure(Status(status));
     return origin;
   }
 
-  Result<std::uint64_t> Version(const std::wstring& fullName) const override {
-    if (functions.packageIdFromFullName == nullptr) return Failure(ERROR_PROC_NOT_FOUND);
-    std::uint32_t length = 0;  // bytes
-    long status =
-        functions.packageIdFromFullName(fullName.c_str(), kInformationBasic, &length, nullptr);
+  Result<std::uint64_t> Version(const std::wstring &fullName) const override {
+    if (functions.packageIdFromFullName == nullptr)
+      return Failure(ERROR_PROC_NOT_FOUND);
+    std::uint32_t length = 0; // bytes
+    long status = functions.packageIdFromFullName(
+        fullName.c_str(), kInformationBasic, &length, nullptr);
     if (status != ERROR_INSUFFICIENT_BUFFER) {
-      return Failure(status != ERROR_SUCCESS ? Status(status) : ERROR_INVALID_DATA);
+      return Failure(status != ERROR_SUCCESS ? Status(status)
+                                             : ERROR_INVALID_DATA);
     }
     std::vector<std::uint8_t> buffer(length);
-    status = functions.packageIdFromFullName(fullName.c_str(), kInformationBasic, &length,
-                                             buffer.data());
-    if (status != ERROR_SUCCESS) return Failure(Status(status));
+    status = functions.packageIdFromFullName(
+        fullName.c_str(), kInformationBasic, &length, buffer.data());
+    if (status != ERROR_SUCCESS)
+      return Failure(Status(status));
     std::uint64_t version = 0;
-    if (buffer.size() < kVersionOffset + sizeof version) return Failure(ERROR_INVALID_DATA);
+    if (buffer.size() < kVersionOffset + sizeof version)
+      return Failure(ERROR_INVALID_DATA);
     std::memcpy(&version, buffer.data() + kVersionOffset, sizeof version);
     return version;
   }
 
-  std::vector<std::wstring> FindForAllUsers(const std::wstring& familyName) const override {
+  std::vector<std::wstring>
+  FindForAllUsers(const std::wstring &familyName) const override {
     const ApartmentScope apartment;
-    const auto manager = Activate<Abi::IPackageManager>(Abi::kPackageManagerClass);
+    const auto manager =
+        Activate<Abi::IPackageManager>(Abi::kPackageManagerClass);
     const Abi::HString family = MakeString(familyName);
     Abi::ComPtr<Abi::IPackageIterable> packages;
-    Check(manager->FindPackagesByPackageFamilyName(family.Get(), packages.Receive()),
+    Check(manager->FindPackagesByPackageFamilyName(family.Get(),
+                                                   packages.Receive()),
           L"IPackageManager::FindPackagesByPackageFamilyName");
     return FullNamesOf(packages);
   }
 
-  Result<std::wstring> AccountSid(const std::wstring& account) const override {
+  Result<std::wstring> AccountSid(const std::wstring &account) const override {
     DWORD sidBytes = 0;
     DWORD domainLength = 0;
     SID_NAME_USE kind = SidTypeUnknown;
-    LookupAccountNameW(nullptr, account.c_str(), nullptr, &sidBytes, nullptr, &domainLength, &kind);
+    LookupAccountNameW(nullptr, account.c_str(), nullptr, &sidBytes, nullptr,
+                       &domainLength, &kind);
     const DWORD sizeError = GetLastError();
-    if (sizeError != ERROR_INSUFFICIENT_BUFFER) return Failure(sizeError);
+    if (sizeError != ERROR_INSUFFICIENT_BUFFER)
+      return Failure(sizeError);
 
     std::vector<std::byte> sid(sidBytes);
     std::vector<wchar_t> domain(domainLength);
-    if (LookupAccountNameW(nullptr, account.c_str(), sid.data(), &sidBytes, domain.data(),
-                           &domainLength, &kind) == FALSE) {
+    if (LookupAccountNameW(nullptr, account.c_str(), sid.data(), &sidBytes,
+                           domain.data(), &domainLength, &kind) == FALSE) {
       return Failure(GetLastError());
     }
-    // The name may also resolve to a domain or a computer, which is neither a user nor a group.
-    if (kind == SidTypeDomain || kind > SidTypeWellKnownGroup) return Failure(ERROR_NONE_MAPPED);
-    wchar_t* text = nullptr;
-    if (ConvertSidToStringSidW(sid.data(), &text) == FALSE) return Failure(GetLastError());
-    const UniqueLocalMemory<wchar_t> owner(text);
-    return std::wstring(text);
+    // The name may also resolve to a domain or a computer, which is neither a
+    // user nor a group.
+    if (kind == SidTypeDomain || kind > SidTypeWellKnownGroup)
+      return Failure(ERROR_NONE_MAPPED);
+    std::wstring text = SidText(sid.data());
+    if (text.empty())
+      return Failure(GetLastError());
+    return text;
   }
 
-  std::vector<std::wstring> FindForUser(const std::wstring& sid,
-                                        const std::wstring& familyName) const override {
+  std::vector<std::wstring>
+  FindForUser(const std::wstring &sid,
+              const std::wstring &familyName) const override {
     const ApartmentScope apartment;
-    const auto manager = Activate<Abi::IPackageManager>(Abi::kPackageManagerClass);
+    const auto manager =
+        Activate<Abi::IPackageManager>(Abi::kPackageManagerClass);
     const Abi::HString user = MakeString(sid);
     const Abi::HString family = MakeString(familyName);
     Abi::ComPtr<Abi::IPackageIterable> packages;
-    Check(manager->FindPackagesByUserSecurityIdPackageFamilyName(user.Get(), family.Get(),
-                                                                 packages.Receive()),
+    Check(manager->FindPackagesByUserSecurityIdPackageFamilyName(
+              user.Get(), family.Get(), packages.Receive()),
           L"IPackageManager::FindPackagesByUserSecurityIdPackageFamilyName");
     return FullNamesOf(packages);
   }
 
-  PackageRegistration Register(const std::wstring& fullName,
+  PackageRegistration Register(const std::wstring &fullName,
                                std::chrono::milliseconds limit) override {
     const ApartmentScope apartment;
-    const auto manager = Activate<Abi::IPackageManager2>(Abi::kPackageManagerClass);
+    const auto manager =
+        Activate<Abi::IPackageManager2>(Abi::kPackageManagerClass);
     const Abi::HString name = MakeString(fullName);
     Abi::ComPtr<Abi::IDeploymentOperation> operation;
     CheckMade(manager->RegisterPackageByFullNameAsync(
-                  name.Get(), nullptr, Abi::DeploymentOptions::None, operation.Receive()),
+                  name.Get(), nullptr, Abi::DeploymentOptions::None,
+                  operation.Receive()),
               operation, L"IPackageManager2::RegisterPackageByFullNameAsync");
     const AsyncOutcome outcome = Await(operation, limit);
     PackageRegistration registration{.result = outcome.result, .errorText = {}};
-    if (outcome.ended) ReadReport(*operation.Get(), registration);
+    if (outcome.ended)
+      ReadReport(*operation.Get(), registration);
     return registration;
   }
 
@@ -218,29 +245,34 @@ class RealPackages final : public Packages {
     return OpenWindowsPackageCatalog();
   }
 
- private:
+private:
   AppModelFunctions functions;
 };
 
-}  // namespace
+} // namespace
 
 AppModelFunctions ResolveAppModel() noexcept {
   using Functions = AppModelFunctions;
   constexpr wchar_t kKernel32[] = L"kernel32.dll";
-  return {SystemFunction<Functions::FindByFamily>(kKernel32, "FindPackagesByPackageFamily"),
-          SystemFunction<Functions::PathByFullName>(kKernel32, "GetPackagePathByFullName"),
+  return {SystemFunction<Functions::FindByFamily>(
+              kKernel32, "FindPackagesByPackageFamily"),
+          SystemFunction<Functions::PathByFullName>(kKernel32,
+                                                    "GetPackagePathByFullName"),
           // kernel32 does not forward this one.
-          SystemFunction<Functions::StagedOrigin>(L"kernelbase.dll", "GetStagedPackageOrigin"),
-          SystemFunction<Functions::IdFromFullName>(kKernel32, "PackageIdFromFullName")};
+          SystemFunction<Functions::StagedOrigin>(L"kernelbase.dll",
+                                                  "GetStagedPackageOrigin"),
+          SystemFunction<Functions::IdFromFullName>(kKernel32,
+                                                    "PackageIdFromFullName")};
 }
 
-std::unique_ptr<Packages> MakeWindowsPackages(const AppModelFunctions& functions) {
+std::unique_ptr<Packages>
+MakeWindowsPackages(const AppModelFunctions &functions) {
   return std::make_unique<RealPackages>(functions);
 }
 
-Packages& WindowsPackages() {
+Packages &WindowsPackages() {
   static RealPackages packages(ResolveAppModel());
   return packages;
 }
 
-}  // namespace Vx::Platform
+} // namespace Vx::Platform

@@ -10,7 +10,7 @@
 
 #include "platform/windows/capabilities.h"
 #include "platform/windows/deferred_library.h"
-#include "platform/windows/system_library.h"
+#include "platform/windows/file_handle.h"
 
 namespace Vx::Platform {
 
@@ -107,8 +107,7 @@ class RealProcesses final : public Processes {
       return Failure(GetLastError());
     }
     const UniqueHandle token(raw);
-    SECURITY_ATTRIBUTES attributes{};
-    attributes.nLength = sizeof attributes;
+    SECURITY_ATTRIBUTES attributes{sizeof attributes, nullptr, FALSE};
     HANDLE copy = nullptr;
     if (DuplicateTokenEx(token.get(), MAXIMUM_ALLOWED, &attributes, SecurityIdentification,
                          TokenPrimary, &copy) == FALSE) {

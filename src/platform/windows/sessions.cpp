@@ -1,37 +1,18 @@
 #include "platform/sessions.h"
 
-#include <cstddef>
 #include <cwchar>
 #include <memory>
 
 #include <windows.h>
 
-#include <sddl.h>
 #include <wtsapi32.h>
 
 #include "platform/windows/capabilities.h"
+#include "platform/windows/file_handle.h"
 
 namespace Vx::Platform {
 
 namespace {
-
-struct SessionMemoryFreer {
-  void operator()(wchar_t* memory) const noexcept { WTSFreeMemory(memory); }
-};
-using UniqueSessionText = std::unique_ptr<wchar_t, SessionMemoryFreer>;
-
-struct TokenUserBuffer {
-  alignas(TOKEN_USER) std::byte bytes[sizeof(TOKEN_USER) + SECURITY_MAX_SID_SIZE];
-};
-
-// Returns the SID of the user of `token`, in `buffer`, or null.
-PSID UserOf(HANDLE token, TokenUserBuffer& buffer) {
-  DWORD size = 0;
-  if (GetTokenInformation(token, TokenUser, buffer.bytes, sizeof buffer.bytes, &size) == FALSE) {
-    return nullptr;
-  }
-  return reinterpret_cast<const TOKEN_USER*>(buffer.bytes)->User.Sid;
-}
 
 class RealSessions final : public Sessions {
  public:
@@ -66,14 +47,10 @@ class RealSessions final : public Sessions {
   }
 
   Result<std::wstring> SidOf(RawHandle token) const override {
-    TokenUserBuffer buffer{};
-    const PSID user = UserOf(token, buffer);
-    wchar_t* raw = nullptr;
-    if (user == nullptr || ConvertSidToStringSidW(user, &raw) == FALSE) {
-      return Failure(GetLastError());
-    }
-    const UniqueLocalMemory<wchar_t> text(raw);
-    return std::wstring(text.get());
+    TokenUserBuffer buffer;
+    std::wstring text = SidText(UserOf(token, buffer));
+    if (text.empty()) return Failure(GetLastError());
+    return text;
   }
 
   Result<std::wstring> QueryText(std::uint32_t session, SessionText what) const override {
@@ -84,7 +61,7 @@ class RealSessions final : public Sessions {
                                     &raw, &bytes) == FALSE) {
       return Failure(GetLastError());
     }
-    const UniqueSessionText text(raw);
+    const std::unique_ptr<wchar_t, decltype(&WTSFreeMemory)> text(raw, &WTSFreeMemory);
     if (text == nullptr) return std::wstring();
     return std::wstring(text.get(), wcsnlen(text.get(), bytes / sizeof(wchar_t)));
   }
@@ -109,13 +86,10 @@ class RealSessions final : public Sessions {
   }
 
   Result<bool> ProcessIsLocalSystem() const override {
-    HANDLE raw = nullptr;
-    if (OpenProcessToken(GetCurrentProcess(), TOKEN_QUERY, &raw) == FALSE) {
-      return Failure(GetLastError());
-    }
-    const UniqueHandle token(raw);
-    TokenUserBuffer buffer{};
-    const PSID user = UserOf(token.get(), buffer);
+    const auto token = ProcessToken();
+    if (!token) return Failure(token.Error());
+    TokenUserBuffer buffer;
+    const PSID user = UserOf(token->get(), buffer);
     if (user == nullptr) return Failure(GetLastError());
     return IsWellKnownSid(user, WinLocalSystemSid) != FALSE;
   }

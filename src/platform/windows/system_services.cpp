@@ -11,7 +11,8 @@
 
 #include "host/app_service_proxy.h"
 #include "platform/windows/capabilities.h"
-#include "platform/windows/system_library.h"
+#include "platform/windows/deferred_library.h"
+#include "platform/windows/file_handle.h"
 
 namespace Vx::Platform {
 
@@ -87,18 +88,13 @@ class RealSystemTriggers final : public SystemTriggers {
   }
 };
 
-struct LibraryFreer {
-  void operator()(HMODULE library) const noexcept { FreeLibrary(library); }
-};
-using UniqueLibrary = std::unique_ptr<std::remove_pointer_t<HMODULE>, LibraryFreer>;
-
 class RealLockdownPolicy final : public LockdownPolicy {
  public:
   Result<std::int32_t> QueryMode(const std::wstring& fullPath, std::int32_t& mode) const override {
     if (!IsFullPath(fullPath)) return Failure(ERROR_BAD_PATHNAME);
     // The flag limits the search for the library's dependencies to the system folder.
-    const UniqueLibrary library(
-        LoadLibraryExW(fullPath.c_str(), nullptr, LOAD_LIBRARY_SEARCH_SYSTEM32));
+    const std::unique_ptr<std::remove_pointer_t<HMODULE>, decltype(&FreeLibrary)> library(
+        LoadLibraryExW(fullPath.c_str(), nullptr, LOAD_LIBRARY_SEARCH_SYSTEM32), &FreeLibrary);
     if (library == nullptr) return Failure(GetLastError());
     auto* query = reinterpret_cast<LockdownModeQuery*>(
         reinterpret_cast<void*>(GetProcAddress(library.get(), "WldpQueryWindowsLockdownMode")));

@@ -283,8 +283,6 @@ Result<std::wstring> CatalogOf(const SignatureFunctions& functions, const Catalo
   return std::wstring(info.wszCatalogFile);
 }
 
-constexpr DWORD kShareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
-
 // Opens a program for verification by handle. Verification by path would open the file again,
 // and could let whatever is there by then impersonate this process.
 UniqueHandle OpenProgram(const std::wstring& path, DWORD share) {
