@@ -1,4 +1,4 @@
-#include "platform/windows/package_catalog.h"
+#include "platform/windows/packages.h"
 
 #include "support/test.h"
 #include "support/winrt_fakes.h"
