@@ -114,24 +114,18 @@ struct Opening {
   DWORD share;
 };
 
-Opening OpeningFor(FileUse use) {
-  switch (use) {
-    case FileUse::Inspect:
-      return {READ_CONTROL | FILE_READ_ATTRIBUTES, kShareAll};
-    case FileUse::Read:
-      return {GENERIC_READ, kShareAll};
-    case FileUse::Change:
-      return {GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE};
-    case FileUse::Remove:
-      return {GENERIC_READ | DELETE, FILE_SHARE_READ};
-    case FileUse::Replace:
-      return {GENERIC_READ | GENERIC_WRITE | DELETE, FILE_SHARE_READ};
-  }
-  return {};
-}
+// In the order of FileUse.
+constexpr Opening kOpenings[] = {
+    {READ_CONTROL | FILE_READ_ATTRIBUTES, kShareAll},                    // Inspect
+    {GENERIC_READ, kShareAll},                                           // Read
+    {GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE},  // Change
+    {GENERIC_READ | DELETE, FILE_SHARE_READ},                            // Remove
+    {GENERIC_READ | GENERIC_WRITE | DELETE, FILE_SHARE_READ},            // Replace
+};
 
-Opened OpenWith(const std::wstring& path, Opening opening, SECURITY_ATTRIBUTES* security,
+Opened OpenWith(const std::wstring& path, FileUse use, SECURITY_ATTRIBUTES* security,
                 DWORD disposition) {
+  const Opening& opening = kOpenings[static_cast<std::size_t>(use)];
   UniqueHandle file =
       OpenDiskFile(path, opening.access, opening.share,
                    FILE_ATTRIBUTE_NORMAL | FILE_FLAG_OPEN_REPARSE_POINT, disposition, security);
@@ -249,7 +243,7 @@ Result<AccessList> AccessOf(RawHandle file) {
 }
 
 Opened OpenFileHandle(const std::wstring& path, FileUse use) {
-  return OpenWith(path, OpeningFor(use), nullptr, OPEN_EXISTING);
+  return OpenWith(path, use, nullptr, OPEN_EXISTING);
 }
 
 Opened CreateFileHandle(const std::wstring& path, const std::wstring& accessLike) {
@@ -262,7 +256,7 @@ Opened CreateFileHandle(const std::wstring& path, const std::wstring& accessLike
   if (error != ERROR_SUCCESS && error != ERROR_FILE_NOT_FOUND) return Failure(error);
   const UniqueLocalMemory<void> descriptor(raw);  // null: inherits from the folder
   SECURITY_ATTRIBUTES security{sizeof security, descriptor.get(), FALSE};
-  return OpenWith(path, OpeningFor(FileUse::Replace), &security, CREATE_NEW);
+  return OpenWith(path, FileUse::Replace, &security, CREATE_NEW);
 }
 
 }  // namespace Vx::Platform

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <limits>
+#include <string_view>
 
 #include <windows.h>
 
@@ -27,17 +28,14 @@ constexpr std::size_t kLongestCommandLine = 32'767;
 // The longest path that the kernel returns.
 constexpr DWORD kLongestPath = 32'768;
 
-bool EndsEnvironment(const std::vector<wchar_t>& block) {
-  return block.size() >= 2 && block[block.size() - 1] == L'\0' && block[block.size() - 2] == L'\0';
-}
+constexpr std::wstring_view kEnvironmentEnd(L"\0\0", 2);
 
 // Returns zero, or an error if `start` must not be passed to Windows.
 ErrorCode Refusal(const ProcessStart& start) {
   if (!IsFullPath(start.application)) return ERROR_BAD_PATHNAME;
   if (start.commandLine.size() >= kLongestCommandLine) return ERROR_FILENAME_EXCED_RANGE;
-  if (!start.environment.empty() && !EndsEnvironment(start.environment)) {
-    return ERROR_BAD_ENVIRONMENT;
-  }
+  const std::wstring_view block(start.environment.data(), start.environment.size());
+  if (!block.empty() && !block.ends_with(kEnvironmentEnd)) return ERROR_BAD_ENVIRONMENT;
   return 0;
 }
 
