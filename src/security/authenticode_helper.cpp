@@ -163,15 +163,10 @@ bool ResolveFinalPath(const std::wstring& path, const std::wstring& expanded,
   return false;
 }
 
-// Sets `error` if the access list cannot be read.
-bool HasFullControl(const std::wstring& folder, const TraceLogger& logger,
-                    Platform::ErrorCode& error) {
+Platform::Result<bool> HasFullControl(const std::wstring& folder, const TraceLogger& logger) {
   try {
     const auto access = CurrentMachine().files->FolderAccess(folder);
-    if (!access) {
-      error = access.Error();
-      return false;
-    }
+    if (!access) return Platform::Failure(access.Error());
     bool trustedInstaller = false;
     bool system = false;
     for (const Platform::AccessEntry& entry : access->entries) {
@@ -189,9 +184,10 @@ bool HasFullControl(const std::wstring& folder, const TraceLogger& logger,
 
 bool HasFullControlWithRetries(const std::wstring& folder, const TraceLogger& logger) {
   for (int attempt = 1; attempt <= kAccessAttempts; ++attempt) {
-    Platform::ErrorCode error = 0;
-    if (HasFullControl(folder, logger, error)) return true;
-    logger.LogError(kAccessFailed, attempt, kAccessAttempts, static_cast<int>(error));
+    const auto full = HasFullControl(folder, logger);
+    if (full && *full) return true;
+    const int error = full ? 0 : static_cast<int>(full.Error());
+    logger.LogError(kAccessFailed, attempt, kAccessAttempts, error);
     if (attempt < kAccessAttempts) CurrentMachine().clock->Sleep(kAccessPause);
   }
   return false;
@@ -302,8 +298,7 @@ bool VxAuthenticodeHelper::MayBeAllowed(const std::wstring& path) const {
 
 bool VxAuthenticodeHelper::CheckForFullConrolByTrustedInstallAndSystem(
     const std::wstring& folder) const {
-  Platform::ErrorCode error = 0;
-  return HasFullControl(folder, *logger, error);
+  return HasFullControl(folder, *logger).ValueOr(false);
 }
 
 Platform::UniqueHandle VxAuthenticodeHelper::AquireFileReadOnlyLock(
