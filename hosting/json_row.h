@@ -1,8 +1,8 @@
 #pragma once
 
-#include <concepts>
 #include <initializer_list>
 #include <string>
+#include <type_traits>
 #include <vector>
 
 #include "json/json_text.h"
@@ -15,9 +15,6 @@ inline std::wstring Quoted(const std::wstring& text) {
   const auto size = static_cast<rapidjson::SizeType>(text.size());
   return Json::JsonText(Json::WideValue(text.c_str(), size));
 }
-
-template <typename Value>
-concept Number = std::integral<Value> || std::floating_point<Value>;
 
 // Builds the text of a JSON object. Keeps its members in the order in which they are added.
 class JsonRow {
@@ -47,10 +44,9 @@ class JsonRow {
   static std::wstring TextOf(const Json::WideValue& value) { return Json::JsonText(value); }
   static std::wstring TextOf(const std::wstring& text) { return Quoted(text); }
   static std::wstring TextOf(const std::string& utf8) { return Quoted(Json::ToWide(utf8)); }
-  template <Number Value>
-  static std::wstring TextOf(Value number) {
-    return Json::JsonText(Json::WideValue(number));
-  }
+  template <typename Value>
+  requires std::is_arithmetic_v<Value>
+  static std::wstring TextOf(Value number) { return Json::JsonText(Json::WideValue(number)); }
   template <typename Element>
   static std::wstring TextOf(const std::vector<Element>& list) {
     std::wstring text;

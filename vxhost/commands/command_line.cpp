@@ -44,27 +44,27 @@ constexpr struct {
 
 }  // namespace
 
-CommandLine::CommandLine(int (*alone)(Console&))
-    : app(kAbout, "vxhost"), commands{{&app, Shared::Leading}}, run(alone) {
+CommandLine::CommandLine(int (*alone)(Console&)) : app(kAbout, "vxhost"), run(alone) {
   app.footer(kFooter);
   app.set_version_flag("--version", kVersion);
   app.require_subcommand(0, 1);
   app.fallthrough();
   app.allow_windows_style_options(false);  // a path may start with a slash
-  app.add_flag("-q,--quiet", quiet, "results only");
+  app.add_flag("-q,--quiet", output.quiet, "results only");
   app.add_option("--color", colours, "auto, always or never; NO_COLOR is respected")
       ->check(CLI::IsMember({"auto", "always", "never"}));
+  AddShared(app, Shared::Leading);
+  for (const auto& leading : kLeading) app.get_option(leading.name)->group(kLeadingGroup);
 }
 
 CLI::App& CommandLine::AddCommand(const CommandText& text, Function function, unsigned shared,
                                   CLI::App* parent) {
   CLI::App& command = *(parent == nullptr ? app : *parent).add_subcommand(text.name, text.about);
   command.footer(text.footer);
-  const std::size_t number = commands.size();
   commands.emplace_back(&command, shared);
-  command.callback([this, &command, number, function = std::move(function)] {
+  command.callback([this, &command, shared, function = std::move(function)] {
     if (!command.get_subcommands().empty()) return;  // one of its subcommands was chosen
-    chosen = number;
+    useful = shared;
     run = function;
   });
   return command;
@@ -108,28 +108,24 @@ void CommandLine::AddShared(CLI::App& command, unsigned options) {
     command.add_flag("--service{" + std::string(kDefaultServiceName) + "}", module.service,
                      "use the running service, or with --service=NAME the one with this name");
   }
-  if (has(Shared::Json)) command.add_flag("--json", json, "one JSON object per line");
+  if (has(Shared::Json)) command.add_flag("--json", output.json, "one JSON object per line");
 }
 
 int CommandLine::Execute(std::vector<std::string> arguments) {
   for (const auto& [command, shared] : commands) AddShared(*command, shared);
-  for (const auto& leading : kLeading) app.get_option(leading.name)->group(kLeadingGroup);
   // The parser may report an error before it reaches --json.
-  json = std::find(arguments.begin(), arguments.end(), "--json") != arguments.end();
+  output.json = std::ranges::find(arguments, "--json") != arguments.end();
   try {
     RefuseUnknownSubcommand(arguments);
     std::reverse(arguments.begin(), arguments.end());  // the parser reads them from the end
     app.parse(std::move(arguments));
     RefuseUselessOptions();
   } catch (const CLI::ParseError& error) {
-    if (error.get_exit_code() != 0 && json) return Fail(error.what(), 0);
+    if (error.get_exit_code() != 0 && output.json) return Fail(error.what(), 0);
     return app.exit(error) == 0 ? kDone : kUnusable;
   }
-  Console console({.form = json ? LogForm::Json : LogForm::Text,
-                   .quiet = quiet,
-                   .colours = colours == "always"  ? Colours::Always
-                              : colours == "never" ? Colours::Never
-                                                   : Colours::Auto});
+  if (colours != "auto") output.colours = colours == "always";
+  Console console(output);
   try {
     ChooseStore();
     const int code = run(console);
@@ -138,7 +134,8 @@ int CommandLine::Execute(std::vector<std::string> arguments) {
     // The text depends on the language of Windows, so only people see it.
     std::string text = error.what();
     const std::string number = "(error " + std::to_string(error.Code());
-    if (!json) text.insert(text.find(number) + number.size(), ": " + ErrorText(error.Code()));
+    if (!output.json)
+      text.insert(text.find(number) + number.size(), ": " + ErrorText(error.Code()));
     return Fail(text, 0);
   } catch (const Platform::WindowsRuntimeError& error) {
     return Fail(Utf8(error.message()), error.code());
@@ -148,8 +145,8 @@ int CommandLine::Execute(std::vector<std::string> arguments) {
 }
 
 int CommandLine::Fail(const std::string& why, std::int32_t result) const {
-  if (json) {
-    Console({.form = LogForm::Json}).JsonResult(ErrorJson(why, kUnusable, result));
+  if (output.json) {
+    Console({.json = true}).JsonResult(ErrorJson(why, kUnusable, result));
   } else {
     const std::string code = result == 0 ? "" : ": " + DescribeResult(result);
     const std::string text = ServiceHost::WithAccountNames(why + code);
@@ -180,7 +177,7 @@ void CommandLine::RefuseUnknownSubcommand(const std::vector<std::string>& argume
 std::string CommandLine::UsersOf(unsigned option) const {
   std::vector<std::string> names;
   for (const auto& [command, shared] : commands) {
-    if (command == &app || (shared & option) == 0) continue;
+    if ((shared & option) == 0) continue;
     const CLI::App* parent = command->get_parent();
     names.push_back((parent == &app ? "" : parent->get_name() + " ") + command->get_name());
   }
@@ -192,7 +189,6 @@ std::string CommandLine::UsersOf(unsigned option) const {
 }
 
 void CommandLine::RefuseUselessOptions() const {
-  const unsigned useful = chosen == 0 ? Shared::None : commands[chosen].second;
   for (const auto& leading : kLeading) {
     if ((useful & leading.option) != 0 || app.get_option(leading.name)->count() == 0) continue;
     const bool stays = (useful & Shared::Store) != 0 && leading.option != Shared::Dll;

@@ -90,11 +90,10 @@ class CommandLine {
 
   CLI::App app;
   ModuleOptions module;
-  bool json = false;
-  bool quiet = false;
+  ConsoleOptions output;
   std::string colours = "auto";
   std::vector<std::pair<CLI::App*, unsigned>> commands;  // with their shared options
-  std::size_t chosen = 0;                                // index; 0 is the tool itself
+  unsigned useful = Shared::None;                        // those of the chosen command
   Function run;
 };
 

@@ -1,7 +1,7 @@
 #include "vxhost/common/console.h"
 
 #include <algorithm>
-#include <iterator>
+#include <span>
 
 #include <windows.h>
 
@@ -11,10 +11,12 @@ namespace Vx::Hosting::Tool {
 
 namespace {
 
-constexpr struct {
+struct Meaning {
   std::uint32_t code;
-  const char* meaning;
-} kCodes[] = {
+  const char* text;
+};
+
+constexpr Meaning kCodes[] = {
     {0x00000000, "done"},
     {0x20000001, "no such command"},
     {0x20000002, "argument missing or command failed"},
@@ -28,10 +30,7 @@ constexpr struct {
     {0x2000000A, "this Windows has no interactive users"},
 };
 
-constexpr struct {
-  std::uint32_t result;
-  const char* name;
-} kResults[] = {
+constexpr Meaning kResults[] = {
     {0x80004001, "E_NOTIMPL"},
     {0x80004002, "E_NOINTERFACE"},
     {0x80004003, "E_POINTER"},
@@ -67,9 +66,7 @@ bool modeChanged = false;
 
 void GiveTerminalBack() {
   if (codePageBefore != 0) static_cast<void>(SetConsoleOutputCP(codePageBefore));
-  if (modeChanged) {
-    static_cast<void>(SetConsoleMode(GetStdHandle(STD_OUTPUT_HANDLE), modeBefore));
-  }
+  if (modeChanged) static_cast<void>(SetConsoleMode(GetStdHandle(STD_OUTPUT_HANDLE), modeBefore));
 }
 
 BOOL WINAPI EndedByUser(DWORD) {
@@ -91,14 +88,11 @@ HANDLE EndEvent() {
 // https://learn.microsoft.com/windows/console/handlerroutine
 BOOL WINAPI RequestStop(DWORD kind) {
   SetEvent(StopEvent());
-  if (kind != CTRL_C_EVENT && kind != CTRL_BREAK_EVENT) {
-    WaitForSingleObject(EndEvent(), INFINITE);
-  }
+  if (kind != CTRL_C_EVENT && kind != CTRL_BREAK_EVENT) WaitForSingleObject(EndEvent(), INFINITE);
   return TRUE;
 }
 
-bool WantsColours(Colours colours) {
-  if (colours != Colours::Auto) return colours == Colours::Always;
+bool TerminalWantsColours() {
   // Nonzero if the variable is set and not empty, even if its value does not fit.
   wchar_t refused[2] = {};
   const bool set = GetEnvironmentVariableW(L"NO_COLOR", refused, 2) != 0;
@@ -111,11 +105,14 @@ const char* Colour(const std::wstring& level) {
   return "\x1b[2m";
 }
 
-// Returns null if the name is unknown.
-const char* NameOfResult(std::int32_t result) {
-  const auto* known = std::ranges::find(kResults, static_cast<std::uint32_t>(result),
-                                        [](const auto& row) { return row.result; });
-  return known == std::end(kResults) ? nullptr : known->name;
+// Returns an empty string if the code is not in the table.
+std::string TextIn(std::span<const Meaning> table, std::uint32_t code) {
+  const auto known = std::ranges::find(table, code, &Meaning::code);
+  return known == table.end() ? "" : known->text;
+}
+
+std::string WithMeaning(std::uint32_t code, const std::string& meaning) {
+  return CodeText(code) + (meaning.empty() ? "" : " (" + meaning + ")");
 }
 
 std::wstring JsonLine(const LogLine& line, const std::wstring& moment) {
@@ -161,30 +158,29 @@ bool StopRequest::Wait(std::uint32_t milliseconds) {
 }
 
 std::string MeaningOf(std::uint32_t code) {
-  const auto* known = std::ranges::find(kCodes, code, [](const auto& row) { return row.code; });
-  return known == std::end(kCodes) ? "" : known->meaning;
+  return TextIn(kCodes, code);
 }
 
 std::string Describe(std::uint32_t code) {
-  const std::string meaning = MeaningOf(code);
-  return meaning.empty() ? CodeText(code) : CodeText(code) + " (" + meaning + ")";
+  return WithMeaning(code, MeaningOf(code));
 }
 
 std::string DescribeResult(std::int32_t result) {
-  const std::string number = CodeText(static_cast<std::uint32_t>(result));
-  const char* const name = NameOfResult(result);
-  return name == nullptr ? number : number + " (" + name + ")";
+  const auto code = static_cast<std::uint32_t>(result);
+  return WithMeaning(code, TextIn(kResults, code));
 }
 
 std::wstring ErrorJson(const std::string& message, int exitCode, std::int32_t result) {
+  const auto code = static_cast<std::uint32_t>(result);
+  const std::string name = TextIn(kResults, code);
   JsonRow error{{L"message", message}, {L"exitCode", exitCode}};
-  if (result != 0) error.Add({L"result", CodeText(static_cast<std::uint32_t>(result))});
-  if (const char* const name = NameOfResult(result)) error.Add({L"name", std::string(name)});
+  if (code != 0) error.Add({L"result", CodeText(code)});
+  if (!name.empty()) error.Add({L"name", name});
   return JsonRow{{L"error", error}}.Text();
 }
 
-Console::Console(ConsoleOptions options)
-    : form(options.form), quiet(options.quiet), coloured(WantsColours(options.colours)) {}
+Console::Console(const ConsoleOptions& given)
+    : options(given), coloured(given.colours ? *given.colours : TerminalWantsColours()) {}
 
 void Console::Write(const std::string& text, std::FILE* file) {
   const std::lock_guard guard(lock);
@@ -194,9 +190,8 @@ void Console::Write(const std::string& text, std::FILE* file) {
   if (file == stdout && std::ferror(file) != 0) lostOutput = true;
 }
 
-void Console::WriteNote(const std::string& text, LineBreaks breaks) {
-  if (quiet) return;
-  Write(Printable(text, breaks), WritesJson() ? stderr : stdout);
+void Console::Accompany(const std::string& text) {
+  if (!options.quiet) Write(text, WritesJson() ? stderr : stdout);
 }
 
 void Console::Show(const JsonRow& row, const std::vector<std::string>& lines) {
@@ -204,18 +199,9 @@ void Console::Show(const JsonRow& row, const std::vector<std::string>& lines) {
   for (const std::string& line : lines) Line(line);
 }
 
-void Console::Heading(const std::string& text) {
-  WriteNote("\n== " + text, LineBreaks::Keep);
-}
-
-void Console::Request(std::uint32_t id, const std::wstring& request) {
-  WriteNote("-> " + std::to_string(id) + " " + Utf8(request), LineBreaks::Keep);
-}
-
 void Console::Result(const CommandResult& answer, const std::string& verdict) {
   Line("<- " + (answer.text ? Utf8(*answer.text) : std::string("(no response)")));
-  Line("   result " +
-       (verdict.empty() ? Describe(answer.code) : CodeText(answer.code) + " (" + verdict + ")"));
+  Line("   result " + WithMeaning(answer.code, verdict.empty() ? MeaningOf(answer.code) : verdict));
 }
 
 std::string Console::TextOf(const LogLine& line, const std::wstring& moment) const {
@@ -225,14 +211,6 @@ std::string Console::TextOf(const LogLine& line, const std::wstring& moment) con
                                          Utf8(line.level) + caller + ": " + Utf8(line.message),
                                      LineBreaks::Replace);
   return coloured ? Colour(line.level) + text + "\x1b[0m" : text;
-}
-
-void Console::Log(const LogLine& line, const std::wstring& moment) {
-  if (!quiet) Write(TextOf(line, moment), WritesJson() ? stderr : stdout);
-}
-
-void Console::LogResult(const LogLine& line, const std::wstring& moment) {
-  Write(TextOf(line, moment));
 }
 
 void Console::Failure(const std::string& text) {

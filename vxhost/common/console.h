@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -16,14 +17,10 @@ namespace Vx::Hosting::Tool {
 // The process's exit codes.
 enum ExitCode : int { kDone = 0, kNotMet = 1, kUnusable = 2 };
 
-// Human-readable, or one JSON object per line.
-enum class LogForm { Text, Json };
-enum class Colours { Auto, Always, Never };
-
 struct ConsoleOptions {
-  LogForm form = LogForm::Text;
-  bool quiet = false;  // print only results
-  Colours colours = Colours::Auto;
+  bool json = false;                 // print one JSON object per line, not text
+  bool quiet = false;                // print only results
+  std::optional<bool> colours = {};  // by default, if standard output is a terminal
 };
 
 // Switches the terminal to UTF-8 and enables colors. Restores its code page and mode when
@@ -59,9 +56,9 @@ class StopRequest {
 // parsers do not see them. A quiet console omits them.
 class Console {
  public:
-  explicit Console(ConsoleOptions options = {});
+  explicit Console(const ConsoleOptions& given = {});
 
-  bool WritesJson() const { return form == LogForm::Json; }
+  bool WritesJson() const { return options.json; }
 
   // Writes a result as JSON. Commands with --json write nothing else to standard output.
   void JsonResult(std::wstring_view json) { Write(PrintableJson(json)); }
@@ -70,20 +67,24 @@ class Console {
   // Writes a result: `row` in JSON form, otherwise `lines`.
   void Show(const JsonRow& row, const std::vector<std::string>& lines);
 
-  void Heading(const std::string& text);
+  void Heading(const std::string& text) { Accompany(Printable("\n== " + text, LineBreaks::Keep)); }
   // Writes a line that accompanies the result.
-  void Note(const std::string& text) { WriteNote(text, LineBreaks::Replace); }
+  void Note(const std::string& text) { Accompany(Printable(text, LineBreaks::Replace)); }
   // Writes `text` as one line, replacing any line breaks in it.
   void Line(const std::string& text) { Write(Printable(text, LineBreaks::Replace)); }
   // Writes `text` with its line breaks.
   void Lines(const std::string& text) { Write(Printable(text, LineBreaks::Keep)); }
-  void Request(std::uint32_t id, const std::wstring& request);
+  void Request(std::uint32_t id, const std::wstring& request) {
+    Accompany(Printable("-> " + std::to_string(id) + " " + Utf8(request), LineBreaks::Keep));
+  }
   // If not empty, `verdict` replaces the meaning of the result code.
   void Result(const CommandResult& answer, const std::string& verdict = {});
   // If `moment` is not empty, it precedes the line.
-  void Log(const LogLine& line, const std::wstring& moment = {});
+  void Log(const LogLine& line, const std::wstring& moment = {}) {
+    Accompany(TextOf(line, moment));
+  }
   // Like Log, but writes the line as a result.
-  void LogResult(const LogLine& line, const std::wstring& moment = {});
+  void LogResult(const LogLine& line, const std::wstring& moment) { Write(TextOf(line, moment)); }
   void Failure(const std::string& text);
 
   // Returns whether a write to standard output has failed, for example because the disk is full.
@@ -91,12 +92,11 @@ class Console {
 
  private:
   void Write(const std::string& text, std::FILE* file = stdout);
-  void WriteNote(const std::string& text, LineBreaks breaks);
+  void Accompany(const std::string& text);
   std::string TextOf(const LogLine& line, const std::wstring& moment) const;
 
-  LogForm form;
-  bool quiet;
-  bool coloured;
+  const ConsoleOptions options;
+  const bool coloured;
   std::atomic<bool> lostOutput{false};
   std::mutex lock;
 };
