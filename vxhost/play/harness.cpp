@@ -111,24 +111,24 @@ class SimulatedLog {
     const auto found = std::find_if(recent.begin(), recent.end(), [&line](const Said& one) {
       return one.line.message == line.message;
     });
-    if (found != recent.end()) {
+    if (found == recent.end()) {
+      recent.push_back({.line = line, .first = now, .last = now});
+    } else {
       // Moves the line to the end, so that the least recent one is removed first.
       std::rotate(found, found + 1, recent.end());
-      Said& said = recent.back();
-      if (now - said.last <= kPollStep && (said.last != now || said.repeated != 0)) {
-        said.last = now;
-        ++said.repeated;
-        return;
-      }
-      Show(said);
-      said.first = said.last = now;
-    } else {
-      recent.push_back({.line = line, .first = now, .last = now});
-      if (recent.size() > kRemembered) {
-        Show(recent.front());
-        recent.pop_front();
-      }
     }
+    if (recent.size() > kRemembered) {
+      Show(recent.front());
+      recent.pop_front();
+    }
+    Said& said = recent.back();
+    if (now - said.last <= kPollStep && (said.last != now || said.repeated != 0)) {
+      said.last = now;
+      ++said.repeated;
+      return;
+    }
+    Show(said);
+    said.first = said.last = now;
     console.Log(line, Simulator::FormatMoment(now));
   }
 

@@ -156,23 +156,18 @@ void SetPolicy(const Change& change) {
   }
 }
 
-constexpr PartRule kRefusal[] = {{L"call", &kSomeText, Presence::Required},
-                                 {L"after", &kCount, Presence::Required}};
-constexpr PartRule kRegistryValue[] = {{L"key", &kSomeText, Presence::Required},
-                                       {L"value", &kText, Presence::Required},
-                                       {L"text", &kText}};
+constexpr PartRule kRefusal[] = {Required(L"call", kSomeText), Required(L"after", kCount)};
+constexpr PartRule kRegistryValue[] = {
+    Required(L"key", kSomeText), Required(L"value", kText), {L"text", &kText}};
 constexpr PartRule kFirmwareFailure[] = {
     {L"step", &kSomeText}, {L"result", &kHex}, {L"after", &kCount}};
-constexpr PartRule kFile[] = {{L"path", &kSomeText, Presence::Required},
-                              {L"text", &kText, Presence::Required}};
+constexpr PartRule kFile[] = {Required(L"path", kSomeText), Required(L"text", kText)};
 constexpr PartRule kSignature[] = {
-    {L"path", &kSomeText, Presence::Required}, {L"key", &kSomeText}, {L"result", &kHex}};
-constexpr PartRule kInstallation[] = {{L"family", &kSomeText, Presence::Required},
-                                      {L"fullName", &kSomeText, Presence::Required},
-                                      {L"user", &kSomeText}};
-constexpr PartRule kRemoval[] = {{L"family", &kSomeText, Presence::Required},
-                                 {L"user", &kSomeText, Presence::Required},
-                                 {L"seconds", &kSeconds}};
+    Required(L"path", kSomeText), {L"key", &kSomeText}, {L"result", &kHex}};
+constexpr PartRule kInstallation[] = {
+    Required(L"family", kSomeText), Required(L"fullName", kSomeText), {L"user", &kSomeText}};
+constexpr PartRule kRemoval[] = {
+    Required(L"family", kSomeText), Required(L"user", kSomeText), {L"seconds", &kSeconds}};
 
 constexpr PartRule kAdvance = {L"advance", &kSeconds};
 

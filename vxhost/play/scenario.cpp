@@ -7,6 +7,7 @@
 #include <memory>
 #include <sstream>
 #include <stdexcept>
+#include <vector>
 
 #include <windows.h>
 
@@ -128,13 +129,14 @@ class ScenarioRunner {
  public:
   ScenarioRunner(const Definitions& names, Harness& where) : definitions(names), harness(where) {}
 
-  bool Play(const WideValue& steps, const std::vector<std::size_t>& lines) {
+  bool Play(const WideValue& steps, const LineIndex& lines) {
     for (rapidjson::SizeType i = 0; i < steps.Size(); ++i) {
-      harness.record.BeginStep(lines[i], Text(steps[i], L"say"));
+      const std::size_t line = lines.at(&steps[i]);
+      harness.record.BeginStep(line, Text(steps[i], L"say"));
       try {
         Step(steps[i]);
       } catch (const std::runtime_error& error) {
-        throw std::runtime_error("line " + std::to_string(lines[i]) + ", step " +
+        throw std::runtime_error("line " + std::to_string(line) + ", step " +
                                  std::to_string(i + 1) + ": " + error.what());
       }
       harness.record.EndStep();
@@ -330,15 +332,12 @@ Scenario::Scenario(const std::wstring& path, Definitions names, HarnessKind wher
   if (!Json::ParseJson(document, text, Json::kMaxNesting, &fault)) {
     throw std::runtime_error(Utf8(path) + " is not valid JSON: " + FaultText(text, fault));
   }
-  const LineIndex index = LinesOf(document, text);
-  const std::vector<std::string> faults = FaultsOf(document, index, definitions, where);
+  lines = LinesOf(document, text);
+  const std::vector<std::string> faults = FaultsOf(document, lines, definitions, where);
   if (!faults.empty()) {
     std::string list = Utf8(path) + " cannot be played:";
     for (const std::string& one : faults) list += "\n  " + one;
     throw std::runtime_error(list);
-  }
-  for (const WideValue& step : FindMember(document, L"steps")->GetArray()) {
-    lines.push_back(index.at(&step));
   }
   const auto* store = FindMember(document, L"store");
   if (store == nullptr || store->IsObject()) return;

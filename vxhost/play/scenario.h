@@ -1,8 +1,6 @@
 #pragma once
 
-#include <cstddef>
 #include <string>
-#include <vector>
 
 #include "json/json_text.h"
 #include "storage/bson_document.h"
@@ -29,7 +27,7 @@ class Scenario {
 
  private:
   Json::WideDocument document;
-  std::vector<std::size_t> lines;  // line number of each step
+  LineIndex lines;
   Definitions definitions;
   Tessel::Server::Storage::BsonDocument storeFile;  // empty unless "store" names a file
 };

@@ -13,9 +13,8 @@ namespace {
 
 using Json::WideValue;
 
-constexpr PartRule kCopy[] = {{L"from", &kSomeText, Presence::Required},
-                              {L"to", &kSomeText, Presence::Required}};
-constexpr PartRule kWaitFor[] = {{L"file", &kSomeText, Presence::Required},
+constexpr PartRule kCopy[] = {Required(L"from", kSomeText), Required(L"to", kSomeText)};
+constexpr PartRule kWaitFor[] = {Required(L"file", kSomeText),
                                  {L"contains", &kText},
                                  {L"seconds", &kWholeSeconds},
                                  {L"quiet", &kTrue}};
@@ -159,7 +158,7 @@ class Checker {
       }
     }
     for (const PartRule& rule : rules) {
-      if (rule.presence == Presence::Optional || FindMember(object, rule.key) != nullptr) continue;
+      if (!rule.required || FindMember(object, rule.key) != nullptr) continue;
       Add(object, path, "lacks \"" + Utf8(rule.key) + "\"");
     }
   }
@@ -210,8 +209,7 @@ class Checker {
     const WideValue* unwanted = FindMember(expect, L"noEvent");
     if (unwanted == nullptr) return;
     const bool acts = std::any_of(one.MemberBegin(), one.MemberEnd(), [](const auto& part) {
-      return std::find(std::begin(kOnlyLook), std::end(kOnlyLook), TextOf(part.name)) ==
-             std::end(kOnlyLook);
+      return std::ranges::find(kOnlyLook, TextOf(part.name)) == std::end(kOnlyLook);
     });
     if (!acts) {
       Add(*unwanted, L"expect.noEvent",

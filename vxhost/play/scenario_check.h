@@ -72,13 +72,11 @@ inline constexpr PartForm kTexts{
       return std::all_of(object.MemberBegin(), object.MemberEnd(), fits);
     }};
 
-enum class Presence { Optional, Required };  // of a member in its object
-
 // A part of a step, or a member of a part.
 struct PartRule {
   const wchar_t* key = nullptr;
   const PartForm* form = &kAnything;
-  Presence presence = Presence::Optional;
+  bool required = false;               // in its object
   const wchar_t* companion = nullptr;  // another part that the same step must have
   bool simulated = false;              // has an effect only on a simulated machine
   const PartRule* members = nullptr;   // of an object; null allows any
@@ -86,6 +84,10 @@ struct PartRule {
 
   std::span<const PartRule> Members() const { return {members, memberCount}; }
 };
+
+constexpr PartRule Required(const wchar_t* key, const PartForm& form) {
+  return {.key = key, .form = &form, .required = true};
+}
 
 // Returns a rule for a part that is, or may be, an object with these members.
 template <std::size_t Count>
