@@ -1,6 +1,5 @@
 #include "vxhost/play/scenario_check.h"
 
-#include <cwctype>
 #include <iterator>
 #include <set>
 
@@ -226,37 +225,17 @@ class Checker {
   bool ended = false;
 };
 
-// Returns the lines on which the strings, numbers, literals, objects and arrays of a valid JSON
-// text start, keys included, in order.
-std::vector<std::size_t> TokenLines(const std::wstring& text) {
-  std::vector<std::size_t> tokens;
-  std::size_t line = 1;
-  for (std::size_t i = 0; i < text.size(); ++i) {
-    const wchar_t unit = text[i];
-    if (unit == L'\n') ++line;
-    if (unit == L'{' || unit == L'[') tokens.push_back(line);
-    if (unit == L'"') {
-      tokens.push_back(line);
-      for (++i; i < text.size() && text[i] != L'"'; ++i) {
-        if (text[i] == L'\\') ++i;
-      }
-    } else if (unit == L'-' || std::iswalnum(static_cast<wint_t>(unit)) != 0) {
-      tokens.push_back(line);
-      while (i + 1 < text.size() && text.find_first_of(L",]} \t\r\n", i + 1) != i + 1) ++i;
-    }
-  }
-  return tokens;
-}
-
 }  // namespace
 
 LineIndex LinesOf(const Json::WideDocument& document, const std::wstring& text) {
   LineIndex lines;
-  const std::vector<std::size_t> tokens = TokenLines(text);
-  auto token = tokens.begin();
+  std::size_t line = 1;
+  std::size_t at = 0;  // the end of the last value, or the beginning of its members or elements
   const auto take = [&](const auto& self, const WideValue& value) -> void {
-    if (token == tokens.end()) return;
-    lines[&value] = *token++;
+    const std::size_t begin = std::min(text.find_first_not_of(L",:]} \t\r\n", at), text.size());
+    line += static_cast<std::size_t>(std::count(&text[at], &text[begin], L'\n'));
+    lines[&value] = line;
+    at = std::min(begin + 1, text.size());
     if (value.IsArray()) {
       for (const WideValue& element : value.GetArray()) self(self, element);
     } else if (value.IsObject()) {
@@ -264,6 +243,11 @@ LineIndex LinesOf(const Json::WideDocument& document, const std::wstring& text) 
         self(self, member->name);
         self(self, member->value);
       }
+    } else if (value.IsString()) {
+      while (at < text.size() && text[at] != L'"') at += text[at] == L'\\' ? 2 : 1;
+      at = std::min(at + 1, text.size());
+    } else {
+      at = std::min(text.find_first_of(L",]} \t\r\n", at), text.size());
     }
   };
   take(take, document);  // the parser limits the depth
