@@ -14,6 +14,7 @@
 #include "platform/sessions.h"
 #include "platform/system_services.h"
 #include "platform/windows_runtime_error.h"
+#include "records/record.h"
 #include "security/trusted_program.h"
 #include "vxhost/subscriptions/subscription_check.h"
 
@@ -32,16 +33,17 @@ constexpr std::wstring_view kPathKey = L".path";
 constexpr wchar_t kUnreadable[] = L"the module cannot read it: ";
 constexpr wchar_t kNoTriggers[] = L"this Windows has no custom triggers";
 
+struct Words {
+  const wchar_t* name = nullptr;
+  const char* text = nullptr;
+  const char* later = nullptr;  // after a wait
+};
 // In the order of the enumeration.
-constexpr struct {
-  const wchar_t* name;
-  const char* text;
-  const char* later;  // after a wait
-} kFates[] = {{L"run", "would run", "run"},
-              {L"dropped", "would be dropped", nullptr},
-              {L"refused", "would be refused", "be refused"},
-              {L"never", "never runs", nullptr},
-              {L"other event", "not concerned", nullptr}};
+constexpr Words kFates[] = {{L"run", "would run", "run"},
+                            {L"dropped", "would be dropped"},
+                            {L"refused", "would be refused", "be refused"},
+                            {L"never", "never runs"},
+                            {L"other event", "not concerned"}};
 
 class Explainer {
  public:
@@ -191,7 +193,7 @@ std::string DecisionText(std::uint32_t id, const Outcome& outcome) {
 }  // namespace
 
 std::string FateText(const Explanation& one) {
-  const auto& words = kFates[static_cast<std::size_t>(one.fate)];
+  const Words& words = kFates[static_cast<std::size_t>(one.fate)];
   if (one.wait == 0 || words.later == nullptr) return words.text;
   return "would wait " + std::to_string(one.wait) + " s and " + words.later;
 }

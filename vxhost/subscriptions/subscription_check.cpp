@@ -1,7 +1,6 @@
 #include "vxhost/subscriptions/subscription_check.h"
 
 #include <algorithm>
-#include <exception>
 #include <optional>
 #include <set>
 
