@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <stdexcept>
+#include <utility>
 
 #include <windows.h>
 
@@ -197,16 +198,17 @@ std::wstring ProgramDataFolder() {
   return path;
 }
 
-std::wstring DataFolders::Logs() const {
-  return parent + kFolders[2].path;
+std::wstring LogsFolder(const std::wstring& programData) {
+  return programData + kFolders[2].path;
 }
 
-std::vector<std::string> DataFolders::Prepare(Existing existing) const {
+std::vector<std::string> PrepareFolders(const std::wstring& programData, Writers accepted,
+                                        Existing existing) {
   const bool repairs = existing == Existing::Repair;
   std::vector<std::string> repaired;
   std::vector<Platform::UniqueHandle> held;
   for (const DataFolder& folder : kFolders) {
-    const std::wstring path = parent + folder.path;
+    const std::wstring path = programData + folder.path;
     Make(path, folder.access);
     auto opened = Hold(path, repairs ? WRITE_DAC | WRITE_OWNER | DELETE : 0);
     const auto access = Platform::AccessOf(opened.get());

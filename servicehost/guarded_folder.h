@@ -1,7 +1,6 @@
 #pragma once
 
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "platform/files.h"
@@ -32,26 +31,17 @@ std::string WhyUnguarded(const std::wstring& file, Writers accepted);
 // environment. Throws std::runtime_error if Windows cannot provide it.
 std::wstring ProgramDataFolder();
 
-// The service's folders under `programData`: Vx, which users can only read, and two subfolders that
-// only administrators and SYSTEM can access: Vx\SharedServices, with the store, and Vx\Logs.
-class DataFolders {
- public:
-  DataFolders(std::wstring programData, Writers writers)
-      : parent(std::move(programData)), accepted(writers) {}
+// The service has these folders under `programData`: Vx, which users can only read, and two
+// subfolders that only administrators and SYSTEM can access: Vx\SharedServices, with the store, and
+// Vx\Logs. Creates missing ones. If an account that is not `accepted` can write to an existing one,
+// Report throws. Repair resets the folder's access list or, if another account could change that
+// list, renames the folder and creates a new one. Returns a description of each repair. Throws
+// std::runtime_error with advice for the administrator.
+enum class Existing { Report, Repair };
+std::vector<std::string> PrepareFolders(const std::wstring& programData, Writers accepted,
+                                        Existing existing);
 
-  enum class Existing { Report, Repair };
-
-  // Creates missing folders. If another account can write to an existing folder, Report throws.
-  // Repair resets the folder's access list or, if another account could change that list, renames
-  // the folder and creates a new one. Returns a description of each repair. Throws
-  // std::runtime_error with advice for the administrator.
-  std::vector<std::string> Prepare(Existing existing) const;
-
-  std::wstring Logs() const;
-
- private:
-  std::wstring parent;
-  Writers accepted;
-};
+// Returns the path of Vx\Logs under `programData`.
+std::wstring LogsFolder(const std::wstring& programData);
 
 }  // namespace Vx::Hosting::ServiceHost

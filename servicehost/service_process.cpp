@@ -54,9 +54,9 @@ void WINAPI ServiceMain(DWORD /*count*/, LPWSTR* /*arguments*/) noexcept {
   // The module finds its store through this variable. The emulator gives services another value.
   SetEnvironmentVariableW(L"ProgramData", programData.c_str());
   const ServiceOptions options = ReadParameters(TheName());
-  const DataFolders folders(programData, options.development ? Writers::Account : Writers::System);
-  LogFolder log(folders.Logs(), TheName(), LogLimits{},
-                [folders] { folders.Prepare(DataFolders::Existing::Report); });
+  const Writers accepted = options.development ? Writers::Account : Writers::System;
+  LogFolder log(LogsFolder(programData), TheName(), LogLimits{},
+                [&] { PrepareFolders(programData, accepted, Existing::Report); });
   const std::vector<LogTarget> places = {[&log](const LogEntry& entry) { log.Write(entry); },
                                          EventLogTarget(OpenEventLog(TheName())),
                                          TraceTarget(OpenTrace())};

@@ -15,7 +15,7 @@ class ServiceCrashTest : public ::testing::Test {
  protected:
   ServiceCrashTest() {
     Tests::RemoveTree(data);
-    DataFolders(ProgramDataFolder(), Writers::Account).Prepare(DataFolders::Existing::Report);
+    PrepareFolders(ProgramDataFolder(), Writers::Account, Existing::Report);
     Tool::ServicePlan plan{.name = name,
                            .program = Tests::BuiltFile(L"..\\bin\\OrvaneHost.exe"),
                            .module = Tests::ModulePath()};

@@ -80,7 +80,6 @@ class DataFoldersTest : public ::testing::Test {
 
   Tests::TempFolder parent;
   const std::filesystem::path data = parent.Path() / L"Vx";
-  const DataFolders folders{parent.Path().wstring(), Writers::Account};
   const Tests::ImportOverride<decltype(&GetSecurityInfo)> security{__imp_GetSecurityInfo,
                                                                    &ReadSecurity};
 };
@@ -91,7 +90,7 @@ TEST_F(DataFoldersTest, AFolderCannotBeReplacedWhileItIsJudged) {
     error =
         MoveFileW(data.c_str(), (parent.Path() / L"away").c_str()) != FALSE ? 0 : GetLastError();
   };
-  folders.Prepare(DataFolders::Existing::Report);
+  PrepareFolders(parent.Path().wstring(), Writers::Account, Existing::Report);
   EXPECT_EQ(error, DWORD{ERROR_SHARING_VIOLATION});
 }
 
@@ -117,13 +116,13 @@ TEST_F(DataFoldersTest, AFolderWhoseListAnotherAccountCouldChangeIsRenamedAndMad
       AddAccessAllowedAce(firstList, ACL_REVISION, c.rights, &everyone);
     };
     const std::filesystem::path place = parent.Path() / std::to_wstring(c.rights);
-    const DataFolders made{place.wstring(), Writers::Account};
     std::filesystem::create_directories(place / L"Vx");
     std::ofstream(place / L"Vx" / L"kept") << "x";
     present();
-    EXPECT_THROW(made.Prepare(DataFolders::Existing::Report), std::runtime_error);
+    EXPECT_THROW(PrepareFolders(place.wstring(), Writers::Account, Existing::Report),
+                 std::runtime_error);
     present();
-    const auto repaired = made.Prepare(DataFolders::Existing::Repair);
+    const auto repaired = PrepareFolders(place.wstring(), Writers::Account, Existing::Repair);
     ASSERT_EQ(repaired.size(), 1U);
     EXPECT_EQ(repaired.front().find("Vx.replaced-") != std::string::npos, c.replaced);
     EXPECT_NE(exists(place / L"Vx" / L"kept"), c.replaced);

@@ -328,8 +328,7 @@ constexpr char kFooter[] =
 
 std::filesystem::path LogFolderOf(const std::string& argument) {
   if (!argument.empty()) return FullPath(argument);
-  return ServiceHost::DataFolders(ServiceHost::ProgramDataFolder(), ServiceHost::Writers::System)
-      .Logs();
+  return ServiceHost::LogsFolder(ServiceHost::ProgramDataFolder());
 }
 
 std::vector<std::filesystem::path> LogFilesIn(const std::filesystem::path& folder) {

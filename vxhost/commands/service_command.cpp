@@ -127,9 +127,8 @@ int Install(const Options& options, const ModuleOptions& module, Console& consol
                                "folder that only administrators write to");
     }
   }
-  const auto existing =
-      options.repair ? DataFolders::Existing::Repair : DataFolders::Existing::Report;
-  for (const std::string& folder : DataFolders(ProgramDataFolder(), accepted).Prepare(existing)) {
+  const auto existing = options.repair ? Existing::Repair : Existing::Report;
+  for (const std::string& folder : PrepareFolders(ProgramDataFolder(), accepted, existing)) {
     console.Line("repaired: " + WithAccountNames(folder));
   }
   if (const std::string why = WhyNoModule(plan.module); !why.empty()) {
