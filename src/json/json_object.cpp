@@ -57,21 +57,6 @@ std::shared_ptr<const Tree> ParseTree(std::wstring_view text, std::size_t nestin
   return tree;
 }
 
-using TextWriter = rapidjson::Writer<TextBuffer, WideEncoding, WideEncoding, ScratchMemory>;
-
-// Writes `object`, calling `keep` for each member. `keep` writes the members that it keeps.
-template <typename Keep>
-void WriteObject(TextWriter& writer, const WideValue& object, Keep&& keep) {
-  writer.StartObject();
-  for (const auto& member : object.GetObject()) keep(member);
-  writer.EndObject();
-}
-
-void WriteMember(TextWriter& writer, const WideValue::Member& member) {
-  member.name.Accept(writer);
-  member.value.Accept(writer);
-}
-
 }  // namespace
 
 std::vector<JsonValue> JsonValue::ParseArray(std::wstring_view text) {
@@ -125,17 +110,13 @@ std::optional<JsonValue> JsonObject::Find(std::wstring_view name) const {
   return std::nullopt;
 }
 
-JsonValue JsonObject::GetNamedValue(std::wstring_view name) const {
-  std::optional<JsonValue> member = Find(name);
-  if (!member)
-    throw Platform::WindowsRuntimeError(kJsonValueNotFound, std::wstring(name) + kMissing);
-  return *std::move(member);
-}
-
 JsonValue JsonObject::GetNamed(std::wstring_view name, JsonKind kind) const {
-  JsonValue member = GetNamedValue(name);
-  member.Require(kind, name);
-  return member;
+  std::optional<JsonValue> member = Find(name);
+  if (!member) {
+    throw Platform::WindowsRuntimeError(kJsonValueNotFound, std::wstring(name) + kMissing);
+  }
+  member->Require(kind, name);
+  return *std::move(member);
 }
 
 std::wstring JsonObject::GetNamedString(std::wstring_view name) const {
@@ -161,22 +142,20 @@ std::optional<std::wstring> JsonObject::FindString(std::wstring_view name) const
 }
 
 std::wstring JsonObject::StringifyWithout(std::wstring_view object, std::wstring_view name) const {
-  const std::optional<JsonValue> inner = Find(object);
-  if (!inner || inner->Kind() != JsonKind::Object) return Stringify();
-  TextBuffer buffer;
-  ScratchMemory scratch;
-  TextWriter writer(buffer, &scratch);
-  WriteObject(writer, At(value.node), [&](const WideValue::Member& member) {
-    if (&member.value != inner->node) {
-      WriteMember(writer, member);
-      return;
+  Tree copy(0);
+  WideDocument& all = copy.document;
+  // Unlike CopyFrom, whose stack does not check for null, this throws if out of memory.
+  auto source = [this](WideDocument& target) { return At(value.node).Accept(target); };
+  all.Populate(source);
+  const auto inner = all.FindMember(WideValue(rapidjson::StringRef(object.data(), object.size())));
+  if (inner < all.MemberEnd() && inner->value.IsObject()) {
+    WideValue kept(rapidjson::kObjectType);
+    for (auto member = inner->value.MemberBegin(); member < inner->value.MemberEnd(); ++member) {
+      if (TextOf(member->name) != name) kept.AddMember(member->name, member->value, copy.pool);
     }
-    member.name.Accept(writer);
-    WriteObject(writer, member.value, [&](const WideValue::Member& kept) {
-      if (TextOf(kept.name) != name) WriteMember(writer, kept);
-    });
-  });
-  return std::wstring(buffer.View());
+    inner->value = kept;
+  }
+  return JsonText(all);
 }
 
 std::uint32_t TruncateToUint32(double number) {

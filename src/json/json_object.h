@@ -70,7 +70,6 @@ class JsonObject {
 
   // All throw kJsonValueNotFound if the member is absent, and kIllegalMethodCall if it is of
   // another kind.
-  JsonValue GetNamedValue(std::wstring_view name) const;
   std::wstring GetNamedString(std::wstring_view name) const;
   double GetNamedNumber(std::wstring_view name) const;
   JsonObject GetNamedObject(std::wstring_view name) const;
