@@ -15,6 +15,7 @@ namespace {
 
 constexpr wchar_t kThrewRuntimeError[] = L"%S.%S threw hresult_error: Message: %s, Code: %i";
 constexpr wchar_t kContractBroken[] = L"OrvaneService: contract broken, ending the process: %s";
+constexpr std::size_t kMaxClientIdLength = 64;  // characters without the terminator
 constexpr wchar_t kClientIdTooLong[] = L"the caller identity has more than 64 characters";
 constexpr char kUnknown[] = "of an unknown kind";
 

@@ -11,26 +11,21 @@ inline constexpr wchar_t kThrew[] = L"%S.%S threw exception %S";
 // (null for none). Call only inside a catch block.
 void LogCurrentException(const char* operation, const wchar_t* caller = nullptr) noexcept;
 
-// Runs `body` for a slot or task without a result code. If it throws, logs that and returns false.
+// Runs `body` for a slot or task without a result code. If it throws, logs that.
 template <typename Body>
-bool CatchAndLog(const char* operation, Body&& body) noexcept {
+void CatchAndLog(const char* operation, Body&& body) noexcept {
   try {
     std::forward<Body>(body)();
-    return true;
   } catch (...) {
     LogCurrentException(operation);
-    return false;
   }
 }
 
 // Logs `what` and terminates the process, because the host or a component broke its contract.
 [[noreturn]] void FailContract(const wchar_t* what) noexcept;
 
-// The longest caller identity, in characters without the terminator.
-inline constexpr std::size_t kMaxClientIdLength = 64;
-
-// Returns the length of a caller's identity (null means empty). Terminates the process if it is
-// longer than kMaxClientIdLength, because a truncated one could match another client's.
+// Returns the length of a caller's identity (null means empty). Terminates the process if it has
+// more than 64 characters, because a truncated one could match another client's.
 std::size_t ClientIdLength(const wchar_t* clientId) noexcept;
 
 }  // namespace Vx::Tessel::Server::Services::Orvane

@@ -155,17 +155,17 @@ std::uint32_t RunHandler(const Command& command, const Call& call, std::uint32_t
   return result;
 }
 
-// Copies the response into a buffer from malloc. Returns false if out of memory.
-bool Deliver(const Json::WideDocument& answer, wchar_t** response) {
+// Copies the response into a buffer from malloc. If out of memory, throws std::bad_alloc and
+// delivers null.
+void Deliver(const Json::WideDocument& answer, wchar_t** response) {
   Json::TextBuffer buffer;
   Json::WriteJson(answer, buffer);
   const std::wstring_view text = buffer.View();
   if (text.size() > kMaxResponseLength) FailContract(kResponseTooLong);
   auto* copy = static_cast<wchar_t*>(std::malloc((text.size() + 1) * sizeof(wchar_t)));
   *response = copy;
-  if (copy == nullptr) return false;
+  if (copy == nullptr) throw std::bad_alloc();
   *std::copy(text.begin(), text.end(), copy) = L'\0';
-  return true;
 }
 
 // Parses the request, runs the handler and delivers the response. Throws std::bad_alloc.
@@ -184,8 +184,8 @@ std::uint32_t Execute(OrvaneService& service, std::uint32_t id, const wchar_t* r
   answer->SetObject();
   const std::uint32_t result =
       RunHandler(command, {service, request, *document, *answer, caller, record}, id);
-  if (Deliver(*answer, response)) return result;
-  throw std::bad_alloc();
+  Deliver(*answer, response);
+  return result;
 }
 
 // Logs why a request was refused, or what was wrong with a request that was carried out.
