@@ -6,7 +6,6 @@
 #include <utility>
 #include <vector>
 
-#include "storage/cap_data_store.h"
 #include "storage/request_list.h"
 
 namespace Vx::Tessel::Server::Services::Orvane {
@@ -85,8 +84,6 @@ RequestManager::RequestManager(std::string embeddedDocument, std::string listKey
     logger->LogError(kNoStore, error.what());
   }
 }
-
-RequestManager::~RequestManager() = default;
 
 std::wstring RequestManager::StoredList() const {
   return TextOf(document.Find(key));

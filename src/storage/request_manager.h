@@ -9,11 +9,8 @@
 #include "host/logging.h"
 #include "platform/windows_runtime_error.h"
 #include "storage/bson_document.h"
+#include "storage/cap_data_store.h"
 #include "storage/service_document.h"
-
-namespace Vx::Tessel::Server::Storage {
-class CapDataStore;
-}
 
 namespace Vx::Tessel::Server::Services::Orvane {
 
@@ -38,7 +35,7 @@ class RequestManager {
   RequestManager(std::string embeddedDocument, std::string listKey);
   RequestManager(const RequestManager&) = delete;
   RequestManager& operator=(const RequestManager&) = delete;
-  ~RequestManager();
+  ~RequestManager() = default;
 
   // Adds a request. Returns false if it could not be stored, if its compact text is longer than
   // kMaxStoredRequest, or if the three lists together would exceed 8,388,608 characters. Throws
