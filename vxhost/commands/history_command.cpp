@@ -296,7 +296,8 @@ int RunHistory(const Options& options, const ModuleOptions&, Console& console) {
     console.Show(AsJson(row), {LineOf(row, zone)});
   };
   if (options.follow) history.TakeChanges();  // the rows below include them
-  const auto rows = History(history).Finish(period, now);
+  const auto rows =
+      options.follow ? History(history).Finish(period, now) : history.Finish(period, now);
   std::ranges::for_each(rows, show);
   if (history.Records() == 0 && rows.empty()) console.Note(kNoRecords);
   if (history.Unknown() != 0) {
