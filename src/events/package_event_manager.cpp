@@ -149,6 +149,8 @@ bool MayBeStored(const std::wstring& stored) noexcept {
     return !store.updateMember(kServiceDocument, kPackageForm.list, look) || held;
   } catch (const std::exception&) {
     return true;
+  } catch (const Platform::WindowsRuntimeError&) {  // the list is not a JSON array
+    return true;
   }
 }
 

@@ -236,25 +236,39 @@ TEST_F(OneShotTest, WatchesWhatIsSubscribedAgainWhileAReplayFindsItGone) {
   PackageCatalogEventManager::clear_events();
 }
 
-// During the replay, another request in the list is completed, and then the store fails.
+// During the replay, another request in the list is completed. Then the store fails, or another
+// service replaces the list with what is not one.
 TEST_F(OneShotTest, IsWatchedAlsoWhenTheStoreCannotSayWhetherItIsStored) {
-  RequestManager(kServiceDocument, kPackageSubscriptions).PersistRequest(Request(6));
-  Subscribe(Request(7));
-  const std::wstring lasting = Request(5);
-  Subscribe(lasting);
-  PackageCatalogEventManager::clear_events(&first);
-  const auto fired = FiringMarks::Of(Request(7));
-  {
-    const Tests::LogTrap complete(L"failed to register request", 1, [&] {
-      FiringMarks::Forget(Request(7), fired);
-      machine.faults.FailNamed("KernelObjects.LockMutex");
-    });
-    Replay(first);
+  const auto replaceList = [](const wchar_t* text) {
+    Storage::CapDataStore().mergeMember(kServiceDocument, kPackageSubscriptions,
+                                        Storage::BsonElement::Text(text));
+  };
+  for (const bool replaced : {false, true}) {
+    replaceList(L"[]");
+    RequestManager(kServiceDocument, kPackageSubscriptions).PersistRequest(Request(6));
+    Subscribe(Request(7));
+    const std::wstring lasting = Request(5);
+    Subscribe(lasting);
+    PackageCatalogEventManager::clear_events(&first);
+    const auto fired = FiringMarks::Of(Request(7));
+    const std::size_t sent = Sent().size();
+    {
+      const Tests::LogTrap complete(L"failed to register request", 1, [&] {
+        FiringMarks::Forget(Request(7), fired);
+        if (replaced) {
+          replaceList(L"{}");
+        } else {
+          machine.faults.FailNamed("KernelObjects.LockMutex");
+        }
+      });
+      Replay(first);
+    }
+    machine.faults.Clear();
+    Notify(kFamily);
+    EXPECT_EQ(Sent().size(), sent + 1);
+    EXPECT_THAT(Stored(), Not(HasSubstr(lasting)));
+    PackageCatalogEventManager::clear_events();
   }
-  machine.faults.Clear();
-  Notify(kFamily);
-  EXPECT_THAT(Sent(), SizeIs(1));
-  EXPECT_THAT(Stored(), Not(HasSubstr(lasting)));
 }
 
 // A replay may read the list after a request has been stored but before it has been marked.
