@@ -86,15 +86,12 @@ struct ScenarioRun {
 
 ScenarioRun Read(const ScenarioOptions& options, const ModuleOptions& module) {
   const auto definitions = DefinitionsOf(options.definitions);
-  const HarnessKind where = module.simulate       ? HarnessKind::Simulated
-                            : module.privateStore ? HarnessKind::PrivateStore
-                                                  : HarnessKind::Real;
   ScenarioRun run;
   for (const std::string& file : options.scenarios) {
     PlayedScenario& entry = run.played.emplace_back();
     entry.file = file;
     try {
-      run.scenarios.push_back(std::make_unique<Scenario>(FullPath(file), definitions, where));
+      run.scenarios.push_back(std::make_unique<Scenario>(FullPath(file), definitions, module));
     } catch (const std::runtime_error& error) {
       entry.error = error.what();
       run.faults += (run.faults.empty() ? "" : "\n") + entry.error;

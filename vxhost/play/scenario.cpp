@@ -325,7 +325,7 @@ class ScenarioRunner {
 
 }  // namespace
 
-Scenario::Scenario(const std::wstring& path, Definitions names, HarnessKind where)
+Scenario::Scenario(const std::wstring& path, Definitions names, const ModuleOptions& module)
     : definitions(std::move(names)) {
   const std::wstring text = ReadTextFile(path);
   Json::ParseFault fault;
@@ -333,12 +333,8 @@ Scenario::Scenario(const std::wstring& path, Definitions names, HarnessKind wher
     throw std::runtime_error(Utf8(path) + " is not valid JSON: " + FaultText(text, fault));
   }
   lines = LinesOf(document, text);
-  const std::vector<std::string> faults = FaultsOf(document, lines, definitions, where);
-  if (!faults.empty()) {
-    std::string list = Utf8(path) + " cannot be played:";
-    for (const std::string& one : faults) list += "\n  " + one;
-    throw std::runtime_error(list);
-  }
+  const std::string faults = FaultsOf(document, lines, definitions, module);
+  if (!faults.empty()) throw std::runtime_error(Utf8(path) + " cannot be played:" + faults);
   const auto* store = FindMember(document, L"store");
   if (store == nullptr || store->IsObject()) return;
   std::wstring file = Expanded(*store, definitions);

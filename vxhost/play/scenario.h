@@ -15,7 +15,7 @@ class Scenario {
  public:
   // Reads and checks the file. Throws std::runtime_error that lists every fault with its line, or
   // if the file that "store" names cannot be used.
-  Scenario(const std::wstring& path, Definitions definitions, HarnessKind where);
+  Scenario(const std::wstring& path, Definitions definitions, const ModuleOptions& module);
 
   // Writes the values of "store", or of the file that it names, to the current machine's store.
   // Call before creating the service.

@@ -2,6 +2,7 @@
 
 #include <iterator>
 #include <set>
+#include <vector>
 
 #include "hosting/json_row.h"
 #include "vxhost/play/machine_steps.h"
@@ -66,10 +67,10 @@ std::string Shown(const WideValue& value) {
 
 class Checker {
  public:
-  Checker(const LineIndex& index, const Definitions& names, HarnessKind harness)
-      : lines(index), definitions(names), where(harness) {}
+  Checker(const LineIndex& index, const Definitions& names, const ModuleOptions& options)
+      : lines(index), definitions(names), module(options) {}
 
-  std::vector<std::string> Check(const WideValue& scenario) {
+  std::string Check(const WideValue& scenario) {
     if (!scenario.IsObject()) {
       Add(scenario, {}, "is not a scenario, which is an object with the member \"steps\"");
       return faults;
@@ -79,7 +80,7 @@ class Checker {
       const std::wstring key = member->name.GetString();
       if (key == kStore) {
         Part(kBegin, member->value, key, scenario);
-        if (where != HarnessKind::Real) continue;
+        if (module.simulate || module.privateStore) continue;
         Add(member->value, key,
             "would change this machine's store: use --private-store or --simulate");
       } else if (key != kSteps) {
@@ -100,10 +101,10 @@ class Checker {
 
  private:
   void Add(const WideValue& at, const std::wstring& key, const std::string& what) {
-    std::string place = "line " + std::to_string(lines.at(&at));
-    if (step != 0) place += ", step " + std::to_string(step);
-    if (!key.empty()) place += ", \"" + Utf8(key) + "\"";
-    faults.push_back(place + ": " + what);
+    faults += "\n  line " + std::to_string(lines.at(&at));
+    if (step != 0) faults += ", step " + std::to_string(step);
+    if (!key.empty()) faults += ", \"" + Utf8(key) + "\"";
+    faults += ": " + what;
   }
 
   void Step(const WideValue& one) {
@@ -121,7 +122,7 @@ class Checker {
 
   void Part(const PartRule& rule, const WideValue& value, const std::wstring& key,
             const WideValue& one) {
-    if (rule.simulated && where != HarnessKind::Simulated) {
+    if (rule.simulated && !module.simulate) {
       Add(value, key, "needs a simulated machine: --simulate");
     }
     if (rule.companion != nullptr && FindMember(one, rule.companion) == nullptr) {
@@ -218,9 +219,9 @@ class Checker {
 
   const LineIndex& lines;
   const Definitions& definitions;
-  HarnessKind where;
+  const ModuleOptions& module;
   const std::vector<PartRule> parts = StepRules();
-  std::vector<std::string> faults;
+  std::string faults;
   std::size_t step = 0;
   bool ended = false;
 };
@@ -290,9 +291,9 @@ std::wstring MemberText(const WideValue& object, const wchar_t* key, const Defin
   return member == nullptr ? absent : Expanded(*member, definitions);
 }
 
-std::vector<std::string> FaultsOf(const Json::WideDocument& scenario, const LineIndex& lines,
-                                  const Definitions& definitions, HarnessKind where) {
-  return Checker(lines, definitions, where).Check(scenario);
+std::string FaultsOf(const Json::WideDocument& scenario, const LineIndex& lines,
+                     const Definitions& definitions, const ModuleOptions& module) {
+  return Checker(lines, definitions, module).Check(scenario);
 }
 
 }  // namespace Vx::Hosting::Tool

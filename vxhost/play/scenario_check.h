@@ -8,10 +8,10 @@
 #include <string>
 #include <string_view>
 #include <unordered_map>
-#include <vector>
 
 #include "hosting/text.h"
 #include "json/json_text.h"
+#include "vxhost/common/module_options.h"
 
 namespace Vx::Hosting::Tool {
 
@@ -118,12 +118,10 @@ std::wstring Expanded(const Json::WideValue& value, const Definitions& definitio
 std::wstring MemberText(const Json::WideValue& object, const wchar_t* key,
                         const Definitions& definitions, const wchar_t* absent = L"");
 
-enum class HarnessKind { Real, PrivateStore, Simulated };
-
-// Returns every fault of a scenario, in order, as "line 4, step 2, \"expect.code\": ...": unknown
-// parts, values of the wrong kind, undefined names, and expectations that the player could not
-// check. Returns none if the scenario can be played.
-std::vector<std::string> FaultsOf(const Json::WideDocument& scenario, const LineIndex& lines,
-                                  const Definitions& definitions, HarnessKind where);
+// Returns every fault of a scenario, in order, each as "\n  line 4, step 2, \"expect.code\": ...":
+// unknown parts, values of the wrong kind, undefined names, and expectations that the player could
+// not check. Returns an empty string if the scenario can be played.
+std::string FaultsOf(const Json::WideDocument& scenario, const LineIndex& lines,
+                     const Definitions& definitions, const ModuleOptions& module);
 
 }  // namespace Vx::Hosting::Tool
