@@ -16,6 +16,8 @@ namespace Vx::Hosting::ServiceHost {
 
 namespace {
 
+using namespace std::string_view_literals;
+
 // Message IDs from host_messages.mc, including the severity bits.
 constexpr std::uint32_t kWarningMessage = 0x80000001;
 constexpr std::uint32_t kErrorMessage = 0xC0000002;
@@ -35,6 +37,28 @@ constexpr wchar_t kFullWidthPercent = 0xFF05;
 constexpr std::wstring_view kDeliveries[] = {L"power", L"platform", L"uninstall"};
 constexpr std::wstring_view kNotRunDecisions[] = {L"dropped",     L"refused",  L"failed",
                                                   L"not_started", L"not_sent", L"not_raised"};
+
+// Derived from the provider's name in the standard way, so tools also accept "*Vx-Host-Service".
+constexpr GUID kProvider = {
+    0x1f3716e0, 0xc3cb, 0x5355, {0x7c, 0xd0, 0xdc, 0x57, 0x8e, 0xba, 0x4f, 0xdc}};
+
+// The traits and the description each begin with their size as a 16-bit little-endian integer.
+constexpr std::string_view kTraits = "\x12\0Vx-Host-Service\0"sv;
+// No tags, the event's name, and each field's name with its type: 1 for a null-terminated UTF-16
+// string and 8 for an unsigned 32-bit integer.
+constexpr std::string_view kDescription =
+    "\x31\0"
+    "\0"
+    "Log\0"
+    "level\0\x01"
+    "provider\0\x01"
+    "caller\0\x01"
+    "thread\0\x08"
+    "message\0\x01"sv;
+static_assert(kTraits.size() == 0x12 && kDescription.size() == 0x31);
+
+constexpr std::uint8_t kSelfDescribing = 11;  // marks self-describing events for tools
+constexpr int kProviderTraits = 2;            // the EventSetInformation class for traits
 
 bool SaysThatNothingRan(const DecisionRecord& record) {
   return std::ranges::find(kDeliveries, record.kind) != std::end(kDeliveries) &&
@@ -59,30 +83,6 @@ std::wstring Insertable(std::wstring text) {
   std::ranges::replace(text, L'%', kFullWidthPercent);
   return text;
 }
-
-using namespace std::string_view_literals;
-
-// Derived from the provider's name in the standard way, so tools also accept "*Vx-Host-Service".
-constexpr GUID kProvider = {
-    0x1f3716e0, 0xc3cb, 0x5355, {0x7c, 0xd0, 0xdc, 0x57, 0x8e, 0xba, 0x4f, 0xdc}};
-
-// The traits and the description each begin with their size as a 16-bit little-endian integer.
-constexpr std::string_view kTraits = "\x12\0Vx-Host-Service\0"sv;
-// No tags, the event's name, and each field's name with its type: 1 for a null-terminated UTF-16
-// string and 8 for an unsigned 32-bit integer.
-constexpr std::string_view kDescription =
-    "\x31\0"
-    "\0"
-    "Log\0"
-    "level\0\x01"
-    "provider\0\x01"
-    "caller\0\x01"
-    "thread\0\x08"
-    "message\0\x01"sv;
-static_assert(kTraits.size() == 0x12 && kDescription.size() == 0x31);
-
-constexpr std::uint8_t kSelfDescribing = 11;  // marks self-describing events for tools
-constexpr int kProviderTraits = 2;            // the EventSetInformation class for traits
 
 std::string_view BytesOf(const std::wstring& text) {
   return {reinterpret_cast<const char*>(text.c_str()), (text.size() + 1) * sizeof(wchar_t)};
