@@ -205,7 +205,7 @@ int Events(const EventOptions& options, const ModuleOptions& module, Console& co
   }
   const auto entries = context->record.Entries();
   NoteWaiting(entries, console);
-  if (console.WritesJson()) console.JsonResult(EventsJson(entries));
+  if (console.WritesJson()) console.JsonResult(JsonRow{{L"entries", EntriesJson(entries, 0)}});
   return kDone;
 }
 

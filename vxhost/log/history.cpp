@@ -342,9 +342,7 @@ std::vector<Period> History::Outages(const Period& within) const {
     now.begin = std::max(now.begin, run.stopped ? run.last : within.end);
   }
   if (!runs.empty()) all.push_back(now);
-  for (Period& one : all) {
-    one = {std::max(one.begin, within.begin), std::min(one.end, within.end)};
-  }
+  for (Period& one : all) one = {std::max(one.begin, within.begin), std::min(one.end, within.end)};
   std::erase_if(all, [](const Period& one) { return one.end - one.begin < kRestart; });
   std::ranges::sort(all, {}, &Period::begin);
   if (std::ssize(all) > kMost) all.erase(all.begin(), all.end() - kMost);

@@ -56,14 +56,6 @@ JsonRow EntryJson(const RecordEntry& entry) {
   return row;
 }
 
-std::vector<JsonRow> EntriesJson(const std::vector<RecordEntry>& entries, std::size_t step) {
-  std::vector<JsonRow> list;
-  for (const RecordEntry& entry : entries) {
-    if (entry.step == step) list.push_back(EntryJson(entry));
-  }
-  return list;
-}
-
 std::vector<std::wstring> FailuresOf(const PlayedScenario& played, std::size_t step) {
   std::vector<std::wstring> failures;
   for (const RecordEntry& entry : played.entries) {
@@ -178,6 +170,14 @@ JsonRow CommandJson(std::uint32_t id, const CommandResult& answer) {
   return row;
 }
 
+std::vector<JsonRow> EntriesJson(const std::vector<RecordEntry>& entries, std::size_t step) {
+  std::vector<JsonRow> list;
+  for (const RecordEntry& entry : entries) {
+    if (entry.step == step) list.push_back(EntryJson(entry));
+  }
+  return list;
+}
+
 JsonRow ScenarioJson(const PlayedScenario& played) {
   std::vector<JsonRow> steps;
   for (std::size_t i = 0; i < played.steps.size(); ++i) {
@@ -192,10 +192,6 @@ JsonRow ScenarioJson(const PlayedScenario& played) {
           {L"met", played.met},
           {L"seconds", Seconds(LengthOf(played))},
           {L"steps", steps}};
-}
-
-JsonRow EventsJson(const std::vector<RecordEntry>& entries) {
-  return {{L"entries", EntriesJson(entries, 0)}};
 }
 
 std::string JUnitReport(const std::vector<PlayedScenario>& played) {

@@ -79,12 +79,12 @@ struct PlayedScenario {
 // a string if it is not JSON.
 JsonRow CommandJson(std::uint32_t id, const CommandResult& answer);
 
+// Returns the entries of one step. Those outside a scenario have step 0.
+std::vector<JsonRow> EntriesJson(const std::vector<RecordEntry>& entries, std::size_t step);
+
 // Returns {"scenario", "met", "seconds", "steps": [{"step", "line", "say", "met", "entries"}]}, as
 // described in docs/vxhost.md.
 JsonRow ScenarioJson(const PlayedScenario& played);
-
-// Returns {"entries"}.
-JsonRow EventsJson(const std::vector<RecordEntry>& entries);
 
 // Returns a JUnit report, with one suite per scenario and one case per step.
 std::string JUnitReport(const std::vector<PlayedScenario>& played);
