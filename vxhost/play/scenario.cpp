@@ -107,14 +107,6 @@ BsonDocument TypedDocument(const WideValue& object) {
   return document;
 }
 
-std::wstring ReadIfThere(const std::wstring& path) {
-  try {
-    return ReadTextFile(path);
-  } catch (const std::runtime_error&) {
-    return {};
-  }
-}
-
 // Polls `condition` every few milliseconds of real time. Returns false if `seconds` elapse first.
 bool WaitUntil(int seconds, const std::function<bool()>& condition) {
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
@@ -259,7 +251,11 @@ class ScenarioRunner {
     const std::wstring wanted = Text(what, L"contains");
     std::wstring content;
     const bool came = WaitUntil(Seconds(what), [&] {
-      content = ReadIfThere(path);
+      try {
+        content = ReadTextFile(path);
+      } catch (const std::runtime_error&) {
+        content.clear();  // the file may come later
+      }
       return !content.empty() && content.find(wanted) != std::wstring::npos;
     });
     if (FindMember(what, L"quiet") == nullptr) {

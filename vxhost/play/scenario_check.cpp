@@ -114,10 +114,7 @@ class Checker {
     }
     Members(one, parts, {}, one);
     Liveness(one);
-    if (const WideValue* expect = FindMember(one, L"expect");
-        expect != nullptr && expect->IsObject()) {
-      Observation(one, *expect);
-    }
+    Observation(one);
   }
 
   void Part(const PartRule& rule, const WideValue& value, const std::wstring& key,
@@ -201,12 +198,14 @@ class Checker {
     }
   }
 
-  void Observation(const WideValue& one, const WideValue& expect) {
-    if (const WideValue* seconds = FindMember(expect, L"seconds");
-        seconds != nullptr && FindMember(expect, L"log") == nullptr) {
+  void Observation(const WideValue& one) {
+    const WideValue* expect = FindMember(one, L"expect");
+    if (expect == nullptr || !expect->IsObject()) return;
+    const WideValue* seconds = FindMember(*expect, L"seconds");
+    if (seconds != nullptr && FindMember(*expect, L"log") == nullptr) {
       Add(*seconds, L"expect.seconds", "means nothing without \"expect.log\"");
     }
-    const WideValue* unwanted = FindMember(expect, L"noEvent");
+    const WideValue* unwanted = FindMember(*expect, L"noEvent");
     if (unwanted == nullptr) return;
     const bool acts = std::any_of(one.MemberBegin(), one.MemberEnd(), [](const auto& part) {
       return std::ranges::find(kOnlyLook, TextOf(part.name)) == std::end(kOnlyLook);
