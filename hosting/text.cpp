@@ -97,21 +97,6 @@ std::string PrintableJson(std::wstring_view json) {
   return Utf8(shown);
 }
 
-std::string Markup(std::string_view text) {
-  static constexpr struct {
-    char unit;
-    std::string_view markup;
-  } kMarkup[] = {{'&', "&amp;"},  {'<', "&lt;"},   {'>', "&gt;"}, {'"', "&quot;"},
-                 {'\'', "&#39;"}, {'\n', "&#10;"}, {'\r', ""}};
-  std::string escaped;
-  for (const char unit : text) {
-    const auto* special =
-        std::ranges::find(kMarkup, unit, [](const auto& row) { return row.unit; });
-    escaped += special == std::end(kMarkup) ? std::string_view(&unit, 1) : special->markup;
-  }
-  return escaped;
-}
-
 std::wstring ReadTextFile(const std::wstring& path) {
   std::ifstream file(path.c_str(), std::ios::binary);
   if (!file) throw std::runtime_error("cannot read " + Utf8(path));
@@ -201,14 +186,6 @@ std::wstring DateTimeText(std::uint64_t time) {
                                   moment.wYear, moment.wMonth, moment.wDay, moment.wHour,
                                   moment.wMinute, moment.wSecond, moment.wMilliseconds));
   return text;
-}
-
-std::uint64_t LocalFileTime() {
-  FILETIME utc;
-  FILETIME local;
-  GetSystemTimeAsFileTime(&utc);
-  FileTimeToLocalFileTime(&utc, &local);
-  return std::uint64_t{local.dwHighDateTime} << 32 | local.dwLowDateTime;
 }
 
 std::wstring TextOf(const Json::WideValue& text) {

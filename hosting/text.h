@@ -25,9 +25,6 @@ std::string Printable(std::string_view text, LineBreaks breaks);
 // reads every string unchanged. Line feeds are kept.
 std::string PrintableJson(std::wstring_view json);
 
-// Returns `text` escaped for XML or HTML elements and attributes. Removes carriage returns.
-std::string Markup(std::string_view text);
-
 // Returns the content of a text file without its byte-order mark. The file is UTF-8 unless the mark
 // says UTF-16. Throws std::runtime_error if it cannot be read.
 std::wstring ReadTextFile(const std::wstring& path);
@@ -81,9 +78,6 @@ std::wstring Shortened(std::wstring text);
 
 // Formats a FILETIME as "2026-11-25T11:31:46.251".
 std::wstring DateTimeText(std::uint64_t time);
-
-// Returns this machine's local time as a FILETIME.
-std::uint64_t LocalFileTime();
 
 // Returns the value of a JSON string.
 std::wstring TextOf(const Json::WideValue& text);

@@ -6,7 +6,6 @@
 
 #include <windows.h>
 
-#include <aclapi.h>
 #include <sddl.h>
 
 #include "hosting/text.h"
@@ -132,17 +131,6 @@ std::wstring CallerName(const PipeCaller& caller) {
                       Harmless(caller.file.empty() ? process : caller.file);
   name.resize(std::min(name.size(), kLongestName));
   return name;
-}
-
-std::wstring OwnerOf(Platform::RawHandle pipe) {
-  PSID owner = nullptr;
-  PSECURITY_DESCRIPTOR raw = nullptr;
-  if (GetSecurityInfo(pipe, SE_KERNEL_OBJECT, OWNER_SECURITY_INFORMATION, &owner, nullptr, nullptr,
-                      nullptr, &raw) != ERROR_SUCCESS) {
-    return {};
-  }
-  const Platform::UniqueLocalMemory<void> descriptor(raw);
-  return Platform::SidText(owner);
 }
 
 }  // namespace Vx::Hosting::ServiceHost

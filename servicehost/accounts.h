@@ -37,7 +37,4 @@ PipeCaller CallerOf(std::uint32_t processId);
 // so a file name cannot pass for another user. Translates a name.
 std::wstring CallerName(const PipeCaller& caller);
 
-// Returns the SID of a pipe's owner, or an empty string if unknown. Needs READ_CONTROL.
-std::wstring OwnerOf(Platform::RawHandle pipe);
-
 }  // namespace Vx::Hosting::ServiceHost

@@ -78,8 +78,7 @@ const Platform::Machine& Machine() {
 }
 
 std::wstring Expanded(const wchar_t* text) {
-  auto expanded = Machine().environment->Expand(text, Platform::kLongestPath);
-  return expanded ? *std::move(expanded) : text;
+  return Machine().environment->Expand(text, Platform::kLongestPath).ValueOr(text);
 }
 
 // Returns the version in a file's resource, such as "1.2.3.4", or "" if it has none.

@@ -70,10 +70,7 @@ int RunService(const Options& options, const ModuleOptions& module, Console& con
   const PowerNotifications power(PowerNotifications::Kind::Sleep,
                                  [&host](std::uint32_t code) { host.OnPower(code); });
   const PipeServer server(
-      std::move(pipe),
-      [&host](const CommandEnvelope& command, const std::wstring& client) {
-        return host.Execute(command, client);
-      },
+      std::move(pipe), std::bind_front(&HostLoop::Execute, &host),
       [&log](const wchar_t* level, std::wstring_view message) { log.Add(level, message); });
   std::fprintf(stderr, "%s runs as process %lu; Ctrl+C ends it\n", options.name.c_str(),
                GetCurrentProcessId());

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <bit>
 #include <cstdio>
 #include <memory>
 #include <optional>
@@ -116,7 +117,11 @@ class Monitor {
 
 // Returns the local time, with the date if `whole` is true.
 std::wstring Now(bool whole) {
-  const std::wstring text = DateTimeText(LocalFileTime());
+  FILETIME utc;
+  FILETIME local;
+  GetSystemTimeAsFileTime(&utc);
+  FileTimeToLocalFileTime(&utc, &local);
+  const std::wstring text = DateTimeText(std::bit_cast<std::uint64_t>(local));
   return whole ? text : text.substr(text.find(L'T') + 1);
 }
 

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <iterator>
+#include <string_view>
 
 #include <windows.h>
 
@@ -11,6 +13,22 @@
 namespace Vx::Hosting::Tool {
 
 namespace {
+
+// Returns `text` escaped for XML elements and attributes. Removes carriage returns.
+std::string Markup(std::string_view text) {
+  static constexpr struct {
+    char unit;
+    std::string_view markup;
+  } kMarkup[] = {{'&', "&amp;"},  {'<', "&lt;"},   {'>', "&gt;"}, {'"', "&quot;"},
+                 {'\'', "&#39;"}, {'\n', "&#10;"}, {'\r', ""}};
+  std::string escaped;
+  for (const char unit : text) {
+    const auto* special =
+        std::ranges::find(kMarkup, unit, [](const auto& row) { return row.unit; });
+    escaped += special == std::end(kMarkup) ? std::string_view(&unit, 1) : special->markup;
+  }
+  return escaped;
+}
 
 using std::chrono::milliseconds;
 

@@ -5,6 +5,7 @@
 #include <deque>
 #include <optional>
 #include <stdexcept>
+#include <system_error>
 #include <utility>
 
 #include <windows.h>
@@ -15,7 +16,6 @@
 #include "platform/machine.h"
 #include "service/orvane_service.h"
 #include "simulator/simulated_machine.h"
-#include "vxhost/play/private_store.h"
 
 namespace Vx::Hosting::Tool {
 
@@ -175,6 +175,22 @@ struct SimulatedHarness : Harness {
 };
 
 }  // namespace
+
+PrivateStore::PrivateStore()
+    : folder(std::filesystem::temp_directory_path() /
+             (L"vxhost-" + std::to_wstring(GetCurrentProcessId()))) {
+  std::filesystem::create_directories(folder);
+  SetEnvironmentVariableW(L"ProgramData", folder.wstring().c_str());
+}
+
+PrivateStore::~PrivateStore() {
+  std::error_code ignored;  // a folder that contains other files stays
+  for (const wchar_t* name :
+       {L"Vx\\SharedServices\\shared_store.dat", L"Vx\\SharedServices", L"Vx"}) {
+    std::filesystem::remove(folder / name, ignored);
+  }
+  std::filesystem::remove(folder, ignored);
+}
 
 std::shared_ptr<Harness> MakeHarness(const ModuleOptions& options, Console& console,
                                      const std::function<void()>& prepare) {

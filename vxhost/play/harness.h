@@ -1,5 +1,6 @@
 #pragma once
 
+#include <filesystem>
 #include <functional>
 #include <memory>
 
@@ -13,6 +14,18 @@ class SimulatedMachine;
 }  // namespace Vx::Simulator
 
 namespace Vx::Hosting::Tool {
+
+// Replaces the machine's store with one in a temporary folder, which the destructor removes.
+class PrivateStore {
+ public:
+  PrivateStore();
+  PrivateStore(const PrivateStore&) = delete;
+  PrivateStore& operator=(const PrivateStore&) = delete;
+  ~PrivateStore();
+
+ private:
+  std::filesystem::path folder;
+};
 
 // A service and the record of what happens.
 struct Harness {

@@ -5,8 +5,10 @@
 
 #include <windows.h>
 
+#include <aclapi.h>
+
 #include "hosting/text.h"
-#include "servicehost/accounts.h"
+#include "platform/windows/file_handle.h"
 #include "servicehost/pipe_io.h"
 #include "servicehost/pipe_server.h"
 #include "vxhost/service/service_manager.h"
@@ -34,6 +36,18 @@ bool IsAccepted(const std::wstring& owner, PipeOwner accepted) {
   if (owner.empty()) return false;
   return owner == kSystem || owner == kAdministrators ||
          (accepted == PipeOwner::Account && owner == CallerOf(GetCurrentProcessId()).account);
+}
+
+// Returns the SID of the pipe's owner, or an empty string if unknown. Needs READ_CONTROL.
+std::wstring OwnerOf(HANDLE pipe) {
+  PSID owner = nullptr;
+  PSECURITY_DESCRIPTOR raw = nullptr;
+  if (GetSecurityInfo(pipe, SE_KERNEL_OBJECT, OWNER_SECURITY_INFORMATION, &owner, nullptr, nullptr,
+                      nullptr, &raw) != ERROR_SUCCESS) {
+    return {};
+  }
+  const Platform::UniqueLocalMemory<void> descriptor(raw);
+  return Platform::SidText(owner);
 }
 
 }  // namespace
