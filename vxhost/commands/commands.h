@@ -13,7 +13,7 @@
 
 namespace Vx::Hosting::Tool {
 
-// Each adds the subcommands of one source file.
+// Each adds the subcommands of one subject.
 void AddModuleCommands(CommandLine& line);  // exec, scenario and events
 void AddServiceCommands(CommandLine& line);
 void AddStoreCommands(CommandLine& line);
