@@ -25,10 +25,7 @@ TEST(EventCommand, ExecutesThroughItsFirstSlotAndAnswersThroughItsSecond) {
 }
 
 TEST(ParseEventCommand, AnswersOnlyCommandsThatMayRunLate) {
-  static constexpr struct {
-    bool parsed;
-    const wchar_t* request;
-  } kCases[] = {
+  static constexpr std::pair<bool, const wchar_t*> kCases[] = {
       {true, LR"({"catalogAction":1,"catalogActionParams":{"path":"p"}})"},
       {true, LR"({"catalogAction":1.9,"catalogActionParams":{"path":"p"}})"},
       {false, LR"({"catalogAction":0.9,"catalogActionParams":{"path":"p"}})"},
@@ -41,10 +38,10 @@ TEST(ParseEventCommand, AnswersOnlyCommandsThatMayRunLate) {
                   {"packageFamilyName":"f","appServiceName":"s","payload":{}}})"},
       {false, L"{"},
   };
-  for (const auto& c : kCases) {
-    SCOPED_TRACE(testing::PrintToString(std::wstring(c.request)));
-    const auto command = SubscribeForAppPackageEventRequest::ParseEventCommand(c.request);
-    EXPECT_EQ(command != nullptr && command->RunIfUninstalledWhileNotRunning(), c.parsed);
+  for (const auto& [parsed, request] : kCases) {
+    SCOPED_TRACE(testing::PrintToString(std::wstring(request)));
+    const auto command = SubscribeForAppPackageEventRequest::ParseEventCommand(request);
+    EXPECT_EQ(command != nullptr && command->RunIfUninstalledWhileNotRunning(), parsed);
   }
 }
 
@@ -86,7 +83,7 @@ TEST_F(RealLaunchTest, StartsATrustedProgramOnTheUsersDesktopAndReportsIt) {
   ASSERT_TRUE(report);
   EXPECT_EQ(report->commandLine, L"\"" + path + L"\" one \"two three\"");
   EXPECT_EQ(report->workingDirectory, folder.Path());
-  EXPECT_FALSE(report->HasVariable(L"VX_PROBE=of the service"));
+  EXPECT_THAT(report->lines, Not(Contains(L"VX_PROBE=of the service")));
   EXPECT_THAT(report->lines, Contains(L"desktop=winsta0\\default"));
   const auto lines = log.Lines();
   ASSERT_GE(lines.size(), 3U);
@@ -140,7 +137,7 @@ TEST_F(RealLaunchTest, CanBeUpdatedWhileItWaitsForItsTurnAndIsThenCheckedAgain) 
     std::mutex turn;
     std::vector<std::jthread> others;
     int inTurn = 0;
-    const auto sink = Logging::LogManager::AddSink([&](const Logging::LogRecord& record) {
+    const Tests::LogSink sink([&](const Logging::LogRecord& record) {
       if (record.message.find(L"GetSecurityCatalogInfo - File") == std::wstring::npos) return;
       const bool free = Tests::IsFree(turn);
       if (!free) ++inTurn;
@@ -161,7 +158,6 @@ TEST_F(RealLaunchTest, CanBeUpdatedWhileItWaitsForItsTurnAndIsThenCheckedAgain) 
       command.Execute();
     }
     others.clear();
-    Logging::LogManager::RemoveSink(sink);
     EXPECT_EQ(clock.Elapsed() - begin, std::chrono::seconds(c.seconds));
     EXPECT_EQ(inTurn, c.inTurn);
     EXPECT_THAT(log.Lines(), Contains(LockLine(path, L"succeeded")).Times(c.locks));
@@ -257,10 +253,9 @@ TEST_F(RealLaunchTest, StartsNothingThatChangedAfterALockThatFailed) {
 TEST_F(RealLaunchTest, KeepsTheFileFromWritersFromItsCheckToItsStart) {
   const std::wstring path = folder.Hold(L"pinned.exe");
   std::vector<bool> writable;
-  const auto sink = Logging::LogManager::AddSink(
+  const Tests::LogSink sink(
       [&](const Logging::LogRecord&) { writable.push_back(CanBeWritten(path)); });
   Command(path).Execute();
-  Logging::LogManager::RemoveSink(sink);
   ASSERT_TRUE(Tests::WaitForProbe(path + L".out"));
   EXPECT_GE(writable.size(), 4U);
   EXPECT_THAT(writable, Each(false));

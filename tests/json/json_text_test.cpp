@@ -7,12 +7,7 @@ namespace Vx::Json {
 
 namespace {
 
-std::wstring Repeated(std::wstring_view part, std::size_t count) {
-  std::wstring text;
-  text.reserve(part.size() * count);
-  for (std::size_t i = 0; i < count; ++i) text.append(part);
-  return text;
-}
+using Tests::Repeated;
 
 bool IsValid(const std::wstring& text) {
   WideDocument document;
@@ -141,9 +136,8 @@ TEST(ParseJson, KeepsWhatStandsBeforeAndBehindAnEscape) {
 }
 
 TEST(InlineDocument, GoesOnOnTheHeapWhenItsOwnMemoryIsFull) {
-  std::wstring text = L"[";
-  for (int i = 0; i < 5000; ++i) text += L"{\"key\":\"a text that is no short one\"},";
-  text += L"null]";
+  const std::wstring text =
+      L"[" + Repeated(L"{\"key\":\"a text that is no short one\"},", 5000) + L"null]";
   InlineDocument<1024> document;
   ASSERT_TRUE(ParseJson(*document, text));
   EXPECT_EQ(JsonText(*document), text);

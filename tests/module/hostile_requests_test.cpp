@@ -20,12 +20,6 @@ constexpr std::uint32_t kInvalidRequest = 0x20000003;
 constexpr std::size_t kMaxResponse = 65536;
 constexpr std::size_t kDeep = 100000;
 
-Text Repeated(std::wstring_view piece, std::size_t count) {
-  Text text;
-  for (std::size_t i = 0; i < count; ++i) text += piece;
-  return text;
-}
-
 std::vector<Text> Seeds(const wchar_t* folder) {
   std::vector<Text> lines;
   for (const auto& file :

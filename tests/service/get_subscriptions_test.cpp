@@ -100,12 +100,6 @@ std::wstring OfLength(std::size_t length, const std::wstring& start = L"{") {
   return start + LR"("x":")" + std::wstring(length - 7 - start.size(), L'x') + LR"("})";
 }
 
-std::wstring Repeated(std::wstring_view text, std::size_t times) {
-  std::wstring all;
-  for (; times > 0; --times) all += text;
-  return all;
-}
-
 // The longest request that fits if all are listed, and if some are omitted.
 constexpr std::size_t kLongest = 65536 - std::wstring_view(kNone).size();
 constexpr std::size_t kLongestInPart =

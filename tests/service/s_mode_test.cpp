@@ -19,10 +19,6 @@ class PrivateLockdownPolicy {
     std::filesystem::create_directory(folder / L"System32");
     std::filesystem::copy_file(PkiFile(library), Path());
   }
-  ~PrivateLockdownPolicy() {
-    RemoveFile(Path());
-    RemoveFolder(folder / L"System32");
-  }
 
   std::wstring Path() const { return folder / L"System32\\wldp.dll"; }
 
@@ -31,27 +27,22 @@ class PrivateLockdownPolicy {
   EnvironmentOverride windows{L"windir", folder.Path()};
 };
 
-struct LockdownMode : EnvironmentOverride {
-  explicit LockdownMode(const wchar_t* mode) : EnvironmentOverride(L"VX_LOCKDOWN_MODE", mode) {}
-};
+constexpr wchar_t kModeVariable[] = L"VX_LOCKDOWN_MODE";  // of the stand-in
 
 TEST(LockdownPolicyTest, OnlyALibraryWithAPinnedSignatureIsLoadedAndItIsFreedAgain) {
-  static constexpr struct {
-    const wchar_t* fileName;
-    std::int32_t mode;
-  } kCases[] = {
+  static constexpr std::pair<const wchar_t*, std::int32_t> kCases[] = {
       {L"pinned.dll", 2}, {L"general.dll", 2}, {L"unpinned.dll", 0}, {L"unsigned.dll", 0}};
-  const LockdownMode locked(L"2");
-  for (const auto& c : kCases) {
-    SCOPED_TRACE(testing::PrintToString(std::wstring(c.fileName)));
-    const PrivateLockdownPolicy policy(c.fileName);
+  const EnvironmentOverride locked(kModeVariable, L"2");
+  for (const auto& [fileName, mode] : kCases) {
+    SCOPED_TRACE(testing::PrintToString(std::wstring(fileName)));
+    const PrivateLockdownPolicy policy(fileName);
     const LogCapture log;
     bool writable = true;
     const LogTrap judged(L"GetSecurityCatalogInfo - File", 1, [&] {
       writable = static_cast<bool>(
           Platform::CurrentMachine().files->Open(policy.Path(), Platform::FileUse::Change));
     });
-    EXPECT_EQ(Orvane::QueryLockoutMode(L"caller"), c.mode);
+    EXPECT_EQ(Orvane::QueryLockoutMode(L"caller"), mode);
     EXPECT_FALSE(writable);
     EXPECT_EQ(GetModuleHandleW(policy.Path().c_str()), nullptr);
     EXPECT_THAT(log.Lines(), Not(Contains(HasSubstr(L"QueryLockoutMode"))));
@@ -62,13 +53,9 @@ TEST(LockdownPolicyTest, ALibraryThatFailsIsFreedAndTheModeIsWhatItLeft) {
   const PrivateLockdownPolicy policy;
   const LogCapture log;
   const auto before = HandleGauge();
-  static constexpr struct {
-    const wchar_t* variable;  // VX_LOCKDOWN_MODE of the stand-in
-    std::int32_t mode;
-  } kCases[] = {{L"", 0}, {L"2!", 2}};
-  for (const auto& c : kCases) {
-    const LockdownMode failing(c.variable);
-    EXPECT_EQ(Orvane::QueryLockoutMode(L"caller"), c.mode);
+  for (const auto& [variable, mode] : {std::pair(L"", 0), {L"2!", 2}}) {
+    const EnvironmentOverride failing(kModeVariable, variable);
+    EXPECT_EQ(Orvane::QueryLockoutMode(L"caller"), mode);
     EXPECT_EQ(log.Lines().back(),
               L"warning|caller.QueryLockoutMode - failed on function "
               L"WldpQueryWindowsLockdownMode with HRESULT 0x80004001");

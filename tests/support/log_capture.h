@@ -12,15 +12,23 @@
 
 namespace Vx::Tests {
 
+// Passes each line that is logged in its lifetime to a function, on the logging thread.
+class LogSink {
+ public:
+  explicit LogSink(Tessel::Server::Logging::LogManager::Sink sink)
+      : id(Tessel::Server::Logging::LogManager::AddSink(std::move(sink))) {}
+  LogSink(const LogSink&) = delete;
+  LogSink& operator=(const LogSink&) = delete;
+  ~LogSink() { Tessel::Server::Logging::LogManager::RemoveSink(id); }
+
+ private:
+  Tessel::Server::Logging::LogManager::SinkId id;
+};
+
 // Collects every line logged in its lifetime: "info|", "warning|" or "error|", then the message.
 // Records go to Records() instead. Any thread may log.
 class LogCapture {
  public:
-  LogCapture()
-      : sink(Tessel::Server::Logging::LogManager::AddSink(
-            [this](const Tessel::Server::Logging::LogRecord& record) { Add(record); })) {}
-  ~LogCapture() { Tessel::Server::Logging::LogManager::RemoveSink(sink); }
-
   std::vector<std::wstring> Lines() const { return CopyOf(lines); }
 
   std::vector<std::wstring> Callers() const { return CopyOf(callers); }
@@ -82,24 +90,17 @@ class LogCapture {
   std::vector<std::wstring> callers;
   std::vector<std::wstring> records;
   std::vector<std::uint64_t> deliveries;
-  Tessel::Server::Logging::LogManager::SinkId sink;
+  // Last, because its function uses the members above.
+  const LogSink sink{[this](const Tessel::Server::Logging::LogRecord& record) { Add(record); }};
 };
 
 // When a line with `text` is logged for the `time`th time, runs an action on the logging thread.
-class LogTrap {
- public:
+struct LogTrap : LogSink {
   LogTrap(std::wstring text, int time, std::function<void()> action)
-      : sink(Tessel::Server::Logging::LogManager::AddSink(
-            [wanted = std::move(text), left = time,
-             run = std::move(action)](const Tessel::Server::Logging::LogRecord& record) mutable {
-              if (record.message.find(wanted) != record.message.npos && --left == 0) run();
-            })) {}
-  LogTrap(const LogTrap&) = delete;
-  LogTrap& operator=(const LogTrap&) = delete;
-  ~LogTrap() { Tessel::Server::Logging::LogManager::RemoveSink(sink); }
-
- private:
-  Tessel::Server::Logging::LogManager::SinkId sink;
+      : LogSink([wanted = std::move(text), left = time, run = std::move(action)](
+                    const Tessel::Server::Logging::LogRecord& record) mutable {
+          if (record.message.find(wanted) != record.message.npos && --left == 0) run();
+        }) {}
 };
 
 }  // namespace Vx::Tests

@@ -1,6 +1,5 @@
 #include "support/probe.h"
 
-#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
@@ -10,6 +9,7 @@
 #include <windows.h>
 
 #include "support/temp_folder.h"
+#include "support/threads.h"
 
 namespace Vx::Tests {
 
@@ -37,10 +37,6 @@ ProbeReport Parse(std::wstring_view text) {
 }
 
 }  // namespace
-
-bool ProbeReport::HasVariable(const std::wstring& entry) const {
-  return std::find(lines.begin(), lines.end(), entry) != lines.end();
-}
 
 std::wstring TestFolder() {
   wchar_t self[MAX_PATH];
@@ -89,12 +85,9 @@ std::wstring Escaped(const std::wstring& path) {
 }
 
 std::optional<ProbeReport> WaitForProbe(const std::wstring& path, std::chrono::milliseconds limit) {
-  const ULONGLONG end = GetTickCount64() + static_cast<ULONGLONG>(limit.count());
-  for (;;) {
-    if (std::ifstream(std::filesystem::path(path))) return Parse(Wide(ReadText(path)));
-    if (GetTickCount64() >= end) return std::nullopt;
-    Sleep(5);
-  }
+  const std::filesystem::path file(path);
+  if (!Eventually([&] { return std::ifstream(file).good(); }, limit)) return std::nullopt;
+  return Parse(Wide(ReadText(file)));
 }
 
 }  // namespace Vx::Tests

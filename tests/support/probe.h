@@ -16,8 +16,6 @@ struct ProbeReport {
   std::wstring workingDirectory;
   std::vector<std::wstring> arguments;
   std::vector<std::wstring> lines;  // the whole report
-
-  bool HasVariable(const std::wstring& entry) const;
 };
 
 std::wstring TestFolder();

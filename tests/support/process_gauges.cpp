@@ -9,6 +9,7 @@
 #include <tlhelp32.h>
 
 #include "platform/unique_handle.h"
+#include "support/threads.h"
 
 namespace Vx::Tests {
 namespace {
@@ -94,12 +95,7 @@ std::size_t ThreadCount() {
 }
 
 bool ThreadsEnd(std::size_t count, std::chrono::milliseconds limit) {
-  const ULONGLONG end = GetTickCount64() + static_cast<ULONGLONG>(limit.count());
-  while (ThreadCount() > count) {
-    if (GetTickCount64() > end) return false;
-    Sleep(1);
-  }
-  return true;
+  return Eventually([count] { return ThreadCount() <= count; }, limit);
 }
 
 }  // namespace Vx::Tests

@@ -12,6 +12,7 @@
 #include "platform/environment.h"
 #include "platform/machine.h"
 #include "support/probe.h"
+#include "support/threads.h"
 
 namespace Vx::Tests {
 
@@ -59,24 +60,11 @@ void StartOutside(const wchar_t* program, std::wstring commandLine) {
                  &startup, &process);
 }
 
-template <typename Condition>
-bool WaitFor(Condition condition) {
-  for (int waited = 0; waited < kTries; ++waited) {
-    if (condition()) return true;
-    Sleep(kPause);
-  }
-  return condition();
-}
-
 }  // namespace
 
 void RemoveFile(const std::wstring& path) {
   SetFileAttributesW(path.c_str(), FILE_ATTRIBUTE_NORMAL);
   Insist(&DeleteFileW, path);
-}
-
-void RemoveFolder(const std::wstring& path) {
-  Insist(&RemoveDirectoryW, path);
 }
 
 // This runtime's std::filesystem::remove_all follows directory links and empties their targets.
@@ -89,7 +77,7 @@ void RemoveTree(const std::wstring& folder) {
     if ((attributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0) continue;
     (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0 ? RemoveTree(path) : RemoveFile(path);
   }
-  RemoveFolder(folder);
+  Insist(&RemoveDirectoryW, folder);
 }
 
 std::string ReadText(const std::filesystem::path& path) {
@@ -164,7 +152,7 @@ DirectoryLink::DirectoryLink(std::wstring where, const std::wstring& target)
   if (IsLink(path)) return;
   outside = true;
   StartOutside(L"\\\\?\\unix\\bin\\ln", L"ln -sfn " + UnixName(target) + L" " + UnixName(path));
-  if (!WaitFor([this] { return IsLink(path); })) {
+  if (!Eventually([this] { return IsLink(path); })) {
     throw std::runtime_error("cannot make a directory link");
   }
 }
@@ -175,7 +163,7 @@ DirectoryLink::~DirectoryLink() {
     return;
   }
   StartOutside(L"\\\\?\\unix\\bin\\rm", L"rm -f " + UnixName(path));
-  WaitFor([this] { return GetFileAttributesW(path.c_str()) == INVALID_FILE_ATTRIBUTES; });
+  Eventually([this] { return GetFileAttributesW(path.c_str()) == INVALID_FILE_ATTRIBUTES; });
 }
 
 }  // namespace Vx::Tests

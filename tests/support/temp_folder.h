@@ -7,12 +7,9 @@
 
 namespace Vx::Tests {
 
-// Delete a file or an empty folder. Retry for up to two seconds, because a program that has just
-// exited may still lock its file and working directory.
+// Delete a file, or a folder with its contents but without following directory links in it. Retry
+// for up to two seconds, because a program that has just exited may still lock its file and folder.
 void RemoveFile(const std::wstring& path);
-void RemoveFolder(const std::wstring& path);
-
-// Deletes a folder with its contents, but does not follow directory links in it.
 void RemoveTree(const std::wstring& folder);
 
 // Returns a file's content byte for byte, or nothing if it cannot be opened.

@@ -41,6 +41,17 @@ using namespace testing;
 
 }  // namespace Vx
 
+namespace Vx::Tests {
+
+inline std::wstring Repeated(std::wstring_view part, std::size_t count) {
+  std::wstring text;
+  text.reserve(part.size() * count);
+  for (; count > 0; --count) text += part;
+  return text;
+}
+
+}  // namespace Vx::Tests
+
 #ifdef _WIN32
 #include <windows.h>
 
