@@ -6,15 +6,6 @@ namespace Vx::Json {
 
 namespace {
 
-std::int32_t CodeOf(const std::function<void()>& call) {
-  try {
-    call();
-    return 0;
-  } catch (const Platform::WindowsRuntimeError& error) {
-    return error.code();
-  }
-}
-
 const wchar_t kSample[] =
     L" { \"text\" : \"a\\u0041\\n\" , \"number\" : 1.90e0 , \"yes\" : true , \"none\" : null ,"
     L" \"inner\" : { \"deep\" : [ 1 , { \"x\" : 2 } ] } , \"\\u006bey\" : \"first\" ,"
@@ -34,7 +25,9 @@ TEST(JsonObject, HasTwoWaysToAskForAnOptionalText) {
   const JsonObject object = JsonObject::Parse(kSample);
   EXPECT_EQ(object.GetNamedString(L"absent", L"0"), L"0");
   EXPECT_EQ(object.GetNamedString(L"key", L"0"), L"first");
-  EXPECT_EQ(CodeOf([&] { object.GetNamedString(L"number", L"0"); }), kIllegalMethodCall);
+  EXPECT_THAT([&] { object.GetNamedString(L"number", L"0"); },
+              Throws<Platform::WindowsRuntimeError>(
+                  Property(&Platform::WindowsRuntimeError::code, kIllegalMethodCall)));
   EXPECT_EQ(object.FindString(L"absent"), std::nullopt);
   EXPECT_EQ(object.FindString(L"number"), std::nullopt);
   EXPECT_EQ(object.FindString(L"key"), L"first");
