@@ -101,10 +101,7 @@ TEST(BsonDocument, RefusesEveryPrefixOfADocumentAndWhatGoesOnBehindIt) {
 }
 
 TEST(BsonDocument, RefusesMembersThatCannotBeToldApart) {
-  static const struct {
-    const char* name;
-    std::string element;
-  } kCases[] = {
+  static const std::pair<const char*, std::string> kCases[] = {
       {"unknown kind", "\024k\0"s},
       {"kind zero", "\0k\0"s},
       {"unterminated key", "\012k"s},
@@ -121,22 +118,18 @@ TEST(BsonDocument, RefusesMembersThatCannotBeToldApart) {
       {"document of negative length", "\003k\0\373\377\377\377\0"s},
       {"scope longer than the document", "\017k\0\006\0\0\0\0"s},
   };
-  for (const auto& c : kCases) {
-    SCOPED_TRACE(c.name);
-    EXPECT_FALSE(Decodes(Document(c.element)));
+  for (const auto& [name, element] : kCases) {
+    SCOPED_TRACE(name);
+    EXPECT_FALSE(Decodes(Document(element)));
     // Another service's document is not examined until a getter reads it.
-    const auto around =
-        BsonDocument::Decode(ToBytes(Document("\003outer\0"s + Document(c.element))));
+    const auto around = BsonDocument::Decode(ToBytes(Document("\003outer\0"s + Document(element))));
     ASSERT_TRUE(around);
     EXPECT_EQ(around->Find("outer")->AsDocument(), std::nullopt);
   }
 }
 
 TEST(BsonDocument, CarriesValuesThatItsGettersRefuse) {
-  static const struct {
-    const char* name;
-    std::string element;
-  } kCases[] = {
+  static const std::pair<const char*, std::string> kCases[] = {
       {"boolean of 2", "\010k\0\002"s},
       {"text of length 0", "\002k\0\0\0\0\0"s},
       {"text without a terminator", "\002k\0\001\0\0\0a"s},
@@ -147,10 +140,9 @@ TEST(BsonDocument, CarriesValuesThatItsGettersRefuse) {
       {"array with a broken element", "\004k\0"s + Document("\0100\0\007"sv)},
       {"scope that is too short for its code", "\017k\0\010\0\0\0\377\0\0\0"s},
   };
-  for (const auto& c : kCases) {
-    SCOPED_TRACE(c.name);
-    auto document =
-        BsonDocument::Decode(ToBytes(Document(c.element + "\020\377\200\0\001\0\0\0"s)));
+  for (const auto& [name, element] : kCases) {
+    SCOPED_TRACE(name);
+    auto document = BsonDocument::Decode(ToBytes(Document(element + "\020\377\200\0\001\0\0\0"s)));
     ASSERT_TRUE(document);
     const BsonView value = *document->Find("k");
     EXPECT_EQ(value.AsText(), std::nullopt);
@@ -158,8 +150,7 @@ TEST(BsonDocument, CarriesValuesThatItsGettersRefuse) {
     EXPECT_EQ(value.AsDocument(), std::nullopt);
     EXPECT_EQ(document->Find("\377\200")->AsInt32(), 1);
     ASSERT_TRUE(document->Set("own", BsonElement()));
-    EXPECT_EQ(Encoding(*document),
-              Document(c.element + "\020\377\200\0\001\0\0\0"s + "\012own\0"s));
+    EXPECT_EQ(Encoding(*document), Document(element + "\020\377\200\0\001\0\0\0"s + "\012own\0"s));
   }
 }
 

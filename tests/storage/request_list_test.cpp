@@ -8,10 +8,7 @@ namespace Vx::Tessel::Server::Storage {
 namespace {
 
 std::wstring Nested(std::size_t levels) {
-  std::wstring text = L"{\"commandParams\":";
-  for (std::size_t i = 0; i < levels; ++i) text.push_back(L'[');
-  for (std::size_t i = 0; i < levels; ++i) text.push_back(L']');
-  return text + L"}";
+  return L"{\"commandParams\":" + std::wstring(levels, L'[') + std::wstring(levels, L']') + L"}";
 }
 
 TEST(ListWith, KeepsTheFirstRequestUnchangedAndAppendsOthers) {
@@ -38,10 +35,7 @@ TEST(ListWith, RefusesARequestThatDiffersInItsDelayOnly) {
 // The delay may come anywhere in the parameters, more than once and next to similar members.
 TEST(ListWith, FindsTheSameRequestWhereverItsDelayStands) {
   const std::wstring form = L"{\"e\":7,\"commandParams\":{\"delayDelivery\":1,\"x\":2},\"z\":3}";
-  static constexpr struct {
-    bool same;
-    const wchar_t* parameters;
-  } kCases[] = {
+  static constexpr std::pair<bool, const wchar_t*> kCases[] = {
       {true, L"\"delayDelivery\":1,\"x\":2"},
       {true, L"\"delayDeliverySec\":\"5\",\"delayDelivery\":1,\"x\":2"},
       {true, L"\"delayDelivery\":1,\"delayDeliverySec\":{\"a\":[]},\"x\":2"},
@@ -53,11 +47,11 @@ TEST(ListWith, FindsTheSameRequestWhereverItsDelayStands) {
       {false, L"\"x\":2,\"delayDeliverySec\":5,\"delayDelivery\":1"},
       {false, L"\"delayDeliverySec\":5"},
   };
-  for (const auto& c : kCases) {
-    SCOPED_TRACE(testing::PrintToString(std::wstring(c.parameters)));
+  for (const auto& [same, parameters] : kCases) {
+    SCOPED_TRACE(testing::PrintToString(std::wstring(parameters)));
     const std::wstring stored =
-        L"[5,{},{\"e\":7,\"commandParams\":{" + std::wstring(c.parameters) + L"},\"z\":3}]";
-    EXPECT_EQ(ListWith(stored, form) == std::nullopt, c.same);
+        L"[5,{},{\"e\":7,\"commandParams\":{" + std::wstring(parameters) + L"},\"z\":3}]";
+    EXPECT_EQ(ListWith(stored, form) == std::nullopt, same);
   }
 }
 

@@ -30,13 +30,11 @@ class RequestManagerTest : public testing::Test {
         CapDataStore().mergeMember(kServiceDocument, kPowerSubscriptions, BsonElement::Text(list)));
   }
 
-  static std::int32_t Persist(std::wstring_view request) {
-    try {
-      Manager().PersistRequest(request);
-      return 0;
-    } catch (const Platform::WindowsRuntimeError& error) {
-      return error.code();
-    }
+  static void ExpectTheListIsRefused() {
+    EXPECT_THAT([] { Manager().PersistRequest(kFirst); },
+                Throws<Platform::WindowsRuntimeError>(
+                    Property(&Platform::WindowsRuntimeError::code, Json::kInvalidJsonString)));
+    EXPECT_THROW(Manager().RemoveRequest(kFirst), Platform::WindowsRuntimeError);
   }
 
   Tests::PrivateStore home;
@@ -79,13 +77,12 @@ TEST_F(RequestManagerTest, ReplaysObjectsInOrderPastEverythingThatFails) {
 }
 
 TEST_F(RequestManagerTest, LeavesAStoredListThatItCannotReadAlone) {
-  std::wstring deep = L"[{\"commandParams\":";
-  deep.append(100000, L'[').append(100000, L']').append(L"}]");
+  const std::wstring deep =
+      L"[{\"commandParams\":" + std::wstring(100000, L'[') + std::wstring(100000, L']') + L"}]";
   for (const std::wstring& list : {std::wstring(L"no list"), std::wstring(L"{}"), deep}) {
     Plant(list);
     log.Clear();
-    EXPECT_EQ(Persist(kFirst), Json::kInvalidJsonString);
-    EXPECT_THROW(Manager().RemoveRequest(kFirst), Platform::WindowsRuntimeError);
+    ExpectTheListIsRefused();
     EXPECT_THAT(log.Lines(), IsEmpty());
     EXPECT_FALSE(Manager().CompleteRequest(kFirst));
     Manager().RegisterExistingRequests([](const std::wstring&) { FAIL(); }, nullptr);
@@ -105,8 +102,7 @@ TEST_F(RequestManagerTest, LeavesAValueThatIsNotATextAlone) {
       Storage::BsonView(Storage::BsonKind::String, std::as_bytes(std::span("\002\0\0\0\377", 6))));
   for (const BsonElement& value : {BsonElement::Int32(1), broken}) {
     ASSERT_TRUE(CapDataStore().mergeMember(kServiceDocument, kPowerSubscriptions, value));
-    EXPECT_EQ(Persist(kFirst), Json::kInvalidJsonString);
-    EXPECT_THROW(Manager().RemoveRequest(kFirst), Platform::WindowsRuntimeError);
+    ExpectTheListIsRefused();
     const Storage::BsonDocument document = CapDataStore().readDocument(kServiceDocument);
     EXPECT_EQ(document.Find(kPowerSubscriptions), value.View());
   }
@@ -117,9 +113,7 @@ TEST_F(RequestManagerTest, RefusesWhatNoClientCouldNameAndWhatMakesTheListsTooLo
   const auto listOf = [](std::size_t length) {
     return L"[\"" + std::wstring(length - 4, L'x') + L"\"]";
   };
-  std::wstring grows = L"{\"a\":[1e20";
-  for (int i = 0; i < 50'000; ++i) grows += L",1e20";
-  grows += L"]}";
+  const std::wstring grows = L"{\"a\":[1e20" + Tests::Repeated(L",1e20", 50'000) + L"]}";
   for (const wchar_t* list : {L"", L"[{\"n\":3}]"}) {
     Plant(list);
     EXPECT_FALSE(Manager().PersistRequest(grows));

@@ -173,17 +173,14 @@ TEST_F(SealedFileTest, AThreadTerminatedBeforeAnyStepKeepsItsProcessFromNoWrite)
 }
 
 TEST_F(SealedFileTest, AFileThatAnotherProcessKeepsToItselfIsNotReplaced) {
-  const struct {
-    DWORD share;
-    const wchar_t* line;
-  } kCases[] = {
+  const std::pair<DWORD, const wchar_t*> kCases[] = {
       {FILE_SHARE_WRITE | FILE_SHARE_DELETE, L"the file could not be opened, error 0x20"},
       {FILE_SHARE_READ, L"the file was not written, error 0x20"},
   };
-  for (const auto& c : kCases) {
-    const Platform::UniqueHandle holder = Hold(Path(), c.share);
+  for (const auto& [share, line] : kCases) {
+    const Platform::UniqueHandle holder = Hold(Path(), share);
     EXPECT_FALSE(Write());
-    EXPECT_THAT(log.Lines(), Contains(HasSubstr(c.line)));
+    EXPECT_THAT(log.Lines(), Contains(HasSubstr(line)));
   }
   EXPECT_EQ(Value(), kOld);
   EXPECT_THAT(Siblings(), IsEmpty());
@@ -434,10 +431,7 @@ TEST_F(SealedFileTest, AWriteInPlaceThatCannotBeUndoneNamesTheSiblingThatComplet
 TEST_F(SealedFileTest, ASiblingIsAdoptedOnlyIfItDecodesAndIsTheSystemsOwn) {
   const std::wstring sibling = Sibling(L"a");
   const Bytes good = FileWith(kNew);
-  const struct {
-    const char* name;
-    std::function<void()> make;
-  } kCases[] = {
+  const std::pair<const char*, std::function<void()>> kCases[] = {
       {"half written",
        [&] { Tests::WriteBytes(sibling, Bytes(good.begin(), good.begin() + 200)); }},
       {"second name of another file",
@@ -465,10 +459,10 @@ TEST_F(SealedFileTest, ASiblingIsAdoptedOnlyIfItDecodesAndIsTheSystemsOwn) {
          Tests::WriteBytes(sibling, large);
        }},
   };
-  for (const auto& c : kCases) {
-    SCOPED_TRACE(c.name);
+  for (const auto& [name, make] : kCases) {
+    SCOPED_TRACE(name);
     Tests::WriteBytes(Path(), {});
-    c.make();
+    make();
     EXPECT_TRUE(CapDataStore().persist("other", true)) << "the sibling blocks a write";
     EXPECT_TRUE(Held() && Held()->Size() == 1);
     disk.foreignOwner = false;

@@ -63,9 +63,7 @@ inline std::wstring IdOf(const Bytes& file) {
 }
 
 inline Tessel::Server::Storage::BsonDocument DocumentOf(const std::wstring& path) {
-  std::optional<Bytes> plain = PlainOf(ReadBytes(path));
-  if (!plain) return {};
-  return Tessel::Server::Storage::BsonDocument::Decode(*std::move(plain)).value();
+  return HeldBy(ReadBytes(path)).value();
 }
 
 }  // namespace Vx::Tests

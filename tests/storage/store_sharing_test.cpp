@@ -16,8 +16,6 @@ using Services::Orvane::kPowerSubscriptions;
 using Services::Orvane::kServiceDocument;
 using Services::Orvane::RequestManager;
 
-constexpr DWORD kDeadline = Tests::kWorkerDeadline;
-
 class StoreSharingTest : public testing::Test {
  protected:
   template <typename Body>
@@ -89,7 +87,8 @@ class StoreStormTest : public testing::Test {
       running.try_emplace(next, name + L" " + std::to_wstring(next));
       if (running.size() < kAtOnce) continue;
       const auto victim = std::next(running.begin(), static_cast<int>(random() % kAtOnce));
-      ASSERT_TRUE(HasBegun(notes->processes.at(victim->first)));
+      const auto& first = notes->processes.at(victim->first).writers[0];
+      ASSERT_TRUE(Tests::Eventually([&] { return first.acknowledged > 0; }, 60s));
       Sleep(random() % kLongestLife);
       victim->second.Kill();
       ++kills;
@@ -130,17 +129,9 @@ class StoreStormTest : public testing::Test {
   static constexpr std::int32_t kOthers = 4711;
   static_assert(kProcesses <= Tests::kOtherService);
 
-  static bool HasBegun(const Tests::StormProcess& process) {
-    for (DWORD waited = 0; waited < kDeadline; ++waited) {
-      if (process.writers[0].acknowledged > 0) return true;
-      Sleep(1);
-    }
-    return false;
-  }
-
   void LookAtFile() {
     const Platform::UniqueHandle mutex(CreateMutexW(nullptr, FALSE, Tests::kStoreMutex));
-    const DWORD code = WaitForSingleObject(mutex.get(), kDeadline);
+    const DWORD code = WaitForSingleObject(mutex.get(), Tests::kWorkerDeadline);
     ASSERT_TRUE(code == WAIT_OBJECT_0 || code == WAIT_ABANDONED) << code;
     const Tests::Bytes file = Tests::ReadBytes(home.FilePath());
     ReleaseMutex(mutex.get());

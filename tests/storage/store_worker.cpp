@@ -29,21 +29,21 @@
 #include "storage/store_storm.h"
 #include "support/faulty_files.h"
 
+namespace Vx::Tests {
 namespace {
 
-using Vx::Tessel::Server::Storage::BsonElement;
-using Vx::Tessel::Server::Storage::CapDataStore;
+using Tessel::Server::Storage::BsonElement;
+using Tessel::Server::Storage::CapDataStore;
 
 // An exception from the store ends the process, which the test detects.
-void CountUp(const Vx::Tests::SharedNotes& notes, std::size_t self, std::size_t writer) {
-  Vx::Tests::StormProcess& process = notes->processes.at(self);
-  Vx::Tests::StormWriter& own = process.writers.at(writer);
+void CountUp(const SharedNotes& notes, std::size_t self, std::size_t writer) {
+  StormProcess& process = notes->processes.at(self);
+  StormWriter& own = process.writers.at(writer);
   for (bool last = false; !last;) {
     last = notes->end;
     const std::int32_t value = ++own.begun;
     CapDataStore store;
-    if (store.mergeMember(Vx::Tests::kStormDocument, Vx::Tests::MemberOf(self, writer),
-                          BsonElement::Int32(value))) {
+    if (store.mergeMember(kStormDocument, MemberOf(self, writer), BsonElement::Int32(value))) {
       own.acknowledged = value;
     } else {
       ++process.refused;
@@ -55,12 +55,12 @@ void CountUp(const Vx::Tests::SharedNotes& notes, std::size_t self, std::size_t 
 class OtherService {
  public:
   void Store(std::int32_t value) {
-    const Vx::Tests::Bytes file = Vx::Tests::ReadBytes(path);
-    auto document = Vx::Tests::HeldBy(file).value();
-    const auto found = document.Find(Vx::Tests::kOtherKey);
+    const Bytes file = ReadBytes(path);
+    auto document = HeldBy(file).value();
+    const auto found = document.Find(kOtherKey);
     if ((found ? found->AsInt32() : 0) != last) throw std::runtime_error("the last value is lost");
-    document.Set(Vx::Tests::kOtherKey, BsonElement::Int32(value));
-    Vx::Tests::WriteBytes(path, Vx::Tests::StoreFile(document.Encoded(), Vx::Tests::IdOf(file)));
+    document.Set(kOtherKey, BsonElement::Int32(value));
+    WriteBytes(path, StoreFile(document.Encoded(), IdOf(file)));
     last = value;
   }
 
@@ -70,9 +70,9 @@ class OtherService {
   std::int32_t last = 0;
 };
 
-void CountUpInPlace(const Vx::Tests::SharedNotes& notes) {
-  Vx::Tests::StormWriter& own = notes->processes.at(Vx::Tests::kOtherService).writers[0];
-  const Vx::Platform::UniqueHandle mutex(CreateMutexW(nullptr, FALSE, Vx::Tests::kStoreMutex));
+void CountUpInPlace(const SharedNotes& notes) {
+  StormWriter& own = notes->processes.at(kOtherService).writers[0];
+  const Platform::UniqueHandle mutex(CreateMutexW(nullptr, FALSE, kStoreMutex));
   OtherService service;
   for (bool last = false; !last;) {
     last = notes->end;
@@ -84,11 +84,11 @@ void CountUpInPlace(const Vx::Tests::SharedNotes& notes) {
 }
 
 void Storm(const std::wstring& name, std::size_t self) {
-  const Vx::Tests::SharedNotes notes(name);
-  if (self == Vx::Tests::kOtherService) return CountUpInPlace(notes);
+  const SharedNotes notes(name);
+  if (self == kOtherService) return CountUpInPlace(notes);
   std::vector<std::thread> writers;
-  writers.reserve(Vx::Tests::kWritersOfAProcess);
-  for (std::size_t i = 0; i < Vx::Tests::kWritersOfAProcess; ++i) {
+  writers.reserve(kWritersOfAProcess);
+  for (std::size_t i = 0; i < kWritersOfAProcess; ++i) {
     writers.emplace_back([&, i] { CountUp(notes, self, i); });
   }
   for (std::thread& writer : writers) writer.join();
@@ -103,8 +103,8 @@ class EndedWrite {
       : key(arguments[0].begin(), arguments[0].end()), value(std::stoi(arguments[1])) {
     files.onStep = [ends, left = std::stoi(arguments[2])](const char*) mutable {
       if (--left != 0) return 0U;
-      if (ends == Ends::Thread) TerminateThread(GetCurrentThread(), Vx::Tests::kKilled);
-      TerminateProcess(GetCurrentProcess(), Vx::Tests::kKilled);
+      if (ends == Ends::Thread) TerminateThread(GetCurrentThread(), kKilled);
+      TerminateProcess(GetCurrentProcess(), kKilled);
       return 0U;
     };
   }
@@ -112,7 +112,7 @@ class EndedWrite {
   int Run() const { return CapDataStore().persist(key, BsonElement::Int32(value)) ? 0 : 3; }
 
   int RunOnAThread() const {
-    const Vx::Platform::UniqueHandle thread(CreateThread(
+    const Platform::UniqueHandle thread(CreateThread(
         nullptr, 0,
         [](void* self) { return static_cast<DWORD>(static_cast<const EndedWrite*>(self)->Run()); },
         const_cast<EndedWrite*>(this), 0, nullptr));
@@ -125,16 +125,16 @@ class EndedWrite {
  private:
   const std::string key;
   const std::int32_t value;
-  Vx::Tests::FaultyFiles files;
-  Vx::Simulator::VirtualClock clock;  // waiting for another process takes no time
-  const Vx::Platform::MachineScope scope{[this](Vx::Platform::Machine& machine) {
+  FaultyFiles files;
+  Simulator::VirtualClock clock;  // waiting for another process takes no time
+  const Platform::MachineScope scope{[this](Platform::Machine& machine) {
     machine.files = &files;
     machine.clock = &clock;
   }};
 };
 
 void HoldWhile(const std::filesystem::path& file) {
-  const Vx::Platform::UniqueHandle mutex(CreateMutexW(nullptr, FALSE, CapDataStore::kMutexName));
+  const Platform::UniqueHandle mutex(CreateMutexW(nullptr, FALSE, CapDataStore::kMutexName));
   WaitForSingleObject(mutex.get(), INFINITE);
   std::ofstream(file).flush();
   while (std::filesystem::exists(file)) Sleep(50);
@@ -158,10 +158,11 @@ int Run(const std::vector<std::wstring>& arguments) {
 }
 
 }  // namespace
+}  // namespace Vx::Tests
 
 int wmain(int count, wchar_t** arguments) {
   try {
-    return Run({arguments + 1, arguments + count});
+    return Vx::Tests::Run({arguments + 1, arguments + count});
   } catch (const std::exception& error) {
     static_cast<void>(std::fprintf(stderr, "%s\n", error.what()));
   } catch (const Vx::Platform::WindowsRuntimeError& error) {

@@ -38,10 +38,7 @@ TEST(SystemMutex, ReportsANameThatItCannotUseOnceAndTriesAgain) {
   const std::wstring name = Name(L"taken");
   const std::wstring start = L"warning|SystemMutex - ";
   Platform::UniqueHandle event;
-  const struct {
-    std::function<void()> take;
-    std::wstring line;
-  } cases[] = {
+  const std::pair<std::function<void()>, std::wstring> cases[] = {
       {[&] { event.reset(CreateEventW(nullptr, TRUE, FALSE, name.c_str())); },
        start + L"another program has given the name " + name +
            L" to an object that is not a mutex. The shared store cannot be used until that object "
@@ -51,12 +48,12 @@ TEST(SystemMutex, ReportsANameThatItCannotUseOnceAndTriesAgain) {
            L", which another program has made. The shared store cannot be used until that mutex is "
            L"gone."},
   };
-  for (const auto& c : cases) {
+  for (const auto& [take, line] : cases) {
     const Tests::LogCapture log;
     for (std::size_t taken = 1; taken <= 2; ++taken) {
-      c.take();
+      take();
       for (int use = 0; use < 3; ++use) EXPECT_THROW(SystemMutex{name}, system_mutex_exception);
-      EXPECT_EQ(log.Lines(), std::vector(taken, c.line));
+      EXPECT_EQ(log.Lines(), std::vector(taken, line));
       event.reset();
       faults.Clear();
       EXPECT_NO_THROW(SystemMutex{name});
