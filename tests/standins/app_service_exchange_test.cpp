@@ -41,15 +41,6 @@ TEST_F(AppServiceExchangeTest, TellsARefusedConnectionFromARefusedMessage) {
   EXPECT_EQ(closed, 2);
 }
 
-TEST_F(AppServiceExchangeTest, AnswersTheErrorOfAnOperationThatFailed) {
-  for (const HRESULT error : {E_ACCESSDENIED, S_OK}) {
-    opening = {.status = Abi::AsyncStatus::Error, .error = error};
-    EXPECT_THAT(Exchange(), Pair(error == S_OK ? E_FAIL : error, L""));
-  }
-  opening = {.status = Abi::AsyncStatus::Canceled};
-  EXPECT_THAT(Exchange(), Pair(HRESULT_FROM_WIN32(ERROR_CANCELLED), L""));
-}
-
 TEST_F(AppServiceExchangeTest, WaitsForAnAppThatTakesItsTime) {
   opening.onRequest = true;
   replying.onRequest = true;

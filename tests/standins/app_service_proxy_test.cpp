@@ -19,22 +19,19 @@ class AppServiceProxyTest : public Tests::RuntimeTest {
 };
 
 TEST_F(AppServiceProxyTest, SendsAsTheConsoleUserWhereThatIsPossible) {
-  static constexpr struct {
-    const char* refused;
-    bool asUser;
-  } kCases[] = {
+  static constexpr std::pair<const char*, bool> kCases[] = {
       {"", true},
       {"Sessions.ActiveConsoleSession", false},
       {"Sessions.QueryUserToken", false},
       {"Sessions.Impersonate", false},
   };
-  for (const auto& c : kCases) {
-    SCOPED_TRACE(c.refused);
-    faults.FailNamed(c.refused);
+  for (const auto& [refused, asUser] : kCases) {
+    SCOPED_TRACE(refused);
+    faults.FailNamed(refused);
     messages.clear();
     EXPECT_EQ(Send(), 0);
     EXPECT_THAT(messages, ElementsAre(L"x"));
-    EXPECT_EQ(openedAsAnother, c.asUser);
+    EXPECT_EQ(openedAsAnother, asUser);
     EXPECT_FALSE(Tests::ThreadActsAsAnother());
     EXPECT_THAT(log.Lines(), IsEmpty());
   }

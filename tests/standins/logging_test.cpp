@@ -11,17 +11,6 @@ const TraceLogger& Logger() {
   return *LogManager::SetProvider("Vx-Test-Provider");
 }
 
-class SinkScope {
- public:
-  explicit SinkScope(LogManager::Sink sink) : id(LogManager::AddSink(std::move(sink))) {}
-  SinkScope(const SinkScope&) = delete;
-  SinkScope& operator=(const SinkScope&) = delete;
-  ~SinkScope() { LogManager::RemoveSink(id); }
-
- private:
-  LogManager::SinkId id;
-};
-
 TEST(LoggingTest, CutsALineAtItsBound) {
   const wchar_t* none = nullptr;
   const std::wstring longest(4096, L'x');
@@ -71,7 +60,7 @@ TEST(LoggingTest, ShowsNoControlCharacterOfAClient) {
       L"a  ERROR b\xFFFD]0;c\xFFFD\xFFFD\xFFFD\xFFFD\xFFFD"
       L"d \xFFFD\xFFFD\xFFFD\xFFFD \xE9\x4E2D";
   std::vector<std::wstring> seen;
-  const SinkScope scope([&](const LogRecord& record) {
+  const Tests::LogSink scope([&](const LogRecord& record) {
     seen.emplace_back(record.message);
     seen.emplace_back(record.caller);
   });
@@ -81,7 +70,7 @@ TEST(LoggingTest, ShowsNoControlCharacterOfAClient) {
 }
 
 TEST(LoggingTest, LeavesTheLastErrorAlone) {
-  const SinkScope scope([](const LogRecord&) { SetLastError(1); });
+  const Tests::LogSink scope([](const LogRecord&) { SetLastError(1); });
   SetLastError(0x1234);
   Logger().LogInfo(L"x");
   EXPECT_EQ(GetLastError(), 0x1234U);
@@ -105,7 +94,7 @@ TEST(LoggingTest, DeliversEveryLineWholeAndOneAtATimeFromOneLoggerAProvider) {
   std::vector<int> next(4, 0);
   std::vector<std::vector<TraceLogger*>> loggers(4);
   {
-    const SinkScope scope([&](const LogRecord& record) {
+    const Tests::LogSink scope([&](const LogRecord& record) {
       if (++inside != 1) ++faults;
       int& line = next.at(static_cast<std::size_t>(record.message.at(7) - L'0'));
       const std::wstring number = std::to_wstring(line++);
@@ -195,8 +184,8 @@ TEST(HostSinkTest, ReceivesLinesAndRecordsUntilItIsReplaced) {
 }
 
 TEST(LoggingTest, SurvivesASinkThatThrowsAndOneThatLogs) {
-  const SinkScope throws([](const LogRecord&) { throw std::runtime_error("a bad sink"); });
-  const SinkScope logs([](const LogRecord&) { Logger().LogInfo(L"from the sink"); });
+  const Tests::LogSink throws([](const LogRecord&) { throw std::runtime_error("a bad sink"); });
+  const Tests::LogSink logs([](const LogRecord&) { Logger().LogInfo(L"from the sink"); });
   const Tests::LogCapture capture;
   Logger().LogInfo(L"x");
   EXPECT_THAT(capture.Lines(), ElementsAre(L"info|x"));
