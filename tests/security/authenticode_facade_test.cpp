@@ -75,10 +75,7 @@ TEST(PublicKeysOf, ListsTheKeysInTheFormInWhichTheyArePinned) {
 
 TEST(Explain, TellsTheStepsOfTheDecisionAndEndsWithTheVerdict) {
   const std::wstring verified = L" issued by \"Vx Test Authority\": 0x00000000 (verified), key ";
-  const struct {
-    const wchar_t* file;
-    std::vector<std::wstring> steps;
-  } kCases[] = {
+  const std::pair<const wchar_t*, std::vector<std::wstring>> kCases[] = {
       {kPinned,
        {L"+ embedded signature of \"Vx Test Pinned\"" + verified + L"pinned",
         L"+ one signature is accepted by Windows", L"+ one signature was made with a pinned key",
@@ -93,13 +90,13 @@ TEST(Explain, TellsTheStepsOfTheDecisionAndEndsWithTheVerdict) {
         L"- not trusted"}},
   };
   const Tests::ProtectedFolder folder;
-  for (const auto& c : kCases) {
+  for (const auto& [file, steps] : kCases) {
     std::vector<std::wstring> lines;
-    const auto trust = VerifyFile(folder.Hold(c.file), RestrictedKeys());
+    const auto trust = VerifyFile(folder.Hold(file), RestrictedKeys());
     for (const auto& step : Explain(trust, RestrictedKeys())) {
       lines.push_back((step.passed ? L"+ " : L"- ") + step.text);
     }
-    EXPECT_EQ(lines, c.steps);
+    EXPECT_EQ(lines, steps);
   }
 }
 

@@ -134,10 +134,7 @@ TEST(TrustedProgramTest, OpensNothingWhoseTextIsNoFileInAnAllowedPlace) {
   ASSERT_NE(server, nullptr);
   const std::wstring notOnADrive = L"is not a full path on a drive";
   const std::wstring outside;  // empty: the path rule logs the reason
-  const struct {
-    std::wstring path;
-    std::wstring reason;
-  } cases[] = {
+  const std::pair<std::wstring, std::wstring> cases[] = {
       {pipe, notOnADrive},
       {LR"(\\localhost)" + pipe.substr(3), notOnADrive},
       {LR"(\\?)" + pipe.substr(3), notOnADrive},
@@ -153,13 +150,13 @@ TEST(TrustedProgramTest, OpensNothingWhoseTextIsNoFileInAnAllowedPlace) {
       {LR"(C:\windows\COM1)", outside},
       {LR"(C:\windows\explorer.exe:stream)", outside},
   };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(testing::PrintToString(c.path));
+  for (const auto& [path, reason] : cases) {
+    SCOPED_TRACE(testing::PrintToString(path));
     const Tests::LogCapture log;
-    EXPECT_EQ(Checked(c.path), L"");
-    if (!c.reason.empty()) {
+    EXPECT_EQ(Checked(path), L"");
+    if (!reason.empty()) {
       EXPECT_THAT(log.Lines(), ElementsAre(AllOf(StartsWith(L"warning|TrustedProgram - ["),
-                                                 EndsWith(L"because it " + c.reason))));
+                                                 EndsWith(L"because it " + reason))));
     } else {
       EXPECT_THAT(log.Lines(), Each(HasSubstr(L"VxAuthenticodeHelper::IsPathAllowed - ")));
       EXPECT_FALSE(log.Lines().empty());
