@@ -86,10 +86,7 @@ TEST(EnvironmentForPackage, MovesOnlyTheTwoDataFolders) {
 }
 
 TEST(IsRealUserProfile, ExcludesTheProfilesOfNobody) {
-  static constexpr struct {
-    const wchar_t* profile;
-    bool real;
-  } kCases[] = {
+  static constexpr std::pair<const wchar_t*, bool> kCases[] = {
       {L"C:\\Users\\ann", true},
       {L"", false},
       {L"C:\\Windows\\system32\\config\\systemprofile", false},
@@ -99,9 +96,9 @@ TEST(IsRealUserProfile, ExcludesTheProfilesOfNobody) {
       {L"C:\\Users\\defaultuser0", true},
       {L"C:\\Users\\\\defaultuser0", false},
   };
-  for (const auto& c : kCases) {
-    SCOPED_TRACE(testing::PrintToString(c.profile));
-    EXPECT_EQ(IsRealUserProfile(c.profile), c.real);
+  for (const auto& [profile, real] : kCases) {
+    SCOPED_TRACE(testing::PrintToString(profile));
+    EXPECT_EQ(IsRealUserProfile(profile), real);
   }
 }
 

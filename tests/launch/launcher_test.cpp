@@ -17,10 +17,6 @@ class LauncherTest : public Tests::MachineTest {
  protected:
   LauncherTest() { machine.packages.Install({kFamily, L"App_1_x64__abc", {}}, L"ann"); }
 
-  bool Expand(std::wstring& expanded) const {
-    return McAfeeHelper().expand_path_impersonated_as_loggedin_user(L"%AppData%\\x", expanded);
-  }
-
   Launcher launcher;
 };
 
@@ -43,7 +39,7 @@ TEST_F(LauncherTest, AsksWindowsNothingWithoutAnAliasAFamilyATokenOrSessions) {
   machine.system.RemoveApiSet(Platform::kSessionApiSet);
   std::wstring expanded;
   EXPECT_EQ(launcher.GetUserTokenForCurrentUser(Platform::TokenType::Primary), nullptr);
-  EXPECT_FALSE(Expand(expanded));
+  EXPECT_FALSE(McAfeeHelper().expand_path_impersonated_as_loggedin_user(L"%AppData%\\x", expanded));
   EXPECT_THAT(log.Lines(),
               ElementsAre(L"error|Problem in GetUserTokenForCurrentUser. WTSQueryUserToken is not "
                           L"available in this platform.",

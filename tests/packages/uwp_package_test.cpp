@@ -19,15 +19,6 @@ constexpr std::int32_t Hresult(std::uint32_t code) {
   return static_cast<std::int32_t>(code);
 }
 
-std::string FailureOf(const std::function<void()>& operation) {
-  try {
-    operation();
-    return "(nothing thrown)";
-  } catch (const std::exception& error) {
-    return error.what();
-  }
-}
-
 class UwpPackageTest : public Tests::MachineTest {
  protected:
   void TearDown() override { EXPECT_FALSE(machine.users.Acting()); }
@@ -50,10 +41,7 @@ TEST_F(UwpPackageTest, FindsThePackageOfTheConsoleUserAlone) {
 }
 
 TEST_F(UwpPackageTest, DoesNothingWithoutTheConsoleUser) {
-  const struct {
-    const char* failure;
-    std::function<void()> breakIt;
-  } cases[] = {
+  const std::pair<const char*, std::function<void()>> cases[] = {
       {"WTSQueryUserToken failed with 0x5", [&] { Fail("Sessions.QueryUserToken"); }},
       {"ImpersonateLoggedOnUser failed with 0x5", [&] { Fail("Sessions.Impersonate"); }},
       {"WTSQueryUserToken failed with 0x78",
@@ -65,11 +53,11 @@ TEST_F(UwpPackageTest, DoesNothingWithoutTheConsoleUser) {
       [] { UwpPackage().Register(kFullName); },
       [] { UwpPackageDataAccess().GetOriginAndVersion(kFamily); },
   };
-  for (const auto& c : cases) {
+  for (const auto& [failure, breakIt] : cases) {
     for (const auto& operation : operations) {
       machine.faults.Clear();
-      c.breakIt();
-      EXPECT_EQ(FailureOf(operation), c.failure);
+      breakIt();
+      EXPECT_THAT(operation, ThrowsMessage<std::exception>(failure));
       EXPECT_THAT(machine.faults.Calls(), Not(Contains(StartsWith("Packages."))));
     }
   }
@@ -117,11 +105,11 @@ TEST_F(UwpPackageTest, NamesTheCallThatFailed) {
       {read, "Packages.StagedOrigin", "GetStagedPackageOrigin failed with 0x5"},
       {read, "Packages.Version", "PackageIdFromFullName failed with 0x5"},
   };
-  EXPECT_EQ(FailureOf(read), "FindPackagesByPackageFamily failed with 0x490");
+  EXPECT_THAT(read, ThrowsMessage<std::exception>("FindPackagesByPackageFamily failed with 0x490"));
   Install();
   for (const auto& c : cases) {
     Fail(c.call);
-    EXPECT_EQ(FailureOf(c.operation), c.failure) << c.call;
+    EXPECT_THAT(c.operation, ThrowsMessage<std::exception>(c.failure)) << c.call;
     EXPECT_FALSE(machine.users.Acting());
   }
 }
