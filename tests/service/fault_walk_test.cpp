@@ -87,7 +87,7 @@ class FaultWalkTest : public SimulatedServiceTest {
     return value && value->AsWideText().value_or(L"").find(text) != std::wstring::npos;
   }
 
-  static std::wstring storePath;
+  static inline std::wstring storePath;
 
  private:
   void Begin(const Flow& flow) {
@@ -124,8 +124,6 @@ class FaultWalkTest : public SimulatedServiceTest {
               L"{\"result\":{\"sleepState\":" + std::to_wstring(kKept) + L"}}");
   }
 };
-
-std::wstring FaultWalkTest::storePath;
 
 TEST_F(FaultWalkTest, Subscribe) {
   Walk({.act = [&] { Expect({0}, 9, kNotify); },

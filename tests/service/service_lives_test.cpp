@@ -37,25 +37,6 @@ class ServiceLivesTest : public SimulatedServiceTest {
     host.service->Start();
     machine.clock.Advance(length);
   }
-
-  // Ends the service while another thread holds `lock`. Returns false if it takes over two seconds.
-  template <typename Lock>
-  bool EndsDuring(Lock& lock, const std::function<void()>& before) {
-    bool inTime = false;
-    std::promise<void> held;
-    std::promise<void> ended;
-    std::jthread holder([&] {
-      const std::lock_guard guard(lock);
-      held.set_value();
-      inTime = ended.get_future().wait_for(2s) == std::future_status::ready;
-    });
-    held.get_future().wait();
-    before();
-    host.End();
-    ended.set_value();
-    holder.join();
-    return inTime;
-  }
 };
 
 TEST_F(ServiceLivesTest, ABootIsNewWhenItIsMoreThanAMinuteFromTheOneOnRecord) {
@@ -185,6 +166,7 @@ TEST_F(ServiceLivesTest, ARefusedPackageSubscriptionTakesNoOtherClientsWithIt) {
 
 TEST_F(ServiceLivesTest, DestructionDoesNotWaitForThePackageQueriesOfItsStartUpTask) {
   using Tessel::Server::Services::Orvane::PackageCatalogEventManager;
+  using Tessel::Server::Services::Orvane::PackageUninstallingPCEvent;
   InstallApp(L"App");
   for (const std::wstring program : {L"a", L"b"}) {
     ASSERT_EQ(host.Execute(7, (LR"({"catalogEvent":5,"catalogAction":1,"packageFamilyName":)"
@@ -196,14 +178,21 @@ TEST_F(ServiceLivesTest, DestructionDoesNotWaitForThePackageQueriesOfItsStartUpT
   }
   host.service->OnSessionChange(6);
   machine.faults.Clear();
-  EXPECT_TRUE(EndsDuring(Tessel::Server::Services::Orvane::PackageUninstallingPCEvent::rLock, [&] {
-    const auto deadline = std::chrono::steady_clock::now() + 20s;
-    host.service->Start();
-    while (IsFree(PackageCatalogEventManager::listChange) &&
-           std::chrono::steady_clock::now() < deadline) {
-      std::this_thread::sleep_for(1ms);
-    }
-  }));
+  bool inTime = false;
+  std::promise<void> held;
+  std::promise<void> ended;
+  std::jthread holder([&] {
+    const std::lock_guard guard(PackageUninstallingPCEvent::rLock);
+    held.set_value();
+    inTime = ended.get_future().wait_for(2s) == std::future_status::ready;
+  });
+  held.get_future().wait();
+  host.service->Start();
+  Eventually([] { return !IsFree(PackageCatalogEventManager::listChange); }, 20s);
+  host.End();
+  ended.set_value();
+  holder.join();
+  EXPECT_TRUE(inTime);
   machine.clock.Settle();
   EXPECT_EQ(machine.packages.Handlers(L"ann"), 0U);
   EXPECT_LE(std::ranges::count(machine.faults.Calls(), "Packages.FindForAllUsers"), 1)
@@ -223,17 +212,14 @@ TEST_F(ServiceLivesTest, AFailureWhileTheStoreIsUnreadableTakesNoOtherClientsSub
 }
 
 TEST_F(ServiceLivesTest, APackageSubscriptionThatIsNotStoredIsCheckedButNotWatched) {
-  const wchar_t* request =
-      LR"({"catalogEvent":5,"catalogAction":1,"packageFamilyName":)"
-      LR"("App_r4x2m8kq7tn3b","catalogActionParams":{"path":"C:\\a.exe"}})";
   machine.faults.FailNamed("DataProtection.Protect", 1);
-  EXPECT_EQ(host.Execute(7, request).result, 0x20000004U);
+  EXPECT_EQ(host.Execute(7, kWatch).result, 0x20000004U);
   EXPECT_THAT(log.Lines(),
               Contains(HasSubstr(L"a refused package subscription could not be taken back")));
   machine.faults.FailNamed("DataProtection.Protect");
   InstallApp(L"App");
-  EXPECT_EQ(host.Execute(7, (std::wstring(request) + L" ").c_str()).result, 0x20000009U);
-  std::wstring other = request;
+  EXPECT_EQ(host.Execute(7, (std::wstring(kWatch) + L" ").c_str()).result, 0x20000009U);
+  std::wstring other = kWatch;
   EXPECT_EQ(host.Execute(7, other.replace(16, 1, L"7").c_str()).result, 0U);
   EXPECT_EQ(host.Execute(7, other.replace(16, 1, L"6").c_str()).result, 0x20000006U);
   machine.clock.Settle();
