@@ -35,8 +35,7 @@ class DeliveryRecordsTest : public Tests::PackageEventFixture {
 };
 
 TEST_F(DeliveryRecordsTest, SayHowEachEndedAndWhy) {
-  auto& objects = *Platform::CurrentMachine().kernelObjects;
-  const Platform::SharedHandle stop = *objects.MakeManualEvent({});
+  const auto stop = MakeStopEvent();
   const auto fail = [](const auto&) { throw std::runtime_error("boom"); };
   const std::wstring delayed = Message(LR"(,"delayDeliverySec":"10")");
   const struct {
@@ -69,7 +68,7 @@ TEST_F(DeliveryRecordsTest, SayHowEachEndedAndWhy) {
       {"the service ends",
        delayed,
        {L"power 7 waiting f/s of # after 10000", L"power 7 dropped:service_ended f/s of #"},
-       [&] { objects.Signal(stop.get()); }},
+       [&] { Platform::CurrentMachine().kernelObjects->Signal(stop.get()); }},
   };
   std::uint64_t last = 0;
   for (const auto& c : cases) {

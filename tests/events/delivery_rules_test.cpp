@@ -11,10 +11,7 @@ constexpr int kMax = std::numeric_limits<int>::max();
 
 TEST(LeadingInteger, ReadsTheWholeLeadingNumberAndNoMore) {
   constexpr std::nullopt_t none = std::nullopt;
-  const struct {
-    std::wstring text;
-    std::optional<int> value;
-  } cases[] = {
+  const std::pair<std::wstring, std::optional<int>> cases[] = {
       {L"10", 10},
       {L"-3", -3},
       {L"+7", 7},
@@ -37,9 +34,9 @@ TEST(LeadingInteger, ReadsTheWholeLeadingNumberAndNoMore) {
       {std::wstring{L'\0', L'5'}, none},
       {L"\u0665", none},  // a non-ASCII digit
   };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(testing::PrintToString(c.text.substr(0, 40)));
-    EXPECT_EQ(LeadingInteger(c.text), c.value);
+  for (const auto& [text, value] : cases) {
+    SCOPED_TRACE(testing::PrintToString(text.substr(0, 40)));
+    EXPECT_EQ(LeadingInteger(text), value);
   }
 }
 
@@ -78,14 +75,12 @@ TEST(IsOverdue, ToleratesTwoSecondsEitherWay) {
 }
 
 TEST(IsTooLong, IsADelayThatIsOverdueWhenItIsOver) {
-  static constexpr struct {
-    int delay;
-    bool tooLong;
-  } kCases[] = {{kMin, false}, {0, false}, {2147484, false}, {2147485, true}, {kMax, true}};
-  for (const auto& c : kCases) {
-    EXPECT_EQ(IsTooLong(c.delay), c.tooLong) << c.delay;
-    const auto end = static_cast<std::uint64_t>(DelayLength(c.delay).count());
-    EXPECT_EQ(IsOverdue(c.delay, ElapsedMilliseconds(0, end)), c.tooLong || c.delay < 0) << c.delay;
+  static constexpr std::pair<int, bool> kCases[] = {
+      {kMin, false}, {0, false}, {2147484, false}, {2147485, true}, {kMax, true}};
+  for (const auto& [delay, tooLong] : kCases) {
+    EXPECT_EQ(IsTooLong(delay), tooLong) << delay;
+    const auto end = static_cast<std::uint64_t>(DelayLength(delay).count());
+    EXPECT_EQ(IsOverdue(delay, ElapsedMilliseconds(0, end)), tooLong || delay < 0) << delay;
   }
 }
 

@@ -46,8 +46,7 @@ class OneShotTest : public Tests::PackageEventFixture {
     Notify(kFamily, std::move(complete));
   }
 
-  const Platform::SharedHandle stop =
-      *Platform::CurrentMachine().kernelObjects->MakeManualEvent({});
+  const Platform::SharedHandle stop = MakeStopEvent();
   const int first = 0;
   const int second = 0;
 };

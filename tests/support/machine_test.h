@@ -20,6 +20,10 @@ class MachineTest : public testing::Test {
     return sent;
   }
 
+  static Platform::SharedHandle MakeStopEvent() {
+    return *Platform::CurrentMachine().kernelObjects->MakeManualEvent({});
+  }
+
   Simulator::SimulatedMachine machine;
   Platform::MachineScope scope{[this](Platform::Machine& platform) { machine.Install(platform); }};
   LogCapture log;
