@@ -78,12 +78,9 @@ TEST(WriteDigitsTest, WritesTheDigitsOfTheDayAndNothingBehindThem) {
 
 TEST(WriteDigitsTest, RefusesABufferThatIsTooSmall) {
   EXPECT_THROW(Written(BODFormat::SixDigits, Day(2024, 1, 1), 5), std::invalid_argument);
-  try {
-    Written(BODFormat::EightDigits, Day(2024, 1, 1), 7);
-    ADD_FAILURE() << "seven bytes were accepted as eight digits";
-  } catch (const std::invalid_argument& error) {
-    EXPECT_STREQ(error.what(), "BornOnDateManager::determine_date_to_assign - vector too small");
-  }
+  EXPECT_THAT([] { Written(BODFormat::EightDigits, Day(2024, 1, 1), 7); },
+              ThrowsMessage<std::invalid_argument>(
+                  "BornOnDateManager::determine_date_to_assign - vector too small"));
 }
 
 }  // namespace

@@ -8,19 +8,16 @@ namespace {
 constexpr std::uint64_t kDay = 864'000'000'000;
 
 TEST(CalendarTimeTest, AgreesWithKnownMomentsInBothDirections) {
-  static constexpr struct {
-    CalendarTime time;
-    std::uint64_t units = 0;
-  } kCases[] = {
+  static constexpr std::pair<CalendarTime, std::uint64_t> kCases[] = {
       {{1601, 1, 1, 1, 0, 0, 0, 0}, 0},
       {{1970, 1, 4, 1, 0, 0, 0, 0}, 116'444'736'000'000'000},
       {{2000, 2, 2, 29, 12, 34, 56, 789}, 125'963'012'967'890'000},
       {{2038, 1, 2, 19, 3, 14, 7, 0}, 137'919'572'470'000'000},
   };
-  for (const auto& c : kCases) {
-    SCOPED_TRACE(c.units);
-    EXPECT_EQ(FileTimeOf(c.time), c.units);
-    EXPECT_EQ(CalendarTimeOf(c.units), c.time);
+  for (const auto& [time, units] : kCases) {
+    SCOPED_TRACE(units);
+    EXPECT_EQ(FileTimeOf(time), units);
+    EXPECT_EQ(CalendarTimeOf(units), time);
   }
 }
 
