@@ -152,15 +152,13 @@ TEST_F(RegistrationDataTest, CopiesNothingWithTheRightsOfAnotherUser) {
 // Blocks each file change, as a user's program can, until CancelIo runs while `cancels` is true.
 class HeldUpFiles final : public Platform::Threads {
  public:
-  explicit HeldUpFiles(Platform::Machine& platform) : clock(*platform.clock) {
+  HeldUpFiles() {
     files.onStep = [this](const char* step) {
       if (!holds || std::string_view(step) == "Read") return 0U;
       if (const auto act = std::exchange(onHold, nullptr)) act();
       clock.Wait(freed.get(), std::nullopt);
       return Tests::kFault;
     };
-    platform.files = &files;
-    platform.threads = this;
   }
 
   Platform::Result<Platform::UniqueHandle> Start(std::function<void()> body) override {
@@ -182,16 +180,18 @@ class HeldUpFiles final : public Platform::Threads {
     }
   };
 
-  Platform::Clock& clock;
+  Platform::Clock& clock = *Platform::CurrentMachine().clock;
   Platform::UniqueHandle freed{CreateEventW(nullptr, FALSE, FALSE, nullptr)};
   Files files;
+  const Platform::MachineScope inserted{[this](Platform::Machine& platform) {
+    platform.files = &files;
+    platform.threads = this;
+  }};
 };
 
 TEST_F(RegistrationDataTest, AUserWhoHoldsUpTheCopyHoldsUpNeitherAResumeNorACommandForLong) {
   using std::chrono::seconds;
-  std::optional<HeldUpFiles> held;
-  const Platform::MachineScope inserted(
-      [&](Platform::Machine& platform) { held.emplace(platform); });
+  HeldUpFiles held;
   const auto secondsOfCopy = [&](bool expected) {
     const auto begin = machine.clock.Elapsed();
     EXPECT_EQ(CopyRegistrationData(L"client", logger), expected);
@@ -206,8 +206,8 @@ TEST_F(RegistrationDataTest, AUserWhoHoldsUpTheCopyHoldsUpNeitherAResumeNorAComm
             L"holds up " +
                 Source().wstring() + L" or " + Destination().wstring());
 
-  held->cancels = false;
-  held->holds = true;
+  held.cancels = false;
+  held.holds = true;
   const auto begin = machine.clock.Elapsed();
   RefreshRegistrationData(logger);
   EXPECT_EQ(machine.clock.Elapsed(), begin);
@@ -216,25 +216,23 @@ TEST_F(RegistrationDataTest, AUserWhoHoldsUpTheCopyHoldsUpNeitherAResumeNorAComm
   EXPECT_EQ(log.Lines().back(),
             L"warning|CopyRegistration - not begun, because an earlier copy hangs");
   // The next two commands cancel the hung copy's write and then its removal of the partial file.
-  held->cancels = true;
+  held.cancels = true;
   for (int i = 0; i < 2; ++i) {
     EXPECT_EQ(secondsOfCopy(false), seconds(0));
     machine.clock.Settle();
   }
-  held->holds = false;
+  held.holds = false;
   EXPECT_EQ(secondsOfCopy(true), seconds(0));
   EXPECT_EQ(Tests::ReadText(Destination()), "new");
 }
 
 TEST_F(RegistrationDataTest, ACommandThatWaitsForACopyThatIsHeldUpDoesNotBeginItsOwn) {
-  std::optional<HeldUpFiles> held;
-  const Platform::MachineScope inserted(
-      [&](Platform::Machine& platform) { held.emplace(platform); });
+  HeldUpFiles held;
   Tests::WriteText(Source(), "new");
   std::thread second;
   std::promise<void> asked;
   const Tests::LogTrap trap(L"Attempting to impersonate", 3, [&] { asked.set_value(); });
-  held->onHold = [&] {
+  held.onHold = [&] {
     second = std::thread([&] { EXPECT_FALSE(CopyRegistrationData(L"second", logger)); });
     asked.get_future().wait();
   };
