@@ -73,10 +73,7 @@ class FaultWalkTest : public SimulatedServiceTest {
     EXPECT_TRUE(documented.contains(reply.result)) << std::hex << reply.result;
   }
 
-  std::ptrdiff_t Told() const {
-    const auto all = Sent();
-    return std::count(all.begin(), all.end(), L"f/s {}");
-  }
+  std::ptrdiff_t Told() const { return std::ranges::count(Sent(), L"f/s {}"); }
 
   static bool Stored(const char* key, const std::wstring& text) {
     const auto document = DocumentOf(storePath);
