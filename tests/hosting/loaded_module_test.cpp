@@ -42,13 +42,10 @@ TEST(LoadedModuleTest, NamesNoFaultThatItHasNotFound) {
       static_cast<DWORD>(returnsFalse) - code.PointerToRawData + code.VirtualAddress;
   const Tests::TempFolder folder;
   Tests::WriteText(folder / L"module.dll", image);
-  try {
-    const LoadedModule module(folder / L"module.dll");
-    FAIL() << "the module was loaded";
-  } catch (const WindowsError& error) {
-    EXPECT_EQ(error.Code(), DWORD{ERROR_DLL_INIT_FAILED});
-    EXPECT_THAT(error.what(), EndsWith("(error 1114)"));
-  }
+  EXPECT_THAT(
+      [&] { const LoadedModule module(folder / L"module.dll"); },
+      Throws<WindowsError>(AllOf(Property(&WindowsError::Code, DWORD{ERROR_DLL_INIT_FAILED}),
+                                 Property(&WindowsError::what, EndsWith("(error 1114)")))));
 }
 
 }  // namespace

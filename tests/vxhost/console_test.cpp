@@ -1,14 +1,7 @@
 #include "vxhost/common/console.h"
 
-#include <atomic>
-#include <optional>
-
-#include <gtest/gtest.h>
-
-#include <windows.h>
-
 #include "platform/thread.h"
-#include "support/import_override.h"
+#include "support/test.h"
 
 extern "C" decltype(&SetConsoleCtrlHandler) __imp_SetConsoleCtrlHandler;  // NOLINT: the linker's
 

@@ -50,10 +50,7 @@ class StoreRepairTest : public Tests::StoreTest {
 
 TEST_F(StoreRepairTest, NamesWhatIsWrongWithAStoreAndRestoresOnlyASoundOne) {
   const std::string header = original.substr(0, 72);
-  const struct {
-    std::string state;
-    std::string bytes;
-  } cases[] = {
+  const std::pair<std::string, std::string> cases[] = {
       {"zeroed", std::string(3000, '\0')},
       {"zeroed", std::string(40, '\0')},
       {"cut short", original.substr(0, 40)},
@@ -63,13 +60,13 @@ TEST_F(StoreRepairTest, NamesWhatIsWrongWithAStoreAndRestoresOnlyASoundOne) {
       {"sound", original},
       {"sound", header},  // without values
   };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.state + ", " + std::to_string(c.bytes.size()) + " bytes");
-    EXPECT_EQ(Diagnose(LookAtFile(Put(c.bytes)), Owner::Any).state, c.state);
-    Tests::WriteText(store.FilePath(), c.bytes);
-    EXPECT_EQ(Diagnose(LookAtStore()).state, c.state);
+  for (const auto& [state, bytes] : cases) {
+    SCOPED_TRACE(state + ", " + std::to_string(bytes.size()) + " bytes");
+    EXPECT_EQ(Diagnose(LookAtFile(Put(bytes)), Owner::Any).state, state);
+    Tests::WriteText(store.FilePath(), bytes);
+    EXPECT_EQ(Diagnose(LookAtStore()).state, state);
     Tests::WriteText(store.FilePath(), original);
-    if (c.bytes == original) continue;
+    if (bytes == original) continue;
     EXPECT_THROW(RestoreStore(copy, {}), std::runtime_error);
     EXPECT_EQ(Tests::ReadText(store.FilePath()), original);
     EXPECT_EQ(Kept(), 0U);
@@ -87,7 +84,7 @@ TEST_F(StoreRepairTest, NamesWhatIsWrongWithAStoreAndRestoresOnlyASoundOne) {
   std::filesystem::remove(folder / L"second");
   std::filesystem::remove(store.FilePath());
   EXPECT_EQ(Diagnose(LookAtStore()).state, "missing");
-  Tests::WriteText(store.FilePath(), cases[0].bytes);
+  Tests::WriteText(store.FilePath(), cases[0].second);
   CapDataStore().persist("after", "the replacement keeps the header");
   EXPECT_EQ(Diagnose(LookAtStore()).state, "sound");
 }
