@@ -29,14 +29,10 @@ TEST(ExportedExemptionCheck, AnswersAcrossTheModuleBoundary) {
 TEST(ExportedExemptionCheck, ThrowsAcrossTheModuleBoundary) {
   for (const bool win32 : {false, true}) {
     TesselAccessManager manager;
-    std::string message;
-    try {
-      win32 ? manager.IsWin32Exempt() : manager.IsUwpExempt();
-    } catch (const tessel_access_exception& error) {
-      message = error.what();
-    }
-    EXPECT_EQ(message, std::string("The Behavior was not defined. A call to Set") +
-                           (win32 ? "Win32" : "Uwp") + "Checker must be done.");
+    EXPECT_THAT([&] { win32 ? manager.IsWin32Exempt() : manager.IsUwpExempt(); },
+                ThrowsMessage<tessel_access_exception>(
+                    std::string("The Behavior was not defined. A call to Set") +
+                    (win32 ? "Win32" : "Uwp") + "Checker must be done."));
   }
 }
 

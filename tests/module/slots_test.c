@@ -35,13 +35,12 @@ typedef void (*Notify)(Service*, uint32_t);
 typedef unsigned char (*Ask)(Service*);  // a C++ bool
 
 static int failures;
-static const char* current = "";
-#define CHECK(condition)                                                  \
-  do {                                                                    \
-    if (!(condition)) {                                                   \
-      ++failures;                                                         \
-      printf("%s: line %d: failed: %s\n", current, __LINE__, #condition); \
-    }                                                                     \
+#define CHECK(condition)                                     \
+  do {                                                       \
+    if (!(condition)) {                                      \
+      ++failures;                                            \
+      printf("line %d: failed: %s\n", __LINE__, #condition); \
+    }                                                        \
   } while (0)
 
 static Factory factory;
@@ -89,45 +88,18 @@ static void ContextsCarryACopyOfTheCallersIdentity(void) {
   Unmake(service);
 }
 
-static wchar_t* const kUntouched = (wchar_t*)0x5a5a5a5a;
-
+// Tests of the dispatch and scenarios cover what the other commands and null arguments return.
 static void CommandsAnswer(void) {
-  static const struct {
-    uint32_t id;
-    const wchar_t* request;
-    int withContext, withResponse;
-    uint32_t result;
-    const wchar_t* response;  // null: a null pointer; "?": left unchanged
-  } kCases[] = {
-      {22, L"{}", 1, 1, 0, L"{\"result\":{\"getVersion\":\"" VX_VERSION L"\"}}"},
-      {13, L"{\"launched\":1}", 1, 1, 0x20000002, L"{}"},
-      {4294967295u, L"{}", 1, 1, 0x20000001, L"{}"},
-      {22, L"", 1, 1, 0x20000003, NULL},
-      {22, NULL, 1, 1, 0x20000002, L"?"},
-      {22, L"{}", 0, 1, 0x20000002, L"?"},
-      {22, L"{}", 1, 0, 0x20000002, L"?"},
-  };
   Service* service = Make();
   void* context = Context(service, L"client");
-  for (size_t i = 0; i < sizeof kCases / sizeof *kCases; ++i) {
-    char name[64];
-    sprintf(name, "row %u, id %u", (unsigned)i, kCases[i].id);
-    current = name;
-    wchar_t* response = kUntouched;
-    CHECK(((Execute)service->slots[kExecuteCommand])(
-              service, kCases[i].withContext ? context : NULL, kCases[i].id, kCases[i].request,
-              kCases[i].withResponse ? &response : NULL, NULL) == kCases[i].result);
-    if (kCases[i].response == NULL) {
-      CHECK(response == NULL);
-    } else if (kCases[i].response[0] == L'?') {
-      CHECK(response == kUntouched);
-    } else {
-      CHECK(response != NULL && response != kUntouched &&
-            wcscmp(response, kCases[i].response) == 0);
-      ((Free)service->slots[kFreeResponse])(service, response);
-    }
-  }
-  current = "";
+  const Execute execute = (Execute)service->slots[kExecuteCommand];
+  wchar_t* response = NULL;
+  CHECK(execute(service, context, 22, L"{}", &response, NULL) == 0);
+  CHECK(response != NULL &&
+        wcscmp(response, L"{\"result\":{\"getVersion\":\"" VX_VERSION L"\"}}") == 0);
+  ((Free)service->slots[kFreeResponse])(service, response);
+  CHECK(execute(service, context, 22, L"", &response, NULL) == 0x20000003);
+  CHECK(response == NULL);
   ((Free)service->slots[kFreeResponse])(service, NULL);
   Release(service, context);
   Unmake(service);
