@@ -1,16 +1,11 @@
 #include "platform/windows/deferred_library.h"
 
-#include "platform/sessions.h"
-#include "platform/windows/capabilities.h"
 #include "support/test.h"
 
 namespace Vx::Platform {
 namespace {
 
-bool ActsAsUser() {
-  const auto token = WindowsSessions().ThreadToken();
-  return !token || *token != nullptr;
-}
+using Tests::ThreadActsAsAnother;
 
 struct Seen {
   int loads = 0;
@@ -21,7 +16,7 @@ struct Seen {
 void CALLBACK OnLibrary(ULONG /*reason*/, const void* /*data*/, void* context) {
   auto& seen = *static_cast<Seen*>(context);
   ++seen.loads;
-  if (ActsAsUser()) ++seen.loadsAsUser;
+  if (ThreadActsAsAnother()) ++seen.loadsAsUser;
 }
 
 TEST(DeferredLibraryTest, LoadsAsTheProcessInAThreadThatActsAsAUser) {
@@ -41,7 +36,7 @@ TEST(DeferredLibraryTest, LoadsAsTheProcessInAThreadThatActsAsAUser) {
   auto* function = library.Find<void()>("OpenColorProfileW");
   auto* none = absent.Find<void()>("OpenColorProfileW");
   const DWORD error = GetLastError();
-  const bool restored = ActsAsUser();
+  const bool restored = ThreadActsAsAnother();
   RevertToSelf();
   unwatch(cookie);
   EXPECT_NE(function, nullptr);
