@@ -7,7 +7,6 @@
 #include <objbase.h>
 #include <powrprof.h>
 
-#include "hosting/text.h"
 #include "platform/system_services.h"
 #include "servicehost/log_lines.h"
 #include "servicehost/service_process.h"
@@ -314,10 +313,6 @@ TEST_F(HostLoopTest, ServesAModuleWithoutASinkWithOneWarning) {
             L"not in this log\n"
             L"INFO : the module is started: " +
                 path.wstring() + L"\nINFO : the module is stopped\n");
-}
-
-TEST_F(HostLoopTest, AFileThatIsNotAModuleIsReported) {
-  EXPECT_THROW(HostLoop({OwnPath(), false}, *log), std::runtime_error);
 }
 
 }  // namespace

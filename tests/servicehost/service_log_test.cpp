@@ -101,15 +101,6 @@ BOOL WINAPI WriteHalf(HANDLE file, const void* bytes, DWORD size, DWORD* count, 
   return writeAll(file, bytes, size / 2, count, late) != FALSE && partlyWritten != FALSE;
 }
 
-std::string WhyLost(LogFolder& log, const LogEntry& entry) {
-  try {
-    log.Write(entry);
-    return {};
-  } catch (const std::exception& error) {
-    return error.what();
-  }
-}
-
 TEST(LogFolderTest, LosesOnlyWhatItCannotWriteAndSaysSo) {
   const Tests::TempFolder parent;
   const auto folder = parent.Path() / L"Logs";
@@ -119,7 +110,8 @@ TEST(LogFolderTest, LosesOnlyWhatItCannotWriteAndSaysSo) {
     std::filesystem::create_directory(folder);
   });
   const LogEntry entry = Entry(kFirstDay, L"text");
-  EXPECT_EQ(WhyLost(log, entry), "it may not be made");
+  const auto write = [&] { log.Write(entry); };
+  EXPECT_THAT(write, ThrowsMessage<std::exception>("it may not be made"));
   allowed = true;
   const std::string line = JsonLineOf(entry);
   std::string expected;
@@ -127,7 +119,8 @@ TEST(LogFolderTest, LosesOnlyWhatItCannotWriteAndSaysSo) {
     log.Write(entry);
     partlyWritten = outcome;
     const Tests::ImportOverride full(__imp_WriteFile, &WriteHalf);
-    EXPECT_THAT(WhyLost(log, entry), StartsWith("cannot write to " + folder.string()));
+    EXPECT_THAT(write,
+                ThrowsMessage<std::exception>(StartsWith("cannot write to " + folder.string())));
     expected += line + line.substr(0, line.size() / 2) + "\n";
   }
   log.Write(entry);
@@ -250,26 +243,18 @@ TEST(ServiceLogTest, NamesOnceWhatATargetRefusesAndCountsWhatItLost) {
 TEST(JsonLineTest, ARecordHasTheMembersThatSaySomething) {
   const DecisionRecord whole{L"power",  L"ran", L"on time", L"1f", L"C:\\a.exe", L"family",
                              L"client", 7,      5,          12,    ~0ULL,        3};
-  DecisionRecord command;
-  command.kind = L"command";
-  DecisionRecord completion;
-  completion.kind = L"completion";
-  const struct {
-    DecisionRecord record;
-    const char* member = nullptr;
-  } kCases[] = {
+  const std::pair<DecisionRecord, std::string> kCases[] = {
       {whole, R"("kind":"power","decision":"ran","reason":"on time","subscription":"1f",)"
               R"("target":"C:\\a.exe","package":"family","client":"client","number":7,"status":5,)"
               R"("process":12,"delivery":18446744073709551615,"milliseconds":3)"},
-      {command, R"("kind":"command","number":0)"},
-      {completion, R"("kind":"completion")"},
+      {{.kind = L"command"}, R"("kind":"command","number":0)"},
+      {{.kind = L"completion"}, R"("kind":"completion")"},
       {{}, ""},
   };
-  for (const auto& c : kCases) {
+  for (const auto& [record, members] : kCases) {
     LogEntry entry = Entry(kFirstDay, L"m");
-    entry.line.record = c.record;
-    EXPECT_THAT(JsonLineOf(entry),
-                EndsWith(R"("message":"m","record":{)" + std::string(c.member) + "}}\n"));
+    entry.line.record = record;
+    EXPECT_THAT(JsonLineOf(entry), EndsWith(R"("message":"m","record":{)" + members + "}}\n"));
   }
 }
 

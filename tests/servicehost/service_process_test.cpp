@@ -328,21 +328,18 @@ TEST(ServiceManagerTest, ReplacingMovesTheOptionsFromTheCommandLineToTheParamete
 
 // A client can make the module start this program as SYSTEM, with any arguments.
 TEST(OrvaneHostTest, DoesNothingUnlessTheServiceManagerStartedItForAName) {
-  const struct {
-    const wchar_t* arguments;
-    DWORD code;
-  } kCases[] = {
+  const std::pair<const wchar_t*, DWORD> kCases[] = {
       {L" OrvaneService", ERROR_FAILED_SERVICE_CONTROLLER_CONNECT}, {L"", ERROR_BAD_ARGUMENTS},
       {L" OrvaneService --module C:\\x.dll", ERROR_BAD_ARGUMENTS},  {L" a\\b", ERROR_INVALID_NAME},
       {L" --help", ERROR_FAILED_SERVICE_CONTROLLER_CONNECT},
   };
-  for (const auto& c : kCases) {
-    std::wstring line = L"\"" + Tests::BuiltFile(L"..\\bin\\OrvaneHost.exe") + L"\"" + c.arguments;
+  for (const auto& [arguments, expected] : kCases) {
+    std::wstring line = L"\"" + Tests::BuiltFile(L"..\\bin\\OrvaneHost.exe") + L"\"" + arguments;
     const auto process = Tests::StartProcess(line).process;
     EXPECT_EQ(WaitForSingleObject(process.get(), 20'000), WAIT_OBJECT_0);
     DWORD code = 0;
     GetExitCodeProcess(process.get(), &code);
-    EXPECT_EQ(code, c.code) << Utf8(c.arguments);
+    EXPECT_EQ(code, expected) << Utf8(arguments);
   }
 }
 
