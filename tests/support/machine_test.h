@@ -1,5 +1,6 @@
 #pragma once
 
+#include "platform/kernel_objects.h"
 #include "simulator/simulated_machine.h"
 #include "support/test.h"
 
