@@ -43,12 +43,12 @@ Platform::UniqueHandle ManualEvent(const std::wstring& name, ServiceLog& log) {
   return nullptr;
 }
 
-// Initializes COM on this thread until the result is destroyed on it, after unloading the module.
-//
-// Calls to other processes must use the identity of the user that the thread impersonates. Without
-// cloaking, COM uses the process's (https://learn.microsoft.com/windows/win32/com/cloaking). COM
-// security can be set only once per process, after COM is initialized, and the module does not
-// enable cloaking when it sets it itself, on its first read of the firmware.
+// Initializes COM on this thread. Destroying the result uninitializes it. Do that on the same
+// thread, after unloading the module. Calls to other processes must use the identity of the user
+// that the thread impersonates. Without cloaking, COM uses the process's
+// (https://learn.microsoft.com/windows/win32/com/cloaking). COM security can be set only once per
+// process, after COM is initialized, and the module does not enable cloaking when it sets it
+// itself, on its first read of the firmware.
 std::shared_ptr<void> EnterCom(ServiceLog& log) {
   Platform::Com& com = *CurrentMachine().com;
   std::shared_ptr<void> entered;

@@ -16,7 +16,7 @@
 #include "servicehost/service_log.h"
 #include "servicehost/service_parameters.h"
 
-struct _SERVICE_STATUS;  // NOLINT(bugprone-reserved-identifier,cert-*): the name of Windows
+struct _SERVICE_STATUS;  // NOLINT(bugprone-reserved-identifier,cert-*): Windows' own name
 
 namespace Vx::Hosting::ServiceHost {
 

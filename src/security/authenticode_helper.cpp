@@ -136,7 +136,8 @@ std::optional<Place> FindWrittenPlace(const std::wstring& written, const std::ws
   return std::nullopt;
 }
 
-// Sets the final path and returns true, or returns false. The outcome names the last check.
+// Returns whether every check passed. Sets the outcome for a failure of the last one made, and the
+// final path once it is known.
 bool ResolveFinalPath(const std::wstring& path, const std::wstring& expanded,
                       const TraceLogger& logger, PathVerdict& verdict) {
   verdict.outcome = PathOutcome::NotPlain;

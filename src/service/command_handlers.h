@@ -46,9 +46,9 @@ std::uint32_t AddAnswer(const Call& call, std::wstring_view key, Value value) {
   return kSuccess;
 }
 
-// The commands that query or set one value. Each adds its result to the response and returns 0. On
-// failure it returns 0x20000002 and adds nothing. If it throws a standard exception, Dispatch logs
-// that and returns the same code.
+// The commands that query or set one value. Each adds its result to the response, unless there is
+// none, and returns 0. On failure it returns 0x20000002 and adds nothing. If it throws a standard
+// exception, Dispatch logs that and returns the same code.
 
 // Id 0, "sMode": the lockdown mode of Windows.
 std::uint32_t GetLockdownMode(const Call& call);
@@ -68,7 +68,8 @@ std::uint32_t ShouldAutoLaunchBeSkipped(const Call& call);
 // Id 6, "installed": whether the console user has a package of the requested family.
 std::uint32_t IsUwpInstalled(const Call& call);
 
-// Ids 12 and 13, "launched": get and set the flag that the switch software has been started.
+// Ids 12 and 13, "launched": get and set the flag that the switch software has been started. Id 13
+// has no result.
 std::uint32_t GetExecutedMcAfeeStub(const Call& call);
 std::uint32_t SetExecutedMcAfeeStub(const Call& call);
 

@@ -31,8 +31,8 @@ const Json::WideValue* FindMember(const Json::WideDocument& document, const wcha
   return member == document.MemberEnd() ? nullptr : &member->value;
 }
 
-// Returns a member that is a string, or a boolean if `expected` is kTrueType. Returns null if it is
-// neither or `result`, where the caller will store its value, is null.
+// Returns the string member `name` or, if `expected` is kTrueType, the boolean one. Returns null if
+// there is none or if `result`, where the caller will store the value, is null.
 const Json::WideValue* TypedMember(const Json::WideDocument* document, const wchar_t* name,
                                    rapidjson::Type expected, const void* result,
                                    const RequestCaller& caller) {

@@ -236,7 +236,7 @@ TEST_F(OneShotTest, WatchesWhatIsSubscribedAgainWhileAReplayFindsItGone) {
 }
 
 // During the replay, another request in the list is completed. Then the store fails, or another
-// service replaces the list with what is not one.
+// service replaces the list with an object.
 TEST_F(OneShotTest, IsWatchedAlsoWhenTheStoreCannotSayWhetherItIsStored) {
   const auto replaceList = [](const wchar_t* text) {
     Storage::CapDataStore().mergeMember(kServiceDocument, kPackageSubscriptions,

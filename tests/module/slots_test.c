@@ -88,7 +88,7 @@ static void ContextsCarryACopyOfTheCallersIdentity(void) {
   Unmake(service);
 }
 
-// Tests of the dispatch and scenarios cover what the other commands and null arguments return.
+// The dispatch tests and the scenarios cover the other commands and null arguments.
 static void CommandsAnswer(void) {
   Service* service = Make();
   void* context = Context(service, L"client");

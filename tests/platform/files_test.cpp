@@ -29,7 +29,7 @@ class FilesTest : public testing::Test {
   std::wstring other = folder / L"other.dat";
 };
 
-// event_commands_test.cpp covers that a writer keeps a file from being locked.
+// event_commands_test.cpp covers a file that cannot be locked because it is open for writing.
 TEST_F(FilesTest, NobodyChangesAFileThatIsOpenReadLocked) {
   constexpr ErrorCode kShared = ERROR_SHARING_VIOLATION;
   const auto lock = files.OpenReadLocked(path);

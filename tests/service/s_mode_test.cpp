@@ -27,7 +27,7 @@ class PrivateLockdownPolicy {
   EnvironmentOverride windows{L"windir", folder.Path()};
 };
 
-constexpr wchar_t kModeVariable[] = L"VX_LOCKDOWN_MODE";  // of the stand-in
+constexpr wchar_t kModeVariable[] = L"VX_LOCKDOWN_MODE";  // read by the stand-in library
 
 TEST(LockdownPolicyTest, OnlyALibraryWithAPinnedSignatureIsLoadedAndItIsFreedAgain) {
   static constexpr std::pair<const wchar_t*, std::int32_t> kCases[] = {

@@ -87,7 +87,7 @@ std::wstring SubscriptionJson(const std::wstring& text) {
   return L"null";  // not a request of this kind
 }
 
-// Numbers of texts, because a log repeats a few messages thousands of times.
+// Maps each text to its number, because a log repeats a few messages thousands of times.
 using Numbers = std::map<std::wstring, std::size_t>;
 
 std::wstring EntryJson(const RecordEntry& entry, Numbers& numbers) {

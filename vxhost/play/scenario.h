@@ -13,8 +13,8 @@ struct Harness;
 // A scenario: a JSON document {"store": ..., "steps": [...]}, described in docs/vxhost.md.
 class Scenario {
  public:
-  // Reads and checks the file. Throws std::runtime_error that lists every fault with its line, or
-  // if the file that "store" names cannot be used.
+  // Reads and checks the file. Throws std::runtime_error if the file has faults (the message lists
+  // each with its line) or if the file that "store" names cannot be used.
   Scenario(const std::wstring& path, Definitions definitions, const ModuleOptions& module);
 
   // Writes the values of "store", or of the file that it names, to the current machine's store.

@@ -53,7 +53,7 @@ constexpr std::wstring_view kOnlyLook[] = {L"say", L"expect", L"showStore", L"wa
 
 constexpr const wchar_t* kCalls[] = {L"start", L"exec", L"policy", L"power", L"session"};
 
-// All parts of a step.
+// Returns the rules of all parts of a step.
 std::vector<PartRule> StepRules() {
   std::vector<PartRule> rules = MachineRules();
   rules.insert(rules.end(), std::begin(kParts), std::end(kParts));

@@ -30,11 +30,11 @@ class ModulePins {
   std::vector<std::string_view> restricted;
 };
 
-// Throws std::runtime_error if Windows accepts a signature of `program` made with a key in either
-// set, wherever the file is. In a protected location, the module would start it as SYSTEM for any
-// client, with arguments of the client's choice, and some of this tool's arguments name a library
-// to load or a file to write. Also throws if the file cannot be read. Otherwise, a client that
-// starts this program could hide the signature by holding the file open without sharing.
+// Throws std::runtime_error if Windows accepts a signature of `program` and one was made with a key
+// in either set, wherever the file is. In a protected location, the module would start it as SYSTEM
+// for any client, with arguments of the client's choice, and some of this tool's arguments name a
+// library to load or a file to write. Also throws if the file cannot be read. Otherwise, a client
+// that starts this program could hide the signature by holding the file open without sharing.
 void RefusePinnedSignature(const std::wstring& program, Tessel::Security::KeySet general,
                            Tessel::Security::KeySet restricted);
 

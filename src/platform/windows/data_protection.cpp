@@ -15,7 +15,7 @@ namespace {
 
 using Bytes = std::vector<std::byte>;
 
-// Returns what `call`, which encrypts or decrypts, makes of `bytes`.
+// Encrypts or decrypts `bytes` with `call`.
 template <typename Call>
 Result<Bytes> Convert(std::span<const std::byte> bytes, Call call) {
   if (bytes.size() > std::numeric_limits<DWORD>::max()) return Failure(ERROR_INVALID_PARAMETER);

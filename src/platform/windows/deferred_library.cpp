@@ -82,7 +82,8 @@ const Value* At(std::uintptr_t offset) {
 
 using Function = INT_PTR WINAPI();
 
-// Returns whether zero, which a missing function would return, means success.
+// Returns whether callers take zero from this function for success, so that a missing one must
+// return an error.
 bool ReturnsStatus(std::string_view function) {
   return function.starts_with("BCrypt") || function.ends_with("Element") ||
          function == "VariantClear";

@@ -63,7 +63,7 @@ struct SignatureFunctions {
   decltype(CryptCATAdminAcquireContext2)* acquireContext2 = nullptr;
   decltype(CryptCATAdminCalcHashFromFileHandle2)* calcHash2 = nullptr;
 
-  bool complete = true;  // all functions except those two were found
+  bool complete = true;  // all required functions were found
 };
 
 // WINTRUST_SIGNATURE_SETTINGS and its WINTRUST_DATA, newer than this toolchain's headers.
@@ -183,7 +183,7 @@ SignatureVerdict VerifySignature(const SignatureFunctions& functions, DWORD unio
   SignatureVerdict verdict{.result = VerifyTrust(functions, data),
                            .secondaryCount = settings.secondarySignatures,
                            .signer = std::nullopt};
-  // Even a failed verification leaves state.
+  // Even a failed verification leaves state that must be closed.
   const auto close = [&functions](TrustData* verified) {
     verified->stateAction = WTD_STATEACTION_CLOSE;
     VerifyTrust(functions, *verified);

@@ -33,7 +33,7 @@ struct EventToken {
 
 // Returns the identifier written as `text`, in lower case and without braces.
 consteval GUID Guid(std::string_view text) {
-  std::uint64_t halves[2] = {};  // of the 32 digits
+  std::uint64_t halves[2] = {};  // 16 digits each
   std::size_t digits = 0;
   for (const char c : text) {
     if (c == '-') continue;
