@@ -116,9 +116,10 @@ void LogFolder::Open(const std::wstring& day, std::size_t lineSize) {
   }
   for (; number <= kLastNumber; ++number) {
     const std::wstring name = service + AgeOf(day, number);
-    Platform::UniqueHandle opened = Platform::OpenDiskFile(
-        folder + L"\\" + name, GENERIC_READ | FILE_APPEND_DATA, FILE_SHARE_READ,
-        FILE_ATTRIBUTE_NORMAL | FILE_FLAG_OPEN_REPARSE_POINT, OPEN_ALWAYS);
+    const std::wstring path = folder + L"\\" + name;
+    Platform::UniqueHandle opened =
+        Platform::OpenDiskFile(path, GENERIC_READ | FILE_APPEND_DATA, FILE_SHARE_READ,
+                               FILE_ATTRIBUTE_NORMAL | FILE_FLAG_OPEN_REPARSE_POINT, OPEN_ALWAYS);
     // Another process is writing to the file, or a program has it open with delete access.
     if (opened == nullptr && GetLastError() == ERROR_SHARING_VIOLATION) continue;
     if (opened == nullptr) ThrowError(folder, GetLastError());

@@ -107,8 +107,10 @@ void ServiceLog::AddLine(const Make& make) noexcept {
     if (queue.size() < capacity) {
       queue.push_back(std::move(entry));
       changed.notify_all();
-      return;
+    } else {
+      ++lost;
     }
+    return;
   } catch (const std::exception&) {  // NOLINT(bugprone-empty-catch): counted below
   }
   const std::lock_guard guard(lock);

@@ -1,6 +1,5 @@
 #include "bod/vx_bios_wmi.h"
 
-#include <cwchar>
 #include <iterator>
 #include <system_error>
 #include <utility>

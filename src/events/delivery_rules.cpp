@@ -4,7 +4,6 @@
 #include <cstddef>
 #include <cstdlib>
 #include <limits>
-#include <utility>
 
 namespace Vx::Tessel::Server::Services::Orvane {
 

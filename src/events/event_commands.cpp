@@ -1,7 +1,6 @@
 #include "events/event_commands.h"
 
 #include <chrono>
-#include <cstddef>
 #include <cstdint>
 #include <utility>
 

@@ -14,11 +14,11 @@ namespace Vx::Tessel::Server::Services::Orvane {
 // outlive the service object, whose destructor signals both events and does not wait. If an event
 // is null, every wait on it fails at once and its task ends.
 struct ServiceState {
-  Logging::TraceLogger* logger = Logging::LogManager::GetLogger();
   std::atomic<bool> wakeupCheckDone{false};
   // Shared with waiting deliveries.
   Platform::SharedHandle stopEvent = Platform::MakeUnnamedEvent();
   Platform::UniqueHandle sessionStopEvent = Platform::MakeUnnamedEvent();
+  Logging::TraceLogger* logger = Logging::LogManager::GetLogger();
   Aurelo::LaunchTimer aureloLaunchTimer;  // of the pending launch
 };
 

@@ -1,6 +1,5 @@
 #include "storage/request_list.h"
 
-#include <algorithm>
 #include <cstddef>
 #include <stdexcept>
 

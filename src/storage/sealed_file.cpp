@@ -4,7 +4,6 @@
 #include <cstring>
 #include <cwchar>
 #include <iterator>
-#include <memory>
 #include <string_view>
 #include <utility>
 

@@ -253,9 +253,11 @@ TEST_F(RealLaunchTest, StartsNothingThatChangedAfterALockThatFailed) {
 TEST_F(RealLaunchTest, KeepsTheFileFromWritersFromItsCheckToItsStart) {
   const std::wstring path = folder.Hold(L"pinned.exe");
   std::vector<bool> writable;
-  const Tests::LogSink sink(
-      [&](const Logging::LogRecord&) { writable.push_back(CanBeWritten(path)); });
-  Command(path).Execute();
+  {
+    const Tests::LogSink sink(
+        [&](const Logging::LogRecord&) { writable.push_back(CanBeWritten(path)); });
+    Command(path).Execute();
+  }
   ASSERT_TRUE(Tests::WaitForProbe(path + L".out"));
   EXPECT_GE(writable.size(), 4U);
   EXPECT_THAT(writable, Each(false));

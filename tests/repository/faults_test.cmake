@@ -29,7 +29,7 @@ set(cases
   "src/platform/e.cpp|#include \"json/x.h\"|may not include json"
   "src/json/e.cpp|#include \"storage/e.h\"|may not include storage"
   "src/service/e.cpp|#include \"service/x.h\"|does not begin with a header named e.h"
-  "src/service/r.cpp|#include \"json/service_x.h\"|does not begin with a header named r.h"
+  "src/service/r.cpp|#include \"service/service.h\"|does not begin with a header named r.h"
   "src/service/f.cpp|#include \"vxhost/log/x.h\"|may not include vxhost"
   "vxhost/play/e.cpp|#include \"vxhost/commands/x.h\"|may not include vxhost/commands"
   "vxhost/store/f.cpp|#include \"vxhost/play/x.h\"|may not include vxhost/play"

@@ -106,16 +106,19 @@ function(judge_json_memory content result)
   endforeach()
 endfunction()
 
-# Readers look for the source of X.h in X.cpp, so X.cpp must begin with a header of that name or of
-# its folder's name, unless it is the entry point of a program or library.
+# Readers look for the source of X.h in X.cpp, so X.cpp must begin with a header of that name,
+# unless it is the entry point of a program or library. The tool's subcommands share commands.h.
 function(judge_name file content includes result)
   set(${result} "" PARENT_SCOPE)
-  if(content MATCHES "[ :](wmain|main|DllMain)\\(" OR NOT file MATCHES "([^/]+)/([^/]+)\\.cpp$")
+  if(content MATCHES "[ :](wmain|main|DllMain)\\(" OR NOT file MATCHES "([^/]+)\\.cpp$")
     return()
   endif()
-  set(folder ${CMAKE_MATCH_1})
-  set(stem ${CMAKE_MATCH_2})
-  if(NOT includes MATCHES "^[^<>\";]*\"([^\";]*/)?(${stem}|${folder})\\.h(;|$)")
+  set(stem ${CMAKE_MATCH_1})
+  set(names ${stem})
+  if(file MATCHES "^vxhost/commands/")
+    string(APPEND names "|commands")
+  endif()
+  if(NOT includes MATCHES "^[^<>\";]*\"([^\";]*/)?(${names})\\.h(;|$)")
     set(${result} "does not begin with a header named ${stem}.h" PARENT_SCOPE)
   endif()
 endfunction()

@@ -365,5 +365,15 @@ TEST(TraceTargetTest, AnEventDescribesItsFieldsAndThenHasTheirValues) {
             "|E.R.R.O.R...|p...|..|T...|m...");
 }
 
+TEST(TraceTargetTest, EachLevelHasItsNumber) {
+  std::string levels;
+  const LogTarget target = TraceTarget(
+      [&levels](std::uint8_t level, const TraceParts&) { levels += std::to_string(level); });
+  for (const wchar_t* level : {L"ERROR", L"WARNING", L"INFO"}) {
+    target({kFirstDay, 'T', 9, {level, L"p", L"", L"m"}});
+  }
+  EXPECT_EQ(levels, "234");
+}
+
 }  // namespace
 }  // namespace Vx::Hosting::ServiceHost

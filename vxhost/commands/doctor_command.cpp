@@ -352,8 +352,7 @@ Checks Examine(const Options& options, const ModuleOptions& which) {
   std::optional<ModulePins> pins;
   try {
     pins.emplace(module);
-  } catch (const std::runtime_error&) {
-    pins.reset();  // the check of the pinned keys reports that
+  } catch (const std::runtime_error&) {  // NOLINT(bugprone-empty-catch): Pins reports it
   }
   Checks checks;
   ModuleFile(module, "module", L"install both from one package: vxhost service install --replace",

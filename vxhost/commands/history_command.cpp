@@ -5,7 +5,6 @@
 #include <chrono>
 #include <exception>
 #include <fstream>
-#include <iterator>
 #include <map>
 #include <optional>
 #include <set>

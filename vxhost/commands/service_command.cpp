@@ -2,7 +2,6 @@
 
 #include <cstdio>
 #include <iterator>
-#include <memory>
 #include <optional>
 #include <stdexcept>
 #include <utility>

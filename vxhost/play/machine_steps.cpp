@@ -1,6 +1,5 @@
 #include "vxhost/play/machine_steps.h"
 
-#include <algorithm>
 #include <chrono>
 #include <cstdint>
 #include <cwchar>

@@ -28,8 +28,7 @@ class RealCom final : public Com {
 
   std::int32_t CreateWbemLocator(IWbemLocator** locator) override {
     // WMI needs this library. If it is missing, MakeText would appear to run out of memory.
-    static DeferredLibrary automation(L"oleaut32.dll");
-    if (automation.Find<void>("SysAllocString") == nullptr) {
+    if (DelayedLibrary("oleaut32.dll")->Find<void>("SysAllocString") == nullptr) {
       return HRESULT_FROM_WIN32(GetLastError());
     }
     void* created = nullptr;

@@ -1,9 +1,10 @@
 #include "platform/windows/deferred_library.h"
 
+#include <algorithm>
 #include <array>
 #include <cstdint>
 #include <cwchar>
-#include <string_view>
+#include <iterator>
 
 #include <delayimp.h>
 
@@ -89,9 +90,9 @@ bool ReturnsStatus(std::string_view function) {
          function == "VariantClear";
 }
 
-// Both stand in for a missing function, whatever its arguments.
+// Both stand in for a missing function, whatever its arguments. The search for the function has set
+// the last error.
 INT_PTR WINAPI FailWithLastError() {
-  SetLastError(ERROR_MOD_NOT_FOUND);
   return 0;
 }
 INT_PTR WINAPI FailWithStatus() {
@@ -99,6 +100,11 @@ INT_PTR WINAPI FailWithStatus() {
 }
 
 }  // namespace
+
+DeferredLibrary* DelayedLibrary(std::string_view file) noexcept {
+  auto* const found = std::ranges::find(libraries, file, [](const auto& one) { return one.name; });
+  return found != std::end(libraries) ? &found->library : nullptr;
+}
 
 }  // namespace Vx::Platform
 
@@ -114,9 +120,9 @@ extern "C" FARPROC WINAPI __delayLoadHelper2(PCImgDelayDescr from, FARPROC* entr
   const auto* const imported = At<IMAGE_IMPORT_BY_NAME>(thunk.u1.AddressOfData);
   const std::string_view name = reinterpret_cast<const char*>(imported->Name);
   const std::string_view file = At<char>(from->rvaDLLName);
-  for (auto& known : libraries) {
-    if (known.name != file) continue;
-    if (auto* const function = known.library.Find<Function>(name.data())) return function;
-  }
+  auto* const library = DelayedLibrary(file);
+  if (library == nullptr) SetLastError(ERROR_MOD_NOT_FOUND);
+  auto* const function = library != nullptr ? library->Find<Function>(name.data()) : nullptr;
+  if (function != nullptr) return function;
   return ReturnsStatus(name) ? &FailWithStatus : &FailWithLastError;
 }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <string_view>
 
 #include <windows.h>
 
@@ -29,6 +30,9 @@ class DeferredLibrary {
   const wchar_t* fileName;
   std::atomic<HMODULE> loaded = nullptr;
 };
+
+// Returns the library whose imports by this module are delayed (see vx_delayed_import), or null.
+DeferredLibrary* DelayedLibrary(std::string_view file) noexcept;
 
 // Returns a function of ntdll, kernel32 or kernelbase, which every process has loaded, or null if
 // this Windows lacks it. A missing static import would prevent the whole module from loading.
