@@ -19,6 +19,7 @@
 #include "acceptance/kit.h"
 #include "hosting/loaded_module.h"
 #include "hosting/text.h"
+#include "platform/windows_runtime_error.h"
 #include "vxhost/common/console.h"
 
 namespace Vx::Acceptance {
@@ -85,11 +86,14 @@ std::string Judge(const Row& row, Action action) {
     return LineOf(kNotTried, row.name, reason.what());
   } catch (const std::exception& error) {
     return LineOf(kFail, row.name, error.what());
+  } catch (const Platform::WindowsRuntimeError& error) {  // not a std::exception
+    return LineOf(kFail, row.name, Utf8(error.message()) + " fails: " + CodeOf(error));
   }
 }
 
 // Runs a row in a process of its account. Renames the file so that no incomplete result is read.
 int RunRow(const Row& row, const std::wstring& file) {
+  Hosting::WriteTextFile(file + L".part", "");  // shows that the row has started
   Hosting::WriteTextFile(file + L".part", Judge(row, row.run));
   const auto move = [&] { return MoveFileW((file + L".part").c_str(), file.c_str()) != FALSE; };
   return Eventually(std::chrono::seconds(5), move) ? 0 : 1;  // a virus scanner may have it open
@@ -100,6 +104,11 @@ std::string RunAsAccount(const Row& row, StopRequest& stop) {
   const std::wstring folder = row.account == User ? ProgramData(kKitName) : ProgramFiles(kKitName);
   const std::wstring file = folder + L"\\" + Wide(row.name) + L".txt";
   const auto process = StartKit(row.account, L"--row " + Wide(row.name) + L" " + InQuotes(file));
+  // Windows may delay a task, and a virus scanner may block the program.
+  const auto started = [&] {
+    return Exists(file + L".part") || Exists(file) || HasEnded(process) || stop.Wait(0);
+  };
+  Require(Eventually(std::chrono::minutes(2), started), "Windows does not start it");
   std::string line;
   const auto read = [&] {
     line = ContentOf(file);

@@ -18,6 +18,7 @@
 #include "hosting/text.h"
 #include "platform/machine.h"
 #include "platform/packages.h"
+#include "platform/windows_runtime_error.h"
 
 namespace Vx::Acceptance {
 
@@ -87,10 +88,28 @@ void RemoveUserFolder() {
 }
 
 void RemoveData() {
-  // If the product is there now, the folder is its own.
-  if (!Exists(KitFile(kDataNote)) || Exists(ProgramFiles(L"Vx"))) return;
+  if (!Exists(KitFile(kDataNote))) return;
+  // A removal leaves folders that are in use at the time. Only empty ones are removed here.
+  for (const wchar_t* name : {L"Vx\\OrvaneService", L"Vx"}) {
+    RemoveDirectoryW(ProgramFiles(name).c_str());
+  }
+  if (Exists(ProgramFiles(L"Vx"))) return;  // the product is there now, and the data is its own
   RemoveTree(ProgramData(L"Vx"));
   DeleteFileW(KitFile(kDataNote).c_str());
+}
+
+void NeedsNoMakersApp() {
+  namespace Apps = Tessel::Server::Services::Orvane;
+  for (const auto& app : {Apps::kQubo, Apps::kLumo, Apps::kAurelo}) {
+    const std::wstring family = app.packageFamilyName;
+    try {
+      if (Platform::CurrentMachine().packages->FindForAllUsers(family).empty()) continue;
+    } catch (const Platform::WindowsRuntimeError& error) {
+      throw NotTried("Windows does not report whether the maker's apps are installed: " +
+                     CodeOf(error));
+    }
+    throw NotTried("a module that starts would start or notify the maker's app " + Utf8(family));
+  }
 }
 
 // Takes each step, even if an earlier one fails. Returns why steps failed.
@@ -148,15 +167,7 @@ void ClaimFreePc(Firmware firmware) {
     if (!Exists(folder)) continue;
     throw NotTried(Utf8(folder) + " belongs to this PC, and a module that starts may change it");
   }
-  namespace Apps = Tessel::Server::Services::Orvane;
-  for (const auto& app : {Apps::kQubo, Apps::kLumo, Apps::kAurelo}) {
-    if (IsWine() ||
-        Platform::CurrentMachine().packages->FindForAllUsers(app.packageFamilyName).empty()) {
-      continue;
-    }
-    throw NotTried("a module that starts would start or notify the maker's app " +
-                   Utf8(app.packageFamilyName));
-  }
+  if (!IsWine()) NeedsNoMakersApp();
   Hosting::WriteTextFile(KitFile(kDataNote), "");
   if (firmware == Firmware::Untouched || Exists(KitFile(kFirmwareNote))) return;
   std::string why = "its born-on date is not set";

@@ -89,7 +89,8 @@ unsigned RunMsi(const std::wstring& arguments) {
 // Windows Installer goes on without the program that began, and lists the product only at the end:
 // https://learn.microsoft.com/windows/win32/msi/-msiexecute-mutex
 bool InstallerIsIdle() {
-  const Platform::UniqueHandle busy(OpenMutexW(SYNCHRONIZE, FALSE, L"Global\\_MSIExecute"));
+  const Platform::UniqueHandle busy(
+      OpenMutexW(SYNCHRONIZE | MUTEX_MODIFY_STATE, FALSE, L"Global\\_MSIExecute"));
   if (busy == nullptr) return GetLastError() == ERROR_FILE_NOT_FOUND;
   if (WaitForSingleObject(busy.get(), 0) == WAIT_TIMEOUT) return false;
   ReleaseMutex(busy.get());
@@ -161,7 +162,9 @@ std::string MsiUpgrades() {
 
 void RemoveMsi() {
   if (!Exists(KitFile(kMsiNote))) return;
-  Require(Eventually(std::chrono::minutes(3), InstallerIsIdle), "Windows Installer is still busy");
+  if (!Eventually(std::chrono::minutes(3), InstallerIsIdle)) {
+    throw NotTried("another installation is running");
+  }
   for (const std::wstring& product : InstalledProducts()) {
     if (!IsFromKit(product)) continue;
     const unsigned code = RunMsi(L"/x " + product);

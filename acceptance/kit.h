@@ -8,6 +8,10 @@
 
 #include "platform/unique_handle.h"
 
+namespace Vx::Platform {
+class WindowsRuntimeError;
+}
+
 namespace Vx::Acceptance {
 
 enum class Account {
@@ -137,6 +141,8 @@ enum class Firmware { AtStake, Untouched };
 void ClaimFreePc(Firmware firmware = Firmware::AtStake);
 
 // report.cpp
+
+std::string CodeOf(const Platform::WindowsRuntimeError& error);
 
 // A row's line starts with one of these.
 inline constexpr char kPass[] = "PASS";

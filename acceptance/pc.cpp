@@ -108,7 +108,7 @@ UniqueHandle DesktopToken() {
   const UniqueHandle shell(OpenProcess(PROCESS_QUERY_LIMITED_INFORMATION, FALSE, id));
   HANDLE raw = nullptr;
   if (shell == nullptr || OpenProcessToken(shell.get(), TOKEN_DUPLICATE, &raw) == FALSE) {
-    throw NotTried("there is no desktop whose user could run it");
+    throw NotTried("Windows gives no access to a desktop's user: sign in as an administrator");
   }
   const UniqueHandle own(std::exchange(raw, nullptr));
   constexpr DWORD kAccess = TOKEN_QUERY | TOKEN_DUPLICATE | TOKEN_ASSIGN_PRIMARY |

@@ -11,6 +11,7 @@
 #include "platform/files.h"
 #include "platform/machine.h"
 #include "platform/registry.h"
+#include "platform/windows_runtime_error.h"
 
 namespace Vx::Acceptance {
 
@@ -27,6 +28,10 @@ std::wstring MachineText(const wchar_t* key, const wchar_t* value) {
 }
 
 }  // namespace
+
+std::string CodeOf(const Platform::WindowsRuntimeError& error) {
+  return Hosting::CodeText(static_cast<std::uint32_t>(error.code()));
+}
 
 std::string LineOf(const char* word, const char* name, const std::string& reason) {
   std::string line = Hosting::Cell(word, std::size(kNotTried) + 1) + name + ":";

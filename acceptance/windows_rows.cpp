@@ -58,6 +58,8 @@ std::string AliasStartsItsApp() {
   if (alias && !Exists(*alias)) {
     throw NotTried("the user at the console does not have the App Installer with its alias");
   }
+  Require(!launcher.GetPackageFullNameByFamilyName(kInstallerFamily).empty(),
+          "the module does not find the App Installer of the user at the console");
   if (!launcher.Run(kInstallerAlias, kInstallerFamily, L"--version")) {
     NeedsOtherSessions();
     Require(false, "it is not started");
