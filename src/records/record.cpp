@@ -198,7 +198,8 @@ template std::optional<Reason> FromWord(std::wstring_view);
 
 std::wstring SubscriptionHash(std::wstring_view request) {
   wchar_t digits[9];
-  std::swprintf(digits, std::size(digits), L"%08x", HashOf(CompactForm(request)));
+  static_cast<void>(
+      std::swprintf(digits, std::size(digits), L"%08x", HashOf(CompactForm(request))));
   return digits;
 }
 

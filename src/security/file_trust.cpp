@@ -37,7 +37,7 @@ std::wstring ResultText(std::int32_t result) {
                    {0x800B0101, L"expired, otherwise good"}};
   const auto code = static_cast<std::uint32_t>(result);
   wchar_t hex[11];
-  std::swprintf(hex, std::size(hex), L"0x%08x", code);
+  static_cast<void>(std::swprintf(hex, std::size(hex), L"0x%08x", code));
   for (const auto& row : kMeanings) {
     if (row.code == code) return std::wstring(hex) + L" (" + row.meaning + L")";
   }

@@ -5,7 +5,6 @@
 #include <cstdio>
 #include <exception>
 #include <stdexcept>
-#include <utility>
 
 #include "hosting/text.h"
 #include "platform/windows_runtime_error.h"

@@ -5,7 +5,6 @@
 #include <iterator>
 #include <map>
 #include <memory>
-#include <ranges>
 #include <stdexcept>
 
 #include <windows.h>
@@ -175,9 +174,11 @@ void NoteWaiting(const std::vector<RecordEntry>& entries, Console& console) {
     if (record.decision == L"waiting") waiting[record.delivery] = record.milliseconds;
   }
   if (waiting.empty()) return;
-  const std::uint64_t longest = std::ranges::max(std::views::values(waiting));
+  const auto longest =
+      std::ranges::max_element(waiting, {}, [](const auto& one) { return one.second; });
   console.Note(std::to_string(waiting.size()) + " deliveries are still waiting, for up to " +
-               std::to_string(longest / 1000) + " s, and will not happen: use more --seconds");
+               std::to_string(longest->second / 1000) +
+               " s, and will not happen: use more --seconds");
 }
 
 int Events(const EventOptions& options, const ModuleOptions& module, Console& console) {

@@ -1,5 +1,6 @@
 #include "vxhost/commands/commands.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <iterator>
 #include <optional>
@@ -44,8 +45,8 @@ struct Options {
 };
 
 std::vector<std::wstring> WideAll(const std::vector<std::string>& texts) {
-  std::vector<std::wstring> wide;
-  for (const std::string& text : texts) wide.push_back(Wide(text));
+  std::vector<std::wstring> wide(texts.size());
+  std::ranges::transform(texts, wide.begin(), [](const auto& text) { return Wide(text); });
   return wide;
 }
 

@@ -11,7 +11,6 @@
 #include <windows.h>
 
 #include "host/logging.h"
-#include "hosting/loaded_module.h"
 #include "hosting/text.h"
 #include "platform/machine.h"
 #include "service/orvane_service.h"

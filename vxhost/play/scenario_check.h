@@ -17,7 +17,7 @@ namespace Vx::Hosting::Tool {
 
 // The form of a part's value.
 struct PartForm {
-  const char* wanted;  // for error messages
+  const char* wanted = "";  // for error messages
   bool (Json::WideValue::*isOfType)() const = nullptr;
   bool (*fits)(const Json::WideValue& value) = nullptr;
 

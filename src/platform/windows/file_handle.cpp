@@ -27,7 +27,7 @@ constexpr DWORD kReadStep = 1U << 30;
 
 bool IsProcessUser(PSID sid) {
   const auto token = ProcessToken();
-  TokenUserBuffer buffer;
+  TokenUserBuffer buffer{};
   const PSID user = token ? UserOf(token->get(), buffer) : nullptr;
   return user != nullptr && EqualSid(sid, user) != FALSE;
 }

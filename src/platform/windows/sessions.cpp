@@ -47,7 +47,7 @@ class RealSessions final : public Sessions {
   }
 
   Result<std::wstring> SidOf(RawHandle token) const override {
-    TokenUserBuffer buffer;
+    TokenUserBuffer buffer{};
     std::wstring text = SidText(UserOf(token, buffer));
     if (text.empty()) return Failure(GetLastError());
     return text;
@@ -88,7 +88,7 @@ class RealSessions final : public Sessions {
   Result<bool> ProcessIsLocalSystem() const override {
     const auto token = ProcessToken();
     if (!token) return Failure(token.Error());
-    TokenUserBuffer buffer;
+    TokenUserBuffer buffer{};
     const PSID user = UserOf(token->get(), buffer);
     if (user == nullptr) return Failure(GetLastError());
     return IsWellKnownSid(user, WinLocalSystemSid) != FALSE;
