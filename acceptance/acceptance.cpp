@@ -220,7 +220,7 @@ int Accept(const Options& options) {
   const std::wstring copy = KitFile(L"");  // ends with a backslash
   if (!Exists(source + L"\\bin\\vxhost.exe") ||
       _wcsnicmp((source + L"\\").c_str(), copy.c_str(), copy.size()) == 0) {
-    std::cout << "Unpack the whole zip into a folder, and start acceptance.exe there.\n";
+    std::cout << "Unpack the whole zip into an empty folder, and start acceptance.exe there.\n";
     return 2;
   }
   const Platform::UniqueHandle only(CreateMutexW(nullptr, FALSE, L"Global\\VxAcceptance"));

@@ -58,13 +58,13 @@ std::string AliasStartsItsApp() {
   if (alias && !Exists(*alias)) {
     throw NotTried("the user at the console does not have the App Installer with its alias");
   }
-  Require(!launcher.GetPackageFullNameByFamilyName(kInstallerFamily).empty(),
+  Require(!launcher.GetPackageFullNameByFamilyName(kInstallerFamily, user.get()).empty(),
           "the module does not find the App Installer of the user at the console");
   if (!launcher.Run(kInstallerAlias, kInstallerFamily, L"--version")) {
     NeedsOtherSessions();
     Require(false, "it is not started");
   }
-  return "started as the user at the console";
+  return "Windows created its process as the user at the console";
 }
 
 // Opening a file blocks until the owner of its oplock acknowledges the break:
