@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <cstdlib>
 #include <limits>
+#include <utility>
 
 namespace Vx::Tessel::Server::Services::Orvane {
 
