@@ -111,6 +111,9 @@ std::string PowerShellIsAnswered() {
   NeedsWindows("it has no PowerShell");
   Install(Firmware::AtStake);
   Start();
+  // PowerShell 7, if it started the kit, has put its own modules there, which this one cannot load:
+  // https://learn.microsoft.com/powershell/module/microsoft.powershell.core/about/about_psmodulepath
+  SetEnvironmentVariableW(L"PSModulePath", nullptr);
   try {
     return Expect(SystemProgram(L"WindowsPowerShell\\v1.0\\powershell.exe") +
                       L" -NoProfile -NonInteractive -ExecutionPolicy Bypass -Command \"& '" +
