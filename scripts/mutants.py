@@ -9,7 +9,7 @@ import hashlib, itertools, json, os, pathlib, re, shutil, subprocess, sys, time
 
 under, kTimeOuts = os.environ.get("MUTANTS_UNDER", "").split(), (124, 137)
 work = pathlib.Path("build/mutants").resolve()
-tree, prefixes = work / "tree", ("wine", "wine-lone")
+tree, prefixes = work / "tree", ("wine", "wine-lone", "wine-kit")
 build = tree / "build/release"
 ninja = ("ninja", "-C", build)
 product = ("src", "servicehost", "vxhost/service")
@@ -92,18 +92,36 @@ def use_prefixes(command):
         run("cp", "-a", source, target)
 
 
-def judge(name, tests):
-    """Returns the outcome for the fault in the source NAME."""
-    near = str(build / "tests" / (name.split("/")[1] if name.startswith("src/") else "servicehost"))
-    for test in sorted(tests, key=lambda test: (test["folder"] != near, test["seconds"])):
-        at = "the build of " + test["name"]
-        status = run(*ninja, *([os.path.relpath(near, build) + "/all", "vxhost"] if test["folder"] == near else []))
-        if status == 0:
-            at, status = test["name"], run(*test["command"], cwd=test["folder"], seconds=60 + 4 * test["seconds"])
-        if status != 0:
-            use_prefixes("-k")  # so that nothing left by this test affects the next fault
-            return f"time-out of {at}" if status in kTimeOuts else f"killed by {at}"
-    return "survived"
+def failure(test, near):
+    """Builds and runs a test for a fault that the folder NEAR tests. Returns what failed, or an empty string."""
+    at = "the build of " + test["name"]
+    status = run(*ninja, *([os.path.relpath(near, build) + "/all", "vxhost"] if test["folder"] == near else []))
+    if status == 0:
+        at, status = test["name"], run(*test["command"], cwd=test["folder"], seconds=60 + 4 * test["seconds"])
+    if status == 0:
+        return ""
+    use_prefixes("-k")  # so that nothing left by this test affects the next run
+    return f"time-out of {at}" if status in kTimeOuts else f"killed by {at}"
+
+
+def judge(path, fault, hashed, tests):
+    """Plants the fault in the source at PATH and returns the outcome."""
+    name, text = path.relative_to(tree).parts, path.read_text()
+    near = str(build / "tests" / (name[1] if name[0] == "src" else "servicehost"))
+    sources = [f"src/{folder.name}/all" for folder in (build / "src").iterdir() if folder.is_dir()]
+    sources += ["servicehost/all", "tool_service"]
+    try:
+        path.write_text(fault)
+        if run(*ninja, *sources) != 0 or objects() == hashed:
+            return "not planted"
+        for test in sorted(tests, key=lambda test: (test["folder"] != near, test["seconds"])):
+            if outcome := failure(test, near):
+                break
+        else:
+            return "survived"
+    finally:
+        path.write_text(text)
+    return f"{test['name']} fails with and without the fault" if failure(test, near) else outcome
 
 
 def faultless():
@@ -129,19 +147,12 @@ def main(count, seed, minutes):
     hashed, tests = json.loads(kept.read_text())
     use_prefixes("-k")
     done = dict(line.rsplit(" | ", 1) for line in log.read_text().splitlines()) if log.exists() else {}
-    sources = [f"src/{folder.name}/all" for folder in (build / "src").iterdir() if folder.is_dir()]
-    sources += ["servicehost/all", "tool_service"]
     for first, last, new, name, title in draw(seed):
         if len(results) == count or time.monotonic() > end:
             break
         if title not in done:
             text = (tree / name).read_text()
-            try:
-                (tree / name).write_text(text[:first] + new + text[last:])
-                planted = run(*ninja, *sources) == 0 and objects() != hashed
-                done[title] = judge(name, tests) if planted else "not planted"
-            finally:
-                (tree / name).write_text(text)
+            done[title] = judge(tree / name, text[:first] + new + text[last:], hashed, tests)
             log.open("a").write(f"{title} | {done[title]}\n")
             print(f"{title} | {done[title]}", flush=True)
         if done[title] != "not planted":
