@@ -45,7 +45,7 @@ class EnvironmentOverride {
 // Points %programdata% at a new folder, so that this process has its own store.
 class PrivateStore {
  public:
-  PrivateStore() : variable(L"ProgramData", folder.Path().wstring()) {}
+  PrivateStore();
 
   std::wstring FilePath() const {
     return (folder.Path() / L"Vx\\SharedServices\\shared_store.dat").wstring();
