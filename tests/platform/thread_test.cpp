@@ -30,9 +30,8 @@ TEST(HeldUpThreadTest, IsAwaitedForATimeAndItsCallOfWindowsCancelled) {
   const Tests::SilentPipe pipe;
   DWORD error = 0;
   Thread reader([&] {
-    const UniqueHandle client =
-        AdoptFile(CreateFileW((L"\\\\.\\pipe\\" + pipe.Name()).c_str(), GENERIC_READ, 0, nullptr,
-                              OPEN_EXISTING, 0, nullptr));
+    const UniqueHandle client = AdoptFile(
+        CreateFileW(pipe.Path().c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr));
     char byte = 0;
     DWORD got = 0;
     error = ReadFile(client.get(), &byte, 1, &got, nullptr) != FALSE ? 0 : GetLastError();
