@@ -188,6 +188,8 @@ void CommandsRunAndDestroyTheirCallbackOnce(HostService& service) {
           0x20000002);
     service.FreeResponse(response);
     CHECK(service.ExecuteCommand(context, 22, L"", &response, c.callback) == 0x20000003);
+    CHECK(response == nullptr);
+    service.FreeResponse(response);
     CHECK(service.ExecuteCommand(context, 22, nullptr, &response, c.callback) == 0x20000002);
     CHECK(service.ExecuteCommand(nullptr, 22, L"{}", &response, c.callback) == 0x20000002);
     CHECK(service.ExecuteCommand(context, 22, L"{}", nullptr, c.callback) == 0x20000002);

@@ -30,7 +30,6 @@ typedef void* (*Destroy)(Service*, unsigned);
 typedef uint32_t (*CreateContext)(Service*, const wchar_t*, void**);
 typedef uint32_t (*ReleaseContext)(Service*, void**);
 typedef uint32_t (*Execute)(Service*, void*, uint32_t, const wchar_t*, wchar_t**, void*);
-typedef void (*Free)(Service*, void*);
 typedef void (*Notify)(Service*, uint32_t);
 typedef unsigned char (*Ask)(Service*);  // a C++ bool
 
@@ -85,23 +84,6 @@ static void ContextsCarryACopyOfTheCallersIdentity(void) {
   CHECK(((CreateContext)service->slots[kCreateClientContext])(service, L"x", NULL) == 0);
   CHECK(((ReleaseContext)service->slots[kReleaseClientContext])(service, NULL) == 0);
   Release(service, NULL);
-  Unmake(service);
-}
-
-// The dispatch tests and the scenarios cover the other commands and null arguments.
-static void CommandsAnswer(void) {
-  Service* service = Make();
-  void* context = Context(service, L"client");
-  const Execute execute = (Execute)service->slots[kExecuteCommand];
-  wchar_t* response = NULL;
-  CHECK(execute(service, context, 22, L"{}", &response, NULL) == 0);
-  CHECK(response != NULL &&
-        wcscmp(response, L"{\"result\":{\"getVersion\":\"" VX_VERSION L"\"}}") == 0);
-  ((Free)service->slots[kFreeResponse])(service, response);
-  CHECK(execute(service, context, 22, L"", &response, NULL) == 0x20000003);
-  CHECK(response == NULL);
-  ((Free)service->slots[kFreeResponse])(service, NULL);
-  Release(service, context);
   Unmake(service);
 }
 
@@ -218,7 +200,6 @@ static HMODULE LoadBesideTests(void) {
 int main(void) {
   HMODULE module = LoadBesideTests();
   ContextsCarryACopyOfTheCallersIdentity();
-  CommandsAnswer();
   TheEndDoesNotWaitForACommand();
   AnObjectDoesNotKeepTheModule(module);
   // On Windows, messages to apps may keep the module loaded.
