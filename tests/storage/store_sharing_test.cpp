@@ -16,55 +16,28 @@ using Services::Orvane::kPowerSubscriptions;
 using Services::Orvane::kServiceDocument;
 using Services::Orvane::RequestManager;
 
-class StoreSharingTest : public testing::Test {
- protected:
-  template <typename Body>
-  static void Together(int threads, const Body& body) {
-    std::vector<std::thread> running;
-    running.reserve(static_cast<std::size_t>(threads));
-    for (int i = 0; i < threads; ++i) running.emplace_back([&body, i] { body(i); });
-    for (std::thread& thread : running) thread.join();
-  }
-
-  Tests::PrivateStore home;
-};
-
-TEST_F(StoreSharingTest, SubscribersAndFlagWritersDoNotUndoOneAnother) {
+TEST(StoreSharingTest, SubscribersAndFlagWritersDoNotUndoOneAnother) {
+  const Tests::PrivateStore home;
   constexpr int kCount = 10;
-  Together(3, [&](int i) {
+  const auto subscribe = [](const wchar_t* subscriber) {
     for (int n = 0; n < kCount; ++n) {
-      if (i == 2) {
-        CapDataStore store;
-        EXPECT_TRUE(store.mergeMember(kServiceDocument, "Flag", BsonElement::Boolean(n % 2 != 0)));
-        continue;
-      }
       RequestManager manager(kServiceDocument, kPowerSubscriptions);
-      const std::wstring request =
-          L"{\"id\":\"" + std::to_wstring(i) + L"-" + std::to_wstring(n) + L"\"}";
+      const std::wstring request = L"{\"id\":\"" + (subscriber + std::to_wstring(n)) + L"\"}";
       manager.PersistRequest(request);
       if (n % 2 == 0) manager.RemoveRequest(request);
     }
-  });
+  };
+  {
+    const std::jthread one(subscribe, L"a");
+    const std::jthread other(subscribe, L"b");
+    for (int n = 0; n < kCount; ++n) {
+      CapDataStore store;
+      EXPECT_TRUE(store.mergeMember(kServiceDocument, "Flag", BsonElement::Boolean(n % 2 != 0)));
+    }
+  }
   const std::wstring list = RequestManager(kServiceDocument, kPowerSubscriptions).StoredList();
   EXPECT_EQ(RequestsOf(list).size(), static_cast<std::size_t>(kCount));
   EXPECT_EQ(CapDataStore().readDocument(kServiceDocument).Find("Flag")->AsBoolean(), true);
-}
-
-TEST_F(StoreSharingTest, AMarkNeverReplacesADocumentThatIsStoredMeanwhile) {
-  constexpr int kRounds = 30;
-  for (int round = 0; round < kRounds; ++round) {
-    Tests::WriteBytes(home.FilePath(), {});
-    std::atomic<int> kept{0};
-    Together(2, [&](int i) {
-      if (i == 0) {
-        CapDataStore().persistUnlessDocument(kServiceDocument, true);
-      } else {
-        kept = CapDataStore().mergeMember(kServiceDocument, "Flag", BsonElement::Int32(1)) ? 1 : 0;
-      }
-    });
-    ASSERT_EQ(kept, 1);
-    EXPECT_EQ(CapDataStore().readDocument(kServiceDocument).Size(), 1U);
-  }
 }
 
 // Processes whose threads all write one store. The test kills and replaces them one at a time.
