@@ -82,7 +82,6 @@ TEST_F(CapDataStoreTest, StoresEachOverloadAsItsKindAndReadsItBack) {
   EXPECT_TRUE(other.readBool("flag", false));
   EXPECT_TRUE(other.readBool("absent", true));
   EXPECT_FALSE(other.readBool("int32", false));
-  EXPECT_EQ(BsonElement::Int32(1).View().AsBoolean(), std::nullopt);
   EXPECT_EQ(other.readInt64("int64"), std::int64_t{1} << 40);
   EXPECT_EQ(other.readDocument("document"), WithInt("x", 1));
   EXPECT_TRUE(other.readDocument("flag").Empty());
@@ -286,12 +285,6 @@ TEST_F(CapDataStoreTest, ANewFolderIsPrivateAndAnExistingOneKeepsItsEntries) {
   EXPECT_TRUE(isOpenToUsers());
 }
 
-TEST_F(CapDataStoreTest, AsksForNoMoreOfAFileThanItsBound) {
-  CapDataStore store;
-  EXPECT_EQ(Read(store, "key"), std::nullopt);
-  EXPECT_EQ(disk.largestRead, std::size_t{64} * 1024 * 1024);
-}
-
 TEST_F(CapDataStoreTest, AValueThatDoesNotFitLeavesTheFileAndALine) {
   CapDataStore store;
   ASSERT_TRUE(store.persist("small", "s"));
@@ -320,22 +313,6 @@ TEST_F(CapDataStoreTest, WithoutAnIdTheFileStaysAsItIsUntilWindowsMakesOne) {
     EXPECT_EQ(log.Lines(), std::vector<std::wstring>{line});
     EXPECT_EQ(Tests::ReadBytes(Path()), before);
     EXPECT_TRUE(store.persist("key", true));
-  }
-}
-
-TEST_F(CapDataStoreTest, AFailedWriteDropsTheKeyFromMemory) {
-  for (const char* call :
-       {"Files.Create", "FileHandle.Write", "FileHandle.Flush", "DataProtection.Protect"}) {
-    SCOPED_TRACE(call);
-    Tests::WriteBytes(Path(), {});
-    CapDataStore store;
-    faults.FailNamed(call);
-    EXPECT_FALSE(store.persist("lost", true));
-    EXPECT_FALSE(store.mergeMember("lost document", "member", BsonElement::Int32(1)));
-    faults.Clear();
-    EXPECT_TRUE(Tests::ReadBytes(Path()).empty());
-    EXPECT_TRUE(store.persist("kept", true));
-    EXPECT_EQ(Tests::DocumentOf(Path()).Size(), 1U);
   }
 }
 
@@ -398,8 +375,9 @@ TEST_F(CapDataStoreTest, EveryRefusedStepStoresTheValueOrLeavesALine) {
       faults.FailCall(call);
       bool stored = false;
       std::string thrown;
+      std::unique_ptr<CapDataStore> store;
       try {
-        const auto store = TryOpenStore();
+        store = TryOpenStore();
         stored = store != nullptr && change(*store);
       } catch (const system_mutex_exception& error) {
         thrown = error.what();
@@ -410,6 +388,10 @@ TEST_F(CapDataStoreTest, EveryRefusedStepStoresTheValueOrLeavesALine) {
       const bool logged = std::ranges::any_of(
           log.Lines(), [](const auto& line) { return line.find(L"|CapDataStore") != line.npos; });
       EXPECT_TRUE(stored || logged || thrown.starts_with("SystemMutex::"));
+      if (store != nullptr && Tests::ReadBytes(Path()).empty()) {
+        EXPECT_TRUE(store->persist("kept", true));
+        EXPECT_EQ(Tests::DocumentOf(Path()).Size(), 1U) << "memory keeps what was not stored";
+      }
       for (const std::wstring& left : Siblings()) ::DeleteFileW(left.c_str());
     }
   }

@@ -357,6 +357,7 @@ TEST_F(SealedFileTest, AFileThatHasASecondNameOrIsTooLargeIsNotReplaced) {
   Tests::WriteBytes(Path(), large);
   EXPECT_FALSE(Write());
   EXPECT_THAT(log.Lines(), Contains(HasSubstr(L"the file is too large")));
+  EXPECT_EQ(disk.largestRead, std::size_t{64} << 20);
   EXPECT_EQ(Tests::ReadBytes(Path()).size(), large.size());
 }
 
