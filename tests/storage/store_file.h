@@ -1,6 +1,8 @@
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
+#include <cstring>
 #include <optional>
 #include <span>
 #include <string>
@@ -54,11 +56,8 @@ inline std::optional<Tessel::Server::Storage::BsonDocument> HeldBy(const Bytes& 
 }
 
 inline std::wstring IdOf(const Bytes& file) {
-  std::wstring id;
-  for (std::size_t i = 0; i + 1 < kHeaderSize && i + 1 < file.size(); i += 2) {
-    id.push_back(static_cast<wchar_t>(std::to_integer<unsigned>(file[i]) |
-                                      std::to_integer<unsigned>(file[i + 1]) << 8U));
-  }
+  std::wstring id(std::min(file.size(), kHeaderSize) / sizeof(wchar_t), L'\0');
+  std::memcpy(id.data(), file.data(), id.size() * sizeof(wchar_t));
   return id;
 }
 

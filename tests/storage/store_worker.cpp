@@ -52,32 +52,22 @@ void CountUp(const SharedNotes& notes, std::size_t self, std::size_t writer) {
 }
 
 // Another service, which writes in place and shares only the file format's code with the store.
-class OtherService {
- public:
-  void Store(std::int32_t value) {
-    const Bytes file = ReadBytes(path);
-    auto document = HeldBy(file).value();
-    const auto found = document.Find(kOtherKey);
-    if ((found ? found->AsInt32() : 0) != last) throw std::runtime_error("the last value is lost");
-    document.Set(kOtherKey, BsonElement::Int32(value));
-    WriteBytes(path, StoreFile(document.Encoded(), IdOf(file)));
-    last = value;
-  }
-
- private:
-  const std::wstring path =
-      std::wstring(_wgetenv(L"ProgramData")) + L"\\Vx\\SharedServices\\shared_store.dat";
-  std::int32_t last = 0;
-};
-
 void CountUpInPlace(const SharedNotes& notes) {
   StormWriter& own = notes->processes.at(kOtherService).writers[0];
   const Platform::UniqueHandle mutex(CreateMutexW(nullptr, FALSE, kStoreMutex));
-  OtherService service;
+  const std::wstring path =
+      std::wstring(_wgetenv(L"ProgramData")) + L"\\Vx\\SharedServices\\shared_store.dat";
   for (bool last = false; !last;) {
     last = notes->end;
     if (WaitForSingleObject(mutex.get(), INFINITE) == WAIT_ABANDONED) ++notes->abandoned;
-    service.Store(++own.begun);
+    const Bytes file = ReadBytes(path);
+    auto document = HeldBy(file).value();
+    const auto found = document.Find(kOtherKey);
+    if ((found ? found->AsInt32() : 0) != own.begun.load()) {
+      throw std::runtime_error("the last value is lost");
+    }
+    document.Set(kOtherKey, BsonElement::Int32(++own.begun));
+    WriteBytes(path, StoreFile(document.Encoded(), IdOf(file)));
     ReleaseMutex(mutex.get());
     own.acknowledged = own.begun.load();
   }

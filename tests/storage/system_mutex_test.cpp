@@ -93,15 +93,14 @@ TEST(SystemMutex, ThrowsTheDocumentedErrorOfEachOperation) {
   };
   for (const auto& c : kCases) {
     faults.FailNamed(c.call);
-    try {
+    const auto use = [] {
       SystemMutex mutex(Name(L"faults"));
       mutex.lock();
       mutex.unlock();
-      ADD_FAILURE() << c.message;
-    } catch (const system_mutex_exception& error) {
-      EXPECT_STREQ(error.what(), c.message);
-      EXPECT_EQ(error.code(), c.code);
-    }
+    };
+    EXPECT_THAT(use, Throws<system_mutex_exception>(
+                         AllOf(Property(&system_mutex_exception::code, c.code),
+                               Property(&system_mutex_exception::what, StrEq(c.message)))));
   }
 }
 
