@@ -27,23 +27,14 @@ std::string HostileMessage(std::mt19937& random) {
   std::string message = WriteCommand({static_cast<std::uint32_t>(random()), request});
   for (std::size_t i = below(4); i > 0; --i) {
     const std::size_t at = below(message.size());
-    switch (below(5)) {
-      case 0:
-        message[at] = static_cast<char>(random());
-        break;
-      case 1:
-        message.erase(at, 1 + below(8));
-        break;
-      case 2:
-        message.insert(at, message.substr(below(message.size()), 8));
-        break;
-      case 3:
-        message.insert(at, 1 + below(3), "{}\",:\\ 0"[below(8)]);
-        break;
-      default:
-        message.resize(at);
-        break;
-    }
+    const std::function<void()> changes[] = {
+        [&] { message[at] = static_cast<char>(random()); },
+        [&] { message.erase(at, 1 + below(8)); },
+        [&] { message.insert(at, message.substr(below(message.size()), 8)); },
+        [&] { message.insert(at, 1 + below(3), "{}\",:\\ 0"[below(8)]); },
+        [&] { message.resize(at); },
+    };
+    changes[below(std::size(changes))]();
     if (message.empty()) return "{";
   }
   return message;

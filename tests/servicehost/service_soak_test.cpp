@@ -1,7 +1,6 @@
 // Checks that a host does not leak over a day's events and commands. The environment variable
 // VX_STEPS sets the number of codes (see scripts/soak).
 
-#include "hosting/text.h"
 #include "platform/thread.h"
 #include "servicehost/host_loop.h"
 #include "servicehost/log_folder.h"
