@@ -2,7 +2,6 @@
 
 #include "events/package_event.h"
 #include "host/logging.h"
-#include "platform/windows_runtime_error.h"
 #include "simulator/virtual_clock.h"
 #include "support/stand_in_logon.h"
 #include "support/test.h"

@@ -2,7 +2,6 @@
 
 #include "events/package_event.h"
 #include "events/package_event_test.h"
-#include "platform/windows_runtime_error.h"
 #include "simulator/simulated_files.h"
 #include "support/test.h"
 

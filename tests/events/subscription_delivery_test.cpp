@@ -38,28 +38,19 @@ TEST_F(DeliveryTest, ChecksAProgramWithoutHoldingUpOtherDeliveries) {
 
 TEST_F(DeliveryTest, ReportsOnceThatTheStandbyEventsNameIsTakenAndWaits) {
   constexpr wchar_t kName[] = L"{CE7DC567-F47B-4A07-8489-C9DEB372B88F}";
-  Platform::UniqueHandle otherProgram;
-  const std::wstring request = Request(L"powerEvent", LR"(,"delayDeliverySec":"1")");
-  const std::vector<std::wstring> waited{kManager + std::wstring(L"delay start: 1"),
-                                         kManager + std::wstring(L"delay end: 1"),
-                                         kManager + (L"Executed: " + request)};
-  const auto deliver = [&] {
-    log.Clear();
-    Deliver(request);
-    machine.clock.Advance(1s);
-    return log.Lines();
-  };
-  for (int round = 0; round < 2; ++round) {
-    otherProgram.reset(CreateMutexW(nullptr, FALSE, kName));
-    std::vector<std::wstring> reported = waited;
-    reported.insert(reported.begin() + 1,
-                    L"warning|Another program has given the name "
-                    L"{CE7DC567-F47B-4A07-8489-C9DEB372B88F} to an object that is not an event. "
-                    L"Modern Standby is not noticed until that object is gone.");
-    EXPECT_EQ(deliver(), reported);
-    EXPECT_EQ(deliver(), waited);
-    otherProgram.reset();
-    EXPECT_EQ(deliver(), waited);
+  constexpr wchar_t kReport[] =
+      L"warning|Another program has given the name {CE7DC567-F47B-4A07-8489-C9DEB372B88F} to an "
+      L"object that is not an event. Modern Standby is not noticed until that object is gone.";
+  for (const int round : {1, 2}) {
+    Platform::UniqueHandle otherProgram(CreateMutexW(nullptr, FALSE, kName));
+    for (int delivery = 0; delivery < 3; ++delivery) {
+      if (delivery == 2) otherProgram.reset();
+      Deliver(Request(L"powerEvent", LR"(,"delayDeliverySec":"1")"));
+      EXPECT_THAT(log.Lines(), Contains(kReport).Times(round));
+      EXPECT_THAT(log.Records().back(), StartsWith(L"power 7 waiting "));
+      machine.clock.Advance(1s);
+      EXPECT_THAT(log.Records().back(), StartsWith(L"power 7 sent "));
+    }
   }
 }
 
@@ -72,7 +63,6 @@ TEST_F(DeliveryTest, LogsACommandThatFailsAndRunsTheNext) {
   for (const auto& [failure, end] : cases) {
     machine.timeline.SetListener([&throws = failure](const auto&) { throws(); });
     Deliver(Request(L"powerEvent"));
-    ASSERT_FALSE(log.Lines().empty());
     EXPECT_THAT(log.Lines().back(),
                 AllOf(StartsWith(L"error|Failed to execute command in PowerManager::handle_event. "
                                  L"Message: "),
