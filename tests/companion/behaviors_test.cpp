@@ -3,7 +3,6 @@
 #include "companion/qubo_behaviors.h"
 #include "companion/registration.h"
 #include "companion/text_files.h"
-#include "companion/windows_mode.h"
 #include "platform/thread.h"
 #include "storage/cap_data_store.h"
 #include "support/faulty_files.h"
@@ -190,7 +189,6 @@ class HeldUpFiles final : public Platform::Threads {
 };
 
 TEST_F(RegistrationDataTest, AUserWhoHoldsUpTheCopyHoldsUpNeitherAResumeNorACommandForLong) {
-  using std::chrono::seconds;
   HeldUpFiles held;
   const auto secondsOfCopy = [&](bool expected) {
     const auto begin = machine.clock.Elapsed();
@@ -199,7 +197,7 @@ TEST_F(RegistrationDataTest, AUserWhoHoldsUpTheCopyHoldsUpNeitherAResumeNorAComm
   };
   Tests::WriteText(Source(), "new");
   // Removing the partial file can be held up too.
-  EXPECT_EQ(secondsOfCopy(false), seconds(30) + std::chrono::milliseconds(100));
+  EXPECT_EQ(secondsOfCopy(false), 30'100ms);
   EXPECT_EQ(machine.clock.Workers(), 0U);
   EXPECT_EQ(log.Lines().back(),
             L"warning|CopyRegistration - cancelled, because another program "
@@ -211,18 +209,18 @@ TEST_F(RegistrationDataTest, AUserWhoHoldsUpTheCopyHoldsUpNeitherAResumeNorAComm
   const auto begin = machine.clock.Elapsed();
   RefreshRegistrationData(logger);
   EXPECT_EQ(machine.clock.Elapsed(), begin);
-  machine.clock.Advance(seconds(31));
-  EXPECT_EQ(secondsOfCopy(false), seconds(0));
+  machine.clock.Advance(31s);
+  EXPECT_EQ(secondsOfCopy(false), 0s);
   EXPECT_EQ(log.Lines().back(),
             L"warning|CopyRegistration - not begun, because an earlier copy hangs");
   // The next two commands cancel the hung copy's write and then its removal of the partial file.
   held.cancels = true;
   for (int i = 0; i < 2; ++i) {
-    EXPECT_EQ(secondsOfCopy(false), seconds(0));
+    EXPECT_EQ(secondsOfCopy(false), 0s);
     machine.clock.Settle();
   }
   held.holds = false;
-  EXPECT_EQ(secondsOfCopy(true), seconds(0));
+  EXPECT_EQ(secondsOfCopy(true), 0s);
   EXPECT_EQ(Tests::ReadText(Destination()), "new");
 }
 
@@ -245,9 +243,6 @@ TEST_F(RegistrationDataTest, ACommandThatWaitsForACopyThatIsHeldUpDoesNotBeginIt
 
 class TextFileTest : public ::testing::Test {
  protected:
-  std::optional<std::wstring> Text(const wchar_t* name) const {
-    return ReadTextFile(folder / name, L"Win10SSwitch", logger);
-  }
   bool Copy(const wchar_t* from, const wchar_t* to) const {
     return CopyFileContent(folder / from, folder / to, L"Win10SSwitch", logger);
   }
@@ -260,37 +255,32 @@ class TextFileTest : public ::testing::Test {
 TEST_F(TextFileTest, AFileWithoutAMarkIsReadAsUtf8AndAnUnreadableOneHasNoText) {
   static constexpr wchar_t kNoMark[] = L"warning|Error Finding BOM for file: ";
   static constexpr wchar_t kUnreadable[] = L"warning|Error while reading text file ";
+  using namespace std::string_literals;
+  const std::string largest(kMaxTextFile, 'x');
   std::filesystem::create_directory(folder.Path() / "a folder");
-  Tests::WriteText(folder / L"large", "\xEF\xBB\xBF" + std::string(kMaxTextFile - 2, 'x'));
-  Tests::WriteText(folder / L"largest", std::string(kMaxTextFile, 'x'));
-  Tests::WriteText(folder / L"marked", "\xEF\xBB\xBF/quiet");
-  Tests::WriteText(folder / L"plain", "/caf\xC3\xA9");
-  Tests::WriteText(folder / L"empty", "");
-  Tests::WriteText(folder / L"UTF-16", std::string_view("/\0q\0", 4));
-  Tests::WriteText(folder / L"high byte first", std::string_view("\xFE\xFF\0/\0\xE4", 6));
-  Tests::WriteText(folder / L"broken", "\xEF\xBB\xBF/\xC3");
-  Tests::WriteText(folder / L"cut", std::string_view("\xFF\xFE/\0\0\0q\0", 8));
   const struct {
     const wchar_t* name;
+    std::optional<std::string> content;  // empty if there is no such file
     std::optional<std::wstring> text;
     std::vector<std::wstring> lines;
   } cases[] = {
-      {L"marked", L"/quiet", {}},
-      {L"plain", L"/caf\u00E9", {kNoMark}},
-      {L"high byte first", L"/\u00E4", {}},
-      {L"broken", L"/\uFFFD", {}},
-      {L"largest", std::wstring(kMaxTextFile, L'x'), {kNoMark}},
-      {L"empty", L"", {kNoMark}},
-      {L"missing", std::nullopt, {kUnreadable}},
-      {L"a folder", std::nullopt, {kUnreadable}},
-      {L"large", std::nullopt, {kUnreadable}},
-      {L"UTF-16", std::nullopt, {kNoMark, kUnreadable}},
-      {L"cut", std::nullopt, {kUnreadable}},
+      {L"marked", "\xEF\xBB\xBF/quiet", L"/quiet", {}},
+      {L"plain", "/caf\xC3\xA9", L"/caf\u00E9", {kNoMark}},
+      {L"high byte first", "\xFE\xFF\0/\0\xE4"s, L"/\u00E4", {}},
+      {L"broken", "\xEF\xBB\xBF/\xC3", L"/\uFFFD", {}},
+      {L"largest", largest, std::wstring(kMaxTextFile, L'x'), {kNoMark}},
+      {L"empty", "", L"", {kNoMark}},
+      {L"missing", std::nullopt, std::nullopt, {kUnreadable}},
+      {L"a folder", std::nullopt, std::nullopt, {kUnreadable}},
+      {L"too large", "\xEF\xBB\xBF" + largest.substr(2), std::nullopt, {kUnreadable}},
+      {L"UTF-16", "/\0q\0"s, std::nullopt, {kNoMark, kUnreadable}},
+      {L"cut", "\xFF\xFE/\0\0\0q\0"s, std::nullopt, {kUnreadable}},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(::testing::PrintToString(std::wstring(c.name)));
     log.Clear();
-    EXPECT_TRUE(Text(c.name) == c.text);
+    if (c.content) Tests::WriteText(folder / c.name, *c.content);
+    EXPECT_TRUE(ReadTextFile(folder / c.name, L"Win10SSwitch", logger) == c.text);
     auto lines = c.lines;
     for (std::wstring& line : lines) line += folder / c.name;
     EXPECT_EQ(log.Lines(), lines);
