@@ -205,8 +205,7 @@ TEST_F(FaultWalkTest, PackageEvent) {
     machine.clock.Settle();
     try {
       machine.packages.Uninstall(L"App_r4x2m8kq7tn3b", L"ann", 0s);
-    } catch (
-        const std::system_error&) {  // NOLINT(bugprone-empty-catch): its threads cannot be started
+    } catch (const std::system_error&) {  // NOLINT(bugprone-empty-catch): no thread could start
     }
     machine.clock.Advance(60s);
     host.service->OnSessionChange(6);

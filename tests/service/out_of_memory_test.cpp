@@ -35,7 +35,6 @@ TEST_F(OutOfMemoryTest, ACommandFailsWithoutAnAnswerOrDoesWithoutTheMemory) {
                 {19, kOtherPower}, {14, kZephra},  {14, kOtherPower}, {15, kPower}, {16, L"{}"}};
   ASSERT_EQ(host.Execute(9, kPower).result, 0U);  // already stored
   ASSERT_EQ(host.Execute(14, kZephra).result, 0U);
-  constexpr auto npos = std::wstring::npos;
   for (const auto kind : {Shortage::Lasting, Shortage::Once}) {
     for (const auto& c : kCases) {
       SCOPED_TRACE(testing::Message() << "id " << c.id);
@@ -48,7 +47,7 @@ TEST_F(OutOfMemoryTest, ACommandFailsWithoutAnAnswerOrDoesWithoutTheMemory) {
         EXPECT_THAT(result, testing::AnyOf(0U, 0x20000002U, 0x20000008U));
         EXPECT_TRUE(result != 0 || response != nullptr);
         // A list must not appear empty because memory ran out.
-        EXPECT_TRUE(result != 0 || c.id != 20 || std::wstring(response).find(kPower) != npos);
+        EXPECT_TRUE(result != 0 || c.id != 20 || std::wcsstr(response, kPower) != nullptr);
         service->FreeResponse(response);
         response = nullptr;
       };

@@ -5,8 +5,6 @@
 #include "platform/windows_runtime_error.h"
 #include "service/simulated_service.h"
 #include "storage/cap_data_store.h"
-#include "storage/request_manager.h"
-#include "storage/system_mutex.h"
 #include "support/faulty_files.h"
 #include "support/test.h"
 
@@ -168,13 +166,9 @@ TEST_F(ServiceLivesTest, DestructionDoesNotWaitForThePackageQueriesOfItsStartUpT
   using Tessel::Server::Services::Orvane::PackageCatalogEventManager;
   using Tessel::Server::Services::Orvane::PackageUninstallingPCEvent;
   InstallApp(L"App");
-  for (const std::wstring program : {L"a", L"b"}) {
-    ASSERT_EQ(host.Execute(7, (LR"({"catalogEvent":5,"catalogAction":1,"packageFamilyName":)"
-                               LR"("App_r4x2m8kq7tn3b","catalogActionParams":{"path":")" +
-                               program + L"\"}}")
-                                  .c_str())
-                  .result,
-              0U);
+  std::wstring request = kWatch;
+  for (const wchar_t* event : {L"5", L"7"}) {
+    ASSERT_EQ(host.Execute(7, request.replace(16, 1, event).c_str()).result, 0U);
   }
   host.service->OnSessionChange(6);
   machine.faults.Clear();

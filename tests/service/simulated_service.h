@@ -14,8 +14,7 @@ struct Reply {
   bool untouched = false;                // the response pointer was left alone
 };
 
-class ServiceFixture {
- public:
+struct ServiceFixture {
   ServiceFixture() { Renew(); }
   ~ServiceFixture() { End(); }
 
@@ -46,13 +45,11 @@ class ServiceFixture {
     return reply;
   }
 
- private:
   using Service = Tessel::Server::Services::Orvane::OrvaneService;
   struct Unmake {
     void operator()(Service* owned) const { owned->Destroy(1); }
   };
 
- public:
   std::unique_ptr<Service, Unmake> service;
   Tessel::Server::Services::ClientContext* context = nullptr;
 };
