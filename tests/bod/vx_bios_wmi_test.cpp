@@ -174,25 +174,23 @@ void MakeText(VARIANT& value) {
   V_BSTR(&value) = SysAllocString(L"20240229");
 }
 
-void MakeTwoDimensions(VARIANT& value) {
-  SAFEARRAYBOUND bounds[] = {{128, 0}, {1, 0}};
-  MakeArray(value, VT_UI1, 0, 0);
-  SafeArrayDestroy(V_ARRAY(&value));
-  V_ARRAY(&value) = SafeArrayCreate(VT_UI1, 2, bounds);
+void MakeNullArray(VARIANT& value) {
+  VariantClear(&value);
+  V_VT(&value) = VT_ARRAY | VT_UI1;
+  V_ARRAY(&value) = nullptr;
 }
 
-void MakeNullArray(VARIANT& value) {
-  MakeArray(value, VT_UI1, 0, 0);
-  SafeArrayDestroy(V_ARRAY(&value));
-  V_ARRAY(&value) = nullptr;
+void MakeTwoDimensions(VARIANT& value) {
+  SAFEARRAYBOUND bounds[] = {{128, 0}, {1, 0}};
+  MakeNullArray(value);
+  V_ARRAY(&value) = SafeArrayCreate(VT_UI1, 2, bounds);
 }
 
 // Stores an array in `value` with the highest lock count, so SafeArrayGetElement cannot lock it.
 void MakeLocked(VARIANT& value) {
-  VariantClear(&value);
   static SAFEARRAY* const array = SafeArrayCreateVector(VT_UI1, 0, kBlock);
   array->cLocks = 0xFFFF;
-  V_VT(&value) = VT_ARRAY | VT_UI1;
+  MakeNullArray(value);
   V_ARRAY(&value) = array;
 }
 

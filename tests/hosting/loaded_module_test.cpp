@@ -3,8 +3,7 @@
 #include "hosting/fake_service.h"
 #include "hosting/text.h"
 #include "support/memory_shortage.h"
-#include "support/probe.h"
-#include "support/temp_folder.h"
+#include "support/test.h"
 
 namespace Vx::Hosting {
 namespace {

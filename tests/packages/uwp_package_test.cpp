@@ -26,6 +26,10 @@ class UwpPackageTest : public Tests::MachineTest {
   void Fail(const char* call) { machine.faults.FailNamed(call); }
   void Stage() { machine.packages.Stage({kFamily, kFullName, {}}); }
   void Install() { machine.packages.Install({kFamily, kFullName, {}}, L"ann"); }
+
+  static void Find() { UwpPackage().FindPackageFullName(kFamily); }
+  static void Enroll() { UwpPackage().Register(kFullName); }
+  static void Read() { UwpPackageDataAccess().GetOriginAndVersion(kFamily); }
 };
 
 TEST_F(UwpPackageTest, FindsThePackageOfTheConsoleUserAlone) {
@@ -48,13 +52,8 @@ TEST_F(UwpPackageTest, DoesNothingWithoutTheConsoleUser) {
        [&] { machine.system.RemoveApiSet(Platform::kSessionApiSet); }},
       {"WTSQueryUserToken failed with 0x3f0", [&] { machine.users.DetachConsole(); }},
   };
-  const std::function<void()> operations[] = {
-      [] { UwpPackage().FindPackageFullName(kFamily); },
-      [] { UwpPackage().Register(kFullName); },
-      [] { UwpPackageDataAccess().GetOriginAndVersion(kFamily); },
-  };
   for (const auto& [failure, breakIt] : cases) {
-    for (const auto& operation : operations) {
+    for (void (*operation)() : {&Find, &Enroll, &Read}) {
       machine.faults.Clear();
       breakIt();
       EXPECT_THAT(operation, ThrowsMessage<std::exception>(failure));
@@ -88,24 +87,22 @@ TEST_F(UwpPackageTest, ForcesTheRegistrationOfWhatIsStagedButNotRegistered) {
 }
 
 TEST_F(UwpPackageTest, NamesTheCallThatFailed) {
-  const auto find = [] { UwpPackage().FindPackageFullName(kFamily); };
   const auto ask = [] { UwpPackage().ShouldForceRegistration(kUser, kFullName); };
-  const auto enroll = [] { UwpPackage().Register(kFullName); };
-  const auto read = [] { UwpPackageDataAccess().GetOriginAndVersion(kFamily); };
   const struct {
-    std::function<void()> operation;
+    void (*operation)();
     const char* call;
     const char* failure;
   } cases[] = {
-      {find, "Packages.FindByFamily", "FindPackagesByPackageFamily failed with 0x5"},
-      {find, "Packages.FamilyNames", "FindPackagesByPackageFamily failed with 0x5"},
+      {&Find, "Packages.FindByFamily", "FindPackagesByPackageFamily failed with 0x5"},
+      {&Find, "Packages.FamilyNames", "FindPackagesByPackageFamily failed with 0x5"},
       {ask, "Packages.AccountSid", "LookupAccountName failed with 0x5"},
       {ask, "Packages.FindForAllUsers", "refused failed with 0x80070005"},
-      {enroll, "Packages.Register", "refused failed with 0x80070005"},
-      {read, "Packages.StagedOrigin", "GetStagedPackageOrigin failed with 0x5"},
-      {read, "Packages.Version", "PackageIdFromFullName failed with 0x5"},
+      {&Enroll, "Packages.Register", "refused failed with 0x80070005"},
+      {&Read, "Packages.StagedOrigin", "GetStagedPackageOrigin failed with 0x5"},
+      {&Read, "Packages.Version", "PackageIdFromFullName failed with 0x5"},
   };
-  EXPECT_THAT(read, ThrowsMessage<std::exception>("FindPackagesByPackageFamily failed with 0x490"));
+  EXPECT_THAT(&Read,
+              ThrowsMessage<std::exception>("FindPackagesByPackageFamily failed with 0x490"));
   Install();
   for (const auto& c : cases) {
     Fail(c.call);
