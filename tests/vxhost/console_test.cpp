@@ -28,14 +28,12 @@ TEST(StopRequestTest, AClosingConsoleWaitsForTheOrderlyEndAndCtrlCDoesNot) {
       returned = true;
     });
     request->Wait(10'000);
-    if (kind == CTRL_C_EVENT) {
-      console.Join();
-    } else {
+    if (kind != CTRL_C_EVENT) {
       Sleep(50);
       EXPECT_FALSE(returned);
       request.reset();
-      console.Join();
     }
+    console.Join();
     EXPECT_TRUE(returned);
   }
 }

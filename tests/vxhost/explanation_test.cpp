@@ -83,7 +83,6 @@ class ExplanationTest : public Tests::StoreTest {
 };
 
 TEST_F(ExplanationTest, SaysOfTenSubscriptionsWhatThenHappensAndChangesNothing) {
-  const SubscriptionForm& power = kPowerForm;
   const std::wstring pinned = folder.Hold(L"pinned.exe");
   const std::wstring unsigned_ = folder.Hold(L"unsigned.exe");
   const std::wstring missing = folder / L"missing.exe";
@@ -118,7 +117,7 @@ TEST_F(ExplanationTest, SaysOfTenSubscriptionsWhatThenHappensAndChangesNothing) 
   Store(kPowerSubscriptions, texts);
 
   const auto before = State();
-  const auto explained = ExplainNow({&power, 18, {}});
+  const auto explained = ExplainNow({&kPowerForm, 18, {}});
   EXPECT_EQ(State(), before);
   ASSERT_EQ(explained.size(), std::size(rows));
 
@@ -164,13 +163,12 @@ TEST_F(ExplanationTest, SaysWhatAnUninstallLeadsTo) {
                                         LR"({"packageFamilyName":"f",
                                   "appServiceName":"s","payload":{"customTriggerGUID":"g"}})")});
   Install(L"Here");
-  const SubscriptionForm& kind = kPackageForm;
   const auto before = State();
-  const auto here = ExplainNow({&kind, 0, L"Here"});
+  const auto here = ExplainNow({&kPackageForm, 0, L"Here"});
   EXPECT_EQ(here[0].fate, Fate::Runs);
   EXPECT_EQ(here[1].fate, Fate::OtherEvent);
   EXPECT_EQ(here[2].action, L"send a message to f/s");
-  const auto gone = ExplainNow({&kind, 0, L"Gone"});
+  const auto gone = ExplainNow({&kPackageForm, 0, L"Gone"});
   EXPECT_EQ(gone[1].fate, Fate::Never);
   EXPECT_THAT(gone[1].reasons.front(), testing::HasSubstr(L"the next start or logon runs it late"));
   EXPECT_EQ(State(), before);
@@ -186,11 +184,10 @@ TEST_F(ExplanationTest, SaysWhatAnUninstallLeadsTo) {
 }
 
 TEST_F(ExplanationTest, NamesAHeldStoreAndGivesUp) {
-  const Tessel::Server::Storage::SystemMutex anyUse(L"18CC6446-1DB5-4D23-8F2B-441BA13883D6");
   std::promise<void> held;
   std::promise<void> done;
   std::thread holder([&] {
-    Tessel::Server::Storage::SystemMutex mutex(L"18CC6446-1DB5-4D23-8F2B-441BA13883D6");
+    Tessel::Server::Storage::SystemMutex mutex(CapDataStore::kMutexName);
     mutex.lock();
     held.set_value();
     done.get_future().wait();
