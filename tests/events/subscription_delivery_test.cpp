@@ -41,7 +41,7 @@ TEST_F(DeliveryTest, ReportsOnceThatTheStandbyEventsNameIsTakenAndWaits) {
   constexpr wchar_t kReport[] =
       L"warning|Another program has given the name {CE7DC567-F47B-4A07-8489-C9DEB372B88F} to an "
       L"object that is not an event. Modern Standby is not noticed until that object is gone.";
-  for (const int round : {1, 2}) {
+  for (std::size_t round = 1; round <= 2; ++round) {
     Platform::UniqueHandle otherProgram(CreateMutexW(nullptr, FALSE, kName));
     for (int delivery = 0; delivery < 3; ++delivery) {
       if (delivery == 2) otherProgram.reset();
