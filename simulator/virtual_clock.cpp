@@ -25,6 +25,9 @@ constexpr Duration kFirstPatience = std::chrono::seconds(30);
 // After this time the next is woken too, because the first may need a lock that the next holds.
 constexpr Duration kTurnPatience{250};
 
+// The longest pause of a worker that holds a lock: while it pauses, others may wait for the lock.
+constexpr Duration kLockedPause{25};
+
 // How often, in milliseconds, a parked worker polls a handle that a wait would reset.
 constexpr DWORD kLookInterval = 2;
 
@@ -322,7 +325,7 @@ Platform::WaitResult VirtualClock::WaitOutside(Lock& lock, Platform::RawHandle h
                                                Platform::RawHandle second,
                                                std::optional<Duration> deadline) {
   for (;;) {
-    if (!WaitForRest(lock, patience)) Die("VirtualClock: " + Describe());
+    if (!WaitToStep(lock, deadline.value_or(Duration::max()))) Die("VirtualClock: " + Describe());
     if (handle != nullptr && TakeSignal(handle)) return Signalled();
     if (second != nullptr && TakeSignal(second)) return Signalled();
     if (deadline && *deadline <= now) return TimedOut();
@@ -418,13 +421,20 @@ void VirtualClock::Fire(const Due& due) {
   SetEvent(due.timer->event.get());
 }
 
-// Waits until all workers are at rest, then fires the next deadline. False if it is after `limit`.
+// Waits until all workers are at rest, or until only the thread whose deadline is next may let them
+// go on. False if neither happens.
+bool VirtualClock::WaitToStep(Lock& lock, Duration limit) {
+  const auto isNear = [&] {
+    const auto next = NextDue();
+    return next && next->at <= std::min(now + kLockedPause, limit);
+  };
+  if (isNear() && !WaitForRest(lock, kTurnPatience) && isNear()) return true;
+  return WaitForRest(lock, patience);
+}
+
+// Fires the next deadline once the workers are at rest. False if it is after `limit`.
 bool VirtualClock::StepTo(Lock& lock, Duration limit) {
-  const auto dueNow = NextDue();
-  const bool moreNow = dueNow && dueNow->at <= now;
-  if (!WaitForRest(lock, moreNow ? kTurnPatience : patience) && !moreNow) {
-    throw ClockStuck("VirtualClock: " + Describe());
-  }
+  if (!WaitToStep(lock, limit)) throw ClockStuck("VirtualClock: " + Describe());
   const auto due = NextDue();
   if (!due || due->at > limit) return false;
   now = std::max(now, due->at);

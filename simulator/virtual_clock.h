@@ -125,6 +125,7 @@ class VirtualClock final : public Platform::Clock {
   bool AtRest();
   bool WaitForRest(Lock& lock, Duration limit);
   void RequireRest(Lock& lock);
+  bool WaitToStep(Lock& lock, Duration limit);
   std::optional<Due> NextDue();
   void Fire(const Due& due);
   bool StepTo(Lock& lock, Duration limit);
