@@ -79,15 +79,16 @@ is_trusted && fail 'the test authority is still trusted'
 unchanged 'the good module'
 
 cp bin/OrvaneService.dll "$work/good.dll"
-# broken NAME FAILED: expects exactly the rows in FAILED to fail with this module.
+# broken NAME FAILED ROW...: runs the rows with this module and expects exactly those in FAILED to fail.
 broken() {
   cp "$tree/tests/broken/$1/OrvaneService.dll" bin/
-  accept "$2" module slots subscription trust service console
+  shift
+  accept "$@"
 }
-broken trusts_everything trust
-broken allows_any_place trust
-broken drops_subscriptions 'subscription trust console'
-broken stays_loaded slots
+broken trusts_everything trust module slots subscription trust service console
+broken allows_any_place trust trust
+broken drops_subscriptions 'subscription trust console' module slots subscription trust service console
+broken stays_loaded slots module slots
 unchanged 'a broken module'
 
 # end_by SIGNAL: sends SIGNAL to the kit while it waits for a program that never runs.

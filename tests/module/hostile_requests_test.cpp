@@ -139,14 +139,9 @@ class HostileRequestsTest : public ModuleTest {
   static bool Documented(std::uint32_t id, const Hosting::CommandResult& answer) {
     static constexpr std::array kCodes = {0U,          0x20000001U, 0x20000002U, 0x20000003U,
                                           0x20000008U, 0x20000009U, 0x2000000AU};
-    static const std::array packageCodes = {PackageManagersFailure(),
-                                            0x20000004U,
-                                            0x20000005U,
-                                            0x20000006U,
-                                            0x20000007U,
-                                            0x83750007U,
-                                            0x83750009U,
-                                            0x8000000EU};
+    static const std::array<std::uint32_t, 8> packageCodes = {
+        0x20000004, 0x20000005, 0x20000006, 0x20000007,
+        0x83750007, 0x83750009, 0x8000000E, PackageManagersFailure()};
     const auto has = [&](const auto& codes) {
       return std::find(codes.begin(), codes.end(), answer.code) != codes.end();
     };

@@ -135,5 +135,14 @@ TEST_F(GetSubscriptionsTest, ListsWhatFitsInStoredOrderAndCountsTheRest) {
   }
 }
 
+TEST_F(GetSubscriptionsTest, ListsTheRestOnceAClientHasUnsubscribedSome) {
+  const StoredRequest first{OfLength(40000)};
+  const StoredRequest second{OfLength(50000)};
+  Plant(kPowerSubscriptions, Element::Text(ArrayOf({first, second}, &StoredRequest::stored)));
+  EXPECT_TRUE(List().response == AnswerFor({first, {second.stored, L""}}, {}));
+  host.Execute(19, first.listed.c_str());
+  EXPECT_TRUE(List().response == AnswerFor({second}, {}));
+}
+
 }  // namespace
 }  // namespace Vx::Tests

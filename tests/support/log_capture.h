@@ -39,10 +39,7 @@ class LogCapture {
 
   std::vector<std::uint64_t> Deliveries() const { return CopyOf(deliveries); }
 
-  bool Has(const std::wstring& line) const {
-    const auto all = Lines();
-    return std::find(all.begin(), all.end(), line) != all.end();
-  }
+  bool Has(const std::wstring& line) const { return std::ranges::count(Lines(), line) != 0; }
 
   void Clear() {
     const std::lock_guard guard(mutex);
