@@ -428,8 +428,13 @@ bool VirtualClock::WaitToStep(Lock& lock, Duration limit) {
     const auto next = NextDue();
     return next && next->at <= std::min(now + kLockedPause, limit);
   };
-  if (isNear() && !WaitForRest(lock, kTurnPatience) && isNear()) return true;
-  return WaitForRest(lock, patience);
+  const auto end = std::chrono::steady_clock::now() + patience;
+  bool soon = isNear();
+  do {
+    if (WaitForRest(lock, kTurnPatience)) return true;
+    if (std::exchange(soon, isNear()) && soon) return true;
+  } while (std::chrono::steady_clock::now() < end);
+  return false;
 }
 
 // Fires the next deadline once the workers are at rest. False if it is after `limit`.
