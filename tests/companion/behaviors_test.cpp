@@ -260,7 +260,7 @@ TEST_F(TextFileTest, AFileWithoutAMarkIsReadAsUtf8AndAnUnreadableOneHasNoText) {
   std::filesystem::create_directory(folder.Path() / "a folder");
   const struct {
     const wchar_t* name;
-    std::optional<std::string> content;  // empty if there is no such file
+    std::optional<std::string> content;  // empty for a missing file
     std::optional<std::wstring> text;
     std::vector<std::wstring> lines;
   } cases[] = {
