@@ -102,6 +102,10 @@ class LogManager {
   static void RemoveSink(SinkId id);
 };
 
+// Returns whether WriteRecord would reach a listener now. Lets its caller skip the formatting of
+// lines that nobody reads. Thread-safe.
+bool IsHeard(LogLevel level) noexcept;
+
 // Logs `text` with the service's own logger on behalf of the client of `record`. Sinks also receive
 // `record`. The maker's library writes only the line. Thread-safe. Never throws.
 void WriteRecord(const VxLogRecord& record, LogLevel level, const wchar_t* text) noexcept;

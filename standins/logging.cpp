@@ -292,6 +292,11 @@ void TraceLogger::Write(LogLevel level, const wchar_t* caller, const wchar_t* fo
   listeners.Deliver(record);
 }
 
+bool IsHeard(LogLevel level) noexcept {
+  const LastErrorKept kept;
+  return Listeners(level).Any();
+}
+
 void WriteRecord(const VxLogRecord& fields, LogLevel level, const wchar_t* text) noexcept {
   const LastErrorKept kept;
   const Listeners listeners(level);

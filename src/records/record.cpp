@@ -205,6 +205,10 @@ std::wstring SubscriptionHash(std::wstring_view request) {
 
 void Write(const Record& record) noexcept {
   const Outcome& outcome = record.outcome;
+  // A failed command or completion has already been logged.
+  const bool lost = record.kind >= Kind::Power && outcome.decision >= Decision::Dropped;
+  const auto level = lost ? Logging::LogLevel::Warning : Logging::LogLevel::Info;
+  if (!Logging::IsHeard(level)) return;
   const Name& decision = NameOf(outcome.decision);
   const Name& reason = NameOf(outcome.reason);
   const bool ofList = !record.subscription.empty() && record.kind <= Kind::Completion;
@@ -221,9 +225,6 @@ void Write(const Record& record) noexcept {
   if (outcome.reason != Reason::None) line.Add(kReason, reason.text);
   const bool ran = outcome.decision == Decision::Ran;
   if (outcome.number != 0) line.Add(ran ? kProcess : kStatus, outcome.number);
-  // A failed command or completion has already been logged.
-  const bool lost = record.kind >= Kind::Power && outcome.decision >= Decision::Dropped;
-  const auto level = lost ? Logging::LogLevel::Warning : Logging::LogLevel::Info;
   const ClientText target(record.target.c_str());
   const ClientText package(record.package.c_str());
   const ClientText client(record.client == nullptr ? L"" : record.client);
