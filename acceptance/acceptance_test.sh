@@ -9,9 +9,11 @@ disk="$prefix/drive_c"
 programs="$disk/Program Files" data="$disk/ProgramData"
 kit="$work/a kit"
 logons=
+# The kit removes at its start what a killed run left.
+remove_left() { [ ! -e "$programs/VxAcceptance" ] || run acceptance.exe --yes module; }
 cleanup() {
   for logon in $logons; do kill "$logon" 2>/dev/null; done
-  [ ! -e "$programs/VxAcceptance" ] || run acceptance.exe --yes module  # removes what an earlier run left
+  remove_left
   rm -rf "$work" "$programs/VxStandIn" "$programs/Vx" "$data/Vx"
 }
 trap cleanup EXIT
@@ -62,6 +64,7 @@ for key in "$tree"/tests/pki/*.key; do
 done
 
 run cmd /c exit  # creates the disk
+remove_left
 mkdir -p "$programs/VxStandIn"
 cp "$tree/tests/probe.exe" "$programs/VxStandIn/winlogon.exe"
 stand_in_logon
