@@ -55,6 +55,14 @@ static void Unmake(Service* service) {
   CHECK(((Destroy)service->slots[kDestroy])(service, 1) == (void*)service);
 }
 
+static void SlotZeroFreesTheObjectIfAsked(void) {
+  for (unsigned flags = 0; flags <= 1; ++flags) {
+    Service* service = Make();
+    CHECK(((Destroy)service->slots[kDestroy])(service, flags) == (void*)service);
+    CHECK(HeapValidate((HANDLE)_get_heap_handle(), 0, service) == (flags == 0));
+  }
+}
+
 static void* Context(Service* service, const wchar_t* clientId) {
   void* context = NULL;
   CHECK(((CreateContext)service->slots[kCreateClientContext])(service, clientId, &context) == 0);
@@ -68,10 +76,9 @@ static void Release(Service* service, void* context) {
 }
 
 static void ContextsCarryACopyOfTheCallersIdentity(void) {
-  wchar_t longest[65];
+  wchar_t longest[65] = {0};
   Service* service = Make();
   wmemset(longest, L'x', 64);
-  longest[64] = 0;
   const struct {
     const wchar_t* given;
     const wchar_t* kept;
@@ -199,6 +206,7 @@ static HMODULE LoadBesideTests(void) {
 
 int main(void) {
   HMODULE module = LoadBesideTests();
+  SlotZeroFreesTheObjectIfAsked();
   ContextsCarryACopyOfTheCallersIdentity();
   TheEndDoesNotWaitForACommand();
   AnObjectDoesNotKeepTheModule(module);
