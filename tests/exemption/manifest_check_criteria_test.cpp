@@ -54,7 +54,7 @@ TEST(Win32Exemption, FollowsLoweredNameAndVersion) {
       {L"hotkeyservicedsu", 7, 65535, true, L"hotkeyservicedsu"},
       {L"HotKeyServiceDSU", 8, 10, false, L"hotkeyservicedsu"},
       {L"HotKeyServiceDSU", 9, 0, false, L"hotkeyservicedsu"},
-      {L"Other", 1, 0, false, L"other"},
+      {L"@AZ[", 1, 0, false, L"@az["},
       {L"hot\u212Aeyserviceuwp", 1, 0, false, L"hot\u212Aeyserviceuwp"},  // with a Kelvin sign
   };
   for (const auto& c : kCases) {
