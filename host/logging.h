@@ -102,8 +102,8 @@ class LogManager {
   static void RemoveSink(SinkId id);
 };
 
-// Returns whether WriteRecord would reach a listener now. Lets its caller skip the formatting of
-// lines that nobody reads. Thread-safe.
+// Returns whether WriteRecord would reach a listener now. If not, its caller need not format the
+// line. Thread-safe.
 bool IsHeard(LogLevel level) noexcept;
 
 // Logs `text` with the service's own logger on behalf of the client of `record`. Sinks also receive
