@@ -13,10 +13,9 @@ namespace Vx::Hosting::ServiceHost {
 namespace {
 
 constexpr std::size_t kConnections = 50;
-constexpr std::size_t kHeapAllowance = std::size_t{64} * 1024;
-// A page kept at each of the day's steps would be twice as much. The heap grows by a megabyte if
-// the day once has more threads at work than the warm-up had.
-constexpr std::size_t kCommitAllowance = std::size_t{2} << 20;
+// Nine bytes, or a page, kept at each of the day's thousand steps would exceed these.
+constexpr std::size_t kHeapAllowance = std::size_t{8} * 1024;
+constexpr std::size_t kCommitAllowance = std::size_t{1} << 20;
 
 // Returns how many handles this process has open. Counts them one by one: those leaked while many
 // connections are open have high values, of which HandleGauge detects only some.
@@ -88,8 +87,8 @@ TEST_F(ServiceSoakTest, ADayLeavesHandlesThreadsAndMemoryWhereTheyWere) {
   const std::size_t day = Tests::Setting("VX_STEPS", 1000);
   LiveThrough(1000);
   struct Figures {
-    std::size_t threads;
-    std::size_t handles;
+    std::size_t threads = 0;
+    std::size_t handles = 0;
     Tests::MemoryInUse memory;
   };
   const auto measure = [this, quiet](std::size_t handles, const char* when) {
@@ -101,14 +100,20 @@ TEST_F(ServiceSoakTest, ADayLeavesHandlesThreadsAndMemoryWhereTheyWere) {
                 now.threads, now.handles, now.memory.committed / 1024, now.memory.heap);
     return now;
   };
-  const Figures before = measure(SIZE_MAX - Tests::kMutexEvents, "warm");
-  LiveThrough(day);
-  const Figures after = measure(before.handles, "afterward");
+  Figures before;
+  Figures after = measure(SIZE_MAX - Tests::kMutexEvents, "warm");
+  // A leak grows on every day. The heap also grows on one with more threads at once than before.
+  bool grows = true;
+  for (int days = 0; days < 3 && grows; ++days) {
+    before = after;
+    LiveThrough(day);
+    after = measure(before.handles, "afterward");
+    grows = after.memory.heap > before.memory.heap + kHeapAllowance ||
+            after.memory.committed > before.memory.committed + kCommitAllowance;
+  }
   EXPECT_LE(after.threads, quiet + 1);  // as above: the last connection may not be joined yet
   EXPECT_LE(after.handles, before.handles + Tests::kMutexEvents);
-  if (!Tests::MemoryIsMeasurable()) return;
-  EXPECT_LE(after.memory.heap, before.memory.heap + kHeapAllowance);
-  EXPECT_LE(after.memory.committed, before.memory.committed + kCommitAllowance);
+  EXPECT_FALSE(grows && Tests::MemoryIsMeasurable());
 }
 
 }  // namespace

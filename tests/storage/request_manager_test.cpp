@@ -122,9 +122,8 @@ TEST_F(RequestManagerTest, RefusesWhatNoClientCouldNameAndWhatMakesTheListsTooLo
   // The limit applies to both lists together. `kSecond` adds eight characters, including the comma.
   ASSERT_TRUE(CapDataStore().mergeMember(kServiceDocument, kZephraSubscriptions,
                                          BsonElement::Text(listOf(kMost / 2))));
-  Plant(listOf(kMost / 2 - 7));
-  EXPECT_FALSE(Manager().PersistRequest(kSecond));
   Plant(listOf(kMost / 2 - 8));
+  EXPECT_FALSE(Manager().PersistRequest(LR"({"n":22})"));
   EXPECT_TRUE(Manager().PersistRequest(kSecond));
   EXPECT_EQ(Manager().RemoveRequest(kSecond), RequestManager::Removal::Removed);
   const std::wstring refused = L"error|PersistRequest - failed to persist: Exception ";
