@@ -188,12 +188,15 @@ std::string CommandLine::UsersOf(unsigned option) const {
 }
 
 void CommandLine::RefuseUselessOptions() const {
+  std::string refused;
   for (const auto& leading : kLeading) {
     if ((useful & leading.option) != 0 || app.get_option(leading.name)->count() == 0) continue;
     const bool stays = (useful & Shared::Store) != 0 && leading.option != Shared::Dll;
-    throw CLI::ValidationError(
-        leading.name, "only " + UsersOf(leading.option) + " use it" + (stays ? kStays : ""));
+    refused += refused.empty() ? "" : "\n";
+    refused += leading.name;
+    refused += ": only " + UsersOf(leading.option) + " use it" + (stays ? kStays : "");
   }
+  if (!refused.empty()) throw CLI::ValidationError(refused);
 }
 
 // The module and the code linked into vxhost find the store through this variable.
