@@ -210,7 +210,7 @@ TEST_F(HostLoopTest, TheDisplaySetsTheStandbyEventOnModernStandbyAlone) {
         {"a resume in the dark", [&] { host.OnPower(PBT_APMRESUMEAUTOMATIC); }, false},
         {"off a third time", [] { ReportDisplay(0); }, true},
         {"a user's resume before the display", [&] { host.OnPower(PBT_APMRESUMESUSPEND); }, false},
-        {"off at last", [] { ReportDisplay(0); }, true},
+        {"off, and a suspend", [&] { ReportDisplay(0), host.OnPower(PBT_APMSUSPEND); }, true},
     };
     for (const auto& step : kSteps) {
       step.happens();

@@ -34,6 +34,8 @@ for unmet in code answer log event noEvent stored; do
 done
 printf '{"steps": [' > "$work/broken.json"
 expect 2 'is not valid JSON: line 1, column 12: ' --simulate scenario "$work/broken.json"
+printf '{"steps": []}\n\0' > "$work/longer.json"
+expect 2 'line 2, column 1: The document root must not be followed' --simulate scenario "$work/longer.json"
 expect 2 'cannot read' --simulate scenario "$work/missing.json"
 # When a scenario ends, a worker may still have to wait for more than a day.
 scenario long '{"install": {"family": "a", "fullName": "a_1", "user": "ann"}},
