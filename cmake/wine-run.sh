@@ -20,14 +20,16 @@ fi
 umask go-w  # a service cannot be installed where other accounts can write
 mkdir -p "$WINEPREFIX"
 # Wine's background services inherit the first client's open files. Starting the server here, with
-# all output redirected and the lock closed, keeps a test's pipes and the lock from them.
+# all output redirected and the lock closed, keeps a test's pipes and the lock from them. It stays for
+# longer than a prefix is ever idle during the tests: a program that starts while the server ends is
+# killed, or starts a server of its own, which ends with the program and stops every service.
 (
   flock 9
   {
     if [ ! -f "$WINEPREFIX/.ready" ]; then
       wineboot -i && wine winecfg -v win10 && { wineserver -k || :; } && touch "$WINEPREFIX/.ready"
     fi
-    if wineserver -p30; then wine cmd /c exit; fi
+    if wineserver -p300; then wine cmd /c exit; fi
   } 9>&-
 ) 9>"$WINEPREFIX/.lock" >/dev/null 2>&1 </dev/null
 # Set only here, because the services that Wine starts above need these libraries.
