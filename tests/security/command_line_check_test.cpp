@@ -24,7 +24,7 @@ TEST(IsCommandLineTrusted, ChecksTheFirstWord) {
     std::wstring commandLine;
     const wchar_t* checked;  // null if rejected without a check
   } kCases[] = {
-      {"with arguments", L"C:\\a.exe /b \"c d\"", L"C:\\a.exe"},
+      {"the longest arguments", L"C:\\a.exe " + std::wstring(32767 - 9, L'b'), L"C:\\a.exe"},
       {"quoted", L"\"C:\\Program Files\\a.exe\" /b", L"C:\\Program Files\\a.exe"},
       {"quotes inside the word", L"C:\"\\Program Files\"\\a.exe", L"C:\\Program Files\\a.exe"},
       {"leading blanks", L"  \t C:\\a.exe", L"C:\\a.exe"},
