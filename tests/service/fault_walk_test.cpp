@@ -14,8 +14,6 @@ constexpr std::int32_t kKept = 4711;
 constexpr std::size_t kNever = std::numeric_limits<std::size_t>::max();
 constexpr std::size_t kMostCalls = 3000;  // an upper bound for the calls of a flow
 
-constexpr std::uintptr_t kHandleStep = 4;  // between handle values
-
 constexpr wchar_t kNotify[] =
     LR"({"powerEventType":7,"eventAction":2,"commandParams":{"packageFamilyName":"f",)"
     LR"("appServiceName":"s","payload":{},"delayDeliverySec":"5"}})";
@@ -66,7 +64,7 @@ class FaultWalkTest : public SimulatedServiceTest {
       CheckWhatIsLeft();
     }
     const std::size_t spare = workers == Workers::None ? 1 : 4 + index / 10;
-    EXPECT_LE(HandleGauge(), handles + spare * kHandleStep);
+    EXPECT_LE(HandleGauge(), handles + spare * 4);  // handle values are four apart
     std::printf("%zu calls refused\n", index);
   }
 
@@ -113,7 +111,9 @@ class FaultWalkTest : public SimulatedServiceTest {
     EXPECT_FALSE(machine.users.AnyoneActs()) << "a user is still impersonated";
     EXPECT_EQ(machine.clock.Workers(), 0U);
     EXPECT_EQ(machine.firmware.LiveObjects(), 0);
-    EXPECT_EQ(host.Execute(21, L"{}").response,  // another service's value
+    // Another service's value, before the module repairs the file and afterward.
+    EXPECT_EQ(DocumentOf(storePath).Find("sleep_state").value().AsInt32(), kKept);
+    EXPECT_EQ(host.Execute(21, L"{}").response,
               L"{\"result\":{\"sleepState\":" + std::to_wstring(kKept) + L"}}");
   }
 };

@@ -45,6 +45,7 @@ check() {
     case " $(echo $shown) " in *" $option "*) ;; *) unwanted="$unwanted$option " ;; esac
   done
   exits 2 run --dll "$work/none" --private-store --simulate --store "$work/none" "$@" $needed
+  [ -n "$unwanted" ] || grep -q 'use only one' "$work/output" || fail "$* does not accept each option:" "$work/output"
   refused=$(sed -n 's/^\(--[a-z-]*\): only .* use it.*/\1/p' "$work/output" | tr '\n' ' ')
   [ "$refused" = "$unwanted" ] || fail "$* refuses \"$refused\", but its help does not show \"$unwanted\""
 }
