@@ -15,7 +15,7 @@ constexpr wchar_t kCheckFailed[] = L"Security - %S - the check failed, not trust
 // Windows parses the first word of a command line by special rules (it ignores quotes inside the
 // word). Another word in front turns the original first word into an ordinary argument.
 constexpr wchar_t kWordInFront[] = L"test.exe ";
-constexpr std::size_t kMaxCommandLine = 32767;
+constexpr std::size_t kMaxCommandLine = 32766;  // and a terminator, for CreateProcessW
 
 // The only exception boundary of a trust check. Every failure inside it means "not trusted".
 template <typename Check>
