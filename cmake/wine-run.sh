@@ -20,9 +20,9 @@ fi
 umask go-w  # a service cannot be installed where other accounts can write
 mkdir -p "$WINEPREFIX"
 # Wine's background services inherit the first client's open files. Starting the server here, with
-# all output redirected and the lock closed, keeps a test's pipes and the lock from them. It stays for
-# longer than a prefix is ever idle during the tests: a program that starts while the server ends is
-# killed, or starts a server of its own, which ends with the program and stops every service.
+# all output redirected and the lock closed, keeps a test's pipes and the lock from them. The server
+# stays for longer than a prefix is idle between two tests. A program that starts while the server
+# ends is killed, or starts a server of its own, which ends with it and stops every service.
 (
   flock 9
   {
