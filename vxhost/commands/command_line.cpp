@@ -192,9 +192,8 @@ void CommandLine::RefuseUselessOptions() const {
   for (const auto& leading : kLeading) {
     if ((useful & leading.option) != 0 || app.get_option(leading.name)->count() == 0) continue;
     const bool stays = (useful & Shared::Store) != 0 && leading.option != Shared::Dll;
-    refused += refused.empty() ? "" : "\n";
-    refused += leading.name;
-    refused += ": only " + UsersOf(leading.option) + " use it" + (stays ? kStays : "");
+    refused += (refused.empty() ? "" : "\n") + std::string(leading.name) + ": only " +
+               UsersOf(leading.option) + " use it" + (stays ? kStays : "");
   }
   if (!refused.empty()) throw CLI::ValidationError(refused);
 }
