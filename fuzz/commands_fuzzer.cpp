@@ -13,6 +13,7 @@
 #include "fuzz/fuzz_check.h"
 #include "fuzz/wide_input.h"
 #include "launch/launch_rules.h"
+#include "platform/processes.h"
 
 // Fuzzes the parts of a launch that a client's text controls: delay, command line, folder and
 // environment.
@@ -20,6 +21,7 @@
 namespace {
 
 using Vx::Fuzz::Check;
+using Vx::Platform::kMaxCommandLine;
 using namespace Vx::Tessel::Server::Services::Orvane;
 
 // Returns the leading int as parsed by the C library. Empty if there is none or it overflows.

@@ -2,9 +2,13 @@
 
 #include <algorithm>
 
+#include "platform/processes.h"
+
 namespace Vx::Tessel::Server::Services::Orvane {
 
 namespace {
+
+using Platform::kMaxCommandLine;
 
 constexpr std::wstring_view kSystemMarker = L"\\system32\\";
 constexpr std::wstring_view kDefaultMarker = L"\\Default\\";

@@ -8,9 +8,6 @@
 
 namespace Vx::Tessel::Server::Services::Orvane {
 
-// The longest command line that Windows accepts, in characters without the terminator: see
-// https://learn.microsoft.com/windows/win32/api/processthreadsapi/nf-processthreadsapi-createprocessasuserw
-inline constexpr std::size_t kMaxCommandLine = 32766;
 inline constexpr std::size_t kMaxPath = 32767;
 
 // Returns an app's path or, if there is a parameter, the quoted path, a space and the parameter.
@@ -18,7 +15,7 @@ inline constexpr std::size_t kMaxPath = 32767;
 std::optional<std::wstring> AppCommandLine(std::wstring_view executable,
                                            std::wstring_view parameter);
 
-// Returns the quoted path, then a space and the arguments if they fit in kMaxCommandLine.
+// Returns the quoted path, then a space and the arguments if they fit in Platform::kMaxCommandLine.
 std::wstring SessionCommandLine(std::wstring_view executable, std::wstring_view arguments);
 
 // Returns `wanted` if it can be a path, else the folder of `executable`, else an empty string.

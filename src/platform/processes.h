@@ -11,10 +11,14 @@
 
 namespace Vx::Platform {
 
+// The longest command line that Windows accepts, in characters without the terminator: see
+// https://learn.microsoft.com/windows/win32/api/processthreadsapi/nf-processthreadsapi-createprocessasuserw
+inline constexpr std::size_t kMaxCommandLine = 32766;
+
 // Inherits no handles. Flags: new console, normal priority, Unicode environment (0x430).
 struct ProcessStart {
   std::wstring application;          // full path, never searched for
-  std::wstring commandLine;          // at most 32,767 characters with the terminator
+  std::wstring commandLine;          // at most kMaxCommandLine characters
   std::wstring workingDirectory;     // empty: the service's own
   std::vector<wchar_t> environment;  // empty: the service's own
   std::wstring desktop{};            // "station\\desktop"; empty: the service's own

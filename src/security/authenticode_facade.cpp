@@ -15,7 +15,6 @@ constexpr wchar_t kCheckFailed[] = L"Security - %S - the check failed, not trust
 // Windows parses the first word of a command line by special rules (it ignores quotes inside the
 // word). Another word in front turns the original first word into an ordinary argument.
 constexpr wchar_t kWordInFront[] = L"test.exe ";
-constexpr std::size_t kMaxCommandLine = 32766;  // and a terminator, for CreateProcessW
 
 // The only exception boundary of a trust check. Every failure inside it means "not trusted".
 template <typename Check>
@@ -51,7 +50,7 @@ bool VxAuthenticodeFacade::IsDropboxFileTrusted(const wchar_t* path) {
 bool IsCommandLineTrusted(VxAuthenticodeFacadeBase& facade,
                           const std::wstring& commandLine) noexcept {
   try {
-    if (commandLine.size() > kMaxCommandLine) return false;
+    if (commandLine.size() > Platform::kMaxCommandLine) return false;
     // Windows stops reading at a NUL, so the text after it would not be checked.
     if (commandLine.find(L'\0') != std::wstring::npos) return false;
     const auto words = Platform::SplitCommandLine(kWordInFront + commandLine);

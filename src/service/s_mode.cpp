@@ -4,7 +4,6 @@
 #include <exception>
 
 #include "companion/windows_mode.h"
-#include "launch/launch_rules.h"
 #include "platform/environment.h"
 #include "platform/machine.h"
 #include "platform/processes.h"
@@ -50,7 +49,7 @@ bool StartSwitchSoftware(const Security::TrustedProgram& program, const wchar_t*
   start.application = program.Path();
   start.commandLine = L"\"" + program.Path() + L"\" " + arguments;
   const bool started =
-      start.commandLine.size() <= kMaxCommandLine &&
+      start.commandLine.size() <= Platform::kMaxCommandLine &&
       static_cast<bool>(Platform::CurrentMachine().processes->Start(nullptr, start));
   logger.LogInfo(kOutcome, "CreateProcess", program.Path().c_str(), started ? kSucceeded : kFailed);
   return started;

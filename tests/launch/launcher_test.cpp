@@ -1,7 +1,6 @@
 #include "launch/launcher.h"
 
 #include "companion/registration.h"
-#include "launch/launch_rules.h"
 #include "support/machine_test.h"
 #include "support/test.h"
 
@@ -62,7 +61,7 @@ TEST_F(LauncherTest, StartsNothingIfTheUserChangesBetweenItsTwoTokens) {
 }
 
 TEST_F(LauncherTest, RefusesAParameterThatIsTooLong) {
-  EXPECT_FALSE(launcher.Run(L"app.exe", kFamily, std::wstring(kMaxCommandLine, L'x')));
+  EXPECT_FALSE(launcher.Run(L"app.exe", kFamily, std::wstring(Platform::kMaxCommandLine, L'x')));
   EXPECT_THAT(machine.processes.Started(), IsEmpty());
   EXPECT_EQ(log.Lines().back(),
             L"warning|Problem while building the command line: it is too long.");
