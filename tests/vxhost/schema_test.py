@@ -18,6 +18,8 @@ if not pathlib.Path(vxhost).exists():
     sys.exit(f"{vxhost} is missing: build it with scripts/build")
 tests = pathlib.Path(tests)
 samples = tests.parent / "vxhost" / "scenarios"
+# Not signed_*: validate_test creates and deletes their programs on this machine at the same time.
+subscriptions = sorted((tests / "vxhost" / "subscriptions").glob("[0-9]*.json"))
 failures = []
 
 
@@ -58,12 +60,11 @@ def run(*arguments, code=0):
 
 def check_outputs():
     program = "Z:" + vxhost.replace("/", "\\")
-    subscriptions = sorted(p.name for p in (tests / "vxhost" / "subscriptions").glob("*.json"))
     for part, (code, *arguments) in {
             "exec": (1, "--simulate", "exec", "99"),
             "events": (0, "--simulate", "events", "--power", "18", "--seconds", "1"),
             "doctor": (1, "--simulate", "doctor"),
-            "validate": (1, "--simulate", "validate", *(f"@subscriptions/{name}" for name in subscriptions)),
+            "validate": (1, "--simulate", "validate", *(f"@subscriptions/{path.name}" for path in subscriptions)),
             "trust": (1, "trust", program),
             "pin": (1, "pin", program),
             "pins": (0, "pins"),
@@ -77,20 +78,20 @@ def check_outputs():
             expect(result, True, f"vxhost {' '.join(arguments[:3])}", "outputs", part)
         if part != "validate":
             continue
-        for name, result in zip(subscriptions, results, strict=True):
+        for path, result in zip(subscriptions, results, strict=True):
             if not result["runs"] or any(finding["verdict"] == "hint" for finding in result["findings"]):
                 continue
-            request = json.loads((tests / "vxhost" / "subscriptions" / name).read_text(encoding="utf-8"))
+            request = json.loads(path.read_text(encoding="utf-8"))
             kind = next(k for k, key in ((9, "powerEventType"), (14, "zephraEventType"), (7, "catalogEvent"))
                         if key in request)
-            expect(request, True, name, "requests", f"command{kind}")
+            expect(request, True, path.name, "requests", f"command{kind}")
 
 
 def check_stored():
     with tempfile.TemporaryDirectory() as folder:
         store = "Z:" + folder.replace("/", "\\")
         trigger = ("--send", "f", "--app-service", "s", "--trigger", "{01234567-89ab-cdef-0123-456789abcdef}")
-        for path in sorted((tests / "vxhost" / "subscriptions").glob("*.json")):
+        for path in subscriptions:
             command = "14" if "zephraEventType" in path.read_text(encoding="utf-8") else "9"
             run("--store", store, "exec", command, f"@subscriptions/{path.name}", "--json", code=None)
         run("--store", store, "subscriptions", "add", "--power", "7", "--delay", "2147486", "--force", *trigger, "--json")
