@@ -60,7 +60,7 @@ missing() { rm -f "$store"*; }
 size() { stat -c %s "$store"; }
 cut_short() { sound && truncate -s 30 "$store"; }
 zeroed() { sound && head -c "$(size)" /dev/zero >"$work/zero" && cat "$work/zero" >"$store"; }
-damaged() { sound && printf X | dd of="$store" bs=1 seek=$(($(size) - 30)) conv=notrunc 2>/dev/null; }
+damaged() { sound && printf XXXXXXXX | dd of="$store" bs=1 seek=$(($(size) - 30)) conv=notrunc 2>/dev/null; }
 foreign() { sound && printf '%0200d' 7 >"$store"; }
 second_name() { sound && ln "$store" "$data/second"; }
 too_large() { sound && truncate -s 65M "$store"; }
