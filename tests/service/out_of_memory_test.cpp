@@ -1,20 +1,17 @@
-
 #include "service/simulated_service.h"
+#include "storage/request_manager.h"
 #include "support/memory_shortage.h"
 #include "support/test.h"
 
 namespace Vx::Tests {
 namespace {
 
-using Tessel::Server::Services::ClientContext;
-using Tessel::Server::Services::Orvane::OrvaneService;
+using namespace Tessel::Server::Services::Orvane;
 
 class OutOfMemoryTest : public testing::Test {
  protected:
   PrivateStore store;
   ServiceFixture host;
-  OrvaneService* service = host.service.get();
-  ClientContext*& context = host.context;
   LogCapture log;
 };
 
@@ -41,14 +38,14 @@ TEST_F(OutOfMemoryTest, ACommandFailsWithoutAnAnswerOrDoesWithoutTheMemory) {
       wchar_t* response = nullptr;
       std::uint32_t result = 0;
       const auto execute = [&] {
-        result = service->ExecuteCommand(context, c.id, c.request, &response, nullptr);
+        result = host.service->ExecuteCommand(host.context, c.id, c.request, &response, nullptr);
       };
       const auto check = [&] {
         EXPECT_THAT(result, testing::AnyOf(0U, 0x20000002U, 0x20000008U));
         EXPECT_TRUE(result != 0 || response != nullptr);
         // A list must not appear empty because memory ran out.
         EXPECT_TRUE(result != 0 || c.id != 20 || std::wcsstr(response, kPower) != nullptr);
-        service->FreeResponse(response);
+        host.service->FreeResponse(response);
         response = nullptr;
       };
       EXPECT_GT(FailEachAllocation(kind, execute, check), 0U);
@@ -56,13 +53,25 @@ TEST_F(OutOfMemoryTest, ACommandFailsWithoutAnAnswerOrDoesWithoutTheMemory) {
   }
 }
 
+TEST_F(OutOfMemoryTest, ACompletionIsReportedOnlyIfTheRequestIsNoLongerStored) {
+  RequestManager requests(kServiceDocument, kPowerSubscriptions);
+  bool completed = false;
+  const auto complete = [&] { completed = requests.CompleteRequest(kPower); };
+  const auto check = [&] {
+    EXPECT_EQ(completed, host.Execute(20, L"{}").response->find(kPower) == std::wstring::npos);
+    host.Execute(9, kPower);
+  };
+  host.Execute(9, kPower);
+  EXPECT_GT(FailEachAllocation(Shortage::Once, complete, check), 0U);
+}
+
 TEST_F(OutOfMemoryTest, AResponseThatCannotBeAllocatedIsReported) {
   wchar_t* response = nullptr;
   std::uint32_t result = 0;
   const auto execute = [&] {
-    result = service->ExecuteCommand(context, 22, L"{}", &response, nullptr);
+    result = host.service->ExecuteCommand(host.context, 22, L"{}", &response, nullptr);
   };
-  const auto free = [&] { service->FreeResponse(response); };
+  const auto free = [&] { host.service->FreeResponse(response); };
   // The response buffer is this command's last allocation.
   const std::size_t allocations = FailEachAllocation(Shortage::Once, execute, free);
   log.Clear();
@@ -82,13 +91,13 @@ TEST_F(OutOfMemoryTest, NeitherAServiceNorAContextIsMadeByHalf) {
       [&] {
         if (other != nullptr) other->Destroy(1);
       });
-  ClientContext* made = nullptr;
+  decltype(host.context) made = nullptr;
   std::uint32_t result = 0;
   FailEachAllocation(
-      Shortage::Once, [&] { result = service->CreateClientContext(L"someone", &made); },
+      Shortage::Once, [&] { result = host.service->CreateClientContext(L"someone", &made); },
       [&] {
         EXPECT_EQ(result, made == nullptr ? 0x20000002U : 0U);
-        service->ReleaseClientContext(&made);
+        host.service->ReleaseClientContext(&made);
       });
 }
 
