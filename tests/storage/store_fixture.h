@@ -3,7 +3,6 @@
 #include "platform/data_protection.h"
 #include "simulator/fault_injection.h"
 #include "simulator/virtual_clock.h"
-#include "storage/cap_data_store.h"
 #include "storage/store_file.h"
 #include "support/faulty_files.h"
 #include "support/test.h"

@@ -1,7 +1,6 @@
 #include "support/memory_shortage.h"
 
 #include <atomic>
-#include <cstdlib>
 
 #include <windows.h>
 

@@ -1,6 +1,5 @@
 // with_data PROGRAM ARG...: runs a program with the variable VX_PROGRAM_DATA as its ProgramData,
 // and returns its exit code. The emulator sets ProgramData itself for programs started from Unix.
-#include <cwchar>
 #include <string>
 
 #include <windows.h>

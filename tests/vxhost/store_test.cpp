@@ -1,7 +1,6 @@
 #include "vxhost/store/store.h"
 
 #include "hosting/text.h"
-#include "platform/data_protection.h"
 #include "storage/cap_data_store.h"
 #include "storage/service_document.h"
 #include "storage/store_fixture.h"
