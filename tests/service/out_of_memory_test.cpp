@@ -59,9 +59,9 @@ TEST_F(OutOfMemoryTest, ACompletionIsReportedOnlyIfTheRequestIsNoLongerStored) {
   const auto complete = [&] { completed = requests.CompleteRequest(kPower); };
   const auto check = [&] {
     EXPECT_EQ(completed, host.Execute(20, L"{}").response->find(kPower) == std::wstring::npos);
-    host.Execute(9, kPower);
+    EXPECT_EQ(host.Execute(9, kPower).result, 0U);
   };
-  host.Execute(9, kPower);
+  ASSERT_EQ(host.Execute(9, kPower).result, 0U);
   EXPECT_GT(FailEachAllocation(Shortage::Once, complete, check), 0U);
 }
 
